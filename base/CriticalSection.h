@@ -1,0 +1,69 @@
+// The recursive lock that every floor shares, built on a plain POSIX mutex.
+//
+// The owner is kept beside the mutex, so a thread that holds the lock may take it again; only the outermost unlock
+// gives the mutex free. A recursive POSIX mutex would do the same, but its owner cannot be asked for or released whole,
+// which a cancelled thread's clean-up and the destructors of a lock's owner need.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+// A recursive mutual exclusion lock.
+//
+// Threads: any thread may lock and unlock; construction and destruction belong to the owner of the enclosing object.
+// Owns: the POSIX mutex.
+// Failure: a mutex that cannot be initialised leaves the lock invalid; it then locks nothing and its users run
+// unlocked.
+class CCriticalSection {
+ public:
+  CCriticalSection() noexcept;
+  ~CCriticalSection();
+  CCriticalSection(const CCriticalSection&) = delete;
+  CCriticalSection& operator=(const CCriticalSection&) = delete;
+
+  // Waits until the lock is free or already the caller's, then counts one more entry. [any thread]
+  void Lock() noexcept;
+
+  // Takes back one entry; the outermost one frees the lock. A call by a thread that does not hold the lock is ignored.
+  // [any thread]
+  void Unlock() noexcept;
+
+  // True while the calling thread holds the lock. [any thread]
+  [[nodiscard]] bool IsHeldByCaller() const noexcept;
+
+  // Gives the lock free whatever its depth, if the calling thread holds it. [any thread]
+  void ReleaseIfHeld() noexcept;
+
+  // Gives the lock at `critical_section` (a CCriticalSection*) free whatever its depth: for pthread_cleanup_push in a
+  // thread that may be cancelled while it holds the lock. [lock held]
+  static void CleanupHandlerForCritSecMutex(void* critical_section) noexcept;
+
+ private:
+  void ReleaseWhole() noexcept;
+
+  // Order is interface: other code of the suite embeds this layout.
+  pthread_mutex_t mutex_;
+  // Read without the mutex: a thread can only ever find its own id here if it wrote it itself, so relaxed order is
+  // enough.
+  std::atomic<pthread_t> owner_{0};
+  std::int32_t count_ = 0;
+  bool valid_ = false;
+};
+
+namespace qx {
+
+// Holds a CCriticalSection from construction to the end of the scope.
+class LockScope {
+ public:
+  explicit LockScope(CCriticalSection& lock) noexcept : lock_(lock) { lock_.Lock(); }
+  ~LockScope() { lock_.Unlock(); }
+  LockScope(const LockScope&) = delete;
+  LockScope& operator=(const LockScope&) = delete;
+
+ private:
+  CCriticalSection& lock_;
+};
+
+}  // namespace qx

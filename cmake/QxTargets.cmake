@@ -1,0 +1,85 @@
+# How this project's targets are made. Every target gets the warnings, the sanitizer and the hardening of the build;
+# a folder's CMakeLists.txt only says what the target consists of and what it may see.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g1")
+set(CMAKE_C_FLAGS_RELEASE "-O2 -g1")
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+
+find_package(Threads REQUIRED)
+
+add_library(qx_flags INTERFACE)
+target_compile_options(qx_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+# POSIX and GNU interfaces are used throughout (close_range, pthread_t printing, program_invocation_short_name).
+target_compile_definitions(qx_flags INTERFACE _GNU_SOURCE)
+target_include_directories(qx_flags INTERFACE ${PROJECT_SOURCE_DIR})
+target_link_libraries(qx_flags INTERFACE Threads::Threads)
+
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # A unique symbol would keep the module mapped for ever after dlclose.
+  target_compile_options(qx_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fno-gnu-unique>)
+endif()
+
+if(QX_SANITIZE STREQUAL "address")
+  target_compile_options(qx_flags INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
+  target_link_options(qx_flags INTERFACE -fsanitize=address,undefined)
+elseif(QX_SANITIZE STREQUAL "thread")
+  target_compile_options(qx_flags INTERFACE -fsanitize=thread -fno-omit-frame-pointer -O1)
+  target_link_options(qx_flags INTERFACE -fsanitize=thread)
+elseif(NOT QX_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "QX_SANITIZE is '${QX_SANITIZE}'; it may be empty, 'address' or 'thread'")
+else()
+  target_compile_options(qx_flags INTERFACE -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+  if(CMAKE_BUILD_TYPE STREQUAL "Release")
+    target_compile_definitions(qx_flags INTERFACE _FORTIFY_SOURCE=2)
+  endif()
+endif()
+if(QX_BUILD_FUZZ)
+  target_compile_options(qx_flags INTERFACE -fsanitize=fuzzer-no-link)
+  target_link_options(qx_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
+# qx_library(NAME SOURCES a.cpp... DEPS qx_other...): a subsystem library. It sees only what it links.
+function(qx_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_link_libraries(${name} PUBLIC qx_flags ${arg_DEPS})
+endfunction()
+
+# qx_test(NAME SOURCES a.cpp... DEPS qx_lib...): one GoogleTest program, one ctest test, run in shuffled order.
+# Under the thread sanitizer only suites whose name contains "Threads" run: the others have one thread to watch.
+function(qx_test name)
+  cmake_parse_arguments(arg "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE qx_test_support ${arg_DEPS} GTest::gtest GTest::gmock)
+  set(filter)
+  if(QX_SANITIZE STREQUAL "thread")
+    set(filter --gtest_filter=*Threads*)
+  endif()
+  add_test(NAME ${name} COMMAND ${name} --gtest_shuffle --gtest_brief=1 ${filter})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 600)
+endfunction()
+
+# qx_fuzz(NAME SOURCE x.cpp CORPUS dir DEPS qx_lib...): with QX_BUILD_FUZZ a libFuzzer program; otherwise the same entry
+# run over every file of the corpus as an ordinary test.
+function(qx_fuzz name)
+  cmake_parse_arguments(arg "" "SOURCE;CORPUS" "DEPS" ${ARGN})
+  add_executable(${name} ${arg_SOURCE})
+  target_link_libraries(${name} PRIVATE qx_fuzz_support ${arg_DEPS})
+  if(QX_BUILD_FUZZ)
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  else()
+    add_test(NAME ${name} COMMAND ${name} ${CMAKE_CURRENT_SOURCE_DIR}/${arg_CORPUS})
+    set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+  endif()
+endfunction()

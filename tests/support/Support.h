@@ -1,0 +1,77 @@
+// What tests of several folders share: private directories, whole files, worked examples of the docs, trace capture.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qx::test {
+
+// A directory of the test's own, removed with everything in it at the end of the scope.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& Path() const { return path_; }
+  std::string File(std::string_view name) const { return path_ + "/" + std::string(name); }
+
+ private:
+  std::string path_;
+};
+
+// A test fails (by exception) when the file cannot be read or written whole.
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, std::string_view bytes);
+bool Exists(const std::string& path);
+
+// "00000000  6b 65 79 ...  |key...|" with 16 bytes a line: the form in which docs/ shows bytes.
+std::string HexDump(std::string_view bytes);
+
+// The text of the fenced block that follows the line "<!-- example: NAME -->" in docs/PAGE, without the fences.
+std::string DocExample(const std::string& page, const std::string& name);
+
+// A seed for randomised tests: QX_TEST_SEED if set, else a fixed number, printed once for each caller.
+std::uint64_t Seed(const char* who);
+
+// Sets an environment variable (null: unsets it) and restores the old value at the end of the scope.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_;
+  std::string old_;
+  bool had_old_;
+};
+
+// Turns the test program's own Debug on at `level` with its log in a private directory, and off again at the end.
+class TraceCapture {
+ public:
+  explicit TraceCapture(int level);
+  ~TraceCapture();
+  TraceCapture(const TraceCapture&) = delete;
+  TraceCapture& operator=(const TraceCapture&) = delete;
+
+  // The traced texts since construction, one entry an element, without entry headers and the log's own head. An entry
+  // of several lines is one element; the line feed at an entry's end is cut.
+  std::vector<std::string> Entries() const;
+  // The same as "LEVEL-less" text joined by line feeds: for comparing with one literal.
+  std::string Text() const;
+
+ private:
+  TempDir dir_;
+  ScopedEnv directory_;
+  ScopedEnv level_;
+  ScopedEnv size_;
+  std::size_t head_bytes_ = 0;
+};
+
+}  // namespace qx::test
