@@ -1,0 +1,131 @@
+#!/usr/bin/env python3
+"""Checks what neither compiler nor formatter sees: line and function length, banned calls, include layers.
+
+Runs with the tests. Prints one line a finding and exits 1 if there is any.
+"""
+import pathlib
+import re
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+LINE_MAX = 120
+FUNCTION_LINES_MAX = 70
+FILE_LINES_MAX = 700
+
+# What a folder may include besides itself. "paths" is the lower floor of provider/.
+LAYERS = {
+    "base": set(),
+    "process": set(),
+    "markup": set(),
+    "debug": {"base", "process"},
+    "registry": {"base", "process", "debug"},
+    "inifile": {"base", "process", "debug"},
+    "paths": {"base", "process", "debug", "registry", "inifile"},
+    "reportfile": {"base", "process", "debug", "registry", "inifile", "paths"},
+    "provider": {"base", "process", "debug", "markup", "registry", "inifile", "paths", "reportfile"},
+    "tools": {"base", "process", "debug", "markup", "registry", "inifile", "paths", "reportfile", "provider"},
+}
+PATHS_FILES = {"QXString.h", "ServerControlPaths.h", "ServerControlPaths.cpp"}
+
+BANNED = [
+    (r"\b(strcpy|strcat|sprintf|vsprintf|gets|strtok|atoi|atol|atof|rand|srand|alloca|tmpnam|mktemp)\s*\(", "unsafe call"),
+    (r"\b(localtime|gmtime|asctime|ctime)\s*\(", "not safe with threads; use the _r form"),
+    (r"\b(system|popen)\s*\(", "runs a shell"),
+    (r"\bthread_local\b", "would keep the module mapped and breaks dlclose"),
+    (r"#\s*include\s*<(iostream|regex|ranges)>", "too heavy for the module, or not usable with clang 14"),
+    (r"\busing namespace\b", "names what it uses"),
+]
+BANNED_ONLY_IN_MODULE = {r"#\s*include\s*<(iostream|regex|ranges)>"}
+
+
+def tracked(*patterns):
+    out = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard", "--", *patterns], cwd=ROOT,
+                         capture_output=True, text=True, check=True).stdout
+    return [pathlib.Path(line) for line in out.splitlines() if (ROOT / line).exists()]
+
+
+def layer_of(path):
+    if path.parts[0] == "provider" and path.name in PATHS_FILES:
+        return "paths"
+    return path.parts[0]
+
+
+def code_of(line):
+    """The line without its line comment and without the contents of its string literals."""
+    line = re.sub(r'"(\\.|[^"\\])*"', '""', line)
+    return line.split("//", 1)[0]
+
+
+def check_lines(path, lines):
+    for number, line in enumerate(lines, 1):
+        if len(line) > LINE_MAX:
+            yield number, f"{len(line)} characters, at most {LINE_MAX}"
+        if line != line.rstrip() or "\t" in line:
+            yield number, "tab or white space at the end"
+        code = code_of(line)
+        for pattern, why in BANNED:
+            if pattern in BANNED_ONLY_IN_MODULE and path.parts[0] not in LAYERS:
+                continue
+            if re.search(pattern, code):
+                yield number, why
+
+
+def check_layers(path, lines):
+    layer = layer_of(path)
+    if layer not in LAYERS:
+        return
+    for number, line in enumerate(lines, 1):
+        match = re.match(r'\s*#\s*include\s*"([^"]+)"', line)
+        if not match:
+            continue
+        target = layer_of(pathlib.Path(match.group(1)))
+        if target == "provider" and layer == "paths":
+            yield number, f"the lower floor of provider/ includes {match.group(1)} of the upper one"
+        elif target != layer and target not in LAYERS[layer]:
+            yield number, f"{layer} may not include {match.group(1)}"
+
+
+def check_functions(path, lines):
+    """A definition starts in column 0, its body opens with '{' at a line's end and closes with a lone '}' in column 0."""
+    start = None
+    is_open = False
+    for number, line in enumerate(lines, 1):
+        if is_open:
+            if line.startswith("}"):
+                length = number - start + 1
+                if not line.startswith("};") and length > FUNCTION_LINES_MAX:
+                    yield start, f"function of {length} lines, at most {FUNCTION_LINES_MAX}"
+                start, is_open = None, False
+            continue
+        if start is None and re.match(r"[A-Za-z_\[~]", line) and not re.match(r"(namespace|extern|#)\b", line):
+            start = number
+        if start is not None:
+            code = code_of(line).rstrip()
+            is_open = code.endswith("{")
+            if code.endswith((";", "}")) or not code:
+                start = None
+
+
+def check_pragma(path, lines):
+    if path.suffix == ".h" and not any(line.startswith(("#pragma once", "#ifndef")) for line in lines):
+        yield 1, "header without #pragma once"
+
+
+def main():
+    findings = []
+    for path in tracked("*.cpp", "*.h", "*.c"):
+        lines = (ROOT / path).read_text(encoding="utf-8").split("\n")
+        checks = [check_lines(path, lines), check_layers(path, lines), check_pragma(path, lines)]
+        if path.parts[0] in LAYERS:
+            checks.append(check_functions(path, lines))
+            if len(lines) > FILE_LINES_MAX:
+                findings.append(f"{path}:1: {len(lines)} lines, at most {FILE_LINES_MAX}")
+        for check in checks:
+            findings.extend(f"{path}:{number}: {what}" for number, what in check)
+    print("\n".join(findings) if findings else "house style: clean")
+    return 1 if findings else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
