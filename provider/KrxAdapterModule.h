@@ -1,0 +1,82 @@
+// The module object: what every provider answers to the KRX service, behind the exported functions.
+//
+// One object serves all threads. It is created while the library is loaded, reached through pAdapterModule and deleted
+// while the library is unloaded. A provider derives from it and adds its own request functions.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <string>
+
+#include "provider/ModuleExports.h"
+
+class CMarkup;
+class KrxRequestParams;
+
+namespace qx::provider {
+struct KrxAdapterModuleLayout;
+}
+
+// The generic operations of a provider module.
+//
+// Threads: any number of threads may call it at once; its members are written by Init and __stoprequest only.
+// Owns: the version texts. Holds no state of a request or a thread.
+// Failure: a request's failure reaches the client through SetRequestError; operations may throw std::bad_alloc, which
+// the exported functions turn into -1.
+class CKrxAdapterModule {
+ public:
+  CKrxAdapterModule() = default;
+  CKrxAdapterModule(const CKrxAdapterModule&) = delete;
+  CKrxAdapterModule& operator=(const CKrxAdapterModule&) = delete;
+
+  // Order is interface: the virtual slots, behind the two of the destructor.
+  virtual ~CKrxAdapterModule();
+  // Called once behind Init; the result is ignored. [load/unload]
+  virtual bool OnLoad();
+  // Called once before the object is deleted. [load/unload]
+  virtual void OnUnload();
+  // Called when the service announces its stop. [any thread]
+  virtual void OnServiceStop();
+  // Identification: `out` becomes an element named after the module with its version texts. Returns 0. [any thread]
+  virtual int What(KrxRequestParams& params, CMarkup& in, CMarkup& out);
+  // Echo: `out` becomes a copy of `in` if that is well formed, and is left alone otherwise. Returns 0. [any thread]
+  virtual int Reflect(KrxRequestParams& params, CMarkup& in, CMarkup& out);
+  // Frees a reply text of ReplyString or AllocReplyString; null is allowed. [any thread]
+  virtual void __free(void* p);
+  virtual void __threadbegin();  // [any thread]
+  // `userData` is the per-thread state that a provider keeps in the block's element 1; the base has none. [any thread]
+  virtual void __threadend(void* userData);
+  // The frame's version, 30400. [any thread]
+  virtual int __handle_version();
+
+  // Takes the version texts from the DreQX* variables; a null one leaves "N/A" ("0.00.00" for the version, an empty
+  // milestone). `path` is read as text and not kept; null is allowed. Always true. [load/unload]
+  bool Init(void* path);
+  // Marks the service stop and calls OnServiceStop; the module keeps serving. [any thread]
+  void __stoprequest();
+
+  // Whether the block can be worked with. On failure `errorText` and `errorCode` (13) say why; they are left alone
+  // otherwise. [any thread]
+  [[nodiscard]] bool CheckRequestParams(KrxRequestParams& params, std::string& errorText, unsigned& errorCode);
+  // Replaces whatever `out` holds by <Error Msg="message" LastError="code"/>, without LastError when `code` is 0. A
+  // null message counts as empty. [any thread]
+  void SetRequestError(CMarkup& out, const char* message, unsigned code);
+
+  // A copy of `text` for the service, to be given back through __free; null for null and when memory is short.
+  // [any thread]
+  [[nodiscard]] static char* ReplyString(const char* text);
+  // Room for a reply of `size` bytes, to be given back through __free; null when memory is short. [any thread]
+  [[nodiscard]] static void* AllocReplyString(std::size_t size);
+  static void FreeReplyString(void* p);  // [any thread]
+
+ private:
+  friend struct qx::provider::KrxAdapterModuleLayout;
+
+  // Order is interface: other code of the suite embeds this layout.
+  std::string module_name_;
+  std::string file_version_;
+  std::string company_;
+  std::string build_date_;
+  std::string milestone_;
+  std::atomic<bool> stop_requested_{false};  // one byte; written by whichever thread announces the stop
+};

@@ -1,0 +1,111 @@
+// One call's request parameter block with typed access by parameter index, and the security results of the caller.
+//
+// The block (provider/KrxGenData.h) belongs to the service and outlives the object. An accessor never fails loudly:
+// a missing element, one of another type, a null value give the accessor's empty value. Counts and pointers in the
+// block are the service's word: a negative count is none, a null array is empty, a null entry is skipped, a chain that
+// loops ends; a count larger than its array cannot be noticed.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "provider/KrxGenData.h"
+
+namespace qx::provider {
+struct KrxRequestParamsLayout;
+}
+
+// Wraps one raw block for the duration of one call.
+//
+// Threads: one thread only, the one that makes the call.
+// Owns: its copies of tag, user id and privilege names; never the block.
+// Failure: empty values; see the file's head.
+class KrxRequestParams {
+ public:
+  // Without a block: no accessor may be called. [any thread]
+  KrxRequestParams() = default;
+  // `gen_data` must not be null and must outlive the object; its tag is read at once. [any thread]
+  explicit KrxRequestParams(const wcs_gendata* gen_data);
+  KrxRequestParams(const KrxRequestParams&) = delete;
+  KrxRequestParams& operator=(const KrxRequestParams&) = delete;
+
+  // The header's fields as they stand. [owning thread]
+  [[nodiscard]] std::uint32_t GetVersion() const noexcept;
+  [[nodiscard]] std::int32_t GetSize() const noexcept;
+  [[nodiscard]] std::int32_t GetElementCount() const noexcept;
+
+  // The header's tag as it stood at construction; "???" when its four bytes hold no NUL at the end. The pointer is
+  // valid while the object lives. [owning thread]
+  [[nodiscard]] const char* GetSignature() const noexcept;
+  // Byte-wise comparison of the whole signature. [owning thread]
+  [[nodiscard]] bool CheckSignature(const char* expected) const noexcept;
+
+  // Generic access by index. Of several elements with one index only the first is seen; index 0 is never found.
+  // [owning thread]
+
+  // Copy of a type 8 element's text; empty otherwise.
+  [[nodiscard]] std::string GetParamString(int index) const;
+  // The number of a type 4, 5 or 6 element, zero-extended; 0 otherwise.
+  [[nodiscard]] std::uint32_t GetParamValue(int index) const noexcept;
+  [[nodiscard]] bool GetParamBool(int index) const noexcept;
+  // The pointer datum of a type 3 element; null otherwise.
+  [[nodiscard]] void* GetParamPtr(int index) const noexcept;
+  // Overwrites the pointer datum of a type 3 element in the service's block; dropped silently when there is none.
+  // Whether it took shows in GetParamPtr.
+  void SetParamPtr(int index, void* p) const noexcept;
+
+  // Named access. [owning thread]
+
+  // The module's per-thread state; null when the block has no type 3 element 1. A caller that has just stored p and
+  // reads another pointer back still owns p.
+  [[nodiscard]] void* GetProviderSpecificData() const noexcept { return GetParamPtr(kKrxProviderData); }
+  void SetProviderSpecificData(void* p) const noexcept { SetParamPtr(kKrxProviderData, p); }
+  [[nodiscard]] std::uint32_t GetThreadId() const noexcept { return GetParamValue(kKrxThreadId); }
+  [[nodiscard]] std::string GetFunctionId() const { return GetParamString(kKrxFunctionId); }
+  [[nodiscard]] std::string GetApplicationId() const { return GetParamString(kKrxApplicationId); }
+  [[nodiscard]] bool GetZipCompressionEnabled() const noexcept { return GetParamBool(kKrxZipCompression); }
+  [[nodiscard]] std::uint32_t GetZipLevel() const noexcept { return GetParamValue(kKrxZipLevel); }
+  [[nodiscard]] std::uint32_t GetSSLUsage() const noexcept { return GetParamValue(kKrxSslUsage); }
+  [[nodiscard]] bool GetKeepAlive() const noexcept { return GetParamBool(kKrxKeepAlive); }
+  [[nodiscard]] std::uint32_t GetRequestTimeout() const noexcept { return GetParamValue(kKrxRequestTimeout); }
+  [[nodiscard]] std::string GetRequestPath() const { return GetParamString(kKrxRequestPath); }
+  [[nodiscard]] std::string GetRequestMode() const { return GetParamString(kKrxRequestMode); }
+  [[nodiscard]] std::string GetRequestMethod() const { return GetParamString(kKrxRequestMethod); }
+
+  // Address of the client. The first form leaves `out` as it was when the block has none, and always returns false: the
+  // result carries no information. [owning thread]
+  bool GetRequestorAddress(std::string& out) const;
+  [[nodiscard]] std::string GetRequestorAddress() const;
+
+  // Looks for the security validation data and fills user id and privileges from it. True when there is such data, even
+  // if it grants nothing. May be called again: nothing grows. [owning thread]
+  bool FindSecurityValidationData();
+  // The same; a request without such data is not subject to authorisation. [owning thread]
+  [[nodiscard]] bool IsSecurityDataAvailable();
+  // Whether the caller holds the privilege; exact bytes. Call FindSecurityValidationData first. [owning thread]
+  [[nodiscard]] bool HasSecurityPrivilege(const std::string& name) const;
+  // Appends the privilege names in ascending byte order; they are valid while the object lives. True when `out` is not
+  // empty afterwards. [owning thread]
+  bool GetAvailablePrivileges(std::vector<const char*>& out) const;
+
+  // Reads the login that the client sent. What the block does not carry leaves its target as it was; an empty value
+  // clears it; of two values for one target the later one wins. True when `userId` is not empty afterwards and the
+  // block has a credential list. Nothing is kept here. [owning thread]
+  [[nodiscard]] bool GetUserCredentials(std::string& userId, std::string& password, std::string& domain) const;
+
+ private:
+  friend struct qx::provider::KrxRequestParamsLayout;
+
+  bool LocateValidationData();
+  void ReadAuthorization(const krx_authorization_data* authorization);
+  int ReadDepartment(int number, const krx_department* department);
+
+  // Order is interface: other code of the suite embeds this layout.
+  const krx_gendata* gen_data_ = nullptr;
+  const krx_validation_data* validation_data_ = nullptr;
+  std::map<std::string, std::uint32_t> privileges_;  // name => 1
+  std::string auth_user_id_;
+  std::string signature_;
+};
