@@ -1,0 +1,21 @@
+// Internal: the texts under /proc, taken apart. Free of the file system, so that tests can feed it any text.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+namespace qx::process {
+
+// The number on the line whose first word is `key`, in bytes.
+//   "VmSwap:\t       2 MB\n"  VmSwap:  => 2097152
+//   "Threads:\t5\n"           Threads: => 5
+//   "Name:\tcat\n"            Name:    => nothing
+[[nodiscard]] std::optional<unsigned long> BytesOnStatusLine(std::string_view status_text, std::string_view key);
+
+// A number of bytes in units of 1024 to the power of `unit`, rounded down.
+[[nodiscard]] unsigned long InUnit(unsigned long bytes, int unit);
+
+// The process id that a directory name under /proc spells, or nothing: "17" => 17; "self", "0", "17x" => nothing.
+[[nodiscard]] std::optional<int> PidOfDirectoryName(std::string_view name);
+
+}  // namespace qx::process
