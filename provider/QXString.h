@@ -1,0 +1,85 @@
+// A standard string with printf-style formatting that sizes the text exactly.
+//
+// The text is measured first and then printed into a buffer of that length, so it is never cut and no guess at a size
+// is made. It is built beside the target and moved into it last, so the target itself may stand among the arguments.
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+// A `String` that can be set to, or extended by, formatted text.
+//
+// Threads: those of the string it is.
+// Failure: text that cannot be formatted (a field over 2 GiB, a wide character without an encoding) counts as empty;
+// so does a null format. An allocation that fails throws what the string throws, with the target unchanged.
+template <class String = std::string, class Char = char>
+class CQXString : public String {
+  static_assert(std::is_same_v<Char, char> && std::is_same_v<typename String::value_type, Char>,
+                "the printf family that measures its text exists for char only");
+
+ public:
+  using String::String;
+  CQXString() = default;
+  CQXString(const String& text) : String(text) {}
+  CQXString(String&& text) noexcept : String(std::move(text)) {}
+
+  // Sets the string to the formatted text. The arguments may point into the string. [owning thread]
+  //   "a.%s" with "b"                 => a.b
+  //   "%s%s" with the string's own x  => xx
+  CQXString& Format(const char* format, ...) __attribute__((format(printf, 2, 3))) {
+    va_list args;
+    va_start(args, format);
+    const ArgsScope scope{args};
+    FormatV(*this, format, args);
+    return *this;
+  }
+
+  // Adds the formatted text behind the string's end. The arguments may point into the string. [owning thread]
+  CQXString& AppendFormat(const char* format, ...) __attribute__((format(printf, 2, 3))) {
+    va_list args;
+    va_start(args, format);
+    const ArgsScope scope{args};
+    AppendFormatV(*this, format, args);
+    return *this;
+  }
+
+  // The same on any string, with an argument list; what `args` holds afterwards is not to be used. [owning thread]
+  static void FormatV(String& target, const char* format, va_list args) __attribute__((format(printf, 2, 0))) {
+    target = Formatted(format, args);
+  }
+  static void AppendFormatV(String& target, const char* format, va_list args) __attribute__((format(printf, 2, 0))) {
+    target += Formatted(format, args);
+  }
+
+ private:
+  // Ends an argument list on every path, a failing allocation included.
+  struct ArgsScope {
+    va_list& args;
+    ~ArgsScope() { va_end(args); }
+  };
+
+  static String Formatted(const char* format, va_list args) __attribute__((format(printf, 1, 0))) {
+    const int length = MeasuredLength(format, args);
+    String text;
+    if (length <= 0) return text;
+    text.resize(static_cast<std::size_t>(length));
+    // One byte more than the length: the terminator goes where the string keeps its own.
+    const int printed = std::vsnprintf(text.data(), text.size() + 1, format, args);
+    if (printed != length) text.clear();
+    return text;
+  }
+
+  // The length of the formatted text, or negative when it cannot be formatted. Leaves `args` untouched.
+  static int MeasuredLength(const char* format, va_list args) __attribute__((format(printf, 1, 0))) {
+    if (format == nullptr) return -1;
+    va_list copy;
+    va_copy(copy, args);
+    const int length = std::vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    return length;
+  }
+};
