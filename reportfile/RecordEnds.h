@@ -1,0 +1,42 @@
+// Where records end: the searches that reading consists of.
+//
+// A record's text ends with its first line feed or byte 0xFF, and in front of its first NUL. So one search for the
+// first of the three bytes finds the end of the text, and one count tells whether a run of records holds an exception.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace qx::report {
+
+constexpr bool EndsText(char byte) { return byte == '\n' || byte == '\xFF' || byte == '\0'; }
+
+// What a reader sees behind the last byte of the data file: the end of the file reads as the byte 0xFF.
+inline constexpr std::string_view kEndOfFile = "\xFF";
+
+// Where the first byte that ends a text stands; bytes.size() if there is none.
+[[nodiscard]] std::size_t FindTextEnd(std::string_view bytes);
+
+// How many bytes that end a text there are.
+[[nodiscard]] std::size_t CountTextEnds(std::string_view bytes);
+
+// The same, byte by byte: for processors without the fast form, and what the fast form is tested against.
+[[nodiscard]] std::size_t FindTextEndPlain(std::string_view bytes);
+[[nodiscard]] std::size_t CountTextEndsPlain(std::string_view bytes);
+
+// How much of a record's text stands in a piece of the data file, and whether it ends there.
+//   "ab\r\ncd"   => 4 bytes, the last
+//   "ab"         => 2 bytes, more to come
+//   "ab\0cd\r\n" => 2 bytes, the last
+struct RecordPiece {
+  std::size_t text_bytes;
+  bool is_last;
+};
+
+[[nodiscard]] inline RecordPiece PieceOf(std::string_view bytes) {
+  const std::size_t end = FindTextEnd(bytes);
+  if (end == bytes.size()) return {end, false};
+  return {bytes[end] != '\0' ? end + 1 : end, true};
+}
+
+}  // namespace qx::report

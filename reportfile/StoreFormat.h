@@ -1,0 +1,113 @@
+// The bytes of a report's two files and their arithmetic; docs/report-store.md describes them for strangers.
+//
+// The data file holds record lines ("text\r\n") one after another, with an end marker behind the newest. The index file
+// holds a 24-byte header and then one 32-bit data file offset a slot; the slots form a ring. Everything here is pure:
+// no file is touched.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace qx::report {
+
+// What stands behind a record's text in the data file: the record's own line end, then the marker that says "nothing
+// newer follows". The next record overwrites the marker.
+inline constexpr std::string_view kLineEnd = "\r\n";
+inline constexpr std::string_view kEndMarker = "===>\r\n";
+inline constexpr std::string_view kLineEndAndMarker = "\r\n===>\r\n";
+
+inline constexpr std::uint32_t kMaxRecordDefault = 10000;
+inline constexpr std::uint32_t kMaxRecordUnlimited = 0x3FFFFFFF;
+
+// The head of the index file as it stands, in the byte order of the host. Default values are those of a new store
+// object.
+struct IndexHeader {
+  std::uint32_t writePosition = 0;              // data file offset of the end marker, where the next record goes
+  std::uint32_t fileEnd = 0;                    // highest writePosition since the data file was last restarted
+  std::uint32_t elementCount = 0;               // records ever written, modulo 2^32
+  std::uint32_t maxRecord = kMaxRecordDefault;  // slots in the ring
+  std::uint32_t highestIndex = 0;               // slots in use: grows to maxRecord and stays there
+  std::uint32_t oldestIndex = 0;                // slot of the oldest record once all slots are in use, 0 before
+
+  friend bool operator==(const IndexHeader&, const IndexHeader&) = default;
+};
+
+static_assert(std::endian::native == std::endian::little, "report files of other hosts have the other byte order");
+static_assert(std::is_trivially_copyable_v<IndexHeader> && std::is_standard_layout_v<IndexHeader>);
+static_assert(sizeof(IndexHeader) == 24);
+static_assert(offsetof(IndexHeader, writePosition) == 0);
+static_assert(offsetof(IndexHeader, fileEnd) == 4);
+static_assert(offsetof(IndexHeader, elementCount) == 8);
+static_assert(offsetof(IndexHeader, maxRecord) == 12);
+static_assert(offsetof(IndexHeader, highestIndex) == 16);
+static_assert(offsetof(IndexHeader, oldestIndex) == 20);
+
+// "/data/r1" => "/data/r1.ind" and "/data/r1.dat"
+inline std::string IndexFileName(std::string_view base_path) { return std::string(base_path) + ".ind"; }
+inline std::string DataFileName(std::string_view base_path) { return std::string(base_path) + ".dat"; }
+
+// Where a slot stands in the index file. In 64 bits: a slot number from a damaged header must not wrap back into the
+// header's bytes.
+//   slot 0           => 24
+//   slot 0xFFFFFFFF  => 0x400000014
+constexpr std::int64_t SlotOffset(std::uint32_t slot) {
+  return std::int64_t{sizeof(IndexHeader)} + std::int64_t{4} * slot;
+}
+
+// The ring size that a new store gets: 0 asks for as many slots as the format is meant for.
+constexpr std::uint32_t RingSize(std::uint32_t max_records) {
+  return max_records != 0 ? max_records : kMaxRecordUnlimited;
+}
+
+// The slot of a record by age, 0 being the oldest. A header without slots (damaged) takes the sum as it is.
+//   4 slots, oldestIndex 2, logical 0  => slot 2
+//   4 slots, oldestIndex 2, logical 2  => slot 0
+constexpr std::uint32_t SlotOfLogical(const IndexHeader& header, std::uint32_t logical) {
+  const std::uint32_t slot = logical + header.oldestIndex;
+  return header.maxRecord != 0 ? slot % header.maxRecord : slot;
+}
+
+// The ring fills its free slots first, then replaces its oldest record.
+//   3 slots, 2 used                    => slot 2
+//   3 slots, all used, oldestIndex 1   => slot 1
+constexpr std::uint32_t SlotForNewRecord(const IndexHeader& header) {
+  return header.highestIndex < header.maxRecord ? header.highestIndex : header.oldestIndex;
+}
+
+// Counts the record that SlotForNewRecord placed: one more slot in use, or the next oldest one.
+constexpr void AdvanceRing(IndexHeader& header) {
+  if (header.highestIndex < header.maxRecord) {
+    ++header.highestIndex;
+    return;
+  }
+  const std::uint32_t next = header.oldestIndex + 1;
+  header.oldestIndex = next < header.maxRecord ? next : 0;
+}
+
+// The low 32 bits: offsets of the format are no wider, whatever the file has grown to.
+constexpr std::uint32_t Low32(std::int64_t offset) { return static_cast<std::uint32_t>(offset); }
+
+// Where the end marker goes behind a record of `text_bytes` at `record_offset`.
+constexpr std::int64_t MarkerOffset(std::uint32_t record_offset, std::size_t text_bytes) {
+  return std::int64_t{record_offset} + static_cast<std::int64_t>(text_bytes + kLineEnd.size());
+}
+
+// Quirk: the data file restarts every 2 * maxRecord records whatever their length, so a run of longer records can
+// overwrite text that is still indexed. The period is computed in 32 bits; one that comes out as 0 (a ring of 2^31
+// slots, a damaged header) never restarts the file.
+constexpr bool DataFileRestarts(const IndexHeader& header) {
+  const std::uint32_t period = 2 * header.maxRecord;
+  return period != 0 && header.elementCount % period == 0;
+}
+
+// Sends the next record to the start of the data file; what follows it there is the remains of older records.
+constexpr void RestartDataFile(IndexHeader& header) {
+  header.fileEnd = header.writePosition;
+  header.writePosition = 0;
+}
+
+}  // namespace qx::report
