@@ -72,6 +72,9 @@ class CKrxAdapterModule {
  private:
   friend struct qx::provider::KrxAdapterModuleLayout;
 
+  void TakeVersionTexts();
+  void TraceVersionTexts() const;
+
   // Order is interface: other code of the suite embeds this layout.
   std::string module_name_;
   std::string file_version_;

@@ -100,7 +100,7 @@ class KrxRequestParams {
 
   bool LocateValidationData();
   void ReadAuthorization(const krx_authorization_data* authorization);
-  int ReadDepartment(int number, const krx_department* department);
+  bool ReadDepartment(std::int32_t number, const krx_department* department);
 
   // Order is interface: other code of the suite embeds this layout.
   const krx_gendata* gen_data_ = nullptr;

@@ -1,0 +1,47 @@
+// What happens when QXRemConXfer.so is loaded and unloaded: every load-time object of the module, in its order.
+//
+//   load    1. Debug is constructed, before every object of any other source: they may trace.
+//           2. Debug is initialised; with tracing on the log gets its header.
+//           3. The module object is created.
+//           4. The trace facility learns that initialisation is over: its log wraps to this place.
+//   unload  5. ThisProvider deletes the module object.
+//           6. Debug is destroyed, after every object of any other source.
+//
+// The version variables are constant-initialised: they stand before step 1.
+#include "debug/Debug.h"
+#include "provider/BuildDate.h"
+#include "provider/KrxAdapterModule.h"
+#include "provider/ModuleExports.h"
+
+const char* DreQXObjectName = "QXRemConXfer";
+const char* DreQXObjectVersion = QX_VERSION;
+const char* DreQXObjectVendor = "Norrlek";
+const char* DreQXObjectDate = QX_BUILD_DATE;
+const char* DreQXObjectMilestone = "-";
+const char* DreQXObjectPath = "/opt/norrlek/QuaxelSuite/KRX/Provider/QXRemConXfer";
+const char* DreQXObjectDescription = "Quaxel QXRemConXfer Provider";
+const char* DreQXObjectProductName = "QuaxelSuite";
+const char* DreQXObjectLegalCopyright = "Copyright (C) Norrlek";
+
+__attribute__((init_priority(101))) CDebug Debug;
+
+// Deletes the module object when the library is unloaded.
+class ProviderDLL {
+ public:
+  ProviderDLL() {
+    StartTracing();
+    // The path is read only; the entry point's type is older than const.
+    (void)CreateModule(const_cast<char*>(DreQXObjectPath));  // a failure leaves pAdapterModule null for the host to see
+    Debug.SetApplInitDone();
+  }
+  ~ProviderDLL() { DeleteModule(); }
+  ProviderDLL(const ProviderDLL&) = delete;
+  ProviderDLL& operator=(const ProviderDLL&) = delete;
+
+ private:
+  static void StartTracing();
+};
+
+void ProviderDLL::StartTracing() { (void)Debug.Init("QXRemConXfer"); }
+
+ProviderDLL ThisProvider;
