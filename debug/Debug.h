@@ -80,6 +80,12 @@ public:
     return active_.load(std::memory_order_relaxed);
   }
 
+  // True when an entry of `level` (above 0) would be written: for work that
+  // depends on what the trace shows. [any thread]
+  [[nodiscard]] bool IsActive(std::uint32_t level) const noexcept {
+    return current_level_.load(std::memory_order_relaxed) >= level;
+  }
+
   // Starts the facility for the application `app_name`: reads files and
   // environment and opens the log. Files and log take the name in lower case.
   // False: `app_name` is null or memory ran out, and tracing is off; a log file
