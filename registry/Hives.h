@@ -1,0 +1,33 @@
+// Internal: what keeps the five hive pointers true while entries of the root change.
+#pragma once
+
+#include "registry/Registry.h"
+
+namespace qx::registry {
+
+// Sets the hive pointers that point to the key in `value`, which is about to be destroyed, to null.
+// [lock held: CRegistry::MSpinlock]
+void ForgetHive(const RegistryValue& value);
+
+// Holds MSpinlock while an entry of the root goes away, so that nobody wires up a hive that is being destroyed. Changes
+// in other keys do not wait for it.
+class RootChangeScope {
+ public:
+  explicit RootChangeScope(const CRegistryNode& key) : is_root_(&key == &CRegistry::MRoot) {
+    if (is_root_) CRegistry::MSpinlock.Lock();
+  }
+  ~RootChangeScope() {
+    if (is_root_) CRegistry::MSpinlock.Unlock();
+  }
+  RootChangeScope(const RootChangeScope&) = delete;
+  RootChangeScope& operator=(const RootChangeScope&) = delete;
+
+  void Forget(const RegistryValue& value) const {
+    if (is_root_) ForgetHive(value);
+  }
+
+ private:
+  bool is_root_;
+};
+
+}  // namespace qx::registry

@@ -1,0 +1,277 @@
+// The class-wide machinery: loading, saving, the roots; and the life of a handle.
+#include "registry/Registry.h"
+
+#include <cxxabi.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <utility>
+
+#include "debug/Debug.h"
+#include "registry/Hives.h"
+#include "registry/RegistryFile.h"
+#include "registry/RegistryPaths.h"
+#include "registry/RegistryValue.h"
+#include "registry/TreeReader.h"
+#include "registry/TreeWriter.h"
+#include "registry/Uncancellable.h"
+
+using qx::LockScope;
+using qx::registry::NodeOf;
+
+struct CRegistry::Layout {
+  static_assert(sizeof(MIsSetup) == 1 && sizeof(MIsDirty) == 1, "the two flags are bytes");
+  static_assert(sizeof(CRegistry) == 64, "nine 32-bit fields, padding, three pointers");
+};
+
+// Built right after Debug (101) and ended right before it, because the dying root still traces; and before everything
+// else, so that any other static object of the binary may use the registry while it is built or ended.
+#define QX_REGISTRY_STATIC __attribute__((init_priority(102)))
+QX_REGISTRY_STATIC CCriticalSection CRegistry::MSpinlock;
+QX_REGISTRY_STATIC std::string CRegistry::MPRegistry;
+QX_REGISTRY_STATIC std::string CRegistry::MPRegistryOld;
+QX_REGISTRY_STATIC std::string CRegistry::MPRegistryTemp;
+QX_REGISTRY_STATIC std::string CRegistry::MPRegistryDefault;
+QX_REGISTRY_STATIC CRegistryNode CRegistry::MRoot;
+
+CRegistryNode* CRegistry::MLocalMachine = nullptr;
+CRegistryNode* CRegistry::MCurrentUser = nullptr;
+CRegistryNode* CRegistry::MUsers = nullptr;
+CRegistryNode* CRegistry::MClassesRoot = nullptr;
+CRegistryNode* CRegistry::MCurrentConfig = nullptr;
+constinit std::atomic<bool> CRegistry::MIsSetup{false};
+constinit std::atomic<bool> CRegistry::MIsDirty{false};
+
+namespace {
+
+struct Hive {
+  const char* name;
+  CRegistryNode** pointer;
+};
+
+constexpr Hive kHives[] = {
+    {"HKEY_LOCAL_MACHINE", &CRegistry::MLocalMachine},
+    {"HKEY_CURRENT_USER", &CRegistry::MCurrentUser},
+    {"HKEY_USERS", &CRegistry::MUsers},
+    {"HKEY_CLASSES_ROOT", &CRegistry::MClassesRoot},
+    {"HKEY_CURRENT_CONFIG", &CRegistry::MCurrentConfig},
+};
+
+// Both under MSpinlock. MIsSetup does not tell whether a load has succeeded: a failed one can end the attempts too.
+constinit bool tree_was_loaded = false;
+constinit const char* files_directory = qx::registry::kSystemDirectory;
+
+// A hive entry that is not a subkey counts as absent.
+CRegistryNode* NodeOfHive(const char* name) {
+  const LockScope lock(CRegistry::MRoot.Lock());
+  const StrMapEntry* entry = CRegistry::MRoot.Find(name);
+  return entry != nullptr ? NodeOf(entry->value) : nullptr;
+}
+
+void BuildPaths() {
+  const std::string directory = files_directory;
+  CRegistry::MPRegistry = directory + "/registry";
+  CRegistry::MPRegistryOld = directory + "/registry.old";
+  CRegistry::MPRegistryTemp = directory + "/registry.new";
+  CRegistry::MPRegistryDefault = directory + "/registry.default";
+}
+
+bool LoadFirstGoodFile() {
+  const char* path = CRegistry::MPRegistry.c_str();
+  if (CRegistry::ReadTree(path, CRegistry::MRoot)) return true;
+  QX_TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n", path);
+  path = CRegistry::MPRegistryOld.c_str();
+  if (CRegistry::ReadTree(path, CRegistry::MRoot)) return true;
+  QX_TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying default\n", path);
+  path = CRegistry::MPRegistryDefault.c_str();
+  if (CRegistry::ReadTree(path, CRegistry::MRoot)) return true;
+  QX_TRACE(1, "CRegistry: ERROR: Could not restore tree from \"%s\", restoring failed\n", path);
+  return false;
+}
+
+void WireHives() {
+  for (const Hive& hive : kHives) *hive.pointer = NodeOfHive(hive.name);
+}
+
+// A failed load leaves the pointers as they are, except for a hive that its file has replaced by a value.
+void UnwireLostHives() {
+  for (const Hive& hive : kHives) {
+    if (*hive.pointer != nullptr) *hive.pointer = NodeOfHive(hive.name);
+  }
+}
+
+bool WriteNewFile() {
+  qx::registry::Descriptor file = qx::registry::OpenToWrite(CRegistry::MPRegistryTemp.c_str());
+  if (!file.IsOpen()) return false;
+  std::string text;
+  if (qx::registry::FormatTree(CRegistry::MRoot, text) && qx::registry::WriteThrough(file, text)) return true;
+  (void)unlink(CRegistry::MPRegistryTemp.c_str());  // a leftover is never read and is emptied by the next save
+  return false;
+}
+
+// Quirk: between the two renames there is no registry file; a crash just then makes the next load take the backup.
+void PutNewFileInPlace() {
+  const char* path = CRegistry::MPRegistry.c_str();
+  if (!tree_was_loaded && qx::registry::HoldsBytes(path)) qx::registry::KeepUnread(path);
+  // The results are not asked for: a save that comes this far counts as done.
+  if (qx::registry::HoldsBytes(path)) (void)std::rename(path, CRegistry::MPRegistryOld.c_str());
+  (void)std::rename(CRegistry::MPRegistryTemp.c_str(), path);
+  qx::registry::SyncDirectoryOf(path);
+}
+
+// A key that is already there, below a pointer that no load has set, keeps its place: other handles work on it.
+void PutHiveEntry(const Hive& hive) {
+  if (*hive.pointer == nullptr && NodeOfHive(hive.name) != nullptr) return;
+  RegistryValue value;
+  value.type = REG_NODE;
+  value.slot.pointer = *hive.pointer;
+  RegistryValue displaced;
+  (void)CRegistry::MRoot.Put(hive.name, value, displaced);  // without memory the next handle tries again
+  if (displaced.type != REG_NODE) qx::registry::FreeValue(displaced);
+}
+
+void EnsureHiveEntries() {
+  const LockScope class_lock(CRegistry::MSpinlock);
+  const LockScope root_lock(CRegistry::MRoot.Lock());
+  if (NodeOfHive("HKEY_LOCAL_MACHINE") != nullptr) return;
+  QX_TRACE(1, "CRegistry::InitClass() : re-initialize the registry-tree\n");
+  for (const Hive& hive : kHives) PutHiveEntry(hive);
+}
+
+}  // namespace
+
+const char* qx::registry::Directory() {
+  const LockScope lock(CRegistry::MSpinlock);
+  return files_directory;
+}
+
+void qx::registry::StartAfresh(const char* directory) {
+  const LockScope lock(CRegistry::MSpinlock);
+  CRegistry::MRoot.Clear();
+  for (const Hive& hive : kHives) *hive.pointer = nullptr;
+  for (std::string* path :
+       {&CRegistry::MPRegistry, &CRegistry::MPRegistryOld, &CRegistry::MPRegistryTemp, &CRegistry::MPRegistryDefault}) {
+    path->clear();
+  }
+  CRegistry::MIsSetup = false;
+  CRegistry::MIsDirty = false;
+  tree_was_loaded = false;
+  files_directory = directory != nullptr ? directory : kSystemDirectory;
+}
+
+void qx::registry::ForgetHive(const RegistryValue& value) {
+  for (const Hive& hive : kHives) {
+    if (*hive.pointer != nullptr && *hive.pointer == NodeOf(value)) *hive.pointer = nullptr;
+  }
+}
+
+bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
+  if (path == nullptr) {
+    QX_TRACE(1, "CRegistry: ERROR: Empty file path");
+    return false;
+  }
+  const qx::registry::Descriptor file = qx::registry::OpenToRead(path);
+  if (!file.IsOpen()) {
+    QX_TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
+    return false;
+  }
+  if (qx::registry::SizeOf(file) == 0) {
+    QX_TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
+    return false;
+  }
+  qx::registry::LineReader lines(qx::registry::BytesOf(file));
+  if (!qx::registry::RestoreFrom(lines, node)) {
+    QX_TRACE(1, "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this file\n", path);
+    return false;
+  }
+  return true;
+}
+
+void CRegistry::SetupTree(bool force_setup) {
+  const LockScope lock(MSpinlock);
+  if (MIsSetup && !force_setup) return;
+  QX_TRACE(2, "CRegistry: SetupTree(): ForceSetup=%d, MIsSetup=%d, MIsDirty=%d\n", force_setup ? 1 : 0,
+           MIsSetup ? 1 : 0, MIsDirty ? 1 : 0);
+  try {
+    BuildPaths();
+    if (!LoadFirstGoodFile()) {
+      UnwireLostHives();
+      return;
+    }
+    WireHives();
+    tree_was_loaded = true;
+  } catch (const abi::__forced_unwind&) {
+    throw;  // a cancelled thread must not be kept
+  } catch (...) {
+    QX_TRACE(2, "CRegistry: SetupTree(): ## ERROR during Setup\n");
+  }
+  MIsSetup = true;
+}
+
+void CRegistry::SaveTree() {
+  if (!MIsDirty) return;
+  const qx::registry::UncancellableScope no_cancellation;
+  const LockScope lock(MSpinlock);
+  // Taken down before the tree is written: a change that comes too late for the file raises it again.
+  if (!MIsDirty.exchange(false)) return;
+  if (!WriteNewFile()) {
+    QX_TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", MPRegistryTemp.c_str());
+    return;
+  }
+  PutNewFileInPlace();
+  QX_TRACE(2, "\nCRegistry::SaveTree MPRegistryTemp[%s] \t MPRegistry[%s]", MPRegistryTemp.c_str(), MPRegistry.c_str());
+}
+
+CRegistry::CRegistry() { InitClass(); }
+
+CRegistry::CRegistry(CRegistryNode*& key) {
+  InitClass();
+  current_key_ = key;
+}
+
+CRegistry::CRegistry(const char* path, CRegistryNode*& key, int access) {
+  InitClass();
+  (void)Open(path, key, access);  // the handle then has no key, which every call on it reports
+}
+
+CRegistry::CRegistry(CRegistry& other) { CopyHandle(other); }
+
+CRegistry& CRegistry::operator=(CRegistry& other) {
+  if (this != &other) CopyHandle(other);
+  return *this;
+}
+
+CRegistry::~CRegistry() { FreeClass(); }
+
+// The value buffer is left alone: what GetValue returned before an assignment may still be in use.
+void CRegistry::InitClass() {
+  status_ = 0;
+  value_size_ = 0;
+  value_type_ = 0;
+  expand_ = 1;
+  key_index_next_ = 0;
+  key_position_next_ = 0;
+  value_index_next_ = 0;
+  value_type_wanted_ = 0;
+  value_position_next_ = 0;
+  current_key_ = nullptr;
+  key_path_.reset();
+  SetupTree(false);
+  EnsureHiveEntries();
+}
+
+void CRegistry::FreeClass() {
+  value_.reset();
+  key_path_.reset();
+  SaveTree();
+}
+
+void CRegistry::CopyHandle(const CRegistry& other) {
+  InitClass();
+  current_key_ = other.current_key_;
+  if (other.key_path_ != nullptr) key_path_.reset(qx::registry::NewText(other.key_path_.get()));
+}
+
+CRegistryNode* CRegistry::KeepKeyHandle() { return std::exchange(current_key_, nullptr); }
+
+bool CRegistry::Close() { return KeepKeyHandle() != nullptr; }

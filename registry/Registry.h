@@ -1,0 +1,175 @@
+// The registry: handles on the keys of one tree per process, and the machinery that loads the tree from its file and
+// writes it back (docs/registry-file.md).
+//
+// The first handle loads the tree; every destroyed handle writes it back if something has changed. Processes do not
+// see each other's changes: the last one to save wins.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "registry/RegistryNode.h"
+
+// A handle on one key.
+//
+// Threads: many handles may be used by many threads; one handle belongs to one thread at a time. Locks are taken in the
+// order MSpinlock, MRoot, child.
+// Owns: the value buffer and its copy of the path. Keys belong to the tree: a current key stays usable until it, or a
+// key above it, is deleted or replaced.
+// Failure: result codes: 0; -1 (Open, CreateKey, OpenPointerKey); 22 no current key or a missing argument; 61 no such
+// value, or none of the wanted type, or past the last entry; 34 the caller's buffer is too small. Nothing throws.
+// Paths: names separated by "\" or "/"; the last separator of a path may be followed by nothing. Names are
+// case-sensitive. An empty name between two separators is a name.
+class CRegistry {
+ public:
+  // A handle without a key. [any thread]
+  CRegistry();
+  // A handle on `key`, which is read after the tree was loaded: MLocalMachine and its like may be passed to the very
+  // first handle. [any thread]
+  explicit CRegistry(CRegistryNode*& key);
+  // A handle on the key that Open finds, or without one. [any thread]
+  CRegistry(const char* path, CRegistryNode*& key, int access);
+  // The same current key and a copy of the key path; a value that was read is not copied. A value that the target has
+  // read stays valid until its next read. [owning thread]
+  CRegistry(CRegistry& other);
+  CRegistry& operator=(CRegistry& other);
+  // Writes the tree if it has changed. [any thread]
+  ~CRegistry();
+
+  // Resets the handle, loads the tree if no load has succeeded yet, and makes sure that the root has entries for the
+  // five hives (without keys behind them where the file had none). Every constructor runs it. [owning thread]
+  void InitClass();
+  // Frees what the handle owns and writes the tree if it has changed. The destructor runs it. [owning thread]
+  void FreeClass();
+
+  // The current key, which the handle forgets. [owning thread]
+  CRegistryNode* KeepKeyHandle();
+  // Forgets the current key; true if there was one. [owning thread]
+  bool Close();
+
+  // Makes the key at `path` below `key` (null: the root, whose subkeys are the hives) the current one. An empty path is
+  // `key` itself. 0, or -1 with no current key. `access` is ignored, here and below. [owning thread]
+  long Open(const char* path, CRegistryNode* key, int access);
+  // Makes the key at `path` below `key` (null: the current one) the current one, creating what is missing. 0, or -1
+  // with the current key unchanged when a name on the path is a value's. [owning thread]
+  long CreateKey(CRegistryNode* key, const char* path, bool, int access);
+  // Opens the key whose full path, from a hive in any case, is the string `value_name` of the key `pointer_key`.
+  // 0, or -1 with no current key. [owning thread]
+  long OpenPointerKey(const char* pointer_key, const char* value_name, CRegistryNode* key, int access);
+  // OpenPointerKey with the key in which the suite's products leave their pointers. [owning thread]
+  long OpenUUIDPointer(const char* value_name, CRegistryNode* key, int access, const char*, bool);
+  // The string `value_name` of that key below MLocalMachine; tried twice. [any thread]
+  [[nodiscard]] static bool GetProductRegistryRoot(std::string& out, const char* value_name);
+
+  // The number of subkeys of the current key: 0 or 22. [owning thread]
+  long NoOfSubKeys(unsigned* count);
+  // The name of subkey `index`, counted from 0 in the order of names: at most *name_len - 1 bytes and a NUL.
+  // *name_len becomes the bytes without the NUL; with room 0 nothing is written. *cls_len becomes 0, cls is never
+  // written. 0, 22 or 61. [owning thread]
+  long EnumKey(char* name, unsigned* name_len, unsigned index, char* cls, unsigned* cls_len);
+  long EnumKey(char* name, unsigned name_len, unsigned index, char* cls, unsigned cls_len);
+  // Destroys a direct subkey with everything below it: 0, or 22 when there is none. [owning thread]
+  long DeleteKey(const char* name);
+
+  // Below, a null `node` means the current key.
+
+  // Bytes that GetValue would return: strings with their NUL and not expanded; 0 when there is no value or no byte.
+  // [owning thread]
+  unsigned GetValueSize(const char* name, CRegistryNode* node = nullptr);
+  // The value's bytes: a string with its NUL, a block, or the 4 bytes of a number in host order; null when the size is
+  // 0. %NAME% in a REG_EXPAND_SZ is replaced by the environment variable (nothing if unset), %% by %, a lone % is
+  // dropped; ValueSize() is then the length without the NUL. Valid until the next read through this handle.
+  // [owning thread]
+  unsigned char* GetValue(const char* name, CRegistryNode* node = nullptr);
+  // A value of exactly 4 bytes as a number, whatever its type: 0, 22 or 61. [owning thread]
+  long QueryValue(unsigned* dword, const char* name, CRegistryNode* node = nullptr);
+  // A string: 0, 22 or 61. [owning thread]
+  long QueryValue(std::string& out, const char* name, CRegistryNode* node = nullptr);
+  // A string into `buf` of *count bytes: 0 with *count = length without the NUL; 34 when the NUL does not fit, `buf`
+  // then holding *count bytes without one. A null `buf` asks for the bytes needed. 22 and 61 as above. [owning thread]
+  long QueryValue(char* buf, const char* name, unsigned* count, CRegistryNode* node = nullptr);
+  long QueryValue(char* buf, const char* name, unsigned count, CRegistryNode* node = nullptr);
+  // Value `index` among those of `type` (999: all), in the order of names. Name as in EnumKey. With data and data_len:
+  // a string as in QueryValue, whose result is not passed on; a number if 4 bytes fit, else *data_len = 0; of other
+  // types no data (*data_len = 0). 0, 22 or 61. [owning thread]
+  long EnumVal(char* name, unsigned* name_len, unsigned index, unsigned type, unsigned char* data, unsigned* data_len);
+  long EnumVal(char* name, unsigned name_len, unsigned index, unsigned type, unsigned char* data, unsigned data_len);
+  // Stores `size` bytes (a string without its NUL) under `name`, replacing whatever stands there, a subkey included. A
+  // null name stores nothing and is true. False: no key, unknown type, a number whose size is not 4, no data where
+  // there should be some. Even a refused call makes the next destroyed handle write the tree. [owning thread]
+  bool SetValue(const char* name, const unsigned char* data, unsigned size, unsigned type,
+                CRegistryNode* node = nullptr);
+  // In the current key, as REG_DWORD and REG_SZ: 0 or 22. [owning thread]
+  long SetValue(const char* name, unsigned dword);
+  long SetValue(const char* name, const char* string);
+  // Removes the entry of the current key, a subkey with everything below it: 0 even if there was none, or 22.
+  // [owning thread]
+  long DeleteValue(const char* name);
+
+  // What the last calls left in the handle. [owning thread]
+  [[nodiscard]] long Status() const { return status_; }
+  [[nodiscard]] unsigned ValueSize() const { return value_size_; }
+  [[nodiscard]] int ValueType() const { return value_type_; }
+  [[nodiscard]] CRegistryNode* CurrentKey() const { return current_key_; }
+  // The path last opened, every separator as "/"; null after a failed open. [owning thread]
+  [[nodiscard]] const char* KeyPath() const { return key_path_.get(); }
+  // Whether GetValue expands REG_EXPAND_SZ; it does in a new handle. [owning thread]
+  void SetExpand(bool expand) { expand_ = expand ? 1 : 0; }
+
+  // Reads the file at `path` into `node`, merging by name. False, traced, when it is missing, empty or without any
+  // value. [any thread]
+  [[nodiscard]] static bool ReadTree(const char* path, CRegistryNode& node);
+  // Loads the tree from the registry file, else from its backup, else from the default file, unless a load has
+  // succeeded before and `force_setup` is false. [any thread]
+  static void SetupTree(bool force_setup);
+  // Writes the tree to the registry file if it has changed. [any thread]
+  static void SaveTree();
+
+  // The class-wide state, one set per process. The hives are null where the tree has none; they and the paths change
+  // only under MSpinlock.
+  static CRegistryNode MRoot;
+  static CRegistryNode* MLocalMachine;
+  static CRegistryNode* MCurrentUser;
+  static CRegistryNode* MUsers;
+  static CRegistryNode* MClassesRoot;
+  static CRegistryNode* MCurrentConfig;
+  // Read without a lock for early returns. Loads and saves synchronise through MSpinlock; these only say whether there
+  // is something to do.
+  static std::atomic<bool> MIsSetup;
+  static std::atomic<bool> MIsDirty;
+  static CCriticalSection MSpinlock;
+  static std::string MPRegistry;
+  static std::string MPRegistryOld;
+  static std::string MPRegistryTemp;
+  static std::string MPRegistryDefault;
+
+ private:
+  struct Layout;
+
+  [[nodiscard]] CRegistryNode* KeyOr(CRegistryNode* node) const { return node != nullptr ? node : current_key_; }
+  long Fail(long status);
+  long FailOpen();
+  [[nodiscard]] CRegistryNode* WalkKeyPath(CRegistryNode* start);
+  [[nodiscard]] bool TakeStoredValue(const char* name, const CRegistryNode* key);
+  [[nodiscard]] bool ExpandValue();
+  [[nodiscard]] bool ReadString(const char* name, CRegistryNode* node);
+  void CopyEnumeratedData(const StrMapEntry& entry, unsigned char* data, unsigned& data_len);
+  void CopyHandle(const CRegistry& other);
+
+  // Order is interface.
+  std::int32_t status_ = 0;
+  std::uint32_t value_size_ = 0;
+  std::int32_t value_type_ = 0;
+  std::uint32_t expand_ = 1;
+  // Recorded by the enumerations; every enumeration starts afresh from its index.
+  std::uint32_t key_index_next_ = 0;
+  std::uint32_t key_position_next_ = 0;
+  std::uint32_t value_index_next_ = 0;
+  std::uint32_t value_type_wanted_ = 0;
+  std::uint32_t value_position_next_ = 0;
+  CRegistryNode* current_key_ = nullptr;
+  std::unique_ptr<unsigned char[]> value_;
+  std::unique_ptr<char[]> key_path_;
+};

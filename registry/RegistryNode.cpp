@@ -1,0 +1,145 @@
+#include "registry/RegistryNode.h"
+
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "debug/Debug.h"
+#include "registry/RegistryValue.h"
+#include "registry/TreeReader.h"
+#include "registry/TreeWriter.h"
+#include "registry/Uncancellable.h"
+
+using qx::registry::FreeValue;
+using qx::registry::NodeOf;
+
+// Gives keys that stay in the tree the content of freshly read ones, and the fresh ones the old content, which is then
+// freed with them. So a handle on a key that a newly loaded file holds as well keeps a living key.
+class CRegistryNode::ContentExchange {
+ public:
+  // False without memory; the caller then replaces the key itself.
+  bool Add(CRegistryNode* kept, CRegistryNode* fresh) {
+    try {
+      pairs_.emplace_back(kept, fresh);
+      return true;
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+  }
+
+  void Run() {
+    while (!pairs_.empty()) {
+      const auto [kept, fresh] = pairs_.back();
+      pairs_.pop_back();
+      const qx::LockScope lock(kept->Lock());
+      KeepSubkeys(*kept, *fresh);
+      kept->SwapEntries(*fresh);
+    }
+  }
+
+ private:
+  // Subkeys of the same name change places first, so that exchanging the entries puts them back where they were.
+  void KeepSubkeys(CRegistryNode& kept, CRegistryNode& fresh) {
+    auto fresh_entries = fresh.Entries();
+    std::size_t at = 0;
+    for (StrMapEntry& entry : kept.Entries()) {
+      while (at < fresh_entries.size() && compare(&fresh_entries[at], &entry) < 0) ++at;
+      if (at == fresh_entries.size()) return;
+      if (compare(&fresh_entries[at], &entry) == 0) KeepSubkey(entry.value, fresh_entries[at].value);
+    }
+  }
+
+  void KeepSubkey(RegistryValue& kept, RegistryValue& fresh) {
+    const bool both_keys = NodeOf(kept) != nullptr && NodeOf(fresh) != nullptr;
+    if (both_keys && Add(NodeOf(kept), NodeOf(fresh))) std::swap(kept.slot, fresh.slot);
+  }
+
+  std::vector<std::pair<CRegistryNode*, CRegistryNode*>> pairs_;
+};
+
+CRegistryNode::~CRegistryNode() { deleteNode(); }
+
+void CRegistryNode::dumpNode(FILE* stream) const {
+  if (stream == nullptr) return;
+  std::string text;
+  if (!qx::registry::FormatTree(*this, text)) return;
+  (void)fwrite(text.data(), 1, text.size(), stream);  // the stream keeps the error for its owner
+}
+
+bool CRegistryNode::restoreNode(FILE* stream) {
+  if (stream == nullptr) return false;
+  qx::registry::LineReader lines([stream](char* to, std::size_t room) -> ssize_t {
+    const std::size_t got = fread(to, 1, room, stream);
+    return got == 0 && ferror(stream) != 0 ? -1 : static_cast<ssize_t>(got);
+  });
+  const bool has_values = qx::registry::RestoreFrom(lines, *this);
+  const auto unread = static_cast<off_t>(lines.UnreadBytes());
+  if (unread > 0) (void)fseeko(stream, -unread, SEEK_CUR);  // a pipe cannot; what was read ahead is lost then
+  return has_values;
+}
+
+// The way back up is kept in what is about to be freed: the slot that led down holds the key above, and the capacity of
+// a key on the path is its place in the one above. Deletion thus needs no memory and no stack, however deep the keys.
+void CRegistryNode::deleteNode() {
+  const qx::registry::UncancellableScope no_cancellation;
+  CRegistryNode* node = this;
+  CRegistryNode* above = nullptr;
+  std::int32_t at = 0;
+  for (;;) {
+    if (at < node->count_) {
+      StrMapEntry& entry = node->entries_[at];
+      if (entry.value.IsPresent()) QX_TRACE(2, "CRegistryNode::deleteNode \"%s\"\n", entry.name);
+      CRegistryNode* child = NodeOf(entry.value);
+      if (child == nullptr) {
+        FreeValue(entry.value);
+        ++at;
+        continue;
+      }
+      entry.value.slot.pointer = std::exchange(above, node);
+      child->capacity_ = std::exchange(at, 0);
+      node = child;
+      continue;
+    }
+    if (node == this) return;
+    CRegistryNode* done = std::exchange(node, above);
+    at = done->capacity_;
+    above = static_cast<CRegistryNode*>(std::exchange(node->entries_[at].value, {}).slot.pointer);
+    ++at;
+    delete done;  // no value is left in it, so this goes no deeper
+  }
+}
+
+void CRegistryNode::Clear() {
+  deleteNode();
+  Discard();
+}
+
+// Both lists are in order, so they are merged from their ends into the room behind the existing entries.
+bool CRegistryNode::Merge(CRegistryNode& fresh) {
+  ContentExchange exchange;
+  {
+    const qx::LockScope lock(lock_);
+    std::int32_t new_names = fresh.count_;
+    for (const StrMapEntry& entry : fresh.Entries()) new_names -= Find(entry.name) != nullptr ? 1 : 0;
+    if (!Reserve(count_ + new_names)) return false;
+
+    StrMapEntry* old = entries_ + count_;
+    StrMapEntry* place = old + new_names;
+    for (StrMapEntry* entry = fresh.entries_ + fresh.count_; entry-- != fresh.entries_;) {
+      while (old != entries_ && compare(old - 1, entry) > 0) *--place = *--old;
+      if (old == entries_ || compare(old - 1, entry) < 0) {
+        *--place = std::exchange(*entry, {});
+        continue;
+      }
+      *--place = *--old;
+      const bool both_keys = NodeOf(place->value) != nullptr && NodeOf(entry->value) != nullptr;
+      if (!both_keys || !exchange.Add(NodeOf(place->value), NodeOf(entry->value))) {
+        std::swap(place->value, entry->value);
+      }
+    }
+    count_ += new_names;
+  }
+  exchange.Run();
+  for (StrMapEntry& entry : fresh.Entries()) FreeValue(entry.value);
+  return true;
+}

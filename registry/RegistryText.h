@@ -1,0 +1,40 @@
+// Internal: small helpers that the handle's operations share.
+#pragma once
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "registry/RegistryNode.h"
+
+namespace qx::registry {
+
+// What a trace line shows for a text that may be missing.
+[[nodiscard]] inline const char* TextOrNull(const char* text) { return text != nullptr ? text : "<null>"; }
+
+// ASCII only, whatever the locale: hive names are ASCII.
+[[nodiscard]] inline char UpperCase(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
+
+[[nodiscard]] inline bool IsSubkeyEntry(const StrMapEntry& entry) { return entry.value.type == REG_NODE; }
+
+// The entry for which `matches` holds for the `index`-th time, counted from 0; null past the last.
+// [lock held: key.Lock()]
+template <typename Predicate>
+[[nodiscard]] const StrMapEntry* NthEntry(const CRegistryNode& key, unsigned index, Predicate matches) {
+  for (const StrMapEntry& entry : key.Entries()) {
+    if (matches(entry) && index-- == 0) return &entry;
+  }
+  return nullptr;
+}
+
+// At most room - 1 bytes and a NUL; `room` becomes the bytes without the NUL. No room: nothing is written.
+inline void CopyName(const char* from, char* to, unsigned& room) {
+  if (room == 0) return;
+  const std::size_t length = std::min<std::size_t>(std::strlen(from), room - 1);
+  std::memcpy(to, from, length);
+  to[length] = '\0';
+  room = static_cast<unsigned>(length);
+}
+
+}  // namespace qx::registry

@@ -1,0 +1,63 @@
+// Internal: making, reading and freeing the data behind a value slot.
+//
+// Strings and blocks are arrays of char; a block begins with its length as a 32-bit number in host order. Nothing here
+// throws: without memory a maker gives a null pointer.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+#include <utility>
+
+#include "registry/StrMap.h"
+
+class CRegistryNode;
+
+namespace qx::registry {
+
+// A NUL-terminated copy of `text` made with new char[], or null.
+[[nodiscard]] char* NewText(std::string_view text);
+
+// A block of these bytes, or null.
+[[nodiscard]] char* NewBlock(std::string_view bytes);
+
+// The bytes of a block, without the length.
+[[nodiscard]] std::string_view BlockBytes(const void* block);
+
+// Ends a value's data according to its type (a subkey with everything below it) and leaves an empty slot of type 0.
+void FreeValue(RegistryValue& value);
+
+[[nodiscard]] bool IsString(const RegistryValue& value);
+[[nodiscard]] CRegistryNode* NodeOf(const RegistryValue& value);  // null when it is no subkey
+
+// What GetValue would put into its buffer: a string with its NUL, a block's bytes, the 4 bytes of a number. The view
+// points into the value. Empty for a subkey and for an entry without data.
+[[nodiscard]] std::string_view StoredBytes(const RegistryValue& value);
+
+// A value on its way into a map: freed at the end of the scope unless released.
+class OwnedValue {
+ public:
+  OwnedValue() = default;
+  OwnedValue(std::int32_t type, void* data) {
+    value_.slot.pointer = data;
+    value_.type = type;
+  }
+  explicit OwnedValue(const RegistryValue& value) : value_(value) {}
+  explicit OwnedValue(std::int32_t number) {
+    value_.slot.number = number;
+    value_.type = REG_DWORD;
+  }
+  OwnedValue(OwnedValue&& other) noexcept : value_(other.Release()) {}
+  OwnedValue& operator=(OwnedValue&&) = delete;
+  ~OwnedValue() { FreeValue(value_); }
+
+  [[nodiscard]] bool IsPresent() const { return value_.IsPresent(); }
+  [[nodiscard]] const RegistryValue& Get() const { return value_; }
+  // For a place that receives a value to free.
+  [[nodiscard]] RegistryValue& Place() { return value_; }
+  RegistryValue Release() { return std::exchange(value_, {}); }
+
+ private:
+  RegistryValue value_;
+};
+
+}  // namespace qx::registry

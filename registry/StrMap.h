@@ -1,0 +1,102 @@
+// The sorted map of names to typed values that every registry key is made of.
+//
+// One array, kept in the byte order of the names and searched by halving. A new name is moved into its place, so the
+// array is at any time what a sort of it would give; a registry file names its entries in order, which makes appending
+// the common case. The map owns names and array, never the values: what a value's data is depends on its type, which
+// only the key (registry/RegistryNode.h) knows how to end.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "base/CriticalSection.h"
+
+// The types of registry values. Numbers and names are interface: callers pass and receive them.
+enum : std::int32_t {
+  REG_SZ = 1,         // a NUL-terminated string
+  REG_EXPAND_SZ = 2,  // a NUL-terminated string; environment variables in it are expanded when it is read by a handle
+  REG_BINARY = 3,     // a block: 32-bit length n, then n bytes
+  REG_DWORD = 4,      // a 32-bit signed number
+  REG_NODE = 666,     // a subkey; never the type of a value
+};
+
+// A value as a map slot holds it. Order is interface.
+struct RegistryValue {
+  union Slot {
+    void* pointer;        // string, block or CRegistryNode; null: an entry without a value
+    std::int32_t number;  // REG_DWORD
+  };
+
+  // True when there is something to read, write or free: any number, any non-null pointer.
+  [[nodiscard]] bool IsPresent() const { return type == REG_DWORD || slot.pointer != nullptr; }
+
+  Slot slot{nullptr};
+  std::int32_t type = 0;
+};
+
+// One slot of the array. Order is interface.
+struct StrMapEntry {
+  char* name = nullptr;  // allocated with new char[], owned by the map
+  RegistryValue value;
+};
+
+// A map from names to typed values.
+//
+// Threads: any thread, as long as it holds Lock() around each step and around the use of what the step returned. A map
+// that no other thread can reach yet needs no lock.
+// Owns: the array and the names, not the values.
+// Failure: an operation that finds no memory returns false and leaves the map as it was.
+class CStrMap {
+ public:
+  CStrMap() noexcept = default;
+  // Frees names and array; values are the owner's affair.
+  ~CStrMap();
+  CStrMap(const CStrMap&) = delete;
+  CStrMap& operator=(const CStrMap&) = delete;
+
+  // Orders two StrMapEntry by the bytes of their names, upper case before lower; an entry without a name comes after
+  // every named one and equals another without. Less than, equal to or greater than 0, as sorting routines want it.
+  // [any thread]
+  [[nodiscard]] static int compare(const void* left, const void* right);
+
+  [[nodiscard]] CCriticalSection& Lock() const { return lock_; }
+
+  // All entries in order, valid until the next change of the map. [lock held: Lock()]
+  [[nodiscard]] std::span<StrMapEntry> Entries() const { return {entries_, static_cast<std::size_t>(count_)}; }
+  // Slots of the array; it grows by 16 beyond the entries there are. [lock held: Lock()]
+  [[nodiscard]] std::int32_t Capacity() const { return capacity_; }
+
+  // The entry of exactly this name, or null. Valid until the next change of the map. [lock held: Lock()]
+  [[nodiscard]] StrMapEntry* Find(std::string_view name) const;
+
+  // Puts `value` under `name`. `displaced` receives what stood there (nothing: type 0) and is the caller's to free; an
+  // existing entry keeps its slot and its name. [lock held: Lock()]
+  [[nodiscard]] bool Put(std::string_view name, const RegistryValue& value, RegistryValue& displaced);
+
+  // Takes `entry` (from Find) out, frees its name and returns its value, which is the caller's to free.
+  // [lock held: Lock()]
+  [[nodiscard]] RegistryValue Remove(StrMapEntry* entry);
+
+  // Bulk loading, for a map that no other thread can reach: append in any order and with repetitions, then restore the
+  // order once. Among equal names the value appended last stays, and the others are freed. [owning thread]
+  [[nodiscard]] bool Append(std::string_view name, const RegistryValue& value);
+  void SortAppended();
+
+ protected:
+  // Frees names and array and is empty afterwards.
+  void Discard();
+  // Exchanges all entries with `other`; the locks stay where they are.
+  void SwapEntries(CStrMap& other) noexcept;
+  // Room for `count` entries, the capacity growing as by single insertions.
+  [[nodiscard]] bool Reserve(std::int32_t count);
+
+  // Order is interface: other code of the suite embeds this layout.
+  mutable CCriticalSection lock_;
+  StrMapEntry* entries_ = nullptr;
+  std::int32_t capacity_ = 0;
+  std::int32_t count_ = 0;
+
+ private:
+  friend struct StrMapLayout;
+};

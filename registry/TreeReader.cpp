@@ -1,0 +1,186 @@
+#include "registry/TreeReader.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "registry/RegistryNode.h"
+#include "registry/RegistryValue.h"
+
+namespace qx::registry {
+
+namespace {
+
+// The part of a line behind its marker, NUL-terminated for strtol.
+class NumberText {
+ public:
+  explicit NumberText(std::string_view text) {
+    const std::size_t length = std::min(text.size(), kLineCharsMax);
+    std::memcpy(text_.data(), text.data(), length);
+    text_[length] = '\0';
+  }
+  [[nodiscard]] const char* Text() const { return text_.data(); }
+
+ private:
+  std::array<char, kLineCharsMax + 1> text_;
+};
+
+OwnedValue StringValue(std::int32_t type, std::string_view data) { return {type, NewText(data)}; }
+
+// "12abc" => 12   "4294967295" => -1   "abc" => no value
+OwnedValue NumberValue(std::string_view data) {
+  const NumberText digits(data);
+  char* end = nullptr;
+  const long number = std::strtol(digits.Text(), &end, 10);
+  if (end == digits.Text()) return {};
+  return OwnedValue(static_cast<std::int32_t>(number));
+}
+
+// Numbers one after another, of each the low 8 bits: "0a ff " => 0a ff   "1ff 2" => ff 02   "" => an empty block
+// Quirk: numbers need not have two digits nor a space between them ("+1+2" is two), so a line can hold more of them
+// than a third of its length; the block is as long as they are many.
+OwnedValue BinaryValue(std::string_view data) {
+  const NumberText numbers(data);
+  std::array<char, kLineCharsMax> bytes;
+  std::size_t count = 0;
+  const char* at = numbers.Text();
+  for (;;) {
+    char* end = nullptr;
+    const long number = std::strtol(at, &end, 16);
+    if (end == at || count == bytes.size()) break;
+    bytes[count++] = static_cast<char>(number);
+    at = end;
+  }
+  return {REG_BINARY, NewBlock({bytes.data(), count})};
+}
+
+// Builds keys that no other thread can reach yet; they come into the tree when all lines are read.
+class TreeBuilder {
+ public:
+  explicit TreeBuilder(CRegistryNode& top) : current_(&top) {}
+
+  void TakeLine(std::string_view line) {
+    const std::size_t bracket = line.front() == '[' ? line.find(']') : std::string_view::npos;
+    if (bracket != std::string_view::npos) {
+      OpenKey(line.substr(1, bracket - 1));
+      return;
+    }
+    const std::size_t equals = line.find('=');
+    if (equals != std::string_view::npos) TakeValue(line.substr(0, equals), line.substr(equals));
+  }
+
+  // False when it was the outermost key.
+  bool CloseKey() {
+    current_->SortAppended();
+    if (above_.empty()) return false;
+    current_ = above_.back();
+    above_.pop_back();
+    return true;
+  }
+
+  [[nodiscard]] bool HasValues() const { return has_values_; }
+
+ private:
+  // The entry is made before the content is read. Nothing else enters this key meanwhile, so it stands at the same
+  // place, and counts as read at the same time, as if it were made afterwards.
+  void OpenKey(std::string_view name) {
+    auto* key = new (std::nothrow) CRegistryNode;
+    OwnedValue value(REG_NODE, key);
+    if (key == nullptr || !Remember(current_)) return;
+    if (!current_->Append(name, value.Get())) {
+      above_.pop_back();
+      return;
+    }
+    (void)value.Release();
+    current_ = key;
+  }
+
+  void TakeValue(std::string_view name, std::string_view marked) {
+    if (marked.starts_with("=s=")) return Store(name, StringValue(REG_SZ, marked.substr(3)));
+    if (marked.starts_with("=es=")) return Store(name, StringValue(REG_EXPAND_SZ, marked.substr(4)));
+    if (marked.starts_with("=b=")) return Store(name, BinaryValue(marked.substr(3)));
+    if (!marked.starts_with("=d=")) return;
+    Store(name, NumberValue(marked.substr(3)));
+    has_values_ = true;  // Quirk: a number line without digits stores nothing, and yet the file counts as good.
+  }
+
+  // Without memory the line is skipped.
+  void Store(std::string_view name, OwnedValue value) {
+    if (!value.IsPresent() || !current_->Append(name, value.Get())) return;
+    (void)value.Release();
+    has_values_ = true;
+  }
+
+  bool Remember(CRegistryNode* key) {
+    try {
+      above_.push_back(key);
+      return true;
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+  }
+
+  CRegistryNode* current_;
+  std::vector<CRegistryNode*> above_;
+  bool has_values_ = false;
+};
+
+}  // namespace
+
+LineReader::LineReader(ByteSource source, std::size_t window_bytes)
+    : source_(std::move(source)),
+      window_bytes_(std::max(window_bytes, kLineCharsMax)),
+      window_(new (std::nothrow) char[window_bytes_]),
+      at_end_(window_ == nullptr),
+      failed_(window_ == nullptr) {}
+
+std::optional<std::string_view> LineReader::Next() {
+  for (;;) {
+    const std::string_view ahead(window_.get() + begin_, std::min(end_ - begin_, kLineCharsMax));
+    const std::size_t feed = ahead.find('\n');
+    const bool is_whole = feed != std::string_view::npos || ahead.size() == kLineCharsMax || at_end_;
+    if (!is_whole) {
+      Refill();
+      continue;
+    }
+    if (ahead.empty() || failed_) return std::nullopt;
+    begin_ += feed == std::string_view::npos ? ahead.size() : feed + 1;
+    const std::string_view line = ahead.substr(0, feed);
+    return line.substr(0, line.find('\0'));
+  }
+}
+
+void LineReader::Refill() {
+  std::memmove(window_.get(), window_.get() + begin_, end_ - begin_);
+  end_ -= std::exchange(begin_, 0);
+  const ssize_t got = source_(window_.get() + end_, window_bytes_ - end_);
+  failed_ = got < 0;
+  at_end_ = got <= 0;
+  if (got > 0) end_ += static_cast<std::size_t>(got);
+}
+
+// The end of the input closes all keys that are open. An empty line closes one, and at the outermost level it ends the
+// reading, whatever follows.
+bool RestoreFrom(LineReader& lines, CRegistryNode& node) {
+  CRegistryNode fresh;
+  TreeBuilder builder(fresh);
+  bool is_open = true;
+  while (is_open) {
+    const std::optional<std::string_view> line = lines.Next();
+    if (!line) break;
+    if (line->empty()) {
+      is_open = builder.CloseKey();
+    } else {
+      builder.TakeLine(*line);
+    }
+  }
+  while (is_open && builder.CloseKey()) continue;
+  return node.Merge(fresh) && builder.HasValues() && !lines.HasFailed();
+}
+
+}  // namespace qx::registry

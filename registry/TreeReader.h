@@ -1,0 +1,59 @@
+// Internal: the registry file's format, reading (docs/registry-file.md).
+//
+// Lines are taken from windows of the input. They are the lines that a reader with a buffer of 1024 bytes sees: at most
+// 1023 characters, the rest of a longer line being the next line, and nothing behind a NUL. Files in the field depend
+// on that, so it holds wherever a window happens to end.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+class CRegistryNode;
+
+namespace qx::registry {
+
+inline constexpr std::size_t kLineCharsMax = 1023;
+inline constexpr std::size_t kWindowBytes = 64UL * 1024;
+
+// Fills up to `room` bytes like read(2): the number of bytes, 0 at the end, -1 on an error.
+using ByteSource = std::function<ssize_t(char* to, std::size_t room)>;
+
+// The lines of an input, one after another.
+class LineReader {
+ public:
+  // A window is at least one line long.
+  explicit LineReader(ByteSource source, std::size_t window_bytes = kWindowBytes);
+
+  // The next line without its line feed, valid until the next call; nothing at the end or after an error. It is empty
+  // exactly when its first character is a line feed or NUL.
+  //   "abc\n"           => "abc"
+  //   "ab\0c\n"         => "ab"
+  //   1023 x and "\n"   => the 1023 x, then an empty line
+  [[nodiscard]] std::optional<std::string_view> Next();
+
+  [[nodiscard]] bool HasFailed() const { return failed_; }
+  // Bytes taken from the source that no line has used.
+  [[nodiscard]] std::size_t UnreadBytes() const { return end_ - begin_; }
+
+ private:
+  void Refill();
+
+  ByteSource source_;
+  std::size_t window_bytes_;
+  std::unique_ptr<char[]> window_;
+  std::size_t begin_ = 0;
+  std::size_t end_ = 0;
+  bool at_end_ = false;
+  bool failed_ = false;
+};
+
+// Reads a key's content up to the line that closes it and merges it into `node`. True when at least one value line was
+// recognised and the input could be read.
+[[nodiscard]] bool RestoreFrom(LineReader& lines, CRegistryNode& node);
+
+}  // namespace qx::registry

@@ -1,0 +1,120 @@
+#include "registry/TreeWriter.h"
+
+#include <charconv>
+#include <cstddef>
+#include <new>
+#include <string_view>
+#include <vector>
+
+#include "registry/RegistryNode.h"
+#include "registry/RegistryValue.h"
+
+namespace qx::registry {
+
+namespace {
+
+// The keys from the top to the one being written, each locked.
+class LockedPath {
+ public:
+  struct Step {
+    const CRegistryNode* key;
+    std::size_t next_entry = 0;
+  };
+
+  LockedPath() = default;
+  LockedPath(const LockedPath&) = delete;
+  LockedPath& operator=(const LockedPath&) = delete;
+  ~LockedPath() {
+    while (!IsEmpty()) Leave();
+  }
+
+  void Enter(const CRegistryNode* key) {
+    steps_.push_back({key});
+    key->Lock().Lock();
+  }
+  void Leave() {
+    steps_.back().key->Lock().Unlock();
+    steps_.pop_back();
+  }
+  [[nodiscard]] bool IsEmpty() const { return steps_.empty(); }
+  [[nodiscard]] Step& Last() { return steps_.back(); }
+
+ private:
+  std::vector<Step> steps_;
+};
+
+void AppendNumber(std::string& text, std::int32_t number) {
+  char digits[12];
+  const auto [end, error] = std::to_chars(digits, digits + sizeof digits, number);
+  text.append(digits, error == std::errc() ? end : digits);
+}
+
+// 0a ff => "0a ff "
+void AppendHexadecimal(std::string& text, std::string_view bytes) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    const char triple[] = {kDigits[byte >> 4U], kDigits[byte & 0xFU], ' '};
+    text.append(triple, sizeof triple);
+  }
+}
+
+void AppendValue(std::string& text, const StrMapEntry& entry) {
+  const auto* string = static_cast<const char*>(entry.value.slot.pointer);
+  switch (entry.value.type) {
+    case REG_SZ:
+      text.append(entry.name).append("=s=").append(string);
+      break;
+    case REG_EXPAND_SZ:
+      text.append(entry.name).append("=es=").append(string);
+      break;
+    case REG_DWORD:
+      AppendNumber(text.append(entry.name).append("=d="), entry.value.slot.number);
+      break;
+    case REG_BINARY:
+      AppendHexadecimal(text.append(entry.name).append("=b="), BlockBytes(entry.value.slot.pointer));
+      break;
+    default:
+      return;
+  }
+  text += '\n';
+}
+
+void EnterAndAppendValues(LockedPath& path, const CRegistryNode* key, std::string& text) {
+  path.Enter(key);
+  for (const StrMapEntry& entry : key->Entries()) {
+    if (entry.value.IsPresent()) AppendValue(text, entry);
+  }
+}
+
+const StrMapEntry* NextSubkey(LockedPath::Step& step) {
+  const auto entries = step.key->Entries();
+  while (step.next_entry < entries.size()) {
+    const StrMapEntry& entry = entries[step.next_entry++];
+    if (NodeOf(entry.value) != nullptr) return &entry;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+bool FormatTree(const CRegistryNode& node, std::string& text) {
+  LockedPath path;
+  try {
+    EnterAndAppendValues(path, &node, text);
+    while (!path.IsEmpty()) {
+      if (const StrMapEntry* subkey = NextSubkey(path.Last())) {
+        text.append("[").append(subkey->name).append("]\n");
+        EnterAndAppendValues(path, NodeOf(subkey->value), text);
+      } else {
+        text += '\n';
+        path.Leave();
+      }
+    }
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+}  // namespace qx::registry

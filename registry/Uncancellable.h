@@ -1,0 +1,22 @@
+// Internal: a stretch of code in which the calling thread is not cancelled.
+//
+// Writing a trace line or a file is a place where a thread may be cancelled. The unwinding that follows must not leave
+// a destructor, which would end the whole process, nor leave half a tree freed.
+#pragma once
+
+#include <pthread.h>
+
+namespace qx::registry {
+
+class UncancellableScope {
+ public:
+  UncancellableScope() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+  ~UncancellableScope() { pthread_setcancelstate(before_, nullptr); }
+  UncancellableScope(const UncancellableScope&) = delete;
+  UncancellableScope& operator=(const UncancellableScope&) = delete;
+
+ private:
+  int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+}  // namespace qx::registry
