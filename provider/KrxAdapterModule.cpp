@@ -56,6 +56,14 @@ void AssignIfGiven(std::string& to, const char* text) {
   if (text != nullptr) to = text;
 }
 
+// Makes `name` the root element of an empty document. Quirk: "N/A", the name of a module without one, is no name that
+// an element can be added under; the parser takes it for a name N with something behind it.
+void AddRootElement(CMarkup& out, const std::string& name) {
+  if (out.AddElem(name.c_str())) return;
+  (void)out.SetDoc("<" + name + "/>\n");  // a name that even the parser refuses leaves no well-formed document
+  (void)out.FindElem();
+}
+
 void TraceHeaderStructure(const KrxRequestParams& params) {
   const DecodedVersion version(params.GetVersion());
   QX_TRACE(4, "\nWCSP CheckParams    : Expected krx_gendata header structure:");
@@ -111,7 +119,7 @@ void CKrxAdapterModule::TraceVersionTexts() const {
 }
 
 int CKrxAdapterModule::What(KrxRequestParams& params, CMarkup& /*in*/, CMarkup& out) {
-  (void)out.AddElem(module_name_.c_str());
+  AddRootElement(out, module_name_);
   (void)out.SetAttrib("version", file_version_.c_str());
   (void)out.SetAttrib("date", build_date_.c_str());
   (void)out.SetAttrib("company", company_.c_str());
@@ -120,7 +128,7 @@ int CKrxAdapterModule::What(KrxRequestParams& params, CMarkup& /*in*/, CMarkup& 
   QX_TRACE(2, "\nWCSP_MAIN What      : KRX function call: %s", params.GetFunctionId().c_str());
   QX_TRACE(2, "\nWCSP_MAIN What      :   from: %s@%s", params.GetApplicationId().c_str(),
            params.GetRequestorAddress().c_str());
-  QX_TRACE(2, "\nWCSP_MAIN What      : -> output data: %s", std::string(out.GetDoc()).c_str());
+  QX_TRACE(2, "\nWCSP_MAIN What      : -> output data: %s", out.GetDoc().c_str());
   return 0;
 }
 
@@ -132,9 +140,9 @@ int CKrxAdapterModule::Reflect(KrxRequestParams& params, CMarkup& in, CMarkup& o
     QX_TRACE(3, "\nWCSP_MAIN Reflect   : -> no valid XML input data - ignored");
     return 0;
   }
-  (void)out.SetDoc(in.GetDoc());  // well formed, as `in` is
-  QX_TRACE(2, "\nWCSP_MAIN Reflect   : -> input data:  %s", std::string(in.GetDoc()).c_str());
-  QX_TRACE(2, "\nWCSP_MAIN Reflect   : -> output data: %s", std::string(out.GetDoc()).c_str());
+  out = in;
+  QX_TRACE(2, "\nWCSP_MAIN Reflect   : -> input data:  %s", in.GetDoc().c_str());
+  QX_TRACE(2, "\nWCSP_MAIN Reflect   : -> output data: %s", out.GetDoc().c_str());
   return 0;
 }
 

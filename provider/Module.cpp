@@ -42,6 +42,9 @@ class ProviderDLL {
   static void StartTracing();
 };
 
-void ProviderDLL::StartTracing() { (void)Debug.Init("QXRemConXfer"); }
+void ProviderDLL::StartTracing() {
+  if (!Debug.Init("QXRemConXfer")) return;  // the facility has said so in the system log; the module runs without
+  if (Debug.IsActive()) Debug.WriteLogHeader(CDebug::kTargetLogFile);
+}
 
 ProviderDLL ThisProvider;

@@ -82,8 +82,9 @@ QX_EXPORT void __stoprequest(void);
 /* Frees a reply text; null is allowed. [any thread] */
 QX_EXPORT void __free(void* p);
 
-/* Version information. The variables may be pointed elsewhere, also to null, by a host that found them with dlsym;
- * the next CreateModule reads them anew. [load/unload] */
+/* Version information. A host may point the variables elsewhere, also to null; the next CreateModule reads them anew. A
+ * host that is linked with the module instead of loading it must be compiled with -fPIC: otherwise the linker gives it
+ * copies of the variables (pAdapterModule, too) that the module never looks at. [load/unload] */
 QX_EXPORT extern const char* DreQXObjectName;           /* "QXRemConXfer" */
 QX_EXPORT extern const char* DreQXObjectVersion;        /* the build's version, such as "0.1.0" */
 QX_EXPORT extern const char* DreQXObjectVendor;         /* the maker */
