@@ -1,0 +1,103 @@
+// A host for the built module: loads it in a child process with dlopen, as the service does, and calls what it exports.
+//
+// The test program itself never loads the module: each test forks, lets the child do the work, and compares the text
+// that the child reports. A crash, a sanitizer's finding or a failed load shows as a last line "[...]".
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "provider/ModuleExports.h"
+#include "tests/support/BlockBuilder.h"
+#include "tests/support/Support.h"
+
+namespace qx::test {
+
+// The module, from dlopen to dlclose. Throws std::runtime_error when it cannot be loaded or lacks a symbol.
+class LoadedModule {
+ public:
+  LoadedModule();
+  ~LoadedModule();
+  LoadedModule(const LoadedModule&) = delete;
+  LoadedModule& operator=(const LoadedModule&) = delete;
+
+  // An exported function or variable by its symbol.
+  template <typename Pointer>
+  Pointer Symbol(const char* name) const {
+    return reinterpret_cast<Pointer>(Find(name));
+  }
+
+  // One request: "RESULT REPLY", with "(null)" for no reply. Returns the reply through __free.
+  std::string Call(const char* function, const wcs_gendata* block, const char* input) const;
+
+  std::string What(const wcs_gendata* block) const { return Call("What", block, ""); }
+  void ThreadBegin() const { Symbol<QxThreadBeginFunction>("__threadbegin")(); }
+  void ThreadEnd(void* user_data) const { Symbol<QxThreadEndFunction>("__threadend")(user_data); }
+  // The variables' addresses in the module.
+  const char** Text(const char* variable) const { return Symbol<const char**>(variable); }
+  CKrxAdapterModule*& Object() const { return *Symbol<CKrxAdapterModule**>("pAdapterModule"); }
+
+ private:
+  void* Find(const char* name) const;
+  void* handle_;
+};
+
+// What `body` returns in a forked child, whose standard error follows it. The child ends without running the test
+// program's own clean-up; under the address sanitizer it looks for leaks first.
+std::string InChild(const std::function<std::string()>& body);
+
+// What a command prints, standard error included, and "[status N]" behind it if N is not 0.
+std::string OutputOf(const std::string& command);
+
+// The requests of one service thread: its block and the thread data that the module leaves in it.
+class ServiceThread {
+ public:
+  explicit ServiceThread(const LoadedModule& module, const std::vector<BlockDepartment>* departments = nullptr);
+  ~ServiceThread();
+  ServiceThread(const ServiceThread&) = delete;
+  ServiceThread& operator=(const ServiceThread&) = delete;
+
+  std::string Ask(const std::string& report, int start, int limit = -1);
+  std::string Call(const char* function, const char* input) { return module_.Call(function, block_->Block(), input); }
+  wcs_gendata* Block() { return block_->Block(); }
+  void* Data() { return block_->Entry(0)->value; }
+
+ private:
+  const LoadedModule& module_;
+  std::unique_ptr<BlockBuilder> block_;
+};
+
+// A test of the module with its trace in a private directory (level 0 unless asked for), an empty trace configuration
+// and a registry that names `Reports()` as the report directory. Every fixed path starts anew with each test.
+class ModuleTest : public testing::Test {
+ protected:
+  ModuleTest();
+  ~ModuleTest() override;
+
+  // The report directory; the same path in every run.
+  static const std::string& Reports();
+  // Adds records to a report.
+  static void Append(const std::string& report, unsigned slots, const std::vector<std::string>& records);
+
+  void SetLevel(int level) { SetEnvironment("QX_LOG_DEBUG_LEVEL", std::to_string(level)); }
+  void SetEnvironment(const char* name, const std::string& value) {
+    environment_.push_back(std::make_unique<ScopedEnv>(name, value.c_str()));
+  }
+  std::string LogPath() const { return logs_.File("log.qxremconxfer"); }
+  // The log with placeholders for what differs from run to run: <STAMP>, <THREAD>, <ID>, <ADDRESS>, <LOW32>, <VERSION>,
+  // <DATE>.
+  std::string NormalisedLog() const;
+  // The entries of the log behind its header block.
+  std::string LogEntries() const;
+
+  TempDir logs_;
+
+ private:
+  std::vector<std::unique_ptr<ScopedEnv>> environment_;
+};
+
+}  // namespace qx::test
