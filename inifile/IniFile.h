@@ -1,0 +1,119 @@
+// Profile files: sections in brackets, lines of key=value. See docs/ini-files.md for the syntax as read and as written.
+//
+// There is no cache: every read opens the file, walks through it and closes it, every write edits the file in place.
+// The static primitives follow the familiar private-profile calling conventions, the members wrap them for one file
+// name. Two writers at once are not kept apart, and nothing is escaped: what a caller passes is what stands in the
+// file.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+// One profile file.
+//
+// Threads: an object belongs to one thread at a time. Any number of objects and primitives may read one file at once;
+// writers of one file are serialised by their callers, among themselves and against readers.
+// Owns: its copy of the file name and the two buffers whose pointers it hands out. No file stays open between calls.
+// Failure: while the object is not open or has no file name, every member except the name handling does nothing and
+// returns false, 0, the default or the empty string. Only regular files can be opened.
+class CIniFile {
+ public:
+  CIniFile();
+  ~CIniFile();
+  CIniFile(const CIniFile&) = delete;
+  CIniFile& operator=(const CIniFile&) = delete;
+
+  // Reads one value, or a list of names, into the `size` bytes at `buf` and returns the number of characters placed.
+  //   section and key given   the value of the first such entry; if there is none, or it is empty: `def`
+  //   key null                the section's keys in file order, each followed by NUL, the list by one more
+  //   section null            likewise the names of all sections, whatever `key` is
+  // A null `def` counts as empty; lists have no default. A value that was cut gives size - 1, a list that was cut
+  // size - 2 and two NULs at the end; size - 1 and size - 2 therefore mean "ask again with more room". At size 2
+  // nothing is searched and `def` comes; size 1 gives the empty text; at size 0, or with `buf` or `path` null, nothing
+  // is written and the result is 0. [any thread]
+  static unsigned GetPrivateProfileString(const char* section, const char* key, const char* def, char* buf,
+                                          unsigned size, const char* path);
+
+  // Writes `value` under `key`; a null `key` deletes the section, a null `value` the key. Creates the file with mode
+  // 0644 when there is none. False when there was nothing to delete in an existing file, without `section` or `path`,
+  // and when the file could not be opened or written. An edit that fails half-way leaves the file as far as it was
+  // written. [any thread]
+  [[nodiscard]] static bool WritePrivateProfileString(const char* section, const char* key, const char* value,
+                                                      const char* path);
+
+  // Replaces the bytes `from` up to `to` of `file` (open for reading and writing) by a line feed if `newlineFirst`
+  // and by the line key=value if both are given; what stood at `to` follows, and the file ends where that ends. False
+  // when an offset lies outside the file, `from` lies behind `to`, there is no room, or a stream call fails. [any
+  // thread]
+  [[nodiscard]] static bool WriteLines(FILE* file, unsigned from, unsigned to, const char* key, const char* value,
+                                       bool newlineFirst);
+
+  // Keeps a copy of `name`; null clears it. The open flag stays as it is. [owning thread]
+  void SetFilename(const char* name);
+
+  // The name, or "" when none is set. Lives until the name is replaced. [owning thread]
+  [[nodiscard]] const char* GetFileName() const;
+
+  // Makes the object usable if it has a name and, with `mustExist`, the file can be opened for reading. Nothing stays
+  // open. IsOpen tells the result again. [owning thread]
+  bool Open(bool mustExist);
+  bool Open(const char* name, bool mustExist);
+  [[nodiscard]] bool IsOpen() const;
+  void Close();
+
+  // The first 31 characters of the value as C reads numbers: decimal, 0x hexadecimal, leading 0 octal, cut to 32 bits;
+  // text without digits is 0. `def` when there is no such entry or its value is empty. [owning thread]
+  [[nodiscard]] unsigned GetNumber(const char* section, const char* key, unsigned def);
+
+  // The value, or `def` when there is no such entry or its value is empty. A text of more than 64,509 characters, which
+  // only a default can be, gives `def` and false. `out` stays untouched while the object is not open. [owning thread]
+  bool GetString(std::string& out, const char* section, const char* key, const char* def);
+
+  // The same; the text belongs to the object and lives until its next call of this form. A text that is too long, or
+  // for which there is no memory, gives the pointer `def`. `key` and `def` may be texts returned before. [owning
+  // thread]
+  const char* GetString(const char* section, const char* key, const char* def);
+
+  // The first of the section's keys (null: of the file's section names), GetNextEnum the following ones, "" at the end
+  // and from then on. A list of more than 64,509 characters counts as empty. The names belong to the object and live
+  // until the next GetEnum, GetEnums, GetSections or CopySection. [owning thread]
+  const char* GetEnum(const char* section);
+  const char* GetNextEnum();
+
+  // Appends the names up to the first empty one to `names`; true when there was at least one. [owning thread]
+  bool GetSections(std::vector<std::string>& names);
+  bool GetEnums(std::vector<std::string>& names, const char* section);
+
+  // As WritePrivateProfileString on the object's file. [owning thread]
+  [[nodiscard]] bool SetString(const char* section, const char* key, const char* value);
+  [[nodiscard]] bool SetNumber(const char* section, const char* key, unsigned number);
+  [[nodiscard]] bool SetNumber(const char* section, const char* key, int number);
+  [[nodiscard]] bool DeleteSection(const char* section);
+  [[nodiscard]] bool DeleteKey(const char* section, const char* key);
+
+  // Writes each key of `from` with its value under the same key of `to`. True whenever the object is open and both
+  // names are given, whether or not the writes succeeded. [owning thread]
+  [[nodiscard]] bool CopySection(const char* from, const char* to);
+
+  // There is nothing to flush: only traces a warning while the object is open. [owning thread]
+  void Flush();
+
+ private:
+  [[nodiscard]] bool IsUsable() const { return is_open_ && file_name_ != nullptr; }
+  [[nodiscard]] const char* KeepString(const char* text, unsigned length);
+  [[nodiscard]] bool IsKeptString(const char* text) const;
+  void ForgetString();
+  [[nodiscard]] bool AppendEnum(std::vector<std::string>& names, const char* section);
+
+  // Order is interface: other code of the suite embeds this layout.
+  std::unique_ptr<char[]> file_name_;
+  std::unique_ptr<char[]> string_buffer_;  // of the last GetString that returned a pointer
+  std::unique_ptr<char[]> enum_buffer_;    // NUL-separated names, ending with an empty name
+  const char* enum_cursor_ = nullptr;      // at the name returned last
+  std::uint32_t string_size_ = 0;          // bytes of string_buffer_
+  std::uint32_t enum_size_ = 0;            // bytes of enum_buffer_: the list with its ending NUL, nothing behind it
+  bool is_open_ = false;
+};

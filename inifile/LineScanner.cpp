@@ -1,0 +1,59 @@
+#include "inifile/LineScanner.h"
+
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <cstring>
+
+namespace qx::inifile {
+
+namespace {
+
+std::string_view AsCString(std::string_view bytes) { return bytes.substr(0, bytes.find('\0')); }
+
+}  // namespace
+
+LineScanner::LineScanner(int descriptor, std::span<char> window) noexcept : descriptor_(descriptor), window_(window) {
+  assert(window.size() >= kLineBytesMax);
+}
+
+bool LineScanner::Next(std::string_view& line) noexcept {
+  std::size_t length = LengthOfLineAtFront();
+  while (length == 0 && !is_read_to_the_end_) {
+    ReadMore();
+    length = LengthOfLineAtFront();
+  }
+  if (length == 0) return false;
+
+  line = AsCString(unread_.substr(0, length));
+  unread_.remove_prefix(length);
+  position_ += length;
+  return true;
+}
+
+// 0 while it takes more bytes to tell, and at the end of the file.
+std::size_t LineScanner::LengthOfLineAtFront() const noexcept {
+  const std::string_view longest = unread_.substr(0, kLineBytesMax);
+  const std::size_t line_feed = longest.find('\n');
+  if (line_feed != std::string_view::npos) return line_feed + 1;
+  const bool is_whole = longest.size() == kLineBytesMax || is_read_to_the_end_;
+  return is_whole ? longest.size() : 0;
+}
+
+// Less than a line is unread here, so there is room behind it once it stands at the window's front.
+void LineScanner::ReadMore() noexcept {
+  const std::size_t kept = unread_.size();
+  if (kept > 0) std::memmove(window_.data(), unread_.data(), kept);
+
+  const off_t offset = static_cast<off_t>(position_ + kept);
+  ssize_t got = 0;
+  do {
+    got = pread(descriptor_, window_.data() + kept, window_.size() - kept, offset);
+  } while (got < 0 && errno == EINTR);
+
+  if (got <= 0) is_read_to_the_end_ = true;
+  unread_ = {window_.data(), kept + (got > 0 ? static_cast<std::size_t>(got) : 0)};
+}
+
+}  // namespace qx::inifile

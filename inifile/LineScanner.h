@@ -1,0 +1,50 @@
+// Walks the lines of an open file through one fixed window, without an allocation a line.
+//
+// A line is what fgets into a buffer of 1024 bytes leaves there as a C string:
+//   "key=1\n"               => "key=1\n"
+//   "key=1" at the end      => "key=1"            the last line may lack its line feed
+//   "ke\0y=1\n"             => "ke"               a NUL hides the rest, line feed included
+//   1500 times "x", "\n"    => 1023 times "x", then 477 times "x" and "\n"
+// The position counts the bytes of the file, hidden ones included. Opening, writing and the meaning of lines are
+// not its business.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+namespace qx::inifile {
+
+// The lines of one file, front to back.
+//
+// Threads: one thread at a time.
+// Owns: nothing; the descriptor and the window stay the caller's and outlive the scanner.
+// Failure: a read that fails ends the file there.
+class LineScanner {
+ public:
+  static constexpr std::size_t kLineBytesMax = 1023;
+  static constexpr std::size_t kWindowBytes = 16 * 1024;
+
+  // Starts at the file's first byte whatever the descriptor's own position, which stays as it is. `window` has room
+  // for at least kLineBytesMax bytes. [owning thread]
+  LineScanner(int descriptor, std::span<char> window) noexcept;
+
+  // The next line, or false at the end. `line` lives until the next call and stays untouched on false. [owning thread]
+  [[nodiscard]] bool Next(std::string_view& line) noexcept;
+
+  // Offset in the file of the byte behind the line taken last. [owning thread]
+  [[nodiscard]] std::uint64_t Position() const noexcept { return position_; }
+
+ private:
+  [[nodiscard]] std::size_t LengthOfLineAtFront() const noexcept;
+  void ReadMore() noexcept;
+
+  int descriptor_;
+  std::span<char> window_;
+  std::string_view unread_;     // the part of the window that no line has taken yet
+  std::uint64_t position_ = 0;  // of the first unread byte
+  bool is_read_to_the_end_ = false;
+};
+
+}  // namespace qx::inifile

@@ -1,0 +1,174 @@
+// The reading primitive: one open, one walk, nothing allocated.
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+#include "debug/Debug.h"
+#include "inifile/IniFile.h"
+#include "inifile/LineScanner.h"
+#include "inifile/ProfileSyntax.h"
+#include "inifile/RegularFile.h"
+
+namespace qx::inifile {
+
+namespace {
+
+// What a read is after. A missing section or key turns it into a list.
+struct Query {
+  const char* section;
+  const char* key;
+
+  [[nodiscard]] bool IsList() const { return section == nullptr || key == nullptr; }
+};
+
+// The caller's buffer of at least two bytes. `count` runs ahead of the buffer when a text was cut.
+class Result {
+ public:
+  Result(char* buf, std::size_t size) : buf_(buf), size_(size) {}
+
+  [[nodiscard]] bool HasRoom() const { return count_ < size_ - 2; }
+  [[nodiscard]] bool IsEmpty() const { return count_ == 0; }
+
+  void AppendName(std::string_view name) {
+    Copy(name, size_ - 1 - count_);
+    count_ += name.size() + 1;
+  }
+
+  void SetValue(std::string_view value) {
+    Copy(value, size_ - 1);
+    count_ = value.size();
+  }
+
+  // Ends the text, of which there is some, and tells its length.
+  //   value "abcdef", size 4              => "abc", 3
+  //   names "ab" and "cd", size 16        => "ab\0cd\0\0", 6
+  //   names "ab" and "cd", size 6         => "ab\0c\0\0", 4 = size - 2
+  unsigned Finish(bool is_list) {
+    if (count_ >= size_) {
+      buf_[size_ - 1] = '\0';
+      count_ = is_list ? size_ - 2 : size_ - 1;
+    }
+    buf_[count_] = '\0';
+    return static_cast<unsigned>(count_);
+  }
+
+ private:
+  // Copies what fits into `room` bytes and ends it with NUL; there is always one more byte for that.
+  void Copy(std::string_view text, std::size_t room) {
+    const std::size_t length = std::min(text.size(), room);
+    std::memcpy(buf_ + count_, text.data(), length);
+    buf_[count_ + length] = '\0';
+  }
+
+  char* buf_;
+  std::size_t size_;
+  std::size_t count_ = 0;
+};
+
+// A ";" starts a comment wherever it stands, in values too.
+std::string_view WithoutComment(std::string_view line) {
+  return WithoutTrailing(line.substr(0, line.find(';')), kWhiteSpace);
+}
+
+// "[Sec] text" => "Sec"; nothing when there is no "]".
+std::optional<std::string_view> NameInHeader(std::string_view line) {
+  const std::size_t end = line.find(']');
+  if (end == std::string_view::npos) return std::nullopt;
+  return line.substr(1, end - 1);
+}
+
+struct Entry {
+  std::string_view key;
+  std::string_view value;
+};
+
+// "key \t= a = b" => "key", "a = b"; nothing when there is no "=".
+std::optional<Entry> ParseEntry(std::string_view line) {
+  const std::size_t equals = line.find('=');
+  if (equals == std::string_view::npos) return std::nullopt;
+  return Entry{.key = WithoutTrailing(line.substr(0, equals), kWhiteSpace),
+               .value = WithoutLeadingWhiteSpace(line.substr(equals + 1))};
+}
+
+// False when the entry ends the search.
+bool TakeEntry(std::string_view line, const Query& query, Result& result) {
+  const std::optional<Entry> entry = ParseEntry(line);
+  if (!entry) return true;
+  if (query.key == nullptr) {
+    result.AppendName(entry->key);
+    return true;
+  }
+  if (entry->key != query.key) return true;
+  result.SetValue(entry->value);
+  return false;
+}
+
+void CollectSections(LineScanner& lines, Result& result) {
+  std::string_view line;
+  while (result.HasRoom() && lines.Next(line)) {
+    line = WithoutLeadingWhiteSpace(line);
+    if (!IsHeader(line)) continue;
+    if (const auto name = NameInHeader(WithoutComment(line))) result.AppendName(*name);
+  }
+}
+
+// Only the first section of the name counts: its next header, of whatever name, ends the search.
+void SearchSection(LineScanner& lines, const Query& query, Result& result) {
+  const std::string_view section = query.section;
+  bool is_inside = false;
+  std::string_view line;
+  while (result.HasRoom() && lines.Next(line)) {
+    line = WithoutLeadingWhiteSpace(line);
+    if (IsHeader(line)) {
+      if (is_inside) return;
+      is_inside = IsHeaderOf(WithoutComment(line), section);
+    } else if (is_inside && !TakeEntry(WithoutComment(line), query, result)) {
+      return;
+    }
+  }
+}
+
+void Search(const Descriptor& file, const Query& query, Result& result) {
+  std::array<char, LineScanner::kWindowBytes> window;
+  LineScanner lines(file.Number(), window);
+  if (query.section == nullptr) {
+    CollectSections(lines, result);
+  } else {
+    SearchSection(lines, query, result);
+  }
+}
+
+unsigned DeliverDefault(const char* def, char* buf, std::size_t size) {
+  if (def == nullptr) return 0;
+  const std::size_t length = strnlen(def, size - 1);
+  std::memcpy(buf, def, length);
+  buf[length] = '\0';
+  return static_cast<unsigned>(length);
+}
+
+unsigned Read(const Query& query, const char* def, char* buf, std::size_t size, const char* path) {
+  Result result(buf, size);
+  if (const Descriptor file = OpenRegularFile(path, O_RDONLY); file.IsOpen()) {
+    Search(file, query, result);
+  } else {
+    QX_TRACE(4, "GetPrivateProfileString: Cannot open %s\n", path);
+  }
+  if (!result.IsEmpty()) return result.Finish(query.IsList());
+  return query.IsList() ? 0 : DeliverDefault(def, buf, size);
+}
+
+}  // namespace
+
+}  // namespace qx::inifile
+
+unsigned CIniFile::GetPrivateProfileString(const char* section, const char* key, const char* def, char* buf,
+                                           unsigned size, const char* path) {
+  if (buf == nullptr || path == nullptr || size == 0) return 0;
+  buf[0] = '\0';
+  if (size == 1) return 0;  // size - 2 would wrap: the search would never be full
+  return qx::inifile::Read({.section = section, .key = key}, def, buf, size, path);
+}

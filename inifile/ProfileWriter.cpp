@@ -1,0 +1,286 @@
+// The writing primitive: finds the place of an edit in one walk, then moves the file's tail around it.
+//
+// The writer reads lines more strictly than the reader: no white space is skipped, so an indented header or key is not
+// seen. Two oddities follow from its dropping the last character of every line, which it takes for the line feed: in a
+// last line without one, and in each piece of a line that was split, a character is missing.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "debug/Debug.h"
+#include "inifile/IniFile.h"
+#include "inifile/LineScanner.h"
+#include "inifile/ProfileSyntax.h"
+#include "inifile/RegularFile.h"
+
+namespace qx::inifile {
+
+namespace {
+
+constexpr mode_t kNewFileMode = 0644;
+
+// What is to be written. Without key the section goes, without value the key.
+struct Edit {
+  const char* section;
+  const char* key;
+  const char* value;
+  const char* path;
+
+  [[nodiscard]] bool DeletesSection() const { return key == nullptr; }
+  [[nodiscard]] bool SetsValue() const { return key != nullptr && value != nullptr; }
+};
+
+struct CloseStream {
+  void operator()(FILE* stream) const noexcept { (void)std::fclose(stream); }
+};
+using Stream = std::unique_ptr<FILE, CloseStream>;
+
+bool Closed(Stream stream) { return std::fclose(stream.release()) == 0; }
+
+enum class PlaceKind { kEntry, kNextHeader, kEndOfFile };
+
+// Where the walk ended. A region begins behind the line handled before it, so the empty and comment lines directly
+// above a line belong to that line's region.
+struct Place {
+  PlaceKind kind = PlaceKind::kEndOfFile;
+  bool has_section = false;
+  std::uint64_t section_begin = 0;  // of the region of the section's header
+  unsigned section_lines = 0;       // handled since that header, the one at `begin` included
+  std::uint64_t begin = 0;
+  std::uint64_t end = 0;  // behind the line at which the walk ended
+};
+
+std::string_view WithoutLastCharacter(std::string_view line) {
+  return line.substr(0, line.empty() ? 0 : line.size() - 1);
+}
+
+bool IsEmptyOrComment(std::string_view line) { return line.empty() || line.front() == ';'; }
+
+// Takes lines up to and with the first one that says something; `place` then spans them.
+bool NextRegion(LineScanner& lines, Place& place, std::string_view& line) {
+  place.begin = lines.Position();
+  bool is_found = false;
+  while (!is_found && lines.Next(line)) {
+    line = WithoutLastCharacter(line);
+    is_found = !IsEmptyOrComment(line);
+  }
+  place.end = lines.Position();
+  return is_found;
+}
+
+// White space before the key is part of it here.
+bool IsEntryOf(std::string_view line, std::string_view key) {
+  const std::size_t equals = line.find('=');
+  return equals != std::string_view::npos && WithoutTrailing(line.substr(0, equals), " \t") == key;
+}
+
+Place FindPlace(LineScanner& lines, const Edit& edit) {
+  Place place;
+  std::string_view line;
+  while (NextRegion(lines, place, line)) {
+    if (IsHeader(line)) {
+      if (place.has_section) {
+        place.kind = PlaceKind::kNextHeader;
+        return place;
+      }
+      if (!IsHeaderOf(line, edit.section)) continue;
+      place.has_section = true;
+      place.section_begin = place.begin;
+    } else if (place.has_section) {
+      ++place.section_lines;
+      if (edit.key == nullptr || !IsEntryOf(line, edit.key)) continue;
+      place.kind = PlaceKind::kEntry;
+      return place;
+    }
+  }
+  return place;
+}
+
+Place FindPlace(const Descriptor& file, const Edit& edit) {
+  std::array<char, LineScanner::kWindowBytes> window;
+  LineScanner lines(file.Number(), window);
+  return FindPlace(lines, edit);
+}
+
+bool WriteAll(FILE* stream, std::string_view text) {
+  return text.empty() || std::fwrite(text.data(), 1, text.size(), stream) == text.size();
+}
+
+std::string FormatEntry(const char* key, const char* value) {
+  return std::string(key).append("=").append(value).append("\n");
+}
+
+// The file's bytes from `offset` to its end at `size`; null when they cannot be read whole.
+std::unique_ptr<char[]> ReadTail(FILE* stream, std::uint64_t offset, std::uint64_t size) {
+  const std::size_t length = static_cast<std::size_t>(size - offset);
+  std::unique_ptr<char[]> tail(new (std::nothrow) char[length + 1]);
+  if (!tail || fseeko(stream, static_cast<off_t>(offset), SEEK_SET) != 0) return nullptr;
+  if (std::fread(tail.get(), 1, length, stream) != length) return nullptr;
+  return tail;
+}
+
+// Cuts what a failed write left behind `old_end`. The write has failed either way, so its result is the one to report.
+void GiveBack(int descriptor, off_t old_end) {
+  if (ftruncate(descriptor, old_end) != 0) return;
+}
+
+// Takes the room that an edit will need before it overwrites anything, so that a full disk leaves the file as it was.
+// Only a lack of room counts: where room cannot be reserved the writes themselves show what is wrong.
+bool ReserveRoom(FILE* stream, std::uint64_t old_size, std::uint64_t new_size) {
+  if (new_size <= old_size) return true;
+  const auto old_end = static_cast<off_t>(old_size);
+  const int error = posix_fallocate(fileno(stream), old_end, static_cast<off_t>(new_size - old_size));
+  if (error != ENOSPC && error != EFBIG && error != EDQUOT) return true;
+  GiveBack(fileno(stream), old_end);
+  return false;
+}
+
+bool TruncateHere(FILE* stream) {
+  if (std::fflush(stream) != 0) return false;
+  const off_t end = ftello(stream);
+  return end >= 0 && ftruncate(fileno(stream), end) == 0;
+}
+
+// Replaces the bytes from `begin` to `end` by `text`.
+bool Splice(FILE* stream, std::uint64_t begin, std::uint64_t end, std::string_view text) {
+  struct stat status;
+  if (fstat(fileno(stream), &status) != 0) return false;
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  if (begin > end || end > size) return false;
+
+  const std::unique_ptr<char[]> tail = ReadTail(stream, end, size);
+  if (!tail) return false;
+  const std::string_view kept(tail.get(), static_cast<std::size_t>(size - end));
+  if (!ReserveRoom(stream, size, begin + text.size() + kept.size())) return false;
+  if (fseeko(stream, static_cast<off_t>(begin), SEEK_SET) != 0) return false;
+  return WriteAll(stream, text) && WriteAll(stream, kept) && TruncateHere(stream);
+}
+
+// Offsets travel through WriteLines in 32 bits: what lies further back is not edited rather than edited elsewhere.
+bool WriteRegion(FILE* stream, std::uint64_t from, std::uint64_t to, const Edit& edit, bool new_line_first) {
+  if (to > std::numeric_limits<unsigned>::max()) return false;
+  return CIniFile::WriteLines(stream, static_cast<unsigned>(from), static_cast<unsigned>(to), edit.key, edit.value,
+                              new_line_first);
+}
+
+// Quirk: an entry that is its section's first line gets a line feed before it. That keeps the empty line which the
+// writer puts behind a header, and adds one where there was none; where the entry is deleted it stays behind.
+bool EditPlace(FILE* stream, const Place& place, const Edit& edit) {
+  if (place.kind == PlaceKind::kEntry) {
+    return WriteRegion(stream, place.begin, place.end, edit, place.section_lines < 2);
+  }
+  if (edit.DeletesSection()) {
+    const std::uint64_t end = place.kind == PlaceKind::kEndOfFile ? place.end : place.begin;
+    return WriteRegion(stream, place.section_begin, end, edit, false);
+  }
+  return WriteRegion(stream, place.begin, place.begin, edit, false);
+}
+
+bool EditInPlace(Descriptor file, const Place& place, const Edit& edit) {
+  Stream stream(fdopen(file.Number(), "r+"));
+  if (!stream) return false;
+  (void)file.Release();  // the stream closes it
+  const bool is_edited = EditPlace(stream.get(), place, edit);
+  const bool is_closed = Closed(std::move(stream));
+  const bool result = is_edited && is_closed;
+  QX_TRACE(4, "WritePrivateProfileString rc=0x%04x\n", static_cast<unsigned>(result));
+  return result;
+}
+
+bool WriteAll(int descriptor, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(descriptor, text.data(), text.size());
+    if (written < 0 && errno != EINTR) return false;
+    if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+// What could not be appended whole is taken back: half a line would run into whatever is appended next.
+bool AppendText(Descriptor file, std::string_view text) {
+  struct stat before;
+  if (fstat(file.Number(), &before) != 0) return false;
+  if (WriteAll(file.Number(), text)) return file.Close();
+  GiveBack(file.Number(), before.st_size);
+  return false;
+}
+
+void TraceAppendError(const Edit& edit) {
+  QX_TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n", edit.path);
+}
+
+// Quirk: nothing ends a last line without line feed first, so an entry appended without a header runs into it.
+bool Append(const Edit& edit, bool with_header, bool is_new) {
+  Descriptor file = OpenRegularFile(edit.path, O_WRONLY | O_APPEND | (is_new ? O_CREAT : 0), kNewFileMode);
+  if (!file.IsOpen()) {
+    TraceAppendError(edit);
+    return false;
+  }
+  if (is_new) (void)fchmod(file.Number(), kNewFileMode);  // whatever the umask; some file systems have no modes
+  std::string text;
+  if (with_header) text.append("\n[").append(edit.section).append("]\n\n");
+  text.append(FormatEntry(edit.key, edit.value));
+  return AppendText(std::move(file), text);
+}
+
+bool WriteToUnopenable(const Edit& edit, int error) {
+  const bool is_missing = error == ENOENT || error == ENOTDIR;
+  if (is_missing) return !edit.SetsValue() || Append(edit, true, true);
+  TraceAppendError(edit);
+  return false;
+}
+
+bool Write(const Edit& edit) {
+  Descriptor file = OpenRegularFile(edit.path, O_RDWR);
+  if (!file.IsOpen()) return WriteToUnopenable(edit, errno);
+
+  const Place place = FindPlace(file, edit);
+  switch (place.kind) {
+    case PlaceKind::kEntry:
+      return EditInPlace(std::move(file), place, edit);
+    case PlaceKind::kNextHeader:
+      if (edit.DeletesSection() || edit.SetsValue()) return EditInPlace(std::move(file), place, edit);
+      return false;
+    case PlaceKind::kEndOfFile:
+      break;
+  }
+  if (edit.SetsValue()) return Append(edit, !place.has_section, false);
+  return edit.DeletesSection() && place.has_section && EditInPlace(std::move(file), place, edit);
+}
+
+}  // namespace
+
+}  // namespace qx::inifile
+
+bool CIniFile::WritePrivateProfileString(const char* section, const char* key, const char* value, const char* path) {
+  if (section == nullptr) {
+    QX_TRACE(4, "WritePrivateProfileString: ## WARNING: invalid pointer to AppName\n");
+    return false;
+  }
+  if (path == nullptr) {
+    QX_TRACE(4, "WritePrivateProfileString: ## WARNING: invalid pointer to FileName\n");
+    return false;
+  }
+  QX_TRACE(4, "WritePrivateProfileString(%s, %s, %s, %s)\n", section, key != nullptr ? key : "<nil>",
+           value != nullptr ? value : "<nil>", path);
+  return qx::inifile::Write({.section = section, .key = key, .value = value, .path = path});
+}
+
+bool CIniFile::WriteLines(FILE* file, unsigned from, unsigned to, const char* key, const char* value,
+                          bool newlineFirst) {
+  if (file == nullptr) return false;
+  std::string text(newlineFirst ? 1 : 0, '\n');
+  if (key != nullptr && value != nullptr) text.append(qx::inifile::FormatEntry(key, value));
+  return qx::inifile::Splice(file, from, to, text);
+}

@@ -1,0 +1,126 @@
+#include "inifile/LineScanner.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "inifile/RegularFile.h"
+#include "tests/inifile/FgetsProfile.h"
+#include "tests/support/Support.h"
+
+namespace {
+
+using qx::inifile::Descriptor;
+using qx::inifile::LineScanner;
+using qx::test::PlainLine;
+
+std::vector<PlainLine> ScannedLines(const std::string& path, std::size_t window_bytes) {
+  const Descriptor file = qx::inifile::OpenRegularFile(path.c_str(), O_RDONLY);
+  std::vector<char> window(window_bytes);
+  LineScanner scanner(file.Number(), window);
+  std::vector<PlainLine> lines;
+  std::string_view line;
+  while (scanner.Next(line)) lines.push_back({std::string(line), static_cast<long>(scanner.Position())});
+  EXPECT_FALSE(scanner.Next(line)) << "the end stays the end";
+  return lines;
+}
+
+std::vector<std::string> Texts(const std::string& bytes) {
+  const qx::test::TempDir dir;
+  qx::test::WriteFile(dir.File("f"), bytes);
+  std::vector<std::string> texts;
+  for (const PlainLine& line : ScannedLines(dir.File("f"), LineScanner::kWindowBytes)) texts.push_back(line.text);
+  return texts;
+}
+
+using Lines = std::vector<std::string>;
+
+TEST(LineScanner, LineKeepsItsLineFeed) { EXPECT_EQ(Texts("a=1\n\nb\n"), (Lines{"a=1\n", "\n", "b\n"})); }
+
+TEST(LineScanner, LastLineMayLackItsLineFeed) { EXPECT_EQ(Texts("a\nb"), (Lines{"a\n", "b"})); }
+
+TEST(LineScanner, EmptyFileHasNoLine) { EXPECT_EQ(Texts(""), Lines{}); }
+
+TEST(LineScanner, NulHidesTheRestOfItsLineOnly) {
+  EXPECT_EQ(Texts(std::string("ab\0cd\n\0x\nef\n", 12)), (Lines{"ab", "", "ef\n"}));
+}
+
+TEST(LineScanner, LineOf1023BytesIsSplitBeforeItsLineFeed) {
+  const std::string x(1022, 'x');
+  EXPECT_EQ(Texts(x + "\nb\n"), (Lines{x + "\n", "b\n"}));
+  EXPECT_EQ(Texts(x + "y\nb\n"), (Lines{x + "y", "\n", "b\n"}));
+  EXPECT_EQ(Texts(x + "yz\nb\n"), (Lines{x + "y", "z\n", "b\n"}));
+}
+
+TEST(LineScanner, HiddenBytesCountForSplitAndPosition) {
+  const qx::test::TempDir dir;
+  qx::test::WriteFile(dir.File("f"), "a" + std::string(1500, '\0') + "\nb\n");
+  const auto lines = ScannedLines(dir.File("f"), LineScanner::kLineBytesMax);
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines[0].text, "a");
+  EXPECT_EQ(lines[0].end, 1023);
+  EXPECT_EQ(lines[1].text, "");
+  EXPECT_EQ(lines[1].end, 1502);
+  EXPECT_EQ(lines[2].text, "b\n");
+}
+
+TEST(LineScanner, ReadErrorEndsTheFile) {
+  char window[LineScanner::kLineBytesMax];
+  LineScanner scanner(-1, window);
+  std::string_view line = "untouched";
+  EXPECT_FALSE(scanner.Next(line));
+  EXPECT_EQ(line, "untouched");
+  EXPECT_EQ(scanner.Position(), 0U);
+}
+
+TEST(LineScanner, DescriptorsOwnPositionIsNeitherUsedNorMoved) {
+  const qx::test::TempDir dir;
+  qx::test::WriteFile(dir.File("f"), "a\nb\n");
+  const Descriptor file = qx::inifile::OpenRegularFile(dir.File("f").c_str(), O_RDONLY);
+  ASSERT_EQ(lseek(file.Number(), 3, SEEK_SET), 3);
+  char window[LineScanner::kLineBytesMax];
+  LineScanner scanner(file.Number(), window);
+  std::string_view line;
+  ASSERT_TRUE(scanner.Next(line));
+  EXPECT_EQ(line, "a\n");
+  EXPECT_EQ(lseek(file.Number(), 0, SEEK_CUR), 3);
+}
+
+std::string RandomBytes(std::mt19937_64& random) {
+  std::string bytes;
+  const std::size_t runs = random() % 40;
+  for (std::size_t i = 0; i < runs; ++i) {
+    const std::size_t kind = random() % 8;
+    if (kind == 0) bytes.append(1015 + random() % 16, 'x');
+    if (kind == 1) bytes.push_back('\0');
+    if (kind >= 2 && kind < 5) bytes.append(random() % 400, static_cast<char>(random() % 256));
+    if (kind >= 4) bytes.push_back('\n');
+  }
+  return bytes;
+}
+
+// Windows of one line, of a line and a byte, and the real one: a line may lie across a window's end anywhere.
+TEST(LineScanner, AgreesWithFgetsOnRandomBytesAcrossAnyWindow) {
+  std::mt19937_64 random(qx::test::Seed("LineScanner"));
+  const qx::test::TempDir dir;
+  const std::string path = dir.File("f");
+  for (int round = 0; round < 600; ++round) {
+    qx::test::WriteFile(path, RandomBytes(random));
+    const std::vector<PlainLine> expected = qx::test::FgetsLines(path);
+    for (const std::size_t window :
+         {std::size_t{1023}, std::size_t{1024}, 1023 + random() % 3000, LineScanner::kWindowBytes}) {
+      const std::vector<PlainLine> actual = ScannedLines(path, window);
+      ASSERT_EQ(actual.size(), expected.size()) << "round " << round << ", window " << window;
+      for (std::size_t i = 0; i < actual.size(); ++i) {
+        ASSERT_EQ(actual[i].text, expected[i].text) << "round " << round << ", line " << i;
+        ASSERT_EQ(actual[i].end, expected[i].end) << "round " << round << ", line " << i;
+      }
+    }
+  }
+}
+
+}  // namespace
