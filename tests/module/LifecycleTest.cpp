@@ -113,8 +113,8 @@ TEST_F(ModuleLifecycle, LoadWritesHeaderAndModuleObjectInOrder) {
           "KRX Provider        : File Version:    <VERSION>\n" + head +
           "KRX Provider        : Company:         Norrlek\n" + head + "KRX Provider        : Milestone:       -\n" +
           head + "KRX Provider        : Build:           <DATE>\n" + head +
-          "WCSP_MAIN Create    : CreateModule - allocate pAdapterModule = <LOW32>\n" + head +
-          "WCSP_MAIN Delete    : DeleteModule - delete pAdapterModule = <LOW32>\n" + head +
+          "WCSP_MAIN Create    : CreateModule - allocate pAdapterModule = 0x<LOW32>\n" + head +
+          "WCSP_MAIN Delete    : DeleteModule - delete pAdapterModule = 0x<LOW32>\n" + head +
           "*** KRX Provider library unload ***\n"));
 }
 
