@@ -2,9 +2,9 @@
 //
 // Each request goes the same way: wrap the block, parse the input, run the operation, duplicate the reply. This is also
 // the one place where an exception stops; what the service sees of it is -1 and a null reply.
-#include <cxxabi.h>
-
-#include <new>
+#include <exception>
+#include <memory>
+#include <utility>
 
 #include "debug/Debug.h"
 #include "markup/Markup.h"
@@ -23,14 +23,13 @@ namespace {
 constexpr int kFailed = -1;
 
 // Calls `run`; an exception gives `on_failure`. A forced unwinding (the service cancels its thread) must reach the end
-// of the thread's stack: swallowing it would abort the process.
+// of the thread's stack: swallowing it would abort the process. It is known by being no exception of this language.
 template <typename Run>
 auto Guarded(decltype(std::declval<Run>()()) on_failure, Run run) {
   try {
     return run();
-  } catch (const abi::__forced_unwind&) {
-    throw;
   } catch (...) {
+    if (std::current_exception() == nullptr) throw;
     return on_failure;
   }
 }

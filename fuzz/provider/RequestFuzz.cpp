@@ -1,6 +1,8 @@
-// Request documents of every kind through the exported functions, from the raw call to the reply, against a small report.
+// Request documents of every kind through the exported functions, from the raw call to the reply, against a small
+// report.
 //
 // Input: one byte that picks the function and whether the caller was refused, then the document.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -25,17 +27,17 @@ using qx::test::BlockBuilder;
   std::abort();
 }
 
-// A working directory with a report "r1" below "Reports", where the module looks when the configuration names no
-// directory; and the module object.
+// A directory with a report "r1" below "Reports", where the module looks below its working directory when the
+// configuration names no other; and the module object.
 class World {
  public:
   World() {
     char directory[] = "/tmp/qx-fuzz-XXXXXX";
-    if (mkdtemp(directory) == nullptr || chdir(directory) != 0) Wrong("no working directory");
+    if (mkdtemp(directory) == nullptr) Wrong("no directory");
     directory_ = directory;
-    std::filesystem::create_directory("Reports");
+    std::filesystem::create_directory(directory_ + "/Reports");
     CReportFileBase store;
-    if (!store.Open("Reports/r1", 4)) Wrong("no report");
+    if (!store.Open((directory_ + "/Reports/r1").c_str(), 4)) Wrong("no report");
     for (const char* record : {"one", "two <&>", "three ]]>", "four", "five"}) {
       if (!store.writeLine(record)) Wrong("no record");
     }
@@ -46,9 +48,27 @@ class World {
     std::error_code ignored;  // a directory left in /tmp harms nobody
     std::filesystem::remove_all(directory_, ignored);
   }
+  const std::string& Directory() const { return directory_; }
 
  private:
   std::string directory_;
+};
+
+// The world's directory as the working directory for the length of a scope: the driver's own paths may be relative.
+class InWorld {
+ public:
+  explicit InWorld(const World& world) : old_(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+    if (old_ < 0 || chdir(world.Directory().c_str()) != 0) Wrong("no working directory");
+  }
+  ~InWorld() {
+    if (fchdir(old_) != 0) Wrong("no way back");
+    close(old_);
+  }
+  InWorld(const InWorld&) = delete;
+  InWorld& operator=(const InWorld&) = delete;
+
+ private:
+  int old_;
 };
 
 void CheckReply(QxRequestFunction function, int result, const char* reply, const std::string& document, bool refused) {
@@ -65,6 +85,7 @@ void CheckReply(QxRequestFunction function, int result, const char* reply, const
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const World world;
   if (size == 0) return 0;
+  const InWorld in_world(world);
   static constexpr QxRequestFunction kFunctions[] = {GetReports, What, Reflect, GetReports};
   const QxRequestFunction function = kFunctions[data[0] % 4];
   const bool refused = (data[0] & 4) != 0;
