@@ -1,0 +1,74 @@
+// Big text buffers that the module keeps between calls.
+//
+// A megabyte of fresh memory costs far more than filling it: every page of it is handed over and cleared by the kernel
+// at its first touch, and goes back as soon as it is freed. So the buffers in which a reply is put together are kept
+// and used again; only the reply itself is allocated for each call. The pool is capped in number and size, and empty
+// again when the module is unloaded.
+#pragma once
+
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qx::provider {
+
+// A bounded set of spare buffers.
+//
+// Threads: any thread may take and give back. Owns: the spare buffers; one that was taken is its taker's.
+// Failure: Take throws std::bad_alloc; GiveBack frees what it does not keep.
+class BufferPool {
+ public:
+  // Spare buffers kept at most, bytes in one of them, and bytes in all of them. A buffer that is smaller than
+  // kKeptBytesMin is as cheap to make anew.
+  static constexpr std::size_t kKeptCountMax = 16;
+  static constexpr std::size_t kKeptBytesMin = std::size_t{64} << 10;
+  static constexpr std::size_t kKeptBytesMax = std::size_t{3} << 20;
+  static constexpr std::size_t kKeptBytesTotalMax = std::size_t{24} << 20;
+
+  constexpr BufferPool() = default;
+  BufferPool(const BufferPool&) = delete;
+  BufferPool& operator=(const BufferPool&) = delete;
+
+  // An empty string with room for `bytes`: the smallest spare buffer that has it, or a new one. Fewer than
+  // kKeptBytesMin bytes never cost a spare buffer. [any thread]
+  [[nodiscard]] std::string Take(std::size_t bytes);
+
+  // Keeps `buffer` for a later Take if the caps allow it, and frees it otherwise. [any thread]
+  void GiveBack(std::string buffer) noexcept;
+
+  // Frees all spare buffers. [any thread]
+  void Clear() noexcept;
+
+  // What is kept now. [any thread]
+  [[nodiscard]] std::size_t KeptCount() const;
+  [[nodiscard]] std::size_t KeptBytes() const;
+
+ private:
+  [[nodiscard]] bool MayKeepLocked(std::size_t bytes) const;
+  [[nodiscard]] std::size_t BestFitLocked(std::size_t bytes) const;
+
+  mutable std::mutex mutex_;
+  std::vector<std::string> kept_;  // never grows beyond the room that Take makes, so giving back cannot fail
+  std::size_t kept_bytes_ = 0;
+};
+
+// The module's pool.
+extern BufferPool transfer_buffers;
+
+// A buffer of the pool for the length of a scope.
+class PooledBuffer {
+ public:
+  explicit PooledBuffer(std::size_t bytes) : text_(transfer_buffers.Take(bytes)) {}
+  ~PooledBuffer() { transfer_buffers.GiveBack(std::move(text_)); }
+  PooledBuffer(const PooledBuffer&) = delete;
+  PooledBuffer& operator=(const PooledBuffer&) = delete;
+
+  std::string& text() { return text_; }
+
+ private:
+  std::string text_;
+};
+
+}  // namespace qx::provider

@@ -1,0 +1,47 @@
+// The module object of this provider: the generic operations of every provider, and the report functions.
+#pragma once
+
+#include "provider/KrxAdapterModule.h"
+
+class CThreadData;
+
+// Hands the reports of this machine to remote clients.
+//
+// Threads: one object serves all service threads at once and holds no state of its own; what a transfer keeps between
+// its calls is the CThreadData of the service thread, whose address travels in the thread's request blocks.
+// Owns: nothing beyond its base.
+// Failure: an "Error" element in the reply; std::bad_alloc may pass through.
+class CFileTransferProvider : public CKrxAdapterModule {
+ public:
+  CFileTransferProvider() = default;
+  ~CFileTransferProvider() override;
+
+  // Frees the thread data that `userData` (a CThreadData*, or null) points to, its open report included; it must not be
+  // in use any more. [any thread]
+  void __threadend(void* userData) override;
+
+  // Adds a chunk of a report's records to `out`, or sets an error document there: docs/documents.md shows both. Returns
+  // 0 records, 1 no (more) records, 12 the report could not be read, -1 the block cannot be worked with. After a
+  // refusal (no "ReportData" in `in`, privilege missing) the call goes on behind the refusal's "Error" element; records
+  // make a second root beside it. [any thread]
+  [[nodiscard]] int GetReports(KrxRequestParams& params, CMarkup& in, CMarkup& out);
+
+  // The calling thread's data: what the block's element 1 points to, or a new object stored there. Null when memory is
+  // short. If the block has no such element (GetProviderSpecificData does not return the result), the new object is
+  // the caller's to delete. [any thread]
+  [[nodiscard]] CThreadData* GetOrAllocateThreadData(KrxRequestParams& params);
+
+  // Whether a report function may go on: 0 yes, -1 no (no thread data, or a block that cannot be worked with), 12 the
+  // input has no element `requiredTag`, 401 the caller lacks `requiredPrivilege`. All but 0 leave an "Error" element in
+  // `out`. Either requirement may be null: none. A privilege is required only of callers whom the service's security
+  // layer has described. On 0 the required element is the input's current one; input that is not well formed passes
+  // as an empty document, so every attribute read from it is empty. `threadData` is set in every case, as by
+  // GetOrAllocateThreadData. [any thread]
+  [[nodiscard]] int CheckRequest(KrxRequestParams& params, CMarkup& in, CMarkup& out, CThreadData*& threadData,
+                                 const char* requiredTag, const char* requiredPrivilege);
+
+ private:
+  [[nodiscard]] int CheckDocument(CMarkup& in, CMarkup& out, const char* required_tag);
+  [[nodiscard]] int CheckPrivilege(KrxRequestParams& params, CMarkup& out, const char* required_privilege);
+  int Refuse(CMarkup& out, const char* text, unsigned code, int result);
+};

@@ -1,0 +1,293 @@
+#include "provider/ReportTransfer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+#include <string_view>
+
+#include "debug/Debug.h"
+#include "markup/Markup.h"
+#include "provider/BufferPool.h"
+#include "provider/HexDump.h"
+#include "provider/KrxAdapterModule.h"
+#include "provider/QXString.h"
+#include "provider/ServerControlPaths.h"
+#include "provider/ThreadData.h"
+
+namespace qx::provider {
+
+namespace {
+
+constexpr std::int32_t kNoRecordLimit = -1;
+constexpr std::int64_t kSizeShownInBytesMax = 10239;
+constexpr int kChunkLimitKb = kChunkLimitBytes / 1024;
+constexpr std::size_t kDataTracedBytes = 256;
+constexpr std::uint32_t kLevelOfSingleRecords = 5;  // the trace then shows every record
+
+// Trace conversions and index attributes have 32 bits, whatever the number.
+constexpr int Low32(std::int64_t number) { return static_cast<int>(number); }
+
+// An index attribute: decimal, cut to 32 bits; text that is no number reads as 0.
+//   "12" => 12    "" => if_empty    "x" => 0    "4294967297" => 1
+std::int32_t IndexAttribute(CMarkup& in, const char* name, std::int32_t if_empty) {
+  const std::string text = in.GetAttrib(name);
+  return text.empty() ? if_empty : Low32(std::strtol(text.c_str(), nullptr, 10));
+}
+
+TransferRequest ReadRequest(CMarkup& in) {
+  TransferRequest request{};
+  request.name = in.GetAttrib("Name");
+  request.escaped_name = CMarkup::EscapeTextBinary(request.name, CMarkup::kEscapeQuotes);
+  QX_TRACE(4, "\n%s", NameHexDump(request.name.c_str()).c_str());
+  request.start_index = IndexAttribute(in, "StartIndex", 0);
+  request.record_limit = IndexAttribute(in, "NrRecords", kNoRecordLimit);
+  return request;
+}
+
+void TraceRequest(const TransferRequest& request) {
+  QX_TRACE(4, "\nWCSP_QX GetReports  :   report name: \"%s\", start index: %d", request.name.c_str(),
+           request.start_index);
+  if (request.record_limit == kNoRecordLimit) return;
+  QX_TRACE(4, "\nWCSP_QX GetReports  :   nr of records to read: %d", request.record_limit);
+}
+
+// The base path of the report's two files.
+std::string ReportPath(const std::string& name) {
+  std::string path;
+  CServerControlPaths::GetServerControlReportPath(path);
+  path.append("/").append(name);
+  QX_TRACE(4, "\nWCSP_QX GetReports  :   report file path: %s", path.c_str());
+  return path;
+}
+
+void TraceOpened(const TransferRequest& request, std::int64_t size) {
+  const bool in_bytes = size <= kSizeShownInBytesMax;
+  QX_TRACE(2, "\nWCSP_QX GetReports  : Get report file \"%s\", total size: %d %s, chunk size: %d kB",
+           request.name.c_str(), Low32(in_bytes ? size : size >> 10), in_bytes ? "Bytes" : "kB", kChunkLimitKb);
+}
+
+void TraceSnapshot(const CThreadData& data) {
+  QX_TRACE(3, "\nWCSP_QX GetReports  :   oldest index:  %d", Low32(data.oldest_index));
+  QX_TRACE(3, "\nWCSP_QX GetReports  :   highest index: %d", Low32(data.highest_index));
+}
+
+void TraceChunkFull() {
+  QX_TRACE(4, "\nWCSP_QX GetReports  :   --> chunk size limit (%d) reached, return now",
+           static_cast<int>(kChunkLimitBytes));
+}
+
+std::string WithoutOuterWhiteSpace(std::string_view text) {
+  constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
+  const std::size_t first = text.find_first_not_of(kWhiteSpace);
+  if (first == std::string_view::npos) return {};
+  return std::string(text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1));
+}
+
+void TraceReply(CMarkup& out, const std::string& records) {
+  QX_TRACE(4, "\nWCSP_QX GetReports  :   XML reply: \"%s\"", out.GetDoc().c_str());
+  QX_TRACE(4, "\nWCSP_QX GetReports  :   data length = %d bytes", Low32(static_cast<std::int64_t>(records.size())));
+  QX_TRACE(4, "\nWCSP_QX GetReports  :   data:   \"%s...\"", records.substr(0, kDataTracedBytes).c_str());
+}
+
+}  // namespace
+
+bool NamesAReport(std::string_view name) {
+  if (name.empty()) return false;
+  for (;;) {
+    const std::size_t end = name.find('/');
+    if (name.substr(0, end) == "..") return false;
+    if (end == std::string_view::npos) return true;
+    name.remove_prefix(end + 1);
+  }
+}
+
+ReportTransfer::ReportTransfer(CKrxAdapterModule& module, CThreadData& thread_data, CMarkup& out,
+                               const TransferOptions& options)
+    : module_(module),
+      thread_data_(thread_data),
+      out_(out),
+      options_(options),
+      singly_(options.path == TransferOptions::Path::kByTrace ? Debug.IsActive(kLevelOfSingleRecords)
+                                                              : options.path == TransferOptions::Path::kSingly),
+      reader_(thread_data.report_file) {}
+
+int ReportTransfer::Run(CMarkup& in) {
+  request_ = ReadRequest(in);
+  if (request_.start_index == 0) BeginAnew();
+  TraceRequest(request_);
+  path_ = ReportPath(request_.name);
+
+  if (IsFirstCall()) {
+    int error_number = 0;
+    if (!OpenReport(&error_number)) return ReplyNotReadable(error_number);
+  }
+  TraceSnapshot(thread_data_);
+
+  PooledBuffer buffer(RoomForRecords());
+  std::string& records = buffer.text();
+  GatherRecords(records);
+  QX_TRACE(3, "\nWCSP_QX GetReports  : %d records read (%d bytes)", Low32(index_ - request_.start_index),
+           Low32(static_cast<std::int64_t>(records.size())));
+  return records.empty() ? ReplyNoMoreRecords() : ReplyRecords(records);
+}
+
+void ReportTransfer::BeginAnew() {
+  QX_TRACE(3, "\nWCSP_QX GetReports  : New call (StartIndex=0) ==> reset class");
+  thread_data_.report_file.Close();
+  thread_data_.state_word = 0;
+}
+
+bool ReportTransfer::IsFirstCall() const { return thread_data_.state_word == 0; }
+
+// Opens the report and notes how it stands. False: `error_number` is the system's, the snapshot of the thread's
+// previous transfer stays, and reads find the store closed.
+bool ReportTransfer::OpenReport(int* error_number) {
+  if (!NamesAReport(request_.name)) {
+    *error_number = ENOENT;
+    return false;
+  }
+  CReportFileBase& store = thread_data_.report_file;
+  if (!store.OpenRead(path_.c_str())) {
+    *error_number = errno;
+    return false;
+  }
+
+  thread_data_.data_file_size = store.GetDataFileSize();
+  thread_data_.oldest_index = store.header().oldestIndex;
+  thread_data_.highest_index = store.header().highestIndex;
+  TraceOpened(request_, thread_data_.data_file_size);
+  return true;
+}
+
+std::size_t ReportTransfer::RoomForRecords() const {
+  return std::min(static_cast<std::size_t>(thread_data_.data_file_size), kChunkLimitBytes);
+}
+
+void ReportTransfer::GatherRecords(std::string& records) {
+  index_ = request_.start_index;
+  check_ring_ = IsFirstCall();
+
+  for (Round round = Round::kGoOn; round == Round::kGoOn;) {
+    if (index_ >= thread_data_.highest_index) {
+      QX_TRACE(3, "\nWCSP_QX GetReports  :   index higher that highest index - exit reading");
+      return;
+    }
+    // Behind the record limit the next record is still read: which of the limits is reported depends on it.
+    round = singly_ || check_ring_ || LimitReached() ? TakeOne(records) : TakeRun(records);
+  }
+}
+
+ReportTransfer::Round ReportTransfer::TakeOne(std::string& records) {
+  const std::uint32_t slot = SlotOf(index_);
+  QX_TRACE(5, "\nWCSP_QX GetReports  :   read entry #%d, index=%d", Low32(index_), Low32(slot));
+  line_.clear();
+  bool too_long = false;
+  const bool was_read = reader_.Read(slot, kChunkLimitBytes - records.size(), &line_, &too_long);
+  if (check_ring_ && RingHasMoved()) return was_read ? Round::kGoOn : Round::kLeave;
+  if (!was_read) return Round::kLeave;
+
+  if (too_long) {
+    TraceChunkFull();
+    return Round::kLeave;
+  }
+  if (LimitReached()) {
+    QX_TRACE(4, "\nWCSP_QX GetReports  :   --> number of requested records (%d) reached, return now",
+             request_.record_limit);
+    return Round::kLeave;
+  }
+  records += line_;
+  QX_TRACE(5, "\nWCSP_QX GetReports  :   --> entry: %s", WithoutOuterWhiteSpace(line_).c_str());
+  ++index_;
+  return Round::kGoOn;
+}
+
+ReportTransfer::Round ReportTransfer::TakeRun(std::string& records) {
+  const report::TakenRecords taken = reader_.Take(SlotOf(index_), CountOfRun(), kChunkLimitBytes, &records);
+  index_ += taken.count;
+  if (taken.end == report::TakeEnd::kChunkFull) TraceChunkFull();
+  return taken.end == report::TakeEnd::kCountReached ? Round::kGoOn : Round::kLeave;
+}
+
+// Whether the writer has advanced the ring since the transfer's snapshot. The record just read may then be another one
+// than its index says; the new oldest slot is what counts from here on. Asked once in a transfer, behind the first
+// read: later the transfer takes what it finds. If the report cannot be opened again the record stands, and the store
+// stays closed.
+bool ReportTransfer::RingHasMoved() {
+  check_ring_ = false;
+  if (options_.first_record_read != nullptr) options_.first_record_read(options_.context);
+  CReportFileBase& store = thread_data_.report_file;
+  store.Close();
+  reader_.Drop();
+  if (!store.OpenRead(path_.c_str())) return false;
+
+  QX_TRACE(4, "\nWCSP_QX GetReports  :     compare oldest index=%d whether changed", Low32(store.header().oldestIndex));
+  if (store.header().oldestIndex == thread_data_.oldest_index) return false;
+  thread_data_.oldest_index = store.header().oldestIndex;
+  QX_TRACE(2,
+           "\nWCSP_QX GetReports  : ## WARNING! OldestIndex has changed since first line was read - ignore first line");
+  return true;
+}
+
+// Quirk: the limit is widened with its sign and compared unsigned, so a negative one other than -1 is no limit either.
+bool ReportTransfer::LimitReached() const {
+  if (request_.record_limit == kNoRecordLimit) return false;
+  const std::int64_t limit = request_.record_limit;
+  return static_cast<std::uint64_t>(limit) <= static_cast<std::uint64_t>(index_ - request_.start_index);
+}
+
+// How many records from index_ on stand in slots that follow one another, are part of the transfer and wanted: at least
+// one, as the index is below the highest one and the limit is not reached.
+std::uint32_t ReportTransfer::CountOfRun() const {
+  const auto highest = static_cast<std::uint32_t>(thread_data_.highest_index);
+  const auto sum = static_cast<std::uint32_t>(index_ + thread_data_.oldest_index);
+  constexpr std::uint64_t kSlotNumbers = std::uint64_t{1} << 32;
+  std::uint64_t count = sum < highest ? highest - sum : kSlotNumbers - sum;  // up to the next step back of SlotOf
+
+  count = std::min(count, static_cast<std::uint64_t>(thread_data_.highest_index - index_));
+  if (request_.record_limit > kNoRecordLimit) {
+    const std::int64_t taken = index_ - request_.start_index;
+    count = std::min(count, static_cast<std::uint64_t>(request_.record_limit - taken));
+  }
+  return static_cast<std::uint32_t>(std::min<std::uint64_t>(count, std::numeric_limits<std::uint32_t>::max()));
+}
+
+// The slot of a record by age. Quirk: the sum has 32 bits and the number of slots is taken off once at most, so a
+// negative index can name a slot, and a damaged oldest index leads to slots that are not in use.
+//   5 slots in use, oldest 2: index 0 => slot 2, index 3 => slot 0
+//   5 slots in use, oldest 3: index -1 => slot 2
+std::uint32_t ReportTransfer::SlotOf(std::int64_t index) const {
+  const auto highest = static_cast<std::uint32_t>(thread_data_.highest_index);
+  const auto sum = static_cast<std::uint32_t>(index + thread_data_.oldest_index);
+  return sum < highest ? sum : sum - highest;
+}
+
+int ReportTransfer::ReplyNotReadable(int error_number) {
+  CQXString<> message;
+  message.Format("Report data for report '%s' could not be read", request_.escaped_name.c_str());
+  const auto code = static_cast<unsigned>(error_number);
+  module_.SetRequestError(out_, message.c_str(), code);
+  QX_TRACE(1, "\nWCSP_QX GetReports  : ## ERROR! Could not read data file for report \"%s\" (0x%08X)",
+           request_.name.c_str(), code);
+  return kRequestRefused;
+}
+
+int ReportTransfer::ReplyNoMoreRecords() {
+  module_.SetRequestError(out_, "No more records available (no error)", 0);
+  QX_TRACE(4, "\nWCSP_QX GetReports  : No more records available");
+  return kNoMoreRecords;
+}
+
+// A refused caller's document has an "Error" root already: the element added here is its second one, and a document
+// with two roots leaves the module as no reply at all.
+int ReportTransfer::ReplyRecords(const std::string& records) {
+  out_.AddElem("ReportData");
+  out_.SetAttrib("Name", request_.escaped_name.c_str());
+  out_.SetAttrib("StartIndex", request_.start_index);
+  out_.SetAttrib("NextIndex", Low32(index_));
+  TraceReply(out_, records);
+  out_.SetData(records, CMarkup::kAddCData);
+  return kRecordsReturned;
+}
+
+}  // namespace qx::provider

@@ -1,0 +1,110 @@
+// One call of a report transfer, from the checked request to the reply document.
+//
+// A transfer is a sequence of calls of one service thread. The call with start index 0 (or the thread's first one)
+// opens the report and notes how its ring stands; every call gathers whole records from its start index on, oldest
+// first, into less than 1 MiB, and replies with them and with the index at which the next call goes on.
+// docs/documents.md shows the documents.
+//
+// Records are taken in runs (qx::report::RecordReader::Take). When the trace shows every record, or while the ring has
+// still to be checked, they are read one at a time; both ways give the same reply.
+//
+// Not here: who may read (CheckRequest), and what the caller makes of a document with two roots.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "reportfile/RecordReader.h"
+
+class CKrxAdapterModule;
+class CMarkup;
+class CThreadData;
+
+namespace qx::provider {
+
+// The records of one reply are together shorter than this.
+inline constexpr std::size_t kChunkLimitBytes = 0x100000;
+
+// Results of the report functions.
+inline constexpr int kRequestFatal = -1;
+inline constexpr int kRecordsReturned = 0;
+inline constexpr int kNoMoreRecords = 1;
+inline constexpr int kRequestRefused = 12;
+inline constexpr int kPrivilegeMissing = 401;
+
+// How a transfer reads; other than the defaults only in tests.
+struct TransferOptions {
+  enum class Path { kByTrace, kSingly, kInRuns };
+  Path path = Path::kByTrace;
+  // Called where a writer may come in between: behind the read of a transfer's first record, before the report is
+  // opened again to see whether the ring has moved.
+  void (*first_record_read)(void* context) = nullptr;
+  void* context = nullptr;
+};
+
+// What a client asked for.
+struct TransferRequest {
+  std::string name;           // of the report, below the report directory; any bytes but NUL
+  std::string escaped_name;   // as it appears in replies
+  std::int32_t start_index;   // age of the first record wanted, 0 = oldest; may be negative
+  std::int32_t record_limit;  // -1 = none
+};
+
+// Whether a client's report name stays inside the report directory and names something there; what does not counts as a
+// report that does not exist. [any thread]
+//   r1, sub/r1, a..b               => yes
+//   (empty), .., ../r1, sub/../r1  => no
+[[nodiscard]] bool NamesAReport(std::string_view name);
+
+// One GetReports call behind its checks.
+//
+// Threads: the service thread that makes the call. Owns: nothing that outlives the call.
+// Failure: an error document in `out`; std::bad_alloc passes through with the transfer's state intact.
+class ReportTransfer {
+ public:
+  ReportTransfer(CKrxAdapterModule& module, CThreadData& thread_data, CMarkup& out,
+                 const TransferOptions& options = {});
+
+  // Serves the request in the current element of `in`. Returns 0 with the records behind whatever `out` held, or 1 or
+  // 12 with an error document in its place. The state word is the caller's to count. [owning thread]
+  [[nodiscard]] int Run(CMarkup& in);
+
+ private:
+  enum class Round { kGoOn, kLeave };
+
+  void BeginAnew();
+  [[nodiscard]] bool IsFirstCall() const;
+  [[nodiscard]] bool OpenReport(int* error_number);
+  [[nodiscard]] std::size_t RoomForRecords() const;
+
+  void GatherRecords(std::string& records);
+  [[nodiscard]] Round TakeOne(std::string& records);
+  [[nodiscard]] Round TakeRun(std::string& records);
+  [[nodiscard]] bool RingHasMoved();
+  [[nodiscard]] bool LimitReached() const;
+  [[nodiscard]] std::uint32_t CountOfRun() const;
+  [[nodiscard]] std::uint32_t SlotOf(std::int64_t index) const;
+
+  [[nodiscard]] int ReplyNotReadable(int error_number);
+  [[nodiscard]] int ReplyNoMoreRecords();
+  [[nodiscard]] int ReplyRecords(const std::string& records);
+
+  CKrxAdapterModule& module_;
+  CThreadData& thread_data_;
+  CMarkup& out_;
+  const TransferOptions options_;
+  const bool singly_;  // every record through TakeOne
+
+  TransferRequest request_{};
+  std::string path_;  // of the report's files, without extension
+
+  // Of the reading loop.
+  report::RecordReader reader_;
+  std::int64_t index_ = 0;   // age of the record to take next
+  bool check_ring_ = false;  // the ring has still to be checked behind the next read
+  std::string line_;         // the record that TakeOne reads
+};
+
+}  // namespace qx::provider

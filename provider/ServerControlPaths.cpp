@@ -1,0 +1,72 @@
+#include "provider/ServerControlPaths.h"
+
+#include <cstddef>
+
+#include "process/Process.h"
+#include "registry/Registry.h"
+
+namespace {
+
+constexpr char kUuidKey[] = "SYSTEM\\CurrentControlSet\\Control\\UUID\\C3681B60-0D26-11D3-8319-00A0C9B61E25";
+constexpr char kRootPointer[] = "Server Control";
+constexpr char kDefaultRoot[] = "SOFTWARE\\Dremlor\\Management\\Server Control";
+constexpr int kReadAccess = 0;  // the registry ignores it
+
+// A key below the local machine's hive. Handles load the tree when they are made, so the hive is looked at only here.
+bool OpenBelowLocalMachine(CRegistry& registry, const char* key) {
+  return registry.Open(key, CRegistry::MLocalMachine, kReadAccess) == 0;
+}
+
+// The string that the pointer value holds, read into a buffer of the stored value's size: a value that outgrows it by
+// expansion is not read. False when there is none.
+bool ReadRootPointer(CRegistry& registry, std::string& root) {
+  if (!OpenBelowLocalMachine(registry, kUuidKey)) return false;
+  unsigned size = registry.GetValueSize(kRootPointer, nullptr);
+  if (size == 0) return false;
+  std::string buffer(size, '\0');
+  if (registry.QueryValue(buffer.data(), kRootPointer, &size, nullptr) != 0) return false;
+  root.assign(buffer.c_str());
+  return !root.empty();  // an empty pointer leads nowhere
+}
+
+std::string SetupKey() {
+  CRegistry registry;
+  std::string root;
+  if (!ReadRootPointer(registry, root)) root = kDefaultRoot;
+  return root + "\\" + "Setup";
+}
+
+// A directory that the Setup key names. Finds the suite's root anew each time, and works on handles of its own.
+bool ReadSetupDirectory(const char* name, std::string& directory) {
+  const std::string key = SetupKey();
+  CRegistry registry;
+  if (!OpenBelowLocalMachine(registry, key.c_str())) return false;
+  return registry.GetValueSize(name, nullptr) != 0 && registry.QueryValue(directory, name, nullptr) == 0;
+}
+
+//   /var/reports/ => /var/reports
+//   /ab/          => /ab
+//   /a/, /        => as they are
+void StripTrailingSlash(std::string& path) {
+  constexpr std::size_t kShortestStripped = 3;
+  if (path.size() > kShortestStripped && path.back() == '/') path.pop_back();
+}
+
+}  // namespace
+
+const char* CServerControlPaths::GetServerControlReportPath(std::string& path) {
+  std::string directory;
+  if (ReadSetupDirectory("ReportRoot", directory)) {
+    StripTrailingSlash(directory);
+    path = directory;
+    return path.c_str();
+  }
+  if (ReadSetupDirectory("FileRoot", directory)) {
+    StripTrailingSlash(directory);
+    path = directory;
+  } else {
+    (void)CProcess::GetCurrentDir(path);  // unknown: the path stays as the caller gave it
+  }
+  path += "/Reports";
+  return path.c_str();
+}

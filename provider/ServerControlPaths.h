@@ -1,0 +1,27 @@
+// Where the suite keeps its reports.
+//
+// The registry names the directory. A per-product pointer value names the suite's registry root; the root's "Setup" key
+// holds "ReportRoot", the report directory itself, or "FileRoot", the directory above "Reports". Without either it is
+// "Reports" below the working directory. Nothing is cached: every call asks the registry.
+#pragma once
+
+#include <string>
+
+// A set of static operations; no object of it is ever made.
+//
+// Threads: every operation may run on any thread.
+// Failure: none is reported; each failed step falls through to the next source.
+class CServerControlPaths {
+ public:
+  CServerControlPaths() = delete;
+
+  // Sets `path` to the report directory and returns its text, which is valid while `path` is left alone.
+  //   ReportRoot /srv/reports/     => /srv/reports
+  //   ReportRoot (empty)           => (empty)
+  //   FileRoot /opt/x/             => /opt/x/Reports
+  //   FileRoot (empty)             => /Reports
+  //   neither, working in /home/a  => /home/a/Reports
+  //   neither, and no working directory: "/Reports" behind whatever `path` held
+  // One trailing "/" goes, but only from index 3 on: /a/ and / stay as they are. [any thread]
+  static const char* GetServerControlReportPath(std::string& path);
+};

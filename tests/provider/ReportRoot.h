@@ -1,0 +1,40 @@
+// A registry of the test's own, away from the system's: it says where reports are.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "registry/RegistryPaths.h"
+#include "tests/support/Support.h"
+
+namespace qx::test {
+
+// The registry holds what `file` says (the text of a registry file) until the end of the scope. No other registry
+// handle may exist at its beginning and at its end.
+class RegistryContent {
+ public:
+  explicit RegistryContent(std::string_view file) {
+    WriteFile(directory_.File("registry"), file);
+    qx::registry::StartAfresh(directory_.Path().c_str());
+  }
+  ~RegistryContent() { qx::registry::StartAfresh(nullptr); }
+  RegistryContent(const RegistryContent&) = delete;
+  RegistryContent& operator=(const RegistryContent&) = delete;
+
+  const std::string& Directory() const { return directory_.Path(); }
+
+ private:
+  TempDir directory_;
+};
+
+// A registry in which `directory` is the report directory.
+class ReportRoot : public RegistryContent {
+ public:
+  explicit ReportRoot(const std::string& directory)
+      : RegistryContent(
+            "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\n"
+            "ReportRoot=s=" +
+            directory + "\n\n\n\n\n\n\n\n") {}
+};
+
+}  // namespace qx::test

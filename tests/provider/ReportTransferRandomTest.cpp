@@ -1,0 +1,268 @@
+// Random stores and random requests: reading record by record, reading in runs and a plain model over readLine must
+// give the same replies and leave the same state.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/provider/TransferFixture.h"
+
+namespace {
+
+using qx::provider::TransferOptions;
+using qx::test::NoMoreRecords;
+using qx::test::NotReadable;
+using qx::test::ReadFile;
+using qx::test::Records;
+using qx::test::Reply;
+using qx::test::WriteFile;
+
+using Random = std::mt19937_64;
+
+std::int64_t Pick(Random& random, std::int64_t low, std::int64_t high) {
+  return std::uniform_int_distribution<std::int64_t>(low, high)(random);
+}
+bool OneIn(Random& random, int n) { return Pick(random, 1, n) == 1; }
+
+// What a store's two files hold; both empty: no files.
+struct StoreBytes {
+  std::string index;
+  std::string data;
+};
+
+struct Request {
+  int start;
+  int limit;  // -1: none
+};
+
+// The state of one transfer as the slow form keeps it.
+struct Model {
+  std::uint32_t calls = 0;
+  std::int64_t oldest = -1;
+  std::int64_t highest = -1;
+  CReportFileBase store;
+};
+
+std::string AsCdataText(std::string text) {
+  for (std::size_t at = 0; (at = text.find("]]>", at)) != std::string::npos; at += 12) {
+    text.replace(at, 3, "]]]]><![CDATA[>");
+  }
+  return text;
+}
+
+// One call in the plainest form: one readLine a record, every step as a reader of the documents would expect it.
+Reply ModelCall(Model& model, const std::string& path, const Request& request, const std::function<void()>& meanwhile) {
+  if (request.start == 0) {
+    model.store.Close();
+    model.calls = 0;
+  }
+  const bool is_first_call = model.calls++ == 0;
+  if (is_first_call) {
+    if (!model.store.OpenRead(path.c_str())) return NotReadable("r", 2);
+    model.oldest = model.store.header().oldestIndex;
+    model.highest = model.store.header().highestIndex;
+  }
+
+  std::string data;
+  std::int64_t index = request.start;
+  bool check = is_first_call;
+  while (index < model.highest) {
+    auto slot = static_cast<std::uint32_t>(index + model.oldest);
+    if (slot >= static_cast<std::uint32_t>(model.highest)) slot -= static_cast<std::uint32_t>(model.highest);
+    std::string line;
+    const bool was_read = model.store.readLine(line, slot);
+    if (check) {
+      check = false;
+      meanwhile();
+      model.store.Close();
+      if (model.store.OpenRead(path.c_str()) && model.store.header().oldestIndex != model.oldest) {
+        model.oldest = model.store.header().oldestIndex;
+        if (!was_read) break;
+        continue;
+      }
+    }
+    if (!was_read || data.size() + line.size() >= 0x100000) break;
+    if (request.limit != -1 &&
+        static_cast<std::uint64_t>(std::int64_t{request.limit}) <= static_cast<std::uint64_t>(index - request.start)) {
+      break;
+    }
+    data += line;
+    ++index;
+  }
+  if (data.empty()) return NoMoreRecords();
+  return Records("r", request.start, static_cast<int>(index), AsCdataText(data));
+}
+
+class ReportTransferRandom : public qx::test::TransferFixture {
+ protected:
+  std::string Path() const { return BasePath("r"); }
+
+  StoreBytes Saved() const {
+    if (!qx::test::Exists(Path() + ".ind")) return {};
+    return {ReadFile(Path() + ".ind"), ReadFile(Path() + ".dat")};
+  }
+  // In place: who has the files open sees them change.
+  void Restore(const StoreBytes& bytes) const {
+    WriteFile(Path() + ".ind", bytes.index);
+    WriteFile(Path() + ".dat", bytes.data);
+  }
+
+  Reply RealCall(CThreadData& data, const Request& request, TransferOptions::Path path,
+                 const std::function<void()>& meanwhile) {
+    CMarkup in;
+    (void)in.SetDoc(("<ReportData Name=\"r\" StartIndex=\"" + std::to_string(request.start) + "\" NrRecords=\"" +
+                     (request.limit == -1 ? "" : std::to_string(request.limit)) + "\"/>")
+                        .c_str());
+    (void)in.FindElem("ReportData");
+    CMarkup out;
+    CFileTransferProvider provider;
+    const TransferOptions options{path, [](void* context) { (*static_cast<const std::function<void()>*>(context))(); },
+                                  const_cast<std::function<void()>*>(&meanwhile)};
+    const int result = qx::provider::ReportTransfer(provider, data, out, options).Run(in);
+    ++data.state_word;
+    return {result, out.GetDoc(), out.IsWellFormed()};
+  }
+
+  // A transfer of some calls over whatever the store holds, with `change` applied to the store between the calls and,
+  // often, behind the first read.
+  void CompareTransfer(Random& random, const std::vector<Request>& requests,
+                       const std::function<void(std::uint64_t)>& change);
+};
+
+std::string RandomRecord(Random& random) {
+  static const std::vector<std::string> kPieces = {"a", "]]>", "]]", ">", "\n", "\xff", "&<x/>", "0123456789", " ", ""};
+  std::string record;
+  for (std::int64_t pieces = Pick(random, 0, 4); pieces > 0; --pieces) {
+    record += OneIn(random, 3) ? kPieces[static_cast<std::size_t>(Pick(random, 0, 9))]
+                               : std::string(static_cast<std::size_t>(Pick(random, 0, 40)), 'x');
+  }
+  return record;
+}
+
+void AppendRandomRecords(Random& random, const std::string& path, std::int64_t count) {
+  CReportFileBase store;
+  ASSERT_TRUE(store.Open(path.c_str(), static_cast<unsigned>(Pick(random, 1, 12))));
+  for (; count > 0; --count) ASSERT_TRUE(store.writeLine(RandomRecord(random).c_str()));
+}
+
+// Toggles a bit, cuts the end off, or puts a NUL in.
+void Damage(Random& random, std::string& bytes) {
+  if (bytes.empty()) return;
+  const auto at = static_cast<std::size_t>(Pick(random, 0, static_cast<std::int64_t>(bytes.size()) - 1));
+  switch (Pick(random, 0, 3)) {
+    case 0:
+      bytes.resize(at);
+      break;
+    case 1:
+      bytes[at] = '\0';
+      break;
+    default:
+      bytes[at] = static_cast<char>(bytes[at] ^ (1 << Pick(random, 0, 7)));
+  }
+}
+
+std::vector<Request> RandomRequests(Random& random) {
+  std::vector<Request> requests;
+  for (std::int64_t calls = Pick(random, 1, 4); calls > 0; --calls) {
+    const auto limit = static_cast<int>(OneIn(random, 2) ? -1 : Pick(random, -2, 6));
+    requests.push_back({static_cast<int>(OneIn(random, 3) ? 0 : Pick(random, -6, 14)), limit});
+  }
+  return requests;
+}
+
+void ReportTransferRandom::CompareTransfer(Random& random, const std::vector<Request>& requests,
+                                           const std::function<void(std::uint64_t)>& change) {
+  CThreadData singly;
+  CThreadData in_runs;
+  Model model;
+  for (const Request& request : requests) {
+    const StoreBytes before = Saved();
+    const std::uint64_t meanwhile_seed = OneIn(random, 2) ? random() : 0;
+    const auto meanwhile = [&] {
+      if (meanwhile_seed != 0) change(meanwhile_seed);
+    };
+    const Reply expected = ModelCall(model, Path(), request, meanwhile);
+    Restore(before);
+    ASSERT_EQ(RealCall(singly, request, TransferOptions::Path::kSingly, meanwhile), expected);
+    Restore(before);
+    ASSERT_EQ(RealCall(in_runs, request, TransferOptions::Path::kInRuns, meanwhile), expected);
+    for (const CThreadData* data : {&singly, &in_runs}) {
+      ASSERT_EQ(data->state_word, model.calls);
+      ASSERT_EQ(data->oldest_index, model.oldest);
+      ASSERT_EQ(data->highest_index, model.highest);
+    }
+    if (OneIn(random, 3)) change(random());
+  }
+}
+
+TEST_F(ReportTransferRandom, AllWaysOfReadingAgreeOnGoodStores) {
+  Random random(qx::test::Seed("ReportTransferRandom.Good"));
+  for (int round = 0; round < 1500; ++round) {
+    std::filesystem::remove(Path() + ".ind");
+    AppendRandomRecords(random, Path(), Pick(random, 0, 30));
+    CompareTransfer(random, RandomRequests(random), [&](std::uint64_t seed) {
+      Random writer(seed);
+      AppendRandomRecords(writer, Path(), Pick(writer, 1, 4));
+    });
+    if (HasFatalFailure()) FAIL() << "round " << round;
+  }
+}
+
+TEST_F(ReportTransferRandom, AllWaysOfReadingAgreeOnDamagedStores) {
+  Random random(qx::test::Seed("ReportTransferRandom.Damaged"));
+  for (int round = 0; round < 1500; ++round) {
+    std::filesystem::remove(Path() + ".ind");
+    AppendRandomRecords(random, Path(), Pick(random, 1, 20));
+    const auto damage = [&](std::uint64_t seed) {
+      Random writer(seed);
+      StoreBytes bytes = Saved();
+      Damage(writer, OneIn(writer, 2) ? bytes.index : bytes.data);
+      Restore(bytes);
+    };
+    damage(random());
+    CompareTransfer(random, RandomRequests(random), damage);
+    if (HasFatalFailure()) FAIL() << "round " << round;
+  }
+}
+
+// Records around the size of a chunk, so that every way meets its end.
+TEST_F(ReportTransferRandom, AllWaysOfReadingAgreeOnWhatFitsAChunk) {
+  Random random(qx::test::Seed("ReportTransferRandom.Chunk"));
+  for (int round = 0; round < 25; ++round) {
+    std::filesystem::remove(Path() + ".ind");
+    const std::int64_t parts = Pick(random, 1, 6);
+    std::vector<std::string> records;
+    for (std::int64_t count = Pick(random, parts, 9); count > 0; --count) {
+      const std::int64_t size = 0x100000 / parts - 2 + Pick(random, -2, 1);
+      records.push_back(std::string(static_cast<std::size_t>(size), 'c'));
+      if (OneIn(random, 4)) records.push_back(RandomRecord(random));
+    }
+    Append("r", 10, records);
+    const auto start = static_cast<int>(Pick(random, 0, 3));
+    const auto limit = static_cast<int>(OneIn(random, 2) ? -1 : Pick(random, 1, 6));
+    CompareTransfer(random, {{start, limit}, {start + 1, -1}}, [](std::uint64_t) {});
+    if (HasFatalFailure()) FAIL() << "round " << round;
+  }
+}
+
+// Many small records, so that runs are cut by the chunk, the ring's end and the limit.
+TEST_F(ReportTransferRandom, AllWaysOfReadingAgreeOnLongRuns) {
+  Random random(qx::test::Seed("ReportTransferRandom.Runs"));
+  for (int round = 0; round < 6; ++round) {
+    std::filesystem::remove(Path() + ".ind");
+    std::vector<std::string> records;
+    for (std::int64_t i = Pick(random, 20000, 40000); i > 0; --i)
+      records.push_back(std::to_string(i) + RandomRecord(random));
+    Append("r", static_cast<unsigned>(Pick(random, 15000, 40000)), records);
+    const auto limit = static_cast<int>(OneIn(random, 2) ? -1 : Pick(random, 1, 20000));
+    CompareTransfer(random, {{0, limit}, {static_cast<int>(Pick(random, 1, 20000)), -1}}, [](std::uint64_t) {});
+    if (HasFatalFailure()) FAIL() << "round " << round;
+  }
+}
+
+}  // namespace
