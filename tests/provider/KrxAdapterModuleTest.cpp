@@ -495,7 +495,7 @@ using Slot = void (*)();
 
 Slot SlotAt(const CKrxAdapterModule& module, std::size_t number) {
   const Slot* slots = nullptr;
-  std::memcpy(&slots, &module, sizeof slots);
+  std::memcpy(&slots, static_cast<const void*>(&module), sizeof slots);
   return slots[number];
 }
 
