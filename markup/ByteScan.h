@@ -1,0 +1,91 @@
+// Searches through text, sixteen bytes a step where the processor has SSE2 (every x86-64 has). The last bytes of a
+// range go through a plain loop: nothing behind `end` is ever read.
+//
+// All of them return `end` when nothing is found.
+#pragma once
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include <bit>
+#include <cstddef>
+
+namespace qx::markup {
+
+inline constexpr std::ptrdiff_t kScanBlockBytes = 16;
+
+#if defined(__SSE2__)
+namespace detail {
+
+inline __m128i LoadBlock(const char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+
+inline const char* FirstHit(const char* p, int mask) { return p + std::countr_zero(static_cast<unsigned>(mask)); }
+
+}  // namespace detail
+#endif
+
+// The plain forms: the tail of the fast ones, and their oracle.
+template <char... kBytes>
+const char* FindAnyOfPlain(const char* p, const char* end) {
+  while (p != end && !((*p == kBytes) || ...)) ++p;
+  return p;
+}
+
+template <char kFirst, char kSecond, char kThird>
+const char* FindTriplePlain(const char* p, const char* end) {
+  for (; end - p >= 3; ++p) {
+    if (p[0] == kFirst && p[1] == kSecond && p[2] == kThird) return p;
+  }
+  return end;
+}
+
+inline const char* FindNotPrintablePlain(const char* p, const char* end) {
+  while (p != end && *p >= ' ' && *p <= '~') ++p;
+  return p;
+}
+
+// The first of several bytes:  FindAnyOf<'<', '>'>("ab>c") => ">c"
+template <char... kBytes>
+const char* FindAnyOf(const char* p, const char* end) {
+#if defined(__SSE2__)
+  for (; end - p >= kScanBlockBytes; p += kScanBlockBytes) {
+    const __m128i block = detail::LoadBlock(p);
+    __m128i hits = _mm_setzero_si128();
+    ((hits = _mm_or_si128(hits, _mm_cmpeq_epi8(block, _mm_set1_epi8(kBytes)))), ...);
+    if (const int mask = _mm_movemask_epi8(hits); mask != 0) return detail::FirstHit(p, mask);
+  }
+#endif
+  return FindAnyOfPlain<kBytes...>(p, end);
+}
+
+// Three bytes in a row:  FindTriple<']', ']', '>'>("a]]]>b") => "]]>b"
+template <char kFirst, char kSecond, char kThird>
+const char* FindTriple(const char* p, const char* end) {
+#if defined(__SSE2__)
+  for (; end - p >= kScanBlockBytes + 2; p += kScanBlockBytes) {
+    const __m128i first = _mm_cmpeq_epi8(detail::LoadBlock(p), _mm_set1_epi8(kFirst));
+    const __m128i second = _mm_cmpeq_epi8(detail::LoadBlock(p + 1), _mm_set1_epi8(kSecond));
+    const __m128i third = _mm_cmpeq_epi8(detail::LoadBlock(p + 2), _mm_set1_epi8(kThird));
+    const int mask = _mm_movemask_epi8(_mm_and_si128(_mm_and_si128(first, second), third));
+    if (mask != 0) return detail::FirstHit(p, mask);
+  }
+#endif
+  return FindTriplePlain<kFirst, kSecond, kThird>(p, end);
+}
+
+// The first byte outside 0x20..0x7E. Bytes from 0x80 up are negative, so one signed comparison finds them and the
+// control characters below the space; 0x7F is the one left over.
+inline const char* FindNotPrintable(const char* p, const char* end) {
+#if defined(__SSE2__)
+  for (; end - p >= kScanBlockBytes; p += kScanBlockBytes) {
+    const __m128i block = detail::LoadBlock(p);
+    const __m128i below = _mm_cmplt_epi8(block, _mm_set1_epi8(' '));
+    const __m128i rubout = _mm_cmpeq_epi8(block, _mm_set1_epi8(0x7F));
+    if (const int mask = _mm_movemask_epi8(_mm_or_si128(below, rubout)); mask != 0) return detail::FirstHit(p, mask);
+  }
+#endif
+  return FindNotPrintablePlain(p, end);
+}
+
+}  // namespace qx::markup

@@ -1,0 +1,52 @@
+#include "markup/ElemPosTree.h"
+
+#include <algorithm>
+#include <utility>
+
+ElemPosTree::ElemPosTree(const ElemPosTree& other, std::uint32_t count) {
+  while (capacity_ < other.capacity_) Grow(other.capacity_);
+  for (std::uint32_t first = 0; first < count; first += kSegmentRecords) {
+    const std::uint32_t records = std::min<std::uint32_t>(count - first, kSegmentRecords);
+    std::copy_n(&other[first], records, &(*this)[first]);
+  }
+}
+
+void ElemPosTree::Grow(std::int64_t records) {
+  if (records <= capacity_) return;
+
+  const std::int32_t segments_used = SegmentsUsed();
+  records = std::min<std::int64_t>(records, std::int64_t{segments_used + 1} * kSegmentRecords);
+  const auto segment = static_cast<std::int32_t>((records - 1) / kSegmentRecords);
+  GrowSegmentTable(segment + 1);
+
+  const std::int32_t records_in_last = segments_used == 0 ? 0 : capacity_ - (segments_used - 1) * kSegmentRecords;
+  if (segment == segments_used && segments_used > 0 && records_in_last < kSegmentRecords) {
+    ResizeSegment(segments_used - 1, records_in_last, kSegmentRecords);
+    capacity_ = segments_used * kSegmentRecords;
+  }
+  ResizeSegment(segment, segment < segments_used ? records_in_last : 0,
+                static_cast<std::int32_t>(records - std::int64_t{segment} * kSegmentRecords));
+  capacity_ = static_cast<std::int32_t>(records);
+}
+
+void ElemPosTree::RemoveAll() {
+  segments_.reset();
+  capacity_ = 0;
+  segment_table_size_ = 0;
+}
+
+void ElemPosTree::GrowSegmentTable(std::int32_t segments) {
+  if (segments <= segment_table_size_) return;
+  const std::int32_t size = 2 * segments + 4;
+  auto table = std::make_unique<Segment[]>(static_cast<std::size_t>(size));
+  std::move(segments_.get(), segments_.get() + segment_table_size_, table.get());
+  segments_ = std::move(table);
+  segment_table_size_ = size;
+}
+
+// Fresh records stay untouched, so that a large segment costs memory only as far as it is filled.
+void ElemPosTree::ResizeSegment(std::int32_t segment, std::int32_t records_used, std::int32_t records) {
+  auto grown = std::make_unique_for_overwrite<ElemPos[]>(static_cast<std::size_t>(records));
+  std::copy_n(segments_[segment].get(), records_used, grown.get());
+  segments_[segment] = std::move(grown);
+}

@@ -1,0 +1,92 @@
+#include "markup/ElemStack.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+
+#include "markup/Ascii.h"
+#include "markup/Names.h"
+
+namespace {
+
+constexpr std::size_t kFirstEntries = 7;
+constexpr std::uint64_t kHashPrime = (1ULL << 61) - 1;
+
+__extension__ using Wide = unsigned __int128;
+
+// The prime is 2^61 - 1, so the bits above the 61st count once more.
+std::uint64_t ReduceModPrime(Wide value) {
+  const auto sum = static_cast<std::uint64_t>(value & kHashPrime) + static_cast<std::uint64_t>(value >> 61);
+  return sum >= kHashPrime ? sum - kHashPrime : sum;
+}
+
+std::uint64_t RandomFactor() {
+  std::uint64_t factor = 0;
+  if (getentropy(&factor, sizeof factor) != 0) factor = static_cast<std::uint64_t>(std::clock()) * 0x9E3779B97F4A7C15U;
+  return factor % (kHashPrime - 512) + 256;
+}
+
+}  // namespace
+
+void ElemStack::Push(std::string_view name, std::uint32_t elem) {
+  if (depth_ == capacity_) Grow();
+  tags_[depth_++] = {name, elem};
+  if (indexed_) ForEachMatch(name, [this](Hash hash) { ++matches_[hash]; });
+}
+
+void ElemStack::Pop() {
+  --depth_;
+  if (!indexed_) return;
+  ForEachMatch(tags_[depth_].name, [this](Hash hash) {
+    const auto match = matches_.find(hash);
+    if (--match->second == 0) matches_.erase(match);
+  });
+}
+
+std::size_t ElemStack::FindInnermost(std::string_view name) {
+  if (depth_ == 0) return kNone;
+  if (qx::markup::StoredNameMatches(Top().name, name, ignore_case_)) return depth_ - 1;
+
+  if (!indexed_) BuildIndex();
+  Hash hash = 0;
+  for (const char c : name) hash = Step(hash, c);
+  if (matches_.find(hash) == matches_.end()) return kNone;
+  for (std::size_t depth = depth_ - 1; depth-- > 0;) {
+    if (qx::markup::StoredNameMatches(tags_[depth].name, name, ignore_case_)) return depth;
+  }
+  return kNone;
+}
+
+void ElemStack::Grow() {
+  const std::size_t capacity = capacity_ == 0 ? kFirstEntries : 2 * capacity_;
+  auto grown = std::make_unique<OpenTag[]>(capacity);
+  std::copy_n(tags_.get(), depth_, grown.get());
+  tags_ = std::move(grown);
+  capacity_ = capacity;
+}
+
+void ElemStack::BuildIndex() {
+  factor_ = RandomFactor();
+  indexed_ = true;
+  for (std::size_t depth = 0; depth < depth_; ++depth) {
+    ForEachMatch(tags_[depth].name, [this](Hash hash) { ++matches_[hash]; });
+  }
+}
+
+// A polynomial modulo a prime, so that every beginning of a name has its hash on the way.
+ElemStack::Hash ElemStack::Step(Hash hash, char c) const {
+  const char folded = ignore_case_ ? qx::markup::ToLower(c) : c;
+  const Wide next = Wide{hash} * factor_ + static_cast<unsigned char>(folded) + 1;
+  return ReduceModPrime(next);
+}
+
+template <typename Visit>
+void ElemStack::ForEachMatch(std::string_view stored, Visit visit) const {
+  Hash hash = 0;
+  for (std::size_t i = 0; i < stored.size(); ++i) {
+    if (i > 0 && qx::markup::IsClass(stored[i], qx::markup::kStoredEnd)) visit(hash);
+    hash = Step(hash, stored[i]);
+  }
+  visit(hash);
+}

@@ -1,0 +1,18 @@
+// The names of encodings and their code page numbers, as a table of buckets that is made while compiling.
+#pragma once
+
+#include <array>
+#include <string_view>
+
+inline constexpr int kEncodingNameBuckets = 155;
+
+// Bucket x_Hash(name, 155) holds the entries of its names one after another: two digits for the name's length, five for
+// the code page, the name in lower case. "0800949ksc_5601" is "ksc_5601" (949).
+extern const std::array<const char*, kEncodingNameBuckets> EncodingNameTable;
+
+namespace qx::markup {
+
+// The code page of a name in any case; -1 for an unknown one.
+int FindCodePage(std::string_view name);
+
+}  // namespace qx::markup

@@ -1,0 +1,19 @@
+// The named character references, as a table of buckets that is made while compiling.
+#pragma once
+
+#include <array>
+#include <string_view>
+
+inline constexpr int kPredefEntityBuckets = 130;
+
+// Bucket x_Hash(name, 130) holds the entries of its names one after another: one digit for the name's length, four for
+// the code point, the name in lower case. "50916delta50948delta" is "Delta" (916) and then "delta" (948).
+extern const std::array<const char*, kPredefEntityBuckets> PredefEntityTable;
+
+namespace qx::markup {
+
+// The code point of a lower-case name; 0 if there is none of that name.
+// Quirk: names that differ only in case share their first entry, so "&Oslash;" and "&oslash;" give the same character.
+int FindPredefEntity(std::string_view name);
+
+}  // namespace qx::markup

@@ -1,0 +1,28 @@
+// What the records can hold.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "markup/ElemPosTree.h"
+#include "markup/TokenPos.h"
+
+namespace qx::markup {
+
+// Offsets and lengths are 32-bit.
+inline constexpr std::size_t kDocumentBytesMax = UINT32_MAX;
+
+constexpr bool DocumentFits(std::size_t bytes) { return bytes <= kDocumentBytesMax; }
+
+// Whether a text of `bytes` bytes still fits when `added` bytes take the place of `removed` ones.
+constexpr bool DocumentFits(std::size_t bytes, std::size_t removed, std::size_t added) {
+  return added <= kDocumentBytesMax && DocumentFits(bytes - removed + added);
+}
+
+constexpr bool StartTagFits(std::size_t bytes) { return bytes <= ElemPos::kStartTagLengthMax; }
+
+// The end tag takes "</" and ">" beside the name.
+constexpr bool TagNameFits(std::size_t bytes) { return bytes <= kTagNameBytesMax; }
+static_assert(kTagNameBytesMax + 3 == ElemPos::kEndTagLengthMax);
+
+}  // namespace qx::markup

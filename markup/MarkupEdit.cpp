@@ -1,0 +1,339 @@
+// CMarkup's changes: each one splices the text and then moves the records that stand behind or around the place.
+#include <algorithm>
+#include <cstdio>
+#include <numeric>
+#include <utility>
+
+#include "markup/Ascii.h"
+#include "markup/Attribute.h"
+#include "markup/ElemPosTree.h"
+#include "markup/Escape.h"
+#include "markup/Limits.h"
+#include "markup/Markup.h"
+#include "markup/Names.h"
+#include "markup/TreeWalk.h"
+
+namespace {
+
+// What stands behind a change is set aside and appended again when it is no longer than this, so that the new text is
+// copied once and never filled with zeros first.
+constexpr std::size_t kShortTailBytes = 1024;
+
+std::string_view ViewOf(MCD_CSTR text) { return text == nullptr ? std::string_view() : std::string_view(text); }
+
+// Differences travel as 32-bit words that wrap: adding one to an offset moves it either way.
+constexpr std::uint32_t Low32(std::size_t value) { return static_cast<std::uint32_t>(value); }
+
+std::size_t TotalBytes(const std::vector<std::string_view>& pieces) {
+  return std::accumulate(pieces.begin(), pieces.end(), std::size_t{0},
+                         [](std::size_t sum, std::string_view piece) { return sum + piece.size(); });
+}
+
+// Appends the data in its form for the document; `escaped` keeps what had to be built for it.
+void AppendDataPieces(std::vector<std::string_view>& pieces, std::string_view data, int flags, std::string& escaped) {
+  if ((flags & CMarkup::kAddCData) != 0) return qx::markup::AppendCDataPieces(pieces, data);
+  if (!qx::markup::NeedsEscape(data, flags)) return pieces.push_back(data);
+  qx::markup::AppendEscaped(escaped, data, flags);
+  pieces.emplace_back(escaped);
+}
+
+}  // namespace
+
+bool CMarkup::SetAttrib(MCD_CSTR name, MCD_CSTR value, int flags) {
+  return SetAttributeOf(main_position_, name, ViewOf(value), flags);
+}
+
+bool CMarkup::SetAttrib(MCD_CSTR name, int value, int flags) {
+  return SetAttributeOf(main_position_, name, std::to_string(value), flags);
+}
+
+bool CMarkup::SetChildAttrib(MCD_CSTR name, MCD_CSTR value, int flags) {
+  return SetAttributeOf(child_position_, name, ViewOf(value), flags);
+}
+
+bool CMarkup::SetChildAttrib(MCD_CSTR name, int value, int flags) {
+  return SetAttributeOf(child_position_, name, std::to_string(value), flags);
+}
+
+// Where the value lands in the start tag:
+//   <a n="1">  =>  between the quotes      <a n=1>  =>  in its place, with quotes
+//   <a n>      =>  ="v" behind the name    <a>      =>  ` n="v"` before the ">" or "/>"
+bool CMarkup::SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view value, int flags) {
+  if (elem == 0 || name == nullptr || !qx::markup::IsAttributeName(name)) return false;
+  std::string escaped;
+  qx::markup::AppendEscaped(escaped, value, flags | kEscapeQuotes);
+
+  const std::string_view tag = StartTag(elem);
+  qx::markup::AttributePos old;
+  const bool found = qx::markup::FindAttribute(tag, name, IgnoresCase(), old);
+  std::size_t at = old.value_start;
+  std::size_t removed = old.value_end - old.value_start;
+  Pieces pieces{escaped};
+  if (!found) {
+    at = qx::markup::TagClosingOffset(tag);
+    removed = 0;
+    pieces = {" ", name, "=\"", escaped, "\""};
+  } else if (!old.HasValue()) {
+    pieces = {"=\"", escaped, "\""};
+  } else if (!old.quoted) {
+    pieces = {"\"", escaped, "\""};
+  }
+  const std::size_t added = TotalBytes(pieces);
+  if (!qx::markup::StartTagFits(tag.size() - removed + added)) return false;
+  if (!qx::markup::DocumentFits(document_.size(), removed, added)) return false;
+
+  ElemPos& record = (*tree_)[elem];
+  Splice(record.start + at, removed, pieces);
+  const std::uint32_t delta = Low32(added - removed);
+  record.SetTagLengths(record.StartTagLength() + delta, record.EndTagLength());
+  record.length += delta;
+  for (std::uint32_t child = record.first_child; child != 0; child = (*tree_)[child].next) {
+    qx::markup::ForEachInSubtree(*tree_, child, [this, delta](std::uint32_t i) { (*tree_)[i].start += delta; });
+  }
+  Shift(elem, delta);
+  return true;
+}
+
+bool CMarkup::SetData(MCD_CSTR text, int flags) { return SetDataOf(main_position_, ViewOf(text), flags); }
+
+bool CMarkup::SetData(std::string_view text, int flags) { return SetDataOf(main_position_, text, flags); }
+
+bool CMarkup::SetChildData(MCD_CSTR text, int flags) { return SetDataOf(child_position_, ViewOf(text), flags); }
+
+bool CMarkup::SetChildData(std::string_view text, int flags) { return SetDataOf(child_position_, text, flags); }
+
+bool CMarkup::SetDataOf(std::uint32_t elem, std::string_view text, int flags) {
+  if (elem == 0 || Record(elem).first_child != 0 || Record(elem).Has(kElemNoEnd)) return false;
+  ElemPos& record = (*tree_)[elem];
+  const bool empty_element = record.IsEmptyElement();
+  const std::size_t slashes = empty_element ? TrailingSlashes(elem) : 0;
+  const std::string name(empty_element ? TagName(elem) : std::string_view());
+
+  Pieces pieces;
+  std::string escaped;
+  if (empty_element) pieces.emplace_back(">");
+  AppendDataPieces(pieces, text, flags, escaped);
+  if (empty_element) pieces.insert(pieces.end(), {"</", name, ">"});
+
+  const std::size_t at = empty_element ? record.End() - slashes - 1 : record.ContentStart();
+  const std::size_t removed = empty_element ? slashes + 1 : record.ContentEnd() - at;
+  const std::size_t added = TotalBytes(pieces);
+  if (!qx::markup::DocumentFits(document_.size(), removed, added)) return false;
+
+  Splice(at, removed, pieces);
+  if (empty_element) record.SetTagLengths(record.StartTagLength() - Low32(slashes), Low32(name.size() + 3));
+  record.Clear(kElemUnendedInside);
+  record.length += Low32(added - removed);
+  Shift(elem, Low32(added - removed));
+  return true;
+}
+
+bool CMarkup::AddElem(MCD_CSTR name, MCD_CSTR data, int flags) {
+  if ((flags & kAddChild) != 0) return AddChildElem(name, data, flags);
+  const std::uint32_t elem = Insert(parent_position_, main_position_, ViewOf(name), ViewOf(data), flags);
+  if (elem == 0) return false;
+  SetPosition(parent_position_, elem, 0);
+  return true;
+}
+
+bool CMarkup::AddChildElem(MCD_CSTR name, MCD_CSTR data, int flags) {
+  if (main_position_ == 0) return false;
+  const std::uint32_t elem = Insert(main_position_, child_position_, ViewOf(name), ViewOf(data), flags);
+  if (elem == 0) return false;
+  SetPosition(parent_position_, main_position_, elem);
+  return true;
+}
+
+// A new element on its way into the document.
+struct CMarkup::Insertion {
+  std::uint32_t parent = 0;
+  std::uint32_t previous = 0;
+  std::string_view line;    // the line feed, unless there is to be none
+  std::size_t at = 0;       // where the text changes
+  std::size_t removed = 0;  // the "/>" of an empty parent
+  std::string parent_name;  // of an empty parent, for its new end tag
+  Pieces pieces;            // the new text
+  std::size_t lead = 0;     // bytes of it before the element
+  std::size_t length = 0;   // of the element
+  std::size_t start_tag_length = 0;
+  std::size_t end_tag_length = 0;
+  std::string escaped;
+};
+
+std::uint32_t CMarkup::Insert(std::uint32_t parent, std::uint32_t previous, std::string_view name,
+                              std::string_view data, int flags) {
+  if (!qx::markup::IsTagName(name) || !qx::markup::TagNameFits(name.size())) return 0;
+  if ((flags & kAddNoEnd) != 0 && !data.empty()) return 0;
+  if (next_unused_ == 0) InitRecords();
+  if (parent != 0 && (Record(parent).Has(kElemNoEnd) || Record(parent).Level() == ElemPos::kLevelMax)) return 0;
+
+  Insertion insertion;
+  insertion.parent = parent;
+  insertion.previous = previous != 0 ? previous : qx::markup::LastChild(*tree_, parent);
+  insertion.line = (flags & kAddNoLines) != 0 ? "" : "\n";
+  insertion.pieces.reserve(16);
+  PlaceInsertion(insertion);
+  WriteElement(insertion, name, data, flags);
+  insertion.pieces.push_back(insertion.line);
+  if (insertion.removed != 0) insertion.pieces.insert(insertion.pieces.end(), {"</", insertion.parent_name, ">"});
+
+  if (!qx::markup::DocumentFits(document_.size(), insertion.removed, TotalBytes(insertion.pieces))) return 0;
+  const std::uint32_t elem = CommitInsertion(insertion);
+  if ((flags & kAddNoEnd) != 0) {
+    (*tree_)[elem].Set(kElemNoEnd);
+    (*tree_)[0].Set(kElemIllFormed);  // as the parse would have it
+  }
+  return elem;
+}
+
+// The place of a new element:
+//   behind a sibling, and behind the white space that follows it   <p><a/> |</p>
+//   first in an empty element, which is opened                     <p/>   =>  <p>(line feed)|</p>
+//   first in any other, right behind its start tag                 <p>|text</p>
+//   first in the document, at its end, so behind a declaration     <?xml version="1.0"?>|
+void CMarkup::PlaceInsertion(Insertion& insertion) const {
+  if (insertion.previous != 0) {
+    insertion.at = Record(insertion.previous).End();
+    while (insertion.at < document_.size() && qx::markup::IsClass(document_[insertion.at], qx::markup::kWhite)) {
+      ++insertion.at;
+    }
+    return;
+  }
+  const ElemPos& parent = Record(insertion.parent);
+  if (insertion.parent == 0) {
+    insertion.at = document_.size();
+  } else if (!parent.IsEmptyElement()) {
+    insertion.at = parent.ContentStart();
+  } else {
+    insertion.removed = TrailingSlashes(insertion.parent) + 1;
+    insertion.at = parent.End() - insertion.removed;
+    insertion.parent_name = TagName(insertion.parent);
+    insertion.pieces = {">", insertion.line};
+    insertion.lead = 1 + insertion.line.size();
+  }
+}
+
+//   <a/>   <a />   <a>   <a>data</a>
+void CMarkup::WriteElement(Insertion& insertion, std::string_view name, std::string_view data, int flags) {
+  Pieces& pieces = insertion.pieces;
+  if (data.empty()) {
+    const std::string_view space_slash = (flags & kAddSpaceSlash) != 0 ? " />" : "/>";
+    pieces.insert(pieces.end(), {"<", name, (flags & kAddNoEnd) != 0 ? std::string_view(">") : space_slash});
+    insertion.start_tag_length = 1 + name.size() + pieces.back().size();
+  } else {
+    pieces.insert(pieces.end(), {"<", name, ">"});
+    AppendDataPieces(pieces, data, flags, insertion.escaped);
+    pieces.insert(pieces.end(), {"</", name, ">"});
+    insertion.start_tag_length = name.size() + 2;
+    insertion.end_tag_length = name.size() + 3;
+  }
+  insertion.length = TotalBytes(pieces) - insertion.lead;
+}
+
+std::uint32_t CMarkup::CommitInsertion(const Insertion& insertion) {
+  ReserveRecord();
+  Splice(insertion.at, insertion.removed, insertion.pieces);
+
+  ElemPosTree& tree = *tree_;
+  const std::uint32_t elem = TakeRecord();
+  const std::uint32_t parent = insertion.parent;
+  tree[elem] = {};
+  tree[elem].start = Low32(insertion.at + insertion.lead);
+  tree[elem].length = Low32(insertion.length);
+  tree[elem].SetTagLengths(Low32(insertion.start_tag_length), Low32(insertion.end_tag_length));
+  tree[elem].SetLevel(parent == 0 ? 0 : tree[parent].Level() + 1);
+  tree[elem].parent = parent;
+  if (insertion.removed != 0) {
+    const std::uint32_t start_tag = tree[parent].StartTagLength() - Low32(insertion.removed - 1);
+    tree[parent].SetTagLengths(start_tag, Low32(insertion.parent_name.size() + 3));
+  }
+  if (insertion.previous != 0) {
+    qx::markup::LinkBehind(tree, insertion.previous, elem);
+  } else {
+    qx::markup::LinkFirst(tree, parent, elem);
+  }
+  Shift(elem, Low32(TotalBytes(insertion.pieces) - insertion.removed));
+  return elem;
+}
+
+bool CMarkup::RemoveElem() {
+  if (main_position_ == 0) return false;
+  const std::uint32_t previous = qx::markup::PreviousSibling(*tree_, main_position_);
+  Remove(main_position_);
+  SetPosition(parent_position_, previous, 0);
+  return true;
+}
+
+bool CMarkup::RemoveChildElem() {
+  if (child_position_ == 0) return false;
+  const std::uint32_t previous = qx::markup::PreviousSibling(*tree_, child_position_);
+  Remove(child_position_);
+  SetPosition(parent_position_, main_position_, previous);
+  return true;
+}
+
+void CMarkup::Remove(std::uint32_t elem) {
+  const ElemPos record = Record(elem);
+  document_.erase(record.start, record.length);
+  Shift(elem, 0 - record.length);
+  qx::markup::Unlink(*tree_, elem);
+  ReleaseSubtree(elem);
+}
+
+// Takes the subtree apart from its leaves on, so that each record is released after everything below it.
+void CMarkup::ReleaseSubtree(std::uint32_t top) {
+  ElemPosTree& tree = *tree_;
+  std::uint32_t elem = top;
+  for (;;) {
+    if (const std::uint32_t child = tree[elem].first_child; child != 0) {
+      tree[elem].first_child = tree[child].next;
+      elem = child;
+      continue;
+    }
+    const std::uint32_t parent = tree[elem].parent;
+    ReleaseRecord(elem);
+    if (elem == top) return;
+    elem = parent;
+  }
+}
+
+// How many "/" stand before the ">" of an empty element: more than one in `<p//>`. All of them go when it is opened, or
+// it would still end with "/>".
+std::size_t CMarkup::TrailingSlashes(std::uint32_t elem) const {
+  const std::string_view tag = StartTag(elem);
+  return tag.size() - 2 - tag.find_last_not_of('/', tag.size() - 2);
+}
+
+// Everything behind `elem` moves by `delta` bytes, everything around it grows by as much. Nothing stands behind an
+// element that is appended, so appending costs only its depth.
+void CMarkup::Shift(std::uint32_t elem, std::uint32_t delta) {
+  ElemPosTree& tree = *tree_;
+  while (elem != 0) {
+    for (std::uint32_t behind = tree[elem].next; behind != 0; behind = tree[behind].next) {
+      qx::markup::ForEachInSubtree(tree, behind, [&tree, delta](std::uint32_t i) { tree[i].start += delta; });
+    }
+    elem = tree[elem].parent;
+    tree[elem].length += delta;
+  }
+}
+
+// Puts the pieces in the place of `removed` bytes. When memory runs out nothing has changed.
+void CMarkup::Splice(std::size_t offset, std::size_t removed, const Pieces& pieces) {
+  const std::size_t added = TotalBytes(pieces);
+  const std::size_t tail_bytes = document_.size() - offset - removed;
+  const std::size_t needed = document_.size() - removed + added;
+  if (needed > document_.capacity()) document_.reserve(std::max(needed, 2 * document_.capacity()));
+
+  if (tail_bytes > kShortTailBytes) {
+    document_.replace(offset, removed, added, '\0');
+    for (char* out = document_.data() + offset; const std::string_view piece : pieces) {
+      out = std::copy(piece.begin(), piece.end(), out);
+    }
+    return;
+  }
+  char tail[kShortTailBytes];
+  std::copy_n(document_.data() + offset + removed, tail_bytes, tail);
+  document_.resize(offset);
+  for (const std::string_view piece : pieces) document_.append(piece);
+  document_.append(tail, tail_bytes);
+}

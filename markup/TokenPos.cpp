@@ -1,0 +1,222 @@
+#include "markup/TokenPos.h"
+
+#include "markup/Ascii.h"
+#include "markup/ByteScan.h"
+#include "markup/ElemPosTree.h"
+#include "markup/Names.h"
+
+using qx::markup::IsClass;
+
+namespace {
+
+constexpr std::size_t kNotFound = std::string_view::npos;
+constexpr std::string_view kDocTypeOpening = "<!DOCTYPE";
+constexpr std::string_view kCDataOpening = "<![CDATA[";
+
+}  // namespace
+
+// The offset of the first of the bytes, or the size of the text.
+template <char... kBytes>
+std::size_t TokenPos::Find(std::size_t from) const {
+  const char* const data = text_.data();
+  return static_cast<std::size_t>(qx::markup::FindAnyOf<kBytes...>(data + from, data + text_.size()) - data);
+}
+
+NodeType TokenPos::ParseNode() {
+  start = end;
+  if (start == text_.size()) return NodeType::kEnd;
+  if (text_[start] != '<') return ParseText();
+  if (start + 1 == text_.size()) return Fail(SyntaxFault::kUnterminated);
+  switch (text_[start + 1]) {
+    case '/':
+      return ParseEndTag();
+    case '!':
+      return ParseExclamation();
+    case '?':
+      return Finish(NodeType::kInstruction, InstructionEnd(start + 2));
+    default:
+      return ParseStartTag();
+  }
+}
+
+NodeType TokenPos::ParseText() { return Finish(NodeType::kText, Find<'<'>(start)); }
+
+NodeType TokenPos::ParseStartTag() {
+  if (!IsClass(text_[start + 1], qx::markup::kNameStart)) return Fail(SyntaxFault::kFirstTag);
+  name = qx::markup::LeadingTagName(text_.substr(start + 1));
+  const std::size_t tag_end = TagEnd(start + 1 + name.size());
+  if (tag_end == kNotFound) return Fail(SyntaxFault::kUnterminated);
+  if (name.size() > kTagNameBytesMax) return Fail(SyntaxFault::kNameSize);
+  if (tag_end - start > ElemPos::kStartTagLengthMax) return Fail(SyntaxFault::kStartTagSize);
+  return Finish(text_[tag_end - 2] == '/' ? NodeType::kEmptyTag : NodeType::kStartTag, tag_end);
+}
+
+// Behind the ">" that ends a start tag. Quotes hide everything between them; another "<" outside of them means that the
+// tag was never finished.
+std::size_t TokenPos::TagEnd(std::size_t from) const {
+  for (;;) {
+    from = Find<'>', '<', '"', '\''>(from);
+    if (from == text_.size() || text_[from] == '<') return kNotFound;
+    if (text_[from] == '>') return from + 1;
+    from = QuoteEnd(from);
+    if (from == kNotFound) return kNotFound;
+  }
+}
+
+NodeType TokenPos::ParseEndTag() {
+  if (start + 2 == text_.size()) return Fail(SyntaxFault::kUnterminated);
+  if (!IsClass(text_[start + 2], qx::markup::kNameStart)) return Fail(SyntaxFault::kFirstTag);
+  name = qx::markup::LeadingTagName(text_.substr(start + 2));
+  const std::size_t last = Find<'>', '<'>(start + 2 + name.size());
+  if (last == text_.size() || text_[last] == '<') return Fail(SyntaxFault::kUnterminated);
+  if (name.size() > kTagNameBytesMax) return Fail(SyntaxFault::kNameSize);
+  if (last + 1 - start > ElemPos::kEndTagLengthMax) return Fail(SyntaxFault::kEndTagSize);
+  return Finish(NodeType::kEndTag, last + 1);
+}
+
+NodeType TokenPos::ParseExclamation() {
+  if (start + 2 == text_.size()) return Fail(SyntaxFault::kUnterminated);
+  switch (text_[start + 2]) {
+    case '-':
+      return ParseComment();
+    case '[':
+      return ParseCData();
+    default:
+      return ParseDocType();
+  }
+}
+
+NodeType TokenPos::ParseComment() {
+  if (start + 3 == text_.size()) return Fail(SyntaxFault::kUnterminated);
+  if (text_[start + 3] != '-') return Fail(SyntaxFault::kComment);
+  return Finish(NodeType::kComment, CommentEnd(start + 4));
+}
+
+NodeType TokenPos::ParseCData() {
+  switch (TextBegins(start, kCDataOpening)) {
+    case Begins::kNo:
+      return Fail(SyntaxFault::kCData);
+    case Begins::kSoFar:
+      return Fail(SyntaxFault::kUnterminated);
+    case Begins::kYes:
+      break;
+  }
+  return Finish(NodeType::kCData, CDataEnd(start + kCDataOpening.size()));
+}
+
+// After one faulty declaration every further one counts as faulty without a look: a document has only one, and a text
+// made of thousands of half declarations must not be scanned to its end for each.
+NodeType TokenPos::ParseDocType() {
+  switch (TextBegins(start, kDocTypeOpening)) {
+    case Begins::kNo:
+      return Fail(SyntaxFault::kExclamation);
+    case Begins::kSoFar:
+      return Fail(SyntaxFault::kUnterminated);
+    case Begins::kYes:
+      break;
+  }
+  if (doctype_failed_) return Fail(SyntaxFault::kDocType);
+  fault = SyntaxFault::kUnterminated;
+  const std::size_t declaration_end = DocTypeEnd(start + kDocTypeOpening.size());
+  doctype_failed_ = declaration_end == kNotFound;
+  return doctype_failed_ ? Fail(fault) : Finish(NodeType::kDocType, declaration_end);
+}
+
+std::size_t TokenPos::DocTypeEnd(std::size_t from) {
+  while (from != kNotFound) {
+    from = Find<'>', '<', '[', '"', '\''>(from);
+    if (from == text_.size() || text_[from] == '<') return kNotFound;
+    if (text_[from] == '>') return from + 1;
+    from = text_[from] == '[' ? SubsetEnd(from + 1) : QuoteEnd(from);
+  }
+  return kNotFound;
+}
+
+// Behind the "]" that ends an internal subset. Declarations are only stepped over: none is ever carried out.
+std::size_t TokenPos::SubsetEnd(std::size_t from) {
+  while (from < text_.size()) {
+    const char c = text_[from];
+    if (c == ']') return from + 1;
+    if (IsClass(c, qx::markup::kWhite)) {
+      ++from;
+    } else if (c == '<') {
+      from = DeclarationEnd(from);
+    } else {
+      from = c == '%' ? ParameterReferenceEnd(from) : BadSubset();
+    }
+  }
+  return kNotFound;
+}
+
+std::size_t TokenPos::DeclarationEnd(std::size_t from) {
+  if (from + 1 == text_.size()) return kNotFound;
+  if (text_[from + 1] == '?') return InstructionEnd(from + 2);
+  if (text_[from + 1] != '!') return BadSubset();
+  if (from + 2 == text_.size()) return kNotFound;
+  if (IsClass(text_[from + 2], qx::markup::kNameStart)) return TagEnd(from + 2);
+  switch (TextBegins(from, "<!--")) {
+    case Begins::kYes:
+      return CommentEnd(from + 4);
+    case Begins::kSoFar:
+      return kNotFound;
+    default:
+      return BadSubset();
+  }
+}
+
+// "%name;"
+std::size_t TokenPos::ParameterReferenceEnd(std::size_t from) {
+  from = Find<';', '<', ']', ' ', '\n'>(from + 1);
+  if (from == text_.size()) return kNotFound;
+  return text_[from] == ';' ? from + 1 : BadSubset();
+}
+
+std::size_t TokenPos::BadSubset() {
+  fault = SyntaxFault::kDocType;
+  return kNotFound;
+}
+
+// Behind the quote that closes the one at `from`.
+std::size_t TokenPos::QuoteEnd(std::size_t from) const {
+  const std::size_t close = text_[from] == '"' ? Find<'"'>(from + 1) : Find<'\''>(from + 1);
+  return close == text_.size() ? kNotFound : close + 1;
+}
+
+// Behind the terminator, searched from `from` on. Once one was not found, none is looked for again.
+template <char kFirst, char kSecond, char kThird>
+std::size_t TokenPos::TerminatorEnd(std::size_t from, bool& missing) const {
+  if (missing || from > text_.size()) return kNotFound;
+  const char* const text_end = text_.data() + text_.size();
+  const char* const found = qx::markup::FindTriple<kFirst, kSecond, kThird>(text_.data() + from, text_end);
+  missing = found == text_end;
+  return missing ? kNotFound : static_cast<std::size_t>(found - text_.data()) + 3;
+}
+
+std::size_t TokenPos::CommentEnd(std::size_t from) { return TerminatorEnd<'-', '-', '>'>(from, no_comment_end_); }
+
+std::size_t TokenPos::CDataEnd(std::size_t from) { return TerminatorEnd<']', ']', '>'>(from, no_cdata_end_); }
+
+std::size_t TokenPos::InstructionEnd(std::size_t from) {
+  if (no_instruction_end_) return kNotFound;
+  const std::size_t found = text_.find("?>", from);
+  no_instruction_end_ = found == kNotFound;
+  return no_instruction_end_ ? kNotFound : found + 2;
+}
+
+TokenPos::Begins TokenPos::TextBegins(std::size_t from, std::string_view wanted) const {
+  const std::string_view there = text_.substr(from, wanted.size());
+  if (qx::markup::CompareNames(there.data(), wanted.data(), there.size(), ignore_case_) != 0) return Begins::kNo;
+  return there.size() == wanted.size() ? Begins::kYes : Begins::kSoFar;
+}
+
+NodeType TokenPos::Finish(NodeType type, std::size_t node_end) {
+  if (node_end == kNotFound) return Fail(SyntaxFault::kUnterminated);
+  end = node_end;
+  return type;
+}
+
+NodeType TokenPos::Fail(SyntaxFault what) {
+  fault = what;
+  end = Find<'<'>(start + 1);
+  return NodeType::kFault;
+}
