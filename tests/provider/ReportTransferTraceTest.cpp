@@ -1,0 +1,421 @@
+// What a call of the report transfer traces: every line, its place and its level.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "debug/Debug.h"
+#include "provider/Low32.h"
+#include "tests/provider/TransferFixture.h"
+
+namespace {
+
+using qx::provider::CurrentThreadLow32;
+using qx::provider::TransferOptions;
+using qx::test::ServiceThread;
+using qx::test::TraceCapture;
+
+struct Line {
+  int level;
+  std::string text;
+};
+using Lines = std::vector<Line>;
+
+constexpr int kLevelMax = 6;
+
+std::string Upto(int level, const Lines& lines) {
+  std::string text;
+  for (const Line& line : lines) {
+    if (line.level <= level) text += line.text + "\n";
+  }
+  return text;
+}
+
+// The captured lines without those of the floors below, and with addresses and thread ids as marks.
+std::string Seen(const TraceCapture& trace, const void* thread_data) {
+  char address[32];
+  std::snprintf(address, sizeof address, "0x%p", thread_data);
+  const std::string thread_id = std::to_string(static_cast<int>(CurrentThreadLow32()));
+  std::string text;
+  for (const std::string& entry : trace.Entries()) {
+    if (entry.starts_with("CRegistry") || entry.starts_with("KrxReqestParams")) continue;
+    text += entry + "\n";
+  }
+  const auto mark = [&text](const std::string& what, const char* as) {
+    for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos;) text.replace(at, what.size(), as);
+  };
+  mark(address, "ADDRESS");
+  mark("hreadId=" + thread_id, "hreadId=THREAD");
+  mark("current thread ID = " + thread_id, "current thread ID = THREAD");
+  return text;
+}
+
+Lines operator+(Lines lines, const Lines& more) {
+  lines.insert(lines.end(), more.begin(), more.end());
+  return lines;
+}
+
+const Lines kNewThreadData = {
+    {2, "WCSP_QX GetReports  : Transfer report data file"},
+    {5, "WCSP_QX GetThrdData :   pThreadData = 0x(nil)"},
+    {5, "WCSP_QX GetThrdData : no thread data allocated yet => alloc CThreadData structure"},
+    {5, "WCSP_QX GetThrdData : CThreadData created, pThreadData = ADDRESS, threadId=THREAD"},
+};
+const Lines kKeptThreadData = {
+    {2, "WCSP_QX GetReports  : Transfer report data file"},
+    {5, "WCSP_QX GetThrdData :   pThreadData = ADDRESS"},
+    {5, "WCSP_QX GetThrdData : CThreadData exists for this thread (ADDRESS) - use its data, saved threadId=THREAD"},
+};
+const Lines kBlockIsValid = {
+    {4, "WCSP CheckParams    : Check KRX request parameters..."},
+    {5, "WCSP CheckParams    :   KRX thread ID = 77, current thread ID = THREAD"},
+    {4, "WCSP CheckParams    : All checks OK"},
+};
+const Lines kNoAuthorization = {
+    {3, "WCSP_QX GetReports  :   WS-TRUST security validation data not found - no authorization required"},
+};
+
+Lines Input(const std::string& document) {
+  return {{4, "WCSP_QX GetReports  :   XML input string: \"" + document + "\""}};
+}
+
+class ReportTransferTrace : public qx::test::TransferFixture {
+ protected:
+  using Before = std::function<void(ServiceThread&)>;
+
+  // Runs `call` on a service thread of its own at every trace level, behind whatever `before` does untraced.
+  static void Expect(const Lines& lines, const std::function<void(ServiceThread&)>& call, const Before& before = {},
+                     const std::vector<const char*>* privileges = nullptr) {
+    for (int level = 1; level <= kLevelMax; ++level) {
+      const auto thread =
+          privileges != nullptr ? std::make_unique<ServiceThread>(*privileges) : std::make_unique<ServiceThread>();
+      if (before) before(*thread);
+      std::string seen;
+      {
+        const TraceCapture trace(level);
+        call(*thread);
+        seen = Seen(trace, thread->Data());
+      }
+      EXPECT_EQ(seen, Upto(level, lines)) << "level " << level;
+    }
+  }
+
+  Lines Path(const std::string& name) const {
+    return {{4, "WCSP_QX GetReports  :   report file path: " + BasePath(name)}};
+  }
+};
+
+TEST_F(ReportTransferTrace, AFirstCall) {
+  Append("r1", 10, {"a", " \tb c \v"});
+  Expect(kNewThreadData + kBlockIsValid + Input("<ReportData Name=\"r1\" StartIndex=\"0\"/>") + kNoAuthorization +
+             Lines{
+                 {4, "72 31   r1"},
+                 {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
+                 {4, "WCSP_QX GetReports  :   report name: \"r1\", start index: 0"},
+             } +
+             Path("r1") +
+             Lines{
+                 {2, "WCSP_QX GetReports  : Get report file \"r1\", total size: 18 Bytes, chunk size: 1024 kB"},
+                 {3, "WCSP_QX GetReports  :   oldest index:  0"},
+                 {3, "WCSP_QX GetReports  :   highest index: 2"},
+                 {5, "WCSP_QX GetReports  :   read entry #0, index=0"},
+                 {4, "WCSP_QX GetReports  :     compare oldest index=0 whether changed"},
+                 {5, "WCSP_QX GetReports  :   --> entry: a"},
+                 {5, "WCSP_QX GetReports  :   read entry #1, index=1"},
+                 {5, "WCSP_QX GetReports  :   --> entry: b c"},
+                 {3, "WCSP_QX GetReports  :   index higher that highest index - exit reading"},
+                 {3, "WCSP_QX GetReports  : 2 records read (12 bytes)"},
+                 {4,
+                  "WCSP_QX GetReports  :   XML reply: \"<ReportData Name=\"r1\" StartIndex=\"0\" "
+                  "NextIndex=\"2\"/>\n\""},
+                 {4, "WCSP_QX GetReports  :   data length = 12 bytes"},
+                 {4, "WCSP_QX GetReports  :   data:   \"a\r\n \tb c \v\r\n...\""},
+             },
+         [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 0).result, 0); });
+}
+
+TEST_F(ReportTransferTrace, ALaterCallWithARecordLimit) {
+  Append("r1", 10, {"a", "b", "c"});
+  Expect(
+      kKeptThreadData + kBlockIsValid + Input("<ReportData Name=\"r1\" StartIndex=\"1\" NrRecords=\"1\"/>") +
+          kNoAuthorization +
+          Lines{
+              {4, "72 31   r1"},
+              {4, "WCSP_QX GetReports  :   report name: \"r1\", start index: 1"},
+              {4, "WCSP_QX GetReports  :   nr of records to read: 1"},
+          } +
+          Path("r1") +
+          Lines{
+              {3, "WCSP_QX GetReports  :   oldest index:  0"},
+              {3, "WCSP_QX GetReports  :   highest index: 3"},
+              {5, "WCSP_QX GetReports  :   read entry #1, index=1"},
+              {5, "WCSP_QX GetReports  :   --> entry: b"},
+              {5, "WCSP_QX GetReports  :   read entry #2, index=2"},
+              {4, "WCSP_QX GetReports  :   --> number of requested records (1) reached, return now"},
+              {3, "WCSP_QX GetReports  : 1 records read (3 bytes)"},
+              {4,
+               "WCSP_QX GetReports  :   XML reply: \"<ReportData Name=\"r1\" StartIndex=\"1\" "
+               "NextIndex=\"2\"/>\n\""},
+              {4, "WCSP_QX GetReports  :   data length = 3 bytes"},
+              {4, "WCSP_QX GetReports  :   data:   \"b\r\n...\""},
+          },
+      [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 1, 1).result, 0); },
+      [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 0, 1).result, 0); });
+}
+
+TEST_F(ReportTransferTrace, TheEndOfATransfer) {
+  Append("r1", 2, {"a", "b", "c"});
+  Expect(
+      kKeptThreadData + kBlockIsValid + Input("<ReportData Name=\"r1\" StartIndex=\"2\"/>") + kNoAuthorization +
+          Lines{
+              {4, "72 31   r1"},
+              {4, "WCSP_QX GetReports  :   report name: \"r1\", start index: 2"},
+          } +
+          Path("r1") +
+          Lines{
+              {3, "WCSP_QX GetReports  :   oldest index:  1"},
+              {3, "WCSP_QX GetReports  :   highest index: 2"},
+              {3, "WCSP_QX GetReports  :   index higher that highest index - exit reading"},
+              {3, "WCSP_QX GetReports  : 0 records read (0 bytes)"},
+              {4, "WCSP_QX GetReports  : No more records available"},
+          },
+      [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 2).result, 1); },
+      [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 0).result, 0); });
+}
+
+TEST_F(ReportTransferTrace, AFailedOpen) {
+  Expect(kNewThreadData + kBlockIsValid + Input("<ReportData Name=\"none\" StartIndex=\"0\"/>") + kNoAuthorization +
+             Lines{
+                 {4, "6E 6F 6E 65   none"},
+                 {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
+                 {4, "WCSP_QX GetReports  :   report name: \"none\", start index: 0"},
+             } +
+             Path("none") +
+             Lines{{1,
+                    "WCSP_QX GetReports  : ## ERROR! Could not read data file for report \"none\" "
+                    "(0x00000002)"}},
+         [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("none", 0).result, 12); });
+}
+
+TEST_F(ReportTransferTrace, ANameThatLeavesTheReportDirectory) {
+  Expect(kNewThreadData + kBlockIsValid + Input("<ReportData Name=\"../r1\" StartIndex=\"0\"/>") + kNoAuthorization +
+             Lines{
+                 {4, "2E 2E 2F 72 31   ../r1"},
+                 {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
+                 {4, "WCSP_QX GetReports  :   report name: \"../r1\", start index: 0"},
+             } +
+             Path("../r1") +
+             Lines{{1,
+                    "WCSP_QX GetReports  : ## ERROR! Could not read data file for report \"../r1\" "
+                    "(0x00000002)"}},
+         [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("../r1", 0).result, 12); });
+}
+
+TEST_F(ReportTransferTrace, AnInvalidBlock) {
+  for (int level = 1; level <= kLevelMax; ++level) {
+    qx::test::BlockBuilder block;
+    block.Pointer(1, nullptr);
+    KrxRequestParams params(block.Block());
+    CMarkup in;
+    CMarkup out;
+    CFileTransferProvider provider;
+    std::string seen;
+    {
+      const TraceCapture trace(level);
+      EXPECT_EQ(provider.GetReports(params, in, out), -1);
+      seen = Seen(trace, params.GetProviderSpecificData());
+    }
+    EXPECT_EQ(seen, Upto(level, kNewThreadData +
+                                    Lines{
+                                        {4, "WCSP CheckParams    : Check KRX request parameters..."},
+                                        {5,
+                                         "WCSP CheckParams    :   KRX thread ID = 0, current thread "
+                                         "ID = THREAD"},
+                                        {1,
+                                         "WCSP_SCCI Detach    : ## ERROR! krx_gendata thread id is 0 "
+                                         "(0x0D)"},
+                                    }))
+        << "level " << level;
+    provider.__threadend(params.GetProviderSpecificData());
+  }
+}
+
+TEST_F(ReportTransferTrace, InputWithoutTheElement) {
+  Expect(kNewThreadData + kBlockIsValid + Input("<Other/>") +
+             Lines{
+                 {1,
+                  "WCSP_SCCI Detach    : ## ERROR! No valid request data in input XML string (<ReportData> tag "
+                  "missing) (0x0D)"},
+                 {4, ""},
+                 {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
+                 {4, "WCSP_QX GetReports  :   report name: \"\", start index: 0"},
+             } +
+             Path("") +
+             Lines{{1,
+                    "WCSP_QX GetReports  : ## ERROR! Could not read data file for report \"\" "
+                    "(0x00000002)"}},
+         [](ServiceThread& thread) { EXPECT_EQ(thread.GetReports("<Other/>").result, 12); });
+}
+
+TEST_F(ReportTransferTrace, ACallerWithoutThePrivilege) {
+  Append("r1", 10, {"a"});
+  const std::vector<const char*> privileges = {"Other"};
+  Expect(
+      kNewThreadData + kBlockIsValid + Input("<ReportData Name=\"r1\" StartIndex=\"0\"/>") +
+          Lines{
+              {3, "WCSP_QX GetReports  : WS-TRUST security validation data found - using authorization"},
+              {1,
+               "WCSP_SCCI Detach    : ## ERROR! Required security privilege \"AccessPerformanceMgr\" missing - "
+               "access not granted! (0x521)"},
+              {4, "72 31   r1"},
+              {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
+              {4, "WCSP_QX GetReports  :   report name: \"r1\", start index: 0"},
+          } +
+          Path("r1") +
+          Lines{
+              {2, "WCSP_QX GetReports  : Get report file \"r1\", total size: 9 Bytes, chunk size: 1024 kB"},
+              {3, "WCSP_QX GetReports  :   oldest index:  0"},
+              {3, "WCSP_QX GetReports  :   highest index: 1"},
+              {5, "WCSP_QX GetReports  :   read entry #0, index=0"},
+              {4, "WCSP_QX GetReports  :     compare oldest index=0 whether changed"},
+              {5, "WCSP_QX GetReports  :   --> entry: a"},
+              {3, "WCSP_QX GetReports  :   index higher that highest index - exit reading"},
+              {3, "WCSP_QX GetReports  : 1 records read (3 bytes)"},
+              {4,
+               "WCSP_QX GetReports  :   XML reply: \"<Error Msg=\"Required security privilege "
+               "&quot;AccessPerformanceMgr&quot; missing - access not granted!\" LastError=\"1313\"/>\n"
+               "<ReportData Name=\"r1\" StartIndex=\"0\" NextIndex=\"1\"/>\n\""},
+              {4, "WCSP_QX GetReports  :   data length = 3 bytes"},
+              {4, "WCSP_QX GetReports  :   data:   \"a\r\n...\""},
+          },
+      [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 0).result, 0); }, {}, &privileges);
+}
+
+TEST_F(ReportTransferTrace, ACallerWithThePrivilege) {
+  const std::vector<const char*> privileges = {"AccessPerformanceMgr"};
+  const Lines granted = {
+      {3, "WCSP_QX GetReports  : WS-TRUST security validation data found - using authorization"},
+      {3, "WCSP_QX GetReports  : Required access privileges available - access granted"},
+      {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
+      {1, "WCSP_QX GetReports  : ## ERROR! Could not read data file for report \"none\" (0x00000002)"},
+  };
+  ServiceThread thread(privileges);
+  const TraceCapture trace(3);
+  EXPECT_EQ(thread.Ask("none", 0).result, 12);
+  EXPECT_EQ(Seen(trace, thread.Data()), Upto(3, Lines{kNewThreadData.front()} + granted));
+}
+
+TEST_F(ReportTransferTrace, AFullChunkAndASizeInKilobytes) {
+  const std::string half(0x80000, 'h');
+  Append("r1", 10, {half, half});  // 2 * (524288 + 2) + 6 bytes
+  const std::string entry = "WCSP_QX GetReports  :   --> entry: ";
+  Expect(kNewThreadData + kBlockIsValid + Input("<ReportData Name=\"r1\" StartIndex=\"0\"/>") + kNoAuthorization +
+             Lines{
+                 {4, "72 31   r1"},
+                 {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
+                 {4, "WCSP_QX GetReports  :   report name: \"r1\", start index: 0"},
+             } +
+             Path("r1") +
+             Lines{
+                 {2, "WCSP_QX GetReports  : Get report file \"r1\", total size: 1024 kB, chunk size: 1024 kB"},
+                 {3, "WCSP_QX GetReports  :   oldest index:  0"},
+                 {3, "WCSP_QX GetReports  :   highest index: 2"},
+                 {5, "WCSP_QX GetReports  :   read entry #0, index=0"},
+                 {4, "WCSP_QX GetReports  :     compare oldest index=0 whether changed"},
+                 {5, entry + half.substr(0, 1024 - entry.size())},
+                 {5, "WCSP_QX GetReports  :   read entry #1, index=1"},
+                 {4, "WCSP_QX GetReports  :   --> chunk size limit (1048576) reached, return now"},
+                 {3, "WCSP_QX GetReports  : 1 records read (524290 bytes)"},
+                 {4,
+                  "WCSP_QX GetReports  :   XML reply: \"<ReportData Name=\"r1\" StartIndex=\"0\" "
+                  "NextIndex=\"1\"/>\n\""},
+                 {4, "WCSP_QX GetReports  :   data length = 524290 bytes"},
+                 {4, "WCSP_QX GetReports  :   data:   \"" + half.substr(0, 256) + "...\""},
+             },
+         [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 0).result, 0); });
+}
+
+TEST_F(ReportTransferTrace, TheSizeIsShownInBytesUpTo10239) {
+  Append("r1", 10, {std::string(10239 - 8, 'x')});
+  Append("r2", 10, {std::string(10240 - 8, 'x')});
+  const TraceCapture trace(2);
+  EXPECT_EQ(ServiceThread().Ask("r1", 0).result, 0);
+  EXPECT_EQ(ServiceThread().Ask("r2", 0).result, 0);
+  EXPECT_EQ(Seen(trace, nullptr),
+            "WCSP_QX GetReports  : Transfer report data file\n"
+            "WCSP_QX GetReports  : Get report file \"r1\", total size: 10239 Bytes, chunk size: 1024 kB\n"
+            "WCSP_QX GetReports  : Transfer report data file\n"
+            "WCSP_QX GetReports  : Get report file \"r2\", total size: 10 kB, chunk size: 1024 kB\n");
+}
+
+// A writer that advances the ring behind the first read: the call behind its checks.
+TEST_F(ReportTransferTrace, AChangedRing) {
+  for (int level = 1; level <= kLevelMax; ++level) {
+    Append("r1", 2, {"1", "2"});
+    CMarkup in;
+    ASSERT_TRUE(in.SetDoc("<ReportData Name=\"r1\"/>"));
+    ASSERT_TRUE(in.FindElem("ReportData"));
+    CMarkup out;
+    CFileTransferProvider provider;
+    CThreadData data;
+    const std::string base = BasePath("r1");
+    TransferOptions options;
+    options.first_record_read = [](void* path) {
+      CReportFileBase store;  // opened at level 5 it traces its header, which is none of the transfer's
+      (void)Debug.ForceMaxDebug(false);
+      EXPECT_TRUE(store.Open(static_cast<const char*>(path), 2) && store.writeLine("3"));
+      (void)Debug.ForceMaxDebug(true);
+    };
+    options.context = const_cast<char*>(base.c_str());
+    std::string seen;
+    {
+      const TraceCapture trace(level);
+      EXPECT_EQ(qx::provider::ReportTransfer(provider, data, out, options).Run(in), 0);
+      seen = Seen(trace, &data);
+    }
+    EXPECT_EQ(
+        seen,
+        Upto(level,
+             Lines{
+                 {4, "72 31   r1"},
+                 {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
+                 {4, "WCSP_QX GetReports  :   report name: \"r1\", start index: 0"},
+             } + Path("r1") +
+                 Lines{
+                     {2, "WCSP_QX GetReports  : Get report file \"r1\", total size: 12 Bytes, chunk size: 1024 kB"},
+                     {3, "WCSP_QX GetReports  :   oldest index:  0"},
+                     {3, "WCSP_QX GetReports  :   highest index: 2"},
+                     {5, "WCSP_QX GetReports  :   read entry #0, index=0"},
+                     {4, "WCSP_QX GetReports  :     compare oldest index=1 whether changed"},
+                     {2,
+                      "WCSP_QX GetReports  : ## WARNING! OldestIndex has changed since first line was read - ignore "
+                      "first line"},
+                     {5, "WCSP_QX GetReports  :   read entry #0, index=1"},
+                     {5, "WCSP_QX GetReports  :   --> entry: 2"},
+                     {5, "WCSP_QX GetReports  :   read entry #1, index=0"},
+                     {5, "WCSP_QX GetReports  :   --> entry: 3"},
+                     {3, "WCSP_QX GetReports  :   index higher that highest index - exit reading"},
+                     {3, "WCSP_QX GetReports  : 2 records read (6 bytes)"},
+                     {4,
+                      "WCSP_QX GetReports  :   XML reply: \"<ReportData Name=\"r1\" StartIndex=\"0\" "
+                      "NextIndex=\"2\"/>\n\""},
+                     {4, "WCSP_QX GetReports  :   data length = 6 bytes"},
+                     {4, "WCSP_QX GetReports  :   data:   \"2\r\n3\r\n...\""},
+                 }))
+        << "level " << level;
+    std::filesystem::remove(BasePath("r1") + ".ind");
+  }
+}
+
+TEST_F(ReportTransferTrace, TracedAndUntracedCallsGiveTheSameReply) {
+  Append("r1", 3, {"1", "2\nhidden", "]]>", "4"});
+  const qx::test::Reply untraced = ServiceThread().Ask("r1", 0);
+  const TraceCapture trace(6);
+  EXPECT_EQ(ServiceThread().Ask("r1", 0), untraced);
+}
+
+}  // namespace
