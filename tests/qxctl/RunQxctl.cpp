@@ -1,0 +1,178 @@
+#include "tests/qxctl/RunQxctl.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+
+#include "reportfile/ReportFileBase.h"
+
+namespace qx::test {
+
+namespace {
+
+constexpr int kStartFailed = 126;
+const char kRegistryDirectory[] = "/etc/brollan";
+
+struct Pipe {
+  int read_end;
+  int write_end;
+};
+
+Pipe MakePipe() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+  return {ends[0], ends[1]};
+}
+
+[[noreturn]] void Fail(const char* what) {
+  std::perror(what);
+  _exit(kStartFailed);
+}
+
+// A registry of this machine would lead the module to a report directory that is not the test's: hide it from the
+// child.
+void HideRegistry() {
+  if (access(kRegistryDirectory, F_OK) != 0) return;
+  if (unshare(geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0) {
+    Fail("this machine has /etc/brollan; allow unprivileged user namespaces, so that the test can hide it: unshare");
+  }
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) Fail("mount /");
+  if (mount("tmpfs", kRegistryDirectory, "tmpfs", 0, nullptr) != 0) Fail("mount over /etc/brollan");
+}
+
+void SetUp(const Start& start) {
+  HideRegistry();
+  for (const auto& [name, value] : start.environment) setenv(name.c_str(), value.c_str(), 1);
+  if (chdir(start.directory.c_str()) != 0) Fail("chdir");
+  (void)signal(SIGPIPE, SIG_DFL);
+  if (start.close_out) close(STDOUT_FILENO);
+  if (start.out_file.empty()) return;
+  const int file = open(start.out_file.c_str(), O_WRONLY | O_CREAT, 0600);
+  if (file < 0 || dup2(file, STDOUT_FILENO) < 0) Fail("open output");
+}
+
+[[noreturn]] void Exec(const std::vector<std::string>& command) {
+  std::vector<char*> arguments;
+  for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
+  arguments.push_back(nullptr);
+  execvp(arguments[0], arguments.data());
+  Fail("exec");
+}
+
+// False at the end.
+bool ReadInto(int descriptor, std::string& text) {
+  char buffer[65536];
+  const ssize_t count = read(descriptor, buffer, sizeof buffer);
+  if (count > 0) text.append(buffer, static_cast<std::size_t>(count));
+  return count > 0;
+}
+
+void CloseIfOpen(int& descriptor) {
+  if (descriptor >= 0) close(descriptor);
+  descriptor = -1;
+}
+
+// Writes what the pipe takes; closes it when all is written or the reader is gone.
+void Feed(int& descriptor, std::string& input) {
+  const ssize_t count = input.empty() ? -1 : write(descriptor, input.data(), input.size());
+  if (count > 0) input.erase(0, static_cast<std::size_t>(count));
+  if (count < 0 || input.empty()) CloseIfOpen(descriptor);
+}
+
+}  // namespace
+
+Child::Child(const std::vector<std::string>& command, const Start& start) : input_(start.input) {
+  (void)signal(SIGPIPE, SIG_IGN);  // a child may end before it has read its input
+  const Pipe in = MakePipe();
+  const Pipe out = MakePipe();
+  const Pipe err = MakePipe();
+  pid_ = fork();
+  if (pid_ < 0) throw std::runtime_error("no process");
+  if (pid_ == 0) {
+    dup2(in.read_end, STDIN_FILENO);
+    dup2(out.write_end, STDOUT_FILENO);
+    dup2(err.write_end, STDERR_FILENO);
+    SetUp(start);
+    Exec(command);
+  }
+  close(in.read_end);
+  close(out.write_end);
+  close(err.write_end);
+  in_ = in.write_end;
+  out_ = out.read_end;
+  err_ = err.read_end;
+  (void)fcntl(in_, F_SETFL, O_NONBLOCK);
+}
+
+Child::~Child() {
+  if (pid_ > 0) {
+    Kill(SIGKILL);
+    (void)Wait();
+  }
+}
+
+std::string Child::ReadSome() {
+  std::string text;
+  (void)ReadInto(out_, text);
+  return text;
+}
+
+void Child::Kill(int signal) const { (void)kill(pid_, signal); }
+
+Ran Child::Wait() {
+  Ran ran;
+  while (in_ >= 0 || out_ >= 0 || err_ >= 0) {
+    pollfd waited[] = {{in_, POLLOUT, 0}, {out_, POLLIN, 0}, {err_, POLLIN, 0}};
+    if (poll(waited, 3, -1) < 0) throw std::runtime_error("poll");
+    if (waited[0].revents != 0) Feed(in_, input_);
+    if (waited[1].revents != 0 && !ReadInto(out_, ran.out)) CloseIfOpen(out_);
+    if (waited[2].revents != 0 && !ReadInto(err_, ran.err)) CloseIfOpen(err_);
+  }
+  int status = 0;
+  if (waitpid(pid_, &status, 0) != pid_) throw std::runtime_error("waitpid");
+  pid_ = -1;
+  ran.code = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  return ran;
+}
+
+std::string QxctlPath() { return QX_QXCTL; }
+std::string ModulePath() { return QX_MODULE_FILE; }
+std::string FakeModulePath() { return QX_FAKE_MODULE; }
+
+QxctlFixture::QxctlFixture() { std::filesystem::create_directory(dir_.File("Reports")); }
+
+void QxctlFixture::MakeReport(const std::string& name, unsigned slots, const std::vector<std::string>& texts) const {
+  CReportFileBase store;
+  if (!store.Open(ReportPath(name).c_str(), slots)) throw std::runtime_error("cannot create " + name);
+  for (const std::string& text : texts) {
+    if (!store.writeLine(text.c_str())) throw std::runtime_error("cannot append to " + name);
+  }
+}
+
+void QxctlFixture::Append(const std::string& name, const std::vector<std::string>& texts) const {
+  MakeReport(name, 0, texts);  // an existing report keeps its ring
+}
+
+Ran QxctlFixture::Qxctl(const std::vector<std::string>& arguments, const std::string& input) const {
+  Start start = StartHere();
+  start.input = input;
+  return Qxctl(arguments, start);
+}
+
+Ran QxctlFixture::Qxctl(const std::vector<std::string>& arguments, Start start) const {
+  start.directory = dir_.Path();
+  std::vector<std::string> command = {QxctlPath()};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return Child(command, start).Wait();
+}
+
+}  // namespace qx::test

@@ -1,0 +1,78 @@
+// Runs the built qxctl as a user would: a child process with arguments, input, environment and working directory.
+#pragma once
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/support/Support.h"
+
+namespace qx::test {
+
+struct Ran {
+  int code = -1;  // exit code; minus the signal that killed it
+  std::string out;
+  std::string err;
+};
+
+// How a child is started. File names are opened by the child for the descriptor, instead of a pipe.
+struct Start {
+  std::string directory;
+  std::string input = {};
+  std::map<std::string, std::string> environment = {};  // added to this process's
+  std::string out_file = {};
+  bool close_out = false;
+};
+
+// A started child. Its error text is collected when it is waited for.
+class Child {
+ public:
+  Child(const std::vector<std::string>& command, const Start& start);
+  ~Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  // Waits for the first output and returns some of it.
+  std::string ReadSome();
+  void Kill(int signal) const;
+  // Reads both outputs to their end and waits.
+  Ran Wait();
+
+ private:
+  pid_t pid_ = -1;
+  int in_ = -1;
+  int out_ = -1;
+  int err_ = -1;
+  std::string input_;
+};
+
+// The paths of what was built.
+std::string QxctlPath();
+std::string ModulePath();
+std::string FakeModulePath();
+
+// A working directory with a report directory below it, where the module looks when no registry says otherwise.
+class QxctlFixture {
+ public:
+  QxctlFixture();
+
+  const TempDir& Dir() const { return dir_; }
+  std::string ReportPath(std::string_view name) const { return dir_.File("Reports/" + std::string(name)); }
+
+  // Makes a report through the store class and appends.
+  void MakeReport(const std::string& name, unsigned slots, const std::vector<std::string>& texts) const;
+  void Append(const std::string& name, const std::vector<std::string>& texts) const;
+
+  Ran Qxctl(const std::vector<std::string>& arguments, const std::string& input = "") const;
+  // With `start` as given but for the directory.
+  Ran Qxctl(const std::vector<std::string>& arguments, Start start) const;
+  Start StartHere() const { return {.directory = dir_.Path(), .environment = {{"QX_MODULE", ModulePath()}}}; }
+
+ private:
+  TempDir dir_;
+};
+
+}  // namespace qx::test

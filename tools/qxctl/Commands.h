@@ -1,0 +1,24 @@
+// The commands of qxctl. Each has a source file of its own, which adds its options and runs it.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+
+#include "tools/qxctl/Output.h"
+#include "tools/qxctl/Status.h"
+#include "tools/qxctl/TraceDirectory.h"
+
+namespace qx::ctl {
+
+// What the command line came to. Parsing only chooses `run`; main calls it once the tracing that was asked for is on.
+struct Context {
+  Output output;
+  TraceDirectory traces;
+  std::function<Status()> run;
+};
+
+void AddModuleCommand(CLI::App& app, Context& context);  // module what, reflect, reports
+void AddFetchCommand(CLI::App& app, Context& context);   // fetch
+void AddReportCommand(CLI::App& app, Context& context);  // report create, append, cat, info
+
+}  // namespace qx::ctl

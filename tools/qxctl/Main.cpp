@@ -1,0 +1,95 @@
+// qxctl: what operators and developers do with the provider module and with reports.
+//
+// The command line is parsed first and only chooses what to run; then tracing is set up, if it was asked for; then the
+// command runs. Whatever happens ends in one exit code (Status.h), data on standard output and words on standard error.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <string>
+
+#include "tools/qxctl/Commands.h"
+#include "tools/qxctl/Interrupt.h"
+
+namespace {
+
+using qx::ctl::Context;
+using qx::ctl::ExitCode;
+using qx::ctl::Status;
+
+struct TraceOptions {
+  std::string directory;  // empty: no traces
+  int level = 5;
+};
+
+constexpr int kTraceLevelMax = 6;
+
+// A closed standard descriptor would be taken by the next file that is opened, and what we print would land in it. The
+// stand-in is opened the wrong way round, so that using it fails as using the closed one would.
+void HoldStandardDescriptors() {
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(descriptor, F_GETFD) >= 0) continue;
+    (void)open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // takes the lowest free number
+  }
+}
+
+void AddTraceOptions(CLI::App& app, TraceOptions& options) {
+  const char* const kGroup = "Tracing";
+  CLI::Option* const directory =
+      app.add_option("--trace", options.directory, "Keep the traces of the module and of qxctl in this directory");
+  directory->group(kGroup);
+  app.add_option("--trace-level", options.level, "1 errors to 6 addresses (default 5)")
+      ->check(CLI::Range(0, kTraceLevelMax))
+      ->needs(directory)
+      ->group(kGroup);
+}
+
+Status RunCommand(Context& context, const TraceOptions& options) {
+  if (!options.directory.empty()) {
+    if (Status status = context.traces.Keep(options.directory, options.level); !status.IsOk()) return status;
+  }
+  return context.run();
+}
+
+ExitCode Finish(Context& context, const Status& status) {
+  context.output.Problem(status);
+  const Status finished = context.output.Finish();
+  if (finished.Message() != status.Message()) context.output.Problem(finished);  // said once is enough
+  return finished.IsOk() ? status.Code() : finished.Code();
+}
+
+ExitCode ParseAndRun(CLI::App& app, Context& context, const TraceOptions& options, int argc, char** argv) {
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {  // also how --help and --version come back
+    return app.exit(error) == 0 ? ExitCode::kOk : ExitCode::kUsage;
+  }
+  const Status status = RunCommand(context, options);
+  return Finish(context, status);
+}
+
+ExitCode Qxctl(int argc, char** argv) {
+  Context context;
+  TraceOptions trace_options;
+  CLI::App app("Works with the QXRemConXfer provider module and with report files", "qxctl");
+  app.set_version_flag("--version", "qxctl " QX_VERSION);
+  app.require_subcommand(1);
+  app.fallthrough();
+  AddTraceOptions(app, trace_options);
+  AddModuleCommand(app, context);
+  AddFetchCommand(app, context);
+  AddReportCommand(app, context);
+  return ParseAndRun(app, context, trace_options, argc, argv);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  HoldStandardDescriptors();
+  (void)std::signal(SIGPIPE, SIG_IGN);  // a reader that went away shows as a failed write, so that we can tidy up
+  const ExitCode code = Qxctl(argc, argv);
+  qx::ctl::DieOfInterrupt();  // everything temporary is gone by now
+  return static_cast<int>(code);
+}

@@ -1,0 +1,83 @@
+// The raw parameter block of a call, as the service lays it out.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "provider/KrxGenData.h"
+
+namespace qx::ctl {
+
+struct Privilege {
+  std::string department;
+  std::string name;
+};
+
+// What a block says. The defaults make a block that the module accepts from a caller who is not authorised by name.
+struct BlockValues {
+  std::string tag = "KRX";  // at most 4 bytes; 4 leave it without its NUL
+  std::uint32_t version = 30400;
+  std::uint32_t thread_id = 1;
+  std::string application_id = "qxctl";
+  std::optional<std::string> function_id;  // unset: the name of the function that is called
+  std::string requestor_address = "localhost";
+  std::optional<std::string> user;    // with a user or a privilege the block carries security validation data
+  std::vector<Privilege> privileges;  // grouped by department, in the order of first mention
+  std::set<int> omitted;              // indices of elements that are left out, wherever they stand
+};
+
+// The block and everything that it points at.
+//
+//   1 provider data   2 thread id   3 function id   5 application id
+//   14 connection { 15 requestor address }
+//   61 security interceptor { 65 validation data }     only with a user or a privilege
+//
+// Threads: belongs to one worker thread; the module writes the value of element 1 during calls.
+// Owns: all memory, at fixed addresses until destruction.
+class RequestBlock {
+ public:
+  explicit RequestBlock(BlockValues values);
+  RequestBlock(const RequestBlock&) = delete;
+  RequestBlock& operator=(const RequestBlock&) = delete;
+
+  const wcs_gendata* Raw() const { return &header_; }
+
+  // Says which function is called next, unless the values named one for all calls.
+  void SetFunctionId(std::string_view name);
+
+  // What the module left in element 1; null when the element is omitted.
+  void* ProviderData() const;
+
+ private:
+  using ElementArray = std::vector<krx_element*>;
+
+  void Add(ElementArray& elements, krx_index index, krx_type type, void* value);
+  void AddConnection();
+  void AddSecurity();
+  void FillDepartments();
+  void FillHeader();
+
+  BlockValues values_;
+  std::string function_id_;
+  std::deque<krx_element> elements_;  // a deque: growing does not move what the arrays point at
+  krx_element* provider_data_ = nullptr;
+  krx_element* function_element_ = nullptr;
+  ElementArray top_level_;
+  ElementArray in_connection_;
+  ElementArray in_security_;
+  krx_gendata header_{};
+  krx_nested_block connection_{};
+  krx_element_list security_{};
+  krx_validation_data validation_{};
+  krx_authorization_data authorization_{};
+  std::deque<krx_department> departments_;
+  std::deque<std::vector<const char*>> department_privileges_;
+  std::vector<krx_department*> department_array_;
+};
+
+}  // namespace qx::ctl

@@ -1,0 +1,41 @@
+// How a command of qxctl ended: its exit code, and one sentence for the operator when something is to be said.
+#pragma once
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <utility>
+
+namespace qx::ctl {
+
+// The process's exit code. Scripts rely on the numbers; docs/qxctl.md lists them.
+enum class ExitCode : int {
+  kOk = 0,
+  kFinding = 1,   // done, and something was found that needs a look
+  kUsage = 2,     // the command line is wrong; nothing was done
+  kChanged = 3,   // the report changed while it was read
+  kNotFound = 4,  // no such report, store, module or input file
+  kRefused = 5,   // the module or the store refuses
+  kIo = 6,        // a read, write, load or close failed
+};
+
+class [[nodiscard]] Status {
+ public:
+  Status() = default;
+  Status(ExitCode code, std::string message) : code_(code), message_(std::move(message)) {}
+
+  // "WHAT: the text of ERROR"
+  static Status Io(const std::string& what, int error) {
+    return {ExitCode::kIo, what + ": " + std::strerror(error)};  // one thread, so strerror's buffer is safe
+  }
+
+  bool IsOk() const { return code_ == ExitCode::kOk; }
+  ExitCode Code() const { return code_; }
+  const std::string& Message() const { return message_; }
+
+ private:
+  ExitCode code_ = ExitCode::kOk;
+  std::string message_;
+};
+
+}  // namespace qx::ctl
