@@ -1,0 +1,81 @@
+#include "tests/reportfile/FaultyCalls.h"
+
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+
+namespace {
+
+using qx::test::CallFault;
+
+struct Faults {
+  CallFault fault;
+  std::atomic<int> calls{0};
+
+  bool Meets(int call) const {
+    return fault.kind != CallFault::Kind::kNone && call >= fault.nth && call - fault.nth <= fault.more_failing;
+  }
+};
+
+Faults writes;
+Faults reads;
+
+// What call number `call` does instead of asking the system for `wanted` bytes: how many bytes it handles, or -1.
+ssize_t Outcome(const Faults& faults, int call, std::size_t wanted) {
+  if (!faults.Meets(call)) return static_cast<ssize_t>(wanted);
+  const bool is_first = call == faults.fault.nth;
+  if (is_first && faults.fault.kind == CallFault::Kind::kTakesNothing) return 0;
+  if (is_first && faults.fault.kind == CallFault::Kind::kTakesSome) {
+    return static_cast<ssize_t>(std::min<std::uint64_t>(faults.fault.some, wanted));
+  }
+  errno = faults.fault.error;
+  return -1;
+}
+
+}  // namespace
+
+extern "C" {
+
+ssize_t __real_pwritev(int fd, const iovec* parts, int count, off_t offset);
+ssize_t __real_pread(int fd, void* to, std::size_t size, off_t offset);
+
+ssize_t __wrap_pwritev(int fd, const iovec* parts, int count, off_t offset) {
+  std::size_t wanted = 0;
+  for (int i = 0; i < count; ++i) wanted += parts[i].iov_len;
+  const ssize_t allowed = Outcome(writes, ++writes.calls, wanted);
+  if (allowed == static_cast<ssize_t>(wanted)) return __real_pwritev(fd, parts, count, offset);
+  ssize_t left = allowed;
+  for (int i = 0; i < count && left > 0; ++i) {
+    const iovec part = {parts[i].iov_base, std::min(parts[i].iov_len, static_cast<std::size_t>(left))};
+    const ssize_t put = __real_pwritev(fd, &part, 1, offset + (allowed - left));
+    if (put < 0) return put;
+    left -= put;
+  }
+  return allowed;
+}
+
+ssize_t __wrap_pread(int fd, void* to, std::size_t size, off_t offset) {
+  const ssize_t allowed = Outcome(reads, ++reads.calls, size);
+  return allowed <= 0 ? allowed : __real_pread(fd, to, static_cast<std::size_t>(allowed), offset);
+}
+}
+
+namespace qx::test {
+
+ScopedWriteFault::ScopedWriteFault(const CallFault& fault) {
+  writes.fault = fault;
+  writes.calls = 0;
+}
+ScopedWriteFault::~ScopedWriteFault() { writes.fault = {}; }
+int ScopedWriteFault::Calls() { return writes.calls; }
+
+ScopedReadFault::ScopedReadFault(const CallFault& fault) {
+  reads.fault = fault;
+  reads.calls = 0;
+}
+ScopedReadFault::~ScopedReadFault() { reads.fault = {}; }
+int ScopedReadFault::Calls() { return reads.calls; }
+
+}  // namespace qx::test

@@ -1,0 +1,458 @@
+// Records through windows: the results must be those of readLine for each slot in turn, whatever the files hold.
+#include "reportfile/RecordReader.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "reportfile/ReportFileBase.h"
+#include "tests/reportfile/FaultyCalls.h"
+#include "tests/reportfile/PlainStore.h"
+#include "tests/reportfile/StoreFiles.h"
+
+namespace qx::report {
+
+void PrintTo(const TakenRecords& taken, std::ostream* out) {
+  *out << "{" << taken.count << ", " << static_cast<int>(taken.end) << "}";
+}
+
+static bool operator==(const TakenRecords& a, const TakenRecords& b) { return a.count == b.count && a.end == b.end; }
+
+}  // namespace qx::report
+
+namespace qx::test {
+namespace {
+
+using report::RecordReader;
+using report::TakeEnd;
+using report::TakenRecords;
+using namespace std::string_literals;
+
+constexpr std::size_t kNoLimit = std::size_t{1} << 40;
+constexpr std::size_t kWindowBytes = std::size_t{64} * 1024;
+constexpr std::uint32_t kWindowSlots = 8192;
+
+// What Take must do, in its plainest form: one readLine a slot.
+TakenRecords TakeOneByOne(CReportFileBase& store, std::uint32_t first, std::uint32_t count_max,
+                          std::size_t gathered_max, std::string* out) {
+  for (std::uint32_t taken = 0; taken < count_max; ++taken) {
+    std::string text;
+    const std::uint64_t slot = std::uint64_t{first} + taken;
+    if (slot > 0xFFFFFFFF || !store.readLine(text, static_cast<std::uint32_t>(slot))) {
+      return {taken, TakeEnd::kReadFailed};
+    }
+    if (out->size() + text.size() >= gathered_max) return {taken, TakeEnd::kChunkFull};
+    *out += text;
+  }
+  return {count_max, TakeEnd::kCountReached};
+}
+
+class RecordReaderTest : public testing::Test {
+ protected:
+  void Open(const report::IndexHeader& header, const std::vector<std::uint32_t>& slots, std::string_view data) {
+    files_.Make(header, slots, data);
+    ASSERT_TRUE(store_.OpenRead(files_.Path()));
+    reader_.Drop();
+  }
+
+  // All slots in use, as many as given.
+  void Open(const std::vector<std::uint32_t>& slots, std::string_view data) {
+    Open(StoreFiles::FullRing(static_cast<std::uint32_t>(slots.size())), slots, data);
+  }
+
+  void OpenAppended(std::uint32_t count, std::size_t text_bytes) {
+    CReportFileBase writer;
+    ASSERT_TRUE(writer.Open(files_.Path(), count));
+    for (std::uint32_t i = 0; i < count; ++i) {
+      ASSERT_TRUE(writer.writeLine(std::string(text_bytes, static_cast<char>('a' + i % 26)).c_str()));
+    }
+    ASSERT_TRUE(store_.OpenRead(files_.Path()));
+  }
+
+  std::string TakeAll() {
+    std::string out;
+    EXPECT_EQ(reader_.Take(0, store_.header().highestIndex, kNoLimit, &out).end, TakeEnd::kCountReached);
+    return out;
+  }
+
+  void ExpectTakeAgrees(std::uint32_t first, std::uint32_t count_max, std::size_t gathered_max, std::string out = {}) {
+    std::string expected = out;
+    const TakenRecords plain = TakeOneByOne(store_, first, count_max, gathered_max, &expected);
+    EXPECT_EQ(reader_.Take(first, count_max, gathered_max, &out), plain);
+    EXPECT_TRUE(out == expected) << "the taken texts differ";
+  }
+
+  StoreFiles files_;
+  CReportFileBase store_;
+  RecordReader reader_{store_};
+};
+
+TEST_F(RecordReaderTest, TakesARunOfRecordsAsItStands) {
+  Open({0, 3, 7}, "a\r\nbb\r\nc\r\n===>\r\n");
+  EXPECT_EQ(TakeAll(), "a\r\nbb\r\nc\r\n");
+}
+
+TEST_F(RecordReaderTest, AppendsBehindWhatTheCallerHolds) {
+  Open({0, 3}, "a\r\nb\r\n");
+  std::string out = "kept ";
+  EXPECT_EQ(reader_.Take(0, 2, kNoLimit, &out), (TakenRecords{2, TakeEnd::kCountReached}));
+  EXPECT_EQ(out, "kept a\r\nb\r\n");
+}
+
+TEST_F(RecordReaderTest, RunWithALineFeedInsideARecordIsNotTakenWhole) {
+  Open({0, 5, 14}, "abc\r\none\ntwo\r\nxyz\r\n");
+  EXPECT_EQ(TakeAll(), "abc\r\none\nxyz\r\n");
+}
+
+TEST_F(RecordReaderTest, RunWithAByteFFInsideARecordIsNotTakenWhole) {
+  Open({0, 5, 14}, "abc\r\none\xFFtwo\r\nxyz\r\n");
+  EXPECT_EQ(TakeAll(), "abc\r\none\xFFxyz\r\n");
+}
+
+TEST_F(RecordReaderTest, RunWithANulInsideARecordIsNotTakenWhole) {
+  Open({0, 5, 14}, "abc\r\none\0two\r\nxyz\r\n"s);
+  EXPECT_EQ(TakeAll(), "abc\r\nonexyz\r\n");
+}
+
+TEST_F(RecordReaderTest, RecordThatGoesOnBehindTheNextSlotIsTakenToItsEnd) {
+  Open({0, 2, 5}, "abcde\r\nxyz\r\n");
+  EXPECT_EQ(TakeAll(), "abcde\r\ncde\r\n\r\n");
+}
+
+TEST_F(RecordReaderTest, OverlappingRecordsWhoseTextEndsAddUpAreNotTakenWhole) {
+  // Two text ends between the slots of two records, but both stand in the second one.
+  Open({0, 2, 5}, "abc\n\nxyz\n");
+  EXPECT_EQ(TakeAll(), "abc\nc\nxyz\n");
+}
+
+TEST_F(RecordReaderTest, SlotsInAnyOrderAreFollowed) {
+  Open({8, 0, 4, 4, 0}, "aa\r\nbb\r\ncc\r\n");
+  EXPECT_EQ(TakeAll(), "cc\r\naa\r\nbb\r\nbb\r\naa\r\n");
+}
+
+TEST_F(RecordReaderTest, DataFileThatEndsEarlyEndsItsRecordsWithTheByteFF) {
+  Open({0, 4, 8, 12, 99}, "aa\r\nbb");
+  EXPECT_EQ(TakeAll(), "aa\r\nbb\xFF\xFF\xFF\xFF");
+}
+
+TEST_F(RecordReaderTest, IndexFileThatEndsEarlyReadsAsOffsetZero) {
+  Open(StoreFiles::FullRing(4), {4, 8}, "aa\r\nbb\r\ncc\r\n");
+  EXPECT_EQ(TakeAll(), "bb\r\ncc\r\naa\r\naa\r\n");
+}
+
+TEST_F(RecordReaderTest, TakeStopsBehindTheLastSlotInUse) {
+  Open({0, 3}, "a\r\nb\r\n");
+  std::string out;
+  EXPECT_EQ(reader_.Take(0, 5, kNoLimit, &out), (TakenRecords{2, TakeEnd::kReadFailed}));
+  EXPECT_EQ(out, "a\r\nb\r\n");
+  EXPECT_EQ(reader_.Take(2, 1, kNoLimit, &out), (TakenRecords{0, TakeEnd::kReadFailed}));
+  EXPECT_EQ(reader_.Take(0xFFFFFFFF, 0xFFFFFFFF, kNoLimit, &out), (TakenRecords{0, TakeEnd::kReadFailed}));
+  EXPECT_EQ(out, "a\r\nb\r\n");
+}
+
+TEST_F(RecordReaderTest, TakeOfNothingReachesItsCount) {
+  Open({0, 3}, "a\r\nb\r\n");
+  std::string out = "kept";
+  EXPECT_EQ(reader_.Take(0, 0, 0, &out), (TakenRecords{0, TakeEnd::kCountReached}));
+  EXPECT_EQ(reader_.Take(9, 0, 0, &out), (TakenRecords{0, TakeEnd::kCountReached}));
+  EXPECT_EQ(out, "kept");
+}
+
+TEST_F(RecordReaderTest, GatheredTextStaysBelowItsLimit) {
+  Open({0, 4, 8, 12}, "aa\r\nbb\r\ncc\r\ndd\r\n");
+  for (std::size_t limit = 0; limit <= 18; ++limit) {
+    std::string out;
+    const std::uint32_t fitting = limit == 0 ? 0 : static_cast<std::uint32_t>((limit - 1) / 4);
+    const TakeEnd end = fitting >= 4 ? TakeEnd::kCountReached : TakeEnd::kChunkFull;
+    EXPECT_EQ(reader_.Take(0, 4, limit, &out), (TakenRecords{std::min(fitting, 4U), end})) << limit;
+    EXPECT_EQ(out.size(), std::min<std::size_t>(fitting, 4) * 4);
+  }
+}
+
+TEST_F(RecordReaderTest, LimitBelowWhatTheCallerHoldsTakesNothing) {
+  Open({0}, "\0"s);
+  std::string out = "held";
+  EXPECT_EQ(reader_.Take(0, 1, 4, &out), (TakenRecords{0, TakeEnd::kChunkFull}));
+  EXPECT_EQ(reader_.Take(0, 1, 3, &out), (TakenRecords{0, TakeEnd::kChunkFull}));
+  EXPECT_EQ(reader_.Take(0, 1, 5, &out), (TakenRecords{1, TakeEnd::kCountReached}));
+  EXPECT_EQ(out, "held");
+}
+
+TEST_F(RecordReaderTest, SlotNotInUseComesBeforeARecordThatDoesNotFit) {
+  Open({0}, "a\r\n");
+  std::string out;
+  EXPECT_EQ(reader_.Take(1, 1, 0, &out), (TakenRecords{0, TakeEnd::kReadFailed}));
+}
+
+TEST_F(RecordReaderTest, ClosedStoreGivesNothing) {
+  Open({0, 3}, "a\r\nb\r\n");
+  store_.Close();
+  std::string out = "kept";
+  bool too_long = true;
+  EXPECT_EQ(reader_.Take(0, 2, kNoLimit, &out), (TakenRecords{0, TakeEnd::kReadFailed}));
+  EXPECT_FALSE(reader_.Read(0, kNoLimit, &out, &too_long));
+  EXPECT_FALSE(too_long);
+  EXPECT_EQ(out, "kept");
+}
+
+TEST_F(RecordReaderTest, ReadAppendsOneRecord) {
+  Open({4, 0}, "aa\r\nbb\r\n");
+  std::string out = "kept ";
+  bool too_long = true;
+  EXPECT_TRUE(reader_.Read(0, kNoLimit, &out, &too_long));
+  EXPECT_FALSE(too_long);
+  EXPECT_TRUE(reader_.Read(1, 5, &out, &too_long));
+  EXPECT_FALSE(too_long);
+  EXPECT_EQ(out, "kept bb\r\naa\r\n");
+}
+
+TEST_F(RecordReaderTest, ReadOfARecordThatReachesItsLimitGivesNothing) {
+  Open({4, 0}, "aa\r\nbb\r\n");
+  std::string out = "kept";
+  for (std::size_t limit = 0; limit <= 4; ++limit) {
+    bool too_long = false;
+    EXPECT_TRUE(reader_.Read(0, limit, &out, &too_long));
+    EXPECT_TRUE(too_long);
+    EXPECT_EQ(out, "kept");
+  }
+}
+
+TEST_F(RecordReaderTest, ReadOfASlotNotInUseFails) {
+  Open({0}, "a\r\n");
+  std::string out = "kept";
+  bool too_long = true;
+  EXPECT_FALSE(reader_.Read(1, 0, &out, &too_long));
+  EXPECT_FALSE(too_long);
+  EXPECT_EQ(out, "kept");
+}
+
+TEST_F(RecordReaderTest, RecordWithoutAnEndIsReadNoFurtherThanItsLimit) {
+  Open({0}, "x");
+  const std::string block(std::size_t{1} << 20, 'x');
+  WriteFile(files_.DataPath(), block + block + block + block);
+  const ScopedReadFault reads;
+  std::string out;
+  EXPECT_EQ(reader_.Take(0, 1, kWindowBytes * 2, &out), (TakenRecords{0, TakeEnd::kChunkFull}));
+  EXPECT_EQ(out, "");
+  EXPECT_LE(ScopedReadFault::Calls(), 6);  // one of slots, and the data up to the limit
+  EXPECT_LE(out.capacity(), kWindowBytes * 5);
+}
+
+TEST_F(RecordReaderTest, WindowsAreKeptUntilDropped) {
+  Open({0, 3}, "a\r\nb\r\n");
+  EXPECT_EQ(TakeAll(), "a\r\nb\r\n");
+  WriteFile(files_.DataPath(), "X\r\nY\r\n");
+  EXPECT_EQ(TakeAll(), "a\r\nb\r\n");
+  reader_.Drop();
+  EXPECT_EQ(TakeAll(), "X\r\nY\r\n");
+}
+
+TEST_F(RecordReaderTest, ReopenedStoreIsReadAnewAfterDrop) {
+  Open({0, 3}, "a\r\nb\r\n");
+  EXPECT_EQ(TakeAll(), "a\r\nb\r\n");
+  Open({0}, "other\r\n");
+  EXPECT_EQ(TakeAll(), "other\r\n");
+}
+
+TEST_F(RecordReaderTest, RunOfShortRecordsCostsAReadAWindow) {
+  OpenAppended(20000, 50);
+  const ScopedReadFault reads;
+  EXPECT_EQ(TakeAll().size(), 20000U * 52);
+  constexpr int kDataReads = 20000 * 52 / static_cast<int>(kWindowBytes) + 1;
+  constexpr int kSlotReads = 3;
+  // Behind each window of slots the last record is read by itself, and each read that meets the end of its file tries
+  // once more.
+  EXPECT_LE(ScopedReadFault::Calls(), kDataReads + 2 * kSlotReads + 4);
+}
+
+TEST_F(RecordReaderTest, RecordsWithLineFeedsCostNoReadEach) {
+  CReportFileBase writer;
+  ASSERT_TRUE(writer.Open(files_.Path(), 5000));
+  for (int i = 0; i < 5000; ++i) ASSERT_TRUE(writer.writeLine("first line\nsecond line"));
+  ASSERT_TRUE(store_.OpenRead(files_.Path()));
+  const ScopedReadFault reads;
+  EXPECT_EQ(TakeAll().size(), 5000U * 11);
+  EXPECT_LE(ScopedReadFault::Calls(), 20);
+}
+
+// Billions of slots that the index file does not hold, all of them a record without text.
+TEST_F(RecordReaderTest, HeaderThatClaimsBillionsOfSlotsIsAnsweredAtOnce) {
+  Open({.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF}, {2}, "\0a\n"s);
+  const ScopedReadFault reads;
+  std::string out;
+  EXPECT_EQ(reader_.Take(0, 0xFFFFFFFF, kNoLimit, &out), (TakenRecords{0xFFFFFFFF, TakeEnd::kCountReached}));
+  EXPECT_EQ(out, "\n");
+  EXPECT_LE(ScopedReadFault::Calls(), 8);
+}
+
+TEST_F(RecordReaderTest, BillionsOfSlotsWithATextFillTheChunkAndNoMore) {
+  Open({.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF}, {}, "a\r\n");
+  std::string out;
+  EXPECT_EQ(reader_.Take(5, 0xFFFFFFF0, 0x100000, &out), (TakenRecords{0x100000 / 3, TakeEnd::kChunkFull}));
+  EXPECT_EQ(out.size(), 0x100000U / 3 * 3);
+}
+
+TEST_F(RecordReaderTest, LastSlotNumberOfAllCanBeTaken) {
+  Open({.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF}, {}, "a\r\nb\r\n");
+  // A hole up to the last two slots, which hold 3.
+  const std::string three = "\x03\0\0\0\x03\0\0\0"s;
+  ASSERT_EQ(truncate(files_.IndexPath().c_str(), report::SlotOffset(0xFFFFFFFD)), 0);
+  std::FILE* const index = std::fopen(files_.IndexPath().c_str(), "ab");
+  ASSERT_EQ(std::fwrite(three.data(), 1, three.size(), index), three.size());
+  (void)std::fclose(index);
+  ExpectTakeAgrees(0xFFFFFFFB, 10, kNoLimit);
+  ExpectTakeAgrees(0xFFFFFFFE, 1, kNoLimit);
+  ExpectTakeAgrees(0xFFFFFFFF, 1, kNoLimit);
+  ExpectTakeAgrees(0, 3, kNoLimit);
+}
+
+TEST_F(RecordReaderTest, RecordsBehindFourGigabytesOfDataAreOutOfReachOfTheSlots) {
+  Open({0xFFFFFFFF, 0}, "a\r\n");
+  ASSERT_EQ(truncate(files_.DataPath().c_str(), 0x100000010), 0);
+  EXPECT_EQ(TakeAll(), "a\r\n");
+}
+
+// Around the edges of both windows: the record that straddles a window's end is taken like any other.
+TEST_F(RecordReaderTest, RecordsOfEveryLengthAroundTheWindowsAreTakenWhole) {
+  for (const std::size_t text_bytes : {0U, 1U, 4093U, 4094U, 4095U, 32766U, 65533U, 65534U, 65535U, 70000U}) {
+    OpenAppended(text_bytes < 10 ? 3 * kWindowSlots + 5 : 40, text_bytes);
+    reader_.Drop();
+    ExpectTakeAgrees(0, store_.header().highestIndex, kNoLimit);
+    ExpectTakeAgrees(1, store_.header().highestIndex - 2, 0x100000);
+    store_.Close();
+    unlink(files_.IndexPath().c_str());
+  }
+}
+
+TEST_F(RecordReaderTest, ReadErrorEndsTheDataLikeTheEndOfTheFile) {
+  Open({0, 3}, "a\r\nb\r\n");
+  const ScopedReadFault fault({.kind = CallFault::Kind::kFails, .nth = 2, .error = EIO, .more_failing = kAllLater});
+  EXPECT_EQ(TakeAll(), "\xFF\xFF");
+}
+
+TEST_F(RecordReaderTest, InterruptedAndShortReadsAreContinued) {
+  Open({0, 3, 6}, "a\r\nb\r\nc\r\n");
+  for (int nth = 1; nth <= 6; ++nth) {
+    reader_.Drop();
+    {
+      const ScopedReadFault fault({.kind = CallFault::Kind::kFails, .nth = nth, .error = EINTR});
+      EXPECT_EQ(TakeAll(), "a\r\nb\r\nc\r\n") << nth;
+    }
+    reader_.Drop();
+    const ScopedReadFault fault({.kind = CallFault::Kind::kTakesSome, .nth = nth, .some = 2});
+    EXPECT_EQ(TakeAll(), "a\r\nb\r\nc\r\n") << nth;
+  }
+}
+
+// Random stores against readLine, and readLine against buffered streams read byte by byte.
+class RandomStore {
+ public:
+  explicit RandomStore(std::uint64_t seed) : random_(seed) {}
+
+  std::uint32_t Below(std::size_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
+
+  // Appends records of odd texts, wraps included, as a writer would, and then damages the files a little.
+  void Build(const StoreFiles& files) {
+    CReportFileBase writer;
+    const std::uint32_t slots = 1 + Below(Below(10) == 0 ? 1000 : 40);
+    EXPECT_TRUE(writer.Open(files.Path(), slots));
+    const std::uint32_t longest = 1U << Below(slots < 100 ? 12 : 7);
+    for (std::uint32_t i = Below(4 * slots + 2); i > 0; --i) EXPECT_TRUE(writer.writeLine(Text(longest).c_str()));
+    writer.Close();
+    if (Below(3) == 0) return;
+    Damage(files.DataPath(), Below(5), "\n\xFF\0x"s);
+    if (Below(2) == 0) DamageSlots(files);
+    if (Below(4) == 0) CutShort(files.DataPath());
+    if (Below(4) == 0) CutShort(files.IndexPath());
+  }
+
+ private:
+  std::string Text(std::uint32_t longest) {
+    std::string text(Below(longest), static_cast<char>('a' + Below(26)));
+    if (!text.empty() && Below(20) == 0) text[Below(text.size())] = "\n\xFF"[Below(2)];
+    return text;
+  }
+
+  void Damage(const std::string& path, std::uint32_t count, std::string_view with) {
+    std::string bytes = ReadFile(path);
+    for (; count > 0 && !bytes.empty(); --count) bytes[Below(bytes.size())] = with[Below(with.size())];
+    WriteFile(path, bytes);
+  }
+
+  // Slots out of order, equal, overlapping, behind the end.
+  void DamageSlots(const StoreFiles& files) {
+    std::vector<std::uint32_t> slots = files.Slots();
+    if (slots.empty()) return;
+    const auto data_size = files.DataBytes().size();
+    for (std::uint32_t i = Below(6) + 1; i > 0; --i) {
+      std::uint32_t& slot = slots[Below(slots.size())];
+      const std::uint32_t choices[] = {slots[Below(slots.size())], Below(data_size + 20), slot + 1, slot - 1,
+                                       0xFFFFFFFF};
+      slot = choices[Below(5)];
+    }
+    files.Make(files.Header(), slots, files.DataBytes());
+  }
+
+  void CutShort(const std::string& path) {
+    const std::string bytes = ReadFile(path);
+    WriteFile(path, bytes.substr(0, Below(bytes.size() + 1)));
+  }
+
+  std::mt19937_64 random_;
+};
+
+TEST_F(RecordReaderTest, RandomStoresAreTakenAsReadLineReadsThem) {
+  const std::uint64_t seed = Seed("RecordReader");
+  for (std::uint64_t round = 0; round < 300; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    RandomStore random(seed + round);
+    store_.Close();
+    unlink(files_.IndexPath().c_str());
+    random.Build(files_);
+    ASSERT_TRUE(store_.OpenRead(files_.Path()));
+    reader_.Drop();
+    const std::uint32_t in_use = store_.header().highestIndex;
+    ExpectTakeAgrees(0, in_use, kNoLimit);
+    for (int i = 0; i < 6; ++i) {
+      const std::size_t limit = random.Below(2) == 0 ? 0x100000 : random.Below(20000);
+      const std::string held(random.Below(100), 'h');
+      ExpectTakeAgrees(random.Below(in_use + 2), random.Below(in_use + 3), limit, held);
+    }
+    if (HasFailure()) break;
+  }
+}
+
+TEST_F(RecordReaderTest, RandomStoresAreReadAsBufferedStreamsReadThem) {
+  const std::uint64_t seed = Seed("ReadLine");
+  for (std::uint64_t round = 0; round < 200 && !HasFailure(); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    RandomStore random(seed + round);
+    store_.Close();
+    unlink(files_.IndexPath().c_str());
+    random.Build(files_);
+    ASSERT_TRUE(store_.OpenRead(files_.Path()));
+    reader_.Drop();
+    PlainStore plain;
+    ASSERT_TRUE(plain.OpenRead(files_.Base()));
+    EXPECT_EQ(plain.header, store_.header());
+    for (std::uint32_t slot = 0; slot <= store_.header().highestIndex; ++slot) {
+      std::string expected = "unchanged";
+      std::string line = "unchanged";
+      std::string read;
+      bool too_long = false;
+      const bool is_there = plain.ReadLine(expected, slot);
+      EXPECT_EQ(store_.readLine(line, slot), is_there);
+      EXPECT_EQ(line, expected);
+      EXPECT_EQ(reader_.Read(slot, kNoLimit, &read, &too_long), is_there);
+      EXPECT_EQ(read, is_there ? expected : "");
+    }
+  }
+}
+
+}  // namespace
+}  // namespace qx::test

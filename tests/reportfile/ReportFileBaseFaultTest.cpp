@@ -1,0 +1,356 @@
+// Failing writes, damaged index files, killed writers: what is promised to hold must hold.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "reportfile/RecordReader.h"
+#include "reportfile/ReportFileBase.h"
+#include "tests/reportfile/FaultyCalls.h"
+#include "tests/reportfile/StoreFiles.h"
+
+namespace qx::test {
+namespace {
+
+using report::IndexHeader;
+using testing::ElementsAre;
+
+class ReportFileBaseFault : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(store_.Open(files_.Path(), 3));
+    for (const char* text : {"a", "b", "c", "d"}) ASSERT_TRUE(store_.writeLine(text));
+  }
+
+  // What a reader may be asked of files that claim anything: it ends, and runs of records are what readLine gives.
+  void ReadEverythingThatEnds() {
+    CReportFileBase reader;
+    ASSERT_TRUE(reader.OpenRead(files_.Path()));
+    report::RecordReader records(reader);
+    const IndexHeader header = reader.header();
+    for (const std::uint32_t first : {0U, 1U, header.oldestIndex, header.highestIndex - 1, header.maxRecord - 1}) {
+      std::string expected;
+      std::string line;
+      for (std::uint32_t i = 0; i < 4 && reader.readLine(line, first + i); ++i) expected += line;
+      std::string taken;
+      (void)records.Take(first, 4, std::size_t{1} << 20, &taken);
+      EXPECT_EQ(taken, expected);
+    }
+    const ScopedReadFault reads;
+    std::string chunk;
+    (void)records.Take(0, header.highestIndex, std::size_t{1} << 20, &chunk);
+    EXPECT_LT(chunk.size(), std::size_t{1} << 20);
+    EXPECT_LE(ScopedReadFault::Calls(), 20);
+  }
+
+  // A writer on the same files: its record is where its header says.
+  void AppendAndReadBack() {
+    CReportFileBase writer;
+    ASSERT_TRUE(writer.Open(files_.Path(), 3));
+    const std::uint32_t slot = report::SlotForNewRecord(writer.header());
+    ASSERT_TRUE(writer.writeLine("new"));
+    std::string line;
+    EXPECT_TRUE(!writer.readLine(line, slot) || line == "new\r\n") << line;
+  }
+
+  static std::string Overlaid(std::string bytes, std::size_t at, const std::string& with) {
+    if (bytes.size() < at + with.size()) bytes.resize(at + with.size());
+    return bytes.replace(at, with.size(), with);
+  }
+
+  StoreFiles files_;
+  CReportFileBase store_;
+
+  // The store of SetUp: slots 9 3 6, the data "a b c d" and the marker at 12.
+  const IndexHeader before_{12, 12, 4, 3, 3, 1};
+  const std::string data_before_ = "a\r\nb\r\nc\r\nd\r\n===>\r\n";
+};
+
+TEST_F(ReportFileBaseFault, RecordThatCannotBeWrittenLeavesHeaderAndSlotsAlone) {
+  {
+    const ScopedWriteFault fault({.kind = CallFault::Kind::kFails, .nth = 1, .error = ENOSPC});
+    EXPECT_FALSE(store_.writeLine("new"));
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(ScopedWriteFault::Calls(), 1);
+  }
+  EXPECT_EQ(store_.header(), before_);
+  EXPECT_EQ(files_.Header(), before_);
+  EXPECT_THAT(files_.Slots(), ElementsAre(9, 3, 6));
+  EXPECT_EQ(files_.DataBytes(), data_before_);
+}
+
+// "new\r\n" are five bytes; with fewer of them in the file the record is lost, and what got there does no harm.
+TEST_F(ReportFileBaseFault, RecordThatIsCutShortIsNotIndexed) {
+  for (std::uint64_t some = 1; some < 5; ++some) {
+    const ScopedWriteFault fault(
+        {.kind = CallFault::Kind::kTakesSome, .nth = 1, .error = ENOSPC, .some = some, .more_failing = kAllLater});
+    EXPECT_FALSE(store_.writeLine("new"));
+    EXPECT_EQ(ScopedWriteFault::Calls(), 2);
+    EXPECT_EQ(store_.header(), before_);
+    EXPECT_EQ(files_.Header(), before_);
+    EXPECT_THAT(files_.Slots(), ElementsAre(9, 3, 6));
+    EXPECT_EQ(files_.DataBytes(), Overlaid(data_before_, 12, std::string("new\r\n").substr(0, some)));
+    EXPECT_THAT(ReadAll(files_), ElementsAre("b\r\n", "c\r\n", "d\r\n"));
+  }
+}
+
+TEST_F(ReportFileBaseFault, RecordWhoseMarkerIsCutShortIsGood) {
+  const std::string record_and_marker = "new\r\n===>\r\n";
+  for (std::uint64_t some = 5; some < record_and_marker.size(); ++some) {
+    const StoreFiles files;
+    CReportFileBase store;
+    ASSERT_TRUE(store.Open(files.Path(), 3));
+    ASSERT_TRUE(store.writeLine("a"));
+    const std::string data_before = files.DataBytes();
+    const ScopedWriteFault fault(
+        {.kind = CallFault::Kind::kTakesSome, .nth = 1, .error = ENOSPC, .some = some, .more_failing = 1});
+    EXPECT_TRUE(store.writeLine("new"));
+    EXPECT_EQ(ScopedWriteFault::Calls(), 4);
+    EXPECT_EQ(files.Header(), (IndexHeader{8, 8, 2, 3, 2, 0}));
+    EXPECT_EQ(files.DataBytes(), Overlaid(data_before, 3, record_and_marker.substr(0, some)));
+    EXPECT_THAT(ReadAll(files), ElementsAre("a\r\n", "new\r\n"));
+  }
+}
+
+TEST_F(ReportFileBaseFault, SlotThatCannotBeWrittenLeavesTheHeaderAlone) {
+  {
+    const ScopedWriteFault fault({.kind = CallFault::Kind::kFails, .nth = 2, .error = EIO});
+    EXPECT_FALSE(store_.writeLine("new"));
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(ScopedWriteFault::Calls(), 2);
+  }
+  EXPECT_EQ(store_.header(), before_);
+  EXPECT_EQ(files_.Header(), before_);
+  EXPECT_THAT(files_.Slots(), ElementsAre(9, 3, 6));
+  EXPECT_EQ(files_.DataBytes(), "a\r\nb\r\nc\r\nd\r\nnew\r\n===>\r\n");
+  EXPECT_TRUE(store_.writeLine("e"));
+  EXPECT_THAT(ReadAll(files_), ElementsAre("c\r\n", "d\r\n", "e\r\n"));
+}
+
+TEST_F(ReportFileBaseFault, HeaderThatCannotBeWrittenDoesNotChangeTheResult) {
+  {
+    const ScopedWriteFault fault({.kind = CallFault::Kind::kFails, .nth = 3, .error = EIO});
+    EXPECT_TRUE(store_.writeLine("e"));
+  }
+  EXPECT_EQ(store_.header(), (IndexHeader{15, 15, 5, 3, 3, 2}));
+  EXPECT_EQ(files_.Header(), before_);
+  EXPECT_THAT(files_.Slots(), ElementsAre(9, 12, 6));
+  EXPECT_TRUE(store_.writeLine("f"));
+  EXPECT_EQ(files_.Header(), (IndexHeader{0, 18, 6, 3, 3, 0}));
+  EXPECT_THAT(ReadAll(files_), ElementsAre("d\r\n", "e\r\n", "f\r\n"));
+}
+
+TEST_F(ReportFileBaseFault, WriteThatTakesNothingIsAFailureNotALoop) {
+  const ScopedWriteFault fault({.kind = CallFault::Kind::kTakesNothing, .nth = 1});
+  EXPECT_FALSE(store_.writeLine("new"));
+  EXPECT_EQ(store_.header(), before_);
+}
+
+TEST_F(ReportFileBaseFault, InterruptedAndShortWritesAreContinued) {
+  for (int nth = 1; nth <= 5; ++nth) {
+    for (std::uint64_t some = 0; some <= 9; ++some) {
+      const StoreFiles files;
+      CReportFileBase store;
+      ASSERT_TRUE(store.Open(files.Path(), 3));
+      const auto kind = some == 0 ? CallFault::Kind::kFails : CallFault::Kind::kTakesSome;
+      const ScopedWriteFault fault({.kind = kind, .nth = nth, .error = EINTR, .some = some});
+      ASSERT_TRUE(store.writeLine("one"));
+      ASSERT_TRUE(store.writeLine("two"));
+      ASSERT_EQ(files.DataBytes(), "one\r\ntwo\r\n===>\r\n");
+      ASSERT_THAT(files.Slots(), ElementsAre(0, 5));
+      ASSERT_EQ(files.Header(), (IndexHeader{10, 10, 2, 3, 2, 0}));
+    }
+  }
+}
+
+TEST_F(ReportFileBaseFault, IndexOperationsReportWhatCouldNotBeWrittenWhole) {
+  for (std::uint64_t some = 1; some < 4; ++some) {
+    const ScopedWriteFault fault(
+        {.kind = CallFault::Kind::kTakesSome, .nth = 1, .error = ENOSPC, .some = some, .more_failing = kAllLater});
+    EXPECT_FALSE(store_.setPositionInIndexFile(0, 9));
+  }
+  const ScopedWriteFault fault(
+      {.kind = CallFault::Kind::kTakesSome, .nth = 1, .error = ENOSPC, .some = 23, .more_failing = kAllLater});
+  EXPECT_EQ(store_.writePositionsToFile(), -1);
+}
+
+TEST_F(ReportFileBaseFault, IndexThatCannotBeReadLeavesTheFieldsAloneAndReadsAsZero) {
+  const ScopedReadFault fault({.kind = CallFault::Kind::kFails, .nth = 1, .error = EIO, .more_failing = kAllLater});
+  EXPECT_EQ(store_.readPositions(), 0);
+  EXPECT_EQ(store_.header(), before_);
+  EXPECT_EQ(store_.getPositionFromIndexFile(1), 0U);
+  std::string text = "unchanged";
+  EXPECT_TRUE(store_.readLine(text, 1));
+  EXPECT_EQ(text, "\xFF");
+}
+
+// The real thing: a child process whose files may not grow beyond `limit` appends six records. Returns one bit for each
+// that it was told is stored.
+int AppendUnderLimit(const StoreFiles& files, rlim_t limit) {
+  (void)std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit file_size = {limit, limit};
+  if (setrlimit(RLIMIT_FSIZE, &file_size) != 0) return 0xFF;
+  CReportFileBase writer;
+  if (!writer.Open(files.Path(), 10)) return 0xFF;
+  int acknowledged = 0;
+  for (int i = 0; i < 6; ++i) {
+    const std::string text = "record " + std::to_string(i);
+    if (writer.writeLine(text.c_str())) acknowledged |= 1 << i;
+  }
+  return acknowledged;
+}
+
+TEST_F(ReportFileBaseFault, WritersAtAFileSizeLimitStoreWhatTheyAcknowledgeAndNothingElse) {
+  int partly = 0;
+  for (rlim_t limit = 0; limit <= 80; ++limit) {
+    const StoreFiles files;
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) _exit(AppendUnderLimit(files, limit));
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    const int acknowledged = WEXITSTATUS(status);
+    std::vector<std::string> expected;
+    for (int i = 0; i < 6; ++i) {
+      if ((acknowledged >> i) & 1) expected.push_back("record " + std::to_string(i) + "\r\n");
+    }
+    EXPECT_EQ(ReadAll(files), expected) << "limit " << limit;
+    if (acknowledged != 0 && acknowledged != 0x3F) ++partly;
+  }
+  EXPECT_GT(partly, 10);
+}
+
+// Every bit of a small index file: whatever it then claims, reading ends soon and harms nothing.
+TEST_F(ReportFileBaseFault, EveryFlippedBitOfAnIndexFileIsReadWithoutHarm) {
+  store_.Close();
+  const std::string index = files_.IndexBytes();
+  for (std::size_t bit = 0; bit < index.size() * 8; ++bit) {
+    SCOPED_TRACE("bit " + std::to_string(bit));
+    std::string damaged = index;
+    damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1 << (bit % 8)));
+    WriteFile(files_.IndexPath(), damaged);
+    ReadEverythingThatEnds();
+    AppendAndReadBack();
+    WriteFile(files_.DataPath(), data_before_);
+  }
+}
+
+// A writer in a process of its own that appends numbered records of one length and acknowledges each through a pipe.
+class ForkedWriter {
+ public:
+  explicit ForkedWriter(const StoreFiles& files, std::uint32_t slots) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return;
+    child_ = fork();
+    if (child_ == 0) {
+      close(ends[0]);
+      Write(files, slots, ends[1]);
+    }
+    acknowledgements_ = ends[0];
+    close(ends[1]);
+  }
+  ~ForkedWriter() { close(acknowledgements_); }
+  ForkedWriter(const ForkedWriter&) = delete;
+  ForkedWriter& operator=(const ForkedWriter&) = delete;
+
+  static std::string Text(std::uint32_t number) {
+    const std::string digits = std::to_string(number);
+    return "record " + std::string(8 - digits.size(), '0') + digits;
+  }
+
+  // Waits for the next acknowledgement; false once there are none left.
+  bool NextAcknowledged() {
+    std::uint32_t number = 0;
+    if (read(acknowledgements_, &number, sizeof number) != sizeof number) return false;
+    newest_ = number;
+    return true;
+  }
+
+  // Kills the writer wherever it is and takes the acknowledgements that it still gave.
+  void Kill() {
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+    while (NextAcknowledged()) {
+    }
+  }
+
+  std::uint32_t Newest() const { return newest_; }
+
+ private:
+  [[noreturn]] static void Write(const StoreFiles& files, std::uint32_t slots, int acknowledgements) {
+    CReportFileBase writer;
+    if (!writer.Open(files.Path(), slots)) _exit(1);
+    for (std::uint32_t number = 1;; ++number) {
+      if (!writer.writeLine(Text(number).c_str())) _exit(2);
+      if (write(acknowledgements, &number, sizeof number) != sizeof number) _exit(3);
+    }
+  }
+
+  pid_t child_ = -1;
+  int acknowledgements_ = -1;
+  std::uint32_t newest_ = 0;
+};
+
+class ReportFileBaseKilledWriter : public testing::Test {
+ protected:
+  static constexpr std::uint32_t kSlots = 8;
+
+  // While the writer runs a record may have been replaced behind the reader's back, even by the end marker, but what is
+  // read always ends, and no later than a record does.
+  static void ExpectReadable(const StoreFiles& files) {
+    CReportFileBase reader;
+    ASSERT_TRUE(reader.OpenRead(files.Path()));
+    for (const std::string& record : ReadAll(reader)) {
+      ASSERT_FALSE(record.empty());
+      EXPECT_TRUE(record.ends_with("\r\n") || record.ends_with("\xFF")) << record;
+      EXPECT_LE(record.size(), ForkedWriter::Text(1).size() + 2);
+    }
+  }
+
+  // Killed between slot and header, the ring's oldest record is already replaced; all younger ones are there, in order.
+  static void ExpectAcknowledgedRecords(const StoreFiles& files, std::uint32_t newest) {
+    const std::uint32_t oldest = newest + 1 > kSlots ? newest + 2 - kSlots : 1;
+    std::vector<std::string> expected;
+    for (std::uint32_t number = oldest; number <= newest; ++number) {
+      expected.push_back(ForkedWriter::Text(number) + "\r\n");
+    }
+    std::vector<std::string> found = ReadAll(files);
+    std::erase_if(found,
+                  [&](const std::string& record) { return !testing::Value(expected, testing::Contains(record)); });
+    EXPECT_EQ(found, expected);
+  }
+};
+
+TEST_F(ReportFileBaseKilledWriter, LosesNoAcknowledgedRecord) {
+  std::mt19937_64 random(Seed("KilledWriter"));
+  for (int round = 0; round < 100 && !HasFailure(); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    const StoreFiles files;
+    ForkedWriter writer(files, kSlots);
+    for (std::uint64_t left = random() % 60 + 1; left > 0; --left) {
+      ASSERT_TRUE(writer.NextAcknowledged());
+      if (left % 8 == 0) ExpectReadable(files);
+    }
+    for (std::uint64_t turns = random() % 20; turns > 0; --turns) std::this_thread::yield();
+    writer.Kill();
+    ExpectAcknowledgedRecords(files, writer.Newest());
+
+    CReportFileBase next_writer;
+    ASSERT_TRUE(next_writer.Open(files.Path(), kSlots));
+    ASSERT_TRUE(next_writer.writeLine("the next one"));
+    EXPECT_EQ(ReadAll(files).back(), "the next one\r\n");
+  }
+}
+
+}  // namespace
+}  // namespace qx::test

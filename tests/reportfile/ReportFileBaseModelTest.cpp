@@ -1,0 +1,96 @@
+// Random lives of a store against two models: a deque of the newest records, and a store made of buffered streams whose
+// files must hold the same bytes.
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <random>
+#include <string>
+
+#include "reportfile/RecordReader.h"
+#include "reportfile/ReportFileBase.h"
+#include "tests/reportfile/PlainStore.h"
+#include "tests/reportfile/StoreFiles.h"
+
+namespace qx::test {
+namespace {
+
+class ReportFileBaseModel : public testing::Test {
+ protected:
+  std::uint32_t Below(std::size_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
+
+  std::string Text(std::size_t size) {
+    std::string text(size, '\0');
+    for (char& byte : text) byte = static_cast<char>(' ' + Below(95));
+    return text;
+  }
+
+  void ExpectHolds(CReportFileBase& store, const std::deque<std::string>& model) {
+    std::string expected;
+    for (const std::string& record : model) expected += record;
+    std::string read;
+    for (const std::string& record : ReadAll(store)) read += record;
+    ASSERT_EQ(store.header().highestIndex, model.size());
+    ASSERT_EQ(read, expected);
+    ASSERT_EQ(TakeInAgeOrder(store), expected);
+  }
+
+  // As a transfer takes them: from the oldest slot to the ring's end, then from its beginning.
+  static std::string TakeInAgeOrder(CReportFileBase& store) {
+    const report::IndexHeader& header = store.header();
+    const std::uint32_t oldest = header.oldestIndex;
+    report::RecordReader reader(store);
+    std::string taken;
+    (void)reader.Take(oldest, header.highestIndex - oldest, std::size_t{1} << 30, &taken);
+    (void)reader.Take(0, oldest, std::size_t{1} << 30, &taken);
+    return taken;
+  }
+
+  std::mt19937_64 random_{Seed("ReportFileBaseModel")};
+};
+
+// Records of one length never overwrite one another, so the ring holds exactly the newest ones.
+TEST_F(ReportFileBaseModel, RingHoldsTheNewestRecords) {
+  for (const std::uint32_t slots : {2U, 3U, 7U, 50U}) {
+    const StoreFiles files;
+    std::deque<std::string> model;
+    CReportFileBase writer;
+    ASSERT_TRUE(writer.Open(files.Path(), slots));
+    for (int step = 0; step < 500; ++step) {
+      const std::string text = Text(20);
+      ASSERT_TRUE(writer.writeLine(text.c_str()));
+      model.push_back(text + "\r\n");
+      if (model.size() > slots) model.pop_front();
+      ASSERT_TRUE(Below(10) != 0 || writer.Open(files.Path(), 1 + Below(99)));
+      if (Below(4) != 0) continue;
+      CReportFileBase reader;
+      ASSERT_TRUE(reader.OpenRead(files.Path()));
+      ASSERT_NO_FATAL_FAILURE(ExpectHolds(reader, model)) << slots << " slots, step " << step;
+    }
+  }
+}
+
+TEST_F(ReportFileBaseModel, FilesAreThoseOfAStoreOfBufferedStreams) {
+  for (int life = 0; life < 60; ++life) {
+    const StoreFiles files;
+    const StoreFiles plain_files;
+    CReportFileBase store;
+    PlainStore plain;
+    const std::uint32_t slots = Below(30);
+    ASSERT_EQ(store.Open(files.Path(), slots), plain.Open(plain_files.Base(), slots));
+    const std::uint32_t longest = 1 + (1U << Below(14));
+    for (std::uint32_t step = Below(150); step > 0; --step) {
+      const std::string text = Text(Below(longest));
+      ASSERT_EQ(store.writeLine(text.c_str()), plain.WriteLine(text.c_str()));
+      ASSERT_EQ(store.header(), plain.header);
+      if (Below(12) != 0) continue;
+      ASSERT_EQ(store.Open(files.Path(), 5), plain.Open(plain_files.Base(), 5));
+      ASSERT_EQ(store.header(), plain.header);
+    }
+    plain.Close();
+    ASSERT_EQ(files.IndexBytes(), plain_files.IndexBytes());
+    ASSERT_EQ(files.DataBytes(), plain_files.DataBytes());
+  }
+}
+
+}  // namespace
+}  // namespace qx::test

@@ -1,0 +1,80 @@
+// A report's two files in a private directory, as tests make, look at and damage them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "reportfile/ReportFileBase.h"
+#include "tests/support/Support.h"
+
+namespace qx::test {
+
+class StoreFiles {
+ public:
+  const std::string& Base() const { return base_; }
+  const char* Path() const { return base_.c_str(); }
+  std::string IndexPath() const { return base_ + ".ind"; }
+  std::string DataPath() const { return base_ + ".dat"; }
+  std::string IndexBytes() const { return ReadFile(IndexPath()); }
+  std::string DataBytes() const { return ReadFile(DataPath()); }
+
+  // Writes both files from their parts: damaged stores are made, not hoped for.
+  void Make(const report::IndexHeader& header, const std::vector<std::uint32_t>& slots, std::string_view data) const {
+    std::string index(reinterpret_cast<const char*>(&header), sizeof header);
+    for (const std::uint32_t slot : slots) index.append(reinterpret_cast<const char*>(&slot), sizeof slot);
+    WriteFile(IndexPath(), index);
+    WriteFile(DataPath(), data);
+  }
+
+  // A header that says: `slots` slots, all in use, the oldest first.
+  static report::IndexHeader FullRing(std::uint32_t slots) {
+    return {.writePosition = 0,
+            .fileEnd = 0,
+            .elementCount = slots,
+            .maxRecord = slots,
+            .highestIndex = slots,
+            .oldestIndex = 0};
+  }
+
+  report::IndexHeader Header() const {
+    const std::string bytes = IndexBytes();
+    report::IndexHeader header;
+    if (bytes.size() >= sizeof header) bytes.copy(reinterpret_cast<char*>(&header), sizeof header);
+    return header;
+  }
+
+  std::vector<std::uint32_t> Slots() const {
+    const std::string bytes = IndexBytes();
+    std::vector<std::uint32_t> slots;
+    for (std::size_t at = sizeof(report::IndexHeader); at + 4 <= bytes.size(); at += 4) {
+      bytes.copy(reinterpret_cast<char*>(&slots.emplace_back()), 4, at);
+    }
+    return slots;
+  }
+
+ private:
+  TempDir dir_;
+  std::string base_ = dir_.File("r1");
+};
+
+// The records of an open store, oldest first; a slot that cannot be read ends the list.
+inline std::vector<std::string> ReadAll(CReportFileBase& store) {
+  std::vector<std::string> records;
+  for (std::uint32_t i = 0; i < store.header().highestIndex; ++i) {
+    std::string text;
+    if (!store.readLine(text, report::SlotOfLogical(store.header(), i))) break;
+    records.push_back(text);
+  }
+  return records;
+}
+
+// The records that a reader finds who opens the files now.
+inline std::vector<std::string> ReadAll(const StoreFiles& files) {
+  CReportFileBase reader;
+  if (!reader.OpenRead(files.Path())) return {"cannot be opened"};
+  return ReadAll(reader);
+}
+
+}  // namespace qx::test
