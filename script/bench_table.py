@@ -38,7 +38,7 @@ def measure(program, rows):
     for _ in range(ROUNDS):
         for row in rows:
             times[row].append(run_row(program, row))
-    return {row.split("/", 1)[1]: statistics.median(samples) for row, samples in times.items()}
+    return {row.split("/")[1]: statistics.median(samples) for row, samples in times.items()}
 
 
 def main():
