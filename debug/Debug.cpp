@@ -18,26 +18,24 @@ static_assert(sizeof(std::atomic<bool>) == 1, "callers test one byte");
 
 namespace {
 
-// Brings errno back at the end of the scope: callers print the error number of
-// what they have just traced.
+// Brings errno back at the end of the scope: callers print the error number of what they have just traced.
 class ErrnoScope {
-public:
+ public:
   ErrnoScope() noexcept : saved_(errno) {}
   ~ErrnoScope() { errno = saved_; }
-  ErrnoScope(const ErrnoScope &) = delete;
-  ErrnoScope &operator=(const ErrnoScope &) = delete;
+  ErrnoScope(const ErrnoScope&) = delete;
+  ErrnoScope& operator=(const ErrnoScope&) = delete;
   int Saved() const noexcept { return saved_; }
 
-private:
+ private:
   const int saved_;
 };
 
-// The header of an entry is to start its line, so the line feeds that begin
-// most formats are skipped.
+// The header of an entry is to start its line, so the line feeds that begin most formats are skipped.
 //   "\n\nabc" => "abc"
 //   "\n"      => "\n"
-const char *WithoutLeadingLineFeeds(const char *format) {
-  const char *text = format + std::strspn(format, "\n");
+const char* WithoutLeadingLineFeeds(const char* format) {
+  const char* text = format + std::strspn(format, "\n");
   return *text != '\0' ? text : format;
 }
 
@@ -46,19 +44,14 @@ std::uint64_t PageSize() {
   return size < 1 ? 4096 : static_cast<std::uint64_t>(size);
 }
 
-// factor * weight * page size * 256 bytes; 0, which is no ring, when a number
-// is negative or the product over 32 bits.
+// factor * weight * page size * 256 bytes; 0, which is no ring, when a number is negative or the product over 32 bits.
 std::uint32_t RingBytes(std::int32_t factor, std::int32_t weight) {
-  if (factor < 0 || weight < 0)
-    return 0;
-  const std::uint64_t pages = static_cast<std::uint64_t>(factor) *
-                              static_cast<std::uint64_t>(weight) * 256;
-  return pages <= UINT32_MAX / PageSize()
-             ? static_cast<std::uint32_t>(pages * PageSize())
-             : 0;
+  if (factor < 0 || weight < 0) return 0;
+  const std::uint64_t pages = static_cast<std::uint64_t>(factor) * static_cast<std::uint64_t>(weight) * 256;
+  return pages <= UINT32_MAX / PageSize() ? static_cast<std::uint32_t>(pages * PageSize()) : 0;
 }
 
-} // namespace
+}  // namespace
 
 CDebug::CDebug() { ClassInit(); }
 
@@ -91,7 +84,7 @@ void CDebug::SetLevel(std::uint32_t level) noexcept {
   active_.store(level != 0, std::memory_order_relaxed);
 }
 
-bool CDebug::Init(const char *app_name) {
+bool CDebug::Init(const char* app_name) {
   const ErrnoScope errno_scope;
   const LockScope scope(lock_);
   try {
@@ -99,16 +92,15 @@ bool CDebug::Init(const char *app_name) {
       StartLocked(app_name);
       return true;
     }
-  } catch (const std::bad_alloc &) {
+  } catch (const std::bad_alloc&) {
     // Falls through to the failure below: a host must not die of its tracing.
   }
-  ::syslog(LOG_ERR,
-           "ERROR: Error during initialization of the CDebug instance.\n");
+  ::syslog(LOG_ERR, "ERROR: Error during initialization of the CDebug instance.\n");
   StopLocked();
   return false;
 }
 
-void CDebug::StartLocked(const char *app_name) {
+void CDebug::StartLocked(const char* app_name) {
   ClassInit();
   app_name_ = app_name;
   process_id_ = ::getpid();
@@ -122,7 +114,7 @@ void CDebug::StartLocked(const char *app_name) {
   SetLevel(settings_.level);
 }
 
-bool CDebug::ReadDebugConfig(const char *app_name) {
+bool CDebug::ReadDebugConfig(const char* app_name) {
   ReadConfigFiles(app_name);
   ApplySources();
   saved_level_.store(settings_.level, std::memory_order_relaxed);
@@ -132,78 +124,72 @@ bool CDebug::ReadDebugConfig(const char *app_name) {
 void CDebug::OpenLog() {
   std::string file_name = app_name_;
   StringToLower(file_name.data());
-  ring_path_ =
-      std::string(settings_.trace_directory) + "/log." + file_name + "_a";
-  if (log_.Open(settings_.trace_directory, file_name.c_str(),
-                settings_.log_max_size))
-    SetTarget(kTargetLogFile);
+  ring_path_ = std::string(settings_.trace_directory) + "/log." + file_name + "_a";
+  if (log_.Open(settings_.trace_directory, file_name.c_str(), settings_.log_max_size)) SetTarget(kTargetLogFile);
 }
 
-void CDebug::ComputeRing(const char *app_name) {
+void CDebug::ComputeRing(const char* app_name) {
   char variable[48] = "QX_LOG_RINGBUF_WEIGHT";
   BuildAppVarName(variable, sizeof variable, app_name);
-  if (const char *weight = std::getenv(variable)) {
-    settings_.ring_weight =
-        static_cast<std::uint32_t>(std::strtol(weight, nullptr, 10));
+  if (const char* weight = std::getenv(variable)) {
+    settings_.ring_weight = static_cast<std::uint32_t>(std::strtol(weight, nullptr, 10));
   }
-  const std::int32_t factor =
-      std::min(static_cast<std::int32_t>(settings_.ring_factor), 2);
+  const std::int32_t factor = std::min(static_cast<std::int32_t>(settings_.ring_factor), 2);
   settings_.ring_factor = static_cast<std::uint32_t>(factor);
-  ring_size_ =
-      RingBytes(factor, static_cast<std::int32_t>(settings_.ring_weight));
+  ring_size_ = RingBytes(factor, static_cast<std::int32_t>(settings_.ring_weight));
 }
 
-void CDebug::Print(std::uint32_t level, const char *format, ...) {
+void CDebug::Print(std::uint32_t level, const char* format, ...) {
   std::va_list args;
   va_start(args, format);
   PrintV(level, format, args);
   va_end(args);
 }
 
-void CDebug::PrintV(std::uint32_t level, const char *format,
-                    std::va_list args) {
-  if (settings_.update_interval.load(std::memory_order_relaxed) != 0)
-    CheckDynamicUpdate(std::time(nullptr));
-  if (level > current_level_.load(std::memory_order_relaxed))
-    return;
+void CDebug::PrintV(std::uint32_t level, const char* format, std::va_list args) {
+  if (settings_.update_interval.load(std::memory_order_relaxed) != 0) CheckDynamicUpdate(std::time(nullptr));
+  if (level > current_level_.load(std::memory_order_relaxed)) return;
   const LockScope scope(lock_);
   WriteEntry(kTargetNone, format, args, nullptr);
 }
 
-void CDebug::PrintAlways(const char *format, ...) {
+void CDebug::PrintAlways(const char* format, ...) {
   std::va_list args;
   va_start(args, format);
-  PrintAlwaysV(format, args, nullptr);
+  WriteToAll(format, args, nullptr);
   va_end(args);
 }
 
-void CDebug::PrintAlways(std::uint32_t, const char *format, ...) {
+void CDebug::PrintAlways(std::uint32_t, const char* format, ...) {
   std::va_list args;
   va_start(args, format);
-  PrintAlwaysV(format, args, nullptr);
+  WriteToAll(format, args, nullptr);
   va_end(args);
 }
 
-void CDebug::PrintAlwaysV(const char *format, std::va_list args,
-                          const char *module) {
+void CDebug::PrintAlwaysV(const char* format, std::va_list args, const char* module) {
+  WriteToAll(format, args, module);
+}
+
+// Not virtual: outside the object's life there is no virtual table to call through.
+void CDebug::WriteToAll(const char* format, std::va_list args, const char* module) {
   const LockScope scope(lock_);
   TraceToLogFile(format, args, module);
 }
 
-void CDebug::ClientPrintV(const char *format, std::va_list args,
-                          const char *module) {
+void CDebug::ClientPrintV(const char* format, std::va_list args, const char* module) {
   const LockScope scope(lock_);
   WriteEntry(kTargetNone, format, args, module);
 }
 
-void CDebug::PrintIt(std::uint32_t target, const char *format, ...) {
+void CDebug::PrintIt(std::uint32_t target, const char* format, ...) {
   std::va_list args;
   va_start(args, format);
   WriteEntry(target, format, args, nullptr);
   va_end(args);
 }
 
-void CDebug::PrintToLogFile(const char *format, ...) {
+void CDebug::PrintToLogFile(const char* format, ...) {
   const LockScope scope(lock_);
   std::va_list args;
   va_start(args, format);
@@ -211,77 +197,59 @@ void CDebug::PrintToLogFile(const char *format, ...) {
   va_end(args);
 }
 
-// Target 0 stands for the current one, which may be 0 itself: then the entry
-// goes nowhere.
-void CDebug::WriteEntry(std::uint32_t target, const char *format,
-                        std::va_list args, const char *module) {
-  const std::uint32_t to =
-      target != kTargetNone ? target : target_.load(std::memory_order_relaxed);
-  if (to == kTargetLogFile)
-    TraceToLogFile(format, args, module);
+// Target 0 stands for the current one, which may be 0 itself: then the entry goes nowhere.
+void CDebug::WriteEntry(std::uint32_t target, const char* format, std::va_list args, const char* module) {
+  const std::uint32_t to = target != kTargetNone ? target : target_.load(std::memory_order_relaxed);
+  if (to == kTargetLogFile) TraceToLogFile(format, args, module);
 }
 
-void CDebug::TraceToLogFile(const char *format, std::va_list args,
-                            const char *module) {
-  if (!log_.IsOpen() || format == nullptr)
-    return;
+void CDebug::TraceToLogFile(const char* format, std::va_list args, const char* module) {
+  if (!log_.IsOpen() || format == nullptr) return;
   const ErrnoScope errno_scope;
   const Entry entry = FormatEntry(format, args, module);
   log_.Write(entry.text, entry.header_length);
 }
 
-CDebug::Entry CDebug::FormatEntry(const char *format, std::va_list args,
-                                  const char *module) {
+CDebug::Entry CDebug::FormatEntry(const char* format, std::va_list args, const char* module) {
   const ErrnoScope errno_scope;
-  const std::size_t header_length =
-      SetEntryHeader(entry_, qx::debug::kEntryHeaderCharsMax + 1, module);
-  char *const text = entry_ + header_length;
+  const std::size_t header_length = SetEntryHeader(entry_, qx::debug::kEntryHeaderCharsMax + 1, module);
+  char* const text = entry_ + header_length;
 
-  errno = errno_scope.Saved(); // "%m" means the caller's error
-  if (std::vsnprintf(text, kEntryTextCharsMax + 1,
-                     WithoutLeadingLineFeeds(format), args) < 0)
-    text[0] = '\0';
-  std::size_t length = std::strlen(text); // a NUL out of "%c" ends the entry
-  if (length == 0 || text[length - 1] != '\n')
-    text[length++] = '\n';
+  errno = errno_scope.Saved();  // "%m" means the caller's error
+  if (std::vsnprintf(text, kEntryTextCharsMax + 1, WithoutLeadingLineFeeds(format), args) < 0) text[0] = '\0';
+  std::size_t length = std::strlen(text);  // a NUL out of "%c" ends the entry
+  if (length == 0 || text[length - 1] != '\n') text[length++] = '\n';
   return {{entry_, header_length + length}, header_length};
 }
 
-std::size_t CDebug::SetEntryHeader(char *buffer, std::size_t size,
-                                   const char *module) {
+std::size_t CDebug::SetEntryHeader(char* buffer, std::size_t size, const char* module) {
   const LockScope scope(lock_);
   timeval now{};
   ::gettimeofday(&now, nullptr);
   const bool shows_memory = settings_.memory_traces != 0;
-  const std::size_t kilobytes =
-      shows_memory ? qx::debug::ResidentKilobytes(process_id_) : 0;
-  return qx::debug::FormatEntryHeader(
-      buffer, size,
-      {.stamp = stamp_.At(now),
-       .thread = static_cast<std::uint32_t>(::pthread_self()),
-       .module = module != nullptr ? module : app_name_.c_str(),
-       .resident_kilobytes = shows_memory ? &kilobytes : nullptr});
+  const std::size_t kilobytes = shows_memory ? qx::debug::ResidentKilobytes(process_id_) : 0;
+  return qx::debug::FormatEntryHeader(buffer, size,
+                                      {.stamp = stamp_.At(now),
+                                       .thread = static_cast<std::uint32_t>(::pthread_self()),
+                                       .module = module != nullptr ? module : app_name_.c_str(),
+                                       .resident_kilobytes = shows_memory ? &kilobytes : nullptr});
 }
 
-void CDebug::SetTarget(std::uint32_t target) {
-  target_.store(target, std::memory_order_relaxed);
-}
+void CDebug::SetTarget(std::uint32_t target) { target_.store(target, std::memory_order_relaxed); }
 
 bool CDebug::ForceMaxDebug(bool on) {
   const LockScope scope(lock_);
-  current_level_.store(on ? saved_level_.load(std::memory_order_relaxed) : 0,
-                       std::memory_order_relaxed);
+  current_level_.store(on ? saved_level_.load(std::memory_order_relaxed) : 0, std::memory_order_relaxed);
   active_.store(on, std::memory_order_relaxed);
   is_forced_off_ = !on;
   return true;
 }
 
-void CDebug::SetMainParams(int argc, char **argv) {
+void CDebug::SetMainParams(int argc, char** argv) {
   const LockScope scope(lock_);
   argument_count_ = argv != nullptr ? argc : 0;
   arguments_ = argv;
-  if (argument_count_ > 0)
-    PrintCommandLine(kTargetLogFile);
+  if (argument_count_ > 0) PrintCommandLine(kTargetLogFile);
 }
 
 void CDebug::SetApplInitDone() {
@@ -291,50 +259,36 @@ void CDebug::SetApplInitDone() {
 }
 
 void CDebug::CheckDynamicUpdate(std::time_t now) {
-  if (!IsUpdateDue(now))
-    return;
+  if (!IsUpdateDue(now)) return;
   const ErrnoScope errno_scope;
   const LockScope scope(lock_);
-  if (!IsUpdateDue(now))
-    return; // another thread has just looked
+  if (!IsUpdateDue(now)) return;  // another thread has just looked
   last_check_.store(now, std::memory_order_relaxed);
-  if (RereadConfigFiles(app_name_))
-    TakeUpdatedLevel();
+  if (RereadConfigFiles(app_name_)) TakeUpdatedLevel();
 }
 
-// A clock that went back makes a look due: it could otherwise take that long
-// again until the next one.
+// A clock that went back makes a look due: it could otherwise take that long again until the next one.
 bool CDebug::IsUpdateDue(std::time_t now) const noexcept {
   const std::int64_t passed = now - last_check_.load(std::memory_order_relaxed);
-  const std::uint32_t interval =
-      settings_.update_interval.load(std::memory_order_relaxed);
+  const std::uint32_t interval = settings_.update_interval.load(std::memory_order_relaxed);
   return interval != 0 && (passed < 0 || passed >= interval);
 }
 
-// Forced off stays off: the new level is the one that ForceMaxDebug(true)
-// brings back.
+// Forced off stays off: the new level is the one that ForceMaxDebug(true) brings back.
 void CDebug::TakeUpdatedLevel() noexcept {
   saved_level_.store(settings_.level, std::memory_order_relaxed);
-  if (!is_forced_off_)
-    SetLevel(settings_.level);
+  if (!is_forced_off_) SetLevel(settings_.level);
 }
 
-void CDebug::BuildAppVarName(char *buffer, std::size_t size,
-                             const char *app_name) {
-  if (buffer == nullptr || size == 0 || app_name == nullptr ||
-      *app_name == '\0')
-    return;
+void CDebug::BuildAppVarName(char* buffer, std::size_t size, const char* app_name) {
+  if (buffer == nullptr || size == 0 || app_name == nullptr || *app_name == '\0') return;
   std::size_t at = std::min(::strnlen(buffer, size), size - 1);
-  if (at < size - 1)
-    buffer[at++] = '_';
-  while (at < size - 1 && *app_name != '\0')
-    buffer[at++] = qx::debug::UpperAscii(*app_name++);
+  if (at < size - 1) buffer[at++] = '_';
+  while (at < size - 1 && *app_name != '\0') buffer[at++] = qx::debug::UpperAscii(*app_name++);
   buffer[at] = '\0';
 }
 
-void CDebug::StringToLower(char *text) {
-  if (text == nullptr)
-    return;
-  for (; *text != '\0'; ++text)
-    *text = qx::debug::LowerAscii(*text);
+void CDebug::StringToLower(char* text) {
+  if (text == nullptr) return;
+  for (; *text != '\0'; ++text) *text = qx::debug::LowerAscii(*text);
 }

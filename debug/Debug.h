@@ -1,11 +1,8 @@
-// The trace facility through which every floor of the module reports what it
-// does.
+// The trace facility through which every floor of the module reports what it does.
 //
-// Entries carry a level and are dropped above the current one; the others go to
-// the log file "log.NAME", which wraps in place. Callers write QX_TRACE(level,
-// "\nMODULE Function   : text %d", value): one flag is tested before anything
-// is computed. Files, environment and output format are described in
-// docs/trace.md.
+// Entries carry a level and are dropped above the current one; the others go to the log file "log.NAME", which wraps in
+// place. Callers write QX_TRACE(level, "\nMODULE Function   : text %d", value): one flag is tested before anything is
+// computed. Files, environment and output format are described in docs/trace.md.
 #pragma once
 
 #include <sys/types.h>
@@ -25,16 +22,15 @@
 
 // The trace facility. Constructed inactive; Init starts it.
 //
-// Threads: any thread may trace; one recursive lock guards output and
-// configuration, so tracing from within a traced operation is fine. Init may be
-// called again: it closes the earlier log. Owns: the log file and the settings.
-// Failure: no call raises an error, and none changes errno: callers print it
-// after they have traced. What goes wrong with the facility itself is said in
-// the system log. Outside its life the object is inert: in zeroed memory, as a
-// global before its constructor, and after its destructor the active flag is
-// false and no print call writes anything.
+// Threads: any thread may trace; one recursive lock guards output and configuration, so tracing from within a traced
+// operation is fine. Init may be called again: it closes the earlier log.
+// Owns: the log file and the settings.
+// Failure: no call raises an error, and none changes errno: callers print it after they have traced. What goes wrong
+// with the facility itself is said in the system log.
+// Outside its life the object is inert: in zeroed memory, as a global before its constructor, and after its destructor
+// the active flag is false and no non-virtual call prints anything.
 class CDebug : public CDebugTraceConfig {
-public:
+ public:
   // Trace targets, as SetTarget, PrintIt and WriteLogHeader take them.
   static constexpr std::uint32_t kTargetNone = 0;
   static constexpr std::uint32_t kTargetLogFile = 1;
@@ -42,157 +38,124 @@ public:
 
   CDebug();
 
-  // Order is interface: the destructor, then these six, hold the first slots of
-  // the virtual table.
+  // Order is interface: the destructor, then these six, hold the first slots of the virtual table.
   ~CDebug() override;
 
   // Whether this object leads its trace: always true. [any thread]
   virtual bool IsMaster();
 
-  // Writes an entry to the current target unless `level` is above the current
-  // level. [any thread]
-  virtual void Print(std::uint32_t level, const char *format, ...)
-      __attribute__((format(printf, 3, 4)));
+  // Writes an entry to the current target unless `level` is above the current level. [any thread]
+  virtual void Print(std::uint32_t level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
-  // Writes an entry whatever the level: to the log file if one is open, and to
-  // the ring buffer when that is the target. The second form takes a level and
-  // does not look at it. [any thread]
-  virtual void PrintAlways(const char *format, ...)
-      __attribute__((format(printf, 2, 3)));
-  virtual void PrintAlways(std::uint32_t level, const char *format, ...)
-      __attribute__((format(printf, 3, 4)));
+  // Writes an entry whatever the level: to the log file if one is open, and to the ring buffer when that is the target.
+  // The second form takes a level and does not look at it. [any thread]
+  virtual void PrintAlways(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  virtual void PrintAlways(std::uint32_t level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
-  // The same with `module` as the module column; null: the application's name.
-  // [any thread]
-  virtual void PrintAlwaysV(const char *format, std::va_list args,
-                            const char *module)
+  // The same with `module` as the module column; null: the application's name. [any thread]
+  virtual void PrintAlwaysV(const char* format, std::va_list args, const char* module)
       __attribute__((format(printf, 2, 0)));
 
   // Like PrintAlwaysV, but to the current target only. [any thread]
-  virtual void ClientPrintV(const char *format, std::va_list args,
-                            const char *module)
+  virtual void ClientPrintV(const char* format, std::va_list args, const char* module)
       __attribute__((format(printf, 2, 0)));
 
-  // True when the current level is not 0. The flag that is tested before a
-  // trace call is prepared. [any thread] Relaxed: a thread that sees a change
-  // late traces one entry more or less, nothing else hangs on it.
-  [[nodiscard]] bool IsActive() const noexcept {
-    return active_.load(std::memory_order_relaxed);
-  }
+  // True when the current level is not 0. The flag that is tested before a trace call is prepared. [any thread]
+  // Relaxed: a thread that sees a change late traces one entry more or less, nothing else hangs on it.
+  [[nodiscard]] bool IsActive() const noexcept { return active_.load(std::memory_order_relaxed); }
 
-  // True when an entry of `level` (above 0) would be written: for work that
-  // depends on what the trace shows. [any thread]
+  // True when an entry of `level` (above 0) would be written: for work that depends on what the trace shows.
+  // [any thread]
   [[nodiscard]] bool IsActive(std::uint32_t level) const noexcept {
     return current_level_.load(std::memory_order_relaxed) >= level;
   }
 
-  // Starts the facility for the application `app_name`: reads files and
-  // environment and opens the log. Files and log take the name in lower case.
-  // False: `app_name` is null or memory ran out, and tracing is off; a log file
-  // that cannot be opened is no such failure. [any thread]
-  bool Init(const char *app_name);
+  // Starts the facility for the application `app_name`: reads files and environment and opens the log. Files and log
+  // take the name in lower case. False: `app_name` is null or memory ran out, and tracing is off; a log file that
+  // cannot be opened is no such failure. [any thread]
+  bool Init(const char* app_name);
 
-  // Reads the settings files and the environment for Init; true. [lock held:
-  // trace]
-  bool ReadDebugConfig(const char *app_name);
+  // Reads the settings files and the environment for Init; true. [lock held: trace]
+  bool ReadDebugConfig(const char* app_name);
 
-  // Puts every setting and counter to its initial value and closes the log.
-  // [lock held: trace]
+  // Puts every setting and counter to its initial value and closes the log. [lock held: trace]
   void ClassInit();
 
-  // Writes an entry to the current target unless `level` is above the current
-  // level. [any thread]
-  void PrintV(std::uint32_t level, const char *format, std::va_list args)
-      __attribute__((format(printf, 3, 0)));
+  // Writes an entry to the current target unless `level` is above the current level. [any thread]
+  void PrintV(std::uint32_t level, const char* format, std::va_list args) __attribute__((format(printf, 3, 0)));
 
-  // Writes an entry to `target`, or to the current one for 0, whatever the
-  // level. [lock held: trace]
-  void PrintIt(std::uint32_t target, const char *format, ...)
-      __attribute__((format(printf, 3, 4)));
+  // Writes an entry to `target`, or to the current one for 0, whatever the level. [lock held: trace]
+  void PrintIt(std::uint32_t target, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
   // Writes an entry to the log file only, whatever the level. [any thread]
-  void PrintToLogFile(const char *format, ...)
-      __attribute__((format(printf, 2, 3)));
+  void PrintToLogFile(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-  // Writes one entry to the log file: header, text of at most 1024 characters,
-  // line feed. Leading line feeds of the format are skipped, unless it has
-  // nothing else. Nothing when no log is open or `format` is null. [lock held:
-  // trace]
-  void TraceToLogFile(const char *format, std::va_list args, const char *module)
-      __attribute__((format(printf, 2, 0)));
+  // Writes one entry to the log file: header, text of at most 1024 characters, line feed. Leading line feeds of the
+  // format are skipped, unless it has nothing else. Nothing when no log is open or `format` is null. [lock held: trace]
+  void TraceToLogFile(const char* format, std::va_list args, const char* module) __attribute__((format(printf, 2, 0)));
 
   // Sets where entries go from now on. [any thread]
   void SetTarget(std::uint32_t target);
 
-  // Off: level 0 until it is called with true, which brings the configured
-  // level back, whatever the settings files say meanwhile. Returns true. [any
-  // thread]
+  // Off: level 0 until it is called with true, which brings the configured level back, whatever the settings files say
+  // meanwhile. Returns true. [any thread]
   bool ForceMaxDebug(bool on);
 
-  // Keeps the program's arguments, which must live as long as this object, and
-  // traces them if there are any. [any thread]
-  void SetMainParams(int argc, char **argv);
+  // Keeps the program's arguments, which must live as long as this object, and traces them if there are any.
+  // [any thread]
+  void SetMainParams(int argc, char** argv);
 
-  // Says that the start is over: what the log holds now is its head, which
-  // wraps never overwrite. [any thread]
+  // Says that the start is over: what the log holds now is its head, which wraps never overwrite. [any thread]
   void SetApplInitDone();
 
-  // Writes the header block (command line, environment, settings) to `target`;
-  // with the no-header flag 0 its lines go to standard error too, but not those
-  // of a ring buffer, which repeats its header at each wrap. [any thread]
+  // Writes the header block (command line, environment, settings) to `target`; with the no-header flag 0 its lines go
+  // to standard error too, but not those of a ring buffer, which repeats its header at each wrap. [any thread]
   void WriteLogHeader(std::uint32_t target);
 
-  // Writes the header of an entry made now by this thread into `buffer`, cut to
-  // `size` with its NUL, and returns its length. `module` null: the
-  // application's name. [any thread]
-  std::size_t SetEntryHeader(char *buffer, std::size_t size,
-                             const char *module);
+  // Writes the header of an entry made now by this thread into `buffer`, cut to `size` with its NUL, and returns its
+  // length. `module` null: the application's name. [any thread]
+  std::size_t SetEntryHeader(char* buffer, std::size_t size, const char* module);
 
-  // Appends "_" and `app_name` in upper case to the text in `buffer` of `size`
-  // bytes: cut to fit, always ended with NUL. Nothing for a null or empty name.
-  // [any thread]
-  static void BuildAppVarName(char *buffer, std::size_t size,
-                              const char *app_name);
+  // Appends "_" and `app_name` in upper case to the text in `buffer` of `size` bytes: cut to fit, always ended with
+  // NUL. Nothing for a null or empty name. [any thread]
+  static void BuildAppVarName(char* buffer, std::size_t size, const char* app_name);
 
-  // Lower-cases the ASCII letters of `text` in place; null is allowed. [any
-  // thread]
-  static void StringToLower(char *text);
+  // Lower-cases the ASCII letters of `text` in place; null is allowed. [any thread]
+  static void StringToLower(char* text);
 
-protected:
-  // Looks at the settings files if the interval has passed at `now`. [any
-  // thread]
+ protected:
+  // Looks at the settings files if the interval has passed at `now`. [any thread]
   void CheckDynamicUpdate(std::time_t now);
 
-private:
+ private:
   static constexpr std::size_t kEntryTextCharsMax = 1024;
 
   struct Entry {
-    std::string_view text; // in entry_
+    std::string_view text;  // in entry_
     std::size_t header_length;
   };
 
-  void StartLocked(const char *app_name);
+  void StartLocked(const char* app_name);
   void StopLocked() noexcept;
   void OpenLog();
-  void ComputeRing(const char *app_name);
+  void ComputeRing(const char* app_name);
   void SetLevel(std::uint32_t level) noexcept;
   [[nodiscard]] bool IsUpdateDue(std::time_t now) const noexcept;
   void TakeUpdatedLevel() noexcept;
 
-  Entry FormatEntry(const char *format, std::va_list args, const char *module)
-      __attribute__((format(printf, 2, 0)));
-  void WriteEntry(std::uint32_t target, const char *format, std::va_list args,
-                  const char *module) __attribute__((format(printf, 3, 0)));
-  void PrintHeaderLine(std::uint32_t target, const char *format, ...)
-      __attribute__((format(printf, 3, 4)));
+  Entry FormatEntry(const char* format, std::va_list args, const char* module) __attribute__((format(printf, 2, 0)));
+  void WriteToAll(const char* format, std::va_list args, const char* module) __attribute__((format(printf, 2, 0)));
+  void WriteEntry(std::uint32_t target, const char* format, std::va_list args, const char* module)
+      __attribute__((format(printf, 3, 0)));
+  void PrintHeaderLine(std::uint32_t target, const char* format, ...) __attribute__((format(printf, 3, 4)));
   void PrintCommandLine(std::uint32_t target);
   void PrintVariables(std::uint32_t target);
   void PrintFileValues(std::uint32_t target);
   void PrintInternalValues(std::uint32_t target);
   [[nodiscard]] bool GoesToStderr(std::uint32_t target) const noexcept;
 
-  // The levels, the flag, the target and the last look are read without the
-  // lock; each stands for itself, so relaxed order is enough.
+  // The levels, the flag, the target and the last look are read without the lock; each stands for itself, so relaxed
+  // order is enough.
   std::atomic<std::uint32_t> current_level_{0};
   std::atomic<std::uint32_t> saved_level_{0};
   std::atomic<bool> active_{false};
@@ -200,7 +163,7 @@ private:
   CCriticalSection lock_;
   std::int32_t process_id_ = 0;
   std::int32_t argument_count_ = 0;
-  char **arguments_ = nullptr;
+  char** arguments_ = nullptr;
   std::atomic<std::uint32_t> target_{kTargetNone};
   bool is_init_done_ = false;
   qx::debug::LogFileSink log_;
@@ -211,18 +174,16 @@ private:
   qx::debug::StampText stamp_;
   qx::debug::HeaderVariables header_variables_;
   char start_time_[32] = {};
-  std::uint32_t ring_size_ = 0; // as configured; 0: no ring
+  std::uint32_t ring_size_ = 0;  // as configured; 0: no ring
   std::string ring_path_;
 };
 
-// One per binary, defined in that binary's own source with init_priority(101):
-// it lives before and after everything that traces.
+// One per binary, defined in that binary's own source with init_priority(101): it lives before and after everything
+// that traces.
 extern CDebug Debug;
 
-// Traces at `level` when tracing is on; the arguments are not evaluated
-// otherwise.
-#define QX_TRACE(level, ...)                                                   \
-  do {                                                                         \
-    if (Debug.IsActive())                                                      \
-      Debug.Print(level, __VA_ARGS__);                                         \
+// Traces at `level` when tracing is on; the arguments are not evaluated otherwise.
+#define QX_TRACE(level, ...)                               \
+  do {                                                     \
+    if (Debug.IsActive()) Debug.Print(level, __VA_ARGS__); \
   } while (false)

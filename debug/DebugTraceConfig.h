@@ -1,10 +1,8 @@
 // The settings of the trace facility and the files they come from.
 //
-// A settings file is text in sections, "[QXRemConXfer]" and below it
-// "FileDebugLevel=3". It counts only when its last section header is
-// "[EndOfFile]": whoever writes it in place makes it invalid first and valid
-// last, so a reader never acts on half a file. docs/trace.md has the grammar,
-// the sources of every setting and their precedence.
+// A settings file is text in sections, "[QXRemConXfer]" and below it "FileDebugLevel=3". It counts only when its last
+// section header is "[EndOfFile]": whoever writes it in place makes it invalid first and valid last, so a reader never
+// acts on half a file. docs/trace.md has the grammar, the sources of every setting and their precedence.
 #pragma once
 
 #include <sys/stat.h>
@@ -20,61 +18,50 @@
 //
 // Threads: none of its own; the trace facility calls it with its lock held.
 // Owns: the file's text.
-// Failure: whatever cannot be read whole (missing, not a regular file, over 16
-// MiB, shrinking while it is read, without
-// "[EndOfFile]") leaves the object without text; it keeps its path, so that a
-// later attempt may succeed.
+// Failure: whatever cannot be read whole (missing, not a regular file, over 16 MiB, shrinking while it is read, without
+// "[EndOfFile]") leaves the object without text; it keeps its path, so that a later attempt may succeed.
 class CDebugTraceConfigFile {
-public:
+ public:
   static constexpr std::size_t kFileBytesMax = std::size_t{16} << 20;
   static constexpr std::size_t kValueCharsMax = 64;
 
   CDebugTraceConfigFile() noexcept = default;
   ~CDebugTraceConfigFile();
-  CDebugTraceConfigFile(const CDebugTraceConfigFile &) = delete;
-  CDebugTraceConfigFile &operator=(const CDebugTraceConfigFile &) = delete;
+  CDebugTraceConfigFile(const CDebugTraceConfigFile&) = delete;
+  CDebugTraceConfigFile& operator=(const CDebugTraceConfigFile&) = delete;
 
-  // Names the file; nothing is read yet and an earlier text is dropped. [lock
-  // held: trace]
+  // Names the file; nothing is read yet and an earlier text is dropped. [lock held: trace]
   void SetPath(std::string_view path);
 
   // The file's name, empty when none was set. [lock held: trace]
-  [[nodiscard]] const std::string &Path() const noexcept { return path_; }
+  [[nodiscard]] const std::string& Path() const noexcept { return path_; }
 
-  // Reads the file whole and remembers its modification time. False: there is
-  // no text now. [lock held: trace]
+  // Reads the file whole and remembers its modification time. False: there is no text now. [lock held: trace]
   [[nodiscard]] bool Read();
 
-  // Reads the file if its modification time is later than the remembered one,
-  // or if no text is held. False: it was not read; a file that has vanished or
-  // cannot be read is also dropped from memory. [lock held: trace]
+  // Reads the file if its modification time is later than the remembered one, or if no text is held. False: it was not
+  // read; a file that has vanished or cannot be read is also dropped from memory. [lock held: trace]
   [[nodiscard]] bool ReadIfNewer();
 
   // Takes `text` as if a file had held it. [lock held: trace]
   [[nodiscard]] bool ReadText(std::string_view text);
 
-  // Finds the section whose name is `name`, whatever the case of its letters;
-  // the reads below look into the section found last. False: there is none, and
-  // nothing can be read. [lock held: trace]
+  // Finds the section whose name is `name`, whatever the case of its letters; the reads below look into the section
+  // found last. False: there is none, and nothing can be read. [lock held: trace]
   [[nodiscard]] bool FindSection(std::string_view name) noexcept;
 
-  // Reads the number of `key`: decimal, "0x" hexadecimal, or octal after a
-  // leading "0", cut to 32 bits; what is not a number reads as 0. False: there
-  // is no such key, and `value` is unchanged. [lock held: trace]
-  [[nodiscard]] bool ReadNumber(std::string_view key,
-                                std::uint32_t &value) const noexcept;
+  // Reads the number of `key`: decimal, "0x" hexadecimal, or octal after a leading "0", cut to 32 bits; what is not a
+  // number reads as 0. False: there is no such key, and `value` is unchanged. [lock held: trace]
+  [[nodiscard]] bool ReadNumber(std::string_view key, std::uint32_t& value) const noexcept;
 
-  // Reads the text of `key`: at most 64 characters, all bytes up to the line
-  // feed. It points into this object and lives until the next read. False:
-  // there is no such key, and `value` is unchanged. [lock held: trace]
-  [[nodiscard]] bool ReadString(std::string_view key,
-                                std::string_view &value) const noexcept;
+  // Reads the text of `key`: at most 64 characters, all bytes up to the line feed. It points into this object and lives
+  // until the next read. False: there is no such key, and `value` is unchanged. [lock held: trace]
+  [[nodiscard]] bool ReadString(std::string_view key, std::string_view& value) const noexcept;
 
-  // Drops the text, the section and the remembered time; the path stays. [lock
-  // held: trace]
+  // Drops the text, the section and the remembered time; the path stays. [lock held: trace]
   void Clear() noexcept;
 
-private:
+ private:
   bool Load();
   bool FillFrom(int descriptor) noexcept;
   bool TakeBuffer(std::size_t size) noexcept;
@@ -82,9 +69,9 @@ private:
   std::string_view Text() const noexcept { return {text_, file_size_}; }
 
   std::string path_;
-  char *text_ = nullptr; // malloc'd: the file and 16 zero bytes
-  const char *section_begin_ = nullptr;
-  const char *section_end_ = nullptr;
+  char* text_ = nullptr;  // malloc'd: the file and 16 zero bytes
+  const char* section_begin_ = nullptr;
+  const char* section_end_ = nullptr;
   std::size_t file_size_ = 0;
   timespec modified_{};
 };
@@ -95,8 +82,7 @@ constexpr std::uint32_t kUnset = 0xFFFFFFFF;
 constexpr std::uint32_t kLogMaxSizeDefault = 51200;
 constexpr std::size_t kDirectoryBytes = 256;
 
-// What the settings files say. A number that no file gives is all ones; a
-// directory that no file gives is empty.
+// What the settings files say. A number that no file gives is all ones; a directory that no file gives is empty.
 struct TraceFileValues {
   std::uint32_t dynamic_update = kUnset;
   std::uint32_t level = kUnset;
@@ -108,11 +94,10 @@ struct TraceFileValues {
   std::uint32_t memory_traces = kUnset;
 };
 
-// What counts, after files, environment and defaults. All ones until they have
-// been read.
+// What counts, after files, environment and defaults. All ones until they have been read.
 struct TraceSettings {
-  // Seconds between two looks at the files, 0 for never. Read by every trace
-  // call without the lock: a late value only moves a look.
+  // Seconds between two looks at the files, 0 for never. Read by every trace call without the lock: a late value only
+  // moves a look.
   std::atomic<std::uint32_t> update_interval{kUnset};
   std::uint32_t level = kUnset;
   std::uint32_t trace_flags = kUnset;
@@ -124,53 +109,45 @@ struct TraceSettings {
   std::uint32_t log_max_size = kLogMaxSizeDefault;
 };
 
-} // namespace qx::debug
+}  // namespace qx::debug
 
 // Every setting of the trace facility: what the files say and what counts.
 //
 // Threads: the owner of the trace facility's lock, but for the atomic interval.
 // Owns: the two settings files in use.
-// Failure: a source that is missing, incomplete or without a key falls back to
-// the next source in silence.
+// Failure: a source that is missing, incomplete or without a key falls back to the next source in silence.
 class CDebugTraceConfig {
-public:
+ public:
   CDebugTraceConfig() noexcept = default;
   virtual ~CDebugTraceConfig() = default;
-  CDebugTraceConfig(const CDebugTraceConfig &) = delete;
-  CDebugTraceConfig &operator=(const CDebugTraceConfig &) = delete;
+  CDebugTraceConfig(const CDebugTraceConfig&) = delete;
+  CDebugTraceConfig& operator=(const CDebugTraceConfig&) = delete;
 
-protected:
-  // Reads the files of another directory than the system's; `directory` must
-  // outlive the object. For tests.
-  void SetConfigDirectory(const char *directory) noexcept {
-    config_directory_ = directory;
-  }
+ protected:
+  // Reads the files of another directory than the system's; `directory` must outlive the object. For tests.
+  void SetConfigDirectory(const char* directory) noexcept { config_directory_ = directory; }
 
-  // Puts every setting back to "no source has set it" and forgets the files.
-  // [lock held: trace]
+  // Puts every setting back to "no source has set it" and forgets the files. [lock held: trace]
   void ResetSettings();
 
-  // Reads the global file, finds the application's file and takes its values.
-  // [lock held: trace]
+  // Reads the global file, finds the application's file and takes its values. [lock held: trace]
   void ReadConfigFiles(std::string_view app_name);
 
-  // Decides every setting: environment, else file value, else default. [lock
-  // held: trace]
+  // Decides every setting: environment, else file value, else default. [lock held: trace]
   void ApplySources();
 
-  // Reads what has changed since the last look and takes over what may change
-  // at run time. True: a file gave a level, which is to become the current one.
-  // [lock held: trace]
+  // Reads what has changed since the last look and takes over what may change at run time. True: a file gave a level,
+  // which is to become the current one. [lock held: trace]
   [[nodiscard]] bool RereadConfigFiles(std::string_view app_name);
 
   qx::debug::TraceFileValues file_values_;
   qx::debug::TraceSettings settings_;
 
-private:
-  bool ReadApplicationFile(const std::string &path, std::string_view app_name);
+ private:
+  bool ReadApplicationFile(const std::string& path, std::string_view app_name);
   void TakeApplicationValues();
 
-  const char *config_directory_ = "/etc/norrlek/QuaxelSuite/TraceConfig";
+  const char* config_directory_ = "/etc/norrlek/QuaxelSuite/TraceConfig";
   CDebugTraceConfigFile global_file_;
   CDebugTraceConfigFile application_file_;
 };

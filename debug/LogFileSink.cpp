@@ -14,44 +14,34 @@ namespace qx::debug {
 
 namespace {
 
-constexpr mode_t kLogFileMode = 0666; // less the umask, as for any stream
+constexpr mode_t kLogFileMode = 0666;  // less the umask, as for any stream
 
-// Opens as "w+" does, but close-on-exec, never through a symbolic link and only
-// what is or becomes a regular file: a pipe of this name would block its
-// writers once it is full.
-std::FILE *OpenTruncated(const char *path) {
-  const int flags =
-      O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+// Opens as "w+" does, but close-on-exec, never through a symbolic link and only what is or becomes a regular file: a
+// pipe of this name would block its writers once it is full.
+std::FILE* OpenTruncated(const char* path) {
+  const int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
   const int descriptor = ::open(path, flags, kLogFileMode);
-  if (descriptor < 0)
-    return nullptr;
+  if (descriptor < 0) return nullptr;
   struct stat status {};
-  const bool is_ready = ::fstat(descriptor, &status) == 0 &&
-                        S_ISREG(status.st_mode) &&
-                        ::ftruncate(descriptor, 0) == 0;
-  std::FILE *file = is_ready ? ::fdopen(descriptor, "w+") : nullptr;
-  if (file == nullptr)
-    ::close(descriptor);
+  const bool is_ready = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && ::ftruncate(descriptor, 0) == 0;
+  std::FILE* file = is_ready ? ::fdopen(descriptor, "w+") : nullptr;
+  if (file == nullptr) ::close(descriptor);
   return file;
 }
 
-// Returns how many of the bytes could be written: all, or what fitted before
-// the first error.
+// Returns how many of the bytes could be written: all, or what fitted before the first error.
 std::size_t WriteAll(int descriptor, std::string_view bytes) {
   std::size_t written = 0;
   while (written < bytes.size()) {
-    const ssize_t count =
-        ::write(descriptor, bytes.data() + written, bytes.size() - written);
-    if (count < 0 && errno == EINTR)
-      continue;
-    if (count <= 0)
-      break;
+    const ssize_t count = ::write(descriptor, bytes.data() + written, bytes.size() - written);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
     written += static_cast<std::size_t>(count);
   }
   return written;
 }
 
-} // namespace
+}  // namespace
 
 void LogFileSink::Reset() noexcept {
   Close();
@@ -62,75 +52,56 @@ void LogFileSink::Reset() noexcept {
   wrap_cycle_ = 0;
 }
 
-bool LogFileSink::Open(const char *directory, const char *lower_case_name,
-                       std::uint32_t max_size) {
+bool LogFileSink::Open(const char* directory, const char* lower_case_name, std::uint32_t max_size) {
   Reset();
   max_size_ = max_size;
-  if (SetPath(directory, lower_case_name))
-    file_.store(OpenTruncated(path_), std::memory_order_relaxed);
-  if (IsOpen())
-    return true;
-  ::syslog(LOG_ERR, "ERROR: Error during opening %s --> proceed without it\n",
-           path_);
+  if (SetPath(directory, lower_case_name)) file_.store(OpenTruncated(path_), std::memory_order_relaxed);
+  if (IsOpen()) return true;
+  ::syslog(LOG_ERR, "ERROR: Error during opening %s --> proceed without it\n", path_);
   return false;
 }
 
 void LogFileSink::Close() noexcept {
-  std::FILE *file = file_.exchange(nullptr, std::memory_order_relaxed);
-  if (file != nullptr)
-    std::fclose(file);
+  std::FILE* file = file_.exchange(nullptr, std::memory_order_relaxed);
+  if (file != nullptr) std::fclose(file);
 }
 
 // False for a path that does not fit: its beginning would name another file.
-bool LogFileSink::SetPath(const char *directory,
-                          const char *lower_case_name) noexcept {
-  const int length = std::snprintf(path_, sizeof path_, "%s/log.%s", directory,
-                                   lower_case_name);
+bool LogFileSink::SetPath(const char* directory, const char* lower_case_name) noexcept {
+  const int length = std::snprintf(path_, sizeof path_, "%s/log.%s", directory, lower_case_name);
   return length >= 0 && static_cast<std::size_t>(length) < sizeof path_;
 }
 
-void LogFileSink::Write(std::string_view entry,
-                        std::size_t header_length) noexcept {
+void LogFileSink::Write(std::string_view entry, std::size_t header_length) noexcept {
   WriteCounted(entry);
-  if (byte_count_ > max_size_)
-    Wrap(entry.substr(0, header_length));
+  if (byte_count_ > max_size_) Wrap(entry.substr(0, header_length));
 }
 
 void LogFileSink::MarkInitEnd() noexcept {
-  if (!IsOpen())
-    return;
+  if (!IsOpen()) return;
   wrap_position_ = ::lseek(Descriptor(), 0, SEEK_CUR);
   bytes_at_init_end_ = byte_count_;
 }
 
-// The stream's own buffer stays unused, so that an entry is one system call and
-// in the file when the call returns.
+// The stream's own buffer stays unused, so that an entry is one system call and in the file when the call returns.
 void LogFileSink::WriteCounted(std::string_view bytes) noexcept {
   byte_count_ += static_cast<std::uint32_t>(WriteAll(Descriptor(), bytes));
 }
 
-// The line says the count as it stands before the line itself: the size of the
-// head.
+// The line says the count as it stands before the line itself: the size of the head.
 void LogFileSink::Wrap(std::string_view header) noexcept {
   if (::lseek(Descriptor(), wrap_position_, SEEK_SET) < 0) {
-    ::syslog(LOG_ERR, "ERROR: fseek failed for %s (errno=%d) --> rewind it\n",
-             path_, errno);
-    (void)::lseek(
-        Descriptor(), 0,
-        SEEK_SET); // if this fails too, the file is written on where it stands
+    ::syslog(LOG_ERR, "ERROR: fseek failed for %s (errno=%d) --> rewind it\n", path_, errno);
+    (void)::lseek(Descriptor(), 0, SEEK_SET);  // if this fails too, the file is written on where it stands
   }
   ++wrap_cycle_;
   byte_count_ = bytes_at_init_end_;
 
   char line[kEntryHeaderCharsMax + 160];
-  const int length =
-      std::snprintf(line, sizeof line,
-                    "%.*s------ WRAP ----- Cycle=%d, CntInitEnd=%u, "
-                    "CurrentByteCnt=%u (MaxCnt=%u)\n",
-                    static_cast<int>(header.size()), header.data(), wrap_cycle_,
-                    bytes_at_init_end_, byte_count_, max_size_);
-  if (length > 0)
-    WriteCounted({line, static_cast<std::size_t>(length)});
+  const int length = std::snprintf(
+      line, sizeof line, "%.*s------ WRAP ----- Cycle=%d, CntInitEnd=%u, CurrentByteCnt=%u (MaxCnt=%u)\n",
+      static_cast<int>(header.size()), header.data(), wrap_cycle_, bytes_at_init_end_, byte_count_, max_size_);
+  if (length > 0) WriteCounted({line, static_cast<std::size_t>(length)});
 }
 
-} // namespace qx::debug
+}  // namespace qx::debug

@@ -1,11 +1,8 @@
-// The log file: entries one behind the other, and back to the end of the head
-// when the file has its size.
+// The log file: entries one behind the other, and back to the end of the head when the file has its size.
 //
-// The head is what stood in the file at MarkInitEnd (the log header and the
-// traces of the start); it is never overwritten. A wrap clears nothing: behind
-// the newest entry stands the rest of the cycle before. Whoever reads the file
-// finds the place at the "------ WRAP -----" line and by the stamps. Reading
-// back is none of this class's work.
+// The head is what stood in the file at MarkInitEnd (the log header and the traces of the start); it is never
+// overwritten. A wrap clears nothing: behind the newest entry stands the rest of the cycle before. Whoever reads the
+// file finds the place at the "------ WRAP -----" line and by the stamps. Reading back is none of this class's work.
 #pragma once
 
 #include <atomic>
@@ -20,55 +17,48 @@ namespace qx::debug {
 //
 // Threads: the owner of the trace facility's lock.
 // Owns: the open file.
-// Failure: writing never reports one; what does not fit on the disk is lost. A
-// file that cannot be opened or a wrap that cannot seek goes to the system log.
+// Failure: writing never reports one; what does not fit on the disk is lost. A file that cannot be opened or a wrap
+// that cannot seek goes to the system log.
 class LogFileSink {
-public:
+ public:
   LogFileSink() noexcept = default;
   ~LogFileSink() { Close(); }
-  LogFileSink(const LogFileSink &) = delete;
-  LogFileSink &operator=(const LogFileSink &) = delete;
+  LogFileSink(const LogFileSink&) = delete;
+  LogFileSink& operator=(const LogFileSink&) = delete;
 
   // Closes the file and puts every counter to its initial value.
   void Reset() noexcept;
 
-  // Creates or truncates "DIRECTORY/log.NAME" and starts to count at 0. False:
-  // no file is open, and the system log says so.
-  bool Open(const char *directory, const char *lower_case_name,
-            std::uint32_t max_size);
+  // Creates or truncates "DIRECTORY/log.NAME" and starts to count at 0. False: no file is open, and the system log says
+  // so.
+  bool Open(const char* directory, const char* lower_case_name, std::uint32_t max_size);
   void Close() noexcept;
-  [[nodiscard]] bool IsOpen() const noexcept {
-    return file_.load(std::memory_order_relaxed) != nullptr;
-  }
+  [[nodiscard]] bool IsOpen() const noexcept { return file_.load(std::memory_order_relaxed) != nullptr; }
 
-  // Writes `entry`, whose first `header_length` bytes are its header, and wraps
-  // when the file is now over its size.
+  // Writes `entry`, whose first `header_length` bytes are its header, and wraps when the file is now over its size.
   void Write(std::string_view entry, std::size_t header_length) noexcept;
 
   // Makes what is in the file now its head: later wraps go back to here.
   void MarkInitEnd() noexcept;
 
-  [[nodiscard]] const char *Path() const noexcept { return path_; }
+  [[nodiscard]] const char* Path() const noexcept { return path_; }
   [[nodiscard]] std::uint32_t MaxSize() const noexcept { return max_size_; }
 
-private:
-  bool SetPath(const char *directory, const char *lower_case_name) noexcept;
-  int Descriptor() const noexcept {
-    return ::fileno(file_.load(std::memory_order_relaxed));
-  }
+ private:
+  bool SetPath(const char* directory, const char* lower_case_name) noexcept;
+  int Descriptor() const noexcept { return ::fileno(file_.load(std::memory_order_relaxed)); }
   void WriteCounted(std::string_view bytes) noexcept;
   void Wrap(std::string_view header) noexcept;
 
-  // Null while closed, so that an object in zeroed memory is closed. Atomic
-  // only to keep the destructor's store: the trace object is asked after its
-  // end as well, and a plain store there would be dropped as dead.
-  std::atomic<std::FILE *> file_{nullptr};
+  // Null while closed, so that an object in zeroed memory is closed. Atomic only to keep the destructor's store: the
+  // trace object is asked after its end as well, and a plain store there would be dropped as dead.
+  std::atomic<std::FILE*> file_{nullptr};
   char path_[256] = {};
   std::uint32_t max_size_ = 0;
   long wrap_position_ = 0;
   std::uint32_t bytes_at_init_end_ = 0;
-  std::uint32_t byte_count_ = 0; // since the file was opened or last wrapped
+  std::uint32_t byte_count_ = 0;  // since the file was opened or last wrapped
   std::int32_t wrap_cycle_ = 0;
 };
 
-} // namespace qx::debug
+}  // namespace qx::debug

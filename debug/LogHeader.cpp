@@ -1,5 +1,4 @@
-// The header block: what the log file, and the ring buffer after each wrap,
-// begin with.
+// The header block: what the log file, and the ring buffer after each wrap, begin with.
 #include "debug/LogHeader.h"
 
 #include <unistd.h>
@@ -14,7 +13,7 @@ namespace qx::debug {
 
 namespace {
 
-constexpr const char *kEnvironmentNames[] = {
+constexpr const char* kEnvironmentNames[] = {
     "LD_LIBRARY_PATH",
     "QX_SYSTEM",
     "QX_OS",
@@ -59,34 +58,29 @@ constexpr const char *kEnvironmentNames[] = {
 };
 
 // The agent suite exports its configuration file's settings under these names.
-constexpr const char *kConfigurationFileNames[] = {
-    "AgentPermission",         "AgentShut",
-    "ShutdownDelay",           "UserGroup",
-    "ScanTapeDevices",         "TraceFileLimit",
-    "NoAccountCheck",          "InventoryRescan",
-    "CDPollInterval",          "AgentsToBeStarted",
-    "WaitForVrmdSockets",      "WaitForVrmdTerm",
-    "InvAgtPollNetUtilization"};
+constexpr const char* kConfigurationFileNames[] = {
+    "AgentPermission",    "AgentShut",       "ShutdownDelay",           "UserGroup",      "ScanTapeDevices",
+    "TraceFileLimit",     "NoAccountCheck",  "InventoryRescan",         "CDPollInterval", "AgentsToBeStarted",
+    "WaitForVrmdSockets", "WaitForVrmdTerm", "InvAgtPollNetUtilization"};
 
-std::vector<HeaderVariables::Variable>
-ReadVariables(std::span<const char *const> names) {
+std::vector<HeaderVariables::Variable> ReadVariables(std::span<const char* const> names) {
   std::vector<HeaderVariables::Variable> variables;
   variables.reserve(names.size());
-  for (const char *name : names) {
-    const char *value = std::getenv(name);
+  for (const char* name : names) {
+    const char* value = std::getenv(name);
     variables.push_back({name, value != nullptr ? value : "NotSet"});
   }
   return variables;
 }
 
-} // namespace
+}  // namespace
 
 void HeaderVariables::Read() {
   environment_ = ReadVariables(kEnvironmentNames);
   configuration_file_ = ReadVariables(kConfigurationFileNames);
 }
 
-} // namespace qx::debug
+}  // namespace qx::debug
 
 void CDebug::WriteLogHeader(std::uint32_t target) {
   const qx::LockScope scope(lock_);
@@ -99,80 +93,59 @@ void CDebug::WriteLogHeader(std::uint32_t target) {
 
 void CDebug::PrintCommandLine(std::uint32_t target) {
   PrintHeaderLine(target, "\n%s Command Line Options:", app_name_.c_str());
-  for (std::int32_t i = 0; i < argument_count_ && arguments_[i] != nullptr;
-       ++i) {
+  for (std::int32_t i = 0; i < argument_count_ && arguments_[i] != nullptr; ++i) {
     PrintHeaderLine(target, "\nargv[%d] = \"%s\"", i, arguments_[i]);
   }
 }
 
 void CDebug::PrintVariables(std::uint32_t target) {
   PrintHeaderLine(target, "\nQuaxel Environment:");
-  for (const auto &variable : header_variables_.Environment()) {
+  for (const auto& variable : header_variables_.Environment()) {
     PrintHeaderLine(target, "\n%s=%s", variable.name, variable.value.c_str());
   }
   PrintHeaderLine(target, "\nQuaxel Configuration File:");
-  for (const auto &variable : header_variables_.ConfigurationFile()) {
+  for (const auto& variable : header_variables_.ConfigurationFile()) {
     PrintHeaderLine(target, "\n%s=%s", variable.name, variable.value.c_str());
   }
 }
 
 namespace {
 
-// The header shows unsigned settings as "%d": all ones, what no source has set,
-// reads -1.
-constexpr int AsInt(std::uint32_t value) {
-  return static_cast<std::int32_t>(value);
-}
+// The header shows unsigned settings as "%d": all ones, what no source has set, reads -1.
+constexpr int AsInt(std::uint32_t value) { return static_cast<std::int32_t>(value); }
 
-} // namespace
+}  // namespace
 
 void CDebug::PrintFileValues(std::uint32_t target) {
   PrintHeaderLine(target, "\nDebug values from ini file :");
-  PrintHeaderLine(target, "\nDynamicUpdate              : %d",
-                  AsInt(file_values_.dynamic_update));
-  PrintHeaderLine(target, "\nDebugLevel                 : %d",
-                  AsInt(file_values_.level));
-  PrintHeaderLine(target, "\nRingBufferSizeFactor       : %d",
-                  AsInt(file_values_.ring_factor));
-  PrintHeaderLine(target, "\nRingBufferSizeWeight       : %d",
-                  AsInt(file_values_.ring_weight));
-  PrintHeaderLine(target, "\nRingBufferDirectory        : %s",
-                  file_values_.ring_directory);
-  PrintHeaderLine(target, "\nNo Header to LogFile       : %d",
-                  AsInt(file_values_.no_header_to_stderr));
+  PrintHeaderLine(target, "\nDynamicUpdate              : %d", AsInt(file_values_.dynamic_update));
+  PrintHeaderLine(target, "\nDebugLevel                 : %d", AsInt(file_values_.level));
+  PrintHeaderLine(target, "\nRingBufferSizeFactor       : %d", AsInt(file_values_.ring_factor));
+  PrintHeaderLine(target, "\nRingBufferSizeWeight       : %d", AsInt(file_values_.ring_weight));
+  PrintHeaderLine(target, "\nRingBufferDirectory        : %s", file_values_.ring_directory);
+  PrintHeaderLine(target, "\nNo Header to LogFile       : %d", AsInt(file_values_.no_header_to_stderr));
 }
 
 void CDebug::PrintInternalValues(std::uint32_t target) {
-  constexpr int kNoDescriptor = -1; // no ring buffer is open
+  constexpr int kNoDescriptor = -1;  // no ring buffer is open
   PrintHeaderLine(target, "\nInternal Debug values      :");
   PrintHeaderLine(target, "\nProcess PID                : %d", process_id_);
-  PrintHeaderLine(target, "\nTrace Target               : %d",
-                  AsInt(target_.load(std::memory_order_relaxed)));
-  PrintHeaderLine(target, "\nTrace Level                : %d",
-                  AsInt(current_level_.load(std::memory_order_relaxed)));
-  PrintHeaderLine(target, "\nTrace Level Saved          : %d",
-                  AsInt(saved_level_.load(std::memory_order_relaxed)));
-  PrintHeaderLine(target, "\nApplication Init Done      : %d",
-                  is_init_done_ ? 1 : 0);
+  PrintHeaderLine(target, "\nTrace Target               : %d", AsInt(target_.load(std::memory_order_relaxed)));
+  PrintHeaderLine(target, "\nTrace Level                : %d", AsInt(current_level_.load(std::memory_order_relaxed)));
+  PrintHeaderLine(target, "\nTrace Level Saved          : %d", AsInt(saved_level_.load(std::memory_order_relaxed)));
+  PrintHeaderLine(target, "\nApplication Init Done      : %d", is_init_done_ ? 1 : 0);
   PrintHeaderLine(target, "\nLogFile Path               : %s", log_.Path());
-  PrintHeaderLine(target, "\nLogFile Max Size           : %d",
-                  AsInt(log_.MaxSize()));
+  PrintHeaderLine(target, "\nLogFile Max Size           : %d", AsInt(log_.MaxSize()));
   PrintHeaderLine(target, "\nRing Buffer FD             : %d", kNoDescriptor);
-  PrintHeaderLine(target, "\nRing Buffer Factor         : %d",
-                  AsInt(settings_.ring_factor));
-  PrintHeaderLine(target, "\nRing Buffer Weight         : %d",
-                  AsInt(settings_.ring_weight));
-  PrintHeaderLine(target, "\nRing Buffer Size           : %d",
-                  AsInt(ring_size_));
-  PrintHeaderLine(target, "\nRing Buffer Directory      : %s",
-                  settings_.trace_directory);
-  PrintHeaderLine(target, "\nRing Buffer Path           : %s",
-                  ring_path_.c_str());
-  PrintHeaderLine(target, "\nNo Header to LogFile       : %d",
-                  AsInt(settings_.no_header_to_stderr));
+  PrintHeaderLine(target, "\nRing Buffer Factor         : %d", AsInt(settings_.ring_factor));
+  PrintHeaderLine(target, "\nRing Buffer Weight         : %d", AsInt(settings_.ring_weight));
+  PrintHeaderLine(target, "\nRing Buffer Size           : %d", AsInt(ring_size_));
+  PrintHeaderLine(target, "\nRing Buffer Directory      : %s", settings_.trace_directory);
+  PrintHeaderLine(target, "\nRing Buffer Path           : %s", ring_path_.c_str());
+  PrintHeaderLine(target, "\nNo Header to LogFile       : %d", AsInt(settings_.no_header_to_stderr));
 }
 
-void CDebug::PrintHeaderLine(std::uint32_t target, const char *format, ...) {
+void CDebug::PrintHeaderLine(std::uint32_t target, const char* format, ...) {
   std::va_list args;
   va_start(args, format);
   if (GoesToStderr(target)) {
@@ -180,8 +153,7 @@ void CDebug::PrintHeaderLine(std::uint32_t target, const char *format, ...) {
     va_copy(again, args);
     const std::string_view line = FormatEntry(format, again, nullptr).text;
     va_end(again);
-    (void)!::write(STDERR_FILENO, line.data(),
-                   line.size()); // there is nowhere left to report to
+    (void)!::write(STDERR_FILENO, line.data(), line.size());  // there is nowhere left to report to
   }
   WriteEntry(target, format, args, nullptr);
   va_end(args);

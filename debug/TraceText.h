@@ -1,5 +1,4 @@
-// Small text helpers of the trace facility: ASCII letters only, fixed fields
-// always terminated.
+// Small text helpers of the trace facility: ASCII letters only, fixed fields always terminated.
 #pragma once
 
 #include <algorithm>
@@ -9,26 +8,20 @@
 
 namespace qx::debug {
 
-constexpr char LowerAscii(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-constexpr char UpperAscii(char c) {
-  return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-}
+constexpr char LowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+constexpr char UpperAscii(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
 
 constexpr bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-    return LowerAscii(x) == LowerAscii(y);
-  });
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](char x, char y) { return LowerAscii(x) == LowerAscii(y); });
 }
 
 // Copies what fits of `text` into `field` and ends it with NUL.
 template <std::size_t kSize>
 void CopyText(char (&field)[kSize], std::string_view text) {
   const std::size_t length = std::min(text.size(), kSize - 1);
-  if (length > 0)
-    std::memcpy(field, text.data(), length);
+  if (length > 0) std::memcpy(field, text.data(), length);
   field[length] = '\0';
 }
 
-} // namespace qx::debug
+}  // namespace qx::debug

@@ -1,0 +1,242 @@
+#include "debug/LogFileSink.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "tests/debug/TraceFixture.h"
+
+namespace {
+
+using qx::debug::LogFileSink;
+using qx::test::DescriptorOf;
+using qx::test::ReadFile;
+using qx::test::SyslogCapture;
+using qx::test::TempDir;
+using qx::test::TraceSetup;
+using qx::test::WriteCalls;
+using qx::test::WriteFile;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+std::string Entry(std::string_view text) { return "S [T] QxTrace       " + std::string(text); }
+
+// The bytes that `text` of `n` characters makes in the log of TraceSetup, its line feed included.
+constexpr std::size_t EntryBytes(std::size_t n) { return TraceSetup::kHeaderBytes + n + 1; }
+
+TEST(LogFileSink, EntryThatCrossesTheLimitIsWholeAndTheNextCycleStartsBehindTheHead) {
+  TraceSetup setup;
+  ASSERT_TRUE(setup.InitAtLevel(1));  // 51200 bytes
+  setup.Trace().Print(1, "head");
+  setup.Trace().SetApplInitDone();
+  const std::size_t head = EntryBytes(4);
+  const std::string filler(1024, 'f');
+  std::size_t count = head;
+  while (count <= 51200) {
+    setup.Trace().Print(1, "%s", filler.c_str());
+    count += EntryBytes(filler.size());
+  }
+  setup.Trace().Print(1, "behind the wrap");
+
+  const std::string log = setup.Log();
+  EXPECT_EQ(log.size(), count);
+  EXPECT_EQ(log.back(), '\n');
+  EXPECT_EQ(log[count - 2], 'f');
+  const std::string line = "------ WRAP ----- Cycle=1, CntInitEnd=54, CurrentByteCnt=54 (MaxCnt=51200)\n";
+  const std::string wrapped = Entry("head\n") + Entry(line) + Entry("behind the wrap\n");
+  EXPECT_EQ(qx::test::WithoutStamps(log).substr(0, wrapped.size()), wrapped);
+}
+
+TEST(LogFileSink, CountThatEqualsTheLimitDoesNotWrap) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", std::to_string(EntryBytes(5)).c_str());
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  setup.Trace().Print(1, "12345");
+  EXPECT_EQ(setup.PlainLog(), Entry("12345\n"));
+}
+
+TEST(LogFileSink, WithoutAHeadTheLogWrapsToItsStartAndLeavesTheOldTextBehind) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "300");
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  const std::string old(400, 'o');
+  setup.Trace().Print(1, "%s", old.c_str());
+  const std::string line = "------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=300)\n";
+  const std::string log = setup.Log();
+  EXPECT_EQ(log.size(), EntryBytes(400));
+  const std::size_t line_bytes = TraceSetup::kHeaderBytes + line.size();
+  EXPECT_EQ(qx::test::WithoutStamps(log.substr(0, line_bytes)), Entry(line));
+  EXPECT_EQ(log.substr(line_bytes), std::string(EntryBytes(400) - 1 - line_bytes, 'o') + "\n");
+}
+
+TEST(LogFileSink, WrapLineCountsTowardsTheNextCycle) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "250");
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  setup.Trace().Print(1, "%s", std::string(201, 'a').c_str());  // 251 bytes: wraps; the wrap line makes 120 again
+  setup.Trace().Print(1, "%s", std::string(80, 'b').c_str());   // 250: does not wrap
+  EXPECT_EQ(setup.Log().find("Cycle=2"), std::string::npos);
+  setup.Trace().Print(1, "c");
+  EXPECT_NE(setup.Log().find("Cycle=2"), std::string::npos);
+}
+
+TEST(LogFileSink, WrapLineHasTheHeaderOfTheEntryThatCrossed) {
+  const TempDir directory;
+  LogFileSink sink;
+  ASSERT_TRUE(sink.Open(directory.Path().c_str(), "app", 10));
+  sink.Write("HEADER text\n", 7);
+  EXPECT_EQ(ReadFile(directory.File("log.app")),
+            "HEADER ------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=10)\n");
+}
+
+TEST(LogFileSink, LimitOfZeroWrapsAtEveryEntry) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "0");
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  for (int i = 0; i < 3; ++i) setup.Trace().Print(1, "e%d", i);
+  const std::string line = "------ WRAP ----- Cycle=3, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=0)\n";
+  EXPECT_EQ(setup.PlainLog().substr(0, Entry(line).size()), Entry(line));
+}
+
+TEST(LogFileSink, LimitOfAllOnesNeverWraps) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "-1");
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  const std::string text(1000, 'x');
+  for (int i = 0; i < 100; ++i) setup.Trace().Print(1, "%s", text.c_str());
+  EXPECT_EQ(setup.Log().size(), 100 * EntryBytes(1000));
+}
+
+TEST(LogFileSink, SecondInitStartsToCountAndToCycleAgain) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "10");
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  setup.Trace().Print(1, "a");
+  setup.Trace().SetApplInitDone();
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "100");
+  ASSERT_TRUE(setup.Init());
+  setup.Trace().Print(1, "%s", std::string(300, 'x').c_str());
+  const std::string line = "------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=100)\n";
+  EXPECT_EQ(setup.PlainLog().substr(0, Entry(line).size()), Entry(line));
+}
+
+TEST(LogFileSink, WrapThatCannotSeekTellsTheSystemLogAndGoesOn) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "60");
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  ASSERT_GE(::dup2(ends[1], DescriptorOf(setup.LogPath())), 0);
+  ::close(ends[1]);
+  const SyslogCapture syslog;
+  setup.Trace().Print(1, "twelve bytes");
+  EXPECT_THAT(syslog.Messages(),
+              ElementsAre("3 ERROR: fseek failed for " + setup.LogPath() + " (errno=29) --> rewind it\n"));
+  char piped[512];
+  const ssize_t got = ::read(ends[0], piped, sizeof piped);
+  ::close(ends[0]);
+  ASSERT_GT(got, 0);
+  EXPECT_EQ(qx::test::WithoutStamps({piped, static_cast<std::size_t>(got)}),
+            Entry("twelve bytes\n") + Entry("------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=60)\n"));
+}
+
+TEST(LogFileSink, ShortWritesAreContinued) {
+  TraceSetup setup;
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  {
+    const WriteCalls calls(DescriptorOf(setup.LogPath()), 7);
+    setup.Trace().Print(1, "abcdefg");
+    EXPECT_EQ(calls.Count(), 9);  // 57 bytes
+  }
+  setup.Trace().Print(1, "next");
+  EXPECT_EQ(setup.PlainLog(), Entry("abcdefg\n") + Entry("next\n"));
+}
+
+TEST(LogFileSink, FullDiskLosesTheEntryAndNothingElse) {
+  TraceSetup setup;
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  setup.Trace().Print(1, "before");
+  const int descriptor = DescriptorOf(setup.LogPath());
+  const int kept = ::dup(descriptor);
+  const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(::dup2(full, descriptor), 0);
+  setup.Trace().Print(1, "lost");
+  ASSERT_GE(::dup2(kept, descriptor), 0);
+  ::close(kept);
+  ::close(full);
+  setup.Trace().Print(1, "after");
+  EXPECT_EQ(setup.PlainLog(), Entry("before\n") + Entry("after\n"));
+}
+
+TEST(LogFileSink, OnlyWrittenBytesCountTowardsTheLimit) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "200");
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  const int descriptor = DescriptorOf(setup.LogPath());
+  const int kept = ::dup(descriptor);
+  const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(::dup2(full, descriptor), 0);
+  for (int i = 0; i < 20; ++i) setup.Trace().Print(1, "lost");
+  ASSERT_GE(::dup2(kept, descriptor), 0);
+  ::close(kept);
+  ::close(full);
+  setup.Trace().Print(1, "after");
+  EXPECT_EQ(setup.PlainLog(), Entry("after\n"));
+}
+
+TEST(LogFileSink, IsOpenedCloseOnExecWithTheModeOfAStream) {
+  TraceSetup setup;
+  const mode_t umask_before = ::umask(027);
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  ::umask(umask_before);
+  struct stat status {};
+  ASSERT_EQ(::stat(setup.LogPath().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, mode_t{0640});
+  EXPECT_EQ(::fcntl(DescriptorOf(setup.LogPath()), F_GETFD), FD_CLOEXEC);
+}
+
+TEST(LogFileSink, IsNeverOpenedThroughASymbolicLink) {
+  TraceSetup setup;
+  const std::string target = setup.LogDir().File("target");
+  WriteFile(target, "precious");
+  std::filesystem::create_symlink(target, setup.LogPath());
+  const SyslogCapture syslog;
+  EXPECT_TRUE(setup.InitAtLevel(1));
+  setup.Trace().PrintAlways("nowhere");
+  EXPECT_EQ(ReadFile(target), "precious");
+  EXPECT_EQ(syslog.Messages().size(), 1U);
+}
+
+TEST(LogFileSink, WhatIsNotARegularFileIsRefused) {
+  for (const bool is_pipe : {true, false}) {
+    TraceSetup setup;
+    if (is_pipe) {
+      ASSERT_EQ(::mkfifo(setup.LogPath().c_str(), 0600), 0);
+    } else {
+      std::filesystem::create_directory(setup.LogPath());
+    }
+    const SyslogCapture syslog;
+    EXPECT_TRUE(setup.InitAtLevel(1));
+    EXPECT_EQ(DescriptorOf(setup.LogPath()), -1);
+    EXPECT_EQ(syslog.Messages().size(), 1U);
+  }
+}
+
+TEST(LogFileSink, PathThatDoesNotFitIsNotCutToAnotherFile) {
+  const TempDir directory;
+  const std::string name(300, 'n');
+  LogFileSink sink;
+  const SyslogCapture syslog;
+  EXPECT_FALSE(sink.Open(directory.Path().c_str(), name.c_str(), 51200));
+  EXPECT_FALSE(sink.IsOpen());
+  EXPECT_TRUE(std::filesystem::is_empty(directory.Path()));
+  EXPECT_EQ(syslog.Messages().size(), 1U);
+}
+
+}  // namespace

@@ -1,0 +1,92 @@
+// What the trace tests share: a facility of their own with a private settings directory and a private log, and doubles
+// for the two system calls whose use is part of the behaviour.
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "debug/Debug.h"
+#include "tests/support/Support.h"
+
+namespace qx::test {
+
+// A trace facility that reads its settings files from a directory of the test's and shows what it has decided.
+class TestDebug : public CDebug {
+ public:
+  explicit TestDebug(const char* config_directory) { SetConfigDirectory(config_directory); }
+
+  using CDebug::CheckDynamicUpdate;
+
+  const qx::debug::TraceSettings& Settings() const { return settings_; }
+  const qx::debug::TraceFileValues& FileValues() const { return file_values_; }
+};
+
+// An environment without any of the facility's variables, a settings directory, a log directory (named by
+// QX_LOG_RINGBUF_DIR) and a facility that is not yet started.
+class TraceSetup {
+ public:
+  static constexpr const char* kAppName = "QxTrace";
+  // "2026-01-31 10:20:30.123 [0123ABCD] QxTrace       ": the header of every entry of this application.
+  static constexpr std::size_t kHeaderBytes = 49;
+  static constexpr const char* kIniEnd = "[EndOfFile]\n";
+
+  TraceSetup();
+
+  // Writes a settings file whose modification time is later than that of any file written before.
+  void WriteIni(const std::string& name, std::string_view text);
+  std::string IniPath(std::string_view name) const { return config_.File(name); }
+
+  void SetEnv(const char* name, const char* value);
+
+  TestDebug& Trace() { return debug_; }
+  bool Init() { return debug_.Init(kAppName); }
+  // Starts at `level`, whatever the files say.
+  bool InitAtLevel(int level);
+
+  const TempDir& LogDir() const { return logs_; }
+  std::string LogPath() const { return logs_.File("log.qxtrace"); }
+  // The log as it is, and with "S [T]" for the stamp and thread of each entry.
+  std::string Log() const { return ReadFile(LogPath()); }
+  std::string PlainLog() const;
+
+ private:
+  TempDir config_;
+  TempDir logs_;
+  std::vector<std::unique_ptr<ScopedEnv>> environment_;
+  TestDebug debug_{config_.Path().c_str()};
+  std::time_t file_time_ = 1767225600;
+};
+
+// "2026-01-31 10:20:30.123 [0123ABCD] QxTrace" => "S [T] QxTrace", at the start of every line.
+std::string WithoutStamps(std::string_view log);
+
+// The descriptor under which this process holds `path` open, or -1.
+int DescriptorOf(const std::string& path);
+
+// Collects what this process sends to the system log while it lives, as "PRIORITY text".
+class SyslogCapture {
+ public:
+  SyslogCapture();
+  ~SyslogCapture();
+  SyslogCapture(const SyslogCapture&) = delete;
+  SyslogCapture& operator=(const SyslogCapture&) = delete;
+
+  std::vector<std::string> Messages() const;
+};
+
+// Counts the write calls on one descriptor while it lives, and lets each write at most `bytes_max` bytes.
+class WriteCalls {
+ public:
+  explicit WriteCalls(int descriptor, std::size_t bytes_max = ~std::size_t{0});
+  ~WriteCalls();
+  WriteCalls(const WriteCalls&) = delete;
+  WriteCalls& operator=(const WriteCalls&) = delete;
+
+  int Count() const;
+};
+
+}  // namespace qx::test
