@@ -66,16 +66,18 @@ class TreeBuilder {
 
   void TakeLine(std::string_view line) {
     const std::size_t bracket = line.front() == '[' ? line.find(']') : std::string_view::npos;
-    if (bracket != std::string_view::npos) {
-      OpenKey(line.substr(1, bracket - 1));
-      return;
-    }
+    if (bracket != std::string_view::npos) return OpenKey(line.substr(1, bracket - 1));
+    if (skipped_keys_ > 0) return;
     const std::size_t equals = line.find('=');
     if (equals != std::string_view::npos) TakeValue(line.substr(0, equals), line.substr(equals));
   }
 
   // False when it was the outermost key.
   bool CloseKey() {
+    if (skipped_keys_ > 0) {
+      --skipped_keys_;
+      return true;
+    }
     current_->SortAppended();
     if (above_.empty()) return false;
     current_ = above_.back();
@@ -87,17 +89,27 @@ class TreeBuilder {
 
  private:
   // The entry is made before the content is read. Nothing else enters this key meanwhile, so it stands at the same
-  // place, and counts as read at the same time, as if it were made afterwards.
+  // place as if it were made afterwards. Without memory the key is skipped with everything in it; its values must not
+  // land in the key above.
   void OpenKey(std::string_view name) {
+    CRegistryNode* key = skipped_keys_ == 0 ? AppendKey(name) : nullptr;
+    if (key != nullptr) {
+      current_ = key;
+    } else {
+      ++skipped_keys_;
+    }
+  }
+
+  CRegistryNode* AppendKey(std::string_view name) {
     auto* key = new (std::nothrow) CRegistryNode;
     OwnedValue value(REG_NODE, key);
-    if (key == nullptr || !Remember(current_)) return;
+    if (key == nullptr || !Remember(current_)) return nullptr;
     if (!current_->Append(name, value.Get())) {
       above_.pop_back();
-      return;
+      return nullptr;
     }
     (void)value.Release();
-    current_ = key;
+    return key;
   }
 
   void TakeValue(std::string_view name, std::string_view marked) {
@@ -127,6 +139,7 @@ class TreeBuilder {
 
   CRegistryNode* current_;
   std::vector<CRegistryNode*> above_;
+  std::size_t skipped_keys_ = 0;  // open ones among those for which there was no memory
   bool has_values_ = false;
 };
 

@@ -1,0 +1,186 @@
+// Every allocation of an operation fails once: nothing crashes, leaks or is half done.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
+#include <new>
+#include <set>
+#include <string>
+
+#include "tests/registry/RegistryFixture.h"
+
+namespace {
+
+// Allocations until one fails; negative: none fails.
+std::atomic<long> allocations_left{-1};
+
+bool AllocationFails() {
+  if (allocations_left < 0) return false;
+  return allocations_left.fetch_sub(1) == 0;
+}
+
+}  // namespace
+
+// The whole program allocates through these, so that the registry's own calls can be made to fail.
+void* operator new(std::size_t size) {
+  void* block = AllocationFails() ? nullptr : std::malloc(size);
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return AllocationFails() ? nullptr : std::malloc(size);
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new[](std::size_t size, const std::nothrow_t& nothrow) noexcept { return operator new(size, nothrow); }
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+void operator delete[](void* block) noexcept { std::free(block); }
+void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
+
+namespace {
+
+using qx::test::ReadFile;
+using qx::test::RegistryTest;
+
+class RegistryFault : public RegistryTest {
+ protected:
+  RegistryFault() { Given(kTree); }
+
+  // Runs `work` with the first, second, ... allocation failing, until none is left to fail. `check` gets the number.
+  static long FailEach(const std::function<void()>& work, const std::function<void(long)>& check) {
+    for (long nth = 0;; ++nth) {
+      allocations_left = nth;
+      work();
+      const bool is_last = allocations_left >= 0;
+      allocations_left = -1;
+      check(nth);
+      if (is_last) return nth;
+    }
+  }
+
+  static constexpr std::string_view kTree = "[HKEY_LOCAL_MACHINE]\n[A]\na=s=text\nb=b=01 \n[B]\nc=d=1\n\n\n\n\n";
+};
+
+TEST_F(RegistryFault, SetReplacesWholeOrNotAtAll) {
+  CRegistry handle("A", CRegistry::MLocalMachine, 0);
+  bool is_stored = false;
+  const long failures = FailEach([&] { is_stored = handle.SetValue("a", "longer than any short string") == 0; },
+                                 [&](long) {
+                                   std::string text;
+                                   EXPECT_EQ(handle.QueryValue(text, "a"), 0);
+                                   EXPECT_EQ(text, is_stored ? "longer than any short string" : "text");
+                                 });
+  EXPECT_EQ(failures, 1);
+}
+
+TEST_F(RegistryFault, SetOfANewNameStoresItOrLeavesTheKeyAsItWas) {
+  CRegistry handle("A", CRegistry::MLocalMachine, 0);
+  bool is_stored = false;
+  const long failures = FailEach([&] { is_stored = handle.SetValue("new", "text") == 0; },
+                                 [&](long) { EXPECT_EQ(handle.GetValueSize("new"), is_stored ? 5U : 0U); });
+  EXPECT_EQ(failures, 2);
+}
+
+TEST_F(RegistryFault, CreateKeyFailsWithTheCurrentKeyUnchanged) {
+  CRegistry handle("A", CRegistry::MLocalMachine, 0);
+  CRegistryNode* before = handle.CurrentKey();
+  long result = 0;
+  const long failures = FailEach([&] { result = handle.CreateKey(nullptr, "New", false, 0); },
+                                 [&](long) { EXPECT_EQ(handle.CurrentKey() == before, result != 0); });
+  EXPECT_EQ(failures, 2);
+}
+
+TEST_F(RegistryFault, OpenFailsWithoutAKey) {
+  CRegistry handle;
+  long result = 0;
+  const long failures = FailEach([&] { result = handle.Open("A\\B", CRegistry::MLocalMachine, 0); },
+                                 [&](long) { EXPECT_EQ(handle.CurrentKey() != nullptr, result == 0); });
+  EXPECT_EQ(failures, 1);
+}
+
+TEST_F(RegistryFault, ReadsReportNoValue) {
+  CRegistry handle("A", CRegistry::MLocalMachine, 0);
+  ASSERT_TRUE(
+      handle.SetValue("e", reinterpret_cast<const unsigned char*>("%HOME%%HOME%%HOME%%HOME%"), 24, REG_EXPAND_SZ));
+  const qx::test::ScopedEnv home("HOME", "a directory with a long name");
+  std::string text;
+  long result = 0;
+  FailEach([&] { result = handle.QueryValue(text, "e"); },
+           [&](long) {
+             EXPECT_EQ(result, text.empty() ? ENODATA : 0);
+             text = std::string();
+           });
+}
+
+// A value line is left out; a subkey line with everything below it, so that nothing lands in the key above.
+TEST_F(RegistryFault, LoadSkipsTheLineThatFoundNoMemory) {
+  std::set<std::string> trees;
+  FailEach([] { CRegistry::SetupTree(true); },
+           [&](long) {
+             trees.insert(Tree());
+             Restart();
+           });
+  const std::set<std::string> expected = {
+      "\n",
+      "[HKEY_LOCAL_MACHINE]\n\n\n",
+      "[HKEY_LOCAL_MACHINE]\n[A]\na=s=text\nb=b=01 \n\n\n\n",
+      "[HKEY_LOCAL_MACHINE]\n[A]\na=s=text\nb=b=01 \n[B]\n\n\n\n\n",
+      "[HKEY_LOCAL_MACHINE]\n[A]\na=s=text\n[B]\nc=d=1\n\n\n\n\n",
+      "[HKEY_LOCAL_MACHINE]\n[A]\nb=b=01 \n[B]\nc=d=1\n\n\n\n\n",
+      std::string(kTree),
+  };
+  EXPECT_EQ(trees, expected);
+  CRegistry::SetupTree(true);
+  EXPECT_EQ(Tree(), kTree);
+}
+
+TEST_F(RegistryFault, LoadOverATreeWithoutMemoryKeepsTheTreeWhole) {
+  CRegistry handle("A\\B", CRegistry::MLocalMachine, 0);
+  FailEach([&] { CRegistry::SetupTree(true); }, [&](long) { EXPECT_NE(CRegistry::MLocalMachine, nullptr); });
+  CRegistry::SetupTree(true);
+  EXPECT_EQ(Tree(), kTree);
+}
+
+TEST_F(RegistryFault, SetupThatThrowsIsTracedAndNotRetried) {
+  const qx::test::TraceCapture capture(2);
+  allocations_left = 0;
+  CRegistry::SetupTree(false);
+  allocations_left = -1;
+  EXPECT_TRUE(CRegistry::MIsSetup);
+  EXPECT_EQ(capture.Text(),
+            "CRegistry: SetupTree(): ForceSetup=0, MIsSetup=0, MIsDirty=0\n"
+            "CRegistry: SetupTree(): ## ERROR during Setup\n");
+}
+
+TEST_F(RegistryFault, FileThatAThrowingSetupNeverReadIsKept) {
+  allocations_left = 0;
+  CRegistry::SetupTree(false);
+  allocations_left = -1;
+  ASSERT_TRUE(CRegistry::MIsSetup);
+  CRegistry::MPRegistry = File();
+  CRegistry::MPRegistryOld = File("registry.old");
+  CRegistry::MPRegistryTemp = File("registry.new");
+  CRegistry::MIsDirty = true;
+  CRegistry::SaveTree();
+  EXPECT_EQ(ReadFile(File("registry.unread")), kTree);
+}
+
+TEST_F(RegistryFault, SaveWithoutMemoryKeepsTheOldFile) {
+  CRegistry handle("A", CRegistry::MLocalMachine, 0);
+  ASSERT_EQ(handle.SetValue("x", std::string(5000, 'x').c_str()), 0);
+  FailEach(
+      [&] {
+        CRegistry::MIsDirty = true;
+        CRegistry::SaveTree();
+      },
+      [&](long) {
+        EXPECT_FALSE(qx::test::Exists(File("registry.new")));
+        const std::string file = ReadFile(File());
+        EXPECT_TRUE(file == kTree || file == Tree());
+      });
+  EXPECT_EQ(ReadFile(File()), Tree());
+}
+
+}  // namespace

@@ -1,0 +1,39 @@
+#include "tests/registry/RegistryFixture.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace qx::test {
+
+std::string Dump(const CRegistryNode& key) {
+  char* text = nullptr;
+  std::size_t size = 0;
+  FILE* stream = open_memstream(&text, &size);
+  key.dumpNode(stream);
+  fclose(stream);
+  std::string dumped(text, size);
+  std::free(text);
+  return dumped;
+}
+
+bool Restore(CRegistryNode& key, std::string_view text) {
+  FILE* stream = text.empty() ? fopen("/dev/null", "r")
+                              : fmemopen(const_cast<char*>(text.data()), text.size(), "r");  // NOLINT: read only
+  const bool result = key.restoreNode(stream);
+  fclose(stream);
+  return result;
+}
+
+std::string Reread(std::string_view text) {
+  CRegistryNode key;
+  (void)Restore(key, text);
+  return Dump(key);
+}
+
+RegistryTest::RegistryTest() : place_("TMPDIR", access("/dev/shm", W_OK) == 0 ? "/dev/shm" : std::getenv("TMPDIR")) {
+  registry::StartAfresh(dir_.Path().c_str());
+}
+
+}  // namespace qx::test

@@ -1,0 +1,47 @@
+// Registries in a private directory, and keys as texts.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+
+#include "registry/Registry.h"
+#include "registry/RegistryPaths.h"
+#include "tests/support/Support.h"
+
+namespace qx::test {
+
+// The content of a key as dumpNode writes it.
+std::string Dump(const CRegistryNode& key);
+// restoreNode over these bytes.
+bool Restore(CRegistryNode& key, std::string_view text);
+// What a fresh key dumps after reading these bytes; reading is asked for its result separately.
+std::string Reread(std::string_view text);
+
+// The tree of the eight-line example.
+inline constexpr std::string_view kExample =
+    "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nName=s=some text\nCount=d=-5\nBlob=b=0a ff \n\n\n\n";
+
+// Every test starts with an empty tree that has never been loaded and with its own directory of registry files.
+class RegistryTest : public testing::Test {
+ protected:
+  RegistryTest();
+  ~RegistryTest() override { registry::StartAfresh(nullptr); }
+
+  [[nodiscard]] std::string File(std::string_view name = "registry") const { return dir_.File(name); }
+  void Given(std::string_view text, std::string_view name = "registry") const { WriteFile(File(name), text); }
+  // The loaded tree, all of it, as the file would hold it.
+  [[nodiscard]] static std::string Tree() { return Dump(CRegistry::MRoot); }
+  // As if the process had ended and another one begun.
+  void Restart() const { registry::StartAfresh(dir_.Path().c_str()); }
+  // The key below HKEY_LOCAL_MACHINE that most tests work on.
+  static CRegistryNode* Software() { return CRegistry("SOFTWARE", CRegistry::MLocalMachine, 0).KeepKeyHandle(); }
+
+ private:
+  // In memory where the system has such a place: every save waits for the disk otherwise.
+  ScopedEnv place_;
+  TempDir dir_;
+};
+
+}  // namespace qx::test

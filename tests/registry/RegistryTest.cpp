@@ -1,0 +1,435 @@
+// Loading, saving and the roots.
+#include "registry/Registry.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <string>
+
+#include "tests/registry/RegistryFixture.h"
+
+namespace {
+
+using qx::test::Dump;
+using qx::test::Exists;
+using qx::test::kExample;
+using qx::test::ReadFile;
+using qx::test::RegistryTest;
+
+class Registry : public RegistryTest {};
+
+constexpr std::string_view kSmall = "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nx=d=1\n\n\n\n";
+
+mode_t ModeOf(const std::string& path) {
+  struct stat status = {};
+  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+  return status.st_mode & 07777U;
+}
+
+void Change() {
+  CRegistry handle;
+  EXPECT_EQ(handle.Open("", CRegistry::MLocalMachine, 0), 0);
+  EXPECT_EQ(handle.SetValue("changed", 1U), 0);
+}
+
+TEST_F(Registry, NothingIsLoadedBeforeTheFirstHandle) {
+  EXPECT_FALSE(CRegistry::MIsSetup);
+  EXPECT_FALSE(CRegistry::MIsDirty);
+  EXPECT_EQ(CRegistry::MLocalMachine, nullptr);
+  EXPECT_EQ(CRegistry::MPRegistry, "");
+  EXPECT_EQ(Tree(), "\n");
+}
+
+TEST_F(Registry, FirstHandleLoadsTheTreeAndWiresTheHives) {
+  Given("[HKEY_USERS]\n\n[HKEY_LOCAL_MACHINE]\nx=d=1\n\n\n");
+  const CRegistry handle;
+  EXPECT_TRUE(CRegistry::MIsSetup);
+  EXPECT_FALSE(CRegistry::MIsDirty);
+  EXPECT_EQ(Dump(*CRegistry::MLocalMachine), "x=d=1\n\n");
+  EXPECT_EQ(Dump(*CRegistry::MUsers), "\n");
+  EXPECT_EQ(CRegistry::MCurrentUser, nullptr);
+  EXPECT_EQ(CRegistry::MClassesRoot, nullptr);
+  EXPECT_EQ(CRegistry::MCurrentConfig, nullptr);
+}
+
+TEST_F(Registry, PathsAreTheDirectoryAndFourNames) {
+  const CRegistry handle;
+  EXPECT_EQ(CRegistry::MPRegistry, File("registry"));
+  EXPECT_EQ(CRegistry::MPRegistryOld, File("registry.old"));
+  EXPECT_EQ(CRegistry::MPRegistryTemp, File("registry.new"));
+  EXPECT_EQ(CRegistry::MPRegistryDefault, File("registry.default"));
+}
+
+TEST_F(Registry, LaterHandlesDoNotReload) {
+  Given(kSmall);
+  { const CRegistry first; }
+  Given("[HKEY_LOCAL_MACHINE]\ny=d=2\n\n\n");
+  const CRegistry second;
+  EXPECT_EQ(Tree(), kSmall);
+}
+
+TEST_F(Registry, MissingFileFallsBackToTheBackupAndThenToTheDefault) {
+  Given("[HKEY_LOCAL_MACHINE]\nfrom=s=default\n\n\n", "registry.default");
+  { const CRegistry handle; }
+  EXPECT_EQ(Tree(), "[HKEY_LOCAL_MACHINE]\nfrom=s=default\n\n\n");
+  Restart();
+  Given("[HKEY_LOCAL_MACHINE]\nfrom=s=backup\n\n\n", "registry.old");
+  { const CRegistry handle; }
+  EXPECT_EQ(Tree(), "[HKEY_LOCAL_MACHINE]\nfrom=s=backup\n\n\n");
+}
+
+TEST_F(Registry, EmptyFileFallsBackToTheBackup) {
+  Given("");
+  Given(kSmall, "registry.old");
+  const CRegistry handle;
+  EXPECT_EQ(Tree(), kSmall);
+}
+
+TEST_F(Registry, FileOfSectionsWithoutValuesFallsBackToTheBackup) {
+  Given("[HKEY_LOCAL_MACHINE]\n[A]\n\n\n[HKEY_USERS]\n\n\n");
+  Given(kSmall, "registry.old");
+  const CRegistry handle;
+  // What the failed file brought in is not taken back.
+  EXPECT_EQ(Tree(), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nx=d=1\n\n\n[HKEY_USERS]\n\n\n");
+}
+
+TEST_F(Registry, QuirkTreeSavedWithoutValuesDoesNotLoadAgain) {
+  Given(kSmall);
+  {
+    CRegistry handle("SOFTWARE", CRegistry::MLocalMachine, 0);
+    EXPECT_EQ(handle.DeleteValue("x"), 0);
+  }
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n\n\n\n");
+  Restart();
+  const CRegistry handle;
+  EXPECT_EQ(Tree(), kSmall);
+}
+
+TEST_F(Registry, TemporaryFileIsNeverRead) {
+  Given(kSmall, "registry.new");
+  const CRegistry handle;
+  EXPECT_FALSE(CRegistry::MIsSetup);
+}
+
+TEST_F(Registry, EveryHandleRetriesUntilALoadSucceeds) {
+  { const CRegistry handle; }
+  EXPECT_FALSE(CRegistry::MIsSetup);
+  Given(kSmall);
+  { const CRegistry handle; }
+  EXPECT_TRUE(CRegistry::MIsSetup);
+  EXPECT_EQ(Tree(), kSmall);
+}
+
+TEST_F(Registry, HandleCanBeMadeOnAHiveBeforeTheFirstLoad) {
+  Given(kSmall);
+  const CRegistry handle(CRegistry::MLocalMachine);
+  EXPECT_NE(handle.CurrentKey(), nullptr);
+  EXPECT_EQ(handle.CurrentKey(), CRegistry::MLocalMachine);
+  Restart();
+  const CRegistry opened("SOFTWARE", CRegistry::MLocalMachine, 0);
+  EXPECT_NE(opened.CurrentKey(), nullptr);
+}
+
+TEST_F(Registry, ForcedSetupMergesAndReplacesHivesWhole) {
+  Given("[HKEY_LOCAL_MACHINE]\nold=d=1\n[A]\n\n\n[HKEY_USERS]\nkept=d=1\n\n\n");
+  CRegistry handle(CRegistry::MLocalMachine);
+  Given("[HKEY_LOCAL_MACHINE]\nnew=d=2\n\n\n");
+  CRegistry::SetupTree(true);
+  EXPECT_EQ(Tree(), "[HKEY_LOCAL_MACHINE]\nnew=d=2\n\n[HKEY_USERS]\nkept=d=1\n\n\n");
+  EXPECT_EQ(handle.GetValueSize("new"), 4U);  // the hive's key is the same object
+}
+
+TEST_F(Registry, ForcedSetupThatFailsKeepsTheStateAndItsHives) {
+  Given(kSmall);
+  { const CRegistry handle; }
+  unlink(File().c_str());
+  CRegistry::SetupTree(true);
+  EXPECT_TRUE(CRegistry::MIsSetup);
+  EXPECT_EQ(Dump(*CRegistry::MLocalMachine), "[SOFTWARE]\nx=d=1\n\n\n");
+}
+
+TEST_F(Registry, HiveEntryThatIsAValueCountsAsAbsent) {
+  Given("HKEY_LOCAL_MACHINE=s=text\nHKEY_USERS=d=5\nx=d=1\n\n");
+  const CRegistry handle;
+  EXPECT_TRUE(CRegistry::MIsSetup);
+  EXPECT_EQ(CRegistry::MLocalMachine, nullptr);
+  EXPECT_EQ(Tree(), "x=d=1\n\n");  // the entries are hives without keys now
+}
+
+TEST_F(Registry, HiveThatALaterFileTurnsIntoAValueIsNoLongerWired) {
+  Given(kSmall);
+  { const CRegistry handle; }
+  Given("HKEY_LOCAL_MACHINE=s=text\n\n");
+  CRegistry::SetupTree(true);
+  EXPECT_EQ(CRegistry::MLocalMachine, nullptr);
+}
+
+TEST_F(Registry, HandleWithoutHivesPutsFiveEmptyEntriesThatAreNotSaved) {
+  Given("x=d=1\n\n");
+  const CRegistry handle;
+  const auto entries = CRegistry::MRoot.Entries();
+  ASSERT_EQ(entries.size(), 6U);
+  for (const char* name :
+       {"HKEY_LOCAL_MACHINE", "HKEY_CURRENT_USER", "HKEY_USERS", "HKEY_CLASSES_ROOT", "HKEY_CURRENT_CONFIG"}) {
+    const StrMapEntry* entry = CRegistry::MRoot.Find(name);
+    ASSERT_NE(entry, nullptr) << name;
+    EXPECT_EQ(entry->value.type, REG_NODE);
+    EXPECT_EQ(entry->value.slot.pointer, nullptr);
+  }
+  EXPECT_EQ(Tree(), "x=d=1\n\n");
+}
+
+TEST_F(Registry, KeysMadeBeforeAnyLoadSurviveTheNextHandle) {
+  CRegistry maker;
+  ASSERT_EQ(maker.CreateKey(&CRegistry::MRoot, "HKEY_USERS\\A", false, 0), 0);
+  ASSERT_EQ(maker.SetValue("x", 1U), 0);
+  CRegistry::MIsDirty = false;  // nothing is saved, so nothing can be loaded
+  const CRegistry other;
+  EXPECT_EQ(Tree(), "[HKEY_USERS]\n[A]\nx=d=1\n\n\n\n");
+}
+
+TEST_F(Registry, ReadTreeRefusesANullPath) {
+  CRegistryNode key;
+  EXPECT_FALSE(CRegistry::ReadTree(nullptr, key));
+  EXPECT_FALSE(CRegistry::ReadTree("", key));
+}
+
+TEST_F(Registry, ReadTreeMergesIntoAnyKey) {
+  Given(kExample);
+  CRegistryNode key;
+  EXPECT_TRUE(CRegistry::ReadTree(File().c_str(), key));
+  EXPECT_EQ(Dump(key), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nBlob=b=0a ff \nCount=d=-5\nName=s=some text\n\n\n\n");
+}
+
+TEST_F(Registry, DirectoryOrFifoInPlaceOfTheFileFallsBack) {
+  Given(kSmall, "registry.default");
+  ASSERT_EQ(mkdir(File().c_str(), 0755), 0);
+  ASSERT_EQ(mkfifo(File("registry.old").c_str(), 0644), 0);  // nobody ever writes into it
+  const CRegistry handle;
+  EXPECT_EQ(Tree(), kSmall);
+}
+
+TEST_F(Registry, HugeLinesAreSplitAndRead) {
+  Given("x=s=" + std::string(5000000, 'y') + "\n");
+  CRegistry handle;
+  EXPECT_TRUE(CRegistry::MIsSetup);
+  EXPECT_EQ(handle.GetValueSize("x", &CRegistry::MRoot), 1020U);
+}
+
+TEST_F(Registry, ChangedTreeIsSavedWhenAHandleIsDestroyed) {
+  Given(kSmall);
+  {
+    CRegistry handle("SOFTWARE", CRegistry::MLocalMachine, 0);
+    EXPECT_EQ(handle.SetValue("y", "text"), 0);
+    EXPECT_TRUE(CRegistry::MIsDirty);
+    EXPECT_EQ(ReadFile(File()), kSmall);
+  }
+  EXPECT_FALSE(CRegistry::MIsDirty);
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nx=d=1\ny=s=text\n\n\n\n");
+  EXPECT_EQ(ReadFile(File("registry.old")), kSmall);
+  EXPECT_FALSE(Exists(File("registry.new")));
+  EXPECT_FALSE(Exists(File("registry.unread")));
+}
+
+TEST_F(Registry, UnchangedTreeIsNotSaved) {
+  Given("  x=d=1\n\n");
+  { const CRegistry handle; }
+  EXPECT_EQ(ReadFile(File()), "  x=d=1\n\n");
+  EXPECT_FALSE(Exists(File("registry.old")));
+}
+
+TEST_F(Registry, SavingOverAnEmptyFileLeavesTheBackupUntouched) {
+  Given("");
+  Given(kSmall, "registry.old");
+  Change();
+  EXPECT_EQ(ReadFile(File("registry.old")), kSmall);
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n");
+}
+
+TEST_F(Registry, SavedFileIsReadableByEverybodyWhateverTheUmask) {
+  Given(kSmall);
+  const mode_t before = umask(0077);
+  Change();
+  umask(before);
+  EXPECT_EQ(ModeOf(File()), 0644U);
+}
+
+TEST_F(Registry, StaleTemporaryFileIsEmptiedAndGetsTheMode) {
+  Given(kSmall);
+  Given(std::string(10000, 'x'), "registry.new");
+  chmod(File("registry.new").c_str(), 0600);
+  Change();
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n");
+  EXPECT_EQ(ModeOf(File()), 0644U);
+}
+
+TEST_F(Registry, FileThatCannotBeOpenedLosesTheChangeAndClearsTheFlag) {
+  Given(kSmall);
+  ASSERT_EQ(mkdir(File("registry.new").c_str(), 0755), 0);
+  Change();
+  EXPECT_FALSE(CRegistry::MIsDirty);
+  EXPECT_EQ(ReadFile(File()), kSmall);
+  EXPECT_FALSE(Exists(File("registry.old")));
+  ASSERT_EQ(rmdir(File("registry.new").c_str()), 0);
+  { const CRegistry handle; }
+  EXPECT_EQ(ReadFile(File()), kSmall);  // it is not tried again
+}
+
+TEST_F(Registry, FifoInPlaceOfTheTemporaryFileDoesNotHang) {
+  Given(kSmall);
+  ASSERT_EQ(mkfifo(File("registry.new").c_str(), 0644), 0);
+  const int reader = open(File("registry.new").c_str(), O_RDONLY | O_NONBLOCK);  // opening for writing would succeed
+  Change();
+  close(reader);
+  EXPECT_EQ(ReadFile(File()), kSmall);
+  EXPECT_TRUE(Exists(File("registry.new")));  // not ours to remove
+}
+
+// A limit on the size of files fails writes as a full disk does.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit{bytes, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
+
+ private:
+  rlimit before_;
+};
+
+TEST_F(Registry, FailedWriteKeepsTheOldFileAndRemovesTheTemporaryOne) {
+  Given(kSmall);
+  for (const rlim_t bytes : {0UL, 1UL, 40UL}) {
+    const FileSizeLimit limit(bytes);
+    Change();
+    EXPECT_FALSE(CRegistry::MIsDirty);
+    EXPECT_EQ(ReadFile(File()), kSmall);
+    EXPECT_FALSE(Exists(File("registry.new")));
+    EXPECT_FALSE(Exists(File("registry.old")));
+  }
+  Change();
+  EXPECT_NE(ReadFile(File()), kSmall);
+}
+
+TEST_F(Registry, ChangeMadeAfterAFailedSaveIsSavedWithTheEarlierOne) {
+  Given(kSmall);
+  {
+    const FileSizeLimit limit(1);
+    Change();
+  }
+  {
+    CRegistry handle(CRegistry::MLocalMachine);
+    EXPECT_EQ(handle.SetValue("later", 2U), 0);
+  }
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\nlater=d=2\n[SOFTWARE]\nx=d=1\n\n\n\n");
+}
+
+TEST_F(Registry, UnreadableFileIsKeptOnceBeforeTheFirstSaveReplacesIt) {
+  constexpr std::string_view kUnreadable = "precious, but not a registry\n";
+  Given(kUnreadable);
+  {
+    CRegistry handle;
+    ASSERT_EQ(handle.CreateKey(&CRegistry::MRoot, "HKEY_LOCAL_MACHINE", false, 0), 0);
+  }
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\n\n\n");
+  EXPECT_EQ(ReadFile(File("registry.old")), kUnreadable);
+  EXPECT_EQ(ReadFile(File("registry.unread")), kUnreadable);
+  {
+    CRegistry handle;  // what was saved has no values, so it does not load either
+    ASSERT_EQ(handle.CreateKey(&CRegistry::MRoot, "HKEY_LOCAL_MACHINE\\A", false, 0), 0);
+  }
+  EXPECT_EQ(ReadFile(File("registry.old")), "[HKEY_LOCAL_MACHINE]\n\n\n");
+  EXPECT_EQ(ReadFile(File("registry.unread")), kUnreadable);
+}
+
+TEST_F(Registry, UnreadableFileOfALaterProcessDoesNotReplaceTheFirstKept) {
+  Given("first kept\n", "registry.unread");
+  Given("second\n");
+  CRegistry handle;
+  ASSERT_EQ(handle.CreateKey(&CRegistry::MRoot, "K", false, 0), 0);
+  CRegistry::SaveTree();
+  EXPECT_EQ(ReadFile(File("registry.unread")), "first kept\n");
+}
+
+TEST_F(Registry, EmptyUnreadableFileIsNotKept) {
+  Given("");
+  CRegistry handle;
+  ASSERT_EQ(handle.CreateKey(&CRegistry::MRoot, "K", false, 0), 0);
+  CRegistry::SaveTree();
+  EXPECT_FALSE(Exists(File("registry.unread")));
+}
+
+TEST_F(Registry, CorruptFileBesideAGoodBackupIsNotKeptTwice) {
+  Given("not a registry\n");
+  Given(kSmall, "registry.old");
+  Change();
+  EXPECT_EQ(ReadFile(File("registry.old")), "not a registry\n");
+  EXPECT_FALSE(Exists(File("registry.unread")));
+}
+
+TEST_F(Registry, SavedTreeIsLoadedAgain) {
+  Given(kSmall);
+  Change();
+  const std::string saved = Tree();
+  Restart();
+  const CRegistry handle;
+  EXPECT_EQ(Tree(), saved);
+}
+
+TEST_F(Registry, HundredThousandKeysDeepIsLoadedSavedAndDestroyed) {
+  std::string text = "[HKEY_LOCAL_MACHINE]\n";
+  for (int i = 0; i < 100000; ++i) text += "[k]\n";
+  text += "x=d=1\n" + std::string(100002, '\n');
+  Given(text);
+  {
+    CRegistry handle(CRegistry::MLocalMachine);
+    EXPECT_EQ(handle.SetValue("y", 1U), 0);
+  }
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\ny=d=1\n" + text.substr(text.find("[k]")));
+  CRegistry handle(CRegistry::MLocalMachine);
+  EXPECT_EQ(handle.DeleteKey("k"), 0);
+}
+
+// The real place of the files, in a mount namespace where nothing of the system's own can be met.
+TEST_F(Registry, FilesLieInTheSystemsDirectory) {
+  const pid_t child = fork();
+  if (child == 0) {
+    try {
+      const std::string user = "0 " + std::to_string(getuid()) + " 1";
+      const std::string group = "0 " + std::to_string(getgid()) + " 1";
+      if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) _exit(77);
+      qx::test::WriteFile("/proc/self/uid_map", user);
+      qx::test::WriteFile("/proc/self/setgroups", "deny");
+      qx::test::WriteFile("/proc/self/gid_map", group);
+      if (mount("none", "/etc", "tmpfs", 0, nullptr) != 0 || mkdir("/etc/brollan", 0755) != 0) _exit(77);
+      qx::registry::StartAfresh(nullptr);
+      qx::test::WriteFile("/etc/brollan/registry.default", kSmall);
+      Change();
+      const bool is_saved =
+          ReadFile("/etc/brollan/registry") == "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n";
+      _exit(is_saved ? 0 : 1);
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "%s\n", error.what());
+      _exit(99);
+    }
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
+  EXPECT_EQ(status, 0) << "77: allow unprivileged user namespaces (kernel.unprivileged_userns_clone)";
+}
+
+}  // namespace

@@ -1,0 +1,141 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/registry/RegistryFixture.h"
+
+namespace {
+
+using qx::test::Dump;
+using qx::test::ReadFile;
+using qx::test::RegistryTest;
+
+class RegistryThreads : public RegistryTest {
+ protected:
+  RegistryThreads() { Given("[HKEY_LOCAL_MACHINE]\nanchor=d=1\n\n\n"); }
+
+  static void Run(int count, const std::function<void(int)>& work) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < count; ++t) threads.emplace_back(work, t);
+    for (std::thread& thread : threads) thread.join();
+  }
+};
+
+constexpr int kRounds = 60;
+
+// Each handle that is destroyed saves; so every thread's changes race with every other's save.
+TEST_F(RegistryThreads, FourThreadsSettingReadingAndSavingLoseNothing) {
+  Run(4, [](int thread) {
+    const std::string path = "T" + std::to_string(thread) + "\\Deep";
+    for (int round = 0; round < kRounds; ++round) {
+      CRegistry handle;
+      EXPECT_EQ(handle.CreateKey(CRegistry::MLocalMachine, path.c_str(), false, 0), 0);
+      const std::string name = "v" + std::to_string(round);
+      EXPECT_EQ(handle.SetValue(name.c_str(), static_cast<unsigned>(round)), 0);
+      unsigned number = 0;
+      EXPECT_EQ(handle.QueryValue(&number, name.c_str()), 0);
+      EXPECT_EQ(number, static_cast<unsigned>(round));
+    }
+  });
+  EXPECT_FALSE(CRegistry::MIsDirty);
+  EXPECT_EQ(ReadFile(File()), Tree());
+  for (int thread = 0; thread < 4; ++thread) {
+    const std::string path = "T" + std::to_string(thread) + "\\Deep";
+    const CRegistry handle(path.c_str(), CRegistry::MLocalMachine, 0);
+    ASSERT_NE(handle.CurrentKey(), nullptr);
+    EXPECT_EQ(handle.CurrentKey()->Entries().size(), static_cast<std::size_t>(kRounds));
+  }
+}
+
+TEST_F(RegistryThreads, OneKeyWrittenByAllOfThemKeepsEveryValue) {
+  Run(4, [](int thread) {
+    CRegistry handle(CRegistry::MLocalMachine);
+    for (int i = 0; i < 500; ++i) {
+      const std::string name = std::to_string(i) + "-" + std::to_string(thread);
+      EXPECT_EQ(handle.SetValue(name.c_str(), name.c_str()), 0);
+      EXPECT_EQ(handle.SetValue("shared", name.c_str()), 0);
+      std::string read;
+      EXPECT_EQ(handle.QueryValue(read, "shared"), 0);
+      if (i % 3 == 0) {
+        EXPECT_EQ(handle.DeleteValue(name.c_str()), 0);
+      }
+    }
+  });
+  EXPECT_EQ(CRegistry::MLocalMachine->Entries().size(), 4U * (500 - 167) + 2);
+  EXPECT_EQ(ReadFile(File()), Tree());
+}
+
+TEST_F(RegistryThreads, ThreadsThatCreateTheSameKeyGetTheSameKey) {
+  for (int round = 0; round < 20; ++round) {
+    const std::string path = "K" + std::to_string(round) + "\\L";
+    CRegistryNode* keys[4] = {};
+    Run(4, [&](int thread) {
+      CRegistry handle;
+      EXPECT_EQ(handle.CreateKey(CRegistry::MLocalMachine, path.c_str(), false, 0), 0);
+      keys[thread] = handle.KeepKeyHandle();
+    });
+    for (const CRegistryNode* key : keys) EXPECT_EQ(key, keys[0]);
+  }
+}
+
+TEST_F(RegistryThreads, FirstHandlesOfAllThreadsLoadOnce) {
+  Run(8, [](int) {
+    CRegistry handle(CRegistry::MLocalMachine);
+    EXPECT_EQ(handle.GetValueSize("anchor"), 4U);
+  });
+  EXPECT_EQ(Tree(), "[HKEY_LOCAL_MACHINE]\nanchor=d=1\n\n\n");
+}
+
+TEST_F(RegistryThreads, KeysAreDeletedAndMadeWhileTheTreeIsSaved) {
+  Run(4, [](int thread) {
+    const std::string name = "K" + std::to_string(thread);
+    for (int round = 0; round < kRounds; ++round) {
+      CRegistry handle;
+      EXPECT_EQ(handle.CreateKey(CRegistry::MLocalMachine, (name + "\\A\\B\\C").c_str(), false, 0), 0);
+      EXPECT_EQ(handle.SetValue("x", 1U), 0);
+      EXPECT_EQ(handle.Open("", CRegistry::MLocalMachine, 0), 0);
+      EXPECT_EQ(handle.DeleteKey(name.c_str()), 0);
+      CRegistry::SaveTree();
+    }
+  });
+  EXPECT_EQ(Tree(), "[HKEY_LOCAL_MACHINE]\nanchor=d=1\n\n\n");
+  EXPECT_EQ(ReadFile(File()), Tree());
+}
+
+// A forced load exchanges the content of the keys that stay, so handles of other threads go on working.
+TEST_F(RegistryThreads, HandlesGoOnReadingWhileTheTreeIsLoadedAnew) {
+  Given("[HKEY_LOCAL_MACHINE]\n[A]\n[B]\nx=s=text\n\n\n\n\n");
+  { const CRegistry first; }
+  std::atomic<bool> done{false};
+  std::thread loader([&] {
+    for (int i = 0; i < 200; ++i) CRegistry::SetupTree(true);
+    done = true;
+  });
+  Run(3, [&](int) {
+    CRegistry handle("A\\B", CRegistry::MLocalMachine, 0);
+    ASSERT_NE(handle.CurrentKey(), nullptr);
+    while (!done) {
+      std::string text;
+      EXPECT_EQ(handle.QueryValue(text, "x"), 0);
+      EXPECT_EQ(text, "text");
+    }
+  });
+  loader.join();
+}
+
+TEST_F(RegistryThreads, SavingHoldsTheLocksOfAWholeDeepPathAndFreesThem) {
+  std::string text = "[HKEY_LOCAL_MACHINE]\n";
+  for (int i = 0; i < 40; ++i) text += "[k]\n";  // the race detector follows no more than 64 locks at a time
+  text += "x=d=1\n" + std::string(42, '\n');
+  Given(text);
+  { const CRegistry handle; }
+  std::thread([&] { EXPECT_EQ(Dump(CRegistry::MRoot), text); }).join();
+  EXPECT_EQ(Dump(CRegistry::MRoot), text);
+}
+
+}  // namespace
