@@ -1,7 +1,6 @@
 // The reading primitive: one open, one walk, nothing allocated.
 #include <fcntl.h>
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 #include <optional>
@@ -59,8 +58,7 @@ class Result {
  private:
   // Copies what fits into `room` bytes and ends it with NUL; there is always one more byte for that.
   void Copy(std::string_view text, std::size_t room) {
-    const std::size_t length = std::min(text.size(), room);
-    std::memcpy(buf_ + count_, text.data(), length);
+    const std::size_t length = text.copy(buf_ + count_, room);
     buf_[count_ + length] = '\0';
   }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "inifile/IniFile.h"
+#include "tests/inifile/MemoryFile.h"
 #include "tests/support/Support.h"
 
 namespace {
@@ -57,7 +58,7 @@ class IniFileRead : public testing::Test {
   }
 
   qx::test::TempDir dir_;
-  const std::string path_ = dir_.File("profile.ini");
+  std::string path_ = dir_.File("profile.ini");
 };
 
 using Names = std::vector<std::string>;
@@ -293,9 +294,11 @@ TEST_F(IniFileRead, HugeSparseFileEndsInTime) {
 }
 
 TEST_F(IniFileRead, EveryPrefixOfAGoodFileReadsWithoutHarm) {
+  const qx::test::MemoryFile file;
+  path_ = file.Path();
   const std::string whole = "\n[S]\n; c\nk = v ; n\n [T]\nk=" + std::string(1100, 'y') + "\n=e\n[U\n\xFF\xFE=\x80\n";
   for (std::size_t length = 0; length <= whole.size(); ++length) {
-    Write(whole.substr(0, length));
+    file.Write(whole.substr(0, length));
     const std::string value = Value("S", "k");
     EXPECT_TRUE(value == "v" || (value == "(default)" && length < 14)) << length << ": " << value;
     (void)List(nullptr);

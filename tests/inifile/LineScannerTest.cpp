@@ -10,6 +10,7 @@
 
 #include "inifile/RegularFile.h"
 #include "tests/inifile/FgetsProfile.h"
+#include "tests/inifile/MemoryFile.h"
 #include "tests/support/Support.h"
 
 namespace {
@@ -30,10 +31,10 @@ std::vector<PlainLine> ScannedLines(const std::string& path, std::size_t window_
 }
 
 std::vector<std::string> Texts(const std::string& bytes) {
-  const qx::test::TempDir dir;
-  qx::test::WriteFile(dir.File("f"), bytes);
+  const qx::test::MemoryFile file;
+  file.Write(bytes);
   std::vector<std::string> texts;
-  for (const PlainLine& line : ScannedLines(dir.File("f"), LineScanner::kWindowBytes)) texts.push_back(line.text);
+  for (const PlainLine& line : ScannedLines(file.Path(), LineScanner::kWindowBytes)) texts.push_back(line.text);
   return texts;
 }
 
@@ -106,10 +107,10 @@ std::string RandomBytes(std::mt19937_64& random) {
 // Windows of one line, of a line and a byte, and the real one: a line may lie across a window's end anywhere.
 TEST(LineScanner, AgreesWithFgetsOnRandomBytesAcrossAnyWindow) {
   std::mt19937_64 random(qx::test::Seed("LineScanner"));
-  const qx::test::TempDir dir;
-  const std::string path = dir.File("f");
+  const qx::test::MemoryFile file;
+  const std::string path = file.Path();
   for (int round = 0; round < 600; ++round) {
-    qx::test::WriteFile(path, RandomBytes(random));
+    file.Write(RandomBytes(random));
     const std::vector<PlainLine> expected = qx::test::FgetsLines(path);
     for (const std::size_t window :
          {std::size_t{1023}, std::size_t{1024}, 1023 + random() % 3000, LineScanner::kWindowBytes}) {

@@ -1,0 +1,173 @@
+// Files that cannot be opened or written: a clean false, and a file that is as good as before.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <string>
+
+#include "inifile/IniFile.h"
+#include "tests/inifile/MemoryFile.h"
+#include "tests/support/Support.h"
+
+namespace {
+
+bool Set(const std::string& path, const char* section, const char* key, const char* value) {
+  return CIniFile::WritePrivateProfileString(section, key, value, path.c_str());
+}
+
+// Runs `action` in a child in which no file may grow over `limit` bytes, and tells what it returned.
+template <typename Action>
+bool WithFileSizeLimit(std::size_t limit, Action action) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlimit size = {limit, limit};
+    const bool is_set = std::signal(SIGXFSZ, SIG_IGN) != SIG_ERR && setrlimit(RLIMIT_FSIZE, &size) == 0;
+    _exit(!is_set ? 2 : action() ? 1 : 0);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
+  EXPECT_NE(WEXITSTATUS(status), 2);
+  return WEXITSTATUS(status) == 1;
+}
+
+class IniFileFault : public testing::Test {
+ protected:
+  qx::test::TempDir dir_;
+  const std::string path_ = dir_.File("profile.ini");
+};
+
+// Each limit from 0 to the size that the edit needs: the write fails at every byte in turn.
+TEST_F(IniFileFault, EditThatRunsOutOfRoomIsFalseAndLeavesTheFileAsItWas) {
+  const std::string before = "[S]\nx=0\nk=1\nb=2\n";
+  const std::string after = "[S]\nx=0\nk=longer\nb=2\n";
+  for (std::size_t limit = before.size(); limit <= after.size(); ++limit) {
+    qx::test::WriteFile(path_, before);
+    const bool result = WithFileSizeLimit(limit, [&] { return Set(path_, "S", "k", "longer"); });
+    EXPECT_EQ(result, limit == after.size()) << limit;
+    EXPECT_EQ(qx::test::ReadFile(path_), result ? after : before) << limit;
+  }
+}
+
+TEST_F(IniFileFault, InsertionThatRunsOutOfRoomIsFalseAndLeavesTheFileAsItWas) {
+  const std::string before = "[S]\nx=0\n\n[T]\n";
+  for (std::size_t limit = before.size(); limit < before.size() + 4; ++limit) {
+    qx::test::WriteFile(path_, before);
+    EXPECT_FALSE(WithFileSizeLimit(limit, [&] { return Set(path_, "S", "k", "1"); })) << limit;
+    EXPECT_EQ(qx::test::ReadFile(path_), before) << limit;
+  }
+}
+
+TEST_F(IniFileFault, AppendThatRunsOutOfRoomIsFalseAndLeavesNoHalfLine) {
+  const std::string before = "[S]\nx=0\n";
+  for (std::size_t limit = before.size(); limit < before.size() + 4; ++limit) {
+    qx::test::WriteFile(path_, before);
+    EXPECT_FALSE(WithFileSizeLimit(limit, [&] { return Set(path_, "S", "k", "1"); })) << limit;
+    EXPECT_EQ(qx::test::ReadFile(path_), before) << limit;
+  }
+}
+
+TEST_F(IniFileFault, NewFileThatRunsOutOfRoomIsFalseAndEmpty) {
+  EXPECT_FALSE(WithFileSizeLimit(3, [&] { return Set(path_, "S", "k", "1"); }));
+  EXPECT_EQ(qx::test::ReadFile(path_), "");
+}
+
+TEST_F(IniFileFault, ShrinkingEditNeedsNoRoom) {
+  qx::test::WriteFile(path_, "[S]\nx=0\nk=long\n[T]\n");
+  EXPECT_TRUE(WithFileSizeLimit(19, [&] { return Set(path_, "S", "k", "1"); }));
+  EXPECT_EQ(qx::test::ReadFile(path_), "[S]\nx=0\nk=1\n[T]\n");
+}
+
+// A limit below the file's size fails the write of the first overwritten byte behind it: the file is left as far as it
+// was written, and the result says so.
+TEST_F(IniFileFault, WriteThatFailsInTheMiddleIsFalse) {
+  const std::string tail(20000, 't');
+  qx::test::WriteFile(path_, "[S]\nx=0\nk=long\n" + tail);
+  EXPECT_FALSE(WithFileSizeLimit(9000, [&] { return Set(path_, "S", "k", "1"); }));
+}
+
+TEST_F(IniFileFault, DirectoryAndPipeAreNeverWritten) {
+  EXPECT_FALSE(Set(dir_.Path(), "S", "k", "1"));
+  EXPECT_FALSE(Set(dir_.Path(), "S", "k", nullptr));
+  ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+  EXPECT_FALSE(Set(path_, "S", "k", "1"));
+  EXPECT_FALSE(Set(path_, "S", nullptr, nullptr));
+}
+
+TEST_F(IniFileFault, FileInAMissingDirectoryCannotBeCreatedAndHoldsNothingToDelete) {
+  EXPECT_FALSE(Set(dir_.File("missing/f"), "S", "k", "1"));
+  EXPECT_TRUE(Set(dir_.File("missing/f"), "S", "k", nullptr));
+  qx::test::WriteFile(path_, "");
+  EXPECT_FALSE(Set(path_ + "/f", "S", "k", "1"));
+  EXPECT_TRUE(Set(path_ + "/f", "S", "k", nullptr));
+}
+
+TEST_F(IniFileFault, SymbolicLinkLoopIsFalse) {
+  ASSERT_EQ(symlink(path_.c_str(), path_.c_str()), 0);
+  EXPECT_FALSE(Set(path_, "S", "k", "1"));
+  EXPECT_FALSE(Set(path_, "S", "k", nullptr));
+}
+
+bool AsOrdinaryUser(auto action) {
+  return WithFileSizeLimit(1 << 20, [&] { return (geteuid() != 0 || setuid(65534) == 0) && action(); });
+}
+
+TEST_F(IniFileFault, ReadOnlyFileIsNotWritten) {
+  const std::string before = "[S]\nx=0\nk=1\n";
+  qx::test::WriteFile(path_, before);
+  ASSERT_EQ(chmod(path_.c_str(), 0444), 0);
+  ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
+  EXPECT_TRUE(AsOrdinaryUser([&] { return !Set(path_, "S", "k", "2") && !Set(path_, "S", "k", nullptr); }));
+  EXPECT_EQ(qx::test::ReadFile(path_), before);
+}
+
+TEST_F(IniFileFault, UnreadableFileDoesNotOpen) {
+  qx::test::WriteFile(path_, "[S]\nk=1\n");
+  ASSERT_EQ(chmod(path_.c_str(), 0), 0);
+  ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
+  EXPECT_FALSE(AsOrdinaryUser([&] { return CIniFile().Open(path_.c_str(), true); }));
+  EXPECT_FALSE(AsOrdinaryUser([&] { return CIniFile::WritePrivateProfileString("S", "k", "2", path_.c_str()); }));
+}
+
+TEST_F(IniFileFault, NoDescriptorStaysOpen) {
+  const auto open_descriptors = [] {
+    int count = 0;
+    for (int fd = 0; fd < 256; ++fd) count += fcntl(fd, F_GETFD) != -1 ? 1 : 0;
+    return count;
+  };
+  const int before = open_descriptors();
+  CIniFile ini;
+  EXPECT_TRUE(ini.Open(path_.c_str(), false));
+  EXPECT_TRUE(ini.SetString("S", "k", "1"));
+  EXPECT_TRUE(ini.SetString("S", "k", "2"));
+  EXPECT_TRUE(ini.SetString("T", "k", "2"));
+  EXPECT_FALSE(ini.DeleteKey("S", "x"));
+  EXPECT_TRUE(ini.DeleteSection("S"));
+  EXPECT_STREQ(ini.GetEnum("T"), "k");
+  EXPECT_FALSE(ini.Open(dir_.Path().c_str(), true));
+  EXPECT_FALSE(Set(dir_.Path(), "S", "k", "1"));
+  EXPECT_EQ(open_descriptors(), before);
+}
+
+// Offsets of an edit are 32 bits wide: further back an edit is refused, never made at another place. A file in memory
+// keeps its hole of four gibibytes out of the page cache.
+#ifdef __OPTIMIZE__
+TEST_F(IniFileFault, PlaceBehindFourGibibytesIsNotEdited) {
+  const qx::test::MemoryFile file;
+  file.Write("[S]\nx=0\n");
+  const off_t size = (off_t{1} << 32) + 8;
+  ASSERT_EQ(truncate(file.Path().c_str(), size), 0);
+  ASSERT_TRUE(Set(file.Path(), "T", "k", "1"));
+  ASSERT_FALSE(Set(file.Path(), "T", "k", "2"));
+  EXPECT_EQ(std::filesystem::file_size(file.Path()), static_cast<std::uintmax_t>(size) + 10);
+}
+#endif
+
+}  // namespace
