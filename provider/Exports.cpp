@@ -8,6 +8,7 @@
 
 #include "debug/Debug.h"
 #include "markup/Markup.h"
+#include "provider/BufferPool.h"
 #include "provider/FileTransferProvider.h"
 #include "provider/KrxAdapterModule.h"
 #include "provider/KrxRequestParams.h"
@@ -68,6 +69,7 @@ int RunRequest(const wcs_gendata* params, const char* input, char** reply, Opera
     } else {
       CKrxAdapterModule::FreeReplyString(text);
     }
+    qx::provider::transfer_buffers.GiveBack(out.ReleaseDoc());  // a chunk of records is worth keeping the room for
     return result;
   });
 }

@@ -278,9 +278,18 @@ int ReportTransfer::ReplyNoMoreRecords() {
   return kNoMoreRecords;
 }
 
+// An empty document takes the reply in a kept buffer: its text is as large as the records, and who handed the document
+// over gives the buffer back (BufferPool::GiveBack of ReleaseDoc).
+void ReportTransfer::MakeRoomForReply(const std::string& records) {
+  constexpr std::size_t kMarkupBytes = 256;  // tags, indices and the start and end of the section
+  if (!out_.GetDoc().empty()) return;
+  out_.SetDoc(transfer_buffers.Take(records.size() + 2 * request_.escaped_name.size() + kMarkupBytes));
+}
+
 // A refused caller's document has an "Error" root already: the element added here is its second one, and a document
 // with two roots leaves the module as no reply at all.
 int ReportTransfer::ReplyRecords(const std::string& records) {
+  MakeRoomForReply(records);
   out_.AddElem("ReportData");
   out_.SetAttrib("Name", request_.escaped_name.c_str());
   out_.SetAttrib("StartIndex", request_.start_index);

@@ -89,6 +89,7 @@ class ReportTransfer {
 
   [[nodiscard]] int ReplyNotReadable(int error_number);
   [[nodiscard]] int ReplyNoMoreRecords();
+  void MakeRoomForReply(const std::string& records);
   [[nodiscard]] int ReplyRecords(const std::string& records);
 
   CKrxAdapterModule& module_;

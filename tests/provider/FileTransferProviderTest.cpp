@@ -12,7 +12,9 @@
 #include <type_traits>
 #include <vector>
 
+#include "provider/BufferPool.h"
 #include "provider/Low32.h"
+#include "provider/ModuleExports.h"
 #include "tests/provider/FailingNew.h"
 #include "tests/provider/TransferFixture.h"
 
@@ -420,6 +422,28 @@ TEST_F(FileTransferProviderCall, MemoryThatRunsOutAnywhereLeavesTheTransferIntac
     EXPECT_EQ(OpenDescriptors(), open) << nth;
   }
   EXPECT_GT(nth, 5);
+}
+
+// A chunk's two big buffers, records and document, are the pool's again when the exported function returns.
+TEST_F(FileTransferProviderCall, TheBigBuffersOfACallAreKeptForTheNext) {
+  const std::string half(400000, 'h');
+  Append("r1", 10, {half, half});
+  ASSERT_EQ(CreateModule(nullptr), 1);
+  qx::provider::transfer_buffers.Clear();
+  const std::unique_ptr<BlockBuilder> block = BlockBuilder::Request("GetReports");
+  std::size_t kept_bytes = 0;
+  for (int call = 0; call < 3; ++call) {
+    char* text = nullptr;
+    EXPECT_EQ(GetReports(block->Block(), "<ReportData Name=\"r1\"/>", &text), 0);
+    EXPECT_EQ(text, Records("r1", 0, 2, half + "\r\n" + half + "\r\n").document);
+    __free(text);
+    EXPECT_EQ(qx::provider::transfer_buffers.KeptCount(), 2U);
+    if (call == 0) kept_bytes = qx::provider::transfer_buffers.KeptBytes();
+    EXPECT_EQ(qx::provider::transfer_buffers.KeptBytes(), kept_bytes);
+  }
+  __threadend(block->Entry(0)->value);
+  DeleteModule();
+  qx::provider::transfer_buffers.Clear();
 }
 
 }  // namespace
