@@ -1,0 +1,143 @@
+// Many threads trace while the settings change under them: every entry is in the log once, whole and in its order.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "tests/debug/TraceFixture.h"
+
+namespace {
+
+using qx::test::TraceSetup;
+using qx::test::WriteFile;
+
+constexpr int kThreads = 16;
+constexpr int kEntriesEach = 300;
+
+void RunThreads(int count, const std::function<void(int)>& body) {
+  std::vector<std::thread> threads;
+  threads.reserve(static_cast<std::size_t>(count));
+  for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
+  for (std::thread& thread : threads) thread.join();
+}
+
+// "S [T] QxTrace       t<thread> e<entry> xxxx": the next entry of every thread, checked line by line.
+void ExpectEveryEntryOnceWholeAndInOrder(const std::string& log) {
+  std::map<int, int> next_of_thread;
+  std::istringstream lines(log);
+  std::string line;
+  int count = 0;
+  while (std::getline(lines, line)) {
+    int thread = -1;
+    int entry = -1;
+    int end = 0;
+    ASSERT_EQ(std::sscanf(line.c_str(), "S [T] QxTrace       t%d e%d %n", &thread, &entry, &end), 2) << line;
+    ASSERT_EQ(line.substr(static_cast<std::size_t>(end)), std::string(static_cast<std::size_t>(entry % 97), 'x'));
+    ASSERT_EQ(entry, next_of_thread[thread]++) << line;
+    ++count;
+  }
+  EXPECT_EQ(count, kThreads * kEntriesEach);
+}
+
+TEST(DebugThreads, SixteenThreadsLoseAndTearNoEntryWhileTheSettingsFilesChange) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "1");
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "-1");
+  const std::string levels[] = {"[QxTrace]\nFileDebugLevel=1\nTraceFlags=1\n[EndOfFile]",
+                                "[QxTrace]\nFileDebugLevel=4\n[EndOfFile]", "[QxTrace]\nFileDebugLevel=9\n",
+                                "[QxTrace]\nFileDebugLevel=2\nTraceFlags=7\n[EndOfFile]"};
+  setup.WriteIni("app.ini", levels[0]);
+  ASSERT_TRUE(setup.Init());
+
+  std::atomic<bool> is_over{false};
+  std::thread editor([&] {
+    for (std::time_t now = std::time(nullptr); !is_over;) {
+      for (const std::string& text : levels) {
+        WriteFile(setup.IniPath("app.ini"), text);
+        setup.Trace().CheckDynamicUpdate(now += 10);
+      }
+    }
+  });
+  RunThreads(kThreads, [&](int thread) {
+    for (int entry = 0; entry < kEntriesEach; ++entry) {
+      setup.Trace().Print(1, "\nt%d e%d %s", thread, entry,
+                          std::string(static_cast<std::size_t>(entry % 97), 'x').c_str());
+    }
+  });
+  is_over = true;
+  editor.join();
+  ExpectEveryEntryOnceWholeAndInOrder(setup.PlainLog());
+}
+
+// How many lines are neither a whole "t00 e000" entry, nor the head, nor a wrap line.
+int TornLines(const std::string& log) {
+  static const std::regex kWhole(
+      R"(S \[T\] QxTrace       (head|t[0-9]{2} e[0-9]{3}|------ WRAP ----- Cycle=[0-9]+, CntInitEnd=54, )"
+      R"(CurrentByteCnt=54 \(MaxCnt=20000\)))");
+  std::istringstream lines(log);
+  std::string line;
+  int count = 0;
+  while (std::getline(lines, line)) count += std::regex_match(line, kWhole) ? 0 : 1;
+  return count;
+}
+
+TEST(DebugThreads, WrapsKeepEveryLineWholeWhileManyThreadsTrace) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "20000");
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  setup.Trace().Print(1, "head");
+  setup.Trace().SetApplInitDone();
+  RunThreads(kThreads, [&](int thread) {
+    for (int entry = 0; entry < kEntriesEach; ++entry) setup.Trace().Print(1, "t%02d e%03d", thread, entry);
+  });
+  const std::string log = setup.PlainLog();
+  EXPECT_EQ(log.substr(0, 25), "S [T] QxTrace       head\n");
+  EXPECT_NE(log.find("------ WRAP ----- Cycle="), std::string::npos);
+  EXPECT_LE(TornLines(log), 1);  // where the newest entry meets the cycle before
+  EXPECT_LT(setup.Log().size(), 20000U + 1200);
+}
+
+TEST(DebugThreads, OneThreadMayTraceFromWithinATracedOperation) {
+  TraceSetup setup;
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  RunThreads(4, [&](int) {
+    for (int i = 0; i < 50; ++i) {
+      setup.Trace().WriteLogHeader(CDebug::kTargetLogFile);
+      char header[129];
+      setup.Trace().SetEntryHeader(header, sizeof header, nullptr);
+    }
+  });
+  EXPECT_NE(setup.Log().find("# End of header.\n"), std::string::npos);
+}
+
+TEST(DebugThreads, SwitchingTargetLevelAndLogWhileOthersTraceIsClean) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "-1");
+  ASSERT_TRUE(setup.InitAtLevel(3));
+  std::atomic<bool> is_over{false};
+  std::thread controller([&] {
+    while (!is_over) {
+      setup.Trace().ForceMaxDebug(false);
+      setup.Trace().SetTarget(CDebug::kTargetNone);
+      setup.Trace().ForceMaxDebug(true);
+      setup.Trace().SetApplInitDone();
+      EXPECT_TRUE(setup.Trace().Init(TraceSetup::kAppName));
+    }
+  });
+  RunThreads(4, [&](int thread) {
+    for (int entry = 0; entry < kEntriesEach; ++entry) {
+      if (setup.Trace().IsActive()) setup.Trace().Print(2, "t%d e%d", thread, entry);
+      setup.Trace().PrintAlways("always");
+    }
+  });
+  is_over = true;
+  controller.join();
+  EXPECT_TRUE(setup.Trace().IsActive());
+}
+
+}  // namespace
