@@ -7,7 +7,7 @@
 inline constexpr int kPredefEntityBuckets = 130;
 
 // Bucket x_Hash(name, 130) holds the entries of its names one after another: one digit for the name's length, four for
-// the code point, the name in lower case. "50916delta50948delta" is "Delta" (916) and then "delta" (948).
+// the code point, the name in lower case. "50916delta" is "Delta" (916), and "50948delta" stands behind it.
 extern const std::array<const char*, kPredefEntityBuckets> PredefEntityTable;
 
 namespace qx::markup {

@@ -182,25 +182,28 @@ std::size_t TokenPos::QuoteEnd(std::size_t from) const {
   return close == text_.size() ? kNotFound : close + 1;
 }
 
-// Behind the terminator, searched from `from` on. Once one was not found, none is looked for again.
+// Behind the terminator, searched from `from` on. Where none was found before, none is looked for again. A faulty
+// declaration may have searched further on than the node that is scanned after it, so only the place counts.
 template <char kFirst, char kSecond, char kThird>
-std::size_t TokenPos::TerminatorEnd(std::size_t from, bool& missing) const {
-  if (missing || from > text_.size()) return kNotFound;
+std::size_t TokenPos::TerminatorEnd(std::size_t from, std::size_t& missing_from) const {
+  if (from >= missing_from || from > text_.size()) return kNotFound;
   const char* const text_end = text_.data() + text_.size();
   const char* const found = qx::markup::FindTriple<kFirst, kSecond, kThird>(text_.data() + from, text_end);
-  missing = found == text_end;
-  return missing ? kNotFound : static_cast<std::size_t>(found - text_.data()) + 3;
+  if (found != text_end) return static_cast<std::size_t>(found - text_.data()) + 3;
+  missing_from = from;
+  return kNotFound;
 }
 
-std::size_t TokenPos::CommentEnd(std::size_t from) { return TerminatorEnd<'-', '-', '>'>(from, no_comment_end_); }
+std::size_t TokenPos::CommentEnd(std::size_t from) { return TerminatorEnd<'-', '-', '>'>(from, no_comment_end_from_); }
 
-std::size_t TokenPos::CDataEnd(std::size_t from) { return TerminatorEnd<']', ']', '>'>(from, no_cdata_end_); }
+std::size_t TokenPos::CDataEnd(std::size_t from) { return TerminatorEnd<']', ']', '>'>(from, no_cdata_end_from_); }
 
 std::size_t TokenPos::InstructionEnd(std::size_t from) {
-  if (no_instruction_end_) return kNotFound;
+  if (from >= no_instruction_end_from_) return kNotFound;
   const std::size_t found = text_.find("?>", from);
-  no_instruction_end_ = found == kNotFound;
-  return no_instruction_end_ ? kNotFound : found + 2;
+  if (found != kNotFound) return found + 2;
+  no_instruction_end_from_ = from;
+  return kNotFound;
 }
 
 TokenPos::Begins TokenPos::TextBegins(std::size_t from, std::string_view wanted) const {

@@ -2,7 +2,7 @@
 //
 // It knows where each construct begins and ends and nothing of what contains what. It never fails: a construct with a
 // fault becomes a fault node that reaches to the next "<", and scanning goes on there. Whatever the text holds, the
-// whole scan is linear: a search that once ran to the end of the text without a find is not made again.
+// whole scan is linear: a search that once ran to the end of the text without a find is not made again from there on.
 #pragma once
 
 #include <cstddef>
@@ -82,12 +82,13 @@ class TokenPos {
   template <char... kBytes>
   std::size_t Find(std::size_t from) const;
   template <char kFirst, char kSecond, char kThird>
-  std::size_t TerminatorEnd(std::size_t from, bool& missing) const;
+  std::size_t TerminatorEnd(std::size_t from, std::size_t& missing_from) const;
 
   std::string_view text_;
   bool ignore_case_;
-  bool no_comment_end_ = false;
-  bool no_instruction_end_ = false;
-  bool no_cdata_end_ = false;
+  // From these offsets on the text holds no "-->", "?>" and "]]>".
+  std::size_t no_comment_end_from_ = std::string_view::npos;
+  std::size_t no_instruction_end_from_ = std::string_view::npos;
+  std::size_t no_cdata_end_from_ = std::string_view::npos;
   bool doctype_failed_ = false;
 };

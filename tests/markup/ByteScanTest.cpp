@@ -1,0 +1,50 @@
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+#include "markup/ByteScan.h"
+#include "tests/support/Support.h"
+
+namespace {
+
+using namespace qx::markup;
+
+// The fast forms against the plain ones, over every length and offset of random texts from a small alphabet.
+TEST(ByteScan, FastSearchesAgreeWithPlainOnes) {
+  std::mt19937_64 random(qx::test::Seed("ByteScan"));
+  const std::string alphabet("a]]>-<\"'&\x7F\x80\x1F~ \n\0", 17);
+  for (int round = 0; round < 300; ++round) {
+    std::string text(random() % 70, 'a');
+    const std::size_t specials = random() % 6;
+    for (std::size_t i = 0; i < specials && !text.empty(); ++i) text[random() % text.size()] = alphabet[random() % 17];
+    if (round % 2 == 0) {
+      for (char& c : text) c = alphabet[random() % 4];
+    }
+    for (std::size_t from = 0; from <= text.size(); ++from) {
+      const char* p = text.data() + from;
+      const char* end = text.data() + text.size();
+      EXPECT_EQ((FindAnyOf<'<', '>'>(p, end)), (FindAnyOfPlain<'<', '>'>(p, end)));
+      EXPECT_EQ((FindAnyOf<'\0'>(p, end)), (FindAnyOfPlain<'\0'>(p, end)));
+      EXPECT_EQ((FindAnyOf<'&', '<', '>', '"', '\''>(p, end)), (FindAnyOfPlain<'&', '<', '>', '"', '\''>(p, end)));
+      EXPECT_EQ((FindTriple<']', ']', '>'>(p, end)), (FindTriplePlain<']', ']', '>'>(p, end)));
+      EXPECT_EQ(FindNotPrintable(p, end), FindNotPrintablePlain(p, end));
+    }
+  }
+}
+
+TEST(ByteScan, EveryByteIsToldPrintableOrNotTheSameWay) {
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string text = std::string(20, 'a') + static_cast<char>(byte) + std::string(20, 'a');
+    const bool printable = byte >= 0x20 && byte <= 0x7E;
+    const char* end = text.data() + text.size();
+    EXPECT_EQ(FindNotPrintable(text.data(), end) - text.data(), printable ? 41 : 20) << byte;
+  }
+}
+
+TEST(ByteScan, ATripleIsFoundWithOverlappingBeginnings) {
+  const std::string text = std::string(30, ']') + ">";
+  EXPECT_EQ((FindTriple<']', ']', '>'>(text.data(), text.data() + 31)) - text.data(), 28);
+}
+
+}  // namespace

@@ -1,0 +1,139 @@
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <random>
+#include <string>
+
+#include "markup/Markup.h"
+#include "tests/support/Support.h"
+
+namespace {
+
+constexpr int kQuotes = CMarkup::kEscapeQuotes;
+constexpr int kKeep = CMarkup::kKeepReferences;
+
+TEST(EscapeText, MarkupCharactersBecomeReferences) {
+  struct Row {
+    const char* text;
+    int flags;
+    const char* escaped;
+  };
+  const Row rows[] = {
+      {"a<b & \"c\"", 0, "a&lt;b &amp; \"c\""},
+      {"a<b & \"c\"", kQuotes, "a&lt;b &amp; &quot;c&quot;"},
+      {"it's >", kQuotes, "it&apos;s &gt;"},
+      {"it's >", 0, "it's &gt;"},
+      {"", 0, ""},
+      {nullptr, 0, ""},
+      {"&lt;", 0, "&amp;lt;"},
+      {"&lt; &#65; &#x4a; &#X4A; &name.1-x;", kKeep, "&lt; &#65; &#x4a; &#X4A; &name.1-x;"},
+      {"& &; &#; &#x; &#6a; &#xg; &1; &a b; &a", kKeep,
+       "&amp; &amp;; &amp;#; &amp;#x; &amp;#6a; &amp;#xg; &amp;1; &amp;a b; &amp;a"},
+      {"&&lt;&", kKeep, "&amp;&lt;&amp;"},
+      {"<&lt;\"", kKeep | kQuotes, "&lt;&lt;&quot;"},
+      {"\xC3\xA4\x01", kQuotes, "\xC3\xA4\x01"},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(CMarkup::EscapeText(row.text, row.flags), row.escaped) << (row.text == nullptr ? "null" : row.text);
+  }
+}
+
+TEST(EscapeTextBinary, BytesThatDoNotPrintBecomeReferences) {
+  EXPECT_EQ(CMarkup::EscapeTextBinary("ab\x01"
+                                      "c",
+                                      kQuotes),
+            "ab&#x01;c");
+  EXPECT_EQ(CMarkup::EscapeTextBinary("\x1F ~\x7F\x80\xFF\n", 0), "&#x1F; ~&#x7F;&#x80;&#xFF;&#x0A;");
+  EXPECT_EQ(CMarkup::EscapeTextBinary("<&\"\xE4", 0), "<&\"&#xE4;");
+  EXPECT_EQ(CMarkup::EscapeTextBinary("<&\"\xE4", kQuotes), "&lt;&amp;&quot;&#xE4;");
+  EXPECT_EQ(CMarkup::EscapeTextBinary("<\"\xE4", CMarkup::kAddCData), "&lt;\"&#xE4;");
+  EXPECT_EQ(CMarkup::EscapeTextBinary(nullptr, kQuotes), "");
+  EXPECT_EQ(CMarkup::EscapeTextBinary(std::string_view("a\0b", 3), 0), "a&#x00;b");
+}
+
+TEST(EscapeTextBinary, QuirkAReferenceInTheTextItselfIsKept) {
+  EXPECT_EQ(CMarkup::EscapeTextBinary("&lt;\x01", kQuotes), "&lt;&#x01;");
+}
+
+TEST(EscapeTextBinary, TheLocaleMakesNoDifference) {
+  const std::string before = std::setlocale(LC_ALL, nullptr);
+  std::setlocale(LC_ALL, "");
+  EXPECT_EQ(CMarkup::EscapeTextBinary("\xE4\xC3\xA4", 0), "&#xE4;&#xC3;&#xA4;");
+  std::setlocale(LC_ALL, before.c_str());
+}
+
+TEST(UnescapeText, ReferencesBecomeCharacters) {
+  struct Row {
+    const char* text;
+    const char* plain;
+  };
+  const Row rows[] = {
+      {"&#65;&#x42;&amp;&unknown;", "AB&&unknown;"},
+      {"&lt;&gt;&amp;&quot;&apos;", "<>&\"'"},
+      {"&LT;&Amp;", "<&"},
+      {"&#x41;&#X41;&#x4a;&#x4A;", "AAJJ"},
+      {"& &amp;", "& &"},
+      {"&&amp;", "&&"},
+      {"&", "&"},
+      {"&;", "&;"},
+      {"&amp", "&amp"},
+      {"&#;&#x;&#0;&#x0;", "&#;&#x;&#0;&#x0;"},
+      {"&#6a;&#-5;&# 65;&#xg;", "&#6a;&#-5;&# 65;&#xg;"},
+      {"&euml;", "\xC3\x8B"},  // the capital one is listed first
+      {"&Oslash;&oslash;", "\xC3\x98\xC3\x98"},
+      {"&rArr;&rarr;&prime;", "\xE2\x87\x92\xE2\x87\x92\xE2\x80\xB3"},
+      {"&thetasym;", "\xCF\x91"},
+      {"&#8364;&#x1F600;", "\xE2\x82\xAC\xF0\x9F\x98\x80"},
+      {"&#1114111;&#x10FFFF;", "\xF4\x8F\xBF\xBF\xF4\x8F\xBF\xBF"},
+      {"&#1114112;&#x110000;&#99999999;", "&#1114112;&#x110000;&#99999999;"},
+      {"&#xD800;&#xDFFF;&#55296;", "&#xD800;&#xDFFF;&#55296;"},
+      {"&#00000065;", "A"},              // nine characters
+      {"&#000000065;", "&#000000065;"},  // ten
+      {"&am\xC3\xA4p;&amp;", "&am\xC3\xA4p;&"},
+      {"&abcdefghi&amp;", "&abcdefghi&"},
+  };
+  for (const Row& row : rows) EXPECT_EQ(CMarkup::UnescapeText(row.text), row.plain) << row.text;
+  EXPECT_EQ(CMarkup::UnescapeText(nullptr), "");
+}
+
+TEST(UnescapeText, OnlyTheGivenLengthIsRead) {
+  EXPECT_EQ(CMarkup::UnescapeText("&amp;&amp;", 5), "&");
+  EXPECT_EQ(CMarkup::UnescapeText("&amp;", 4), "&amp");
+  EXPECT_EQ(CMarkup::UnescapeText("&amp;", 0), "");
+  EXPECT_EQ(CMarkup::UnescapeText("&amp;", 100), "&");
+  EXPECT_EQ(CMarkup::UnescapeText(std::string_view("\0&lt;\0", 6)), std::string("\0<\0", 3));
+}
+
+TEST(UnescapeText, WhiteSpaceOfTheTextIsHandledAsTheFlagsAsk) {
+  const char* text = " \n a \t&#32; b&#10; ";
+  EXPECT_EQ(CMarkup::UnescapeText(text), " \n a \t  b\n ");
+  EXPECT_EQ(CMarkup::UnescapeText(text, -1, CMarkup::kTrimSpace), "a \t  b\n");
+  EXPECT_EQ(CMarkup::UnescapeText(text, -1, CMarkup::kCollapseSpace), "a   b\n");
+  EXPECT_EQ(CMarkup::UnescapeText(" \t ", -1, CMarkup::kTrimSpace), "");
+  EXPECT_EQ(CMarkup::UnescapeText("", -1, CMarkup::kCollapseSpace), "");
+}
+
+TEST(UnescapeText, UndoesWhatEscapeTextDid) {
+  std::mt19937_64 random(qx::test::Seed("Escape"));
+  const std::string alphabet = "&<>\"';#xamp1 \xC3\xA4";
+  for (int i = 0; i < 20000; ++i) {
+    std::string text(random() % 40, ' ');
+    for (char& c : text) c = alphabet[random() % alphabet.size()];
+    for (const int flags : {0, kQuotes}) {
+      const std::string escaped = CMarkup::EscapeText(text, flags);
+      ASSERT_EQ(CMarkup::UnescapeText(escaped), text) << escaped;
+      ASSERT_EQ(CMarkup::EscapeText(escaped, flags | kKeep), escaped);
+    }
+  }
+}
+
+TEST(CDataSection, NeverEndsInsideItsText) {
+  EXPECT_EQ(CMarkup::x_EncodeCDATASection(""), "<![CDATA[]]>");
+  EXPECT_EQ(CMarkup::x_EncodeCDATASection("<a>&"), "<![CDATA[<a>&]]>");
+  EXPECT_EQ(CMarkup::x_EncodeCDATASection("a]]>b"), "<![CDATA[a]]]]><![CDATA[>b]]>");
+  EXPECT_EQ(CMarkup::x_EncodeCDATASection("]]>]]>"), "<![CDATA[]]]]><![CDATA[>]]]]><![CDATA[>]]>");
+  EXPECT_EQ(CMarkup::x_EncodeCDATASection("]]]]>"), "<![CDATA[]]]]]]><![CDATA[>]]>");
+  EXPECT_EQ(CMarkup::x_EncodeCDATASection("]]"), "<![CDATA[]]]]>");
+}
+
+}  // namespace
