@@ -4,7 +4,6 @@
 #include <atomic>
 #include <functional>
 #include <map>
-#include <regex>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -13,6 +12,7 @@
 
 namespace {
 
+using qx::test::StartsWithShape;
 using qx::test::TraceSetup;
 using qx::test::WriteFile;
 
@@ -76,13 +76,17 @@ TEST(DebugThreads, SixteenThreadsLoseAndTearNoEntryWhileTheSettingsFilesChange) 
 
 // How many lines are neither a whole "t00 e000" entry, nor the head, nor a wrap line.
 int TornLines(const std::string& log) {
-  static const std::regex kWhole(
-      R"(S \[T\] QxTrace       (head|t[0-9]{2} e[0-9]{3}|------ WRAP ----- Cycle=[0-9]+, CntInitEnd=54, )"
-      R"(CurrentByteCnt=54 \(MaxCnt=20000\)))");
+  const auto is_whole = [](std::string line) {
+    if (line == "S [T] QxTrace       head") return true;
+    const std::size_t cycle = line.find("Cycle=");
+    if (cycle == std::string::npos) return line.size() == 28 && StartsWithShape(line, "S [T] QxTrace       t99 e999");
+    line.erase(cycle, line.find(',', cycle) - cycle);
+    return line == "S [T] QxTrace       ------ WRAP ----- , CntInitEnd=54, CurrentByteCnt=54 (MaxCnt=20000)";
+  };
   std::istringstream lines(log);
   std::string line;
   int count = 0;
-  while (std::getline(lines, line)) count += std::regex_match(line, kWhole) ? 0 : 1;
+  while (std::getline(lines, line)) count += is_whole(line) ? 0 : 1;
   return count;
 }
 

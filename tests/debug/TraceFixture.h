@@ -61,6 +61,9 @@ class TraceSetup {
   std::time_t file_time_ = 1767225600;
 };
 
+// Whether `text` begins like `shape`, in which "9" stands for any digit and "F" for any hexadecimal digit.
+bool StartsWithShape(std::string_view text, std::string_view shape);
+
 // "2026-01-31 10:20:30.123 [0123ABCD] QxTrace" => "S [T] QxTrace", at the start of every line.
 std::string WithoutStamps(std::string_view log);
 
