@@ -408,7 +408,7 @@ class RandomStore {
 
 TEST_F(RecordReaderTest, RandomStoresAreTakenAsReadLineReadsThem) {
   const std::uint64_t seed = Seed("RecordReader");
-  for (std::uint64_t round = 0; round < 300; ++round) {
+  for (std::uint64_t round = 0; round < 200; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     RandomStore random(seed + round);
     store_.Close();
@@ -429,7 +429,7 @@ TEST_F(RecordReaderTest, RandomStoresAreTakenAsReadLineReadsThem) {
 
 TEST_F(RecordReaderTest, RandomStoresAreReadAsBufferedStreamsReadThem) {
   const std::uint64_t seed = Seed("ReadLine");
-  for (std::uint64_t round = 0; round < 200 && !HasFailure(); ++round) {
+  for (std::uint64_t round = 0; round < 100 && !HasFailure(); ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     RandomStore random(seed + round);
     store_.Close();
