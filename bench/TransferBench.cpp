@@ -236,7 +236,10 @@ void WhatQx(benchmark::State& state) {
 BENCHMARK(TransferQx)->Name("transfer/qx")->Unit(benchmark::kMillisecond);
 BENCHMARK(TransferStdio)->Name("transfer/stdio_per_record")->Unit(benchmark::kMillisecond);
 BENCHMARK(TransferLimit)->Name("transfer/limit")->Unit(benchmark::kMillisecond);
-BENCHMARK(TransferTwoThreads)->Name("transfer_20_on_two_threads/qx")->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime();
+BENCHMARK(TransferTwoThreads)
+    ->Name("transfer_20_on_two_threads/qx")
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime();
 BENCHMARK(WhatQx)->Name("what/qx");
 
 }  // namespace
