@@ -89,14 +89,20 @@ bool LoadFirstGoodFile() {
   return false;
 }
 
+// Other threads read the pointers without a lock, so one that is right is not written again.
+void Wire(const Hive& hive) {
+  CRegistryNode* key = NodeOfHive(hive.name);
+  if (*hive.pointer != key) *hive.pointer = key;
+}
+
 void WireHives() {
-  for (const Hive& hive : kHives) *hive.pointer = NodeOfHive(hive.name);
+  for (const Hive& hive : kHives) Wire(hive);
 }
 
 // A failed load leaves the pointers as they are, except for a hive that its file has replaced by a value.
 void UnwireLostHives() {
   for (const Hive& hive : kHives) {
-    if (*hive.pointer != nullptr) *hive.pointer = NodeOfHive(hive.name);
+    if (*hive.pointer != nullptr) Wire(hive);
   }
 }
 

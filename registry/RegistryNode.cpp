@@ -114,7 +114,6 @@ void CRegistryNode::Clear() {
   Discard();
 }
 
-// Both lists are in order, so they are merged from their ends into the room behind the existing entries.
 bool CRegistryNode::Merge(CRegistryNode& fresh) {
   ContentExchange exchange;
   {
@@ -122,24 +121,28 @@ bool CRegistryNode::Merge(CRegistryNode& fresh) {
     std::int32_t new_names = fresh.count_;
     for (const StrMapEntry& entry : fresh.Entries()) new_names -= Find(entry.name) != nullptr ? 1 : 0;
     if (!Reserve(count_ + new_names)) return false;
-
-    StrMapEntry* old = entries_ + count_;
-    StrMapEntry* place = old + new_names;
-    for (StrMapEntry* entry = fresh.entries_ + fresh.count_; entry-- != fresh.entries_;) {
-      while (old != entries_ && compare(old - 1, entry) > 0) *--place = *--old;
-      if (old == entries_ || compare(old - 1, entry) < 0) {
-        *--place = std::exchange(*entry, {});
-        continue;
-      }
-      *--place = *--old;
-      const bool both_keys = NodeOf(place->value) != nullptr && NodeOf(entry->value) != nullptr;
-      if (!both_keys || !exchange.Add(NodeOf(place->value), NodeOf(entry->value))) {
-        std::swap(place->value, entry->value);
-      }
-    }
-    count_ += new_names;
+    MergeEntries(fresh, new_names, exchange);
   }
   exchange.Run();
   for (StrMapEntry& entry : fresh.Entries()) FreeValue(entry.value);
   return true;
+}
+
+// Both lists are in order, so they are merged from their ends into the room behind the existing entries.
+void CRegistryNode::MergeEntries(CRegistryNode& fresh, std::int32_t new_names, ContentExchange& exchange) {
+  std::int32_t old = count_;
+  std::int32_t place = count_ + new_names;
+  count_ = place;
+  for (std::int32_t at = fresh.count_; at-- > 0;) {
+    StrMapEntry& entry = fresh.entries_[at];
+    while (old > 0 && compare(&entries_[old - 1], &entry) > 0) entries_[--place] = entries_[--old];
+    if (old == 0 || compare(&entries_[old - 1], &entry) < 0) {
+      entries_[--place] = std::exchange(entry, {});
+      continue;
+    }
+    entries_[--place] = entries_[--old];
+    RegistryValue& kept = entries_[place].value;
+    const bool both_keys = NodeOf(kept) != nullptr && NodeOf(entry.value) != nullptr;
+    if (!both_keys || !exchange.Add(NodeOf(kept), NodeOf(entry.value))) std::swap(kept, entry.value);
+  }
 }

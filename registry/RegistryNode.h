@@ -43,6 +43,9 @@ class CRegistryNode : public CStrMap {
 
  private:
   class ContentExchange;
+
+  // Merges the entries of `fresh`, of which `new_names` are not here yet, into an array that has room for them.
+  void MergeEntries(CRegistryNode& fresh, std::int32_t new_names, ContentExchange& exchange);
 };
 
 static_assert(sizeof(CRegistryNode) == sizeof(CStrMap), "a key is exactly its map");

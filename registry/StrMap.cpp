@@ -74,9 +74,10 @@ bool CStrMap::Put(std::string_view name, const RegistryValue& value, RegistryVal
     return true;
   }
   if (!Append(name, value)) return false;
-  const auto entries = Entries();
-  const auto place = std::upper_bound(entries.begin(), entries.end() - 1, entries.back(), Precedes);
-  std::rotate(place, entries.end() - 1, entries.end());
+  const StrMapEntry added = entries_[count_ - 1];
+  StrMapEntry* place = std::upper_bound(entries_, entries_ + count_ - 1, added, Precedes);
+  std::copy_backward(place, entries_ + count_ - 1, entries_ + count_);
+  *place = added;
   return true;
 }
 

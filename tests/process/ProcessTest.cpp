@@ -94,6 +94,15 @@ TEST(Process, CommandLineIsSplitAtWhiteSpaceWithoutQuoting) {
   EXPECT_EQ(ReadFile(script.File("words")), "'a\nb'\n\\\n$HOME\n*\n\"\"\n");
 }
 
+// "prog 'a b' $HOME  =>  prog | 'a | b' | $HOME": the first word is the program, so a script stands for it.
+TEST(Process, WorkedExampleOfThePageIsWhatTheProgramGets) {
+  const std::string example = qx::test::DocExample("processes.md", "command-words");
+  const std::size_t arrow = example.find("  =>  ");
+  const Script script("{ printf prog; printf ' | %s' \"$@\"; echo; } > \"$(dirname \"$0\")/words\"\n");
+  EXPECT_TRUE(RunCommand(script.Path() + example.substr(4, arrow - 4)).result);
+  EXPECT_EQ(ReadFile(script.File("words")), example.substr(arrow + 6));
+}
+
 TEST(Process, ProgramIsLookedUpAlongThePath) { EXPECT_TRUE(RunCommand("true").result); }
 
 TEST(Process, SynchronousResultIsTrueOnlyForExitStatusZero) {

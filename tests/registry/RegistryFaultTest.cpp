@@ -1,43 +1,13 @@
 // Every allocation of an operation fails once: nothing crashes, leaks or is half done.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <functional>
-#include <new>
 #include <set>
 #include <string>
 
+#include "tests/registry/FailingAllocator.h"
 #include "tests/registry/RegistryFixture.h"
-
-namespace {
-
-// Allocations until one fails; negative: none fails.
-std::atomic<long> allocations_left{-1};
-
-bool AllocationFails() {
-  if (allocations_left < 0) return false;
-  return allocations_left.fetch_sub(1) == 0;
-}
-
-}  // namespace
-
-// The whole program allocates through these, so that the registry's own calls can be made to fail.
-void* operator new(std::size_t size) {
-  void* block = AllocationFails() ? nullptr : std::malloc(size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return AllocationFails() ? nullptr : std::malloc(size);
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new[](std::size_t size, const std::nothrow_t& nothrow) noexcept { return operator new(size, nothrow); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
 
 namespace {
 
@@ -51,10 +21,10 @@ class RegistryFault : public RegistryTest {
   // Runs `work` with the first, second, ... allocation failing, until none is left to fail. `check` gets the number.
   static long FailEach(const std::function<void()>& work, const std::function<void(long)>& check) {
     for (long nth = 0;; ++nth) {
-      allocations_left = nth;
+      qx::test::AllocationsLeft() = nth;
       work();
-      const bool is_last = allocations_left >= 0;
-      allocations_left = -1;
+      const bool is_last = qx::test::AllocationsLeft() >= 0;
+      qx::test::AllocationsLeft() = -1;
       check(nth);
       if (is_last) return nth;
     }
@@ -145,9 +115,9 @@ TEST_F(RegistryFault, LoadOverATreeWithoutMemoryKeepsTheTreeWhole) {
 
 TEST_F(RegistryFault, SetupThatThrowsIsTracedAndNotRetried) {
   const qx::test::TraceCapture capture(2);
-  allocations_left = 0;
+  qx::test::AllocationsLeft() = 0;
   CRegistry::SetupTree(false);
-  allocations_left = -1;
+  qx::test::AllocationsLeft() = -1;
   EXPECT_TRUE(CRegistry::MIsSetup);
   EXPECT_EQ(capture.Text(),
             "CRegistry: SetupTree(): ForceSetup=0, MIsSetup=0, MIsDirty=0\n"
@@ -155,9 +125,9 @@ TEST_F(RegistryFault, SetupThatThrowsIsTracedAndNotRetried) {
 }
 
 TEST_F(RegistryFault, FileThatAThrowingSetupNeverReadIsKept) {
-  allocations_left = 0;
+  qx::test::AllocationsLeft() = 0;
   CRegistry::SetupTree(false);
-  allocations_left = -1;
+  qx::test::AllocationsLeft() = -1;
   ASSERT_TRUE(CRegistry::MIsSetup);
   CRegistry::MPRegistry = File();
   CRegistry::MPRegistryOld = File("registry.old");

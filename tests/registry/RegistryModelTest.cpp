@@ -1,37 +1,18 @@
 // Random work against a plain model of the tree, with saves and loads in between.
 #include <gtest/gtest.h>
 
-#include <map>
-#include <memory>
+#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "tests/registry/PlainTree.h"
 #include "tests/registry/RegistryFixture.h"
 
 namespace {
 
+using qx::test::PlainKey;
 using qx::test::RegistryTest;
-
-// A key as anybody would write it down first.
-struct ModelKey {
-  std::map<std::string, std::string> values;  // name => marker and data, as the file shows them
-  std::map<std::string, ModelKey> keys;
-
-  std::string Text() const {
-    std::string text;
-    for (const auto& [name, value] : values) text += name + value + "\n";
-    for (const auto& [name, key] : keys) text += "[" + name + "]\n" + key.Text();
-    return text + "\n";
-  }
-  bool HasValues() const {
-    if (!values.empty()) return true;
-    for (const auto& [name, key] : keys) {
-      if (key.HasValues()) return true;
-    }
-    return false;
-  }
-};
 
 class RegistryModel : public RegistryTest {
  protected:
@@ -49,8 +30,8 @@ class RegistryModel : public RegistryTest {
   }
 
   // The key at a path below HKEY_LOCAL_MACHINE, or null.
-  ModelKey* Find(const std::vector<std::string>& path) {
-    ModelKey* key = &model_.keys["HKEY_LOCAL_MACHINE"];
+  PlainKey* Find(const std::vector<std::string>& path) {
+    PlainKey* key = &model_.keys["HKEY_LOCAL_MACHINE"];
     for (const std::string& name : path) {
       const auto found = key->keys.find(name);
       if (found == key->keys.end()) return nullptr;
@@ -68,7 +49,7 @@ class RegistryModel : public RegistryTest {
     const std::vector<std::string> path = AnyPath();
     CRegistry handle;
     const long result = handle.CreateKey(CRegistry::MLocalMachine, Joined(path).c_str(), false, 0);
-    ModelKey* key = &model_.keys["HKEY_LOCAL_MACHINE"];
+    PlainKey* key = &model_.keys["HKEY_LOCAL_MACHINE"];
     for (const std::string& name : path) {
       if (key->values.count(name) != 0) {
         EXPECT_EQ(result, -1);
@@ -79,33 +60,32 @@ class RegistryModel : public RegistryTest {
     EXPECT_EQ(result, 0);
   }
 
-  void SetOne(CRegistry& handle, ModelKey& key) {
+  void SetOne(CRegistry& handle, PlainKey& key) {
     const std::string name = AnyName();
     const auto number = static_cast<unsigned>(random_());
     const std::string text = "t=[" + std::to_string(number) + "]";
     const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
-    key.keys.erase(name);
     switch (Below(4)) {
       case 0:
         EXPECT_EQ(handle.SetValue(name.c_str(), number), 0);
-        key.values[name] = "=d=" + std::to_string(static_cast<int>(number));
+        key.Set(name, "=d=" + std::to_string(static_cast<int>(number)));
         break;
       case 1:
         EXPECT_EQ(handle.SetValue(name.c_str(), text.c_str()), 0);
-        key.values[name] = "=s=" + text;
+        key.Set(name, "=s=" + text);
         break;
       case 2:
         EXPECT_TRUE(handle.SetValue(name.c_str(), bytes, static_cast<unsigned>(text.size()), REG_EXPAND_SZ));
-        key.values[name] = "=es=" + text;
+        key.Set(name, "=es=" + text);
         break;
       default:
         EXPECT_TRUE(handle.SetValue(name.c_str(), bytes, 2, REG_BINARY));
-        key.values[name] = "=b=74 3d ";
+        key.Set(name, "=b=74 3d ");
         break;
     }
   }
 
-  void DeleteOne(CRegistry& handle, ModelKey& key) {
+  void DeleteOne(CRegistry& handle, PlainKey& key) {
     const std::string name = AnyName();
     if (Below(2) == 0) {
       EXPECT_EQ(handle.DeleteValue(name.c_str()), 0);
@@ -118,7 +98,7 @@ class RegistryModel : public RegistryTest {
 
   void ChangeOne() {
     const std::vector<std::string> path = AnyPath();
-    ModelKey* key = Find(path);
+    PlainKey* key = Find(path);
     CRegistry handle(Joined(path).c_str(), CRegistry::MLocalMachine, 0);
     ASSERT_EQ(handle.Status(), key != nullptr ? 0 : -1) << Joined(path);
     if (key == nullptr) return;
@@ -133,7 +113,7 @@ class RegistryModel : public RegistryTest {
   }
 
   std::mt19937_64 random_;
-  ModelKey model_;
+  PlainKey model_;
 };
 
 TEST_F(RegistryModel, ThousandsOfChangesWithSavesAndLoadsAgreeWithAPlainTree) {
@@ -156,6 +136,40 @@ TEST_F(RegistryModel, ThousandsOfChangesWithSavesAndLoadsAgreeWithAPlainTree) {
       }
     }
     ASSERT_EQ(Tree(), model_.Text()) << step;
+  }
+}
+
+// Lines that the grammar knows, in any order, some of them damaged, against the plain reader.
+TEST(RegistryReading, RandomFilesGiveThePlainReadersTree) {
+  std::mt19937_64 random(qx::test::Seed("RegistryReading"));
+  const auto below = [&random](std::size_t limit) { return random() % limit; };
+  for (int round = 0; round < 3000; ++round) {
+    std::string text;
+    for (std::size_t lines = below(40); lines > 0; --lines) {
+      const std::string name(1, static_cast<char>('a' + below(4)));
+      const std::string kinds[] = {"[" + name + "]",
+                                   "[" + name + "]",
+                                   "",
+                                   name + "=s=" + name,
+                                   name + "=es=%" + name,
+                                   name + "=d=" + std::to_string(static_cast<long>(random())),
+                                   name + "=b=0" + name + " 1" + name,
+                                   name + "=d=",
+                                   name + "=x=",
+                                   name};
+      text += kinds[below(std::size(kinds))] + "\n";
+      if (below(60) == 0) text += name + "=s=" + std::string(1000 + below(40), 'x') + "\n";
+    }
+    if (!text.empty() && below(3) == 0) text[below(text.size())] = "\0\n=[]\xFF"[below(6)];
+    if (text.empty()) continue;
+
+    PlainKey plain;
+    FILE* stream = fmemopen(text.data(), text.size(), "r");
+    const bool has_values = plain.Read(stream);
+    fclose(stream);
+    CRegistryNode key;
+    ASSERT_EQ(qx::test::Restore(key, text), has_values) << text;
+    ASSERT_EQ(qx::test::Dump(key), plain.Text()) << text;
   }
 }
 

@@ -13,7 +13,9 @@ namespace {
 
 using qx::registry::NewText;
 using qx::registry::NodeOf;
+using qx::test::DocExample;
 using qx::test::Dump;
+using qx::test::HexDump;
 using qx::test::kExample;
 using qx::test::Reread;
 using qx::test::Restore;
@@ -38,6 +40,17 @@ TEST(RegistryNode, ExampleOfEightLinesIsReadAndWritten) {
   CRegistryNode root;
   EXPECT_TRUE(Restore(root, kExample));
   EXPECT_EQ(Dump(root), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nBlob=b=0a ff \nCount=d=-5\nName=s=some text\n\n\n\n");
+}
+
+TEST(RegistryNode, WorkedExamplesOfThePageAreWhatIsWritten) {
+  EXPECT_EQ(Reread(kExample), DocExample("registry-file.md", "registry-file"));
+  EXPECT_EQ(HexDump(Reread(kExample)), DocExample("registry-file.md", "registry-bytes"));
+
+  constexpr std::string_view kFile = "--- file\n";
+  constexpr std::string_view kWritten = "--- written again\n";
+  const std::string example = DocExample("registry-file.md", "registry-read");
+  const std::size_t middle = example.find(kWritten);
+  EXPECT_EQ(Reread(example.substr(kFile.size(), middle - kFile.size())), example.substr(middle + kWritten.size()));
 }
 
 TEST(RegistryNode, ValuesComeBeforeSubkeysEachInByteOrderOfNames) {
