@@ -221,6 +221,7 @@ bool CProcess::GetProcessInfo(unsigned pid, std::string& name, std::string& path
   return GetProcessName(name, pid) && GetProcessPath(path, pid);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the parameter's type is interface.
 bool CProcess::GetProcessMemorySpecificInfo(unsigned pid, unsigned long* value, std::string key, int unit) {
   const std::optional<std::string> status = ReadProcFile(ProcPath(pid, "status"), '\0');
   if (!status || value == nullptr) return false;

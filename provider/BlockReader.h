@@ -16,6 +16,7 @@ template <typename T>
 [[nodiscard]] T Load(const T* from) noexcept {
   static_assert(std::is_trivially_copyable_v<T>);
   T value;
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): where the block holds a pointer, it is the pointer that is loaded.
   std::memcpy(static_cast<void*>(&value), static_cast<const void*>(from), sizeof value);
   return value;
 }

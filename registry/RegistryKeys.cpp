@@ -137,7 +137,7 @@ bool CRegistry::GetProductRegistryRoot(std::string& out, const char* value_name)
   const auto read = [&] {
     return handle.Open(kPointerKey, MLocalMachine, 0) == 0 && handle.QueryValue(out, value_name) == 0;
   };
-  return read() || read();
+  return read() || read();  // NOLINT(misc-redundant-expression): the second one is another attempt
 }
 
 long CRegistry::NoOfSubKeys(unsigned* count) {
