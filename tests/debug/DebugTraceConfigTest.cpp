@@ -354,6 +354,8 @@ TEST(DebugTraceConfig, VanishedIncompleteOrEmptyFilesLeaveTheSettingsUntilAGoodO
   EXPECT_TRUE(level_is_still_three());
   setup.WriteIni("app.ini", AppIni(""));
   EXPECT_TRUE(level_is_still_three());
+  setup.WriteIni("app.ini", AppIni("FileDebugLevel=-1\nTraceFlags=-1\n"));
+  EXPECT_TRUE(level_is_still_three());
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=5\n"));
   EXPECT_FALSE(level_is_still_three());
   EXPECT_TRUE(setup.Trace().IsActive(5));
@@ -369,6 +371,18 @@ TEST(DebugTraceConfig, ForcedOffStaysOffThroughAnUpdateAndComesBackAtTheNewLevel
   setup.Trace().CheckDynamicUpdate(std::time(nullptr) + 20);
   EXPECT_FALSE(setup.Trace().IsActive());
   setup.Trace().ForceMaxDebug(true);
+  EXPECT_TRUE(setup.Trace().IsActive(5));
+}
+
+TEST(DebugTraceConfig, InitAgainForgetsThatTracingWasForcedOff) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "10");
+  setup.WriteIni("app.ini", AppIni("FileDebugLevel=3\n"));
+  ASSERT_TRUE(setup.Init());
+  setup.Trace().ForceMaxDebug(false);
+  ASSERT_TRUE(setup.Init());
+  setup.WriteIni("app.ini", AppIni("FileDebugLevel=5\n"));
+  setup.Trace().CheckDynamicUpdate(std::time(nullptr) + 20);
   EXPECT_TRUE(setup.Trace().IsActive(5));
 }
 

@@ -238,6 +238,8 @@ TEST(LogHeader, InitDoneAndTheLimitedFactorShow) {
   EXPECT_EQ(ValueOf(block, "Application Init Done"), "1");
   EXPECT_EQ(ValueOf(block, "Ring Buffer Factor"), "2");
   EXPECT_EQ(ValueOf(block, "Ring Buffer Size"), "0");  // weight 0
+  ASSERT_TRUE(setup.Init());
+  EXPECT_EQ(ValueOf(BlockOf(setup, CDebug::kTargetLogFile), "Application Init Done"), "0");
 }
 
 TEST(LogHeader, RingSizeIsComputedWithoutOverflowAndIsZeroForNegativeNumbers) {
