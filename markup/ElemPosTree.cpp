@@ -47,6 +47,7 @@ void ElemPosTree::GrowSegmentTable(std::int32_t segments) {
 // Fresh records stay untouched, so that a large segment costs memory only as far as it is filled.
 void ElemPosTree::ResizeSegment(std::int32_t segment, std::int32_t records_used, std::int32_t records) {
   auto grown = std::make_unique_for_overwrite<ElemPos[]>(static_cast<std::size_t>(records));
-  std::copy_n(segments_[segment].get(), records_used, grown.get());
-  segments_[segment] = std::move(grown);
+  Segment& place = segments_[static_cast<std::size_t>(segment)];
+  std::copy_n(place.get(), records_used, grown.get());
+  place = std::move(grown);
 }
