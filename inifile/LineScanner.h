@@ -24,7 +24,7 @@ namespace qx::inifile {
 class LineScanner {
  public:
   static constexpr std::size_t kLineBytesMax = 1023;
-  static constexpr std::size_t kWindowBytes = 16 * 1024;
+  static constexpr std::size_t kWindowBytes = 16384;
 
   // Starts at the file's first byte whatever the descriptor's own position, which stays as it is. `window` has room
   // for at least kLineBytesMax bytes. [owning thread]

@@ -239,6 +239,8 @@ TEST_F(IniFileRead, BufferOfSizeOneHoldsTheEmptyText) {
   const Outcome outcome = Read("S", "k", "default", 1);
   EXPECT_EQ(outcome.result, 0U);
   EXPECT_EQ(outcome.buffer, "\0Z"s);
+  EXPECT_EQ(Read("S", nullptr, nullptr, 1).buffer, "\0Z"s);
+  EXPECT_EQ(Read(nullptr, nullptr, nullptr, 1).result, 0U);
 }
 
 TEST_F(IniFileRead, BufferOfSizeZeroIsNotWritten) {
