@@ -118,6 +118,22 @@ TEST_F(ModuleLifecycle, LoadWritesHeaderAndModuleObjectInOrder) {
           "*** KRX Provider library unload ***\n"));
 }
 
+TEST_F(ModuleLifecycle, WhatWasLoggedDuringTheLoadOutlivesEveryWrap) {
+  SetLevel(6);
+  SetEnvironment("QX_LOG_FILE_MAX_SIZE", "20000");
+  EXPECT_EQ(InChild([] {
+              const LoadedModule module;
+              const auto block = BlockBuilder::Request("What");
+              for (int i = 0; i < 200; ++i) (void)module.What(block->Block());
+              return std::string();
+            }),
+            "");
+  const std::string log = NormalisedLog();
+  EXPECT_THAT(log, HasSubstr("------ WRAP ----- Cycle="));
+  EXPECT_THAT(log, HasSubstr("*** KRX Provider library loaded ***"));
+  EXPECT_THAT(log, HasSubstr("WCSP_MAIN Create    : CreateModule - allocate pAdapterModule = 0x<LOW32>\n"));
+}
+
 TEST_F(ModuleLifecycle, LoadWithoutTracingWritesNoHeader) {
   EXPECT_EQ(InChild([] {
               const LoadedModule module;

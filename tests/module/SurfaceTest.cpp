@@ -82,6 +82,14 @@ TEST(ModuleSurface, HasNoUniqueSymbolsAndNoThreadLocalData) {
   }
 }
 
+TEST(ModuleSurface, BuildDateIsFixedByTheEnvironment) {
+  const qx::test::TempDir directory;
+  const std::string header = directory.File("BuildDate.h");
+  EXPECT_EQ(OutputOf("SOURCE_DATE_EPOCH=1767225599 " QX_CMAKE " -D OUTPUT=" + header + " -P " QX_BUILD_DATE_SCRIPT),
+            "");
+  EXPECT_EQ(ReadFile(header), "#define QX_BUILD_DATE \"2025/12/31-23:59\"\n");
+}
+
 TEST(ModuleSurface, HeadersCompileAsPlainC) { EXPECT_STREQ(CheckHeadersFromC(), ""); }
 
 class ModuleFromElsewhere : public ModuleTest {};
