@@ -29,32 +29,33 @@ bool AttributeScan::Next(AttributePos& attribute) {
   return false;
 }
 
+bool AttributeScan::AtQuote() const { return at_ < end_ && IsQuote(tag_[at_]); }
+
 void AttributeScan::SkipWhite() {
   while (at_ < end_ && IsClass(tag_[at_], kWhite)) ++at_;
 }
 
-//   ="1"   = '1'   =1   (nothing)
+//   ="1"   = '1'   =1   =(nothing)   (nothing)
+// White space behind the "=" is skipped only before a quote: in `a= b="1"` the value of a is empty, not `b=`.
 void AttributeScan::ReadValue(AttributePos& attribute) {
   attribute.value_start = attribute.value_end = attribute.name_end;
   attribute.quoted = false;
-  const bool nameless = attribute.name_end == attribute.name_start;
   SkipWhite();
   if (at_ < end_ && tag_[at_] == '=') {
-    ++at_;
+    attribute.value_start = attribute.value_end = ++at_;
     SkipWhite();
-  } else if (!nameless || at_ == end_ || !IsQuote(tag_[at_])) {
+  } else if (attribute.name_end != attribute.name_start || !AtQuote()) {
     return;
   }
-  attribute.quoted = at_ < end_ && IsQuote(tag_[at_]);
-  if (attribute.quoted) {
+  if (AtQuote()) {
+    attribute.quoted = true;
     attribute.value_start = at_ + 1;
     attribute.value_end = std::min(tag_.find(tag_[at_], at_ + 1), end_);
     at_ = std::min(attribute.value_end + 1, end_);
-    return;
+  } else if (at_ == attribute.value_start) {
+    while (at_ < end_ && !IsClass(tag_[at_], kWhite) && !IsQuote(tag_[at_])) ++at_;
+    attribute.value_end = at_;
   }
-  attribute.value_start = at_;
-  while (at_ < end_ && !IsClass(tag_[at_], kWhite) && !IsQuote(tag_[at_])) ++at_;
-  attribute.value_end = at_;
 }
 
 bool FindAttribute(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute) {

@@ -27,6 +27,7 @@ class AttributeScan {
   bool Next(AttributePos& attribute);
 
  private:
+  bool AtQuote() const;
   void SkipWhite();
   void ReadValue(AttributePos& attribute);
 

@@ -207,7 +207,8 @@ TEST(MarkupFind, FindingAcceptsWhateverMayFollowAStoredName) {
 
 TEST(MarkupFind, AttributesAreReadWithTheirReferencesReplaced) {
   CMarkup markup(
-      "<a one=\"1\" two='2 &lt; &quot;3&quot;' none three=3 four = '4' five=\"\" six=a/b 'x=9' =7 / x='8'/>");
+      "<a one=\"1\" two='2 &lt; &quot;3&quot;' none three=3 four = '4' five=\"\" six=a/b 'x=9' =7 /nine='9' x='8' "
+      "seven= eight= '8'/>");
   ASSERT_TRUE(markup.FindElem());
   EXPECT_EQ(markup.GetAttrib("one"), "1");
   EXPECT_EQ(markup.GetAttrib("two"), "2 < \"3\"");
@@ -218,6 +219,8 @@ TEST(MarkupFind, AttributesAreReadWithTheirReferencesReplaced) {
   EXPECT_EQ(markup.GetAttrib("six"), "a/b");
   EXPECT_EQ(markup.GetAttrib("x"), "8");
   EXPECT_EQ(markup.GetAttrib("seven"), "");
+  EXPECT_EQ(markup.GetAttrib("eight"), "8");
+  EXPECT_EQ(markup.GetAttrib("nine"), "9");
   EXPECT_EQ(markup.GetAttrib("a"), "");
   EXPECT_EQ(markup.GetAttrib(""), "");
   EXPECT_EQ(markup.GetAttrib(nullptr), "");
