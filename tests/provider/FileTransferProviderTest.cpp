@@ -4,8 +4,6 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <filesystem>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -15,16 +13,15 @@
 #include "provider/BufferPool.h"
 #include "provider/Low32.h"
 #include "provider/ModuleExports.h"
-#include "tests/provider/FailingNew.h"
 #include "tests/provider/TransferFixture.h"
 
 namespace {
 
 using qx::provider::CurrentThreadLow32;
 using qx::test::BlockBuilder;
-using qx::test::FailingNew;
 using qx::test::NoMoreRecords;
 using qx::test::NotReadable;
+using qx::test::OpenDescriptors;
 using qx::test::Records;
 using qx::test::Reply;
 using qx::test::ServiceThread;
@@ -42,10 +39,6 @@ std::string Address(const void* p) {
 }
 
 std::string ThisThread() { return std::to_string(static_cast<int>(CurrentThreadLow32())); }
-
-std::ptrdiff_t OpenDescriptors() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
-}
 
 // A check by itself, with what it may leave behind.
 struct Check {
@@ -140,17 +133,6 @@ TEST(FileTransferProviderThreads, EveryThreadHasDataOfItsOwn) {
   }).join();
 }
 
-TEST(FileTransferProviderThreadData, AllocationThatFailsIsAFatalTraceAndNull) {
-  RequestBlock block;
-  CFileTransferProvider provider;
-  KrxRequestParams params(block->Block());
-  const TraceCapture trace(1);
-  const FailingNew failure(1, sizeof(CThreadData));
-  EXPECT_EQ(provider.GetOrAllocateThreadData(params), nullptr);
-  EXPECT_EQ(trace.Text(),
-            "WCSP_QX GetThrdData : ## FATAL ERROR! Could not allocate CThreadData! Function will be aborted.\n");
-}
-
 TEST(FileTransferProviderThreadData, ABlockWithoutAPlaceForItGetsNewDataOnEveryCall) {
   BlockBuilder block;
   block.Number(2, 77);
@@ -214,15 +196,6 @@ TEST(FileTransferProviderCheck, NothingRequiredIsAlwaysThere) {
   EXPECT_EQ(check.Run("<Other/>", nullptr, nullptr), 0);
   EXPECT_EQ(check.Run("<Other/>", "Other", nullptr), 0);
   EXPECT_EQ(check.out.GetDoc(), "");
-}
-
-TEST(FileTransferProviderCheck, WithoutThreadDataTheRequestIsFatalAndTheErrorIsEmpty) {
-  RequestBlock block;
-  Check check(*block);
-  const FailingNew failure(1, sizeof(CThreadData));
-  EXPECT_EQ(check.provider.CheckRequest(check.params, check.in, check.out, check.data, "ReportData", kPrivilege), -1);
-  EXPECT_EQ(check.data, nullptr);
-  EXPECT_EQ(check.out.GetDoc(), "<Error Msg=\"\"/>\n");
 }
 
 TEST(FileTransferProviderCheck, AnInvalidBlockIsFatal) {
@@ -306,17 +279,6 @@ TEST_F(FileTransferProviderCall, AnInvalidBlockStopsTheCallAndIsCounted) {
   provider.__threadend(data);
 }
 
-TEST_F(FileTransferProviderCall, WithoutThreadDataNothingIsCounted) {
-  const std::unique_ptr<BlockBuilder> block = BlockBuilder::Request("GetReports");
-  KrxRequestParams params(block->Block());
-  CMarkup in;
-  CMarkup out;
-  CFileTransferProvider provider;
-  const FailingNew failure(1, sizeof(CThreadData));
-  EXPECT_EQ(provider.GetReports(params, in, out), -1);
-  EXPECT_EQ(out.GetDoc(), "<Error Msg=\"\"/>\n");
-}
-
 TEST_F(FileTransferProviderCall, DataThatTheBlockCannotTakeIsFreedWithTheCall) {
   Append("r1", 10, {"a", "b"});
   BlockBuilder block;
@@ -391,37 +353,6 @@ TEST_F(FileTransferProviderCall, ARefusedCallersOtherRepliesAreErrorsOfTheTransf
   ServiceThread thread({"Other"});
   EXPECT_EQ(thread.Ask("none", 0), NotReadable("none", 2));
   EXPECT_EQ(thread.Ask("r1", 0, 0), NoMoreRecords());
-}
-
-// Every allocation of a call fails once: the call throws or copes, is counted, and nothing is lost or left open.
-TEST_F(FileTransferProviderCall, MemoryThatRunsOutAnywhereLeavesTheTransferIntact) {
-  Append("r1", 10, {"a", "b", std::string(300, 'c')});
-  const std::string input = "<ReportData Name=\"r1\" StartIndex=\"0\"/>";
-  ServiceThread thread;
-  const Reply whole = thread.GetReports(input);
-  const std::ptrdiff_t open = OpenDescriptors();
-  int nth = 0;
-  for (bool failed = true; failed; ++nth) {
-    CMarkup in;
-    (void)in.SetDoc(input.c_str());
-    CMarkup out;
-    KrxRequestParams params(thread.Block());
-    CFileTransferProvider provider;
-    thread.Data()->state_word = 41;
-    {
-      const FailingNew failure(nth + 1, 0);
-      try {
-        (void)provider.GetReports(params, in, out);
-      } catch (const std::bad_alloc&) {
-      }
-      failed = failure.HasFailed();
-    }
-    const bool was_reset = thread.Data()->state_word == 1;
-    EXPECT_TRUE(was_reset || thread.Data()->state_word == 42) << nth;
-    EXPECT_EQ(thread.GetReports(input), whole) << nth;
-    EXPECT_EQ(OpenDescriptors(), open) << nth;
-  }
-  EXPECT_GT(nth, 5);
 }
 
 // A chunk's two big buffers, records and document, are the pool's again when the exported function returns.

@@ -4,10 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
+#include <cstddef>
+#include <filesystem>
+#include <iterator>
 #include <memory>
+#include <ostream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "markup/Markup.h"
@@ -97,6 +99,11 @@ inline void AppendRecords(const std::string& base_path, unsigned slots, const st
   CReportFileBase store;
   ASSERT_TRUE(store.Open(base_path.c_str(), slots));
   for (const std::string& record : records) ASSERT_TRUE(store.writeLine(record.c_str()));
+}
+
+// What this process has open.
+inline std::ptrdiff_t OpenDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
 }
 
 class TransferFixture : public testing::Test {

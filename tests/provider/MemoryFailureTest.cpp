@@ -1,0 +1,90 @@
+// The report functions when memory runs out.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "tests/provider/FailingNew.h"
+#include "tests/provider/TransferFixture.h"
+
+namespace {
+
+using qx::test::BlockBuilder;
+using qx::test::FailingNew;
+using qx::test::OpenDescriptors;
+using qx::test::Reply;
+using qx::test::ServiceThread;
+using qx::test::TraceCapture;
+
+class MemoryFailure : public qx::test::TransferFixture {};
+
+TEST_F(MemoryFailure, WithoutThreadDataThereIsAFatalTraceAndNull) {
+  const std::unique_ptr<BlockBuilder> block = BlockBuilder::Request("GetReports");
+  KrxRequestParams params(block->Block());
+  CFileTransferProvider provider;
+  const TraceCapture trace(1);
+  const FailingNew failure(1, sizeof(CThreadData));
+  EXPECT_EQ(provider.GetOrAllocateThreadData(params), nullptr);
+  EXPECT_EQ(trace.Text(),
+            "WCSP_QX GetThrdData : ## FATAL ERROR! Could not allocate CThreadData! Function will be aborted.\n");
+}
+
+TEST_F(MemoryFailure, WithoutThreadDataACheckIsFatalAndItsErrorEmpty) {
+  const std::unique_ptr<BlockBuilder> block = BlockBuilder::Request("GetReports");
+  KrxRequestParams params(block->Block());
+  CMarkup in;
+  CMarkup out;
+  CThreadData kept;
+  CThreadData* data = &kept;
+  CFileTransferProvider provider;
+  const FailingNew failure(1, sizeof(CThreadData));
+  EXPECT_EQ(provider.CheckRequest(params, in, out, data, "ReportData", "AccessPerformanceMgr"), -1);
+  EXPECT_EQ(data, nullptr);
+  EXPECT_EQ(out.GetDoc(), "<Error Msg=\"\"/>\n");
+}
+
+TEST_F(MemoryFailure, WithoutThreadDataACallIsFatalAndNothingIsCounted) {
+  const std::unique_ptr<BlockBuilder> block = BlockBuilder::Request("GetReports");
+  KrxRequestParams params(block->Block());
+  CMarkup in;
+  CMarkup out;
+  CFileTransferProvider provider;
+  const FailingNew failure(1, sizeof(CThreadData));
+  EXPECT_EQ(provider.GetReports(params, in, out), -1);
+  EXPECT_EQ(out.GetDoc(), "<Error Msg=\"\"/>\n");
+}
+
+// Every allocation of a call fails once: the call throws or copes, is counted, and nothing is lost or left open.
+TEST_F(MemoryFailure, RunningOutAnywhereLeavesTheTransferIntact) {
+  Append("r1", 10, {"a", "b", std::string(300, 'c')});
+  const std::string input = "<ReportData Name=\"r1\" StartIndex=\"0\"/>";
+  ServiceThread thread;
+  const Reply whole = thread.GetReports(input);
+  const std::ptrdiff_t open = OpenDescriptors();
+  int nth = 0;
+  for (bool failed = true; failed; ++nth) {
+    CMarkup in;
+    (void)in.SetDoc(input.c_str());
+    CMarkup out;
+    KrxRequestParams params(thread.Block());
+    CFileTransferProvider provider;
+    thread.Data()->state_word = 41;
+    {
+      const FailingNew failure(nth + 1, 0);
+      try {
+        (void)provider.GetReports(params, in, out);
+      } catch (const std::bad_alloc&) {
+      }
+      failed = failure.HasFailed();
+    }
+    const bool was_reset = thread.Data()->state_word == 1;
+    EXPECT_TRUE(was_reset || thread.Data()->state_word == 42) << nth;
+    EXPECT_EQ(thread.GetReports(input), whole) << nth;
+    EXPECT_EQ(OpenDescriptors(), open) << nth;
+  }
+  EXPECT_GT(nth, 5);
+}
+
+}  // namespace
