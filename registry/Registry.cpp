@@ -1,10 +1,10 @@
 // The class-wide machinery: loading, saving, the roots; and the life of a handle.
 #include "registry/Registry.h"
 
-#include <cxxabi.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
 #include <utility>
 
 #include "debug/Debug.h"
@@ -26,13 +26,12 @@ struct CRegistry::Layout {
 
 // Built right after Debug (101) and ended right before it, because the dying root still traces; and before everything
 // else, so that any other static object of the binary may use the registry while it is built or ended.
-#define QX_REGISTRY_STATIC __attribute__((init_priority(102)))
-QX_REGISTRY_STATIC CCriticalSection CRegistry::MSpinlock;
-QX_REGISTRY_STATIC std::string CRegistry::MPRegistry;
-QX_REGISTRY_STATIC std::string CRegistry::MPRegistryOld;
-QX_REGISTRY_STATIC std::string CRegistry::MPRegistryTemp;
-QX_REGISTRY_STATIC std::string CRegistry::MPRegistryDefault;
-QX_REGISTRY_STATIC CRegistryNode CRegistry::MRoot;
+__attribute__((init_priority(102))) CCriticalSection CRegistry::MSpinlock;
+__attribute__((init_priority(102))) std::string CRegistry::MPRegistry;
+__attribute__((init_priority(102))) std::string CRegistry::MPRegistryOld;
+__attribute__((init_priority(102))) std::string CRegistry::MPRegistryTemp;
+__attribute__((init_priority(102))) std::string CRegistry::MPRegistryDefault;
+__attribute__((init_priority(102))) CRegistryNode CRegistry::MRoot;
 
 CRegistryNode* CRegistry::MLocalMachine = nullptr;
 CRegistryNode* CRegistry::MCurrentUser = nullptr;
@@ -206,9 +205,7 @@ void CRegistry::SetupTree(bool force_setup) {
     }
     WireHives();
     tree_was_loaded = true;
-  } catch (const abi::__forced_unwind&) {
-    throw;  // a cancelled thread must not be kept
-  } catch (...) {
+  } catch (const std::exception&) {  // all that can be thrown here, but not the unwinding of a cancelled thread
     QX_TRACE(2, "CRegistry: SetupTree(): ## ERROR during Setup\n");
   }
   MIsSetup = true;

@@ -3,16 +3,23 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
+#include <ctime>
 #include <exception>
 #include <functional>
 #include <string>
@@ -28,6 +35,26 @@ using qx::test::ReadFile;
 using qx::test::RegistryTest;
 
 class Registry : public RegistryTest {};
+
+// A static object of a user that is built before all others, and ended after them.
+class EarlyUser {
+ public:
+  EarlyUser() {
+    CRegistry handle;
+    worked_ = handle.Open("", nullptr, 0) == 0 && handle.CreateKey(nullptr, "early", false, 0) == 0 &&
+              handle.SetValue("x", 1U) == 0 && handle.GetValueSize("x") == 4;
+    CRegistry::MIsDirty = false;  // nothing is to be saved into the system's directory
+  }
+  ~EarlyUser() { const CRegistry handle; }
+  [[nodiscard]] bool HasWorked() const { return worked_; }
+
+ private:
+  bool worked_ = false;
+};
+
+__attribute__((init_priority(103))) EarlyUser early_user;
+
+TEST(RegistryStatics, AreThereForOtherStaticObjects) { EXPECT_TRUE(early_user.HasWorked()); }
 
 constexpr std::string_view kSmall = "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nx=d=1\n\n\n\n";
 
@@ -404,32 +431,102 @@ TEST_F(Registry, HundredThousandKeysDeepIsLoadedSavedAndDestroyed) {
   EXPECT_EQ(handle.DeleteKey("k"), 0);
 }
 
-// The real place of the files, in a mount namespace where nothing of the system's own can be met.
-TEST_F(Registry, FilesLieInTheSystemsDirectory) {
+// What `body` tells in a child process that may change itself.
+int InChild(const std::function<int()>& body) {
   const pid_t child = fork();
   if (child == 0) {
     try {
-      const std::string user = "0 " + std::to_string(getuid()) + " 1";
-      const std::string group = "0 " + std::to_string(getgid()) + " 1";
-      if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) _exit(77);
-      qx::test::WriteFile("/proc/self/uid_map", user);
-      qx::test::WriteFile("/proc/self/setgroups", "deny");
-      qx::test::WriteFile("/proc/self/gid_map", group);
-      if (mount("none", "/etc", "tmpfs", 0, nullptr) != 0 || mkdir("/etc/brollan", 0755) != 0) _exit(77);
-      qx::registry::StartAfresh(nullptr);
-      qx::test::WriteFile("/etc/brollan/registry.default", kSmall);
-      Change();
-      const bool is_saved =
-          ReadFile("/etc/brollan/registry") == "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n";
-      _exit(is_saved ? 0 : 1);
+      _exit(body());
     } catch (const std::exception& error) {
       std::fprintf(stderr, "%s\n", error.what());
-      _exit(99);
+      _exit(99);  // it must not return into the test run
     }
   }
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
-  EXPECT_EQ(status, 0) << "77: allow unprivileged user namespaces (kernel.unprivileged_userns_clone)";
+  return status;
+}
+
+// Makes every hard link fail as on a file system that has none.
+bool ForbidLinks() {
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_linkat, 1, 0),
+#ifdef SYS_link
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_link, 0, 1),
+#else
+      BPF_JUMP(BPF_JMP | BPF_JA, 1, 0, 0),
+#endif
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+TEST_F(Registry, UnreadableFileIsMovedWhereThereAreNoHardLinks) {
+  Given("precious\n");
+  EXPECT_EQ(InChild([this] {
+              CRegistry handle;
+              if (!ForbidLinks() || link(File().c_str(), File("x").c_str()) == 0) return 77;
+              if (handle.CreateKey(&CRegistry::MRoot, "K", false, 0) != 0) return 1;
+              CRegistry::SaveTree();
+              return 0;
+            }),
+            0);
+  EXPECT_EQ(ReadFile(File("registry.unread")), "precious\n");
+  EXPECT_EQ(ReadFile(File()), "[K]\n\n\n");
+  EXPECT_FALSE(Exists(File("registry.old")));
+}
+
+// The real place of the files, in a mount namespace where nothing of the system's own can be met.
+TEST_F(Registry, FilesLieInTheSystemsDirectory) {
+  const auto load_and_save = [] {
+    const std::string user = "0 " + std::to_string(getuid()) + " 1";
+    const std::string group = "0 " + std::to_string(getgid()) + " 1";
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return 77;
+    qx::test::WriteFile("/proc/self/uid_map", user);
+    qx::test::WriteFile("/proc/self/setgroups", "deny");
+    qx::test::WriteFile("/proc/self/gid_map", group);
+    if (mount("none", "/etc", "tmpfs", 0, nullptr) != 0 || mkdir("/etc/brollan", 0755) != 0) return 77;
+    qx::registry::StartAfresh(nullptr);
+    qx::test::WriteFile("/etc/brollan/registry.default", kSmall);
+    Change();
+    const std::string saved = ReadFile("/etc/brollan/registry");
+    return saved == "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n" ? 0 : 1;
+  };
+  EXPECT_EQ(InChild(load_and_save), 0) << "77 * 256: allow unprivileged user namespaces";
+}
+
+double CpuSeconds() {
+  timespec time = {};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+// Names in an order that is as far from sorted as can be.
+double SecondsToLoad(const std::string& path, unsigned values) {
+  std::string text;
+  for (unsigned i = 0; i < values; ++i) text += std::to_string(i * 2654435761U) + "=d=1\n";
+  qx::test::WriteFile(path, text);
+  double best = 1e9;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    CRegistryNode key;
+    const double begin = CpuSeconds();
+    EXPECT_TRUE(CRegistry::ReadTree(path.c_str(), key));
+    best = std::min(best, CpuSeconds() - begin);
+  }
+  return best;
+}
+
+// Four times the values in one key cost about four times the time; inserting each in its place would cost sixteen.
+TEST_F(Registry, LoadingUnsortedValuesOfOneKeyIsNotQuadratic) {
+  double ratio = 0;
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    ratio = SecondsToLoad(File(), 40000) / SecondsToLoad(File(), 10000);
+    if (ratio < 8) break;
+  }
+  EXPECT_LT(ratio, 8);
 }
 
 }  // namespace

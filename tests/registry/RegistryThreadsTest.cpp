@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <cerrno>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -136,6 +138,46 @@ TEST_F(RegistryThreads, SavingHoldsTheLocksOfAWholeDeepPathAndFreesThem) {
   { const CRegistry handle; }
   std::thread([&] { EXPECT_EQ(Dump(CRegistry::MRoot), text); }).join();
   EXPECT_EQ(Dump(CRegistry::MRoot), text);
+}
+
+// The address sanitizer does not see the unwinding of a cancelled thread and takes its dead frames for living ones.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kCanCancel = false;
+#else
+constexpr bool kCanCancel = true;
+#endif
+
+// Runs `work` in a thread that is to be cancelled at the first place where a thread can be.
+void RunCancelled(const std::function<void()>& work) {
+  std::thread thread([&] {
+    pthread_cancel(pthread_self());
+    work();
+    pthread_testcancel();
+    ADD_FAILURE() << "the thread was not cancelled";
+  });
+  thread.join();
+}
+
+TEST_F(RegistryThreads, CancelledThreadFinishesTheSaveOfItsHandle) {
+  if (!kCanCancel) GTEST_SKIP() << "under the address sanitizer";
+  const qx::test::TraceCapture tracing(4);
+  auto handle = std::make_unique<CRegistry>(CRegistry::MLocalMachine);
+  RunCancelled([&] {
+    CRegistry::MIsDirty = true;
+    handle.reset();
+  });
+  EXPECT_EQ(ReadFile(File("registry.old")), ReadFile(File()));
+  EXPECT_FALSE(CRegistry::MIsDirty);
+}
+
+TEST_F(RegistryThreads, ThreadCancelledInALoadLeavesTheLocksFree) {
+  if (!kCanCancel) GTEST_SKIP() << "under the address sanitizer";
+  RunCancelled([] { const CRegistry handle; });
+  EXPECT_FALSE(CRegistry::MIsSetup);
+  Run(1, [](int) {
+    const CRegistry handle;
+    EXPECT_NE(CRegistry::MLocalMachine, nullptr);
+  });
 }
 
 }  // namespace
