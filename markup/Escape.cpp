@@ -161,19 +161,19 @@ void AppendUnescaped(std::string& out, std::string_view text, int flags) {
   }
 }
 
-void AppendCDataPieces(std::vector<std::string_view>& pieces, std::string_view text) {
+void AppendCDataPieces(Pieces& pieces, std::string_view text) {
   const char* p = text.data();
   const char* const end = p + text.size();
-  pieces.emplace_back("<![CDATA[");
+  pieces.Add("<![CDATA[");
   for (;;) {
     const char* const stop = FindTriple<']', ']', '>'>(p, end);
     const char* const piece_end = stop == end ? end : stop + 2;
-    pieces.emplace_back(p, static_cast<std::size_t>(piece_end - p));
+    pieces.Add(std::string_view(p, static_cast<std::size_t>(piece_end - p)));
     if (stop == end) break;
-    pieces.emplace_back("]]><![CDATA[");
+    pieces.Add("]]><![CDATA[");
     p = piece_end;
   }
-  pieces.emplace_back("]]>");
+  pieces.Add("]]>");
 }
 
 }  // namespace qx::markup

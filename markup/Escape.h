@@ -3,7 +3,8 @@
 
 #include <string>
 #include <string_view>
-#include <vector>
+
+#include "markup/Pieces.h"
 
 namespace qx::markup {
 
@@ -26,6 +27,6 @@ void AppendUnescaped(std::string& out, std::string_view text, int flags);
 
 // The pieces whose concatenation is the text as CDATA: `a]]>b` => `<![CDATA[` `a]]` `]]><![CDATA[` `>b` `]]>`.
 // They view `text` and constants.
-void AppendCDataPieces(std::vector<std::string_view>& pieces, std::string_view text);
+void AppendCDataPieces(Pieces& pieces, std::string_view text);
 
 }  // namespace qx::markup

@@ -6,7 +6,6 @@
 #include "markup/ElemPosTree.h"
 #include "markup/Escape.h"
 #include "markup/Names.h"
-#include "markup/PathPos.h"
 #include "markup/Results.h"
 #include "markup/TokenPos.h"
 
@@ -121,7 +120,7 @@ void CMarkup::SetPosition(std::uint32_t parent, std::uint32_t main, std::uint32_
 
 bool CMarkup::FindElem(MCD_CSTR path) {
   if (next_unused_ == 0) return false;
-  const std::uint32_t found = Find(PathPos(ViewOf(path)), parent_position_, main_position_);
+  const std::uint32_t found = Find(path, parent_position_, main_position_);
   if (found == 0) return false;
   SetPosition(Record(found).parent, found, 0);
   return true;
@@ -130,7 +129,7 @@ bool CMarkup::FindElem(MCD_CSTR path) {
 bool CMarkup::FindChildElem(MCD_CSTR path) {
   if (next_unused_ == 0) return false;
   if (main_position_ == 0 && !FindElem()) return false;
-  const std::uint32_t found = Find(PathPos(ViewOf(path)), main_position_, child_position_);
+  const std::uint32_t found = Find(path, main_position_, child_position_);
   if (found == 0) return false;
   const std::uint32_t parent = Record(found).parent;
   SetPosition(Record(parent).parent, parent, found);

@@ -14,7 +14,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 // A read-only C string; a null pointer means "none".
 using MCD_CSTR = const char*;
@@ -25,6 +24,9 @@ struct ElemPos;
 struct FilePos;
 struct PathStep;
 struct SavedPosMapArray;
+namespace qx::markup {
+class Pieces;
+}
 
 // A row of BomTable; the last one is all zeros.
 struct BomTableRow {
@@ -256,7 +258,6 @@ class CMarkup {
  private:
   struct ParseState;
   struct Insertion;
-  using Pieces = std::vector<std::string_view>;
 
   // Parsing (MarkupParse.cpp)
   bool x_ParseDoc();
@@ -276,7 +277,9 @@ class CMarkup {
   std::string DataOf(std::uint32_t elem) const;
 
   // Searching (MarkupFind.cpp)
-  std::uint32_t Find(const PathPos& path, std::uint32_t parent, std::uint32_t after) const;
+  std::uint32_t Find(MCD_CSTR path, std::uint32_t parent, std::uint32_t after) const;
+  std::uint32_t FindSibling(std::string_view name, std::uint32_t parent, std::uint32_t after) const;
+  std::uint32_t FindAlong(const PathPos& path, std::uint32_t parent, std::uint32_t after) const;
   std::uint32_t NextSibling(std::uint32_t parent, std::uint32_t elem) const;
   bool StepMatches(const PathStep& step, std::uint32_t elem) const;
 
@@ -290,9 +293,10 @@ class CMarkup {
   std::uint32_t CommitInsertion(const Insertion& insertion);
   void Remove(std::uint32_t elem);
   std::size_t TrailingSlashes(std::uint32_t elem) const;
+  void ShiftSubtree(std::uint32_t top, std::uint32_t delta);
   void Shift(std::uint32_t elem, std::uint32_t delta);
   void ReleaseSubtree(std::uint32_t top);
-  void Splice(std::size_t offset, std::size_t removed, const Pieces& pieces);
+  void Splice(std::size_t offset, std::size_t removed, const qx::markup::Pieces& pieces);
 
   // Order is interface: the members stand as other code of the suite knows them.
   std::string document_;

@@ -1,7 +1,6 @@
 // CMarkup's changes: each one splices the text and then moves the records that stand behind or around the place.
 #include <algorithm>
 #include <cstdio>
-#include <numeric>
 #include <utility>
 
 #include "markup/Ascii.h"
@@ -11,12 +10,14 @@
 #include "markup/Limits.h"
 #include "markup/Markup.h"
 #include "markup/Names.h"
+#include "markup/Pieces.h"
 #include "markup/TreeWalk.h"
+
+using qx::markup::Pieces;
 
 namespace {
 
-// What stands behind a change is set aside and appended again when it is no longer than this, so that the new text is
-// copied once and never filled with zeros first.
+constexpr std::size_t kMuchTextBytes = 4096;
 constexpr std::size_t kShortTailBytes = 1024;
 
 std::string_view ViewOf(MCD_CSTR text) { return text == nullptr ? std::string_view() : std::string_view(text); }
@@ -24,17 +25,41 @@ std::string_view ViewOf(MCD_CSTR text) { return text == nullptr ? std::string_vi
 // Differences travel as 32-bit words that wrap: adding one to an offset moves it either way.
 constexpr std::uint32_t Low32(std::size_t value) { return static_cast<std::uint32_t>(value); }
 
-std::size_t TotalBytes(const std::vector<std::string_view>& pieces) {
-  return std::accumulate(pieces.begin(), pieces.end(), std::size_t{0},
-                         [](std::size_t sum, std::string_view piece) { return sum + piece.size(); });
+// Appends the data in its form for the document; `escaped` keeps what had to be built for it.
+void AppendDataPieces(Pieces& pieces, std::string_view data, int flags, std::string& escaped) {
+  if ((flags & CMarkup::kAddCData) != 0) return qx::markup::AppendCDataPieces(pieces, data);
+  if (!qx::markup::NeedsEscape(data, flags)) return pieces.Add(data);
+  qx::markup::AppendEscaped(escaped, data, flags);
+  pieces.Add(escaped);
 }
 
-// Appends the data in its form for the document; `escaped` keeps what had to be built for it.
-void AppendDataPieces(std::vector<std::string_view>& pieces, std::string_view data, int flags, std::string& escaped) {
-  if ((flags & CMarkup::kAddCData) != 0) return qx::markup::AppendCDataPieces(pieces, data);
-  if (!qx::markup::NeedsEscape(data, flags)) return pieces.push_back(data);
-  qx::markup::AppendEscaped(escaped, data, flags);
-  pieces.emplace_back(escaped);
+// A change within a start tag.
+struct TagChange {
+  std::size_t at = 0;  // offset in the tag
+  std::size_t removed = 0;
+  Pieces pieces;
+};
+
+// Where the value lands in the start tag:
+//   <a n="1">  =>  between the quotes      <a n=1>  =>  in its place, with quotes
+//   <a n>      =>  ="v" behind the name    <a>      =>  ` n="v"` before the ">" or "/>"
+void PlaceAttribute(TagChange& change, std::string_view tag, std::string_view name, std::string_view escaped,
+                    bool ignore_case) {
+  qx::markup::AttributePos old;
+  if (!qx::markup::FindAttribute(tag, name, ignore_case, old)) {
+    change.at = qx::markup::TagClosingOffset(tag);
+    change.pieces.Add({" ", name, "=\"", escaped, "\""});
+    return;
+  }
+  change.at = old.value_start;
+  change.removed = old.value_end - old.value_start;
+  if (!old.HasValue()) {
+    change.pieces.Add({"=\"", escaped, "\""});
+  } else if (!old.quoted) {
+    change.pieces.Add({"\"", escaped, "\""});
+  } else {
+    change.pieces.Add(escaped);
+  }
 }
 
 }  // namespace
@@ -55,41 +80,24 @@ bool CMarkup::SetChildAttrib(MCD_CSTR name, int value, int flags) {
   return SetAttributeOf(child_position_, name, std::to_string(value), flags);
 }
 
-// Where the value lands in the start tag:
-//   <a n="1">  =>  between the quotes      <a n=1>  =>  in its place, with quotes
-//   <a n>      =>  ="v" behind the name    <a>      =>  ` n="v"` before the ">" or "/>"
 bool CMarkup::SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view value, int flags) {
   if (elem == 0 || name == nullptr || !qx::markup::IsAttributeName(name)) return false;
   std::string escaped;
   qx::markup::AppendEscaped(escaped, value, flags | kEscapeQuotes);
 
   const std::string_view tag = StartTag(elem);
-  qx::markup::AttributePos old;
-  const bool found = qx::markup::FindAttribute(tag, name, IgnoresCase(), old);
-  std::size_t at = old.value_start;
-  std::size_t removed = old.value_end - old.value_start;
-  Pieces pieces{escaped};
-  if (!found) {
-    at = qx::markup::TagClosingOffset(tag);
-    removed = 0;
-    pieces = {" ", name, "=\"", escaped, "\""};
-  } else if (!old.HasValue()) {
-    pieces = {"=\"", escaped, "\""};
-  } else if (!old.quoted) {
-    pieces = {"\"", escaped, "\""};
-  }
-  const std::size_t added = TotalBytes(pieces);
-  if (!qx::markup::StartTagFits(tag.size() - removed + added)) return false;
-  if (!qx::markup::DocumentFits(document_.size(), removed, added)) return false;
+  TagChange change;
+  PlaceAttribute(change, tag, name, escaped, IgnoresCase());
+  const std::size_t added = change.pieces.Bytes();
+  if (!qx::markup::StartTagFits(tag.size() - change.removed + added)) return false;
+  if (!qx::markup::DocumentFits(document_.size(), change.removed, added)) return false;
 
   ElemPos& record = (*tree_)[elem];
-  Splice(record.start + at, removed, pieces);
-  const std::uint32_t delta = Low32(added - removed);
+  Splice(record.start + change.at, change.removed, change.pieces);
+  const std::uint32_t delta = Low32(added - change.removed);
   record.SetTagLengths(record.StartTagLength() + delta, record.EndTagLength());
   record.length += delta;
-  for (std::uint32_t child = record.first_child; child != 0; child = (*tree_)[child].next) {
-    qx::markup::ForEachInSubtree(*tree_, child, [this, delta](std::uint32_t i) { (*tree_)[i].start += delta; });
-  }
+  for (std::uint32_t child = record.first_child; child != 0; child = (*tree_)[child].next) ShiftSubtree(child, delta);
   Shift(elem, delta);
   return true;
 }
@@ -111,13 +119,13 @@ bool CMarkup::SetDataOf(std::uint32_t elem, std::string_view text, int flags) {
 
   Pieces pieces;
   std::string escaped;
-  if (empty_element) pieces.emplace_back(">");
+  if (empty_element) pieces.Add(">");
   AppendDataPieces(pieces, text, flags, escaped);
-  if (empty_element) pieces.insert(pieces.end(), {"</", name, ">"});
+  if (empty_element) pieces.Add({"</", name, ">"});
 
   const std::size_t at = empty_element ? record.End() - slashes - 1 : record.ContentStart();
   const std::size_t removed = empty_element ? slashes + 1 : record.ContentEnd() - at;
-  const std::size_t added = TotalBytes(pieces);
+  const std::size_t added = pieces.Bytes();
   if (!qx::markup::DocumentFits(document_.size(), removed, added)) return false;
 
   Splice(at, removed, pieces);
@@ -171,13 +179,12 @@ std::uint32_t CMarkup::Insert(std::uint32_t parent, std::uint32_t previous, std:
   insertion.parent = parent;
   insertion.previous = previous != 0 ? previous : qx::markup::LastChild(*tree_, parent);
   insertion.line = (flags & kAddNoLines) != 0 ? "" : "\n";
-  insertion.pieces.reserve(16);
   PlaceInsertion(insertion);
   WriteElement(insertion, name, data, flags);
-  insertion.pieces.push_back(insertion.line);
-  if (insertion.removed != 0) insertion.pieces.insert(insertion.pieces.end(), {"</", insertion.parent_name, ">"});
+  insertion.pieces.Add(insertion.line);
+  if (insertion.removed != 0) insertion.pieces.Add({"</", insertion.parent_name, ">"});
 
-  if (!qx::markup::DocumentFits(document_.size(), insertion.removed, TotalBytes(insertion.pieces))) return 0;
+  if (!qx::markup::DocumentFits(document_.size(), insertion.removed, insertion.pieces.Bytes())) return 0;
   const std::uint32_t elem = CommitInsertion(insertion);
   if ((flags & kAddNoEnd) != 0) {
     (*tree_)[elem].Set(kElemNoEnd);
@@ -208,7 +215,7 @@ void CMarkup::PlaceInsertion(Insertion& insertion) const {
     insertion.removed = TrailingSlashes(insertion.parent) + 1;
     insertion.at = parent.End() - insertion.removed;
     insertion.parent_name = TagName(insertion.parent);
-    insertion.pieces = {">", insertion.line};
+    insertion.pieces.Add({">", insertion.line});
     insertion.lead = 1 + insertion.line.size();
   }
 }
@@ -218,16 +225,17 @@ void CMarkup::WriteElement(Insertion& insertion, std::string_view name, std::str
   Pieces& pieces = insertion.pieces;
   if (data.empty()) {
     const std::string_view space_slash = (flags & kAddSpaceSlash) != 0 ? " />" : "/>";
-    pieces.insert(pieces.end(), {"<", name, (flags & kAddNoEnd) != 0 ? std::string_view(">") : space_slash});
-    insertion.start_tag_length = 1 + name.size() + pieces.back().size();
+    const std::string_view closing = (flags & kAddNoEnd) != 0 ? ">" : space_slash;
+    pieces.Add({"<", name, closing});
+    insertion.start_tag_length = 1 + name.size() + closing.size();
   } else {
-    pieces.insert(pieces.end(), {"<", name, ">"});
+    pieces.Add({"<", name, ">"});
     AppendDataPieces(pieces, data, flags, insertion.escaped);
-    pieces.insert(pieces.end(), {"</", name, ">"});
+    pieces.Add({"</", name, ">"});
     insertion.start_tag_length = name.size() + 2;
     insertion.end_tag_length = name.size() + 3;
   }
-  insertion.length = TotalBytes(pieces) - insertion.lead;
+  insertion.length = pieces.Bytes() - insertion.lead;
 }
 
 std::uint32_t CMarkup::CommitInsertion(const Insertion& insertion) {
@@ -252,7 +260,7 @@ std::uint32_t CMarkup::CommitInsertion(const Insertion& insertion) {
   } else {
     qx::markup::LinkFirst(tree, parent, elem);
   }
-  Shift(elem, Low32(TotalBytes(insertion.pieces) - insertion.removed));
+  Shift(elem, Low32(insertion.pieces.Bytes() - insertion.removed));
   return elem;
 }
 
@@ -304,36 +312,42 @@ std::size_t CMarkup::TrailingSlashes(std::uint32_t elem) const {
   return tag.size() - 2 - tag.find_last_not_of('/', tag.size() - 2);
 }
 
+void CMarkup::ShiftSubtree(std::uint32_t top, std::uint32_t delta) {
+  ElemPosTree& tree = *tree_;
+  qx::markup::ForEachInSubtree(tree, top, [&tree, delta](std::uint32_t elem) { tree[elem].start += delta; });
+}
+
 // Everything behind `elem` moves by `delta` bytes, everything around it grows by as much. Nothing stands behind an
 // element that is appended, so appending costs only its depth.
 void CMarkup::Shift(std::uint32_t elem, std::uint32_t delta) {
   ElemPosTree& tree = *tree_;
   while (elem != 0) {
-    for (std::uint32_t behind = tree[elem].next; behind != 0; behind = tree[behind].next) {
-      qx::markup::ForEachInSubtree(tree, behind, [&tree, delta](std::uint32_t i) { tree[i].start += delta; });
-    }
+    for (std::uint32_t behind = tree[elem].next; behind != 0; behind = tree[behind].next) ShiftSubtree(behind, delta);
     elem = tree[elem].parent;
     tree[elem].length += delta;
   }
 }
 
 // Puts the pieces in the place of `removed` bytes. When memory runs out nothing has changed.
+//
+// Much new text before a short rest is appended, and the rest behind it, so that a large section is copied once and not
+// filled with zeros first.
 void CMarkup::Splice(std::size_t offset, std::size_t removed, const Pieces& pieces) {
-  const std::size_t added = TotalBytes(pieces);
+  const std::size_t added = pieces.Bytes();
   const std::size_t tail_bytes = document_.size() - offset - removed;
   const std::size_t needed = document_.size() - removed + added;
   if (needed > document_.capacity()) document_.reserve(std::max(needed, 2 * document_.capacity()));
 
-  if (tail_bytes > kShortTailBytes) {
+  if (added < kMuchTextBytes || tail_bytes > kShortTailBytes) {
     document_.replace(offset, removed, added, '\0');
-    for (char* out = document_.data() + offset; const std::string_view piece : pieces) {
-      out = std::copy(piece.begin(), piece.end(), out);
+    for (char* out = document_.data() + offset; const qx::markup::Piece piece : pieces.All()) {
+      out = std::copy_n(piece.data, piece.size, out);
     }
     return;
   }
   char tail[kShortTailBytes];
   std::copy_n(document_.data() + offset + removed, tail_bytes, tail);
   document_.resize(offset);
-  for (const std::string_view piece : pieces) document_.append(piece);
+  for (const qx::markup::Piece piece : pieces.All()) document_.append(piece.data, piece.size);
   document_.append(tail, tail_bytes);
 }

@@ -1,6 +1,8 @@
 // CMarkup's search along element paths.
+#include <algorithm>
 #include <vector>
 
+#include "markup/Ascii.h"
 #include "markup/Attribute.h"
 #include "markup/ElemPosTree.h"
 #include "markup/Escape.h"
@@ -8,6 +10,9 @@
 #include "markup/Names.h"
 #include "markup/PathPos.h"
 #include "markup/TreeWalk.h"
+
+using qx::markup::IsClass;
+using qx::markup::kStoredEnd;
 
 namespace {
 
@@ -28,9 +33,23 @@ struct StepSearch {
 
 }  // namespace
 
+std::uint32_t CMarkup::Find(MCD_CSTR path, std::uint32_t parent, std::uint32_t after) const {
+  const std::string_view text = path == nullptr ? std::string_view() : std::string_view(path);
+  const bool plain_name = std::none_of(text.begin(), text.end(), [](char c) { return IsClass(c, kStoredEnd); });
+  return plain_name ? FindSibling(text, parent, after) : FindAlong(PathPos(text), parent, after);
+}
+
+// What nearly every search is for: the next sibling of a name, or of any.
+std::uint32_t CMarkup::FindSibling(std::string_view name, std::uint32_t parent, std::uint32_t after) const {
+  std::uint32_t elem = NextSibling(parent, after);
+  if (name.empty()) return elem;
+  while (elem != 0 && !qx::markup::StoredNameMatches(TagName(elem), name, IgnoresCase())) elem = Record(elem).next;
+  return elem;
+}
+
 // Depth first along the steps: a step's element is kept while the following steps try all of its children. Every
 // element is looked at once a step at most, because only the first step can reach below a parent's own children.
-std::uint32_t CMarkup::Find(const PathPos& path, std::uint32_t parent, std::uint32_t after) const {
+std::uint32_t CMarkup::FindAlong(const PathPos& path, std::uint32_t parent, std::uint32_t after) const {
   if (!path.IsValid()) return 0;
   const std::vector<PathStep>& steps = path.Steps();
   if (path.IsAnyDepth() && after == 0) after = parent;

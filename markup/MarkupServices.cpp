@@ -53,10 +53,11 @@ std::string CMarkup::UnescapeText(std::string_view text, int flags) {
 }
 
 std::string CMarkup::x_EncodeCDATASection(std::string_view text) {
-  Pieces pieces;
+  qx::markup::Pieces pieces;
   qx::markup::AppendCDataPieces(pieces, text);
   std::string out;
-  for (const std::string_view piece : pieces) out.append(piece);
+  out.reserve(pieces.Bytes());
+  for (const qx::markup::Piece piece : pieces.All()) out.append(piece.data, piece.size);
   return out;
 }
 

@@ -270,6 +270,35 @@ TEST(MarkupEdit, DataReadsBackAsItWasSet) {
   }
 }
 
+TEST(MarkupEdit, LargeDataIsPutInPlaceWhateverStandsBehindIt) {
+  for (const std::size_t bytes : {4083U, 4084U, 4085U, 5000U, 100000U}) {
+    for (const std::size_t tail : {0U, 1015U, 1016U, 1017U, 1018U, 5000U}) {
+      for (const char* old : {"", "old"}) {
+        const std::string data(bytes, 'd');
+        const std::string behind(tail, 't');
+        CMarkup markup("<r><a>" + std::string(old) + "</a>" + behind + "</r>");
+        ASSERT_TRUE(markup.FindElem("/r/a"));
+        ASSERT_TRUE(markup.SetData(std::string_view(data), CMarkup::kAddCData));
+        ASSERT_EQ(markup.GetDoc(), "<r><a><![CDATA[" + data + "]]></a>" + behind + "</r>");
+        ASSERT_TRUE(markup.SetData("short"));
+        ASSERT_EQ(markup.GetDoc(), "<r><a>short</a>" + behind + "</r>");
+      }
+    }
+  }
+}
+
+TEST(MarkupEdit, DataWithManySectionEndsReadsBack) {
+  for (std::size_t ends = 0; ends < 40; ++ends) {
+    std::string data = "x";
+    for (std::size_t i = 0; i < ends; ++i) data += "]]>";
+    CMarkup markup("<r/>");
+    ASSERT_TRUE(markup.FindElem());
+    ASSERT_TRUE(markup.AddChildElem("a", data.c_str(), CMarkup::kAddCData));
+    EXPECT_EQ(markup.GetChildData(), data);
+    ExpectSound(markup);
+  }
+}
+
 TEST(MarkupEdit, ChildDataIsSetWithoutMovingTheMainElement) {
   CMarkup markup("<r><a/></r>");
   ASSERT_TRUE(markup.FindElem());
