@@ -408,6 +408,13 @@ TEST_F(QxctlFetchOfAFakeModule, AFailureInTheMiddleLeavesTheOldFile) {
   EXPECT_THAT(FilesHere(), testing::ElementsAre("Reports", "fake", "out"));
 }
 
+TEST_F(QxctlFetchOfAFakeModule, TheHighestIndexIsTheEnd) {
+  Reply(1, Records(0, 2147483647, "a\r\n"));
+  Reply(3, Records(0, 1, "a\r\n"));  // no question behind the end: there is no such index
+  EXPECT_EQ(Fetch().code, 0);
+  EXPECT_EQ(Request(2), "<ReportData Name=\"load\" StartIndex=\"2147483647\"/>\n");
+}
+
 TEST_F(QxctlFetchOfAFakeModule, AReplyThatIsNeitherRecordsNorAnErrorIsAnIoFailure) {
   Reply(1, "0\n<Other/>");
   EXPECT_EQ(Fetch().code, 6);

@@ -1,6 +1,7 @@
 #include "tools/qxctl/Transfer.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "tools/qxctl/Interrupt.h"
@@ -73,13 +74,14 @@ Status Transfer::CheckEnd() {
   }
   if (stopped_early) {
     return {ExitCode::kFinding, "record " + std::to_string(next_index_) +
-                                    " (counted from 0) has 1 MiB or more, which " +
-                                    "no chunk can carry; neither it nor what follows it was transferred"};
+                                    " (counted from 0) has 1 MiB or more, which no chunk can carry; neither it nor " +
+                                    "what follows it was transferred"};
   }
   return {};
 }
 
 bool Transfer::RecordStandsBehindEnd() {
+  if (next_index_ == std::numeric_limits<std::int32_t>::max()) return false;
   ReportReply reply;
   return Ask(next_index_ + 1, 1, reply).IsOk() && reply.kind == ReplyKind::kRecords;
 }

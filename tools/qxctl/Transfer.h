@@ -17,7 +17,7 @@ struct TransferCount {
   std::uint64_t records = 0;
   std::uint64_t chunks = 0;
   std::uint64_t bytes = 0;
-  double module_seconds = 0;  // spent inside the module
+  double module_seconds = 0;  // spent inside the module, the two questions at the end included
 };
 
 // Asks from index 0, then from each reply's NextIndex, until the module has no more records.
