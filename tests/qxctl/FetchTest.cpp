@@ -236,6 +236,17 @@ TEST_F(QxctlFetch, OutputThatCannotBeWrittenIsAnIoFailure) {
   EXPECT_THAT(nowhere.err, HasSubstr("cannot create a file beside nowhere/out: No such file or directory"));
 }
 
+// The next file that a process opens takes the lowest free descriptor, here the module's log that of standard output.
+TEST_F(QxctlFetch, AClosedStandardOutputIsAnIoFailureAndNeverSomeOtherFile) {
+  MakeReport("load", 9, {"one"});
+  Start start = StartHere();
+  start.close_out = true;
+  const Ran ran = Qxctl({"fetch", "load", "--trace", "traces"}, start);
+  EXPECT_EQ(ran.code, 6);
+  EXPECT_THAT(ran.err, HasSubstr("cannot write standard output: Bad file descriptor"));
+  EXPECT_THAT(ReadFile(Dir().File("traces/log.qxremconxfer")), testing::Not(testing::EndsWith("one\r\n")));
+}
+
 TEST_F(QxctlFetch, TheFileAppearsWithTheModeOfTheOneItReplacesOrTheOneThatTheUmaskLeaves) {
   MakeReport("load", 9, {"one"});
   const mode_t old_mask = umask(027);

@@ -190,13 +190,6 @@ TEST_F(QxctlReport, OutputThatCannotBeWrittenIsAnIoFailure) {
   EXPECT_THAT(closed.err, HasSubstr("Bad file descriptor"));
 }
 
-TEST_F(QxctlReport, AClosedStandardOutputNeverBecomesAReportFile) {
-  MakeReport("r", 3, {"a"});
-  const std::string before = ReadFile(ReportPath("r") + ".dat") + IndexBytes("r");
-  EXPECT_EQ(Qxctl({"report", "info", "Reports/r"}, Start{.directory = {}, .close_out = true}).code, 6);
-  EXPECT_EQ(ReadFile(ReportPath("r") + ".dat") + IndexBytes("r"), before);
-}
-
 TEST_F(QxctlReport, AReaderThatGoesAwayIsAnIoFailureAndNotASignal) {
   MakeReport("r", 20000, std::vector<std::string>(20000, Repeated("text ", 20)));
   Start start = StartHere();
