@@ -62,6 +62,8 @@ function(qx_test name)
   cmake_parse_arguments(arg "" "" "SOURCES;DEPS" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE qx_test_support ${arg_DEPS} GTest::gtest GTest::gmock)
+  # What is tested is built as it ships; the tests themselves need not be fast, and compile in two thirds of the time.
+  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O1>)
   set(filter)
   if(QX_SANITIZE STREQUAL "thread")
     set(filter --gtest_filter=*Threads*)
