@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <exception>
 #include <utility>
@@ -19,10 +20,24 @@
 using qx::LockScope;
 using qx::registry::NodeOf;
 
+// The two owned pointers are smart ones, for which the standard leaves offsets to the compiler; both of ours know them.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
 struct CRegistry::Layout {
   static_assert(sizeof(MIsSetup) == 1 && sizeof(MIsDirty) == 1, "the two flags are bytes");
-  static_assert(sizeof(CRegistry) == 64, "nine 32-bit fields, padding, three pointers");
+  static_assert(offsetof(CRegistry, status_) == 0);
+  static_assert(offsetof(CRegistry, value_size_) == 4);
+  static_assert(offsetof(CRegistry, value_type_) == 8);
+  static_assert(offsetof(CRegistry, expand_) == 12);
+  static_assert(offsetof(CRegistry, key_index_next_) == 16);
+  static_assert(offsetof(CRegistry, value_index_next_) == 24);
+  static_assert(offsetof(CRegistry, value_position_next_) == 32);
+  static_assert(offsetof(CRegistry, current_key_) == 40);
+  static_assert(offsetof(CRegistry, value_) == 48);
+  static_assert(offsetof(CRegistry, key_path_) == 56);
+  static_assert(sizeof(CRegistry) == 64);
 };
+#pragma GCC diagnostic pop
 
 // Built right after Debug (101) and ended right before it, because the dying root still traces; and before everything
 // else, so that any other static object of the binary may use the registry while it is built or ended.
@@ -144,11 +159,6 @@ void EnsureHiveEntries() {
 }
 
 }  // namespace
-
-const char* qx::registry::Directory() {
-  const LockScope lock(CRegistry::MSpinlock);
-  return files_directory;
-}
 
 void qx::registry::StartAfresh(const char* directory) {
   const LockScope lock(CRegistry::MSpinlock);

@@ -7,9 +7,6 @@ namespace qx::registry {
 
 inline constexpr const char* kSystemDirectory = "/etc/brollan";
 
-// The directory of the registry file and its companions. [any thread]
-[[nodiscard]] const char* Directory();
-
 // For tests: takes `directory` (which must live on; null: the system's) as the place of the files and forgets the tree
 // and its state, as if the module had just been loaded. No handle may exist. [owning thread]
 void StartAfresh(const char* directory);
