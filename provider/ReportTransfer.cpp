@@ -229,11 +229,9 @@ bool ReportTransfer::RingHasMoved() {
   return true;
 }
 
-// Quirk: the limit is widened with its sign and compared unsigned, so a negative one other than -1 is no limit either.
+// Quirk: every negative limit is none, not only -1.
 bool ReportTransfer::LimitReached() const {
-  if (request_.record_limit == kNoRecordLimit) return false;
-  const std::int64_t limit = request_.record_limit;
-  return static_cast<std::uint64_t>(limit) <= static_cast<std::uint64_t>(index_ - request_.start_index);
+  return request_.record_limit >= 0 && index_ - request_.start_index >= request_.record_limit;
 }
 
 // How many records from index_ on stand in slots that follow one another, are part of the transfer and wanted: at least
@@ -245,7 +243,7 @@ std::uint32_t ReportTransfer::CountOfRun() const {
   std::uint64_t count = sum < highest ? highest - sum : kSlotNumbers - sum;  // up to the next step back of SlotOf
 
   count = std::min(count, static_cast<std::uint64_t>(thread_data_.highest_index - index_));
-  if (request_.record_limit > kNoRecordLimit) {
+  if (request_.record_limit >= 0) {
     const std::int64_t taken = index_ - request_.start_index;
     count = std::min(count, static_cast<std::uint64_t>(request_.record_limit - taken));
   }

@@ -49,7 +49,7 @@ struct TransferRequest {
   std::string name;           // of the report, below the report directory; any bytes but NUL
   std::string escaped_name;   // as it appears in replies
   std::int32_t start_index;   // age of the first record wanted, 0 = oldest; may be negative
-  std::int32_t record_limit;  // -1 = none
+  std::int32_t record_limit;  // negative = none; -1 when not given
 };
 
 // Whether a client's report name stays inside the report directory and names something there; what does not counts as a

@@ -256,6 +256,9 @@ TEST_F(ReportTransfer, AFailedOpenLeavesNothingOfTheTransferBeforeToRead) {
   EXPECT_EQ(thread.Ask("r1", 0, 1), Records("r1", 0, 1, "a\r\n"));
   EXPECT_EQ(thread.Ask("half", 0), NotReadable("half", 2));
   EXPECT_EQ(thread.Ask("r1", 1), NoMoreRecords());
+  EXPECT_EQ(thread.Ask("r1", 0, 1), Records("r1", 0, 1, "a\r\n"));
+  EXPECT_EQ(thread.Ask("../r1", 0), NotReadable("../r1", 2));  // is not even tried
+  EXPECT_EQ(thread.Ask("r1", 1), NoMoreRecords());
 }
 
 TEST_F(ReportTransfer, TheEndOfACdataSectionInARecordIsSplit) {
