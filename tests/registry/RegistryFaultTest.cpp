@@ -146,6 +146,7 @@ TEST_F(RegistryFault, SaveWithoutMemoryKeepsTheOldFile) {
         CRegistry::SaveTree();
       },
       [&](long) {
+        EXPECT_FALSE(qx::test::IsHeld(CRegistry::MRoot) || qx::test::IsHeld(*handle.CurrentKey()));
         EXPECT_FALSE(qx::test::Exists(File("registry.new")));
         const std::string file = ReadFile(File());
         EXPECT_TRUE(file == kTree || file == Tree());

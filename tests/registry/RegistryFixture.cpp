@@ -1,5 +1,6 @@
 #include "tests/registry/RegistryFixture.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -30,6 +31,14 @@ std::string Reread(std::string_view text) {
   CRegistryNode key;
   (void)Restore(key, text);
   return Dump(key);
+}
+
+// The mutex is the first field of the lock.
+bool IsHeld(const CRegistryNode& key) {
+  auto* mutex = reinterpret_cast<pthread_mutex_t*>(&key.Lock());
+  if (pthread_mutex_trylock(mutex) != 0) return true;
+  pthread_mutex_unlock(mutex);
+  return false;
 }
 
 RegistryTest::RegistryTest() : place_("TMPDIR", access("/dev/shm", W_OK) == 0 ? "/dev/shm" : std::getenv("TMPDIR")) {

@@ -19,6 +19,9 @@ bool Restore(CRegistryNode& key, std::string_view text);
 // What a fresh key dumps after reading these bytes; reading is asked for its result separately.
 std::string Reread(std::string_view text);
 
+// True while any thread, this one included, holds the key's lock.
+bool IsHeld(const CRegistryNode& key);
+
 // The tree of the eight-line example.
 inline constexpr std::string_view kExample =
     "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nName=s=some text\nCount=d=-5\nBlob=b=0a ff \n\n\n\n";

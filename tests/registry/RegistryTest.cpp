@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <exception>
@@ -447,21 +448,40 @@ int InChild(const std::function<int()>& body) {
   return status;
 }
 
-// Makes every hard link fail as on a file system that has none.
-bool ForbidLinks() {
+// Makes a system call fail for good, in a child process.
+bool Forbid(long call, int error) {
   sock_filter program[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_linkat, 1, 0),
-#ifdef SYS_link
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_link, 0, 1),
-#else
-      BPF_JUMP(BPF_JMP | BPF_JA, 1, 0, 0),
-#endif
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(call), 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
   };
   const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
   return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+bool ForbidLinks() {
+  bool is_forbidden = Forbid(SYS_linkat, EPERM);
+#ifdef SYS_link
+  is_forbidden = Forbid(SYS_link, EPERM) && is_forbidden;
+#endif
+  return is_forbidden;
+}
+
+TEST_F(Registry, FailedSyncOrCloseOfTheNewFileKeepsTheOldOne) {
+  Given(kSmall);
+  for (const long call : {SYS_fsync, SYS_close}) {
+    EXPECT_EQ(InChild([call] {
+                CRegistry handle(CRegistry::MLocalMachine);
+                if (handle.SetValue("x", 1U) != 0 || !Forbid(call, EIO)) return 77;
+                CRegistry::SaveTree();
+                return CRegistry::MIsDirty ? 1 : 0;
+              }),
+              0);
+    EXPECT_EQ(ReadFile(File()), kSmall);
+    EXPECT_FALSE(Exists(File("registry.new")));
+    EXPECT_FALSE(Exists(File("registry.old")));
+  }
 }
 
 TEST_F(Registry, UnreadableFileIsMovedWhereThereAreNoHardLinks) {

@@ -14,6 +14,7 @@
 namespace {
 
 using qx::test::Dump;
+using qx::test::IsHeld;
 using qx::test::ReadFile;
 using qx::test::RegistryTest;
 
@@ -138,6 +139,24 @@ TEST_F(RegistryThreads, SavingHoldsTheLocksOfAWholeDeepPathAndFreesThem) {
   { const CRegistry handle; }
   std::thread([&] { EXPECT_EQ(Dump(CRegistry::MRoot), text); }).join();
   EXPECT_EQ(Dump(CRegistry::MRoot), text);
+}
+
+// Without the lock above, the key being written could be deleted from there.
+TEST_F(RegistryThreads, SavingHoldsTheKeysAboveWhileItWaitsForOneBelow) {
+  Given("[HKEY_LOCAL_MACHINE]\n[A]\n[B]\nx=d=1\n\n\n\n\n");
+  const CRegistry top("", CRegistry::MLocalMachine, 0);
+  const CRegistry middle("A", CRegistry::MLocalMachine, 0);
+  const CRegistry below("A\\B", CRegistry::MLocalMachine, 0);
+  below.CurrentKey()->Lock().Lock();
+  std::thread saving([] { (void)Dump(CRegistry::MRoot); });
+  while (!IsHeld(*middle.CurrentKey())) std::this_thread::yield();
+  for (int i = 0; i < 1000; ++i) {
+    EXPECT_TRUE(IsHeld(CRegistry::MRoot) && IsHeld(*top.CurrentKey()) && IsHeld(*middle.CurrentKey()));
+    std::this_thread::yield();
+  }
+  below.CurrentKey()->Lock().Unlock();
+  saving.join();
+  EXPECT_FALSE(IsHeld(CRegistry::MRoot) || IsHeld(*top.CurrentKey()) || IsHeld(*middle.CurrentKey()));
 }
 
 // The address sanitizer does not see the unwinding of a cancelled thread and takes its dead frames for living ones.
