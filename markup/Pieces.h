@@ -20,7 +20,7 @@ struct Piece {
 // Threads: none of its own. Owns: the views, not what they view.
 class Pieces {
  public:
-  Pieces() {}  // few_ is left as it is: only what was added is ever read
+  Pieces() = default;  // few_ is left as it is: only what was added is ever read
   Pieces(const Pieces&) = delete;
   Pieces& operator=(const Pieces&) = delete;
 

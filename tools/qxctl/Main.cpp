@@ -86,6 +86,7 @@ ExitCode Qxctl(int argc, char** argv) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): when memory runs out, ending here is all that is left to do.
 int main(int argc, char** argv) {
   HoldStandardDescriptors();
   (void)std::signal(SIGPIPE, SIG_IGN);  // a reader that went away shows as a failed write, so that we can tidy up

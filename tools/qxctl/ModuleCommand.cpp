@@ -73,7 +73,7 @@ Status StatusOfCall(RequestFunction function, const CallResult& call) {
 }
 
 Status Print(Context& context, RequestFunction function, const CallResult& call, const Options& options) {
-  const Status status = StatusOfCall(function, call);
+  Status status = StatusOfCall(function, call);
   if (options.json) {
     if (Status printed = context.output.Document(CallToJson(function, call, status)); !printed.IsOk()) return printed;
     return status;

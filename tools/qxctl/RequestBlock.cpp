@@ -82,6 +82,7 @@ void RequestBlock::FillDepartments() {
 
 void RequestBlock::FillHeader() {
   header_.version = values_.version;
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): the block counts its elements and the pointers to them.
   header_.size = Count(sizeof header_ + elements_.size() * (sizeof(krx_element) + sizeof(krx_element*)));
   std::memcpy(header_.tag, values_.tag.data(), std::min(values_.tag.size(), sizeof header_.tag));
   header_.element_count = Count(top_level_.size());
