@@ -88,8 +88,8 @@ ByteSource BytesOf(const Descriptor& file) {
 
 void KeepUnread(const char* path) {
   const Beside kept(path, "registry.unread");
-  if (link(path, kept.Path()) == 0 || errno == EEXIST) return;
-  // A file system without hard links: the name moves instead.
+  if (link(path, kept.Path()) == 0) return;
+  // A file system without hard links: the name moves instead, and like a link it never replaces.
   (void)renameat2(AT_FDCWD, path, AT_FDCWD, kept.Path(), RENAME_NOREPLACE);
 }
 

@@ -159,6 +159,26 @@ TEST_F(RegistryThreads, SavingHoldsTheKeysAboveWhileItWaitsForOneBelow) {
   EXPECT_FALSE(IsHeld(CRegistry::MRoot) || IsHeld(*top.CurrentKey()) || IsHeld(*middle.CurrentKey()));
 }
 
+// A save takes the flag down and passes the key while the change still waits for the key's lock.
+TEST_F(RegistryThreads, ChangeThatASaveHasOvertakenMarksTheTreeAgain) {
+  const CRegistry key("", CRegistry::MLocalMachine, 0);
+  const std::function<void()> changes[] = {
+      [] { EXPECT_EQ(CRegistry(CRegistry::MLocalMachine).SetValue("x", 1U), 0); },
+      [] { EXPECT_EQ(CRegistry(CRegistry::MLocalMachine).DeleteValue("x"), 0); },
+  };
+  for (const auto& change : changes) {
+    key.CurrentKey()->Lock().Lock();
+    std::thread changing(change);
+    while (!CRegistry::MIsDirty) std::this_thread::yield();
+    CRegistry::MIsDirty = false;
+    const std::string before = qx::test::ReadFile(File());
+    key.CurrentKey()->Lock().Unlock();
+    changing.join();  // its handle, destroyed, has saved the change
+    EXPECT_NE(ReadFile(File()), before);
+    EXPECT_EQ(ReadFile(File()), Tree());
+  }
+}
+
 // The address sanitizer does not see the unwinding of a cancelled thread and takes its dead frames for living ones.
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kCanCancel = false;
