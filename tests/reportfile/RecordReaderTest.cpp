@@ -299,11 +299,12 @@ TEST_F(RecordReaderTest, BillionsOfSlotsWithATextFillTheChunkAndNoMore) {
 
 TEST_F(RecordReaderTest, LastSlotNumberOfAllCanBeTaken) {
   Open({.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF}, {}, "a\r\nb\r\n");
-  // A hole up to the last two slots, which hold 3.
-  const std::string three = "\x03\0\0\0\x03\0\0\0"s;
+  // A hole, then 3 in the last two slots that can be in use and in places behind the last slot number of all, where a
+  // slot number that wraps around would find it.
   ASSERT_EQ(truncate(files_.IndexPath().c_str(), report::SlotOffset(0xFFFFFFFD)), 0);
   std::FILE* const index = std::fopen(files_.IndexPath().c_str(), "ab");
-  ASSERT_EQ(std::fwrite(three.data(), 1, three.size(), index), three.size());
+  const std::vector<std::uint32_t> threes(5, 3);
+  ASSERT_EQ(std::fwrite(threes.data(), sizeof threes[0], threes.size(), index), threes.size());
   (void)std::fclose(index);
   ExpectTakeAgrees(0xFFFFFFFB, 10, kNoLimit);
   ExpectTakeAgrees(0xFFFFFFFE, 1, kNoLimit);
