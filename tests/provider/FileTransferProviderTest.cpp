@@ -194,6 +194,7 @@ TEST(FileTransferProviderCheck, NothingRequiredIsAlwaysThere) {
   block->Security("operator", {});
   Check check(*block);
   EXPECT_EQ(check.Run("<Other/>", nullptr, nullptr), 0);
+  EXPECT_EQ(check.in.GetTagName(), "");  // nothing was looked for
   EXPECT_EQ(check.Run("<Other/>", "Other", nullptr), 0);
   EXPECT_EQ(check.out.GetDoc(), "");
 }
@@ -215,6 +216,16 @@ TEST(FileTransferProviderCheck, QuirkInputThatIsNotWellFormedPassesAsAnEmptyDocu
     EXPECT_EQ(check.out.GetDoc(), "");
     EXPECT_EQ(check.in.GetAttrib("Name"), "");
   }
+}
+
+TEST(FileTransferProviderCheck, NothingIsReadFromInputThatIsNotWellFormedWhereverItsPositionWas) {
+  RequestBlock block;
+  Check check(*block);
+  ASSERT_FALSE(check.in.SetDoc("<ReportData Name=\"r1\">"));
+  ASSERT_TRUE(check.in.FindElem("ReportData"));
+  ASSERT_EQ(check.in.GetAttrib("Name"), "r1");
+  EXPECT_EQ(check.provider.CheckRequest(check.params, check.in, check.out, check.data, "ReportData", kPrivilege), 0);
+  EXPECT_EQ(check.in.GetAttrib("Name"), "");
 }
 
 TEST(FileTransferProviderCheck, AMissingElementIsRefusedWith12) {
