@@ -94,6 +94,12 @@ int GetReports(const wcs_gendata* params, const char* input, char** reply) {
   });
 }
 
+int GetReportInstanceNames(const wcs_gendata* params, const char* input, char** reply) {
+  return RunRequest(params, input, reply, [](KrxRequestParams& request, CMarkup& in, CMarkup& out) {
+    return static_cast<CFileTransferProvider*>(pAdapterModule)->GetReportInstanceNames(request, in, out);
+  });
+}
+
 void __threadbegin() {
   GuardedHook([] { pAdapterModule->__threadbegin(); });
 }

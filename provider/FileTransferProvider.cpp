@@ -9,6 +9,7 @@
 #include "provider/KrxRequestParams.h"
 #include "provider/Low32.h"
 #include "provider/QXString.h"
+#include "provider/ReportNames.h"
 #include "provider/ReportTransfer.h"
 #include "provider/ThreadData.h"
 
@@ -25,23 +26,35 @@ constexpr char kReportPrivilege[] = "AccessPerformanceMgr";
 
 static_assert(sizeof(CFileTransferProvider) == sizeof(CKrxAdapterModule), "the module object has no state of its own");
 
-// What every report call ends with, whatever its outcome: it is counted, and thread data that the block could not take
-// is freed, as nobody would ever find it again.
-class CallEnd {
+// The thread's data during one call. Data that the block could not take is freed when the call ends, as nobody would
+// ever find it again.
+class ThreadDataOfCall {
  public:
-  explicit CallEnd(const KrxRequestParams& params) : params_(params) {}
-  ~CallEnd() {
-    if (thread_data == nullptr) return;
-    ++thread_data->state_word;
-    if (params_.GetProviderSpecificData() != thread_data) delete thread_data;
+  explicit ThreadDataOfCall(const KrxRequestParams& params) : params_(params) {}
+  ~ThreadDataOfCall() {
+    if (data != nullptr && params_.GetProviderSpecificData() != data) delete data;
   }
-  CallEnd(const CallEnd&) = delete;
-  CallEnd& operator=(const CallEnd&) = delete;
+  ThreadDataOfCall(const ThreadDataOfCall&) = delete;
+  ThreadDataOfCall& operator=(const ThreadDataOfCall&) = delete;
 
-  CThreadData* thread_data = nullptr;
+  CThreadData* data = nullptr;
 
  private:
   const KrxRequestParams& params_;
+};
+
+// Counts a call of the transfer at its end, whatever its outcome.
+class TransferCallCount {
+ public:
+  explicit TransferCallCount(const ThreadDataOfCall& thread) : thread_(thread) {}
+  ~TransferCallCount() {
+    if (thread_.data != nullptr) ++thread_.data->state_word;
+  }
+  TransferCallCount(const TransferCallCount&) = delete;
+  TransferCallCount& operator=(const TransferCallCount&) = delete;
+
+ private:
+  const ThreadDataOfCall& thread_;
 };
 
 // The service hands the data back on the thread that it belongs to. A mismatch is reported and not acted on.
@@ -73,10 +86,19 @@ void CFileTransferProvider::__threadend(void* userData) {
 
 int CFileTransferProvider::GetReports(KrxRequestParams& params, CMarkup& in, CMarkup& out) {
   QX_TRACE(2, "\nWCSP_QX GetReports  : Transfer report data file");
-  CallEnd call(params);
-  const int result = CheckRequest(params, in, out, call.thread_data, "ReportData", kReportPrivilege);
+  ThreadDataOfCall thread(params);
+  const TransferCallCount count(thread);
+  const int result = CheckRequest(params, in, out, thread.data, "ReportData", kReportPrivilege);
   if (result == kRequestFatal) return kRequestFatal;
-  return qx::provider::ReportTransfer(*this, *call.thread_data, out).Run(in);
+  return qx::provider::ReportTransfer(*this, *thread.data, out).Run(in);
+}
+
+int CFileTransferProvider::GetReportInstanceNames(KrxRequestParams& params, CMarkup& in, CMarkup& out) {
+  QX_TRACE(2, "\nWCSP_QX GetInstances: Get report instance names");
+  ThreadDataOfCall thread(params);
+  const int result = CheckRequest(params, in, out, thread.data, "ReportInstanceNames", kReportPrivilege);
+  if (result == kRequestFatal) return kRequestFatal;
+  return qx::provider::ReplyInstanceNames(*this, in, out);
 }
 
 CThreadData* CFileTransferProvider::GetOrAllocateThreadData(KrxRequestParams& params) {

@@ -26,6 +26,11 @@ class CFileTransferProvider : public CKrxAdapterModule {
   // make a second root beside it. [any thread]
   [[nodiscard]] int GetReports(KrxRequestParams& params, CMarkup& in, CMarkup& out);
 
+  // Adds the list of a report's instance names to `out`, or sets an error document there. Returns 0 (also for a names
+  // file of a version that has no list, which adds nothing), 12 no names file, -1 the block cannot be worked with.
+  // After a refusal the call goes on as in GetReports. [any thread]
+  [[nodiscard]] int GetReportInstanceNames(KrxRequestParams& params, CMarkup& in, CMarkup& out);
+
   // The calling thread's data: what the block's element 1 points to, or a new object stored there. Null when memory is
   // short. If the block has no such element (GetProviderSpecificData does not return the result), the new object is
   // the caller's to delete. [any thread]

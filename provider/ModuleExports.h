@@ -66,6 +66,10 @@ QX_EXPORT int Reflect(const wcs_gendata* params, const char* input, char** reply
 /* Hands out a chunk of a report's records: 0 records, 1 no more, 12 refused or not readable, -1 invalid block. */
 QX_EXPORT int GetReports(const wcs_gendata* params, const char* input, char** reply);
 
+/* Lists the instance names of a report: 0 listed (or a names file of another version: no reply), 12 refused or no names
+ * file, -1 invalid block. */
+QX_EXPORT int GetReportInstanceNames(const wcs_gendata* params, const char* input, char** reply);
+
 /* The service's worker thread starts to make calls. [any thread] */
 QX_EXPORT void __threadbegin(void);
 

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "markup/Markup.h"
@@ -27,8 +28,8 @@ using qx::test::BlockBuilder;
   std::abort();
 }
 
-// A directory with a report "r1" below "Reports", where the module looks below its working directory when the
-// configuration names no other; and the module object.
+// A directory with a report "r1" and its instance names below "Reports", where the module looks below its working
+// directory when the configuration names no other; and the module object.
 class World {
  public:
   World() {
@@ -40,6 +41,10 @@ class World {
     if (!store.Open((directory_ + "/Reports/r1").c_str(), 4)) Wrong("no report");
     for (const char* record : {"one", "two <&>", "three ]]>", "four", "five"}) {
       if (!store.writeLine(record)) Wrong("no record");
+    }
+    std::ofstream names(directory_ + "/Reports/r1.names");
+    if (!(names << "[Quaxel Report Instances]\nVersion=1\n[Names]\n1=North & <South>\n" << std::flush)) {
+      Wrong("no names file");
     }
     if (CreateModule(nullptr) != 1) Wrong("no module object");
   }
@@ -77,7 +82,10 @@ void CheckReply(QxRequestFunction function, int result, const char* reply, const
   CMarkup parsed;
   if (!parsed.SetDoc(reply)) Wrong("a reply that is not well formed");
   if (function == Reflect && document.c_str() != std::string(reply)) Wrong("an echo that differs");
-  if (function == GetReports && refused && parsed.FindElem("ReportData")) Wrong("a refused caller got records");
+  if (refused && parsed.FindElem("ReportData") && function == GetReports) Wrong("a refused caller got records");
+  if (refused && parsed.FindElem("ReportInstanceNames") && function == GetReportInstanceNames) {
+    Wrong("a refused caller got names");
+  }
 }
 
 }  // namespace
@@ -86,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const World world;
   if (size == 0) return 0;
   const InWorld in_world(world);
-  static constexpr QxRequestFunction kFunctions[] = {GetReports, What, Reflect, GetReports};
+  static constexpr QxRequestFunction kFunctions[] = {GetReports, What, Reflect, GetReportInstanceNames};
   const QxRequestFunction function = kFunctions[data[0] % 4];
   const bool refused = (data[0] & 4) != 0;
   const std::string document(reinterpret_cast<const char*>(data) + 1, size - 1);

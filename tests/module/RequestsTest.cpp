@@ -91,6 +91,35 @@ TEST_F(ModuleRequests, CallerWithoutThePrivilegeNeverReceivesARecord) {
           records + "|" + records);
 }
 
+TEST_F(ModuleRequests, InstanceNamesAreListedAndNeverForACallerWithoutThePrivilege) {
+  WriteFile(Reports() + "/r1.names", "[Quaxel Report Instances]\nVersion=1\n[Names]\n1=secret\n");
+  WriteFile(Reports() + "/r2.names", "[Quaxel Report Instances]\nVersion=2\n");
+  const std::string text = InChild([] {
+    const LoadedModule module;
+    const std::vector<BlockDepartment> wrong = {{"Operations", {"accessperformancemgr"}}};
+    ServiceThread refused(module, &wrong);
+    ServiceThread unknown(module);
+    std::string replies;
+    for (ServiceThread* const thread : {&unknown, &refused}) {
+      for (const char* const name : {"r1", "r2", "none"}) {
+        replies += thread->Call("GetReportInstanceNames",
+                                ("<ReportInstanceNames Name=\"" + std::string(name) + "\"/>").c_str()) +
+                   "|";
+      }
+    }
+    return replies;
+  });
+  const std::string not_found = "12 <Error Msg=\"Report instance names file not found\" LastError=\"2\"/>\n|";
+  EXPECT_EQ(
+      text,
+      "0 <ReportInstanceNames Name=\"r1\" Version=\"1\" NrInstances=\"1\">\n<Instance Nr=\"1\">secret</Instance>\n"
+      "</ReportInstanceNames>\n|0 (null)|" +
+          not_found +
+          "0 (null)|0 <Error Msg=\"Required security privilege &quot;AccessPerformanceMgr&quot; missing - access "
+          "not granted!\" LastError=\"1313\"/>\n|" +
+          not_found);
+}
+
 TEST_F(ModuleRequests, RequestWithoutReportDataIsRefusedAndGoesOn) {
   EXPECT_EQ(InChild([] {
               const LoadedModule module;

@@ -117,6 +117,7 @@ TEST_F(ModuleFromElsewhere, PythonLoadsTheModuleAndCallsIt) {
             "Reflect 0 <a b=\"1\"/>\n"
             "Reflect 0 None\n"
             "GetReports 12 LastError=2\n"
+            "GetReportInstanceNames 12 LastError=2\n"
             "version 30400\n");
 }
 

@@ -56,6 +56,8 @@ def main():
     print("Reflect", *request("Reflect", b"<a>"))
     result, answer = request("GetReports", b'<ReportData Name="none" StartIndex="0"/>')
     print("GetReports", result, "LastError=" + ElementTree.fromstring(answer).get("LastError"))
+    result, answer = request("GetReportInstanceNames", b'<ReportInstanceNames Name="none"/>')
+    print("GetReportInstanceNames", result, "LastError=" + ElementTree.fromstring(answer).get("LastError"))
     thread_end(thread_data.value)
     print("version", module["__handle_version"]())
 

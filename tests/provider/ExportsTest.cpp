@@ -28,6 +28,7 @@ using qx::test::TraceCapture;
 static_assert(std::is_same_v<decltype(&What), QxRequestFunction>);
 static_assert(std::is_same_v<decltype(&Reflect), QxRequestFunction>);
 static_assert(std::is_same_v<decltype(&GetReports), QxRequestFunction>);
+static_assert(std::is_same_v<decltype(&GetReportInstanceNames), QxRequestFunction>);
 static_assert(std::is_same_v<decltype(&CreateModule), QxCreateModuleFunction>);
 static_assert(std::is_same_v<decltype(&DeleteModule), QxDeleteModuleFunction>);
 static_assert(std::is_same_v<decltype(&ProviderClassFactory), QxProviderClassFactoryFunction>);
@@ -111,7 +112,7 @@ TEST_F(Exports, NullReplyPlaceDropsTheTextAndKeepsTheResult) {
 }
 
 TEST_F(Exports, NullBlockFailsWithoutReply) {
-  for (const QxRequestFunction function : {What, Reflect, GetReports}) {
+  for (const QxRequestFunction function : {What, Reflect, GetReports, GetReportInstanceNames}) {
     const Called called(function, nullptr, "<a/>");
     EXPECT_EQ(called.result, -1);
     EXPECT_FALSE(called.has_reply);
@@ -185,7 +186,7 @@ TEST_F(Exports, NoExceptionLeavesAHook) {
 
 TEST_F(Exports, EveryFailedAllocationOfARequestEndsInMinusOneOrTheWholeReply) {
   const std::string whole = Called(What, block_->Block(), "<a/>").text;
-  for (const QxRequestFunction function : {What, Reflect, GetReports}) {
+  for (const QxRequestFunction function : {What, Reflect, GetReports, GetReportInstanceNames}) {
     int nth = 1;
     for (bool failed = true; failed; ++nth) {
       char* reply = nullptr;

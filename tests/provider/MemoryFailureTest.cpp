@@ -87,4 +87,33 @@ TEST_F(MemoryFailure, RunningOutAnywhereLeavesTheTransferIntact) {
   EXPECT_GT(nth, 5);
 }
 
+// The same for the list of instance names, which has nothing to count.
+TEST_F(MemoryFailure, RunningOutAnywhereInAListOfNamesLeavesNothingBehind) {
+  qx::test::WriteFile(directory_.File("r1.names"), "[Quaxel Report Instances]\nVersion=1\n[Names]\n1=a\n2=b\n");
+  ServiceThread thread;
+  (void)thread.Ask("none", 1);
+  const std::ptrdiff_t open = OpenDescriptors();
+  int nth = 0;
+  for (bool failed = true; failed; ++nth) {
+    CMarkup in;
+    (void)in.SetDoc("<ReportInstanceNames Name=\"r1\"/>");
+    CMarkup out;
+    KrxRequestParams params(thread.Block());
+    CFileTransferProvider provider;
+    int result = -1;
+    {
+      const FailingNew failure(nth + 1, 0);
+      try {
+        result = provider.GetReportInstanceNames(params, in, out);
+      } catch (const std::bad_alloc&) {
+      }
+      failed = failure.HasFailed();
+    }
+    EXPECT_EQ(OpenDescriptors(), open) << nth;
+    EXPECT_TRUE(failed || result == 0);
+    EXPECT_TRUE(result != 0 || out.IsWellFormed()) << nth << " " << out.GetDoc();
+  }
+  EXPECT_GT(nth, 5);
+}
+
 }  // namespace
