@@ -10,34 +10,15 @@
 #include <cstring>
 #include <new>
 
+#include "debug/ErrnoScope.h"
 #include "debug/TraceText.h"
 
 using qx::LockScope;
+using qx::debug::ErrnoScope;
 
 static_assert(sizeof(std::atomic<bool>) == 1, "callers test one byte");
 
 namespace {
-
-// Brings errno back at the end of the scope: callers print the error number of what they have just traced.
-class ErrnoScope {
- public:
-  ErrnoScope() noexcept : saved_(errno) {}
-  ~ErrnoScope() { errno = saved_; }
-  ErrnoScope(const ErrnoScope&) = delete;
-  ErrnoScope& operator=(const ErrnoScope&) = delete;
-  int Saved() const noexcept { return saved_; }
-
- private:
-  const int saved_;
-};
-
-// The header of an entry is to start its line, so the line feeds that begin most formats are skipped.
-//   "\n\nabc" => "abc"
-//   "\n"      => "\n"
-const char* WithoutLeadingLineFeeds(const char* format) {
-  const char* text = format + std::strspn(format, "\n");
-  return *text != '\0' ? text : format;
-}
 
 std::uint64_t PageSize() {
   const long size = ::sysconf(_SC_PAGESIZE);
@@ -77,6 +58,7 @@ void CDebug::StopLocked() noexcept {
   saved_level_.store(0, std::memory_order_relaxed);
   target_.store(kTargetNone, std::memory_order_relaxed);
   log_.Close();
+  ring_.Close();
 }
 
 void CDebug::SetLevel(std::uint32_t level) noexcept {
@@ -112,6 +94,7 @@ void CDebug::StartLocked(const char* app_name) {
   ComputeRing(app_name);
   OpenLog();
   SetLevel(settings_.level);
+  if (IsActive() && ring_size_ != 0) (void)SetUpRing();  // a failure is told in the log, and tracing goes on there
 }
 
 bool CDebug::ReadDebugConfig(const char* app_name) {
@@ -174,6 +157,12 @@ void CDebug::PrintAlwaysV(const char* format, std::va_list args, const char* mod
 // Not virtual: outside the object's life there is no virtual table to call through.
 void CDebug::WriteToAll(const char* format, std::va_list args, const char* module) {
   const LockScope scope(lock_);
+  if (target_.load(std::memory_order_relaxed) == kTargetRingBuffer) {
+    std::va_list for_ring;
+    va_copy(for_ring, args);
+    TraceToRingBuffer(format, for_ring, module);
+    va_end(for_ring);
+  }
   TraceToLogFile(format, args, module);
 }
 
@@ -201,6 +190,7 @@ void CDebug::PrintToLogFile(const char* format, ...) {
 void CDebug::WriteEntry(std::uint32_t target, const char* format, std::va_list args, const char* module) {
   const std::uint32_t to = target != kTargetNone ? target : target_.load(std::memory_order_relaxed);
   if (to == kTargetLogFile) TraceToLogFile(format, args, module);
+  if (to == kTargetRingBuffer) TraceToRingBuffer(format, args, module);
 }
 
 void CDebug::TraceToLogFile(const char* format, std::va_list args, const char* module) {
@@ -216,10 +206,12 @@ CDebug::Entry CDebug::FormatEntry(const char* format, std::va_list args, const c
   char* const text = entry_ + header_length;
 
   errno = errno_scope.Saved();  // "%m" means the caller's error
-  if (std::vsnprintf(text, kEntryTextCharsMax + 1, WithoutLeadingLineFeeds(format), args) < 0) text[0] = '\0';
+  const int wanted = std::vsnprintf(text, kEntryTextCharsMax + 1, qx::debug::WithoutLeadingLineFeeds(format), args);
+  if (wanted < 0) text[0] = '\0';
   std::size_t length = std::strlen(text);  // a NUL out of "%c" ends the entry
+  const bool is_cut = length == kEntryTextCharsMax && static_cast<std::size_t>(wanted) > length;
   if (length == 0 || text[length - 1] != '\n') text[length++] = '\n';
-  return {{entry_, header_length + length}, header_length};
+  return {{entry_, header_length + length}, header_length, is_cut ? static_cast<std::size_t>(wanted) : 0};
 }
 
 std::size_t CDebug::SetEntryHeader(char* buffer, std::size_t size, const char* module) {
@@ -249,12 +241,15 @@ void CDebug::SetMainParams(int argc, char** argv) {
   const LockScope scope(lock_);
   argument_count_ = argv != nullptr ? argc : 0;
   arguments_ = argv;
-  if (argument_count_ > 0) PrintCommandLine(kTargetLogFile);
+  if (argument_count_ <= 0) return;
+  PrintCommandLine(kTargetLogFile);
+  if (target_.load(std::memory_order_relaxed) == kTargetRingBuffer) PrintCommandLine(kTargetRingBuffer);
 }
 
 void CDebug::SetApplInitDone() {
   const LockScope scope(lock_);
   log_.MarkInitEnd();
+  if (target_.load(std::memory_order_relaxed) == kTargetRingBuffer) MarkRingInitEnd();
   is_init_done_ = true;
 }
 

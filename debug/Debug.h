@@ -1,8 +1,9 @@
 // The trace facility through which every floor of the module reports what it does.
 //
 // Entries carry a level and are dropped above the current one; the others go to the log file "log.NAME", which wraps in
-// place. Callers write QX_TRACE(level, "\nMODULE Function   : text %d", value): one flag is tested before anything is
-// computed. Files, environment and output format are described in docs/trace.md.
+// place, or to the ring file "log.NAME_a", which is mapped and outlives the process. Callers write QX_TRACE(level,
+// "\nMODULE Function   : text %d", value): one flag is tested before anything is computed. Files, environment and
+// output format are described in docs/trace.md.
 #pragma once
 
 #include <sys/types.h>
@@ -19,14 +20,15 @@
 #include "debug/EntryHeader.h"
 #include "debug/LogFileSink.h"
 #include "debug/LogHeader.h"
+#include "debug/RingBufferSink.h"
 
 // The trace facility. Constructed inactive; Init starts it.
 //
 // Threads: any thread may trace; one recursive lock guards output and configuration, so tracing from within a traced
-// operation is fine. Init may be called again: it closes the earlier log.
-// Owns: the log file and the settings.
+// operation is fine. Init may be called again: it closes the earlier files.
+// Owns: the log file, the ring file and the settings.
 // Failure: no call raises an error, and none changes errno: callers print it after they have traced. What goes wrong
-// with the facility itself is said in the system log.
+// with the facility itself is said in the system log, what goes wrong with the ring file in the log file.
 // Outside its life the object is inert: in zeroed memory, as a global before its constructor, and after its destructor
 // the active flag is false and no non-virtual call prints anything.
 class CDebug : public CDebugTraceConfig {
@@ -70,15 +72,16 @@ class CDebug : public CDebugTraceConfig {
     return current_level_.load(std::memory_order_relaxed) >= level;
   }
 
-  // Starts the facility for the application `app_name`: reads files and environment and opens the log. Files and log
-  // take the name in lower case. False: `app_name` is null or memory ran out, and tracing is off; a log file that
-  // cannot be opened is no such failure. [any thread]
+  // Starts the facility for the application `app_name`: reads files and environment, opens the log and, when tracing is
+  // on and a ring configured, the ring file, which then is the target. Files take the name in lower case. False:
+  // `app_name` is null or memory ran out, and tracing is off; a log or ring file that cannot be opened is no such
+  // failure. [any thread]
   bool Init(const char* app_name);
 
   // Reads the settings files and the environment for Init; true. [lock held: trace]
   bool ReadDebugConfig(const char* app_name);
 
-  // Puts every setting and counter to its initial value and closes the log. [lock held: trace]
+  // Puts every setting and counter to its initial value and closes log and ring. [lock held: trace]
   void ClassInit();
 
   // Writes an entry to the current target unless `level` is above the current level. [any thread]
@@ -94,6 +97,15 @@ class CDebug : public CDebugTraceConfig {
   // format are skipped, unless it has nothing else. Nothing when no log is open or `format` is null. [lock held: trace]
   void TraceToLogFile(const char* format, std::va_list args, const char* module) __attribute__((format(printf, 2, 0)));
 
+  // Opens or creates the ring file at `path`, of `size` bytes (at least 4096), and makes it the target. False: the log
+  // says why, the target is what it was, and no ring is open. [any thread]
+  bool InitRingBuffer(const char* path, std::uint32_t size);
+
+  // Writes one entry to the ring: like TraceToLogFile, but a text of up to a tenth of the ring is written whole.
+  // Nothing when no ring is open or `format` is null. [lock held: trace]
+  void TraceToRingBuffer(const char* format, std::va_list args, const char* module)
+      __attribute__((format(printf, 2, 0)));
+
   // Sets where entries go from now on. [any thread]
   void SetTarget(std::uint32_t target);
 
@@ -101,11 +113,12 @@ class CDebug : public CDebugTraceConfig {
   // meanwhile. Returns true. [any thread]
   bool ForceMaxDebug(bool on);
 
-  // Keeps the program's arguments, which must live as long as this object, and traces them if there are any.
-  // [any thread]
+  // Keeps the program's arguments, which must live as long as this object, and traces them if there are any: to the
+  // log, and to the ring when that is the target. [any thread]
   void SetMainParams(int argc, char** argv);
 
-  // Says that the start is over: what the log holds now is its head, which wraps never overwrite. [any thread]
+  // Says that the start is over: what the log holds now is its head, which wraps never overwrite. The same for the ring
+  // if it is the target, has not wrapped since it was opened, and has more than 1 MiB of room. [any thread]
   void SetApplInitDone();
 
   // Writes the header block (command line, environment, settings) to `target`; with the no-header flag 0 its lines go
@@ -129,10 +142,14 @@ class CDebug : public CDebugTraceConfig {
 
  private:
   static constexpr std::size_t kEntryTextCharsMax = 1024;
+  static constexpr std::size_t kTruncationCharsMax = 64;  // what says in the ring that a text was cut
+  static constexpr std::size_t kEntryBytesMax =
+      qx::debug::kEntryHeaderCharsMax + kEntryTextCharsMax + kTruncationCharsMax;
 
   struct Entry {
-    std::string_view text;  // in entry_
+    std::string_view text;  // in entry_, but for a long one
     std::size_t header_length;
+    std::size_t whole_length;  // of the text, if that was cut; else 0
   };
 
   void StartLocked(const char* app_name);
@@ -147,6 +164,16 @@ class CDebug : public CDebugTraceConfig {
   void WriteToAll(const char* format, std::va_list args, const char* module) __attribute__((format(printf, 2, 0)));
   void WriteEntry(std::uint32_t target, const char* format, std::va_list args, const char* module)
       __attribute__((format(printf, 3, 0)));
+
+  bool SetUpRing();
+  void TraceRingFailure(const qx::debug::RingBufferSink::OpenResult& result);
+  void WriteLongEntry(const Entry& entry, const char* format, std::va_list args) __attribute__((format(printf, 3, 0)));
+  Entry TruncatedEntry(const Entry& entry, std::string_view why) noexcept;
+  void PutIntoRing(Entry entry);
+  bool WrapRing(std::size_t entry_size);
+  void GiveUpRing(const Entry& entry);
+  void MarkRingInitEnd();
+
   void PrintHeaderLine(std::uint32_t target, const char* format, ...) __attribute__((format(printf, 3, 4)));
   void PrintCommandLine(std::uint32_t target);
   void PrintVariables(std::uint32_t target);
@@ -167,7 +194,7 @@ class CDebug : public CDebugTraceConfig {
   std::atomic<std::uint32_t> target_{kTargetNone};
   bool is_init_done_ = false;
   qx::debug::LogFileSink log_;
-  char entry_[qx::debug::kEntryHeaderCharsMax + kEntryTextCharsMax + 2] = {};
+  char entry_[kEntryBytesMax] = {};
 
   bool is_forced_off_ = false;
   std::atomic<std::int64_t> last_check_{0};
@@ -176,6 +203,7 @@ class CDebug : public CDebugTraceConfig {
   char start_time_[32] = {};
   std::uint32_t ring_size_ = 0;  // as configured; 0: no ring
   std::string ring_path_;
+  qx::debug::RingBufferSink ring_;
 };
 
 // One per binary, defined in that binary's own source with init_priority(101): it lives before and after everything

@@ -127,7 +127,6 @@ void CDebug::PrintFileValues(std::uint32_t target) {
 }
 
 void CDebug::PrintInternalValues(std::uint32_t target) {
-  constexpr int kNoDescriptor = -1;  // no ring buffer is open
   PrintHeaderLine(target, "\nInternal Debug values      :");
   PrintHeaderLine(target, "\nProcess PID                : %d", process_id_);
   PrintHeaderLine(target, "\nTrace Target               : %d", AsInt(target_.load(std::memory_order_relaxed)));
@@ -136,7 +135,7 @@ void CDebug::PrintInternalValues(std::uint32_t target) {
   PrintHeaderLine(target, "\nApplication Init Done      : %d", is_init_done_ ? 1 : 0);
   PrintHeaderLine(target, "\nLogFile Path               : %s", log_.Path());
   PrintHeaderLine(target, "\nLogFile Max Size           : %d", AsInt(log_.MaxSize()));
-  PrintHeaderLine(target, "\nRing Buffer FD             : %d", kNoDescriptor);
+  PrintHeaderLine(target, "\nRing Buffer FD             : %d", ring_.Descriptor());
   PrintHeaderLine(target, "\nRing Buffer Factor         : %d", AsInt(settings_.ring_factor));
   PrintHeaderLine(target, "\nRing Buffer Weight         : %d", AsInt(settings_.ring_weight));
   PrintHeaderLine(target, "\nRing Buffer Size           : %d", AsInt(ring_size_));

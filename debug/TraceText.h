@@ -16,6 +16,21 @@ constexpr bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
                     [](char x, char y) { return LowerAscii(x) == LowerAscii(y); });
 }
 
+// The header of an entry is to start its line, so the line feeds that begin most formats are skipped.
+//   "\n\nabc" => "abc"
+//   "\n"      => "\n"
+inline const char* WithoutLeadingLineFeeds(const char* format) {
+  const char* text = format + std::strspn(format, "\n");
+  return *text != '\0' ? text : format;
+}
+
+// "\nwww mmm dd\n" => "www mmm dd"
+inline std::string_view WithoutLineFeeds(std::string_view text) {
+  while (text.starts_with('\n')) text.remove_prefix(1);
+  while (text.ends_with('\n')) text.remove_suffix(1);
+  return text;
+}
+
 // Copies what fits of `text` into `field` and ends it with NUL.
 template <std::size_t kSize>
 void CopyText(char (&field)[kSize], std::string_view text) {

@@ -129,13 +129,13 @@ constexpr const char* kBlock = R"(@QxTrace Command Line Options:
 @No Header to LogFile       : -1
 @Internal Debug values      :
 @Process PID                : PID
-@Trace Target               : 1
+@Trace Target               : 2
 @Trace Level                : 3
 @Trace Level Saved          : 3
 @Application Init Done      : 0
 @LogFile Path               : DIR/log.qxtrace
 @LogFile Max Size           : -1
-@Ring Buffer FD             : -1
+@Ring Buffer FD             : DESCRIPTOR
 @Ring Buffer Factor         : 2
 @Ring Buffer Weight         : 4
 @Ring Buffer Size           : SIZE
@@ -192,6 +192,7 @@ TEST(LogHeader, BlockShowsArgumentsEnvironmentAndSettingsLineByLine) {
   Replace(expected, "QX_LOG_FILE_\1", "QX_LOG_FILE_DIR");
   Replace(expected, "QX_LOG_RINGBUF_\1", "QX_LOG_RINGBUF_DIR");
   Replace(expected, "\1", setup.LogDir().Path());
+  Replace(expected, "DESCRIPTOR", std::to_string(qx::test::DescriptorOf(setup.LogDir().File("log.qxtrace_a"))));
   Replace(expected, "PID  ", "\1");
   Replace(expected, "PID", std::to_string(::getpid()));
   Replace(expected, "\1", "PID  ");

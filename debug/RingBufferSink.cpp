@@ -1,0 +1,306 @@
+#include "debug/RingBufferSink.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <cstring>
+
+#include "debug/RingFormat.h"
+
+namespace qx::debug {
+
+namespace {
+
+constexpr mode_t kRingFileMode = 0700;  // less the umask
+constexpr std::size_t kRoomToKeepInit = 0x100000;
+constexpr std::size_t kGapBytes = 2048;
+constexpr std::size_t kAtomicBytes = 16;
+static_assert(kRingTerminator.size() == kAtomicBytes && kRingNumberDigits == kAtomicBytes);
+
+// Sixteen bytes at any address in one store: a process can be killed before or after it, never inside.
+using SixteenBytes __attribute__((vector_size(kAtomicBytes), aligned(1), may_alias)) = unsigned char;
+
+void StoreAtOnce(char* to, const char* from) noexcept {
+  SixteenBytes bytes;
+  std::memcpy(&bytes, from, sizeof bytes);
+  *reinterpret_cast<volatile SixteenBytes*>(to) = bytes;
+}
+
+// What is stored before is in the file before what is stored after, for a reader in another process and for a kill.
+void KeepStoreOrder() noexcept { std::atomic_thread_fence(std::memory_order_release); }
+
+bool WriteAll(int descriptor, const char* bytes, std::size_t size) noexcept {
+  while (size > 0) {
+    const ssize_t count = ::write(descriptor, bytes, size);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return false;
+    bytes += count;
+    size -= static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
+// 0 for a regular file; else the error number of opening what is none.
+int RefusalOf(mode_t mode) noexcept {
+  if (S_ISREG(mode)) return 0;
+  return S_ISDIR(mode) ? EISDIR : S_ISLNK(mode) ? ELOOP : EINVAL;
+}
+
+// Opens the existing file; -1 with errno. What is no regular file is not even opened: opening a device can act on it.
+int OpenExisting(const char* path, struct stat& status) noexcept {
+  if (::lstat(path, &status) != 0) return -1;
+  errno = RefusalOf(status.st_mode);
+  if (errno != 0) return -1;
+  const int descriptor = ::open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  if (descriptor < 0) return -1;
+  if (::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) return descriptor;
+  ::close(descriptor);
+  errno = EINVAL;
+  return -1;
+}
+
+// Opens the ring file or a new one; -1 with errno. A file of another size is taken out of the directory, not cut:
+// another process may have it mapped and would die of a store behind its end. Such a file is also what a creation
+// leaves that was killed, for the file has its size last.
+int OpenOrCreate(const char* path, std::uint32_t size, bool& is_new) noexcept {
+  struct stat status {};
+  is_new = false;
+  const int existing = OpenExisting(path, status);
+  if (existing >= 0 && static_cast<std::uint64_t>(status.st_size) == size) return existing;
+  if (existing >= 0) {
+    ::close(existing);
+    if (::unlink(path) != 0) return -1;
+  } else if (errno != ENOENT) {
+    return -1;
+  }
+  is_new = true;
+  return ::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kRingFileMode);
+}
+
+// Takes disk blocks for the whole file, without giving it that size: a store into a mapped hole of a full disk would
+// kill the process. True also where the file system cannot do this ahead of the writes.
+bool ReserveBlocks(int descriptor, std::uint32_t size) noexcept {
+  int result = 0;
+  do {
+    result = ::fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size);
+  } while (result != 0 && errno == EINTR);
+  return result == 0 || errno == EOPNOTSUPP || errno == ENOSYS;
+}
+
+// A write beyond the limit of the process's file sizes would raise a signal that ends it.
+bool IsWithinFileLimit(std::uint32_t size) noexcept {
+  rlimit limit{};
+  return ::getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur >= size;
+}
+
+bool WriteHeader(int descriptor, const RingBufferSink::Source& source) noexcept {
+  char header[kRingHeaderBytes];
+  FormatRingHeader({.path = source.path,
+                    .first_open = source.start_time,
+                    .last_open = source.start_time,
+                    .opens = 1,
+                    .wraps = 0,
+                    .size = source.size,
+                    .position = 0},
+                   header);
+  return WriteAll(descriptor, header, sizeof header);
+}
+
+bool WriteBlankBlock(int descriptor) noexcept {
+  char block[kRingFirstEntry - kRingHeaderBytes];
+  std::memset(block, ' ', sizeof block);
+  block[sizeof block - 1] = '\n';
+  return WriteAll(descriptor, block, sizeof block);
+}
+
+// Fills the file with blocks of an entry header, "_" and a line feed. Written in big pieces: a ring of 1 GiB has a
+// million blocks.
+bool WriteBlocks(int descriptor, std::uint32_t size, std::string_view entry_header) noexcept {
+  if (!ReserveBlocks(descriptor, size)) return false;
+  char blocks[16 * kRingBlockBytes];
+  std::memset(blocks, '_', sizeof blocks);
+  for (std::size_t at = 0; at < sizeof blocks; at += kRingBlockBytes) {
+    entry_header.copy(blocks + at, kRingBlockBytes - 1);
+    blocks[at + kRingBlockBytes - 1] = '\n';
+  }
+  for (std::size_t left = size - kRingFirstEntry; left > 0;) {
+    const std::size_t piece = std::min(left, sizeof blocks);
+    if (!WriteAll(descriptor, blocks, piece)) return false;
+    left -= piece;
+  }
+  return true;
+}
+
+bool IsPrintable(std::string_view text) noexcept {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+// Whether `line` begins like an entry: "2026-01-31 10:20:30.123 [".
+bool BeginsEntry(std::string_view line) noexcept {
+  constexpr std::string_view kShape = "9999-99-99 99:99:99.999 [";
+  return line.size() >= kShape.size() && std::equal(kShape.begin(), kShape.end(), line.begin(), [](char shape, char c) {
+           return shape == '9' ? c >= '0' && c <= '9' : c == shape;
+         });
+}
+
+// The length of the one entry that `text` begins with, if the terminator comes before any other entry; else 0.
+std::size_t LengthOfLastEntry(std::string_view text) noexcept {
+  if (!BeginsEntry(text)) return 0;
+  for (std::size_t at = text.find('\n') + 1; at != 0; at = text.find('\n', at) + 1) {
+    if (text.substr(at, kRingTerminator.size()) == kRingTerminator) return at;
+    if (BeginsEntry(text.substr(at))) return 0;
+  }
+  return 0;
+}
+
+}  // namespace
+
+RingBufferSink::OpenResult RingBufferSink::Open(const Source& source) noexcept {
+  Close();
+  if (source.size < kRingBytesMin) return {Failure::kOpen, EINVAL};
+  descriptor_ = OpenOrCreate(source.path, source.size, is_new_);
+  if (descriptor_ < 0) return {Failure::kOpen, errno};
+  size_ = source.size;
+
+  OpenResult result = is_new_ ? Create(source) : OpenResult{};
+  if (!is_new_ && !ReserveBlocks(descriptor_, size_)) result = {Failure::kWriteBlocks, errno};
+  if (result.failure == Failure::kNone) result = Map(source);
+  if (result.failure != Failure::kNone) Close();
+  return result;
+}
+
+// A file that cannot be written whole is removed: it would keep a full disk full.
+RingBufferSink::OpenResult RingBufferSink::Create(const Source& source) noexcept {
+  Failure failure = Failure::kNone;
+  errno = EFBIG;
+  if (!IsWithinFileLimit(size_)) {
+    failure = Failure::kWriteBlocks;
+  } else if (!WriteHeader(descriptor_, source)) {
+    failure = Failure::kWriteHeader;
+  } else if (!WriteBlankBlock(descriptor_)) {
+    failure = Failure::kWriteBlankBlock;
+  } else if (!WriteBlocks(descriptor_, size_, source.entry_header)) {
+    failure = Failure::kWriteBlocks;
+  }
+  if (failure == Failure::kNone) return {};
+  const int error = errno;
+  (void)::unlink(source.path);
+  return {failure, error};
+}
+
+RingBufferSink::OpenResult RingBufferSink::Map(const Source& source) noexcept {
+  void* const map = ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_, 0);
+  if (map == MAP_FAILED) return {Failure::kMap, errno};
+  map_.store(static_cast<char*>(map), std::memory_order_relaxed);
+  opens_ = 1;
+  position_ = kRingFirstEntry;
+  if (!is_new_) TakeOver(source);
+  return {};
+}
+
+// Writes the header lines anew, so that they are whole again whatever was done to them.
+void RingBufferSink::TakeOver(const Source& source) noexcept {
+  const auto number_at = [&](std::size_t offset) { return ReadRingNumber(Bytes(offset, kRingNumberDigits)); };
+  opens_ = number_at(kRingOpensOffset).value_or(0) + 1;
+  wraps_ = number_at(kRingWrapsOffset).value_or(0);
+  position_ = StoredPosition();
+
+  char first_open[kRingValueChars];
+  std::memcpy(first_open, At(kRingFirstOpenOffset), sizeof first_open);
+  const std::string_view kept(first_open, sizeof first_open);
+  char header[kRingHeaderBytes];
+  FormatRingHeader({.path = source.path,
+                    .first_open = IsPrintable(kept) ? kept : source.start_time,
+                    .last_open = source.start_time,
+                    .opens = opens_,
+                    .wraps = wraps_,
+                    .size = size_,
+                    .position = static_cast<std::uint32_t>(position_)},
+                   header);
+  std::memcpy(At(0), header, sizeof header);
+}
+
+// Where the run before stopped; the end of the file, so that the next entry wraps, when the header does not say. A
+// writer that was killed between an entry and its position has left that entry behind the position.
+std::size_t RingBufferSink::StoredPosition() const noexcept {
+  const std::size_t stored = ReadRingNumber(Bytes(kRingPositionOffset, kRingNumberDigits)).value_or(0);
+  if (stored < kRingFirstEntry || stored > size_) return size_;
+  return stored + LengthOfLastEntry(Bytes(stored, size_ - stored));
+}
+
+void RingBufferSink::Close() noexcept {
+  if (char* map = map_.exchange(nullptr, std::memory_order_relaxed)) ::munmap(map, size_);
+  if (size_ != 0) ::close(descriptor_);
+  descriptor_ = -1;
+  size_ = wraps_ = opens_ = 0;
+  position_ = wrap_start_ = stale_terminator_ = 0;
+  is_new_ = is_wrapping_ = has_wrapped_ = false;
+}
+
+bool RingBufferSink::Fits(std::size_t size) const noexcept {
+  return size <= size_ && position_ + size + kRingTerminator.size() <= size_;
+}
+
+void RingBufferSink::Write(std::string_view entry) noexcept {
+  assert(entry.size() > kAtomicBytes && Fits(entry.size()));
+  char* const to = At(position_);
+  std::memcpy(to + entry.size(), kRingTerminator.data(), kRingTerminator.size());
+  std::memcpy(to + kAtomicBytes, entry.data() + kAtomicBytes, entry.size() - kAtomicBytes);
+  KeepStoreOrder();
+  StoreAtOnce(to, entry.data());
+  KeepStoreOrder();
+  position_ += entry.size();
+  StoreNumber(kRingPositionOffset, static_cast<std::uint32_t>(position_));
+  if (stale_terminator_ != 0) EraseStaleTerminator();
+}
+
+void RingBufferSink::StoreNumber(std::size_t offset, std::uint32_t number) noexcept {
+  char digits[kRingNumberDigits];
+  FormatRingNumber(number, digits);
+  StoreAtOnce(At(offset), digits);
+}
+
+// The terminator of the ended cycle stands until the first entry of the new one has its own; the count rises before the
+// position goes back, or a reader would take the old cycle's text for bytes that were never written.
+bool RingBufferSink::BeginWrap() noexcept {
+  struct stat status {};
+  if (::fstat(descriptor_, &status) != 0 || static_cast<std::uint64_t>(status.st_size) < size_) return false;
+  const std::size_t dots = std::min<std::size_t>(position_ + kRingTerminator.size(), size_);
+  std::memset(At(dots), '.', size_ - dots);
+  KeepStoreOrder();
+  StoreNumber(kRingWrapsOffset, ++wraps_);
+  KeepStoreOrder();
+  stale_terminator_ = position_;
+  position_ = kRingFirstEntry;
+  is_wrapping_ = has_wrapped_ = true;
+  return true;
+}
+
+void RingBufferSink::EraseStaleTerminator() noexcept {
+  KeepStoreOrder();
+  const std::size_t size = std::min<std::size_t>(kRingTerminator.size(), size_ - stale_terminator_);
+  std::memset(At(stale_terminator_), '.', size);
+  stale_terminator_ = 0;
+}
+
+void RingBufferSink::EndWrap(std::size_t entry_size) noexcept {
+  is_wrapping_ = false;
+  LeaveGap();
+  if (wrap_start_ != 0) position_ = wrap_start_;
+  if (!Fits(entry_size)) position_ = kRingFirstEntry;
+}
+
+void RingBufferSink::LeaveGap() noexcept {
+  const std::size_t behind = (position_ + kGapBytes) / kRingBlockBytes * kRingBlockBytes;
+  position_ = std::min<std::size_t>(behind, size_);
+}
+
+bool RingBufferSink::CanKeepInit() const noexcept { return !has_wrapped_ && size_ - position_ > kRoomToKeepInit; }
+
+}  // namespace qx::debug

@@ -1,0 +1,58 @@
+#include "debug/RingFormat.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace qx::debug {
+
+namespace {
+
+static_assert(kRingValueColumn + kRingValueChars + 2 == kRingLineBytes, "the value, the bar and the line feed");
+
+// Writes one line, `label` with its colon in column 33, and returns where the next one begins.
+char* PutLine(char* to, const char* label, std::string_view value) {
+  char line[kRingLineBytes + 1];
+  const int shown = static_cast<int>(std::min(value.size(), kRingValueChars));
+  (void)std::snprintf(line, sizeof line, "%-34.34s %-43.*s|\n", label, shown, value.data());
+  std::memcpy(to, line, kRingLineBytes);
+  return to + kRingLineBytes;
+}
+
+char* PutNumberLine(char* to, const char* label, std::uint32_t number) {
+  char digits[kRingNumberDigits];
+  FormatRingNumber(number, digits);
+  return PutLine(to, label, {digits, sizeof digits});
+}
+
+}  // namespace
+
+void FormatRingHeader(const RingHeader& header, char (&bytes)[kRingHeaderBytes]) noexcept {
+  char* at = bytes;
+  at = PutLine(at, "FilePath                         :", header.path);
+  at = PutLine(at, "FirstOpen                        :", header.first_open);
+  at = PutLine(at, "LastOpen                         :", header.last_open);
+  at = PutNumberLine(at, "NumberOpens    (decimal)         :", header.opens);
+  at = PutNumberLine(at, "WrapCount      (decimal)         :", header.wraps);
+  at = PutNumberLine(at, "RingBufferSize (decimal)         :", header.size);
+  at = PutNumberLine(at, "CurrentWritePosition (dec bytes) :", header.position);
+  std::memset(at, '-', kRingLineBytes - 2);
+  std::memcpy(at + kRingLineBytes - 2, "+\n", 2);
+}
+
+void FormatRingNumber(std::uint32_t number, char (&digits)[kRingNumberDigits]) noexcept {
+  std::memset(digits, '0', sizeof digits);
+  for (std::size_t at = sizeof digits; number != 0; number /= 10) digits[--at] = static_cast<char>('0' + number % 10);
+}
+
+std::optional<std::uint32_t> ReadRingNumber(std::string_view digits) noexcept {
+  std::uint64_t number = 0;  // 16 digits fit 64 bits
+  for (const char digit : digits.substr(0, kRingNumberDigits)) {
+    if (digit < '0' || digit > '9') return std::nullopt;
+    number = number * 10 + static_cast<std::uint64_t>(digit - '0');
+  }
+  if (digits.size() < kRingNumberDigits || number > UINT32_MAX) return std::nullopt;
+  return static_cast<std::uint32_t>(number);
+}
+
+}  // namespace qx::debug

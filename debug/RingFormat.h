@@ -1,0 +1,63 @@
+// The bytes of a ring file: eight header lines, a blank block, and entries from offset 1024 on.
+//
+//   0     "FilePath                         : /var/log/brollan/log.app_a                  |\n"   80 bytes
+//         ... six more lines of a label, a value of at most 43 characters and "|" ...
+//   560   "-----...-----+\n"                                                                     80 bytes
+//   640   383 blanks and a line feed
+//   1024  entries, one behind the other; behind the newest one stands the terminator line
+//
+// docs/trace-ring.md is the page of this format: who may rely on what, and in which order the bytes are stored.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+namespace qx::debug {
+
+constexpr std::size_t kRingLineBytes = 80;
+constexpr std::size_t kRingHeaderBytes = 8 * kRingLineBytes;
+constexpr std::size_t kRingBlockBytes = 1024;
+constexpr std::size_t kRingFirstEntry = 1024;
+
+constexpr std::size_t kRingValueColumn = 35;
+constexpr std::size_t kRingValueChars = 43;
+constexpr std::size_t kRingNumberDigits = 16;
+
+// Where the values stand in the file.
+constexpr std::size_t kRingFirstOpenOffset = 1 * kRingLineBytes + kRingValueColumn;
+constexpr std::size_t kRingOpensOffset = 3 * kRingLineBytes + kRingValueColumn;
+constexpr std::size_t kRingWrapsOffset = 4 * kRingLineBytes + kRingValueColumn;
+constexpr std::size_t kRingSizeOffset = 5 * kRingLineBytes + kRingValueColumn;
+constexpr std::size_t kRingPositionOffset = 6 * kRingLineBytes + kRingValueColumn;
+static_assert(kRingOpensOffset == 275 && kRingWrapsOffset == 355 && kRingSizeOffset == 435 &&
+              kRingPositionOffset == 515);
+
+// Behind the newest entry; the next entry overwrites it.
+constexpr std::string_view kRingTerminator = "## TRACE-END ##\n";
+
+// The smallest ring that holds its header and the longest plain entry; a configured ring has 256 pages at least.
+constexpr std::uint32_t kRingBytesMin = 4096;
+
+struct RingHeader {
+  std::string_view path;
+  std::string_view first_open;
+  std::string_view last_open;
+  std::uint32_t opens;
+  std::uint32_t wraps;
+  std::uint32_t size;
+  std::uint32_t position;
+};
+
+// Writes the eight lines. What does not fit a value's room is cut, and a text ends at its first NUL.
+void FormatRingHeader(const RingHeader& header, char (&bytes)[kRingHeaderBytes]) noexcept;
+
+// Writes `number` as the 16 digits of a header value, without a NUL.
+//   1024 => "0000000000001024"
+void FormatRingNumber(std::uint32_t number, char (&digits)[kRingNumberDigits]) noexcept;
+
+// The number of a header value; none when a byte is no digit or the number has more than 32 bits.
+std::optional<std::uint32_t> ReadRingNumber(std::string_view digits) noexcept;
+
+}  // namespace qx::debug
