@@ -1,0 +1,58 @@
+// The way to the system log, for whatever must reach it.
+#pragma once
+
+#include <syslog.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <mutex>
+
+// The priorities of syslog by name.
+enum SysLogLevel {
+  SysLogEmergency = LOG_EMERG,
+  SysLogAlert = LOG_ALERT,
+  SysLogCritical = LOG_CRIT,
+  SysLogError = LOG_ERR,
+  SysLogWarning = LOG_WARNING,
+  SysLogNotice = LOG_NOTICE,
+  SysLogInfo = LOG_INFO,
+  SysLogDebug = LOG_DEBUG
+};
+static_assert(SysLogInfo == 6);
+
+// Sends messages of the process to the system log, as "NAME[PID]: text" of facility local1.
+//
+// Threads: any thread; the C library's syslog does its own locking.
+// Owns: the C library's one connection of the process. A host that has opened its own gets ours from then on.
+// Failure: none is reported. Without a system log the console gets the messages (LOG_CONS).
+class SysLogTraces {
+ public:
+  // The one object of the process, made at first use and never destroyed. [any thread]
+  static SysLogTraces* getConnection();
+
+  // Opens the connection of the process. getConnection does this once. [any thread]
+  SysLogTraces();
+  // Closes the connection of the process. [any thread]
+  ~SysLogTraces();
+  SysLogTraces(const SysLogTraces&) = delete;
+  SysLogTraces& operator=(const SysLogTraces&) = delete;
+
+  // The name under which the process was started, without its directory. It lives as long as the process. [any thread]
+  [[nodiscard]] const char* getProcName() const;
+
+  // Logs `text` with priority `level`; nothing for null. Quirk: the text is syslog's format, so "%%" logs as "%", "%m"
+  // as the error text of errno, and anything else with a "%" reads arguments that are not there: texts that are not
+  // fixed go through logMessageVaList with "%s". [any thread]
+  void logMessage(const char* text, SysLogLevel level) const volatile;
+
+  // Logs a formatted message, cut to 1023 characters, with priority SysLogInfo. Leading line feeds of the format are
+  // skipped, unless it has nothing else. A message that cannot be formatted is logged as "ERROR: cann't format
+  // message"; nothing for a null format. [any thread]
+  void logMessageVaList(const char* format, std::va_list args) const volatile __attribute__((format(printf, 2, 0)));
+
+  // Null until the first use. Read without the lock: acquire order shows the finished object.
+  static std::atomic<SysLogTraces*> pInstance;
+
+ private:
+  static std::mutex creation_mutex_;
+};

@@ -1,0 +1,20 @@
+// For tests that need paths or file systems of their own: children in a private mount namespace.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace qx::test {
+
+// What `body` returns in a forked child; "[signal N]" or "[status N]" behind it if the child does not end well.
+std::string InChild(const std::function<std::string()>& body);
+
+// The same with mounts of the child's own: what it mounts is seen by nobody else and goes with it. Where namespaces are
+// not allowed the result says what to allow, and `body` does not run.
+std::string WithPrivateMounts(const std::function<std::string()>& body);
+
+// Covers `directory` with an empty file system in memory of at most `size` ("16k"; "" for no limit). Throws
+// std::runtime_error. For WithPrivateMounts.
+void MountMemory(const std::string& directory, const std::string& size);
+
+}  // namespace qx::test
