@@ -15,6 +15,10 @@ namespace {
 
 constexpr std::size_t kReferenceCharsMax = 9;
 
+// A "]]>" inside of CDATA is cut behind its second byte.
+constexpr std::size_t kInnerEndBytes = 2;
+constexpr std::string_view kSectionBreak = "]]><![CDATA[";
+
 const char* FindSpecial(const char* p, const char* end, int flags) {
   return (flags & kEscapeQuoteMarks) != 0 ? FindAnyOf<'&', '<', '>', '"', '\''>(p, end)
                                           : FindAnyOf<'&', '<', '>'>(p, end);
@@ -164,16 +168,28 @@ void AppendUnescaped(std::string& out, std::string_view text, int flags) {
 void AppendCDataPieces(Pieces& pieces, std::string_view text) {
   const char* p = text.data();
   const char* const end = p + text.size();
-  pieces.Add("<![CDATA[");
+  pieces.Add(kCDataStart);
   for (;;) {
     const char* const stop = FindTriple<']', ']', '>'>(p, end);
-    const char* const piece_end = stop == end ? end : stop + 2;
+    const char* const piece_end = stop == end ? end : stop + kInnerEndBytes;
     pieces.Add(std::string_view(p, static_cast<std::size_t>(piece_end - p)));
     if (stop == end) break;
-    pieces.Add("]]><![CDATA[");
+    pieces.Add(kSectionBreak);
     p = piece_end;
   }
-  pieces.Add("]]>");
+  pieces.Add(kCDataEnd);
+}
+
+void SplitCDataEnds(std::string& text, std::size_t at) {
+  const char* const end = text.data() + text.size();
+  const char* const stop = FindTriple<']', ']', '>'>(text.data() + at, end);
+  if (stop == end) return;
+  const std::string rest(stop, end);
+  text.resize(text.size() - rest.size());
+  Pieces pieces;
+  AppendCDataPieces(pieces, rest);
+  const auto between = pieces.All().subspan(1, pieces.All().size() - 2);
+  for (const Piece piece : between) text.append(piece.data, piece.size);
 }
 
 }  // namespace qx::markup

@@ -25,8 +25,14 @@ void AppendBinary(std::string& out, std::string_view text);
 // Appends the text with its references replaced by UTF-8.
 void AppendUnescaped(std::string& out, std::string_view text, int flags);
 
+inline constexpr std::string_view kCDataStart = "<![CDATA[";
+inline constexpr std::string_view kCDataEnd = "]]>";
+
 // The pieces whose concatenation is the text as CDATA: `a]]>b` => `<![CDATA[` `a]]` `]]><![CDATA[` `>b` `]]>`.
 // They view `text` and constants.
 void AppendCDataPieces(Pieces& pieces, std::string_view text);
+
+// The same for CDATA that stands at the end of `text` from `at` on, without its "<![CDATA[" and "]]>".
+void SplitCDataEnds(std::string& text, std::size_t at);
 
 }  // namespace qx::markup

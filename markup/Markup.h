@@ -11,6 +11,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -177,6 +178,14 @@ class CMarkup {
   bool SetChildData(MCD_CSTR text, int flags = 0);
   bool SetChildData(std::string_view text, int flags = 0);
 
+  // Appends text to the string that it is given and changes nothing else of it. The result tells whether a "]]>" may
+  // stand in what was appended; false saves the search for it.
+  using DataWriter = std::function<bool(std::string& text)>;
+
+  // SetData with kAddCData of what `write` appends, put into the document as it is written: much text is never copied.
+  // What `write` throws passes through, with the document as it was. [owning thread]
+  bool SetCDataBy(const DataWriter& write);
+
   // Cuts the element out, from its "<" to its last ">". Its previous sibling takes its place in the position; there is
   // none for a first child. False without an element. [owning thread]
   bool RemoveElem();
@@ -258,6 +267,7 @@ class CMarkup {
  private:
   struct ParseState;
   struct Insertion;
+  struct DataPlace;
 
   // Parsing (MarkupParse.cpp)
   bool x_ParseDoc();
@@ -286,6 +296,9 @@ class CMarkup {
   // Changing (MarkupEdit.cpp)
   bool SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view value, int flags);
   bool SetDataOf(std::uint32_t elem, std::string_view text, int flags);
+  bool MayHaveData(std::uint32_t elem) const;
+  DataPlace PlaceOfData(std::uint32_t elem) const;
+  void CommitData(std::uint32_t elem, const DataPlace& place, std::size_t added);
   std::uint32_t Insert(std::uint32_t parent, std::uint32_t previous, std::string_view name, std::string_view data,
                        int flags);
   void PlaceInsertion(Insertion& insertion) const;

@@ -110,29 +110,79 @@ bool CMarkup::SetChildData(MCD_CSTR text, int flags) { return SetDataOf(child_po
 
 bool CMarkup::SetChildData(std::string_view text, int flags) { return SetDataOf(child_position_, text, flags); }
 
-bool CMarkup::SetDataOf(std::uint32_t elem, std::string_view text, int flags) {
-  if (elem == 0 || Record(elem).first_child != 0 || Record(elem).Has(kElemNoEnd)) return false;
-  ElemPos& record = (*tree_)[elem];
-  const bool empty_element = record.IsEmptyElement();
-  const std::size_t slashes = empty_element ? TrailingSlashes(elem) : 0;
-  const std::string name(empty_element ? TagName(elem) : std::string_view());
+// Where an element's data stands, or will stand:
+//   <a>|text|</a>   =>  between the tags
+//   <a n="1"|/>|    =>  in the place of the "/>", with the text of an end tag behind it
+struct CMarkup::DataPlace {
+  std::size_t at;
+  std::size_t removed;
+  std::size_t slashes;      // of an empty element, which is opened; 0 for any other
+  std::string_view opened;  // what goes before the data
+  std::string end_tag;      // what goes behind it
+};
 
+bool CMarkup::MayHaveData(std::uint32_t elem) const {
+  return elem != 0 && Record(elem).first_child == 0 && !Record(elem).Has(kElemNoEnd);
+}
+
+CMarkup::DataPlace CMarkup::PlaceOfData(std::uint32_t elem) const {
+  const ElemPos& record = Record(elem);
+  if (!record.IsEmptyElement()) {
+    return {record.ContentStart(), record.ContentEnd() - record.ContentStart(), 0, {}, {}};
+  }
+  const std::size_t slashes = TrailingSlashes(elem);
+  std::string end_tag = "</";
+  end_tag.append(TagName(elem)).append(">");
+  return {record.End() - slashes - 1, slashes + 1, slashes, ">", std::move(end_tag)};
+}
+
+bool CMarkup::SetDataOf(std::uint32_t elem, std::string_view text, int flags) {
+  if (!MayHaveData(elem)) return false;
+  const DataPlace place = PlaceOfData(elem);
   Pieces pieces;
   std::string escaped;
-  if (empty_element) pieces.Add(">");
+  pieces.Add(place.opened);
   AppendDataPieces(pieces, text, flags, escaped);
-  if (empty_element) pieces.Add({"</", name, ">"});
+  pieces.Add(place.end_tag);
+  if (!qx::markup::DocumentFits(document_.size(), place.removed, pieces.Bytes())) return false;
 
-  const std::size_t at = empty_element ? record.End() - slashes - 1 : record.ContentStart();
-  const std::size_t removed = empty_element ? slashes + 1 : record.ContentEnd() - at;
-  const std::size_t added = pieces.Bytes();
-  if (!qx::markup::DocumentFits(document_.size(), removed, added)) return false;
+  Splice(place.at, place.removed, pieces);
+  CommitData(elem, place, pieces.Bytes());
+  return true;
+}
 
-  Splice(at, removed, pieces);
-  if (empty_element) record.SetTagLengths(record.StartTagLength() - Low32(slashes), Low32(name.size() + 3));
+// Behind the change of the text: `added` bytes stand in the place of the removed ones.
+void CMarkup::CommitData(std::uint32_t elem, const DataPlace& place, std::size_t added) {
+  ElemPos& record = (*tree_)[elem];
+  if (place.slashes != 0) {
+    record.SetTagLengths(record.StartTagLength() - Low32(place.slashes), Low32(place.end_tag.size()));
+  }
   record.Clear(kElemUnendedInside);
-  record.length += Low32(added - removed);
-  Shift(elem, Low32(added - removed));
+  record.length += Low32(added - place.removed);
+  Shift(elem, Low32(added - place.removed));
+}
+
+bool CMarkup::SetCDataBy(const DataWriter& write) {
+  if (!MayHaveData(main_position_)) return false;
+  const DataPlace place = PlaceOfData(main_position_);
+  const std::string rest = document_.substr(place.at);
+  bool fits = false;
+  try {
+    document_.resize(place.at);
+    document_.append(place.opened).append(qx::markup::kCDataStart);
+    const std::size_t data_at = document_.size();
+    if (write(document_)) qx::markup::SplitCDataEnds(document_, data_at);
+    document_.append(qx::markup::kCDataEnd).append(place.end_tag).append(rest, place.removed);
+    fits = qx::markup::DocumentFits(document_.size());
+  } catch (...) {
+    document_.replace(place.at, std::string::npos, rest);  // it stood there before, so there is room for it
+    throw;
+  }
+  if (!fits) {
+    document_.replace(place.at, std::string::npos, rest);
+    return false;
+  }
+  CommitData(main_position_, place, document_.size() - place.at - (rest.size() - place.removed));
   return true;
 }
 

@@ -2,6 +2,8 @@
 
 #include <ctime>
 #include <functional>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 
@@ -296,6 +298,50 @@ TEST(MarkupEdit, DataWithManySectionEndsReadsBack) {
     ASSERT_TRUE(markup.AddChildElem("a", data.c_str(), CMarkup::kAddCData));
     EXPECT_EQ(markup.GetChildData(), data);
     ExpectSound(markup);
+  }
+}
+
+TEST(MarkupEdit, WrittenDataIsSetAsACDataSection) {
+  for (const std::string data : {"", "x", "]]>", "a]]>b]]>c", "]]]>", "]]", "<&>"}) {
+    for (const std::string old : {"<a n='1'/>", "<a n='1'></a>", "<a n='1'>old</a>", "<a n='1'//>"}) {
+      for (const std::string behind : {"", "\n", "<b/> text\n"}) {
+        CMarkup written("<r>" + old + behind + "</r>");
+        CMarkup set("<r>" + old + behind + "</r>");
+        ASSERT_TRUE(written.FindElem("/r/a") && set.FindElem("/r/a"));
+        ASSERT_TRUE(set.SetData(data.c_str(), CMarkup::kAddCData));
+        ASSERT_TRUE(written.SetCDataBy([&](std::string& text) {
+          text += data;
+          return true;
+        }));
+        EXPECT_EQ(written.GetDoc(), set.GetDoc());
+        EXPECT_EQ(written.GetData(), data);
+        ExpectSound(written);
+      }
+    }
+  }
+}
+
+TEST(MarkupEdit, AWriterIsNotAskedWhereNoDataCanBe) {
+  for (const char* text : {"", "<a><b/></a>", "<a>"}) {
+    CMarkup markup(text);
+    (void)markup.FindElem();
+    EXPECT_FALSE(markup.SetCDataBy([](std::string&) -> bool { throw std::logic_error("asked"); })) << text;
+    EXPECT_EQ(markup.GetDoc(), text);
+  }
+}
+
+TEST(MarkupEdit, AWriterThatThrowsLeavesTheDocumentAsItWas) {
+  for (const std::string text : {"<r><a n='1'/>behind</r>\n", "<r><a>old</a>behind</r>\n"}) {
+    CMarkup markup(text);
+    ASSERT_TRUE(markup.FindElem("/r/a"));
+    EXPECT_THROW(markup.SetCDataBy([](std::string& to) -> bool {
+      to += "much text, and then no memory for more";
+      throw std::bad_alloc();
+    }),
+                 std::bad_alloc);
+    EXPECT_EQ(markup.GetDoc(), text);
+    ExpectSound(markup);
+    EXPECT_TRUE(markup.SetData("t"));
   }
 }
 
