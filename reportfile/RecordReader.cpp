@@ -20,6 +20,9 @@ constexpr std::size_t kSlotWindowSlots = 8192;
 constexpr std::size_t kRecordGuessBytes = 4096;
 constexpr std::size_t kSlotGuessSlots = 256;
 
+// A run of at least this many bytes is read where it is wanted; a shorter one may well stand in the window.
+constexpr std::size_t kDirectRunBytesMin = kRecordGuessBytes;
+
 // How many records at the front of `offsets` stand one behind the other, by their slots, in at most `bytes_max`. The
 // last offset only ends its predecessor.
 //   0 10 20 30, bytes_max 100  => 3
@@ -32,16 +35,6 @@ std::size_t RisingRecords(std::span<const std::uint32_t> offsets, std::size_t by
     ++count;
   }
   return count;
-}
-
-// Whether `bytes` is the texts of the records at `offsets`, whole and without an exception: each ends with a line feed
-// where the next begins, and there are no more text ends than records. The last offset only ends its predecessor.
-bool HoldsWholeRecords(std::string_view bytes, std::span<const std::uint32_t> offsets) {
-  if (bytes.empty()) return false;
-  for (const std::uint32_t next : offsets.subspan(1)) {
-    if (bytes[next - offsets.front() - 1] != '\n') return false;
-  }
-  return CountTextEnds(bytes) == offsets.size() - 1;
 }
 
 // How much of `gathered_max` is left; a record's text must be shorter than that.
@@ -146,17 +139,45 @@ std::uint32_t RecordReader::TakeUpTo(std::uint32_t first_slot, std::uint32_t cou
   return taken;
 }
 
+// Whether `bytes` is the texts of the records at `offsets`, whole and without an exception: each ends with a line feed
+// where the next begins, and there are no more text ends than records. The last offset only ends its predecessor.
+bool RecordReader::HoldsWholeRecords(std::string_view bytes, std::span<const std::uint32_t> offsets) {
+  if (bytes.empty()) return false;
+  for (const std::uint32_t next : offsets.subspan(1)) {
+    if (bytes[next - offsets.front() - 1] != '\n') return false;
+  }
+  const std::size_t records = offsets.size() - 1;
+  if (!may_have_taken_bracket_ && CountTextEndsAndBrackets(bytes) == records) return true;
+  may_have_taken_bracket_ = true;
+  return CountTextEnds(bytes) == records;
+}
+
 // Takes the run of records between `offsets` if it stands there as a whole and holds no exception.
 bool RecordReader::TakeWhole(std::span<const std::uint32_t> offsets, std::string* out) {
-  const std::string_view bytes = BytesCovering(offsets.front(), offsets.back() - offsets.front());
+  const std::size_t size = offsets.back() - offsets.front();
+  if (size >= kDirectRunBytesMin) return ReadWhole(offsets, out);
+  const std::string_view bytes = BytesCovering(offsets.front(), size);
   if (!HoldsWholeRecords(bytes, offsets)) return false;
   out->append(bytes);
   return true;
 }
 
+// The same for a long run, which is read straight behind what `out` holds.
+bool RecordReader::ReadWhole(std::span<const std::uint32_t> offsets, std::string* out) {
+  const std::size_t size_before = out->size();
+  const std::size_t size = offsets.back() - offsets.front();
+  out->resize(size_before + size);
+  char* const to = out->data() + size_before;
+  if (ReadAt(store_.data_file_, offsets.front(), to, size) == size && HoldsWholeRecords({to, size}, offsets))
+    return true;
+  out->resize(size_before);
+  return false;
+}
+
 // Takes the records at `offsets` one by one, up to the first that does not fit.
 std::uint32_t RecordReader::TakeSingly(std::span<const std::uint32_t> offsets, std::size_t gathered_max,
                                        std::string* out) {
+  if (offsets.size() > 1) (void)BytesCovering(offsets.front(), offsets.back() - offsets.front());  // in one read
   std::uint32_t taken = 0;
   for (const std::uint32_t offset : offsets) {
     if (!AppendRecordAt(offset, RoomIn(*out, gathered_max), out)) break;
@@ -187,7 +208,9 @@ bool RecordReader::AppendRecordAt(std::uint32_t offset, std::size_t bytes_max, s
       out->resize(size_before);
       return false;
     }
-    out->append(bytes.empty() ? kEndOfFile : bytes, 0, piece.text_bytes);
+    const std::string_view text = (bytes.empty() ? kEndOfFile : bytes).substr(0, piece.text_bytes);
+    out->append(text);
+    may_have_taken_bracket_ = may_have_taken_bracket_ || text.find(']') != std::string_view::npos;
     if (piece.is_last) return true;
     at += static_cast<std::int64_t>(piece.text_bytes);
   }

@@ -26,7 +26,6 @@ struct TakenRecords {
   std::uint32_t count;
   TakeEnd end;
 };
-
 // A reader over one store.
 //
 // Threads: one reader belongs to one thread; each call holds the store's lock.
@@ -51,6 +50,10 @@ class RecordReader {
   [[nodiscard]] TakenRecords Take(std::uint32_t first_slot, std::uint32_t count_max, std::size_t gathered_max,
                                   std::string* out);
 
+  // Whether what was taken or read since the construction may hold a "]": on the way it costs nothing to know that
+  // there is none, and who puts the texts in a CDATA section need not search them. [owning thread]
+  [[nodiscard]] bool MayHaveTakenBracket() const { return may_have_taken_bracket_; }
+
   // Forgets the windows, as must be done after the store was reopened. [owning thread]
   void Drop();
 
@@ -63,12 +66,15 @@ class RecordReader {
   std::string_view BytesCovering(std::int64_t offset, std::size_t size);
   bool AppendRecordAt(std::uint32_t offset, std::size_t bytes_max, std::string* out);
   std::uint32_t TakeUpTo(std::uint32_t first_slot, std::uint32_t count, std::size_t gathered_max, std::string* out);
+  bool HoldsWholeRecords(std::string_view bytes, std::span<const std::uint32_t> offsets);
   bool TakeWhole(std::span<const std::uint32_t> offsets, std::string* out);
+  bool ReadWhole(std::span<const std::uint32_t> offsets, std::string* out);
   std::uint32_t TakeSingly(std::span<const std::uint32_t> offsets, std::size_t gathered_max, std::string* out);
   std::uint32_t TakeUnreadableSlots(std::uint32_t count, std::size_t gathered_max, std::string* out);
 
   CReportFileBase& store_;
   std::unique_ptr<Windows> windows_;
+  bool may_have_taken_bracket_ = false;
 };
 
 }  // namespace qx::report

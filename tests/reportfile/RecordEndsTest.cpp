@@ -12,6 +12,11 @@
 namespace qx::report {
 namespace {
 
+void ExpectCountsAgree(std::string_view bytes) {
+  EXPECT_EQ(CountTextEndsNarrow(bytes), CountTextEndsPlain(bytes));
+  EXPECT_EQ(CountTextEndsAndBrackets(bytes), CountTextEndsAndBracketsPlain(bytes));
+}
+
 TEST(RecordEnds, PieceOfARecord) {
   struct Case {
     std::string_view bytes;
@@ -39,6 +44,8 @@ TEST(RecordEnds, EveryByteValueAtEveryPlaceIsJudgedAsByThePlainForm) {
         bytes[place] = static_cast<char>(value);
         ASSERT_EQ(FindTextEnd(bytes), FindTextEndPlain(bytes)) << size << " " << place << " " << value;
         ASSERT_EQ(CountTextEnds(bytes), CountTextEndsPlain(bytes)) << size << " " << place << " " << value;
+        ExpectCountsAgree(bytes);
+        if (testing::Test::HasFailure()) FAIL() << size << " " << place << " " << value;
       }
     }
   }
@@ -48,12 +55,15 @@ TEST(RecordEnds, PlainFormKnowsTheThreeBytes) {
   int ends = 0;
   for (int value = 0; value < 256; ++value) ends += EndsText(static_cast<char>(value)) ? 1 : 0;
   EXPECT_EQ(ends, 3);
+  EXPECT_EQ(CountTextEndsAndBracketsPlain("a]]>\n"), 3U);
   EXPECT_TRUE(EndsText('\n') && EndsText('\0') && EndsText('\xFF'));
 }
 
 TEST(RecordEnds, CountsMoreThanAByteHoldsInEachLane) {
-  for (const std::size_t size : {16U * 255, 16U * 256, 16U * 511 + 7, 65536U}) {
+  for (const std::size_t size : {16U * 255, 16U * 256, 16U * 511 + 7, 32U * 255, 32U * 256 + 31, 65536U}) {
     EXPECT_EQ(CountTextEnds(std::string(size, '\n')), size);
+    EXPECT_EQ(CountTextEndsNarrow(std::string(size, '\n')), size);
+    EXPECT_EQ(CountTextEndsAndBrackets(std::string(size, ']')), size);
   }
 }
 
@@ -62,9 +72,12 @@ TEST(RecordEnds, RandomBytesAgreeWithThePlainForm) {
   for (int round = 0; round < 2000; ++round) {
     std::string bytes(random() % 9000, '\0');
     const unsigned density = 1U << (random() % 12);
-    for (char& byte : bytes) byte = random() % density == 0 ? "\n\xFF"[random() % 3] : static_cast<char>(random() | 1);
+    for (char& byte : bytes)
+      byte = random() % density == 0 ? "\n\xFF]\0"[random() % 4] : static_cast<char>(random() | 1);
     ASSERT_EQ(FindTextEnd(bytes), FindTextEndPlain(bytes));
     ASSERT_EQ(CountTextEnds(bytes), CountTextEndsPlain(bytes));
+    ExpectCountsAgree(bytes);
+    if (testing::Test::HasFailure()) break;
   }
 }
 
@@ -79,6 +92,8 @@ TEST(RecordEnds, NothingBehindTheBytesIsRead) {
   for (std::size_t size = 0; size <= 70; ++size) {
     EXPECT_EQ(FindTextEnd({end - size, size}), size);
     EXPECT_EQ(CountTextEnds({end - size, size}), 0U);
+    EXPECT_EQ(CountTextEndsNarrow({end - size, size}), 0U);
+    EXPECT_EQ(CountTextEndsAndBrackets({end - size, size}), 0U);
   }
   munmap(pages, 2 * page);
 }
