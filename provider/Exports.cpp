@@ -45,7 +45,7 @@ void GuardedHook(Run run) {
 
 // The document's text for the service, or null when it is not one well-formed document.
 char* ReplyOf(const CMarkup& document) {
-  return document.IsWellFormed() ? CKrxAdapterModule::ReplyString(document.GetDoc().c_str()) : nullptr;
+  return document.IsWellFormed() ? CKrxAdapterModule::ReplyString(document.GetDoc()) : nullptr;
 }
 
 // One request. `operation` is called with the block's parameters, the input document and the empty output document; its

@@ -78,6 +78,14 @@ void TraceHeaderStructure(const KrxRequestParams& params) {
   QX_TRACE(4, "\n                    :   element count: %d", params.GetElementCount());
 }
 
+char* TracedReply(char* reply) {
+  QX_TRACE(6, "\nWCSP_MAIN           : ReplyString - duplicated pString = 0x%08X", Low32(reply));
+  if (reply == nullptr) {
+    QX_TRACE(1, "\nWCSP_MAIN           : ## FATAL ERROR in ReplyString(): strdup() failed when returning reply data");
+  }
+  return reply;
+}
+
 }  // namespace
 
 CKrxAdapterModule::~CKrxAdapterModule() = default;
@@ -198,14 +206,12 @@ void CKrxAdapterModule::SetRequestError(CMarkup& out, const char* message, unsig
   if (code != 0) (void)out.SetAttrib("LastError", std::to_string(code).c_str());
 }
 
-char* CKrxAdapterModule::ReplyString(const char* text) {
-  if (text == nullptr) return nullptr;
-  char* reply = strdup(text);
-  QX_TRACE(6, "\nWCSP_MAIN           : ReplyString - duplicated pString = 0x%08X", Low32(reply));
-  if (reply == nullptr) {
-    QX_TRACE(1, "\nWCSP_MAIN           : ## FATAL ERROR in ReplyString(): strdup() failed when returning reply data");
-  }
-  return reply;
+char* CKrxAdapterModule::ReplyString(const char* text) { return text != nullptr ? TracedReply(strdup(text)) : nullptr; }
+
+char* CKrxAdapterModule::ReplyString(const std::string& text) {
+  auto* const reply = static_cast<char*>(std::malloc(text.size() + 1));
+  if (reply != nullptr) std::memcpy(reply, text.c_str(), text.size() + 1);
+  return TracedReply(reply);
 }
 
 void* CKrxAdapterModule::AllocReplyString(std::size_t size) {

@@ -65,6 +65,8 @@ class CKrxAdapterModule {
   // A copy of `text` for the service, to be given back through __free; null for null and when memory is short.
   // [any thread]
   [[nodiscard]] static char* ReplyString(const char* text);
+  // The same for a text whose size is known, so that a megabyte is not measured again. [any thread]
+  [[nodiscard]] static char* ReplyString(const std::string& text);
   // Room for a reply of `size` bytes, to be given back through __free; null when memory is short. [any thread]
   [[nodiscard]] static void* AllocReplyString(std::size_t size);
   static void FreeReplyString(void* p);  // [any thread]

@@ -23,7 +23,8 @@ constexpr std::int32_t kNoRecordLimit = -1;
 constexpr std::int64_t kSizeShownInBytesMax = 10239;
 constexpr int kChunkLimitKb = kChunkLimitBytes / 1024;
 constexpr std::size_t kDataTracedBytes = 256;
-constexpr std::uint32_t kLevelOfSingleRecords = 5;  // the trace then shows every record
+constexpr std::uint32_t kLevelOfBareReplies = 4;    // the trace then shows the reply before it has its records
+constexpr std::uint32_t kLevelOfSingleRecords = 5;  // and every record
 
 // Trace conversions and index attributes have 32 bits, whatever the number.
 constexpr int Low32(std::int64_t number) { return static_cast<int>(number); }
@@ -84,6 +85,11 @@ std::string WithoutOuterWhiteSpace(std::string_view text) {
   return std::string(text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1));
 }
 
+TransferOptions::Path PathByTrace() {
+  if (Debug.IsActive(kLevelOfSingleRecords)) return TransferOptions::Path::kSingly;
+  return Debug.IsActive(kLevelOfBareReplies) ? TransferOptions::Path::kInRuns : TransferOptions::Path::kIntoReply;
+}
+
 void TraceReply(CMarkup& out, const std::string& records) {
   QX_TRACE(4, "\nWCSP_QX GetReports  :   XML reply: \"%s\"", out.GetDoc().c_str());
   QX_TRACE(4, "\nWCSP_QX GetReports  :   data length = %d bytes", Low32(static_cast<std::int64_t>(records.size())));
@@ -108,8 +114,7 @@ ReportTransfer::ReportTransfer(CKrxAdapterModule& module, CThreadData& thread_da
       thread_data_(thread_data),
       out_(out),
       options_(options),
-      singly_(options.path == TransferOptions::Path::kByTrace ? Debug.IsActive(kLevelOfSingleRecords)
-                                                              : options.path == TransferOptions::Path::kSingly),
+      path_taken_(options.path == TransferOptions::Path::kByTrace ? PathByTrace() : options.path),
       reader_(thread_data.report_file) {}
 
 int ReportTransfer::Run(CMarkup& in) {
@@ -123,13 +128,30 @@ int ReportTransfer::Run(CMarkup& in) {
     if (!OpenReport(&error_number)) return ReplyNotReadable(error_number);
   }
   TraceSnapshot(thread_data_);
+  return path_taken_ == TransferOptions::Path::kIntoReply ? ServeIntoReply() : ServeGathered();
+}
 
+int ReportTransfer::ServeGathered() {
   PooledBuffer buffer(RoomForRecords());
   std::string& records = buffer.text();
   GatherRecords(records);
-  QX_TRACE(3, "\nWCSP_QX GetReports  : %d records read (%d bytes)", Low32(index_ - request_.start_index),
-           Low32(static_cast<std::int64_t>(records.size())));
   return records.empty() ? ReplyNoMoreRecords() : ReplyRecords(records);
+}
+
+// The reply's tag stands before its records, so the next index is guessed at first. A guess of as many digits as the
+// index has costs nothing; any other moves the records by the difference.
+int ReportTransfer::ServeIntoReply() {
+  MakeRoomForReply(RoomForRecords());
+  AddReplyElement(LikelyNextIndex());
+  bool empty = true;
+  out_.SetCDataBy([&](std::string& text) {
+    GatherRecords(text);
+    empty = GatheredBytes(text) == 0;
+    return reader_.MayHaveTakenBracket();
+  });
+  if (empty) return ReplyNoMoreRecords();
+  out_.SetAttrib("NextIndex", Low32(index_));
+  return kRecordsReturned;
 }
 
 void ReportTransfer::BeginAnew() {
@@ -164,26 +186,34 @@ std::size_t ReportTransfer::RoomForRecords() const {
   return std::min(static_cast<std::size_t>(thread_data_.data_file_size), kChunkLimitBytes);
 }
 
-void ReportTransfer::GatherRecords(std::string& records) {
+// Appends the records to `text`.
+void ReportTransfer::GatherRecords(std::string& text) {
   index_ = request_.start_index;
+  records_at_ = text.size();
   check_ring_ = IsFirstCall();
+  TakeRecords(text);
+  QX_TRACE(3, "\nWCSP_QX GetReports  : %d records read (%d bytes)", Low32(index_ - request_.start_index),
+           Low32(static_cast<std::int64_t>(GatheredBytes(text))));
+}
 
+void ReportTransfer::TakeRecords(std::string& text) {
+  const bool singly = path_taken_ == TransferOptions::Path::kSingly;
   for (Round round = Round::kGoOn; round == Round::kGoOn;) {
     if (index_ >= thread_data_.highest_index) {
       QX_TRACE(3, "\nWCSP_QX GetReports  :   index higher that highest index - exit reading");
       return;
     }
     // Behind the record limit the next record is still read: which of the limits is reported depends on it.
-    round = singly_ || check_ring_ || LimitReached() ? TakeOne(records) : TakeRun(records);
+    round = singly || check_ring_ || LimitReached() ? TakeOne(text) : TakeRun(text);
   }
 }
 
-ReportTransfer::Round ReportTransfer::TakeOne(std::string& records) {
+ReportTransfer::Round ReportTransfer::TakeOne(std::string& text) {
   const std::uint32_t slot = SlotOf(index_);
   QX_TRACE(5, "\nWCSP_QX GetReports  :   read entry #%d, index=%d", Low32(index_), Low32(slot));
   line_.clear();
   bool too_long = false;
-  const bool was_read = reader_.Read(slot, kChunkLimitBytes - records.size(), &line_, &too_long);
+  const bool was_read = reader_.Read(slot, kChunkLimitBytes - GatheredBytes(text), &line_, &too_long);
   if (check_ring_ && RingHasMoved()) return was_read ? Round::kGoOn : Round::kLeave;
   if (!was_read) return Round::kLeave;
 
@@ -196,14 +226,14 @@ ReportTransfer::Round ReportTransfer::TakeOne(std::string& records) {
              request_.record_limit);
     return Round::kLeave;
   }
-  records += line_;
+  text += line_;
   QX_TRACE(5, "\nWCSP_QX GetReports  :   --> entry: %s", WithoutOuterWhiteSpace(line_).c_str());
   ++index_;
   return Round::kGoOn;
 }
 
-ReportTransfer::Round ReportTransfer::TakeRun(std::string& records) {
-  const report::TakenRecords taken = reader_.Take(SlotOf(index_), CountOfRun(), kChunkLimitBytes, &records);
+ReportTransfer::Round ReportTransfer::TakeRun(std::string& text) {
+  const report::TakenRecords taken = reader_.Take(SlotOf(index_), CountOfRun(), records_at_ + kChunkLimitBytes, &text);
   index_ += taken.count;
   if (taken.end == report::TakeEnd::kChunkFull) TraceChunkFull();
   return taken.end == report::TakeEnd::kCountReached ? Round::kGoOn : Round::kLeave;
@@ -278,23 +308,36 @@ int ReportTransfer::ReplyNoMoreRecords() {
 
 // An empty document takes the reply in a kept buffer: its text is as large as the records, and who handed the document
 // over gives the buffer back (BufferPool::GiveBack of ReleaseDoc).
-void ReportTransfer::MakeRoomForReply(const std::string& records) {
+void ReportTransfer::MakeRoomForReply(std::size_t records_bytes) {
   constexpr std::size_t kMarkupBytes = 256;  // tags, indices and the start and end of the section
   if (!out_.GetDoc().empty()) return;
-  out_.SetDoc(transfer_buffers.Take(records.size() + 2 * request_.escaped_name.size() + kMarkupBytes));
+  out_.SetDoc(transfer_buffers.Take(records_bytes + 2 * request_.escaped_name.size() + kMarkupBytes));
 }
 
 // A refused caller's document has an "Error" root already: the element added here is its second one, and a document
 // with two roots leaves the module as no reply at all.
-int ReportTransfer::ReplyRecords(const std::string& records) {
-  MakeRoomForReply(records);
+void ReportTransfer::AddReplyElement(std::int64_t next_index) {
   out_.AddElem("ReportData");
   out_.SetAttrib("Name", request_.escaped_name.c_str());
   out_.SetAttrib("StartIndex", request_.start_index);
-  out_.SetAttrib("NextIndex", Low32(index_));
+  out_.SetAttrib("NextIndex", Low32(next_index));
+}
+
+int ReportTransfer::ReplyRecords(const std::string& records) {
+  MakeRoomForReply(records.size());
+  AddReplyElement(index_);
   TraceReply(out_, records);
   out_.SetData(records, CMarkup::kAddCData);
   return kRecordsReturned;
+}
+
+// The next index if a chunk takes as many records as the data file's size and the number of slots suggest.
+std::int64_t ReportTransfer::LikelyNextIndex() const {
+  const std::int64_t highest = std::max<std::int64_t>(thread_data_.highest_index, 1);
+  const std::int64_t record_bytes = std::max<std::int64_t>(thread_data_.data_file_size / highest, 1);
+  std::int64_t count = static_cast<std::int64_t>(kChunkLimitBytes) / record_bytes;
+  if (request_.record_limit >= 0) count = std::min<std::int64_t>(count, request_.record_limit);
+  return std::min<std::int64_t>(request_.start_index + count, thread_data_.highest_index);
 }
 
 }  // namespace qx::provider

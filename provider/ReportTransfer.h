@@ -5,8 +5,9 @@
 // first, into less than 1 MiB, and replies with them and with the index at which the next call goes on.
 // docs/documents.md shows the documents.
 //
-// Records are taken in runs (qx::report::RecordReader::Take). When the trace shows every record, or while the ring has
-// still to be checked, they are read one at a time; both ways give the same reply.
+// Records are taken in runs (qx::report::RecordReader::Take) and read straight into the reply document. When the trace
+// shows every record, or while the ring has still to be checked, they are read one at a time; when it shows the reply
+// without its records, these are gathered by themselves first. All ways give the same reply.
 //
 // Not here: who may read (CheckRequest), and what the caller makes of a document with two roots.
 #pragma once
@@ -36,7 +37,12 @@ inline constexpr int kPrivilegeMissing = 401;
 
 // How a transfer reads; other than the defaults only in tests.
 struct TransferOptions {
-  enum class Path { kByTrace, kSingly, kInRuns };
+  enum class Path {
+    kByTrace,    // one of the others, as the trace needs it
+    kSingly,     // gathered one at a time, then set in the reply
+    kInRuns,     // gathered in runs, then set in the reply
+    kIntoReply,  // in runs, read into the reply
+  };
   Path path = Path::kByTrace;
   // Called where a writer may come in between: behind the read of a transfer's first record, before the report is
   // opened again to see whether the ring has moved.
@@ -79,9 +85,14 @@ class ReportTransfer {
   [[nodiscard]] bool OpenReport(int* error_number);
   [[nodiscard]] std::size_t RoomForRecords() const;
 
-  void GatherRecords(std::string& records);
-  [[nodiscard]] Round TakeOne(std::string& records);
-  [[nodiscard]] Round TakeRun(std::string& records);
+  [[nodiscard]] int ServeGathered();
+  [[nodiscard]] int ServeIntoReply();
+
+  void GatherRecords(std::string& text);
+  void TakeRecords(std::string& text);
+  [[nodiscard]] Round TakeOne(std::string& text);
+  [[nodiscard]] Round TakeRun(std::string& text);
+  [[nodiscard]] std::size_t GatheredBytes(const std::string& text) const { return text.size() - records_at_; }
   [[nodiscard]] bool RingHasMoved();
   [[nodiscard]] bool LimitReached() const;
   [[nodiscard]] std::uint32_t CountOfRun() const;
@@ -89,23 +100,26 @@ class ReportTransfer {
 
   [[nodiscard]] int ReplyNotReadable(int error_number);
   [[nodiscard]] int ReplyNoMoreRecords();
-  void MakeRoomForReply(const std::string& records);
+  void MakeRoomForReply(std::size_t records_bytes);
+  void AddReplyElement(std::int64_t next_index);
   [[nodiscard]] int ReplyRecords(const std::string& records);
+  [[nodiscard]] std::int64_t LikelyNextIndex() const;
 
   CKrxAdapterModule& module_;
   CThreadData& thread_data_;
   CMarkup& out_;
   const TransferOptions options_;
-  const bool singly_;  // every record through TakeOne
+  const TransferOptions::Path path_taken_;
 
   TransferRequest request_{};
   std::string path_;  // of the report's files, without extension
 
   // Of the reading loop.
   report::RecordReader reader_;
-  std::int64_t index_ = 0;   // age of the record to take next
-  bool check_ring_ = false;  // the ring has still to be checked behind the next read
-  std::string line_;         // the record that TakeOne reads
+  std::int64_t index_ = 0;      // age of the record to take next
+  std::size_t records_at_ = 0;  // where the records begin in the text that takes them
+  bool check_ring_ = false;     // the ring has still to be checked behind the next read
+  std::string line_;            // the record that TakeOne reads
 };
 
 }  // namespace qx::provider

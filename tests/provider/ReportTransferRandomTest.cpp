@@ -1,5 +1,5 @@
-// Random stores and random requests: reading record by record, reading in runs and a plain model over readLine must
-// give the same replies and leave the same state.
+// Random stores and random requests: reading record by record, reading in runs, reading into the reply and a plain
+// model over readLine must give the same replies and leave the same state.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -190,8 +190,13 @@ std::vector<Request> RandomRequests(Random& random) {
 
 void ReportTransferRandom::CompareTransfer(Random& random, const std::vector<Request>& requests,
                                            const std::function<void(std::uint64_t)>& change) {
-  CThreadData singly;
-  CThreadData in_runs;
+  struct Way {
+    TransferOptions::Path path;
+    CThreadData data;
+  };
+  Way ways[] = {{TransferOptions::Path::kSingly, {}},
+                {TransferOptions::Path::kInRuns, {}},
+                {TransferOptions::Path::kIntoReply, {}}};
   Model model;
   for (const Request& request : requests) {
     const StoreBytes before = change ? Saved() : StoreBytes();
@@ -200,14 +205,12 @@ void ReportTransferRandom::CompareTransfer(Random& random, const std::vector<Req
       if (meanwhile_seed != 0) change(meanwhile_seed);
     };
     const Reply expected = ModelCall(model, Path(), request, meanwhile);
-    if (change) Restore(before);
-    ASSERT_EQ(RealCall(singly, request, TransferOptions::Path::kSingly, meanwhile), expected);
-    if (change) Restore(before);
-    ASSERT_EQ(RealCall(in_runs, request, TransferOptions::Path::kInRuns, meanwhile), expected);
-    for (const CThreadData* data : {&singly, &in_runs}) {
-      ASSERT_EQ(data->state_word, model.calls);
-      ASSERT_EQ(data->oldest_index, model.oldest);
-      ASSERT_EQ(data->highest_index, model.highest);
+    for (Way& way : ways) {
+      if (change) Restore(before);
+      ASSERT_EQ(RealCall(way.data, request, way.path, meanwhile), expected);
+      ASSERT_EQ(way.data.state_word, model.calls);
+      ASSERT_EQ(way.data.oldest_index, model.oldest);
+      ASSERT_EQ(way.data.highest_index, model.highest);
     }
     if (change && OneIn(random, 3)) change(random());
   }

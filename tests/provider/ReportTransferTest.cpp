@@ -311,7 +311,7 @@ class RingDuringTransfer : public ReportTransfer {
 };
 
 TEST_F(RingDuringTransfer, AnAdvancedRingIsReadAnewFromItsOldestRecord) {
-  for (const Path path : {Path::kSingly, Path::kInRuns}) {
+  for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 3, {"1", "2", "3"});
     CThreadData data;
     EXPECT_EQ(Ask([&] { Append("r1", 3, {"4"}); }, 0, path, data), Records("r1", 0, 3, "2\r\n3\r\n4\r\n"));
@@ -322,7 +322,7 @@ TEST_F(RingDuringTransfer, AnAdvancedRingIsReadAnewFromItsOldestRecord) {
 }
 
 TEST_F(RingDuringTransfer, TheRingIsCheckedOnce) {
-  for (const Path path : {Path::kSingly, Path::kInRuns}) {
+  for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 3, {"1", "2", "3"});
     CThreadData data;
     int checks = 0;
@@ -335,7 +335,7 @@ TEST_F(RingDuringTransfer, TheRingIsCheckedOnce) {
 }
 
 TEST_F(RingDuringTransfer, ARecordAppendedToAFillingRingChangesNothing) {
-  for (const Path path : {Path::kSingly, Path::kInRuns}) {
+  for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 5, {"1", "2"});
     CThreadData data;
     EXPECT_EQ(Ask([&] { Append("r1", 5, {"3"}); }, 0, path, data), Records("r1", 0, 2, "1\r\n2\r\n"));
@@ -344,7 +344,7 @@ TEST_F(RingDuringTransfer, ARecordAppendedToAFillingRingChangesNothing) {
 }
 
 TEST_F(RingDuringTransfer, AfterAFailedReopenTheFirstRecordIsUsedAndTheNextReadFails) {
-  for (const Path path : {Path::kSingly, Path::kInRuns}) {
+  for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 5, {"1", "2", "3"});
     CThreadData data;
     EXPECT_EQ(Ask([&] { std::filesystem::remove(BasePath("r1") + ".ind"); }, 0, path, data),
@@ -354,7 +354,7 @@ TEST_F(RingDuringTransfer, AfterAFailedReopenTheFirstRecordIsUsedAndTheNextReadF
 }
 
 TEST_F(RingDuringTransfer, AFirstRecordThatCannotBeReadIsNotReadAnew) {
-  for (const Path path : {Path::kSingly, Path::kInRuns}) {
+  for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 3, {"1", "2", "3"});
     CThreadData data;
     EXPECT_EQ(Ask([&] { Append("r1", 3, {"4"}); }, -1, path, data), NoMoreRecords());  // oldest 0: no such slot
@@ -365,7 +365,7 @@ TEST_F(RingDuringTransfer, AFirstRecordThatCannotBeReadIsNotReadAnew) {
 }
 
 TEST_F(RingDuringTransfer, TheReopenShowsTheFilesAsTheyNowStand) {
-  for (const Path path : {Path::kSingly, Path::kInRuns}) {
+  for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 5, {"1", "2", "3"});
     CThreadData data;
     const auto restart = [&] {
