@@ -1,0 +1,20 @@
+// The clock of this test program stands before the C library's: entries get the times that a test gives them.
+#pragma once
+
+#include <cstdint>
+
+namespace qx::test {
+
+// Stands at 2026-01-31 10:20:30.000 local time at the beginning of the scope; the real clock counts outside of it.
+class TraceClock {
+ public:
+  TraceClock();
+  ~TraceClock();
+  TraceClock(const TraceClock&) = delete;
+  TraceClock& operator=(const TraceClock&) = delete;
+
+  // Moves the clock on, or back.
+  void Advance(std::int64_t milliseconds);
+};
+
+}  // namespace qx::test
