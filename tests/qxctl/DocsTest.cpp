@@ -64,8 +64,10 @@ class QxctlDocs : public testing::Test, protected QxctlFixture {
 
 // One story: later sessions use what earlier ones made.
 TEST_F(QxctlDocs, EverySessionPrintsWhatThePageShows) {
-  for (const char* const example : {"create", "append", "cat", "info", "info-json", "what", "reflect", "reports",
-                                    "reports-json", "fetch", "fetch-json", "refused", "not-found", "omit", "trace"}) {
+  for (const char* const example :
+       {"create",  "append",       "cat",        "info",        "info-json",    "what",      "reflect",
+        "reports", "reports-json", "fetch",      "fetch-json",  "refused",      "not-found", "omit",
+        "trace",   "names",        "names-json", "registry-ls", "registry-get", "ini"}) {
     ExpectAsPrinted(example);
   }
 }

@@ -119,6 +119,10 @@ int GetReports(const wcs_gendata* params, const char* input, char** reply) {
   return Answer("GetReports", params, input, reply);
 }
 
+int GetReportInstanceNames(const wcs_gendata* params, const char* input, char** reply) {
+  return Answer("GetReportInstanceNames", params, input, reply);
+}
+
 void __threadbegin(void) {
   g_thread = pthread_self();
   Log("threadbegin");

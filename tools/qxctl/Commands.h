@@ -17,8 +17,11 @@ struct Context {
   std::function<Status()> run;
 };
 
-void AddModuleCommand(CLI::App& app, Context& context);  // module what, reflect, reports
-void AddFetchCommand(CLI::App& app, Context& context);   // fetch
-void AddReportCommand(CLI::App& app, Context& context);  // report create, append, cat, info
+void AddModuleCommand(CLI::App& app, Context& context);    // module what, reflect, reports, names
+void AddFetchCommand(CLI::App& app, Context& context);     // fetch
+void AddIniCommand(CLI::App& app, Context& context);       // ini list, get
+void AddNamesCommand(CLI::App& app, Context& context);     // names
+void AddRegistryCommand(CLI::App& app, Context& context);  // registry ls, get
+void AddReportCommand(CLI::App& app, Context& context);    // report create, append, cat, info
 
 }  // namespace qx::ctl

@@ -81,6 +81,9 @@ ExitCode Qxctl(int argc, char** argv) {
   AddModuleCommand(app, context);
   AddFetchCommand(app, context);
   AddReportCommand(app, context);
+  AddNamesCommand(app, context);
+  AddRegistryCommand(app, context);
+  AddIniCommand(app, context);
   return ParseAndRun(app, context, trace_options, argc, argv);
 }
 

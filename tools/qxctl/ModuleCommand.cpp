@@ -1,13 +1,15 @@
-// qxctl module what|reflect|reports: one call into the module, with the reply, the result and how long it took.
+// qxctl module what|reflect|reports|names: one call into the module, with the reply, the result and how long it took.
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
-#include "markup/Markup.h"
 #include "tools/qxctl/CallOptions.h"
 #include "tools/qxctl/Commands.h"
 #include "tools/qxctl/Input.h"
+#include "tools/qxctl/InstanceNames.h"
 #include "tools/qxctl/ReportDocuments.h"
+#include "tools/qxctl/Text.h"
 
 namespace qx::ctl {
 
@@ -20,22 +22,9 @@ struct Options {
   bool json = false;
 };
 
-// JSON texts are UTF-8; a reply with other bytes is given in base64 instead.
-bool IsUtf8(const std::string& text) {
-  const std::string encoded = Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
-  return Json::parse(encoded).get<std::string>() == text;
-}
-
 Json ReplyToJson(const CallResult& call) {
   Json reply = {{"reply", nullptr}};
-  if (call.reply.has_value()) {
-    const std::string& text = *call.reply;
-    if (IsUtf8(text)) {
-      reply["reply"] = text;
-    } else {
-      reply["replyBase64"] = CMarkup::EncodeBase64(reinterpret_cast<const unsigned char*>(text.data()), text.size());
-    }
-  }
+  if (call.reply.has_value()) SetText(reply, "reply", *call.reply);
   reply["replyBytes"] = call.reply.has_value() ? call.reply->size() : 0;
   return reply;
 }
@@ -66,6 +55,10 @@ Status StatusOfCall(RequestFunction function, const CallResult& call) {
     if (IsEndOfReport(call)) return {ExitCode::kFinding, "the module has no records from that index on"};
     return StatusOfReports(call, ParseReply(call));
   }
+  if (function == RequestFunction::kGetReportInstanceNames) {
+    std::vector<Instance> instances;
+    return InstancesOf(call, instances);
+  }
   if (call.result != 0) return {ExitCode::kRefused, "the module refuses with result " + std::to_string(call.result)};
   if (call.reply.has_value()) return {};
   return {ExitCode::kFinding, function == RequestFunction::kReflect ? "no reply: the input is not well-formed markup"
@@ -83,13 +76,22 @@ Status Print(Context& context, RequestFunction function, const CallResult& call,
   return status;
 }
 
-Status Call(Context& context, RequestFunction function, const Options& options) {
-  if (function == RequestFunction::kGetReports && options.request.name.empty() && options.input.empty()) {
+// The request document: the one that was given, or one for the report that was named.
+Status MakeInput(RequestFunction function, const Options& options, std::string& input) {
+  const bool is_of_report =
+      function == RequestFunction::kGetReports || function == RequestFunction::kGetReportInstanceNames;
+  if (!is_of_report || !options.input.empty()) return ReadArgument(options.input, input);
+  if (options.request.name.empty()) {
     return {ExitCode::kUsage, "name a report, or give a request document with --input"};
   }
+  input =
+      function == RequestFunction::kGetReports ? RequestText(options.request) : NamesRequestText(options.request.name);
+  return {};
+}
+
+Status Call(Context& context, RequestFunction function, const Options& options) {
   std::string input;
-  if (Status status = ReadArgument(options.input, input); !status.IsOk()) return status;
-  if (function == RequestFunction::kGetReports && options.input.empty()) input = RequestText(options.request);
+  if (Status status = MakeInput(function, options, input); !status.IsOk()) return status;
   std::unique_ptr<ModuleHost> module;
   if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
   WorkerThread worker(*module, options.call.block);
@@ -120,6 +122,14 @@ void AddReports(CLI::App& parent, Context& context) {
   command.add_option("--records", options->request.record_count, "Most records in the reply")->excludes(input);
 }
 
+void AddNames(CLI::App& parent, Context& context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = AddCall(parent, context, RequestFunction::kGetReportInstanceNames, "names",
+                              "Ask for the instance names of a report", options);
+  command.add_option("NAME", options->request.name, "Report name, below the report directory")
+      ->excludes(command.get_option("--input"));
+}
+
 }  // namespace
 
 void AddModuleCommand(CLI::App& app, Context& context) {
@@ -128,6 +138,7 @@ void AddModuleCommand(CLI::App& app, Context& context) {
   AddCall(module, context, RequestFunction::kWhat, "what", "Ask the module who it is", std::make_shared<Options>());
   AddCall(module, context, RequestFunction::kReflect, "reflect", "Have a document echoed", std::make_shared<Options>());
   AddReports(module, context);
+  AddNames(module, context);
 }
 
 }  // namespace qx::ctl

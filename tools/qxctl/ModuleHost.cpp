@@ -16,7 +16,7 @@ namespace {
 const char kModuleFile[] = "QXRemConXfer.so";
 const char kInstalledModule[] = "/opt/norrlek/QuaxelSuite/KRX/Provider/QXRemConXfer.so";
 
-constexpr std::array<const char*, 3> kRequestNames = {"What", "Reflect", "GetReports"};
+constexpr std::array<const char*, 4> kRequestNames = {"What", "Reflect", "GetReports", "GetReportInstanceNames"};
 
 // dlopen says why without the errno of anything.
 std::string LoaderError() {

@@ -12,9 +12,9 @@
 
 namespace qx::ctl {
 
-enum class RequestFunction { kWhat, kReflect, kGetReports };
+enum class RequestFunction { kWhat, kReflect, kGetReports, kGetReportInstanceNames };
 
-// The exported name: "What", "Reflect", "GetReports".
+// The exported name: "What", "Reflect", "GetReports", "GetReportInstanceNames".
 const char* NameOf(RequestFunction function);
 
 struct CallResult {
@@ -48,7 +48,7 @@ class ModuleHost {
   bool Find(const char* name, Function& function, std::string& missing);
 
   void* library_;
-  std::array<QxRequestFunction, 3> requests_{};  // by RequestFunction
+  std::array<QxRequestFunction, 4> requests_{};  // by RequestFunction
   QxThreadBeginFunction thread_begin_ = nullptr;
   QxThreadEndFunction thread_end_ = nullptr;
   QxFreeFunction free_ = nullptr;
