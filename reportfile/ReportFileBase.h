@@ -64,6 +64,16 @@ class [[gnu::visibility("default")]] CReportFileBase {
   // that cannot be read prints the previous one's text. [owning thread]
   void printAllRecords();
 
+  // Copies everything in the directory `backupPath` back into the report directory that the registry names, over what is
+  // there, and then deletes `backupPath` with everything in it but its hidden entries, even if the copy failed: a
+  // restore is attempted once. True: the copy succeeded, also when there was no backup. False: the copy failed, or no
+  // report directory is known (nothing happens), or deleting the backup would delete the report directory (nothing
+  // happens). docs/directories.md holds the rules of both steps. Static; needs no store. [any thread]
+  static bool RestoreReportDataFiles(const std::string& backupPath);
+
+  // Backs nothing up: always false. Only the trace says why. [any thread]
+  static bool BackupReportDataFiles(const std::string& backupPath);
+
   // The operations on the index file that the ones above are made of. They take no lock.
 
   // Reads the header into memory; a file that is too short leaves it as it was, with result 0. -1: the index file is

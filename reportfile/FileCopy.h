@@ -1,0 +1,25 @@
+// Internal: one regular file copied to a new or an existing one.
+#pragma once
+
+#include <sys/stat.h>
+
+namespace qx::report {
+
+// Which file it is, whatever its name: hard links and symbolic links lead to the same one.
+struct FileId {
+  dev_t device = 0;
+  ino_t number = 0;
+  bool operator==(const FileId&) const = default;
+};
+
+inline FileId IdOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
+
+// Copies the contents of `source`, whose status is `status`, into `target`. A new file gets permission bits (less the
+// file-creation mask) and, where the system allows it, owner and group of the source; an existing one keeps its own.
+// A target that is the source itself stays as it is. Returns 0 or the error number:
+//   EEXIST  the target exists and `overwrite` is false; it was not touched
+//   EINVAL  one of the two is neither a regular file nor a directory; it was not waited for
+// After any other error the target may hold a part of the contents.
+[[nodiscard]] int CopyFile(const char* source, const struct stat& status, const char* target, bool overwrite);
+
+}  // namespace qx::report

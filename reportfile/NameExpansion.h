@@ -1,0 +1,37 @@
+// Internal: which files and directories a pattern names.
+//
+// An expression is an absolute path whose components may hold the wildcards of file-name globbing. Names are matched by
+// the system, but directories are listed here: the system's globbing takes a directory whose reading breaks off for one
+// that ends there, finds "." and ".." wherever a wildcard may match them, and takes known directories for patterns.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qx::report {
+
+// What an expression names, in the order of the system: never "." and "..".
+struct Expansion {
+  std::vector<std::string> paths;
+  int error = 0;  // why there are none; 0 when there are some
+};
+
+// Expands `known` + `expression`. The first is taken as it stands, whatever characters it has; the second begins with
+// "/" and is globbed, with wildcards matching a leading dot. The first directory that cannot be read ends it with its
+// error and no paths.
+//   "", "/b/*"         => everything in /b
+//   "/b[1]", "/*.dat"  => what ends with ".dat" in /b[1]
+//   "/b", "/"          => nothing (ENOENT)
+[[nodiscard]] Expansion ExpandNames(const std::string& known, std::string_view expression);
+
+// The first "*.*" of an expression becomes "*", so that it matches names without a dot, too.
+//   /b/*.*      => /b/*
+//   /b/*.*.*    => /b/*.*
+[[nodiscard]] std::string WithEveryNameAsStar(std::string expression);
+
+// `path` as an expression that matches this path only.
+//   /b[1]  => /b\[1]
+[[nodiscard]] std::string EscapedForGlobbing(std::string_view path);
+
+}  // namespace qx::report

@@ -1,0 +1,60 @@
+// Directory trees as tests make, look at and compare them: a map from path to contents.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qx::test {
+
+// "sub/" is a directory, "sub/a" a file with these contents. Links appear as what they lead to, if anywhere.
+using Tree = std::map<std::string, std::string>;
+
+inline Tree::value_type Pair(std::string path, std::string contents) { return {std::move(path), std::move(contents)}; }
+
+// Makes the entries below `root`, and every directory that they need.
+void MakeTree(const std::string& root, const Tree& entries);
+
+// A symbolic link at `path`.
+void MakeLink(const std::string& target, const std::string& path);
+
+// What stands below `root`, in the same form; links to directories are not entered. Empty when there is no `root`.
+Tree ContentsOf(const std::string& root);
+
+mode_t ModeOf(const std::string& path);
+
+// The lines with every `directory` in them as "T".
+std::vector<std::string> Shortened(std::vector<std::string> lines, const std::string& directory);
+
+// What `question` answers when an ordinary user asks: in a child process with another user id, if this is root, to whom
+// everything is allowed. Root's own `directory` and what is in it are handed to that user.
+bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& question);
+
+class ScopedUmask {
+ public:
+  explicit ScopedUmask(mode_t mask);
+  ~ScopedUmask();
+  ScopedUmask(const ScopedUmask&) = delete;
+  ScopedUmask& operator=(const ScopedUmask&) = delete;
+
+ private:
+  mode_t old_;
+};
+
+// Leaves room for `count` open files besides those that are open now.
+class ScopedDescriptorLimit {
+ public:
+  explicit ScopedDescriptorLimit(unsigned count);
+  ~ScopedDescriptorLimit();
+  ScopedDescriptorLimit(const ScopedDescriptorLimit&) = delete;
+  ScopedDescriptorLimit& operator=(const ScopedDescriptorLimit&) = delete;
+
+ private:
+  unsigned long old_;
+};
+
+}  // namespace qx::test
