@@ -62,22 +62,14 @@ std::uint64_t FillBegin(const TraceSource& source, std::uint64_t floor) {
   return floor;
 }
 
-// The entries behind the write position: when the first and the last of them were written.
-struct OlderStamps {
-  std::optional<std::int64_t> last;
-  bool has_entries = false;  // other than the filling of a new file
-};
-
-OlderStamps ScanOlder(const TraceSource& source, std::uint64_t begin, std::uint64_t end) {
-  OlderStamps stamps;
+// Whether entries stand there, other than the filling of a new file.
+bool HasEntries(const TraceSource& source, std::uint64_t begin, std::uint64_t end) {
   TraceLineReader reader(source, begin, end);
   for (TraceLine line{}; reader.Next(line);) {
     const auto header = line.is_rest ? std::nullopt : ParseTraceHeader(line.text);
-    if (!header.has_value() || IsFillerText(line.text.substr(header->length))) continue;
-    stamps.has_entries = true;
-    if (header->stamp_ms.has_value()) stamps.last = header->stamp_ms;
+    if (header.has_value() && !IsFillerText(line.text.substr(header->length))) return true;
   }
-  return stamps;
+  return false;
 }
 
 // What stands before the write position.
@@ -88,17 +80,19 @@ struct FrontScan {
 };
 
 // Walks from the first entry to the write position.
+//
+// The newest cycle begins at the first entry behind the gap or at one behind "End of initialization"; its entries have
+// stamps from that of the header block on. Only its first entry, the one that did not fit any more, may be older: it is
+// formatted before the block is written.
 class FrontWalk {
  public:
-  // `older_last`: no entry of the newest cycle is older than this.
-  explicit FrontWalk(std::optional<std::int64_t> older_last) : older_last_(older_last) {}
-
   void Take(const TraceLine& line) {
     if (scan_.block_end == 0) {
       TakeBlockLine(line);
     } else if (IsTerminator(line) && line.end <= gap_end_) {
       // The block was longer once; what stood between its end then and its end now is no entry any more.
-      scan_.kept_begin = scan_.cycle_begin = fallback_ = 0;
+      scan_.kept_begin = scan_.cycle_begin = fallback_ = candidate_ = 0;
+      may_begin_cycle_ = true;
     } else if (const auto header = line.is_rest ? std::nullopt : ParseTraceHeader(line.text); header.has_value()) {
       TakeKeptEntry(line, *header);
     }
@@ -106,7 +100,7 @@ class FrontWalk {
 
   FrontScan Finish(std::uint64_t write_position) {
     if (scan_.block_end == 0) scan_.block_end = first_terminator_ != 0 ? first_terminator_ : write_position;
-    if (scan_.cycle_begin == 0) scan_.cycle_begin = fallback_;
+    if (scan_.cycle_begin == 0) scan_.cycle_begin = fallback_ != 0 ? fallback_ : candidate_;
     return scan_;
   }
 
@@ -119,7 +113,7 @@ class FrontWalk {
     }
     const auto header = line.is_rest ? std::nullopt : ParseTraceHeader(line.text);
     if (header.has_value()) is_behind_block_ = line.text.substr(header->length) == kEndOfHeaderText;
-    if (header.has_value() && header->stamp_ms.has_value()) block_stamp_ = header->stamp_ms;
+    if (header.has_value() && !block_stamp_.has_value()) block_stamp_ = header->stamp_ms;
   }
 
   void EndBlock(std::uint64_t end) {
@@ -132,33 +126,32 @@ class FrontWalk {
     const std::string_view text = line.text.substr(header.length);
     if (IsFillerText(text) && line.end % kRingBlockBytes == 0) return;
     if (scan_.kept_begin == 0) scan_.kept_begin = line.begin;
-    if (IsOfNewestCycle(header.stamp_ms)) {
-      if (scan_.cycle_begin == 0 && may_begin_cycle_) scan_.cycle_begin = line.begin;
+    if (may_begin_cycle_) candidate_ = line.begin;
+    if (IsBehindBlock(header.stamp_ms) && scan_.cycle_begin == 0) {
+      if (may_begin_cycle_ || was_candidate_) scan_.cycle_begin = candidate_;
       if (fallback_ == 0) fallback_ = line.begin;
     }
+    was_candidate_ = may_begin_cycle_;
     may_begin_cycle_ = text == kEndOfInitText;
   }
 
-  // The entry that makes the ring wrap is formatted before the header block is written, so it may be a little older.
-  bool IsOfNewestCycle(std::optional<std::int64_t> stamp) const {
-    constexpr std::int64_t kWrapMs = 1000;
-    if (!stamp.has_value()) return false;
-    if (older_last_.has_value()) return *stamp >= *older_last_;
-    return !block_stamp_.has_value() || *stamp >= *block_stamp_ - kWrapMs;
+  bool IsBehindBlock(std::optional<std::int64_t> stamp) const {
+    return stamp.has_value() && (!block_stamp_.has_value() || *stamp >= *block_stamp_);
   }
 
-  std::optional<std::int64_t> older_last_;
   std::optional<std::int64_t> block_stamp_;
   FrontScan scan_;
   std::uint64_t first_terminator_ = 0;
   std::uint64_t gap_end_ = 0;
-  std::uint64_t fallback_ = 0;
+  std::uint64_t candidate_ = 0;  // the last entry at which the newest cycle may have begun
+  std::uint64_t fallback_ = 0;   // the first one by its stamp alone
   bool is_behind_block_ = false;
   bool may_begin_cycle_ = false;
+  bool was_candidate_ = false;  // the entry before the current one
 };
 
-FrontScan ScanFront(const TraceSource& source, std::uint64_t write_position, std::optional<std::int64_t> older_last) {
-  FrontWalk walk(older_last);
+FrontScan ScanFront(const TraceSource& source, std::uint64_t write_position) {
+  FrontWalk walk;
   TraceLineReader reader(source, kRingFirstEntry, write_position);
   for (TraceLine line{}; reader.Next(line);) walk.Take(line);
   return walk.Finish(write_position);
@@ -265,9 +258,8 @@ TraceLayout FindRingLayout(const TraceSource& source) {
   }
   const std::uint64_t behind = write_position + kRingTerminator.size();
   const std::uint64_t fill = FillBegin(source, behind);
-  const OlderStamps older = ScanOlder(source, behind, fill);
-  const bool has_wrapped = layout.ring->wraps.has_value() ? *layout.ring->wraps != 0 : older.has_entries;
-  const FrontScan front = ScanFront(source, write_position, has_wrapped ? older.last : std::nullopt);
+  const bool has_wrapped = layout.ring->wraps.has_value() ? *layout.ring->wraps != 0 : HasEntries(source, behind, fill);
+  const FrontScan front = ScanFront(source, write_position);
   if (has_wrapped) {
     LayOutWrapped(layout, front, write_position, fill);
   } else {
