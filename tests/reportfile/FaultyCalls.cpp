@@ -39,6 +39,7 @@ ssize_t Outcome(const Faults& faults, int call, std::size_t wanted) {
 extern "C" {
 
 ssize_t __real_pwritev(int fd, const iovec* parts, int count, off_t offset);
+ssize_t __real_pwrite(int fd, const void* from, std::size_t size, off_t offset);
 ssize_t __real_pread(int fd, void* to, std::size_t size, off_t offset);
 
 ssize_t __wrap_pwritev(int fd, const iovec* parts, int count, off_t offset) {
@@ -54,6 +55,11 @@ ssize_t __wrap_pwritev(int fd, const iovec* parts, int count, off_t offset) {
     left -= put;
   }
   return allowed;
+}
+
+ssize_t __wrap_pwrite(int fd, const void* from, std::size_t size, off_t offset) {
+  const ssize_t allowed = Outcome(writes, ++writes.calls, size);
+  return allowed <= 0 ? allowed : __real_pwrite(fd, from, static_cast<std::size_t>(allowed), offset);
 }
 
 ssize_t __wrap_pread(int fd, void* to, std::size_t size, off_t offset) {

@@ -1,5 +1,5 @@
-// Makes the store's reads and writes fail on demand: the test program is linked so that its calls of pwritev and pread
-// come through here. Without an instruction they go straight to the system and are counted.
+// Makes the store's reads and writes fail on demand: the test program is linked so that its calls of pwrite, pwritev
+// and pread come through here. Without an instruction they go straight to the system and are counted.
 #pragma once
 
 #include <cstdint>

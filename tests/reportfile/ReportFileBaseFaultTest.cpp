@@ -121,6 +121,39 @@ TEST_F(ReportFileBaseFault, RecordWhoseMarkerIsCutShortIsGood) {
   }
 }
 
+// Long records go to the system as two parts: the write may stop in either of them or between them.
+TEST_F(ReportFileBaseFault, LongRecordsCutShortAreJudgedAsShortOnesAre) {
+  const std::string record(2000, 'r');
+  const std::string record_and_marker = record + "\r\n===>\r\n";
+  for (const std::size_t some : {std::size_t{1}, record.size() - 1, record.size(), record.size() + 1, record.size() + 2,
+                                 record.size() + 3, record_and_marker.size() - 1}) {
+    for (const int more_failing : {0, 1}) {
+      const StoreFiles files;
+      CReportFileBase store;
+      ASSERT_TRUE(store.Open(files.Path(), 3));
+      const bool is_good = more_failing == 0 || some >= record.size() + 2;
+      const ScopedWriteFault fault(
+          {.kind = CallFault::Kind::kTakesSome, .nth = 1, .error = ENOSPC, .some = some, .more_failing = more_failing});
+      EXPECT_EQ(store.writeLine(record.c_str()), is_good) << some;
+      EXPECT_EQ(files.DataBytes(), more_failing == 0 ? record_and_marker : record_and_marker.substr(0, some));
+      EXPECT_EQ(store.header().highestIndex, is_good ? 1U : 0U);
+    }
+  }
+}
+
+TEST_F(ReportFileBaseFault, RecordsAroundTheSizeOfAShortWriteStandAsTheyWereGiven) {
+  const StoreFiles files;
+  CReportFileBase store;
+  ASSERT_TRUE(store.Open(files.Path(), 100));
+  std::string expected;
+  for (std::size_t bytes = 500; bytes < 516; ++bytes) {
+    const std::string record(bytes, static_cast<char>('a' + bytes % 26));
+    ASSERT_TRUE(store.writeLine(record.c_str()));
+    expected += record + "\r\n";
+  }
+  EXPECT_EQ(files.DataBytes(), expected + "===>\r\n");
+}
+
 TEST_F(ReportFileBaseFault, SlotThatCannotBeWrittenLeavesTheHeaderAlone) {
   {
     const ScopedWriteFault fault({.kind = CallFault::Kind::kFails, .nth = 2, .error = EIO});
