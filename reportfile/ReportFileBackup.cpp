@@ -54,15 +54,21 @@ std::filesystem::path Resolved(const std::filesystem::path& path) {
   return std::filesystem::weakly_canonical(std::filesystem::weakly_canonical(path, ignored), ignored);
 }
 
-// Whether deleting `backup` would delete the report directory: the backup is it, or holds it or a link on the way to
-// it. Directories are compared by what they are, not by name: links and other mounts of one directory count.
-bool HoldsReportDirectory(const std::string& backup, const std::string& report_directory) {
+// Of a stat of the backup: whether the deletion would not get at it either.
+bool IsOutOfReach(int error) {
+  return error == ENOENT || error == ENOTDIR || error == EACCES || error == ELOOP || error == ENAMETOOLONG;
+}
+
+// Why `backup` may not be restored and deleted, or 0. EINVAL: deleting it would delete the report directory, because
+// the backup is it, or holds it or a link on the way to it. Directories are compared by what they are, not by name:
+// links and other mounts of one directory count. Any other error: that could not be found out.
+int RefusalOf(const std::string& backup, const std::string& report_directory) {
   struct stat status;
-  if (stat(backup.c_str(), &status) != 0) return false;
+  if (stat(backup.c_str(), &status) != 0) return IsOutOfReach(errno) ? 0 : errno;
   const FileId id = qx::report::IdOf(status);
   std::error_code ignored;
   const std::filesystem::path path = std::filesystem::absolute(report_directory, ignored);
-  return LeadsThrough(path, id) || LeadsThrough(Resolved(path), id);
+  return LeadsThrough(path, id) || LeadsThrough(Resolved(path), id) ? EINVAL : 0;
 }
 
 void TraceCopied(const std::string& backup, const std::string& report_directory) {
@@ -104,8 +110,8 @@ void DeleteBackup(const std::string& backup, const std::string& report_directory
 bool Restore(const std::string& backup) {
   std::string report_directory;
   if (!FindReportDirectory(report_directory)) return false;
-  if (HoldsReportDirectory(backup, report_directory)) {
-    TraceNotCopied(EINVAL, backup, report_directory);
+  if (const int error = RefusalOf(backup, report_directory); error != 0) {
+    TraceNotCopied(error, backup, report_directory);
     return false;
   }
   const bool is_copied = CopyBack(backup, report_directory);

@@ -64,11 +64,11 @@ class [[gnu::visibility("default")]] CReportFileBase {
   // that cannot be read prints the previous one's text. [owning thread]
   void printAllRecords();
 
-  // Copies everything in the directory `backupPath` back into the report directory that the registry names, over what is
-  // there, and then deletes `backupPath` with everything in it but its hidden entries, even if the copy failed: a
-  // restore is attempted once. True: the copy succeeded, also when there was no backup. False: the copy failed, or no
-  // report directory is known (nothing happens), or deleting the backup would delete the report directory (nothing
-  // happens). docs/directories.md holds the rules of both steps. Static; needs no store. [any thread]
+  // Copies everything in the directory `backupPath` back into the report directory that the registry names, over what
+  // is there, and then deletes `backupPath` with everything in it but its hidden entries, even if the copy failed: a
+  // restore is attempted once. docs/directories.md holds the rules of both steps. Static; needs no store.
+  // True: the copy succeeded, also when there was no backup. False: the copy failed; or no report directory is known,
+  // or deleting the backup would delete the report directory, and nothing happened. [any thread]
   static bool RestoreReportDataFiles(const std::string& backupPath);
 
   // Backs nothing up: always false. Only the trace says why. [any thread]

@@ -31,7 +31,7 @@ int MakeDirectory(const std::string& path) {
 // Creates the directory and every missing one above it. 0 or the error number.
 int MakeDirectories(const std::string& path) {
   if (path.size() > kPathCharsMax) return ENAMETOOLONG;  // a path that is cut would lead elsewhere
-  if (MakeDirectory(path) == 0) return 0;
+  if (const int error = MakeDirectory(path); error != ENOENT) return error;
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
     if (const int error = MakeDirectory(path.substr(0, slash)); error != 0) return error;
   }
@@ -45,6 +45,13 @@ FileId IdAt(const std::string& path) {
 
 //   /a/b  => b
 std::string LastComponent(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+// What is gone, and a link that leads nowhere, is left out without a word.
+void TraceSkipped(const std::string& match, int error) {
+  if (error == ENOENT || error == ELOOP) return;
+  QX_TRACE(1, "\nCDirectory::CopyDir() - ## ERROR: Status of %s could not be read, it is left out. %s", match.c_str(),
+           ErrorText(error));
+}
 
 void TraceFailedFile(int error) {
   QX_TRACE(1, "\nCDirectory::CopyDir() - ## ERROR: Could not copy file. %s", ErrorText(error));
@@ -101,7 +108,10 @@ int TreeCopy::Enter(const std::string& known, const std::string& expression, Lev
 
 int TreeCopy::CopyMatch(const std::string& match, const std::string& target) {
   struct stat status;
-  if (stat(match.c_str(), &status) != 0) return 0;  // gone, or a link that leads nowhere
+  if (stat(match.c_str(), &status) != 0) {
+    TraceSkipped(match, errno);
+    return 0;
+  }
   if (S_ISDIR(status.st_mode)) return CopySubdirectory(match, status, target);
 
   QX_TRACE(4, "\nCDirectory::CopyDir() - Copy file %s --> %s", match.c_str(), target.c_str());

@@ -1,6 +1,7 @@
 #include "tests/reportfile/Trees.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -92,6 +93,22 @@ bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& q
   if (child < 0 || waitpid(child, &status, 0) != child) throw std::runtime_error("no child process");
   if (!WIFEXITED(status) || WEXITSTATUS(status) > 1) throw std::runtime_error("the child process failed");
   return WEXITSTATUS(status) == 0;
+}
+
+void RunOnSmallStack(const std::function<void()>& work) {
+  pthread_attr_t attributes;
+  pthread_t thread;
+  const auto run = [](void* argument) -> void* {
+    (*static_cast<const std::function<void()>*>(argument))();
+    return nullptr;
+  };
+  void* const argument = const_cast<std::function<void()>*>(&work);
+  if (pthread_attr_init(&attributes) != 0 || pthread_attr_setstacksize(&attributes, 192U << 10) != 0 ||
+      pthread_create(&thread, &attributes, run, argument) != 0) {
+    throw std::runtime_error("no thread");
+  }
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
 }
 
 ScopedUmask::ScopedUmask(mode_t mask) : old_(umask(mask)) {}

@@ -34,6 +34,9 @@ std::vector<std::string> Shortened(std::vector<std::string> lines, const std::st
 // everything is allowed. Root's own `directory` and what is in it are handed to that user.
 bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& question);
 
+// Runs `work` to its end in a thread with a stack of 192 KiB.
+void RunOnSmallStack(const std::function<void()>& work);
+
 class ScopedUmask {
  public:
   explicit ScopedUmask(mode_t mask);

@@ -1,0 +1,33 @@
+// One copy, removal or restore in a process of its own, so that its system calls can be made to fail from outside.
+//
+//   directory_faults_program copy|remove|restore DIRECTORY
+//
+// works on "from" and "to" in DIRECTORY; restore looks into the registry there, too. Exits with 0 for true, 1 for
+// false.
+#include <cstring>
+#include <string>
+
+#include "debug/Debug.h"
+#include "registry/RegistryPaths.h"
+#include "reportfile/Directory.h"
+#include "reportfile/ReportFileBase.h"
+
+__attribute__((init_priority(101))) CDebug Debug;
+
+namespace {
+
+bool Run(const char* scenario, const std::string& directory) {
+  const std::string from = directory + "/from";
+  const std::string to = directory + "/to";
+  if (std::strcmp(scenario, "copy") == 0) return CDirectory::CopyDir(from.c_str(), to.c_str(), "*.*", true);
+  if (std::strcmp(scenario, "remove") == 0) return CDirectory::RemoveDir(from.c_str(), true);
+  qx::registry::StartAfresh(directory.c_str());
+  return CReportFileBase::RestoreReportDataFiles(from);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3 || !Debug.Init("Faults")) return 2;
+  return Run(argv[1], argv[2]) ? 0 : 1;
+}
