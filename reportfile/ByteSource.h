@@ -1,0 +1,90 @@
+// Bytes that are read by offset: a file of a store, or a piece of memory in its place.
+//
+// The tools look at stores through this, so that the same checks run on files that another process writes to and, in
+// tests and fuzz programs, on bytes that never were a file.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+namespace qx::report {
+
+// Threads: one source belongs to one thread.
+class ByteSource {
+ public:
+  virtual ~ByteSource() = default;
+
+  // How many bytes there are at this moment. [owning thread]
+  [[nodiscard]] virtual std::int64_t Size() = 0;
+
+  // Reads up to `size` bytes at `offset`; returns how many came before the end or an error. [owning thread]
+  [[nodiscard]] virtual std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) = 0;
+
+ protected:
+  ByteSource() = default;
+  ByteSource(const ByteSource&) = default;
+  ByteSource& operator=(const ByteSource&) = default;
+};
+
+// Borrows the bytes.
+class MemoryBytes final : public ByteSource {
+ public:
+  explicit MemoryBytes(std::string_view bytes) : bytes_(bytes) {}
+
+  std::int64_t Size() override { return static_cast<std::int64_t>(bytes_.size()); }
+  std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) override {
+    if (offset < 0 || offset >= Size()) return 0;
+    const std::size_t held = std::min(size, bytes_.size() - static_cast<std::size_t>(offset));
+    std::memcpy(to, bytes_.data() + offset, held);
+    return held;
+  }
+
+ private:
+  std::string_view bytes_;
+};
+
+// Owns the open file.
+class FileBytes final : public ByteSource {
+ public:
+  // Takes a file from OpenRegularFile, or null, which reads as empty.
+  explicit FileBytes(std::FILE* file) : file_(file) {}
+
+  std::int64_t Size() override;
+  std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) override;
+
+  [[nodiscard]] std::FILE* File() const { return file_.get(); }
+  // The error number of the first read that failed, 0 if none has.
+  [[nodiscard]] int Error() const { return error_; }
+
+ private:
+  struct Closer {
+    void operator()(std::FILE* file) const { (void)std::fclose(file); }  // only ever read: nothing could be lost
+  };
+  std::unique_ptr<std::FILE, Closer> file_;
+  int error_ = 0;
+};
+
+// Reads a source through one window, for readers whose offsets mostly rise.
+class WindowedBytes {
+ public:
+  static constexpr std::size_t kWindowBytes = std::size_t{64} << 10;
+
+  explicit WindowedBytes(ByteSource& source) : source_(source) {}
+
+  // What stands at `offset`: at least `wanted` bytes (at most kWindowBytes) unless the source ends before that, often
+  // more. Empty at the end. Valid until the next call. [owning thread]
+  [[nodiscard]] std::string_view At(std::int64_t offset, std::size_t wanted = 1);
+
+ private:
+  ByteSource& source_;
+  std::unique_ptr<char[]> bytes_;
+  std::int64_t begin_ = 0;
+  std::size_t size_ = 0;
+};
+
+}  // namespace qx::report

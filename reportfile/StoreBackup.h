@@ -1,0 +1,69 @@
+// Copies a report directory while its writers go on: every store consistent by itself, every other file as it is.
+//
+// The backup is built in a directory beside the target under a name that ends in six random characters, synced, and
+// renamed at the end. A crash or a full disk therefore leaves no target at all, never half of one. A store that could
+// not be copied consistently is left out, and the result says so.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qx::report {
+
+enum class BackupItemKind {
+  kStore,      // both files of a report
+  kFile,       // any other regular file
+  kHalfStore,  // an index or data file without the other one; copied as it is
+  kSkipped,    // neither a regular file nor a directory, or a link to a directory; not copied
+};
+
+enum class BackupItemState {
+  kCopied,
+  kDamaged,     // copied, and the copy has findings
+  kNeverStill,  // not copied: its writer overwrote it faster than it could be read, or a file kept changing
+  kGone,        // not copied: removed meanwhile
+  kUnreadable,  // not copied: its bytes cannot be read
+};
+
+struct BackupItem {
+  std::string name;  // below the report directory; of a store without the endings
+  BackupItemKind kind = BackupItemKind::kFile;
+  BackupItemState state = BackupItemState::kCopied;
+  bool was_written = false;  // records were appended during the copy, which does not have them
+  int error = 0;             // kUnreadable
+  std::uint64_t records = 0;
+};
+
+enum class BackupState {
+  kDone,      // the target holds every item whose state says so
+  kNotFound,  // no report directory
+  kRefused,   // the target exists and is not an empty directory, or lies in the report directory
+  kFailed,    // the report directory cannot be listed, or the target not written; there is no target
+};
+
+struct BackupResult {
+  BackupState state = BackupState::kDone;
+  std::vector<BackupItem> items;  // by name
+  int error = 0;                  // kFailed: the error number ...
+  std::string file;               // ... and the file
+};
+
+// [any thread]
+[[nodiscard]] BackupResult BackupReports(const std::string& report_directory, const std::string& target);
+
+// What a report directory, or a backup of one, holds: reports, other files, directories, each by name below it.
+struct ReportTree {
+  int error = 0;  // of listing it; what was listed before stands
+  std::vector<std::string> directories;
+  std::vector<BackupItem> items;
+};
+
+// Lists `directory` and everything below it, hidden names included, without following links to directories; each
+// directory before what it holds. [any thread]
+[[nodiscard]] ReportTree ListReports(const std::string& directory);
+
+// Is `path`, as far as it exists, `directory` itself or below it? Links are resolved. [any thread]
+[[nodiscard]] bool IsWithin(const std::string& path, const std::string& directory);
+
+}  // namespace qx::report

@@ -1,0 +1,33 @@
+// Copies one store, consistent by itself, while its writer goes on.
+//
+// A copy is the store as it stood at one moment: that of the header in the copy. The index is copied first and then
+// brought up to that header, slot by slot, until nothing moved meanwhile; the data file is copied next. The texts that
+// the header's slots lead to must not have been touched since, which the header at the end of the copying tells: a
+// writer only ever writes from its old position to its new one. If it touched one, the copy is made again. Nothing is
+// locked and the writer notices nothing.
+#pragma once
+
+#include <string>
+
+namespace qx::report {
+
+enum class StoreCopyState {
+  kCopied,
+  kNeverStill,  // in each of the tries the writer overwrote what was being copied; no copy is left
+  kGone,        // a file was removed; no copy is left
+  kFailed,      // a file cannot be read or written; no copy is left
+};
+
+struct StoreCopy {
+  StoreCopyState state = StoreCopyState::kCopied;
+  bool was_written = false;  // records were appended meanwhile; the copy does not have them
+  int error = 0;             // kFailed: the error number ...
+  bool is_source_error = false;
+  std::string file;  // ... and the file
+};
+
+// Copies the files of the store at base path `from` to base path `to`, whose files must not exist; their directory
+// must. The copies are synced. A store that is at rest is copied byte for byte, damaged or not. [any thread]
+[[nodiscard]] StoreCopy CopyStore(const std::string& from, const std::string& to);
+
+}  // namespace qx::report

@@ -1,0 +1,322 @@
+#include "reportfile/StoreVerify.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <random>
+
+#include "tests/reportfile/StoreLife.h"
+
+namespace qx::test {
+namespace {
+
+using report::IndexHeader;
+using report::StoreFile;
+using report::StoreLook;
+using report::StoreState;
+
+constexpr std::size_t kHeaderBytes = sizeof(IndexHeader);
+
+void SetField(StoreBytes& store, std::size_t offset, std::uint32_t value) {
+  std::memcpy(store.index.data() + offset, &value, sizeof value);
+}
+
+void SetSlot(StoreBytes& store, std::uint32_t slot, std::uint32_t offset) {
+  SetField(store, static_cast<std::size_t>(report::SlotOffset(slot)), offset);
+}
+
+// The second round of a ring of three slots: rec7 and rec8 behind a restart, rec6 from the round before.
+StoreBytes SecondRound() { return StoreOf(3, Numbered(8)); }
+
+}  // namespace
+
+// --- no false alarm
+
+class StoreVerifyLives : public testing::Test {
+ protected:
+  std::uint32_t Below(std::size_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
+
+  // Any text that a C string can hold, line ends, markers and 0xFF included.
+  std::string Text(std::size_t size) {
+    static const char kBytes[] = "abc =>\r\n\xFF";
+    std::string text(size, ' ');
+    for (char& byte : text) byte = kBytes[Below(Below(4) == 0 ? sizeof kBytes - 1 : 6)];
+    return text;
+  }
+
+  std::uint32_t RingSize() {
+    static const std::uint32_t kLarge[] = {0, 0x7FFFFFFF, 0x80000000, 0x80000001, 0x80000003, 0xFFFFFFFF};
+    return Below(8) == 0 ? kLarge[Below(std::size(kLarge))] : 1 + Below(12);
+  }
+
+  std::mt19937_64 random_{Seed("StoreVerifyLives")};
+};
+
+TEST_F(StoreVerifyLives, WhateverTheWriterLeavesIsSound) {
+  for (int life = 0; life < 150; ++life) {
+    const std::uint32_t slots = RingSize();
+    StoreLife store(slots);
+    EXPECT_EQ(Rules(store.Bytes().Look()), "") << "created and never written";
+    const std::uint32_t longest = 1 + (1U << Below(11));
+    for (std::uint32_t step = 1 + Below(60); step > 0; --step) {
+      store.Append(Text(Below(longest)));
+      if (Below(8) == 0) store.Reopen();
+      ASSERT_EQ(Rules(store.Bytes().Look()), "") << slots << " slots, life " << life;
+    }
+  }
+}
+
+// What stands in the files while a record is written, or after a writer died there: the record without its slot, and
+// both without the header.
+TEST_F(StoreVerifyLives, ARecordInFlightIsNoDamage) {
+  for (int life = 0; life < 100; ++life) {
+    StoreLife store(1 + Below(6));
+    const std::uint32_t longest = 1 + (1U << Below(9));
+    StoreBytes before = store.Bytes();
+    for (int step = 0; step < 25; ++step) {
+      store.Append(step == 0 ? "the first record, of one line" : "record" + Text(Below(longest)));
+      const StoreBytes after = store.Bytes();
+      EXPECT_EQ(Rules(StoreBytes{before.index, after.data}.Look()), "") << "life " << life << ", step " << step;
+      std::string slot_written = after.index;
+      slot_written.replace(
+          0, kHeaderBytes,
+          before.index.empty() ? std::string(kHeaderBytes, '\0') : before.index.substr(0, kHeaderBytes));
+      const StoreLook look = StoreBytes{slot_written, after.data}.Look();
+      EXPECT_EQ(Rules(look), "") << "life " << life << ", step " << step;
+      EXPECT_TRUE(look.record_in_flight);
+      before = after;
+    }
+  }
+}
+
+// A full disk cuts the record or its marker short, at the end of the data file.
+TEST(StoreVerify, ARecordThatTheDiskHadNoRoomForIsNoDamage) {
+  StoreLife store(4);
+  for (const std::string& text : Numbered(6)) store.Append(text);
+  const StoreBytes before = store.Bytes();
+  store.Append("text that was not written whole");
+  const StoreBytes after = store.Bytes();
+  for (std::size_t size = before.data.size(); size < after.data.size(); ++size) {
+    EXPECT_EQ(Rules(StoreBytes{before.index, after.data.substr(0, size)}.Look()), "") << size;
+  }
+  const std::size_t marker = after.data.size() - report::kEndMarker.size();
+  for (std::size_t size = marker; size < after.data.size(); ++size) {
+    const StoreLook look = StoreBytes{after.index, after.data.substr(0, size)}.Look();
+    EXPECT_EQ(Rules(look), "") << size;
+    EXPECT_TRUE(look.marker_cut_short);
+  }
+}
+
+TEST(StoreVerify, ARingThatIsCreatedWithAHeaderAndNeverWrittenIsSound) {
+  const StoreFiles files;
+  files.Make({.maxRecord = 3}, {}, "");
+  EXPECT_EQ(report::VerifyStore(files.Base()).state, StoreState::kSound);
+}
+
+TEST(StoreVerify, RecordsThatLongerOnesHaveOverwrittenAreARemark) {
+  const StoreLook look = StoreOf(3, {"a", "b", "c", "d", "e", "f", std::string(12, 'x')}).Look();
+  EXPECT_EQ(Rules(look), "");
+  EXPECT_EQ(look.overwritten_records, 2U);
+}
+
+TEST(StoreVerify, RecordsThatReadersCutAreARemark) {
+  const StoreLook look = StoreOf(9, {"whole", "with\nline feed", "with \xFF", "whole"}).Look();
+  EXPECT_EQ(Rules(look), "");
+  EXPECT_EQ(look.cut_records, 2U);
+}
+
+// After 2^32 records the count starts over, and no longer tells the oldest slot alone.
+TEST(StoreVerify, ACountThatHasWrappedIsARemark) {
+  StoreBytes store = StoreOf(10, Numbered(12));
+  SetField(store, offsetof(IndexHeader, elementCount), 6);  // 2^32 + 6 is 2 modulo 10 as well
+  const StoreLook look = store.Look();
+  EXPECT_TRUE(look.count_wrapped);
+  EXPECT_EQ(look.findings.empty() || look.findings[0].rule != "header.count", true);
+}
+
+TEST(StoreVerify, ADataFileThatHasOutgrownItsOffsetsIsARemark) {
+  const StoreFiles files;
+  constexpr std::uint32_t kHigh = 0xFFFFFFF0;
+  files.Make({.writePosition = kHigh, .fileEnd = kHigh, .elementCount = 1, .maxRecord = 9, .highestIndex = 1}, {0}, "");
+  ASSERT_EQ(truncate(files.DataPath().c_str(), kHigh), 0);
+  CReportFileBase store;
+  ASSERT_TRUE(store.Open(files.Path(), 9));
+  ASSERT_TRUE(store.writeLine("long enough to pass four GiB"));
+  ASSERT_TRUE(store.writeLine("at the beginning again"));
+  const report::StoreVerdict verdict = report::VerifyStore(files.Base());
+  EXPECT_EQ(Rules(verdict.look), "");
+  EXPECT_TRUE(verdict.look.beyond_offsets);
+}
+
+// --- each rule
+
+TEST(StoreVerify, EachRuleNamesFileOffsetAndValue) {
+  struct Case {
+    const char* what;
+    void (*damage)(StoreBytes&);
+    const char* rules;
+  };
+  const Case cases[] = {
+      {"no slots", [](StoreBytes& s) { SetField(s, 12, 0); }, "header.ring-size@12=0 index; "},
+      {"more in use", [](StoreBytes& s) { SetField(s, 16, 4); }, "header.slots-in-use@16=4 index; "},
+      {"oldest outside", [](StoreBytes& s) { SetField(s, 20, 3); }, "header.oldest@20=3 index; "},
+      {"oldest elsewhere",
+       [](StoreBytes& s) {
+         s = StoreOf(100, Numbered(104));
+         SetField(s, 20, 9);
+       },
+       "header.count@8=104 index; "},
+      {"oldest while filling",
+       [](StoreBytes& s) {
+         s = StoreOf(9, Numbered(2));
+         SetField(s, 20, 1);
+       },
+       "header.oldest@20=1 index; "},
+      {"count while filling",
+       [](StoreBytes& s) {
+         s = StoreOf(9, Numbered(2));
+         SetField(s, 8, 3);
+       },
+       "header.count@8=3 index; "},
+      {"too low a position", [](StoreBytes& s) { SetField(s, 0, 3); }, "header.write-position@0=3 index; "},
+      {"a position just behind a restart",
+       [](StoreBytes& s) {
+         s = StoreOf(3, Numbered(6));
+         SetField(s, 0, 6);
+       },
+       "header.write-position@0=6 index; "},
+      {"file end before position", [](StoreBytes& s) { SetField(s, 4, 11); }, "header.file-end@4=11 index; "},
+      {"file end while filling",
+       [](StoreBytes& s) {
+         s = StoreOf(9, Numbered(2));
+         SetField(s, 4, 13);
+       },
+       "header.file-end@4=13 index; "},
+      {"index ends early", [](StoreBytes& s) { s.index.resize(33); }, "index.size@33=33 index; "},
+      {"index goes on", [](StoreBytes& s) { s.index += "1234"; }, "index.size@40=40 index; "},
+      {"index is empty", [](StoreBytes& s) { s.index.clear(); }, "index.size@0=0 index; "},
+      {"index is shorter than a header", [](StoreBytes& s) { s.index.resize(23); }, "index.size@23=23 index; "},
+      {"data ends early", [](StoreBytes& s) { s.data.resize(35); }, "data.size@35=35 data; "},
+      {"no marker", [](StoreBytes& s) { s.data[12] = '#'; }, "data.marker@12=35 data; "},
+      {"no marker at the very end",
+       [](StoreBytes& s) {
+         s = StoreOf(9, Numbered(2));
+         s.data[13] = '\0';
+       },
+       "data.marker@12=61 data; "},
+      {"a slot too many",
+       [](StoreBytes& s) {
+         s = StoreOf(9, Numbered(2));
+         s.index += std::string("\1\0\0\0", 4);
+       },
+       "slot.in-flight@32=1 index; "},
+      {"a restart elsewhere", [](StoreBytes& s) { SetSlot(s, 0, 2); }, "slot.round-start@24=2 index; "},
+      {"a slot backwards",
+       [](StoreBytes& s) {
+         s = StoreOf(9, Numbered(3));
+         SetSlot(s, 2, 6);
+       },
+       "slot.order@32=6 index; "},
+      {"a slot outside",
+       [](StoreBytes& s) {
+         s = StoreOf(9, Numbered(3));
+         SetSlot(s, 2, 99);
+       },
+       "slot.outside@32=99 index; "},
+      {"an old slot outside", [](StoreBytes& s) { SetSlot(s, 2, 0x24); }, "slot.outside@32=36 index; "},
+      {"a record without its end", [](StoreBytes& s) { s.data[5] = ' '; }, "record.end@4=13 data; "},
+      {"an old record without its end", [](StoreBytes& s) { s.data[0x22] = ' '; }, "record.end@34=32 data; "},
+      {"a NUL", [](StoreBytes& s) { s.data[1] = '\0'; }, "record.nul@1=0 data; "},
+  };
+  for (const Case& damaged : cases) {
+    StoreBytes store = SecondRound();
+    ASSERT_EQ(Rules(store.Look()), "");
+    damaged.damage(store);
+    EXPECT_EQ(Rules(store.Look()), damaged.rules) << damaged.what;
+  }
+}
+
+// Which bits of an index file cannot be told from another store's: none but those of fileEnd and, in small rings, of a
+// count that may have wrapped.
+TEST(StoreVerify, EveryFlippedBitOfTheIndexFileIsFound) {
+  const StoreBytes sound = StoreOf(50, Numbered(120));
+  std::string missed;
+  for (std::size_t bit = 0; bit < 8 * sound.index.size(); ++bit) {
+    StoreBytes store = sound;
+    store.index[bit / 8] = static_cast<char>(store.index[bit / 8] ^ (1 << bit % 8));
+    if (store.Look().findings.empty()) missed += std::to_string(bit) + " ";
+  }
+  EXPECT_EQ(missed, "");
+}
+
+// --- hostile files
+
+// Counts what a look costs.
+class CountingBytes final : public report::ByteSource {
+ public:
+  CountingBytes(std::int64_t size, std::string head) : size_(size), head_(std::move(head)) {}
+  std::int64_t Size() override { return size_; }
+  std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) override {
+    ++reads;
+    if (offset >= size_) return 0;
+    const auto held = static_cast<std::size_t>(std::min<std::int64_t>(static_cast<std::int64_t>(size), size_ - offset));
+    std::memset(to, 0, held);
+    if (offset < std::ssize(head_)) head_.copy(static_cast<char*>(to), held, static_cast<std::size_t>(offset));
+    return held;
+  }
+  int reads = 0;
+
+ private:
+  std::int64_t size_;
+  std::string head_;
+};
+
+TEST(StoreVerify, BillionsOfSlotsInAHoleCostNoMoreThanTheFindingsThatAreKept) {
+  const IndexHeader header = {.writePosition = 0xFFFFFFF0,
+                              .fileEnd = 0xFFFFFFF0,
+                              .elementCount = 0x7FFFFFF0,
+                              .maxRecord = 0x7FFFFFF0,
+                              .highestIndex = 0x7FFFFFF0,
+                              .oldestIndex = 0};
+  CountingBytes index(report::SlotOffset(0x7FFFFFF0),
+                      std::string(reinterpret_cast<const char*>(&header), sizeof header));
+  CountingBytes data(0xFFFFFFF6, "");
+  const StoreLook look = LookAtStore(index, data);
+  EXPECT_FALSE(look.findings.empty());
+  EXPECT_LE(look.findings.size(), report::kFindingsMax);
+  EXPECT_LT(index.reads + data.reads, 1000);
+}
+
+// --- the verdict on files
+
+TEST(StoreVerify, FindingsThatStayAreDamage) {
+  const StoreFiles files;
+  files.Make({.writePosition = 9, .fileEnd = 1, .elementCount = 3, .maxRecord = 3, .highestIndex = 3}, {0, 1, 2}, "x");
+  const report::StoreVerdict verdict = report::VerifyStore(files.Base());
+  EXPECT_EQ(verdict.state, StoreState::kDamaged);
+  EXPECT_EQ(verdict.look.findings[0].rule, "header.file-end");
+}
+
+TEST(StoreVerify, AStoreWithOneFileIsDamagedAndOneWithNoneIsNotFound) {
+  const StoreFiles files;
+  EXPECT_EQ(report::VerifyStore(files.Base()).state, StoreState::kNotFound);
+  WriteFile(files.DataPath(), "");
+  const report::StoreVerdict verdict = report::VerifyStore(files.Base());
+  EXPECT_EQ(verdict.state, StoreState::kDamaged);
+  EXPECT_EQ(Rules(verdict.look), "file.missing@0=0 index; ");
+}
+
+TEST(StoreVerify, WhatIsNoRegularFileIsUnreadable) {
+  const StoreFiles files;
+  ASSERT_EQ(mkfifo(files.IndexPath().c_str(), 0600), 0);
+  WriteFile(files.DataPath(), "");
+  const report::StoreVerdict verdict = report::VerifyStore(files.Base());
+  EXPECT_EQ(verdict.state, StoreState::kUnreadable);
+  EXPECT_EQ(verdict.error, EINVAL);
+  EXPECT_EQ(verdict.file, files.IndexPath());
+}
+
+}  // namespace qx::test
