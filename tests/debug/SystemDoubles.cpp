@@ -1,9 +1,10 @@
-// Stands before the C library's syslog and write in this test program: the system log is a list that tests read, and
-// writes on one chosen descriptor are counted and may be made short.
+// Stands before the C library's syslog and write in this test program: the system log is a list that tests read, writes
+// on one chosen descriptor are counted and may be made short, and one write may be made to fail.
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -20,6 +21,9 @@ std::vector<std::string>* messages = nullptr;  // null: nobody listens
 std::atomic<int> watched_descriptor{-1};
 std::atomic<std::size_t> write_bytes_max{0};
 std::atomic<int> write_count{0};
+
+std::atomic<int> writes_until_failure{0};  // 0: none fails
+std::atomic<int> failure_error{0};
 
 void Collect(int priority, const char* format, std::va_list args) {
   char text[2048];
@@ -48,6 +52,10 @@ void __syslog_chk(int priority, int, const char* format, ...) {
 }
 
 ssize_t write(int descriptor, const void* bytes, size_t size) {
+  if (writes_until_failure > 0 && --writes_until_failure == 0) {
+    errno = failure_error;
+    return -1;
+  }
   if (descriptor >= 0 && descriptor == watched_descriptor) {
     ++write_count;
     if (size > write_bytes_max) size = write_bytes_max;
@@ -84,5 +92,12 @@ WriteCalls::WriteCalls(int descriptor, std::size_t bytes_max) {
 WriteCalls::~WriteCalls() { watched_descriptor = -1; }
 
 int WriteCalls::Count() const { return write_count; }
+
+FailedWrite::FailedWrite(int nth, int error) {
+  failure_error = error;
+  writes_until_failure = nth;
+}
+
+FailedWrite::~FailedWrite() { writes_until_failure = 0; }
 
 }  // namespace qx::test

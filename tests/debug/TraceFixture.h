@@ -92,4 +92,13 @@ class WriteCalls {
   int Count() const;
 };
 
+// Lets the nth write call of the process from now on fail, while it lives; those that follow succeed.
+class FailedWrite {
+ public:
+  FailedWrite(int nth, int error);
+  ~FailedWrite();
+  FailedWrite(const FailedWrite&) = delete;
+  FailedWrite& operator=(const FailedWrite&) = delete;
+};
+
 }  // namespace qx::test

@@ -1,0 +1,120 @@
+// Many threads trace into the ring while the settings files change under them: no entry is lost or torn.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "tests/debug/RingFixture.h"
+
+namespace {
+
+using qx::test::kTerminator;
+using qx::test::RingSetup;
+using qx::test::StartsWithShape;
+using qx::test::WriteFile;
+
+constexpr int kThreads = 8;
+constexpr int kEntriesEach = 400;
+
+void RunThreads(const std::function<void(int)>& body) {
+  std::vector<std::thread> threads;
+  threads.reserve(kThreads);
+  for (int t = 0; t < kThreads; ++t) threads.emplace_back(body, t);
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST(DebugRingThreads, EightThreadsLoseAndTearNoEntryWhileTheSettingsFilesChange) {
+  RingSetup setup;
+  setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "1");
+  setup.SetEnv("QX_LOG_DEBUG_LEVEL", nullptr);
+  setup.SetEnv("TraceFileLimit", "1");
+  const std::string ring = "RingBufferSizeWeight=";
+  const std::string levels[] = {"[QxTrace]\nFileDebugLevel=1\nRingBufferSizeWeight=1\n[EndOfFile]",
+                                "[QxTrace]\nFileDebugLevel=4\nRingBufferSizeWeight=0\n[EndOfFile]",
+                                "[QxTrace]\nFileDebugLevel=9\n",
+                                "[QxTrace]\nFileDebugLevel=2\nTraceFlags=7\n[EndOfFile]"};
+  setup.WriteIni("app.ini", levels[0]);
+  ASSERT_TRUE(setup.Init());
+  setup.Trace().SetApplInitDone();
+  const std::size_t from = setup.Position();
+
+  std::atomic<bool> is_over{false};
+  std::thread editor([&] {
+    for (std::time_t now = std::time(nullptr); !is_over;) {
+      for (const std::string& text : levels) {
+        WriteFile(setup.IniPath("app.ini"), text);
+        setup.Trace().CheckDynamicUpdate(now += 10);
+      }
+    }
+  });
+  RunThreads([&](int thread) {
+    for (int entry = 0; entry < kEntriesEach; ++entry) {
+      const std::string text(static_cast<std::size_t>(entry % 97), 'x');
+      setup.Trace().Print(1, "\nt%d e%d %s", thread, entry, text.c_str());
+    }
+  });
+  is_over = true;
+  editor.join();
+
+  ASSERT_EQ(setup.Wraps(), 0U);
+  std::istringstream lines(qx::test::WithoutStamps(setup.Ring().substr(from, setup.Position() - from)));
+  std::map<int, int> next_of_thread;
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count) {
+    int thread = -1;
+    int entry = -1;
+    int end = 0;
+    ASSERT_EQ(std::sscanf(line.c_str(), "S [T] QxTrace       t%d e%d %n", &thread, &entry, &end), 2) << line;
+    ASSERT_EQ(line.substr(static_cast<std::size_t>(end)), std::string(static_cast<std::size_t>(entry % 97), 'x'));
+    ASSERT_EQ(entry, next_of_thread[thread]++) << line;
+  }
+  EXPECT_EQ(count, kThreads * kEntriesEach);
+  EXPECT_EQ(setup.Log(), "");
+}
+
+TEST(DebugRingThreads, WrapsKeepEveryEntryWhole) {
+  RingSetup setup;
+  ASSERT_TRUE(setup.OpenRing(65536));
+  RunThreads([&](int thread) {
+    for (int entry = 0; entry < kEntriesEach; ++entry) setup.Trace().Print(1, "t%02d e%03d", thread, entry);
+  });
+  EXPECT_GE(setup.Wraps(), 2U);
+  const std::string ring = setup.Ring();
+  const std::size_t position = setup.Position();
+  EXPECT_EQ(ring.substr(position, 16), kTerminator);
+  // Every entry here has 58 bytes: from the newest one back they stand without a gap to where the cycle begins.
+  constexpr std::size_t kEntryBytes = RingSetup::kHeaderBytes + 9;
+  std::size_t begin = position;
+  while (StartsWithShape(ring.substr(begin - kEntryBytes, kEntryBytes),
+                         "9999-99-99 99:99:99.999 [FFFFFFFF] QxTrace       t99 e999")) {
+    begin -= kEntryBytes;
+  }
+  EXPECT_EQ(begin % 1024, 0U);
+}
+
+TEST(DebugRingThreads, OpeningClosingAndMarkingWhileOthersTraceIsClean) {
+  RingSetup setup;
+  std::atomic<bool> is_over{false};
+  std::thread controller([&] {
+    while (!is_over) {
+      EXPECT_TRUE(setup.OpenRing(65536));
+      setup.Trace().SetApplInitDone();
+      setup.Trace().SetTarget(CDebug::kTargetLogFile);
+      EXPECT_TRUE(setup.Init());
+    }
+  });
+  RunThreads([&](int thread) {
+    for (int entry = 0; entry < kEntriesEach / 4; ++entry) {
+      setup.Trace().Print(1, "t%d e%d", thread, entry);
+      setup.Trace().PrintAlways("always");
+    }
+  });
+  is_over = true;
+  controller.join();
+}
+
+}  // namespace
