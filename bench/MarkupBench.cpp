@@ -1,6 +1,10 @@
-// Parsing and building documents, beside pugixml and tinyxml2 and beside the bare copies of the same bytes.
+// Parsing and building documents, beside pugixml, tinyxml2 and libxml2 and beside the bare copies of the same bytes;
+// and how the costs of odd documents grow with their size.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -11,6 +15,9 @@
 #endif
 #ifdef QX_HAVE_TINYXML2
 #include <tinyxml2.h>
+#endif
+#ifdef QX_HAVE_LIBXML2
+#include <libxml/parser.h>
 #endif
 
 namespace {
@@ -89,6 +96,25 @@ void ParseTinyxml2(benchmark::State& state, const std::string& task) {
       benchmark::DoNotOptimize(std::string(node->Attribute("StartIndex")));
       benchmark::DoNotOptimize(std::string(node->Attribute("NrRecords")));
     }
+  }
+}
+#endif
+
+#ifdef QX_HAVE_LIBXML2
+void ParseLibxml2(benchmark::State& state, const std::string& task) {
+  const std::string document = DocumentOf(task);
+  for (auto _ : state) {
+    xmlDocPtr parsed =
+        xmlReadMemory(document.data(), static_cast<int>(document.size()), nullptr, nullptr, XML_PARSE_HUGE);
+    if (parsed == nullptr) state.SkipWithError("not well formed");
+    if (task == "request") {
+      for (const char* attribute : {"Name", "StartIndex", "NrRecords"}) {
+        xmlChar* value = xmlGetProp(xmlDocGetRootElement(parsed), reinterpret_cast<const xmlChar*>(attribute));
+        benchmark::DoNotOptimize(value);
+        xmlFree(value);
+      }
+    }
+    xmlFreeDoc(parsed);
   }
 }
 #endif
@@ -201,7 +227,157 @@ void BuildCDataLimit(benchmark::State& state) {
   }
 }
 
+// Much text with something to escape every 30 bytes or so.
+std::string SpecialText() {
+  std::string text;
+  while (text.size() < kMiB) text += "a plain stretch of text, then <tag> & \"more\" of it; ";
+  return text;
+}
+
+void EscapeQx(benchmark::State& state) {
+  const std::string text = SpecialText();
+  for (auto _ : state) benchmark::DoNotOptimize(CMarkup::EscapeText(std::string_view(text)));
+}
+
+void UnescapeQx(benchmark::State& state) {
+  const std::string text = CMarkup::EscapeText(std::string_view(SpecialText()));
+  for (auto _ : state) benchmark::DoNotOptimize(CMarkup::UnescapeText(std::string_view(text)));
+}
+
+// An escape into a buffer that is there already and a search for what there is to escape.
+void EscapeLimit(benchmark::State& state) {
+  const std::string text = SpecialText();
+  for (auto _ : state) {
+    std::string copy(text);
+    benchmark::DoNotOptimize(std::memchr(copy.data(), 0x01, copy.size()));
+  }
+}
+
+#ifdef QX_HAVE_PUGIXML
+void EscapePugixml(benchmark::State& state) {
+  pugi::xml_document document;
+  document.append_child(pugi::node_element).append_child(pugi::node_pcdata).set_value(SpecialText().c_str());
+  const pugi::xml_node text = document.first_child().first_child();
+  for (auto _ : state) {
+    StringWriter writer;
+    writer.text.reserve(kMiB);
+    text.print(writer, "", pugi::format_raw);
+    benchmark::DoNotOptimize(writer.text);
+  }
+}
+
+void UnescapePugixml(benchmark::State& state) {
+  const std::string document = "<a>" + CMarkup::EscapeText(std::string_view(SpecialText())) + "</a>";
+  for (auto _ : state) {
+    pugi::xml_document parsed;
+    if (!parsed.load_buffer(document.data(), document.size(), pugi::parse_escapes)) state.SkipWithError("parse");
+    benchmark::DoNotOptimize(std::string(parsed.child("a").child_value()));
+  }
+}
+#endif
+
+// --- How costs grow: documents of `count` pieces, well formed or not ---
+
+std::string Repeated(std::string_view piece, std::int64_t count) {
+  std::string text;
+  for (std::int64_t i = 0; i < count; ++i) text += piece;
+  return text;
+}
+
+std::string Numbered(std::string_view before, std::string_view behind, std::int64_t count) {
+  std::string text;
+  for (std::int64_t i = 0; i < count; ++i) text.append(before).append(std::to_string(i)).append(behind);
+  return text;
+}
+
+struct Shape {
+  const char* name;
+  std::string (*make)(std::int64_t count);
+};
+
+constexpr Shape kShapes[] = {
+    {"nesting", [](std::int64_t n) { return Repeated("<a>", n) + Repeated("</a>", n); }},
+    {"lone_end_tags", [](std::int64_t n) { return "<a>" + Repeated("</b>", n) + "</a>"; }},
+    {"lone_end_tags_within_many",
+     [](std::int64_t n) { return Repeated("<a>", n / 2) + Repeated("</b>", n / 2) + Repeated("</a>", n / 2); }},
+    {"unclosed_tags", [](std::int64_t n) { return "<r>" + Repeated("<a>", n) + "</r>"; }},
+    {"unclosed_tags_in_turn", [](std::int64_t n) { return "<r>" + Repeated("<a><b></a>", n / 2) + "</r>"; }},
+    {"attributes",
+     [](std::int64_t n) { return "<a" + Numbered(" x", "=\"1\"", std::min<std::int64_t>(n, 300000)) + "/>"; }},
+    {"entities", [](std::int64_t n) { return "<a>" + Repeated("&amp;", n) + "</a>"; }},
+    {"ampersands", [](std::int64_t n) { return "<a>" + Repeated("&", n) + "</a>"; }},
+    {"long_names",
+     [](std::int64_t n) { return "<r>" + Repeated("<" + std::string(1000, 'n') + "/>", n / 250) + "</r>"; }},
+    {"doctypes", [](std::int64_t n) { return Repeated("<!DOCTYPE a [", n) + "<r/>"; }},
+    {"comments", [](std::int64_t n) { return "<r>" + Repeated("<!-- c -->", n) + "</r>"; }},
+    {"open_comments", [](std::int64_t n) { return "<r>" + Repeated("<!-- ", n) + "</r>"; }},
+    {"open_quotes", [](std::int64_t n) { return "<r>" + Repeated("<a b='", n) + "</r>"; }},
+    {"open_sections", [](std::int64_t n) { return "<r>" + Repeated("<![CDATA[ ", n) + "</r>"; }},
+};
+
+void GrowParse(benchmark::State& state, const Shape& shape, std::int64_t count) {
+  const std::string document = shape.make(count);
+  CMarkup markup;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(markup.SetDoc(document));
+    if (markup.FindElem()) benchmark::DoNotOptimize(markup.GetData());
+  }
+}
+
+void GrowAppend(benchmark::State& state, std::int64_t count) {
+  for (auto _ : state) {
+    CMarkup markup;
+    (void)markup.AddElem("List");
+    for (std::int64_t i = 0; i < count; ++i) (void)markup.AddChildElem("Instance", "text");
+    benchmark::DoNotOptimize(markup);
+  }
+}
+
+// Different attributes on one element, as many as a start tag can hold.
+void GrowSetAttributes(benchmark::State& state, std::int64_t count) {
+  for (auto _ : state) {
+    CMarkup markup;
+    (void)markup.AddElem("a");
+    for (std::int64_t i = 0; i < count; ++i) (void)markup.SetAttrib(("x" + std::to_string(i)).c_str(), "1");
+    benchmark::DoNotOptimize(markup);
+  }
+}
+
+void RegisterGrowth() {
+  for (std::int64_t count = 1000; count <= 1000000; count *= 10) {
+    const std::string size = "/" + std::to_string(count);
+    for (const Shape& shape : kShapes) {
+      benchmark::RegisterBenchmark(("grow_" + std::string(shape.name) + size).c_str(),
+                                   [&shape, count](benchmark::State& state) { GrowParse(state, shape, count); });
+    }
+    benchmark::RegisterBenchmark(("grow_appended" + size).c_str(), GrowAppend, count);
+    if (count <= 10000) benchmark::RegisterBenchmark(("grow_set_attributes" + size).c_str(), GrowSetAttributes, count);
+  }
+}
+
+// The memory that a parsed element takes beside the text.
+void MemoryPerElement(benchmark::State& state) {
+  const std::string document = ChildrenDocument();
+  CMarkup markup;
+  for (auto _ : state) {
+    markup.SetDoc(nullptr);
+    const std::size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
+    if (!markup.SetDoc(document)) state.SkipWithError("not well formed");
+    const std::size_t used = mallinfo2().uordblks + mallinfo2().hblkhd - before;
+    state.counters["bytes_per_element"] = static_cast<double>(used) / kChildren;
+  }
+}
+
 const bool kRegistered = [] {
+  RegisterGrowth();
+  benchmark::RegisterBenchmark("memory_per_element/qx", MemoryPerElement);
+  benchmark::RegisterBenchmark("escape/qx", EscapeQx);
+  benchmark::RegisterBenchmark("escape/limit", EscapeLimit);
+  benchmark::RegisterBenchmark("unescape/qx", UnescapeQx);
+#ifdef QX_HAVE_PUGIXML
+  benchmark::RegisterBenchmark("escape/pugixml", EscapePugixml);
+  benchmark::RegisterBenchmark("unescape/pugixml", UnescapePugixml);
+#endif
   for (const std::string task : {"cdata", "children", "request"}) {
     benchmark::RegisterBenchmark(("parse_" + task + "/qx").c_str(), ParseQx, task);
 #ifdef QX_HAVE_PUGIXML
@@ -209,6 +385,9 @@ const bool kRegistered = [] {
 #endif
 #ifdef QX_HAVE_TINYXML2
     benchmark::RegisterBenchmark(("parse_" + task + "/tinyxml2").c_str(), ParseTinyxml2, task);
+#endif
+#ifdef QX_HAVE_LIBXML2
+    benchmark::RegisterBenchmark(("parse_" + task + "/libxml2").c_str(), ParseLibxml2, task);
 #endif
     benchmark::RegisterBenchmark(("parse_" + task + "/limit").c_str(), ParseLimit, task);
   }

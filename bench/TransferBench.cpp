@@ -1,16 +1,19 @@
 // A whole transfer of a full, wrapped ring through the exported function, beside a reader that fetches record by record
-// with stdio and makes the same replies, and beside the bare system calls and copies for the same bytes.
+// with stdio and one that walks an LMDB database, both of which make the same replies, and beside the bare system calls
+// and copies for the same bytes.
 //
-// The program lives in mount namespace of its own with a small registry at the fixed place, so that a request pays what
-// it pays on a machine that has one (an absent registry costs a dozen failed opens a request).
+// The program lives in a mount namespace of its own with a small registry at the fixed place, so that a request pays
+// what it pays on a machine that has one (an absent registry costs a dozen failed opens a request).
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +25,12 @@
 
 #include "provider/ModuleExports.h"
 #include "reportfile/ReportFileBase.h"
+#ifdef QX_HAVE_LMDB
+#include <lmdb.h>
+#endif
+#ifdef QX_HAVE_PUGIXML
+#include <pugixml.hpp>
+#endif
 
 namespace {
 
@@ -118,44 +127,68 @@ class Block {
   krx_gendata header_ = {30400, sizeof(krx_gendata), {'K', 'R', 'X', 0}, 2, pointers_};
 };
 
-// One whole transfer, chunk by chunk as a client asks for it; returns the reply bytes received.
-std::size_t TransferOnce(Block& block, const std::string& name) {
+// One whole transfer, chunk by chunk as a client asks for it; returns the number of records received.
+long TransferOnce(Block& block, const std::string& name) {
   Module& module = TheModule();
-  std::size_t received = 0;
   long next = 0;
   for (;;) {
     const std::string request = "<ReportData Name=\"" + name + "\" StartIndex=\"" + std::to_string(next) + "\"/>";
     char* reply = nullptr;
     const int result = module.get_reports(block.get(), request.c_str(), &reply);
     if (result == 0 && reply != nullptr) {
-      received += std::strlen(reply);
       next = std::strtol(std::strstr(reply, "NextIndex=\"") + 11, nullptr, 10);
     }
     module.free_reply(reply);
-    if (result != 0) return received;
+    if (result != 0) return next;
   }
 }
 
 void TransferQx(benchmark::State& state) {
   Block block;
   for (auto _ : state) {
-    if (TransferOnce(block, "bench") < kRingBytes) state.SkipWithError("records are missing");
+    if (TransferOnce(block, "bench") != kSlots) state.SkipWithError("records are missing");
   }
   TheModule().thread_end(block.thread_data());
 }
 
-// Two threads, each with a report of its own: the time of one transfer on each at once.
+// Counts the page faults of a transfer's chunks in the steady state.
+void TransferFaults(benchmark::State& state) {
+  Block block;
+  (void)TransferOnce(block, "bench");
+  const auto faults = [] {
+    struct rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_minflt + usage.ru_majflt);
+  };
+  const double before = faults();
+  for (auto _ : state) (void)TransferOnce(block, "bench");
+  constexpr double kChunks = static_cast<double>(kRingBytes) / kChunkBytes;
+  state.counters["faults_per_chunk"] = (faults() - before) / (static_cast<double>(state.iterations()) * kChunks);
+  TheModule().thread_end(block.thread_data());
+}
+
+constexpr int kTransfersPerThread = 10;
+
+void TransferMany(const std::string& name, int count) {
+  Block block;
+  for (int i = 0; i < count; ++i) benchmark::DoNotOptimize(TransferOnce(block, name));
+  TheModule().thread_end(block.thread_data());
+}
+
+// Two threads, each with a report of its own, and one thread that does the work of both. Threads that kept each other
+// busy would cost more than the one.
 void TransferTwoThreads(benchmark::State& state) {
   for (auto _ : state) {
-    std::vector<std::thread> threads;
-    for (const std::string name : {"bench", "bench2"}) {
-      threads.emplace_back([name] {
-        Block block;
-        for (int i = 0; i < 10; ++i) benchmark::DoNotOptimize(TransferOnce(block, name));
-        TheModule().thread_end(block.thread_data());
-      });
-    }
-    for (std::thread& thread : threads) thread.join();
+    std::thread other([] { TransferMany("bench2", kTransfersPerThread); });
+    TransferMany("bench", kTransfersPerThread);
+    other.join();
+  }
+}
+
+void TransferOneThread(benchmark::State& state) {
+  for (auto _ : state) {
+    TransferMany("bench2", kTransfersPerThread);
+    TransferMany("bench", kTransfersPerThread);
   }
 }
 
@@ -203,6 +236,80 @@ void TransferStdio(benchmark::State& state) {
   }
 }
 
+#ifdef QX_HAVE_PUGIXML
+struct StringWriter : pugi::xml_writer {
+  std::string text;
+  void write(const void* data, std::size_t size) override { text.append(static_cast<const char*>(data), size); }
+};
+#endif
+
+#if defined(QX_HAVE_LMDB) && defined(QX_HAVE_PUGIXML)
+// The ring's records in a database, by age.
+class Lmdb {
+ public:
+  Lmdb() {
+    const std::string path = ReportDirectory() + "/bench.mdb";
+    bool ok = mdb_env_create(&env_) == 0 && mdb_env_set_mapsize(env_, std::size_t{1} << 28) == 0;
+    ok = ok && mdb_env_open(env_, path.c_str(), MDB_NOSUBDIR | MDB_NOSYNC, 0600) == 0;
+    MDB_txn* txn = nullptr;
+    ok = ok && mdb_txn_begin(env_, nullptr, 0, &txn) == 0;
+    ok = ok && mdb_dbi_open(txn, nullptr, MDB_INTEGERKEY | MDB_CREATE, &records_) == 0;
+    for (std::uint32_t i = 0; ok && i < kSlots; ++i) {
+      std::string record = Record(i + kSlots / 2) + "\r\n";
+      MDB_val key{sizeof i, &i};
+      MDB_val value{record.size(), record.data()};
+      ok = mdb_put(txn, records_, &key, &value, MDB_APPEND) == 0;
+    }
+    Must(ok && mdb_txn_commit(txn) == 0, "fill the database");
+  }
+  ~Lmdb() { mdb_env_close(env_); }
+  Lmdb(const Lmdb&) = delete;
+  Lmdb& operator=(const Lmdb&) = delete;
+
+  MDB_env* env_ = nullptr;
+  MDB_dbi records_ = 0;
+};
+
+char* PugixmlReply(long start, long next, const std::string& records) {
+  pugi::xml_document document;
+  pugi::xml_node data = document.append_child("ReportData");
+  data.append_attribute("Name").set_value("bench");
+  data.append_attribute("StartIndex").set_value(start);
+  data.append_attribute("NextIndex").set_value(next);
+  data.append_child(pugi::node_cdata).set_value(records.c_str());
+  StringWriter writer;
+  document.save(writer, "", pugi::format_raw | pugi::format_no_declaration);
+  return strdup(writer.text.c_str());
+}
+
+void TransferLmdb(benchmark::State& state) {
+  static const Lmdb lmdb;  // filled once, however often the row is called
+  for (auto _ : state) {
+    std::uint32_t i = 0;
+    while (i < kSlots) {
+      const std::uint32_t first = i;
+      MDB_txn* txn = nullptr;
+      MDB_cursor* cursor = nullptr;
+      Must(mdb_txn_begin(lmdb.env_, nullptr, MDB_RDONLY, &txn) == 0, "begin");
+      Must(mdb_cursor_open(txn, lmdb.records_, &cursor) == 0, "cursor");
+      std::string records;
+      MDB_val key{sizeof i, &i};
+      MDB_val value;
+      for (int found = mdb_cursor_get(cursor, &key, &value, MDB_SET); found == 0;
+           found = mdb_cursor_get(cursor, &key, &value, MDB_NEXT), ++i) {
+        if (records.size() + value.mv_size >= kChunkBytes) break;
+        records.append(static_cast<const char*>(value.mv_data), value.mv_size);
+      }
+      mdb_cursor_close(cursor);
+      mdb_txn_abort(txn);
+      char* reply = PugixmlReply(first, i, records);
+      benchmark::DoNotOptimize(reply);
+      std::free(reply);
+    }
+  }
+}
+#endif
+
 // The same bytes with nothing but what has to happen to them: read, copied into a document, duplicated for the host.
 void TransferLimit(benchmark::State& state) {
   const std::string path = ReportDirectory() + "/bench.dat";
@@ -223,24 +330,58 @@ void TransferLimit(benchmark::State& state) {
   }
 }
 
+constexpr char kWhatRequest[] = "<What/>";
+
 void WhatQx(benchmark::State& state) {
   Block block;
   Module& module = TheModule();
   for (auto _ : state) {
     char* reply = nullptr;
-    benchmark::DoNotOptimize(module.what(block.get(), "<What/>", &reply));
+    benchmark::DoNotOptimize(module.what(block.get(), kWhatRequest, &reply));
     module.free_reply(reply);
   }
 }
 
+#ifdef QX_HAVE_PUGIXML
+// The request parsed and a reply of the same attributes built.
+void WhatPugixml(benchmark::State& state) {
+  for (auto _ : state) {
+    pugi::xml_document in;
+    benchmark::DoNotOptimize(in.load_buffer(kWhatRequest, sizeof kWhatRequest - 1));
+    pugi::xml_document out;
+    pugi::xml_node what = out.append_child("QXRemConXfer");
+    what.append_attribute("version").set_value("0.1.0");
+    what.append_attribute("date").set_value("2026/01/31-10:20");
+    what.append_attribute("company").set_value("Norrlek");
+    what.append_attribute("milestone").set_value("-");
+    StringWriter writer;
+    out.save(writer, "", pugi::format_raw | pugi::format_no_declaration);
+    char* reply = strdup(writer.text.c_str());
+    benchmark::DoNotOptimize(reply);
+    std::free(reply);
+  }
+}
+#endif
+
 BENCHMARK(TransferQx)->Name("transfer/qx")->Unit(benchmark::kMillisecond);
 BENCHMARK(TransferStdio)->Name("transfer/stdio_per_record")->Unit(benchmark::kMillisecond);
+#if defined(QX_HAVE_LMDB) && defined(QX_HAVE_PUGIXML)
+BENCHMARK(TransferLmdb)->Name("transfer/lmdb_pugixml")->Unit(benchmark::kMillisecond);
+#endif
 BENCHMARK(TransferLimit)->Name("transfer/limit")->Unit(benchmark::kMillisecond);
 BENCHMARK(TransferTwoThreads)
-    ->Name("transfer_20_on_two_threads/qx")
+    ->Name("transfer_on_two_threads/qx")
     ->Unit(benchmark::kMillisecond)
     ->MeasureProcessCPUTime();
+BENCHMARK(TransferOneThread)
+    ->Name("transfer_on_two_threads/by_one_thread")
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime();
+BENCHMARK(TransferFaults)->Name("transfer_faults/qx")->Unit(benchmark::kMillisecond);
 BENCHMARK(WhatQx)->Name("what/qx");
+#ifdef QX_HAVE_PUGIXML
+BENCHMARK(WhatPugixml)->Name("what/pugixml");
+#endif
 
 }  // namespace
 

@@ -2,7 +2,8 @@
 """Runs every benchmark row in a process of its own and prints, for each task, the others' time in terms of ours.
 
 A row is TASK/WHO; WHO is qx, a peer, or limit (the bare system calls and copies for the same bytes). Rows of one task run
-interleaved, several rounds; the median of the CPU times counts.
+interleaved, several rounds; the median of the CPU times counts. Tasks grow_SHAPE have sizes in WHO's place: they show what
+ten times as much costs, where linear work costs ten times.
 """
 import argparse
 import json
@@ -23,14 +24,14 @@ def rows_of(program):
 
 
 def run_row(program, row):
-    """CPU seconds of one iteration."""
+    """CPU seconds of one iteration; a row that measures other processes too says them itself, as its manual time."""
     out = subprocess.run([program, f"--benchmark_filter=^{re.escape(row)}$", "--benchmark_format=json"],
                          capture_output=True, text=True, check=True).stdout
     result = json.loads(out)["benchmarks"][0]
     if result.get("error_occurred"):
         raise SystemExit(f"{row}: {result['error_message']}")
     unit = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}[result["time_unit"]]
-    return result["cpu_time"] * unit
+    return result["real_time" if row.endswith("/manual_time") else "cpu_time"] * unit
 
 
 def measure(program, rows):
@@ -39,6 +40,12 @@ def measure(program, rows):
         for row in rows:
             times[row].append(run_row(program, row))
     return {row.split("/")[1]: statistics.median(samples) for row, samples in times.items()}
+
+
+def print_growth(task, medians):
+    sizes = sorted(medians, key=int)
+    for small, large in zip(sizes, sizes[1:]):
+        print(f"| {task} | {small} to {large} | {medians[large] / medians[small]:.1f} |")
 
 
 def main():
@@ -59,6 +66,9 @@ def main():
             if not re.search(args.regex, task):
                 continue
             medians = measure(program, rows)
+            if task.startswith("grow_"):
+                print_growth(task, medians)
+                continue
             for who, seconds in medians.items():
                 if who == "qx" and not args.raw:
                     continue
