@@ -28,7 +28,7 @@ std::string_view WindowedBytes::At(std::int64_t offset, std::size_t wanted) {
   const bool is_held = skipped >= 0 && skipped + static_cast<std::int64_t>(wanted) <= static_cast<std::int64_t>(size_);
   if (is_held) return {bytes_.get() + skipped, size_ - static_cast<std::size_t>(skipped)};
 
-  if (bytes_ == nullptr) bytes_ = std::make_unique<char[]>(kWindowBytes);
+  if (bytes_ == nullptr) bytes_ = std::make_unique_for_overwrite<char[]>(kWindowBytes);
   begin_ = offset;
   size_ = source_.ReadAt(offset, bytes_.get(), kWindowBytes);
   return {bytes_.get(), size_};
