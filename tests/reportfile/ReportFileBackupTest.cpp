@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "reportfile/Directory.h"
 #include "reportfile/ReportFileBase.h"
 #include "tests/provider/ReportRoot.h"
 #include "tests/reportfile/Trees.h"
@@ -166,6 +167,27 @@ TEST_F(ReportFileBackup, TheStoreThatIsRestoredReadsAsBefore) {
   std::string line;
   EXPECT_TRUE(store.readLine(line, 0));
   EXPECT_EQ(line, "d\r\n");
+}
+
+// The page shows a machine's directories where the tests have their private one.
+std::string PageLines(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  for (std::size_t at = text.find("T/"); at != std::string::npos; at = text.find("T/", at)) text.replace(at, 1, "/var");
+  return text;
+}
+
+TEST_F(ReportFileBackup, ThePageShowsTheTraceOfARestore) {
+  MakeTree(backup_, {{"a.dat", "1"}});
+  EXPECT_EQ(PageLines(TraceOfRestore(6, true, reports_, backup_)), DocExample("directories.md", "restore"));
+}
+
+TEST_F(ReportFileBackup, ThePageShowsTheTraceOfARemovalThatAHiddenFileEnds) {
+  MakeTree(backup_, {{"a.dat", "1"}, {"sub/.hidden", "2"}});
+  const TraceCapture trace(3);
+  EXPECT_FALSE(CDirectory::RemoveDir(backup_.c_str(), true));
+  EXPECT_EQ(PageLines(Shortened(trace.Entries(), dir_.Path())),
+            DocExample("directories.md", "removal-of-a-hidden-file"));
 }
 
 class ReportFileBackupGuard : public ReportFileBackup {
