@@ -14,8 +14,9 @@ enum CharClass : std::uint8_t {
   kNameStart = 4,  // a letter, "_", ":" or a byte above 127
   kDigit = 8,
   kHexDigit = 16,
-  kRefName = 32,    // may stand in "&name;" behind the first character
-  kStoredEnd = 64,  // NUL, space, "/", "=", "[" and "]": a stored name matches up to one of these
+  kRefName = 32,     // may stand in "&name;" behind the first character
+  kStoredEnd = 64,   // NUL, space, "/", "=", "[" and "]": a stored name matches up to one of these
+  kAttribEnd = 128,  // what ends a tag name, and "=": these end an attribute's name
 };
 
 namespace detail {
@@ -30,6 +31,7 @@ consteval std::uint8_t ClassOf(unsigned byte) {
   unsigned bits = 0;
   if (IsIn("\t\n\r ", c)) bits |= kWhite | kNameEnd;
   if (IsIn("/><\"'", c)) bits |= kNameEnd;
+  if ((bits & kNameEnd) != 0 || c == '=') bits |= kAttribEnd;
   if (name_start) bits |= kNameStart;
   if (digit) bits |= kDigit;
   if (digit || IsIn("abcdefABCDEF", c)) bits |= kHexDigit;

@@ -1,6 +1,6 @@
 #include "markup/Attribute.h"
 
-#include <algorithm>
+#include <cstring>
 
 #include "markup/Ascii.h"
 #include "markup/Names.h"
@@ -11,50 +11,63 @@ namespace {
 
 bool IsQuote(char c) { return c == '"' || c == '\''; }
 
+// Within a tag, whose end is no white space.
+const char* BehindWhite(const char* p) {
+  while (IsClass(*p, kWhite)) ++p;
+  return p;
+}
+
 }  // namespace
 
 AttributeScan::AttributeScan(std::string_view tag)
-    : tag_(tag), at_(1 + LeadingTagName(tag.substr(1)).size()), end_(TagClosingOffset(tag)) {}
+    : tag_(tag), at_(tag.data() + 1 + NameInStartTag(tag).size()), end_(tag.data() + TagClosingOffset(tag)) {}
+
+// The value whose quote stands at `open`; without a closing one it reaches to the end of the tag.
+inline void AttributeScan::ReadQuoted(AttributePos& attribute, const char* open) {
+  const void* const close = std::memchr(open + 1, *open, static_cast<std::size_t>(end_ - open - 1));
+  attribute.quoted = true;
+  attribute.value_start = OffsetOf(open + 1);
+  at_ = close != nullptr ? static_cast<const char*>(close) : end_;
+  attribute.value_end = OffsetOf(at_);
+  if (close != nullptr) ++at_;
+}
 
 bool AttributeScan::Next(AttributePos& attribute) {
-  for (SkipWhite(); at_ < end_; SkipWhite()) {
-    attribute.name_start = at_;
-    while (at_ < end_ && !IsClass(tag_[at_], kNameEnd) && tag_[at_] != '=') ++at_;
-    attribute.name_end = at_;
-    ReadValue(attribute);
-    if (attribute.name_end != attribute.name_start) return true;
+  for (at_ = BehindWhite(at_); at_ < end_; at_ = BehindWhite(at_)) {
+    const char* const name = at_;
+    const char* p = name;
+    while (!IsClass(*p, kAttribEnd)) ++p;
+    attribute.name_start = OffsetOf(name);
+    attribute.name_end = OffsetOf(p);
+    if (*p == '=' && IsQuote(p[1])) {
+      ReadQuoted(attribute, p + 1);
+    } else {
+      ReadValue(attribute, p);
+    }
+    if (p != name) return true;
     // A value without a name, or a stray "/", is stepped over.
-    if (at_ == attribute.name_start) ++at_;
+    if (at_ == name) ++at_;
   }
   return false;
 }
 
-bool AttributeScan::AtQuote() const { return at_ < end_ && IsQuote(tag_[at_]); }
-
-void AttributeScan::SkipWhite() {
-  while (at_ < end_ && IsClass(tag_[at_], kWhite)) ++at_;
-}
-
 //   ="1"   = '1'   =1   =(nothing)   (nothing)
 // White space behind the "=" is skipped only before a quote: in `a= b="1"` the value of a is empty, not `b=`.
-void AttributeScan::ReadValue(AttributePos& attribute) {
+void AttributeScan::ReadValue(AttributePos& attribute, const char* p) {
   attribute.value_start = attribute.value_end = attribute.name_end;
   attribute.quoted = false;
-  SkipWhite();
-  if (at_ < end_ && tag_[at_] == '=') {
-    attribute.value_start = attribute.value_end = ++at_;
-    SkipWhite();
-  } else if (attribute.name_end != attribute.name_start || !AtQuote()) {
+  at_ = BehindWhite(p);
+  if (*at_ == '=') {
+    attribute.value_start = attribute.value_end = OffsetOf(++at_);
+    at_ = BehindWhite(at_);
+  } else if (attribute.name_end != attribute.name_start || !IsQuote(*at_)) {
     return;
   }
-  if (AtQuote()) {
-    attribute.quoted = true;
-    attribute.value_start = at_ + 1;
-    attribute.value_end = std::min(tag_.find(tag_[at_], at_ + 1), end_);
-    at_ = std::min(attribute.value_end + 1, end_);
-  } else if (at_ == attribute.value_start) {
-    while (at_ < end_ && !IsClass(tag_[at_], kWhite) && !IsQuote(tag_[at_])) ++at_;
-    attribute.value_end = at_;
+  if (IsQuote(*at_)) {
+    ReadQuoted(attribute, at_);
+  } else if (OffsetOf(at_) == attribute.value_start) {
+    while (at_ < end_ && !IsClass(*at_, kWhite) && !IsQuote(*at_)) ++at_;
+    attribute.value_end = OffsetOf(at_);
   }
 }
 

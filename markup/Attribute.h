@@ -27,13 +27,14 @@ class AttributeScan {
   bool Next(AttributePos& attribute);
 
  private:
-  bool AtQuote() const;
-  void SkipWhite();
-  void ReadValue(AttributePos& attribute);
+  void ReadQuoted(AttributePos& attribute, const char* open);
+  void ReadValue(AttributePos& attribute, const char* p);
+  std::size_t OffsetOf(const char* p) const { return static_cast<std::size_t>(p - tag_.data()); }
 
   std::string_view tag_;
-  std::size_t at_;
-  std::size_t end_;  // offset of the ">" or "/>"
+  const char* at_;
+  const char*
+      end_;  // the ">" or "/>": neither can stand in a name or be white space, so it ends every search for those
 };
 
 // The attribute `name` of the start tag; false if it has none.

@@ -29,18 +29,14 @@ std::uint64_t RandomFactor() {
 
 }  // namespace
 
-void ElemStack::Push(std::string_view name, std::uint32_t elem) {
-  if (depth_ == capacity_) Grow();
-  tags_[depth_++] = {name, elem};
-  if (indexed_) ForEachMatch(name, [this](Hash hash) { ++matches_[hash]; });
+void ElemStack::AddToIndex(std::string_view name) {
+  ForEachMatch(name, [this](Hash hash) { ++(*matches_)[hash]; });
 }
 
-void ElemStack::Pop() {
-  --depth_;
-  if (!indexed_) return;
-  ForEachMatch(tags_[depth_].name, [this](Hash hash) {
-    const auto match = matches_.find(hash);
-    if (--match->second == 0) matches_.erase(match);
+void ElemStack::RemoveFromIndex(std::string_view name) {
+  ForEachMatch(name, [this](Hash hash) {
+    const auto match = matches_->find(hash);
+    if (--match->second == 0) matches_->erase(match);
   });
 }
 
@@ -48,10 +44,10 @@ std::size_t ElemStack::FindInnermost(std::string_view name) {
   if (depth_ == 0) return kNone;
   if (qx::markup::StoredNameMatches(Top().name, name, ignore_case_)) return depth_ - 1;
 
-  if (!indexed_) BuildIndex();
+  if (matches_ == nullptr) BuildIndex();
   Hash hash = 0;
   for (const char c : name) hash = Step(hash, c);
-  if (matches_.find(hash) == matches_.end()) return kNone;
+  if (matches_->find(hash) == matches_->end()) return kNone;
   for (std::size_t depth = depth_ - 1; depth-- > 0;) {
     if (qx::markup::StoredNameMatches(tags_[depth].name, name, ignore_case_)) return depth;
   }
@@ -68,10 +64,8 @@ void ElemStack::Grow() {
 
 void ElemStack::BuildIndex() {
   factor_ = RandomFactor();
-  indexed_ = true;
-  for (std::size_t depth = 0; depth < depth_; ++depth) {
-    ForEachMatch(tags_[depth].name, [this](Hash hash) { ++matches_[hash]; });
-  }
+  matches_ = std::make_unique<std::unordered_map<Hash, std::uint32_t>>();
+  for (std::size_t depth = 0; depth < depth_; ++depth) AddToIndex(tags_[depth].name);
 }
 
 // A polynomial modulo a prime, so that every beginning of a name has its hash on the way.

@@ -24,8 +24,15 @@ class ElemStack {
   const OpenTag& operator[](std::size_t depth) const { return tags_[depth]; }
 
   // Seven entries at first, twice as many whenever full.
-  void Push(std::string_view name, std::uint32_t elem);
-  void Pop();
+  void Push(std::string_view name, std::uint32_t elem) {
+    if (depth_ == capacity_) Grow();
+    tags_[depth_++] = {name, elem};
+    if (matches_ != nullptr) AddToIndex(name);
+  }
+  void Pop() {
+    --depth_;
+    if (matches_ != nullptr) RemoveFromIndex(tags_[depth_].name);
+  }
 
   // Depth of the innermost open tag with that name, or kNone. Costs the tags above the match, or, when there is no
   // match, the length of the name: a text of lone end tags is not searched against everything that is open.
@@ -37,6 +44,8 @@ class ElemStack {
 
   void Grow();
   void BuildIndex();
+  void AddToIndex(std::string_view name);
+  void RemoveFromIndex(std::string_view name);
   Hash Step(Hash hash, char c) const;
   // Calls visit(hash) for each text that matches the stored name: the whole and each part up to a byte that may follow
   // a match.
@@ -51,7 +60,6 @@ class ElemStack {
   // How many open tags each name would match. Made at the first end tag that is not the innermost tag's, so that a
   // document without faults never pays for it. Equal hashes of different names cost a vain walk, nothing else; the
   // random factor keeps a sender from preparing them.
-  bool indexed_ = false;
   Hash factor_ = 0;
-  std::unordered_map<Hash, std::uint32_t> matches_;
+  std::unique_ptr<std::unordered_map<Hash, std::uint32_t>> matches_;
 };

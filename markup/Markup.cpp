@@ -156,9 +156,7 @@ std::string_view CMarkup::StartTag(std::uint32_t elem) const {
   return std::string_view(document_).substr(Record(elem).start, Record(elem).StartTagLength());
 }
 
-std::string_view CMarkup::TagName(std::uint32_t elem) const {
-  return qx::markup::LeadingTagName(StartTag(elem).substr(1));
-}
+std::string_view CMarkup::TagName(std::uint32_t elem) const { return qx::markup::NameInStartTag(StartTag(elem)); }
 
 std::string CMarkup::GetTagName() const {
   return main_position_ == 0 ? std::string() : std::string(TagName(main_position_));
@@ -181,9 +179,10 @@ std::string CMarkup::AttributeOf(std::uint32_t elem, MCD_CSTR name) const {
   const std::string_view tag = StartTag(elem);
   qx::markup::AttributePos attribute;
   if (!qx::markup::FindAttribute(tag, name, IgnoresCase(), attribute)) return {};
+  const std::string_view stored = tag.substr(attribute.value_start, attribute.value_end - attribute.value_start);
+  if (stored.find('&') == std::string_view::npos) return std::string(stored);
   std::string value;
-  const std::size_t length = attribute.value_end - attribute.value_start;
-  qx::markup::AppendUnescaped(value, tag.substr(attribute.value_start, length), 0);
+  qx::markup::AppendUnescaped(value, stored, 0);
   return value;
 }
 

@@ -110,11 +110,14 @@ void CMarkup::ParseState::AddElement(bool empty) {
   } else {
     qx::markup::LinkFirst(tree, parent, elem);
   }
-  if (!empty) open.Push(token.name, elem);
+  if (empty) return;
+  open.Push(token.name, elem);
+  token.expected_name = token.name;
 }
 
 void CMarkup::ParseState::CloseElement() {
-  const std::size_t depth = open.FindInnermost(token.name);
+  const bool is_expected = token.name.data() == token.expected_name.data();
+  const std::size_t depth = is_expected ? open.Depth() - 1 : open.FindInnermost(token.name);
   if (depth == ElemStack::kNone) {
     NoteFault({.name = "lone_end_tag", .value = token.name, .offset = token.start});
     return;
@@ -124,6 +127,7 @@ void CMarkup::ParseState::CloseElement() {
   record.length = Low32(token.end) - record.start;
   record.SetTagLengths(record.StartTagLength(), Low32(token.end - token.start));
   open.Pop();
+  token.expected_name = open.Depth() == 0 ? std::string_view() : open.Top().name;
 }
 
 // Closes everything that is open at `depth` and above without end tag. All of it, and all that it contains, becomes one

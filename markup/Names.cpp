@@ -1,13 +1,10 @@
 #include "markup/Names.h"
 
-#include <cstring>
-
-#include "markup/Ascii.h"
+#include <algorithm>
 
 namespace qx::markup {
 
-int CompareNames(const char* a, const char* b, std::size_t length, bool ignore_case) {
-  if (!ignore_case) return length == 0 ? 0 : std::memcmp(a, b, length);
+int CompareIgnoringCase(const char* a, const char* b, std::size_t length) {
   for (std::size_t i = 0; i < length; ++i) {
     const auto left = static_cast<unsigned char>(ToLower(a[i]));
     const auto right = static_cast<unsigned char>(ToLower(b[i]));
@@ -16,20 +13,10 @@ int CompareNames(const char* a, const char* b, std::size_t length, bool ignore_c
   return 0;
 }
 
-bool SameName(std::string_view a, std::string_view b, bool ignore_case) {
-  return a.size() == b.size() && CompareNames(a.data(), b.data(), a.size(), ignore_case) == 0;
-}
-
 bool StoredNameMatches(std::string_view stored, std::string_view wanted, bool ignore_case) {
   if (stored.size() < wanted.size()) return false;
   if (stored.size() > wanted.size() && !IsClass(stored[wanted.size()], kStoredEnd)) return false;
   return CompareNames(stored.data(), wanted.data(), wanted.size(), ignore_case) == 0;
-}
-
-std::string_view LeadingTagName(std::string_view text) {
-  std::size_t length = 0;
-  while (length < text.size() && !IsClass(text[length], kNameEnd)) ++length;
-  return text.substr(0, length);
 }
 
 bool IsTagName(std::string_view name) {
@@ -37,7 +24,8 @@ bool IsTagName(std::string_view name) {
 }
 
 bool IsAttributeName(std::string_view name) {
-  return !name.empty() && LeadingTagName(name).size() == name.size() && name.find('=') == std::string_view::npos;
+  const auto ends = [](char c) { return IsClass(c, kAttribEnd); };
+  return !name.empty() && std::none_of(name.begin(), name.end(), ends);
 }
 
 }  // namespace qx::markup

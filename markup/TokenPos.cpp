@@ -1,5 +1,7 @@
 #include "markup/TokenPos.h"
 
+#include <cstring>
+
 #include "markup/Ascii.h"
 #include "markup/ByteScan.h"
 #include "markup/ElemPosTree.h"
@@ -63,7 +65,18 @@ std::size_t TokenPos::TagEnd(std::size_t from) const {
   }
 }
 
+// "</name>" of the expected name, without anything else in it.
+bool TokenPos::IsExpectedEndTag() const {
+  const std::size_t name_end = start + 2 + expected_name.size();
+  return !expected_name.empty() && name_end < text_.size() && text_[name_end] == '>' &&
+         std::memcmp(text_.data() + start + 2, expected_name.data(), expected_name.size()) == 0;
+}
+
 NodeType TokenPos::ParseEndTag() {
+  if (IsExpectedEndTag()) {
+    name = expected_name;
+    return Finish(NodeType::kEndTag, start + 2 + name.size() + 1);
+  }
   if (start + 2 == text_.size()) return Fail(SyntaxFault::kUnterminated);
   if (!IsClass(text_[start + 2], qx::markup::kNameStart)) return Fail(SyntaxFault::kFirstTag);
   name = qx::markup::LeadingTagName(text_.substr(start + 2));

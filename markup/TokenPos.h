@@ -46,6 +46,10 @@ class TokenPos {
   // Steps to the next node. The members below then describe it.
   NodeType ParseNode();
 
+  // Set by the caller: the name that the next end tag most likely has, "" for none. `name` is that very view if it has
+  // it, which saves comparing them again.
+  std::string_view expected_name;
+
   std::size_t start = 0;                   // offset of the node's first byte
   std::size_t end = 0;                     // offset behind its last byte
   std::string_view name;                   // of a start, empty or end tag
@@ -59,6 +63,7 @@ class TokenPos {
   NodeType ParseText();
   NodeType ParseStartTag();
   NodeType ParseEndTag();
+  bool IsExpectedEndTag() const;
   NodeType ParseExclamation();
   NodeType ParseComment();
   NodeType ParseCData();

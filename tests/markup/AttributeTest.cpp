@@ -1,0 +1,145 @@
+// Attributes of odd start tags, and end tags that were expected: the quick ways against plain ones.
+#include "markup/Attribute.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "markup/TokenPos.h"
+#include "tests/support/Support.h"
+
+namespace {
+
+using qx::markup::AttributePos;
+using qx::markup::AttributeScan;
+
+using Random = std::mt19937_64;
+
+bool IsIn(char c, std::string_view set) { return set.find(c) != std::string_view::npos; }
+
+// The same walk by offsets, one byte at a time, each of them checked against the end.
+class PlainScan {
+ public:
+  explicit PlainScan(std::string_view tag) : tag_(tag), end_(qx::markup::TagClosingOffset(tag)) {
+    for (at_ = 1; !IsIn(tag_[at_], kNameEnds);) ++at_;
+  }
+
+  bool Next(AttributePos& found) {
+    for (SkipWhite(); at_ < end_; SkipWhite()) {
+      found.name_start = at_;
+      while (at_ < end_ && !IsIn(tag_[at_], kNameEnds) && tag_[at_] != '=') ++at_;
+      found.name_end = at_;
+      ReadValue(found);
+      if (found.name_end != found.name_start) return true;
+      if (at_ == found.name_start) ++at_;
+    }
+    return false;
+  }
+
+ private:
+  static constexpr std::string_view kWhite = "\t\n\r ";
+  static constexpr std::string_view kNameEnds = "\t\n\r /><\"'";
+
+  void SkipWhite() {
+    while (at_ < end_ && IsIn(tag_[at_], kWhite)) ++at_;
+  }
+  bool AtQuote() const { return at_ < end_ && IsIn(tag_[at_], "\"'"); }
+
+  void ReadValue(AttributePos& found) {
+    found.value_start = found.value_end = found.name_end;
+    found.quoted = false;
+    SkipWhite();
+    if (at_ < end_ && tag_[at_] == '=') {
+      found.value_start = found.value_end = ++at_;
+      SkipWhite();
+    } else if (found.name_end != found.name_start || !AtQuote()) {
+      return;
+    }
+    if (AtQuote()) {
+      const char quote = tag_[at_++];
+      found.quoted = true;
+      found.value_start = at_;
+      while (at_ < end_ && tag_[at_] != quote) ++at_;
+      found.value_end = at_;
+      if (at_ < end_) ++at_;
+    } else if (at_ == found.value_start) {
+      while (at_ < end_ && !IsIn(tag_[at_], kWhite) && !AtQuote()) ++at_;
+      found.value_end = at_;
+    }
+  }
+
+  std::string_view tag_;
+  std::size_t at_ = 0;
+  std::size_t end_;
+};
+
+bool Same(const AttributePos& a, const AttributePos& b) {
+  return a.name_start == b.name_start && a.name_end == b.name_end && a.value_start == b.value_start &&
+         a.value_end == b.value_end && a.quoted == b.quoted;
+}
+
+void ExpectSameAttributes(const std::string& tag) {
+  AttributeScan scan(tag);
+  PlainScan plain(tag);
+  for (;;) {
+    AttributePos found;
+    AttributePos expected;
+    const bool more = plain.Next(expected);
+    ASSERT_EQ(scan.Next(found), more) << tag;
+    if (!more) return;
+    ASSERT_TRUE(Same(found, expected)) << tag << " at " << expected.name_start;
+  }
+}
+
+TEST(Attribute, RandomTagsAreWalkedAsByThePlainForm) {
+  static constexpr std::string_view kPieces[] = {" ",    " a",         "a", "=",   "\"",     "'",  "=\"1\"",
+                                                 "='2'", " b=\"x y\"", "/", "<",   ">",      "\n", " =",
+                                                 "= ",   "\xE4",       "[", "a=b", " abc='", "\0"};
+  Random random(qx::test::Seed("Attribute"));
+  for (int round = 0; round < 20000 && !testing::Test::HasFailure(); ++round) {
+    std::string tag = "<n";
+    for (std::size_t pieces = random() % 12; pieces > 0; --pieces) tag += kPieces[random() % std::size(kPieces)];
+    tag += random() % 3 == 0 ? "/>" : ">";
+    ExpectSameAttributes(tag);
+  }
+}
+
+struct Node {
+  NodeType type;
+  std::size_t start;
+  std::size_t end;
+  std::string name;
+  SyntaxFault fault;
+
+  friend bool operator==(const Node&, const Node&) = default;
+};
+
+std::vector<Node> Nodes(std::string_view text, std::string_view expected_name) {
+  std::vector<Node> nodes;
+  TokenPos token(text);
+  for (;;) {
+    token.expected_name = expected_name;
+    const NodeType type = token.ParseNode();
+    if (type == NodeType::kEnd) return nodes;
+    const bool named = type == NodeType::kStartTag || type == NodeType::kEmptyTag || type == NodeType::kEndTag;
+    nodes.push_back({type, token.start, token.end, named ? std::string(token.name) : "", token.fault});
+  }
+}
+
+TEST(Attribute, AnExpectedEndTagIsTheSameNodeAsAnUnexpectedOne) {
+  static constexpr std::string_view kPieces[] = {"<a>",   "</a>", "</ab>", "</a >", "</a", "</",           "text",
+                                                 "</a/>", ">",    "<ab>",  "</A>",  "<",   "<!-- </a> -->"};
+  Random random(qx::test::Seed("ExpectedEndTag"));
+  for (int round = 0; round < 5000; ++round) {
+    std::string text;
+    for (std::size_t pieces = random() % 10; pieces > 0; --pieces) text += kPieces[random() % std::size(kPieces)];
+    const std::vector<Node> plain = Nodes(text, "");
+    ASSERT_EQ(Nodes(text, "a"), plain) << text;
+    ASSERT_EQ(Nodes(text, "ab"), plain) << text;
+  }
+}
+
+}  // namespace
