@@ -85,6 +85,7 @@ bool CDebug::Init(const char* app_name) {
 void CDebug::StartLocked(const char* app_name) {
   ClassInit();
   app_name_ = app_name;
+  kept_header_.Forget();
   process_id_ = ::getpid();
   const std::time_t now = std::time(nullptr);
   qx::debug::FormatStartTime(now, start_time_);
@@ -201,11 +202,11 @@ void CDebug::TraceToLogFile(const char* format, std::va_list args, const char* m
 }
 
 CDebug::Entry CDebug::FormatEntry(const char* format, std::va_list args, const char* module) {
-  const ErrnoScope errno_scope;
-  const std::size_t header_length = SetEntryHeader(entry_, qx::debug::kEntryHeaderCharsMax + 1, module);
+  const int callers_errno = errno;
+  const std::size_t header_length = PutEntryHeaderLocked(entry_, qx::debug::kEntryHeaderCharsMax + 1, module);
   char* const text = entry_ + header_length;
 
-  errno = errno_scope.Saved();  // "%m" means the caller's error
+  errno = callers_errno;  // what "%m" means
   const int wanted = std::vsnprintf(text, kEntryTextCharsMax + 1, qx::debug::WithoutLeadingLineFeeds(format), args);
   if (wanted < 0) text[0] = '\0';
   std::size_t length = std::strlen(text);  // a NUL out of "%c" ends the entry
@@ -216,13 +217,21 @@ CDebug::Entry CDebug::FormatEntry(const char* format, std::va_list args, const c
 
 std::size_t CDebug::SetEntryHeader(char* buffer, std::size_t size, const char* module) {
   const LockScope scope(lock_);
+  return PutEntryHeaderLocked(buffer, size, module);
+}
+
+std::size_t CDebug::PutEntryHeaderLocked(char* buffer, std::size_t size, const char* module) {
   timeval now{};
   ::gettimeofday(&now, nullptr);
+  const auto thread = static_cast<std::uint32_t>(::pthread_self());
   const bool shows_memory = settings_.memory_traces != 0;
+  if (module == nullptr && !shows_memory && size > qx::debug::kEntryHeaderCharsMax) {
+    return kept_header_.At(now, thread, app_name_.c_str(), buffer);
+  }
   const std::size_t kilobytes = shows_memory ? qx::debug::ResidentKilobytes(process_id_) : 0;
   return qx::debug::FormatEntryHeader(buffer, size,
                                       {.stamp = stamp_.At(now),
-                                       .thread = static_cast<std::uint32_t>(::pthread_self()),
+                                       .thread = thread,
                                        .module = module != nullptr ? module : app_name_.c_str(),
                                        .resident_kilobytes = shows_memory ? &kilobytes : nullptr});
 }

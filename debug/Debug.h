@@ -160,6 +160,7 @@ class CDebug : public CDebugTraceConfig {
   [[nodiscard]] bool IsUpdateDue(std::time_t now) const noexcept;
   void TakeUpdatedLevel() noexcept;
 
+  std::size_t PutEntryHeaderLocked(char* buffer, std::size_t size, const char* module);
   Entry FormatEntry(const char* format, std::va_list args, const char* module) __attribute__((format(printf, 2, 0)));
   void WriteToAll(const char* format, std::va_list args, const char* module) __attribute__((format(printf, 2, 0)));
   void WriteEntry(std::uint32_t target, const char* format, std::va_list args, const char* module)
@@ -169,7 +170,8 @@ class CDebug : public CDebugTraceConfig {
   void TraceRingFailure(const qx::debug::RingBufferSink::OpenResult& result);
   void WriteLongEntry(const Entry& entry, const char* format, std::va_list args) __attribute__((format(printf, 3, 0)));
   Entry TruncatedEntry(const Entry& entry, std::string_view why) noexcept;
-  void PutIntoRing(Entry entry);
+  void PutIntoRing(const Entry& entry);
+  void PutBehindWrap(Entry entry);
   bool WrapRing(std::size_t entry_size);
   void GiveUpRing(const Entry& entry);
   void MarkRingInitEnd();
@@ -199,6 +201,7 @@ class CDebug : public CDebugTraceConfig {
   bool is_forced_off_ = false;
   std::atomic<std::int64_t> last_check_{0};
   qx::debug::StampText stamp_;
+  qx::debug::KeptHeader kept_header_;
   qx::debug::HeaderVariables header_variables_;
   char start_time_[32] = {};
   std::uint32_t ring_size_ = 0;  // as configured; 0: no ring

@@ -118,13 +118,17 @@ CDebug::Entry CDebug::TruncatedEntry(const Entry& entry, std::string_view why) n
   return {{entry_, kept + why.copy(entry_ + kept, kTruncationCharsMax)}, entry.header_length, 0};
 }
 
-// A line of the header block that a cycle begins with is dropped if the ring is too small for the block: it never
-// wraps by itself.
-void CDebug::PutIntoRing(Entry entry) {
+void CDebug::PutIntoRing(const Entry& entry) {
   if (ring_.Fits(entry.text.size())) {
     ring_.Write(entry.text);
-    return;
+  } else {
+    PutBehindWrap(entry);
   }
+}
+
+// A line of the header block that a cycle begins with is dropped if the ring is too small for the block: it never
+// wraps by itself.
+void CDebug::PutBehindWrap(Entry entry) {
   if (ring_.IsWrapping()) return;
   char kept[kEntryBytesMax];  // the header block is formatted where the entry stands
   if (entry.text.data() == entry_) entry.text = {kept, entry.text.copy(kept, sizeof kept)};

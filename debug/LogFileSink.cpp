@@ -56,7 +56,10 @@ bool LogFileSink::Open(const char* directory, const char* lower_case_name, std::
   Reset();
   max_size_ = max_size;
   if (SetPath(directory, lower_case_name)) file_.store(OpenTruncated(path_), std::memory_order_relaxed);
-  if (IsOpen()) return true;
+  if (IsOpen()) {
+    descriptor_ = ::fileno(file_.load(std::memory_order_relaxed));
+    return true;
+  }
   ::syslog(LOG_ERR, "ERROR: Error during opening %s --> proceed without it\n", path_);
   return false;
 }
@@ -79,20 +82,20 @@ void LogFileSink::Write(std::string_view entry, std::size_t header_length) noexc
 
 void LogFileSink::MarkInitEnd() noexcept {
   if (!IsOpen()) return;
-  wrap_position_ = ::lseek(Descriptor(), 0, SEEK_CUR);
+  wrap_position_ = ::lseek(descriptor_, 0, SEEK_CUR);
   bytes_at_init_end_ = byte_count_;
 }
 
 // The stream's own buffer stays unused, so that an entry is one system call and in the file when the call returns.
 void LogFileSink::WriteCounted(std::string_view bytes) noexcept {
-  byte_count_ += static_cast<std::uint32_t>(WriteAll(Descriptor(), bytes));
+  byte_count_ += static_cast<std::uint32_t>(WriteAll(descriptor_, bytes));
 }
 
 // The line says the count as it stands before the line itself: the size of the head.
 void LogFileSink::Wrap(std::string_view header) noexcept {
-  if (::lseek(Descriptor(), wrap_position_, SEEK_SET) < 0) {
+  if (::lseek(descriptor_, wrap_position_, SEEK_SET) < 0) {
     ::syslog(LOG_ERR, "ERROR: fseek failed for %s (errno=%d) --> rewind it\n", path_, errno);
-    (void)::lseek(Descriptor(), 0, SEEK_SET);  // if this fails too, the file is written on where it stands
+    (void)::lseek(descriptor_, 0, SEEK_SET);  // if this fails too, the file is written on where it stands
   }
   ++wrap_cycle_;
   byte_count_ = bytes_at_init_end_;

@@ -46,13 +46,13 @@ class LogFileSink {
 
  private:
   bool SetPath(const char* directory, const char* lower_case_name) noexcept;
-  int Descriptor() const noexcept { return ::fileno(file_.load(std::memory_order_relaxed)); }
   void WriteCounted(std::string_view bytes) noexcept;
   void Wrap(std::string_view header) noexcept;
 
   // Null while closed, so that an object in zeroed memory is closed. Atomic only to keep the destructor's store: the
   // trace object is asked after its end as well, and a plain store there would be dropped as dead.
   std::atomic<std::FILE*> file_{nullptr};
+  int descriptor_ = -1;  // of file_
   char path_[256] = {};
   std::uint32_t max_size_ = 0;
   long wrap_position_ = 0;

@@ -8,6 +8,7 @@
 #include <span>
 
 #include "debug/Debug.h"
+#include "debug/ErrnoScope.h"
 
 namespace qx::debug {
 
@@ -145,6 +146,7 @@ void CDebug::PrintInternalValues(std::uint32_t target) {
 }
 
 void CDebug::PrintHeaderLine(std::uint32_t target, const char* format, ...) {
+  const qx::debug::ErrnoScope errno_scope;
   std::va_list args;
   va_start(args, format);
   if (GoesToStderr(target)) {

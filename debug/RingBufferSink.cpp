@@ -11,8 +11,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "debug/RingFormat.h"
-
 namespace qx::debug {
 
 namespace {
@@ -241,10 +239,6 @@ void RingBufferSink::Close() noexcept {
   size_ = wraps_ = opens_ = 0;
   position_ = wrap_start_ = stale_terminator_ = 0;
   is_new_ = is_wrapping_ = has_wrapped_ = false;
-}
-
-bool RingBufferSink::Fits(std::size_t size) const noexcept {
-  return size <= size_ && position_ + size + kRingTerminator.size() <= size_;
 }
 
 void RingBufferSink::Write(std::string_view entry) noexcept {

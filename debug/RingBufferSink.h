@@ -15,6 +15,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "debug/RingFormat.h"
+
 namespace qx::debug {
 
 // Writes entries to a mapped ring file.
@@ -59,7 +61,9 @@ class RingBufferSink {
   [[nodiscard]] std::uint32_t Size() const noexcept { return size_; }
 
   // Whether an entry of `size` bytes and the terminator fit behind the write position.
-  [[nodiscard]] bool Fits(std::size_t size) const noexcept;
+  [[nodiscard]] bool Fits(std::size_t size) const noexcept {
+    return size <= size_ && position_ + size + kRingTerminator.size() <= size_;
+  }
 
   // Appends an entry that fits and is longer than the terminator.
   void Write(std::string_view entry) noexcept;

@@ -10,6 +10,12 @@ namespace {
 
 static_assert(kRingValueColumn + kRingValueChars + 2 == kRingLineBytes, "the value, the bar and the line feed");
 
+// Two digits at a time: the write position is formatted for every entry.
+void PutPair(char* to, std::uint32_t number) {
+  to[0] = static_cast<char>('0' + number / 10);
+  to[1] = static_cast<char>('0' + number % 10);
+}
+
 // Writes one line, `label` with its colon in column 33, and returns where the next one begins.
 char* PutLine(char* to, const char* label, std::string_view value) {
   char line[kRingLineBytes + 1];
@@ -42,7 +48,9 @@ void FormatRingHeader(const RingHeader& header, char (&bytes)[kRingHeaderBytes])
 
 void FormatRingNumber(std::uint32_t number, char (&digits)[kRingNumberDigits]) noexcept {
   std::memset(digits, '0', sizeof digits);
-  for (std::size_t at = sizeof digits; number != 0; number /= 10) digits[--at] = static_cast<char>('0' + number % 10);
+  std::size_t at = sizeof digits;
+  for (; number >= 100; number /= 100) PutPair(digits + (at -= 2), number % 100);
+  PutPair(digits + at - 2, number);
 }
 
 std::optional<std::uint32_t> ReadRingNumber(std::string_view digits) noexcept {

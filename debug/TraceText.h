@@ -19,8 +19,9 @@ constexpr bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
 // The header of an entry is to start its line, so the line feeds that begin most formats are skipped.
 //   "\n\nabc" => "abc"
 //   "\n"      => "\n"
-inline const char* WithoutLeadingLineFeeds(const char* format) {
-  const char* text = format + std::strspn(format, "\n");
+constexpr const char* WithoutLeadingLineFeeds(const char* format) {
+  const char* text = format;
+  while (*text == '\n') ++text;
   return *text != '\0' ? text : format;
 }
 
