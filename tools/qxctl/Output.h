@@ -33,6 +33,9 @@ class Output {
   // most. The next Note or Problem wipes it.
   void Progress(const std::string& line);
 
+  // Writes what is still buffered, for a command that goes on and waits.
+  Status Show() { return Flush(); }
+
   // Writes what is still buffered and closes standard output: a full disk may show only here.
   Status Finish();
 

@@ -1,0 +1,58 @@
+#include "debug/TraceFollow.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace qx::debug {
+
+TraceFollower::TraceFollower(std::string path, bool from_now) : path_(std::move(path)), from_now_(from_now) {}
+TraceFollower::~TraceFollower() = default;
+
+int TraceFollower::Open() {
+  auto file = std::make_unique<TraceFile>();
+  const int error = file->Open(path_);
+  if (error != 0) return error;
+  file_ = std::move(file);
+  follower_ = nullptr;
+  ChooseKind();
+  return 0;
+}
+
+// An empty file can still become either.
+void TraceFollower::ChooseKind() {
+  const auto status = file_->Status();
+  if (!status.has_value() || status->st_size == 0) {
+    from_now_ = false;  // whatever comes is new
+    return;
+  }
+  TraceFile file;
+  if (file.Open(path_) != 0) return;
+  follower_ = IsTraceRing(file) ? MakeRingFollower(from_now_) : MakeLogFollower(from_now_);
+  from_now_ = false;
+}
+
+TraceLook TraceFollower::Look() {
+  TraceLook look;
+  const bool is_same = IsSameFile(look.is_missing);
+  if (follower_ == nullptr && is_same) ChooseKind();
+  if (follower_ != nullptr) follower_->Look(*file_, look);
+  if (is_same || look.is_missing) return look;
+  if (follower_ != nullptr) follower_->Look(*file_, look);  // what was held back
+  if (Open() != 0) return look;
+  TraceFollowEvent restart;
+  restart.kind = TraceFollowEvent::Kind::kRestart;
+  look.events.push_back(restart);
+  look.is_pending = true;
+  return look;
+}
+
+bool TraceFollower::IsSameFile(bool& is_missing) const {
+  struct stat named {};
+  const auto held = file_->Status();
+  is_missing = ::stat(path_.c_str(), &named) != 0;
+  return !is_missing && held.has_value() && named.st_dev == held->st_dev && named.st_ino == held->st_ino;
+}
+
+}  // namespace qx::debug

@@ -1,0 +1,265 @@
+// A follower gives every entry of a live writer once and in order, across wraps and restarts.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include "debug/TraceFollow.h"
+#include "tests/debug/TraceFixture.h"
+#include "tests/debug/TraceReading.h"
+
+namespace qx::test {
+
+namespace {
+
+using debug::TraceEntry;
+using debug::TraceFollowEvent;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// What a follower has given so far, as one text an entry.
+class Followed {
+ public:
+  explicit Followed(const std::string& path, bool from_now = false) : follower_(path, from_now) {
+    EXPECT_EQ(follower_.Open(), 0);
+  }
+
+  // Looks until nothing is pending.
+  void Look() {
+    for (bool is_pending = true; is_pending;) is_pending = LookOnce();
+  }
+
+  bool LookOnce() {
+    const debug::TraceLook look = follower_.Look();
+    for (const TraceFollowEvent& event : look.events) Take(event);
+    return look.is_pending;
+  }
+
+  // The given texts that begin with "entry", without what further lines they have.
+  const std::vector<std::string>& Texts() const { return texts_; }
+  int Restarts() const { return restarts_; }
+  std::uint64_t LostBytes() const { return lost_bytes_; }
+  void Forget() { texts_.clear(); }
+
+ private:
+  void Take(const TraceFollowEvent& event) {
+    if (event.kind == TraceFollowEvent::Kind::kRestart) ++restarts_;
+    if (event.kind == TraceFollowEvent::Kind::kLost) lost_bytes_ += event.bytes;
+    if (event.kind != TraceFollowEvent::Kind::kEntry) return;
+    const std::string text = TextOf(event.entry);
+    if (event.entry.kind == TraceEntry::Kind::kRest && !texts_.empty()) texts_.back() += text;
+    if (event.entry.kind == TraceEntry::Kind::kEntry && text.starts_with("entry ")) texts_.push_back(text);
+  }
+
+  debug::TraceFollower follower_;
+  std::vector<std::string> texts_;
+  int restarts_ = 0;
+  std::uint64_t lost_bytes_ = 0;
+};
+
+std::string NumberedText(int number, std::size_t extra) {
+  return "entry " + std::to_string(number) + " " + std::string(extra, 'x') +
+         (number % 5 == 0 ? "\nmore of " + std::to_string(number) : "") + "\n";
+}
+
+// Writes numbered entries into a log or a ring.
+class Writer {
+ public:
+  explicit Writer(unsigned log_bytes, std::uint32_t ring_bytes = 0) : ring_bytes_(ring_bytes) {
+    setup_.SetEnv("QX_LOG_FILE_MAX_SIZE", std::to_string(log_bytes).c_str());
+    Start();
+  }
+  void Start() {
+    EXPECT_TRUE(setup_.InitAtLevel(1));
+    if (ring_bytes_ != 0) {
+      EXPECT_TRUE(setup_.Trace().InitRingBuffer(Path().c_str(), ring_bytes_));
+    } else {
+      setup_.Trace().SetApplInitDone();
+    }
+  }
+  void Write(int count) {
+    for (int i = 0; i < count; ++i) {
+      written_.push_back(NumberedText(next_, random_() % 80));
+      setup_.Trace().Print(1, "\n%s", written_.back().c_str());
+      ++next_;
+    }
+  }
+  std::string Path() const { return ring_bytes_ != 0 ? setup_.LogDir().File("ring_a") : setup_.LogPath(); }
+  const std::vector<std::string>& Written() const { return written_; }
+
+ private:
+  TraceSetup setup_;
+  std::uint32_t ring_bytes_;
+  std::mt19937 random_{7};
+  std::vector<std::string> written_;
+  int next_ = 0;
+};
+
+struct Setting {
+  unsigned log_bytes;
+  std::uint32_t ring_bytes;
+};
+
+class TraceFollow : public testing::TestWithParam<Setting> {};
+
+}  // namespace
+
+TEST_P(TraceFollow, GivesEveryEntryOnceAcrossWraps) {
+  Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
+  writer.Write(3);
+  Followed followed(writer.Path());
+  std::mt19937 random(static_cast<unsigned>(Seed("TraceFollow")));
+  for (int round = 0; round < 300; ++round) {
+    writer.Write(static_cast<int>(random() % 12));
+    followed.Look();
+    ASSERT_EQ(followed.Texts(), writer.Written()) << "round " << round;
+  }
+  EXPECT_EQ(followed.LostBytes(), 0U);
+  EXPECT_EQ(followed.Restarts(), 0);
+}
+
+TEST_P(TraceFollow, FromNowLeavesOutWhatStandsThere) {
+  Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
+  writer.Write(200);
+  Followed followed(writer.Path(), true);
+  followed.Look();
+  EXPECT_THAT(followed.Texts(), IsEmpty());
+  writer.Write(5);
+  followed.Look();
+  EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().end() - 5, writer.Written().end()));
+}
+
+TEST_P(TraceFollow, WriterThatLapsTheReaderIsTold) {
+  Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
+  Followed followed(writer.Path());
+  writer.Write(3);
+  followed.Look();
+  followed.Forget();
+  writer.Write(2000);
+  followed.Look();
+  std::size_t written_bytes = 0;
+  for (const std::string& text : writer.Written()) written_bytes += text.size() + TraceSetup::kHeaderBytes;
+  EXPECT_GT(followed.LostBytes(), written_bytes / 2);
+  EXPECT_LT(followed.LostBytes(), written_bytes);
+  const auto& texts = followed.Texts();
+  ASSERT_FALSE(texts.empty());
+  EXPECT_EQ(texts, std::vector<std::string>(writer.Written().end() - static_cast<std::ptrdiff_t>(texts.size()),
+                                            writer.Written().end()));
+  followed.Forget();
+  writer.Write(4);
+  followed.Look();
+  EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().end() - 4, writer.Written().end()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, TraceFollow,
+                         testing::Values(Setting{4000, 0}, Setting{20000, 0}, Setting{51200, 40000}),
+                         [](const auto& named) {
+                           return (named.param.ring_bytes != 0 ? "Ring" : "Log") +
+                                  std::to_string(named.param.log_bytes);
+                         });
+
+TEST(TraceFollowRestart, LogThatIsStartedOverIsFollowedFromItsBeginning) {
+  Writer writer(4000);
+  writer.Write(20);
+  Followed followed(writer.Path());
+  followed.Look();
+  writer.Start();
+  followed.Look();
+  followed.Forget();
+  writer.Write(30);
+  followed.Look();
+  EXPECT_EQ(followed.Restarts(), 1);
+  EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().begin() + 20, writer.Written().end()));
+}
+
+TEST(TraceFollowRestart, LogThatIsStartedOverBetweenTwoLooksIsNoticedWhateverItsSize) {
+  Writer writer(100000);
+  writer.Write(5);
+  Followed followed(writer.Path());
+  followed.Look();
+  followed.Forget();
+  writer.Start();
+  writer.Write(50);
+  followed.Look();
+  EXPECT_EQ(followed.Restarts(), 1);
+  EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().begin() + 5, writer.Written().end()));
+}
+
+TEST(TraceFollowRestart, RingOfAFurtherRunGoesOnWithoutARestart) {
+  Writer writer(51200, 40000);
+  writer.Write(20);
+  Followed followed(writer.Path());
+  followed.Look();
+  writer.Start();
+  writer.Write(20);
+  followed.Look();
+  EXPECT_EQ(followed.Restarts(), 0);
+  EXPECT_EQ(followed.Texts(), writer.Written());
+}
+
+TEST(TraceFollowRestart, FileThatIsReplacedIsFollowedAfterItsLastEntries) {
+  const TempDir dir;
+  const std::string entry = "2026-01-31 10:20:30.001 [0A1B2C3D] App           entry ";
+  WriteFile(dir.File("log"), entry + "1\n");
+  Followed followed(dir.File("log"));
+  followed.Look();
+  WriteFile(dir.File("log"), entry + "1\n" + entry + "2\n");
+  std::filesystem::rename(dir.File("log"), dir.File("old"));
+  followed.Look();
+  WriteFile(dir.File("log"), entry + "3\n");
+  followed.Look();
+  EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n", "entry 3\n"));
+  EXPECT_EQ(followed.Restarts(), 1);
+}
+
+TEST(TraceFollowRestart, HalfAnEntryIsNotGiven) {
+  const TempDir dir;
+  const std::string entry = "2026-01-31 10:20:30.001 [0A1B2C3D] App           entry ";
+  WriteFile(dir.File("log"), entry + "1\n" + entry);
+  Followed followed(dir.File("log"));
+  followed.Look();
+  EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n"));
+  WriteFile(dir.File("log"), entry + "1\n" + entry + "2\n");
+  followed.Look();
+  EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n"));
+}
+
+// The writer never waits for the reader: whatever the reader gives is in order, once, and what is missing was told.
+class TraceFollowThreads : public testing::TestWithParam<Setting> {};
+
+TEST_P(TraceFollowThreads, LiveWriterIsFollowedWithoutRepeatingOrSilentlyLosing) {
+  Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
+  Followed followed(writer.Path());
+  std::atomic<bool> is_done{false};
+  std::thread thread([&] {
+    for (int i = 0; i < 400; ++i) {
+      writer.Write(5);
+      ::usleep(50);
+    }
+    is_done = true;
+  });
+  while (!is_done) (void)followed.LookOnce();
+  thread.join();
+  followed.Look();
+  const auto& written = writer.Written();
+  std::size_t next = 0;
+  std::size_t missing = 0;
+  for (const std::string& text : followed.Texts()) {
+    std::size_t at = next;
+    while (at < written.size() && written[at] != text) ++at;
+    ASSERT_LT(at, written.size()) << "repeated, out of order or cut: " << text;
+    missing += at - next;
+    next = at + 1;
+  }
+  EXPECT_EQ(next, written.size()) << "the newest entry is given";
+  if (followed.LostBytes() == 0) EXPECT_EQ(missing, 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, TraceFollowThreads, testing::Values(Setting{20000, 0}, Setting{51200, 200000}),
+                         [](const auto& named) { return named.param.ring_bytes != 0 ? "Ring" : "Log"; });
+
+}  // namespace qx::test

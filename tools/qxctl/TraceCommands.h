@@ -1,0 +1,21 @@
+// The parts of qxctl trace, each in a source of its own.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "tools/qxctl/Commands.h"
+#include "tools/qxctl/TraceText.h"
+
+namespace qx::ctl {
+
+void AddTraceShow(CLI::App& trace, Context& context);
+void AddTraceFollow(CLI::App& trace, Context& context);
+void AddTraceConfig(CLI::App& trace, Context& context);
+
+// The options that choose entries, for show and follow.
+void AddTraceFilterOptions(CLI::App& command, TraceFilterOptions& options);
+
+// Opens a trace file for reading; kNotFound when there is none.
+Status OpenTraceFile(const std::string& path, debug::TraceFile& file);
+
+}  // namespace qx::ctl
