@@ -190,13 +190,13 @@ TEST_F(DirectoryCopy, ModesAreSubjectToTheFileCreationMask) {
 }
 
 TEST_F(DirectoryCopy, ANewFileHasThePermissionBitsOfItsSourceAndNoOthers) {
-  for (const mode_t mode : {0600, 0640, 0755, 0444, 04755}) {
+  for (const mode_t mode : {0600U, 0640U, 0755U, 0444U, 04755U}) {
     const std::string name = "/f" + std::to_string(mode);
     WriteFile(from_ + name, "x");
     ASSERT_EQ(chmod((from_ + name).c_str(), mode), 0);
   }
   EXPECT_TRUE(Copy());
-  for (const mode_t mode : {0600, 0640, 0755, 0444}) EXPECT_EQ(ModeOf(to_ + "/f" + std::to_string(mode)), mode);
+  for (const mode_t mode : {0600U, 0640U, 0755U, 0444U}) EXPECT_EQ(ModeOf(to_ + "/f" + std::to_string(mode)), mode);
   EXPECT_EQ(ModeOf(to_ + "/f" + std::to_string(04755)), 0755U);
 }
 
