@@ -1,4 +1,5 @@
-// The worked sessions of docs/qxctl.md are run as they stand and compared with what is printed there.
+// The worked sessions of docs/qxctl.md and docs/operations.md are run as they stand and compared with what is printed
+// there.
 #include <gtest/gtest.h>
 #include <regex.h>
 
@@ -45,6 +46,7 @@ std::string WithoutWhatVaries(std::string text) {
   std::erase(text, '\r');
   text = WithNumbersHidden(text, "()([0-9.]+)( ms| MB/s)");
   text = WithNumbersHidden(text, "(econds\"|Second\")(: [-+0-9.e]+)(,|)");
+  text = WithNumbersHidden(text, "(\\.partial-)([A-Za-z0-9]{6})(:)");
   return WithNumbersHidden(text, "( version=\"| date=\")([-0-9./:]+)(\")");
 }
 
@@ -52,10 +54,10 @@ class QxctlDocs : public testing::Test, protected QxctlFixture {
  protected:
   QxctlDocs() { std::filesystem::remove(Dir().File("Reports")); }
 
-  void ExpectAsPrinted(const std::string& example) const {
+  void ExpectAsPrinted(const std::string& example, const std::string& page = "qxctl.md") const {
     Start start = StartHere();
     start.environment["QXCTL"] = QxctlPath();
-    const std::string session = DocExample("qxctl.md", example);
+    const std::string session = DocExample(page, example);
     EXPECT_EQ(WithoutWhatVaries(Replay(session, start)), WithoutWhatVaries(session)) << example;
   }
 };
@@ -69,6 +71,12 @@ TEST_F(QxctlDocs, EverySessionPrintsWhatThePageShows) {
         "reports", "reports-json", "fetch",      "fetch-json",  "refused",      "not-found", "omit",
         "trace",   "names",        "names-json", "registry-ls", "registry-get", "ini"}) {
     ExpectAsPrinted(example);
+  }
+}
+
+TEST_F(QxctlDocs, EverySessionOfTheOperationsPagePrintsWhatThePageShows) {
+  for (const char* const example : {"set-up", "verify", "damaged", "salvage", "replace", "backup", "plan", "restore"}) {
+    ExpectAsPrinted(example, "operations.md");
   }
 }
 

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 
 #include "tests/provider/ReportRoot.h"
@@ -157,7 +156,6 @@ TEST_F(StoreRestore, AFailedRestoreNamesAFileThatIsMissingAndKeepsTheBackup) {
   const RestoreResult result = Restore({.consume = true});
   EXPECT_EQ(result.state, RestoreState::kFailed);
   EXPECT_THAT(result.file, testing::StartsWith(reports_ + "/load."));
-  EXPECT_EQ(result.error, EISDIR);
   EXPECT_THAT(NamesIn(backup_), ElementsAre("load.dat", "load.ind", "load.names"));
 }
 

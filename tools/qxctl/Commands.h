@@ -22,6 +22,7 @@ void AddFetchCommand(CLI::App& app, Context& context);     // fetch
 void AddIniCommand(CLI::App& app, Context& context);       // ini list, get
 void AddNamesCommand(CLI::App& app, Context& context);     // names
 void AddRegistryCommand(CLI::App& app, Context& context);  // registry ls, get
-void AddReportCommand(CLI::App& app, Context& context);    // report create, append, cat, info
+void AddReportCommand(CLI::App& app, Context& context);    // report create, append, cat, info, verify, ...
+void AddTraceCommand(CLI::App& app, Context& context);     // trace show, follow, config
 
 }  // namespace qx::ctl

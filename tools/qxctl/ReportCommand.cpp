@@ -19,6 +19,7 @@
 #include "reportfile/ReportFileBase.h"
 #include "reportfile/StoreFormat.h"
 #include "tools/qxctl/Commands.h"
+#include "tools/qxctl/ReportTools.h"
 
 namespace qx::ctl {
 
@@ -260,6 +261,8 @@ void AddReportCommand(CLI::App& app, Context& context) {
   AddPart(report, context, "info", "Print the header and the sizes", options, [&context](const Options& given) {
     return Info(context, given);
   }).add_flag("--json", options->json, "Print them as JSON");
+  AddReportCheckCommands(report, context);
+  AddReportBackupCommands(report, context);
 }
 
 }  // namespace qx::ctl
