@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
@@ -196,6 +197,57 @@ TEST_F(QxctlTrace, FileThatIsNoTraceFileIsAFinding) {
   EXPECT_EQ(ran.code, 1);
   EXPECT_EQ(ran.out, "    ? hello\n");
   EXPECT_EQ(ran.err, "qxctl: log.app: there is no trace entry in it\n");
+}
+
+TEST_F(QxctlTrace, FollowPrintsWhatIsWrittenUntilItIsInterrupted) {
+  Write("log.app", Entry(1, "one"));
+  Child child({QxctlPath(), "trace", "follow", "log.app"}, StartHere());
+  std::string out = child.ReadSome();
+  Write("log.app", Entry(1, "one") + Entry(2, "two\nof two"));
+  out += child.ReadSome();
+  child.Kill(SIGINT);
+  const Ran ran = child.Wait();
+  EXPECT_EQ(ran.code, -SIGINT);
+  EXPECT_EQ(out + ran.out,
+            "2026-01-31 10:20:30.001 [000000A1] QxTrace       one\n"
+            "2026-01-31 10:20:30.002 [000000A1] QxTrace       two\n"
+            "    | of two\n");
+  EXPECT_EQ(ran.err, "");
+}
+
+TEST_F(QxctlTrace, FollowTellsThatTheLogWasStartedOver) {
+  Write("log.app", Entry(1, "one") + Entry(2, "two"));
+  Child child({QxctlPath(), "trace", "follow", "log.app", "--json"}, StartHere());
+  std::string out = child.ReadSome();
+  while (out.find("two") == std::string::npos) out += child.ReadSome();
+  Write("log.app", Entry(3, "three"));
+  while (out.find("three") == std::string::npos) out += child.ReadSome();
+  child.Kill(SIGTERM);
+  const Ran ran = child.Wait();
+  EXPECT_EQ(ran.code, -SIGTERM);
+  EXPECT_THAT(out, HasSubstr("{\"kind\":\"restart\"}\n"));
+  EXPECT_EQ(ran.err, "qxctl: log.app was started over; what had been written meanwhile is lost\n");
+}
+
+TEST_F(QxctlTrace, FollowOfAMissingFileIsNotFound) {
+  EXPECT_EQ(Qxctl({"trace", "follow", "log.app"}).code, 4);
+  EXPECT_EQ(Qxctl({"trace", "follow", "Reports"}).code, 6) << "a directory";
+}
+
+TEST_F(QxctlTrace, ConfigSaysWhereEachSettingComesFrom) {
+  ASSERT_EQ(mkdir(Dir().File("config").c_str(), 0700), 0);
+  Write("config/a.ini", "[QxTrace]\nFileDebugLevel=0x10\nTraceFlags=7\n[EndOfFile]\n");
+  Start start = StartHere();
+  start.environment["QX_LOG_DEBUG_LEVEL"] = "3";
+  const Ran ran = Qxctl({"trace", "config", "--app", "QxTrace", "--directory", "config", "--json"}, start);
+  EXPECT_EQ(ran.code, 0);
+  const json document = json::parse(ran.out);
+  EXPECT_EQ(document["application"], "QxTrace");
+  EXPECT_EQ(
+      document["settings"][1],
+      json::parse(R"({"setting": "level", "value": "3", "source": "environment", "variable": "QX_LOG_DEBUG_LEVEL"})"));
+  EXPECT_EQ(document["settings"][2], json::parse(R"({"setting": "trace flags", "value": "7", "source": "file",
+            "key": "TraceFlags", "section": "QxTrace", "file": "config/a.ini"})"));
 }
 
 // The same transfer, once traced into a log and once into a ring: the same entries, but for their stamps and threads.

@@ -84,6 +84,7 @@ ExitCode Qxctl(int argc, char** argv) {
   AddNamesCommand(app, context);
   AddRegistryCommand(app, context);
   AddIniCommand(app, context);
+  AddTraceCommand(app, context);
   return ParseAndRun(app, context, trace_options, argc, argv);
 }
 
