@@ -1,0 +1,145 @@
+// Edges that the other tests of the documents do not reach: edits beyond the first record segment, the services under a
+// locale whose characters lie above 127, whole alphabets.
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <clocale>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "markup/Markup.h"
+#include "tests/markup/Outline.h"
+#include "tests/support/Support.h"
+
+namespace {
+
+using qx::test::Records;
+
+constexpr std::uint32_t kSegmentRecords = 65536;
+
+// A root with `elements` children <e n="NUMBER"/>: all that fit the first segment parsed, but for a few, and the rest
+// added one after the other.
+CMarkup WithChildren(int elements) {
+  constexpr int kParsed = 65500;
+  std::string text = "<r>";
+  for (int i = 0; i < kParsed; ++i) text += "<e n=\"" + std::to_string(i) + "\"/>";
+  CMarkup markup(text + "</r>");
+  EXPECT_TRUE(markup.FindElem());
+  for (int i = kParsed; i < elements; ++i) {
+    EXPECT_TRUE(markup.AddChildElem("e"));
+    EXPECT_TRUE(markup.SetChildAttrib("n", i));
+  }
+  return markup;
+}
+
+TEST(MarkupEdges, ElementsAddedBeyondTheFirstSegmentAreFoundChangedAndRead) {
+  constexpr int kElements = 66000;
+  CMarkup markup = WithChildren(kElements);
+  EXPECT_EQ(markup.RecordCount(), kElements + 2U);
+  EXPECT_EQ(markup.ChildPosition(), kElements + 1U);
+
+  // The last record of the first segment and the first of the second.
+  for (const int number : {65533, 65534, 65535, kElements - 1}) {
+    ASSERT_TRUE(markup.FindElem(("/r/e[" + std::to_string(number + 1) + "]").c_str()));
+    EXPECT_EQ(markup.MainPosition(), static_cast<std::uint32_t>(number) + 2);
+    EXPECT_EQ(markup.GetAttrib("n"), std::to_string(number));
+    ASSERT_TRUE(markup.SetData("text"));
+    EXPECT_EQ(markup.GetData(), "text");
+  }
+  EXPECT_TRUE(markup.CheckInvariants());
+  EXPECT_EQ(Records(markup), Records(CMarkup(markup.GetDoc())));
+}
+
+TEST(MarkupEdges, RecordsReleasedInTheSecondSegmentAreUsedFirst) {
+  CMarkup markup = WithChildren(66000);
+  const std::uint32_t records = markup.RecordCount();
+  ASSERT_TRUE(markup.FindElem("/r/e[65900]"));
+  ASSERT_GT(markup.MainPosition(), kSegmentRecords);
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(markup.RemoveElem());
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(markup.AddElem("new"));
+    EXPECT_GT(markup.MainPosition(), kSegmentRecords);
+    EXPECT_LT(markup.MainPosition(), records);
+  }
+  EXPECT_EQ(markup.RecordCount(), records);
+  EXPECT_TRUE(markup.CheckInvariants());
+  EXPECT_EQ(Records(markup), Records(CMarkup(markup.GetDoc())));
+}
+
+TEST(MarkupEdges, RemovingARootOfTwoSegmentsReleasesEveryRecord) {
+  CMarkup markup = WithChildren(66000);
+  const std::uint32_t records = markup.RecordCount();
+  ASSERT_TRUE(markup.RemoveElem());
+  EXPECT_EQ(markup.GetDoc(), "");
+  ASSERT_TRUE(markup.AddElem("r"));
+  bool is_second_segment_used = false;
+  for (int i = 0; i < 2000; ++i) {
+    ASSERT_TRUE(markup.AddChildElem("e"));
+    is_second_segment_used = is_second_segment_used || markup.ChildPosition() > kSegmentRecords;
+  }
+  EXPECT_TRUE(is_second_segment_used);
+  EXPECT_EQ(markup.RecordCount(), records);
+  EXPECT_TRUE(markup.CheckInvariants());
+}
+
+TEST(MarkupEdges, NamesAreComparedOverALengthAndInAnyCaseWhereAsked) {
+  EXPECT_EQ(CMarkup::x_StrNCmp("abc", "abd", 2), 0);
+  EXPECT_NE(CMarkup::x_StrNCmp("abc", "abd", 3), 0);
+  EXPECT_NE(CMarkup::x_StrNCmp("abc", "ABC", 3), 0);
+  EXPECT_EQ(CMarkup::x_StrNCmp("abc[`{@", "ABC[`{@", 7, true), 0);
+  EXPECT_NE(CMarkup::x_StrNCmp("[", "{", 1, true), 0);        // 32 apart like a letter's two forms
+  EXPECT_NE(CMarkup::x_StrNCmp("\xC4", "\xE4", 1, true), 0);  // letters of the ASCII set only
+  EXPECT_EQ(CMarkup::x_StrNCmp("a", "b", 0), 0);
+}
+
+TEST(MarkupEdges, EveryBase64DigitStandsForItsNumber) {
+  const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  for (unsigned number = 0; number < 64; ++number) {
+    const auto byte = static_cast<unsigned char>(number << 2U);
+    const std::string coded = CMarkup::EncodeBase64(&byte, 1);
+    EXPECT_EQ(coded, digits.substr(number, 1) + "A==");
+    unsigned char decoded = 0;
+    EXPECT_EQ(CMarkup::DecodeBase64(coded.c_str(), &decoded, 1), 1);
+    EXPECT_EQ(decoded, byte);
+  }
+}
+
+// A locale made for the test in which the bytes above 127 are letters and marks of Latin-1.
+class Latin1Locale {
+ public:
+  Latin1Locale() : path_("LOCPATH", dir_.Path().c_str()), before_(std::setlocale(LC_ALL, nullptr)) {
+    const std::string make =
+        "localedef -c -i en_US -f ISO-8859-1 '" + dir_.File("qx_latin1") + "' >/dev/null 2>&1 </dev/null";
+    (void)!std::system(make.c_str());
+    is_set_ = std::setlocale(LC_ALL, "qx_latin1") != nullptr;
+  }
+  ~Latin1Locale() { std::setlocale(LC_ALL, before_.c_str()); }
+  Latin1Locale(const Latin1Locale&) = delete;
+  Latin1Locale& operator=(const Latin1Locale&) = delete;
+  bool IsSet() const { return is_set_; }
+
+ private:
+  qx::test::TempDir dir_;
+  qx::test::ScopedEnv path_;
+  std::string before_;
+  bool is_set_ = false;
+};
+
+TEST(MarkupEdges, AHostsLocaleOfLettersAbove127ChangesNothing) {
+  const Latin1Locale locale;
+  if (!locale.IsSet()) GTEST_SKIP() << "the locale sources are not installed (package locales)";
+  ASSERT_TRUE(std::isprint(0xE4) != 0 && std::isalpha(0xE4) != 0 && std::tolower(0xC4) == 0xE4);
+
+  EXPECT_EQ(CMarkup::EscapeTextBinary("a\xE4\xA0", 0), "a&#xE4;&#xA0;");
+  EXPECT_EQ(CMarkup::UnescapeText("&am\xC4;&\xC4;"), "&am\xC4;&\xC4;");
+  CMarkup markup;
+  markup.SetDocFlags(CMarkup::kDocIgnoreCase);
+  EXPECT_FALSE(markup.SetDoc("<\xC4></\xE4>"));
+  EXPECT_TRUE(markup.SetDoc("<a\xA0z x='\xA0'></a\xA0z>"));  // no white space outside the ASCII set
+  ASSERT_TRUE(markup.FindElem());
+  EXPECT_EQ(markup.GetTagName(), "a\xA0z");
+  EXPECT_EQ(CMarkup::GetEncodingCodePage("\xC4"), -1);
+}
+
+}  // namespace
