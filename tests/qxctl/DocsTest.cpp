@@ -74,6 +74,10 @@ TEST_F(QxctlDocs, EverySessionPrintsWhatThePageShows) {
   }
 }
 
+TEST_F(QxctlDocs, EverySessionAboutTracesPrintsWhatThePageShows) {
+  for (const char* const example : {"trace-show", "trace-config"}) ExpectAsPrinted(example);
+}
+
 TEST_F(QxctlDocs, EverySessionOfTheOperationsPagePrintsWhatThePageShows) {
   for (const char* const example : {"set-up", "verify", "damaged", "salvage", "replace", "backup", "plan", "restore"}) {
     ExpectAsPrinted(example, "operations.md");
