@@ -3,6 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -67,10 +72,83 @@ TEST(CriticalSection, CleanupHandlerFreesTheLockWhateverItsDepth) {
   EXPECT_TRUE(OtherThreadCanLock(lock));
 }
 
-TEST(CriticalSection, DestructionWhileHeldByTheCallerIsClean) {
-  CCriticalSection lock;
-  lock.Lock();
-  lock.Lock();
+// A lock in plain memory, which can be looked at field by field, also after the lock's end.
+class LockInMemory {
+ public:
+  static constexpr std::size_t kOwnerOffset = 40;
+  static constexpr std::size_t kCountOffset = 48;
+  static constexpr std::size_t kValidOffset = 52;
+
+  CCriticalSection& Lock() { return *lock_; }
+  void End() { lock_->~CCriticalSection(); }
+
+  pthread_t Owner() const { return Field<pthread_t>(kOwnerOffset); }
+  std::int32_t Count() const { return Field<std::int32_t>(kCountOffset); }
+  bool IsValid() const { return memory_[kValidOffset] != 0; }
+  void SetValid(bool valid) { memory_[kValidOffset] = valid ? 1 : 0; }
+
+  // What the system says of taking the mutex, which is given back at once: 0, EBUSY, or EINVAL for a destroyed one.
+  int TryMutex() {
+    auto* mutex = reinterpret_cast<pthread_mutex_t*>(memory_);
+    const int result = pthread_mutex_trylock(mutex);
+    if (result == 0) pthread_mutex_unlock(mutex);
+    return result;
+  }
+
+ private:
+  template <typename T>
+  T Field(std::size_t offset) const {
+    T field;
+    std::memcpy(&field, memory_ + offset, sizeof field);
+    return field;
+  }
+
+  alignas(CCriticalSection) unsigned char memory_[sizeof(CCriticalSection)] = {};
+  CCriticalSection* lock_ = new (memory_) CCriticalSection;
+};
+
+TEST(CriticalSection, MutexOwnerCountAndValidStandInThisOrder) {
+  LockInMemory memory;
+  EXPECT_EQ(memory.Owner(), pthread_t{0});
+  EXPECT_TRUE(memory.IsValid());
+  EXPECT_EQ(memory.TryMutex(), 0);
+  memory.Lock().Lock();
+  memory.Lock().Lock();
+  EXPECT_EQ(memory.Owner(), pthread_self());
+  EXPECT_EQ(memory.Count(), 2);
+  EXPECT_EQ(memory.TryMutex(), EBUSY);
+  memory.Lock().Unlock();
+  EXPECT_EQ(memory.Owner(), pthread_self());
+  memory.Lock().Unlock();
+  EXPECT_EQ(memory.Owner(), pthread_t{0});
+  EXPECT_EQ(memory.Count(), 0);
+  EXPECT_EQ(memory.TryMutex(), 0);
+  memory.End();
+}
+
+TEST(CriticalSection, WithoutAMutexItLocksNothing) {
+  LockInMemory memory;
+  memory.SetValid(false);
+  memory.Lock().Lock();
+  EXPECT_EQ(memory.Count(), 0);
+  EXPECT_EQ(memory.Owner(), pthread_t{0});
+  EXPECT_EQ(memory.TryMutex(), 0);
+  memory.Lock().Unlock();
+  CCriticalSection::CleanupHandlerForCritSecMutex(&memory.Lock());
+  EXPECT_EQ(memory.TryMutex(), 0);  // unlocking a free mutex would have left it unusable
+  memory.End();
+  EXPECT_EQ(memory.TryMutex(), 0);  // there was none to destroy
+  memory.SetValid(true);
+  memory.End();
+}
+
+// The system refuses to destroy a locked mutex and leaves it as it is.
+TEST(CriticalSection, DestructionWhileHeldByTheCallerFreesTheMutexAndDestroysIt) {
+  LockInMemory memory;
+  memory.Lock().Lock();
+  memory.Lock().Lock();
+  memory.End();
+  EXPECT_EQ(memory.TryMutex(), EINVAL);
 }
 
 }  // namespace

@@ -182,6 +182,18 @@ TEST(Process, CommandRunsInItsDirectoryAndTheProcessGoesBack) {
   EXPECT_EQ(CurrentDir(), before);
 }
 
+TEST(Process, AsynchronousCommandRunsInItsDirectoryAndTheProcessIsBackAtOnce) {
+  const Script script("pwd > \"$(dirname \"$0\")/where\"\n");
+  const TempDir dir;
+  const std::string before = CurrentDir();
+  unsigned pid = 0;
+  unsigned exit_code = 1;
+  EXPECT_TRUE(CProcess::ExecuteCmdAsync(script.Path().c_str(), pid, dir.Path().c_str(), false, false));
+  EXPECT_EQ(CurrentDir(), before);
+  EXPECT_TRUE(CProcess::WaitForExit(pid, exit_code, 0));
+  EXPECT_EQ(ReadFile(script.File("where")), dir.Path() + "\n");
+}
+
 TEST(Process, EmptyOrCurrentDirectoryIsNoChange) {
   EXPECT_TRUE(RunCommand("true", "").result);
   EXPECT_TRUE(RunCommand("true", CurrentDir().c_str()).result);
@@ -541,6 +553,38 @@ TEST(ProcessThreads, CommandsRunWhileOtherThreadsAllocateAndHoldDescriptors) {
   for (std::thread& thread : busy) thread.join();
   for (const int descriptor : descriptors) close(descriptor);
   EXPECT_EQ(good, 40);
+}
+
+// Thousands of descriptors of the caller, far above the first hundreds, and more being opened while it forks.
+TEST(ProcessThreads, NoChildInheritsOneOfThousandsOfDescriptors) {
+  rlimit limit = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit raised = {std::min<rlim_t>(limit.rlim_max, 8192), limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+  std::vector<int> descriptors;
+  for (rlim_t i = 0; i + 200 < raised.rlim_cur; ++i) descriptors.push_back(open("/dev/null", O_RDONLY));
+  EXPECT_EQ(std::count(descriptors.begin(), descriptors.end(), -1), 0);
+
+  // The shell has its three, the script itself and a pipe; the thousands would be more.
+  const Script script("test $(ls /proc/$$/fd | wc -l) -le 8\n");
+  std::atomic<bool> stop{false};
+  std::thread opener([&] {
+    while (!stop) close(open("/dev/null", O_RDONLY));
+  });
+  std::atomic<int> good{0};
+  std::vector<std::thread> runners;
+  for (int t = 0; t < 8; ++t) {
+    runners.emplace_back([&] {
+      for (int i = 0; i < 4; ++i) good += RunCommand(script.Path()).result ? 1 : 0;
+    });
+  }
+  for (std::thread& runner : runners) runner.join();
+  stop = true;
+  opener.join();
+  EXPECT_EQ(good, 32);
+  EXPECT_FALSE(RunCommand(script.Path(), nullptr, true).result);  // the script does tell
+  for (const int descriptor : descriptors) close(descriptor);
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 }  // namespace
