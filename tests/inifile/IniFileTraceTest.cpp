@@ -1,8 +1,10 @@
 // Every trace text, at its place and level.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -70,6 +72,20 @@ TEST_F(IniFileTrace, AppendTracesItsCallOnly) { ExpectOnlyAtLevel(4, {Called("S,
 TEST_F(IniFileTrace, EditInPlaceTracesItsResult) {
   qx::test::WriteFile(path_, "[S]\n\nk=1\n");
   ExpectOnlyAtLevel(4, {Called("S, k, v"), "WritePrivateProfileString rc=0x0001"}, Write("S", "k", "v"));
+}
+
+TEST_F(IniFileTrace, EditThatFailsTracesItsResultToo) {
+  const auto write = [this] {
+    qx::test::WriteFile(path_, "[S]\nx=0\nk=long\n" + std::string(20000, 't'));
+    rlimit before = {};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit below_the_files_size = {9000, before.rlim_max};
+    std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &below_the_files_size);
+    EXPECT_FALSE(CIniFile::WritePrivateProfileString("S", "k", "1", path_.c_str()));
+    setrlimit(RLIMIT_FSIZE, &before);
+  };
+  ExpectOnlyAtLevel(4, {Called("S, k, 1"), "WritePrivateProfileString rc=0x0000"}, write);
 }
 
 TEST_F(IniFileTrace, MissingKeyAndValueAreShownAsNil) {

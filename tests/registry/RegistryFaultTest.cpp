@@ -124,6 +124,15 @@ TEST_F(RegistryFault, SetupThatThrowsIsTracedAndNotRetried) {
             "CRegistry: SetupTree(): ## ERROR during Setup\n");
 }
 
+TEST_F(RegistryFault, SetupThatThrowsTracesNothingBelowLevelTwo) {
+  const qx::test::TraceCapture capture(1);
+  qx::test::AllocationsLeft() = 0;
+  CRegistry::SetupTree(false);
+  qx::test::AllocationsLeft() = -1;
+  EXPECT_TRUE(CRegistry::MIsSetup);
+  EXPECT_EQ(capture.Text(), "");
+}
+
 TEST_F(RegistryFault, FileThatAThrowingSetupNeverReadIsKept) {
   qx::test::AllocationsLeft() = 0;
   CRegistry::SetupTree(false);
