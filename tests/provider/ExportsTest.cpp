@@ -14,6 +14,7 @@
 #include "provider/KrxRequestParams.h"
 #include "provider/Low32.h"
 #include "provider/ModuleExports.h"
+#include "tests/provider/FailingMalloc.h"
 #include "tests/provider/FailingNew.h"
 #include "tests/support/BlockBuilder.h"
 #include "tests/support/Support.h"
@@ -22,6 +23,7 @@ namespace {
 
 using qx::provider::Low32;
 using qx::test::BlockBuilder;
+using qx::test::FailingMalloc;
 using qx::test::FailingNew;
 using qx::test::TraceCapture;
 
@@ -206,6 +208,38 @@ TEST_F(Exports, EveryFailedAllocationOfARequestEndsInMinusOneOrTheWholeReply) {
     EXPECT_GT(nth, 3) << "the sweep met no allocation";
   }
   __threadend(block_->Entry(0)->value);
+}
+
+constexpr char kNoDuplicate[] =
+    "WCSP_MAIN           : ## FATAL ERROR in ReplyString(): strdup() failed when returning reply data";
+
+TEST_F(Exports, ReplyThatCannotBeDuplicatedIsNullAndTracedAsFatal) {
+  const std::string whole = Called(What, block_->Block(), "").text;
+  for (const int level : {1, 6}) {
+    const TraceCapture trace(level);
+    char garbage = 0;
+    char* reply = &garbage;
+    {
+      const FailingMalloc failing(whole.size() + 1);
+      EXPECT_EQ(What(block_->Block(), "", &reply), 0);
+      EXPECT_TRUE(failing.HasFailed());
+    }
+    EXPECT_EQ(reply, nullptr);
+    EXPECT_EQ(trace.Entries().back(), kNoDuplicate);
+    EXPECT_EQ(trace.Entries().size(), level == 1 ? 1U : 5U);
+  }
+}
+
+TEST_F(Exports, TextThatCannotBeDuplicatedIsNullAndTracedAsFatal) {
+  for (const int level : {0, 1, 6}) {
+    const TraceCapture trace(level);
+    const FailingMalloc failing(sizeof "some reply");
+    EXPECT_EQ(CKrxAdapterModule::ReplyString("some reply"), nullptr);
+    std::string expected;
+    if (level == 6) expected = "WCSP_MAIN           : ReplyString - duplicated pString = 0x00000000\n";
+    if (level != 0) expected += std::string(kNoDuplicate) + "\n";
+    EXPECT_EQ(trace.Text(), expected);
+  }
 }
 
 // A service that cancels its thread in the middle of a request: the unwinding has to reach the thread's first frame.

@@ -1,0 +1,332 @@
+// What the frame traces around and in the operations, at each level: every line from its own level on, and not below
+// it.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "provider/ModuleExports.h"
+#include "tests/provider/TransferFixture.h"
+
+namespace {
+
+using qx::test::BlockBuilder;
+using qx::test::TraceCapture;
+
+struct Line {
+  int level;
+  std::string text;
+};
+using Lines = std::vector<Line>;
+
+Lines operator+(Lines lines, const Lines& more) {
+  lines.insert(lines.end(), more.begin(), more.end());
+  return lines;
+}
+
+// The captured lines without the registry's, and with marks for what differs from run to run.
+std::string Seen(const TraceCapture& trace) {
+  std::string text;
+  for (const std::string& entry : trace.Entries()) {
+    if (!entry.starts_with("CRegistry")) text += entry + "\n";
+  }
+  const std::pair<const char*, const char*> marks[] = {
+      {"0x0x[0-9a-f]+", "0xADDRESS"},
+      {"pointer data at 0x[0-9a-f]+", "pointer data at ADDRESS"},
+      {"(pString|pAdapterModule|address|memory at)( = | )?0x[0-9A-F]{8}(?![0-9A-F])", "$1$2LOW32"},
+      {"([ d][iI]d=)-?[0-9]+", "$1ID"},
+      {"current thread ID = -?[0-9]+", "current thread ID = ID"},
+      {"for user \"-?[0-9]+\"", "for user \"NUMBER\""},
+  };
+  for (const auto& [pattern, mark] : marks) text = std::regex_replace(text, std::regex(pattern), mark);
+  return text;
+}
+
+class FrameTrace : public qx::test::TransferFixture {
+ protected:
+  ~FrameTrace() override { pAdapterModule = nullptr; }
+
+  // Runs `call` at every level with a module object that was made before, and a block of its own.
+  static void Expect(const Lines& lines, const std::function<void(BlockBuilder&)>& call,
+                     const std::function<void(BlockBuilder&)>& prepare = {}) {
+    for (int level = 0; level <= 6; ++level) {
+      CFileTransferProvider module;
+      ASSERT_TRUE(module.Init(nullptr));
+      pAdapterModule = &module;
+      const auto block = BlockBuilder::Request("Function");
+      if (prepare) prepare(*block);
+      std::string seen;
+      {
+        const TraceCapture trace(level);
+        call(*block);
+        seen = Seen(trace);
+      }
+      std::string expected;
+      for (const Line& line : lines) {
+        if (line.level <= level) expected += line.text + "\n";
+      }
+      EXPECT_EQ(seen, expected) << "level " << level;
+      delete static_cast<CThreadData*>(block->Entry(0)->value);
+      pAdapterModule = nullptr;
+    }
+  }
+
+  // One request as the service makes it, with its reply given back.
+  static std::function<void(BlockBuilder&)> Call(QxRequestFunction function, const std::string& input, int result) {
+    return [=](BlockBuilder& block) {
+      char* reply = nullptr;
+      EXPECT_EQ(function(block.Block(), input.c_str(), &reply), result);
+      if (reply != nullptr) __free(reply);
+    };
+  }
+};
+
+const Lines kReplyAndFree = {
+    {6, "WCSP_MAIN           : ReplyString - duplicated pString = LOW32"},
+    {6, "WCSP_MAIN Free      : Delete memory at LOW32"},
+    {6, "WCSP_MAIN           : FreeReplyString - free address LOW32"},
+};
+
+TEST_F(FrameTrace, LifeOfTheModuleObject) {
+  Expect(
+      {
+          {1, ""},
+          {3, "----------------------------------------------------------------------------------------------------"},
+          {1, "*** KRX Provider library loaded ***"},
+          {4, ""},
+          {3, "KRX Provider        : DLL name:        QXRemConXfer"},
+          {3, "KRX Provider        : File Version:    1.2.3"},
+          {3, "KRX Provider        : Company:         Norrlek"},
+          {3, "KRX Provider        : Milestone:       -"},
+          {3, "KRX Provider        : Build:           2026/01/31-10:20"},
+          {6, "WCSP_MAIN Create    : CreateModule - allocate pAdapterModule = LOW32"},
+          {6, "WCSP_MAIN Delete    : DeleteModule - delete pAdapterModule = LOW32"},
+          {1, "*** KRX Provider library unload ***"},
+      },
+      [](BlockBuilder&) {
+        EXPECT_EQ(CreateModule(nullptr), 1);
+        DeleteModule();
+      });
+}
+
+TEST_F(FrameTrace, What) {
+  Expect(Lines{{2, "WCSP_MAIN What      : KRX function call: Function"},
+               {2, "WCSP_MAIN What      :   from: QxTest@192.0.2.1"},
+               {2,
+                "WCSP_MAIN What      : -> output data: <QXRemConXfer version=\"1.2.3\" date=\"2026/01/31-10:20\" "
+                "company=\"Norrlek\" milestone=\"-\"/>"}} +
+             kReplyAndFree,
+         Call(What, "", 0));
+}
+
+TEST_F(FrameTrace, Reflect) {
+  Expect(Lines{{2, "WCSP_MAIN Reflect   : KRX function call: Function"},
+               {2, "WCSP_MAIN Reflect   :   from: QxTest@192.0.2.1"},
+               {2, "WCSP_MAIN Reflect   : -> input data:  <a/>"},
+               {2, "WCSP_MAIN Reflect   : -> output data: <a/>"}} +
+             kReplyAndFree,
+         Call(Reflect, "<a/>", 0));
+}
+
+TEST_F(FrameTrace, ReflectOfInputThatIsNotWellFormed) {
+  Expect({{2, "WCSP_MAIN Reflect   : KRX function call: Function"},
+          {2, "WCSP_MAIN Reflect   :   from: QxTest@192.0.2.1"},
+          {3, "WCSP_MAIN Reflect   : -> no valid XML input data - ignored"}},
+         Call(Reflect, "<a>", 0));
+}
+
+TEST_F(FrameTrace, HooksAndRooms) {
+  Expect(
+      {
+          {4, "WCSP ThreadBegin    : start of thread with id=ID"},
+          {4, "WCSP ThreadEnd      : end of thread with id=ID"},
+          {3, "WCSP_QX ThreadEnd   : __treadend() - free thread specific data"},
+          {5, "WCSP_QX ThreadEnd   :    cleanup user pointer data at (nil)"},
+          {4, "WCSP_QX ThreadEnd   : thread-specific data not available; no cleanup required"},
+          {3, "WCSP_QX ThreadEnd   : __treadend() - free thread specific data"},
+          {5, "WCSP_QX ThreadEnd   :    cleanup user pointer data at ADDRESS"},
+          {4, "WCSP_QX ThreadEnd   :   deleting CThreadData instance..."},
+          {4, "WCSP_QX ThreadEnd   : thread-specific data deleted"},
+          {4, "WCSP HandleVersion  : current adapter library version = V3.04.00 (0x76C0)"},
+          {1, "WCSP StopRequest    : ## Service shutdown initiated"},
+          {6, "WCSP_MAIN           : AllocReplyString - allocate pString = LOW32"},
+          {6, "WCSP_MAIN           : FreeReplyString - free address LOW32"},
+      },
+      [](BlockBuilder&) {
+        __threadbegin();
+        CKrxAdapterModule().__threadend(nullptr);
+        __threadend(nullptr);
+        __threadend(new CThreadData);
+        EXPECT_EQ(__handle_version(), 30400);
+        __stoprequest();
+        CKrxAdapterModule::FreeReplyString(CKrxAdapterModule::AllocReplyString(1));
+      });
+}
+
+TEST_F(FrameTrace, CheckOfABlockWithoutProviderData) {
+  Expect(
+      {
+          {4, "WCSP CheckParams    : Check KRX request parameters..."},
+          {4, "WCSP CheckParams    : Expected krx_gendata header structure:"},
+          {4, "                    :   tag:              KRX"},
+          {4, "                    :   current version:  3.4.0"},
+          {4, "                    :   expected version: 1.7.1"},
+          {4, "WCSP CheckParams    : Got a valid krx_gendata structure:"},
+          {4, "                    :   tag:           KRX"},
+          {4, "                    :   version:       3.4.0"},
+          {4, "                    :   size:          4096 bytes"},
+          {4, "                    :   element count: 5"},
+          {5, "WCSP CheckParams    :   KRX thread ID = 77, current thread ID = ID"},
+          {4, "WCSP CheckParams    : All checks OK"},
+      },
+      [](BlockBuilder& block) {
+        KrxRequestParams params(block.Block());
+        std::string text;
+        unsigned code = 0;
+        EXPECT_TRUE(CKrxAdapterModule().CheckRequestParams(params, text, code));
+      });
+}
+
+const Lines kSecurityDataFound = {
+    {4, "KrxReqestParams     : Find security validation data"},
+    {5, "KrxReqestParams     :   security interceptor structure found"},
+    {4, "KrxReqestParams     :   -> security validation data found, get authorization data..."},
+};
+
+void FindSecurityData(BlockBuilder& block) { (void)KrxRequestParams(block.Block()).FindSecurityValidationData(); }
+
+TEST_F(FrameTrace, SecurityDataWithPrivileges) {
+  Expect(kSecurityDataFound +
+             Lines{
+                 {4, "KrxReqestParams     :     auth user ID=\"admin\", number of departments=2"},
+                 {5, "KrxReqestParams     :     department[0]: \"Operations\", number of privileges=1"},
+                 {5, "KrxReqestParams     :       privilege: \"Read\""},
+                 {5, "KrxReqestParams     :     department[1]: \"Storage\", number of privileges=0"},
+             },
+         FindSecurityData, [](BlockBuilder& block) {
+           block.Security("admin", {{"Operations", {"Read"}}, {"Storage", {}}});
+         });
+}
+
+TEST_F(FrameTrace, SecurityDataWithoutPrivileges) {
+  Expect(kSecurityDataFound +
+             Lines{{4, "KrxReqestParams     :     auth user ID=\"admin\", number of departments=0"},
+                   {1,
+                    "KrxReqestParams     : ## ERROR! No privileges found for user \"NUMBER\" (something wrong "
+                    "here)!"}},
+         FindSecurityData, [](BlockBuilder& block) { block.Security("admin", {}); });
+}
+
+TEST_F(FrameTrace, SecurityDataWithoutAuthorisation) {
+  const krx_validation_data validation{};
+  Expect(kSecurityDataFound + Lines{{1,
+                                     "KrxReqestParams     : ## ERROR! No authorization data found in security "
+                                     "validation data structure!"}},
+         FindSecurityData, [&](BlockBuilder& block) { block.ValidationData(&validation); });
+}
+
+TEST_F(FrameTrace, NoSecurityData) {
+  Expect({kSecurityDataFound[0],
+          kSecurityDataFound[1],
+          {4, "KrxReqestParams     :   -> security validation data NOT found!"}},
+         FindSecurityData, [](BlockBuilder& block) { block.Nested(61); });
+  Expect({kSecurityDataFound[0]}, FindSecurityData);
+}
+
+const Lines kBlockIsGood = {
+    {5, "WCSP_QX GetThrdData :   pThreadData = 0x(nil)"},
+    {5, "WCSP_QX GetThrdData : no thread data allocated yet => alloc CThreadData structure"},
+    {5, "WCSP_QX GetThrdData : CThreadData created, pThreadData = 0xADDRESS, threadId=ID"},
+    {4, "WCSP CheckParams    : Check KRX request parameters..."},
+    {5, "WCSP CheckParams    :   KRX thread ID = 77, current thread ID = ID"},
+    {4, "WCSP CheckParams    : All checks OK"},
+};
+
+// The check of the request writes the other function's name into its column.
+TEST_F(FrameTrace, InstanceNames) {
+  const std::string input = "<ReportInstanceNames Name=\"r1\"/>";
+  const std::string reply =
+      "<ReportInstanceNames Name=\"r1\" Version=\"1\" NrInstances=\"1\">\n<Instance Nr=\"1\">ab</Instance>\n"
+      "</ReportInstanceNames>\n";
+  qx::test::WriteFile(BasePath("r1.names"), "[Quaxel Report Instances]\nVersion=1\nName=n\n[Names]\n1=ab\n");
+  Expect(Lines{{2, "WCSP_QX GetInstances: Get report instance names"}} + kBlockIsGood +
+             Lines{{4, "WCSP_QX GetReports  :   XML input string: \"" + input + "\""}} + kSecurityDataFound +
+             Lines{
+                 {4, "KrxReqestParams     :     auth user ID=\"admin\", number of departments=1"},
+                 {5, "KrxReqestParams     :     department[0]: \"Operations\", number of privileges=1"},
+                 {5, "KrxReqestParams     :       privilege: \"AccessPerformanceMgr\""},
+                 {3, "WCSP_QX GetReports  : WS-TRUST security validation data found - using authorization"},
+                 {3, "WCSP_QX GetReports  : Required access privileges available - access granted"},
+                 {4, "WCSP_QX GetInstances:   XML input string: \"" + input + "\""},
+                 {5, "72 31   r1"},
+                 {3, "WCSP_QX GetInstances: open instance file " + BasePath("r1") + ".names..."},
+                 {3, "WCSP_QX GetInstances:   instance file existing"},
+                 {3, "WCSP_QX GetInstances:   version=1, report name=n"},
+                 {3, "WCSP_QX GetInstances:   entry: 1=ab"},
+                 {3, "WCSP_QX GetInstances:   instance name: ab"},
+                 {5, "61 62   ab"},
+                 {4, "WCSP_QX GetInstances: XML output: \"" + reply + "\""},
+                 {2, "WCSP_QX GetInstances:   file transferred, Version=1, Length=" + std::to_string(reply.size()) +
+                         " bytes"},
+             } +
+             kReplyAndFree,
+         Call(GetReportInstanceNames, input, 0), [](BlockBuilder& block) {
+           block.Security("admin", {{"Operations", {"AccessPerformanceMgr"}}});
+         });
+}
+
+const Lines kNoSecurityData = {
+    {4, "KrxReqestParams     : Find security validation data"},
+    {3, "WCSP_QX GetReports  :   WS-TRUST security validation data not found - no authorization required"},
+};
+
+// Nothing of such input is shown, and nothing is asked of the caller.
+TEST_F(FrameTrace, ReportsForInputThatIsNotWellFormed) {
+  Expect(Lines{{2, "WCSP_QX GetReports  : Transfer report data file"}} + kBlockIsGood +
+             Lines{
+                 {4, ""},
+                 {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
+                 {4, "WCSP_QX GetReports  :   report name: \"\", start index: 0"},
+                 {4, "WCSP_QX GetReports  :   report file path: " + BasePath("")},
+                 {1, "WCSP_QX GetReports  : ## ERROR! Could not read data file for report \"\" (0x00000002)"},
+             } +
+             kReplyAndFree,
+         Call(GetReports, "<ReportData Name=\"r1\">", 12));
+}
+
+// A record that is over both limits is stopped by the chunk's, which is looked at first.
+TEST_F(FrameTrace, ChunkLimitComesBeforeTheRecordLimit) {
+  const std::string half(0x80000, 'h');
+  Append("r1", 10, {half, half});
+  const std::string input = "<ReportData Name=\"r1\" StartIndex=\"0\" NrRecords=\"1\"/>";
+  const std::string entry = "WCSP_QX GetReports  :   --> entry: ";
+  Expect(Lines{{2, "WCSP_QX GetReports  : Transfer report data file"}} + kBlockIsGood +
+             Lines{{4, "WCSP_QX GetReports  :   XML input string: \"" + input + "\""}} + kNoSecurityData +
+             Lines{
+                 {4, "72 31   r1"},
+                 {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
+                 {4, "WCSP_QX GetReports  :   report name: \"r1\", start index: 0"},
+                 {4, "WCSP_QX GetReports  :   nr of records to read: 1"},
+                 {4, "WCSP_QX GetReports  :   report file path: " + BasePath("r1")},
+                 {2, "WCSP_QX GetReports  : Get report file \"r1\", total size: 1024 kB, chunk size: 1024 kB"},
+                 {3, "WCSP_QX GetReports  :   oldest index:  0"},
+                 {3, "WCSP_QX GetReports  :   highest index: 2"},
+                 {5, "WCSP_QX GetReports  :   read entry #0, index=0"},
+                 {4, "WCSP_QX GetReports  :     compare oldest index=0 whether changed"},
+                 {5, entry + half.substr(0, 1024 - entry.size())},
+                 {5, "WCSP_QX GetReports  :   read entry #1, index=1"},
+                 {4, "WCSP_QX GetReports  :   --> chunk size limit (1048576) reached, return now"},
+                 {3, "WCSP_QX GetReports  : 1 records read (524290 bytes)"},
+                 {4,
+                  "WCSP_QX GetReports  :   XML reply: \"<ReportData Name=\"r1\" StartIndex=\"0\" "
+                  "NextIndex=\"1\"/>\n\""},
+                 {4, "WCSP_QX GetReports  :   data length = 524290 bytes"},
+                 {4, "WCSP_QX GetReports  :   data:   \"" + half.substr(0, 256) + "...\""},
+             } +
+             kReplyAndFree,
+         Call(GetReports, input, 0));
+}
+
+}  // namespace
