@@ -22,20 +22,17 @@ int TraceFollower::Open() {
 
 // An empty file can still become either.
 void TraceFollower::ChooseKind() {
-  const auto status = file_->Status();
-  if (!status.has_value() || status->st_size == 0) {
-    from_now_ = false;  // whatever comes is new
-    return;
+  file_->TakeSize();
+  if (file_->Size() != 0) {
+    follower_ = IsTraceRing(*file_) ? MakeRingFollower(from_now_) : MakeLogFollower(from_now_);
   }
-  TraceFile file;
-  if (file.Open(path_) != 0) return;
-  follower_ = IsTraceRing(file) ? MakeRingFollower(from_now_) : MakeLogFollower(from_now_);
-  from_now_ = false;
+  from_now_ = false;  // whatever comes later is new
 }
 
 TraceLook TraceFollower::Look() {
   TraceLook look;
   const bool is_same = IsSameFile(look.is_missing);
+  file_->TakeSize();
   if (follower_ == nullptr && is_same) ChooseKind();
   if (follower_ != nullptr) follower_->Look(*file_, look);
   if (is_same || look.is_missing) return look;

@@ -30,6 +30,11 @@ int TraceFile::Open(const std::string& path) noexcept {
   return 0;
 }
 
+void TraceFile::TakeSize() noexcept {
+  const auto status = Status();
+  size_ = status.has_value() ? static_cast<std::uint64_t>(status->st_size) : 0;
+}
+
 std::optional<struct stat> TraceFile::Status() const noexcept {
   struct stat status {};
   if (descriptor_ < 0 || ::fstat(descriptor_, &status) != 0) return std::nullopt;

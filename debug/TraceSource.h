@@ -19,7 +19,7 @@ class TraceSource {
   TraceSource(const TraceSource&) = delete;
   TraceSource& operator=(const TraceSource&) = delete;
 
-  // The size when the source was opened. [owning thread]
+  // The size when the source was opened, or was last asked for its size. [owning thread]
   [[nodiscard]] virtual std::uint64_t Size() const noexcept = 0;
 
   // Reads up to `size` bytes from `offset` on and returns how many came: fewer only at the end of the file or after a
@@ -41,6 +41,9 @@ class TraceFile final : public TraceSource {
 
   // The file's status now; unset when it cannot be told. [owning thread]
   [[nodiscard]] std::optional<struct stat> Status() const noexcept;
+
+  // Takes the size that the file has now. [owning thread]
+  void TakeSize() noexcept;
 
   [[nodiscard]] std::uint64_t Size() const noexcept override { return size_; }
   [[nodiscard]] std::size_t ReadAt(std::uint64_t offset, char* to, std::size_t size) const noexcept override;

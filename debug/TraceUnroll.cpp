@@ -22,10 +22,13 @@ bool IsFiller(const TraceEntry& entry) {
 }
 
 // A wrapped log that a writer goes on with changes behind the line of its wrap; the line itself changes when it wraps
-// again. A ring's header changes with every entry.
+// again. A ring's header changes with every entry, which matters once it has wrapped.
 std::string MarkOf(const TraceSource& source, const TraceLayout& layout) {
   constexpr std::size_t kBeginBytes = 256;
-  if (layout.format == TraceFormat::kRing) return source.BytesAt(0, kRingHeaderBytes);
+  if (layout.format == TraceFormat::kRing) {
+    const bool is_filling = layout.ring->wraps == 0U;
+    return is_filling ? source.BytesAt(kRingWrapsOffset, kRingNumberDigits) : source.BytesAt(0, kRingHeaderBytes);
+  }
   std::string mark = source.BytesAt(0, kBeginBytes);
   if (!layout.wrap.has_value()) return mark;
   mark +=

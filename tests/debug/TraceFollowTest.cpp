@@ -223,6 +223,23 @@ TEST(TraceFollowRestart, FileThatIsReplacedIsFollowedAfterItsLastEntries) {
   EXPECT_EQ(followed.Restarts(), 1);
 }
 
+TEST(TraceFollowRestart, RingThatIsStillBeingMadeIsFollowedFromItsFirstEntry) {
+  Writer writer(51200, 40000);
+  writer.Write(3);
+  const std::string ring = ReadFile(writer.Path());
+  const TempDir dir;
+  WriteFile(dir.File("ring"), "");
+  Followed followed(dir.File("ring"));
+  for (const std::size_t size : {0, 300, 1024, 5000, 39999, 40000}) {
+    WriteFile(dir.File("ring"), ring.substr(0, size));
+    followed.Look();
+    if (size < 5001) {
+      EXPECT_THAT(followed.Texts(), IsEmpty()) << size;
+    }
+  }
+  EXPECT_EQ(followed.Texts(), writer.Written());
+}
+
 TEST(TraceFollowRestart, HalfAnEntryIsNotGiven) {
   const TempDir dir;
   const std::string entry = "2026-01-31 10:20:30.001 [0A1B2C3D] App           entry ";

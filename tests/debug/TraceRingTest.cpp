@@ -132,6 +132,24 @@ TEST(TraceRing, PartsOfAWrappedRingAreNamed) {
   EXPECT_EQ(TextOf(read.entries.back()), "newest\n");
 }
 
+TEST(TraceRing, WriterThatGoesOnIsNoticedOnceTheRingHasWrapped) {
+  RingModel ring(8192);
+  ring.Create(1);
+  ring.Put("one");
+  const WriteThenRead filling(ring.Bytes());
+  ring.Put("two");
+  filling.Replace(ring.Bytes());
+  EXPECT_FALSE(filling.Unroller().HasChanged());
+  for (int i = 0; ring.Wraps() == 0; ++i) ring.Put("entry " + std::to_string(i) + std::string(200, 'x'));
+  filling.Replace(ring.Bytes());
+  EXPECT_TRUE(filling.Unroller().HasChanged());
+  const WriteThenRead wrapped(ring.Bytes());
+  EXPECT_FALSE(wrapped.Unroller().HasChanged());
+  ring.Put("three");
+  wrapped.Replace(ring.Bytes());
+  EXPECT_TRUE(wrapped.Unroller().HasChanged());
+}
+
 TEST(TraceRing, TerminatorInATextIsALineOfIt) {
   RingModel ring(8192);
   ring.Create(0);
