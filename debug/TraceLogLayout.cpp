@@ -44,7 +44,9 @@ std::optional<TraceWrap> WrapOf(const TraceLine& line) {
 
 // A place where the newest entry may end.
 struct Boundary {
-  std::uint64_t newest_line_end = 0;  // behind the first line of the newest entry
+  [[nodiscard]] bool IsKnown() const { return newest_line_end != 0; }
+
+  std::uint64_t newest_line_end = 0;  // behind the first line of the newest entry; 0: not known
   std::uint64_t older_begin = 0;      // the first entry behind it that is whole
 };
 
@@ -70,16 +72,16 @@ class NewestEndScan {
 
   // The place, once every line has been taken; `end` is where the file ends.
   Boundary Decide(std::uint64_t end) {
-    if (first_piece_.has_value() && first_piece_->older_begin == 0) first_piece_->older_begin = end;
-    if (has_headerless_ && !first_piece_.has_value()) first_piece_ = Boundary{previous_line_end_, end};
-    if (drop_behind_piece_.has_value()) return *drop_behind_piece_;
-    if (drop_.has_value()) return *drop_;
+    if (first_piece_.IsKnown() && first_piece_.older_begin == 0) first_piece_.older_begin = end;
+    if (has_headerless_ && !first_piece_.IsKnown()) first_piece_ = Boundary{previous_line_end_, end};
+    if (drop_behind_piece_.IsKnown()) return drop_behind_piece_;
+    if (drop_.IsKnown()) return drop_;
     const Boundary at_end{previous_line_end_, end};
     if (!IsAlike()) return at_end;
     const Boundary before_crossing{before_crossing_line_end_, crossing_entry_begin_};
     const bool has_crossing = crossing_entry_begin_ != 0;
-    if (first_piece_.has_value() && (!has_crossing || first_piece_->older_begin <= crossing_entry_begin_)) {
-      return *first_piece_;
+    if (first_piece_.IsKnown() && (!has_crossing || first_piece_.older_begin <= crossing_entry_begin_)) {
+      return first_piece_;
     }
     return has_crossing ? before_crossing : at_end;
   }
@@ -95,11 +97,11 @@ class NewestEndScan {
  private:
   void TakeHeader(const TraceLine& line, std::optional<std::int64_t> stamp) {
     const Boundary boundary{previous_line_end_, line.begin};
-    if (has_headerless_ && !first_piece_.has_value()) first_piece_ = boundary;
+    if (has_headerless_ && !first_piece_.IsKnown()) first_piece_ = boundary;
     if (stamp.has_value() && previous_stamp_.has_value() && *stamp < *previous_stamp_) {
       ++drop_count_;
-      if (!drop_.has_value()) drop_ = boundary;
-      if (has_headerless_ && !drop_behind_piece_.has_value()) drop_behind_piece_ = boundary;
+      if (!drop_.IsKnown()) drop_ = boundary;
+      if (has_headerless_ && !drop_behind_piece_.IsKnown()) drop_behind_piece_ = boundary;
     }
     if (stamp.has_value()) previous_stamp_ = stamp;
     before_entry_line_end_ = previous_line_end_;
@@ -118,9 +120,9 @@ class NewestEndScan {
   bool has_headerless_ = false;    // lines without a header since then
   std::uint64_t header_count_ = 0;
   int drop_count_ = 0;
-  std::optional<Boundary> drop_;
-  std::optional<Boundary> drop_behind_piece_;
-  std::optional<Boundary> first_piece_;
+  Boundary drop_;
+  Boundary drop_behind_piece_;
+  Boundary first_piece_;
   std::uint64_t crossing_line_end_ = 0;
   std::uint64_t crossing_entry_begin_ = 0;
   std::uint64_t before_crossing_line_end_ = 0;
