@@ -47,11 +47,22 @@ bool LeadsThrough(std::filesystem::path directory, const FileId& id) {
   return true;
 }
 
-// The path that `path` comes to with every link resolved, also if its last components do not exist yet: they would be
-// made just so. Resolved twice, because ".." behind a missing component leads to places that may exist.
+// The path that the absolute `path` comes to with every link resolved. Components that do not exist yet stand for the
+// directories that a copy would make, so ".." leads back out of them.
 std::filesystem::path Resolved(const std::filesystem::path& path) {
-  std::error_code ignored;  // what cannot be resolved cannot be copied to either
-  return std::filesystem::weakly_canonical(std::filesystem::weakly_canonical(path, ignored), ignored);
+  std::filesystem::path resolved = "/";
+  for (const std::filesystem::path& name : path.relative_path()) {
+    if (name.empty() || name == ".") continue;
+    if (name == "..") {
+      resolved = resolved.parent_path();
+      continue;
+    }
+    const std::filesystem::path next = resolved / name;
+    std::error_code error;
+    const std::filesystem::path real = std::filesystem::canonical(next, error);
+    resolved = error ? next : real;
+  }
+  return resolved;
 }
 
 // Of a stat of the backup: whether the deletion would not get at it either.

@@ -194,6 +194,24 @@ TEST_P(DirectoryFaults, EachCallThatFailsIsSaidAndHarmsNothingElse) {
   }
 }
 
+class DirectoryFaultsOnce : public DirectoryFaults {};
+
+TEST_P(DirectoryFaultsOnce, WhatTheSystemFindsNothingInIsReadBlockByBlock) {
+  EXPECT_EQ(RunUnderStrace({"-e", "inject=copy_file_range:retval=0"}), 0);
+  Tree expected = from_;
+  expected["kept.dat"] = "kept";
+  EXPECT_EQ(ContentsOf(dir_.File("to")), expected);
+}
+
+// The limit lies within a block, which is written short; the rest of it meets the reason.
+TEST_P(DirectoryFaultsOnce, TheReasonOfAShortWriteShows) {
+  EXPECT_EQ(RunUnderStrace({"-e", "inject=copy_file_range:error=EXDEV", "prlimit", "--fsize=20000"}), 1);
+  EXPECT_THAT(Log(), HasSubstr(std::string("## ERROR: Could not copy file. ") + std::strerror(EFBIG)));
+  EXPECT_EQ(ReadFile(dir_.File("to/a.dat")), std::string(20000, 'a'));
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenario, DirectoryFaultsOnce, testing::Values("copy"));
+
 INSTANTIATE_TEST_SUITE_P(Scenarios, DirectoryFaults, testing::Values("copy", "copy by blocks", "remove", "restore"),
                          [](const testing::TestParamInfo<const char*>& scenario) {
                            std::string name = scenario.param;

@@ -328,6 +328,14 @@ TEST_F(DirectoryCopy, AFileThatIsItsOwnTargetKeepsItsContents) {
   EXPECT_EQ(ContentsOf(from_), before);
 }
 
+TEST_F(DirectoryCopy, AFileThatIsItsOwnTargetNeedNotBeWritable) {
+  MakeTree(from_, {{"a", "1"}});
+  chmod((from_ + "/a").c_str(), 0444);
+  to_ = from_;
+  EXPECT_TRUE(AsOrdinaryUser(dir_.Path(), [this] { return Copy(); }));
+  EXPECT_EQ(ReadFile(from_ + "/a"), "1");
+}
+
 TEST_F(DirectoryCopy, ALinkBackToTheSourceAsTargetKeepsTheContents) {
   MakeTree(from_, {{"a", "1"}});
   MakeLink("a", from_ + "/b");

@@ -229,6 +229,10 @@ TEST_F(ReportFileBackupGuard, ABackupThatWouldHoldAReportDirectoryNotThereYetIsR
   MakeLink("backup", dir_.File("link"));
   ExpectRefused(dir_.File("link/x"), backup_);
   ExpectRefused(dir_.File("none/../link/x"), backup_);
+  MakeTree(backup_, {{"sub/", ""}});
+  MakeLink("backup/sub", dir_.File("deep"));
+  ExpectRefused(dir_.File("none/../deep/../x"), backup_);
+  ExpectRefused(dir_.File("./none/.//../deep/../x"), backup_);
 }
 
 TEST_F(ReportFileBackupGuard, ABackupThatHoldsTheReportDirectoryBehindALinkIsRefused) {
