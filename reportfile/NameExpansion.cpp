@@ -47,7 +47,7 @@ int MatchNames(const std::string& directory, const std::string& pattern, std::ve
   const int error = ListDirectory(directory.empty() ? "/" : directory.c_str(), FinalLink::kFollowed, names);
   if (error != 0) return error;
   for (const std::string& name : names) {
-    if (Matches(pattern, name)) paths.push_back(directory + "/" + name);
+    if (Matches(pattern, name)) paths.emplace_back(directory).append("/").append(name);
   }
   return 0;
 }
