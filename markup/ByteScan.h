@@ -20,6 +20,14 @@ namespace detail {
 
 inline __m128i LoadBlock(const char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 
+// A bit for each byte of the block that is one of several.
+template <char... kBytes>
+int HitsIn(__m128i block) {
+  __m128i hits = _mm_setzero_si128();
+  ((hits = _mm_or_si128(hits, _mm_cmpeq_epi8(block, _mm_set1_epi8(kBytes)))), ...);
+  return _mm_movemask_epi8(hits);
+}
+
 inline const char* FirstHit(const char* p, int mask) { return p + std::countr_zero(static_cast<unsigned>(mask)); }
 
 }  // namespace detail
@@ -50,10 +58,7 @@ template <char... kBytes>
 const char* FindAnyOf(const char* p, const char* end) {
 #if defined(__SSE2__)
   for (; end - p >= kScanBlockBytes; p += kScanBlockBytes) {
-    const __m128i block = detail::LoadBlock(p);
-    __m128i hits = _mm_setzero_si128();
-    ((hits = _mm_or_si128(hits, _mm_cmpeq_epi8(block, _mm_set1_epi8(kBytes)))), ...);
-    if (const int mask = _mm_movemask_epi8(hits); mask != 0) return detail::FirstHit(p, mask);
+    if (const int mask = detail::HitsIn<kBytes...>(detail::LoadBlock(p)); mask != 0) return detail::FirstHit(p, mask);
   }
 #endif
   return FindAnyOfPlain<kBytes...>(p, end);

@@ -1,8 +1,10 @@
 #include "markup/Escape.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "markup/Ascii.h"
 #include "markup/ByteScan.h"
@@ -15,6 +17,10 @@ namespace {
 
 constexpr std::size_t kReferenceCharsMax = 9;
 
+// How much is escaped or unescaped before it is appended, and the longest reference that escaping puts for a byte.
+constexpr std::ptrdiff_t kStretchBytes = 1024;
+constexpr std::size_t kReferenceBytesMax = 6;
+
 // A "]]>" inside of CDATA is cut behind its second byte.
 constexpr std::size_t kInnerEndBytes = 2;
 constexpr std::string_view kSectionBreak = "]]><![CDATA[";
@@ -24,20 +30,26 @@ const char* FindSpecial(const char* p, const char* end, int flags) {
                                           : FindAnyOf<'&', '<', '>'>(p, end);
 }
 
-std::string_view ReferenceFor(char special) {
-  switch (special) {
-    case '<':
-      return "&lt;";
-    case '>':
-      return "&gt;";
-    case '"':
-      return "&quot;";
-    case '\'':
-      return "&apos;";
-    default:
-      return "&amp;";
-  }
+// A reference with bytes to spare behind it, so that it can be copied without regard to its length.
+struct PaddedReference {
+  char text[8];
+  std::size_t size;
+};
+
+// The five specials differ in their low five bits.
+constexpr std::size_t ReferenceIndex(char special) { return static_cast<unsigned char>(special) & 31U; }
+
+consteval std::array<PaddedReference, 32> MakeReferences() {
+  std::array<PaddedReference, 32> references{};
+  references[ReferenceIndex('<')] = {"&lt;", 4};
+  references[ReferenceIndex('>')] = {"&gt;", 4};
+  references[ReferenceIndex('"')] = {"&quot;", 6};
+  references[ReferenceIndex('\'')] = {"&apos;", 6};
+  references[ReferenceIndex('&')] = {"&amp;", 5};
+  return references;
 }
+
+constexpr std::array<PaddedReference, 32> kReferences = MakeReferences();
 
 // Behind the characters of a reference's body that begins at `p`:  name  #65  #x41
 const char* ReferenceBodyEnd(const char* p, const char* end) {
@@ -80,6 +92,63 @@ struct Reference {
   const char* end = nullptr;  // behind the ";"
 };
 
+// The five that nearly every document uses, as they are nearly always written.
+Reference CommonReference(const char* p, const char* end) {
+  struct Common {
+    std::string_view text;
+    char code;
+  };
+  static constexpr Common kCommon[] = {{"&lt;", '<'}, {"&gt;", '>'}, {"&amp;", '&'}, {"&quot;", '"'}, {"&apos;", '\''}};
+  for (const Common& common : kCommon) {
+    if (static_cast<std::size_t>(end - p) < common.text.size()) continue;
+    if (p[1] != common.text[1] || std::memcmp(p, common.text.data(), common.text.size()) != 0) continue;
+    return {common.code, p + common.text.size()};
+  }
+  return {};
+}
+
+struct EscapeSource {
+  const char* end;
+  bool keeps_references;
+};
+
+// Puts what stands for the special byte at `p` at `to`, where there is room for eight bytes.
+char* PutReference(const EscapeSource& source, const char* p, char* to) {
+  if (source.keeps_references && *p == '&' && BeginsReference(p, source.end)) {
+    *to = '&';
+    return to + 1;
+  }
+  const PaddedReference& reference = kReferences[ReferenceIndex(*p)];
+  std::memcpy(to, reference.text, sizeof reference.text);
+  return to + reference.size;
+}
+
+// Escapes about kStretchBytes from `p` on, which moves behind them; returns the end of what was put at `to`. A block is
+// copied whole and then taken as far as it holds nothing special.
+template <char... kSpecial>
+char* EscapeStretch(const EscapeSource& source, const char*& p, char* to) {
+  const char* const stretch_end = p + std::min<std::ptrdiff_t>(source.end - p, kStretchBytes);
+#if defined(__SSE2__)
+  while (p < stretch_end && source.end - p >= kScanBlockBytes) {
+    const __m128i block = detail::LoadBlock(p);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), block);
+    const int mask = detail::HitsIn<kSpecial...>(block);
+    const int plain = mask == 0 ? static_cast<int>(kScanBlockBytes) : std::countr_zero(static_cast<unsigned>(mask));
+    p += plain;
+    to += plain;
+    if (mask != 0) to = PutReference(source, p++, to);
+  }
+#endif
+  while (p < stretch_end) {
+    if (((*p == kSpecial) || ...)) {
+      to = PutReference(source, p++, to);
+    } else {
+      *to++ = *p++;
+    }
+  }
+  return to;
+}
+
 // What the "&" at `p` leads to.
 //   "&lt;x"  => '<', "x"      "& &lt;"  => none      "&#0;"  => none
 Reference ReadReference(const char* p, const char* end) {
@@ -117,16 +186,28 @@ bool NeedsEscape(std::string_view text, int flags) {
   return FindSpecial(text.data(), end, flags) != end;
 }
 
+void AppendEscapedPlain(std::string& out, std::string_view text, int flags) {
+  const char* const end = text.data() + text.size();
+  for (const char* p = text.data(); p != end; ++p) {
+    const bool special = FindSpecial(p, p + 1, flags) == p;
+    const bool keep = *p == '&' && (flags & kEscapeKeepReferences) != 0 && BeginsReference(p, end);
+    if (special && !keep) {
+      out.append(kReferences[ReferenceIndex(*p)].text);
+    } else {
+      out += *p;
+    }
+  }
+}
+
+// Stretches of the text go through a buffer in which every byte has room for its reference, so that nothing is asked
+// for each of them.
 void AppendEscaped(std::string& out, std::string_view text, int flags) {
-  const char* p = text.data();
-  const char* const end = p + text.size();
-  while (p != end) {
-    const char* const special = FindSpecial(p, end, flags);
-    out.append(p, special);
-    if (special == end) return;
-    const bool keep = *special == '&' && (flags & kEscapeKeepReferences) != 0 && BeginsReference(special, end);
-    out.append(keep ? std::string_view("&") : ReferenceFor(*special));
-    p = special + 1;
+  const EscapeSource source{text.data() + text.size(), (flags & kEscapeKeepReferences) != 0};
+  for (const char* p = text.data(); p != source.end;) {
+    char buffer[(kStretchBytes + kScanBlockBytes) * kReferenceBytesMax + kScanBlockBytes];
+    char* const to = (flags & kEscapeQuoteMarks) != 0 ? EscapeStretch<'&', '<', '>', '"', '\''>(source, p, buffer)
+                                                      : EscapeStretch<'&', '<', '>'>(source, p, buffer);
+    out.append(buffer, static_cast<std::size_t>(to - buffer));
   }
 }
 
@@ -136,7 +217,7 @@ void AppendBinary(std::string& out, std::string_view text) {
   const char* const end = p + text.size();
   while (p != end) {
     const char* const special = FindNotPrintable(p, end);
-    out.append(p, special);
+    out.append(p, static_cast<std::size_t>(special - p));
     if (special == end) return;
     const auto byte = static_cast<unsigned char>(*special);
     const char reference[] = {'&', '#', 'x', kHexDigits[byte >> 4], kHexDigits[byte & 15], ';'};
@@ -152,12 +233,16 @@ void AppendUnescaped(std::string& out, std::string_view text, int flags) {
   const char* const end = p + text.size();
   while (p != end) {
     const char* const ampersand = FindAnyOf<'&'>(p, end);
-    out.append(p, ampersand);
+    out.append(p, static_cast<std::size_t>(ampersand - p));
     if (ampersand == end) return;
-    const Reference reference = ReadReference(ampersand, end);
+    Reference reference = CommonReference(ampersand, end);
+    if (reference.code == 0) reference = ReadReference(ampersand, end);
     if (reference.code == 0) {
       out += '&';
       p = ampersand + 1;
+    } else if (reference.code < 0x80) {
+      out += static_cast<char>(reference.code);
+      p = reference.end;
     } else {
       AppendUtf8(out, reference.code);
       p = reference.end;
@@ -186,10 +271,17 @@ void SplitCDataEnds(std::string& text, std::size_t at) {
   if (stop == end) return;
   const std::string rest(stop, end);
   text.resize(text.size() - rest.size());
-  Pieces pieces;
-  AppendCDataPieces(pieces, rest);
-  const auto between = pieces.All().subspan(1, pieces.All().size() - 2);
-  for (const Piece piece : between) text.append(piece.data, piece.size);
+  for (std::string_view left = rest;;) {
+    const char* const left_end = left.data() + left.size();
+    const char* const next = FindTriple<']', ']', '>'>(left.data(), left_end);
+    if (next == left_end) {
+      text.append(left);
+      return;
+    }
+    const auto cut = static_cast<std::size_t>(next - left.data()) + kInnerEndBytes;
+    text.append(left.substr(0, cut)).append(kSectionBreak);
+    left.remove_prefix(cut);
+  }
 }
 
 }  // namespace qx::markup

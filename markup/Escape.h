@@ -15,6 +15,7 @@ inline constexpr int kUnescapeCollapse = 0x200;  // and make one space of each r
 
 // Appends the text, escaped. An unchanged stretch is copied whole.
 void AppendEscaped(std::string& out, std::string_view text, int flags);
+void AppendEscapedPlain(std::string& out, std::string_view text, int flags);  // byte by byte: the oracle in tests
 
 // True when AppendEscaped would change something.
 bool NeedsEscape(std::string_view text, int flags);

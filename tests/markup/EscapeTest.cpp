@@ -3,7 +3,9 @@
 #include <clocale>
 #include <random>
 #include <string>
+#include <string_view>
 
+#include "markup/Escape.h"
 #include "markup/Markup.h"
 #include "tests/support/Support.h"
 
@@ -124,6 +126,55 @@ TEST(UnescapeText, UndoesWhatEscapeTextDid) {
       ASSERT_EQ(CMarkup::UnescapeText(escaped), text) << escaped;
       ASSERT_EQ(CMarkup::EscapeText(escaped, flags | kKeep), escaped);
     }
+  }
+}
+
+// Texts around the size of a block and of a stretch, thin and thick with what has to be escaped.
+std::string RandomText(std::mt19937_64& random) {
+  static constexpr std::string_view kPieces[] = {"&",     "<",     ">",         "\"",   "'", "&lt;",
+                                                 "&amp;", "&#65;", "&no such;", "\xE4", ";"};
+  const std::size_t sizes[] = {random() % 40, 1000 + random() % 60, 2040 + random() % 20};
+  const std::size_t size = sizes[random() % 3];
+  const unsigned density = 1U << (random() % 8);
+  std::string text;
+  while (text.size() < size) {
+    if (random() % density == 0) {
+      text += kPieces[random() % std::size(kPieces)];
+    } else {
+      text += static_cast<char>('a' + random() % 26);
+    }
+  }
+  return text;
+}
+
+TEST(EscapeText, RandomTextsAreEscapedAsByThePlainForm) {
+  std::mt19937_64 random(qx::test::Seed("Escape"));
+  for (int round = 0; round < 4000; ++round) {
+    const std::string text = RandomText(random);
+    for (const int flags : {0, 8, 0x100, 0x108}) {
+      std::string quick = "held";
+      std::string plain = "held";
+      qx::markup::AppendEscaped(quick, text, flags);
+      qx::markup::AppendEscapedPlain(plain, text, flags);
+      ASSERT_EQ(quick, plain) << text;
+    }
+  }
+}
+
+// In capitals the five common references take the way of all others.
+TEST(UnescapeText, CommonReferencesAreReadAsAllOthersAre) {
+  std::mt19937_64 random(qx::test::Seed("Unescape"));
+  for (int round = 0; round < 4000; ++round) {
+    const std::string text = RandomText(random);
+    std::string in_capitals = text;
+    for (const std::string common : {"lt;", "gt;", "amp;", "quot;", "apos;"}) {
+      for (std::size_t at = 0; (at = in_capitals.find("&" + common, at)) != std::string::npos; ++at) {
+        for (std::size_t i = 1; i < common.size(); ++i)
+          in_capitals[at + i] = static_cast<char>(in_capitals[at + i] - 32);
+      }
+    }
+    ASSERT_EQ(CMarkup::UnescapeText(text), CMarkup::UnescapeText(in_capitals)) << text;
+    ASSERT_EQ(CMarkup::UnescapeText(CMarkup::EscapeText(text, 0x100)), text);
   }
 }
 
