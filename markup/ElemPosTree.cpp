@@ -30,7 +30,9 @@ void ElemPosTree::Grow(std::int64_t records) {
 }
 
 void ElemPosTree::RemoveAll() {
-  segments_.reset();
+  many_segments_.reset();
+  for (Segment& segment : few_segments_) segment.reset();
+  segments_ = few_segments_.data();
   capacity_ = 0;
   segment_table_size_ = 0;
 }
@@ -38,16 +40,19 @@ void ElemPosTree::RemoveAll() {
 void ElemPosTree::GrowSegmentTable(std::int32_t segments) {
   if (segments <= segment_table_size_) return;
   const std::int32_t size = 2 * segments + 4;
-  auto table = std::make_unique<Segment[]>(static_cast<std::size_t>(size));
-  std::move(segments_.get(), segments_.get() + segment_table_size_, table.get());
-  segments_ = std::move(table);
+  if (size > kFewSegments) {
+    auto table = std::make_unique<Segment[]>(static_cast<std::size_t>(size));
+    std::move(segments_, segments_ + segment_table_size_, table.get());
+    many_segments_ = std::move(table);
+    segments_ = many_segments_.get();
+  }
   segment_table_size_ = size;
 }
 
 // Fresh records stay untouched, so that a large segment costs memory only as far as it is filled.
 void ElemPosTree::ResizeSegment(std::int32_t segment, std::int32_t records_used, std::int32_t records) {
   auto grown = std::make_unique_for_overwrite<ElemPos[]>(static_cast<std::size_t>(records));
-  Segment& place = segments_[static_cast<std::size_t>(segment)];
+  Segment& place = segments_[segment];
   std::copy_n(place.get(), records_used, grown.get());
   place = std::move(grown);
 }

@@ -4,6 +4,7 @@
 // copied whole, and all but the last one are full, so that index arithmetic is a shift and a mask.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -86,7 +87,12 @@ class ElemPosTree {
   void GrowSegmentTable(std::int32_t segments);
   void ResizeSegment(std::int32_t segment, std::int32_t records_used, std::int32_t records);
 
-  std::unique_ptr<Segment[]> segments_;
+  // The first table that there can be; a document of more segments gets one of its own.
+  static constexpr std::int32_t kFewSegments = 6;
+
+  std::array<Segment, kFewSegments> few_segments_;
+  std::unique_ptr<Segment[]> many_segments_;
+  Segment* segments_ = few_segments_.data();
   std::int32_t capacity_ = 0;
   std::int32_t segment_table_size_ = 0;
 };

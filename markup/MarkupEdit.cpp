@@ -1,6 +1,6 @@
 // CMarkup's changes: each one splices the text and then moves the records that stand behind or around the place.
 #include <algorithm>
-#include <cstdio>
+#include <charconv>
 #include <utility>
 
 #include "markup/Ascii.h"
@@ -19,6 +19,18 @@ namespace {
 
 constexpr std::size_t kMuchTextBytes = 4096;
 constexpr std::size_t kShortTailBytes = 1024;
+constexpr std::size_t kFirstRoomBytes = 255;  // of a document that is built: most replies fit
+
+// The decimal form of a number.
+class Decimal {
+ public:
+  explicit Decimal(int number) : end_(std::to_chars(digits_, std::end(digits_), number).ptr) {}
+  operator std::string_view() const { return {digits_, static_cast<std::size_t>(end_ - digits_)}; }
+
+ private:
+  char digits_[12];
+  const char* end_;
+};
 
 std::string_view ViewOf(MCD_CSTR text) { return text == nullptr ? std::string_view() : std::string_view(text); }
 
@@ -48,15 +60,15 @@ void PlaceAttribute(TagChange& change, std::string_view tag, std::string_view na
   qx::markup::AttributePos old;
   if (!qx::markup::FindAttribute(tag, name, ignore_case, old)) {
     change.at = qx::markup::TagClosingOffset(tag);
-    change.pieces.Add({" ", name, "=\"", escaped, "\""});
+    change.pieces.Add(" ", name, "=\"", escaped, "\"");
     return;
   }
   change.at = old.value_start;
   change.removed = old.value_end - old.value_start;
   if (!old.HasValue()) {
-    change.pieces.Add({"=\"", escaped, "\""});
+    change.pieces.Add("=\"", escaped, "\"");
   } else if (!old.quoted) {
-    change.pieces.Add({"\"", escaped, "\""});
+    change.pieces.Add("\"", escaped, "\"");
   } else {
     change.pieces.Add(escaped);
   }
@@ -69,7 +81,7 @@ bool CMarkup::SetAttrib(MCD_CSTR name, MCD_CSTR value, int flags) {
 }
 
 bool CMarkup::SetAttrib(MCD_CSTR name, int value, int flags) {
-  return SetAttributeOf(main_position_, name, std::to_string(value), flags);
+  return SetAttributeOf(main_position_, name, Decimal(value), flags);
 }
 
 bool CMarkup::SetChildAttrib(MCD_CSTR name, MCD_CSTR value, int flags) {
@@ -77,17 +89,20 @@ bool CMarkup::SetChildAttrib(MCD_CSTR name, MCD_CSTR value, int flags) {
 }
 
 bool CMarkup::SetChildAttrib(MCD_CSTR name, int value, int flags) {
-  return SetAttributeOf(child_position_, name, std::to_string(value), flags);
+  return SetAttributeOf(child_position_, name, Decimal(value), flags);
 }
 
 bool CMarkup::SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view value, int flags) {
   if (elem == 0 || name == nullptr || !qx::markup::IsAttributeName(name)) return false;
   std::string escaped;
-  qx::markup::AppendEscaped(escaped, value, flags | kEscapeQuotes);
+  if (qx::markup::NeedsEscape(value, flags | kEscapeQuotes)) {
+    qx::markup::AppendEscaped(escaped, value, flags | kEscapeQuotes);
+    value = escaped;
+  }
 
   const std::string_view tag = StartTag(elem);
   TagChange change;
-  PlaceAttribute(change, tag, name, escaped, IgnoresCase());
+  PlaceAttribute(change, tag, name, value, IgnoresCase());
   const std::size_t added = change.pieces.Bytes();
   if (!qx::markup::StartTagFits(tag.size() - change.removed + added)) return false;
   if (!qx::markup::DocumentFits(document_.size(), change.removed, added)) return false;
@@ -232,7 +247,7 @@ std::uint32_t CMarkup::Insert(std::uint32_t parent, std::uint32_t previous, std:
   PlaceInsertion(insertion);
   WriteElement(insertion, name, data, flags);
   insertion.pieces.Add(insertion.line);
-  if (insertion.removed != 0) insertion.pieces.Add({"</", insertion.parent_name, ">"});
+  if (insertion.removed != 0) insertion.pieces.Add("</", insertion.parent_name, ">");
 
   if (!qx::markup::DocumentFits(document_.size(), insertion.removed, insertion.pieces.Bytes())) return 0;
   const std::uint32_t elem = CommitInsertion(insertion);
@@ -265,7 +280,7 @@ void CMarkup::PlaceInsertion(Insertion& insertion) const {
     insertion.removed = TrailingSlashes(insertion.parent) + 1;
     insertion.at = parent.End() - insertion.removed;
     insertion.parent_name = TagName(insertion.parent);
-    insertion.pieces.Add({">", insertion.line});
+    insertion.pieces.Add(">", insertion.line);
     insertion.lead = 1 + insertion.line.size();
   }
 }
@@ -276,12 +291,12 @@ void CMarkup::WriteElement(Insertion& insertion, std::string_view name, std::str
   if (data.empty()) {
     const std::string_view space_slash = (flags & kAddSpaceSlash) != 0 ? " />" : "/>";
     const std::string_view closing = (flags & kAddNoEnd) != 0 ? ">" : space_slash;
-    pieces.Add({"<", name, closing});
+    pieces.Add("<", name, closing);
     insertion.start_tag_length = 1 + name.size() + closing.size();
   } else {
-    pieces.Add({"<", name, ">"});
+    pieces.Add("<", name, ">");
     AppendDataPieces(pieces, data, flags, insertion.escaped);
-    pieces.Add({"</", name, ">"});
+    pieces.Add("</", name, ">");
     insertion.start_tag_length = name.size() + 2;
     insertion.end_tag_length = name.size() + 3;
   }
@@ -386,7 +401,7 @@ void CMarkup::Splice(std::size_t offset, std::size_t removed, const Pieces& piec
   const std::size_t added = pieces.Bytes();
   const std::size_t tail_bytes = document_.size() - offset - removed;
   const std::size_t needed = document_.size() - removed + added;
-  if (needed > document_.capacity()) document_.reserve(std::max(needed, 2 * document_.capacity()));
+  if (needed > document_.capacity()) document_.reserve(std::max({needed, 2 * document_.capacity(), kFirstRoomBytes}));
 
   if (added < kMuchTextBytes || tail_bytes > kShortTailBytes) {
     document_.replace(offset, removed, added, '\0');
