@@ -252,6 +252,28 @@ TEST(TraceFollowRestart, HalfAnEntryIsNotGiven) {
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n"));
 }
 
+TEST(TraceFollowRestart, EntryThatIsBeingWrittenOverOlderBytesIsGivenOnceItIsWhole) {
+  Writer writer(4000);
+  writer.Write(100);
+  const std::string before = ReadFile(writer.Path());
+  writer.Write(1);
+  const std::string after = ReadFile(writer.Path());
+  ASSERT_EQ(before.size(), after.size());
+  const auto differs = std::mismatch(before.begin(), before.end(), after.begin()).first - before.begin();
+  const std::size_t half = static_cast<std::size_t>(differs) + 20;
+
+  const TempDir dir;
+  WriteFile(dir.File("log"), before);
+  Followed followed(dir.File("log"));
+  followed.Look();
+  followed.Forget();
+  WriteFile(dir.File("log"), after.substr(0, half) + before.substr(half));
+  EXPECT_TRUE(followed.LookOnce());
+  WriteFile(dir.File("log"), after);
+  followed.Look();
+  EXPECT_THAT(followed.Texts(), ElementsAre(writer.Written().back()));
+}
+
 // The writer never waits for the reader: whatever the reader gives is in order, once, and what is missing was told.
 class TraceFollowThreads : public testing::TestWithParam<Setting> {};
 

@@ -105,6 +105,7 @@ void RingModel::WriteBlock() {
 void RingModel::Wrap() {
   Store(position_, std::string(bytes_.size() - position_, '.'));
   StoreNumber(355, ++wraps_);
+  ++now_ms_;  // the entry that does not fit has its stamp already
   WriteBlock();
   position_ = wrap_start_ != 0 ? wrap_start_ : (position_ + 2048) / 1024 * 1024;
 }

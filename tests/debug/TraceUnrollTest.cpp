@@ -273,7 +273,7 @@ TEST(TraceUnroll, WriterThatGoesOnIsNoticed) {
 TEST_P(TraceUnrollOracle, HeadAndNewestEntriesComeWithoutGapAfterEveryEntry) {
   const int lines_max = GetParam();
   const std::uint64_t seed = Seed("TraceUnrollOracle");
-  for (std::uint64_t round = 0; round < 12; ++round) {
+  for (std::uint64_t round = 0; round < 8; ++round) {
     LogModel model(seed + round);
     ASSERT_TRUE(model.Start(static_cast<unsigned>(model.Random(0, 2500))));
     for (int i = model.Random(0, 8); i > 0; --i) model.Trace(3, lines_max);
