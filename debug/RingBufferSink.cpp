@@ -244,13 +244,16 @@ void RingBufferSink::Close() noexcept {
 void RingBufferSink::Write(std::string_view entry) noexcept {
   assert(entry.size() > kAtomicBytes && Fits(entry.size()));
   char* const to = At(position_);
+  position_ += entry.size();
+  char digits[kRingNumberDigits];
+  FormatRingNumber(static_cast<std::uint32_t>(position_), digits);
+
   std::memcpy(to + entry.size(), kRingTerminator.data(), kRingTerminator.size());
   std::memcpy(to + kAtomicBytes, entry.data() + kAtomicBytes, entry.size() - kAtomicBytes);
   KeepStoreOrder();
   StoreAtOnce(to, entry.data());
   KeepStoreOrder();
-  position_ += entry.size();
-  StoreNumber(kRingPositionOffset, static_cast<std::uint32_t>(position_));
+  StoreAtOnce(At(kRingPositionOffset), digits);
   if (stale_terminator_ != 0) EraseStaleTerminator();
 }
 

@@ -17,7 +17,6 @@
 
 namespace {
 
-using qx::test::kTerminator;
 using qx::test::RingSetup;
 using qx::test::StartsWithShape;
 
@@ -41,7 +40,7 @@ class Acknowledged {
 
 // "#17 xxxxxxxxxxxxxxxxx": of a length that depends on the number, now and then a long one.
 std::string TextOf(int number) {
-  const std::size_t size = number % 23 == 0 ? 1300 : static_cast<std::size_t>(number * 37 % 211);
+  const std::size_t size = number % 23 == 0 ? 1300 : static_cast<std::size_t>(number) * 37 % 211;
   return "#" + std::to_string(number) + " " + std::string(size, 'x');
 }
 
@@ -60,17 +59,6 @@ void KillAfter(pid_t child, long nanoseconds) {
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFSIGNALED(status)) << "the writer ended by itself: " << status;
-}
-
-// Where the newest entry ends, as docs/trace-ring.md has readers find it: the position, or behind the one entry that
-// was completed there.
-std::size_t EndOfNewest(const std::string& ring) {
-  const auto position = qx::debug::ReadRingNumber(std::string_view(ring).substr(515, 16));
-  if (!position.has_value() || *position < 1024 || *position > ring.size()) return 0;
-  if (ring.compare(*position, kTerminator.size(), kTerminator) == 0) return *position;
-  const std::size_t terminator = ring.find(kTerminator, *position);
-  const std::size_t next = ring.find("\n2", *position);
-  return terminator != std::string::npos && terminator < next ? terminator : 0;
 }
 
 // The number of the entry that ends at `end`, or -1 if it is not whole.
@@ -112,7 +100,7 @@ TEST(DebugRingKill, TwoHundredKillsLeaveEveryAcknowledgedEntryAndValidNumbers) {
       ASSERT_TRUE(qx::debug::ReadRingNumber(ring.substr(number_at, 16)).has_value()) << "round " << round;
     }
     ASSERT_EQ(setup.Number(5), kSize);
-    const std::size_t end = EndOfNewest(ring);
+    const std::size_t end = qx::test::EndOfNewest(ring);
     ASSERT_NE(end, 0U) << "round " << round;
     if (*acknowledged == before) continue;  // killed while it started
     const int newest = NumberOfEntryBefore(ring, end);

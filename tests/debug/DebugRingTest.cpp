@@ -179,6 +179,7 @@ TEST(DebugRing, SecondStartCountsUpdatesLastOpenKeepsFirstOpenAndContinues) {
   setup.Patch(160 + 35, "Sat Jan 31 10:20:30 2026");
   const std::size_t position = setup.Position();
   ASSERT_TRUE(setup.Restart(kSmall));
+  EXPECT_EQ(::fcntl(qx::test::DescriptorOf(setup.RingPath()), F_GETFD), FD_CLOEXEC);
   EXPECT_EQ(setup.Opens(), 2U);
   EXPECT_EQ(setup.Value(1), "Sat Jan 31 10:20:30 2026");
   EXPECT_NE(setup.Value(2), "Sat Jan 31 10:20:30 2026");

@@ -4,6 +4,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "debug/RingFormat.h"
+
 namespace qx::test {
 
 std::string Undated(std::string bytes) {
@@ -23,6 +25,15 @@ std::string UndatedEntry(std::string_view text) {
 std::string RingDigits(std::size_t number) {
   const std::string text = std::to_string(number);
   return std::string(16 - text.size(), '0') + text;
+}
+
+std::size_t EndOfNewest(std::string_view ring) {
+  const std::size_t position = qx::debug::ReadRingNumber(ring.substr(515, 16)).value_or(0);
+  if (position < 1024 || position > ring.size()) return 0;
+  if (ring.substr(position, kTerminator.size()) == kTerminator) return position;
+  if (!StartsWithShape(ring.substr(position), "9999-99-99 99:99:99.999 [FFFFFFFF]")) return 0;
+  const std::size_t terminator = ring.find(kTerminator, position);
+  return terminator < ring.find("\n2", position) ? terminator : 0;
 }
 
 RingSetup::RingSetup() {

@@ -24,6 +24,10 @@ std::string UndatedEntry(std::string_view text);
 // "0000000000001024"
 std::string RingDigits(std::size_t number);
 
+// Where the newest entry of a ring ends, as readers find it: the write position, or behind the one entry that was
+// completed there. 0 when what stands there is neither.
+std::size_t EndOfNewest(std::string_view ring);
+
 // A facility at level 1 whose log never wraps and whose ring stands beside it.
 class RingSetup : public TraceSetup {
  public:
