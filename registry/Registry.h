@@ -83,7 +83,8 @@ class CRegistry {
   // dropped; ValueSize() is then the length without the NUL. Valid until the next read through this handle.
   // [owning thread]
   unsigned char* GetValue(const char* name, CRegistryNode* node = nullptr);
-  // A value of exactly 4 bytes as a number, whatever its type: 0, 22 or 61. [owning thread]
+  // A value of exactly 4 bytes as a number, whatever its type: 0, 22 or 61, which a null `dword` gives, too.
+  // [owning thread]
   long QueryValue(unsigned* dword, const char* name, CRegistryNode* node = nullptr);
   // A string: 0, 22 or 61. [owning thread]
   long QueryValue(std::string& out, const char* name, CRegistryNode* node = nullptr);

@@ -127,9 +127,9 @@ bool CRegistry::ReadString(const char* name, CRegistryNode* node) {
 
 // Quirk: the test is on the size alone, so a string of three characters is a number too.
 long CRegistry::QueryValue(unsigned* dword, const char* name, CRegistryNode* node) {
-  if (dword == nullptr || KeyOr(node) == nullptr) return EINVAL;
+  if (KeyOr(node) == nullptr) return EINVAL;
   const unsigned char* bytes = GetValue(name, node);
-  if (bytes == nullptr || value_size_ != sizeof *dword) return Fail(ENODATA);
+  if (dword == nullptr || bytes == nullptr || value_size_ != sizeof *dword) return Fail(ENODATA);
   std::memcpy(dword, bytes, sizeof *dword);
   return Fail(0);
 }

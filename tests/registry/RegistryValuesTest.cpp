@@ -138,6 +138,13 @@ TEST_F(RegistryValues, NumberQueryTakesWhatHasFourBytes) {
   EXPECT_EQ(number, 1U);
 }
 
+TEST_F(RegistryValues, NumberQueryWithoutAPlaceReadsTheValueAndFindsNoData) {
+  EXPECT_EQ(handle_.QueryValue(static_cast<unsigned*>(nullptr), "num"), ENODATA);
+  EXPECT_EQ(handle_.Status(), ENODATA);
+  EXPECT_EQ(handle_.ValueSize(), 4U);
+  EXPECT_EQ(handle_.ValueType(), REG_DWORD);
+}
+
 TEST_F(RegistryValues, QuirkStringOfThreeCharactersIsANumberToo) {
   unsigned number = 0;
   EXPECT_EQ(handle_.QueryValue(&number, "sz"), 0);
@@ -186,7 +193,7 @@ TEST_F(RegistryValues, QueriesWithoutAKeyAreInvalidUnlessANodeIsGiven) {
   EXPECT_EQ(closed.QueryValue(&number, "num"), EINVAL);
   EXPECT_EQ(closed.QueryValue(text, "sz"), EINVAL);
   EXPECT_EQ(closed.QueryValue(buffer, "sz", &count), EINVAL);
-  EXPECT_EQ(closed.QueryValue(static_cast<unsigned*>(nullptr), "num", handle_.CurrentKey()), EINVAL);
+  EXPECT_EQ(closed.QueryValue(static_cast<unsigned*>(nullptr), "num"), EINVAL);
   EXPECT_EQ(closed.QueryValue(&number, "num", handle_.CurrentKey()), 0);
   EXPECT_EQ(closed.QueryValue(text, "sz", handle_.CurrentKey()), 0);
   EXPECT_EQ(closed.QueryValue(buffer, "sz", &count, handle_.CurrentKey()), 0);
