@@ -134,11 +134,23 @@ TEST(CriticalSection, WithoutAMutexItLocksNothing) {
   EXPECT_EQ(memory.Owner(), pthread_t{0});
   EXPECT_EQ(memory.TryMutex(), 0);
   memory.Lock().Unlock();
-  CCriticalSection::CleanupHandlerForCritSecMutex(&memory.Lock());
-  EXPECT_EQ(memory.TryMutex(), 0);  // unlocking a free mutex would have left it unusable
   memory.End();
   EXPECT_EQ(memory.TryMutex(), 0);  // there was none to destroy
   memory.SetValid(true);
+  memory.End();
+}
+
+TEST(CriticalSection, WithoutAMutexNothingIsUnlocked) {
+  LockInMemory memory;
+  memory.Lock().Lock();
+  memory.SetValid(false);
+  memory.Lock().Unlock();
+  CCriticalSection::CleanupHandlerForCritSecMutex(&memory.Lock());
+  EXPECT_EQ(memory.Count(), 1);
+  EXPECT_EQ(memory.TryMutex(), EBUSY);
+  memory.SetValid(true);
+  memory.Lock().Unlock();
+  EXPECT_EQ(memory.TryMutex(), 0);
   memory.End();
 }
 

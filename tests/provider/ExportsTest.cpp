@@ -225,8 +225,8 @@ TEST_F(Exports, ReplyThatCannotBeDuplicatedIsNullAndTracedAsFatal) {
       EXPECT_TRUE(failing.HasFailed());
     }
     EXPECT_EQ(reply, nullptr);
+    ASSERT_EQ(trace.Entries().size(), level == 1 ? 1U : 5U);
     EXPECT_EQ(trace.Entries().back(), kNoDuplicate);
-    EXPECT_EQ(trace.Entries().size(), level == 1 ? 1U : 5U);
   }
 }
 

@@ -311,6 +311,19 @@ TEST_F(AdapterModule, StopRequestCallsTheHookAndIsTraced) {
   EXPECT_EQ(trace.Entries().at(0), "WCSP StopRequest    : ## Service shutdown initiated");
 }
 
+// The table's address, five texts, the flag.
+TEST_F(AdapterModule, StopRequestSetsTheFlagBehindTheFiveTexts) {
+  const auto flag = [this] {
+    return static_cast<int>(
+        *(reinterpret_cast<const unsigned char*>(&module_) + sizeof(void*) + 5 * sizeof(std::string)));
+  };
+  EXPECT_EQ(flag(), 0);
+  module_.__stoprequest();
+  EXPECT_EQ(flag(), 1);
+  module_.__stoprequest();
+  EXPECT_EQ(flag(), 1);
+}
+
 TEST_F(AdapterModule, LoadHooksOfTheBaseDoNothing) {
   const TraceCapture trace(6);
   EXPECT_TRUE(module_.OnLoad());
