@@ -1,0 +1,35 @@
+// The application's own weight variable has room for 47 characters, whatever the application is called.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/debug/TraceFixture.h"
+
+namespace {
+
+using qx::test::TraceSetup;
+
+constexpr std::size_t kNameMax = 47;
+
+// The weight that an application of this name starts with when only a variable `name` says 3.
+std::uint32_t WeightFrom(const std::string& name, const std::string& app_name) {
+  TraceSetup setup;
+  setup.SetEnv(name.c_str(), "3");
+  EXPECT_TRUE(setup.Trace().Init(app_name.c_str()));
+  return setup.Trace().Settings().ring_weight;
+}
+
+TEST(WeightVariable, NameThatFitsIsTakenWhole) {
+  const std::string prefix = "QX_LOG_RINGBUF_WEIGHT_";
+  const std::string fits(kNameMax - prefix.size(), 'A');
+  EXPECT_EQ(WeightFrom(prefix + fits, fits), 3U);
+}
+
+TEST(WeightVariable, LongerNameIsCut) {
+  const std::string prefix = "QX_LOG_RINGBUF_WEIGHT_";
+  const std::string fits(kNameMax - prefix.size(), 'A');
+  EXPECT_EQ(WeightFrom(prefix + fits, fits + "aa"), 3U);
+  EXPECT_EQ(WeightFrom(prefix + fits + "AA", fits + "aa"), 0U);
+}
+
+}  // namespace
