@@ -230,7 +230,7 @@ TEST(TraceFollowRestart, RingThatIsStillBeingMadeIsFollowedFromItsFirstEntry) {
   const TempDir dir;
   WriteFile(dir.File("ring"), "");
   Followed followed(dir.File("ring"));
-  for (const std::size_t size : {0, 300, 1024, 5000, 39999, 40000}) {
+  for (const std::size_t size : {0U, 300U, 1024U, 5000U, 39999U, 40000U}) {
     WriteFile(dir.File("ring"), ring.substr(0, size));
     followed.Look();
     if (size < 5001) {

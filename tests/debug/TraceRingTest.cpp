@@ -190,7 +190,7 @@ TEST(TraceRing, NumbersOfTheHeaderThatAreWrongAreFindings) {
   RingModel ring(8192);
   ring.Create(1);
   ring.Put("one");
-  for (const std::size_t offset : {275, 355, 435}) {
+  for (const std::size_t offset : {275U, 355U, 435U}) {
     std::string bytes = ring.Bytes();
     bytes.replace(offset, 16, "wrong");
     bytes.insert(offset + 5, 11, ' ');

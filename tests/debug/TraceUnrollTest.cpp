@@ -66,9 +66,10 @@ class LogModel {
   int Random(int low, int high) { return std::uniform_int_distribution<int>(low, high)(random_); }
 
  private:
+  std::string Repeated(char c, int times_max) { return std::string(static_cast<std::size_t>(Random(0, times_max)), c); }
   std::string RandomText(int lines_max) {
-    std::string text = "entry " + std::to_string(texts_.size()) + " " + std::string(Random(0, 90), 'x');
-    for (int lines = Random(1, lines_max); lines > 1; --lines) text += "\n" + std::string(Random(0, 40), 'y');
+    std::string text = "entry " + std::to_string(texts_.size()) + " " + Repeated('x', 90);
+    for (int lines = Random(1, lines_max); lines > 1; --lines) text += "\n" + Repeated('y', 40);
     return text;
   }
 
