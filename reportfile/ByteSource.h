@@ -38,7 +38,7 @@ class MemoryBytes final : public ByteSource {
 
   std::int64_t Size() override { return static_cast<std::int64_t>(bytes_.size()); }
   std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) override {
-    if (offset < 0 || offset >= Size()) return 0;
+    if (size == 0 || offset < 0 || offset >= Size()) return 0;
     const std::size_t held = std::min(size, bytes_.size() - static_cast<std::size_t>(offset));
     std::memcpy(to, bytes_.data() + offset, held);
     return held;

@@ -22,8 +22,6 @@ namespace qx::report {
 namespace {
 
 constexpr std::int64_t kOffsetLimit = std::int64_t{1} << 32;
-constexpr std::int64_t kMarkerTextBytes = 4;  // "===>"
-constexpr std::string_view kMarkerText = kEndMarker.substr(0, kMarkerTextBytes);
 
 // A line of the data file from some offset on.
 struct Line {

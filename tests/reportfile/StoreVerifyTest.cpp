@@ -56,7 +56,7 @@ class StoreVerifyLives : public testing::Test {
 };
 
 TEST_F(StoreVerifyLives, WhateverTheWriterLeavesIsSound) {
-  for (int life = 0; life < 150; ++life) {
+  for (int life = 0; life < 100; ++life) {
     const std::uint32_t slots = RingSize();
     StoreLife store(slots);
     EXPECT_EQ(Rules(store.Bytes().Look()), "") << "created and never written";
