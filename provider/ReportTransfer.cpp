@@ -23,6 +23,7 @@ constexpr std::int32_t kNoRecordLimit = -1;
 constexpr std::int64_t kSizeShownInBytesMax = 10239;
 constexpr int kChunkLimitKb = kChunkLimitBytes / 1024;
 constexpr std::size_t kDataTracedBytes = 256;
+constexpr std::uint32_t kEmptyRecordsShownMax = 100000;
 constexpr std::uint32_t kLevelOfBareReplies = 4;    // the trace then shows the reply before it has its records
 constexpr std::uint32_t kLevelOfSingleRecords = 5;  // and every record
 
@@ -197,15 +198,20 @@ void ReportTransfer::GatherRecords(std::string& text) {
 }
 
 void ReportTransfer::TakeRecords(std::string& text) {
-  const bool singly = path_taken_ == TransferOptions::Path::kSingly;
   for (Round round = Round::kGoOn; round == Round::kGoOn;) {
     if (index_ >= thread_data_.highest_index) {
       QX_TRACE(3, "\nWCSP_QX GetReports  :   index higher that highest index - exit reading");
       return;
     }
     // Behind the record limit the next record is still read: which of the limits is reported depends on it.
-    round = singly || check_ring_ || LimitReached() ? TakeOne(text) : TakeRun(text);
+    round = TakesSingly() || check_ring_ || LimitReached() ? TakeOne(text) : TakeRun(text);
   }
+}
+
+// A damaged header can claim billions of slots whose record has no text: after so many in a row that a reader of the
+// trace has seen enough of them the rest is taken in runs, which pass over such slots at once.
+bool ReportTransfer::TakesSingly() const {
+  return path_taken_ == TransferOptions::Path::kSingly && empty_in_a_row_ < kEmptyRecordsShownMax;
 }
 
 ReportTransfer::Round ReportTransfer::TakeOne(std::string& text) {
@@ -227,6 +233,7 @@ ReportTransfer::Round ReportTransfer::TakeOne(std::string& text) {
     return Round::kLeave;
   }
   text += line_;
+  empty_in_a_row_ = line_.empty() ? empty_in_a_row_ + 1 : 0;
   QX_TRACE(5, "\nWCSP_QX GetReports  :   --> entry: %s", WithoutOuterWhiteSpace(line_).c_str());
   ++index_;
   return Round::kGoOn;

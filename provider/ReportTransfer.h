@@ -90,6 +90,7 @@ class ReportTransfer {
 
   void GatherRecords(std::string& text);
   void TakeRecords(std::string& text);
+  [[nodiscard]] bool TakesSingly() const;
   [[nodiscard]] Round TakeOne(std::string& text);
   [[nodiscard]] Round TakeRun(std::string& text);
   [[nodiscard]] std::size_t GatheredBytes(const std::string& text) const { return text.size() - records_at_; }
@@ -116,10 +117,11 @@ class ReportTransfer {
 
   // Of the reading loop.
   report::RecordReader reader_;
-  std::int64_t index_ = 0;      // age of the record to take next
-  std::size_t records_at_ = 0;  // where the records begin in the text that takes them
-  bool check_ring_ = false;     // the ring has still to be checked behind the next read
-  std::string line_;            // the record that TakeOne reads
+  std::int64_t index_ = 0;            // age of the record to take next
+  std::size_t records_at_ = 0;        // where the records begin in the text that takes them
+  bool check_ring_ = false;           // the ring has still to be checked behind the next read
+  std::string line_;                  // the record that TakeOne reads
+  std::uint32_t empty_in_a_row_ = 0;  // records without text that TakeOne read last
 };
 
 }  // namespace qx::provider

@@ -310,6 +310,18 @@ class RingDuringTransfer : public ReportTransfer {
   }
 };
 
+// Two billion slots that the index file does not hold, each a record that its first NUL leaves empty.
+TEST_F(RingDuringTransfer, ADamagedHeaderKeepsNoWayOfReadingBusy) {
+  qx::report::IndexHeader header;
+  header.maxRecord = header.highestIndex = 0x7FFFFFFF;
+  WriteFile(BasePath("r1") + ".ind", std::string(reinterpret_cast<const char*>(&header), sizeof header));
+  WriteFile(BasePath("r1") + ".dat", std::string("\0x\r\n", 4));
+  for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
+    CThreadData data;
+    EXPECT_EQ(Ask([] {}, 0, path, data), NoMoreRecords());
+  }
+}
+
 TEST_F(RingDuringTransfer, AnAdvancedRingIsReadAnewFromItsOldestRecord) {
   for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 3, {"1", "2", "3"});
