@@ -30,20 +30,20 @@ using testing::IsEmpty;
 namespace fs = std::filesystem;
 
 // "record 00000042 ......": says by itself which one it is, and never overwrites another.
-std::string SelfDescribing(unsigned number) {
+std::string SelfDescribing(unsigned number, std::size_t body_bytes = 0) {
   char text[32];
   (void)std::snprintf(text, sizeof text, "record %08u %8u", number, number % 97);
-  return text;
+  return text + std::string(body_bytes, static_cast<char>('a' + number % 26));
 }
 
 // A process that appends as fast as it can, from its beginning to its end.
 class LiveWriter {
  public:
-  LiveWriter(const std::string& base_path, std::uint32_t slots) {
+  LiveWriter(const std::string& base_path, std::uint32_t slots, std::size_t body_bytes = 0) {
     int ready[2];
     if (pipe(ready) != 0) throw std::runtime_error("no pipe");
     pid_ = fork();
-    if (pid_ == 0) Write(base_path, slots, ready[1]);
+    if (pid_ == 0) Write(base_path, slots, body_bytes, ready[1]);
     close(ready[1]);
     char byte = 0;
     const bool has_begun = read(ready[0], &byte, 1) == 1;
@@ -58,11 +58,11 @@ class LiveWriter {
   LiveWriter& operator=(const LiveWriter&) = delete;
 
  private:
-  [[noreturn]] static void Write(const std::string& base_path, std::uint32_t slots, int ready) {
+  [[noreturn]] static void Write(const std::string& base_path, std::uint32_t slots, std::size_t body_bytes, int ready) {
     CReportFileBase store;
     if (!store.Open(base_path.c_str(), slots)) _exit(1);
     for (unsigned number = 0;; ++number) {
-      if (!store.writeLine(SelfDescribing(number).c_str())) _exit(1);
+      if (!store.writeLine(SelfDescribing(number, body_bytes).c_str())) _exit(1);
       if (number == slots && write(ready, "x", 1) != 1) _exit(1);
     }
   }
@@ -96,7 +96,7 @@ class StoreBackup : public testing::Test {
 };
 
 // The records of a store, each checked to be the one behind the one before it.
-void ExpectContiguousRun(const std::string& base_path, std::size_t count) {
+void ExpectContiguousRun(const std::string& base_path, std::size_t count, std::size_t body_bytes = 0) {
   EXPECT_EQ(Rules(report::VerifyStore(base_path).look), "");
   CReportFileBase store;
   ASSERT_TRUE(store.OpenRead(base_path.c_str()));
@@ -104,7 +104,9 @@ void ExpectContiguousRun(const std::string& base_path, std::size_t count) {
   ASSERT_EQ(records.size(), count);
   unsigned first = 0;
   ASSERT_EQ(std::sscanf(records[0].c_str(), "record %08u", &first), 1) << records[0];
-  for (unsigned i = 0; i < records.size(); ++i) ASSERT_EQ(records[i], SelfDescribing(first + i) + "\r\n") << i;
+  for (unsigned i = 0; i < records.size(); ++i) {
+    ASSERT_TRUE(records[i] == SelfDescribing(first + i, body_bytes) + "\r\n") << i << ": " << records[i].substr(0, 32);
+  }
 }
 
 // A copy ends as a store at rest does, though the writer went on: with its marker.
@@ -252,6 +254,20 @@ TEST_F(StoreBackup, EveryCopyOfALiveStoreIsSoundAndHoldsAContiguousRun) {
       if (result.was_written) ExpectCutAtItsMoment(to);
     }
     EXPECT_GT(copied, is_small ? -1 : 12) << slots;
+  }
+}
+
+// Records so long that many reads make a copy, with appends between them.
+TEST_F(StoreBackup, EveryCopyOfALiveStoreOfLongRecordsHoldsThemWhole) {
+  constexpr std::size_t kBodyBytes = 100000;
+  const std::string base = reports_ + "/long";
+  const LiveWriter writer(base, 8, kBodyBytes);
+  for (int copy = 0; copy < 6; ++copy) {
+    const std::string to = dir_.File("copy" + std::to_string(copy));
+    const report::StoreCopy result = report::CopyStore(base, to);
+    if (result.state == report::StoreCopyState::kNeverStill) continue;
+    ASSERT_EQ(result.state, report::StoreCopyState::kCopied) << result.error;
+    ASSERT_NO_FATAL_FAILURE(ExpectContiguousRun(to, 8, kBodyBytes)) << to;
   }
 }
 
