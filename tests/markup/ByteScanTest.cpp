@@ -47,4 +47,20 @@ TEST(ByteScan, ATripleIsFoundWithOverlappingBeginnings) {
   EXPECT_EQ((FindTriple<']', ']', '>'>(text.data(), text.data() + 31)) - text.data(), 28);
 }
 
+// Vain finds of the first byte, fewer and more than it takes to search for all three at once.
+TEST(ByteScan, ATripleIsFoundBehindAnyNumberOfItsFirstBytes) {
+  for (std::size_t brackets = 0; brackets < 60; ++brackets) {
+    for (const std::string apart : {"", "x", "]x", "12345678901234567890"}) {
+      std::string text;
+      for (std::size_t i = 0; i < brackets; ++i) text += "]" + apart;
+      for (const std::string behind : {"", "]]>", "]]", "]]>]]>", " ]]>"}) {
+        const std::string whole = text + behind;
+        const char* const end = whole.data() + whole.size();
+        ASSERT_EQ((FindTriple<']', ']', '>'>(whole.data(), end)), (FindTriplePlain<']', ']', '>'>(whole.data(), end)))
+            << whole;
+      }
+    }
+  }
+}
+
 }  // namespace
