@@ -36,6 +36,12 @@ BANNED = [
     (r"#\s*include\s*<(iostream|regex|ranges)>", "too heavy for the module, or not usable with clang 14"),
 ]
 
+# In some folders more is banned: a document must not parse differently under a host's locale.
+BANNED_IN = {
+    "markup": [(r"\b(is(alnum|alpha|cntrl|digit|graph|lower|print|punct|space|upper|xdigit)|to(lower|upper)|"
+                r"str(n?casecmp|coll|xfrm))\s*\(", "asks the locale; use markup/Ascii.h")],
+}
+
 
 def tracked(*patterns):
     out = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard", "--", *patterns], cwd=ROOT,
@@ -66,7 +72,7 @@ def check_lines(path, lines):
             yield number, "opens a namespace for everyone who includes this"
         if path.parts[0] not in LAYERS:
             continue
-        for pattern, why in BANNED:
+        for pattern, why in BANNED + BANNED_IN.get(path.parts[0], []):
             if re.search(pattern, code):
                 yield number, why
 

@@ -1,16 +1,11 @@
-// Edges that the other tests of the documents do not reach: edits beyond the first record segment, the services under a
-// locale whose characters lie above 127, whole alphabets.
+// Edges that the other tests of the documents do not reach: edits beyond the first record segment, whole alphabets.
 #include <gtest/gtest.h>
 
-#include <cctype>
-#include <clocale>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
 #include "markup/Markup.h"
 #include "tests/markup/Outline.h"
-#include "tests/support/Support.h"
 
 namespace {
 
@@ -103,43 +98,6 @@ TEST(MarkupEdges, EveryBase64DigitStandsForItsNumber) {
     EXPECT_EQ(CMarkup::DecodeBase64(coded.c_str(), &decoded, 1), 1);
     EXPECT_EQ(decoded, byte);
   }
-}
-
-// A locale made for the test in which the bytes above 127 are letters and marks of Latin-1.
-class Latin1Locale {
- public:
-  Latin1Locale() : path_("LOCPATH", dir_.Path().c_str()), before_(std::setlocale(LC_ALL, nullptr)) {
-    const std::string make =
-        "localedef -c -i en_US -f ISO-8859-1 '" + dir_.File("qx_latin1") + "' >/dev/null 2>&1 </dev/null";
-    (void)!std::system(make.c_str());
-    is_set_ = std::setlocale(LC_ALL, "qx_latin1") != nullptr;
-  }
-  ~Latin1Locale() { std::setlocale(LC_ALL, before_.c_str()); }
-  Latin1Locale(const Latin1Locale&) = delete;
-  Latin1Locale& operator=(const Latin1Locale&) = delete;
-  bool IsSet() const { return is_set_; }
-
- private:
-  qx::test::TempDir dir_;
-  qx::test::ScopedEnv path_;
-  std::string before_;
-  bool is_set_ = false;
-};
-
-TEST(MarkupEdges, AHostsLocaleOfLettersAbove127ChangesNothing) {
-  const Latin1Locale locale;
-  if (!locale.IsSet()) GTEST_SKIP() << "the locale sources are not installed (package locales)";
-  ASSERT_TRUE(std::isprint(0xE4) != 0 && std::isalpha(0xE4) != 0 && std::tolower(0xC4) == 0xE4);
-
-  EXPECT_EQ(CMarkup::EscapeTextBinary("a\xE4\xA0", 0), "a&#xE4;&#xA0;");
-  EXPECT_EQ(CMarkup::UnescapeText("&am\xC4;&\xC4;"), "&am\xC4;&\xC4;");
-  CMarkup markup;
-  markup.SetDocFlags(CMarkup::kDocIgnoreCase);
-  EXPECT_FALSE(markup.SetDoc("<\xC4></\xE4>"));
-  EXPECT_TRUE(markup.SetDoc("<a\xA0z x='\xA0'></a\xA0z>"));  // no white space outside the ASCII set
-  ASSERT_TRUE(markup.FindElem());
-  EXPECT_EQ(markup.GetTagName(), "a\xA0z");
-  EXPECT_EQ(CMarkup::GetEncodingCodePage("\xC4"), -1);
 }
 
 }  // namespace
