@@ -1,0 +1,173 @@
+// One value read from an INI file, beside a plain reader with fgets, GLib's key file and inih, and beside the bare read
+// of the same bytes; and how the search grows with the file.
+//
+// The file has one section, and the wanted key is its last: nobody can stop early.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "bench/support/MemoryDirectory.h"
+#include "inifile/IniFile.h"
+#ifdef QX_HAVE_GLIB
+#include <glib.h>
+#endif
+#ifdef QX_HAVE_INIH
+#include <ini.h>
+#endif
+
+namespace {
+
+using qx::bench::MemoryDirectory;
+using qx::bench::Must;
+
+constexpr std::int64_t kKeys = 1000;
+constexpr const char* kSection = "InstanceNames";
+
+std::string KeyOf(std::int64_t number) { return "Instance" + std::to_string(number); }
+std::string ValueOf(std::int64_t number) { return "Temperature sensor " + std::to_string(number); }
+
+std::string IniText(std::int64_t keys) {
+  std::string text = "\n[InstanceNames]\n\n";
+  for (std::int64_t number = 0; number < keys; ++number) text += KeyOf(number) + "=" + ValueOf(number) + "\n";
+  return text;
+}
+
+// An INI file in memory, and the key and the value of its last line.
+struct Sample {
+  explicit Sample(std::int64_t keys = kKeys)
+      : path(directory.FileWith("names.ini", IniText(keys))), key(KeyOf(keys - 1)), value(ValueOf(keys - 1)) {}
+
+  MemoryDirectory directory;
+  std::string path;
+  std::string key;
+  std::string value;
+};
+
+void ReadFrom(benchmark::State& state, const Sample& sample) {
+  CIniFile file;
+  Must(file.Open(sample.path.c_str(), true), "open");
+  std::string value;
+  for (auto _ : state) {
+    if (!file.GetString(value, kSection, sample.key.c_str(), "")) state.SkipWithError("no value");
+  }
+  Must(value == sample.value, "the value");
+}
+
+void ReadQx(benchmark::State& state) { ReadFrom(state, Sample()); }
+
+bool IsSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+void TrimEnd(char* begin, char* end) {
+  while (end > begin && IsSpace(end[-1])) --end;
+  *end = '\0';
+}
+
+// The same rules in the plainest form: lines of at most 1023 characters, comments and blanks cut in place.
+bool ReadWithFgets(std::FILE* file, const char* section, const char* key, std::string& value) {
+  const std::size_t section_chars = std::strlen(section);
+  bool is_inside = false;
+  char buffer[1024];
+  while (std::fgets(buffer, sizeof buffer, file) != nullptr) {
+    char* line = buffer;
+    while (IsSpace(*line)) ++line;
+    if (*line == '\0' || *line == ';') continue;
+    TrimEnd(line, line + std::strcspn(line, ";"));
+    if (*line == '[') {
+      if (is_inside) return false;
+      is_inside = std::strncmp(line + 1, section, section_chars) == 0 && line[1 + section_chars] == ']';
+      continue;
+    }
+    char* equals = is_inside ? std::strchr(line, '=') : nullptr;
+    if (equals == nullptr) continue;
+    char* text = equals + 1;
+    while (IsSpace(*text)) ++text;
+    TrimEnd(line, equals);
+    if (std::strcmp(line, key) != 0) continue;
+    value = text;
+    return true;
+  }
+  return false;
+}
+
+void ReadFgets(benchmark::State& state) {
+  const Sample sample;
+  std::string value;
+  for (auto _ : state) {
+    std::FILE* file = std::fopen(sample.path.c_str(), "re");
+    if (!ReadWithFgets(file, kSection, sample.key.c_str(), value)) state.SkipWithError("no value");
+    std::fclose(file);
+  }
+  Must(value == sample.value, "the value");
+}
+
+#ifdef QX_HAVE_GLIB
+void ReadGlib(benchmark::State& state) {
+  const Sample sample;
+  for (auto _ : state) {
+    GKeyFile* file = g_key_file_new();
+    Must(g_key_file_load_from_file(file, sample.path.c_str(), G_KEY_FILE_NONE, nullptr) != 0, "load the key file");
+    char* value = g_key_file_get_string(file, kSection, sample.key.c_str(), nullptr);
+    if (value == nullptr || value != sample.value) state.SkipWithError("no value");
+    g_free(value);
+    g_key_file_free(file);
+  }
+}
+#endif
+
+#ifdef QX_HAVE_INIH
+struct Wanted {
+  const char* key;
+  std::string value;
+};
+
+int TakeEntry(void* user, const char* section, const char* key, const char* value) {
+  auto* wanted = static_cast<Wanted*>(user);
+  if (std::strcmp(section, kSection) == 0 && std::strcmp(key, wanted->key) == 0) wanted->value = value;
+  return 1;
+}
+
+void ReadInih(benchmark::State& state) {
+  const Sample sample;
+  Wanted wanted{sample.key.c_str(), {}};
+  for (auto _ : state) {
+    if (ini_parse(sample.path.c_str(), TakeEntry, &wanted) != 0) state.SkipWithError("parse");
+  }
+  Must(wanted.value == sample.value, "the value");
+}
+#endif
+
+// Open, the windows, close.
+void ReadLimit(benchmark::State& state) {
+  const Sample sample;
+  char window[16384];
+  for (auto _ : state) {
+    const int file = open(sample.path.c_str(), O_RDONLY | O_CLOEXEC);
+    while (read(file, window, sizeof window) > 0) benchmark::DoNotOptimize(&window);
+    close(file);
+  }
+}
+
+const bool kRegistered = [] {
+  benchmark::RegisterBenchmark("ini_read/qx", ReadQx);
+  benchmark::RegisterBenchmark("ini_read/fgets", ReadFgets);
+#ifdef QX_HAVE_GLIB
+  benchmark::RegisterBenchmark("ini_read/glib", ReadGlib);
+#endif
+#ifdef QX_HAVE_INIH
+  benchmark::RegisterBenchmark("ini_read/inih", ReadInih);
+#endif
+  benchmark::RegisterBenchmark("ini_read/limit", ReadLimit);
+  for (std::int64_t keys = 1000; keys <= 1000000; keys *= 10) {
+    benchmark::RegisterBenchmark(("grow_ini_scan/" + std::to_string(keys)).c_str(),
+                                 [keys](benchmark::State& state) { ReadFrom(state, Sample(keys)); });
+  }
+  return true;
+}();
+
+}  // namespace

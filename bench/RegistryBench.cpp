@@ -1,0 +1,264 @@
+// Loading and saving the registry, beside GLib's key file on the same content, beside a plain dump with fprintf and
+// beside the bare copies of the same bytes; and how loading grows with what there is to load.
+//
+// Of ten values six are strings of some 40 characters, one is a string to expand, two are numbers, one is a block of 16
+// bytes. A key file holds the same texts, a group a key. Destroying what was loaded is not timed.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "bench/support/MemoryDirectory.h"
+#include "registry/Registry.h"
+#include "registry/RegistryPaths.h"
+#include "registry/RegistryValue.h"
+#ifdef QX_HAVE_GLIB
+#include <glib.h>
+#endif
+
+namespace {
+
+using qx::bench::MemoryDirectory;
+using qx::bench::Must;
+
+constexpr int kKeys = 1000;
+constexpr int kValuesPerKey = 100;
+constexpr int kValues = kKeys * kValuesPerKey;
+
+constexpr std::string_view kBytes = "00 11 22 33 44 55 66 77 88 99 aa bb cc dd ee ff ";
+
+// 42 => "0000042": names of one length are in order when their numbers are.
+std::string Digits(std::int64_t number) {
+  const std::string digits = std::to_string(number);
+  return std::string(7 - digits.size(), '0') + digits;
+}
+
+struct Value {
+  const char* marker;
+  std::string data;
+};
+
+Value MakeValue(std::int64_t number) {
+  switch (number % 10) {
+    case 6:
+    case 7:
+      return {"=d=", std::to_string(number * 1000)};
+    case 8:
+      return {"=es=", "%HOME%/quaxel/agents/" + Digits(number)};
+    case 9:
+      return {"=b=", std::string(kBytes)};
+    default:
+      return {"=s=", "/opt/quaxel/agents/thresholds/" + Digits(number) + ".conf"};
+  }
+}
+
+// What the two formats have in common: keys of `per_key` values each, numbered throughout.
+template <typename OpenKey, typename TakeValue>
+void EachValue(std::int64_t values, std::int64_t per_key, OpenKey open_key, TakeValue take_value) {
+  for (std::int64_t number = 0; number < values; ++number) {
+    if (number % per_key == 0) open_key("Key" + Digits(number / per_key));
+    take_value("Setting" + Digits(number), MakeValue(number));
+  }
+}
+
+std::string RegistryText(std::int64_t values, std::int64_t per_key) {
+  std::string text = "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n";
+  bool is_open = false;
+  EachValue(
+      values, per_key,
+      [&](const std::string& key) {
+        if (is_open) text += '\n';
+        is_open = true;
+        text += "[" + key + "]\n";
+      },
+      [&](const std::string& name, const Value& value) { text += name + value.marker + value.data + "\n"; });
+  return text + "\n\n\n\n";
+}
+
+// One key with its names in falling order, which no save leaves behind but an editor may.
+std::string FallingText(std::int64_t values) {
+  std::string text = "[HKEY_LOCAL_MACHINE]\n";
+  for (std::int64_t number = values; number-- > 0;) {
+    const Value value = MakeValue(number);
+    text += "Setting" + Digits(number) + value.marker + value.data + "\n";
+  }
+  return text + "\n\n";
+}
+
+std::size_t BytesInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
+
+// Times `load`, which makes one loaded tree, and counts the memory a value takes in it.
+template <typename Load>
+void TimeLoading(benchmark::State& state, std::int64_t values, Load load) {
+  for (auto _ : state) {
+    state.PauseTiming();
+    const std::size_t before = BytesInUse();
+    state.ResumeTiming();
+    auto loaded = load();
+    state.PauseTiming();
+    state.counters["bytes_per_value"] = static_cast<double>(BytesInUse() - before) / static_cast<double>(values);
+    loaded.reset();
+    state.ResumeTiming();
+  }
+}
+
+std::unique_ptr<CRegistryNode> Load(const std::string& path) {
+  auto node = std::make_unique<CRegistryNode>();
+  Must(CRegistry::ReadTree(path.c_str(), *node), "load the registry");
+  return node;
+}
+
+void LoadQx(benchmark::State& state) {
+  const MemoryDirectory directory;
+  const std::string path = directory.FileWith("registry", RegistryText(kValues, kValuesPerKey));
+  TimeLoading(state, kValues, [&path] { return Load(path); });
+}
+
+#ifdef QX_HAVE_GLIB
+std::string KeyFileText() {
+  std::string text;
+  EachValue(
+      kValues, kValuesPerKey, [&](const std::string& key) { text += "[HKEY_LOCAL_MACHINE/SOFTWARE/" + key + "]\n"; },
+      [&](const std::string& name, const Value& value) { text += name + "=" + value.data + "\n"; });
+  return text;
+}
+
+void LoadGlib(benchmark::State& state) {
+  const MemoryDirectory directory;
+  const std::string path = directory.FileWith("keyfile", KeyFileText());
+  TimeLoading(state, kValues, [&path] {
+    std::unique_ptr<GKeyFile, decltype(&g_key_file_free)> loaded(g_key_file_new(), g_key_file_free);
+    Must(g_key_file_load_from_file(loaded.get(), path.c_str(), G_KEY_FILE_NONE, nullptr) != 0, "load the key file");
+    return loaded;
+  });
+}
+#endif
+
+// The file read into one buffer that is there already.
+void LoadLimit(benchmark::State& state) {
+  const MemoryDirectory directory;
+  const std::string text = RegistryText(kValues, kValuesPerKey);
+  const std::string path = directory.FileWith("registry", text);
+  std::string buffer(text.size(), '\0');
+  for (auto _ : state) {
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    Must(read(file, buffer.data(), buffer.size()) == static_cast<ssize_t>(text.size()), "read");
+    close(file);
+    benchmark::DoNotOptimize(buffer.data());
+  }
+}
+
+// The whole save: new file, backup, directory. In memory nothing is synced; the calls are made.
+void SaveQx(benchmark::State& state) {
+  const MemoryDirectory directory;
+  (void)directory.FileWith("registry", RegistryText(kValues, kValuesPerKey));
+  qx::registry::StartAfresh(directory.Path());
+  CRegistry::SetupTree(false);
+  for (auto _ : state) {
+    CRegistry::MIsDirty = true;
+    CRegistry::SaveTree();
+  }
+  qx::registry::StartAfresh(nullptr);
+}
+
+// 0a ff => "0a ff ". Not a call of fprintf a byte: that would cost as much again as all the rest.
+std::string Hexadecimal(std::string_view bytes) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    text += {kDigits[byte >> 4U], kDigits[byte & 0xFU], ' '};
+  }
+  return text;
+}
+
+void PrintValue(std::FILE* file, const StrMapEntry& entry) {
+  const char* string = static_cast<const char*>(entry.value.slot.pointer);
+  switch (entry.value.type) {
+    case REG_SZ:
+    case REG_EXPAND_SZ:
+      std::fprintf(file, "%s%s%s\n", entry.name, entry.value.type == REG_SZ ? "=s=" : "=es=", string);
+      break;
+    case REG_DWORD:
+      std::fprintf(file, "%s%s%d\n", entry.name, "=d=", entry.value.slot.number);
+      break;
+    case REG_BINARY:
+      std::fprintf(file, "%s%s%s\n", entry.name, "=b=", Hexadecimal(qx::registry::BlockBytes(string)).c_str());
+      break;
+    default:
+      break;
+  }
+}
+
+void PrintKey(std::FILE* file, const CRegistryNode& key) {
+  for (const StrMapEntry& entry : key.Entries()) PrintValue(file, entry);
+  for (const StrMapEntry& entry : key.Entries()) {
+    const CRegistryNode* subkey = qx::registry::NodeOf(entry.value);
+    if (subkey == nullptr) continue;
+    std::fprintf(file, "[%s]\n", entry.name);
+    PrintKey(file, *subkey);
+  }
+  std::fprintf(file, "\n");
+}
+
+void SaveFprintf(benchmark::State& state) {
+  const MemoryDirectory directory;
+  const auto tree = Load(directory.FileWith("registry", RegistryText(kValues, kValuesPerKey)));
+  const std::string path = directory.File("registry.new");
+  for (auto _ : state) {
+    std::FILE* file = std::fopen(path.c_str(), "we");
+    PrintKey(file, *tree);
+    Must(std::fclose(file) == 0, path.c_str());
+  }
+}
+
+// The ready text written.
+void SaveLimit(benchmark::State& state) {
+  const MemoryDirectory directory;
+  const std::string text = RegistryText(kValues, kValuesPerKey);
+  const std::string path = directory.File("registry.new");
+  for (auto _ : state) {
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    Must(write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "write");
+    close(file);
+  }
+}
+
+void GrowLoad(benchmark::State& state, const std::string& text, std::int64_t values) {
+  const MemoryDirectory directory;
+  const std::string path = directory.FileWith("registry", text);
+  TimeLoading(state, values, [&path] { return Load(path); });
+}
+
+void RegisterGrowth(std::int64_t values) {
+  const std::string size = "/" + std::to_string(values);
+  benchmark::RegisterBenchmark(("grow_registry_keys" + size).c_str(), [values](benchmark::State& state) {
+    GrowLoad(state, RegistryText(values, kValuesPerKey), values);
+  });
+  benchmark::RegisterBenchmark(("grow_registry_one_key" + size).c_str(), [values](benchmark::State& state) {
+    GrowLoad(state, RegistryText(values, values), values);
+  });
+  benchmark::RegisterBenchmark(("grow_registry_falling_names" + size).c_str(),
+                               [values](benchmark::State& state) { GrowLoad(state, FallingText(values), values); });
+}
+
+const bool kRegistered = [] {
+  benchmark::RegisterBenchmark("registry_load/qx", LoadQx);
+#ifdef QX_HAVE_GLIB
+  benchmark::RegisterBenchmark("registry_load/glib", LoadGlib);
+#endif
+  benchmark::RegisterBenchmark("registry_load/limit", LoadLimit);
+  benchmark::RegisterBenchmark("registry_save/qx", SaveQx);
+  benchmark::RegisterBenchmark("registry_save/fprintf", SaveFprintf);
+  benchmark::RegisterBenchmark("registry_save/limit", SaveLimit);
+  for (std::int64_t values = 1000; values <= 1000000; values *= 10) RegisterGrowth(values);
+  return true;
+}();
+
+}  // namespace
