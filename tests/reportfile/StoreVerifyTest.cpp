@@ -1,12 +1,15 @@
 #include "reportfile/StoreVerify.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <random>
+#include <thread>
 
 #include "tests/reportfile/StoreLife.h"
 
@@ -298,6 +301,30 @@ TEST(StoreVerify, FindingsThatStayAreDamage) {
   const report::StoreVerdict verdict = report::VerifyStore(files.Base());
   EXPECT_EQ(verdict.state, StoreState::kDamaged);
   EXPECT_EQ(verdict.look.findings[0].rule, "header.file-end");
+}
+
+// The header's count moves on in one write, all the time, between any two looks.
+TEST(StoreVerifyThreads, FindingsInAStoreThatIsWrittenBetweenTheLooksAreNoDamageYet) {
+  const StoreFiles files;
+  IndexHeader header{.writePosition = 9, .fileEnd = 1, .elementCount = 3, .maxRecord = 3, .highestIndex = 3};
+  files.Make(header, {0, 1, 2}, "x");
+  std::atomic<bool> stop{false};
+  std::atomic<bool> has_begun{false};
+  std::thread writer([&] {
+    const int index = open(files.IndexPath().c_str(), O_WRONLY | O_CLOEXEC);
+    while (!stop) {
+      ++header.elementCount;
+      if (pwrite(index, &header, sizeof header, 0) != ssize_t{sizeof header}) break;
+      has_begun = true;
+    }
+    close(index);
+  });
+  while (!has_begun) std::this_thread::yield();
+  const report::StoreVerdict verdict = report::VerifyStore(files.Base());
+  stop = true;
+  writer.join();
+  EXPECT_EQ(verdict.state, StoreState::kChanged);
+  EXPECT_FALSE(verdict.look.findings.empty());
 }
 
 TEST(StoreVerify, AStoreWithOneFileIsDamagedAndOneWithNoneIsNotFound) {
