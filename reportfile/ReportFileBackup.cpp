@@ -123,10 +123,13 @@ bool Restore(const std::string& backup) {
   if (!FindReportDirectory(report_directory)) return false;
   if (const int error = RefusalOf(backup, report_directory); error != 0) {
     TraceNotCopied(error, backup, report_directory);
+    errno = error;
     return false;
   }
   const bool is_copied = CopyBack(backup, report_directory);
+  const int error = errno;
   DeleteBackup(backup, report_directory);  // Quirk: the backup goes even after a failed copy
+  if (!is_copied) errno = error;           // the removal has errors of its own
   return is_copied;
 }
 

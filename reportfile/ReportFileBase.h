@@ -67,8 +67,9 @@ class [[gnu::visibility("default")]] CReportFileBase {
   // Copies everything in the directory `backupPath` back into the report directory that the registry names, over what
   // is there, and then deletes `backupPath` with everything in it but its hidden entries, even if the copy failed: a
   // restore is attempted once. docs/directories.md holds the rules of both steps. Static; needs no store.
-  // True: the copy succeeded, also when there was no backup. False: the copy failed; or no report directory is known,
-  // or deleting the backup would delete the report directory, and nothing happened. [any thread]
+  // True: the copy succeeded, also when there was no backup. False: the copy failed, errno being its error; or no
+  // report directory is known, or deleting the backup would delete the report directory (EINVAL), and nothing happened.
+  // [any thread]
   static bool RestoreReportDataFiles(const std::string& backupPath);
 
   // Backs nothing up: always false. Only the trace says why. [any thread]

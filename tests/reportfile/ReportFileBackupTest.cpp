@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -121,6 +122,15 @@ TEST_F(ReportFileBackup, QuirkTheBackupGoesEvenAfterAFailedCopy) {
                   "CDirectory          : Remove directory \"T/backup\"",
                   "CDirectory          : Found file: \"T/backup/a.dat\""));
   EXPECT_FALSE(Exists(backup_));
+}
+
+TEST_F(ReportFileBackup, AFailedCopyLeavesItsErrorWhateverTheRemovalMeets) {
+  MakeTree(dir_.Path(), {{"backup/a.dat", "1"}, {"backup/.hidden", "2"}, {"reports/a.dat/in the way", "3"}});
+  const ReportRoot root(reports_);
+  EXPECT_FALSE(CReportFileBase::RestoreReportDataFiles(backup_));
+  EXPECT_EQ(errno, EISDIR);
+  EXPECT_FALSE(CReportFileBase::RestoreReportDataFiles(reports_));
+  EXPECT_EQ(errno, EINVAL);
 }
 
 TEST_F(ReportFileBackup, AnEmptyBackupPathSkipsTheRemoval) {
