@@ -89,9 +89,9 @@ void StampText::FormatSecond(std::time_t second) noexcept {
 
 std::size_t KeptHeader::At(const timeval& now, std::uint32_t thread, const char* module, char* buffer) noexcept {
   if (length_ == 0 || now.tv_sec != second_ || thread != thread_) {
-    length_ = FormatEntryHeader(
-        text_, sizeof text_,
-        {.stamp = stamp_.At(now), .thread = thread, .module = module, .resident_kilobytes = nullptr});
+    length_ =
+        FormatEntryHeader(text_, sizeof text_,
+                          {.stamp = stamp_.At(now), .thread = thread, .module = module, .resident_kilobytes = nullptr});
     second_ = now.tv_sec;
     thread_ = thread;
   }
