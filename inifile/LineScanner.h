@@ -33,6 +33,19 @@ class LineScanner {
   // The next line, or false at the end. `line` lives until the next call and stays untouched on false. [owning thread]
   [[nodiscard]] bool Next(std::string_view& line) noexcept;
 
+  // Passes over lines for as long as `is_foreign`, which sees them whole and with whatever a NUL hides, says so. May
+  // stop before any line: it only spares Next the lines that it would deliver in vain. [owning thread]
+  template <typename Predicate>
+  void PassOver(Predicate is_foreign) noexcept {
+    for (;;) {
+      const std::string_view longest = unread_.substr(0, kLineBytesMax);
+      const std::size_t line_feed = longest.find('\n');
+      if (line_feed == std::string_view::npos || !is_foreign(longest.substr(0, line_feed))) return;
+      unread_.remove_prefix(line_feed + 1);
+      position_ += line_feed + 1;
+    }
+  }
+
   // Offset in the file of the byte behind the line taken last. [owning thread]
   [[nodiscard]] std::uint64_t Position() const noexcept { return position_; }
 

@@ -92,6 +92,20 @@ std::optional<Entry> ParseEntry(std::string_view line) {
                .value = WithoutLeadingWhiteSpace(line.substr(equals + 1))};
 }
 
+// True for a line that is plainly no header. Blanks and control characters in front leave it open.
+bool IsPlainText(std::string_view line) {
+  return !line.empty() && static_cast<unsigned char>(line.front()) > ' ' && line.front() != '[';
+}
+
+// True for plain text that cannot be an entry of `key`, since it does not begin with it. The last character is looked
+// at first: keys of one section often differ there alone.
+//   "name=x", "key" => yes     "keys=x", "key" => no, though it is none     anything, "" => no
+bool IsOtherEntry(std::string_view line, std::string_view key) {
+  if (!IsPlainText(line)) return false;
+  if (line.size() < key.size()) return true;
+  return !key.empty() && (line[key.size() - 1] != key.back() || !line.starts_with(key));
+}
+
 // False when the entry ends the search.
 bool TakeEntry(std::string_view line, const Query& query, Result& result) {
   const std::optional<Entry> entry = ParseEntry(line);
@@ -114,12 +128,25 @@ void CollectSections(LineScanner& lines, Result& result) {
   }
 }
 
+// Most lines of a large file are passed over at the sight of their first characters. A list takes every line of its
+// section, as if its key were empty.
+void PassOverForeign(LineScanner& lines, bool is_inside, std::string_view key) {
+  if (is_inside) {
+    lines.PassOver([key](std::string_view line) { return IsOtherEntry(line, key); });
+  } else {
+    lines.PassOver(IsPlainText);
+  }
+}
+
 // Only the first section of the name counts: its next header, of whatever name, ends the search.
 void SearchSection(LineScanner& lines, const Query& query, Result& result) {
   const std::string_view section = query.section;
+  const std::string_view key = query.key != nullptr ? query.key : "";
   bool is_inside = false;
-  std::string_view line;
-  while (result.HasRoom() && lines.Next(line)) {
+  while (result.HasRoom()) {
+    PassOverForeign(lines, is_inside, key);
+    std::string_view line;
+    if (!lines.Next(line)) return;
     line = WithoutLeadingWhiteSpace(line);
     if (IsHeader(line)) {
       if (is_inside) return;

@@ -70,7 +70,8 @@ class Dice {
   }
 
   inline static const std::array<std::string, 6> kSections = {"A", "B", "Sec", " A", "", "A;"};
-  inline static const std::array<std::string, 7> kKeys = {"a", "b", "key", "two words", "", " a", "\xFF\x80"};
+  inline static const std::array<std::string, 10> kKeys = {"a",  "b",         "key", "kex", "keys",
+                                                           "ay", "two words", "",    " a",  "\xFF\x80"};
   inline static const std::array<std::string, 8> kValues = {"",    "1",   "value", " padded ",
                                                             "a;b", "a=b", "[A]",   "\xE4\xF6"};
   inline static const std::array<std::string, 12> kLines = {"",  "; comment", " ", "\t; c", "text", "[A",

@@ -124,4 +124,34 @@ TEST(LineScanner, AgreesWithFgetsOnRandomBytesAcrossAnyWindow) {
   }
 }
 
+// Lines passed over and lines taken are together the lines there are, each once and in order, whatever the window.
+TEST(LineScanner, PassingOverLosesNoLineAndNoPosition) {
+  std::mt19937_64 random(qx::test::Seed("LineScanner passing over"));
+  const qx::test::MemoryFile file;
+  const std::string path = file.Path();
+  for (int round = 0; round < 600; ++round) {
+    file.Write(RandomBytes(random));
+    const Descriptor descriptor = qx::inifile::OpenRegularFile(path.c_str(), O_RDONLY);
+    std::vector<char> window(1023 + random() % 3000);
+    LineScanner scanner(descriptor.Number(), window);
+    std::vector<PlainLine> actual;
+    const auto is_foreign = [&](std::string_view line) {
+      if (random() % 4 == 0) return false;
+      const std::string whole = std::string(line) + "\n";
+      actual.push_back({whole.c_str(), static_cast<long>(scanner.Position() + whole.size())});
+      return true;
+    };
+    std::string_view line;
+    for (scanner.PassOver(is_foreign); scanner.Next(line); scanner.PassOver(is_foreign)) {
+      actual.push_back({std::string(line), static_cast<long>(scanner.Position())});
+    }
+    const std::vector<PlainLine> expected = qx::test::FgetsLines(path);
+    ASSERT_EQ(actual.size(), expected.size()) << "round " << round;
+    for (std::size_t i = 0; i < actual.size(); ++i) {
+      ASSERT_EQ(actual[i].text, expected[i].text) << "round " << round << ", line " << i;
+      ASSERT_EQ(actual[i].end, expected[i].end) << "round " << round << ", line " << i;
+    }
+  }
+}
+
 }  // namespace
