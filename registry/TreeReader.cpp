@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -32,8 +35,17 @@ class NumberText {
 
 OwnedValue StringValue(std::int32_t type, std::string_view data) { return {type, NewText(data)}; }
 
+// What a save writes, and nothing else: an optional minus sign and digits, to the end of the line and within 32 bits.
+std::optional<std::int32_t> PlainNumber(std::string_view data) {
+  std::int32_t number = 0;
+  const char* end = data.data() + data.size();
+  const auto [stop, error] = std::from_chars(data.data(), end, number);
+  return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
+}
+
 // "12abc" => 12   "4294967295" => -1   "abc" => no value
 OwnedValue NumberValue(std::string_view data) {
+  if (const auto plain = PlainNumber(data)) return OwnedValue(*plain);
   const NumberText digits(data);
   char* end = nullptr;
   const long number = std::strtol(digits.Text(), &end, 10);
@@ -41,13 +53,36 @@ OwnedValue NumberValue(std::string_view data) {
   return OwnedValue(static_cast<std::int32_t>(number));
 }
 
+// The value of a digit as a save writes it, or 16.
+unsigned LowercaseDigit(char c) {
+  if (c >= '0' && c <= '9') return static_cast<unsigned>(c - '0');
+  return c >= 'a' && c <= 'f' ? static_cast<unsigned>(c - 'a') + 10 : 16;
+}
+
+using LineBytes = std::array<char, kLineCharsMax>;
+
+// Takes the numbers at the front of `data` that stand there as a save writes them, two digits and a space, and returns
+// how many there are.
+std::size_t TakePlainBytes(std::string_view data, LineBytes& bytes) {
+  std::size_t count = 0;
+  for (; data.size() >= 3 && data[2] == ' '; data.remove_prefix(3)) {
+    const unsigned high = LowercaseDigit(data[0]);
+    const unsigned low = LowercaseDigit(data[1]);
+    if (high > 15 || low > 15) break;
+    bytes[count++] = static_cast<char>(high << 4U | low);
+  }
+  return count;
+}
+
 // Numbers one after another, of each the low 8 bits: "0a ff " => 0a ff   "1ff 2" => ff 02   "" => an empty block
 // Quirk: numbers need not have two digits nor a space between them ("+1+2" is two), so a line can hold more of them
 // than a third of its length; the block is as long as they are many.
 OwnedValue BinaryValue(std::string_view data) {
+  LineBytes bytes;
+  std::size_t count = TakePlainBytes(data, bytes);
+  data.remove_prefix(3 * count);
+  if (data.empty()) return {REG_BINARY, NewBlock({bytes.data(), count})};
   const NumberText numbers(data);
-  std::array<char, kLineCharsMax> bytes;
-  std::size_t count = 0;
   const char* at = numbers.Text();
   for (;;) {
     char* end = nullptr;

@@ -173,4 +173,37 @@ TEST(RegistryReading, RandomFilesGiveThePlainReadersTree) {
   }
 }
 
+// Numbers and bytes as a save writes them, and as only strtol understands them, beside the plain reader.
+TEST(RegistryReading, RandomNumbersAndBytesGiveThePlainReadersValues) {
+  constexpr std::string_view kCharacters = "0123456789abcdefABF +-xg\t";
+  std::mt19937_64 random(qx::test::Seed("RegistryNumbers"));
+  const auto below = [&random](std::size_t limit) { return random() % limit; };
+  for (int round = 0; round < 3000; ++round) {
+    std::string numbers;
+    std::string bytes;
+    for (std::size_t count = below(20); count > 0; --count) {
+      const std::size_t byte = below(256);
+      bytes += {"0123456789abcdef"[byte / 16], "0123456789abcdef"[byte % 16], ' '};
+    }
+    for (std::size_t count = below(13); count > 0; --count) numbers += kCharacters[below(10)];
+    if (below(2) == 0) numbers.insert(0, "-");
+    for (std::string* data : {&numbers, &bytes}) {
+      for (std::size_t count = below(4); count > 0; --count) {
+        data->insert(data->begin() + static_cast<long>(below(data->size() + 1)),
+                     kCharacters[below(kCharacters.size())]);
+      }
+      data->resize(data->size() - below(2) * data->size() / 8);
+    }
+    std::string text = "n=d=" + numbers + "\nb=b=" + bytes + "\n\n";
+
+    PlainKey plain;
+    FILE* stream = fmemopen(text.data(), text.size(), "r");
+    (void)plain.Read(stream);
+    fclose(stream);
+    CRegistryNode key;
+    ASSERT_TRUE(qx::test::Restore(key, text)) << text;
+    ASSERT_EQ(qx::test::Dump(key), plain.Text()) << text;
+  }
+}
+
 }  // namespace
