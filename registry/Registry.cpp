@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <exception>
@@ -120,11 +121,19 @@ void UnwireLostHives() {
   }
 }
 
+// What the new file will be as long as, more or less: the file it replaces, unless that is no registry by its size.
+std::size_t BytesExpected() {
+  constexpr std::size_t kMargin = 4096;
+  constexpr std::size_t kMax = 64UL << 20;
+  return std::min(qx::registry::BytesAt(CRegistry::MPRegistry.c_str()) + kMargin, kMax);
+}
+
 bool WriteNewFile() {
   qx::registry::Descriptor file = qx::registry::OpenToWrite(CRegistry::MPRegistryTemp.c_str());
   if (!file.IsOpen()) return false;
   std::string text;
-  if (qx::registry::FormatTree(CRegistry::MRoot, text) && qx::registry::WriteThrough(file, text)) return true;
+  if (qx::registry::FormatTree(CRegistry::MRoot, text, BytesExpected()) && qx::registry::WriteThrough(file, text))
+    return true;
   (void)unlink(CRegistry::MPRegistryTemp.c_str());  // a leftover is never read and is emptied by the next save
   return false;
 }

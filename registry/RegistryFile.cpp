@@ -71,10 +71,12 @@ bool WriteThrough(Descriptor& file, std::string_view text) {
   return file.Close() && is_stored;
 }
 
-bool HoldsBytes(const char* path) {
+std::size_t BytesAt(const char* path) {
   struct stat status;
-  return stat(path, &status) == 0 && status.st_size > 0;
+  return stat(path, &status) == 0 && status.st_size > 0 ? static_cast<std::size_t>(status.st_size) : 0;
 }
+
+bool HoldsBytes(const char* path) { return BytesAt(path) > 0; }
 
 ByteSource BytesOf(const Descriptor& file) {
   return [number = file.Number()](char* to, std::size_t room) {

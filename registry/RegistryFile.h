@@ -2,6 +2,7 @@
 // memory, because handles save the tree while they are destroyed.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "registry/TreeReader.h"
@@ -41,6 +42,8 @@ class Descriptor {
 // The bytes of an open file, from where it stands.
 [[nodiscard]] ByteSource BytesOf(const Descriptor& file);
 
+// The size of the file at `path`, or 0 when there is none.
+[[nodiscard]] std::size_t BytesAt(const char* path);
 // True when `path` leads to a file with something in it.
 [[nodiscard]] bool HoldsBytes(const char* path);
 

@@ -98,9 +98,10 @@ const StrMapEntry* NextSubkey(LockedPath::Step& step) {
 
 }  // namespace
 
-bool FormatTree(const CRegistryNode& node, std::string& text) {
+bool FormatTree(const CRegistryNode& node, std::string& text, std::size_t bytes_expected) {
   LockedPath path;
   try {
+    text.reserve(text.size() + bytes_expected);
     EnterAndAppendValues(path, &node, text);
     while (!path.IsEmpty()) {
       if (const StrMapEntry* subkey = NextSubkey(path.Last())) {
