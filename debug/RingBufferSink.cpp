@@ -175,21 +175,22 @@ RingBufferSink::OpenResult RingBufferSink::Open(const Source& source) noexcept {
 
 // A file that cannot be written whole is removed: it would keep a full disk full.
 RingBufferSink::OpenResult RingBufferSink::Create(const Source& source) noexcept {
-  Failure failure = Failure::kNone;
-  errno = EFBIG;
-  if (!IsWithinFileLimit(size_)) {
-    failure = Failure::kWriteBlocks;
-  } else if (!WriteHeader(descriptor_, source)) {
-    failure = Failure::kWriteHeader;
-  } else if (!WriteBlankBlock(descriptor_)) {
-    failure = Failure::kWriteBlankBlock;
-  } else if (!WriteBlocks(descriptor_, size_, source.entry_header)) {
-    failure = Failure::kWriteBlocks;
-  }
+  const Failure failure = WriteWhole(source);
   if (failure == Failure::kNone) return {};
   const int error = errno;
   (void)::unlink(source.path);
   return {failure, error};
+}
+
+// The failure of a write, with its error number in errno.
+RingBufferSink::Failure RingBufferSink::WriteWhole(const Source& source) const noexcept {
+  if (!IsWithinFileLimit(size_)) {
+    errno = EFBIG;
+    return Failure::kWriteBlocks;
+  }
+  if (!WriteHeader(descriptor_, source)) return Failure::kWriteHeader;
+  if (!WriteBlankBlock(descriptor_)) return Failure::kWriteBlankBlock;
+  return WriteBlocks(descriptor_, size_, source.entry_header) ? Failure::kNone : Failure::kWriteBlocks;
 }
 
 RingBufferSink::OpenResult RingBufferSink::Map(const Source& source) noexcept {

@@ -88,6 +88,7 @@ class RingBufferSink {
 
  private:
   [[nodiscard]] OpenResult Create(const Source& source) noexcept;
+  [[nodiscard]] Failure WriteWhole(const Source& source) const noexcept;
   [[nodiscard]] OpenResult Map(const Source& source) noexcept;
   void TakeOver(const Source& source) noexcept;
   [[nodiscard]] std::size_t StoredPosition() const noexcept;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 namespace qx::debug {
 
@@ -43,11 +44,12 @@ void FormatRingHeader(const RingHeader& header, char (&bytes)[kRingHeaderBytes])
   at = PutNumberLine(at, "RingBufferSize (decimal)         :", header.size);
   at = PutNumberLine(at, "CurrentWritePosition (dec bytes) :", header.position);
   std::memset(at, '-', kRingLineBytes - 2);
-  std::memcpy(at + kRingLineBytes - 2, "+\n", 2);
+  at[kRingLineBytes - 2] = '+';
+  at[kRingLineBytes - 1] = '\n';
 }
 
 void FormatRingNumber(std::uint32_t number, char (&digits)[kRingNumberDigits]) noexcept {
-  std::memset(digits, '0', sizeof digits);
+  std::fill(std::begin(digits), std::end(digits), '0');
   std::size_t at = sizeof digits;
   for (; number >= 100; number /= 100) PutPair(digits + (at -= 2), number % 100);
   PutPair(digits + at - 2, number);

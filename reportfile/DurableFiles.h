@@ -20,6 +20,11 @@ class ByteSource;
 // The last component: "a/b" => "b", "a/" => "a". [any thread]
 [[nodiscard]] std::string NameOf(const std::string& path);
 
+// "a", "b" => "a/b" [any thread]
+[[nodiscard]] inline std::string PathIn(const std::string& directory, const std::string& name) {
+  return directory + "/" + name;
+}
+
 // Syncs a file or a directory. [any thread]
 [[nodiscard]] int SyncPath(const std::string& path);
 

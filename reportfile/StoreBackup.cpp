@@ -120,7 +120,7 @@ class Backup {
     if (tree.error != 0) return Failed(tree.error, source_), false;
     directories_ = std::move(tree.directories);
     for (const std::string& name : directories_) {
-      const std::string path = directory + "/" + name;
+      const std::string path = PathIn(directory, name);
       if (mkdir(path.c_str(), S_IRWXU) != 0) return Failed(errno, path), false;
     }
     for (BackupItem& item : tree.items) {
@@ -132,8 +132,8 @@ class Backup {
 
   // False: the target cannot be written, so there will be no backup.
   bool Copy(BackupItem& item, const std::string& directory) {
-    const std::string from = source_ + "/" + item.name;
-    const std::string to = directory + "/" + item.name;
+    const std::string from = PathIn(source_, item.name);
+    const std::string to = PathIn(directory, item.name);
     if (item.kind == BackupItemKind::kSkipped) return true;
     return item.kind == BackupItemKind::kStore ? CopyReport(item, from, to) : CopyFile(item, from, to);
   }
@@ -182,8 +182,8 @@ class Backup {
   bool PutInPlace(const std::string& directory, mode_t mode) {
     for (auto name = directories_.rbegin(); name != directories_.rend(); ++name) {
       struct stat status = {};
-      const bool is_known = stat((source_ + "/" + *name).c_str(), &status) == 0;
-      if (!FinishDirectory(directory + "/" + *name, is_known ? status.st_mode & 0777 : S_IRWXU)) return false;
+      const bool is_known = stat(PathIn(source_, *name).c_str(), &status) == 0;
+      if (!FinishDirectory(PathIn(directory, *name), is_known ? status.st_mode & 0777 : S_IRWXU)) return false;
     }
     if (!FinishDirectory(directory, mode)) return false;
     // An empty directory at the target is replaced in the same step; anything else has come meanwhile and stays.

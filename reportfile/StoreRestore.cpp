@@ -156,12 +156,12 @@ class Planner {
     RestoreItem item = {.name = found.name, .kind = found.kind};
     bool is_same = true;
     for (const std::string& file : FilesOf(item)) {
-      if (KeyOf(reports_ + "/" + file).has_value()) item.action = RestoreAction::kReplace;
-      is_same = is_same && HaveEqualBytes(backup_ + "/" + file, reports_ + "/" + file);
+      if (KeyOf(PathIn(reports_, file)).has_value()) item.action = RestoreAction::kReplace;
+      is_same = is_same && HaveEqualBytes(PathIn(backup_, file), PathIn(reports_, file));
     }
     if (is_same) item.action = RestoreAction::kSame;
     const bool is_report = item.kind == BackupItemKind::kStore || item.kind == BackupItemKind::kHalfStore;
-    if (is_report) item.is_damaged = item.kind == BackupItemKind::kHalfStore || IsDamaged(backup_ + "/" + item.name);
+    if (is_report) item.is_damaged = item.kind == BackupItemKind::kHalfStore || IsDamaged(PathIn(backup_, item.name));
     return item;
   }
 
@@ -170,7 +170,7 @@ class Planner {
   std::vector<Look> LookAtAll() const {
     std::vector<Look> looks;
     for (const RestoreItem& item : result_.items) {
-      for (const std::string& file : FilesOf(item)) looks.push_back(LookAt(reports_ + "/" + file));
+      for (const std::string& file : FilesOf(item)) looks.push_back(LookAt(PathIn(reports_, file)));
     }
     return looks;
   }
@@ -180,7 +180,7 @@ class Planner {
     std::set<FileKey> wanted;
     for (const RestoreItem& item : result_.items) {
       for (const std::string& file : FilesOf(item)) {
-        if (const auto key = KeyOf(reports_ + "/" + file)) wanted.insert(*key);
+        if (const auto key = KeyOf(PathIn(reports_, file))) wanted.insert(*key);
       }
     }
     if (wanted.empty()) return;
@@ -197,7 +197,7 @@ class Planner {
       for (const std::string& file : FilesOf(item)) {
         item.is_being_written = item.is_being_written || before[at] != after[at];
         ++at;
-        const std::optional<FileKey> key = KeyOf(reports_ + "/" + file);
+        const std::optional<FileKey> key = KeyOf(PathIn(reports_, file));
         for (const OpenFile& writer : open) {
           if (key == writer.file) item.writers.push_back(writer.process);
         }
@@ -223,15 +223,15 @@ RestoreResult Failed(RestoreResult result, int error, std::string file) {
 // Copies the backup's directories and files, links to files as what they lead to. Sets the file that failed.
 int CopyBackup(const std::string& backup, const RestoreResult& plan, const std::string& to, std::string* failed) {
   for (const std::string& name : ListReports(backup).directories) {
-    *failed = to + "/" + name;
+    *failed = PathIn(to, name);
     struct stat status = {};
-    if (stat((backup + "/" + name).c_str(), &status) != 0) return errno;
+    if (stat(PathIn(backup, name).c_str(), &status) != 0) return errno;
     if (mkdir(failed->c_str(), (status.st_mode & 0777) | S_IRWXU) != 0) return errno;
   }
   for (const RestoreItem& item : plan.items) {
     for (const std::string& file : FilesOf(item)) {
-      const CopiedFile copy = CopyRegularFile(backup + "/" + file, to + "/" + file);
-      *failed = (copy.is_source_error ? backup : to) + "/" + file;
+      const CopiedFile copy = CopyRegularFile(PathIn(backup, file), PathIn(to, file));
+      *failed = PathIn(copy.is_source_error ? backup : to, file);
       if (copy.error != 0) return copy.error;
     }
   }
@@ -243,7 +243,7 @@ std::optional<std::string> FileNotRestored(const RestoreResult& plan, const std:
                                            const std::string& reports) {
   for (const RestoreItem& item : plan.items) {
     for (const std::string& file : FilesOf(item)) {
-      if (!HaveEqualBytes(backup + "/" + file, reports + "/" + file)) return reports + "/" + file;
+      if (!HaveEqualBytes(PathIn(backup, file), PathIn(reports, file))) return PathIn(reports, file);
     }
   }
   return std::nullopt;

@@ -14,7 +14,6 @@ namespace {
 
 using debug::TraceEntry;
 using debug::TraceFinding;
-using debug::TraceFormat;
 
 struct Options {
   std::string path;
