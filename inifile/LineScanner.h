@@ -14,6 +14,8 @@
 #include <span>
 #include <string_view>
 
+#include "inifile/MarkedLine.h"
+
 namespace qx::inifile {
 
 // The lines of one file, front to back.
@@ -33,17 +35,21 @@ class LineScanner {
   // The next line, or false at the end. `line` lives until the next call and stays untouched on false. [owning thread]
   [[nodiscard]] bool Next(std::string_view& line) noexcept;
 
-  // Passes over lines for as long as `is_foreign`, which sees them whole and with whatever a NUL hides, says so. May
-  // stop before any line: it only spares Next the lines that it would deliver in vain. [owning thread]
+  // Passes over lines for as long as `is_foreign`, which sees them without their line feed and with whatever a NUL
+  // hides, says so. It is not asked about plain text without the mark, which must be foreign (inifile/MarkedLine.h).
+  // May stop before any line: it only spares Next the lines that it would deliver in vain. [owning thread]
   template <typename Predicate>
-  void PassOver(Predicate is_foreign) noexcept {
+  void PassOver(LineMark mark, Predicate is_foreign) noexcept {
+    std::string_view rest = unread_;
     for (;;) {
-      const std::string_view longest = unread_.substr(0, kLineBytesMax);
-      const std::size_t line_feed = longest.find('\n');
-      if (line_feed == std::string_view::npos || !is_foreign(longest.substr(0, line_feed))) return;
-      unread_.remove_prefix(line_feed + 1);
-      position_ += line_feed + 1;
+      const std::string_view longest = rest.substr(0, kLineBytesMax);
+      const std::size_t length = longest.find('\n');
+      if (length == std::string_view::npos || !is_foreign(longest.substr(0, length))) break;
+      rest.remove_prefix(length);
+      rest.remove_prefix(BytesToMarkedLine(rest, mark));
     }
+    position_ += unread_.size() - rest.size();
+    unread_ = rest;
   }
 
   // Offset in the file of the byte behind the line taken last. [owning thread]

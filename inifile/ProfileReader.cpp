@@ -97,14 +97,9 @@ bool IsPlainText(std::string_view line) {
   return !line.empty() && static_cast<unsigned char>(line.front()) > ' ' && line.front() != '[';
 }
 
-// True for plain text that cannot be an entry of `key`, since it does not begin with it. The last character is looked
-// at first: keys of one section often differ there alone.
-//   "name=x", "key" => yes     "keys=x", "key" => no, though it is none     anything, "" => no
-bool IsOtherEntry(std::string_view line, std::string_view key) {
-  if (!IsPlainText(line)) return false;
-  if (line.size() < key.size()) return true;
-  return !key.empty() && (line[key.size() - 1] != key.back() || !line.starts_with(key));
-}
+// True for plain text that cannot be an entry of `key`, since it does not begin with it.
+//   "name=x", "key" => yes     "keys=x", "key" => no, though it is none
+bool IsOtherEntry(std::string_view line, std::string_view key) { return IsPlainText(line) && !line.starts_with(key); }
 
 // False when the entry ends the search.
 bool TakeEntry(std::string_view line, const Query& query, Result& result) {
@@ -128,14 +123,14 @@ void CollectSections(LineScanner& lines, Result& result) {
   }
 }
 
-// Most lines of a large file are passed over at the sight of their first characters. A list takes every line of its
-// section, as if its key were empty.
+// Most lines of a large file are passed over at the sight of a few characters: of another entry by the last of the
+// wanted key, since keys of one section often differ there alone. A list takes every line of its section, as if its key
+// were empty.
 void PassOverForeign(LineScanner& lines, bool is_inside, std::string_view key) {
-  if (is_inside) {
-    lines.PassOver([key](std::string_view line) { return IsOtherEntry(line, key); });
-  } else {
-    lines.PassOver(IsPlainText);
-  }
+  if (!is_inside) return lines.PassOver({.column = 0, .byte = '['}, IsPlainText);
+  if (key.empty()) return;
+  lines.PassOver({.column = key.size() - 1, .byte = key.back()},
+                 [key](std::string_view line) { return IsOtherEntry(line, key); });
 }
 
 // Only the first section of the name counts: its next header, of whatever name, ends the search.
