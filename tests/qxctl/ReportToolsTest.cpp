@@ -110,7 +110,7 @@ TEST_F(QxctlReportTools, SlotsThatLeadToNoRecordAreAFinding) {
 
 TEST_F(QxctlReportTools, ABackupGoesThereAndBackAgain) {
   MakeReport("r", 3, {"a", "b"});
-  WriteFile(ReportPath("r") + ".names", "[ReportInstances]\n");
+  WriteFile(ReportPath("r") + ".names", "[Quaxel Report Instances]\n");
   const json backup = Document({"report", "backup", "backup"}, 0);
   ASSERT_EQ(backup["items"].size(), 2U);
   EXPECT_EQ(backup["items"][0], json::parse(R"({"name": "r", "kind": "report", "state": "copied", "records": 2,

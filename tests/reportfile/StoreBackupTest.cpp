@@ -122,7 +122,7 @@ void ExpectCutAtItsMoment(const std::string& base_path) {
 TEST_F(StoreBackup, StoresAndOtherFilesAreCopiedByteForByte) {
   MakeStore("load", 3, Numbered(8));
   MakeStore("never-written", 3, {});
-  WriteFile(reports_ + "/load.names", "[ReportInstances]\nName1=cpu\n");
+  WriteFile(reports_ + "/load.names", "[Quaxel Report Instances]\nVersion=1\n[Names]\n1=cpu\n");
   fs::create_directory(reports_ + "/sub");
   WriteFile(reports_ + "/sub/.hidden", "h");
   WriteFile(reports_ + "/alone.dat", "half");

@@ -39,7 +39,7 @@ class StoreRestore : public testing::Test {
   // A backup of "load" (two records) and its names, over a report directory in which "load" has grown and "other" is.
   void MakeBoth() const {
     MakeStore(backup_ + "/load", {"a", "b"});
-    WriteFile(backup_ + "/load.names", "[ReportInstances]\n");
+    WriteFile(backup_ + "/load.names", "[Quaxel Report Instances]\n");
     MakeStore(reports_ + "/load", {"a", "b", "c"});
     MakeStore(reports_ + "/other", {"x"});
   }
