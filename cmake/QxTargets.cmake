@@ -12,6 +12,10 @@ set(CMAKE_C_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g1")
 set(CMAKE_C_FLAGS_RELEASE "-O2 -g1")
+if(QX_SANITIZE)
+  set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g")
+  set(CMAKE_C_FLAGS_DEBUG "-O1 -g")
+endif()
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 
@@ -31,10 +35,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
 endif()
 
 if(QX_SANITIZE STREQUAL "address")
-  target_compile_options(qx_flags INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
+  target_compile_options(qx_flags INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(qx_flags INTERFACE -fsanitize=address,undefined)
 elseif(QX_SANITIZE STREQUAL "thread")
-  target_compile_options(qx_flags INTERFACE -fsanitize=thread -fno-omit-frame-pointer -O1)
+  target_compile_options(qx_flags INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
   target_link_options(qx_flags INTERFACE -fsanitize=thread)
 elseif(NOT QX_SANITIZE STREQUAL "")
   message(FATAL_ERROR "QX_SANITIZE is '${QX_SANITIZE}'; it may be empty, 'address' or 'thread'")
@@ -57,19 +61,50 @@ function(qx_library name)
 endfunction()
 
 # qx_test(NAME SOURCES a.cpp... DEPS qx_lib...): one GoogleTest program, one ctest test, run in shuffled order.
-# Under the thread sanitizer only suites whose name contains "Threads" run: the others have one thread to watch.
+# Under the thread sanitizer only suites whose name contains "Threads" run, as the others have one thread to watch; so
+# only the sources that have such suites are built, with what they share.
 function(qx_test name)
   cmake_parse_arguments(arg "" "" "SOURCES;DEPS" ${ARGN})
+  if(QX_SANITIZE STREQUAL "thread")
+    qx_keep_threaded_tests(arg_SOURCES has_threads)
+    if(NOT has_threads)
+      add_executable(${name} EXCLUDE_FROM_ALL ${arg_SOURCES})  # others may still set its properties
+      return()
+    endif()
+  endif()
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE qx_test_support ${arg_DEPS} GTest::gtest GTest::gmock)
-  # What is tested is built as it ships; the tests themselves need not be fast, and compile in two thirds of the time.
+  # What is tested is built as it ships, or as its sanitizer wants it; the tests themselves need not be fast, and compile
+  # in two thirds of the time, with a sanitizer in one third.
   target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O1>)
+  if(QX_SANITIZE)
+    target_compile_options(${name} PRIVATE -O0 -g1)
+  endif()
   set(filter)
   if(QX_SANITIZE STREQUAL "thread")
     set(filter --gtest_filter=*Threads*)
   endif()
   add_test(NAME ${name} COMMAND ${name} --gtest_shuffle --gtest_brief=1 ${filter})
   set_tests_properties(${name} PROPERTIES TIMEOUT 600)
+endfunction()
+
+# Takes the test sources without a threaded suite out of the list, if any is left then. Sources that are no tests stay.
+function(qx_keep_threaded_tests sources has_threads)
+  set(kept)
+  set(found FALSE)
+  foreach(source ${${sources}})
+    file(STRINGS ${source} mentions REGEX "Threads" LIMIT_COUNT 1)
+    if(mentions)
+      set(found TRUE)
+    endif()
+    if(mentions OR NOT source MATCHES "Test\\.cpp$")
+      list(APPEND kept ${source})
+    endif()
+  endforeach()
+  if(found)
+    set(${sources} ${kept} PARENT_SCOPE)
+  endif()
+  set(${has_threads} ${found} PARENT_SCOPE)
 endfunction()
 
 # qx_fuzz(NAME SOURCE x.cpp CORPUS dir DEPS qx_lib...): with QX_BUILD_FUZZ a libFuzzer program; otherwise the same entry
