@@ -26,6 +26,7 @@ struct TakenRecords {
   std::uint32_t count;
   TakeEnd end;
 };
+
 // A reader over one store.
 //
 // Threads: one reader belongs to one thread; each call holds the store's lock.
