@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -31,6 +33,18 @@ Pipe MakePipe() {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
   return {ends[0], ends[1]};
+}
+
+// A terminal in the place of a pipe. Its read end gives what was written and then an error, which is its end.
+Pipe MakeTerminal() {
+  termios raw = {};
+  cfmakeraw(&raw);
+  int master = -1;
+  int slave = -1;
+  if (openpty(&master, &slave, nullptr, &raw, nullptr) != 0) throw std::runtime_error("no terminal");
+  (void)fcntl(master, F_SETFD, FD_CLOEXEC);
+  (void)fcntl(slave, F_SETFD, FD_CLOEXEC);
+  return {master, slave};
 }
 
 [[noreturn]] void Fail(const char* what) {
@@ -93,8 +107,8 @@ void Feed(int& descriptor, std::string& input) {
 Child::Child(const std::vector<std::string>& command, const Start& start) : input_(start.input) {
   (void)signal(SIGPIPE, SIG_IGN);  // a child may end before it has read its input
   const Pipe in = MakePipe();
-  const Pipe out = MakePipe();
-  const Pipe err = MakePipe();
+  const Pipe out = start.out_is_terminal ? MakeTerminal() : MakePipe();
+  const Pipe err = start.err_is_terminal ? MakeTerminal() : MakePipe();
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("no process");
   if (pid_ == 0) {

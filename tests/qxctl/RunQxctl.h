@@ -18,13 +18,15 @@ struct Ran {
   std::string err;
 };
 
-// How a child is started. File names are opened by the child for the descriptor, instead of a pipe.
+// How a child is started. Each of its outputs is a pipe unless it is said to be something else.
 struct Start {
   std::string directory;
   std::string input = {};
   std::map<std::string, std::string> environment = {};  // added to this process's
-  std::string out_file = {};
+  std::string out_file = {};                            // opened by the child for its standard output
   bool close_out = false;
+  bool out_is_terminal = false;  // a terminal that changes no byte
+  bool err_is_terminal = false;
 };
 
 // A started child. Its error text is collected when it is waited for.

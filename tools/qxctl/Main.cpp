@@ -9,19 +9,34 @@
 #include <csignal>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "tools/qxctl/Commands.h"
 #include "tools/qxctl/Interrupt.h"
 
 namespace {
 
+using qx::ctl::ColorMode;
 using qx::ctl::Context;
 using qx::ctl::ExitCode;
 using qx::ctl::Status;
+using qx::ctl::Verbosity;
 
 struct TraceOptions {
   std::string directory;  // empty: no traces
   int level = 5;
+};
+
+struct OutputOptions {
+  bool quiet = false;
+  bool verbose = false;
+  std::string color = "auto";
+};
+
+// What stands before or behind any command.
+struct GlobalOptions {
+  TraceOptions trace;
+  OutputOptions output;
 };
 
 constexpr int kTraceLevelMax = 6;
@@ -46,9 +61,28 @@ void AddTraceOptions(CLI::App& app, TraceOptions& options) {
       ->group(kGroup);
 }
 
-Status RunCommand(Context& context, const TraceOptions& options) {
-  if (!options.directory.empty()) {
-    if (Status status = context.traces.Keep(options.directory, options.level); !status.IsOk()) return status;
+void AddOutputOptions(CLI::App& app, OutputOptions& options) {
+  const char* const kGroup = "Output";
+  CLI::Option* const quiet = app.add_flag("--quiet", options.quiet, "Leave out notes and progress, not problems");
+  quiet->group(kGroup);
+  app.add_flag("--verbose", options.verbose, "Say more about what is done")->excludes(quiet)->group(kGroup);
+  app.add_option("--color", options.color, "Colour: on a terminal unless NO_COLOR is set, always or never")
+      ->check(CLI::IsMember(std::vector<std::string>{"auto", "always", "never"}))
+      ->group(kGroup);
+}
+
+void Configure(qx::ctl::Output& output, const OutputOptions& options) {
+  const Verbosity loud = options.verbose ? Verbosity::kVerbose : Verbosity::kNormal;
+  const ColorMode chosen = options.color == "always" ? ColorMode::kAlways : ColorMode::kNever;
+  output.Configure(options.quiet ? Verbosity::kQuiet : loud, options.color == "auto" ? ColorMode::kAuto : chosen);
+}
+
+Status RunCommand(Context& context, const GlobalOptions& options) {
+  Configure(context.output, options.output);
+  const TraceOptions& trace = options.trace;
+  if (!trace.directory.empty()) {
+    if (Status status = context.traces.Keep(trace.directory, trace.level); !status.IsOk()) return status;
+    context.output.Detail("qxctl: the traces go to " + trace.directory);
   }
   return context.run();
 }
@@ -60,7 +94,7 @@ ExitCode Finish(Context& context, const Status& status) {
   return finished.IsOk() ? status.Code() : finished.Code();
 }
 
-ExitCode ParseAndRun(CLI::App& app, Context& context, const TraceOptions& options, int argc, char** argv) {
+ExitCode ParseAndRun(CLI::App& app, Context& context, const GlobalOptions& options, int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {  // also how --help and --version come back
@@ -72,12 +106,15 @@ ExitCode ParseAndRun(CLI::App& app, Context& context, const TraceOptions& option
 
 ExitCode Qxctl(int argc, char** argv) {
   Context context;
-  TraceOptions trace_options;
+  GlobalOptions options;
   CLI::App app("Works with the QXRemConXfer provider module and with report files", "qxctl");
   app.set_version_flag("--version", "qxctl " QX_VERSION);
   app.require_subcommand(1);
   app.fallthrough();
-  AddTraceOptions(app, trace_options);
+  app.footer(
+      "--quiet, --verbose, --color, --trace and --trace-level stand behind any command");  // a command's own help
+  AddOutputOptions(app, options.output);
+  AddTraceOptions(app, options.trace);
   AddModuleCommand(app, context);
   AddFetchCommand(app, context);
   AddReportCommand(app, context);
@@ -85,7 +122,8 @@ ExitCode Qxctl(int argc, char** argv) {
   AddRegistryCommand(app, context);
   AddIniCommand(app, context);
   AddTraceCommand(app, context);
-  return ParseAndRun(app, context, trace_options, argc, argv);
+  app.footer("");  // here they are listed
+  return ParseAndRun(app, context, options, argc, argv);
 }
 
 }  // namespace

@@ -121,9 +121,10 @@ Json ToJson(const StoreVerdict& verdict, const std::string& path, ExitCode code)
   return document;
 }
 
-std::string ToText(const StoreVerdict& verdict, const std::string& path) {
+std::string ToText(const Output& output, const StoreVerdict& verdict, const std::string& path) {
   const StoreLook& look = verdict.look;
-  std::string text = path + ": " + NameOfState(verdict.state);
+  const Style style = verdict.state == StoreState::kSound ? Style::kGood : Style::kBad;
+  std::string text = path + ": " + output.Paint(style, NameOfState(verdict.state));
   if (look.findings.empty()) text += ", " + Counted(look.header.highestIndex, "record", "records");
   text += "\n";
   for (const std::string& remark : RemarksOf(look)) text += "  remark: " + remark + "\n";
@@ -142,7 +143,7 @@ Status Verify(Context& context, const Options& options) {
   const bool was_looked_at = verdict.state != StoreState::kNotFound && verdict.state != StoreState::kUnreadable;
   if (!was_looked_at) return status;
   Status printed = options.json ? context.output.Document(ToJson(verdict, path, status.Code()))
-                                : context.output.Data(ToText(verdict, path));
+                                : context.output.Data(ToText(context.output, verdict, path));
   return printed.IsOk() ? status : printed;
 }
 

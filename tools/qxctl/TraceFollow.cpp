@@ -35,7 +35,7 @@ void Sleep(std::chrono::nanoseconds time) {
   (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &wait, nullptr);
 }
 
-// Prints what the looks bring: entries as data, what is to be said about them as notes.
+// Prints what the looks bring: entries as data, what is to be said about the file as problems.
 class FollowPrinter {
  public:
   FollowPrinter(Context& context, const Options& options, const TraceFilter& filter)
@@ -45,7 +45,7 @@ class FollowPrinter {
     for (const TraceFollowEvent& event : look.events) {
       if (Status status = PrintEvent(event); !status.IsOk()) return status;
     }
-    if (look.is_missing && !was_missing_) Note("is gone; waiting for it to come back");
+    if (look.is_missing && !was_missing_) Problem("is gone; waiting for it to come back");
     was_missing_ = look.is_missing;
     return context_->output.Show();
   }
@@ -53,11 +53,11 @@ class FollowPrinter {
  private:
   Status PrintEvent(const TraceFollowEvent& event) {
     if (event.kind == TraceFollowEvent::Kind::kRestart) {
-      Note("was started over; what had been written meanwhile is lost");
+      Problem("was started over; what had been written meanwhile is lost");
       return Object({{"kind", "restart"}});
     }
     if (event.kind == TraceFollowEvent::Kind::kLost) {
-      Note("was written faster than it could be read: about " + std::to_string(event.bytes) + " bytes are lost");
+      Problem("was written faster than it could be read: about " + std::to_string(event.bytes) + " bytes are lost");
       return Object({{"kind", "lost"}, {"bytes", event.bytes}});
     }
     if (!selection_.Takes(event.entry)) return {};
@@ -65,7 +65,7 @@ class FollowPrinter {
     return context_->output.Data(EntryToText(event.entry, ""));
   }
 
-  void Note(const std::string& text) { context_->output.Note("qxctl: " + VisibleText(options_->path) + " " + text); }
+  void Problem(const std::string& text) { context_->output.Problem(VisibleText(options_->path) + " " + text); }
 
   Status Object(const Json& object) {
     return options_->json ? context_->output.Data(JsonLine(object) + "\n") : Status();

@@ -192,7 +192,7 @@ ExitCode CollectFindings(Context& context, const Files& files, Json& findings) {
   ExitCode code = ExitCode::kOk;
   const auto add = [&](const ShownFile& file, const char* name, const std::string& text) {
     findings.push_back({{"file", VisibleText(file.Name())}, {"finding", name}, {"text", text}});
-    context.output.Note("qxctl: " + VisibleText(file.Name()) + ": " + text);
+    context.output.Problem(VisibleText(file.Name()) + ": " + text);
   };
   for (const auto& file : files) {
     for (const TraceFinding& finding : file->Unroller().Findings()) {

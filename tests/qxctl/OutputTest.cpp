@@ -1,0 +1,145 @@
+// What every command has in common: how much is said, and in which colour.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/qxctl/RunQxctl.h"
+
+namespace qx::test {
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+
+const char kEscape[] = "\033[";
+
+// A report "load", and runs of which each stream may be a terminal.
+class QxctlOutput : public testing::Test, protected QxctlFixture {
+ protected:
+  QxctlOutput() { MakeReport("load", 3, {"a"}); }
+
+  Ran Run(const std::vector<std::string>& arguments, const char* no_color = "") const {
+    Start start = StartHere();
+    start.environment["NO_COLOR"] = no_color;
+    return Qxctl(arguments, start);
+  }
+
+  Ran RunOnTerminal(const std::vector<std::string>& arguments, const char* no_color = "") const {
+    Start start = StartHere();
+    start.environment["NO_COLOR"] = no_color;
+    start.out_is_terminal = true;
+    start.err_is_terminal = true;
+    return Qxctl(arguments, start);
+  }
+
+  const std::vector<std::string> verify_ = {"report", "verify", "Reports/load"};
+  const std::vector<std::string> missing_ = {"report", "cat", "Reports/nothing"};
+};
+
+std::vector<std::string> With(std::vector<std::string> arguments, const std::vector<std::string>& more) {
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  return arguments;
+}
+
+}  // namespace
+
+// --- how much
+
+TEST_F(QxctlOutput, QuietLeavesOutNotesAndKeepsTheData) {
+  EXPECT_THAT(Run({"fetch", "load"}).err, HasSubstr("load: 1 record"));
+  const Ran quiet = Run({"fetch", "load", "--quiet"});
+  EXPECT_EQ(quiet.out, "a\r\n");
+  EXPECT_EQ(quiet.err, "");
+  EXPECT_EQ(quiet.code, 0);
+}
+
+TEST_F(QxctlOutput, QuietKeepsProblems) {
+  const Ran ran = Run(With(missing_, {"--quiet"}));
+  EXPECT_EQ(ran.code, 4);
+  EXPECT_THAT(ran.err, HasSubstr("qxctl: there is no Reports/nothing.ind"));
+}
+
+TEST_F(QxctlOutput, QuietKeepsWhatIsOddAboutATrace) {
+  WriteFile(Dir().File("log.x"), "no entry\n");
+  const Ran ran = Run({"trace", "show", "log.x", "--quiet"});
+  EXPECT_EQ(ran.code, 1);
+  EXPECT_THAT(ran.err, HasSubstr("qxctl: log.x: "));
+}
+
+TEST_F(QxctlOutput, QuietLeavesOutProgressOnATerminal) {
+  EXPECT_THAT(RunOnTerminal({"fetch", "load"}).err, HasSubstr("\r\033[K"));
+  EXPECT_EQ(RunOnTerminal({"fetch", "load", "--quiet"}).err, "");
+}
+
+TEST_F(QxctlOutput, VerboseSaysMore) {
+  EXPECT_EQ(Run(With(verify_, {"--trace", "traces"})).err, "");
+  EXPECT_EQ(Run(With(verify_, {"--trace", "more", "--verbose"})).err, "qxctl: the traces go to more\n");
+}
+
+TEST_F(QxctlOutput, QuietAndVerboseExcludeEachOther) {
+  const Ran ran = Run(With(verify_, {"--quiet", "--verbose"}));
+  EXPECT_EQ(ran.code, 2);
+  EXPECT_EQ(ran.out, "");
+}
+
+TEST_F(QxctlOutput, TheOptionsStandBeforeOrBehindAnyCommand) {
+  EXPECT_EQ(Run({"--quiet", "fetch", "load"}).err, "");
+  EXPECT_EQ(Run({"fetch", "--quiet", "load"}).err, "");
+  EXPECT_THAT(Run({"--color", "always", "report", "verify", "Reports/load"}).out, HasSubstr(kEscape));
+}
+
+// --- colour
+
+TEST_F(QxctlOutput, ATerminalGetsColour) {
+  EXPECT_EQ(RunOnTerminal(verify_).out, "Reports/load: \033[32msound\033[0m, 1 record\n");
+}
+
+TEST_F(QxctlOutput, ATerminalGetsProblemsInColour) {
+  EXPECT_THAT(RunOnTerminal(missing_).err, HasSubstr("\033[1;31mqxctl:\033[0m there is no Reports/nothing.ind"));
+}
+
+TEST_F(QxctlOutput, APipeGetsNoColour) {
+  EXPECT_EQ(Run(verify_).out, "Reports/load: sound, 1 record\n");
+  EXPECT_THAT(Run(missing_).err, Not(HasSubstr(kEscape)));
+}
+
+// Someone who redirects the data still reads the problems on a terminal, and the other way round.
+TEST_F(QxctlOutput, EachStreamIsLookedAtByItself) {
+  Start start = StartHere();
+  start.environment["NO_COLOR"] = "";
+  start.err_is_terminal = true;
+  EXPECT_EQ(Qxctl(verify_, start).out, "Reports/load: sound, 1 record\n");
+  EXPECT_THAT(Qxctl(missing_, start).err, HasSubstr(kEscape));
+  start.err_is_terminal = false;
+  start.out_is_terminal = true;
+  EXPECT_THAT(Qxctl(verify_, start).out, HasSubstr(kEscape));
+  EXPECT_THAT(Qxctl(missing_, start).err, Not(HasSubstr(kEscape)));
+}
+
+TEST_F(QxctlOutput, NoColorOfTheEnvironmentForbidsItOnATerminal) {
+  EXPECT_EQ(RunOnTerminal(verify_, "1").out, "Reports/load: sound, 1 record\n");
+  EXPECT_THAT(RunOnTerminal(missing_, "no").err, Not(HasSubstr(kEscape)));
+}
+
+TEST_F(QxctlOutput, NeverIsNeverAndAlwaysIsAlways) {
+  EXPECT_EQ(RunOnTerminal(With(verify_, {"--color", "never"})).out, "Reports/load: sound, 1 record\n");
+  EXPECT_THAT(Run(With(verify_, {"--color", "always"})).out, HasSubstr(kEscape));
+  EXPECT_THAT(Run(With(missing_, {"--color", "always"}), "1").err, HasSubstr(kEscape));
+}
+
+TEST_F(QxctlOutput, AnotherWordForColourIsAUsageError) {
+  EXPECT_EQ(Run(With(verify_, {"--color", "sometimes"})).code, 2);
+}
+
+TEST_F(QxctlOutput, ADocumentIsNeverColoured) {
+  const Ran ran = RunOnTerminal(With(verify_, {"--json", "--color", "always"}));
+  EXPECT_THAT(ran.out, AllOf(HasSubstr("\"state\": \"sound\""), Not(HasSubstr(kEscape))));
+}
+
+}  // namespace qx::test
