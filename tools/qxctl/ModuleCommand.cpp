@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "tools/qxctl/CallOptions.h"
-#include "tools/qxctl/Commands.h"
 #include "tools/qxctl/Input.h"
 #include "tools/qxctl/InstanceNames.h"
+#include "tools/qxctl/ModuleCommands.h"
 #include "tools/qxctl/ReportDocuments.h"
 #include "tools/qxctl/Text.h"
 
@@ -133,12 +133,13 @@ void AddNames(CLI::App& parent, Context& context) {
 }  // namespace
 
 void AddModuleCommand(CLI::App& app, Context& context) {
-  CLI::App& module = *app.add_subcommand("module", "Call one function of the provider module");
+  CLI::App& module = *app.add_subcommand("module", "Call the provider module, and try it hard");
   module.require_subcommand(1);
   AddCall(module, context, RequestFunction::kWhat, "what", "Ask the module who it is", std::make_shared<Options>());
   AddCall(module, context, RequestFunction::kReflect, "reflect", "Have a document echoed", std::make_shared<Options>());
   AddReports(module, context);
   AddNames(module, context);
+  AddModuleLoadTest(module, context);
 }
 
 }  // namespace qx::ctl
