@@ -296,6 +296,7 @@ struct Shape {
 };
 
 constexpr Shape kShapes[] = {
+    {"elements", [](std::int64_t n) { return "<r>" + Numbered("<e a=\"", "\">text</e>", n) + "</r>"; }},
     {"nesting", [](std::int64_t n) { return Repeated("<a>", n) + Repeated("</a>", n); }},
     {"lone_end_tags", [](std::int64_t n) { return "<a>" + Repeated("</b>", n) + "</a>"; }},
     {"lone_end_tags_within_many",

@@ -1,8 +1,7 @@
 // Loading and saving the registry, beside GLib's key file on the same content, beside a plain dump with fprintf and
 // beside the bare copies of the same bytes; and how loading grows with what there is to load.
 //
-// Of ten values six are strings of some 40 characters, one is a string to expand, two are numbers, one is a block of 16
-// bytes. A key file holds the same texts, a group a key. Destroying what was loaded is not timed.
+// A key file holds the same texts, a group a key. Destroying what was loaded is not timed.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <malloc.h>
@@ -15,6 +14,7 @@
 #include <string_view>
 
 #include "bench/support/MemoryDirectory.h"
+#include "bench/support/RegistrySample.h"
 #include "registry/Registry.h"
 #include "registry/RegistryPaths.h"
 #include "registry/RegistryValue.h"
@@ -24,62 +24,15 @@
 
 namespace {
 
+using qx::bench::Digits;
+using qx::bench::EachValue;
+using qx::bench::kValues;
+using qx::bench::kValuesPerKey;
+using qx::bench::MakeValue;
 using qx::bench::MemoryDirectory;
 using qx::bench::Must;
-
-constexpr int kKeys = 1000;
-constexpr int kValuesPerKey = 100;
-constexpr int kValues = kKeys * kValuesPerKey;
-
-constexpr std::string_view kBytes = "00 11 22 33 44 55 66 77 88 99 aa bb cc dd ee ff ";
-
-// 42 => "0000042": names of one length are in order when their numbers are.
-std::string Digits(std::int64_t number) {
-  const std::string digits = std::to_string(number);
-  return std::string(7 - digits.size(), '0') + digits;
-}
-
-struct Value {
-  const char* marker;
-  std::string data;
-};
-
-Value MakeValue(std::int64_t number) {
-  switch (number % 10) {
-    case 6:
-    case 7:
-      return {"=d=", std::to_string(number * 1000)};
-    case 8:
-      return {"=es=", "%HOME%/quaxel/agents/" + Digits(number)};
-    case 9:
-      return {"=b=", std::string(kBytes)};
-    default:
-      return {"=s=", "/opt/quaxel/agents/thresholds/" + Digits(number) + ".conf"};
-  }
-}
-
-// What the two formats have in common: keys of `per_key` values each, numbered throughout.
-template <typename OpenKey, typename TakeValue>
-void EachValue(std::int64_t values, std::int64_t per_key, OpenKey open_key, TakeValue take_value) {
-  for (std::int64_t number = 0; number < values; ++number) {
-    if (number % per_key == 0) open_key("Key" + Digits(number / per_key));
-    take_value("Setting" + Digits(number), MakeValue(number));
-  }
-}
-
-std::string RegistryText(std::int64_t values, std::int64_t per_key) {
-  std::string text = "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n";
-  bool is_open = false;
-  EachValue(
-      values, per_key,
-      [&](const std::string& key) {
-        if (is_open) text += '\n';
-        is_open = true;
-        text += "[" + key + "]\n";
-      },
-      [&](const std::string& name, const Value& value) { text += name + value.marker + value.data + "\n"; });
-  return text + "\n\n\n\n";
-}
+using qx::bench::RegistryText;
+using qx::bench::Value;
 
 // One key with its names in falling order, which no save leaves behind but an editor may.
 std::string FallingText(std::int64_t values) {

@@ -1,30 +1,21 @@
 // A whole transfer of a full, wrapped ring through the exported function, beside a reader that fetches record by record
 // with stdio and one that walks an LMDB database, both of which make the same replies, and beside the bare system calls
 // and copies for the same bytes.
-//
-// The program lives in a mount namespace of its own with a small registry at the fixed place, so that a request pays
-// what it pays on a machine that has one (an absent registry costs a dozen failed opens a request).
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "provider/ModuleExports.h"
-#include "reportfile/ReportFileBase.h"
+#include "bench/support/MemoryDirectory.h"
+#include "bench/support/ServiceHost.h"
 #ifdef QX_HAVE_LMDB
 #include <lmdb.h>
 #endif
@@ -34,125 +25,32 @@
 
 namespace {
 
-constexpr std::uint32_t kSlots = 100000;
-constexpr std::size_t kRecordBytes = 100;  // of text; CR LF come on top
-constexpr std::size_t kChunkBytes = 1U << 20;
+using qx::bench::Block;
+using qx::bench::kChunkBytes;
+using qx::bench::kRecordBytes;
+using qx::bench::kSlots;
+using qx::bench::Module;
+using qx::bench::Must;
+using qx::bench::Record;
+using qx::bench::ReportDirectory;
+using qx::bench::TheModule;
+using qx::bench::TransferOnce;
+
 constexpr std::size_t kRingBytes = kSlots * (kRecordBytes + 2);
 
-void Must(bool ok, const char* what) {
-  if (ok) return;
-  std::perror(what);
-  std::exit(1);
-}
-
-void WriteText(const std::string& path, const std::string& text) {
-  FILE* file = std::fopen(path.c_str(), "we");
-  Must(file != nullptr, path.c_str());
-  Must(std::fwrite(text.data(), 1, text.size(), file) == text.size(), path.c_str());
-  Must(std::fclose(file) == 0, path.c_str());
-}
-
-std::string ReportDirectory() {
-  static const std::string directory =
-      std::filesystem::temp_directory_path().string() + "/qx-bench-" + std::to_string(getpid());
-  return directory;
-}
-
-void EnterNamespaceWithRegistry() {
-  const auto uid = std::to_string(getuid());
-  const auto gid = std::to_string(getgid());
-  Must(unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0, "unshare (user namespaces must be allowed)");
-  WriteText("/proc/self/setgroups", "deny");
-  WriteText("/proc/self/uid_map", "0 " + uid + " 1");
-  WriteText("/proc/self/gid_map", "0 " + gid + " 1");
-  Must(mount("tmpfs", "/etc", "tmpfs", 0, nullptr) == 0, "mount a tmpfs over /etc");
-  std::filesystem::create_directories("/etc/brollan");
-  WriteText("/etc/brollan/registry",
-            "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\nReportRoot=s=" +
-                ReportDirectory() + "\n\n\n\n\n\n\n\n");
-}
-
-std::string Record(std::uint32_t number) {
-  char text[kRecordBytes + 1];
-  std::snprintf(text, sizeof text, "%010u|2026-01-31 10:20:30|cpu=%03u%%|", number, number % 101);
-  std::string record = text;
-  record.resize(kRecordBytes, 'x');
-  return record;
-}
-
-// 1.5 rings of records: the ring is full and its oldest record stands in the middle of the slots.
-void WriteReport(const std::string& name) {
-  CReportFileBase store;
-  Must(store.Open((ReportDirectory() + "/" + name).c_str(), kSlots), "create the store");
-  for (std::uint32_t i = 0; i < kSlots + kSlots / 2; ++i) Must(store.writeLine(Record(i).c_str()), "append");
-}
-
-class Module {
- public:
-  Module() {
-    setenv("QX_LOG_RINGBUF_DIR", ReportDirectory().c_str(), 1);
-    handle_ = dlopen(QX_MODULE, RTLD_NOW | RTLD_LOCAL);
-    if (handle_ == nullptr) throw std::runtime_error(dlerror());
-    get_reports = reinterpret_cast<QxRequestFunction>(dlsym(handle_, "GetReports"));
-    what = reinterpret_cast<QxRequestFunction>(dlsym(handle_, "What"));
-    free_reply = reinterpret_cast<QxFreeFunction>(dlsym(handle_, "__free"));
-    thread_end = reinterpret_cast<QxThreadEndFunction>(dlsym(handle_, "__threadend"));
-  }
-
-  QxRequestFunction get_reports;
-  QxRequestFunction what;
-  QxFreeFunction free_reply;
-  QxThreadEndFunction thread_end;
-
- private:
-  void* handle_;
-};
-
-Module& TheModule() {
-  static Module module;
-  return module;
-}
-
-// A block with the elements that a call needs: the thread's state and the thread id.
-class Block {
- public:
-  krx_gendata* get() { return &header_; }
-  void* thread_data() const { return elements_[0].value; }
-
- private:
-  std::uint32_t thread_id_ = 7;
-  krx_element elements_[2] = {{0, kKrxProviderData, 0, 0, 0, kKrxTypePointer, 0, nullptr},
-                              {0, kKrxThreadId, 0, 0, 0, kKrxTypeUint32, 0, &thread_id_}};
-  krx_element* pointers_[2] = {&elements_[0], &elements_[1]};
-  krx_gendata header_ = {30400, sizeof(krx_gendata), {'K', 'R', 'X', 0}, 2, pointers_};
-};
-
-// One whole transfer, chunk by chunk as a client asks for it; returns the number of records received.
-long TransferOnce(Block& block, const std::string& name) {
-  Module& module = TheModule();
-  long next = 0;
-  for (;;) {
-    const std::string request = "<ReportData Name=\"" + name + "\" StartIndex=\"" + std::to_string(next) + "\"/>";
-    char* reply = nullptr;
-    const int result = module.get_reports(block.get(), request.c_str(), &reply);
-    if (result == 0 && reply != nullptr) {
-      next = std::strtol(std::strstr(reply, "NextIndex=\"") + 11, nullptr, 10);
-    }
-    module.free_reply(reply);
-    if (result != 0) return next;
-  }
-}
+void WriteBenchReport() { qx::bench::WriteReport("bench", kSlots); }
 
 void TransferQx(benchmark::State& state) {
+  WriteBenchReport();
   Block block;
   for (auto _ : state) {
     if (TransferOnce(block, "bench") != kSlots) state.SkipWithError("records are missing");
   }
-  TheModule().thread_end(block.thread_data());
 }
 
 // Counts the page faults of a transfer's chunks in the steady state.
 void TransferFaults(benchmark::State& state) {
+  WriteBenchReport();
   Block block;
   (void)TransferOnce(block, "bench");
   const auto faults = [] {
@@ -164,7 +62,6 @@ void TransferFaults(benchmark::State& state) {
   for (auto _ : state) (void)TransferOnce(block, "bench");
   constexpr double kChunks = static_cast<double>(kRingBytes) / kChunkBytes;
   state.counters["faults_per_chunk"] = (faults() - before) / (static_cast<double>(state.iterations()) * kChunks);
-  TheModule().thread_end(block.thread_data());
 }
 
 constexpr int kTransfersPerThread = 10;
@@ -172,23 +69,34 @@ constexpr int kTransfersPerThread = 10;
 void TransferMany(const std::string& name, int count) {
   Block block;
   for (int i = 0; i < count; ++i) benchmark::DoNotOptimize(TransferOnce(block, name));
-  TheModule().thread_end(block.thread_data());
 }
 
-// Two threads, each with a report of its own, and one thread that does the work of both. Threads that kept each other
-// busy would cost more than the one.
-void TransferTwoThreads(benchmark::State& state) {
+std::string ReportOfThread(int number) { return "bench" + std::to_string(number); }
+
+// As many threads as the row says, each with a report of its own.
+void TransferOnThreads(benchmark::State& state, int count) {
+  for (int i = 0; i < count; ++i) qx::bench::WriteReport(ReportOfThread(i), kSlots);
   for (auto _ : state) {
-    std::thread other([] { TransferMany("bench2", kTransfersPerThread); });
-    TransferMany("bench", kTransfersPerThread);
-    other.join();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) threads.emplace_back(TransferMany, ReportOfThread(i), kTransfersPerThread);
+    for (std::thread& thread : threads) thread.join();
   }
 }
 
-void TransferOneThread(benchmark::State& state) {
+// The work of two threads done by one. Threads that kept each other busy would cost more processor time than it does.
+void TransferOneAfterTheOther(benchmark::State& state) {
+  for (int i = 0; i < 2; ++i) qx::bench::WriteReport(ReportOfThread(i), kSlots);
   for (auto _ : state) {
-    TransferMany("bench2", kTransfersPerThread);
-    TransferMany("bench", kTransfersPerThread);
+    for (int i = 0; i < 2; ++i) std::thread(TransferMany, ReportOfThread(i), kTransfersPerThread).join();
+  }
+}
+
+// One transfer of a report of so many records.
+void GrowRecords(benchmark::State& state, std::uint32_t records) {
+  qx::bench::WriteReport("grow", records);
+  Block block;
+  for (auto _ : state) {
+    if (TransferOnce(block, "grow") != records) state.SkipWithError("records are missing");
   }
 }
 
@@ -212,6 +120,7 @@ std::string StdioRecord(FILE* index, FILE* data, std::uint32_t slot) {
 }
 
 void TransferStdio(benchmark::State& state) {
+  WriteBenchReport();
   const std::string base = ReportDirectory() + "/bench";
   for (auto _ : state) {
     FILE* index = std::fopen((base + ".ind").c_str(), "rbe");
@@ -312,6 +221,7 @@ void TransferLmdb(benchmark::State& state) {
 
 // The same bytes with nothing but what has to happen to them: read, copied into a document, duplicated for the host.
 void TransferLimit(benchmark::State& state) {
+  WriteBenchReport();
   const std::string path = ReportDirectory() + "/bench.dat";
   std::vector<char> window(kChunkBytes);
   std::string document;
@@ -369,11 +279,11 @@ BENCHMARK(TransferStdio)->Name("transfer/stdio_per_record")->Unit(benchmark::kMi
 BENCHMARK(TransferLmdb)->Name("transfer/lmdb_pugixml")->Unit(benchmark::kMillisecond);
 #endif
 BENCHMARK(TransferLimit)->Name("transfer/limit")->Unit(benchmark::kMillisecond);
-BENCHMARK(TransferTwoThreads)
+BENCHMARK_CAPTURE(TransferOnThreads, two, 2)
     ->Name("transfer_on_two_threads/qx")
     ->Unit(benchmark::kMillisecond)
     ->MeasureProcessCPUTime();
-BENCHMARK(TransferOneThread)
+BENCHMARK(TransferOneAfterTheOther)
     ->Name("transfer_on_two_threads/by_one_thread")
     ->Unit(benchmark::kMillisecond)
     ->MeasureProcessCPUTime();
@@ -383,16 +293,18 @@ BENCHMARK(WhatQx)->Name("what/qx");
 BENCHMARK(WhatPugixml)->Name("what/pugixml");
 #endif
 
+const bool kGrowthRegistered = [] {
+  for (std::uint32_t records = 1000; records <= 1000000; records *= 10) {
+    benchmark::RegisterBenchmark(("grow_transfer_records/" + std::to_string(records)).c_str(), GrowRecords, records);
+  }
+  for (int threads = 1; threads <= 4; ++threads) {
+    benchmark::RegisterBenchmark(("threads_transfer/" + std::to_string(threads)).c_str(), TransferOnThreads, threads)
+        ->UseRealTime();
+  }
+  return true;
+}();
+
 }  // namespace
 
 void PrepareBeforeThreads();
-void PrepareBeforeThreads() {
-  EnterNamespaceWithRegistry();
-  std::filesystem::create_directories(ReportDirectory());
-  WriteReport("bench");
-  WriteReport("bench2");
-  std::atexit([] {
-    std::error_code ignored;
-    std::filesystem::remove_all(ReportDirectory(), ignored);
-  });
-}
+void PrepareBeforeThreads() { qx::bench::PrepareService(); }
