@@ -1,0 +1,84 @@
+// The pages hold together: every link leads somewhere, every page is found from the index.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/docs/Page.h"
+#include "tests/support/Support.h"
+
+namespace qx::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool IsOfTheWeb(const std::string& target) { return target.starts_with("http://") || target.starts_with("https://"); }
+
+// The path below the source tree that a link of `page` leads to, without the anchor.
+std::string PathOf(const std::string& page, const std::string& target) {
+  const std::string path = target.substr(0, target.find('#'));
+  if (path.empty()) return page;
+  return (fs::path(page).parent_path() / path).lexically_normal().string();
+}
+
+bool HasAnchor(const std::string& page, const std::string& anchor) {
+  const std::vector<std::string> anchors = ReadPage(page).anchors;
+  return std::find(anchors.begin(), anchors.end(), anchor) != anchors.end();
+}
+
+// Why the link leads nowhere; empty if it does not.
+std::string FaultOf(const std::string& page, const std::string& target) {
+  if (IsOfTheWeb(target)) return "";
+  const std::string path = PathOf(page, target);
+  if (!fs::exists(fs::path(QX_SOURCE_DIR) / path)) return "there is no " + path;
+  const std::size_t hash = target.find('#');
+  if (hash == std::string::npos) return "";
+  return HasAnchor(path, target.substr(hash + 1)) ? "" : path + " has no heading for #" + target.substr(hash + 1);
+}
+
+std::set<std::string> PagesLinkedFrom(const std::string& page) {
+  std::set<std::string> pages;
+  for (const Link& link : ReadPage(page).links) {
+    if (!IsOfTheWeb(link.target)) pages.insert(PathOf(page, link.target));
+  }
+  return pages;
+}
+
+}  // namespace
+
+TEST(DocsLinks, EveryLinkLeadsToAFileAndAHeadingThatExist) {
+  for (const std::string& name : PageNames()) {
+    for (const Link& link : ReadPage(name).links) {
+      EXPECT_EQ(FaultOf(name, link.target), "") << name << ":" << link.line << ": " << link.target;
+    }
+  }
+}
+
+TEST(DocsLinks, TheIndexLeadsToEveryPageOfDocs) {
+  const std::set<std::string> linked = PagesLinkedFrom("docs/README.md");
+  for (const std::string& name : PageNames()) {
+    const bool is_indexed = name.starts_with("docs/") && name != "docs/README.md";
+    EXPECT_TRUE(!is_indexed || linked.count(name) == 1) << name;
+  }
+}
+
+TEST(DocsLinks, TheFrontPageLeadsToTheIndexAndFillsOneScreen) {
+  EXPECT_EQ(PagesLinkedFrom("README.md").count("docs/README.md"), 1U);
+  const std::string text = ReadFile(std::string(QX_SOURCE_DIR) + "/README.md");
+  EXPECT_LE(std::count(text.begin(), text.end(), '\n'), 60);
+}
+
+TEST(DocsLinks, AFaultIsFound) {
+  EXPECT_EQ(FaultOf("docs/qxctl.md", "operations.md"), "");
+  EXPECT_EQ(FaultOf("docs/qxctl.md", "#exit-codes"), "");
+  EXPECT_EQ(FaultOf("docs/qxctl.md", "../CONTRIBUTING.md#a-change"), "");
+  EXPECT_EQ(FaultOf("docs/qxctl.md", "nowhere.md"), "there is no docs/nowhere.md");
+  EXPECT_EQ(FaultOf("docs/qxctl.md", "operations.md#nowhere"), "docs/operations.md has no heading for #nowhere");
+}
+
+}  // namespace qx::test

@@ -1,0 +1,113 @@
+#include "tests/docs/Replay.h"
+
+#include <gtest/gtest.h>
+#include <regex.h>
+
+#include <filesystem>
+#include <sstream>
+
+#include "tests/qxctl/RunQxctl.h"
+
+namespace qx::test {
+
+namespace {
+
+const char kBetweenSessions[] = "\036\n";  // nothing that a command prints
+
+// What varies, each pattern with three groups of which the second one is hidden.
+struct Varying {
+  const char* what;
+  const char* pattern;
+};
+
+constexpr Varying kVarying[] = {
+    {"times and rates in text", "()([0-9.]+)( ms| MB/s| records/s)"},
+    {"times and rates in JSON", "(econds\"|Second\")(: [-+0-9.e]+)(,|)"},
+    {"the name of an unfinished backup", "(\\.partial-)([A-Za-z0-9]{6})(:)"},
+    {"version and date of the build", "( version=\"| date=\")([-0-9./:]+)(\")"},
+};
+
+// (The standard library's expressions do not compile cleanly under the sanitizers.)
+std::string Hide(const std::string& text, const char* pattern) {
+  regex_t compiled;
+  EXPECT_EQ(regcomp(&compiled, pattern, REG_EXTENDED), 0) << pattern;
+  std::string hidden;
+  const char* rest = text.c_str();
+  for (regmatch_t groups[4]; regexec(&compiled, rest, 4, groups, 0) == 0 && groups[0].rm_eo > 0;
+       rest += groups[3].rm_so) {
+    hidden.append(rest, static_cast<std::size_t>(groups[2].rm_so)).append("N");
+  }
+  regfree(&compiled);
+  return hidden + rest;
+}
+
+bool GoesOn(const std::string& command) { return command.ends_with('\\') || command.find("<<") != std::string::npos; }
+
+// Shows the command as it was typed, runs it, and tells its exit code.
+std::string Step(const std::string& shown, const std::string& command) {
+  return "cat <<'EOF_OF_COMMAND'\n" + shown + "EOF_OF_COMMAND\n{ " + command + "} 2>&1 || echo \"exit code $?\"\n";
+}
+
+std::string ScriptOf(const Session& session) {
+  std::string script;
+  std::string shown;
+  std::string command;
+  std::istringstream lines(session.text);
+  const auto finish = [&] {
+    if (!shown.empty()) script += Step(shown, command);
+    shown.clear();
+    command.clear();
+  };
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("$ ")) {
+      finish();
+    } else if (shown.empty() || !line.starts_with("> ") || !GoesOn(command.substr(0, command.size() - 1))) {
+      continue;  // output
+    }
+    shown += line + "\n";
+    command += line.substr(2) + "\n";
+  }
+  finish();
+  return script;
+}
+
+Start FreshStart(const TempDir& directory) {
+  const std::string path = std::filesystem::path(QxctlPath()).parent_path().string() + ":" + std::getenv("PATH");
+  return {.directory = directory.Path(),
+          .environment = {{"PATH", path}, {"QX_MODULE", ModulePath()}, {"NO_COLOR", ""}, {"LC_ALL", "C.UTF-8"}}};
+}
+
+}  // namespace
+
+std::vector<std::string> Replay(const std::vector<Session>& sessions) {
+  std::string script;
+  for (const Session& session : sessions) {
+    if (session.not_run.empty()) script += ScriptOf(session);
+    script += std::string("printf '") + "\\036\\n'\n";
+  }
+  const TempDir beside;
+  const TempDir directory;
+  WriteFile(beside.File("script"), script);
+  const Ran ran = Child({"timeout", "120", "bash", beside.File("script")}, FreshStart(directory)).Wait();
+  EXPECT_EQ(ran.err, "");
+  EXPECT_NE(ran.code, 124) << "the sessions did not end";
+
+  std::vector<std::string> printed;
+  std::size_t at = 0;
+  for (std::size_t end = ran.out.find(kBetweenSessions); end != std::string::npos;
+       end = ran.out.find(kBetweenSessions, at)) {
+    printed.push_back(ran.out.substr(at, end - at));
+    at = end + sizeof kBetweenSessions - 1;
+  }
+  printed.resize(sessions.size());
+  return printed;
+}
+
+// Records end with CR LF, of which a page shows the LF.
+std::string WithoutWhatVaries(std::string text) {
+  std::erase(text, '\r');
+  for (const Varying& varying : kVarying) text = Hide(text, varying.pattern);
+  return text;
+}
+
+}  // namespace qx::test

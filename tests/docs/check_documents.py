@@ -1,0 +1,87 @@
+#!/usr/bin/env python3
+"""check_documents.py SCHEMAS <TRANSCRIPT: the JSON documents of console sessions against their schemas.
+
+A transcript holds commands behind "$ " with what they printed below. A command `qxctl a b --json` prints documents of the
+schema SCHEMAS/qxctl-a-b.schema.json, one after the other. Each fault is a line on standard output; the exit code is 1 then.
+"""
+import json
+import pathlib
+import re
+import shlex
+import sys
+
+import jsonschema
+
+
+def steps(transcript):
+    """Pairs of a command and what it printed."""
+    command, output = None, []
+    for line in transcript.splitlines(keepends=True):
+        if line.startswith("$ "):
+            if command is not None:
+                yield command, "".join(output)
+            command, output = line[2:].rstrip("\n"), []
+        else:
+            output.append(line)
+    if command is not None:
+        yield command, "".join(output)
+
+
+def words_of(command):
+    """The words of the first `qxctl ... --json` in a command line, or None: ["report", "info", "Reports/load", ...]"""
+    for part in re.split(r"&&|\|\||[;|<>()]", command):
+        if "--json" not in part.split() or "qxctl" not in part.split():
+            continue
+        words = shlex.split(part.replace("'", "").replace('"', ""))
+        return [word for word in words[words.index("qxctl") + 1:] if not word.startswith("-")]
+    return None
+
+
+def schema_for(words, schemas):
+    """The name of the schema of the longest beginning of `words` that has one, or None."""
+    for count in range(len(words), 0, -1):
+        name = "-".join(["qxctl", *words[:count]])
+        if name in schemas:
+            return name
+    return None
+
+
+def documents_in(output):
+    """The JSON documents in an output; problems, which a terminal mixes in, are left out."""
+    text = "".join(line for line in output.splitlines(keepends=True) if not line.startswith("qxctl: ")).lstrip()
+    decoder = json.JSONDecoder()
+    while text[:1] in ("{", "["):
+        document, end = decoder.raw_decode(text)
+        yield document
+        text = text[end:].lstrip()
+
+
+def load_schemas(directory):
+    suffix = ".schema.json"
+    return {path.name[: -len(suffix)]: json.loads(path.read_text(encoding="utf-8"))
+            for path in sorted(pathlib.Path(directory).glob("*" + suffix))}
+
+
+def faults_of(command, output, schemas):
+    words = words_of(command)
+    if words is None:
+        return
+    documents = list(documents_in(output))
+    name = schema_for(words, schemas)
+    if documents and name is None:
+        yield "prints a document that no schema describes"
+    for document in documents if name else []:
+        for error in jsonschema.Draft202012Validator(schemas[name]).iter_errors(document):
+            yield f"{name}: {error.json_path}: {error.message}"
+
+
+def main():
+    schemas = load_schemas(sys.argv[1])
+    faults = [f"{command}: {fault}" for command, output in steps(sys.stdin.read())
+              for fault in faults_of(command, output, schemas)]
+    print("".join(fault + "\n" for fault in faults), end="")
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
