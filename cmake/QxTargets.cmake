@@ -19,11 +19,16 @@ endif()
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 
+option(QX_REPRODUCIBLE "Leave the path of the build folder out of what is built, so that it does not depend on it" OFF)
+
 find_package(Threads REQUIRED)
 
 add_library(qx_flags INTERFACE)
 target_compile_options(qx_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+if(QX_REPRODUCIBLE)  # off while developing: the compiler cache shares objects between build folders
+  target_compile_options(qx_flags INTERFACE -ffile-prefix-map=${PROJECT_BINARY_DIR}=.)
+endif()
 # POSIX and GNU interfaces are used throughout (close_range, pthread_t printing, program_invocation_short_name).
 target_compile_definitions(qx_flags INTERFACE _GNU_SOURCE)
 target_include_directories(qx_flags INTERFACE ${PROJECT_SOURCE_DIR})
@@ -53,11 +58,12 @@ if(QX_BUILD_FUZZ)
   target_link_options(qx_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# qx_library(NAME SOURCES a.cpp... DEPS qx_other...): a subsystem library. It sees only what it links.
+# qx_library(NAME SOURCES a.cpp... DEPS qx_other...): a subsystem library. It sees only what it links. The flags are this
+# build's own: they do not follow an installed library into other people's programs.
 function(qx_library name)
   cmake_parse_arguments(arg "" "" "SOURCES;DEPS" ${ARGN})
   add_library(${name} STATIC ${arg_SOURCES})
-  target_link_libraries(${name} PUBLIC qx_flags ${arg_DEPS})
+  target_link_libraries(${name} PUBLIC $<BUILD_INTERFACE:qx_flags> ${arg_DEPS})
 endfunction()
 
 # qx_test(NAME SOURCES a.cpp... DEPS qx_lib...): one GoogleTest program, one ctest test, run in shuffled order.

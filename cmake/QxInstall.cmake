@@ -1,0 +1,101 @@
+# What `cmake --install` puts where.
+#
+#   component module  the module, at the path that it names itself (DreQXObjectPath)
+#   component sdk     headers, static libraries, the CMake package, the pkg-config file, examples: for agents and hosts
+#   component tools   qxctl, its manual pages and shell completions
+#
+# The service looks for the module at an absolute path, so --prefix does not move it: stage with DESTDIR, or configure
+# with a QX_MODULE_DIR below the prefix.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(QX_MODULE_DIR /opt/norrlek/QuaxelSuite/KRX/Provider CACHE STRING
+  "Where the module is installed; a relative directory stands below the prefix")
+
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(qx_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/qxremconxfer)
+set(qx_config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/QXRemConXfer)
+set(qx_examples_dir ${CMAKE_INSTALL_DATADIR}/doc/libqxremconxfer-dev/examples)
+
+install(TARGETS QXRemConXfer LIBRARY DESTINATION ${QX_MODULE_DIR} COMPONENT module)
+
+# The headers that agents and hosts include, and behind the empty line those that these include.
+set(qx_public_headers
+  base/CriticalSection.h
+  debug/Debug.h
+  debug/DebugTraceConfig.h
+  debug/SysLogTraces.h
+  inifile/IniFile.h
+  markup/Markup.h
+  process/Process.h
+  provider/FileTransferProvider.h
+  provider/KrxAdapterModule.h
+  provider/KrxGenData.h
+  provider/KrxRequestParams.h
+  provider/ModuleExports.h
+  provider/QXString.h
+  provider/ServerControlPaths.h
+  provider/ThreadData.h
+  registry/Registry.h
+  registry/RegistryNode.h
+  registry/StrMap.h
+  reportfile/Directory.h
+  reportfile/ReportFileBase.h
+
+  debug/EntryHeader.h
+  debug/LogFileSink.h
+  debug/LogHeader.h
+  debug/RingBufferSink.h
+  debug/RingFormat.h
+  reportfile/StoreFormat.h)
+foreach(header ${qx_public_headers})
+  get_filename_component(folder ${header} DIRECTORY)
+  install(FILES ${header} DESTINATION ${qx_include_dir}/${folder} COMPONENT sdk)
+endforeach()
+
+# Each archive defines what the ones behind it lack: also the order of the pkg-config file.
+set(qx_public_libraries
+  qx_provider qx_reportfile qx_paths qx_markup qx_inifile qx_registry qx_trace_object qx_debug qx_process qx_base)
+
+qx_library(qx_trace_object SOURCES packaging/TraceObject.cpp DEPS qx_debug)
+target_link_libraries(qx_debug PUBLIC $<INSTALL_INTERFACE:QXRemConXfer::trace_object>)
+
+foreach(library ${qx_public_libraries})
+  string(REGEX REPLACE "^qx_" "" name ${library})
+  set_target_properties(${library} PROPERTIES EXPORT_NAME ${name})
+  target_include_directories(${library} INTERFACE $<INSTALL_INTERFACE:${qx_include_dir}>)
+  target_compile_features(${library} INTERFACE cxx_std_20)
+  target_link_libraries(${library} PUBLIC $<INSTALL_INTERFACE:Threads::Threads>)
+endforeach()
+install(TARGETS ${qx_public_libraries} EXPORT QXRemConXferTargets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT sdk)
+install(EXPORT QXRemConXferTargets NAMESPACE QXRemConXfer:: DESTINATION ${qx_config_dir} COMPONENT sdk)
+
+configure_package_config_file(cmake/QXRemConXferConfig.cmake.in ${PROJECT_BINARY_DIR}/QXRemConXferConfig.cmake
+  INSTALL_DESTINATION ${qx_config_dir} PATH_VARS qx_include_dir)
+# Before 1.0 a new minor version may change what agents compile against.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/QXRemConXferConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/QXRemConXferConfig.cmake ${PROJECT_BINARY_DIR}/QXRemConXferConfigVersion.cmake
+  DESTINATION ${qx_config_dir} COMPONENT sdk)
+
+# The pkg-config file finds its prefix from where it stands, so a tree may be moved as a whole.
+set(qx_pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH qx_pc_to_prefix /prefix/${qx_pc_dir} /prefix/)
+string(REGEX REPLACE "/$" "" qx_pc_to_prefix ${qx_pc_to_prefix})
+list(TRANSFORM qx_public_libraries PREPEND -l OUTPUT_VARIABLE qx_pc_libraries)
+list(JOIN qx_pc_libraries " " qx_pc_libraries)
+if(IS_ABSOLUTE ${QX_MODULE_DIR})
+  set(qx_pc_module_dir ${QX_MODULE_DIR})
+else()
+  set(qx_pc_module_dir "\${prefix}/${QX_MODULE_DIR}")
+endif()
+configure_file(cmake/qxremconxfer.pc.in ${PROJECT_BINARY_DIR}/qxremconxfer.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qxremconxfer.pc DESTINATION ${qx_pc_dir} COMPONENT sdk)
+
+install(DIRECTORY examples/ DESTINATION ${qx_examples_dir} COMPONENT sdk USE_SOURCE_PERMISSIONS)
+
+if(QX_BUILD_TOOLS)
+  install(TARGETS qxctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+endif()

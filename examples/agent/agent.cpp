@@ -1,0 +1,48 @@
+// An agent: keeps the report "example", to which every argument adds one record.
+//
+//   agent "09:00 load 0.12" "09:01 load 0.31"
+//
+// The report directory is the one that the machine's registry names. On a machine without a registry it is "Reports" in
+// the working directory, which is handy for trying things out.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "provider/ServerControlPaths.h"
+#include "reportfile/ReportFileBase.h"
+
+namespace {
+
+constexpr char kReport[] = "example";
+
+// The report is a ring: once it holds this many records, each new one replaces the oldest. Counts only for a new
+// report.
+constexpr unsigned kRecordsKept = 100;
+
+int Fail(const char* what, const std::string& path) {
+  const int error = errno;  // at once: whatever is called next may change it
+  std::fprintf(stderr, "agent: cannot %s %s: %s\n", what, path.c_str(), std::strerror(error));
+  return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string directory;
+  CServerControlPaths::GetServerControlReportPath(directory);
+  std::error_code ignored;  // a directory that could not be made shows when the report is opened
+  std::filesystem::create_directories(directory, ignored);
+
+  // Opens example.dat and example.ind for writing, or makes them. One process writes a report; any number may read it.
+  const std::string path = directory + "/" + kReport;
+  CReportFileBase report;
+  if (!report.Open(path.c_str(), kRecordsKept)) return Fail("open", path);
+
+  for (int i = 1; i < argc; ++i) {
+    // True: the record stands in both files. It needs no line end; a line feed in its text would cut it short.
+    if (!report.writeLine(argv[i])) return Fail("write to", path);
+  }
+  return 0;  // the destructor closes the files
+}
