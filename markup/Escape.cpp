@@ -18,8 +18,11 @@ namespace {
 constexpr std::size_t kReferenceCharsMax = 9;
 
 // How much is escaped or unescaped before it is appended, and the longest reference that escaping puts for a byte.
-constexpr std::ptrdiff_t kStretchBytes = 1024;
+constexpr std::size_t kStretchBytes = 1024;
 constexpr std::size_t kReferenceBytesMax = 6;
+
+// The room for the escaped form of so many bytes, and for a block that is copied whole behind its end.
+constexpr std::size_t RoomToEscape(std::size_t bytes) { return bytes * kReferenceBytesMax + 16; }
 
 // A "]]>" inside of CDATA is cut behind its second byte.
 constexpr std::size_t kInnerEndBytes = 2;
@@ -109,12 +112,12 @@ Reference CommonReference(const char* p, const char* end) {
 
 struct EscapeSource {
   const char* end;
-  bool keeps_references;
+  int flags;
 };
 
 // Puts what stands for the special byte at `p` at `to`, where there is room for eight bytes.
 char* PutReference(const EscapeSource& source, const char* p, char* to) {
-  if (source.keeps_references && *p == '&' && BeginsReference(p, source.end)) {
+  if ((source.flags & kEscapeKeepReferences) != 0 && *p == '&' && BeginsReference(p, source.end)) {
     *to = '&';
     return to + 1;
   }
@@ -126,7 +129,7 @@ char* PutReference(const EscapeSource& source, const char* p, char* to) {
 // Escapes about kStretchBytes from `p` on, which moves behind them; returns the end of what was put at `to`. A block is
 // copied whole and then taken as far as it holds nothing special.
 template <char... kSpecial>
-char* EscapeStretch(const EscapeSource& source, const char*& p, char* to) {
+char* EscapeStretchOf(const EscapeSource& source, const char*& p, char* to) {
   const char* const stretch_end = p + std::min<std::ptrdiff_t>(source.end - p, kStretchBytes);
 #if defined(__SSE2__)
   while (p < stretch_end && source.end - p >= kScanBlockBytes) {
@@ -147,6 +150,11 @@ char* EscapeStretch(const EscapeSource& source, const char*& p, char* to) {
     }
   }
   return to;
+}
+
+char* EscapeStretch(const EscapeSource& source, const char*& p, char* to) {
+  return (source.flags & kEscapeQuoteMarks) != 0 ? EscapeStretchOf<'&', '<', '>', '"', '\''>(source, p, to)
+                                                 : EscapeStretchOf<'&', '<', '>'>(source, p, to);
 }
 
 // What the "&" at `p` leads to.
@@ -202,13 +210,22 @@ void AppendEscapedPlain(std::string& out, std::string_view text, int flags) {
 // Stretches of the text go through a buffer in which every byte has room for its reference, so that nothing is asked
 // for each of them.
 void AppendEscaped(std::string& out, std::string_view text, int flags) {
-  const EscapeSource source{text.data() + text.size(), (flags & kEscapeKeepReferences) != 0};
+  const EscapeSource source{text.data() + text.size(), flags};
   for (const char* p = text.data(); p != source.end;) {
-    char buffer[(kStretchBytes + kScanBlockBytes) * kReferenceBytesMax + kScanBlockBytes];
-    char* const to = (flags & kEscapeQuoteMarks) != 0 ? EscapeStretch<'&', '<', '>', '"', '\''>(source, p, buffer)
-                                                      : EscapeStretch<'&', '<', '>'>(source, p, buffer);
+    char buffer[RoomToEscape(kStretchBytes + std::size_t{kScanBlockBytes})];
+    char* const to = EscapeStretch(source, p, buffer);
     out.append(buffer, static_cast<std::size_t>(to - buffer));
   }
+}
+
+bool AddEscaped(Pieces& pieces, std::string_view text, int flags) {
+  if (text.size() > kStretchBytes) return false;
+  char* const room = pieces.RoomFor(RoomToEscape(text.size()));
+  if (room == nullptr) return false;
+  const char* p = text.data();
+  char* const to = EscapeStretch({p + text.size(), flags}, p, room);
+  pieces.AddWritten(static_cast<std::size_t>(to - room));
+  return true;
 }
 
 void AppendBinary(std::string& out, std::string_view text) {

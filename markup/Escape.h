@@ -17,6 +17,10 @@ inline constexpr int kUnescapeCollapse = 0x200;  // and make one space of each r
 void AppendEscaped(std::string& out, std::string_view text, int flags);
 void AppendEscapedPlain(std::string& out, std::string_view text, int flags);  // byte by byte: the oracle in tests
 
+// Adds the text, escaped, to what the pieces put together themselves; false, and nothing is added, when it might not
+// fit there.
+bool AddEscaped(Pieces& pieces, std::string_view text, int flags);
+
 // True when AppendEscaped would change something.
 bool NeedsEscape(std::string_view text, int flags);
 

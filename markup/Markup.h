@@ -303,13 +303,13 @@ class CMarkup {
                        int flags);
   void PlaceInsertion(Insertion& insertion) const;
   static void WriteElement(Insertion& insertion, std::string_view name, std::string_view data, int flags);
-  std::uint32_t CommitInsertion(const Insertion& insertion);
+  std::uint32_t CommitInsertion(Insertion& insertion);
   void Remove(std::uint32_t elem);
   std::size_t TrailingSlashes(std::uint32_t elem) const;
-  void ShiftSubtree(std::uint32_t top, std::uint32_t delta);
+  void ShiftSiblings(std::uint32_t first, std::uint32_t delta);
   void Shift(std::uint32_t elem, std::uint32_t delta);
   void ReleaseSubtree(std::uint32_t top);
-  void Splice(std::size_t offset, std::size_t removed, const qx::markup::Pieces& pieces);
+  void Splice(std::size_t offset, std::size_t removed, qx::markup::Pieces& pieces);
 
   // Order is interface: the members stand as other code of the suite knows them.
   std::string document_;

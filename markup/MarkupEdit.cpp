@@ -1,6 +1,7 @@
 // CMarkup's changes: each one splices the text and then moves the records that stand behind or around the place.
 #include <algorithm>
 #include <charconv>
+#include <span>
 #include <utility>
 
 #include "markup/Ascii.h"
@@ -37,41 +38,56 @@ std::string_view ViewOf(MCD_CSTR text) { return text == nullptr ? std::string_vi
 // Differences travel as 32-bit words that wrap: adding one to an offset moves it either way.
 constexpr std::uint32_t Low32(std::size_t value) { return static_cast<std::uint32_t>(value); }
 
-// Appends the data in its form for the document; `escaped` keeps what had to be built for it.
-void AppendDataPieces(Pieces& pieces, std::string_view data, int flags, std::string& escaped) {
-  if ((flags & CMarkup::kAddCData) != 0) return qx::markup::AppendCDataPieces(pieces, data);
-  if (!qx::markup::NeedsEscape(data, flags)) return pieces.Add(data);
-  qx::markup::AppendEscaped(escaped, data, flags);
+// Adds the text, escaped; `escaped` keeps what had to be built for it, as long as the pieces.
+void AddEscapedText(Pieces& pieces, std::string_view text, int flags, std::string& escaped) {
+  if (qx::markup::AddEscaped(pieces, text, flags)) return;
+  if (!qx::markup::NeedsEscape(text, flags)) return pieces.Add(text);
+  qx::markup::AppendEscaped(escaped, text, flags);
   pieces.Add(escaped);
 }
+
+void AddData(Pieces& pieces, std::string_view data, int flags, std::string& escaped) {
+  if ((flags & CMarkup::kAddCData) != 0) return qx::markup::AppendCDataPieces(pieces, data);
+  AddEscapedText(pieces, data, flags, escaped);
+}
+
+// An attribute on its way into a document.
+struct NewAttribute {
+  std::string_view name;
+  std::string_view value;
+  int flags;
+};
 
 // A change within a start tag.
 struct TagChange {
   std::size_t at = 0;  // offset in the tag
   std::size_t removed = 0;
   Pieces pieces;
+  std::string escaped;
 };
+
+void AddValue(TagChange& change, const NewAttribute& attribute) {
+  AddEscapedText(change.pieces, attribute.value, attribute.flags | CMarkup::kEscapeQuotes, change.escaped);
+}
 
 // Where the value lands in the start tag:
 //   <a n="1">  =>  between the quotes      <a n=1>  =>  in its place, with quotes
 //   <a n>      =>  ="v" behind the name    <a>      =>  ` n="v"` before the ">" or "/>"
-void PlaceAttribute(TagChange& change, std::string_view tag, std::string_view name, std::string_view escaped,
-                    bool ignore_case) {
+void PlaceAttribute(TagChange& change, std::string_view tag, const NewAttribute& attribute, bool ignore_case) {
   qx::markup::AttributePos old;
-  if (!qx::markup::FindAttribute(tag, name, ignore_case, old)) {
+  if (!qx::markup::FindAttribute(tag, attribute.name, ignore_case, old)) {
     change.at = qx::markup::TagClosingOffset(tag);
-    change.pieces.Add(" ", name, "=\"", escaped, "\"");
+    change.pieces.Add(" ", attribute.name, "=\"");
+    AddValue(change, attribute);
+    change.pieces.Add("\"");
     return;
   }
   change.at = old.value_start;
   change.removed = old.value_end - old.value_start;
-  if (!old.HasValue()) {
-    change.pieces.Add("=\"", escaped, "\"");
-  } else if (!old.quoted) {
-    change.pieces.Add("\"", escaped, "\"");
-  } else {
-    change.pieces.Add(escaped);
-  }
+  if (!old.HasValue()) change.pieces.Add("=");
+  if (!old.quoted) change.pieces.Add("\"");
+  AddValue(change, attribute);
+  if (!old.quoted) change.pieces.Add("\"");
 }
 
 }  // namespace
@@ -94,15 +110,9 @@ bool CMarkup::SetChildAttrib(MCD_CSTR name, int value, int flags) {
 
 bool CMarkup::SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view value, int flags) {
   if (elem == 0 || name == nullptr || !qx::markup::IsAttributeName(name)) return false;
-  std::string escaped;
-  if (qx::markup::NeedsEscape(value, flags | kEscapeQuotes)) {
-    qx::markup::AppendEscaped(escaped, value, flags | kEscapeQuotes);
-    value = escaped;
-  }
-
   const std::string_view tag = StartTag(elem);
   TagChange change;
-  PlaceAttribute(change, tag, name, value, IgnoresCase());
+  PlaceAttribute(change, tag, {name, value, flags}, IgnoresCase());
   const std::size_t added = change.pieces.Bytes();
   if (!qx::markup::StartTagFits(tag.size() - change.removed + added)) return false;
   if (!qx::markup::DocumentFits(document_.size(), change.removed, added)) return false;
@@ -112,7 +122,7 @@ bool CMarkup::SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view
   const std::uint32_t delta = Low32(added - change.removed);
   record.SetTagLengths(record.StartTagLength() + delta, record.EndTagLength());
   record.length += delta;
-  for (std::uint32_t child = record.first_child; child != 0; child = (*tree_)[child].next) ShiftSubtree(child, delta);
+  ShiftSiblings(record.first_child, delta);
   Shift(elem, delta);
   return true;
 }
@@ -157,7 +167,7 @@ bool CMarkup::SetDataOf(std::uint32_t elem, std::string_view text, int flags) {
   Pieces pieces;
   std::string escaped;
   pieces.Add(place.opened);
-  AppendDataPieces(pieces, text, flags, escaped);
+  AddData(pieces, text, flags, escaped);
   pieces.Add(place.end_tag);
   if (!qx::markup::DocumentFits(document_.size(), place.removed, pieces.Bytes())) return false;
 
@@ -295,7 +305,7 @@ void CMarkup::WriteElement(Insertion& insertion, std::string_view name, std::str
     insertion.start_tag_length = 1 + name.size() + closing.size();
   } else {
     pieces.Add("<", name, ">");
-    AppendDataPieces(pieces, data, flags, insertion.escaped);
+    AddData(pieces, data, flags, insertion.escaped);
     pieces.Add("</", name, ">");
     insertion.start_tag_length = name.size() + 2;
     insertion.end_tag_length = name.size() + 3;
@@ -303,7 +313,7 @@ void CMarkup::WriteElement(Insertion& insertion, std::string_view name, std::str
   insertion.length = pieces.Bytes() - insertion.lead;
 }
 
-std::uint32_t CMarkup::CommitInsertion(const Insertion& insertion) {
+std::uint32_t CMarkup::CommitInsertion(Insertion& insertion) {
   ReserveRecord();
   Splice(insertion.at, insertion.removed, insertion.pieces);
 
@@ -377,9 +387,11 @@ std::size_t CMarkup::TrailingSlashes(std::uint32_t elem) const {
   return tag.size() - 2 - tag.find_last_not_of('/', tag.size() - 2);
 }
 
-void CMarkup::ShiftSubtree(std::uint32_t top, std::uint32_t delta) {
+void CMarkup::ShiftSiblings(std::uint32_t first, std::uint32_t delta) {
   ElemPosTree& tree = *tree_;
-  qx::markup::ForEachInSubtree(tree, top, [&tree, delta](std::uint32_t elem) { tree[elem].start += delta; });
+  for (std::uint32_t sibling = first; sibling != 0; sibling = tree[sibling].next) {
+    qx::markup::ForEachInSubtree(tree, sibling, [&tree, delta](std::uint32_t elem) { tree[elem].start += delta; });
+  }
 }
 
 // Everything behind `elem` moves by `delta` bytes, everything around it grows by as much. Nothing stands behind an
@@ -387,8 +399,9 @@ void CMarkup::ShiftSubtree(std::uint32_t top, std::uint32_t delta) {
 void CMarkup::Shift(std::uint32_t elem, std::uint32_t delta) {
   ElemPosTree& tree = *tree_;
   while (elem != 0) {
-    for (std::uint32_t behind = tree[elem].next; behind != 0; behind = tree[behind].next) ShiftSubtree(behind, delta);
-    elem = tree[elem].parent;
+    const ElemPos& record = tree[elem];
+    if (record.next != 0) ShiftSiblings(record.next, delta);
+    elem = record.parent;
     tree[elem].length += delta;
   }
 }
@@ -397,15 +410,20 @@ void CMarkup::Shift(std::uint32_t elem, std::uint32_t delta) {
 //
 // Much new text before a short rest is appended, and the rest behind it, so that a large section is copied once and not
 // filled with zeros first.
-void CMarkup::Splice(std::size_t offset, std::size_t removed, const Pieces& pieces) {
+void CMarkup::Splice(std::size_t offset, std::size_t removed, Pieces& pieces) {
+  const std::span<const qx::markup::Piece> all = pieces.All();
   const std::size_t added = pieces.Bytes();
   const std::size_t tail_bytes = document_.size() - offset - removed;
   const std::size_t needed = document_.size() - removed + added;
   if (needed > document_.capacity()) document_.reserve(std::max({needed, 2 * document_.capacity(), kFirstRoomBytes}));
 
   if (added < kMuchTextBytes || tail_bytes > kShortTailBytes) {
+    if (all.size() == 1) {
+      document_.replace(offset, removed, all.front().data, added);
+      return;
+    }
     document_.replace(offset, removed, added, '\0');
-    for (char* out = document_.data() + offset; const qx::markup::Piece piece : pieces.All()) {
+    for (char* out = document_.data() + offset; const qx::markup::Piece piece : all) {
       out = std::copy_n(piece.data, piece.size, out);
     }
     return;
@@ -413,6 +431,6 @@ void CMarkup::Splice(std::size_t offset, std::size_t removed, const Pieces& piec
   char tail[kShortTailBytes];
   std::copy_n(document_.data() + offset + removed, tail_bytes, tail);
   document_.resize(offset);
-  for (const qx::markup::Piece piece : pieces.All()) document_.append(piece.data, piece.size);
+  for (const qx::markup::Piece piece : all) document_.append(piece.data, piece.size);
   document_.append(tail, tail_bytes);
 }

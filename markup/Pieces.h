@@ -15,7 +15,7 @@ struct Piece {
   std::size_t size;
 };
 
-// Short pieces that follow one another are put together at once, so that most changes are one piece in the end and cost
+// Short pieces are put together in a text of this object's own, so that most changes are one piece in the end and cost
 // no allocation; a CDATA section has two more for each "]]>".
 //
 // Threads: none of its own. Owns: the short pieces and the views of the long ones, not what these view.
@@ -26,16 +26,10 @@ class Pieces {
   Pieces& operator=(const Pieces&) = delete;
 
   void Add(std::string_view piece) {
-    bytes_ += piece.size();
-    if (piece.size() > text_.size() - text_size_) return AddView(piece);
-    char* const to = text_.data() + text_size_;
+    char* const to = RoomFor(piece.size());
+    if (to == nullptr) return AddView(piece);
     if (!piece.empty()) std::memcpy(to, piece.data(), piece.size());
-    text_size_ += piece.size();
-    if (Extends(to)) {
-      few_[count_ - 1].size += piece.size();
-    } else {
-      AddView({to, piece.size()});
-    }
+    AddWritten(piece.size());
   }
   template <typename... More>
   void Add(std::string_view piece, const More&... more) {
@@ -43,30 +37,49 @@ class Pieces {
     (Add(std::string_view(more)), ...);
   }
 
+  // Where `bytes` bytes of the next piece may be written, or null: then it must be added as a view.
+  char* RoomFor(std::size_t bytes) { return bytes > text_.size() - text_size_ ? nullptr : text_.data() + text_size_; }
+  // Adds what was written there.
+  void AddWritten(std::size_t bytes) {
+    text_size_ += bytes;
+    bytes_ += bytes;
+  }
+
   std::size_t Bytes() const { return bytes_; }
-  std::span<const Piece> All() const {
+  // All pieces, until the next one is added.
+  std::span<const Piece> All() {
+    EndText();
     return many_.empty() ? std::span<const Piece>(few_.data(), count_) : std::span<const Piece>(many_);
   }
 
  private:
-  // Whether the last piece ends at `to`, in the text that is put together here.
-  bool Extends(const char* to) const {
-    return count_ != 0 && many_.empty() && few_[count_ - 1].data + few_[count_ - 1].size == to && to != text_.data();
+  void AddView(std::string_view piece) {
+    EndText();
+    AddPiece({piece.data(), piece.size()});
+    bytes_ += piece.size();
   }
 
-  void AddView(std::string_view piece) {
+  // What was put together since the last view becomes a piece.
+  void EndText() {
+    if (text_size_ == text_begin_) return;
+    AddPiece({text_.data() + text_begin_, text_size_ - text_begin_});
+    text_begin_ = text_size_;
+  }
+
+  void AddPiece(Piece piece) {
     if (count_ < few_.size()) {
-      few_[count_] = {piece.data(), piece.size()};
+      few_[count_] = piece;
     } else {
       if (many_.empty()) many_.assign(few_.begin(), few_.end());
-      many_.push_back({piece.data(), piece.size()});
+      many_.push_back(piece);
     }
     ++count_;
   }
 
-  std::array<char, 192> text_;
+  std::array<char, 1024> text_;
   std::array<Piece, 8> few_;
   std::vector<Piece> many_;  // all of them, once there are too many
+  std::size_t text_begin_ = 0;
   std::size_t text_size_ = 0;
   std::size_t count_ = 0;
   std::size_t bytes_ = 0;

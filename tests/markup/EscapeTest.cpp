@@ -4,9 +4,11 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "markup/Escape.h"
 #include "markup/Markup.h"
+#include "markup/Pieces.h"
 #include "tests/support/Support.h"
 
 namespace {
@@ -158,6 +160,39 @@ TEST(EscapeText, RandomTextsAreEscapedAsByThePlainForm) {
       qx::markup::AppendEscapedPlain(plain, text, flags);
       ASSERT_EQ(quick, plain) << text;
     }
+  }
+}
+
+std::string Together(qx::markup::Pieces& pieces) {
+  std::string text;
+  for (const qx::markup::Piece piece : pieces.All()) text.append(piece.data, piece.size);
+  return text;
+}
+
+// Short texts are escaped where the pieces are put together, as long as there is room, long ones are refused there.
+TEST(Pieces, RandomPiecesStandOneBehindTheOtherHoweverTheyAreAdded) {
+  std::mt19937_64 random(qx::test::Seed("Pieces"));
+  for (int round = 0; round < 4000; ++round) {
+    qx::markup::Pieces pieces;
+    std::string plain;
+    std::vector<std::string> kept;  // the pieces may be views of them
+    kept.reserve(20);
+    for (std::size_t left = random() % 20; left > 0; --left) {
+      kept.push_back(RandomText(random));
+      if (random() % 2 == 0) kept.back().resize(random() % 200, 'x');
+      const int flags = static_cast<int>(random() % 2) * 8 + static_cast<int>(random() % 2) * 0x100;
+      if (random() % 2 == 0 && qx::markup::AddEscaped(pieces, kept.back(), flags)) {
+        qx::markup::AppendEscapedPlain(plain, kept.back(), flags);
+      } else {
+        pieces.Add(kept.back());
+        plain += kept.back();
+      }
+      ASSERT_EQ(pieces.Bytes(), plain.size());
+      if (random() % 4 == 0) {
+        ASSERT_EQ(Together(pieces), plain);
+      }
+    }
+    ASSERT_EQ(Together(pieces), plain);
   }
 }
 
