@@ -1,0 +1,226 @@
+// A follower against the list of all records ever written: thousands of reports of random sizes, appends and looks,
+// with and without a writer that comes between two reads. Nothing may be lost or come twice without being said.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <random>
+
+#include "reportfile/ReportFollower.h"
+#include "tests/reportfile/RingModel.h"
+#include "tests/support/Support.h"
+
+namespace qx::test {
+
+namespace {
+
+using report::LookEvent;
+using report::ReportFollower;
+using report::ReportLook;
+using report::ReportPosition;
+
+struct Tally {
+  int looks = 0;
+  int records = 0;
+  int gaps = 0;
+  int known_gaps = 0;
+  int ambiguous = 0;
+  int started_over = 0;
+  int outrun = 0;
+};
+
+// A report whose writer and reader do as chance has it. `kinds` is how many different texts there are; 0: no two
+// records are equal.
+class Life {
+ public:
+  Life(std::uint64_t seed, std::uint32_t slots, unsigned kinds)
+      : random_(seed), ring_(slots), kinds_(kinds), follower_(std::make_unique<ReportFollower>(ring_)) {
+    ring_.LimitAnswers(1 + Below(60));
+  }
+
+  std::uint32_t Below(std::uint32_t end) { return static_cast<std::uint32_t>(random_() % end); }
+
+  void Append(std::uint32_t count) {
+    for (; count > 0; --count) {
+      ring_.Append("r" + std::to_string(kinds_ == 0 ? written_ : random_() % kinds_));
+      ++written_;
+    }
+  }
+
+  void StartOver() {
+    ring_.StartOver();
+    delivered_to_ = 0;
+    was_started_over_ = was_started_over_ || !follower_->Position().overlap.empty();
+  }
+
+  void LetTheWriterInBetween(std::uint32_t one_in, std::uint32_t count_max) {
+    ring_.BetweenReads([this, one_in, count_max] {
+      if (Below(one_in) == 0) Append(1 + Below(count_max));
+    });
+  }
+  void KeepTheWriterOut() { ring_.BetweenReads(nullptr); }
+
+  // As a new run of the tool would go on.
+  void Resume() {
+    const ReportPosition position = follower_->Position();
+    follower_ = std::make_unique<ReportFollower>(ring_, position);
+  }
+
+  // One look of which a random part is delivered.
+  void Look(Tally& tally) {
+    ReportLook look;
+    ASSERT_TRUE(follower_->Look(1 + Below(80), look));
+    const std::size_t count =
+        Below(4) == 0 ? Below(static_cast<std::uint32_t>(look.records.size()) + 1) : look.records.size();
+    Check(look, count, tally);
+    follower_->Delivered(count);
+  }
+
+  // Looks until there is no more; nobody writes meanwhile.
+  void LookToTheEnd(Tally& tally) {
+    for (bool is_end = false; !is_end && !testing::Test::HasFatalFailure();) {
+      ReportLook look;
+      ASSERT_TRUE(follower_->Look(1 + Below(80), look));
+      Check(look, look.records.size(), tally);
+      follower_->Delivered(look.records.size());
+      is_end = look.reached_end && !look.was_outrun;
+    }
+    ASSERT_EQ(delivered_to_, ring_.All().size()) << "something was lost without a word";
+  }
+
+ private:
+  void Check(const ReportLook& look, std::size_t count, Tally& tally) {
+    ++tally.looks;
+    tally.records += static_cast<int>(look.records.size());
+    tally.outrun += look.was_outrun ? 1 : 0;
+    switch (look.event) {
+      case LookEvent::kNone:
+        if (follower_->Position().overlap.empty()) delivered_to_ = StartOfRing(look);
+        ASSERT_FALSE(was_started_over_ && !look.records.empty()) << "another report, and not a word";
+        break;
+      case LookEvent::kGap:
+        ++tally.gaps;
+        SkipGap(look, tally);
+        break;
+      case LookEvent::kStartedOver:
+        ++tally.started_over;
+        ASSERT_TRUE(was_started_over_);
+        was_started_over_ = count == 0 && !look.records.empty();  // then it is told again
+        SkipGap(look, tally);
+        break;
+      case LookEvent::kAmbiguous:
+        ++tally.ambiguous;
+        SkipAmbiguous();
+        break;
+    }
+    if (count > 0) was_started_over_ = false;
+    ExpectNext(look);
+    delivered_to_ += count;
+  }
+
+  // What follows a gap is the ring from its oldest record on.
+  void SkipGap(const ReportLook& look, Tally& tally) {
+    const std::size_t start = StartOfRing(look);
+    ASSERT_GE(start, delivered_to_) << "records come twice";
+    if (look.lost.has_value()) {
+      ++tally.known_gaps;
+      ASSERT_EQ(start - delivered_to_, *look.lost);
+    }
+    delivered_to_ = start;
+  }
+
+  // Records may be missing, and none comes twice.
+  void SkipAmbiguous() {
+    const std::size_t place = ring_.Gone() + follower_->PositionAfter(0).next;
+    ASSERT_GE(place, delivered_to_) << "records come twice";
+    delivered_to_ = place;
+  }
+
+  // Where a look that begins with the ring's oldest record stands in the list of all. With a writer in between that
+  // record may be gone by now, but its text tells.
+  std::size_t StartOfRing(const ReportLook& look) const {
+    if (kinds_ != 0) return ring_.Gone();
+    if (look.records.empty()) return delivered_to_;
+    const auto& all = ring_.All();
+    return static_cast<std::size_t>(std::find(all.begin(), all.end(), look.records.front()) - all.begin());
+  }
+
+  void ExpectNext(const ReportLook& look) const {
+    const auto& all = ring_.All();
+    ASSERT_LE(delivered_to_ + look.records.size(), all.size());
+    ASSERT_TRUE(
+        std::equal(look.records.begin(), look.records.end(), all.begin() + static_cast<std::ptrdiff_t>(delivered_to_)));
+  }
+
+  std::mt19937_64 random_;
+  RingModel ring_;
+  unsigned kinds_;
+  std::uint64_t written_ = 0;
+  std::unique_ptr<ReportFollower> follower_;
+  std::size_t delivered_to_ = 0;  // in ring_.All(): what the model knows to be delivered or said to be missing
+  bool was_started_over_ = false;
+};
+
+}  // namespace
+
+TEST(ReportFollowerModel, RecordsThatAllDifferNeverGetLostOrComeTwiceUnsaid) {
+  std::mt19937_64 seeds(Seed("ReportFollowerModel"));
+  Tally tally;
+  for (int i = 0; i < 2000; ++i) {
+    Life life(seeds(), 1 + static_cast<std::uint32_t>(seeds() % 120), 0);
+    for (int step = 0; step < 12; ++step) {
+      SCOPED_TRACE("life " + std::to_string(i) + " step " + std::to_string(step));
+      life.Append(life.Below(3) == 0 ? life.Below(200) : life.Below(10));
+      if (life.Below(4) == 0) life.Resume();
+      life.Look(tally);
+      if (life.Below(3) == 0) life.LookToTheEnd(tally);
+      if (life.Below(20) == 0) life.StartOver();
+      if (HasFatalFailure()) return;
+    }
+  }
+  EXPECT_GT(tally.gaps, 1000);
+  EXPECT_GT(tally.started_over, 100);
+  EXPECT_EQ(tally.ambiguous, 0);
+}
+
+TEST(ReportFollowerModel, AWriterBetweenTwoReadsChangesNothingOfThat) {
+  std::mt19937_64 seeds(Seed("ReportFollowerModel.Between"));
+  Tally tally;
+  for (int i = 0; i < 1000; ++i) {
+    Life life(seeds(), 1 + static_cast<std::uint32_t>(seeds() % 80), 0);
+    life.Append(life.Below(200));
+    for (int step = 0; step < 8; ++step) {
+      SCOPED_TRACE("life " + std::to_string(i) + " step " + std::to_string(step));
+      life.LetTheWriterInBetween(1 + life.Below(100), 1 + life.Below(60));
+      life.Look(tally);
+      life.KeepTheWriterOut();
+      if (life.Below(2) == 0) life.Append(life.Below(150));
+      if (life.Below(3) == 0) life.LookToTheEnd(tally);
+      if (HasFatalFailure()) return;
+    }
+  }
+  EXPECT_GT(tally.outrun, 100);
+  EXPECT_GT(tally.known_gaps, 0);
+}
+
+// Rings that hold more than the overlap: chance does not repeat 32 records in a row.
+TEST(ReportFollowerModel, RecordsThatRepeatNeverGetLostOrComeTwiceUnsaid) {
+  std::mt19937_64 seeds(Seed("ReportFollowerModel.Repeating"));
+  Tally tally;
+  for (int i = 0; i < 800; ++i) {
+    Life life(seeds(), 40 + static_cast<std::uint32_t>(seeds() % 120), 1 + static_cast<unsigned>(seeds() % 5));
+    life.Append(32 + life.Below(100));
+    life.LookToTheEnd(tally);
+    for (int step = 0; step < 8; ++step) {
+      SCOPED_TRACE("life " + std::to_string(i) + " step " + std::to_string(step));
+      life.Append(life.Below(3) == 0 ? life.Below(300) : life.Below(10));
+      if (life.Below(4) == 0) life.Resume();
+      life.LookToTheEnd(tally);
+      if (HasFatalFailure()) return;
+    }
+  }
+  EXPECT_GT(tally.gaps, 300);
+  EXPECT_GT(tally.ambiguous, 500);
+}
+
+}  // namespace qx::test

@@ -1,0 +1,254 @@
+// What a follower delivers and says, look by look.
+#include "reportfile/ReportFollower.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/reportfile/RingModel.h"
+
+namespace qx::test {
+
+namespace {
+
+using report::LookEvent;
+using report::ReportFollower;
+using report::ReportLook;
+using report::ReportPosition;
+
+constexpr std::uint32_t kAll = 1000000;
+
+using Texts = std::vector<std::string>;
+
+void Append(RingModel& ring, const Texts& records) {
+  for (const std::string& record : records) ring.Append(record);
+}
+
+void AppendNumbered(RingModel& ring, int first, int count) {
+  for (int i = first; i < first + count; ++i) ring.Append(std::to_string(i));
+}
+
+// A look of which everything is delivered.
+ReportLook Take(ReportFollower& follower, std::uint32_t count_max = kAll) {
+  ReportLook look;
+  EXPECT_TRUE(follower.Look(count_max, look));
+  follower.Delivered(look.records.size());
+  return look;
+}
+
+}  // namespace
+
+TEST(ReportFollower, TheFirstLookBringsEverything) {
+  RingModel ring(5);
+  Append(ring, {"a", "b"});
+  ReportFollower follower(ring);
+  const ReportLook look = Take(follower);
+  EXPECT_EQ(look.records, (Texts{"a", "b"}));
+  EXPECT_EQ(look.event, LookEvent::kNone);
+  EXPECT_TRUE(look.reached_end);
+  EXPECT_EQ(follower.Position().next, 2U);
+  EXPECT_EQ(follower.Position().delivered, 2U);
+  EXPECT_EQ(follower.Position().overlap.size(), 2U);
+}
+
+TEST(ReportFollower, LaterLooksBringWhatIsNewAlsoAfterTheRingMoved) {
+  RingModel ring(4);
+  Append(ring, {"a", "b", "c"});
+  ReportFollower follower(ring);
+  Take(follower);
+  EXPECT_EQ(Take(follower).records, Texts());
+  Append(ring, {"d", "e", "f"});
+  EXPECT_EQ(Take(follower).records, (Texts{"d", "e", "f"}));
+  EXPECT_EQ(Take(follower).records, Texts());
+  EXPECT_EQ(follower.Position().delivered, 6U);
+}
+
+TEST(ReportFollower, WhatWasNotDeliveredComesAgain) {
+  RingModel ring(9);
+  Append(ring, {"a", "b", "c"});
+  ReportFollower follower(ring);
+  ReportLook look;
+  ASSERT_TRUE(follower.Look(kAll, look));
+  follower.Delivered(1);
+  EXPECT_EQ(Take(follower).records, (Texts{"b", "c"}));
+}
+
+TEST(ReportFollower, APositionThatWasKeptGoesOnElsewhere) {
+  RingModel ring(40);
+  AppendNumbered(ring, 0, 40);
+  ReportFollower first(ring);
+  Take(first, 35);
+  AppendNumbered(ring, 40, 10);
+  ReportFollower second(ring, first.Position());
+  const ReportLook look = Take(second);
+  EXPECT_EQ(look.event, LookEvent::kNone);
+  EXPECT_EQ(look.records.size(), 15U);
+  EXPECT_EQ(look.records.front(), "35");
+}
+
+TEST(ReportFollower, RecordsThatLeftTheRingAreAGapAndTheRestIsDelivered) {
+  RingModel ring(3);
+  Append(ring, {"a", "b", "c"});
+  ReportFollower follower(ring);
+  Take(follower);
+  Append(ring, {"d", "e", "f", "g"});
+  const ReportLook look = Take(follower);
+  EXPECT_EQ(look.event, LookEvent::kGap);
+  EXPECT_EQ(look.lost, std::nullopt) << "the protocol does not tell";
+  EXPECT_EQ(look.records, (Texts{"e", "f", "g"}));
+  EXPECT_EQ(Take(follower).event, LookEvent::kNone);
+}
+
+TEST(ReportFollower, AGapThatNothingWasDeliveredOfIsToldAgain) {
+  RingModel ring(2);
+  Append(ring, {"a", "b"});
+  ReportFollower follower(ring);
+  Take(follower);
+  Append(ring, {"c", "d"});
+  ReportLook look;
+  ASSERT_TRUE(follower.Look(kAll, look));
+  follower.Delivered(0);
+  EXPECT_EQ(Take(follower).event, LookEvent::kGap);
+}
+
+TEST(ReportFollower, FewerRecordsThanBeforeAreAnotherReport) {
+  RingModel ring(5);
+  Append(ring, {"a", "b", "c"});
+  ReportFollower follower(ring);
+  Take(follower);
+  ring.StartOver();
+  EXPECT_EQ(Take(follower).event, LookEvent::kStartedOver);
+  EXPECT_EQ(Take(follower).event, LookEvent::kNone) << "told once";
+  Append(ring, {"x"});
+  EXPECT_EQ(Take(follower).records, Texts{"x"});
+}
+
+TEST(ReportFollower, EqualRecordsAreAmbiguousAndNoneComesTwice) {
+  RingModel ring(5);
+  Append(ring, {"ok", "ok", "ok"});
+  ReportFollower follower(ring);
+  Take(follower);
+  Append(ring, {"ok"});
+  const ReportLook look = Take(follower);
+  EXPECT_EQ(look.event, LookEvent::kAmbiguous);
+  EXPECT_EQ(look.records, Texts{"ok"}) << "as if the ring had not moved";
+}
+
+TEST(ReportFollower, TheFirstLookSearchesEverythingForASecondPlace) {
+  RingModel ring(3000);
+  AppendNumbered(ring, 0, 40);
+  ReportFollower first(ring);
+  Take(first, 40);
+  AppendNumbered(ring, 1000, 2000);
+  AppendNumbered(ring, 0, 40);
+  ReportFollower second(ring, {2080, 40, first.Position().overlap});
+  EXPECT_EQ(Take(second).event, LookEvent::kAmbiguous);
+}
+
+TEST(ReportFollower, LaterLooksReadLittleAndFindAFarPlaceAllTheSame) {
+  RingModel ring(5000);
+  AppendNumbered(ring, 0, 5000);
+  ReportFollower follower(ring);
+  Take(follower);
+  Take(follower);
+  int read = 0;
+  ring.BetweenReads([&] { ++read; });
+  Take(follower);
+  EXPECT_LT(read, 1200);
+  AppendNumbered(ring, 5000, 3000);
+  EXPECT_EQ(Take(follower).records.size(), 3000U);
+}
+
+TEST(ReportFollower, ARingThatMovesOverWhatIsReadStartsTheLookOver) {
+  RingModel ring(4);
+  Append(ring, {"a", "b", "c", "d"});
+  int reads = 0;
+  ring.BetweenReads([&] {
+    if (++reads == 2) Append(ring, {"e", "f", "g"});
+  });
+  ReportFollower follower(ring);
+  const ReportLook look = Take(follower);
+  EXPECT_EQ(look.records, (Texts{"d", "e", "f", "g"}));
+  EXPECT_EQ(look.event, LookEvent::kNone);
+}
+
+TEST(ReportFollower, AGapThatOpensDuringALookHasASize) {
+  RingModel ring(50);
+  AppendNumbered(ring, 0, 50);
+  ReportFollower follower(ring);
+  Take(follower, 40);
+  const int before = ring.Calls();
+  ring.BetweenReads([&, is_done = false]() mutable {
+    // The place is found and the new records are read; the ring then moves over the overlap and two of them.
+    if (ring.Calls() < before + 3 || is_done) return;
+    is_done = true;
+    AppendNumbered(ring, 50, 42);
+  });
+  const ReportLook look = Take(follower);
+  EXPECT_EQ(look.event, LookEvent::kGap);
+  EXPECT_EQ(look.lost, 2U);
+  EXPECT_EQ(look.records.front(), "42");
+  EXPECT_EQ(look.records.back(), "91");
+}
+
+TEST(ReportFollower, AWriterThatIsAlwaysFasterIsToldAndNothingIsDelivered) {
+  RingModel ring(4);
+  int number = 0;
+  AppendNumbered(ring, 0, 4);
+  ring.BetweenReads([&] { AppendNumbered(ring, 4 * ++number, 4); });
+  ReportFollower follower(ring);
+  const ReportLook look = Take(follower);
+  EXPECT_TRUE(look.was_outrun);
+  EXPECT_EQ(look.records, Texts());
+  EXPECT_EQ(follower.Position(), ReportPosition());
+}
+
+TEST(ReportFollower, ARecordThatNoAnswerCarriesBlocksWhatFollowsIt) {
+  RingModel ring(9);
+  Append(ring, {"a", std::string(RingModel::kRecordBytesMax + 1, 'x'), "c"});
+  ReportFollower follower(ring);
+  const ReportLook first = Take(follower);
+  EXPECT_EQ(first.records, Texts{"a"});
+  EXPECT_FALSE(first.reached_end);
+  EXPECT_FALSE(first.is_blocked);
+  const ReportLook second = Take(follower);
+  EXPECT_TRUE(second.is_blocked);
+  EXPECT_EQ(second.records, Texts());
+  EXPECT_EQ(follower.Position().next, 1U);
+}
+
+TEST(ReportFollower, AFailedCallLeavesThePositionWhicheverCallItIs) {
+  for (int n = 1; n < 20; ++n) {
+    RingModel ring(4);
+    Append(ring, {"a", "b", "c"});
+    ReportFollower follower(ring);
+    Take(follower);
+    Append(ring, {"d", "e"});
+    const ReportPosition before = follower.Position();
+    ring.FailCall(n);
+    ReportLook look;
+    if (follower.Look(kAll, look)) {
+      ASSERT_GT(n, 3);
+      return;
+    }
+    follower.Delivered(0);
+    EXPECT_EQ(follower.Position(), before);
+    EXPECT_EQ(Take(follower).records, (Texts{"d", "e"})) << n;
+  }
+  FAIL() << "no number of calls was enough";
+}
+
+TEST(ReportFollower, SmallAnswersAndSmallCountsGiveTheSameRecords) {
+  RingModel ring(100);
+  AppendNumbered(ring, 0, 250);
+  ring.LimitAnswers(7);
+  ReportFollower follower(ring);
+  Texts all;
+  for (;;) {
+    const ReportLook look = Take(follower, 5);
+    EXPECT_LE(look.records.size(), 5U);
+    all.insert(all.end(), look.records.begin(), look.records.end());
+    if (look.reached_end) break;
+  }
+  EXPECT_EQ(all, Texts(ring.All().end() - 100, ring.All().end()));
+}
+
+}  // namespace qx::test

@@ -1,0 +1,54 @@
+// A report as a list of all records ever written and a ring over the last of them, read as a module reads one: the
+// plain model that a follower is measured against.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "reportfile/ReportFollower.h"
+
+namespace qx::test {
+
+class RingModel : public report::RecordSource {
+ public:
+  explicit RingModel(std::uint32_t slots) : slots_(slots) {}
+
+  void Append(const std::string& record);
+  // Empties the report; what was written is forgotten.
+  void StartOver();
+
+  // All records since the start, and how many of the first have left the ring.
+  const std::vector<std::string>& All() const { return all_; }
+  std::size_t Gone() const { return all_.size() - kept_.size(); }
+
+  // At most so many records an answer.
+  void LimitAnswers(std::uint32_t records) { answer_max_ = records; }
+  // Called before each record is read: where a writer comes between.
+  void BetweenReads(std::function<void()> step) { between_ = std::move(step); }
+  // The n-th call from now on (1: the next) fails.
+  void FailCall(int n) { fail_in_ = n; }
+  int Calls() const { return calls_; }
+
+  bool Refresh() override;
+  bool Read(std::uint32_t start, std::uint32_t count_max, std::vector<std::string>& records) override;
+
+  static constexpr std::size_t kRecordBytesMax = 1000;  // a longer record fits no answer
+
+ private:
+  bool Call();
+
+  std::uint32_t slots_;
+  std::uint32_t answer_max_ = 1000000;
+  std::vector<std::string> all_;
+  std::vector<std::string> kept_;  // by slot
+  std::uint32_t oldest_ = 0;
+  std::uint32_t snapshot_oldest_ = 0;
+  std::uint32_t snapshot_count_ = 0;
+  std::function<void()> between_;
+  int fail_in_ = 0;
+  int calls_ = 0;
+};
+
+}  // namespace qx::test
