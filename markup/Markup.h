@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -162,6 +163,14 @@ class CMarkup {
   // False without an element, for a name that no attribute can have, and over a limit. [owning thread]
   bool SetAttrib(MCD_CSTR name, MCD_CSTR value, int flags = 0);
   bool SetAttrib(MCD_CSTR name, int value, int flags = 0);
+  // SetAttrib of the main element for each in turn, but spliced in at once where that is the same. False when one of
+  // them was refused; the others are set. [owning thread]
+  struct AttributeText {
+    MCD_CSTR name;
+    MCD_CSTR value;
+  };
+  bool SetAttribs(std::span<const AttributeText> attributes, int flags = 0);
+  bool SetAttribsSingly(std::span<const AttributeText> attributes, int flags = 0);  // the oracle in tests
   bool SetChildAttrib(MCD_CSTR name, MCD_CSTR value, int flags = 0);
   bool SetChildAttrib(MCD_CSTR name, int value, int flags = 0);
 
@@ -296,6 +305,7 @@ class CMarkup {
   // Changing (MarkupEdit.cpp)
   bool SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view value, int flags);
   bool SetDataOf(std::uint32_t elem, std::string_view text, int flags);
+  bool ChangeTag(std::uint32_t elem, std::size_t at, std::size_t removed, qx::markup::Pieces& pieces);
   bool MayHaveData(std::uint32_t elem) const;
   DataPlace PlaceOfData(std::uint32_t elem) const;
   void CommitData(std::uint32_t elem, const DataPlace& place, std::size_t added);

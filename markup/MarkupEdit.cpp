@@ -90,6 +90,26 @@ void PlaceAttribute(TagChange& change, std::string_view tag, const NewAttribute&
   if (!old.quoted) change.pieces.Add("\"");
 }
 
+// Adds what stands in a tag for attributes that it does not have, ` a="1" b="2"`. False, and the pieces are of no use,
+// when two of them are the same, one has no proper name, or there is not room enough.
+bool AddNewAttributes(Pieces& pieces, std::span<const CMarkup::AttributeText> attributes, int flags, bool ignore_case) {
+  for (std::size_t i = 0; i < attributes.size(); ++i) {
+    const std::string_view name = ViewOf(attributes[i].name);
+    if (!qx::markup::IsAttributeName(name)) return false;
+    for (std::size_t earlier = 0; earlier < i; ++earlier) {
+      if (qx::markup::SameName(attributes[earlier].name, name, ignore_case)) return false;
+    }
+    pieces.Add(" ", name, "=\"");
+    if (!qx::markup::AddEscaped(pieces, ViewOf(attributes[i].value), flags | CMarkup::kEscapeQuotes)) return false;
+    pieces.Add("\"");
+  }
+  return true;
+}
+
+bool HasNoAttributes(std::string_view tag) {
+  return 1 + qx::markup::NameInStartTag(tag).size() == qx::markup::TagClosingOffset(tag);
+}
+
 }  // namespace
 
 bool CMarkup::SetAttrib(MCD_CSTR name, MCD_CSTR value, int flags) {
@@ -113,13 +133,39 @@ bool CMarkup::SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view
   const std::string_view tag = StartTag(elem);
   TagChange change;
   PlaceAttribute(change, tag, {name, value, flags}, IgnoresCase());
-  const std::size_t added = change.pieces.Bytes();
-  if (!qx::markup::StartTagFits(tag.size() - change.removed + added)) return false;
-  if (!qx::markup::DocumentFits(document_.size(), change.removed, added)) return false;
+  return ChangeTag(elem, change.at, change.removed, change.pieces);
+}
 
+// What an element is given that has just been added is spliced in at once.
+bool CMarkup::SetAttribs(std::span<const AttributeText> attributes, int flags) {
+  if (main_position_ == 0) return attributes.empty();
+  if (const std::string_view tag = StartTag(main_position_); HasNoAttributes(tag)) {
+    Pieces pieces;
+    if (AddNewAttributes(pieces, attributes, flags, IgnoresCase()) &&
+        ChangeTag(main_position_, qx::markup::TagClosingOffset(tag), 0, pieces)) {
+      return true;
+    }
+  }
+  return SetAttribsSingly(attributes, flags);
+}
+
+bool CMarkup::SetAttribsSingly(std::span<const AttributeText> attributes, int flags) {
+  bool all_set = true;
+  for (const AttributeText& attribute : attributes) {
+    all_set = SetAttributeOf(main_position_, attribute.name, ViewOf(attribute.value), flags) && all_set;
+  }
+  return all_set;
+}
+
+// Puts the pieces in the place of `removed` bytes `at` bytes behind the tag's "<".
+bool CMarkup::ChangeTag(std::uint32_t elem, std::size_t at, std::size_t removed, Pieces& pieces) {
   ElemPos& record = (*tree_)[elem];
-  Splice(record.start + change.at, change.removed, change.pieces);
-  const std::uint32_t delta = Low32(added - change.removed);
+  const std::size_t added = pieces.Bytes();
+  if (!qx::markup::StartTagFits(record.StartTagLength() - removed + added)) return false;
+  if (!qx::markup::DocumentFits(document_.size(), removed, added)) return false;
+
+  Splice(record.start + at, removed, pieces);
+  const std::uint32_t delta = Low32(added - removed);
   record.SetTagLengths(record.StartTagLength() + delta, record.EndTagLength());
   record.length += delta;
   ShiftSiblings(record.first_child, delta);

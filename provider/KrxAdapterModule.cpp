@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include "debug/Debug.h"
@@ -128,10 +129,11 @@ void CKrxAdapterModule::TraceVersionTexts() const {
 
 int CKrxAdapterModule::What(KrxRequestParams& params, CMarkup& /*in*/, CMarkup& out) {
   AddRootElement(out, module_name_);
-  (void)out.SetAttrib("version", file_version_.c_str());
-  (void)out.SetAttrib("date", build_date_.c_str());
-  (void)out.SetAttrib("company", company_.c_str());
-  if (!milestone_.empty()) (void)out.SetAttrib("milestone", milestone_.c_str());
+  const CMarkup::AttributeText texts[] = {{"version", file_version_.c_str()},
+                                          {"date", build_date_.c_str()},
+                                          {"company", company_.c_str()},
+                                          {"milestone", milestone_.c_str()}};
+  (void)out.SetAttribs(std::span(texts).first(milestone_.empty() ? 3 : 4));
 
   QX_TRACE(2, "\nWCSP_MAIN What      : KRX function call: %s", params.GetFunctionId().c_str());
   QX_TRACE(2, "\nWCSP_MAIN What      :   from: %s@%s", params.GetApplicationId().c_str(),

@@ -3,13 +3,16 @@
 #include <ctime>
 #include <functional>
 #include <new>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "markup/ElemPosTree.h"
 #include "markup/Markup.h"
 #include "tests/markup/Outline.h"
+#include "tests/support/Support.h"
 
 namespace {
 
@@ -228,6 +231,51 @@ TEST(MarkupEdit, AttributesAreWrittenBeforeTheEndOfTheTagAndReplacedInPlace) {
 
 TEST(MarkupEdit, QuirkAnAttributeBehindASpaceAndASlashKeepsTheSpace) {
   ExpectRows({{"<A />", SetAttrib("n", "1"), true, "<A  n=\"1\"/>"}});
+}
+
+TEST(MarkupEdit, SeveralAttributesAreSetInTheirOrder) {
+  const CMarkup::AttributeText texts[] = {{"version", "0.1.0"}, {"by", "A & \"B\""}, {"none", nullptr}};
+  ExpectRows({{"<a/>", [&](CMarkup& m) { return m.SetAttribs(texts); }, true,
+               "<a version=\"0.1.0\" by=\"A &amp; &quot;B&quot;\" none=\"\"/>"},
+              {"<a by='x'><b/></a>", [&](CMarkup& m) { return m.SetAttribs(texts); }, true,
+               "<a by='A &amp; &quot;B&quot;' version=\"0.1.0\" none=\"\"><b/></a>"},
+              {"<a/>", [&](CMarkup& m) { return m.SetAttribs({}); }, true, "<a/>"},
+              {"", [&](CMarkup& m) { return m.SetAttribs(texts); }, false, ""}});
+}
+
+TEST(MarkupEdit, ARefusedAttributeLeavesTheOthersOfItsRowSet) {
+  const CMarkup::AttributeText texts[] = {{"x", "1"}, {"n o", "2"}, {nullptr, "3"}, {"y", "4"}, {"x", "5"}};
+  ExpectRows({{"<a/>", [&](CMarkup& m) { return m.SetAttribs(texts); }, false, "<a x=\"5\" y=\"4\"/>"}});
+}
+
+// Names that repeat, differ in case, are none, or are there already; values of all lengths.
+TEST(MarkupEdit, RandomRowsOfAttributesAreSetAsOneByOne) {
+  static constexpr const char* kDocuments[] = {"<a/>",       "<a />",           "<a//>",
+                                               "<a></a>\n",  "<r><a/><c/></r>", "<a b/>x",
+                                               "<a b='1'/>", "<a  c=\"1\"\n>",  "<a C='1'>t<d/></a>",
+                                               "<a",         "<a><b></a>"};
+  static constexpr const char* kNames[] = {"b", "B", "c", "dd", "long-name", "b=", "", nullptr, "e f", "\xE4"};
+  std::mt19937_64 random(qx::test::Seed("SetAttribs"));
+  for (int round = 0; round < 6000; ++round) {
+    CMarkup at_once;
+    if (random() % 2 == 0) at_once.SetDocFlags(CMarkup::kDocIgnoreCase);
+    (void)at_once.SetDoc(kDocuments[random() % std::size(kDocuments)]);
+    (void)at_once.FindElem();
+    if (random() % 3 == 0 && at_once.FindChildElem()) (void)at_once.IntoElem();
+
+    std::vector<std::string> values(random() % 6);
+    std::vector<CMarkup::AttributeText> texts;
+    for (std::string& value : values) {
+      value.assign(random() % (random() % 2 == 0 ? 12 : 300), static_cast<char>('!' + random() % 40));
+      texts.push_back({kNames[random() % (random() % 2 == 0 ? 5 : std::size(kNames))], value.c_str()});
+    }
+    const int flags = random() % 2 == 0 ? 0 : CMarkup::kKeepReferences;
+    CMarkup singly = at_once;
+    ASSERT_EQ(at_once.SetAttribs(texts, flags), singly.SetAttribsSingly(texts, flags)) << at_once.GetDoc();
+    ASSERT_EQ(at_once.GetDoc(), singly.GetDoc());
+    ASSERT_EQ(Records(at_once), Records(singly)) << at_once.GetDoc();
+    ASSERT_TRUE(at_once.CheckInvariants()) << at_once.GetDoc();
+  }
 }
 
 TEST(MarkupEdit, AnAttributeMovesEverythingBehindAndWithinTheElement) {
