@@ -26,6 +26,7 @@ std::string BufferPool::Take(std::size_t bytes) {
 
 void BufferPool::GiveBack(std::string buffer) noexcept {
   buffer.clear();
+  if (buffer.capacity() < kKeptBytesMin) return;  // the reply of every request but a transfer
   const std::lock_guard lock(mutex_);
   if (!MayKeepLocked(buffer.capacity())) return;
   kept_bytes_ += buffer.capacity();
@@ -49,8 +50,8 @@ std::size_t BufferPool::KeptBytes() const {
 }
 
 bool BufferPool::MayKeepLocked(std::size_t bytes) const {
-  return kept_.size() < kept_.capacity() && kept_.size() < kKeptCountMax && bytes >= kKeptBytesMin &&
-         bytes <= kKeptBytesMax && kept_bytes_ + bytes <= kKeptBytesTotalMax;
+  return kept_.size() < kept_.capacity() && kept_.size() < kKeptCountMax && bytes <= kKeptBytesMax &&
+         kept_bytes_ + bytes <= kKeptBytesTotalMax;
 }
 
 std::size_t BufferPool::BestFitLocked(std::size_t bytes) const {
