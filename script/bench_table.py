@@ -174,7 +174,7 @@ def draw(path, title, label, axes, curves):
 
 
 def draw_all(directory, growth, threads):
-    axes = "set ylabel 'cost of one, in terms of one of 1,000'\nset logscale x\nset yrange [0:*]\nset format x '10^{%L}'\n"
+    axes = "set ylabel 'cost of one, in terms of one of 1,000'\nset logscale x\nset xrange [1000:1000000]\nset yrange [0:*]\nset format x '10^{%L}'\n"
     for name, title, label, pattern in DRAWINGS:
         curves = {task.removeprefix("grow_"): points for task, points in growth.items() if re.search(pattern, task)}
         if curves:
