@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-ElemPosTree::ElemPosTree(const ElemPosTree& other, std::uint32_t count) {
+ElemPosTree::ElemPosTree(const ElemPosTree& other, std::uint32_t count) : ElemPosTree() {
   while (capacity_ < other.capacity_) Grow(other.capacity_);
   for (std::uint32_t first = 0; first < count; first += kSegmentRecords) {
     const std::uint32_t records = std::min<std::uint32_t>(count - first, kSegmentRecords);
@@ -30,19 +30,23 @@ void ElemPosTree::Grow(std::int64_t records) {
 }
 
 void ElemPosTree::RemoveAll() {
+  for (std::int32_t segment = 0; segment < SegmentsUsed(); ++segment) Free(std::exchange(segments_[segment], nullptr));
   many_segments_.reset();
-  for (Segment& segment : few_segments_) segment.reset();
   segments_ = few_segments_.data();
   capacity_ = 0;
   segment_table_size_ = 0;
+}
+
+void ElemPosTree::Free(ElemPos* segment) noexcept {
+  if (segment != few_records_.data()) delete[] segment;
 }
 
 void ElemPosTree::GrowSegmentTable(std::int32_t segments) {
   if (segments <= segment_table_size_) return;
   const std::int32_t size = 2 * segments + 4;
   if (size > kFewSegments) {
-    auto table = std::make_unique<Segment[]>(static_cast<std::size_t>(size));
-    std::move(segments_, segments_ + segment_table_size_, table.get());
+    auto table = std::make_unique<ElemPos*[]>(static_cast<std::size_t>(size));
+    std::copy_n(segments_, segment_table_size_, table.get());
     many_segments_ = std::move(table);
     segments_ = many_segments_.get();
   }
@@ -51,8 +55,11 @@ void ElemPosTree::GrowSegmentTable(std::int32_t segments) {
 
 // Fresh records stay untouched, so that a large segment costs memory only as far as it is filled.
 void ElemPosTree::ResizeSegment(std::int32_t segment, std::int32_t records_used, std::int32_t records) {
-  auto grown = std::make_unique_for_overwrite<ElemPos[]>(static_cast<std::size_t>(records));
-  Segment& place = segments_[segment];
-  std::copy_n(place.get(), records_used, grown.get());
-  place = std::move(grown);
+  if (segment == 0 && records <= kFewRecords) {
+    segments_[0] = few_records_.data();
+    return;
+  }
+  auto* const grown = new ElemPos[static_cast<std::size_t>(records)];
+  std::copy_n(segments_[segment], records_used, grown);
+  Free(std::exchange(segments_[segment], grown));
 }

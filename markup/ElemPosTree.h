@@ -62,11 +62,12 @@ class ElemPosTree {
  public:
   static constexpr std::int32_t kSegmentRecords = 65536;
 
-  ElemPosTree() = default;
+  ElemPosTree() noexcept {}  // few_records_ is left as it is
   // Copies the first `count` records of `other` and takes over its capacity.
   ElemPosTree(const ElemPosTree& other, std::uint32_t count);
   ElemPosTree(const ElemPosTree&) = delete;
   ElemPosTree& operator=(const ElemPosTree&) = delete;
+  ~ElemPosTree() { RemoveAll(); }
 
   ElemPos& operator[](std::uint32_t index) { return segments_[index >> 16][index & 0xFFFF]; }
   const ElemPos& operator[](std::uint32_t index) const { return segments_[index >> 16][index & 0xFFFF]; }
@@ -81,18 +82,20 @@ class ElemPosTree {
   std::int32_t SegmentTableSize() const { return segment_table_size_; }
 
  private:
-  using Segment = std::unique_ptr<ElemPos[]>;
-
   std::int32_t SegmentsUsed() const { return (capacity_ + kSegmentRecords - 1) / kSegmentRecords; }
   void GrowSegmentTable(std::int32_t segments);
   void ResizeSegment(std::int32_t segment, std::int32_t records_used, std::int32_t records);
+  void Free(ElemPos* segment) noexcept;
 
   // The first table that there can be; a document of more segments gets one of its own.
   static constexpr std::int32_t kFewSegments = 6;
+  // The first segment as long as it is that small: a request or a short reply.
+  static constexpr std::int32_t kFewRecords = 16;
 
-  std::array<Segment, kFewSegments> few_segments_;
-  std::unique_ptr<Segment[]> many_segments_;
-  Segment* segments_ = few_segments_.data();
+  std::array<ElemPos*, kFewSegments> few_segments_{};
+  std::unique_ptr<ElemPos*[]> many_segments_;
+  ElemPos** segments_ = few_segments_.data();
   std::int32_t capacity_ = 0;
   std::int32_t segment_table_size_ = 0;
+  std::array<ElemPos, kFewRecords> few_records_;
 };
