@@ -20,6 +20,13 @@ set(qx_examples_dir ${CMAKE_INSTALL_DATADIR}/doc/libqxremconxfer-dev/examples)
 
 install(TARGETS QXRemConXfer LIBRARY DESTINATION ${QX_MODULE_DIR} COMPONENT module)
 
+# The sources that define what the module exports describe its types, too, so that its ABI can be compared with
+# packaging/abi/QXRemConXfer.abi. The others keep to line numbers, and an installed module is stripped of both.
+set_property(SOURCE provider/Exports.cpp provider/Module.cpp TARGET_DIRECTORY qx_provider
+  APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-g>)
+set_property(SOURCE reportfile/ReportFileBase.cpp TARGET_DIRECTORY qx_reportfile
+  APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-g>)
+
 # The headers that agents and hosts include, and behind the empty line those that these include.
 set(qx_public_headers
   base/CriticalSection.h
@@ -94,7 +101,9 @@ endif()
 configure_file(cmake/qxremconxfer.pc.in ${PROJECT_BINARY_DIR}/qxremconxfer.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qxremconxfer.pc DESTINATION ${qx_pc_dir} COMPONENT sdk)
 
-install(DIRECTORY examples/ DESTINATION ${qx_examples_dir} COMPONENT sdk USE_SOURCE_PERMISSIONS)
+install(DIRECTORY examples/ DESTINATION ${qx_examples_dir} COMPONENT sdk
+  PATTERN *.py PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
 if(QX_BUILD_TOOLS)
   install(TARGETS qxctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)

@@ -1,0 +1,49 @@
+# Debian packages by CPack, one a component; script/package builds and checks them. What the packages hold is decided in
+# QxInstall.cmake; packaging/debian/finish.cmake adds what only a package has.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME qxremconxfer)
+set(CPACK_PACKAGE_CONTACT "QXRemConXfer developers <qxremconxfer@example.org>")
+set(CPACK_COMPONENTS_ALL module sdk tools)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_SET_DESTDIR ON)  # the module's path is absolute
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS ${CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS})
+set(CPACK_QX_VERSION ${PROJECT_VERSION}-1)  # the first entry of packaging/debian/changelog has the same
+set(CPACK_QX_DEBIAN_DIR ${PROJECT_SOURCE_DIR}/packaging/debian)
+set(CPACK_PRE_BUILD_SCRIPTS ${CPACK_QX_DEBIAN_DIR}/finish.cmake)
+
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_HOMEPAGE https://example.org/qxremconxfer)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(qx_same_version "(= ${CPACK_QX_VERSION})")
+
+set(CPACK_DEBIAN_MODULE_PACKAGE_NAME qxremconxfer)
+set(CPACK_DEBIAN_MODULE_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_MODULE_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_MODULE_PACKAGE_SUGGESTS qxctl)
+set(CPACK_DEBIAN_MODULE_DESCRIPTION "report provider for the KRX connector service
+The module that the connector service of the agent suite loads to hand reports
+to remote management clients. Agents on this machine keep reports as rings of
+text records; a client reads them in chunks, as XML documents.")
+
+set(CPACK_DEBIAN_SDK_PACKAGE_NAME libqxremconxfer-dev)
+set(CPACK_DEBIAN_SDK_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_SDK_PACKAGE_DEPENDS "libc6-dev, libstdc++-12-dev | libstdc++-dev")
+set(CPACK_DEBIAN_SDK_PACKAGE_RECOMMENDS "qxremconxfer ${qx_same_version}, g++ | c++-compiler, pkg-config | cmake")
+set(CPACK_DEBIAN_SDK_DESCRIPTION "libraries for agents that keep reports, and headers for hosts
+Static libraries and headers for agents that keep reports (record store,
+registry, INI files, traces, markup documents, processes), and the C headers
+for programs that load the provider module. A CMake package, a pkg-config
+file and examples show how to use them.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME qxctl)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS qxremconxfer)
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "looks after reports and the module that hands them out
+Fetches reports through the provider module as a remote client would, checks,
+backs up, restores and repairs report files, reads traces, and looks into the
+registry and INI files.")
+
+include(CPack)
