@@ -1,0 +1,54 @@
+#!/usr/bin/env bats
+# The module's exported surface against packaging/abi/QXRemConXfer.abi, and that the comparison sees what it has to see.
+
+setup() {
+  load support
+  [ "$QX_COMPILER" = GNU ] || skip "the description was made with g++; other compilers describe types in other words"
+  cd "$BATS_TEST_TMPDIR"
+  abi=$QX_SOURCE_DIR/packaging/abi
+}
+
+# A library of the record store alone: store OUTPUT HEADERS FLAGS... The layout checks in its source are left out: they
+# would notice a changed class before the comparison can.
+store() {
+  local output=$1 headers=$2
+  shift 2
+  sed '/^ *static_assert(.*);$/d' "$QX_SOURCE_DIR/reportfile/ReportFileBase.cpp" >ReportFileBase.cpp
+  "$CXX" -std=c++20 -D_GNU_SOURCE -g -shared -fPIC -fvisibility=hidden -I"$headers" -I"$QX_SOURCE_DIR" "$@" \
+    ReportFileBase.cpp -o "$output"
+}
+
+@test "the module's exported surface is the one that was agreed" {
+  run "$abi/check" "$QX_BUILT_MODULE" "$include_dir"
+  echo "$output"
+  echo "(script/package --abi takes over a change that is meant)"
+  [ "$status" -eq 0 ]
+}
+
+@test "the description has no path of a machine in it" {
+  ! grep -n -e "path='/" -e "filepath=" -e "comp-dir-path" "$abi/QXRemConXfer.abi"
+}
+
+@test "a function that went is found" {
+  store whole.so "$include_dir"
+  echo '{ local: _ZN15CReportFileBase5CloseEv; };' >without.map
+  store without.so "$include_dir" -Wl,--version-script=without.map
+  "$abi/write" whole.so "$include_dir" >whole.abi
+  run "$abi/check" whole.so "$include_dir" whole.abi
+  [ "$status" -eq 0 ]
+  run "$abi/check" without.so "$include_dir" whole.abi
+  [ "$status" -ne 0 ]
+  [[ "$output" == *"1 Removed"* ]]
+  [[ "$output" == *"CReportFileBase"*"Close"* ]]
+}
+
+@test "a member that a class gained is found" {
+  store whole.so "$include_dir"
+  "$abi/write" whole.so "$include_dir" >whole.abi
+  cp -r "$include_dir" changed
+  sed -i 's/^  CCriticalSection lock_;$/  int added_ = 0;\n&/' changed/reportfile/ReportFileBase.h
+  store changed.so "$PWD/changed"
+  run "$abi/check" changed.so "$PWD/changed" whole.abi
+  [ "$status" -ne 0 ]
+  [[ "$output" == *"type size changed from 768 to 832"*"int added_"* ]]
+}

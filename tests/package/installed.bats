@@ -1,0 +1,93 @@
+#!/usr/bin/env bats
+# Where things are, and that they find each other.
+
+setup() {
+  load support
+  cd "$BATS_TEST_TMPDIR"
+}
+
+@test "the module stands where it says that it is" {
+  run env QX_LOG_RINGBUF_DIR="$PWD" python3 -c '
+import ctypes, sys
+print(ctypes.c_char_p.in_dll(ctypes.CDLL(sys.argv[1]), "DreQXObjectPath").value.decode())' "$QX_MODULE_FILE"
+  [ "$status" -eq 0 ]
+  [ "$QX_ROOT$output.so" = "$QX_MODULE_FILE" ]
+}
+
+@test "CMake, pkg-config, the module and qxctl agree on the version" {
+  [ "$(pkg-config --modversion qxremconxfer)" = "$QX_VERSION" ]
+  [ "$("$QX_PREFIX/bin/qxctl" --version)" = "qxctl $QX_VERSION" ]
+  run "$QX_PREFIX/bin/qxctl" module what --module "$QX_MODULE_FILE"
+  [[ "$output" == *"<QXRemConXfer version=\"$QX_VERSION\""* ]]
+  cat >CMakeLists.txt <<'END'
+cmake_minimum_required(VERSION 3.18)
+project(look LANGUAGES C)
+find_package(QXRemConXfer REQUIRED)
+message(STATUS "version=${QXRemConXfer_VERSION} module=${QXRemConXfer_MODULE}")
+END
+  run cmake -B build -DCMAKE_PREFIX_PATH="$QX_PREFIX"
+  [ "$status" -eq 0 ]
+  [[ "$output" == *"version=$QX_VERSION module=$QX_MODULE_FILE"* ]]
+}
+
+@test "a program that wants a later version is told so when it is configured" {
+  cat >CMakeLists.txt <<'END'
+cmake_minimum_required(VERSION 3.18)
+project(look LANGUAGES C)
+find_package(QXRemConXfer 99.0 REQUIRED)
+END
+  run cmake -B build -DCMAKE_PREFIX_PATH="$QX_PREFIX"
+  [ "$status" -ne 0 ]
+  [[ "$output" == *"compatible"*"99.0"* ]]
+}
+
+@test "pkg-config names the module's place" {
+  [ "$QX_ROOT$(pkg-config --variable=module qxremconxfer)" = "$QX_MODULE_FILE" ]
+}
+
+@test "a tree that was moved is found by pkg-config where it is now" {
+  cp -r "$QX_PREFIX" moved
+  export PKG_CONFIG_PATH=$PWD/moved${QX_LIBRARIES#"$QX_PREFIX"}/pkgconfig
+  printf '#include "reportfile/ReportFileBase.h"\nint main() { return CReportFileBase().Close() ? 0 : 1; }\n' >main.cpp
+  for flag in $(pkg-config --cflags-only-I --libs-only-L qxremconxfer); do
+    [[ "$(realpath "${flag:2}")" == "$PWD/moved/"* ]]
+  done
+  "$CXX" -std=c++20 $(pkg-config --cflags qxremconxfer) main.cpp $(pkg-config --libs qxremconxfer) -o program
+  ./program
+}
+
+@test "a program's own trace object takes the place of the installed one" {
+  cat >main.cpp <<'END'
+#include <cstdio>
+#include "debug/Debug.h"
+#include "inifile/IniFile.h"
+#include "markup/Markup.h"
+#include "process/Process.h"
+#include "registry/Registry.h"
+#include "reportfile/ReportFileBase.h"
+__attribute__((init_priority(101))) CDebug Debug;
+int main() {
+  CReportFileBase store;
+  CMarkup document;
+  const bool is_open = store.OpenRead("/nonexistent/report");
+  Debug.Init("OwnObject");
+  QX_TRACE(1, "\nMAIN Main           : %s", "traced");
+  return is_open || !document.SetDoc("<a/>") ? 1 : 0;
+}
+END
+  "$CXX" -std=c++20 $(pkg-config --cflags qxremconxfer) main.cpp $(pkg-config --libs qxremconxfer) -o program
+  QX_LOG_DEBUG_LEVEL=1 QX_LOG_RINGBUF_DIR=$PWD ./program
+  grep -q traced log.ownobject
+}
+
+@test "every library links whole into a shared library of an agent" {
+  "$CXX" -shared -o plugin.so -L"$QX_LIBRARIES" -Wl,--whole-archive -lqx_reportfile -lqx_paths -lqx_markup \
+    -lqx_inifile -lqx_registry -lqx_debug -lqx_trace_object -lqx_process -lqx_base -Wl,--no-whole-archive -Wl,-z,defs
+}
+
+@test "only the report store of the libraries is visible outside an agent's shared library" {
+  "$CXX" -shared -o plugin.so -L"$QX_LIBRARIES" -Wl,--whole-archive -lqx_reportfile -lqx_paths -lqx_markup \
+    -lqx_inifile -lqx_registry -lqx_debug -lqx_trace_object -lqx_process -lqx_base -Wl,--no-whole-archive
+  run bash -c "nm -DC --defined-only plugin.so | cut -d' ' -f3- | grep -v -e '^CReportFileBase::' -e '^std::' -e ' std::'"
+  [ "$output" = "" ]
+}
