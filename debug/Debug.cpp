@@ -11,10 +11,12 @@
 #include <new>
 
 #include "debug/ErrnoScope.h"
+#include "debug/FormatText.h"
 #include "debug/TraceText.h"
 
 using qx::LockScope;
 using qx::debug::ErrnoScope;
+using qx::debug::FormatText;
 
 static_assert(sizeof(std::atomic<bool>) == 1, "callers test one byte");
 
@@ -207,7 +209,7 @@ CDebug::Entry CDebug::FormatEntry(const char* format, std::va_list args, const c
   char* const text = entry_ + header_length;
 
   errno = callers_errno;  // what "%m" means
-  const int wanted = std::vsnprintf(text, kEntryTextCharsMax + 1, qx::debug::WithoutLeadingLineFeeds(format), args);
+  const int wanted = FormatText(text, kEntryTextCharsMax + 1, qx::debug::WithoutLeadingLineFeeds(format), args);
   if (wanted < 0) text[0] = '\0';
   std::size_t length = std::strlen(text);  // a NUL out of "%c" ends the entry
   const bool is_cut = length == kEntryTextCharsMax && static_cast<std::size_t>(wanted) > length;
