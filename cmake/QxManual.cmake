@@ -1,0 +1,38 @@
+# Manual pages and shell completions of qxctl. The tool knows its commands and options best, so it fills them into its
+# page and writes the completion scripts itself. Neither is built where scdoc is missing or a sanitizer slows the tool.
+find_program(QX_SCDOC scdoc)
+file(GLOB qx_manual_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.scd)
+if(NOT QX_SCDOC OR NOT qx_manual_sources OR QX_SANITIZE)
+  return()
+endif()
+
+set(qx_manual_dir ${PROJECT_BINARY_DIR}/man)
+set(qx_completion_dir ${PROJECT_BINARY_DIR}/completions)
+file(MAKE_DIRECTORY ${qx_manual_dir} ${qx_completion_dir})
+
+set(qx_manual_pages)
+foreach(source ${qx_manual_sources})
+  get_filename_component(page ${source} NAME_WLE)
+  set(fill cat)
+  if(page STREQUAL "qxctl.1")
+    set(fill $<TARGET_FILE:qxctl> _man)
+  endif()
+  add_custom_command(OUTPUT ${qx_manual_dir}/${page}
+    COMMAND ${fill} < ${source} > ${page}.scd
+    COMMAND ${QX_SCDOC} < ${page}.scd > ${page}
+    DEPENDS ${source} qxctl WORKING_DIRECTORY ${qx_manual_dir} VERBATIM)
+  list(APPEND qx_manual_pages ${qx_manual_dir}/${page})
+  string(REGEX REPLACE ".*\\." "" section ${page})
+  install(FILES ${qx_manual_dir}/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT tools OPTIONAL)
+endforeach()
+
+add_custom_command(OUTPUT ${qx_completion_dir}/qxctl ${qx_completion_dir}/_qxctl
+  COMMAND $<TARGET_FILE:qxctl> completion bash > qxctl
+  COMMAND $<TARGET_FILE:qxctl> completion zsh > _qxctl
+  DEPENDS qxctl WORKING_DIRECTORY ${qx_completion_dir} VERBATIM)
+install(FILES ${qx_completion_dir}/qxctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools OPTIONAL)
+install(FILES ${qx_completion_dir}/_qxctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools OPTIONAL)
+
+add_custom_target(qx_manual ALL DEPENDS ${qx_manual_pages} ${qx_completion_dir}/qxctl ${qx_completion_dir}/_qxctl)
