@@ -18,6 +18,7 @@ struct Context {
 };
 
 void AddModuleCommand(CLI::App& app, Context& context);    // module what, reflect, reports, names
+void AddCompletionCommand(CLI::App& app, Context& context);  // completion, and what is hidden
 void AddFetchCommand(CLI::App& app, Context& context);     // fetch
 void AddIniCommand(CLI::App& app, Context& context);       // ini list, get
 void AddNamesCommand(CLI::App& app, Context& context);     // names

@@ -54,8 +54,9 @@ void AddTraceOptions(CLI::App& app, TraceOptions& options) {
   const char* const kGroup = "Tracing";
   CLI::Option* const directory =
       app.add_option("--trace", options.directory, "Keep the traces of the module and of qxctl in this directory");
-  directory->group(kGroup);
+  directory->type_name("DIR")->group(kGroup);
   app.add_option("--trace-level", options.level, "1 errors to 6 addresses (default 5)")
+      ->type_name("N")
       ->check(CLI::Range(0, kTraceLevelMax))
       ->needs(directory)
       ->group(kGroup);
@@ -67,6 +68,7 @@ void AddOutputOptions(CLI::App& app, OutputOptions& options) {
   quiet->group(kGroup);
   app.add_flag("--verbose", options.verbose, "Say more about what is done")->excludes(quiet)->group(kGroup);
   app.add_option("--color", options.color, "Colour: on a terminal unless NO_COLOR is set, always or never")
+      ->type_name("WHEN")
       ->check(CLI::IsMember(std::vector<std::string>{"auto", "always", "never"}))
       ->group(kGroup);
 }
@@ -122,6 +124,7 @@ ExitCode Qxctl(int argc, char** argv) {
   AddRegistryCommand(app, context);
   AddIniCommand(app, context);
   AddTraceCommand(app, context);
+  AddCompletionCommand(app, context);
   app.footer("");  // here they are listed
   return ParseAndRun(app, context, options, argc, argv);
 }

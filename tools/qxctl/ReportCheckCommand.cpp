@@ -223,7 +223,9 @@ void AddReportCheckCommands(CLI::App& report, Context& context) {
   AddPart(report, context, "verify", "Check a report's files against what their writer leaves", options, Verify);
   CLI::App& salvage =
       AddPart(report, context, "salvage", "Save what is left of a damaged report into a new one", options, Salvage);
-  salvage.add_option("--into", options->into, "Directory for the new report, or its path without endings")->required();
+  salvage.add_option("--into", options->into, "Directory for the new report, or its path without endings")
+      ->type_name("DIR|PATH")
+      ->required();
   salvage.add_flag("--indexed-only", options->indexed_only, "Leave out lines that no slot leads to");
 }
 

@@ -80,7 +80,8 @@ void AddTraceConfig(CLI::App& trace, Context& context) {
   const auto options = std::make_shared<Options>();
   CLI::App& command = *trace.add_subcommand("config", "Print each trace setting and where it comes from");
   command.add_option("--app", options->app_name, "Name of the application (default QXRemConXfer)");
-  command.add_option("--directory", options->directory, "Directory of the settings files, instead of the system's");
+  command.add_option("--directory", options->directory, "Directory of the settings files, instead of the system's")
+      ->type_name("DIR");
   command.add_flag("--json", options->json, "Print them as JSON");
   command.callback([&context, options] { context.run = [&context, options] { return Config(context, *options); }; });
 }
