@@ -212,60 +212,65 @@ _qxctl_offer() {
     @file) _files ;;
     @dir) _files -/ ;;
     @report)
-      found=(${(f)" $(${~words[1]} _reports 2 > / dev / null) "})
-                             compadd -
-                             a found;
-;
+      found=(${(f)"$(${~words[1]} _reports 2>/dev/null)"})
+      compadd -a found
+      ;;
     @store)
       found=(${~PREFIX}*.ind(N:r))
       compadd -f -a found
       _files -/
-      ;
-    ;
+      ;;
     @either)
       _qxctl_offer @report
       _qxctl_offer @store
-      ;
-    ;
+      ;;
     *)
       found=(${(s:|:)1})
       compadd -a found
-      ;
-    ;
-    esac
-    }
+      ;;
+  esac
+}
 
-    _qxctl() {
-      local current = ${words[CURRENT]} place = qxctl kind ='' ended ='' word local - a kinds offers integer given =
-          0 i for ((i = 2; i < CURRENT; i++));
-      do word = $ {
-          words[i]
-        }
-      if
-        [[-n $kind]];
-      then kind ='' elif[[-z $ended && $word == --]]; then
+_qxctl() {
+  local current=${words[CURRENT]} place=qxctl kind='' ended='' word
+  local -a kinds offers
+  integer given=0 i
+  for ((i = 2; i < CURRENT; i++)); do
+    word=${words[i]}
+    if [[ -n $kind ]]; then
+      kind=''
+    elif [[ -z $ended && $word == -- ]]; then
       ended=1
-    elif [[ -z $ended && $word == -?* ]];
-      then kind = $ {
-        _qxctl_values[$place $word] : -$ { _qxctl_values[qxctl $word] }
-      }
-      elif[[-z $ended && $ '\n' ${_qxctl_words[$place]} == *$ '\n' $word:*]];
-      then place += " $word" else given = $((given + 1)) fi done if[[-z $kind&& -z $ended&& $current == -- *= *]];
-      then word = ${current % %= * } kind = $ {
-        _qxctl_values[$place $word] : -$ { _qxctl_values[qxctl $word] }
-      }
-      compset - P '*=' fi if[[-n $kind]];
-      then _qxctl_offer "$kind" elif[[-z $ended && $current == -*]];
-      then offers = ("${(@f)_qxctl_options[$place]}")_describe - o option offers elif[[-n ${_qxctl_words[$place]}]];
-      then offers = ("${(@f)_qxctl_words[$place]}")_describe command offers else kinds =
-          (${ = _qxctl_arguments[$place]}) kind = $ {
-        kinds[given + 1] : -
-      }
-      [[-z $kind && ${kinds[-1] : -} == *... ]]&& kind = ${kinds[-1]} _qxctl_offer "${kind%...}" fi
-    }
+    elif [[ -z $ended && $word == -?* ]]; then
+      kind=${_qxctl_values[$place $word]:-${_qxctl_values[qxctl $word]}}
+    elif [[ -z $ended && $'\n'${_qxctl_words[$place]} == *$'\n'$word:* ]]; then
+      place+=" $word"
+    else
+      given=$((given + 1))
+    fi
+  done
+  if [[ -z $kind && -z $ended && $current == --*=* ]]; then
+    word=${current%%=*}
+    kind=${_qxctl_values[$place $word]:-${_qxctl_values[qxctl $word]}}
+    compset -P '*='
+  fi
+  if [[ -n $kind ]]; then
+    _qxctl_offer "$kind"
+  elif [[ -z $ended && $current == -* ]]; then
+    offers=("${(@f)_qxctl_options[$place]}")
+    _describe -o option offers
+  elif [[ -n ${_qxctl_words[$place]} ]]; then
+    offers=("${(@f)_qxctl_words[$place]}")
+    _describe command offers
+  else
+    kinds=(${=_qxctl_arguments[$place]})
+    kind=${kinds[given + 1]:-}
+    [[ -z $kind && ${kinds[-1]:-} == *... ]] && kind=${kinds[-1]}
+    _qxctl_offer "${kind%...}"
+  fi
+}
 
-    if
-      [[${funcstack[1]} == _qxctl]]; then
+if [[ ${funcstack[1]} == _qxctl ]]; then
   _qxctl "$@"
 else
   compdef _qxctl qxctl
