@@ -80,6 +80,17 @@ END
   grep -q traced log.ownobject
 }
 
+@test "qxctl brings a manual page for itself and each format, and completions" {
+  command -v scdoc || skip "there is no scdoc"
+  for source in "$QX_SOURCE_DIR"/docs/man/*.scd; do
+    page=$(basename "$source" .scd)
+    head -n 20 "$QX_PREFIX/share/man/man${page##*.}/$page" | grep -q "^\.TH \"${page%.*}\" \"${page##*.}\""
+  done
+  grep -q 'report verify' "$QX_PREFIX/share/man/man1/qxctl.1"
+  bash -n "$QX_PREFIX/share/bash-completion/completions/qxctl"
+  head -n 1 "$QX_PREFIX/share/zsh/vendor-completions/_qxctl" | grep -qx '#compdef qxctl'
+}
+
 @test "every library links whole into a shared library of an agent" {
   "$CXX" -shared -o plugin.so -L"$QX_LIBRARIES" -Wl,--whole-archive -lqx_reportfile -lqx_paths -lqx_markup \
     -lqx_inifile -lqx_registry -lqx_debug -lqx_trace_object -lqx_process -lqx_base -Wl,--no-whole-archive -Wl,-z,defs
