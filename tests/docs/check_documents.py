@@ -66,7 +66,11 @@ def faults_of(command, output, schemas):
     words = words_of(command)
     if words is None:
         return
-    documents = list(documents_in(output))
+    try:
+        documents = list(documents_in(output))
+    except json.JSONDecodeError as error:
+        yield f"prints no whole document: {error}"
+        return
     name = schema_for(words, schemas)
     if documents and name is None:
         yield "prints a document that no schema describes"
