@@ -146,7 +146,7 @@ FileReplacement::~FileReplacement() {
 
 ReplaceResult FileReplacement::Begin(const std::string& path, Options options) {
   if (ReplaceResult found = FindTarget(path, options); !found.IsDone()) return found;
-  if (ReplaceResult locked = LockCopy(); !locked.IsDone()) return locked;
+  if (ReplaceResult locked = options.only_look ? ReplaceResult() : LockCopy(); !locked.IsDone()) return locked;
   ReplaceResult read = ReadFileImage(path_, image_);
   const bool is_missing = read.state == ReplaceState::kNotFound && options.may_be_missing;
   return is_missing ? ReplaceResult() : read;

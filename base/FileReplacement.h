@@ -51,12 +51,14 @@ inline constexpr std::size_t kFileImageBytesMax = std::size_t{64} << 20;
 //
 // Threads: one thread.
 // Owns: the file beside it until Commit, and the backup until the edit is in place; both are removed otherwise.
-// Failure: after any failure the file is as it was, unless IsInPlace() says that only the last sync failed.
+// Failure: after any failure the file is as it was, unless IsInPlace() says that only the last sync failed. A file
+// beside it that cannot be locked is left, because it may be another's.
 class FileReplacement {
  public:
   struct Options {
     bool follow_link = false;     // edit what a symbolic link leads to, instead of refusing
     bool may_be_missing = false;  // a file that is not there counts as an empty one
+    bool only_look = false;       // read it alone: nothing is locked, and nothing can be written
   };
 
   FileReplacement() = default;

@@ -27,7 +27,6 @@ enum class ProfileState {
   kNoSection,
   kNoKey,
   kRefused,  // `reason` says why
-  kFailed,   // a copy could not be edited or read back
 };
 
 // What one edit does to what programs read.

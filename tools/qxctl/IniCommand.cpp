@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "inifile/IniFile.h"
-#include "tools/qxctl/Commands.h"
+#include "tools/qxctl/IniCommands.h"
 #include "tools/qxctl/Text.h"
 
 namespace qx::ctl {
@@ -148,10 +148,11 @@ void AddGet(CLI::App& parent, Context& context) {
 }  // namespace
 
 void AddIniCommand(CLI::App& app, Context& context) {
-  CLI::App& ini = *app.add_subcommand("ini", "Look into a profile file");
+  CLI::App& ini = *app.add_subcommand("ini", "Look into a profile file, change it");
   ini.require_subcommand(1);
   AddList(ini, context);
   AddGet(ini, context);
+  AddIniEditCommands(ini, context);
 }
 
 }  // namespace qx::ctl
