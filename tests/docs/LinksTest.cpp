@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,28 @@ std::set<std::string> PagesLinkedFrom(const std::string& page) {
   return pages;
 }
 
+// The code of every test, one text.
+std::string TestSources() {
+  std::string text;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(fs::path(QX_SOURCE_DIR) / "tests")) {
+    if (entry.path().extension() == ".cpp") text += ReadFile(entry.path());
+  }
+  return text;
+}
+
+// "| a | b | `Suite.Name`, `Other` |" => "Suite.Name", "Other"
+std::vector<std::string> NamesInLastCell(std::string line) {
+  std::vector<std::string> names;
+  line.resize(line.rfind(" |"));
+  std::string cell = line.substr(line.rfind("| ") + 2);
+  for (std::size_t at = cell.find('`'); at != std::string::npos; at = cell.find('`')) {
+    const std::size_t end = std::min(cell.find('`', at + 1), cell.size() - 1);
+    names.push_back(cell.substr(at + 1, end - at - 1));
+    cell.erase(0, end + 1);
+  }
+  return names;
+}
+
 }  // namespace
 
 TEST(DocsLinks, EveryLinkLeadsToAFileAndAHeadingThatExist) {
@@ -71,6 +94,23 @@ TEST(DocsLinks, TheFrontPageLeadsToTheIndexAndFillsOneScreen) {
   EXPECT_EQ(PagesLinkedFrom("README.md").count("docs/README.md"), 1U);
   const std::string text = ReadFile(std::string(QX_SOURCE_DIR) + "/README.md");
   EXPECT_LE(std::count(text.begin(), text.end(), '\n'), 60);
+}
+
+TEST(DocsLinks, TheTestsThatAPromiseNamesExist) {
+  const std::string sources = TestSources();
+  std::size_t count = 0;
+  std::istringstream lines(ReadFile(std::string(QX_SOURCE_DIR) + "/docs/reliability.md"));
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with("| ") || !line.ends_with(" |")) continue;
+    for (std::string name : NamesInLastCell(line)) {
+      const std::size_t dot = name.find('.');
+      const std::string end = dot == std::string::npos ? "," : ")";
+      if (dot != std::string::npos) name.replace(dot, 1, ", ");
+      EXPECT_NE(sources.find("(" + name + end), std::string::npos) << name;
+      ++count;
+    }
+  }
+  EXPECT_GE(count, 20U);
 }
 
 TEST(DocsLinks, AFaultIsFound) {
