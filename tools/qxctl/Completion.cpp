@@ -210,7 +210,7 @@ _qxctl_offer() {
   case $1 in
     '' | @none) return 1 ;;
     @file) _files ;;
-    @dir) _files -/ ;;
+    @dir) _path_files -/ ;;
     @report)
       found=(${(f)"$(${~words[1]} _reports 2>/dev/null)"})
       compadd -a found
@@ -218,7 +218,7 @@ _qxctl_offer() {
     @store)
       found=(${~PREFIX}*.ind(N:r))
       compadd -f -a found
-      _files -/
+      _path_files -/
       ;;
     @either)
       _qxctl_offer @report
