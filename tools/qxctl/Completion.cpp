@@ -21,7 +21,7 @@ std::string KindOf(const std::string& value, const std::vector<std::string>& cho
   if (value == "NAME|PATH") return "@either";
   if (value == "DIR") return "@dir";
   if (value == "PATH") return is_about_reports ? "@store" : "@file";
-  return value == "FILE" || value == "DIR|PATH" || value == "@FILE" ? "@file" : "@none";
+  return value == "FILE" || value == "DIR|PATH" || value == "STATE" ? "@file" : "@none";
 }
 
 std::string KindsOfArguments(const CommandRow& row) {

@@ -266,7 +266,7 @@ void AddPlanOptions(CLI::App& command, Options& options) {
       .add_option("--duration", options.plan.seconds, "Seconds that the load lasts, instead of a number of requests")
       ->check(CLI::PositiveNumber)
       ->excludes(requests);
-  command.add_option("--report", options.plan.report, "Report that reports and names ask for");
+  command.add_option("--report", options.plan.report, "Report that reports and names ask for")->type_name("NAME");
   command
       .add_option("--mix", options.mix, "What is asked in turn: what, reflect, reports, names; a word may be repeated")
       ->delimiter(',')

@@ -180,8 +180,12 @@ void AddGet(CLI::App& parent, Context& context) {
 
 void AddSourceOptions(CLI::App& command, RegistrySource& source) {
   CLI::Option* const directory =
-      command.add_option("--directory", source.directory, "Directory of the registry's files")->capture_default_str();
-  command.add_option("--file", source.file, "Use this one file instead, such as a backup")->excludes(directory);
+      command.add_option("--directory", source.directory, "Directory of the registry's files")
+          ->capture_default_str()
+          ->type_name("DIR");
+  command.add_option("--file", source.file, "Use this one file instead, such as a backup")
+      ->excludes(directory)
+      ->type_name("FILE");
 }
 
 Status LoadTree(Context& context, const RegistrySource& source, CRegistryNode& tree) {
