@@ -20,6 +20,7 @@ struct Context {
 void AddModuleCommand(CLI::App& app, Context& context);    // module what, reflect, reports, names
 void AddCompletionCommand(CLI::App& app, Context& context);  // completion, and what is hidden
 void AddFetchCommand(CLI::App& app, Context& context);     // fetch
+void AddFollowCommand(CLI::App& app, Context& context);    // follow
 void AddIniCommand(CLI::App& app, Context& context);       // ini list, get
 void AddNamesCommand(CLI::App& app, Context& context);     // names
 void AddRegistryCommand(CLI::App& app, Context& context);  // registry ls, get

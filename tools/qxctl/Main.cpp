@@ -119,6 +119,7 @@ ExitCode Qxctl(int argc, char** argv) {
   AddTraceOptions(app, options.trace);
   AddModuleCommand(app, context);
   AddFetchCommand(app, context);
+  AddFollowCommand(app, context);
   AddReportCommand(app, context);
   AddNamesCommand(app, context);
   AddRegistryCommand(app, context);

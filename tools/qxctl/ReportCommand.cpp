@@ -19,6 +19,7 @@
 #include "reportfile/ReportFileBase.h"
 #include "reportfile/StoreFormat.h"
 #include "tools/qxctl/Commands.h"
+#include "tools/qxctl/RecordPrint.h"
 #include "tools/qxctl/ReportTools.h"
 
 namespace qx::ctl {
@@ -31,6 +32,7 @@ struct Options {
   std::string path;  // of both files, without ".ind" and ".dat"
   std::uint32_t slots = 0;
   std::vector<std::string> texts;
+  RecordPrintOptions print;
   bool json = false;
 };
 
@@ -138,6 +140,8 @@ std::uint32_t ReadableSlots(const IndexHeader& header, const std::string& path) 
 }
 
 Status Cat(Context& context, const Options& options) {
+  if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
+  RecordPrinter printer(context.output, options.print);
   CReportFileBase store;
   if (Status status = OpenForReading(options.path, store); !status.IsOk()) return status;
   const IndexHeader& header = store.header();
@@ -145,8 +149,11 @@ Status Cat(Context& context, const Options& options) {
   std::string record;
   for (std::uint32_t i = 0; i < slots; ++i) {
     if (!store.readLine(record, report::SlotOfLogical(header, i))) return Status::Io("cannot read a record", errno);
-    if (Status status = context.output.Data(record); !status.IsOk()) return status;
+    const std::string text = printer.Take(record);
+    if (printer.DrawsChart()) continue;
+    if (Status status = context.output.Data(text); !status.IsOk()) return status;
   }
+  if (Status status = printer.Finish(options.path); !status.IsOk()) return status;
   if (slots == header.highestIndex) return {};
   return {ExitCode::kFinding, "the header counts " + std::to_string(header.highestIndex) + " records, but " +
                                   report::IndexFileName(options.path) + " holds " + std::to_string(slots) + " slots"};
@@ -256,8 +263,9 @@ void AddReportCommand(CLI::App& app, Context& context) {
   AddPart(report, context, "append", "Append records", options, Append)
       .add_option("TEXT", options->texts, "A record each; - appends each line of standard input")
       ->required();
-  AddPart(report, context, "cat", "Print the records, oldest first, as stored", options,
-          [&context](const Options& given) { return Cat(context, given); });
+  CLI::App& cat = AddPart(report, context, "cat", "Print the records, oldest first", options,
+                          [&context](const Options& given) { return Cat(context, given); });
+  AddRecordPrintOptions(cat, options->print);
   AddPart(report, context, "info", "Print the header and the sizes", options, [&context](const Options& given) {
     return Info(context, given);
   }).add_flag("--json", options->json, "Print them as JSON");

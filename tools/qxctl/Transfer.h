@@ -5,10 +5,9 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <vector>
 
-#include "tools/qxctl/ModuleHost.h"
-#include "tools/qxctl/ReportDocuments.h"
+#include "tools/qxctl/ReportReader.h"
 #include "tools/qxctl/Status.h"
 
 namespace qx::ctl {
@@ -36,14 +35,17 @@ struct TransferCount {
 // Threads: as the worker thread that it borrows.
 class Transfer {
  public:
-  using Sink = std::function<Status(std::string_view records, const TransferCount& so_far)>;
+  using Sink = std::function<Status(const ReportReply& reply, const TransferCount& so_far)>;
 
   // At most `chunk_records` a call, if set.
   Transfer(WorkerThread& worker, std::string report, std::optional<std::int32_t> chunk_records);
 
-  // Hands each chunk's records to `sink`, whose failure ends the transfer. kChanged and kFinding are as told above;
+  // Hands each reply with records to `sink`, whose failure ends the transfer. kChanged and kFinding are as told above;
   // other codes are the module's or the sink's.
   Status Run(const Sink& sink);
+
+  // The records of the reply that the sink was just given, one by one.
+  Status Split(const ReportReply& reply, std::vector<std::string>& records) { return reader_.Split(reply, records); }
 
   // Whether the module said that there is no more: what the sink got is the report as far as it can be carried.
   bool ReachedEnd() const { return reached_end_; }
@@ -51,14 +53,12 @@ class Transfer {
 
  private:
   Status Ask(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply);
-  Status CheckChunk(const ReportReply& reply) const;
   void CountChunk(const ReportReply& reply);
   Status CheckEnd();
   bool RecordStandsBehindEnd();
   bool FirstRecordIsTheSame();
 
-  WorkerThread& worker_;
-  std::string report_;
+  ReportReader reader_;
   std::optional<std::int32_t> chunk_records_;
   TransferCount count_;
   std::int32_t next_index_ = 0;

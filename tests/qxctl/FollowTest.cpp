@@ -1,0 +1,261 @@
+// qxctl follow: records as they appear, and what happens to the report meanwhile.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "tests/qxctl/RunQxctl.h"
+
+namespace qx::test {
+
+namespace {
+
+using nlohmann::json;
+using testing::HasSubstr;
+
+using Texts = std::vector<std::string>;
+
+class QxctlFollow : public testing::Test, protected QxctlFixture {
+ protected:
+  static Texts Arguments(Texts more) {
+    more.insert(more.begin(), {"follow", "load", "--interval", "0.01"});
+    return more;
+  }
+  Ran Follow(Texts more) const { return Qxctl(Arguments(std::move(more))); }
+  static Texts Command(Texts more) {
+    Texts command = Arguments(std::move(more));
+    command.insert(command.begin(), QxctlPath());
+    return command;
+  }
+  // Changes the report while the follower stands still.
+  template <typename Change>
+  static void WhileStopped(const Child& child, Change change) {
+    child.Kill(SIGSTOP);
+    change();
+    child.Kill(SIGCONT);
+  }
+  void RemoveReport() const {
+    for (const char* const end : {".ind", ".dat"}) (void)unlink((ReportPath("load") + end).c_str());
+  }
+};
+
+std::vector<json> Lines(const std::string& text) {
+  std::vector<json> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(json::parse(line));
+  return lines;
+}
+
+// Reads until `text` has arrived.
+std::string ReadUntil(Child& child, const std::string& text) {
+  std::string out;
+  while (out.find(text) == std::string::npos) {
+    const std::string some = child.ReadSome();
+    if (some.empty()) return out;
+    out += some;
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST_F(QxctlFollow, WhatStandsThereComesFirstAndCountEndsIt) {
+  MakeReport("load", 9, {"a", "b", "c"});
+  const Ran ran = Follow({"--count", "2"});
+  EXPECT_EQ(ran.code, 0);
+  EXPECT_EQ(ran.out, "a\r\nb\r\n");
+  EXPECT_EQ(ran.err, "load: 2 records, gaps 0, ambiguous 0, started over 0\n");
+}
+
+TEST_F(QxctlFollow, NewRecordsAreSeenAlsoWhenTheRingMoves) {
+  MakeReport("load", 3, {"a", "b", "c"});
+  Child child(Command({"--count", "6"}), StartHere());
+  EXPECT_EQ(ReadUntil(child, "c\r\n"), "a\r\nb\r\nc\r\n");
+  Append("load", {"d"});
+  EXPECT_EQ(ReadUntil(child, "d\r\n"), "d\r\n");
+  Append("load", {"e", "f"});
+  const Ran ran = child.Wait();
+  EXPECT_EQ(ran.out, "e\r\nf\r\n");
+  EXPECT_EQ(ran.code, 0) << ran.err;
+}
+
+TEST_F(QxctlFollow, ForEndsItAfterSomeTime) {
+  MakeReport("load", 9, {"a"});
+  const Ran ran = Follow({"--for", "0.05"});
+  EXPECT_EQ(ran.code, 0);
+  EXPECT_EQ(ran.out, "a\r\n");
+}
+
+TEST_F(QxctlFollow, FromNowLeavesOutWhatStandsThere) {
+  MakeReport("load", 9, {"a", "b"});
+  const Ran ran = Follow({"--from-now", "--for", "0.05"});
+  EXPECT_EQ(ran.out, "");
+  EXPECT_EQ(ran.code, 0) << ran.err;
+}
+
+TEST_F(QxctlFollow, FromNowPrintsAllOfAReportThatWasNotThere) {
+  Child child(Command({"--from-now", "--wait", "--count", "2", "--json"}), StartHere());
+  ReadUntil(child, "missing");
+  MakeReport("load", 9, {"a", "b"});
+  EXPECT_THAT(child.Wait().out, HasSubstr("\"text\":\"a\""));
+}
+
+TEST_F(QxctlFollow, AMissingReportIsNotFound) {
+  const Ran ran = Follow({"--for", "5"});
+  EXPECT_EQ(ran.code, 4);
+  EXPECT_THAT(ran.err, HasSubstr("no such report in the report directory"));
+}
+
+TEST_F(QxctlFollow, WaitWaitsForIt) {
+  Child child(Command({"--wait", "--count", "1", "--json"}), StartHere());
+  EXPECT_EQ(ReadUntil(child, "\n"), "{\"kind\":\"missing\"}\n");
+  MakeReport("load", 9, {"a"});
+  const Ran ran = child.Wait();
+  EXPECT_EQ(ran.code, 0) << ran.err;
+  EXPECT_EQ(Lines(ran.out).front(), json::parse(R"({"kind": "record", "index": 0, "text": "a"})"));
+}
+
+TEST_F(QxctlFollow, AGapIsToldAndCounted) {
+  MakeReport("load", 3, {"a", "b", "c"});
+  Child child(Command({"--count", "6", "--json"}), StartHere());
+  ReadUntil(child, "\"c\"}\n");
+  WhileStopped(child, [&] { Append("load", {"d", "e", "f", "g"}); });
+  const Ran ran = child.Wait();
+  EXPECT_EQ(ran.code, 1);
+  EXPECT_THAT(ran.err, HasSubstr("qxctl: load: gap:"));
+  const std::vector<json> lines = Lines(ran.out);
+  ASSERT_EQ(lines.size(), 5U) << ran.out;
+  EXPECT_EQ(lines[0], json::parse(R"({"kind": "gap", "lost": null})"));
+  EXPECT_EQ(lines[1], json::parse(R"({"kind": "record", "index": 3, "text": "e"})"));
+  EXPECT_EQ(lines[4], json::parse(R"({"kind": "end", "report": "load", "records": 6, "gaps": 1, "recordsLost": null,
+                                      "ambiguous": 0, "startedOver": 0, "failedCalls": 0, "exitCode": 1})"));
+}
+
+TEST_F(QxctlFollow, AReportThatIsStartedOverIsToldAndFollowed) {
+  MakeReport("load", 9, {"a", "b", "c"});
+  Child child(Command({"--count", "4"}), StartHere());
+  ReadUntil(child, "c\r\n");
+  WhileStopped(child, [&] {
+    RemoveReport();
+    MakeReport("load", 9, {"x"});
+  });
+  const Ran ran = child.Wait();
+  EXPECT_EQ(ran.code, 1);
+  EXPECT_EQ(ran.out, "x\r\n");
+  EXPECT_THAT(ran.err, HasSubstr("qxctl: load: started over:"));
+}
+
+TEST_F(QxctlFollow, AReportThatIsGoneForAMomentIsWaitedFor) {
+  MakeReport("load", 9, {"a"});
+  Child child(Command({"--count", "2", "--json"}), StartHere());
+  ReadUntil(child, "\"a\"}\n");
+  RemoveReport();
+  EXPECT_EQ(ReadUntil(child, "missing"), "{\"kind\":\"missing\"}\n");
+  MakeReport("load", 9, {"a", "b"});
+  const Ran ran = child.Wait();
+  EXPECT_THAT(ran.out, HasSubstr("\"b\""));
+  EXPECT_EQ(ran.code, 0) << ran.err;
+}
+
+TEST_F(QxctlFollow, EqualRecordsAreAmbiguousAndToldOnce) {
+  MakeReport("load", 9, {"ok", "ok", "ok"});
+  Child child(Command({"--count", "5"}), StartHere());
+  ReadUntil(child, "ok\r\nok\r\nok\r\n");
+  Append("load", {"ok"});
+  ReadUntil(child, "ok\r\n");
+  Append("load", {"ok"});
+  const Ran ran = child.Wait();
+  EXPECT_EQ(ran.code, 1);
+  EXPECT_EQ(ran.err.find("ambiguous: records repeat"), ran.err.rfind("ambiguous: records repeat"));
+  EXPECT_THAT(ran.err, HasSubstr("load: 5 records"));
+}
+
+TEST_F(QxctlFollow, SignalsEndItWithTheClosingLine) {
+  for (const int signal : {SIGINT, SIGTERM}) {
+    RemoveReport();
+    MakeReport("load", 9, {"a"});
+    Child child(Command({"--json"}), StartHere());
+    ReadUntil(child, "\"a\"}\n");
+    child.Kill(signal);
+    const Ran ran = child.Wait();
+    EXPECT_EQ(ran.code, -signal);
+    ASSERT_EQ(Lines(ran.out).size(), 1U) << ran.out;
+    EXPECT_EQ(Lines(ran.out)[0]["kind"], "end");
+    EXPECT_EQ(ran.err, "");
+  }
+}
+
+TEST_F(QxctlFollow, OutputThatCannotBeWrittenEndsIt) {
+  MakeReport("load", 9, {"a"});
+  Start start = StartHere();
+  start.out_file = "/dev/full";
+  EXPECT_EQ(Qxctl(Arguments({"--for", "5"}), start).code, 6);
+}
+
+TEST_F(QxctlFollow, ARefusedCallerGetsNothing) {
+  MakeReport("load", 9, {"secret"});
+  const Ran ran = Follow({"--user", "bob", "--for", "5"});
+  EXPECT_EQ(ran.code, 5);
+  EXPECT_EQ(ran.out, "");
+}
+
+// --- with a module that answers what it is told
+
+namespace {
+
+class QxctlFollowOfAFakeModule : public QxctlFollow {
+ protected:
+  QxctlFollowOfAFakeModule() { std::filesystem::create_directory(Dir().File("fake")); }
+  void Reply(int number, const std::string& reply) const {
+    WriteFile(Dir().File("fake/reply." + std::to_string(number)), reply);
+  }
+  Ran FollowFake(const Texts& more) const {
+    Start start = StartHere();
+    start.environment["QX_MODULE"] = FakeModulePath();
+    start.environment["QX_FAKE"] = Dir().File("fake");
+    return Qxctl(Arguments(more), start);
+  }
+};
+
+const char kOneRecord[] = "0\n<ReportData StartIndex=\"0\" NextIndex=\"1\"><![CDATA[a\r\n]]></ReportData>";
+const char kFailure[] = "12\n<Error Msg=\"Report data for report 'load' could not be read\" LastError=\"5\"/>";
+
+}  // namespace
+
+TEST_F(QxctlFollowOfAFakeModule, ACallThatFailsOnceIsToldAndTriedAgain) {
+  Reply(1, kFailure);
+  Reply(2, kOneRecord);
+  Reply(5, kOneRecord);  // 3 and 4 look behind the record; 5 is whether it still stands
+  const Ran ran = FollowFake({"--count", "1"});
+  EXPECT_EQ(ran.code, 1);
+  EXPECT_EQ(ran.out, "a\r\n");
+  EXPECT_THAT(ran.err, HasSubstr("could not be read: Input/output error; trying again"));
+}
+
+TEST_F(QxctlFollowOfAFakeModule, FromNowPrintsWhatComesBehind) {
+  Reply(1, kOneRecord);
+  Reply(4, kOneRecord);
+  Reply(5, kOneRecord);  // where a stands; 6 is what stands behind it
+  Reply(6, "0\n<ReportData StartIndex=\"1\" NextIndex=\"2\"><![CDATA[b\r\n]]></ReportData>");
+  Reply(9, "0\n<ReportData StartIndex=\"0\" NextIndex=\"2\"><![CDATA[a\r\nb\r\n]]></ReportData>");
+  const Ran ran = FollowFake({"--from-now", "--count", "1"});
+  EXPECT_EQ(ran.code, 0) << ran.err;
+  EXPECT_EQ(ran.out, "b\r\n");
+}
+
+TEST_F(QxctlFollowOfAFakeModule, AModuleThatAlwaysFailsEndsIt) {
+  for (int i = 1; i <= 5; ++i) Reply(i, kFailure);
+  const Ran ran = FollowFake({"--json"});
+  EXPECT_EQ(ran.code, 6);
+  const std::vector<json> lines = Lines(ran.out);
+  ASSERT_EQ(lines.size(), 5U) << ran.out;
+  EXPECT_EQ(lines[0]["kind"], "failure");
+  EXPECT_EQ(lines[4]["failedCalls"], 5);
+  EXPECT_EQ(lines[4]["exitCode"], 6);
+}
+
+}  // namespace qx::test

@@ -1,0 +1,58 @@
+// The numbers that stand in a field of each record.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qx::ctl {
+
+// The number behind a key, or that of a column.
+//   key "cpu"     "09:00 cpu=12%"  => 12       key "load"  "09:00 load 0.12" => 0.12
+//   column 2, " " "09:00 7 ok"     => 7        column 1    "09:00 7 ok"      => none: 09:00 is no number
+// A number may be followed by a unit (%, kB), a blank, a comma, a semicolon or a closing bracket.
+[[nodiscard]] std::optional<double> NumberOfKey(std::string_view text, std::string_view key);
+[[nodiscard]] std::optional<double> NumberOfColumn(std::string_view text, std::string_view separator,
+                                                   std::size_t column);
+
+// Threads: used by one thread.
+class FieldSeries {
+ public:
+  // `field`: a key, or with a separator the number of a column from 1 on.
+  FieldSeries(std::string field, std::string separator);
+
+  void Add(std::string_view record);
+
+  const std::string& Field() const { return field_; }
+  const std::vector<double>& Values() const { return values_; }
+  // Records without a number there.
+  std::uint64_t Skipped() const { return skipped_; }
+
+ private:
+  std::string field_;
+  std::string separator_;
+  std::optional<std::size_t> column_;
+  std::vector<double> values_;
+  std::uint64_t skipped_ = 0;
+};
+
+// A range of round numbers around values: what an axis shows.
+struct Scale {
+  double low = 0;
+  double high = 1;
+  double step = 1;
+
+  // Where a value stands between low (0) and high (1).
+  [[nodiscard]] double Share(double value) const { return (value / 2 - low / 2) / (high / 2 - low / 2); }
+};
+
+// About `steps` steps of 1, 2 or 5 times a power of ten. It begins at 0 when the values are not far from it.
+//   0.12 to 0.31  => 0 to 0.4 by 0.1
+[[nodiscard]] Scale ScaleOf(const std::vector<double>& values, int steps);
+
+// "0.4", "1e+20": a number of an axis, without digits that say nothing.
+[[nodiscard]] std::string AxisNumber(double value);
+
+}  // namespace qx::ctl
