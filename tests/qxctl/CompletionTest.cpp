@@ -1,0 +1,226 @@
+// What the tab key offers, asked of a real bash and a real zsh; and that the table behind it is whole.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/qxctl/RunQxctl.h"
+
+namespace qx::test {
+
+namespace {
+
+using nlohmann::json;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::IsSupersetOf;
+using testing::Not;
+using testing::UnorderedElementsAre;
+
+std::vector<std::string> LinesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+// 'it'\''s'
+std::string Quoted(const std::string& text) {
+  std::string quoted = "'";
+  for (const char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+class QxctlCompletion : public testing::Test, protected QxctlFixture {
+ protected:
+  QxctlCompletion() {
+    MakeReport("load", 3, {"a"});
+    MakeReport("lost and found", 3, {"a"});
+    WriteFile(Dir().File("limits.ini"), "[A]\n");
+    WriteFile(Dir().File("bash"), Qxctl({"completion", "bash"}).out);
+    WriteFile(Dir().File("zsh"), Qxctl({"completion", "zsh"}).out);
+  }
+
+  // What bash offers for the last of these words, as it has split them.
+  std::vector<std::string> Offers(const std::vector<std::string>& words) const {
+    std::string script = "source ./bash\nCOMP_WORDS=(" + Quoted(QxctlPath());
+    for (const std::string& word : words) script += " " + Quoted(word);
+    script += ")\nCOMP_CWORD=" + std::to_string(words.size()) +
+              "\n_qxctl \"${COMP_WORDS[0]}\"\nfor offer in \"${COMPREPLY[@]}\"; do echo \"$offer\"; done\n";
+    const Ran ran = Child({"bash", "-c", script}, StartHere()).Wait();
+    EXPECT_EQ(ran.err, "");
+    return LinesOf(ran.out);
+  }
+
+  // What zsh offers for this command line: an interactive zsh on a terminal of its own, its compadd printing.
+  std::vector<std::string> ZshOffers(const std::string& line) const {
+    const std::string inner =
+        "PROMPT=\nautoload -Uz compinit && compinit -D -u\nsource ./zsh\n"
+        "qxctl() { " +
+        Quoted(QxctlPath()) +
+        " \"$@\" }\n"
+        "compadd() {\n"
+        "  if [[ ${@[1,(i)(-|--)]} == *-(O|A|D)\\ * ]]; then builtin compadd \"$@\"; return $?; fi\n"
+        "  local -a hits\n"
+        "  builtin compadd -A hits \"$@\"\n"
+        "  (( $#hits )) && print -rC1 -- $hits >>offers\n"
+        "  builtin compadd \"$@\"\n"
+        "}\n"
+        "done-now() { print >>finished; exit }\n"
+        "comppostfuncs=(done-now)\n"
+        "bindkey '^I' complete-word\n"
+        "print ready\n";
+    WriteFile(Dir().File("inner"), inner);
+    WriteFile(Dir().File("offers"), "");
+    const std::string outer =
+        "zmodload zsh/zpty\nzpty z 'TERM=dumb zsh -f -i'\nzpty -w z 'source ./inner'\nzpty -r -m z text '*ready*'\n"
+        "zpty -w -n z " +
+        Quoted(line) + "$'\\t'\nwhile zpty -r z text; do :; done\ncat offers\n";
+    const Ran ran = Child({"timeout", "30", "zsh", "-f", "-c", outer}, StartHere()).Wait();
+    EXPECT_TRUE(Exists(Dir().File("finished"))) << ran.out << ran.err;
+    return LinesOf(ran.out);
+  }
+
+  json Table() const { return json::parse(Qxctl({"_table"}).out); }
+};
+
+}  // namespace
+
+// --- bash
+
+TEST_F(QxctlCompletion, CommandsAndSubcommands) {
+  EXPECT_THAT(Offers({""}), IsSupersetOf({"report", "fetch", "completion"}));
+  EXPECT_THAT(Offers({"re"}), Contains("report"));
+  EXPECT_THAT(Offers({"report", "ver"}), ElementsAre("verify"));
+  EXPECT_THAT(Offers({"--color", "never", "--quiet", "report", "ver"}), ElementsAre("verify"));
+}
+
+TEST_F(QxctlCompletion, HiddenCommandsAreNotOffered) {
+  EXPECT_THAT(Offers({"_"}), IsEmpty());
+  EXPECT_THAT(Offers({""}), Not(Contains("_reports")));
+}
+
+TEST_F(QxctlCompletion, OptionsOfTheCommandAndOfEveryCommand) {
+  EXPECT_THAT(Offers({"report", "salvage", "--in"}), UnorderedElementsAre("--into", "--indexed-only"));
+  EXPECT_THAT(Offers({"report", "salvage", "--qu"}), ElementsAre("--quiet"));
+  EXPECT_THAT(Offers({"report", "salvage", "--vers"}), IsEmpty());
+  EXPECT_THAT(Offers({"--vers"}), ElementsAre("--version"));
+}
+
+TEST_F(QxctlCompletion, ReportNamesFromTheReportDirectory) {
+  EXPECT_THAT(Offers({"fetch", ""}), ElementsAre("load", "lost and found"));
+  EXPECT_THAT(Offers({"names", "lo"}), ElementsAre("load", "lost and found"));
+  EXPECT_THAT(Offers({"fetch", "--quiet", "loa"}), ElementsAre("load"));
+}
+
+TEST_F(QxctlCompletion, ReportPathsAreOfferedWithoutTheirEndings) {
+  EXPECT_THAT(Offers({"report", "cat", "Reports/loa"}), ElementsAre("Reports/load"));
+  EXPECT_THAT(Offers({"report", "verify", "Reports/loa"}), ElementsAre("Reports/load"));
+  EXPECT_THAT(Offers({"report", "verify", "loa"}), ElementsAre("load"));
+}
+
+TEST_F(QxctlCompletion, FilesAndDirectories) {
+  EXPECT_THAT(Offers({"ini", "list", "lim"}), ElementsAre("limits.ini"));
+  EXPECT_THAT(Offers({"report", "backup", "Rep"}), ElementsAre("Reports"));
+  EXPECT_THAT(Offers({"report", "backup", "lim"}), IsEmpty());
+}
+
+TEST_F(QxctlCompletion, TheValueOfAnOption) {
+  EXPECT_THAT(Offers({"fetch", "--color", "a"}), ElementsAre("auto", "always"));
+  EXPECT_THAT(Offers({"fetch", "--color", "=", "n"}), ElementsAre("never"));
+  EXPECT_THAT(Offers({"fetch", "--color", "="}), ElementsAre("auto", "always", "never"));
+  EXPECT_THAT(Offers({"report", "salvage", "load", "--into", "Rep"}), ElementsAre("Reports"));
+  EXPECT_THAT(Offers({"completion", ""}), ElementsAre("bash", "zsh"));
+}
+
+TEST_F(QxctlCompletion, NothingBehindTheLastArgument) {
+  EXPECT_THAT(Offers({"fetch", "load", ""}), IsEmpty());
+  EXPECT_THAT(Offers({"ini", "get", "limits.ini", ""}), IsEmpty());
+}
+
+TEST_F(QxctlCompletion, ArgumentsBehindTwoHyphensAreNoOptions) {
+  EXPECT_THAT(Offers({"fetch", "--", "--qu"}), IsEmpty());
+  EXPECT_THAT(Offers({"fetch", "--", "loa"}), ElementsAre("load"));
+}
+
+TEST_F(QxctlCompletion, AskingForReportsIsSilentWhenThereAreNone) {
+  Start start = StartHere();
+  const TempDir elsewhere;
+  start.directory = elsewhere.Path();
+  const Ran ran = Child({QxctlPath(), "_reports"}, start).Wait();
+  EXPECT_EQ(ran.code, 0);
+  EXPECT_EQ(ran.out + ran.err, "");
+}
+
+TEST_F(QxctlCompletion, ASourcedScriptIsRegistered) {
+  const Ran ran = Child({"bash", "-c", "source ./bash && complete -p qxctl"}, StartHere()).Wait();
+  EXPECT_EQ(ran.out, "complete -F _qxctl qxctl\n");
+}
+
+// --- zsh
+
+TEST_F(QxctlCompletion, ZshTakesItsScript) {
+  EXPECT_EQ(Child({"zsh", "-n", "zsh"}, StartHere()).Wait().err, "");
+  EXPECT_TRUE(ReadFile(Dir().File("zsh")).starts_with("#compdef qxctl\n"));
+}
+
+TEST_F(QxctlCompletion, ZshOffersCommandsOptionsReportsAndFiles) {
+  EXPECT_THAT(ZshOffers("qxctl report ver"), ElementsAre("verify"));
+  EXPECT_THAT(ZshOffers("qxctl report salvage --in"), IsSupersetOf({"--into", "--indexed-only"}));
+  EXPECT_THAT(ZshOffers("qxctl fetch lo"), ElementsAre("load", "lost\\ and\\ found"));
+  EXPECT_THAT(ZshOffers("qxctl fetch --color=al"), ElementsAre("always"));
+  EXPECT_THAT(ZshOffers("qxctl ini list lim"), Contains("limits.ini"));
+  EXPECT_THAT(ZshOffers("qxctl report cat Reports/loa"), ElementsAre("Reports/load"));
+}
+
+// --- the table
+
+TEST_F(QxctlCompletion, EveryCommandOptionAndArgumentHasAHelpText) {
+  const auto expect_help = [](const json& row, const std::string& what) {
+    const std::string help = row["help"];
+    EXPECT_FALSE(help.empty()) << what;
+    EXPECT_NE(help.substr(help.empty() ? 0 : help.size() - 1), ".") << what;
+  };
+  for (const json& row : Table()) {
+    const std::string command = row["command"];
+    expect_help(row, command);
+    for (const json& option : row["options"]) expect_help(option, command + " " + option["names"].dump());
+    for (const json& argument : row["arguments"]) expect_help(argument, command + " " + argument["name"].dump());
+  }
+}
+
+TEST_F(QxctlCompletion, HelpOfEveryCommandNamesItsOptionsAndArguments) {
+  for (const json& row : Table()) {
+    const std::string command = row["command"];
+    std::vector<std::string> words;
+    std::istringstream stream(command.substr(std::string("qxctl").size()));
+    for (std::string word; stream >> word;) words.push_back(word);
+    words.emplace_back("--help");
+    const Ran ran = Qxctl(words);
+    EXPECT_EQ(ran.code, 0) << command;
+    for (const json& option : row["options"]) {
+      EXPECT_THAT(ran.out, testing::HasSubstr(option["names"].back())) << command;
+    }
+    for (const json& argument : row["arguments"]) EXPECT_THAT(ran.out, testing::HasSubstr(argument["name"])) << command;
+  }
+}
+
+TEST_F(QxctlCompletion, BothScriptsKnowEveryCommandAndOption) {
+  const std::string bash = ReadFile(Dir().File("bash"));
+  const std::string zsh = ReadFile(Dir().File("zsh"));
+  for (const json& row : Table()) {
+    for (const std::string& script : {bash, zsh}) {
+      EXPECT_THAT(script, testing::HasSubstr(Quoted(row["command"])));
+      for (const json& option : row["options"]) EXPECT_THAT(script, testing::HasSubstr(option["names"].back()));
+    }
+  }
+}
+
+}  // namespace qx::test
