@@ -46,9 +46,15 @@ void AddSecurityOptions(CLI::App& command, BlockValues& block) {
 
 }  // namespace
 
+void AddModuleOption(CLI::App& command, CallOptions& options) {
+  command
+      .add_option("--module", options.module_path,
+                  "The module (default: QX_MODULE, beside qxctl, in ../lib of it, where the suite installs it)")
+      ->type_name("FILE");
+}
+
 void AddCallOptions(CLI::App& command, CallOptions& options) {
-  command.add_option("--module", options.module_path,
-                     "The module (default: QX_MODULE, beside qxctl, in ../lib of it, where the suite installs it)");
+  AddModuleOption(command, options);
   AddSecurityOptions(command, options.block);
   AddBlockOptions(command, options.block);
 }

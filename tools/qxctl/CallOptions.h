@@ -17,6 +17,9 @@ struct CallOptions {
   BlockValues block;
 };
 
+// Adds --module alone, for commands that make their blocks themselves.
+void AddModuleOption(CLI::App& command, CallOptions& options);
+
 // Adds --module, --user, --privilege, --tag, --block-version, --thread-id, --application-id, --function-id, --address
 // and --omit. `options` must live until the command has run.
 void AddCallOptions(CLI::App& command, CallOptions& options);

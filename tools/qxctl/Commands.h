@@ -19,6 +19,8 @@ struct Context {
 
 void AddModuleCommand(CLI::App& app, Context& context);    // module what, reflect, reports, names
 void AddCompletionCommand(CLI::App& app, Context& context);  // completion, and what is hidden
+void AddDoctorCommand(CLI::App& app, Context& context);    // doctor
+void AddExplainCommand(CLI::App& app, Context& context);   // explain
 void AddFetchCommand(CLI::App& app, Context& context);     // fetch
 void AddFollowCommand(CLI::App& app, Context& context);    // follow
 void AddIniCommand(CLI::App& app, Context& context);       // ini list, get

@@ -125,6 +125,8 @@ ExitCode Qxctl(int argc, char** argv) {
   AddRegistryCommand(app, context);
   AddIniCommand(app, context);
   AddTraceCommand(app, context);
+  AddDoctorCommand(app, context);
+  AddExplainCommand(app, context);
   AddCompletionCommand(app, context);
   app.footer("");  // here they are listed
   return ParseAndRun(app, context, options, argc, argv);

@@ -140,6 +140,9 @@ void AddModuleCommand(CLI::App& app, Context& context) {
   AddReports(module, context);
   AddNames(module, context);
   AddModuleLoadTest(module, context);
+  AddModuleRecord(module, context);
+  AddModuleReplay(module, context);
+  AddModuleFaults(module, context);
 }
 
 }  // namespace qx::ctl

@@ -6,5 +6,8 @@
 namespace qx::ctl {
 
 void AddModuleLoadTest(CLI::App& module, Context& context);  // module load-test
+void AddModuleRecord(CLI::App& module, Context& context);    // module record
+void AddModuleReplay(CLI::App& module, Context& context);    // module replay
+void AddModuleFaults(CLI::App& module, Context& context);    // module faults
 
 }  // namespace qx::ctl

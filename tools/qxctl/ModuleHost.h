@@ -68,6 +68,7 @@ class WorkerThread {
   WorkerThread& operator=(const WorkerThread&) = delete;
 
   CallResult Call(RequestFunction function, const std::string& input);
+  const RequestBlock& Block() const { return block_; }
 
  private:
   const ModuleHost& module_;

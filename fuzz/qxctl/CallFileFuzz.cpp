@@ -1,0 +1,51 @@
+// Recorded calls of any origin: parsing never crashes, and what is taken makes a block that reads back as the same.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "provider/KrxRequestParams.h"
+#include "tools/qxctl/CallFile.h"
+
+namespace {
+
+using qx::ctl::Json;
+using qx::ctl::RecordedCall;
+
+void Require(bool holds) {
+  if (!holds) std::abort();
+}
+
+// What the module does with a block: every accessor, over memory that the address sanitizer watches.
+void ReadLikeAModule(const wcs_gendata* raw) {
+  KrxRequestParams params(raw);
+  (void)params.CheckSignature("KRX");
+  for (const int index : {1, 2, 3, 5, 6, 7, 9, 10, 11, 78, 79, 80}) {
+    (void)params.GetParamString(index);
+    (void)params.GetParamValue(index);
+    (void)params.GetParamPtr(index);
+  }
+  (void)params.GetRequestorAddress();
+  (void)params.IsSecurityDataAvailable();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  RecordedCall call;
+  std::string problem;
+  if (!qx::ctl::ParseCallFile(std::string(reinterpret_cast<const char*>(data), size), call, problem)) {
+    Require(!problem.empty());
+    return 0;
+  }
+  qx::ctl::RawBlock block;
+  Require(qx::ctl::BlockFromJson(call.block, block, problem));
+  ReadLikeAModule(block.Raw());
+  call.block = qx::ctl::BlockToJson(*block.Raw());
+  const std::string text = qx::ctl::CallFileText(call);
+  RecordedCall again;
+  Require(qx::ctl::ParseCallFile(text, again, problem));
+  Require(again.block == call.block && again.reply == call.reply && again.input == call.input);
+  Require(qx::ctl::CallFileText(again) == text);
+  return 0;
+}

@@ -1,0 +1,358 @@
+// qxctl doctor: each of its codes is provoked by a private tree, and stands in the page on troubleshooting.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "tests/qxctl/RunQxctl.h"
+#include "tools/qxctl/Explanations.h"
+
+namespace qx::test {
+
+namespace {
+
+using nlohmann::json;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
+namespace fs = std::filesystem;
+
+const char kGoodRegistry[] =
+    "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server "
+    "Control]\n[Setup]\nReportRoot=s=%s\n\n\n\n\n\n\n"
+    "\n";
+
+// A machine in a directory: registry, reports, traces, settings, processes, all well.
+class QxctlDoctor : public testing::Test, protected QxctlFixture {
+ protected:
+  QxctlDoctor() {
+    for (const char* const name : {"etc", "srv", "log", "settings", "proc", "proc/100", "proc/100/fd"}) {
+      fs::create_directory(Dir().File(name));
+    }
+    std::string registry = kGoodRegistry;
+    registry.replace(registry.find("%s"), 2, Dir().File("Reports"));
+    WriteFile(Dir().File("etc/registry"), registry);
+    MakeReport("load", 4, {"a"});
+  }
+
+  Start Machine() const {
+    Start start = StartHere();
+    start.environment["QX_LOG_RINGBUF_DIR"] = Dir().File("log");
+    return start;
+  }
+
+  std::vector<std::string> Command(std::vector<std::string> more = {}) const {
+    std::vector<std::string> command = {
+        "doctor", "--directory", Dir().File("etc"), "--settings", Dir().File("settings"), "--proc", Dir().File("proc")};
+    command.insert(command.end(), more.begin(), more.end());
+    return command;
+  }
+
+  Ran Doctor(const std::vector<std::string>& more = {}) const { return Qxctl(Command(more), Machine()); }
+
+  // The findings as "CODE SEVERITY FACT".
+  static std::vector<std::string> Lines(const Ran& ran) {
+    std::vector<std::string> lines;
+    const json told = json::parse(ran.out);
+    for (const json& one : told["findings"]) {
+      lines.push_back(one["code"].get<std::string>() + " " + one["severity"].get<std::string>() + " " +
+                      one["fact"].get<std::string>());
+    }
+    return lines;
+  }
+
+  std::vector<std::string> Found(std::vector<std::string> more = {}) const {
+    more.push_back("--json");
+    return Lines(Doctor(more));
+  }
+
+  std::vector<std::string> FoundWith(Start start) const { return Lines(Qxctl(Command({"--json"}), std::move(start))); }
+
+  // The number of findings that need a look, with the code that came first.
+  static bool OnlyInfos(const std::vector<std::string>& lines) {
+    for (const std::string& line : lines) {
+      if (line.find(" warning ") == 5 || line.find(" error ") == 5) return false;
+    }
+    return true;
+  }
+
+  void Link(const std::string& target, const std::string& name) const { fs::create_symlink(target, Dir().File(name)); }
+};
+
+auto Has(const std::string& start) { return Contains(testing::StartsWith(start)); }
+
+}  // namespace
+
+TEST_F(QxctlDoctor, AMachineInOrderHasALineForEachSectionAndCodeZero) {
+  const Ran ran = Doctor();
+  EXPECT_EQ(ran.code, 0) << ran.out;
+  EXPECT_TRUE(OnlyInfos(Found())) << ran.out;
+  for (const char* const code : {"QX100 ok ", "QX200 ok ", "QX300 ok ", "QX400 ok ", "QX500 ok "}) {
+    EXPECT_THAT(Found(), Has(code));
+  }
+  EXPECT_THAT(ran.out, HasSubstr("QX200 ok      registry " + Dir().File("etc/registry") + " loads\n"));
+  EXPECT_EQ(ran.err, "");
+}
+
+TEST_F(QxctlDoctor, AFindingHasItsFixAndCodeOne) {
+  WriteFile(Dir().File("Reports/half.ind"), "");
+  const Ran ran = Doctor();
+  EXPECT_EQ(ran.code, 1);
+  EXPECT_THAT(ran.out, HasSubstr("QX304 warning reports  " + Dir().File("Reports/half.ind") + " is there, " +
+                                 Dir().File("Reports/half.dat") +
+                                 " is not. Put the missing file back from a backup, or remove the other one\n"));
+  EXPECT_EQ(ran.err, "qxctl: 1 finding needs a look\n");
+}
+
+TEST_F(QxctlDoctor, Qx101TheModuleIsMissing) {
+  EXPECT_THAT(Found({"--module", "none.so"}), Has("QX101 error there is no " + Dir().File("none.so")));
+}
+
+TEST_F(QxctlDoctor, Qx102TheModuleDoesNotLoad) {
+  std::string cut = ReadFile(ModulePath()).substr(0, 4096);
+  WriteFile(Dir().File("cut.so"), cut);
+  EXPECT_THAT(Found({"--module", "cut.so"}), Has("QX102 error "));
+}
+
+TEST_F(QxctlDoctor, Qx103TheModuleIsOfAnotherKind) {
+  WriteFile(Dir().File("text.so"), "not a library");
+  EXPECT_THAT(Found({"--module", "text.so"}), Has("QX103 error " + Dir().File("text.so") + ": it is no ELF file"));
+  std::string other = ReadFile(ModulePath()).substr(0, 4096);
+  other[4] = 1;
+  WriteFile(Dir().File("small.so"), other);
+  EXPECT_THAT(Found({"--module", "small.so"}), Contains(HasSubstr("it is built for 32 bits")));
+  other[4] = 2;
+  other[18] = 2;
+  other[19] = 0;
+  WriteFile(Dir().File("other.so"), other);
+  EXPECT_THAT(Found({"--module", "other.so"}), Contains(HasSubstr("it is built for the machine number 2")));
+}
+
+TEST_F(QxctlDoctor, Qx104TheLibraryIsNoModule) {
+  EXPECT_THAT(Found({"--module", QX_OTHER_LIBRARY}), Has("QX104 error "));
+  EXPECT_THAT(Found({"--module", QX_OTHER_LIBRARY}), Contains(HasSubstr(" lacks What, Reflect, GetReports")));
+}
+
+TEST_F(QxctlDoctor, Qx105TheModuleOrItsDirectoryIsOpenToAll) {
+  fs::create_directory(Dir().File("open"));
+  fs::copy_file(ModulePath(), Dir().File("open/module.so"));
+  (void)chmod(Dir().File("open").c_str(), 0777);
+  Link(Dir().File("open/module.so"), "link.so");
+  EXPECT_THAT(Found({"--module", "link.so"}), Has("QX105 warning " + Dir().File("open") + " can be written by"));
+  (void)chmod(Dir().File("open").c_str(), 01777);
+  EXPECT_THAT(Found({"--module", "link.so"}), Not(Has("QX105"))) << "the sticky bit protects what is in it";
+  (void)chmod(Dir().File("open/module.so").c_str(), 0666);
+  EXPECT_THAT(Found({"--module", "link.so"}), Has("QX105 warning " + Dir().File("open/module.so")));
+}
+
+TEST_F(QxctlDoctor, Qx106AnotherModuleThanTheInstalledOneIsInformation) {
+  EXPECT_THAT(Found(), Has("QX106 info looked at " + ModulePath()));
+}
+
+TEST_F(QxctlDoctor, Qx201ThereIsNoRegistry) {
+  fs::remove(Dir().File("etc/registry"));
+  EXPECT_THAT(Found(), Has("QX201 warning there is no registry in " + Dir().File("etc")));
+}
+
+TEST_F(QxctlDoctor, Qx202TheRegistryComesFromAFallback) {
+  fs::rename(Dir().File("etc/registry"), Dir().File("etc/registry.default"));
+  WriteFile(Dir().File("etc/registry"), "");
+  EXPECT_THAT(Found(), Has("QX202 warning the registry comes from " + Dir().File("etc/registry.default")));
+}
+
+TEST_F(QxctlDoctor, Qx203ARegistryFileCannotBeRead) {
+  Link("registry.old", "etc/registry.old");  // leads to itself, also for root
+  EXPECT_THAT(Found(), Has("QX203 error " + Dir().File("etc/registry.old") + ": Too many levels of symbolic links"));
+}
+
+TEST_F(QxctlDoctor, Qx204NoRegistryFileLoads) {
+  WriteFile(Dir().File("etc/registry"), "no value\n");
+  EXPECT_THAT(Found(), Has("QX204 error no registry file in "));
+}
+
+TEST_F(QxctlDoctor, Qx205ARegistryFileIsALink) {
+  fs::rename(Dir().File("etc/registry"), Dir().File("srv/registry"));
+  Link(Dir().File("srv/registry"), "etc/registry");
+  EXPECT_THAT(Found(), Has("QX205 warning " + Dir().File("etc/registry") + " is a symbolic link"));
+}
+
+TEST_F(QxctlDoctor, Qx206TheRegistryIsOpenToAll) {
+  (void)chmod(Dir().File("etc/registry").c_str(), 0666);
+  EXPECT_THAT(Found(), Has("QX206 warning " + Dir().File("etc/registry") + " can be written by everybody"));
+  (void)chmod(Dir().File("etc").c_str(), 0777);
+  EXPECT_THAT(Found(), Has("QX206 warning " + Dir().File("etc") + " can be written by everybody"));
+}
+
+TEST_F(QxctlDoctor, Qx207TheHiveIsMissing) {
+  WriteFile(Dir().File("etc/registry"), "[HKEY_USERS]\na=s=b\n\n\n");
+  EXPECT_THAT(Found(), Has("QX207 warning " + Dir().File("etc/registry") + " has no hive HKEY_LOCAL_MACHINE"));
+}
+
+TEST_F(QxctlDoctor, Qx208AnUnreadRegistryWasKept) {
+  WriteFile(Dir().File("etc/registry.unread"), "x");
+  EXPECT_THAT(Found(), Has("QX208 warning there is a "));
+}
+
+TEST_F(QxctlDoctor, Qx301TheReportDirectoryIsMissing) {
+  EXPECT_THAT(Found({"--reports", Dir().File("none")}), Has("QX301 error there is no " + Dir().File("none")));
+}
+
+TEST_F(QxctlDoctor, Qx302TheReportDirectoryIsTheDefault) {
+  WriteFile(Dir().File("etc/registry"), "[HKEY_LOCAL_MACHINE]\na=s=b\n\n\n");
+  EXPECT_THAT(Found(), Has("QX302 warning no value of the registry names the report directory"));
+}
+
+TEST_F(QxctlDoctor, Qx303TheReportDirectoryOrAReportCannotBeRead) {
+  WriteFile(Dir().File("file"), "");
+  EXPECT_THAT(Found({"--reports", Dir().File("file")}), Has("QX303 error " + Dir().File("file") + ": Not a directory"));
+  fs::create_directory(Dir().File("Reports/d.ind"));
+  WriteFile(Dir().File("Reports/d.dat"), "");
+  EXPECT_THAT(Found(), Has("QX303 error " + Dir().File("Reports/d.ind") + " is a directory"));
+}
+
+TEST_F(QxctlDoctor, Qx304HalfAReport) {
+  WriteFile(Dir().File("Reports/half.dat"), "");
+  EXPECT_THAT(Found(), Has("QX304 warning " + Dir().File("Reports/half.dat") + " is there, "));
+}
+
+TEST_F(QxctlDoctor, Qx305ADamagedHeader) {
+  const std::string good = ReadFile(Dir().File("Reports/load.ind"));
+  const std::map<std::size_t, std::string> damages = {{12, "its ring has no slots"},
+                                                      {16, "more slots are in use than its ring has"},
+                                                      {20, "its oldest record stands in no slot"}};
+  for (const auto& [offset, told] : damages) {
+    std::string bad = good;
+    bad.replace(offset, 4, offset == 12 ? std::string(4, '\0') : std::string("\x09\0\0\0", 4));
+    WriteFile(Dir().File("Reports/load.ind"), bad);
+    EXPECT_THAT(Found(), Has("QX305 error " + Dir().File("Reports/load") + ": " + told));
+  }
+  WriteFile(Dir().File("Reports/load.ind"), good.substr(0, 24));
+  EXPECT_THAT(Found(), Contains(HasSubstr("its index file is too short for its records")));
+  WriteFile(Dir().File("Reports/load.ind"), good.substr(0, 23));
+  EXPECT_THAT(Found(), Contains(HasSubstr("its header is cut short")));
+}
+
+TEST_F(QxctlDoctor, Qx306TheReportDirectoryIsOpenToAll) {
+  (void)chmod(Dir().File("Reports").c_str(), 0777);
+  EXPECT_THAT(Found(), Has("QX306 warning " + Dir().File("Reports") + " can be written by everybody"));
+}
+
+TEST_F(QxctlDoctor, Qx307TheReportDirectoryIsRelative) {
+  EXPECT_THAT(Found({"--reports", "Reports"}), Has("QX307 warning the report directory is \"Reports\""));
+}
+
+TEST_F(QxctlDoctor, Qx401EachSettingTellsItsSource) {
+  WriteFile(Dir().File("settings/a.ini"), "[QXRemConXfer]\nFileDebugLevel=3\n[EndOfFile]\n");
+  EXPECT_THAT(Found(), Has("QX401 info level is 3, from FileDebugLevel in [QXRemConXfer] of "));
+  EXPECT_THAT(Found(), Has("QX401 info trace directory is " + Dir().File("log") + ", from QX_LOG_RINGBUF_DIR"));
+}
+
+TEST_F(QxctlDoctor, Qx402AVariableWithoutEffect) {
+  Start start = Machine();
+  start.environment["QX_LOG_FILE_DIR"] = "/a";
+  EXPECT_THAT(FoundWith(start), Has("QX402 warning QX_LOG_FILE_DIR is set"));
+}
+
+TEST_F(QxctlDoctor, Qx403TheTraceDirectoryIsMissing) {
+  Start start = Machine();
+  start.environment["QX_LOG_RINGBUF_DIR"] = Dir().File("none");
+  EXPECT_THAT(FoundWith(start), Has("QX403 warning there is no " + Dir().File("none")));
+}
+
+TEST_F(QxctlDoctor, Qx404TheTraceDirectoryIsNone) {
+  WriteFile(Dir().File("file"), "");
+  Start start = Machine();
+  start.environment["QX_LOG_RINGBUF_DIR"] = Dir().File("file");
+  EXPECT_THAT(FoundWith(start), Has("QX404 warning " + Dir().File("file") + " is no directory"));
+}
+
+TEST_F(QxctlDoctor, Qx405And406WhoHasATraceFileOpen) {
+  const std::string log = Dir().File("log/log.qxremconxfer");
+  Link(log, "proc/100/fd/4");
+  EXPECT_THAT(Found(), Has("QX406 info " + log + " is open in 100"));
+  fs::create_directories(Dir().File("proc/200/fd"));
+  Link(log, "proc/200/fd/9");
+  EXPECT_THAT(Found(), Has("QX405 warning " + log + " is open in 100, 200"));
+  EXPECT_THAT(Found(), Not(Has("QX406")));
+}
+
+TEST_F(QxctlDoctor, Qx405IsFoundAmongRealProcesses) {
+  const std::string log = Dir().File("log/log.qxremconxfer");
+  const std::string holder = "exec 9>>" + log + "; echo; read line";
+  Child one({"/bin/bash", "-c", holder}, {.directory = Dir().Path(), .input = "x"});
+  Child other({"/bin/bash", "-c", holder}, {.directory = Dir().Path(), .input = "x"});
+  (void)one.ReadSome();
+  (void)other.ReadSome();
+  EXPECT_THAT(Lines(Qxctl({"doctor", "--json"}, Machine())), Has("QX405 warning " + log + " is open in "));
+}
+
+TEST_F(QxctlDoctor, Qx407AnIncompleteSettingsFile) {
+  WriteFile(Dir().File("settings/a.ini"), "[QXRemConXfer]\nFileDebugLevel=3\n");
+  WriteFile(Dir().File("settings/b.ini"), "[QXRemConXfer]\n[endoffile]\n");
+  EXPECT_THAT(Found(), Has("QX407 warning " + Dir().File("settings/a.ini") + " does not end with [EndOfFile]"));
+  EXPECT_THAT(Found(), Not(Has("QX407 warning " + Dir().File("settings/b.ini"))));
+}
+
+TEST_F(QxctlDoctor, Qx408ProcessesThatCannotBeSeen) {
+  fs::create_directory(Dir().File("proc/300"));
+  Link("fd", "proc/300/fd");  // leads to itself, also for root
+  EXPECT_THAT(Found(), Has("QX408 info 1 processes could not be looked at"));
+}
+
+TEST_F(QxctlDoctor, Qx409TheTraceDirectoryIsOpenToAll) {
+  (void)chmod(Dir().File("log").c_str(), 0777);
+  EXPECT_THAT(Found(), Has("QX409 warning " + Dir().File("log") + " can be written by everybody"));
+}
+
+TEST_F(QxctlDoctor, Qx410AVariableThatIsNoNumber) {
+  Start start = Machine();
+  start.environment["QX_LOG_DEBUG_LEVEL"] = "0x10";
+  EXPECT_THAT(FoundWith(start), Has("QX410 warning QX_LOG_DEBUG_LEVEL is \"0x10\""));
+}
+
+TEST_F(QxctlDoctor, Qx501And502LimitsThatAreTooLow) {
+  Start start = Machine();
+  std::string line = "ulimit -n 64; ulimit -f 100000; exec \"$0\" \"$@\"";
+  std::vector<std::string> command = {"/bin/bash", "-c", line, QxctlPath()};
+  for (const std::string& argument : Command({"--json"})) command.push_back(argument);
+  const std::vector<std::string> lines = Lines(Child(command, start).Wait());
+  EXPECT_THAT(lines, Has("QX501 warning this process may open 64 files"));
+  EXPECT_THAT(lines, Has("QX502 warning files of this process may have 102400000 bytes"));
+}
+
+TEST_F(QxctlDoctor, NothingIsChanged) {
+  const auto listing = [this] {
+    std::set<std::string> names;
+    for (const auto& entry : fs::recursive_directory_iterator(Dir().Path())) names.insert(entry.path().string());
+    return names;
+  };
+  const std::set<std::string> before = listing();
+  (void)Doctor();
+  EXPECT_EQ(listing(), before);
+}
+
+// A code without a test would be a claim that nobody checks; one without a line in the page, a riddle.
+TEST(DoctorCodes, EachHasATestAndALineInTroubleshooting) {
+  const std::string tests = ReadFile(std::string(QX_SOURCE_DIR) + "/tests/qxctl/DoctorTest.cpp");
+  const std::string page = ReadFile(std::string(QX_SOURCE_DIR) + "/docs/troubleshooting.md");
+  std::set<std::string> known;
+  for (const ctl::Explanation& one : ctl::AllExplanations()) {
+    if (one.kind != ctl::ExplainedKind::kFinding) continue;
+    known.insert(std::string(one.code));
+    EXPECT_THAT(tests, HasSubstr("\"" + std::string(one.code) + " ")) << "a test that provokes it";
+    EXPECT_THAT(page, HasSubstr("\n| `" + std::string(one.code) + "` | ")) << "a line in the page";
+    EXPECT_THAT(page, HasSubstr(std::string(one.meaning))) << one.code;
+  }
+  std::set<std::string> in_page;
+  for (std::size_t at = page.find("\n| `QX"); at != std::string::npos; at = page.find("\n| `QX", at + 1)) {
+    in_page.insert(page.substr(at + 4, 5));
+  }
+  EXPECT_EQ(in_page, known);
+}
+
+}  // namespace qx::test

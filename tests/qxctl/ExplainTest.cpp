@@ -1,0 +1,189 @@
+// qxctl explain: every code and every text that marks an error in the sources is known, and nothing else is.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+#include "tests/qxctl/RunQxctl.h"
+#include "tools/qxctl/Explanations.h"
+
+namespace qx::test {
+
+namespace {
+
+using ctl::AllExplanations;
+using ctl::ExplainedKind;
+using ctl::Explanation;
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// The text with `from` gone to `to`, everywhere.
+std::string Replaced(std::string text, const std::string& from, const std::string& to) {
+  for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+// Literals that stand one behind the other become one; comments go.
+std::string Joined(const std::string& source) {
+  std::string joined;
+  std::istringstream lines(source);
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t first = line.find_first_not_of(' ');
+    if (first == std::string::npos || line.compare(first, 2, "//") == 0) continue;
+    if (line[first] == '"' && joined.ends_with("\"")) {
+      joined.pop_back();
+      joined += line.substr(first + 1);
+    } else {
+      joined += line;
+    }
+  }
+  return joined;
+}
+
+std::vector<std::string> LiteralsIn(const std::string& source) {
+  std::vector<std::string> literals;
+  for (std::size_t at = source.find('"'); at != std::string::npos; at = source.find('"', at)) {
+    std::size_t end = at + 1;
+    while (end < source.size() && source[end] != '"') end += source[end] == '\\' ? 2 : 1;
+    literals.push_back(source.substr(at + 1, std::min(end, source.size()) - at - 1));
+    at = end + 1;
+    if (at >= source.size()) break;
+  }
+  return literals;
+}
+
+bool MarksAnError(const std::string& literal) {
+  return literal.find("ERROR") != std::string::npos || literal.find("WARNING") != std::string::npos ||
+         (literal.find("### ") != std::string::npos && literal.find("fail") != std::string::npos) ||
+         literal.find("has been cut") != std::string::npos;
+}
+
+// The text as it stands in a line of a log: without line feeds and the marks of the source.
+std::string AsTraced(std::string literal) {
+  literal = Replaced(literal, "\\n", "");
+  return Replaced(literal, "\\\"", "\"");
+}
+
+std::set<std::string> TextsOfTheSources() {
+  std::set<std::string> texts;
+  for (const char* const folder :
+       {"base", "debug", "inifile", "markup", "process", "provider", "registry", "reportfile"}) {
+    for (const auto& entry : std::filesystem::directory_iterator(std::string(QX_SOURCE_DIR) + "/" + folder)) {
+      if (entry.path().extension() != ".cpp" && entry.path().extension() != ".h") continue;
+      for (const std::string& literal : LiteralsIn(Joined(ReadFile(entry.path())))) {
+        if (MarksAnError(literal)) texts.insert(AsTraced(literal));
+      }
+    }
+  }
+  return texts;
+}
+
+std::vector<std::string> CodesFor(std::string_view text) {
+  std::vector<std::string> codes;
+  for (const Explanation* const one : ctl::Explain(text)) {
+    codes.push_back(std::string(NameOf(one->kind)) + " " + std::string(one->code));
+  }
+  return codes;
+}
+
+class QxctlExplain : public testing::Test, protected QxctlFixture {};
+
+}  // namespace
+
+TEST(Explanations, TheTableHasExactlyTheTextsOfTheSources) {
+  std::set<std::string> known;
+  for (const Explanation& one : AllExplanations()) {
+    if (one.kind == ExplainedKind::kTrace) known.insert(std::string(one.code));
+  }
+  EXPECT_THAT(known, testing::ContainerEq(TextsOfTheSources()));
+}
+
+TEST(Explanations, EachSaysSomethingInEveryColumnAndStandsOnce) {
+  std::set<std::string> seen;
+  for (const Explanation& one : AllExplanations()) {
+    EXPECT_TRUE(seen.insert(std::string(NameOf(one.kind)) + std::string(one.code)).second) << one.code;
+    for (const std::string_view column : {one.meaning, one.cause, one.action}) {
+      EXPECT_GE(column.size(), 4U) << one.code;
+      EXPECT_FALSE(column.ends_with('.')) << one.code;
+    }
+  }
+}
+
+TEST(Explanations, EveryCodeOfAReplyAndEveryExitCodeIsKnown) {
+  for (const char* const code : {"0", "1", "2", "12", "13", "401", "1313", "-1", "22", "34", "61"}) {
+    EXPECT_FALSE(ctl::Explain(code).empty()) << code;
+  }
+  for (int code = 0; code <= 6; ++code) {
+    EXPECT_THAT(CodesFor(std::to_string(code)), testing::Contains("exit code " + std::to_string(code)));
+  }
+}
+
+TEST(Explanations, EveryTraceTextIsFoundByALineMadeOfIt) {
+  for (const Explanation& one : AllExplanations()) {
+    if (one.kind != ExplainedKind::kTrace) continue;
+    std::string line = Replaced(std::string(one.code), "%s", "a value");
+    line = Replaced(Replaced(Replaced(line, "%d", "-7"), "%02X", "0D"), "%08X", "0000000D");
+    line = "2026-01-31 10:20:30.123 [0000ABCD] QXRemConXfer  " + Replaced(line, "%X", "D");
+    EXPECT_THAT(CodesFor(line), ElementsAre("trace text " + std::string(one.code)));
+  }
+}
+
+TEST(Explanations, OfTwoTextsInALineTheLongerOneIsMeant) {
+  EXPECT_THAT(CodesFor("x CRegistry: WARNING: Could not restore tree from \"/etc/brollan/registry\", trying backup"),
+              ElementsAre("trace text CRegistry: WARNING: Could not restore tree from \"%s\", trying backup"));
+}
+
+TEST(Explanations, APartOfATextFindsAllTextsWithIt) {
+  EXPECT_EQ(CodesFor("Could not restore tree").size(), 3U);
+  EXPECT_TRUE(CodesFor("ERROR").empty()) << "less than eight characters say nothing";
+  EXPECT_TRUE(CodesFor("an ordinary line of a log").empty());
+  EXPECT_TRUE(CodesFor("").empty());
+}
+
+TEST(Explanations, DoctorCodesAreFoundInLettersOfEitherCase) {
+  EXPECT_THAT(CodesFor("qx101"), ElementsAre("doctor code QX101"));
+  EXPECT_TRUE(CodesFor("QX999").empty());
+}
+
+TEST_F(QxctlExplain, ACodeIsPrintedWithMeaningCauseAndWhatToDo) {
+  const Ran ran = Qxctl({"explain", "1313"});
+  EXPECT_EQ(ran.code, 0);
+  EXPECT_EQ(ran.out,
+            "error number 1313\n"
+            "  meaning  The caller lacks the privilege that the request needs\n"
+            "  cause    Security data without AccessPerformanceMgr\n"
+            "  to do    Give the user the privilege AccessPerformanceMgr\n");
+  EXPECT_THAT(Qxctl({"explain", "-1"}).out, HasSubstr("result code -1\n"));
+  EXPECT_THAT(Qxctl({"explain", "12"}).out, HasSubstr("error number 12\n"));
+}
+
+TEST_F(QxctlExplain, ATraceLineMayBeGivenInOneOrInSeveralWords) {
+  const Ran ran = Qxctl({"explain", "##", "ERROR!", "Could", "not", "read", "data", "file"});
+  EXPECT_EQ(ran.code, 0);
+  EXPECT_THAT(ran.out, HasSubstr("trace text WCSP_QX GetReports  : ## ERROR! Could not read data file"));
+}
+
+TEST_F(QxctlExplain, WhatIsNotKnownIsNotFound) {
+  const Ran ran = Qxctl({"explain", "4711"});
+  EXPECT_EQ(ran.code, 4);
+  EXPECT_EQ(ran.err, "qxctl: nothing is known about \"4711\"; --list shows what is\n");
+  EXPECT_EQ(Qxctl({"explain"}).code, 2);
+  EXPECT_EQ(Qxctl({"explain", "1", "--list"}).code, 2);
+}
+
+TEST_F(QxctlExplain, TheListAndTheJsonHoldEverything) {
+  const Ran list = Qxctl({"explain", "--list"});
+  EXPECT_EQ(static_cast<std::size_t>(std::count(list.out.begin(), list.out.end(), '\n')), AllExplanations().size());
+  const json all = json::parse(Qxctl({"explain", "--list", "--json"}).out);
+  EXPECT_EQ(all["explanations"].size(), AllExplanations().size());
+  EXPECT_EQ(json::parse(Qxctl({"explain", "401", "--json"}).out)["explanations"][0]["kind"], "result code");
+}
+
+}  // namespace qx::test

@@ -1,0 +1,2 @@
+// A library that loads but is no provider module.
+extern "C" __attribute__((visibility("default"))) int other_library() { return 0; }

@@ -1,0 +1,42 @@
+// What codes and trace texts mean, why they come and what to do: one table for `qxctl explain`, `qxctl doctor` and
+// docs/troubleshooting.md.
+#pragma once
+
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace qx::ctl {
+
+enum class ExplainedKind {
+  kResult,       // what a request function returns
+  kErrorNumber,  // "LastError" of a reply, or a system error number in a trace line
+  kExitCode,     // of qxctl
+  kFinding,      // of qxctl doctor
+  kTrace,        // a text of a trace line or of the system log, with its conversions (%s)
+};
+
+struct Explanation {
+  ExplainedKind kind;
+  std::string_view code;
+  std::string_view meaning;
+  std::string_view cause;
+  std::string_view action;
+};
+
+// "result code", "error number", "exit code", "doctor code", "trace text"
+[[nodiscard]] const char* NameOf(ExplainedKind kind);
+
+// Each kind together, in the order of codes. [any thread]
+[[nodiscard]] std::span<const Explanation> AllExplanations();
+
+// What `text` is: a code as it stands, a whole line in which a trace text with any values stands, or part of a trace
+// text. Empty when it is nothing known. Of several trace texts in one line the one with the longest fixed part.
+//   "12"                                         => the result code 12 and the error number 12
+//   "... ## ERROR! Could not read data file ..." => that trace text
+[[nodiscard]] std::vector<const Explanation*> Explain(std::string_view text);
+
+// The explanation of a code of qxctl doctor, which must be one. [any thread]
+[[nodiscard]] const Explanation& ExplainFinding(std::string_view code);
+
+}  // namespace qx::ctl
