@@ -1,0 +1,36 @@
+// The first line is a request, "KIND SECTION KEY VALUE" in single characters; the rest is a profile file. A plan that
+// is accepted can be carried out by the class and reads back.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "inifile/ProfileEdit.h"
+
+namespace {
+
+qx::inifile::ProfileRequest RequestOf(std::string_view line) {
+  using Kind = qx::inifile::ProfileRequest::Kind;
+  const Kind kind = line[0] == 's' ? Kind::kSet : line[0] == 'k' ? Kind::kDeleteKey : Kind::kDeleteSection;
+  const std::string key(line.substr(2, 1));
+  return {.kind = kind,
+          .section = std::string(line.substr(1, 1)),
+          .key = key,
+          .entries = {{key, std::string(line.substr(3))}}};
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  const std::size_t end = input.find('\n');
+  if (end == std::string_view::npos || end < 3) return 0;
+  const std::string text(input.substr(end + 1));
+  const auto plan = qx::inifile::PlanEdit(text, RequestOf(input.substr(0, end)));
+  if (plan.state != qx::inifile::ProfileState::kDone) return 0;
+  const std::string wrong = qx::inifile::Rehearse(plan, text);
+  if (wrong.empty()) return 0;
+  std::fprintf(stderr, "an accepted plan fails: %s\n", wrong.c_str());
+  std::abort();
+}

@@ -1,0 +1,43 @@
+// Reads bytes as a registry file with the tools. The check and the load agree on whether it loads; a tree that may be
+// stored comes back as it is; a tree compared with itself, and put together from itself, does not differ.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "registry/FileLint.h"
+#include "registry/TreeDiff.h"
+#include "registry/TreeEdit.h"
+
+namespace {
+
+void Demand(bool holds, const char* what) {
+  if (holds) return;
+  std::fprintf(stderr, "does not hold: %s\n", what);
+  std::abort();
+}
+
+bool AreEqual(const CRegistryNode& left, const CRegistryNode& right) {
+  return qx::registry::Compare(left, right).changes.empty();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  CRegistryNode tree;
+  const bool loads = qx::registry::ParseTree(bytes, tree);
+  Demand(qx::registry::LintFile(bytes).loads == loads, "check and load agree");
+
+  CRegistryNode copy;
+  Demand(qx::registry::MergeInto(copy, tree) == qx::registry::EditState::kDone, "a tree can be copied");
+  Demand(AreEqual(tree, copy), "a copy is equal");
+
+  std::string text;
+  if (qx::registry::WhyNotStorable(tree, text)) return 0;
+  CRegistryNode again;
+  Demand(qx::registry::ParseTree(text, again), "what may be stored loads");
+  Demand(AreEqual(tree, again), "what may be stored comes back");
+  return 0;
+}
