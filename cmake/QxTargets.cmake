@@ -116,14 +116,20 @@ function(qx_keep_threaded_tests sources has_threads)
   set(${has_threads} ${found} PARENT_SCOPE)
 endfunction()
 
-# qx_fuzz(NAME SOURCE x.cpp CORPUS dir DEPS qx_lib...): with QX_BUILD_FUZZ a libFuzzer program; otherwise the same entry
-# run over every file of the corpus as an ordinary test.
+# qx_fuzz(NAME SOURCE x.cpp CORPUS dir [DICT words.dict] DEPS qx_lib...): with QX_BUILD_FUZZ a libFuzzer program, and a
+# file NAME.inputs beside it that tells script/fuzz its seeds and its dictionary; otherwise the same entry run over every
+# file of the corpus as an ordinary test.
 function(qx_fuzz name)
-  cmake_parse_arguments(arg "" "SOURCE;CORPUS" "DEPS" ${ARGN})
+  cmake_parse_arguments(arg "" "SOURCE;CORPUS;DICT" "DEPS" ${ARGN})
   add_executable(${name} ${arg_SOURCE})
   target_link_libraries(${name} PRIVATE qx_fuzz_support ${arg_DEPS})
   if(QX_BUILD_FUZZ)
     target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    set(inputs ${CMAKE_CURRENT_SOURCE_DIR}/${arg_CORPUS})
+    if(arg_DICT)
+      string(APPEND inputs "\n-dict=${CMAKE_CURRENT_SOURCE_DIR}/${arg_DICT}")
+    endif()
+    file(CONFIGURE OUTPUT ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${name}.inputs CONTENT "${inputs}\n" @ONLY)
   else()
     add_test(NAME ${name} COMMAND ${name} ${CMAKE_CURRENT_SOURCE_DIR}/${arg_CORPUS})
     set_tests_properties(${name} PROPERTIES TIMEOUT 300)

@@ -1,0 +1,108 @@
+#!/usr/bin/env python3
+"""binaries.py BUILD-DIR: what compiler and linker were asked for, looked up in the files that they built.
+
+Prints one table row a file and fails when a property is missing. A flag that is spelled in the build files but does not
+reach the built file (a library that someone else's flags built, a linker that ignores it) shows here only.
+"""
+import pathlib
+import re
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parents[3]
+SYMBOLS = ROOT / "tests/module/exported-symbols.txt"
+
+# What the module may need: the language's and the system's own libraries.
+MODULE_NEEDS = re.compile(r"(libstdc\+\+|libgcc_s|libm|libc|ld-linux[-a-z0-9_]*)\.so\.\d+")
+
+# Calls whose length-checked twin exists and which nothing of ours uses with a length that the compiler cannot see.
+UNCHECKED = {"gets", "strcpy", "strcat", "sprintf", "vsprintf", "stpcpy"}
+
+
+def output(*command):
+    return subprocess.run(command, capture_output=True, text=True, check=True).stdout
+
+
+class BuiltFile:
+    def __init__(self, path):
+        self.path = path
+        self.header = output("readelf", "-hW", path)
+        self.segments = output("readelf", "-lW", path)
+        self.dynamic = output("readelf", "-dW", path)
+        self.notes = output("readelf", "-nW", path)
+        symbols = output("nm", "-D", "--undefined-only", path)
+        self.imports = {line.split()[-1].split("@")[0] for line in symbols.splitlines()}
+
+    def needs(self):
+        return re.findall(r"\(NEEDED\).*\[(.*)\]", self.dynamic)
+
+    def cet(self):
+        found = re.search(r"x86 feature: (.*)", self.notes)
+        return found.group(1).split(", ") if found else []
+
+
+def common_checks(file):
+    dynamic, segments = file.dynamic, file.segments
+    yield "relocations read-only after start", "GNU_RELRO" in segments
+    yield "all symbols bound at start", "BIND_NOW" in dynamic
+    yield "position independent", bool(re.search(r"Type:\s+DYN ", file.header))
+    yield "stack not executable", bool(re.search(r"GNU_STACK(\s+0x[0-9a-f]+){5} RW ", segments))
+    yield "no segment both writable and executable", not re.search(r"LOAD.* RWE ", segments)
+    yield "no relocations in code", "TEXTREL" not in dynamic
+    yield "no library path", "RPATH" not in dynamic and "RUNPATH" not in dynamic
+    yield "stack canaries", "__stack_chk_fail" in file.imports
+    yield "length-checked calls", sum(name.endswith("_chk") for name in file.imports) >= 3
+    yield "no call without its length check", not file.imports & UNCHECKED
+
+
+def module_checks(file):
+    yield from common_checks(file)
+    yield "landing pads and shadow stack", file.cet() == ["IBT", "SHSTK"]
+    yield "no initialiser of the C library's start files", not re.search(r"\((INIT|FINI)\)", file.dynamic)
+    yield "nothing but the system's libraries needed", all(MODULE_NEEDS.fullmatch(name) for name in file.needs())
+    yield "exports exactly the listed symbols", exported(file.path) == SYMBOLS.read_text().splitlines()
+
+
+def tool_checks(file):
+    yield from common_checks(file)
+    yield "a program that may stand anywhere", "PIE" in file.dynamic
+    # The C library's start file, which every program has, is not built with landing pads.
+    yield "shadow stack", "SHSTK" in file.cet()
+
+
+def exported(path):
+    lines = output("nm", "-D", "--defined-only", path).splitlines()
+    return sorted({line.split(" ", 1)[1] for line in lines})
+
+
+def object_checks(archives):
+    """The linker was told to mark the files, so the marks are worth what the objects in them are worth."""
+    for archive in archives:
+        text = output("readelf", "-nW", str(archive))
+        for member in re.split(r"^File: ", text, flags=re.M)[1:]:
+            name = member.splitlines()[0]
+            yield f"{name} with landing pads and shadow stack", "x86 feature: IBT, SHSTK" in member
+
+
+def report(what, checks):
+    checks = list(checks)
+    missing = [name for name, holds in checks if not holds]
+    for name in missing:
+        print(f"hardening: {what}: not so: {name}", file=sys.stderr)
+    print(f"| {what} | {len(checks) - len(missing)} of {len(checks)} properties | all |")
+    return bool(checks) and not missing
+
+
+def main():
+    build = pathlib.Path(sys.argv[1])
+    archives = sorted(build.glob("*/libqx_*.a"))
+    kept = [
+        report("built QXRemConXfer.so: protections, libraries, exports",
+               module_checks(BuiltFile(str(build / "lib/QXRemConXfer.so")))),
+        report("built qxctl: protections", tool_checks(BuiltFile(str(build / "bin/qxctl")))),
+        report("objects of the libraries: control-flow protection", object_checks(archives)),
+    ]
+    return 0 if all(kept) else 1
+
+
+sys.exit(main())
