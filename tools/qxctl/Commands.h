@@ -17,16 +17,16 @@ struct Context {
   std::function<Status()> run;
 };
 
-void AddModuleCommand(CLI::App& app, Context& context);    // module what, reflect, reports, names
+void AddModuleCommand(CLI::App& app, Context& context);      // module what, reflect, reports, names
 void AddCompletionCommand(CLI::App& app, Context& context);  // completion, and what is hidden
-void AddDoctorCommand(CLI::App& app, Context& context);    // doctor
-void AddExplainCommand(CLI::App& app, Context& context);   // explain
-void AddFetchCommand(CLI::App& app, Context& context);     // fetch
-void AddFollowCommand(CLI::App& app, Context& context);    // follow
-void AddIniCommand(CLI::App& app, Context& context);       // ini list, get
-void AddNamesCommand(CLI::App& app, Context& context);     // names
-void AddRegistryCommand(CLI::App& app, Context& context);  // registry ls, get
-void AddReportCommand(CLI::App& app, Context& context);    // report create, append, cat, info, verify, ...
-void AddTraceCommand(CLI::App& app, Context& context);     // trace show, follow, config
+void AddDoctorCommand(CLI::App& app, Context& context);      // doctor
+void AddExplainCommand(CLI::App& app, Context& context);     // explain
+void AddFetchCommand(CLI::App& app, Context& context);       // fetch
+void AddFollowCommand(CLI::App& app, Context& context);      // follow
+void AddIniCommand(CLI::App& app, Context& context);         // ini list, get, set, ...
+void AddNamesCommand(CLI::App& app, Context& context);       // names
+void AddRegistryCommand(CLI::App& app, Context& context);    // registry ls, get, set, ...
+void AddReportCommand(CLI::App& app, Context& context);      // report create, append, cat, info, verify, ...
+void AddTraceCommand(CLI::App& app, Context& context);       // trace show, follow, config
 
 }  // namespace qx::ctl
