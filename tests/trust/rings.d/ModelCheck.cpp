@@ -1,0 +1,335 @@
+// model_check LENGTH SECONDS : every sequence of operations on a report up to LENGTH (or as far as the time goes), on
+// rings of one to three slots, against the plain model.
+//
+// What an operation does depends on nothing but the files and what the writer, the reader and the transfer hold in
+// memory; all of that is a model's value. So sequences that lead to equal values are followed once: each operation is
+// tried on each value that can be reached, on files and objects that are set to it, and must lead files and objects to
+// the value that it leads the model to. Values that were reached are remembered by 128 bits of hash.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <bit>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "debug/Debug.h"
+#include "markup/Markup.h"
+#include "provider/FileTransferProvider.h"
+#include "provider/ReportTransfer.h"
+#include "provider/ThreadData.h"
+#include "reportfile/RecordReader.h"
+#include "reportfile/ReportFileBase.h"
+#include "tests/provider/ReportRoot.h"
+#include "tests/trust/rings.d/RingModel.h"
+
+__attribute__((init_priority(101))) CDebug Debug;
+
+namespace {
+
+using qx::trust::Head;
+using qx::trust::Kept;
+using qx::trust::RingModel;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kChunkBytes = 1U << 20;
+constexpr std::int32_t kNoLimit = 0x7FFFFFFF;
+
+enum class Operation {
+  kAppendShort,
+  kAppendLong,
+  kAppendEmpty,
+  kWriterReopens,
+  kOtherWriterOpens,  // a new object that asks for another ring size
+  kReaderReopens,
+  kTransferBegins,        // one record
+  kTransferBeginsInRace,  // one record, and the writer appends while it is read
+  kTransferGoesOn,        // one record
+  kTransferEnds,          // all that is left
+};
+constexpr int kOperations = 10;
+
+// Short, long (over the next record and its marker) and empty; its letter tells it from the others that are kept.
+std::string TextOf(Operation operation, std::uint32_t number) {
+  if (operation == Operation::kAppendEmpty) return "";
+  return std::string(operation == Operation::kAppendLong ? 19 : 1, static_cast<char>('a' + number % 26));
+}
+
+// A file that is filled and read back through one descriptor, as often as needed.
+class HeldFile {
+ public:
+  explicit HeldFile(const std::string& path) : file_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    if (file_ < 0) std::abort();
+  }
+  ~HeldFile() { close(file_); }
+  HeldFile(const HeldFile&) = delete;
+  HeldFile& operator=(const HeldFile&) = delete;
+
+  void Write(const std::string& bytes) const {
+    const auto size = static_cast<ssize_t>(bytes.size());
+    if (pwrite(file_, bytes.data(), bytes.size(), 0) != size || ftruncate(file_, size) != 0) std::abort();
+  }
+  std::string Read() const {
+    std::array<char, 4096> bytes;
+    const ssize_t size = pread(file_, bytes.data(), bytes.size(), 0);
+    if (size < 0 || size == static_cast<ssize_t>(bytes.size())) std::abort();
+    return {bytes.data(), static_cast<std::size_t>(size)};
+  }
+
+ private:
+  int file_;
+};
+
+class ReportFiles {
+ public:
+  explicit ReportFiles(const std::string& directory) : base_(directory + "/r") {}
+  const std::string& Base() const { return base_; }
+  const HeldFile& Index() const { return index_; }
+  const HeldFile& Data() const { return data_; }
+
+ private:
+  std::string base_;
+  HeldFile index_{base_ + ".ind"};
+  HeldFile data_{base_ + ".dat"};
+};
+
+// Files and objects set to a model's value.
+class System {
+ public:
+  System(const ReportFiles& files, const RingModel& model) : files_(files) {
+    SetTo(model.writer, writer_, true);
+    SetTo(model.reader, reader_, false);
+    if (model.called) SetTo(model.transfer, thread_.report_file, false);
+    thread_.state_word = model.called ? 1 : 0;
+    thread_.oldest_index = model.oldest;
+    thread_.highest_index = model.highest;
+    thread_.data_file_size = static_cast<std::int64_t>(model.data.size());
+    files_.Index().Write(model.index);
+    files_.Data().Write(model.data);
+  }
+
+  bool Append(const std::string& text) { return writer_.writeLine(text.c_str()); }
+  bool WriterReopens() { return writer_.Close() && writer_.Open(base_.c_str(), 0); }
+  bool ReaderReopens() { return reader_.Close() && reader_.OpenRead(base_.c_str()); }
+  bool OtherWriterOpens(std::uint32_t slots) {
+    CReportFileBase other;
+    const bool opened = other.Open(base_.c_str(), slots);
+    SetTo(HeadOf(other), writer_, true, files_.Index().Read());
+    return opened;
+  }
+
+  // The reply document of one call.
+  std::string Call(std::int32_t start, std::int32_t limit, const std::string* between) {
+    CMarkup in(("<ReportData Name=\"r\" StartIndex=\"" + std::to_string(start) +
+                (limit == kNoLimit ? "" : "\" NrRecords=\"" + std::to_string(limit)) + "\"/>")
+                   .c_str());
+    (void)in.FindElem();
+    CMarkup out;
+    std::pair context{this, between};
+    qx::provider::TransferOptions options;
+    options.context = &context;
+    if (between != nullptr) {
+      options.first_record_read = [](void* at) {
+        auto* pair = static_cast<decltype(context)*>(at);
+        (void)pair->first->Append(*pair->second);
+      };
+    }
+    (void)qx::provider::ReportTransfer(provider_, thread_, out, options).Run(in);
+    ++thread_.state_word;
+    return out.GetDoc();
+  }
+
+  bool IsAt(const RingModel& model) {
+    return files_.Index().Read() == model.index && files_.Data().Read() == model.data &&
+           Same(HeadOf(writer_), model.writer) && Same(HeadOf(reader_), model.reader) &&
+           (thread_.state_word != 0) == model.called &&
+           (!model.called || Same(HeadOf(thread_.report_file), model.transfer)) &&
+           thread_.oldest_index == model.oldest && thread_.highest_index == model.highest;
+  }
+
+  // What the reader gets of each slot, one by one and in runs, and whether whole records of the ring come back.
+  bool ReadsAs(const RingModel& model) {
+    std::string all;
+    for (std::uint32_t slot = 0; slot < model.reader.used; ++slot) {
+      std::string text;
+      if (!reader_.readLine(text, slot) || text != model.Read(slot)) return false;
+      all += text;
+    }
+    std::string unread = "as it was";
+    if (reader_.readLine(unread, model.reader.used) || unread != "as it was") return false;
+    std::string runs;
+    const auto taken = qx::report::RecordReader(reader_).Take(0, model.reader.used, kChunkBytes, &runs);
+    return taken.count == model.reader.used && runs == all && KeepsTheRing(model);
+  }
+
+ private:
+  // The newest records, oldest first, as far as no longer record was written over them.
+  bool KeepsTheRing(const RingModel& model) {
+    CReportFileBase fresh;
+    if (!fresh.OpenRead(base_.c_str()) || fresh.header().highestIndex != model.ring.size()) return false;
+    for (std::uint32_t i = 0; i < model.ring.size(); ++i) {
+      std::string text;
+      if (!fresh.readLine(text, qx::report::SlotOfLogical(fresh.header(), i))) return false;
+      if (model.ring[i].intact && text != model.ring[i].line) return false;
+    }
+    return true;
+  }
+
+  static Head HeadOf(const CReportFileBase& store) { return std::bit_cast<Head>(store.header()); }
+  static bool Same(const Head& a, const Head& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+  // An object takes its header from the file when it opens, so the file holds that for a moment.
+  void SetTo(const Head& head, CReportFileBase& store, bool writes, const std::string& index_afterwards = "") {
+    files_.Index().Write(RingModel::Bytes(&head, sizeof head));
+    if (!(writes ? store.Open(base_.c_str(), 1) : store.OpenRead(base_.c_str()))) std::abort();
+    files_.Index().Write(index_afterwards);
+  }
+
+  const ReportFiles& files_;
+  const std::string& base_ = files_.Base();
+  CReportFileBase writer_;
+  CReportFileBase reader_;
+  CThreadData thread_;
+  CFileTransferProvider provider_;
+};
+
+std::string ReplyOf(const std::string& records, std::int32_t start, std::int32_t next) {
+  if (records.empty()) return "<Error Msg=\"No more records available (no error)\"/>\n";
+  return "<ReportData Name=\"r\" StartIndex=\"" + std::to_string(start) + "\" NextIndex=\"" + std::to_string(next) +
+         "\"><![CDATA[" + records + "]]></ReportData>\n";
+}
+
+bool CallsAgree(System& system, RingModel& model, std::int32_t start, std::int32_t limit, bool in_race) {
+  const std::string text = TextOf(Operation::kAppendShort, model.writer.count);
+  const std::string records = model.Call(start, limit, [&] {
+    if (in_race) model.Append(text);
+  });
+  return system.Call(start, limit, in_race ? &text : nullptr) == ReplyOf(records, start, model.next);
+}
+
+// Does the operation to both; false when their results differ.
+bool Run(Operation operation, System& system, RingModel& model) {
+  const std::string text = TextOf(operation, model.writer.count);
+  switch (operation) {
+    case Operation::kAppendShort:
+    case Operation::kAppendLong:
+    case Operation::kAppendEmpty:
+      model.Append(text);
+      return system.Append(text);
+    case Operation::kWriterReopens:
+      model.writer = model.ReadHead(model.writer);
+      return system.WriterReopens();
+    case Operation::kOtherWriterOpens:
+      model.writer = model.ReadHead({});
+      return system.OtherWriterOpens(model.writer.slots + 1);
+    case Operation::kReaderReopens:
+      model.reader = model.ReadHead({});
+      return system.ReaderReopens();
+    case Operation::kTransferBegins:
+      return CallsAgree(system, model, 0, 1, false);
+    case Operation::kTransferBeginsInRace:
+      return CallsAgree(system, model, 0, 1, true);
+    case Operation::kTransferGoesOn:
+      return CallsAgree(system, model, model.next, 1, false);
+    default:
+      return CallsAgree(system, model, model.next, kNoLimit, false);
+  }
+}
+
+using Key = std::array<std::uint64_t, 2>;
+struct KeyHash {
+  std::size_t operator()(const Key& key) const { return key[0]; }
+};
+
+Key KeyOf(const RingModel& model) {
+  std::string bytes = model.index + '|' + model.data + '|';
+  for (const Kept& kept : model.ring) bytes += kept.line + RingModel::Bytes(&kept.at, 4) + (kept.intact ? '+' : '-');
+  for (const Head& head : {model.writer, model.reader, model.transfer}) bytes += RingModel::Bytes(&head, sizeof head);
+  bytes += RingModel::Bytes(&model.oldest, 8) + RingModel::Bytes(&model.highest, 8) + RingModel::Bytes(&model.next, 4);
+  bytes += model.called ? '+' : '-';
+  return {std::hash<std::string>()(bytes), std::hash<std::string>()(bytes + "once more")};
+}
+
+// The values that can be reached from new stores, one operation further each time.
+class Search {
+ public:
+  explicit Search(const std::string& directory) : files_(directory) {
+    for (std::uint32_t slots = 1; slots <= 3; ++slots) {
+      RingModel model;
+      model.writer.slots = slots;
+      reached_.insert(KeyOf(model));
+      frontier_.push_back(model);
+    }
+  }
+
+  // The values that are reached last need not be kept when nobody goes on from them.
+  void OneFurther(bool is_last) {
+    std::vector<RingModel> next;
+    for (const RingModel& from : frontier_) {
+      for (int i = 0; i < kOperations; ++i) {
+        RingModel model = from;
+        if (!Try(static_cast<Operation>(i), model)) Report(from, i);
+        if (reached_.insert(KeyOf(model)).second && !is_last) next.push_back(std::move(model));
+      }
+    }
+    frontier_ = std::move(next);
+  }
+
+  std::size_t States() const { return reached_.size(); }
+  std::size_t Steps() const { return steps_; }
+  std::size_t Wrong() const { return wrong_; }
+
+ private:
+  bool Try(Operation operation, RingModel& model) {
+    ++steps_;
+    System system(files_, model);
+    return Run(operation, system, model) && system.IsAt(model) && system.ReadsAs(model);
+  }
+
+  void Report(const RingModel& from, int operation) {
+    if (++wrong_ > 5) return;
+    std::fprintf(stderr, "model_check: operation %d on a ring of %u slots, %u records written: not as the model\n",
+                 operation, from.writer.slots, from.writer.count);
+  }
+
+  ReportFiles files_;
+  std::vector<RingModel> frontier_;
+  std::unordered_set<Key, KeyHash> reached_;
+  std::size_t steps_ = 0;
+  std::size_t wrong_ = 0;
+};
+
+int Check(int length, double seconds) {
+  const auto start = Clock::now();
+  const auto elapsed = [&] { return std::chrono::duration<double>(Clock::now() - start).count(); };
+  const qx::test::TempDir directory;
+  const qx::test::ReportRoot root(directory.Path());
+  Search search(directory.Path());
+  int reached = 0;
+  for (double last = 0, growth = 1; reached < length && elapsed() + last * growth < seconds; ++reached) {
+    const double before = elapsed();
+    search.OneFurther(reached + 1 == length);
+    growth = last > 0.01 ? (elapsed() - before) / last : 8;
+    last = elapsed() - before;
+    std::fprintf(stderr, "model_check: length %d, %zu states, %.1f s\n", reached + 1, search.States(), elapsed());
+  }
+  std::printf(
+      "| all sequences of %d operations (appends, reopened stores, transfer calls) up to length %d on rings of 1 "
+      "to 3 slots: %zu steps from %zu states, each against a plain model | %zu disagreements | none |\n",
+      kOperations, reached, search.Steps(), search.States(), search.Wrong());
+  return search.Wrong() == 0 && reached > 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) return 2;
+  return Check(std::atoi(argv[1]), std::atof(argv[2]));
+}

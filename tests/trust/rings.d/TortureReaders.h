@@ -1,0 +1,17 @@
+// The two ways to read a report beside its writer, each with the steps that are prescribed for it.
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "tests/trust/rings.d/TortureRecord.h"
+
+namespace qx::trust {
+
+// Reads the whole report over and over, slot by slot through a store of its own, until `stop`.
+Tally ReadThroughStore(const std::string& base_path, const std::atomic<bool>& stop);
+
+// Transfers the report over and over through the loaded module, a few hundred records a call, until `stop`.
+Tally ReadThroughModule(const std::string& name, const std::atomic<bool>& stop);
+
+}  // namespace qx::trust
