@@ -1,6 +1,7 @@
 // The class-wide machinery: loading, saving, the roots; and the life of a handle.
 #include "registry/Registry.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -138,13 +139,27 @@ bool WriteNewFile() {
   return false;
 }
 
-// Quirk: between the two renames there is no registry file; a crash just then makes the next load take the backup.
+// The new file and the old one change names in one step, and then the old one becomes the backup. So there is a good
+// file under the first name at every moment, and a damaged one never takes the place of the backup before its successor
+// is there. False where the file system cannot do this.
+bool ExchangeFiles(const char* path) {
+  const char* temporary = CRegistry::MPRegistryTemp.c_str();
+  if (renameat2(AT_FDCWD, temporary, AT_FDCWD, path, RENAME_EXCHANGE) != 0) return false;
+  (void)std::rename(temporary, CRegistry::MPRegistryOld.c_str());
+  return true;
+}
+
+// Quirk: where names cannot be exchanged there is no registry file between the two renames; a crash just then makes the
+// next load take the backup.
 void PutNewFileInPlace() {
   const char* path = CRegistry::MPRegistry.c_str();
   if (!tree_was_loaded && qx::registry::HoldsBytes(path)) qx::registry::KeepUnread(path);
   // The results are not asked for: a save that comes this far counts as done.
-  if (qx::registry::HoldsBytes(path)) (void)std::rename(path, CRegistry::MPRegistryOld.c_str());
-  (void)std::rename(CRegistry::MPRegistryTemp.c_str(), path);
+  const bool has_backup = qx::registry::HoldsBytes(path);
+  if (!has_backup || !ExchangeFiles(path)) {
+    if (has_backup) (void)std::rename(path, CRegistry::MPRegistryOld.c_str());
+    (void)std::rename(CRegistry::MPRegistryTemp.c_str(), path);
+  }
   qx::registry::SyncDirectoryOf(path);
 }
 

@@ -6,6 +6,7 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -22,6 +23,7 @@
 #include <cstdio>
 #include <ctime>
 #include <exception>
+#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -285,6 +287,44 @@ TEST_F(Registry, SavingOverAnEmptyFileLeavesTheBackupUntouched) {
   EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n");
 }
 
+// The names that were moved in a directory since it was opened: "-x +y" for a move from x to y.
+class MovedNames {
+ public:
+  explicit MovedNames(const std::string& directory) : events_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    EXPECT_GE(inotify_add_watch(events_, directory.c_str(), IN_MOVE), 0);
+  }
+  ~MovedNames() { close(events_); }
+  MovedNames(const MovedNames&) = delete;
+  MovedNames& operator=(const MovedNames&) = delete;
+
+  [[nodiscard]] std::string Text() const {
+    alignas(inotify_event) char bytes[4096];
+    const ssize_t size = read(events_, bytes, sizeof bytes);
+    std::string text;
+    for (ssize_t at = 0; at < size;) {
+      const auto* event = reinterpret_cast<const inotify_event*>(bytes + at);
+      text += std::string((event->mask & IN_MOVED_FROM) != 0 ? " -" : " +") + event->name;
+      at += static_cast<ssize_t>(sizeof *event + event->len);
+    }
+    return text;
+  }
+
+ private:
+  int events_;
+};
+
+// Otherwise a crash between two renames would leave the damaged file as the backup, and nothing else to load.
+TEST_F(Registry, DamagedFileBecomesTheBackupOnlyAfterTheNewTreeHasTakenItsPlace) {
+  Given("damaged\n");
+  Given(kSmall, "registry.old");
+  const MovedNames moved(std::filesystem::path(File()).parent_path());
+  Change();
+  EXPECT_EQ(moved.Text(), " -registry.new +registry -registry +registry.new -registry.new +registry.old");
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n");
+  EXPECT_EQ(ReadFile(File("registry.old")), "damaged\n");
+  EXPECT_FALSE(Exists(File("registry.new")));
+}
+
 TEST_F(Registry, SavedFileIsReadableByEverybodyWhateverTheUmask) {
   Given(kSmall);
   const mode_t before = umask(0077);
@@ -482,6 +522,20 @@ TEST_F(Registry, FailedSyncOrCloseOfTheNewFileKeepsTheOldOne) {
     EXPECT_FALSE(Exists(File("registry.new")));
     EXPECT_FALSE(Exists(File("registry.old")));
   }
+}
+
+TEST_F(Registry, FilesAreRenamedOneAfterTheOtherWhereNamesCannotBeExchanged) {
+  Given(kSmall);
+  EXPECT_EQ(InChild([] {
+              CRegistry handle(CRegistry::MLocalMachine);
+              if (handle.SetValue("x", 1U) != 0 || !Forbid(SYS_renameat2, EINVAL)) return 77;
+              CRegistry::SaveTree();
+              return 0;
+            }),
+            0);
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nx=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n");
+  EXPECT_EQ(ReadFile(File("registry.old")), kSmall);
+  EXPECT_FALSE(Exists(File("registry.new")));
 }
 
 TEST_F(Registry, UnreadableFileIsMovedWhereThereAreNoHardLinks) {
