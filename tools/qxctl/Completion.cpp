@@ -117,7 +117,11 @@ _qxctl_offer() {
       ;;
     @store)
       while IFS= read -r found; do
-        if [[ $found == *.ind ]]; then COMPREPLY+=("${found%.ind}"); elif [[ -d $found ]]; then COMPREPLY+=("$found"); fi
+        if [[ $found == *.ind ]]; then
+          COMPREPLY+=("${found%.ind}")
+        elif [[ -d $found ]]; then
+          COMPREPLY+=("$found")
+        fi
       done < <(compgen -f -- "$2")
       ;;
     @either)
