@@ -4,7 +4,9 @@
 // Left out, because the two differ there on purpose:
 // - Other encodings: a document is taken as bytes, so the strict parser is told that all of them are UTF-8.
 // - Internal subsets of a document type: nothing that they declare has an effect for CMarkup.
-// - Documents over a record's limit (name over 1,020 bytes, start tag of 4 MiB, depth over 65,535) are refused.
+// - Documents over a record's limit (name over 1,020 bytes, end tag over 1,023, start tag of 4 MiB, depth over 65,535)
+// are
+//   refused.
 #include <expat.h>
 
 #include <cstddef>
@@ -20,6 +22,7 @@
 namespace {
 
 constexpr std::size_t kNameBytesMax = 1020;
+constexpr int kEndTagBytesMax = 1023;                // white space included
 constexpr std::size_t kDocumentBytesMax = 1U << 18;  // below the limits of start tags; nesting is counted
 
 struct Element {
@@ -29,7 +32,8 @@ struct Element {
 };
 
 struct Strict {
-  std::vector<Element> elements;
+  XML_Parser parser;
+  std::vector<Element> elements = {};
   int depth = 0;
   bool left_out = false;
 };
@@ -40,7 +44,11 @@ void Begin(void* context, const XML_Char* name, const XML_Char** /*attributes*/)
   strict->elements.push_back({strict->depth++, name});
 }
 
-void End(void* context, const XML_Char* /*name*/) { --static_cast<Strict*>(context)->depth; }
+void End(void* context, const XML_Char* /*name*/) {
+  auto* strict = static_cast<Strict*>(context);
+  strict->left_out |= XML_GetCurrentByteCount(strict->parser) > kEndTagBytesMax;
+  --strict->depth;
+}
 
 void BeginDoctype(void* context, const XML_Char*, const XML_Char*, const XML_Char*, int has_internal_subset) {
   static_cast<Strict*>(context)->left_out |= has_internal_subset != 0;
@@ -48,12 +56,11 @@ void BeginDoctype(void* context, const XML_Char*, const XML_Char*, const XML_Cha
 
 // Whether the strict parser accepts the document, and what it finds there.
 bool ParseStrictly(const std::string& text, Strict& strict) {
-  static XML_Parser parser = XML_ParserCreate("UTF-8");
-  XML_ParserReset(parser, "UTF-8");
-  XML_SetUserData(parser, &strict);
-  XML_SetElementHandler(parser, Begin, End);
-  XML_SetStartDoctypeDeclHandler(parser, BeginDoctype);
-  return XML_Parse(parser, text.data(), static_cast<int>(text.size()), 1) == XML_STATUS_OK;
+  XML_ParserReset(strict.parser, "UTF-8");
+  XML_SetUserData(strict.parser, &strict);
+  XML_SetElementHandler(strict.parser, Begin, End);
+  XML_SetStartDoctypeDeclHandler(strict.parser, BeginDoctype);
+  return XML_Parse(strict.parser, text.data(), static_cast<int>(text.size()), 1) == XML_STATUS_OK;
 }
 
 std::vector<Element> Walk(CMarkup& markup) {
@@ -80,7 +87,8 @@ std::vector<Element> Walk(CMarkup& markup) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size > kDocumentBytesMax) return 0;
   const std::string text(reinterpret_cast<const char*>(data), size);
-  Strict strict;
+  static XML_Parser parser = XML_ParserCreate("UTF-8");
+  Strict strict = {.parser = parser};
   if (!ParseStrictly(text, strict) || strict.left_out) return 0;
   CMarkup markup;
   if (!markup.SetDoc(text)) Wrong("a well-formed document is refused");
