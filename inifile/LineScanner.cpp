@@ -52,6 +52,7 @@ void LineScanner::ReadMore() noexcept {
     got = pread(descriptor_, window_.data() + kept, window_.size() - kept, offset);
   } while (got < 0 && errno == EINTR);
 
+  has_failed_ = got < 0;
   if (got <= 0) is_read_to_the_end_ = true;
   unread_ = {window_.data(), kept + (got > 0 ? static_cast<std::size_t>(got) : 0)};
 }

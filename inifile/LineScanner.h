@@ -22,7 +22,7 @@ namespace qx::inifile {
 //
 // Threads: one thread at a time.
 // Owns: nothing; the descriptor and the window stay the caller's and outlive the scanner.
-// Failure: a read that fails ends the file there.
+// Failure: a read that fails ends the file there; HasFailed tells.
 class LineScanner {
  public:
   static constexpr std::size_t kLineBytesMax = 1023;
@@ -55,6 +55,9 @@ class LineScanner {
   // Offset in the file of the byte behind the line taken last. [owning thread]
   [[nodiscard]] std::uint64_t Position() const noexcept { return position_; }
 
+  // Whether the file ended because it could not be read on. [owning thread]
+  [[nodiscard]] bool HasFailed() const noexcept { return has_failed_; }
+
  private:
   [[nodiscard]] std::size_t LengthOfLineAtFront() const noexcept;
   void ReadMore() noexcept;
@@ -64,6 +67,7 @@ class LineScanner {
   std::string_view unread_;     // the part of the window that no line has taken yet
   std::uint64_t position_ = 0;  // of the first unread byte
   bool is_read_to_the_end_ = false;
+  bool has_failed_ = false;
 };
 
 }  // namespace qx::inifile

@@ -48,7 +48,7 @@ using Stream = std::unique_ptr<FILE, CloseStream>;
 
 bool Closed(Stream stream) { return std::fclose(stream.release()) == 0; }
 
-enum class PlaceKind { kEntry, kNextHeader, kEndOfFile };
+enum class PlaceKind { kEntry, kNextHeader, kEndOfFile, kUnreadable };
 
 // Where the walk ended. A region begins behind the line handled before it, so the empty and comment lines directly
 // above a line belong to that line's region.
@@ -110,7 +110,10 @@ Place FindPlace(LineScanner& lines, const Edit& edit) {
 Place FindPlace(const Descriptor& file, const Edit& edit) {
   std::array<char, LineScanner::kWindowBytes> window;
   LineScanner lines(file.Number(), window);
-  return FindPlace(lines, edit);
+  Place place = FindPlace(lines, edit);
+  // What lies behind a failed read may hold the section: an append would make a second one.
+  if (lines.HasFailed()) place.kind = PlaceKind::kUnreadable;
+  return place;
 }
 
 bool WriteAll(FILE* stream, std::string_view text) {
@@ -251,6 +254,8 @@ bool Write(const Edit& edit) {
       return EditInPlace(std::move(file), place, edit);
     case PlaceKind::kNextHeader:
       if (edit.DeletesSection() || edit.SetsValue()) return EditInPlace(std::move(file), place, edit);
+      return false;
+    case PlaceKind::kUnreadable:
       return false;
     case PlaceKind::kEndOfFile:
       break;

@@ -2,14 +2,22 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
+#include <iterator>
 #include <string>
 
 #include "inifile/IniFile.h"
@@ -91,6 +99,25 @@ TEST_F(IniFileFault, WriteThatFailsInTheMiddleIsFalse) {
   const std::string tail(20000, 't');
   qx::test::WriteFile(path_, "[S]\nx=0\nk=long\n" + tail);
   EXPECT_FALSE(WithFileSizeLimit(9000, [&] { return Set(path_, "S", "k", "1"); }));
+}
+
+// Makes every positioned read of this process fail for good.
+bool ForbidReads() {
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(SYS_pread64), 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EIO),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+TEST_F(IniFileFault, FileThatCannotBeReadIsNotTakenForAnEmptyOne) {
+  const std::string before = "[S]\nx=0\nk=1\n";
+  qx::test::WriteFile(path_, before);
+  EXPECT_TRUE(WithFileSizeLimit(1 << 20, [&] { return ForbidReads() && !Set(path_, "S", "k", "2"); }));
+  EXPECT_EQ(qx::test::ReadFile(path_), before);
 }
 
 TEST_F(IniFileFault, DirectoryAndPipeAreNeverWritten) {
