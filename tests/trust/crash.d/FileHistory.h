@@ -1,0 +1,61 @@
+// What a piece of work does to the files of one directory, call by call, and every state of that directory which a kill
+// or a loss of power in the middle can leave.
+//
+// A kill leaves what was done before it; the write in which it falls may have got as far as any page.
+//
+// A loss of power leaves of a file what was last synced, or more: the pages that were written since reach the disk from
+// the first one on, as far as they got; behind them the file ends, or has zeros up to its new length. A name that was
+// made, moved or removed since the last sync of the directory is so or is not, each one by itself, as long as what it
+// works on is there.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace qx::trust {
+
+using DirectoryState = std::map<std::string, std::string>;  // name => content
+
+class FileHistory {
+ public:
+  // Runs `work` on `directory`, which holds files alone and is on the disk, in a child of its own.
+  FileHistory(const std::string& directory, const std::function<void()>& prepare, const std::function<void()>& work);
+
+  [[nodiscard]] std::size_t Effects() const { return effects_.size(); }
+  // Every different state, the one before the first call and the one behind the last included.
+  [[nodiscard]] std::set<DirectoryState> StatesOfAKill() const;
+  [[nodiscard]] std::set<DirectoryState> StatesOfAPowerCut() const;
+
+ private:
+  struct Effect {
+    enum class Kind { kCreate, kTruncate, kWrite, kSyncFile, kSyncDirectory, kRename, kExchange, kLink, kRemove };
+    Kind kind;
+    int file = -1;  // what is created, written, synced
+    std::string from = {};
+    std::string to = {};
+    std::size_t offset = 0;
+    std::string bytes = {};
+  };
+  struct Disk {
+    std::map<std::string, int> names;
+    std::map<int, std::string> contents;
+  };
+  class Recorder;
+
+  static bool IsOfNames(const Effect& effect);
+  static bool ApplyToNames(const Effect& effect, std::map<std::string, int>& names);
+  static void ApplyToContents(const Effect& effect, std::map<int, std::string>& contents);
+  static DirectoryState StateOf(const Disk& disk);
+  [[nodiscard]] std::set<std::string> ContentsOnDisk(int file, std::size_t effects_done) const;
+  [[nodiscard]] std::set<std::map<std::string, int>> NamesOnDisk(std::size_t effects_done) const;
+  void AddCombinations(const std::map<std::string, int>& names, std::size_t effects_done,
+                       std::set<DirectoryState>& states) const;
+
+  Disk before_;
+  std::vector<Effect> effects_;
+};
+
+}  // namespace qx::trust

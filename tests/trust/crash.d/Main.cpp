@@ -1,0 +1,18 @@
+// trust_crash quick|long [saves|writers]: prints table rows; what broke goes to standard error.
+#include <cstring>
+
+#include "debug/Debug.h"
+#include "tests/trust/crash.d/Rows.h"
+
+__attribute__((init_priority(101))) CDebug Debug;
+
+int main(int argc, char** argv) {
+  if (argc < 2) return 2;
+  const bool is_long = std::strcmp(argv[1], "long") == 0;
+  const auto form = is_long ? qx::trust::CrashForm::kLong : qx::trust::CrashForm::kQuick;
+  const char* const part = argc > 2 ? argv[2] : "";
+  bool is_kept = true;
+  if (std::strcmp(part, "writers") != 0) is_kept = qx::trust::CheckSaves(form);
+  if (std::strcmp(part, "saves") != 0) is_kept = qx::trust::CheckKilledWriters(form) && is_kept;
+  return is_kept ? 0 : 1;
+}

@@ -1,0 +1,11 @@
+// The parts of the crash oracle. Each prints its table rows and returns whether its promises were kept.
+#pragma once
+
+namespace qx::trust {
+
+enum class CrashForm { kQuick, kLong };
+
+bool CheckSaves(CrashForm form);
+bool CheckKilledWriters(CrashForm form);
+
+}  // namespace qx::trust

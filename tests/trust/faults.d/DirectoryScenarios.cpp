@@ -1,0 +1,135 @@
+// Directory trees: copy and restore.
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include "registry/RegistryPaths.h"
+#include "reportfile/Directory.h"
+#include "reportfile/ReportFileBase.h"
+#include "tests/support/Support.h"
+#include "tests/trust/faults.d/Scenario.h"
+
+namespace qx::trust {
+
+namespace {
+
+using Tree = std::map<std::string, std::string>;  // relative path => content
+
+bool is_done = false;
+int error_number = 0;
+std::string registry_directory;
+
+// Made before the faults: what the caller allocates is none of the sweep's business.
+std::string from_path;
+std::string to_path;
+
+Tree FromTree() {
+  return {{"a.dat", std::string(70000, 'a')}, {"a.ind", "index"}, {"empty", ""}, {"sub/b.dat", std::string(300, 'b')}};
+}
+
+void MakeTree(const std::string& directory, const Tree& tree) {
+  for (const auto& [name, text] : tree) {
+    const std::filesystem::path path = directory + "/" + name;
+    std::filesystem::create_directories(path.parent_path());
+    test::WriteFile(path, text);
+  }
+}
+
+Tree TreeAt(const std::string& directory) {
+  Tree tree;
+  if (!std::filesystem::exists(directory)) return tree;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+    if (entry.is_regular_file()) tree[entry.path().lexically_relative(directory)] = test::ReadFile(entry.path());
+  }
+  return tree;
+}
+
+// Each file of the copy: whole, a part from its start on, or as it was before.
+bool IsPartOfCopy(const Tree& to) {
+  const Tree from = FromTree();
+  for (const auto& [name, text] : to) {
+    const auto source = from.find(name);
+    const bool is_known = source != from.end() && source->second.compare(0, text.size(), text) == 0;
+    if (!is_known && !(name == "a.ind" && text == "older")) return false;
+  }
+  return true;
+}
+
+bool Copy(const std::string&) { return CDirectory::CopyDir(from_path.c_str(), to_path.c_str(), "*.*", true); }
+
+void PrepareCopy(const std::string& directory) {
+  from_path = directory + "/from";
+  to_path = directory + "/to";
+  MakeTree(directory + "/from", FromTree());
+  MakeTree(directory + "/to", {{"a.ind", "older"}});
+}
+
+void RunCopy(const std::string& directory) {
+  is_done = Copy(directory);
+  error_number = errno;
+}
+
+Finding JudgeCopy(const std::string& directory) {
+  const Tree to = TreeAt(directory + "/to");
+  if (TreeAt(directory + "/from") != FromTree()) return Broken("the source has changed");
+  if (!IsPartOfCopy(to)) return Broken("the copy holds what the source does not");
+  if (!is_done && error_number == 0) return Broken("false without an error number");
+  if (!Copy(directory) || TreeAt(directory + "/to") != FromTree()) return Broken("the next copy does not work");
+  if (is_done && to != FromTree()) {
+    return Noted(
+        "a directory that cannot be read copies as an empty one, a file whose status cannot be read is left out");
+  }
+  return Kept();
+}
+
+bool Restore(const std::string&) { return CReportFileBase::RestoreReportDataFiles(from_path); }
+
+void PrepareRestore(const std::string& directory) {
+  PrepareCopy(directory);
+  test::WriteFile(
+      directory + "/registry",
+      "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\nReportRoot=s=" +
+          directory + "/to\n\n\n\n\n\n\n\n");
+  registry_directory = directory;
+  registry::StartAfresh(registry_directory.c_str());
+}
+
+void RunRestore(const std::string& directory) {
+  errno = 0;
+  is_done = Restore(directory);
+  error_number = errno;
+}
+
+Finding JudgeRestore(const std::string& directory) {
+  const Tree to = TreeAt(directory + "/to");
+  if (!IsPartOfCopy(to)) return Broken("the report directory holds what the backup did not");
+  const bool is_whole = to == FromTree();
+  const bool has_backup = TreeAt(directory + "/from") == FromTree();
+  registry::StartAfresh(registry_directory.c_str());
+  MakeTree(directory + "/from", FromTree());
+  if (!Restore(directory) || TreeAt(directory + "/to") != FromTree()) return Broken("the next restore does not work");
+  if (is_whole || has_backup) return Kept();
+  if (!is_done) return Noted("a restore is tried once: the backup goes behind a copy that failed and said so");
+  return Noted("a backup directory that cannot be read counts as an empty one, and goes");
+}
+
+}  // namespace
+
+std::vector<Scenario> DirectoryScenarios() {
+  return {
+      {.name = "directory copy",
+       .promise = "true only for a whole copy of what can be read; the source stays",
+       .prepare = PrepareCopy,
+       .run = RunCopy,
+       .finish = nullptr,
+       .judge = JudgeCopy},
+      {.name = "restore",
+       .promise = "true only with everything restored that can be read; whole files or the start of one",
+       .prepare = PrepareRestore,
+       .run = RunRestore,
+       .finish = nullptr,
+       .judge = JudgeRestore},
+  };
+}
+
+}  // namespace qx::trust

@@ -1,0 +1,43 @@
+// One piece of the system's work that is tried with every fault, and what it promises whatever fails.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace qx::trust {
+
+// What was found behind a fault.
+struct Finding {
+  enum class Kind {
+    kKept,
+    kNoted,   // not what one would wish for, but what the documents say; counted by `text`
+    kBroken,  // `text` says what
+  };
+  Kind kind = Kind::kKept;
+  std::string text = {};
+};
+
+inline Finding Kept() { return {}; }
+inline Finding Noted(const char* text) { return {Finding::Kind::kNoted, text}; }
+inline Finding Broken(const std::string& text) { return {Finding::Kind::kBroken, text}; }
+
+// All parts run in one fresh process with an empty directory of its own. `run` alone meets the fault.
+struct Scenario {
+  const char* name;
+  const char* promise;
+  void (*prepare)(const std::string& directory);
+  void (*run)(const std::string& directory);
+  void (*finish)();                                // closes what `run` leaves open by design; may be null
+  Finding (*judge)(const std::string& directory);  // looks at the state, and tries again without a fault
+};
+
+// Calls on this descriptor meet no fault: for a log that has to tell what happened.
+void Spare(int descriptor);
+
+std::vector<Scenario> ConfigurationScenarios();
+std::vector<Scenario> StoreScenarios();
+std::vector<Scenario> DirectoryScenarios();
+std::vector<Scenario> TraceScenarios();
+std::vector<Scenario> ModuleScenarios();
+
+}  // namespace qx::trust

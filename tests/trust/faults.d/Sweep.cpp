@@ -1,0 +1,250 @@
+#include "tests/trust/faults.d/Sweep.h"
+
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <new>
+#include <set>
+#include <stdexcept>
+
+#include "tests/trust/faults.d/FailingAllocator.h"
+#include "tests/trust/tracing.d/CallTracer.h"
+
+namespace qx::trust {
+
+namespace {
+
+constexpr unsigned kSecondsMax = 30;
+constexpr long kCallsMax = 2000;  // of one kind; more means that nothing ever ends
+constexpr std::size_t kReportsMax = 3;
+
+// Calls that fail in the same ways. The errors of the quick form come first, up to `quick_errors`.
+struct CallKind {
+  const char* name;
+  std::vector<long> numbers;
+  std::vector<int> errors;
+  std::size_t quick_errors;
+  std::vector<std::uint64_t> short_bytes;  // what the call is cut to: legal, so nothing may come of it
+  bool is_interruptible;
+};
+
+const std::vector<CallKind>& CallKinds() {
+  static const std::vector<CallKind> kinds = {
+      {"open", {SYS_open, SYS_openat, SYS_creat}, {EMFILE, ENOSPC, EIO, EACCES, ENOMEM}, 2, {}, true},
+      {"read", {SYS_read, SYS_pread64, SYS_readv, SYS_preadv}, {EIO, ENOMEM}, 1, {1, 7}, true},
+      {"write", {SYS_write, SYS_pwrite64, SYS_writev, SYS_pwritev}, {ENOSPC, EIO, EDQUOT, EFBIG}, 2, {1, 7}, true},
+      {"sync", {SYS_fsync, SYS_fdatasync, SYS_syncfs, SYS_msync}, {EIO, ENOSPC}, 1, {}, false},
+      {"close", {SYS_close}, {EIO, ENOSPC, EDQUOT}, 1, {}, true},
+      {"rename", {SYS_rename, SYS_renameat, SYS_renameat2, SYS_link, SYS_linkat}, {EIO, ENOSPC, EACCES}, 1, {}, false},
+      {"remove", {SYS_unlink, SYS_unlinkat, SYS_rmdir}, {EIO, EBUSY, EACCES}, 1, {}, false},
+      {"mmap", {SYS_mmap}, {ENOMEM, ENODEV}, 1, {}, false},
+      {"truncate", {SYS_ftruncate, SYS_fallocate}, {ENOSPC, EIO, EFBIG}, 1, {}, true},
+      {"chmod",
+       {SYS_chmod, SYS_fchmod, SYS_fchmodat, SYS_fchown, SYS_chown, SYS_utimensat},
+       {EPERM, EIO},
+       1,
+       {},
+       false},
+      {"copy", {SYS_copy_file_range}, {ENOSPC, EIO, EXDEV, EOPNOTSUPP}, 2, {1, 4097}, true},
+      {"status", {SYS_stat, SYS_lstat, SYS_fstat, SYS_newfstatat, SYS_statx}, {EIO, ENOMEM, EACCES}, 1, {}, false},
+      {"list", {SYS_getdents64}, {EIO, ENOMEM}, 1, {}, false},
+      {"mkdir", {SYS_mkdir, SYS_mkdirat}, {ENOSPC, EACCES}, 1, {}, false},
+      {"seek and lock", {SYS_lseek, SYS_flock, SYS_fcntl}, {EIO, ENOMEM}, 1, {}, false},
+  };
+  return kinds;
+}
+
+// One way in which things go wrong. Without a kind of call it is the allocations that fail.
+struct Fault {
+  const CallKind* kind = nullptr;
+  Treatment treatment;
+  bool lasts = false;
+
+  [[nodiscard]] std::string Text(long nth) const {
+    std::string text = std::string(kind != nullptr ? kind->name : "allocation") + " " + std::to_string(nth);
+    if (kind == nullptr) return text + (lasts ? " and all later ones fail" : " fails");
+    if (treatment.kind == Treatment::Kind::kCutShort)
+      return text + " handles " + std::to_string(treatment.bytes) + " bytes";
+    return text + (lasts ? " and all later ones fail: " : " fails: ") + strerrorname_np(treatment.error);
+  }
+};
+
+// What close reports comes when it is done already.
+Treatment::Kind FailureOf(const CallKind& kind) {
+  return kind.numbers.front() == SYS_close ? Treatment::Kind::kMakeAndFail : Treatment::Kind::kRefuse;
+}
+
+void AddFaultsOf(const CallKind& kind, SweepForm form, std::vector<Fault>& faults) {
+  const std::size_t errors = form == SweepForm::kQuick ? kind.quick_errors : kind.errors.size();
+  for (std::size_t i = 0; i < errors; ++i) {
+    for (const bool lasts : {false, true}) {
+      faults.push_back({&kind, {.kind = FailureOf(kind), .error = kind.errors[i], .bytes = 0}, lasts});
+    }
+  }
+  if (kind.is_interruptible) {
+    faults.push_back({&kind, {.kind = FailureOf(kind), .error = EINTR, .bytes = 0}, false});
+  }
+  for (const std::uint64_t bytes : kind.short_bytes) {
+    faults.push_back({&kind, {.kind = Treatment::Kind::kCutShort, .error = 0, .bytes = bytes}, false});
+  }
+}
+
+std::vector<Fault> AllFaults(SweepForm form) {
+  std::vector<Fault> faults = {{nullptr, {}, false}, {nullptr, {}, true}};
+  for (const CallKind& kind : CallKinds()) AddFaultsOf(kind, form, faults);
+  return faults;
+}
+
+// What the child tells.
+struct Shared {
+  std::atomic<int> spared_descriptor{-1};
+  std::atomic<bool> is_met{false};
+  std::atomic<int> kind{-1};  // of the finding; -1: it did not come that far
+  char text[4000] = {};
+};
+
+Shared& SharedBlock() {
+  static Shared* const block = [] {
+    void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) throw std::runtime_error("no shared memory");
+    return new (memory) Shared;
+  }();
+  return *block;
+}
+
+std::set<std::string> OpenDescriptors() {
+  std::set<std::string> open;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;  // the descriptor of the listing itself
+    const std::string target = std::filesystem::read_symlink(entry, gone);
+    if (target.find("/proc/") != 0) open.insert(entry.path().filename().string() + " " + target);
+  }
+  return open;
+}
+
+// The descriptors that were not open before; of those only the ones that are open at the end.
+std::string Leaked(const std::set<std::string>& before) {
+  for (const std::string& descriptor : OpenDescriptors()) {
+    if (!before.contains(descriptor)) return descriptor;
+  }
+  return {};
+}
+
+void Tell(const Finding& finding) {
+  Shared& shared = SharedBlock();
+  finding.text.copy(shared.text, sizeof shared.text - 1);
+  shared.kind = static_cast<int>(finding.kind);
+}
+
+// True when memory ran out and the caller heard of it as C++ callers do.
+bool RunMeetingFaults(const Scenario& scenario, const std::string& directory, AllocationFault allocation) {
+  bool has_thrown = false;
+  FailAllocations(allocation, SharedBlock().is_met);
+  BeginWatched();
+  try {
+    scenario.run(directory);
+  } catch (const std::bad_alloc&) {
+    has_thrown = true;
+  }
+  EndWatched();
+  StopFailingAllocations();
+  return has_thrown;
+}
+
+void RunAndJudge(const Scenario& scenario, const std::string& directory, AllocationFault allocation) {
+  const std::set<std::string> before_all = OpenDescriptors();
+  scenario.prepare(directory);
+  std::set<std::string> before = OpenDescriptors();
+  before.insert(before_all.begin(), before_all.end());
+  const bool has_thrown = RunMeetingFaults(scenario, directory, allocation);
+  if (scenario.finish != nullptr) scenario.finish();
+  const std::string leaked = Leaked(before);
+  Finding finding = scenario.judge(directory);
+  if (finding.kind == Finding::Kind::kKept && has_thrown)
+    finding = Noted("memory ran out: std::bad_alloc for the caller");
+  Tell(leaked.empty() ? finding : Broken("still open: " + leaked));
+}
+
+bool ConcernsSpared(const SystemCall& call) {
+  const int spared = SharedBlock().spared_descriptor;
+  return spared >= 0 && call.number != SYS_openat && call.number != SYS_close &&
+         static_cast<int>(call.arguments[0]) == spared;
+}
+
+void RunInChild(const Scenario& scenario, const std::string& directory, AllocationFault allocation) {
+  try {
+    RunAndJudge(scenario, directory, allocation);
+  } catch (const std::exception& error) {
+    Tell(Broken(error.what()));
+  }
+}
+
+Watch WatchFor(const Fault& fault, long nth) {
+  auto at_entry = [&fault, nth, calls = 0L](const SystemCall& call) mutable {
+    const std::vector<long>& numbers = fault.kind->numbers;
+    if (std::find(numbers.begin(), numbers.end(), call.number) == numbers.end()) return Treatment();
+    if (ConcernsSpared(call) || ++calls < nth || (calls > nth && !fault.lasts)) return Treatment();
+    SharedBlock().is_met = true;
+    return fault.treatment;
+  };
+  return {.at_entry = at_entry, .at_exit = {}};
+}
+
+ChildEnd RunStep(const Scenario& scenario, const Fault& fault, long nth, const std::string& directory) {
+  new (&SharedBlock()) Shared;
+  std::filesystem::remove_all(directory);
+  std::filesystem::create_directory(directory);
+  if (fault.kind == nullptr) {
+    const AllocationFault allocation = {.nth = nth, .lasts = fault.lasts};
+    return RunChild([&] { RunInChild(scenario, directory, allocation); }, nullptr, kSecondsMax);
+  }
+  const Watch watch = WatchFor(fault, nth);
+  return RunChild([&] { RunInChild(scenario, directory, {}); }, &watch, kSecondsMax);
+}
+
+void Report(SweepResult& result, const std::string& text) {
+  ++result.broken;
+  if (result.reports.size() < kReportsMax) result.reports.push_back(text);
+}
+
+// False when the fault was not met: the scenario has no nth call of the kind.
+bool Step(const Scenario& scenario, const Fault& fault, long nth, SweepResult& result) {
+  const std::string directory = "/var/log/faults." + std::to_string(getpid());
+  const ChildEnd end = RunStep(scenario, fault, nth, directory);
+  const Shared& shared = SharedBlock();
+  const bool is_judged = end.IsGood() && shared.kind >= 0;
+  const std::string where = std::string(scenario.name) + ", " + fault.Text(nth) + ": ";
+  const bool is_met = shared.is_met;
+  if (is_met) ++result.steps;
+  if (!is_judged) {
+    Report(result, where + end.Text());
+  } else if (shared.kind == static_cast<int>(Finding::Kind::kBroken)) {
+    Report(result, where + shared.text);
+  } else if (is_met && shared.kind == static_cast<int>(Finding::Kind::kNoted)) {
+    ++result.noted[shared.text];
+  }
+  return is_met;
+}
+
+}  // namespace
+
+void Spare(int descriptor) { SharedBlock().spared_descriptor = descriptor; }
+
+SweepResult Sweep(const Scenario& scenario, SweepForm form) {
+  SweepResult result;
+  for (const Fault& fault : AllFaults(form)) {
+    long nth = 1;
+    while (nth <= kCallsMax && Step(scenario, fault, nth, result)) ++nth;
+    if (nth > kCallsMax) Report(result, std::string(scenario.name) + ": never passes untouched");
+  }
+  return result;
+}
+
+}  // namespace qx::trust

@@ -1,0 +1,147 @@
+// The trace facility: its start, and what it does when a log or a ring is full.
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "debug/Debug.h"
+#include "debug/RingFormat.h"
+#include "tests/support/Support.h"
+#include "tests/trust/faults.d/Scenario.h"
+
+namespace qx::trust {
+
+namespace {
+
+constexpr int kCallersErrno = 4711;
+constexpr std::uintmax_t kLogBytesMax = 4000;
+constexpr std::uint32_t kRingBytes = 16384;
+
+bool is_started = false;
+bool keeps_errno = true;
+
+void Prepare(const std::string& directory) {
+  setenv("QX_LOG_RINGBUF_DIR", directory.c_str(), 1);
+  setenv("QX_LOG_DEBUG_LEVEL", "3", 1);
+  setenv("QX_LOG_FILE_MAX_SIZE", std::to_string(kLogBytesMax).c_str(), 1);
+}
+
+void Print(int first, int end) {
+  for (int i = first; i < end; ++i) {
+    errno = kCallersErrno;
+    Debug.Print(1, "\nFaults              : entry %d of a length that fills a small file before long", i);
+    keeps_errno = keeps_errno && errno == kCallersErrno;
+  }
+}
+
+bool Holds(const std::string& path, const std::string& text) {
+  return test::Exists(path) && test::ReadFile(path).find(text) != std::string::npos;
+}
+
+void Stop() {
+  (void)Debug.ForceMaxDebug(false);
+  Debug.ClassInit();
+}
+
+// The start, with a log file and a ring.
+
+std::string RingPath(const std::string& directory) { return directory + "/log.faults_a"; }
+std::string LogPath(const std::string& directory) { return directory + "/log.faults"; }
+
+void PrepareStart(const std::string& directory) {
+  Prepare(directory);
+  setenv("QX_LOG_RINGBUF_WEIGHT", "1", 1);
+  setenv("TraceFileLimit", "1", 1);
+}
+
+void RunStart(const std::string&) {
+  is_started = Debug.Init("Faults");
+  Debug.SetApplInitDone();
+  Print(1, 3);
+}
+
+bool IsWholeRing(const std::string& path) {
+  const std::string ring = test::ReadFile(path);
+  if (ring.size() != std::size_t{256} * 4096) return false;
+  const auto position = debug::ReadRingNumber(std::string_view(ring).substr(debug::kRingPositionOffset, 16));
+  return position && ring.compare(*position, debug::kRingTerminator.size(), debug::kRingTerminator) == 0;
+}
+
+Finding JudgeStart(const std::string& directory) {
+  if (!keeps_errno) return Broken("a trace call changed errno");
+  const std::string ring = RingPath(directory);
+  const bool has_part = test::Exists(ring) && !IsWholeRing(ring);
+  const bool is_told = Holds(ring, "entry 2") || Holds(LogPath(directory), "entry 2");
+  Prepare(directory);
+  if (!Debug.Init("Faults")) return Broken("the next start does not work");
+  Print(3, 5);
+  Stop();
+  if (!test::Exists(ring) || !IsWholeRing(ring) || !Holds(ring, "entry 4")) return Broken("the next start has no ring");
+  if (has_part) return Noted("a part of a ring that could not be removed; the next start makes it anew");
+  return is_told ? Kept() : Noted("neither ring nor log can be made or written: the entries are lost");
+}
+
+// A log file that is full again and again.
+
+void PrepareLogWrap(const std::string& directory) {
+  Prepare(directory);
+  is_started = Debug.Init("Faults");
+  Debug.SetApplInitDone();
+}
+
+void RunWrap(const std::string&) { Print(1, 150); }
+
+Finding JudgeLogWrap(const std::string& directory) {
+  if (!keeps_errno) return Broken("a trace call changed errno");
+  const std::uintmax_t head = 4096;
+  if (std::filesystem::file_size(LogPath(directory)) > 2 * (kLogBytesMax + head)) {
+    return Noted("a log whose position cannot be set back is written on where it stands");
+  }
+  Print(1000, 1010);
+  return Holds(LogPath(directory), "entry 1009") ? Kept() : Broken("tracing does not go on");
+}
+
+// A ring that is full again and again.
+
+std::string SmallRing(const std::string& directory) { return directory + "/small_ring"; }
+
+void PrepareRingWrap(const std::string& directory) {
+  PrepareLogWrap(directory);
+  if (!Debug.InitRingBuffer(SmallRing(directory).c_str(), kRingBytes)) std::abort();
+}
+
+Finding JudgeRingWrap(const std::string& directory) {
+  if (!keeps_errno) return Broken("a trace call changed errno");
+  Print(1000, 1003);
+  if (Holds(SmallRing(directory), "entry 1002")) return Kept();
+  return Holds(LogPath(directory), "entry 1002")
+             ? Noted("a ring whose size cannot be asked for at a wrap is given up for the log")
+             : Broken("tracing does not go on");
+}
+
+}  // namespace
+
+std::vector<Scenario> TraceScenarios() {
+  return {
+      {.name = "trace set-up",
+       .promise = "no caller notices; no half ring file is left; the next start has log and ring",
+       .prepare = PrepareStart,
+       .run = RunStart,
+       .finish = Stop,
+       .judge = JudgeStart},
+      {.name = "trace log wrap",
+       .promise = "no caller notices, errno is kept, the file keeps its bound, the next entries are there",
+       .prepare = PrepareLogWrap,
+       .run = RunWrap,
+       .finish = nullptr,
+       .judge = JudgeLogWrap},
+      {.name = "trace ring wrap",
+       .promise = "no caller notices, errno is kept, the next entries are there",
+       .prepare = PrepareRingWrap,
+       .run = RunWrap,
+       .finish = nullptr,
+       .judge = JudgeRingWrap},
+  };
+}
+
+}  // namespace qx::trust
