@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <new>
+#include <utility>
 
 namespace qx {
 
@@ -45,7 +47,11 @@ int ReadWhole(int descriptor, std::string& bytes) {
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return errno;
     if (got == 0) return 0;
-    bytes.append(block.data(), static_cast<std::size_t>(got));
+    try {
+      bytes.append(block.data(), static_cast<std::size_t>(got));
+    } catch (const std::bad_alloc&) {
+      return ENOMEM;  // so that the caller closes the file
+    }
     if (bytes.size() > kFileImageBytesMax) return EFBIG;
   }
 }
@@ -92,9 +98,9 @@ int CreateBackup(const std::string& path, std::string& backup_path) {
   (void)localtime_r(&now, &time);
   int descriptor = -1;
   for (int attempt = 1; attempt <= kAttemptsMax; ++attempt) {
-    const std::string name = BackupName(path, time, attempt);
+    std::string name = BackupName(path, time, attempt);
     descriptor = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateMode);
-    if (descriptor >= 0) backup_path = name;
+    if (descriptor >= 0) backup_path = std::move(name);  // without memory, which could be missing
     if (descriptor >= 0 || errno != EEXIST) return descriptor;
   }
   return descriptor;

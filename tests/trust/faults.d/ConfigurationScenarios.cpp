@@ -196,14 +196,16 @@ std::size_t FilesIn(const std::string& directory) {
 Finding JudgeEditCarefully(const std::string& directory) {
   const std::string text = ReadFile(ProfilePath(directory));
   const std::size_t files = FilesIn(directory);
+  const bool has_copy = Exists(ProfilePath(directory) + ".edit");
   if (is_edited && text != Profile("longer")) return Broken("done, but not edited");
   if (text != Profile("1") && text != Profile("longer")) return Broken("neither the old file nor the new one");
   const bool is_new = text == Profile("longer");
   if (!is_new && !EditCarefully(directory)) return Broken("the next edit fails");
   if (ReadFile(ProfilePath(directory)) != Profile("longer")) return Broken("the next edit differs");
   if (files != (is_new ? 2U : 1U)) {
-    return Exists(ProfilePath(directory) + ".edit") || files > 2 ? Noted("a file that could not be removed is left")
-                                                                 : Broken("a file is left or missing");
+    return has_copy || files > 2
+               ? Noted("a file that cannot be looked at or removed is left; the next edit takes it over")
+               : Broken("a file is left or missing");
   }
   return Kept();
 }
