@@ -21,12 +21,6 @@ namespace {
 // Most records are shorter than this; one read fetches them whole.
 constexpr std::size_t kLineWindowBytes = 4096;
 
-// What the index file holds in place of its header when the first record's slot was written and its header was not,
-// because the disk was full or the writer died. Taken for a header it would make a ring without slots, whose records
-// nobody finds again.
-constexpr IndexHeader kNeverWritten = {
-    .writePosition = 0, .fileEnd = 0, .elementCount = 0, .maxRecord = 0, .highestIndex = 0, .oldestIndex = 0};
-
 void TraceHeader(const IndexHeader& header) {
   QX_TRACE(5, "\nRecordFileBase      : Initiate");
   QX_TRACE(5, "\nRecordFileBase      :   Write Position %ld", static_cast<long>(header.writePosition));
@@ -105,12 +99,7 @@ bool CReportFileBase::Open(const char* path, unsigned int maxRecords) {
   if (path == nullptr || *path == '\0') return false;
   Close();
   if (OpenBoth(path, OpenMode::kUpdate)) {
-    const IndexHeader kept = header_;
     (void)readPositions();  // a store that was never written keeps what the object holds
-    if (header_ == kNeverWritten) {
-      header_ = kept;
-      header_.maxRecord = RingSize(maxRecords);
-    }
     TraceHeader(header_);
     return true;
   }

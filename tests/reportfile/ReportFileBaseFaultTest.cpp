@@ -182,26 +182,6 @@ TEST_F(ReportFileBaseFault, HeaderThatCannotBeWrittenDoesNotChangeTheResult) {
   EXPECT_THAT(ReadAll(files_), ElementsAre("d\r\n", "e\r\n", "f\r\n"));
 }
 
-// A full disk, or a writer that dies there, leaves a slot behind a header of zeros.
-TEST_F(ReportFileBaseFault, StoreWhoseFirstHeaderWasNeverWrittenStartsOverWithTheRingSizeAskedFor) {
-  const StoreFiles files;
-  {
-    CReportFileBase first;
-    ASSERT_TRUE(first.Open(files.Path(), 3));
-    const ScopedWriteFault fault(
-        {.kind = CallFault::Kind::kFails, .nth = 3, .error = ENOSPC, .more_failing = kAllLater});
-    EXPECT_TRUE(first.writeLine("lost"));
-  }
-  EXPECT_EQ(files.Header(), (IndexHeader{0, 0, 0, 0, 0, 0}));
-  EXPECT_THAT(ReadAll(files), ElementsAre());
-  CReportFileBase next;
-  ASSERT_TRUE(next.Open(files.Path(), 4));
-  EXPECT_TRUE(next.writeLine("a"));
-  EXPECT_TRUE(next.writeLine("b"));
-  EXPECT_EQ(files.Header(), (IndexHeader{6, 6, 2, 4, 2, 0}));
-  EXPECT_THAT(ReadAll(files), ElementsAre("a\r\n", "b\r\n"));
-}
-
 TEST_F(ReportFileBaseFault, WriteThatTakesNothingIsAFailureNotALoop) {
   const ScopedWriteFault fault({.kind = CallFault::Kind::kTakesNothing, .nth = 1});
   EXPECT_FALSE(store_.writeLine("new"));
