@@ -145,7 +145,8 @@ bool WriteNewFile() {
 bool ExchangeFiles(const char* path) {
   const char* temporary = CRegistry::MPRegistryTemp.c_str();
   if (renameat2(AT_FDCWD, temporary, AT_FDCWD, path, RENAME_EXCHANGE) != 0) return false;
-  (void)std::rename(temporary, CRegistry::MPRegistryOld.c_str());
+  // Where the backup cannot have its name, the old file goes, as when the new one is moved over it.
+  if (std::rename(temporary, CRegistry::MPRegistryOld.c_str()) != 0) (void)unlink(temporary);
   return true;
 }
 

@@ -325,6 +325,14 @@ TEST_F(Registry, DamagedFileBecomesTheBackupOnlyAfterTheNewTreeHasTakenItsPlace)
   EXPECT_FALSE(Exists(File("registry.new")));
 }
 
+TEST_F(Registry, BackupThatCannotBeReplacedLeavesNoTemporaryFileBehind) {
+  Given(kSmall);
+  ASSERT_EQ(mkdir(File("registry.old").c_str(), 0755), 0);
+  Change();
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n");
+  EXPECT_FALSE(Exists(File("registry.new")));
+}
+
 TEST_F(Registry, SavedFileIsReadableByEverybodyWhateverTheUmask) {
   Given(kSmall);
   const mode_t before = umask(0077);
