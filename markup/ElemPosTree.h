@@ -62,7 +62,8 @@ class ElemPosTree {
  public:
   static constexpr std::int32_t kSegmentRecords = 65536;
 
-  ElemPosTree() noexcept {}  // few_records_ is left as it is
+  // Not "= default": value initialisation would then fill few_records_ with zeros.
+  ElemPosTree() noexcept {}  // NOLINT(modernize-use-equals-default)
   // Copies the first `count` records of `other` and takes over its capacity.
   ElemPosTree(const ElemPosTree& other, std::uint32_t count);
   ElemPosTree(const ElemPosTree&) = delete;

@@ -101,7 +101,7 @@ std::string Unaligned(FaultHost& host) {
   RawBlock block;
   const RawBlock::Elements good = GoodElements(block);
   std::vector<std::vector<char>> pieces;
-  std::vector<char> array(good.size() * sizeof(krx_element*) + 1);
+  std::vector<char> array(good.size() * sizeof(void*) + 1);
   for (std::size_t i = 0; i < good.size(); ++i) {
     std::vector<char>& piece = pieces.emplace_back(sizeof(krx_element) + 1);
     std::memcpy(piece.data() + 1, good[i], sizeof(krx_element));

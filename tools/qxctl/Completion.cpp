@@ -74,6 +74,7 @@ std::vector<Entry> ValueEntries(const std::vector<CommandRow>& table) {
 
 std::vector<Entry> ArgumentEntries(const std::vector<CommandRow>& table) {
   std::vector<Entry> entries;
+  entries.reserve(table.size());
   for (const CommandRow& row : table) entries.push_back({Joined(row.words), KindsOfArguments(row)});
   return entries;
 }
@@ -98,6 +99,7 @@ std::vector<Entry> BashOptions(const std::vector<CommandRow>& table) {
 
 std::vector<Entry> BashWords(const std::vector<CommandRow>& table) {
   std::vector<Entry> entries;
+  entries.reserve(table.size());
   for (const CommandRow& row : table) entries.push_back({Joined(row.words), Joined(row.subcommands)});
   return entries;
 }

@@ -43,7 +43,7 @@ std::string AskElsewhere(const DoctorPlaces& places) {
 // The directory as the module would find it here and now.
 std::string DirectoryOf(const DoctorPlaces& places, DoctorFindings& findings) {
   if (!places.report_directory.empty()) return places.report_directory;
-  const std::string directory = AskForDirectory(places);
+  std::string directory = AskForDirectory(places);
   if (directory != AskElsewhere(places)) {
     findings.push_back({"QX302", "no value of the registry names the report directory; here it would be " + directory});
   }

@@ -140,7 +140,7 @@ void LookAtWriters(const DoctorPlaces& places, const std::string& directory, Doc
   files.LookAtAll(places.process_directory);
   for (const auto& [file, processes] : files.Processes()) {
     std::string list;
-    for (const std::string& process : processes) list += (list.empty() ? "" : ", ") + process;
+    for (const std::string& process : processes) list.append(list.empty() ? "" : ", ").append(process);
     findings.push_back({processes.size() > 1 ? "QX405" : "QX406", file + " is open in " + list});
   }
   if (files.Unseen() > 0) {

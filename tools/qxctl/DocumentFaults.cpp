@@ -30,6 +30,9 @@ std::string Repeated(const std::string& text, std::size_t count) {
   return repeated;
 }
 
+// What a document was answered with.
+std::string Told(std::string document, const std::string& told) { return document.append(": ").append(told); }
+
 // Records, an end or an error: anything but a failure of the call itself, always with a document.
 bool IsAnswer(const std::string& told) {
   for (const char* const answer : {"result 0, <ReportData>", "result 1, error none ", "result 12, error "}) {
@@ -44,11 +47,11 @@ std::string Damaged(FaultHost& host) {
       "<?xml version=\"1.0\"?>\n<ReportData Name='../qx&amp;ctl' StartIndex=\"0\" NrRecords=\"5\"/>\n";
   for (std::size_t at = 0; at < good.size(); ++at) {
     const std::string prefix = good.substr(0, at);
-    if (const std::string told = AskReports(host, prefix.c_str()); !IsAnswer(told)) return prefix + ": " + told;
+    if (const std::string told = AskReports(host, prefix.c_str()); !IsAnswer(told)) return Told(prefix, told);
     for (const char byte : {'<', '>', '"', '&', '\xFF', '\x01'}) {
       std::string changed = good;
       changed[at] = byte;
-      if (const std::string told = AskReports(host, changed.c_str()); !IsAnswer(told)) return changed + ": " + told;
+      if (const std::string told = AskReports(host, changed.c_str()); !IsAnswer(told)) return Told(changed, told);
     }
   }
   return kAnswered;

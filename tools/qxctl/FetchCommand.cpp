@@ -150,7 +150,7 @@ Json ResumeToJson(const Options& options, const ResumeResult& result) {
 
 Status FetchResumed(Context& context, const Options& options, WorkerThread& worker) {
   ResumeResult result;
-  const Status status = RunResumedFetch(
+  Status status = RunResumedFetch(
       context, {options.report, options.state, options.output, options.print.format, options.chunk_records}, worker,
       result);
   if (!options.json) {
