@@ -72,7 +72,7 @@ Status AskForExpected(const ModuleHost& module, const LoadPlan& plan, ExpectedRe
   if (Asks(plan, RequestFunction::kGetReportInstanceNames)) {
     expected.names = worker.Call(RequestFunction::kGetReportInstanceNames, NamesRequestText(plan.report));
     std::vector<Instance> ignored;
-    const Status status = InstancesOf(expected.names, ignored);
+    Status status = InstancesOf(expected.names, ignored);
     if (!status.IsOk() && status.Code() != ExitCode::kNotFound) return status;  // that there is none is an answer, too
   }
   return Asks(plan, RequestFunction::kGetReports) ? AskForRecords(worker, plan, expected) : Status();
