@@ -17,7 +17,7 @@ namespace qx::ctl {
 inline constexpr std::size_t kCallFileMax = std::size_t{16} << 20;
 inline constexpr std::size_t kCallElementsMax = 4096;  // of a block, those inside it included
 
-// NOLINTNEXTLINE(bugprone-exception-escape): moving JSON does not throw, but its checks of itself look as if they could.
+// NOLINTNEXTLINE(bugprone-exception-escape): moving JSON does not throw, but its checks look as if they could.
 struct RecordedCall {
   std::string function;  // "What", "Reflect", "GetReports" or "GetReportInstanceNames"
   Json block;            // in the form of the file
