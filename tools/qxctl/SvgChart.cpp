@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 #include "tools/qxctl/Chart.h"
@@ -87,7 +88,7 @@ double StepValue(const Scale& scale, int step, int steps) {
 
 std::string ValueAxis(const Scale& scale) {
   std::string svg;
-  const int steps = static_cast<int>((scale.high / 2 - scale.low / 2) / scale.step * 2 + 0.5);
+  const auto steps = static_cast<int>(std::lround((scale.high / 2 - scale.low / 2) / scale.step * 2));
   for (int i = 0; i <= steps; ++i) {
     const double value = StepValue(scale, i, steps);
     svg += LineBetween(kLeft, YOf(value, scale), kRight, YOf(value, scale), "#ddd");

@@ -119,7 +119,15 @@ Finding JudgeAppend(const std::string& directory) {
   return Broken("records differ:" + Joined(found) + "\nexpected:" + Joined(Expected(kBefore)));
 }
 
+// What the index file holds where the first record's slot was written and its header was not: the ring size stands
+// nowhere, so nobody can go on.
+bool HasHeaderOfZeros(const std::string& directory) {
+  const std::string index = test::Exists(Base(directory) + ".ind") ? test::ReadFile(Base(directory) + ".ind") : "";
+  return index.starts_with(std::string(24, '\0'));
+}
+
 Finding JudgeCreate(const std::string& directory) {
+  if (HasHeaderOfZeros(directory)) return Noted("the first record's header failed and its writer ended: no ring");
   const std::vector<std::string> found =
       test::Exists(Base(directory) + ".ind") && test::Exists(Base(directory) + ".dat") ? RecordsOf(directory)
                                                                                        : std::vector<std::string>();
