@@ -271,11 +271,10 @@ bool BlockFromJson(const Json& json, RawBlock& block, std::string& problem) {
   }
   if (!tag.has_value() || tag->size() > sizeof header.tag) return Fails(problem, "\"tag\" has more than four bytes");
   std::memset(header.tag, 0, sizeof header.tag);
-  std::memcpy(header.tag, tag->data(), tag->size());
+  tag->copy(header.tag, sizeof header.tag);
   RawBlock::Elements elements;
   BlockBuilder builder(block, problem);
   if (!builder.Elements(json.value("elements", Json()), 1, elements)) return false;
-  // NOLINTNEXTLINE(clang-analyzer-cplusplus.InnerPointer): nothing is kept of the text that `tag` holds.
   block.SetElements(std::move(elements));
   return true;
 }

@@ -14,6 +14,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "tools/qxctl/Doctor.h"
 #include "tools/qxctl/Text.h"
@@ -139,9 +140,11 @@ void LookAtWriters(const DoctorPlaces& places, const std::string& directory, Doc
   OpenFiles files(directory);
   files.LookAtAll(places.process_directory);
   for (const auto& [file, processes] : files.Processes()) {
-    std::string list;
-    for (const std::string& process : processes) list.append(list.empty() ? "" : ", ").append(process);
-    findings.push_back({processes.size() > 1 ? "QX405" : "QX406", file + " is open in " + list});
+    std::string text = file + " is open in ";
+    for (const std::string& process : processes) {
+      text.append(process == *processes.begin() ? "" : ", ").append(process);
+    }
+    findings.push_back({processes.size() > 1 ? "QX405" : "QX406", std::move(text)});
   }
   if (files.Unseen() > 0) {
     findings.push_back({"QX408", std::to_string(files.Unseen()) + " processes could not be looked at"});
