@@ -9,6 +9,7 @@
 //   "pointer"     null: a datum of the module's or of the host's, or no value at all
 #include <algorithm>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>

@@ -1,6 +1,7 @@
 #include "tools/qxctl/CallFile.h"
 
 #include <array>
+#include <nlohmann/json.hpp>
 #include <string_view>
 
 #include "tools/qxctl/CallFields.h"

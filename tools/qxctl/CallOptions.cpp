@@ -1,5 +1,6 @@
 #include "tools/qxctl/CallOptions.h"
 
+#include <CLI/CLI.hpp>
 #include <set>
 #include <vector>
 

@@ -1,7 +1,6 @@
 // The options that every command with a call into the module shares.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
 
@@ -9,6 +8,10 @@
 #include "tools/qxctl/RequestBlock.h"
 #include "tools/qxctl/Status.h"
 #include "tools/qxctl/TraceDirectory.h"
+
+namespace CLI {
+class App;
+}  // namespace CLI
 
 namespace qx::ctl {
 

@@ -1,5 +1,8 @@
 #include "tools/qxctl/CommandTable.h"
 
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
 namespace qx::ctl {
 
 namespace {

@@ -4,11 +4,14 @@
 // options without a group are hidden, and are not in it.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
 #include "tools/qxctl/Output.h"
+
+namespace CLI {
+class App;
+}  // namespace CLI
 
 namespace qx::ctl {
 

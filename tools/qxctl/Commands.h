@@ -1,12 +1,15 @@
 // The commands of qxctl. Each has a source file of its own, which adds its options and runs it.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
 
 #include "tools/qxctl/Output.h"
 #include "tools/qxctl/Status.h"
 #include "tools/qxctl/TraceDirectory.h"
+
+namespace CLI {
+class App;
+}  // namespace CLI
 
 namespace qx::ctl {
 

@@ -1,8 +1,10 @@
 // qxctl completion bash|zsh, and what is not for people: _reports for the completion scripts, _table and _man for the
 // build and the tests.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 

@@ -1,6 +1,8 @@
 // qxctl doctor: one line for each thing that is or might be wrong, with what to do.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "tools/qxctl/Commands.h"

@@ -1,5 +1,7 @@
 // qxctl explain: what a code or a trace line means, why it comes and what to do.
+#include <CLI/CLI.hpp>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 

@@ -1,11 +1,13 @@
 // qxctl module faults: a bad host. Each case runs in a process of its own, so a crash is a finding and nothing more.
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 

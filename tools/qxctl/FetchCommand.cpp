@@ -1,6 +1,8 @@
 // qxctl fetch NAME: a whole report through the module, to standard output or into a file.
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>

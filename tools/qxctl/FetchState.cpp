@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "reportfile/DurableFiles.h"

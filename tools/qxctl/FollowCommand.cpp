@@ -1,9 +1,11 @@
 // qxctl follow NAME: the records of a report as they appear, through the module, until ^C.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <limits>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 

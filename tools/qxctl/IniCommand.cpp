@@ -1,6 +1,8 @@
 // qxctl ini get|list: what a program that reads a profile file would find in it.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 

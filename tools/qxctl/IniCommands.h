@@ -3,6 +3,10 @@
 
 #include "tools/qxctl/Commands.h"
 
+namespace CLI {
+class App;
+}  // namespace CLI
+
 namespace qx::ctl {
 
 void AddIniEditCommands(CLI::App& ini, Context& context);  // set, delete, copy

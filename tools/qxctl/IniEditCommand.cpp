@@ -1,6 +1,8 @@
 // qxctl ini set|delete|copy: careful edits of profile files. Without --apply they say what would change.
+#include <CLI/CLI.hpp>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>

@@ -1,8 +1,10 @@
 // qxctl module load-test: what the module does under the load of many threads, and what is left of it afterwards.
+#include <CLI/CLI.hpp>
 #include <cstdarg>
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 #include <vector>

@@ -1,5 +1,7 @@
 #include "tools/qxctl/LookEvents.h"
 
+#include <nlohmann/json.hpp>
+
 namespace qx::ctl {
 
 using report::LookEvent;

@@ -1,6 +1,8 @@
 // qxctl module what|reflect|reports|names: one call into the module, with the reply, the result and how long it took.
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 

@@ -1,5 +1,7 @@
 // qxctl names NAME: the instance names of a report, through the module.
+#include <CLI/CLI.hpp>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 

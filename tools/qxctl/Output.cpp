@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 
 #include "tools/qxctl/WriteAll.h"
 

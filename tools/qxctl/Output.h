@@ -1,7 +1,7 @@
 // The one place where qxctl prints: data goes to standard output, everything else to standard error.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 

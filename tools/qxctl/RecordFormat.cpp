@@ -1,7 +1,9 @@
 #include "tools/qxctl/RecordFormat.h"
 
+#include <CLI/CLI.hpp>
 #include <limits>
 #include <map>
+#include <nlohmann/json.hpp>
 
 #include "tools/qxctl/Text.h"
 

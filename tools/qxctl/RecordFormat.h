@@ -1,13 +1,16 @@
 // Records as text, JSON lines or CSV.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "tools/qxctl/Output.h"
+
+namespace CLI {
+class App;
+}  // namespace CLI
 
 namespace qx::ctl {
 

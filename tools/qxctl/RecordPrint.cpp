@@ -1,5 +1,6 @@
 #include "tools/qxctl/RecordPrint.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 
 #include "tools/qxctl/Chart.h"

@@ -1,13 +1,17 @@
 // How a command prints records: in a format, or as a chart of one of their fields.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "tools/qxctl/FieldSeries.h"
 #include "tools/qxctl/RecordFormat.h"
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
 
 namespace qx::ctl {
 

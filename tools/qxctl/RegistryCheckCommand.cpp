@@ -1,5 +1,7 @@
 // qxctl registry diff|export|lint: registry files beside one another, parts of one, and what a load makes of one.
+#include <CLI/CLI.hpp>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>

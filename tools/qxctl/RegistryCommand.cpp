@@ -1,7 +1,9 @@
 // qxctl registry: the registry as a process that loads it now would see it. Here is what only looks; what changes it
 // and what compares it have files of their own.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <utility>

@@ -7,6 +7,10 @@
 #include "registry/RegistryPaths.h"
 #include "tools/qxctl/Commands.h"
 
+namespace CLI {
+class App;
+}  // namespace CLI
+
 namespace qx::ctl {
 
 // Which registry a command works on.

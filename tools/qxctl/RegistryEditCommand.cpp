@@ -2,6 +2,7 @@
 //
 // The file is written by the key's own dumpNode, read again through the class and compared before it takes the place of
 // the old one. It is not saved by a handle: that hides failures, and leaves no registry between its two renames.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>

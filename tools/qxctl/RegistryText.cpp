@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "tools/qxctl/Settings.h"

@@ -1,7 +1,9 @@
 // qxctl module replay: makes the calls of files again and compares what comes back, byte for byte.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 

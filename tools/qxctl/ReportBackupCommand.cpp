@@ -1,7 +1,9 @@
 // qxctl report backup|restore: the whole report directory, copied away and put back.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 

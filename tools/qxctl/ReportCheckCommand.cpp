@@ -1,6 +1,8 @@
 // qxctl report verify|salvage: is a report sound, and what of a damaged one can be saved.
+#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <system_error>
 #include <utility>

@@ -1,10 +1,13 @@
 // The commands of qxctl report that check, save, back up and restore reports; ReportCommand.cpp adds them to its own.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 
 #include "tools/qxctl/Commands.h"
+
+namespace CLI {
+class App;
+}  // namespace CLI
 
 namespace qx::ctl {
 

@@ -1,5 +1,6 @@
 #include "tools/qxctl/Settings.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 
 namespace qx::ctl {

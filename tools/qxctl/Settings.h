@@ -2,13 +2,16 @@
 // careful replacement of the file, and changes shown as lines with "-" and "+".
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <string_view>
 
 #include "base/FileReplacement.h"
 #include "tools/qxctl/Output.h"
 #include "tools/qxctl/Status.h"
+
+namespace CLI {
+class App;
+}  // namespace CLI
 
 namespace qx::ctl {
 

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "tools/qxctl/Chart.h"
 #include "tools/qxctl/FieldSeries.h"

@@ -1,6 +1,7 @@
 #include "tools/qxctl/Text.h"
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "markup/Markup.h"
 

@@ -1,6 +1,8 @@
 // qxctl trace show|follow|config: trace files read back, and where the settings of the traces come from.
 #include "tools/qxctl/TraceCommands.h"
 
+#include <CLI/CLI.hpp>
+
 namespace qx::ctl {
 
 void AddTraceFilterOptions(CLI::App& command, TraceFilterOptions& options) {

@@ -1,10 +1,12 @@
 // The parts of qxctl trace, each in a source of its own.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include "tools/qxctl/Commands.h"
 #include "tools/qxctl/TraceText.h"
+
+namespace CLI {
+class App;
+}  // namespace CLI
 
 namespace qx::ctl {
 

@@ -1,6 +1,8 @@
 // qxctl trace config: each setting of the traces, and which file, section or variable it comes from.
+#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "debug/TraceSettingSources.h"
 #include "tools/qxctl/TraceCommands.h"

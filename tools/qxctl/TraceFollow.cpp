@@ -1,11 +1,13 @@
 // qxctl trace follow: the entries of a trace file as they are written, across wraps and restarts, until ^C.
 #include "debug/TraceFollow.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "tools/qxctl/Interrupt.h"
 #include "tools/qxctl/TraceCommands.h"

@@ -1,9 +1,11 @@
 // qxctl trace show: the entries of one trace file, or of all in a directory, in the order of time.
 #include <sys/stat.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "tools/qxctl/TraceCommands.h"

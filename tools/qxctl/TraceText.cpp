@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "tools/qxctl/Text.h"
 
