@@ -102,6 +102,12 @@ void Feed(int& descriptor, std::string& input) {
   if (count < 0 || input.empty()) CloseIfOpen(descriptor);
 }
 
+// What is tested: what the build made, unless the environment names an installed file.
+std::string Chosen(const char* variable, const char* built) {
+  const char* named = std::getenv(variable);
+  return named != nullptr ? named : built;
+}
+
 }  // namespace
 
 Child::Child(const std::vector<std::string>& command, const Start& start) : input_(start.input) {
@@ -158,8 +164,8 @@ Ran Child::Wait() {
   return ran;
 }
 
-std::string QxctlPath() { return QX_QXCTL; }
-std::string ModulePath() { return QX_MODULE_FILE; }
+std::string QxctlPath() { return Chosen("QX_TESTED_QXCTL", QX_QXCTL); }
+std::string ModulePath() { return Chosen("QX_TESTED_MODULE", QX_MODULE_FILE); }
 std::string FakeModulePath() { return QX_FAKE_MODULE; }
 
 QxctlFixture::QxctlFixture() { std::filesystem::create_directory(dir_.File("Reports")); }
