@@ -40,7 +40,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
 endif()
 
 if(QX_SANITIZE STREQUAL "address")
-  target_compile_options(qx_flags INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_compile_options(qx_flags INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
+    $<$<BOOL:$<TARGET_PROPERTY:QX_COMPILE_FAST>>:-fno-sanitize=null,alignment>)
   target_link_options(qx_flags INTERFACE -fsanitize=address,undefined)
 elseif(QX_SANITIZE STREQUAL "thread")
   target_compile_options(qx_flags INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
@@ -94,9 +95,7 @@ function(qx_compile_fast target)
   if(QX_SANITIZE)
     target_compile_options(${target} PRIVATE -O0 -g1)
   endif()
-  if(QX_SANITIZE STREQUAL "address")
-    target_compile_options(${target} PRIVATE -fno-sanitize=null,alignment)
-  endif()
+  set_target_properties(${target} PROPERTIES QX_COMPILE_FAST ON)
 endfunction()
 
 # qx_test(NAME SOURCES a.cpp... DEPS qx_lib...): one GoogleTest program, one ctest test, run in shuffled order.

@@ -20,7 +20,11 @@ namespace qx::ctl {
 namespace {
 
 constexpr std::uint64_t kRequestsDefault = 10000;
+#ifdef __SANITIZE_ADDRESS__  // whose allocator takes fresh memory for each thread and size, and keeps freed memory back
+constexpr std::uint64_t kGrowthDefault = std::uint64_t{512} * 1024;
+#else
 constexpr std::uint64_t kGrowthDefault = 4096;
+#endif
 constexpr std::size_t kBytesPerKilobyte = 1024;
 constexpr double kBytesPerMegabyte = 1024.0 * 1024.0;
 constexpr double kNanosecondsPerSecond = 1e9;
