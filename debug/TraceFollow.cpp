@@ -7,7 +7,8 @@
 
 namespace qx::debug {
 
-TraceFollower::TraceFollower(std::string path, bool from_now) : path_(std::move(path)), from_now_(from_now) {}
+TraceFollower::TraceFollower(std::string path, bool from_now, std::chrono::milliseconds settled)
+    : path_(std::move(path)), from_now_(from_now), settled_(settled) {}
 TraceFollower::~TraceFollower() = default;
 
 int TraceFollower::Open() {
@@ -24,7 +25,7 @@ int TraceFollower::Open() {
 void TraceFollower::ChooseKind() {
   file_->TakeSize();
   if (file_->Size() != 0) {
-    follower_ = IsTraceRing(*file_) ? MakeRingFollower(from_now_) : MakeLogFollower(from_now_);
+    follower_ = IsTraceRing(*file_) ? MakeRingFollower(from_now_) : MakeLogFollower(from_now_, settled_);
   }
   from_now_ = false;  // whatever comes later is new
 }
@@ -34,9 +35,10 @@ TraceLook TraceFollower::Look() {
   const bool is_same = IsSameFile(look.is_missing);
   file_->TakeSize();
   if (follower_ == nullptr && is_same) ChooseKind();
-  if (follower_ != nullptr) follower_->Look(*file_, look);
-  if (is_same || look.is_missing) return look;
-  if (follower_ != nullptr) follower_->Look(*file_, look);  // what was held back
+  const bool is_last = !is_same && !look.is_missing;
+  if (follower_ != nullptr) follower_->Look(*file_, is_last, look);
+  if (!is_last) return look;
+  if (look.is_pending) follower_->Look(*file_, is_last, look);  // a ring that was being written
   if (Open() != 0) return look;
   TraceFollowEvent restart;
   restart.kind = TraceFollowEvent::Kind::kRestart;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 #include "debug/TraceFollow.h"
@@ -13,14 +14,25 @@ namespace {
 
 constexpr std::size_t kFingerprintBytes = 256;
 constexpr std::size_t kSameBytesMin = 4096;  // longer than any entry: where so much is as it was, nothing is new
+constexpr std::size_t kGrowthBytes = 65536;  // that a file may have grown by while it is read
 constexpr int kReadsMax = 10;
 
+// Reads from the beginning to where the file ends when the end is read, not when the reading began: the end of a cycle
+// may be written meanwhile, and the wrap behind it is in the bytes that were read first.
 bool ReadWhole(const TraceFile& file, std::string& bytes) {
   const auto status = file.Status();
-  if (!status.has_value() || static_cast<std::uint64_t>(status->st_size) > kFollowedBytesMax) return false;
-  bytes.resize(static_cast<std::size_t>(status->st_size));
-  bytes.resize(file.ReadAt(0, bytes.data(), bytes.size()));
-  return true;
+  if (!status.has_value()) return false;
+  std::size_t size = 0;
+  bytes.resize(static_cast<std::size_t>(status->st_size) + kGrowthBytes);
+  while (bytes.size() <= kFollowedBytesMax + kGrowthBytes) {
+    size += file.ReadAt(size, bytes.data() + size, bytes.size() - size);
+    if (size < bytes.size()) {
+      bytes.resize(size);
+      return true;
+    }
+    bytes.resize(size + kGrowthBytes);
+  }
+  return false;
 }
 
 std::uint64_t EndOfLastLine(const std::string& bytes) { return bytes.rfind('\n') + 1; }
@@ -42,9 +54,10 @@ TraceRange NewRange(std::uint64_t begin, std::uint64_t end) {
 
 class LogFollower final : public TraceFileFollower {
  public:
-  explicit LogFollower(bool from_now) : from_now_(from_now) {}
+  LogFollower(bool from_now, std::chrono::milliseconds settled) : from_now_(from_now), settled_(settled) {}
 
-  void Look(const TraceFile& file, TraceLook& look) override {
+  void Look(const TraceFile& file, bool is_last, TraceLook& look) override {
+    is_last_ = is_last;
     if (!has_started_ || HasChanged(file) || !held_.empty()) ReadAndGive(file, look);
     look.is_pending = !held_.empty();
   }
@@ -149,8 +162,10 @@ class LogFollower final : public TraceFileFollower {
     const TraceLayout layout = FindLogLayout(source);
     std::uint64_t older_begin = now.size();
     for (const TraceRange& range : layout.ranges) {
-      if (range.kind != TraceRange::Kind::kEntries || range.part == TracePart::kHead) continue;
-      if (range.part == TracePart::kOlder) older_begin = range.begin;
+      // Lines that may belong to the newest entry come when the next one tells.
+      const bool is_undecided = range.kind == TraceRange::Kind::kPiece && range.part == TracePart::kNewest;
+      if (is_undecided || range.kind == TraceRange::Kind::kGap || range.part == TracePart::kHead) continue;
+      if (range.part == TracePart::kOlder) older_begin = std::min(older_begin, range.begin);
       plan.ranges.push_back(range);
     }
     plan.end = layout.newest_end;
@@ -197,8 +212,8 @@ class LogFollower final : public TraceFileFollower {
     has_started_ = true;
   }
 
-  // Takes the last entry off the range unless the look before has seen it as it is; moves `end` to its beginning.
-  std::string HoldNewest(const std::string& now, TraceRange& range, std::uint64_t& end) const {
+  // Takes the last entry off the range unless it has stood there as it is for a while; moves `end` to its beginning.
+  std::string HoldNewest(const std::string& now, TraceRange& range, std::uint64_t& end) {
     const TraceMemory source(now);
     std::uint64_t entry_begin = range.begin;
     TraceLineReader reader(source, range.begin, range.end);
@@ -206,7 +221,13 @@ class LogFollower final : public TraceFileFollower {
       if (!line.is_rest && ParseTraceHeader(line.text).has_value()) entry_begin = line.begin;
     }
     std::string newest = now.substr(static_cast<std::size_t>(entry_begin), range.end - entry_begin);
-    if (entry_begin == position_ && newest == held_) return "";
+    if (is_last_) return "";
+    const auto time = std::chrono::steady_clock::now();
+    if (entry_begin != position_ || newest != held_) {
+      held_since_ = time;
+    } else if (time - held_since_ >= settled_) {
+      return "";
+    }
     range.end = end = entry_begin;
     return newest;
   }
@@ -231,10 +252,13 @@ class LogFollower final : public TraceFileFollower {
   }
 
   bool from_now_;
+  std::chrono::milliseconds settled_;
+  bool is_last_ = false;
   bool has_started_ = false;
   std::string copy_;  // of the file at the last look
   std::string fingerprint_;
-  std::string held_;            // the newest entry, seen once and not given yet
+  std::string held_;  // the newest entry, seen and not given yet
+  std::chrono::steady_clock::time_point held_since_;
   std::uint64_t position_ = 0;  // everything before it, in the order of time, has been given
   std::optional<TraceWrap> wrap_;
   struct stat last_ {};
@@ -243,6 +267,8 @@ class LogFollower final : public TraceFileFollower {
 
 }  // namespace
 
-std::unique_ptr<TraceFileFollower> MakeLogFollower(bool from_now) { return std::make_unique<LogFollower>(from_now); }
+std::unique_ptr<TraceFileFollower> MakeLogFollower(bool from_now, std::chrono::milliseconds settled) {
+  return std::make_unique<LogFollower>(from_now, settled);
+}
 
 }  // namespace qx::debug

@@ -32,7 +32,7 @@ class RingFollower final : public TraceFileFollower {
  public:
   explicit RingFollower(bool from_now) : from_now_(from_now) {}
 
-  void Look(const TraceFile& file, TraceLook& look) override {
+  void Look(const TraceFile& file, bool /*is_last*/, TraceLook& look) override {
     if (file.Size() > kFollowedBytesMax) {
       look.error = EFBIG;
       return;
