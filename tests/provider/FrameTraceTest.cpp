@@ -10,23 +10,15 @@
 #include <vector>
 
 #include "provider/ModuleExports.h"
+#include "tests/provider/TraceLines.h"
 #include "tests/provider/TransferFixture.h"
 
 namespace {
 
 using qx::test::BlockBuilder;
 using qx::test::TraceCapture;
-
-struct Line {
-  int level;
-  std::string text;
-};
-using Lines = std::vector<Line>;
-
-Lines operator+(Lines lines, const Lines& more) {
-  lines.insert(lines.end(), more.begin(), more.end());
-  return lines;
-}
+using qx::test::Upto;
+using Lines = qx::test::TraceLines;
 
 // What differs from run to run: the characters of `set` behind `prefix` are shown as `mark`.
 struct Varying {
@@ -83,11 +75,7 @@ class FrameTrace : public qx::test::TransferFixture {
         call(*block);
         seen = Seen(trace);
       }
-      std::string expected;
-      for (const Line& line : lines) {
-        if (line.level <= level) expected += line.text + "\n";
-      }
-      EXPECT_EQ(seen, expected) << "level " << level;
+      EXPECT_EQ(seen, Upto(level, lines)) << "level " << level;
       delete static_cast<CThreadData*>(block->Entry(0)->value);
       pAdapterModule = nullptr;
     }

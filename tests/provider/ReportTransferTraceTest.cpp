@@ -10,6 +10,7 @@
 
 #include "debug/Debug.h"
 #include "provider/Low32.h"
+#include "tests/provider/TraceLines.h"
 #include "tests/provider/TransferFixture.h"
 
 namespace {
@@ -18,22 +19,10 @@ using qx::provider::CurrentThreadLow32;
 using qx::provider::TransferOptions;
 using qx::test::ServiceThread;
 using qx::test::TraceCapture;
-
-struct Line {
-  int level;
-  std::string text;
-};
-using Lines = std::vector<Line>;
+using qx::test::Upto;
+using Lines = qx::test::TraceLines;
 
 constexpr int kLevelMax = 6;
-
-std::string Upto(int level, const Lines& lines) {
-  std::string text;
-  for (const Line& line : lines) {
-    if (line.level <= level) text += line.text + "\n";
-  }
-  return text;
-}
 
 // The captured lines without those of the floors below, and with addresses and thread ids as marks.
 std::string Seen(const TraceCapture& trace, const void* thread_data) {
@@ -52,11 +41,6 @@ std::string Seen(const TraceCapture& trace, const void* thread_data) {
   mark("hreadId=" + thread_id, "hreadId=THREAD");
   mark("current thread ID = " + thread_id, "current thread ID = THREAD");
   return text;
-}
-
-Lines operator+(Lines lines, const Lines& more) {
-  lines.insert(lines.end(), more.begin(), more.end());
-  return lines;
 }
 
 const Lines kNewThreadData = {
