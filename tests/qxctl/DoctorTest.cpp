@@ -151,7 +151,8 @@ TEST_F(QxctlDoctor, Qx105TheModuleOrItsDirectoryIsOpenToAll) {
 }
 
 TEST_F(QxctlDoctor, Qx106AnotherModuleThanTheInstalledOneIsInformation) {
-  EXPECT_THAT(Found(), Has("QX106 info looked at " + ModulePath()));
+  fs::copy_file(ModulePath(), Dir().File("another.so"));
+  EXPECT_THAT(Found({"--module", Dir().File("another.so")}), Has("QX106 info looked at " + Dir().File("another.so")));
 }
 
 TEST_F(QxctlDoctor, Qx201ThereIsNoRegistry) {

@@ -1,4 +1,4 @@
-// Stands in front of every source of a mutation build. A mutant is an expression of the form
+// Stands in front of every source that has mutants. A mutant is an expression of the form
 //   (qx_mutant(17) ? changed : original)
 // and the environment variable QX_MUTANT says which one is alive: one build holds them all.
 #pragma once
