@@ -321,6 +321,22 @@ TEST(TraceFollowRestart, NewestEntryOfAFileThatIsReplacedIsNotHeldBack) {
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n"));
 }
 
+// A log grows while it is read: the size from before tells less than there is. Files of /proc say that they hold
+// nothing.
+TEST(TraceFollowRestart, LogIsReadToItsEndWhateverItsSizeWasBefore) {
+  debug::TraceFile file;
+  ASSERT_EQ(file.Open("/proc/version"), 0);
+  ASSERT_EQ(file.Status().value().st_size, 0);
+  const auto follower = debug::MakeLogFollower(false, {});
+  std::string text;
+  for (int i = 0; i < 2; ++i) {
+    debug::TraceLook look;
+    follower->Look(file, false, look);
+    for (const TraceFollowEvent& event : look.events) text += TextOf(event.entry);
+  }
+  EXPECT_EQ(text, ReadFile("/proc/version"));
+}
+
 TEST(TraceFollowRestart, EntryThatIsBeingWrittenOverOlderBytesIsGivenOnceItIsWhole) {
   Writer writer(4000);
   writer.Write(100);
