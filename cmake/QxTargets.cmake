@@ -31,6 +31,10 @@ if(QX_REPRODUCIBLE)  # off while developing: the compiler cache shares objects b
 endif()
 # POSIX and GNU interfaces are used throughout (close_range, pthread_t printing, program_invocation_short_name).
 target_compile_definitions(qx_flags INTERFACE _GNU_SOURCE)
+if(QX_COVERAGE)
+  target_compile_definitions(qx_flags INTERFACE QX_COUNTS_COVERAGE)
+  target_link_options(qx_flags INTERFACE --coverage)
+endif()
 target_include_directories(qx_flags INTERFACE ${PROJECT_SOURCE_DIR})
 target_link_libraries(qx_flags INTERFACE Threads::Threads)
 
@@ -62,12 +66,20 @@ if(QX_BUILD_FUZZ)
   target_link_options(qx_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
+# Only what is tested counts what is run of it: the tests themselves compile and run faster without.
+function(qx_count_coverage target)
+  if(QX_COVERAGE)
+    target_compile_options(${target} PRIVATE --coverage -fprofile-update=atomic)
+  endif()
+endfunction()
+
 # qx_library(NAME SOURCES a.cpp... DEPS qx_other...): a subsystem library. It sees only what it links. The flags are this
 # build's own: they do not follow an installed library into other people's programs.
 function(qx_library name)
   cmake_parse_arguments(arg "" "" "SOURCES;DEPS" ${ARGN})
   add_library(${name} STATIC ${arg_SOURCES})
   target_link_libraries(${name} PUBLIC $<BUILD_INTERFACE:qx_flags> ${arg_DEPS})
+  qx_count_coverage(${name})
 endfunction()
 
 # The headers of nearly every test, which g++ reads once for all of them: with a sanitizer that is a third of the work. A

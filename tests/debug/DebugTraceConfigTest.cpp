@@ -420,7 +420,7 @@ int InPrivateEtc(const Body& body) {
   if (child == 0) {
     try {
       if (!MakeEtcPrivate(user, group)) ::_exit(kNotAllowed);
-      ::_exit(body() ? 0 : 1);
+      qx::test::EndChild(body() ? 0 : 1);
     } catch (const std::exception& error) {
       std::fprintf(stderr, "%s\n", error.what());
       ::_exit(2);

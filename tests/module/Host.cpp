@@ -54,7 +54,7 @@ std::string ReadToEnd(int file) {
   }
   WriteAll(to_parent, text);
   const bool leaks = __lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0;
-  _exit(leaks ? 23 : 0);
+  EndChild(leaks ? 23 : 0);
 }
 
 std::string StatusText(int status) {

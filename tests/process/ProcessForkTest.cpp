@@ -50,7 +50,7 @@ bool ForbidForks() {
 // The exit status of a child that runs `body` and may then start no process itself.
 int InChildWithoutForks(const std::function<int()>& body) {
   const pid_t child = fork();
-  if (child == 0) _exit(ForbidForks() ? body() : 77);
+  if (child == 0) qx::test::EndChild(ForbidForks() ? body() : 77);
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);

@@ -44,7 +44,7 @@ int InChild(const std::function<int()>& body) {
   const pid_t child = fork();
   if (child == 0) {
     try {
-      _exit(body());
+      qx::test::EndChild(body());
     } catch (const std::exception& error) {
       std::fprintf(stderr, "%s\n", error.what());
       _exit(99);  // it must not return into the test run

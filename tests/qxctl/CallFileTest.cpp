@@ -4,7 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include "tests/support/Support.h"
 #include "tools/qxctl/CallDiff.h"
@@ -93,6 +95,21 @@ TEST(CallFile, ABlockBuiltFromAFileShowsAsTheSameFile) {
   ASSERT_TRUE(BlockFromJson(json, block, problem)) << problem;
   EXPECT_EQ(BlockToJson(*block.Raw()).dump(2), json.dump(2));
   ASSERT_NE(block.ProviderData(), nullptr);
+}
+
+TEST(CallFile, AListAndValidationDataAreKnownByTheirIndexWhateverTheirTypeSays) {
+  for (const std::int32_t type : std::vector<std::int32_t>{kKrxTypeUint8, kKrxTypeUint16, kKrxTypeUint32, 3, 77}) {
+    RawBlock block;
+    block.SetElements({block.Element(19, type, block.List({block.Text(25, kKrxTypeString, "u")})),
+                       block.Element(65, type, block.Validation(nullptr))});
+    const Json json = BlockToJson(*block.Raw());
+    EXPECT_EQ(json["elements"][0]["list"].size(), 1U) << json;
+    EXPECT_TRUE(json["elements"][1].contains("validation")) << json;
+    RawBlock again;
+    std::string problem;
+    ASSERT_TRUE(BlockFromJson(json, again, problem)) << problem;
+    EXPECT_EQ(BlockToJson(*again.Raw()), json);
+  }
 }
 
 TEST(CallFile, TheWorkedExampleIsWhatIsWritten) {

@@ -11,6 +11,10 @@
 
 #include "debug/Debug.h"
 
+#ifdef QX_COUNTS_COVERAGE
+extern "C" void __gcov_dump();
+#endif
+
 namespace qx::test {
 
 namespace {
@@ -49,6 +53,13 @@ std::vector<std::string_view> Lines(std::string_view text) {
 }
 
 }  // namespace
+
+void EndChild(int status) {
+#ifdef QX_COUNTS_COVERAGE
+  __gcov_dump();  // an ordinary exit would do it
+#endif
+  _exit(status);
+}
 
 TempDir::TempDir() {
   std::string pattern = (std::filesystem::temp_directory_path() / "qx-test-XXXXXX").string();

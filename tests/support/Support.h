@@ -38,6 +38,9 @@ std::string DocExample(const std::string& page, const std::string& name);
 // A seed for randomised tests: QX_TEST_SEED if set, else a fixed number, printed once for each caller.
 std::uint64_t Seed(const char* who);
 
+// Ends a forked child without the parent's clean-up. A coverage build keeps what the child has run.
+[[noreturn]] void EndChild(int status);
+
 // Sets an environment variable (null: unsets it) and restores the old value at the end of the scope.
 class ScopedEnv {
  public:

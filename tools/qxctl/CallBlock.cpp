@@ -94,13 +94,13 @@ void SetValue(Json& json, const krx_element& element, int depth) {
     SetText(json, "text", element.value);
   } else if (element.value == nullptr || depth > kNestingMax) {  // NOLINT(bugprone-branch-clone): the order decides
     json["pointer"] = nullptr;
-  } else if (const std::size_t bytes = NumberBytes(element.index, element.type); bytes > 0) {
-    json["number"] = NumberAt(element.value, bytes);
-  } else if (IsList(element.index)) {
+  } else if (IsList(element.index)) {  // whatever its type says: a module goes by the index
     const auto* const list = static_cast<const krx_element_list*>(element.value);
     json["list"] = ArrayToJson(list->elements, list->element_count, depth + 1);
   } else if (element.index == kKrxValidationData) {
     json["validation"] = ValidationToJson(*static_cast<const krx_validation_data*>(element.value));
+  } else if (const std::size_t bytes = NumberBytes(element.index, element.type); bytes > 0) {
+    json["number"] = NumberAt(element.value, bytes);
   } else if (element.type == kKrxTypeNested) {
     json["blocks"] = ChainToJson(static_cast<const krx_nested_block*>(element.value), depth + 1);
   } else {

@@ -14,6 +14,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "tests/support/Support.h"
+
 #ifndef __x86_64__
 #error "the tracer knows the registers of x86-64 only"
 #endif
@@ -158,7 +160,7 @@ class Tracer {
   alarm(seconds);
   if (watched && ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(97);
   body();
-  _exit(0);
+  test::EndChild(0);
 }
 
 int WaitFor(pid_t child) {
