@@ -10,8 +10,10 @@ namespace qx::report {
 
 std::int64_t FileBytes::Size() {
   struct stat status = {};
-  if (file_ == nullptr || fstat(fileno(file_.get()), &status) != 0) return 0;
-  return status.st_size;
+  if (file_ == nullptr) return 0;
+  if (fstat(fileno(file_.get()), &status) == 0) return status.st_size;
+  if (error_ == 0) error_ = errno;
+  return 0;
 }
 
 std::size_t FileBytes::ReadAt(std::int64_t offset, void* to, std::size_t size) {

@@ -1,12 +1,12 @@
 #include "reportfile/DurableFiles.h"
 
 #include <fcntl.h>
+#include <ftw.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <utility>
 
@@ -162,14 +162,26 @@ CopiedFile CopyRegularFile(const std::string& from, const std::string& to) {
   return copy;
 }
 
+namespace {
+
+constexpr int kOpenDirectoriesMax = 16;
+
+int RemoveEntry(const char* path, const struct stat* /*status*/, int /*kind*/, struct FTW* /*place*/) {
+  (void)std::remove(path);
+  return 0;  // on with the others
+}
+
+}  // namespace
+
 PrivateDirectory::PrivateDirectory(const std::string& prefix) : path_(prefix + "XXXXXX") {
   is_ours_ = mkdtemp(path_.data()) != nullptr;
   if (!is_ours_) error_ = errno;
 }
 
+// What cannot be removed stays, under a name that nobody takes for the real thing. The language's own walk through a
+// directory ends the program when memory has run out.
 PrivateDirectory::~PrivateDirectory() {
-  std::error_code ignored;  // what cannot be removed stays under a name that nobody takes for the real thing
-  if (is_ours_) std::filesystem::remove_all(path_, ignored);
+  if (is_ours_) (void)nftw(path_.c_str(), RemoveEntry, kOpenDirectoriesMax, FTW_DEPTH | FTW_PHYS);
 }
 
 }  // namespace qx::report

@@ -11,6 +11,7 @@
 #include <system_error>
 #include <utility>
 
+#include "reportfile/DirectoryListing.h"
 #include "reportfile/DurableFiles.h"
 #include "reportfile/StoreCopy.h"
 #include "reportfile/StoreFormat.h"
@@ -46,21 +47,34 @@ struct Listing {
   std::vector<std::string> others;
 };
 
-int ListFiles(const fs::path& directory, Listing* listing) {
-  std::error_code error;
-  fs::recursive_directory_iterator entry(directory, error);
-  for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-    std::string name = entry->path().lexically_relative(directory).string();
-    std::error_code ignored;  // a name that has gone meanwhile is none of the kinds
-    if (entry->is_directory(ignored) && !entry->is_symlink(ignored)) {
-      listing->directories.push_back(std::move(name));
-    } else if (entry->is_regular_file(ignored)) {
-      listing->files.push_back(std::move(name));
-    } else {
-      listing->others.push_back(std::move(name));
+// True for a directory whose entries are still to be listed. A name that has gone meanwhile is none of the kinds.
+bool AddName(const std::string& directory, const std::string& name, Listing* listing) {
+  const std::string path = PathIn(directory, name);
+  struct stat status = {};
+  const bool is_there = lstat(path.c_str(), &status) == 0;
+  const bool is_directory = is_there && S_ISDIR(status.st_mode);
+  const bool is_file = is_there && stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+  (is_directory ? listing->directories : is_file ? listing->files : listing->others).push_back(name);
+  return is_directory;
+}
+
+// Not with the language's own iterator, which ends the program when memory runs out.
+int ListFiles(const std::string& directory, Listing* listing) {
+  std::vector<std::string> open = {""};  // below `directory`
+  while (!open.empty()) {
+    const std::string parent = std::move(open.back());
+    open.pop_back();
+    const bool is_top = parent.empty();
+    const std::string path = is_top ? directory : PathIn(directory, parent);
+    std::vector<std::string> names;
+    const int error = ListDirectory(path.c_str(), is_top ? FinalLink::kFollowed : FinalLink::kRefused, names);
+    if (error != 0) return error;
+    for (const std::string& name : names) {
+      const std::string below = is_top ? name : PathIn(parent, name);
+      if (AddName(directory, below, listing)) open.push_back(below);
     }
   }
-  return error.value();
+  return 0;
 }
 
 void AddFiles(const std::vector<std::string>& files, std::vector<BackupItem>* items) {

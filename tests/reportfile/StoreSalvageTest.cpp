@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <random>
 #include <set>
@@ -39,6 +41,20 @@ void SetSlot(StoreBytes& store, std::uint32_t slot, std::uint32_t offset) {
 }
 
 }  // namespace
+
+// A salvage that took such a file for an empty one would call itself done.
+TEST(FileBytes, AFileWhoseSizeCannotBeToldIsAnErrorAndNotAnEmptyFile) {
+  const TempDir dir;
+  WriteFile(dir.File("data"), "some bytes");
+  report::FileBytes bytes(std::fopen(dir.File("data").c_str(), "r"));
+  ASSERT_EQ(bytes.Size(), 10);
+  const int kept = ::dup(::fileno(bytes.File()));
+  ASSERT_EQ(::close(::fileno(bytes.File())), 0);
+  EXPECT_EQ(bytes.Size(), 0);
+  EXPECT_EQ(bytes.Error(), EBADF);
+  ASSERT_NE(::dup2(kept, ::fileno(bytes.File())), -1);  // for the object to close
+  ::close(kept);
+}
 
 TEST(StoreSalvage, ASoundStoreComesBackInAgeOrder) {
   SalvageCounts counts;

@@ -21,7 +21,7 @@ std::vector<Scenario> AllScenarios() {
   std::vector<Scenario> all;
   for (const auto& part :
        {qx::trust::ConfigurationScenarios(), qx::trust::StoreScenarios(), qx::trust::DirectoryScenarios(),
-        qx::trust::TraceScenarios(), qx::trust::ModuleScenarios()}) {
+        qx::trust::ReportToolScenarios(), qx::trust::TraceScenarios(), qx::trust::ModuleScenarios()}) {
     all.insert(all.end(), part.begin(), part.end());
   }
   return all;

@@ -37,6 +37,7 @@ void Spare(int descriptor);
 std::vector<Scenario> ConfigurationScenarios();
 std::vector<Scenario> StoreScenarios();
 std::vector<Scenario> DirectoryScenarios();
+std::vector<Scenario> ReportToolScenarios();
 std::vector<Scenario> TraceScenarios();
 std::vector<Scenario> ModuleScenarios();
 
