@@ -77,7 +77,7 @@ TEST_F(ModuleLifecycle, ThousandLoadsAndUnloadsLeaveNothingBehind) {
       grown << "descriptors " << before.descriptors << " => " << after.descriptors << "\n";
     }
     // A sanitizer keeps freed memory and its own records of every load; only its leak check at the end says anything.
-    // Neighbours that the kernel shows as one may come apart; a load that left something would leave it a thousand times.
+    // Neighbours that the kernel shows as one may come apart; a load that left something would do so a thousand times.
     if (!kSanitized && after.mappings > before.mappings + 4) {
       grown << "mappings " << before.mappings << " => " << after.mappings << "\n";
     }
