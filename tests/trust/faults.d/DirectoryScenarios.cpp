@@ -1,4 +1,7 @@
 // Directory trees: copy and restore.
+#include <unistd.h>
+
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -90,6 +93,7 @@ void PrepareRestore(const std::string& directory) {
       directory + "/registry",
       "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\nReportRoot=s=" +
           directory + "/to\n\n\n\n\n\n\n\n");
+  if (chdir(directory.c_str()) != 0) std::abort();  // without a registry it goes to Reports here
   registry_directory = directory;
   registry::StartAfresh(registry_directory.c_str());
 }
