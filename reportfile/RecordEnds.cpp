@@ -125,10 +125,12 @@ std::size_t CountTextEnds(std::string_view bytes) {
       CountTextEndsPlain);
 }
 
+std::size_t CountTextEndsAndBracketsNarrow(std::string_view bytes) {
+  return CountTextEndsNarrow(bytes) + static_cast<std::size_t>(std::count(bytes.begin(), bytes.end(), ']'));
+}
+
 std::size_t CountTextEndsAndBrackets(std::string_view bytes) {
-  if (!HasWideBlocks()) {
-    return CountTextEndsNarrow(bytes) + static_cast<std::size_t>(std::count(bytes.begin(), bytes.end(), ']'));
-  }
+  if (!HasWideBlocks()) return CountTextEndsAndBracketsNarrow(bytes);
   return CountInStretches<kWideBlock>(
       bytes, [](const char* at, std::size_t blocks) { return CountWideBlocks(at, blocks, kTextEndsAndBracket); },
       CountTextEndsAndBracketsPlain);
@@ -139,6 +141,7 @@ std::size_t CountTextEndsAndBrackets(std::string_view bytes) {
 std::size_t FindTextEnd(std::string_view bytes) { return FindTextEndPlain(bytes); }
 std::size_t CountTextEndsNarrow(std::string_view bytes) { return CountTextEndsPlain(bytes); }
 std::size_t CountTextEnds(std::string_view bytes) { return CountTextEndsPlain(bytes); }
+std::size_t CountTextEndsAndBracketsNarrow(std::string_view bytes) { return CountTextEndsAndBracketsPlain(bytes); }
 std::size_t CountTextEndsAndBrackets(std::string_view bytes) { return CountTextEndsAndBracketsPlain(bytes); }
 
 #endif

@@ -30,6 +30,7 @@ inline constexpr std::string_view kEndOfFile = "\xFF";
 [[nodiscard]] std::size_t CountTextEndsPlain(std::string_view bytes);
 [[nodiscard]] std::size_t CountTextEndsAndBracketsPlain(std::string_view bytes);
 [[nodiscard]] std::size_t CountTextEndsNarrow(std::string_view bytes);
+[[nodiscard]] std::size_t CountTextEndsAndBracketsNarrow(std::string_view bytes);
 
 // How much of a record's text stands in a piece of the data file, and whether it ends there.
 //   "ab\r\ncd"   => 4 bytes, the last

@@ -15,6 +15,7 @@ namespace {
 void ExpectCountsAgree(std::string_view bytes) {
   EXPECT_EQ(CountTextEndsNarrow(bytes), CountTextEndsPlain(bytes));
   EXPECT_EQ(CountTextEndsAndBrackets(bytes), CountTextEndsAndBracketsPlain(bytes));
+  EXPECT_EQ(CountTextEndsAndBracketsNarrow(bytes), CountTextEndsAndBracketsPlain(bytes));
 }
 
 TEST(RecordEnds, PieceOfARecord) {
