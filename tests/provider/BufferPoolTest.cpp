@@ -82,6 +82,17 @@ TEST(BufferPool, TheBytesKeptAreCapped) {
   EXPECT_LE(pool.KeptBytes(), BufferPool::kKeptBytesTotalMax);
 }
 
+TEST(BufferPool, ExactlyTheBytesOfTheCapMayBeKept) {
+  constexpr std::size_t kCount = BufferPool::kKeptBytesTotalMax / BufferPool::kKeptBytesMax;
+  BufferPool pool;
+  std::vector<std::string> taken;
+  for (std::size_t i = 0; i < kCount + 1; ++i) taken.push_back(pool.Take(BufferPool::kKeptBytesMax));
+  ASSERT_EQ(taken[0].capacity(), BufferPool::kKeptBytesMax);
+  for (std::string& buffer : taken) pool.GiveBack(std::move(buffer));
+  EXPECT_EQ(pool.KeptCount(), kCount);
+  EXPECT_EQ(pool.KeptBytes(), BufferPool::kKeptBytesTotalMax);
+}
+
 TEST(BufferPool, ClearingFreesWhatIsKept) {
   BufferPool pool;
   pool.GiveBack(pool.Take(kMebibyte));
