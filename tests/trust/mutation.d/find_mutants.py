@@ -11,9 +11,10 @@ Mutant = collections.namedtuple("Mutant", "file line start end before after kind
 
 OPERATORS = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "==", "&&": "||", "||": "&&", "+": "-", "-": "+"}
 
-# Below these a change would not compile, or would be one of the program's own checks.
+# Below these a change would not compile, would be one of the program's own checks, or the size of another element of the
+# same array.
 CLOSED = {CursorKind.STATIC_ASSERT, CursorKind.ENUM_DECL, CursorKind.INIT_LIST_EXPR, CursorKind.FIELD_DECL,
-          CursorKind.TYPE_ALIAS_DECL, CursorKind.PARM_DECL}
+          CursorKind.TYPE_ALIAS_DECL, CursorKind.PARM_DECL, CursorKind.CXX_UNARY_EXPR}
 FUNCTIONS = {CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.CONSTRUCTOR, CursorKind.DESTRUCTOR,
              CursorKind.FUNCTION_TEMPLATE}
 
@@ -72,7 +73,8 @@ class Finder:
             self.add(cursor, f"static_cast<bool>({text[1:]})", "branch")
 
     def dropped_call(self, cursor):
-        self.add(cursor, "", "dropped call")
+        if cursor.spelling != "reserve":  # speed only: a text or an array grows by itself
+            self.add(cursor, "", "dropped call")
 
     def walk(self, cursor, parent, in_body):
         if cursor.location.file is not None and cursor.location.file.name != self.file:
