@@ -88,6 +88,8 @@ TEST(UnescapeText, ReferencesBecomeCharacters) {
       {"&rArr;&rarr;&prime;", "\xE2\x87\x92\xE2\x87\x92\xE2\x80\xB3"},
       {"&thetasym;", "\xCF\x91"},
       {"&#8364;&#x1F600;", "\xE2\x82\xAC\xF0\x9F\x98\x80"},
+      {"&#127;&#128;&#x7FF;&#x800;&#x10000;",
+       "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xF0\x90\x80\x80"},  // the lengths' bounds
       {"&#1114111;&#x10FFFF;", "\xF4\x8F\xBF\xBF\xF4\x8F\xBF\xBF"},
       {"&#1114112;&#x110000;&#99999999;", "&#1114112;&#x110000;&#99999999;"},
       {"&#xD800;&#xDFFF;&#55296;", "&#xD800;&#xDFFF;&#55296;"},
