@@ -53,6 +53,16 @@ TEST(LogFileSink, EntryThatCrossesTheLimitIsWholeAndTheNextCycleStartsBehindTheH
   EXPECT_EQ(qx::test::WithoutStamps(log).substr(0, wrapped.size()), wrapped);
 }
 
+TEST(LogFileSink, OpeningAnotherFileClosesTheFirst) {
+  const TempDir directory;
+  LogFileSink sink;
+  ASSERT_TRUE(sink.Open(directory.Path().c_str(), "first", 51200));
+  const std::string first = std::filesystem::directory_iterator(directory.Path())->path();
+  ASSERT_NE(DescriptorOf(first), -1);
+  ASSERT_TRUE(sink.Open(directory.Path().c_str(), "second", 51200));
+  EXPECT_EQ(DescriptorOf(first), -1);
+}
+
 TEST(LogFileSink, CountThatEqualsTheLimitDoesNotWrap) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_FILE_MAX_SIZE", std::to_string(EntryBytes(5)).c_str());

@@ -21,6 +21,14 @@ TEST(TextEncoding, ConvertsBetweenEncodings) {
   EXPECT_EQ(from_wide.Convert(std::string_view("a\0\0\0", 4)), "a");
 }
 
+// "<ESC>$B" turns to another set of characters, and the first text ends before it is turned back.
+TEST(TextEncoding, EveryTextStartsInTheInitialStateOfItsEncoding) {
+  TextEncoding conversion("UTF-8", "ISO-2022-JP");
+  ASSERT_TRUE(conversion.IsOpen());
+  EXPECT_EQ(conversion.Convert("\x1B$B$\""), "\xE3\x81\x82");
+  EXPECT_EQ(conversion.Convert("AB"), "AB");
+}
+
 TEST(TextEncoding, WhatTheTargetLacksIsCountedAndReplaced) {
   TextEncoding conversion("ISO-8859-1", "UTF-8");
   EXPECT_EQ(conversion.Convert("a\xE2\x82\xAC\xF0\x9F\x98\x80z\xC3\xA4"), "a??z\xE4");
