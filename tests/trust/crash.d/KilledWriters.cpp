@@ -173,6 +173,18 @@ class Model {
     if (records_.size() > kSlots) records_.pop_front();
   }
 
+  // On standard error: the numbers, as runs.
+  static void Tell(const char* what, const std::deque<std::uint64_t>& numbers) {
+    std::fprintf(stderr, "   %s:", what);
+    for (std::size_t begin = 0, i = 1; i <= numbers.size(); ++i) {
+      if (i < numbers.size() && numbers[i] == numbers[i - 1] + 1) continue;
+      std::fprintf(stderr, " %llu..%llu", static_cast<unsigned long long>(numbers[begin]),
+                   static_cast<unsigned long long>(numbers[i - 1]));
+      begin = i;
+    }
+    std::fputc('\n', stderr);
+  }
+
   void CountLosses(const std::deque<std::uint64_t>& found) {
     std::uint64_t lost = 0;
     for (std::size_t i = 1; i < records_.size(); ++i) {  // the oldest one may have given its place away
@@ -180,6 +192,8 @@ class Model {
     }
     losses_.lost += lost;
     if (lost == 0) ++losses_.wrong_order;
+    Tell("stored", records_);
+    Tell("found", found);
   }
 
   std::deque<std::uint64_t> records_;
