@@ -63,7 +63,8 @@ class TraceFileFollower {
 // Failure: bytes that make no sense come as pieces; a writer that is faster than the looks is told with kLost.
 class TraceFollower {
  public:
-  // With `from_now`, what stands in the file at the first look is not given. [owning thread]
+  // With `from_now`, what stands in the file at the first look is not given. `settled` is how long the newest entry of
+  // a log has to stand unchanged before it is given. [owning thread]
   TraceFollower(std::string path, bool from_now, std::chrono::milliseconds settled = kSettled);
   ~TraceFollower();
 

@@ -214,6 +214,7 @@ class LogFollower final : public TraceFileFollower {
 
   // Takes the last entry off the range unless it has stood there as it is for a while; moves `end` to its beginning.
   std::string HoldNewest(const std::string& now, TraceRange& range, std::uint64_t& end) {
+    if (is_last_) return "";
     const TraceMemory source(now);
     std::uint64_t entry_begin = range.begin;
     TraceLineReader reader(source, range.begin, range.end);
@@ -221,7 +222,6 @@ class LogFollower final : public TraceFileFollower {
       if (!line.is_rest && ParseTraceHeader(line.text).has_value()) entry_begin = line.begin;
     }
     std::string newest = now.substr(static_cast<std::size_t>(entry_begin), range.end - entry_begin);
-    if (is_last_) return "";
     const auto time = std::chrono::steady_clock::now();
     if (entry_begin != position_ || newest != held_) {
       held_since_ = time;
