@@ -166,22 +166,37 @@ namespace {
 
 constexpr int kOpenDirectoriesMax = 16;
 
-int RemoveEntry(const char* path, const struct stat* /*status*/, int /*kind*/, struct FTW* /*place*/) {
+using Visitor = int(const char*, const struct stat*, int, struct FTW*);
+
+int RemoveOrStop(const char* path, const struct stat* /*status*/, int /*kind*/, struct FTW* /*place*/) {
+  return std::remove(path) == 0 ? 0 : errno;
+}
+
+int RemoveAndGoOn(const char* path, const struct stat* /*status*/, int /*kind*/, struct FTW* /*place*/) {
   (void)std::remove(path);
-  return 0;  // on with the others
+  return 0;
+}
+
+// The language's own walk through a directory ends the program when memory has run out.
+int WalkFromLeaves(const std::string& path, Visitor* visit) {
+  return nftw(path.c_str(), visit, kOpenDirectoriesMax, FTW_DEPTH | FTW_PHYS);
 }
 
 }  // namespace
+
+int RemoveTree(const std::string& path) {
+  const int error = WalkFromLeaves(path, RemoveOrStop);
+  return error < 0 ? errno : error;
+}
 
 PrivateDirectory::PrivateDirectory(const std::string& prefix) : path_(prefix + "XXXXXX") {
   is_ours_ = mkdtemp(path_.data()) != nullptr;
   if (!is_ours_) error_ = errno;
 }
 
-// What cannot be removed stays, under a name that nobody takes for the real thing. The language's own walk through a
-// directory ends the program when memory has run out.
+// What cannot be removed stays, under a name that nobody takes for the real thing.
 PrivateDirectory::~PrivateDirectory() {
-  if (is_ours_) (void)nftw(path_.c_str(), RemoveEntry, kOpenDirectoriesMax, FTW_DEPTH | FTW_PHYS);
+  if (is_ours_) (void)WalkFromLeaves(path_, RemoveAndGoOn);
 }
 
 }  // namespace qx::report

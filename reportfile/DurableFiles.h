@@ -31,6 +31,10 @@ class ByteSource;
 // Renames, failing with EEXIST when `to` exists. [any thread]
 [[nodiscard]] int RenameWithoutReplacing(const std::string& from, const std::string& to);
 
+// Removes the file or directory and everything in it; symbolic links are removed, not followed. What cannot be removed
+// is passed over, and the first error number returned. [any thread]
+[[nodiscard]] int RemoveTree(const std::string& path);
+
 // A file that is being made: removed at the end of the scope unless it was finished.
 //
 // Threads: one thread. Failure: the first error stays and makes everything behind it do nothing.

@@ -45,17 +45,36 @@ struct Listing {
   std::vector<std::string> directories;
   std::vector<std::string> files;
   std::vector<std::string> others;
+  std::vector<BackupItem> unread;  // whose status cannot be read
 };
 
-// True for a directory whose entries are still to be listed. A name that has gone meanwhile is none of the kinds.
-bool AddName(const std::string& directory, const std::string& name, Listing* listing) {
-  const std::string path = PathIn(directory, name);
+enum class EntryKind { kFile, kDirectory, kOther };
+
+// 0 or the error number. A link is what it leads to, but none leads to a directory; one that leads nowhere is an other.
+int ReadKind(const std::string& path, EntryKind* kind) {
   struct stat status = {};
-  const bool is_there = lstat(path.c_str(), &status) == 0;
-  const bool is_directory = is_there && S_ISDIR(status.st_mode);
-  const bool is_file = is_there && stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-  (is_directory ? listing->directories : is_file ? listing->files : listing->others).push_back(name);
-  return is_directory;
+  if (lstat(path.c_str(), &status) != 0) return errno;
+  const bool is_link = S_ISLNK(status.st_mode);
+  const int error = is_link && stat(path.c_str(), &status) != 0 ? errno : 0;
+  const bool is_directory = !is_link && S_ISDIR(status.st_mode);
+  *kind = is_directory ? EntryKind::kDirectory : S_ISREG(status.st_mode) ? EntryKind::kFile : EntryKind::kOther;
+  return error == ENOENT || error == ENOTDIR || error == ELOOP ? 0 : error;
+}
+
+BackupItem Unread(const std::string& name, int error) {
+  const BackupItemState state = error == ENOENT ? BackupItemState::kGone : BackupItemState::kUnreadable;
+  return {.name = name, .kind = BackupItemKind::kFile, .state = state, .error = error};
+}
+
+// True for a directory whose entries are still to be listed.
+bool AddName(const std::string& directory, const std::string& name, Listing* listing) {
+  EntryKind kind = EntryKind::kOther;
+  const int error = ReadKind(PathIn(directory, name), &kind);
+  if (error != 0) return listing->unread.push_back(Unread(name, error)), false;
+  if (kind == EntryKind::kFile) listing->files.push_back(name);
+  if (kind == EntryKind::kDirectory) listing->directories.push_back(name);
+  if (kind == EntryKind::kOther) listing->others.push_back(name);
+  return kind == EntryKind::kDirectory;
 }
 
 // Not with the language's own iterator, which ends the program when memory runs out.
@@ -93,7 +112,8 @@ void AddFiles(const std::vector<std::string>& files, std::vector<BackupItem>* it
 bool IsMissingOrEmptyDirectory(const std::string& path) {
   std::error_code error;
   if (!fs::exists(fs::symlink_status(path, error))) return true;
-  return fs::is_directory(path, error) && fs::is_empty(path, error) && !error;
+  std::vector<std::string> names;
+  return ListDirectory(path.c_str(), FinalLink::kFollowed, names) == 0 && names.empty();
 }
 
 std::string WithoutTrailingSlashes(std::string path) {
@@ -148,7 +168,7 @@ class Backup {
   bool Copy(BackupItem& item, const std::string& directory) {
     const std::string from = PathIn(source_, item.name);
     const std::string to = PathIn(directory, item.name);
-    if (item.kind == BackupItemKind::kSkipped) return true;
+    if (item.kind == BackupItemKind::kSkipped || item.state != BackupItemState::kCopied) return true;
     return item.kind == BackupItemKind::kStore ? CopyReport(item, from, to) : CopyFile(item, from, to);
   }
 
@@ -230,6 +250,7 @@ ReportTree ListReports(const std::string& directory) {
   tree.error = ListFiles(directory, &listing);
   tree.directories = std::move(listing.directories);
   std::sort(tree.directories.begin(), tree.directories.end());  // so each comes before what it holds
+  tree.items = std::move(listing.unread);
   AddFiles(listing.files, &tree.items);
   for (std::string& name : listing.others) {
     tree.items.push_back({.name = std::move(name), .kind = BackupItemKind::kSkipped});

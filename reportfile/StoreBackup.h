@@ -23,7 +23,7 @@ enum class BackupItemState {
   kDamaged,     // copied, and the copy has findings
   kNeverStill,  // not copied: its writer overwrote it faster than it could be read, or a file kept changing
   kGone,        // not copied: removed meanwhile
-  kUnreadable,  // not copied: its bytes cannot be read
+  kUnreadable,  // not copied: its bytes, or what it is, cannot be read
 };
 
 struct BackupItem {
@@ -52,7 +52,8 @@ struct BackupResult {
 // [any thread]
 [[nodiscard]] BackupResult BackupReports(const std::string& report_directory, const std::string& target);
 
-// What a report directory, or a backup of one, holds: reports, other files, directories, each by name below it.
+// What a report directory, or a backup of one, holds: reports, other files, directories, each by name below it. An item
+// that was removed while it was listed is kGone, one that did not tell what it is kUnreadable.
 struct ReportTree {
   int error = 0;  // of listing it; what was listed before stands
   std::vector<std::string> directories;

@@ -1,15 +1,12 @@
 #include "reportfile/StoreRestore.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <set>
 #include <system_error>
@@ -21,6 +18,7 @@
 #include "reportfile/StoreFormat.h"
 #include "reportfile/StoreIo.h"
 #include "reportfile/StoreVerify.h"
+#include "reportfile/WritingProcesses.h"
 
 namespace qx::report {
 
@@ -52,14 +50,6 @@ bool HaveEqualBytes(const std::string& left_path, const std::string& right_path)
   }
 }
 
-using FileKey = std::pair<dev_t, ino_t>;
-
-std::optional<FileKey> KeyOf(const std::string& path) {
-  struct stat status = {};
-  if (stat(path.c_str(), &status) != 0) return std::nullopt;
-  return FileKey(status.st_dev, status.st_ino);
-}
-
 // What tells that a file was written between two looks.
 struct Look {
   std::int64_t bytes = 0;
@@ -83,46 +73,6 @@ Look LookAt(const std::string& path) {
   return look;
 }
 
-// "flags:\t0100002" in /proc/PID/fdinfo/N: octal, with the access mode in the lowest bits.
-bool IsOpenForWriting(const fs::path& process, const std::string& descriptor) {
-  std::ifstream lines(process / "fdinfo" / descriptor);
-  for (std::string line; std::getline(lines, line);) {
-    constexpr std::string_view kLabel = "flags:\t";
-    if (!line.starts_with(kLabel)) continue;
-    unsigned flags = 0;
-    (void)std::from_chars(line.data() + kLabel.size(), line.data() + line.size(), flags, 8);
-    return (flags & O_ACCMODE) != O_RDONLY;
-  }
-  return false;
-}
-
-struct OpenFile {
-  FileKey file;
-  int process;
-};
-
-void AddOpenFiles(const fs::path& process, int id, const std::set<FileKey>& wanted, std::vector<OpenFile>* open) {
-  std::error_code error;
-  for (fs::directory_iterator entry(process / "fd", error), end; !error && entry != end; entry.increment(error)) {
-    const std::optional<FileKey> key = KeyOf(entry->path().string());
-    if (!key.has_value() || !wanted.contains(*key)) continue;
-    if (IsOpenForWriting(process, entry->path().filename().string())) open->push_back({*key, id});
-  }
-}
-
-// Which processes have one of the files open for writing. Those of other users show only to root.
-std::vector<OpenFile> FindWriters(const std::set<FileKey>& wanted) {
-  std::vector<OpenFile> open;
-  std::error_code error;
-  for (fs::directory_iterator entry("/proc", error), end; !error && entry != end; entry.increment(error)) {
-    const std::string name = entry->path().filename().string();
-    int id = 0;
-    const auto [behind, parsed] = std::from_chars(name.data(), name.data() + name.size(), id);
-    if (parsed == std::errc() && *behind == '\0') AddOpenFiles(entry->path(), id, wanted, &open);
-  }
-  return open;
-}
-
 class Planner {
  public:
   Planner(std::string backup, std::string reports) : backup_(std::move(backup)), reports_(std::move(reports)) {}
@@ -134,7 +84,9 @@ class Planner {
     const ReportTree tree = ListReports(backup_);
     if (tree.error != 0) return Failed(tree.error, backup_);
     for (const BackupItem& found : tree.items) {
-      if (found.kind != BackupItemKind::kSkipped) result_.items.push_back(Planned(found));
+      if (found.state == BackupItemState::kUnreadable) return Failed(found.error, PathIn(backup_, found.name));
+      const bool has_bytes = found.kind != BackupItemKind::kSkipped && found.state == BackupItemState::kCopied;
+      if (has_bytes) result_.items.push_back(Planned(found));
     }
     FindLiveReports();
     return End(RestoreState::kPlanned);
@@ -187,18 +139,18 @@ class Planner {
     const std::vector<Look> before = LookAtAll();
     const timespec pause = {.tv_sec = 0, .tv_nsec = kBetweenLooksNanoseconds};
     (void)nanosleep(&pause, nullptr);  // a shorter pause only sees less
-    NoteLiveReports(before, LookAtAll(), FindWriters(wanted));
+    NoteLiveReports(before, LookAtAll(), FindWritingProcesses(wanted));
   }
 
   void NoteLiveReports(const std::vector<Look>& before, const std::vector<Look>& after,
-                       const std::vector<OpenFile>& open) {
+                       const std::vector<WritingProcess>& writing) {
     std::size_t at = 0;
     for (RestoreItem& item : result_.items) {
       for (const std::string& file : FilesOf(item)) {
         item.is_being_written = item.is_being_written || before[at] != after[at];
         ++at;
         const std::optional<FileKey> key = KeyOf(PathIn(reports_, file));
-        for (const OpenFile& writer : open) {
+        for (const WritingProcess& writer : writing) {
           if (key == writer.file) item.writers.push_back(writer.process);
         }
       }
@@ -222,7 +174,10 @@ RestoreResult Failed(RestoreResult result, int error, std::string file) {
 
 // Copies the backup's directories and files, links to files as what they lead to. Sets the file that failed.
 int CopyBackup(const std::string& backup, const RestoreResult& plan, const std::string& to, std::string* failed) {
-  for (const std::string& name : ListReports(backup).directories) {
+  const ReportTree tree = ListReports(backup);
+  *failed = backup;
+  if (tree.error != 0) return tree.error;
+  for (const std::string& name : tree.directories) {
     *failed = PathIn(to, name);
     struct stat status = {};
     if (stat(PathIn(backup, name).c_str(), &status) != 0) return errno;
@@ -258,12 +213,13 @@ std::string AbsoluteWithoutSlash(const std::string& path) {
 
 }  // namespace
 
-RestoreResult PlanRestore(const std::string& backup, const std::string& report_directory) {
-  return Planner(AbsoluteWithoutSlash(backup), AbsoluteWithoutSlash(report_directory)).Run();
+RestoreResult PlanRestore(const std::string& backup_directory, const std::string& report_directory) {
+  return Planner(AbsoluteWithoutSlash(backup_directory), AbsoluteWithoutSlash(report_directory)).Run();
 }
 
-RestoreResult RestoreReports(const std::string& backup, const std::string& report_directory,
+RestoreResult RestoreReports(const std::string& backup_directory, const std::string& report_directory,
                              const RestoreOptions& options) {
+  const std::string backup = AbsoluteWithoutSlash(backup_directory);
   const std::string reports = AbsoluteWithoutSlash(report_directory);
   RestoreResult result = PlanRestore(backup, reports);
   if (result.state != RestoreState::kPlanned) return result;
@@ -286,9 +242,9 @@ RestoreResult RestoreReports(const std::string& backup, const std::string& repor
   if (!is_restored) return Failed(std::move(result), error, reports);
 
   result.state = RestoreState::kDone;
-  std::error_code remove_error;
-  if (options.consume) fs::remove_all(backup, remove_error);
-  return remove_error ? Failed(std::move(result), remove_error.value(), backup) : result;
+  const int remove_error = options.consume ? RemoveTree(backup) : 0;
+  if (remove_error != 0) return Failed(std::move(result), remove_error, backup);
+  return result;
 }
 
 }  // namespace qx::report

@@ -43,9 +43,9 @@ struct RestoreResult {
   std::string file;                // ... and the file
 };
 
-// Says what restoring `backup` into `report_directory` would do. Takes a quarter of a second, between two looks at the
-// reports that would be replaced. [any thread]
-[[nodiscard]] RestoreResult PlanRestore(const std::string& backup, const std::string& report_directory);
+// Says what restoring `backup_directory` into `report_directory` would do. Takes a quarter of a second, between two
+// looks at the reports that would be replaced. [any thread]
+[[nodiscard]] RestoreResult PlanRestore(const std::string& backup_directory, const std::string& report_directory);
 
 struct RestoreOptions {
   bool force = false;    // also if items are damaged or being written
@@ -54,7 +54,7 @@ struct RestoreOptions {
 
 // Plans, then restores with CReportFileBase::RestoreReportDataFiles, which finds the report directory itself:
 // `report_directory` has to be that one. Files of the report directory that the backup does not have stay. [any thread]
-[[nodiscard]] RestoreResult RestoreReports(const std::string& backup, const std::string& report_directory,
+[[nodiscard]] RestoreResult RestoreReports(const std::string& backup_directory, const std::string& report_directory,
                                            const RestoreOptions& options);
 
 }  // namespace qx::report

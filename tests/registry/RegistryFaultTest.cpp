@@ -6,8 +6,8 @@
 #include <set>
 #include <string>
 
-#include "tests/registry/FailingAllocator.h"
 #include "tests/registry/RegistryFixture.h"
+#include "tests/support/FailingAllocator.h"
 
 namespace {
 

@@ -178,6 +178,17 @@ TEST_F(StoreBackup, AStoreWhoseWriterDiedInARecordIsCopiedAsItIs) {
   EXPECT_EQ(ReadFile(target_ + "/load.dat"), ReadFile(reports_ + "/load.dat"));
 }
 
+TEST_F(StoreBackup, AFileThatDoesNotTellWhatItIsIsNamedAsUnreadable) {
+  MakeStore("load", 3, {"a"});
+  MakeFileOutOfReach(reports_ + "/sub");
+  const BackupResult result = report::BackupReports(reports_, target_);
+  EXPECT_EQ(result.state, BackupState::kDone) << result.file << " " << result.error;
+  ASSERT_EQ(result.items.size(), 2U);
+  EXPECT_EQ(result.items[0].state, BackupItemState::kCopied);
+  EXPECT_EQ(result.items[1].state, BackupItemState::kUnreadable);
+  EXPECT_EQ(result.items[1].error, ENAMETOOLONG);
+}
+
 TEST_F(StoreBackup, WhatIsNeitherFileNorDirectoryIsNamedAndLeftOut) {
   ASSERT_EQ(mkfifo((reports_ + "/pipe").c_str(), 0600), 0);
   fs::create_directory_symlink(reports_, reports_ + "/loop");

@@ -1,7 +1,13 @@
 // A report's two files in a private directory, as tests make, look at and damage them.
 #pragma once
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <climits>
 #include <cstdint>
+#include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -58,6 +64,20 @@ class StoreFiles {
   TempDir dir_;
   std::string base_ = dir_.File("r1");
 };
+
+// A file so deep below `directory` that its path is longer than any path may be: its directory can be listed, but
+// nobody can say what it is.
+inline void MakeFileOutOfReach(const std::string& directory) {
+  const std::string name(NAME_MAX, 'd');
+  std::string deep = directory;
+  while (deep.size() + 1 + name.size() < PATH_MAX) deep.append("/").append(name);
+  std::filesystem::create_directories(deep);
+  const int at = open(deep.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int file = openat(at, name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  if (file < 0) throw std::runtime_error("no file in " + deep);
+  close(file);
+  close(at);
+}
 
 // The records of an open store, oldest first; a slot that cannot be read ends the list.
 inline std::vector<std::string> ReadAll(CReportFileBase& store) {

@@ -159,6 +159,17 @@ TEST_F(StoreRestore, AFailedRestoreNamesAFileThatIsMissingAndKeepsTheBackup) {
   EXPECT_THAT(NamesIn(backup_), ElementsAre("load.dat", "load.ind", "load.names"));
 }
 
+TEST_F(StoreRestore, AFileOfTheBackupThatDoesNotTellWhatItIsFailsTheRestoreBeforeAnythingIsChanged) {
+  MakeBoth();
+  MakeFileOutOfReach(backup_ + "/sub");
+  const RestoreResult result = Restore({.force = true});
+  EXPECT_EQ(result.state, RestoreState::kFailed);
+  EXPECT_EQ(result.error, ENAMETOOLONG);
+  EXPECT_THAT(result.file, testing::StartsWith(backup_ + "/sub/"));
+  EXPECT_THAT(NamesIn(reports_), ElementsAre("load.dat", "load.ind", "other.dat", "other.ind"));
+  EXPECT_THAT(RecordsOf(reports_ + "/load"), ElementsAre("a\r\n", "b\r\n", "c\r\n"));
+}
+
 TEST_F(StoreRestore, DirectoriesInOneAnotherAreRefusedAndAMissingBackupIsNotFound) {
   EXPECT_EQ(report::PlanRestore(reports_ + "/sub", reports_).state, RestoreState::kNotFound);
   fs::create_directory(reports_ + "/sub");

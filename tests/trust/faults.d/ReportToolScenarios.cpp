@@ -1,4 +1,4 @@
-// What operators do with reports: a backup of the directory, and saving the records of a damaged store.
+// What operators do with reports: a backup of the directory, its restore, and saving the records of a damaged store.
 #include <algorithm>
 #include <filesystem>
 #include <map>
@@ -6,9 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "registry/RegistryPaths.h"
 #include "reportfile/RecordReader.h"
 #include "reportfile/ReportFileBase.h"
 #include "reportfile/StoreBackup.h"
+#include "reportfile/StoreRestore.h"
 #include "reportfile/StoreSalvage.h"
 #include "tests/support/Support.h"
 #include "tests/trust/faults.d/Scenario.h"
@@ -26,10 +28,12 @@ constexpr int kRecords = 6;
 std::string reports;
 std::string target;
 std::string store;
+std::string registry_directory;
 Tree before;
 
 // Empty: memory ran out on the way.
 std::optional<report::BackupResult> backup;
+std::optional<report::RestoreResult> restore;
 std::optional<report::SalvageResult> salvage;
 
 Tree TreeAt(const std::string& directory) {
@@ -53,15 +57,16 @@ void MakeReports(const std::string& directory) {
   before = TreeAt(reports);
 }
 
+// A name with `part` in it.
+bool HasLeftover(const std::string& directory, const char* part) {
+  return std::ranges::any_of(std::filesystem::directory_iterator(directory), [part](const auto& entry) {
+    return entry.path().filename().string().find(part) != std::string::npos;
+  });
+}
+
 // --- backup
 
 void RunBackup(const std::string&) { backup = report::BackupReports(reports, target); }
-
-bool HasLeftover(const std::string& directory) {
-  return std::ranges::any_of(std::filesystem::directory_iterator(directory), [](const auto& entry) {
-    return entry.path().filename().string().find(".partial-") != std::string::npos;
-  });
-}
 
 // What of the reports the backup says that it holds.
 Tree Promised(const report::BackupResult& result) {
@@ -94,9 +99,45 @@ Finding JudgeBackup(const std::string& directory) {
   if (is_done && Promised(*backup) != before) return Noted("what cannot be read is left out, and the result names it");
   if (is_done && HasDamaged(*backup))
     return Noted("a copy that cannot be read again counts as damaged, though it is whole");
-  if (is_done && HasLeftover(directory)) return Broken("a backup that is done leaves something behind");
+  if (is_done && HasLeftover(directory, ".partial-")) return Broken("a backup that is done leaves something behind");
   if (!is_done && has_target) return Noted("the backup stands there whole, but a sync of its directory failed");
-  if (HasLeftover(directory)) return Noted("the directory of a backup that failed could not be removed");
+  if (HasLeftover(directory, ".partial-")) return Noted("the directory of a backup that failed could not be removed");
+  return Kept();
+}
+
+// --- restore, into an empty directory: there is nobody to wait for
+
+void PrepareRestore(const std::string& directory) {
+  MakeReports(directory);
+  std::filesystem::create_directory(target);
+  test::WriteFile(
+      directory + "/registry",
+      "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\nReportRoot=s=" + target +
+          "\n\n\n\n\n\n\n\n");
+  std::filesystem::current_path(directory);  // without a registry it goes to Reports here
+  registry_directory = directory;
+  registry::StartAfresh(registry_directory.c_str());
+}
+
+void RunRestore(const std::string&) { restore = report::RestoreReports(reports, target, {}); }
+
+bool RestoresAfresh() {
+  std::filesystem::remove_all(target);
+  std::filesystem::create_directory(target);
+  registry::StartAfresh(registry_directory.c_str());
+  return report::RestoreReports(reports, target, {}).state == report::RestoreState::kDone && TreeAt(target) == before;
+}
+
+Finding JudgeRestore(const std::string& directory) {
+  const bool is_done = restore.has_value() && restore->state == report::RestoreState::kDone;
+  const bool is_told = restore.has_value() && (restore->error != 0 || restore->state != report::RestoreState::kFailed);
+  const bool is_whole = TreeAt(target) == before;
+  const bool has_copy = HasLeftover(directory, ".restore-");
+  if (TreeAt(reports) != before) return Broken("the backup has changed");
+  if (is_done && !is_whole) return Broken("done, and files are missing");
+  if (!RestoresAfresh()) return Broken("the next one fails");
+  if (has_copy) return Noted("the private copy of the backup could not be removed");
+  if (restore.has_value() && !is_told) return Noted("a restore that failed names the file, but no reason");
   return Kept();
 }
 
@@ -144,6 +185,12 @@ std::vector<Scenario> ReportToolScenarios() {
        .run = RunBackup,
        .finish = nullptr,
        .judge = JudgeBackup},
+      {.name = "report restore (qxctl)",
+       .promise = "every file of the backup in its place, or a failure; the backup stays",
+       .prepare = PrepareRestore,
+       .run = RunRestore,
+       .finish = nullptr,
+       .judge = JudgeRestore},
       {.name = "report salvage (qxctl)",
        .promise = "every record in the new store, or no new store; the old one stays",
        .prepare = MakeReports,

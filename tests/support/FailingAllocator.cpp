@@ -1,4 +1,4 @@
-#include "tests/registry/FailingAllocator.h"
+#include "tests/support/FailingAllocator.h"
 
 #include <cstdlib>
 #include <new>

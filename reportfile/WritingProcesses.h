@@ -1,0 +1,30 @@
+// Internal: which processes have a file open for writing.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qx::report {
+
+// Device and inode: two paths with one key are one file.
+using FileKey = std::pair<dev_t, ino_t>;
+
+// Of the file that the path leads to; none if there is none. [any thread]
+[[nodiscard]] std::optional<FileKey> KeyOf(const std::string& path);
+
+struct WritingProcess {
+  FileKey file;
+  int process;
+};
+
+// Looks at PID/fd and PID/fdinfo of every process below `processes`, which is /proc or has its shape. What cannot be
+// read counts as not open: only root sees the files of other users' processes. [any thread]
+[[nodiscard]] std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& wanted,
+                                                               const std::string& processes = "/proc");
+
+}  // namespace qx::report

@@ -1,0 +1,150 @@
+// What operators do with reports when memory runs out: the caller hears of it, and nothing is lost.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <new>
+#include <optional>
+
+#include "reportfile/StoreBackup.h"
+#include "reportfile/StoreRestore.h"
+#include "reportfile/WritingProcesses.h"
+#include "tests/provider/ReportRoot.h"
+#include "tests/reportfile/StoreLife.h"
+#include "tests/support/FailingAllocator.h"
+
+namespace qx::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+using report::BackupState;
+using report::RestoreState;
+using testing::ElementsAre;
+using testing::IsSubsetOf;
+
+constexpr long kAllocationsMax = 2000;
+
+// Prepares and works again and again, with the first, second, ... allocation of the work failing, until none fails.
+// What comes of it is judged each time: nothing when the work has thrown std::bad_alloc.
+template <typename Result>
+void WithEachAllocationFailing(const std::function<void()>& prepare, const std::function<Result()>& work,
+                               const std::function<void(const std::optional<Result>&)>& judge) {
+  bool is_met = true;
+  for (long nth = 0; is_met; ++nth) {
+    ASSERT_LT(nth, kAllocationsMax) << "never passes untouched";
+    prepare();
+    std::optional<Result> result;
+    AllocationsLeft() = nth;
+    try {
+      result = work();
+    } catch (const std::bad_alloc&) {
+    }
+    is_met = AllocationsLeft() < 0;
+    AllocationsLeft() = -1;
+    SCOPED_TRACE("allocation " + std::to_string(nth));
+    judge(result);
+    EXPECT_TRUE(is_met || result.has_value());
+  }
+}
+
+class ReportToolsMemory : public testing::Test {
+ protected:
+  // A registry whose lines found no memory leads to "Reports" in the working directory.
+  ReportToolsMemory() { fs::current_path(dir_.Path()); }
+  ~ReportToolsMemory() override { fs::current_path("/"); }
+
+  // One report with a directory below it in `directory`, and nothing else in the world.
+  void MakeReports(const std::string& directory) const {
+    fs::remove_all(world_);
+    fs::create_directories(directory + "/sub/deep");
+    CReportFileBase store;
+    ASSERT_TRUE(store.Open((directory + "/load").c_str(), 9));
+    ASSERT_TRUE(store.writeLine("a"));
+    WriteFile(directory + "/sub/notes.txt", "n");
+  }
+
+  static std::vector<std::string> NamesBelow(const std::string& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+      names.push_back(entry.path().lexically_relative(directory).string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  static std::vector<std::string> NamesIn(const std::string& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(directory)) names.push_back(entry.path().filename().string());
+    return names;
+  }
+
+  static auto AreAllNames() { return ElementsAre("load.dat", "load.ind", "sub", "sub/deep", "sub/notes.txt"); }
+
+  TempDir dir_;
+  const std::string world_ = dir_.File("world");
+  const std::string reports_ = world_ + "/reports";
+  const std::string backup_ = world_ + "/backup";
+};
+
+}  // namespace
+
+TEST_F(ReportToolsMemory, ABackupIsWholeOrLeavesNothing) {
+  WithEachAllocationFailing<BackupState>(
+      [&] { MakeReports(reports_); }, [&] { return report::BackupReports(reports_, backup_).state; },
+      [&](const auto& state) {
+        EXPECT_THAT(NamesBelow(reports_), AreAllNames());
+        EXPECT_THAT(NamesIn(world_), IsSubsetOf({"reports", "backup"}));
+        EXPECT_TRUE(state != BackupState::kDone || fs::exists(backup_));
+        EXPECT_THAT(NamesBelow(fs::exists(backup_) ? backup_ : reports_), AreAllNames());
+      });
+}
+
+TEST_F(ReportToolsMemory, ABackupNeverGoesIntoADirectoryThatHoldsSomething) {
+  const auto prepare = [&] {
+    MakeReports(reports_);
+    fs::create_directory(backup_);
+    WriteFile(backup_ + "/of somebody else", "x");
+  };
+  WithEachAllocationFailing<BackupState>(
+      prepare, [&] { return report::BackupReports(reports_, backup_).state; },
+      [&](const auto& state) {
+        EXPECT_EQ(state.value_or(BackupState::kRefused), BackupState::kRefused);
+        EXPECT_THAT(NamesBelow(backup_), ElementsAre("of somebody else"));
+      });
+}
+
+TEST_F(ReportToolsMemory, ARestoreIsWholeOrKeepsTheBackup) {
+  std::optional<ReportRoot> root;  // read anew each time: what of it found no memory is not read again
+  const auto prepare = [&] {
+    MakeReports(backup_);
+    root.reset();
+    root.emplace(reports_);
+  };
+  WithEachAllocationFailing<RestoreState>(
+      prepare, [&] { return report::RestoreReports(backup_, reports_, {.consume = true}).state; },
+      [&](const auto& state) {
+        const bool is_done = state == RestoreState::kDone;
+        EXPECT_EQ(fs::exists(backup_), !is_done);
+        EXPECT_THAT(NamesBelow(is_done ? reports_ : backup_), AreAllNames());
+      });
+}
+
+TEST_F(ReportToolsMemory, AWriterIsFoundOrTheLookThrows) {
+  const std::string processes = world_ + "/processes";
+  const auto prepare = [&] {
+    MakeReports(reports_);
+    for (const char* directory : {"/11/fd", "/11/fdinfo"}) fs::create_directories(processes + directory);
+    fs::create_symlink(reports_ + "/load.dat", processes + "/11/fd/3");
+    WriteFile(processes + "/11/fdinfo/3", "pos:\t0\nflags:\t0100002\n");
+  };
+  const auto look = [&] {
+    const auto key = report::KeyOf(reports_ + "/load.dat");
+    return report::FindWritingProcesses({*key}, processes).size();
+  };
+  WithEachAllocationFailing<std::size_t>(prepare, look, [](const auto& count) { EXPECT_EQ(count.value_or(1U), 1U); });
+}
+
+}  // namespace qx::test
