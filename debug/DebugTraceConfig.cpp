@@ -184,16 +184,26 @@ int HasIniInName(const dirent* entry) { return std::strstr(entry->d_name, ".ini"
 // Byte order, not the host's collation: which file wins must not depend on the locale.
 int InByteOrder(const dirent** a, const dirent** b) { return std::strcmp((*a)->d_name, (*b)->d_name); }
 
+// What scandir has allocated. Freed even when there is no memory for the names.
+struct Entries {
+  dirent** list = nullptr;
+  int count = 0;
+
+  Entries() = default;
+  ~Entries() {
+    for (int i = 0; i < count; ++i) std::free(list[i]);
+    std::free(list);
+  }
+  Entries(const Entries&) = delete;
+  Entries& operator=(const Entries&) = delete;
+};
+
 // The names in `directory` that contain ".ini", in alphabetical order; none when it cannot be listed.
 std::vector<std::string> IniFileNames(const char* directory) {
-  dirent** entries = nullptr;
-  const int count = ::scandir(directory, &entries, HasIniInName, InByteOrder);
+  Entries entries;
+  entries.count = ::scandir(directory, &entries.list, HasIniInName, InByteOrder);
   std::vector<std::string> names;
-  for (int i = 0; i < count; ++i) {
-    names.emplace_back(entries[i]->d_name);
-    std::free(entries[i]);
-  }
-  std::free(entries);
+  for (int i = 0; i < entries.count; ++i) names.emplace_back(entries.list[i]->d_name);
   return names;
 }
 

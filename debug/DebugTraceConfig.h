@@ -140,6 +140,9 @@ class CDebugTraceConfig {
   // which is to become the current one. [lock held: trace]
   [[nodiscard]] bool RereadConfigFiles(std::string_view app_name);
 
+  // The file whose section gives the application's values; empty if none does. [lock held: trace]
+  [[nodiscard]] const std::string& ApplicationFilePath() const noexcept { return application_file_.Path(); }
+
   qx::debug::TraceFileValues file_values_;
   qx::debug::TraceSettings settings_;
 

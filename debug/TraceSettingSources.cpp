@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
 #include "debug/Debug.h"
 
@@ -29,26 +28,8 @@ class SettingsReader : public CDebugTraceConfig {
   }
   const TraceSettings& Settings() const { return settings_; }
   const TraceFileValues& Files() const { return file_values_; }
+  const std::string& ApplicationFile() const { return ApplicationFilePath(); }
 };
-
-// The file whose section gives the application's settings: the first in the order of the names' bytes that has it.
-std::string ApplicationFile(const std::string& directory, const std::string& app_name) {
-  std::vector<std::string> names;
-  std::error_code error;
-  for (const auto& item : std::filesystem::directory_iterator(directory, error)) {
-    const std::string name = item.path().filename();
-    if (name.find(".ini") != std::string::npos) names.push_back(name);
-  }
-  std::sort(names.begin(), names.end());
-  for (const std::string& name : names) {
-    std::string path = directory;
-    path.append("/").append(name);
-    CDebugTraceConfigFile file;
-    file.SetPath(path);
-    if (file.Read() && file.FindSection(app_name)) return path;
-  }
-  return "";
-}
 
 std::string Decimal(std::uint32_t value) { return std::to_string(value); }
 std::string Signed(std::uint32_t value) { return std::to_string(static_cast<std::int32_t>(value)); }
@@ -56,10 +37,8 @@ std::string Signed(std::uint32_t value) { return std::to_string(static_cast<std:
 // Adds settings one after another, each with the first place that gives it.
 class SourceList {
  public:
-  SourceList(const std::string& directory, const std::string& app_name)
-      : global_file_(directory + "/global_trace.ini"),
-        application_file_(ApplicationFile(directory, app_name)),
-        app_name_(app_name) {}
+  SourceList(const std::string& directory, const std::string& application_file, const std::string& app_name)
+      : global_file_(directory + "/global_trace.ini"), application_file_(application_file), app_name_(app_name) {}
 
   // `variables` in the order in which they count; null ends them.
   void Add(const char* setting, const std::string& value, std::initializer_list<const char*> variables, const char* key,
@@ -142,7 +121,7 @@ std::vector<SettingSource> ReadSettingSources(const std::string& app_name, const
   const SettingsReader reader(directory, app_name);
   const TraceSettings& settings = reader.Settings();
   const TraceFileValues& files = reader.Files();
-  SourceList list(directory, app_name);
+  SourceList list(directory, reader.ApplicationFile(), app_name);
   list.Add("update interval", Decimal(settings.update_interval), {"QX_LOG_DYNAMIC_UPDATE"}, "DynamicUpdate",
            files.dynamic_update != kUnset);
   list.Add("level", Decimal(settings.level), {"QX_LOG_DEBUG_LEVEL"}, "FileDebugLevel", files.level != kUnset);

@@ -1,0 +1,25 @@
+// The trace settings when memory runs out.
+#include <gtest/gtest.h>
+
+#include "debug/TraceSettingSources.h"
+#include "tests/support/FailingAllocator.h"
+#include "tests/support/Support.h"
+
+namespace qx::test {
+
+// What is left behind shows under the address sanitizer.
+TEST(TraceSettingsMemory, SettingsAreReadOrTheReaderThrowsAndNothingIsLeftBehind) {
+  const TempDir directory;
+  for (const char* name : {"a.ini", "b.ini", "c.ini"}) WriteFile(directory.File(name), "[Other]\n[EndOfFile]\n");
+  WriteFile(directory.File("d.ini"), "[QxTrace]\nFileDebugLevel=2\n[EndOfFile]\n");
+  const auto read = [&] {
+    for (const debug::SettingSource& source : debug::ReadSettingSources("QxTrace", directory.Path())) {
+      if (source.setting == "level") return source.value;
+    }
+    return std::string();
+  };
+  WithEachAllocationFailing<std::string>(
+      [] {}, read, [](const std::optional<std::string>& level) { EXPECT_EQ(level.value_or("2"), "2"); });
+}
+
+}  // namespace qx::test
