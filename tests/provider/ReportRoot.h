@@ -30,11 +30,7 @@ class RegistryContent {
 // A registry in which `directory` is the report directory.
 class ReportRoot : public RegistryContent {
  public:
-  explicit ReportRoot(const std::string& directory)
-      : RegistryContent(
-            "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\n"
-            "ReportRoot=s=" +
-            directory + "\n\n\n\n\n\n\n\n") {}
+  explicit ReportRoot(const std::string& directory) : RegistryContent(RegistryWithReportRoot(directory)) {}
 };
 
 }  // namespace qx::test

@@ -66,9 +66,7 @@ int Execute(const std::vector<std::string>& arguments) {
 class DirectoryFaults : public testing::TestWithParam<const char*> {
  protected:
   DirectoryFaults() : log_directory_("QX_LOG_RINGBUF_DIR", trace_.Path().c_str()), level_("QX_LOG_DEBUG_LEVEL", "6") {
-    WriteFile(dir_.File("registry"),
-              "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\nReportRoot=s=" +
-                  dir_.File("to") + "\n\n\n\n\n\n\n\n");
+    WriteFile(dir_.File("registry"), RegistryWithReportRoot(dir_.File("to")));
     MakeTree(dir_.File("outside"), {{"a.dat", "not ours"}, {"sub/b.dat", "not ours either"}});
   }
 

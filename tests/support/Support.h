@@ -29,6 +29,9 @@ std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, std::string_view bytes);
 bool Exists(const std::string& path);
 
+// A registry file that says that the reports are in `directory`.
+std::string RegistryWithReportRoot(const std::string& directory);
+
 // "00000000  6b 65 79 ...  |key...|" with 16 bytes a line: the form in which docs/ shows bytes.
 std::string HexDump(std::string_view bytes);
 

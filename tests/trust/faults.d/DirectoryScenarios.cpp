@@ -89,10 +89,7 @@ bool Restore(const std::string&) { return CReportFileBase::RestoreReportDataFile
 
 void PrepareRestore(const std::string& directory) {
   PrepareCopy(directory);
-  test::WriteFile(
-      directory + "/registry",
-      "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\nReportRoot=s=" +
-          directory + "/to\n\n\n\n\n\n\n\n");
+  test::WriteFile(directory + "/registry", test::RegistryWithReportRoot(directory + "/to"));
   if (chdir(directory.c_str()) != 0) std::abort();  // without a registry it goes to Reports here
   registry_directory = directory;
   registry::StartAfresh(registry_directory.c_str());

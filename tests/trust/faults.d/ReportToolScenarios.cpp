@@ -110,10 +110,7 @@ Finding JudgeBackup(const std::string& directory) {
 void PrepareRestore(const std::string& directory) {
   MakeReports(directory);
   std::filesystem::create_directory(target);
-  test::WriteFile(
-      directory + "/registry",
-      "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\nReportRoot=s=" + target +
-          "\n\n\n\n\n\n\n\n");
+  test::WriteFile(directory + "/registry", test::RegistryWithReportRoot(target));
   std::filesystem::current_path(directory);  // without a registry it goes to Reports here
   registry_directory = directory;
   registry::StartAfresh(registry_directory.c_str());

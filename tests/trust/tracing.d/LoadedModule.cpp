@@ -26,10 +26,7 @@ Function Symbol(void* handle, const char* name) {
 void MakeReportDirectory() {
   if (!std::filesystem::exists("/var/log/.etc")) throw std::runtime_error("to be run under host_paths");
   std::filesystem::create_directories(kReportDirectory);
-  test::WriteFile("/etc/brollan/registry",
-                  std::string("[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\n"
-                              "ReportRoot=s=") +
-                      kReportDirectory + "\n\n\n\n\n\n\n\n");
+  test::WriteFile("/etc/brollan/registry", test::RegistryWithReportRoot(kReportDirectory));
 }
 
 bool LoadedModule::Load() {
