@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -110,6 +111,29 @@ TEST(CallFile, AListAndValidationDataAreKnownByTheirIndexWhateverTheirTypeSays) 
     ASSERT_TRUE(BlockFromJson(json, again, problem)) << problem;
     EXPECT_EQ(BlockToJson(*again.Raw()), json);
   }
+}
+
+TEST(CallFile, WhateverIndexAndTypeAnElementHasItsValueReadsBack) {
+  alignas(8) std::array<char, 64> zeros =
+      {};  // a number, an empty text, a block, list or validation data without anything
+  for (std::int32_t index = 0; index < 100; ++index) {
+    for (const std::int32_t type : std::vector<std::int32_t>{3, 4, 5, 6, 8, 9, 512, -1}) {
+      RawBlock block;
+      block.SetElements({block.Element(index, type, zeros.data())});
+      const Json json = BlockToJson(*block.Raw());
+      RawBlock again;
+      std::string problem;
+      ASSERT_TRUE(BlockFromJson(json, again, problem)) << json << ": " << problem;
+      EXPECT_EQ(BlockToJson(*again.Raw()), json);
+    }
+  }
+}
+
+TEST(CallFile, BlocksWhereTheCredentialMarkerHasItsPlaceAreRecordedAsBlocks) {
+  RawBlock block;
+  block.SetElements({block.Element(kKrxCredentialMarker, kKrxTypeNested, block.Block({}, nullptr))});
+  const Json json = BlockToJson(*block.Raw());
+  EXPECT_EQ(json["elements"][0]["blocks"], Json::parse("[[]]")) << json;
 }
 
 TEST(CallFile, TheWorkedExampleIsWhatIsWritten) {

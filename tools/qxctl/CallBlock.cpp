@@ -1,7 +1,7 @@
 // The block of a call file: from memory to JSON and back.
 //
 // An element is an object with its index, its type and one more key, which says what its value points at:
-//   "number"      4, 5, 6 and the credential marker: a number
+//   "number"      4, 5, 6 and, of any type but 8 and 512, the credential marker: a number
 //   "text"        8: a string; null for a null pointer; "textBase64" if it is not UTF-8
 //   "blocks"      512: a chain of nested blocks, an array of arrays of elements
 //   "list"        61, and 19 beside the credential marker: an element list
@@ -80,8 +80,10 @@ std::uint32_t NumberAt(const void* value, std::size_t bytes) {
   return number;
 }
 
-// How many bytes a number of this element has; 0: it is none.
+// How many bytes a number of this element has; 0: it is none. Blocks are blocks even where the credential marker has
+// its place: a module that looks for the marker takes the first bytes of whatever stands there.
 std::size_t NumberBytes(std::int32_t index, std::int32_t type) {
+  if (type == kKrxTypeNested) return 0;
   if (type == kKrxTypeUint8) return 1;
   if (type == kKrxTypeUint16 || index == kKrxCredentialMarker) return 2;
   return type == kKrxTypeUint32 ? 4 : 0;
