@@ -201,8 +201,9 @@ struct Entries {
 // The names in `directory` that contain ".ini", in alphabetical order; none when it cannot be listed.
 std::vector<std::string> IniFileNames(const char* directory) {
   Entries entries;
-  entries.count = ::scandir(directory, &entries.list, HasIniInName, InByteOrder);
+  entries.count = std::max(0, ::scandir(directory, &entries.list, HasIniInName, InByteOrder));
   std::vector<std::string> names;
+  names.reserve(static_cast<std::size_t>(entries.count));
   for (int i = 0; i < entries.count; ++i) names.emplace_back(entries.list[i]->d_name);
   return names;
 }

@@ -102,6 +102,20 @@ TEST(DebugRingDamage, SizeBelowOnePageIsRefused) {
   EXPECT_FALSE(Exists(setup.RingPath()));
 }
 
+TEST(DebugRingDamage, FileThatDoesNotTellWhatItIsIsClosedAgainAndLeftAsItIs) {
+  RingSetup setup;
+  ASSERT_TRUE(setup.OpenRing(kSize));
+  ASSERT_TRUE(setup.Init());  // closes it
+  const std::string ring = setup.Ring();
+  {
+    const qx::test::UnreadableStatus unreadable;
+    EXPECT_FALSE(setup.OpenRing(kSize));
+  }
+  EXPECT_EQ(Undated(setup.Log()), OpenFailed(setup, EINVAL));
+  EXPECT_EQ(qx::test::DescriptorOf(setup.RingPath()), -1);
+  EXPECT_EQ(setup.Ring(), ring);
+}
+
 TEST(DebugRingDamage, FailedAttemptLeavesTheTargetAndClosesTheEarlierRing) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSize));

@@ -1,5 +1,7 @@
-// Stands before the C library's syslog and write in this test program: the system log is a list that tests read, writes
-// on one chosen descriptor are counted and may be made short, and one write may be made to fail.
+// Stands before the C library's syslog, write and fstat in this test program: the system log is a list that tests read,
+// writes on one chosen descriptor are counted and may be made short, one write may be made to fail, and every fstat.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -24,6 +26,8 @@ std::atomic<int> write_count{0};
 
 std::atomic<int> writes_until_failure{0};  // 0: none fails
 std::atomic<int> failure_error{0};
+
+std::atomic<bool> status_is_unreadable{false};
 
 void Collect(int priority, const char* format, std::va_list args) {
   char text[2048];
@@ -63,6 +67,14 @@ ssize_t write(int descriptor, const void* bytes, size_t size) {
   return ::syscall(SYS_write, descriptor, bytes, size);
 }
 
+int fstat(int descriptor, struct stat* status) noexcept {
+  if (status_is_unreadable) {
+    errno = EIO;
+    return -1;
+  }
+  return ::fstatat(descriptor, "", status, AT_EMPTY_PATH);
+}
+
 }  // extern "C"
 
 namespace qx::test {
@@ -99,5 +111,9 @@ FailedWrite::FailedWrite(int nth, int error) {
 }
 
 FailedWrite::~FailedWrite() { writes_until_failure = 0; }
+
+UnreadableStatus::UnreadableStatus() { status_is_unreadable = true; }
+
+UnreadableStatus::~UnreadableStatus() { status_is_unreadable = false; }
 
 }  // namespace qx::test

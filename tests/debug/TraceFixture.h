@@ -101,4 +101,13 @@ class FailedWrite {
   FailedWrite& operator=(const FailedWrite&) = delete;
 };
 
+// Until the end of the scope the status of no open file can be read. For tests that are linked with SystemDoubles.cpp.
+class UnreadableStatus {
+ public:
+  UnreadableStatus();
+  ~UnreadableStatus();
+  UnreadableStatus(const UnreadableStatus&) = delete;
+  UnreadableStatus& operator=(const UnreadableStatus&) = delete;
+};
+
 }  // namespace qx::test
