@@ -133,6 +133,7 @@ TEST(CallFile, BlocksWhereTheCredentialMarkerHasItsPlaceAreRecordedAsBlocks) {
   RawBlock block;
   block.SetElements({block.Element(kKrxCredentialMarker, kKrxTypeNested, block.Block({}, nullptr))});
   const Json json = BlockToJson(*block.Raw());
+  ASSERT_TRUE(json["elements"][0].contains("blocks")) << json;
   EXPECT_EQ(json["elements"][0]["blocks"], Json::parse("[[]]")) << json;
 }
 
