@@ -36,14 +36,15 @@ std::string SelfDescribing(unsigned number, std::size_t body_bytes = 0) {
   return text + std::string(body_bytes, static_cast<char>('a' + number % 26));
 }
 
-// A process that appends as fast as it can, from its beginning to its end.
+// A process that appends as fast as it can, from its beginning to its end; with `burst` it pauses for two milliseconds
+// behind as many records.
 class LiveWriter {
  public:
-  LiveWriter(const std::string& base_path, std::uint32_t slots, std::size_t body_bytes = 0) {
+  LiveWriter(const std::string& base_path, std::uint32_t slots, std::size_t body_bytes = 0, unsigned burst = 0) {
     int ready[2];
     if (pipe(ready) != 0) throw std::runtime_error("no pipe");
     pid_ = fork();
-    if (pid_ == 0) Write(base_path, slots, body_bytes, ready[1]);
+    if (pid_ == 0) Write(base_path, slots, body_bytes, burst, ready[1]);
     close(ready[1]);
     char byte = 0;
     const bool has_begun = read(ready[0], &byte, 1) == 1;
@@ -58,12 +59,14 @@ class LiveWriter {
   LiveWriter& operator=(const LiveWriter&) = delete;
 
  private:
-  [[noreturn]] static void Write(const std::string& base_path, std::uint32_t slots, std::size_t body_bytes, int ready) {
+  [[noreturn]] static void Write(const std::string& base_path, std::uint32_t slots, std::size_t body_bytes,
+                                 unsigned burst, int ready) {
     CReportFileBase store;
     if (!store.Open(base_path.c_str(), slots)) _exit(1);
     for (unsigned number = 0;; ++number) {
       if (!store.writeLine(SelfDescribing(number, body_bytes).c_str())) _exit(1);
       if (number == slots && write(ready, "x", 1) != 1) _exit(1);
+      if (burst != 0 && number % burst == 0) usleep(2000);
     }
   }
 
@@ -246,15 +249,17 @@ TEST_F(StoreBackup, AFullDiskLeavesNoTarget) {
 // --- while a writer appends as fast as it can
 
 TEST_F(StoreBackup, EveryCopyOfALiveStoreIsSoundAndHoldsAContiguousRun) {
-  for (const std::uint32_t slots : {4U, 30U, 100U, 3000U}) {
-    // A small ring may be overwritten faster than it is copied, and then never holds still.
-    const bool is_small = slots < 1000;
-    const int wanted = is_small ? 0 : 12;
-    const int tries_max = is_small ? 6 : 200;
+  // Each append to a full ring overwrites its oldest record, so a copy needs a pause of the writer. One that never
+  // pauses need not be copied; one that does has to be.
+  for (const auto& [slots, burst] :
+       std::vector<std::pair<std::uint32_t, unsigned>>{{4, 0}, {30, 0}, {100, 0}, {3001, 0}, {3000, 500}}) {
+    const bool never_pauses = burst == 0;
+    const int wanted = never_pauses ? 0 : 12;
+    const int tries_max = never_pauses ? 6 : 200;
     const std::string base = reports_ + "/live" + std::to_string(slots);
-    const LiveWriter writer(base, slots);
+    const LiveWriter writer(base, slots, 0, burst);
     int copied = 0;
-    for (int copy = 0; copy < tries_max && (is_small || copied < wanted); ++copy) {
+    for (int copy = 0; copy < tries_max && (never_pauses || copied < wanted); ++copy) {
       const std::string to = dir_.File("copy" + std::to_string(slots) + "-" + std::to_string(copy));
       const report::StoreCopy result = report::CopyStore(base, to);
       if (result.state == report::StoreCopyState::kNeverStill) {
