@@ -107,7 +107,5 @@ install(DIRECTORY examples/ DESTINATION ${qx_examples_dir} COMPONENT sdk
 
 if(QX_BUILD_TOOLS)
   install(TARGETS qxctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  if(EXISTS ${PROJECT_SOURCE_DIR}/tools/qxctl/CompletionCommand.cpp)
-    include(cmake/QxManual.cmake)
-  endif()
+  include(cmake/QxManual.cmake)
 endif()

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "debug/TraceUnroll.h"
+#include "debug/tools/TraceUnroll.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "inifile/ProfileEdit.h"
+#include "inifile/tools/ProfileEdit.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "provider/KrxRequestParams.h"
-#include "tools/qxctl/CallFile.h"
+#include "tools/qxctl/trial/CallFile.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "registry/FileLint.h"
-#include "registry/TreeDiff.h"
-#include "registry/TreeEdit.h"
+#include "registry/tools/FileLint.h"
+#include "registry/tools/TreeDiff.h"
+#include "registry/tools/TreeEdit.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include <string_view>
 #include <vector>
 
-#include "reportfile/ByteSource.h"
 #include "reportfile/StoreFormat.h"
-#include "reportfile/StoreSalvage.h"
-#include "reportfile/StoreVerify.h"
+#include "reportfile/tools/ByteSource.h"
+#include "reportfile/tools/StoreSalvage.h"
+#include "reportfile/tools/StoreVerify.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <set>
 #include <thread>
 
-#include "debug/TraceFollow.h"
+#include "debug/tools/TraceFollow.h"
 #include "tests/debug/TraceClock.h"
 #include "tests/debug/TraceFixture.h"
 #include "tests/debug/TraceReading.h"

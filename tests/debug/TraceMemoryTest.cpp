@@ -1,7 +1,7 @@
 // The trace settings when memory runs out.
 #include <gtest/gtest.h>
 
-#include "debug/TraceSettingSources.h"
+#include "debug/tools/TraceSettingSources.h"
 #include "tests/support/FailingAllocator.h"
 #include "tests/support/Support.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "debug/TraceUnroll.h"
+#include "debug/tools/TraceUnroll.h"
 #include "tests/support/Support.h"
 
 namespace qx::test {

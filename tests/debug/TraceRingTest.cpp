@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <random>
 
-#include "debug/TraceUnroll.h"
+#include "debug/tools/TraceUnroll.h"
 #include "tests/debug/TraceClock.h"
 #include "tests/debug/TraceFixture.h"
 #include "tests/debug/TraceReading.h"

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <random>
 
-#include "debug/TraceSettingSources.h"
+#include "debug/tools/TraceSettingSources.h"
 #include "tests/debug/TraceFixture.h"
 
 namespace qx::test {

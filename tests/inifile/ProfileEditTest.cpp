@@ -1,5 +1,5 @@
 // Careful edits of profile files.
-#include "inifile/ProfileEdit.h"
+#include "inifile/tools/ProfileEdit.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "inifile/ProfileText.h"
+#include "inifile/tools/ProfileText.h"
 #include "tests/inifile/MemoryFile.h"
 #include "tests/support/Support.h"
 

@@ -1,5 +1,5 @@
 // Recorded calls as files: their bytes, what is refused, and how a difference is shown.
-#include "tools/qxctl/CallFile.h"
+#include "tools/qxctl/trial/CallFile.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "tests/support/Support.h"
-#include "tools/qxctl/CallDiff.h"
+#include "tools/qxctl/trial/CallDiff.h"
 
 namespace qx::test {
 

@@ -10,7 +10,7 @@
 #include <set>
 
 #include "tests/qxctl/RunQxctl.h"
-#include "tools/qxctl/Explanations.h"
+#include "tools/qxctl/doctor/Explanations.h"
 
 namespace qx::test {
 

@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "tests/qxctl/RunQxctl.h"
-#include "tools/qxctl/Explanations.h"
+#include "tools/qxctl/doctor/Explanations.h"
 
 namespace qx::test {
 

@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/qxctl/RunQxctl.h"
-#include "tools/qxctl/LatencyHistogram.h"
+#include "tools/qxctl/trial/LatencyHistogram.h"
 
 namespace qx::test {
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "registry/FileLint.h"
-#include "registry/TreeDiff.h"
 #include "registry/TreeWriter.h"
+#include "registry/tools/FileLint.h"
+#include "registry/tools/TreeDiff.h"
 #include "tests/support/Support.h"
 
 namespace qx::registry {

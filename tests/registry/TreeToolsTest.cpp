@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "registry/RegistryValue.h"
-#include "registry/TreeDiff.h"
-#include "registry/TreeEdit.h"
 #include "registry/TreeWriter.h"
+#include "registry/tools/TreeDiff.h"
+#include "registry/tools/TreeEdit.h"
 #include "tests/support/Support.h"
 
 namespace qx::registry {

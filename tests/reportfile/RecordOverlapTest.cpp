@@ -1,5 +1,5 @@
 // The place where a reader left off, found by hashes alone.
-#include "reportfile/RecordOverlap.h"
+#include "reportfile/tools/RecordOverlap.h"
 
 #include <gtest/gtest.h>
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <random>
 
-#include "reportfile/ReportFollower.h"
+#include "reportfile/tools/ReportFollower.h"
 #include "tests/reportfile/RingModel.h"
 #include "tests/support/Support.h"
 

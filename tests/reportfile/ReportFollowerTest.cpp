@@ -1,5 +1,5 @@
 // What a follower delivers and says, look by look.
-#include "reportfile/ReportFollower.h"
+#include "reportfile/tools/ReportFollower.h"
 
 #include <gtest/gtest.h>
 

@@ -8,9 +8,9 @@
 #include <filesystem>
 #include <optional>
 
-#include "reportfile/StoreBackup.h"
-#include "reportfile/StoreRestore.h"
-#include "reportfile/WritingProcesses.h"
+#include "reportfile/tools/StoreBackup.h"
+#include "reportfile/tools/StoreRestore.h"
+#include "reportfile/tools/WritingProcesses.h"
 #include "tests/provider/ReportRoot.h"
 #include "tests/reportfile/StoreLife.h"
 #include "tests/support/FailingAllocator.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "reportfile/ReportFollower.h"
+#include "reportfile/tools/ReportFollower.h"
 
 namespace qx::test {
 

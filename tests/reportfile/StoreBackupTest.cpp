@@ -1,4 +1,4 @@
-#include "reportfile/StoreBackup.h"
+#include "reportfile/tools/StoreBackup.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "reportfile/StoreCopy.h"
+#include "reportfile/tools/StoreCopy.h"
 #include "tests/reportfile/StoreLife.h"
 
 namespace qx::test {

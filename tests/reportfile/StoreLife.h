@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "reportfile/ByteSource.h"
 #include "reportfile/ReportFileBase.h"
-#include "reportfile/StoreVerify.h"
+#include "reportfile/tools/ByteSource.h"
+#include "reportfile/tools/StoreVerify.h"
 #include "tests/reportfile/StoreFiles.h"
 
 namespace qx::test {

@@ -1,4 +1,4 @@
-#include "reportfile/StoreRestore.h"
+#include "reportfile/tools/StoreRestore.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

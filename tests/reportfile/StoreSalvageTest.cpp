@@ -1,4 +1,4 @@
-#include "reportfile/StoreSalvage.h"
+#include "reportfile/tools/StoreSalvage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

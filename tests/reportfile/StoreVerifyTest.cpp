@@ -1,4 +1,4 @@
-#include "reportfile/StoreVerify.h"
+#include "reportfile/tools/StoreVerify.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-#include "reportfile/WritingProcesses.h"
+#include "reportfile/tools/WritingProcesses.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

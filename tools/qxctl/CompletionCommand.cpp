@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "tools/qxctl/CommandTable.h"
-#include "tools/qxctl/Commands.h"
-#include "tools/qxctl/Completion.h"
-#include "tools/qxctl/Input.h"
-#include "tools/qxctl/ManText.h"
-#include "tools/qxctl/ReportTools.h"
+#include "tools/qxctl/cli/CommandTable.h"
+#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/cli/Completion.h"
+#include "tools/qxctl/cli/Input.h"
+#include "tools/qxctl/cli/ManText.h"
+#include "tools/qxctl/report/ReportTools.h"
 
 namespace qx::ctl {
 

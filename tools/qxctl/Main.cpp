@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/qxctl/Commands.h"
-#include "tools/qxctl/Interrupt.h"
+#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/cli/Interrupt.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "base/FileReplacement.h"
+#include "base/tools/ReplacedFile.h"
 #include "registry/Registry.h"
 #include "registry/RegistryPaths.h"
 #include "registry/TreeWriter.h"
@@ -98,7 +98,7 @@ std::string ProfilePath(const std::string& directory) { return directory + "/pro
 Case CarefulEdit(std::size_t pages) {
   const std::string text = "[S]\nk=new\n" + std::string(pages * 4096, 't') + "\n";
   const auto edit = [text](const std::string& directory) {
-    FileReplacement replacement;
+    ReplacedFile replacement;
     const bool is_done = replacement.Begin(ProfilePath(directory), {}).IsDone() &&
                          replacement.WriteCopy(text).IsDone() && replacement.Commit(true).IsDone();
     if (!is_done) _exit(3);

@@ -4,10 +4,10 @@
 #include <memory>
 #include <string>
 
-#include "base/FileReplacement.h"
+#include "base/tools/ReplacedFile.h"
 #include "debug/Debug.h"
 #include "inifile/IniFile.h"
-#include "inifile/ProfileEdit.h"
+#include "inifile/tools/ProfileEdit.h"
 #include "registry/Registry.h"
 #include "registry/RegistryPaths.h"
 #include "registry/TreeWriter.h"
@@ -175,7 +175,7 @@ Finding JudgeAppendSection(const std::string& directory) {
 }
 
 bool EditCarefully(const std::string& directory) {
-  FileReplacement replacement;
+  ReplacedFile replacement;
   if (!replacement.Begin(ProfilePath(directory), {}).IsDone()) return false;
   const inifile::ProfileRequest request = {
       .kind = inifile::ProfileRequest::Kind::kSet, .section = "S", .key = {}, .entries = {{"k", "longer"}}};

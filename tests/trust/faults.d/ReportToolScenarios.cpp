@@ -9,9 +9,9 @@
 #include "registry/RegistryPaths.h"
 #include "reportfile/RecordReader.h"
 #include "reportfile/ReportFileBase.h"
-#include "reportfile/StoreBackup.h"
-#include "reportfile/StoreRestore.h"
-#include "reportfile/StoreSalvage.h"
+#include "reportfile/tools/StoreBackup.h"
+#include "reportfile/tools/StoreRestore.h"
+#include "reportfile/tools/StoreSalvage.h"
 #include "tests/support/Support.h"
 #include "tests/trust/faults.d/Scenario.h"
 

@@ -1,0 +1,57 @@
+#include "debug/tools/TraceFollow.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace qx::debug {
+
+TraceFollower::TraceFollower(std::string path, bool from_now, std::chrono::milliseconds settled)
+    : path_(std::move(path)), from_now_(from_now), settled_(settled) {}
+TraceFollower::~TraceFollower() = default;
+
+int TraceFollower::Open() {
+  auto file = std::make_unique<TraceFile>();
+  const int error = file->Open(path_);
+  if (error != 0) return error;
+  file_ = std::move(file);
+  follower_ = nullptr;
+  ChooseKind();
+  return 0;
+}
+
+// An empty file can still become either.
+void TraceFollower::ChooseKind() {
+  file_->TakeSize();
+  if (file_->Size() != 0) {
+    follower_ = IsTraceRing(*file_) ? MakeRingFollower(from_now_) : MakeLogFollower(from_now_, settled_);
+  }
+  from_now_ = false;  // whatever comes later is new
+}
+
+TraceLook TraceFollower::Look() {
+  TraceLook look;
+  const bool is_same = IsSameFile(look.is_missing);
+  file_->TakeSize();
+  if (follower_ == nullptr && is_same) ChooseKind();
+  const bool is_last = !is_same && !look.is_missing;
+  if (follower_ != nullptr) follower_->Look(*file_, is_last, look);
+  if (!is_last) return look;
+  if (look.is_pending) follower_->Look(*file_, is_last, look);  // a ring that was being written
+  if (Open() != 0) return look;
+  TraceFollowEvent restart;
+  restart.kind = TraceFollowEvent::Kind::kRestart;
+  look.events.push_back(restart);
+  look.is_pending = true;
+  return look;
+}
+
+bool TraceFollower::IsSameFile(bool& is_missing) const {
+  struct stat named {};
+  const auto held = file_->Status();
+  is_missing = ::stat(path_.c_str(), &named) != 0;
+  return !is_missing && held.has_value() && named.st_dev == held->st_dev && named.st_ino == held->st_ino;
+}
+
+}  // namespace qx::debug

@@ -1,0 +1,91 @@
+// Keeps up with the writer of a trace file: what is new since the last look, across wraps and restarts.
+//
+// A log tells nothing about its write position, so the follower keeps a copy of the file and compares: what differs
+// from the copy is new. The newest entry of a log is given only when it has stood unchanged for a while, or something
+// is behind it: a look can fall into the middle of a write. A ring's header says where it is written.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "debug/tools/TraceUnroll.h"
+
+namespace qx::debug {
+
+// A file of more than this many bytes cannot be followed: a log is kept in memory twice.
+constexpr std::uint64_t kFollowedBytesMax = std::uint64_t{256} << 20;
+
+// How long the newest entry of a log has to stand unchanged: a writer that is put aside in the middle of a write can
+// stay so for tens of milliseconds.
+constexpr std::chrono::milliseconds kSettled{50};
+
+struct TraceFollowEvent {
+  enum class Kind {
+    kEntry,    // something new: `entry`
+    kRestart,  // the file was started over; what stood in it and had not been read is lost
+    kLost,     // the writer was faster: `bytes`, about, have been overwritten before they were read
+  };
+  Kind kind = Kind::kEntry;
+  TraceEntry entry;
+  std::uint64_t bytes = 0;
+};
+
+// What one look came to.
+struct TraceLook {
+  std::vector<TraceFollowEvent> events;
+  bool is_pending = false;  // something is there that a look will give soon: look again
+  bool is_missing = false;  // the path names no file now
+  int error = 0;            // the file cannot be read any more: EFBIG for one that is too large
+};
+
+// Follows a file of one kind, which stays open.
+class TraceFileFollower {
+ public:
+  TraceFileFollower() = default;
+  virtual ~TraceFileFollower() = default;
+  TraceFileFollower(const TraceFileFollower&) = delete;
+  TraceFileFollower& operator=(const TraceFileFollower&) = delete;
+
+  // Adds what is new in `file` to `look`; with `is_last`, holds nothing back. [owning thread]
+  virtual void Look(const TraceFile& file, bool is_last, TraceLook& look) = 0;
+};
+
+// Follows the file that a path names.
+//
+// Threads: none of its own.
+// Owns: the open file and a copy of it.
+// Failure: bytes that make no sense come as pieces; a writer that is faster than the looks is told with kLost.
+class TraceFollower {
+ public:
+  // With `from_now`, what stands in the file at the first look is not given. `settled` is how long the newest entry of
+  // a log has to stand unchanged before it is given. [owning thread]
+  TraceFollower(std::string path, bool from_now, std::chrono::milliseconds settled = kSettled);
+  ~TraceFollower();
+
+  // Opens the file; 0 or the error number. [owning thread]
+  [[nodiscard]] int Open();
+
+  // What is new since the last look. [owning thread]
+  TraceLook Look();
+
+ private:
+  void ChooseKind();
+  [[nodiscard]] bool IsSameFile(bool& is_missing) const;
+
+  std::string path_;
+  bool from_now_;
+  std::chrono::milliseconds settled_;
+  std::unique_ptr<TraceFile> file_;
+  std::unique_ptr<TraceFileFollower> follower_;  // null: the file is still empty
+};
+
+std::unique_ptr<TraceFileFollower> MakeLogFollower(bool from_now, std::chrono::milliseconds settled);
+std::unique_ptr<TraceFileFollower> MakeRingFollower(bool from_now);
+
+}  // namespace qx::debug

@@ -1,0 +1,100 @@
+// Where the entries of a trace file stand and in which order of time: found once, before they are read.
+//
+// A log that has wrapped and a ring are written in a circle, so their bytes are not in the order of time. A layout
+// lists the ranges of the file in that order. docs/trace.md tells how the places are found, and where a file cannot
+// tell.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "debug/tools/TraceSource.h"
+
+namespace qx::debug {
+
+enum class TraceFormat { kLog, kRing };
+
+// Which part of the circle a range belongs to.
+enum class TracePart {
+  kHead,    // kept: never overwritten by a wrap
+  kOlder,   // what is left of the cycle before
+  kNewest,  // written since the last wrap; all of a file that has not wrapped
+};
+
+struct TraceRange {
+  enum class Kind {
+    kEntries,
+    kPiece,  // lines of which nobody can say to which entry they belong
+    kGap,    // no bytes: entries that stood here in time have been overwritten
+  };
+  Kind kind;
+  TracePart part;
+  std::uint64_t begin;
+  std::uint64_t end;
+};
+
+// Something that an operator should know about a file.
+struct TraceFinding {
+  enum class Kind {
+    kNoEntries,      // bytes, and not one entry
+    kHole,           // NUL bytes between lines
+    kCutEnd,         // the last line has no line feed
+    kStampsAlike,    // the stamps do not tell where the newest entry of a log is
+    kClockSetBack,   // stamps go back at more than one place
+    kRingHeader,     // a line of a ring's header is not as it should be
+    kWritePosition,  // the write position of a ring is not where the newest entry ends
+  };
+  Kind kind;
+  std::string text;
+};
+
+// The line that a log's wrap leaves at the end of the head.
+struct TraceWrap {
+  std::int64_t cycle = 0;
+  std::uint64_t position = 0;  // of the line: the size of the head
+  std::uint64_t line_end = 0;
+  std::uint64_t max_bytes = 0;  // the entry that ended behind this offset was the last of its cycle
+};
+
+// The header of a ring file. A number that is not 16 digits is unset.
+struct TraceRingHeader {
+  std::string first_open;
+  std::string last_open;
+  std::optional<std::uint64_t> opens;
+  std::optional<std::uint64_t> wraps;
+  std::optional<std::uint64_t> size;
+  std::optional<std::uint64_t> write_position;
+};
+
+struct TraceLayout {
+  TraceFormat format = TraceFormat::kLog;
+  std::vector<TraceRange> ranges;  // in the order of time
+  std::vector<TraceFinding> findings;
+  std::optional<TraceWrap> wrap;        // of a log that has wrapped
+  std::optional<TraceRingHeader> ring;  // of a ring
+  // Behind the newest entry. In a wrapped log behind its first line: how many further ones it has, nobody can say.
+  std::uint64_t newest_end = 0;
+  // Where the newest cycle began: what a wrap returns to.
+  std::uint64_t cycle_begin = 0;
+};
+
+// Finds the layout of a log or a ring, whatever its bytes are. Memory is bounded whatever the file's size. [any thread]
+TraceLayout FindTraceLayout(const TraceSource& source);
+
+// Whether the source begins like a ring file. [any thread]
+bool IsTraceRing(const TraceSource& source);
+
+// The header of a ring file as it stands now. [any thread]
+TraceRingHeader ReadTraceRingHeader(const TraceSource& source);
+
+// The line of the last wrap of a log. [any thread]
+std::optional<TraceWrap> FindTraceWrap(const TraceSource& source);
+
+// Internal: the two kinds of layout.
+TraceLayout FindLogLayout(const TraceSource& source);
+TraceLayout FindRingLayout(const TraceSource& source);
+
+}  // namespace qx::debug

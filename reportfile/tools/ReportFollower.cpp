@@ -1,0 +1,193 @@
+#include "reportfile/tools/ReportFollower.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+namespace qx::report {
+
+namespace {
+
+using Hashes = std::vector<std::uint64_t>;
+
+constexpr int kAttempts = 8;
+constexpr int kAttemptsAtFullSize = 2;
+constexpr std::uint32_t kSmallCount = 256;  // a small answer is read before a fast writer can get far
+
+std::span<const std::uint64_t> Last(const Hashes& hashes, std::size_t count) {
+  return std::span(hashes).last(std::min(count, hashes.size()));
+}
+
+bool BeginAlike(const Hashes& one, const Hashes& other) {
+  const auto size = static_cast<std::ptrdiff_t>(std::min(one.size(), other.size()));
+  return std::equal(one.begin(), one.begin() + size, other.begin());
+}
+
+}  // namespace
+
+ReportFollower::ReportFollower(RecordSource& source, ReportPosition position)
+    : source_(source), position_(std::move(position)) {}
+
+bool ReportFollower::Look(std::uint32_t count_max, ReportLook& look) {
+  outrun_.clear();
+  outrun_standing_ = 0;
+  for (int i = 0; i < kAttempts; ++i) {
+    last_ = Attempt();
+    if (!Try(i < kAttemptsAtFullSize ? count_max : std::min(count_max, kSmallCount), last_)) return false;
+    if (last_.is_steady) {
+      look = std::move(last_.look);
+      return true;
+    }
+  }
+  last_ = Attempt();
+  look = ReportLook();
+  look.was_outrun = true;
+  return true;
+}
+
+void ReportFollower::Delivered(std::size_t count) { position_ = PositionAfter(count); }
+
+ReportPosition ReportFollower::PositionAfter(std::size_t count) const {
+  const bool has_read = last_.is_steady;
+  const bool continues = last_.look.event == LookEvent::kNone || last_.look.event == LookEvent::kAmbiguous;
+  if (!has_read || (!continues && count == 0 && !last_.hashes.empty())) return position_;  // to be told once more
+  ReportPosition position;
+  position.next = last_.place + static_cast<std::uint32_t>(count);
+  position.delivered = position_.delivered + count;
+  if (continues) position.overlap = position_.overlap;
+  position.overlap.insert(position.overlap.end(), last_.hashes.begin(),
+                          last_.hashes.begin() + static_cast<std::ptrdiff_t>(count));
+  const auto kept = Last(position.overlap, kOverlapRecords);
+  position.overlap = Hashes(kept.begin(), kept.end());
+  return position;
+}
+
+bool ReportFollower::Try(std::uint32_t count_max, Attempt& attempt) {
+  return Locate(attempt) && ReadNew(count_max, attempt) && LookBehind(attempt) && CheckSteady(attempt);
+}
+
+bool ReportFollower::Locate(Attempt& attempt) {
+  if (position_.overlap.empty()) return true;
+  bool is_located = false;
+  if (has_searched_all_ && !LocateNear(attempt, is_located)) return false;
+  if (is_located) return true;
+  Hashes window;
+  const std::uint32_t end = position_.next + static_cast<std::uint32_t>(outrun_.size());
+  if (!ReadHashes(0, end, window)) return false;
+  has_searched_all_ = true;
+  const auto before_next = std::span(window).first(std::min<std::size_t>(position_.next, window.size()));
+  const OverlapPlace found = FindOverlap(position_.overlap, before_next, true);
+  if (found.verdict == OverlapVerdict::kMissing) {
+    SettleMissing(window, attempt);
+  } else {
+    Settle(found, 0, attempt);
+  }
+  return true;
+}
+
+// A full ring moves by as many records as were written, so the place is never behind `next`, and mostly little before.
+bool ReportFollower::LocateNear(Attempt& attempt, bool& is_located) {
+  const std::size_t reach = position_.overlap.size() + kNearRecords;
+  if (position_.next <= reach) return true;
+  const std::uint32_t start = position_.next - static_cast<std::uint32_t>(reach);
+  Hashes window;
+  if (!source_.Refresh() || !ReadHashes(start, position_.next, window)) return false;
+  const OverlapPlace found = FindOverlap(position_.overlap, window, false);
+  is_located = found.verdict != OverlapVerdict::kMissing;
+  if (is_located) Settle(found, start, attempt);
+  return true;
+}
+
+void ReportFollower::Settle(const OverlapPlace& found, std::uint32_t window_start, Attempt& attempt) const {
+  const auto compared = Last(position_.overlap, found.compared);
+  attempt.expected.assign(compared.begin(), compared.end());
+  attempt.place = window_start + static_cast<std::uint32_t>(found.index);
+  attempt.first = attempt.place - static_cast<std::uint32_t>(found.compared);
+  if (found.verdict == OverlapVerdict::kAmbiguous) attempt.look.event = LookEvent::kAmbiguous;
+}
+
+// A report never gets fewer records, so fewer than there were say that it is another one.
+void ReportFollower::SettleMissing(const Hashes& window, Attempt& attempt) const {
+  const bool has_shrunk = window.size() < position_.next;
+  attempt.look.event = has_shrunk ? LookEvent::kStartedOver : LookEvent::kGap;
+  if (!has_shrunk) attempt.look.lost = LostRecords(window);
+  attempt.expected.assign(window.begin(),
+                          window.begin() + static_cast<std::ptrdiff_t>(std::min(window.size(), kOverlapRecords)));
+}
+
+// What an earlier attempt read behind the delivered records tells how far the ring has moved beyond them, if some of it
+// still stands.
+//   read behind the last delivered one   a b c d e
+//   ring now                             d e f g      => lost are a b c: 5 - 2
+std::optional<std::uint64_t> ReportFollower::LostRecords(const Hashes& window) const {
+  if (outrun_standing_ == 0) return std::nullopt;
+  const OverlapPlace found = FindOverlap(Last(outrun_, outrun_standing_), window, true);
+  if (found.verdict != OverlapVerdict::kFound || found.index > outrun_.size()) return std::nullopt;
+  return outrun_.size() - found.index;
+}
+
+bool ReportFollower::ReadHashes(std::uint32_t first, std::uint32_t end, Hashes& hashes) {
+  std::vector<std::string> records;
+  while (first < end) {
+    records.clear();
+    if (!source_.Read(first, end - first, records)) return false;
+    if (records.empty()) return true;
+    for (const std::string& record : records) hashes.push_back(RecordHash(record));
+    first += static_cast<std::uint32_t>(records.size());
+  }
+  return true;
+}
+
+// Where no record stands before the new ones, they are read in a snapshot of their own: they have to begin as the
+// search found the ring, and their first are to stand until all is read.
+bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
+  if (!source_.Read(attempt.place, count_max, attempt.look.records)) return false;
+  for (const std::string& record : attempt.look.records) attempt.hashes.push_back(RecordHash(record));
+  const std::size_t before_new = attempt.place - attempt.first;
+  attempt.is_torn = before_new == 0 && !BeginAlike(attempt.hashes, attempt.expected);
+  while (attempt.expected.size() < kOverlapRecords && attempt.expected.size() - before_new < attempt.hashes.size()) {
+    attempt.expected.push_back(attempt.hashes[attempt.expected.size() - before_new]);
+  }
+  return true;
+}
+
+// Nothing at an index may be the end, or a record that no answer can carry: then there is one behind it.
+bool ReportFollower::LookBehind(Attempt& attempt) {
+  ReportLook& look = attempt.look;
+  const std::uint32_t next = attempt.place + static_cast<std::uint32_t>(look.records.size());
+  std::vector<std::string> behind;
+  if (next > 0 && !source_.Read(next, 1, behind)) return false;
+  if (!behind.empty()) return true;
+  if (!source_.Read(next + 1, 1, behind)) return false;
+  look.reached_end = behind.empty();
+  look.is_blocked = !look.reached_end && look.records.empty();
+  return true;
+}
+
+bool ReportFollower::CheckSteady(Attempt& attempt) {
+  Hashes now;
+  const auto end = attempt.first + static_cast<std::uint32_t>(attempt.expected.size());
+  if (!ReadHashes(attempt.first, end, now)) return false;
+  attempt.is_steady = !attempt.is_torn && now == attempt.expected;
+  return attempt.is_steady || KeepOutrun(attempt);
+}
+
+// Of what was read, only what still stands at the end is known to have stood there all the time. Index 0 would have
+// begun a new snapshot, in which indexes may mean other records.
+bool ReportFollower::KeepOutrun(const Attempt& attempt) {
+  outrun_.clear();
+  outrun_standing_ = 0;
+  const bool continues = attempt.look.event == LookEvent::kNone && !position_.overlap.empty();
+  if (!continues || attempt.first == 0 || attempt.hashes.empty()) return true;
+  const auto was = Last(attempt.hashes, kOverlapRecords);
+  const std::uint32_t end = attempt.place + static_cast<std::uint32_t>(attempt.hashes.size());
+  Hashes is;
+  if (!ReadHashes(end - static_cast<std::uint32_t>(was.size()), end, is)) return false;
+  if (is.size() != was.size()) return true;
+  const auto differing = std::mismatch(is.rbegin(), is.rend(), was.rbegin()).first;
+  outrun_ = attempt.hashes;
+  outrun_standing_ = static_cast<std::size_t>(differing - is.rbegin());
+  return true;
+}
+
+}  // namespace qx::report

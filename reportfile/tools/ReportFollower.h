@@ -1,0 +1,121 @@
+// Reads what is new in a report, look by look, through an interface that numbers records from the oldest one kept.
+//
+// Each look finds the place where the last one left off by the texts before it (RecordOverlap.h), reads the new records
+// together with the overlap before them, and reads the beginning of all that once more: a ring replaces its oldest
+// record first, so if the beginning still stands, everything behind it stood as well while it was read. Otherwise the
+// look starts over. Resuming an interrupted fetch and following a report are the same thing at different intervals.
+//
+// What it cannot notice: that a writer has meanwhile written the whole overlap again, record for record, and the place
+// where it stood before has left the ring.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "reportfile/tools/RecordOverlap.h"
+
+namespace qx::report {
+
+// Where records come from: the module, or a model of it in tests. Index 0 is the oldest record of a snapshot.
+//
+// A snapshot fixes which records there are, not what they hold: once the ring has moved on, an index leads to the newer
+// record that took the place.
+class RecordSource {
+ public:
+  RecordSource() = default;
+  virtual ~RecordSource() = default;
+  RecordSource(const RecordSource&) = delete;
+  RecordSource& operator=(const RecordSource&) = delete;
+
+  // Starts a new snapshot. False: a call failed, and the source knows why. [owning thread]
+  [[nodiscard]] virtual bool Refresh() = 0;
+
+  // The records from `start` on, at most `count_max` and as many as one answer carries; none behind the last one.
+  // `start` 0 starts a new snapshot, too. [owning thread]
+  [[nodiscard]] virtual bool Read(std::uint32_t start, std::uint32_t count_max, std::vector<std::string>& records) = 0;
+};
+
+// How far a report has been delivered. A state file keeps it.
+struct ReportPosition {
+  std::uint32_t next = 0;              // index of the next record, as long as the ring does not move
+  std::uint64_t delivered = 0;         // records in all
+  std::vector<std::uint64_t> overlap;  // hashes of the last ones, oldest first; empty: nothing was delivered yet
+
+  friend bool operator==(const ReportPosition&, const ReportPosition&) = default;
+};
+
+enum class LookEvent {
+  kNone,
+  kGap,          // the last delivered records are gone: others may have been written and replaced meanwhile
+  kAmbiguous,    // the records repeat so that the place is not certain; records may be missing, none comes twice
+  kStartedOver,  // there are fewer records than were delivered: the report is a new one
+};
+
+struct ReportLook {
+  LookEvent event = LookEvent::kNone;
+  std::optional<std::uint64_t> lost;  // kGap: how many records, if that is known
+  std::vector<std::string> records;   // new ones, oldest first
+  bool reached_end = false;           // no record stood behind them
+  bool is_blocked = false;            // none could be read, but another stands behind the next one
+  bool was_outrun = false;            // the ring moves faster than it can be read: no records
+};
+
+// Threads: one thread.
+// Costs: the first look reads all records before the next one, so that a second place that fits does not go unnoticed;
+// later ones read kNearRecords and the overlap, as long as that finds the place. Memory: one answer of the source, and
+// eight bytes for each record that was looked at.
+class ReportFollower {
+ public:
+  static constexpr std::uint32_t kNearRecords = 1024;
+
+  explicit ReportFollower(RecordSource& source, ReportPosition position = {});
+
+  // Reads at most `count_max` new records, and no more than one answer of the source holds. False: the source failed,
+  // and the look says nothing. [owning thread]
+  [[nodiscard]] bool Look(std::uint32_t count_max, ReportLook& look);
+
+  // The first `count` records of the last look have been delivered; the others will come again. What the look told
+  // is done with. [owning thread]
+  void Delivered(std::size_t count);
+
+  [[nodiscard]] const ReportPosition& Position() const { return position_; }
+
+  // The position that Delivered(count) would leave. [owning thread]
+  [[nodiscard]] ReportPosition PositionAfter(std::size_t count) const;
+
+ private:
+  // One attempt at a look: where the new records begin, and what must stand there until all is read.
+  struct Attempt {
+    ReportLook look;
+    std::uint32_t place = 0;              // index of the first new record
+    std::uint32_t first = 0;              // index of the first expected one
+    std::vector<std::uint64_t> expected;  // hashes of the records from `first` on
+    std::vector<std::uint64_t> hashes;    // of the new records
+    bool is_torn = false;                 // the new records do not begin as the ring that was searched
+    bool is_steady = false;               // the ring did not move over what was read
+  };
+
+  [[nodiscard]] bool Try(std::uint32_t count_max, Attempt& attempt);
+  [[nodiscard]] bool Locate(Attempt& attempt);
+  [[nodiscard]] bool LocateNear(Attempt& attempt, bool& is_located);
+  void Settle(const OverlapPlace& found, std::uint32_t window_start, Attempt& attempt) const;
+  void SettleMissing(const std::vector<std::uint64_t>& window, Attempt& attempt) const;
+  [[nodiscard]] std::optional<std::uint64_t> LostRecords(const std::vector<std::uint64_t>& window) const;
+  [[nodiscard]] bool ReadHashes(std::uint32_t first, std::uint32_t end, std::vector<std::uint64_t>& hashes);
+  [[nodiscard]] bool ReadNew(std::uint32_t count_max, Attempt& attempt);
+  [[nodiscard]] bool LookBehind(Attempt& attempt);
+  [[nodiscard]] bool CheckSteady(Attempt& attempt);
+  [[nodiscard]] bool KeepOutrun(const Attempt& attempt);
+
+  RecordSource& source_;
+  ReportPosition position_;
+  Attempt last_;
+  std::vector<std::uint64_t> outrun_;  // new records that an attempt read while the ring moved
+  std::size_t outrun_standing_ = 0;    // how many of them still stood at the end
+  bool has_searched_all_ = false;
+};
+
+}  // namespace qx::report

@@ -1,0 +1,349 @@
+#include "reportfile/tools/StoreSalvage.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "reportfile/ReportFileBase.h"
+#include "reportfile/StoreFormat.h"
+#include "reportfile/StoreIo.h"
+#include "reportfile/tools/ByteSource.h"
+#include "reportfile/tools/DurableFiles.h"
+
+namespace qx::report {
+
+namespace {
+
+constexpr std::int64_t kOffsetLimit = std::int64_t{1} << 32;
+
+// A line of the data file from some offset on.
+struct Line {
+  std::int64_t begin = 0;
+  std::int64_t end = 0;      // behind its line feed, or where it breaks off
+  bool is_complete = false;  // ends with a line feed and holds no NUL
+
+  std::int64_t Bytes() const { return end - begin; }
+};
+
+struct SlotLine {
+  std::uint32_t slot;
+  Line line;
+  bool is_taken = true;
+};
+
+class Salvager {
+ public:
+  Salvager(ByteSource& index, ByteSource& data, const SalvageSink& sink)
+      : index_(index), data_bytes_(std::min(data.Size(), kOffsetLimit)), data_(data), texts_(data), sink_(sink) {}
+
+  SalvageCounts Run(bool with_unindexed) {
+    ReadIndex();
+    FindLines();
+    DropFragments();
+    if (!EmitIndexed()) return counts_;
+    if (with_unindexed) EmitUnindexed();
+    return counts_;
+  }
+
+ private:
+  // --- the index
+
+  void ReadIndex() {
+    (void)index_.ReadAt(0, &header_, sizeof header_);  // whatever comes is distrusted
+    const std::int64_t whole = std::max<std::int64_t>(index_.Size() - SlotOffset(0), 0) / 4;
+    counts_.is_cut_short = whole > kSalvageSlotsMax;
+    offsets_.resize(static_cast<std::size_t>(std::min<std::int64_t>(whole, kSalvageSlotsMax)));
+    const std::size_t read = index_.ReadAt(SlotOffset(0), offsets_.data(), offsets_.size() * sizeof(std::uint32_t));
+    offsets_.resize(read / sizeof(std::uint32_t));
+  }
+
+  std::uint32_t SlotCount() const { return static_cast<std::uint32_t>(offsets_.size()); }
+
+  // The slot of the oldest record. When the header does not tell, the slot behind the one whose record ends at
+  // writePosition; if there is none, the first.
+  std::uint32_t OldestSlot() const {
+    if (SlotCount() == 0) return 0;
+    if (header_.oldestIndex >= SlotCount()) return SlotBehindNewest();
+    const bool is_in_flight = header_.highestIndex == header_.maxRecord && header_.maxRecord == SlotCount() &&
+                              offsets_[header_.oldestIndex] == header_.writePosition;
+    return is_in_flight ? (header_.oldestIndex + 1) % SlotCount() : header_.oldestIndex;
+  }
+
+  std::uint32_t SlotBehindNewest() const {
+    for (const SlotLine& held : lines_) {
+      if (held.line.end == header_.writePosition) return (held.slot + 1) % SlotCount();
+    }
+    return 0;
+  }
+
+  // --- lines that slots lead to
+
+  // lines_: by offset, each offset once. Offsets that share a line are found with one search, so that slots that all
+  // lead into one huge line cost no more than reading it.
+  void FindLines() {
+    std::vector<std::uint32_t> slots(SlotCount());
+    for (std::uint32_t slot = 0; slot < SlotCount(); ++slot) slots[slot] = slot;
+    std::stable_sort(slots.begin(), slots.end(),
+                     [this](std::uint32_t a, std::uint32_t b) { return offsets_[a] < offsets_[b]; });
+    lines_.reserve(slots.size());
+    for (const std::uint32_t slot : slots) {
+      if (lines_.empty() || lines_.back().line.begin != offsets_[slot]) lines_.push_back({slot, LineOfSlot(slot)});
+    }
+  }
+
+  Line LineOfSlot(std::uint32_t slot) {
+    const std::int64_t begin = offsets_[slot];
+    if (lines_.empty() || begin >= lines_.back().line.end) return LineAt(begin);
+    Line line = lines_.back().line;  // begins inside it
+    line.begin = begin;
+    return line;
+  }
+
+  // A line from `begin` to its first line feed; it breaks off at a NUL and at the end of the file.
+  Line LineAt(std::int64_t begin) {
+    for (std::int64_t at = begin; at < data_bytes_;) {
+      const std::string_view bytes = BytesAt(at);
+      if (bytes.empty()) break;
+      const std::size_t end = bytes.find_first_of(std::string_view("\n\0", 2));
+      if (end != std::string_view::npos) {
+        return {begin, at + static_cast<std::int64_t>(end) + 1, bytes[end] == '\n'};
+      }
+      at += static_cast<std::int64_t>(bytes.size());
+    }
+    return {begin, std::max(begin, data_bytes_), false};
+  }
+
+  // A slot that leads into the middle of a line gives a piece of a record. It is one for certain when the line's own
+  // slot is followed by one that leads right behind the line, as a writer's slots do. If it is not certain, the line
+  // feed in front of a real record may be what was damaged, and both are kept.
+  void DropFragments() {
+    const SlotLine* whole = nullptr;
+    for (SlotLine& held : lines_) {
+      const bool is_inside = whole != nullptr && held.line.begin < whole->line.end;
+      if (!is_inside) {
+        whole = &held;
+      } else if (IsFollowedByItsNeighbour(*whole)) {
+        held.is_taken = false;
+      }
+      held.is_taken = held.is_taken && held.line.is_complete && !IsEndMarker(held.line);
+    }
+  }
+
+  bool IsFollowedByItsNeighbour(const SlotLine& held) const {
+    return held.line.is_complete && offsets_[(held.slot + 1) % SlotCount()] == held.line.end;
+  }
+
+  bool IsEndMarker(const Line& line) {
+    const bool may_be = line.begin == header_.writePosition || line.begin == header_.fileEnd;
+    return may_be && BytesAt(line.begin, kEndMarker.size()).starts_with(kEndMarker);
+  }
+
+  // --- handing over
+
+  bool EmitIndexed() {
+    std::vector<const SlotLine*> by_slot(SlotCount(), nullptr);
+    for (const SlotLine& held : lines_) by_slot[held.slot] = held.is_taken ? &held : nullptr;
+    const std::uint32_t oldest = OldestSlot();
+    for (std::uint32_t age = 0; age < SlotCount(); ++age) {
+      const SlotLine* const held = by_slot[(std::uint64_t{oldest} + age) % SlotCount()];
+      if (held == nullptr) {
+        ++counts_.lost;
+      } else if (Emit(held->line)) {
+        ++counts_.indexed;
+      } else {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  // Whole lines that no slot leads to. The line behind an end marker may be the rest of one that the marker
+  // was written over.
+  void EmitUnindexed() {
+    bool is_behind_marker = false;
+    auto next_slot = lines_.begin();
+    for (std::int64_t at = 0; at < data_bytes_;) {
+      const Line line = LineAt(at);
+      if (!line.is_complete) {
+        at = BehindGarbage(line.end);
+        is_behind_marker = false;
+        continue;
+      }
+      while (next_slot != lines_.end() && next_slot->line.begin < line.begin) ++next_slot;
+      const bool is_indexed = next_slot != lines_.end() && next_slot->line.begin == line.begin;
+      const bool is_marker = line.Bytes() == std::ssize(kEndMarker) && IsTextAt(line.begin, kEndMarker);
+      const bool is_record = !is_indexed && !is_marker && !is_behind_marker && EndsWithLineEnd(line);
+      if (is_record && !Emit(line)) return;
+      counts_.unindexed += is_record ? 1 : 0;
+      is_behind_marker = is_marker;
+      at = line.end;
+    }
+  }
+
+  // Behind a NUL the next line begins behind the next line feed.
+  std::int64_t BehindGarbage(std::int64_t at) {
+    while (at < data_bytes_) {
+      const std::string_view bytes = BytesAt(at);
+      if (bytes.empty()) break;
+      const std::size_t end = bytes.find('\n');
+      if (end != std::string_view::npos) return at + static_cast<std::int64_t>(end) + 1;
+      at += static_cast<std::int64_t>(bytes.size());
+    }
+    return data_bytes_;
+  }
+
+  bool IsTextAt(std::int64_t offset, std::string_view text) { return BytesAt(offset, text.size()).starts_with(text); }
+
+  bool EndsWithLineEnd(const Line& line) {
+    const auto size = static_cast<std::int64_t>(kLineEnd.size());
+    return line.Bytes() >= size && IsTextAt(line.end - size, kLineEnd);
+  }
+
+  bool Emit(const Line& line) {
+    constexpr std::int64_t kSpareBytes = std::int64_t{1} << 20;
+    emitted_bytes_ += line.Bytes();
+    if (emitted_bytes_ > std::min(4 * data_bytes_ + kSpareBytes, kOffsetLimit - kSpareBytes)) {
+      counts_.is_cut_short = true;
+      return false;
+    }
+    std::string text(static_cast<std::size_t>(line.Bytes()), '\0');
+    text.resize(data_.ReadAt(line.begin, text.data(), text.size()));
+    if (text.ends_with('\n')) text.pop_back();
+    if (text.ends_with('\r')) text.pop_back();
+    return sink_(text);
+  }
+
+  std::string_view BytesAt(std::int64_t offset, std::size_t wanted = 1) {
+    const std::string_view bytes = texts_.At(offset, wanted);
+    const std::int64_t left = std::max<std::int64_t>(data_bytes_ - offset, 0);
+    return bytes.substr(0, static_cast<std::size_t>(std::min<std::int64_t>(left, std::ssize(bytes))));
+  }
+
+  ByteSource& index_;
+  const std::int64_t data_bytes_;
+  ByteSource& data_;
+  WindowedBytes texts_;
+  const SalvageSink& sink_;
+  IndexHeader header_;
+  std::vector<std::uint32_t> offsets_;  // by slot
+  std::vector<SlotLine> lines_;         // by offset
+  std::int64_t emitted_bytes_ = 0;
+  SalvageCounts counts_;
+};
+
+}  // namespace
+
+SalvageCounts SalvageRecords(ByteSource& index, ByteSource& data, bool with_unindexed, const SalvageSink& sink) {
+  return Salvager(index, data, sink).Run(with_unindexed);
+}
+
+namespace {
+
+SalvageResult Failed(std::string file, int error) {
+  SalvageResult result;
+  result.state = SalvageState::kFailed;
+  result.error = error;
+  result.file = std::move(file);
+  return result;
+}
+
+// A file of the source; one that is missing reads as empty.
+struct SourceFile {
+  explicit SourceFile(const std::string& name) : path(name), bytes(OpenRegularFile(name, OpenMode::kRead)) {
+    open_error = bytes.File() != nullptr ? 0 : errno;
+  }
+  bool IsMissing() const { return open_error == ENOENT; }
+  int Error() const { return open_error != 0 && !IsMissing() ? open_error : bytes.Error(); }
+
+  std::string path;
+  FileBytes bytes;
+  int open_error = 0;
+};
+
+// The old ring size if a writer could have chosen it, with room for every record.
+std::uint32_t NewRingSize(ByteSource& index, std::uint64_t records) {
+  IndexHeader header = {.maxRecord = 0};
+  (void)index.ReadAt(0, &header, sizeof header);
+  const bool is_plausible = header.maxRecord >= 1 && header.maxRecord <= kMaxRecordUnlimited;
+  const std::uint64_t size = std::max<std::uint64_t>({is_plausible ? header.maxRecord : 1U, records, 1U});
+  return static_cast<std::uint32_t>(std::min<std::uint64_t>(size, kMaxRecordUnlimited));
+}
+
+std::optional<std::string> ExistingFile(const std::string& base_path) {
+  for (const std::string& file : {IndexFileName(base_path), DataFileName(base_path)}) {
+    if (faccessat(AT_FDCWD, file.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) return file;
+  }
+  return std::nullopt;
+}
+
+// Writes the records to a new store at `base_path`, whose directory is private.
+SalvageResult WriteNewStore(SourceFile& index, SourceFile& data, bool with_unindexed, const std::string& base_path) {
+  const auto ignore = [](std::string_view) { return true; };
+  const SalvageCounts counted = SalvageRecords(index.bytes, data.bytes, with_unindexed, ignore);
+  SalvageResult result;
+  result.ring_size = NewRingSize(index.bytes, counted.indexed + counted.unindexed);
+
+  CReportFileBase store;
+  if (!store.Open(base_path.c_str(), result.ring_size)) return Failed(base_path, errno);
+  int error = store.writePositionsToFile() == 0 ? 0 : errno;
+  const auto append = [&store, &error](std::string_view text) {
+    if (error != 0) return false;
+    if (!store.writeLine(std::string(text).c_str())) error = errno != 0 ? errno : EIO;
+    return error == 0;
+  };
+  result.counts = SalvageRecords(index.bytes, data.bytes, with_unindexed, append);
+  if (error == 0 && store.writePositionsToFile() != 0) error = errno;  // a record's own header write is not checked
+  return error == 0 ? result : Failed(base_path, error);
+}
+
+// The data file first: a lone data file is not taken for a report.
+int PutInPlace(const std::string& from, const std::string& to) {
+  for (const auto& name : {DataFileName, IndexFileName}) {
+    if (const int error = SyncPath(name(from))) return error;
+  }
+  if (const int error = RenameWithoutReplacing(DataFileName(from), DataFileName(to))) return error;
+  if (const int error = RenameWithoutReplacing(IndexFileName(from), IndexFileName(to))) {
+    (void)unlink(DataFileName(to).c_str());  // ours, just put there
+    return error;
+  }
+  return SyncPath(ParentOf(to));
+}
+
+}  // namespace
+
+SalvageResult SalvageStore(const std::string& source, const std::string& target, bool with_unindexed) {
+  SalvageResult result;
+  if (const auto existing = ExistingFile(target)) {
+    result.state = SalvageState::kTargetExists;
+    result.file = *existing;
+    return result;
+  }
+  SourceFile index(IndexFileName(source));
+  SourceFile data(DataFileName(source));
+  if (index.IsMissing() && data.IsMissing()) {
+    result.state = SalvageState::kNotFound;
+    return result;
+  }
+  for (const SourceFile* const file : {&index, &data}) {
+    if (file->Error() != 0) return Failed(file->path, file->Error());
+  }
+  const PrivateDirectory directory(target + ".salvage-");
+  if (directory.Error() != 0) return Failed(directory.Path(), directory.Error());
+  const std::string base_path = directory.Path() + "/store";
+  result = WriteNewStore(index, data, with_unindexed, base_path);
+  if (result.state != SalvageState::kDone) return Failed(target, result.error);
+  for (const SourceFile* const file : {&index, &data}) {
+    if (file->Error() != 0) return Failed(file->path, file->Error());  // a read failed: not all that is there was seen
+  }
+  const int error = PutInPlace(base_path, target);
+  return error == 0 ? result : Failed(target, error);
+}
+
+}  // namespace qx::report

@@ -1,0 +1,543 @@
+#include "reportfile/tools/StoreVerify.h"
+
+#include <ctime>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include "reportfile/RecordEnds.h"
+#include "reportfile/StoreIo.h"
+#include "reportfile/tools/ByteSource.h"
+
+namespace qx::report {
+
+namespace {
+
+constexpr std::int64_t kOffsetLimit = std::int64_t{1} << 32;
+constexpr std::int64_t kRecordBytesMin = kLineEnd.size();
+constexpr std::int64_t kMarkerBytes = kEndMarker.size();
+
+// More rounds of the 32-bit count than any machine writes in its life.
+constexpr std::uint64_t kCountWrapsMax = 4;
+
+std::int64_t OffsetInHeader(std::size_t member) { return static_cast<std::int64_t>(member); }
+
+bool HasFewerBytesChangedThanKept(std::string_view bytes, std::string_view original) {
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < std::min(bytes.size(), original.size()); ++i) kept += bytes[i] == original[i] ? 1 : 0;
+  return 2 * kept > original.size();
+}
+
+// A record by its slot, as the walk in age order meets it.
+struct WalkedRecord {
+  std::uint32_t age;  // 0 is the oldest
+  std::uint32_t slot;
+  std::uint32_t offset;
+  bool is_current;         // written since the data file was last restarted
+  bool is_previous;        // written in the round before that
+  bool starts_round;       // stands at offset 0
+  std::uint32_t in_round;  // records before it in its round
+  bool is_told = false;    // its slot is a finding already
+};
+
+class Examiner {
+ public:
+  Examiner(ByteSource& index, ByteSource& data) : index_(index), data_(data), slots_(index), texts_(data) {}
+
+  StoreLook Look() {
+    look_.index_bytes = index_.Size();
+    look_.data_bytes = data_.Size();
+    if (!ReadHeader()) {
+      CheckStoreWithoutHeader();
+    } else if (IsFirstRecordInFlight()) {
+      look_.record_in_flight = true;
+    } else {
+      CheckStore();
+    }
+    return std::move(look_);
+  }
+
+ private:
+  void CheckStore() {
+    look_.beyond_offsets = look_.data_bytes > kOffsetLimit;
+    CheckRing();
+    if (!look_.findings.empty()) return;  // nothing else can be told from such a header
+    CheckPositions();
+    CheckSizes();
+    if (!look_.findings.empty() || look_.beyond_offsets) return;
+    FindRecordInFlight();
+    CheckMarker();
+    WalkRecords();
+  }
+
+  // --- the header
+
+  bool ReadHeader() {
+    IndexHeader header;
+    if (index_.ReadAt(0, &header, sizeof header) != sizeof header) return false;
+    look_.header = header;
+    return true;
+  }
+
+  // The first record's slot is written before any header, behind 24 bytes that nobody has written yet.
+  bool IsFirstRecordInFlight() {
+    constexpr IndexHeader kUnwritten = {.maxRecord = 0};
+    return look_.header == kUnwritten && look_.index_bytes <= SlotOffset(1) && SlotAt(0).value_or(0) == 0;
+  }
+
+  void CheckRing() {
+    const IndexHeader& header = look_.header;
+    if (header.maxRecord == 0) {
+      AddHeaderFinding("header.ring-size", offsetof(IndexHeader, maxRecord), header.maxRecord, "the ring has no slots");
+    } else if (header.highestIndex > header.maxRecord) {
+      AddHeaderFinding("header.slots-in-use", offsetof(IndexHeader, highestIndex), header.highestIndex,
+                       "more slots in use than the ring has, " + std::to_string(header.maxRecord));
+    } else if (header.highestIndex < header.maxRecord) {
+      CheckFillingRing();
+    } else {
+      CheckFullRing();
+    }
+  }
+
+  void CheckFillingRing() {
+    const IndexHeader& header = look_.header;
+    if (header.oldestIndex != 0) {
+      AddHeaderFinding("header.oldest", offsetof(IndexHeader, oldestIndex), header.oldestIndex,
+                       "the oldest record of a ring that still fills is in slot 0");
+    }
+    if (header.elementCount != header.highestIndex) {
+      AddHeaderFinding("header.count", offsetof(IndexHeader, elementCount), header.elementCount,
+                       "a ring that still fills has as many slots in use as records were written, here " +
+                           std::to_string(header.highestIndex));
+    }
+  }
+
+  void CheckFullRing() {
+    const IndexHeader& header = look_.header;
+    if (header.oldestIndex >= header.maxRecord) {
+      AddHeaderFinding("header.oldest", offsetof(IndexHeader, oldestIndex), header.oldestIndex,
+                       "no slot of a ring of " + std::to_string(header.maxRecord));
+      return;
+    }
+    for (std::uint64_t wraps = 0; wraps <= kCountWrapsMax; ++wraps) {
+      const std::uint64_t written = header.elementCount + wraps * (std::uint64_t{1} << 32);
+      if (written < header.maxRecord || written % header.maxRecord != header.oldestIndex) continue;
+      look_.count_wrapped = wraps > 0;
+      return;
+    }
+    AddHeaderFinding("header.count", offsetof(IndexHeader, elementCount), header.elementCount,
+                     "after so many records the oldest one is not in slot " + std::to_string(header.oldestIndex));
+  }
+
+  std::uint32_t Period() const { return 2 * look_.header.maxRecord; }  // 32 bits, as the writer computes it
+
+  // Records written since the data file was last restarted, when `count` records have been written.
+  std::uint32_t InRound(std::uint32_t count) const { return Period() != 0 ? count % Period() : count; }
+
+  void CheckPositions() {
+    const IndexHeader& header = look_.header;
+    if (look_.beyond_offsets) return;  // both are cut to 32 bits
+    const std::uint32_t in_round = InRound(header.elementCount);
+    const bool is_too_low = header.writePosition < kRecordBytesMin * in_round;
+    if (is_too_low || (in_round == 0 && header.writePosition != 0)) {
+      AddHeaderFinding("header.write-position", offsetof(IndexHeader, writePosition), header.writePosition,
+                       std::to_string(in_round) + " records were written since the data file was restarted");
+    }
+    const bool was_never_restarted = header.highestIndex < header.maxRecord && in_round == header.elementCount;
+    if (header.fileEnd < header.writePosition || (was_never_restarted && header.fileEnd != header.writePosition)) {
+      AddHeaderFinding("header.file-end", offsetof(IndexHeader, fileEnd), header.fileEnd,
+                       "writePosition is " + std::to_string(header.writePosition));
+    }
+  }
+
+  // --- sizes
+
+  void CheckSizes() {
+    const IndexHeader& header = look_.header;
+    const std::int64_t expected = SlotOffset(header.highestIndex);
+    const bool may_have_one_more = header.highestIndex < header.maxRecord;
+    if (look_.index_bytes < expected || look_.index_bytes > expected + (may_have_one_more ? 4 : 0)) {
+      AddSizeFinding("index.size", StoreFile::kIndex, look_.index_bytes,
+                     std::to_string(header.highestIndex) + " slots in use end at " + std::to_string(expected));
+    }
+    if (look_.data_bytes < header.fileEnd) {
+      AddSizeFinding("data.size", StoreFile::kData, look_.data_bytes,
+                     "text was written up to " + std::to_string(header.fileEnd));
+    }
+  }
+
+  // A store that was created and never written has two empty files; with its first record in flight, one record and a
+  // marker in the data file. Anything else has lost its index.
+  void CheckStoreWithoutHeader() {
+    if (look_.index_bytes == 0 && look_.data_bytes == 0) return;
+    if (look_.index_bytes == 0 && DataIsOneRecord()) {
+      look_.record_in_flight = true;
+      return;
+    }
+    AddSizeFinding("index.size", StoreFile::kIndex, look_.index_bytes,
+                   "no header, but the data file holds " + std::to_string(look_.data_bytes) + " bytes");
+  }
+
+  bool DataIsOneRecord() {
+    const std::int64_t end = FindNul(0, FindLineFeed(0) + 1);
+    const std::int64_t behind = FindLineFeed(0) + 1;
+    if (end < behind) return false;
+    const std::string_view rest = texts_.At(behind, kMarkerBytes);
+    return kEndMarker.starts_with(rest);
+  }
+
+  // --- what stands at writePosition
+
+  // The slot that the next record takes leads to it already. In a full ring that was the oldest record's slot.
+  void FindRecordInFlight() {
+    const IndexHeader& header = look_.header;
+    const std::uint32_t next_slot = SlotForNewRecord(header);
+    const std::optional<std::uint32_t> offset = SlotAt(next_slot);
+    if (!offset.has_value()) return;
+    is_slot_in_flight_ = *offset == header.writePosition;
+    if (!is_slot_in_flight_ && next_slot == header.highestIndex) {
+      Add("slot.in-flight", StoreFile::kIndex, SlotOffset(next_slot), *offset,
+          "a slot beyond those in use leads only to the record that is being written, at " +
+              std::to_string(header.writePosition));
+    }
+    look_.record_in_flight = is_slot_in_flight_;
+  }
+
+  // Sets doubtful_end_: indexed text of an earlier round in front of it may be overwritten.
+  void CheckMarker() {
+    const IndexHeader& header = look_.header;
+    const std::int64_t position = header.writePosition;
+    const bool has_just_restarted = InRound(header.elementCount) == 0;
+    const std::string_view there = texts_.At(position, kMarkerBytes).substr(0, kMarkerBytes);
+    if (has_just_restarted) {
+      doubtful_end_ = DoubtfulEndBehindRestart();
+    } else if (there == kEndMarker) {
+      doubtful_end_ = position + kMarkerBytes;
+    } else if (there.size() < kEndMarker.size() && kEndMarker.starts_with(there)) {
+      look_.marker_cut_short = true;
+      doubtful_end_ = look_.data_bytes;
+    } else {
+      CheckTextAtWritePosition(there);
+    }
+  }
+
+  // Behind a restart no marker stands at the new beginning: a new record shows only by its own marker, or, if that came
+  // to stand on the old one, by the text in front of the oldest record.
+  std::int64_t DoubtfulEndBehindRestart() {
+    if (const auto end = EndOfNewRecordAt(0)) return *end;
+    if (look_.header.highestIndex == 0) return 0;
+    const std::optional<std::uint32_t> oldest = SlotAt(look_.header.oldestIndex);
+    const std::int64_t line_end = oldest.value_or(0) - kRecordBytesMin;
+    const bool is_as_it_was = line_end < 0 || texts_.At(line_end, kRecordBytesMin).starts_with(kLineEnd);
+    return is_as_it_was ? 0 : look_.data_bytes;
+  }
+
+  // Where the marker should stand there is something else: the next record, whole or cut short, or damage. A new record
+  // may reach just to the marker of the round before, so only what resembles a marker, or cannot be text, is damage.
+  void CheckTextAtWritePosition(std::string_view there) {
+    const std::int64_t position = look_.header.writePosition;
+    if (const auto end = EndOfNewRecordAt(position)) {
+      look_.record_in_flight = true;
+      doubtful_end_ = *end;
+      return;
+    }
+    doubtful_end_ = look_.data_bytes;
+    const bool is_at_end = look_.data_bytes == position + kMarkerBytes;
+    const bool is_before_old_text = position < look_.header.fileEnd;
+    const bool is_damaged_marker = (is_at_end || is_before_old_text) && HasFewerBytesChangedThanKept(there, kEndMarker);
+    const bool is_text = FindNul(position, look_.data_bytes) == look_.data_bytes;
+    if (is_slot_in_flight_ || (is_text && !is_damaged_marker)) {
+      look_.record_cut_short = !is_slot_in_flight_;
+      return;
+    }
+    Add("data.marker", StoreFile::kData, position, there.empty() ? 0 : static_cast<unsigned char>(there[0]),
+        "neither the end marker nor a new record stands at writePosition");
+  }
+
+  // The end of the marker behind a record that was written at `position` and is not counted yet. The marker of the
+  // round before, at fileEnd, is not its own.
+  std::optional<std::int64_t> EndOfNewRecordAt(std::int64_t position) {
+    const std::int64_t line_end = FindLineEndAndMarker(position);
+    if (line_end < 0) return std::nullopt;
+    const bool is_old_marker = position < look_.header.fileEnd && line_end + kRecordBytesMin == look_.header.fileEnd;
+    if (is_old_marker) return std::nullopt;
+    return line_end + static_cast<std::int64_t>(kLineEndAndMarker.size());
+  }
+
+  // --- slots and records
+
+  void WalkRecords() {
+    const std::uint32_t in_use = look_.header.highestIndex;
+    std::optional<WalkedRecord> before;
+    for (std::uint32_t age = 0; age < in_use && !IsFull(); ++age) {
+      const bool is_replaced = age == 0 && is_slot_in_flight_ && in_use == look_.header.maxRecord;
+      if (is_replaced) continue;  // the new record, not the oldest one
+      std::optional<WalkedRecord> record = RecordOfAge(age);
+      if (!record.has_value()) return;  // the file became shorter while it was read
+      record->is_told = !CheckSlot(*record, before);
+      if (before.has_value() && !record->is_told) CheckText(*before, EndOf(*before, &*record));
+      before = record;
+    }
+    if (before.has_value()) CheckText(*before, EndOf(*before, nullptr));
+  }
+
+  std::optional<WalkedRecord> RecordOfAge(std::uint32_t age) {
+    const IndexHeader& header = look_.header;
+    const std::uint32_t slot = static_cast<std::uint32_t>((std::uint64_t{age} + header.oldestIndex) % header.maxRecord);
+    const std::optional<std::uint32_t> offset = SlotAt(slot);
+    if (!offset.has_value()) return std::nullopt;
+    const std::uint32_t younger = header.highestIndex - age;  // itself included
+    const std::uint32_t in_current = InRound(header.elementCount);
+    const std::uint32_t in_round = InRound(header.elementCount - younger);
+    const bool is_current = younger <= in_current;
+    const bool is_previous = !is_current && (Period() == 0 || younger - in_current <= Period());
+    return WalkedRecord{age, slot, *offset, is_current, is_previous, in_round == 0, in_round};
+  }
+
+  // Where the text of the record's round ends: at writePosition, or where the round before was left. Unset: overwritten
+  // since.
+  std::optional<std::int64_t> EndOfRound(const WalkedRecord& record) const {
+    const IndexHeader& header = look_.header;
+    if (record.is_current) return header.writePosition;
+    const bool is_known = record.is_previous && header.fileEnd > header.writePosition;
+    return is_known ? std::optional<std::int64_t>(header.fileEnd) : std::nullopt;
+  }
+
+  bool CheckSlot(const WalkedRecord& record, const std::optional<WalkedRecord>& before) {
+    if (record.starts_round) {
+      if (record.offset == 0) return true;
+      AddSlotFinding("slot.round-start", record, "the data file was restarted with this record, so it is at 0");
+      return false;
+    }
+    const std::int64_t end = EndOfRound(record).value_or(look_.data_bytes);
+    if (record.offset + kRecordBytesMin > end) {
+      AddSlotFinding("slot.outside", record, "the text of its round ends at " + std::to_string(end));
+      return false;
+    }
+    const std::int64_t lowest = before.has_value() && before->age + 1 == record.age ? before->offset + kRecordBytesMin
+                                                                                    : kRecordBytesMin * record.in_round;
+    if (record.offset < lowest) {
+      AddSlotFinding("slot.order", record, "the record before it reaches to " + std::to_string(lowest) + " at least");
+      return false;
+    }
+    return before.has_value() || FollowsALineEnd(record);
+  }
+
+  // For the first record of the walk; the others follow the one before them.
+  bool FollowsALineEnd(const WalkedRecord& record) {
+    const std::int64_t line_end = record.offset - kRecordBytesMin;
+    if (!record.is_current && (!record.is_previous || line_end < doubtful_end_)) return true;
+    if (texts_.At(line_end, kRecordBytesMin).starts_with(kLineEnd)) return true;
+    AddSlotFinding("slot.inside", record, "no record ends there, so none begins");
+    return false;
+  }
+
+  std::optional<std::int64_t> EndOf(const WalkedRecord& record, const WalkedRecord* next) const {
+    if (next != nullptr && !next->starts_round) return next->offset;
+    return EndOfRound(record);
+  }
+
+  // A record ends with CR LF where the next one begins, and holds no NUL: a writer's texts end at their first NUL.
+  void CheckText(const WalkedRecord& record, std::optional<std::int64_t> end) {
+    if (record.is_told) return;
+    const bool may_be_overwritten = !record.is_current && (!record.is_previous || record.offset < doubtful_end_);
+    if (may_be_overwritten || !end.has_value()) {
+      ++look_.overwritten_records;
+      return;
+    }
+    const std::int64_t begin = record.offset;
+    const std::int64_t text_end = *end - kRecordBytesMin;
+    if (text_end < begin) return;  // the slots are out of order there, which was told
+    const std::string_view line_end = texts_.At(text_end, kRecordBytesMin).substr(0, kRecordBytesMin);
+    if (line_end != kLineEnd) {
+      Add("record.end", StoreFile::kData, text_end, line_end.empty() ? 0 : static_cast<unsigned char>(line_end[0]),
+          "the record of slot " + std::to_string(record.slot) + " does not end with CR LF here");
+      return;
+    }
+    CheckTextBytes(record, begin, text_end);
+  }
+
+  void CheckTextBytes(const WalkedRecord& record, std::int64_t begin, std::int64_t end) {
+    bool is_cut = false;
+    for (std::int64_t at = begin; at < end;) {
+      const std::string_view bytes = TextAt(at, end);
+      if (bytes.empty()) return;  // the file became shorter while it was read
+      const std::size_t nul = bytes.find('\0');
+      if (nul != std::string_view::npos) {
+        Add("record.nul", StoreFile::kData, at + static_cast<std::int64_t>(nul), 0,
+            "the record of slot " + std::to_string(record.slot) + " holds a NUL");
+        return;
+      }
+      is_cut = is_cut || FindTextEnd(bytes) != bytes.size();
+      at += static_cast<std::int64_t>(bytes.size());
+    }
+    look_.cut_records += is_cut ? 1 : 0;
+  }
+
+  // --- reading
+
+  std::optional<std::uint32_t> SlotAt(std::uint32_t slot) {
+    const std::string_view bytes = slots_.At(SlotOffset(slot), sizeof(std::uint32_t));
+    std::uint32_t offset = 0;
+    if (bytes.size() < sizeof offset) return std::nullopt;
+    std::memcpy(&offset, bytes.data(), sizeof offset);
+    return offset;
+  }
+
+  // Some of the text in [at, end), at least a byte unless the file ends there.
+  std::string_view TextAt(std::int64_t at, std::int64_t end) {
+    const std::string_view bytes = texts_.At(at);
+    return bytes.substr(0, static_cast<std::size_t>(std::min<std::int64_t>(end - at, std::ssize(bytes))));
+  }
+
+  // Where the first NUL stands in [at, end); `end` if there is none.
+  std::int64_t FindNul(std::int64_t at, std::int64_t end) {
+    while (at < end) {
+      const std::string_view bytes = TextAt(at, end);
+      if (bytes.empty()) return end;
+      const std::size_t nul = bytes.find('\0');
+      if (nul != std::string_view::npos) return at + static_cast<std::int64_t>(nul);
+      at += static_cast<std::int64_t>(bytes.size());
+    }
+    return end;
+  }
+
+  // Where the first line feed or NUL stands from `at` on; the file's end if there is none.
+  std::int64_t FindLineFeed(std::int64_t at) {
+    for (std::string_view bytes = texts_.At(at); !bytes.empty(); bytes = texts_.At(at)) {
+      const std::size_t found = bytes.find_first_of(std::string_view("\n\0", 2));
+      if (found != std::string_view::npos) return at + static_cast<std::int64_t>(found);
+      at += static_cast<std::int64_t>(bytes.size());
+    }
+    return at;
+  }
+
+  // Where CR LF and a marker stand from `at` on, without a NUL before them; -1 if nowhere. No writer leaves a NUL, and
+  // huge holes need not be searched.
+  std::int64_t FindLineEndAndMarker(std::int64_t at) {
+    constexpr std::size_t kPattern = kLineEndAndMarker.size();
+    for (std::string_view bytes = texts_.At(at, kPattern); bytes.size() >= kPattern; bytes = texts_.At(at, kPattern)) {
+      const std::size_t found = bytes.find(kLineEndAndMarker);
+      if (bytes.substr(0, found).find('\0') != std::string_view::npos) return -1;
+      if (found != std::string_view::npos) return at + static_cast<std::int64_t>(found);
+      at += static_cast<std::int64_t>(bytes.size() - kPattern + 1);
+    }
+    return -1;
+  }
+
+  // --- findings
+
+  bool IsFull() const { return look_.findings.size() >= kFindingsMax; }
+
+  void Add(std::string_view rule, StoreFile file, std::int64_t offset, std::uint64_t value, std::string explanation) {
+    if (!IsFull()) look_.findings.push_back({rule, file, offset, value, std::move(explanation)});
+  }
+
+  void AddHeaderFinding(std::string_view rule, std::size_t member, std::uint32_t value, std::string explanation) {
+    Add(rule, StoreFile::kIndex, OffsetInHeader(member), value, std::move(explanation));
+  }
+
+  // A size is found at the end of the file.
+  void AddSizeFinding(std::string_view rule, StoreFile file, std::int64_t size, std::string explanation) {
+    Add(rule, file, size, static_cast<std::uint64_t>(size), std::move(explanation));
+  }
+
+  void AddSlotFinding(std::string_view rule, const WalkedRecord& record, std::string explanation) {
+    Add(rule, StoreFile::kIndex, SlotOffset(record.slot), record.offset,
+        "slot " + std::to_string(record.slot) + ": " + std::move(explanation));
+  }
+
+  ByteSource& index_;
+  ByteSource& data_;
+  WindowedBytes slots_;
+  WindowedBytes texts_;
+  StoreLook look_;
+  bool is_slot_in_flight_ = false;
+  std::int64_t doubtful_end_ = 0;
+};
+
+}  // namespace
+
+StoreLook LookAtStore(ByteSource& index, ByteSource& data) { return Examiner(index, data).Look(); }
+
+namespace {
+
+constexpr int kLooksMax = 5;
+constexpr long kPauseNanoseconds = 20'000'000;
+
+void Pause() {
+  const timespec pause = {.tv_sec = 0, .tv_nsec = kPauseNanoseconds};
+  (void)nanosleep(&pause, nullptr);  // a shorter pause only makes a look more
+}
+
+// An open file of the store, or why there is none.
+struct Opened {
+  explicit Opened(const std::string& name) : path(name), bytes(OpenRegularFile(name, OpenMode::kRead)), error(errno) {
+    if (bytes.File() != nullptr) error = 0;
+  }
+  int Error() const { return error != 0 ? error : bytes.Error(); }
+
+  std::string path;
+  FileBytes bytes;
+  int error;
+};
+
+Finding MissingFile(StoreFile file) {
+  return {"file.missing", file, 0, 0, "the next writer that opens this report starts it over"};
+}
+
+// Set when the files cannot be looked at.
+std::optional<StoreVerdict> VerdictOnOpening(const Opened& index, const Opened& data) {
+  const bool is_index_missing = index.error == ENOENT;
+  const bool is_data_missing = data.error == ENOENT;
+  StoreVerdict verdict;
+  if (is_index_missing && is_data_missing) {
+    verdict.state = StoreState::kNotFound;
+    return verdict;
+  }
+  for (const Opened* const file : {&index, &data}) {
+    if (file->Error() == 0 || file->error == ENOENT) continue;
+    verdict.state = StoreState::kUnreadable;
+    verdict.error = file->Error();
+    verdict.file = file->path;
+    return verdict;
+  }
+  if (!is_index_missing && !is_data_missing) return std::nullopt;
+  verdict.state = StoreState::kDamaged;
+  verdict.look.findings.push_back(MissingFile(is_index_missing ? StoreFile::kIndex : StoreFile::kData));
+  return verdict;
+}
+
+bool IsSameMoment(const StoreLook& look, const StoreLook& before) {
+  return look.header == before.header && look.index_bytes == before.index_bytes && look.data_bytes == before.data_bytes;
+}
+
+}  // namespace
+
+StoreVerdict VerifyStore(const std::string& base_path) {
+  StoreVerdict verdict;
+  std::optional<StoreLook> before;
+  for (int looks = 0; looks < kLooksMax; ++looks) {
+    Opened index(IndexFileName(base_path));
+    Opened data(DataFileName(base_path));
+    if (auto failed = VerdictOnOpening(index, data)) return *std::move(failed);
+    verdict.look = LookAtStore(index.bytes, data.bytes);
+    if (auto failed = VerdictOnOpening(index, data)) return *std::move(failed);  // a read may have failed since
+    if (verdict.look.findings.empty()) return verdict;
+    if (before.has_value() && IsSameMoment(verdict.look, *before) && verdict.look.findings == before->findings) {
+      verdict.state = StoreState::kDamaged;
+      return verdict;
+    }
+    before = verdict.look;
+    Pause();
+  }
+  verdict.state = StoreState::kChanged;
+  return verdict;
+}
+
+}  // namespace qx::report

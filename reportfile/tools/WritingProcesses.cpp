@@ -1,0 +1,65 @@
+#include "reportfile/tools/WritingProcesses.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <charconv>
+#include <fstream>
+#include <string_view>
+#include <system_error>
+
+#include "reportfile/DirectoryListing.h"
+#include "reportfile/tools/DurableFiles.h"
+
+namespace qx::report {
+
+namespace {
+
+// Not with the language's own iterator, which ends the program when memory runs out.
+std::vector<std::string> NamesIn(const std::string& directory) {
+  std::vector<std::string> names;
+  (void)ListDirectory(directory.c_str(), FinalLink::kFollowed, names);  // another user's process, or it has ended
+  return names;
+}
+
+// "flags:\t0100002" in PID/fdinfo/N: octal, with the access mode in the lowest bits.
+bool IsOpenForWriting(const std::string& process, const std::string& descriptor) {
+  std::ifstream lines(PathIn(PathIn(process, "fdinfo"), descriptor));
+  for (std::string line; std::getline(lines, line);) {
+    constexpr std::string_view kLabel = "flags:\t";
+    if (!line.starts_with(kLabel)) continue;
+    unsigned flags = 0;
+    (void)std::from_chars(line.data() + kLabel.size(), line.data() + line.size(), flags, 8);
+    return (flags & O_ACCMODE) != O_RDONLY;
+  }
+  return false;
+}
+
+void AddFilesOf(const std::string& process, int id, const std::set<FileKey>& wanted,
+                std::vector<WritingProcess>* found) {
+  const std::string descriptors = PathIn(process, "fd");
+  for (const std::string& name : NamesIn(descriptors)) {
+    const std::optional<FileKey> key = KeyOf(PathIn(descriptors, name));
+    if (key.has_value() && wanted.contains(*key) && IsOpenForWriting(process, name)) found->push_back({*key, id});
+  }
+}
+
+}  // namespace
+
+std::optional<FileKey> KeyOf(const std::string& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  return FileKey(status.st_dev, status.st_ino);
+}
+
+std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& wanted, const std::string& processes) {
+  std::vector<WritingProcess> found;
+  for (const std::string& name : NamesIn(processes)) {
+    int id = 0;
+    const auto [behind, error] = std::from_chars(name.data(), name.data() + name.size(), id);
+    if (error == std::errc() && *behind == '\0') AddFilesOf(PathIn(processes, name), id, wanted, &found);
+  }
+  return found;
+}
+
+}  // namespace qx::report

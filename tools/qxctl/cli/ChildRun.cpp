@@ -1,0 +1,80 @@
+#include "tools/qxctl/cli/ChildRun.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+
+#include "tools/qxctl/cli/WriteAll.h"
+
+namespace qx::ctl {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+[[noreturn]] void Work(const std::function<std::string()>& work, int out) {
+  const rlimit no_core{0, 0};
+  (void)setrlimit(RLIMIT_CORE, &no_core);  // that it crashed is all that is to be known
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) (void)dup2(null, descriptor);
+  _exit(WriteAll(out, work(), "the parent").IsOk() ? 0 : 1);
+}
+
+// Reads to the end, or to the deadline: then the child is killed. False without an end.
+bool ReadToEnd(int in, pid_t child, double seconds, std::string& text) {
+  const auto time = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+  const auto deadline = Clock::now() + time;
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd waited{in, POLLIN, 0};
+    if (left <= 0 || poll(&waited, 1, static_cast<int>(left)) == 0) {
+      (void)kill(child, SIGKILL);
+      return false;
+    }
+    char buffer[4096];
+    const ssize_t count = read(in, buffer, sizeof buffer);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return true;
+    text.append(buffer, static_cast<std::size_t>(count));
+  }
+}
+
+void NoteEnd(int status, ChildOutcome& outcome) {
+  if (WIFSIGNALED(status)) {
+    const int signal = WTERMSIG(status);
+    outcome.trouble = "killed by signal " + std::to_string(signal) + " (" + strsignal(signal) + ")";
+  } else if (WEXITSTATUS(status) != 0) {
+    outcome.exit_code = WEXITSTATUS(status);
+    outcome.trouble = "ended with exit code " + std::to_string(outcome.exit_code);
+  }
+}
+
+}  // namespace
+
+ChildOutcome RunInChild(double seconds, const std::function<std::string()>& work) {
+  ChildOutcome outcome;
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return {"", 0, "not run: no pipe"};
+  const pid_t child = fork();
+  if (child == 0) Work(work, ends[1]);
+  (void)close(ends[1]);
+  const bool has_ended = child > 0 && ReadToEnd(ends[0], child, seconds, outcome.text);
+  (void)close(ends[0]);
+  int status = 0;
+  if (child < 0 || waitpid(child, &status, 0) != child) return {"", 0, "not run: no process"};
+  if (has_ended) {
+    NoteEnd(status, outcome);
+  } else {
+    outcome.trouble = "no end within the time";
+  }
+  return outcome;
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,77 @@
+// The one place where qxctl prints: data goes to standard output, everything else to standard error.
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+
+#include "tools/qxctl/cli/Status.h"
+
+namespace qx::ctl {
+
+// Keys stay in the order in which a command adds them.
+using Json = nlohmann::ordered_json;
+
+// How much is said on standard error besides problems: nothing, notes and progress, or details as well.
+enum class Verbosity { kQuiet, kNormal, kVerbose };
+
+// kAuto: only for a stream that is a terminal, and never when NO_COLOR is set and not empty.
+enum class ColorMode { kAuto, kAlways, kNever };
+
+// What a coloured word tells.
+enum class Style { kGood, kWarning, kBad, kStrong, kFaint };
+
+// Threads: used by the only thread.
+// Failure: a write to standard output that failed is reported by every later call and by Finish. What goes to standard
+// error is lost silently if that is closed, as everywhere.
+class Output {
+ public:
+  // As the command line asks; called before anything is printed.
+  void Configure(Verbosity verbosity, ColorMode color);
+
+  // Data for standard output, byte for byte.
+  Status Data(std::string_view bytes);
+
+  // One JSON document on standard output, indented, with a line end. Bytes that are not UTF-8 become U+FFFD.
+  Status Document(const Json& document);
+
+  // `text` for standard output, with the escape sequences of a colour around it if colour is wanted there. Never part
+  // of a JSON document. Pad before painting: the sequences have a length, but take no place on the screen.
+  std::string Paint(Style style, std::string_view text) const;
+
+  // A line of explanation on standard error, behind the data so far if both go to one terminal. Not with --quiet, so
+  // nothing that an operator has to know goes here.
+  void Note(std::string_view line);
+
+  // As a note, but only with --verbose.
+  void Detail(std::string_view line);
+
+  // "qxctl: MESSAGE" on standard error, always. A status without a message prints nothing.
+  void Problem(std::string_view message);
+  void Problem(const Status& status);
+
+  // A line that replaces the previous progress line; shown only if standard error is a terminal, ten times a second at
+  // most, and not with --quiet. The next Note or Problem wipes it.
+  void Progress(const std::string& line);
+
+  // Writes what is still buffered, for a command that goes on and waits.
+  Status Show() { return Flush(); }
+
+  // Writes what is still buffered and closes standard output: a full disk may show only here.
+  Status Finish();
+
+ private:
+  Status Flush();
+  void Say(std::string_view line);
+  void WipeProgress();
+
+  std::string buffer_;
+  Status written_;  // the first failure stays
+  Verbosity verbosity_ = Verbosity::kNormal;
+  bool color_out_ = false;  // standard output
+  bool color_err_ = false;  // standard error
+  bool progress_shown_ = false;
+  double progress_time_ = 0;
+};
+
+}  // namespace qx::ctl

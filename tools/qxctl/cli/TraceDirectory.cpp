@@ -1,0 +1,66 @@
+#include "tools/qxctl/cli/TraceDirectory.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "debug/Debug.h"
+
+namespace qx::ctl {
+
+namespace {
+
+constexpr mode_t kModePrivate = 0700;
+const char kModuleLog[] = "/log.qxremconxfer";
+// A log wraps at 50 KiB unless told otherwise, which is a few calls at level 5.
+const char kLogBytesMax[] = "67108864";
+
+bool SetEnvironment(const std::string& directory, int level) {
+  return setenv("QX_LOG_RINGBUF_DIR", directory.c_str(), 1) == 0 &&
+         setenv("QX_LOG_DEBUG_LEVEL", std::to_string(level).c_str(), 1) == 0 &&
+         setenv("QX_LOG_DYNAMIC_UPDATE", "0", 1) == 0 &&  // the service's files are not to change the level midway
+         setenv("QX_LOG_FILE_MAX_SIZE", kLogBytesMax, 0) == 0;
+}
+
+Status Made(bool environment_is_set) {
+  return environment_is_set ? Status() : Status(ExitCode::kIo, "no memory for the environment");
+}
+
+}  // namespace
+
+TraceDirectory::~TraceDirectory() {
+  std::error_code ignored;  // what is left in the temporary directory is nobody's data
+  if (!private_.empty()) std::filesystem::remove_all(private_, ignored);
+}
+
+Status TraceDirectory::Keep(const std::string& directory, int level) {
+  if (mkdir(directory.c_str(), kModePrivate) != 0 && errno != EEXIST) {
+    return Status::Io("cannot make the trace directory " + directory, errno);
+  }
+  if (access((directory + kModuleLog).c_str(), F_OK) == 0) {
+    return {ExitCode::kRefused, directory + kModuleLog +
+                                    " exists, and loading the module would empty it; if no service " +
+                                    "writes it remove it, or name another directory"};
+  }
+  if (!SetEnvironment(directory, level)) return Made(false);
+  is_set_ = true;
+  if (!Debug.Init("qxctl")) return {ExitCode::kIo, "cannot trace into " + directory};
+  Debug.SetApplInitDone();
+  return {};
+}
+
+Status TraceDirectory::ProtectService() {
+  if (is_set_) return {};
+  const char* const base = std::getenv("TMPDIR");
+  std::string name = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/qxctl-XXXXXX";
+  if (mkdtemp(name.data()) == nullptr) {
+    return Status::Io("cannot make a private trace directory " + name + " (TMPDIR names another place)", errno);
+  }
+  private_ = name;
+  is_set_ = true;
+  return Made(SetEnvironment(private_, 0));
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,110 @@
+// The module: there, of this machine, complete, and safe from others.
+#include <dlfcn.h>
+#include <elf.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "provider/ModuleExports.h"
+#include "tools/qxctl/cli/ChildRun.h"
+#include "tools/qxctl/doctor/Doctor.h"
+
+namespace qx::ctl {
+
+namespace {
+
+constexpr double kLoadSeconds = 20;
+const char kInstalledModule[] = "/opt/norrlek/QuaxelSuite/KRX/Provider/QXRemConXfer.so";
+
+struct ElfHead {
+  unsigned char ident[EI_NIDENT] = {};
+  Elf64_Half type = 0;
+  Elf64_Half machine = 0;
+};
+
+ElfHead HeadOf(const std::string& path) {
+  ElfHead head;
+  std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(&head), sizeof head);
+  return head;
+}
+
+// Empty when the file is a library that this machine could load.
+std::string WrongKind(const std::string& path) {
+  const ElfHead head = HeadOf(path);
+  const ElfHead own = HeadOf("/proc/self/exe");
+  if (std::string_view(reinterpret_cast<const char*>(head.ident), SELFMAG) != ELFMAG) return "it is no ELF file";
+  if (head.ident[EI_CLASS] != own.ident[EI_CLASS]) {
+    return head.ident[EI_CLASS] == ELFCLASS32 ? "it is built for 32 bits" : "it is built for 64 bits";
+  }
+  if (head.machine != own.machine) return "it is built for the machine number " + std::to_string(head.machine);
+  return "";
+}
+
+std::string MissingNames(void* library) {
+  std::string missing;
+  for (const char* const name : {"What", "Reflect", "GetReports", "GetReportInstanceNames", "__threadbegin",
+                                 "__threadend", "__handle_version", "__stoprequest", "__free", QX_SYMBOL_CREATE_MODULE,
+                                 QX_SYMBOL_DELETE_MODULE, QX_SYMBOL_PROVIDER_CLASS_FACTORY, "pAdapterModule"}) {
+    if (dlsym(library, name) == nullptr) missing += std::string(missing.empty() ? "" : ", ") + name;
+  }
+  return missing;
+}
+
+std::string TextAt(void* library, const char* name) {
+  const auto* const variable = static_cast<const char* const*>(dlsym(library, name));
+  return variable != nullptr && *variable != nullptr ? *variable : "?";
+}
+
+// "QX102 REASON", "QX104 NAMES", or "QX100 NAME VERSION" of a module that loads.
+std::string Load(const std::string& path) {
+  void* const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (library == nullptr) {
+    const char* const reason = dlerror();
+    return std::string("QX102 ") + (reason != nullptr ? reason : "no reason given");
+  }
+  const std::string missing = MissingNames(library);
+  std::string told = "QX100 " + TextAt(library, "DreQXObjectName") + " " + TextAt(library, "DreQXObjectVersion");
+  if (!missing.empty()) told = "QX104 " + missing;
+  (void)dlclose(library);
+  return told;
+}
+
+void LookAtLoading(const std::string& path, DoctorFindings& findings) {
+  constexpr std::size_t kCodeChars = 6;
+  const ChildOutcome child = RunInChild(kLoadSeconds, [&] { return Load(path); });
+  if (!child.trouble.empty()) {
+    findings.push_back({"QX102", path + ": while it is loaded: " + child.trouble});
+  } else if (child.text.starts_with("QX102")) {
+    findings.push_back({"QX102", child.text.substr(kCodeChars)});
+  } else if (child.text.starts_with("QX104")) {
+    findings.push_back({"QX104", path + " lacks " + child.text.substr(kCodeChars)});
+  } else {
+    findings.push_back({"QX100", path + " loads: " + child.text.substr(kCodeChars)});
+  }
+}
+
+}  // namespace
+
+void LookAtModule(const DoctorPlaces& places, DoctorFindings& findings) {
+  std::error_code error;
+  const std::string path = std::filesystem::absolute(places.module, error).string();
+  if (path != kInstalledModule) {
+    findings.push_back({"QX106", "looked at " + path + ", not at " + kInstalledModule});
+  }
+  if (access(path.c_str(), F_OK) != 0) {
+    findings.push_back({"QX101", "there is no " + path});
+    return;
+  }
+  if (const std::string open = WritableByOthers(path); !open.empty()) {
+    findings.push_back({"QX105", open + " can be written by everybody"});
+  }
+  if (const std::string wrong = WrongKind(path); !wrong.empty()) {
+    findings.push_back({"QX103", path + ": " + wrong});
+  } else {
+    LookAtLoading(path, findings);
+  }
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,168 @@
+// The traces: where each setting comes from, whether they can be written, and who writes them.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/doctor/Doctor.h"
+
+namespace qx::ctl {
+
+namespace {
+
+namespace fs = std::filesystem;
+using debug::SettingSource;
+
+bool IsDecimal(const char* text) {
+  if (*text == '-' || *text == '+') ++text;
+  return *text != '\0' && std::all_of(text, text + std::strlen(text), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// The traces' directory; each setting that is not at its default is told.
+std::string LookAtSettings(const DoctorPlaces& places, DoctorFindings& findings) {
+  std::string directory;
+  for (const SettingSource& source : debug::ReadSettingSources(places.application, places.trace_settings_directory)) {
+    if (source.setting == "trace directory") directory = source.value;
+    const std::string fact = source.setting + " is " + Visible(source.value) + ", from ";
+    if (source.kind == SettingSource::Kind::kEnvironment) findings.push_back({"QX401", fact + source.name});
+    if (source.kind != SettingSource::Kind::kFile) continue;
+    findings.push_back(
+        {"QX401", fact + source.name + " in [" + Visible(source.section) + "] of " + Visible(source.file)});
+  }
+  return directory;
+}
+
+void LookAtVariables(DoctorFindings& findings) {
+  if (std::getenv("QX_LOG_FILE_DIR") != nullptr) findings.push_back({"QX402", "QX_LOG_FILE_DIR is set"});
+  for (const char* const name : {"QX_LOG_DEBUG_LEVEL", "QX_LOG_DYNAMIC_UPDATE", "QX_LOG_FILE_MAX_SIZE",
+                                 "QX_LOG_NOHDR_TOSDTERR", "QX_LOG_RINGBUF_WEIGHT", "TraceFileLimit"}) {
+    const char* const value = std::getenv(name);
+    if (value != nullptr && !IsDecimal(value)) {
+      findings.push_back({"QX410", std::string(name) + " is \"" + Visible(value) + "\""});
+    }
+  }
+}
+
+// The last "[...]" of the file must be "[EndOfFile]", in letters of either case.
+bool IsComplete(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  const std::size_t end = text.rfind(']');
+  const std::size_t begin = end == std::string::npos ? end : text.rfind('[', end);
+  if (begin == std::string::npos) return false;
+  const std::string name = text.substr(begin + 1, end - begin - 1);
+  return strcasecmp(name.c_str(), "EndOfFile") == 0;
+}
+
+void LookAtSettingsFiles(const DoctorPlaces& places, DoctorFindings& findings) {
+  std::error_code ignored;  // without the directory there are none
+  std::set<fs::path> files;
+  for (fs::directory_iterator at(places.trace_settings_directory, ignored), end; !ignored && at != end;
+       at.increment(ignored)) {
+    if (at->path().filename().string().find(".ini") != std::string::npos) files.insert(at->path());
+  }
+  for (const fs::path& file : files) {
+    if (!IsComplete(file)) findings.push_back({"QX407", file.string() + " does not end with [EndOfFile]"});
+  }
+}
+
+// False when no file can be written there.
+bool LookAtDirectory(const std::string& directory, DoctorFindings& findings) {
+  struct stat found;
+  if (stat(directory.c_str(), &found) != 0) {
+    findings.push_back({"QX403", "there is no " + directory});
+    return false;
+  }
+  if (!S_ISDIR(found.st_mode)) {
+    findings.push_back({"QX404", directory + " is no directory"});
+    return false;
+  }
+  if (access(directory.c_str(), W_OK | X_OK) != 0) {
+    findings.push_back({"QX404", directory + ": " + std::strerror(errno)});
+  }
+  if (const std::string open = WritableByOthers(directory); !open.empty()) {
+    findings.push_back({"QX409", open + " can be written by everybody"});
+  }
+  return true;
+}
+
+// Which processes have which log or ring file of the directory open.
+class OpenFiles {
+ public:
+  explicit OpenFiles(const std::string& directory) {
+    std::error_code error;
+    const fs::path canonical = fs::canonical(directory, error);
+    head_ = (error ? fs::path(directory) : canonical).string() + "/log.";
+  }
+
+  void LookAtAll(const std::string& process_directory) {
+    std::error_code ignored;
+    for (fs::directory_iterator at(process_directory, ignored), end; !ignored && at != end; at.increment(ignored)) {
+      const std::string name = at->path().filename().string();
+      if (IsDecimal(name.c_str()) && name != std::to_string(getpid())) LookAt(at->path() / "fd", name);
+    }
+  }
+
+  const std::map<std::string, std::set<std::string>>& Processes() const { return processes_; }
+  std::size_t Unseen() const { return unseen_; }
+
+ private:
+  void LookAt(const fs::path& descriptors, const std::string& process) {
+    std::error_code error;
+    fs::directory_iterator at(descriptors, error);
+    if (error && error != std::errc::no_such_file_or_directory) ++unseen_;  // a process that has ended is none
+    for (const fs::directory_iterator end; !error && at != end; at.increment(error)) {
+      std::error_code gone;
+      const std::string target = fs::read_symlink(at->path(), gone).string();
+      if (target.starts_with(head_)) processes_[target].insert(process);
+    }
+  }
+
+  std::string head_;
+  std::map<std::string, std::set<std::string>> processes_;
+  std::size_t unseen_ = 0;
+};
+
+void LookAtWriters(const DoctorPlaces& places, const std::string& directory, DoctorFindings& findings) {
+  OpenFiles files(directory);
+  files.LookAtAll(places.process_directory);
+  for (const auto& [file, processes] : files.Processes()) {
+    std::string text = file + " is open in ";
+    for (const std::string& process : processes) {
+      text.append(process == *processes.begin() ? "" : ", ").append(process);
+    }
+    findings.push_back({processes.size() > 1 ? "QX405" : "QX406", std::move(text)});
+  }
+  if (files.Unseen() > 0) {
+    findings.push_back({"QX408", std::to_string(files.Unseen()) + " processes could not be looked at"});
+  }
+}
+
+}  // namespace
+
+void LookAtTraces(const DoctorPlaces& places, DoctorFindings& findings) {
+  const std::string directory = LookAtSettings(places, findings);
+  const std::size_t before = findings.size();
+  LookAtVariables(findings);
+  LookAtSettingsFiles(places, findings);
+  if (LookAtDirectory(directory, findings)) LookAtWriters(places, directory, findings);
+  const auto is_bad = [](const DoctorFinding& finding) { return SeverityOf(finding.code) == Severity::kWarning; };
+  if (std::none_of(findings.begin() + static_cast<std::ptrdiff_t>(before), findings.end(), is_bad)) {
+    findings.push_back({"QX400", "traces can be written into " + directory});
+  }
+}
+
+}  // namespace qx::ctl

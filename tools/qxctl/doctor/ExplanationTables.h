@@ -1,0 +1,14 @@
+// Internal: the parts of the table of explanations.
+#pragma once
+
+#include <span>
+
+#include "tools/qxctl/doctor/Explanations.h"
+
+namespace qx::ctl {
+
+std::span<const Explanation> CodeExplanations();
+std::span<const Explanation> FindingExplanations();
+std::span<const Explanation> TraceExplanations();
+
+}  // namespace qx::ctl

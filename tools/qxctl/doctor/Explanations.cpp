@@ -1,0 +1,113 @@
+#include "tools/qxctl/doctor/Explanations.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+
+#include "tools/qxctl/doctor/ExplanationTables.h"
+
+namespace qx::ctl {
+
+namespace {
+
+constexpr std::size_t kFixedCharsMin = 8;  // less is no trace text, but a word
+
+// The fixed parts of a format: what stands between its conversions.
+//   "a %s (0x%02X)"  => "a ", " (0x", ")"
+std::vector<std::string_view> FixedParts(std::string_view format) {
+  std::vector<std::string_view> parts;
+  for (std::size_t at = 0; at <= format.size();) {
+    const std::size_t percent = std::min(format.find('%', at), format.size());
+    if (percent > at) parts.push_back(format.substr(at, percent - at));
+    if (percent == format.size()) break;
+    at = std::min(format.find_first_of("dsuxX", percent + 1), format.size() - 1) + 1;
+  }
+  return parts;
+}
+
+// The number of fixed characters of `format` when `line` is one of its texts, else 0.
+std::size_t FixedCharsIn(std::string_view line, std::string_view format) {
+  std::size_t chars = 0;
+  std::size_t at = 0;
+  for (const std::string_view part : FixedParts(format)) {
+    const std::size_t found = line.find(part, at);
+    if (found == std::string_view::npos) return 0;
+    at = found + part.size();
+    chars += part.size();
+  }
+  return chars;
+}
+
+void AddTraceText(std::string_view line, std::vector<const Explanation*>& found) {
+  const Explanation* best = nullptr;
+  std::size_t best_chars = kFixedCharsMin - 1;
+  for (const Explanation& one : AllExplanations()) {
+    const std::size_t chars = one.kind == ExplainedKind::kTrace ? FixedCharsIn(line, one.code) : 0;
+    if (chars <= best_chars) continue;
+    best = &one;
+    best_chars = chars;
+  }
+  if (best != nullptr) found.push_back(best);
+}
+
+void AddPartsOfTraceTexts(std::string_view part, std::vector<const Explanation*>& found) {
+  if (part.size() < kFixedCharsMin) return;
+  for (const Explanation& one : AllExplanations()) {
+    if (one.kind == ExplainedKind::kTrace && one.code.find(part) != std::string_view::npos) found.push_back(&one);
+  }
+}
+
+std::string Upper(std::string_view text) {
+  std::string upper;
+  for (const char c : text) upper += c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+  return upper;
+}
+
+}  // namespace
+
+const char* NameOf(ExplainedKind kind) {
+  switch (kind) {
+    case ExplainedKind::kResult:
+      return "result code";
+    case ExplainedKind::kErrorNumber:
+      return "error number";
+    case ExplainedKind::kExitCode:
+      return "exit code";
+    case ExplainedKind::kFinding:
+      return "doctor code";
+    case ExplainedKind::kTrace:
+      return "trace text";
+  }
+  return "";
+}
+
+std::span<const Explanation> AllExplanations() {
+  static const std::vector<Explanation> all = [] {
+    std::vector<Explanation> joined;
+    for (const std::span<const Explanation> table : {CodeExplanations(), FindingExplanations(), TraceExplanations()}) {
+      joined.insert(joined.end(), table.begin(), table.end());
+    }
+    return joined;
+  }();
+  return all;
+}
+
+std::vector<const Explanation*> Explain(std::string_view text) {
+  std::vector<const Explanation*> found;
+  const std::string code = Upper(text);
+  for (const Explanation& one : AllExplanations()) {
+    if (one.kind != ExplainedKind::kTrace && one.code == code) found.push_back(&one);
+  }
+  if (found.empty()) AddTraceText(text, found);
+  if (found.empty()) AddPartsOfTraceTexts(text, found);
+  return found;
+}
+
+const Explanation& ExplainFinding(std::string_view code) {
+  for (const Explanation& one : FindingExplanations()) {
+    if (one.code == code) return one;
+  }
+  std::abort();  // a code of ours that the table lacks
+}
+
+}  // namespace qx::ctl

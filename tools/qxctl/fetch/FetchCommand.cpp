@@ -1,0 +1,205 @@
+// qxctl fetch NAME: a whole report through the module, to standard output or into a file.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/OutputFile.h"
+#include "tools/qxctl/fetch/RecordPrint.h"
+#include "tools/qxctl/fetch/ResumedFetch.h"
+#include "tools/qxctl/fetch/Transfer.h"
+#include "tools/qxctl/module/CallOptions.h"
+
+namespace qx::ctl {
+
+namespace {
+
+struct Options {
+  CallOptions call;
+  std::string report;
+  std::string output;  // empty: standard output
+  std::string state;   // empty: one run fetches everything
+  RecordPrintOptions print;
+  std::optional<std::int32_t> chunk_records;
+  bool json = false;
+};
+
+constexpr double kMega = 1e6;
+
+double BytesPerSecond(const TransferCount& count) {
+  return count.module_seconds > 0 ? static_cast<double>(count.bytes) / count.module_seconds : 0;
+}
+
+// "load: 120 records, 1 chunk, 5364 bytes, 0.412 ms in the module, 13.0 MB/s"
+std::string SummaryLine(const std::string& report, const TransferCount& count) {
+  char numbers[160];
+  std::snprintf(numbers, sizeof numbers, ": %llu record%s, %llu chunk%s, %llu bytes, %.3f ms in the module, %.1f MB/s",
+                static_cast<unsigned long long>(count.records), count.records == 1 ? "" : "s",
+                static_cast<unsigned long long>(count.chunks), count.chunks == 1 ? "" : "s",
+                static_cast<unsigned long long>(count.bytes), count.module_seconds * 1000,
+                BytesPerSecond(count) / kMega);
+  return report + numbers;
+}
+
+const char* NameOfOutcome(ExitCode code) {
+  switch (code) {
+    case ExitCode::kOk:
+      return "complete";
+    case ExitCode::kFinding:
+      return "cut short";
+    case ExitCode::kChanged:
+      return "changed";
+    case ExitCode::kNotFound:
+      return "not found";
+    case ExitCode::kRefused:
+      return "refused";
+    case ExitCode::kUsage:
+    case ExitCode::kIo:
+      break;
+  }
+  return "failed";
+}
+
+Json SummaryToJson(const Options& options, const TransferCount& count, const Status& status) {
+  return {{"report", options.report},
+          {"output", options.output},
+          {"outcome", NameOfOutcome(status.Code())},
+          {"message", status.Message()},
+          {"records", count.records},
+          {"chunks", count.chunks},
+          {"bytes", count.bytes},
+          {"seconds", count.module_seconds},
+          {"bytesPerSecond", BytesPerSecond(count)},
+          {"exitCode", static_cast<int>(status.Code())}};
+}
+
+// Where the records of a reply go: into the file, or to standard output unless a chart is drawn there.
+class RecordTarget {
+ public:
+  RecordTarget(Context& context, const Options& options)
+      : output_(context.output), options_(options), printer_(context.output, options.print) {}
+
+  Status Open() { return HasFile() ? file_.Open(options_.output) : Status(); }
+
+  Status Take(Transfer& transfer, const ReportReply& reply) {
+    if (printer_.IsPlain()) return Write(reply.records);
+    std::vector<std::string> records;
+    if (Status status = transfer.Split(reply, records); !status.IsOk()) return status;
+    std::string text;
+    for (const std::string& record : records) text += printer_.Take(record);
+    return HasFile() || !printer_.DrawsChart() ? Write(text) : Status();
+  }
+
+  // A file is put in place only if the transfer came to its end; a changed or shortened report is better than none.
+  Status Finish(bool reached_end) {
+    if (Status status = printer_.Finish(options_.report); !status.IsOk()) return status;
+    return HasFile() && reached_end ? file_.Commit() : Status();
+  }
+
+ private:
+  bool HasFile() const { return !options_.output.empty(); }
+  Status Write(std::string_view text) { return HasFile() ? file_.Write(text) : output_.Data(text); }
+
+  Output& output_;
+  const Options& options_;
+  RecordPrinter printer_;
+  OutputFile file_;
+};
+
+Status Carry(Context& context, const Options& options, Transfer& transfer) {
+  RecordTarget target(context, options);
+  if (Status status = target.Open(); !status.IsOk()) return status;
+  Status status = transfer.Run([&](const ReportReply& reply, const TransferCount& so_far) {
+    context.output.Progress(SummaryLine(options.report, so_far));
+    return target.Take(transfer, reply);
+  });
+  if (!status.IsOk() && !transfer.ReachedEnd()) return status;
+  Status finished = target.Finish(transfer.ReachedEnd());
+  return finished.IsOk() ? status : finished;
+}
+
+Status Summarise(Context& context, const Options& options, const TransferCount& count, const Status& status) {
+  if (options.json) {
+    Status printed = context.output.Document(SummaryToJson(options, count, status));
+    return printed.IsOk() ? status : printed;
+  }
+  const bool has_begun = count.chunks > 0 || status.IsOk();
+  if (has_begun) context.output.Note(SummaryLine(options.report, count));
+  return status;
+}
+
+// "load: 3 new records, 51 bytes, 0.412 ms in the module; 123 in all runs"
+std::string SummaryLine(const std::string& report, const ResumeResult& result) {
+  char numbers[160];
+  std::snprintf(numbers, sizeof numbers, ": %llu new record%s, %llu bytes, %.3f ms in the module; %llu in all runs",
+                static_cast<unsigned long long>(result.records), result.records == 1 ? "" : "s",
+                static_cast<unsigned long long>(result.bytes), result.module_seconds * 1000,
+                static_cast<unsigned long long>(result.delivered));
+  return report + numbers;
+}
+
+Json ResumeToJson(const Options& options, const ResumeResult& result) {
+  Json object = {{"state", options.state}, {"delivered", result.delivered}, {"maybeRepeated", result.maybe_repeated}};
+  object.update(ToJson(result.tally));
+  return object;
+}
+
+Status FetchResumed(Context& context, const Options& options, WorkerThread& worker) {
+  ResumeResult result;
+  Status status = RunResumedFetch(
+      context, {options.report, options.state, options.output, options.print.format, options.chunk_records}, worker,
+      result);
+  if (!options.json) {
+    if (result.records > 0 || status.IsOk()) context.output.Note(SummaryLine(options.report, result));
+    return status;
+  }
+  const TransferCount count = {result.records, result.chunks, result.bytes, result.module_seconds};
+  const Status told = status.Message().empty() ? Status(status.Code(), result.message) : status;
+  Json summary = SummaryToJson(options, count, told);
+  if (status.Code() == ExitCode::kFinding && status.Message().empty()) summary["outcome"] = "complete";
+  summary["resume"] = ResumeToJson(options, result);
+  Status printed = context.output.Document(summary);
+  return printed.IsOk() ? status : printed;
+}
+
+Status Fetch(Context& context, const Options& options) {
+  if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
+  const InterruptGuard guard;
+  std::unique_ptr<ModuleHost> module;
+  if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
+  WorkerThread worker(*module, options.call.block);
+  if (!options.state.empty()) return FetchResumed(context, options, worker);
+  Transfer transfer(worker, options.report, options.chunk_records);
+  const Status status = Carry(context, options, transfer);
+  return Summarise(context, options, transfer.Count(), status);
+}
+
+}  // namespace
+
+void AddFetchCommand(CLI::App& app, Context& context) {
+  CLI::App& command = *app.add_subcommand("fetch", "Transfer a whole report through the module");
+  const auto options = std::make_shared<Options>();
+  command.add_option("NAME", options->report, "Report name, below the report directory")->required();
+  CLI::Option* const output =
+      command.add_option("-o,--output", options->output, "Write the records to this file (default: standard output)")
+          ->type_name("FILE");
+  command.add_option("--chunk-records", options->chunk_records, "Ask for at most so many records a call")
+      ->check(CLI::PositiveNumber);
+  CLI::Option* const json =
+      command.add_flag("--json", options->json, "Print the summary as JSON on standard output; needs -o")
+          ->needs(output);
+  CLI::Option* const plot = AddRecordPrintOptions(command, options->print)->excludes(json);
+  command.add_option("--resume", options->state, "Fetch only what is new since the run that left this state file")
+      ->type_name("STATE")
+      ->excludes(plot);
+  AddCallOptions(command, options->call);
+  command.callback([&context, options] { context.run = [&context, options] { return Fetch(context, *options); }; });
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,237 @@
+// qxctl follow NAME: the records of a report as they appear, through the module, until ^C.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <limits>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/fetch/LookEvents.h"
+#include "tools/qxctl/fetch/RecordPrint.h"
+#include "tools/qxctl/fetch/ReportSource.h"
+#include "tools/qxctl/module/CallOptions.h"
+
+namespace qx::ctl {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+constexpr int kFailuresMax = 5;  // in a row; one more and the module does not come back
+constexpr double kSecondsMax = 1e6;
+constexpr double kIntervalMin = 0.01;
+
+struct Options {
+  CallOptions call;
+  std::string report;
+  RecordPrintOptions print;
+  double interval = 1;
+  std::optional<std::uint64_t> count;
+  std::optional<double> duration;
+  bool wait = false;
+  bool from_now = false;
+  bool json = false;
+};
+
+// Returns early when a signal arrives.
+void Sleep(Seconds time) {
+  constexpr double kNanoseconds = 1e9;
+  const auto whole = static_cast<time_t>(time.count());
+  const timespec wait{whole, static_cast<long>((time.count() - static_cast<double>(whole)) * kNanoseconds)};
+  (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &wait, nullptr);
+}
+
+class Follow {
+ public:
+  Follow(Context& context, const Options& options, WorkerThread& worker)
+      : output_(context.output),
+        options_(options),
+        source_(worker, options.report, std::nullopt),
+        follower_(source_),
+        printer_(context.output, options.print),
+        skips_(options.from_now),
+        end_(Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(options.duration.value_or(0)))) {}
+
+  Status Run() {
+    Status status = Watch();
+    if (Status closed = Close(status); !closed.IsOk()) return closed;
+    return status;
+  }
+
+ private:
+  Status Watch() {
+    for (;;) {
+      bool is_at_end = true;
+      if (Status status = Look(is_at_end); !status.IsOk()) return status;
+      if (Status status = output_.Show(); !status.IsOk()) return status;
+      if (HasEnded()) return tally_.IsClean() && failures_in_all_ == 0 ? Status() : Status(ExitCode::kFinding, "");
+      if (is_at_end) Sleep(TimeToNextLook());
+    }
+  }
+
+  bool HasEnded() const {
+    return InterruptSignal() != 0 || (options_.count && printed_ >= *options_.count) ||
+           (options_.duration && Clock::now() >= end_);
+  }
+
+  Seconds TimeToNextLook() const {
+    const Seconds interval(options_.interval);
+    return options_.duration ? std::min(interval, std::max(Seconds(0), Seconds(end_ - Clock::now()))) : interval;
+  }
+
+  Status Look(bool& is_at_end) {
+    report::ReportLook look;
+    if (!follower_.Look(RecordsWanted(), look)) return Bear(source_.Failure());
+    if (look.was_outrun) return Bear(OutrunStatus(options_.report));
+    failures_ = 0;
+    is_missing_ = false;
+    was_seen_ = true;
+    if (look.is_blocked) return BlockedStatus(follower_.PositionAfter(0).next);
+    if (Status status = Tell(look); !status.IsOk()) return status;
+    if (Status status = Print(look); !status.IsOk()) return status;
+    follower_.Delivered(look.records.size());
+    if (look.reached_end) skips_ = false;
+    is_at_end = look.reached_end;
+    return {};
+  }
+
+  std::uint32_t RecordsWanted() const {
+    constexpr std::uint64_t kAll = std::numeric_limits<std::int32_t>::max();
+    const std::uint64_t wanted = options_.count && !skips_ ? *options_.count - printed_ : kAll;
+    return static_cast<std::uint32_t>(std::min(wanted, kAll));
+  }
+
+  // A report may be gone for a moment while its agent starts it over, and a call may fail once: both are told, and the
+  // next look tries again.
+  Status Bear(const Status& failure) {
+    if (failure.Code() == ExitCode::kRefused) return failure;
+    if (failure.Code() == ExitCode::kNotFound) {
+      if (!was_seen_ && !options_.wait) return failure;
+      if (!was_seen_) skips_ = false;  // all its records will be new
+      const bool is_news = !is_missing_;
+      is_missing_ = true;
+      return is_news ? TellMissing() : Status();
+    }
+    ++failures_in_all_;
+    if (++failures_ >= kFailuresMax) return failure;
+    output_.Problem(failure.Message() + "; trying again");
+    return Line({{"kind", "failure"}, {"message", failure.Message()}});
+  }
+
+  Status TellMissing() {
+    output_.Note("qxctl: " + options_.report + ": there is no such report; waiting for it");
+    return Line({{"kind", "missing"}});
+  }
+
+  // Records that repeat are ambiguous at every look: that is told when it begins, and whenever it matters.
+  Status Tell(const report::ReportLook& look) {
+    const bool is_ambiguous = look.event == report::LookEvent::kAmbiguous;
+    const bool is_news =
+        look.event != report::LookEvent::kNone && (!is_ambiguous || !was_ambiguous_ || !look.records.empty());
+    const bool is_repeated = is_ambiguous && was_ambiguous_;
+    was_ambiguous_ = is_ambiguous;
+    if (!is_news) return {};
+    tally_.Count(look);
+    if (!is_repeated) output_.Problem(EventText(options_.report, look));
+    Json line = {{"kind", EventName(look)}};
+    if (look.event == report::LookEvent::kGap) {
+      line["lost"] = nullptr;
+      if (look.lost) line["lost"] = *look.lost;
+    }
+    return Line(line);
+  }
+
+  Status Print(const report::ReportLook& look) {
+    std::uint64_t index = follower_.Position().delivered;
+    for (const std::string& record : look.records) {
+      if (!skips_) {
+        if (Status status = PrintRecord(index, record); !status.IsOk()) return status;
+        ++printed_;
+      }
+      ++index;
+    }
+    return {};
+  }
+
+  Status PrintRecord(std::uint64_t index, const std::string& record) {
+    if (options_.json) {
+      Json line = {{"kind", "record"}};
+      line.update(RecordToJson(index, record));
+      return Line(line);
+    }
+    const std::string text = printer_.Take(record);
+    return printer_.DrawsChart() ? Status() : output_.Data(text);
+  }
+
+  Status Line(const Json& line) { return options_.json ? output_.Data(JsonLineOf(line)) : Status(); }
+
+  Status Close(const Status& status) {
+    if (Status drawn = printer_.Finish(options_.report); !drawn.IsOk()) return drawn;
+    if (!options_.json) {
+      output_.Note(options_.report + ": " + std::to_string(printed_) + (printed_ == 1 ? " record" : " records") +
+                   ", gaps " + std::to_string(tally_.gaps) + ", ambiguous " + std::to_string(tally_.ambiguous) +
+                   ", started over " + std::to_string(tally_.started_over));
+      return {};
+    }
+    Json line = {{"kind", "end"}, {"report", options_.report}, {"records", printed_}};
+    line.update(ToJson(tally_));
+    line["failedCalls"] = failures_in_all_;
+    line["exitCode"] = static_cast<int>(status.Code());
+    return Line(line);
+  }
+
+  Output& output_;
+  const Options& options_;
+  ReportSource source_;
+  report::ReportFollower follower_;
+  RecordPrinter printer_;
+  LookTally tally_;
+  std::uint64_t printed_ = 0;
+  int failures_ = 0;
+  std::uint64_t failures_in_all_ = 0;
+  bool skips_;
+  bool was_seen_ = false;
+  bool is_missing_ = false;
+  bool was_ambiguous_ = false;
+  Clock::time_point end_;
+};
+
+Status RunFollow(Context& context, const Options& options) {
+  if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
+  const InterruptGuard guard;
+  std::unique_ptr<ModuleHost> module;
+  if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
+  WorkerThread worker(*module, options.call.block);
+  return Follow(context, options, worker).Run();
+}
+
+}  // namespace
+
+void AddFollowCommand(CLI::App& app, Context& context) {
+  CLI::App& command = *app.add_subcommand("follow", "Print the records of a report as they appear, until ^C");
+  const auto options = std::make_shared<Options>();
+  command.add_option("NAME", options->report, "Report name, below the report directory")->required();
+  command.add_option("--interval", options->interval, "Seconds between two looks (default 1)")
+      ->check(CLI::Range(kIntervalMin, kSecondsMax))
+      ->type_name("SECONDS");
+  command.add_option("--count", options->count, "End after so many records")->check(CLI::PositiveNumber);
+  command.add_option("--for", options->duration, "End after so many seconds")
+      ->check(CLI::Range(0.0, kSecondsMax))
+      ->type_name("SECONDS");
+  command.add_flag("--wait", options->wait, "Wait for a report that does not exist yet");
+  command.add_flag("--from-now", options->from_now, "Leave out the records that stand in the report already");
+  CLI::Option* const plot = AddRecordPrintOptions(command, options->print);
+  command.add_flag("--json", options->json, "Print records and what happens to them as lines of JSON")
+      ->excludes(plot)
+      ->excludes("--format");
+  AddCallOptions(command, options->call);
+  command.callback([&context, options] { context.run = [&context, options] { return RunFollow(context, *options); }; });
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,39 @@
+// What is said about the looks at a report that is read bit by bit.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "reportfile/tools/ReportFollower.h"
+#include "tools/qxctl/cli/Output.h"
+
+namespace qx::ctl {
+
+// How often what happened.
+struct LookTally {
+  std::uint64_t gaps = 0;
+  std::optional<std::uint64_t> lost = 0;  // records in all gaps; unset: not known
+  std::uint64_t ambiguous = 0;
+  std::uint64_t started_over = 0;
+
+  void Count(const report::ReportLook& look);
+  bool IsClean() const { return gaps == 0 && ambiguous == 0 && started_over == 0; }
+};
+
+// {"gaps":1,"recordsLost":null,"ambiguous":0,"startedOver":0}
+[[nodiscard]] Json ToJson(const LookTally& tally);
+
+// One sentence about the event of a look; empty if there is none.
+[[nodiscard]] std::string EventText(const std::string& report, const report::ReportLook& look);
+
+// "gap", "ambiguous", "startedOver"; empty if there is none.
+[[nodiscard]] std::string EventName(const report::ReportLook& look);
+
+// kFinding: the record at `index` cannot be carried.
+[[nodiscard]] Status BlockedStatus(std::uint32_t index);
+
+// kChanged: the ring moves faster than it can be read.
+[[nodiscard]] Status OutrunStatus(const std::string& report);
+
+}  // namespace qx::ctl

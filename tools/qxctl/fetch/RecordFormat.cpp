@@ -1,0 +1,119 @@
+#include "tools/qxctl/fetch/RecordFormat.h"
+
+#include <CLI/CLI.hpp>
+#include <limits>
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "tools/qxctl/cli/Text.h"
+
+namespace qx::ctl {
+
+namespace {
+
+const std::map<std::string, RecordFormat> kFormats = {
+    {"text", RecordFormat::kText}, {"json", RecordFormat::kJson}, {"csv", RecordFormat::kCsv}};
+
+constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
+constexpr std::string_view kCsvLineEnd = "\r\n";
+
+// RFC 4180: a field with a comma, a quote or a line end stands in quotes, with its own quotes doubled.
+//   a,"b" => "a,""b"""
+std::string CsvField(std::string_view text) {
+  if (text.find_first_of(",\"\r\n") == std::string_view::npos) return std::string(text);
+  std::string quoted = "\"";
+  for (const char c : text) {
+    if (c == '"') quoted += '"';
+    quoted += c;
+  }
+  return quoted + "\"";
+}
+
+std::string CheckSeparator(const std::string& separator) {
+  return separator.empty() ? "a separator has at least one character" : std::string();
+}
+
+}  // namespace
+
+const char* NameOf(RecordFormat format) {
+  for (const auto& [name, value] : kFormats) {
+    if (value == format) return name.c_str();
+  }
+  return "";
+}
+
+void AddRecordFormatOptions(CLI::App& command, RecordFormatOptions& options) {
+  command.add_option("--format", options.format, "How records are written: text (as stored), json (a line each), csv")
+      ->transform(CLI::CheckedTransformer(kFormats, CLI::ignore_case))
+      ->type_name("FORMAT");
+  command
+      .add_option_function<std::string>(
+          "--fields", [&options](const std::string& given) { options.separator = given == "\\t" ? "\t" : given; },
+          "Split a record's text into columns at this separator (\\t: a tab)")
+      ->check(CheckSeparator)
+      ->type_name("SEPARATOR");
+}
+
+RecordText TextOfRecord(std::string_view record) {
+  if (record.ends_with("\r\n")) return {record.substr(0, record.size() - 2), "crlf"};
+  if (record.ends_with('\n')) return {record.substr(0, record.size() - 1), "lf"};
+  if (record.ends_with('\xFF')) return {record.substr(0, record.size() - 1), "ff"};
+  return {record, "none"};
+}
+
+std::vector<std::string_view> FieldsOf(std::string_view text, std::string_view separator, std::size_t count_max) {
+  std::vector<std::string_view> fields;
+  while (!separator.empty() && fields.size() + 1 < count_max) {
+    const std::size_t at = text.find(separator);
+    if (at == std::string_view::npos) break;
+    fields.push_back(text.substr(0, at));
+    text.remove_prefix(at + separator.size());
+  }
+  fields.push_back(text);
+  return fields;
+}
+
+Json RecordToJson(std::uint64_t index, std::string_view record) {
+  const RecordText parts = TextOfRecord(record);
+  Json object = {{"index", index}};
+  SetText(object, "text", std::string(parts.text));
+  if (parts.end != std::string_view("crlf")) object["end"] = parts.end;
+  return object;
+}
+
+std::string JsonLineOf(const Json& object) {
+  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+std::string RecordFormatter::Format(std::uint64_t index, std::string_view record) {
+  switch (options_.format) {
+    case RecordFormat::kText:
+      break;
+    case RecordFormat::kJson:
+      return JsonLineOf(RecordToJson(index, record));
+    case RecordFormat::kCsv:
+      return FormatCsv(index, TextOfRecord(record).text);
+  }
+  return std::string(record);
+}
+
+std::string RecordFormatter::FormatCsv(std::uint64_t index, std::string_view text) {
+  std::string line;
+  if (columns_ == 0) {
+    columns_ = FieldsOf(text, options_.separator, kNoLimit).size();
+    line = CsvHeader();
+  }
+  line += std::to_string(index);
+  const std::vector<std::string_view> fields = FieldsOf(text, options_.separator, columns_);
+  for (std::size_t i = 0; i < columns_; ++i) line.append(",").append(i < fields.size() ? CsvField(fields[i]) : "");
+  return line.append(kCsvLineEnd);
+}
+
+std::string RecordFormatter::CsvHeader() const {
+  std::string header = "index";
+  if (options_.separator.empty()) return header.append(",text").append(kCsvLineEnd);
+  for (std::size_t i = 1; i <= columns_; ++i) header += ",column" + std::to_string(i);
+  return header.append(kCsvLineEnd);
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,68 @@
+// Records as text, JSON lines or CSV.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/qxctl/cli/Output.h"
+
+namespace CLI {
+class App;
+}  // namespace CLI
+
+namespace qx::ctl {
+
+enum class RecordFormat { kText, kJson, kCsv };
+
+// "text", "json", "csv"
+const char* NameOf(RecordFormat format);
+
+struct RecordFormatOptions {
+  RecordFormat format = RecordFormat::kText;
+  std::string separator;  // of the fields within a record; empty: a record is one field
+};
+
+// Adds --format and --fields. `options` must live until the command has run.
+void AddRecordFormatOptions(CLI::App& command, RecordFormatOptions& options);
+
+// A record's text without what ends it.
+//   "a\r\n" => "a", "crlf"     "a\n" => "a", "lf"     "a\xFF" => "a", "ff"     "a" (cut at a NUL) => "a", "none"
+struct RecordText {
+  std::string_view text;
+  const char* end;
+};
+[[nodiscard]] RecordText TextOfRecord(std::string_view record);
+
+// "a b c", " " => "a", "b", "c"; with `count_max` 2: "a", "b c". An empty separator: the text.
+[[nodiscard]] std::vector<std::string_view> FieldsOf(std::string_view text, std::string_view separator,
+                                                     std::size_t count_max);
+
+// {"index":7,"text":"a"}, and "end" when it is not CR LF.
+[[nodiscard]] Json RecordToJson(std::uint64_t index, std::string_view record);
+
+// One line of JSON with its line end.
+[[nodiscard]] std::string JsonLineOf(const Json& object);
+
+// Writes the records of one output.
+//
+// CSV begins with a header line, which comes with the first record, because that one's fields decide how many columns
+// there are: a shorter record leaves the last ones empty, the last column of a longer one holds the rest of its text.
+class RecordFormatter {
+ public:
+  // `columns`: how many the output has already, 0: nothing was written yet.
+  RecordFormatter(const RecordFormatOptions& options, std::size_t columns = 0) : options_(options), columns_(columns) {}
+
+  [[nodiscard]] std::string Format(std::uint64_t index, std::string_view record);
+  [[nodiscard]] std::size_t Columns() const { return columns_; }
+
+ private:
+  std::string FormatCsv(std::uint64_t index, std::string_view text);
+  std::string CsvHeader() const;
+
+  RecordFormatOptions options_;
+  std::size_t columns_;
+};
+
+}  // namespace qx::ctl

@@ -1,0 +1,70 @@
+#include "tools/qxctl/fetch/RecordPrint.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+#include "tools/qxctl/cli/OutputFile.h"
+#include "tools/qxctl/fetch/Chart.h"
+
+namespace qx::ctl {
+
+namespace {
+
+// "load, cpu: 120 values, lowest 0.1, highest 9.5"
+std::string TitleOf(const std::string& report, const FieldSeries& series) {
+  const std::vector<double>& values = series.Values();
+  std::string title = report + ", " + series.Field() + ": " + std::to_string(values.size()) +
+                      (values.size() == 1 ? " value" : " values");
+  if (values.empty()) return title;
+  const auto [low, high] = std::minmax_element(values.begin(), values.end());
+  return title + ", lowest " + AxisNumber(*low) + ", highest " + AxisNumber(*high);
+}
+
+Status WriteSvg(const std::string& path, const std::string& svg) {
+  OutputFile file;
+  if (Status status = file.Open(path); !status.IsOk()) return status;
+  if (Status status = file.Write(svg); !status.IsOk()) return status;
+  return file.Commit();
+}
+
+}  // namespace
+
+CLI::Option* AddRecordPrintOptions(CLI::App& command, RecordPrintOptions& options) {
+  AddRecordFormatOptions(command, options.format);
+  CLI::Option* const plot =
+      command.add_option("--plot", options.plot, "Draw this field of the records (a key, or a column with --fields)")
+          ->type_name("FIELD");
+  command.add_option("--svg", options.svg, "Write the chart to this file as well")->needs(plot)->type_name("FILE");
+  return plot;
+}
+
+Status CheckRecordPrintOptions(const RecordPrintOptions& options) {
+  const bool has_use = options.format.format == RecordFormat::kCsv || !options.plot.empty();
+  if (options.format.separator.empty() || has_use) return {};
+  return {ExitCode::kUsage, "--fields makes the columns of --format csv or of --plot; give one of these as well"};
+}
+
+RecordPrinter::RecordPrinter(Output& output, const RecordPrintOptions& options)
+    : output_(output), options_(options), formatter_(options.format) {
+  if (!options.plot.empty()) series_.emplace(options.plot, options.format.separator);
+}
+
+std::string RecordPrinter::Take(std::string_view record) {
+  if (series_) series_->Add(record);
+  return formatter_.Format(index_++, record);
+}
+
+Status RecordPrinter::Finish(const std::string& report) {
+  if (!series_) return {};
+  const std::string title = TitleOf(report, *series_);
+  if (Status status = output_.Data(TextChart(title, series_->Values(), ChartShapeHere(), output_)); !status.IsOk()) {
+    return status;
+  }
+  if (series_->Skipped() > 0) {
+    output_.Note("qxctl: " + std::to_string(series_->Skipped()) + " of " + std::to_string(index_) +
+                 " records have no number for " + series_->Field());
+  }
+  return options_.svg.empty() ? Status() : WriteSvg(options_.svg, SvgChart(title, series_->Field(), series_->Values()));
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,72 @@
+#include "tools/qxctl/fetch/ReportReader.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace qx::ctl {
+
+namespace {
+
+// Cuts behind each end. What is left has no end.
+//   "a\r\nb\xFF" => "a\r\n", "b\xFF"
+std::vector<std::string> CutAtEnds(std::string_view text) {
+  std::vector<std::string> records;
+  while (!text.empty()) {
+    const std::string_view record = FirstRecord(text);
+    records.emplace_back(record);
+    text.remove_prefix(record.size());
+  }
+  return records;
+}
+
+}  // namespace
+
+std::string_view FirstRecord(std::string_view records) {
+  const auto end = std::find_if(records.begin(), records.end(), EndsRecord);
+  return end == records.end() ? records : records.substr(0, static_cast<std::size_t>(end - records.begin()) + 1);
+}
+
+Status ReportReader::Ask(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply) {
+  const std::string request = RequestText({report_, start_index, record_count});
+  const CallResult call = worker_.Call(RequestFunction::kGetReports, request);
+  module_seconds_ += call.seconds;
+  reply = ParseReply(call);
+  return StatusOfReports(call, reply);
+}
+
+// Each record that the reply counts ends at most one line; more line ends than records cannot be.
+Status ReportReader::Check(std::int32_t start_index, const ReportReply& reply) const {
+  const std::int64_t records = std::int64_t{reply.next_index} - reply.start_index;
+  const auto line_ends = std::count_if(reply.records.begin(), reply.records.end(), EndsRecord);
+  const bool is_consistent = reply.start_index == start_index && records > 0 && line_ends <= records;
+  if (is_consistent) return {};
+  return {ExitCode::kChanged, "the reply to index " + std::to_string(start_index) + " says records " +
+                                  std::to_string(reply.start_index) + " to " + std::to_string(reply.next_index) +
+                                  " and holds " + std::to_string(line_ends) + "; fetch the report again"};
+}
+
+Status ReportReader::Split(const ReportReply& reply, std::vector<std::string>& records) {
+  return SplitRange(reply.start_index, reply.next_index, reply.records, records);
+}
+
+// A record without end runs on into the next one, so the number of pieces tells whether there is any.
+Status ReportReader::SplitRange(std::int32_t start, std::int32_t end, std::string_view text,
+                                std::vector<std::string>& records) {
+  std::vector<std::string> pieces = CutAtEnds(text);
+  if (end - start == 1) pieces.assign(1, std::string(text));
+  if (pieces.size() == static_cast<std::size_t>(end - start)) {
+    records.insert(records.end(), std::make_move_iterator(pieces.begin()), std::make_move_iterator(pieces.end()));
+    return {};
+  }
+  const std::int32_t middle = start + (end - start) / 2;
+  ReportReply latter;
+  if (Status status = Ask(middle, end - middle, latter); !status.IsOk()) return status;
+  if (!text.ends_with(latter.records)) {
+    return {ExitCode::kChanged, "report \"" + report_ + "\" changed while it was read; fetch it again"};
+  }
+  const std::string_view former = text.substr(0, text.size() - latter.records.size());
+  if (Status status = SplitRange(start, middle, former, records); !status.IsOk()) return status;
+  return SplitRange(middle, end, latter.records, records);
+}
+
+}  // namespace qx::ctl

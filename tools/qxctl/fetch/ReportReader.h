@@ -1,0 +1,49 @@
+// Asks the module for records of one report and takes the replies apart.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tools/qxctl/cli/Status.h"
+#include "tools/qxctl/module/ModuleHost.h"
+#include "tools/qxctl/module/ReportDocuments.h"
+
+namespace qx::ctl {
+
+// What a record ends with: its line feed, or the byte 0xFF that a reader stops at. Only a record cut at a NUL has none.
+constexpr bool EndsRecord(char byte) { return byte == '\n' || byte == '\xFF'; }
+
+// "a\r\nb\r\n" => "a\r\n"
+[[nodiscard]] std::string_view FirstRecord(std::string_view records);
+
+// Threads: as the worker thread that it borrows.
+class ReportReader {
+ public:
+  ReportReader(WorkerThread& worker, std::string report) : worker_(worker), report_(std::move(report)) {}
+
+  // One call. Start index 0 starts a new snapshot.
+  Status Ask(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply);
+
+  // kChanged if a reply with records is not one to `start_index`, or contradicts itself.
+  Status Check(std::int32_t start_index, const ReportReply& reply) const;
+
+  // The records of a reply one by one. Where one has no end, the module is asked for the latter half, and so on, in the
+  // snapshot of the reply: ask for nothing else in between. kChanged if the answers differ.
+  Status Split(const ReportReply& reply, std::vector<std::string>& records);
+
+  const std::string& Report() const { return report_; }
+  double ModuleSeconds() const { return module_seconds_; }
+
+ private:
+  Status SplitRange(std::int32_t start, std::int32_t end, std::string_view text, std::vector<std::string>& records);
+
+  WorkerThread& worker_;
+  std::string report_;
+  double module_seconds_ = 0;
+};
+
+}  // namespace qx::ctl

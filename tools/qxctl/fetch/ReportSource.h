@@ -1,0 +1,42 @@
+// A report of the module as a follower reads it.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "reportfile/tools/ReportFollower.h"
+#include "tools/qxctl/fetch/ReportReader.h"
+
+namespace qx::ctl {
+
+struct SourceCount {
+  std::uint64_t calls = 0;
+  std::uint64_t bytes = 0;  // of records, those that were only compared included
+  double module_seconds = 0;
+};
+
+// Threads: as the worker thread that it borrows.
+class ReportSource : public report::RecordSource {
+ public:
+  // At most `chunk_records` a call, if set.
+  ReportSource(WorkerThread& worker, const std::string& report, std::optional<std::int32_t> chunk_records)
+      : reader_(worker, report), chunk_records_(chunk_records) {}
+
+  bool Refresh() override;
+  bool Read(std::uint32_t start, std::uint32_t count_max, std::vector<std::string>& records) override;
+
+  // Why the last call that failed did.
+  const Status& Failure() const { return failure_; }
+  const SourceCount& Count() const { return count_; }
+
+ private:
+  bool Ask(std::int32_t start, std::int32_t count, ReportReply& reply);
+  bool Keep(Status status);
+
+  ReportReader reader_;
+  std::optional<std::int32_t> chunk_records_;
+  Status failure_;
+  SourceCount count_;
+};
+
+}  // namespace qx::ctl

@@ -1,0 +1,188 @@
+// The order of things is what makes the runs together deliver each record once. Before a chunk is written the state
+// says so (inFlight); behind it the state says how far the writing came. A run that is killed between leaves inFlight
+// behind, and the next one cuts the output file back to what the state knows, or, where nothing can be cut, says that
+// records may come twice.
+#include "tools/qxctl/fetch/ResumedFetch.h"
+
+#include <limits>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/fetch/FetchState.h"
+#include "tools/qxctl/fetch/RecordSink.h"
+#include "tools/qxctl/fetch/ReportSource.h"
+
+namespace qx::ctl {
+
+namespace {
+
+constexpr std::uint32_t kNoLimit = std::numeric_limits<std::int32_t>::max();
+
+class ResumedFetch {
+ public:
+  ResumedFetch(Context& context, const ResumeOptions& options, WorkerThread& worker, ResumeResult& result)
+      : output_(context.output),
+        options_(options),
+        source_(worker, options.report, options.chunk_records),
+        formatter_(options.format),
+        result_(result) {}
+
+  Status Run() {
+    if (Status status = Begin(); !status.IsOk()) return status;
+    Status status = FetchAll();
+    result_.module_seconds = source_.Count().module_seconds;
+    result_.delivered = follower_->Position().delivered;
+    if (status.IsOk() && has_findings_) return {ExitCode::kFinding, ""};
+    return status;
+  }
+
+ private:
+  Status Begin() {
+    if (Status status = file_.Open(options_.state); !status.IsOk()) return status;
+    state_ = file_.State().value_or(NewState());
+    if (Status status = CheckState(); !status.IsOk()) return status;
+    follower_.emplace(source_, state_.position);
+    formatter_ = RecordFormatter(options_.format, state_.columns);
+    if (!options_.output.empty()) {
+      if (Status status = OpenOutputFile(); !status.IsOk()) return status;
+    }
+    if (state_.in_flight > 0 && !state_.output_bytes) TellRepeated();
+    return {};
+  }
+
+  FetchState NewState() const {
+    FetchState state;
+    state.report = options_.report;
+    state.format = options_.format;
+    state.output = options_.output;
+    return state;
+  }
+
+  // One state belongs to one report and one output.
+  Status CheckState() const {
+    if (state_.report != options_.report) return NotOfThisRun("report \"" + state_.report + "\"");
+    if (state_.output != options_.output) {
+      return NotOfThisRun(state_.output.empty() ? "standard output" : "the output file " + state_.output);
+    }
+    if (state_.format.format != options_.format.format || state_.format.separator != options_.format.separator) {
+      return NotOfThisRun(std::string("--format ") + NameOf(state_.format.format) +
+                          (state_.format.separator.empty() ? "" : " with --fields"));
+    }
+    return {};
+  }
+
+  Status NotOfThisRun(const std::string& of) const {
+    return {ExitCode::kRefused, options_.state + " is the state of " + of + "; give the same, or another state file"};
+  }
+
+  Status OpenOutputFile() {
+    if (Status status = sink_.OpenFile(options_.output); !status.IsOk()) return status;
+    const std::optional<std::uint64_t> bytes = sink_.Bytes();
+    if (!bytes) return {};
+    const std::uint64_t known = state_.output_bytes.value_or(0);
+    if (*bytes > known && state_.in_flight > 0) {
+      output_.Note("qxctl: the last run was killed while it wrote; " + options_.output + " is cut back to " +
+                   std::to_string(known) + " bytes");
+      if (Status status = sink_.Shorten(known); !status.IsOk()) return status;
+    } else if (*bytes != known) {
+      return {ExitCode::kRefused, options_.output + " has " + std::to_string(*bytes) + " bytes and not the " +
+                                      std::to_string(known) + " of " + options_.state +
+                                      "; move it away together with the state file to begin anew"};
+    }
+    state_.output_bytes = known;
+    return {};
+  }
+
+  void TellRepeated() {
+    result_.maybe_repeated = state_.in_flight;
+    Find("the last run was killed while it wrote; its " + std::to_string(state_.in_flight) +
+         " last records may have been printed, and come again");
+  }
+
+  Status FetchAll() {
+    for (bool reached_end = false; !reached_end;) {
+      report::ReportLook look;
+      if (!follower_->Look(kNoLimit, look)) return source_.Failure();
+      if (look.was_outrun) return OutrunStatus(options_.report);
+      Tell(look);
+      if (Status status = Deliver(look); !status.IsOk()) return status;
+      if (look.is_blocked) return BlockedStatus(follower_->Position().next);
+      if (InterruptSignal() != 0) return {ExitCode::kIo, "interrupted"};
+      reached_end = look.reached_end;
+    }
+    return {};
+  }
+
+  void Tell(const report::ReportLook& look) {
+    result_.tally.Count(look);
+    if (look.event != report::LookEvent::kNone) Find(EventText(options_.report, look));
+  }
+
+  void Find(const std::string& text) {
+    has_findings_ = true;
+    result_.message = text;
+    output_.Problem(text);
+  }
+
+  Status Deliver(const report::ReportLook& look) {
+    std::vector<std::string> pieces;
+    for (const std::string& record : look.records) {
+      pieces.push_back(formatter_.Format(follower_->Position().delivered + pieces.size(), record));
+    }
+    state_.in_flight = pieces.size();
+    if (state_.in_flight > 0) {
+      if (Status status = file_.Save(state_); !status.IsOk()) return status;
+    }
+    std::size_t taken = 0;
+    Status written = sink_.Write(pieces, taken);
+    if (Status cut = CutToWholeRecords(std::span(pieces).first(taken)); !cut.IsOk()) return cut;
+    if (Status synced = sink_.Sync(); !synced.IsOk()) return synced;
+    if (Status saved = SaveBehind(std::span(look.records).first(taken)); !saved.IsOk()) return saved;
+    return written;
+  }
+
+  // A record of which a file got only a part comes whole in the next run.
+  Status CutToWholeRecords(std::span<const std::string> taken) {
+    if (!state_.output_bytes) return {};
+    for (const std::string& piece : taken) *state_.output_bytes += piece.size();
+    return sink_.Bytes() > state_.output_bytes ? sink_.Shorten(*state_.output_bytes) : Status();
+  }
+
+  Status SaveBehind(std::span<const std::string> taken) {
+    follower_->Delivered(taken.size());
+    state_.position = follower_->Position();
+    state_.in_flight = 0;
+    if (!taken.empty()) state_.columns = formatter_.Columns();
+    Count(taken);
+    return file_.Save(state_);
+  }
+
+  void Count(std::span<const std::string> taken) {
+    result_.records += taken.size();
+    result_.chunks += taken.empty() ? 0 : 1;
+    for (const std::string& record : taken) result_.bytes += record.size();
+    output_.Progress(options_.report + ": " + std::to_string(result_.records) + " new records");
+  }
+
+  Output& output_;
+  const ResumeOptions& options_;
+  ReportSource source_;
+  std::optional<report::ReportFollower> follower_;
+  RecordFormatter formatter_;
+  ResumeResult& result_;
+  FetchStateFile file_;
+  FetchState state_;
+  RecordSink sink_;
+  bool has_findings_ = false;
+};
+
+}  // namespace
+
+Status RunResumedFetch(Context& context, const ResumeOptions& options, WorkerThread& worker, ResumeResult& result) {
+  if (Status status = context.output.Show(); !status.IsOk()) return status;
+  return ResumedFetch(context, options, worker, result).Run();
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,37 @@
+// qxctl fetch --resume: a report fetched in several runs, each of which brings what is new.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/fetch/LookEvents.h"
+#include "tools/qxctl/fetch/RecordFormat.h"
+#include "tools/qxctl/module/ModuleHost.h"
+
+namespace qx::ctl {
+
+struct ResumeOptions {
+  std::string report;
+  std::string state;
+  std::string output;  // empty: standard output
+  RecordFormatOptions format;
+  std::optional<std::int32_t> chunk_records;
+};
+
+struct ResumeResult {
+  std::uint64_t records = 0;  // that arrived in this run
+  std::uint64_t chunks = 0;
+  std::uint64_t bytes = 0;  // of those records as stored
+  double module_seconds = 0;
+  std::uint64_t delivered = 0;       // in all runs
+  std::uint64_t maybe_repeated = 0;  // records that a killed run may have written already
+  LookTally tally;
+  std::string message;  // the last thing that needs a look
+};
+
+// Runs it. What needs a look is printed as it happens; the status is then kFinding without a message.
+Status RunResumedFetch(Context& context, const ResumeOptions& options, WorkerThread& worker, ResumeResult& result);
+
+}  // namespace qx::ctl

@@ -1,0 +1,46 @@
+// Internal: the fields of a call file's objects, checked as they are read.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "tools/qxctl/cli/Output.h"
+
+namespace qx::ctl {
+
+// Sets the reason and is false.
+bool Fails(std::string& problem, std::string reason);
+
+// Sets `key` to `bytes`, or, if they are not UTF-8, `key`Base64 to their base64.
+void SetBytes(Json& object, const std::string& key, const std::string& bytes);
+
+// Reads one object. Every function is false with a reason in `problem` when the field is missing or of another kind;
+// what it would have set is then as it was.
+class FieldReader {
+ public:
+  FieldReader(const Json& object, std::string& problem) : object_(object), problem_(problem) {}
+
+  bool Has(const char* key) const { return object_.contains(key); }
+  bool Only(std::initializer_list<std::string_view> keys) const;
+
+  bool Text(const char* key, std::string& text) const;
+  // A text, its base64, or null.
+  bool Bytes(const char* key, std::optional<std::string>& bytes) const;
+  bool Integer(const char* key, std::int32_t& number) const;
+  bool Number(const char* key, std::uint32_t& number) const;
+  // A number, or null.
+  bool OptionalNumber(const char* key, std::optional<std::uint32_t>& number) const;
+
+ private:
+  bool Wrong(const char* key, const char* wanted) const;
+  const Json* Find(const char* key) const;
+
+  const Json& object_;
+  std::string& problem_;
+};
+
+}  // namespace qx::ctl

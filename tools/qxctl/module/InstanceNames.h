@@ -1,0 +1,23 @@
+// The documents of a request for a report's instance names: what is asked, and what the module answers.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/qxctl/cli/Status.h"
+#include "tools/qxctl/module/ModuleHost.h"
+
+namespace qx::ctl {
+
+struct Instance {
+  std::string number;
+  std::string name;  // the bytes that stand in the names file
+};
+
+// <ReportInstanceNames Name="disk"/>
+std::string NamesRequestText(const std::string& report);
+
+// What a GetReportInstanceNames call came to. `instances` is set on kOk.
+Status InstancesOf(const CallResult& call, std::vector<Instance>& instances);
+
+}  // namespace qx::ctl

@@ -1,0 +1,278 @@
+// qxctl report backup|restore: the whole report directory, copied away and put back.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "reportfile/tools/StoreBackup.h"
+#include "reportfile/tools/StoreRestore.h"
+#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/report/ReportTools.h"
+
+namespace qx::ctl {
+
+namespace {
+
+using report::BackupItem;
+using report::BackupItemKind;
+using report::BackupItemState;
+using report::BackupResult;
+using report::BackupState;
+using report::RestoreAction;
+using report::RestoreItem;
+using report::RestoreResult;
+using report::RestoreState;
+
+struct Options {
+  std::string directory;
+  bool apply = false;
+  report::RestoreOptions restore;
+  bool json = false;
+};
+
+const char* NameOfKind(BackupItemKind kind) {
+  switch (kind) {
+    case BackupItemKind::kStore:
+      return "report";
+    case BackupItemKind::kFile:
+      return "file";
+    case BackupItemKind::kHalfStore:
+      return "half a report";
+    case BackupItemKind::kSkipped:
+      return "neither file nor directory";
+  }
+  return "";
+}
+
+// "copied        load, report"
+std::string Line(const std::string& what, const std::string& name, BackupItemKind kind) {
+  char padded[24];
+  std::snprintf(padded, sizeof padded, "%-13s ", what.c_str());
+  return padded + Visible(name) + ", " + NameOfKind(kind);
+}
+
+// --- backup
+
+const char* NameOfState(const BackupItem& item) {
+  if (item.kind == BackupItemKind::kSkipped) return "not copied";
+  switch (item.state) {
+    case BackupItemState::kCopied:
+      return "copied";
+    case BackupItemState::kDamaged:
+      return "damaged";
+    case BackupItemState::kNeverStill:
+      return "never still";
+    case BackupItemState::kGone:
+      return "gone";
+    case BackupItemState::kUnreadable:
+      return "unreadable";
+  }
+  return "";
+}
+
+std::string ToText(const BackupResult& result) {
+  std::string text;
+  for (const BackupItem& item : result.items) {
+    text += Line(NameOfState(item), item.name, item.kind);
+    if (item.kind == BackupItemKind::kStore) text += ", records " + std::to_string(item.records);
+    if (item.was_written) text += ", written meanwhile";
+    text += "\n";
+  }
+  return text;
+}
+
+Json ToJson(const BackupResult& result, const std::string& from, const std::string& to, ExitCode code) {
+  Json items = Json::array();
+  for (const BackupItem& item : result.items) {
+    Json entry;
+    SetText(entry, "name", item.name);
+    entry["kind"] = NameOfKind(item.kind);
+    entry["state"] = NameOfState(item);
+    entry["records"] = item.records;
+    entry["writtenMeanwhile"] = item.was_written;
+    items.push_back(std::move(entry));
+  }
+  Json document;
+  SetText(document, "reportDirectory", from);
+  SetText(document, "backup", to);
+  document["items"] = std::move(items);
+  document["exitCode"] = static_cast<int>(code);
+  return document;
+}
+
+template <typename Predicate>
+const BackupItem* FindItem(const BackupResult& result, Predicate predicate) {
+  const auto found = std::find_if(result.items.begin(), result.items.end(), predicate);
+  return found != result.items.end() ? &*found : nullptr;
+}
+
+// The gravest of what happened to the items.
+Status StatusOfItems(const BackupResult& result) {
+  const auto has = [&result](BackupItemState state) {
+    return FindItem(result, [state](const BackupItem& item) { return item.state == state; });
+  };
+  if (const BackupItem* const item = has(BackupItemState::kUnreadable)) {
+    return Status::Io("the backup lacks " + item->name, item->error);
+  }
+  if (const BackupItem* const item = has(BackupItemState::kNeverStill)) {
+    return {ExitCode::kChanged, "the backup lacks " + item->name + ": it never held still; try again"};
+  }
+  if (const BackupItem* const item = has(BackupItemState::kDamaged)) {
+    return {ExitCode::kFinding, item->name + " is damaged and was copied as it is"};
+  }
+  const BackupItem* const odd = FindItem(result, [](const BackupItem& item) {
+    return item.kind == BackupItemKind::kHalfStore || item.kind == BackupItemKind::kSkipped;
+  });
+  return odd == nullptr ? Status() : Status(ExitCode::kFinding, odd->name + " is " + NameOfKind(odd->kind));
+}
+
+Status StatusOf(const BackupResult& result, const std::string& from, const std::string& to) {
+  switch (result.state) {
+    case BackupState::kDone:
+      return StatusOfItems(result);
+    case BackupState::kNotFound:
+      return {ExitCode::kNotFound, "there is no report directory " + from};
+    case BackupState::kRefused:
+      return {ExitCode::kRefused, to + " exists and is not empty, or lies in the report directory"};
+    case BackupState::kFailed:
+      return Status::Io("there is no backup: " + result.file, result.error);
+  }
+  return {};
+}
+
+Status Backup(Context& context, const Options& options) {
+  const std::string from = ReportDirectory();
+  const BackupResult result = report::BackupReports(from, options.directory);
+  Status status = StatusOf(result, from, options.directory);
+  if (result.state != BackupState::kDone) return status;
+  Status printed = options.json ? context.output.Document(ToJson(result, from, options.directory, status.Code()))
+                                : context.output.Data(ToText(result));
+  return printed.IsOk() ? status : printed;
+}
+
+// --- restore
+
+const char* NameOfAction(RestoreAction action) {
+  switch (action) {
+    case RestoreAction::kAdd:
+      return "add";
+    case RestoreAction::kReplace:
+      return "replace";
+    case RestoreAction::kSame:
+      return "same";
+  }
+  return "";
+}
+
+std::string WritersOf(const RestoreItem& item) {
+  std::string text;
+  for (const int process : item.writers) text += (text.empty() ? " by process " : ", ") + std::to_string(process);
+  return text;
+}
+
+std::string ToText(const RestoreResult& result) {
+  std::string text;
+  for (const RestoreItem& item : result.items) {
+    text += Line(NameOfAction(item.action), item.name, item.kind);
+    if (item.is_damaged) text += ", damaged in the backup";
+    if (item.is_being_written) text += ", being written" + WritersOf(item);
+    text += "\n";
+  }
+  return text;
+}
+
+Json ToJson(const RestoreResult& result, const Options& options, const std::string& to, ExitCode code) {
+  Json items = Json::array();
+  for (const RestoreItem& item : result.items) {
+    Json entry;
+    SetText(entry, "name", item.name);
+    entry["kind"] = NameOfKind(item.kind);
+    entry["action"] = NameOfAction(item.action);
+    entry["damaged"] = item.is_damaged;
+    entry["beingWritten"] = item.is_being_written;
+    entry["writers"] = item.writers;
+    items.push_back(std::move(entry));
+  }
+  Json document;
+  SetText(document, "backup", options.directory);
+  SetText(document, "reportDirectory", to);
+  document["restored"] = result.state == RestoreState::kDone;
+  document["items"] = std::move(items);
+  document["exitCode"] = static_cast<int>(code);
+  return document;
+}
+
+Status StatusOfPlan(const RestoreResult& result) {
+  const bool is_blocked = std::any_of(result.items.begin(), result.items.end(),
+                                      [](const RestoreItem& item) { return item.is_damaged || item.is_being_written; });
+  if (!is_blocked) return {ExitCode::kOk, "nothing was changed; --apply restores"};
+  return {ExitCode::kFinding, "nothing was changed; stop the writers, look at what is damaged, or use --apply --force"};
+}
+
+Status FailedRestore(const RestoreResult& result, bool apply) {
+  const std::string what = (apply ? "the restore is not complete: " : "cannot plan the restore: ") + result.file;
+  if (result.error != 0) return Status::Io(what, result.error);
+  return {ExitCode::kIo, what + " is not as in the backup"};
+}
+
+Status StatusOf(const RestoreResult& result, const Options& options, const std::string& to) {
+  switch (result.state) {
+    case RestoreState::kPlanned:
+      return StatusOfPlan(result);
+    case RestoreState::kDone:
+      return {};
+    case RestoreState::kNotFound:
+      return {ExitCode::kNotFound, "there is no backup directory " + options.directory};
+    case RestoreState::kRefused:
+      return {ExitCode::kRefused, options.directory + " and the report directory " + to + " lie in one another"};
+    case RestoreState::kBlocked:
+      return {ExitCode::kRefused, "nothing was changed; stop the writers, look at what is damaged, or use --force"};
+    case RestoreState::kFailed:
+      return FailedRestore(result, options.apply);
+  }
+  return {};
+}
+
+Status Restore(Context& context, const Options& options) {
+  const std::string to = ReportDirectory();
+  if (to.empty()) return {ExitCode::kNotFound, "the registry names no report directory"};
+  const RestoreResult result = options.apply ? report::RestoreReports(options.directory, to, options.restore)
+                                             : report::PlanRestore(options.directory, to);
+  Status status = StatusOf(result, options, to);
+  const bool has_items = result.state != RestoreState::kNotFound && result.state != RestoreState::kRefused;
+  if (!has_items) return status;
+  Status printed = options.json ? context.output.Document(ToJson(result, options, to, status.Code()))
+                                : context.output.Data(ToText(result));
+  return printed.IsOk() ? status : printed;
+}
+
+// --- command line
+
+template <typename Run>
+CLI::App& AddPart(CLI::App& parent, Context& context, const char* name, const char* help,
+                  const std::shared_ptr<Options>& options, Run run) {
+  CLI::App& command = *parent.add_subcommand(name, help);
+  command.add_option("DIR", options->directory, "Directory of the backup")->required();
+  command.add_flag("--json", options->json, "Print the result as JSON");
+  command.callback(
+      [&context, options, run] { context.run = [&context, options, run] { return run(context, *options); }; });
+  return command;
+}
+
+}  // namespace
+
+void AddReportBackupCommands(CLI::App& report, Context& context) {
+  const auto options = std::make_shared<Options>();
+  AddPart(report, context, "backup", "Copy the report directory, each report consistent by itself", options, Backup);
+  CLI::App& restore =
+      AddPart(report, context, "restore", "Say what restoring a backup would replace, or restore it", options, Restore);
+  CLI::Option* const apply = restore.add_flag("--apply", options->apply, "Restore; without it nothing is changed");
+  restore.add_flag("--force", options->restore.force, "Also if a report is damaged in the backup, or being written")
+      ->needs(apply);
+  restore.add_flag("--consume", options->restore.consume, "Remove the backup once it is restored")->needs(apply);
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,245 @@
+// qxctl report verify|salvage: is a report sound, and what of a damaged one can be saved.
+#include <CLI/CLI.hpp>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "provider/ServerControlPaths.h"
+#include "reportfile/StoreFormat.h"
+#include "reportfile/tools/DurableFiles.h"
+#include "reportfile/tools/StoreSalvage.h"
+#include "reportfile/tools/StoreVerify.h"
+#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/report/ReportTools.h"
+
+namespace qx::ctl {
+
+namespace {
+
+using report::Finding;
+using report::StoreLook;
+using report::StoreState;
+using report::StoreVerdict;
+
+struct Options {
+  std::string report;
+  std::string into;
+  bool indexed_only = false;
+  bool json = false;
+};
+
+std::string Counted(std::uint64_t count, const char* one, const char* many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+Status NoSuchReport(const std::string& path) {
+  return {ExitCode::kNotFound, "there is no " + report::IndexFileName(path) + " and no " + report::DataFileName(path) +
+                                   "; a NAME is a report of the report directory, a PATH has a /"};
+}
+
+// --- verify
+
+std::string FileOf(const Finding& finding, const std::string& path) {
+  return finding.file == report::StoreFile::kIndex ? report::IndexFileName(path) : report::DataFileName(path);
+}
+
+// The remarks that apply, in words.
+std::vector<std::string> RemarksOf(const StoreLook& look) {
+  std::vector<std::string> remarks;
+  if (look.record_in_flight) remarks.emplace_back("a record is being written, or its writer died");
+  if (look.record_cut_short) remarks.emplace_back("the text of a record that was never counted stands at the end");
+  if (look.marker_cut_short) remarks.emplace_back("the end marker is cut short");
+  if (look.count_wrapped) remarks.emplace_back("more than 4294967296 records were written");
+  if (look.beyond_offsets) remarks.emplace_back("the data file is larger than 4 GiB: its records were not checked");
+  if (look.overwritten_records != 0) {
+    remarks.push_back("newer, longer records stand over " + Counted(look.overwritten_records, "record", "records"));
+  }
+  if (look.cut_records != 0) {
+    remarks.push_back(Counted(look.cut_records, "record holds", "records hold") +
+                      " a line feed or a byte 0xFF, where readers end it");
+  }
+  return remarks;
+}
+
+const char* NameOfState(StoreState state) {
+  switch (state) {
+    case StoreState::kSound:
+      return "sound";
+    case StoreState::kDamaged:
+      return "damaged";
+    case StoreState::kChanged:
+      return "changed";
+    case StoreState::kNotFound:
+      return "not found";
+    case StoreState::kUnreadable:
+      return "unreadable";
+  }
+  return "";
+}
+
+Status StatusOf(const StoreVerdict& verdict, const std::string& path) {
+  switch (verdict.state) {
+    case StoreState::kSound:
+      return {};
+    case StoreState::kDamaged:
+      return {ExitCode::kFinding, path + " is damaged; \"qxctl report salvage\" saves what can be saved"};
+    case StoreState::kChanged:
+      return {ExitCode::kChanged, path + " changed each time it was read; back it up and verify the copy"};
+    case StoreState::kNotFound:
+      return NoSuchReport(path);
+    case StoreState::kUnreadable:
+      return Status::Io("cannot read " + verdict.file, verdict.error);
+  }
+  return {};
+}
+
+Json ToJson(const Finding& finding, const std::string& path) {
+  Json entry = {{"rule", finding.rule}};
+  SetText(entry, "file", FileOf(finding, path));
+  entry["offset"] = finding.offset;
+  entry["value"] = finding.value;
+  entry["explanation"] = finding.explanation;
+  return entry;
+}
+
+Json ToJson(const StoreVerdict& verdict, const std::string& path, ExitCode code) {
+  const StoreLook& look = verdict.look;
+  Json findings = Json::array();
+  for (const Finding& finding : look.findings) findings.push_back(ToJson(finding, path));
+  Json document;
+  SetText(document, "path", path);
+  document["state"] = NameOfState(verdict.state);
+  document["records"] = look.header.highestIndex;
+  document["indexFileBytes"] = look.index_bytes;
+  document["dataFileBytes"] = look.data_bytes;
+  document["remarks"] = RemarksOf(look);
+  document["findings"] = std::move(findings);
+  document["allFindings"] = look.findings.size() < report::kFindingsMax;
+  document["exitCode"] = static_cast<int>(code);
+  return document;
+}
+
+std::string ToText(const Output& output, const StoreVerdict& verdict, const std::string& path) {
+  const StoreLook& look = verdict.look;
+  const Style style = verdict.state == StoreState::kSound ? Style::kGood : Style::kBad;
+  std::string text = path + ": " + output.Paint(style, NameOfState(verdict.state));
+  if (look.findings.empty()) text += ", " + Counted(look.header.highestIndex, "record", "records");
+  text += "\n";
+  for (const std::string& remark : RemarksOf(look)) text += "  remark: " + remark + "\n";
+  for (const Finding& finding : look.findings) {
+    text += "  " + std::string(finding.rule) + ": " + FileOf(finding, path) + " offset " +
+            std::to_string(finding.offset) + " value " + std::to_string(finding.value) + ": " + finding.explanation +
+            "\n";
+  }
+  return text;
+}
+
+Status Verify(Context& context, const Options& options) {
+  const std::string path = BasePathOf(options.report);
+  const StoreVerdict verdict = report::VerifyStore(path);
+  Status status = StatusOf(verdict, path);
+  const bool was_looked_at = verdict.state != StoreState::kNotFound && verdict.state != StoreState::kUnreadable;
+  if (!was_looked_at) return status;
+  Status printed = options.json ? context.output.Document(ToJson(verdict, path, status.Code()))
+                                : context.output.Data(ToText(context.output, verdict, path));
+  return printed.IsOk() ? status : printed;
+}
+
+// --- salvage
+
+// A directory gets a store of the report's own name.
+std::string TargetOf(const std::string& into, const std::string& path) {
+  std::error_code error;
+  return std::filesystem::is_directory(into, error) ? into + "/" + report::NameOf(path) : into;
+}
+
+Status StatusOf(const report::SalvageResult& result, const std::string& path) {
+  switch (result.state) {
+    case report::SalvageState::kDone:
+      break;
+    case report::SalvageState::kTargetExists:
+      return {ExitCode::kRefused, result.file + " exists already; a salvage never replaces anything"};
+    case report::SalvageState::kNotFound:
+      return NoSuchReport(path);
+    case report::SalvageState::kFailed:
+      return Status::Io("cannot salvage: " + result.file, result.error);
+  }
+  if (result.counts.is_cut_short) {
+    return {ExitCode::kFinding, "the files claim more than they can hold; not all that they claim was looked at"};
+  }
+  if (result.counts.lost == 0) return {};
+  return {ExitCode::kFinding, Counted(result.counts.lost, "slot leads", "slots lead") + " to no record"};
+}
+
+Json ToJson(const report::SalvageResult& result, const std::string& path, const std::string& target, ExitCode code) {
+  Json document;
+  SetText(document, "path", path);
+  SetText(document, "into", target);
+  document["indexedRecords"] = result.counts.indexed;
+  document["unindexedLines"] = result.counts.unindexed;
+  document["lostSlots"] = result.counts.lost;
+  document["maxRecord"] = result.ring_size;
+  document["exitCode"] = static_cast<int>(code);
+  return document;
+}
+
+std::string ToText(const report::SalvageResult& result, const std::string& target) {
+  return target + ": " + Counted(result.counts.indexed, "indexed record", "indexed records") + ", " +
+         Counted(result.counts.unindexed, "line without a slot", "lines without a slot") + ", a ring of " +
+         std::to_string(result.ring_size) + "\n";
+}
+
+Status Salvage(Context& context, const Options& options) {
+  const std::string path = BasePathOf(options.report);
+  const std::string target = TargetOf(options.into, path);
+  const report::SalvageResult result = report::SalvageStore(path, target, !options.indexed_only);
+  Status status = StatusOf(result, path);
+  if (result.state != report::SalvageState::kDone) return status;
+  Status printed = options.json ? context.output.Document(ToJson(result, path, target, status.Code()))
+                                : context.output.Data(ToText(result, target));
+  return printed.IsOk() ? status : printed;
+}
+
+// --- command line
+
+template <typename Run>
+CLI::App& AddPart(CLI::App& parent, Context& context, const char* name, const char* help,
+                  const std::shared_ptr<Options>& options, Run run) {
+  CLI::App& command = *parent.add_subcommand(name, help);
+  command.add_option("NAME|PATH", options->report, "A report of the report directory, or its files without endings")
+      ->required();
+  command.add_flag("--json", options->json, "Print the result as JSON");
+  command.callback(
+      [&context, options, run] { context.run = [&context, options, run] { return run(context, *options); }; });
+  return command;
+}
+
+}  // namespace
+
+void AddReportCheckCommands(CLI::App& report, Context& context) {
+  const auto options = std::make_shared<Options>();
+  AddPart(report, context, "verify", "Check a report's files against what their writer leaves", options, Verify);
+  CLI::App& salvage =
+      AddPart(report, context, "salvage", "Save what is left of a damaged report into a new one", options, Salvage);
+  salvage.add_option("--into", options->into, "Directory for the new report, or its path without endings")
+      ->type_name("DIR|PATH")
+      ->required();
+  salvage.add_flag("--indexed-only", options->indexed_only, "Leave out lines that no slot leads to");
+}
+
+std::string ReportDirectory() {
+  std::string directory;
+  (void)CServerControlPaths::GetServerControlReportPath(directory);
+  return directory;
+}
+
+std::string BasePathOf(const std::string& name_or_path) {
+  const bool is_path = name_or_path.find('/') != std::string::npos;
+  return is_path ? name_or_path : ReportDirectory() + "/" + name_or_path;
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,278 @@
+// qxctl report create|append|cat|info: the files of a report, without the module.
+//
+// A store is opened for writing only when both files are there and may be written: the store itself would otherwise
+// start over and empty the one that is left. One writer at a time is the store's own rule; nothing here locks.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "reportfile/ReportFileBase.h"
+#include "reportfile/StoreFormat.h"
+#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/fetch/RecordPrint.h"
+#include "tools/qxctl/report/ReportTools.h"
+
+namespace qx::ctl {
+
+namespace {
+
+using report::IndexHeader;
+
+struct Options {
+  std::string path;  // of both files, without ".ind" and ".dat"
+  std::uint32_t slots = 0;
+  std::vector<std::string> texts;
+  RecordPrintOptions print;
+  bool json = false;
+};
+
+// Size of a regular file; unset with errno when it is none or not there.
+std::optional<std::int64_t> FileSize(const std::string& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  if (S_ISREG(status.st_mode)) return std::int64_t{status.st_size};
+  errno = EINVAL;
+  return std::nullopt;
+}
+
+// kNotFound unless both files of the store are regular files that this user may use in the way of `access_mode`.
+Status CheckStore(const std::string& path, int access_mode) {
+  for (const std::string& file : {report::IndexFileName(path), report::DataFileName(path)}) {
+    const bool is_usable =
+        FileSize(file).has_value() && faccessat(AT_FDCWD, file.c_str(), access_mode, AT_EACCESS) == 0;
+    const int error = errno;
+    if (is_usable) continue;
+    if (error != ENOENT) return Status::Io("cannot open " + file, error);
+    return {ExitCode::kNotFound, "there is no " + file + "; PATH is that of both files without .ind and .dat, and " +
+                                     "\"qxctl report create\" makes a report"};
+  }
+  return {};
+}
+
+Status OpenForReading(const std::string& path, CReportFileBase& store) {
+  if (Status status = CheckStore(path, R_OK); !status.IsOk()) return status;
+  return store.OpenRead(path.c_str()) ? Status() : Status::Io("cannot open " + path, errno);
+}
+
+// --- create
+
+Status Create(const Options& options) {
+  const std::string& path = options.path;
+  for (const std::string& file : {report::IndexFileName(path), report::DataFileName(path)}) {
+    if (access(file.c_str(), F_OK) == 0) {
+      return {ExitCode::kRefused, file + " exists already; remove both files of the report to start it over"};
+    }
+  }
+  CReportFileBase store;
+  if (!store.Open(path.c_str(), options.slots)) return Status::Io("cannot create " + path, errno);
+  // The ring size reaches the file with the header, and without one the next writer would take its own default.
+  if (store.writePositionsToFile() != 0) return Status::Io("cannot write " + report::IndexFileName(path), errno);
+  return {};
+}
+
+// --- append
+
+// A reader ends a record at each of these bytes, so what stands behind one in a text could never be read again.
+Status CheckText(std::string_view text, const std::string& what) {
+  constexpr std::string_view kEndOfRecord("\n\0\xFF", 3);
+  if (text.find_first_of(kEndOfRecord) == std::string_view::npos) return {};
+  return {ExitCode::kFinding, what +
+                                  " holds a line feed, a NUL or a byte 0xFF, which end a record when it is read; it " +
+                                  "was not appended, and nothing behind it was"};
+}
+
+Status AppendText(CReportFileBase& store, const std::string& text, const std::string& what) {
+  if (Status status = CheckText(text, what); !status.IsOk()) return status;
+  return store.writeLine(text.c_str()) ? Status() : Status::Io("cannot append " + what, errno);
+}
+
+// A line of text without its line end, "\n" or "\r\n".
+std::string_view WithoutLineEnd(std::string_view line) {
+  if (line.ends_with('\n')) line.remove_suffix(1);
+  if (line.ends_with('\r')) line.remove_suffix(1);
+  return line;
+}
+
+Status AppendStandardInput(CReportFileBase& store) {
+  char* line = nullptr;
+  std::size_t capacity = 0;
+  Status status;
+  for (std::uint64_t number = 1; status.IsOk(); ++number) {
+    const ssize_t length = getline(&line, &capacity, stdin);
+    if (length < 0) break;
+    const std::string text(WithoutLineEnd({line, static_cast<std::size_t>(length)}));
+    status = AppendText(store, text, "line " + std::to_string(number) + " of standard input");
+  }
+  std::free(line);
+  if (status.IsOk() && std::ferror(stdin) != 0) return Status::Io("cannot read standard input", errno);
+  return status;
+}
+
+Status Append(const Options& options) {
+  if (Status status = CheckStore(options.path, R_OK | W_OK); !status.IsOk()) return status;
+  CReportFileBase store;
+  if (!store.Open(options.path.c_str(), 0)) return Status::Io("cannot open " + options.path, errno);
+  for (std::size_t i = 0; i < options.texts.size(); ++i) {
+    const std::string& text = options.texts[i];
+    Status status = text == "-" ? AppendStandardInput(store) : AppendText(store, text, "text " + std::to_string(i + 1));
+    if (!status.IsOk()) return status;
+  }
+  return {};
+}
+
+// --- cat
+
+// The slots that the header counts, but no more than the index file holds: a damaged count must not keep us for hours.
+std::uint32_t ReadableSlots(const IndexHeader& header, const std::string& path) {
+  const std::int64_t bytes = FileSize(report::IndexFileName(path)).value_or(0);
+  const std::int64_t slots_in_file = std::max<std::int64_t>(bytes - report::SlotOffset(0), 0) / 4;
+  return static_cast<std::uint32_t>(std::min<std::int64_t>(header.highestIndex, slots_in_file));
+}
+
+Status Cat(Context& context, const Options& options) {
+  if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
+  RecordPrinter printer(context.output, options.print);
+  CReportFileBase store;
+  if (Status status = OpenForReading(options.path, store); !status.IsOk()) return status;
+  const IndexHeader& header = store.header();
+  const std::uint32_t slots = ReadableSlots(header, options.path);
+  std::string record;
+  for (std::uint32_t i = 0; i < slots; ++i) {
+    if (!store.readLine(record, report::SlotOfLogical(header, i))) return Status::Io("cannot read a record", errno);
+    const std::string text = printer.Take(record);
+    if (printer.DrawsChart()) continue;
+    if (Status status = context.output.Data(text); !status.IsOk()) return status;
+  }
+  if (Status status = printer.Finish(options.path); !status.IsOk()) return status;
+  if (slots == header.highestIndex) return {};
+  return {ExitCode::kFinding, "the header counts " + std::to_string(header.highestIndex) + " records, but " +
+                                  report::IndexFileName(options.path) + " holds " + std::to_string(slots) + " slots"};
+}
+
+// --- info
+
+struct StoreInfo {
+  std::string path;
+  IndexHeader header;
+  std::int64_t index_bytes;
+  std::int64_t data_bytes;
+};
+
+// "unwritten": an agent has created the store and not yet appended; the ring size is not in the file yet.
+const char* RingState(const StoreInfo& info) {
+  const IndexHeader& header = info.header;
+  if (info.index_bytes < report::SlotOffset(0)) return "unwritten";
+  if (header.highestIndex > header.maxRecord || (header.oldestIndex != 0 && header.oldestIndex >= header.maxRecord)) {
+    return "damaged";
+  }
+  if (header.highestIndex == 0) return "empty";
+  return header.highestIndex < header.maxRecord ? "filling" : "full";
+}
+
+// How many records go behind the others before the data file starts over; unset: never.
+std::optional<std::uint32_t> RecordsUntilRestart(const IndexHeader& header) {
+  const std::uint32_t period = 2 * header.maxRecord;
+  if (period == 0) return std::nullopt;
+  return period - header.elementCount % period;
+}
+
+Json InfoToJson(const StoreInfo& info) {
+  const IndexHeader& header = info.header;
+  Json document = {{"path", info.path},
+                   {"ring", RingState(info)},
+                   {"writePosition", header.writePosition},
+                   {"fileEnd", header.fileEnd},
+                   {"elementCount", header.elementCount},
+                   {"maxRecord", header.maxRecord},
+                   {"highestIndex", header.highestIndex},
+                   {"oldestIndex", header.oldestIndex},
+                   {"recordsUntilRestart", nullptr},
+                   {"indexFileBytes", info.index_bytes},
+                   {"dataFileBytes", info.data_bytes}};
+  if (const auto records = RecordsUntilRestart(header)) document["recordsUntilRestart"] = *records;
+  return document;
+}
+
+std::string InfoToText(const StoreInfo& info) {
+  const IndexHeader& header = info.header;
+  const auto restart = RecordsUntilRestart(header);
+  const std::array<std::pair<const char*, std::string>, 9> lines = {{
+      {"ring", RingState(info)},
+      {"slots in use", std::to_string(header.highestIndex) + " of " + std::to_string(header.maxRecord)},
+      {"oldest record", "slot " + std::to_string(header.oldestIndex)},
+      {"records written", std::to_string(header.elementCount)},
+      {"write position", std::to_string(header.writePosition)},
+      {"file end", std::to_string(header.fileEnd)},
+      {"data file restarts", restart.has_value() ? "in " + std::to_string(*restart) + " records" : "never"},
+      {"index file", std::to_string(info.index_bytes) + " bytes"},
+      {"data file", std::to_string(info.data_bytes) + " bytes"},
+  }};
+  std::string text;
+  for (const auto& [label, value] : lines) {
+    char padded[32];
+    std::snprintf(padded, sizeof padded, "%-20s", label);
+    text.append(padded).append(value).append("\n");
+  }
+  return text;
+}
+
+Status Info(Context& context, const Options& options) {
+  CReportFileBase store;
+  if (Status status = OpenForReading(options.path, store); !status.IsOk()) return status;
+  const StoreInfo info = {options.path, store.header(), FileSize(report::IndexFileName(options.path)).value_or(0),
+                          FileSize(report::DataFileName(options.path)).value_or(0)};
+  Status printed = options.json ? context.output.Document(InfoToJson(info)) : context.output.Data(InfoToText(info));
+  if (!printed.IsOk()) return printed;
+  if (RingState(info) != std::string_view("damaged")) return {};
+  return {ExitCode::kFinding, "the header of " + report::IndexFileName(options.path) + " contradicts itself"};
+}
+
+// --- command line
+
+// The options live as long as the command line's callbacks.
+template <typename Run>
+CLI::App& AddPart(CLI::App& parent, Context& context, const char* name, const char* help,
+                  const std::shared_ptr<Options>& options, Run run) {
+  CLI::App& command = *parent.add_subcommand(name, help);
+  command.add_option("PATH", options->path, "Path of the report's files, without .ind and .dat")->required();
+  command.callback([&context, options, run] { context.run = [options, run] { return run(*options); }; });
+  return command;
+}
+
+}  // namespace
+
+void AddReportCommand(CLI::App& app, Context& context) {
+  CLI::App& report = *app.add_subcommand("report", "Work on a report's files, without the module");
+  report.require_subcommand(1);
+  const auto options = std::make_shared<Options>();
+
+  AddPart(report, context, "create", "Make a new, empty report", options, Create)
+      .add_option("--slots", options->slots, "Records that the ring keeps")
+      ->required()
+      ->check(CLI::Range(std::uint32_t{1}, report::kMaxRecordUnlimited));
+  AddPart(report, context, "append", "Append records", options, Append)
+      .add_option("TEXT", options->texts, "A record each; - appends each line of standard input")
+      ->required();
+  CLI::App& cat = AddPart(report, context, "cat", "Print the records, oldest first", options,
+                          [&context](const Options& given) { return Cat(context, given); });
+  AddRecordPrintOptions(cat, options->print);
+  AddPart(report, context, "info", "Print the header and the sizes", options, [&context](const Options& given) {
+    return Info(context, given);
+  }).add_flag("--json", options->json, "Print them as JSON");
+  AddReportCheckCommands(report, context);
+  AddReportBackupCommands(report, context);
+}
+
+}  // namespace qx::ctl

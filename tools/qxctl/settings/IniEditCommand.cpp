@@ -1,0 +1,228 @@
+// qxctl ini set|delete|copy: careful edits of profile files. Without --apply they say what would change.
+#include <CLI/CLI.hpp>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "inifile/tools/ProfileEdit.h"
+#include "inifile/tools/ProfileText.h"
+#include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/settings/IniCommands.h"
+#include "tools/qxctl/settings/Settings.h"
+
+namespace qx::ctl {
+
+namespace {
+
+using inifile::ProfileChange;
+using inifile::ProfilePlan;
+using inifile::ProfileRequest;
+using inifile::ProfileState;
+
+struct Options {
+  EditOptions edit;
+  std::string file;
+  std::string section;
+  std::optional<std::string> key;
+  std::string value;
+  bool create = false;
+  std::optional<std::string> new_name;  // copy
+  std::optional<std::string> to;        // copy
+};
+
+// --- showing
+
+// The lines of one section below its header, as `ini list` shows them.
+std::string ToText(const Output& output, const ProfilePlan& plan) {
+  std::string text;
+  const ProfileChange* last = nullptr;
+  for (const ProfileChange& change : plan.changes) {
+    const std::string header = "[" + Visible(change.section) + "]";
+    if (change.is_section) {
+      text += change.before ? Removed(output, header) : Added(output, header);
+    } else {
+      if (last == nullptr) text += header + "\n";
+      const std::string key = Visible(change.key) + "=";
+      if (change.before) text += Removed(output, key + Visible(*change.before));
+      if (change.after) text += Added(output, key + Visible(*change.after));
+    }
+    last = &change;
+  }
+  return text;
+}
+
+void SetOptionalText(Json& object, const std::string& key, const std::optional<std::string>& text) {
+  object[key] = nullptr;
+  if (text) SetText(object, key, *text);
+}
+
+Json ToJson(const ProfileChange& change) {
+  Json entry;
+  SetText(entry, "section", change.section);
+  SetOptionalText(entry, "key", change.is_section ? std::nullopt : std::optional(change.key));
+  SetOptionalText(entry, "before", change.before);
+  SetOptionalText(entry, "after", change.after);
+  return entry;
+}
+
+Status Print(Context& context, const ProfilePlan& plan, const std::string& file, const Options& options,
+             bool is_applied) {
+  if (!options.edit.json) return context.output.Data(ToText(context.output, plan));
+  Json changes = Json::array();
+  for (const ProfileChange& change : plan.changes) changes.push_back(ToJson(change));
+  Json document;
+  SetText(document, "file", file);
+  document["changes"] = std::move(changes);
+  document["completesLastLine"] = plan.completes_last_line;
+  document["applied"] = is_applied;
+  return context.output.Document(document);
+}
+
+// --- the edit
+
+Status StatusOf(const ProfilePlan& plan, const std::string& file, const ProfileRequest& request) {
+  switch (plan.state) {
+    case ProfileState::kDone:
+      return {};
+    case ProfileState::kNoSection:
+      return {ExitCode::kNotFound,
+              file + " has no section [" + Visible(request.section) + "]; names are case-sensitive"};
+    case ProfileState::kNoKey:
+      return {ExitCode::kNotFound, "the section [" + Visible(request.section) + "] has no key " + Visible(request.key)};
+    case ProfileState::kRefused:
+      return {ExitCode::kRefused, file + " cannot be changed so: " + plan.reason};
+  }
+  return {};
+}
+
+Status NotSound(const std::string& file, const std::string& reason) {
+  if (reason.empty()) return {};
+  return {ExitCode::kIo, file + " was not changed: " + reason};
+}
+
+// Programs find the file when they read it next; there is nothing to tell them.
+Status Apply(ReplacedFile& edit, const ProfilePlan& plan, const std::string& file) {
+  const std::string& text = edit.Image().bytes;
+  if (Status status = StatusOfEdit(edit.WriteCopy(text)); !status.IsOk()) return status;
+  const std::string reason = inifile::CarryOut(plan, text, edit.CopyPath());
+  return reason.empty() ? StatusOfEdit(edit.Commit(false)) : NotSound(file, reason);
+}
+
+void TellWhatElse(Context& context, const ProfilePlan& plan) {
+  if (plan.completes_last_line) {
+    context.output.Note("qxctl: the last line has no line feed, so that an entry would run into it; it gets one");
+  }
+  for (const ProfileChange& change : plan.changes) {
+    if (change.is_section || !change.after || !change.after->empty()) continue;
+    context.output.Note("qxctl: an empty value counts as missing: programs take their default for " +
+                        Visible(change.key));
+  }
+}
+
+Status Edit(Context& context, const Options& options, const std::string& file, const ProfileRequest& request) {
+  const InterruptGuard guard;  // a signal ends the command when the edit is through
+  ReplacedFile edit;
+  if (Status status = BeginEdit(edit, file, options.edit, options.create); !status.IsOk()) {
+    const bool may_help = status.Code() == ExitCode::kNotFound && request.kind == ProfileRequest::Kind::kSet;
+    return may_help ? Status(status.Code(), status.Message() + "; --create makes it") : status;
+  }
+  const std::string& text = edit.Image().bytes;
+  const ProfilePlan plan = inifile::PlanEdit(text, request);
+  if (Status status = StatusOf(plan, file, request); !status.IsOk()) return status;
+  const bool has_changes = !plan.changes.empty();
+  Status done;
+  if (has_changes) {
+    TellWhatElse(context, plan);
+    done = options.edit.apply ? Apply(edit, plan, file) : NotSound(file, inifile::Rehearse(plan, text));
+    if (!done.IsOk() && !edit.IsInPlace()) return done;
+  }
+  if (Status status = Print(context, plan, file, options, edit.IsInPlace()); !status.IsOk()) return status;
+  return done.IsOk() ? EditDone(options.edit, has_changes) : done;
+}
+
+// --- the commands
+
+Status Set(Context& context, const Options& options) {
+  return Edit(context, options, options.file,
+              {.section = options.section, .key = {}, .entries = {{*options.key, options.value}}});
+}
+
+Status Delete(Context& context, const Options& options) {
+  const auto kind = options.key ? ProfileRequest::Kind::kDeleteKey : ProfileRequest::Kind::kDeleteSection;
+  return Edit(context, options, options.file,
+              {.kind = kind, .section = options.section, .key = options.key.value_or(""), .entries = {}});
+}
+
+// Of a key that stands twice the entry that programs read.
+Status ReadSection(const Options& options, std::vector<inifile::ProfileEntry>& entries) {
+  FileImage image;
+  if (Status status = StatusOfEdit(ReadFileImage(options.file, image)); !status.IsOk()) return status;
+  const inifile::ProfileContent content = inifile::ReadThroughClass(options.file);
+  const auto section = content.entries.find(options.section);
+  if (section == content.entries.end()) {
+    return {ExitCode::kNotFound,
+            options.file + " has no section [" + Visible(options.section) + "]; names are case-sensitive"};
+  }
+  std::set<std::string> keys;
+  for (const inifile::ProfileEntry& entry : section->second) {
+    if (keys.insert(entry.key).second) entries.push_back(entry);
+  }
+  return {};
+}
+
+Status Copy(Context& context, const Options& options) {
+  if (!options.new_name && !options.to) return {ExitCode::kUsage, "name the new section, or another file with --to"};
+  ProfileRequest request = {.section = options.new_name.value_or(options.section), .key = {}, .entries = {}};
+  if (Status status = ReadSection(options, request.entries); !status.IsOk()) return status;
+  if (request.entries.empty()) {
+    return {ExitCode::kRefused, "the section [" + Visible(options.section) + "] has no entries to copy"};
+  }
+  return Edit(context, options, options.to.value_or(options.file), request);
+}
+
+// --- command line
+
+using Run = Status (*)(Context&, const Options&);
+
+CLI::App& AddPart(CLI::App& parent, Context& context, const char* name, const char* help,
+                  const std::shared_ptr<Options>& options, Run run) {
+  CLI::App& command = *parent.add_subcommand(name, help);
+  command.add_option("FILE", options->file, "The profile file")->required();
+  command.add_option("SECTION", options->section, "The section's name, without brackets")->required();
+  AddEditOptions(command, options->edit);
+  command.add_flag("--force", options->edit.force, "Also if the file is a symbolic link");
+  command.callback(
+      [&context, options, run] { context.run = [&context, options, run] { return run(context, *options); }; });
+  return command;
+}
+
+void AddCreate(CLI::App& command, Options& options) {
+  command.add_flag("--create", options.create, "Make the file if there is none");
+}
+
+}  // namespace
+
+void AddIniEditCommands(CLI::App& ini, Context& context) {
+  const auto set = std::make_shared<Options>();
+  CLI::App& set_command = AddPart(ini, context, "set", "Set one value, leaving every other line as it is", set, Set);
+  set_command.add_option("KEY", set->key, "The key's name")->required();
+  set_command.add_option("VALUE", set->value, "The new value")->required();
+  AddCreate(set_command, *set);
+
+  const auto remove = std::make_shared<Options>();
+  CLI::App& delete_command = AddPart(ini, context, "delete", "Delete a key, or a section", remove, Delete);
+  delete_command.add_option("KEY", remove->key, "The key's name; without it: the whole section");
+
+  const auto copy = std::make_shared<Options>();
+  CLI::App& copy_command = AddPart(ini, context, "copy", "Copy the entries of a section into another", copy, Copy);
+  copy_command.add_option("NEW", copy->new_name, "Name of the other section; without it: the same");
+  copy_command.add_option("--to", copy->to, "Another file")->option_text("FILE");
+  AddCreate(copy_command, *copy);
+}
+
+}  // namespace qx::ctl

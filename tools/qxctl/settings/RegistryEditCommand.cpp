@@ -1,0 +1,339 @@
+// qxctl registry set|delete|import: changes to a registry file. Without --apply they say what would change.
+//
+// The file is written by the key's own dumpNode, read again through the class and compared before it takes the place of
+// the old one. It is not saved by a handle: that hides failures, and leaves no registry between its two renames.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "registry/Registry.h"
+#include "registry/tools/FileLint.h"
+#include "registry/tools/TreeDiff.h"
+#include "registry/tools/TreeEdit.h"
+#include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/settings/RegistryCommands.h"
+#include "tools/qxctl/settings/RegistryText.h"
+#include "tools/qxctl/settings/Settings.h"
+
+namespace qx::ctl {
+
+namespace {
+
+using registry::EditState;
+using registry::TreeDifference;
+using registry::TreeValue;
+
+struct Options {
+  RegistrySource source;
+  EditOptions edit;
+  std::string key;
+  std::optional<std::string> name;
+  std::string value;
+  std::optional<int> type;
+  bool recursive = false;
+  std::string file;                    // import
+  std::optional<std::string> replace;  // import
+};
+
+using Change = std::function<Status(CRegistryNode& tree)>;
+
+// --- why nothing was changed
+
+std::string ValueName(const Options& options) { return Visible(options.name.value_or("")); }
+
+Status StatusOf(EditState state, const Options& options) {
+  const std::string key = Visible(options.key);
+  switch (state) {
+    case EditState::kDone:
+      return {};
+    case EditState::kNoHive:
+      return {ExitCode::kRefused,
+              "paths begin with a hive, such as HKEY_LOCAL_MACHINE/SOFTWARE; programs do not look at " + key};
+    case EditState::kNoKey:
+      return {ExitCode::kNotFound, "there is no key " + key};
+    case EditState::kNoValue:
+      return {ExitCode::kNotFound, "the key " + key + " has no value " + ValueName(options)};
+    case EditState::kIsValue:
+      return {ExitCode::kRefused, "a name on the path " + key + " is that of a value, not of a key"};
+    case EditState::kIsKey:
+      return {ExitCode::kRefused, ValueName(options) + " is a key below " + key + "; delete it first, as a key"};
+    case EditState::kNotEmpty:
+      return {ExitCode::kRefused, "the key " + key + " is not empty; --recursive deletes it with everything in it"};
+    case EditState::kHoldsNul:
+    case EditState::kBadType:
+      return {ExitCode::kRefused, "this cannot be a value of the registry"};
+    case EditState::kNoMemory:
+      return {ExitCode::kIo, "there is not enough memory"};
+  }
+  return {};
+}
+
+Status StatusOf(const registry::Refusal& refusal) {
+  const std::string place =
+      refusal.key.empty() && refusal.name.empty()
+          ? "the registry"
+          : Visible(refusal.name) + " in " + (refusal.key.empty() ? "(root)" : Visible(refusal.key));
+  return {ExitCode::kRefused, "the file cannot hold " + place + ": " + refusal.reason};
+}
+
+// What a load has left out or misread is gone for good once the tree is written.
+Status CheckReading(Context& context, const std::string& file, std::string_view bytes, const Options& options) {
+  const registry::LintResult lint = registry::LintFile(bytes);
+  const std::string look = "; look at it with qxctl registry lint --file " + file;
+  if (lint.errors > 0 && !options.edit.force) {
+    return {ExitCode::kRefused, file + " is not read as it was meant in " + std::to_string(lint.errors) +
+                                    " place(s), and a save would make that final" + look + ", or use --force"};
+  }
+  if (lint.warnings > 0) {
+    context.output.Problem("there are " + std::to_string(lint.warnings) + " oddities in " + file +
+                           ", and a save drops lines that are not read" + look);
+  }
+  return {};
+}
+
+Status CheckLoads(const std::string& file, bool loads) {
+  if (loads) return {};
+  return {ExitCode::kRefused, file +
+                                  " does not load, so services work on registry.old or registry.default; put one of "
+                                  "them in its place with qxctl registry import FILE --replace \"\""};
+}
+
+// --- the edit
+
+// The old tree and the new one, and the file's text.
+struct Plan {
+  CRegistryNode before;
+  CRegistryNode after;
+  std::string text;
+  TreeDifference difference;
+};
+
+Status MakePlan(const FileImage& image, const Change& change, Plan& plan) {
+  // What does not load was accepted before, or counts as empty.
+  (void)registry::ParseTree(image.bytes, plan.before);
+  (void)registry::ParseTree(image.bytes, plan.after);
+  if (Status status = change(plan.after); !status.IsOk()) return status;
+  if (const auto refusal = registry::WhyNotStorable(plan.after, plan.text)) return StatusOf(*refusal);
+  plan.difference = registry::Compare(plan.before, plan.after);
+  return {};
+}
+
+// The new tree through the class into the copy, and back.
+Status WriteCopy(const Plan& plan, const std::string& path) {
+  std::FILE* const stream = std::fopen(path.c_str(), "r+e");
+  if (stream == nullptr) return Status::Io("cannot write " + path, errno);
+  plan.after.dumpNode(stream);
+  const bool has_failed = std::ferror(stream) != 0;
+  const int error = std::fclose(stream) != 0 || has_failed ? errno : 0;
+  if (error != 0) return StatusOfEdit(ReplaceResult{ReplaceState::kFailed, path, error});
+  CRegistryNode again;
+  const bool loads = CRegistry::ReadTree(path.c_str(), again);
+  if (loads && registry::Compare(plan.after, again, {.changes = 1}).changes.empty()) return {};
+  return {ExitCode::kIo, "what was written to " + path + " does not read back; nothing was changed"};
+}
+
+Status Apply(Context& context, ReplacedFile& edit, const Plan& plan) {
+  if (Status status = WriteCopy(plan, edit.CopyPath()); !status.IsOk()) return status;
+  Status committed = StatusOfEdit(edit.Commit(true));
+  if (!edit.IsInPlace()) return committed;
+  if (!edit.BackupPath().empty()) context.output.Note("qxctl: the file as it was is kept in " + edit.BackupPath());
+  context.output.Problem(
+      "a service that is running sees the change after its restart, and undoes it if it saves its own before that");
+  return committed;
+}
+
+Status Print(Context& context, const Plan& plan, const Options& options, const ReplacedFile& edit) {
+  if (!plan.difference.is_complete) context.output.Problem("there are more changes than are listed");
+  if (!options.edit.json) return context.output.Data(ChangesToText(context.output, plan.difference));
+  Json document;
+  SetText(document, "file", options.source.Path());
+  document["changes"] = ChangesToJson(plan.difference);
+  document["allChanges"] = plan.difference.is_complete;
+  document["applied"] = edit.IsInPlace();
+  document["backup"] = nullptr;
+  if (!edit.BackupPath().empty()) SetText(document, "backup", edit.BackupPath());
+  return context.output.Document(document);
+}
+
+// Whether the file has to load before `change` makes something of it.
+enum class OldTree { kNeeded, kReplaced };
+
+Status Edit(Context& context, const Options& options, OldTree old_tree, const Change& change) {
+  const InterruptGuard guard;  // a signal ends the command when the edit is through
+  const std::string path = options.source.Path();
+  ReplacedFile edit;
+  if (Status status = BeginEdit(edit, path, options.edit, old_tree == OldTree::kReplaced); !status.IsOk())
+    return status;
+  Plan plan;
+  if (old_tree == OldTree::kNeeded) {
+    CRegistryNode probe;
+    if (Status status = CheckLoads(path, registry::ParseTree(edit.Image().bytes, probe)); !status.IsOk()) return status;
+    if (Status status = CheckReading(context, path, edit.Image().bytes, options); !status.IsOk()) return status;
+  }
+  if (Status status = MakePlan(edit.Image(), change, plan); !status.IsOk()) return status;
+  const bool has_changes = !plan.difference.changes.empty() || !edit.Image().exists;
+  Status applied;
+  if (options.edit.apply && has_changes) applied = Apply(context, edit, plan);
+  if (options.edit.apply && has_changes && !edit.IsInPlace()) return applied;
+  Status printed = Print(context, plan, options, edit);
+  if (!printed.IsOk()) return printed;
+  return applied.IsOk() ? EditDone(options.edit, has_changes) : applied;
+}
+
+// --- set
+
+// Numbers as the registry shows them, and as 32 bits without a sign: "-5", "4294967295", "0x1F".
+bool ParseNumber(std::string_view text, std::string& bytes) {
+  const bool is_hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+  if (is_hexadecimal) text.remove_prefix(2);
+  std::int64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, is_hexadecimal ? 16 : 10);
+  const bool is_whole = error == std::errc() && end == text.data() + text.size();
+  if (!is_whole || number > UINT32_MAX || number < (is_hexadecimal ? 0 : INT32_MIN)) return false;
+  const auto low = static_cast<std::uint32_t>(number);
+  bytes.assign(reinterpret_cast<const char*>(&low), sizeof low);
+  return true;
+}
+
+int DigitOf(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+}
+
+// Two digits a byte, with or without a space between bytes: "0a ff", "0aff".
+bool ParseBlock(std::string_view text, std::string& bytes) {
+  bytes.clear();
+  while (!text.empty()) {
+    const int high = DigitOf(text[0]);
+    const int low = text.size() > 1 ? DigitOf(text[1]) : -1;
+    if (high < 0 || low < 0) return false;
+    bytes += static_cast<char>(high * 16 + low);
+    text.remove_prefix(2);
+    if (text.size() > 1 && text.front() == ' ') text.remove_prefix(1);
+  }
+  return true;
+}
+
+Status ParseValue(const std::string& text, int type, TreeValue& value) {
+  value = {type, text};
+  if (type == REG_DWORD && !ParseNumber(text, value.bytes)) {
+    return {ExitCode::kUsage, Visible(text) + " is no number from -2147483648 to 4294967295"};
+  }
+  if (type == REG_BINARY && !ParseBlock(text, value.bytes)) {
+    return {ExitCode::kUsage,
+            Visible(text) + " is no block; write two hexadecimal digits for each byte, such as \"0a ff\""};
+  }
+  return {};
+}
+
+// The type asked for, else that of the value that is there, else a string.
+int TypeFor(const Options& options, const CRegistryNode& tree) {
+  if (options.type) return *options.type;
+  const CRegistryNode* const key = registry::FindKey(tree, options.key);
+  const StrMapEntry* const entry = key != nullptr ? key->Find(*options.name) : nullptr;
+  const bool is_value = entry != nullptr && entry->value.IsPresent() && entry->value.type != REG_NODE;
+  return is_value ? entry->value.type : REG_SZ;
+}
+
+Status Set(Context& context, const Options& options) {
+  return Edit(context, options, OldTree::kNeeded, [&options](CRegistryNode& tree) {
+    TreeValue value;
+    if (Status status = ParseValue(options.value, TypeFor(options, tree), value); !status.IsOk()) return status;
+    return StatusOf(registry::SetValue(tree, options.key, *options.name, value), options);
+  });
+}
+
+// --- delete, import
+
+Status Delete(Context& context, const Options& options) {
+  return Edit(context, options, OldTree::kNeeded, [&options](CRegistryNode& tree) {
+    const EditState state = options.name ? registry::DeleteValue(tree, options.key, *options.name)
+                                         : registry::DeleteKey(tree, options.key, options.recursive);
+    return StatusOf(state, options);
+  });
+}
+
+Status Import(Context& context, const Options& options) {
+  CRegistryNode imported;
+  std::string bytes;
+  if (Status status = ReadTreeFile(options.file, imported, bytes); !status.IsOk()) return status;
+  if (Status status = CheckReading(context, options.file, bytes, options); !status.IsOk()) return status;
+  const bool replaces_all = options.replace && options.replace->empty();
+  if (options.replace && registry::FindKey(imported, *options.replace) == nullptr) {
+    return {ExitCode::kNotFound, options.file + " has no key " + Visible(*options.replace)};
+  }
+  return Edit(context, options, replaces_all ? OldTree::kReplaced : OldTree::kNeeded, [&](CRegistryNode& tree) {
+    if (options.replace) registry::EmptyKey(tree, *options.replace);
+    return StatusOf(registry::MergeInto(tree, imported), options);
+  });
+}
+
+// --- command line
+
+using Run = Status (*)(Context&, const Options&);
+
+CLI::App& AddPart(CLI::App& parent, Context& context, const char* name, const char* help,
+                  const std::shared_ptr<Options>& options, Run run) {
+  CLI::App& command = *parent.add_subcommand(name, help);
+  AddSourceOptions(command, options->source);
+  AddEditOptions(command, options->edit);
+  command.add_flag("--force", options->edit.force,
+                   "Also if the file is a symbolic link, or is not read as it was meant");
+  command.callback(
+      [&context, options, run] { context.run = [&context, options, run] { return run(context, *options); }; });
+  return command;
+}
+
+void AddSet(CLI::App& parent, Context& context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = AddPart(parent, context, "set", "Set one value, making the keys on its path", options, Set);
+  command.add_option("KEY", options->key, "Path of the key, from a hive on")->required();
+  command.add_option("NAME", options->name, "Name of the value")->required();
+  command.add_option("VALUE", options->value, "A text, a number, or bytes such as \"0a ff\"")->required();
+  static const std::map<std::string, int> kTypes = {
+      {"string", REG_SZ}, {"expand", REG_EXPAND_SZ}, {"binary", REG_BINARY}, {"dword", REG_DWORD}};
+  command.add_option("--type", options->type, "string, expand, dword or binary; default: as it is, or string")
+      ->transform(CLI::CheckedTransformer(kTypes, CLI::ignore_case))
+      ->option_text("TYPE");
+}
+
+void AddDelete(CLI::App& parent, Context& context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = AddPart(parent, context, "delete", "Delete one value, or a key", options, Delete);
+  command.add_option("KEY", options->key, "Path of the key, from a hive on")->required();
+  CLI::Option* const name = command.add_option("NAME", options->name, "Name of the value; without it: the key itself");
+  command.add_flag("-r,--recursive", options->recursive, "The key with everything in it")->excludes(name);
+}
+
+void AddImport(CLI::App& parent, Context& context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command =
+      AddPart(parent, context, "import", "Take over the keys and values of another registry file", options, Import);
+  command.add_option("FILE", options->file, "The registry file; - for standard input")->required();
+  command
+      .add_option("--replace", options->replace,
+                  "Empty this key first, so that it becomes as in FILE; \"\": everything")
+      ->option_text("KEY");
+}
+
+}  // namespace
+
+void AddRegistryEditCommands(CLI::App& registry, Context& context) {
+  AddSet(registry, context);
+  AddDelete(registry, context);
+  AddImport(registry, context);
+}
+
+}  // namespace qx::ctl

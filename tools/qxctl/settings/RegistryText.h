@@ -1,0 +1,26 @@
+// Registry values and changes as qxctl shows them: the notation of the registry file, or JSON.
+#pragma once
+
+#include <string>
+
+#include "registry/tools/TreeDiff.h"
+#include "tools/qxctl/cli/Output.h"
+
+namespace qx::ctl {
+
+// A string as it is but for control bytes, a number in decimal, "0a ff".
+[[nodiscard]] std::string TextOf(const registry::TreeValue& value);
+
+// "Name=s=text"   "Count=d=-5"   "Blob=b=0a ff"   of a subkey: "[Sub]"
+[[nodiscard]] std::string LineOf(const std::string& name, const registry::TreeValue& value);
+
+// Sets `type` and `value`; of a subkey the type "key" alone.
+void SetValueJson(Json& object, const registry::TreeValue& value);
+
+// One group of lines a key, as `registry ls -r` shows it.
+[[nodiscard]] std::string ChangesToText(const Output& output, const registry::TreeDifference& difference);
+
+// A list for "changes".
+[[nodiscard]] Json ChangesToJson(const registry::TreeDifference& difference);
+
+}  // namespace qx::ctl

@@ -1,0 +1,75 @@
+#include "tools/qxctl/settings/Settings.h"
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+
+namespace qx::ctl {
+
+namespace {
+
+bool IsForbidden(int error) { return error == EACCES || error == EPERM || error == EROFS; }
+
+Status Failed(const ReplaceResult& result) {
+  Status status = Status::Io("cannot use " + result.file, result.error);
+  if (IsForbidden(result.error)) {
+    return {ExitCode::kIo, status.Message() +
+                               "; nothing was changed; do this as a user who may write the file and its " +
+                               "directory, such as root"};
+  }
+  if (result.error == EEXIST) {
+    return {ExitCode::kIo, status.Message() + " and belongs to somebody else; remove it if nobody edits the file"};
+  }
+  if (result.error == ENOSPC || result.error == EDQUOT) {
+    return {ExitCode::kIo, status.Message() + "; nothing was changed; make room first"};
+  }
+  return status;
+}
+
+}  // namespace
+
+void AddEditOptions(CLI::App& command, EditOptions& options) {
+  command.add_flag("--apply", options.apply, "Change the file; without it only what would change is printed");
+  command.add_flag("--json", options.json, "Print as JSON");
+}
+
+Status StatusOfEdit(const ReplaceResult& result) {
+  switch (result.state) {
+    case ReplaceState::kDone:
+      return {};
+    case ReplaceState::kNotFound:
+      return {ExitCode::kNotFound, "there is no file " + result.file};
+    case ReplaceState::kNotRegular:
+      return {ExitCode::kRefused, result.file + " is not a regular file"};
+    case ReplaceState::kLink:
+      return {ExitCode::kRefused, result.file +
+                                      " is a symbolic link, and what it leads to may belong to others; name " +
+                                      "that file, or use --force to change it"};
+    case ReplaceState::kBusy:
+      return {ExitCode::kRefused, "another qxctl is changing " + result.file + "; try again when it is done"};
+    case ReplaceState::kChanged:
+      return {ExitCode::kChanged, result.file + " was written meanwhile and is left as it is; try again"};
+    case ReplaceState::kFailed:
+      return Failed(result);
+  }
+  return {};
+}
+
+Status BeginEdit(ReplacedFile& edit, const std::string& path, const EditOptions& options, bool may_be_missing) {
+  return StatusOfEdit(
+      edit.Begin(path, {.follow_link = options.force, .may_be_missing = may_be_missing, .only_look = !options.apply}));
+}
+
+Status EditDone(const EditOptions& options, bool has_changes) {
+  if (!has_changes) return {ExitCode::kOk, "nothing to change: it is so already"};
+  return options.apply ? Status() : Status(ExitCode::kOk, "nothing was changed; --apply changes it");
+}
+
+std::string Removed(const Output& output, std::string_view line) {
+  return output.Paint(Style::kBad, "- " + std::string(line)) + "\n";
+}
+
+std::string Added(const Output& output, std::string_view line) {
+  return output.Paint(Style::kGood, "+ " + std::string(line)) + "\n";
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,119 @@
+// qxctl trace follow: the entries of a trace file as they are written, across wraps and restarts, until ^C.
+#include "debug/tools/TraceFollow.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/trace/TraceCommands.h"
+
+namespace qx::ctl {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using debug::TraceFollowEvent;
+
+constexpr std::chrono::milliseconds kInterval{100};
+constexpr std::chrono::milliseconds kIntervalPending{20};
+constexpr int kRestShare = 10;  // looking takes no more than this part of the time, however large the file is
+
+struct Options {
+  std::string path;
+  TraceFilterOptions filter;
+  bool from_now = false;
+  bool json = false;
+};
+
+// Returns early when a signal arrives.
+void Sleep(std::chrono::nanoseconds time) {
+  constexpr std::int64_t kSecond = 1'000'000'000;
+  const timespec wait{time.count() / kSecond, time.count() % kSecond};
+  (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &wait, nullptr);
+}
+
+// Prints what the looks bring: entries as data, what is to be said about the file as problems.
+class FollowPrinter {
+ public:
+  FollowPrinter(Context& context, const Options& options, const TraceFilter& filter)
+      : context_(&context), options_(&options), selection_(filter) {}
+
+  Status Print(const debug::TraceLook& look) {
+    for (const TraceFollowEvent& event : look.events) {
+      if (Status status = PrintEvent(event); !status.IsOk()) return status;
+    }
+    if (look.is_missing && !was_missing_) Problem("is gone; waiting for it to come back");
+    was_missing_ = look.is_missing;
+    return context_->output.Show();
+  }
+
+ private:
+  Status PrintEvent(const TraceFollowEvent& event) {
+    if (event.kind == TraceFollowEvent::Kind::kRestart) {
+      Problem("was started over; what had been written meanwhile is lost");
+      return Object({{"kind", "restart"}});
+    }
+    if (event.kind == TraceFollowEvent::Kind::kLost) {
+      Problem("was written faster than it could be read: about " + std::to_string(event.bytes) + " bytes are lost");
+      return Object({{"kind", "lost"}, {"bytes", event.bytes}});
+    }
+    if (!selection_.Takes(event.entry)) return {};
+    if (options_->json) return Object(EntryToJson(event.entry, options_->path));
+    return context_->output.Data(EntryToText(event.entry, ""));
+  }
+
+  void Problem(const std::string& text) { context_->output.Problem(VisibleText(options_->path) + " " + text); }
+
+  Status Object(const Json& object) {
+    return options_->json ? context_->output.Data(JsonLine(object) + "\n") : Status();
+  }
+
+  Context* context_;
+  const Options* options_;
+  TraceSelection selection_;
+  bool was_missing_ = false;
+};
+
+Status Watch(debug::TraceFollower& follower, const Options& options, FollowPrinter& printer) {
+  const InterruptGuard guard;
+  while (InterruptSignal() == 0) {
+    const Clock::time_point begin = Clock::now();
+    const debug::TraceLook look = follower.Look();
+    if (look.error != 0) return Status::Io("cannot follow " + options.path, look.error);
+    if (Status status = printer.Print(look); !status.IsOk()) return status;
+    Sleep(std::max<std::chrono::nanoseconds>(look.is_pending ? kIntervalPending : kInterval,
+                                             kRestShare * (Clock::now() - begin)));
+  }
+  return {};
+}
+
+Status Follow(Context& context, const Options& options) {
+  TraceFilter filter;
+  if (Status status = MakeFilter(options.filter, filter); !status.IsOk()) return status;
+  debug::TraceFollower follower(options.path, options.from_now);
+  const int error = follower.Open();
+  if (error == ENOENT) return {ExitCode::kNotFound, "there is no " + options.path};
+  if (error != 0) return Status::Io("cannot open " + options.path, error);
+  FollowPrinter printer(context, options, filter);
+  return Watch(follower, options, printer);
+}
+
+}  // namespace
+
+void AddTraceFollow(CLI::App& trace, Context& context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command =
+      *trace.add_subcommand("follow", "Print the entries of a trace file as they are written, until ^C");
+  command.add_option("FILE", options->path, "A log or ring file")->required();
+  command.add_flag("--from-now", options->from_now, "Leave out what stands in the file already");
+  AddTraceFilterOptions(command, options->filter);
+  command.add_flag("--json", options->json, "Print each entry as one line of JSON");
+  command.callback([&context, options] { context.run = [&context, options] { return Follow(context, *options); }; });
+}
+
+}  // namespace qx::ctl

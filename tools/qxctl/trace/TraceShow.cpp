@@ -1,0 +1,240 @@
+// qxctl trace show: the entries of one trace file, or of all in a directory, in the order of time.
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "tools/qxctl/trace/TraceCommands.h"
+
+namespace qx::ctl {
+
+namespace {
+
+using debug::TraceEntry;
+using debug::TraceFinding;
+
+struct Options {
+  std::string path;
+  TraceFilterOptions filter;
+  bool json = false;
+};
+
+const char* FindingName(TraceFinding::Kind kind) {
+  switch (kind) {
+    case TraceFinding::Kind::kNoEntries:
+      return "noEntries";
+    case TraceFinding::Kind::kHole:
+      return "hole";
+    case TraceFinding::Kind::kCutEnd:
+      return "cutEnd";
+    case TraceFinding::Kind::kStampsAlike:
+      return "stampsAlike";
+    case TraceFinding::Kind::kClockSetBack:
+      return "clockSetBack";
+    case TraceFinding::Kind::kRingHeader:
+      return "ringHeader";
+    case TraceFinding::Kind::kWritePosition:
+      return "writePosition";
+  }
+  return "";
+}
+
+// One file that is shown, with the entry that comes next.
+class ShownFile {
+ public:
+  explicit ShownFile(std::string name) : name_(std::move(name)) {}
+
+  Status Open(const std::string& path) {
+    if (Status status = OpenTraceFile(path, file_); !status.IsOk()) return status;
+    unroller_ = std::make_unique<debug::TraceUnroller>(file_);
+    Advance();
+    return {};
+  }
+
+  void Advance() {
+    has_entry_ = unroller_->Next(entry_);
+    if (entry_.stamp_ms.has_value()) order_ms_ = *entry_.stamp_ms;
+  }
+
+  const std::string& Name() const { return name_; }
+  bool HasEntry() const { return has_entry_; }
+  const TraceEntry& Entry() const { return entry_; }
+  // What merging goes by: the entry's time, or that of the one before.
+  std::int64_t OrderMs() const { return order_ms_; }
+  bool BelongsToLast() const {
+    return has_entry_ && (entry_.kind == TraceEntry::Kind::kPiece || entry_.kind == TraceEntry::Kind::kRest);
+  }
+  const debug::TraceUnroller& Unroller() const { return *unroller_; }
+
+ private:
+  std::string name_;
+  debug::TraceFile file_;
+  std::unique_ptr<debug::TraceUnroller> unroller_;
+  TraceEntry entry_;
+  bool has_entry_ = false;
+  std::int64_t order_ms_ = 0;
+};
+
+using Files = std::vector<std::unique_ptr<ShownFile>>;
+
+Status OpenFile(const std::string& path, const std::string& name, Files& files) {
+  files.push_back(std::make_unique<ShownFile>(name));
+  return files.back()->Open(path);
+}
+
+// Logs and rings: the regular files "log.*".
+Status OpenDirectory(const std::string& directory, Files& files) {
+  std::error_code error;
+  std::vector<std::string> names;
+  for (const auto& item : std::filesystem::directory_iterator(directory, error)) {
+    std::error_code gone;
+    const std::string name = item.path().filename();
+    if (name.starts_with("log.") && item.is_regular_file(gone)) names.push_back(name);
+  }
+  if (error) return Status::Io("cannot list " + directory, error.value());
+  if (names.empty()) return {ExitCode::kNotFound, "there are no trace files (log.*) in " + directory};
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names) {
+    std::string path = directory;
+    path.append("/").append(name);
+    if (Status status = OpenFile(path, name, files); !status.IsOk()) return status;
+  }
+  return {};
+}
+
+// The file whose next entry is the oldest; null when all are at their end.
+ShownFile* Oldest(const Files& files) {
+  ShownFile* oldest = nullptr;
+  for (const auto& file : files) {
+    if (file->HasEntry() && (oldest == nullptr || file->OrderMs() < oldest->OrderMs())) oldest = file.get();
+  }
+  return oldest;
+}
+
+Json FileToJson(const ShownFile& file) {
+  const debug::TraceLayout& layout = file.Unroller().Layout();
+  Json object = {{"file", VisibleText(file.Name())}, {"format", layout.ring.has_value() ? "ring" : "log"}};
+  if (layout.ring.has_value()) {
+    const auto number = [](const std::optional<std::uint64_t>& value) {
+      return value.has_value() ? Json(*value) : Json(nullptr);
+    };
+    object["wraps"] = number(layout.ring->wraps);
+    object["opens"] = number(layout.ring->opens);
+    object["firstOpen"] = VisibleText(layout.ring->first_open);
+    object["lastOpen"] = VisibleText(layout.ring->last_open);
+  } else {
+    object["wraps"] = layout.wrap.has_value() ? layout.wrap->cycle : 0;
+  }
+  return object;
+}
+
+// Prints entries one by one, so that a file of any size needs little memory; the document is put together by hand.
+class ShowPrinter {
+ public:
+  ShowPrinter(Context& context, const Options& options, bool is_directory)
+      : context_(&context), json_(options.json), is_directory_(is_directory) {}
+
+  Status Begin(const Files& files) {
+    if (!json_) return {};
+    std::string text = "{\n  \"files\": [";
+    for (std::size_t i = 0; i < files.size(); ++i) {
+      text.append(i == 0 ? "\n    " : ",\n    ").append(JsonLine(FileToJson(*files[i])));
+    }
+    return context_->output.Data(text + "\n  ],\n  \"entries\": [");
+  }
+
+  Status Entry(const ShownFile& file) {
+    if (!json_) {
+      return context_->output.Data(EntryToText(file.Entry(), is_directory_ ? VisibleText(file.Name()) + ": " : ""));
+    }
+    const std::string separator = is_first_ ? "\n    " : ",\n    ";
+    is_first_ = false;
+    return context_->output.Data(separator + JsonLine(EntryToJson(file.Entry(), file.Name())));
+  }
+
+  Status End(const Json& findings, ExitCode code) {
+    if (!json_) return {};
+    std::string text = is_first_ ? "],\n  \"findings\": [" : "\n  ],\n  \"findings\": [";
+    for (std::size_t i = 0; i < findings.size(); ++i) {
+      text.append(i == 0 ? "\n    " : ",\n    ").append(JsonLine(findings[i]));
+    }
+    text += findings.empty() ? "]" : "\n  ]";
+    return context_->output.Data(text + ",\n  \"exitCode\": " + std::to_string(static_cast<int>(code)) + "\n}\n");
+  }
+
+ private:
+  Context* context_;
+  bool json_;
+  bool is_directory_;
+  bool is_first_ = true;
+};
+
+Status PrintEntries(const Files& files, const TraceFilter& filter, ShowPrinter& printer) {
+  std::vector<TraceSelection> selections(files.size(), TraceSelection(filter));
+  ShownFile* file = Oldest(files);
+  while (file != nullptr) {
+    const auto index = std::find_if(files.begin(), files.end(), [&](const auto& f) { return f.get() == file; });
+    TraceSelection& selection = selections[static_cast<std::size_t>(index - files.begin())];
+    if (selection.Takes(file->Entry())) {
+      if (Status status = printer.Entry(*file); !status.IsOk()) return status;
+    }
+    file->Advance();
+    if (!file->BelongsToLast()) file = Oldest(files);
+  }
+  return {};
+}
+
+// What is to be said about the files, each finding with a line on standard error.
+ExitCode CollectFindings(Context& context, const Files& files, Json& findings) {
+  findings = Json::array();
+  ExitCode code = ExitCode::kOk;
+  const auto add = [&](const ShownFile& file, const char* name, const std::string& text) {
+    findings.push_back({{"file", VisibleText(file.Name())}, {"finding", name}, {"text", text}});
+    context.output.Problem(VisibleText(file.Name()) + ": " + text);
+  };
+  for (const auto& file : files) {
+    for (const TraceFinding& finding : file->Unroller().Findings()) {
+      add(*file, FindingName(finding.kind), finding.text);
+      if (code == ExitCode::kOk) code = ExitCode::kFinding;
+    }
+    if (!file->Unroller().HasChanged()) continue;
+    add(*file, "changed", "the file was written while it was read; entries may be missing, cut or in a wrong place");
+    code = ExitCode::kChanged;
+  }
+  return code;
+}
+
+Status Show(Context& context, const Options& options) {
+  TraceFilter filter;
+  if (Status status = MakeFilter(options.filter, filter); !status.IsOk()) return status;
+  std::error_code ignored;  // what cannot be looked at is a file, and opening it says why not
+  const bool is_directory = std::filesystem::is_directory(options.path, ignored);
+  Files files;
+  Status opened = is_directory ? OpenDirectory(options.path, files) : OpenFile(options.path, options.path, files);
+  if (!opened.IsOk()) return opened;
+
+  ShowPrinter printer(context, options, is_directory);
+  if (Status status = printer.Begin(files); !status.IsOk()) return status;
+  if (Status status = PrintEntries(files, filter, printer); !status.IsOk()) return status;
+  Json findings;
+  const ExitCode code = CollectFindings(context, files, findings);
+  if (Status status = printer.End(findings, code); !status.IsOk()) return status;
+  return {code, ""};
+}
+
+}  // namespace
+
+void AddTraceShow(CLI::App& trace, Context& context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = *trace.add_subcommand("show", "Print the entries of trace files in the order of time");
+  command.add_option("PATH", options->path, "A log or ring file, or a directory with such files (log.*)")->required();
+  AddTraceFilterOptions(command, options->filter);
+  command.add_flag("--json", options->json, "Print files, entries and findings as JSON");
+  command.callback([&context, options] { context.run = [&context, options] { return Show(context, *options); }; });
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,285 @@
+// The block of a call file: from memory to JSON and back.
+//
+// An element is an object with its index, its type and one more key, which says what its value points at:
+//   "number"      4, 5, 6 and, of any type but 8 and 512, the credential marker: a number
+//   "text"        8: a string; null for a null pointer; "textBase64" if it is not UTF-8
+//   "blocks"      512: a chain of nested blocks, an array of arrays of elements
+//   "list"        61, and 19 beside the credential marker: an element list
+//   "validation"  65: validation data
+//   "pointer"     null: a datum of the module's or of the host's, or no value at all
+#include <algorithm>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/qxctl/module/CallFields.h"
+#include "tools/qxctl/trial/CallFile.h"
+
+namespace qx::ctl {
+
+namespace {
+
+constexpr int kChainBlocksMax = 64;
+constexpr int kNestingMax = 8;
+
+// --- from memory
+
+Json ElementToJson(const krx_element& element, int depth);
+
+Json ArrayToJson(krx_element* const* elements, std::int32_t count, int depth) {
+  Json array = Json::array();
+  for (std::int32_t i = 0; elements != nullptr && i < count; ++i) {
+    if (elements[i] != nullptr) array.push_back(ElementToJson(*elements[i], depth));
+  }
+  return array;
+}
+
+Json ChainToJson(const krx_nested_block* block, int depth) {
+  Json chain = Json::array();
+  for (int i = 0; i < kChainBlocksMax && block != nullptr; ++i, block = block->next_block) {
+    chain.push_back(ArrayToJson(block->elements, block->element_count, depth));
+  }
+  return chain;
+}
+
+void SetText(Json& json, const char* key, const void* text) {
+  if (text != nullptr) {
+    SetBytes(json, key, static_cast<const char*>(text));
+  } else {
+    json[key] = nullptr;
+  }
+}
+
+Json DepartmentToJson(const krx_department& department) {
+  Json json;
+  SetText(json, "name", department.name);
+  json["privileges"] = Json::array();
+  for (std::int32_t i = 0; department.privileges != nullptr && i < department.privilege_count; ++i) {
+    if (department.privileges[i] != nullptr) json["privileges"].push_back(department.privileges[i]);
+  }
+  return json;
+}
+
+Json ValidationToJson(const krx_validation_data& validation) {
+  if (validation.authorization == nullptr) return {{"authorization", nullptr}};
+  const krx_authorization_data& granted = *validation.authorization;
+  Json json;
+  SetText(json, "user", granted.user_id);
+  json["departments"] = Json::array();
+  for (std::int32_t i = 0; granted.departments != nullptr && i < granted.department_count; ++i) {
+    if (granted.departments[i] != nullptr) json["departments"].push_back(DepartmentToJson(*granted.departments[i]));
+  }
+  return {{"authorization", json}};
+}
+
+std::uint32_t NumberAt(const void* value, std::size_t bytes) {
+  std::uint32_t number = 0;
+  std::memcpy(&number, value, bytes);  // little-endian
+  return number;
+}
+
+// How many bytes a number of this element has; 0: it is none. Blocks are blocks even where the credential marker has
+// its place: a module that looks for the marker takes the first bytes of whatever stands there.
+std::size_t NumberBytes(std::int32_t index, std::int32_t type) {
+  if (type == kKrxTypeNested) return 0;
+  if (type == kKrxTypeUint8) return 1;
+  if (type == kKrxTypeUint16 || index == kKrxCredentialMarker) return 2;
+  return type == kKrxTypeUint32 ? 4 : 0;
+}
+
+bool IsList(std::int32_t index) { return index == kKrxSecurityInterceptor || index == kKrxCredentials; }
+
+void SetValue(Json& json, const krx_element& element, int depth) {
+  if (element.type == kKrxTypeString && !IsList(element.index)) {
+    SetText(json, "text", element.value);
+  } else if (element.value == nullptr || depth > kNestingMax) {  // NOLINT(bugprone-branch-clone): the order decides
+    json["pointer"] = nullptr;
+  } else if (IsList(element.index)) {  // whatever its type says: a module goes by the index
+    const auto* const list = static_cast<const krx_element_list*>(element.value);
+    json["list"] = ArrayToJson(list->elements, list->element_count, depth + 1);
+  } else if (element.index == kKrxValidationData) {
+    json["validation"] = ValidationToJson(*static_cast<const krx_validation_data*>(element.value));
+  } else if (const std::size_t bytes = NumberBytes(element.index, element.type); bytes > 0) {
+    json["number"] = NumberAt(element.value, bytes);
+  } else if (element.type == kKrxTypeNested) {
+    json["blocks"] = ChainToJson(static_cast<const krx_nested_block*>(element.value), depth + 1);
+  } else {
+    json["pointer"] = nullptr;
+  }
+}
+
+Json ElementToJson(const krx_element& element, int depth) {
+  Json json = {{"index", element.index}, {"type", element.type}};
+  SetValue(json, element, depth);
+  return json;
+}
+
+// --- to memory
+
+class BlockBuilder {
+ public:
+  BlockBuilder(RawBlock& block, std::string& problem) : block_(block), problem_(problem) {}
+
+  bool Elements(const Json& json, int depth, RawBlock::Elements& elements) {
+    if (!json.is_array()) return Fails(problem_, "elements are no array");
+    if (depth > kNestingMax) return Fails(problem_, "elements are nested more than 8 deep");
+    for (const Json& item : json) {
+      krx_element* const element = Element(item, depth);
+      if (element == nullptr) return false;
+      elements.push_back(element);
+    }
+    return true;
+  }
+
+ private:
+  krx_element* Element(const Json& json, int depth) {
+    if (!json.is_object()) return Refuse("an element is no object");
+    if (++count_ > kCallElementsMax) return Refuse("the block has more than 4096 elements");
+    const FieldReader fields(json, problem_);
+    std::int32_t index = 0;
+    std::int32_t type = 0;
+    if (!fields.Integer("index", index) || !fields.Integer("type", type)) return nullptr;
+    if (json.size() != 3) return Refuse("an element has other keys than index, type and one for its value");
+    if (json.contains("number")) return Number(fields, index, type);
+    if (json.contains("text") || json.contains("textBase64")) return Text(fields, index, type);
+    if (json.contains("blocks")) return Chain(json["blocks"], index, type, depth);
+    if (json.contains("list")) return List(json["list"], index, type, depth);
+    if (json.contains("validation")) return Validation(json["validation"], index, type);
+    if (!json.contains("pointer") || !json["pointer"].is_null())
+      return Refuse("an element has no value of a known kind");
+    return IsReadable(index, type) ? Refuse("an element of this index or type needs a value")
+                                   : block_.Element(index, type, nullptr);
+  }
+
+  // Whether a module reads a value of this element without a look at the pointer. (A null string is looked at.)
+  static bool IsReadable(std::int32_t index, std::int32_t type) {
+    return !IsList(index) && index != kKrxValidationData && NumberBytes(index, type) > 0;
+  }
+
+  krx_element* Number(const FieldReader& fields, std::int32_t index, std::int32_t type) {
+    std::uint32_t number = 0;
+    if (!fields.Number("number", number)) return nullptr;
+    if (IsPointerKind(index, type)) return Refuse("a number stands where a module reads something else");
+    return block_.Number(index, type, number);
+  }
+
+  krx_element* Text(const FieldReader& fields, std::int32_t index, std::int32_t type) {
+    std::optional<std::string> text;
+    if (!fields.Bytes("text", text)) return nullptr;
+    if (text.has_value() && text->find('\0') != std::string::npos) return Refuse("a text has a NUL in it");
+    if (type != kKrxTypeString || IsList(index)) return Refuse("a text stands in an element of another type than 8");
+    return text.has_value() ? block_.Text(index, type, *text) : block_.Element(index, type, nullptr);
+  }
+
+  krx_element* Chain(const Json& json, std::int32_t index, std::int32_t type, int depth) {
+    if (!json.is_array() || json.empty()) return Refuse("\"blocks\" is no array of blocks");
+    if (json.size() > kChainBlocksMax) return Refuse("a chain has more than 64 blocks");
+    if (type != kKrxTypeNested || IsList(index)) return Refuse("blocks stand in an element of another type than 512");
+    krx_nested_block* block = nullptr;
+    for (auto item = json.rbegin(); item != json.rend(); ++item) {  // from the last: each one leads to the next
+      RawBlock::Elements elements;
+      if (!Elements(*item, depth + 1, elements)) return nullptr;
+      block = block_.Block(std::move(elements), block);
+    }
+    return block_.Element(index, type, block);
+  }
+
+  krx_element* List(const Json& json, std::int32_t index, std::int32_t type, int depth) {
+    if (!IsList(index)) return Refuse("a list stands in an element that holds none");
+    RawBlock::Elements elements;
+    if (!Elements(json, depth + 1, elements)) return nullptr;
+    return block_.Element(index, type, block_.List(std::move(elements)));
+  }
+
+  krx_element* Validation(const Json& json, std::int32_t index, std::int32_t type) {
+    if (index != kKrxValidationData) return Refuse("validation data stands in an element that holds none");
+    if (!json.is_object() || json.size() != 1 || !json.contains("authorization")) {
+      return Refuse("validation data holds nothing but \"authorization\"");
+    }
+    const Json& granted = json["authorization"];
+    if (granted.is_null()) return block_.Element(index, type, block_.Validation(nullptr));
+    std::optional<std::string> user;
+    std::vector<RawBlock::Department> departments;
+    if (!Authorization(granted, user, departments)) return nullptr;
+    return block_.Element(index, type, block_.Validation(block_.Authorization(user, departments)));
+  }
+
+  bool Authorization(const Json& json, std::optional<std::string>& user,
+                     std::vector<RawBlock::Department>& departments) {
+    if (!json.is_object()) return Fails(problem_, "\"authorization\" is no object");
+    const FieldReader fields(json, problem_);
+    if (!fields.Only({"user", "userBase64", "departments"}) || !fields.Bytes("user", user)) return false;
+    if (!json.contains("departments") || !json["departments"].is_array()) {
+      return Fails(problem_, "\"departments\" is no array");
+    }
+    for (const Json& item : json["departments"]) {
+      departments.emplace_back();
+      if (!Department(item, departments.back())) return false;
+    }
+    return true;
+  }
+
+  bool Department(const Json& json, RawBlock::Department& department) {
+    if (!json.is_object()) return Fails(problem_, "a department is no object");
+    const FieldReader fields(json, problem_);
+    if (!fields.Only({"name", "nameBase64", "privileges"}) || !fields.Bytes("name", department.first)) return false;
+    if (!json.contains("privileges") || !json["privileges"].is_array()) {
+      return Fails(problem_, "\"privileges\" is no array");
+    }
+    for (const Json& privilege : json["privileges"]) {
+      if (!privilege.is_string()) return Fails(problem_, "a privilege is no text");
+      department.second.push_back(privilege.get<std::string>());
+    }
+    return true;
+  }
+
+  // A module takes the value of such an element for the address of a structure.
+  static bool IsPointerKind(std::int32_t index, std::int32_t type) {
+    const bool is_marker = index == kKrxCredentialMarker && type == kKrxTypePointer;
+    return IsList(index) || index == kKrxValidationData || type == kKrxTypeString || type == kKrxTypeNested ||
+           (type == kKrxTypePointer && !is_marker);
+  }
+
+  krx_element* Refuse(const char* why) {
+    problem_ = why;
+    return nullptr;
+  }
+
+  RawBlock& block_;
+  std::string& problem_;
+  std::size_t count_ = 0;
+};
+
+}  // namespace
+
+Json BlockToJson(const wcs_gendata& block) {
+  const std::size_t tag_bytes = strnlen(block.tag, sizeof block.tag);
+  Json json = {{"version", block.version}};
+  SetBytes(json, "tag", std::string(block.tag, tag_bytes));
+  json["size"] = block.size;
+  json["elements"] = ArrayToJson(block.elements, block.element_count, 1);
+  return json;
+}
+
+bool BlockFromJson(const Json& json, RawBlock& block, std::string& problem) {
+  if (!json.is_object()) return Fails(problem, "\"block\" is no object");
+  const FieldReader fields(json, problem);
+  if (!fields.Only({"version", "tag", "tagBase64", "size", "elements"})) return false;
+  std::optional<std::string> tag;
+  krx_gendata& header = block.Header();
+  if (!fields.Number("version", header.version) || !fields.Bytes("tag", tag) || !fields.Integer("size", header.size)) {
+    return false;
+  }
+  if (!tag.has_value() || tag->size() > sizeof header.tag) return Fails(problem, "\"tag\" has more than four bytes");
+  std::memset(header.tag, 0, sizeof header.tag);
+  tag->copy(header.tag, sizeof header.tag);
+  RawBlock::Elements elements;
+  BlockBuilder builder(block, problem);
+  if (!builder.Elements(json.value("elements", Json()), 1, elements)) return false;
+  block.SetElements(std::move(elements));
+  return true;
+}
+
+}  // namespace qx::ctl

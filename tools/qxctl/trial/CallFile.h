@@ -1,0 +1,44 @@
+// A call into a module as a file: what was handed in, and what came back. docs/testing-modules.md has the format.
+//
+// Such a file may come from anywhere. Reading it costs time and memory in proportion to its size, at most kCallFileMax
+// bytes, whatever it holds.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "tools/qxctl/cli/Output.h"
+#include "tools/qxctl/module/RawBlock.h"
+
+namespace qx::ctl {
+
+inline constexpr std::size_t kCallFileMax = std::size_t{16} << 20;
+inline constexpr std::size_t kCallElementsMax = 4096;  // of a block, those inside it included
+
+// NOLINTNEXTLINE(bugprone-exception-escape): moving JSON does not throw, but its checks look as if they could.
+struct RecordedCall {
+  std::string function;  // "What", "Reflect", "GetReports" or "GetReportInstanceNames"
+  Json block;            // in the form of the file
+  std::string input;
+  int result = 0;
+  std::optional<std::uint32_t> state_word;  // of GetReports: what the module keeps in element 1
+  std::optional<std::string> reply;
+};
+
+// The text of the file, with a line end.
+[[nodiscard]] std::string CallFileText(const RecordedCall& call);
+
+// False with the reason, for an operator, when `text` is no such file; `call` is then of no use.
+[[nodiscard]] bool ParseCallFile(const std::string& text, RecordedCall& call, std::string& problem);
+
+// A block of the host's own in the form of the file; pointers to what only a module knows become null. The block must
+// be one that a module could read: true counts, texts with an end, chains of at most 64 blocks are shown.
+[[nodiscard]] Json BlockToJson(const wcs_gendata& block);
+
+// Makes the block. False with the reason when `json` is not of the form of the file.
+[[nodiscard]] bool BlockFromJson(const Json& json, RawBlock& block, std::string& problem);
+
+}  // namespace qx::ctl

@@ -1,0 +1,38 @@
+// What a bad host does, one thing a case, and what a module must make of it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/qxctl/trial/FaultHost.h"
+
+namespace qx::ctl {
+
+struct FaultCase {
+  const char* group;     // "block", "security", "document", "order"
+  const char* name;      // stable, unique
+  const char* told;      // what the host does, for people
+  std::string expected;  // what `run` returns with a good module
+  std::string (*run)(FaultHost& host);
+  bool needs_report = false;  // there must be a report that can be read
+};
+
+// The cases of each group in their order.
+void AddBlockFaults(std::vector<FaultCase>& cases);
+void AddSecurityFaults(std::vector<FaultCase>& cases);
+void AddDocumentFaults(std::vector<FaultCase>& cases);
+void AddOrderFaults(std::vector<FaultCase>& cases);
+
+// --- what the cases share
+
+// A request for a report that never exists, whatever the report directory holds; and what comes of it.
+inline constexpr char kNoReportRequest[] = "<ReportData Name=\"../qxctl\"/>";
+inline constexpr char kNoReportOutcome[] = "result 12, error 2 \"Report data for report '../qxctl' could not be read\"";
+
+// Elements 1 to 5 of a good block.
+RawBlock::Elements GoodElements(RawBlock& block, std::uint32_t thread_id = 1);
+
+// Asks for the report that never exists with this block.
+std::string AskNoReport(FaultHost& host, const RawBlock& block);
+
+}  // namespace qx::ctl

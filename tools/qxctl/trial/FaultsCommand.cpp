@@ -1,0 +1,228 @@
+// qxctl module faults: a bad host. Each case runs in a process of its own, so a crash is a finding and nothing more.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "provider/ServerControlPaths.h"
+#include "reportfile/ReportFileBase.h"
+#include "tools/qxctl/cli/ChildRun.h"
+#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/module/CallOptions.h"
+#include "tools/qxctl/module/ModuleCommands.h"
+#include "tools/qxctl/trial/FaultCases.h"
+
+namespace qx::ctl {
+
+namespace {
+
+const char kDidNotLoad[] = "the module does not load";
+
+struct Options {
+  CallOptions call;
+  std::vector<std::string> names;
+  std::string report;
+  double seconds = 20;
+  bool list = false;
+  bool json = false;
+};
+
+enum class Verdict { kOk, kFinding, kSkipped };
+
+struct FaultResult {
+  const FaultCase* fault;
+  Verdict verdict;
+  std::string outcome;
+};
+
+const char* NameOf(Verdict verdict) {
+  if (verdict == Verdict::kSkipped) return "skipped";
+  return verdict == Verdict::kOk ? "ok" : "finding";
+}
+
+std::vector<FaultCase> AllCases() {
+  std::vector<FaultCase> cases;
+  AddBlockFaults(cases);
+  AddSecurityFaults(cases);
+  AddDocumentFaults(cases);
+  AddOrderFaults(cases);
+  return cases;
+}
+
+// --- running
+
+std::string Run(const FaultCase& fault, const Options& options, const std::string& module, const std::string& report) {
+  const ChildOutcome child = RunInChild(options.seconds, [&] {
+    FaultHost host(module, report);
+    host.Load();
+    return fault.run(host);
+  });
+  if (child.exit_code == FaultHost::kHostFailed) return kDidNotLoad;
+  return child.trouble.empty() ? child.text : child.trouble;
+}
+
+FaultResult Try(const FaultCase& fault, const Options& options, const std::string& module, const std::string& report) {
+  if (fault.needs_report && report.empty()) {
+    return {&fault, Verdict::kSkipped, "no report that can be read; name one with --report"};
+  }
+  const std::string outcome = Run(fault, options, module, report);
+  return {&fault, outcome == fault.expected ? Verdict::kOk : Verdict::kFinding, outcome};
+}
+
+// A directory of our own to work in, with a report where the module looks when no registry says otherwise.
+class FaultPlace {
+ public:
+  ~FaultPlace() {
+    std::error_code ignored;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+  }
+
+  Status Make() {
+    const char* const base = std::getenv("TMPDIR");
+    std::string name = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/qxctl-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) return Status::Io("cannot make a directory " + name, errno);
+    path_ = name;
+    std::error_code error;
+    std::filesystem::create_directory(path_ + "/Reports", error);
+    CReportFileBase report;
+    const bool is_made = !error && report.Open((path_ + "/Reports/faults").c_str(), 4) && report.writeLine("a record");
+    if (!is_made) return {ExitCode::kIo, "cannot write a report into " + path_};
+    return chdir(path_.c_str()) == 0 ? Status() : Status::Io("cannot go to " + path_, errno);
+  }
+
+  // The name of the report, if the module will find it.
+  std::string Report() const {
+    std::string directory;
+    CServerControlPaths::GetServerControlReportPath(directory);
+    std::error_code ignored;
+    return std::filesystem::equivalent(directory, path_ + "/Reports", ignored) ? "faults" : "";
+  }
+
+ private:
+  std::string path_;
+};
+
+// --- showing
+
+std::string ToText(const std::vector<FaultResult>& results) {
+  std::string text;
+  for (const FaultResult& result : results) {
+    std::string line = std::string(NameOf(result.verdict)) + "  ";
+    line.resize(9, ' ');
+    line += std::string(result.fault->group) + "/" + result.fault->name;
+    line.resize(std::max<std::size_t>(line.size(), 42), ' ');
+    text += line + "  " + result.fault->told + "\n";
+    if (result.verdict == Verdict::kFinding) text += "         expected  " + Visible(result.fault->expected) + "\n";
+    if (result.verdict != Verdict::kOk) text += "         outcome   " + Visible(result.outcome) + "\n";
+  }
+  return text;
+}
+
+Json ToJson(const std::vector<FaultResult>& results, const Status& status) {
+  Json json = {{"cases", Json::array()}};
+  for (const FaultResult& result : results) {
+    json["cases"].push_back({{"group", result.fault->group},
+                             {"name", result.fault->name},
+                             {"text", result.fault->told},
+                             {"verdict", NameOf(result.verdict)},
+                             {"expected", Visible(result.fault->expected)},
+                             {"outcome", Visible(result.outcome)}});
+  }
+  json["exitCode"] = static_cast<int>(status.Code());
+  return json;
+}
+
+Status StatusOf(const std::vector<FaultResult>& results) {
+  const auto is = [&](Verdict verdict) {
+    return std::count_if(results.begin(), results.end(),
+                         [verdict](const FaultResult& result) { return result.verdict == verdict; });
+  };
+  if (is(Verdict::kFinding) == 0) return {};
+  return {ExitCode::kFinding, std::to_string(is(Verdict::kFinding)) + " of " + std::to_string(results.size()) +
+                                  " cases did not come out as they should"};
+}
+
+// --- the command
+
+bool IsAsked(const Options& options, const FaultCase& fault) {
+  if (options.names.empty()) return true;
+  return std::any_of(options.names.begin(), options.names.end(), [&](const std::string& name) {
+    return name == fault.name || name == fault.group || name == std::string(fault.group) + "/" + fault.name;
+  });
+}
+
+// Loads the module once in a child, so that an operator hears why it cannot be before all cases fail.
+Status CheckModule(const Options& options, const std::string& path) {
+  const FaultCase loads{"order", "load", "Loads the module", "loaded",
+                        [](FaultHost&) { return std::string("loaded"); }};
+  if (access(path.c_str(), F_OK) == 0) {
+    const std::string outcome = Run(loads, options, path, "");
+    if (outcome == loads.expected) return {};
+    if (outcome != kDidNotLoad) return {ExitCode::kFinding, "loading and unloading the module: " + outcome};
+  }
+  std::unique_ptr<ModuleHost> module;  // it cannot be loaded, so this has no effect but the reason
+  if (Status status = ModuleHost::Load(path, module); !status.IsOk()) return status;
+  return {ExitCode::kIo, path + " lacks a name that hosts look up"};
+}
+
+Status TryAll(Context& context, const Options& options, const std::string& module, std::vector<FaultResult>& results,
+              const std::vector<FaultCase>& cases) {
+  FaultPlace place;
+  if (Status status = place.Make(); !status.IsOk()) return status;
+  const std::string report = options.report.empty() ? place.Report() : options.report;
+  for (const FaultCase& fault : cases) {
+    if (!IsAsked(options, fault)) continue;
+    context.output.Progress(std::string(fault.group) + "/" + fault.name);
+    results.push_back(Try(fault, options, module, report));
+  }
+  return chdir("/") == 0 ? Status() : Status::Io("cannot leave the working directory", errno);
+}
+
+Status List(Context& context, const std::vector<FaultCase>& cases) {
+  std::string text;
+  for (const FaultCase& fault : cases) text += std::string(fault.group) + "/" + fault.name + ": " + fault.told + "\n";
+  return context.output.Data(text);
+}
+
+Status Faults(Context& context, const Options& options) {
+  const std::vector<FaultCase> cases = AllCases();
+  if (options.list) return List(context, cases);
+  const auto is_asked = [&](const FaultCase& fault) { return IsAsked(options, fault); };
+  if (std::none_of(cases.begin(), cases.end(), is_asked))
+    return {ExitCode::kUsage, "there is no such case; see --list"};
+  if (Status status = context.traces.ProtectService(); !status.IsOk()) return status;
+  (void)setenv("QX_LOG_DEBUG_LEVEL", "6", 1);  // into the private directory: the traces read the whole block
+  std::error_code error;
+  const std::string module = std::filesystem::absolute(FindModule(options.call.module_path), error).string();
+  if (Status status = CheckModule(options, module); !status.IsOk()) return status;
+  std::vector<FaultResult> results;
+  if (Status status = TryAll(context, options, module, results, cases); !status.IsOk()) return status;
+  const Status status = StatusOf(results);
+  const Status printed =
+      options.json ? context.output.Document(ToJson(results, status)) : context.output.Data(ToText(results));
+  return printed.IsOk() ? status : printed;
+}
+
+}  // namespace
+
+void AddModuleFaults(CLI::App& module, Context& context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = *module.add_subcommand("faults", "Call the module as a bad host would, each case in a child");
+  command.add_option("CASE", options->names, "Cases or groups of cases (default: all)");
+  command.add_option("--report", options->report, "Report that can be read, when the registry names the directory");
+  command.add_option("--timeout", options->seconds, "Seconds that a case may take (default 20)")
+      ->check(CLI::PositiveNumber);
+  command.add_flag("--list", options->list, "Print the cases and run none");
+  command.add_flag("--json", options->json, "Print the outcomes as JSON");
+  AddModuleOption(command, options->call);
+  command.callback([&context, options] { context.run = [&context, options] { return Faults(context, *options); }; });
+}
+
+}  // namespace qx::ctl

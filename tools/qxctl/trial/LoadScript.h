@@ -1,0 +1,55 @@
+// What one thread of a load test asks, one request after another, and what must come back.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "tools/qxctl/trial/LoadTest.h"
+
+namespace qx::ctl {
+
+// What the module answered before the load began. A reply is kept as its length and hash: a transfer may be large.
+struct ExpectedReplies {
+  struct Print {
+    std::size_t bytes = 0;
+    std::size_t hash = 0;
+    friend bool operator==(const Print&, const Print&) = default;
+  };
+
+  std::string what;
+  CallResult names;
+  std::string report_head;                  // <ReportData Name="...", up to the start index
+  std::map<std::int32_t, Print> transfers;  // by start index; only for an exact comparison
+  bool report_is_empty = false;
+};
+
+// Asks once for everything in the plan. Fails with the reason when that is no use as a measure: a report that is not
+// there, a refusal.
+Status AskForExpected(const ModuleHost& module, const LoadPlan& plan, ExpectedReplies& expected);
+
+// Threads: belongs to one worker thread; plan and expectation are shared and not changed.
+class LoadScript {
+ public:
+  LoadScript(const LoadPlan& plan, const ExpectedReplies& expected, unsigned thread);
+
+  // Makes the next call and returns what is wrong with its reply, or nothing. `seconds` is the time of the call alone.
+  std::string Step(WorkerThread& worker, double& seconds);
+
+ private:
+  std::string StepWhat(WorkerThread& worker, double& seconds);
+  std::string StepReflect(WorkerThread& worker, double& seconds);
+  std::string StepReports(WorkerThread& worker, double& seconds);
+  std::string StepNames(WorkerThread& worker, double& seconds);
+  std::string CheckRecords(const CallResult& call);
+  std::string CheckEnd(const CallResult& call);
+
+  const LoadPlan& plan_;
+  const ExpectedReplies& expected_;
+  unsigned thread_;
+  std::uint64_t step_;
+  std::int32_t next_index_ = 0;  // of the transfer under way
+};
+
+}  // namespace qx::ctl

@@ -1,0 +1,49 @@
+// A load test of the module: many threads that call it as the service's worker threads do, each reply checked.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tools/qxctl/cli/Status.h"
+#include "tools/qxctl/module/ModuleHost.h"
+#include "tools/qxctl/trial/LatencyHistogram.h"
+#include "tools/qxctl/trial/ProcessFigures.h"
+
+namespace qx::ctl {
+
+struct LoadPlan {
+  unsigned threads = 4;
+  std::uint64_t requests = 0;  // of all threads together; 0: as many as fit into `seconds`
+  double seconds = 0;
+  std::vector<RequestFunction> mix;  // asked in turn; each thread begins at another place
+  std::string report;                // for GetReports and GetReportInstanceNames
+  std::int32_t records_a_call = 100;
+  bool exact = false;  // nobody writes to the report: replies are compared byte for byte with the first transfer
+  BlockValues block;   // but for the thread id, which is each thread's own
+};
+
+struct LoadResult {
+  std::uint64_t requests = 0;
+  std::uint64_t warm_up_requests = 0;
+  std::uint64_t failures = 0;               // replies that were not as expected, the warm-up's included
+  std::vector<std::string> first_failures;  // a few of them in words
+  double seconds = 0;
+  LatencyHistogram latency;
+  MemoryFigures memory_start;  // every thread has warmed up and waits
+  MemoryFigures memory_end;    // every thread has made its last call and waits
+  std::size_t descriptors_start = 0;
+  std::size_t descriptors_end = 0;
+  std::size_t descriptors_idle = 0;  // the threads have ended
+};
+
+// Called ten times a second with the number of requests made so far; false ends the test early.
+using LoadProgress = std::function<bool(std::uint64_t requests)>;
+
+// Runs the plan. Fails only when the first, single-threaded look at the module already finds no such report or a
+// refusal; everything later is a failure in the result.
+Status RunLoad(const ModuleHost& module, const LoadPlan& plan, const LoadProgress& progress, LoadResult& result);
+
+}  // namespace qx::ctl

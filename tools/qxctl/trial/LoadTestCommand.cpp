@@ -1,0 +1,298 @@
+// qxctl module load-test: what the module does under the load of many threads, and what is left of it afterwards.
+#include <CLI/CLI.hpp>
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/module/CallOptions.h"
+#include "tools/qxctl/module/ModuleCommands.h"
+#include "tools/qxctl/trial/LoadTest.h"
+
+namespace qx::ctl {
+
+namespace {
+
+constexpr std::uint64_t kRequestsDefault = 10000;
+#ifdef __SANITIZE_ADDRESS__  // whose allocator takes fresh memory for each thread and size, and keeps freed memory back
+constexpr std::uint64_t kGrowthDefault = std::uint64_t{512} * 1024;
+#else
+constexpr std::uint64_t kGrowthDefault = 4096;
+#endif
+constexpr std::size_t kBytesPerKilobyte = 1024;
+constexpr double kBytesPerMegabyte = 1024.0 * 1024.0;
+constexpr double kNanosecondsPerSecond = 1e9;
+
+struct Options {
+  CallOptions call;
+  LoadPlan plan;
+  std::vector<std::string> mix;
+  std::uint64_t growth_kilobytes = kGrowthDefault;
+  bool json = false;
+};
+
+struct LoadFinding {
+  const char* kind;
+  std::string text;
+};
+
+// Everything that a run tells.
+struct LoadReport {
+  LoadResult result;
+  std::size_t descriptors_before = 0;
+  std::size_t descriptors_after = 0;
+  bool is_unmapped = false;
+  std::vector<LoadFinding> findings;
+};
+
+__attribute__((format(printf, 1, 2))) std::string Text(const char* format, ...) {
+  char text[512];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  return text;
+}
+
+unsigned long long Wide(std::uint64_t number) { return number; }
+
+// --- judging
+
+void JudgeGrowth(const char* what, std::size_t start, std::size_t end, const Options& options, LoadReport& report) {
+  const std::size_t limit = options.growth_kilobytes * kBytesPerKilobyte;
+  if (end <= start || end - start <= limit) return;
+  report.findings.push_back(
+      {"memory", Text("%s grew by %.1f MiB while the load was steady, %.1f bytes a request; a module that keeps "
+                      "nothing stays within %.1f MiB (--growth)",
+                      what, static_cast<double>(end - start) / kBytesPerMegabyte,
+                      static_cast<double>(end - start) / static_cast<double>(report.result.requests + 1),
+                      static_cast<double>(limit) / kBytesPerMegabyte)});
+}
+
+void JudgeDescriptors(const LoadPlan& plan, LoadReport& report) {
+  constexpr std::size_t kFilesOfAReport = 2;  // a thread in the middle of a transfer holds them, one at its end may not
+  const LoadResult& result = report.result;
+  if (result.descriptors_end > result.descriptors_start + kFilesOfAReport * plan.threads) {
+    report.findings.push_back({"descriptors", Text("%zu descriptors were open at the end of the load, %zu at its start",
+                                                   result.descriptors_end, result.descriptors_start)});
+  } else if (report.descriptors_after > report.descriptors_before) {
+    report.findings.push_back(
+        {"descriptors", Text("%zu descriptors are open after the unload, %zu were before the load",
+                             report.descriptors_after, report.descriptors_before)});
+  }
+}
+
+void Judge(const Options& options, LoadReport& report) {
+  const LoadResult& result = report.result;
+  if (result.failures > 0) {
+    report.findings.push_back({"failures", Text("%llu replies were not as expected", Wide(result.failures))});
+  }
+  JudgeGrowth("the memory in use", result.memory_start.in_use_bytes, result.memory_end.in_use_bytes, options, report);
+  JudgeGrowth("the resident memory", result.memory_start.resident_bytes, result.memory_end.resident_bytes, options,
+              report);
+  JudgeDescriptors(options.plan, report);
+  if (!report.is_unmapped) {
+    report.findings.push_back({"unload", "the module is still mapped after dlclose"});
+  }
+}
+
+Status StatusOf(const LoadReport& report) {
+  if (report.findings.empty()) return {};
+  std::string text;
+  for (const LoadFinding& finding : report.findings) text += (text.empty() ? "" : "; ") + finding.text;
+  return {ExitCode::kFinding, text};
+}
+
+// --- showing
+
+// "812 ns", "4.1 us", "12.7 ms"
+std::string TimeText(std::uint64_t nanoseconds) {
+  constexpr double kStep = 1000;
+  auto number = static_cast<double>(nanoseconds);
+  if (number < kStep) return Text("%.0f ns", number);
+  if (number < kStep * kStep) return Text("%.1f us", number / kStep);
+  if (number < kStep * kStep * kStep) return Text("%.1f ms", number / kStep / kStep);
+  return Text("%.1f s", number / kStep / kStep / kStep);
+}
+
+std::string HistogramText(const LatencyHistogram& latency) {
+  constexpr std::uint64_t kBarWidth = 40;
+  std::string text;
+  for (const LatencyHistogram::Bucket& bucket : latency.Octaves()) {
+    const auto bar = static_cast<std::size_t>(bucket.count * kBarWidth / latency.Count());
+    text += Text("  %9s - %9s %12llu  ", TimeText(bucket.from_ns).c_str(), TimeText(bucket.to_ns).c_str(),
+                 Wide(bucket.count)) +
+            (bucket.count == 0 ? "" : std::string(bar + 1, '#')) + "\n";
+  }
+  return text;
+}
+
+std::string MemoryText(const LoadResult& result) {
+  const auto megabytes = [](std::size_t bytes) { return static_cast<double>(bytes) / kBytesPerMegabyte; };
+  return Text("memory        resident %.1f MiB at the start, %.1f MiB at the end; in use %.2f MiB, %.2f MiB\n",
+              megabytes(result.memory_start.resident_bytes), megabytes(result.memory_end.resident_bytes),
+              megabytes(result.memory_start.in_use_bytes), megabytes(result.memory_end.in_use_bytes));
+}
+
+std::string ReportText(const Options& options, const LoadReport& report) {
+  const LoadResult& result = report.result;
+  const double rate = result.seconds > 0 ? static_cast<double>(result.requests) / result.seconds : 0;
+  std::string text = Text("requests      %llu in %.2f s by %u threads, behind %llu to warm up\n", Wide(result.requests),
+                          result.seconds, options.plan.threads, Wide(result.warm_up_requests)) +
+                     Text("failures      %llu\n", Wide(result.failures)) +
+                     Text("rate          %.1f requests/s\n", rate);
+  text += "latency       p50 " + TimeText(result.latency.Percentile(0.5)) + ", p90 " +
+          TimeText(result.latency.Percentile(0.9)) + ", p99 " + TimeText(result.latency.Percentile(0.99)) + ", p99.9 " +
+          TimeText(result.latency.Percentile(0.999)) + ", max " + TimeText(result.latency.Max()) + "\n";
+  text += HistogramText(result.latency) + MemoryText(result);
+  text += Text("descriptors   %zu before the load, %zu at the start, %zu at the end, %zu after the unload\n",
+               report.descriptors_before, result.descriptors_start, result.descriptors_end, report.descriptors_after);
+  return text + "unload        " + (report.is_unmapped ? "nothing of the module is mapped" : "still mapped") + "\n";
+}
+
+Json LatencyToJson(const LatencyHistogram& latency) {
+  const auto seconds = [](std::uint64_t ns) { return static_cast<double>(ns) / kNanosecondsPerSecond; };
+  Json json = {{"p50Seconds", seconds(latency.Percentile(0.5))},
+               {"p90Seconds", seconds(latency.Percentile(0.9))},
+               {"p99Seconds", seconds(latency.Percentile(0.99))},
+               {"p999Seconds", seconds(latency.Percentile(0.999))},
+               {"maxSeconds", seconds(latency.Max())},
+               {"histogram", Json::array()}};
+  for (const LatencyHistogram::Bucket& bucket : latency.Octaves()) {
+    json["histogram"].push_back(
+        {{"fromSeconds", seconds(bucket.from_ns)}, {"toSeconds", seconds(bucket.to_ns)}, {"requests", bucket.count}});
+  }
+  return json;
+}
+
+Json ReportToJson(const Options& options, const LoadReport& report, const Status& status) {
+  const LoadResult& result = report.result;
+  Json json = {{"threads", options.plan.threads},
+               {"requests", result.requests},
+               {"warmUpRequests", result.warm_up_requests},
+               {"seconds", result.seconds},
+               {"requestsPerSecond", result.seconds > 0 ? static_cast<double>(result.requests) / result.seconds : 0},
+               {"failures", result.failures},
+               {"firstFailures", Json::array()},
+               {"latency", LatencyToJson(result.latency)}};
+  for (const std::string& failure : result.first_failures) json["firstFailures"].push_back(Visible(failure));
+  json["memory"] = {{"residentBytesAtStart", result.memory_start.resident_bytes},
+                    {"residentBytesAtEnd", result.memory_end.resident_bytes},
+                    {"inUseBytesAtStart", result.memory_start.in_use_bytes},
+                    {"inUseBytesAtEnd", result.memory_end.in_use_bytes}};
+  json["descriptors"] = {{"beforeLoad", report.descriptors_before},
+                         {"atStart", result.descriptors_start},
+                         {"atEnd", result.descriptors_end},
+                         {"afterUnload", report.descriptors_after}};
+  json["unmapped"] = report.is_unmapped;
+  json["findings"] = Json::array();
+  for (const LoadFinding& finding : report.findings) {
+    json["findings"].push_back({{"kind", finding.kind}, {"text", finding.text}});
+  }
+  json["exitCode"] = static_cast<int>(status.Code());
+  return json;
+}
+
+Status Show(Context& context, const Options& options, const LoadReport& report) {
+  const Status status = StatusOf(report);
+  Status printed;
+  if (options.json) {
+    printed = context.output.Document(ReportToJson(options, report, status));
+  } else {
+    printed = context.output.Data(ReportText(options, report));
+    for (const std::string& failure : report.result.first_failures) context.output.Note(Visible(failure));
+  }
+  return printed.IsOk() ? status : printed;
+}
+
+// --- running
+
+const std::map<std::string, RequestFunction>& MixNames() {
+  static const std::map<std::string, RequestFunction> names = {{"what", RequestFunction::kWhat},
+                                                               {"reflect", RequestFunction::kReflect},
+                                                               {"reports", RequestFunction::kGetReports},
+                                                               {"names", RequestFunction::kGetReportInstanceNames}};
+  return names;
+}
+
+Status CompletePlan(Options& options) {
+  LoadPlan& plan = options.plan;
+  if (plan.requests == 0 && plan.seconds <= 0) plan.requests = kRequestsDefault;
+  const bool has_report = !plan.report.empty();
+  if (options.mix.empty()) {
+    options.mix = {"what", "reflect"};
+    if (has_report) options.mix.insert(options.mix.end(), {"reports", "names"});
+  }
+  plan.block = options.call.block;
+  for (const std::string& name : options.mix) plan.mix.push_back(MixNames().at(name));
+  for (const RequestFunction function : plan.mix) {
+    const bool needs_report =
+        function == RequestFunction::kGetReports || function == RequestFunction::kGetReportInstanceNames;
+    if (needs_report && !has_report) return {ExitCode::kUsage, "name a report with --report for reports and names"};
+  }
+  return {};
+}
+
+Status RunUnderLoad(Context& context, const Options& options, LoadReport& report) {
+  std::unique_ptr<ModuleHost> module;
+  if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
+  const InterruptGuard guard;
+  const auto progress = [&](std::uint64_t requests) {
+    context.output.Progress(std::to_string(requests) + " requests");
+    return InterruptSignal() == 0;
+  };
+  return RunLoad(*module, options.plan, progress, report.result);
+}
+
+Status LoadTest(Context& context, Options& options) {
+  if (Status status = CompletePlan(options); !status.IsOk()) return status;
+  if (Status status = context.traces.ProtectService(); !status.IsOk()) return status;
+  LoadReport report;
+  report.descriptors_before = OpenDescriptors();
+  if (Status status = RunUnderLoad(context, options, report); !status.IsOk()) return status;
+  report.descriptors_after = OpenDescriptors();
+  report.is_unmapped = !IsMapped(FindModule(options.call.module_path));
+  Judge(options, report);
+  return Show(context, options, report);
+}
+
+void AddPlanOptions(CLI::App& command, Options& options) {
+  constexpr unsigned kThreadsMax = 256;
+  command.add_option("--threads", options.plan.threads, "Worker threads (default 4)")
+      ->check(CLI::Range(1U, kThreadsMax));
+  CLI::Option* const requests =
+      command.add_option("--requests", options.plan.requests, "Requests of all threads together (default 10000)");
+  command
+      .add_option("--duration", options.plan.seconds, "Seconds that the load lasts, instead of a number of requests")
+      ->check(CLI::PositiveNumber)
+      ->excludes(requests);
+  command.add_option("--report", options.plan.report, "Report that reports and names ask for")->type_name("NAME");
+  command
+      .add_option("--mix", options.mix, "What is asked in turn: what, reflect, reports, names; a word may be repeated")
+      ->delimiter(',')
+      ->check(CLI::IsMember({"what", "reflect", "reports", "names"}));
+  command.add_option("--records", options.plan.records_a_call, "Most records in a reply (default 100)")
+      ->check(CLI::PositiveNumber);
+  command.add_flag("--exact", options.plan.exact, "Nobody writes to the report: its records must stay the same bytes");
+  command.add_option("--growth", options.growth_kilobytes,
+                     "KiB by which memory may grow in the steady state (default 4096)");
+}
+
+}  // namespace
+
+void AddModuleLoadTest(CLI::App& module, Context& context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = *module.add_subcommand("load-test", "Call the module from many threads and check every reply");
+  AddPlanOptions(command, *options);
+  command.add_flag("--json", options->json, "Print the figures as JSON");
+  AddCallOptions(command, options->call);
+  command.callback([&context, options] { context.run = [&context, options] { return LoadTest(context, *options); }; });
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,181 @@
+// Calls in an order that no service keeps: ends before beginnings, twice what is once, threads mixed up.
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tools/qxctl/trial/FaultCases.h"
+
+namespace qx::ctl {
+
+namespace {
+
+constexpr char kIdentified[] = "result 0, <QXRemConXfer>";
+constexpr unsigned kThreads = 8;
+
+std::string AskWhat(FaultHost& host) {
+  RawBlock block;
+  block.SetElements(GoodElements(block));
+  return host.Ask(RequestFunction::kWhat, block.Raw(), "");
+}
+
+// A request of a thread that has the module's data `data`, which is carried on.
+std::string AskWithData(FaultHost& host, void*& data) {
+  RawBlock block;
+  block.SetElements(GoodElements(block));
+  block.ProviderData()->value = data;
+  std::string told = AskNoReport(host, block);
+  data = block.ProviderData()->value;
+  return told;
+}
+
+std::string EndThenAsk(FaultHost& host) {
+  void* data = nullptr;
+  host.BeginThread();
+  (void)AskWithData(host, data);
+  host.EndThread(data);
+  data = nullptr;
+  std::string told = AskWithData(host, data);
+  host.EndThread(data);
+  return told;
+}
+
+std::string BeginTwice(FaultHost& host) {
+  host.BeginThread();
+  host.BeginThread();
+  void* data = nullptr;
+  std::string told = AskWithData(host, data);
+  host.EndThread(data);
+  return told;
+}
+
+// Without data nothing is to be freed, however often.
+std::string EndTwice(FaultHost& host) {
+  host.EndThread(nullptr);
+  host.BeginThread();
+  host.EndThread(nullptr);
+  host.EndThread(nullptr);
+  return AskWhat(host);
+}
+
+std::string AskWithoutBegin(FaultHost& host) {
+  void* data = nullptr;
+  std::string told = AskWithData(host, data);
+  host.EndThread(data);
+  return told;
+}
+
+// One thread's data goes on with another thread, as when a host numbers its threads anew.
+std::string DataOfAnotherThread(FaultHost& host) {
+  void* data = nullptr;
+  std::thread([&] { (void)AskWithData(host, data); }).join();
+  std::string told = AskWithData(host, data);
+  std::thread([&] { host.EndThread(data); }).join();
+  return told;
+}
+
+std::string StopThenAsk(FaultHost& host) {
+  host.StopRequest();
+  host.StopRequest();
+  return AskWhat(host);
+}
+
+std::string DeleteThenCreate(FaultHost& host) {
+  host.DeleteModule();
+  std::string told = host.HasObject() ? "the object is still there, " : "no object, ";
+  told += "created " + std::to_string(host.CreateModule()) + ", ";
+  return told + AskWhat(host);
+}
+
+std::string DeleteTwice(FaultHost& host) {
+  host.DeleteModule();
+  host.DeleteModule();
+  return host.HasObject() ? "the object is still there" : "no object";
+}
+
+std::string CreateTwice(FaultHost& host) {
+  std::string told = "created " + std::to_string(host.CreateModule());
+  told += ", created " + std::to_string(host.CreateModule());
+  return told + ", " + AskWhat(host);
+}
+
+std::string Reload(FaultHost& host) {
+  constexpr int kTimes = 5;
+  std::string told;
+  for (int i = 0; i < kTimes; ++i) {
+    told = AskWhat(host);
+    host.Unload();
+    host.Load();
+  }
+  return told;
+}
+
+// The data of a thread that never ended is left behind.
+std::string UnloadWithoutEnd(FaultHost& host) {
+  void* data = nullptr;
+  (void)AskWithData(host, data);
+  host.Unload();
+  host.Load();
+  return AskWhat(host);
+}
+
+// Requests of one thread: its own number stands in each, and must stand in the reply.
+unsigned MixUps(FaultHost& host, unsigned number) {
+  constexpr unsigned kRequests = 100;
+  unsigned wrong = 0;
+  void* data = nullptr;
+  const std::string document = "<a n=\"" + std::to_string(number) + "\"/>";
+  for (unsigned i = 0; i < kRequests; ++i) {
+    RawBlock block;
+    block.SetElements(GoodElements(block, number + 1));
+    if (host.Ask(RequestFunction::kReflect, block.Raw(), document.c_str()) != "result 0, echo") ++wrong;
+    if (AskWithData(host, data) != kNoReportOutcome) ++wrong;
+    if (i % 10 != 0) continue;
+    host.EndThread(data);
+    data = nullptr;
+  }
+  host.EndThread(data);
+  return wrong;
+}
+
+// Threads that call, end and call again among each other, none of them begun.
+std::string Interleaved(FaultHost& host) {
+  std::atomic<unsigned> wrong{0};
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&host, &wrong, i] { wrong += MixUps(host, i); });
+  }
+  for (std::thread& thread : threads) thread.join();
+  return std::to_string(wrong) + " replies of other calls";
+}
+
+}  // namespace
+
+void AddOrderFaults(std::vector<FaultCase>& cases) {
+  cases.insert(
+      cases.end(),
+      {{"order", "request-before-begin", "Calls on a thread that never began", kNoReportOutcome, AskWithoutBegin},
+       {"order", "begin-twice", "Begins a thread twice", kNoReportOutcome, BeginTwice},
+       {"order", "end-first", "Ends a thread before it began, and again", kIdentified, EndTwice},
+       {"order", "request-after-end", "Calls on a thread that has ended", kNoReportOutcome, EndThenAsk},
+       {"order", "data-of-another", "Hands in the data of another thread", kNoReportOutcome, DataOfAnotherThread},
+       {"order", "free-null", "Frees a null reply", kIdentified,
+        [](FaultHost& host) {
+          host.Free(nullptr);
+          return AskWhat(host);
+        }},
+       {"order", "version", "Asks for the version of the calling rules", "30400",
+        [](FaultHost& host) { return std::to_string(host.HandleVersion()); }},
+       {"order", "request-after-stop", "Calls after the stop request", kIdentified, StopThenAsk},
+       {"order", "delete-create", "Deletes the module object, creates one and calls",
+        std::string("no object, created 1, ") + kIdentified, DeleteThenCreate},
+       {"order", "delete-twice", "Deletes the module object twice", "no object", DeleteTwice},
+       {"order", "create-twice", "Creates two more module objects and calls",
+        std::string("created 1, created 1, ") + kIdentified, CreateTwice},
+       {"order", "reload", "Unloads and loads five times", kIdentified, Reload},
+       {"order", "unload-without-end", "Unloads while a thread has not ended", kIdentified, UnloadWithoutEnd},
+       {"order", "interleaved", "Eight threads that call and end among each other", "0 replies of other calls",
+        Interleaved}});
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,158 @@
+// qxctl module record: makes calls and keeps each as a file, block, input, result, state word and reply.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "tools/qxctl/cli/Input.h"
+#include "tools/qxctl/cli/OutputFile.h"
+#include "tools/qxctl/module/CallOptions.h"
+#include "tools/qxctl/module/InstanceNames.h"
+#include "tools/qxctl/module/ModuleCommands.h"
+#include "tools/qxctl/module/ReportDocuments.h"
+#include "tools/qxctl/module/StateWord.h"
+#include "tools/qxctl/trial/CallFile.h"
+
+namespace qx::ctl {
+
+namespace {
+
+struct Options {
+  CallOptions call;
+  std::string target;
+  std::string function;
+  std::string input;
+  ReportRequest request;
+  bool transfer = false;
+  bool force = false;
+};
+
+const std::map<std::string, RequestFunction>& Functions() {
+  static const std::map<std::string, RequestFunction> functions = {{"what", RequestFunction::kWhat},
+                                                                   {"reflect", RequestFunction::kReflect},
+                                                                   {"reports", RequestFunction::kGetReports},
+                                                                   {"names", RequestFunction::kGetReportInstanceNames}};
+  return functions;
+}
+
+RequestFunction FunctionOf(const Options& options) { return Functions().at(options.function); }
+
+bool IsDirectory(const std::string& path) {
+  struct stat found;
+  return stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
+}
+
+// "DIR/0001-GetReports.json": numbered on, so that the order of names is the order of calls.
+std::string NextFile(const std::string& directory, RequestFunction function) {
+  int last = 0;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+    int number = 0;
+    if (std::sscanf(entry.path().filename().c_str(), "%4d-", &number) == 1) last = std::max(last, number);
+  }
+  char number[16];
+  std::snprintf(number, sizeof number, "%04d", last + 1);
+  return directory + "/" + number + "-" + NameOf(function) + ".json";
+}
+
+Status Keep(Context& context, const Options& options, const RecordedCall& call) {
+  const bool is_directory = IsDirectory(options.target);
+  const std::string path = is_directory ? NextFile(options.target, FunctionOf(options)) : options.target;
+  if (!options.force && access(path.c_str(), F_OK) == 0) {
+    return {ExitCode::kRefused, path + " exists; name another file, or replace it with --force"};
+  }
+  OutputFile file;
+  if (Status status = file.Open(path); !status.IsOk()) return status;
+  if (Status status = file.Write(CallFileText(call)); !status.IsOk()) return status;
+  if (Status status = file.Commit(); !status.IsOk()) return status;
+  context.output.Note(path + ": " + call.function + ", result " + std::to_string(call.result) + ", reply " +
+                      (call.reply.has_value() ? std::to_string(call.reply->size()) + " bytes" : "none"));
+  return {};
+}
+
+Status MakeInput(const Options& options, std::string& input) {
+  const RequestFunction function = FunctionOf(options);
+  const bool is_of_report =
+      function == RequestFunction::kGetReports || function == RequestFunction::kGetReportInstanceNames;
+  if (!is_of_report || !options.input.empty()) return ReadArgument(options.input, input);
+  if (options.request.name.empty()) {
+    return {ExitCode::kUsage, "name a report, or give a request document with --input"};
+  }
+  input =
+      function == RequestFunction::kGetReports ? RequestText(options.request) : NamesRequestText(options.request.name);
+  return {};
+}
+
+RecordedCall MakeCall(WorkerThread& worker, RequestFunction function, const std::string& input) {
+  const CallResult answer = worker.Call(function, input);
+  RecordedCall call;
+  call.function = NameOf(function);
+  call.block = BlockToJson(*worker.Block().Raw());
+  call.input = input;
+  call.result = answer.result;
+  if (function == RequestFunction::kGetReports) call.state_word = StateWordOf(worker.Block().ProviderData());
+  call.reply = answer.reply;
+  return call;
+}
+
+// All calls of one transfer, up to the one that finds nothing any more.
+Status RecordTransfer(Context& context, Options options, WorkerThread& worker) {
+  for (;;) {
+    const RecordedCall call = MakeCall(worker, RequestFunction::kGetReports, RequestText(options.request));
+    if (Status status = Keep(context, options, call); !status.IsOk()) return status;
+    const CallResult answer{call.result, call.reply, 0};
+    const ReportReply reply = ParseReply(answer);
+    if (IsEndOfReport(answer)) return {};
+    if (Status status = StatusOfReports(answer, reply); !status.IsOk()) return status;
+    if (reply.next_index <= options.request.start_index) {
+      return {ExitCode::kFinding, "the module's transfer does not get on"};
+    }
+    options.request.start_index = reply.next_index;
+  }
+}
+
+Status CheckTransfer(const Options& options) {
+  if (!options.transfer) return {};
+  if (options.function != "reports" || options.request.name.empty() || !IsDirectory(options.target)) {
+    return {ExitCode::kUsage, "--transfer needs a directory for the files, reports, and the report's name"};
+  }
+  return {};
+}
+
+Status Record(Context& context, const Options& options) {
+  if (Status status = CheckTransfer(options); !status.IsOk()) return status;
+  std::string input;
+  if (Status status = MakeInput(options, input); !status.IsOk()) return status;
+  std::unique_ptr<ModuleHost> module;
+  if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
+  WorkerThread worker(*module, options.call.block);
+  if (options.transfer) return RecordTransfer(context, options, worker);
+  return Keep(context, options, MakeCall(worker, FunctionOf(options), input));
+}
+
+}  // namespace
+
+void AddModuleRecord(CLI::App& module, Context& context) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = *module.add_subcommand("record", "Make a call and keep it as a file");
+  command.add_option("TARGET", options->target, "File, or directory for a numbered file")->required();
+  command.add_option("FUNCTION", options->function, "What is called: what, reflect, reports, names")
+      ->required()
+      ->check(CLI::IsMember({"what", "reflect", "reports", "names"}));
+  command.add_option("NAME", options->request.name, "Report name, below the report directory");
+  command.add_option("--input", options->input, "Request document: TEXT, @FILE, or @- for standard input");
+  command.add_option("--start", options->request.start_index, "Index of the first record, 0 being the oldest");
+  command.add_option("--records", options->request.record_count, "Most records in the reply");
+  command.add_flag("--transfer", options->transfer, "Keep every call of a transfer, to its end");
+  command.add_flag("--force", options->force, "Replace a file that exists");
+  AddCallOptions(command, options->call);
+  command.callback([&context, options] { context.run = [&context, options] { return Record(context, *options); }; });
+}
+
+}  // namespace qx::ctl
