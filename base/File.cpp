@@ -1,0 +1,254 @@
+#include "base/File.h"
+
+#include <pthread.h>
+#include <sys/file.h>
+#include <sys/uio.h>
+
+#include <array>
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "base/FileCalls.h"
+
+namespace qx::file {
+
+namespace {
+
+constexpr int kAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+// Texts this short are copied next to each other: that costs less than a vectored write.
+constexpr std::size_t kShortWriteBytes = 512;
+
+constexpr std::size_t kBlockBytes = 65536;
+
+// Repeats `call` while a signal interrupts it.
+template <typename Call>
+auto Uninterrupted(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) result = call();
+  return result;
+}
+
+// 0 or the error number of a call that returns 0 or -1.
+template <typename Call>
+int ErrorOf(Call call) {
+  return Uninterrupted(call) == 0 ? 0 : errno;
+}
+
+// Calls `move(done)` for what is left of `size` bytes until all are done, nothing more comes, or it fails.
+template <typename Move>
+Progress MoveAll(std::size_t size, Move move) {
+  Progress progress;
+  while (progress.bytes < size) {
+    const ssize_t count = move(progress.bytes);
+    const int error = errno;
+    if (count < 0 && error == EINTR) continue;
+    if (count < 0) progress.error = error;
+    if (count <= 0) break;
+    progress.bytes += static_cast<std::size_t>(count);
+  }
+  return progress;
+}
+
+// A write that takes nothing and reports no error would be repeated for ever.
+Progress CheckWritten(Progress progress, std::size_t size) {
+  if (progress.bytes < size && progress.error == 0) progress.error = EIO;
+  if (progress.error != 0) errno = progress.error;
+  return progress;
+}
+
+Progress WriteOneAt(int descriptor, std::int64_t offset, std::string_view bytes) {
+  const auto move = [&](std::size_t done) {
+    return calls::WriteAt(descriptor, bytes.data() + done, bytes.size() - done, offset + static_cast<off_t>(done));
+  };
+  return CheckWritten(MoveAll(bytes.size(), move), bytes.size());
+}
+
+iovec PartOf(std::string_view bytes) { return {const_cast<char*>(bytes.data()), bytes.size()}; }
+
+Progress WriteTwoAt(int descriptor, std::int64_t offset, std::string_view first, std::string_view second) {
+  const std::size_t size = first.size() + second.size();
+  const auto move = [&](std::size_t done) {
+    const std::size_t done_of_first = done < first.size() ? done : first.size();
+    const std::size_t done_of_second = done - done_of_first;
+    const iovec parts[] = {PartOf(first.substr(done_of_first)), PartOf(second.substr(done_of_second))};
+    const bool has_first = done_of_first < first.size();
+    return calls::WriteVectorAt(descriptor, has_first ? parts : parts + 1, has_first ? 2 : 1,
+                                offset + static_cast<off_t>(done));
+  };
+  return CheckWritten(MoveAll(size, move), size);
+}
+
+// Closes without being a cancellation point: an exit of the thread inside a destructor would end the program.
+void CloseQuietly(int number) {
+  const int error = errno;
+  int state = 0;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+  (void)calls::Close(number);  // nothing was written, or nobody is to see it
+  pthread_setcancelstate(state, nullptr);
+  errno = error;
+}
+
+}  // namespace
+
+Descriptor::~Descriptor() {
+  if (IsOpen()) CloseQuietly(number_);
+}
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+  if (this == &other) return *this;
+  if (IsOpen()) CloseQuietly(number_);
+  number_ = other.Release();
+  return *this;
+}
+
+int Descriptor::Release() noexcept { return std::exchange(number_, -1); }
+
+int Descriptor::Close() {
+  const int number = Release();
+  return number < 0 || calls::Close(number) == 0 ? 0 : errno;
+}
+
+Descriptor Open(const char* path, int flags, mode_t mode, int directory) {
+  return Descriptor(Uninterrupted([&] { return calls::OpenAt(directory, path, flags | kAlways, mode); }));
+}
+
+Descriptor OpenRegular(const char* path, int flags, mode_t mode, int directory) {
+  if ((flags & O_TRUNC) != 0) {
+    errno = EINVAL;
+    return {};
+  }
+  Descriptor file = Open(path, flags, mode, directory);
+  if (!file.IsOpen()) return file;
+  struct stat status;
+  if (StatusOf(file.Number(), status) != 0) return {};
+  if (S_ISREG(status.st_mode)) return file;
+  errno = EINVAL;
+  return {};
+}
+
+Descriptor OpenDirectory(const char* path, int flags, int directory) {
+  return Open(path, flags | O_RDONLY | O_DIRECTORY, 0, directory);
+}
+
+Progress Read(int descriptor, void* to, std::size_t size) {
+  return MoveAll(size,
+                 [&](std::size_t done) { return calls::Read(descriptor, static_cast<char*>(to) + done, size - done); });
+}
+
+Progress Write(int descriptor, std::string_view bytes) {
+  const auto move = [&](std::size_t done) {
+    return calls::Write(descriptor, bytes.data() + done, bytes.size() - done);
+  };
+  return CheckWritten(MoveAll(bytes.size(), move), bytes.size());
+}
+
+Progress ReadAt(int descriptor, std::int64_t offset, void* to, std::size_t size) {
+  return MoveAll(size, [&](std::size_t done) {
+    return calls::ReadAt(descriptor, static_cast<char*>(to) + done, size - done, offset + static_cast<off_t>(done));
+  });
+}
+
+Progress WriteAt(int descriptor, std::int64_t offset, std::string_view first, std::string_view second) {
+  if (second.empty()) return WriteOneAt(descriptor, offset, first);
+  if (first.size() + second.size() > kShortWriteBytes) return WriteTwoAt(descriptor, offset, first, second);
+  char both[kShortWriteBytes];
+  first.copy(both, first.size());
+  second.copy(both + first.size(), second.size());
+  return WriteOneAt(descriptor, offset, {both, first.size() + second.size()});
+}
+
+int ReadWhole(int descriptor, std::string& bytes, std::size_t size_max) {
+  std::array<char, kBlockBytes> block;
+  for (;;) {
+    const Progress progress = Read(descriptor, block.data(), block.size());
+    try {
+      bytes.append(block.data(), progress.bytes);
+    } catch (const std::bad_alloc&) {
+      return ENOMEM;
+    }
+    if (progress.Failed()) return progress.error;
+    if (bytes.size() > size_max) return EFBIG;
+    if (progress.bytes < block.size()) return 0;
+  }
+}
+
+int Truncate(int descriptor, std::int64_t size) {
+  return ErrorOf([&] { return calls::Truncate(descriptor, size); });
+}
+
+int StatusOf(int descriptor, struct stat& status) {
+  return ErrorOf([&] { return calls::Status(descriptor, &status); });
+}
+
+int StatusOf(const char* path, struct stat& status, int flags, int directory) {
+  return ErrorOf([&] { return calls::StatusAt(directory, path, &status, flags); });
+}
+
+bool IsSameFile(const struct stat& left, const struct stat& right) {
+  return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
+}
+
+bool IsUnchanged(const struct stat& before, const struct stat& now) {
+  return IsSameFile(before, now) && before.st_size == now.st_size && before.st_mtim.tv_sec == now.st_mtim.tv_sec &&
+         before.st_mtim.tv_nsec == now.st_mtim.tv_nsec;
+}
+
+int Sync(int descriptor) {
+  return ErrorOf([&] { return calls::Sync(descriptor); });
+}
+
+int SyncData(int descriptor) {
+  return ErrorOf([&] { return calls::SyncData(descriptor); });
+}
+
+int SyncFileSystem(int descriptor) {
+  return ErrorOf([&] { return calls::SyncFileSystem(descriptor); });
+}
+
+int SyncDirectory(const char* path) {
+  const Descriptor directory = OpenDirectory(path);
+  return directory.IsOpen() ? Sync(directory.Number()) : errno;
+}
+
+std::string DirectoryOf(std::string_view path) {
+  const std::size_t last = path.find_last_not_of('/');
+  if (last == std::string_view::npos) return path.empty() ? "." : "/";
+  const std::size_t slash = path.find_last_of('/', last);
+  if (slash == std::string_view::npos) return ".";
+  const std::size_t end = path.find_last_not_of('/', slash);
+  return end == std::string_view::npos ? "/" : std::string(path.substr(0, end + 1));
+}
+
+int Rename(const char* from, const char* to) {
+  return ErrorOf([&] { return calls::Rename(from, to); });
+}
+
+int Rename(int from_directory, const char* from, int to_directory, const char* to) {
+  return ErrorOf([&] { return calls::RenameAt(from_directory, from, to_directory, to, 0); });
+}
+
+int RenameWithoutReplacing(const char* from, const char* to, int from_directory, int to_directory) {
+  const int error = ErrorOf([&] { return calls::RenameAt(from_directory, from, to_directory, to, RENAME_NOREPLACE); });
+  if (error != EINVAL && error != ENOSYS) return error;
+  // This file system does not know the flag: a check before the rename is the best there is.
+  struct stat status;
+  const int status_error = StatusOf(to, status, AT_SYMLINK_NOFOLLOW, to_directory);
+  if (status_error == 0) return EEXIST;
+  return status_error == ENOENT ? Rename(from_directory, from, to_directory, to) : status_error;
+}
+
+int Exchange(const char* left, const char* right) {
+  return ErrorOf([&] { return calls::RenameAt(AT_FDCWD, left, AT_FDCWD, right, RENAME_EXCHANGE); });
+}
+
+int Remove(const char* path, int flags, int directory) {
+  return ErrorOf([&] { return calls::UnlinkAt(directory, path, flags); });
+}
+
+int TryLock(int descriptor) {
+  return ErrorOf([&] { return calls::Lock(descriptor, LOCK_EX | LOCK_NB); });
+}
+
+}  // namespace qx::file

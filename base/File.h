@@ -1,0 +1,120 @@
+// The one seam to the system's file calls: a descriptor owner, opens, whole reads and writes, syncs and renames.
+//
+// What every call here has in common:
+//   - It is repeated after EINTR, and a read or write after a short count, until it is complete or fails.
+//   - A function that returns int returns 0 or the error number. A function that returns a descriptor or bool leaves
+//     the error number in errno. Nothing throws, unless it says so.
+//   - Files are opened close-on-exec, never as a controlling terminal, and non-blocking: the open of a FIFO without a
+//     writer, or of a device, does not wait. Regular files do not notice.
+//   - Most of these calls are cancellation points, so none is noexcept. The destructor of a descriptor is none.
+//
+// Policies (backups, links, owners, locks of edits) are in base/tools/ReplacedFile.h. The streams that the store class
+// owns by contract are opened on descriptors from here.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace qx::file {
+
+// Owns a descriptor, or none.
+//
+// Threads: one thread at a time.
+// Owns: the descriptor; it is closed at the end of the scope.
+// Failure: the destructor cannot report one. Who has written calls Close, because a full disk may show only there.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int number) : number_(number) {}
+  ~Descriptor();  // keeps errno, and is no cancellation point
+  Descriptor(Descriptor&& other) noexcept : number_(other.Release()) {}
+  Descriptor& operator=(Descriptor&& other) noexcept;
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  [[nodiscard]] bool IsOpen() const { return number_ >= 0; }
+  // -1 if none is open.
+  [[nodiscard]] int Number() const { return number_; }
+  // The caller owns the number from here on.
+  [[nodiscard]] int Release() noexcept;
+  // Closes it, once: after EINTR the number is free, and may already be another thread's file. 0 if none was open.
+  [[nodiscard]] int Close();
+
+ private:
+  int number_ = -1;
+};
+
+// Opens anything. `flags` are those of open(2); a relative `path` begins at the descriptor `directory`. [any thread]
+[[nodiscard]] Descriptor Open(const char* path, int flags, mode_t mode = 0, int directory = AT_FDCWD);
+
+// Opens a regular file; EINVAL for anything else. O_TRUNC is refused with EINVAL as well: who empties a file checks it
+// first, and then calls Truncate. [any thread]
+[[nodiscard]] Descriptor OpenRegular(const char* path, int flags, mode_t mode = 0, int directory = AT_FDCWD);
+
+// Opens a directory for reading; ENOTDIR for anything else. `flags` may add O_NOFOLLOW. [any thread]
+[[nodiscard]] Descriptor OpenDirectory(const char* path, int flags = 0, int directory = AT_FDCWD);
+
+// How far a read or write came, and why it ended there.
+struct Progress {
+  std::size_t bytes = 0;
+  int error = 0;  // 0: it is complete, or a read reached the end of the file
+
+  [[nodiscard]] bool Failed() const { return error != 0; }
+};
+
+// From the file's own position.
+[[nodiscard]] Progress Read(int descriptor, void* to, std::size_t size);
+[[nodiscard]] Progress Write(int descriptor, std::string_view bytes);
+
+// From `offset`; the file's own position stays.
+[[nodiscard]] Progress ReadAt(int descriptor, std::int64_t offset, void* to, std::size_t size);
+// Writes `first` and directly after it `second`: in one call, unless the system takes less than it was given.
+[[nodiscard]] Progress WriteAt(int descriptor, std::int64_t offset, std::string_view first,
+                               std::string_view second = {});
+
+// Appends what is left of the file to `bytes`. EFBIG if `bytes` would exceed `size_max`, ENOMEM without memory; what
+// was read until then is in `bytes`.
+[[nodiscard]] int ReadWhole(int descriptor, std::string& bytes, std::size_t size_max);
+
+[[nodiscard]] int Truncate(int descriptor, std::int64_t size);
+[[nodiscard]] int StatusOf(int descriptor, struct stat& status);
+// Of a name; `flags` may be AT_SYMLINK_NOFOLLOW.
+[[nodiscard]] int StatusOf(const char* path, struct stat& status, int flags = 0, int directory = AT_FDCWD);
+
+// True if both describe one file, whatever its names.
+[[nodiscard]] bool IsSameFile(const struct stat& left, const struct stat& right);
+// True if both describe one file and nobody wrote to it in between, as far as size and time show.
+[[nodiscard]] bool IsUnchanged(const struct stat& before, const struct stat& now);
+
+// Data and metadata; data and what is needed to read it; everything of the file system that the file is on.
+[[nodiscard]] int Sync(int descriptor);
+[[nodiscard]] int SyncData(int descriptor);
+[[nodiscard]] int SyncFileSystem(int descriptor);
+// Opens the directory, syncs it and closes it.
+[[nodiscard]] int SyncDirectory(const char* path);
+
+// "a/b" => "a"   "/a" => "/"   "a" => "."   "a/b/" => "a"   "" => "."
+// [any thread] Throws std::bad_alloc.
+[[nodiscard]] std::string DirectoryOf(std::string_view path);
+
+// Renames `from`, replacing `to`.
+[[nodiscard]] int Rename(const char* from, const char* to);
+[[nodiscard]] int Rename(int from_directory, const char* from, int to_directory, const char* to);
+// EEXIST if there is a `to`. A file system that cannot promise this is asked before the rename instead.
+[[nodiscard]] int RenameWithoutReplacing(const char* from, const char* to, int from_directory = AT_FDCWD,
+                                         int to_directory = AT_FDCWD);
+// Swaps two names in one step.
+[[nodiscard]] int Exchange(const char* left, const char* right);
+// Removes a name; `flags` may be AT_REMOVEDIR.
+[[nodiscard]] int Remove(const char* path, int flags = 0, int directory = AT_FDCWD);
+
+// Takes the advisory lock of the file, exclusive, without waiting: EWOULDBLOCK if another open file holds it.
+[[nodiscard]] int TryLock(int descriptor);
+
+}  // namespace qx::file

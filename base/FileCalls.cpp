@@ -1,0 +1,43 @@
+#include "base/FileCalls.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace qx::calls {
+
+int OpenAt(int directory, const char* path, int flags, mode_t mode) { return ::openat(directory, path, flags, mode); }
+int Close(int descriptor) { return ::close(descriptor); }
+
+ssize_t Read(int descriptor, void* to, std::size_t size) { return ::read(descriptor, to, size); }
+ssize_t ReadAt(int descriptor, void* to, std::size_t size, off_t offset) {
+  return ::pread(descriptor, to, size, offset);
+}
+ssize_t Write(int descriptor, const void* from, std::size_t size) { return ::write(descriptor, from, size); }
+ssize_t WriteAt(int descriptor, const void* from, std::size_t size, off_t offset) {
+  return ::pwrite(descriptor, from, size, offset);
+}
+ssize_t WriteVectorAt(int descriptor, const iovec* parts, int count, off_t offset) {
+  return ::pwritev(descriptor, parts, count, offset);
+}
+
+int Truncate(int descriptor, off_t size) { return ::ftruncate(descriptor, size); }
+int Status(int descriptor, struct stat* status) { return ::fstat(descriptor, status); }
+int StatusAt(int directory, const char* path, struct stat* status, int flags) {
+  return ::fstatat(directory, path, status, flags);
+}
+
+int Sync(int descriptor) { return ::fsync(descriptor); }
+int SyncData(int descriptor) { return ::fdatasync(descriptor); }
+int SyncFileSystem(int descriptor) { return ::syncfs(descriptor); }
+
+int Rename(const char* from, const char* to) { return ::rename(from, to); }
+int RenameAt(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) {
+  return ::renameat2(from_directory, from, to_directory, to, flags);
+}
+int UnlinkAt(int directory, const char* path, int flags) { return ::unlinkat(directory, path, flags); }
+int Lock(int descriptor, int operation) { return ::flock(descriptor, operation); }
+
+}  // namespace qx::calls

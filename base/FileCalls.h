@@ -1,0 +1,38 @@
+// The system's file calls, one function each. base/File.cpp is the only caller, and adds the rules; nobody else
+// includes this. A test program that has to make a call fail links another implementation of these functions
+// (tests/support/FailingFileCalls.cpp); the module has no switch for it.
+//
+// Each function does what the call of its name does: -1 and errno on failure, no repetition after EINTR.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include <cstddef>
+
+namespace qx::calls {
+
+int OpenAt(int directory, const char* path, int flags, mode_t mode);
+int Close(int descriptor);
+
+ssize_t Read(int descriptor, void* to, std::size_t size);
+ssize_t ReadAt(int descriptor, void* to, std::size_t size, off_t offset);
+ssize_t Write(int descriptor, const void* from, std::size_t size);
+ssize_t WriteAt(int descriptor, const void* from, std::size_t size, off_t offset);
+ssize_t WriteVectorAt(int descriptor, const iovec* parts, int count, off_t offset);
+
+int Truncate(int descriptor, off_t size);
+int Status(int descriptor, struct stat* status);
+int StatusAt(int directory, const char* path, struct stat* status, int flags);
+
+int Sync(int descriptor);
+int SyncData(int descriptor);
+int SyncFileSystem(int descriptor);
+
+int Rename(const char* from, const char* to);
+int RenameAt(int from_directory, const char* from, int to_directory, const char* to, unsigned flags);
+int UnlinkAt(int directory, const char* path, int flags);
+int Lock(int descriptor, int operation);
+
+}  // namespace qx::calls

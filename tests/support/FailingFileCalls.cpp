@@ -1,0 +1,160 @@
+#include "tests/support/FailingFileCalls.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "base/FileCalls.h"
+
+namespace qx::test {
+
+namespace {
+
+struct Instruction {
+  FileFault fault;
+  std::atomic<bool> is_in_force{false};
+  std::atomic<int> calls{0};
+};
+
+constexpr std::size_t kInstructionsMax = 8;
+std::array<Instruction, kInstructionsMax> instructions;
+
+// The instruction that makes this call fail, or null.
+const FileFault* FaultOf(FileCall call, const char* path = "") {
+  const FileFault* found = nullptr;
+  for (Instruction& instruction : instructions) {
+    if (!instruction.is_in_force || instruction.fault.call != call) continue;
+    if (!std::string_view(path).ends_with(instruction.fault.path)) continue;
+    const int number = ++instruction.calls;
+    const int first = instruction.fault.nth;
+    const bool applies = number >= first && number - first < instruction.fault.times;
+    if (applies && found == nullptr) found = &instruction.fault;
+  }
+  return found;
+}
+
+int Fail(const FileFault& fault) {
+  errno = fault.error;
+  return -1;
+}
+
+// Runs `real(size)` unless an instruction says otherwise: a failure, or fewer bytes.
+template <typename Real>
+ssize_t Move(FileCall call, std::size_t size, Real real) {
+  const FileFault* const fault = FaultOf(call);
+  if (fault == nullptr) return real(size);
+  if (fault->error != 0) return Fail(*fault);
+  return fault->bytes == 0 ? 0 : real(std::min(size, fault->bytes));
+}
+
+}  // namespace
+
+FailingCall::FailingCall(FileFault fault) : index_(0), nth_(fault.nth) {
+  while (index_ < kInstructionsMax && instructions[index_].is_in_force) ++index_;
+  if (index_ == kInstructionsMax) throw std::logic_error("too many instructions");
+  instructions[index_].fault = std::move(fault);
+  instructions[index_].calls = 0;
+  instructions[index_].is_in_force = true;
+}
+
+FailingCall::~FailingCall() { instructions[index_].is_in_force = false; }
+
+int FailingCall::Calls() const { return instructions[index_].calls; }
+
+}  // namespace qx::test
+
+namespace qx::calls {
+
+using test::Fail;
+using test::FaultOf;
+using test::FileCall;
+using test::Move;
+
+int OpenAt(int directory, const char* path, int flags, mode_t mode) {
+  const auto* const fault = FaultOf(FileCall::kOpen, path);
+  return fault != nullptr ? Fail(*fault) : ::openat(directory, path, flags, mode);
+}
+
+// The descriptor is closed all the same, as the system does.
+int Close(int descriptor) {
+  const auto* const fault = FaultOf(FileCall::kClose);
+  const int result = ::close(descriptor);
+  return fault != nullptr ? Fail(*fault) : result;
+}
+
+ssize_t Read(int descriptor, void* to, std::size_t size) {
+  return Move(FileCall::kRead, size, [=](std::size_t some) { return ::read(descriptor, to, some); });
+}
+ssize_t ReadAt(int descriptor, void* to, std::size_t size, off_t offset) {
+  return Move(FileCall::kReadAt, size, [=](std::size_t some) { return ::pread(descriptor, to, some, offset); });
+}
+ssize_t Write(int descriptor, const void* from, std::size_t size) {
+  return Move(FileCall::kWrite, size, [=](std::size_t some) { return ::write(descriptor, from, some); });
+}
+ssize_t WriteAt(int descriptor, const void* from, std::size_t size, off_t offset) {
+  return Move(FileCall::kWriteAt, size, [=](std::size_t some) { return ::pwrite(descriptor, from, some, offset); });
+}
+
+// With a limit, only the first part is written, as far as the limit allows.
+ssize_t WriteVectorAt(int descriptor, const iovec* parts, int count, off_t offset) {
+  std::size_t size = 0;
+  for (int i = 0; i < count; ++i) size += parts[i].iov_len;
+  return Move(FileCall::kWriteVectorAt, size, [=](std::size_t some) {
+    if (some == size) return ::pwritev(descriptor, parts, count, offset);
+    return ::pwrite(descriptor, parts[0].iov_base, std::min(parts[0].iov_len, some), offset);
+  });
+}
+
+int Truncate(int descriptor, off_t size) {
+  const auto* const fault = FaultOf(FileCall::kTruncate);
+  return fault != nullptr ? Fail(*fault) : ::ftruncate(descriptor, size);
+}
+int Status(int descriptor, struct stat* status) {
+  const auto* const fault = FaultOf(FileCall::kStatus);
+  return fault != nullptr ? Fail(*fault) : ::fstat(descriptor, status);
+}
+int StatusAt(int directory, const char* path, struct stat* status, int flags) {
+  const auto* const fault = FaultOf(FileCall::kStatusAt, path);
+  return fault != nullptr ? Fail(*fault) : ::fstatat(directory, path, status, flags);
+}
+
+int Sync(int descriptor) {
+  const auto* const fault = FaultOf(FileCall::kSync);
+  return fault != nullptr ? Fail(*fault) : ::fsync(descriptor);
+}
+int SyncData(int descriptor) {
+  const auto* const fault = FaultOf(FileCall::kSyncData);
+  return fault != nullptr ? Fail(*fault) : ::fdatasync(descriptor);
+}
+int SyncFileSystem(int descriptor) {
+  const auto* const fault = FaultOf(FileCall::kSyncFileSystem);
+  return fault != nullptr ? Fail(*fault) : ::syncfs(descriptor);
+}
+
+int Rename(const char* from, const char* to) {
+  const auto* const fault = FaultOf(FileCall::kRename, from);
+  return fault != nullptr ? Fail(*fault) : ::rename(from, to);
+}
+int RenameAt(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) {
+  const auto* const fault = FaultOf(FileCall::kRename, from);
+  return fault != nullptr ? Fail(*fault) : ::renameat2(from_directory, from, to_directory, to, flags);
+}
+int UnlinkAt(int directory, const char* path, int flags) {
+  const auto* const fault = FaultOf(FileCall::kRemove, path);
+  return fault != nullptr ? Fail(*fault) : ::unlinkat(directory, path, flags);
+}
+int Lock(int descriptor, int operation) {
+  const auto* const fault = FaultOf(FileCall::kLock);
+  return fault != nullptr ? Fail(*fault) : ::flock(descriptor, operation);
+}
+
+}  // namespace qx::calls
