@@ -1,5 +1,6 @@
 #include "base/File.h"
 
+#include <dirent.h>
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/uio.h>
@@ -21,6 +22,7 @@ constexpr int kAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 constexpr std::size_t kShortWriteBytes = 512;
 
 constexpr std::size_t kBlockBytes = 65536;
+constexpr std::size_t kEntriesBytes = 32768;
 
 // Repeats `call` while a signal interrupts it.
 template <typename Call>
@@ -78,6 +80,17 @@ Progress WriteTwoAt(int descriptor, std::int64_t offset, std::string_view first,
                                 offset + static_cast<off_t>(done));
   };
   return CheckWritten(MoveAll(size, move), size);
+}
+
+bool IsSelfOrParent(std::string_view name) { return name == "." || name == ".."; }
+
+// Appends the names of the entries in `bytes`, each as long as it says. Throws std::bad_alloc.
+void AppendNames(const char* bytes, std::size_t size, std::vector<std::string>& names) {
+  for (std::size_t at = 0; at < size;) {
+    const auto* const entry = reinterpret_cast<const dirent64*>(bytes + at);
+    if (!IsSelfOrParent(entry->d_name)) names.emplace_back(entry->d_name);
+    at += entry->d_reclen;
+  }
 }
 
 // Closes without being a cancellation point: an exit of the thread inside a destructor would end the program.
@@ -221,6 +234,14 @@ std::string DirectoryOf(std::string_view path) {
   return end == std::string_view::npos ? "/" : std::string(path.substr(0, end + 1));
 }
 
+std::string NameOf(std::string_view path) {
+  const std::size_t last = path.find_last_not_of('/');
+  if (last == std::string_view::npos) return {};
+  const std::size_t slash = path.find_last_of('/', last);
+  const std::size_t begin = slash == std::string_view::npos ? 0 : slash + 1;
+  return std::string(path.substr(begin, last + 1 - begin));
+}
+
 int Rename(const char* from, const char* to) {
   return ErrorOf([&] { return calls::Rename(from, to); });
 }
@@ -241,6 +262,25 @@ int RenameWithoutReplacing(const char* from, const char* to, int from_directory,
 
 int Exchange(const char* left, const char* right) {
   return ErrorOf([&] { return calls::RenameAt(AT_FDCWD, left, AT_FDCWD, right, RENAME_EXCHANGE); });
+}
+
+int MakeDirectory(const char* path, mode_t mode, int directory) {
+  return ErrorOf([&] { return calls::MakeDirectoryAt(directory, path, mode); });
+}
+
+int ListNames(int directory, std::vector<std::string>& names) {
+  alignas(dirent64) std::array<char, kEntriesBytes> entries;
+  for (;;) {
+    const ssize_t size = Uninterrupted([&] { return calls::ReadEntries(directory, entries.data(), entries.size()); });
+    const int error = errno;
+    if (size == 0) return 0;
+    if (size < 0) return error == ENOENT ? 0 : error;  // a directory that was removed is empty
+    try {
+      AppendNames(entries.data(), static_cast<std::size_t>(size), names);
+    } catch (const std::bad_alloc&) {
+      return ENOMEM;
+    }
+  }
 }
 
 int Remove(const char* path, int flags, int directory) {

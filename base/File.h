@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace qx::file {
 
@@ -102,6 +103,9 @@ struct Progress {
 // "a/b" => "a"   "/a" => "/"   "a" => "."   "a/b/" => "a"   "" => "."
 // [any thread] Throws std::bad_alloc.
 [[nodiscard]] std::string DirectoryOf(std::string_view path);
+// "a/b" => "b"   "a/b/" => "b"   "/" => ""   "" => ""
+// [any thread] Throws std::bad_alloc.
+[[nodiscard]] std::string NameOf(std::string_view path);
 
 // Renames `from`, replacing `to`.
 [[nodiscard]] int Rename(const char* from, const char* to);
@@ -111,6 +115,11 @@ struct Progress {
                                          int to_directory = AT_FDCWD);
 // Swaps two names in one step.
 [[nodiscard]] int Exchange(const char* left, const char* right);
+// Creates a directory; EEXIST if there is anything of that name.
+[[nodiscard]] int MakeDirectory(const char* path, mode_t mode, int directory = AT_FDCWD);
+// Appends the names in an open directory, in the system's order and without "." and "..", from its position to its end.
+// ENOMEM without memory. After a failure `names` contains those that came before it.
+[[nodiscard]] int ListNames(int directory, std::vector<std::string>& names);
 // Removes a name; `flags` may be AT_REMOVEDIR.
 [[nodiscard]] int Remove(const char* path, int flags = 0, int directory = AT_FDCWD);
 

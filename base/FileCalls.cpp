@@ -1,5 +1,6 @@
 #include "base/FileCalls.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -37,6 +38,8 @@ int Rename(const char* from, const char* to) { return ::rename(from, to); }
 int RenameAt(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) {
   return ::renameat2(from_directory, from, to_directory, to, flags);
 }
+int MakeDirectoryAt(int directory, const char* path, mode_t mode) { return ::mkdirat(directory, path, mode); }
+ssize_t ReadEntries(int directory, void* to, std::size_t size) { return ::getdents64(directory, to, size); }
 int UnlinkAt(int directory, const char* path, int flags) { return ::unlinkat(directory, path, flags); }
 int Lock(int descriptor, int operation) { return ::flock(descriptor, operation); }
 

@@ -32,6 +32,8 @@ int SyncFileSystem(int descriptor);
 
 int Rename(const char* from, const char* to);
 int RenameAt(int from_directory, const char* from, int to_directory, const char* to, unsigned flags);
+int MakeDirectoryAt(int directory, const char* path, mode_t mode);
+ssize_t ReadEntries(int directory, void* to, std::size_t size);  // getdents64
 int UnlinkAt(int directory, const char* path, int flags);
 int Lock(int descriptor, int operation);
 

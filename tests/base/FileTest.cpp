@@ -7,8 +7,10 @@
 
 #include <array>
 #include <cerrno>
+#include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "tests/support/FailingFileCalls.h"
 #include "tests/support/Support.h"
@@ -205,6 +207,58 @@ TEST(FileName, DirectoryOfAPath) {
   EXPECT_EQ(DirectoryOf("a/"), ".");
   EXPECT_EQ(DirectoryOf("/"), "/");
   EXPECT_EQ(DirectoryOf(""), ".");
+}
+
+TEST(FileName, NameOfAPath) {
+  EXPECT_EQ(NameOf("a/b"), "b");
+  EXPECT_EQ(NameOf("a/b//"), "b");
+  EXPECT_EQ(NameOf("/a"), "a");
+  EXPECT_EQ(NameOf("a"), "a");
+  EXPECT_EQ(NameOf("/"), "");
+  EXPECT_EQ(NameOf(""), "");
+}
+
+TEST(FileDirectory, ListsEveryNameButItsOwnAndItsParents) {
+  const TempDir dir;
+  std::set<std::string> expected;
+  for (int i = 0; i < 2000; ++i) expected.insert("a name of some length " + std::to_string(i));
+  for (const std::string& name : expected) WriteFile(dir.File(name), "");
+  std::vector<std::string> names;
+  EXPECT_EQ(ListNames(OpenDirectory(dir.Path().c_str()).Number(), names), 0);
+  EXPECT_EQ(names.size(), expected.size());
+  EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), expected);
+}
+
+TEST(FileDirectory, FailedListingKeepsTheNamesThatCameBefore) {
+  const TempDir dir;
+  for (int i = 0; i < 2000; ++i) WriteFile(dir.File("a name of some length " + std::to_string(i)), "");
+  const FailingCall fault({.call = FileCall::kReadEntries, .nth = 2, .error = EIO});
+  std::vector<std::string> names;
+  EXPECT_EQ(ListNames(OpenDirectory(dir.Path().c_str()).Number(), names), EIO);
+  EXPECT_GT(names.size(), 100U);
+  EXPECT_LT(names.size(), 2000U);
+}
+
+TEST(FileDirectory, ListingGoesOnAfterASignalAndARemovedDirectoryIsEmpty) {
+  const TempDir dir;
+  ASSERT_EQ(MakeDirectory(dir.File("sub").c_str(), 0700), 0);
+  const Descriptor sub = OpenDirectory(dir.File("sub").c_str());
+  std::vector<std::string> names;
+  {
+    const FailingCall fault({.call = FileCall::kReadEntries, .error = EINTR});
+    EXPECT_EQ(ListNames(OpenDirectory(dir.Path().c_str()).Number(), names), 0);
+    EXPECT_EQ(names, std::vector<std::string>{"sub"});
+  }
+  ASSERT_EQ(Remove("sub", AT_REMOVEDIR, OpenDirectory(dir.Path().c_str()).Number()), 0);
+  EXPECT_EQ(ListNames(sub.Number(), names), 0);
+  EXPECT_EQ(names.size(), 1U);
+}
+
+TEST(FileDirectory, MakeDirectoryReplacesNothing) {
+  const TempDir dir;
+  WriteFile(dir.File("f"), "kept");
+  EXPECT_EQ(MakeDirectory("f", 0700, OpenDirectory(dir.Path().c_str()).Number()), EEXIST);
+  EXPECT_EQ(ReadFile(dir.File("f")), "kept");
 }
 
 TEST(FileRename, WithoutReplacingKeepsAnExistingTarget) {

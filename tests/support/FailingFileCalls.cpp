@@ -1,5 +1,6 @@
 #include "tests/support/FailingFileCalls.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -147,6 +148,14 @@ int Rename(const char* from, const char* to) {
 int RenameAt(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) {
   const auto* const fault = FaultOf(FileCall::kRename, from);
   return fault != nullptr ? Fail(*fault) : ::renameat2(from_directory, from, to_directory, to, flags);
+}
+int MakeDirectoryAt(int directory, const char* path, mode_t mode) {
+  const auto* const fault = FaultOf(FileCall::kMakeDirectory, path);
+  return fault != nullptr ? Fail(*fault) : ::mkdirat(directory, path, mode);
+}
+ssize_t ReadEntries(int directory, void* to, std::size_t size) {
+  const auto* const fault = FaultOf(FileCall::kReadEntries);
+  return fault != nullptr ? Fail(*fault) : ::getdents64(directory, to, size);
 }
 int UnlinkAt(int directory, const char* path, int flags) {
   const auto* const fault = FaultOf(FileCall::kRemove, path);

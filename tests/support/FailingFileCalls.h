@@ -29,13 +29,15 @@ enum class FileCall {
   kSyncData,
   kSyncFileSystem,
   kRename,  // with or without directories
+  kMakeDirectory,
+  kReadEntries,
   kRemove,
   kLock,
 };
 
 struct FileFault {
   FileCall call = FileCall::kOpen;
-  std::string path = {};  // kOpen, kStatusAt, kRename, kRemove: the end of the (first) path; empty: any
+  std::string path = {};  // kOpen, kStatusAt, kRename, kMakeDirectory, kRemove: the end of the (first) path; empty: any
   int nth = 1;            // the first call that fails, counted from 1
   int times = 1;          // how many in a row
   int error = 0;          // the error number; 0: a read or write that handles only `bytes` bytes
