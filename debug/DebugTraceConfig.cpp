@@ -1,15 +1,13 @@
 #include "debug/DebugTraceConfig.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
+#include "base/File.h"
 #include "debug/TraceText.h"
 
 using qx::debug::CopyText;
@@ -27,18 +25,6 @@ bool IsLater(const timespec& a, const timespec& b) {
 bool IsReadable(const struct stat& status) {
   return S_ISREG(status.st_mode) && status.st_size >= 0 &&
          static_cast<std::uint64_t>(status.st_size) <= CDebugTraceConfigFile::kFileBytesMax;
-}
-
-// Reads exactly `size` bytes: a file that has become shorter meanwhile is being written and fails.
-bool ReadWhole(int descriptor, char* to, std::size_t size) {
-  while (size > 0) {
-    const ssize_t got = ::read(descriptor, to, size);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    to += got;
-    size -= static_cast<std::size_t>(got);
-  }
-  return true;
 }
 
 // The line feed is no blank here: an empty "Key=" would otherwise take the next line as its value.
@@ -75,7 +61,7 @@ bool CDebugTraceConfigFile::Read() {
 
 bool CDebugTraceConfigFile::ReadIfNewer() {
   struct stat status {};
-  if (path_.empty() || ::stat(path_.c_str(), &status) != 0) {
+  if (path_.empty() || qx::file::StatusOf(path_.c_str(), status) != 0) {
     Clear();
     return false;
   }
@@ -95,21 +81,19 @@ bool CDebugTraceConfigFile::ReadText(std::string_view text) {
 bool CDebugTraceConfigFile::Load() {
   // What is no regular file is not even opened: opening a device can act on it.
   struct stat status {};
-  if (path_.empty() || ::stat(path_.c_str(), &status) != 0 || !IsReadable(status)) return false;
-  const int descriptor = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (descriptor < 0) return false;
-  const bool filled = FillFrom(descriptor);
-  ::close(descriptor);
-  return filled;
+  if (path_.empty() || qx::file::StatusOf(path_.c_str(), status) != 0 || !IsReadable(status)) return false;
+  const qx::file::Descriptor file = qx::file::Open(path_.c_str(), O_RDONLY);
+  return file.IsOpen() && FillFrom(file.Number());
 }
 
 bool CDebugTraceConfigFile::FillFrom(int descriptor) noexcept {
   // The time is taken before the bytes: a change during the read then counts as a newer file at the next look.
   struct stat status {};
-  if (::fstat(descriptor, &status) != 0 || !IsReadable(status)) return false;
+  if (qx::file::StatusOf(descriptor, status) != 0 || !IsReadable(status)) return false;
   if (!TakeBuffer(static_cast<std::size_t>(status.st_size))) return false;
   modified_ = status.st_mtim;
-  return ReadWhole(descriptor, text_, file_size_);
+  // A file that has become shorter meanwhile is being written.
+  return qx::file::Read(descriptor, text_, file_size_).bytes == file_size_;
 }
 
 bool CDebugTraceConfigFile::TakeBuffer(std::size_t size) noexcept {

@@ -1,12 +1,11 @@
 #include "debug/LogFileSink.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "base/File.h"
 #include "debug/DebugTraceConfig.h"
 #include "debug/EntryHeader.h"
 
@@ -19,26 +18,11 @@ constexpr mode_t kLogFileMode = 0666;  // less the umask, as for any stream
 // Opens as "w+" does, but close-on-exec, never through a symbolic link and only what is or becomes a regular file: a
 // pipe of this name would block its writers once it is full.
 std::FILE* OpenTruncated(const char* path) {
-  const int flags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  const int descriptor = ::open(path, flags, kLogFileMode);
-  if (descriptor < 0) return nullptr;
-  struct stat status {};
-  const bool is_ready = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && ::ftruncate(descriptor, 0) == 0;
-  std::FILE* file = is_ready ? ::fdopen(descriptor, "w+") : nullptr;
-  if (file == nullptr) ::close(descriptor);
-  return file;
-}
-
-// Returns how many of the bytes could be written: all, or what fitted before the first error.
-std::size_t WriteAll(int descriptor, std::string_view bytes) {
-  std::size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t count = ::write(descriptor, bytes.data() + written, bytes.size() - written);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) break;
-    written += static_cast<std::size_t>(count);
-  }
-  return written;
+  file::Descriptor log = file::OpenRegular(path, O_RDWR | O_CREAT | O_NOFOLLOW, kLogFileMode);
+  if (!log.IsOpen() || file::Truncate(log.Number(), 0) != 0) return nullptr;
+  std::FILE* const stream = ::fdopen(log.Number(), "w+");
+  if (stream != nullptr) (void)log.Release();  // the stream closes it
+  return stream;
 }
 
 }  // namespace
@@ -88,13 +72,14 @@ void LogFileSink::MarkInitEnd() noexcept {
 
 // The stream's own buffer stays unused, so that an entry is one system call and in the file when the call returns.
 void LogFileSink::WriteCounted(std::string_view bytes) noexcept {
-  byte_count_ += static_cast<std::uint32_t>(WriteAll(descriptor_, bytes));
+  byte_count_ += static_cast<std::uint32_t>(file::Write(descriptor_, bytes).bytes);
 }
 
 // The line says the count as it stands before the line itself: the size of the head.
 void LogFileSink::Wrap(std::string_view header) noexcept {
   if (::lseek(descriptor_, wrap_position_, SEEK_SET) < 0) {
-    ::syslog(LOG_ERR, "ERROR: fseek failed for %s (errno=%d) --> rewind it\n", path_, errno);
+    const int error = errno;
+    ::syslog(LOG_ERR, "ERROR: fseek failed for %s (errno=%d) --> rewind it\n", path_, error);
     (void)::lseek(descriptor_, 0, SEEK_SET);  // if this fails too, the file is written on where it stands
   }
   ++wrap_cycle_;

@@ -3,13 +3,13 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cstring>
+
+#include "base/File.h"
 
 namespace qx::debug {
 
@@ -33,15 +33,9 @@ void StoreAtOnce(char* to, const char* from) noexcept {
 // What is stored before is in the file before what is stored after, for a reader in another process and for a kill.
 void KeepStoreOrder() noexcept { std::atomic_thread_fence(std::memory_order_release); }
 
+// False with the error number in errno.
 bool WriteAll(int descriptor, const char* bytes, std::size_t size) noexcept {
-  while (size > 0) {
-    const ssize_t count = ::write(descriptor, bytes, size);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
-    bytes += count;
-    size -= static_cast<std::size_t>(count);
-  }
-  return true;
+  return !file::Write(descriptor, {bytes, size}).Failed();
 }
 
 // 0 for a regular file; else the error number of opening what is none.
@@ -50,35 +44,36 @@ int RefusalOf(mode_t mode) noexcept {
   return S_ISDIR(mode) ? EISDIR : S_ISLNK(mode) ? ELOOP : EINVAL;
 }
 
-// Opens the existing file; -1 with errno. What is no regular file is not even opened: opening a device can act on it.
-int OpenExisting(const char* path, struct stat& status) noexcept {
-  if (::lstat(path, &status) != 0) return -1;
-  errno = RefusalOf(status.st_mode);
-  if (errno != 0) return -1;
-  const int descriptor = ::open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-  if (descriptor < 0) return -1;
-  if (::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) return descriptor;
-  ::close(descriptor);
+// Opens the existing file; none with errno. What is no regular file is not even opened: opening a device can act on it.
+file::Descriptor OpenExisting(const char* path, struct stat& status) noexcept {
+  int error = file::StatusOf(path, status, AT_SYMLINK_NOFOLLOW);
+  if (error == 0) error = RefusalOf(status.st_mode);
+  errno = error;
+  if (error != 0) return {};
+  file::Descriptor ring = file::Open(path, O_RDWR | O_NOFOLLOW);
+  if (!ring.IsOpen()) return ring;
+  if (file::StatusOf(ring.Number(), status) == 0 && S_ISREG(status.st_mode)) return ring;
   errno = EINVAL;
-  return -1;
+  return {};
 }
 
-// Opens the ring file or a new one; -1 with errno. A file of another size is taken out of the directory, not cut:
+// Opens the ring file or a new one; none with errno. A file of another size is taken out of the directory, not cut:
 // another process may have it mapped and would die of a store behind its end. Such a file is also what a creation
 // leaves that was killed, for the file has its size last.
-int OpenOrCreate(const char* path, std::uint32_t size, bool& is_new) noexcept {
+file::Descriptor OpenOrCreate(const char* path, std::uint32_t size, bool& is_new) noexcept {
   struct stat status {};
   is_new = false;
-  const int existing = OpenExisting(path, status);
-  if (existing >= 0 && static_cast<std::uint64_t>(status.st_size) == size) return existing;
-  if (existing >= 0) {
-    ::close(existing);
-    if (::unlink(path) != 0) return -1;
-  } else if (errno != ENOENT) {
-    return -1;
+  file::Descriptor existing = OpenExisting(path, status);
+  const int error = errno;
+  if (existing.IsOpen() && static_cast<std::uint64_t>(status.st_size) == size) return existing;
+  if (!existing.IsOpen() && error != ENOENT) return {};
+  if (existing.IsOpen()) {
+    (void)existing.Close();  // nothing was written
+    errno = file::Remove(path);
+    if (errno != 0) return {};
   }
   is_new = true;
-  return ::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kRingFileMode);
+  return file::Open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, kRingFileMode);
 }
 
 // Takes disk blocks for the whole file, without giving it that size: a store into a mapped hole of a full disk would
@@ -162,8 +157,9 @@ std::size_t LengthOfLastEntry(std::string_view text) noexcept {
 RingBufferSink::OpenResult RingBufferSink::Open(const Source& source) noexcept {
   Close();
   if (source.size < kRingBytesMin) return {Failure::kOpen, EINVAL};
-  descriptor_ = OpenOrCreate(source.path, source.size, is_new_);
-  if (descriptor_ < 0) return {Failure::kOpen, errno};
+  descriptor_ = OpenOrCreate(source.path, source.size, is_new_).Release();
+  const int error = errno;
+  if (descriptor_ < 0) return {Failure::kOpen, error};
   size_ = source.size;
 
   OpenResult result = is_new_ ? Create(source) : OpenResult{};
@@ -178,7 +174,7 @@ RingBufferSink::OpenResult RingBufferSink::Create(const Source& source) noexcept
   const Failure failure = WriteWhole(source);
   if (failure == Failure::kNone) return {};
   const int error = errno;
-  (void)::unlink(source.path);
+  (void)file::Remove(source.path);
   return {failure, error};
 }
 
@@ -235,7 +231,7 @@ std::size_t RingBufferSink::StoredPosition() const noexcept {
 
 void RingBufferSink::Close() noexcept {
   if (char* map = map_.exchange(nullptr, std::memory_order_relaxed)) ::munmap(map, size_);
-  if (size_ != 0) ::close(descriptor_);
+  if (size_ != 0) const file::Descriptor closed(descriptor_);
   descriptor_ = -1;
   size_ = wraps_ = opens_ = 0;
   position_ = wrap_start_ = stale_terminator_ = 0;
@@ -268,7 +264,7 @@ void RingBufferSink::StoreNumber(std::size_t offset, std::uint32_t number) noexc
 // position goes back, or a reader would take the old cycle's text for bytes that were never written.
 bool RingBufferSink::BeginWrap() noexcept {
   struct stat status {};
-  if (::fstat(descriptor_, &status) != 0 || static_cast<std::uint64_t>(status.st_size) < size_) return false;
+  if (file::StatusOf(descriptor_, status) != 0 || static_cast<std::uint64_t>(status.st_size) < size_) return false;
   const std::size_t dots = std::min<std::size_t>(position_ + kRingTerminator.size(), size_);
   std::memset(At(dots), '.', size_ - dots);
   KeepStoreOrder();

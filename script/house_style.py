@@ -65,10 +65,6 @@ FILE_CALLERS = {
     "base/FileCalls.cpp",
     # Not converted yet:
     "base/tools/ReplacedFile.cpp",
-    "debug/DebugTraceConfig.cpp",
-    "debug/LogFileSink.cpp",
-    "debug/RingBufferSink.cpp",
-    "debug/tools/TraceSource.cpp",
     "inifile/RegularFile.cpp",
     "process/Process.cpp",
     "registry/Registry.cpp",

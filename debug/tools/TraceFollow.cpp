@@ -2,8 +2,9 @@
 
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <utility>
+
+#include "base/File.h"
 
 namespace qx::debug {
 
@@ -50,8 +51,8 @@ TraceLook TraceFollower::Look() {
 bool TraceFollower::IsSameFile(bool& is_missing) const {
   struct stat named {};
   const auto held = file_->Status();
-  is_missing = ::stat(path_.c_str(), &named) != 0;
-  return !is_missing && held.has_value() && named.st_dev == held->st_dev && named.st_ino == held->st_ino;
+  is_missing = file::StatusOf(path_.c_str(), named) != 0;
+  return !is_missing && held.has_value() && file::IsSameFile(named, *held);
 }
 
 }  // namespace qx::debug

@@ -1,8 +1,5 @@
 #include "debug/tools/TraceSource.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -16,14 +13,10 @@ std::string TraceSource::BytesAt(std::uint64_t offset, std::size_t size) const {
   return bytes;
 }
 
-TraceFile::~TraceFile() {
-  if (descriptor_ >= 0) ::close(descriptor_);
-}
-
 int TraceFile::Open(const std::string& path) noexcept {
-  if (descriptor_ >= 0) ::close(descriptor_);
-  descriptor_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (descriptor_ < 0) return errno;
+  file_ = file::Open(path.c_str(), O_RDONLY);
+  const int error = errno;
+  if (!file_.IsOpen()) return error;
   const auto status = Status();
   if (!status.has_value() || !S_ISREG(status->st_mode)) return EINVAL;
   size_ = static_cast<std::uint64_t>(status->st_size);
@@ -37,19 +30,12 @@ void TraceFile::TakeSize() noexcept {
 
 std::optional<struct stat> TraceFile::Status() const noexcept {
   struct stat status {};
-  if (descriptor_ < 0 || ::fstat(descriptor_, &status) != 0) return std::nullopt;
+  if (!file_.IsOpen() || file::StatusOf(file_.Number(), status) != 0) return std::nullopt;
   return status;
 }
 
 std::size_t TraceFile::ReadAt(std::uint64_t offset, char* to, std::size_t size) const noexcept {
-  std::size_t done = 0;
-  while (done < size) {
-    const ssize_t count = ::pread(descriptor_, to + done, size - done, static_cast<off_t>(offset + done));
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) break;
-    done += static_cast<std::size_t>(count);
-  }
-  return done;
+  return file::ReadAt(file_.Number(), static_cast<std::int64_t>(offset), to, size).bytes;
 }
 
 std::size_t TraceMemory::ReadAt(std::uint64_t offset, char* to, std::size_t size) const noexcept {

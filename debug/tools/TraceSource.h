@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/File.h"
+
 namespace qx::debug {
 
 // Bytes that can be read at any place. Reading never trusts that the size holds: a file may shrink meanwhile.
@@ -33,9 +35,6 @@ class TraceSource {
 // A regular file, opened for reading only.
 class TraceFile final : public TraceSource {
  public:
-  TraceFile() = default;
-  ~TraceFile() override;
-
   // Opens the regular file `path`. 0, or the error number: EINVAL for what is no regular file. [owning thread]
   [[nodiscard]] int Open(const std::string& path) noexcept;
 
@@ -49,7 +48,7 @@ class TraceFile final : public TraceSource {
   [[nodiscard]] std::size_t ReadAt(std::uint64_t offset, char* to, std::size_t size) const noexcept override;
 
  private:
-  int descriptor_ = -1;
+  file::Descriptor file_;
   std::uint64_t size_ = 0;
 };
 

@@ -14,11 +14,13 @@
 
 #include "tests/debug/PrivateMounts.h"
 #include "tests/debug/RingFixture.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace {
 
 using qx::test::Exists;
-using qx::test::FailedWrite;
+using qx::test::FailingCall;
+using qx::test::FileCall;
 using qx::test::kTerminator;
 using qx::test::MountMemory;
 using qx::test::ReadFile;
@@ -108,7 +110,7 @@ TEST(DebugRingDamage, FileThatDoesNotTellWhatItIsIsClosedAgainAndLeftAsItIs) {
   ASSERT_TRUE(setup.Init());  // closes it
   const std::string ring = setup.Ring();
   {
-    const qx::test::UnreadableStatus unreadable;
+    const FailingCall unreadable({.call = FileCall::kStatus, .times = qx::test::kAlways, .error = EIO});
     EXPECT_FALSE(setup.OpenRing(kSize));
   }
   EXPECT_EQ(Undated(setup.Log()), OpenFailed(setup, EINVAL));
@@ -305,7 +307,7 @@ TEST(DebugRingDamage, EveryFailedWriteOfANewFileHasItsMessageAndLeavesNoFile) {
   for (int nth = 1; nth <= 4; ++nth) {
     RingSetup setup;
     {
-      const FailedWrite failed(nth, EIO);
+      const FailingCall failed({.call = FileCall::kWrite, .nth = nth, .error = EIO});
       EXPECT_FALSE(setup.OpenRing(kSize));
     }
     EXPECT_EQ(Undated(setup.Log()),

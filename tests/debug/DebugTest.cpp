@@ -14,20 +14,25 @@
 #include <new>
 
 #include "tests/debug/TraceFixture.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace {
 
+using qx::test::FailingCall;
+using qx::test::FileCall;
 using qx::test::ReadFile;
 using qx::test::SyslogCapture;
 using qx::test::TempDir;
 using qx::test::TraceSetup;
-using qx::test::WriteCalls;
 using qx::test::WriteFile;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 // Formats come from the tests here, so the compiler cannot check them.
 void PrintText(CDebug& debug, const char* format) { debug.Print(1, format, 0); }
+
+// None fails.
+const qx::test::FileFault kCountedWrites{.call = FileCall::kWrite, .nth = qx::test::kAlways};
 
 std::string Entry(std::string_view text) { return "S [T] QxTrace       " + std::string(text); }
 
@@ -332,18 +337,18 @@ TEST(Debug, MainParamsAreKeptAndTracedOnceTheLogIsOpen) {
 TEST(Debug, EachEntryIsOneWriteAndInTheFileAtOnce) {
   TraceSetup setup;
   ASSERT_TRUE(setup.InitAtLevel(1));
-  const WriteCalls calls(qx::test::DescriptorOf(setup.LogPath()));
+  const FailingCall writes(kCountedWrites);
   for (int i = 0; i < 5; ++i) setup.Trace().Print(1, "entry %d", i);
-  EXPECT_EQ(calls.Count(), 5);
+  EXPECT_EQ(writes.Calls(), 5);
   EXPECT_THAT(setup.PlainLog(), testing::EndsWith("entry 4\n"));
 }
 
 TEST(Debug, DroppedEntriesCostNoSystemCallOnTheLog) {
   TraceSetup setup;
   ASSERT_TRUE(setup.InitAtLevel(1));
-  const WriteCalls calls(qx::test::DescriptorOf(setup.LogPath()));
+  const FailingCall writes(kCountedWrites);
   setup.Trace().Print(2, "dropped");
-  EXPECT_EQ(calls.Count(), 0);
+  EXPECT_EQ(writes.Calls(), 0);
 }
 
 TEST(Debug, TraceMacroDoesNotEvaluateItsArgumentsWhileOff) {

@@ -11,16 +11,18 @@
 #include <filesystem>
 
 #include "tests/debug/TraceFixture.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace {
 
 using qx::debug::LogFileSink;
 using qx::test::DescriptorOf;
+using qx::test::FailingCall;
+using qx::test::FileCall;
 using qx::test::ReadFile;
 using qx::test::SyslogCapture;
 using qx::test::TempDir;
 using qx::test::TraceSetup;
-using qx::test::WriteCalls;
 using qx::test::WriteFile;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -160,9 +162,9 @@ TEST(LogFileSink, ShortWritesAreContinued) {
   TraceSetup setup;
   ASSERT_TRUE(setup.InitAtLevel(1));
   {
-    const WriteCalls calls(DescriptorOf(setup.LogPath()), 7);
+    const FailingCall writes({.call = FileCall::kWrite, .times = qx::test::kAlways, .bytes = 7});
     setup.Trace().Print(1, "abcdefg");
-    EXPECT_EQ(calls.Count(), 9);  // 57 bytes
+    EXPECT_EQ(writes.Calls(), 9);  // 57 bytes
   }
   setup.Trace().Print(1, "next");
   EXPECT_EQ(setup.PlainLog(), Entry("abcdefg\n") + Entry("next\n"));

@@ -1,12 +1,4 @@
-// Stands before the C library's syslog, write and fstat in this test program: the system log is a list that tests read,
-// writes on one chosen descriptor are counted and may be made short, one write may be made to fail, and every fstat.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
+// Replaces the C library's syslog in this test program: the system log is a list that tests read.
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -19,15 +11,6 @@ namespace {
 
 std::mutex messages_mutex;
 std::vector<std::string>* messages = nullptr;  // null: nobody listens
-
-std::atomic<int> watched_descriptor{-1};
-std::atomic<std::size_t> write_bytes_max{0};
-std::atomic<int> write_count{0};
-
-std::atomic<int> writes_until_failure{0};  // 0: none fails
-std::atomic<int> failure_error{0};
-
-std::atomic<bool> status_is_unreadable{false};
 
 void Collect(int priority, const char* format, std::va_list args) {
   char text[2048];
@@ -55,26 +38,6 @@ void __syslog_chk(int priority, int, const char* format, ...) {
   va_end(args);
 }
 
-ssize_t write(int descriptor, const void* bytes, size_t size) {
-  if (writes_until_failure > 0 && --writes_until_failure == 0) {
-    errno = failure_error;
-    return -1;
-  }
-  if (descriptor >= 0 && descriptor == watched_descriptor) {
-    ++write_count;
-    if (size > write_bytes_max) size = write_bytes_max;
-  }
-  return ::syscall(SYS_write, descriptor, bytes, size);
-}
-
-int fstat(int descriptor, struct stat* status) noexcept {
-  if (status_is_unreadable) {
-    errno = EIO;
-    return -1;
-  }
-  return ::fstatat(descriptor, "", status, AT_EMPTY_PATH);
-}
-
 }  // extern "C"
 
 namespace qx::test {
@@ -94,26 +57,5 @@ std::vector<std::string> SyslogCapture::Messages() const {
   const std::scoped_lock lock(messages_mutex);
   return *messages;
 }
-
-WriteCalls::WriteCalls(int descriptor, std::size_t bytes_max) {
-  write_count = 0;
-  write_bytes_max = bytes_max;
-  watched_descriptor = descriptor;
-}
-
-WriteCalls::~WriteCalls() { watched_descriptor = -1; }
-
-int WriteCalls::Count() const { return write_count; }
-
-FailedWrite::FailedWrite(int nth, int error) {
-  failure_error = error;
-  writes_until_failure = nth;
-}
-
-FailedWrite::~FailedWrite() { writes_until_failure = 0; }
-
-UnreadableStatus::UnreadableStatus() { status_is_unreadable = true; }
-
-UnreadableStatus::~UnreadableStatus() { status_is_unreadable = false; }
 
 }  // namespace qx::test

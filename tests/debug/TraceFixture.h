@@ -1,5 +1,5 @@
-// What the trace tests share: a facility of their own with a private settings directory and a private log, and doubles
-// for the two system calls whose use is part of the behaviour.
+// What the trace tests share: a facility of their own with a private settings directory and a private log, and a double
+// for the system log.
 #pragma once
 
 #include <cstddef>
@@ -79,35 +79,6 @@ class SyslogCapture {
   SyslogCapture& operator=(const SyslogCapture&) = delete;
 
   std::vector<std::string> Messages() const;
-};
-
-// Counts the write calls on one descriptor while it lives, and lets each write at most `bytes_max` bytes.
-class WriteCalls {
- public:
-  explicit WriteCalls(int descriptor, std::size_t bytes_max = ~std::size_t{0});
-  ~WriteCalls();
-  WriteCalls(const WriteCalls&) = delete;
-  WriteCalls& operator=(const WriteCalls&) = delete;
-
-  int Count() const;
-};
-
-// Lets the nth write call of the process from now on fail, while it lives; those that follow succeed.
-class FailedWrite {
- public:
-  FailedWrite(int nth, int error);
-  ~FailedWrite();
-  FailedWrite(const FailedWrite&) = delete;
-  FailedWrite& operator=(const FailedWrite&) = delete;
-};
-
-// Until the end of the scope the status of no open file can be read. For tests that are linked with SystemDoubles.cpp.
-class UnreadableStatus {
- public:
-  UnreadableStatus();
-  ~UnreadableStatus();
-  UnreadableStatus(const UnreadableStatus&) = delete;
-  UnreadableStatus& operator=(const UnreadableStatus&) = delete;
 };
 
 }  // namespace qx::test
