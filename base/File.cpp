@@ -53,6 +53,13 @@ Progress MoveAll(std::size_t size, Move move) {
   return progress;
 }
 
+// The result of one call that returns a count or -1.
+template <typename Call>
+Progress MoveOnce(Call call) {
+  const ssize_t count = Uninterrupted(call);
+  return count < 0 ? Progress{.bytes = 0, .error = errno} : Progress{.bytes = static_cast<std::size_t>(count)};
+}
+
 // A write that takes nothing and reports no error would be repeated for ever.
 Progress CheckWritten(Progress progress, std::size_t size) {
   if (progress.bytes < size && progress.error == 0) progress.error = EIO;
@@ -170,6 +177,14 @@ Progress WriteAt(int descriptor, std::int64_t offset, std::string_view first, st
   first.copy(both, first.size());
   second.copy(both + first.size(), second.size());
   return WriteOneAt(descriptor, offset, {both, first.size() + second.size()});
+}
+
+Progress ReadSome(int descriptor, void* to, std::size_t size) {
+  return MoveOnce([&] { return calls::Read(descriptor, to, size); });
+}
+
+Progress ReadSomeAt(int descriptor, std::int64_t offset, void* to, std::size_t size) {
+  return MoveOnce([&] { return calls::ReadAt(descriptor, to, size, offset); });
 }
 
 int ReadWhole(int descriptor, std::string& bytes, std::size_t size_max) {

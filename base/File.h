@@ -79,6 +79,11 @@ struct Progress {
 [[nodiscard]] Progress WriteAt(int descriptor, std::int64_t offset, std::string_view first,
                                std::string_view second = {});
 
+// One read of up to `size` bytes, repeated only after EINTR. Fewer bytes do not mean the end of the file; 0 bytes do.
+// For walks through a window that often find what they look for before the end. ReadSomeAt reads from `offset`.
+[[nodiscard]] Progress ReadSome(int descriptor, void* to, std::size_t size);
+[[nodiscard]] Progress ReadSomeAt(int descriptor, std::int64_t offset, void* to, std::size_t size);
+
 // Appends what is left of the file to `bytes`. EFBIG if `bytes` would exceed `size_max`, ENOMEM without memory; what
 // was read until then is in `bytes`.
 [[nodiscard]] int ReadWhole(int descriptor, std::string& bytes, std::size_t size_max);

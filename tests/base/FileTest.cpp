@@ -164,6 +164,27 @@ TEST(FileWrite, CallThatTakesNothingIsAnError) {
   EXPECT_EQ(WriteAt(file.Number(), 0, "abc").error, EIO);
 }
 
+TEST(FileRead, SomeMakesOneCallAndIsRepeatedOnlyAfterAnInterruption) {
+  const TempDir dir;
+  WriteFile(dir.File("f"), "abcdef");
+  const Descriptor file = Open(dir.File("f").c_str(), O_RDONLY);
+  std::array<char, 16> bytes;
+  {
+    const FailingCall interrupted({.call = FileCall::kReadAt, .error = EINTR});
+    EXPECT_EQ(ReadSomeAt(file.Number(), 4, bytes.data(), bytes.size()).bytes, 2U);
+    EXPECT_EQ(interrupted.Calls(), 2);
+  }
+  {
+    const FailingCall short_read({.call = FileCall::kRead, .bytes = 3});
+    EXPECT_EQ(ReadSome(file.Number(), bytes.data(), bytes.size()).bytes, 3U);
+    EXPECT_EQ(short_read.Calls(), 1);
+  }
+  const FailingCall fault({.call = FileCall::kRead, .error = EIO});
+  EXPECT_EQ(ReadSome(file.Number(), bytes.data(), bytes.size()).error, EIO);
+  EXPECT_EQ(ReadSome(file.Number(), bytes.data(), bytes.size()).bytes, 3U);
+  EXPECT_EQ(ReadSome(file.Number(), bytes.data(), bytes.size()).bytes, 0U);
+}
+
 TEST(FileRead, EndOfFileIsNoError) {
   const TempDir dir;
   WriteFile(dir.File("f"), "abc");
