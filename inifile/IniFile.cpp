@@ -10,7 +10,7 @@
 #include <new>
 #include <utility>
 
-#include "inifile/RegularFile.h"
+#include "base/File.h"
 
 namespace {
 
@@ -72,7 +72,7 @@ const char* CIniFile::GetFileName() const { return file_name_ ? file_name_.get()
 bool CIniFile::Open(bool mustExist) {
   is_open_ = false;
   if (!file_name_) return false;
-  is_open_ = !mustExist || qx::inifile::OpenRegularFile(file_name_.get(), O_RDONLY).IsOpen();
+  is_open_ = !mustExist || qx::file::OpenRegular(file_name_.get(), O_RDONLY).IsOpen();
   return is_open_;
 }
 

@@ -1,10 +1,9 @@
 #include "inifile/LineScanner.h"
 
-#include <unistd.h>
-
 #include <cassert>
-#include <cerrno>
 #include <cstring>
+
+#include "base/File.h"
 
 namespace qx::inifile {
 
@@ -46,15 +45,11 @@ void LineScanner::ReadMore() noexcept {
   const std::size_t kept = unread_.size();
   if (kept > 0) std::memmove(window_.data(), unread_.data(), kept);
 
-  const off_t offset = static_cast<off_t>(position_ + kept);
-  ssize_t got = 0;
-  do {
-    got = pread(descriptor_, window_.data() + kept, window_.size() - kept, offset);
-  } while (got < 0 && errno == EINTR);
-
-  has_failed_ = got < 0;
-  if (got <= 0) is_read_to_the_end_ = true;
-  unread_ = {window_.data(), kept + (got > 0 ? static_cast<std::size_t>(got) : 0)};
+  const auto offset = static_cast<std::int64_t>(position_ + kept);
+  const file::Progress got = file::ReadSomeAt(descriptor_, offset, window_.data() + kept, window_.size() - kept);
+  has_failed_ = got.Failed();
+  if (got.bytes == 0) is_read_to_the_end_ = true;
+  unread_ = {window_.data(), kept + got.bytes};
 }
 
 }  // namespace qx::inifile

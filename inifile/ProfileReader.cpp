@@ -6,11 +6,11 @@
 #include <optional>
 #include <string_view>
 
+#include "base/File.h"
 #include "debug/Debug.h"
 #include "inifile/IniFile.h"
 #include "inifile/LineScanner.h"
 #include "inifile/ProfileSyntax.h"
-#include "inifile/RegularFile.h"
 
 namespace qx::inifile {
 
@@ -152,7 +152,7 @@ void SearchSection(LineScanner& lines, const Query& query, Result& result) {
   }
 }
 
-void Search(const Descriptor& file, const Query& query, Result& result) {
+void Search(const file::Descriptor& file, const Query& query, Result& result) {
   std::array<char, LineScanner::kWindowBytes> window;
   LineScanner lines(file.Number(), window);
   if (query.section == nullptr) {
@@ -172,7 +172,7 @@ unsigned DeliverDefault(const char* def, char* buf, std::size_t size) {
 
 unsigned Read(const Query& query, const char* def, char* buf, std::size_t size, const char* path) {
   Result result(buf, size);
-  if (const Descriptor file = OpenRegularFile(path, O_RDONLY); file.IsOpen()) {
+  if (const file::Descriptor file = file::OpenRegular(path, O_RDONLY); file.IsOpen()) {
     Search(file, query, result);
   } else {
     QX_TRACE(4, "GetPrivateProfileString: Cannot open %s\n", path);

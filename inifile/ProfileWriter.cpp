@@ -5,7 +5,6 @@
 // last line without one, and in each piece of a line that was split, a character is missing.
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -18,11 +17,11 @@
 #include <string_view>
 #include <utility>
 
+#include "base/File.h"
 #include "debug/Debug.h"
 #include "inifile/IniFile.h"
 #include "inifile/LineScanner.h"
 #include "inifile/ProfileSyntax.h"
-#include "inifile/RegularFile.h"
 
 namespace qx::inifile {
 
@@ -107,7 +106,7 @@ Place FindPlace(LineScanner& lines, const Edit& edit) {
   return place;
 }
 
-Place FindPlace(const Descriptor& file, const Edit& edit) {
+Place FindPlace(const file::Descriptor& file, const Edit& edit) {
   std::array<char, LineScanner::kWindowBytes> window;
   LineScanner lines(file.Number(), window);
   Place place = FindPlace(lines, edit);
@@ -134,9 +133,7 @@ std::unique_ptr<char[]> ReadTail(FILE* stream, std::uint64_t offset, std::uint64
 }
 
 // Cuts what a failed write left behind `old_end`. The write has failed either way, so its result is the one to report.
-void GiveBack(int descriptor, off_t old_end) {
-  if (ftruncate(descriptor, old_end) != 0) return;
-}
+void CutBack(int descriptor, off_t old_end) { (void)file::Truncate(descriptor, old_end); }
 
 // Takes the room that an edit will need before it overwrites anything, so that a full disk leaves the file as it was.
 // Only a lack of room counts: where room cannot be reserved the writes themselves show what is wrong.
@@ -145,20 +142,20 @@ bool ReserveRoom(FILE* stream, std::uint64_t old_size, std::uint64_t new_size) {
   const auto old_end = static_cast<off_t>(old_size);
   const int error = posix_fallocate(fileno(stream), old_end, static_cast<off_t>(new_size - old_size));
   if (error != ENOSPC && error != EFBIG && error != EDQUOT) return true;
-  GiveBack(fileno(stream), old_end);
+  CutBack(fileno(stream), old_end);
   return false;
 }
 
 bool TruncateHere(FILE* stream) {
   if (std::fflush(stream) != 0) return false;
   const off_t end = ftello(stream);
-  return end >= 0 && ftruncate(fileno(stream), end) == 0;
+  return end >= 0 && file::Truncate(fileno(stream), end) == 0;
 }
 
 // Replaces the bytes from `begin` to `end` by `text`.
 bool Splice(FILE* stream, std::uint64_t begin, std::uint64_t end, std::string_view text) {
   struct stat status;
-  if (fstat(fileno(stream), &status) != 0) return false;
+  if (file::StatusOf(fileno(stream), status) != 0) return false;
   const auto size = static_cast<std::uint64_t>(status.st_size);
   if (begin > end || end > size) return false;
 
@@ -190,7 +187,7 @@ bool EditPlace(FILE* stream, const Place& place, const Edit& edit) {
   return WriteRegion(stream, place.begin, place.begin, edit, false);
 }
 
-bool EditInPlace(Descriptor file, const Place& place, const Edit& edit) {
+bool EditInPlace(file::Descriptor file, const Place& place, const Edit& edit) {
   Stream stream(fdopen(file.Number(), "r+"));
   if (!stream) return false;
   (void)file.Release();  // the stream closes it
@@ -201,21 +198,12 @@ bool EditInPlace(Descriptor file, const Place& place, const Edit& edit) {
   return result;
 }
 
-bool WriteAll(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = write(descriptor, text.data(), text.size());
-    if (written < 0 && errno != EINTR) return false;
-    if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return true;
-}
-
 // What could not be appended whole is taken back: half a line would run into whatever is appended next.
-bool AppendText(Descriptor file, std::string_view text) {
+bool AppendText(file::Descriptor file, std::string_view text) {
   struct stat before;
-  if (fstat(file.Number(), &before) != 0) return false;
-  if (WriteAll(file.Number(), text)) return file.Close();
-  GiveBack(file.Number(), before.st_size);
+  if (file::StatusOf(file.Number(), before) != 0) return false;
+  if (!file::Write(file.Number(), text).Failed()) return file.Close() == 0;
+  CutBack(file.Number(), before.st_size);
   return false;
 }
 
@@ -225,7 +213,8 @@ void TraceAppendError(const Edit& edit) {
 
 // Quirk: nothing ends a last line without line feed first, so an entry appended without a header runs into it.
 bool Append(const Edit& edit, bool with_header, bool is_new) {
-  Descriptor file = OpenRegularFile(edit.path, O_WRONLY | O_APPEND | (is_new ? O_CREAT : 0), kNewFileMode);
+  const int flags = O_WRONLY | O_APPEND | (is_new ? O_CREAT : 0);
+  file::Descriptor file = file::OpenRegular(edit.path, flags, kNewFileMode);
   if (!file.IsOpen()) {
     TraceAppendError(edit);
     return false;
@@ -245,8 +234,9 @@ bool WriteToUnopenable(const Edit& edit, int error) {
 }
 
 bool Write(const Edit& edit) {
-  Descriptor file = OpenRegularFile(edit.path, O_RDWR);
-  if (!file.IsOpen()) return WriteToUnopenable(edit, errno);
+  file::Descriptor file = file::OpenRegular(edit.path, O_RDWR);
+  const int error = errno;
+  if (!file.IsOpen()) return WriteToUnopenable(edit, error);
 
   const Place place = FindPlace(file, edit);
   switch (place.kind) {

@@ -1,15 +1,13 @@
 // The class-wide machinery: loading, saving, the roots; and the life of a handle.
 #include "registry/Registry.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <exception>
 #include <utility>
 
+#include "base/File.h"
 #include "debug/Debug.h"
 #include "registry/Hives.h"
 #include "registry/RegistryFile.h"
@@ -130,12 +128,13 @@ std::size_t BytesExpected() {
 }
 
 bool WriteNewFile() {
-  qx::registry::Descriptor file = qx::registry::OpenToWrite(CRegistry::MPRegistryTemp.c_str());
+  qx::file::Descriptor file = qx::registry::OpenToWrite(CRegistry::MPRegistryTemp.c_str());
   if (!file.IsOpen()) return false;
   std::string text;
   if (qx::registry::FormatTree(CRegistry::MRoot, text, BytesExpected()) && qx::registry::WriteThrough(file, text))
     return true;
-  (void)unlink(CRegistry::MPRegistryTemp.c_str());  // a leftover is never read and is emptied by the next save
+  (void)qx::file::Remove(
+      CRegistry::MPRegistryTemp.c_str());  // a leftover is never read and is emptied by the next save
   return false;
 }
 
@@ -144,9 +143,9 @@ bool WriteNewFile() {
 // is there. False where the file system cannot do this.
 bool ExchangeFiles(const char* path) {
   const char* temporary = CRegistry::MPRegistryTemp.c_str();
-  if (renameat2(AT_FDCWD, temporary, AT_FDCWD, path, RENAME_EXCHANGE) != 0) return false;
+  if (qx::file::Exchange(temporary, path) != 0) return false;
   // Where the backup cannot have its name, the old file goes, as when the new one is moved over it.
-  if (std::rename(temporary, CRegistry::MPRegistryOld.c_str()) != 0) (void)unlink(temporary);
+  if (qx::file::Rename(temporary, CRegistry::MPRegistryOld.c_str()) != 0) (void)qx::file::Remove(temporary);
   return true;
 }
 
@@ -158,8 +157,8 @@ void PutNewFileInPlace() {
   // The results are not asked for: a save that comes this far counts as done.
   const bool has_backup = qx::registry::HoldsBytes(path);
   if (!has_backup || !ExchangeFiles(path)) {
-    if (has_backup) (void)std::rename(path, CRegistry::MPRegistryOld.c_str());
-    (void)std::rename(CRegistry::MPRegistryTemp.c_str(), path);
+    if (has_backup) (void)qx::file::Rename(path, CRegistry::MPRegistryOld.c_str());
+    (void)qx::file::Rename(CRegistry::MPRegistryTemp.c_str(), path);
   }
   qx::registry::SyncDirectoryOf(path);
 }
@@ -210,7 +209,7 @@ bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
     QX_TRACE(1, "CRegistry: ERROR: Empty file path");
     return false;
   }
-  const qx::registry::Descriptor file = qx::registry::OpenToRead(path);
+  const qx::file::Descriptor file = qx::registry::OpenToRead(path);
   if (!file.IsOpen()) {
     QX_TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
     return false;

@@ -5,42 +5,26 @@
 #include <cstddef>
 #include <string_view>
 
+#include "base/File.h"
 #include "registry/TreeReader.h"
 
 namespace qx::registry {
 
-// A file descriptor, closed at the end of the scope.
-class Descriptor {
- public:
-  explicit Descriptor(int number = -1) : number_(number) {}
-  Descriptor(Descriptor&& other) noexcept : number_(other.number_) { other.number_ = -1; }
-  Descriptor& operator=(Descriptor&&) = delete;
-  ~Descriptor() { (void)Close(); }
-
-  [[nodiscard]] bool IsOpen() const { return number_ >= 0; }
-  [[nodiscard]] int Number() const { return number_; }
-  // False when the system reports that something written could not be kept.
-  bool Close();
-
- private:
-  int number_;
-};
-
 // Opens a regular file; anything else (a directory, a FIFO that would block for ever) counts as not to be opened. Only
 // when the system cannot tell what it is, it is taken.
-[[nodiscard]] Descriptor OpenToRead(const char* path);
+[[nodiscard]] file::Descriptor OpenToRead(const char* path);
 // The same, created if it is missing and emptied.
-[[nodiscard]] Descriptor OpenToWrite(const char* path);
+[[nodiscard]] file::Descriptor OpenToWrite(const char* path);
 
 // Bytes of the open file, or -1 when the system cannot tell.
-[[nodiscard]] long long SizeOf(const Descriptor& file);
+[[nodiscard]] long long SizeOf(const file::Descriptor& file);
 
 // Writes all of `text` into the open file, brings it to the disk and closes it. The file is readable by everybody from
 // then on.
-[[nodiscard]] bool WriteThrough(Descriptor& file, std::string_view text);
+[[nodiscard]] bool WriteThrough(file::Descriptor& file, std::string_view text);
 
 // The bytes of an open file, from where it stands.
-[[nodiscard]] ByteSource BytesOf(const Descriptor& file);
+[[nodiscard]] ByteSource BytesOf(const file::Descriptor& file);
 
 // The size of the file at `path`, or 0 when there is none.
 [[nodiscard]] std::size_t BytesAt(const char* path);

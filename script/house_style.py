@@ -65,10 +65,8 @@ FILE_CALLERS = {
     "base/FileCalls.cpp",
     # Not converted yet:
     "base/tools/ReplacedFile.cpp",
-    "inifile/RegularFile.cpp",
+
     "process/Process.cpp",
-    "registry/Registry.cpp",
-    "registry/RegistryFile.cpp",
     "reportfile/DirectoryListing.cpp",
     "reportfile/FileCopy.cpp",
     "reportfile/ReportFileBackup.cpp",

@@ -2,17 +2,15 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <utility>
 
+#include "base/File.h"
 #include "inifile/IniFile.h"
 #include "inifile/ProfileSyntax.h"
-#include "inifile/RegularFile.h"
 
 namespace qx::inifile {
 
@@ -278,37 +276,22 @@ bool RunStep(const ProfileStep& step, const std::string& path) {
 }
 
 bool AppendLineFeed(const std::string& path) {
-  Descriptor file = OpenRegularFile(path.c_str(), O_WRONLY | O_APPEND);
-  return file.IsOpen() && write(file.Number(), "\n", 1) == 1 && file.Close();
+  file::Descriptor file = file::OpenRegular(path.c_str(), O_WRONLY | O_APPEND);
+  return file.IsOpen() && !file::Write(file.Number(), "\n").Failed() && file.Close() == 0;
 }
 
 bool HoldsText(const std::string& path, const std::string& text) {
-  const Descriptor file = OpenRegularFile(path.c_str(), O_RDONLY);
-  if (!file.IsOpen()) return false;
-  std::string bytes(text.size() + 1, '\0');
-  std::size_t have = 0;
-  for (ssize_t got = 1; got > 0 && have < bytes.size(); have += static_cast<std::size_t>(std::max<ssize_t>(got, 0))) {
-    got = pread(file.Number(), bytes.data() + have, bytes.size() - have, static_cast<off_t>(have));
-    if (got < 0) return false;
-  }
-  return bytes.compare(0, have, text) == 0;
+  const file::Descriptor file = file::OpenRegular(path.c_str(), O_RDONLY);
+  std::string bytes;
+  return file.IsOpen() && file::ReadWhole(file.Number(), bytes, text.size()) == 0 && bytes == text;
 }
 
 // An anonymous file that can be opened by name.
 struct MemoryFile {
   MemoryFile() : file(memfd_create("profile", MFD_CLOEXEC)) {}
   [[nodiscard]] std::string Path() const { return "/proc/self/fd/" + std::to_string(file.Number()); }
-  Descriptor file;
+  file::Descriptor file;
 };
-
-bool WriteWhole(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = write(descriptor, text.data(), text.size());
-    if (written <= 0) return false;
-    text.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -330,7 +313,8 @@ std::string CarryOut(const ProfilePlan& plan, const std::string& text, const std
 
 std::string Rehearse(const ProfilePlan& plan, const std::string& text) {
   const MemoryFile copy;
-  if (!copy.file.IsOpen() || !WriteWhole(copy.file.Number(), text)) return "there is no room for a copy in memory";
+  if (!copy.file.IsOpen() || file::Write(copy.file.Number(), text).Failed())
+    return "there is no room for a copy in memory";
   return CarryOut(plan, text, copy.Path());
 }
 

@@ -8,20 +8,20 @@
 #include <string>
 #include <vector>
 
-#include "inifile/RegularFile.h"
+#include "base/File.h"
 #include "tests/inifile/FgetsProfile.h"
 #include "tests/inifile/MemoryFile.h"
 #include "tests/support/Support.h"
 
 namespace {
 
-using qx::inifile::Descriptor;
+using qx::file::Descriptor;
 using qx::inifile::LineMark;
 using qx::inifile::LineScanner;
 using qx::test::PlainLine;
 
 std::vector<PlainLine> ScannedLines(const std::string& path, std::size_t window_bytes) {
-  const Descriptor file = qx::inifile::OpenRegularFile(path.c_str(), O_RDONLY);
+  const Descriptor file = qx::file::OpenRegular(path.c_str(), O_RDONLY);
   std::vector<char> window(window_bytes);
   LineScanner scanner(file.Number(), window);
   std::vector<PlainLine> lines;
@@ -82,7 +82,7 @@ TEST(LineScanner, ReadErrorEndsTheFile) {
 TEST(LineScanner, DescriptorsOwnPositionIsNeitherUsedNorMoved) {
   const qx::test::TempDir dir;
   qx::test::WriteFile(dir.File("f"), "a\nb\n");
-  const Descriptor file = qx::inifile::OpenRegularFile(dir.File("f").c_str(), O_RDONLY);
+  const Descriptor file = qx::file::OpenRegular(dir.File("f").c_str(), O_RDONLY);
   ASSERT_EQ(lseek(file.Number(), 3, SEEK_SET), 3);
   char window[LineScanner::kLineBytesMax];
   LineScanner scanner(file.Number(), window);
@@ -140,7 +140,7 @@ TEST(LineScanner, PassingOverLosesNoLineAndNoPosition) {
   for (int round = 0; round < 600; ++round) {
     const std::string bytes = RandomBytes(random) + "\n";
     file.Write(bytes);
-    const Descriptor descriptor = qx::inifile::OpenRegularFile(path.c_str(), O_RDONLY);
+    const Descriptor descriptor = qx::file::OpenRegular(path.c_str(), O_RDONLY);
     std::vector<char> window(1023 + random() % 3000);
     LineScanner scanner(descriptor.Number(), window);
     std::vector<PlainLine> actual;
