@@ -71,6 +71,16 @@ constexpr std::uint32_t SlotOfLogical(const IndexHeader& header, std::uint32_t l
   return header.maxRecord != 0 ? slot % header.maxRecord : slot;
 }
 
+// The same in 64 bits, for a plausible header: in a ring of more than 2^31 slots the 32-bit sum would wrap.
+constexpr std::uint32_t SlotOfAge(const IndexHeader& header, std::uint32_t age) {
+  return static_cast<std::uint32_t>((std::uint64_t{age} + header.oldestIndex) % header.maxRecord);
+}
+
+// True for a header that a writer can have left, as far as the ring is concerned. It has at least one slot.
+constexpr bool HasPlausibleRing(const IndexHeader& header) {
+  return header.maxRecord != 0 && header.highestIndex <= header.maxRecord && header.oldestIndex < header.maxRecord;
+}
+
 // The ring fills its free slots first, then replaces its oldest record.
 //   3 slots, 2 used                    => slot 2
 //   3 slots, all used, oldestIndex 1   => slot 1
@@ -96,12 +106,30 @@ constexpr std::int64_t MarkerOffset(std::uint32_t record_offset, std::size_t tex
   return std::int64_t{record_offset} + static_cast<std::int64_t>(text_bytes + kLineEnd.size());
 }
 
-// Quirk: the data file restarts every 2 * maxRecord records whatever their length, so a run of longer records can
-// overwrite text that is still indexed. The period is computed in 32 bits; one that comes out as 0 (a ring of 2^31
-// slots, a damaged header) never restarts the file.
+// How many records are written from one restart of the data file to the next: a round. Computed in 32 bits; 0 (a ring
+// of 2^31 slots, a damaged header) means that the file never restarts.
+//   3 slots     => 6
+//   2^31 slots  => 0
+constexpr std::uint32_t RecordsPerRound(const IndexHeader& header) { return 2 * header.maxRecord; }
+
+// How many of the first `count` records are in the last round, if the data file is restarted as `header` says.
+//   3 slots, count 5   => 5
+//   3 slots, count 6   => 0
+//   3 slots, count 13  => 1
+constexpr std::uint32_t RecordsInRound(const IndexHeader& header, std::uint32_t count) {
+  const std::uint32_t period = RecordsPerRound(header);
+  return period != 0 ? count % period : count;
+}
+
+// Of all records that were written.
+constexpr std::uint32_t RecordsInRound(const IndexHeader& header) {
+  return RecordsInRound(header, header.elementCount);
+}
+
+// Quirk: the data file restarts after a round, whatever the length of its records, so a run of longer records can
+// overwrite text that is still indexed.
 constexpr bool DataFileRestarts(const IndexHeader& header) {
-  const std::uint32_t period = 2 * header.maxRecord;
-  return period != 0 && header.elementCount % period == 0;
+  return RecordsPerRound(header) != 0 && RecordsInRound(header) == 0;
 }
 
 // Sends the next record to the start of the data file; what follows it there is the remains of older records.

@@ -61,6 +61,28 @@ TEST(StoreFormat, AdvancingADamagedOldestIndexComesBackToZero) {
   EXPECT_EQ(header.oldestIndex, 0U);
 }
 
+TEST(StoreFormat, SlotOfAgeDoesNotWrapIn32Bits) {
+  const IndexHeader header{.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF, .oldestIndex = 0xFFFFFFFE};
+  EXPECT_EQ(SlotOfAge(header, 0), 0xFFFFFFFE);
+  EXPECT_EQ(SlotOfAge(header, 1), 0U);
+  EXPECT_EQ(SlotOfAge(header, 5), 4U);
+}
+
+TEST(StoreFormat, PlausibleRingHasSlotsAndKeepsItsIndexesInside) {
+  EXPECT_TRUE(HasPlausibleRing({.maxRecord = 3, .highestIndex = 3, .oldestIndex = 2}));
+  EXPECT_FALSE(HasPlausibleRing({.maxRecord = 0, .highestIndex = 0, .oldestIndex = 0}));
+  EXPECT_FALSE(HasPlausibleRing({.maxRecord = 3, .highestIndex = 4, .oldestIndex = 2}));
+  EXPECT_FALSE(HasPlausibleRing({.maxRecord = 3, .highestIndex = 3, .oldestIndex = 3}));
+}
+
+TEST(StoreFormat, RoundsCountRecordsSinceTheLastRestart) {
+  EXPECT_EQ(RecordsInRound({.elementCount = 5, .maxRecord = 3}), 5U);
+  EXPECT_EQ(RecordsInRound({.elementCount = 6, .maxRecord = 3}), 0U);
+  EXPECT_EQ(RecordsInRound({.elementCount = 13, .maxRecord = 3}), 1U);
+  EXPECT_EQ(RecordsInRound({.elementCount = 13, .maxRecord = 3}, 11), 5U);
+  EXPECT_EQ(RecordsInRound({.elementCount = 13, .maxRecord = 0x80000000}), 13U);  // never restarted
+}
+
 TEST(StoreFormat, DataFileRestartsAtEveryMultipleOfTwiceTheRingSize) {
   EXPECT_FALSE(DataFileRestarts({.elementCount = 5, .maxRecord = 3}));
   EXPECT_TRUE(DataFileRestarts({.elementCount = 6, .maxRecord = 3}));

@@ -183,9 +183,9 @@ const char* RingState(const StoreInfo& info) {
 
 // How many records go behind the others before the data file starts over; unset: never.
 std::optional<std::uint32_t> RecordsUntilRestart(const IndexHeader& header) {
-  const std::uint32_t period = 2 * header.maxRecord;
+  const std::uint32_t period = report::RecordsPerRound(header);
   if (period == 0) return std::nullopt;
-  return period - header.elementCount % period;
+  return period - report::RecordsInRound(header);
 }
 
 Json InfoToJson(const StoreInfo& info) {
