@@ -66,13 +66,13 @@ struct RecordReader::Windows {
   void LoadSlots(std::FILE* index_file, std::uint32_t slot, std::size_t wanted) {
     const std::size_t slots_max = std::clamp(wanted, kSlotGuessSlots, kSlotWindowSlots);
     first_slot = slot;
-    slot_count = static_cast<std::uint32_t>(ReadAt(index_file, SlotOffset(slot), slots, slots_max * sizeof slots[0]) /
-                                            sizeof slots[0]);
+    const std::size_t bytes = ReadAt(index_file, SlotOffset(slot), slots, slots_max * sizeof slots[0]).bytes;
+    slot_count = static_cast<std::uint32_t>(bytes / sizeof slots[0]);
   }
 
   void LoadData(std::FILE* data_file, std::int64_t offset, std::size_t wanted) {
     data_offset = offset;
-    data_size = ReadAt(data_file, offset, data, std::min(wanted, kDataWindowBytes));
+    data_size = ReadAt(data_file, offset, data, std::min(wanted, kDataWindowBytes)).bytes;
   }
 
   [[nodiscard]] std::string_view HeldAt(std::int64_t offset) const {
@@ -168,8 +168,8 @@ bool RecordReader::ReadWhole(std::span<const std::uint32_t> offsets, std::string
   const std::size_t size = offsets.back() - offsets.front();
   out->resize(size_before + size);
   char* const to = out->data() + size_before;
-  if (ReadAt(store_.data_file_, offsets.front(), to, size) == size && HoldsWholeRecords({to, size}, offsets))
-    return true;
+  const std::size_t bytes = ReadAt(store_.data_file_, offsets.front(), to, size).bytes;
+  if (bytes == size && HoldsWholeRecords({to, size}, offsets)) return true;
   out->resize(size_before);
   return false;
 }

@@ -42,7 +42,7 @@ template <typename T>
 bool ReadWholeAt(std::FILE* file, std::int64_t offset, T& value) {
   static_assert(std::is_trivially_copyable_v<T>);
   T read;
-  if (ReadAt(file, offset, &read, sizeof read) != sizeof read) return false;
+  if (ReadAt(file, offset, &read, sizeof read).bytes != sizeof read) return false;
   value = read;
   return true;
 }
@@ -58,7 +58,7 @@ void ReadTextAt(std::FILE* file, std::int64_t offset, std::string& text) {
   char window[kLineWindowBytes];
   text.clear();
   for (;;) {
-    const std::size_t size = ReadAt(file, offset, window, sizeof window);
+    const std::size_t size = ReadAt(file, offset, window, sizeof window).bytes;
     const std::string_view bytes = size != 0 ? std::string_view(window, size) : kEndOfFile;
     const RecordPiece piece = PieceOf(bytes);
     text.append(bytes.data(), piece.text_bytes);
@@ -88,9 +88,9 @@ CReportFileBase::CReportFileBase() {
 CReportFileBase::~CReportFileBase() { Close(); }
 
 bool CReportFileBase::OpenBoth(const char* path, OpenMode mode) {
-  index_file_ = OpenRegularFile(IndexFileName(path), mode);
+  index_file_ = StreamOf(OpenRegularFile(IndexFileName(path), mode), mode);
   const int index_error = errno;
-  data_file_ = OpenRegularFile(DataFileName(path), mode);
+  data_file_ = StreamOf(OpenRegularFile(DataFileName(path), mode), mode);
   if (index_file_ == nullptr) errno = index_error;
   return IsOpen();
 }
@@ -153,7 +153,7 @@ bool CReportFileBase::readLine(std::string& out, unsigned int slot) {
 
 long CReportFileBase::GetDataFileSize() {
   struct stat status;
-  if (data_file_ == nullptr || fstat(fileno(data_file_), &status) != 0) return 0;
+  if (data_file_ == nullptr || qx::file::StatusOf(fileno(data_file_), status) != 0) return 0;
   return status.st_size;
 }
 

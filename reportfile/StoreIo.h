@@ -1,4 +1,5 @@
-// Regular files and positioned, complete reads and writes: what the store needs of the system.
+// A store's files: which are accepted, and how they become the streams that the class owns. Reads and writes go through
+// base/File.h, on the descriptors of the streams.
 #pragma once
 
 #include <cstddef>
@@ -6,6 +7,8 @@
 #include <cstdio>
 #include <string>
 #include <string_view>
+
+#include "base/File.h"
 
 namespace qx::report {
 
@@ -15,16 +18,23 @@ enum class OpenMode {
   kCreate,  // created or emptied, mode 0644 whatever the file-creation mask; read and write
 };
 
-// Opens a regular file, close-on-exec. Null with errno set; EINVAL for anything but a regular file, which is never
-// waited for (a FIFO without a writer) nor emptied.
-[[nodiscard]] std::FILE* OpenRegularFile(const std::string& path, OpenMode mode);
+// Opens a regular file, close-on-exec. Not open, with errno set: EINVAL for anything but a regular file, which is
+// neither waited for (a FIFO without a writer) nor emptied.
+[[nodiscard]] file::Descriptor OpenRegularFile(const std::string& path, OpenMode mode);
 
-// Reads up to `size` bytes at `offset`. Returns how many came before the end of the file or an error.
-[[nodiscard]] std::size_t ReadAt(std::FILE* file, std::int64_t offset, void* to, std::size_t size);
+// A stream that owns the descriptor. Null with errno set without memory; the descriptor is closed then.
+[[nodiscard]] std::FILE* StreamOf(file::Descriptor descriptor, OpenMode mode);
 
-// Writes `first` and, right behind it, `second` at `offset`, in one call unless the system takes less than it was
-// given. Returns how many bytes were written before an error, which is then in errno.
-[[nodiscard]] std::size_t WriteAt(std::FILE* file, std::int64_t offset, std::string_view first,
-                                  std::string_view second = {});
+// Up to `size` bytes at `offset`: file::ReadAt on the stream's descriptor.
+[[nodiscard]] inline file::Progress ReadAt(std::FILE* file, std::int64_t offset, void* to, std::size_t size) {
+  return file::ReadAt(fileno(file), offset, to, size);
+}
+
+// `first` and, directly after it, `second` at `offset`: file::WriteAt on the stream's descriptor. Returns how many
+// bytes were written before an error, which is then in errno.
+[[nodiscard]] inline std::size_t WriteAt(std::FILE* file, std::int64_t offset, std::string_view first,
+                                         std::string_view second = {}) {
+  return file::WriteAt(fileno(file), offset, first, second).bytes;
+}
 
 }  // namespace qx::report

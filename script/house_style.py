@@ -70,7 +70,6 @@ FILE_CALLERS = {
     "reportfile/DirectoryListing.cpp",
     "reportfile/FileCopy.cpp",
     "reportfile/ReportFileBackup.cpp",
-    "reportfile/StoreIo.cpp",
     "reportfile/tools/DurableFiles.cpp",
     "reportfile/tools/StoreBackup.cpp",
     "tools/qxctl/Main.cpp",

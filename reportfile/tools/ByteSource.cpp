@@ -2,27 +2,21 @@
 
 #include <sys/stat.h>
 
-#include <cerrno>
-
-#include "reportfile/StoreIo.h"
-
 namespace qx::report {
 
 std::int64_t FileBytes::Size() {
   struct stat status = {};
-  if (file_ == nullptr) return 0;
-  if (fstat(fileno(file_.get()), &status) == 0) return status.st_size;
-  if (error_ == 0) error_ = errno;
-  return 0;
+  if (!file_.IsOpen()) return 0;
+  const int error = file::StatusOf(file_.Number(), status);
+  if (error_ == 0) error_ = error;
+  return error == 0 ? status.st_size : 0;
 }
 
 std::size_t FileBytes::ReadAt(std::int64_t offset, void* to, std::size_t size) {
-  if (file_ == nullptr) return 0;
-  errno = 0;
-  const std::size_t got = report::ReadAt(file_.get(), offset, to, size);
-  const int error = errno;
-  if (got < size && error != 0 && error != EINTR && error_ == 0) error_ = error;
-  return got;
+  if (!file_.IsOpen()) return 0;
+  const file::Progress progress = file::ReadAt(file_.Number(), offset, to, size);
+  if (error_ == 0) error_ = progress.error;
+  return progress.bytes;
 }
 
 std::string_view WindowedBytes::At(std::int64_t offset, std::size_t wanted) {

@@ -7,10 +7,12 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <utility>
+
+#include "base/File.h"
 
 namespace qx::report {
 
@@ -51,21 +53,19 @@ class MemoryBytes final : public ByteSource {
 // Owns the open file.
 class FileBytes final : public ByteSource {
  public:
-  // Takes a file from OpenRegularFile, or null, which reads as empty.
-  explicit FileBytes(std::FILE* file) : file_(file) {}
+  // Takes an open regular file; one that is not open reads as empty.
+  explicit FileBytes(file::Descriptor file) : file_(std::move(file)) {}
 
   std::int64_t Size() override;
   std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) override;
 
-  [[nodiscard]] std::FILE* File() const { return file_.get(); }
+  [[nodiscard]] bool IsOpen() const { return file_.IsOpen(); }
+  [[nodiscard]] int Number() const { return file_.Number(); }
   // The error number of the first read that failed, 0 if none has.
   [[nodiscard]] int Error() const { return error_; }
 
  private:
-  struct Closer {
-    void operator()(std::FILE* file) const { (void)std::fclose(file); }  // only ever read: nothing could be lost
-  };
-  std::unique_ptr<std::FILE, Closer> file_;
+  file::Descriptor file_;
   int error_ = 0;
 };
 

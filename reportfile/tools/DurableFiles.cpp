@@ -150,7 +150,7 @@ void NewFile::TakeOver(const struct stat& status) {
 CopiedFile CopyRegularFile(const std::string& from, const std::string& to) {
   CopiedFile copy;
   FileBytes source(OpenRegularFile(from, OpenMode::kRead));
-  if (source.File() == nullptr || fstat(fileno(source.File()), &copy.status) != 0) {
+  if (!source.IsOpen() || fstat(source.Number(), &copy.status) != 0) {
     copy.error = errno;
     copy.is_source_error = true;
     return copy;

@@ -30,20 +30,6 @@ void Pause(long nanoseconds) {
   (void)nanosleep(&pause, nullptr);  // a shorter pause only makes another try
 }
 
-bool IsPlausible(const IndexHeader& header) {
-  return header.maxRecord != 0 && header.highestIndex <= header.maxRecord && header.oldestIndex < header.maxRecord;
-}
-
-std::uint32_t InRound(const IndexHeader& header) {
-  const std::uint32_t period = 2 * header.maxRecord;
-  return period != 0 ? header.elementCount % period : header.elementCount;
-}
-
-// In 64 bits, because the sum may exceed 32 in the largest rings.
-std::uint32_t SlotOfAge(const IndexHeader& header, std::uint32_t age) {
-  return static_cast<std::uint32_t>((std::uint64_t{age} + header.oldestIndex) % header.maxRecord);
-}
-
 // The slot of the record that is `younger` records older than the newest one.
 std::uint32_t SlotOfRecent(const IndexHeader& header, std::uint32_t younger) {
   return SlotOfAge(header, header.highestIndex - 1 - younger);
@@ -58,8 +44,8 @@ class LiveStore {
         data_(OpenRegularFile(DataFileName(base_path), OpenMode::kRead)),
         data_error_(errno) {}
 
-  int IndexError() const { return index_.File() != nullptr ? 0 : index_error_; }
-  int DataError() const { return data_.File() != nullptr ? 0 : data_error_; }
+  int IndexError() const { return index_.IsOpen() ? 0 : index_error_; }
+  int DataError() const { return data_.IsOpen() ? 0 : data_error_; }
 
   // Read twice, so that a header that is just being written is not seen in parts. Unset: the file is shorter.
   std::optional<IndexHeader> Header() {
@@ -97,7 +83,7 @@ class LiveStore {
  private:
   static struct stat StatusOf(const FileBytes& file) {
     struct stat status = {};
-    (void)fstat(fileno(file.File()), &status);  // of an open file; at worst the copy keeps no permissions
+    (void)file::StatusOf(file.Number(), status);  // of an open file; at worst the copy keeps no permissions
     return status;
   }
 
@@ -132,7 +118,7 @@ class Copier {
   TryEnd Try() {
     if (!CheckOpened()) return TryEnd::kFailed;
     const std::optional<IndexHeader> before = live_.Header();
-    const bool is_usual = before.has_value() && IsPlausible(*before);
+    const bool is_usual = before.has_value() && HasPlausibleRing(*before);
     const bool has_held = is_usual ? CopyConsistently(*before) : CopyAsItIs(before);
     if (const int error = live_.ReadError()) return Fail(error, from_, true);
     if (to_.Error() != 0) return Fail(to_.Error(), to_.FailedPath(), false);
@@ -192,7 +178,7 @@ class Copier {
   std::optional<IndexHeader> CatchUp(IndexHeader seen) {
     for (int spins = 0; spins < kSpinsMax; ++spins) {
       const std::optional<IndexHeader> now = live_.Header();
-      if (!now.has_value() || !IsPlausible(*now) || now->maxRecord != seen.maxRecord) return std::nullopt;
+      if (!now.has_value() || !HasPlausibleRing(*now) || now->maxRecord != seen.maxRecord) return std::nullopt;
       const std::uint32_t appended = now->elementCount - seen.elementCount;
       if (appended >= now->maxRecord) return std::nullopt;
       CopyRecentSlots(*now, appended);
@@ -222,10 +208,10 @@ class Copier {
     std::optional<IndexHeader> now;
     for (int spins = 0; spins < kSpinsMax; ++spins) {
       now = live_.Header();
-      if (!now.has_value() || !IsPlausible(*now) || now->maxRecord != reference.maxRecord) return std::nullopt;
+      if (!now.has_value() || !HasPlausibleRing(*now) || now->maxRecord != reference.maxRecord) return std::nullopt;
       if (!first.has_value()) first = now;
       if (now->elementCount != first->elementCount) return now;
-      if (InRound(*now) != 0 && live_.HasMarkerAt(now->writePosition) && live_.Header() == now) return now;
+      if (RecordsInRound(*now) != 0 && live_.HasMarkerAt(now->writePosition) && live_.Header() == now) return now;
       Pause(kSpinNanoseconds);
     }
     // A writer that died, or a data file that has just been restarted and rests: nothing moves any more.
@@ -235,11 +221,11 @@ class Copier {
   // Was text that `reference` leads to written over on the way to `after`?
   bool IsTouched(const IndexHeader& reference, const IndexHeader& after) const {
     const std::uint32_t appended = after.elementCount - reference.elementCount;
-    const std::uint32_t period = 2 * reference.maxRecord;
+    const std::uint32_t period = RecordsPerRound(reference);
     if (appended == 0) return false;
     if (period != 0 && appended >= period) return true;
-    const bool is_restarted = InRound(after) < InRound(reference);
-    const bool has_old_records = InRound(reference) < reference.highestIndex;
+    const bool is_restarted = RecordsInRound(after) < RecordsInRound(reference);
+    const bool has_old_records = RecordsInRound(reference) < reference.highestIndex;
     if (is_restarted == has_old_records) return has_old_records;  // wrote on over the old round; or behind everything
     const std::optional<std::uint32_t> lowest = LowestLiveOffset(reference);
     return lowest.has_value() && *lowest < after.writePosition + kMarkerBytes;
@@ -248,7 +234,7 @@ class Copier {
   // The lowest offset of a text that the writer can reach next: of the round before, behind the marker, or, if every
   // record is of this round, of the oldest one.
   std::optional<std::uint32_t> LowestLiveOffset(const IndexHeader& header) const {
-    const std::uint32_t in_round = InRound(header);
+    const std::uint32_t in_round = RecordsInRound(header);
     if (in_round >= header.highestIndex) return CopiedSlot(SlotOfAge(header, 0));
     const std::int64_t marker_end = in_round != 0 ? header.writePosition + kMarkerBytes : 0;
     for (std::uint32_t age = 0; age < header.highestIndex - in_round; ++age) {
@@ -267,7 +253,7 @@ class Copier {
   // Takes off what was written behind the moment of `header`.
   void CutToMoment(const IndexHeader& header) {
     to_.index.Shorten(SlotOffset(header.highestIndex));
-    if (InRound(header) == 0) return;  // there is no marker in front of the round before
+    if (RecordsInRound(header) == 0) return;  // there is no marker in front of the round before
     to_.data.WriteAt(header.writePosition, kEndMarker);
     if (header.writePosition == header.fileEnd) to_.data.Shorten(header.writePosition + kMarkerBytes);
   }

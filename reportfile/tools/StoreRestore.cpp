@@ -38,7 +38,7 @@ std::vector<std::string> FilesOf(const RestoreItem& item) {
 bool HaveEqualBytes(const std::string& left_path, const std::string& right_path) {
   FileBytes left(OpenRegularFile(left_path, OpenMode::kRead));
   FileBytes right(OpenRegularFile(right_path, OpenMode::kRead));
-  if (left.File() == nullptr || right.File() == nullptr || left.Size() != right.Size()) return false;
+  if (!left.IsOpen() || !right.IsOpen() || left.Size() != right.Size()) return false;
   WindowedBytes left_window(left);
   WindowedBytes right_window(right);
   for (std::int64_t at = 0;;) {
@@ -66,7 +66,7 @@ Look LookAt(const std::string& path) {
   Look look;
   FileBytes file(OpenRegularFile(path, OpenMode::kRead));
   struct stat status = {};
-  if (file.File() == nullptr || fstat(fileno(file.File()), &status) != 0) return look;
+  if (!file.IsOpen() || fstat(file.Number(), &status) != 0) return look;
   look.bytes = status.st_size;
   look.written = status.st_mtim;
   (void)file.ReadAt(0, &look.header, sizeof look.header);  // a short one is compared as far as it goes

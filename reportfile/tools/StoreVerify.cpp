@@ -134,15 +134,10 @@ class Examiner {
                      "after so many records the oldest one is not in slot " + std::to_string(header.oldestIndex));
   }
 
-  std::uint32_t Period() const { return 2 * look_.header.maxRecord; }  // 32 bits, as the writer computes it
-
-  // Records written since the data file was last restarted, when `count` records have been written.
-  std::uint32_t InRound(std::uint32_t count) const { return Period() != 0 ? count % Period() : count; }
-
   void CheckPositions() {
     const IndexHeader& header = look_.header;
     if (look_.beyond_offsets) return;  // both are cut to 32 bits
-    const std::uint32_t in_round = InRound(header.elementCount);
+    const std::uint32_t in_round = RecordsInRound(header);
     const bool is_too_low = header.writePosition < kRecordBytesMin * in_round;
     if (is_too_low || (in_round == 0 && header.writePosition != 0)) {
       AddHeaderFinding("header.write-position", offsetof(IndexHeader, writePosition), header.writePosition,
@@ -212,7 +207,7 @@ class Examiner {
   void CheckMarker() {
     const IndexHeader& header = look_.header;
     const std::int64_t position = header.writePosition;
-    const bool has_just_restarted = InRound(header.elementCount) == 0;
+    const bool has_just_restarted = RecordsInRound(header) == 0;
     const std::string_view there = texts_.At(position, kMarkerBytes).substr(0, kMarkerBytes);
     if (has_just_restarted) {
       doubtful_end_ = DoubtfulEndBehindRestart();
@@ -288,14 +283,15 @@ class Examiner {
 
   std::optional<WalkedRecord> RecordOfAge(std::uint32_t age) {
     const IndexHeader& header = look_.header;
-    const std::uint32_t slot = static_cast<std::uint32_t>((std::uint64_t{age} + header.oldestIndex) % header.maxRecord);
+    const std::uint32_t slot = SlotOfAge(header, age);
     const std::optional<std::uint32_t> offset = SlotAt(slot);
     if (!offset.has_value()) return std::nullopt;
     const std::uint32_t younger = header.highestIndex - age;  // itself included
-    const std::uint32_t in_current = InRound(header.elementCount);
-    const std::uint32_t in_round = InRound(header.elementCount - younger);
+    const std::uint32_t period = RecordsPerRound(header);
+    const std::uint32_t in_current = RecordsInRound(header);
+    const std::uint32_t in_round = RecordsInRound(header, header.elementCount - younger);
     const bool is_current = younger <= in_current;
-    const bool is_previous = !is_current && (Period() == 0 || younger - in_current <= Period());
+    const bool is_previous = !is_current && (period == 0 || younger - in_current <= period);
     return WalkedRecord{age, slot, *offset, is_current, is_previous, in_round == 0, in_round};
   }
 
@@ -478,7 +474,7 @@ void Pause() {
 // An open file of the store, or why there is none.
 struct Opened {
   explicit Opened(const std::string& name) : path(name), bytes(OpenRegularFile(name, OpenMode::kRead)), error(errno) {
-    if (bytes.File() != nullptr) error = 0;
+    if (bytes.IsOpen()) error = 0;
   }
   int Error() const { return error != 0 ? error : bytes.Error(); }
 

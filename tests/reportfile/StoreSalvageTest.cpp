@@ -1,5 +1,6 @@
 #include "reportfile/tools/StoreSalvage.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -46,13 +47,13 @@ void SetSlot(StoreBytes& store, std::uint32_t slot, std::uint32_t offset) {
 TEST(FileBytes, AFileWhoseSizeCannotBeToldIsAnErrorAndNotAnEmptyFile) {
   const TempDir dir;
   WriteFile(dir.File("data"), "some bytes");
-  report::FileBytes bytes(std::fopen(dir.File("data").c_str(), "r"));
+  report::FileBytes bytes(file::OpenRegular(dir.File("data").c_str(), O_RDONLY));
   ASSERT_EQ(bytes.Size(), 10);
-  const int kept = ::dup(::fileno(bytes.File()));
-  ASSERT_EQ(::close(::fileno(bytes.File())), 0);
+  const int kept = ::dup(bytes.Number());
+  ASSERT_EQ(::close(bytes.Number()), 0);
   EXPECT_EQ(bytes.Size(), 0);
   EXPECT_EQ(bytes.Error(), EBADF);
-  ASSERT_NE(::dup2(kept, ::fileno(bytes.File())), -1);  // for the object to close
+  ASSERT_NE(::dup2(kept, bytes.Number()), -1);  // for the object to close
   ::close(kept);
 }
 
