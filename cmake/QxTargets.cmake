@@ -19,16 +19,13 @@ endif()
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 
-option(QX_REPRODUCIBLE "Leave the path of the build folder out of what is built, so that it does not depend on it" OFF)
-
 find_package(Threads REQUIRED)
 
 add_library(qx_flags INTERFACE)
+# What is built names neither the folder of the sources nor that of the build, and so does not depend on them.
 target_compile_options(qx_flags INTERFACE
-  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
-if(QX_REPRODUCIBLE)  # off while developing: the compiler cache shares objects between build folders
-  target_compile_options(qx_flags INTERFACE -ffile-prefix-map=${PROJECT_BINARY_DIR}=.)
-endif()
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}=.)
 # POSIX and GNU interfaces are used throughout (close_range, pthread_t printing, program_invocation_short_name).
 target_compile_definitions(qx_flags INTERFACE _GNU_SOURCE)
 if(QX_COVERAGE)
@@ -57,8 +54,17 @@ else()
   # The C library's start files carry no mark for the shadow stack, though they work with one; one file without the mark
   # and the linker would leave it out.
   target_link_options(qx_flags INTERFACE -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,-z,text -Wl,-z,shstk)
-  if(CMAKE_BUILD_TYPE STREQUAL "Release")
-    target_compile_definitions(qx_flags INTERFACE _FORTIFY_SOURCE=2)
+  if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$")  # the C library checks lengths only where it optimises
+    target_compile_definitions(qx_flags INTERFACE $<$<NOT:$<BOOL:$<TARGET_PROPERTY:QX_IS_TEST>>>:_FORTIFY_SOURCE=3>)
+  endif()
+  # The standard library checks indices and empty containers.
+  target_compile_definitions(qx_flags INTERFACE _GLIBCXX_ASSERTIONS)
+  # A local variable never shows what was on the stack before. Libraries whose benchmarks this would slow by a fifth opt out with the
+  # property QX_SPEED_COUNTS: they copy texts through buffers on the stack. clang 14 would need a second flag for this one,
+  # which later versions lack.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(qx_flags INTERFACE
+      $<$<NOT:$<BOOL:$<TARGET_PROPERTY:QX_SPEED_COUNTS>>>:-ftrivial-auto-var-init=zero>)
   endif()
 endif()
 if(QX_BUILD_FUZZ)
@@ -82,33 +88,38 @@ function(qx_library name)
   qx_count_coverage(${name})
 endfunction()
 
-# The headers of nearly every test, which g++ reads once for all of them: with a sanitizer that is a third of the work. A
-# source still includes what it names, as a release build does not do this: where it optimises, g++ 12 takes what comes from
-# such headers for our own and warns of bounds that it only thinks to see.
+# The headers of nearly every test, which g++ reads once for all of them: that is a third of the work. A source still includes
+# what it names, as clang does not do this.
 function(qx_precompile_test_headers target)
-  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU" OR CMAKE_BUILD_TYPE STREQUAL "Release")
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     return()
   endif()
   if(NOT TARGET qx_test_headers)
     file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/qx_test_headers.cpp CONTENT "int main() {}\n")
     add_executable(qx_test_headers ${PROJECT_BINARY_DIR}/qx_test_headers.cpp)
     target_link_libraries(qx_test_headers PRIVATE qx_flags GTest::gtest GTest::gmock)
-    qx_compile_fast(qx_test_headers)
+    qx_compile_as_test(qx_test_headers)
     target_precompile_headers(qx_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h> <algorithm> <chrono> <filesystem>
       <fstream> <functional> <map> <memory> <optional> <random> <sstream> <string> <thread> <vector>)
   endif()
   target_precompile_headers(${target} REUSE_FROM qx_test_headers)
 endfunction()
 
-# What is tested is built as it ships, or as its sanitizer wants it. The tests themselves and the tool need not be fast, and
-# compile in two thirds of the time, with a sanitizer in one third. There, looking for null and unaligned pointers is a
-# quarter of the work; the first end a program anyway, the second are looked for in the libraries.
+# What is tested is built as it ships, or as its sanitizer wants it. The tool need not be fast, and compiles in two thirds of
+# the time with fewer optimisations, with a sanitizer in one third. There, looking for null and unaligned pointers is a quarter
+# of the work; the first end a program anyway, the second are looked for in the libraries.
 function(qx_compile_fast target)
   target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-O1>)
   if(QX_SANITIZE)
     target_compile_options(${target} PRIVATE -O0 -g1)
   endif()
   set_target_properties(${target} PROPERTIES QX_COMPILE_FAST ON)
+endfunction()
+
+# The tests themselves are never optimised.
+function(qx_compile_as_test target)
+  target_compile_options(${target} PRIVATE -O0 -g1)
+  set_target_properties(${target} PROPERTIES QX_COMPILE_FAST ON QX_IS_TEST ON)
 endfunction()
 
 # qx_test(NAME SOURCES a.cpp... DEPS qx_lib...): one GoogleTest program, one ctest test, run in shuffled order.
@@ -125,7 +136,7 @@ function(qx_test name)
   endif()
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE qx_test_support ${arg_DEPS} GTest::gtest GTest::gmock)
-  qx_compile_fast(${name})
+  qx_compile_as_test(${name})
   qx_precompile_test_headers(${name})
   set(filter)
   if(QX_SANITIZE STREQUAL "thread")
