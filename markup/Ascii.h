@@ -1,5 +1,5 @@
-// Character classes of markup text. They are fixed tables over single bytes, never the process's locale: what counts as
-// a name or as white space must not depend on the host that loads the library.
+// Character classes of markup text. They are fixed tables over single bytes and ignore the process's locale: what
+// counts as a name or as white space must not depend on the host that loads the library.
 #pragma once
 
 #include <array>
@@ -14,7 +14,7 @@ enum CharClass : std::uint8_t {
   kNameStart = 4,  // a letter, "_", ":" or a byte above 127
   kDigit = 8,
   kHexDigit = 16,
-  kRefName = 32,     // may stand in "&name;" behind the first character
+  kRefName = 32,     // allowed in "&name;" after the first character
   kStoredEnd = 64,   // NUL, space, "/", "=", "[" and "]": a stored name matches up to one of these
   kAttribEnd = 128,  // what ends a tag name, and "=": these end an attribute's name
 };
@@ -50,8 +50,8 @@ inline constexpr std::array<std::uint8_t, 256> kClassTable = MakeClassTable();
 
 }  // namespace detail
 
-constexpr bool IsClass(char c, CharClass wanted) {
-  return (detail::kClassTable[static_cast<unsigned char>(c)] & wanted) != 0;
+constexpr bool IsClass(char c, CharClass requested) {
+  return (detail::kClassTable[static_cast<unsigned char>(c)] & requested) != 0;
 }
 
 constexpr char ToLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }

@@ -11,8 +11,8 @@ namespace {
 
 bool IsQuote(char c) { return c == '"' || c == '\''; }
 
-// Within a tag, whose end is no white space.
-const char* BehindWhite(const char* p) {
+// `p` must be inside a tag: its ">" is not white space, so the loop ends there at the latest.
+const char* SkipWhite(const char* p) {
   while (IsClass(*p, kWhite)) ++p;
   return p;
 }
@@ -22,7 +22,7 @@ const char* BehindWhite(const char* p) {
 AttributeScan::AttributeScan(std::string_view tag)
     : tag_(tag), at_(tag.data() + 1 + NameInStartTag(tag).size()), end_(tag.data() + TagClosingOffset(tag)) {}
 
-// The value whose quote stands at `open`; without a closing one it reaches to the end of the tag.
+// Reads the value that begins with the quote at `open`. Without a closing quote it extends to the end of the tag.
 inline void AttributeScan::ReadQuoted(AttributePos& attribute, const char* open) {
   const void* const close = std::memchr(open + 1, *open, static_cast<std::size_t>(end_ - open - 1));
   attribute.quoted = true;
@@ -33,7 +33,7 @@ inline void AttributeScan::ReadQuoted(AttributePos& attribute, const char* open)
 }
 
 bool AttributeScan::Next(AttributePos& attribute) {
-  for (at_ = BehindWhite(at_); at_ < end_; at_ = BehindWhite(at_)) {
+  for (at_ = SkipWhite(at_); at_ < end_; at_ = SkipWhite(at_)) {
     const char* const name = at_;
     const char* p = name;
     while (!IsClass(*p, kAttribEnd)) ++p;
@@ -45,21 +45,21 @@ bool AttributeScan::Next(AttributePos& attribute) {
       ReadValue(attribute, p);
     }
     if (p != name) return true;
-    // A value without a name, or a stray "/", is stepped over.
+    // Skip a value without a name, or a stray "/".
     if (at_ == name) ++at_;
   }
   return false;
 }
 
 //   ="1"   = '1'   =1   =(nothing)   (nothing)
-// White space behind the "=" is skipped only before a quote: in `a= b="1"` the value of a is empty, not `b=`.
+// White space after the "=" is skipped only before a quote: in `a= b="1"` the value of a is empty, not `b=`.
 void AttributeScan::ReadValue(AttributePos& attribute, const char* p) {
   attribute.value_start = attribute.value_end = attribute.name_end;
   attribute.quoted = false;
-  at_ = BehindWhite(p);
+  at_ = SkipWhite(p);
   if (*at_ == '=') {
     attribute.value_start = attribute.value_end = OffsetOf(++at_);
-    at_ = BehindWhite(at_);
+    at_ = SkipWhite(at_);
   } else if (attribute.name_end != attribute.name_start || !IsQuote(*at_)) {
     return;
   }

@@ -1,4 +1,4 @@
-// Finding an attribute inside a start tag. Nothing is built: a lookup walks the tag's bytes.
+// Finds an attribute inside a start tag. There is no attribute list: each lookup walks the tag's bytes.
 #pragma once
 
 #include <cstddef>
@@ -17,13 +17,13 @@ struct AttributePos {
   bool HasValue() const { return value_start != name_end; }
 };
 
-// Walks the attributes of one start tag in their order.
+// Walks the attributes of one start tag, in order.
 class AttributeScan {
  public:
   // `tag` is the whole start tag from "<" to ">".
   explicit AttributeScan(std::string_view tag);
 
-  // Steps to the next attribute; false at the end of the tag.
+  // Moves to the next attribute; false at the end of the tag.
   bool Next(AttributePos& attribute);
 
  private:
@@ -33,11 +33,11 @@ class AttributeScan {
 
   std::string_view tag_;
   const char* at_;
-  const char*
-      end_;  // the ">" or "/>": neither can stand in a name or be white space, so it ends every search for those
+  // The ">" or "/>". It is neither white space nor part of a name, so every scan over those stops here at the latest.
+  const char* end_;
 };
 
-// The attribute `name` of the start tag; false if it has none.
+// Finds the attribute `name` of the start tag; false if the tag has no such attribute.
 bool FindAttribute(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute);
 
 // Offset of the ">" or "/>" that ends a start tag.

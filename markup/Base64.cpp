@@ -23,7 +23,7 @@ consteval std::array<std::int8_t, 256> MakeValueTable() {
 
 constexpr std::array<std::int8_t, 256> kValues = MakeValueTable();
 
-// The digits of the text, without white space and the "=" at its end, or false for a text that is no base64.
+// Collects the digits of the text, without white space and the "=" at its end; false if the text is not base64.
 bool TakeDigits(std::string_view text, std::string& digits) {
   std::size_t padding = 0;
   for (const char c : text) {
@@ -35,7 +35,7 @@ bool TakeDigits(std::string_view text, std::string& digits) {
     if (padding != 0 || kValues[static_cast<unsigned char>(c)] < 0) return false;
     digits += c;
   }
-  // Four digits are three bytes; one left-over digit is not even one byte.
+  // Four digits are three bytes. A single last digit has too few bits for a byte.
   const std::size_t rest = digits.size() % 4;
   return rest != 1 && (padding == 0 || (rest != 0 && rest + padding == 4));
 }

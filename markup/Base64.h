@@ -1,4 +1,4 @@
-// Base64 with "+", "/" and "=", in one line.
+// Base64 with "+", "/" and "=", without line breaks.
 #pragma once
 
 #include <cstddef>
@@ -10,9 +10,9 @@ namespace qx::markup {
 //   "abcd" => "YWJjZA=="
 std::string Base64Text(const unsigned char* bytes, std::size_t count);
 
-// Decodes into `bytes` (null: only counts) and returns the number of bytes; -1 for a text that is no base64 or holds
-// more than `size` bytes, and the buffer then holds nothing of use. White space is skipped; "=" may stand only at the
-// end, where it completes a group of four, or be left out.
+// Decodes into `bytes` (null: only counts) and returns the number of bytes. Returns -1, and leaves the buffer
+// untouched, for a text that is not base64 or that decodes to more than `size` bytes. White space is skipped. "=" is
+// allowed only at the end, where it completes a group of four; it may also be omitted.
 int Base64Bytes(std::string_view text, unsigned char* bytes, std::size_t size);
 
 }  // namespace qx::markup

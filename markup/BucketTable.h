@@ -1,4 +1,4 @@
-// Hash tables of names that are made while compiling. A bucket is one C string of entries without gaps:
+// Hash tables of names, built at compile time. A bucket is one C string of entries without gaps:
 //
 //   length of the name (digits) | number (digits) | name in lower case
 #pragma once
@@ -25,7 +25,7 @@ struct BucketFormat {
   int number_digits;
 };
 
-// All buckets one after another, each ended by a NUL.
+// All buckets one after another, each terminated by a NUL.
 template <std::size_t kBytes, std::size_t kBuckets>
 struct BucketPool {
   std::array<char, kBytes> text{};
@@ -81,7 +81,7 @@ consteval BucketPool<kBytes, kBuckets> MakeBucketPool(const Row (&rows)[kRows], 
   return pool;
 }
 
-// The buckets as C strings; `pool` must be a constant of static storage.
+// The buckets as C strings; `pool` must be a constant with static storage.
 template <std::size_t kBytes, std::size_t kBuckets>
 constexpr std::array<const char*, kBuckets> PointersInto(const BucketPool<kBytes, kBuckets>& pool) {
   std::array<const char*, kBuckets> buckets{};
@@ -89,7 +89,7 @@ constexpr std::array<const char*, kBuckets> PointersInto(const BucketPool<kBytes
   return buckets;
 }
 
-// The number of the first entry of that (lower-case) name; `missing` if there is none.
+// The number of the first entry with that (lower-case) name; `missing` if no entry has it.
 template <std::size_t kBuckets>
 constexpr int FindInBuckets(const std::array<const char*, kBuckets>& buckets, BucketFormat format,
                             std::string_view name, int missing) {

@@ -1,7 +1,7 @@
-// Searches through text, sixteen bytes a step where the processor has SSE2 (every x86-64 has). The last bytes of a
-// range go through a plain loop: nothing behind `end` is ever read.
+// Searches in text, sixteen bytes per step where the processor has SSE2 (every x86-64 has). A plain loop searches the
+// last bytes of a range, so nothing from `end` on is ever read.
 //
-// All of them return `end` when nothing is found.
+// All of them return `end` when they find nothing.
 #pragma once
 
 #if defined(__SSE2__)
@@ -21,7 +21,7 @@ namespace detail {
 
 inline __m128i LoadBlock(const char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 
-// A bit for each byte of the block that is one of several.
+// One bit per byte of the block, set where the byte is one of kBytes.
 template <char... kBytes>
 int HitsIn(__m128i block) {
   __m128i hits = _mm_setzero_si128();
@@ -34,7 +34,7 @@ inline const char* FirstHit(const char* p, int mask) { return p + std::countr_ze
 }  // namespace detail
 #endif
 
-// The plain forms: the tail of the fast ones, and their oracle.
+// The plain forms: they search the tail for the fast forms, and are the oracle in tests.
 template <char... kBytes>
 const char* FindAnyOfPlain(const char* p, const char* end) {
   while (p != end && !((*p == kBytes) || ...)) ++p;
@@ -66,7 +66,8 @@ const char* FindAnyOf(const char* p, const char* end) {
 }
 
 // Three bytes in a row:  FindTriple<']', ']', '>'>("a]]]>b") => "]]>b"
-// Where the first of them is rare, the C library's search for it is the quickest; after some vain finds it is not.
+// The C library's search for the first byte is fastest while that byte is rare. After kVainFindsMax finds of it alone,
+// the search for all three bytes at once takes over.
 template <char kFirst, char kSecond, char kThird>
 const char* FindTriple(const char* p, const char* end) {
   constexpr int kVainFindsMax = 16;
@@ -89,8 +90,8 @@ const char* FindTriple(const char* p, const char* end) {
   return FindTriplePlain<kFirst, kSecond, kThird>(p, end);
 }
 
-// The first byte outside 0x20..0x7E. Bytes from 0x80 up are negative, so one signed comparison finds them and the
-// control characters below the space; 0x7F is the one left over.
+// The first byte outside 0x20..0x7E. Bytes from 0x80 up are negative, so one signed comparison finds both them and the
+// control characters below the space. 0x7F needs a comparison of its own.
 inline const char* FindNotPrintable(const char* p, const char* end) {
 #if defined(__SSE2__)
   for (; end - p >= kScanBlockBytes; p += kScanBlockBytes) {

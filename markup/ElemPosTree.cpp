@@ -53,7 +53,7 @@ void ElemPosTree::GrowSegmentTable(std::int32_t segments) {
   segment_table_size_ = size;
 }
 
-// Fresh records stay untouched, so that a large segment costs memory only as far as it is filled.
+// New records are not initialised, so a large segment uses memory only for the pages that are filled.
 void ElemPosTree::ResizeSegment(std::int32_t segment, std::int32_t records_used, std::int32_t records) {
   if (segment == 0 && records <= kFewRecords) {
     segments_[0] = few_records_.data();

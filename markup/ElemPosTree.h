@@ -1,7 +1,7 @@
 // The records of a document's elements: 32 bytes each, addressed by a 32-bit index, kept in segments of 65,536.
 //
-// A record never holds text; it holds offsets into the document's one string. Segments keep a grown tree from being
-// copied whole, and all but the last one are full, so that index arithmetic is a shift and a mask.
+// A record contains no text, only offsets into the document's one string. With segments, a tree that grows is not
+// copied as a whole. All segments but the last are full, so that index arithmetic is a shift and a mask.
 #pragma once
 
 #include <array>
@@ -12,8 +12,8 @@
 
 // Flags of a record, in the high half of its level word.
 inline constexpr std::uint32_t kElemFirst = 0x80000;           // the first child of its parent
-inline constexpr std::uint32_t kElemNoEnd = 0x100000;          // a start tag that no end tag ever closed
-inline constexpr std::uint32_t kElemUnendedInside = 0x200000;  // its content holds a lone end tag or bad syntax
+inline constexpr std::uint32_t kElemNoEnd = 0x100000;          // a start tag without end tag
+inline constexpr std::uint32_t kElemUnendedInside = 0x200000;  // its content has a lone end tag or bad syntax
 inline constexpr std::uint32_t kElemIllFormed = 0x800000;      // on record 0: the document is not well formed
 
 // One element. Record 0 is the holder of the document: its first child is the root element.
@@ -24,12 +24,12 @@ struct ElemPos {
 
   std::uint32_t start;            // offset of the "<"
   std::uint32_t length;           // of the whole element; of the start tag alone when there is no end tag
-  std::uint32_t tag_lengths;      // low 22 bits: start tag with "<" and ">"; high 10 bits: end tag, 0 if there is none
+  std::uint32_t tag_lengths;      // low 22 bits: start tag with "<" and ">"; high 10 bits: end tag, 0 without one
   std::uint32_t level_and_flags;  // low 16 bits: nesting depth, the root is 0; high 16 bits: kElem flags
   std::uint32_t parent;           // 0: the document
   std::uint32_t first_child;      // 0: none
-  std::uint32_t next;             // next sibling, 0 for the last; of a released record the next released one
-  std::uint32_t previous;         // previous sibling; of a first child the last sibling
+  std::uint32_t next;             // next sibling, 0 for the last; for a released record, the next released record
+  std::uint32_t previous;         // previous sibling; for a first child, the last sibling
 
   std::uint32_t StartTagLength() const { return tag_lengths & kStartTagLengthMax; }
   std::uint32_t EndTagLength() const { return tag_lengths >> 22; }
@@ -46,7 +46,7 @@ struct ElemPos {
   std::uint32_t ContentStart() const { return start + StartTagLength(); }
   std::uint32_t ContentEnd() const { return End() - EndTagLength(); }
 
-  // `<a/>`, as opposed to `<a></a>` and to a start tag that was never closed.
+  // `<a/>`, as opposed to `<a></a>` and to a start tag without end tag.
   bool IsEmptyElement() const { return EndTagLength() == 0 && !Has(kElemNoEnd); }
 };
 static_assert(sizeof(ElemPos) == 32 && std::is_trivially_copyable_v<ElemPos>);
@@ -55,16 +55,18 @@ static_assert(offsetof(ElemPos, tag_lengths) == 8 && offsetof(ElemPos, level_and
 static_assert(offsetof(ElemPos, parent) == 16 && offsetof(ElemPos, first_child) == 20);
 static_assert(offsetof(ElemPos, next) == 24 && offsetof(ElemPos, previous) == 28);
 
-// Threads: none of its own; it belongs to one document.
+// The records of one document, by index.
+//
+// Threads: it is used by one thread at a time, the one that uses its document.
 // Owns: the segments.
-// Failure: std::bad_alloc from Grow; the tree is then as it was.
+// Failure: Grow throws std::bad_alloc. Records in use keep their values, and the tree stays usable.
 class ElemPosTree {
  public:
   static constexpr std::int32_t kSegmentRecords = 65536;
 
-  // Not "= default": value initialisation would then fill few_records_ with zeros.
+  // Not "= default": value initialisation would then write zeros into few_records_.
   ElemPosTree() noexcept {}  // NOLINT(modernize-use-equals-default)
-  // Copies the first `count` records of `other` and takes over its capacity.
+  // Copies the first `count` records of `other`; the capacity becomes that of `other`.
   ElemPosTree(const ElemPosTree& other, std::uint32_t count);
   ElemPosTree(const ElemPosTree&) = delete;
   ElemPosTree& operator=(const ElemPosTree&) = delete;
@@ -73,8 +75,8 @@ class ElemPosTree {
   ElemPos& operator[](std::uint32_t index) { return segments_[index >> 16][index & 0xFFFF]; }
   const ElemPos& operator[](std::uint32_t index) const { return segments_[index >> 16][index & 0xFFFF]; }
 
-  // Makes room for `records` records, but grows by one segment at most: a larger request fills the next segment whole.
-  // New records hold no values yet. A request below the capacity does nothing.
+  // Raises the capacity to `records`, but by at most one segment: a larger request fills the next segment completely.
+  // New records are not initialised. A request below the capacity does nothing.
   void Grow(std::int64_t records);
 
   void RemoveAll();
@@ -88,9 +90,9 @@ class ElemPosTree {
   void ResizeSegment(std::int32_t segment, std::int32_t records_used, std::int32_t records);
   void Free(ElemPos* segment) noexcept;
 
-  // The first table that there can be; a document of more segments gets one of its own.
+  // Up to this many segments the segment table is few_segments_; a larger table is allocated.
   static constexpr std::int32_t kFewSegments = 6;
-  // The first segment as long as it is that small: a request or a short reply.
+  // Up to this many records the first segment is few_records_: enough for a request or a short reply.
   static constexpr std::int32_t kFewRecords = 16;
 
   std::array<ElemPos*, kFewSegments> few_segments_{};

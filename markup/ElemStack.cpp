@@ -15,7 +15,7 @@ constexpr std::uint64_t kHashPrime = (1ULL << 61) - 1;
 
 __extension__ using Wide = unsigned __int128;
 
-// The prime is 2^61 - 1, so the bits above the 61st count once more.
+// The prime is 2^61 - 1, so 2^61 is 1 modulo the prime: the bits from 2^61 up are added to the low 61 bits.
 std::uint64_t ReduceModPrime(Wide value) {
   const auto sum = static_cast<std::uint64_t>(value & kHashPrime) + static_cast<std::uint64_t>(value >> 61);
   return sum >= kHashPrime ? sum - kHashPrime : sum;
@@ -68,7 +68,8 @@ void ElemStack::BuildIndex() {
   for (std::size_t depth = 0; depth < depth_; ++depth) AddToIndex(tags_[depth].name);
 }
 
-// A polynomial modulo a prime, so that every beginning of a name has its hash on the way.
+// The hash is a polynomial modulo a prime, computed byte by byte. Computing the hash of a name therefore also yields
+// the hash of each of its prefixes.
 ElemStack::Hash ElemStack::Step(Hash hash, char c) const {
   const char folded = ignore_case_ ? qx::markup::ToLower(c) : c;
   const Wide next = Wide{hash} * factor_ + static_cast<unsigned char>(folded) + 1;

@@ -1,5 +1,5 @@
-// The start tags that are open while a document is parsed, innermost last, and the question whether an end tag belongs
-// to any of them.
+// The start tags that are open while a document is parsed, innermost last. It also finds the open tag that an end tag
+// closes.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,9 @@ struct OpenTag {
   std::uint32_t elem;
 };
 
-// Threads: none of its own. Owns: its entries; the names stay the document's.
+// The stack of open tags of one parse.
+//
+// Threads: it is used by one thread at a time. Owns: its entries; the names are views into the document.
 class ElemStack {
  public:
   explicit ElemStack(bool ignore_case) : ignore_case_(ignore_case) {}
@@ -23,7 +25,7 @@ class ElemStack {
   const OpenTag& Top() const { return tags_[depth_ - 1]; }
   const OpenTag& operator[](std::size_t depth) const { return tags_[depth]; }
 
-  // Seven entries at first, twice as many whenever full.
+  // The capacity is 7 at first, and doubles whenever the stack is full.
   void Push(std::string_view name, std::uint32_t elem) {
     if (depth_ == capacity_) Grow();
     tags_[depth_++] = {name, elem};
@@ -34,8 +36,9 @@ class ElemStack {
     if (matches_ != nullptr) RemoveFromIndex(tags_[depth_].name);
   }
 
-  // Depth of the innermost open tag with that name, or kNone. Costs the tags above the match, or, when there is no
-  // match, the length of the name: a text of lone end tags is not searched against everything that is open.
+  // Depth of the innermost open tag that matches the name, or kNone. With a match the cost is one comparison for each
+  // tag above it. Without a match it is only the length of the name, so a text of lone end tags does not cause a walk
+  // over all open tags for each of them.
   static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
   std::size_t FindInnermost(std::string_view name);
 
@@ -47,8 +50,8 @@ class ElemStack {
   void AddToIndex(std::string_view name);
   void RemoveFromIndex(std::string_view name);
   Hash Step(Hash hash, char c) const;
-  // Calls visit(hash) for each text that matches the stored name: the whole and each part up to a byte that may follow
-  // a match.
+  // Calls visit(hash) for each text that matches the stored name: the whole name, and each prefix that is followed by
+  // a byte that may follow a match.
   template <typename Visit>
   void ForEachMatch(std::string_view stored, Visit visit) const;
 
@@ -57,9 +60,9 @@ class ElemStack {
   std::size_t capacity_ = 0;
   bool ignore_case_;
 
-  // How many open tags each name would match. Made at the first end tag that is not the innermost tag's, so that a
-  // document without faults never pays for it. Equal hashes of different names cost a vain walk, nothing else; the
-  // random factor keeps a sender from preparing them.
+  // How many open tags each name would match, by the name's hash. Built at the first end tag that does not close the
+  // innermost tag, so that a document without faults has no cost. If two names have the same hash, a walk may find
+  // nothing; the result is the same. The random factor prevents a sender from preparing such names.
   Hash factor_ = 0;
   std::unique_ptr<std::unordered_map<Hash, std::uint32_t>> matches_;
 };

@@ -1,5 +1,5 @@
-// The named character entities of HTML 4 and XML's "apos", in the order in which they enter their buckets. Where two
-// names differ only in case the one with more capitals stands first.
+// The named character entities of HTML 4 and XML's "apos", in the order of the entries of a bucket. Where two names
+// differ only in case, the one with more capitals comes first.
 #pragma once
 
 #include <string_view>

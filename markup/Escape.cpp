@@ -17,14 +17,15 @@ namespace {
 
 constexpr std::size_t kReferenceCharsMax = 9;
 
-// How much is escaped or unescaped before it is appended, and the longest reference that escaping puts for a byte.
+// How much text is escaped before it is appended.
 constexpr std::size_t kStretchBytes = 1024;
+// The longest reference that replaces one byte: "&quot;".
 constexpr std::size_t kReferenceBytesMax = 6;
 
-// The room for the escaped form of so many bytes, and for a block that is copied whole behind its end.
-constexpr std::size_t RoomToEscape(std::size_t bytes) { return bytes * kReferenceBytesMax + 16; }
+// The size of a buffer for the escaped form of `bytes` bytes. The last write may be a whole block of 16 bytes.
+constexpr std::size_t EscapeBufferBytes(std::size_t bytes) { return bytes * kReferenceBytesMax + 16; }
 
-// A "]]>" inside of CDATA is cut behind its second byte.
+// A "]]>" inside CDATA is split after its second byte.
 constexpr std::size_t kInnerEndBytes = 2;
 constexpr std::string_view kSectionBreak = "]]><![CDATA[";
 
@@ -33,13 +34,13 @@ const char* FindSpecial(const char* p, const char* end, int flags) {
                                           : FindAnyOf<'&', '<', '>'>(p, end);
 }
 
-// A reference with bytes to spare behind it, so that it can be copied without regard to its length.
+// A reference, padded to eight bytes so that a copy of it always has the same size.
 struct PaddedReference {
   char text[8];
   std::size_t size;
 };
 
-// The five specials differ in their low five bits.
+// The five special bytes differ in their low five bits.
 constexpr std::size_t ReferenceIndex(char special) { return static_cast<unsigned char>(special) & 31U; }
 
 consteval std::array<PaddedReference, 32> MakeReferences() {
@@ -54,7 +55,7 @@ consteval std::array<PaddedReference, 32> MakeReferences() {
 
 constexpr std::array<PaddedReference, 32> kReferences = MakeReferences();
 
-// Behind the characters of a reference's body that begins at `p`:  name  #65  #x41
+// The end of the reference body that begins at `p` (name, #65 or #x41); null if none begins there.
 const char* ReferenceBodyEnd(const char* p, const char* end) {
   const char* body = p;
   CharClass allowed = kRefName;
@@ -70,7 +71,7 @@ const char* ReferenceBodyEnd(const char* p, const char* end) {
   return at == body ? nullptr : at;
 }
 
-// `p` stands on an "&".
+// `p` points to an "&".
 bool BeginsReference(const char* p, const char* end) {
   const char* const body_end = ReferenceBodyEnd(p + 1, end);
   return body_end != nullptr && body_end != end && *body_end == ';';
@@ -78,7 +79,7 @@ bool BeginsReference(const char* p, const char* end) {
 
 int DigitValue(char c) { return IsClass(c, kDigit) ? c - '0' : c - 'a' + 10; }
 
-// The code point of "#65" or "#x41" (lower-cased); 0 if it is not a number or no character.
+// The code point of "#65" or "#x41" (lower-cased); 0 if it is not a number or not a character.
 int NumericReference(std::string_view code) {
   const bool hex = code.size() > 1 && code[1] == 'x';
   const std::string_view digits = code.substr(hex ? 2 : 1);
@@ -92,10 +93,10 @@ int NumericReference(std::string_view code) {
 
 struct Reference {
   int code = 0;               // 0: none
-  const char* end = nullptr;  // behind the ";"
+  const char* end = nullptr;  // after the ";"
 };
 
-// The five that nearly every document uses, as they are nearly always written.
+// Reads one of the five most common references in its usual, lower-case form; code 0 for anything else.
 Reference CommonReference(const char* p, const char* end) {
   struct Common {
     std::string_view text;
@@ -115,8 +116,8 @@ struct EscapeSource {
   int flags;
 };
 
-// Puts what stands for the special byte at `p` at `to`, where there is room for eight bytes.
-char* PutReference(const EscapeSource& source, const char* p, char* to) {
+// Writes the escaped form of the special byte at `p` to `to`, which must have space for eight bytes.
+char* WriteReference(const EscapeSource& source, const char* p, char* to) {
   if ((source.flags & kEscapeKeepReferences) != 0 && *p == '&' && BeginsReference(p, source.end)) {
     *to = '&';
     return to + 1;
@@ -126,8 +127,8 @@ char* PutReference(const EscapeSource& source, const char* p, char* to) {
   return to + reference.size;
 }
 
-// Escapes about kStretchBytes from `p` on, which moves behind them; returns the end of what was put at `to`. A block is
-// copied whole and then taken as far as it holds nothing special.
+// Escapes about kStretchBytes from `p` on and moves `p` past them; returns the end of what was written to `to`. Each
+// step copies a whole block and keeps what comes before its first special byte.
 template <char... kSpecial>
 char* EscapeStretchOf(const EscapeSource& source, const char*& p, char* to) {
   const char* const stretch_end = p + std::min<std::ptrdiff_t>(source.end - p, kStretchBytes);
@@ -139,12 +140,12 @@ char* EscapeStretchOf(const EscapeSource& source, const char*& p, char* to) {
     const int plain = mask == 0 ? static_cast<int>(kScanBlockBytes) : std::countr_zero(static_cast<unsigned>(mask));
     p += plain;
     to += plain;
-    if (mask != 0) to = PutReference(source, p++, to);
+    if (mask != 0) to = WriteReference(source, p++, to);
   }
 #endif
   while (p < stretch_end) {
     if (((*p == kSpecial) || ...)) {
-      to = PutReference(source, p++, to);
+      to = WriteReference(source, p++, to);
     } else {
       *to++ = *p++;
     }
@@ -157,8 +158,8 @@ char* EscapeStretch(const EscapeSource& source, const char*& p, char* to) {
                                                  : EscapeStretchOf<'&', '<', '>'>(source, p, to);
 }
 
-// What the "&" at `p` leads to.
-//   "&lt;x"  => '<', "x"      "& &lt;"  => none      "&#0;"  => none
+// Reads the reference that begins with the "&" at `p`.
+//   "&lt;x"  => '<', end at "x"      "& &lt;"  => none      "&#0;"  => none
 Reference ReadReference(const char* p, const char* end) {
   char code[kReferenceCharsMax];
   std::size_t length = 0;
@@ -207,12 +208,12 @@ void AppendEscapedPlain(std::string& out, std::string_view text, int flags) {
   }
 }
 
-// Stretches of the text go through a buffer in which every byte has room for its reference, so that nothing is asked
-// for each of them.
+// Escapes the text in stretches, into a buffer that is large enough for the longest reference for every byte. No size
+// check per byte is therefore needed.
 void AppendEscaped(std::string& out, std::string_view text, int flags) {
   const EscapeSource source{text.data() + text.size(), flags};
   for (const char* p = text.data(); p != source.end;) {
-    char buffer[RoomToEscape(kStretchBytes + std::size_t{kScanBlockBytes})];
+    char buffer[EscapeBufferBytes(kStretchBytes + std::size_t{kScanBlockBytes})];
     char* const to = EscapeStretch(source, p, buffer);
     out.append(buffer, static_cast<std::size_t>(to - buffer));
   }
@@ -220,11 +221,11 @@ void AppendEscaped(std::string& out, std::string_view text, int flags) {
 
 bool AddEscaped(Pieces& pieces, std::string_view text, int flags) {
   if (text.size() > kStretchBytes) return false;
-  char* const room = pieces.RoomFor(RoomToEscape(text.size()));
-  if (room == nullptr) return false;
+  char* const space = pieces.SpaceFor(EscapeBufferBytes(text.size()));
+  if (space == nullptr) return false;
   const char* p = text.data();
-  char* const to = EscapeStretch({p + text.size(), flags}, p, room);
-  pieces.AddWritten(static_cast<std::size_t>(to - room));
+  char* const to = EscapeStretch({p + text.size(), flags}, p, space);
+  pieces.AddWritten(static_cast<std::size_t>(to - space));
   return true;
 }
 

@@ -1,4 +1,4 @@
-// Markup text in both directions: "<" to "&lt;", references back to characters, CDATA sections.
+// Escapes and unescapes markup text ("<" to "&lt;" and back), and writes CDATA sections.
 #pragma once
 
 #include <string>
@@ -8,36 +8,36 @@
 
 namespace qx::markup {
 
-inline constexpr int kEscapeKeepReferences = 8;  // an "&" that begins a reference stays
-inline constexpr int kEscapeQuoteMarks = 0x100;  // both quote characters, too
-inline constexpr int kUnescapeTrim = 0x100;      // drop white space at both ends
-inline constexpr int kUnescapeCollapse = 0x200;  // and make one space of each run of it
+inline constexpr int kEscapeKeepReferences = 8;  // do not escape an "&" that begins a reference
+inline constexpr int kEscapeQuoteMarks = 0x100;  // also escape both quote characters
+inline constexpr int kUnescapeTrim = 0x100;      // remove white space at both ends
+inline constexpr int kUnescapeCollapse = 0x200;  // trim, and replace each run of white space by one space
 
-// Appends the text, escaped. An unchanged stretch is copied whole.
+// Appends the text, escaped.
 void AppendEscaped(std::string& out, std::string_view text, int flags);
 void AppendEscapedPlain(std::string& out, std::string_view text, int flags);  // byte by byte: the oracle in tests
 
-// Adds the text, escaped, to what the pieces put together themselves; false, and nothing is added, when it might not
-// fit there.
+// Adds the text, escaped, to the buffer of the pieces. False, with nothing added, when the text is longer than a
+// stretch or its escaped form might not fit into the buffer.
 bool AddEscaped(Pieces& pieces, std::string_view text, int flags);
 
-// True when AppendEscaped would change something.
+// True if the text has a character that AppendEscaped may replace.
 bool NeedsEscape(std::string_view text, int flags);
 
 // Appends the text with every byte outside 0x20..0x7E as "&#xHH;".
 void AppendBinary(std::string& out, std::string_view text);
 
-// Appends the text with its references replaced by UTF-8.
+// Appends the text with each known reference replaced by its character in UTF-8.
 void AppendUnescaped(std::string& out, std::string_view text, int flags);
 
 inline constexpr std::string_view kCDataStart = "<![CDATA[";
 inline constexpr std::string_view kCDataEnd = "]]>";
 
-// The pieces whose concatenation is the text as CDATA: `a]]>b` => `<![CDATA[` `a]]` `]]><![CDATA[` `>b` `]]>`.
-// They view `text` and constants.
+// Adds the text as CDATA: `a]]>b` => `<![CDATA[` `a]]` `]]><![CDATA[` `>b` `]]>`. The pieces may be views of `text`.
 void AppendCDataPieces(Pieces& pieces, std::string_view text);
 
-// The same for CDATA that stands at the end of `text` from `at` on, without its "<![CDATA[" and "]]>".
+// Splits each "]]>" in the CDATA text that begins at offset `at` of `text` and ends with it. The text does not include
+// the section's "<![CDATA[" and "]]>".
 void SplitCDataEnds(std::string& text, std::size_t at);
 
 }  // namespace qx::markup

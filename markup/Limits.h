@@ -1,4 +1,4 @@
-// What the records can hold.
+// The limits that follow from the width of the record fields.
 #pragma once
 
 #include <cstddef>
@@ -14,14 +14,14 @@ inline constexpr std::size_t kDocumentBytesMax = UINT32_MAX;
 
 constexpr bool DocumentFits(std::size_t bytes) { return bytes <= kDocumentBytesMax; }
 
-// Whether a text of `bytes` bytes still fits when `added` bytes take the place of `removed` ones.
+// Whether a text of `bytes` bytes still fits when `added` bytes replace `removed` of them.
 constexpr bool DocumentFits(std::size_t bytes, std::size_t removed, std::size_t added) {
   return added <= kDocumentBytesMax && DocumentFits(bytes - removed + added);
 }
 
 constexpr bool StartTagFits(std::size_t bytes) { return bytes <= ElemPos::kStartTagLengthMax; }
 
-// The end tag takes "</" and ">" beside the name.
+// An end tag is three bytes longer than its name: "</" and ">".
 constexpr bool TagNameFits(std::size_t bytes) { return bytes <= kTagNameBytesMax; }
 static_assert(kTagNameBytesMax + 3 == ElemPos::kEndTagLengthMax);
 

@@ -89,7 +89,8 @@ bool CMarkup::IsWellFormed() const {
   return !holder.Has(kElemIllFormed) && holder.first_child != 0 && (*tree_)[holder.first_child].next == 0;
 }
 
-// The results are a document of sibling elements themselves; each names its phrase, the phrase names the attributes.
+// The result text is itself a document of sibling elements. An element's name selects the phrase, and the phrase names
+// the attributes to insert.
 //   <lone_end_tag tagname="b" offset="12"/>  =>  lone end tag 'b' at offset 12
 std::string CMarkup::GetError() const {
   std::string text;
@@ -195,7 +196,7 @@ std::string CMarkup::DataOf(std::uint32_t elem) const {
   TokenPos token(
       std::string_view(document_).substr(record.ContentStart(), record.ContentEnd() - record.ContentStart()));
   for (NodeType type = token.ParseNode(); type != NodeType::kEnd; type = token.ParseNode()) {
-    // What is no proper tag is text that somebody forgot to escape: <a>1 < 2</a>
+    // A fault is text that somebody forgot to escape: <a>1 < 2</a>
     if (type == NodeType::kText || type == NodeType::kFault) qx::markup::AppendUnescaped(data, token.Text(), 0);
     if (type == NodeType::kCData) data.append(token.CDataText());
   }

@@ -14,7 +14,7 @@ struct Checker {
   std::string fault;
   std::uint32_t seen = 0;
 
-  // Notes the first fault only.
+  // Records only the first fault.
   bool Expect(bool holds, std::uint32_t elem, const char* what) {
     if (!holds && fault.empty()) fault = "element " + std::to_string(elem) + ": " + what;
     return holds;
@@ -41,7 +41,7 @@ bool CheckTags(Checker& check, std::uint32_t elem) {
     check.Expect(record.length == record.StartTagLength() && record.first_child == 0, elem, "content without end tag");
     check.Expect(slash != record.Has(kElemNoEnd), elem, "NoEnd disagrees with the tag");
   } else {
-    check.Expect(!slash && !record.Has(kElemNoEnd), elem, "an end tag too many");
+    check.Expect(!slash && !record.Has(kElemNoEnd), elem, "an end tag that the flags exclude");
   }
   return check.fault.empty();
 }
@@ -74,7 +74,7 @@ bool CheckLinks(Checker& check, std::uint32_t elem) {
   return check.fault.empty();
 }
 
-// Counts the free list; more than all records means that it runs in a circle.
+// The length of the free list. The count stops at the number of records, in case the list is a loop.
 std::uint32_t CountReleased(const Checker& check, std::uint32_t head) {
   std::uint32_t count = 0;
   for (std::uint32_t i = head; i != 0 && i < check.record_count && count < check.record_count; i = check.tree[i].next) {
@@ -101,11 +101,11 @@ bool CMarkup::CheckInvariants(std::string* why) const {
   const bool too_long = document_.size() > UINT32_MAX;
   check.Expect(too_long ? holder.first_child == 0 : holder.length == document_.size(), 0, "wrong document length");
   for (std::uint32_t elem = holder.first_child; elem != 0; elem = qx::markup::NextInText(*tree_, elem)) {
-    if (!check.Expect(++check.seen < next_unused_, elem, "links run in a circle")) break;
+    if (!check.Expect(++check.seen < next_unused_, elem, "links form a loop")) break;
     if (!CheckLinks(check, elem) || !CheckTags(check, elem)) break;
   }
   check.Expect(check.seen + CountReleased(check, free_list_) + 1 == next_unused_, 0, "records lost");
-  check.Expect(next_unused_ <= static_cast<std::uint32_t>(tree_->Capacity()), 0, "more records than room");
+  check.Expect(next_unused_ <= static_cast<std::uint32_t>(tree_->Capacity()), 0, "more records than the capacity");
   check.Expect(IsChildOf(*tree_, main_position_, parent_position_), main_position_, "main position has another parent");
   check.Expect(IsChildOf(*tree_, child_position_, main_position_), child_position_,
                "child position has another parent");

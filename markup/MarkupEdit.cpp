@@ -1,4 +1,5 @@
-// CMarkup's changes: each one splices the text and then moves the records that stand behind or around the place.
+// The part of CMarkup that changes documents. Each change replaces a part of the text and then adjusts the records of
+// the elements after and around it.
 #include <algorithm>
 #include <charconv>
 #include <span>
@@ -20,7 +21,7 @@ namespace {
 
 constexpr std::size_t kMuchTextBytes = 4096;
 constexpr std::size_t kShortTailBytes = 1024;
-constexpr std::size_t kFirstRoomBytes = 255;  // of a document that is built: most replies fit
+constexpr std::size_t kFirstCapacityBytes = 255;  // of a document that is built: most replies fit
 
 // The decimal form of a number.
 class Decimal {
@@ -35,10 +36,11 @@ class Decimal {
 
 std::string_view ViewOf(MCD_CSTR text) { return text == nullptr ? std::string_view() : std::string_view(text); }
 
-// Differences travel as 32-bit words that wrap: adding one to an offset moves it either way.
+// A difference of offsets is an unsigned 32-bit number that wraps, so adding it moves an offset in either direction.
 constexpr std::uint32_t Low32(std::size_t value) { return static_cast<std::uint32_t>(value); }
 
-// Adds the text, escaped; `escaped` keeps what had to be built for it, as long as the pieces.
+// Adds the text, escaped. `escaped` stores the escaped form if the pieces need to refer to it; it must live as long as
+// they do.
 void AddEscapedText(Pieces& pieces, std::string_view text, int flags, std::string& escaped) {
   if (qx::markup::AddEscaped(pieces, text, flags)) return;
   if (!qx::markup::NeedsEscape(text, flags)) return pieces.Add(text);
@@ -51,7 +53,7 @@ void AddData(Pieces& pieces, std::string_view data, int flags, std::string& esca
   AddEscapedText(pieces, data, flags, escaped);
 }
 
-// An attribute on its way into a document.
+// An attribute to be set.
 struct NewAttribute {
   std::string_view name;
   std::string_view value;
@@ -70,9 +72,9 @@ void AddValue(TagChange& change, const NewAttribute& attribute) {
   AddEscapedText(change.pieces, attribute.value, attribute.flags | CMarkup::kEscapeQuotes, change.escaped);
 }
 
-// Where the value lands in the start tag:
-//   <a n="1">  =>  between the quotes      <a n=1>  =>  in its place, with quotes
-//   <a n>      =>  ="v" behind the name    <a>      =>  ` n="v"` before the ">" or "/>"
+// Where the new value is written in the start tag:
+//   <a n="1">  =>  between the quotes      <a n=1>  =>  replaces the old one, with quotes
+//   <a n>      =>  ="v" after the name     <a>      =>  ` n="v"` before the ">" or "/>"
 void PlaceAttribute(TagChange& change, std::string_view tag, const NewAttribute& attribute, bool ignore_case) {
   qx::markup::AttributePos old;
   if (!qx::markup::FindAttribute(tag, attribute.name, ignore_case, old)) {
@@ -90,8 +92,8 @@ void PlaceAttribute(TagChange& change, std::string_view tag, const NewAttribute&
   if (!old.quoted) change.pieces.Add("\"");
 }
 
-// Adds what stands in a tag for attributes that it does not have, ` a="1" b="2"`. False, and the pieces are of no use,
-// when two of them are the same, one has no proper name, or there is not room enough.
+// Adds the text of new attributes, ` a="1" b="2"`. False if two names are equal, a name is not valid, or a value might
+// not fit into the buffer of the pieces; the pieces must not be used then.
 bool AddNewAttributes(Pieces& pieces, std::span<const CMarkup::AttributeText> attributes, int flags, bool ignore_case) {
   for (std::size_t i = 0; i < attributes.size(); ++i) {
     const std::string_view name = ViewOf(attributes[i].name);
@@ -136,7 +138,7 @@ bool CMarkup::SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view
   return ChangeTag(elem, change.at, change.removed, change.pieces);
 }
 
-// What an element is given that has just been added is spliced in at once.
+// If the element has no attributes yet, all of them are inserted at once.
 bool CMarkup::SetAttribs(std::span<const AttributeText> attributes, int flags) {
   if (main_position_ == 0) return attributes.empty();
   if (const std::string_view tag = StartTag(main_position_); HasNoAttributes(tag)) {
@@ -157,7 +159,7 @@ bool CMarkup::SetAttribsSingly(std::span<const AttributeText> attributes, int fl
   return all_set;
 }
 
-// Puts the pieces in the place of `removed` bytes `at` bytes behind the tag's "<".
+// Replaces `removed` bytes of the start tag, `at` bytes after its "<", by the pieces.
 bool CMarkup::ChangeTag(std::uint32_t elem, std::size_t at, std::size_t removed, Pieces& pieces) {
   ElemPos& record = (*tree_)[elem];
   const std::size_t added = pieces.Bytes();
@@ -181,15 +183,15 @@ bool CMarkup::SetChildData(MCD_CSTR text, int flags) { return SetDataOf(child_po
 
 bool CMarkup::SetChildData(std::string_view text, int flags) { return SetDataOf(child_position_, text, flags); }
 
-// Where an element's data stands, or will stand:
-//   <a>|text|</a>   =>  between the tags
-//   <a n="1"|/>|    =>  in the place of the "/>", with the text of an end tag behind it
+// The part of the text that new data replaces:
+//   <a>|text|</a>   =>  the text between the tags
+//   <a n="1"|/>|    =>  the "/>"; the element gets an end tag
 struct CMarkup::DataPlace {
   std::size_t at;
   std::size_t removed;
-  std::size_t slashes;      // of an empty element, which is opened; 0 for any other
-  std::string_view opened;  // what goes before the data
-  std::string end_tag;      // what goes behind it
+  std::size_t slashes;      // number of "/" at the end of an empty element; 0 for any other
+  std::string_view opened;  // written before the data
+  std::string end_tag;      // written after the data
 };
 
 bool CMarkup::MayHaveData(std::uint32_t elem) const {
@@ -222,7 +224,7 @@ bool CMarkup::SetDataOf(std::uint32_t elem, std::string_view text, int flags) {
   return true;
 }
 
-// Behind the change of the text: `added` bytes stand in the place of the removed ones.
+// Adjusts the records after the text has changed: `added` bytes have replaced the removed ones.
 void CMarkup::CommitData(std::uint32_t elem, const DataPlace& place, std::size_t added) {
   ElemPos& record = (*tree_)[elem];
   if (place.slashes != 0) {
@@ -246,7 +248,7 @@ bool CMarkup::SetCDataBy(const DataWriter& write) {
     document_.append(qx::markup::kCDataEnd).append(place.end_tag).append(rest, place.removed);
     fits = qx::markup::DocumentFits(document_.size());
   } catch (...) {
-    document_.replace(place.at, std::string::npos, rest);  // it stood there before, so there is room for it
+    document_.replace(place.at, std::string::npos, rest);  // cannot fail: the capacity sufficed for it before
     throw;
   }
   if (!fits) {
@@ -273,16 +275,16 @@ bool CMarkup::AddChildElem(MCD_CSTR name, MCD_CSTR data, int flags) {
   return true;
 }
 
-// A new element on its way into the document.
+// A new element to be inserted.
 struct CMarkup::Insertion {
   std::uint32_t parent = 0;
   std::uint32_t previous = 0;
-  std::string_view line;    // the line feed, unless there is to be none
+  std::string_view line;    // a line feed, or empty with kAddNoLines
   std::size_t at = 0;       // where the text changes
   std::size_t removed = 0;  // the "/>" of an empty parent
   std::string parent_name;  // of an empty parent, for its new end tag
   Pieces pieces;            // the new text
-  std::size_t lead = 0;     // bytes of it before the element
+  std::size_t lead = 0;     // bytes of the new text before the element
   std::size_t length = 0;   // of the element
   std::size_t start_tag_length = 0;
   std::size_t end_tag_length = 0;
@@ -309,16 +311,16 @@ std::uint32_t CMarkup::Insert(std::uint32_t parent, std::uint32_t previous, std:
   const std::uint32_t elem = CommitInsertion(insertion);
   if ((flags & kAddNoEnd) != 0) {
     (*tree_)[elem].Set(kElemNoEnd);
-    (*tree_)[0].Set(kElemIllFormed);  // as the parse would have it
+    (*tree_)[0].Set(kElemIllFormed);  // as a parse of this text would do
   }
   return elem;
 }
 
-// The place of a new element:
-//   behind a sibling, and behind the white space that follows it   <p><a/> |</p>
-//   first in an empty element, which is opened                     <p/>   =>  <p>(line feed)|</p>
-//   first in any other, right behind its start tag                 <p>|text</p>
-//   first in the document, at its end, so behind a declaration     <?xml version="1.0"?>|
+// Where a new element is inserted:
+//   after a sibling and the white space that follows it            <p><a/> |</p>
+//   as first child of an empty element, which gets an end tag      <p/>   =>  <p>(line feed)|</p>
+//   as first child of another element, after its start tag         <p>|text</p>
+//   as first element of the document, at the end of the text       <?xml version="1.0"?>|
 void CMarkup::PlaceInsertion(Insertion& insertion) const {
   if (insertion.previous != 0) {
     insertion.at = Record(insertion.previous).End();
@@ -377,7 +379,7 @@ std::uint32_t CMarkup::CommitInsertion(Insertion& insertion) {
     tree[parent].SetTagLengths(start_tag, Low32(insertion.parent_name.size() + 3));
   }
   if (insertion.previous != 0) {
-    qx::markup::LinkBehind(tree, insertion.previous, elem);
+    qx::markup::LinkAfter(tree, insertion.previous, elem);
   } else {
     qx::markup::LinkFirst(tree, parent, elem);
   }
@@ -409,7 +411,7 @@ void CMarkup::Remove(std::uint32_t elem) {
   ReleaseSubtree(elem);
 }
 
-// Takes the subtree apart from its leaves on, so that each record is released after everything below it.
+// Releases the records of a subtree, each one after all of its descendants.
 void CMarkup::ReleaseSubtree(std::uint32_t top) {
   ElemPosTree& tree = *tree_;
   std::uint32_t elem = top;
@@ -426,8 +428,8 @@ void CMarkup::ReleaseSubtree(std::uint32_t top) {
   }
 }
 
-// How many "/" stand before the ">" of an empty element: more than one in `<p//>`. All of them go when it is opened, or
-// it would still end with "/>".
+// The number of "/" before the ">" of an empty element: more than one in `<p//>`. All of them are removed when the
+// element gets an end tag; otherwise its start tag would still end with "/>".
 std::size_t CMarkup::TrailingSlashes(std::uint32_t elem) const {
   const std::string_view tag = StartTag(elem);
   return tag.size() - 2 - tag.find_last_not_of('/', tag.size() - 2);
@@ -440,8 +442,8 @@ void CMarkup::ShiftSiblings(std::uint32_t first, std::uint32_t delta) {
   }
 }
 
-// Everything behind `elem` moves by `delta` bytes, everything around it grows by as much. Nothing stands behind an
-// element that is appended, so appending costs only its depth.
+// Moves the elements after `elem` by `delta` bytes and adds `delta` to the length of its ancestors. An element that was
+// appended to the document has no element after it, so the cost of appending is its depth.
 void CMarkup::Shift(std::uint32_t elem, std::uint32_t delta) {
   ElemPosTree& tree = *tree_;
   while (elem != 0) {
@@ -452,16 +454,17 @@ void CMarkup::Shift(std::uint32_t elem, std::uint32_t delta) {
   }
 }
 
-// Puts the pieces in the place of `removed` bytes. When memory runs out nothing has changed.
+// Replaces `removed` bytes at `offset` by the pieces. If memory runs out, nothing has changed.
 //
-// Much new text before a short rest is appended, and the rest behind it, so that a large section is copied once and not
-// filled with zeros first.
+// If much new text precedes a short rest, the new text and then the rest are appended. A large section is thus copied
+// once; std::string::replace would fill the space with zeros first.
 void CMarkup::Splice(std::size_t offset, std::size_t removed, Pieces& pieces) {
   const std::span<const qx::markup::Piece> all = pieces.All();
   const std::size_t added = pieces.Bytes();
   const std::size_t tail_bytes = document_.size() - offset - removed;
   const std::size_t needed = document_.size() - removed + added;
-  if (needed > document_.capacity()) document_.reserve(std::max({needed, 2 * document_.capacity(), kFirstRoomBytes}));
+  if (needed > document_.capacity())
+    document_.reserve(std::max({needed, 2 * document_.capacity(), kFirstCapacityBytes}));
 
   if (added < kMuchTextBytes || tail_bytes > kShortTailBytes) {
     if (all.size() == 1) {

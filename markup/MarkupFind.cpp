@@ -1,4 +1,4 @@
-// CMarkup's search along element paths.
+// The part of CMarkup that searches for elements by path.
 #include <algorithm>
 #include <vector>
 
@@ -16,19 +16,19 @@ using qx::markup::kStoredEnd;
 
 namespace {
 
-bool HasAttribute(std::string_view tag, const PathAttribute& wanted, bool ignore_case) {
+bool HasAttribute(std::string_view tag, const PathAttribute& requested, bool ignore_case) {
   qx::markup::AttributePos found;
-  if (!qx::markup::FindAttribute(tag, wanted.name, ignore_case, found)) return false;
-  if (wanted.any_value) return true;
+  if (!qx::markup::FindAttribute(tag, requested.name, ignore_case, found)) return false;
+  if (requested.any_value) return true;
   std::string value;
   qx::markup::AppendUnescaped(value, tag.substr(found.value_start, found.value_end - found.value_start), 0);
-  return value == wanted.value;
+  return value == requested.value;
 }
 
-// How far the search along one step has come.
+// The state of the search for one step of a path.
 struct StepSearch {
-  std::uint32_t elem;         // the element looked at last; 0: none yet
-  std::uint32_t matches = 0;  // so far, for a position predicate
+  std::uint32_t elem;         // the element that was checked last; 0: none yet
+  std::uint32_t matches = 0;  // how many elements have matched, for a position predicate
 };
 
 }  // namespace
@@ -39,7 +39,7 @@ std::uint32_t CMarkup::Find(MCD_CSTR path, std::uint32_t parent, std::uint32_t a
   return plain_name ? FindSibling(text, parent, after) : FindAlong(PathPos(text), parent, after);
 }
 
-// What nearly every search is for: the next sibling of a name, or of any.
+// Nearly every search is of this kind: for the next sibling with a name, or with any name.
 std::uint32_t CMarkup::FindSibling(std::string_view name, std::uint32_t parent, std::uint32_t after) const {
   std::uint32_t elem = NextSibling(parent, after);
   if (name.empty()) return elem;
@@ -47,8 +47,9 @@ std::uint32_t CMarkup::FindSibling(std::string_view name, std::uint32_t parent, 
   return elem;
 }
 
-// Depth first along the steps: a step's element is kept while the following steps try all of its children. Every
-// element is looked at once a step at most, because only the first step can reach below a parent's own children.
+// A depth-first search along the steps: a step's element is kept while the following steps try all of its children.
+// Each element is checked at most once per step, because only the first step can search deeper than a parent's own
+// children.
 std::uint32_t CMarkup::FindAlong(const PathPos& path, std::uint32_t parent, std::uint32_t after) const {
   if (!path.IsValid()) return 0;
   const std::vector<PathStep>& steps = path.Steps();

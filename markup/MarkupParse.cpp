@@ -1,4 +1,5 @@
-// CMarkup's parse: nodes from the scanner become records; what is left open or closed out of turn is repaired.
+// The part of CMarkup that parses: makes records from the scanner's nodes and repairs the structure where tags are
+// missing or in the wrong order.
 #include <algorithm>
 #include <utility>
 
@@ -17,7 +18,7 @@ namespace {
 
 constexpr std::uint32_t Low32(std::size_t value) { return static_cast<std::uint32_t>(value); }
 
-// The result for a fault of the scanner.
+// The result that describes a fault of the scanner.
 Result ResultFor(SyntaxFault fault, std::size_t offset) {
   switch (fault) {
     case SyntaxFault::kFirstTag:
@@ -52,7 +53,7 @@ struct CMarkup::ParseState {
   void AddElement(bool empty);
   void CloseElement();
   void CloseUnended(std::size_t depth, std::size_t expected_at);
-  void MoveChildrenBehind(std::uint32_t elem, std::uint32_t parent);
+  void MoveChildrenAfter(std::uint32_t elem, std::uint32_t parent);
   void NoteFault(const Result& result);
   void SetLevels();
 
@@ -61,7 +62,7 @@ struct CMarkup::ParseState {
   TokenPos token;
   ElemStack open;
   bool too_deep = false;
-  bool moved = false;  // elements were moved out of unended ones, so levels have to be set anew
+  bool moved = false;  // elements were moved out of unended ones, so all levels must be set again
 };
 
 void CMarkup::ParseState::ParseElem() {
@@ -106,7 +107,7 @@ void CMarkup::ParseState::AddElement(bool empty) {
                 .next = 0,
                 .previous = 0};
   if (const std::uint32_t last = qx::markup::LastChild(tree, parent); last != 0) {
-    qx::markup::LinkBehind(tree, last, elem);
+    qx::markup::LinkAfter(tree, last, elem);
   } else {
     qx::markup::LinkFirst(tree, parent, elem);
   }
@@ -130,10 +131,10 @@ void CMarkup::ParseState::CloseElement() {
   token.expected_name = open.Depth() == 0 ? std::string_view() : open.Top().name;
 }
 
-// Closes everything that is open at `depth` and above without end tag. All of it, and all that it contains, becomes one
-// row of siblings in the order of the text:
-//   <m><a><x/><b><y/></m>   =>   m holds a, x, b, y
-// Each element moves straight to the parent where it stays, so the repair of a whole document is linear.
+// Closes the open elements from `depth` upwards, all without end tag. They and their children become siblings, in the
+// order of the text:
+//   <m><a><x/><b><y/></m>   =>   the children of m are a, x, b, y
+// Each element moves directly to its final parent, so the time to repair a whole document is linear.
 void CMarkup::ParseState::CloseUnended(std::size_t depth, std::size_t expected_at) {
   if (depth >= open.Depth()) return;
   const std::uint32_t parent = depth == 0 ? 0 : open[depth - 1].elem;
@@ -143,14 +144,14 @@ void CMarkup::ParseState::CloseUnended(std::size_t depth, std::size_t expected_a
         .name = "unended_start_tag", .value = tag.name, .offset = tree[tag.elem].start, .offset2 = expected_at};
     if (!AddResult(doc.result_, result)) break;
   }
-  for (std::size_t i = depth; i < open.Depth(); ++i) MoveChildrenBehind(open[i].elem, parent);
+  for (std::size_t i = depth; i < open.Depth(); ++i) MoveChildrenAfter(open[i].elem, parent);
   while (open.Depth() > depth) open.Pop();
   tree[0].Set(kElemIllFormed);
   moved = true;
 }
 
-// `elem` is the last child of `parent`.
-void CMarkup::ParseState::MoveChildrenBehind(std::uint32_t elem, std::uint32_t parent) {
+// Marks `elem` as unended and makes its children its following siblings. It must be the last child of `parent`.
+void CMarkup::ParseState::MoveChildrenAfter(std::uint32_t elem, std::uint32_t parent) {
   ElemPos& record = tree[elem];
   record.Set(kElemNoEnd);
   if (record.Has(kElemUnendedInside)) tree[parent].Set(kElemUnendedInside);
@@ -178,7 +179,7 @@ void CMarkup::ParseState::SetLevels() {
   }
 }
 
-// Parses the text that stands in document_. When memory runs out, an empty document is left.
+// Parses document_. If memory runs out, the document becomes empty.
 bool CMarkup::x_ParseDoc() {
   SetPosition(0, 0, 0);
   result_.clear();
@@ -228,7 +229,7 @@ void CMarkup::ClearRecords() {
   tree_.reset();
 }
 
-// Makes sure that TakeRecord cannot fail.
+// Ensures that the next TakeRecord does not have to allocate.
 void CMarkup::ReserveRecord() {
   if (free_list_ != 0 || next_unused_ < static_cast<std::uint32_t>(tree_->Capacity())) return;
   tree_->Grow(std::int64_t{next_unused_} + next_unused_ / 2);

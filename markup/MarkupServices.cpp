@@ -1,4 +1,4 @@
-// CMarkup's static text services: fronts over the parts that do the work.
+// CMarkup's static text services. Each checks its arguments and calls the function that does the work.
 #include <climits>
 #include <cstring>
 
@@ -86,7 +86,7 @@ int CMarkup::DecodeCharUTF8(const char*& text, const char* end) {
 
 int CMarkup::DecodeCharUTF16(const char16_t*& text, const char16_t* end) {
   if (text == nullptr || text == end || (end == nullptr && *text == 0)) return -1;
-  // Without an end, a second unit may be looked at: the first one is not the NUL.
+  // Without an end, the second unit may be read as well: the first one is not the NUL.
   const std::size_t units = end != nullptr ? static_cast<std::size_t>(end - text) : 2;
   std::u16string_view rest(text, units);
   const int code = qx::markup::TakeUtf16(rest);
@@ -111,8 +111,8 @@ std::string CMarkup::EncodeBase64(const unsigned char* bytes, std::size_t count)
 }
 
 int CMarkup::DecodeBase64(MCD_CSTR text, unsigned char* bytes, int size) {
-  const std::size_t room = bytes == nullptr ? INT_MAX : size < 0 ? 0 : static_cast<std::size_t>(size);
-  return qx::markup::Base64Bytes(ViewOf(text), bytes, room);
+  const std::size_t capacity = bytes == nullptr ? INT_MAX : size < 0 ? 0 : static_cast<std::size_t>(size);
+  return qx::markup::Base64Bytes(ViewOf(text), bytes, capacity);
 }
 
 int CMarkup::x_Hash(MCD_CSTR text, int size) { return size <= 0 ? 0 : qx::markup::Hash(ViewOf(text), size); }

@@ -13,10 +13,10 @@ int CompareIgnoringCase(const char* a, const char* b, std::size_t length) {
   return 0;
 }
 
-bool StoredNameMatches(std::string_view stored, std::string_view wanted, bool ignore_case) {
-  if (stored.size() < wanted.size()) return false;
-  if (stored.size() > wanted.size() && !IsClass(stored[wanted.size()], kStoredEnd)) return false;
-  return CompareNames(stored.data(), wanted.data(), wanted.size(), ignore_case) == 0;
+bool StoredNameMatches(std::string_view stored, std::string_view requested, bool ignore_case) {
+  if (stored.size() < requested.size()) return false;
+  if (stored.size() > requested.size() && !IsClass(stored[requested.size()], kStoredEnd)) return false;
+  return CompareNames(stored.data(), requested.data(), requested.size(), ignore_case) == 0;
 }
 
 bool IsTagName(std::string_view name) {

@@ -71,7 +71,7 @@ bool PathPos::ParseAttribute(PathStep& step) {
   return true;
 }
 
-// A name ends at a space, "/", "=", "[" or "]"; the spaces behind it are skipped.
+// A name ends at a space, "/", "=", "[", "]" or NUL; the spaces after it are skipped.
 std::string_view PathPos::TakeName() {
   const auto last = std::find_if(rest_.begin(), rest_.end(), [](char c) { return IsClass(c, qx::markup::kStoredEnd); });
   const std::string_view name = rest_.substr(0, static_cast<std::size_t>(last - rest_.begin()));
@@ -85,8 +85,8 @@ void PathPos::SkipSpaces() {
   }
 }
 
-bool PathPos::Take(char wanted) {
-  if (rest_.empty() || rest_.front() != wanted) return false;
+bool PathPos::Take(char expected) {
+  if (rest_.empty() || rest_.front() != expected) return false;
   rest_.remove_prefix(1);
   return true;
 }

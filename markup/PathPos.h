@@ -1,4 +1,4 @@
-// An element path, cut into its steps:  /a/b[2][@x='1']/@y
+// An element path, parsed into its steps:  /a/b[2][@x='1']/@y
 #pragma once
 
 #include <cstdint>
@@ -9,24 +9,27 @@
 struct PathAttribute {
   std::string_view name;
   bool any_value = true;
-  std::string_view value;  // as an unescaped text, unless any_value
+  std::string_view value;  // the unescaped text; unused with any_value
 };
 
 struct PathStep {
   std::string_view name;  // empty: any
   std::vector<PathAttribute> attributes;
-  // Counts, from 1, the elements that the step's search comes to and that match so far; 0: no such predicate.
+  // Which of the elements that match the rest of the step is meant, counted from 1 in the order of the search; 0: no
+  // such predicate.
   std::uint32_t position = 0;
 };
 
-// Threads: none of its own. Owns: the steps; names and values view the path's text.
+// A parsed element path.
+//
+// Threads: it is used by one thread at a time. Owns: the steps; names and values are views of the path's text.
 class PathPos {
  public:
   // An empty path is one step that matches any element.
   explicit PathPos(std::string_view path);
 
   bool IsValid() const { return valid_; }
-  bool IsAbsolute() const { return absolute_; }   // "/a": searched from the document on
+  bool IsAbsolute() const { return absolute_; }   // "/a": the search starts at document level
   bool IsAnyDepth() const { return any_depth_; }  // "//a": the first step may match at any level
   const std::vector<PathStep>& Steps() const { return steps_; }
 
@@ -38,7 +41,7 @@ class PathPos {
   bool ParseAttribute(PathStep& step);
   std::string_view TakeName();
   void SkipSpaces();
-  bool Take(char wanted);
+  bool Take(char expected);
 
   std::string_view rest_;
   bool valid_ = false;

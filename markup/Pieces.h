@@ -1,4 +1,4 @@
-// Text on its way into a document: views of the pieces that will stand one after another.
+// New text for a document, as a sequence of pieces that follow one another.
 #pragma once
 
 #include <array>
@@ -15,18 +15,19 @@ struct Piece {
   std::size_t size;
 };
 
-// Short pieces are put together in a text of this object's own, so that most changes are one piece in the end and cost
-// no allocation; a CDATA section has two more for each "]]>".
+// Collects the pieces of a change. Short pieces are copied into the object's own buffer, so that most changes end as
+// one piece and need no allocation. A long piece is kept as a view. A CDATA section has two more pieces for each "]]>".
 //
-// Threads: none of its own. Owns: the short pieces and the views of the long ones, not what these view.
+// Threads: it is used by one thread at a time. Owns: its buffer and the list of pieces, not the text that views refer
+// to.
 class Pieces {
  public:
-  Pieces() = default;  // text_ and few_ are left as they are: only what was added is ever read
+  Pieces() = default;  // text_ and few_ stay uninitialised: only what was added is ever read
   Pieces(const Pieces&) = delete;
   Pieces& operator=(const Pieces&) = delete;
 
   void Add(std::string_view piece) {
-    char* const to = RoomFor(piece.size());
+    char* const to = SpaceFor(piece.size());
     if (to == nullptr) return AddView(piece);
     if (!piece.empty()) std::memcpy(to, piece.data(), piece.size());
     AddWritten(piece.size());
@@ -37,16 +38,16 @@ class Pieces {
     (Add(std::string_view(more)), ...);
   }
 
-  // Where `bytes` bytes of the next piece may be written, or null: then it must be added as a view.
-  char* RoomFor(std::size_t bytes) { return bytes > text_.size() - text_size_ ? nullptr : text_.data() + text_size_; }
-  // Adds what was written there.
+  // The free part of the buffer if it has at least `bytes` bytes, else null.
+  char* SpaceFor(std::size_t bytes) { return bytes > text_.size() - text_size_ ? nullptr : text_.data() + text_size_; }
+  // Adds the first `bytes` bytes of the free part, which the caller has written.
   void AddWritten(std::size_t bytes) {
     text_size_ += bytes;
     bytes_ += bytes;
   }
 
   std::size_t Bytes() const { return bytes_; }
-  // All pieces, until the next one is added.
+  // All pieces; valid until the next one is added.
   std::span<const Piece> All() {
     EndText();
     return many_.empty() ? std::span<const Piece>(few_.data(), count_) : std::span<const Piece>(many_);
@@ -59,7 +60,7 @@ class Pieces {
     bytes_ += piece.size();
   }
 
-  // What was put together since the last view becomes a piece.
+  // Makes one piece of the text that was copied into the buffer since the last view.
   void EndText() {
     if (text_size_ == text_begin_) return;
     AddPiece({text_.data() + text_begin_, text_size_ - text_begin_});
@@ -78,7 +79,7 @@ class Pieces {
 
   std::array<char, 1024> text_;
   std::array<Piece, 8> few_;
-  std::vector<Piece> many_;  // all of them, once there are too many
+  std::vector<Piece> many_;  // all pieces, once few_ is full
   std::size_t text_begin_ = 0;
   std::size_t text_size_ = 0;
   std::size_t count_ = 0;

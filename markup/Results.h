@@ -1,4 +1,4 @@
-// The notes a parse leaves behind: empty elements in one text, and the sentences made of them for readers.
+// The results of a parse: one empty element per fault, all in one text, and the phrases that describe them to readers.
 #pragma once
 
 #include <cstddef>
@@ -13,16 +13,16 @@ inline constexpr std::size_t kNoOffset = static_cast<std::size_t>(-1);
 
 struct Result {
   std::string_view name;
-  std::string_view value = {};              // left out when empty
-  std::size_t offset = kNoOffset;           // left out at kNoOffset
-  std::size_t offset2 = kNoOffset;          // left out at kNoOffset
-  std::string_view value_name = "tagname";  // which attribute holds `value`
+  std::string_view value = {};              // not written if empty
+  std::size_t offset = kNoOffset;           // not written if kNoOffset
+  std::size_t offset2 = kNoOffset;          // not written if kNoOffset
+  std::string_view value_name = "tagname";  // the attribute that contains `value`
 };
 
-// Appends `<name tagname="value" offset="1" offset2="2"/>`; false when the text is full already.
+// Appends `<name tagname="value" offset="1" offset2="2"/>`; false, and nothing is appended, if the text is full.
 bool AddResult(std::string& results, const Result& result);
 
-// The phrase for a result's name, with its attributes' names in braces; empty for a name that is not known.
+// The phrase for a result's name, with the names of its attributes in braces; empty for an unknown name.
 std::string_view ResultPhrase(std::string_view name);
 
 }  // namespace qx::markup

@@ -28,7 +28,7 @@ TextEncoding::TextEncoding(const char* to, const char* from)
       source_is_utf8_(qx::markup::SameName(from, "UTF-8", true)) {
   const iconv_t question = iconv_open(to, "ASCII");
   if (question == reinterpret_cast<iconv_t>(-1)) return;
-  // The first character may bring a byte-order mark with it; the second one is "?" alone.
+  // The first converted character may begin with a byte-order mark; the second one is "?" alone.
   char marks[] = "??";
   char out[32];
   for (char* in = marks; in < marks + 2;) {
@@ -62,7 +62,8 @@ std::string TextEncoding::Convert(std::string_view input) {
   return out;
 }
 
-// Converts as much as one output chunk takes; false when a character at the front of the input stops it.
+// Converts until one output chunk is full or the input ends; false if a character stops it, which then is at the front
+// of the input.
 bool TextEncoding::Step(std::string_view& input, std::string& out) {
   char chunk[kOutputChunkBytes];
   char* to = chunk;
@@ -76,12 +77,12 @@ bool TextEncoding::Step(std::string_view& input, std::string& out) {
   return result != static_cast<std::size_t>(-1) || error == E2BIG;
 }
 
-// Steps over what stands in the way: a whole character that the target lacks, or one unit of what is no character.
+// Skips what could not be converted and appends "?": a whole UTF-8 character that the target lacks, otherwise one unit.
 void TextEncoding::Replace(std::string_view& input, std::string& out) {
   ++failed_chars_;
   out.append(replacement_);
   if (source_is_utf8_) {
-    (void)qx::markup::TakeUtf8(input);  // only the step counts
+    (void)qx::markup::TakeUtf8(input);  // the character itself is not needed
   } else {
     input.remove_prefix(std::min(source_unit_, input.size()));
   }

@@ -1,4 +1,4 @@
-// One conversion between character sets by the C library's iconv.
+// One conversion between character sets, with the C library's iconv.
 #pragma once
 
 #include <iconv.h>
@@ -7,12 +7,12 @@
 #include <string>
 #include <string_view>
 
-// Converts texts from one encoding to another. What the target lacks, and what is no character in the source, becomes
-// "?" and is counted. "UTF-8", "UTF-16", "UTF-16LE", "UTF-16BE" and "UTF-32" are known by name in any case: they give
-// the size of the unit that is stepped over in faulty input; every other encoding counts as one of single bytes.
+// Converts texts from one encoding to another. A character that the target lacks, and input that is not a character,
+// become "?" and are counted. In faulty input one unit is skipped at a time. The unit is 2 bytes for "UTF-16",
+// "UTF-16LE" and "UTF-16BE", 4 for "UTF-32" (names in any case), and 1 for every other encoding.
 //
-// Threads: none of its own. Owns: the conversion descriptor.
-// Failure: IsOpen() is false for an encoding that the C library does not know; Convert then does nothing.
+// Threads: it is used by one thread at a time. Owns: the conversion descriptor.
+// Failure: IsOpen() is false for an encoding that the C library does not know; Convert then returns an empty text.
 class TextEncoding {
  public:
   TextEncoding(const char* to, const char* from);
@@ -22,7 +22,7 @@ class TextEncoding {
 
   bool IsOpen() const { return conversion_ != reinterpret_cast<iconv_t>(-1); }
 
-  // The whole text; may be called again for another one.
+  // Converts one whole text. May be called again for other texts.
   std::string Convert(std::string_view input);
 
   // Characters of the last text that could not be converted.

@@ -17,7 +17,7 @@ constexpr std::string_view kCDataOpening = "<![CDATA[";
 
 }  // namespace
 
-// The offset of the first of the bytes, or the size of the text.
+// The offset of the first of the bytes at or after `from`, or the size of the text.
 template <char... kBytes>
 std::size_t TokenPos::Find(std::size_t from) const {
   const char* const data = text_.data();
@@ -53,8 +53,8 @@ NodeType TokenPos::ParseStartTag() {
   return Finish(text_[tag_end - 2] == '/' ? NodeType::kEmptyTag : NodeType::kStartTag, tag_end);
 }
 
-// Behind the ">" that ends a start tag. Quotes hide everything between them; another "<" outside of them means that the
-// tag was never finished.
+// The offset after the ">" that ends a start tag. Everything between quotes is skipped; a "<" outside quotes means that
+// the tag is unterminated.
 std::size_t TokenPos::TagEnd(std::size_t from) const {
   for (;;) {
     from = Find<'>', '<', '"', '\''>(from);
@@ -65,7 +65,7 @@ std::size_t TokenPos::TagEnd(std::size_t from) const {
   }
 }
 
-// "</name>" of the expected name, without anything else in it.
+// True for exactly "</name>" with the expected name.
 bool TokenPos::IsExpectedEndTag() const {
   const std::size_t name_end = start + 2 + expected_name.size();
   return !expected_name.empty() && name_end < text_.size() && text_[name_end] == '>' &&
@@ -109,7 +109,7 @@ NodeType TokenPos::ParseCData() {
   switch (TextBegins(start, kCDataOpening)) {
     case Begins::kNo:
       return Fail(SyntaxFault::kCData);
-    case Begins::kSoFar:
+    case Begins::kCutOff:
       return Fail(SyntaxFault::kUnterminated);
     case Begins::kYes:
       break;
@@ -117,13 +117,13 @@ NodeType TokenPos::ParseCData() {
   return Finish(NodeType::kCData, CDataEnd(start + kCDataOpening.size()));
 }
 
-// After one faulty declaration every further one counts as faulty without a look: a document has only one, and a text
-// made of thousands of half declarations must not be scanned to its end for each.
+// After one faulty declaration every further one counts as faulty, unread: a document has only one, and a text of
+// thousands of incomplete declarations must not be scanned to its end for each of them.
 NodeType TokenPos::ParseDocType() {
   switch (TextBegins(start, kDocTypeOpening)) {
     case Begins::kNo:
       return Fail(SyntaxFault::kExclamation);
-    case Begins::kSoFar:
+    case Begins::kCutOff:
       return Fail(SyntaxFault::kUnterminated);
     case Begins::kYes:
       break;
@@ -145,7 +145,7 @@ std::size_t TokenPos::DocTypeEnd(std::size_t from) {
   return kNotFound;
 }
 
-// Behind the "]" that ends an internal subset. Declarations are only stepped over: none is ever carried out.
+// The offset after the "]" that ends an internal subset. Declarations are skipped; they have no effect.
 std::size_t TokenPos::SubsetEnd(std::size_t from) {
   while (from < text_.size()) {
     const char c = text_[from];
@@ -170,7 +170,7 @@ std::size_t TokenPos::DeclarationEnd(std::size_t from) {
   switch (TextBegins(from, "<!--")) {
     case Begins::kYes:
       return CommentEnd(from + 4);
-    case Begins::kSoFar:
+    case Begins::kCutOff:
       return kNotFound;
     default:
       return BadSubset();
@@ -189,14 +189,15 @@ std::size_t TokenPos::BadSubset() {
   return kNotFound;
 }
 
-// Behind the quote that closes the one at `from`.
+// The offset after the quote that closes the one at `from`.
 std::size_t TokenPos::QuoteEnd(std::size_t from) const {
   const std::size_t close = text_[from] == '"' ? Find<'"'>(from + 1) : Find<'\''>(from + 1);
   return close == text_.size() ? kNotFound : close + 1;
 }
 
-// Behind the terminator, searched from `from` on. Where none was found before, none is looked for again. A faulty
-// declaration may have searched further on than the node that is scanned after it, so only the place counts.
+// The offset after the terminator, searched from `from` on. `missing_from` is the lowest offset from which a search has
+// failed so far; a search from there on fails at once. After a faulty declaration the next node may begin before that
+// offset, so the offsets are compared.
 template <char kFirst, char kSecond, char kThird>
 std::size_t TokenPos::TerminatorEnd(std::size_t from, std::size_t& missing_from) const {
   if (from >= missing_from || from > text_.size()) return kNotFound;
@@ -219,10 +220,11 @@ std::size_t TokenPos::InstructionEnd(std::size_t from) {
   return kNotFound;
 }
 
-TokenPos::Begins TokenPos::TextBegins(std::size_t from, std::string_view wanted) const {
-  const std::string_view there = text_.substr(from, wanted.size());
-  if (qx::markup::CompareNames(there.data(), wanted.data(), there.size(), ignore_case_) != 0) return Begins::kNo;
-  return there.size() == wanted.size() ? Begins::kYes : Begins::kSoFar;
+// Whether `opening` is at `from`; kCutOff if the text ends within it.
+TokenPos::Begins TokenPos::TextBegins(std::size_t from, std::string_view opening) const {
+  const std::string_view text = text_.substr(from, opening.size());
+  if (qx::markup::CompareNames(text.data(), opening.data(), text.size(), ignore_case_) != 0) return Begins::kNo;
+  return text.size() == opening.size() ? Begins::kYes : Begins::kCutOff;
 }
 
 NodeType TokenPos::Finish(NodeType type, std::size_t node_end) {

@@ -1,8 +1,8 @@
-// The node scanner: cuts a document's text into start and end tags, other nodes and plain text, front to back.
+// The node scanner: divides a document's text, from front to back, into start and end tags, other nodes and plain text.
 //
-// It knows where each construct begins and ends and nothing of what contains what. It never fails: a construct with a
-// fault becomes a fault node that reaches to the next "<", and scanning goes on there. Whatever the text holds, the
-// whole scan is linear: a search that once ran to the end of the text without a find is not made again from there on.
+// It finds where each construct begins and ends; it does not know the structure of the elements. It never fails: a
+// faulty construct becomes a fault node that ends at the next "<", and scanning continues there. The time of a whole
+// scan is linear for any text: a search for a terminator that has once failed is not repeated from a later offset.
 #pragma once
 
 #include <cstddef>
@@ -24,39 +24,41 @@ enum class NodeType : std::uint8_t {
 
 enum class SyntaxFault : std::uint8_t {
   kNone,
-  kFirstTag,      // "<" or "</" before something that begins no name
-  kExclamation,   // "<!" before none of "DOCTYPE", "[" and "-"
-  kDocType,       // in a declaration's subset, something that is no declaration; any declaration after a faulty one
-  kComment,       // "<!-" before something other than "-"
-  kCData,         // "<![" before something other than "CDATA["
+  kFirstTag,      // "<" or "</" before a byte that cannot begin a name
+  kExclamation,   // "<!" not before "DOCTYPE", "[" or "-"
+  kDocType,       // a wrong byte in the subset of a declaration; any declaration after a faulty one
+  kComment,       // "<!-" not before "-"
+  kCData,         // "<![" not before "CDATA["
   kUnterminated,  // the text ends, or another tag begins, inside a tag
   kStartTagSize,  // a start tag of 4 MiB or more
   kEndTagSize,    // an end tag of 1,024 bytes or more
   kNameSize,      // a tag name of more than 1,020 bytes
 };
 
-// The longest tag name: its end tag's three further characters still fit the record.
+// The longest tag name: its end tag has three more characters, and that length still fits into the record.
 inline constexpr std::size_t kTagNameBytesMax = 1020;
 
-// Threads: none of its own. Owns: nothing; the text must outlive it and stay as it is.
+// The scanner and its current node.
+//
+// Threads: it is used by one thread at a time. Owns: nothing; the text must outlive it and must not change.
 class TokenPos {
  public:
   explicit TokenPos(std::string_view text, bool ignore_case = false) : text_(text), ignore_case_(ignore_case) {}
 
-  // Steps to the next node. The members below then describe it.
+  // Moves to the next node. The members below then describe it.
   NodeType ParseNode();
 
-  // Set by the caller: the name that the next end tag most likely has, "" for none. `name` is that very view if it has
-  // it, which saves comparing them again.
+  // Set by the caller: the name that the next end tag most likely has, or "". If the end tag has this name, `name` is
+  // the same view (the same pointer), so that the caller need not compare the names again.
   std::string_view expected_name;
 
   std::size_t start = 0;                   // offset of the node's first byte
-  std::size_t end = 0;                     // offset behind its last byte
+  std::size_t end = 0;                     // offset after its last byte
   std::string_view name;                   // of a start, empty or end tag
   SyntaxFault fault = SyntaxFault::kNone;  // of a fault node
 
   std::string_view Text() const { return text_.substr(start, end - start); }
-  // What stands between "<![CDATA[" and "]]>".
+  // The text between "<![CDATA[" and "]]>".
   std::string_view CDataText() const { return text_.substr(start + 9, end - start - 12); }
 
  private:
@@ -81,8 +83,8 @@ class TokenPos {
   std::size_t InstructionEnd(std::size_t from);
   std::size_t CDataEnd(std::size_t from);
 
-  enum class Begins : std::uint8_t { kNo, kSoFar, kYes };
-  Begins TextBegins(std::size_t from, std::string_view wanted) const;
+  enum class Begins : std::uint8_t { kNo, kCutOff, kYes };
+  Begins TextBegins(std::size_t from, std::string_view opening) const;
 
   template <char... kBytes>
   std::size_t Find(std::size_t from) const;
@@ -91,7 +93,7 @@ class TokenPos {
 
   std::string_view text_;
   bool ignore_case_;
-  // From these offsets on the text holds no "-->", "?>" and "]]>".
+  // There is no "-->", "?>" or "]]>" from these offsets on.
   std::size_t no_comment_end_from_ = std::string_view::npos;
   std::size_t no_instruction_end_from_ = std::string_view::npos;
   std::size_t no_cdata_end_from_ = std::string_view::npos;

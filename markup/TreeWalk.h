@@ -1,4 +1,5 @@
-// Walks over a document's records, and the links between them. None of it recurses, however deep the document is.
+// Walks over a document's records, and changes of the links between them. Nothing here recurses, however deep the
+// document is.
 #pragma once
 
 #include <cstdint>
@@ -7,16 +8,16 @@
 
 namespace qx::markup {
 
-// The next element behind `elem` and everything in it; 0 at the end of the document.
-inline std::uint32_t NextBehind(const ElemPosTree& tree, std::uint32_t elem) {
+// The next element after `elem` and all its descendants; 0 at the end of the document.
+inline std::uint32_t NextAfter(const ElemPosTree& tree, std::uint32_t elem) {
   while (elem != 0 && tree[elem].next == 0) elem = tree[elem].parent;
   return elem == 0 ? 0 : tree[elem].next;
 }
 
-// The next element in the order of the start tags; the root for 0; 0 at the end of the document.
+// The next element in the order of the start tags; the root if `elem` is 0; 0 at the end of the document.
 inline std::uint32_t NextInText(const ElemPosTree& tree, std::uint32_t elem) {
   if (tree[elem].first_child != 0) return tree[elem].first_child;
-  return NextBehind(tree, elem);
+  return NextAfter(tree, elem);
 }
 
 // Calls visit(index) for each element of a subtree, `top` included, in the order of the start tags.
@@ -45,7 +46,7 @@ inline std::uint32_t PreviousSibling(const ElemPosTree& tree, std::uint32_t elem
   return tree[elem].Has(kElemFirst) ? 0 : tree[elem].previous;
 }
 
-// Links an element, which has no links yet, as the first child.
+// Links an element that has no links yet as the first child.
 inline void LinkFirst(ElemPosTree& tree, std::uint32_t parent, std::uint32_t elem) {
   const std::uint32_t next = tree[parent].first_child;
   tree[elem].next = next;
@@ -58,8 +59,8 @@ inline void LinkFirst(ElemPosTree& tree, std::uint32_t parent, std::uint32_t ele
   tree[parent].first_child = elem;
 }
 
-// Links an element, which has no links yet, behind a sibling.
-inline void LinkBehind(ElemPosTree& tree, std::uint32_t previous, std::uint32_t elem) {
+// Links an element that has no links yet after a sibling.
+inline void LinkAfter(ElemPosTree& tree, std::uint32_t previous, std::uint32_t elem) {
   const std::uint32_t next = tree[previous].next;
   tree[previous].next = elem;
   tree[elem].previous = previous;
@@ -67,7 +68,7 @@ inline void LinkBehind(ElemPosTree& tree, std::uint32_t previous, std::uint32_t 
   tree[next != 0 ? next : tree[tree[elem].parent].first_child].previous = elem;
 }
 
-// Takes an element, and what is below it, out of the row of its siblings.
+// Removes an element, with its descendants, from the list of its siblings.
 inline void Unlink(ElemPosTree& tree, std::uint32_t elem) {
   const ElemPos& record = tree[elem];
   const bool first = record.Has(kElemFirst);

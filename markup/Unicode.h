@@ -1,7 +1,7 @@
 // UTF-8 and UTF-16, one character or a whole text at a time.
 //
-// Only whole, shortest-form sequences of characters up to U+10FFFF count as valid, surrogates in UTF-8 and lone ones in
-// UTF-16 do not. What is invalid is reported (-1) by the single-character forms and becomes U+FFFD in the others.
+// Valid are complete, shortest-form sequences of characters up to U+10FFFF; surrogates in UTF-8 and lone surrogates in
+// UTF-16 are invalid. The single-character forms return -1 for invalid input, the whole-text forms write U+FFFD.
 #pragma once
 
 #include <string>
@@ -15,12 +15,12 @@ inline constexpr int kReplacementCharacter = 0xFFFD;
 constexpr bool IsSurrogate(int code) { return code >= 0xD800 && code <= 0xDFFF; }
 constexpr bool IsCharacter(int code) { return code >= 0 && code <= kCodePointMax && !IsSurrogate(code); }
 
-// Appends the character; U+FFFD for what is none.
+// Appends the character; U+FFFD if `code` is not a character.
 void AppendUtf8(std::string& out, int code);
 void AppendUtf16(std::u16string& out, int code);
 
-// Takes one character from the front of the text: its code, or -1 for an invalid byte or unit, which alone is taken.
-// -1 and no change on an empty text.
+// Removes one character from the front of the text and returns its code. For an invalid byte or unit, removes only that
+// and returns -1. Returns -1 for an empty text.
 int TakeUtf8(std::string_view& text);
 int TakeUtf16(std::u16string_view& text);
 
@@ -28,9 +28,9 @@ std::string Utf16To8(std::u16string_view text);
 std::u16string Utf8To16(std::string_view text);
 
 struct Utf8Check {
-  bool valid = true;     // all sequences, the cut-off one aside
-  bool cut_off = false;  // the text ends inside a sequence that is right so far
-  int non_ascii = 0;     // whole characters above 127
+  bool valid = true;     // all sequences are valid, not counting one that is cut off at the end
+  bool cut_off = false;  // the text ends inside a sequence that is valid so far
+  int non_ascii = 0;     // complete characters above 127, up to the first invalid byte
 };
 Utf8Check CheckUtf8(std::string_view text);
 
