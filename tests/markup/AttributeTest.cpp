@@ -1,4 +1,4 @@
-// Attributes of odd start tags, and end tags that were expected: the quick ways against plain ones.
+// Attributes of unusual start tags, and expected end tags: the fast forms are compared with plain ones.
 #include "markup/Attribute.h"
 
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ using Random = std::mt19937_64;
 
 bool IsIn(char c, std::string_view set) { return set.find(c) != std::string_view::npos; }
 
-// The same walk by offsets, one byte at a time, each of them checked against the end.
+// The same walk with offsets, one byte at a time. Each byte is checked against the end.
 class PlainScan {
  public:
   explicit PlainScan(std::string_view tag) : tag_(tag), end_(qx::markup::TagClosingOffset(tag)) {
@@ -94,7 +94,7 @@ void ExpectSameAttributes(const std::string& tag) {
   }
 }
 
-TEST(Attribute, RandomTagsAreWalkedAsByThePlainForm) {
+TEST(Attribute, RandomTagsHaveTheSameAttributesAsInThePlainWalk) {
   static constexpr std::string_view kPieces[] = {" ",    " a",         "a", "=",   "\"",     "'",  "=\"1\"",
                                                  "='2'", " b=\"x y\"", "/", "<",   ">",      "\n", " =",
                                                  "= ",   "\xE4",       "[", "a=b", " abc='", "\0"};
@@ -129,7 +129,7 @@ std::vector<Node> Nodes(std::string_view text, std::string_view expected_name) {
   }
 }
 
-TEST(Attribute, AnExpectedEndTagIsTheSameNodeAsAnUnexpectedOne) {
+TEST(Attribute, ExpectedNameDoesNotChangeTheNodes) {
   static constexpr std::string_view kPieces[] = {"<a>",   "</a>", "</ab>", "</a >", "</a", "</",           "text",
                                                  "</a/>", ">",    "<ab>",  "</A>",  "<",   "<!-- </a> -->"};
   Random random(qx::test::Seed("ExpectedEndTag"));

@@ -12,7 +12,7 @@ std::string Encode(const std::string& bytes) {
   return CMarkup::EncodeBase64(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
 }
 
-TEST(Base64, TextsOfEachLengthArePadded) {
+TEST(Base64, TextOfEachLengthIsPadded) {
   const std::pair<const char*, const char*> rows[] = {{"", ""},
                                                       {"f", "Zg=="},
                                                       {"fo", "Zm8="},
@@ -30,7 +30,7 @@ TEST(Base64, TextsOfEachLengthArePadded) {
   EXPECT_EQ(CMarkup::EncodeBase64(nullptr, 5), "");
 }
 
-TEST(Base64, WhiteSpaceIsSkippedAndPaddingMayBeLeftOut) {
+TEST(Base64, WhiteSpaceIsSkippedAndPaddingIsOptional) {
   unsigned char out[8];
   EXPECT_EQ(CMarkup::DecodeBase64(" Zm\r\n9v\tYg = = ", out, 8), 4);
   EXPECT_EQ(CMarkup::DecodeBase64("Zm8", out, 8), 2);
@@ -38,14 +38,14 @@ TEST(Base64, WhiteSpaceIsSkippedAndPaddingMayBeLeftOut) {
   EXPECT_EQ(out[0], 'f');
 }
 
-TEST(Base64, WhatIsNoBase64IsRefused) {
+TEST(Base64, InvalidTextIsRefused) {
   unsigned char out[8];
   for (const char* text : {"Z", "Zm9vY", "Zg=", "Zg===", "=", "====", "Zm9v=", "Zm8=x", "Zm9*", "Zm-_", "Zm9\x80"}) {
     EXPECT_EQ(CMarkup::DecodeBase64(text, out, 8), -1) << text;
   }
 }
 
-TEST(Base64, ABufferThatIsTooSmallStaysUntouched) {
+TEST(Base64, TooSmallBufferStaysUntouched) {
   unsigned char out[3] = {7, 7, 7};
   EXPECT_EQ(CMarkup::DecodeBase64("Zm9v", out, 2), -1);
   EXPECT_EQ(CMarkup::DecodeBase64("Zm9v", out, -1), -1);
@@ -55,7 +55,7 @@ TEST(Base64, ABufferThatIsTooSmallStaysUntouched) {
   EXPECT_EQ(CMarkup::DecodeBase64(nullptr, out, 3), 0);
 }
 
-TEST(Base64, AnyBytesComeBack) {
+TEST(Base64, RandomBytesAreDecodedAsTheyWereEncoded) {
   std::mt19937_64 random(qx::test::Seed("Base64"));
   for (int i = 0; i < 2000; ++i) {
     std::string bytes(random() % 50, '\0');

@@ -10,8 +10,8 @@ namespace {
 
 using namespace qx::markup;
 
-// The fast forms against the plain ones, over every length and offset of random texts from a small alphabet.
-TEST(ByteScan, FastSearchesAgreeWithPlainOnes) {
+// Compares the fast forms with the plain ones at every offset of random texts from a small alphabet.
+TEST(ByteScan, FastSearchesFindTheSameAsPlainOnes) {
   std::mt19937_64 random(qx::test::Seed("ByteScan"));
   const std::string alphabet("a]]>-<\"'&\x7F\x80\x1F~ \n\0", 17);
   for (int round = 0; round < 300; ++round) {
@@ -33,7 +33,7 @@ TEST(ByteScan, FastSearchesAgreeWithPlainOnes) {
   }
 }
 
-TEST(ByteScan, EveryByteIsToldPrintableOrNotTheSameWay) {
+TEST(ByteScan, BytesOutside0x20To0x7EAreFoundAsNotPrintable) {
   for (int byte = 0; byte < 256; ++byte) {
     const std::string text = std::string(20, 'a') + static_cast<char>(byte) + std::string(20, 'a');
     const bool printable = byte >= 0x20 && byte <= 0x7E;
@@ -42,19 +42,19 @@ TEST(ByteScan, EveryByteIsToldPrintableOrNotTheSameWay) {
   }
 }
 
-TEST(ByteScan, ATripleIsFoundWithOverlappingBeginnings) {
+TEST(ByteScan, TripleIsFoundAfterOverlappingBeginnings) {
   const std::string text = std::string(30, ']') + ">";
   EXPECT_EQ((FindTriple<']', ']', '>'>(text.data(), text.data() + 31)) - text.data(), 28);
 }
 
-// Vain finds of the first byte, fewer and more than it takes to search for all three at once.
-TEST(ByteScan, ATripleIsFoundBehindAnyNumberOfItsFirstBytes) {
+// Finds of the first byte alone: fewer and more than it takes to switch to the search for all three bytes.
+TEST(ByteScan, TripleIsFoundAfterAnyNumberOfItsFirstBytes) {
   for (std::size_t brackets = 0; brackets < 60; ++brackets) {
     for (const std::string apart : {"", "x", "]x", "12345678901234567890"}) {
       std::string text;
       for (std::size_t i = 0; i < brackets; ++i) text += "]" + apart;
-      for (const std::string behind : {"", "]]>", "]]", "]]>]]>", " ]]>"}) {
-        const std::string whole = text + behind;
+      for (const std::string rest : {"", "]]>", "]]", "]]>]]>", " ]]>"}) {
+        const std::string whole = text + rest;
         const char* const end = whole.data() + whole.size();
         ASSERT_EQ((FindTriple<']', ']', '>'>(whole.data(), end)), (FindTriplePlain<']', ']', '>'>(whole.data(), end)))
             << whole;

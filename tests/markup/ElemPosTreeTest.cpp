@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(ElemPos, LengthsLevelAndFlagsShareTheirWords) {
+TEST(ElemPos, FieldsOfOneWordDoNotChangeEachOther) {
   ElemPos record{};
   record.SetTagLengths(0x3FFFFF, 0x3FF);
   EXPECT_EQ(record.tag_lengths, 0xFFFFFFFF);
@@ -22,7 +22,7 @@ TEST(ElemPos, LengthsLevelAndFlagsShareTheirWords) {
   EXPECT_EQ(kElemIllFormed, 0x800000U);
 }
 
-TEST(ElemPosTree, ASegmentIsAsLargeAsTheRequest) {
+TEST(ElemPosTree, SegmentIsAsLargeAsTheRequest) {
   ElemPosTree tree;
   EXPECT_EQ(tree.Capacity(), 0);
   EXPECT_EQ(tree.SegmentTableSize(), 0);
@@ -36,7 +36,7 @@ TEST(ElemPosTree, ASegmentIsAsLargeAsTheRequest) {
   EXPECT_EQ(tree.SegmentTableSize(), 6);
 }
 
-TEST(ElemPosTree, ATreeGrowsByOneSegmentAtMost) {
+TEST(ElemPosTree, TreeGrowsByOneSegmentAtMost) {
   ElemPosTree tree;
   tree.Grow(1000000);
   EXPECT_EQ(tree.Capacity(), 65536);
@@ -57,10 +57,10 @@ TEST(ElemPosTree, RecordsKeepTheirValuesWhileTheTreeGrows) {
     ASSERT_EQ(tree[used - 1].start, used - 1);
   }
   EXPECT_EQ(tree.Capacity(), 500000);
-  EXPECT_EQ(tree.SegmentTableSize(), 18);  // eight segments: 2 * 1 + 4 were too few, 2 * 7 + 4 are enough
+  EXPECT_EQ(tree.SegmentTableSize(), 18);  // 8 segments: the table grew from 2 * 1 + 4 to 2 * 7 + 4
 }
 
-TEST(ElemPosTree, IndicesAbove65535LieInTheSecondSegment) {
+TEST(ElemPosTree, IndexAbove65535IsInTheSecondSegment) {
   ElemPosTree tree;
   tree.Grow(65536);
   tree.Grow(65538);
@@ -71,7 +71,7 @@ TEST(ElemPosTree, IndicesAbove65535LieInTheSecondSegment) {
   EXPECT_NE(&tree[0], &tree[65536]);
 }
 
-TEST(ElemPosTree, ACopyHoldsTheRecordsInUse) {
+TEST(ElemPosTree, CopyHasTheRecordsInUse) {
   ElemPosTree tree;
   tree.Grow(65536);
   tree.Grow(70000);
@@ -82,7 +82,7 @@ TEST(ElemPosTree, ACopyHoldsTheRecordsInUse) {
   EXPECT_NE(&copy[0], &tree[0]);
 }
 
-TEST(ElemPosTree, RemovingAllLeavesATreeThatGrowsAnew) {
+TEST(ElemPosTree, TreeCanGrowAgainAfterRemoveAll) {
   ElemPosTree tree;
   tree.Grow(100);
   tree.RemoveAll();

@@ -10,7 +10,7 @@
 
 namespace {
 
-TEST(ElemStack, SevenEntriesAtFirstThenTwiceAsMany) {
+TEST(ElemStack, CapacityIsSevenAndDoublesWhenFull) {
   ElemStack stack(false);
   EXPECT_EQ(stack.Capacity(), 0U);
   for (std::uint32_t i = 0; i < 29; ++i) {
@@ -21,8 +21,8 @@ TEST(ElemStack, SevenEntriesAtFirstThenTwiceAsMany) {
   EXPECT_EQ(stack[3].elem, 3U);
 }
 
-// The plain form: compare with every open tag, innermost first.
-TEST(ElemStack, TheInnermostMatchAgreesWithAPlainWalk) {
+// The plain walk compares the name with every open tag, innermost first.
+TEST(ElemStack, InnermostMatchIsThatOfAPlainWalk) {
   std::mt19937_64 random(qx::test::Seed("ElemStack"));
   const std::string names[] = {
       "a",  "b",   "ab", "a=b",     "a=b=c", "a[1]", "a[1", "A", "a=B", "=", std::string("a\0b", 3),

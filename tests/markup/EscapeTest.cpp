@@ -42,7 +42,7 @@ TEST(EscapeText, MarkupCharactersBecomeReferences) {
   }
 }
 
-TEST(EscapeTextBinary, BytesThatDoNotPrintBecomeReferences) {
+TEST(EscapeTextBinary, BytesThatAreNotPrintableBecomeReferences) {
   EXPECT_EQ(CMarkup::EscapeTextBinary("ab\x01"
                                       "c",
                                       kQuotes),
@@ -55,11 +55,11 @@ TEST(EscapeTextBinary, BytesThatDoNotPrintBecomeReferences) {
   EXPECT_EQ(CMarkup::EscapeTextBinary(std::string_view("a\0b", 3), 0), "a&#x00;b");
 }
 
-TEST(EscapeTextBinary, QuirkAReferenceInTheTextItselfIsKept) {
+TEST(EscapeTextBinary, QuirkReferenceInTheTextItselfIsKept) {
   EXPECT_EQ(CMarkup::EscapeTextBinary("&lt;\x01", kQuotes), "&lt;&#x01;");
 }
 
-TEST(EscapeTextBinary, TheLocaleMakesNoDifference) {
+TEST(EscapeTextBinary, LocaleMakesNoDifference) {
   const std::string before = std::setlocale(LC_ALL, nullptr);
   std::setlocale(LC_ALL, "");
   EXPECT_EQ(CMarkup::EscapeTextBinary("\xE4\xC3\xA4", 0), "&#xE4;&#xC3;&#xA4;");
@@ -83,13 +83,13 @@ TEST(UnescapeText, ReferencesBecomeCharacters) {
       {"&amp", "&amp"},
       {"&#;&#x;&#0;&#x0;", "&#;&#x;&#0;&#x0;"},
       {"&#6a;&#-5;&# 65;&#xg;", "&#6a;&#-5;&# 65;&#xg;"},
-      {"&euml;", "\xC3\x8B"},  // the capital one is listed first
+      {"&euml;", "\xC3\x8B"},  // the capital letter comes first in the table
       {"&Oslash;&oslash;", "\xC3\x98\xC3\x98"},
       {"&rArr;&rarr;&prime;", "\xE2\x87\x92\xE2\x87\x92\xE2\x80\xB3"},
       {"&thetasym;", "\xCF\x91"},
       {"&#8364;&#x1F600;", "\xE2\x82\xAC\xF0\x9F\x98\x80"},
       {"&#127;&#128;&#x7FF;&#x800;&#x10000;",
-       "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xF0\x90\x80\x80"},  // the lengths' bounds
+       "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xF0\x90\x80\x80"},  // where the length in UTF-8 changes
       {"&#1114111;&#x10FFFF;", "\xF4\x8F\xBF\xBF\xF4\x8F\xBF\xBF"},
       {"&#1114112;&#x110000;&#99999999;", "&#1114112;&#x110000;&#99999999;"},
       {"&#xD800;&#xDFFF;&#55296;", "&#xD800;&#xDFFF;&#55296;"},
@@ -110,7 +110,7 @@ TEST(UnescapeText, OnlyTheGivenLengthIsRead) {
   EXPECT_EQ(CMarkup::UnescapeText(std::string_view("\0&lt;\0", 6)), std::string("\0<\0", 3));
 }
 
-TEST(UnescapeText, WhiteSpaceOfTheTextIsHandledAsTheFlagsAsk) {
+TEST(UnescapeText, FlagsTrimAndCollapseTheWhiteSpaceOfTheText) {
   const char* text = " \n a \t&#32; b&#10; ";
   EXPECT_EQ(CMarkup::UnescapeText(text), " \n a \t  b\n ");
   EXPECT_EQ(CMarkup::UnescapeText(text, -1, CMarkup::kTrimSpace), "a \t  b\n");
@@ -119,7 +119,7 @@ TEST(UnescapeText, WhiteSpaceOfTheTextIsHandledAsTheFlagsAsk) {
   EXPECT_EQ(CMarkup::UnescapeText("", -1, CMarkup::kCollapseSpace), "");
 }
 
-TEST(UnescapeText, UndoesWhatEscapeTextDid) {
+TEST(UnescapeText, ReversesEscapeText) {
   std::mt19937_64 random(qx::test::Seed("Escape"));
   const std::string alphabet = "&<>\"';#xamp1 \xC3\xA4";
   for (int i = 0; i < 20000; ++i) {
@@ -133,7 +133,7 @@ TEST(UnescapeText, UndoesWhatEscapeTextDid) {
   }
 }
 
-// Texts around the size of a block and of a stretch, thin and thick with what has to be escaped.
+// Texts whose sizes are near those of a block and of a stretch, with few or many characters to escape.
 std::string RandomText(std::mt19937_64& random) {
   static constexpr std::string_view kPieces[] = {"&",     "<",     ">",         "\"",   "'", "&lt;",
                                                  "&amp;", "&#65;", "&no such;", "\xE4", ";"};
@@ -151,16 +151,16 @@ std::string RandomText(std::mt19937_64& random) {
   return text;
 }
 
-TEST(EscapeText, RandomTextsAreEscapedAsByThePlainForm) {
+TEST(EscapeText, RandomTextsAreEscapedLikeInThePlainForm) {
   std::mt19937_64 random(qx::test::Seed("Escape"));
   for (int round = 0; round < 4000; ++round) {
     const std::string text = RandomText(random);
     for (const int flags : {0, 8, 0x100, 0x108}) {
-      std::string quick = "held";
-      std::string plain = "held";
-      qx::markup::AppendEscaped(quick, text, flags);
+      std::string fast = "before";
+      std::string plain = "before";
+      qx::markup::AppendEscaped(fast, text, flags);
       qx::markup::AppendEscapedPlain(plain, text, flags);
-      ASSERT_EQ(quick, plain) << text;
+      ASSERT_EQ(fast, plain) << text;
     }
   }
 }
@@ -171,8 +171,8 @@ std::string Together(qx::markup::Pieces& pieces) {
   return text;
 }
 
-// Short texts are escaped where the pieces are put together, as long as there is room, long ones are refused there.
-TEST(Pieces, RandomPiecesStandOneBehindTheOtherHoweverTheyAreAdded) {
+// AddEscaped accepts short texts as long as the buffer has space, and refuses long ones.
+TEST(Pieces, RandomPiecesFollowOneAnotherHoweverTheyAreAdded) {
   std::mt19937_64 random(qx::test::Seed("Pieces"));
   for (int round = 0; round < 4000; ++round) {
     qx::markup::Pieces pieces;
@@ -198,8 +198,8 @@ TEST(Pieces, RandomPiecesStandOneBehindTheOtherHoweverTheyAreAdded) {
   }
 }
 
-// In capitals the five common references take the way of all others.
-TEST(UnescapeText, CommonReferencesAreReadAsAllOthersAre) {
+// In capitals the five common references are looked up in the table like all others.
+TEST(UnescapeText, CommonReferencesAreReadLikeTableEntries) {
   std::mt19937_64 random(qx::test::Seed("Unescape"));
   for (int round = 0; round < 4000; ++round) {
     const std::string text = RandomText(random);

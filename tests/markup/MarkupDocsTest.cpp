@@ -1,4 +1,4 @@
-// The worked examples of docs/markup.md, made again.
+// The worked examples of docs/markup.md, rebuilt.
 #include <gtest/gtest.h>
 
 #include "markup/Markup.h"
@@ -9,20 +9,20 @@ namespace {
 
 using qx::test::DocExample;
 
-// Whether an example's block ends with a line feed is not what is compared.
+// A line feed at the end of an example's block does not count.
 std::string Trimmed(std::string text) {
   while (!text.empty() && text.back() == '\n') text.pop_back();
   return text;
 }
 
-TEST(MarkupDocs, TheRecoveryExampleIsWhatTheParserMakesOfIt) {
+TEST(MarkupDocs, RecoveryExampleIsWhatTheParserMakesOfIt) {
   const CMarkup markup(Trimmed(DocExample("markup.md", "markup-recovery")));
   EXPECT_EQ(qx::test::Outline(markup) + "\n" + markup.GetResult() + "\n" + markup.GetError(),
             Trimmed(DocExample("markup.md", "markup-recovery-result")));
 }
 
-TEST(MarkupDocs, TheInsertionExampleIsWhatItsCallsBuild) {
-  // Written twice so that a change of the page's calls is noticed here.
+TEST(MarkupDocs, InsertionExampleIsWhatItsCallsBuild) {
+  // The calls are repeated here, so that this test fails if the page changes them.
   ASSERT_EQ(Trimmed(DocExample("markup.md", "markup-insert-calls")),
             "AddElem(\"List\")\n"
             "AddChildElem(\"Item\", \"a < b\")\n"

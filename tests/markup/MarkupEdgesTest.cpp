@@ -1,4 +1,4 @@
-// Edges that the other tests of the documents do not reach: edits beyond the first record segment, whole alphabets.
+// Cases that the other markup tests do not reach: edits in the second record segment, and complete alphabets.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -13,8 +13,8 @@ using qx::test::Records;
 
 constexpr std::uint32_t kSegmentRecords = 65536;
 
-// A root with `elements` children <e n="NUMBER"/>: all that fit the first segment parsed, but for a few, and the rest
-// added one after the other.
+// A root with `elements` children <e n="NUMBER"/>. The first 65,500, which fit into the first segment, are parsed; the
+// others are added one by one.
 CMarkup WithChildren(int elements) {
   constexpr int kParsed = 65500;
   std::string text = "<r>";
@@ -28,7 +28,7 @@ CMarkup WithChildren(int elements) {
   return markup;
 }
 
-TEST(MarkupEdges, ElementsAddedBeyondTheFirstSegmentAreFoundChangedAndRead) {
+TEST(MarkupEdges, ElementsInTheSecondSegmentAreFoundChangedAndRead) {
   constexpr int kElements = 66000;
   CMarkup markup = WithChildren(kElements);
   EXPECT_EQ(markup.RecordCount(), kElements + 2U);
@@ -78,17 +78,17 @@ TEST(MarkupEdges, RemovingARootOfTwoSegmentsReleasesEveryRecord) {
   EXPECT_TRUE(markup.CheckInvariants());
 }
 
-TEST(MarkupEdges, NamesAreComparedOverALengthAndInAnyCaseWhereAsked) {
+TEST(MarkupEdges, StrNCmpComparesALengthAndIgnoresCaseOnRequest) {
   EXPECT_EQ(CMarkup::x_StrNCmp("abc", "abd", 2), 0);
   EXPECT_NE(CMarkup::x_StrNCmp("abc", "abd", 3), 0);
   EXPECT_NE(CMarkup::x_StrNCmp("abc", "ABC", 3), 0);
   EXPECT_EQ(CMarkup::x_StrNCmp("abc[`{@", "ABC[`{@", 7, true), 0);
-  EXPECT_NE(CMarkup::x_StrNCmp("[", "{", 1, true), 0);        // 32 apart like a letter's two forms
-  EXPECT_NE(CMarkup::x_StrNCmp("\xC4", "\xE4", 1, true), 0);  // letters of the ASCII set only
+  EXPECT_NE(CMarkup::x_StrNCmp("[", "{", 1, true), 0);        // they differ by 32, like "A" and "a"
+  EXPECT_NE(CMarkup::x_StrNCmp("\xC4", "\xE4", 1, true), 0);  // only letters of the ASCII set count
   EXPECT_EQ(CMarkup::x_StrNCmp("a", "b", 0), 0);
 }
 
-TEST(MarkupEdges, EveryBase64DigitStandsForItsNumber) {
+TEST(MarkupEdges, EveryBase64DigitHasItsNumber) {
   const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   for (unsigned number = 0; number < 64; ++number) {
     const auto byte = static_cast<unsigned char>(number << 2U);

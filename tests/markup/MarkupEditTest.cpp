@@ -19,7 +19,7 @@ namespace {
 using qx::test::Outline;
 using qx::test::Records;
 
-// The changed document agrees with its records, and parsing it again gives the same ones.
+// The records agree with the changed text, and parsing the text again gives the same records.
 void ExpectSound(const CMarkup& markup) {
   std::string why;
   EXPECT_TRUE(markup.CheckInvariants(&why)) << markup.GetDoc() << ": " << why;
@@ -60,7 +60,7 @@ auto SetAttrib(const char* name, const char* value, int flags = 0) {
   return [=](CMarkup& markup) { return markup.SetAttrib(name, value, flags); };
 }
 
-TEST(MarkupEdit, AChildOfANewElementGetsALineOfItsOwn) {
+TEST(MarkupEdit, ChildOfANewElementGetsItsOwnLine) {
   CMarkup markup;
   EXPECT_TRUE(markup.AddElem("A"));
   EXPECT_TRUE(markup.AddChildElem("B"));
@@ -69,7 +69,7 @@ TEST(MarkupEdit, AChildOfANewElementGetsALineOfItsOwn) {
   ExpectSound(markup);
 }
 
-TEST(MarkupEdit, ElementsTakeTheFormThatTheirDataAndFlagsAskFor) {
+TEST(MarkupEdit, DataAndFlagsDetermineTheFormOfANewElement) {
   using M = CMarkup;
   ExpectRows({
       {"", Add("A"), true, "<A/>\n"},
@@ -89,7 +89,7 @@ TEST(MarkupEdit, ElementsTakeTheFormThatTheirDataAndFlagsAskFor) {
   });
 }
 
-TEST(MarkupEdit, NamesThatNoTagCanHaveAreRefused) {
+TEST(MarkupEdit, NameThatATagCannotHaveIsRefused) {
   for (const char* name : {"", "1", "-a", "a b", "a/b", "a>", "<a", "a\"", "a'b", "a\n"}) {
     CMarkup markup("<r/>");
     markup.FindElem();
@@ -102,7 +102,7 @@ TEST(MarkupEdit, NamesThatNoTagCanHaveAreRefused) {
   EXPECT_TRUE(markup.AddElem("_a:b-c.1\xC3\xA4"));
 }
 
-TEST(MarkupEdit, AnElementGoesBehindItsSiblingAndTheWhiteSpaceThere) {
+TEST(MarkupEdit, NewElementIsInsertedAfterItsSiblingAndTheWhiteSpace) {
   ExpectRows({
       {"<r><a/></r>", [](CMarkup& m) { return m.FindChildElem("a") && m.AddChildElem("b"); }, true,
        "<r><a/><b/>\n</r>"},
@@ -115,7 +115,7 @@ TEST(MarkupEdit, AnElementGoesBehindItsSiblingAndTheWhiteSpaceThere) {
   });
 }
 
-TEST(MarkupEdit, AFirstChildGoesBehindTheStartTagAndOpensAnEmptyElement) {
+TEST(MarkupEdit, FirstChildIsInsertedAfterTheStartTag) {
   ExpectRows({
       {"<p></p>", AddChild("c"), true, "<p><c/>\n</p>"},
       {"<p/>", AddChild("c"), true, "<p>\n<c/>\n</p>"},
@@ -128,14 +128,14 @@ TEST(MarkupEdit, AFirstChildGoesBehindTheStartTagAndOpensAnEmptyElement) {
   });
 }
 
-TEST(MarkupEdit, TheFirstElementOfADocumentGoesToItsEnd) {
+TEST(MarkupEdit, FirstElementOfADocumentIsInsertedAtItsEnd) {
   ExpectRows({
       {"<?xml version=\"1.0\"?>\n", Add("A"), true, "<?xml version=\"1.0\"?>\n<A/>\n"},
       {"<!-- c -->", Add("A", nullptr, CMarkup::kAddNoLines), true, "<!-- c --><A/>"},
   });
 }
 
-TEST(MarkupEdit, ASecondElementAtDocumentLevelIsASecondRoot) {
+TEST(MarkupEdit, SecondElementAtDocumentLevelIsASecondRoot) {
   CMarkup markup;
   ASSERT_TRUE(markup.AddElem("Error"));
   EXPECT_TRUE(markup.IsWellFormed());
@@ -147,7 +147,7 @@ TEST(MarkupEdit, ASecondElementAtDocumentLevelIsASecondRoot) {
   EXPECT_FALSE(markup.IsWellFormed());
   ExpectSound(markup);
 
-  markup.SetDoc("<Error/>");  // the position on no element makes no difference
+  markup.SetDoc("<Error/>");  // now without a main element
   ASSERT_TRUE(markup.AddElem("ReportData"));
   EXPECT_FALSE(markup.IsWellFormed());
   EXPECT_EQ(Outline(markup), "Error,ReportData");
@@ -170,7 +170,7 @@ TEST(MarkupEdit, AddElemWithTheChildFlagMovesTheChildPositionOnly) {
   ExpectSound(markup);
 }
 
-TEST(MarkupEdit, WithoutAMainElementThereIsNothingToChange) {
+TEST(MarkupEdit, WithoutAMainElementEveryChangeIsRefused) {
   CMarkup markup("<a><b/></a>");
   EXPECT_FALSE(markup.AddChildElem("c"));
   EXPECT_FALSE(markup.AddElem("c", nullptr, CMarkup::kAddChild));
@@ -184,7 +184,7 @@ TEST(MarkupEdit, WithoutAMainElementThereIsNothingToChange) {
   EXPECT_EQ(markup.GetDoc(), "<a><b/></a>");
 }
 
-TEST(MarkupEdit, AnElementWithoutEndTagTakesNoContentAndSpoilsTheDocument) {
+TEST(MarkupEdit, ElementWithoutEndTagRefusesContentAndIsNotWellFormed) {
   CMarkup markup;
   ASSERT_TRUE(markup.AddElem("r"));
   ASSERT_TRUE(markup.AddChildElem("br", nullptr, CMarkup::kAddNoEnd));
@@ -202,7 +202,7 @@ TEST(MarkupEdit, AnElementWithoutEndTagTakesNoContentAndSpoilsTheDocument) {
   EXPECT_FALSE(markup.SetData("t"));
 }
 
-TEST(MarkupEdit, AttributesAreWrittenBeforeTheEndOfTheTagAndReplacedInPlace) {
+TEST(MarkupEdit, NewAttributeIsWrittenAtTheTagEndAndAnOldOneReplaced) {
   ExpectRows({
       {"<A/>", [](CMarkup& m) { return m.SetAttrib("n", 5); }, true, "<A n=\"5\"/>"},
       {"<A/>", [](CMarkup& m) { return m.SetAttrib("n", 5) && m.SetAttrib("n", 17); }, true, "<A n=\"17\"/>"},
@@ -229,11 +229,11 @@ TEST(MarkupEdit, AttributesAreWrittenBeforeTheEndOfTheTagAndReplacedInPlace) {
   });
 }
 
-TEST(MarkupEdit, QuirkAnAttributeBehindASpaceAndASlashKeepsTheSpace) {
+TEST(MarkupEdit, QuirkAttributeKeepsTheSpaceBeforeTheSlash) {
   ExpectRows({{"<A />", SetAttrib("n", "1"), true, "<A  n=\"1\"/>"}});
 }
 
-TEST(MarkupEdit, SeveralAttributesAreSetInTheirOrder) {
+TEST(MarkupEdit, SeveralAttributesAreSetInOrder) {
   const CMarkup::AttributeText texts[] = {{"version", "0.1.0"}, {"by", "A & \"B\""}, {"none", nullptr}};
   ExpectRows({{"<a/>", [&](CMarkup& m) { return m.SetAttribs(texts); }, true,
                "<a version=\"0.1.0\" by=\"A &amp; &quot;B&quot;\" none=\"\"/>"},
@@ -243,13 +243,13 @@ TEST(MarkupEdit, SeveralAttributesAreSetInTheirOrder) {
               {"", [&](CMarkup& m) { return m.SetAttribs(texts); }, false, ""}});
 }
 
-TEST(MarkupEdit, ARefusedAttributeLeavesTheOthersOfItsRowSet) {
+TEST(MarkupEdit, RefusedAttributeDoesNotPreventTheOthers) {
   const CMarkup::AttributeText texts[] = {{"x", "1"}, {"n o", "2"}, {nullptr, "3"}, {"y", "4"}, {"x", "5"}};
   ExpectRows({{"<a/>", [&](CMarkup& m) { return m.SetAttribs(texts); }, false, "<a x=\"5\" y=\"4\"/>"}});
 }
 
-// Names that repeat, differ in case, are none, or are there already; values of all lengths.
-TEST(MarkupEdit, RandomRowsOfAttributesAreSetAsOneByOne) {
+// Names that repeat, differ in case, are not valid, or exist already; values of all lengths.
+TEST(MarkupEdit, RandomAttributesAreSetAtOnceAsIfOneByOne) {
   static constexpr const char* kDocuments[] = {"<a/>",       "<a />",           "<a//>",
                                                "<a></a>\n",  "<r><a/><c/></r>", "<a b/>x",
                                                "<a b='1'/>", "<a  c=\"1\"\n>",  "<a C='1'>t<d/></a>",
@@ -278,7 +278,7 @@ TEST(MarkupEdit, RandomRowsOfAttributesAreSetAsOneByOne) {
   }
 }
 
-TEST(MarkupEdit, AnAttributeMovesEverythingBehindAndWithinTheElement) {
+TEST(MarkupEdit, AttributeMovesAllElementsAfterAndWithinItsElement) {
   CMarkup markup("<r><a><b/></a><c><d/></c></r>");
   ASSERT_TRUE(markup.FindElem("/r/a"));
   ASSERT_TRUE(markup.SetAttrib("x", "12345"));
@@ -290,7 +290,7 @@ TEST(MarkupEdit, AnAttributeMovesEverythingBehindAndWithinTheElement) {
   EXPECT_EQ(markup.GetDoc(), "<r y=\"\"><a x=\"12345\"><b/></a><c><d/></c></r>");
 }
 
-TEST(MarkupEdit, DataReplacesTheContentAndOpensAnEmptyElement) {
+TEST(MarkupEdit, DataReplacesTheContentAndGivesAnEmptyElementAnEndTag) {
   ExpectRows({
       {"<a/>", SetData("text"), true, "<a>text</a>"},
       {"<a/>", SetData(""), true, "<a></a>"},
@@ -320,18 +320,18 @@ TEST(MarkupEdit, DataReadsBackAsItWasSet) {
   }
 }
 
-TEST(MarkupEdit, LargeDataIsPutInPlaceWhateverStandsBehindIt) {
+TEST(MarkupEdit, LargeDataIsInsertedWhateverFollowsIt) {
   for (const std::size_t bytes : {4083U, 4084U, 4085U, 5000U, 100000U}) {
     for (const std::size_t tail : {0U, 1015U, 1016U, 1017U, 1018U, 5000U}) {
       for (const char* old : {"", "old"}) {
         const std::string data(bytes, 'd');
-        const std::string behind(tail, 't');
-        CMarkup markup("<r><a>" + std::string(old) + "</a>" + behind + "</r>");
+        const std::string rest(tail, 't');
+        CMarkup markup("<r><a>" + std::string(old) + "</a>" + rest + "</r>");
         ASSERT_TRUE(markup.FindElem("/r/a"));
         ASSERT_TRUE(markup.SetData(std::string_view(data), CMarkup::kAddCData));
-        ASSERT_EQ(markup.GetDoc(), "<r><a><![CDATA[" + data + "]]></a>" + behind + "</r>");
+        ASSERT_EQ(markup.GetDoc(), "<r><a><![CDATA[" + data + "]]></a>" + rest + "</r>");
         ASSERT_TRUE(markup.SetData("short"));
-        ASSERT_EQ(markup.GetDoc(), "<r><a>short</a>" + behind + "</r>");
+        ASSERT_EQ(markup.GetDoc(), "<r><a>short</a>" + rest + "</r>");
       }
     }
   }
@@ -352,9 +352,9 @@ TEST(MarkupEdit, DataWithManySectionEndsReadsBack) {
 TEST(MarkupEdit, WrittenDataIsSetAsACDataSection) {
   for (const std::string data : {"", "x", "]]>", "a]]>b]]>c", "]]]>", "]]", "<&>"}) {
     for (const std::string old : {"<a n='1'/>", "<a n='1'></a>", "<a n='1'>old</a>", "<a n='1'//>"}) {
-      for (const std::string behind : {"", "\n", "<b/> text\n"}) {
-        CMarkup written("<r>" + old + behind + "</r>");
-        CMarkup set("<r>" + old + behind + "</r>");
+      for (const std::string rest : {"", "\n", "<b/> text\n"}) {
+        CMarkup written("<r>" + old + rest + "</r>");
+        CMarkup set("<r>" + old + rest + "</r>");
         ASSERT_TRUE(written.FindElem("/r/a") && set.FindElem("/r/a"));
         ASSERT_TRUE(set.SetData(data.c_str(), CMarkup::kAddCData));
         ASSERT_TRUE(written.SetCDataBy([&](std::string& text) {
@@ -369,17 +369,17 @@ TEST(MarkupEdit, WrittenDataIsSetAsACDataSection) {
   }
 }
 
-TEST(MarkupEdit, AWriterIsNotAskedWhereNoDataCanBe) {
+TEST(MarkupEdit, WriterIsNotCalledWhereDataIsNotAllowed) {
   for (const char* text : {"", "<a><b/></a>", "<a>"}) {
     CMarkup markup(text);
     (void)markup.FindElem();
-    EXPECT_FALSE(markup.SetCDataBy([](std::string&) -> bool { throw std::logic_error("asked"); })) << text;
+    EXPECT_FALSE(markup.SetCDataBy([](std::string&) -> bool { throw std::logic_error("called"); })) << text;
     EXPECT_EQ(markup.GetDoc(), text);
   }
 }
 
-TEST(MarkupEdit, AWriterThatThrowsLeavesTheDocumentAsItWas) {
-  for (const std::string text : {"<r><a n='1'/>behind</r>\n", "<r><a>old</a>behind</r>\n"}) {
+TEST(MarkupEdit, WriterThatThrowsLeavesTheDocumentAsItWas) {
+  for (const std::string text : {"<r><a n='1'/>after</r>\n", "<r><a>old</a>after</r>\n"}) {
     CMarkup markup(text);
     ASSERT_TRUE(markup.FindElem("/r/a"));
     EXPECT_THROW(markup.SetCDataBy([](std::string& to) -> bool {
@@ -404,7 +404,7 @@ TEST(MarkupEdit, ChildDataIsSetWithoutMovingTheMainElement) {
   EXPECT_EQ(markup.GetDoc(), std::string("<r><a>2\0003</a></r>", 17));
 }
 
-TEST(MarkupEdit, RemovedElementsLeaveTheirPlaceToTheSiblingBefore) {
+TEST(MarkupEdit, AfterARemovalThePreviousSiblingIsTheMainElement) {
   CMarkup markup("<r><a/><b><x/><y/></b> <c/></r>");
   ASSERT_TRUE(markup.FindElem("/r/b"));
   ASSERT_TRUE(markup.RemoveElem());
@@ -427,7 +427,7 @@ TEST(MarkupEdit, RemovedElementsLeaveTheirPlaceToTheSiblingBefore) {
   ExpectSound(markup);
 }
 
-TEST(MarkupEdit, RemovedChildrenLeaveTheMainElementAlone) {
+TEST(MarkupEdit, RemovingAChildKeepsTheMainElement) {
   CMarkup markup("<r>\n<a/>\n<b/>\n</r>");
   ASSERT_TRUE(markup.FindElem());
   ASSERT_TRUE(markup.FindChildElem("b"));
@@ -454,15 +454,15 @@ TEST(MarkupEdit, ReleasedRecordsAreUsedFirst) {
   ExpectSound(markup);
 }
 
-TEST(MarkupEdit, ChangesOverALimitAreRefusedAndChangeNothing) {
+TEST(MarkupEdit, ChangeOverALimitIsRefusedAndChangesNothing) {
   CMarkup markup("<r/>");
   markup.FindElem();
   EXPECT_FALSE(markup.AddElem(std::string(1021, 'n').c_str()));
   EXPECT_FALSE(markup.AddChildElem(std::string(1021, 'n').c_str()));
-  const std::string room((1U << 22) - 1 - 9, 'v');  // <r n=""/> takes nine
-  EXPECT_FALSE(markup.SetAttrib("n", (room + "v").c_str()));
+  const std::string fits((1U << 22) - 1 - 9, 'v');  // <r n=""/> has nine bytes without the value
+  EXPECT_FALSE(markup.SetAttrib("n", (fits + "v").c_str()));
   EXPECT_EQ(markup.GetDoc(), "<r/>");
-  EXPECT_TRUE(markup.SetAttrib("n", room.c_str()));
+  EXPECT_TRUE(markup.SetAttrib("n", fits.c_str()));
   EXPECT_FALSE(markup.SetAttrib("m", "1"));
   EXPECT_TRUE(markup.SetAttrib("n", "1"));
   EXPECT_TRUE(markup.AddChildElem(std::string(1020, 'n').c_str(), "t"));
@@ -483,7 +483,7 @@ TEST(MarkupEdit, NothingIsAddedBelowTheDeepestLevel) {
   EXPECT_TRUE(markup.CheckInvariants());
 }
 
-TEST(MarkupEdit, ACopyIsADocumentOfItsOwnAtTheSamePosition) {
+TEST(MarkupEdit, CopyIsIndependentAndHasTheSamePosition) {
   CMarkup markup("<r><a/><b x='1'/></r>");
   ASSERT_TRUE(markup.FindElem());
   ASSERT_TRUE(markup.FindChildElem("b"));
@@ -506,7 +506,7 @@ TEST(MarkupEdit, ACopyIsADocumentOfItsOwnAtTheSamePosition) {
   EXPECT_TRUE(copy.AddElem("n"));
 }
 
-TEST(MarkupEdit, AMovedDocumentLeavesAnEmptyOne) {
+TEST(MarkupEdit, MovedDocumentLeavesAnEmptyOne) {
   CMarkup markup("<r><a/></r>");
   ASSERT_TRUE(markup.FindElem());
   CMarkup moved(std::move(markup));
@@ -519,7 +519,7 @@ TEST(MarkupEdit, AMovedDocumentLeavesAnEmptyOne) {
   static_assert(std::is_nothrow_move_constructible_v<CMarkup> && std::is_nothrow_move_assignable_v<CMarkup>);
 }
 
-TEST(MarkupEdit, TheTextIsTakenOverAndHandedOnWithoutACopy) {
+TEST(MarkupEdit, TextIsMovedInAndOutWithoutACopy) {
   std::string text = "<r>" + std::string(1000, 'x') + "</r>";
   const char* const bytes = text.data();
   CMarkup markup(std::move(text));
@@ -532,16 +532,16 @@ TEST(MarkupEdit, TheTextIsTakenOverAndHandedOnWithoutACopy) {
 
   std::string buffer;
   buffer.reserve(100000);
-  const char* const room = buffer.data();
+  const char* const memory = buffer.data();
   EXPECT_FALSE(markup.SetDoc(std::move(buffer)));
   ASSERT_TRUE(markup.AddElem("r"));
   ASSERT_TRUE(markup.SetData(std::string_view(released), CMarkup::kAddCData));
-  EXPECT_EQ(markup.GetDoc().data(), room);
+  EXPECT_EQ(markup.GetDoc().data(), memory);
 }
 
-TEST(MarkupEdit, AppendingCostsTheSameHoweverLongTheDocumentIs) {
+TEST(MarkupEdit, CostOfAppendingDoesNotGrowWithTheDocument) {
   const auto ticks = [](int elements) {
-    const std::clock_t begin = std::clock();  // the processor's time: other programs do not count
+    const std::clock_t begin = std::clock();  // processor time, which other programs do not affect
     CMarkup markup;
     markup.AddElem("List");
     for (int i = 0; i < elements; ++i) {

@@ -14,7 +14,7 @@ constexpr const char* kDocument =
     "<ab id='4'/>"
     "</r>";
 
-// The id (or n) attributes and names of everything that repeated calls find.
+// The names and the id and n attributes of all elements that repeated calls find.
 std::string FindAll(CMarkup& markup, const char* path) {
   std::string found;
   for (int i = 0; i < 20 && markup.FindElem(path); ++i) {
@@ -31,20 +31,20 @@ std::string FindAllChildren(CMarkup& markup, const char* path) {
   return found;
 }
 
-TEST(MarkupFind, SiblingsAreSearchedBehindTheMainElement) {
+TEST(MarkupFind, SearchFindsSiblingsAfterTheMainElement) {
   CMarkup markup(kDocument);
   EXPECT_EQ(FindAll(markup, "x"), "");
   EXPECT_EQ(markup.MainPosition(), 0U);
   ASSERT_TRUE(markup.FindElem("r"));
   EXPECT_FALSE(markup.FindElem("r"));
-  EXPECT_EQ(markup.GetTagName(), "r");  // a failed search leaves the position
+  EXPECT_EQ(markup.GetTagName(), "r");  // a failed search does not change the position
   ASSERT_TRUE(markup.IntoElem());
   EXPECT_EQ(FindAll(markup, "a"), "a1 a3 ");
   EXPECT_EQ(FindAll(markup, nullptr), "ab4 ");
   EXPECT_FALSE(markup.FindElem("b"));
 }
 
-TEST(MarkupFind, ANullOrEmptyPathMatchesEveryElement) {
+TEST(MarkupFind, NullOrEmptyPathMatchesEveryElement) {
   for (const char* path : {static_cast<const char*>(nullptr), ""}) {
     CMarkup markup(kDocument);
     ASSERT_TRUE(markup.FindElem(path));
@@ -52,16 +52,16 @@ TEST(MarkupFind, ANullOrEmptyPathMatchesEveryElement) {
   }
 }
 
-TEST(MarkupFind, ChildrenAreSearchedBehindTheChild) {
+TEST(MarkupFind, ChildSearchFindsChildrenAfterTheChild) {
   CMarkup markup(kDocument);
-  EXPECT_EQ(FindAllChildren(markup, "a"), "a1 a3 ");  // without a main element the root becomes it
+  EXPECT_EQ(FindAllChildren(markup, "a"), "a1 a3 ");  // the root becomes the main element first
   EXPECT_EQ(markup.GetTagName(), "r");
   markup.ResetPos();
   EXPECT_EQ(FindAllChildren(markup, "ab"), "ab4 ");
   EXPECT_FALSE(markup.FindChildElem("b"));
 }
 
-TEST(MarkupFind, IntoAndOutOfElementsMoveOneLevel) {
+TEST(MarkupFind, IntoElemAndOutOfElemMoveOneLevel) {
   CMarkup markup(kDocument);
   EXPECT_FALSE(markup.IntoElem());
   EXPECT_FALSE(markup.OutOfElem());
@@ -84,7 +84,7 @@ TEST(MarkupFind, IntoAndOutOfElementsMoveOneLevel) {
   EXPECT_EQ(markup.GetTagName(), "b");
 }
 
-TEST(MarkupFind, PathsLeadThroughLevels) {
+TEST(MarkupFind, PathsFindElementsAcrossLevels) {
   struct Row {
     const char* path;
     const char* found;  // by repeated calls from the beginning
@@ -113,7 +113,7 @@ TEST(MarkupFind, PathsLeadThroughLevels) {
       {"//y[@n='3']", "y3 "},
       {"//r", "r "},
       {"r ", "r "},
-      // No paths.
+      // Not valid paths.
       {"/", ""},
       {"//", ""},
       {"r/", ""},
@@ -141,7 +141,7 @@ TEST(MarkupFind, PathsLeadThroughLevels) {
   }
 }
 
-TEST(MarkupFind, AnAbsolutePathStartsAtTheDocumentWhateverThePosition) {
+TEST(MarkupFind, AbsolutePathStartsAtTheDocumentWhateverThePosition) {
   CMarkup markup(kDocument);
   for (int i = 0; i < 2; ++i) {
     ASSERT_TRUE(markup.FindElem("/r/a[2]/z/y"));
@@ -153,7 +153,7 @@ TEST(MarkupFind, AnAbsolutePathStartsAtTheDocumentWhateverThePosition) {
   EXPECT_EQ(markup.ParentPosition(), 0U);
 }
 
-TEST(MarkupFind, AnAnyDepthPathGoesOnBehindTheMainElement) {
+TEST(MarkupFind, AnyDepthPathSearchesAfterTheStartOfTheMainElement) {
   CMarkup markup(kDocument);
   ASSERT_TRUE(markup.FindElem("/r/a[2]"));
   EXPECT_EQ(FindAll(markup, "//y"), "y2 y3 ");
@@ -162,7 +162,7 @@ TEST(MarkupFind, AnAnyDepthPathGoesOnBehindTheMainElement) {
   EXPECT_EQ(FindAll(markup, "//y"), "y2 y3 ");
 }
 
-TEST(MarkupFind, AChildPathSetsMainElementAndParentToWhatStandsAboveTheMatch) {
+TEST(MarkupFind, ChildPathMakesTheParentOfTheMatchTheMainElement) {
   CMarkup markup(kDocument);
   ASSERT_TRUE(markup.FindElem("r"));
   ASSERT_TRUE(markup.FindChildElem("a/z/y"));
@@ -176,7 +176,7 @@ TEST(MarkupFind, AChildPathSetsMainElementAndParentToWhatStandsAboveTheMatch) {
   EXPECT_TRUE(markup.CheckInvariants());
 }
 
-TEST(MarkupFind, AnEmptyTreeIsNotSearched) {
+TEST(MarkupFind, SearchOfAnEmptyDocumentFindsNothing) {
   CMarkup markup;
   EXPECT_FALSE(markup.FindElem());
   EXPECT_FALSE(markup.FindElem("//a"));
@@ -186,7 +186,7 @@ TEST(MarkupFind, AnEmptyTreeIsNotSearched) {
   EXPECT_FALSE(markup.FindChildElem("a"));
 }
 
-TEST(MarkupFind, NamesAreFoundInAnyCaseWhereTheDocumentIgnoresIt) {
+TEST(MarkupFind, NamesAreFoundInAnyCaseIfTheDocumentIgnoresCase) {
   CMarkup markup("<Root><Item Key='v'/></Root>");
   EXPECT_FALSE(markup.FindElem("root"));
   markup.SetDocFlags(CMarkup::kDocIgnoreCase);
@@ -196,7 +196,7 @@ TEST(MarkupFind, NamesAreFoundInAnyCaseWhereTheDocumentIgnoresIt) {
   EXPECT_EQ(markup.GetDoc(), "<Root><Item Key='w'/></Root>");
 }
 
-TEST(MarkupFind, FindingAcceptsWhateverMayFollowAStoredName) {
+TEST(MarkupFind, StoredNameWithEqualSignOrBracketMatchesItsBeginning) {
   CMarkup markup("<r><a=1/><a[2]/></r>");
   ASSERT_TRUE(markup.FindElem("r"));
   ASSERT_TRUE(markup.FindChildElem("a"));
@@ -205,7 +205,7 @@ TEST(MarkupFind, FindingAcceptsWhateverMayFollowAStoredName) {
   EXPECT_EQ(markup.GetChildTagName(), "a[2]");
 }
 
-TEST(MarkupFind, AttributesAreReadWithTheirReferencesReplaced) {
+TEST(MarkupFind, AttributeIsReadWithItsReferencesReplaced) {
   CMarkup markup(
       "<a one=\"1\" two='2 &lt; &quot;3&quot;' none three=3 four = '4' five=\"\" six=a/b 'x=9' =7 /nine='9' x='8' "
       "seven= eight= '8'/>");

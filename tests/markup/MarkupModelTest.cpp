@@ -1,4 +1,4 @@
-// CMarkup against a plain tree: the same random changes to both, text and structure compared after each.
+// Compares CMarkup with a plain tree: both get the same random changes; text and structure are compared after each.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -30,7 +30,7 @@ struct Item {
 
 struct Node {
   std::string name;
-  std::string attributes;  // as they stand behind the name
+  std::string attributes;  // the text after the name
   bool empty = true;       // <a/>
   bool no_end = false;     // <a>
   std::vector<Item> items;
@@ -58,7 +58,7 @@ struct Node {
     while (items[index].node.get() != child) ++index;
     return index;
   }
-  // Texts that stand side by side become one, empty ones go.
+  // Joins adjacent texts and removes empty ones.
   void Join() {
     std::vector<Item> joined;
     for (Item& item : items) {
@@ -115,7 +115,7 @@ std::string DataText(const std::string& data, int flags) {
   return (flags & CMarkup::kAddCData) != 0 ? InCData(data) : Escaped(data, (flags & CMarkup::kEscapeQuotes) != 0);
 }
 
-// Inserts behind `previous` (null: behind the last child) and gives back the new node, or null where it is refused.
+// Inserts after `previous` (null: after the last child) and returns the new node, or null if it is refused.
 Node* InsertInto(Node& parent, Node* previous, const std::string& name, const std::string& data, int flags, bool root) {
   if ((flags & CMarkup::kAddNoEnd) != 0 && !data.empty()) return nullptr;
   if (parent.no_end) return nullptr;
@@ -205,8 +205,8 @@ class Pair {
     ASSERT_TRUE(markup_.CheckInvariants(&why)) << why << "\n" << markup_.GetDoc();
     ASSERT_EQ(markup_.GetTagName(), main_ == nullptr ? "" : main_->name);
     ASSERT_EQ(markup_.GetChildTagName(), child_ == nullptr ? "" : child_->name);
-    // An element without end tag may take its parent's when it has the same name, so a new parse can differ then.
-    if (spoilt_) {
+    // An element without end tag may get its parent's end tag if both have the same name, so a new parse can differ.
+    if (is_ill_formed_) {
       ASSERT_FALSE(markup_.IsWellFormed());
       return;
     }
@@ -241,7 +241,7 @@ class Pair {
     if (added == nullptr) return;
     main_ = added;
     child_ = nullptr;
-    spoilt_ = spoilt_ || added->no_end;
+    is_ill_formed_ = is_ill_formed_ || added->no_end;
   }
 
   void AddChild() {
@@ -252,7 +252,7 @@ class Pair {
     EXPECT_EQ(markup_.AddElem(name.c_str(), data.c_str(), flags | CMarkup::kAddChild), added != nullptr);
     if (added == nullptr) return;
     child_ = added;
-    spoilt_ = spoilt_ || added->no_end;
+    is_ill_formed_ = is_ill_formed_ || added->no_end;
   }
 
   void SetAttribute() {
@@ -287,7 +287,7 @@ class Pair {
     EXPECT_EQ(markup_.SetData(data.c_str(), flags), Fill(main_, data, flags));
   }
 
-  // The same as CDATA, in pieces, by a writer that may know that no section ends inside.
+  // Sets CDATA through a writer, byte by byte. The writer may report that the data has no "]]>".
   void WriteData(const std::string& data) {
     const bool known_harmless = data.find(']') == std::string::npos && Pick(2) == 0;
     const bool written = markup_.SetCDataBy([&](std::string& text) {
@@ -352,14 +352,14 @@ class Pair {
         parent_ = main_->parent;
         return;
       case 3: {
-        Node* const found = main_ == nullptr ? nullptr : Behind(*main_, child_);
+        Node* const found = main_ == nullptr ? nullptr : NextAfter(*main_, child_);
         if (main_ == nullptr) return;
         EXPECT_EQ(markup_.FindChildElem(), found != nullptr);
         if (found != nullptr) child_ = found;
         return;
       }
       default: {
-        Node* const found = Behind(*parent_, main_);
+        Node* const found = NextAfter(*parent_, main_);
         EXPECT_EQ(markup_.FindElem(), found != nullptr);
         if (found == nullptr) return;
         main_ = found;
@@ -368,7 +368,7 @@ class Pair {
     }
   }
 
-  static Node* Behind(const Node& parent, const Node* node) {
+  static Node* NextAfter(const Node& parent, const Node* node) {
     bool passed = node == nullptr;
     for (Node* child : parent.Children()) {
       if (passed) return child;
@@ -382,11 +382,11 @@ class Pair {
   Node* parent_ = &model_;
   Node* main_ = nullptr;
   Node* child_ = nullptr;
-  bool spoilt_ = false;  // an element without end tag was added: the document stays ill-formed when it is removed
+  bool is_ill_formed_ = false;  // an element without end tag was added; removing it again does not change this
   CMarkup markup_;
 };
 
-TEST(MarkupModel, RandomChangesAgreeWithAPlainTree) {
+TEST(MarkupModel, RandomChangesGiveTheSameAsInAPlainTree) {
   Random random(qx::test::Seed("MarkupModel"));
   for (int document = 0; document < 1000; ++document) {
     Pair pair(random);
@@ -399,7 +399,7 @@ TEST(MarkupModel, RandomChangesAgreeWithAPlainTree) {
   }
 }
 
-// --- Recovery, done step by step as a person would tell it ---
+// --- Recovery in plain single steps ---
 
 struct PlainElement {
   std::string name;
@@ -520,7 +520,7 @@ std::string RandomTags(Random& random) {
   return text;
 }
 
-TEST(MarkupModel, RecoveryAgreesWithClosingOneElementAfterTheOther) {
+TEST(MarkupModel, RecoveryGivesTheSameAsClosingElementsOneByOne) {
   Random random(qx::test::Seed("Recovery"));
   for (int i = 0; i < 8000; ++i) {
     const std::string text = RandomTags(random);
@@ -534,8 +534,8 @@ TEST(MarkupModel, RecoveryAgreesWithClosingOneElementAfterTheOther) {
   }
 }
 
-// Changes to documents that were recovered: nothing to compare with, but records and text stay in step.
-TEST(MarkupModel, RecoveredDocumentsCanBeChanged) {
+// There is no model of changed faulty documents, so the test checks only that records and text agree.
+TEST(MarkupModel, RecordsAgreeWithTheTextWhenAFaultyDocumentIsChanged) {
   Random random(qx::test::Seed("Changes"));
   for (int i = 0; i < 3000; ++i) {
     CMarkup markup(RandomTags(random));

@@ -82,7 +82,7 @@ TEST(MarkupParse, DocumentsGiveTheirElementsResultsAndPhrases) {
   }
 }
 
-TEST(MarkupParse, AnEmptyTextIsAnEmptyDocumentWithoutResults) {
+TEST(MarkupParse, EmptyTextIsAnEmptyDocumentWithoutResults) {
   for (const char* text : {static_cast<const char*>(nullptr), ""}) {
     CMarkup markup("<a><b></a>");
     EXPECT_FALSE(markup.SetDoc(text));
@@ -94,7 +94,7 @@ TEST(MarkupParse, AnEmptyTextIsAnEmptyDocumentWithoutResults) {
   }
 }
 
-TEST(MarkupParse, ANullTextFreesTheRecordsAndAnEmptyOneKeepsTheHolder) {
+TEST(MarkupParse, NullTextFreesTheRecordsAndEmptyTextKeepsRecordZero) {
   CMarkup markup("<a/>");
   EXPECT_EQ(markup.RecordCount(), 2U);
   markup.SetDoc("");
@@ -103,7 +103,7 @@ TEST(MarkupParse, ANullTextFreesTheRecordsAndAnEmptyOneKeepsTheHolder) {
   EXPECT_EQ(markup.RecordCount(), 0U);
 }
 
-TEST(MarkupParse, RecordsHoldOffsetsLengthsAndLevels) {
+TEST(MarkupParse, RecordsHaveOffsetsLengthsAndLevels) {
   const CMarkup markup("<a>\n<bc x=\"1\"/> <d >t</d >\n</a>\n");
   const ElemPos& a = markup.Record(1);
   EXPECT_EQ(a.start, 0U);
@@ -131,7 +131,7 @@ TEST(MarkupParse, RecordsHoldOffsetsLengthsAndLevels) {
   EXPECT_EQ(markup.Record(0).length, markup.GetDoc().size());
 }
 
-TEST(MarkupParse, AnElementThatIsNeverClosedIsItsStartTagAlone) {
+TEST(MarkupParse, UnendedElementIsItsStartTagAlone) {
   const CMarkup markup("<a><b>text</a>");
   const ElemPos& b = markup.Record(2);
   EXPECT_TRUE(b.Has(kElemNoEnd));
@@ -140,7 +140,7 @@ TEST(MarkupParse, AnElementThatIsNeverClosedIsItsStartTagAlone) {
   EXPECT_TRUE(markup.Record(0).Has(kElemIllFormed));
 }
 
-TEST(MarkupParse, ChildrenOfUnendedElementsFollowThemUnderTheParentThatEnds) {
+TEST(MarkupParse, ChildrenOfAnUnendedElementBecomeItsFollowingSiblings) {
   struct Row {
     const char* document;
     const char* outline;
@@ -162,7 +162,7 @@ TEST(MarkupParse, ChildrenOfUnendedElementsFollowThemUnderTheParentThatEnds) {
   }
 }
 
-TEST(MarkupParse, AFaultInsideAnUnendedElementMovesToItsParent) {
+TEST(MarkupParse, FaultInsideAnUnendedElementMovesToItsParent) {
   EXPECT_EQ(Outline(CMarkup("<m><a><b></x></m>")), "m?(a!,b!)");
   EXPECT_EQ(Outline(CMarkup("<m><a></x><b/></m>")), "m?(a!,b)");
   EXPECT_EQ(Outline(CMarkup("<m><a></x></a><b></m>")), "m(a?,b!)");
@@ -174,7 +174,7 @@ TEST(MarkupParse, AFaultInsideAnUnendedElementMovesToItsParent) {
 TEST(MarkupParse, LevelsAreTheDepthAfterRecovery) {
   const CMarkup markup("<m><a><x><y/></x><b></m>");
   EXPECT_EQ(Outline(markup), "m(a!,x(y),b!)");
-  EXPECT_EQ(markup.Record(3).Level(), 1U);  // x was opened inside a
+  EXPECT_EQ(markup.Record(3).Level(), 1U);  // x was parsed as a child of a
   EXPECT_EQ(markup.Record(4).Level(), 2U);
 }
 
@@ -185,7 +185,7 @@ TEST(MarkupParse, ResultsOfOneRepairComeInnermostFirst) {
             "<unended_start_tag tagname=\"a\" offset=\"3\" offset2=\"10\"/>");
 }
 
-TEST(MarkupParse, WhatIsOpenWhenTheTextEndsExpectsItsEndTagThere) {
+TEST(MarkupParse, ElementOpenAtTheEndExpectsItsEndTagThere) {
   EXPECT_EQ(CMarkup("<a>text").GetError(), "start tag 'a' at offset 0 expecting end tag at offset 7");
 }
 
@@ -200,13 +200,13 @@ TEST(MarkupParse, NoResultIsAddedToATextOfMoreThan999Characters) {
   EXPECT_EQ(markup.GetResult(), expected);
 }
 
-TEST(MarkupParse, NamesInResultsAreEscapedAndPhrasesShowThemPlain) {
+TEST(MarkupParse, NamesAreEscapedInResultsAndPlainInPhrases) {
   const CMarkup markup("<r></a&b></r>");
   EXPECT_EQ(markup.GetResult(), "<lone_end_tag tagname=\"a&amp;b\" offset=\"3\"/>");
   EXPECT_EQ(markup.GetError(), "lone end tag 'a&b' at offset 3");
 }
 
-TEST(MarkupParse, StoredNamesMatchUpToAByteThatCannotFollowAName) {
+TEST(MarkupParse, EndTagMatchesAStoredNameUpToCertainBytes) {
   for (const char* document : {"<a=1></a>", "<a[2]></a>", "<a]></a>", "<a b></a>", "<a/b></a>", "<x><a=1></a></x>"}) {
     EXPECT_TRUE(CMarkup(document).IsWellFormed()) << document;
   }
@@ -216,13 +216,13 @@ TEST(MarkupParse, StoredNamesMatchUpToAByteThatCannotFollowAName) {
   }
 }
 
-TEST(MarkupParse, ALoneEndTagIsToldFromOneWhoseElementIsOpenFurtherOut) {
+TEST(MarkupParse, EndTagOfAnOuterElementIsNotALoneEndTag) {
   EXPECT_EQ(Outline(CMarkup("<a=1><b></a></b>")), "a=1(b!)");
   EXPECT_EQ(Outline(CMarkup("<a><b></ab></b></a>")), "a(b?)");
   EXPECT_EQ(Outline(CMarkup("<a><b><c></b></c></a></b>")), "a?(b(c!))");
 }
 
-TEST(MarkupParse, CaseCountsUnlessTheDocumentIgnoresIt) {
+TEST(MarkupParse, CaseMattersUnlessTheDocumentIgnoresIt) {
   CMarkup markup;
   markup.SetDocFlags(CMarkup::kDocIgnoreCase | CMarkup::kDocWriteFile);
   EXPECT_EQ(markup.GetDocFlags(), CMarkup::kDocIgnoreCase);
@@ -232,7 +232,7 @@ TEST(MarkupParse, CaseCountsUnlessTheDocumentIgnoresIt) {
   EXPECT_FALSE(CMarkup("<!doctype a><a/>").IsWellFormed());
 }
 
-TEST(MarkupParse, ACStringEndsAtItsNulAndAStringKeepsIt) {
+TEST(MarkupParse, CStringEndsAtItsNulAndAStringKeepsIt) {
   const std::string text("<a>x\0y</a>", 11);
   EXPECT_FALSE(CMarkup(text.c_str()).IsWellFormed());
   CMarkup markup(text);
@@ -241,7 +241,7 @@ TEST(MarkupParse, ACStringEndsAtItsNulAndAStringKeepsIt) {
   EXPECT_EQ(markup.GetData(), std::string("x\0y", 3));
 }
 
-TEST(MarkupParse, EveryPrefixOfAGoodDocumentIsNotWellFormedAndSafe) {
+TEST(MarkupParse, EveryPrefixOfAGoodDocumentIsParsedAndNotWellFormed) {
   const std::string text =
       "<?xml version=\"1.0\"?><!DOCTYPE r [<!ENTITY e \"v>\"><!-- ] --><?p ]?> %pe; ]>\n"
       "<r a=\"1\" b='2>'>\n<x/><y z=\"\">t &amp; u</y><!-- c --><![CDATA[d]]><?i?>\n</r>";
@@ -255,7 +255,7 @@ TEST(MarkupParse, EveryPrefixOfAGoodDocumentIsNotWellFormedAndSafe) {
   }
 }
 
-TEST(MarkupParse, NothingOfADocumentTypeDeclarationIsCarriedOut) {
+TEST(MarkupParse, DocumentTypeDeclarationHasNoEffect) {
   CMarkup markup("<!DOCTYPE r [<!ENTITY a \"AAAA\"><!ENTITY b SYSTEM \"file:///etc/passwd\">]><r x=\"&b;\">&a;&b;</r>");
   ASSERT_TRUE(markup.IsWellFormed());
   ASSERT_TRUE(markup.FindElem());
@@ -282,7 +282,7 @@ TEST(MarkupParse, MoreThan65536ElementsFillASecondSegment) {
 
 // --- Limits ---
 
-TEST(MarkupParse, ANameOf1020BytesFitsAndOneMoreDoesNot) {
+TEST(MarkupParse, TagNameOf1020BytesFitsAndOneMoreDoesNot) {
   const std::string fits(1020, 'n');
   EXPECT_TRUE(CMarkup("<" + fits + "></" + fits + ">").IsWellFormed());
   for (const std::string& document : {"<" + fits + "n></" + fits + "n>", "<" + fits + "n/>"}) {
@@ -293,13 +293,13 @@ TEST(MarkupParse, ANameOf1020BytesFitsAndOneMoreDoesNot) {
   }
 }
 
-TEST(MarkupParse, AnEndTagOf1024BytesIsOverTheLimit) {
+TEST(MarkupParse, EndTagOf1024BytesIsOverTheLimit) {
   EXPECT_TRUE(CMarkup("<a></a" + std::string(1019, ' ') + ">").IsWellFormed());
   EXPECT_EQ(CMarkup("<a></a" + std::string(1020, ' ') + ">").GetError(),
             "end tag over the limit at offset 3 start tag 'a' at offset 0 expecting end tag at offset 1027");
 }
 
-TEST(MarkupParse, AStartTagOf4MiBIsOverTheLimit) {
+TEST(MarkupParse, AttributeThatMakesAStartTagOf4MiBIsOverTheLimit) {
   const std::size_t longest = (1U << 22) - 1;
   std::string text = "<a x=\"" + std::string(longest - 9, 'v') + "\"/>";
   ASSERT_EQ(text.size(), longest);
@@ -322,7 +322,7 @@ TEST(MarkupParse, LevelsUpTo65535Fit) {
   EXPECT_TRUE(deeper.CheckInvariants());
 }
 
-TEST(MarkupParse, AMillionLevelsAreParsedAndDestroyedWithoutRecursion) {
+TEST(MarkupParse, MillionLevelsAreParsedAndDestroyedWithoutRecursion) {
   constexpr std::size_t kDepth = 1000000;
   const CMarkup nested(Repeat("<a>", kDepth) + Repeat("</a>", kDepth));
   EXPECT_FALSE(nested.IsWellFormed());
@@ -334,7 +334,7 @@ TEST(MarkupParse, AMillionLevelsAreParsedAndDestroyedWithoutRecursion) {
   EXPECT_EQ(unended.Record(kDepth / 4).parent, 0U);
 }
 
-TEST(MarkupParse, ADeepDocumentIsCopiedCheckedAndTakenApartWithoutRecursion) {
+TEST(MarkupParse, DeepDocumentIsCopiedCheckedAndRemovedWithoutRecursion) {
   constexpr std::size_t kDepth = 200000;
   const CMarkup markup(Repeat("<a>", kDepth) + Repeat("</a>", kDepth));
   CMarkup copy = markup;
@@ -344,7 +344,7 @@ TEST(MarkupParse, ADeepDocumentIsCopiedCheckedAndTakenApartWithoutRecursion) {
   EXPECT_EQ(copy.GetDoc(), Repeat("<a>", 999) + Repeat("</a>", 999));
 }
 
-TEST(MarkupParse, ADocumentOverTheDepthLimitIsStillWalkedToItsEnd) {
+TEST(MarkupParse, EveryLevelOfADocumentOverTheDepthLimitIsFound) {
   constexpr std::size_t kDepth = 100000;
   CMarkup markup(Repeat("<a>", kDepth) + Repeat("</a>", kDepth));
   std::size_t depth = 0;
@@ -352,7 +352,7 @@ TEST(MarkupParse, ADocumentOverTheDepthLimitIsStillWalkedToItsEnd) {
   EXPECT_EQ(depth, kDepth);
 }
 
-TEST(MarkupLimits, ADocumentHasLessThan4GiB) {
+TEST(MarkupLimits, DocumentOf4GiBDoesNotFit) {
   using qx::markup::DocumentFits;
   EXPECT_TRUE(DocumentFits(0xFFFFFFFF));
   EXPECT_FALSE(DocumentFits(0x100000000));
@@ -367,7 +367,7 @@ TEST(MarkupLimits, ADocumentHasLessThan4GiB) {
 double Ticks(const std::string& document) {
   double best = 1e9;
   for (int round = 0; round < 4; ++round) {
-    const std::clock_t begin = std::clock();  // the processor's time: other programs do not count
+    const std::clock_t begin = std::clock();  // processor time, which other programs do not affect
     CMarkup markup(document);
     (void)markup.GetError();
     best = std::min(best, static_cast<double>(std::clock() - begin));
@@ -375,9 +375,9 @@ double Ticks(const std::string& document) {
   return best;
 }
 
-// A quadratic parse would take sixteen times as long for four times the text, a linear one four times; the bound leaves
-// room for a busy machine. Each unit is hostile in its own way.
-TEST(MarkupParse, TimeGrowsWithTheTextWhateverItHolds) {
+// For four times the text, a quadratic parse takes sixteen times as long, a linear one four times. The bound of eight
+// allows for a busy machine. Each unit is hostile in its own way.
+TEST(MarkupParse, ParseTimeIsLinearForHostileTexts) {
   struct Row {
     const char* what;
     std::string prefix;
@@ -389,7 +389,7 @@ TEST(MarkupParse, TimeGrowsWithTheTextWhateverItHolds) {
       {"lone end tags under open tags", Repeat("<a>", 1000), "</b></c>", ""},
       {"lone end tags with special names", Repeat("<a=1=2>", 1000), "</a=3>", ""},
       {"unclosed tags", "<r>", "<br>x", "</r>"},
-      {"repairs one inside the other", "<r>", "<m><p>", "</r>"},
+      {"nested repairs", "<r>", "<m><p>", "</r>"},
       {"attributes", "<r ", "x=\"1\" ", "/>"},
       {"references", "<r>", "&amp;&#65;", "</r>"},
       {"half tags", "", "<a ", ""},

@@ -8,7 +8,7 @@
 
 namespace {
 
-TEST(MarkupThreads, DocumentsShareNothing) {
+TEST(MarkupThreads, DocumentsInDifferentThreadsShareNothing) {
   const std::string text = "<m><a><x/><b></m></c>";
   std::vector<std::string> errors(4);
   std::vector<std::string> replies(4);

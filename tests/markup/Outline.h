@@ -1,5 +1,5 @@
-// A document's elements as one line, read from the records:  a(b,c!(d))  with "!" for an element without end tag and
-// "?" for one with faults inside.
+// The elements of a document as one line, read from the records:  a(b,c!,d?(e))  "!" marks an element without end tag,
+// "?" an element with faults inside.
 #pragma once
 
 #include <string>
@@ -41,7 +41,7 @@ inline std::string Outline(const CMarkup& markup) {
   return text;
 }
 
-// Every record in the order of the text, for comparing two documents exactly.
+// All records in the order of the text, to compare two documents exactly.
 inline std::string Records(const CMarkup& markup) {
   std::string text;
   if (markup.RecordCount() == 0) return text;

@@ -48,7 +48,7 @@ TEST(PredefEntityTable, EntriesAreLengthCodePointAndLowerCaseName) {
   EXPECT_NE(bucket_of("rarr").find("48594rarr", bucket_of("rarr").find("48658rarr")), std::string::npos);
 }
 
-TEST(PredefEntityTable, EveryNameOfTheListStandsInItsBucketOnce) {
+TEST(PredefEntityTable, EveryNameOfTheListIsInItsBucketOnce) {
   std::size_t entries = 0;
   for (int bucket = 0; bucket < 130; ++bucket) {
     for (const Entry& entry : Entries(PredefEntityTable[static_cast<std::size_t>(bucket)], 1, 4)) {
@@ -60,7 +60,7 @@ TEST(PredefEntityTable, EveryNameOfTheListStandsInItsBucketOnce) {
   EXPECT_EQ(entries, 253U);
 }
 
-TEST(PredefEntityTable, TheFirstOfTwoNamesThatDifferInCaseWins) {
+TEST(PredefEntityTable, FirstOfTwoNamesThatDifferInCaseWins) {
   std::map<std::string, int> first;
   for (const auto& row : qx::markup::kEntityNames) first.emplace(Lower(row.name), row.code);
   for (const auto& row : qx::markup::kEntityNames) {
@@ -77,12 +77,12 @@ TEST(PredefEntityTable, TheFirstOfTwoNamesThatDifferInCaseWins) {
   }
 }
 
-TEST(PredefEntityTable, ANameWithBytesAbove127IsNotFound) {
+TEST(PredefEntityTable, UnknownNameOrNameWithBytesAbove127IsNotFound) {
   EXPECT_EQ(qx::markup::FindPredefEntity("\xFF\xFF"), 0);
   EXPECT_EQ(qx::markup::FindPredefEntity("amp\xFF"), 0);
   EXPECT_EQ(qx::markup::FindPredefEntity(""), 0);
   EXPECT_EQ(qx::markup::FindPredefEntity("am"), 0);
-  EXPECT_EQ(qx::markup::FindPredefEntity("AMP"), 0);  // names come in lower case
+  EXPECT_EQ(qx::markup::FindPredefEntity("AMP"), 0);  // callers pass lower case
 }
 
 TEST(Hash, IsTheSumOfSignedBytesModuloTheSize) {

@@ -8,7 +8,7 @@
 
 namespace {
 
-TEST(TextEncoding, ConvertsBetweenEncodings) {
+TEST(TextEncoding, TextIsConvertedBetweenEncodings) {
   TextEncoding to_utf8("UTF-8", "ISO-8859-1");
   ASSERT_TRUE(to_utf8.IsOpen());
   EXPECT_EQ(to_utf8.Convert("gr\xFC\xDF"), "gr\xC3\xBC\xC3\x9F");
@@ -21,15 +21,15 @@ TEST(TextEncoding, ConvertsBetweenEncodings) {
   EXPECT_EQ(from_wide.Convert(std::string_view("a\0\0\0", 4)), "a");
 }
 
-// "<ESC>$B" turns to another set of characters, and the first text ends before it is turned back.
-TEST(TextEncoding, EveryTextStartsInTheInitialStateOfItsEncoding) {
+// "<ESC>$B" switches to another set of characters, and the first text ends without switching back.
+TEST(TextEncoding, EachTextStartsInTheInitialStateOfItsEncoding) {
   TextEncoding conversion("UTF-8", "ISO-2022-JP");
   ASSERT_TRUE(conversion.IsOpen());
   EXPECT_EQ(conversion.Convert("\x1B$B$\""), "\xE3\x81\x82");
   EXPECT_EQ(conversion.Convert("AB"), "AB");
 }
 
-TEST(TextEncoding, WhatTheTargetLacksIsCountedAndReplaced) {
+TEST(TextEncoding, CharacterThatTheTargetLacksIsCountedAndReplaced) {
   TextEncoding conversion("ISO-8859-1", "UTF-8");
   EXPECT_EQ(conversion.Convert("a\xE2\x82\xAC\xF0\x9F\x98\x80z\xC3\xA4"), "a??z\xE4");
   EXPECT_EQ(conversion.FailedChars(), 2);
@@ -37,7 +37,7 @@ TEST(TextEncoding, WhatTheTargetLacksIsCountedAndReplaced) {
   EXPECT_EQ(conversion.FailedChars(), 0);
 }
 
-TEST(TextEncoding, InvalidInputIsSteppedOverUnitByUnit) {
+TEST(TextEncoding, InvalidInputIsSkippedUnitByUnit) {
   TextEncoding narrow("ISO-8859-1", "UTF-8");
   EXPECT_EQ(narrow.Convert("a\xFF\xFE z\xC3"), "a?? z?");
   EXPECT_EQ(narrow.FailedChars(), 3);
@@ -51,7 +51,7 @@ TEST(TextEncoding, InvalidInputIsSteppedOverUnitByUnit) {
   EXPECT_EQ(widening.Convert("\xFF"), std::string("?\0", 2));
 }
 
-TEST(TextEncoding, LongTextsGoThroughWhole) {
+TEST(TextEncoding, LongTextIsConvertedWhole) {
   std::string text;
   std::string expected;
   for (int i = 0; i < 20000; ++i) {
@@ -61,13 +61,13 @@ TEST(TextEncoding, LongTextsGoThroughWhole) {
   EXPECT_EQ(TextEncoding("UTF-8", "ISO-8859-1").Convert(text), expected);
 }
 
-TEST(TextEncoding, AnUnknownEncodingConvertsNothing) {
+TEST(TextEncoding, UnknownEncodingConvertsNothing) {
   TextEncoding conversion("no-such-encoding", "UTF-8");
   EXPECT_FALSE(conversion.IsOpen());
   EXPECT_EQ(conversion.Convert("a"), "");
 }
 
-TEST(TextEncoding, KnowsTheUnitsOfWideEncodingsByName) {
+TEST(TextEncoding, UnitSizeFollowsFromTheName) {
   EXPECT_EQ(TextEncoding::UnitBytes("UTF-8"), 1U);
   EXPECT_EQ(TextEncoding::UnitBytes("utf-16"), 2U);
   EXPECT_EQ(TextEncoding::UnitBytes("UTF-16LE"), 2U);
@@ -76,7 +76,7 @@ TEST(TextEncoding, KnowsTheUnitsOfWideEncodingsByName) {
   EXPECT_EQ(TextEncoding::UnitBytes("ISO-8859-1"), 1U);
 }
 
-TEST(TextEncoding, TheLocalCodePageIsTheLocales) {
+TEST(TextEncoding, LocalCodePageIsThatOfTheLocale) {
   const std::string before = std::setlocale(LC_CTYPE, nullptr);
   std::setlocale(LC_CTYPE, "C");
   int lost = -1;

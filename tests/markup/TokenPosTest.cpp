@@ -10,7 +10,7 @@
 
 namespace {
 
-// --- The scanner once more, byte by byte and without memory, as the oracle ---
+// --- The oracle: a plain scanner that reads byte by byte ---
 
 struct PlainToken {
   NodeType type = NodeType::kEnd;
@@ -62,11 +62,11 @@ class PlainScanner {
       return rest[3] == '-' ? Until(rest, "-->", 4, NodeType::kComment) : Fault(SyntaxFault::kComment);
     }
     const bool cdata = rest[2] == '[';
-    const std::string wanted = cdata ? "<![CDATA[" : "<!DOCTYPE";
-    if (rest.substr(0, wanted.size()) != wanted.substr(0, rest.size())) {
+    const std::string opening = cdata ? "<![CDATA[" : "<!DOCTYPE";
+    if (rest.substr(0, opening.size()) != opening.substr(0, rest.size())) {
       return Fault(cdata ? SyntaxFault::kCData : SyntaxFault::kExclamation);
     }
-    if (rest.size() < wanted.size()) return Fault(SyntaxFault::kUnterminated);
+    if (rest.size() < opening.size()) return Fault(SyntaxFault::kUnterminated);
     if (cdata) return Until(rest, "]]>", 9, NodeType::kCData);
     const PlainToken token = doctype_failed_ ? Fault(SyntaxFault::kDocType) : DocType(rest);
     doctype_failed_ = token.type == NodeType::kFault;
@@ -163,8 +163,8 @@ void ExpectSameTokens(const std::string& text) {
   }
 }
 
-// Texts of pieces that mean something to the scanner, so that most of them come close to being right.
-std::string RandomSoup(std::mt19937_64& random) {
+// Random texts from pieces that the scanner knows, so that most of them are nearly correct.
+std::string RandomNodes(std::mt19937_64& random) {
   static const std::string_view kPieces[] = {"<",       "</",        "a",
                                              "b1",      ">",         "/>",
                                              "/",       " ",         "=",
@@ -184,28 +184,28 @@ std::string RandomSoup(std::mt19937_64& random) {
   return text;
 }
 
-TEST(TokenPos, NodesAgreeWithAPlainScanner) {
+TEST(TokenPos, RandomTextHasTheSameNodesAsInAPlainScanner) {
   std::mt19937_64 random(qx::test::Seed("TokenPos"));
   for (int i = 0; i < 20000; ++i) {
-    ExpectSameTokens(RandomSoup(random));
+    ExpectSameTokens(RandomNodes(random));
     if (HasFatalFailure()) return;
   }
 }
 
-TEST(TokenPos, EveryPrefixOfEachConstructAgreesWithAPlainScanner) {
+TEST(TokenPos, EveryPrefixHasTheSameNodesAsInAPlainScanner) {
   const std::string text =
       "t<a b='<' c=\">\"/></a ><!-- - -- --><?p ?x?><![CDATA[]]]>]]>"
       "<!DOCTYPE r 'x>' [ <!ENTITY e \"]>'\"> <!-- ] --> <?p ]?> %pe; ] ><x>";
   for (std::size_t size = 0; size <= text.size(); ++size) ExpectSameTokens(text.substr(0, size));
 }
 
-TEST(TokenPos, CDataTextIsWhatStandsBetweenTheBrackets) {
+TEST(TokenPos, CDataTextIsTheTextBetweenTheBrackets) {
   TokenPos token("<![CDATA[a]]]>");
   ASSERT_EQ(token.ParseNode(), NodeType::kCData);
   EXPECT_EQ(token.CDataText(), "a]");
 }
 
-TEST(TokenPos, AfterAFaultyDeclarationEveryFurtherOneIsFaulty) {
+TEST(TokenPos, DeclarationAfterAFaultyOneIsFaulty) {
   TokenPos good("<!DOCTYPE a><!DOCTYPE b>");
   EXPECT_EQ(good.ParseNode(), NodeType::kDocType);
   EXPECT_EQ(good.ParseNode(), NodeType::kDocType);
@@ -216,7 +216,7 @@ TEST(TokenPos, AfterAFaultyDeclarationEveryFurtherOneIsFaulty) {
   EXPECT_EQ(bad.fault, SyntaxFault::kDocType);
 }
 
-TEST(TokenPos, ACommentMayNotEndWithTheHyphensItBeganWith) {
+TEST(TokenPos, HyphensThatBeginACommentDoNotEndIt) {
   TokenPos token("<!--><!---->");
   ASSERT_EQ(token.ParseNode(), NodeType::kComment);
   EXPECT_EQ(token.end, 12U);

@@ -13,7 +13,7 @@ std::string Utf8(int code) {
   return {bytes, static_cast<std::size_t>(length)};
 }
 
-TEST(Utf8, CharactersAreCodedAndDecoded) {
+TEST(Utf8, CharactersAreEncodedAndDecoded) {
   for (int code = 0; code <= 0x10FFFF; code += code % 0x1000 < 0xFF0 && code > 0x3000 ? 5 : 1) {
     if (code >= 0xD800 && code <= 0xDFFF) continue;
     const std::string bytes = Utf8(code);
@@ -27,7 +27,7 @@ TEST(Utf8, CharactersAreCodedAndDecoded) {
   EXPECT_EQ(Utf8(0x1F600), "\xF0\x9F\x98\x80");
 }
 
-TEST(Utf8, TheLengthIsAdvancedAndTheBytesGoBehindWhatIsThere) {
+TEST(Utf8, EncodedBytesAreAppendedAndTheLengthIsRaised) {
   char bytes[8] = {};
   int length = 0;
   CMarkup::EncodeCharUTF8('a', bytes, length);
@@ -38,11 +38,11 @@ TEST(Utf8, TheLengthIsAdvancedAndTheBytesGoBehindWhatIsThere) {
   EXPECT_EQ(length, 7);
 }
 
-TEST(Utf8, WhatIsNoCharacterIsWrittenAsTheReplacement) {
+TEST(Utf8, CodeThatIsNotACharacterIsWrittenAsTheReplacement) {
   for (const int code : {-1, 0xD800, 0xDFFF, 0x110000, 0x7FFFFFFF}) EXPECT_EQ(Utf8(code), "\xEF\xBF\xBD");
 }
 
-TEST(Utf8, InvalidBytesAreSteppedOverOneByOne) {
+TEST(Utf8, InvalidBytesAreSkippedOneByOne) {
   struct Row {
     const char* bytes;
     std::size_t size;
@@ -77,20 +77,20 @@ TEST(Utf8, InvalidBytesAreSteppedOverOneByOne) {
   }
 }
 
-TEST(Utf8, DecodingStopsAtTheEndOrAtANul) {
+TEST(Utf8, DecodingStopsAtTheEndAndAtANul) {
   const char* text = "";
   const char* p = text;
   EXPECT_EQ(CMarkup::DecodeCharUTF8(p, nullptr), -1);
   EXPECT_EQ(p, text);
   EXPECT_EQ(CMarkup::DecodeCharUTF8(p, p), -1);
-  p = "\xE4";  // the NUL behind it is no continuation
+  p = "\xE4";  // the NUL after it is not a continuation byte
   EXPECT_EQ(CMarkup::DecodeCharUTF8(p), -1);
   EXPECT_EQ(*p, '\0');
   p = nullptr;
   EXPECT_EQ(CMarkup::DecodeCharUTF8(p), -1);
 }
 
-TEST(Utf16, CharactersAreCodedAndDecoded) {
+TEST(Utf16, CharactersAreEncodedAndDecoded) {
   for (int code = 1; code <= 0x10FFFF; code += code % 0x1000 < 0xFF0 && code > 0x3000 ? 5 : 1) {
     if (code >= 0xD800 && code <= 0xDFFF) continue;
     char16_t units[3] = {};
@@ -127,7 +127,7 @@ TEST(Utf16, WholeTextsAreConvertedBothWays) {
   EXPECT_EQ(CMarkup::UTF8To16(""), u"");
 }
 
-TEST(DetectUtf8, CountsNonAsciiCharactersAndTellsACutOffEnd) {
+TEST(DetectUtf8, CountsNonAsciiCharactersAndReportsACutOffEnd) {
   int count = -1;
   bool cut = true;
   EXPECT_TRUE(CMarkup::DetectUTF8("plain", 5, &count, &cut));
