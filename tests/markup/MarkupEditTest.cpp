@@ -459,14 +459,51 @@ TEST(MarkupEdit, ChangeOverALimitIsRefusedAndChangesNothing) {
   markup.FindElem();
   EXPECT_FALSE(markup.AddElem(std::string(1021, 'n').c_str()));
   EXPECT_FALSE(markup.AddChildElem(std::string(1021, 'n').c_str()));
-  const std::string fits((1U << 22) - 1 - 9, 'v');  // <r n=""/> has nine bytes without the value
-  EXPECT_FALSE(markup.SetAttrib("n", (fits + "v").c_str()));
   EXPECT_EQ(markup.GetDoc(), "<r/>");
-  EXPECT_TRUE(markup.SetAttrib("n", fits.c_str()));
-  EXPECT_FALSE(markup.SetAttrib("m", "1"));
-  EXPECT_TRUE(markup.SetAttrib("n", "1"));
   EXPECT_TRUE(markup.AddChildElem(std::string(1020, 'n').c_str(), "t"));
   ExpectSound(markup);
+}
+
+// The tag <a n=""/> has 9 bytes without the value.
+TEST(MarkupEdit, AttributeThatMakesAStartTagOf4MiBIsRefused) {
+  const std::string fits((1U << 22) - 1 - 9, 'v');
+  const std::string escaped_fits = fits.substr(5) + "<";  // "&lt;" and two spare bytes
+  const auto set = [](const std::string& name, const std::string& value) {
+    return [=](CMarkup& m) { return m.SetChildAttrib(name.c_str(), value.c_str()); };
+  };
+  const auto set_two = [](const std::string& first, const std::string& second) {
+    return [=](CMarkup& m) {
+      const CMarkup::AttributeText texts[] = {{"n", first.c_str()}, {"m", second.c_str()}};
+      return m.IntoElem() && m.SetAttribs(texts) == false && m.OutOfElem();
+    };
+  };
+  const auto document = [](const std::string& tag) { return "<r>" + tag + "<b/></r>"; };
+  struct Row {
+    std::string before;
+    std::function<bool(CMarkup&)> edit;
+    bool result;
+    std::string after;
+  };
+  const Row rows[] = {
+      {"<a/>", set("n", fits), true, "<a n=\"" + fits + "\"/>"},
+      {"<a/>", set("n", fits + "v"), false, "<a/>"},
+      {"<a n='1'/>", set("n", fits), true, "<a n='" + fits + "'/>"},
+      {"<a n='1'/>", set("n", fits + "v"), false, "<a n='1'/>"},
+      {"<a n=\"" + fits + "\"/>", set("m", ""), false, "<a n=\"" + fits + "\"/>"},
+      {"<a n=\"" + fits + "\"/>", set("n", "1"), true, "<a n=\"1\"/>"},
+      {"<a/>", set("n", escaped_fits), true, "<a n=\"" + fits.substr(5) + "&lt;\"/>"},
+      {"<a/>", set("n", escaped_fits + "<"), false, "<a/>"},
+      {"<a/>", set_two("1", fits), true, "<a n=\"1\"/>"},
+  };
+  for (const Row& row : rows) {
+    CMarkup markup(document(row.before));
+    ASSERT_TRUE(markup.FindElem("r") && markup.FindChildElem("a"));
+    EXPECT_EQ(row.edit(markup), row.result) << row.before.substr(0, 20);
+    EXPECT_TRUE(markup.GetDoc() == document(row.after)) << row.after.substr(0, 20);
+    EXPECT_EQ(Records(markup), Records(CMarkup(markup.GetDoc())));
+    EXPECT_TRUE(markup.CheckInvariants());
+    EXPECT_TRUE(markup.IsWellFormed());
+  }
 }
 
 TEST(MarkupEdit, NothingIsAddedBelowTheDeepestLevel) {

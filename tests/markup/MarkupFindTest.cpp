@@ -61,6 +61,28 @@ TEST(MarkupFind, ChildSearchFindsChildrenAfterTheChild) {
   EXPECT_FALSE(markup.FindChildElem("b"));
 }
 
+TEST(MarkupFind, FailedChildSearchKeepsTheMainElementThatItFound) {
+  CMarkup markup(kDocument);
+  EXPECT_FALSE(markup.FindChildElem("no-such-child"));
+  EXPECT_EQ(markup.GetTagName(), "r");
+  EXPECT_EQ(markup.ChildPosition(), 0U);
+
+  // The same below the document level: the first element in r becomes the main element.
+  ASSERT_TRUE(markup.IntoElem());
+  ASSERT_EQ(markup.MainPosition(), 0U);
+  EXPECT_FALSE(markup.FindChildElem("no-such-child"));
+  EXPECT_EQ(markup.GetAttrib("id"), "1");
+
+  // With a main element, a failed search changes nothing.
+  ASSERT_TRUE(markup.FindChildElem("x"));
+  const std::uint32_t main = markup.MainPosition();
+  const std::uint32_t child = markup.ChildPosition();
+  EXPECT_FALSE(markup.FindChildElem("no-such-child"));
+  EXPECT_EQ(markup.MainPosition(), main);
+  EXPECT_EQ(markup.ChildPosition(), child);
+  EXPECT_TRUE(markup.CheckInvariants());
+}
+
 TEST(MarkupFind, IntoElemAndOutOfElemMoveOneLevel) {
   CMarkup markup(kDocument);
   EXPECT_FALSE(markup.IntoElem());

@@ -255,6 +255,30 @@ TEST(MarkupParse, EveryPrefixOfAGoodDocumentIsParsedAndNotWellFormed) {
   }
 }
 
+// A document without a root has a result, but no fault that stays.
+TEST(MarkupParse, AddingARootMakesADocumentWithoutOneWellFormed) {
+  for (const std::string text : {"", "text", "<!-- c -->", "<?xml version='1.0'?>"}) {
+    CMarkup markup(text);
+    EXPECT_FALSE(markup.IsWellFormed()) << text;
+    const std::string result = markup.GetResult();
+    EXPECT_EQ(result, text.empty() ? "" : "<no_root_element/>") << text;
+    ASSERT_TRUE(markup.AddElem("r"));
+    EXPECT_EQ(markup.GetDoc(), text + "<r/>\n");
+    EXPECT_TRUE(markup.IsWellFormed()) << text;
+    EXPECT_EQ(markup.GetResult(), result) << text;  // the results are those of the parse
+    ASSERT_TRUE(markup.RemoveElem());
+    EXPECT_FALSE(markup.IsWellFormed()) << text;
+  }
+}
+
+TEST(MarkupParse, AddingARootDoesNotRepairAFaultThatTheParseFound) {
+  for (const char* text : {"</x>", "<", "<!-- c"}) {
+    CMarkup markup(text);
+    ASSERT_TRUE(markup.AddElem("r"));
+    EXPECT_FALSE(markup.IsWellFormed()) << text;
+  }
+}
+
 TEST(MarkupParse, DocumentTypeDeclarationHasNoEffect) {
   CMarkup markup("<!DOCTYPE r [<!ENTITY a \"AAAA\"><!ENTITY b SYSTEM \"file:///etc/passwd\">]><r x=\"&b;\">&a;&b;</r>");
   ASSERT_TRUE(markup.IsWellFormed());
