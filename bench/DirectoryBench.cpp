@@ -1,7 +1,7 @@
-// A directory of 1,000 files of 100 KB copied by CDirectory, beside "cp -a" on the same files.
+// Copies a directory of 1,000 files of 100 KB with CDirectory, and the same files with "cp -a".
 //
-// The time is the processor time of whoever copies, cp's process included, which the harness cannot see by itself. What
-// is copied is removed again outside of it.
+// The time is the processor time of the copying process. For cp this is a child process, which the harness does not
+// measure by itself. Removing the copy is not timed.
 #include <benchmark/benchmark.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -32,7 +32,7 @@ void RemoveAll(const std::string& path) {
   std::filesystem::remove_all(path, ignored);
 }
 
-// The directory to copy, made once and removed at the end of the process.
+// The directory to copy, created once and removed at the end of the process.
 const std::string& Source() {
   static const std::string source = [] {
     std::string path = Directory() + "/from";
@@ -41,7 +41,7 @@ const std::string& Source() {
       const std::string bytes(kFileBytes, static_cast<char>('a' + i % 26));
       std::ofstream(path + "/report" + std::to_string(i) + ".dat", std::ios::binary) << bytes;
     }
-    (void)std::atexit([] { RemoveAll(Directory()); });  // without room for it the files stay, no more
+    (void)std::atexit([] { RemoveAll(Directory()); });  // if this fails, the files are only left over
     return path;
   }();
   return source;
@@ -60,7 +60,7 @@ double OwnSeconds() {
   return Seconds(usage);
 }
 
-// Processor seconds; below 0: the copy failed.
+// The processor time in seconds; negative if the copy failed.
 double CopyByQx(const std::string& to) {
   const double before = OwnSeconds();
   if (!CDirectory::CopyDir(Source().c_str(), to.c_str(), "*.*", true)) return -1;

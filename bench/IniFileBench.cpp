@@ -1,7 +1,7 @@
-// One value read from an INI file, beside a plain reader with fgets, GLib's key file and inih, and beside the bare read
-// of the same bytes; and how the search grows with the file.
+// Reads one value from an INI file with CIniFile, with a plain fgets reader, GLib's key file and inih, and compares
+// with a plain read of the same bytes. Also measures how the time grows with the file.
 //
-// The file has one section, and the wanted key is its last: nobody can stop early.
+// The file has one section, and the requested key is the last one, so that no reader can stop early.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -38,7 +38,7 @@ std::string IniText(std::int64_t keys) {
   return text;
 }
 
-// An INI file in memory, and the key and the value of its last line.
+// An INI file in a memory file system, and the key and the value of its last line.
 struct Sample {
   explicit Sample(std::int64_t keys = kKeys)
       : path(directory.FileWith("names.ini", IniText(keys))), key(KeyOf(keys - 1)), value(ValueOf(keys - 1)) {}
@@ -68,7 +68,7 @@ void TrimEnd(char* begin, char* end) {
   *end = '\0';
 }
 
-// The same rules in the plainest form: lines of at most 1023 characters, comments and blanks cut in place.
+// The same rules in plain code: lines of at most 1023 characters; comments and blanks are removed in the buffer.
 bool ReadWithFgets(std::FILE* file, const char* section, const char* key, std::string& value) {
   const std::size_t section_chars = std::strlen(section);
   bool is_inside = false;
@@ -121,28 +121,28 @@ void ReadGlib(benchmark::State& state) {
 #endif
 
 #ifdef QX_HAVE_INIH
-struct Wanted {
+struct Request {
   const char* key;
   std::string value;
 };
 
 int TakeEntry(void* user, const char* section, const char* key, const char* value) {
-  auto* wanted = static_cast<Wanted*>(user);
-  if (std::strcmp(section, kSection) == 0 && std::strcmp(key, wanted->key) == 0) wanted->value = value;
+  auto* request = static_cast<Request*>(user);
+  if (std::strcmp(section, kSection) == 0 && std::strcmp(key, request->key) == 0) request->value = value;
   return 1;
 }
 
 void ReadInih(benchmark::State& state) {
   const Sample sample;
-  Wanted wanted{sample.key.c_str(), {}};
+  Request request{sample.key.c_str(), {}};
   for (auto _ : state) {
-    if (ini_parse(sample.path.c_str(), TakeEntry, &wanted) != 0) state.SkipWithError("parse");
+    if (ini_parse(sample.path.c_str(), TakeEntry, &request) != 0) state.SkipWithError("parse");
   }
-  Must(wanted.value == sample.value, "the value");
+  Must(request.value == sample.value, "the value");
 }
 #endif
 
-// Open, the windows, close.
+// The least that a reader has to do: open the file, read it in windows, close it.
 void ReadLimit(benchmark::State& state) {
   const Sample sample;
   char window[16384];

@@ -1,5 +1,5 @@
-// Parsing and building documents, beside pugixml, tinyxml2 and libxml2 and beside the bare copies of the same bytes;
-// and how the costs of odd documents grow with their size.
+// Parses and builds documents with CMarkup, pugixml, tinyxml2 and libxml2, and compares with plain copies of the same
+// bytes. Also measures how the costs of unusual documents grow with their size.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -119,7 +119,7 @@ void ParseLibxml2(benchmark::State& state, const std::string& task) {
 }
 #endif
 
-// What no parser can go below: the bytes are copied once and looked through once.
+// The least that a parser has to do: copy the bytes once and scan them once.
 void ParseLimit(benchmark::State& state, const std::string& task) {
   const std::string document = DocumentOf(task);
   std::string copy;
@@ -215,7 +215,7 @@ void BuildChildrenTinyxml2(benchmark::State& state) {
 }
 #endif
 
-// One copy into a document's memory and one duplicate for the host.
+// The least that a builder has to do: copy the records into a document and duplicate that for the host.
 void BuildCDataLimit(benchmark::State& state) {
   const std::string records = RecordText(kMiB);
   std::string document;
@@ -227,7 +227,7 @@ void BuildCDataLimit(benchmark::State& state) {
   }
 }
 
-// Much text with something to escape every 30 bytes or so.
+// 1 MiB of text with something to escape every few words.
 std::string SpecialText() {
   std::string text;
   while (text.size() < kMiB) text += "a plain stretch of text, then <tag> & \"more\" of it; ";
@@ -244,7 +244,7 @@ void UnescapeQx(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(CMarkup::UnescapeText(std::string_view(text)));
 }
 
-// An escape into a buffer that is there already and a search for what there is to escape.
+// The least that escaping has to do: copy the text and scan it once.
 void EscapeLimit(benchmark::State& state) {
   const std::string text = SpecialText();
   for (auto _ : state) {
@@ -276,7 +276,7 @@ void UnescapePugixml(benchmark::State& state) {
 }
 #endif
 
-// --- How costs grow: documents of `count` pieces, well formed or not ---
+// --- How costs grow: documents with `count` pieces, well formed or not ---
 
 std::string Repeated(std::string_view piece, std::int64_t count) {
   std::string text;
@@ -284,9 +284,9 @@ std::string Repeated(std::string_view piece, std::int64_t count) {
   return text;
 }
 
-std::string Numbered(std::string_view before, std::string_view behind, std::int64_t count) {
+std::string Numbered(std::string_view before, std::string_view after, std::int64_t count) {
   std::string text;
-  for (std::int64_t i = 0; i < count; ++i) text.append(before).append(std::to_string(i)).append(behind);
+  for (std::int64_t i = 0; i < count; ++i) text.append(before).append(std::to_string(i)).append(after);
   return text;
 }
 
@@ -334,7 +334,7 @@ void GrowAppend(benchmark::State& state, std::int64_t count) {
   }
 }
 
-// Different attributes on one element, as many as a start tag can hold.
+// `count` different attributes on one element.
 void GrowSetAttributes(benchmark::State& state, std::int64_t count) {
   for (auto _ : state) {
     CMarkup markup;
@@ -356,7 +356,7 @@ void RegisterGrowth() {
   }
 }
 
-// The memory that a parsed element takes beside the text.
+// The memory that a parsed element needs in addition to the text.
 void MemoryPerElement(benchmark::State& state) {
   const std::string document = ChildrenDocument();
   CMarkup markup;

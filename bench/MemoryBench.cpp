@@ -1,6 +1,6 @@
-// How much memory the module asks for, counted at the allocator: the most that one transfer call holds beyond what was
-// there before it, and what a loaded registry and a parsed document take at their peak and when they are there.
-// These rows have counters; their times say nothing, since counting costs.
+// How much memory the module allocates, counted at the allocator: the peak of one transfer call, and the peak and the
+// final size of a loaded registry and of a parsed document. The results are the counters of these rows; their times
+// include the cost of counting.
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -20,7 +20,7 @@ namespace {
 using qx::bench::Block;
 using qx::bench::Must;
 
-// What `work` holds at its most, and what of it is still held when it has returned.
+// The memory that `work` allocates: its peak, and what is still allocated after it has returned.
 struct Use {
   double peak;
   double kept;
@@ -29,13 +29,13 @@ struct Use {
 template <typename Work>
 Use Measure(Work work) {
   const std::size_t before = qx::bench::BytesHeld();
-  qx::bench::ForgetMostBytesHeld();
+  qx::bench::ResetPeakBytesHeld();
   work();
-  return {static_cast<double>(qx::bench::MostBytesHeld()) - static_cast<double>(before),
+  return {static_cast<double>(qx::bench::PeakBytesHeld()) - static_cast<double>(before),
           static_cast<double>(qx::bench::BytesHeld()) - static_cast<double>(before)};
 }
 
-// A full chunk: the first call also makes the buffers that the module keeps, later ones find them.
+// Transfers a full chunk. The first call also allocates the buffers that the module keeps; later calls reuse them.
 void TransferCall(benchmark::State& state) {
   qx::bench::WriteReport("bench", qx::bench::kSlots);
   Block block;
@@ -72,7 +72,7 @@ std::string ChildrenDocument() {
   return document + "</List>";
 }
 
-// The text is the document's own copy; what is counted per element comes on top.
+// The bytes per element do not include the document's copy of the text.
 void ParsedDocument(benchmark::State& state) {
   const std::string document = ChildrenDocument();
   Use use{};

@@ -1,7 +1,7 @@
-// Loading and saving the registry, beside GLib's key file on the same content, beside a plain dump with fprintf and
-// beside the bare copies of the same bytes; and how loading grows with what there is to load.
+// Loads and saves the registry, and compares with GLib's key file on the same content, with a plain dump by fprintf and
+// with plain copies of the same bytes. Also measures how loading grows with the content.
 //
-// A key file holds the same texts, a group a key. Destroying what was loaded is not timed.
+// A key file has the same texts, with one group for each key. Destroying the loaded tree is not timed.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <malloc.h>
@@ -34,7 +34,7 @@ using qx::bench::Must;
 using qx::bench::RegistryText;
 using qx::bench::Value;
 
-// One key with its names in falling order, which no save leaves behind but an editor may.
+// One key with its names in descending order: a save never writes this, but an editor may.
 std::string FallingText(std::int64_t values) {
   std::string text = "[HKEY_LOCAL_MACHINE]\n";
   for (std::int64_t number = values; number-- > 0;) {
@@ -46,7 +46,7 @@ std::string FallingText(std::int64_t values) {
 
 std::size_t BytesInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
 
-// Times `load`, which makes one loaded tree, and counts the memory a value takes in it.
+// Times `load`, which returns a loaded tree, and counts the memory per value of the tree.
 template <typename Load>
 void TimeLoading(benchmark::State& state, std::int64_t values, Load load) {
   for (auto _ : state) {
@@ -93,7 +93,7 @@ void LoadGlib(benchmark::State& state) {
 }
 #endif
 
-// The file read into one buffer that is there already.
+// The least that a load has to do: read the file into a buffer that exists already.
 void LoadLimit(benchmark::State& state) {
   const MemoryDirectory directory;
   const std::string text = RegistryText(kValues, kValuesPerKey);
@@ -107,7 +107,7 @@ void LoadLimit(benchmark::State& state) {
   }
 }
 
-// The whole save: new file, backup, directory. In memory nothing is synced; the calls are made.
+// The whole save: new file, backup, directory. In a memory file system the sync calls do nothing, but they are made.
 void SaveQx(benchmark::State& state) {
   const MemoryDirectory directory;
   (void)directory.FileWith("registry", RegistryText(kValues, kValuesPerKey));
@@ -120,7 +120,7 @@ void SaveQx(benchmark::State& state) {
   qx::registry::StartAfresh(nullptr);
 }
 
-// 0a ff => "0a ff ". Not a call of fprintf a byte: that would cost as much again as all the rest.
+// 0a ff => "0a ff ". One fprintf per byte would double the time of the whole dump.
 std::string Hexadecimal(std::string_view bytes) {
   constexpr char kDigits[] = "0123456789abcdef";
   std::string text;
@@ -171,7 +171,7 @@ void SaveFprintf(benchmark::State& state) {
   }
 }
 
-// The ready text written.
+// The least that a save has to do: write the finished text.
 void SaveLimit(benchmark::State& state) {
   const MemoryDirectory directory;
   const std::string text = RegistryText(kValues, kValuesPerKey);

@@ -1,5 +1,4 @@
-// Appending records to a ring, beside a straightforward form with stdio, beside SQLite, and beside the bare system
-// calls.
+// Appends records to a ring with the store, with plain stdio code, with SQLite, and with the system calls alone.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -28,7 +27,8 @@ void Must(bool ok, const char* what) {
   std::exit(1);
 }
 
-// A directory of the row's own, in memory where there is such a place: the disk is not what is compared.
+// A private directory for the row. It is in a memory file system if there is one, because the rows do not compare
+// disks.
 class Directory {
  public:
   Directory()
@@ -59,7 +59,7 @@ void AppendQx(benchmark::State& state) {
   }
 }
 
-// The same files written through buffered streams: seek, text, line end and flush; slot; marker and flush; header and
+// Writes the same files through buffered streams: seek, text, line end and flush; slot; marker and flush; header and
 // flush.
 class StdioStore {
  public:
@@ -108,7 +108,7 @@ void AppendStdio(benchmark::State& state) {
 }
 
 #ifdef QX_HAVE_SQLITE3
-// The ring as a table: a row a slot, replaced in turn, a transaction a record.
+// The ring as a table: one row per slot, replaced in turn; one transaction per record.
 void AppendSqlite(benchmark::State& state) {
   const Directory directory;
   sqlite3* database = nullptr;
@@ -135,7 +135,7 @@ void AppendSqlite(benchmark::State& state) {
 }
 #endif
 
-// The three system calls that an append cannot go below: record, slot, header.
+// The least that an append has to do: three system calls, for record, slot and header.
 void AppendLimit(benchmark::State& state) {
   const Directory directory;
   const int data = open(directory.File("r.dat").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);

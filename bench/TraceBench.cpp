@@ -1,6 +1,7 @@
-// Trace entries into the log file and into the ring, beside spdlog, the C library's own means and the bare copies.
+// Writes trace entries to the log file and to the ring, and compares with spdlog, with C library calls and with plain
+// copies.
 //
-// Every row makes the same line: stamp with milliseconds, thread, module column and a text of three arguments.
+// Every row writes the same line: time stamp with milliseconds, thread, module column and a text with three arguments.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/time.h>
@@ -30,11 +31,11 @@ constexpr char kReadyLine[] =
     "2026-01-31 10:20:30.123 [0A1B2C3D] QxBench       WCSP_QX GetReports  : \"PerformanceThresholds\" record 500 of "
     "1000\n";
 constexpr std::size_t kReadyBytes = sizeof kReadyLine - 1;
-// Every log is limited to this size, each in its way: most writes go over what is in the page cache already.
+// Every log is limited to this size, each in its own way, so most writes overwrite pages that are in the page cache.
 constexpr const char* kLogBytesMax = "1048576";
 constexpr std::size_t kLogLinesMax = 1048576 / kReadyBytes;
 
-// A directory of this row's own, removed at the end.
+// A private directory for the row, removed at the end.
 class Directory {
  public:
   Directory() : path_((std::filesystem::temp_directory_path() / "qx-trace-XXXXXX").string()) {
@@ -50,7 +51,7 @@ class Directory {
   std::string path_;
 };
 
-// The program's own facility at `level`, with a ring of `weight` times 1 MiB, 0 for none.
+// Starts the program's trace facility at `level`, with a ring of `weight` MiB (0: no ring).
 void StartTracing(const Directory& directory, const char* level, const char* weight) {
   ::setenv("QX_LOG_RINGBUF_DIR", directory.Path(), 1);
   ::setenv("QX_LOG_FILE_MAX_SIZE", kLogBytesMax, 1);
@@ -79,7 +80,7 @@ void OffQx(benchmark::State& state) {
   TraceEntries(state);
 }
 
-// The flag test and the loop that counts.
+// The least that a trace call does when tracing is off: test a flag. The loop counter is included.
 void OffLimit(benchmark::State& state) {
   static std::atomic<bool> flag{false};
   benchmark::DoNotOptimize(&flag);
@@ -119,7 +120,7 @@ void LogSpdlog(benchmark::State& state) {
 }
 #endif
 
-// The line as the C library makes it, with its time formatted anew for each.
+// The line made with C library calls, with its time formatted again for each line.
 std::size_t FormatLine(char (&line)[512], int record) {
   timeval now{};
   ::gettimeofday(&now, nullptr);

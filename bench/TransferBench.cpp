@@ -1,6 +1,6 @@
-// A whole transfer of a full, wrapped ring through the exported function, beside a reader that fetches record by record
-// with stdio and one that walks an LMDB database, both of which make the same replies, and beside the bare system calls
-// and copies for the same bytes.
+// Transfers a full, wrapped ring through the exported function. Compares with a reader that fetches record by record
+// with stdio, with one that walks an LMDB database (both build the same replies), and with the system calls and copies
+// alone for the same bytes.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -48,7 +48,7 @@ void TransferQx(benchmark::State& state) {
   }
 }
 
-// Counts the page faults of a transfer's chunks in the steady state.
+// Counts the page faults per chunk, after a first transfer.
 void TransferFaults(benchmark::State& state) {
   WriteBenchReport();
   Block block;
@@ -73,7 +73,7 @@ void TransferMany(const std::string& name, int count) {
 
 std::string ReportOfThread(int number) { return "bench" + std::to_string(number); }
 
-// As many threads as the row says, each with a report of its own.
+// `count` threads at once, each with its own report.
 void TransferOnThreads(benchmark::State& state, int count) {
   for (int i = 0; i < count; ++i) qx::bench::WriteReport(ReportOfThread(i), kSlots);
   for (auto _ : state) {
@@ -83,7 +83,8 @@ void TransferOnThreads(benchmark::State& state, int count) {
   }
 }
 
-// The work of two threads done by one. Threads that kept each other busy would cost more processor time than it does.
+// The work of two threads, one after the other. If threads waited for each other by spinning, two at once would need
+// more processor time than this.
 void TransferOneAfterTheOther(benchmark::State& state) {
   for (int i = 0; i < 2; ++i) qx::bench::WriteReport(ReportOfThread(i), kSlots);
   for (auto _ : state) {
@@ -91,7 +92,7 @@ void TransferOneAfterTheOther(benchmark::State& state) {
   }
 }
 
-// One transfer of a report of so many records.
+// One transfer of a report with `records` records.
 void GrowRecords(benchmark::State& state, std::uint32_t records) {
   qx::bench::WriteReport("grow", records);
   Block block;
@@ -105,7 +106,7 @@ std::string Reply(long start, long next, const std::string& records) {
          "\"><![CDATA[" + records + "]]></ReportData>\n";
 }
 
-// The straightforward form: a seek in each file, the slot, then the record byte by byte.
+// The plain form: a seek in each file, the slot, then the record byte by byte.
 std::string StdioRecord(FILE* index, FILE* data, std::uint32_t slot) {
   std::uint32_t position = 0;
   std::fseek(index, 24 + 4L * slot, SEEK_SET);
@@ -153,7 +154,7 @@ struct StringWriter : pugi::xml_writer {
 #endif
 
 #if defined(QX_HAVE_LMDB) && defined(QX_HAVE_PUGIXML)
-// The ring's records in a database, by age.
+// The ring's records in a database, in order of age.
 class Lmdb {
  public:
   Lmdb() {
@@ -219,7 +220,7 @@ void TransferLmdb(benchmark::State& state) {
 }
 #endif
 
-// The same bytes with nothing but what has to happen to them: read, copied into a document, duplicated for the host.
+// The least that a transfer has to do: read the bytes, copy them into a document, duplicate that for the host.
 void TransferLimit(benchmark::State& state) {
   WriteBenchReport();
   const std::string path = ReportDirectory() + "/bench.dat";
@@ -228,10 +229,10 @@ void TransferLimit(benchmark::State& state) {
   for (auto _ : state) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     for (std::size_t at = 0; at < kRingBytes; at += kChunkBytes) {
-      const std::size_t wanted = std::min(kChunkBytes, kRingBytes - at);
-      if (pread(fd, window.data(), wanted, static_cast<off_t>(at)) != static_cast<ssize_t>(wanted))
+      const std::size_t bytes = std::min(kChunkBytes, kRingBytes - at);
+      if (pread(fd, window.data(), bytes, static_cast<off_t>(at)) != static_cast<ssize_t>(bytes))
         state.SkipWithError("read");
-      document.assign(window.data(), wanted);
+      document.assign(window.data(), bytes);
       char* reply = strdup(document.c_str());
       benchmark::DoNotOptimize(reply);
       std::free(reply);
@@ -253,7 +254,7 @@ void WhatQx(benchmark::State& state) {
 }
 
 #ifdef QX_HAVE_PUGIXML
-// The request parsed and a reply of the same attributes built.
+// Parses the request and builds a reply with the same attributes.
 void WhatPugixml(benchmark::State& state) {
   for (auto _ : state) {
     pugi::xml_document in;

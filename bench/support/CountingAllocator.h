@@ -1,14 +1,14 @@
-// How much memory the process has from the allocator, and the most it had since the last reset. A program that links
-// CountingAllocator.cpp counts every malloc, calloc, realloc, free and new of its own and of the libraries it loads.
+// How much memory is allocated in the process now, and the peak since the last reset. In a program that links
+// CountingAllocator.cpp, every malloc, calloc, realloc, free and new counts, also those of the libraries it loads.
 #pragma once
 
 #include <cstddef>
 
 namespace qx::bench {
 
-// Usable bytes, the allocator's rounding included and its bookkeeping not. Any thread.
+// Usable bytes: with the allocator's rounding, without its bookkeeping. [any thread]
 std::size_t BytesHeld();
-std::size_t MostBytesHeld();
-void ForgetMostBytesHeld();  // the most is what is held now
+std::size_t PeakBytesHeld();
+void ResetPeakBytesHeld();  // the peak becomes the present amount
 
 }  // namespace qx::bench

@@ -1,5 +1,5 @@
-// Every benchmark program's main. A second thread has run before anything is measured: from then on the C library's
-// streams lock at every call, as they do in a service with worker threads.
+// The main function of every benchmark program. It runs a second thread before anything is measured: from then on the
+// C library's streams lock at every call, as they do in a service with worker threads.
 #include <benchmark/benchmark.h>
 
 #include <thread>
@@ -8,7 +8,7 @@
 
 __attribute__((init_priority(101))) CDebug Debug;
 
-// A program that needs its surroundings prepared before any thread starts defines this.
+// A program defines this function if it has to prepare something before any thread starts.
 void PrepareBeforeThreads();
 __attribute__((weak)) void PrepareBeforeThreads() {}
 

@@ -1,4 +1,5 @@
-// A directory for one row's files, in memory where there is such a place: the disk is not what is compared.
+// A directory for the files of one row. It is in a memory file system if there is one, because the rows do not compare
+// disks.
 #pragma once
 
 #include <unistd.h>
@@ -17,7 +18,7 @@ inline void Must(bool ok, const char* what) {
   std::exit(1);
 }
 
-// Created empty, removed with everything in it.
+// The directory is created empty, and removed with everything in it.
 class MemoryDirectory {
  public:
   MemoryDirectory() : path_(Parent() / ("qx-bench-" + std::to_string(getpid()))) {
@@ -33,7 +34,7 @@ class MemoryDirectory {
   [[nodiscard]] const char* Path() const { return path_.c_str(); }
   [[nodiscard]] std::string File(const char* name) const { return (path_ / name).string(); }
 
-  // A file of the directory that holds exactly `text`.
+  // Creates a file with exactly `text` and returns its path.
   [[nodiscard]] std::string FileWith(const char* name, std::string_view text) const {
     const std::string path = File(name);
     std::FILE* file = std::fopen(path.c_str(), "we");

@@ -1,7 +1,7 @@
-// The content that registry files, and key files beside them, are made of here.
+// The content of the registry files and of the key files that they are compared with.
 //
-// Of ten values six are strings of some 40 characters, two are numbers, one is a string to expand, one is a block of 16
-// bytes.
+// Of ten values, six are strings of about 40 characters, two are numbers, one is a string to expand and one is a block
+// of 16 bytes.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ constexpr int kValues = kKeys * kValuesPerKey;
 
 constexpr std::string_view kBytes = "00 11 22 33 44 55 66 77 88 99 aa bb cc dd ee ff ";
 
-// 42 => "0000042": names of one length are in order when their numbers are.
+// 42 => "0000042": all names have the same length, so they sort like their numbers.
 inline std::string Digits(std::int64_t number) {
   const std::string digits = std::to_string(number);
   return std::string(7 - digits.size(), '0') + digits;
@@ -41,7 +41,7 @@ inline Value MakeValue(std::int64_t number) {
   }
 }
 
-// What the two formats have in common: keys of `per_key` values each, numbered throughout.
+// The content that both formats have: keys with `per_key` values each; all values are numbered in sequence.
 template <typename OpenKey, typename TakeValue>
 void EachValue(std::int64_t values, std::int64_t per_key, OpenKey open_key, TakeValue take_value) {
   for (std::int64_t number = 0; number < values; ++number) {

@@ -1,7 +1,7 @@
-// What a benchmark needs to call the module as the service does: a mount namespace of its own with a small registry at
-// the fixed place, full wrapped rings in the report directory, the loaded module, a request block.
+// What a benchmark needs to call the module like the service does: a private mount namespace with a small registry at
+// the fixed path, full and wrapped rings in the report directory, the loaded module, and a request block.
 //
-// The registry is there because a request pays for looking for it: an absent one costs a dozen failed opens a request.
+// There is a registry because without one each request makes a dozen failed opens.
 #pragma once
 
 #include <cstddef>
@@ -13,23 +13,24 @@
 namespace qx::bench {
 
 constexpr std::uint32_t kSlots = 100000;
-constexpr std::size_t kRecordBytes = 100;  // of text; CR LF come on top
+constexpr std::size_t kRecordBytes = 100;  // without CR LF
 constexpr std::size_t kChunkBytes = 1U << 20;
 
 // The report directory, created by PrepareService and removed when the process ends.
 const std::string& ReportDirectory();
 
-// Enters a mount namespace whose registry names ReportDirectory. Before any thread starts; ends the process on failure.
+// Enters a mount namespace whose registry names ReportDirectory. Call it before any thread starts; it ends the process
+// on failure.
 void PrepareService();
 
-// Record `number` of every report here: kRecordBytes long, no line end.
+// Record `number` of every report: kRecordBytes long, without line end.
 std::string Record(std::uint32_t number);
 
-// A ring of `slots` records after half as many more: full, the oldest record in the middle of the slots. A report that
-// stands there already is left as it is.
+// Creates a ring of `slots` slots and writes one and a half times as many records: the ring is full, and its oldest
+// record is in the middle of the slots. An existing report is left as it is.
 void WriteReport(const std::string& name, std::uint32_t slots);
 
-// The module, loaded by the first call and until the process ends.
+// The module. The first call of TheModule loads it; it stays loaded until the process ends.
 class Module {
  public:
   Module();
@@ -44,8 +45,8 @@ class Module {
 };
 Module& TheModule();
 
-// A block with the elements that a call needs: the thread's state and the thread id. One a thread; the thread's state
-// is given back with the block.
+// A block with the elements that a call needs: the thread's state and the thread id. Each thread has its own block; the
+// destructor ends the thread's state in the module.
 class Block {
  public:
   Block() = default;
@@ -63,10 +64,11 @@ class Block {
   krx_gendata header_ = {30400, sizeof(krx_gendata), {'K', 'R', 'X', 0}, 2, pointers_};
 };
 
-// The chunk of `name` that begins at record `first`: where the next one begins, or -1 behind the last.
+// Fetches the chunk of report `name` that begins at record `first`. Returns the start index of the next chunk, or -1
+// after the last.
 long FetchChunk(Block& block, const std::string& name, long first);
 
-// One whole transfer, chunk by chunk as a client asks for it; returns the number of records received.
+// One whole transfer, chunk by chunk as a client requests it; returns the number of records received.
 long TransferOnce(Block& block, const std::string& name);
 
 }  // namespace qx::bench

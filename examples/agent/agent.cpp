@@ -1,9 +1,9 @@
-// An agent: keeps the report "example", to which every argument adds one record.
+// An agent that writes the report "example": each argument becomes one record.
 //
 //   agent "09:00 load 0.12" "09:01 load 0.31"
 //
 // The report directory is the one that the machine's registry names. On a machine without a registry it is "Reports" in
-// the working directory, which is handy for trying things out.
+// the working directory, which is convenient for experiments.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -17,12 +17,12 @@ namespace {
 
 constexpr char kReport[] = "example";
 
-// The report is a ring: once it holds this many records, each new one replaces the oldest. Counts only for a new
-// report.
+// The report is a ring: once it has this many records, each new one replaces the oldest. An existing report keeps its
+// own number.
 constexpr unsigned kRecordsKept = 100;
 
 int Fail(const char* what, const std::string& path) {
-  const int error = errno;  // at once: whatever is called next may change it
+  const int error = errno;  // at once: the next call may change it
   std::fprintf(stderr, "agent: cannot %s %s: %s\n", what, path.c_str(), std::strerror(error));
   return 1;
 }
@@ -32,16 +32,17 @@ int Fail(const char* what, const std::string& path) {
 int main(int argc, char** argv) {
   std::string directory;
   CServerControlPaths::GetServerControlReportPath(directory);
-  std::error_code ignored;  // a directory that could not be made shows when the report is opened
+  std::error_code ignored;  // if the directory cannot be created, opening the report fails
   std::filesystem::create_directories(directory, ignored);
 
-  // Opens example.dat and example.ind for writing, or makes them. One process writes a report; any number may read it.
+  // Opens example.dat and example.ind for writing, or creates them. Only one process may write a report; any number may
+  // read it.
   const std::string path = directory + "/" + kReport;
   CReportFileBase report;
   if (!report.Open(path.c_str(), kRecordsKept)) return Fail("open", path);
 
   for (int i = 1; i < argc; ++i) {
-    // True: the record stands in both files. It needs no line end; a line feed in its text would cut it short.
+    // If the result is true, the record is in both files. It needs no line end; readers end it at its first line feed.
     if (!report.writeLine(argv[i])) return Fail("write to", path);
   }
   return 0;  // the destructor closes the files

@@ -13,8 +13,8 @@ from xml.sax.saxutils import quoteattr
 
 INSTALLED_MODULE = "/opt/norrlek/QuaxelSuite/KRX/Provider/QXRemConXfer.so"
 
-PROVIDER_DATA, THREAD_ID = 1, 2  # what an element is
-POINTER, UINT32 = 3, 6  # how its value is to be read
+PROVIDER_DATA, THREAD_ID = 1, 2  # indices of elements
+POINTER, UINT32 = 3, 6  # types of their values
 RECORDS, NO_MORE_RECORDS = 0, 1  # results of GetReports
 
 
@@ -49,13 +49,13 @@ class Module:
     def __init__(self, path):
         self._library = ctypes.CDLL(path)
         self._library["GetReports"].argtypes = [ctypes.POINTER(Block), ctypes.c_char_p, ctypes.POINTER(ctypes.c_void_p)]
-        # Without these, ctypes would cut pointers to 32 bits.
+        # Without these types, ctypes would truncate pointers to 32 bits.
         self._free = self._library["__free"]
         self._free.argtypes, self._free.restype = [ctypes.c_void_p], None
         self._thread_end = self._library["__threadend"]
         self._thread_end.argtypes, self._thread_end.restype = [ctypes.c_void_p], None
 
-        # The block holds addresses, so what it points at has to live as long: hence the attributes.
+        # The block contains addresses. Attributes keep the objects at these addresses alive.
         self._thread_number = ctypes.c_uint32(1)  # any number but 0
         self._thread_data = Element(index=PROVIDER_DATA, type=POINTER)
         self._thread_id = Element(index=THREAD_ID, type=UINT32, value=ctypes.addressof(self._thread_number))
@@ -77,17 +77,17 @@ class Module:
         try:
             return result, None if reply.value is None else parse(ctypes.string_at(reply.value))
         finally:
-            self._free(reply)  # the module's memory goes back to the module
+            self._free(reply)  # only the module can free its memory
 
 
 def parse(document):
-    """Records may hold what no XML document may: such bytes and characters are shown as U+FFFD."""
+    """Parses a reply. Bytes and characters of records that XML does not allow become U+FFFD."""
     text = document.decode("utf-8", "replace")
     return ElementTree.fromstring(re.sub("[\0-\x08\x0b\x0c\x0e-\x1f\ufffe\uffff]", "\ufffd", text))
 
 
 def records(module, report):
-    """Yields the report's records in chunks of text, a line each."""
+    """Yields the report's records in chunks of text, one line per record."""
     start = 0
     while True:
         result, reply = module.get_reports(f'<ReportData Name={quoteattr(report)} StartIndex="{start}"/>')
@@ -102,7 +102,7 @@ def records(module, report):
 
 
 def main(report, path=INSTALLED_MODULE):
-    # Loading the module empties the log of its name. With a trace directory of our own, a running service keeps its log.
+    # Loading the module empties its log file. With a private trace directory, the log of a running service is not touched.
     with tempfile.TemporaryDirectory() as trace_directory:
         os.environ["QX_LOG_RINGBUF_DIR"] = trace_directory
         with Module(path) as module:

@@ -1,4 +1,4 @@
-/* A host in plain C: loads the module, fetches a report as a remote client would, and prints its records.
+/* A host in plain C: loads the module, fetches a report like a remote client, and prints its records.
  *
  *   host REPORT [MODULE]
  */
@@ -10,8 +10,8 @@
 
 #include "provider/ModuleExports.h"
 
-/* The block that goes with every call: who calls (any number but 0), and a place where the module keeps what it has to
- * remember between the calls of this thread. */
+/* The block of every call. It has the number of the calling thread (not 0), and an element in which the module stores
+ * its data between the calls of this thread. */
 static unsigned thread_number = 1;
 static struct krx_element provider_data = {.index = kKrxProviderData, .type = kKrxTypePointer};
 static struct krx_element thread_id = {.index = kKrxThreadId, .type = kKrxTypeUint32, .value = &thread_number};
@@ -24,7 +24,8 @@ static QxThreadBeginFunction thread_begin;
 static QxThreadEndFunction thread_end;
 static QxFreeFunction free_reply;
 
-/* Loading the module empties the log of its name. A trace directory of our own leaves a running service its log. */
+/* Loading the module empties its log file. With a private trace directory, the log of a running service is not touched.
+ */
 static char trace_directory[] = "/tmp/host-XXXXXX";
 
 static void* Find(void* module, const char* name) {
@@ -39,14 +40,15 @@ static void* Load(const char* path) {
     fprintf(stderr, "host: cannot load the module: %s\n", dlerror());
     return NULL;
   }
-  *(void**)&get_reports = Find(module, "GetReports"); /* C has no conversion for this; it is the form POSIX asks for */
+  *(void**)&get_reports = Find(module, "GetReports"); /* the form that POSIX requires: C has no such conversion */
   *(void**)&thread_begin = Find(module, "__threadbegin");
   *(void**)&thread_end = Find(module, "__threadend");
   *(void**)&free_reply = Find(module, "__free");
   return get_reports != NULL && thread_begin != NULL && thread_end != NULL && free_reply != NULL ? module : NULL;
 }
 
-/* Records are the content of the reply's CDATA sections, each ending with CR LF. A real client has an XML parser. */
+/* The records are the content of the reply's CDATA sections; each one ends with CR LF. A real client uses an XML
+ * parser. */
 static void PrintRecords(const char* reply) {
   for (const char* at = reply; (at = strstr(at, "<![CDATA[")) != NULL;) {
     at += strlen("<![CDATA[");
@@ -56,7 +58,7 @@ static void PrintRecords(const char* reply) {
   }
 }
 
-/* One chunk of records, from `start` on. Returns the index to go on from, 0 at the end, -1 when there is an error. */
+/* Fetches one chunk of records, from `start` on. Returns the next start index, 0 at the end, -1 after an error. */
 static long FetchChunk(const char* report, long start) {
   char request[1024];
   char* reply = NULL;
@@ -71,7 +73,7 @@ static long FetchChunk(const char* report, long start) {
   } else {
     fprintf(stderr, "host: result %d, %s\n", result, reply != NULL ? reply : "no reply");
   }
-  free_reply(reply); /* the module's memory goes back to the module; null is allowed */
+  free_reply(reply); /* only the module can free its memory; null is allowed */
   return next;
 }
 

@@ -1,12 +1,11 @@
-// What a strict parser accepts must be well formed for CMarkup, with the same elements at the same depths. The other
-// way round does not hold: CMarkup accepts much that XML forbids (docs/markup.md, "Well-formed here").
+// A document that a strict parser accepts must be well formed for CMarkup, with the same elements at the same depths.
+// The reverse does not hold: CMarkup accepts much that XML forbids (docs/markup.md, "Well-formed here").
 //
-// Left out, because the two differ there on purpose:
-// - Other encodings: a document is taken as bytes, so the strict parser is told that all of them are UTF-8.
-// - Internal subsets of a document type: nothing that they declare has an effect for CMarkup.
-// - Documents over a record's limit (name over 1,020 bytes, end tag over 1,023, start tag of 4 MiB, depth over 65,535)
-// are
-//   refused.
+// Not compared, because the two differ there on purpose:
+// - Other encodings: CMarkup reads a document as bytes, so the strict parser is set to UTF-8 for all documents.
+// - Internal subsets of a document type: their declarations have no effect on CMarkup.
+// - Documents over a limit of the records (name over 1,020 bytes, end tag over 1,023, start tag of 4 MiB, depth over
+//   65,535): CMarkup refuses them.
 #include <expat.h>
 
 #include <cstddef>
@@ -22,8 +21,8 @@
 namespace {
 
 constexpr std::size_t kNameBytesMax = 1020;
-constexpr int kEndTagBytesMax = 1023;                // white space included
-constexpr std::size_t kDocumentBytesMax = 1U << 18;  // below the limits of start tags; nesting is counted
+constexpr int kEndTagBytesMax = 1023;                // including white space
+constexpr std::size_t kDocumentBytesMax = 1U << 18;  // below the limit of a start tag
 
 struct Element {
   int depth;
@@ -54,7 +53,7 @@ void BeginDoctype(void* context, const XML_Char*, const XML_Char*, const XML_Cha
   static_cast<Strict*>(context)->left_out |= has_internal_subset != 0;
 }
 
-// Whether the strict parser accepts the document, and what it finds there.
+// True if the strict parser accepts the document; `strict` then has its elements.
 bool ParseStrictly(const std::string& text, Strict& strict) {
   XML_ParserReset(strict.parser, "UTF-8");
   XML_SetUserData(strict.parser, &strict);

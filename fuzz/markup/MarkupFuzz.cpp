@@ -1,4 +1,5 @@
-// Any bytes as a document: parsed, walked, told in words, changed. Records and text have to agree after every step.
+// Parses any bytes as a document, walks it, formats its results and changes it. Records and text must agree after every
+// step.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -33,7 +34,7 @@ void Walk(CMarkup& markup) {
   }
 }
 
-// The path and the edits come from the document's own bytes.
+// The bytes of the document determine the path and the edits.
 void Edit(CMarkup& markup, const std::string& text) {
   markup.ResetPos();
   (void)markup.FindElem(text.substr(text.size() / 2).c_str());

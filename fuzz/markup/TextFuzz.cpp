@@ -1,4 +1,4 @@
-// Any bytes through the text services: what they write has to read back.
+// Passes any bytes through the text services: what they write must read back unchanged.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
