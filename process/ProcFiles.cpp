@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 
-// Takes the first word off `text`; empty when none is left.
+// Removes the first word from `text` and returns it; empty if there are no more words.
 std::string_view TakeWord(std::string_view& text) {
   text.remove_prefix(std::min(text.find_first_not_of(kWhiteSpace), text.size()));
   const std::string_view word = text.substr(0, text.find_first_of(kWhiteSpace));

@@ -1,4 +1,4 @@
-// Internal: the texts under /proc, taken apart. Free of the file system, so that tests can feed it any text.
+// Internal: reads the texts under /proc. It opens no files, so that tests can pass any text.
 #pragma once
 
 #include <optional>
@@ -15,7 +15,7 @@ namespace qx::process {
 // A number of bytes in units of 1024 to the power of `unit`, rounded down.
 [[nodiscard]] unsigned long InUnit(unsigned long bytes, int unit);
 
-// The process id that a directory name under /proc spells, or nothing: "17" => 17; "self", "0", "17x" => nothing.
+// The process id that a directory under /proc is named after, or nothing: "17" => 17; "self", "0", "17x" => nothing.
 [[nodiscard]] std::optional<int> PidOfDirectoryName(std::string_view name);
 
 }  // namespace qx::process

@@ -24,8 +24,8 @@ constexpr std::size_t kPathBytesMax = 4096;
 constexpr std::size_t kProcFileBytesMax = 1U << 20;
 constexpr int kFirstDescriptorToClose = 3;
 
-// What the child needs, made before the fork: afterwards only async-signal-safe calls are allowed, because another
-// thread of the parent may have held any lock (the allocator's among them) at that moment.
+// What the child needs, prepared before the fork. After the fork only async-signal-safe calls are allowed, because
+// another thread of the parent may have held any lock at that moment (such as the allocator's).
 class ChildPlan {
  public:
   ChildPlan(const char* cmd, bool inherit_handles) : inherit_handles_(inherit_handles), words_(Words(cmd)) {
@@ -49,7 +49,7 @@ class ChildPlan {
   }
 
  private:
-  // "prog 'a b'" => prog, 'a, b': as stream extraction takes words, no quoting.
+  // "prog 'a b'" => prog, 'a, b': the words that stream extraction would read, without quoting.
   static std::vector<std::string> Words(std::string_view text) {
     constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
     std::vector<std::string> words;
@@ -61,7 +61,7 @@ class ChildPlan {
     return words;
   }
 
-  // One call where the kernel has it; one call a descriptor where it has not, or forbids it.
+  // One call if the kernel supports and allows it; otherwise one call per descriptor.
   void CloseDescriptors() const {
     if (close_range(kFirstDescriptorToClose, UINT_MAX, 0) == 0) return;
     for (int descriptor = kFirstDescriptorToClose; descriptor < descriptor_limit_; ++descriptor) close(descriptor);
@@ -74,13 +74,13 @@ class ChildPlan {
   sigset_t unblocked_;
 };
 
-// The process's working directory for the time of a command; goes back when asked to, once.
+// Changes the process's working directory for a command. GoBack changes it back.
 class DirectoryChange {
  public:
-  // True when the working directory is `dir` now, or none was asked for.
+  // True if the working directory is `dir` now, or no directory was requested.
   [[nodiscard]] bool Enter(const char* dir) {
     if (dir == nullptr || *dir == '\0') return true;
-    (void)CProcess::GetCurrentDir(before_);  // an unknown one is left empty: going back fails then
+    (void)CProcess::GetCurrentDir(before_);  // if this fails, before_ stays empty and GoBack fails
     if (before_ == dir) return true;
     changed_ = CProcess::SetCurrentDir(dir);
     return changed_;
@@ -92,8 +92,8 @@ class DirectoryChange {
   bool changed_ = false;
 };
 
-// The exit status of the child, or nothing when it was killed or could not be awaited.
-std::optional<unsigned> AwaitExitStatus(pid_t pid) {
+// Waits for the child. Returns its exit status, or nothing if it was killed or is not a child.
+std::optional<unsigned> WaitForExitStatus(pid_t pid) {
   int status = 0;
   pid_t reaped;
   do {
@@ -107,7 +107,7 @@ std::optional<unsigned> AwaitExitStatus(pid_t pid) {
 bool NamesOneProcess(unsigned pid) { return pid != 0 && pid <= static_cast<unsigned>(INT_MAX); }
 
 bool WaitAndStoreExitCode(unsigned pid, unsigned& exit_code) {
-  exit_code = AwaitExitStatus(static_cast<pid_t>(pid)).value_or(kNone);
+  exit_code = WaitForExitStatus(static_cast<pid_t>(pid)).value_or(kNone);
   return exit_code == 0;
 }
 
@@ -117,7 +117,8 @@ struct CloseDirectory {
 
 std::string ProcPath(long long pid, const char* file) { return "/proc/" + std::to_string(pid) + "/" + file; }
 
-// Reads until `stop` (0: none) was seen, the end, or the limit. Nothing when the file cannot be opened or read.
+// Reads up to and including the block with the first `stop` (0: none), to the end, or to the limit. Nothing if the file
+// cannot be opened or read.
 std::optional<std::string> ReadProcFile(const std::string& path, char stop) {
   const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return std::nullopt;

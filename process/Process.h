@@ -1,34 +1,34 @@
-// Processes of the local Linux system: starting and awaiting commands, finding processes, reading their figures from
-// /proc, and the process's own working directory.
+// Processes of the local Linux system: starts commands and waits for them, finds processes, reads their figures from
+// /proc, and reads and changes the working directory.
 //
-// This file stands alone: it traces nothing and keeps no state, because the trace facility itself asks it for the
-// memory figure of its entry headers. There is no shell, no capture of output and no time limit on a wait.
+// It traces nothing and keeps no state, because the trace facility itself calls it for the memory figure in entry
+// headers. There is no shell, no capture of output and no time limit on a wait.
 #pragma once
 
 #include <string>
 
-// A set of static operations; no object of it is ever made.
+// A set of static operations; there are no objects of this class.
 //
 // Threads: every operation may run on any thread. Running a command with a directory changes the working directory of
-// the whole process while the command is started (and, for a synchronous one, until it ends), so callers that do so
-// from several threads serialise themselves.
-// Failure: `false`; unless a comment says otherwise, outputs are then as they were before the call.
+// the whole process while the command is started (and, for a synchronous one, until it ends). Callers that do so from
+// several threads must serialise these calls.
+// Failure: `false`; outputs are then as they were before the call, unless a comment says otherwise.
 class CProcess {
  public:
   CProcess() = delete;
 
   // Starts `cmd` and, unless `async`, waits for its end. The command line is split at white space: no quoting, no
-  // escapes, no shell; the first word is looked up along PATH. Standard input, output and error are inherited; every
-  // other descriptor only with `inherit_handles` (and then only if it is not close-on-exec).
+  // escapes, no shell; the first word is looked up along PATH. Standard input, output and error are inherited; other
+  // descriptors only with `inherit_handles`, and only if they are not close-on-exec.
   //
-  // `dir`: the command's working directory; null, empty or the current one: none of its own. If it cannot be entered,
-  // nothing is started. The unnamed bool is accepted and ignored.
-  // `pid`: the child's id, or 0xFFFFFFFF when none was started.
-  // `exit_code`: the exit status 0 to 255 of a synchronous command that ended by itself (255 also when the program
-  // could not be started), else 0xFFFFFFFF.
-  // Returns: synchronous, exit status 0; asynchronous, the child was started. False as well when the working directory
-  // could not be changed back, and for a command without words. The caller reaps an asynchronous child (WaitForExit).
-  // [any thread]
+  // `dir`: the command's working directory. Null, empty or the current directory means no change. If the directory
+  // cannot be entered, nothing is started. The unnamed bool is ignored.
+  // `pid`: the child's id, or 0xFFFFFFFF if no child was started.
+  // `exit_code`: the exit status 0 to 255 of a synchronous command that exited (255 also if the program could not be
+  // started), otherwise 0xFFFFFFFF.
+  // Returns: synchronous, true for exit status 0; asynchronous, true if the child was started. False as well if the
+  // working directory could not be changed back, and for a command without words. The caller must reap an asynchronous
+  // child (WaitForExit). [any thread]
   [[nodiscard]] static bool execute_command(const char* cmd, unsigned& pid, unsigned& exit_code, const char* dir, bool,
                                             bool async, bool inherit_handles);
 
@@ -37,19 +37,19 @@ class CProcess {
   [[nodiscard]] static bool ExecuteCmd(const char* cmd, unsigned& pid, unsigned& exit_code, const char* dir, bool,
                                        bool inherit_handles);
 
-  // execute_command, asynchronous. Without a place for the id the child can only be reaped by waiting for any child.
+  // execute_command, asynchronous. The form without `pid` leaves a child that only a wait for any child can reap.
   // [any thread]
   [[nodiscard]] static bool ExecuteCmdAsync(const char* cmd, const char* dir, bool, bool inherit_handles);
   [[nodiscard]] static bool ExecuteCmdAsync(const char* cmd, unsigned& pid, const char* dir, bool,
                                             bool inherit_handles);
 
-  // Waits, without limit, for the child `pid`. True when it exited with status 0. `exit_code` is its exit status, or
-  // 0xFFFFFFFF when it was killed or is no child of this process. `timeout` is ignored. Ids 0 and above INT_MAX name
-  // groups of processes to the system and are refused. [any thread]
+  // Waits, without limit, for the child `pid`. True if it exited with status 0. `exit_code` is its exit status, or
+  // 0xFFFFFFFF if it was killed or is not a child of this process. `timeout` is ignored. Ids 0 and above INT_MAX are
+  // refused, because the system would take them for groups of processes. [any thread]
   [[nodiscard]] static bool WaitForExit(unsigned pid, unsigned& exit_code, unsigned timeout);
 
-  // Kills `pid` at once (SIGKILL); true when the signal was delivered. `exit_code` is ignored. Ids 0 and above INT_MAX
-  // would kill whole groups of processes and are refused. [any thread]
+  // Kills `pid` at once (SIGKILL); true if the signal was delivered. `exit_code` is ignored. Ids 0 and above INT_MAX
+  // are refused, because they would kill groups of processes. [any thread]
   [[nodiscard]] static bool TerminateProcess(unsigned pid, unsigned exit_code);
 
   // The first process, in the order of /proc, whose short name is exactly `name`. The system keeps 15 bytes of a name,
@@ -59,19 +59,21 @@ class CProcess {
   // The short name of a process (at most 15 bytes). [any thread]
   [[nodiscard]] static bool GetProcessName(std::string& name, unsigned pid);
 
-  // The path of a process's executable; needs the right to look into that process. [any thread]
+  // The path of a process's executable. Needs permission to read the link /proc/PID/exe. [any thread]
   [[nodiscard]] static bool GetProcessPath(std::string& path, unsigned pid);
 
-  // Name and path; the name is set even when the path cannot be read. [any thread]
+  // Name and path. If only the path cannot be read, the result is false, and `name` is set. If the name cannot be read,
+  // neither is set. [any thread]
   [[nodiscard]] static bool GetProcessInfo(unsigned pid, std::string& name, std::string& path);
 
-  // The number on the line `key` (such as "VmSize:") of /proc/pid/status, in bytes shifted right by 10 bits `unit`
-  // times: 0 bytes, 1 KiB, 2 MiB, 3 GiB, always rounded down. A line without a unit word counts as bytes. No such line
-  // or no number on it: false. [any thread]
+  // The number on the line `key` (such as "VmSize:") of /proc/pid/status, in the unit `unit`: 0 bytes, 1 KiB, 2 MiB,
+  // 3 GiB, rounded down. A number without a unit word counts as bytes. False if there is no such line, or no number on
+  // it. [any thread]
   [[nodiscard]] static bool GetProcessMemorySpecificInfo(unsigned pid, unsigned long* value, std::string key, int unit);
 
-  // Memory figures in bytes: address space, its peak, swapped out, always 0, address space without libraries. All five
-  // are set to 0 first, and a figure the system does not tell stays 0. True when size and peak are known. [any thread]
+  // Memory figures in bytes: the address space, its peak, the swapped-out part, always 0, the address space without
+  // libraries. A figure that the system does not show is 0, whatever the result. True if size and peak are known.
+  // [any thread]
   [[nodiscard]] static bool GetProcessMemoryInfo(unsigned pid, unsigned long* vm_size, unsigned long* vm_peak,
                                                  unsigned long* vm_swap, unsigned long* reserved,
                                                  unsigned long* private_size);

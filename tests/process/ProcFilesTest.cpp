@@ -21,13 +21,13 @@ TEST(ProcFiles, StatusNumbersAreScaledByTheirUnitWord) {
   EXPECT_EQ(BytesOnStatusLine(kText, "VmSwap:"), 0U);
 }
 
-TEST(ProcFiles, OnlyAWholeFirstWordIsAKey) {
+TEST(ProcFiles, KeyMatchesOnlyAWholeFirstWord) {
   constexpr std::string_view kText = "VmSize:x 1 kB\nOther: VmSize: 2 kB\n  VmSize: 3 kB\nVmSize: 4 kB";
   EXPECT_EQ(BytesOnStatusLine(kText, "VmSize:"), 3072U);
   EXPECT_EQ(BytesOnStatusLine(kText, "VmSize"), std::nullopt);
 }
 
-TEST(ProcFiles, ALineWithoutANumberGivesNothing) {
+TEST(ProcFiles, LineWithoutANumberGivesNothing) {
   EXPECT_EQ(BytesOnStatusLine("Name:\tcat\n", "Name:"), std::nullopt);
   EXPECT_EQ(BytesOnStatusLine("VmSize:\n", "VmSize:"), std::nullopt);
   EXPECT_EQ(BytesOnStatusLine("VmSize:", "VmSize:"), std::nullopt);

@@ -1,4 +1,4 @@
-// A system that starts no further process: nothing runs, and everything is as before.
+// On a system that refuses to start a process, nothing runs and everything stays as before.
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -21,7 +21,7 @@ namespace {
 
 constexpr unsigned kNone = 0xFFFFFFFFU;
 
-// Makes a system call of this process fail with EAGAIN for good, as it does at the limit of processes.
+// Makes a system call of this process fail with EAGAIN from now on, as fork does at the limit of processes.
 bool Forbid(long call) {
   sock_filter program[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -47,7 +47,7 @@ bool ForbidForks() {
   return is_forbidden && fork() < 0;
 }
 
-// The exit status of a child that runs `body` and may then start no process itself.
+// The exit status of a child that runs `body` and cannot start processes itself.
 int InChildWithoutForks(const std::function<int()>& body) {
   const pid_t child = fork();
   if (child == 0) qx::test::EndChild(ForbidForks() ? body() : 77);
@@ -56,7 +56,7 @@ int InChildWithoutForks(const std::function<int()>& body) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
 }
 
-TEST(ProcessFork, ThatFailsGivesNoProcessAndTheDirectoryFromBefore) {
+TEST(ProcessFork, FailedForkGivesNoProcessAndRestoresTheDirectory) {
   const qx::test::TempDir dir;
   EXPECT_EQ(InChildWithoutForks([&] {
               std::string before;

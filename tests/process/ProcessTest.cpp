@@ -39,7 +39,7 @@ using qx::test::WriteFile;
 
 constexpr unsigned kNone = 0xFFFFFFFFU;
 
-// Runs `body` in a forked child, for what changes the whole process. The result is the child's exit status.
+// Runs `body` in a forked child, because it changes the whole process. Returns the child's exit status.
 int InChild(const std::function<int()>& body) {
   const pid_t child = fork();
   if (child == 0) {
@@ -47,7 +47,7 @@ int InChild(const std::function<int()>& body) {
       qx::test::EndChild(body());
     } catch (const std::exception& error) {
       std::fprintf(stderr, "%s\n", error.what());
-      _exit(99);  // it must not return into the test run
+      _exit(99);  // it must not return to the test program
     }
   }
   int status = 0;
@@ -55,7 +55,7 @@ int InChild(const std::function<int()>& body) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
 }
 
-// A command of the test's own: a shell script whose path has no white space.
+// A command for the test: a shell script whose path has no white space.
 class Script {
  public:
   explicit Script(const std::string& body) {
@@ -94,7 +94,7 @@ TEST(Process, CommandLineIsSplitAtWhiteSpaceWithoutQuoting) {
   EXPECT_EQ(ReadFile(script.File("words")), "'a\nb'\n\\\n$HOME\n*\n\"\"\n");
 }
 
-// "prog 'a b' $HOME  =>  prog | 'a | b' | $HOME": the first word is the program, so a script stands for it.
+// "prog 'a b' $HOME  =>  prog | 'a | b' | $HOME": a script takes the place of prog.
 TEST(Process, WorkedExampleOfThePageIsWhatTheProgramGets) {
   const std::string example = qx::test::DocExample("processes.md", "command-words");
   const std::size_t arrow = example.find("  =>  ");
@@ -156,7 +156,7 @@ TEST(Process, AsynchronousCommandIsTrueOnceStartedAndReapedByWaitForExit) {
   EXPECT_EQ(exit_code, kNone);
 }
 
-TEST(Process, AsynchronousProgramThatCannotBeStartedIsTrueAllTheSame) {
+TEST(Process, AsynchronousProgramThatCannotBeStartedIsTrueAnyway) {
   unsigned pid = 0;
   unsigned exit_code = 0;
   EXPECT_TRUE(CProcess::ExecuteCmdAsync("/nowhere/no-such-program", pid, nullptr, false, false));
@@ -164,7 +164,7 @@ TEST(Process, AsynchronousProgramThatCannotBeStartedIsTrueAllTheSame) {
   EXPECT_EQ(exit_code, 255U);
 }
 
-TEST(Process, ShortFormsRunTheSameWorker) {
+TEST(Process, ShortFormsRunTheCommand) {
   EXPECT_TRUE(CProcess::ExecuteCmd("true", nullptr, true, true));
   EXPECT_FALSE(CProcess::ExecuteCmd("false", nullptr, true, true));
   EXPECT_TRUE(CProcess::ExecuteCmdAsync("false", nullptr, false, false));
@@ -182,7 +182,7 @@ TEST(Process, CommandRunsInItsDirectoryAndTheProcessGoesBack) {
   EXPECT_EQ(CurrentDir(), before);
 }
 
-TEST(Process, AsynchronousCommandRunsInItsDirectoryAndTheProcessIsBackAtOnce) {
+TEST(Process, AsynchronousCommandRunsInItsDirectoryAndTheProcessGoesBack) {
   const Script script("pwd > \"$(dirname \"$0\")/where\"\n");
   const TempDir dir;
   const std::string before = CurrentDir();
@@ -194,7 +194,7 @@ TEST(Process, AsynchronousCommandRunsInItsDirectoryAndTheProcessIsBackAtOnce) {
   EXPECT_EQ(ReadFile(script.File("where")), dir.Path() + "\n");
 }
 
-TEST(Process, EmptyOrCurrentDirectoryIsNoChange) {
+TEST(Process, EmptyOrCurrentDirectoryMeansNoChange) {
   EXPECT_TRUE(RunCommand("true", "").result);
   EXPECT_TRUE(RunCommand("true", CurrentDir().c_str()).result);
 }
@@ -230,7 +230,7 @@ class InheritedDescriptor {
     close(null_);
   }
   static constexpr int kNumber = 207;
-  static Outcome Look(bool inherit_handles) {
+  static Outcome Test(bool inherit_handles) {
     return RunCommand("test -e /proc/self/fd/207", nullptr, inherit_handles);
   }
 
@@ -240,12 +240,12 @@ class InheritedDescriptor {
 
 TEST(Process, DescriptorsAreClosedInTheChildUnlessInherited) {
   const InheritedDescriptor descriptor;
-  EXPECT_EQ(InheritedDescriptor::Look(false).exit_code, 1U);
-  EXPECT_EQ(InheritedDescriptor::Look(true).exit_code, 0U);
+  EXPECT_EQ(InheritedDescriptor::Test(false).exit_code, 1U);
+  EXPECT_EQ(InheritedDescriptor::Test(true).exit_code, 0U);
   EXPECT_TRUE(RunCommand("test -e /proc/self/fd/2").result);  // standard error is always inherited
 }
 
-// Makes the kernel answer close_range as one that does not know the call.
+// Makes close_range fail as in a kernel that does not have it.
 bool ForbidCloseRange() {
   sock_filter program[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -258,26 +258,26 @@ bool ForbidCloseRange() {
          close_range(100000, 100001, 0) != 0;
 }
 
-TEST(Process, DescriptorsAreClosedOneByOneWhereTheKernelHasNoRangeCall) {
+TEST(Process, DescriptorsAreClosedOneByOneWithoutCloseRange) {
   const InheritedDescriptor descriptor;
   EXPECT_EQ(InChild([] {
               if (!ForbidCloseRange()) return 77;
-              // A limit below 256 means 1024; so number 207 is within reach either way.
+              // A limit below 256 counts as 1024, so number 207 is closed with both limits.
               const rlimit limit{64, 64};
-              if (InheritedDescriptor::Look(false).exit_code != 1) return 2;
+              if (InheritedDescriptor::Test(false).exit_code != 1) return 2;
               if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
-              return InheritedDescriptor::Look(false).exit_code == 1 ? 0 : 4;
+              return InheritedDescriptor::Test(false).exit_code == 1 ? 0 : 4;
             }),
             0);
 }
 
-TEST(Process, FourSignalsAreUnblockedInTheChildAndOthersStay) {
+TEST(Process, FourSignalsAreUnblockedInTheChildAndOthersStayBlocked) {
   sigset_t blocked;
   sigset_t before;
   sigemptyset(&blocked);
   for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGALRM, SIGUSR1}) sigaddset(&blocked, number);
   pthread_sigmask(SIG_SETMASK, &blocked, &before);
-  // SIGUSR1 is bit 9. No shell in between: it would clear the mask.
+  // SIGUSR1 is bit 9. The command is not a script, because a shell would clear the mask.
   EXPECT_TRUE(RunCommand("grep -q SigBlk:.0000000000000200 /proc/self/status").result);
   sigset_t after;
   pthread_sigmask(SIG_SETMASK, &before, &after);
@@ -298,18 +298,18 @@ TEST(Process, WaitIsRetriedWhenASignalInterruptsIt) {
             0);
 }
 
-TEST(Process, TerminateProcessKillsAndWaitForExitTellsSo) {
+TEST(Process, WaitForExitOfAKilledProcessIsFalse) {
   unsigned pid = 0;
   unsigned exit_code = 0;
   ASSERT_TRUE(CProcess::ExecuteCmdAsync("sleep 1000", pid, nullptr, false, false));
   EXPECT_TRUE(CProcess::TerminateProcess(pid, 5));
   EXPECT_FALSE(CProcess::WaitForExit(pid, exit_code, 1));
   EXPECT_EQ(exit_code, kNone);
-  EXPECT_FALSE(CProcess::TerminateProcess(pid, 5));  // it is gone
+  EXPECT_FALSE(CProcess::TerminateProcess(pid, 5));  // the process no longer exists
 }
 
-// In a child, and one that leads a process group of its own: a refusal that fails must not kill the test run.
-TEST(Process, IdsThatNameGroupsOfProcessesAreRefused) {
+// Runs in a child that leads its own process group: if the id is not refused, the test program must survive.
+TEST(Process, IdOfAProcessGroupIsRefused) {
   EXPECT_EQ(InChild([] {
               setpgid(0, 0);
               for (const unsigned pid : {0U, static_cast<unsigned>(INT_MAX) + 1, static_cast<unsigned>(-getpid())}) {
@@ -331,7 +331,7 @@ TEST(Process, WaitForExitOfAGroupIdDoesNotReapAnotherChild) {
   EXPECT_TRUE(CProcess::WaitForExit(pid, exit_code, 0));
 }
 
-TEST(Process, FindsAProcessByItsExactShortName) {
+TEST(Process, ProcessIsFoundByItsExactShortName) {
   const std::string name = "qxf" + std::to_string(getpid());
   EXPECT_EQ(InChild([&] {
               prctl(PR_SET_NAME, name.c_str());
@@ -356,13 +356,13 @@ TEST(Process, NameOfSixteenCharactersIsNeverFound) {
             0);
 }
 
-TEST(Process, FindWithoutANameFindsNothing) {
+TEST(Process, NullNameFindsNothing) {
   unsigned pid = 0;
   EXPECT_FALSE(CProcess::FindProcess(pid, nullptr));
   EXPECT_EQ(pid, kNone);
 }
 
-// Makes the calling process root of a user namespace and a mount namespace of its own.
+// Makes the calling process root of a private user namespace and mount namespace.
 bool EnterOwnNamespaces() {
   const std::string user = "0 " + std::to_string(getuid()) + " 1";
   const std::string group = "0 " + std::to_string(getgid()) + " 1";
@@ -373,8 +373,8 @@ bool EnterOwnNamespaces() {
   return true;
 }
 
-// Runs `body` with an empty /proc to fill.
-int WithOwnProc(const std::function<int()>& body) {
+// Runs `body` with an empty /proc, which it may fill.
+int WithEmptyProc(const std::function<int()>& body) {
   return InChild([&] {
     if (!EnterOwnNamespaces() || mount("none", "/proc", "tmpfs", 0, nullptr) != 0) return 77;
     return body();
@@ -384,7 +384,7 @@ int WithOwnProc(const std::function<int()>& body) {
 constexpr const char* kNamespaceAdvice = "77: allow unprivileged user namespaces (kernel.unprivileged_userns_clone)";
 
 TEST(Process, FiguresOfAProcessAreReadFromItsStatusFile) {
-  EXPECT_EQ(WithOwnProc([] {
+  EXPECT_EQ(WithEmptyProc([] {
               mkdir("/proc/77", 0755);
               WriteFile(
                   "/proc/77/status",
@@ -405,12 +405,12 @@ TEST(Process, FiguresOfAProcessAreReadFromItsStatusFile) {
       << kNamespaceAdvice;
 }
 
-TEST(Process, FindsNothingInAnEmptyOrMissingProc) {
+TEST(Process, EmptyOrMissingProcFindsNothing) {
   const auto finds_nothing = [] {
     unsigned pid = 0;
     return !CProcess::FindProcess(pid, "init") && pid == kNone ? 0 : 1;
   };
-  EXPECT_EQ(WithOwnProc(finds_nothing), 0) << kNamespaceAdvice;
+  EXPECT_EQ(WithEmptyProc(finds_nothing), 0) << kNamespaceAdvice;
 
   const TempDir empty_root;
   EXPECT_EQ(InChild([&] {
@@ -421,14 +421,14 @@ TEST(Process, FindsNothingInAnEmptyOrMissingProc) {
       << kNamespaceAdvice;
 }
 
-TEST(Process, FirstMatchIsTakenAndFilesBesideTheProcessesAreSkipped) {
-  EXPECT_EQ(WithOwnProc([] {
+TEST(Process, FirstMatchIsFoundAndOtherEntriesAreSkipped) {
+  EXPECT_EQ(WithEmptyProc([] {
               for (const char* dir : {"/proc/self", "/proc/12x", "/proc/31"}) {
                 mkdir(dir, 0755);
                 WriteFile(std::string(dir) + "/comm", "agent\n");
               }
               mkdir("/proc/32", 0755);  // without a readable name
-              WriteFile("/proc/33", "no directory");
+              WriteFile("/proc/33", "not a directory");
               unsigned pid = 0;
               return CProcess::FindProcess(pid, "agent") && pid == 31 ? 0 : 1;
             }),
@@ -455,7 +455,7 @@ TEST(Process, FiguresOfAMissingProcessAreZero) {
   EXPECT_FALSE(CProcess::GetProcessMemorySpecificInfo(static_cast<unsigned>(getpid()), nullptr, "VmSize:", 1));
 }
 
-TEST(Process, NameAndPathOfTheOwnProcess) {
+TEST(Process, OwnNameAndPathAreKnown) {
   const auto self = static_cast<unsigned>(getpid());
   std::string name;
   std::string path;
@@ -464,7 +464,7 @@ TEST(Process, NameAndPathOfTheOwnProcess) {
   EXPECT_EQ(path.substr(path.rfind('/') + 1), "process_test");
 }
 
-TEST(Process, NameAndPathOfAMissingProcessAreLeftAlone) {
+TEST(Process, MissingProcessLeavesNameAndPathUnchanged) {
   std::string name = "n";
   std::string path = "p";
   EXPECT_FALSE(CProcess::GetProcessInfo(kNone, name, path));
@@ -484,7 +484,7 @@ TEST(Process, ProcFileIsItsFirstLine) {
   EXPECT_EQ(line, "Name:\tprocess_test");
 }
 
-TEST(Process, MissingEmptyOrUnreadableProcFileLeavesTheOutputAlone) {
+TEST(Process, MissingOrUnreadableProcFileLeavesTheOutputUnchanged) {
   std::string line = "kept";
   EXPECT_FALSE(CProcess::get_proc_file(getpid(), "no-such-file", line));
   EXPECT_FALSE(CProcess::get_proc_file(getpid(), "fd", line));
@@ -493,8 +493,8 @@ TEST(Process, MissingEmptyOrUnreadableProcFileLeavesTheOutputAlone) {
   EXPECT_EQ(line, "kept");
 }
 
-TEST(Process, ProcFileLineIsCutAtOneMebibyte) {
-  EXPECT_EQ(WithOwnProc([] {
+TEST(Process, ProcFileLineIsTruncatedAtOneMebibyte) {
+  EXPECT_EQ(WithEmptyProc([] {
               mkdir("/proc/77", 0755);
               WriteFile("/proc/77/environ", std::string(3U << 20U, 'x'));
               std::string line;
@@ -518,7 +518,7 @@ TEST(Process, WorkingDirectoryCanBeReadAndChanged) {
   EXPECT_EQ(CurrentDir(), before);
 }
 
-TEST(Process, UnknownWorkingDirectoryLeavesTheOutputAlone) {
+TEST(Process, UnknownWorkingDirectoryLeavesTheOutputUnchanged) {
   EXPECT_EQ(InChild([] {
               std::string out = "kept";
               {
@@ -530,8 +530,8 @@ TEST(Process, UnknownWorkingDirectoryLeavesTheOutputAlone) {
             0);
 }
 
-// Other threads hold the allocator's locks at the moment of the fork; a child that allocated would hang.
-TEST(ProcessThreads, CommandsRunWhileOtherThreadsAllocateAndHoldDescriptors) {
+// Other threads may hold the allocator's locks at the moment of the fork; a child that allocates would then hang.
+TEST(ProcessThreads, CommandsRunWhileOtherThreadsAllocate) {
   std::atomic<bool> stop{false};
   std::vector<int> descriptors;
   for (int i = 0; i < 200; ++i) descriptors.push_back(open("/dev/null", O_RDONLY));
@@ -555,8 +555,8 @@ TEST(ProcessThreads, CommandsRunWhileOtherThreadsAllocateAndHoldDescriptors) {
   EXPECT_EQ(good, 40);
 }
 
-// Thousands of descriptors of the caller, far above the first hundreds, and more being opened while it forks.
-TEST(ProcessThreads, NoChildInheritsOneOfThousandsOfDescriptors) {
+// The caller has thousands of open descriptors, and opens more while it forks.
+TEST(ProcessThreads, ChildInheritsNoneOfThousandsOfDescriptors) {
   rlimit limit = {};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
   const rlimit raised = {std::min<rlim_t>(limit.rlim_max, 8192), limit.rlim_max};
@@ -565,7 +565,7 @@ TEST(ProcessThreads, NoChildInheritsOneOfThousandsOfDescriptors) {
   for (rlim_t i = 0; i + 200 < raised.rlim_cur; ++i) descriptors.push_back(open("/dev/null", O_RDONLY));
   EXPECT_EQ(std::count(descriptors.begin(), descriptors.end(), -1), 0);
 
-  // The shell has its three, the script itself and a pipe; the thousands would be more.
+  // The shell has its three standard descriptors, the script itself and a pipe.
   const Script script("test $(ls /proc/$$/fd | wc -l) -le 8\n");
   std::atomic<bool> stop{false};
   std::thread opener([&] {
@@ -582,7 +582,7 @@ TEST(ProcessThreads, NoChildInheritsOneOfThousandsOfDescriptors) {
   stop = true;
   opener.join();
   EXPECT_EQ(good, 32);
-  EXPECT_FALSE(RunCommand(script.Path(), nullptr, true).result);  // the script does tell
+  EXPECT_FALSE(RunCommand(script.Path(), nullptr, true).result);  // the script detects inherited ones
   for (const int descriptor : descriptors) close(descriptor);
   setrlimit(RLIMIT_NOFILE, &limit);
 }
