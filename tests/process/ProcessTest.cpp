@@ -472,6 +472,19 @@ TEST(Process, MissingProcessLeavesNameAndPathUnchanged) {
   EXPECT_EQ(name + path, "np");
 }
 
+TEST(Process, UnreadablePathStillSetsTheName) {
+  EXPECT_EQ(WithEmptyProc([] {
+              mkdir("/proc/77", 0755);
+              WriteFile("/proc/77/comm", "agent\n");  // and no exe
+              std::string name = "n";
+              std::string path = "p";
+              if (CProcess::GetProcessInfo(77, name, path)) return 1;
+              return name == "agent" && path == "p" ? 0 : 2;
+            }),
+            0)
+      << kNamespaceAdvice;
+}
+
 TEST(Process, HandleCountIsNotAvailable) {
   unsigned count = 9;
   EXPECT_FALSE(CProcess::GetProcessHandleCount(static_cast<unsigned>(getpid()), count));
