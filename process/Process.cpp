@@ -1,7 +1,6 @@
 #include "process/Process.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/File.h"
 #include "process/ProcFiles.h"
 
 namespace {
@@ -120,22 +120,18 @@ std::string ProcPath(long long pid, const char* file) { return "/proc/" + std::t
 // Reads up to and including the block with the first `stop` (0: none), to the end, or to the limit. Nothing if the file
 // cannot be opened or read.
 std::optional<std::string> ReadProcFile(const std::string& path, char stop) {
-  const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) return std::nullopt;
+  const qx::file::Descriptor file = qx::file::Open(path.c_str(), O_RDONLY);
+  if (!file.IsOpen()) return std::nullopt;
   std::string text;
   char window[4096];
-  ssize_t got;
-  for (;;) {
-    got = read(descriptor, window, sizeof window);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    const std::string_view bytes(window, static_cast<std::size_t>(got));
+  while (text.size() < kProcFileBytesMax) {
+    const qx::file::Progress progress = qx::file::ReadSome(file.Number(), window, sizeof window);
+    if (progress.Failed()) return std::nullopt;
+    if (progress.bytes == 0) break;
+    const std::string_view bytes(window, progress.bytes);
     text.append(bytes);
-    const bool stopped = stop != '\0' && bytes.find(stop) != std::string_view::npos;
-    if (stopped || text.size() >= kProcFileBytesMax) break;
+    if (stop != '\0' && bytes.find(stop) != std::string_view::npos) break;
   }
-  close(descriptor);
-  if (got < 0) return std::nullopt;
   return text;
 }
 
