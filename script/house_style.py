@@ -1,12 +1,14 @@
 #!/usr/bin/env python3
-"""Checks what neither compiler nor formatter sees: line and function length, banned calls, include layers.
+"""Checks what neither compiler nor formatter sees: line and function length, banned calls, include layers, words.
 
-Runs with the tests. Prints one line a finding and exits 1 if there is any.
+Runs with the tests. Prints one line for each finding, and exits 1 if there are any.
 """
 import pathlib
 import re
 import subprocess
 import sys
+
+import plain_english
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 LINE_MAX = 120
@@ -177,6 +179,10 @@ def main():
                 findings.append(f"{path}:1: {len(lines)} lines, at most {FILE_LINES_MAX}")
         for check in checks:
             findings.extend(f"{path}:{number}: {what}" for number, what in check)
+    for path in tracked("*"):
+        if plain_english.is_cleaned(str(path)) and (ROOT / path).is_file():
+            text = (ROOT / path).read_text(encoding="utf-8", errors="replace")
+            findings.extend(f"{path}:{line}: {what}" for line, what in plain_english.findings(str(path), text))
     print("\n".join(findings) if findings else "house style: clean")
     return 1 if findings else 0
 

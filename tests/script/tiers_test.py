@@ -44,6 +44,7 @@ TIERS_OF = [
     ("packaging/abi/", ["test"]),
     ("script/bench", ["bench", "plot"]),  # the second only for --plot
     ("script/house_style.py", ["test"]),
+    ("script/plain_english.py", ["test"]),
     ("tests/", ["test"]),
     ("examples/", ["test"]),
 ]
@@ -143,7 +144,8 @@ def python_findings(path, text, packages):
         elif isinstance(node, ast.ImportFrom) and node.level == 0:
             names = [node.module]
         for name in (name.split(".")[0] for name in names):
-            if name in sys.stdlib_module_names or list(ROOT.glob(f"tests/**/{name}.py")):
+            if name in sys.stdlib_module_names or list(ROOT.glob(f"tests/**/{name}.py")) \
+                    or (ROOT / f"script/{name}.py").exists():
                 continue
             if MODULES.get(name) not in packages:
                 yield f"{path}: imports {name}, but its tiers lack {MODULES.get(name, 'a package for it')}"
