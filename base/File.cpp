@@ -110,6 +110,22 @@ void CloseQuietly(int number) {
   errno = error;
 }
 
+// True, with EINVAL, for an open that would empty a file before it is checked.
+bool EmptiesUnchecked(int flags) {
+  if ((flags & O_TRUNC) == 0) return false;
+  errno = EINVAL;
+  return true;
+}
+
+// The file if it is a regular one; EINVAL otherwise.
+Descriptor RequireRegular(Descriptor file) {
+  struct stat status;
+  if (!file.IsOpen() || StatusOf(file.Number(), status) != 0) return {};
+  if (S_ISREG(status.st_mode)) return file;
+  errno = EINVAL;
+  return {};
+}
+
 }  // namespace
 
 Descriptor::~Descriptor() {
@@ -135,17 +151,14 @@ Descriptor Open(const char* path, int flags, mode_t mode, int directory) {
 }
 
 Descriptor OpenRegular(const char* path, int flags, mode_t mode, int directory) {
-  if ((flags & O_TRUNC) != 0) {
-    errno = EINVAL;
-    return {};
-  }
-  Descriptor file = Open(path, flags, mode, directory);
-  if (!file.IsOpen()) return file;
-  struct stat status;
-  if (StatusOf(file.Number(), status) != 0) return {};
-  if (S_ISREG(status.st_mode)) return file;
-  errno = EINVAL;
-  return {};
+  if (EmptiesUnchecked(flags)) return {};
+  return RequireRegular(Open(path, flags, mode, directory));
+}
+
+Descriptor OpenRegularWithoutLinks(const char* path, int flags, mode_t mode, int directory) {
+  if (EmptiesUnchecked(flags)) return {};
+  return RequireRegular(
+      Descriptor(Uninterrupted([&] { return calls::OpenWithoutLinksAt(directory, path, flags | kAlways, mode); })));
 }
 
 Descriptor OpenDirectory(const char* path, int flags, int directory) {
@@ -185,6 +198,15 @@ Progress ReadSome(int descriptor, void* to, std::size_t size) {
 
 Progress ReadSomeAt(int descriptor, std::int64_t offset, void* to, std::size_t size) {
   return MoveOnce([&] { return calls::ReadAt(descriptor, to, size, offset); });
+}
+
+Progress ReadLink(int link, char* to, std::size_t size) {
+  const ssize_t count = calls::ReadLinkAt(link, "", to, size);
+  if (count < 0) return {.bytes = 0, .error = errno};
+  const auto bytes = static_cast<std::size_t>(count);
+  if (bytes < size) return {.bytes = bytes, .error = 0};
+  errno = ENAMETOOLONG;
+  return {.bytes = bytes, .error = ENAMETOOLONG};
 }
 
 int ReadWhole(int descriptor, std::string& bytes, std::size_t size_max) {

@@ -58,6 +58,11 @@ class Descriptor {
 // first, and then calls Truncate. [any thread]
 [[nodiscard]] Descriptor OpenRegular(const char* path, int flags, mode_t mode = 0, int directory = AT_FDCWD);
 
+// The same, but ELOOP if any component of the path is a symbolic link; ENOSYS or EPERM where the kernel or a sandbox
+// does not know that open. Programs use base/OwnedLinks.h. [any thread]
+[[nodiscard]] Descriptor OpenRegularWithoutLinks(const char* path, int flags, mode_t mode = 0,
+                                                 int directory = AT_FDCWD);
+
 // Opens a directory for reading; ENOTDIR for anything else. `flags` may add O_NOFOLLOW. [any thread]
 [[nodiscard]] Descriptor OpenDirectory(const char* path, int flags = 0, int directory = AT_FDCWD);
 
@@ -83,6 +88,9 @@ struct Progress {
 // For walks through a window that often find what they look for before the end. ReadSomeAt reads from `offset`.
 [[nodiscard]] Progress ReadSome(int descriptor, void* to, std::size_t size);
 [[nodiscard]] Progress ReadSomeAt(int descriptor, std::int64_t offset, void* to, std::size_t size);
+
+// The target of the link that the descriptor (O_PATH | O_NOFOLLOW) is open on; ENAMETOOLONG if it fills `size` bytes.
+[[nodiscard]] Progress ReadLink(int link, char* to, std::size_t size);
 
 // Appends what is left of the file to `bytes`. EFBIG if `bytes` would exceed `size_max`, ENOMEM without memory; what
 // was read until then is in `bytes`.

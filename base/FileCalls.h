@@ -14,6 +14,9 @@
 namespace qx::calls {
 
 int OpenAt(int directory, const char* path, int flags, mode_t mode);
+// openat2 with RESOLVE_NO_SYMLINKS: ELOOP if there is a symbolic link anywhere in the path.
+int OpenWithoutLinksAt(int directory, const char* path, int flags, mode_t mode);
+ssize_t ReadLinkAt(int directory, const char* path, char* to, std::size_t size);
 int Close(int descriptor);
 
 ssize_t Read(int descriptor, void* to, std::size_t size);

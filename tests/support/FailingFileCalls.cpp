@@ -2,7 +2,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/file.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -83,6 +85,20 @@ using test::Move;
 int OpenAt(int directory, const char* path, int flags, mode_t mode) {
   const auto* const fault = FaultOf(FileCall::kOpen, path);
   return fault != nullptr ? Fail(*fault) : ::openat(directory, path, flags, mode);
+}
+
+int OpenWithoutLinksAt(int directory, const char* path, int flags, mode_t mode) {
+  const auto* const fault = FaultOf(FileCall::kOpen, path);
+  if (fault != nullptr) return Fail(*fault);
+  open_how how = {};
+  how.flags = static_cast<unsigned>(flags);
+  how.mode = (flags & O_CREAT) != 0 ? mode : 0;
+  how.resolve = RESOLVE_NO_SYMLINKS;
+  return static_cast<int>(::syscall(SYS_openat2, directory, path, &how, sizeof how));
+}
+
+ssize_t ReadLinkAt(int directory, const char* path, char* to, std::size_t size) {
+  return ::readlinkat(directory, path, to, size);
 }
 
 // The descriptor is closed all the same, as the system does.

@@ -1,0 +1,35 @@
+// Opens files in directories that other users may write, without letting their symbolic links decide what is opened.
+//
+// A privileged process that follows such a link opens a file of the link's choice with its own rights. So a link counts
+// only if its owner could have reached that file anyway:
+//
+//   the link's owner      to write   to read
+//   root                  yes        yes
+//   the effective user    yes        yes
+//   the file's owner      no         yes
+//   anybody else          no         no
+//
+// Each component of the path is opened from the descriptor of the one before it, and what is checked is what was
+// opened: a link that is swapped in the middle of the walk gains nothing. Hard links, and links above the directory
+// that the caller begins at, are not looked at.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/types.h>
+
+#include "base/File.h"
+
+namespace qx::file {
+
+enum class TrustedLinks {
+  kToWrite,  // of root or of the effective user
+  kToRead,   // also of the owner of the file that they lead to
+};
+
+// Opens a regular file as OpenRegular does. ELOOP if the path leads through a link that is not trusted; nothing was
+// created or changed then. A relative `path` begins at the descriptor `directory`. Without a link in the path this
+// costs the one call that an open costs. [any thread]
+[[nodiscard]] Descriptor OpenThroughOwnedLinks(const char* path, int flags, mode_t mode, TrustedLinks trusted,
+                                               int directory = AT_FDCWD);
+
+}  // namespace qx::file
