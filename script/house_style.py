@@ -67,7 +67,6 @@ FILE_CALLERS = {
     "base/FileCalls.cpp",
     # Not converted yet:
     "base/tools/ReplacedFile.cpp",
-
     "process/Process.cpp",
     "reportfile/DirectoryListing.cpp",
     "reportfile/FileCopy.cpp",
