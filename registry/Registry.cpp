@@ -2,8 +2,8 @@
 #include "registry/Registry.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <exception>
 #include <utility>
 
@@ -19,6 +19,7 @@
 
 using qx::LockScope;
 using qx::registry::NodeOf;
+using qx::registry::Reading;
 
 // The two owned pointers are smart ones, for which the standard leaves offsets to the compiler; both of ours know them.
 #pragma GCC diagnostic push
@@ -71,8 +72,10 @@ constexpr Hive kHives[] = {
     {"HKEY_CURRENT_CONFIG", &CRegistry::MCurrentConfig},
 };
 
-// Both under MSpinlock. MIsSetup does not tell whether a load has succeeded: a failed one can end the attempts too.
-constinit bool tree_was_loaded = false;
+// Both under MSpinlock. While no load has read the whole of `registry`, it may hold what is nowhere else, so the first
+// save keeps it. Neither MIsSetup nor the success of a load shows this: another of the three files may have been
+// loaded.
+constinit bool registry_is_unread = true;
 constinit const char* files_directory = qx::registry::kSystemDirectory;
 
 // A hive entry that is not a subkey counts as absent.
@@ -90,9 +93,29 @@ void BuildPaths() {
   CRegistry::MPRegistryDefault = directory + "/registry.default";
 }
 
+Reading ReadTreeFile(const char* path, CRegistryNode& node) {
+  const qx::file::Descriptor file = qx::registry::OpenToRead(path);
+  if (!file.IsOpen()) {
+    QX_TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
+    return Reading::kFailed;
+  }
+  if (qx::registry::SizeOf(file) == 0) {
+    QX_TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
+    return Reading::kFailed;
+  }
+  qx::registry::LineReader lines(qx::registry::BytesOf(file));
+  const Reading reading = qx::registry::RestoreFrom(lines, node);
+  if (reading == Reading::kFailed) {
+    QX_TRACE(1, "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this file\n", path);
+  }
+  return reading;
+}
+
 bool LoadFirstGoodFile() {
   const char* path = CRegistry::MPRegistry.c_str();
-  if (CRegistry::ReadTree(path, CRegistry::MRoot)) return true;
+  const Reading reading = ReadTreeFile(path, CRegistry::MRoot);
+  registry_is_unread = reading != Reading::kWhole;
+  if (reading != Reading::kFailed) return true;
   QX_TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n", path);
   path = CRegistry::MPRegistryOld.c_str();
   if (CRegistry::ReadTree(path, CRegistry::MRoot)) return true;
@@ -128,38 +151,50 @@ std::size_t BytesExpected() {
 }
 
 bool WriteNewFile() {
-  qx::file::Descriptor file = qx::registry::OpenToWrite(CRegistry::MPRegistryTemp.c_str());
+  const char* path = CRegistry::MPRegistryTemp.c_str();
+  qx::file::Descriptor file = qx::registry::CreateToWrite(path);
   if (!file.IsOpen()) return false;
   std::string text;
   if (qx::registry::FormatTree(CRegistry::MRoot, text, BytesExpected()) && qx::registry::WriteThrough(file, text))
     return true;
-  (void)qx::file::Remove(
-      CRegistry::MPRegistryTemp.c_str());  // a leftover is never read and is emptied by the next save
+  (void)qx::file::Remove(path);  // a leftover is never read, and the next save removes it
   return false;
 }
 
 // The new file and the old one change names in one step, and then the old one becomes the backup. So there is a good
 // file under the first name at every moment, and a damaged one never takes the place of the backup before its successor
-// is there. False where the file system cannot do this.
-bool ExchangeFiles(const char* path) {
+// is there. Returns 0 or the error number of the exchange.
+int ExchangeFiles(const char* path) {
   const char* temporary = CRegistry::MPRegistryTemp.c_str();
-  if (qx::file::Exchange(temporary, path) != 0) return false;
+  if (const int error = qx::file::Exchange(temporary, path); error != 0) return error;
   // Where the backup cannot have its name, the old file goes, as when the new one is moved over it.
   if (qx::file::Rename(temporary, CRegistry::MPRegistryOld.c_str()) != 0) (void)qx::file::Remove(temporary);
-  return true;
+  return 0;
 }
 
-// Quirk: where names cannot be exchanged there is no registry file between the two renames; a crash just then makes the
-// next load take the backup.
-void PutNewFileInPlace() {
-  const char* path = CRegistry::MPRegistry.c_str();
-  if (!tree_was_loaded && qx::registry::HoldsBytes(path)) qx::registry::KeepUnread(path);
-  // The results are not asked for: a save that comes this far counts as done.
-  const bool has_backup = qx::registry::HoldsBytes(path);
-  if (!has_backup || !ExchangeFiles(path)) {
-    if (has_backup) (void)qx::file::Rename(path, CRegistry::MPRegistryOld.c_str());
+// For a file system that cannot exchange names.
+// Quirk: there is no registry file between the two renames; a crash just then makes the next load take the backup.
+void RenameFiles(const char* path) {
+  (void)qx::file::Rename(path, CRegistry::MPRegistryOld.c_str());
+  (void)qx::file::Rename(CRegistry::MPRegistryTemp.c_str(), path);
+}
+
+// The results are not checked: a save that comes this far counts as done.
+void ReplaceRegistry(const char* path) {
+  if (!qx::registry::MayHoldBytes(path)) {
     (void)qx::file::Rename(CRegistry::MPRegistryTemp.c_str(), path);
+    return;
   }
+  // ENOENT: another process has moved or removed one of the two. If it is the new one, the old one must stay.
+  const int error = ExchangeFiles(path);
+  if (error == ENOENT) (void)qx::file::Rename(CRegistry::MPRegistryTemp.c_str(), path);
+  if (error != 0 && error != ENOENT) RenameFiles(path);
+}
+
+void RenameNewFile() {
+  const char* path = CRegistry::MPRegistry.c_str();
+  if (std::exchange(registry_is_unread, false) && qx::registry::MayHoldBytes(path)) qx::registry::KeepUnread(path);
+  ReplaceRegistry(path);
   qx::registry::SyncDirectoryOf(path);
 }
 
@@ -194,7 +229,7 @@ void qx::registry::StartAfresh(const char* directory) {
   }
   CRegistry::MIsSetup = false;
   CRegistry::MIsDirty = false;
-  tree_was_loaded = false;
+  registry_is_unread = true;
   files_directory = directory != nullptr ? directory : kSystemDirectory;
 }
 
@@ -209,21 +244,7 @@ bool CRegistry::ReadTree(const char* path, CRegistryNode& node) {
     QX_TRACE(1, "CRegistry: ERROR: Empty file path");
     return false;
   }
-  const qx::file::Descriptor file = qx::registry::OpenToRead(path);
-  if (!file.IsOpen()) {
-    QX_TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
-    return false;
-  }
-  if (qx::registry::SizeOf(file) == 0) {
-    QX_TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
-    return false;
-  }
-  qx::registry::LineReader lines(qx::registry::BytesOf(file));
-  if (!qx::registry::RestoreFrom(lines, node)) {
-    QX_TRACE(1, "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this file\n", path);
-    return false;
-  }
-  return true;
+  return ReadTreeFile(path, node) != Reading::kFailed;
 }
 
 void CRegistry::SetupTree(bool force_setup) {
@@ -238,7 +259,6 @@ void CRegistry::SetupTree(bool force_setup) {
       return;
     }
     WireHives();
-    tree_was_loaded = true;
   } catch (const std::exception&) {  // all that can be thrown here, but not the unwinding of a cancelled thread
     QX_TRACE(2, "CRegistry: SetupTree(): ## ERROR during Setup\n");
   }
@@ -255,7 +275,7 @@ void CRegistry::SaveTree() {
     QX_TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", MPRegistryTemp.c_str());
     return;
   }
-  PutNewFileInPlace();
+  RenameNewFile();
   QX_TRACE(2, "\nCRegistry::SaveTree MPRegistryTemp[%s] \t MPRegistry[%s]", MPRegistryTemp.c_str(), MPRegistry.c_str());
 }
 

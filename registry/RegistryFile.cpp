@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -14,11 +15,25 @@ namespace {
 
 constexpr mode_t kFileMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
 
-file::Descriptor OpenRegular(const char* path, int flags) {
-  file::Descriptor file = file::Open(path, flags, kFileMode);
-  struct stat status;
-  if (file.IsOpen() && file::StatusOf(file.Number(), status) == 0 && !S_ISREG(status.st_mode)) return {};
-  return file;
+// A lack of descriptors or memory passes, and so does many an error of a network file system.
+constexpr int kTries = 3;
+
+// That there is no file is an answer, not a failure. Most systems have no registry, and should not pay for three opens.
+bool IsMissing(int error) { return error == ENOENT || error == ENOTDIR; }
+
+file::Descriptor OpenWithRetries(const char* path, int flags) {
+  for (int tries = 1;; ++tries) {
+    file::Descriptor file = file::Open(path, flags);
+    const int error = errno;
+    if (file.IsOpen() || IsMissing(error) || tries == kTries) return file;
+  }
+}
+
+// A failed read leaves the position where it is, so the next try reads the same bytes.
+file::Progress ReadWithRetries(int number, char* to, std::size_t size) {
+  file::Progress got = file::ReadSome(number, to, size);
+  for (int tries = 1; got.Failed() && tries < kTries; ++tries) got = file::ReadSome(number, to, size);
+  return got;
 }
 
 // The path of another name in the directory of `path`.
@@ -37,9 +52,21 @@ class Beside {
 
 }  // namespace
 
-file::Descriptor OpenToRead(const char* path) { return OpenRegular(path, O_RDONLY); }
+file::Descriptor OpenToRead(const char* path) {
+  file::Descriptor file = OpenWithRetries(path, O_RDONLY);
+  struct stat status;
+  if (file.IsOpen() && file::StatusOf(file.Number(), status) == 0 && !S_ISREG(status.st_mode)) return {};
+  return file;
+}
 
-file::Descriptor OpenToWrite(const char* path) { return OpenRegular(path, O_WRONLY | O_CREAT | O_TRUNC); }
+file::Descriptor CreateToWrite(const char* path) {
+  for (int tries = 1;; ++tries) {
+    file::Descriptor file = file::Open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kFileMode);
+    const int error = errno;
+    if (file.IsOpen() || tries == kTries) return file;
+    if (error == EEXIST) (void)file::Remove(path);  // the next open shows whether it is gone
+  }
+}
 
 long long SizeOf(const file::Descriptor& file) {
   struct stat status;
@@ -58,11 +85,15 @@ std::size_t BytesAt(const char* path) {
   return file::StatusOf(path, status) == 0 && status.st_size > 0 ? static_cast<std::size_t>(status.st_size) : 0;
 }
 
-bool HoldsBytes(const char* path) { return BytesAt(path) > 0; }
+bool MayHoldBytes(const char* path) {
+  struct stat status;
+  const int error = file::StatusOf(path, status);
+  return error == 0 ? status.st_size > 0 : !IsMissing(error);
+}
 
 ByteSource BytesOf(const file::Descriptor& file) {
   return [number = file.Number()](char* to, std::size_t room) -> ssize_t {
-    const file::Progress got = file::ReadSome(number, to, room);
+    const file::Progress got = ReadWithRetries(number, to, room);
     return got.Failed() ? -1 : static_cast<ssize_t>(got.bytes);
   };
 }

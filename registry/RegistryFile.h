@@ -13,8 +13,9 @@ namespace qx::registry {
 // Opens a regular file; anything else (a directory, a FIFO that would block for ever) counts as not to be opened. Only
 // when the system cannot tell what it is, it is taken.
 [[nodiscard]] file::Descriptor OpenToRead(const char* path);
-// The same, created if it is missing and emptied.
-[[nodiscard]] file::Descriptor OpenToWrite(const char* path);
+// Creates the file at `path`. Whatever has that name before is removed, unless it is a directory: it may be a link that
+// somebody else prepared.
+[[nodiscard]] file::Descriptor CreateToWrite(const char* path);
 
 // Bytes of the open file, or -1 when the system cannot tell.
 [[nodiscard]] long long SizeOf(const file::Descriptor& file);
@@ -28,8 +29,8 @@ namespace qx::registry {
 
 // The size of the file at `path`, or 0 when there is none.
 [[nodiscard]] std::size_t BytesAt(const char* path);
-// True when `path` leads to a file with something in it.
-[[nodiscard]] bool HoldsBytes(const char* path);
+// True if `path` leads to a file that is not empty, or if `stat` fails: such a file is kept like one with content.
+[[nodiscard]] bool MayHoldBytes(const char* path);
 
 // Keeps the file at `path`, which could not be read, beside it under the name "registry.unread" as well, unless there
 // is one already: the first one kept is the one that held something.

@@ -72,7 +72,7 @@ bool CRegistryNode::restoreNode(FILE* stream) {
     const std::size_t got = fread(to, 1, room, stream);
     return got == 0 && ferror(stream) != 0 ? -1 : static_cast<ssize_t>(got);
   });
-  const bool has_values = qx::registry::RestoreFrom(lines, *this);
+  const bool has_values = qx::registry::RestoreFrom(lines, *this) != qx::registry::Reading::kFailed;
   const auto unread = static_cast<off_t>(lines.UnreadBytes());
   if (unread > 0) (void)fseeko(stream, -unread, SEEK_CUR);  // a pipe cannot; what was read ahead is lost then
   return has_values;

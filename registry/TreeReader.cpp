@@ -120,7 +120,10 @@ class TreeBuilder {
     return true;
   }
 
-  [[nodiscard]] bool HasValues() const { return has_values_; }
+  [[nodiscard]] Reading Result() const {
+    if (!has_values_) return Reading::kFailed;
+    return has_skipped_lines_ ? Reading::kPart : Reading::kWhole;
+  }
 
  private:
   // The entry is made before the content is read. Nothing else enters this key meanwhile, so it stands at the same
@@ -132,6 +135,7 @@ class TreeBuilder {
       current_ = key;
     } else {
       ++skipped_keys_;
+      has_skipped_lines_ = true;
     }
   }
 
@@ -156,9 +160,12 @@ class TreeBuilder {
     has_values_ = true;  // Quirk: a number line without digits stores nothing, and yet the file counts as good.
   }
 
-  // Without memory the line is skipped.
+  // Without memory the line is skipped. A number without digits has no type.
   void Store(std::string_view name, OwnedValue value) {
-    if (!value.IsPresent() || !current_->Append(name, value.Get())) return;
+    if (!value.IsPresent() || !current_->Append(name, value.Get())) {
+      if (value.Get().type != 0) has_skipped_lines_ = true;
+      return;
+    }
     (void)value.Release();
     has_values_ = true;
   }
@@ -176,6 +183,7 @@ class TreeBuilder {
   std::vector<CRegistryNode*> above_;
   std::size_t skipped_keys_ = 0;  // open ones among those for which there was no memory
   bool has_values_ = false;
+  bool has_skipped_lines_ = false;
 };
 
 }  // namespace
@@ -214,7 +222,7 @@ void LineReader::Refill() {
 
 // The end of the input closes all keys that are open. An empty line closes one, and at the outermost level it ends the
 // reading, whatever follows.
-bool RestoreFrom(LineReader& lines, CRegistryNode& node) {
+Reading RestoreFrom(LineReader& lines, CRegistryNode& node) {
   CRegistryNode fresh;
   TreeBuilder builder(fresh);
   bool is_open = true;
@@ -228,7 +236,7 @@ bool RestoreFrom(LineReader& lines, CRegistryNode& node) {
     }
   }
   while (is_open && builder.CloseKey()) continue;
-  return node.Merge(fresh) && builder.HasValues() && !lines.HasFailed();
+  return node.Merge(fresh) && !lines.HasFailed() ? builder.Result() : Reading::kFailed;
 }
 
 }  // namespace qx::registry

@@ -52,8 +52,13 @@ class LineReader {
   bool failed_ = false;
 };
 
-// Reads a key's content up to the line that closes it and merges it into `node`. True when at least one value line was
-// recognised and the input could be read.
-[[nodiscard]] bool RestoreFrom(LineReader& lines, CRegistryNode& node);
+enum class Reading {
+  kFailed,  // no value line was recognised, or the input could not be read to its end
+  kPart,    // lines were skipped for lack of memory
+  kWhole,
+};
+
+// Reads a key's content up to the line that closes it and merges it into `node`.
+[[nodiscard]] Reading RestoreFrom(LineReader& lines, CRegistryNode& node);
 
 }  // namespace qx::registry

@@ -37,7 +37,7 @@ bool ReadInPortions(std::string_view bytes, std::size_t portion, CRegistryNode& 
         return static_cast<ssize_t>(count);
       },
       qx::registry::kLineCharsMax);
-  return qx::registry::RestoreFrom(lines, key);
+  return qx::registry::RestoreFrom(lines, key) != qx::registry::Reading::kFailed;
 }
 
 // Quirk: a line of 1023 characters or more is not read as the line it was written as.

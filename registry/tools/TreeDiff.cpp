@@ -190,7 +190,7 @@ bool ParseTree(std::string_view bytes, CRegistryNode& tree) {
     bytes.remove_prefix(count);
     return static_cast<ssize_t>(count);
   });
-  return RestoreFrom(lines, tree);
+  return RestoreFrom(lines, tree) != Reading::kFailed;
 }
 
 // What decides is what a load makes of the file. The faults of single entries come first because they have a better

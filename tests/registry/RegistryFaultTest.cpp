@@ -1,6 +1,8 @@
 // Every allocation of an operation fails once: nothing crashes, leaks or is half done.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <functional>
 #include <set>
@@ -144,6 +146,20 @@ TEST_F(RegistryFault, FileThatAThrowingSetupNeverReadIsKept) {
   CRegistry::MIsDirty = true;
   CRegistry::SaveTree();
   EXPECT_EQ(ReadFile(File("registry.unread")), kTree);
+}
+
+TEST_F(RegistryFault, FileOfWhichLinesWereSkippedIsKept) {
+  FailEach([] { CRegistry::SetupTree(true); },
+           [this](long nth) {
+             const bool is_whole = Tree() == kTree;
+             CRegistry::MIsDirty = CRegistry::MPRegistryDefault == File("registry.default");  // the paths were built
+             const bool is_saved = CRegistry::MIsDirty;
+             CRegistry::SaveTree();
+             EXPECT_EQ(qx::test::Exists(File("registry.unread")), is_saved && !is_whole) << nth;
+             for (const char* name : {"registry.unread", "registry.old"}) (void)unlink(File(name).c_str());
+             Given(kTree);
+             Restart();
+           });
 }
 
 TEST_F(RegistryFault, SaveWithoutMemoryKeepsTheOldFile) {

@@ -154,14 +154,14 @@ TEST_F(RegistrySave, FileThatCannotBeOpenedLosesTheChangeAndClearsTheFlag) {
   EXPECT_EQ(ReadFile(File()), kSmall);  // it is not tried again
 }
 
-TEST_F(RegistrySave, FifoInPlaceOfTheTemporaryFileDoesNotHang) {
+TEST_F(RegistrySave, FifoInPlaceOfTheTemporaryFileIsRemoved) {
   Given(kSmall);
   ASSERT_EQ(mkfifo(File("registry.new").c_str(), 0644), 0);
   const int reader = open(File("registry.new").c_str(), O_RDONLY | O_NONBLOCK);  // opening for writing would succeed
   Change();
   close(reader);
-  EXPECT_EQ(ReadFile(File()), kSmall);
-  EXPECT_TRUE(Exists(File("registry.new")));  // not ours to remove
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n");
+  EXPECT_FALSE(Exists(File("registry.new")));
 }
 
 // A limit on the size of files fails writes as a full disk does.
@@ -241,12 +241,26 @@ TEST_F(RegistrySave, EmptyUnreadableFileIsNotKept) {
   EXPECT_FALSE(Exists(File("registry.unread")));
 }
 
-TEST_F(RegistrySave, CorruptFileBesideAGoodBackupIsNotKeptTwice) {
-  Given("not a registry\n");
+// The next save but one replaces the backup, too.
+TEST_F(RegistrySave, UnreadableFileIsKeptAlsoWhenAnOlderOneIsLoaded) {
+  for (const char* loaded : {"registry.old", "registry.default"}) {
+    Given("not a registry\n");
+    Given(kSmall, loaded);
+    Change();
+    Change();
+    EXPECT_EQ(ReadFile(File("registry.unread")), "not a registry\n") << loaded;
+    unlink(File("registry.unread").c_str());
+    unlink(File("registry.old").c_str());
+    Restart();
+  }
+}
+
+TEST_F(RegistrySave, FileThatAppearsAfterTheLoadOfAnOlderOneIsKept) {
   Given(kSmall, "registry.old");
+  { const CRegistry handle; }
+  Given("of another process\n");
   Change();
-  EXPECT_EQ(ReadFile(File("registry.old")), "not a registry\n");
-  EXPECT_FALSE(Exists(File("registry.unread")));
+  EXPECT_EQ(ReadFile(File("registry.unread")), "of another process\n");
 }
 
 TEST_F(RegistrySave, SavedTreeIsLoadedAgain) {

@@ -123,7 +123,7 @@ TEST(TreeReader, ReadErrorIsAFailureThoughValuesWereRead) {
     return 9;
   });
   CRegistryNode key;
-  EXPECT_FALSE(qx::registry::RestoreFrom(lines, key));
+  EXPECT_EQ(qx::registry::RestoreFrom(lines, key), qx::registry::Reading::kFailed);
   EXPECT_EQ(qx::test::Dump(key), "x=d=1\n\n");
 }
 
