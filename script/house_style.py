@@ -137,6 +137,8 @@ def check_layers(path, lines):
         target = layer_of(pathlib.Path(match.group(1)))
         if target == "provider" and layer == "paths":
             yield number, f"the lower floor of provider/ includes {match.group(1)} of the upper one"
+        elif layer == "process" and target == "base" and match.group(1) != "base/File.h":
+            yield number, f"process may include only base/File.h of base, not {match.group(1)}"
         elif target != layer and target not in LAYERS[layer]:
             yield number, f"{layer} may not include {match.group(1)}"
 

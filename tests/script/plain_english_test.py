@@ -56,6 +56,10 @@ class PageTest(unittest.TestCase):
         text = f"# {OTHER}\n\n```\na ` {WORD}\n```\n\n`{WORD}` <!-- {WORD} -->\n{WORD}\n"
         self.assertEqual(lines("docs/a.md", text), [1, 8])
 
+    def test_a_part_of_a_page_can_be_left_out(self):
+        text = f"<!-- plain-english: off -->\n{WORD}\n<!-- plain-english: on -->\n{WORD}\n"
+        self.assertEqual(lines("docs/a.md", text), [4])
+
 
 class ScriptTest(unittest.TestCase):
     def test_comments_and_docstrings_are_checked(self):
