@@ -257,9 +257,9 @@ int SyncFileSystem(int descriptor) {
   return ErrorOf([&] { return calls::SyncFileSystem(descriptor); });
 }
 
-int SyncDirectory(const char* path) {
-  const Descriptor directory = OpenDirectory(path);
-  return directory.IsOpen() ? Sync(directory.Number()) : errno;
+int SyncDirectory(const char* path, int directory) {
+  const Descriptor opened = OpenDirectory(path, 0, directory);
+  return opened.IsOpen() ? Sync(opened.Number()) : errno;
 }
 
 std::string DirectoryOf(std::string_view path) {

@@ -111,7 +111,7 @@ struct Progress {
 [[nodiscard]] int SyncData(int descriptor);
 [[nodiscard]] int SyncFileSystem(int descriptor);
 // Opens the directory, syncs it and closes it.
-[[nodiscard]] int SyncDirectory(const char* path);
+[[nodiscard]] int SyncDirectory(const char* path, int directory = AT_FDCWD);
 
 // "a/b" => "a"   "/a" => "/"   "a" => "."   "a/b/" => "a"   "" => "."
 // [any thread] Throws std::bad_alloc.

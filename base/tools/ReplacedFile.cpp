@@ -1,252 +1,293 @@
 #include "base/tools/ReplacedFile.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <ctime>
-#include <new>
 #include <utility>
 
 namespace qx {
 
 namespace {
 
-constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kPrivateMode = 0600;
-constexpr mode_t kModeMask = 07777;
+constexpr mode_t kModeMask = 0777;  // without set-id bits: they would make content run as the file's owner
+constexpr mode_t kGroupMask = 0070;
+constexpr mode_t kOthersWrite = S_IWOTH;
+const char kEditSuffix[] = ".edit";
 
 ReplaceResult Failed(const std::string& file, int error) { return {ReplaceState::kFailed, file, error}; }
 
-// "a/b" => "a"   "/a" => "/"   "a" => "."
-std::string DirectoryOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
+ReplaceResult FailedUnlessDone(const std::string& file, int error) {
+  return error == 0 ? ReplaceResult() : Failed(file, error);
 }
 
-// 0 or the error number.
-int WriteWhole(int descriptor, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = write(descriptor, bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return errno;
-    bytes.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return 0;
+mode_t ModeThatUmaskLeaves(mode_t mode) {
+  const mode_t mask = umask(0);
+  (void)umask(mask);
+  return mode & ~mask;
 }
 
-int ReadWhole(int descriptor, std::string& bytes) {
-  std::array<char, 65536> block;
-  for (;;) {
-    const ssize_t got = read(descriptor, block.data(), block.size());
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return errno;
-    if (got == 0) return 0;
-    try {
-      bytes.append(block.data(), static_cast<std::size_t>(got));
-    } catch (const std::bad_alloc&) {
-      return ENOMEM;  // so that the caller closes the file
-    }
-    if (bytes.size() > kFileImageBytesMax) return EFBIG;
-  }
-}
-
-bool IsSameFile(const struct stat& left, const struct stat& right) {
-  return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
-}
-
-bool IsUnchanged(const struct stat& before, const struct stat& now) {
-  return IsSameFile(before, now) && before.st_size == now.st_size && before.st_mtim.tv_sec == now.st_mtim.tv_sec &&
-         before.st_mtim.tv_nsec == now.st_mtim.tv_nsec;
-}
-
-// The owner first: a change of owner takes set-user-id bits away.
-int TakeOver(int descriptor, const struct stat& status) {
+// The owner first: a change of owner clears permission bits. An output that cannot get the group gets none of the
+// permissions that were meant for that group; an edit fails, because a service may depend on them.
+int TakeOver(int descriptor, const struct stat& status, bool needs_group) {
   struct stat own;
-  if (fstat(descriptor, &own) != 0) return errno;
-  const bool has_owner = own.st_uid == status.st_uid && own.st_gid == status.st_gid;
-  if (!has_owner && fchown(descriptor, status.st_uid, status.st_gid) != 0) return errno;
-  return fchmod(descriptor, status.st_mode & kModeMask) == 0 ? 0 : errno;
-}
-
-int SyncDirectory(const std::string& path) {
-  const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (descriptor < 0) return errno;
-  const int error = fsync(descriptor) == 0 ? 0 : errno;
-  (void)close(descriptor);  // nothing was written through it
-  return error;
+  if (const int error = file::StatusOf(descriptor, own); error != 0) return error;
+  mode_t mode = status.st_mode & kModeMask;
+  if (own.st_uid != status.st_uid || own.st_gid != status.st_gid) {
+    const bool is_given = fchown(descriptor, status.st_uid, status.st_gid) == 0;
+    const int error = errno;
+    if (!is_given && (needs_group || own.st_uid != status.st_uid)) return error;
+    if (!is_given) mode &= ~kGroupMask;
+  }
+  return fchmod(descriptor, mode) == 0 ? 0 : errno;
 }
 
 // "registry" => "registry.20261121-101500.bak"; the second one of that second is "registry.20261121-101500-2.bak".
-std::string BackupName(const std::string& path, const std::tm& time, int attempt) {
+std::string BackupSuffix(const std::tm& time, int attempt) {
   std::array<char, 64> name;
   (void)std::strftime(name.data(), name.size(), ".%Y%m%d-%H%M%S", &time);
   const std::string number = attempt > 1 ? "-" + std::to_string(attempt) : "";
-  return path + name.data() + number + ".bak";
+  return name.data() + number + ".bak";
 }
 
-// Creates the backup under a name that nothing has yet; -1 with errno.
-int CreateBackup(const std::string& path, std::string& backup_path) {
+// Six characters that nobody can guess: ".k3XbQ9"
+std::string RandomSuffix() {
+  constexpr std::string_view kCharacters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+  std::array<unsigned char, 6> bytes = {};
+  (void)getrandom(bytes.data(), bytes.size(), 0);  // without it the names are tried in order of the attempts
+  std::string suffix = ".";
+  for (const unsigned char byte : bytes) suffix += kCharacters[byte % kCharacters.size()];
+  return suffix;
+}
+
+// Creates a file under a name that is still free. The name is that of `place` and a suffix from `suffix_of(attempt)`.
+template <typename SuffixOf>
+file::Descriptor CreateNext(const FilePlace& place, std::string& suffix, SuffixOf suffix_of) {
   constexpr int kAttemptsMax = 1000;
-  const std::time_t now = std::time(nullptr);
-  std::tm time = {};
-  (void)localtime_r(&now, &time);
-  int descriptor = -1;
+  file::Descriptor created;
   for (int attempt = 1; attempt <= kAttemptsMax; ++attempt) {
-    std::string name = BackupName(path, time, attempt);
-    descriptor = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateMode);
-    if (descriptor >= 0) backup_path = std::move(name);  // without memory, which could be missing
-    if (descriptor >= 0 || errno != EEXIST) return descriptor;
+    std::string tried = suffix_of(attempt);
+    const std::string name = place.name + tried;
+    created = file::Open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, kPrivateMode, place.directory.Number());
+    if (created.IsOpen()) suffix = std::move(tried);
+    if (created.IsOpen() || errno != EEXIST) break;
   }
-  return descriptor;
+  return created;
 }
 
-// 0 or the error number; the descriptor is closed either way.
-int FillBackup(int descriptor, const FileImage& image) {
-  int error = WriteWhole(descriptor, image.bytes);
-  if (error == 0) error = TakeOver(descriptor, image.status);
+// 0 or the error number.
+int FillBackup(file::Descriptor& backup, const FileImage& image) {
+  if (const file::Progress written = file::Write(backup.Number(), image.bytes); written.Failed()) return written.error;
+  if (const int error = TakeOver(backup.Number(), image.status, true); error != 0) return error;
   const struct timespec times[] = {image.status.st_atim, image.status.st_mtim};
-  if (error == 0 && futimens(descriptor, times) != 0) error = errno;
-  if (error == 0 && fsync(descriptor) != 0) error = errno;
-  if (close(descriptor) != 0 && error == 0) error = errno;
-  return error;
+  if (futimens(backup.Number(), times) != 0) return errno;
+  if (const int error = file::Sync(backup.Number()); error != 0) return error;
+  return backup.Close();
 }
 
 // The file of that name may be a leftover of an edit that was killed: then it is ours to take. Anything else is not.
 int CheckOwnFile(int descriptor, struct stat& status) {
-  if (fstat(descriptor, &status) != 0) return errno;
+  if (const int error = file::StatusOf(descriptor, status); error != 0) return error;
   const bool is_ours = S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink <= 1;
   return is_ours ? 0 : EEXIST;
 }
 
-}  // namespace
+bool MayOthersWrite(const struct stat& directory) {
+  const bool has_foreign_group = directory.st_gid != 0 && directory.st_gid != getegid();
+  return !IsTrustedOwner(directory.st_uid) || (directory.st_mode & kOthersWrite) != 0 ||
+         ((directory.st_mode & S_IWGRP) != 0 && has_foreign_group);
+}
 
-ReplaceResult ReadFileImage(const std::string& path, FileImage& image) {
-  // Non-blocking, because a FIFO would otherwise wait for its other end.
-  const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (descriptor < 0) {
-    const int error = errno;
-    return error == ENOENT || error == ENOTDIR ? ReplaceResult{ReplaceState::kNotFound, path} : Failed(path, error);
-  }
+ReplaceResult ReadPlace(const FilePlace& place, const FileRules& rules, FileImage& image) {
+  file::Descriptor file;
   FileImage fresh = {.bytes = {}, .status = {}, .exists = true};
-  int error = fstat(descriptor, &fresh.status) == 0 ? 0 : errno;
-  const bool is_regular = error == 0 && S_ISREG(fresh.status.st_mode);
-  if (is_regular) error = ReadWhole(descriptor, fresh.bytes);
-  (void)close(descriptor);  // read only, nothing can be lost
-  if (error != 0) return Failed(path, error);
-  if (!is_regular) return {ReplaceState::kNotRegular, path};
+  if (ReplaceResult open = OpenPlace(place, O_RDONLY, 0, file, fresh.status); !open.IsDone()) return open;
+  if (!S_ISREG(fresh.status.st_mode)) return {ReplaceState::kNotRegular, place.path};
+  if (!rules.accept_foreign) {
+    if (ReplaceResult checked = CheckOwner(place, fresh.status, FileUse::kRead); !checked.IsDone()) return checked;
+  }
+  const int error = file::ReadWhole(file.Number(), fresh.bytes, kFileImageBytesMax);
+  if (error != 0) return Failed(place.path, error);
   image = std::move(fresh);
   return {};
 }
 
+}  // namespace
+
+ReplaceResult ReadFileImage(const std::string& path, FileImage& image, const FileRules& rules) {
+  FilePlace place;
+  if (ReplaceResult found = FindPlace(path, rules.links, place); !found.IsDone()) return found;
+  return ReadPlace(place, rules, image);
+}
+
+ReplacedFile::Options ReplacedFile::ForOutput(bool accept_foreign) {
+  return {.links = accept_foreign ? LinkRule::kAny : LinkRule::kTrusted,
+          .may_be_missing = true,
+          .accept_foreign = accept_foreign,
+          .is_edit = false,
+          .new_mode = ModeThatUmaskLeaves(0666)};
+}
+
 ReplacedFile::~ReplacedFile() {
-  if (!is_in_place_ && !backup_path_.empty()) (void)unlink(backup_path_.c_str());
-  if (!is_in_place_ && copy_ >= 0) (void)unlink(copy_path_.c_str());
-  if (copy_ >= 0) (void)close(copy_);  // gives the lock back; what it holds was synced or is of no use
+  if (is_in_place_) return;
+  const int directory = place_.directory.Number();
+  if (!backup_suffix_.empty()) (void)file::Remove(NameOf(backup_suffix_).c_str(), 0, directory);
+  if (copy_.IsOpen() && IsCopyNamed()) (void)file::Remove(NameOf(copy_suffix_).c_str(), 0, directory);
 }
 
 ReplaceResult ReplacedFile::Begin(const std::string& path, Options options) {
-  if (ReplaceResult found = FindTarget(path, options); !found.IsDone()) return found;
-  if (ReplaceResult locked = options.only_look ? ReplaceResult() : LockCopy(); !locked.IsDone()) return locked;
-  ReplaceResult read = ReadFileImage(path_, image_);
-  const bool is_missing = read.state == ReplaceState::kNotFound && options.may_be_missing;
-  return is_missing ? ReplaceResult() : read;
+  options_ = options;
+  ReplaceResult found = FindPlace(path, options.links, place_);
+  if (found.state == ReplaceState::kNotFound && options.may_be_missing)
+    return Failed(path, found.error);  // no directory
+  if (!found.IsDone()) return found;
+  if (ReplaceResult checked = CheckDirectory(); !checked.IsDone()) return checked;
+  if (ReplaceResult checked = CheckTarget(); !checked.IsDone()) return checked;
+  if (!options.only_look) {
+    if (ReplaceResult made = options.is_edit ? LockCopy() : CreateCopy(); !made.IsDone()) return made;
+    copy_path_ = "/proc/self/fd/" + std::to_string(copy_.Number());
+  }
+  return options.is_edit ? ReadImage() : ReplaceResult();
 }
 
-ReplaceResult ReplacedFile::FindTarget(const std::string& path, Options options) {
-  path_ = path;
+ReplaceResult ReplacedFile::CheckDirectory() const {
+  if (!options_.refuse_shared_directory) return {};
   struct stat status;
-  if (lstat(path.c_str(), &status) != 0) {
-    const int error = errno;
-    if (error != ENOENT && error != ENOTDIR) return Failed(path, error);
-    return options.may_be_missing ? ReplaceResult() : ReplaceResult{ReplaceState::kNotFound, path};
+  if (const int error = file::StatusOf(place_.directory.Number(), status); error != 0)
+    return Failed(place_.path, error);
+  if (!MayOthersWrite(status)) return {};
+  return {ReplaceState::kSharedDirectory, place_.path, 0, status.st_uid};
+}
+
+ReplaceResult ReplacedFile::CheckTarget() {
+  if (place_.is_kernel_link) return {ReplaceState::kNotRegular, place_.path};
+  struct stat status;
+  const int error = file::StatusOf(place_.name.c_str(), status, AT_SYMLINK_NOFOLLOW, place_.directory.Number());
+  if (error == ENOENT) {
+    return options_.may_be_missing ? ReplaceResult() : ReplaceResult{ReplaceState::kNotFound, place_.path};
   }
-  if (S_ISREG(status.st_mode)) return {};
-  if (!S_ISLNK(status.st_mode)) return {ReplaceState::kNotRegular, path};
-  if (!options.follow_link) return {ReplaceState::kLink, path};
-  char* const resolved = realpath(path.c_str(), nullptr);
-  if (resolved == nullptr) return Failed(path, errno);
-  path_ = resolved;
-  std::free(resolved);
+  if (error != 0) return Failed(place_.path, error);
+  if (S_ISLNK(status.st_mode)) return {ReplaceState::kChanged, place_.path};
+  if (!S_ISREG(status.st_mode)) return {ReplaceState::kNotRegular, place_.path};
+  if (!options_.accept_foreign) {
+    if (ReplaceResult checked = CheckOwner(place_, status, FileUse::kWrite); !checked.IsDone()) return checked;
+  }
+  image_.status = status;
+  image_.exists = true;
   return {};
 }
 
 // An edit that ends gives the name away, by a rename or a removal, and only then the lock. So a lock counts only while
 // the name still leads to the file that was locked.
 ReplaceResult ReplacedFile::LockCopy() {
-  copy_path_ = path_ + ".edit";
+  const std::string name = NameOf(kEditSuffix);
+  copy_suffix_ = kEditSuffix;
+  const int directory = place_.directory.Number();
   for (;;) {
-    const int descriptor =
-        open(copy_path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, kPrivateMode);
-    if (descriptor < 0) return Failed(copy_path_, errno);
+    file::Descriptor copy = file::Open(name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, kPrivateMode, directory);
+    const int open_error = errno;
+    if (!copy.IsOpen()) return Failed(CopyName(), open_error);
     struct stat locked;
-    int error = CheckOwnFile(descriptor, locked);
-    if (error == 0 && flock(descriptor, LOCK_EX | LOCK_NB) != 0) error = errno;
+    int error = CheckOwnFile(copy.Number(), locked);
+    if (error == 0) error = file::TryLock(copy.Number());
+    if (error == EWOULDBLOCK) return {ReplaceState::kBusy, place_.path};
+    if (error != 0) return Failed(CopyName(), error);
     struct stat named;
-    const bool is_named = lstat(copy_path_.c_str(), &named) == 0;
-    if (error == 0 && is_named && IsSameFile(locked, named)) {
-      copy_ = descriptor;
-      return WriteCopy({});
-    }
-    (void)close(descriptor);  // nothing was written through it
-    if (error == EWOULDBLOCK) return {ReplaceState::kBusy, path_};
-    if (error != 0) return Failed(copy_path_, error);
+    const bool is_named = file::StatusOf(name.c_str(), named, AT_SYMLINK_NOFOLLOW, directory) == 0;
+    if (!is_named || !file::IsSameFile(locked, named)) continue;
+    copy_ = std::move(copy);
+    return WriteCopy({});
   }
+}
+
+ReplaceResult ReplacedFile::CreateCopy() {
+  copy_ = CreateNext(place_, copy_suffix_, [](int) { return RandomSuffix(); });
+  const int error = errno;
+  return copy_.IsOpen() ? ReplaceResult() : Failed(place_.path, error);
+}
+
+ReplaceResult ReplacedFile::ReadImage() {
+  image_ = {};
+  ReplaceResult read = ReadPlace(place_, {.accept_foreign = true}, image_);
+  const bool is_missing = read.state == ReplaceState::kNotFound && options_.may_be_missing;
+  return is_missing ? ReplaceResult() : read;
 }
 
 ReplaceResult ReplacedFile::WriteCopy(std::string_view bytes) {
-  int error = ftruncate(copy_, 0) == 0 && lseek(copy_, 0, SEEK_SET) == 0 ? 0 : errno;
-  if (error == 0) error = WriteWhole(copy_, bytes);
-  return error == 0 ? ReplaceResult() : Failed(copy_path_, error);
+  if (const int error = file::Truncate(copy_.Number(), 0); error != 0) return Failed(CopyName(), error);
+  copy_bytes_ = 0;
+  return AppendToCopy(bytes);
+}
+
+ReplaceResult ReplacedFile::AppendToCopy(std::string_view bytes) {
+  const file::Progress written = file::WriteAt(copy_.Number(), copy_bytes_, bytes);
+  copy_bytes_ += static_cast<std::int64_t>(written.bytes);
+  return FailedUnlessDone(CopyName(), written.error);
+}
+
+int ReplacedFile::GiveAttributes() {
+  if (image_.exists) return TakeOver(copy_.Number(), image_.status, options_.is_edit);
+  return fchmod(copy_.Number(), options_.new_mode & kModeMask) == 0 ? 0 : errno;
 }
 
 ReplaceResult ReplacedFile::Commit(bool with_backup) {
-  int error = 0;
-  if (image_.exists) {
-    error = TakeOver(copy_, image_.status);
-  } else if (fchmod(copy_, kNewFileMode) != 0) {
-    error = errno;
-  }
-  if (error == 0 && fsync(copy_) != 0) error = errno;
-  if (error != 0) return Failed(copy_path_, error);
+  int error = GiveAttributes();
+  if (error == 0) error = file::Sync(copy_.Number());
+  if (error != 0) return Failed(CopyName(), error);
   if (with_backup && image_.exists) {
     if (ReplaceResult backed_up = WriteBackup(); !backed_up.IsDone()) return backed_up;
   }
   if (ReplaceResult unchanged = CheckUnchanged(); !unchanged.IsDone()) return unchanged;
-  return PutInPlace();
+  return RenameCopy();
+}
+
+// A user who may write the directory can exchange the name; then his file would be renamed, and not ours.
+bool ReplacedFile::IsCopyNamed() const {
+  struct stat own;
+  struct stat named;
+  const std::string name = NameOf(copy_suffix_);
+  return file::StatusOf(copy_.Number(), own) == 0 &&
+         file::StatusOf(name.c_str(), named, AT_SYMLINK_NOFOLLOW, place_.directory.Number()) == 0 &&
+         file::IsSameFile(own, named);
 }
 
 ReplaceResult ReplacedFile::CheckUnchanged() const {
+  if (!IsCopyNamed()) return {ReplaceState::kChanged, CopyName()};
+  if (!options_.is_edit) return {};
   struct stat now;
-  const bool exists = lstat(path_.c_str(), &now) == 0;
-  if (!exists && errno != ENOENT && errno != ENOTDIR) return Failed(path_, errno);
-  if (exists != image_.exists || (exists && !IsUnchanged(image_.status, now))) return {ReplaceState::kChanged, path_};
-  return {};
+  const int error = file::StatusOf(place_.name.c_str(), now, AT_SYMLINK_NOFOLLOW, place_.directory.Number());
+  if (error != 0 && error != ENOENT && error != ENOTDIR) return Failed(place_.path, error);
+  const bool exists = error == 0;
+  const bool is_unchanged = exists == image_.exists && (!exists || file::IsUnchanged(image_.status, now));
+  return is_unchanged ? ReplaceResult() : ReplaceResult{ReplaceState::kChanged, place_.path};
 }
 
 ReplaceResult ReplacedFile::WriteBackup() {
-  const int descriptor = CreateBackup(path_, backup_path_);
-  if (descriptor < 0) {
-    const int open_error = errno;
-    return Failed(DirectoryOf(path_), open_error);
-  }
-  int error = FillBackup(descriptor, image_);
-  if (error == 0) error = SyncDirectory(DirectoryOf(path_));
-  return error == 0 ? ReplaceResult() : Failed(backup_path_, error);
+  const std::time_t now = std::time(nullptr);
+  std::tm time = {};
+  (void)localtime_r(&now, &time);
+  file::Descriptor backup =
+      CreateNext(place_, backup_suffix_, [&time](int attempt) { return BackupSuffix(time, attempt); });
+  const int open_error = errno;
+  if (!backup.IsOpen()) return Failed(file::DirectoryOf(place_.path), open_error);
+  backup_path_ = place_.Beside(backup_suffix_);
+  int error = FillBackup(backup, image_);
+  if (error == 0) error = file::SyncDirectory(".", place_.directory.Number());
+  return FailedUnlessDone(backup_path_, error);
 }
 
-// Without a sync of the directory a crash could bring the old file back, which is one of the two that may be there.
-ReplaceResult ReplacedFile::PutInPlace() {
-  int error = rename(copy_path_.c_str(), path_.c_str()) == 0 ? 0 : errno;
-  if (error != 0) return Failed(path_, error);
+// Without a sync of the directory a crash could restore the old file, which is whole as well.
+ReplaceResult ReplacedFile::RenameCopy() {
+  const int directory = place_.directory.Number();
+  int error = file::Rename(directory, NameOf(copy_suffix_).c_str(), directory, place_.name.c_str());
+  if (error != 0) return Failed(place_.path, error);
   is_in_place_ = true;
-  error = SyncDirectory(DirectoryOf(path_));
-  return error == 0 ? ReplaceResult() : Failed(DirectoryOf(path_), error);
+  error = file::SyncDirectory(".", directory);
+  return FailedUnlessDone(file::DirectoryOf(place_.path), error);
 }
 
 }  // namespace qx

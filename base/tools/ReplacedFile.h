@@ -1,38 +1,28 @@
-// Replaces a whole file with care, for tools that edit what services read: the new content is made beside the file and
-// takes its place in one step, and only if the file is still the one that was read.
+// Replaces a whole file: the new content is made next to the file and takes its name in one step. The tools write every
+// output, state and edit this way.
 //
 //   registry                       the file
-//   registry.edit                  the new content while it is made; locked, so that two edits do not meet
-//   registry.20261121-101500.bak   what stood there before
+//   registry.edit                  the new content of an edit, locked, so that a second edit is refused
+//   load.csv.k3XbQ9                the new content of an output
+//   registry.20261121-101500.bak   the backup of what the edit replaced
 //
-// A process that is killed leaves the file as it was, or replaced, and perhaps a "registry.edit", which the next edit
-// takes over. The module does not use any of this.
+// The new file never has more than the permissions 0777 of the old one: no set-user-id, set-group-id or sticky bit. All
+// names are relative to the open directory (base/tools/FilePlace.h). A process that is killed leaves the old file or
+// the new one, and perhaps the new content under its own name; the next edit takes over a "registry.edit".
+//
+// The module does not use any of this.
 #pragma once
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
+#include "base/File.h"
+#include "base/tools/FilePlace.h"
+
 namespace qx {
-
-enum class ReplaceState {
-  kDone,
-  kNotFound,    // there is no such file
-  kNotRegular,  // it is a directory, a device, ...
-  kLink,        // it is a symbolic link
-  kBusy,        // another edit of the file is at work
-  kChanged,     // the file is not the one any more that was read
-  kFailed,      // a call failed
-};
-
-struct ReplaceResult {
-  ReplaceState state = ReplaceState::kDone;
-  std::string file = {};  // the file that stood in the way
-  int error = 0;          // kFailed: the error number
-
-  [[nodiscard]] bool IsDone() const { return state == ReplaceState::kDone; }
-};
 
 // A file as it was read.
 struct FileImage {
@@ -41,61 +31,90 @@ struct FileImage {
   bool exists = false;
 };
 
-// Larger files are no configuration: reading one fails with EFBIG.
+// Larger files are not configuration: reading one fails with EFBIG.
 inline constexpr std::size_t kFileImageBytesMax = std::size_t{64} << 20;
 
-// Reads the regular file at `path`; links are followed. `image` is untouched on failure. [any thread]
-[[nodiscard]] ReplaceResult ReadFileImage(const std::string& path, FileImage& image);
+// Reads the regular file at `path`. `image` is unchanged on failure. [any thread]
+[[nodiscard]] ReplaceResult ReadFileImage(const std::string& path, FileImage& image,
+                                          const FileRules& rules = {.links = LinkRule::kAny, .accept_foreign = true});
 
-// One edit of one file.
+// One replacement of one file.
 //
 // Threads: one thread.
-// Owns: the file beside it until Commit, and the backup until the edit is in place; both are removed otherwise.
-// Failure: after any failure the file is as it was, unless IsInPlace() says that only the last sync failed. A file
-// beside it that cannot be locked is left, because it may be another's.
+// Owns: the new content until Commit, and the backup until the file is replaced; both are removed otherwise.
+// Failure: after any failure the file is unchanged, unless IsInPlace() shows that only the last sync failed. A
+// "registry.edit" that cannot be locked is left, because it may be another process's.
 class ReplacedFile {
  public:
   struct Options {
-    bool follow_link = false;     // edit what a symbolic link leads to, instead of refusing
-    bool may_be_missing = false;  // a file that is not there counts as an empty one
-    bool only_look = false;       // read it alone: nothing is locked, and nothing can be written
+    LinkRule links = LinkRule::kTrustedDirectories;
+    bool may_be_missing = false;           // a missing file counts as an empty one
+    bool only_look = false;                // only read the file: nothing is locked, and nothing can be written
+    bool accept_foreign = true;            // replace a file of another user; the new file gets its owner
+    bool refuse_shared_directory = false;  // kSharedDirectory if other users may write the directory
+    bool is_edit = true;                   // lock "NAME.edit", and read the file; false: the old content is of no use
+    mode_t new_mode = 0644;                // of a file that was missing
   };
+
+  // What an output of a tool asks for.
+  [[nodiscard]] static Options ForOutput(bool accept_foreign);
 
   ReplacedFile() = default;
   ~ReplacedFile();
   ReplacedFile(const ReplacedFile&) = delete;
   ReplacedFile& operator=(const ReplacedFile&) = delete;
 
-  // Locks and reads the file. Once for each object. [owning thread]
+  // Makes an empty file for the new content; an edit also reads the old one. Once for each object. [owning thread]
   [[nodiscard]] ReplaceResult Begin(const std::string& path, Options options);
 
-  // The file as Begin read it. [owning thread]
+  // The file as Begin read it; without its bytes if this is not an edit. [owning thread]
   [[nodiscard]] const FileImage& Image() const { return image_; }
-  // Where the new content is made, empty at first. Whoever writes there by name must not replace it. [owning thread]
+  // The new content, empty at first, open for reading and writing. [owning thread]
+  [[nodiscard]] int CopyDescriptor() const { return copy_.Number(); }
+  // A path that opens the very same file, whatever happens to its name: "/proc/self/fd/5". [owning thread]
   [[nodiscard]] const std::string& CopyPath() const { return copy_path_; }
-  // Makes the new content `bytes`. [owning thread]
-  [[nodiscard]] ReplaceResult WriteCopy(std::string_view bytes);
+  // The name of the new content, for messages. [owning thread]
+  [[nodiscard]] std::string CopyName() const { return place_.Beside(copy_suffix_); }
 
-  // Gives the copy mode and owner of the file (0644 if there was none), syncs it, and puts it in place, after a backup
-  // of mode, owner and time of the file if `with_backup`. [owning thread]
+  // Replaces what was written so far. [owning thread]
+  [[nodiscard]] ReplaceResult WriteCopy(std::string_view bytes);
+  // Appends to what was written by these two calls. [owning thread]
+  [[nodiscard]] ReplaceResult AppendToCopy(std::string_view bytes);
+
+  // Gives the new content the owner and the permissions of the old file, syncs it, and renames it to the file's name.
+  // An edit fails with kChanged if the file is no longer the one that was read, and any replacement if the name of the
+  // new content leads to another file. `with_backup` keeps the old file with its owner, permissions and times.
+  // [owning thread]
   [[nodiscard]] ReplaceResult Commit(bool with_backup);
 
   [[nodiscard]] bool IsInPlace() const { return is_in_place_; }
-  // Empty when there is no backup. [owning thread]
+  // Empty if there is no backup. [owning thread]
   [[nodiscard]] const std::string& BackupPath() const { return backup_path_; }
+  // The file that took the name, still open and locked if it was locked. After Commit. [owning thread]
+  [[nodiscard]] file::Descriptor TakeDescriptor() { return std::move(copy_); }
 
  private:
-  [[nodiscard]] ReplaceResult FindTarget(const std::string& path, Options options);
+  [[nodiscard]] ReplaceResult CheckTarget();
+  [[nodiscard]] ReplaceResult CheckDirectory() const;
   [[nodiscard]] ReplaceResult LockCopy();
+  [[nodiscard]] ReplaceResult CreateCopy();
+  [[nodiscard]] ReplaceResult ReadImage();
+  [[nodiscard]] int GiveAttributes();
+  [[nodiscard]] bool IsCopyNamed() const;
   [[nodiscard]] ReplaceResult CheckUnchanged() const;
   [[nodiscard]] ReplaceResult WriteBackup();
-  [[nodiscard]] ReplaceResult PutInPlace();
+  [[nodiscard]] ReplaceResult RenameCopy();
+  [[nodiscard]] std::string NameOf(const std::string& suffix) const { return place_.name + suffix; }
 
-  std::string path_;  // links resolved
-  std::string copy_path_;
-  std::string backup_path_;
+  Options options_;
+  FilePlace place_;
   FileImage image_;
-  int copy_ = -1;
+  file::Descriptor copy_;
+  std::string copy_suffix_;
+  std::string copy_path_;
+  std::int64_t copy_bytes_ = 0;
+  std::string backup_suffix_;
+  std::string backup_path_;
   bool is_in_place_ = false;
 };
 

@@ -145,7 +145,7 @@ TEST_F(ReplacedFileTest, ASymbolicLinkIsFollowedOnlyWhenAskedAndStaysALink) {
   std::filesystem::create_symlink("real/registry", path_);
   EXPECT_EQ(Replace("new"), ReplaceState::kLink);
   EXPECT_EQ(ReadFile(path_), "old");
-  EXPECT_EQ(Replace("new", {.follow_link = true}), ReplaceState::kDone);
+  EXPECT_EQ(Replace("new", {.links = LinkRule::kAny}), ReplaceState::kDone);
   EXPECT_TRUE(std::filesystem::is_symlink(path_));
   EXPECT_EQ(ReadFile(dir_.File("real/registry")), "new");
 }

@@ -35,7 +35,7 @@ class FileHistory::Recorder {
     if (call.result < 0) return;
     switch (call.number) {
       case SYS_openat:
-        return NoteOpen(TextOf(call.process, call.arguments[1]), call);
+        return NoteOpen(FullPath(Number(call), TextOf(call.process, call.arguments[1])), call);
       case SYS_write:
         return NoteWrite(call, offsets_[Number(call)]);
       case SYS_pwrite64:
@@ -54,6 +54,8 @@ class FileHistory::Recorder {
         return NoteNames(Effect::Kind::kLink, call, call.arguments[0], call.arguments[1]);
       case SYS_unlink:
         return NoteNames(Effect::Kind::kRemove, call, call.arguments[0], call.arguments[0]);
+      case SYS_unlinkat:
+        return NoteNames(Effect::Kind::kRemove, call, call.arguments[1], call.arguments[1]);
       default:
         return RefuseUnknown(call.number);
     }
@@ -64,10 +66,17 @@ class FileHistory::Recorder {
 
   // A call that the model does not know would make the states incomplete without a word.
   static void RefuseUnknown(long number) {
-    for (const long other : {SYS_writev, SYS_pwritev, SYS_renameat, SYS_linkat, SYS_unlinkat, SYS_fallocate, SYS_creat,
-                             SYS_truncate, SYS_copy_file_range, SYS_sendfile, SYS_symlink, SYS_syncfs, SYS_open}) {
+    for (const long other : {SYS_writev, SYS_pwritev, SYS_renameat, SYS_linkat, SYS_fallocate, SYS_creat, SYS_truncate,
+                             SYS_copy_file_range, SYS_sendfile, SYS_symlink, SYS_syncfs, SYS_open}) {
       if (number == other) throw std::runtime_error("the history knows nothing of call " + std::to_string(number));
     }
+  }
+
+  // A path that begins at an open directory: "/tmp/x" of the descriptor, "a" => "/tmp/x/a".
+  std::string FullPath(int directory, const std::string& path) const {
+    const auto opened = paths_.find(directory);
+    if (path.starts_with('/') || opened == paths_.end()) return path;
+    return (opened->second == "/" ? std::string() : opened->second) + "/" + path;
   }
 
   void Add(Effect effect) {
@@ -79,6 +88,8 @@ class FileHistory::Recorder {
     const int descriptor = static_cast<int>(call.result);
     files_.erase(descriptor);
     directories_.erase(descriptor);
+    paths_[descriptor] = path;
+    if ((call.arguments[2] & O_PATH) != 0) return;
     if (path == directory_ || path == directory_ + "/" || path == directory_ + "/.") directories_.insert(descriptor);
     if (path.rfind(directory_ + "/", 0) != 0 || directories_.contains(descriptor)) return;
     const std::string name = NameOf(path);
@@ -124,7 +135,8 @@ class FileHistory::Recorder {
   FileHistory& history_;
   const std::string directory_;
   std::map<std::string, int> names_;
-  std::map<int, int> files_;  // descriptor => file
+  std::map<int, std::string> paths_;  // descriptor => path
+  std::map<int, int> files_;          // descriptor => file
   std::map<int, std::size_t> offsets_;
   std::set<int> directories_;
   int next_file_ = 0;

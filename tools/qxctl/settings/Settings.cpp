@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 
+#include "tools/qxctl/cli/FileStatus.h"
+
 namespace qx::ctl {
 
 namespace {
@@ -48,6 +50,11 @@ Status StatusOfEdit(const ReplaceResult& result) {
       return {ExitCode::kRefused, "another qxctl is changing " + result.file + "; try again when it is done"};
     case ReplaceState::kChanged:
       return {ExitCode::kChanged, result.file + " was written meanwhile and is left as it is; try again"};
+    case ReplaceState::kForeignLink:
+    case ReplaceState::kForeignOwner:
+    case ReplaceState::kSharedDirectory:
+    case ReplaceState::kSeveralNames:
+      return StatusOfFile("cannot use", result);
     case ReplaceState::kFailed:
       return Failed(result);
   }
@@ -55,8 +62,9 @@ Status StatusOfEdit(const ReplaceResult& result) {
 }
 
 Status BeginEdit(ReplacedFile& edit, const std::string& path, const EditOptions& options, bool may_be_missing) {
-  return StatusOfEdit(
-      edit.Begin(path, {.follow_link = options.force, .may_be_missing = may_be_missing, .only_look = !options.apply}));
+  return StatusOfEdit(edit.Begin(path, {.links = options.force ? LinkRule::kAny : LinkRule::kTrustedDirectories,
+                                        .may_be_missing = may_be_missing,
+                                        .only_look = !options.apply}));
 }
 
 Status EditDone(const EditOptions& options, bool has_changes) {

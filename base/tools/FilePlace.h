@@ -1,0 +1,92 @@
+// Where a path leads, found step by step through descriptors, so that no other user can redirect a tool that runs as
+// root: a symbolic link counts only if root or the process's user owns it.
+//
+//   out/load.csv           => the directory "out", open, and the name "load.csv" in it
+//   l.csv -> out/load.csv  => the same, if root or the process's user made the link; otherwise refused
+//   /dev/stdout            => the process's own output: what the kernel links is not chosen by another user
+//
+// After the search every call names a file relative to the open directory. A directory or link that is exchanged later
+// changes nothing. The module does not use any of this.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <string>
+
+#include "base/File.h"
+
+namespace qx {
+
+enum class ReplaceState {
+  kDone,
+  kNotFound,         // there is no such file
+  kNotRegular,       // it is a directory, a device, ...
+  kLink,             // it is a symbolic link
+  kForeignLink,      // it is a symbolic link of another user
+  kForeignOwner,     // it belongs to another user
+  kSharedDirectory,  // users other than root and the process's own may write its directory
+  kSeveralNames,     // it has another name, which may be another user's
+  kBusy,             // another process holds its lock
+  kChanged,          // it is no longer the file that was read
+  kFailed,           // a call failed
+};
+
+struct ReplaceResult {
+  ReplaceState state = ReplaceState::kDone;
+  std::string file = {};  // the file or link that is the reason
+  int error = 0;          // kFailed: the error number
+  uid_t owner = 0;        // kForeignLink, kForeignOwner: the user
+
+  [[nodiscard]] bool IsDone() const { return state == ReplaceState::kDone; }
+};
+
+// Which symbolic links a path may contain.
+enum class LinkRule {
+  kTrusted,             // those of root and of the process's user
+  kTrustedDirectories,  // the same, but the file itself must not be a link
+  kAny,
+};
+
+// Which files may be opened.
+struct FileRules {
+  LinkRule links = LinkRule::kTrusted;
+  bool accept_foreign = false;  // files and links of any owner, and files with several names
+  bool only_special = false;    // pipes, terminals and devices: a regular file fails with kChanged
+};
+
+// A name in an open directory. There need not be a file of that name.
+struct FilePlace {
+  file::Descriptor directory;
+  std::string name;
+  std::string path;             // for messages: the path as it was given
+  bool is_kernel_link = false;  // the name is a link of /proc to an open file
+
+  // The path of a name next to this one, for messages.
+  //   "out/load.csv", ".edit" => "out/load.csv.edit"
+  [[nodiscard]] std::string Beside(const std::string& suffix) const { return path + suffix; }
+};
+
+// True for root and the process's effective user. [any thread]
+[[nodiscard]] bool IsTrustedOwner(uid_t owner);
+
+// [any thread]
+[[nodiscard]] ReplaceResult FindPlace(const std::string& path, LinkRule links, FilePlace& place);
+
+// Opens the file at `place` with the flags and the mode of open(2), without waiting, and without following a link that
+// appeared meanwhile. `status` describes the open file. [any thread]
+[[nodiscard]] ReplaceResult OpenPlace(const FilePlace& place, int flags, mode_t mode, file::Descriptor& opened,
+                                      struct stat& status);
+
+// Checks the owner of an open file: of a regular file or a named pipe. Devices, and what the kernel links, pass.
+// A reader accepts files of root and of the process's user, a writer only the latter. [any thread]
+enum class FileUse { kRead, kWrite };
+[[nodiscard]] ReplaceResult CheckOwner(const FilePlace& place, const struct stat& status, FileUse use);
+
+// Finds, opens and checks in one step. A regular file that is opened for writing must have one name only. A pipe, a
+// terminal or a device that was accepted is then set to block, because its reader or writer may be slow; the open of a
+// FIFO without a reader fails with ENXIO. [any thread]
+[[nodiscard]] ReplaceResult OpenChecked(const std::string& path, int flags, mode_t mode, const FileRules& rules,
+                                        file::Descriptor& opened);
+
+}  // namespace qx

@@ -1,0 +1,57 @@
+#include "tools/qxctl/cli/FileStatus.h"
+
+#include "tools/qxctl/cli/Text.h"
+
+namespace qx::ctl {
+
+namespace {
+
+Status Refused(const ReplaceResult& result, const std::string& reason) {
+  return {ExitCode::kRefused, Visible(result.file) + reason};
+}
+
+std::string UserOf(const ReplaceResult& result) { return " another user (uid " + std::to_string(result.owner) + ")"; }
+
+Status FailedCall(const std::string& what, const ReplaceResult& result) {
+  const std::string file = Visible(result.file);
+  if (result.error == ENXIO)
+    return {ExitCode::kIo, what + " " + file + ": nobody reads this pipe; start its reader first"};
+  return Status::Io(what + " " + file, result.error);
+}
+
+}  // namespace
+
+Status StatusOfFile(const std::string& what, const ReplaceResult& result) {
+  switch (result.state) {
+    case ReplaceState::kDone:
+      return {};
+    case ReplaceState::kNotFound:
+      return Status::Io(what + " " + Visible(result.file), ENOENT);
+    case ReplaceState::kNotRegular:
+      return Refused(result, " is not a regular file; name another file");
+    case ReplaceState::kLink:
+      return Refused(result, " is a symbolic link; name the file that it leads to, or use --force to follow it");
+    case ReplaceState::kForeignLink:
+      return Refused(result, " is a symbolic link of" + UserOf(result) +
+                                 ", who chooses where it leads; name the file itself, or use --force to follow it");
+    case ReplaceState::kForeignOwner:
+      return Refused(result,
+                     " belongs to" + UserOf(result) +
+                         "; name a file of your own, or use --force to use it all the same (it keeps its owner)");
+    case ReplaceState::kSharedDirectory:
+      return Refused(result, " is in a directory that other users may write; name another directory, or use --force");
+    case ReplaceState::kSeveralNames:
+      return Refused(result,
+                     " has several names (hard links), and another may be needed elsewhere; name another file, "
+                     "or use --force to write it");
+    case ReplaceState::kBusy:
+      return Refused(result, " is locked by another process; try again when that has ended");
+    case ReplaceState::kChanged:
+      return {ExitCode::kChanged, Visible(result.file) + " was replaced by another process meanwhile; try again"};
+    case ReplaceState::kFailed:
+      return FailedCall(what, result);
+  }
+  return {};
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,15 @@
+// Why a file was not opened or replaced, in words.
+#pragma once
+
+#include <string>
+
+#include "base/tools/FilePlace.h"
+#include "tools/qxctl/cli/Status.h"
+
+namespace qx::ctl {
+
+// `what`: "cannot open", "cannot create", ... A file or link of another user gives kRefused, and the message names
+// --force.
+[[nodiscard]] Status StatusOfFile(const std::string& what, const ReplaceResult& result);
+
+}  // namespace qx::ctl
