@@ -66,20 +66,12 @@ FILE_CALLS = (r"(?<![\w.>])(std::|::)?(open|openat|creat|rename|renameat|renamea
 FILE_CALLERS = {
     "base/FileCalls.cpp",
     # Not converted yet:
-    "base/tools/ReplacedFile.cpp",
     "process/Process.cpp",
     "reportfile/DirectoryListing.cpp",
     "reportfile/FileCopy.cpp",
     "reportfile/ReportFileBackup.cpp",
     "reportfile/tools/DurableFiles.cpp",
     "reportfile/tools/StoreBackup.cpp",
-    "tools/qxctl/Main.cpp",
-    "tools/qxctl/cli/ChildRun.cpp",
-    "tools/qxctl/cli/Input.cpp",
-    "tools/qxctl/cli/OutputFile.cpp",
-    "tools/qxctl/doctor/DoctorRegistry.cpp",
-    "tools/qxctl/fetch/FetchState.cpp",
-    "tools/qxctl/fetch/RecordSink.cpp",
 }
 
 # In some folders more is banned: a document must not parse differently under a host's locale.

@@ -233,7 +233,7 @@ TEST_F(QxctlFetch, OutputThatCannotBeWrittenIsAnIoFailure) {
   EXPECT_THAT(device.err, HasSubstr("cannot write /dev/full: No space left on device"));
   const Ran nowhere = Qxctl({"fetch", "load", "-o", "nowhere/out"});
   EXPECT_EQ(nowhere.code, 6);
-  EXPECT_THAT(nowhere.err, HasSubstr("cannot create a file beside nowhere/out: No such file or directory"));
+  EXPECT_THAT(nowhere.err, HasSubstr("cannot create nowhere/out: No such file or directory"));
 }
 
 // The next file that a process opens takes the lowest free descriptor, here the module's log that of standard output.

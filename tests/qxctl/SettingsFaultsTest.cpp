@@ -53,7 +53,7 @@ struct Call {
 
 const char* ErrorOf(const std::string& call) {
   static const std::map<std::string, const char*> kErrors = {
-      {"openat", "EACCES"}, {"write", "ENOSPC"}, {"fchmod", "EPERM"}, {"fchown", "EPERM"}, {"rename", "EROFS"}};
+      {"openat", "EACCES"}, {"write", "ENOSPC"}, {"fchmod", "EPERM"}, {"fchown", "EPERM"}, {"renameat2", "EROFS"}};
   const auto found = kErrors.find(call);
   return found != kErrors.end() ? found->second : "EIO";
 }
@@ -123,7 +123,7 @@ class SettingsFaults : public testing::TestWithParam<Scenario> {
   // What cannot be removed stays; and what cannot be locked may be another's, so that it is left, empty as it was made.
   bool MayLeaveCopy(const Call& call) const {
     const bool is_before_the_lock = call.name == "flock" || call.name == "newfstatat" || call.name == "fstat";
-    return call.name == "unlink" || (is_before_the_lock && ReadFile(Path() + ".edit").empty());
+    return call.name == "unlinkat" || (is_before_the_lock && ReadFile(Path() + ".edit").empty());
   }
 
   void ExpectOldOrNew() const {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/File.h"
 #include "tools/qxctl/cli/Commands.h"
 #include "tools/qxctl/cli/Interrupt.h"
 
@@ -46,7 +47,8 @@ constexpr int kTraceLevelMax = 6;
 void HoldStandardDescriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(descriptor, F_GETFD) >= 0) continue;
-    (void)open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // takes the lowest free number
+    // It takes the lowest free number, and stays open.
+    (void)qx::file::Open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY).Release();
   }
 }
 

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "base/File.h"
 #include "tools/qxctl/cli/WriteAll.h"
 
 namespace qx::ctl {
@@ -22,8 +23,8 @@ using Clock = std::chrono::steady_clock;
 [[noreturn]] void Work(const std::function<std::string()>& work, int out) {
   const rlimit no_core{0, 0};
   (void)setrlimit(RLIMIT_CORE, &no_core);  // that it crashed is all that is to be known
-  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) (void)dup2(null, descriptor);
+  const file::Descriptor null = file::Open("/dev/null", O_RDWR);
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) (void)dup2(null.Number(), descriptor);
   _exit(WriteAll(out, work(), "the parent").IsOk() ? 0 : 1);
 }
 
@@ -39,10 +40,9 @@ bool ReadToEnd(int in, pid_t child, double seconds, std::string& text) {
       return false;
     }
     char buffer[4096];
-    const ssize_t count = read(in, buffer, sizeof buffer);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return true;
-    text.append(buffer, static_cast<std::size_t>(count));
+    const file::Progress progress = file::Read(in, buffer, sizeof buffer);  // EAGAIN: no more for now
+    text.append(buffer, progress.bytes);
+    if (progress.bytes < sizeof buffer && progress.error != EAGAIN) return true;
   }
 }
 
@@ -62,11 +62,13 @@ ChildOutcome RunInChild(double seconds, const std::function<std::string()>& work
   ChildOutcome outcome;
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return {"", 0, "not run: no pipe"};
+  const file::Descriptor in(ends[0]);
+  file::Descriptor out(ends[1]);
   const pid_t child = fork();
-  if (child == 0) Work(work, ends[1]);
-  (void)close(ends[1]);
-  const bool has_ended = child > 0 && ReadToEnd(ends[0], child, seconds, outcome.text);
-  (void)close(ends[0]);
+  if (child == 0) Work(work, out.Number());
+  out = {};  // closed, so that the child's end is the end of the pipe
+  const bool is_set = child > 0 && fcntl(in.Number(), F_SETFL, O_NONBLOCK) == 0;
+  const bool has_ended = is_set && ReadToEnd(in.Number(), child, seconds, outcome.text);
   int status = 0;
   if (child < 0 || waitpid(child, &status, 0) != child) return {"", 0, "not run: no process"};
   if (has_ended) {

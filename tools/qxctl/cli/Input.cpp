@@ -1,9 +1,12 @@
 #include "tools/qxctl/cli/Input.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
-#include <array>
+#include "base/File.h"
+#include "base/tools/FilePlace.h"
+#include "tools/qxctl/cli/FileStatus.h"
 
 namespace qx::ctl {
 
@@ -12,36 +15,34 @@ namespace {
 // More than any request needs; it keeps a wrong file name from filling the memory.
 constexpr std::size_t kInputBytesMax = std::size_t{64} << 20;
 
+// A FIFO that nobody has opened for writing yet looks like one that has ended; the wait ends with the first writer.
+// Regular files are ready at once.
+void WaitForWriter(int descriptor) {
+  pollfd waited{descriptor, POLLIN, 0};
+  (void)poll(&waited, 1, -1);  // whatever it says, the read decides
+}
+
 Status ReadToEnd(int descriptor, const std::string& name, std::string& text) {
-  std::array<char, 65536> buffer;
-  for (;;) {
-    const ssize_t count = read(descriptor, buffer.data(), buffer.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return Status::Io("cannot read " + name, errno);
-    if (count == 0) return {};
-    text.append(buffer.data(), static_cast<std::size_t>(count));
-    if (text.size() > kInputBytesMax) return {ExitCode::kIo, name + " has more than 64 MiB"};
-  }
+  const int error = file::ReadWhole(descriptor, text, kInputBytesMax);
+  if (error == EFBIG) return {ExitCode::kIo, name + " has more than 64 MiB"};
+  return error == 0 ? Status() : Status::Io("cannot read " + name, error);
 }
 
 }  // namespace
 
-Status ReadArgument(const std::string& argument, std::string& text) {
+Status ReadArgument(const std::string& argument, std::string& text, bool force) {
   if (!argument.starts_with('@')) {
     text = argument;
     return {};
   }
   const std::string path = argument.substr(1);
   if (path == "-") return ReadToEnd(STDIN_FILENO, "standard input", text);
-  const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) {
-    const int error = errno;
-    if (error == ENOENT) return {ExitCode::kNotFound, "there is no input file " + path};
-    return Status::Io("cannot open " + path, error);
-  }
-  Status status = ReadToEnd(descriptor, path, text);
-  (void)close(descriptor);  // read only, nothing can be lost
-  return status;
+  file::Descriptor file;
+  const ReplaceResult opened = OpenChecked(path, O_RDONLY, 0, {.accept_foreign = force}, file);
+  if (opened.state == ReplaceState::kNotFound) return {ExitCode::kNotFound, "there is no input file " + path};
+  if (!opened.IsDone()) return StatusOfFile("cannot open", opened);
+  WaitForWriter(file.Number());
+  return ReadToEnd(file.Number(), path, text);
 }
 
 }  // namespace qx::ctl

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "base/File.h"
 #include "tools/qxctl/cli/WriteAll.h"
 
 namespace qx::ctl {
@@ -106,9 +107,9 @@ void Output::Progress(const std::string& line) {
 
 Status Output::Finish() {
   WipeProgress();
-  if (Flush().IsOk() && close(STDOUT_FILENO) != 0) {
-    written_ = Status::Io(std::string("cannot close ") + kStandardOutput, errno);
-  }
+  if (!Flush().IsOk()) return written_;
+  const int error = file::Descriptor(STDOUT_FILENO).Close();
+  if (error != 0) written_ = Status::Io(std::string("cannot close ") + kStandardOutput, error);
   return written_;
 }
 

@@ -4,36 +4,35 @@
 #include <string>
 #include <string_view>
 
+#include "base/File.h"
+#include "base/tools/ReplacedFile.h"
 #include "tools/qxctl/cli/Status.h"
 
 namespace qx::ctl {
 
-// Writes to a temporary file beside the target and renames it over the target at Commit; a target that exists and is
-// not a regular file (a pipe, a device) is written directly. A symbolic link is followed, and its target is replaced.
-// The new file has the permissions of the one it replaces, or those that the umask leaves.
+// Writes to a temporary file next to the target and renames it to the target's name at Commit. A target that exists and
+// is not a regular file (a pipe, a terminal, a device) is written directly. A symbolic link is followed, and its target
+// is replaced. The new file has the permissions of the one it replaces, without set-id bits, or those that the umask
+// leaves.
+//
+// A file or link of another user is refused, because that user would decide what others read or run. With `force` it is
+// accepted, and the new file gets its owner.
 //
 // Threads: used by one thread.
 // Owns: the descriptor and, until Commit, the temporary file; both are gone after destruction.
-// Failure: after any failure the target is as it was.
+// Failure: after any failure the target is unchanged.
 class OutputFile {
  public:
-  OutputFile() = default;
-  ~OutputFile();
-  OutputFile(const OutputFile&) = delete;
-  OutputFile& operator=(const OutputFile&) = delete;
-
-  Status Open(const std::string& path);
+  Status Open(const std::string& path, bool force = false);
   Status Write(std::string_view bytes);
 
-  // Syncs, closes and puts the file in place.
+  // Syncs the file and renames it to its name.
   Status Commit();
 
  private:
-  Status OpenTemporary();
-
-  std::string target_;
-  std::string temporary_;  // empty: the target is written directly
-  int descriptor_ = -1;
+  std::string path_;
+  ReplacedFile file_;
+  file::Descriptor direct_;  // open: the target is written directly
 };
 
 }  // namespace qx::ctl

@@ -36,9 +36,9 @@ TraceDirectory::~TraceDirectory() {
 }
 
 Status TraceDirectory::Keep(const std::string& directory, int level) {
-  if (mkdir(directory.c_str(), kModePrivate) != 0 && errno != EEXIST) {
-    return Status::Io("cannot make the trace directory " + directory, errno);
-  }
+  const bool is_made = mkdir(directory.c_str(), kModePrivate) == 0;
+  const int error = errno;
+  if (!is_made && error != EEXIST) return Status::Io("cannot make the trace directory " + directory, error);
   if (access((directory + kModuleLog).c_str(), F_OK) == 0) {
     return {ExitCode::kRefused, directory + kModuleLog +
                                     " exists, and loading the module would empty it; if no service " +
@@ -55,8 +55,10 @@ Status TraceDirectory::ProtectService() {
   if (is_set_) return {};
   const char* const base = std::getenv("TMPDIR");
   std::string name = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/qxctl-XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) {
-    return Status::Io("cannot make a private trace directory " + name + " (TMPDIR names another place)", errno);
+  const bool is_made = mkdtemp(name.data()) != nullptr;
+  const int error = errno;
+  if (!is_made) {
+    return Status::Io("cannot make a private trace directory " + name + " (TMPDIR names another place)", error);
   }
   private_ = name;
   is_set_ = true;

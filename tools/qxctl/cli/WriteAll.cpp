@@ -1,22 +1,54 @@
 #include "tools/qxctl/cli/WriteAll.h"
 
-#include <unistd.h>
+#include <limits.h>
+#include <poll.h>
+
+#include <algorithm>
 
 #include "tools/qxctl/cli/Interrupt.h"
 
 namespace qx::ctl {
 
-Status WriteAll(int descriptor, std::string_view bytes, const std::string& name) {
-  while (!bytes.empty()) {
-    const ssize_t written = write(descriptor, bytes.data(), bytes.size());
+namespace {
+
+constexpr int kWaitMilliseconds = 100;
+
+// Waits until the descriptor takes bytes. False when a signal under an InterruptGuard ends it: one that interrupts the
+// wait, or one that is newer than `known`. What is wrong with the descriptor shows in the write.
+bool WaitUntilWritable(int descriptor, int known) {
+  for (;;) {
+    if (InterruptSignal() != known) return false;
+    pollfd waited{descriptor, POLLOUT, 0};
+    const int ready = poll(&waited, 1, kWaitMilliseconds);  // a signal may arrive just before the wait begins
     const int error = errno;
-    if (written >= 0) {
-      bytes.remove_prefix(static_cast<std::size_t>(written));
-    } else if (error != EINTR || InterruptSignal() != 0) {
-      return Status::Io("cannot write " + name, error);
-    }
+    if (ready < 0 && error == EINTR && InterruptSignal() != 0) return false;
+    if (ready > 0 || (ready < 0 && error != EINTR)) return true;
   }
-  return {};
+}
+
+std::size_t PieceBytes(int descriptor) {
+  struct stat status;
+  const bool is_regular = file::StatusOf(descriptor, status) == 0 && S_ISREG(status.st_mode);
+  return is_regular ? std::string_view::npos : PIPE_BUF;
+}
+
+}  // namespace
+
+file::Progress WriteUntilInterrupted(int descriptor, std::string_view bytes) {
+  const std::size_t piece_bytes = PieceBytes(descriptor);
+  const int known = InterruptSignal();  // after the first one a command still says how it ended
+  file::Progress progress;
+  while (progress.bytes < bytes.size() && !progress.Failed()) {
+    if (!WaitUntilWritable(descriptor, known)) return {progress.bytes, EINTR};
+    const file::Progress piece = file::Write(descriptor, bytes.substr(progress.bytes, piece_bytes));
+    progress = {progress.bytes + piece.bytes, piece.error};
+  }
+  return progress;
+}
+
+Status WriteAll(int descriptor, std::string_view bytes, const std::string& name) {
+  const file::Progress progress = WriteUntilInterrupted(descriptor, bytes);
+  return progress.Failed() ? Status::Io("cannot write " + name, progress.error) : Status();
 }
 
 }  // namespace qx::ctl

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/File.h"
 #include "registry/Registry.h"
 #include "tools/qxctl/doctor/Doctor.h"
 
@@ -29,12 +30,12 @@ bool LookAtFile(const std::string& path, DoctorFindings& findings) {
   struct stat found;
   if (lstat(path.c_str(), &found) != 0) return false;
   if (S_ISLNK(found.st_mode)) findings.push_back({"QX205", path + " is a symbolic link"});
-  const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor < 0) {
-    findings.push_back({"QX203", path + ": " + std::strerror(errno)});
+  const file::Descriptor opened = file::Open(path.c_str(), O_RDONLY);
+  const int error = errno;
+  if (!opened.IsOpen()) {
+    findings.push_back({"QX203", path + ": " + std::strerror(error)});
     return true;
   }
-  (void)close(descriptor);
   if (const std::string open_to_all = WritableByOthers(path); !open_to_all.empty()) {
     findings.push_back({"QX206", open_to_all + " can be written by everybody"});
   }

@@ -83,8 +83,10 @@ void LookAtReport(const std::string& base, DoctorFindings& findings) {
       findings.push_back({"QX303", file + " is a directory"});
       return;
     }
-    if (access(file.c_str(), R_OK) != 0) {
-      findings.push_back({"QX303", file + ": " + std::strerror(errno)});
+    const bool is_readable = access(file.c_str(), R_OK) == 0;
+    const int error = errno;
+    if (!is_readable) {
+      findings.push_back({"QX303", file + ": " + std::strerror(error)});
       return;
     }
   }

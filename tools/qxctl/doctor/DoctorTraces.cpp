@@ -90,9 +90,9 @@ bool LookAtDirectory(const std::string& directory, DoctorFindings& findings) {
     findings.push_back({"QX404", directory + " is no directory"});
     return false;
   }
-  if (access(directory.c_str(), W_OK | X_OK) != 0) {
-    findings.push_back({"QX404", directory + ": " + std::strerror(errno)});
-  }
+  const bool is_writable = access(directory.c_str(), W_OK | X_OK) == 0;
+  const int error = errno;
+  if (!is_writable) findings.push_back({"QX404", directory + ": " + std::strerror(error)});
   if (const std::string open = WritableByOthers(directory); !open.empty()) {
     findings.push_back({"QX409", open + " can be written by everybody"});
   }

@@ -1,20 +1,16 @@
 #include "tools/qxctl/fetch/FetchState.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <array>
 #include <charconv>
 #include <cstdio>
-#include <cstdlib>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "reportfile/tools/DurableFiles.h"
-#include "tools/qxctl/cli/WriteAll.h"
+#include "base/tools/ReplacedFile.h"
+#include "tools/qxctl/cli/FileStatus.h"
 
 namespace qx::ctl {
 
@@ -22,7 +18,6 @@ namespace {
 
 constexpr int kStateVersion = 1;
 constexpr std::size_t kStateBytesMax = std::size_t{1} << 20;
-constexpr mode_t kModeMask = 07777;
 constexpr int kHexBase = 16;
 constexpr std::size_t kHashDigits = 16;
 
@@ -111,70 +106,63 @@ bool FromText(const std::string& text, FetchState& state) {
   }
 }
 
-bool ReadWhole(int descriptor, std::string& text) {
-  std::array<char, 65536> buffer;
-  for (;;) {
-    const ssize_t count = pread(descriptor, buffer.data(), buffer.size(), static_cast<off_t>(text.size()));
-    if (count < 0) return false;
-    if (count == 0 || text.size() > kStateBytesMax) return true;
-    text.append(buffer.data(), static_cast<std::size_t>(count));
-  }
-}
-
-std::string Resolved(const std::string& path) {
-  char* const real = realpath(path.c_str(), nullptr);
-  std::string resolved = real != nullptr ? real : path;
-  std::free(real);
-  return resolved;
-}
-
 }  // namespace
 
 FetchStateFile::~FetchStateFile() {
-  if (descriptor_ < 0) return;
-  if (is_fresh_) (void)unlink(path_.c_str());  // an empty file of ours says nothing
-  (void)close(descriptor_);
+  if (!file_.IsOpen() || !is_fresh_) return;
+  (void)file::Remove(place_.name.c_str(), 0, place_.directory.Number());  // an empty file of ours says nothing
 }
 
-Status FetchStateFile::Open(const std::string& path) {
+Status FetchStateFile::Open(const std::string& path, bool force) {
   path_ = path;
-  if (Status status = Lock(); !status.IsOk()) return status;
-  path_ = Resolved(path);
+  force_ = force;
+  const LinkRule links = force ? LinkRule::kAny : LinkRule::kTrusted;
+  if (Status found = StatusOfFile("cannot open", FindPlace(path, links, place_)); !found.IsOk()) return found;
+  if (Status locked = Lock(); !locked.IsOk()) return locked;
   return Read();
 }
 
-// The run that holds the lock may put a new file in place while this one waits for nothing: the lock counts only if the
-// file is still the one of that name.
+// The run that holds the lock may rename a new file to the name in the meantime: the lock counts only if the file still
+// has the name.
 Status FetchStateFile::Lock() {
   constexpr int kAttempts = 100;
   for (int i = 0; i < kAttempts; ++i) {
-    const int descriptor = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666);
-    if (descriptor < 0) return Status::Io("cannot open " + path_, errno);
-    struct stat opened = {};
-    struct stat named = {};
-    const bool is_regular = fstat(descriptor, &opened) == 0 && S_ISREG(opened.st_mode);
-    const bool is_locked = is_regular && flock(descriptor, LOCK_EX | LOCK_NB) == 0;
-    if (is_locked && stat(path_.c_str(), &named) == 0 && named.st_ino == opened.st_ino &&
-        named.st_dev == opened.st_dev) {
-      descriptor_ = descriptor;
-      is_fresh_ = opened.st_size == 0;
-      return {};
-    }
-    (void)close(descriptor);
-    if (!is_regular) return {ExitCode::kRefused, path_ + " is no regular file; name another for the state"};
-    if (!is_locked) break;
+    bool is_named = false;
+    if (Status locked = OpenAndLock(file_, is_named); !locked.IsOk()) return locked;
+    if (is_named) return {};
   }
-  return {ExitCode::kRefused, "another run works with " + path_ + "; wait until it has ended"};
+  return StatusOfFile("cannot open", {ReplaceState::kChanged, path_});
+}
+
+Status FetchStateFile::OpenAndLock(file::Descriptor& opened, bool& is_named) const {
+  file::Descriptor state;
+  struct stat status;
+  ReplaceResult result = OpenPlace(place_, O_RDWR | O_CREAT, 0666, state, status);
+  if (result.IsDone() && !force_) result = CheckOwner(place_, status, FileUse::kWrite);
+  if (!result.IsDone()) return StatusOfFile("cannot open", result);
+  if (!S_ISREG(status.st_mode)) {
+    return {ExitCode::kRefused, path_ + " is not a regular file; name another for the state"};
+  }
+  if (file::TryLock(state.Number()) != 0) {
+    return {ExitCode::kRefused, "another run works with " + path_ + "; wait until it has ended"};
+  }
+  struct stat named;
+  is_named = file::StatusOf(place_.name.c_str(), named, AT_SYMLINK_NOFOLLOW, place_.directory.Number()) == 0 &&
+             file::IsSameFile(status, named);
+  if (is_named) opened = std::move(state);
+  return {};
 }
 
 Status FetchStateFile::Read() {
   std::string text;
-  if (!ReadWhole(descriptor_, text)) return Status::Io("cannot read " + path_, errno);
-  if (text.empty()) return {};
+  const int error = file::ReadWhole(file_.Number(), text, kStateBytesMax);
+  if (error != 0 && error != EFBIG) return Status::Io("cannot read " + path_, error);
+  is_fresh_ = text.empty();
+  if (is_fresh_) return {};
   FetchState state;
-  if (!FromText(text, state)) {
+  if (error == EFBIG || !FromText(text, state)) {
     return {ExitCode::kRefused,
-            path_ + " is no state of a fetch; name another file, or remove it to fetch from the " + "oldest record on"};
+            path_ + " is not the state of a fetch; name another file, or remove it to fetch from the oldest record on"};
   }
   state_ = std::move(state);
   return {};
@@ -188,25 +176,16 @@ Status FetchStateFile::Save(const FetchState& state) {
 }
 
 Status FetchStateFile::Replace(const std::string& text) {
-  std::string name = path_ + ".XXXXXX";
-  const int descriptor = mkostemp(name.data(), O_CLOEXEC);
-  if (descriptor < 0) return Status::Io("cannot create a file beside " + path_, errno);
-  struct stat old = {};
-  const bool is_ready = fstat(descriptor_, &old) == 0 && fchmod(descriptor, old.st_mode & kModeMask) == 0 &&
-                        flock(descriptor, LOCK_EX | LOCK_NB) == 0;
-  Status status = is_ready ? WriteAll(descriptor, text, name) : Status::Io("cannot prepare " + name, errno);
-  if (status.IsOk() && fsync(descriptor) != 0) status = Status::Io("cannot sync " + name, errno);
-  if (status.IsOk() && rename(name.c_str(), path_.c_str()) != 0) {
-    status = Status::Io("cannot put " + path_ + " in place", errno);
+  ReplacedFile next;
+  ReplaceResult result = next.Begin(path_, ReplacedFile::ForOutput(force_));
+  if (result.IsDone()) result = next.WriteCopy(text);
+  if (!result.IsDone()) return StatusOfFile("cannot create", result);
+  if (const int error = file::TryLock(next.CopyDescriptor()); error != 0) {
+    return Status::Io("cannot lock " + next.CopyName(), error);
   }
-  if (!status.IsOk()) {
-    (void)unlink(name.c_str());
-    (void)close(descriptor);
-    return status;
-  }
-  (void)close(std::exchange(descriptor_, descriptor));
-  const int error = report::SyncPath(report::ParentOf(path_));
-  return error == 0 ? Status() : Status::Io("cannot sync the directory of " + path_, error);
+  result = next.Commit(false);
+  if (next.IsInPlace()) file_ = next.TakeDescriptor();
+  return StatusOfFile("cannot replace", result);
 }
 
 }  // namespace qx::ctl

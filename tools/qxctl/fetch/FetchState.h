@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "base/File.h"
+#include "base/tools/FilePlace.h"
 #include "reportfile/tools/ReportFollower.h"
 #include "tools/qxctl/cli/Status.h"
 #include "tools/qxctl/fetch/RecordFormat.h"
@@ -16,16 +18,16 @@ struct FetchState {
   RecordFormatOptions format;
   std::size_t columns = 0;                    // of the CSV header that was written
   std::string output;                         // the file that the records go to; empty: standard output
-  std::optional<std::uint64_t> output_bytes;  // its size behind the last delivered record
+  std::optional<std::uint64_t> output_bytes;  // its size after the last delivered record
   report::ReportPosition position;
   std::uint64_t in_flight = 0;  // records whose writing was begun and, as far as is known, not finished
 };
 
-// The file is locked from Open on, so that two runs do not deliver the same records; it is replaced as a whole, and the
-// lock goes over to the new one.
+// The file is locked from Open on, so that two runs do not deliver the same records. It is replaced as a whole, and the
+// new file is locked before it takes the name.
 //
 // Threads: used by one thread. Owns: the lock, released at destruction.
-// Failure: a Save that failed leaves the old state in place.
+// Failure: a Save that failed leaves the old state in the file.
 class FetchStateFile {
  public:
   FetchStateFile() = default;
@@ -33,21 +35,25 @@ class FetchStateFile {
   FetchStateFile(const FetchStateFile&) = delete;
   FetchStateFile& operator=(const FetchStateFile&) = delete;
 
-  // Makes the file if it is missing. kRefused when another run has it, or when it holds something else than a state.
-  Status Open(const std::string& path);
+  // Creates the file if it is missing. kRefused if another run has it, if it holds anything but a state, or, unless
+  // `force`, if it belongs to another user: a state decides to which size the output file is cut.
+  Status Open(const std::string& path, bool force = false);
 
-  // What it holds; unset when it is fresh.
+  // What it holds; unset while it is empty.
   const std::optional<FetchState>& State() const { return state_; }
 
   Status Save(const FetchState& state);
 
  private:
   Status Lock();
+  Status OpenAndLock(file::Descriptor& opened, bool& is_named) const;
   Status Read();
   Status Replace(const std::string& text);
 
   std::string path_;
-  int descriptor_ = -1;
+  bool force_ = false;
+  FilePlace place_;
+  file::Descriptor file_;
   bool is_fresh_ = true;
   std::optional<FetchState> state_;
 };

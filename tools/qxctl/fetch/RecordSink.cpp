@@ -7,30 +7,30 @@
 
 #include <cerrno>
 
+#include "base/tools/FilePlace.h"
+#include "tools/qxctl/cli/FileStatus.h"
 #include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/WriteAll.h"
 
 namespace qx::ctl {
 
-RecordSink::~RecordSink() {
-  if (file_ >= 0) (void)close(file_);  // Sync has reported what could go wrong
-}
+int RecordSink::Descriptor() const { return file_.IsOpen() ? file_.Number() : STDOUT_FILENO; }
 
-int RecordSink::Descriptor() const { return file_ >= 0 ? file_ : STDOUT_FILENO; }
-
-Status RecordSink::OpenFile(const std::string& path) {
+Status RecordSink::OpenFile(const std::string& path, bool force) {
   name_ = path;
-  file_ = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-  return file_ >= 0 ? Status() : Status::Io("cannot open " + path, errno);
+  const FileRules rules = {.accept_foreign = force};
+  return StatusOfFile("cannot open", OpenChecked(path, O_WRONLY | O_APPEND | O_CREAT, 0666, rules, file_));
 }
 
 std::optional<std::uint64_t> RecordSink::Bytes() const {
-  struct stat status = {};
-  if (file_ < 0 || fstat(file_, &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  struct stat status;
+  if (!file_.IsOpen() || file::StatusOf(file_.Number(), status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
   return static_cast<std::uint64_t>(status.st_size);
 }
 
 Status RecordSink::Shorten(std::uint64_t bytes) {
-  return ftruncate(file_, static_cast<off_t>(bytes)) == 0 ? Status() : Status::Io("cannot shorten " + name_, errno);
+  const int error = file::Truncate(file_.Number(), static_cast<std::int64_t>(bytes));
+  return error == 0 ? Status() : Status::Io("cannot shorten " + name_, error);
 }
 
 Status RecordSink::Write(std::span<const std::string> pieces, std::size_t& taken) {
@@ -54,23 +54,16 @@ Status RecordSink::Write(std::span<const std::string> pieces, std::size_t& taken
 }
 
 Status RecordSink::WriteGroup(std::string_view bytes, std::size_t& written) const {
-  while (written < bytes.size()) {
-    const ssize_t count = write(Descriptor(), bytes.data() + written, bytes.size() - written);
-    const int error = errno;
-    if (count >= 0) {
-      written += static_cast<std::size_t>(count);
-    } else if (error != EINTR) {
-      return Status::Io("cannot write " + name_, error);
-    } else if (InterruptSignal() != 0) {
-      return {ExitCode::kIo, "interrupted"};
-    }
-  }
-  return {};
+  const file::Progress progress = WriteUntilInterrupted(Descriptor(), bytes);
+  written += progress.bytes;
+  if (progress.error == EINTR) return {ExitCode::kIo, "interrupted"};
+  return progress.Failed() ? Status::Io("cannot write " + name_, progress.error) : Status();
 }
 
 Status RecordSink::Sync() {
-  if (fdatasync(Descriptor()) == 0 || errno == EINVAL || errno == EROFS) return {};  // a pipe has nothing to sync
-  return Status::Io("cannot sync " + name_, errno);
+  const int error = file::SyncData(Descriptor());
+  if (error == 0 || error == EINVAL || error == EROFS) return {};  // a pipe has nothing to sync
+  return Status::Io("cannot sync " + name_, error);
 }
 
 }  // namespace qx::ctl

@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 
+#include "base/File.h"
 #include "tools/qxctl/cli/Status.h"
 
 namespace qx::ctl {
@@ -15,24 +16,20 @@ namespace qx::ctl {
 // Threads: used by one thread. Owns: the file's descriptor.
 class RecordSink {
  public:
-  RecordSink() = default;
-  ~RecordSink();
-  RecordSink(const RecordSink&) = delete;
-  RecordSink& operator=(const RecordSink&) = delete;
+  // Appends to `path` from now on, which is created if it is missing. Without this call, records go to standard output.
+  // A file or link of another user, and a file with several names, is refused unless `force`.
+  Status OpenFile(const std::string& path, bool force = false);
 
-  // Appends to `path` from now on, which is made if it is missing. Without this call standard output is taken.
-  Status OpenFile(const std::string& path);
-
-  // Size of the file; unset for standard output and for what is no regular file.
+  // Size of the file; unset for standard output and for anything but a regular file.
   std::optional<std::uint64_t> Bytes() const;
   // Cuts the file to `bytes`.
   Status Shorten(std::uint64_t bytes);
 
   // Writes the pieces in order. `taken`: how many arrived whole. A pipe takes a group of up to 4096 bytes whole or not
-  // at all, so of short pieces none is left half written by a signal under an InterruptGuard, which ends this.
+  // at all. So a signal under an InterruptGuard, which ends this, never leaves a short piece half written.
   Status Write(std::span<const std::string> pieces, std::size_t& taken);
 
-  // Has the system write to its disk what was taken, where there is one.
+  // Syncs what was taken, if it is on a disk.
   Status Sync();
 
  private:
@@ -40,7 +37,7 @@ class RecordSink {
   int Descriptor() const;
 
   std::string name_ = "standard output";
-  int file_ = -1;
+  file::Descriptor file_;
 };
 
 }  // namespace qx::ctl

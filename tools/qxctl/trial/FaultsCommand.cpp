@@ -87,14 +87,17 @@ class FaultPlace {
   Status Make() {
     const char* const base = std::getenv("TMPDIR");
     std::string name = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/qxctl-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) return Status::Io("cannot make a directory " + name, errno);
+    const bool has_directory = mkdtemp(name.data()) != nullptr;
+    const int error_of_directory = errno;
+    if (!has_directory) return Status::Io("cannot make a directory " + name, error_of_directory);
     path_ = name;
     std::error_code error;
     std::filesystem::create_directory(path_ + "/Reports", error);
     CReportFileBase report;
     const bool is_made = !error && report.Open((path_ + "/Reports/faults").c_str(), 4) && report.writeLine("a record");
     if (!is_made) return {ExitCode::kIo, "cannot write a report into " + path_};
-    return chdir(path_.c_str()) == 0 ? Status() : Status::Io("cannot go to " + path_, errno);
+    const int error_of_change = chdir(path_.c_str()) == 0 ? 0 : errno;
+    return error_of_change == 0 ? Status() : Status::Io("cannot go to " + path_, error_of_change);
   }
 
   // The name of the report, if the module will find it.
@@ -182,7 +185,8 @@ Status TryAll(Context& context, const Options& options, const std::string& modul
     context.output.Progress(std::string(fault.group) + "/" + fault.name);
     results.push_back(Try(fault, options, module, report));
   }
-  return chdir("/") == 0 ? Status() : Status::Io("cannot leave the working directory", errno);
+  const int error = chdir("/") == 0 ? 0 : errno;
+  return error == 0 ? Status() : Status::Io("cannot leave the working directory", error);
 }
 
 Status List(Context& context, const std::vector<FaultCase>& cases) {
