@@ -17,7 +17,7 @@ LineScanner::LineScanner(int descriptor, std::span<char> window) noexcept : desc
   assert(window.size() >= kLineBytesMax);
 }
 
-bool LineScanner::Next(std::string_view& line) noexcept {
+bool LineScanner::Next(std::string_view& line) {
   std::size_t length = LengthOfLineAtFront();
   while (length == 0 && !is_read_to_the_end_) {
     ReadMore();
@@ -41,7 +41,7 @@ std::size_t LineScanner::LengthOfLineAtFront() const noexcept {
 }
 
 // Less than a line is unread here, so there is room behind it once it stands at the window's front.
-void LineScanner::ReadMore() noexcept {
+void LineScanner::ReadMore() {
   const std::size_t kept = unread_.size();
   if (kept > 0) std::memmove(window_.data(), unread_.data(), kept);
 

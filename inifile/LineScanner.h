@@ -33,7 +33,7 @@ class LineScanner {
   LineScanner(int descriptor, std::span<char> window) noexcept;
 
   // The next line, or false at the end. `line` lives until the next call and stays untouched on false. [owning thread]
-  [[nodiscard]] bool Next(std::string_view& line) noexcept;
+  [[nodiscard]] bool Next(std::string_view& line);
 
   // Passes over lines for as long as `is_foreign`, which sees them without their line feed and with whatever a NUL
   // hides, says so. It is not asked about plain text without the mark, which must be foreign (inifile/MarkedLine.h).
@@ -60,7 +60,7 @@ class LineScanner {
 
  private:
   [[nodiscard]] std::size_t LengthOfLineAtFront() const noexcept;
-  void ReadMore() noexcept;
+  void ReadMore();
 
   int descriptor_;
   std::span<char> window_;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <pthread.h>
 
 #include <random>
 #include <string>
@@ -77,6 +78,22 @@ TEST(LineScanner, ReadErrorEndsTheFile) {
   EXPECT_FALSE(scanner.Next(line));
   EXPECT_EQ(line, "untouched");
   EXPECT_EQ(scanner.Position(), 0U);
+}
+
+// A read is a cancellation point: the thread of a host may end there, and must not take the process with it.
+TEST(LineScanner, CancelledThreadUnwindsFromARead) {
+  const auto scan = [](void*) -> void* {
+    char window[LineScanner::kLineBytesMax];
+    LineScanner scanner(-1, window);
+    std::string_view line;
+    pthread_cancel(pthread_self());
+    return scanner.Next(line) ? window : nullptr;
+  };
+  pthread_t thread{};
+  ASSERT_EQ(pthread_create(&thread, nullptr, scan, nullptr), 0);
+  void* result = nullptr;
+  ASSERT_EQ(pthread_join(thread, &result), 0);
+  EXPECT_EQ(result, PTHREAD_CANCELED);
 }
 
 TEST(LineScanner, DescriptorsOwnPositionIsNeitherUsedNorMoved) {
