@@ -199,7 +199,8 @@ bool CIniFile::DeleteSection(const char* section) { return SetString(section, nu
 bool CIniFile::DeleteKey(const char* section, const char* key) { return SetString(section, key, nullptr); }
 
 bool CIniFile::CopySection(const char* from, const char* to) {
-  if (!IsUsable() || from == nullptr || to == nullptr) return false;
+  if (!IsUsable()) return false;
+  if (from == nullptr || to == nullptr) return is_open_;
   for (const char* key = GetEnum(from); *key != '\0'; key = GetNextEnum()) {
     (void)SetString(to, key, GetString(from, key, ""));  // the result tells whether the object is open, no more
   }

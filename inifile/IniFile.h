@@ -94,8 +94,8 @@ class CIniFile {
   [[nodiscard]] bool DeleteSection(const char* section);
   [[nodiscard]] bool DeleteKey(const char* section, const char* key);
 
-  // Writes each key of `from` with its value under the same key of `to`. True whenever the object is open and both
-  // names are given, whether or not the writes succeeded. [owning thread]
+  // Writes each key of `from` with its value under the same key of `to`. True whenever the object is open, whether
+  // or not the writes succeeded; without both names nothing is written. [owning thread]
   [[nodiscard]] bool CopySection(const char* from, const char* to);
 
   // There is nothing to flush: only traces a warning while the object is open. [owning thread]

@@ -56,10 +56,12 @@ class Result {
   }
 
  private:
-  // Copies what fits into `room` bytes and ends it with NUL; there is always one more byte for that.
-  void Copy(std::string_view text, std::size_t room) {
-    const std::size_t length = text.copy(buf_ + count_, room);
+  // Copies what fits into `size_max` bytes and ends it with NUL; there is always one more byte for that. The buffer's
+  // last byte becomes NUL as well, however short the text is.
+  void Copy(std::string_view text, std::size_t size_max) {
+    const std::size_t length = text.copy(buf_ + count_, size_max);
     buf_[count_ + length] = '\0';
+    buf_[size_ - 1] = '\0';
   }
 
   char* buf_;
@@ -167,6 +169,7 @@ unsigned DeliverDefault(const char* def, char* buf, std::size_t size) {
   const std::size_t length = strnlen(def, size - 1);
   std::memcpy(buf, def, length);
   buf[length] = '\0';
+  buf[size - 1] = '\0';
   return static_cast<unsigned>(length);
 }
 

@@ -193,18 +193,27 @@ TEST_F(IniFileRead, EmptyKeyIsAnEmptyNameInsideTheList) {
 }
 
 // "ab\0cd\0" counts 6. The scan goes on while the count is below size - 2.
+TEST_F(IniFileRead, WhateverIsPlacedSetsTheLastByteToNul) {
+  Write("[S]\nab=1\n");
+  EXPECT_EQ(Read("S", nullptr, nullptr, 9).buffer.substr(0, 10), "ab\0\0ZZZZ\0Z"s);
+  EXPECT_EQ(Read(nullptr, nullptr, nullptr, 9).buffer.substr(0, 10), "S\0\0ZZZZZ\0Z"s);
+  EXPECT_EQ(Read("S", "ab", nullptr, 9).buffer.substr(0, 10), "1\0ZZZZZZ\0Z"s);
+  EXPECT_EQ(Read("S", "x", "d", 9).buffer.substr(0, 10), "d\0ZZZZZZ\0Z"s);
+  EXPECT_EQ(Read("T", nullptr, nullptr, 9).buffer.substr(0, 10), "\0ZZZZZZZZZ"s) << "nothing is placed";
+}
+
 TEST_F(IniFileRead, ListAtEveryBufferSize) {
   Write("[S]\nab=1\ncd=2\n");
   const auto read = [&](unsigned size) { return Read("S", nullptr, nullptr, size); };
   EXPECT_EQ(read(9).result, 6U);
   EXPECT_EQ(read(8).result, 6U) << "whole, but equal to size - 2";
-  EXPECT_EQ(read(8).buffer.substr(0, 8), "ab\0cd\0\0Z"s);
+  EXPECT_EQ(read(8).buffer.substr(0, 9), "ab\0cd\0\0\0Z"s);
   EXPECT_EQ(read(7).result, 6U) << "whole, but equal to size - 1";
   EXPECT_EQ(read(7).buffer.substr(0, 7), "ab\0cd\0\0"s);
   EXPECT_EQ(read(6).result, 4U) << "filled: size - 2";
   EXPECT_EQ(read(6).buffer.substr(0, 6), "ab\0c\0\0"s);
   EXPECT_EQ(read(5).result, 3U) << "the second name was not looked at: the first fills up to size - 2";
-  EXPECT_EQ(read(5).buffer.substr(0, 5), "ab\0\0Z"s);
+  EXPECT_EQ(read(5).buffer.substr(0, 6), "ab\0\0\0Z"s);
   EXPECT_EQ(read(4).result, 3U);
   EXPECT_EQ(read(4).buffer.substr(0, 4), "ab\0\0"s);
   EXPECT_EQ(read(3).result, 1U);

@@ -360,9 +360,12 @@ TEST_F(IniFile, CopiedSectionHasEachKeyWithItsFirstValue) {
   EXPECT_EQ(Bytes(), "[S]\na = 1 ; note\nb=\na=2\n[T]\nold=3\na=1\nb=\n\n[New]\n\na=1\nb=\n");
 }
 
-TEST_F(IniFile, CopyOfAMissingSectionIsTrueAndOfAMissingNameFalse) {
+TEST_F(IniFile, CopyWithoutASectionOrANameReturnsTheOpenFlag) {
   Write("[S]\na=1\n");
   EXPECT_TRUE(ini_.CopySection("none", "T"));
+  EXPECT_TRUE(ini_.CopySection(nullptr, "T"));
+  EXPECT_TRUE(ini_.CopySection("S", nullptr));
+  ini_.Close();
   EXPECT_FALSE(ini_.CopySection(nullptr, "T"));
   EXPECT_FALSE(ini_.CopySection("S", nullptr));
   EXPECT_EQ(Bytes(), "[S]\na=1\n");
