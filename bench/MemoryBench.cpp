@@ -45,10 +45,10 @@ void TransferCall(benchmark::State& state) {
   Use later{};
   for (auto _ : state) later = Measure([&] { Must(qx::bench::FetchChunk(block, "bench", 0) == records, "transfer"); });
   const double per_record = 1.0 / static_cast<double>(records);
-  state.counters["bytes_at_most_in_the_first_call"] = first.peak;
+  state.counters["peak_bytes_of_the_first_call"] = first.peak;
   state.counters["bytes_kept_between_calls"] = first.kept + later.kept;
-  state.counters["bytes_at_most_in_a_later_call"] = later.peak;
-  state.counters["bytes_a_record_of_the_chunk"] = (first.kept + later.peak) * per_record;
+  state.counters["peak_bytes_of_a_later_call"] = later.peak;
+  state.counters["bytes_per_record_of_the_chunk"] = (first.kept + later.peak) * per_record;
 }
 
 void LoadedRegistry(benchmark::State& state) {
@@ -60,8 +60,8 @@ void LoadedRegistry(benchmark::State& state) {
     CRegistryNode node;
     use = Measure([&] { Must(CRegistry::ReadTree(path.c_str(), node), "load the registry"); });
   }
-  state.counters["bytes_a_value"] = use.kept / qx::bench::kValues;
-  state.counters["bytes_a_value_at_most_while_loading"] = use.peak / qx::bench::kValues;
+  state.counters["bytes_per_value"] = use.kept / qx::bench::kValues;
+  state.counters["peak_bytes_per_value_while_loading"] = use.peak / qx::bench::kValues;
 }
 
 constexpr int kChildren = 10000;
@@ -81,8 +81,8 @@ void ParsedDocument(benchmark::State& state) {
     use = Measure([&] { Must(markup.SetDoc(document), "parse"); });
   }
   const auto text = static_cast<double>(document.size());
-  state.counters["bytes_an_element_beside_the_text"] = (use.kept - text) / kChildren;
-  state.counters["bytes_an_element_at_most_while_parsing"] = (use.peak - text) / kChildren;
+  state.counters["bytes_per_element_without_the_text"] = (use.kept - text) / kChildren;
+  state.counters["peak_bytes_per_element_while_parsing"] = (use.peak - text) / kChildren;
 }
 
 constexpr int kTimes = 5;
