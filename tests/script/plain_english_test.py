@@ -36,7 +36,9 @@ class CodeTest(unittest.TestCase):
     def test_behind_is_allowed_where_it_does_not_mean_after(self):
         for text in (f"right {BEHIND} it", f"the text {BEHIND} the header", f"stands {BEHIND}"):
             self.assertEqual(lines("base/A.h", f"// {text}\n"), [1], text)
-        for text in (f"nothing is left {BEHIND}", f"the reader falls {BEHIND}", f"the file {BEHIND} a link"):
+        self.assertEqual(lines("base/A.h", f"// nothing is left\n//   {BEHIND}\n"), [])
+        for text in (f"nothing is left {BEHIND}", f"the reader falls {BEHIND}", f"it lags {BEHIND}",
+                     f"it leaves {BEHIND} nothing", f"the file {BEHIND} a link"):
             self.assertEqual(lines("base/A.h", f"// {text}\n"), [], text)
 
 
