@@ -61,8 +61,8 @@ class ElemStack {
   bool ignore_case_;
 
   // How many open tags each name would match, by the name's hash. Built at the first end tag that does not close the
-  // innermost tag, so that a document without faults has no cost. If two names have the same hash, a walk may find
-  // nothing; the result is the same. The random factor prevents a sender from preparing such names.
+  // innermost tag, so that a document without faults has no cost. If two names have the same hash, a walk over the open
+  // tags may find no match; the result is still correct. The random factor prevents a sender from preparing such names.
   Hash factor_ = 0;
   std::unique_ptr<std::unordered_map<Hash, std::uint32_t>> matches_;
 };
