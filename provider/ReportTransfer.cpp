@@ -86,6 +86,10 @@ std::string WithoutOuterWhiteSpace(std::string_view text) {
   return std::string(text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1));
 }
 
+// A report that could not be opened again has no size; the error number is kept in the place of the size.
+int ReopenError(const CThreadData& data) { return data.data_file_size < 0 ? Low32(-data.data_file_size) : 0; }
+void NoteReopenError(CThreadData& data, int error) { data.data_file_size = -std::int64_t{std::max(error, 1)}; }
+
 TransferOptions::Path PathByTrace() {
   if (Debug.IsActive(kLevelOfSingleRecords)) return TransferOptions::Path::kSingly;
   return Debug.IsActive(kLevelOfBareReplies) ? TransferOptions::Path::kInRuns : TransferOptions::Path::kIntoReply;
@@ -116,6 +120,7 @@ ReportTransfer::ReportTransfer(CKrxAdapterModule& module, CThreadData& thread_da
       out_(out),
       options_(options),
       path_taken_(options.path == TransferOptions::Path::kByTrace ? PathByTrace() : options.path),
+      stops_at_text_(!out.GetDoc().empty() && !Debug.IsActive()),
       reader_(thread_data.report_file) {}
 
 int ReportTransfer::Run(CMarkup& in) {
@@ -136,7 +141,7 @@ int ReportTransfer::ServeGathered() {
   PooledBuffer buffer(RoomForRecords());
   std::string& records = buffer.text();
   GatherRecords(records);
-  return records.empty() ? ReplyNoMoreRecords() : ReplyRecords(records);
+  return records.empty() ? ReplyNoText() : ReplyRecords(records);
 }
 
 // The reply's tag stands before its records, so the next index is guessed at first. A guess of as many digits as the
@@ -150,7 +155,7 @@ int ReportTransfer::ServeIntoReply() {
     empty = GatheredBytes(text) == 0;
     return reader_.MayHaveTakenBracket();
   });
-  if (empty) return ReplyNoMoreRecords();
+  if (empty) return ReplyNoText();
   out_.SetAttrib("NextIndex", Low32(index_));
   return kRecordsReturned;
 }
@@ -159,6 +164,7 @@ void ReportTransfer::BeginAnew() {
   QX_TRACE(3, "\nWCSP_QX GetReports  : New call (StartIndex=0) ==> reset class");
   thread_data_.report_file.Close();
   thread_data_.state_word = 0;
+  if (ReopenError(thread_data_) != 0) thread_data_.data_file_size = 0;
 }
 
 bool ReportTransfer::IsFirstCall() const { return thread_data_.state_word == 0; }
@@ -184,7 +190,7 @@ bool ReportTransfer::OpenReport(int* error_number) {
 }
 
 std::size_t ReportTransfer::RoomForRecords() const {
-  return std::min(static_cast<std::size_t>(thread_data_.data_file_size), kChunkLimitBytes);
+  return static_cast<std::size_t>(std::clamp<std::int64_t>(thread_data_.data_file_size, 0, kChunkLimitBytes));
 }
 
 // Appends the records to `text`.
@@ -203,8 +209,9 @@ void ReportTransfer::TakeRecords(std::string& text) {
       QX_TRACE(3, "\nWCSP_QX GetReports  :   index higher that highest index - exit reading");
       return;
     }
-    // Behind the record limit the next record is still read: which of the limits is reported depends on it.
+    // After the record limit the next record is still read: which of the limits is reported depends on it.
     round = TakesSingly() || check_ring_ || LimitReached() ? TakeOne(text) : TakeRun(text);
+    if (stops_at_text_ && GatheredBytes(text) != 0) return;
   }
 }
 
@@ -220,6 +227,7 @@ ReportTransfer::Round ReportTransfer::TakeOne(std::string& text) {
   line_.clear();
   bool too_long = false;
   const bool was_read = reader_.Read(slot, kChunkLimitBytes - GatheredBytes(text), &line_, &too_long);
+  if (!was_read) NoteFailedRead();
   if (check_ring_ && RingHasMoved()) return was_read ? Round::kGoOn : Round::kLeave;
   if (!was_read) return Round::kLeave;
 
@@ -240,10 +248,20 @@ ReportTransfer::Round ReportTransfer::TakeOne(std::string& text) {
 }
 
 ReportTransfer::Round ReportTransfer::TakeRun(std::string& text) {
-  const report::TakenRecords taken = reader_.Take(SlotOf(index_), CountOfRun(), records_at_ + kChunkLimitBytes, &text);
+  report::TakeLimits limits{.count_max = CountOfRun(), .gathered_max = records_at_ + kChunkLimitBytes};
+  if (stops_at_text_) limits.enough_bytes = 1;
+  const report::TakenRecords taken = reader_.Take(SlotOf(index_), limits, &text);
   index_ += taken.count;
+  if (taken.end == report::TakeEnd::kReadFailed) NoteFailedRead();
   if (taken.end == report::TakeEnd::kChunkFull) TraceChunkFull();
   return taken.end == report::TakeEnd::kCountReached ? Round::kGoOn : Round::kLeave;
+}
+
+// Notes why the next record cannot be read, if the system is the reason: it reports an error, or the report is closed
+// because it could not be opened again. A slot that is not in use is the end of the report.
+void ReportTransfer::NoteFailedRead() {
+  const int error = reader_.Error();
+  read_error_ = error != 0 ? error : ReopenError(thread_data_);
 }
 
 // Whether the writer has advanced the ring since the transfer's snapshot. The record just read may then be another one
@@ -256,8 +274,10 @@ bool ReportTransfer::RingHasMoved() {
   CReportFileBase& store = thread_data_.report_file;
   store.Close();
   reader_.Drop();
-  if (!store.OpenRead(path_.c_str())) return false;
-
+  if (!store.OpenRead(path_.c_str())) {
+    NoteReopenError(thread_data_, errno);
+    return false;
+  }
   QX_TRACE(4, "\nWCSP_QX GetReports  :     compare oldest index=%d whether changed", Low32(store.header().oldestIndex));
   if (store.header().oldestIndex == thread_data_.oldest_index) return false;
   thread_data_.oldest_index = store.header().oldestIndex;
@@ -306,6 +326,9 @@ int ReportTransfer::ReplyNotReadable(int error_number) {
            request_.name.c_str(), code);
   return kRequestRefused;
 }
+
+// A report that cannot be read on must not look like one that has ended. The next call tries the record again.
+int ReportTransfer::ReplyNoText() { return read_error_ != 0 ? ReplyNotReadable(read_error_) : ReplyNoMoreRecords(); }
 
 int ReportTransfer::ReplyNoMoreRecords() {
   module_.SetRequestError(out_, "No more records available (no error)", 0);

@@ -93,6 +93,7 @@ class ReportTransfer {
   [[nodiscard]] bool TakesSingly() const;
   [[nodiscard]] Round TakeOne(std::string& text);
   [[nodiscard]] Round TakeRun(std::string& text);
+  void NoteFailedRead();
   [[nodiscard]] std::size_t GatheredBytes(const std::string& text) const { return text.size() - records_at_; }
   [[nodiscard]] bool RingHasMoved();
   [[nodiscard]] bool LimitReached() const;
@@ -100,6 +101,7 @@ class ReportTransfer {
   [[nodiscard]] std::uint32_t SlotOf(std::int64_t index) const;
 
   [[nodiscard]] int ReplyNotReadable(int error_number);
+  [[nodiscard]] int ReplyNoText();
   [[nodiscard]] int ReplyNoMoreRecords();
   void MakeRoomForReply(std::size_t records_bytes);
   void AddReplyElement(std::int64_t next_index);
@@ -111,6 +113,9 @@ class ReportTransfer {
   CMarkup& out_;
   const TransferOptions options_;
   const TransferOptions::Path path_taken_;
+  // The document has a root already, that of a refusal, so no record of it reaches the caller: any text decides the
+  // result. A trace shows how many records there are.
+  const bool stops_at_text_;
 
   TransferRequest request_{};
   std::string path_;  // of the report's files, without extension
@@ -122,6 +127,7 @@ class ReportTransfer {
   bool check_ring_ = false;           // the ring has still to be checked behind the next read
   std::string line_;                  // the record that TakeOne reads
   std::uint32_t empty_in_a_row_ = 0;  // records without text that TakeOne read last
+  int read_error_ = 0;                // the system's error number, if that is why the reading ended
 };
 
 }  // namespace qx::provider

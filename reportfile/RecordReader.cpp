@@ -1,6 +1,9 @@
 #include "reportfile/RecordReader.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 
 #include "base/CriticalSection.h"
 #include "reportfile/RecordEnds.h"
@@ -12,19 +15,25 @@ namespace qx::report {
 
 namespace {
 
-// Together below the size from which allocators map memory afresh: touching fresh pages costs more than copying them.
+// Together below the size from which allocators map memory of its own: touching fresh pages costs more than copying.
 constexpr std::size_t kDataWindowBytes = std::size_t{64} * 1024;
 constexpr std::size_t kSlotWindowSlots = 8192;
+constexpr std::size_t kCheckedSlots = 2048;
 
-// What is read at least when nothing tells how long a record is, or how many slots will be asked for next.
+// What is read at least when the length of a record, or the number of the next requested slots, is unknown.
 constexpr std::size_t kRecordGuessBytes = 4096;
 constexpr std::size_t kSlotGuessSlots = 256;
 
-// A run of at least this many bytes is read where it is wanted; a shorter one may well stand in the window.
+// A run of at least this many bytes is read directly into the caller's text; a shorter one may be in the window.
 constexpr std::size_t kDirectRunBytesMin = kRecordGuessBytes;
 
-// How many records at the front of `offsets` stand one behind the other, by their slots, in at most `bytes_max`. The
-// last offset only ends its predecessor.
+// After so much text the slots are checked.
+constexpr std::size_t kBatchBytes = std::size_t{256} * 1024;
+
+constexpr int kSingleReadsMax = 3;
+
+// How many records at the front of `offsets` follow one another, by their slots, in at most `bytes_max`. The last
+// offset only ends its predecessor.
 //   0 10 20 30, bytes_max 100  => 3
 //   0 10 20 30, bytes_max 25   => 2
 //   0 10 5 15                  => 1
@@ -37,42 +46,110 @@ std::size_t RisingRecords(std::span<const std::uint32_t> offsets, std::size_t by
   return count;
 }
 
+//   7 7 7 5  => 3
+std::size_t EqualAtFront(std::span<const std::uint32_t> offsets) {
+  const auto differs = [first = offsets.front()](std::uint32_t offset) { return offset != first; };
+  return static_cast<std::size_t>(std::find_if(offsets.begin(), offsets.end(), differs) - offsets.begin());
+}
+
 // How much of `gathered_max` is left; a record's text must be shorter than that.
-std::size_t RoomIn(const std::string& out, std::size_t gathered_max) {
+std::size_t SpaceIn(const std::string& out, std::size_t gathered_max) {
   return gathered_max > out.size() ? gathered_max - out.size() : 0;
 }
 
 std::size_t LongestThatFits(const std::string& out, std::size_t gathered_max) {
-  const std::size_t room = RoomIn(out, gathered_max);
-  return room != 0 ? room - 1 : 0;
+  const std::size_t space = SpaceIn(out, gathered_max);
+  return space != 0 ? space - 1 : 0;
+}
+
+// Reads the offset in `slot`; a slot of which fewer than four bytes can be read reads as 0. Returns 0 or the error
+// number.
+int ReadSlot(std::FILE* index_file, std::uint32_t slot, std::uint32_t* offset) {
+  std::uint32_t read = 0;
+  const file::Progress progress = ReadAt(index_file, SlotOffset(slot), &read, sizeof read);
+  *offset = progress.bytes == sizeof read ? read : 0;
+  return progress.error;
+}
+
+// Appends the text at `at` if it is shorter than `bytes_max`, as ReadRecord does.
+int AppendTextAt(std::FILE* data_file, std::int64_t at, std::size_t bytes_max, std::string* out, bool* too_long) {
+  const std::size_t size_before = out->size();
+  for (std::size_t wanted = kRecordGuessBytes;; wanted = kDataWindowBytes) {
+    const std::size_t size = out->size();
+    out->resize(size + wanted);
+    const file::Progress progress = ReadAt(data_file, at, out->data() + size, wanted);
+    if (progress.bytes == 0 && progress.Failed()) {
+      out->resize(size_before);
+      return progress.error;
+    }
+    if (progress.bytes == 0) (*out)[size] = kEndOfFile.front();
+    const std::size_t held = std::max(progress.bytes, kEndOfFile.size());
+    const RecordPiece piece = PieceOf({out->data() + size, held});
+    out->resize(size + piece.text_bytes);
+    *too_long = out->size() - size_before >= bytes_max;
+    if (*too_long) out->resize(size_before);
+    if (*too_long || piece.is_last) return 0;
+    at += static_cast<std::int64_t>(piece.text_bytes);
+  }
 }
 
 }  // namespace
 
+int ReadRecord(std::FILE* index_file, std::FILE* data_file, std::uint32_t slot, std::size_t bytes_max, std::string* out,
+               bool* too_long) {
+  const std::size_t size_before = out->size();
+  *too_long = false;
+  std::uint32_t offset = 0;
+  int error = ReadSlot(index_file, slot, &offset);
+  for (int reads = 1; error == 0; ++reads) {
+    error = AppendTextAt(data_file, offset, bytes_max, out, too_long);
+    std::uint32_t offset_now = 0;
+    if (error == 0) error = ReadSlot(index_file, slot, &offset_now);
+    if (error == 0 && (offset_now == offset || reads == kSingleReadsMax)) return 0;
+    out->resize(size_before);
+    offset = offset_now;
+  }
+  *too_long = false;
+  return error;
+}
+
 struct RecordReader::Windows {
   std::uint32_t first_slot;
   std::uint32_t slot_count;
+  int slots_error;  // why there is no slot in the window; 0: the index file ends there
+  int data_error;   // the same of the data
   std::int64_t data_offset;
   std::size_t data_size;
   std::uint32_t slots[kSlotWindowSlots];
+  std::uint32_t checked_slots[kCheckedSlots];
   char data[kDataWindowBytes];
 
   void Forget() {
     first_slot = slot_count = 0;
+    slots_error = data_error = 0;
+    ForgetData();
+  }
+
+  void ForgetData() {
     data_offset = 0;
     data_size = 0;
   }
 
+  // A text counts only if it was read after its slot, so the data window ends with the slots before.
   void LoadSlots(std::FILE* index_file, std::uint32_t slot, std::size_t wanted) {
     const std::size_t slots_max = std::clamp(wanted, kSlotGuessSlots, kSlotWindowSlots);
+    const file::Progress progress = ReadAt(index_file, SlotOffset(slot), slots, slots_max * sizeof slots[0]);
     first_slot = slot;
-    const std::size_t bytes = ReadAt(index_file, SlotOffset(slot), slots, slots_max * sizeof slots[0]).bytes;
-    slot_count = static_cast<std::uint32_t>(bytes / sizeof slots[0]);
+    slot_count = static_cast<std::uint32_t>(progress.bytes / sizeof slots[0]);
+    slots_error = progress.error;
+    ForgetData();
   }
 
   void LoadData(std::FILE* data_file, std::int64_t offset, std::size_t wanted) {
+    const file::Progress progress = ReadAt(data_file, offset, data, std::min(wanted, kDataWindowBytes));
     data_offset = offset;
-    data_size = ReadAt(data_file, offset, data, std::min(wanted, kDataWindowBytes)).bytes;
+    data_size = progress.bytes;
+    data_error = progress.error;
   }
 
   [[nodiscard]] std::string_view HeldAt(std::int64_t offset) const {
@@ -101,45 +178,161 @@ RecordReader::Windows& RecordReader::LoadedWindows() {
 bool RecordReader::Read(std::uint32_t slot, std::size_t bytes_max, std::string* out, bool* too_long) {
   const LockScope scope(store_.lock_);
   *too_long = false;
+  error_ = 0;
   if (!store_.IsOpen() || slot >= store_.header_.highestIndex) return false;
-  const std::span<const std::uint32_t> offsets = OffsetsFrom(slot, 1);
-  *too_long = !AppendRecordAt(offsets.empty() ? 0 : offsets.front(), bytes_max, out);
+  return ReadSingly(slot, bytes_max, out, too_long);
+}
+
+bool RecordReader::ReadSingly(std::uint32_t slot, std::size_t bytes_max, std::string* out, bool* too_long) {
+  const std::size_t size_before = out->size();
+  error_ = ReadRecord(store_.index_file_, store_.data_file_, slot, bytes_max, out, too_long);
+  may_have_taken_bracket_ = may_have_taken_bracket_ || out->find(']', size_before) != std::string::npos;
+  return error_ == 0;
+}
+
+TakenRecords RecordReader::Take(std::uint32_t first_slot, const TakeLimits& limits, std::string* out) {
+  const LockScope scope(store_.lock_);
+  error_ = 0;
+  const std::uint32_t highest = store_.IsOpen() ? store_.header_.highestIndex : 0;
+  TakeLimits readable = limits;
+  readable.count_max = first_slot < highest ? std::min(limits.count_max, highest - first_slot) : 0;
+  const TakenRecords taken = TakeReadable(first_slot, readable, out);
+  const bool is_all = taken.end != TakeEnd::kCountReached || taken.count == limits.count_max;
+  return is_all ? taken : TakenRecords{taken.count, TakeEnd::kReadFailed};
+}
+
+// Takes records of slots that are all in use.
+TakenRecords RecordReader::TakeReadable(std::uint32_t first_slot, const TakeLimits& limits, std::string* out) {
+  const std::size_t size_before = out->size();
+  TakeLimits left = limits;
+  std::uint32_t taken = 0;
+  while (taken < limits.count_max) {
+    const TakenRecords more = TakeChecked(first_slot + taken, left, out);
+    taken += more.count;
+    left.count_max -= more.count;
+    if (more.end != TakeEnd::kCountReached) return {taken, more.end};
+    const std::size_t gathered = out->size() - size_before;
+    if (gathered >= limits.enough_bytes && taken < limits.count_max) return {taken, TakeEnd::kEnough};
+    left.enough_bytes = limits.enough_bytes - std::min(gathered, limits.enough_bytes);
+  }
+  return {taken, TakeEnd::kCountReached};
+}
+
+// Takes some records of slots that are all in use, at least one. kCountReached: there may be more to take.
+TakenRecords RecordReader::TakeChecked(std::uint32_t first_slot, const TakeLimits& limits, std::string* out) {
+  const std::span<const std::uint32_t> offsets = OffsetsFrom(first_slot, limits.count_max);
+  if (offsets.empty()) {
+    if (windows_->slots_error != 0) return TakeSingly(first_slot, 1, limits, out);
+    return TakeMissingSlots(first_slot, limits, out);
+  }
+  const std::size_t size_before = out->size();
+  const Batch batch = TakeBatch(offsets, limits, out);
+  const std::size_t seen = batch.count + (batch.next != Piece::kTaken ? 1U : 0U);
+  if (!SlotsAreStill(first_slot, offsets.first(seen))) {
+    out->resize(size_before);
+    Drop();
+    return TakeSingly(first_slot, static_cast<std::uint32_t>(seen), limits, out);
+  }
+  if (batch.next == Piece::kTooLong) return {batch.count, TakeEnd::kChunkFull};
+  if (batch.next == Piece::kUnreadable) {
+    const TakenRecords single = TakeSingly(first_slot + batch.count, 1, limits, out);
+    return {batch.count + single.count, single.end};
+  }
+  if (!batch.ends_in_no_text) return {batch.count, TakeEnd::kCountReached};
+  const std::uint32_t in_hole = EmptySlotsFrom(first_slot + batch.count);
+  return {batch.count + std::min(in_hole, limits.count_max - batch.count), TakeEnd::kCountReached};
+}
+
+// Takes `count` records without the windows.
+TakenRecords RecordReader::TakeSingly(std::uint32_t first_slot, std::uint32_t count, const TakeLimits& limits,
+                                      std::string* out) {
+  const std::size_t size_before = out->size();
+  for (std::uint32_t taken = 0; taken < count; ++taken) {
+    bool too_long = false;
+    const std::size_t space = SpaceIn(*out, limits.gathered_max);
+    if (!ReadSingly(first_slot + taken, space, out, &too_long)) return {taken, TakeEnd::kReadFailed};
+    if (too_long) return {taken, TakeEnd::kChunkFull};
+    if (out->size() - size_before >= limits.enough_bytes) return {taken + 1, TakeEnd::kCountReached};
+  }
+  return {count, TakeEnd::kCountReached};
+}
+
+// Slots after the end of the index file all read as offset 0. A header that claims billions of them must not keep the
+// caller busy: if that one record has no text, all of them are taken at once.
+TakenRecords RecordReader::TakeMissingSlots(std::uint32_t first_slot, const TakeLimits& limits, std::string* out) {
+  const std::size_t size_before = out->size();
+  std::uint32_t taken = 0;
+  Piece next = Piece::kTaken;
+  while (taken < limits.count_max && out->size() - size_before < limits.enough_bytes) {
+    const std::size_t size = out->size();
+    next = AppendRecordAt(0, SpaceIn(*out, limits.gathered_max), out);
+    if (next != Piece::kTaken) break;
+    taken = out->size() == size ? limits.count_max : taken + 1;
+  }
+  if (!SlotIsMissing(first_slot)) {
+    out->resize(size_before);
+    Drop();
+    return TakeSingly(first_slot, 1, limits, out);
+  }
+  if (next == Piece::kTooLong) return {taken, TakeEnd::kChunkFull};
+  if (next == Piece::kTaken) return {taken, TakeEnd::kCountReached};
+  const TakenRecords single = TakeSingly(first_slot + taken, 1, limits, out);
+  return {taken + single.count, single.end};
+}
+
+bool RecordReader::SlotIsMissing(std::uint32_t slot) const {
+  std::uint32_t offset = 0;
+  const file::Progress progress = ReadAt(store_.index_file_, SlotOffset(slot), &offset, sizeof offset);
+  return !progress.Failed() && progress.bytes < sizeof offset;
+}
+
+// How many slots from `slot` on are in a hole of the index file, or after its end. They all read as offset 0: a small
+// file can claim billions of them. 0 if the file system does not know its holes. The position that this moves is that
+// of a descriptor of which every access names its offset.
+std::uint32_t RecordReader::EmptySlotsFrom(std::uint32_t slot) const {
+  constexpr std::int64_t kAll = std::numeric_limits<std::uint32_t>::max();
+  const std::int64_t at = SlotOffset(slot);
+  const std::int64_t data_at = lseek(fileno(store_.index_file_), at, SEEK_DATA);
+  if (data_at < 0) return errno == ENXIO ? static_cast<std::uint32_t>(kAll) : 0;
+  return static_cast<std::uint32_t>(std::min((data_at - at) / std::int64_t{sizeof slot}, kAll));
+}
+
+// True if the slots from `first_slot` on have these offsets now.
+bool RecordReader::SlotsAreStill(std::uint32_t first_slot, std::span<const std::uint32_t> offsets) {
+  std::uint32_t* const now = windows_->checked_slots;
+  while (!offsets.empty()) {
+    const std::span<const std::uint32_t> part = offsets.first(std::min(offsets.size(), kCheckedSlots));
+    const file::Progress progress = ReadAt(store_.index_file_, SlotOffset(first_slot), now, part.size_bytes());
+    if (progress.bytes < part.size_bytes() || !std::equal(part.begin(), part.end(), now)) return false;
+    offsets = offsets.subspan(part.size());
+    first_slot += static_cast<std::uint32_t>(part.size());
+  }
   return true;
 }
 
-TakenRecords RecordReader::Take(std::uint32_t first_slot, std::uint32_t count_max, std::size_t gathered_max,
-                                std::string* out) {
-  const LockScope scope(store_.lock_);
-  const std::uint32_t highest = store_.IsOpen() ? store_.header_.highestIndex : 0;
-  const std::uint32_t readable = first_slot < highest ? std::min(count_max, highest - first_slot) : 0;
-  const std::uint32_t taken = TakeUpTo(first_slot, readable, gathered_max, out);
-  if (taken == count_max) return {taken, TakeEnd::kCountReached};
-  return {taken, taken < readable ? TakeEnd::kChunkFull : TakeEnd::kReadFailed};
-}
-
-// Takes `count` records, all of them readable; fewer only if the next one does not fit.
-std::uint32_t RecordReader::TakeUpTo(std::uint32_t first_slot, std::uint32_t count, std::size_t gathered_max,
-                                     std::string* out) {
-  std::uint32_t taken = 0;
-  while (taken < count) {
-    const std::uint32_t wanted = count - taken;
-    const std::span<const std::uint32_t> offsets = OffsetsFrom(first_slot + taken, wanted);
-    if (offsets.empty()) return taken + TakeUnreadableSlots(wanted, gathered_max, out);
-
-    const std::size_t run = RisingRecords(offsets, std::min(LongestThatFits(*out, gathered_max), kDataWindowBytes));
-    if (run > 0 && TakeWhole(offsets.first(run + 1), out)) {
-      taken += static_cast<std::uint32_t>(run);
+// Takes records from the windows until there is text enough for a check of the slots.
+RecordReader::Batch RecordReader::TakeBatch(std::span<const std::uint32_t> offsets, const TakeLimits& limits,
+                                            std::string* out) {
+  const std::size_t size_before = out->size();
+  const std::size_t bytes_max = std::min(kBatchBytes, limits.enough_bytes);
+  Batch batch;
+  while (batch.next == Piece::kTaken && batch.count < offsets.size() && out->size() - size_before < bytes_max) {
+    const std::size_t gathered = out->size() - size_before;
+    const std::size_t run_bytes_max = std::min(kDataWindowBytes, limits.enough_bytes - gathered);
+    const std::span<const std::uint32_t> rest = offsets.subspan(batch.count);
+    const std::size_t run = RisingRecords(rest, std::min(LongestThatFits(*out, limits.gathered_max), run_bytes_max));
+    if (run > 0 && AppendWhole(rest.first(run + 1), out)) {
+      batch.count += static_cast<std::uint32_t>(run);
       continue;
     }
-    const std::size_t singles = std::max(run, std::size_t{1});
-    const std::uint32_t fitting = TakeSingly(offsets.first(singles), gathered_max, out);
-    taken += fitting;
-    if (fitting < singles) break;
+    const Batch more =
+        run > 0 ? AppendEach(rest.first(run), limits.gathered_max, out) : AppendEqual(rest, limits.gathered_max, out);
+    batch = {batch.count + more.count, more.next, more.ends_in_no_text};
   }
-  return taken;
+  return batch;
 }
 
-// Whether `bytes` is the texts of the records at `offsets`, whole and without an exception: each ends with a line feed
+// True if `bytes` is the texts of the records at `offsets`, whole and without an exception: each ends with a line feed
 // where the next begins, and there are no more text ends than records. The last offset only ends its predecessor.
 bool RecordReader::HoldsWholeRecords(std::string_view bytes, std::span<const std::uint32_t> offsets) {
   if (bytes.empty()) return false;
@@ -152,8 +345,8 @@ bool RecordReader::HoldsWholeRecords(std::string_view bytes, std::span<const std
   return CountTextEnds(bytes) == records;
 }
 
-// Takes the run of records between `offsets` if it stands there as a whole and holds no exception.
-bool RecordReader::TakeWhole(std::span<const std::uint32_t> offsets, std::string* out) {
+// Takes the run of records between `offsets` if the file holds all of it and it has no exception.
+bool RecordReader::AppendWhole(std::span<const std::uint32_t> offsets, std::string* out) {
   const std::size_t size = offsets.back() - offsets.front();
   if (size >= kDirectRunBytesMin) return ReadWhole(offsets, out);
   const std::string_view bytes = BytesCovering(offsets.front(), size);
@@ -162,61 +355,67 @@ bool RecordReader::TakeWhole(std::span<const std::uint32_t> offsets, std::string
   return true;
 }
 
-// The same for a long run, which is read straight behind what `out` holds.
+// The same for a long run, which is read directly to the end of `out`.
 bool RecordReader::ReadWhole(std::span<const std::uint32_t> offsets, std::string* out) {
   const std::size_t size_before = out->size();
   const std::size_t size = offsets.back() - offsets.front();
   out->resize(size_before + size);
   char* const to = out->data() + size_before;
-  const std::size_t bytes = ReadAt(store_.data_file_, offsets.front(), to, size).bytes;
-  if (bytes == size && HoldsWholeRecords({to, size}, offsets)) return true;
+  const file::Progress progress = ReadAt(store_.data_file_, offsets.front(), to, size);
+  if (progress.bytes == size && HoldsWholeRecords({to, size}, offsets)) return true;
   out->resize(size_before);
   return false;
 }
 
-// Takes the records at `offsets` one by one, up to the first that does not fit.
-std::uint32_t RecordReader::TakeSingly(std::span<const std::uint32_t> offsets, std::size_t gathered_max,
-                                       std::string* out) {
+// Takes the records at rising `offsets` one by one, up to the first that cannot be taken.
+RecordReader::Batch RecordReader::AppendEach(std::span<const std::uint32_t> offsets, std::size_t gathered_max,
+                                             std::string* out) {
   if (offsets.size() > 1) (void)BytesCovering(offsets.front(), offsets.back() - offsets.front());  // in one read
-  std::uint32_t taken = 0;
+  Batch batch;
   for (const std::uint32_t offset : offsets) {
-    if (!AppendRecordAt(offset, RoomIn(*out, gathered_max), out)) break;
-    ++taken;
+    batch.next = AppendRecordAt(offset, SpaceIn(*out, gathered_max), out);
+    if (batch.next != Piece::kTaken) break;
+    ++batch.count;
   }
-  return taken;
+  return batch;
 }
 
-// Slots beyond the end of the index file all read as offset 0. A header that claims billions of them must not keep the
-// caller busy: where that one record has no text, every one of them is taken at once.
-std::uint32_t RecordReader::TakeUnreadableSlots(std::uint32_t count, std::size_t gathered_max, std::string* out) {
-  for (std::uint32_t taken = 0; taken < count; ++taken) {
-    const std::size_t size_before = out->size();
-    if (!AppendRecordAt(0, RoomIn(*out, gathered_max), out)) return taken;
-    if (out->size() == size_before) return count;
-  }
-  return count;
+// Takes the record at the first of `offsets`. If it has no text, neither have those after it with the same offset.
+RecordReader::Batch RecordReader::AppendEqual(std::span<const std::uint32_t> offsets, std::size_t gathered_max,
+                                              std::string* out) {
+  const std::size_t size_before = out->size();
+  const Piece next = AppendRecordAt(offsets.front(), SpaceIn(*out, gathered_max), out);
+  if (next != Piece::kTaken) return {.count = 0, .next = next};
+  if (out->size() > size_before) return {.count = 1};
+  const std::size_t count = EqualAtFront(offsets);
+  return {.count = static_cast<std::uint32_t>(count),
+          .ends_in_no_text = offsets.front() == 0 && count == offsets.size()};
 }
 
 // Appends the record at `offset` if its text is shorter than `bytes_max`; reads no further than to know that it is not.
-bool RecordReader::AppendRecordAt(std::uint32_t offset, std::size_t bytes_max, std::string* out) {
+RecordReader::Piece RecordReader::AppendRecordAt(std::uint32_t offset, std::size_t bytes_max, std::string* out) {
   const std::size_t size_before = out->size();
   std::int64_t at = offset;
   for (std::size_t wanted = kRecordGuessBytes;; wanted = kDataWindowBytes) {
-    const std::string_view bytes = BytesAt(at, wanted);
-    const RecordPiece piece = PieceOf(bytes.empty() ? kEndOfFile : bytes);
-    if (out->size() - size_before + piece.text_bytes >= bytes_max) {
+    const std::string_view held = BytesAt(at, wanted);
+    const bool is_unreadable = held.empty() && windows_->data_error != 0;
+    const std::string_view bytes = held.empty() ? kEndOfFile : held;
+    const RecordPiece piece = PieceOf(bytes);
+    const bool is_too_long = out->size() - size_before + piece.text_bytes >= bytes_max;
+    if (is_unreadable || is_too_long) {
       out->resize(size_before);
-      return false;
+      return is_unreadable ? Piece::kUnreadable : Piece::kTooLong;
     }
-    const std::string_view text = (bytes.empty() ? kEndOfFile : bytes).substr(0, piece.text_bytes);
+    const std::string_view text = bytes.substr(0, piece.text_bytes);
     out->append(text);
     may_have_taken_bracket_ = may_have_taken_bracket_ || text.find(']') != std::string_view::npos;
-    if (piece.is_last) return true;
+    if (piece.is_last) return Piece::kTaken;
     at += static_cast<std::int64_t>(piece.text_bytes);
   }
 }
 
-// The data file offsets in `slot` and the slots behind it, at most `wanted`; none if the index file ends before `slot`.
+// The data file offsets in `slot` and the slots after it, at most `wanted`; none if the index file ends before `slot`
+// or cannot be read there.
 std::span<const std::uint32_t> RecordReader::OffsetsFrom(std::uint32_t slot, std::uint32_t wanted) {
   Windows& windows = LoadedWindows();
   if (slot < windows.first_slot || slot - windows.first_slot >= windows.slot_count)
@@ -227,14 +426,14 @@ std::span<const std::uint32_t> RecordReader::OffsetsFrom(std::uint32_t slot, std
 }
 
 // The bytes at `offset` that the window holds; after a read of about `wanted` bytes if it holds none. Empty at the end
-// of the file.
+// of the file, and if the file cannot be read there.
 std::string_view RecordReader::BytesAt(std::int64_t offset, std::size_t wanted) {
   Windows& windows = LoadedWindows();
   if (windows.HeldAt(offset).empty()) windows.LoadData(store_.data_file_, offset, wanted);
   return windows.HeldAt(offset);
 }
 
-// The `size` bytes at `offset`, at most a window; empty if the file does not hold all of them.
+// The `size` bytes at `offset`, at most a window; empty if not all of them can be read.
 std::string_view RecordReader::BytesCovering(std::int64_t offset, std::size_t size) {
   Windows& windows = LoadedWindows();
   if (windows.HeldAt(offset).size() < size) windows.LoadData(store_.data_file_, offset, size + kRecordGuessBytes);

@@ -1,14 +1,20 @@
-// Reads the records of an open store through large windows: what moves a report, where readLine fetches one record.
+// Reads the records of an open store through large windows. This is what moves a report; readLine fetches one record.
 //
-// Slots are read some thousands at a time. Where they rise, the records that they name stand one behind the other in
-// the data file; such a run is read at once, searched once, and taken whole if every record ends where the next begins
-// and nowhere sooner. Anything else (a line feed inside a record, a NUL, a byte 0xFF, slots out of order, overlapping
-// records, a short file) is taken record by record out of the same window. The results are those of readLine for each
-// slot in turn; how the slots stand is only a hint where to look.
+// Slots are read some thousands at a time. Where their offsets rise, the records follow one another in the data file.
+// Such a run is read at once, searched once, and taken whole if every record ends where the next one begins and nowhere
+// sooner. Everything else (a line feed inside a record, a NUL, a byte 0xFF, slots out of order, overlapping records, a
+// short file) is taken record by record from the same window. The offsets are only a hint at where a record ends: the
+// results are those of readLine for each slot in turn.
+//
+// A writer may be at work. It replaces a slot before it overwrites the text that the slot named, so a text is whole if
+// its slot is the same before and after the text was read. Slots are therefore read again after the texts. If one has
+// changed, the texts since the last check are dropped, and their records are read one at a time.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <limits>
 #include <memory>
 #include <span>
 #include <string>
@@ -18,21 +24,39 @@ class CReportFileBase;
 
 namespace qx::report {
 
-// Why Take stopped: all that were asked for are taken; the next record does not fit; the next slot is not in use, or
-// the store is not open (readLine would return false).
-enum class TakeEnd { kCountReached, kChunkFull, kReadFailed };
+// Appends the text of the record in `slot` to `out` if it is shorter than `bytes_max`, without any window: slot, text,
+// and the slot again, at most three times until both reads of the slot agree. After that, the text is taken as it is.
+// Returns 0, or the error number of the read that failed; `out` is then unchanged and `too_long` is false. A text that
+// is not shorter sets `too_long` and appends nothing; reading stops as soon as that is certain. [any thread]
+[[nodiscard]] int ReadRecord(std::FILE* index_file, std::FILE* data_file, std::uint32_t slot, std::size_t bytes_max,
+                             std::string* out, bool* too_long);
+
+// Why Take stopped: all requested records are taken, or text enough; the next record does not fit; the next record
+// cannot be read (the slot is not in use, the store is not open, or the system reports an error).
+enum class TakeEnd { kCountReached, kEnough, kChunkFull, kReadFailed };
 
 struct TakenRecords {
   std::uint32_t count;
   TakeEnd end;
 };
 
+// What Take takes at most.
+struct TakeLimits {
+  static constexpr std::size_t kUnlimited = std::numeric_limits<std::size_t>::max();
+
+  std::uint32_t count_max;                // records
+  std::size_t gathered_max;               // out->size() stays below this
+  std::size_t enough_bytes = kUnlimited;  // Take ends after the record with which it has this much text
+};
+
 // A reader over one store.
 //
 // Threads: one reader belongs to one thread; each call holds the store's lock.
-// Owns: the windows, about 100 KiB whatever the files contain, allocated at the first read. Borrows the store, which
+// Owns: the windows, about 100 KiB whatever the files contain, allocated at the first Take. Borrows the store, which
 // must outlive it.
-// Freshness: sees the files as they stand at its construction or later; the windows are kept until Drop.
+// Failure: an error of the system in a window makes Take read that record singly, without a window. If this fails as
+// well, Take stops before the record, and Error returns the error number.
+// Freshness: Take sees the files as they are at its construction or later; the windows are kept until Drop.
 class RecordReader {
  public:
   explicit RecordReader(CReportFileBase& store);
@@ -40,42 +64,62 @@ class RecordReader {
   RecordReader(const RecordReader&) = delete;
   RecordReader& operator=(const RecordReader&) = delete;
 
-  // Appends to `out` the text that readLine would give for `slot`, if it is shorter than `bytes_max`; otherwise sets
-  // `too_long`, appends nothing and stops reading as soon as that is certain. False as readLine: nothing is appended
-  // and `too_long` is false. [owning thread]
+  // ReadRecord of a slot that is in use. False if the slot is not in use, if the store is not open, and if the system
+  // reports an error: nothing is appended, and `too_long` is false. [owning thread]
   [[nodiscard]] bool Read(std::uint32_t slot, std::size_t bytes_max, std::string* out, bool* too_long);
 
-  // Appends the records of `first_slot` and the slots behind it, at most `count_max` of them, as long as out->size()
-  // with the record is less than `gathered_max`. Slots do not wrap around: the caller splits at the ring's end. A slot
-  // that cannot be read comes before a record that does not fit. [owning thread]
-  [[nodiscard]] TakenRecords Take(std::uint32_t first_slot, std::uint32_t count_max, std::size_t gathered_max,
-                                  std::string* out);
+  // Appends the records of `first_slot` and the slots after it, up to the limits. Slots do not wrap around: the caller
+  // splits at the end of the ring. A slot that is not in use comes before a record that does not fit. [owning thread]
+  [[nodiscard]] TakenRecords Take(std::uint32_t first_slot, const TakeLimits& limits, std::string* out);
 
-  // Whether what was taken or read since the construction may hold a "]": on the way it costs nothing to know that
-  // there is none, and who puts the texts in a CDATA section need not search them. [owning thread]
+  // The error number of the system, if that is why the last Read or Take could not read a record; otherwise 0.
+  // [owning thread]
+  [[nodiscard]] int Error() const { return error_; }
+
+  // False if nothing that was taken or read since the construction contains a "]". To know that costs nothing on the
+  // way, and the texts need not be searched again when they are put into a CDATA section. [owning thread]
   [[nodiscard]] bool MayHaveTakenBracket() const { return may_have_taken_bracket_; }
 
-  // Forgets the windows, as must be done after the store was reopened. [owning thread]
+  // Forgets the windows, as is necessary after the store was reopened. [owning thread]
   void Drop();
 
  private:
   struct Windows;
+  // How the record at an offset was taken from the data window.
+  enum class Piece { kTaken, kTooLong, kUnreadable };
+  // Some records of a row of slots, taken from the windows without a check of their slots.
+  struct Batch {
+    std::uint32_t count = 0;       // records taken
+    Piece next = Piece::kTaken;    // otherwise why the record after them was not taken
+    bool ends_in_no_text = false;  // the last slot has offset 0, where no text is
+  };
 
   Windows& LoadedWindows();
   std::span<const std::uint32_t> OffsetsFrom(std::uint32_t slot, std::uint32_t wanted);
   std::string_view BytesAt(std::int64_t offset, std::size_t wanted);
   std::string_view BytesCovering(std::int64_t offset, std::size_t size);
-  bool AppendRecordAt(std::uint32_t offset, std::size_t bytes_max, std::string* out);
-  std::uint32_t TakeUpTo(std::uint32_t first_slot, std::uint32_t count, std::size_t gathered_max, std::string* out);
+
+  TakenRecords TakeReadable(std::uint32_t first_slot, const TakeLimits& limits, std::string* out);
+  TakenRecords TakeChecked(std::uint32_t first_slot, const TakeLimits& limits, std::string* out);
+  TakenRecords TakeSingly(std::uint32_t first_slot, std::uint32_t count, const TakeLimits& limits, std::string* out);
+  TakenRecords TakeMissingSlots(std::uint32_t first_slot, const TakeLimits& limits, std::string* out);
+  bool ReadSingly(std::uint32_t slot, std::size_t bytes_max, std::string* out, bool* too_long);
+  bool SlotIsMissing(std::uint32_t slot) const;
+  std::uint32_t EmptySlotsFrom(std::uint32_t slot) const;
+  bool SlotsAreStill(std::uint32_t first_slot, std::span<const std::uint32_t> offsets);
+
+  Batch TakeBatch(std::span<const std::uint32_t> offsets, const TakeLimits& limits, std::string* out);
   bool HoldsWholeRecords(std::string_view bytes, std::span<const std::uint32_t> offsets);
-  bool TakeWhole(std::span<const std::uint32_t> offsets, std::string* out);
+  bool AppendWhole(std::span<const std::uint32_t> offsets, std::string* out);
   bool ReadWhole(std::span<const std::uint32_t> offsets, std::string* out);
-  std::uint32_t TakeSingly(std::span<const std::uint32_t> offsets, std::size_t gathered_max, std::string* out);
-  std::uint32_t TakeUnreadableSlots(std::uint32_t count, std::size_t gathered_max, std::string* out);
+  Batch AppendEach(std::span<const std::uint32_t> offsets, std::size_t gathered_max, std::string* out);
+  Batch AppendEqual(std::span<const std::uint32_t> offsets, std::size_t gathered_max, std::string* out);
+  Piece AppendRecordAt(std::uint32_t offset, std::size_t bytes_max, std::string* out);
 
   CReportFileBase& store_;
   std::unique_ptr<Windows> windows_;
   bool may_have_taken_bracket_ = false;
+  int error_ = 0;
 };
 
 }  // namespace qx::report

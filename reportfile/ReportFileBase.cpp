@@ -8,18 +8,16 @@
 #include <cstdint>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "debug/Debug.h"
-#include "reportfile/RecordEnds.h"
+#include "reportfile/RecordReader.h"
 #include "reportfile/StoreIo.h"
 
 using qx::LockScope;
 using namespace qx::report;
 
 namespace {
-
-// Most records are shorter than this; one read fetches them whole.
-constexpr std::size_t kLineWindowBytes = 4096;
 
 void TraceHeader(const IndexHeader& header) {
   QX_TRACE(5, "\nRecordFileBase      : Initiate");
@@ -51,20 +49,6 @@ bool ReadWholeAt(std::FILE* file, std::int64_t offset, T& value) {
 // what a slot points at is ever read.
 bool WriteRecordAt(std::FILE* file, std::uint32_t offset, std::string_view text) {
   return WriteAt(file, offset, text, kLineEndAndMarker) >= text.size() + kLineEnd.size();
-}
-
-// The record text that begins at `offset`. At its first NUL the reading stops, for nothing behind it can come back.
-void ReadTextAt(std::FILE* file, std::int64_t offset, std::string& text) {
-  char window[kLineWindowBytes];
-  text.clear();
-  for (;;) {
-    const std::size_t size = ReadAt(file, offset, window, sizeof window).bytes;
-    const std::string_view bytes = size != 0 ? std::string_view(window, size) : kEndOfFile;
-    const RecordPiece piece = PieceOf(bytes);
-    text.append(bytes.data(), piece.text_bytes);
-    if (piece.is_last) return;
-    offset += static_cast<std::int64_t>(piece.text_bytes);
-  }
 }
 
 void CloseStream(std::FILE*& stream) {
@@ -147,7 +131,14 @@ bool CReportFileBase::writeLine(const char* text) {
 bool CReportFileBase::readLine(std::string& out, unsigned int slot) {
   const LockScope scope(lock_);
   if (!IsOpen() || slot >= header_.highestIndex) return false;
-  ReadTextAt(data_file_, getPositionFromIndexFile(slot), out);
+  std::string text;
+  bool too_long = false;
+  const int error = ReadRecord(index_file_, data_file_, slot, std::string::npos, &text, &too_long);
+  if (error != 0) {
+    errno = error;
+    return false;
+  }
+  out = std::move(text);
   return true;
 }
 

@@ -86,7 +86,7 @@ void CompareTake(CReportFileBase& store, RecordReader& reader, std::uint32_t fir
   std::string expected = "held";
   std::string taken = "held";
   const TakenRecords plain = TakeOneByOne(store, first, count_max, gathered_max, &expected);
-  const TakenRecords result = reader.Take(first, count_max, gathered_max, &taken);
+  const TakenRecords result = reader.Take(first, {count_max, gathered_max}, &taken);
   Require(result.count == plain.count && result.end == plain.end, "Take counts otherwise than readLine");
   Require(taken == expected, "Take reads otherwise than readLine");
 }
@@ -105,7 +105,7 @@ void CompareRead(CReportFileBase& store, RecordReader& reader, std::uint32_t slo
 void TakeWhole(CReportFileBase& store, RecordReader& reader) {
   constexpr std::size_t kChunkBytes = 4096;
   std::string chunk;
-  const TakenRecords taken = reader.Take(0, store.header().highestIndex, kChunkBytes, &chunk);
+  const TakenRecords taken = reader.Take(0, {store.header().highestIndex, kChunkBytes}, &chunk);
   Require(chunk.size() < kChunkBytes, "the chunk is over its limit");
   Require(taken.count <= store.header().highestIndex, "more records than slots in use");
 }

@@ -289,25 +289,9 @@ TEST_F(ReportTransfer, TheSnapshotIsKeptInTheThreadData) {
   EXPECT_EQ(thread.Data()->highest_index, 4);
 }
 
-// The writer comes in behind the first read of a transfer.
-class RingDuringTransfer : public ReportTransfer {
+class RingDuringTransfer : public qx::test::TransferInRace {
  protected:
   using Path = qx::provider::TransferOptions::Path;
-
-  // A first call for r1 from `start` on, with `meanwhile` between its first read and the check of the ring.
-  template <typename Meanwhile>
-  Reply Ask(Meanwhile meanwhile, int start, Path path, CThreadData& data) {
-    CMarkup in;
-    (void)in.SetDoc(("<ReportData Name=\"r1\" StartIndex=\"" + std::to_string(start) + "\"/>").c_str());
-    (void)in.FindElem("ReportData");
-    CMarkup out;
-    CFileTransferProvider provider;
-    const qx::provider::TransferOptions options{path, [](void* context) { (*static_cast<Meanwhile*>(context))(); },
-                                                &meanwhile};
-    const int result = qx::provider::ReportTransfer(provider, data, out, options).Run(in);
-    ++data.state_word;
-    return {result, out.GetDoc(), out.IsWellFormed()};
-  }
 };
 
 // Two billion slots that the index file does not hold, each a record that its first NUL leaves empty.
@@ -361,7 +345,25 @@ TEST_F(RingDuringTransfer, AfterAFailedReopenTheFirstRecordIsUsedAndTheNextReadF
     CThreadData data;
     EXPECT_EQ(Ask([&] { std::filesystem::remove(BasePath("r1") + ".ind"); }, 0, path, data),
               Records("r1", 0, 1, "1\r\n"));
+    EXPECT_EQ(Ask([] {}, 1, path, data), NotReadable("r1", 2));
+    EXPECT_EQ(Ask([] {}, 2, path, data), NotReadable("r1", 2));
+    EXPECT_EQ(Ask([] {}, 3, path, data), NoMoreRecords());
+    EXPECT_EQ(data.state_word, 4U);
+  }
+}
+
+// The next transfer has nothing to do with it, not even if its report cannot be opened either.
+TEST_F(RingDuringTransfer, FailedReopenIsForgottenByTheNextTransfer) {
+  for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
+    Append("r1", 5, {"1", "2", "3"});
+    CThreadData data;
+    const auto remove = [&] { std::filesystem::remove(BasePath("r1") + ".ind"); };
+    EXPECT_EQ(Ask(remove, 0, path, data).result, 0);
+    EXPECT_EQ(Ask([] {}, 0, path, data), NotReadable("r1", 2));
     EXPECT_EQ(Ask([] {}, 1, path, data), NoMoreRecords());
+    Append("r1", 5, {"1", "2"});
+    EXPECT_EQ(Ask([] {}, 0, path, data), Records("r1", 0, 2, "1\r\n2\r\n"));
+    std::filesystem::remove(BasePath("r1") + ".ind");
   }
 }
 

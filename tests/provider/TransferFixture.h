@@ -119,4 +119,23 @@ class TransferFixture : public testing::Test {
   ReportRoot root_;
 };
 
+// Transfers of the report r1 in each way of reading, by a thread whose data the test holds.
+class TransferInRace : public TransferFixture {
+ protected:
+  // One call from `start` on, with `meanwhile` after the first read of a transfer and before the check of the ring.
+  template <typename Meanwhile>
+  Reply Ask(Meanwhile meanwhile, int start, provider::TransferOptions::Path path, CThreadData& data) {
+    CMarkup in;
+    (void)in.SetDoc(("<ReportData Name=\"r1\" StartIndex=\"" + std::to_string(start) + "\"/>").c_str());
+    (void)in.FindElem("ReportData");
+    CMarkup out;
+    CFileTransferProvider module;
+    const provider::TransferOptions options{path, [](void* context) { (*static_cast<Meanwhile*>(context))(); },
+                                            &meanwhile};
+    const int result = provider::ReportTransfer(module, data, out, options).Run(in);
+    ++data.state_word;
+    return {result, out.GetDoc(), out.IsWellFormed()};
+  }
+};
+
 }  // namespace qx::test

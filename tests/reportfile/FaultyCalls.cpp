@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <utility>
 
 namespace {
 
@@ -21,6 +22,25 @@ struct Faults {
 
 Faults writes;
 Faults reads;
+
+std::function<void(int)> before_read;
+int hooked_reads = 0;
+off_t hooked_offset = 0;
+off_t bad_byte = -1;
+
+void RunHook(off_t offset) {
+  if (!before_read) return;
+  hooked_offset = offset;
+  const auto action = std::exchange(before_read, nullptr);
+  action(++hooked_reads);
+  before_read = action;
+}
+
+// How much of a read there is before the bad byte; nothing at it.
+std::size_t Readable(off_t offset, std::size_t size) {
+  const auto end = static_cast<off_t>(offset + static_cast<off_t>(size));
+  return bad_byte >= offset && bad_byte < end ? static_cast<std::size_t>(bad_byte - offset) : size;
+}
 
 // What call number `call` does instead of asking the system for `wanted` bytes: how many bytes it handles, or -1.
 ssize_t Outcome(const Faults& faults, int call, std::size_t wanted) {
@@ -63,7 +83,12 @@ ssize_t __wrap_pwrite(int fd, const void* from, std::size_t size, off_t offset) 
 }
 
 ssize_t __wrap_pread(int fd, void* to, std::size_t size, off_t offset) {
-  const ssize_t allowed = Outcome(reads, ++reads.calls, size);
+  RunHook(offset);
+  const ssize_t allowed = Outcome(reads, ++reads.calls, Readable(offset, size));
+  if (allowed == 0 && size > 0 && bad_byte == offset) {
+    errno = EIO;
+    return -1;
+  }
   return allowed <= 0 ? allowed : __real_pread(fd, to, static_cast<std::size_t>(allowed), offset);
 }
 }
@@ -83,5 +108,16 @@ ScopedReadFault::ScopedReadFault(const CallFault& fault) {
 }
 ScopedReadFault::~ScopedReadFault() { reads.fault = {}; }
 int ScopedReadFault::Calls() { return reads.calls; }
+
+ScopedReadHook::ScopedReadHook(std::function<void(int call)> action) {
+  hooked_reads = 0;
+  before_read = std::move(action);
+}
+ScopedReadHook::~ScopedReadHook() { before_read = nullptr; }
+int ScopedReadHook::Calls() { return hooked_reads; }
+off_t ScopedReadHook::Offset() { return hooked_offset; }
+
+ScopedBadByte::ScopedBadByte(off_t offset) { bad_byte = offset; }
+ScopedBadByte::~ScopedBadByte() { bad_byte = -1; }
 
 }  // namespace qx::test

@@ -2,7 +2,10 @@
 // and pread come through here. Without an instruction they go straight to the system and are counted.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <functional>
 
 namespace qx::test {
 
@@ -15,6 +18,28 @@ struct CallFault {
   int error = 0;           // kFails: errno
   std::uint64_t some = 0;  // kTakesSome: bytes that the call takes or gives
   int more_failing = 0;    // calls right behind it that fail with `error`
+};
+
+// Lets something happen before every read, as a writer in another process would: the action gets the number of the
+// call, counted from 1 at the construction. Reads of the action itself do not count.
+class ScopedReadHook {
+ public:
+  explicit ScopedReadHook(std::function<void(int call)> action);
+  ~ScopedReadHook();
+  ScopedReadHook(const ScopedReadHook&) = delete;
+  ScopedReadHook& operator=(const ScopedReadHook&) = delete;
+  static int Calls();
+  // Where the read begins before which the action runs.
+  static off_t Offset();
+};
+
+// A place that cannot be read, in any file: a read ends before the byte at `offset`, and fails with EIO at it.
+class ScopedBadByte {
+ public:
+  explicit ScopedBadByte(off_t offset);
+  ~ScopedBadByte();
+  ScopedBadByte(const ScopedBadByte&) = delete;
+  ScopedBadByte& operator=(const ScopedBadByte&) = delete;
 };
 
 // Instructs the calls of one kind from construction to the end of the scope, and counts them.

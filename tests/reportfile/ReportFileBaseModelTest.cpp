@@ -40,8 +40,8 @@ class ReportFileBaseModel : public testing::Test {
     const std::uint32_t oldest = header.oldestIndex;
     report::RecordReader reader(store);
     std::string taken;
-    (void)reader.Take(oldest, header.highestIndex - oldest, std::size_t{1} << 30, &taken);
-    (void)reader.Take(0, oldest, std::size_t{1} << 30, &taken);
+    (void)reader.Take(oldest, {header.highestIndex - oldest, std::size_t{1} << 30}, &taken);
+    (void)reader.Take(0, {oldest, std::size_t{1} << 30}, &taken);
     return taken;
   }
 

@@ -95,7 +95,7 @@ TEST_F(ReportFileBaseThreads, RunsAreTakenFromAnObjectThatIsBeingWritten) {
   StartReaders([this](int) {
     report::RecordReader reader(store_);
     std::string taken;
-    const report::TakenRecords result = reader.Take(0, 100000, 100000, &taken);
+    const report::TakenRecords result = reader.Take(0, {100000, 100000}, &taken);
     if (taken.size() != result.count * (Text(0, 0).size() + 2)) ++failures_;
   });
   Join();

@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -33,6 +34,12 @@ class StoreFiles {
     WriteFile(IndexPath(), index);
     WriteFile(DataPath(), data);
   }
+
+  // Writes in place, as a writer does: readers that have the files open see it. The file grows if it has to.
+  void WriteSlot(std::uint32_t slot, std::uint32_t offset) const {
+    WriteAt(IndexPath(), report::SlotOffset(slot), {reinterpret_cast<const char*>(&offset), sizeof offset});
+  }
+  void WriteData(std::int64_t offset, std::string_view bytes) const { WriteAt(DataPath(), offset, bytes); }
 
   // A header that says: `slots` slots, all in use, the oldest first.
   static report::IndexHeader FullRing(std::uint32_t slots) {
@@ -61,6 +68,13 @@ class StoreFiles {
   }
 
  private:
+  static void WriteAt(const std::string& path, std::int64_t offset, std::string_view bytes) {
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    if (!file.seekp(offset).write(bytes.data(), static_cast<std::streamsize>(bytes.size())).flush()) {
+      throw std::runtime_error("cannot write " + path);
+    }
+  }
+
   TempDir dir_;
   std::string base_ = dir_.File("r1");
 };

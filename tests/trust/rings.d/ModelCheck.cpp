@@ -165,7 +165,7 @@ class System {
     std::string unread = "as it was";
     if (reader_.readLine(unread, model.reader.used) || unread != "as it was") return false;
     std::string runs;
-    const auto taken = qx::report::RecordReader(reader_).Take(0, model.reader.used, kChunkBytes, &runs);
+    const auto taken = qx::report::RecordReader(reader_).Take(0, {model.reader.used, kChunkBytes}, &runs);
     return taken.count == model.reader.used && runs == all && KeepsTheRing(model);
   }
 

@@ -1,0 +1,140 @@
+// Transfers whose files cannot be read, or change while they are read.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tests/provider/TransferFixture.h"
+#include "tests/reportfile/FaultyCalls.h"
+
+namespace {
+
+using qx::provider::TransferOptions;
+using qx::test::CallFault;
+using qx::test::NoMoreRecords;
+using qx::test::NotReadable;
+using qx::test::Records;
+using qx::test::Reply;
+using qx::test::ScopedBadByte;
+using qx::test::ScopedReadFault;
+using qx::test::ScopedReadHook;
+using qx::test::TraceCapture;
+
+constexpr int kInputOutputError = 5;
+
+class ReportTransferFault : public qx::test::TransferInRace {
+ protected:
+  static constexpr TransferOptions::Path kPaths[] = {TransferOptions::Path::kSingly, TransferOptions::Path::kInRuns,
+                                                     TransferOptions::Path::kIntoReply};
+
+  Reply Ask(int start, TransferOptions::Path path, CThreadData& data) {
+    return TransferInRace::Ask([] {}, start, path, data);
+  }
+};
+
+class ReportTransferRace : public ReportTransferFault {};
+
+// Records of 400 bytes: a bad place in the data file is beyond the end of the index file.
+std::string Line(char letter) { return std::string(398, letter); }
+std::string Record(char letter) { return Line(letter) + "\r\n"; }
+constexpr off_t kRecordBytes = 400;
+
+TEST_F(ReportTransferFault, TransferEndsBeforeARecordThatCannotBeRead) {
+  Append("r1", 10, {Line('0'), Line('1'), Line('2'), Line('3'), Line('4')});
+  for (const TransferOptions::Path path : kPaths) {
+    CThreadData data;
+    {
+      const ScopedBadByte bad(3 * kRecordBytes + 2);
+      EXPECT_EQ(Ask(0, path, data), Records("r1", 0, 3, Record('0') + Record('1') + Record('2')));
+      EXPECT_EQ(Ask(3, path, data), NotReadable("r1", kInputOutputError));
+      EXPECT_EQ(Ask(4, path, data), Records("r1", 4, 5, Record('4')));
+    }
+    EXPECT_EQ(Ask(3, path, data), Records("r1", 3, 5, Record('3') + Record('4')));
+    EXPECT_EQ(Ask(5, path, data), NoMoreRecords());
+    EXPECT_EQ(data.state_word, 5U);
+  }
+}
+
+TEST_F(ReportTransferFault, UnreadableRecordIsTracedAsAReportThatCannotBeOpened) {
+  Append("r1", 10, {Line('0'), Line('1')});
+  CThreadData data;
+  const ScopedBadByte bad(kRecordBytes + 100);
+  const TraceCapture trace(1);
+  EXPECT_EQ(Ask(0, TransferOptions::Path::kByTrace, data), Records("r1", 0, 1, Record('0')));
+  EXPECT_EQ(trace.Text(), "");
+  EXPECT_EQ(Ask(1, TransferOptions::Path::kByTrace, data), NotReadable("r1", kInputOutputError));
+  EXPECT_EQ(trace.Text(), "WCSP_QX GetReports  : ## ERROR! Could not read data file for report \"r1\" (0x00000005)\n");
+}
+
+TEST_F(ReportTransferFault, RecordsWithoutTextBeforeAnUnreadableOneAreNoReply) {
+  Append("r1", 10, {Line('0'), Line('1')});
+  std::string bytes = qx::test::ReadFile(BasePath("r1") + ".dat");
+  bytes[0] = '\0';
+  qx::test::WriteFile(BasePath("r1") + ".dat", bytes);
+  for (const TransferOptions::Path path : kPaths) {
+    CThreadData data;
+    const ScopedBadByte bad(kRecordBytes + 100);
+    EXPECT_EQ(Ask(0, path, data), NotReadable("r1", kInputOutputError));
+  }
+}
+
+// One read fails, whichever it is. Only the reads of a transfer's first record, which is read singly, are noticed: the
+// call can be repeated. Reads of the header are left out; they belong to the open.
+TEST_F(ReportTransferFault, OneFailedReadLosesNothing) {
+  std::string all;
+  std::vector<std::string> records = {"pad"};
+  for (int i = 0; i < 3000; ++i) {
+    records.push_back(std::to_string(i) + std::string(static_cast<std::size_t>(i % 100), i % 1000 == 7 ? '\n' : 'x'));
+    all += records.back().substr(0, records.back().find('\n')) + (i % 1000 == 7 ? "\n" : "\r\n");
+  }
+  Append("r1", 3001, records);
+  for (const TransferOptions::Path path : {TransferOptions::Path::kInRuns, TransferOptions::Path::kIntoReply}) {
+    for (int nth = 1;; ++nth) {
+      bool is_of_header = false;
+      const ScopedReadHook hook([&](int call) {
+        if (call == nth) is_of_header = ScopedReadHook::Offset() == 0;
+      });
+      const ScopedReadFault fault({.kind = CallFault::Kind::kFails, .nth = nth, .error = EIO});
+      CThreadData data;
+      Reply reply = Ask(1, path, data);
+      if (ScopedReadFault::Calls() < nth) break;
+      if (is_of_header) continue;
+      if (nth <= 4 && reply == NotReadable("r1", kInputOutputError)) reply = Ask(1, path, data);
+      EXPECT_TRUE(reply == Records("r1", 1, 3001, all)) << "read " << nth << " result " << reply.result;
+    }
+  }
+}
+
+// The writer stores a new record in the place of the oldest one and overwrites the old text.
+TEST_F(ReportTransferRace, ReplacedRecordComesWholeBeforeWhicheverReadItIsReplaced) {
+  const std::string kOld(60, 'o');
+  const std::string kNew(60, 'n');
+  for (const TransferOptions::Path path : kPaths) {
+    for (int nth = 1;; ++nth) {
+      CReportFileBase writer;
+      ASSERT_TRUE(writer.Open(BasePath("r1").c_str(), 2));
+      for (const std::string& text : {kOld, kOld, kNew}) ASSERT_TRUE(writer.writeLine(text.c_str()));
+      // Slot 0 holds the third record. Back to the first one, of which a writer has not heard yet.
+      ASSERT_TRUE(writer.setPositionInIndexFile(0, 0));
+      const ScopedReadHook hook([&](int call) {
+        if (call != nth) return;
+        (void)writer.setPositionInIndexFile(0, 124);
+        std::FILE* const data_file = std::fopen((BasePath("r1") + ".dat").c_str(), "r+b");
+        (void)std::fwrite("xxxxx", 5, 1, data_file);
+        (void)std::fclose(data_file);
+      });
+      CThreadData data;
+      const Reply reply = Ask(0, path, data);
+      const std::string both = kOld + "\r\n" + kOld + "\r\n";
+      const std::string newest_last = kOld + "\r\n" + kNew + "\r\n";
+      EXPECT_TRUE(reply == Records("r1", 0, 2, both) || reply == Records("r1", 0, 2, newest_last))
+          << "before read " << nth << ": " << reply;
+      writer.Close();
+      std::remove((BasePath("r1") + ".ind").c_str());
+      if (ScopedReadHook::Calls() < nth) break;
+    }
+  }
+}
+
+}  // namespace
