@@ -69,34 +69,11 @@ class Result {
   std::size_t count_ = 0;
 };
 
-// A ";" starts a comment wherever it stands, in values too.
-std::string_view WithoutComment(std::string_view line) {
-  return WithoutTrailing(line.substr(0, line.find(';')), kWhiteSpace);
-}
-
 // "[Sec] text" => "Sec"; nothing when there is no "]".
 std::optional<std::string_view> NameInHeader(std::string_view line) {
   const std::size_t end = line.find(']');
   if (end == std::string_view::npos) return std::nullopt;
   return line.substr(1, end - 1);
-}
-
-struct Entry {
-  std::string_view key;
-  std::string_view value;
-};
-
-// "key \t= a = b" => "key", "a = b"; nothing when there is no "=".
-std::optional<Entry> ParseEntry(std::string_view line) {
-  const std::size_t equals = line.find('=');
-  if (equals == std::string_view::npos) return std::nullopt;
-  return Entry{.key = WithoutTrailing(line.substr(0, equals), kWhiteSpace),
-               .value = WithoutLeadingWhiteSpace(line.substr(equals + 1))};
-}
-
-// True for a line that is plainly no header. Blanks and control characters in front leave it open.
-bool IsPlainText(std::string_view line) {
-  return !line.empty() && static_cast<unsigned char>(line.front()) > ' ' && line.front() != '[';
 }
 
 // True for plain text that cannot be an entry of `key`, since it does not begin with it.

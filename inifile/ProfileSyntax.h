@@ -1,6 +1,7 @@
-// What reader and writer of profile files agree on: white space and section headers.
+// What readers and writers of profile files agree on: white space, section headers, comments and entries.
 #pragma once
 
+#include <optional>
 #include <string_view>
 
 namespace qx::inifile {
@@ -26,6 +27,29 @@ inline bool IsHeader(std::string_view line) noexcept { return line.starts_with('
 inline bool IsHeaderOf(std::string_view line, std::string_view section) noexcept {
   const std::string_view name = line.substr(line.empty() ? 0 : 1);
   return IsHeader(line) && name.starts_with(section) && name.substr(section.size()).starts_with(']');
+}
+
+// A ";" starts a comment wherever it is, in values too.
+inline std::string_view WithoutComment(std::string_view line) noexcept {
+  return WithoutTrailing(line.substr(0, line.find(';')), kWhiteSpace);
+}
+
+struct Entry {
+  std::string_view key;
+  std::string_view value;
+};
+
+// "key \t= a = b" => "key", "a = b"; nothing when there is no "=".
+inline std::optional<Entry> ParseEntry(std::string_view line) noexcept {
+  const std::size_t equals = line.find('=');
+  if (equals == std::string_view::npos) return std::nullopt;
+  return Entry{.key = WithoutTrailing(line.substr(0, equals), kWhiteSpace),
+               .value = WithoutLeadingWhiteSpace(line.substr(equals + 1))};
+}
+
+// True for a line that is plainly not a header. After leading blanks and control characters, it may be one.
+inline bool IsPlainText(std::string_view line) noexcept {
+  return !line.empty() && static_cast<unsigned char>(line.front()) > ' ' && line.front() != '[';
 }
 
 }  // namespace qx::inifile
