@@ -1,13 +1,12 @@
 #include "provider/ReportNames.h"
 
 #include <string>
-#include <vector>
 
 #include "debug/Debug.h"
-#include "inifile/IniFile.h"
 #include "markup/Markup.h"
 #include "provider/HexDump.h"
 #include "provider/KrxAdapterModule.h"
+#include "provider/NamesFile.h"
 #include "provider/ReportTransfer.h"
 #include "provider/ServerControlPaths.h"
 
@@ -15,9 +14,6 @@ namespace qx::provider {
 
 namespace {
 
-constexpr char kHeadSection[] = "Quaxel Report Instances";
-constexpr char kNamesSection[] = "Names";
-constexpr int kVersionWithNames = 1;
 constexpr unsigned kErrorFileNotFound = 2;  // whatever the system says about the file
 
 std::string ReadName(const CMarkup& in) {
@@ -26,22 +22,17 @@ std::string ReadName(const CMarkup& in) {
   return name;
 }
 
-bool OpenNamesFile(CIniFile& file, const std::string& name) {
-  std::string path;
-  CServerControlPaths::GetServerControlReportPath(path);
-  path.append("/").append(name).append(".names");
-  QX_TRACE(3, "\nWCSP_QX GetInstances: open instance file %s...", path.c_str());
-  return NamesAReport(name) && file.Open(path.c_str(), true);
+bool ReadNamesFile(NamesFile& file, const std::string& name) {
+  std::string directory;
+  CServerControlPaths::GetServerControlReportPath(directory);
+  QX_TRACE(3, "\nWCSP_QX GetInstances: open instance file %s/%s.names...", directory.c_str(), name.c_str());
+  return NamesAReport(name) && file.Read(directory, name);
 }
 
-// The file's version, 0 if it has none. The name in the file is its writer's; only the trace shows it.
-int ReadHead(CIniFile& file) {
+// The name in the file is its writer's; only the trace shows it.
+void TraceHead(const NamesFile& file) {
   QX_TRACE(3, "\nWCSP_QX GetInstances:   instance file existing");
-  const auto version = static_cast<int>(file.GetNumber(kHeadSection, "Version", 0));
-  std::string name;
-  (void)file.GetString(name, kHeadSection, "Name", "");  // without one it is empty
-  QX_TRACE(3, "\nWCSP_QX GetInstances:   version=%d, report name=%s", version, name.c_str());
-  return version;
+  QX_TRACE(3, "\nWCSP_QX GetInstances:   version=%d, report name=%s", file.Version(), file.ReportName().c_str());
 }
 
 void TraceInstance(const std::string& key, const std::string& name) {
@@ -58,26 +49,15 @@ void AddInstance(CMarkup& out, const std::string& key, const std::string& name) 
   out.SetChildAttrib("Nr", key.c_str());
 }
 
-// Returns the number of instances. Quirk: a key that stands twice is listed twice, each time with its first name.
-int AddInstances(CIniFile& file, CMarkup& out) {
-  std::vector<std::string> keys;
-  (void)file.GetEnums(keys, kNamesSection);  // false only says that there are none
-  for (const std::string& key : keys) {
-    std::string name;
-    (void)file.GetString(name, kNamesSection, key.c_str(), "");
-    TraceInstance(key, name);
-    AddInstance(out, key, name);
-  }
-  return static_cast<int>(keys.size());
-}
-
-// The attributes follow the children because the number is known only then; where they stand in the tag is the same.
-void AddList(CIniFile& file, CMarkup& out, const std::string& name, int version) {
+void AddList(const NamesFile& file, CMarkup& out, const std::string& name) {
   out.AddElem("ReportInstanceNames");
-  const int count = AddInstances(file, out);
+  for (const NamesFile::Instance* instance : file.Instances()) {
+    TraceInstance(instance->first, instance->second);
+    AddInstance(out, instance->first, instance->second);
+  }
   out.SetAttrib("Name", CMarkup::EscapeTextBinary(name, 0).c_str(), CMarkup::kKeepReferences);
-  out.SetAttrib("Version", version);
-  out.SetAttrib("NrInstances", count);
+  out.SetAttrib("Version", file.Version());
+  out.SetAttrib("NrInstances", static_cast<int>(file.Instances().size()));
 }
 
 void TraceReply(const CMarkup& out, int version) {
@@ -98,14 +78,13 @@ int ReplyNotFound(CKrxAdapterModule& module, CMarkup& out, const std::string& na
 int ReplyInstanceNames(CKrxAdapterModule& module, CMarkup& in, CMarkup& out) {
   QX_TRACE(4, "\nWCSP_QX GetInstances:   XML input string: \"%s\"", in.GetDoc().c_str());
   const std::string name = ReadName(in);
-  CIniFile file;
-  if (!OpenNamesFile(file, name)) return ReplyNotFound(module, out, name);
+  NamesFile file;
+  if (!ReadNamesFile(file, name)) return ReplyNotFound(module, out, name);
 
-  const int version = ReadHead(file);
+  TraceHead(file);
   // Quirk: another version is no error. There is no list, and after a refusal its element stays as it is.
-  if (version == kVersionWithNames) AddList(file, out, name, version);
-  file.Close();
-  TraceReply(out, version);
+  if (file.Version() == NamesFile::kVersionWithNames) AddList(file, out, name);
+  TraceReply(out, file.Version());
   return kRecordsReturned;
 }
 
