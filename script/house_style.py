@@ -3,6 +3,7 @@
 
 Runs with the tests. Prints one line for each finding, and exits 1 if there are any.
 """
+import collections
 import pathlib
 import re
 import subprocess
@@ -14,6 +15,10 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 LINE_MAX = 120
 FUNCTION_LINES_MAX = 70
 FILE_LINES_MAX = 700
+FOLDER_FILES_MAX = 30  # sources and headers of a folder below tools/
+
+# The one source that knows the argument parser.
+PARSER_SOURCE = pathlib.Path("tools/qxctl/cli/Parser.cpp")
 
 # What a folder may include besides itself. "paths" is the lower floor of provider/; "debug/tools" is what programs need of
 # debug/ and the module does not.
@@ -47,7 +52,8 @@ AREAS = {
 }
 for area, others in AREAS.items():
     LAYERS[f"tools/qxctl/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{other}" for other in others}
-LAYERS["tools/qxctl"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{area}" for area in AREAS}
+LAYERS["tools/qxctl/cli/describe"] = {"tools/qxctl/cli"}  # the same area: what describes the commands
+LAYERS["tools/qxctl"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{area}" for area in [*AREAS, "cli/describe"]}
 
 TOP_FOLDERS = {layer.split("/")[0] for layer in LAYERS} - {"paths"}
 PATHS_FILES = {"QXString.h", "ServerControlPaths.h", "ServerControlPaths.cpp"}
@@ -135,6 +141,20 @@ def check_layers(path, lines):
             yield number, f"{layer} may not include {match.group(1)}"
 
 
+def check_parser(path, lines):
+    for number, line in enumerate(lines, 1):
+        if re.match(r"\s*#\s*include\s*<CLI/", line) and path != PARSER_SOURCE:
+            yield number, f"includes the argument parser; only {PARSER_SOURCE} does"
+
+
+def check_folders(paths):
+    """Folders below tools/ that have more sources and headers than a reader can survey."""
+    counts = collections.Counter(path.parent for path in paths if path.parts[0] == "tools")
+    for folder, count in sorted(counts.items()):
+        if count > FOLDER_FILES_MAX:
+            yield f"{folder}: {count} sources and headers, at most {FOLDER_FILES_MAX}"
+
+
 def check_functions(path, lines):
     """A definition starts in column 0, its body opens with '{' at a line's end and closes with a lone '}' in column 0."""
     start = None
@@ -162,10 +182,11 @@ def check_pragma(path, lines):
 
 
 def main():
-    findings = []
-    for path in tracked("*.cpp", "*.h", "*.c"):
+    paths = tracked("*.cpp", "*.h", "*.c")
+    findings = list(check_folders(paths))
+    for path in paths:
         lines = (ROOT / path).read_text(encoding="utf-8").split("\n")
-        checks = [check_lines(path, lines), check_layers(path, lines), check_pragma(path, lines)]
+        checks = [check_lines(path, lines), check_layers(path, lines), check_pragma(path, lines), check_parser(path, lines)]
         if layer_of(path) in LAYERS:
             checks.append(check_functions(path, lines))
             if len(lines) > FILE_LINES_MAX:

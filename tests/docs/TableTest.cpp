@@ -46,12 +46,6 @@ class DocsTable : public testing::Test, protected QxctlFixture {
   const json table_;
 };
 
-// "qxctl report info" => "qxctl-report-info.schema.json"
-std::string SchemaOf(std::string command) {
-  std::replace(command.begin(), command.end(), ' ', '-');
-  return command + ".schema.json";
-}
-
 std::set<std::string> Schemas() {
   std::set<std::string> names;
   for (const fs::directory_entry& entry : fs::directory_iterator(InSource("docs/schemas"))) {
@@ -104,9 +98,25 @@ bool HasExample(const std::string& command) {
 
 TEST_F(DocsTable, ThePageOfQxctlListsExactlyTheCommandsThatThereAre) { EXPECT_EQ(CommandsInPage(), Commands()); }
 
+TEST_F(DocsTable, ThePageOfQxctlListsTheOptionsOfEveryCommand) {
+  const std::string page = ReadFile(InSource("docs/qxctl.md"));
+  for (const json& option : table_[0]["options"]) {
+    const std::string name = option["names"].back();
+    EXPECT_TRUE(name == "--version" || page.find("| `" + name) != std::string::npos ||
+                page.find(", `" + name) != std::string::npos)
+        << name;
+  }
+}
+
+TEST_F(DocsTable, TheTableNamesASchemaForEveryCommandWithJson) {
+  for (const json& row : table_) EXPECT_EQ(row["schema"].is_null(), !HasOption(row, "--json")) << row["command"];
+}
+
 TEST_F(DocsTable, EveryCommandWithJsonHasASchemaAndEverySchemaACommand) {
   std::set<std::string> expected;
-  for (const std::string& command : Commands("--json")) expected.insert(SchemaOf(command));
+  for (const json& row : table_) {
+    if (!row["schema"].is_null()) expected.insert(row["schema"].get<std::string>() + ".schema.json");
+  }
   EXPECT_EQ(Schemas(), expected);
 }
 

@@ -140,6 +140,12 @@ TEST_F(QxctlCompletion, TheValueOfAnOption) {
   EXPECT_THAT(Offers({"completion", ""}), ElementsAre("bash", "zsh"));
 }
 
+// Of a command's argument and of an option with the same help, the kind decides and not the name.
+TEST_F(QxctlCompletion, ANameThatIsNoReportIsNotCompletedAsOne) {
+  EXPECT_THAT(Offers({"registry", "get", "KEY", "lo"}), IsEmpty());
+  EXPECT_THAT(Offers({"module", "load-test", "--report", "loa"}), ElementsAre("load"));
+}
+
 TEST_F(QxctlCompletion, NothingBehindTheLastArgument) {
   EXPECT_THAT(Offers({"fetch", "load", ""}), IsEmpty());
   EXPECT_THAT(Offers({"ini", "get", "limits.ini", ""}), IsEmpty());
@@ -162,6 +168,15 @@ TEST_F(QxctlCompletion, AskingForReportsIsSilentWhenThereAreNone) {
 TEST_F(QxctlCompletion, ASourcedScriptIsRegistered) {
   const Ran ran = Child({"bash", "-c", "source ./bash && complete -p qxctl"}, StartHere()).Wait();
   EXPECT_EQ(ran.out, "complete -F _qxctl qxctl\n");
+}
+
+// The script before its tables are filled in, and as a user gets it.
+TEST_F(QxctlCompletion, ShellcheckFindsNothingInTheBashScript) {
+  const std::string source = QX_SOURCE_DIR "/tools/qxctl/cli/describe/completion.bash";
+  for (const std::string& script : {source, Dir().File("bash")}) {
+    const Ran ran = Child({"shellcheck", script}, StartHere()).Wait();
+    EXPECT_EQ(ran.code, 0) << ran.out << ran.err;
+  }
 }
 
 // --- zsh

@@ -5,42 +5,108 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <csignal>
-#include <cstdio>
 #include <string>
-#include <vector>
 
 #include "base/File.h"
-#include "tools/qxctl/cli/Commands.h"
+#include "debug/Debug.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/GlobalOptions.h"
 #include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/Parser.h"
+#include "tools/qxctl/cli/describe/CompletionCommand.h"
+#include "tools/qxctl/cli/describe/HelpText.h"
+#include "tools/qxctl/doctor/DoctorCommand.h"
+#include "tools/qxctl/doctor/ExplainCommand.h"
+#include "tools/qxctl/fetch/FetchCommand.h"
+#include "tools/qxctl/fetch/FollowCommand.h"
+#include "tools/qxctl/fetch/NamesCommand.h"
+#include "tools/qxctl/module/ModuleCommand.h"
+#include "tools/qxctl/report/ReportBackupCommand.h"
+#include "tools/qxctl/report/ReportCheckCommand.h"
+#include "tools/qxctl/report/ReportCommand.h"
+#include "tools/qxctl/report/ReportNamesCommand.h"
+#include "tools/qxctl/settings/IniCommand.h"
+#include "tools/qxctl/settings/IniEditCommand.h"
+#include "tools/qxctl/settings/RegistryCheckCommand.h"
+#include "tools/qxctl/settings/RegistryCommand.h"
+#include "tools/qxctl/settings/RegistryEditCommand.h"
+#include "tools/qxctl/trace/TraceConfigCommand.h"
+#include "tools/qxctl/trace/TraceFollowCommand.h"
+#include "tools/qxctl/trace/TraceShowCommand.h"
+#include "tools/qxctl/trial/FaultsCommand.h"
+#include "tools/qxctl/trial/LoadTestCommand.h"
+#include "tools/qxctl/trial/RecordCommand.h"
+#include "tools/qxctl/trial/ReplayCommand.h"
+
+// qxctl's own trace object: inert unless --trace asks for traces. Its priority makes it outlive everything that traces.
+__attribute__((init_priority(101))) CDebug Debug;
 
 namespace {
 
-using qx::ctl::ColorMode;
+using qx::ctl::Command;
+using qx::ctl::CommandLine;
 using qx::ctl::Context;
 using qx::ctl::ExitCode;
+using qx::ctl::Request;
 using qx::ctl::Status;
-using qx::ctl::Verbosity;
 
-struct TraceOptions {
-  std::string directory;  // empty: no traces
-  int level = 5;
+constexpr Command kModule = {.words = "module", .help = "Call the provider module, and try it hard"};
+constexpr Command kReport = {.words = "report", .help = "Work on a report's files, without the module"};
+constexpr Command kRegistry = {.words = "registry", .help = "Look into the registry, check it, change it"};
+constexpr Command kIni = {.words = "ini", .help = "Look into a profile file, change it"};
+constexpr Command kTrace = {.words = "trace", .help = "Read traces back, and show where their settings come from"};
+
+// In the order in which people read of them.
+constexpr const Command* kCommands[] = {
+    &qx::ctl::kQxctl,
+    &kModule,
+    &qx::ctl::kModuleWhatCommand,
+    &qx::ctl::kModuleReflectCommand,
+    &qx::ctl::kModuleReportsCommand,
+    &qx::ctl::kModuleNamesCommand,
+    &qx::ctl::kLoadTestCommand,
+    &qx::ctl::kRecordCommand,
+    &qx::ctl::kReplayCommand,
+    &qx::ctl::kFaultsCommand,
+    &qx::ctl::kFetchCommand,
+    &qx::ctl::kFollowCommand,
+    &kReport,
+    &qx::ctl::kReportCreateCommand,
+    &qx::ctl::kReportAppendCommand,
+    &qx::ctl::kReportCatCommand,
+    &qx::ctl::kReportInfoCommand,
+    &qx::ctl::kReportVerifyCommand,
+    &qx::ctl::kReportSalvageCommand,
+    &qx::ctl::kReportBackupCommand,
+    &qx::ctl::kReportRestoreCommand,
+    &qx::ctl::kNamesCommand,
+    &kRegistry,
+    &qx::ctl::kRegistryLsCommand,
+    &qx::ctl::kRegistryGetCommand,
+    &qx::ctl::kRegistrySetCommand,
+    &qx::ctl::kRegistryDeleteCommand,
+    &qx::ctl::kRegistryImportCommand,
+    &qx::ctl::kRegistryDiffCommand,
+    &qx::ctl::kRegistryExportCommand,
+    &qx::ctl::kRegistryLintCommand,
+    &kIni,
+    &qx::ctl::kIniListCommand,
+    &qx::ctl::kIniGetCommand,
+    &qx::ctl::kIniSetCommand,
+    &qx::ctl::kIniDeleteCommand,
+    &qx::ctl::kIniCopyCommand,
+    &kTrace,
+    &qx::ctl::kTraceShowCommand,
+    &qx::ctl::kTraceFollowCommand,
+    &qx::ctl::kTraceConfigCommand,
+    &qx::ctl::kDoctorCommand,
+    &qx::ctl::kExplainCommand,
+    &qx::ctl::kCompletionCommand,
+    &qx::ctl::kReportNamesCommand,
+    &qx::ctl::kTableCommand,
+    &qx::ctl::kManCommand,
 };
-
-struct OutputOptions {
-  bool quiet = false;
-  bool verbose = false;
-  std::string color = "auto";
-};
-
-// What stands before or behind any command.
-struct GlobalOptions {
-  TraceOptions trace;
-  OutputOptions output;
-};
-
-constexpr int kTraceLevelMax = 6;
 
 // A closed standard descriptor would be taken by the next file that is opened, and what we print would land in it. The
 // stand-in is opened the wrong way round, so that using it fails as using the closed one would.
@@ -52,45 +118,6 @@ void HoldStandardDescriptors() {
   }
 }
 
-void AddTraceOptions(CLI::App& app, TraceOptions& options) {
-  const char* const kGroup = "Tracing";
-  CLI::Option* const directory =
-      app.add_option("--trace", options.directory, "Keep the traces of the module and of qxctl in this directory");
-  directory->type_name("DIR")->group(kGroup);
-  app.add_option("--trace-level", options.level, "1 errors to 6 addresses (default 5)")
-      ->type_name("N")
-      ->check(CLI::Range(0, kTraceLevelMax))
-      ->needs(directory)
-      ->group(kGroup);
-}
-
-void AddOutputOptions(CLI::App& app, OutputOptions& options) {
-  const char* const kGroup = "Output";
-  CLI::Option* const quiet = app.add_flag("--quiet", options.quiet, "Leave out notes and progress, not problems");
-  quiet->group(kGroup);
-  app.add_flag("--verbose", options.verbose, "Say more about what is done")->excludes(quiet)->group(kGroup);
-  app.add_option("--color", options.color, "Colour: on a terminal unless NO_COLOR is set, always or never")
-      ->type_name("WHEN")
-      ->check(CLI::IsMember(std::vector<std::string>{"auto", "always", "never"}))
-      ->group(kGroup);
-}
-
-void Configure(qx::ctl::Output& output, const OutputOptions& options) {
-  const Verbosity loud = options.verbose ? Verbosity::kVerbose : Verbosity::kNormal;
-  const ColorMode chosen = options.color == "always" ? ColorMode::kAlways : ColorMode::kNever;
-  output.Configure(options.quiet ? Verbosity::kQuiet : loud, options.color == "auto" ? ColorMode::kAuto : chosen);
-}
-
-Status RunCommand(Context& context, const GlobalOptions& options) {
-  Configure(context.output, options.output);
-  const TraceOptions& trace = options.trace;
-  if (!trace.directory.empty()) {
-    if (Status status = context.traces.Keep(trace.directory, trace.level); !status.IsOk()) return status;
-    context.output.Detail("qxctl: the traces go to " + trace.directory);
-  }
-  return context.run();
-}
-
 ExitCode Finish(Context& context, const Status& status) {
   context.output.Problem(status);
   const Status finished = context.output.Finish();
@@ -98,40 +125,19 @@ ExitCode Finish(Context& context, const Status& status) {
   return finished.IsOk() ? status.Code() : finished.Code();
 }
 
-ExitCode ParseAndRun(CLI::App& app, Context& context, const GlobalOptions& options, int argc, char** argv) {
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {  // also how --help and --version come back
-    return app.exit(error) == 0 ? ExitCode::kOk : ExitCode::kUsage;
-  }
-  const Status status = RunCommand(context, options);
-  return Finish(context, status);
+Status Run(Context& context, const CommandLine& line) {
+  if (line.request == Request::kVersion) return context.output.Data("qxctl " QX_VERSION "\n");
+  if (line.request == Request::kHelp) return context.output.Data(HelpText(context.commands, *line.command));
+  if (Status status = ApplyGlobalOptions(context, line.values); !status.IsOk()) return status;
+  return line.command->run(context, line.values);
 }
 
 ExitCode Qxctl(int argc, char** argv) {
   Context context;
-  GlobalOptions options;
-  CLI::App app("Works with the QXRemConXfer provider module and with report files", "qxctl");
-  app.set_version_flag("--version", "qxctl " QX_VERSION);
-  app.require_subcommand(1);
-  app.fallthrough();
-  app.footer(
-      "--quiet, --verbose, --color, --trace and --trace-level stand behind any command");  // a command's own help
-  AddOutputOptions(app, options.output);
-  AddTraceOptions(app, options.trace);
-  AddModuleCommand(app, context);
-  AddFetchCommand(app, context);
-  AddFollowCommand(app, context);
-  AddReportCommand(app, context);
-  AddNamesCommand(app, context);
-  AddRegistryCommand(app, context);
-  AddIniCommand(app, context);
-  AddTraceCommand(app, context);
-  AddDoctorCommand(app, context);
-  AddExplainCommand(app, context);
-  AddCompletionCommand(app, context);
-  app.footer("");  // here they are listed
-  return ParseAndRun(app, context, options, argc, argv);
+  context.commands = kCommands;
+  CommandLine line;
+  if (Status status = ParseCommandLine(kCommands, argc, argv, line); !status.IsOk()) return Finish(context, status);
+  return Finish(context, Run(context, line));
 }
 
 }  // namespace

@@ -1,123 +1,150 @@
 #include "tools/qxctl/cli/CommandTable.h"
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 
 namespace qx::ctl {
 
 namespace {
 
-bool IsShown(const CLI::App* app) { return !app->get_group().empty(); }
+constexpr std::string_view kJsonOption = "--json";
 
-std::vector<const CLI::App*> ShownSubcommands(const CLI::App& app) { return app.get_subcommands(IsShown); }
-
-// "TEXT:{auto,always,never}" => "TEXT"
-std::string ValueOf(const CLI::Option& option) {
-  const bool takes_value = option.get_items_expected_max() > 0;
-  const std::string type = option.get_type_name();
-  return takes_value ? type.substr(0, type.find(':')) : "";
+// "report" of "report info", "" of "report"
+std::string_view WordsAbove(const Command& command) {
+  const std::size_t space = command.words.rfind(' ');
+  return space == std::string_view::npos ? std::string_view() : command.words.substr(0, space);
 }
 
-// "TEXT:{auto,always,never}" => "auto", "always", "never"
-std::vector<std::string> ChoicesOf(const CLI::Option& option) {
-  const std::string type = option.get_type_name();
-  const std::size_t begin = type.find(":{");
-  const std::size_t end = type.find('}');
-  if (begin == std::string::npos || end == std::string::npos) return {};
-  return CLI::detail::split(type.substr(begin + 2, end - begin - 2), ',');
+std::vector<std::string> ChoicesOf(const Parameter& parameter) {
+  return {parameter.choices.begin(), parameter.choices.end()};
 }
 
-OptionRow OptionRowOf(const CLI::Option& option) {
-  OptionRow row;
-  for (const std::string& name : option.get_snames()) row.names.push_back("-" + name);
-  for (const std::string& name : option.get_lnames()) row.names.push_back("--" + name);
-  row.help = option.get_description();
-  row.value = ValueOf(option);
-  row.choices = ChoicesOf(option);
-  row.is_required = option.get_required();
-  return row;
+std::vector<std::string> NamesOf(const Parameter& option) {
+  std::vector<std::string> names;
+  if (!option.letter.empty()) names.emplace_back(option.letter);
+  names.emplace_back(option.name);
+  return names;
 }
 
-ArgumentRow ArgumentRowOf(const CLI::Option& option) {
-  return {option.get_name(true), option.get_description(), ChoicesOf(option), option.get_required(),
-          option.get_items_expected_max() > 1};
-}
-
-CommandRow CommandRowOf(const CLI::App& app, std::vector<std::string> words) {
-  CommandRow row;
-  row.words = std::move(words);
-  row.help = app.get_description();
-  for (const CLI::App* const command : ShownSubcommands(app)) row.subcommands.push_back(command->get_name());
-  for (const CLI::Option* const option : app.get_options()) {
-    if (option->get_group().empty()) continue;
-    if (option->nonpositional()) {
-      row.options.push_back(OptionRowOf(*option));
-    } else {
-      row.arguments.push_back(ArgumentRowOf(*option));
-    }
-  }
-  return row;
-}
-
-Json ToJson(const OptionRow& option) {
-  return {{"names", option.names},
+Json OptionToJson(const Parameter& option) {
+  return {{"names", NamesOf(option)},
           {"help", option.help},
           {"value", option.value},
-          {"choices", option.choices},
+          {"choices", ChoicesOf(option)},
           {"required", option.is_required}};
 }
 
-Json ToJson(const ArgumentRow& argument) {
+Json ArgumentToJson(const Parameter& argument) {
   return {{"name", argument.name},
           {"help", argument.help},
-          {"choices", argument.choices},
+          {"choices", ChoicesOf(argument)},
           {"required", argument.is_required},
           {"repeatable", argument.is_repeatable}};
 }
 
-Json ToJson(const CommandRow& row) {
+// The document of `qxctl report info --json` follows the schema "qxctl-report-info".
+Json SchemaOf(const Command& command) {
+  const std::vector<const Parameter*> options = OptionsOf(command);
+  const bool has_document =
+      std::any_of(options.begin(), options.end(), [](const Parameter* option) { return option->name == kJsonOption; });
+  if (!has_document) return nullptr;
+  std::string name = FullName(command);
+  std::replace(name.begin(), name.end(), ' ', '-');
+  return name;
+}
+
+Json CommandToJson(Commands commands, const Command& command) {
+  Json subcommands = Json::array();
+  for (const Command* const below : Subcommands(commands, command)) subcommands.push_back(LastWord(*below));
   Json options = Json::array();
-  for (const OptionRow& option : row.options) options.push_back(ToJson(option));
+  for (const Parameter* const option : OptionsOf(command)) options.push_back(OptionToJson(*option));
   Json arguments = Json::array();
-  for (const ArgumentRow& argument : row.arguments) arguments.push_back(ToJson(argument));
-  return {{"command", Joined(row.words)},
-          {"help", row.help},
-          {"subcommands", row.subcommands},
-          {"options", std::move(options)},
-          {"arguments", std::move(arguments)}};
+  for (const Parameter* const argument : ArgumentsOf(command)) arguments.push_back(ArgumentToJson(*argument));
+  return {{"command", FullName(command)},          {"help", command.help},
+          {"subcommands", std::move(subcommands)}, {"options", std::move(options)},
+          {"arguments", std::move(arguments)},     {"schema", SchemaOf(command)}};
+}
+
+// "1", "0.01", "2147483647"
+std::string NumberText(double number) {
+  const auto whole = static_cast<std::int64_t>(number);
+  if (static_cast<double>(whole) == number) return std::to_string(whole);
+  std::string text = std::to_string(number);
+  text.erase(text.find_last_not_of('0') + 1);
+  return text;
 }
 
 }  // namespace
 
-std::vector<CommandRow> CommandTable(const CLI::App& root) {
-  struct Pending {
-    const CLI::App* app;
-    std::vector<std::string> words;
-  };
-  std::vector<CommandRow> table;
-  std::vector<Pending> pending = {{&root, {root.get_name()}}};
-  while (!pending.empty()) {
-    const Pending next = std::move(pending.back());
-    pending.pop_back();
-    table.push_back(CommandRowOf(*next.app, next.words));
-    const std::vector<const CLI::App*> below = ShownSubcommands(*next.app);
-    for (auto command = below.rbegin(); command != below.rend(); ++command) {
-      std::vector<std::string> words = next.words;
-      words.push_back((*command)->get_name());
-      pending.push_back({*command, std::move(words)});
-    }
+bool IsAnsweredAtOnce(const Parameter& parameter) {
+  return parameter.name == kHelpOption.name || parameter.name == kVersionOption.name;
+}
+
+std::vector<const Parameter*> ParametersOf(const Command& command) {
+  std::vector<const Parameter*> parameters = {&kHelpOption};
+  for (const std::span<const Parameter> part : command.parameters) {
+    for (const Parameter& parameter : part) parameters.push_back(&parameter);
   }
-  return table;
+  return parameters;
 }
 
-Json ToJson(const std::vector<CommandRow>& table) {
+std::vector<const Parameter*> ArgumentsOf(const Command& command) {
+  std::vector<const Parameter*> arguments = ParametersOf(command);
+  std::erase_if(arguments, [](const Parameter* parameter) { return IsOption(*parameter); });
+  return arguments;
+}
+
+std::vector<const Parameter*> OptionsOf(const Command& command) {
+  std::vector<const Parameter*> options = ParametersOf(command);
+  std::erase_if(options, [](const Parameter* parameter) { return !IsOption(*parameter); });
+  return options;
+}
+
+std::string FullName(const Command& command) {
+  return command.words.empty() ? "qxctl" : "qxctl " + std::string(command.words);
+}
+
+std::string_view LastWord(const Command& command) { return command.words.substr(command.words.rfind(' ') + 1); }
+
+std::vector<const Command*> Subcommands(Commands commands, const Command& command) {
+  std::vector<const Command*> below;
+  for (const Command* const each : ShownCommands(commands)) {
+    if (!each->words.empty() && WordsAbove(*each) == command.words) below.push_back(each);
+  }
+  return below;
+}
+
+std::vector<const Command*> ShownCommands(Commands commands) {
+  std::vector<const Command*> shown(commands.begin(), commands.end());
+  std::erase_if(shown, [](const Command* command) { return command->is_hidden; });
+  return shown;
+}
+
+std::string ShownValue(const Parameter& parameter) {
+  const bool shows_choices = parameter.value.empty() && !parameter.choices.empty();
+  return shows_choices ? Joined(ChoicesOf(parameter), "|") : std::string(parameter.value);
+}
+
+std::string ShownLimits(const Parameter& parameter) {
+  const bool is_number = parameter.kind == ValueKind::kInteger || parameter.kind == ValueKind::kNumber;
+  if (!is_number || !parameter.choices.empty()) return "";
+  const Limits& limits = parameter.limits;
+  if (limits.max < kInt32Limits.max) return NumberText(limits.min) + " to " + NumberText(limits.max);
+  if (limits.min <= 0) return "";
+  return limits.min < 1 ? "above 0" : "at least " + NumberText(limits.min);
+}
+
+std::string Joined(const std::vector<std::string>& words, std::string_view separator) {
+  std::string text;
+  for (const std::string& word : words) text.append(text.empty() ? "" : separator).append(word);
+  return text;
+}
+
+Json ToJson(Commands commands) {
   Json rows = Json::array();
-  for (const CommandRow& row : table) rows.push_back(ToJson(row));
+  for (const Command* const command : ShownCommands(commands)) rows.push_back(CommandToJson(commands, *command));
   return rows;
-}
-
-std::string Joined(const std::vector<std::string>& words, const char* separator) {
-  return CLI::detail::join(words, separator);
 }
 
 }  // namespace qx::ctl

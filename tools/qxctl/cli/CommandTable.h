@@ -1,51 +1,49 @@
-// The commands of qxctl as data: what the completion scripts, the manual page and the tests are made from.
-//
-// It is read off the tree by which the command line is parsed, so it cannot differ from what qxctl takes. Commands and
-// options without a group are hidden, and are not in it.
+// How the descriptions of qxctl (help, manual page, completion) go through the table of commands.
 #pragma once
 
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "tools/qxctl/cli/Command.h"
 #include "tools/qxctl/cli/Output.h"
-
-namespace CLI {
-class App;
-}  // namespace CLI
 
 namespace qx::ctl {
 
-struct OptionRow {
-  std::vector<std::string> names;  // "-o", "--output"
-  std::string help;
-  std::string value;                 // what it takes, such as FILE; empty: nothing
-  std::vector<std::string> choices;  // the only values, if they are limited to these
-  bool is_required = false;
-};
+using Commands = std::span<const Command* const>;
 
-struct ArgumentRow {
-  std::string name;  // NAME, PATH, DIR, ...
-  std::string help;
-  std::vector<std::string> choices;
-  bool is_required = false;
-  bool is_repeatable = false;
-};
+// The two options that are answered at once, without a command that runs.
+inline constexpr Parameter kHelpOption = {.name = "--help", .letter = "-h", .help = "Print this help message and exit"};
+inline constexpr Parameter kVersionOption = {.name = "--version", .help = "Print the version and exit"};
 
-struct CommandRow {
-  std::vector<std::string> words;  // "qxctl", "report", "info"
-  std::string help;
-  std::vector<std::string> subcommands;
-  std::vector<OptionRow> options;
-  std::vector<ArgumentRow> arguments;
-};
+bool IsAnsweredAtOnce(const Parameter& parameter);
 
-// A command comes before those below it; the first row is qxctl itself. Its options, without --help and --version,
-// stand behind every command.
-std::vector<CommandRow> CommandTable(const CLI::App& root);
+// The parameters of a command in the order of the table; each command has --help first.
+std::vector<const Parameter*> ParametersOf(const Command& command);
+std::vector<const Parameter*> ArgumentsOf(const Command& command);
+std::vector<const Parameter*> OptionsOf(const Command& command);
 
-Json ToJson(const std::vector<CommandRow>& table);
+// "qxctl report info"; "qxctl" for qxctl itself
+std::string FullName(const Command& command);
+// "info"
+std::string_view LastWord(const Command& command);
 
-// {"qxctl", "report", "info"} => "qxctl report info"
-std::string Joined(const std::vector<std::string>& words, const char* separator = " ");
+// The commands one word below this one that are for people.
+std::vector<const Command*> Subcommands(Commands commands, const Command& command);
+// Every command that is for people.
+std::vector<const Command*> ShownCommands(Commands commands);
+
+// "FILE", "auto|always|never"; empty for an option that takes no value
+std::string ShownValue(const Parameter& parameter);
+
+// "1 to 6", "at least 1", "above 0"; empty if the limits are only those of the number's type
+std::string ShownLimits(const Parameter& parameter);
+
+// {"a", "b"} => "a b"
+std::string Joined(const std::vector<std::string>& words, std::string_view separator = " ");
+
+// The table for programs: an array with one object a command.
+Json ToJson(Commands commands);
 
 }  // namespace qx::ctl

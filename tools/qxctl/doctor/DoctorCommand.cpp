@@ -1,12 +1,15 @@
-// qxctl doctor: one line for each thing that is or might be wrong, with what to do.
-#include <CLI/CLI.hpp>
+// One line for each thing that is or might be wrong, with what to do.
+#include "tools/qxctl/doctor/DoctorCommand.h"
+
 #include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/doctor/Doctor.h"
 #include "tools/qxctl/doctor/Explanations.h"
 #include "tools/qxctl/module/ModuleHost.h"
@@ -14,11 +17,6 @@
 namespace qx::ctl {
 
 namespace {
-
-struct Options {
-  DoctorPlaces places;
-  bool json = false;
-};
 
 const char* NameOf(Severity severity) {
   switch (severity) {
@@ -74,9 +72,19 @@ Status StatusOf(const DoctorFindings& findings) {
   return {ExitCode::kFinding, std::to_string(count) + (count == 1 ? " finding needs" : " findings need") + " a look"};
 }
 
-Status Doctor(Context& context, Options& options) {
-  DoctorPlaces& places = options.places;
-  places.module = FindModule(places.module);
+DoctorPlaces PlacesOf(const Values& values) {
+  DoctorPlaces places;
+  places.module = FindModule(values.Text("--module"));
+  places.registry_directory = values.Text("--directory", places.registry_directory);
+  places.report_directory = values.Text("--reports");
+  places.trace_settings_directory = values.Text("--settings", places.trace_settings_directory);
+  places.process_directory = values.Text("--proc", places.process_directory);
+  places.application = values.Text("--app", places.application);
+  return places;
+}
+
+Status Doctor(Context& context, const Values& values) {
+  const DoctorPlaces places = PlacesOf(values);
   DoctorFindings findings;
   LookAtTraces(places, findings);
   LookAtReports(places, findings);
@@ -87,36 +95,40 @@ Status Doctor(Context& context, Options& options) {
   std::stable_sort(findings.begin(), findings.end(),
                    [](const DoctorFinding& a, const DoctorFinding& b) { return a.code < b.code; });
   const Status status = StatusOf(findings);
-  const Status printed =
-      options.json ? context.output.Document(ToJson(findings, status)) : context.output.Data(ToText(findings));
-  return printed.IsOk() ? status : printed;
+  return ShowResult(
+      context, values, [&] { return ToJson(findings, status); }, [&] { return ToText(findings); }, status);
 }
+
+constexpr Parameter kParameters[] = {
+    {.name = "--module",
+     .kind = ValueKind::kFile,
+     .value = "FILE",
+     .help = "The module (default: QX_MODULE, next to qxctl, in ../lib of it, where the suite installs it)"},
+    {.name = "--directory",
+     .kind = ValueKind::kDirectory,
+     .value = "DIR",
+     .help = "Directory of the registry files, instead of the system's"},
+    {.name = "--reports",
+     .kind = ValueKind::kDirectory,
+     .value = "DIR",
+     .help = "Report directory, instead of the one that the registry names"},
+    {.name = "--settings",
+     .kind = ValueKind::kDirectory,
+     .value = "DIR",
+     .help = "Directory of the trace settings files, instead of the system's"},
+    {.name = "--proc", .kind = ValueKind::kDirectory, .value = "DIR", .help = "Process file system, instead of /proc"},
+    {.name = "--app",
+     .kind = ValueKind::kText,
+     .value = "NAME",
+     .help = "Name of the application in the trace settings (default QXRemConXfer)"},
+    {.name = "--json", .help = "Print the findings as JSON"},
+};
 
 }  // namespace
 
-void AddDoctorCommand(CLI::App& app, Context& context) {
-  const auto options = std::make_shared<Options>();
-  DoctorPlaces& places = options->places;
-  CLI::App& command = *app.add_subcommand("doctor", "Look for what keeps the module from serving");
-  command
-      .add_option("--module", places.module,
-                  "The module (default: QX_MODULE, beside qxctl, in ../lib of it, where the suite installs it)")
-      ->type_name("FILE");
-  command
-      .add_option("--directory", places.registry_directory, "Directory of the registry files, instead of the system's")
-      ->type_name("DIR");
-  command
-      .add_option("--reports", places.report_directory, "Report directory, instead of the one that the registry names")
-      ->type_name("DIR");
-  command
-      .add_option("--settings", places.trace_settings_directory,
-                  "Directory of the trace settings files, instead of the system's")
-      ->type_name("DIR");
-  command.add_option("--proc", places.process_directory, "Process file system, instead of /proc")->type_name("DIR");
-  command.add_option("--app", places.application,
-                     "Name of the application in the trace settings (default QXRemConXfer)");
-  command.add_flag("--json", options->json, "Print the findings as JSON");
-  command.callback([&context, options] { context.run = [&context, options] { return Doctor(context, *options); }; });
-}
+constinit const Command kDoctorCommand = {.words = "doctor",
+                                          .help = "Look for what keeps the module from serving",
+                                          .run = Doctor,
+                                          .parameters = {kParameters}};
 
 }  // namespace qx::ctl

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "provider/ModuleExports.h"
-#include "tools/qxctl/cli/ChildRun.h"
 #include "tools/qxctl/doctor/Doctor.h"
+#include "tools/qxctl/module/ChildRun.h"
 
 namespace qx::ctl {
 

@@ -1,23 +1,20 @@
-// qxctl explain: what a code or a trace line means, why it comes and what to do.
-#include <CLI/CLI.hpp>
+// What a code or a trace line means, why it comes and what to do.
+#include "tools/qxctl/doctor/ExplainCommand.h"
+
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/doctor/Explanations.h"
 
 namespace qx::ctl {
 
 namespace {
-
-struct Options {
-  std::vector<std::string> words;
-  bool list = false;
-  bool json = false;
-};
 
 std::string ToText(const Explanation& one) {
   return std::string(NameOf(one.kind)) + " " + std::string(one.code) + "\n  meaning  " + std::string(one.meaning) +
@@ -36,21 +33,22 @@ Json ToJson(const std::vector<const Explanation*>& found) {
   return json;
 }
 
-Status Show(Context& context, const Options& options, const std::vector<const Explanation*>& found) {
-  if (options.json) return context.output.Document(ToJson(found));
+std::string ToText(const std::vector<const Explanation*>& found, bool is_list) {
   std::string text;
   for (const Explanation* const one : found) {
-    text += options.list ? std::string(NameOf(one->kind)) + " " + std::string(one->code) + "\n" : ToText(*one);
+    text += is_list ? std::string(NameOf(one->kind)) + " " + std::string(one->code) + "\n" : ToText(*one);
   }
-  return context.output.Data(text);
+  return text;
 }
 
-Status ExplainAll(Context& context, const Options& options) {
-  if (options.list == !options.words.empty()) return {ExitCode::kUsage, "give a code or a text, or --list for all"};
+Status ExplainAll(Context& context, const Values& values) {
+  const std::vector<std::string> words = values.Texts("TEXT");
+  const bool is_list = values.Flag("--list");
+  if (is_list == !words.empty()) return {ExitCode::kUsage, "give a code or a text, or --list for all"};
   std::string text;
-  for (const std::string& word : options.words) text += (text.empty() ? "" : " ") + word;
+  for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
   std::vector<const Explanation*> found;
-  if (options.list) {
+  if (is_list) {
     for (const Explanation& one : AllExplanations()) found.push_back(&one);
   } else {
     found = Explain(text);
@@ -58,19 +56,22 @@ Status ExplainAll(Context& context, const Options& options) {
   if (found.empty()) {
     return {ExitCode::kNotFound, "nothing is known about \"" + Visible(text) + "\"; --list shows what is"};
   }
-  return Show(context, options, found);
+  return ShowResult(
+      context, values, [&] { return ToJson(found); }, [&] { return ToText(found, is_list); });
 }
+
+constexpr Parameter kParameters[] = {
+    {.name = "TEXT",
+     .kind = ValueKind::kText,
+     .help = "Result code, error number, exit code, doctor code or trace line",
+     .is_repeatable = true},
+    {.name = "--list", .help = "Print all codes and texts that are known"},
+    {.name = "--json", .help = "Print the explanations as JSON"},
+};
 
 }  // namespace
 
-void AddExplainCommand(CLI::App& app, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command = *app.add_subcommand("explain", "Explain a code or a line of a trace");
-  command.add_option("TEXT", options->words, "Result code, error number, exit code, doctor code or trace line");
-  command.add_flag("--list", options->list, "Print all codes and texts that are known");
-  command.add_flag("--json", options->json, "Print the explanations as JSON");
-  command.callback(
-      [&context, options] { context.run = [&context, options] { return ExplainAll(context, *options); }; });
-}
+constinit const Command kExplainCommand = {
+    .words = "explain", .help = "Explain a code or a line of a trace", .run = ExplainAll, .parameters = {kParameters}};
 
 }  // namespace qx::ctl

@@ -1,5 +1,6 @@
-// qxctl fetch NAME: a whole report through the module, to standard output or into a file.
-#include <CLI/CLI.hpp>
+// A whole report through the module, to standard output or into a file.
+#include "tools/qxctl/fetch/FetchCommand.h"
+
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -8,9 +9,10 @@
 #include <utility>
 #include <vector>
 
-#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
 #include "tools/qxctl/cli/OutputFile.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
 #include "tools/qxctl/fetch/ResumedFetch.h"
 #include "tools/qxctl/fetch/Transfer.h"
@@ -168,7 +170,21 @@ Status FetchResumed(Context& context, const Options& options, WorkerThread& work
   return printed.IsOk() ? status : printed;
 }
 
-Status Fetch(Context& context, const Options& options) {
+Options OptionsOf(const Values& values) {
+  Options options;
+  options.call = CallOptionsOf(values);
+  options.report = values.Text("NAME");
+  options.output = values.Text("--output");
+  options.state = values.Text("--resume");
+  options.print = RecordPrintOptionsOf(values);
+  if (values.Has("--chunk-records"))
+    options.chunk_records = static_cast<std::int32_t>(values.Integer("--chunk-records", 0));
+  options.json = values.Flag("--json");
+  return options;
+}
+
+Status Fetch(Context& context, const Values& values) {
+  const Options options = OptionsOf(values);
   if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
   const InterruptGuard guard;
   std::unique_ptr<ModuleHost> module;
@@ -180,26 +196,41 @@ Status Fetch(Context& context, const Options& options) {
   return Summarise(context, options, transfer.Count(), status);
 }
 
+constexpr Parameter kParameters[] = {
+    {.name = "NAME",
+     .kind = ValueKind::kReport,
+     .help = "Report name, below the report directory",
+     .is_required = true},
+    {.name = "--output",
+     .letter = "-o",
+     .kind = ValueKind::kFile,
+     .value = "FILE",
+     .help = "Write the records to this file (default: standard output)"},
+    {.name = "--chunk-records",
+     .kind = ValueKind::kInteger,
+     .value = "NUMBER",
+     .help = "Ask for at most so many records a call",
+     .limits = kPositiveInt32},
+    {.name = "--json",
+     .help = "Print the summary as JSON on standard output",
+     .needs = "--output",
+     .excludes = {"--plot"}},
+};
+
+constexpr Parameter kResumeParameters[] = {
+    {.name = "--resume",
+     .kind = ValueKind::kFile,
+     .value = "STATE",
+     .help = "Fetch only what is new since the run that left this state file",
+     .excludes = {"--plot"}},
+};
+
 }  // namespace
 
-void AddFetchCommand(CLI::App& app, Context& context) {
-  CLI::App& command = *app.add_subcommand("fetch", "Transfer a whole report through the module");
-  const auto options = std::make_shared<Options>();
-  command.add_option("NAME", options->report, "Report name, below the report directory")->required();
-  CLI::Option* const output =
-      command.add_option("-o,--output", options->output, "Write the records to this file (default: standard output)")
-          ->type_name("FILE");
-  command.add_option("--chunk-records", options->chunk_records, "Ask for at most so many records a call")
-      ->check(CLI::PositiveNumber);
-  CLI::Option* const json =
-      command.add_flag("--json", options->json, "Print the summary as JSON on standard output; needs -o")
-          ->needs(output);
-  CLI::Option* const plot = AddRecordPrintOptions(command, options->print)->excludes(json);
-  command.add_option("--resume", options->state, "Fetch only what is new since the run that left this state file")
-      ->type_name("STATE")
-      ->excludes(plot);
-  AddCallOptions(command, options->call);
-  command.callback([&context, options] { context.run = [&context, options] { return Fetch(context, *options); }; });
-}
+constinit const Command kFetchCommand = {
+    .words = "fetch",
+    .help = "Transfer a whole report through the module",
+    .run = Fetch,
+    .parameters = {kParameters, kRecordPrintParameters, kResumeParameters, kModuleParameters, kBlockParameters}};
 
 }  // namespace qx::ctl

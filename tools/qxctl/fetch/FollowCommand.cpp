@@ -1,5 +1,6 @@
-// qxctl follow NAME: the records of a report as they appear, through the module, until ^C.
-#include <CLI/CLI.hpp>
+// The records of a report as they appear, through the module, until ^C.
+#include "tools/qxctl/fetch/FollowCommand.h"
+
 #include <algorithm>
 #include <chrono>
 #include <ctime>
@@ -9,8 +10,9 @@
 #include <optional>
 #include <string>
 
-#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/fetch/LookEvents.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
 #include "tools/qxctl/fetch/ReportSource.h"
@@ -202,7 +204,22 @@ class Follow {
   Clock::time_point end_;
 };
 
-Status RunFollow(Context& context, const Options& options) {
+Options OptionsOf(const Values& values) {
+  Options options;
+  options.call = CallOptionsOf(values);
+  options.report = values.Text("NAME");
+  options.print = RecordPrintOptionsOf(values);
+  options.interval = values.Number("--interval", options.interval);
+  if (values.Has("--count")) options.count = static_cast<std::uint64_t>(values.Integer("--count", 0));
+  if (values.Has("--for")) options.duration = values.Number("--for", 0);
+  options.wait = values.Flag("--wait");
+  options.from_now = values.Flag("--from-now");
+  options.json = values.Flag("--json");
+  return options;
+}
+
+Status RunFollow(Context& context, const Values& values) {
+  const Options options = OptionsOf(values);
   if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
   const InterruptGuard guard;
   std::unique_ptr<ModuleHost> module;
@@ -211,27 +228,42 @@ Status RunFollow(Context& context, const Options& options) {
   return Follow(context, options, worker).Run();
 }
 
+constexpr Parameter kParameters[] = {
+    {.name = "NAME",
+     .kind = ValueKind::kReport,
+     .help = "Report name, below the report directory",
+     .is_required = true},
+    {.name = "--interval",
+     .kind = ValueKind::kNumber,
+     .value = "SECONDS",
+     .help = "Seconds between two looks (default 1)",
+     .limits = {kIntervalMin, kSecondsMax}},
+    {.name = "--count",
+     .kind = ValueKind::kInteger,
+     .value = "NUMBER",
+     .help = "End after so many records",
+     .limits = kPositive},
+    {.name = "--for",
+     .kind = ValueKind::kNumber,
+     .value = "SECONDS",
+     .help = "End after so many seconds",
+     .limits = {0, kSecondsMax}},
+    {.name = "--wait", .help = "Wait for a report that does not exist yet"},
+    {.name = "--from-now", .help = "Leave out the records that the report already has"},
+};
+
+constexpr Parameter kJsonParameters[] = {
+    {.name = "--json",
+     .help = "Print records and what happens to them as lines of JSON",
+     .excludes = {"--plot", "--format"}},
+};
+
 }  // namespace
 
-void AddFollowCommand(CLI::App& app, Context& context) {
-  CLI::App& command = *app.add_subcommand("follow", "Print the records of a report as they appear, until ^C");
-  const auto options = std::make_shared<Options>();
-  command.add_option("NAME", options->report, "Report name, below the report directory")->required();
-  command.add_option("--interval", options->interval, "Seconds between two looks (default 1)")
-      ->check(CLI::Range(kIntervalMin, kSecondsMax))
-      ->type_name("SECONDS");
-  command.add_option("--count", options->count, "End after so many records")->check(CLI::PositiveNumber);
-  command.add_option("--for", options->duration, "End after so many seconds")
-      ->check(CLI::Range(0.0, kSecondsMax))
-      ->type_name("SECONDS");
-  command.add_flag("--wait", options->wait, "Wait for a report that does not exist yet");
-  command.add_flag("--from-now", options->from_now, "Leave out the records that stand in the report already");
-  CLI::Option* const plot = AddRecordPrintOptions(command, options->print);
-  command.add_flag("--json", options->json, "Print records and what happens to them as lines of JSON")
-      ->excludes(plot)
-      ->excludes("--format");
-  AddCallOptions(command, options->call);
-  command.callback([&context, options] { context.run = [&context, options] { return RunFollow(context, *options); }; });
-}
+constinit const Command kFollowCommand = {
+    .words = "follow",
+    .help = "Print the records of a report as they appear, until ^C",
+    .run = RunFollow,
+    .parameters = {kParameters, kRecordPrintParameters, kJsonParameters, kModuleParameters, kBlockParameters}};
 
 }  // namespace qx::ctl

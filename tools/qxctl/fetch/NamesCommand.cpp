@@ -1,12 +1,15 @@
-// qxctl names NAME: the instance names of a report, through the module.
-#include <CLI/CLI.hpp>
+// The instance names of a report, through the module.
+#include "tools/qxctl/fetch/NamesCommand.h"
+
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/module/InstanceNames.h"
 
@@ -14,13 +17,7 @@ namespace qx::ctl {
 
 namespace {
 
-struct Options {
-  CallOptions call;
-  std::string report;
-  bool json = false;
-};
-
-Json ToJson(const Options& options, const std::vector<Instance>& instances) {
+Json ToJson(const std::string& report, const std::vector<Instance>& instances) {
   Json list = Json::array();
   for (const Instance& instance : instances) {
     Json entry;
@@ -28,34 +25,42 @@ Json ToJson(const Options& options, const std::vector<Instance>& instances) {
     SetText(entry, "name", instance.name);
     list.push_back(std::move(entry));
   }
-  return {{"report", options.report}, {"instances", std::move(list)}};
+  return {{"report", report}, {"instances", std::move(list)}};
 }
 
-Status Names(Context& context, const Options& options) {
+std::string ToText(const std::vector<Instance>& instances) {
+  std::string lines;
+  for (const Instance& instance : instances) lines += Visible(instance.number) + "=" + Visible(instance.name) + "\n";
+  return lines;
+}
+
+Status Names(Context& context, const Values& values) {
+  const CallOptions call = CallOptionsOf(values);
+  const std::string report = values.Text("NAME");
   std::unique_ptr<ModuleHost> module;
-  if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
-  WorkerThread worker(*module, options.call.block);
+  if (Status status = LoadModule(call, context.traces, module); !status.IsOk()) return status;
+  WorkerThread worker(*module, call.block);
   std::vector<Instance> instances;
-  const CallResult call = worker.Call(RequestFunction::kGetReportInstanceNames, NamesRequestText(options.report));
-  if (Status status = InstancesOf(call, instances); !status.IsOk()) return status;
+  const CallResult answer = worker.Call(RequestFunction::kGetReportInstanceNames, NamesRequestText(report));
+  if (Status status = InstancesOf(answer, instances); !status.IsOk()) return status;
 
-  if (options.json) return context.output.Document(ToJson(options, instances));
-  for (const Instance& instance : instances) {
-    const std::string line = Visible(instance.number) + "=" + Visible(instance.name) + "\n";
-    if (Status status = context.output.Data(line); !status.IsOk()) return status;
-  }
-  return {};
+  return ShowResult(
+      context, values, [&] { return ToJson(report, instances); }, [&] { return ToText(instances); });
 }
+
+constexpr Parameter kParameters[] = {
+    {.name = "NAME",
+     .kind = ValueKind::kReport,
+     .help = "Report name, below the report directory",
+     .is_required = true},
+    {.name = "--json", .help = "Print the list as JSON"},
+};
 
 }  // namespace
 
-void AddNamesCommand(CLI::App& app, Context& context) {
-  CLI::App& command = *app.add_subcommand("names", "List the instance names of a report through the module");
-  const auto options = std::make_shared<Options>();
-  command.add_option("NAME", options->report, "Report name, below the report directory")->required();
-  command.add_flag("--json", options->json, "Print the list as JSON");
-  AddCallOptions(command, options->call);
-  command.callback([&context, options] { context.run = [&context, options] { return Names(context, *options); }; });
-}
+constinit const Command kNamesCommand = {.words = "names",
+                                         .help = "List the instance names of a report through the module",
+                                         .run = Names,
+                                         .parameters = {kParameters, kModuleParameters, kBlockParameters}};
 
 }  // namespace qx::ctl

@@ -1,8 +1,8 @@
 #include "tools/qxctl/fetch/RecordFormat.h"
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iterator>
 #include <limits>
-#include <map>
 #include <nlohmann/json.hpp>
 
 #include "tools/qxctl/cli/Text.h"
@@ -10,9 +10,6 @@
 namespace qx::ctl {
 
 namespace {
-
-const std::map<std::string, RecordFormat> kFormats = {
-    {"text", RecordFormat::kText}, {"json", RecordFormat::kJson}, {"csv", RecordFormat::kCsv}};
 
 constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 constexpr std::string_view kCsvLineEnd = "\r\n";
@@ -29,29 +26,18 @@ std::string CsvField(std::string_view text) {
   return quoted + "\"";
 }
 
-std::string CheckSeparator(const std::string& separator) {
-  return separator.empty() ? "a separator has at least one character" : std::string();
-}
-
 }  // namespace
 
-const char* NameOf(RecordFormat format) {
-  for (const auto& [name, value] : kFormats) {
-    if (value == format) return name.c_str();
-  }
-  return "";
-}
+const char* NameOf(RecordFormat format) { return kRecordFormatNames[static_cast<std::size_t>(format)].data(); }
 
-void AddRecordFormatOptions(CLI::App& command, RecordFormatOptions& options) {
-  command.add_option("--format", options.format, "How records are written: text (as stored), json (a line each), csv")
-      ->transform(CLI::CheckedTransformer(kFormats, CLI::ignore_case))
-      ->type_name("FORMAT");
-  command
-      .add_option_function<std::string>(
-          "--fields", [&options](const std::string& given) { options.separator = given == "\\t" ? "\t" : given; },
-          "Split a record's text into columns at this separator (\\t: a tab)")
-      ->check(CheckSeparator)
-      ->type_name("SEPARATOR");
+RecordFormatOptions RecordFormatOptionsOf(const Values& values) {
+  RecordFormatOptions options;
+  const auto* const name = std::find(std::begin(kRecordFormatNames), std::end(kRecordFormatNames),
+                                     values.Text("--format", NameOf(options.format)));
+  options.format = static_cast<RecordFormat>(name - std::begin(kRecordFormatNames));
+  const std::string separator = values.Text("--fields");
+  options.separator = separator == "\\t" ? "\t" : separator;
+  return options;
 }
 
 RecordText TextOfRecord(std::string_view record) {

@@ -6,11 +6,9 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/qxctl/cli/Command.h"
 #include "tools/qxctl/cli/Output.h"
-
-namespace CLI {
-class App;
-}  // namespace CLI
+#include "tools/qxctl/cli/Values.h"
 
 namespace qx::ctl {
 
@@ -24,8 +22,11 @@ struct RecordFormatOptions {
   std::string separator;  // of the fields within a record; empty: a record is one field
 };
 
-// Adds --format and --fields. `options` must live until the command has run.
-void AddRecordFormatOptions(CLI::App& command, RecordFormatOptions& options);
+// The names of the formats in the order of RecordFormat.
+inline constexpr std::string_view kRecordFormatNames[] = {"text", "json", "csv"};
+
+// From a command with --format and --fields.
+RecordFormatOptions RecordFormatOptionsOf(const Values& values);
 
 // A record's text without what ends it.
 //   "a\r\n" => "a", "crlf"     "a\n" => "a", "lf"     "a\xFF" => "a", "ff"     "a" (cut at a NUL) => "a", "none"

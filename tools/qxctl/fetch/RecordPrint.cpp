@@ -1,6 +1,5 @@
 #include "tools/qxctl/fetch/RecordPrint.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 
 #include "tools/qxctl/cli/OutputFile.h"
@@ -29,13 +28,12 @@ Status WriteSvg(const std::string& path, const std::string& svg) {
 
 }  // namespace
 
-CLI::Option* AddRecordPrintOptions(CLI::App& command, RecordPrintOptions& options) {
-  AddRecordFormatOptions(command, options.format);
-  CLI::Option* const plot =
-      command.add_option("--plot", options.plot, "Draw this field of the records (a key, or a column with --fields)")
-          ->type_name("FIELD");
-  command.add_option("--svg", options.svg, "Write the chart to this file as well")->needs(plot)->type_name("FILE");
-  return plot;
+std::string_view CheckSeparator(std::string_view separator) {
+  return separator.empty() ? "a separator has at least one character" : std::string_view();
+}
+
+RecordPrintOptions RecordPrintOptionsOf(const Values& values) {
+  return {.format = RecordFormatOptionsOf(values), .plot = values.Text("--plot"), .svg = values.Text("--svg")};
 }
 
 Status CheckRecordPrintOptions(const RecordPrintOptions& options) {

@@ -8,11 +8,6 @@
 #include "tools/qxctl/fetch/FieldSeries.h"
 #include "tools/qxctl/fetch/RecordFormat.h"
 
-namespace CLI {
-class App;
-class Option;
-}  // namespace CLI
-
 namespace qx::ctl {
 
 struct RecordPrintOptions {
@@ -21,8 +16,34 @@ struct RecordPrintOptions {
   std::string svg;   // empty: only in the terminal
 };
 
-// Adds --format, --fields, --plot and --svg. `options` must live until the command has run.
-CLI::Option* AddRecordPrintOptions(CLI::App& command, RecordPrintOptions& options);
+// What is wrong with a separator of fields; empty: nothing.
+std::string_view CheckSeparator(std::string_view separator);
+
+inline constexpr Parameter kRecordPrintParameters[] = {
+    {.name = "--format",
+     .kind = ValueKind::kText,
+     .value = "FORMAT",
+     .help = "How records are written: text (as stored), json (a line each), csv",
+     .choices = kRecordFormatNames,
+     .ignores_case = true},
+    {.name = "--fields",
+     .kind = ValueKind::kText,
+     .value = "SEPARATOR",
+     .help = "Split a record's text into columns at this separator (\\t: a tab)",
+     .check = CheckSeparator},
+    {.name = "--plot",
+     .kind = ValueKind::kText,
+     .value = "FIELD",
+     .help = "Draw this field of the records (a key, or a column with --fields)"},
+    {.name = "--svg",
+     .kind = ValueKind::kFile,
+     .value = "FILE",
+     .help = "Write the chart to this file as well",
+     .needs = "--plot"},
+};
+
+// From a command with kRecordPrintParameters.
+RecordPrintOptions RecordPrintOptionsOf(const Values& values);
 
 // kUsage for --fields without anything that uses it.
 [[nodiscard]] Status CheckRecordPrintOptions(const RecordPrintOptions& options);

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/fetch/LookEvents.h"
 #include "tools/qxctl/fetch/RecordFormat.h"
 #include "tools/qxctl/module/ModuleHost.h"

@@ -4,14 +4,12 @@
 #include <memory>
 #include <string>
 
+#include "tools/qxctl/cli/Command.h"
 #include "tools/qxctl/cli/Status.h"
 #include "tools/qxctl/cli/TraceDirectory.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/module/ModuleHost.h"
 #include "tools/qxctl/module/RequestBlock.h"
-
-namespace CLI {
-class App;
-}  // namespace CLI
 
 namespace qx::ctl {
 
@@ -20,12 +18,77 @@ struct CallOptions {
   BlockValues block;
 };
 
-// Adds --module alone, for commands that make their blocks themselves.
-void AddModuleOption(CLI::App& command, CallOptions& options);
+// What is wrong with the tag of a block; empty: nothing.
+std::string_view CheckTag(std::string_view tag);
 
-// Adds --module, --user, --privilege, --tag, --block-version, --thread-id, --application-id, --function-id, --address
-// and --omit. `options` must live until the command has run.
-void AddCallOptions(CLI::App& command, CallOptions& options);
+inline constexpr std::string_view kOmittableElements[] = {"1", "2", "3", "5", "14", "15", "61", "65"};
+
+// --module alone, for commands that make their blocks themselves.
+inline constexpr Parameter kModuleParameters[] = {
+    {.name = "--module",
+     .kind = ValueKind::kFile,
+     .value = "FILE",
+     .help = "The module (default: QX_MODULE, next to qxctl, in ../lib of it, where the suite installs it)"},
+};
+
+// What the request block says.
+inline constexpr Parameter kBlockParameters[] = {
+    {.name = "--user",
+     .kind = ValueKind::kText,
+     .value = "TEXT",
+     .help = "Attach security validation data with this user id",
+     .group = "Caller"},
+    {.name = "--privilege",
+     .kind = ValueKind::kText,
+     .value = "TEXT",
+     .help = "Attach security validation data with this privilege, [DEPARTMENT:]NAME; may be repeated",
+     .group = "Caller",
+     .is_repeatable = true},
+    {.name = "--tag",
+     .kind = ValueKind::kText,
+     .value = "TEXT",
+     .help = "Tag of the block (\"KRX\" is valid)",
+     .group = "Request block",
+     .check = CheckTag},
+    {.name = "--block-version",
+     .kind = ValueKind::kInteger,
+     .value = "NUMBER",
+     .help = "Version of the block, 3.4.0 being 30400",
+     .group = "Request block",
+     .limits = kUint32Limits},
+    {.name = "--thread-id",
+     .kind = ValueKind::kInteger,
+     .value = "NUMBER",
+     .help = "Thread id in the block (0 is refused)",
+     .group = "Request block",
+     .limits = kUint32Limits},
+    {.name = "--application-id",
+     .kind = ValueKind::kText,
+     .value = "TEXT",
+     .help = "Calling application",
+     .group = "Request block"},
+    {.name = "--function-id",
+     .kind = ValueKind::kText,
+     .value = "TEXT",
+     .help = "Function name in the block (default: the called function)",
+     .group = "Request block"},
+    {.name = "--address",
+     .kind = ValueKind::kText,
+     .value = "TEXT",
+     .help = "Requestor address",
+     .group = "Request block"},
+    {.name = "--omit",
+     .kind = ValueKind::kInteger,
+     .value = "INDEX,...",
+     .help = "Leave out the elements with these indices: 1, 2, 3, 5, 14, 15, 61, 65",
+     .group = "Request block",
+     .choices = kOmittableElements,
+     .is_repeatable = true,
+     .is_list = true},
+};
+
+// From a command with kModuleParameters and kBlockParameters.
+CallOptions CallOptionsOf(const Values& values);
 
 // Loads the module that the options name, away from any service's traces.
 Status LoadModule(const CallOptions& options, TraceDirectory& traces, std::unique_ptr<ModuleHost>& host);

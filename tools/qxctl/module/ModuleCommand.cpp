@@ -1,16 +1,18 @@
-// qxctl module what|reflect|reports|names: one call into the module, with the reply, the result and how long it took.
-#include <CLI/CLI.hpp>
+// One call into the module, with the reply, the result and how long it took.
+#include "tools/qxctl/module/ModuleCommand.h"
+
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Input.h"
 #include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/module/InstanceNames.h"
-#include "tools/qxctl/module/ModuleCommands.h"
 #include "tools/qxctl/module/ReportDocuments.h"
 
 namespace qx::ctl {
@@ -100,51 +102,88 @@ Status Call(Context& context, RequestFunction function, const Options& options) 
   return Print(context, function, worker.Call(function, input), options);
 }
 
-// The options live as long as the command line's callbacks.
-CLI::App& AddCall(CLI::App& parent, Context& context, RequestFunction function, const char* name, const char* help,
-                  const std::shared_ptr<Options>& options) {
-  CLI::App& command = *parent.add_subcommand(name, help);
-  command.add_option("--input", options->input, "Request document: TEXT, @FILE, or @- for standard input");
-  command.add_flag("--json", options->json, "Print reply, result and time as JSON");
-  AddCallOptions(command, options->call);
-  command.callback([&context, function, options] {
-    context.run = [&context, function, options] { return Call(context, function, *options); };
-  });
-  return command;
+// --- the commands
+
+Options OptionsOf(const Values& values) {
+  Options options;
+  options.call = CallOptionsOf(values);
+  options.input = values.Text("--input");
+  options.json = values.Flag("--json");
+  return options;
 }
 
-void AddReports(CLI::App& parent, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command =
-      AddCall(parent, context, RequestFunction::kGetReports, "reports", "Ask for records of a report, once", options);
-  CLI::Option* const input = command.get_option("--input");
-  command.add_option("NAME", options->request.name, "Report name, below the report directory")->excludes(input);
-  command.add_option("--start", options->request.start_index, "Index of the first record, 0 being the oldest")
-      ->excludes(input);
-  command.add_option("--records", options->request.record_count, "Most records in the reply")->excludes(input);
+Status What(Context& context, const Values& values) { return Call(context, RequestFunction::kWhat, OptionsOf(values)); }
+
+Status Reflect(Context& context, const Values& values) {
+  return Call(context, RequestFunction::kReflect, OptionsOf(values));
 }
 
-void AddNames(CLI::App& parent, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command = AddCall(parent, context, RequestFunction::kGetReportInstanceNames, "names",
-                              "Ask for the instance names of a report", options);
-  command.add_option("NAME", options->request.name, "Report name, below the report directory")
-      ->excludes(command.get_option("--input"));
+Status Reports(Context& context, const Values& values) {
+  Options options = OptionsOf(values);
+  options.request.name = values.Text("NAME");
+  options.request.start_index = static_cast<std::int32_t>(values.Integer("--start", 0));
+  if (values.Has("--records")) options.request.record_count = static_cast<std::int32_t>(values.Integer("--records", 0));
+  return Call(context, RequestFunction::kGetReports, options);
 }
+
+Status Names(Context& context, const Values& values) {
+  Options options = OptionsOf(values);
+  options.request.name = values.Text("NAME");
+  return Call(context, RequestFunction::kGetReportInstanceNames, options);
+}
+
+constexpr Parameter kParameters[] = {
+    {.name = "--input",
+     .kind = ValueKind::kText,
+     .value = "TEXT",
+     .help = "Request document: TEXT, @FILE, or @- for standard input"},
+    {.name = "--json", .help = "Print reply, result and time as JSON"},
+};
+
+constexpr Parameter kNameParameters[] = {
+    {.name = "NAME",
+     .kind = ValueKind::kReport,
+     .help = "Report name, below the report directory",
+     .excludes = {"--input"}},
+};
+
+constexpr Parameter kRangeParameters[] = {
+    {.name = "--start",
+     .kind = ValueKind::kInteger,
+     .value = "INDEX",
+     .help = "Index of the first record, 0 being the oldest",
+     .limits = kInt32Limits,
+     .excludes = {"--input"}},
+    {.name = "--records",
+     .kind = ValueKind::kInteger,
+     .value = "NUMBER",
+     .help = "Most records in the reply",
+     .limits = kInt32Limits,
+     .excludes = {"--input"}},
+};
 
 }  // namespace
 
-void AddModuleCommand(CLI::App& app, Context& context) {
-  CLI::App& module = *app.add_subcommand("module", "Call the provider module, and try it hard");
-  module.require_subcommand(1);
-  AddCall(module, context, RequestFunction::kWhat, "what", "Ask the module who it is", std::make_shared<Options>());
-  AddCall(module, context, RequestFunction::kReflect, "reflect", "Have a document echoed", std::make_shared<Options>());
-  AddReports(module, context);
-  AddNames(module, context);
-  AddModuleLoadTest(module, context);
-  AddModuleRecord(module, context);
-  AddModuleReplay(module, context);
-  AddModuleFaults(module, context);
-}
+constinit const Command kModuleWhatCommand = {.words = "module what",
+                                              .help = "Ask the module who it is",
+                                              .run = What,
+                                              .parameters = {kParameters, kModuleParameters, kBlockParameters}};
+
+constinit const Command kModuleReflectCommand = {.words = "module reflect",
+                                                 .help = "Have a document echoed",
+                                                 .run = Reflect,
+                                                 .parameters = {kParameters, kModuleParameters, kBlockParameters}};
+
+constinit const Command kModuleReportsCommand = {
+    .words = "module reports",
+    .help = "Ask for records of a report, once",
+    .run = Reports,
+    .parameters = {kParameters, kModuleParameters, kBlockParameters, kNameParameters, kRangeParameters}};
+
+constinit const Command kModuleNamesCommand = {
+    .words = "module names",
+    .help = "Ask for the instance names of a report",
+    .run = Names,
+    .parameters = {kParameters, kModuleParameters, kBlockParameters, kNameParameters}};
 
 }  // namespace qx::ctl

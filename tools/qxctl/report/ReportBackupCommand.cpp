@@ -1,5 +1,6 @@
-// qxctl report backup|restore: the whole report directory, copied away and put back.
-#include <CLI/CLI.hpp>
+// The whole report directory, copied away and put back.
+#include "tools/qxctl/report/ReportBackupCommand.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -9,8 +10,11 @@
 
 #include "reportfile/tools/StoreBackup.h"
 #include "reportfile/tools/StoreRestore.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
-#include "tools/qxctl/report/ReportTools.h"
+#include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/report/ReportDirectory.h"
 
 namespace qx::ctl {
 
@@ -30,7 +34,6 @@ struct Options {
   std::string directory;
   bool apply = false;
   report::RestoreOptions restore;
-  bool json = false;
 };
 
 const char* NameOfKind(BackupItemKind kind) {
@@ -143,14 +146,14 @@ Status StatusOf(const BackupResult& result, const std::string& from, const std::
   return {};
 }
 
-Status Backup(Context& context, const Options& options) {
+Status Backup(Context& context, const Values& values) {
   const std::string from = ReportDirectory();
-  const BackupResult result = report::BackupReports(from, options.directory);
-  Status status = StatusOf(result, from, options.directory);
+  const std::string to = values.Text("DIR");
+  const BackupResult result = report::BackupReports(from, to);
+  Status status = StatusOf(result, from, to);
   if (result.state != BackupState::kDone) return status;
-  Status printed = options.json ? context.output.Document(ToJson(result, from, options.directory, status.Code()))
-                                : context.output.Data(ToText(result));
-  return printed.IsOk() ? status : printed;
+  return ShowResult(
+      context, values, [&] { return ToJson(result, from, to, status.Code()); }, [&] { return ToText(result); }, status);
 }
 
 // --- restore
@@ -236,7 +239,17 @@ Status StatusOf(const RestoreResult& result, const Options& options, const std::
   return {};
 }
 
-Status Restore(Context& context, const Options& options) {
+Options OptionsOf(const Values& values) {
+  Options options;
+  options.directory = values.Text("DIR");
+  options.apply = values.Flag("--apply");
+  options.restore.force = values.Flag("--force");
+  options.restore.consume = values.Flag("--consume");
+  return options;
+}
+
+Status Restore(Context& context, const Values& values) {
+  const Options options = OptionsOf(values);
   const std::string to = ReportDirectory();
   if (to.empty()) return {ExitCode::kNotFound, "the registry names no report directory"};
   const RestoreResult result = options.apply ? report::RestoreReports(options.directory, to, options.restore)
@@ -244,35 +257,34 @@ Status Restore(Context& context, const Options& options) {
   Status status = StatusOf(result, options, to);
   const bool has_items = result.state != RestoreState::kNotFound && result.state != RestoreState::kRefused;
   if (!has_items) return status;
-  Status printed = options.json ? context.output.Document(ToJson(result, options, to, status.Code()))
-                                : context.output.Data(ToText(result));
-  return printed.IsOk() ? status : printed;
+  return ShowResult(
+      context, values, [&] { return ToJson(result, options, to, status.Code()); }, [&] { return ToText(result); },
+      status);
 }
 
-// --- command line
+// --- the commands
 
-template <typename Run>
-CLI::App& AddPart(CLI::App& parent, Context& context, const char* name, const char* help,
-                  const std::shared_ptr<Options>& options, Run run) {
-  CLI::App& command = *parent.add_subcommand(name, help);
-  command.add_option("DIR", options->directory, "Directory of the backup")->required();
-  command.add_flag("--json", options->json, "Print the result as JSON");
-  command.callback(
-      [&context, options, run] { context.run = [&context, options, run] { return run(context, *options); }; });
-  return command;
-}
+constexpr Parameter kParameters[] = {
+    {.name = "DIR", .kind = ValueKind::kDirectory, .help = "Directory of the backup", .is_required = true},
+    {.name = "--json", .help = "Print the result as JSON"},
+};
+
+constexpr Parameter kRestoreParameters[] = {
+    {.name = "--apply", .help = "Restore; without it nothing is changed"},
+    {.name = "--force", .help = "Also if a report is damaged in the backup, or being written", .needs = "--apply"},
+    {.name = "--consume", .help = "Remove the backup once it is restored", .needs = "--apply"},
+};
 
 }  // namespace
 
-void AddReportBackupCommands(CLI::App& report, Context& context) {
-  const auto options = std::make_shared<Options>();
-  AddPart(report, context, "backup", "Copy the report directory, each report consistent by itself", options, Backup);
-  CLI::App& restore =
-      AddPart(report, context, "restore", "Say what restoring a backup would replace, or restore it", options, Restore);
-  CLI::Option* const apply = restore.add_flag("--apply", options->apply, "Restore; without it nothing is changed");
-  restore.add_flag("--force", options->restore.force, "Also if a report is damaged in the backup, or being written")
-      ->needs(apply);
-  restore.add_flag("--consume", options->restore.consume, "Remove the backup once it is restored")->needs(apply);
-}
+constinit const Command kReportBackupCommand = {.words = "report backup",
+                                                .help = "Copy the report directory, each report consistent by itself",
+                                                .run = Backup,
+                                                .parameters = {kParameters}};
+
+constinit const Command kReportRestoreCommand = {.words = "report restore",
+                                                 .help = "Say what restoring a backup would replace, or restore it",
+                                                 .run = Restore,
+                                                 .parameters = {kParameters, kRestoreParameters}};
 
 }  // namespace qx::ctl

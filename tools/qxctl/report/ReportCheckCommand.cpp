@@ -1,5 +1,6 @@
-// qxctl report verify|salvage: is a report sound, and what of a damaged one can be saved.
-#include <CLI/CLI.hpp>
+// Is a report sound, and what of a damaged one can be saved.
+#include "tools/qxctl/report/ReportCheckCommand.h"
+
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -8,13 +9,15 @@
 #include <utility>
 #include <vector>
 
-#include "provider/ServerControlPaths.h"
 #include "reportfile/StoreFormat.h"
 #include "reportfile/tools/DurableFiles.h"
 #include "reportfile/tools/StoreSalvage.h"
 #include "reportfile/tools/StoreVerify.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
-#include "tools/qxctl/report/ReportTools.h"
+#include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/report/ReportDirectory.h"
 
 namespace qx::ctl {
 
@@ -24,13 +27,6 @@ using report::Finding;
 using report::StoreLook;
 using report::StoreState;
 using report::StoreVerdict;
-
-struct Options {
-  std::string report;
-  std::string into;
-  bool indexed_only = false;
-  bool json = false;
-};
 
 std::string Counted(std::uint64_t count, const char* one, const char* many) {
   return std::to_string(count) + " " + (count == 1 ? one : many);
@@ -138,15 +134,15 @@ std::string ToText(const Output& output, const StoreVerdict& verdict, const std:
   return text;
 }
 
-Status Verify(Context& context, const Options& options) {
-  const std::string path = BasePathOf(options.report);
+Status Verify(Context& context, const Values& values) {
+  const std::string path = BasePathOf(values.Text("NAME|PATH"));
   const StoreVerdict verdict = report::VerifyStore(path);
   Status status = StatusOf(verdict, path);
   const bool was_looked_at = verdict.state != StoreState::kNotFound && verdict.state != StoreState::kUnreadable;
   if (!was_looked_at) return status;
-  Status printed = options.json ? context.output.Document(ToJson(verdict, path, status.Code()))
-                                : context.output.Data(ToText(context.output, verdict, path));
-  return printed.IsOk() ? status : printed;
+  return ShowResult(
+      context, values, [&] { return ToJson(verdict, path, status.Code()); },
+      [&] { return ToText(context.output, verdict, path); }, status);
 }
 
 // --- salvage
@@ -193,53 +189,46 @@ std::string ToText(const report::SalvageResult& result, const std::string& targe
          std::to_string(result.ring_size) + "\n";
 }
 
-Status Salvage(Context& context, const Options& options) {
-  const std::string path = BasePathOf(options.report);
-  const std::string target = TargetOf(options.into, path);
-  const report::SalvageResult result = report::SalvageStore(path, target, !options.indexed_only);
+Status Salvage(Context& context, const Values& values) {
+  const std::string path = BasePathOf(values.Text("NAME|PATH"));
+  const std::string target = TargetOf(values.Text("--into"), path);
+  const report::SalvageResult result = report::SalvageStore(path, target, !values.Flag("--indexed-only"));
   Status status = StatusOf(result, path);
   if (result.state != report::SalvageState::kDone) return status;
-  Status printed = options.json ? context.output.Document(ToJson(result, path, target, status.Code()))
-                                : context.output.Data(ToText(result, target));
-  return printed.IsOk() ? status : printed;
+  return ShowResult(
+      context, values, [&] { return ToJson(result, path, target, status.Code()); },
+      [&] { return ToText(result, target); }, status);
 }
 
-// --- command line
+// --- the commands
 
-template <typename Run>
-CLI::App& AddPart(CLI::App& parent, Context& context, const char* name, const char* help,
-                  const std::shared_ptr<Options>& options, Run run) {
-  CLI::App& command = *parent.add_subcommand(name, help);
-  command.add_option("NAME|PATH", options->report, "A report of the report directory, or its files without endings")
-      ->required();
-  command.add_flag("--json", options->json, "Print the result as JSON");
-  command.callback(
-      [&context, options, run] { context.run = [&context, options, run] { return run(context, *options); }; });
-  return command;
-}
+constexpr Parameter kParameters[] = {
+    {.name = "NAME|PATH",
+     .kind = ValueKind::kReportOrStore,
+     .help = "A report of the report directory, or its files without endings",
+     .is_required = true},
+    {.name = "--json", .help = "Print the result as JSON"},
+};
+
+constexpr Parameter kSalvageParameters[] = {
+    {.name = "--into",
+     .kind = ValueKind::kFile,
+     .value = "DIR|PATH",
+     .help = "Directory for the new report, or its path without endings",
+     .is_required = true},
+    {.name = "--indexed-only", .help = "Leave out lines that no slot leads to"},
+};
 
 }  // namespace
 
-void AddReportCheckCommands(CLI::App& report, Context& context) {
-  const auto options = std::make_shared<Options>();
-  AddPart(report, context, "verify", "Check a report's files against what their writer leaves", options, Verify);
-  CLI::App& salvage =
-      AddPart(report, context, "salvage", "Save what is left of a damaged report into a new one", options, Salvage);
-  salvage.add_option("--into", options->into, "Directory for the new report, or its path without endings")
-      ->type_name("DIR|PATH")
-      ->required();
-  salvage.add_flag("--indexed-only", options->indexed_only, "Leave out lines that no slot leads to");
-}
+constinit const Command kReportVerifyCommand = {.words = "report verify",
+                                                .help = "Check a report's files against what their writer leaves",
+                                                .run = Verify,
+                                                .parameters = {kParameters}};
 
-std::string ReportDirectory() {
-  std::string directory;
-  (void)CServerControlPaths::GetServerControlReportPath(directory);
-  return directory;
-}
-
-std::string BasePathOf(const std::string& name_or_path) {
-  const bool is_path = name_or_path.find('/') != std::string::npos;
-  return is_path ? name_or_path : ReportDirectory() + "/" + name_or_path;
-}
+constinit const Command kReportSalvageCommand = {.words = "report salvage",
+                                                 .help = "Save what is left of a damaged report into a new one",
+                                                 .run = Salvage,
+                                                 .parameters = {kParameters, kSalvageParameters}};
 
 }  // namespace qx::ctl

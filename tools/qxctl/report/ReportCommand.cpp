@@ -1,12 +1,13 @@
-// qxctl report create|append|cat|info: the files of a report, without the module.
+// The files of a report, without the module.
 //
 // A store is opened for writing only when both files are there and may be written: the store itself would otherwise
 // start over and empty the one that is left. One writer at a time is the store's own rule; nothing here locks.
+#include "tools/qxctl/report/ReportCommand.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -20,23 +21,16 @@
 
 #include "reportfile/ReportFileBase.h"
 #include "reportfile/StoreFormat.h"
-#include "tools/qxctl/cli/Commands.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Result.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
-#include "tools/qxctl/report/ReportTools.h"
 
 namespace qx::ctl {
 
 namespace {
 
 using report::IndexHeader;
-
-struct Options {
-  std::string path;  // of both files, without ".ind" and ".dat"
-  std::uint32_t slots = 0;
-  std::vector<std::string> texts;
-  RecordPrintOptions print;
-  bool json = false;
-};
 
 // Size of a regular file; unset with errno when it is none or not there.
 std::optional<std::int64_t> FileSize(const std::string& path) {
@@ -68,15 +62,16 @@ Status OpenForReading(const std::string& path, CReportFileBase& store) {
 
 // --- create
 
-Status Create(const Options& options) {
-  const std::string& path = options.path;
+Status Create(Context&, const Values& values) {
+  const std::string path = values.Text("PATH");
   for (const std::string& file : {report::IndexFileName(path), report::DataFileName(path)}) {
     if (access(file.c_str(), F_OK) == 0) {
       return {ExitCode::kRefused, file + " exists already; remove both files of the report to start it over"};
     }
   }
   CReportFileBase store;
-  if (!store.Open(path.c_str(), options.slots)) return Status::Io("cannot create " + path, errno);
+  if (!store.Open(path.c_str(), static_cast<std::uint32_t>(values.Integer("--slots", 0))))
+    return Status::Io("cannot create " + path, errno);
   // The ring size reaches the file with the header, and without one the next writer would take its own default.
   if (store.writePositionsToFile() != 0) return Status::Io("cannot write " + report::IndexFileName(path), errno);
   return {};
@@ -120,12 +115,14 @@ Status AppendStandardInput(CReportFileBase& store) {
   return status;
 }
 
-Status Append(const Options& options) {
-  if (Status status = CheckStore(options.path, R_OK | W_OK); !status.IsOk()) return status;
+Status Append(Context&, const Values& values) {
+  const std::string path = values.Text("PATH");
+  if (Status status = CheckStore(path, R_OK | W_OK); !status.IsOk()) return status;
   CReportFileBase store;
-  if (!store.Open(options.path.c_str(), 0)) return Status::Io("cannot open " + options.path, errno);
-  for (std::size_t i = 0; i < options.texts.size(); ++i) {
-    const std::string& text = options.texts[i];
+  if (!store.Open(path.c_str(), 0)) return Status::Io("cannot open " + path, errno);
+  const std::vector<std::string> texts = values.Texts("TEXT");
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    const std::string& text = texts[i];
     Status status = text == "-" ? AppendStandardInput(store) : AppendText(store, text, "text " + std::to_string(i + 1));
     if (!status.IsOk()) return status;
   }
@@ -141,13 +138,15 @@ std::uint32_t ReadableSlots(const IndexHeader& header, const std::string& path) 
   return static_cast<std::uint32_t>(std::min<std::int64_t>(header.highestIndex, slots_in_file));
 }
 
-Status Cat(Context& context, const Options& options) {
-  if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
-  RecordPrinter printer(context.output, options.print);
+Status Cat(Context& context, const Values& values) {
+  const std::string path = values.Text("PATH");
+  const RecordPrintOptions print = RecordPrintOptionsOf(values);
+  if (Status status = CheckRecordPrintOptions(print); !status.IsOk()) return status;
+  RecordPrinter printer(context.output, print);
   CReportFileBase store;
-  if (Status status = OpenForReading(options.path, store); !status.IsOk()) return status;
+  if (Status status = OpenForReading(path, store); !status.IsOk()) return status;
   const IndexHeader& header = store.header();
-  const std::uint32_t slots = ReadableSlots(header, options.path);
+  const std::uint32_t slots = ReadableSlots(header, path);
   std::string record;
   for (std::uint32_t i = 0; i < slots; ++i) {
     if (!store.readLine(record, report::SlotOfLogical(header, i))) return Status::Io("cannot read a record", errno);
@@ -155,10 +154,10 @@ Status Cat(Context& context, const Options& options) {
     if (printer.DrawsChart()) continue;
     if (Status status = context.output.Data(text); !status.IsOk()) return status;
   }
-  if (Status status = printer.Finish(options.path); !status.IsOk()) return status;
+  if (Status status = printer.Finish(path); !status.IsOk()) return status;
   if (slots == header.highestIndex) return {};
   return {ExitCode::kFinding, "the header counts " + std::to_string(header.highestIndex) + " records, but " +
-                                  report::IndexFileName(options.path) + " holds " + std::to_string(slots) + " slots"};
+                                  report::IndexFileName(path) + " holds " + std::to_string(slots) + " slots"};
 }
 
 // --- info
@@ -228,51 +227,71 @@ std::string InfoToText(const StoreInfo& info) {
   return text;
 }
 
-Status Info(Context& context, const Options& options) {
-  CReportFileBase store;
-  if (Status status = OpenForReading(options.path, store); !status.IsOk()) return status;
-  const StoreInfo info = {options.path, store.header(), FileSize(report::IndexFileName(options.path)).value_or(0),
-                          FileSize(report::DataFileName(options.path)).value_or(0)};
-  Status printed = options.json ? context.output.Document(InfoToJson(info)) : context.output.Data(InfoToText(info));
-  if (!printed.IsOk()) return printed;
+Status StatusOf(const StoreInfo& info) {
   if (RingState(info) != std::string_view("damaged")) return {};
-  return {ExitCode::kFinding, "the header of " + report::IndexFileName(options.path) + " contradicts itself"};
+  return {ExitCode::kFinding, "the header of " + report::IndexFileName(info.path) + " contradicts itself"};
 }
 
-// --- command line
-
-// The options live as long as the command line's callbacks.
-template <typename Run>
-CLI::App& AddPart(CLI::App& parent, Context& context, const char* name, const char* help,
-                  const std::shared_ptr<Options>& options, Run run) {
-  CLI::App& command = *parent.add_subcommand(name, help);
-  command.add_option("PATH", options->path, "Path of the report's files, without .ind and .dat")->required();
-  command.callback([&context, options, run] { context.run = [options, run] { return run(*options); }; });
-  return command;
+Status Info(Context& context, const Values& values) {
+  const std::string path = values.Text("PATH");
+  CReportFileBase store;
+  if (Status status = OpenForReading(path, store); !status.IsOk()) return status;
+  const StoreInfo info = {path, store.header(), FileSize(report::IndexFileName(path)).value_or(0),
+                          FileSize(report::DataFileName(path)).value_or(0)};
+  return ShowResult(
+      context, values, [&] { return InfoToJson(info); }, [&] { return InfoToText(info); }, StatusOf(info));
 }
+
+// --- the commands
+
+constexpr Limits kSlots = {1, report::kMaxRecordUnlimited};
+
+constexpr Parameter kPathParameters[] = {
+    {.name = "PATH",
+     .kind = ValueKind::kStore,
+     .help = "Path of the report's files, without .ind and .dat",
+     .is_required = true},
+};
+
+constexpr Parameter kCreateParameters[] = {
+    {.name = "--slots",
+     .kind = ValueKind::kInteger,
+     .value = "NUMBER",
+     .help = "Records that the ring keeps",
+     .limits = kSlots,
+     .is_required = true},
+};
+
+constexpr Parameter kAppendParameters[] = {
+    {.name = "TEXT",
+     .kind = ValueKind::kText,
+     .help = "A record each; - appends each line of standard input",
+     .is_required = true,
+     .is_repeatable = true},
+};
+
+constexpr Parameter kInfoParameters[] = {{.name = "--json", .help = "Print them as JSON"}};
 
 }  // namespace
 
-void AddReportCommand(CLI::App& app, Context& context) {
-  CLI::App& report = *app.add_subcommand("report", "Work on a report's files, without the module");
-  report.require_subcommand(1);
-  const auto options = std::make_shared<Options>();
+constinit const Command kReportCreateCommand = {.words = "report create",
+                                                .help = "Make a new, empty report",
+                                                .run = Create,
+                                                .parameters = {kPathParameters, kCreateParameters}};
 
-  AddPart(report, context, "create", "Make a new, empty report", options, Create)
-      .add_option("--slots", options->slots, "Records that the ring keeps")
-      ->required()
-      ->check(CLI::Range(std::uint32_t{1}, report::kMaxRecordUnlimited));
-  AddPart(report, context, "append", "Append records", options, Append)
-      .add_option("TEXT", options->texts, "A record each; - appends each line of standard input")
-      ->required();
-  CLI::App& cat = AddPart(report, context, "cat", "Print the records, oldest first", options,
-                          [&context](const Options& given) { return Cat(context, given); });
-  AddRecordPrintOptions(cat, options->print);
-  AddPart(report, context, "info", "Print the header and the sizes", options, [&context](const Options& given) {
-    return Info(context, given);
-  }).add_flag("--json", options->json, "Print them as JSON");
-  AddReportCheckCommands(report, context);
-  AddReportBackupCommands(report, context);
-}
+constinit const Command kReportAppendCommand = {.words = "report append",
+                                                .help = "Append records",
+                                                .run = Append,
+                                                .parameters = {kPathParameters, kAppendParameters}};
+
+constinit const Command kReportCatCommand = {.words = "report cat",
+                                             .help = "Print the records, oldest first",
+                                             .run = Cat,
+                                             .parameters = {kPathParameters, kRecordPrintParameters}};
+
+constinit const Command kReportInfoCommand = {.words = "report info",
+                                              .help = "Print the header and the sizes",
+                                              .run = Info,
+                                              .parameters = {kPathParameters, kInfoParameters}};
 
 }  // namespace qx::ctl

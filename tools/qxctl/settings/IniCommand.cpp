@@ -1,5 +1,6 @@
-// qxctl ini get|list: what a program that reads a profile file would find in it.
-#include <CLI/CLI.hpp>
+// What a program that reads a profile file would find in it.
+#include "tools/qxctl/settings/IniCommand.h"
+
 #include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -7,8 +8,10 @@
 #include <vector>
 
 #include "inifile/IniFile.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
-#include "tools/qxctl/settings/IniCommands.h"
+#include "tools/qxctl/cli/Values.h"
 
 namespace qx::ctl {
 
@@ -18,7 +21,6 @@ struct Options {
   std::string file;
   std::string section;
   std::string key;
-  bool json = false;
 };
 
 // The primitive with a buffer that grows until nothing was cut. A null `key` gives the list of keys, a null `section`
@@ -67,94 +69,115 @@ Status CheckSection(const Options& options) {
 
 // --- list
 
-Status ListSections(Context& context, const Options& options) {
+Status ListSections(Context& context, const Values& values, const Options& options) {
   const std::vector<std::string> sections = NamesIn(Read(options, nullptr, nullptr));
-  if (options.json) {
+  const auto document = [&]() -> Json {
     Json list = Json::array();
     for (const std::string& section : sections) {
       Json entry;
       SetText(entry, "section", section);
       list.push_back(std::move(entry));
     }
-    return context.output.Document({{"file", options.file}, {"sections", std::move(list)}});
-  }
-  for (const std::string& section : sections) {
-    if (Status status = context.output.Data("[" + Visible(section) + "]\n"); !status.IsOk()) return status;
-  }
-  return {};
+    return {{"file", options.file}, {"sections", std::move(list)}};
+  };
+  const auto text = [&] {
+    std::string lines;
+    for (const std::string& section : sections) lines += "[" + Visible(section) + "]\n";
+    return lines;
+  };
+  return ShowResult(context, values, document, text);
 }
 
-// A key that stands twice is listed twice, each time with the value that a reader gets: the first one.
-Status ListEntries(Context& context, const Options& options) {
-  if (Status status = CheckSection(options); !status.IsOk()) return status;
+struct ListedEntry {
+  std::string key;
+  std::string value;
+};
+
+Json ToJson(const Options& options, const std::vector<ListedEntry>& entries) {
   Json list = Json::array();
-  for (const std::string& key : NamesIn(Read(options, options.section.c_str(), nullptr))) {
-    const std::string value = Read(options, options.section.c_str(), key.c_str());
-    if (options.json) {
-      Json entry;
-      SetText(entry, "key", key);
-      SetText(entry, "value", value);
-      list.push_back(std::move(entry));
-    } else if (Status status = context.output.Data(Visible(key) + "=" + Visible(value) + "\n"); !status.IsOk()) {
-      return status;
-    }
+  for (const ListedEntry& each : entries) {
+    Json entry;
+    SetText(entry, "key", each.key);
+    SetText(entry, "value", each.value);
+    list.push_back(std::move(entry));
   }
-  if (!options.json) return {};
   Json document = {{"file", options.file}};
   SetText(document, "section", options.section);
   document["entries"] = std::move(list);
-  return context.output.Document(document);
+  return document;
 }
 
-Status List(Context& context, const Options& options) {
+std::string ToText(const std::vector<ListedEntry>& entries) {
+  std::string lines;
+  for (const ListedEntry& each : entries) lines += Visible(each.key) + "=" + Visible(each.value) + "\n";
+  return lines;
+}
+
+// A key that occurs twice is listed twice, each time with the value that a reader gets: the first one.
+Status ListEntries(Context& context, const Values& values, const Options& options) {
+  if (Status status = CheckSection(options); !status.IsOk()) return status;
+  std::vector<ListedEntry> entries;
+  for (const std::string& key : NamesIn(Read(options, options.section.c_str(), nullptr))) {
+    entries.push_back({key, Read(options, options.section.c_str(), key.c_str())});
+  }
+  return ShowResult(
+      context, values, [&] { return ToJson(options, entries); }, [&] { return ToText(entries); });
+}
+
+Status List(Context& context, const Values& values) {
+  const Options options = {.file = values.Text("FILE"), .section = values.Text("SECTION"), .key = {}};
   if (Status status = CheckFile(options); !status.IsOk()) return status;
-  return options.section.empty() ? ListSections(context, options) : ListEntries(context, options);
+  return options.section.empty() ? ListSections(context, values, options) : ListEntries(context, values, options);
 }
 
 // --- get
 
-Status Get(Context& context, const Options& options) {
+Json ToJson(const Options& options, const std::string& value) {
+  Json document = {{"file", options.file}};
+  SetText(document, "section", options.section);
+  SetText(document, "key", options.key);
+  SetText(document, "value", value);
+  return document;
+}
+
+Status Get(Context& context, const Values& values) {
+  const Options options = {.file = values.Text("FILE"), .section = values.Text("SECTION"), .key = values.Text("KEY")};
   if (Status status = CheckFile(options); !status.IsOk()) return status;
   if (Status status = CheckSection(options); !status.IsOk()) return status;
   const std::string value = Read(options, options.section.c_str(), options.key.c_str());
   if (value.empty() && !Contains(NamesIn(Read(options, options.section.c_str(), nullptr)), options.key)) {
     return {ExitCode::kNotFound, "the section [" + Visible(options.section) + "] has no key " + Visible(options.key)};
   }
-  if (!options.json) return context.output.Data(Visible(value) + "\n");
-  Json document = {{"file", options.file}};
-  SetText(document, "section", options.section);
-  SetText(document, "key", options.key);
-  SetText(document, "value", value);
-  return context.output.Document(document);
+  return ShowResult(
+      context, values, [&] { return ToJson(options, value); }, [&] { return Visible(value) + "\n"; });
 }
 
-void AddList(CLI::App& parent, Context& context) {
-  CLI::App& command = *parent.add_subcommand("list", "List the sections of a file, or the entries of a section");
-  const auto options = std::make_shared<Options>();
-  command.add_option("FILE", options->file, "The profile file")->required();
-  command.add_option("SECTION", options->section, "List its keys and values instead of the sections");
-  command.add_flag("--json", options->json, "Print as JSON");
-  command.callback([&context, options] { context.run = [&context, options] { return List(context, *options); }; });
-}
+// --- the commands
 
-void AddGet(CLI::App& parent, Context& context) {
-  CLI::App& command = *parent.add_subcommand("get", "Print one value as a reader gets it");
-  const auto options = std::make_shared<Options>();
-  command.add_option("FILE", options->file, "The profile file")->required();
-  command.add_option("SECTION", options->section, "The section's name, without brackets")->required();
-  command.add_option("KEY", options->key, "The key's name")->required();
-  command.add_flag("--json", options->json, "Print as JSON");
-  command.callback([&context, options] { context.run = [&context, options] { return Get(context, *options); }; });
-}
+constexpr Parameter kFileParameters[] = {
+    {.name = "FILE", .kind = ValueKind::kFile, .help = "The profile file", .is_required = true},
+    {.name = "--json", .help = "Print as JSON"},
+};
+
+constexpr Parameter kListParameters[] = {
+    {.name = "SECTION", .kind = ValueKind::kText, .help = "List its keys and values instead of the sections"},
+};
+
+constexpr Parameter kGetParameters[] = {
+    {.name = "SECTION", .kind = ValueKind::kText, .help = "The section's name, without brackets", .is_required = true},
+    {.name = "KEY", .kind = ValueKind::kText, .help = "The key's name", .is_required = true},
+};
 
 }  // namespace
 
-void AddIniCommand(CLI::App& app, Context& context) {
-  CLI::App& ini = *app.add_subcommand("ini", "Look into a profile file, change it");
-  ini.require_subcommand(1);
-  AddList(ini, context);
-  AddGet(ini, context);
-  AddIniEditCommands(ini, context);
-}
+constinit const Command kIniListCommand = {.words = "ini list",
+                                           .help = "List the sections of a file, or the entries of a section",
+                                           .run = List,
+                                           .parameters = {kFileParameters, kListParameters}};
+
+constinit const Command kIniGetCommand = {.words = "ini get",
+                                          .help = "Print one value as a reader gets it",
+                                          .run = Get,
+                                          .parameters = {kFileParameters, kGetParameters}};
 
 }  // namespace qx::ctl

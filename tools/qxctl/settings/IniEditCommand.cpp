@@ -1,5 +1,6 @@
-// qxctl ini set|delete|copy: careful edits of profile files. Without --apply they say what would change.
-#include <CLI/CLI.hpp>
+// Careful edits of profile files. Without --apply they say what would change.
+#include "tools/qxctl/settings/IniEditCommand.h"
+
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -10,9 +11,11 @@
 
 #include "inifile/tools/ProfileEdit.h"
 #include "inifile/tools/ProfileText.h"
+#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
-#include "tools/qxctl/settings/IniCommands.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/settings/Settings.h"
 
 namespace qx::ctl {
@@ -28,12 +31,19 @@ struct Options {
   EditOptions edit;
   std::string file;
   std::string section;
-  std::optional<std::string> key;
-  std::string value;
   bool create = false;
   std::optional<std::string> new_name;  // copy
   std::optional<std::string> to;        // copy
 };
+
+// Of the parameters that all three commands have.
+Options OptionsOf(const Values& values) {
+  Options options;
+  options.edit = EditOptionsOf(values);
+  options.file = values.Text("FILE");
+  options.section = values.Text("SECTION");
+  return options;
+}
 
 // --- showing
 
@@ -70,9 +80,7 @@ Json ToJson(const ProfileChange& change) {
   return entry;
 }
 
-Status Print(Context& context, const ProfilePlan& plan, const std::string& file, const Options& options,
-             bool is_applied) {
-  if (!options.edit.json) return context.output.Data(ToText(context.output, plan));
+Json ToJson(const ProfilePlan& plan, const std::string& file, bool is_applied) {
   Json changes = Json::array();
   for (const ProfileChange& change : plan.changes) changes.push_back(ToJson(change));
   Json document;
@@ -80,7 +88,7 @@ Status Print(Context& context, const ProfilePlan& plan, const std::string& file,
   document["changes"] = std::move(changes);
   document["completesLastLine"] = plan.completes_last_line;
   document["applied"] = is_applied;
-  return context.output.Document(document);
+  return document;
 }
 
 // --- the edit
@@ -124,7 +132,8 @@ void TellWhatElse(Context& context, const ProfilePlan& plan) {
   }
 }
 
-Status Edit(Context& context, const Options& options, const std::string& file, const ProfileRequest& request) {
+Status Edit(Context& context, const Values& values, const Options& options, const ProfileRequest& request) {
+  const std::string& file = options.to ? *options.to : options.file;
   const InterruptGuard guard;  // a signal ends the command when the edit is through
   ReplacedFile edit;
   if (Status status = BeginEdit(edit, file, options.edit, options.create); !status.IsOk()) {
@@ -141,21 +150,27 @@ Status Edit(Context& context, const Options& options, const std::string& file, c
     done = options.edit.apply ? Apply(edit, plan, file) : NotSound(file, inifile::Rehearse(plan, text));
     if (!done.IsOk() && !edit.IsInPlace()) return done;
   }
-  if (Status status = Print(context, plan, file, options, edit.IsInPlace()); !status.IsOk()) return status;
+  const Status shown = ShowResult(
+      context, values, [&] { return ToJson(plan, file, edit.IsInPlace()); },
+      [&] { return ToText(context.output, plan); });
+  if (!shown.IsOk()) return shown;
   return done.IsOk() ? EditDone(options.edit, has_changes) : done;
 }
 
 // --- the commands
 
-Status Set(Context& context, const Options& options) {
-  return Edit(context, options, options.file,
-              {.section = options.section, .key = {}, .entries = {{*options.key, options.value}}});
+Status Set(Context& context, const Values& values) {
+  Options options = OptionsOf(values);
+  options.create = values.Flag("--create");
+  return Edit(context, values, options,
+              {.section = options.section, .key = {}, .entries = {{values.Text("KEY"), values.Text("VALUE")}}});
 }
 
-Status Delete(Context& context, const Options& options) {
-  const auto kind = options.key ? ProfileRequest::Kind::kDeleteKey : ProfileRequest::Kind::kDeleteSection;
-  return Edit(context, options, options.file,
-              {.kind = kind, .section = options.section, .key = options.key.value_or(""), .entries = {}});
+Status Delete(Context& context, const Values& values) {
+  const Options options = OptionsOf(values);
+  const auto kind = values.Has("KEY") ? ProfileRequest::Kind::kDeleteKey : ProfileRequest::Kind::kDeleteSection;
+  return Edit(context, values, options,
+              {.kind = kind, .section = options.section, .key = values.Text("KEY"), .entries = {}});
 }
 
 // Of a key that stands twice the entry that programs read.
@@ -175,54 +190,63 @@ Status ReadSection(const Options& options, std::vector<inifile::ProfileEntry>& e
   return {};
 }
 
-Status Copy(Context& context, const Options& options) {
+Status Copy(Context& context, const Values& values) {
+  Options options = OptionsOf(values);
+  options.create = values.Flag("--create");
+  if (values.Has("NEW")) options.new_name = values.Text("NEW");
+  if (values.Has("--to")) options.to = values.Text("--to");
   if (!options.new_name && !options.to) return {ExitCode::kUsage, "name the new section, or another file with --to"};
   ProfileRequest request = {.section = options.new_name.value_or(options.section), .key = {}, .entries = {}};
   if (Status status = ReadSection(options, request.entries); !status.IsOk()) return status;
   if (request.entries.empty()) {
     return {ExitCode::kRefused, "the section [" + Visible(options.section) + "] has no entries to copy"};
   }
-  return Edit(context, options, options.to.value_or(options.file), request);
+  return Edit(context, values, options, request);
 }
 
-// --- command line
+// --- the commands
 
-using Run = Status (*)(Context&, const Options&);
+constexpr Parameter kSectionParameters[] = {
+    {.name = "FILE", .kind = ValueKind::kFile, .help = "The profile file", .is_required = true},
+    {.name = "SECTION", .kind = ValueKind::kText, .help = "The section's name, without brackets", .is_required = true},
+};
 
-CLI::App& AddPart(CLI::App& parent, Context& context, const char* name, const char* help,
-                  const std::shared_ptr<Options>& options, Run run) {
-  CLI::App& command = *parent.add_subcommand(name, help);
-  command.add_option("FILE", options->file, "The profile file")->required();
-  command.add_option("SECTION", options->section, "The section's name, without brackets")->required();
-  AddEditOptions(command, options->edit);
-  command.add_flag("--force", options->edit.force, "Also if the file is a symbolic link");
-  command.callback(
-      [&context, options, run] { context.run = [&context, options, run] { return run(context, *options); }; });
-  return command;
-}
+constexpr Parameter kForceParameters[] = {{.name = "--force", .help = "Also if the file is a symbolic link"}};
 
-void AddCreate(CLI::App& command, Options& options) {
-  command.add_flag("--create", options.create, "Make the file if there is none");
-}
+constexpr Parameter kSetParameters[] = {
+    {.name = "KEY", .kind = ValueKind::kText, .help = "The key's name", .is_required = true},
+    {.name = "VALUE", .kind = ValueKind::kText, .help = "The new value", .is_required = true},
+    {.name = "--create", .help = "Make the file if there is none"},
+};
+
+constexpr Parameter kDeleteParameters[] = {
+    {.name = "KEY", .kind = ValueKind::kText, .help = "The key's name; without it: the whole section"},
+};
+
+constexpr Parameter kCopyParameters[] = {
+    {.name = "NEW", .kind = ValueKind::kText, .help = "Name of the other section; without it: the same"},
+    {.name = "--to", .kind = ValueKind::kFile, .value = "FILE", .help = "Another file"},
+    {.name = "--create", .help = "Make the file if there is none"},
+};
 
 }  // namespace
 
-void AddIniEditCommands(CLI::App& ini, Context& context) {
-  const auto set = std::make_shared<Options>();
-  CLI::App& set_command = AddPart(ini, context, "set", "Set one value, leaving every other line as it is", set, Set);
-  set_command.add_option("KEY", set->key, "The key's name")->required();
-  set_command.add_option("VALUE", set->value, "The new value")->required();
-  AddCreate(set_command, *set);
+constinit const Command kIniSetCommand = {
+    .words = "ini set",
+    .help = "Set one value, leaving every other line as it is",
+    .run = Set,
+    .parameters = {kSectionParameters, kEditParameters, kForceParameters, kSetParameters}};
 
-  const auto remove = std::make_shared<Options>();
-  CLI::App& delete_command = AddPart(ini, context, "delete", "Delete a key, or a section", remove, Delete);
-  delete_command.add_option("KEY", remove->key, "The key's name; without it: the whole section");
+constinit const Command kIniDeleteCommand = {
+    .words = "ini delete",
+    .help = "Delete a key, or a section",
+    .run = Delete,
+    .parameters = {kSectionParameters, kEditParameters, kForceParameters, kDeleteParameters}};
 
-  const auto copy = std::make_shared<Options>();
-  CLI::App& copy_command = AddPart(ini, context, "copy", "Copy the entries of a section into another", copy, Copy);
-  copy_command.add_option("NEW", copy->new_name, "Name of the other section; without it: the same");
-  copy_command.add_option("--to", copy->to, "Another file")->option_text("FILE");
-  AddCreate(copy_command, *copy);
-}
+constinit const Command kIniCopyCommand = {
+    .words = "ini copy",
+    .help = "Copy the entries of a section into another",
+    .run = Copy,
+    .parameters = {kSectionParameters, kEditParameters, kForceParameters, kCopyParameters}};
 
 }  // namespace qx::ctl

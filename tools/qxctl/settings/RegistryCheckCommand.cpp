@@ -1,5 +1,6 @@
-// qxctl registry diff|export|lint: registry files beside one another, parts of one, and what a load makes of one.
-#include <CLI/CLI.hpp>
+// Registry files compared, parts of one, and what a load makes of one.
+#include "tools/qxctl/settings/RegistryCheckCommand.h"
+
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -9,9 +10,12 @@
 #include "registry/tools/FileLint.h"
 #include "registry/tools/TreeDiff.h"
 #include "registry/tools/TreeEdit.h"
+#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/OutputFile.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
-#include "tools/qxctl/settings/RegistryCommands.h"
+#include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/settings/RegistryFiles.h"
 #include "tools/qxctl/settings/RegistryText.h"
 #include "tools/qxctl/settings/Settings.h"
 
@@ -24,44 +28,45 @@ using registry::LintResult;
 using registry::LintSeverity;
 using registry::TreeDifference;
 
-struct Options {
-  RegistrySource source;
-  std::string key;
+// The two files of a comparison.
+struct DiffFiles {
+  RegistrySource source;  // instead of the second
   std::string first;
   std::optional<std::string> second;
-  bool json = false;
 };
 
 // --- diff
 
-Status LoadSecond(Context& context, const Options& options, CRegistryNode& tree) {
-  if (!options.second) return LoadTree(context, options.source, tree);
+Status LoadSecond(Context& context, const DiffFiles& files, CRegistryNode& tree) {
+  if (!files.second) return LoadTree(context, files.source, tree);
   std::string bytes;
-  return ReadTreeFile(*options.second, tree, bytes);
+  return ReadTreeFile(*files.second, tree, bytes);
 }
 
-Json ToJson(const Options& options, const TreeDifference& difference) {
+Json ToJson(const DiffFiles& files, const TreeDifference& difference) {
   Json document;
-  SetText(document, "before", options.first);
-  SetText(document, "after", options.second.value_or(options.source.Path()));
+  SetText(document, "before", files.first);
+  SetText(document, "after", files.second.value_or(files.source.Path()));
   document["changes"] = ChangesToJson(difference);
   document["allChanges"] = difference.is_complete;
   return document;
 }
 
-Status Diff(Context& context, const Options& options) {
-  if (options.first == "-" && options.second == "-") return {ExitCode::kUsage, "only one of the files can be -"};
+Status Diff(Context& context, const Values& values) {
+  DiffFiles files = {RegistrySourceOf(values), values.Text("FILE"), std::nullopt};
+  if (values.Has("NEWER")) files.second = values.Text("NEWER");
+  if (files.first == "-" && files.second == "-") return {ExitCode::kUsage, "only one of the files can be -"};
   CRegistryNode before;
   CRegistryNode after;
   std::string bytes;
-  if (Status status = ReadTreeFile(options.first, before, bytes); !status.IsOk()) return status;
-  if (Status status = LoadSecond(context, options, after); !status.IsOk()) return status;
+  if (Status status = ReadTreeFile(files.first, before, bytes); !status.IsOk()) return status;
+  if (Status status = LoadSecond(context, files, after); !status.IsOk()) return status;
   const TreeDifference difference = registry::Compare(before, after);
   if (!difference.is_complete) context.output.Problem("there are more changes than are listed");
-  Status printed = options.json ? context.output.Document(ToJson(options, difference))
-                                : context.output.Data(ChangesToText(context.output, difference));
-  if (!printed.IsOk()) return printed;
-  return difference.changes.empty() ? Status() : Status(ExitCode::kFinding, "");
+  return ShowResult(
+      context, values, [&] { return ToJson(files, difference); },
+      [&] { return ChangesToText(context.output, difference); },
+      difference.changes.empty() ? Status() : Status(ExitCode::kFinding, ""));
 }
 
 // --- export
@@ -73,18 +78,20 @@ Status WriteTo(const std::string& path, const std::string& text) {
   return file.Commit();
 }
 
-Status Export(Context& context, const Options& options) {
+Status Export(Context& context, const Values& values) {
+  const std::string key = values.Text("KEY");
   CRegistryNode tree;
-  if (Status status = LoadTree(context, options.source, tree); !status.IsOk()) return status;
+  if (Status status = LoadTree(context, RegistrySourceOf(values), tree); !status.IsOk()) return status;
   CRegistryNode part;
-  if (registry::CopyPart(tree, options.key, part) != registry::EditState::kDone) {
-    return {ExitCode::kNotFound, "there is no key " + Visible(options.key)};
+  if (registry::CopyPart(tree, key, part) != registry::EditState::kDone) {
+    return {ExitCode::kNotFound, "there is no key " + Visible(key)};
   }
   std::string text;
   if (const auto refusal = registry::WhyNotStorable(part, text)) {
     return {ExitCode::kRefused, "no file can hold this: " + refusal->reason};
   }
-  return options.second && *options.second != "-" ? WriteTo(*options.second, text) : context.output.Data(text);
+  const std::string file = values.Text("FILE", "-");
+  return file != "-" ? WriteTo(file, text) : context.output.Data(text);
 }
 
 // --- lint
@@ -127,58 +134,47 @@ Status StatusOf(const LintResult& result) {
                                   " warning(s)" + (result.IsComplete() ? "" : "; the first 100 are listed")};
 }
 
-Status Lint(Context& context, const Options& options) {
-  const std::string path = options.source.Path();
+Status Lint(Context& context, const Values& values) {
+  const std::string path = RegistrySourceOf(values).Path();
   FileImage image;
   if (Status status = StatusOfEdit(ReadFileImage(path, image)); !status.IsOk()) return status;
   const LintResult result = registry::LintFile(image.bytes);
-  Status printed = options.json ? context.output.Document(ToJson(path, result))
-                                : context.output.Data(ToText(context.output, path, result));
-  return printed.IsOk() ? StatusOf(result) : printed;
+  return ShowResult(
+      context, values, [&] { return ToJson(path, result); }, [&] { return ToText(context.output, path, result); },
+      StatusOf(result));
 }
 
-// --- command line
+// --- the commands
 
-using Run = Status (*)(Context&, const Options&);
+constexpr Parameter kDiffParameters[] = {
+    {.name = "FILE", .kind = ValueKind::kFile, .help = "The older file; - for standard input", .is_required = true},
+    {.name = "NEWER", .kind = ValueKind::kFile, .help = "The newer file; without it: the registry"},
+};
 
-CLI::App& AddPart(CLI::App& parent, Context& context, const char* name, const char* help,
-                  const std::shared_ptr<Options>& options, Run run) {
-  CLI::App& command = *parent.add_subcommand(name, help);
-  AddSourceOptions(command, options->source);
-  command.callback(
-      [&context, options, run] { context.run = [&context, options, run] { return run(context, *options); }; });
-  return command;
-}
+constexpr Parameter kExportParameters[] = {
+    {.name = "KEY",
+     .kind = ValueKind::kText,
+     .help = "Path of the key, from a hive on; \"\" or without it: everything"},
+    {.name = "FILE", .kind = ValueKind::kFile, .help = "The file to write; - or without it: standard output"},
+};
 
-void AddDiff(CLI::App& parent, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command = AddPart(parent, context, "diff", "Compare two registry files by keys and values", options, Diff);
-  command.add_option("FILE", options->first, "The older file; - for standard input")->required();
-  command.add_option("NEWER", options->second, "The newer file; without it: the registry");
-  command.add_flag("--json", options->json, "Print as JSON");
-}
-
-void AddExport(CLI::App& parent, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command =
-      AddPart(parent, context, "export", "Write a key with everything in it as a registry file", options, Export);
-  command.add_option("KEY", options->key, "Path of the key, from a hive on; \"\" or without it: everything");
-  command.add_option("FILE", options->second, "The file to write; - or without it: standard output");
-}
-
-void AddLint(CLI::App& parent, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command =
-      AddPart(parent, context, "lint", "Find what a load of the file drops, changes or misreads", options, Lint);
-  command.add_flag("--json", options->json, "Print as JSON");
-}
+constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print as JSON"}};
 
 }  // namespace
 
-void AddRegistryCheckCommands(CLI::App& registry, Context& context) {
-  AddDiff(registry, context);
-  AddExport(registry, context);
-  AddLint(registry, context);
-}
+constinit const Command kRegistryDiffCommand = {.words = "registry diff",
+                                                .help = "Compare two registry files by keys and values",
+                                                .run = Diff,
+                                                .parameters = {kRegistryParameters, kDiffParameters, kJsonParameters}};
+
+constinit const Command kRegistryExportCommand = {.words = "registry export",
+                                                  .help = "Write a key with everything in it as a registry file",
+                                                  .run = Export,
+                                                  .parameters = {kRegistryParameters, kExportParameters}};
+
+constinit const Command kRegistryLintCommand = {.words = "registry lint",
+                                                .help = "Find what a load of the file drops, changes or misreads",
+                                                .run = Lint,
+                                                .parameters = {kRegistryParameters, kJsonParameters}};
 
 }  // namespace qx::ctl

@@ -1,6 +1,6 @@
-// qxctl registry: the registry as a process that loads it now would see it. Here is what only looks; what changes it
-// and what compares it have files of their own.
-#include <CLI/CLI.hpp>
+// Keys and values of the registry as a process that loads it now would see them.
+#include "tools/qxctl/settings/RegistryCommand.h"
+
 #include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -12,11 +12,12 @@
 #include "registry/Registry.h"
 #include "registry/RegistryValue.h"
 #include "registry/tools/TreeDiff.h"
-#include "tools/qxctl/cli/Input.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
-#include "tools/qxctl/settings/RegistryCommands.h"
+#include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/settings/RegistryFiles.h"
 #include "tools/qxctl/settings/RegistryText.h"
-#include "tools/qxctl/settings/Settings.h"
 
 namespace qx::ctl {
 
@@ -28,7 +29,6 @@ struct Options {
   std::string value;
   bool recursive = false;
   bool expand = false;
-  bool json = false;
 };
 
 // A value, taken out of its key.
@@ -87,43 +87,57 @@ Json ContentToJson(const KeyContent& content) {
   return object;
 }
 
-Status PrintContent(Context& context, const KeyContent& content, const Options& options) {
-  std::string text = options.recursive ? (content.path.empty() ? "(root)" : Visible(content.path)) + ":\n" : "";
+std::string ContentToText(const KeyContent& content, bool is_recursive) {
+  std::string text = is_recursive ? (content.path.empty() ? "(root)" : Visible(content.path)) + ":\n" : "";
   for (const Value& value : content.values) text += LineOf(value.name, value.content) + "\n";
   for (const auto& [name, node] : content.subkeys) text += "[" + Visible(name) + "]\n";
-  return context.output.Data(options.recursive ? text + "\n" : text);
+  return is_recursive ? text + "\n" : text;
 }
 
 // --- the commands
 
 // Visits the key and, with --recursive, everything below it in the order of a registry file.
-Status ListFrom(Context& context, const Options& options, const CRegistryNode& start) {
-  Json keys = Json::array();
+std::vector<KeyContent> KeysFrom(const Options& options, const CRegistryNode& start) {
+  std::vector<KeyContent> keys;
   std::vector<std::pair<std::string, const CRegistryNode*>> pending = {{options.key, &start}};
   while (!pending.empty()) {
     auto [path, node] = std::move(pending.back());
     pending.pop_back();
-    const KeyContent content = ContentOf(std::move(path), *node);
-    if (options.json) {
-      keys.push_back(ContentToJson(content));
-    } else if (Status status = PrintContent(context, content, options); !status.IsOk()) {
-      return status;
-    }
+    keys.push_back(ContentOf(std::move(path), *node));
     if (!options.recursive) break;
+    const KeyContent& content = keys.back();
     const std::string prefix = content.path.empty() || content.path.ends_with('/') ? content.path : content.path + "/";
     for (auto subkey = content.subkeys.rbegin(); subkey != content.subkeys.rend(); ++subkey) {
       pending.emplace_back(prefix + subkey->first, subkey->second);
     }
   }
-  return options.json ? context.output.Document({{"keys", std::move(keys)}}) : Status();
+  return keys;
 }
 
-Status List(Context& context, const Options& options) {
+Json ToJson(const std::vector<KeyContent>& contents) {
+  Json keys = Json::array();
+  for (const KeyContent& content : contents) keys.push_back(ContentToJson(content));
+  return {{"keys", std::move(keys)}};
+}
+
+std::string ToText(const std::vector<KeyContent>& contents, bool is_recursive) {
+  std::string text;
+  for (const KeyContent& content : contents) text += ContentToText(content, is_recursive);
+  return text;
+}
+
+Status List(Context& context, const Values& values) {
+  const Options options = {.source = RegistrySourceOf(values),
+                           .key = values.Text("KEY"),
+                           .value = {},
+                           .recursive = values.Flag("--recursive")};
   CRegistryNode tree;
   if (Status status = LoadTree(context, options.source, tree); !status.IsOk()) return status;
   CRegistry handle;
   if (Status status = OpenKey(options, tree, handle); !status.IsOk()) return status;
-  return ListFrom(context, options, *handle.CurrentKey());
+  const std::vector<KeyContent> keys = KeysFrom(options, *handle.CurrentKey());
+  return ShowResult(
+      context, values, [&] { return ToJson(keys); }, [&] { return ToText(keys, options.recursive); });
 }
 
 // An expansion is done by the handle, as it does it for every reader.
@@ -142,89 +156,52 @@ Status ReadValue(const Options& options, CRegistry& handle, Value& value) {
   return {};
 }
 
-Status Get(Context& context, const Options& options) {
+Json ToJson(const Options& options, const Value& value) {
+  Json object;
+  SetText(object, "key", options.key);
+  SetText(object, "name", value.name);
+  SetValueJson(object, value.content);
+  return object;
+}
+
+Status Get(Context& context, const Values& values) {
+  const Options options = {.source = RegistrySourceOf(values),
+                           .key = values.Text("KEY"),
+                           .value = values.Text("NAME"),
+                           .expand = values.Flag("--expand")};
   CRegistryNode tree;
   if (Status status = LoadTree(context, options.source, tree); !status.IsOk()) return status;
   CRegistry handle;
   if (Status status = OpenKey(options, tree, handle); !status.IsOk()) return status;
   Value value;
   if (Status status = ReadValue(options, handle, value); !status.IsOk()) return status;
-  if (!options.json) return context.output.Data(TextOf(value.content) + "\n");
-  Json object;
-  SetText(object, "key", options.key);
-  SetText(object, "name", value.name);
-  SetValueJson(object, value.content);
-  return context.output.Document(object);
+  return ShowResult(
+      context, values, [&] { return ToJson(options, value); }, [&] { return TextOf(value.content) + "\n"; });
 }
 
-void AddList(CLI::App& parent, Context& context) {
-  CLI::App& command = *parent.add_subcommand("ls", "List the values and subkeys of a key");
-  const auto options = std::make_shared<Options>();
-  command.add_option("KEY", options->key, "Path of the key, from a hive on; without it: the root");
-  command.add_flag("-r,--recursive", options->recursive, "Everything below the key as well");
-  AddSourceOptions(command, options->source);
-  command.add_flag("--json", options->json, "Print as JSON");
-  command.callback([&context, options] { context.run = [&context, options] { return List(context, *options); }; });
-}
+constexpr Parameter kListParameters[] = {
+    {.name = "KEY", .kind = ValueKind::kText, .help = "Path of the key, from a hive on; without it: the root"},
+    {.name = "--recursive", .letter = "-r", .help = "Everything below the key as well"},
+};
 
-void AddGet(CLI::App& parent, Context& context) {
-  CLI::App& command = *parent.add_subcommand("get", "Print one value");
-  const auto options = std::make_shared<Options>();
-  command.add_option("KEY", options->key, "Path of the key, from a hive on")->required();
-  command.add_option("NAME", options->value, "Name of the value")->required();
-  command.add_flag("--expand", options->expand, "Replace %NAME% in a REG_EXPAND_SZ from this environment");
-  AddSourceOptions(command, options->source);
-  command.add_flag("--json", options->json, "Print as JSON");
-  command.callback([&context, options] { context.run = [&context, options] { return Get(context, *options); }; });
-}
+constexpr Parameter kGetParameters[] = {
+    {.name = "KEY", .kind = ValueKind::kText, .help = "Path of the key, from a hive on", .is_required = true},
+    {.name = "NAME", .kind = ValueKind::kText, .help = "Name of the value", .is_required = true},
+    {.name = "--expand", .help = "Replace %NAME% in a REG_EXPAND_SZ from this environment"},
+};
+
+constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print as JSON"}};
 
 }  // namespace
 
-void AddSourceOptions(CLI::App& command, RegistrySource& source) {
-  CLI::Option* const directory =
-      command.add_option("--directory", source.directory, "Directory of the registry's files")
-          ->capture_default_str()
-          ->type_name("DIR");
-  command.add_option("--file", source.file, "Use this one file instead, such as a backup")
-      ->excludes(directory)
-      ->type_name("FILE");
-}
+constinit const Command kRegistryLsCommand = {.words = "registry ls",
+                                              .help = "List the values and subkeys of a key",
+                                              .run = List,
+                                              .parameters = {kListParameters, kRegistryParameters, kJsonParameters}};
 
-Status LoadTree(Context& context, const RegistrySource& source, CRegistryNode& tree) {
-  if (!source.file.empty()) {
-    if (CRegistry::ReadTree(source.file.c_str(), tree)) return {};
-    return {ExitCode::kNotFound, "there is no registry file " + source.file + ", or no value in it"};
-  }
-  for (const char* const name : {"registry", "registry.old", "registry.default"}) {
-    const std::string path = source.directory + "/" + name;
-    const bool is_good = CRegistry::ReadTree(path.c_str(), tree);
-    if (is_good && std::string_view(name) != "registry") context.output.Note("qxctl: the registry comes from " + path);
-    if (is_good) return {};
-  }
-  return {ExitCode::kNotFound,
-          "there is no registry in " + source.directory + " (registry, registry.old or registry.default with a value)"};
-}
-
-Status ReadTreeFile(const std::string& file, CRegistryNode& tree, std::string& bytes) {
-  if (file == "-") {
-    if (Status status = ReadArgument("@-", bytes); !status.IsOk()) return status;
-  } else {
-    FileImage image;
-    if (Status status = StatusOfEdit(ReadFileImage(file, image)); !status.IsOk()) return status;
-    bytes = std::move(image.bytes);
-  }
-  if (registry::ParseTree(bytes, tree)) return {};
-  return {ExitCode::kRefused,
-          (file == "-" ? "standard input" : file) + " is no registry file: there is no value in it"};
-}
-
-void AddRegistryCommand(CLI::App& app, Context& context) {
-  CLI::App& registry = *app.add_subcommand("registry", "Look into the registry, check it, change it");
-  registry.require_subcommand(1);
-  AddList(registry, context);
-  AddGet(registry, context);
-  AddRegistryEditCommands(registry, context);
-  AddRegistryCheckCommands(registry, context);
-}
+constinit const Command kRegistryGetCommand = {.words = "registry get",
+                                               .help = "Print one value",
+                                               .run = Get,
+                                               .parameters = {kGetParameters, kRegistryParameters, kJsonParameters}};
 
 }  // namespace qx::ctl

@@ -1,15 +1,16 @@
-// qxctl registry set|delete|import: changes to a registry file. Without --apply they say what would change.
+// Changes to a registry file. Without --apply they say what would change.
 //
 // The file is written by the key's own dumpNode, read again through the class and compared before it takes the place of
 // the old one. It is not saved by a handle: that hides failures, and leaves no registry between its two renames.
-#include <CLI/CLI.hpp>
+#include "tools/qxctl/settings/RegistryEditCommand.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <map>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -20,9 +21,12 @@
 #include "registry/tools/FileLint.h"
 #include "registry/tools/TreeDiff.h"
 #include "registry/tools/TreeEdit.h"
+#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
-#include "tools/qxctl/settings/RegistryCommands.h"
+#include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/settings/RegistryFiles.h"
 #include "tools/qxctl/settings/RegistryText.h"
 #include "tools/qxctl/settings/Settings.h"
 
@@ -45,6 +49,14 @@ struct Options {
   std::string file;                    // import
   std::optional<std::string> replace;  // import
 };
+
+// Of the parameters that all three commands have.
+Options OptionsOf(const Values& values) {
+  Options options;
+  options.source = RegistrySourceOf(values);
+  options.edit = EditOptionsOf(values);
+  return options;
+}
 
 using Change = std::function<Status(CRegistryNode& tree)>;
 
@@ -153,9 +165,7 @@ Status Apply(Context& context, ReplacedFile& edit, const Plan& plan) {
   return committed;
 }
 
-Status Print(Context& context, const Plan& plan, const Options& options, const ReplacedFile& edit) {
-  if (!plan.difference.is_complete) context.output.Problem("there are more changes than are listed");
-  if (!options.edit.json) return context.output.Data(ChangesToText(context.output, plan.difference));
+Json ToJson(const Plan& plan, const Options& options, const ReplacedFile& edit) {
   Json document;
   SetText(document, "file", options.source.Path());
   document["changes"] = ChangesToJson(plan.difference);
@@ -163,13 +173,13 @@ Status Print(Context& context, const Plan& plan, const Options& options, const R
   document["applied"] = edit.IsInPlace();
   document["backup"] = nullptr;
   if (!edit.BackupPath().empty()) SetText(document, "backup", edit.BackupPath());
-  return context.output.Document(document);
+  return document;
 }
 
 // Whether the file has to load before `change` makes something of it.
 enum class OldTree { kNeeded, kReplaced };
 
-Status Edit(Context& context, const Options& options, OldTree old_tree, const Change& change) {
+Status Edit(Context& context, const Values& values, const Options& options, OldTree old_tree, const Change& change) {
   const InterruptGuard guard;  // a signal ends the command when the edit is through
   const std::string path = options.source.Path();
   ReplacedFile edit;
@@ -186,7 +196,10 @@ Status Edit(Context& context, const Options& options, OldTree old_tree, const Ch
   Status applied;
   if (options.edit.apply && has_changes) applied = Apply(context, edit, plan);
   if (options.edit.apply && has_changes && !edit.IsInPlace()) return applied;
-  Status printed = Print(context, plan, options, edit);
+  if (!plan.difference.is_complete) context.output.Problem("there are more changes than are listed");
+  Status printed = ShowResult(
+      context, values, [&] { return ToJson(plan, options, edit); },
+      [&] { return ChangesToText(context.output, plan.difference); });
   if (!printed.IsOk()) return printed;
   return applied.IsOk() ? EditDone(options.edit, has_changes) : applied;
 }
@@ -247,8 +260,21 @@ int TypeFor(const Options& options, const CRegistryNode& tree) {
   return is_value ? entry->value.type : REG_SZ;
 }
 
-Status Set(Context& context, const Options& options) {
-  return Edit(context, options, OldTree::kNeeded, [&options](CRegistryNode& tree) {
+constexpr std::string_view kTypeNames[] = {"string", "expand", "binary", "dword"};
+constexpr int kTypes[] = {REG_SZ, REG_EXPAND_SZ, REG_BINARY, REG_DWORD};
+
+int TypeNamed(const std::string& name) {
+  const auto* const found = std::find(std::begin(kTypeNames), std::end(kTypeNames), name);
+  return kTypes[found - std::begin(kTypeNames)];
+}
+
+Status Set(Context& context, const Values& values) {
+  Options options = OptionsOf(values);
+  options.key = values.Text("KEY");
+  options.name = values.Text("NAME");
+  options.value = values.Text("VALUE");
+  if (values.Has("--type")) options.type = TypeNamed(values.Text("--type"));
+  return Edit(context, values, options, OldTree::kNeeded, [&options](CRegistryNode& tree) {
     TreeValue value;
     if (Status status = ParseValue(options.value, TypeFor(options, tree), value); !status.IsOk()) return status;
     return StatusOf(registry::SetValue(tree, options.key, *options.name, value), options);
@@ -257,15 +283,22 @@ Status Set(Context& context, const Options& options) {
 
 // --- delete, import
 
-Status Delete(Context& context, const Options& options) {
-  return Edit(context, options, OldTree::kNeeded, [&options](CRegistryNode& tree) {
+Status Delete(Context& context, const Values& values) {
+  Options options = OptionsOf(values);
+  options.key = values.Text("KEY");
+  if (values.Has("NAME")) options.name = values.Text("NAME");
+  options.recursive = values.Flag("--recursive");
+  return Edit(context, values, options, OldTree::kNeeded, [&options](CRegistryNode& tree) {
     const EditState state = options.name ? registry::DeleteValue(tree, options.key, *options.name)
                                          : registry::DeleteKey(tree, options.key, options.recursive);
     return StatusOf(state, options);
   });
 }
 
-Status Import(Context& context, const Options& options) {
+Status Import(Context& context, const Values& values) {
+  Options options = OptionsOf(values);
+  options.file = values.Text("FILE");
+  if (values.Has("--replace")) options.replace = values.Text("--replace");
   CRegistryNode imported;
   std::string bytes;
   if (Status status = ReadTreeFile(options.file, imported, bytes); !status.IsOk()) return status;
@@ -274,66 +307,65 @@ Status Import(Context& context, const Options& options) {
   if (options.replace && registry::FindKey(imported, *options.replace) == nullptr) {
     return {ExitCode::kNotFound, options.file + " has no key " + Visible(*options.replace)};
   }
-  return Edit(context, options, replaces_all ? OldTree::kReplaced : OldTree::kNeeded, [&](CRegistryNode& tree) {
+  return Edit(context, values, options, replaces_all ? OldTree::kReplaced : OldTree::kNeeded, [&](CRegistryNode& tree) {
     if (options.replace) registry::EmptyKey(tree, *options.replace);
     return StatusOf(registry::MergeInto(tree, imported), options);
   });
 }
 
-// --- command line
+// --- the commands
 
-using Run = Status (*)(Context&, const Options&);
+constexpr Parameter kForceParameters[] = {
+    {.name = "--force", .help = "Also if the file is a symbolic link, or is not read as it was meant"},
+};
 
-CLI::App& AddPart(CLI::App& parent, Context& context, const char* name, const char* help,
-                  const std::shared_ptr<Options>& options, Run run) {
-  CLI::App& command = *parent.add_subcommand(name, help);
-  AddSourceOptions(command, options->source);
-  AddEditOptions(command, options->edit);
-  command.add_flag("--force", options->edit.force,
-                   "Also if the file is a symbolic link, or is not read as it was meant");
-  command.callback(
-      [&context, options, run] { context.run = [&context, options, run] { return run(context, *options); }; });
-  return command;
-}
+constexpr Parameter kSetParameters[] = {
+    {.name = "KEY", .kind = ValueKind::kText, .help = "Path of the key, from a hive on", .is_required = true},
+    {.name = "NAME", .kind = ValueKind::kText, .help = "Name of the value", .is_required = true},
+    {.name = "VALUE",
+     .kind = ValueKind::kText,
+     .help = "A text, a number, or bytes such as \"0a ff\"",
+     .is_required = true},
+    {.name = "--type",
+     .kind = ValueKind::kText,
+     .value = "TYPE",
+     .help = "string, expand, dword or binary; default: as it is, or string",
+     .choices = kTypeNames,
+     .ignores_case = true},
+};
 
-void AddSet(CLI::App& parent, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command = AddPart(parent, context, "set", "Set one value, making the keys on its path", options, Set);
-  command.add_option("KEY", options->key, "Path of the key, from a hive on")->required();
-  command.add_option("NAME", options->name, "Name of the value")->required();
-  command.add_option("VALUE", options->value, "A text, a number, or bytes such as \"0a ff\"")->required();
-  static const std::map<std::string, int> kTypes = {
-      {"string", REG_SZ}, {"expand", REG_EXPAND_SZ}, {"binary", REG_BINARY}, {"dword", REG_DWORD}};
-  command.add_option("--type", options->type, "string, expand, dword or binary; default: as it is, or string")
-      ->transform(CLI::CheckedTransformer(kTypes, CLI::ignore_case))
-      ->option_text("TYPE");
-}
+constexpr Parameter kDeleteParameters[] = {
+    {.name = "KEY", .kind = ValueKind::kText, .help = "Path of the key, from a hive on", .is_required = true},
+    {.name = "NAME", .kind = ValueKind::kText, .help = "Name of the value; without it: the key itself"},
+    {.name = "--recursive", .letter = "-r", .help = "The key with everything in it", .excludes = {"NAME"}},
+};
 
-void AddDelete(CLI::App& parent, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command = AddPart(parent, context, "delete", "Delete one value, or a key", options, Delete);
-  command.add_option("KEY", options->key, "Path of the key, from a hive on")->required();
-  CLI::Option* const name = command.add_option("NAME", options->name, "Name of the value; without it: the key itself");
-  command.add_flag("-r,--recursive", options->recursive, "The key with everything in it")->excludes(name);
-}
-
-void AddImport(CLI::App& parent, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command =
-      AddPart(parent, context, "import", "Take over the keys and values of another registry file", options, Import);
-  command.add_option("FILE", options->file, "The registry file; - for standard input")->required();
-  command
-      .add_option("--replace", options->replace,
-                  "Empty this key first, so that it becomes as in FILE; \"\": everything")
-      ->option_text("KEY");
-}
+constexpr Parameter kImportParameters[] = {
+    {.name = "FILE", .kind = ValueKind::kFile, .help = "The registry file; - for standard input", .is_required = true},
+    {.name = "--replace",
+     .kind = ValueKind::kText,
+     .value = "KEY",
+     .help = "Empty this key first, so that it becomes as in FILE; \"\": everything"},
+};
 
 }  // namespace
 
-void AddRegistryEditCommands(CLI::App& registry, Context& context) {
-  AddSet(registry, context);
-  AddDelete(registry, context);
-  AddImport(registry, context);
-}
+constinit const Command kRegistrySetCommand = {
+    .words = "registry set",
+    .help = "Set one value, making the keys on its path",
+    .run = Set,
+    .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kSetParameters}};
+
+constinit const Command kRegistryDeleteCommand = {
+    .words = "registry delete",
+    .help = "Delete one value, or a key",
+    .run = Delete,
+    .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kDeleteParameters}};
+
+constinit const Command kRegistryImportCommand = {
+    .words = "registry import",
+    .help = "Take over the keys and values of another registry file",
+    .run = Import,
+    .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kImportParameters}};
 
 }  // namespace qx::ctl

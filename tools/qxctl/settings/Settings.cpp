@@ -1,6 +1,5 @@
 #include "tools/qxctl/settings/Settings.h"
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 
 #include "tools/qxctl/cli/FileStatus.h"
@@ -29,9 +28,8 @@ Status Failed(const ReplaceResult& result) {
 
 }  // namespace
 
-void AddEditOptions(CLI::App& command, EditOptions& options) {
-  command.add_flag("--apply", options.apply, "Change the file; without it only what would change is printed");
-  command.add_flag("--json", options.json, "Print as JSON");
+EditOptions EditOptionsOf(const Values& values) {
+  return {.apply = values.Flag("--apply"), .force = values.Flag("--force")};
 }
 
 Status StatusOfEdit(const ReplaceResult& result) {

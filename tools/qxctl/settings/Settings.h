@@ -6,23 +6,25 @@
 #include <string_view>
 
 #include "base/tools/ReplacedFile.h"
+#include "tools/qxctl/cli/Command.h"
 #include "tools/qxctl/cli/Output.h"
 #include "tools/qxctl/cli/Status.h"
-
-namespace CLI {
-class App;
-}  // namespace CLI
+#include "tools/qxctl/cli/Values.h"
 
 namespace qx::ctl {
 
 struct EditOptions {
   bool apply = false;
   bool force = false;
-  bool json = false;
 };
 
-// --apply and --json.
-void AddEditOptions(CLI::App& command, EditOptions& options);
+inline constexpr Parameter kEditParameters[] = {
+    {.name = "--apply", .help = "Change the file; without it only what would change is printed"},
+    {.name = "--json", .help = "Print as JSON"},
+};
+
+// From a command with kEditParameters and --force.
+EditOptions EditOptionsOf(const Values& values);
 
 // What stood in the way, and what to do about it.
 Status StatusOfEdit(const ReplaceResult& result);

@@ -1,7 +1,8 @@
-// qxctl module faults: a bad host. Each case runs in a process of its own, so a crash is a finding and nothing more.
+// A bad host. Each case runs in a process of its own, so a crash is a finding and nothing more.
+#include "tools/qxctl/trial/FaultsCommand.h"
+
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -13,10 +14,12 @@
 
 #include "provider/ServerControlPaths.h"
 #include "reportfile/ReportFileBase.h"
-#include "tools/qxctl/cli/ChildRun.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/module/CallOptions.h"
-#include "tools/qxctl/module/ModuleCommands.h"
+#include "tools/qxctl/module/ChildRun.h"
 #include "tools/qxctl/trial/FaultCases.h"
 
 namespace qx::ctl {
@@ -31,7 +34,6 @@ struct Options {
   std::string report;
   double seconds = 20;
   bool list = false;
-  bool json = false;
 };
 
 enum class Verdict { kOk, kFinding, kSkipped };
@@ -195,7 +197,18 @@ Status List(Context& context, const std::vector<FaultCase>& cases) {
   return context.output.Data(text);
 }
 
-Status Faults(Context& context, const Options& options) {
+Options OptionsOf(const Values& values) {
+  Options options;
+  options.call.module_path = values.Text("--module");
+  options.names = values.Texts("CASE");
+  options.report = values.Text("--report");
+  options.seconds = values.Number("--timeout", options.seconds);
+  options.list = values.Flag("--list");
+  return options;
+}
+
+Status Faults(Context& context, const Values& values) {
+  const Options options = OptionsOf(values);
   const std::vector<FaultCase> cases = AllCases();
   if (options.list) return List(context, cases);
   const auto is_asked = [&](const FaultCase& fault) { return IsAsked(options, fault); };
@@ -209,24 +222,33 @@ Status Faults(Context& context, const Options& options) {
   std::vector<FaultResult> results;
   if (Status status = TryAll(context, options, module, results, cases); !status.IsOk()) return status;
   const Status status = StatusOf(results);
-  const Status printed =
-      options.json ? context.output.Document(ToJson(results, status)) : context.output.Data(ToText(results));
-  return printed.IsOk() ? status : printed;
+  return ShowResult(
+      context, values, [&] { return ToJson(results, status); }, [&] { return ToText(results); }, status);
 }
+
+constexpr Parameter kParameters[] = {
+    {.name = "CASE",
+     .kind = ValueKind::kText,
+     .help = "Cases or groups of cases (default: all)",
+     .is_repeatable = true},
+    {.name = "--report",
+     .kind = ValueKind::kReport,
+     .value = "NAME",
+     .help = "Report that can be read, when the registry names the directory"},
+    {.name = "--timeout",
+     .kind = ValueKind::kNumber,
+     .value = "SECONDS",
+     .help = "Seconds that a case may take (default 20)",
+     .limits = kAboveZero},
+    {.name = "--list", .help = "Print the cases and run none"},
+    {.name = "--json", .help = "Print the outcomes as JSON"},
+};
 
 }  // namespace
 
-void AddModuleFaults(CLI::App& module, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command = *module.add_subcommand("faults", "Call the module as a bad host would, each case in a child");
-  command.add_option("CASE", options->names, "Cases or groups of cases (default: all)");
-  command.add_option("--report", options->report, "Report that can be read, when the registry names the directory");
-  command.add_option("--timeout", options->seconds, "Seconds that a case may take (default 20)")
-      ->check(CLI::PositiveNumber);
-  command.add_flag("--list", options->list, "Print the cases and run none");
-  command.add_flag("--json", options->json, "Print the outcomes as JSON");
-  AddModuleOption(command, options->call);
-  command.callback([&context, options] { context.run = [&context, options] { return Faults(context, *options); }; });
-}
+constinit const Command kFaultsCommand = {.words = "module faults",
+                                          .help = "Call the module as a bad host would, each case in a child",
+                                          .run = Faults,
+                                          .parameters = {kParameters, kModuleParameters}};
 
 }  // namespace qx::ctl

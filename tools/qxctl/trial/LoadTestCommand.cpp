@@ -1,5 +1,6 @@
-// qxctl module load-test: what the module does under the load of many threads, and what is left of it afterwards.
-#include <CLI/CLI.hpp>
+// What the module does under the load of many threads, and what is left of it afterwards.
+#include "tools/qxctl/trial/LoadTestCommand.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <map>
@@ -9,10 +10,12 @@
 #include <utility>
 #include <vector>
 
+#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/module/CallOptions.h"
-#include "tools/qxctl/module/ModuleCommands.h"
 #include "tools/qxctl/trial/LoadTest.h"
 
 namespace qx::ctl {
@@ -34,7 +37,6 @@ struct Options {
   LoadPlan plan;
   std::vector<std::string> mix;
   std::uint64_t growth_kilobytes = kGrowthDefault;
-  bool json = false;
 };
 
 struct LoadFinding {
@@ -199,16 +201,15 @@ Json ReportToJson(const Options& options, const LoadReport& report, const Status
   return json;
 }
 
-Status Show(Context& context, const Options& options, const LoadReport& report) {
+Status Show(Context& context, const Values& values, const Options& options, const LoadReport& report) {
   const Status status = StatusOf(report);
-  Status printed;
-  if (options.json) {
-    printed = context.output.Document(ReportToJson(options, report, status));
-  } else {
-    printed = context.output.Data(ReportText(options, report));
+  Status shown = ShowResult(
+      context, values, [&] { return ReportToJson(options, report, status); },
+      [&] { return ReportText(options, report); }, status);
+  if (!values.Flag("--json")) {
     for (const std::string& failure : report.result.first_failures) context.output.Note(Visible(failure));
   }
-  return printed.IsOk() ? status : printed;
+  return shown;
 }
 
 // --- running
@@ -250,7 +251,23 @@ Status RunUnderLoad(Context& context, const Options& options, LoadReport& report
   return RunLoad(*module, options.plan, progress, report.result);
 }
 
-Status LoadTest(Context& context, Options& options) {
+Options OptionsOf(const Values& values) {
+  Options options;
+  options.call = CallOptionsOf(values);
+  LoadPlan& plan = options.plan;
+  plan.threads = static_cast<unsigned>(values.Integer("--threads", plan.threads));
+  plan.requests = static_cast<std::uint64_t>(values.Integer("--requests", 0));
+  plan.seconds = values.Number("--duration", 0);
+  plan.report = values.Text("--report");
+  options.mix = values.Texts("--mix");
+  plan.records_a_call = static_cast<std::int32_t>(values.Integer("--records", plan.records_a_call));
+  plan.exact = values.Flag("--exact");
+  options.growth_kilobytes = static_cast<std::uint64_t>(values.Integer("--growth", kGrowthDefault));
+  return options;
+}
+
+Status LoadTest(Context& context, const Values& values) {
+  Options options = OptionsOf(values);
   if (Status status = CompletePlan(options); !status.IsOk()) return status;
   if (Status status = context.traces.ProtectService(); !status.IsOk()) return status;
   LoadReport report;
@@ -259,40 +276,56 @@ Status LoadTest(Context& context, Options& options) {
   report.descriptors_after = OpenDescriptors();
   report.is_unmapped = !IsMapped(FindModule(options.call.module_path));
   Judge(options, report);
-  return Show(context, options, report);
+  return Show(context, values, options, report);
 }
 
-void AddPlanOptions(CLI::App& command, Options& options) {
-  constexpr unsigned kThreadsMax = 256;
-  command.add_option("--threads", options.plan.threads, "Worker threads (default 4)")
-      ->check(CLI::Range(1U, kThreadsMax));
-  CLI::Option* const requests =
-      command.add_option("--requests", options.plan.requests, "Requests of all threads together (default 10000)");
-  command
-      .add_option("--duration", options.plan.seconds, "Seconds that the load lasts, instead of a number of requests")
-      ->check(CLI::PositiveNumber)
-      ->excludes(requests);
-  command.add_option("--report", options.plan.report, "Report that reports and names ask for")->type_name("NAME");
-  command
-      .add_option("--mix", options.mix, "What is asked in turn: what, reflect, reports, names; a word may be repeated")
-      ->delimiter(',')
-      ->check(CLI::IsMember({"what", "reflect", "reports", "names"}));
-  command.add_option("--records", options.plan.records_a_call, "Most records in a reply (default 100)")
-      ->check(CLI::PositiveNumber);
-  command.add_flag("--exact", options.plan.exact, "Nobody writes to the report: its records must stay the same bytes");
-  command.add_option("--growth", options.growth_kilobytes,
-                     "KiB by which memory may grow in the steady state (default 4096)");
-}
+constexpr Limits kThreads = {1, 256};
+constexpr std::string_view kMixNames[] = {"what", "reflect", "reports", "names"};
+
+constexpr Parameter kParameters[] = {
+    {.name = "--threads",
+     .kind = ValueKind::kInteger,
+     .value = "NUMBER",
+     .help = "Worker threads (default 4)",
+     .limits = kThreads},
+    {.name = "--requests",
+     .kind = ValueKind::kInteger,
+     .value = "NUMBER",
+     .help = "Requests of all threads together (default 10000)",
+     .limits = kNatural},
+    {.name = "--duration",
+     .kind = ValueKind::kNumber,
+     .value = "SECONDS",
+     .help = "Seconds that the load lasts, instead of a number of requests",
+     .limits = kAboveZero,
+     .excludes = {"--requests"}},
+    {.name = "--report", .kind = ValueKind::kReport, .value = "NAME", .help = "Report that reports and names ask for"},
+    {.name = "--mix",
+     .kind = ValueKind::kText,
+     .value = "WORD,...",
+     .help = "What is asked in turn: what, reflect, reports, names; a word may be repeated",
+     .choices = kMixNames,
+     .is_repeatable = true,
+     .is_list = true},
+    {.name = "--records",
+     .kind = ValueKind::kInteger,
+     .value = "NUMBER",
+     .help = "Most records in a reply (default 100)",
+     .limits = kPositiveInt32},
+    {.name = "--exact", .help = "Nobody writes to the report: its records must stay the same bytes"},
+    {.name = "--growth",
+     .kind = ValueKind::kInteger,
+     .value = "KIB",
+     .help = "KiB by which memory may grow in the steady state (default 4096)",
+     .limits = kNatural},
+    {.name = "--json", .help = "Print the figures as JSON"},
+};
 
 }  // namespace
 
-void AddModuleLoadTest(CLI::App& module, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command = *module.add_subcommand("load-test", "Call the module from many threads and check every reply");
-  AddPlanOptions(command, *options);
-  command.add_flag("--json", options->json, "Print the figures as JSON");
-  AddCallOptions(command, options->call);
-  command.callback([&context, options] { context.run = [&context, options] { return LoadTest(context, *options); }; });
-}
+constinit const Command kLoadTestCommand = {.words = "module load-test",
+                                            .help = "Call the module from many threads and check every reply",
+                                            .run = LoadTest,
+                                            .parameters = {kParameters, kModuleParameters, kBlockParameters}};
 
 }  // namespace qx::ctl

@@ -1,8 +1,9 @@
-// qxctl module record: makes calls and keeps each as a file, block, input, result, state word and reply.
+// Makes calls and keeps each as a file: block, input, result, state word and reply.
+#include "tools/qxctl/trial/RecordCommand.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -10,11 +11,12 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Input.h"
 #include "tools/qxctl/cli/OutputFile.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/module/InstanceNames.h"
-#include "tools/qxctl/module/ModuleCommands.h"
 #include "tools/qxctl/module/ReportDocuments.h"
 #include "tools/qxctl/module/StateWord.h"
 #include "tools/qxctl/trial/CallFile.h"
@@ -125,7 +127,22 @@ Status CheckTransfer(const Options& options) {
   return {};
 }
 
-Status Record(Context& context, const Options& options) {
+Options OptionsOf(const Values& values) {
+  Options options;
+  options.call = CallOptionsOf(values);
+  options.target = values.Text("TARGET");
+  options.function = values.Text("FUNCTION");
+  options.input = values.Text("--input");
+  options.request.name = values.Text("NAME");
+  options.request.start_index = static_cast<std::int32_t>(values.Integer("--start", 0));
+  if (values.Has("--records")) options.request.record_count = static_cast<std::int32_t>(values.Integer("--records", 0));
+  options.transfer = values.Flag("--transfer");
+  options.force = values.Flag("--force");
+  return options;
+}
+
+Status Record(Context& context, const Values& values) {
+  const Options options = OptionsOf(values);
   if (Status status = CheckTransfer(options); !status.IsOk()) return status;
   std::string input;
   if (Status status = MakeInput(options, input); !status.IsOk()) return status;
@@ -136,23 +153,39 @@ Status Record(Context& context, const Options& options) {
   return Keep(context, options, MakeCall(worker, FunctionOf(options), input));
 }
 
+constexpr std::string_view kFunctionNames[] = {"what", "reflect", "reports", "names"};
+
+constexpr Parameter kParameters[] = {
+    {.name = "TARGET", .kind = ValueKind::kFile, .help = "File, or directory for a numbered file", .is_required = true},
+    {.name = "FUNCTION",
+     .kind = ValueKind::kText,
+     .help = "What is called: what, reflect, reports, names",
+     .choices = kFunctionNames,
+     .is_required = true},
+    {.name = "NAME", .kind = ValueKind::kReport, .help = "Report name, below the report directory"},
+    {.name = "--input",
+     .kind = ValueKind::kText,
+     .value = "TEXT",
+     .help = "Request document: TEXT, @FILE, or @- for standard input"},
+    {.name = "--start",
+     .kind = ValueKind::kInteger,
+     .value = "INDEX",
+     .help = "Index of the first record, 0 being the oldest",
+     .limits = kInt32Limits},
+    {.name = "--records",
+     .kind = ValueKind::kInteger,
+     .value = "NUMBER",
+     .help = "Most records in the reply",
+     .limits = kInt32Limits},
+    {.name = "--transfer", .help = "Keep every call of a transfer, to its end"},
+    {.name = "--force", .help = "Replace a file that exists"},
+};
+
 }  // namespace
 
-void AddModuleRecord(CLI::App& module, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command = *module.add_subcommand("record", "Make a call and keep it as a file");
-  command.add_option("TARGET", options->target, "File, or directory for a numbered file")->required();
-  command.add_option("FUNCTION", options->function, "What is called: what, reflect, reports, names")
-      ->required()
-      ->check(CLI::IsMember({"what", "reflect", "reports", "names"}));
-  command.add_option("NAME", options->request.name, "Report name, below the report directory");
-  command.add_option("--input", options->input, "Request document: TEXT, @FILE, or @- for standard input");
-  command.add_option("--start", options->request.start_index, "Index of the first record, 0 being the oldest");
-  command.add_option("--records", options->request.record_count, "Most records in the reply");
-  command.add_flag("--transfer", options->transfer, "Keep every call of a transfer, to its end");
-  command.add_flag("--force", options->force, "Replace a file that exists");
-  AddCallOptions(command, options->call);
-  command.callback([&context, options] { context.run = [&context, options] { return Record(context, *options); }; });
-}
+constinit const Command kRecordCommand = {.words = "module record",
+                                          .help = "Make a call and keep it as a file",
+                                          .run = Record,
+                                          .parameters = {kParameters, kModuleParameters, kBlockParameters}};
 
 }  // namespace qx::ctl

@@ -1,5 +1,6 @@
-// qxctl module replay: makes the calls of files again and compares what comes back, byte for byte.
-#include <CLI/CLI.hpp>
+// Makes the calls of files again and compares what comes back, byte for byte.
+#include "tools/qxctl/trial/ReplayCommand.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <memory>
@@ -7,10 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Input.h"
+#include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/module/CallOptions.h"
-#include "tools/qxctl/module/ModuleCommands.h"
 #include "tools/qxctl/module/StateWord.h"
 #include "tools/qxctl/trial/CallDiff.h"
 #include "tools/qxctl/trial/CallFile.h"
@@ -23,7 +26,6 @@ struct Options {
   CallOptions call;  // the module alone; the block is the file's
   std::vector<std::string> paths;
   std::vector<std::string> ignored;  // attributes
-  bool json = false;
 };
 
 struct Replayed {
@@ -166,7 +168,8 @@ Json ToJson(const std::vector<Replayed>& replayed, const Status& status) {
   return json;
 }
 
-Status Replay(Context& context, const Options& options) {
+Status Replay(Context& context, const Values& values) {
+  const Options options = {{values.Text("--module"), {}}, values.Texts("FILE"), values.Texts("--ignore")};
   std::vector<std::string> files;
   if (Status status = FilesOf(options, files); !status.IsOk()) return status;
   std::unique_ptr<ModuleHost> module;
@@ -174,23 +177,30 @@ Status Replay(Context& context, const Options& options) {
   std::vector<Replayed> replayed;
   if (Status status = ReplayAll(*module, options, files, replayed); !status.IsOk()) return status;
   const Status status = StatusOf(replayed);
-  const Status printed =
-      options.json ? context.output.Document(ToJson(replayed, status)) : context.output.Data(ToText(replayed));
-  return printed.IsOk() ? status : printed;
+  return ShowResult(
+      context, values, [&] { return ToJson(replayed, status); }, [&] { return ToText(replayed); }, status);
 }
+
+constexpr Parameter kParameters[] = {
+    {.name = "FILE",
+     .kind = ValueKind::kFile,
+     .help = "Recorded calls in their order; a directory stands for its .json files",
+     .is_required = true,
+     .is_repeatable = true},
+    {.name = "--ignore",
+     .kind = ValueKind::kText,
+     .value = "NAME,...",
+     .help = "Attributes of the reply that may differ, such as version,date",
+     .is_repeatable = true,
+     .is_list = true},
+    {.name = "--json", .help = "Print the differences as JSON"},
+};
 
 }  // namespace
 
-void AddModuleReplay(CLI::App& module, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command = *module.add_subcommand("replay", "Make recorded calls again and compare what comes back");
-  command.add_option("FILE", options->paths, "Recorded calls in their order; a directory stands for its .json files")
-      ->required();
-  command.add_option("--ignore", options->ignored, "Attributes of the reply that may differ, such as version,date")
-      ->delimiter(',');
-  command.add_flag("--json", options->json, "Print the differences as JSON");
-  AddModuleOption(command, options->call);
-  command.callback([&context, options] { context.run = [&context, options] { return Replay(context, *options); }; });
-}
+constinit const Command kReplayCommand = {.words = "module replay",
+                                          .help = "Make recorded calls again and compare what comes back",
+                                          .run = Replay,
+                                          .parameters = {kParameters, kModuleParameters}};
 
 }  // namespace qx::ctl

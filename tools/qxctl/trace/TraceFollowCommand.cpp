@@ -1,7 +1,6 @@
-// qxctl trace follow: the entries of a trace file as they are written, across wraps and restarts, until ^C.
-#include "debug/tools/TraceFollow.h"
+// The entries of a trace file as they are written, across wraps and restarts, until ^C.
+#include "tools/qxctl/trace/TraceFollowCommand.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -9,8 +8,12 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "debug/tools/TraceFollow.h"
+#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
-#include "tools/qxctl/trace/TraceCommands.h"
+#include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/trace/TraceFilterOptions.h"
+#include "tools/qxctl/trace/TraceText.h"
 
 namespace qx::ctl {
 
@@ -92,7 +95,9 @@ Status Watch(debug::TraceFollower& follower, const Options& options, FollowPrint
   return {};
 }
 
-Status Follow(Context& context, const Options& options) {
+Status Follow(Context& context, const Values& values) {
+  const Options options = {values.Text("FILE"), TraceFilterOptionsOf(values), values.Flag("--from-now"),
+                           values.Flag("--json")};
   TraceFilter filter;
   if (Status status = MakeFilter(options.filter, filter); !status.IsOk()) return status;
   debug::TraceFollower follower(options.path, options.from_now);
@@ -103,17 +108,19 @@ Status Follow(Context& context, const Options& options) {
   return Watch(follower, options, printer);
 }
 
+constexpr Parameter kParameters[] = {
+    {.name = "FILE", .kind = ValueKind::kFile, .help = "A log or ring file", .is_required = true},
+    {.name = "--from-now", .help = "Leave out what the file already has"},
+};
+
+constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print each entry as one line of JSON"}};
+
 }  // namespace
 
-void AddTraceFollow(CLI::App& trace, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command =
-      *trace.add_subcommand("follow", "Print the entries of a trace file as they are written, until ^C");
-  command.add_option("FILE", options->path, "A log or ring file")->required();
-  command.add_flag("--from-now", options->from_now, "Leave out what stands in the file already");
-  AddTraceFilterOptions(command, options->filter);
-  command.add_flag("--json", options->json, "Print each entry as one line of JSON");
-  command.callback([&context, options] { context.run = [&context, options] { return Follow(context, *options); }; });
-}
+constinit const Command kTraceFollowCommand = {
+    .words = "trace follow",
+    .help = "Print the entries of a trace file as they are written, until ^C",
+    .run = Follow,
+    .parameters = {kParameters, kTraceFilterParameters, kJsonParameters}};
 
 }  // namespace qx::ctl

@@ -1,4 +1,4 @@
-#include "tools/qxctl/cli/ChildRun.h"
+#include "tools/qxctl/module/ChildRun.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,23 +1,21 @@
-// qxctl trace config: each setting of the traces, and which file, section or variable it comes from.
-#include <CLI/CLI.hpp>
+// Each setting of the traces, and which file, section or variable it comes from.
+#include "tools/qxctl/trace/TraceConfigCommand.h"
+
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "debug/tools/TraceSettingSources.h"
-#include "tools/qxctl/trace/TraceCommands.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Result.h"
+#include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/trace/TraceText.h"
 
 namespace qx::ctl {
 
 namespace {
 
 using debug::SettingSource;
-
-struct Options {
-  std::string app_name = "QXRemConXfer";
-  std::string directory = debug::kTraceConfigDirectory;
-  bool json = false;
-};
 
 const char* KindName(SettingSource::Kind kind) {
   switch (kind) {
@@ -56,8 +54,8 @@ std::string ToText(const std::vector<SettingSource>& sources) {
   return text;
 }
 
-Json ToJson(const Options& options, const std::vector<SettingSource>& sources) {
-  Json document = {{"application", options.app_name}, {"directory", options.directory}, {"settings", Json::array()}};
+Json ToJson(const std::string& application, const std::string& directory, const std::vector<SettingSource>& sources) {
+  Json document = {{"application", application}, {"directory", directory}, {"settings", Json::array()}};
   for (const SettingSource& source : sources) {
     Json setting = {{"setting", source.setting}, {"value", source.value}, {"source", KindName(source.kind)}};
     if (source.kind == SettingSource::Kind::kEnvironment) setting["variable"] = source.name;
@@ -71,21 +69,31 @@ Json ToJson(const Options& options, const std::vector<SettingSource>& sources) {
   return document;
 }
 
-Status Config(Context& context, const Options& options) {
-  const std::vector<SettingSource> sources = debug::ReadSettingSources(options.app_name, options.directory);
-  return options.json ? context.output.Document(ToJson(options, sources)) : context.output.Data(ToText(sources));
+Status Config(Context& context, const Values& values) {
+  const std::string application = values.Text("--app", "QXRemConXfer");
+  const std::string directory = values.Text("--directory", debug::kTraceConfigDirectory);
+  const std::vector<SettingSource> sources = debug::ReadSettingSources(application, directory);
+  return ShowResult(
+      context, values, [&] { return ToJson(application, directory, sources); }, [&] { return ToText(sources); });
 }
+
+constexpr Parameter kParameters[] = {
+    {.name = "--app",
+     .kind = ValueKind::kText,
+     .value = "NAME",
+     .help = "Name of the application (default QXRemConXfer)"},
+    {.name = "--directory",
+     .kind = ValueKind::kDirectory,
+     .value = "DIR",
+     .help = "Directory of the settings files, instead of the system's"},
+    {.name = "--json", .help = "Print them as JSON"},
+};
 
 }  // namespace
 
-void AddTraceConfig(CLI::App& trace, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command = *trace.add_subcommand("config", "Print each trace setting and where it comes from");
-  command.add_option("--app", options->app_name, "Name of the application (default QXRemConXfer)");
-  command.add_option("--directory", options->directory, "Directory of the settings files, instead of the system's")
-      ->type_name("DIR");
-  command.add_flag("--json", options->json, "Print them as JSON");
-  command.callback([&context, options] { context.run = [&context, options] { return Config(context, *options); }; });
-}
+constinit const Command kTraceConfigCommand = {.words = "trace config",
+                                               .help = "Print each trace setting and where it comes from",
+                                               .run = Config,
+                                               .parameters = {kParameters}};
 
 }  // namespace qx::ctl

@@ -2,13 +2,12 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "tools/qxctl/cli/CommandTable.h"
 
 namespace qx::ctl {
 
 // Two sections in the language of scdoc: OPTIONS, of every command, and COMMANDS with the options of each.
-std::string ManSections(const std::vector<CommandRow>& table);
+std::string ManSections(Commands commands);
 
 }  // namespace qx::ctl

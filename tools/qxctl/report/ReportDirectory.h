@@ -1,18 +1,9 @@
-// The commands of qxctl report that check, save, back up and restore reports; ReportCommand.cpp adds them to its own.
+// Where reports are.
 #pragma once
 
 #include <string>
 
-#include "tools/qxctl/cli/Commands.h"
-
-namespace CLI {
-class App;
-}  // namespace CLI
-
 namespace qx::ctl {
-
-void AddReportCheckCommands(CLI::App& report, Context& context);   // verify, salvage
-void AddReportBackupCommands(CLI::App& report, Context& context);  // backup, restore
 
 // The directory that the registry names; empty if it names an empty one.
 std::string ReportDirectory();

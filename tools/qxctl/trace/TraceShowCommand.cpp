@@ -1,14 +1,18 @@
-// qxctl trace show: the entries of one trace file, or of all in a directory, in the order of time.
+// The entries of one trace file, or of all in a directory, in the order of time.
+#include "tools/qxctl/trace/TraceShowCommand.h"
+
 #include <sys/stat.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "tools/qxctl/trace/TraceCommands.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/trace/TraceFilterOptions.h"
+#include "tools/qxctl/trace/TraceText.h"
 
 namespace qx::ctl {
 
@@ -41,6 +45,13 @@ const char* FindingName(TraceFinding::Kind kind) {
       return "writePosition";
   }
   return "";
+}
+
+Status OpenTraceFile(const std::string& path, debug::TraceFile& file) {
+  const int error = file.Open(path);
+  if (error == 0) return {};
+  if (error == ENOENT) return {ExitCode::kNotFound, "there is no " + path};
+  return Status::Io("cannot open " + path, error);
 }
 
 // One file that is shown, with the entry that comes next.
@@ -208,7 +219,8 @@ ExitCode CollectFindings(Context& context, const Files& files, Json& findings) {
   return code;
 }
 
-Status Show(Context& context, const Options& options) {
+Status Show(Context& context, const Values& values) {
+  const Options options = {values.Text("PATH"), TraceFilterOptionsOf(values), values.Flag("--json")};
   TraceFilter filter;
   if (Status status = MakeFilter(options.filter, filter); !status.IsOk()) return status;
   std::error_code ignored;  // what cannot be looked at is a file, and opening it says why not
@@ -226,15 +238,20 @@ Status Show(Context& context, const Options& options) {
   return {code, ""};
 }
 
+constexpr Parameter kPathParameters[] = {
+    {.name = "PATH",
+     .kind = ValueKind::kFile,
+     .help = "A log or ring file, or a directory with such files (log.*)",
+     .is_required = true},
+};
+
+constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print files, entries and findings as JSON"}};
+
 }  // namespace
 
-void AddTraceShow(CLI::App& trace, Context& context) {
-  const auto options = std::make_shared<Options>();
-  CLI::App& command = *trace.add_subcommand("show", "Print the entries of trace files in the order of time");
-  command.add_option("PATH", options->path, "A log or ring file, or a directory with such files (log.*)")->required();
-  AddTraceFilterOptions(command, options->filter);
-  command.add_flag("--json", options->json, "Print files, entries and findings as JSON");
-  command.callback([&context, options] { context.run = [&context, options] { return Show(context, *options); }; });
-}
+constinit const Command kTraceShowCommand = {.words = "trace show",
+                                             .help = "Print the entries of trace files in the order of time",
+                                             .run = Show,
+                                             .parameters = {kPathParameters, kTraceFilterParameters, kJsonParameters}};
 
 }  // namespace qx::ctl

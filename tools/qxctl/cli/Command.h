@@ -1,0 +1,81 @@
+// What a command of qxctl is: plain data. The parser, --help, the manual page, the completion scripts, the tables in
+// the documentation and the list of JSON schemas all read this data, so none of them can differ from what qxctl
+// accepts.
+//
+// A source of a command defines a `const Command` whose tables are constexpr, and a function that runs it. It knows
+// nothing of the argument parser.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "tools/qxctl/cli/Status.h"
+
+namespace qx::ctl {
+
+struct Context;
+class Values;
+
+// What an argument or the value of an option is.
+enum class ValueKind : std::uint8_t {
+  kNone,  // an option that is only given or not
+  kText,
+  kInteger,
+  kNumber,  // may have a fraction
+  kFile,
+  kDirectory,
+  kReport,        // the name of a report in the report directory
+  kStore,         // the path of a report's two files without their endings
+  kReportOrStore  // either of them
+};
+
+// Both ends are valid.
+struct Limits {
+  double min;
+  double max;
+};
+
+inline constexpr Limits kInt32Limits = {-2147483648.0, 2147483647.0};
+inline constexpr Limits kUint32Limits = {0, 4294967295.0};
+inline constexpr Limits kPositiveInt32 = {1, 2147483647.0};
+inline constexpr Limits kNatural = {0, 9007199254740992.0};                              // 2^53
+inline constexpr Limits kPositive = {1, 9007199254740992.0};                             // 2^53
+inline constexpr Limits kAboveZero = {2.2250738585072014e-308, 1.7976931348623157e308};  // any positive number
+
+// An argument ("NAME") or an option ("--output").
+struct Parameter {
+  std::string_view name;         // begins with "--" if it is an option
+  std::string_view letter = {};  // the option's short name, "-o"
+  ValueKind kind = ValueKind::kNone;
+  std::string_view value = {};  // how help shows an option's value: "FILE"; empty if the choices show it
+  std::string_view help;
+  std::string_view group = {};  // the heading in --help; empty: "Options"
+
+  std::span<const std::string_view> choices = {};         // not empty: the only values
+  bool ignores_case = false;                              // of the choices
+  Limits limits = {};                                     // of an integer or a number
+  std::string_view (*check)(std::string_view) = nullptr;  // what is wrong with a text; empty: nothing
+  std::string_view default_value = {};                    // what help shows; the command itself applies it
+
+  bool is_required = false;
+  bool is_repeatable = false;
+  bool is_list = false;  // values may also be separated by commas
+
+  std::string_view needs = {};                    // the option without which this one has no meaning
+  std::array<std::string_view, 2> excludes = {};  // parameters that cannot be given together with this one
+};
+
+constexpr bool IsOption(const Parameter& parameter) { return parameter.name.starts_with("--"); }
+
+// One command, or a group of commands ("report") if it has nothing to run.
+struct Command {
+  std::string_view words;  // after "qxctl": "report info"
+  std::string_view help;
+  Status (*run)(Context& context, const Values& values) = nullptr;
+  std::array<std::span<const Parameter>, 5> parameters = {};  // its own, and those that several commands share
+  bool is_hidden = false;                                     // for scripts and the build, not for people
+};
+
+}  // namespace qx::ctl

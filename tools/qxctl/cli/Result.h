@@ -1,0 +1,17 @@
+// How a command shows what it found.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Values.h"
+
+namespace qx::ctl {
+
+// For a command that has the option --json: prints the document if it is given, else the text. Returns `status`, or why
+// the print failed.
+Status ShowResult(Context& context, const Values& values, const std::function<Json()>& document,
+                  const std::function<std::string()>& text, const Status& status = {});
+
+}  // namespace qx::ctl

@@ -1,0 +1,50 @@
+// What the command line gave for the parameters of a command.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/qxctl/cli/Command.h"
+
+namespace qx::ctl {
+
+// The member of the parameter's kind holds what was given; the others stay empty.
+struct Value {
+  const Parameter* parameter = nullptr;
+  bool is_given = false;
+  bool flag = false;
+  std::int64_t integer = 0;
+  double number = 0;
+  std::string text;
+  std::vector<std::string> texts;      // of a repeatable parameter
+  std::vector<std::int64_t> integers;  // of a repeatable integer
+};
+
+// Values are asked for by the name of their parameter. To ask for a name that the command does not have, or as another
+// kind, is a mistake of ours and ends the process.
+//
+// Threads: any number may read.
+class Values {
+ public:
+  // For the parser. The address is valid as long as this object.
+  Value& Add(const Parameter& parameter);
+  const std::deque<Value>& All() const { return values_; }
+
+  bool Has(std::string_view name) const;
+  bool Flag(std::string_view name) const;
+  std::string Text(std::string_view name, std::string_view otherwise = {}) const;
+  std::vector<std::string> Texts(std::string_view name) const;
+  std::int64_t Integer(std::string_view name, std::int64_t otherwise) const;
+  std::vector<std::int64_t> Integers(std::string_view name) const;
+  double Number(std::string_view name, double otherwise) const;
+
+ private:
+  const Value& Find(std::string_view name) const;
+
+  std::deque<Value> values_;  // a deque: growing does not move what the parser writes to
+};
+
+}  // namespace qx::ctl

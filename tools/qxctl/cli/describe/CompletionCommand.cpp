@@ -1,0 +1,48 @@
+#include "tools/qxctl/cli/describe/CompletionCommand.h"
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "tools/qxctl/cli/CommandTable.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Input.h"
+#include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/describe/Completion.h"
+#include "tools/qxctl/cli/describe/ManText.h"
+
+namespace qx::ctl {
+
+namespace {
+
+constexpr std::string_view kPlaceOfSections = "@COMMANDS@\n";
+constexpr std::string_view kShells[] = {"bash", "zsh"};
+
+constexpr Parameter kParameters[] = {
+    {.name = "SHELL", .kind = ValueKind::kText, .help = "The shell", .choices = kShells, .is_required = true},
+};
+
+Status PrintCompletion(Context& context, const Values& values) {
+  const bool is_bash = values.Text("SHELL") == "bash";
+  return context.output.Data(is_bash ? BashCompletion(context.commands) : ZshCompletion(context.commands));
+}
+
+Status PrintTable(Context& context, const Values&) { return context.output.Document(ToJson(context.commands)); }
+
+Status PrintMan(Context& context, const Values&) {
+  std::string page;
+  if (Status status = ReadArgument("@-", page); !status.IsOk()) return status;
+  const std::size_t at = page.find(kPlaceOfSections);
+  if (at == std::string::npos) return {ExitCode::kNotFound, "the page has no line @COMMANDS@"};
+  return context.output.Data(page.replace(at, kPlaceOfSections.size(), ManSections(context.commands)));
+}
+
+}  // namespace
+
+constinit const Command kCompletionCommand = {.words = "completion",
+                                              .help = "Print a completion script for a shell",
+                                              .run = PrintCompletion,
+                                              .parameters = {kParameters}};
+constinit const Command kTableCommand = {.words = "_table", .help = "", .run = PrintTable, .is_hidden = true};
+constinit const Command kManCommand = {.words = "_man", .help = "", .run = PrintMan, .is_hidden = true};
+
+}  // namespace qx::ctl

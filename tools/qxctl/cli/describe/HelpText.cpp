@@ -1,0 +1,116 @@
+#include "tools/qxctl/cli/describe/HelpText.h"
+
+#include <algorithm>
+
+namespace qx::ctl {
+
+namespace {
+
+constexpr std::size_t kNameWidth = 30;
+
+// "required; 1 to 6; needs --trace"; empty if there is nothing more to know.
+std::string RemarksOn(const Parameter& parameter) {
+  std::vector<std::string> remarks;
+  if (parameter.is_required) remarks.emplace_back("required");
+  if (const std::string limits = ShownLimits(parameter); !limits.empty()) remarks.push_back(limits);
+  if (!parameter.default_value.empty()) remarks.push_back("default " + std::string(parameter.default_value));
+  if (!parameter.needs.empty()) remarks.push_back("needs " + std::string(parameter.needs));
+  std::vector<std::string> excluded;
+  for (const std::string_view other : parameter.excludes) {
+    if (!other.empty()) excluded.emplace_back(other);
+  }
+  if (!excluded.empty()) remarks.push_back("not with " + Joined(excluded, " or "));
+  return Joined(remarks, "; ");
+}
+
+// "  -o, --output FILE           Write the records to this file\n"; a long name has a line of its own.
+std::string Line(const std::string& name, const std::string& help) {
+  std::string text = "  " + name;
+  if (text.size() + 1 > kNameWidth) text += "\n";
+  const std::size_t begin = text.ends_with('\n') ? text.size() : 0;
+  text.resize(std::max(text.size(), begin + kNameWidth), ' ');
+  return text + help + "\n";
+}
+
+// "-o, --output FILE"
+std::string ShownOption(const Parameter& option) {
+  std::string text = (option.letter.empty() ? "" : std::string(option.letter) + ", ") + std::string(option.name);
+  const std::string value = ShownValue(option);
+  return value.empty() ? text : text + " " + value;
+}
+
+// "NAME", "[NAME]", "TEXT..."
+std::string ShownArgument(const Parameter& argument) {
+  const std::string text = std::string(argument.name) + (argument.is_repeatable ? "..." : "");
+  return argument.is_required ? text : "[" + text + "]";
+}
+
+std::string UsageLine(const Command& command, bool is_group) {
+  std::string text = "Usage: " + FullName(command);
+  if (is_group) text += " COMMAND";
+  for (const Parameter* const argument : ArgumentsOf(command)) text += " " + ShownArgument(*argument);
+  return text + " [OPTIONS]\n";
+}
+
+std::string ArgumentLines(const Command& command) {
+  std::string text;
+  for (const Parameter* const argument : ArgumentsOf(command)) {
+    text += Line(std::string(argument->name), HelpWithRemarks(*argument));
+  }
+  return text.empty() ? "" : "\nArguments:\n" + text;
+}
+
+// The groups in the order in which they first occur; "Options" has no name in the table and comes first, with --help.
+std::string OptionLines(const Command& command) {
+  std::vector<std::string_view> groups;
+  std::vector<std::string> lines;
+  for (const Parameter* const option : OptionsOf(command)) {
+    const auto known = std::find(groups.begin(), groups.end(), option->group);
+    const auto at = static_cast<std::size_t>(known - groups.begin());
+    if (known == groups.end()) {
+      groups.push_back(option->group);
+      lines.emplace_back();
+    }
+    lines[at] += Line(ShownOption(*option), HelpWithRemarks(*option));
+  }
+  std::string text;
+  for (std::size_t i = 0; i < groups.size(); ++i) {
+    text += "\n" + std::string(groups[i].empty() ? "Options" : groups[i]) + ":\n" + lines[i];
+  }
+  return text;
+}
+
+std::string CommandLines(const std::vector<const Command*>& below) {
+  std::string text;
+  for (const Command* const command : below) text += Line(std::string(LastWord(*command)), std::string(command->help));
+  return text.empty() ? "" : "\nCommands:\n" + text;
+}
+
+// The names of the options of qxctl itself: "--quiet, --verbose and --color"
+std::string NamesOfGlobalOptions(const Command& qxctl) {
+  std::vector<std::string> names;
+  for (const Parameter* const option : OptionsOf(qxctl)) {
+    if (!IsAnsweredAtOnce(*option)) names.emplace_back(option->name);
+  }
+  const std::string last = names.back();
+  names.pop_back();
+  return Joined(names, ", ") + " and " + last;
+}
+
+}  // namespace
+
+std::string HelpWithRemarks(const Parameter& parameter) {
+  const std::string remarks = RemarksOn(parameter);
+  return std::string(parameter.help) + (remarks.empty() ? "" : " (" + remarks + ")");
+}
+
+std::string HelpText(Commands commands, const Command& command) {
+  const std::vector<const Command*> below = Subcommands(commands, command);
+  const Command& qxctl = *commands.front();
+  std::string text = std::string(command.help) + "\n" + UsageLine(command, !below.empty()) + ArgumentLines(command) +
+                     OptionLines(command) + CommandLines(below);
+  if (&command != &qxctl) text += "\n" + NamesOfGlobalOptions(qxctl) + " may stand before or after any command\n";
+  return text;
+}
+
+}  // namespace qx::ctl

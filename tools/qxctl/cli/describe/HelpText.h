@@ -1,0 +1,16 @@
+// What --help prints, made from the command table.
+#pragma once
+
+#include <string>
+
+#include "tools/qxctl/cli/CommandTable.h"
+
+namespace qx::ctl {
+
+// The page of one command: its help, how to call it, its arguments, its options by group, its subcommands.
+std::string HelpText(Commands commands, const Command& command);
+
+// The help of a parameter, and what else there is to know: "Records that the ring keeps (required; 1 to 1000)"
+std::string HelpWithRemarks(const Parameter& parameter);
+
+}  // namespace qx::ctl

@@ -1,0 +1,83 @@
+# shellcheck shell=bash
+# Completion of qxctl for bash, made by "qxctl completion bash".
+#
+# The tables hold what qxctl knows about its commands; their keys begin with the words of a command:
+#   _qxctl_words      the words that may come next
+#   _qxctl_options    the options of the command
+#   _qxctl_values     "COMMAND OPTION": the kind of the option's value
+#   _qxctl_arguments  the kinds of its arguments, in order; "..." after the last one says that it may be repeated
+#
+# The kinds:
+#   @file @dir   a path               @report  a report of the report directory
+#   @store       a report's path      @either  one of these two
+#   @none        anything             a|b|c    one of these
+declare -gA _qxctl_words _qxctl_options _qxctl_values _qxctl_arguments
+#@TABLES@
+
+# Completes $2 as a value of kind $1; $3 is the qxctl that is called.
+_qxctl_offer() {
+  local found
+  case $1 in
+    '' | @none) ;;
+    @file) mapfile -t COMPREPLY < <(compgen -f -- "$2") ;;
+    @dir) mapfile -t COMPREPLY < <(compgen -d -- "$2") ;;
+    @report)
+      while IFS= read -r found; do
+        [[ $found == "$2"* ]] && COMPREPLY+=("$found")
+      done < <("${3/#\~\//$HOME/}" _reports 2>/dev/null)
+      ;;
+    @store)
+      while IFS= read -r found; do
+        if [[ $found == *.ind ]]; then
+          COMPREPLY+=("${found%.ind}")
+        elif [[ -d $found ]]; then
+          COMPREPLY+=("$found")
+        fi
+      done < <(compgen -f -- "$2")
+      ;;
+    @either)
+      [[ $2 == */* ]] || _qxctl_offer @report "$2" "$3"
+      _qxctl_offer @store "$2" "$3"
+      ;;
+    *) mapfile -t COMPREPLY < <(compgen -W "${1//|/ }" -- "$2") ;;
+  esac
+  [[ $1 == @* ]] && compopt -o filenames 2>/dev/null
+  return 0
+}
+
+_qxctl() {
+  local current=${COMP_WORDS[COMP_CWORD]} place=qxctl kind='' ended='' given=0 word i
+  local -a kinds
+  COMPREPLY=()
+  for ((i = 1; i < COMP_CWORD; i++)); do
+    word=${COMP_WORDS[i]}
+    if [[ -n $kind && $word == = ]]; then  # --color=always comes as three words
+      continue
+    elif [[ -n $kind ]]; then
+      kind=''
+    elif [[ -z $ended && $word == -- ]]; then
+      ended=1
+    elif [[ -z $ended && $word == -?* ]]; then
+      kind=${_qxctl_values["$place $word"]:-${_qxctl_values["qxctl $word"]}}
+    elif [[ -z $ended && " ${_qxctl_words[$place]} " == *" $word "* ]]; then
+      place+=" $word"
+    else
+      given=$((given + 1))
+    fi
+  done
+  [[ -n $kind && $current == = ]] && current=''
+  if [[ -n $kind ]]; then
+    _qxctl_offer "$kind" "$current" "$1"
+  elif [[ -z $ended && $current == -* ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "${_qxctl_options[$place]}" -- "$current")
+  elif [[ -n ${_qxctl_words[$place]} ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "${_qxctl_words[$place]}" -- "$current")
+  else
+    read -ra kinds <<<"${_qxctl_arguments[$place]}"
+    kind=${kinds[given]:-}
+    [[ -z $kind && ${#kinds[@]} -gt 0 && ${kinds[-1]} == *... ]] && kind=${kinds[-1]}
+    _qxctl_offer "${kind%...}" "$current" "$1"
+  fi
+}
+
+complete -F _qxctl qxctl

@@ -1,0 +1,10 @@
+// qxctl doctor
+#pragma once
+
+#include "tools/qxctl/cli/Command.h"
+
+namespace qx::ctl {
+
+extern const Command kDoctorCommand;
+
+}  // namespace qx::ctl

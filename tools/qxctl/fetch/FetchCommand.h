@@ -1,0 +1,10 @@
+// qxctl fetch
+#pragma once
+
+#include "tools/qxctl/cli/Command.h"
+
+namespace qx::ctl {
+
+extern const Command kFetchCommand;
+
+}  // namespace qx::ctl

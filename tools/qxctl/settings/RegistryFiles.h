@@ -1,0 +1,45 @@
+// The registry files that a command works on.
+#pragma once
+
+#include <string>
+
+#include "registry/RegistryNode.h"
+#include "registry/RegistryPaths.h"
+#include "tools/qxctl/cli/Command.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Values.h"
+
+namespace qx::ctl {
+
+// Which registry a command works on.
+struct RegistrySource {
+  std::string directory = registry::kSystemDirectory;
+  std::string file;  // not empty: this one file alone
+
+  // The file that a save writes.
+  [[nodiscard]] std::string Path() const { return file.empty() ? directory + "/registry" : file; }
+};
+
+inline constexpr Parameter kRegistryParameters[] = {
+    {.name = "--directory",
+     .kind = ValueKind::kDirectory,
+     .value = "DIR",
+     .help = "Directory of the registry's files",
+     .default_value = registry::kSystemDirectory},
+    {.name = "--file",
+     .kind = ValueKind::kFile,
+     .value = "FILE",
+     .help = "Use this one file instead, such as a backup",
+     .excludes = {"--directory"}},
+};
+
+// From a command with kRegistryParameters.
+RegistrySource RegistrySourceOf(const Values& values);
+
+// Loads the tree of the file, or of the first good one of the directory; a note says so when it was not the first.
+Status LoadTree(Context& context, const RegistrySource& source, CRegistryNode& tree);
+
+// Reads a tree from a file or, for "-", from standard input. `bytes` are what was read.
+Status ReadTreeFile(const std::string& file, CRegistryNode& tree, std::string& bytes);
+
+}  // namespace qx::ctl

@@ -1,0 +1,10 @@
+// qxctl module load-test
+#pragma once
+
+#include "tools/qxctl/cli/Command.h"
+
+namespace qx::ctl {
+
+extern const Command kLoadTestCommand;
+
+}  // namespace qx::ctl
