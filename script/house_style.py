@@ -51,8 +51,10 @@ AREAS = {
     "doctor": {"cli", "module"},
 }
 for area, others in AREAS.items():
-    LAYERS[f"tools/qxctl/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{other}" for other in others}
-LAYERS["tools/qxctl/cli/describe"] = {"tools/qxctl/cli"}  # the same area: what describes the commands
+    LAYERS[f"tools/qxctl/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{other}" for other in [*others, "cli/text"]}
+# Of the area cli as well: texts and documents, and what describes the commands.
+LAYERS["tools/qxctl/cli/text"] = {"markup"}
+LAYERS["tools/qxctl/cli/describe"] = {"tools/qxctl/cli", "tools/qxctl/cli/text"}
 LAYERS["tools/qxctl"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{area}" for area in [*AREAS, "cli/describe"]}
 
 TOP_FOLDERS = {layer.split("/")[0] for layer in LAYERS} - {"paths"}

@@ -9,7 +9,7 @@
 
 namespace {
 
-using qx::ctl::Json;
+using Json = qx::ctl::CallJson;
 using qx::ctl::RecordedCall;
 
 void Require(bool holds) {

@@ -19,7 +19,7 @@ namespace {
 using ctl::BlockFromJson;
 using ctl::BlockToJson;
 using ctl::CallFileText;
-using ctl::Json;
+using Json = ctl::CallJson;
 using ctl::ParseCallFile;
 using ctl::RawBlock;
 using ctl::RecordedCall;

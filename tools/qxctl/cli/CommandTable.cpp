@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <nlohmann/json.hpp>
 
 namespace qx::ctl {
 
@@ -55,12 +54,12 @@ Json SchemaOf(const Command& command) {
 }
 
 Json CommandToJson(Commands commands, const Command& command) {
-  Json subcommands = Json::array();
-  for (const Command* const below : Subcommands(commands, command)) subcommands.push_back(LastWord(*below));
-  Json options = Json::array();
-  for (const Parameter* const option : OptionsOf(command)) options.push_back(OptionToJson(*option));
-  Json arguments = Json::array();
-  for (const Parameter* const argument : ArgumentsOf(command)) arguments.push_back(ArgumentToJson(*argument));
+  Json subcommands = Json::Array();
+  for (const Command* const below : Subcommands(commands, command)) subcommands.Append(LastWord(*below));
+  Json options = Json::Array();
+  for (const Parameter* const option : OptionsOf(command)) options.Append(OptionToJson(*option));
+  Json arguments = Json::Array();
+  for (const Parameter* const argument : ArgumentsOf(command)) arguments.Append(ArgumentToJson(*argument));
   return {{"command", FullName(command)},          {"help", command.help},
           {"subcommands", std::move(subcommands)}, {"options", std::move(options)},
           {"arguments", std::move(arguments)},     {"schema", SchemaOf(command)}};
@@ -142,8 +141,8 @@ std::string Joined(const std::vector<std::string>& words, std::string_view separ
 }
 
 Json ToJson(Commands commands) {
-  Json rows = Json::array();
-  for (const Command* const command : ShownCommands(commands)) rows.push_back(CommandToJson(commands, *command));
+  Json rows = Json::Array();
+  for (const Command* const command : ShownCommands(commands)) rows.Append(CommandToJson(commands, *command));
   return rows;
 }
 

@@ -1,6 +1,6 @@
 #include "tools/qxctl/cli/FileStatus.h"
 
-#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/text/Text.h"
 
 namespace qx::ctl {
 

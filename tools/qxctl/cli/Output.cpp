@@ -5,10 +5,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
-#include <nlohmann/json.hpp>
 
 #include "base/File.h"
 #include "tools/qxctl/cli/WriteAll.h"
+#include "tools/qxctl/cli/text/JsonText.h"
 
 namespace qx::ctl {
 
@@ -71,10 +71,7 @@ Status Output::Data(std::string_view bytes) {
   return written_;
 }
 
-Status Output::Document(const Json& document) {
-  constexpr int kIndent = 2;
-  return Data(document.dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n");
-}
+Status Output::Document(const Json& document) { return Data(JsonText(document) + "\n"); }
 
 std::string Output::Paint(Style style, std::string_view text) const { return Painted(color_out_, style, text); }
 

@@ -1,16 +1,13 @@
 // The one place where qxctl prints: data goes to standard output, everything else to standard error.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 
 #include "tools/qxctl/cli/Status.h"
+#include "tools/qxctl/cli/text/Json.h"
 
 namespace qx::ctl {
-
-// Keys stay in the order in which a command adds them.
-using Json = nlohmann::ordered_json;
 
 // How much is said on standard error besides problems: nothing, notes and progress, or details as well.
 enum class Verbosity { kQuiet, kNormal, kVerbose };

@@ -1,7 +1,5 @@
 #include "tools/qxctl/cli/Result.h"
 
-#include <nlohmann/json.hpp>
-
 namespace qx::ctl {
 
 Status ShowResult(Context& context, const Values& values, const std::function<Json()>& document,

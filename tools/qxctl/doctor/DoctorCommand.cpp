@@ -3,13 +3,12 @@
 
 #include <algorithm>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/doctor/Doctor.h"
 #include "tools/qxctl/doctor/Explanations.h"
 #include "tools/qxctl/module/ModuleHost.h"
@@ -52,13 +51,13 @@ std::string ToText(const DoctorFindings& findings) {
 }
 
 Json ToJson(const DoctorFindings& findings, const Status& status) {
-  Json json = {{"findings", Json::array()}};
+  Json json = {{"findings", Json::Array()}};
   for (const DoctorFinding& finding : findings) {
-    json["findings"].push_back({{"section", SectionOf(finding.code)},
-                                {"code", finding.code},
-                                {"severity", NameOf(SeverityOf(finding.code))},
-                                {"fact", Visible(finding.fact)},
-                                {"fix", ExplainFinding(finding.code).action}});
+    json["findings"].Append({{"section", SectionOf(finding.code)},
+                             {"code", finding.code},
+                             {"severity", NameOf(SeverityOf(finding.code))},
+                             {"fact", Visible(finding.fact)},
+                             {"fix", ExplainFinding(finding.code).action}});
   }
   json["exitCode"] = static_cast<int>(status.Code());
   return json;

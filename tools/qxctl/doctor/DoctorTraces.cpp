@@ -16,7 +16,7 @@
 #include <string>
 #include <utility>
 
-#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/doctor/Doctor.h"
 
 namespace qx::ctl {

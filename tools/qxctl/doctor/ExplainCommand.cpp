@@ -2,14 +2,13 @@
 #include "tools/qxctl/doctor/ExplainCommand.h"
 
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/doctor/Explanations.h"
 
 namespace qx::ctl {
@@ -22,13 +21,13 @@ std::string ToText(const Explanation& one) {
 }
 
 Json ToJson(const std::vector<const Explanation*>& found) {
-  Json json = {{"explanations", Json::array()}};
+  Json json = {{"explanations", Json::Array()}};
   for (const Explanation* const one : found) {
-    json["explanations"].push_back({{"kind", NameOf(one->kind)},
-                                    {"code", one->code},
-                                    {"meaning", one->meaning},
-                                    {"cause", one->cause},
-                                    {"action", one->action}});
+    json["explanations"].Append({{"kind", NameOf(one->kind)},
+                                 {"code", one->code},
+                                 {"meaning", one->meaning},
+                                 {"cause", one->cause},
+                                 {"action", one->action}});
   }
   return json;
 }

@@ -9,7 +9,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/fetch/FieldSeries.h"
 
 namespace qx::ctl {

@@ -3,7 +3,6 @@
 
 #include <cstdio>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -148,7 +147,7 @@ std::string SummaryLine(const std::string& report, const ResumeResult& result) {
 
 Json ResumeToJson(const Options& options, const ResumeResult& result) {
   Json object = {{"state", options.state}, {"delivered", result.delivered}, {"maybeRepeated", result.maybe_repeated}};
-  object.update(ToJson(result.tally));
+  object.Merge(ToJson(result.tally));
   return object;
 }
 

@@ -16,6 +16,8 @@ namespace qx::ctl {
 
 namespace {
 
+using Library = nlohmann::ordered_json;
+
 constexpr int kStateVersion = 1;
 constexpr std::size_t kStateBytesMax = std::size_t{1} << 20;
 constexpr int kHexBase = 16;
@@ -33,10 +35,10 @@ bool ParseHash(const std::string& text, std::uint64_t& hash) {
   return text.size() == kHashDigits && parsed.ec == std::errc() && parsed.ptr == end;
 }
 
-Json ToJson(const FetchState& state) {
-  Json overlap = Json::array();
+Library ToJson(const FetchState& state) {
+  Library overlap = Library::array();
   for (const std::uint64_t hash : state.position.overlap) overlap.push_back(HashText(hash));
-  Json document = {{"qxctlFetchState", kStateVersion}};
+  Library document = {{"qxctlFetchState", kStateVersion}};
   document["report"] = state.report;
   document["format"] = NameOf(state.format.format);
   document["fields"] = state.format.separator;
@@ -51,8 +53,8 @@ Json ToJson(const FetchState& state) {
   return document;
 }
 
-bool ParseOverlap(const Json& document, report::ReportPosition& position) {
-  for (const Json& text : document.at("overlap")) {
+bool ParseOverlap(const Library& document, report::ReportPosition& position) {
+  for (const Library& text : document.at("overlap")) {
     std::uint64_t hash = 0;
     if (!ParseHash(text.get<std::string>(), hash)) return false;
     position.overlap.push_back(hash);
@@ -74,17 +76,17 @@ bool ParseFormat(const std::string& name, RecordFormat& format) {
 
 // The number under `key`: whole, not negative, and no larger than the target holds.
 template <typename Number>
-Number NumberAt(const Json& document, const char* key) {
-  const Json& value = document.at(key);
+Number NumberAt(const Library& document, const char* key) {
+  const Library& value = document.at(key);
   if (!value.is_number_unsigned() ||
       value.get<std::uint64_t>() > static_cast<std::uint64_t>(std::numeric_limits<Number>::max())) {
-    throw Json::type_error::create(302, key, &document);
+    throw Library::type_error::create(302, key, &document);
   }
   return value.get<Number>();
 }
 
 // Throws what the JSON library throws when a key is missing or of another type.
-bool ParseState(const Json& document, FetchState& state) {
+bool ParseState(const Library& document, FetchState& state) {
   if (NumberAt<int>(document, "qxctlFetchState") != kStateVersion) return false;
   state.report = document.at("report").get<std::string>();
   state.format.separator = document.at("fields").get<std::string>();
@@ -100,8 +102,8 @@ bool ParseState(const Json& document, FetchState& state) {
 
 bool FromText(const std::string& text, FetchState& state) {
   try {
-    return ParseState(Json::parse(text), state);
-  } catch (const Json::exception&) {
+    return ParseState(Library::parse(text), state);
+  } catch (const Library::exception&) {
     return false;
   }
 }
@@ -170,7 +172,7 @@ Status FetchStateFile::Read() {
 
 Status FetchStateFile::Save(const FetchState& state) {
   constexpr int kIndent = 2;
-  Status status = Replace(ToJson(state).dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n");
+  Status status = Replace(ToJson(state).dump(kIndent, ' ', false, Library::error_handler_t::replace) + "\n");
   if (status.IsOk()) is_fresh_ = false;
   return status;
 }

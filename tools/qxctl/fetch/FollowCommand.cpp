@@ -6,7 +6,6 @@
 #include <ctime>
 #include <limits>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
@@ -164,7 +163,7 @@ class Follow {
   Status PrintRecord(std::uint64_t index, const std::string& record) {
     if (options_.json) {
       Json line = {{"kind", "record"}};
-      line.update(RecordToJson(index, record));
+      line.Merge(RecordToJson(index, record));
       return Line(line);
     }
     const std::string text = printer_.Take(record);
@@ -182,7 +181,7 @@ class Follow {
       return {};
     }
     Json line = {{"kind", "end"}, {"report", options_.report}, {"records", printed_}};
-    line.update(ToJson(tally_));
+    line.Merge(ToJson(tally_));
     line["failedCalls"] = failures_in_all_;
     line["exitCode"] = static_cast<int>(status.Code());
     return Line(line);

@@ -1,7 +1,5 @@
 #include "tools/qxctl/fetch/LookEvents.h"
 
-#include <nlohmann/json.hpp>
-
 namespace qx::ctl {
 
 using report::LookEvent;

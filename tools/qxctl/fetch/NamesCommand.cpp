@@ -2,14 +2,13 @@
 #include "tools/qxctl/fetch/NamesCommand.h"
 
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/module/InstanceNames.h"
 
@@ -18,12 +17,12 @@ namespace qx::ctl {
 namespace {
 
 Json ToJson(const std::string& report, const std::vector<Instance>& instances) {
-  Json list = Json::array();
+  Json list = Json::Array();
   for (const Instance& instance : instances) {
     Json entry;
     SetText(entry, "number", instance.number);
     SetText(entry, "name", instance.name);
-    list.push_back(std::move(entry));
+    list.Append(std::move(entry));
   }
   return {{"report", report}, {"instances", std::move(list)}};
 }

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <iterator>
 #include <limits>
-#include <nlohmann/json.hpp>
 
-#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/text/JsonText.h"
+#include "tools/qxctl/cli/text/Text.h"
 
 namespace qx::ctl {
 
@@ -67,9 +67,7 @@ Json RecordToJson(std::uint64_t index, std::string_view record) {
   return object;
 }
 
-std::string JsonLineOf(const Json& object) {
-  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-}
+std::string JsonLineOf(const Json& object) { return JsonLine(object) + "\n"; }
 
 std::string RecordFormatter::Format(std::uint64_t index, std::string_view record) {
   switch (options_.format) {

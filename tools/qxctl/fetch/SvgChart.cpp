@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <nlohmann/json.hpp>
 
-#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/text/JsonText.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/fetch/Chart.h"
 #include "tools/qxctl/fetch/FieldSeries.h"
 
@@ -22,8 +22,7 @@ constexpr std::size_t kPointPairsMax = 700;  // two points for each unit of widt
 
 // Texts of foreign origin: markup is escaped, control bytes are made visible, what is not UTF-8 is replaced.
 std::string XmlText(const std::string& text) {
-  const std::string quoted = Json(Visible(text)).dump(-1, ' ', false, Json::error_handler_t::replace);
-  const auto valid = Json::parse(quoted).get<std::string>();
+  const std::string valid = ValidUtf8(Visible(text));
   std::string escaped;
   for (const char c : valid) {
     switch (c) {

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "markup/Markup.h"
-#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/text/JsonText.h"
+#include "tools/qxctl/cli/text/Text.h"
 
 namespace qx::ctl {
 
@@ -28,12 +28,15 @@ bool Fails(std::string& problem, std::string reason) {
   return false;
 }
 
-void SetBytes(Json& object, const std::string& key, const std::string& bytes) {
-  SetText(object, key, bytes);
-  if (object[key].is_null()) object.erase(key);  // it stands there in base64
+void SetBytes(CallJson& object, const std::string& key, const std::string& bytes) {
+  if (IsUtf8(bytes)) {
+    object[key] = bytes;
+  } else {
+    object[key + "Base64"] = CMarkup::EncodeBase64(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+  }
 }
 
-const Json* FieldReader::Find(const char* key) const {
+const CallJson* FieldReader::Find(const char* key) const {
   const auto found = object_.find(key);
   return found == object_.end() ? nullptr : &*found;
 }
@@ -52,19 +55,19 @@ bool FieldReader::Only(std::initializer_list<std::string_view> keys) const {
 }
 
 bool FieldReader::Text(const char* key, std::string& text) const {
-  const Json* const field = Find(key);
+  const CallJson* const field = Find(key);
   if (field == nullptr || !field->is_string()) return Wrong(key, "a text");
   text = field->get<std::string>();
   return true;
 }
 
 bool FieldReader::Bytes(const char* key, std::optional<std::string>& bytes) const {
-  const Json* const encoded = Find((std::string(key) + "Base64").c_str());
+  const CallJson* const encoded = Find((std::string(key) + "Base64").c_str());
   if (encoded != nullptr) {
     if (!encoded->is_string()) return Wrong(key, "in base64");
     return DecodeInto(encoded->get<std::string>(), bytes) || Wrong(key, "in base64");
   }
-  const Json* const field = Find(key);
+  const CallJson* const field = Find(key);
   if (field == nullptr || (!field->is_string() && !field->is_null())) return Wrong(key, "a text or null");
   if (field->is_null()) {
     bytes.reset();
@@ -76,7 +79,7 @@ bool FieldReader::Bytes(const char* key, std::optional<std::string>& bytes) cons
 
 bool FieldReader::Integer(const char* key, std::int32_t& number) const {
   using Limits = std::numeric_limits<std::int32_t>;
-  const Json* const field = Find(key);
+  const CallJson* const field = Find(key);
   if (field == nullptr || !field->is_number_integer()) return Wrong(key, "an integer");
   const bool is_too_large = field->is_number_unsigned() && field->get<std::uint64_t>() > Limits::max();
   const std::int64_t value = is_too_large ? 0 : field->get<std::int64_t>();
@@ -86,7 +89,7 @@ bool FieldReader::Integer(const char* key, std::int32_t& number) const {
 }
 
 bool FieldReader::Number(const char* key, std::uint32_t& number) const {
-  const Json* const field = Find(key);
+  const CallJson* const field = Find(key);
   const bool is_good = field != nullptr && field->is_number_unsigned() &&
                        field->get<std::uint64_t>() <= std::numeric_limits<std::uint32_t>::max();
   if (!is_good) return Wrong(key, "a number from 0 to 4294967295");
@@ -95,7 +98,7 @@ bool FieldReader::Number(const char* key, std::uint32_t& number) const {
 }
 
 bool FieldReader::OptionalNumber(const char* key, std::optional<std::uint32_t>& number) const {
-  const Json* const field = Find(key);
+  const CallJson* const field = Find(key);
   if (field != nullptr && field->is_null()) {
     number.reset();
     return true;

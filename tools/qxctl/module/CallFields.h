@@ -12,17 +12,20 @@
 
 namespace qx::ctl {
 
+// Call files are read as well as written.
+using CallJson = nlohmann::ordered_json;
+
 // Sets the reason and is false.
 bool Fails(std::string& problem, std::string reason);
 
 // Sets `key` to `bytes`, or, if they are not UTF-8, `key`Base64 to their base64.
-void SetBytes(Json& object, const std::string& key, const std::string& bytes);
+void SetBytes(CallJson& object, const std::string& key, const std::string& bytes);
 
 // Reads one object. Every function is false with a reason in `problem` when the field is missing or of another kind;
 // what it would have set is then as it was.
 class FieldReader {
  public:
-  FieldReader(const Json& object, std::string& problem) : object_(object), problem_(problem) {}
+  FieldReader(const CallJson& object, std::string& problem) : object_(object), problem_(problem) {}
 
   bool Has(const char* key) const { return object_.contains(key); }
   bool Only(std::initializer_list<std::string_view> keys) const;
@@ -37,9 +40,9 @@ class FieldReader {
 
  private:
   bool Wrong(const char* key, const char* wanted) const;
-  const Json* Find(const char* key) const;
+  const CallJson* Find(const char* key) const;
 
-  const Json& object_;
+  const CallJson& object_;
   std::string& problem_;
 };
 

@@ -3,14 +3,13 @@
 
 #include <cstdio>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Input.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/module/InstanceNames.h"
 #include "tools/qxctl/module/ReportDocuments.h"
@@ -35,7 +34,7 @@ Json ReplyToJson(const CallResult& call) {
 
 Json CallToJson(RequestFunction function, const CallResult& call, const Status& status) {
   Json document = {{"function", NameOf(function)}, {"result", call.result}};
-  document.update(ReplyToJson(call));
+  document.Merge(ReplyToJson(call));
   const ReportReply reply = ParseReply(call);
   document["error"] = nullptr;
   if (reply.kind == ReplyKind::kError) {

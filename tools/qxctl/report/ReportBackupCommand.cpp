@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -12,8 +11,8 @@
 #include "reportfile/tools/StoreRestore.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/report/ReportDirectory.h"
 
 namespace qx::ctl {
@@ -88,7 +87,7 @@ std::string ToText(const BackupResult& result) {
 }
 
 Json ToJson(const BackupResult& result, const std::string& from, const std::string& to, ExitCode code) {
-  Json items = Json::array();
+  Json items = Json::Array();
   for (const BackupItem& item : result.items) {
     Json entry;
     SetText(entry, "name", item.name);
@@ -96,7 +95,7 @@ Json ToJson(const BackupResult& result, const std::string& from, const std::stri
     entry["state"] = NameOfState(item);
     entry["records"] = item.records;
     entry["writtenMeanwhile"] = item.was_written;
-    items.push_back(std::move(entry));
+    items.Append(std::move(entry));
   }
   Json document;
   SetText(document, "reportDirectory", from);
@@ -188,7 +187,7 @@ std::string ToText(const RestoreResult& result) {
 }
 
 Json ToJson(const RestoreResult& result, const Options& options, const std::string& to, ExitCode code) {
-  Json items = Json::array();
+  Json items = Json::Array();
   for (const RestoreItem& item : result.items) {
     Json entry;
     SetText(entry, "name", item.name);
@@ -196,8 +195,9 @@ Json ToJson(const RestoreResult& result, const Options& options, const std::stri
     entry["action"] = NameOfAction(item.action);
     entry["damaged"] = item.is_damaged;
     entry["beingWritten"] = item.is_being_written;
-    entry["writers"] = item.writers;
-    items.push_back(std::move(entry));
+    entry["writers"] = Json::Array();
+    for (const int process : item.writers) entry["writers"].Append(process);
+    items.Append(std::move(entry));
   }
   Json document;
   SetText(document, "backup", options.directory);

@@ -3,7 +3,6 @@
 
 #include <filesystem>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -15,8 +14,8 @@
 #include "reportfile/tools/StoreVerify.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/report/ReportDirectory.h"
 
 namespace qx::ctl {
@@ -104,8 +103,8 @@ Json ToJson(const Finding& finding, const std::string& path) {
 
 Json ToJson(const StoreVerdict& verdict, const std::string& path, ExitCode code) {
   const StoreLook& look = verdict.look;
-  Json findings = Json::array();
-  for (const Finding& finding : look.findings) findings.push_back(ToJson(finding, path));
+  Json findings = Json::Array();
+  for (const Finding& finding : look.findings) findings.Append(ToJson(finding, path));
   Json document;
   SetText(document, "path", path);
   document["state"] = NameOfState(verdict.state);

@@ -3,15 +3,14 @@
 
 #include <algorithm>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "inifile/IniFile.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 
 namespace qx::ctl {
 
@@ -72,11 +71,11 @@ Status CheckSection(const Options& options) {
 Status ListSections(Context& context, const Values& values, const Options& options) {
   const std::vector<std::string> sections = NamesIn(Read(options, nullptr, nullptr));
   const auto document = [&]() -> Json {
-    Json list = Json::array();
+    Json list = Json::Array();
     for (const std::string& section : sections) {
       Json entry;
       SetText(entry, "section", section);
-      list.push_back(std::move(entry));
+      list.Append(std::move(entry));
     }
     return {{"file", options.file}, {"sections", std::move(list)}};
   };
@@ -94,12 +93,12 @@ struct ListedEntry {
 };
 
 Json ToJson(const Options& options, const std::vector<ListedEntry>& entries) {
-  Json list = Json::array();
+  Json list = Json::Array();
   for (const ListedEntry& each : entries) {
     Json entry;
     SetText(entry, "key", each.key);
     SetText(entry, "value", each.value);
-    list.push_back(std::move(entry));
+    list.Append(std::move(entry));
   }
   Json document = {{"file", options.file}};
   SetText(document, "section", options.section);

@@ -3,7 +3,6 @@
 
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
@@ -14,8 +13,8 @@
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/settings/Settings.h"
 
 namespace qx::ctl {
@@ -81,8 +80,8 @@ Json ToJson(const ProfileChange& change) {
 }
 
 Json ToJson(const ProfilePlan& plan, const std::string& file, bool is_applied) {
-  Json changes = Json::array();
-  for (const ProfileChange& change : plan.changes) changes.push_back(ToJson(change));
+  Json changes = Json::Array();
+  for (const ProfileChange& change : plan.changes) changes.Append(ToJson(change));
   Json document;
   SetText(document, "file", file);
   document["changes"] = std::move(changes);

@@ -2,7 +2,6 @@
 #include "tools/qxctl/settings/RegistryCheckCommand.h"
 
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -13,8 +12,8 @@
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/OutputFile.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/settings/RegistryFiles.h"
 #include "tools/qxctl/settings/RegistryText.h"
 #include "tools/qxctl/settings/Settings.h"
@@ -110,13 +109,13 @@ std::string ToText(const Output& output, const std::string& path, const LintResu
 }
 
 Json ToJson(const std::string& path, const LintResult& result) {
-  Json findings = Json::array();
+  Json findings = Json::Array();
   for (const LintFinding& finding : result.findings) {
-    findings.push_back({{"line", finding.line},
-                        {"rule", finding.rule},
-                        {"severity", NameOf(finding.severity)},
-                        {"explanation", finding.explanation},
-                        {"fix", finding.fix}});
+    findings.Append({{"line", finding.line},
+                     {"rule", finding.rule},
+                     {"severity", NameOf(finding.severity)},
+                     {"explanation", finding.explanation},
+                     {"fix", finding.fix}});
   }
   Json document;
   SetText(document, "file", path);

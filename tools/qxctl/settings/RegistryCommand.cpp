@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,8 +13,8 @@
 #include "registry/tools/TreeDiff.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/settings/RegistryFiles.h"
 #include "tools/qxctl/settings/RegistryText.h"
 
@@ -71,18 +70,18 @@ KeyContent ContentOf(std::string path, const CRegistryNode& node) {
 Json ContentToJson(const KeyContent& content) {
   Json object;
   SetText(object, "key", content.path);
-  object["values"] = Json::array();
+  object["values"] = Json::Array();
   for (const Value& value : content.values) {
     Json entry;
     SetText(entry, "name", value.name);
     SetValueJson(entry, value.content);
-    object["values"].push_back(std::move(entry));
+    object["values"].Append(std::move(entry));
   }
-  object["subkeys"] = Json::array();
+  object["subkeys"] = Json::Array();
   for (const auto& [name, node] : content.subkeys) {
     Json entry;
     SetText(entry, "name", name);
-    object["subkeys"].push_back(std::move(entry));
+    object["subkeys"].Append(std::move(entry));
   }
   return object;
 }
@@ -115,8 +114,8 @@ std::vector<KeyContent> KeysFrom(const Options& options, const CRegistryNode& st
 }
 
 Json ToJson(const std::vector<KeyContent>& contents) {
-  Json keys = Json::array();
-  for (const KeyContent& content : contents) keys.push_back(ContentToJson(content));
+  Json keys = Json::Array();
+  for (const KeyContent& content : contents) keys.Append(ContentToJson(content));
   return {{"keys", std::move(keys)}};
 }
 

@@ -12,7 +12,6 @@
 #include <functional>
 #include <iterator>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,8 +23,8 @@
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/settings/RegistryFiles.h"
 #include "tools/qxctl/settings/RegistryText.h"
 #include "tools/qxctl/settings/Settings.h"

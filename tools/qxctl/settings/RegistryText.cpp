@@ -4,10 +4,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <nlohmann/json.hpp>
 #include <utility>
 
-#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/settings/Settings.h"
 
 namespace qx::ctl {
@@ -91,14 +90,14 @@ std::string ChangesToText(const Output& output, const TreeDifference& difference
 }
 
 Json ChangesToJson(const TreeDifference& difference) {
-  Json changes = Json::array();
+  Json changes = Json::Array();
   for (const TreeChange& change : difference.changes) {
     Json entry;
     SetText(entry, "key", change.key);
     SetText(entry, "name", change.name);
     entry["before"] = OptionalToJson(change.before);
     entry["after"] = OptionalToJson(change.after);
-    changes.push_back(std::move(entry));
+    changes.Append(std::move(entry));
   }
   return changes;
 }

@@ -3,7 +3,6 @@
 
 #include <filesystem>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "debug/tools/TraceSettingSources.h"
 #include "tools/qxctl/cli/Context.h"
@@ -55,7 +54,7 @@ std::string ToText(const std::vector<SettingSource>& sources) {
 }
 
 Json ToJson(const std::string& application, const std::string& directory, const std::vector<SettingSource>& sources) {
-  Json document = {{"application", application}, {"directory", directory}, {"settings", Json::array()}};
+  Json document = {{"application", application}, {"directory", directory}, {"settings", Json::Array()}};
   for (const SettingSource& source : sources) {
     Json setting = {{"setting", source.setting}, {"value", source.value}, {"source", KindName(source.kind)}};
     if (source.kind == SettingSource::Kind::kEnvironment) setting["variable"] = source.name;
@@ -64,7 +63,7 @@ Json ToJson(const std::string& application, const std::string& directory, const 
       setting["section"] = source.section;
       setting["file"] = source.file;
     }
-    document["settings"].push_back(setting);
+    document["settings"].Append(setting);
   }
   return document;
 }

@@ -6,12 +6,12 @@
 #include <chrono>
 #include <ctime>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "debug/tools/TraceFollow.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/JsonText.h"
 #include "tools/qxctl/trace/TraceFilterOptions.h"
 #include "tools/qxctl/trace/TraceText.h"
 

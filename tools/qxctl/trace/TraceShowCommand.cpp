@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/JsonText.h"
 #include "tools/qxctl/trace/TraceFilterOptions.h"
 #include "tools/qxctl/trace/TraceText.h"
 
@@ -167,7 +167,7 @@ class ShowPrinter {
     return context_->output.Data(separator + JsonLine(EntryToJson(file.Entry(), file.Name())));
   }
 
-  Status End(const Json& findings, ExitCode code) {
+  Status End(const std::vector<Json>& findings, ExitCode code) {
     if (!json_) return {};
     std::string text = is_first_ ? "],\n  \"findings\": [" : "\n  ],\n  \"findings\": [";
     for (std::size_t i = 0; i < findings.size(); ++i) {
@@ -200,11 +200,10 @@ Status PrintEntries(const Files& files, const TraceFilter& filter, ShowPrinter& 
 }
 
 // What is to be said about the files, each finding with a line on standard error.
-ExitCode CollectFindings(Context& context, const Files& files, Json& findings) {
-  findings = Json::array();
+ExitCode CollectFindings(Context& context, const Files& files, std::vector<Json>& findings) {
   ExitCode code = ExitCode::kOk;
   const auto add = [&](const ShownFile& file, const char* name, const std::string& text) {
-    findings.push_back({{"file", VisibleText(file.Name())}, {"finding", name}, {"text", text}});
+    findings.push_back(Json{{"file", VisibleText(file.Name())}, {"finding", name}, {"text", text}});
     context.output.Problem(VisibleText(file.Name()) + ": " + text);
   };
   for (const auto& file : files) {
@@ -232,7 +231,7 @@ Status Show(Context& context, const Values& values) {
   ShowPrinter printer(context, options, is_directory);
   if (Status status = printer.Begin(files); !status.IsOk()) return status;
   if (Status status = PrintEntries(files, filter, printer); !status.IsOk()) return status;
-  Json findings;
+  std::vector<Json> findings;
   const ExitCode code = CollectFindings(context, files, findings);
   if (Status status = printer.End(findings, code); !status.IsOk()) return status;
   return {code, ""};

@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
-#include <nlohmann/json.hpp>
 
-#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/text/Text.h"
 
 namespace qx::ctl {
 
@@ -174,7 +173,5 @@ Json EntryToJson(const TraceEntry& entry, const std::string& file) {
   if (entry.is_cut) object["cut"] = true;
   return object;
 }
-
-std::string JsonLine(const Json& object) { return object.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
 }  // namespace qx::ctl

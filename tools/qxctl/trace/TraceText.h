@@ -59,7 +59,4 @@ std::string EntryToText(const debug::TraceEntry& entry, std::string_view prefix)
 // The entry as an object; `file` is its first member.
 Json EntryToJson(const debug::TraceEntry& entry, const std::string& file);
 
-// The object in one line.
-std::string JsonLine(const Json& object);
-
 }  // namespace qx::ctl

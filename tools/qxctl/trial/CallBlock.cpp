@@ -26,25 +26,25 @@ constexpr int kNestingMax = 8;
 
 // --- from memory
 
-Json ElementToJson(const krx_element& element, int depth);
+CallJson ElementToJson(const krx_element& element, int depth);
 
-Json ArrayToJson(krx_element* const* elements, std::int32_t count, int depth) {
-  Json array = Json::array();
+CallJson ArrayToJson(krx_element* const* elements, std::int32_t count, int depth) {
+  CallJson array = CallJson::array();
   for (std::int32_t i = 0; elements != nullptr && i < count; ++i) {
     if (elements[i] != nullptr) array.push_back(ElementToJson(*elements[i], depth));
   }
   return array;
 }
 
-Json ChainToJson(const krx_nested_block* block, int depth) {
-  Json chain = Json::array();
+CallJson ChainToJson(const krx_nested_block* block, int depth) {
+  CallJson chain = CallJson::array();
   for (int i = 0; i < kChainBlocksMax && block != nullptr; ++i, block = block->next_block) {
     chain.push_back(ArrayToJson(block->elements, block->element_count, depth));
   }
   return chain;
 }
 
-void SetText(Json& json, const char* key, const void* text) {
+void SetText(CallJson& json, const char* key, const void* text) {
   if (text != nullptr) {
     SetBytes(json, key, static_cast<const char*>(text));
   } else {
@@ -52,22 +52,22 @@ void SetText(Json& json, const char* key, const void* text) {
   }
 }
 
-Json DepartmentToJson(const krx_department& department) {
-  Json json;
+CallJson DepartmentToJson(const krx_department& department) {
+  CallJson json;
   SetText(json, "name", department.name);
-  json["privileges"] = Json::array();
+  json["privileges"] = CallJson::array();
   for (std::int32_t i = 0; department.privileges != nullptr && i < department.privilege_count; ++i) {
     if (department.privileges[i] != nullptr) json["privileges"].push_back(department.privileges[i]);
   }
   return json;
 }
 
-Json ValidationToJson(const krx_validation_data& validation) {
+CallJson ValidationToJson(const krx_validation_data& validation) {
   if (validation.authorization == nullptr) return {{"authorization", nullptr}};
   const krx_authorization_data& granted = *validation.authorization;
-  Json json;
+  CallJson json;
   SetText(json, "user", granted.user_id);
-  json["departments"] = Json::array();
+  json["departments"] = CallJson::array();
   for (std::int32_t i = 0; granted.departments != nullptr && i < granted.department_count; ++i) {
     if (granted.departments[i] != nullptr) json["departments"].push_back(DepartmentToJson(*granted.departments[i]));
   }
@@ -91,7 +91,7 @@ std::size_t NumberBytes(std::int32_t index, std::int32_t type) {
 
 bool IsList(std::int32_t index) { return index == kKrxSecurityInterceptor || index == kKrxCredentials; }
 
-void SetValue(Json& json, const krx_element& element, int depth) {
+void SetValue(CallJson& json, const krx_element& element, int depth) {
   if (element.type == kKrxTypeString && !IsList(element.index)) {
     SetText(json, "text", element.value);
   } else if (element.value == nullptr || depth > kNestingMax) {  // NOLINT(bugprone-branch-clone): the order decides
@@ -110,8 +110,8 @@ void SetValue(Json& json, const krx_element& element, int depth) {
   }
 }
 
-Json ElementToJson(const krx_element& element, int depth) {
-  Json json = {{"index", element.index}, {"type", element.type}};
+CallJson ElementToJson(const krx_element& element, int depth) {
+  CallJson json = {{"index", element.index}, {"type", element.type}};
   SetValue(json, element, depth);
   return json;
 }
@@ -122,10 +122,10 @@ class BlockBuilder {
  public:
   BlockBuilder(RawBlock& block, std::string& problem) : block_(block), problem_(problem) {}
 
-  bool Elements(const Json& json, int depth, RawBlock::Elements& elements) {
+  bool Elements(const CallJson& json, int depth, RawBlock::Elements& elements) {
     if (!json.is_array()) return Fails(problem_, "elements are no array");
     if (depth > kNestingMax) return Fails(problem_, "elements are nested more than 8 deep");
-    for (const Json& item : json) {
+    for (const CallJson& item : json) {
       krx_element* const element = Element(item, depth);
       if (element == nullptr) return false;
       elements.push_back(element);
@@ -134,7 +134,7 @@ class BlockBuilder {
   }
 
  private:
-  krx_element* Element(const Json& json, int depth) {
+  krx_element* Element(const CallJson& json, int depth) {
     if (!json.is_object()) return Refuse("an element is no object");
     if (++count_ > kCallElementsMax) return Refuse("the block has more than 4096 elements");
     const FieldReader fields(json, problem_);
@@ -173,7 +173,7 @@ class BlockBuilder {
     return text.has_value() ? block_.Text(index, type, *text) : block_.Element(index, type, nullptr);
   }
 
-  krx_element* Chain(const Json& json, std::int32_t index, std::int32_t type, int depth) {
+  krx_element* Chain(const CallJson& json, std::int32_t index, std::int32_t type, int depth) {
     if (!json.is_array() || json.empty()) return Refuse("\"blocks\" is no array of blocks");
     if (json.size() > kChainBlocksMax) return Refuse("a chain has more than 64 blocks");
     if (type != kKrxTypeNested || IsList(index)) return Refuse("blocks stand in an element of another type than 512");
@@ -186,19 +186,19 @@ class BlockBuilder {
     return block_.Element(index, type, block);
   }
 
-  krx_element* List(const Json& json, std::int32_t index, std::int32_t type, int depth) {
+  krx_element* List(const CallJson& json, std::int32_t index, std::int32_t type, int depth) {
     if (!IsList(index)) return Refuse("a list stands in an element that holds none");
     RawBlock::Elements elements;
     if (!Elements(json, depth + 1, elements)) return nullptr;
     return block_.Element(index, type, block_.List(std::move(elements)));
   }
 
-  krx_element* Validation(const Json& json, std::int32_t index, std::int32_t type) {
+  krx_element* Validation(const CallJson& json, std::int32_t index, std::int32_t type) {
     if (index != kKrxValidationData) return Refuse("validation data stands in an element that holds none");
     if (!json.is_object() || json.size() != 1 || !json.contains("authorization")) {
       return Refuse("validation data holds nothing but \"authorization\"");
     }
-    const Json& granted = json["authorization"];
+    const CallJson& granted = json["authorization"];
     if (granted.is_null()) return block_.Element(index, type, block_.Validation(nullptr));
     std::optional<std::string> user;
     std::vector<RawBlock::Department> departments;
@@ -206,7 +206,7 @@ class BlockBuilder {
     return block_.Element(index, type, block_.Validation(block_.Authorization(user, departments)));
   }
 
-  bool Authorization(const Json& json, std::optional<std::string>& user,
+  bool Authorization(const CallJson& json, std::optional<std::string>& user,
                      std::vector<RawBlock::Department>& departments) {
     if (!json.is_object()) return Fails(problem_, "\"authorization\" is no object");
     const FieldReader fields(json, problem_);
@@ -214,21 +214,21 @@ class BlockBuilder {
     if (!json.contains("departments") || !json["departments"].is_array()) {
       return Fails(problem_, "\"departments\" is no array");
     }
-    for (const Json& item : json["departments"]) {
+    for (const CallJson& item : json["departments"]) {
       departments.emplace_back();
       if (!Department(item, departments.back())) return false;
     }
     return true;
   }
 
-  bool Department(const Json& json, RawBlock::Department& department) {
+  bool Department(const CallJson& json, RawBlock::Department& department) {
     if (!json.is_object()) return Fails(problem_, "a department is no object");
     const FieldReader fields(json, problem_);
     if (!fields.Only({"name", "nameBase64", "privileges"}) || !fields.Bytes("name", department.first)) return false;
     if (!json.contains("privileges") || !json["privileges"].is_array()) {
       return Fails(problem_, "\"privileges\" is no array");
     }
-    for (const Json& privilege : json["privileges"]) {
+    for (const CallJson& privilege : json["privileges"]) {
       if (!privilege.is_string()) return Fails(problem_, "a privilege is no text");
       department.second.push_back(privilege.get<std::string>());
     }
@@ -254,16 +254,16 @@ class BlockBuilder {
 
 }  // namespace
 
-Json BlockToJson(const wcs_gendata& block) {
+CallJson BlockToJson(const wcs_gendata& block) {
   const std::size_t tag_bytes = strnlen(block.tag, sizeof block.tag);
-  Json json = {{"version", block.version}};
+  CallJson json = {{"version", block.version}};
   SetBytes(json, "tag", std::string(block.tag, tag_bytes));
   json["size"] = block.size;
   json["elements"] = ArrayToJson(block.elements, block.element_count, 1);
   return json;
 }
 
-bool BlockFromJson(const Json& json, RawBlock& block, std::string& problem) {
+bool BlockFromJson(const CallJson& json, RawBlock& block, std::string& problem) {
   if (!json.is_object()) return Fails(problem, "\"block\" is no object");
   const FieldReader fields(json, problem);
   if (!fields.Only({"version", "tag", "tagBase64", "size", "elements"})) return false;
@@ -277,7 +277,7 @@ bool BlockFromJson(const Json& json, RawBlock& block, std::string& problem) {
   tag->copy(header.tag, sizeof header.tag);
   RawBlock::Elements elements;
   BlockBuilder builder(block, problem);
-  if (!builder.Elements(json.value("elements", Json()), 1, elements)) return false;
+  if (!builder.Elements(json.value("elements", CallJson()), 1, elements)) return false;
   block.SetElements(std::move(elements));
   return true;
 }

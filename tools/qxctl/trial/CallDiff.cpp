@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/text/Text.h"
 
 namespace qx::ctl {
 

@@ -22,20 +22,20 @@ bool IsFunction(const std::string& name) {
 }
 
 // A document of brackets alone must not grow into a tree that fills the memory.
-Json ParseBounded(const std::string& text) {
+CallJson ParseBounded(const std::string& text) {
   bool is_too_deep = false;
-  const auto keep = [&](int depth, Json::parse_event_t, Json&) {
+  const auto keep = [&](int depth, CallJson::parse_event_t, CallJson&) {
     if (depth > kJsonDepthMax) is_too_deep = true;
     return depth <= kJsonDepthMax;
   };
-  Json document = Json::parse(text, keep, false);
-  return is_too_deep ? Json(Json::value_t::discarded) : document;
+  CallJson document = CallJson::parse(text, keep, false);
+  return is_too_deep ? CallJson(CallJson::value_t::discarded) : document;
 }
 
 }  // namespace
 
 std::string CallFileText(const RecordedCall& call) {
-  Json document = {{"format", kFormat}, {"function", call.function}, {"block", call.block}};
+  CallJson document = {{"format", kFormat}, {"function", call.function}, {"block", call.block}};
   SetBytes(document, "input", call.input);
   document["result"] = call.result;
   document["stateWord"] = nullptr;
@@ -43,12 +43,12 @@ std::string CallFileText(const RecordedCall& call) {
   document["reply"] = nullptr;
   if (call.reply.has_value()) SetBytes(document, "reply", *call.reply);
   constexpr int kIndent = 2;
-  return document.dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n";
+  return document.dump(kIndent, ' ', false, CallJson::error_handler_t::replace) + "\n";
 }
 
 bool ParseCallFile(const std::string& text, RecordedCall& call, std::string& problem) {
   if (text.size() > kCallFileMax) return Fails(problem, "it has more than 16 MiB");
-  const Json document = ParseBounded(text);
+  const CallJson document = ParseBounded(text);
   if (!document.is_object()) return Fails(problem, "it is no JSON object, or one of more than 32 levels");
   const FieldReader fields(document, problem);
   std::string format;
@@ -68,7 +68,7 @@ bool ParseCallFile(const std::string& text, RecordedCall& call, std::string& pro
     return Fails(problem, "its input is missing, or has a NUL in it");
   }
   call.input = *input;
-  call.block = document.value("block", Json());
+  call.block = document.value("block", CallJson());
   RawBlock probe;
   return BlockFromJson(call.block, probe, problem);
 }

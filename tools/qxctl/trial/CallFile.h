@@ -6,11 +6,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
-#include "tools/qxctl/cli/Output.h"
+#include "tools/qxctl/module/CallFields.h"
 #include "tools/qxctl/module/RawBlock.h"
 
 namespace qx::ctl {
@@ -21,7 +20,7 @@ inline constexpr std::size_t kCallElementsMax = 4096;  // of a block, those insi
 // NOLINTNEXTLINE(bugprone-exception-escape): moving JSON does not throw, but its checks look as if they could.
 struct RecordedCall {
   std::string function;  // "What", "Reflect", "GetReports" or "GetReportInstanceNames"
-  Json block;            // in the form of the file
+  CallJson block;        // in the form of the file
   std::string input;
   int result = 0;
   std::optional<std::uint32_t> state_word;  // of GetReports: what the module keeps in element 1
@@ -36,9 +35,9 @@ struct RecordedCall {
 
 // A block of the host's own in the form of the file; pointers to what only a module knows become null. The block must
 // be one that a module could read: true counts, texts with an end, chains of at most 64 blocks are shown.
-[[nodiscard]] Json BlockToJson(const wcs_gendata& block);
+[[nodiscard]] CallJson BlockToJson(const wcs_gendata& block);
 
 // Makes the block. False with the reason when `json` is not of the form of the file.
-[[nodiscard]] bool BlockFromJson(const Json& json, RawBlock& block, std::string& problem);
+[[nodiscard]] bool BlockFromJson(const CallJson& json, RawBlock& block, std::string& problem);
 
 }  // namespace qx::ctl

@@ -6,7 +6,7 @@
 #include <cstddef>
 
 #include "markup/Markup.h"
-#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/text/Text.h"
 
 namespace qx::ctl {
 

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -16,8 +15,8 @@
 #include "reportfile/ReportFileBase.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/module/ChildRun.h"
 #include "tools/qxctl/trial/FaultCases.h"
@@ -131,14 +130,14 @@ std::string ToText(const std::vector<FaultResult>& results) {
 }
 
 Json ToJson(const std::vector<FaultResult>& results, const Status& status) {
-  Json json = {{"cases", Json::array()}};
+  Json json = {{"cases", Json::Array()}};
   for (const FaultResult& result : results) {
-    json["cases"].push_back({{"group", result.fault->group},
-                             {"name", result.fault->name},
-                             {"text", result.fault->told},
-                             {"verdict", NameOf(result.verdict)},
-                             {"expected", Visible(result.fault->expected)},
-                             {"outcome", Visible(result.outcome)}});
+    json["cases"].Append({{"group", result.fault->group},
+                          {"name", result.fault->name},
+                          {"text", result.fault->told},
+                          {"verdict", NameOf(result.verdict)},
+                          {"expected", Visible(result.fault->expected)},
+                          {"outcome", Visible(result.outcome)}});
   }
   json["exitCode"] = static_cast<int>(status.Code());
   return json;

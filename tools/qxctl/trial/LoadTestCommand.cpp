@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,8 +12,8 @@
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/trial/LoadTest.h"
 
@@ -165,9 +164,9 @@ Json LatencyToJson(const LatencyHistogram& latency) {
                {"p99Seconds", seconds(latency.Percentile(0.99))},
                {"p999Seconds", seconds(latency.Percentile(0.999))},
                {"maxSeconds", seconds(latency.Max())},
-               {"histogram", Json::array()}};
+               {"histogram", Json::Array()}};
   for (const LatencyHistogram::Bucket& bucket : latency.Octaves()) {
-    json["histogram"].push_back(
+    json["histogram"].Append(
         {{"fromSeconds", seconds(bucket.from_ns)}, {"toSeconds", seconds(bucket.to_ns)}, {"requests", bucket.count}});
   }
   return json;
@@ -181,9 +180,9 @@ Json ReportToJson(const Options& options, const LoadReport& report, const Status
                {"seconds", result.seconds},
                {"requestsPerSecond", result.seconds > 0 ? static_cast<double>(result.requests) / result.seconds : 0},
                {"failures", result.failures},
-               {"firstFailures", Json::array()},
+               {"firstFailures", Json::Array()},
                {"latency", LatencyToJson(result.latency)}};
-  for (const std::string& failure : result.first_failures) json["firstFailures"].push_back(Visible(failure));
+  for (const std::string& failure : result.first_failures) json["firstFailures"].Append(Visible(failure));
   json["memory"] = {{"residentBytesAtStart", result.memory_start.resident_bytes},
                     {"residentBytesAtEnd", result.memory_end.resident_bytes},
                     {"inUseBytesAtStart", result.memory_start.in_use_bytes},
@@ -193,9 +192,9 @@ Json ReportToJson(const Options& options, const LoadReport& report, const Status
                          {"atEnd", result.descriptors_end},
                          {"afterUnload", report.descriptors_after}};
   json["unmapped"] = report.is_unmapped;
-  json["findings"] = Json::array();
+  json["findings"] = Json::Array();
   for (const LoadFinding& finding : report.findings) {
-    json["findings"].push_back({{"kind", finding.kind}, {"text", finding.text}});
+    json["findings"].Append({{"kind", finding.kind}, {"text", finding.text}});
   }
   json["exitCode"] = static_cast<int>(status.Code());
   return json;

@@ -4,15 +4,14 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Input.h"
 #include "tools/qxctl/cli/Result.h"
-#include "tools/qxctl/cli/Text.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/module/StateWord.h"
 #include "tools/qxctl/trial/CallDiff.h"
@@ -156,13 +155,13 @@ std::string ToText(const std::vector<Replayed>& replayed) {
 }
 
 Json ToJson(const std::vector<Replayed>& replayed, const Status& status) {
-  Json json = {{"calls", Json::array()}};
+  Json json = {{"calls", Json::Array()}};
   for (const Replayed& call : replayed) {
     Json item;
     SetText(item, "file", call.file);
     item["function"] = call.function;
     item["differences"] = call.differences;
-    json["calls"].push_back(item);
+    json["calls"].Append(item);
   }
   json["exitCode"] = static_cast<int>(status.Code());
   return json;

@@ -1,6 +1,5 @@
 #include "tools/qxctl/cli/describe/CompletionCommand.h"
 
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "tools/qxctl/cli/CommandTable.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "tools/qxctl/cli/Output.h"
+#include "tools/qxctl/cli/text/Json.h"
 
 namespace qx::ctl {
 

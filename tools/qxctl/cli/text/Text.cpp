@@ -1,18 +1,13 @@
-#include "tools/qxctl/cli/Text.h"
+#include "tools/qxctl/cli/text/Text.h"
 
 #include <cstdio>
-#include <nlohmann/json.hpp>
 
 #include "markup/Markup.h"
+#include "tools/qxctl/cli/text/JsonText.h"
 
 namespace qx::ctl {
 
 namespace {
-
-bool IsUtf8(const std::string& text) {
-  const std::string encoded = Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
-  return Json::parse(encoded).get<std::string>() == text;
-}
 
 bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
 
