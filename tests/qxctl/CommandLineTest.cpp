@@ -41,7 +41,7 @@ TEST_F(QxctlCommandLine, HelpOfACommandShowsArgumentsOptionsAndLimits) {
             "  -h, --help                  Print this help message and exit\n"
             "  --slots NUMBER              Records that the ring keeps (required; 1 to 1073741823)\n"
             "\n"
-            "--quiet, --verbose, --color, --trace and --trace-level may stand before or after any command\n");
+            "--quiet, --verbose, --color, --trace and --trace-level can be given before or after any command\n");
 }
 
 TEST_F(QxctlCommandLine, HelpShowsGroupsRelationsAndDefaults) {

@@ -32,9 +32,10 @@ constexpr Parameter kOptions[] = {
     {.name = "--trace-level",
      .kind = ValueKind::kInteger,
      .value = "N",
-     .help = "1 errors to 6 addresses (default 5)",
+     .help = "1 errors to 6 addresses",
      .group = kTracing,
      .limits = kTraceLevels,
+     .default_value = "5",
      .needs = "--trace"},
 };
 

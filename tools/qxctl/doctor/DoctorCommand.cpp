@@ -119,7 +119,8 @@ constexpr Parameter kParameters[] = {
     {.name = "--app",
      .kind = ValueKind::kText,
      .value = "NAME",
-     .help = "Name of the application in the trace settings (default QXRemConXfer)"},
+     .help = "Name of the application in the trace settings",
+     .default_value = "QXRemConXfer"},
     {.name = "--json", .help = "Print the findings as JSON"},
 };
 

@@ -237,8 +237,9 @@ constexpr Parameter kParameters[] = {
     {.name = "--timeout",
      .kind = ValueKind::kNumber,
      .value = "SECONDS",
-     .help = "Seconds that a case may take (default 20)",
-     .limits = kAboveZero},
+     .help = "Seconds that a case may take",
+     .limits = kAboveZero,
+     .default_value = "20"},
     {.name = "--list", .help = "Print the cases and run none"},
     {.name = "--json", .help = "Print the outcomes as JSON"},
 };

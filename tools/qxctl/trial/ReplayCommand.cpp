@@ -183,7 +183,7 @@ Status Replay(Context& context, const Values& values) {
 constexpr Parameter kParameters[] = {
     {.name = "FILE",
      .kind = ValueKind::kFile,
-     .help = "Recorded calls in their order; a directory stands for its .json files",
+     .help = "Recorded calls in their order; of a directory, its .json files",
      .is_required = true,
      .is_repeatable = true},
     {.name = "--ignore",

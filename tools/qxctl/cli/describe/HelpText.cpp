@@ -109,7 +109,7 @@ std::string HelpText(Commands commands, const Command& command) {
   const Command& qxctl = *commands.front();
   std::string text = std::string(command.help) + "\n" + UsageLine(command, !below.empty()) + ArgumentLines(command) +
                      OptionLines(command) + CommandLines(below);
-  if (&command != &qxctl) text += "\n" + NamesOfGlobalOptions(qxctl) + " may stand before or after any command\n";
+  if (&command != &qxctl) text += "\n" + NamesOfGlobalOptions(qxctl) + " can be given before or after any command\n";
   return text;
 }
 

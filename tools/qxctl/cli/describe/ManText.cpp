@@ -59,7 +59,7 @@ std::string CommandText(const Command& command) {
 }  // namespace
 
 std::string ManSections(Commands commands) {
-  std::string text = "# OPTIONS\n\nThese may stand before or after any command.\n\n";
+  std::string text = "# OPTIONS\n\nThese can be given before or after any command.\n\n";
   for (const Parameter* const option : OptionsOf(*commands.front())) text += Listed(*option);
   text += "# COMMANDS\n\n";
   for (const Command* const command : ShownCommands(commands)) {
