@@ -58,7 +58,8 @@ std::string BackupSuffix(const std::tm& time, int attempt) {
 std::string RandomSuffix() {
   constexpr std::string_view kCharacters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
   std::array<unsigned char, 6> bytes = {};
-  (void)getrandom(bytes.data(), bytes.size(), 0);  // without it the names are tried in order of the attempts
+  const ssize_t filled = getrandom(bytes.data(), bytes.size(), 0);
+  if (filled < 0) bytes = {};  // the name is then the same at every attempt: one file at a time
   std::string suffix = ".";
   for (const unsigned char byte : bytes) suffix += kCharacters[byte % kCharacters.size()];
   return suffix;
