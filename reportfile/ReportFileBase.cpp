@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -15,6 +16,9 @@
 #include "reportfile/StoreIo.h"
 
 using qx::LockScope;
+using qx::file::Progress;
+using qx::file::StatusOf;
+using qx::file::Truncate;
 using namespace qx::report;
 
 namespace {
@@ -35,20 +39,61 @@ std::string_view BytesOf(const T& value) {
   return {reinterpret_cast<const char*>(&value), sizeof value};
 }
 
-// Reads `value` only if all its bytes are there.
+// Reads `value` only if all its bytes are there; a short file leaves it as it is. The error number of a read that
+// failed.
 template <typename T>
-bool ReadWholeAt(std::FILE* file, std::int64_t offset, T& value) {
+int ReadValueAt(std::FILE* file, std::int64_t offset, T& value) {
   static_assert(std::is_trivially_copyable_v<T>);
   T read;
-  if (ReadAt(file, offset, &read, sizeof read).bytes != sizeof read) return false;
-  value = read;
-  return true;
+  const Progress progress = ReadAt(file, offset, &read, sizeof read);
+  if (progress.bytes == sizeof read) value = read;
+  return progress.error;
 }
 
-// Writes the record and, in the same call, the end marker behind it. A marker that was cut short does no harm: only
-// what a slot points at is ever read.
+// Writes the record and, in the same call, the end marker after it. A marker that was cut short does no harm: only what
+// a slot points at is ever read.
 bool WriteRecordAt(std::FILE* file, std::uint32_t offset, std::string_view text) {
   return WriteAt(file, offset, text, kLineEndAndMarker) >= text.size() + kLineEnd.size();
+}
+
+// The header as it is after the next record, which ends at `marker_offset`.
+IndexHeader HeaderAfterRecord(IndexHeader header, std::int64_t marker_offset) {
+  AdvanceRing(header);
+  header.writePosition = Low32(marker_offset);
+  header.fileEnd = std::max(header.fileEnd, header.writePosition);
+  ++header.elementCount;
+  if (DataFileRestarts(header)) RestartDataFile(header);
+  return header;
+}
+
+// True, with the file's size, for an index file that holds no header yet.
+bool LacksHeader(std::FILE* index_file, std::int64_t& size) {
+  struct stat status;
+  if (StatusOf(fileno(index_file), status) != 0) return false;
+  size = status.st_size;
+  return size < SlotOffset(0);
+}
+
+// Header and slot 0 in one write: a kill never leaves a slot after 24 bytes that nobody wrote, which would read as a
+// ring without slots. A write that is cut short is taken back.
+bool WriteFirstSlot(std::FILE* index_file, std::int64_t size, const IndexHeader& header, std::uint32_t position) {
+  if (WriteAt(index_file, 0, BytesOf(header), BytesOf(position)) == sizeof header + sizeof position) return true;
+  const int error = errno;
+  (void)Truncate(fileno(index_file), size);  // at worst the file holds a part of a header, which reads as none
+  errno = error;
+  return false;
+}
+
+// Runs `action`; without memory the result is false with ENOMEM. No exception leaves the store: agents are built by
+// others. The forced unwinding of a cancelled thread is not a std::exception, and passes.
+template <typename Action>
+bool WithoutExceptions(Action action) {
+  try {
+    return action();
+  } catch (const std::exception&) {
+    errno = ENOMEM;
+    return false;
+  }
 }
 
 void CloseStream(std::FILE*& stream) {
@@ -71,35 +116,45 @@ CReportFileBase::CReportFileBase() {
 // The lock's own destruction gives it free, should the caller still hold it.
 CReportFileBase::~CReportFileBase() { Close(); }
 
-bool CReportFileBase::OpenBoth(const char* path, OpenMode mode) {
-  index_file_ = StreamOf(OpenRegularFile(IndexFileName(path), mode), mode);
-  const int index_error = errno;
-  data_file_ = StreamOf(OpenRegularFile(DataFileName(path), mode), mode);
-  if (index_file_ == nullptr) errno = index_error;
-  return IsOpen();
-}
-
 bool CReportFileBase::Open(const char* path, unsigned int maxRecords) {
   if (path == nullptr || *path == '\0') return false;
   Close();
-  if (OpenBoth(path, OpenMode::kUpdate)) {
-    (void)readPositions();  // a store that was never written keeps what the object holds
+  return WithoutExceptions([&] {
+    const StoreStreams streams = OpenToWrite(path);
+    data_file_ = streams.data;
+    index_file_ = streams.index;
+    if (!IsOpen()) return false;
+    if (streams.is_new) {
+      header_.maxRecord = RingSize(maxRecords);
+      return true;
+    }
+    if (readPositions() != 0) return CloseAfterReadError();  // a short file keeps what the object holds
     TraceHeader(header_);
     return true;
-  }
-  // Half a store is of no use: without its index the data cannot be found, without its data the index points nowhere.
-  Close();
-  header_.maxRecord = RingSize(maxRecords);
-  return OpenBoth(path, OpenMode::kCreate);
+  });
 }
 
 bool CReportFileBase::OpenRead(const char* path) {
   if (path == nullptr || *path == '\0') return false;
   Close();
-  if (!OpenBoth(path, OpenMode::kRead)) return false;
-  header_ = IndexHeader();
-  (void)readPositions();  // a store that was never written reads as empty
-  return true;
+  return WithoutExceptions([&] {
+    const StoreStreams streams = OpenToRead(path);
+    data_file_ = streams.data;
+    index_file_ = streams.index;
+    if (!IsOpen()) return false;
+    IndexHeader header;  // a short file reads as an empty store
+    errno = ReadValueAt(index_file_, 0, header);
+    if (errno != 0) return CloseAfterReadError();
+    header_ = header;
+    return true;
+  });
+}
+
+bool CReportFileBase::CloseAfterReadError() {
+  const int error = errno;
+  Close();
+  errno = error;
+  return false;
 }
 
 bool CReportFileBase::Close() {
@@ -116,14 +171,18 @@ bool CReportFileBase::writeLine(const char* text) {
 
   // In this order, so that a reader or a crash between two of the calls never finds a slot without its record.
   if (!WriteRecordAt(data_file_, record_offset, record)) return false;
-  if (!setPositionInIndexFile(SlotForNewRecord(header_), record_offset)) return false;
+  const std::uint32_t slot = SlotForNewRecord(header_);
+  const IndexHeader after = HeaderAfterRecord(header_, MarkerOffset(record_offset, record.size()));
+  std::int64_t index_size = 0;
+  if (slot == 0 && LacksHeader(index_file_, index_size)) {
+    if (!WriteFirstSlot(index_file_, index_size, after, record_offset)) return false;
+    header_ = after;
+    return true;
+  }
+  if (!setPositionInIndexFile(slot, record_offset)) return false;
 
-  // The record is indexed now: no failure below this line changes the result.
-  AdvanceRing(header_);
-  header_.writePosition = Low32(MarkerOffset(record_offset, record.size()));
-  header_.fileEnd = std::max(header_.fileEnd, header_.writePosition);
-  ++header_.elementCount;
-  if (DataFileRestarts(header_)) RestartDataFile(header_);
+  // The record is indexed now: a header that cannot be written does not change the result.
+  header_ = after;
   (void)writePositionsToFile();  // the next record writes it again
   return true;
 }
@@ -131,36 +190,38 @@ bool CReportFileBase::writeLine(const char* text) {
 bool CReportFileBase::readLine(std::string& out, unsigned int slot) {
   const LockScope scope(lock_);
   if (!IsOpen() || slot >= header_.highestIndex) return false;
-  std::string text;
-  bool too_long = false;
-  const int error = ReadRecord(index_file_, data_file_, slot, std::string::npos, &text, &too_long);
-  if (error != 0) {
-    errno = error;
-    return false;
-  }
-  out = std::move(text);
-  return true;
+  return WithoutExceptions([&] {
+    std::string text;
+    bool too_long = false;
+    const int error = ReadRecord(index_file_, data_file_, slot, std::string::npos, &text, &too_long);
+    if (error == 0) out = std::move(text);
+    if (error != 0) errno = error;
+    return error == 0;
+  });
 }
 
 long CReportFileBase::GetDataFileSize() {
   struct stat status;
-  if (data_file_ == nullptr || qx::file::StatusOf(fileno(data_file_), status) != 0) return 0;
+  if (data_file_ == nullptr || StatusOf(fileno(data_file_), status) != 0) return 0;
   return status.st_size;
 }
 
 void CReportFileBase::printAllRecords() {
   std::string text;
   for (std::uint32_t i = 0; i < header_.highestIndex; ++i) {
-    (void)readLine(text, SlotOfLogical(header_, i));  // Quirk: a record that cannot be read prints the previous one
-    std::printf("%d::%s", static_cast<int>(i), text.c_str());
+    errno = 0;
+    const bool is_read = readLine(text, SlotOfLogical(header_, i));
+    if (!is_read && errno == ENOMEM) break;
+    std::printf("%d::%s", static_cast<int>(i), text.c_str());  // Quirk: after a failed read the previous record again
   }
   std::printf("===\n");
 }
 
 int CReportFileBase::readPositions() {
   if (index_file_ == nullptr) return -1;
-  (void)ReadWholeAt(index_file_, 0, header_);
-  return 0;
+  const int error = ReadValueAt(index_file_, 0, header_);
+  if (error != 0) errno = error;
+  return error == 0 ? 0 : -1;
 }
 
 int CReportFileBase::writePositionsToFile() {
@@ -174,6 +235,6 @@ bool CReportFileBase::setPositionInIndexFile(unsigned int slot, unsigned int pos
 
 unsigned int CReportFileBase::getPositionFromIndexFile(unsigned int slot) {
   std::uint32_t position = 0;
-  if (index_file_ != nullptr) (void)ReadWholeAt(index_file_, SlotOffset(slot), position);
+  if (index_file_ != nullptr) (void)ReadValueAt(index_file_, SlotOffset(slot), position);
   return position;
 }

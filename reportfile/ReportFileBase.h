@@ -1,10 +1,10 @@
-// The record store of a report: a bounded log of text records in a data file with a binary index file beside it.
+// The record store of a report: a bounded log of text records in a data file, with a binary index file next to it.
 //
-// A writer appends with writeLine; once the ring's slots are used up each record takes over the slot of the oldest one,
-// and the data file is rewritten from its start at regular intervals, so neither file grows without bound. A reader
+// A writer appends with writeLine; once all slots of the ring are in use, each record takes over the slot of the oldest
+// one, and the data file is rewritten from its start at regular intervals, so neither file grows without bound. A reader
 // opens the files read-only and fetches records by slot. docs/report-store.md maps the bytes and says what readers in
-// other processes may see. Not here: file locking, repair of damaged files, and any check that a rewritten data file
-// still holds what old slots point at.
+// other processes may see. Not here: protection against a second writer, repair of damaged files, and any check that a
+// rewritten data file still has what old slots point at.
 #pragma once
 
 #include <cstdio>
@@ -15,7 +15,6 @@
 
 namespace qx::report {
 class RecordReader;
-enum class OpenMode;
 }  // namespace qx::report
 
 // One report's store, open for writing, open for reading, or closed. Exported: the agents that keep reports use it.
@@ -23,7 +22,8 @@ enum class OpenMode;
 // Threads: writeLine and readLine may be called from any thread at once; everything else belongs to the thread that
 // owns the object, while no other uses it. The lock protects this object only, not the files against other processes.
 // Owns: both streams, which serve as handles; all access is positioned reads and writes on their descriptors.
-// Failure: a false or zero result, with errno set by the system call that failed; the store traces no errors.
+// Failure: a false or zero result, with errno set by the system call that failed, or ENOMEM; the store traces no errors.
+// No exception leaves it; the forced unwinding of a cancelled thread passes.
 class [[gnu::visibility("default")]] CReportFileBase {
  public:
   CReportFileBase();
@@ -31,42 +31,46 @@ class [[gnu::visibility("default")]] CReportFileBase {
   CReportFileBase(const CReportFileBase&) = delete;
   CReportFileBase& operator=(const CReportFileBase&) = delete;
 
-  // Opens `path`.ind and `path`.dat for reading and writing. If both exist they are used with the ring size that they
-  // were created with; `maxRecords` is ignored. If either is missing or cannot be opened, both are created anew with
-  // mode 0644 and `maxRecords` slots (0: 1,073,741,823), and whatever the other one held is gone. The header of a new
-  // store is written with its first record. False: a null or empty path (nothing happens), or a file that can be
-  // neither opened nor created; errno is then that of the first one that failed (EINVAL for what is not a regular
-  // file), and the other one may be open until Close. What is still open is closed first. [owning thread]
+  // Opens `path`.ind and `path`.dat for reading and writing. If both exist, they are used with the ring size that they
+  // were created with; `maxRecords` is ignored. If either is missing, the store is started over with mode 0644 and
+  // `maxRecords` slots (0: 1,073,741,823), and whatever the other file held is gone. The header of a new store is
+  // written with its first record. Takes the advisory lock of the index file if it is free.
+  // False: a null or empty path (nothing happens); a file that exists but cannot be opened or read (neither file is
+  // changed: try again later, do not delete it); or one that cannot be created. errno is that of the first file that
+  // failed: EINVAL for what is not a regular file, ELOOP for the link of another owner. Nothing is open then. What is
+  // still open is closed first. [owning thread]
   [[nodiscard]] bool Open(const char* path, unsigned int maxRecords);
 
-  // Opens an existing store for reading and takes its header, once: records written later are seen after another
-  // OpenRead. An index file shorter than a header reads as an empty store of 10000 slots. False: as for Open, and the
+  // Opens an existing store for reading and reads its header, once: records written later are seen after another
+  // OpenRead. An index file shorter than a header reads as an empty store of 10000 slots. False: as for Open, with
+  // ENOENT for a missing file; the file that could be opened stays open until Close, except after a read error. The
   // header in memory stays as it was. [owning thread]
   [[nodiscard]] bool OpenRead(const char* path);
 
   // Closes whatever is open; the header in memory is kept. Always true. [owning thread]
   bool Close();
 
-  // Appends `text` (null: the empty text) as one record, replacing the oldest one when the ring is full. Returns true
-  // once the record stands in the data file and its slot in the index file. False leaves header and slots unchanged;
-  // bytes of the text may stand in the data file, where nothing points at them. [any thread]
+  // Appends `text` (null: the empty text) as one record, replacing the oldest one if the ring is full. Returns true once
+  // the record is in the data file and its slot in the index file. False leaves header and slots unchanged; bytes of the
+  // text may be in the data file, where nothing points at them. [any thread]
   [[nodiscard]] bool writeLine(const char* text);
 
   // Reads the record in `slot` up to and including its first line feed, so normally with its "\r\n". A byte 0xFF ends
   // the record too and is part of it; so does the end of the file, which adds a byte 0xFF; a NUL ends the text and is
-  // not part of it. False leaves `out` unchanged: a slot that is not in use, or a store that is not open. [any thread]
+  // not part of it. False leaves `out` unchanged: a slot that is not in use, a store that is not open, or a read that the
+  // system failed; the next call reads again. [any thread]
   [[nodiscard]] bool readLine(std::string & out, unsigned int slot);
 
   // The size of the data file in bytes, 0 when it is not open. [owning thread]
   long GetDataFileSize();
 
   // Prints every record, oldest first, as its age, "::" and its text, then a line "===", to standard output. A record
-  // that cannot be read prints the previous one's text. [owning thread]
+  // that cannot be read prints the previous one's text; without memory the rest is left out. [owning thread]
   void printAllRecords();
 
   // Copies everything in the directory `backupPath` back into the report directory that the registry names, over what
   // is there, and then deletes `backupPath` with everything in it but its hidden entries, even if the copy failed: a
-  // restore is attempted once. docs/directories.md holds the rules of both steps. Static; needs no store.
+  // restore is attempted once. docs/directories.md has the rules of both steps. Static; needs no store.
   // True: the copy succeeded, also when there was no backup. False: the copy failed, errno being its error; or no
   // report directory is known, or deleting the backup would delete the report directory (EINVAL), and nothing happened.
   // [any thread]
@@ -78,16 +82,16 @@ class [[gnu::visibility("default")]] CReportFileBase {
   // The operations on the index file that the ones above are made of. They take no lock.
 
   // Reads the header into memory; a file that is too short leaves it as it was, with result 0. -1: the index file is
-  // not open. [owning thread]
+  // not open, or cannot be read. [owning thread]
   int readPositions();
 
-  // Writes the header at the start of the index file: 0, or -1 when it could not be written whole. [owning thread]
+  // Writes the header at the start of the index file: 0, or -1 if it could not be written whole. [owning thread]
   int writePositionsToFile();
 
-  // Writes the data file offset `position` into `slot`: true when it was written whole. [owning thread]
+  // Writes the data file offset `position` into `slot`: true if it was written whole. [owning thread]
   [[nodiscard]] bool setPositionInIndexFile(unsigned int slot, unsigned int position);
 
-  // The data file offset in `slot`; 0 when fewer than four bytes of it can be read. [owning thread]
+  // The data file offset in `slot`; 0 if fewer than four bytes of it can be read. [owning thread]
   [[nodiscard]] unsigned int getPositionFromIndexFile(unsigned int slot);
 
   // The header in memory, as the last open or append left it; valid as long as the object. [owning thread]
@@ -96,7 +100,7 @@ class [[gnu::visibility("default")]] CReportFileBase {
  private:
   friend class qx::report::RecordReader;
 
-  [[nodiscard]] bool OpenBoth(const char* path, qx::report::OpenMode mode);
+  [[nodiscard]] bool CloseAfterReadError();
   [[nodiscard]] bool IsOpen() const { return data_file_ != nullptr && index_file_ != nullptr; }
 
   // Order is interface: agents embed this layout.

@@ -15,15 +15,33 @@ namespace qx::report {
 enum class OpenMode {
   kRead,    // must exist
   kUpdate,  // must exist; read and write
-  kCreate,  // created or emptied, mode 0644 whatever the file-creation mask; read and write
+  kCreate,  // created with mode 0644 if it is missing; read and write
 };
 
-// Opens a regular file, close-on-exec. Not open, with errno set: EINVAL for anything but a regular file, which is
-// neither waited for (a FIFO without a writer) nor emptied.
+// Opens a regular file, close-on-exec. Not open, with errno set: EINVAL for anything but a regular file, which is not
+// waited for (a FIFO without a writer). Follows every link. [any thread]
 [[nodiscard]] file::Descriptor OpenRegularFile(const std::string& path, OpenMode mode);
 
-// A stream that owns the descriptor. Null with errno set without memory; the descriptor is closed then.
-[[nodiscard]] std::FILE* StreamOf(file::Descriptor descriptor, OpenMode mode);
+// The same for a file of a store: ELOOP if its path leads through a link that base/OwnedLinks.h does not trust. Links
+// above the report directory that the registry names are trusted, because who may write the registry chose them.
+// Transient errors (EMFILE, ENFILE, ENOMEM) are tried three times in all. Throws std::bad_alloc. [any thread]
+[[nodiscard]] file::Descriptor OpenStoreFile(const std::string& path, OpenMode mode);
+
+// The two files of a store as streams; null if not open.
+struct StoreStreams {
+  std::FILE* data = nullptr;
+  std::FILE* index = nullptr;
+  bool is_new = false;  // both are empty, and have just been given mode 0644
+};
+
+// Opens both files to read. A file that cannot be opened stays null; errno is that of the first that failed, the index
+// file before the data file. Throws std::bad_alloc, with nothing left open. [any thread]
+[[nodiscard]] StoreStreams OpenToRead(const std::string& base_path);
+
+// Opens both files to write. If one is missing, both are created or emptied; neither is emptied before both are open
+// and checked. Takes the advisory lock of the index file if it is free. All or nothing: both are null if any step
+// failed, with the error number of that step in errno. Throws as OpenToRead. [any thread]
+[[nodiscard]] StoreStreams OpenToWrite(const std::string& base_path);
 
 // Up to `size` bytes at `offset`: file::ReadAt on the stream's descriptor.
 [[nodiscard]] inline file::Progress ReadAt(std::FILE* file, std::int64_t offset, void* to, std::size_t size) {

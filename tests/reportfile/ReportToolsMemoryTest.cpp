@@ -69,6 +69,90 @@ class ReportToolsMemory : public testing::Test {
 
 }  // namespace
 
+// --- the class of the agents: nothing throws, nothing is lost
+
+class StoreMemory : public ReportToolsMemory {
+ protected:
+  void MakeStore() {
+    MakeReports(reports_);
+    CReportFileBase writer;
+    ASSERT_TRUE(writer.Open(base_.c_str(), 9));
+    ASSERT_TRUE(writer.writeLine(long_text_.c_str()));
+  }
+  // Of both files.
+  std::string Bytes() const { return ReadFile(base_ + ".ind") + ReadFile(base_ + ".dat"); }
+
+  // A base path and a record that fit into no string without an allocation.
+  const std::string base_ = reports_ + "/load";
+  const std::string long_text_ = std::string(10000, 't');
+};
+
+TEST_F(StoreMemory, OpenIsFalseWithoutMemoryAndChangesNothing) {
+  std::string before;
+  const auto prepare = [&] {
+    MakeStore();
+    before = Bytes();
+  };
+  const auto work = [&] {
+    CReportFileBase store;
+    const bool is_open = store.Open(base_.c_str(), 3);
+    return is_open ? 0 : errno;
+  };
+  WithEachAllocationFailing<int>(prepare, work, [&](const auto& error) {
+    ASSERT_TRUE(error.has_value()) << "it threw";
+    EXPECT_TRUE(*error == 0 || *error == ENOMEM);
+    EXPECT_EQ(Bytes(), before);
+  });
+}
+
+TEST_F(StoreMemory, OpenReadIsFalseWithoutMemory) {
+  const auto work = [&] {
+    CReportFileBase store;
+    return store.OpenRead(base_.c_str()) ? 0 : errno;
+  };
+  WithEachAllocationFailing<int>([&] { MakeStore(); }, work,
+                                 [&](const auto& error) {
+                                   ASSERT_TRUE(error.has_value()) << "it threw";
+                                   EXPECT_TRUE(*error == 0 || *error == ENOMEM);
+                                 });
+}
+
+TEST_F(StoreMemory, ReadLineIsFalseWithoutMemoryAndLeavesItsOutput) {
+  CReportFileBase store;
+  std::string text;
+  const auto prepare = [&] {
+    MakeStore();
+    ASSERT_TRUE(store.OpenRead(base_.c_str()));
+    std::string("before").swap(text);
+  };
+  WithEachAllocationFailing<bool>(
+      prepare, [&] { return store.readLine(text, 1); },
+      [&](const auto& is_read) {
+        ASSERT_TRUE(is_read.has_value()) << "it threw";
+        EXPECT_EQ(text, *is_read ? long_text_ + "\r\n" : "before");
+      });
+}
+
+TEST_F(StoreMemory, PrintAllRecordsEndsWithItsLastLine) {
+  CReportFileBase store;
+  const auto prepare = [&] {
+    MakeStore();
+    ASSERT_TRUE(store.OpenRead(base_.c_str()));
+    testing::internal::CaptureStdout();
+  };
+  const auto work = [&] {
+    store.printAllRecords();
+    return true;
+  };
+  WithEachAllocationFailing<bool>(prepare, work, [&](const auto& has_returned) {
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(has_returned.has_value()) << "it threw";
+    EXPECT_TRUE(printed == "0::a\r\n===\n" || printed == "0::a\r\n1::" + long_text_ + "\r\n===\n") << printed.size();
+  });
+}
+
+// --- the tools
+
 TEST_F(ReportToolsMemory, ABackupIsWholeOrLeavesNothing) {
   WithEachAllocationFailing<BackupState>(
       [&] { MakeReports(reports_); }, [&] { return report::BackupReports(reports_, backup_).state; },

@@ -2,7 +2,7 @@
 // base/FileCalls.cpp. Without an instruction each call goes to the system.
 //
 //   const FailingCall fault({.call = FileCall::kSync, .nth = 2, .error = EIO});   the second sync fails once
-//   const FailingCall fault({.call = FileCall::kOpen, .path = "r1.ind", .error = ENFILE, .times = 3});
+//   const FailingCall fault({.call = FileCall::kOpen, .path = "r1.ind", .times = 3, .error = ENFILE});
 //
 // Calls of one kind are counted from the construction of the instruction; with a path, only those whose path ends in
 // it.
