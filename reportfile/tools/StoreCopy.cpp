@@ -39,9 +39,9 @@ std::uint32_t SlotOfRecent(const IndexHeader& header, std::uint32_t younger) {
 class LiveStore {
  public:
   explicit LiveStore(const std::string& base_path)
-      : index_(OpenRegularFile(IndexFileName(base_path), OpenMode::kRead)),
+      : index_(OpenStoreFile(IndexFileName(base_path), OpenMode::kRead)),
         index_error_(errno),
-        data_(OpenRegularFile(DataFileName(base_path), OpenMode::kRead)),
+        data_(OpenStoreFile(DataFileName(base_path), OpenMode::kRead)),
         data_error_(errno) {}
 
   int IndexError() const { return index_.IsOpen() ? 0 : index_error_; }

@@ -256,7 +256,7 @@ SalvageResult Failed(std::string file, int error) {
 
 // A file of the source; one that is missing reads as empty.
 struct SourceFile {
-  explicit SourceFile(const std::string& name) : path(name), bytes(OpenRegularFile(name, OpenMode::kRead)) {
+  explicit SourceFile(const std::string& name) : path(name), bytes(OpenStoreFile(name, OpenMode::kRead)) {
     open_error = bytes.IsOpen() ? 0 : errno;
   }
   bool IsMissing() const { return open_error == ENOENT; }

@@ -49,6 +49,18 @@ class Examiner {
  public:
   Examiner(ByteSource& index, ByteSource& data) : index_(index), data_(data), slots_(index), texts_(data) {}
 
+  // Header and sizes alone: nothing of the data file is read.
+  StoreLook LookAtHeader() {
+    look_.index_bytes = index_.Size();
+    look_.data_bytes = data_.Size();
+    if (ReadHeader()) {
+      if (!IsFirstRecordInFlight()) CheckHeaderAndSizes();
+    } else if (look_.index_bytes != 0) {
+      AddSizeFinding("index.size", StoreFile::kIndex, look_.index_bytes, "the file ends inside the header");
+    }
+    return std::move(look_);
+  }
+
   StoreLook Look() {
     look_.index_bytes = index_.Size();
     look_.data_bytes = data_.Size();
@@ -63,12 +75,16 @@ class Examiner {
   }
 
  private:
-  void CheckStore() {
+  void CheckHeaderAndSizes() {
     look_.beyond_offsets = look_.data_bytes > kOffsetLimit;
     CheckRing();
-    if (!look_.findings.empty()) return;  // nothing else can be told from such a header
+    if (!look_.findings.empty()) return;  // such a header says nothing about anything else
     CheckPositions();
     CheckSizes();
+  }
+
+  void CheckStore() {
+    CheckHeaderAndSizes();
     if (!look_.findings.empty() || look_.beyond_offsets) return;
     FindRecordInFlight();
     CheckMarker();
@@ -464,6 +480,7 @@ StoreLook LookAtStore(ByteSource& index, ByteSource& data) { return Examiner(ind
 namespace {
 
 constexpr int kLooksMax = 5;
+constexpr int kHeaderLooksMax = 2;
 constexpr long kPauseNanoseconds = 20'000'000;
 
 void Pause() {
@@ -473,7 +490,7 @@ void Pause() {
 
 // An open file of the store, or why there is none.
 struct Opened {
-  explicit Opened(const std::string& name) : path(name), bytes(OpenRegularFile(name, OpenMode::kRead)), error(errno) {
+  explicit Opened(const std::string& name) : path(name), bytes(OpenStoreFile(name, OpenMode::kRead)), error(errno) {
     if (bytes.IsOpen()) error = 0;
   }
   int Error() const { return error != 0 ? error : bytes.Error(); }
@@ -513,16 +530,16 @@ bool IsSameMoment(const StoreLook& look, const StoreLook& before) {
   return look.header == before.header && look.index_bytes == before.index_bytes && look.data_bytes == before.data_bytes;
 }
 
-}  // namespace
-
-StoreVerdict VerifyStore(const std::string& base_path) {
+// Looks with `look_at` until the verdict is certain, at most `looks_max` times.
+template <typename LookAt>
+StoreVerdict Verify(const std::string& base_path, int looks_max, LookAt look_at) {
   StoreVerdict verdict;
   std::optional<StoreLook> before;
-  for (int looks = 0; looks < kLooksMax; ++looks) {
+  for (int looks = 0; looks < looks_max; ++looks) {
     Opened index(IndexFileName(base_path));
     Opened data(DataFileName(base_path));
     if (auto failed = VerdictOnOpening(index, data)) return *std::move(failed);
-    verdict.look = LookAtStore(index.bytes, data.bytes);
+    verdict.look = look_at(index.bytes, data.bytes);
     if (auto failed = VerdictOnOpening(index, data)) return *std::move(failed);  // a read may have failed since
     if (verdict.look.findings.empty()) return verdict;
     if (before.has_value() && IsSameMoment(verdict.look, *before) && verdict.look.findings == before->findings) {
@@ -534,6 +551,15 @@ StoreVerdict VerifyStore(const std::string& base_path) {
   }
   verdict.state = StoreState::kChanged;
   return verdict;
+}
+
+}  // namespace
+
+StoreVerdict VerifyStore(const std::string& base_path) { return Verify(base_path, kLooksMax, LookAtStore); }
+
+StoreVerdict VerifyHeader(const std::string& base_path) {
+  const auto look_at = [](ByteSource& index, ByteSource& data) { return Examiner(index, data).LookAtHeader(); };
+  return Verify(base_path, kHeaderLooksMax, look_at);
 }
 
 }  // namespace qx::report

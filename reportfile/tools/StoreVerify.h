@@ -78,4 +78,9 @@ struct StoreVerdict {
 // looks it gives up with kChanged. A store of which one file is missing is damaged. [any thread]
 [[nodiscard]] StoreVerdict VerifyStore(const std::string& base_path);
 
+// The beginning of VerifyStore, for programs that are about to read or append to the report: the header, then the sizes
+// of the files. Costs two opens and one read. On a contradiction it looks once more, 20 ms later, because a writer may
+// be at work: kDamaged means that both looks saw the same. [any thread]
+[[nodiscard]] StoreVerdict VerifyHeader(const std::string& base_path);
+
 }  // namespace qx::report

@@ -327,6 +327,52 @@ TEST(StoreVerifyThreads, FindingsInAStoreThatIsWrittenBetweenTheLooksAreNoDamage
   EXPECT_FALSE(verdict.look.findings.empty());
 }
 
+// --- the header alone
+
+TEST(VerifyHeader, FindsWhatHeaderAndSizesContradict) {
+  const StoreFiles files;
+  const StoreBytes store = SecondRound();
+  const auto write = [&](const std::string& index, const std::string& data) {
+    WriteFile(files.IndexPath(), index);
+    WriteFile(files.DataPath(), data);
+    return report::VerifyHeader(files.Base()).state;
+  };
+  EXPECT_EQ(write(store.index, store.data), StoreState::kSound);
+  EXPECT_EQ(write(store.index.substr(0, kHeaderBytes), store.data), StoreState::kDamaged);
+  EXPECT_EQ(write(store.index.substr(0, kHeaderBytes - 1), store.data), StoreState::kDamaged);
+  EXPECT_EQ(write(store.index, store.data.substr(0, 10)), StoreState::kDamaged);
+  EXPECT_EQ(write("", ""), StoreState::kSound);
+  EXPECT_EQ(write("", store.data), StoreState::kSound);  // the first record is on its way; texts are not looked at
+}
+
+TEST(VerifyHeader, FindsARingOfBillionsThatTheFileDoesNotHold) {
+  const StoreFiles files;
+  files.Make({.elementCount = 16777215, .maxRecord = 16777215, .highestIndex = 16777215, .oldestIndex = 0}, {0},
+             "a\r\n===>\r\n");
+  const report::StoreVerdict verdict = report::VerifyHeader(files.Base());
+  EXPECT_EQ(verdict.state, StoreState::kDamaged);
+  EXPECT_THAT(verdict.look.findings, testing::Contains(testing::Field(&report::Finding::rule, "index.size")));
+}
+
+// Each look finds another contradiction, so something was written in between.
+TEST(VerifyHeaderThreads, FindingsThatChangeBetweenTheTwoLooksAreNoDamage) {
+  const StoreFiles files;
+  const StoreBytes store = SecondRound();
+  WriteFile(files.DataPath(), store.data);
+  WriteFile(files.IndexPath(), store.index);
+  std::atomic<bool> is_done = false;
+  std::thread writer([&] {
+    for (std::size_t cut = 0; !is_done; ++cut) {
+      EXPECT_EQ(truncate(files.DataPath().c_str(), static_cast<off_t>(1 + cut % 10)), 0);
+    }
+  });
+  int damaged = 0;
+  for (int i = 0; i < 10; ++i) damaged += report::VerifyHeader(files.Base()).state == StoreState::kDamaged ? 1 : 0;
+  is_done = true;
+  writer.join();
+  EXPECT_LT(damaged, 8);  // by chance both looks see the same size
+}
+
 TEST(StoreVerify, AStoreWithOneFileIsDamagedAndOneWithNoneIsNotFound) {
   const StoreFiles files;
   EXPECT_EQ(report::VerifyStore(files.Base()).state, StoreState::kNotFound);

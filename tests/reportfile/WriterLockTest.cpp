@@ -1,0 +1,102 @@
+// Reports that somebody else has open, with and without the lock.
+#include "reportfile/tools/WriterLock.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "tests/reportfile/StoreFiles.h"
+
+namespace qx::test {
+namespace {
+
+using report::WriterLock;
+
+// Another process that has done `action` and waits until the end of the scope.
+class OtherProcess {
+ public:
+  template <typename Action>
+  explicit OtherProcess(Action action) {
+    int ends[2];
+    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    id_ = fork();
+    if (id_ == 0) {
+      action();
+      if (write(ends[1], "x", 1) != 1) _exit(1);
+      for (;;) pause();
+    }
+    close(ends[1]);
+    char byte = 0;
+    EXPECT_EQ(read(ends[0], &byte, 1), 1);
+    close(ends[0]);
+  }
+  ~OtherProcess() {
+    kill(id_, SIGKILL);
+    EXPECT_EQ(waitpid(id_, nullptr, 0), id_);
+  }
+  OtherProcess(const OtherProcess&) = delete;
+  OtherProcess& operator=(const OtherProcess&) = delete;
+
+  int Id() const { return id_; }
+
+ private:
+  pid_t id_ = -1;
+};
+
+class WriterLockOfAReport : public testing::Test {
+ protected:
+  void SetUp() override {
+    CReportFileBase writer;
+    ASSERT_TRUE(writer.Open(files_.Path(), 3));
+    ASSERT_TRUE(writer.writeLine("a"));
+  }
+
+  StoreFiles files_;
+};
+
+TEST_F(WriterLockOfAReport, ReportAtRestIsFreeAndThenOurs) {
+  const WriterLock lock(files_.Base());
+  EXPECT_FALSE(lock.IsHeldByAnother());
+  EXPECT_TRUE(WriterLock(files_.Base()).IsHeldByAnother());
+  CReportFileBase store;
+  EXPECT_TRUE(store.Open(files_.Path(), 3));
+}
+
+TEST_F(WriterLockOfAReport, MissingReportIsFree) {
+  EXPECT_FALSE(WriterLock(files_.Base() + "missing").IsHeldByAnother());
+}
+
+TEST_F(WriterLockOfAReport, WriterOfAnotherProcessIsNamed) {
+  CReportFileBase store;
+  const OtherProcess writer([&] { return store.Open(files_.Path(), 3); });
+  const WriterLock lock(files_.Base());
+  EXPECT_TRUE(lock.IsHeldByAnother());
+  EXPECT_EQ(lock.Process(), writer.Id());
+}
+
+TEST_F(WriterLockOfAReport, ReaderOfAnotherProcessDoesNotCount) {
+  CReportFileBase store;
+  const OtherProcess reader([&] { return store.OpenRead(files_.Path()); });
+  EXPECT_FALSE(WriterLock(files_.Base()).IsHeldByAnother());
+}
+
+// An agent that was built before the lock existed.
+TEST_F(WriterLockOfAReport, WriterWithoutTheLockIsFoundByItsOpenFile) {
+  const OtherProcess writer([&] { return open(files_.DataPath().c_str(), O_RDWR | O_CLOEXEC); });
+  const WriterLock lock(files_.Base());
+  EXPECT_TRUE(lock.IsHeldByAnother());
+  EXPECT_EQ(lock.Process(), writer.Id());
+}
+
+TEST_F(WriterLockOfAReport, WriterOfThisProcessIsFoundByItsLock) {
+  CReportFileBase store;
+  ASSERT_TRUE(store.Open(files_.Path(), 3));
+  const WriterLock lock(files_.Base());
+  EXPECT_TRUE(lock.IsHeldByAnother());
+  EXPECT_EQ(lock.Process(), 0);
+}
+
+}  // namespace
+}  // namespace qx::test
