@@ -142,7 +142,8 @@ class Model {
   struct Losses {
     std::uint64_t lost = 0;          // acknowledged records that are not there
     std::uint64_t wrong_order = 0;   // rounds whose records were there, but not in order
-    std::uint64_t without_size = 0;  // rounds that left a ring without a size, before any record was acknowledged
+    std::uint64_t half_headers = 0;  // rounds that left an index file of some other size than a header and its slots
+    std::uint64_t unwritten = 0;     // rounds that left a store without a first record
     std::uint64_t oldest_gone = 0;   // rounds in which the record that was not counted yet had the oldest one's place
   };
 
@@ -167,9 +168,9 @@ class Model {
     records_ = found;
   }
 
-  // After a kill that left a ring without a size, and the removal of its files. There was no acknowledged record in it.
-  void StartOver(std::uint64_t acknowledged, std::uint64_t attempted) {
-    ++losses_.without_size;
+  // After a kill before the first record was indexed, and the removal of the files. Nothing was acknowledged.
+  void StartOver(bool is_empty, std::uint64_t acknowledged, std::uint64_t attempted) {
+    ++(is_empty ? losses_.unwritten : losses_.half_headers);
     losses_.lost += records_.size() + (acknowledged >= next_ ? acknowledged + 1 - next_ : 0);
     records_.clear();
     next_ = attempted + 1;
@@ -222,9 +223,8 @@ std::deque<std::uint64_t> RecordsInStore() {
   return found;
 }
 
-// A writer that was killed behind the creation of the index file and before its first header leaves 24 zeros there: the
-// next one would take it for a ring that may grow for ever.
-bool IsRingWithoutSize() {
+// The ring size is stored with the first record: a store without one would get 10,000 slots from the next writer.
+bool HasNoRingSize() {
   CReportFileBase store;
   return store.OpenRead(Base().c_str()) && store.header().maxRecord != kSlots;
 }
@@ -317,9 +317,9 @@ bool PrintRows(int kills, const Model::Losses& losses, const ReaderGuard& guard)
       "its place to one that nobody counted |\n",
       number(losses.oldest_gone));
   std::printf(
-      "| ... and before the first header of a new store | %llu | documented: a ring without a size, which is started "
-      "over |\n",
-      number(losses.without_size));
+      "| ... and before the first record of a new store | %llu; %llu with a part of a header | an empty index file, "
+      "never a part of a header |\n",
+      number(losses.unwritten), number(losses.half_headers));
   std::printf(
       "| %d readers of that store through the module | %llu transfers, %llu records, %llu refusals, %llu bad replies, "
       "%d "
@@ -329,7 +329,7 @@ bool PrintRows(int kills, const Model::Losses& losses, const ReaderGuard& guard)
       "| ... of these records, overwritten while they were read | %llu | documented: a slow reader may find newer text "
       "|\n",
       number(mixed));
-  return losses.lost + losses.wrong_order + bad == 0 && !shared.is_refused && guard.Dead() + guard.Hung() == 0 &&
+  return losses.lost + losses.wrong_order + losses.half_headers + bad == 0 && !shared.is_refused && guard.Dead() + guard.Hung() == 0 &&
          transfers > 0;
 }
 
@@ -345,9 +345,10 @@ bool CheckKilledWriters(CrashForm form) {
   ReaderGuard guard;
   for (int i = 0; i < kills; ++i) {
     KillSoon(Start(BeWriter), random);
-    if (IsRingWithoutSize()) {
+    if (HasNoRingSize()) {
+      const bool is_empty = std::filesystem::is_empty(Base() + ".ind");
       RemoveStore();
-      model.StartOver(SharedBlock().acknowledged, SharedBlock().attempted);
+      model.StartOver(is_empty, SharedBlock().acknowledged, SharedBlock().attempted);
     } else {
       model.Check(RecordsInStore(), SharedBlock().acknowledged, SharedBlock().attempted);
     }

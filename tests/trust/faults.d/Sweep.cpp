@@ -37,7 +37,7 @@ struct CallKind {
 
 const std::vector<CallKind>& CallKinds() {
   static const std::vector<CallKind> kinds = {
-      {"open", {SYS_open, SYS_openat, SYS_creat}, {EMFILE, ENOSPC, EIO, EACCES, ENOMEM}, 2, {}, true},
+      {"open", {SYS_open, SYS_openat, SYS_openat2, SYS_creat}, {EMFILE, ENOSPC, EIO, EACCES, ENOMEM}, 2, {}, true},
       {"read", {SYS_read, SYS_pread64, SYS_readv, SYS_preadv}, {EIO, ENOMEM}, 1, {1, 7}, true},
       {"write", {SYS_write, SYS_pwrite64, SYS_writev, SYS_pwritev}, {ENOSPC, EIO, EDQUOT, EFBIG}, 2, {1, 7}, true},
       {"sync", {SYS_fsync, SYS_fdatasync, SYS_syncfs, SYS_msync}, {EIO, ENOSPC}, 1, {}, false},
@@ -174,7 +174,7 @@ void RunAndJudge(const Scenario& scenario, const std::string& directory, Allocat
 
 bool ConcernsSpared(const SystemCall& call) {
   const int spared = SharedBlock().spared_descriptor;
-  return spared >= 0 && call.number != SYS_openat && call.number != SYS_close &&
+  return spared >= 0 && call.number != SYS_openat && call.number != SYS_openat2 && call.number != SYS_close &&
          static_cast<int>(call.arguments[0]) == spared;
 }
 
