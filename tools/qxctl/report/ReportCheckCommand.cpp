@@ -1,9 +1,11 @@
 // Is a report sound, and what of a damaged one can be saved.
 #include "tools/qxctl/report/ReportCheckCommand.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -118,6 +120,24 @@ Json ToJson(const StoreVerdict& verdict, const std::string& path, ExitCode code)
   return document;
 }
 
+// The first finding of each rule, and how many more there are of it: a damaged ring contradicts the same rule in every
+// slot.
+std::string ToText(const std::vector<Finding>& findings, const std::string& path) {
+  std::string text;
+  std::vector<std::string_view> shown;
+  for (const Finding& finding : findings) {
+    if (std::find(shown.begin(), shown.end(), finding.rule) != shown.end()) continue;
+    shown.push_back(finding.rule);
+    text += "  " + std::string(finding.rule) + ": " + FileOf(finding, path) + " offset " +
+            std::to_string(finding.offset) + " value " + std::to_string(finding.value) + ": " + finding.explanation +
+            "\n";
+    const auto is_alike = [&](const Finding& other) { return other.rule == finding.rule; };
+    const auto more = std::count_if(findings.begin(), findings.end(), is_alike) - 1;
+    if (more > 0) text += "    and " + std::to_string(more) + " more like this\n";
+  }
+  return text;
+}
+
 std::string ToText(const Output& output, const StoreVerdict& verdict, const std::string& path) {
   const StoreLook& look = verdict.look;
   const Style style = verdict.state == StoreState::kSound ? Style::kGood : Style::kBad;
@@ -125,12 +145,7 @@ std::string ToText(const Output& output, const StoreVerdict& verdict, const std:
   if (look.findings.empty()) text += ", " + Counted(look.header.highestIndex, "record", "records");
   text += "\n";
   for (const std::string& remark : RemarksOf(look)) text += "  remark: " + remark + "\n";
-  for (const Finding& finding : look.findings) {
-    text += "  " + std::string(finding.rule) + ": " + FileOf(finding, path) + " offset " +
-            std::to_string(finding.offset) + " value " + std::to_string(finding.value) + ": " + finding.explanation +
-            "\n";
-  }
-  return text;
+  return text + ToText(look.findings, path);
 }
 
 Status Verify(Context& context, const Values& values) {
