@@ -1,10 +1,10 @@
 // The record store of a report: a bounded log of text records in a data file, with a binary index file next to it.
 //
 // A writer appends with writeLine; once all slots of the ring are in use, each record takes over the slot of the oldest
-// one, and the data file is rewritten from its start at regular intervals, so neither file grows without bound. A reader
-// opens the files read-only and fetches records by slot. docs/report-store.md maps the bytes and says what readers in
-// other processes may see. Not here: protection against a second writer, repair of damaged files, and any check that a
-// rewritten data file still has what old slots point at.
+// one, and the data file is rewritten from its start at regular intervals, so neither file grows without bound. A
+// reader opens the files read-only and fetches records by slot. docs/report-store.md maps the bytes and says what
+// readers in other processes may see. Not here: protection against a second writer, repair of damaged files, and any
+// check that a rewritten data file still has what old slots point at.
 #pragma once
 
 #include <cstdio>
@@ -22,8 +22,8 @@ class RecordReader;
 // Threads: writeLine and readLine may be called from any thread at once; everything else belongs to the thread that
 // owns the object, while no other uses it. The lock protects this object only, not the files against other processes.
 // Owns: both streams, which serve as handles; all access is positioned reads and writes on their descriptors.
-// Failure: a false or zero result, with errno set by the system call that failed, or ENOMEM; the store traces no errors.
-// No exception leaves it; the forced unwinding of a cancelled thread passes.
+// Failure: a false or zero result, with errno set by the system call that failed, or ENOMEM; the store traces no
+// errors. No exception leaves it; the forced unwinding of a cancelled thread passes.
 class [[gnu::visibility("default")]] CReportFileBase {
  public:
   CReportFileBase();
@@ -50,15 +50,15 @@ class [[gnu::visibility("default")]] CReportFileBase {
   // Closes whatever is open; the header in memory is kept. Always true. [owning thread]
   bool Close();
 
-  // Appends `text` (null: the empty text) as one record, replacing the oldest one if the ring is full. Returns true once
-  // the record is in the data file and its slot in the index file. False leaves header and slots unchanged; bytes of the
-  // text may be in the data file, where nothing points at them. [any thread]
+  // Appends `text` (null: the empty text) as one record, replacing the oldest one if the ring is full. Returns true
+  // once the record is in the data file and its slot in the index file. False leaves header and slots unchanged; bytes
+  // of the text may be in the data file, where nothing points at them. [any thread]
   [[nodiscard]] bool writeLine(const char* text);
 
   // Reads the record in `slot` up to and including its first line feed, so normally with its "\r\n". A byte 0xFF ends
   // the record too and is part of it; so does the end of the file, which adds a byte 0xFF; a NUL ends the text and is
-  // not part of it. False leaves `out` unchanged: a slot that is not in use, a store that is not open, or a read that the
-  // system failed; the next call reads again. [any thread]
+  // not part of it. False leaves `out` unchanged: a slot that is not in use, a store that is not open, or a read that
+  // failed; the next call reads again. [any thread]
   [[nodiscard]] bool readLine(std::string & out, unsigned int slot);
 
   // The size of the data file in bytes, 0 when it is not open. [owning thread]

@@ -329,8 +329,8 @@ bool PrintRows(int kills, const Model::Losses& losses, const ReaderGuard& guard)
       "| ... of these records, overwritten while they were read | %llu | documented: a slow reader may find newer text "
       "|\n",
       number(mixed));
-  return losses.lost + losses.wrong_order + losses.half_headers + bad == 0 && !shared.is_refused && guard.Dead() + guard.Hung() == 0 &&
-         transfers > 0;
+  return losses.lost + losses.wrong_order + losses.half_headers + bad == 0 && !shared.is_refused &&
+         guard.Dead() + guard.Hung() == 0 && transfers > 0;
 }
 
 }  // namespace
