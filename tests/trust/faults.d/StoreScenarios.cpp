@@ -148,7 +148,7 @@ void RunRead(const std::string&) {
     if (store.readLine(text, slot)) taken.push_back(text);
   }
   report::RecordReader reader(store);
-  (void)reader.Take(0, kSlots, std::size_t{1} << 20, &taken_at_once);
+  (void)reader.Take(0, {kSlots, std::size_t{1} << 20}, &taken_at_once);
 }
 
 // In slot order: slots 0 to 5 hold the records 8 to 13, slots 6 and 7 the records 6 and 7.
