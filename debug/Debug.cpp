@@ -41,6 +41,8 @@ CDebug::CDebug() { ClassInit(); }
 CDebug::~CDebug() {
   const LockScope scope(lock_);
   StopLocked();
+  // A trace call after the end would otherwise check settings files whose paths are gone.
+  settings_.update_interval.store(0, std::memory_order_relaxed);
 }
 
 bool CDebug::IsMaster() { return true; }
@@ -160,12 +162,14 @@ void CDebug::PrintAlwaysV(const char* format, std::va_list args, const char* mod
 // Not virtual: outside the object's life there is no virtual table to call through.
 void CDebug::WriteToAll(const char* format, std::va_list args, const char* module) {
   const LockScope scope(lock_);
-  if (target_.load(std::memory_order_relaxed) == kTargetRingBuffer) {
+  const bool goes_to_ring = target_.load(std::memory_order_relaxed) == kTargetRingBuffer && ring_.IsOpen();
+  if (goes_to_ring) {
     std::va_list for_ring;
     va_copy(for_ring, args);
     TraceToRingBuffer(format, for_ring, module);
     va_end(for_ring);
   }
+  if (goes_to_ring && !ring_.IsOpen()) return;  // given up for this entry, which is in the log now
   TraceToLogFile(format, args, module);
 }
 
@@ -252,9 +256,7 @@ void CDebug::SetMainParams(int argc, char** argv) {
   const LockScope scope(lock_);
   argument_count_ = argv != nullptr ? argc : 0;
   arguments_ = argv;
-  if (argument_count_ <= 0) return;
-  PrintCommandLine(kTargetLogFile);
-  if (target_.load(std::memory_order_relaxed) == kTargetRingBuffer) PrintCommandLine(kTargetRingBuffer);
+  if (argument_count_ > 0) PrintCommandLine(kTargetAll);
 }
 
 void CDebug::SetApplInitDone() {

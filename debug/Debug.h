@@ -98,7 +98,7 @@ class CDebug : public CDebugTraceConfig {
   void TraceToLogFile(const char* format, std::va_list args, const char* module) __attribute__((format(printf, 2, 0)));
 
   // Opens or creates the ring file at `path`, of `size` bytes (at least 4096), and makes it the target. False: the log
-  // says why, the target is what it was, and no ring is open. [any thread]
+  // says why, no ring is open, and entries go to the log if they went to an earlier ring. [any thread]
   bool InitRingBuffer(const char* path, std::uint32_t size);
 
   // Writes one entry to the ring: like TraceToLogFile, but a text of up to a tenth of the ring is written whole.
@@ -114,7 +114,7 @@ class CDebug : public CDebugTraceConfig {
   bool ForceMaxDebug(bool on);
 
   // Keeps the program's arguments, which must live as long as this object, and traces them if there are any: to the
-  // log, and to the ring when that is the target. [any thread]
+  // log, and to the ring when that is the target, but never to standard error. [any thread]
   void SetMainParams(int argc, char** argv);
 
   // Says that the start is over: what the log holds now is its head, which wraps never overwrite. The same for the ring
@@ -146,6 +146,9 @@ class CDebug : public CDebugTraceConfig {
   static constexpr std::size_t kEntryBytesMax =
       qx::debug::kEntryHeaderCharsMax + kEntryTextCharsMax + kTruncationCharsMax;
 
+  // Where PrintAlways writes: to the log, and to the ring when that is the target.
+  static constexpr std::uint32_t kTargetAll = ~std::uint32_t{0};
+
   struct Entry {
     std::string_view text;  // in entry_, but for a long one
     std::size_t header_length;
@@ -167,6 +170,7 @@ class CDebug : public CDebugTraceConfig {
       __attribute__((format(printf, 3, 0)));
 
   bool SetUpRing();
+  void LeaveRing() noexcept;
   void TraceRingFailure(const qx::debug::RingBufferSink::OpenResult& result);
   void WriteLongEntry(const Entry& entry, const char* format, std::va_list args) __attribute__((format(printf, 3, 0)));
   Entry TruncatedEntry(const Entry& entry, std::string_view why) noexcept;

@@ -35,6 +35,7 @@ bool CDebug::InitRingBuffer(const char* path, std::uint32_t size) {
   try {
     ring_path_ = path;
   } catch (const std::bad_alloc&) {
+    LeaveRing();
     return false;
   }
   ring_size_ = size;
@@ -49,6 +50,7 @@ bool CDebug::SetUpRing() {
                                   .start_time = qx::debug::WithoutLineFeeds(start_time_),
                                   .entry_header = {header, header_length}});
   if (result.failure != Failure::kNone) {
+    LeaveRing();
     TraceRingFailure(result);
     return false;
   }
@@ -58,7 +60,13 @@ bool CDebug::SetUpRing() {
     ring_.LeaveGap();
   }
   PrintIt(kTargetRingBuffer, "\n### Start of work cycle. (%08d) ###", static_cast<int>(ring_.Opens()));
-  return true;
+  return ring_.IsOpen();  // the file may have been cut meanwhile
+}
+
+// What went to the ring goes to the log from here on.
+void CDebug::LeaveRing() noexcept {
+  ring_.Close();
+  if (target_.load(std::memory_order_relaxed) == kTargetRingBuffer) SetTarget(kTargetLogFile);
 }
 
 void CDebug::TraceRingFailure(const qx::debug::RingBufferSink::OpenResult& result) {
@@ -148,8 +156,7 @@ bool CDebug::WrapRing(std::size_t entry_size) {
 
 // The ring file was cut while it was mapped. A store behind its end would kill the process.
 void CDebug::GiveUpRing(const Entry& entry) {
-  ring_.Close();
-  SetTarget(kTargetLogFile);
+  LeaveRing();
   PrintToLogFile("\n### TraceToRingBuffer(): %s has been cut --> proceed without it ###", ring_path_.c_str());
   if (log_.IsOpen()) log_.Write(entry.text, entry.header_length);
 }

@@ -156,10 +156,14 @@ void CDebug::PrintHeaderLine(std::uint32_t target, const char* format, ...) {
     va_end(again);
     (void)!::write(STDERR_FILENO, line.data(), line.size());  // there is nowhere left to report to
   }
-  WriteEntry(target, format, args, nullptr);
+  if (target == kTargetAll) {
+    WriteToAll(format, args, nullptr);
+  } else {
+    WriteEntry(target, format, args, nullptr);
+  }
   va_end(args);
 }
 
 bool CDebug::GoesToStderr(std::uint32_t target) const noexcept {
-  return settings_.no_header_to_stderr == 0 && target != kTargetRingBuffer;
+  return settings_.no_header_to_stderr == 0 && target != kTargetRingBuffer && target != kTargetAll;
 }

@@ -118,11 +118,21 @@ TEST(DebugRingDamage, FileThatDoesNotTellWhatItIsIsClosedAgainAndLeftAsItIs) {
   EXPECT_EQ(setup.Ring(), ring);
 }
 
-TEST(DebugRingDamage, FailedAttemptLeavesTheTargetAndClosesTheEarlierRing) {
+TEST(DebugRingDamage, FailedSecondAttemptKeepsTracingInTheLog) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSize));
   EXPECT_FALSE(setup.OpenRing(1));
   EXPECT_EQ(qx::test::DescriptorOf(setup.RingPath()), -1);
+  setup.Trace().Print(1, "goes on");
+  EXPECT_EQ(Undated(setup.Log()), OpenFailed(setup, EINVAL) + UndatedEntry("goes on\n"));
+}
+
+TEST(DebugRingDamage, FailedAttemptLeavesATargetOtherThanTheRing) {
+  RingSetup setup;
+  setup.Trace().SetTarget(CDebug::kTargetNone);
+  EXPECT_FALSE(setup.OpenRing(1));
+  setup.Trace().Print(1, "nowhere");
+  EXPECT_EQ(Undated(setup.Log()), OpenFailed(setup, EINVAL));
 }
 
 // What a run leaves, with a last entry "newest" that ends at `position`.
@@ -243,6 +253,29 @@ TEST(DebugRingDamage, FileThatIsCutWhileItIsMappedIsNoticedAtTheNextWrap) {
                                                " has been cut --> proceed without it ###\n") +
                                       UndatedEntry(std::string(100, 'x') + "\n") + UndatedEntry("goes on\n"));
   EXPECT_EQ(qx::test::DescriptorOf(setup.RingPath()), -1);
+}
+
+TEST(DebugRingDamage, EntryForBothTargetsIsInTheLogOnceWhenTheRingWasCut) {
+  RingSetup setup;
+  ASSERT_TRUE(setup.OpenRing(kSize));
+  setup.FillUpTo(100);
+  std::filesystem::resize_file(setup.RingPath(), kSize - 1);
+  setup.Trace().PrintAlways("%s", std::string(100, 'x').c_str());
+  setup.Trace().PrintAlways("goes on");
+  EXPECT_THAT(Undated(setup.Log()),
+              testing::EndsWith("it ###\n" + UndatedEntry(std::string(100, 'x') + "\n") + UndatedEntry("goes on\n")));
+}
+
+TEST(DebugRingDamage, CommandLineIsInTheLogOnceWhenTheRingWasCut) {
+  RingSetup setup;
+  ASSERT_TRUE(setup.OpenRing(kSize));
+  setup.FillUpTo(60);
+  std::filesystem::resize_file(setup.RingPath(), kSize - 1);
+  char program[] = "agent";
+  char* argv[] = {program, nullptr};
+  setup.Trace().SetMainParams(1, argv);
+  EXPECT_THAT(Undated(setup.Log()), testing::EndsWith("it ###\n" + UndatedEntry("QxTrace Command Line Options:\n") +
+                                                      UndatedEntry("argv[0] = \"agent\"\n")));
 }
 
 TEST(DebugRingDamage, FileThatIsDeletedIsWrittenOnAndTheNextStartMakesANewOne) {

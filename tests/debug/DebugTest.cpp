@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <new>
 
+#include "tests/debug/PrivateMounts.h"
 #include "tests/debug/TraceFixture.h"
 #include "tests/support/FailingFileCalls.h"
 
@@ -23,6 +24,7 @@ using qx::test::FileCall;
 using qx::test::ReadFile;
 using qx::test::SyslogCapture;
 using qx::test::TempDir;
+using qx::test::TestDebug;
 using qx::test::TraceSetup;
 using qx::test::WriteFile;
 using testing::ElementsAre;
@@ -118,6 +120,28 @@ TEST(Debug, InertInZeroedMemoryAndAfterItsEnd) {
   debug->CDebug::Print(1, "after");
   debug->CDebug::PrintAlways("after");
   EXPECT_EQ(setup.PlainLog(), Entry("alive\n"));
+}
+
+// In a child: what it guards against ends the program.
+TEST(Debug, SettingsFilesAreNotCheckedAfterItsEnd) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the undefined behaviour sanitizer stops every call outside an object's life";
+#endif
+  TraceSetup setup;
+  setup.WriteIni("global_trace.ini", "[GlobalDebugSettings]\nDynamicUpdate=10\n[EndOfFile]\n");
+  setup.WriteIni("qxtrace.ini", "[QxTrace]\nFileDebugLevel=1\n[EndOfFile]\n");
+  const std::string directory = setup.IniPath("");
+  const std::string outcome = qx::test::InChild([&]() -> std::string {
+    alignas(TestDebug) static unsigned char memory[sizeof(TestDebug)];
+    auto* const debug = new (memory) TestDebug(directory.c_str());
+    if (!debug->Init(TraceSetup::kAppName)) return "not started";
+    debug->CheckDynamicUpdate(std::time(nullptr) + 1000);  // for the next call the clock has gone back
+    debug->~TestDebug();
+    debug->CDebug::Print(1, "after");
+    return "alive";
+  });
+  EXPECT_EQ(outcome, "alive");
+  EXPECT_EQ(setup.PlainLog(), "");
 }
 
 TEST(Debug, EntriesAboveTheLevelAreDropped) {

@@ -293,4 +293,15 @@ TEST(LogHeader, StaysOutOfStandardErrorByDefaultAndForTheRingBuffer) {
   EXPECT_EQ(StderrOf(path, [&] { setup.Trace().WriteLogHeader(CDebug::kTargetRingBuffer); }), "");
 }
 
+TEST(LogHeader, CommandLineOfTheProgramNeverGoesToStandardError) {
+  TraceSetup setup;
+  setup.SetEnv("QX_LOG_NOHDR_TOSDTERR", "0");
+  ASSERT_TRUE(setup.Init());
+  char program[] = "agent";
+  char* argv[] = {program, nullptr};
+  EXPECT_EQ(StderrOf(setup.LogDir().File("stderr"), [&] { setup.Trace().SetMainParams(1, argv); }), "");
+  EXPECT_EQ(setup.PlainLog(),
+            "S [T] QxTrace       QxTrace Command Line Options:\nS [T] QxTrace       argv[0] = \"agent\"\n");
+}
+
 }  // namespace
