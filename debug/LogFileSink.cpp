@@ -8,20 +8,20 @@
 #include "base/File.h"
 #include "debug/DebugTraceConfig.h"
 #include "debug/EntryHeader.h"
+#include "debug/OwnFile.h"
 
 namespace qx::debug {
 
 namespace {
 
-constexpr mode_t kLogFileMode = 0666;  // less the umask, as for any stream
+constexpr mode_t kLogFileMode = 0640;  // less the umask
 
-// Opens as "w+" does, but close-on-exec, never through a symbolic link and only what is or becomes a regular file: a
-// pipe of this name would block its writers once it is full.
+// Opens as "w+" does, but only a file of our own: an ordinary user who has prepared the log would read the traces.
 std::FILE* OpenTruncated(const char* path) {
-  file::Descriptor log = file::OpenRegular(path, O_RDWR | O_CREAT | O_NOFOLLOW, kLogFileMode);
-  if (!log.IsOpen() || file::Truncate(log.Number(), 0) != 0) return nullptr;
-  std::FILE* const stream = ::fdopen(log.Number(), "w+");
-  if (stream != nullptr) (void)log.Release();  // the stream closes it
+  OwnFile log = OpenOwnFile(path, kLogFileMode);
+  if (!log.file.IsOpen() || file::Truncate(log.file.Number(), 0) != 0) return nullptr;
+  std::FILE* const stream = ::fdopen(log.file.Number(), "w+");
+  if (stream != nullptr) (void)log.file.Release();  // the stream closes it
   return stream;
 }
 

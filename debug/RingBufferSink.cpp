@@ -3,13 +3,16 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/File.h"
+#include "debug/OwnFile.h"
 
 namespace qx::debug {
 
@@ -38,42 +41,15 @@ bool WriteAll(int descriptor, const char* bytes, std::size_t size) noexcept {
   return !file::Write(descriptor, {bytes, size}).Failed();
 }
 
-// 0 for a regular file; else the error number of opening what is none.
-int RefusalOf(mode_t mode) noexcept {
-  if (S_ISREG(mode)) return 0;
-  return S_ISDIR(mode) ? EISDIR : S_ISLNK(mode) ? ELOOP : EINVAL;
-}
-
-// Opens the existing file; none with errno. What is no regular file is not even opened: opening a device can act on it.
-file::Descriptor OpenExisting(const char* path, struct stat& status) noexcept {
-  int error = file::StatusOf(path, status, AT_SYMLINK_NOFOLLOW);
-  if (error == 0) error = RefusalOf(status.st_mode);
-  errno = error;
-  if (error != 0) return {};
-  file::Descriptor ring = file::Open(path, O_RDWR | O_NOFOLLOW);
-  if (!ring.IsOpen()) return ring;
-  if (file::StatusOf(ring.Number(), status) == 0 && S_ISREG(status.st_mode)) return ring;
-  errno = EINVAL;
-  return {};
-}
-
 // Opens the ring file or a new one; none with errno. A file of another size is taken out of the directory, not cut:
 // another process may have it mapped and would die of a store behind its end. Such a file is also what a creation
 // leaves that was killed, for the file has its size last.
 file::Descriptor OpenOrCreate(const char* path, std::uint32_t size, bool& is_new) noexcept {
-  struct stat status {};
-  is_new = false;
-  file::Descriptor existing = OpenExisting(path, status);
-  const int error = errno;
-  if (existing.IsOpen() && static_cast<std::uint64_t>(status.st_size) == size) return existing;
-  if (!existing.IsOpen() && error != ENOENT) return {};
-  if (existing.IsOpen()) {
-    (void)existing.Close();  // nothing was written
-    errno = file::Remove(path);
-    if (errno != 0) return {};
-  }
-  is_new = true;
-  return file::Open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, kRingFileMode);
+  OwnFile ring = OpenOwnFile(path, kRingFileMode, size);
+  is_new = ring.is_new;
+  if (ring.is_refused) ::syslog(LOG_ERR, "ERROR: %s is refused (errno=%d) --> proceed without it\n", path, ring.error);
+  errno = ring.error;
+  return std::move(ring.file);
 }
 
 // Takes disk blocks for the whole file, without giving it that size: a store into a mapped hole of a full disk would

@@ -202,14 +202,17 @@ TEST(LogFileSink, OnlyWrittenBytesCountTowardsTheLimit) {
   EXPECT_EQ(setup.PlainLog(), Entry("after\n"));
 }
 
-TEST(LogFileSink, IsOpenedCloseOnExecWithTheModeOfAStream) {
+TEST(LogFileSink, IsOpenedCloseOnExecWithMode0640LessTheUmask) {
   TraceSetup setup;
-  const mode_t umask_before = ::umask(027);
-  ASSERT_TRUE(setup.InitAtLevel(1));
-  ::umask(umask_before);
-  struct stat status {};
-  ASSERT_EQ(::stat(setup.LogPath().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, mode_t{0640});
+  for (const auto& [umask, mode] : {std::pair<mode_t, mode_t>{0, 0640}, {0137, 0640}, {0077, 0600}}) {
+    std::filesystem::remove(setup.LogPath());
+    const mode_t umask_before = ::umask(umask);
+    ASSERT_TRUE(setup.InitAtLevel(1));
+    ::umask(umask_before);
+    struct stat status {};
+    ASSERT_EQ(::stat(setup.LogPath().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, mode);
+  }
   EXPECT_EQ(::fcntl(DescriptorOf(setup.LogPath()), F_GETFD), FD_CLOEXEC);
 }
 

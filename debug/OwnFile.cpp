@@ -1,0 +1,97 @@
+#include "debug/OwnFile.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace qx::debug {
+
+namespace {
+
+// Each try ends because another user swapped the file meanwhile. Who does this for ever gets no file to read.
+constexpr int kTriesMax = 16;
+
+// 0 for a regular file; else the error number of opening anything else.
+int RefusalOf(mode_t mode) noexcept {
+  if (S_ISREG(mode)) return 0;
+  return S_ISDIR(mode) ? EISDIR : S_ISLNK(mode) ? ELOOP : EINVAL;
+}
+
+OwnFile Failure(int error, bool is_refused = false) {
+  OwnFile failure;
+  failure.error = error;
+  failure.is_refused = is_refused;
+  return failure;
+}
+
+OwnFile Create(const char* path, mode_t mode) {
+  OwnFile created;
+  created.file = file::Open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
+  const int error = errno;
+  created.error = created.file.IsOpen() ? 0 : error;
+  created.is_new = true;
+  return created;
+}
+
+// The existing file. `status` is that of the path before, and of the open file after the call. What is not a regular
+// file is not even opened: opening a device can act on it.
+OwnFile OpenExisting(const char* path, struct stat& status) {
+  const int refusal = RefusalOf(status.st_mode);
+  if (refusal != 0) return Failure(refusal, true);
+  OwnFile existing;
+  if (!IsOwnFile(status, ::geteuid())) return existing;
+  existing.file = file::Open(path, O_RDWR | O_NOFOLLOW);
+  const int error = errno;
+  if (!existing.file.IsOpen()) return Failure(error);
+  if (file::StatusOf(existing.file.Number(), status) != 0) return Failure(EINVAL);
+  const bool is_own = S_ISREG(status.st_mode) && IsOwnFile(status, ::geteuid());
+  return is_own ? std::move(existing) : OwnFile{};
+}
+
+void ReportReplaced(const char* path, const struct stat& status) {
+  ::syslog(LOG_WARNING,
+           "WARNING: %s is not a file of this process alone (owner=%u, names=%u, mode=%04o) --> created again\n", path,
+           status.st_uid, static_cast<unsigned>(status.st_nlink), status.st_mode & 07777U);
+}
+
+// True if the path names another file than a moment ago: the next try shows which.
+bool IsSwapped(const OwnFile& tried) noexcept {
+  if (tried.is_new) return tried.error == EEXIST;
+  return !tried.is_refused && (tried.error == ENOENT || tried.error == ELOOP);
+}
+
+bool HasSize(const struct stat& status, std::optional<std::uint64_t> size) noexcept {
+  return !size.has_value() || static_cast<std::uint64_t>(status.st_size) == *size;
+}
+
+}  // namespace
+
+bool IsOwnFile(const struct stat& status, uid_t user) noexcept {
+  const bool is_owner = status.st_uid == 0 || status.st_uid == user;
+  return is_owner && status.st_nlink == 1 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+OwnFile OpenOwnFile(const char* path, mode_t mode, std::optional<std::uint64_t> size) {
+  std::optional<struct stat> refused;  // the last file that was removed because it is not our own
+  for (int i = 0; i < kTriesMax; ++i) {
+    struct stat status {};
+    const int status_error = file::StatusOf(path, status, AT_SYMLINK_NOFOLLOW);
+    if (status_error != 0 && status_error != ENOENT) return Failure(status_error);
+    OwnFile tried = status_error == ENOENT ? Create(path, mode) : OpenExisting(path, status);
+    if (IsSwapped(tried)) continue;
+    if (tried.is_new && tried.error == 0 && refused.has_value()) ReportReplaced(path, *refused);
+    if (tried.is_new || tried.error != 0) {
+      tried.is_refused = tried.is_refused || (tried.error != 0 && refused.has_value());
+      return tried;
+    }
+    if (tried.file.IsOpen() && HasSize(status, size)) return tried;
+    if (!tried.file.IsOpen()) refused = status;
+    const int removal_error = file::Remove(path);
+    if (removal_error != 0 && removal_error != ENOENT) return Failure(removal_error, refused.has_value());
+  }
+  return Failure(EEXIST, true);
+}
+
+}  // namespace qx::debug

@@ -1,0 +1,283 @@
+// An ordinary user against a service of root's that traces: he prepares the log or the ring, or swaps them while they
+// are opened. He must get neither the traces nor a file that he can shorten under the service.
+#include "debug/OwnFile.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+
+#include "tests/debug/PrivateMounts.h"
+#include "tests/debug/RingFixture.h"
+#include "tests/support/FailingFileCalls.h"
+
+namespace {
+
+using qx::debug::IsOwnFile;
+using qx::debug::OpenOwnFile;
+using qx::debug::OwnFile;
+using qx::test::FailingCall;
+using qx::test::FileCall;
+using qx::test::ReadFile;
+using qx::test::RingSetup;
+using qx::test::SyslogCapture;
+using qx::test::TempDir;
+using qx::test::TraceSetup;
+using qx::test::WriteFile;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+constexpr uid_t kOrdinaryUser = 65534;
+constexpr std::uint32_t kRingBytes = 32768;
+
+TEST(OwnFile, OwnerNamesAndModeDecide) {
+  struct Row {
+    uid_t owner;
+    nlink_t names;
+    mode_t mode;
+    bool is_own;
+  };
+  const Row rows[] = {{0, 1, 0640, true},     {1000, 1, 0600, true}, {1000, 1, 0755, true}, {65534, 1, 0600, false},
+                      {0, 2, 0640, false},    {0, 0, 0640, false},   {0, 1, 0660, false},   {0, 1, 0642, false},
+                      {1000, 1, 0666, false}, {1000, 3, 0600, false}};
+  for (const Row& row : rows) {
+    struct stat status {};
+    status.st_uid = row.owner;
+    status.st_nlink = row.names;
+    status.st_mode = S_IFREG | row.mode;
+    EXPECT_EQ(IsOwnFile(status, 1000), row.is_own) << row.owner << " " << row.names << " " << std::oct << row.mode;
+  }
+}
+
+struct stat StatusOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+  return status;
+}
+
+// Runs `body` as an ordinary user; its text.
+std::string AsOrdinaryUser(const std::function<std::string()>& body) {
+  return qx::test::InChild([&]() -> std::string {
+    if (::setgroups(0, nullptr) != 0) return "cannot leave root's groups";
+    if (::setresgid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) return "cannot leave root's group";
+    if (::setresuid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) return "cannot become an ordinary user";
+    return body();
+  });
+}
+
+// A trace directory that an ordinary user may write, and a service of root's in it.
+class OwnFileAttack : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can be attacked by an ordinary user here";
+    std::filesystem::permissions(service_.LogDir().Path(), std::filesystem::perms::all);
+  }
+
+  // What the user does with his own hands, and whether it worked: "" if so.
+  void Prepare(const std::function<bool()>& body) {
+    ASSERT_EQ(AsOrdinaryUser([&] { return std::string(body() ? "" : std::strerror(errno)); }), "");
+  }
+
+  // What the user can read of the file, "" for nothing.
+  static std::string ReadByUser(const std::string& path) {
+    return AsOrdinaryUser([&]() -> std::string {
+      const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      return file < 0 ? "" : ReadFile(path);
+    });
+  }
+
+  void ExpectOwn(const std::string& path) const {
+    const struct stat status = StatusOf(path);
+    EXPECT_EQ(status.st_uid, 0U);
+    EXPECT_EQ(status.st_nlink, 1U);
+    EXPECT_EQ(status.st_mode & 022U, 0U);
+    EXPECT_EQ(ReadByUser(path), "");
+  }
+
+  std::string LogPath() const { return service_.LogPath(); }
+  std::string RingPath() const { return service_.RingPath(); }
+
+  RingSetup service_;
+};
+
+bool MakeFile(const std::string& path, mode_t mode, std::uint32_t size) {
+  const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  return file >= 0 && ::fchmod(file, mode) == 0 && ::ftruncate(file, size) == 0 && ::close(file) == 0;
+}
+
+TEST_F(OwnFileAttack, PreparedLogIsCreatedAgainAndReportedOnce) {
+  std::filesystem::remove(LogPath());
+  Prepare([&] { return MakeFile(LogPath(), 0666, 0); });
+  const SyslogCapture syslog;
+  ASSERT_TRUE(service_.Init());
+  service_.Trace().Print(1, "secret");
+  ExpectOwn(LogPath());
+  EXPECT_EQ(StatusOf(LogPath()).st_mode & 07777U, 0640U);
+  EXPECT_THAT(service_.Log(), HasSubstr("secret"));
+  EXPECT_THAT(
+      syslog.Messages(),
+      ElementsAre("4 WARNING: " + LogPath() +
+                  " is not a file of this process alone (owner=65534, names=1, mode=0666) --> created again\n"));
+}
+
+TEST_F(OwnFileAttack, PreparedRingOfTheRightSizeIsCreatedAgainAndReportedOnce) {
+  Prepare([&] { return MakeFile(RingPath(), 0666, kRingBytes); });
+  const SyslogCapture syslog;
+  ASSERT_TRUE(service_.OpenRing(kRingBytes));
+  service_.Trace().Print(1, "secret");
+  ExpectOwn(RingPath());
+  EXPECT_THAT(service_.Ring(), HasSubstr("secret"));
+  EXPECT_THAT(syslog.Messages(),
+              ElementsAre(StartsWith("4 WARNING: " + RingPath() + " is not a file of this process")));
+}
+
+// The user keeps the file that he has prepared open, and cuts it while the service writes.
+TEST_F(OwnFileAttack, CuttingThePreparedRingDoesNotEndTheService) {
+  Prepare([&] { return MakeFile(RingPath(), 0666, kRingBytes); });
+  const int kept = ::open(RingPath().c_str(), O_RDWR | O_CLOEXEC);
+  EXPECT_EQ(qx::test::InChild([&]() -> std::string {
+              if (!service_.OpenRing(kRingBytes)) return "no ring";
+              if (::ftruncate(kept, 0) != 0) return "not cut";
+              for (int i = 0; i < 100; ++i) service_.Trace().Print(1, "entry %d", i);
+              return "alive";
+            }),
+            "alive");
+  ::close(kept);
+}
+
+TEST_F(OwnFileAttack, SecondNameOfTheLogOrTheRingIsNoWayToThem) {
+  ASSERT_TRUE(service_.OpenRing(kRingBytes));
+  for (const std::string& path : {LogPath(), RingPath()}) std::filesystem::create_hard_link(path, path + ".kept");
+  ASSERT_TRUE(service_.Restart(kRingBytes));
+  service_.Trace().PrintAlways("secret");
+  for (const std::string& path : {LogPath(), RingPath()}) {
+    ExpectOwn(path);
+    EXPECT_THAT(ReadFile(path), HasSubstr("secret"));
+    EXPECT_THAT(ReadFile(path + ".kept"), testing::Not(HasSubstr("secret")));
+  }
+}
+
+// A hard link to a file of root's, where the system allows the user to make one: the file keeps its text.
+TEST_F(OwnFileAttack, HardLinkToAFileOfRootsIsNotEmptied) {
+  const TempDir elsewhere;
+  WriteFile(elsewhere.File("precious"), "precious");
+  for (const std::string& path : {LogPath(), RingPath()}) {
+    std::filesystem::remove(path);
+    std::filesystem::create_hard_link(elsewhere.File("precious"), path);
+  }
+  ASSERT_TRUE(service_.Restart(kRingBytes));
+  EXPECT_EQ(ReadFile(elsewhere.File("precious")), "precious");
+  ExpectOwn(LogPath());
+  ExpectOwn(RingPath());
+}
+
+TEST_F(OwnFileAttack, FileThatCannotBeRemovedLeavesItsTargetOff) {
+  ASSERT_TRUE(service_.OpenRing(kRingBytes));
+  for (const std::string& path : {LogPath(), RingPath()}) {
+    ASSERT_EQ(::chown(path.c_str(), kOrdinaryUser, kOrdinaryUser), 0);
+  }
+  const std::string before = ReadFile(RingPath());
+  const FailingCall removal({.call = FileCall::kRemove, .times = qx::test::kAlways, .error = EROFS});
+  const SyslogCapture syslog;
+  ASSERT_TRUE(service_.Init());
+  EXPECT_FALSE(service_.OpenRing(kRingBytes));
+  service_.Trace().PrintAlways("secret");
+  EXPECT_EQ(ReadFile(RingPath()), before);
+  EXPECT_EQ(ReadFile(LogPath()).find("secret"), std::string::npos);
+  EXPECT_THAT(syslog.Messages(),
+              ElementsAre("3 ERROR: Error during opening " + LogPath() + " --> proceed without it\n",
+                          "3 ERROR: " + RingPath() + " is refused (errno=30) --> proceed without it\n"));
+}
+
+TEST_F(OwnFileAttack, LinkInPlaceOfTheRingIsReportedOnce) {
+  Prepare([&] { return ::symlink("/etc/passwd", RingPath().c_str()) == 0; });
+  const SyslogCapture syslog;
+  EXPECT_FALSE(service_.OpenRing(kRingBytes));
+  EXPECT_THAT(syslog.Messages(),
+              ElementsAre("3 ERROR: " + RingPath() + " is refused (errno=40) --> proceed without it\n"));
+}
+
+TEST_F(OwnFileAttack, OrdinaryErrorOfTheRingIsNotReportedInTheSystemLog) {
+  const FailingCall fault({.call = FileCall::kOpen, .path = "_a", .error = EMFILE});
+  const SyslogCapture syslog;
+  EXPECT_FALSE(service_.OpenRing(kRingBytes));
+  EXPECT_THAT(syslog.Messages(), IsEmpty());
+}
+
+// The user's process, which swaps what the name leads to until it is ended.
+class Swapper {
+ public:
+  Swapper(const std::string& path, std::uint32_t size) {
+    child_ = ::fork();
+    if (child_ == 0) Run(path, size);
+  }
+  ~Swapper() {
+    ::kill(child_, SIGKILL);
+    ::waitpid(child_, nullptr, 0);
+  }
+  Swapper(const Swapper&) = delete;
+  Swapper& operator=(const Swapper&) = delete;
+
+ private:
+  [[noreturn]] static void Run(const std::string& path, std::uint32_t size) {
+    if (::setresgid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) ::_exit(1);
+    if (::setresuid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) ::_exit(1);
+    const std::string mine = path + ".mine";
+    const std::string his = path + ".his";
+    for (;;) {
+      (void)::rename(path.c_str(), his.c_str());  // the service's file, if it is there
+      (void)MakeFile(mine, 0666, size);
+      (void)::rename(mine.c_str(), path.c_str());
+      (void)::rename(path.c_str(), mine.c_str());
+      (void)::rename(his.c_str(), path.c_str());
+      (void)::link(mine.c_str(), path.c_str());
+      (void)::unlink(mine.c_str());
+    }
+  }
+
+  pid_t child_;
+};
+
+// Every file that is opened while the user swaps is the service's own; `size` as for OpenOwnFile. Returns how many of
+// the tries got a file.
+int CountOwnFiles(const std::string& path, std::optional<std::uint64_t> size, int tries) {
+  int opened = 0;
+  for (int i = 0; i < tries; ++i) {
+    const OwnFile own = OpenOwnFile(path.c_str(), 0640, size);
+    if (!own.file.IsOpen()) continue;
+    struct stat status {};
+    EXPECT_EQ(::fstat(own.file.Number(), &status), 0);
+    EXPECT_EQ(status.st_uid, 0U) << "try " << i;
+    EXPECT_EQ(status.st_mode & 022U, 0U) << "try " << i;
+    if (size.has_value()) {
+      EXPECT_EQ(::ftruncate(own.file.Number(), static_cast<off_t>(*size)), 0);
+    }
+    ++opened;
+    if (testing::Test::HasFailure()) break;
+  }
+  return opened;
+}
+
+TEST_F(OwnFileAttack, SwappedFileIsNeverTakenInTenThousandTries) {
+  const SyslogCapture syslog;
+  {
+    const Swapper swapper(LogPath(), 0);
+    EXPECT_GT(CountOwnFiles(LogPath(), std::nullopt, 10000), 0);
+  }
+  const Swapper swapper(RingPath(), kRingBytes);
+  EXPECT_GT(CountOwnFiles(RingPath(), kRingBytes, 10000), 0);
+  // The race took place: his file was there often.
+  EXPECT_GT(syslog.Messages().size(), 10U);
+}
+
+}  // namespace
