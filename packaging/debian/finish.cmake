@@ -1,5 +1,5 @@
 # Run by CPack between staging and packing: adds to each component what only a Debian package has (copyright, changelog,
-# lintian overrides), compresses manual pages and strips binaries, the way debhelper does.
+# lintian overrides, the trace directory), compresses manual pages and strips binaries, the way debhelper does.
 
 find_program(QX_STRIP strip REQUIRED)
 find_program(QX_GZIP gzip REQUIRED)
@@ -42,10 +42,19 @@ function(qx_strip root)
   endforeach()
 endfunction()
 
+# Traces hold user names and requests: only root may put files where the service writes them.
+function(qx_add_trace_directory root)
+  file(MAKE_DIRECTORY ${root}/var/log/brollan)
+  qx_run(chmod 0755 ${root}/var ${root}/var/log ${root}/var/log/brollan)
+endfunction()
+
 foreach(component ${CPACK_COMPONENTS_ALL})
   set(root ${CPACK_TEMPORARY_DIRECTORY}/${component})
   string(TOUPPER ${component} upper)
   qx_add_documents(${root} ${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
   qx_compress_manual(${root})
   qx_strip(${root})
+  if(component STREQUAL module)
+    qx_add_trace_directory(${root})
+  endif()
 endforeach()

@@ -116,6 +116,27 @@ TEST(LogFileSink, LimitOfZeroWrapsAtEveryEntry) {
   EXPECT_EQ(setup.PlainLog().substr(0, Entry(line).size()), Entry(line));
 }
 
+// The length of the longest line that a wrap at a limit below 1000 bytes leaves.
+constexpr std::size_t kWrapLineBytesMax = 124;
+
+// What the file may be longer than its limit by: the wrap's line and one entry, and below 120 bytes a second such line.
+TEST(LogFileSink, SmallLimitsAreExceededByTwoWrapLinesAndAnEntryAtMost) {
+  const std::size_t entry = EntryBytes(20);
+  for (const std::size_t limit : {0U, 1U, 60U, 118U, 119U, 120U, 150U, 300U, 999U}) {
+    TraceSetup setup;
+    setup.SetEnv("QX_LOG_FILE_MAX_SIZE", std::to_string(limit).c_str());
+    ASSERT_TRUE(setup.InitAtLevel(1));
+    setup.Trace().Print(1, "%s", std::string(20, 'h').c_str());
+    setup.Trace().SetApplInitDone();
+    for (int i = 0; i < 50; ++i) setup.Trace().Print(1, "%s", std::string(20, 'e').c_str());
+    const std::size_t lines = limit < 120 ? 2 : 1;
+    EXPECT_LE(setup.Log().size(), limit + lines * kWrapLineBytesMax + entry) << limit;
+    if (limit < 60) {
+      EXPECT_GT(setup.Log().size(), limit + kWrapLineBytesMax + entry) << limit;
+    }
+  }
+}
+
 TEST(LogFileSink, LimitOfAllOnesNeverWraps) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "-1");

@@ -117,7 +117,7 @@ bool MakeFile(const std::string& path, mode_t mode, std::uint32_t size) {
 
 TEST_F(OwnFileAttack, PreparedLogIsCreatedAgainAndReportedOnce) {
   std::filesystem::remove(LogPath());
-  Prepare([&] { return MakeFile(LogPath(), 0666, 0); });
+  Prepare([&] { return MakeFile(LogPath(), 0604, 0); });
   const SyslogCapture syslog;
   ASSERT_TRUE(service_.Init());
   service_.Trace().Print(1, "secret");
@@ -127,11 +127,11 @@ TEST_F(OwnFileAttack, PreparedLogIsCreatedAgainAndReportedOnce) {
   EXPECT_THAT(
       syslog.Messages(),
       ElementsAre("4 WARNING: " + LogPath() +
-                  " is not a file of this process alone (owner=65534, names=1, mode=0666) --> created again\n"));
+                  " is not a file of this process alone (owner=65534, names=1, mode=0604) --> created again\n"));
 }
 
 TEST_F(OwnFileAttack, PreparedRingOfTheRightSizeIsCreatedAgainAndReportedOnce) {
-  Prepare([&] { return MakeFile(RingPath(), 0666, kRingBytes); });
+  Prepare([&] { return MakeFile(RingPath(), 0604, kRingBytes); });
   const SyslogCapture syslog;
   ASSERT_TRUE(service_.OpenRing(kRingBytes));
   service_.Trace().Print(1, "secret");
@@ -143,7 +143,7 @@ TEST_F(OwnFileAttack, PreparedRingOfTheRightSizeIsCreatedAgainAndReportedOnce) {
 
 // The user keeps the file that he has prepared open, and cuts it while the service writes.
 TEST_F(OwnFileAttack, CuttingThePreparedRingDoesNotEndTheService) {
-  Prepare([&] { return MakeFile(RingPath(), 0666, kRingBytes); });
+  Prepare([&] { return MakeFile(RingPath(), 0604, kRingBytes); });
   const int kept = ::open(RingPath().c_str(), O_RDWR | O_CLOEXEC);
   EXPECT_EQ(qx::test::InChild([&]() -> std::string {
               if (!service_.OpenRing(kRingBytes)) return "no ring";
@@ -165,6 +165,18 @@ TEST_F(OwnFileAttack, SecondNameOfTheLogOrTheRingIsNoWayToThem) {
     EXPECT_THAT(ReadFile(path), HasSubstr("secret"));
     EXPECT_THAT(ReadFile(path + ".kept"), testing::Not(HasSubstr("secret")));
   }
+}
+
+// Root's own files, but everybody may write them: an earlier umask, say.
+TEST_F(OwnFileAttack, FileThatOthersMayWriteIsCreatedAgain) {
+  ASSERT_TRUE(service_.OpenRing(kRingBytes));
+  for (const std::string& path : {LogPath(), RingPath()}) ASSERT_EQ(::chmod(path.c_str(), 0622), 0);
+  const SyslogCapture syslog;
+  ASSERT_TRUE(service_.Restart(kRingBytes));
+  ExpectOwn(LogPath());
+  ExpectOwn(RingPath());
+  EXPECT_EQ(service_.Opens(), 1U);
+  EXPECT_EQ(syslog.Messages().size(), 2U);
 }
 
 // A hard link to a file of root's, where the system allows the user to make one: the file keeps its text.
@@ -236,7 +248,7 @@ class Swapper {
     const std::string his = path + ".his";
     for (;;) {
       (void)::rename(path.c_str(), his.c_str());  // the service's file, if it is there
-      (void)MakeFile(mine, 0666, size);
+      (void)MakeFile(mine, 0604, size);
       (void)::rename(mine.c_str(), path.c_str());
       (void)::rename(path.c_str(), mine.c_str());
       (void)::rename(his.c_str(), path.c_str());

@@ -80,6 +80,14 @@ END
   grep -q traced log.ownobject
 }
 
+@test "the package makes the trace directory, and only root may write it" {
+  mkdir module
+  (umask 077
+   cmake -DCPACK_COMPONENTS_ALL=module -DCPACK_DEBIAN_MODULE_PACKAGE_NAME=qxremconxfer -DCPACK_TEMPORARY_DIRECTORY="$PWD" \
+     -DCPACK_QX_DEBIAN_DIR="$QX_SOURCE_DIR/packaging/debian" -P "$QX_SOURCE_DIR/packaging/debian/finish.cmake")
+  [ "$(stat -c %a module/var/log/brollan)" = 755 ]
+}
+
 @test "qxctl brings a manual page for itself and each format, and completions" {
   command -v scdoc || skip "there is no scdoc"
   for source in "$QX_SOURCE_DIR"/docs/man/*.scd; do
