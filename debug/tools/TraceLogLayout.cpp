@@ -1,10 +1,10 @@
 // The layout of a log. Nothing in the file marks the end of the newest entry: it is found at the place where the stamps
 // go back, and the lines between there and the last header before it are left undecided.
-#include <algorithm>
 #include <charconv>
 
 #include "debug/tools/TraceLayout.h"
 #include "debug/tools/TraceLine.h"
+#include "debug/tools/TraceMarks.h"
 
 namespace qx::debug {
 
@@ -42,102 +42,18 @@ std::optional<TraceWrap> WrapOf(const TraceLine& line) {
   return TraceWrap{.cycle = cycle, .position = line.begin, .line_end = line.end, .max_bytes = max_bytes};
 }
 
-// A place where the newest entry may end.
-struct Boundary {
-  [[nodiscard]] bool IsKnown() const { return newest_line_end != 0; }
-
-  std::uint64_t newest_line_end = 0;  // behind the first line of the newest entry; 0: not known
-  std::uint64_t older_begin = 0;      // the first entry behind it that is whole
-};
-
-// Walks the lines behind the line of the wrap and collects what tells where the newest entry ends.
-class NewestEndScan {
- public:
-  NewestEndScan(const TraceWrap& wrap, std::optional<std::int64_t> wrap_stamp)
-      : wrap_(wrap), wrap_stamp_(wrap_stamp), previous_stamp_(wrap_stamp), previous_line_end_(wrap.line_end) {}
-
-  void Take(const TraceLine& line) {
-    const auto header = line.is_rest ? std::nullopt : ParseTraceHeader(line.text);
-    if (header.has_value()) {
-      TakeHeader(line, header->stamp_ms);
-    } else {
-      has_headerless_ = true;
-    }
-    if (line.has_end && line.end > wrap_.max_bytes && crossing_line_end_ == 0) {
-      crossing_line_end_ = line.end;
-      crossing_entry_begin_ = entry_begin_;
-      before_crossing_line_end_ = before_entry_line_end_;
-    }
-  }
-
-  // The place, once every line has been taken; `end` is where the file ends.
-  Boundary Decide(std::uint64_t end) {
-    if (first_piece_.IsKnown() && first_piece_.older_begin == 0) first_piece_.older_begin = end;
-    if (has_headerless_ && !first_piece_.IsKnown()) first_piece_ = Boundary{previous_line_end_, end};
-    if (drop_behind_piece_.IsKnown()) return drop_behind_piece_;
-    if (drop_.IsKnown()) return drop_;
-    const Boundary at_end{previous_line_end_, end};
-    if (!IsAlike()) return at_end;
-    const Boundary before_crossing{before_crossing_line_end_, crossing_entry_begin_};
-    const bool has_crossing = crossing_entry_begin_ != 0;
-    if (first_piece_.IsKnown() && (!has_crossing || first_piece_.older_begin <= crossing_entry_begin_)) {
-      return first_piece_;
-    }
-    return has_crossing ? before_crossing : at_end;
-  }
-
-  // Every entry of the circle has the stamp of the wrap: nothing goes back anywhere.
-  bool IsAlike() const { return header_count_ > 0 && drop_count_ == 0 && previous_stamp_ == wrap_stamp_; }
-  // The entry that crossed the limit is the only one, and certainly older than the wrap.
-  bool HasOnlyCrossingEntry() const { return header_count_ == 1 && crossing_entry_begin_ != 0; }
-  int DropCount() const { return drop_count_; }
-  // Behind the line that ended the cycle before; 0 when none is left.
-  std::uint64_t CrossingLineEnd() const { return crossing_line_end_; }
-
- private:
-  void TakeHeader(const TraceLine& line, std::optional<std::int64_t> stamp) {
-    const Boundary boundary{previous_line_end_, line.begin};
-    if (has_headerless_ && !first_piece_.IsKnown()) first_piece_ = boundary;
-    if (stamp.has_value() && previous_stamp_.has_value() && *stamp < *previous_stamp_) {
-      ++drop_count_;
-      if (!drop_.IsKnown()) drop_ = boundary;
-      if (has_headerless_ && !drop_behind_piece_.IsKnown()) drop_behind_piece_ = boundary;
-    }
-    if (stamp.has_value()) previous_stamp_ = stamp;
-    before_entry_line_end_ = previous_line_end_;
-    entry_begin_ = line.begin;
-    previous_line_end_ = line.end;
-    has_headerless_ = false;
-    ++header_count_;
-  }
-
-  TraceWrap wrap_;
-  std::optional<std::int64_t> wrap_stamp_;
-  std::optional<std::int64_t> previous_stamp_;
-  std::uint64_t previous_line_end_;
-  std::uint64_t before_entry_line_end_ = 0;
-  std::uint64_t entry_begin_ = 0;  // of the last header; 0: none yet behind the wrap
-  bool has_headerless_ = false;    // lines without a header since then
-  std::uint64_t header_count_ = 0;
-  int drop_count_ = 0;
-  Boundary drop_;
-  Boundary drop_behind_piece_;
-  Boundary first_piece_;
-  std::uint64_t crossing_line_end_ = 0;
-  std::uint64_t crossing_entry_begin_ = 0;
-  std::uint64_t before_crossing_line_end_ = 0;
-};
-
 void AddRange(TraceLayout& layout, TraceRange::Kind kind, TracePart part, std::uint64_t begin, std::uint64_t end) {
   if (begin < end || kind == TraceRange::Kind::kGap) layout.ranges.push_back({kind, part, begin, end});
 }
 
-void AddScanFindings(TraceLayout& layout, const NewestEndScan& scan) {
-  if (scan.IsAlike() && !scan.HasOnlyCrossingEntry()) {
+void AddMarkFindings(TraceLayout& layout, const LogMarks& marks) {
+  // The entry that crossed the limit is certainly older than the wrap.
+  const bool has_only_crossing = marks.entries == 1 && marks.crossing.IsKnown();
+  if (HasOneStamp(marks) && !has_only_crossing) {
     layout.findings.push_back({TraceFinding::Kind::kStampsAlike,
                                "all entries since the wrap have one stamp, so where the newest one stands is a guess"});
   }
-  if (scan.DropCount() > 1) {
+  if (marks.drops > 1) {
     layout.findings.push_back(
         {TraceFinding::Kind::kClockSetBack,
          "the stamps go back at more than one place, as after a change of the clock; the order may be wrong"});
@@ -159,17 +75,12 @@ void LayOutWrapped(TraceLayout& layout, const TraceSource& source, const TraceWr
   TraceLineReader reader(source, wrap.position, source.Size());
   TraceLine line{};
   if (!reader.Next(line)) return;
-  const auto wrap_header = ParseTraceHeader(line.text);
-  NewestEndScan scan(wrap, wrap_header.has_value() ? wrap_header->stamp_ms : std::nullopt);
-  std::uint64_t end = wrap.line_end;
-  while (reader.Next(line)) {
-    scan.Take(line);
-    end = line.end;
-  }
-  const Boundary boundary = scan.Decide(end);
-  const bool has_crossing = scan.CrossingLineEnd() > boundary.older_begin;
-  AddWrappedRanges(layout, wrap, boundary, has_crossing ? scan.CrossingLineEnd() : end, end);
-  AddScanFindings(layout, scan);
+  const auto header = HeaderOf(line);
+  const LogMarks marks = CollectLogMarks(reader, wrap, header.has_value() ? header->stamp_ms : std::nullopt);
+  const Boundary boundary = EndOfNewest(marks);
+  const bool has_crossing = marks.crossing_end > boundary.older_begin;
+  AddWrappedRanges(layout, wrap, boundary, has_crossing ? marks.crossing_end : marks.end, marks.end);
+  AddMarkFindings(layout, marks);
   layout.newest_end = boundary.newest_line_end;
 }
 

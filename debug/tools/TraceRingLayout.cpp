@@ -9,15 +9,13 @@
 #include "debug/RingFormat.h"
 #include "debug/tools/TraceLayout.h"
 #include "debug/tools/TraceLine.h"
+#include "debug/tools/TraceMarks.h"
 
 namespace qx::debug {
 
 namespace {
 
 constexpr std::size_t kLabelBytes = 34;
-constexpr std::string_view kTerminatorText = "## TRACE-END ##";
-constexpr std::string_view kEndOfHeaderText = "# End of header.";
-constexpr std::string_view kEndOfInitText = "### End of initialization. ###";
 
 constexpr std::array<std::string_view, 7> kLabels = {
     "FilePath                         :", "FirstOpen                        :", "LastOpen                         :",
@@ -43,12 +41,6 @@ bool IsTerminatorAt(const TraceSource& source, std::uint64_t offset) {
   return source.BytesAt(offset, kRingTerminator.size()) == kRingTerminator;
 }
 
-bool IsTerminator(const TraceLine& line) { return !line.is_rest && line.has_end && line.text == kTerminatorText; }
-
-bool IsFillerText(std::string_view text) {
-  return !text.empty() && text.find_first_not_of('_') == std::string_view::npos;
-}
-
 // The last run of "." of a ring that has wrapped, which begins a line: it fills what the next entry did not fit into.
 std::uint64_t FillBegin(const TraceSource& source, std::uint64_t floor) {
   std::uint64_t at = source.Size();
@@ -66,95 +58,25 @@ std::uint64_t FillBegin(const TraceSource& source, std::uint64_t floor) {
 bool HasEntries(const TraceSource& source, std::uint64_t begin, std::uint64_t end) {
   TraceLineReader reader(source, begin, end);
   for (TraceLine line{}; reader.Next(line);) {
-    const auto header = line.is_rest ? std::nullopt : ParseTraceHeader(line.text);
+    const auto header = HeaderOf(line);
     if (header.has_value() && !IsFillerText(line.text.substr(header->length))) return true;
   }
   return false;
 }
 
-// What stands before the write position.
-struct FrontScan {
-  std::uint64_t block_end = 0;    // behind the header block
-  std::uint64_t kept_begin = 0;   // the first entry behind the gap; 0: none
+// What is before the write position.
+struct Front {
+  std::uint64_t block_end = 0;    // after the header block
+  std::uint64_t kept_begin = 0;   // the first entry after the gap; 0: none
   std::uint64_t cycle_begin = 0;  // the first entry of the newest cycle; 0: none
 };
 
-// Walks from the first entry to the write position.
-//
-// The newest cycle begins at the first entry behind the gap or at one behind "End of initialization"; its entries have
-// stamps from that of the header block on. Only its first entry, the one that did not fit any more, may be older: it is
-// formatted before the block is written.
-class FrontWalk {
- public:
-  void Take(const TraceLine& line) {
-    if (scan_.block_end == 0) {
-      TakeBlockLine(line);
-    } else if (IsTerminator(line) && line.end <= gap_end_) {
-      // The block was longer once; what stood between its end then and its end now is no entry any more.
-      scan_.kept_begin = scan_.cycle_begin = fallback_ = candidate_ = 0;
-      may_begin_cycle_ = true;
-    } else if (const auto header = line.is_rest ? std::nullopt : ParseTraceHeader(line.text); header.has_value()) {
-      TakeKeptEntry(line, *header);
-    }
-  }
-
-  FrontScan Finish(std::uint64_t write_position) {
-    if (scan_.block_end == 0) scan_.block_end = first_terminator_ != 0 ? first_terminator_ : write_position;
-    if (scan_.cycle_begin == 0) scan_.cycle_begin = fallback_ != 0 ? fallback_ : candidate_;
-    return scan_;
-  }
-
- private:
-  void TakeBlockLine(const TraceLine& line) {
-    if (IsTerminator(line)) {
-      if (first_terminator_ == 0) first_terminator_ = line.begin;
-      if (is_behind_block_) EndBlock(line.begin);
-      return;
-    }
-    const auto header = line.is_rest ? std::nullopt : ParseTraceHeader(line.text);
-    if (header.has_value()) is_behind_block_ = line.text.substr(header->length) == kEndOfHeaderText;
-    if (header.has_value() && !block_stamp_.has_value()) block_stamp_ = header->stamp_ms;
-  }
-
-  void EndBlock(std::uint64_t end) {
-    scan_.block_end = end;
-    gap_end_ = (end + 2 * kRingBlockBytes) / kRingBlockBytes * kRingBlockBytes;
-    may_begin_cycle_ = true;
-  }
-
-  void TakeKeptEntry(const TraceLine& line, const TraceHeader& header) {
-    const std::string_view text = line.text.substr(header.length);
-    if (IsFillerText(text) && line.end % kRingBlockBytes == 0) return;
-    if (scan_.kept_begin == 0) scan_.kept_begin = line.begin;
-    if (may_begin_cycle_) candidate_ = line.begin;
-    if (IsBehindBlock(header.stamp_ms) && scan_.cycle_begin == 0) {
-      if (may_begin_cycle_ || was_candidate_) scan_.cycle_begin = candidate_;
-      if (fallback_ == 0) fallback_ = line.begin;
-    }
-    was_candidate_ = may_begin_cycle_;
-    may_begin_cycle_ = text == kEndOfInitText;
-  }
-
-  bool IsBehindBlock(std::optional<std::int64_t> stamp) const {
-    return stamp.has_value() && (!block_stamp_.has_value() || *stamp >= *block_stamp_);
-  }
-
-  std::optional<std::int64_t> block_stamp_;
-  FrontScan scan_;
-  std::uint64_t first_terminator_ = 0;
-  std::uint64_t gap_end_ = 0;
-  std::uint64_t candidate_ = 0;  // the last entry at which the newest cycle may have begun
-  std::uint64_t fallback_ = 0;   // the first one by its stamp alone
-  bool is_behind_block_ = false;
-  bool may_begin_cycle_ = false;
-  bool was_candidate_ = false;  // the entry before the current one
-};
-
-FrontScan ScanFront(const TraceSource& source, std::uint64_t write_position) {
-  FrontWalk walk;
+Front ScanFront(const TraceSource& source, std::uint64_t write_position) {
   TraceLineReader reader(source, kRingFirstEntry, write_position);
-  for (TraceLine line{}; reader.Next(line);) walk.Take(line);
-  return walk.Finish(write_position);
+  const HeaderBlock block = ReadHeaderBlock(reader);
+  if (block.end == 0) return {.block_end = block.first_terminator != 0 ? block.first_terminator : write_position};
+  const KeptMarks marks = CollectKeptMarks(reader, block);
+  return {.block_end = block.end, .kept_begin = marks.first, .cycle_begin = CycleBegin(marks)};
 }
 
 // Where the entry at `begin` ends, if a terminator stands behind it before any other entry; else 0. A writer stores an
@@ -164,7 +86,7 @@ std::uint64_t EndOfUncountedEntry(const TraceSource& source, std::uint64_t begin
   bool is_first = true;
   for (TraceLine line{}; reader.Next(line); is_first = false) {
     if (IsTerminator(line)) return is_first ? 0 : line.begin;
-    if ((!line.is_rest && ParseTraceHeader(line.text).has_value()) != is_first) return 0;
+    if (HeaderOf(line).has_value() != is_first) return 0;
   }
   return 0;
 }
@@ -176,7 +98,7 @@ std::uint64_t SearchTerminator(const TraceSource& source) {
   bool is_behind_block = false;
   TraceLineReader reader(source, kRingFirstEntry, source.Size());
   for (TraceLine line{}; reader.Next(line);) {
-    const auto header = line.is_rest ? std::nullopt : ParseTraceHeader(line.text);
+    const auto header = HeaderOf(line);
     if (header.has_value()) is_behind_block = line.text.substr(header->length) == kEndOfHeaderText;
     if (!IsTerminator(line)) continue;
     if (first == 0) first = line.begin;
@@ -215,13 +137,13 @@ void AddRange(TraceLayout& layout, TracePart part, std::uint64_t begin, std::uin
 }
 
 // Never wrapped: all in the order of the file, the gap behind the header block left out.
-void LayOutFilling(TraceLayout& layout, const FrontScan& front, std::uint64_t write_position) {
+void LayOutFilling(TraceLayout& layout, const Front& front, std::uint64_t write_position) {
   AddRange(layout, TracePart::kNewest, kRingFirstEntry, front.block_end);
   AddRange(layout, TracePart::kNewest, front.kept_begin != 0 ? front.kept_begin : write_position, write_position);
   layout.cycle_begin = front.kept_begin != 0 ? front.kept_begin : kRingFirstEntry;
 }
 
-void LayOutWrapped(TraceLayout& layout, const FrontScan& front, std::uint64_t write_position, std::uint64_t fill) {
+void LayOutWrapped(TraceLayout& layout, const Front& front, std::uint64_t write_position, std::uint64_t fill) {
   const std::uint64_t cycle = front.cycle_begin != 0 ? front.cycle_begin : write_position;
   AddRange(layout, TracePart::kHead, front.kept_begin != 0 ? front.kept_begin : cycle, cycle);
   layout.ranges.push_back({TraceRange::Kind::kGap, TracePart::kOlder, cycle, cycle});
@@ -259,7 +181,7 @@ TraceLayout FindRingLayout(const TraceSource& source) {
   const std::uint64_t behind = write_position + kRingTerminator.size();
   const std::uint64_t fill = FillBegin(source, behind);
   const bool has_wrapped = layout.ring->wraps.has_value() ? *layout.ring->wraps != 0 : HasEntries(source, behind, fill);
-  const FrontScan front = ScanFront(source, write_position);
+  const Front front = ScanFront(source, write_position);
   if (has_wrapped) {
     LayOutWrapped(layout, front, write_position, fill);
   } else {
