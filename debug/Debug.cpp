@@ -27,7 +27,8 @@ std::uint64_t PageSize() {
   return size < 1 ? 4096 : static_cast<std::uint64_t>(size);
 }
 
-// factor * weight * page size * 256 bytes; 0, which is no ring, when a number is negative or the product over 32 bits.
+// factor * weight * page size * 256 bytes; 0, for no ring, if a number is negative or the product has more than 32
+// bits.
 std::uint32_t RingBytes(std::int32_t factor, std::int32_t weight) {
   if (factor < 0 || weight < 0) return 0;
   const std::uint64_t pages = static_cast<std::uint64_t>(factor) * static_cast<std::uint64_t>(weight) * 256;
@@ -99,7 +100,7 @@ void CDebug::StartLocked(const char* app_name) {
   ComputeRing(app_name);
   OpenLog();
   SetLevel(settings_.level);
-  if (IsActive() && ring_size_ != 0) (void)SetUpRing();  // a failure is told in the log, and tracing goes on there
+  if (IsActive() && ring_size_ != 0) (void)SetUpRing();  // the log has a failure, and tracing continues there
 }
 
 bool CDebug::ReadDebugConfig(const char* app_name) {
@@ -193,7 +194,7 @@ void CDebug::PrintToLogFile(const char* format, ...) {
   va_end(args);
 }
 
-// Target 0 stands for the current one, which may be 0 itself: then the entry goes nowhere.
+// Target 0 means the current one, which may be 0 itself: then the entry goes nowhere.
 void CDebug::WriteEntry(std::uint32_t target, const char* format, std::va_list args, const char* module) {
   const std::uint32_t to = target != kTargetNone ? target : target_.load(std::memory_order_relaxed);
   if (to == kTargetLogFile) TraceToLogFile(format, args, module);
@@ -270,12 +271,12 @@ void CDebug::CheckDynamicUpdate(std::time_t now) {
   if (!IsUpdateDue(now)) return;
   const ErrnoScope errno_scope;
   const LockScope scope(lock_);
-  if (!IsUpdateDue(now)) return;  // another thread has just looked
+  if (!IsUpdateDue(now)) return;  // another thread has just checked
   last_check_.store(now, std::memory_order_relaxed);
   if (RereadConfigFiles(app_name_)) TakeUpdatedLevel();
 }
 
-// A clock that went back makes a look due: it could otherwise take that long again until the next one.
+// A clock that went back makes a check due: it could otherwise take that long again until the next one.
 bool CDebug::IsUpdateDue(std::time_t now) const noexcept {
   const std::int64_t passed = now - last_check_.load(std::memory_order_relaxed);
   const std::uint32_t interval = settings_.update_interval.load(std::memory_order_relaxed);

@@ -1,4 +1,4 @@
-// The trace facility through which every floor of the module reports what it does.
+// The trace facility through which every layer of the module reports what it does.
 //
 // Entries carry a level and are dropped above the current one; the others go to the log file "log.NAME", which wraps in
 // place, or to the ring file "log.NAME_a", which is mapped and outlives the process. Callers write QX_TRACE(level,
@@ -27,8 +27,8 @@
 // Threads: any thread may trace; one recursive lock guards output and configuration, so tracing from within a traced
 // operation is fine. Init may be called again: it closes the earlier files.
 // Owns: the log file, the ring file and the settings.
-// Failure: no call raises an error, and none changes errno: callers print it after they have traced. What goes wrong
-// with the facility itself is said in the system log, what goes wrong with the ring file in the log file.
+// Failure: no call raises an error, and none changes errno: callers print it after they have traced. Failures
+// of the facility itself are reported in the system log, those of the ring file in the log file.
 // Outside its life the object is inert: in zeroed memory, as a global before its constructor, and after its destructor
 // the active flag is false and no non-virtual call prints anything.
 class CDebug : public CDebugTraceConfig {
@@ -40,7 +40,7 @@ class CDebug : public CDebugTraceConfig {
 
   CDebug();
 
-  // Order is interface: the destructor, then these six, hold the first slots of the virtual table.
+  // Order is interface: the destructor, then these six, are the first slots of the virtual table.
   ~CDebug() override;
 
   // Whether this object leads its trace: always true. [any thread]
@@ -50,7 +50,7 @@ class CDebug : public CDebugTraceConfig {
   virtual void Print(std::uint32_t level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
   // Writes an entry whatever the level: to the log file if one is open, and to the ring buffer when that is the target.
-  // The second form takes a level and does not look at it. [any thread]
+  // The second form takes a level and ignores it. [any thread]
   virtual void PrintAlways(const char* format, ...) __attribute__((format(printf, 2, 3)));
   virtual void PrintAlways(std::uint32_t level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
@@ -74,8 +74,8 @@ class CDebug : public CDebugTraceConfig {
 
   // Starts the facility for the application `app_name`: reads files and environment, opens the log and, when tracing is
   // on and a ring configured, the ring file, which then is the target. Files take the name in lower case. False:
-  // `app_name` is null or memory ran out, and tracing is off; a log or ring file that cannot be opened is no such
-  // failure. [any thread]
+  // `app_name` is null or memory ran out, and tracing is off; a log or ring file that cannot be opened is
+  // not such a failure. [any thread]
   bool Init(const char* app_name);
 
   // Reads the settings files and the environment for Init; true. [lock held: trace]
@@ -109,16 +109,16 @@ class CDebug : public CDebugTraceConfig {
   // Sets where entries go from now on. [any thread]
   void SetTarget(std::uint32_t target);
 
-  // Off: level 0 until it is called with true, which brings the configured level back, whatever the settings files say
-  // meanwhile. Returns true. [any thread]
+  // Off: level 0 until it is called with true, which restores the configured level, even if a settings file sets
+  // another one in between. Returns true. [any thread]
   bool ForceMaxDebug(bool on);
 
   // Keeps the program's arguments, which must live as long as this object, and traces them if there are any: to the
   // log, and to the ring when that is the target, but never to standard error. [any thread]
   void SetMainParams(int argc, char** argv);
 
-  // Says that the start is over: what the log holds now is its head, which wraps never overwrite. The same for the ring
-  // if it is the target, has not wrapped since it was opened, and has more than 1 MiB of room. [any thread]
+  // Ends the start: what the log holds now is its head, which wraps never overwrite. The same for the ring if it is the
+  // target, has not wrapped since it was opened, and has more than 1 MiB left. [any thread]
   void SetApplInitDone();
 
   // Writes the header block (command line, environment, settings) to `target`; with the no-header flag 0 its lines go
@@ -137,12 +137,12 @@ class CDebug : public CDebugTraceConfig {
   static void StringToLower(char* text);
 
  protected:
-  // Looks at the settings files if the interval has passed at `now`. [any thread]
+  // Checks the settings files if the interval has passed at `now`. [any thread]
   void CheckDynamicUpdate(std::time_t now);
 
  private:
   static constexpr std::size_t kEntryTextCharsMax = 1024;
-  static constexpr std::size_t kTruncationCharsMax = 64;  // what says in the ring that a text was cut
+  static constexpr std::size_t kTruncationCharsMax = 64;  // of the line that reports a cut text in the ring
   static constexpr std::size_t kEntryBytesMax =
       qx::debug::kEntryHeaderCharsMax + kEntryTextCharsMax + kTruncationCharsMax;
 
@@ -187,8 +187,8 @@ class CDebug : public CDebugTraceConfig {
   void PrintInternalValues(std::uint32_t target);
   [[nodiscard]] bool GoesToStderr(std::uint32_t target) const noexcept;
 
-  // The levels, the flag, the target and the last look are read without the lock; each stands for itself, so relaxed
-  // order is enough.
+  // The levels, the flag, the target and the time of the last check are read without the lock. None depends on another,
+  // so relaxed order is enough.
   std::atomic<std::uint32_t> current_level_{0};
   std::atomic<std::uint32_t> saved_level_{0};
   std::atomic<bool> active_{false};

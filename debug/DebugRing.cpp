@@ -16,10 +16,10 @@ using Failure = qx::debug::RingBufferSink::Failure;
 
 namespace {
 
-// A text longer than this part of the ring is cut: one entry shall not push out all others.
+// A text longer than this part of the ring is cut: one entry must not push out all others.
 constexpr std::size_t kLongTextShare = 10;
 
-// What a long entry needs beside its text: header, line feed and NUL, with some to spare.
+// What a long entry needs in addition to its text: header, line feed and NUL, and some more.
 constexpr std::size_t kLongEntryExtraBytes = 145;
 static_assert(kLongEntryExtraBytes >= qx::debug::kEntryHeaderCharsMax + 2);
 
@@ -63,7 +63,7 @@ bool CDebug::SetUpRing() {
   return ring_.IsOpen();  // the file may have been cut meanwhile
 }
 
-// What went to the ring goes to the log from here on.
+// Entries for the ring go to the log from here on.
 void CDebug::LeaveRing() noexcept {
   ring_.Close();
   if (target_.load(std::memory_order_relaxed) == kTargetRingBuffer) SetTarget(kTargetLogFile);
@@ -120,7 +120,7 @@ void CDebug::WriteLongEntry(const Entry& entry, const char* format, std::va_list
   PutIntoRing({{buffer.get(), entry.header_length + length}, entry.header_length, 0});
 }
 
-// Puts `why` behind the 1024 characters that were kept.
+// Adds `why` after the 1024 characters that were kept.
 CDebug::Entry CDebug::TruncatedEntry(const Entry& entry, std::string_view why) noexcept {
   const std::size_t kept = entry.header_length + kEntryTextCharsMax;
   return {{entry_, kept + why.copy(entry_ + kept, kTruncationCharsMax)}, entry.header_length, 0};
@@ -138,7 +138,7 @@ void CDebug::PutIntoRing(const Entry& entry) {
 // wraps by itself.
 void CDebug::PutBehindWrap(Entry entry) {
   if (ring_.IsWrapping()) return;
-  char kept[kEntryBytesMax];  // the header block is formatted where the entry stands
+  char kept[kEntryBytesMax];  // the header block is formatted where the entry is
   if (entry.text.data() == entry_) entry.text = {kept, entry.text.copy(kept, sizeof kept)};
   if (WrapRing(entry.text.size())) {
     ring_.Write(entry.text);
@@ -154,7 +154,7 @@ bool CDebug::WrapRing(std::size_t entry_size) {
   return true;
 }
 
-// The ring file was cut while it was mapped. A store behind its end would kill the process.
+// The ring file was truncated while it was mapped. A store after its end would kill the process.
 void CDebug::GiveUpRing(const Entry& entry) {
   LeaveRing();
   PrintToLogFile("\n### TraceToRingBuffer(): %s has been cut --> proceed without it ###", ring_path_.c_str());

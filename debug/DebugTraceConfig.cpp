@@ -27,7 +27,7 @@ bool IsReadable(const struct stat& status) {
          static_cast<std::uint64_t>(status.st_size) <= CDebugTraceConfigFile::kFileBytesMax;
 }
 
-// The line feed is no blank here: an empty "Key=" would otherwise take the next line as its value.
+// The line feed is not a blank here: an empty "Key=" would otherwise take the next line as its value.
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; }
 
 std::string_view WithoutLeadingBlanks(std::string_view text) {
@@ -79,7 +79,7 @@ bool CDebugTraceConfigFile::ReadText(std::string_view text) {
 }
 
 bool CDebugTraceConfigFile::Load() {
-  // What is no regular file is not even opened: opening a device can act on it.
+  // Anything but a regular file is not even opened: opening a device can act on it.
   struct stat status {};
   if (path_.empty() || qx::file::StatusOf(path_.c_str(), status) != 0 || !IsReadable(status)) return false;
   const qx::file::Descriptor file = qx::file::Open(path_.c_str(), O_RDONLY);
@@ -87,7 +87,7 @@ bool CDebugTraceConfigFile::Load() {
 }
 
 bool CDebugTraceConfigFile::FillFrom(int descriptor) noexcept {
-  // The time is taken before the bytes: a change during the read then counts as a newer file at the next look.
+  // The time is taken before the bytes: a change during the read then counts as a newer file at the next check.
   struct stat status {};
   if (qx::file::StatusOf(descriptor, status) != 0 || !IsReadable(status)) return false;
   if (!TakeBuffer(static_cast<std::size_t>(status.st_size))) return false;
@@ -112,7 +112,7 @@ bool CDebugTraceConfigFile::IsComplete() const noexcept {
   return EqualsIgnoringCase(text.substr(begin + 1, end - begin - 1), "EndOfFile");
 }
 
-// Quirk: a "[" anywhere opens a header and the search goes on behind its "]", so in "a=[b\n[App]" the section App is
+// Quirk: a "[" anywhere opens a header and the search continues after its "]", so in "a=[b\n[App]" the section App is
 // never seen: the header's name is "b\n[App".
 bool CDebugTraceConfigFile::FindSection(std::string_view name) noexcept {
   section_begin_ = section_end_ = nullptr;
@@ -130,8 +130,8 @@ bool CDebugTraceConfigFile::FindSection(std::string_view name) noexcept {
   return false;
 }
 
-// Quirk: the key is looked for as a plain piece of text, so the first place it stands at wins, in a comment or inside a
-// longer word as well, and the value is what follows the next "=", be it lines later.
+// Quirk: the key is searched as plain text, so its first occurrence wins, in a comment or inside a longer word as well,
+// and the value is what follows the next "=", even lines later.
 //   "FileDebugLevel=3"                     => "3"
 //   ";FileDebugLevel=1\nFileDebugLevel=3"  => "1"
 //   "FileDebugLevel\nTraceFlags=8"         => "8"
@@ -168,7 +168,7 @@ int HasIniInName(const dirent* entry) { return std::strstr(entry->d_name, ".ini"
 // Byte order, not the host's collation: which file wins must not depend on the locale.
 int InByteOrder(const dirent** a, const dirent** b) { return std::strcmp((*a)->d_name, (*b)->d_name); }
 
-// What scandir has allocated. Freed even when there is no memory for the names.
+// The allocations of scandir. Freed even if there is no memory for the names.
 struct Entries {
   dirent** list = nullptr;
   int count = 0;
@@ -182,7 +182,7 @@ struct Entries {
   Entries& operator=(const Entries&) = delete;
 };
 
-// The names in `directory` that contain ".ini", in alphabetical order; none when it cannot be listed.
+// The names in `directory` that contain ".ini", in alphabetical order; an empty list if it cannot be listed.
 std::vector<std::string> IniFileNames(const char* directory) {
   Entries entries;
   entries.count = std::max(0, ::scandir(directory, &entries.list, HasIniInName, InByteOrder));
@@ -192,13 +192,13 @@ std::vector<std::string> IniFileNames(const char* directory) {
   return names;
 }
 
-// A variable that is set counts whatever it holds: the empty text and what is not a number read as 0.
+// A variable that is set counts whatever it holds: the empty text, and any text that is not a number, read as 0.
 std::uint32_t FromEnvironment(const char* variable, std::uint32_t file_value, std::uint32_t fallback) {
   if (const char* text = std::getenv(variable)) return static_cast<std::uint32_t>(std::strtol(text, nullptr, 10));
   return file_value != kUnset ? file_value : fallback;
 }
 
-// Takes the number of `key` if the file gives one; all ones is the mark of "not given" and counts as no number.
+// Takes the number of `key` if the file has one; all ones means "no value" and does not count as a number.
 bool TakeNumber(const CDebugTraceConfigFile& file, std::string_view key, std::uint32_t& value) {
   std::uint32_t number = kUnset;
   if (!file.ReadNumber(key, number) || number == kUnset) return false;

@@ -82,7 +82,7 @@ constexpr std::uint32_t kUnset = 0xFFFFFFFF;
 constexpr std::uint32_t kLogMaxSizeDefault = 51200;
 constexpr std::size_t kDirectoryBytes = 256;
 
-// What the settings files say. A number that no file gives is all ones; a directory that no file gives is empty.
+// The values in the settings files. A number that no file has is all ones; a directory that no file has is empty.
 struct TraceFileValues {
   std::uint32_t dynamic_update = kUnset;
   std::uint32_t level = kUnset;
@@ -94,10 +94,10 @@ struct TraceFileValues {
   std::uint32_t memory_traces = kUnset;
 };
 
-// What counts, after files, environment and defaults. All ones until they have been read.
+// The values in force, from files, environment and defaults. All ones until they have been read.
 struct TraceSettings {
-  // Seconds between two looks at the files, 0 for never. Read by every trace call without the lock: a late value only
-  // moves a look.
+  // Seconds between two checks of the files, 0 for never. Read by every trace call without the lock: a late value only
+  // delays a check.
   std::atomic<std::uint32_t> update_interval{kUnset};
   std::uint32_t level = kUnset;
   std::uint32_t trace_flags = kUnset;
@@ -111,7 +111,7 @@ struct TraceSettings {
 
 }  // namespace qx::debug
 
-// Every setting of the trace facility: what the files say and what counts.
+// Every setting of the trace facility: the values in the files, and the values in force.
 //
 // Threads: the owner of the trace facility's lock, but for the atomic interval.
 // Owns: the two settings files in use.
@@ -136,11 +136,11 @@ class CDebugTraceConfig {
   // Decides every setting: environment, else file value, else default. [lock held: trace]
   void ApplySources();
 
-  // Reads what has changed since the last look and takes over what may change at run time. True: a file gave a level,
+  // Reads what has changed since the last check and takes over what may change at run time. True: a file has a level,
   // which is to become the current one. [lock held: trace]
   [[nodiscard]] bool RereadConfigFiles(std::string_view app_name);
 
-  // The file whose section gives the application's values; empty if none does. [lock held: trace]
+  // The file whose section has the application's values; empty if there is none. [lock held: trace]
   [[nodiscard]] const std::string& ApplicationFilePath() const noexcept { return application_file_.Path(); }
 
   qx::debug::TraceFileValues file_values_;

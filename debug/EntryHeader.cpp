@@ -36,7 +36,7 @@ class FieldWriter {
     at_ += length;
   }
 
-  // At least `width` characters, with blanks behind a shorter text.
+  // At least `width` characters, with blanks after a shorter text.
   void PutPadded(std::string_view text, std::size_t width) noexcept {
     Put(text);
     if (text.size() >= width) return;
@@ -52,7 +52,7 @@ class FieldWriter {
     Put({digits, sizeof digits});
   }
 
-  // Ends the text with NUL, for which the buffer has room, and returns its length.
+  // Ends the text with NUL, for which the buffer has a byte, and returns its length.
   std::size_t End() noexcept {
     *at_ = '\0';
     return static_cast<std::size_t>(at_ - begin_);
@@ -100,7 +100,7 @@ std::size_t KeptHeader::At(const timeval& now, std::uint32_t thread, const char*
   return length_;
 }
 
-// The header is put together by hand: with "%s [%08X] %-13s " an entry would take half as long again.
+// The header is not formatted with snprintf: with "%s [%08X] %-13s " an entry would take half as long again.
 std::size_t FormatEntryHeader(char* buffer, std::size_t size, const EntryHeaderParts& parts) noexcept {
   if (size == 0) return 0;
   FieldWriter header(buffer, size - 1);

@@ -17,7 +17,7 @@ namespace qx::debug {
 
 constexpr std::size_t kEntryHeaderCharsMax = 128;
 
-// The text of a time stamp, formatted anew only when the second changes.
+// The text of a time stamp, formatted again only when the second changes.
 //
 // Threads: the owner of the trace facility's lock.
 class StampText {
@@ -49,13 +49,13 @@ struct EntryHeaderParts {
 // Writes the header and a NUL into `buffer`, cut to `size`, and returns its length.
 std::size_t FormatEntryHeader(char* buffer, std::size_t size, const EntryHeaderParts& parts) noexcept;
 
-// The header of entries without a module or memory size of their own. It is kept, and put together anew only when
-// second or thread change: for most entries three digits are new.
+// The header of entries without a module or memory size of their own. It is kept, and formatted again only when
+// second or thread change: in most entries three digits are new.
 //
 // Threads: the owner of the trace facility's lock.
 class KeptHeader {
  public:
-  // Writes the header of an entry made at `now` and a NUL into `buffer`, which has room for the longest one, and
+  // Writes the header of an entry made at `now` and a NUL into `buffer`, which is large enough for the longest one, and
   // returns its length. `module` is the same in every call since Forget.
   std::size_t At(const timeval& now, std::uint32_t thread, const char* module, char* buffer) noexcept;
   void Forget() noexcept { length_ = 0; }

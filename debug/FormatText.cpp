@@ -18,7 +18,7 @@ struct Arguments {
   std::va_list list;
 };
 
-// What stands behind a "%":  "08lX" => zeros, width 8, long, 'X'
+// What follows a "%":  "08lX" => zeros, width 8, long, 'X'
 struct Conversion {
   bool has_zeros = false;
   std::size_t width = 0;
@@ -26,7 +26,7 @@ struct Conversion {
   char letter = '\0';
 };
 
-// Reads a conversion and steps behind it. One that is not known here has a letter that no conversion is written for.
+// Reads a conversion and moves after it. An unknown one gets a letter for which no conversion is written.
 Conversion ReadConversion(const char*& p) {
   Conversion conversion;
   if (*p == '0') {
@@ -45,7 +45,7 @@ Conversion ReadConversion(const char*& p) {
   return conversion;
 }
 
-// Appends to a buffer. What does not fit is not written, and nothing behind it.
+// Appends to a buffer. Text that does not fit is not written, and nothing after it.
 class TextWriter {
  public:
   TextWriter(char* buffer, std::size_t size) : begin_(buffer), at_(buffer), end_(buffer + size) {}
@@ -75,7 +75,7 @@ class TextWriter {
   char* end_;
 };
 
-// The digits of a number, behind its sign.
+// The digits of a number, without its sign.
 bool PutDigits(TextWriter& out, const Conversion& conversion, std::string_view sign, std::string_view digits) {
   const std::size_t length = sign.size() + digits.size();
   const std::size_t fill = conversion.width > length ? conversion.width - length : 0;

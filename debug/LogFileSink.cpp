@@ -75,12 +75,12 @@ void LogFileSink::WriteCounted(std::string_view bytes) noexcept {
   byte_count_ += static_cast<std::uint32_t>(file::Write(descriptor_, bytes).bytes);
 }
 
-// The line says the count as it stands before the line itself: the size of the head.
+// The line shows the count before the line itself: the size of the head.
 void LogFileSink::Wrap(std::string_view header) noexcept {
   if (::lseek(descriptor_, wrap_position_, SEEK_SET) < 0) {
     const int error = errno;
     ::syslog(LOG_ERR, "ERROR: fseek failed for %s (errno=%d) --> rewind it\n", path_, error);
-    (void)::lseek(descriptor_, 0, SEEK_SET);  // if this fails too, the file is written on where it stands
+    (void)::lseek(descriptor_, 0, SEEK_SET);  // if this fails too, writing continues where it is
   }
   ++wrap_cycle_;
   byte_count_ = bytes_at_init_end_;

@@ -1,8 +1,8 @@
-// The log file: entries one behind the other, and back to the end of the head when the file has its size.
+// The log file: one entry after another, and back to the end of the head when the file has its size.
 //
-// The head is what stood in the file at MarkInitEnd (the log header and the traces of the start); it is never
-// overwritten. A wrap clears nothing: behind the newest entry stands the rest of the cycle before. Whoever reads the
-// file finds the place at the "------ WRAP -----" line and by the stamps. Reading back is none of this class's work.
+// The head is what the file held at MarkInitEnd (the log header and the traces of the start); it is never overwritten.
+// A wrap clears nothing: the newest entry is followed by the rest of the cycle before. A reader finds the place by the
+// "------ WRAP -----" line and the stamps. This class does not read the file back.
 #pragma once
 
 #include <atomic>
@@ -26,11 +26,11 @@ class LogFileSink {
   LogFileSink(const LogFileSink&) = delete;
   LogFileSink& operator=(const LogFileSink&) = delete;
 
-  // Closes the file and puts every counter to its initial value.
+  // Closes the file and sets every counter to its initial value.
   void Reset() noexcept;
 
-  // Creates or truncates "DIRECTORY/log.NAME" and starts to count at 0. False: no file is open, and the system log says
-  // so.
+  // Creates or truncates "DIRECTORY/log.NAME" and starts to count at 0. False: no file is open, and the system log has
+  // a message.
   bool Open(const char* directory, const char* lower_case_name, std::uint32_t max_size);
   void Close() noexcept;
   [[nodiscard]] bool IsOpen() const noexcept { return file_.load(std::memory_order_relaxed) != nullptr; }
@@ -50,7 +50,7 @@ class LogFileSink {
   void Wrap(std::string_view header) noexcept;
 
   // Null while closed, so that an object in zeroed memory is closed. Atomic only to keep the destructor's store: the
-  // trace object is asked after its end as well, and a plain store there would be dropped as dead.
+  // trace object is used after its end as well, and a plain store there would be dropped as dead.
   std::atomic<std::FILE*> file_{nullptr};
   int descriptor_ = -1;  // of file_
   char path_[256] = {};

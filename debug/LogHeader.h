@@ -21,7 +21,7 @@ class HeaderVariables {
   // Takes the variables' values from the environment. Throws std::bad_alloc.
   void Read();
 
-  // Variables of the system and of the facility, then those that stand for the suite's configuration file; in the order
+  // Variables of the system and of the facility, then those that represent the suite's configuration file; in the order
   // of the header. Empty before Read.
   [[nodiscard]] const std::vector<Variable>& Environment() const noexcept { return environment_; }
   [[nodiscard]] const std::vector<Variable>& ConfigurationFile() const noexcept { return configuration_file_; }

@@ -33,7 +33,7 @@ void StoreAtOnce(char* to, const char* from) noexcept {
   *reinterpret_cast<volatile SixteenBytes*>(to) = bytes;
 }
 
-// What is stored before is in the file before what is stored after, for a reader in another process and for a kill.
+// Release order of the stores, for a reader in another process and for a kill.
 void KeepStoreOrder() noexcept { std::atomic_thread_fence(std::memory_order_release); }
 
 // False with the error number in errno.
@@ -42,7 +42,7 @@ bool WriteAll(int descriptor, const char* bytes, std::size_t size) noexcept {
 }
 
 // Opens the ring file or a new one; none with errno. A file of another size is taken out of the directory, not cut:
-// another process may have it mapped and would die of a store behind its end. Such a file is also what a creation
+// another process may have it mapped and would die of a store after its end. Such a file is also what a creation
 // leaves that was killed, for the file has its size last.
 file::Descriptor OpenOrCreate(const char* path, std::uint32_t size, bool& is_new) noexcept {
   OwnFile ring = OpenOwnFile(path, kRingFileMode, size);
@@ -175,7 +175,7 @@ RingBufferSink::OpenResult RingBufferSink::Map(const Source& source) noexcept {
   return {};
 }
 
-// Writes the header lines anew, so that they are whole again whatever was done to them.
+// Writes the header lines again, so that they are whole whatever was done to them.
 void RingBufferSink::TakeOver(const Source& source) noexcept {
   const auto number_at = [&](std::size_t offset) { return ReadRingNumber(Bytes(offset, kRingNumberDigits)); };
   opens_ = number_at(kRingOpensOffset).value_or(0) + 1;
@@ -197,8 +197,8 @@ void RingBufferSink::TakeOver(const Source& source) noexcept {
   std::memcpy(At(0), header, sizeof header);
 }
 
-// Where the run before stopped; the end of the file, so that the next entry wraps, when the header does not say. A
-// writer that was killed between an entry and its position has left that entry behind the position.
+// Where the run before stopped; the end of the file, so that the next entry wraps, if the header does not have it. A
+// writer that was killed between an entry and its position has left that entry after the position.
 std::size_t RingBufferSink::StoredPosition() const noexcept {
   const std::size_t stored = ReadRingNumber(Bytes(kRingPositionOffset, kRingNumberDigits)).value_or(0);
   if (stored < kRingFirstEntry || stored > size_) return size_;
@@ -236,7 +236,7 @@ void RingBufferSink::StoreNumber(std::size_t offset, std::uint32_t number) noexc
   StoreAtOnce(At(offset), digits);
 }
 
-// The terminator of the ended cycle stands until the first entry of the new one has its own; the count rises before the
+// The terminator of the ended cycle stays until the first entry of the new one has its own; the count rises before the
 // position goes back, or a reader would take the old cycle's text for bytes that were never written.
 bool RingBufferSink::BeginWrap() noexcept {
   struct stat status {};

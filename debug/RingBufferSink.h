@@ -1,12 +1,13 @@
-// The ring file: entries copied into a mapped file of fixed size, and back behind its preserved part when it is full.
+// The ring file: entries are copied into a mapped file of fixed size; when it is full, writing continues after its
+// preserved part.
 //
-// The file outlives the process, also one that is killed in the middle of an entry. A terminator line stands behind the
+// The file outlives the process, also one that is killed in the middle of an entry. A terminator line follows the
 // newest entry, and the header names its place. An entry becomes visible in this order: its bytes from the 17th on and
-// the new terminator behind them, then its first 16 bytes in one store over the old terminator, then the new write
+// the new terminator after them, then its first 16 bytes in one store over the old terminator, then the new write
 // position in one store. So at any moment the place that the header names holds either the terminator or the one
-// entry that was completed just then, with the terminator behind it. docs/trace-ring.md has the reader's side.
+// entry that was completed just then, with the terminator after it. docs/trace-ring.md has the reader's side.
 //
-// The header block that a new cycle begins with is none of this class's work: whoever writes entries writes it between
+// This class does not write the header block that a new cycle begins with: whoever writes entries writes it between
 // BeginWrap and EndWrap.
 #pragma once
 
@@ -23,11 +24,11 @@ namespace qx::debug {
 //
 // Threads: the owner of the trace facility's lock. Other processes may read the file at any time; one process writes.
 // Owns: the descriptor and the mapping.
-// Failure: opening says what failed, and leaves the ring closed; writing cannot fail. A file that is cut while it is
-// mapped is noticed at the next wrap; a store behind its end before that kills the process (SIGBUS).
+// Failure: Open returns what failed, and leaves the ring closed; writing cannot fail. If the file is truncated while it
+// is mapped, the next wrap notices it; a store after its end before that kills the process (SIGBUS).
 class RingBufferSink {
  public:
-  // What could not be done to open the ring.
+  // The step of Open that failed.
   enum class Failure { kNone, kOpen, kWriteHeader, kWriteBlankBlock, kWriteBlocks, kMap };
 
   struct OpenResult {
@@ -47,11 +48,12 @@ class RingBufferSink {
   RingBufferSink(const RingBufferSink&) = delete;
   RingBufferSink& operator=(const RingBufferSink&) = delete;
 
-  // Opens the ring file, counts the opening and continues at its write position. A file that is missing is created; one
-  // of another size is replaced by a new one. What is not a regular file is refused.
+  // Opens the ring file, counts the opening and continues at its write position. A missing file is created; one of
+  // another size, or one that another user has a say in, is replaced by a new one. Anything but a regular file is
+  // refused.
   [[nodiscard]] OpenResult Open(const Source& source) noexcept;
 
-  // Puts every counter to its initial value, too.
+  // Sets every counter to its initial value, too.
   void Close() noexcept;
 
   [[nodiscard]] bool IsOpen() const noexcept { return map_.load(std::memory_order_relaxed) != nullptr; }
@@ -60,7 +62,7 @@ class RingBufferSink {
   [[nodiscard]] std::uint32_t Opens() const noexcept { return opens_; }
   [[nodiscard]] std::uint32_t Size() const noexcept { return size_; }
 
-  // Whether an entry of `size` bytes and the terminator fit behind the write position.
+  // Whether an entry of `size` bytes and the terminator fit after the write position.
   [[nodiscard]] bool Fits(std::size_t size) const noexcept {
     return size <= size_ && position_ + size + kRingTerminator.size() <= size_;
   }
@@ -68,22 +70,22 @@ class RingBufferSink {
   // Appends an entry that fits and is longer than the terminator.
   void Write(std::string_view entry) noexcept;
 
-  // Ends the cycle: the rest of the file becomes dots, and writing goes on at the first entry's place, for the header
+  // Ends the cycle: the rest of the file becomes dots, and writing continues at the first entry's place, for the header
   // block. False: the file is no longer as long as its mapping, and must be closed.
   [[nodiscard]] bool BeginWrap() noexcept;
   [[nodiscard]] bool IsWrapping() const noexcept { return is_wrapping_; }
 
-  // The header block is written: goes on at the wrap start or, without one, behind the block; at the first entry's
+  // The header block is written: continues at the wrap start or, without one, after the block; at the first entry's
   // place if `entry_size` bytes do not fit there.
   void EndWrap(std::size_t entry_size) noexcept;
 
-  // Leaves a gap behind the header block of a new file; the entries begin with a block of the file.
+  // Leaves a gap after the header block of a new file; the entries begin with a block of the file.
   void LeaveGap() noexcept;
 
-  // Whether the start's entries can be kept: no wrap yet and more than 1 MiB of room.
+  // Whether the start's entries can be kept: no wrap yet and more than 1 MiB left.
   [[nodiscard]] bool CanKeepInit() const noexcept;
 
-  // Makes what stands before the write position the part that wraps preserve.
+  // Makes everything before the write position the part that wraps preserve.
   void MarkInitEnd() noexcept { wrap_start_ = position_; }
 
  private:
@@ -100,7 +102,7 @@ class RingBufferSink {
   void EraseStaleTerminator() noexcept;
 
   // Null while closed, so that an object in zeroed memory is closed. Atomic only to keep the destructor's store: the
-  // trace object is asked after its end as well, and a plain store there would be dropped as dead.
+  // trace object is used after its end as well, and a plain store there would be dropped as dead.
   std::atomic<char*> map_{nullptr};
   int descriptor_ = -1;
   std::uint32_t size_ = 0;
@@ -108,7 +110,7 @@ class RingBufferSink {
   std::size_t wrap_start_ = 0;  // 0: none
   std::uint32_t wraps_ = 0;
   std::uint32_t opens_ = 0;
-  std::size_t stale_terminator_ = 0;  // where the ended cycle's terminator still stands; 0: nowhere
+  std::size_t stale_terminator_ = 0;  // where the ended cycle's terminator still is; 0: nowhere
   bool is_new_ = false;
   bool is_wrapping_ = false;
   bool has_wrapped_ = false;  // since it was opened

@@ -4,7 +4,7 @@
 //         ... six more lines of a label, a value of at most 43 characters and "|" ...
 //   560   "-----...-----+\n"                                                                     80 bytes
 //   640   383 blanks and a line feed
-//   1024  entries, one behind the other; behind the newest one stands the terminator line
+//   1024  entries, one after another; the terminator line follows the newest one
 //
 // docs/trace-ring.md is the page of this format: who may rely on what, and in which order the bytes are stored.
 #pragma once
@@ -25,7 +25,7 @@ constexpr std::size_t kRingValueColumn = 35;
 constexpr std::size_t kRingValueChars = 43;
 constexpr std::size_t kRingNumberDigits = 16;
 
-// Where the values stand in the file.
+// The offsets of the values in the file.
 constexpr std::size_t kRingFirstOpenOffset = 1 * kRingLineBytes + kRingValueColumn;
 constexpr std::size_t kRingOpensOffset = 3 * kRingLineBytes + kRingValueColumn;
 constexpr std::size_t kRingWrapsOffset = 4 * kRingLineBytes + kRingValueColumn;
@@ -34,7 +34,7 @@ constexpr std::size_t kRingPositionOffset = 6 * kRingLineBytes + kRingValueColum
 static_assert(kRingOpensOffset == 275 && kRingWrapsOffset == 355 && kRingSizeOffset == 435 &&
               kRingPositionOffset == 515);
 
-// Behind the newest entry; the next entry overwrites it.
+// Follows the newest entry; the next entry overwrites it.
 constexpr std::string_view kRingTerminator = "## TRACE-END ##\n";
 
 // The smallest ring that holds its header and the longest plain entry; a configured ring has 256 pages at least.
@@ -50,14 +50,14 @@ struct RingHeader {
   std::uint32_t position;
 };
 
-// Writes the eight lines. What does not fit a value's room is cut, and a text ends at its first NUL.
+// Writes the eight lines. A value of more than 43 characters is cut, and a text ends at its first NUL.
 void FormatRingHeader(const RingHeader& header, char (&bytes)[kRingHeaderBytes]) noexcept;
 
 // Writes `number` as the 16 digits of a header value, without a NUL.
 //   1024 => "0000000000001024"
 void FormatRingNumber(std::uint32_t number, char (&digits)[kRingNumberDigits]) noexcept;
 
-// The number of a header value; none when a byte is no digit or the number has more than 32 bits.
+// The number of a header value; unset if a byte is not a digit or the number has more than 32 bits.
 std::optional<std::uint32_t> ReadRingNumber(std::string_view digits) noexcept;
 
 }  // namespace qx::debug

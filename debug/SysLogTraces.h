@@ -24,7 +24,7 @@ static_assert(SysLogInfo == 6);
 //
 // Threads: any thread; the C library's syslog does its own locking.
 // Owns: the C library's one connection of the process. A host that has opened its own gets ours from then on.
-// Failure: none is reported. Without a system log the console gets the messages (LOG_CONS).
+// Failure: is not reported. Without a system log the console gets the messages (LOG_CONS).
 class SysLogTraces {
  public:
   // The one object of the process, made at first use and never destroyed. [any thread]

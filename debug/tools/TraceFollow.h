@@ -1,8 +1,8 @@
-// Keeps up with the writer of a trace file: what is new since the last look, across wraps and restarts.
+// Follows the writer of a trace file: what is new since the last snapshot, across wraps and restarts.
 //
-// A log tells nothing about its write position, so the follower keeps a copy of the file and compares: what differs
-// from the copy is new. The newest entry of a log is given only when it has stood unchanged for a while, or something
-// is behind it: a look can fall into the middle of a write. A ring's header says where it is written.
+// A log does not show its write position, so the follower keeps a copy of the file and compares: what differs from the
+// copy is new. The newest entry of a log is returned only when it has been unchanged for a while, or another one
+// follows it: a snapshot can fall into the middle of a write. A ring's header has its write position.
 #pragma once
 
 #include <sys/types.h>
@@ -21,14 +21,14 @@ namespace qx::debug {
 // A file of more than this many bytes cannot be followed: a log is kept in memory twice.
 constexpr std::uint64_t kFollowedBytesMax = std::uint64_t{256} << 20;
 
-// How long the newest entry of a log has to stand unchanged: a writer that is put aside in the middle of a write can
-// stay so for tens of milliseconds.
+// How long the newest entry of a log has to be unchanged: a writer can be preempted in the middle of a write for tens
+// of milliseconds.
 constexpr std::chrono::milliseconds kSettled{50};
 
 struct TraceFollowEvent {
   enum class Kind {
     kEntry,    // something new: `entry`
-    kRestart,  // the file was started over; what stood in it and had not been read is lost
+    kRestart,  // the file was started over; what it held and had not been read is lost
     kLost,     // the writer was faster: `bytes`, about, have been overwritten before they were read
   };
   Kind kind = Kind::kEntry;
@@ -36,10 +36,10 @@ struct TraceFollowEvent {
   std::uint64_t bytes = 0;
 };
 
-// What one look came to.
+// The result of one snapshot.
 struct TraceLook {
   std::vector<TraceFollowEvent> events;
-  bool is_pending = false;  // something is there that a look will give soon: look again
+  bool is_pending = false;  // there is something that a later snapshot will return
   bool is_missing = false;  // the path names no file now
   int error = 0;            // the file cannot be read any more: EFBIG for one that is too large
 };
@@ -52,7 +52,7 @@ class TraceFileFollower {
   TraceFileFollower(const TraceFileFollower&) = delete;
   TraceFileFollower& operator=(const TraceFileFollower&) = delete;
 
-  // Adds what is new in `file` to `look`; with `is_last`, holds nothing back. [owning thread]
+  // Adds what is new in `file` to `look`; with `is_last`, the newest entry too. [owning thread]
   virtual void Look(const TraceFile& file, bool is_last, TraceLook& look) = 0;
 };
 
@@ -60,18 +60,19 @@ class TraceFileFollower {
 //
 // Threads: none of its own.
 // Owns: the open file and a copy of it.
-// Failure: bytes that make no sense come as pieces; a writer that is faster than the looks is told with kLost.
+// Failure: bytes that are not entries come as pieces; a writer that is faster than the snapshots is reported with
+// kLost.
 class TraceFollower {
  public:
-  // With `from_now`, what stands in the file at the first look is not given. `settled` is how long the newest entry of
-  // a log has to stand unchanged before it is given. [owning thread]
+  // With `from_now`, what the file holds at the first snapshot is not returned. `settled` is how long the newest entry
+  // of a log has to be unchanged before it is returned. [owning thread]
   TraceFollower(std::string path, bool from_now, std::chrono::milliseconds settled = kSettled);
   ~TraceFollower();
 
   // Opens the file; 0 or the error number. [owning thread]
   [[nodiscard]] int Open();
 
-  // What is new since the last look. [owning thread]
+  // What is new since the last call. [owning thread]
   TraceLook Look();
 
  private:

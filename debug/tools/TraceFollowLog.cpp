@@ -18,7 +18,7 @@ constexpr std::size_t kGrowthBytes = 65536;  // that a file may have grown by wh
 constexpr int kReadsMax = 10;
 
 // Reads from the beginning to where the file ends when the end is read, not when the reading began: the end of a cycle
-// may be written meanwhile, and the wrap behind it is in the bytes that were read first.
+// may be written meanwhile, and the wrap after it is in the bytes that were read first.
 bool ReadWhole(const TraceFile& file, std::string& bytes) {
   const auto status = file.Status();
   if (!status.has_value()) return false;

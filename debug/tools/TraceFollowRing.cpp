@@ -1,4 +1,4 @@
-// Following a ring: its header says how far it is written and how often it has wrapped.
+// Following a ring: its header has the write position and the number of wraps.
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -20,7 +20,7 @@ struct Piece {
   std::string bytes;
 };
 
-// What a look gives.
+// The new ranges of one snapshot.
 struct Plan {
   bool is_restart = false;
   std::uint64_t lost_bytes = 0;
@@ -72,7 +72,7 @@ class RingFollower final : public TraceFileFollower {
     return plan;
   }
 
-  // A ring that is made anew counts from 1, and has a first start of its own.
+  // A ring that is created again counts from 1, and has a first start of its own.
   bool HasRestarted(const TraceRingHeader& header) const {
     const std::uint64_t wraps = header.wraps.value_or(0);
     return header.first_open != first_open_ || header.opens.value_or(0) < opens_ || wraps < wraps_ ||
@@ -105,8 +105,8 @@ class RingFollower final : public TraceFileFollower {
     return pieces;
   }
 
-  // Within one cycle the writer only writes behind what was read. Older entries it reaches in time: they count when
-  // they are the same a second time.
+  // Within one cycle the writer only writes after what was read. It reaches the older entries later: they count if they
+  // are the same a second time.
   static bool IsStill(const TraceFile& file, const TraceRingHeader& header, const std::vector<Piece>& pieces) {
     const auto is_same = [&](const Piece& piece) {
       return piece.range.part != TracePart::kOlder ||

@@ -1,8 +1,8 @@
-// Where the entries of a trace file stand and in which order of time: found once, before they are read.
+// Where the entries of a trace file are, and their order of time: found once, before they are read.
 //
 // A log that has wrapped and a ring are written in a circle, so their bytes are not in the order of time. A layout
-// lists the ranges of the file in that order. docs/trace.md tells how the places are found, and where a file cannot
-// tell.
+// lists the ranges of the file in that order. docs/trace-reading.md describes how the places are found, and what a file
+// does not show.
 #pragma once
 
 #include <cstdint>
@@ -27,8 +27,8 @@ enum class TracePart {
 struct TraceRange {
   enum class Kind {
     kEntries,
-    kPiece,  // lines of which nobody can say to which entry they belong
-    kGap,    // no bytes: entries that stood here in time have been overwritten
+    kPiece,  // lines that may belong to one entry or to another
+    kGap,    // no bytes: entries that were here in time have been overwritten
   };
   Kind kind;
   TracePart part;
@@ -42,7 +42,7 @@ struct TraceFinding {
     kNoEntries,      // bytes, and not one entry
     kHole,           // NUL bytes between lines
     kCutEnd,         // the last line has no line feed
-    kStampsAlike,    // the stamps do not tell where the newest entry of a log is
+    kStampsAlike,    // the stamps do not show where the newest entry of a log is
     kClockSetBack,   // stamps go back at more than one place
     kRingHeader,     // a line of a ring's header is not as it should be
     kWritePosition,  // the write position of a ring is not where the newest entry ends
@@ -56,7 +56,7 @@ struct TraceWrap {
   std::int64_t cycle = 0;
   std::uint64_t position = 0;  // of the line: the size of the head
   std::uint64_t line_end = 0;
-  std::uint64_t max_bytes = 0;  // the entry that ended behind this offset was the last of its cycle
+  std::uint64_t max_bytes = 0;  // the entry that ended after this offset was the last of its cycle
 };
 
 // The header of a ring file. A number that is not 16 digits is unset.
@@ -75,7 +75,7 @@ struct TraceLayout {
   std::vector<TraceFinding> findings;
   std::optional<TraceWrap> wrap;        // of a log that has wrapped
   std::optional<TraceRingHeader> ring;  // of a ring
-  // Behind the newest entry. In a wrapped log behind its first line: how many further ones it has, nobody can say.
+  // After the newest entry. In a wrapped log after its first line: the file does not show how many more it has.
   std::uint64_t newest_end = 0;
   // Where the newest cycle began: what a wrap returns to.
   std::uint64_t cycle_begin = 0;
@@ -87,7 +87,7 @@ TraceLayout FindTraceLayout(const TraceSource& source);
 // Whether the source begins like a ring file. [any thread]
 bool IsTraceRing(const TraceSource& source);
 
-// The header of a ring file as it stands now. [any thread]
+// The header of a ring file as it is now. [any thread]
 TraceRingHeader ReadTraceRingHeader(const TraceSource& source);
 
 // The line of the last wrap of a log. [any thread]

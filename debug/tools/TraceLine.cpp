@@ -48,7 +48,7 @@ std::optional<std::uint64_t> TakeResident(std::string_view& rest) {
   return kilobytes;
 }
 
-// Where the text behind the module column begins. A longer name moves it; it then ends at its first blank, or where a
+// Where the text after the module column begins. A longer name moves it; it then ends at its first blank, or where a
 // header of the greatest length is cut.
 std::size_t ModuleChars(std::string_view rest, std::size_t chars_max) {
   const std::size_t blank = rest.find(' ', std::min(kModuleColumnChars, rest.size()));

@@ -14,10 +14,10 @@ namespace qx::debug {
 // A line, or a part of one that is longer than 64 KiB.
 struct TraceLine {
   std::uint64_t begin;    // offset of its first byte
-  std::uint64_t end;      // offset behind its line feed
+  std::uint64_t end;      // offset after its line feed
   std::string_view text;  // without the line feed; lives until the next line is read
   bool has_end;           // false: no line feed, the bytes or this part end here
-  bool is_rest;           // a part behind the first
+  bool is_rest;           // a part after the first
 };
 
 // Splits a range of a source into lines, through one window of bounded size. No text of the facility holds a NUL: those
@@ -51,7 +51,7 @@ class TraceLineReader {
 
 // The header of an entry, taken apart.
 struct TraceHeader {
-  std::string_view stamp;                    // as it stands
+  std::string_view stamp;                    // as it is in the file
   std::optional<std::int64_t> stamp_ms;      // that local time as milliseconds since 1970-01-01 00:00; unset: unknown
   std::uint32_t thread;                      // the low 32 bits of the thread's id
   std::optional<std::uint64_t> resident_kb;  // only with memory traces
@@ -59,7 +59,7 @@ struct TraceHeader {
   std::size_t length;                        // of the whole header; the text follows
 };
 
-// The header that `line` begins with; unset when it begins with none.
+// The header that `line` begins with; unset if it does not begin with one.
 //   "2026-01-31 10:20:30.123 [0A1B2C3D] QxTrace       text"                => module "QxTrace"
 //   "2026-01-31 10:20:30.123 [0A1B2C3D]    51234 KB !QxTrace       text"   => the same and 51234
 //   "2026-01-31 10:20:30.123 [0A1B2C3D] ALongModuleName text"              => module "ALongModuleName"
@@ -68,7 +68,7 @@ std::optional<TraceHeader> ParseTraceHeader(std::string_view line);
 // "2026-01-31 10:20:30.123" => milliseconds, as in TraceHeader; unset for anything else.
 std::optional<std::int64_t> ParseTraceStamp(std::string_view stamp);
 
-// The number that `digits` are; unset when they are none, or other characters, or over 64 bits.
+// The number that `digits` are; unset if there are none, or other characters, or the number has more than 64 bits.
 std::optional<std::uint64_t> ParseDecimal(std::string_view digits);
 
 }  // namespace qx::debug

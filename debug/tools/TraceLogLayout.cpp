@@ -24,8 +24,8 @@ bool TakeNumber(std::string_view& text, Number& number) {
   return true;
 }
 
-// The wrap that `line` is written by, if it is genuine: it stands where it says that the head ends, or, after a wrap
-// that could not go there, at the beginning of the file. A trace text that only looks like one stands elsewhere.
+// The wrap that wrote `line`, if it is genuine: the line is where it says that the head ends, or, after a wrap that
+// could not go there, at the beginning of the file. A trace text that only looks like one is elsewhere.
 std::optional<TraceWrap> WrapOf(const TraceLine& line) {
   const auto header = ParseTraceHeader(line.text);
   if (!header.has_value() || line.is_rest || !line.has_end) return std::nullopt;
@@ -51,7 +51,7 @@ void AddMarkFindings(TraceLayout& layout, const LogMarks& marks) {
   const bool has_only_crossing = marks.entries == 1 && marks.crossing.IsKnown();
   if (HasOneStamp(marks) && !has_only_crossing) {
     layout.findings.push_back({TraceFinding::Kind::kStampsAlike,
-                               "all entries since the wrap have one stamp, so where the newest one stands is a guess"});
+                               "all entries since the wrap have one stamp, so the place of the newest one is a guess"});
   }
   if (marks.drops > 1) {
     layout.findings.push_back(

@@ -1,5 +1,5 @@
-// The layout of a ring file. Its header says where the newest entry ends; where the newest cycle began it does not say:
-// that is behind the header block, or behind the last "End of initialization" before the newest cycle's stamps.
+// The layout of a ring file. Its header shows where the newest entry ends, but not where the newest cycle began: that
+// is after the header block, or after the last "End of initialization" before the newest cycle's stamps.
 //
 //   1024                                                                                        size
 //   | header block | END | gap | kept from the start | newest entries | END | older entries | ..... |
@@ -54,7 +54,7 @@ std::uint64_t FillBegin(const TraceSource& source, std::uint64_t floor) {
   return floor;
 }
 
-// Whether entries stand there, other than the filling of a new file.
+// True if there are entries, other than the filling of a new file.
 bool HasEntries(const TraceSource& source, std::uint64_t begin, std::uint64_t end) {
   TraceLineReader reader(source, begin, end);
   for (TraceLine line{}; reader.Next(line);) {
@@ -79,8 +79,8 @@ Front ScanFront(const TraceSource& source, std::uint64_t write_position) {
   return {.block_end = block.end, .kept_begin = marks.first, .cycle_begin = CycleBegin(marks)};
 }
 
-// Where the entry at `begin` ends, if a terminator stands behind it before any other entry; else 0. A writer stores an
-// entry before the position behind it, and may have been killed between the two.
+// Where the entry at `begin` ends, if a terminator follows it before any other entry; else 0. A writer stores an entry
+// before the position after it, and may have been killed between the two.
 std::uint64_t EndOfUncountedEntry(const TraceSource& source, std::uint64_t begin) {
   TraceLineReader reader(source, begin, source.Size());
   bool is_first = true;
@@ -107,7 +107,7 @@ std::uint64_t SearchTerminator(const TraceSource& source) {
   return found != 0 ? found : first;
 }
 
-// Where the newest entry ends: what the header says if a terminator stands there, else where one stands.
+// Where the newest entry ends: the position in the header if a terminator is there, else the place of one.
 std::uint64_t FindWritePosition(const TraceSource& source, TraceLayout& layout) {
   const auto stored = layout.ring->write_position;
   if (stored.has_value() && *stored >= kRingFirstEntry && *stored < source.Size()) {
@@ -120,7 +120,7 @@ std::uint64_t FindWritePosition(const TraceSource& source, TraceLayout& layout) 
       {TraceFinding::Kind::kWritePosition,
        "the write position (" + said + ") is not where an entry ends; " +
            (found != 0 ? "the end of the newest one was found at " + std::to_string(found)
-                       : "without the end of the newest one, the entries come as they stand in the file")});
+                       : "without the end of the newest one, the entries come in the order of the file")});
   return found;
 }
 
@@ -136,7 +136,7 @@ void AddRange(TraceLayout& layout, TracePart part, std::uint64_t begin, std::uin
   if (begin < end) layout.ranges.push_back({TraceRange::Kind::kEntries, part, begin, end});
 }
 
-// Never wrapped: all in the order of the file, the gap behind the header block left out.
+// Never wrapped: all in the order of the file, without the gap after the header block.
 void LayOutFilling(TraceLayout& layout, const Front& front, std::uint64_t write_position) {
   AddRange(layout, TracePart::kNewest, kRingFirstEntry, front.block_end);
   AddRange(layout, TracePart::kNewest, front.kept_begin != 0 ? front.kept_begin : write_position, write_position);

@@ -34,7 +34,7 @@ class SettingsReader : public CDebugTraceConfig {
 std::string Decimal(std::uint32_t value) { return std::to_string(value); }
 std::string Signed(std::uint32_t value) { return std::to_string(static_cast<std::int32_t>(value)); }
 
-// Adds settings one after another, each with the first place that gives it.
+// Adds settings one after another, each with the first place that has it.
 class SourceList {
  public:
   SourceList(const std::string& directory, const std::string& application_file, const std::string& app_name)

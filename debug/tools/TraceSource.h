@@ -35,10 +35,10 @@ class TraceSource {
 // A regular file, opened for reading only.
 class TraceFile final : public TraceSource {
  public:
-  // Opens the regular file `path`. 0, or the error number: EINVAL for what is no regular file. [owning thread]
+  // Opens the regular file `path`. 0, or the error number: EINVAL for anything but a regular file. [owning thread]
   [[nodiscard]] int Open(const std::string& path) noexcept;
 
-  // The file's status now; unset when it cannot be told. [owning thread]
+  // The file's status now; unset if `fstat` fails. [owning thread]
   [[nodiscard]] std::optional<struct stat> Status() const noexcept;
 
   // Takes the size that the file has now. [owning thread]

@@ -21,8 +21,8 @@ bool IsFiller(const TraceEntry& entry) {
          entry.lines[0].find_first_not_of('_') == std::string::npos;
 }
 
-// A wrapped log that a writer goes on with changes behind the line of its wrap; the line itself changes when it wraps
-// again. A ring's header changes with every entry, which matters once it has wrapped.
+// A wrapped log whose writer continues changes after the line of its wrap; the line itself changes at the next
+// wrap. A ring's header changes with every entry, which matters once it has wrapped.
 std::string MarkOf(const TraceSource& source, const TraceLayout& layout) {
   constexpr std::size_t kBeginBytes = 256;
   if (layout.format == TraceFormat::kRing) {
@@ -140,7 +140,7 @@ bool TraceUnroller::Next(TraceEntry& entry) {
     if (!reader_.Next(entry)) return false;
   } while (layout_.format == TraceFormat::kRing && IsFiller(entry));
   has_entries_ = has_entries_ || entry.kind == TraceEntry::Kind::kEntry;
-  // The wrap's line is the first of its range; what only looks like it is an entry as others are.
+  // The wrap's line is the first of its range; a text that only looks like it is an entry like others.
   if (layout_.wrap.has_value() && entry.part == TracePart::kNewest && entry.begin == layout_.wrap->position) {
     entry.kind = TraceEntry::Kind::kWrap;
   }

@@ -12,32 +12,32 @@
 
 namespace qx::debug {
 
-// One entry, or what stands between entries.
+// One entry, or what is between entries.
 struct TraceEntry {
   enum class Kind {
     kEntry,  // a header and its lines
     kWrap,   // the line that a log's wrap has written, an entry of the facility itself
     kRest,   // further lines of the entry before, which came in parts because it is over 1 MiB
     kPiece,  // lines without a header: the end of an entry whose beginning was overwritten, or, where the file cannot
-             // tell, further lines of the entry before
-    kGap,    // no lines: entries that stood here in time have been overwritten
+             // show it, further lines of the entry before
+    kGap,    // no lines: entries that were here in time have been overwritten
   };
   Kind kind = Kind::kEntry;
   TracePart part = TracePart::kNewest;
   std::uint64_t begin = 0;               // offset in the file
-  std::uint64_t end = 0;                 // behind the last line
-  std::string stamp;                     // as it stands; empty but for kEntry and kWrap, as are the next four
+  std::uint64_t end = 0;                 // after the last line
+  std::string stamp;                     // as it is in the file; empty but for kEntry and kWrap, as are the next four
   std::optional<std::int64_t> stamp_ms;  // that local time as milliseconds since 1970-01-01 00:00; unset: unknown
   std::uint32_t thread = 0;
   std::optional<std::uint64_t> resident_kb;
   std::string module;
   std::size_t header_length = 0;
-  std::string header;              // stamp to module column, as it stands
-  std::vector<std::string> lines;  // the first behind the header; without line feeds
+  std::string header;              // stamp to module column, as in the file
+  std::vector<std::string> lines;  // the first after the header; without line feeds
   bool is_cut = false;             // the last line has no line feed: the file ends within the entry
 };
 
-// Gives the entries of some ranges one after another.
+// Returns the entries of some ranges one after another.
 //
 // Threads: none of its own.
 // Failure: whatever the bytes are, entries come until the ranges end; memory stays within a few MiB.
@@ -52,7 +52,7 @@ class TraceEntryReader {
   // The next entry; false at the end. [owning thread]
   bool Next(TraceEntry& entry);
 
-  // What was noticed while reading: complete at the end. [owning thread]
+  // The findings of the reading: complete at the end. [owning thread]
   [[nodiscard]] std::vector<TraceFinding> Findings() const;
 
  private:
@@ -73,7 +73,7 @@ class TraceEntryReader {
   std::uint64_t hole_bytes_ = 0;
 };
 
-// A trace file as a whole: finds out its layout and gives its entries.
+// A trace file as a whole: finds its layout and returns its entries.
 class TraceUnroller {
  public:
   // Reads `source`, which must outlive the unroller. [owning thread]
@@ -84,7 +84,7 @@ class TraceUnroller {
 
   [[nodiscard]] const TraceLayout& Layout() const noexcept { return layout_; }
 
-  // Everything that was noticed: complete at the end. [owning thread]
+  // All findings: complete at the end. [owning thread]
   [[nodiscard]] std::vector<TraceFinding> Findings() const;
 
   // Whether the writer has changed, since the layout was found, what the entries were read from. [owning thread]

@@ -1,4 +1,4 @@
-// Any bytes as a trace settings file: what it gives is within its bounds, and nothing is read outside the text.
+// Any bytes as a trace settings file: every value is within its bounds, and nothing is read outside the text.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

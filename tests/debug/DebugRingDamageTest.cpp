@@ -1,4 +1,4 @@
-// Ring files that are not as they were left, and places where none can be: tracing goes on and the log says why.
+// Damaged ring files, and places where no ring can be: tracing continues, and the log has the reason.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -38,7 +38,7 @@ std::string OpenFailed(const RingSetup& setup, int error) {
                       "; " + std::strerror(error) + ") ###\n");
 }
 
-// Opens the ring where none can be: the log has to say `message`, and the entries that follow go there.
+// Opens the ring where none can be: the log must have `message`, and the entries that follow.
 void ExpectNoRing(RingSetup& setup, const std::string& message) {
   EXPECT_FALSE(setup.OpenRing(kSize));
   setup.Trace().Print(1, "goes on");
@@ -104,7 +104,7 @@ TEST(DebugRingDamage, SizeBelowOnePageIsRefused) {
   EXPECT_FALSE(Exists(setup.RingPath()));
 }
 
-TEST(DebugRingDamage, FileThatDoesNotTellWhatItIsIsClosedAgainAndLeftAsItIs) {
+TEST(DebugRingDamage, FileWhoseStatusFailsIsClosedAndStays) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSize));
   ASSERT_TRUE(setup.Init());  // closes it
@@ -135,7 +135,7 @@ TEST(DebugRingDamage, FailedAttemptLeavesATargetOtherThanTheRing) {
   EXPECT_EQ(Undated(setup.Log()), OpenFailed(setup, EINVAL));
 }
 
-// What a run leaves, with a last entry "newest" that ends at `position`.
+// The ring that a run leaves, with a last entry "newest" that ends at `position`.
 struct LeftRing {
   LeftRing() {
     EXPECT_TRUE(setup.OpenRing(kSize));
@@ -158,7 +158,7 @@ struct LeftRing {
   std::size_t position = 0;
 };
 
-TEST(DebugRingDamage, FileOfAnotherSizeIsStartedAnew) {
+TEST(DebugRingDamage, FileOfAnotherSizeIsCreatedAgain) {
   for (const std::size_t size : {0U, 1U, 640U, 32767U, 32769U, 65536U}) {
     LeftRing left;
     std::filesystem::resize_file(left.setup.RingPath(), size);
@@ -166,7 +166,7 @@ TEST(DebugRingDamage, FileOfAnotherSizeIsStartedAnew) {
   }
 }
 
-TEST(DebugRingDamage, FileOfAnotherSizeIsReplacedSoThatWhoHasItMappedLives) {
+TEST(DebugRingDamage, FileOfAnotherSizeIsReplacedForProcessesThatMappedIt) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSize));
   qx::test::TestDebug other("/nonexistent");
@@ -177,7 +177,7 @@ TEST(DebugRingDamage, FileOfAnotherSizeIsReplacedSoThatWhoHasItMappedLives) {
   EXPECT_EQ(setup.Ring().find("into the old file"), std::string::npos);
 }
 
-TEST(DebugRingDamage, WritePositionsThatCannotBeMakeTheNextEntryWrap) {
+TEST(DebugRingDamage, ImpossibleWritePositionsMakeTheNextEntryWrap) {
   for (const char* position : {"0000000000000000", "0000000000001023", "0000000000032769", "9999999999999999",
                                "00000000000x2000", "                ", "-000000000000001", "0000004294967297"}) {
     LeftRing left;
@@ -187,7 +187,7 @@ TEST(DebugRingDamage, WritePositionsThatCannotBeMakeTheNextEntryWrap) {
     EXPECT_EQ(ring.substr(left.setup.Position(), 16), kTerminator);
     const std::string line = UndatedEntry("### Start of work cycle. (00000002) ###\n");
     EXPECT_EQ(ring.substr(left.setup.Position() - line.size(), line.size()), line);
-    EXPECT_EQ(ring.substr(kSize - 100).find('.'), std::string::npos);  // no room was left to fill
+    EXPECT_EQ(ring.substr(kSize - 100).find('.'), std::string::npos);  // nothing was left to fill
   }
 }
 
@@ -198,14 +198,14 @@ TEST(DebugRingDamage, WritePositionAtTheVeryEndWraps) {
   EXPECT_EQ(left.setup.Wraps(), 1U);
 }
 
-TEST(DebugRingDamage, AnyOtherWritePositionIsTaken) {
+TEST(DebugRingDamage, PossibleWritePositionIsTaken) {
   LeftRing left;
   left.setup.Patch(515, "0000000000020000");
   const std::string line = UndatedEntry("### Start of work cycle. (00000002) ###\n");
   EXPECT_EQ(left.Restarted().substr(20000, line.size() + 16), line + std::string(kTerminator));
 }
 
-TEST(DebugRingDamage, CountsThatCannotBeReadStartAnew) {
+TEST(DebugRingDamage, UnreadableCountsStartAgain) {
   for (const char* garbage : {"################", "99999999999999999", "-000000000000001"}) {
     LeftRing left;
     left.setup.Patch(275, std::string_view(garbage).substr(0, 16));
@@ -242,7 +242,7 @@ TEST(DebugRingDamage, EntryThatWasCompleteWhenItsWriterWasKilledIsKept) {
   EXPECT_THAT(left.Restarted(), HasSubstr(UndatedEntry("newest\n") + start + std::string(kTerminator)));
 }
 
-TEST(DebugRingDamage, FileThatIsCutWhileItIsMappedIsNoticedAtTheNextWrap) {
+TEST(DebugRingDamage, FileTruncatedWhileMappedIsNoticedAtTheNextWrap) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSize));
   setup.FillUpTo(100);
@@ -278,7 +278,7 @@ TEST(DebugRingDamage, CommandLineIsInTheLogOnceWhenTheRingWasCut) {
                                                       UndatedEntry("argv[0] = \"agent\"\n")));
 }
 
-TEST(DebugRingDamage, FileThatIsDeletedIsWrittenOnAndTheNextStartMakesANewOne) {
+TEST(DebugRingDamage, DeletedFileIsWrittenOnAndTheNextStartCreatesOne) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSize));
   std::filesystem::remove(setup.RingPath());
@@ -290,7 +290,7 @@ TEST(DebugRingDamage, FileThatIsDeletedIsWrittenOnAndTheNextStartMakesANewOne) {
 
 // --- full disks and limits --------------------------------------------------------------------------------------
 
-// What the log says when the ring is set up in a file system of `room` of which a file takes `used` bytes.
+// The log after a ring was set up in a file system of `room` bytes of which a file takes `used`.
 std::string LogOfFullDisk(const std::string& room, std::size_t used, std::uint32_t size) {
   RingSetup setup;
   return WithPrivateMounts([&] {
@@ -308,7 +308,7 @@ std::string LogOfFullDisk(const std::string& room, std::size_t used, std::uint32
   });
 }
 
-TEST(DebugRingDamage, FullDiskShowsAtCreationAndGetsItsRoomBack) {
+TEST(DebugRingDamage, FullDiskShowsAtCreationAndTheSpaceIsFreed) {
   EXPECT_EQ(LogOfFullDisk("16k", 16384, kSize),
             UndatedEntry("### InitRingBuffer(): write haeder to RING failed ###\n") + UndatedEntry("goes on\n"));
   EXPECT_EQ(LogOfFullDisk("16k", 0, kSize),
@@ -365,7 +365,7 @@ TEST(DebugRingDamage, FileSizeLimitOfTheProcessDoesNotEndIt) {
 }
 
 #ifndef __SANITIZE_ADDRESS__  // it needs memory of its own
-TEST(DebugRingDamage, MappingThatFailsIsToldAndTheFileStays) {
+TEST(DebugRingDamage, FailedMappingIsReportedAndTheFileStays) {
   RingSetup setup;
   EXPECT_EQ(qx::test::InChild([&]() -> std::string {
               const rlimit none{1, 1};

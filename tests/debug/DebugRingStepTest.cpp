@@ -1,4 +1,4 @@
-// A reader looks at the ring after every single machine instruction of its writer: what it may rely on holds at each.
+// A reader checks the ring after every single machine instruction of its writer: what it may rely on holds at each.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -48,7 +48,7 @@ class Reader {
   }
 
  private:
-  // What stands before the end of the newest entry; empty when that cannot be found.
+  // The bytes before the end of the newest entry; empty if that cannot be found.
   std::string_view Text() const { return bytes_.substr(0, qx::test::EndOfNewest(bytes_)); }
 
   std::string_view bytes_;

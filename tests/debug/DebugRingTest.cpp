@@ -28,11 +28,11 @@ using qx::test::RingSetup;
 using qx::test::Undated;
 using qx::test::UndatedEntry;
 
-constexpr std::uint32_t kSmall = 32768;  // room for the header block, of about 8 KiB, and some entries
+constexpr std::uint32_t kSmall = 32768;  // enough for the header block, of about 8 KiB, and some entries
 constexpr std::uint32_t kLarge = 2U << 20;
 
 // The first place where the ring's bytes are not those of the model, as a text that can be read. A digit of a stamp
-// that was overwritten in part stands as it is in the ring.
+// that was overwritten in part is shown as it is in the ring.
 std::string Difference(const std::string& ring, const std::string& model) {
   if (ring.size() != model.size()) return "sizes";
   const auto is_same = [](char a, char b) {
@@ -100,7 +100,7 @@ TEST(DebugRing, HeaderLinesStandAtTheirOffsets) {
   EXPECT_TRUE(qx::test::StartsWithShape(bytes.substr(515), "9999999999999999 "));
 }
 
-TEST(DebugRing, PathThatIsLongerThanItsRoomIsCutTo43Characters) {
+TEST(DebugRing, LongPathIsCutTo43Characters) {
   RingSetup setup;
   const std::string path = setup.LogDir().File("a-rather-long-name-for-a-ring-file-of-a-test");
   ASSERT_TRUE(setup.Trace().InitRingBuffer(path.c_str(), kSmall));
@@ -137,7 +137,7 @@ TEST(DebugRing, LargeRingKeepsItsStartAcrossWraps) {
   EXPECT_EQ(Undated(ring.setup.Ring().substr(start, kept.size())), kept);
 }
 
-TEST(DebugRing, StartIsKeptOnlyWithMoreThanOneMebibyteOfRoom) {
+TEST(DebugRing, StartIsKeptOnlyWithMoreThanOneMebibyteLeft) {
   const auto is_kept = [](std::size_t room) {
     RingSetup setup;
     EXPECT_TRUE(setup.OpenRing(kLarge));
@@ -204,7 +204,7 @@ TEST(DebugRing, EntryThatFillsTheRingExactlyDoesNotWrapAndOneByteMoreDoes) {
   }
 }
 
-TEST(DebugRing, AfterEveryEntryTheTerminatorStandsAtTheWritePosition) {
+TEST(DebugRing, AfterEveryEntryTheTerminatorIsAtTheWritePosition) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSmall));
   for (int i = 0; i < 250; ++i) {
@@ -331,7 +331,7 @@ TEST(DebugRing, EmptyNullAndLineFeedFormats) {
             UndatedEntry("\n") + UndatedEntry("\n") + UndatedEntry("abc\n"));
 }
 
-TEST(DebugRing, ErrnoSurvivesAndIsWhatPercentMMeansAlsoInAWrapAndInALongText) {
+TEST(DebugRing, ErrnoIsKeptAndShownByPercentMInWrapsAndLongTexts) {
   RingSetup setup;
   errno = ENOTTY;
   ASSERT_TRUE(setup.OpenRing(kSmall));

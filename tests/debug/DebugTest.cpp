@@ -76,7 +76,7 @@ class NoMoreDescriptors {
 };
 
 TEST(Debug, VirtualOperationsKeepTheirSlots) {
-  EXPECT_EQ(SlotOf(&CDebug::IsMaster), 2);  // behind the two forms of the destructor
+  EXPECT_EQ(SlotOf(&CDebug::IsMaster), 2);  // after the two forms of the destructor
   EXPECT_EQ(SlotOf(&CDebug::Print), 3);
   EXPECT_EQ(SlotOf(static_cast<void (CDebug::*)(const char*, ...)>(&CDebug::PrintAlways)), 4);
   EXPECT_EQ(SlotOf(static_cast<void (CDebug::*)(std::uint32_t, const char*, ...)>(&CDebug::PrintAlways)), 5);
@@ -317,7 +317,7 @@ TEST(Debug, InitAgainClosesTheEarlierLogAndStartsAfresh) {
   EXPECT_EQ(qx::test::WithoutStamps(ReadFile(second.File("log.qxtrace"))), Entry("second\n"));
 }
 
-TEST(Debug, InitWithoutANameFailsSilencesAndTellsTheSystemLog) {
+TEST(Debug, InitWithoutANameFailsAndIsReported) {
   TraceSetup setup;
   ASSERT_TRUE(setup.InitAtLevel(3));
   const SyslogCapture syslog;

@@ -44,7 +44,7 @@ void ExpectEveryEntryOnceWholeAndInOrder(const std::string& log) {
   EXPECT_EQ(count, kThreads * kEntriesEach);
 }
 
-TEST(DebugThreads, SixteenThreadsLoseAndTearNoEntryWhileTheSettingsFilesChange) {
+TEST(DebugThreads, SixteenThreadsLoseNoEntryWhileTheSettingsFilesChange) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "1");
   setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "-1");

@@ -62,7 +62,7 @@ TEST(DebugTraceConfigFile, EveryPrefixOfACompleteFileIsIgnored) {
   EXPECT_EQ(TextOfKey(text), "1");
 }
 
-// It is being written. The kernel's own files say that they hold a page, and hold less.
+// It is being written. The kernel's own files report a page, and hold less.
 TEST(DebugTraceConfigFile, FileThatEndsBeforeItsSizeIsIgnored) {
   const std::string path = "/sys/kernel/uevent_seqnum";
   struct stat status {};
@@ -99,7 +99,7 @@ TEST(DebugTraceConfigFile, QuirkBracketInsideALineSwallowsTheNextSectionHeader) 
   EXPECT_EQ(TextOfKey("a=[b\n[App]\nKey=1\n[EndOfFile]"), "(no such section)");
 }
 
-TEST(DebugTraceConfigFile, QuirkKeyIsThePlainTextWhereverItStandsFirst) {
+TEST(DebugTraceConfigFile, QuirkKeyIsThePlainTextAtItsFirstOccurrence) {
   EXPECT_EQ(TextOfKey("[App]\n;Key=1\nKey=2\n[EndOfFile]"), "1");
   EXPECT_EQ(TextOfKey("[App]\nOtherKeyLonger=1\nKey=2\n[EndOfFile]"), "1");
   EXPECT_EQ(TextOfKey("[App]\nkey=1\nKey=2\n[EndOfFile]"), "2");
@@ -115,7 +115,7 @@ TEST(DebugTraceConfigFile, EmptyValueDoesNotTakeTheNextLine) {
   EXPECT_EQ(TextOfKey("[App]\nKey= \t\nOther=5\n[EndOfFile]"), "");
 }
 
-TEST(DebugTraceConfigFile, ValueStartsBehindBlanksAndKeepsTheRestOfItsLine) {
+TEST(DebugTraceConfigFile, ValueStartsAfterBlanksAndKeepsTheRestOfItsLine) {
   EXPECT_EQ(TextOfKey("[App]\nKey =  \t /a b \r\n[EndOfFile]"), "/a b \r");
   EXPECT_EQ(TextOfKey("[App]\nKey==x=y\n[EndOfFile]"), "=x=y");
 }
@@ -144,7 +144,7 @@ TEST(DebugTraceConfigFile, NumbersAreDecimalHexadecimalOrOctalAndCutTo32Bits) {
   EXPECT_EQ(NumberOf("-1"), 0xFFFFFFFFU);
 }
 
-TEST(DebugTraceConfigFile, ReadIfNewerReadsOnlyWhatIsLaterThanTheLastCompleteRead) {
+TEST(DebugTraceConfigFile, ReadIfNewerReadsOnlyAfterALaterChange) {
   const TempDir directory;
   const std::string path = directory.File("a.ini");
   CDebugTraceConfigFile file;

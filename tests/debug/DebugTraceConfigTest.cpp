@@ -1,4 +1,4 @@
-// Where every setting comes from, and what a look at the files changes while the program runs.
+// Where every setting comes from, and what a check of the files changes while the program runs.
 #include "debug/DebugTraceConfig.h"
 
 #include <gmock/gmock.h>
@@ -26,7 +26,7 @@ constexpr std::uint32_t kUnset = 0xFFFFFFFF;
 
 std::string AppIni(std::string_view lines) { return "[QxTrace]\n" + std::string(lines) + TraceSetup::kIniEnd; }
 
-// A path that no file can be created under, so that tests of directories leave nothing behind.
+// A path that no file can be created under, so that tests of directories leave nothing.
 std::string LogPathShown(TraceSetup& setup) {
   const SyslogCapture syslog;
   EXPECT_TRUE(setup.Init());
@@ -162,7 +162,7 @@ TEST(DebugTraceConfig, DirectoryIsTheFilesElseTheDefault) {
   setup.SetEnv("QX_LOG_RINGBUF_DIR", nullptr);
   setup.WriteIni("app.ini", AppIni("RingBufferDirectory=/missing/file\n"));
   EXPECT_EQ(LogPathShown(setup), "/missing/file/log.qxtrace");
-  // The default directory may exist on this machine, so the setting is looked at and nothing is opened.
+  // The default directory may exist on this machine, so the setting is checked and nothing is opened.
   class Settings : public CDebugTraceConfig {
    public:
     Settings() { ApplySources(); }
@@ -199,7 +199,7 @@ TEST(DebugTraceConfig, GlobalFileWithoutAnEndIsIgnoredEntirely) {
   EXPECT_EQ(setup.Trace().Settings().level, 0U);
 }
 
-TEST(DebugTraceConfig, ApplicationSectionMayStandInTheGlobalFile) {
+TEST(DebugTraceConfig, ApplicationSectionMayBeInTheGlobalFile) {
   TraceSetup setup;
   setup.WriteIni("global_trace.ini",
                  "[GlobalDebugSettings]\nDynamicUpdate=30\n[QXTRACE]\nFileDebugLevel=3\n[EndOfFile]");
@@ -213,14 +213,14 @@ TEST(DebugTraceConfig, FirstFileInByteOrderThatHoldsTheSectionWins) {
   setup.WriteIni("a.ini", "[Other]\nFileDebugLevel=1\n[EndOfFile]");
   setup.WriteIni("b.ini", "[QxTrace]\nFileDebugLevel=2\n");  // incomplete
   setup.WriteIni("c.txt", AppIni("FileDebugLevel=3\n"));
-  setup.WriteIni("Z.ini.bak", AppIni("FileDebugLevel=4\n"));  // capitals stand before small letters
+  setup.WriteIni("Z.ini.bak", AppIni("FileDebugLevel=4\n"));  // capitals come before small letters
   setup.WriteIni("d.ini", AppIni("FileDebugLevel=5\nTraceFlags=6\n"));
   ASSERT_TRUE(setup.Init());
   EXPECT_EQ(setup.Trace().Settings().level, 4U);
   EXPECT_EQ(setup.Trace().Settings().trace_flags, 0U);
 }
 
-TEST(DebugTraceConfig, BadFilesBesideTheGoodOneDoNotDisturb) {
+TEST(DebugTraceConfig, BadFilesNextToTheGoodOneDoNotDisturb) {
   TraceSetup setup;
   std::filesystem::create_directory(setup.IniPath("a.ini"));
   ASSERT_EQ(::mkfifo(setup.IniPath("b.ini").c_str(), 0600), 0);
@@ -231,7 +231,7 @@ TEST(DebugTraceConfig, BadFilesBesideTheGoodOneDoNotDisturb) {
   EXPECT_EQ(setup.Trace().Settings().level, 5U);
 }
 
-TEST(DebugTraceConfig, MissingConfigurationDirectoryLeavesEnvironmentAndDefaults) {
+TEST(DebugTraceConfig, MissingDirectoryLeavesEnvironmentAndDefaults) {
   TraceSetup setup;
   TestDebug debug("/missing/directory");
   setup.SetEnv("QX_LOG_DEBUG_LEVEL", "2");
@@ -249,7 +249,7 @@ TEST(DebugTraceConfig, WeightVariableOfTheApplicationOverridesTheGeneralOne) {
   EXPECT_EQ(setup.Trace().Settings().ring_weight, 3U);
 }
 
-// --- a look at the files while the program runs -----------------------------------------------------------------
+// --- a check of the files while the program runs ----------------------------------------------------------------
 
 TEST(DebugTraceConfig, DynamicUpdateTakesLevelFlagsAndMemoryTracesOfANewerFile) {
   TraceSetup setup;
@@ -296,13 +296,13 @@ TEST(DebugTraceConfig, WithoutAnIntervalNothingIsLookedAt) {
   EXPECT_FALSE(setup.Trace().IsActive(2));
 }
 
-TEST(DebugTraceConfig, LookIsDueAfterTheIntervalOrWhenTheClockWentBack) {
+TEST(DebugTraceConfig, CheckIsDueAfterTheIntervalOrWhenTheClockWentBack) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "10");
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=1\n"));
   ASSERT_TRUE(setup.Init());
   const std::time_t start = std::time(nullptr) + 100;
-  setup.Trace().CheckDynamicUpdate(start);  // looks, and counts from here
+  setup.Trace().CheckDynamicUpdate(start);  // checks, and counts from here
 
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=2\n"));
   setup.Trace().CheckDynamicUpdate(start + 9);
@@ -315,7 +315,7 @@ TEST(DebugTraceConfig, LookIsDueAfterTheIntervalOrWhenTheClockWentBack) {
   EXPECT_TRUE(setup.Trace().IsActive(3));
 }
 
-TEST(DebugTraceConfig, NewIntervalOfTheGlobalFileIsTakenAndAMissingOneKeepsTheOld) {
+TEST(DebugTraceConfig, MissingIntervalInTheGlobalFileKeepsTheOld) {
   TraceSetup setup;
   setup.WriteIni("global_trace.ini", "[GlobalDebugSettings]\nDynamicUpdate=10\n[EndOfFile]");
   ASSERT_TRUE(setup.Init());
@@ -334,7 +334,7 @@ TEST(DebugTraceConfig, NewIntervalOfTheGlobalFileIsTakenAndAMissingOneKeepsTheOl
   EXPECT_EQ(setup.Trace().Settings().update_interval, 0U);
 }
 
-TEST(DebugTraceConfig, VanishedIncompleteOrEmptyFilesLeaveTheSettingsUntilAGoodOneIsBack) {
+TEST(DebugTraceConfig, VanishedOrIncompleteFilesKeepTheSettings) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "10");
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=3\nTraceFlags=1\n"));
@@ -361,7 +361,7 @@ TEST(DebugTraceConfig, VanishedIncompleteOrEmptyFilesLeaveTheSettingsUntilAGoodO
   EXPECT_TRUE(setup.Trace().IsActive(5));
 }
 
-TEST(DebugTraceConfig, ForcedOffStaysOffThroughAnUpdateAndComesBackAtTheNewLevel) {
+TEST(DebugTraceConfig, ForcedOffStaysOffAndReturnsAtTheNewLevel) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "10");
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=3\n"));
@@ -386,13 +386,13 @@ TEST(DebugTraceConfig, InitAgainForgetsThatTracingWasForcedOff) {
   EXPECT_TRUE(setup.Trace().IsActive(5));
 }
 
-TEST(DebugTraceConfig, PrintLooksAtTheFilesBeforeItTestsTheLevel) {
+TEST(DebugTraceConfig, PrintChecksTheFilesBeforeTheLevel) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "1");
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=0\n"));
   ASSERT_TRUE(setup.Init());
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=1\n"));
-  setup.Trace().CheckDynamicUpdate(1);  // as if the last look had been long ago, and before the file was written
+  setup.Trace().CheckDynamicUpdate(1);  // as if the last check had been long ago, and before the file was written
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=2\n"));
   setup.Trace().Print(2, "shown at once");
   EXPECT_EQ(setup.PlainLog(), "S [T] QxTrace       shown at once\n");
@@ -431,7 +431,7 @@ int InPrivateEtc(const Body& body) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST(DebugTraceConfig, FilesStandInTheDirectoryOfTheSystem) {
+TEST(DebugTraceConfig, FilesAreInTheDirectoryOfTheSystem) {
   TraceSetup setup;
   const int result = InPrivateEtc([] {
     std::filesystem::create_directories("/etc/norrlek/QuaxelSuite/TraceConfig");

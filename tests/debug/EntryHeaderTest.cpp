@@ -14,7 +14,7 @@ namespace {
 using qx::debug::EntryHeaderParts;
 using qx::debug::StampText;
 
-// Local time is what TZ says while this lives.
+// Local time is that of TZ while this lives.
 class ScopedZone {
  public:
   explicit ScopedZone(const char* zone) : zone_("TZ", zone) { ::tzset(); }

@@ -21,7 +21,7 @@ namespace {
 using qx::debug::FormatText;
 using Random = std::mt19937_64;
 
-// A result and the text that came with it, in a buffer with guards behind its end.
+// A result and the text that came with it, in a buffer with guards after its end.
 struct Formatted {
   int result = 0;
   std::string text;
@@ -88,7 +88,7 @@ TEST(FormatText, WhatItDoesNotKnowIsLeftToTheCLibrary) {
   EXPECT_EQ(ExpectSame(kRoom, "%d %m", 1).text, "1 No such file or directory");
 }
 
-TEST(FormatText, ATextIsCutLikeTheCLibrarysWhateverRoomThereIs) {
+TEST(FormatText, TextIsCutLikeTheCLibrarysWhateverTheBuffer) {
   for (std::size_t size = 0; size < 40; ++size) {
     EXPECT_EQ(ExpectSame(size, "\"%s\" record %d of %5d%%", "name", 12, 1000).result, 26);
     EXPECT_EQ(ExpectSame(size, "%08X", 1U).result, 8);

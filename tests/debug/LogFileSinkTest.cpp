@@ -32,7 +32,7 @@ std::string Entry(std::string_view text) { return "S [T] QxTrace       " + std::
 // The bytes that `text` of `n` characters makes in the log of TraceSetup, its line feed included.
 constexpr std::size_t EntryBytes(std::size_t n) { return TraceSetup::kHeaderBytes + n + 1; }
 
-TEST(LogFileSink, EntryThatCrossesTheLimitIsWholeAndTheNextCycleStartsBehindTheHead) {
+TEST(LogFileSink, EntryThatCrossesTheLimitIsWholeAndTheHeadStays) {
   TraceSetup setup;
   ASSERT_TRUE(setup.InitAtLevel(1));  // 51200 bytes
   setup.Trace().Print(1, "head");
@@ -73,7 +73,7 @@ TEST(LogFileSink, CountThatEqualsTheLimitDoesNotWrap) {
   EXPECT_EQ(setup.PlainLog(), Entry("12345\n"));
 }
 
-TEST(LogFileSink, WithoutAHeadTheLogWrapsToItsStartAndLeavesTheOldTextBehind) {
+TEST(LogFileSink, WithoutAHeadTheLogWrapsToItsStartAndOldTextStays) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "300");
   ASSERT_TRUE(setup.InitAtLevel(1));
@@ -159,7 +159,7 @@ TEST(LogFileSink, SecondInitStartsToCountAndToCycleAgain) {
   EXPECT_EQ(setup.PlainLog().substr(0, Entry(line).size()), Entry(line));
 }
 
-TEST(LogFileSink, WrapThatCannotSeekTellsTheSystemLogAndGoesOn) {
+TEST(LogFileSink, WrapThatCannotSeekIsReportedAndTracingContinues) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "60");
   ASSERT_TRUE(setup.InitAtLevel(1));

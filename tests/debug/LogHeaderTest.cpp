@@ -59,7 +59,7 @@ constexpr const char* kVariables[] = {"LD_LIBRARY_PATH",
                                       "WaitForVrmdTerm",
                                       "InvAgtPollNetUtilization"};
 
-// Fits the block as a setup of this file makes it. "@" stands for what each line begins with, "DIR" for the log's
+// Fits the block as a setup of this file makes it. "@" means the beginning of each line, "DIR" for the log's
 // directory, "PID" for the process.
 constexpr const char* kBlock = R"(@QxTrace Command Line Options:
 @argv[0] = "agent"
@@ -161,7 +161,7 @@ void ClearEnvironment(TraceSetup& setup) {
   for (const char* name : kVariables) setup.SetEnv(name, nullptr);
 }
 
-// The number behind `label` in the block.
+// The number after `label` in the block.
 std::string ValueOf(const std::string& block, const std::string& label) {
   const std::size_t at = block.find(label);
   if (at == std::string::npos) return "(missing)";
@@ -260,7 +260,7 @@ TEST(LogHeader, RingSizeIsComputedWithoutOverflowAndIsZeroForNegativeNumbers) {
   EXPECT_EQ(size_of("1", "-4"), "0");
 }
 
-// What `body` writes to standard error.
+// The text that `body` writes to standard error.
 template <typename Body>
 std::string StderrOf(const std::string& path, const Body& body) {
   const int kept = ::dup(STDERR_FILENO);

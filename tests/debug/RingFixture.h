@@ -12,7 +12,7 @@
 namespace qx::test {
 
 constexpr std::string_view kTerminator = "## TRACE-END ##\n";
-// What stands for stamp and thread of every entry in Undated texts: "\1" for each digit.
+// Replaces stamp and thread of every entry in Undated texts: "\1" for each digit.
 constexpr std::string_view kUndatedStamp = "\1\1\1\1-\1\1-\1\1 \1\1:\1\1:\1\1.\1\1\1 [\1\1\1\1\1\1\1\1]";
 
 // Every entry's stamp and thread replaced by kUndatedStamp, in place.
@@ -24,25 +24,25 @@ std::string UndatedEntry(std::string_view text);
 // "0000000000001024"
 std::string RingDigits(std::size_t number);
 
-// Where the newest entry of a ring ends, as readers find it: the write position, or behind the one entry that was
-// completed there. 0 when what stands there is neither.
+// Where the newest entry of a ring ends, as readers find it: the write position, or after the one entry that was
+// completed there. 0 if it is neither.
 std::size_t EndOfNewest(std::string_view ring);
 
-// A facility at level 1 whose log never wraps and whose ring stands beside it.
+// A facility at level 1 whose log never wraps and whose ring is next to it.
 class RingSetup : public TraceSetup {
  public:
   RingSetup();
 
   std::string RingPath() const { return LogDir().File("log.qxtrace_a"); }
   bool OpenRing(std::uint32_t size) { return Trace().InitRingBuffer(RingPath().c_str(), size); }
-  // Starts the facility anew, as another process would, and opens the ring.
+  // Starts the facility again, as another process would, and opens the ring.
   bool Restart(std::uint32_t size) { return Init() && OpenRing(size); }
 
   std::string Ring() const { return ReadFile(RingPath()); }
   // The header block as an entry writer would write it into the ring now.
   std::string HeaderBlock();
 
-  // The value of a header line without the blanks behind it, and the numbers.
+  // The value of a header line without the blanks after it, and the numbers.
   std::string Value(std::size_t line) const;
   std::size_t Number(std::size_t line) const { return std::stoul(Value(line)); }
   std::size_t Opens() const { return Number(3); }
@@ -50,7 +50,7 @@ class RingSetup : public TraceSetup {
   std::size_t Position() const { return Number(6); }
   void Patch(std::size_t offset, std::string_view bytes);
 
-  // Traces texts until exactly `room` bytes are left behind the write position; at least 50 more must be left now.
+  // Traces texts until exactly `room` bytes are left after the write position; at least 50 more must be left now.
   void FillUpTo(std::size_t room);
 };
 

@@ -1,5 +1,5 @@
-// What reaches the system log, as the socket of the test's own at /dev/log receives it. Each test runs in a child of
-// its own: the connection is made once a process.
+// The messages that reach the system log, as the socket of the test's own at /dev/log receives it. Each test runs in a
+// child of its own: the connection is made once a process.
 #include "debug/SysLogTraces.h"
 
 #include <dlfcn.h>
@@ -195,7 +195,7 @@ TEST(SysLogTraces, DestructionClosesTheConnection) {
             "1 0");
 }
 
-TEST(SysLogTracesThreads, ThreadsThatAskAtOnceGetTheSameConnectionWhichIsOpenedOnce) {
+TEST(SysLogTracesThreads, ThreadsThatAskAtOnceGetOneConnection) {
   for (int round = 0; round < 20; ++round) {
     EXPECT_EQ(InChild([] {
                 constexpr int kThreads = 8;

@@ -1,4 +1,4 @@
-// The clock of this test program stands before the C library's: entries get the times that a test gives them.
+// The clock of this test program replaces the C library's: entries get the times that a test gives them.
 #pragma once
 
 #include <cstdint>

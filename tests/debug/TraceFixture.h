@@ -44,7 +44,7 @@ class TraceSetup {
 
   TestDebug& Trace() { return debug_; }
   bool Init() { return debug_.Init(kAppName); }
-  // Starts at `level`, whatever the files say.
+  // Starts at `level`, whatever the files have.
   bool InitAtLevel(int level);
 
   const TempDir& LogDir() const { return logs_; }
@@ -61,7 +61,7 @@ class TraceSetup {
   std::time_t file_time_ = 1767225600;
 };
 
-// Whether `text` begins like `shape`, in which "9" stands for any digit and "F" for any hexadecimal digit.
+// Whether `text` begins like `shape`, in which "9" matches any digit and "F" any hexadecimal digit.
 bool StartsWithShape(std::string_view text, std::string_view shape);
 
 // "2026-01-31 10:20:30.123 [0123ABCD] QxTrace" => "S [T] QxTrace", at the start of every line.

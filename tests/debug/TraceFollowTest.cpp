@@ -1,4 +1,4 @@
-// A follower gives every entry of a live writer once and in order, across wraps and restarts.
+// A follower returns every entry of a live writer once and in order, across wraps and restarts.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -25,7 +25,7 @@ using debug::TraceFollowEvent;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// What a follower has given so far, as one text an entry.
+// The entries that a follower has returned so far, as one text each.
 class Followed {
  public:
   explicit Followed(const std::string& path, bool from_now = false, std::chrono::milliseconds settled = {})
@@ -44,11 +44,11 @@ class Followed {
     return look.is_pending;
   }
 
-  // The given texts that begin with "entry", without what further lines they have.
+  // The returned texts that begin with "entry", without their further lines.
   const std::vector<std::string>& Texts() const { return texts_; }
   int Restarts() const { return restarts_; }
   std::uint64_t LostBytes() const { return lost_bytes_; }
-  // Whether something was lost behind the text of that index, or lines came of which nobody can say whose they are.
+  // True if something was lost after the text of that index, or lines came that belong to no known entry.
   bool HasLossBehind(std::size_t index) const { return losses_behind_.contains(index + 1); }
   void Forget() { texts_.clear(); }
 
@@ -116,7 +116,7 @@ class Writer {
   int next_ = 0;
 };
 
-// Every text is one that was written, in order and once; what is missing was told, and nothing else was.
+// Every text is one that was written, in order and once; what is missing was reported, and nothing else was.
 void ExpectInOrderAndLossesTold(const Followed& followed, const std::vector<std::string>& written) {
   std::size_t next = 0;
   for (std::size_t i = 0; i < followed.Texts().size(); ++i) {
@@ -149,7 +149,7 @@ TEST_P(TraceFollow, GivesEveryEntryOnceAcrossWraps) {
   Followed followed(writer.Path());
   std::mt19937 random(static_cast<unsigned>(Seed("TraceFollow")));
   for (int round = 0; round < 300; ++round) {
-    writer.SetStep(round < 150 ? 0 : 1);  // no stamp tells anything in the first half
+    writer.SetStep(round < 150 ? 0 : 1);  // no stamp shows anything in the first half
     writer.Write(static_cast<int>(random() % 12));
     followed.Look();
     ASSERT_EQ(followed.Texts(), writer.Written()) << "round " << round;
@@ -158,7 +158,7 @@ TEST_P(TraceFollow, GivesEveryEntryOnceAcrossWraps) {
   EXPECT_EQ(followed.Restarts(), 0);
 }
 
-TEST_P(TraceFollow, GivesInOrderAndTellsLossesHoweverManyEntriesComeBetweenTwoLooks) {
+TEST_P(TraceFollow, EntriesComeInOrderAndLossesAreReported) {
   std::mt19937 random(static_cast<unsigned>(Seed("TraceFollow")));
   for (int run = 0; run < 20; ++run) {
     Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
@@ -167,7 +167,7 @@ TEST_P(TraceFollow, GivesInOrderAndTellsLossesHoweverManyEntriesComeBetweenTwoLo
       writer.Write(static_cast<int>(random() % 12 * (random() % 30)));
       (void)followed.LookOnce();
     }
-    writer.Write(writer.Written().size() % 5 == 0 ? 2 : 1);  // further lines of the newest entry would not be given
+    writer.Write(writer.Written().size() % 5 == 0 ? 2 : 1);  // further lines of the newest entry would not be returned
     followed.Look();
     ExpectInOrderAndLossesTold(followed, writer.Written());
   }
@@ -227,7 +227,7 @@ TEST(TraceFollowRestart, LogThatIsStartedOverIsFollowedFromItsBeginning) {
   EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().begin() + 20, writer.Written().end()));
 }
 
-TEST(TraceFollowRestart, LogThatIsStartedOverBetweenTwoLooksIsNoticedWhateverItsSize) {
+TEST(TraceFollowRestart, RestartBetweenTwoSnapshotsIsNoticedWhateverTheSize) {
   Writer writer(100000);
   writer.Write(5);
   Followed followed(writer.Path());
@@ -296,7 +296,7 @@ TEST(TraceFollowRestart, HalfAnEntryIsNotGiven) {
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n"));
 }
 
-TEST(TraceFollowRestart, EntryThatStaysHalfWrittenForALongTimeIsGivenOnceItIsWhole) {
+TEST(TraceFollowRestart, EntryThatIsHalfWrittenForALongTimeComesOnceItIsWhole) {
   const TempDir dir;
   const std::string entry = "2026-01-31 10:20:30.001 [0A1B2C3D] App           entry ";
   WriteFile(dir.File("log"), entry + "1\n" + entry + "2 and what stood there\n");
@@ -321,7 +321,7 @@ TEST(TraceFollowRestart, NewestEntryOfAFileThatIsReplacedIsNotHeldBack) {
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n"));
 }
 
-// A log grows while it is read: the size from before tells less than there is. Files of /proc say that they hold
+// A log grows while it is read: the size from before is less than there is. Files of /proc report that they hold
 // nothing.
 TEST(TraceFollowRestart, LogIsReadToItsEndWhateverItsSizeWasBefore) {
   debug::TraceFile file;
@@ -337,7 +337,7 @@ TEST(TraceFollowRestart, LogIsReadToItsEndWhateverItsSizeWasBefore) {
   EXPECT_EQ(text, ReadFile("/proc/version"));
 }
 
-TEST(TraceFollowRestart, EntryThatIsBeingWrittenOverOlderBytesIsGivenOnceItIsWhole) {
+TEST(TraceFollowRestart, EntryWrittenOverOlderBytesComesOnceItIsWhole) {
   Writer writer(4000);
   writer.Write(100);
   const std::string before = ReadFile(writer.Path());
@@ -359,10 +359,10 @@ TEST(TraceFollowRestart, EntryThatIsBeingWrittenOverOlderBytesIsGivenOnceItIsWho
   EXPECT_THAT(followed.Texts(), ElementsAre(writer.Written().back()));
 }
 
-// The writer never waits for the reader: whatever the reader gives is in order, once, and what is missing was told.
+// The writer never waits for the reader: whatever the reader returns is in order, once, and losses are reported.
 class TraceFollowThreads : public testing::TestWithParam<Setting> {};
 
-TEST_P(TraceFollowThreads, LiveWriterIsFollowedWithoutRepeatingOrSilentlyLosing) {
+TEST_P(TraceFollowThreads, LiveWriterIsFollowedWithoutRepeatsOrSilentLosses) {
   Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
   // Not kSettled: where other processes take the processor, a writer may stay in the middle of a write for longer.
   Followed followed(writer.Path(), false, std::chrono::seconds(1));

@@ -129,7 +129,7 @@ TEST(LogMarks, LineAboveTheLimitIsTheCrossingOfItsEntry) {
   EXPECT_EQ(marks.end, bytes.size());
 }
 
-TEST(LogMarks, LinesWithoutAHeaderAtTheEndArePlaceOfTheirOwn) {
+TEST(LogMarks, LinesWithoutAHeaderAtTheEndAreAPlace) {
   const std::string bytes = Line("006", "new") + "lines\n";
   const debug::TraceMemory source(bytes);
   debug::TraceLineReader reader(source, 0, source.Size());

@@ -7,8 +7,8 @@
 
 namespace qx::test {
 
-// What is left behind shows under the address sanitizer.
-TEST(TraceSettingsMemory, SettingsAreReadOrTheReaderThrowsAndNothingIsLeftBehind) {
+// A leak shows under the address sanitizer.
+TEST(TraceSettingsMemory, FailedAllocationThrowsAndLeaksNothing) {
   const TempDir directory;
   for (const char* name : {"a.ini", "b.ini", "c.ini"}) WriteFile(directory.File(name), "[Other]\n[EndOfFile]\n");
   WriteFile(directory.File("d.ini"), "[QxTrace]\nFileDebugLevel=2\n[EndOfFile]\n");

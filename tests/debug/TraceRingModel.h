@@ -1,4 +1,4 @@
-// A plain writer of ring files for tests, which never looks at the facility's own: the bytes in a string, each entry
+// A plain writer of ring files for tests, which does not use the facility's own: the bytes in a string, each entry
 // remembered until one of its bytes is overwritten.
 #pragma once
 
@@ -24,7 +24,7 @@ class RingModel {
 
   const std::string& Bytes() const { return bytes_; }
   unsigned Wraps() const { return wraps_; }
-  // The texts of the entries of which every byte still stands, in the order in which they were written.
+  // The texts of the entries of which every byte is still there, in the order in which they were written.
   std::vector<std::string> WholeTexts() const;
 
  private:

@@ -132,7 +132,7 @@ TEST(TraceRing, PartsOfAWrappedRingAreNamed) {
   EXPECT_EQ(TextOf(read.entries.back()), "newest\n");
 }
 
-TEST(TraceRing, WriterThatGoesOnIsNoticedOnceTheRingHasWrapped) {
+TEST(TraceRing, WriterThatContinuesIsNoticedOnceTheRingHasWrapped) {
   RingModel ring(8192);
   ring.Create(1);
   ring.Put("one");
@@ -171,7 +171,7 @@ TEST(TraceRing, EntryThatTheWritePositionDoesNotCountYetComes) {
   EXPECT_THAT(read.findings, IsEmpty());
 }
 
-TEST(TraceRing, WritePositionThatIsWrongIsAFindingAndTheTerminatorIsSearched) {
+TEST(TraceRing, WrongWritePositionIsAFindingAndTheTerminatorIsFound) {
   RingModel ring(8192);
   ring.Create(2);
   ring.Put("one");

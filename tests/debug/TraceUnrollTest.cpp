@@ -27,7 +27,7 @@ std::string Line(int ms, const std::string& text) {
   return header + text + "\n";
 }
 
-// A log that has wrapped: `newest` behind the line of the wrap, then `older`, then `last`, the entry that crossed the
+// A log that has wrapped: `newest` after the line of the wrap, then `older`, then `last`, the entry that crossed the
 // limit; the wrap has the stamp of that one.
 std::string Wrapped(const std::string& head, int wrap_ms, const std::string& newest, const std::string& older,
                     const std::string& last) {
@@ -83,7 +83,7 @@ class LogModel {
 // The number that an entry's text begins with: "entry 12 xxx" => 12.
 std::size_t NumberOf(const TraceEntry& entry) { return std::stoul(entry.lines.at(0).substr(6)); }
 
-// How many entries stand whole in the bytes: their headers begin a line.
+// How many entries are whole in the bytes: their headers begin a line.
 std::size_t EntriesIn(const std::string& bytes) {
   const std::string_view behind_stamp = "] QxTrace       entry ";
   std::size_t count = 0;
@@ -95,7 +95,7 @@ std::size_t EntriesIn(const std::string& bytes) {
 }
 
 // The entries must be texts in their order: the head, then without gap those up to the newest. Further lines of the
-// newest entry, and of the one that crossed the limit, may stand in the piece behind them.
+// newest entry, and of the one that crossed the limit, may be in the piece after them.
 void ExpectHeadAndNewest(const ReadBack& read, const LogModel& model) {
   std::vector<std::size_t> numbers;
   for (std::size_t i = 0; i < read.entries.size(); ++i) {
@@ -158,7 +158,7 @@ TEST(TraceUnroll, ContinuationLinesStayWithTheirEntryInEveryPart) {
 }
 
 // An entry of the cycle before the last may have reached further than the one that ended the last.
-TEST(TraceUnroll, LinesBehindTheEntryThatCrossedTheLimitAreAPiece) {
+TEST(TraceUnroll, LinesAfterTheEntryThatCrossedTheLimitAreAPiece) {
   const ReadBack read =
       Unroll(Wrapped(Line(1, "head"), 5, Line(7, "newest"), Line(4, "old"), Line(5, "last") + "of a cycle before\n"));
   EXPECT_EQ(Shown(read), "head: head\ngap\nolder: old\nolder: last\npiece: of a cycle before\nwrap\nnewest: newest\n");
@@ -217,7 +217,7 @@ TEST(TraceUnroll, EntryOfManyMiBComesInParts) {
   EXPECT_THAT(read.findings, IsEmpty());
 }
 
-TEST(TraceUnroll, HeaderWithMemoryTracesGivesTheResidentSize) {
+TEST(TraceUnroll, HeaderWithMemoryTracesHasTheResidentSize) {
   const ReadBack read = Unroll("2026-01-31 10:20:30.123 [0A1B2C3D]    51234 KB !QxTrace       text\n");
   ASSERT_EQ(read.entries.size(), 1U);
   EXPECT_EQ(read.entries[0].resident_kb, 51234U);
@@ -248,7 +248,7 @@ TEST(TraceUnroll, CycleWithinOneMillisecondIsAFinding) {
   const std::string bytes = model.Bytes();
   const ReadBack read = Unroll(bytes);
   EXPECT_THAT(Kinds(read), ElementsAre(TraceFinding::Kind::kStampsAlike));
-  ExpectHeadAndNewest(read, model);  // the piece tells the place all the same
+  ExpectHeadAndNewest(read, model);  // the piece shows the place nevertheless
 }
 
 TEST(TraceUnroll, ClockThatWasSetBackIsAFinding) {

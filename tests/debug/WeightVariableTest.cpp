@@ -1,4 +1,4 @@
-// The application's own weight variable has room for 47 characters, whatever the application is called.
+// The application's own weight variable has at most 47 characters, whatever the application is called.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,7 +11,7 @@ using qx::test::TraceSetup;
 
 constexpr std::size_t kNameMax = 47;
 
-// The weight that an application of this name starts with when only a variable `name` says 3.
+// The weight that an application of this name starts with if only a variable `name` is 3.
 std::uint32_t WeightFrom(const std::string& name, const std::string& app_name) {
   TraceSetup setup;
   setup.SetEnv(name.c_str(), "3");
