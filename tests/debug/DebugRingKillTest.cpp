@@ -23,7 +23,7 @@ using qx::test::StartsWithShape;
 constexpr std::uint32_t kSize = 65536;
 constexpr std::string_view kEntryShape = "9999-99-99 99:99:99.999 [FFFFFFFF] QxTrace       ";
 
-// A number that the killed child leaves behind: how many entries it knows to be written.
+// A number that the killed child leaves: how many entries it knows to be written.
 class Acknowledged {
  public:
   Acknowledged()
@@ -72,7 +72,7 @@ int NumberOfEntryBefore(const std::string& ring, std::size_t end) {
   return line.substr(kEntryShape.size()) == TextOf(number) + "\n" ? number : -1;
 }
 
-// From the newest entry back: how many numbered entries stand whole and in order.
+// From the newest entry back: how many numbered entries are whole and in order.
 int WholeEntriesBefore(const std::string& ring, std::size_t end, int newest) {
   int count = 0;
   while (newest - count > 0 && NumberOfEntryBefore(ring, end) == newest - count) {
@@ -80,6 +80,14 @@ int WholeEntriesBefore(const std::string& ring, std::size_t end, int newest) {
     ++count;
   }
   return count;
+}
+
+void ExpectValidNumbers(const RingSetup& setup, const std::string& ring) {
+  ASSERT_EQ(ring.size(), kSize);
+  for (const std::size_t number_at : {275U, 355U, 435U, 515U}) {
+    ASSERT_TRUE(qx::debug::ReadRingNumber(ring.substr(number_at, 16)).has_value()) << number_at;
+  }
+  ASSERT_EQ(setup.Number(5), kSize);
 }
 
 TEST(DebugRingKill, TwoHundredKillsLeaveEveryAcknowledgedEntryAndValidNumbers) {
@@ -95,16 +103,12 @@ TEST(DebugRingKill, TwoHundredKillsLeaveEveryAcknowledgedEntryAndValidNumbers) {
     while (round == 1 && *acknowledged == 0) ::sched_yield();  // a file that was never whole is another test's matter
     KillAfter(child, static_cast<long>(random() % 4000000));
     const std::string ring = setup.Ring();
-    ASSERT_EQ(ring.size(), kSize);
-    for (const std::size_t number_at : {275U, 355U, 435U, 515U}) {
-      ASSERT_TRUE(qx::debug::ReadRingNumber(ring.substr(number_at, 16)).has_value()) << "round " << round;
-    }
-    ASSERT_EQ(setup.Number(5), kSize);
+    ASSERT_NO_FATAL_FAILURE(ExpectValidNumbers(setup, ring)) << "round " << round;
     const std::size_t end = qx::test::EndOfNewest(ring);
     ASSERT_NE(end, 0U) << "round " << round;
     if (*acknowledged == before) continue;  // killed while it started
     const int newest = NumberOfEntryBefore(ring, end);
-    if (newest == -1) {  // inside a wrap: behind the position stands the header block
+    if (newest == -1) {  // inside a wrap: the header block follows the position
       ASSERT_LT(end, 12288U) << "round " << round;
       continue;
     }

@@ -27,17 +27,33 @@ void RunThreads(const std::function<void(int)>& body) {
   for (std::thread& thread : threads) thread.join();
 }
 
-TEST(DebugRingThreads, EightThreadsLoseAndTearNoEntryWhileTheSettingsFilesChange) {
+const std::string kSettings[] = {"[QxTrace]\nFileDebugLevel=1\nRingBufferSizeWeight=1\n[EndOfFile]",
+                                 "[QxTrace]\nFileDebugLevel=4\nRingBufferSizeWeight=0\n[EndOfFile]",
+                                 "[QxTrace]\nFileDebugLevel=9\n",
+                                 "[QxTrace]\nFileDebugLevel=2\nTraceFlags=7\n[EndOfFile]"};
+
+// Each thread's entries "tT eE xxx" must be there, whole and in their order.
+void ExpectEntriesOfAllThreads(const std::string& plain_entries) {
+  std::istringstream lines(plain_entries);
+  std::map<int, int> next_of_thread;
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count) {
+    int thread = -1;
+    int entry = -1;
+    int end = 0;
+    ASSERT_EQ(std::sscanf(line.c_str(), "S [T] QxTrace       t%d e%d %n", &thread, &entry, &end), 2) << line;
+    ASSERT_EQ(line.substr(static_cast<std::size_t>(end)), std::string(static_cast<std::size_t>(entry % 97), 'x'));
+    ASSERT_EQ(entry, next_of_thread[thread]++) << line;
+  }
+  EXPECT_EQ(count, kThreads * kEntriesEach);
+}
+
+TEST(DebugRingThreads, EightThreadsLoseNoEntryWhileTheSettingsFilesChange) {
   RingSetup setup;
   setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "1");
   setup.SetEnv("QX_LOG_DEBUG_LEVEL", nullptr);
   setup.SetEnv("TraceFileLimit", "1");
-  const std::string ring = "RingBufferSizeWeight=";
-  const std::string levels[] = {"[QxTrace]\nFileDebugLevel=1\nRingBufferSizeWeight=1\n[EndOfFile]",
-                                "[QxTrace]\nFileDebugLevel=4\nRingBufferSizeWeight=0\n[EndOfFile]",
-                                "[QxTrace]\nFileDebugLevel=9\n",
-                                "[QxTrace]\nFileDebugLevel=2\nTraceFlags=7\n[EndOfFile]"};
-  setup.WriteIni("app.ini", levels[0]);
+  setup.WriteIni("app.ini", kSettings[0]);
   ASSERT_TRUE(setup.Init());
   setup.Trace().SetApplInitDone();
   const std::size_t from = setup.Position();
@@ -45,7 +61,7 @@ TEST(DebugRingThreads, EightThreadsLoseAndTearNoEntryWhileTheSettingsFilesChange
   std::atomic<bool> is_over{false};
   std::thread editor([&] {
     for (std::time_t now = std::time(nullptr); !is_over;) {
-      for (const std::string& text : levels) {
+      for (const std::string& text : kSettings) {
         WriteFile(setup.IniPath("app.ini"), text);
         setup.Trace().CheckDynamicUpdate(now += 10);
       }
@@ -61,18 +77,7 @@ TEST(DebugRingThreads, EightThreadsLoseAndTearNoEntryWhileTheSettingsFilesChange
   editor.join();
 
   ASSERT_EQ(setup.Wraps(), 0U);
-  std::istringstream lines(qx::test::WithoutStamps(setup.Ring().substr(from, setup.Position() - from)));
-  std::map<int, int> next_of_thread;
-  int count = 0;
-  for (std::string line; std::getline(lines, line); ++count) {
-    int thread = -1;
-    int entry = -1;
-    int end = 0;
-    ASSERT_EQ(std::sscanf(line.c_str(), "S [T] QxTrace       t%d e%d %n", &thread, &entry, &end), 2) << line;
-    ASSERT_EQ(line.substr(static_cast<std::size_t>(end)), std::string(static_cast<std::size_t>(entry % 97), 'x'));
-    ASSERT_EQ(entry, next_of_thread[thread]++) << line;
-  }
-  EXPECT_EQ(count, kThreads * kEntriesEach);
+  ExpectEntriesOfAllThreads(qx::test::WithoutStamps(setup.Ring().substr(from, setup.Position() - from)));
   EXPECT_EQ(setup.Log(), "");
 }
 
@@ -86,7 +91,7 @@ TEST(DebugRingThreads, WrapsKeepEveryEntryWhole) {
   const std::string ring = setup.Ring();
   const std::size_t position = setup.Position();
   EXPECT_EQ(ring.substr(position, 16), kTerminator);
-  // Every entry here has 58 bytes: from the newest one back they stand without a gap to where the cycle begins.
+  // Every entry here has 58 bytes: from the newest one back there is no gap to where the cycle begins.
   constexpr std::size_t kEntryBytes = RingSetup::kHeaderBytes + 9;
   std::size_t begin = position;
   while (StartsWithShape(ring.substr(begin - kEntryBytes, kEntryBytes),
