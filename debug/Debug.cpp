@@ -12,11 +12,13 @@
 
 #include "debug/ErrnoScope.h"
 #include "debug/FormatText.h"
+#include "debug/NoCancelScope.h"
 #include "debug/TraceText.h"
 
 using qx::LockScope;
 using qx::debug::ErrnoScope;
 using qx::debug::FormatText;
+using qx::debug::NoCancelScope;
 
 static_assert(sizeof(std::atomic<bool>) == 1, "callers test one byte");
 
@@ -59,6 +61,7 @@ void CDebug::ClassInit() {
 }
 
 void CDebug::StopLocked() noexcept {
+  const NoCancelScope no_cancel;
   SetLevel(0);
   saved_level_.store(0, std::memory_order_relaxed);
   target_.store(kTargetNone, std::memory_order_relaxed);
@@ -73,6 +76,7 @@ void CDebug::SetLevel(std::uint32_t level) noexcept {
 
 bool CDebug::Init(const char* app_name) {
   const ErrnoScope errno_scope;
+  const NoCancelScope no_cancel;
   const LockScope scope(lock_);
   try {
     if (app_name != nullptr) {
@@ -204,6 +208,7 @@ void CDebug::WriteEntry(std::uint32_t target, const char* format, std::va_list a
 void CDebug::TraceToLogFile(const char* format, std::va_list args, const char* module) {
   if (!log_.IsOpen() || format == nullptr) return;
   const ErrnoScope errno_scope;
+  const NoCancelScope no_cancel;
   const Entry entry = FormatEntry(format, args, module);
   log_.Write(entry.text, entry.header_length);
 }
@@ -235,6 +240,7 @@ std::size_t CDebug::PutEntryHeaderLocked(char* buffer, std::size_t size, const c
   if (module == nullptr && !shows_memory && size > qx::debug::kEntryHeaderCharsMax) {
     return kept_header_.At(now, thread, app_name_.c_str(), buffer);
   }
+  const NoCancelScope no_cancel;  // the size is read from a file
   const std::size_t kilobytes = shows_memory ? qx::debug::ResidentKilobytes(process_id_) : 0;
   return qx::debug::FormatEntryHeader(buffer, size,
                                       {.stamp = stamp_.At(now),
@@ -270,6 +276,7 @@ void CDebug::SetApplInitDone() {
 void CDebug::CheckDynamicUpdate(std::time_t now) {
   if (!IsUpdateDue(now)) return;
   const ErrnoScope errno_scope;
+  const NoCancelScope no_cancel;
   const LockScope scope(lock_);
   if (!IsUpdateDue(now)) return;  // another thread has just checked
   last_check_.store(now, std::memory_order_relaxed);

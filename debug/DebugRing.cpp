@@ -8,10 +8,12 @@
 
 #include "debug/Debug.h"
 #include "debug/ErrnoScope.h"
+#include "debug/NoCancelScope.h"
 #include "debug/TraceText.h"
 
 using qx::LockScope;
 using qx::debug::ErrnoScope;
+using qx::debug::NoCancelScope;
 using Failure = qx::debug::RingBufferSink::Failure;
 
 namespace {
@@ -31,6 +33,7 @@ struct FreeBuffer {
 
 bool CDebug::InitRingBuffer(const char* path, std::uint32_t size) {
   const ErrnoScope errno_scope;
+  const NoCancelScope no_cancel;
   const LockScope scope(lock_);
   try {
     ring_path_ = path;
@@ -156,6 +159,7 @@ bool CDebug::WrapRing(std::size_t entry_size) {
 
 // The ring file was truncated while it was mapped. A store after its end would kill the process.
 void CDebug::GiveUpRing(const Entry& entry) {
+  const NoCancelScope no_cancel;
   LeaveRing();
   PrintToLogFile("\n### TraceToRingBuffer(): %s has been cut --> proceed without it ###", ring_path_.c_str());
   if (log_.IsOpen()) log_.Write(entry.text, entry.header_length);

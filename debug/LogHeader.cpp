@@ -9,6 +9,7 @@
 
 #include "debug/Debug.h"
 #include "debug/ErrnoScope.h"
+#include "debug/NoCancelScope.h"
 
 namespace qx::debug {
 
@@ -147,6 +148,7 @@ void CDebug::PrintInternalValues(std::uint32_t target) {
 
 void CDebug::PrintHeaderLine(std::uint32_t target, const char* format, ...) {
   const qx::debug::ErrnoScope errno_scope;
+  const qx::debug::NoCancelScope no_cancel;
   std::va_list args;
   va_start(args, format);
   if (GoesToStderr(target)) {

@@ -1,13 +1,16 @@
 // Many threads trace while the settings change under them: every entry is in the log once, whole and in its order.
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <sstream>
 #include <thread>
 #include <vector>
 
+#include "tests/debug/PrivateMounts.h"
 #include "tests/debug/TraceFixture.h"
 
 namespace {
@@ -42,6 +45,37 @@ void ExpectEveryEntryOnceWholeAndInOrder(const std::string& log) {
     ++count;
   }
   EXPECT_EQ(count, kThreads * kEntriesEach);
+}
+
+// A thread that was cancelled traces, and is at the next cancellation point of its own.
+std::string CancelledTraceOf(TraceSetup& setup, const std::function<void()>& trace) {
+  return qx::test::InChild([&]() -> std::string {
+    bool has_traced = false;
+    bool is_cancelled = true;
+    std::thread thread([&] {
+      ::pthread_cancel(::pthread_self());
+      trace();
+      has_traced = true;
+      ::pthread_testcancel();
+      is_cancelled = false;
+    });
+    thread.join();
+    setup.Trace().PrintAlways("the lock is free");
+    return std::string(has_traced ? "traced" : "not traced") + (is_cancelled ? ", then cancelled" : ", and lives");
+  });
+}
+
+TEST(DebugCancellation, CancelledThreadEndsItsTraceCallFirst) {
+  TraceSetup setup;
+  setup.WriteIni("app.ini", "[QxTrace]\nMemoryTracesFlag=1\n[EndOfFile]");
+  ASSERT_TRUE(setup.InitAtLevel(1));
+  CDebug& debug = setup.Trace();
+  const std::string ring = setup.LogDir().File("ring");
+  const std::function<void()> calls[] = {
+      [&] { debug.Print(1, "entry"); }, [&] { debug.WriteLogHeader(CDebug::kTargetLogFile); },
+      [&] { (void)debug.InitRingBuffer(ring.c_str(), 32768); }, [&] { (void)debug.Init(TraceSetup::kAppName); },
+      [&] { setup.Trace().CheckDynamicUpdate(std::time(nullptr) + 1000); }};
+  for (const auto& call : calls) EXPECT_EQ(CancelledTraceOf(setup, call), "traced, then cancelled");
 }
 
 TEST(DebugThreads, SixteenThreadsLoseNoEntryWhileTheSettingsFilesChange) {
