@@ -1,4 +1,6 @@
 // The trace facility: its start, and what it does when a log or a ring is full.
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -67,18 +69,25 @@ bool IsWholeRing(const std::string& path) {
   return position && ring.compare(*position, debug::kRingTerminator.size(), debug::kRingTerminator) == 0;
 }
 
+// True if others may write the file, or it has a second name: such a file must not be in use.
+bool IsForeign(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && (status.st_nlink != 1 || (status.st_mode & 022) != 0);
+}
+
 Finding JudgeStart(const std::string& directory) {
   if (!keeps_errno) return Broken("a trace call changed errno");
+  if (IsForeign(LogPath(directory)) || IsForeign(RingPath(directory))) return Broken("others may write the traces");
   const std::string ring = RingPath(directory);
   const bool has_part = test::Exists(ring) && !IsWholeRing(ring);
-  const bool is_told = Holds(ring, "entry 2") || Holds(LogPath(directory), "entry 2");
+  const bool is_traced = Holds(ring, "entry 2") || Holds(LogPath(directory), "entry 2");
   Prepare(directory);
   if (!Debug.Init("Faults")) return Broken("the next start does not work");
   Print(3, 5);
   Stop();
   if (!test::Exists(ring) || !IsWholeRing(ring) || !Holds(ring, "entry 4")) return Broken("the next start has no ring");
-  if (has_part) return Noted("a part of a ring that could not be removed; the next start makes it anew");
-  return is_told ? Kept() : Noted("neither ring nor log can be made or written: the entries are lost");
+  if (has_part) return Noted("a part of a ring that could not be removed; the next start creates it again");
+  return is_traced ? Kept() : Noted("neither ring nor log can be made or written: the entries are lost");
 }
 
 // A log file that is full again and again.
@@ -95,10 +104,10 @@ Finding JudgeLogWrap(const std::string& directory) {
   if (!keeps_errno) return Broken("a trace call changed errno");
   const std::uintmax_t head = 4096;
   if (std::filesystem::file_size(LogPath(directory)) > 2 * (kLogBytesMax + head)) {
-    return Noted("a log whose position cannot be set back is written on where it stands");
+    return Noted("a log whose position cannot be set back is written on where it is");
   }
   Print(1000, 1010);
-  return Holds(LogPath(directory), "entry 1009") ? Kept() : Broken("tracing does not go on");
+  return Holds(LogPath(directory), "entry 1009") ? Kept() : Broken("tracing does not continue");
 }
 
 // A ring that is full again and again.
@@ -110,13 +119,54 @@ void PrepareRingWrap(const std::string& directory) {
   if (!Debug.InitRingBuffer(SmallRing(directory).c_str(), kRingBytes)) std::abort();
 }
 
+// Each entry goes to ring and log; the ring is given up where its size cannot be read.
+void RunRingWrap(const std::string&) {
+  for (int i = 1; i < 150; ++i) {
+    errno = kCallersErrno;
+    Debug.PrintAlways("\nFaults              : entry %d of a length that fills a small file before long", i);
+    keeps_errno = keeps_errno && errno == kCallersErrno;
+  }
+}
+
+bool HasEntryTwice(const std::string& path) {
+  const std::string text = test::ReadFile(path);
+  for (int i = 1; i < 150; ++i) {
+    const std::string entry = ": entry " + std::to_string(i) + " of";
+    const std::size_t at = text.find(entry);
+    if (at != std::string::npos && text.find(entry, at + 1) != std::string::npos) return true;
+  }
+  return false;
+}
+
 Finding JudgeRingWrap(const std::string& directory) {
   if (!keeps_errno) return Broken("a trace call changed errno");
+  if (HasEntryTwice(LogPath(directory))) return Broken("an entry is in the log twice");
   Print(1000, 1003);
   if (Holds(SmallRing(directory), "entry 1002")) return Kept();
   return Holds(LogPath(directory), "entry 1002")
-             ? Noted("a ring whose size cannot be asked for at a wrap is given up for the log")
-             : Broken("tracing does not go on");
+             ? Noted("a ring whose size cannot be read at a wrap is given up for the log")
+             : Broken("tracing does not continue");
+}
+
+// A second ring, in place of the first.
+
+std::string SecondRing(const std::string& directory) { return directory + "/second_ring"; }
+
+void RunSecondRing(const std::string& directory) {
+  is_started = Debug.InitRingBuffer(SecondRing(directory).c_str(), kRingBytes);
+  Print(1, 3);
+}
+
+Finding JudgeSecondRing(const std::string& directory) {
+  if (!keeps_errno) return Broken("a trace call changed errno");
+  Print(1000, 1003);
+  if (is_started) return Holds(SecondRing(directory), "entry 1002") ? Kept() : Broken("the ring has no entries");
+  if (test::Exists(SecondRing(directory)) && !Holds(SecondRing(directory), "TRACE-END")) {
+    return Holds(LogPath(directory), "entry 1002")
+               ? Noted("a part of a ring that could not be removed; the log has the entries")
+               : Broken("tracing does not continue");
+  }
+  return Holds(LogPath(directory), "entry 1002") ? Kept() : Broken("tracing does not continue in the log");
 }
 
 }  // namespace
@@ -124,7 +174,8 @@ Finding JudgeRingWrap(const std::string& directory) {
 std::vector<Scenario> TraceScenarios() {
   return {
       {.name = "trace set-up",
-       .promise = "no caller notices; no half ring file is left; the next start has log and ring",
+       .promise = "no caller notices; no half ring file is left; others cannot write the files; the next start has log "
+                  "and ring",
        .prepare = PrepareStart,
        .run = RunStart,
        .finish = Stop,
@@ -136,11 +187,17 @@ std::vector<Scenario> TraceScenarios() {
        .finish = nullptr,
        .judge = JudgeLogWrap},
       {.name = "trace ring wrap",
-       .promise = "no caller notices, errno is kept, the next entries are there",
+       .promise = "no caller notices, errno is kept, the next entries are there, none is in the log twice",
        .prepare = PrepareRingWrap,
-       .run = RunWrap,
+       .run = RunRingWrap,
        .finish = nullptr,
        .judge = JudgeRingWrap},
+      {.name = "trace ring set up again",
+       .promise = "no caller notices, errno is kept, the next entries are in the new ring or in the log",
+       .prepare = PrepareRingWrap,
+       .run = RunSecondRing,
+       .finish = nullptr,
+       .judge = JudgeSecondRing},
   };
 }
 
