@@ -44,6 +44,7 @@ CLI::Validator MemberCheck(const Parameter& parameter) {
   const std::vector<std::string> choices(parameter.choices.begin(), parameter.choices.end());
   if (parameter.kind == ValueKind::kInteger) {
     std::vector<std::int64_t> numbers;
+    numbers.reserve(choices.size());
     for (const std::string& choice : choices) numbers.push_back(std::stoll(choice));
     return CLI::IsMember(numbers);
   }
