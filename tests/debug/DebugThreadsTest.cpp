@@ -68,7 +68,9 @@ std::string CancelledTraceOf(TraceSetup& setup, const std::function<void()>& tra
 TEST(DebugCancellation, CancelledThreadEndsItsTraceCallFirst) {
   TraceSetup setup;
   setup.WriteIni("app.ini", "[QxTrace]\nMemoryTracesFlag=1\n[EndOfFile]");
+  setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "1000");
   ASSERT_TRUE(setup.InitAtLevel(1));
+  setup.WriteIni("app.ini", "[QxTrace]\nMemoryTracesFlag=1\n[EndOfFile]");  // newer, so that a check reads it
   CDebug& debug = setup.Trace();
   const std::string ring = setup.LogDir().File("ring");
   const std::function<void()> calls[] = {

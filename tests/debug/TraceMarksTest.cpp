@@ -168,8 +168,9 @@ TEST(KeptMarks, FirstEntryIsKeptWhateverItIs) {
 
 // Between the old end of a header block and its end now there is text that is no entry any more.
 TEST(KeptMarks, TerminatorInTheGapStartsAgain) {
-  const std::string bytes = Line("001", "of the longer block") + "## TRACE-END ##\n" + Line("002", "first") +
-                            Line("003", "### End of initialization. ###") + Line("009", "newest");
+  const std::string bytes = "block\n" + Line("001", "of the longer block") + "## TRACE-END ##\n" +
+                            Line("002", "first") + Line("003", "### End of initialization. ###") +
+                            Line("009", "newest");
   const debug::TraceMemory source(bytes);
   debug::TraceLineReader reader(source, 0, source.Size());
   const KeptMarks marks =
