@@ -13,6 +13,7 @@
 #include "tools/qxctl/cli/OutputFile.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
+#include "tools/qxctl/fetch/ReportDamage.h"
 #include "tools/qxctl/fetch/ResumedFetch.h"
 #include "tools/qxctl/fetch/Transfer.h"
 #include "tools/qxctl/module/CallOptions.h"
@@ -125,9 +126,14 @@ Status Carry(Context& context, const Options& options, Transfer& transfer) {
   return finished.IsOk() ? status : finished;
 }
 
+// A transfer that is cut short has a message; the warning of damage was printed before it began.
+bool IsDamaged(const Status& status) { return status.Code() == ExitCode::kFinding && status.Message().empty(); }
+
 Status Summarise(Context& context, const Options& options, const TransferCount& count, const Status& status) {
   if (options.json) {
-    Status printed = context.output.Document(SummaryToJson(options, count, status));
+    Json summary = SummaryToJson(options, count, status);
+    if (IsDamaged(status)) summary["outcome"] = "damaged";
+    Status printed = context.output.Document(summary);
     return printed.IsOk() ? status : printed;
   }
   const bool has_begun = count.chunks > 0 || status.IsOk();
@@ -151,11 +157,12 @@ Json ResumeToJson(const Options& options, const ResumeResult& result) {
   return object;
 }
 
-Status FetchResumed(Context& context, const Options& options, WorkerThread& worker) {
+Status FetchResumed(Context& context, const Options& options, WorkerThread& worker, bool is_damaged) {
   ResumeResult result;
   Status status = RunResumedFetch(
       context, {options.report, options.state, options.output, options.print.format, options.chunk_records}, worker,
       result);
+  status = WithDamage(status, is_damaged);
   if (!options.json) {
     if (result.records > 0 || status.IsOk()) context.output.Note(SummaryLine(options.report, result));
     return status;
@@ -163,7 +170,9 @@ Status FetchResumed(Context& context, const Options& options, WorkerThread& work
   const TransferCount count = {result.records, result.chunks, result.bytes, result.module_seconds};
   const Status told = status.Message().empty() ? Status(status.Code(), result.message) : status;
   Json summary = SummaryToJson(options, count, told);
-  if (status.Code() == ExitCode::kFinding && status.Message().empty()) summary["outcome"] = "complete";
+  if (status.Code() == ExitCode::kFinding && status.Message().empty()) {
+    summary["outcome"] = is_damaged ? "damaged" : "complete";
+  }
   summary["resume"] = ResumeToJson(options, result);
   Status printed = context.output.Document(summary);
   return printed.IsOk() ? status : printed;
@@ -189,9 +198,10 @@ Status Fetch(Context& context, const Values& values) {
   std::unique_ptr<ModuleHost> module;
   if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
   WorkerThread worker(*module, options.call.block);
-  if (!options.state.empty()) return FetchResumed(context, options, worker);
+  const bool is_damaged = WarnOfDamage(context.output, BasePathOfReport(options.report));
+  if (!options.state.empty()) return FetchResumed(context, options, worker, is_damaged);
   Transfer transfer(worker, options.report, options.chunk_records);
-  const Status status = Carry(context, options, transfer);
+  const Status status = WithDamage(Carry(context, options, transfer), is_damaged);
   return Summarise(context, options, transfer.Count(), status);
 }
 

@@ -14,6 +14,7 @@
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/fetch/LookEvents.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
+#include "tools/qxctl/fetch/ReportDamage.h"
 #include "tools/qxctl/fetch/ReportSource.h"
 #include "tools/qxctl/module/CallOptions.h"
 
@@ -50,13 +51,14 @@ void Sleep(Seconds time) {
 
 class Follow {
  public:
-  Follow(Context& context, const Options& options, WorkerThread& worker)
+  Follow(Context& context, const Options& options, WorkerThread& worker, bool is_damaged)
       : output_(context.output),
         options_(options),
         source_(worker, options.report, std::nullopt),
         follower_(source_),
         printer_(context.output, options.print),
         skips_(options.from_now),
+        is_damaged_(is_damaged),
         end_(Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(options.duration.value_or(0)))) {}
 
   Status Run() {
@@ -71,10 +73,12 @@ class Follow {
       bool is_at_end = true;
       if (Status status = Look(is_at_end); !status.IsOk()) return status;
       if (Status status = output_.Show(); !status.IsOk()) return status;
-      if (HasEnded()) return tally_.IsClean() && failures_in_all_ == 0 ? Status() : Status(ExitCode::kFinding, "");
+      if (HasEnded()) return IsClean() ? Status() : Status(ExitCode::kFinding, "");
       if (is_at_end) Sleep(TimeToNextLook());
     }
   }
+
+  bool IsClean() const { return tally_.IsClean() && failures_in_all_ == 0 && !is_damaged_; }
 
   bool HasEnded() const {
     return InterruptSignal() != 0 || (options_.count && printed_ >= *options_.count) ||
@@ -200,6 +204,7 @@ class Follow {
   bool was_seen_ = false;
   bool is_missing_ = false;
   bool was_ambiguous_ = false;
+  bool is_damaged_;
   Clock::time_point end_;
 };
 
@@ -224,7 +229,8 @@ Status RunFollow(Context& context, const Values& values) {
   std::unique_ptr<ModuleHost> module;
   if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
   WorkerThread worker(*module, options.call.block);
-  return Follow(context, options, worker).Run();
+  const bool is_damaged = WarnOfDamage(context.output, BasePathOfReport(options.report));
+  return Follow(context, options, worker, is_damaged).Run();
 }
 
 constexpr Parameter kParameters[] = {

@@ -1,7 +1,8 @@
 // The files of a report, without the module.
 //
 // A store is opened for writing only when both files are there and may be written: the store itself would otherwise
-// start over and empty the one that is left. One writer at a time is the store's own rule; nothing here locks.
+// start over and empty the one that is left. One writer at a time is the store's own rule: a report
+// that somebody else writes is refused.
 #include "tools/qxctl/report/ReportCommand.h"
 
 #include <fcntl.h>
@@ -20,10 +21,12 @@
 
 #include "reportfile/ReportFileBase.h"
 #include "reportfile/StoreFormat.h"
+#include "reportfile/tools/WriterLock.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
+#include "tools/qxctl/fetch/ReportDamage.h"
 
 namespace qx::ctl {
 
@@ -114,18 +117,29 @@ Status AppendStandardInput(CReportFileBase& store) {
   return status;
 }
 
-Status Append(Context&, const Values& values) {
-  const std::string path = values.Text("PATH");
-  if (Status status = CheckStore(path, R_OK | W_OK); !status.IsOk()) return status;
-  CReportFileBase store;
-  if (!store.Open(path.c_str(), 0)) return Status::Io("cannot open " + path, errno);
-  const std::vector<std::string> texts = values.Texts("TEXT");
+Status IsWritten(const std::string& path, int process) {
+  const std::string writer = process != 0 ? "process " + std::to_string(process) : "another program";
+  return {ExitCode::kRefused, path + " is written by " + writer + "; two writers overwrite each other's records"};
+}
+
+Status AppendAll(CReportFileBase& store, const std::vector<std::string>& texts) {
   for (std::size_t i = 0; i < texts.size(); ++i) {
     const std::string& text = texts[i];
     Status status = text == "-" ? AppendStandardInput(store) : AppendText(store, text, "text " + std::to_string(i + 1));
     if (!status.IsOk()) return status;
   }
   return {};
+}
+
+Status Append(Context& context, const Values& values) {
+  const std::string path = values.Text("PATH");
+  if (Status status = CheckStore(path, R_OK | W_OK); !status.IsOk()) return status;
+  const report::WriterLock lock(path);
+  if (lock.IsHeldByAnother()) return IsWritten(path, lock.Process());
+  const bool is_damaged = WarnOfDamage(context.output, path);
+  CReportFileBase store;
+  if (!store.Open(path.c_str(), 0)) return Status::Io("cannot open " + path, errno);
+  return WithDamage(AppendAll(store, values.Texts("TEXT")), is_damaged);
 }
 
 // --- cat
