@@ -113,7 +113,7 @@ CReportFileBase::CReportFileBase() {
   static_assert(sizeof(CReportFileBase) == 96);
 }
 
-// The lock's own destruction gives it free, should the caller still hold it.
+// The lock's own destructor releases it if the caller still holds it.
 CReportFileBase::~CReportFileBase() { Close(); }
 
 bool CReportFileBase::Open(const char* path, unsigned int maxRecords) {

@@ -1,8 +1,8 @@
 // The bytes of a report's two files and their arithmetic; docs/report-store.md describes them for strangers.
 //
-// The data file holds record lines ("text\r\n") one after another, with an end marker behind the newest. The index file
-// holds a 24-byte header and then one 32-bit data file offset a slot; the slots form a ring. Everything here is pure:
-// no file is touched.
+// The data file has record lines ("text\r\n") one after another, with an end marker after the newest. The index file
+// has a 24-byte header and then one 32-bit data file offset for each slot; the slots form a ring. Everything here is
+// pure: no file is touched.
 #pragma once
 
 #include <bit>
@@ -14,7 +14,7 @@
 
 namespace qx::report {
 
-// What stands behind a record's text in the data file: the record's own line end, then the marker that says "nothing
+// What follows a record's text in the data file: the record's own line end, then the marker that says "nothing
 // newer follows". The next record overwrites the marker.
 inline constexpr std::string_view kLineEnd = "\r\n";
 inline constexpr std::string_view kEndMarker = "===>\r\n";
@@ -23,7 +23,7 @@ inline constexpr std::string_view kLineEndAndMarker = "\r\n===>\r\n";
 inline constexpr std::uint32_t kMaxRecordDefault = 10000;
 inline constexpr std::uint32_t kMaxRecordUnlimited = 0x3FFFFFFF;
 
-// The head of the index file as it stands, in the byte order of the host. Default values are those of a new store
+// The header of the index file, byte for byte, in the byte order of the host. Default values are those of a new store
 // object.
 struct IndexHeader {
   std::uint32_t writePosition = 0;              // data file offset of the end marker, where the next record goes
@@ -50,7 +50,7 @@ static_assert(offsetof(IndexHeader, oldestIndex) == 20);
 inline std::string IndexFileName(std::string_view base_path) { return std::string(base_path) + ".ind"; }
 inline std::string DataFileName(std::string_view base_path) { return std::string(base_path) + ".dat"; }
 
-// Where a slot stands in the index file. In 64 bits: a slot number from a damaged header must not wrap back into the
+// Where a slot is in the index file. In 64 bits: a slot number from a damaged header must not wrap back into the
 // header's bytes.
 //   slot 0           => 24
 //   slot 0xFFFFFFFF  => 0x400000014
@@ -101,7 +101,7 @@ constexpr void AdvanceRing(IndexHeader& header) {
 // The low 32 bits: offsets of the format are no wider, whatever the file has grown to.
 constexpr std::uint32_t Low32(std::int64_t offset) { return static_cast<std::uint32_t>(offset); }
 
-// Where the end marker goes behind a record of `text_bytes` at `record_offset`.
+// Where the end marker goes after a record of `text_bytes` at `record_offset`.
 constexpr std::int64_t MarkerOffset(std::uint32_t record_offset, std::size_t text_bytes) {
   return std::int64_t{record_offset} + static_cast<std::int64_t>(text_bytes + kLineEnd.size());
 }

@@ -1,7 +1,7 @@
 // Bytes that are read by offset: a file of a store, or a piece of memory in its place.
 //
-// The tools look at stores through this, so that the same checks run on files that another process writes to and, in
-// tests and fuzz programs, on bytes that never were a file.
+// The tools read stores through this, so that the same checks run on files that another process writes to and, in tests
+// and fuzz programs, on bytes that never were a file.
 #pragma once
 
 #include <algorithm>
@@ -76,7 +76,7 @@ class WindowedBytes {
 
   explicit WindowedBytes(ByteSource& source) : source_(source) {}
 
-  // What stands at `offset`: at least `wanted` bytes (at most kWindowBytes) unless the source ends before that, often
+  // The bytes at `offset`: at least `wanted` bytes (at most kWindowBytes) unless the source ends before that, often
   // more. Empty at the end. Valid until the next call. [owning thread]
   [[nodiscard]] std::string_view At(std::int64_t offset, std::size_t wanted = 1);
 

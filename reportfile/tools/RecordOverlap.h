@@ -2,10 +2,10 @@
 //
 // A record's index counts from the oldest record that is kept, so an index means another record as soon as a full ring
 // has moved on. What stays is the text. A reader therefore remembers the hashes of the last records that it delivered,
-// the overlap, and looks for the place behind which they stand:
+// the overlap, and searches for the place that follows them:
 //
 //   delivered   a b c d            overlap a b c d, next index 4
-//   ring now    c d e f g h        place 2: c d stand before it, a b have left the ring; new are e f g h
+//   ring now    c d e f g h        place 2: c d are before it, a b have left the ring; e f g h are new
 //
 // Everything here is pure; ReportFollower does the reading.
 #pragma once
@@ -28,20 +28,20 @@ inline constexpr std::size_t kOverlapRecords = 32;
 [[nodiscard]] std::uint64_t RecordHash(std::string_view record);
 
 enum class OverlapVerdict {
-  kFound,      // one place fits, and what stands before it can tell it from others
-  kAmbiguous,  // several fit, or one, before which only equal records stand
+  kFound,      // one place fits, and the records before it distinguish it from others
+  kAmbiguous,  // several fit, or one, before which there are only equal records
   kMissing,    // none fits
 };
 
 struct OverlapPlace {
   OverlapVerdict verdict = OverlapVerdict::kMissing;
-  std::size_t index = 0;     // in the window, of the record behind the last delivered one; the last if several fit
+  std::size_t index = 0;     // in the window, of the record after the last delivered one; the last if several fit
   std::size_t compared = 0;  // how many records before it were compared
 
   friend bool operator==(const OverlapPlace&, const OverlapPlace&) = default;
 };
 
-// Looks for `overlap` (oldest first, not empty) in `window`. `from_oldest` says whether the window begins with the
+// Searches for `overlap` (oldest first, not empty) in `window`. `from_oldest` says whether the window begins with the
 // oldest record of the ring: only then may the overlap's beginning have left it, so that a part of it is enough.
 //
 // A part counts as found only if no two records of the overlap are equal: in a report whose records repeat, one or two

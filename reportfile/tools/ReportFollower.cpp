@@ -50,7 +50,7 @@ void ReportFollower::Delivered(std::size_t count) { position_ = PositionAfter(co
 ReportPosition ReportFollower::PositionAfter(std::size_t count) const {
   const bool has_read = last_.is_steady;
   const bool continues = last_.look.event == LookEvent::kNone || last_.look.event == LookEvent::kAmbiguous;
-  if (!has_read || (!continues && count == 0 && !last_.hashes.empty())) return position_;  // to be told once more
+  if (!has_read || (!continues && count == 0 && !last_.hashes.empty())) return position_;  // to be reported once more
   ReportPosition position;
   position.next = last_.place + static_cast<std::uint32_t>(count);
   position.delivered = position_.delivered + count;
@@ -106,7 +106,7 @@ void ReportFollower::Settle(const OverlapPlace& found, std::uint32_t window_star
   if (found.verdict == OverlapVerdict::kAmbiguous) attempt.look.event = LookEvent::kAmbiguous;
 }
 
-// A report never gets fewer records, so fewer than there were say that it is another one.
+// A report never gets fewer records, so if there are fewer than before, it is another one.
 void ReportFollower::SettleMissing(const Hashes& window, Attempt& attempt) const {
   const bool has_shrunk = window.size() < position_.next;
   attempt.look.event = has_shrunk ? LookEvent::kStartedOver : LookEvent::kGap;
@@ -115,10 +115,10 @@ void ReportFollower::SettleMissing(const Hashes& window, Attempt& attempt) const
                           window.begin() + static_cast<std::ptrdiff_t>(std::min(window.size(), kOverlapRecords)));
 }
 
-// What an earlier attempt read behind the delivered records tells how far the ring has moved beyond them, if some of it
-// still stands.
-//   read behind the last delivered one   a b c d e
-//   ring now                             d e f g      => lost are a b c: 5 - 2
+// What an earlier attempt read after the delivered records shows how far the ring has moved beyond them, if some of it
+// is still there.
+//   read after the last delivered one   a b c d e
+//   ring now                            d e f g      => a b c are lost: 5 - 2
 std::optional<std::uint64_t> ReportFollower::LostRecords(const Hashes& window) const {
   if (outrun_standing_ == 0) return std::nullopt;
   const OverlapPlace found = FindOverlap(Last(outrun_, outrun_standing_), window, true);
@@ -138,8 +138,8 @@ bool ReportFollower::ReadHashes(std::uint32_t first, std::uint32_t end, Hashes& 
   return true;
 }
 
-// Where no record stands before the new ones, they are read in a snapshot of their own: they have to begin as the
-// search found the ring, and their first are to stand until all is read.
+// If there is no record before the new ones, they are read in a snapshot of their own: they have to begin as the search
+// found the ring, and the first of them must stay until all is read.
 bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
   if (!source_.Read(attempt.place, count_max, attempt.look.records)) return false;
   for (const std::string& record : attempt.look.records) attempt.hashes.push_back(RecordHash(record));
@@ -151,7 +151,7 @@ bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
   return true;
 }
 
-// Nothing at an index may be the end, or a record that no answer can carry: then there is one behind it.
+// Nothing at an index may be the end, or a record that no answer can carry: then there is one after it.
 bool ReportFollower::LookBehind(Attempt& attempt) {
   ReportLook& look = attempt.look;
   const std::uint32_t next = attempt.place + static_cast<std::uint32_t>(look.records.size());
@@ -172,7 +172,7 @@ bool ReportFollower::CheckSteady(Attempt& attempt) {
   return attempt.is_steady || KeepOutrun(attempt);
 }
 
-// Of what was read, only what still stands at the end is known to have stood there all the time. Index 0 would have
+// Of what was read, only what is still there at the end is known to have been there all the time. Index 0 would have
 // begun a new snapshot, in which indexes may mean other records.
 bool ReportFollower::KeepOutrun(const Attempt& attempt) {
   outrun_.clear();

@@ -2,11 +2,11 @@
 //
 // Each look finds the place where the last one left off by the texts before it (RecordOverlap.h), reads the new records
 // together with the overlap before them, and reads the beginning of all that once more: a ring replaces its oldest
-// record first, so if the beginning still stands, everything behind it stood as well while it was read. Otherwise the
-// look starts over. Resuming an interrupted fetch and following a report are the same thing at different intervals.
+// record first, so if the beginning is still there, everything after it was there as well while it was read. Otherwise
+// the look starts over. Resuming an interrupted fetch and following a report are the same thing at different intervals.
 //
 // What it cannot notice: that a writer has meanwhile written the whole overlap again, record for record, and the place
-// where it stood before has left the ring.
+// where it was before has left the ring.
 #pragma once
 
 #include <cstddef>
@@ -33,7 +33,7 @@ class RecordSource {
   // Starts a new snapshot. False: a call failed, and the source knows why. [owning thread]
   [[nodiscard]] virtual bool Refresh() = 0;
 
-  // The records from `start` on, at most `count_max` and as many as one answer carries; none behind the last one.
+  // The records from `start` on, at most `count_max` and as many as one answer carries; none after the last one.
   // `start` 0 starts a new snapshot, too. [owning thread]
   [[nodiscard]] virtual bool Read(std::uint32_t start, std::uint32_t count_max, std::vector<std::string>& records) = 0;
 };
@@ -58,8 +58,8 @@ struct ReportLook {
   LookEvent event = LookEvent::kNone;
   std::optional<std::uint64_t> lost;  // kGap: how many records, if that is known
   std::vector<std::string> records;   // new ones, oldest first
-  bool reached_end = false;           // no record stood behind them
-  bool is_blocked = false;            // none could be read, but another stands behind the next one
+  bool reached_end = false;           // there was no record after them
+  bool is_blocked = false;            // none could be read, but there is another after the next one
   bool was_outrun = false;            // the ring moves faster than it can be read: no records
 };
 
@@ -77,8 +77,8 @@ class ReportFollower {
   // and the look says nothing. [owning thread]
   [[nodiscard]] bool Look(std::uint32_t count_max, ReportLook& look);
 
-  // The first `count` records of the last look have been delivered; the others will come again. What the look told
-  // is done with. [owning thread]
+  // The first `count` records of the last look have been delivered; the others will come again. The event of the
+  // look is not reported again. [owning thread]
   void Delivered(std::size_t count);
 
   [[nodiscard]] const ReportPosition& Position() const { return position_; }
@@ -87,7 +87,7 @@ class ReportFollower {
   [[nodiscard]] ReportPosition PositionAfter(std::size_t count) const;
 
  private:
-  // One attempt at a look: where the new records begin, and what must stand there until all is read.
+  // One attempt at a look: where the new records begin, and what must be there until all is read.
   struct Attempt {
     ReportLook look;
     std::uint32_t place = 0;              // index of the first new record
@@ -114,7 +114,7 @@ class ReportFollower {
   ReportPosition position_;
   Attempt last_;
   std::vector<std::uint64_t> outrun_;  // new records that an attempt read while the ring moved
-  std::size_t outrun_standing_ = 0;    // how many of them still stood at the end
+  std::size_t outrun_standing_ = 0;    // how many of them were still there at the end
   bool has_searched_all_ = false;
 };
 

@@ -35,7 +35,7 @@ std::uint32_t SlotOfRecent(const IndexHeader& header, std::uint32_t younger) {
   return SlotOfAge(header, header.highestIndex - 1 - younger);
 }
 
-// The files of a store as they stand at this moment.
+// The files of a store at this moment.
 class LiveStore {
  public:
   explicit LiveStore(const std::string& base_path)
@@ -174,7 +174,7 @@ class Copier {
     return true;
   }
 
-  // Brings the copied index up to a header under which nothing moved while the slots behind the last look were read.
+  // Brings the copied index up to a header under which nothing moved while the slots since the last look were read.
   std::optional<IndexHeader> CatchUp(IndexHeader seen) {
     for (int spins = 0; spins < kSpinsMax; ++spins) {
       const std::optional<IndexHeader> now = live_.Header();
@@ -202,7 +202,7 @@ class Copier {
   }
 
   // A header whose writePosition bounds every byte that was written up to now: either no record is being written, which
-  // the marker tells, or the one that was has been counted since.
+  // the marker shows, or the one that was has been counted since.
   std::optional<IndexHeader> HeaderBehindAllThatIsCopied(const IndexHeader& reference) {
     std::optional<IndexHeader> first;
     std::optional<IndexHeader> now;
@@ -214,7 +214,7 @@ class Copier {
       if (RecordsInRound(*now) != 0 && live_.HasMarkerAt(now->writePosition) && live_.Header() == now) return now;
       Pause(kSpinNanoseconds);
     }
-    // A writer that died, or a data file that has just been restarted and rests: nothing moves any more.
+    // A writer that died, or a data file that has just been restarted and is at rest: nothing moves any more.
     return now == reference ? now : std::nullopt;
   }
 
@@ -226,12 +226,13 @@ class Copier {
     if (period != 0 && appended >= period) return true;
     const bool is_restarted = RecordsInRound(after) < RecordsInRound(reference);
     const bool has_old_records = RecordsInRound(reference) < reference.highestIndex;
-    if (is_restarted == has_old_records) return has_old_records;  // wrote on over the old round; or behind everything
+    if (is_restarted == has_old_records)
+      return has_old_records;  // it continued over the old round; or after everything
     const std::optional<std::uint32_t> lowest = LowestLiveOffset(reference);
     return lowest.has_value() && *lowest < after.writePosition + kMarkerBytes;
   }
 
-  // The lowest offset of a text that the writer can reach next: of the round before, behind the marker, or, if every
+  // The lowest offset of a text that the writer can reach next: of the round before, after the marker, or, if every
   // record is of this round, of the oldest one.
   std::optional<std::uint32_t> LowestLiveOffset(const IndexHeader& header) const {
     const std::uint32_t in_round = RecordsInRound(header);
@@ -250,7 +251,7 @@ class Copier {
     return offset;
   }
 
-  // Takes off what was written behind the moment of `header`.
+  // Removes what was written after the moment of `header`.
   void CutToMoment(const IndexHeader& header) {
     to_.index.Shorten(SlotOffset(header.highestIndex));
     if (RecordsInRound(header) == 0) return;  // there is no marker in front of the round before

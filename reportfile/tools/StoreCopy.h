@@ -1,9 +1,9 @@
 // Copies one store, consistent by itself, while its writer goes on.
 //
-// A copy is the store as it stood at one moment: that of the header in the copy. The index is copied first and then
-// brought up to that header, slot by slot, until nothing moved meanwhile; the data file is copied next. The texts that
-// the header's slots lead to must not have been touched since, which the header at the end of the copying tells: a
-// writer only ever writes from its old position to its new one. If it touched one, the copy is made again. Nothing is
+// A copy is the store at one moment: that of the header in the copy. The index is copied first and then brought up to
+// that header, slot by slot, until nothing moved meanwhile; the data file is copied next. The texts that the header's
+// slots lead to must not have been overwritten since, which the header at the end of the copy shows: a writer only ever
+// writes from its old position to its new one. If it touched one, the copy is made again. Nothing is
 // locked and the writer notices nothing.
 #pragma once
 

@@ -1,9 +1,9 @@
 // Saves what can be saved of a damaged store: reads both files with distrust and writes the records that are still
 // there into a new store. The source is only ever read.
 //
-// A record counts as saved when a slot leads to a text that ends with a line feed and holds no NUL; of the header
+// A record counts as saved when a slot leads to a text that ends with a line feed and has no NUL; of the header
 // nothing is needed but, if it makes sense, where the ring begins. Whole lines of the data file that no slot leads to
-// come behind them: records whose slots are lost, and older ones that have left the ring. Records come back as readers
+// come after them: records whose slots are lost, and older ones that have left the ring. Records come back as readers
 // see them, each up to its first line feed.
 #pragma once
 
@@ -16,12 +16,12 @@ namespace qx::report {
 
 class ByteSource;
 
-// Slots behind these are not looked at: an index file may claim any number of them.
+// Slots after these are not read: an index file may claim any number of them.
 inline constexpr std::uint32_t kSalvageSlotsMax = std::uint32_t{1} << 20;
 
 struct SalvageCounts {
   std::uint64_t indexed = 0;    // records that slots lead to, in age order
-  std::uint64_t unindexed = 0;  // whole lines that no slot leads to, behind them
+  std::uint64_t unindexed = 0;  // whole lines that no slot leads to, after them
   std::uint64_t lost = 0;       // slots that lead to no record, or to one that another slot leads to
   bool is_cut_short = false;    // more slots than kSalvageSlotsMax, or more text than the data file can really hold
 };

@@ -33,14 +33,14 @@ bool HasFewerBytesChangedThanKept(std::string_view bytes, std::string_view origi
   return 2 * kept > original.size();
 }
 
-// A record by its slot, as the walk in age order meets it.
+// A record by its slot, as the walk in age order finds it.
 struct WalkedRecord {
   std::uint32_t age;  // 0 is the oldest
   std::uint32_t slot;
   std::uint32_t offset;
   bool is_current;         // written since the data file was last restarted
   bool is_previous;        // written in the round before that
-  bool starts_round;       // stands at offset 0
+  bool starts_round;       // is at offset 0
   std::uint32_t in_round;  // records before it in its round
   bool is_told = false;    // its slot is a finding already
 };
@@ -202,7 +202,7 @@ class Examiner {
     return kEndMarker.starts_with(rest);
   }
 
-  // --- what stands at writePosition
+  // --- what is at writePosition
 
   // The slot that the next record takes leads to it already. In a full ring that was the oldest record's slot.
   void FindRecordInFlight() {
@@ -237,8 +237,8 @@ class Examiner {
     }
   }
 
-  // Behind a restart no marker stands at the new beginning: a new record shows only by its own marker, or, if that came
-  // to stand on the old one, by the text in front of the oldest record.
+  // After a restart there is no marker at the new beginning: a new record shows only by its own marker, or, if that
+  // covers the old one, by the text before the oldest record.
   std::int64_t DoubtfulEndBehindRestart() {
     if (const auto end = EndOfNewRecordAt(0)) return *end;
     if (look_.header.highestIndex == 0) return 0;
@@ -248,7 +248,7 @@ class Examiner {
     return is_as_it_was ? 0 : look_.data_bytes;
   }
 
-  // Where the marker should stand there is something else: the next record, whole or cut short, or damage. A new record
+  // In the marker's place there is something else: the next record, whole or cut short, or damage. A new record
   // may reach just to the marker of the round before, so only what resembles a marker, or cannot be text, is damage.
   void CheckTextAtWritePosition(std::string_view there) {
     const std::int64_t position = look_.header.writePosition;

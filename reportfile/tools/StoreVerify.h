@@ -1,8 +1,8 @@
 // Is a store what its writer would have left? Checks the two files of a report against the writer's own invariants.
 //
-// What a writer leaves follows from a few rules (docs/report-store.md): the count tells the phase of the ring and of
-// the data file, so it tells where the round begins, which slots are rising, and where the last record ends. Every
-// finding names one rule, one place and one value; docs/operations.md lists the rules. Not findings, but told as
+// What a writer leaves follows from a few rules (docs/report-store.md): the count determines the phase of the ring and
+// of the data file, and so where the round begins, which slots are rising, and where the last record ends. Every
+// finding names one rule, one place and one value; docs/operations.md lists the rules. Not findings, but reported as
 // remarks: a record that is just being written, records whose text longer ones have overwritten, and whatever else a
 // writer in good health can leave. Nothing is ever changed here; repairing is StoreSalvage's.
 #pragma once
@@ -26,13 +26,13 @@ struct Finding {
   std::string_view rule;    // stable: scripts rely on it
   StoreFile file;           // where it shows
   std::int64_t offset;      // of the first byte that contradicts, in that file
-  std::uint64_t value;      // what stands there; a size for the rules about sizes
+  std::uint64_t value;      // what is there; a size for the rules about sizes
   std::string explanation;  // for people
 
   friend bool operator==(const Finding&, const Finding&) = default;
 };
 
-// Findings behind these are not looked for: a file of garbage contradicts itself everywhere.
+// More findings than these are not searched for: a file of garbage contradicts itself everywhere.
 inline constexpr std::size_t kFindingsMax = 100;
 
 // What one pass over the two files saw.
@@ -43,16 +43,16 @@ struct StoreLook {
   std::vector<Finding> findings;  // at most kFindingsMax
 
   // Remarks: nothing is wrong.
-  bool record_in_flight = false;          // data or slot of the next record stand there, its header does not
+  bool record_in_flight = false;          // data or slot of the next record are there, its header is not
   bool record_cut_short = false;          // a text without marker at the end: the disk was full, or the writer died
   bool marker_cut_short = false;          // the file ends inside the end marker
   bool count_wrapped = false;             // more than 2^32 records were written
   bool beyond_offsets = false;            // the data file has outgrown 32-bit offsets: its records are not checked
-  std::uint64_t overwritten_records = 0;  // indexed, but longer newer records stand over their text
+  std::uint64_t overwritten_records = 0;  // indexed, but overwritten by longer newer records
   std::uint64_t cut_records = 0;          // hold a line feed or a byte 0xFF, where readers end them
 };
 
-// One pass over the bytes as they stand.
+// One pass over the bytes as they are at this moment.
 //
 // Costs: a read of every indexed record once; about 130 KiB of memory whatever the bytes are; a header that claims more
 // than the files hold ends the pass at kFindingsMax findings. Failure: what cannot be read is not there. [any thread]

@@ -22,7 +22,7 @@ struct WritingProcess {
   int process;
 };
 
-// Looks at PID/fd and PID/fdinfo of every process below `processes`, which is /proc or has its shape. What cannot be
+// Reads PID/fd and PID/fdinfo of every process below `processes`, which is /proc or has its shape. What cannot be
 // read counts as not open: only root sees the files of other users' processes. [any thread]
 [[nodiscard]] std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& wanted,
                                                                const std::string& processes = "/proc");
