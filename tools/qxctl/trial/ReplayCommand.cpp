@@ -168,7 +168,10 @@ Json ToJson(const std::vector<Replayed>& replayed, const Status& status) {
 }
 
 Status Replay(Context& context, const Values& values) {
-  const Options options = {{values.Text("--module"), {}}, values.Texts("FILE"), values.Texts("--ignore")};
+  Options options;
+  options.call.module_path = values.Text("--module");
+  options.paths = values.Texts("FILE");
+  options.ignored = values.Texts("--ignore");
   std::vector<std::string> files;
   if (Status status = FilesOf(options, files); !status.IsOk()) return status;
   std::unique_ptr<ModuleHost> module;
