@@ -1,5 +1,6 @@
 #include "debug/OwnFile.h"
 
+#include <sys/xattr.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -26,13 +27,31 @@ OwnFile Failure(int error, bool is_refused = false) {
   return failure;
 }
 
-OwnFile Create(const char* path, mode_t mode) {
+// True if members of a group that is not the process's own, or users of an access list, may read the file: whoever owns
+// the directory can have chosen them (set-group-id, a default access list).
+bool HasForeignReaders(int descriptor) {
+  struct stat status {};
+  if (file::StatusOf(descriptor, status) != 0) return true;
+  const bool has_list = ::fgetxattr(descriptor, "system.posix_acl_access", nullptr, 0) > 0;
+  return (status.st_mode & S_IRGRP) != 0 && (has_list || status.st_gid != ::getegid());
+}
+
+OwnFile CreateWith(const char* path, mode_t mode) {
   OwnFile created;
   created.file = file::Open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
   const int error = errno;
   created.error = created.file.IsOpen() ? 0 : error;
   created.is_new = true;
   return created;
+}
+
+// A file with foreign readers is removed before anything is written to it, so who has opened it meanwhile reads
+// nothing.
+OwnFile Create(const char* path, mode_t mode) {
+  OwnFile created = CreateWith(path, mode);
+  if (created.error != 0 || (mode & S_IRWXG) == 0 || !HasForeignReaders(created.file.Number())) return created;
+  const int error = file::Remove(path);
+  return error == 0 ? CreateWith(path, mode & S_IRWXU) : Failure(error);
 }
 
 // The existing file. `status` is that of the path before, and of the open file after the call. What is not a regular

@@ -31,8 +31,9 @@ struct OwnFile {
 };
 
 // Opens the file `path` for reading and writing, never through a symbolic link, or creates it with `mode` less the
-// umask. A file that is not our own is removed and created again, which the system log reports; so is one of our own
-// that has not `size` bytes, without a report. What is not a regular file stays and is refused. [any thread]
+// umask; only for its owner if the directory would give it to a group or an access list that is not the process's. A
+// file that is not our own is removed and created again, which the system log reports; so is one of our own that has
+// not `size` bytes, without a report. What is not a regular file stays and is refused. [any thread]
 [[nodiscard]] OwnFile OpenOwnFile(const char* path, mode_t mode, std::optional<std::uint64_t> size = std::nullopt);
 
 }  // namespace qx::debug

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -209,6 +210,42 @@ TEST_F(OwnFileAttack, FileThatCannotBeRemovedLeavesItsTargetOff) {
   EXPECT_THAT(syslog.Messages(),
               ElementsAre("3 ERROR: Error during opening " + LogPath() + " --> proceed without it\n",
                           "3 ERROR: " + RingPath() + " is refused (errno=30) --> proceed without it\n"));
+}
+
+// The directory is the user's, and files in it get his group.
+TEST_F(OwnFileAttack, GroupThatTheUserChoseCannotReadTheLog) {
+  const std::string directory = service_.LogDir().Path();
+  ASSERT_EQ(::chown(directory.c_str(), kOrdinaryUser, kOrdinaryUser), 0);
+  ASSERT_EQ(::chmod(directory.c_str(), 02755), 0);
+  std::filesystem::remove(LogPath());
+  ASSERT_TRUE(service_.Init());
+  service_.Trace().Print(1, "secret");
+  EXPECT_EQ(StatusOf(LogPath()).st_gid, kOrdinaryUser);  // the attack is real
+  EXPECT_EQ(StatusOf(LogPath()).st_mode & 07777U, 0600U);
+  ExpectOwn(LogPath());
+}
+
+// The same with an access list that new files inherit: version 2, then tag, permissions and id of each entry.
+TEST_F(OwnFileAttack, AccessListThatTheUserChoseDoesNotShowTheLog) {
+  struct Entry {
+    std::uint16_t tag;
+    std::uint16_t permissions;
+    std::uint32_t id;
+  };
+  constexpr std::uint32_t kNoId = ~std::uint32_t{0};
+  const struct {
+    std::uint32_t version = 2;
+    Entry entries[5] = {{1, 7, kNoId}, {2, 7, kOrdinaryUser}, {4, 7, kNoId}, {16, 7, kNoId}, {32, 0, kNoId}};
+  } list;
+  const char* const directory = service_.LogDir().Path().c_str();
+  if (::setxattr(directory, "system.posix_acl_default", &list, sizeof list, 0) != 0 && errno == ENOTSUP) {
+    GTEST_SKIP() << "this file system has no access lists";
+  }
+  std::filesystem::remove(LogPath());
+  ASSERT_TRUE(service_.Init());
+  service_.Trace().Print(1, "secret");
+  EXPECT_GT(::getxattr(LogPath().c_str(), "system.posix_acl_access", nullptr, 0), 0);  // the attack is real
+  ExpectOwn(LogPath());
 }
 
 TEST_F(OwnFileAttack, LinkInPlaceOfTheRingIsReportedOnce) {
