@@ -407,9 +407,34 @@ TEST_F(QxctlFetchOfAFakeModule, ADifferentFirstRecordAtTheEndIsAChangeAndTheFile
   EXPECT_EQ(Out(), "a\r\nb\r\n");
 }
 
-TEST_F(QxctlFetchOfAFakeModule, AFailureInTheMiddleLeavesTheOldFile) {
+TEST_F(QxctlFetchOfAFakeModule, FailedReadInTheMiddleIsRepeated) {
+  const std::string failure = "12\n<Error Msg=\"Report data for report 'load' could not be read\" LastError=\"5\"/>";
   Reply(1, Records(0, 1, "a\r\n"));
-  Reply(2, "12\n<Error Msg=\"Report data for report 'load' could not be read\" LastError=\"5\"/>");
+  Reply(2, failure);
+  Reply(3, failure);
+  Reply(4, Records(1, 2, "b\r\n"));
+  Reply(7, Records(0, 1, "a\r\n"));  // 5 and 6 ask behind the end
+  const Ran ran = Fetch({"-o", "out"});
+  EXPECT_EQ(ran.code, 0) << ran.err;
+  EXPECT_EQ(Out(), "a\r\nb\r\n");
+}
+
+TEST_F(QxctlFetchOfAFakeModule, ReportThatIsGoneInTheMiddleIsAFailedRead) {
+  Reply(1, Records(0, 1, "a\r\n"));
+  for (int i = 2; i <= 4; ++i) {
+    Reply(i, "12\n<Error Msg=\"Report data for report 'load' could not be read\" LastError=\"2\"/>");
+  }
+  const Ran ran = Fetch({"-o", "out"});
+  EXPECT_EQ(ran.code, 6);
+  EXPECT_THAT(ran.err, HasSubstr("could not be read: No such file or directory"));
+}
+
+TEST_F(QxctlFetchOfAFakeModule, ThirdFailureInTheMiddleLeavesTheOldFile) {
+  Reply(1, Records(0, 1, "a\r\n"));
+  for (int i = 2; i <= 4; ++i) {
+    Reply(i, "12\n<Error Msg=\"Report data for report 'load' could not be read\" LastError=\"5\"/>");
+  }
+  Reply(5, Records(1, 2, "not asked for\r\n"));
   WriteFile(Dir().File("out"), "old");
   const Ran ran = Fetch({"-o", "out"});
   EXPECT_EQ(ran.code, 6);

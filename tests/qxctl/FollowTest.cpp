@@ -226,14 +226,26 @@ const char kFailure[] = "12\n<Error Msg=\"Report data for report 'load' could no
 
 }  // namespace
 
-TEST_F(QxctlFollowOfAFakeModule, ACallThatFailsOnceIsToldAndTriedAgain) {
-  Reply(1, kFailure);
-  Reply(2, kOneRecord);
-  Reply(5, kOneRecord);  // 3 and 4 look behind the record; 5 is whether it still stands
+// A read is tried three times, and the report is read again at the next interval.
+TEST_F(QxctlFollowOfAFakeModule, FailedReadsAreReportedOnceAndTriedAgain) {
+  for (int i = 1; i <= 18; ++i) Reply(i, kFailure);
+  Reply(19, kOneRecord);
+  Reply(22, kOneRecord);  // 20 and 21 ask for what comes after the record; 22 is whether it is still there
   const Ran ran = FollowFake({"--count", "1"});
   EXPECT_EQ(ran.code, 1);
   EXPECT_EQ(ran.out, "a\r\n");
   EXPECT_THAT(ran.err, HasSubstr("could not be read: Input/output error; trying again"));
+  EXPECT_EQ(ran.err.find("trying again"), ran.err.rfind("trying again")) << ran.err;
+}
+
+TEST_F(QxctlFollowOfAFakeModule, ReadThatFailsTwiceIsNotNoticed) {
+  Reply(1, kFailure);
+  Reply(2, kFailure);
+  Reply(3, kOneRecord);
+  Reply(6, kOneRecord);
+  const Ran ran = FollowFake({"--count", "1"});
+  EXPECT_EQ(ran.code, 0) << ran.err;
+  EXPECT_EQ(ran.out, "a\r\n");
 }
 
 TEST_F(QxctlFollowOfAFakeModule, FromNowPrintsWhatComesBehind) {
@@ -247,15 +259,23 @@ TEST_F(QxctlFollowOfAFakeModule, FromNowPrintsWhatComesBehind) {
   EXPECT_EQ(ran.out, "b\r\n");
 }
 
-TEST_F(QxctlFollowOfAFakeModule, AModuleThatAlwaysFailsEndsIt) {
-  for (int i = 1; i <= 5; ++i) Reply(i, kFailure);
-  const Ran ran = FollowFake({"--json"});
-  EXPECT_EQ(ran.code, 6);
+TEST_F(QxctlFollowOfAFakeModule, ReportThatStaysUnreadableDoesNotEndIt) {
+  for (int i = 1; i <= 1000; ++i) Reply(i, kFailure);
+  const Ran ran = FollowFake({"--json", "--for", "0.6"});
+  EXPECT_EQ(ran.code, 1);
   const std::vector<json> lines = Lines(ran.out);
-  ASSERT_EQ(lines.size(), 5U) << ran.out;
+  ASSERT_EQ(lines.size(), 2U) << ran.out;
   EXPECT_EQ(lines[0]["kind"], "failure");
-  EXPECT_EQ(lines[4]["failedCalls"], 5);
-  EXPECT_EQ(lines[4]["exitCode"], 6);
+  EXPECT_GT(lines[1]["failedCalls"], 5);
+  EXPECT_EQ(lines[1]["exitCode"], 1);
+}
+
+TEST_F(QxctlFollowOfAFakeModule, ModuleThatAlwaysContradictsItselfEndsIt) {
+  for (int i = 1; i <= 300; ++i)
+    Reply(i, "0\n<ReportData StartIndex=\"7\" NextIndex=\"8\"><![CDATA[a\r\n]]></ReportData>");
+  const Ran ran = FollowFake({"--json"});
+  EXPECT_EQ(ran.code, 3);
+  EXPECT_EQ(Lines(ran.out).back()["failedCalls"], 5);
 }
 
 }  // namespace qx::test

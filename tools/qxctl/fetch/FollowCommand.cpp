@@ -124,7 +124,11 @@ class Follow {
       return is_news ? TellMissing() : Status();
     }
     ++failures_in_all_;
-    if (++failures_ >= kFailuresMax) return failure;
+    ++failures_;
+    // A report that cannot be read may be readable again; an operator has to know once.
+    const bool may_pass = failure.Code() == ExitCode::kIo;
+    if (!may_pass && failures_ >= kFailuresMax) return failure;
+    if (may_pass && failures_ > 1) return {};
     output_.Problem(failure.Message() + "; trying again");
     return Line({{"kind", "failure"}, {"message", failure.Message()}});
   }

@@ -27,11 +27,21 @@ std::string_view FirstRecord(std::string_view records) {
 }
 
 Status ReportReader::Ask(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply) {
+  for (int tries = 1;; ++tries) {
+    Status status = AskOnce(start_index, record_count, reply);
+    if (status.Code() != ExitCode::kIo || tries == kTriesMax) return status;
+  }
+}
+
+// A report that is missing in the middle of a transfer was there when it began: it cannot be read on.
+Status ReportReader::AskOnce(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply) {
   const std::string request = RequestText({report_, start_index, record_count});
   const CallResult call = worker_.Call(RequestFunction::kGetReports, request);
   module_seconds_ += call.seconds;
   reply = ParseReply(call);
-  return StatusOfReports(call, reply);
+  Status status = StatusOfReports(call, reply);
+  if (start_index == 0 || status.Code() != ExitCode::kNotFound) return status;
+  return Status::Io(reply.message, reply.last_error.value_or(0));
 }
 
 // Each record that the reply counts ends at most one line; more line ends than records cannot be.

@@ -25,7 +25,7 @@ class ReportReader {
  public:
   ReportReader(WorkerThread& worker, std::string report) : worker_(worker), report_(std::move(report)) {}
 
-  // One call. Start index 0 starts a new snapshot.
+  // One call, or more if the report cannot be read: kIo after the third. Start index 0 starts a new snapshot.
   Status Ask(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply);
 
   // kChanged if a reply with records is not one to `start_index`, or contradicts itself.
@@ -39,6 +39,9 @@ class ReportReader {
   double ModuleSeconds() const { return module_seconds_; }
 
  private:
+  static constexpr int kTriesMax = 3;
+
+  Status AskOnce(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply);
   Status SplitRange(std::int32_t start, std::int32_t end, std::string_view text, std::vector<std::string>& records);
 
   WorkerThread& worker_;
