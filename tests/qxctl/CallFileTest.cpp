@@ -149,7 +149,7 @@ TEST(CallFile, TheWorkedExampleIsWhatIsWritten) {
   call.input = "<ReportData Name=\"none\" StartIndex=\"0\"/>";
   call.result = 12;
   call.state_word = 1;
-  call.reply = "<Error Msg=\"Report data for report 'none' could not be read\" LastError=\"2\"/>\n";
+  call.reply = "<Error Msg=\"Report data for report &apos;none&apos; could not be read\" LastError=\"2\"/>\n";
   EXPECT_EQ(CallFileText(call), DocExample("testing-modules.md", "call-file"));
 }
 

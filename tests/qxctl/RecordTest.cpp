@@ -47,6 +47,14 @@ TEST_F(QxctlRecord, EachFunctionIsRecordedAndReplaysAsItWas) {
   EXPECT_EQ(Recorded("names.json")["stateWord"], nullptr) << "only GetReports counts";
 }
 
+// The page shows the module's own reply.
+TEST_F(QxctlRecord, WorkedExampleOfThePageReplaysAsItWas) {
+  WriteFile(Dir().File("example.json"), DocExample("testing-modules.md", "call-file"));
+  const Ran ran = Qxctl({"module", "replay", "example.json"});
+  EXPECT_EQ(ran.code, 0) << ran.out;
+  EXPECT_EQ(ran.out, "example.json: GetReports as recorded\n");
+}
+
 TEST_F(QxctlRecord, AWholeTransferGoesIntoADirectoryAndReplaysInItsOrder) {
   std::filesystem::create_directory(Dir().File("calls"));
   EXPECT_EQ(Qxctl({"module", "record", "calls", "reports", "load", "--records", "2", "--transfer"}).code, 0);
