@@ -4,11 +4,11 @@
 
 #include "debug/Debug.h"
 #include "markup/Markup.h"
-#include "provider/HexDump.h"
 #include "provider/KrxAdapterModule.h"
 #include "provider/NamesFile.h"
 #include "provider/ReportTransfer.h"
 #include "provider/ServerControlPaths.h"
+#include "provider/TracedName.h"
 
 namespace qx::provider {
 
@@ -18,27 +18,28 @@ constexpr unsigned kErrorFileNotFound = 2;  // whatever the system says about th
 
 std::string ReadName(const CMarkup& in) {
   std::string name = in.GetAttrib("Name");
-  QX_TRACE(5, "\n%s", NameHexDump(name.c_str()).c_str());
+  TraceNameDump(5, name);
   return name;
 }
 
 bool ReadNamesFile(NamesFile& file, const std::string& name) {
   std::string directory;
   CServerControlPaths::GetServerControlReportPath(directory);
-  QX_TRACE(3, "\nWCSP_QX GetInstances: open instance file %s/%s.names...", directory.c_str(), name.c_str());
-  return NamesAReport(name) && file.Read(directory, name);
+  QX_TRACE(3, "\nWCSP_QX GetInstances: open instance file %s/%s.names...", directory.c_str(), ShownName(name).c_str());
+  return StaysInReportDirectory(name) && file.Read(directory, name);
 }
 
 // The name in the file is its writer's; only the trace shows it.
 void TraceHead(const NamesFile& file) {
   QX_TRACE(3, "\nWCSP_QX GetInstances:   instance file existing");
-  QX_TRACE(3, "\nWCSP_QX GetInstances:   version=%d, report name=%s", file.Version(), file.ReportName().c_str());
+  QX_TRACE(3, "\nWCSP_QX GetInstances:   version=%d, report name=%s", file.Version(),
+           ShownName(file.ReportName()).c_str());
 }
 
 void TraceInstance(const std::string& key, const std::string& name) {
   QX_TRACE(3, "\nWCSP_QX GetInstances:   entry: %s=%s", key.c_str(), name.c_str());
   QX_TRACE(3, "\nWCSP_QX GetInstances:   instance name: %s", name.c_str());
-  QX_TRACE(5, "\n%s", NameHexDump(name.c_str()).c_str());
+  TraceNameDump(5, name);
 }
 
 //   1=R&D  =>  <Instance Nr="1">R&amp;D</Instance>
@@ -69,7 +70,7 @@ void TraceReply(const CMarkup& out, int version) {
 int ReplyNotFound(CKrxAdapterModule& module, CMarkup& out, const std::string& name) {
   module.SetRequestError(out, "Report instance names file not found", kErrorFileNotFound);
   QX_TRACE(1, "\nWCSP_QX GetInstances: ## ERROR! The instance names file for report \"%s\" could not be found!",
-           name.c_str());
+           ShownName(name).c_str());
   return kRequestRefused;
 }
 

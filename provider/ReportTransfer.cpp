@@ -9,11 +9,11 @@
 #include "debug/Debug.h"
 #include "markup/Markup.h"
 #include "provider/BufferPool.h"
-#include "provider/HexDump.h"
 #include "provider/KrxAdapterModule.h"
 #include "provider/QXString.h"
 #include "provider/ServerControlPaths.h"
 #include "provider/ThreadData.h"
+#include "provider/TracedName.h"
 
 namespace qx::provider {
 
@@ -41,14 +41,14 @@ TransferRequest ReadRequest(CMarkup& in) {
   TransferRequest request{};
   request.name = in.GetAttrib("Name");
   request.escaped_name = CMarkup::EscapeTextBinary(request.name, CMarkup::kEscapeQuotes);
-  QX_TRACE(4, "\n%s", NameHexDump(request.name.c_str()).c_str());
+  TraceNameDump(4, request.name);
   request.start_index = IndexAttribute(in, "StartIndex", 0);
   request.record_limit = IndexAttribute(in, "NrRecords", kNoRecordLimit);
   return request;
 }
 
 void TraceRequest(const TransferRequest& request) {
-  QX_TRACE(4, "\nWCSP_QX GetReports  :   report name: \"%s\", start index: %d", request.name.c_str(),
+  QX_TRACE(4, "\nWCSP_QX GetReports  :   report name: \"%s\", start index: %d", ShownName(request.name).c_str(),
            request.start_index);
   if (request.record_limit == kNoRecordLimit) return;
   QX_TRACE(4, "\nWCSP_QX GetReports  :   nr of records to read: %d", request.record_limit);
@@ -58,15 +58,16 @@ void TraceRequest(const TransferRequest& request) {
 std::string ReportPath(const std::string& name) {
   std::string path;
   CServerControlPaths::GetServerControlReportPath(path);
-  path.append("/").append(name);
-  QX_TRACE(4, "\nWCSP_QX GetReports  :   report file path: %s", path.c_str());
-  return path;
+  path.append("/");
+  QX_TRACE(4, "\nWCSP_QX GetReports  :   report file path: %s%s", path.c_str(), ShownName(name).c_str());
+  return path.append(name);
 }
 
 void TraceOpened(const TransferRequest& request, std::int64_t size) {
   const bool in_bytes = size <= kSizeShownInBytesMax;
   QX_TRACE(2, "\nWCSP_QX GetReports  : Get report file \"%s\", total size: %d %s, chunk size: %d kB",
-           request.name.c_str(), Low32(in_bytes ? size : size >> 10), in_bytes ? "Bytes" : "kB", kChunkLimitKb);
+           ShownName(request.name).c_str(), Low32(in_bytes ? size : size >> 10), in_bytes ? "Bytes" : "kB",
+           kChunkLimitKb);
 }
 
 void TraceSnapshot(const CThreadData& data) {
@@ -103,8 +104,7 @@ void TraceReply(CMarkup& out, const std::string& records) {
 
 }  // namespace
 
-bool NamesAReport(std::string_view name) {
-  if (name.empty()) return false;
+bool StaysInReportDirectory(std::string_view name) {
   for (;;) {
     const std::size_t end = name.find('/');
     if (name.substr(0, end) == "..") return false;
@@ -172,7 +172,7 @@ bool ReportTransfer::IsFirstCall() const { return thread_data_.state_word == 0; 
 // Opens the report and notes how it stands. False: `error_number` is the system's, the snapshot of the thread's
 // previous transfer stays, and reads find the store closed.
 bool ReportTransfer::OpenReport(int* error_number) {
-  if (!NamesAReport(request_.name)) {
+  if (!StaysInReportDirectory(request_.name)) {
     *error_number = ENOENT;
     return false;
   }
@@ -323,7 +323,7 @@ int ReportTransfer::ReplyNotReadable(int error_number) {
   const auto code = static_cast<unsigned>(error_number);
   module_.SetRequestError(out_, message.c_str(), code);
   QX_TRACE(1, "\nWCSP_QX GetReports  : ## ERROR! Could not read data file for report \"%s\" (0x%08X)",
-           request_.name.c_str(), code);
+           ShownName(request_.name).c_str(), code);
   return kRequestRefused;
 }
 

@@ -58,11 +58,11 @@ struct TransferRequest {
   std::int32_t record_limit;  // negative = none; -1 when not given
 };
 
-// Whether a client's report name stays inside the report directory and names something there; what does not counts as a
-// report that does not exist. [any thread]
-//   r1, sub/r1, a..b               => yes
-//   (empty), .., ../r1, sub/../r1  => no
-[[nodiscard]] bool NamesAReport(std::string_view name);
+// True if a client's report name has no ".." component. Any other name counts as a report that does not exist.
+//   r1, sub/r1, a..b, (empty)  => yes
+//   .., ../r1, sub/../r1       => no
+// [any thread]
+[[nodiscard]] bool StaysInReportDirectory(std::string_view name);
 
 // One GetReports call behind its checks.
 //

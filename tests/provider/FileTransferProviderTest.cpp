@@ -311,18 +311,25 @@ TEST_F(FileTransferProviderCall, DataThatTheBlockCannotTakeIsFreedWithTheCall) {
   EXPECT_EQ(ask("<ReportData Name=\"r1\" StartIndex=\"1\"/>"), Records("r1", 1, 2, "b\r\n"));
 }
 
-TEST_F(FileTransferProviderCall, InputWithoutTheElementFindsNoReport) {
-  Append("", 10, {"nameless"});
+TEST_F(FileTransferProviderCall, InputWithoutTheElementNeverGivesARecord) {
   EXPECT_EQ(ServiceThread().GetReports("<Other Name=\"r1\"/>"), NotReadable("", 2));
+  Append("", 10, {"nameless"});
+  const Reply reply = ServiceThread().GetReports("<Other Name=\"r1\"/>");
+  EXPECT_EQ(reply.result, 0);
+  EXPECT_FALSE(reply.is_well_formed);
 }
 
-TEST_F(FileTransferProviderCall, InputThatIsNotWellFormedFindsNoReportWhoeverAsks) {
+TEST_F(FileTransferProviderCall, InputThatIsNotWellFormedAsksForTheEmptyNameWhoeverAsks) {
   Append("r1", 10, {"a"});
-  Append("", 10, {"nameless"});
   const std::vector<const char*> no_privileges;
-  for (const char* const input : {"", "<ReportData Name=\"r1\">", "<a/><ReportData Name=\"r1\"/>"}) {
+  const std::vector<const char*> inputs = {"", "<ReportData Name=\"r1\">", "<a/><ReportData Name=\"r1\"/>"};
+  for (const char* const input : inputs) {
     EXPECT_EQ(ServiceThread().GetReports(input), NotReadable("", 2)) << input;
     EXPECT_EQ(ServiceThread(no_privileges).GetReports(input), NotReadable("", 2)) << input;
+  }
+  Append("", 10, {"nameless"});
+  for (const char* const input : inputs) {
+    EXPECT_EQ(ServiceThread(no_privileges).GetReports(input), Records("", 0, 1, "nameless\r\n")) << input;
   }
 }
 

@@ -56,6 +56,22 @@ TEST_F(MemoryFailure, WithoutThreadDataACallIsFatalAndNothingIsCounted) {
   EXPECT_EQ(out.GetDoc(), "<Error Msg=\"\"/>\n");
 }
 
+// The hex dump of a name of 1 MB takes several: nothing so large is made for a trace that does not show it.
+TEST_F(MemoryFailure, NameDumpIsOnlyMadeForTheLevelThatShowsIt) {
+  constexpr std::size_t kDumpBytes = 4000000;
+  const std::string name(1000000, 'n');
+  for (const int level : {1, 3, 4}) {
+    ServiceThread thread;
+    const TraceCapture trace(level);
+    const FailingNew failure(1, kDumpBytes);
+    try {
+      (void)thread.Ask(name, 0);
+    } catch (const std::bad_alloc&) {
+    }
+    EXPECT_EQ(failure.HasFailed(), level >= 4) << "level " << level;
+  }
+}
+
 // Every allocation of a call fails once: the call throws or copes, is counted, and nothing is lost or left open.
 TEST_F(MemoryFailure, RunningOutAnywhereLeavesTheTransferIntact) {
   Append("r1", 10, {"a", "b", std::string(300, 'c')});

@@ -167,11 +167,15 @@ TEST_F(ReportNames, TheErrorNumberIs2WhyeverTheFileCannotBeOpened) {
   EXPECT_EQ(Ask(std::string(300, 'x')), kNotFound);
 }
 
-TEST_F(ReportNames, ANameThatIsEmptyOrLeadsOutOfTheReportDirectoryNamesNoReport) {
-  (void)mkdir(directory_.File("sub").c_str(), 0755);
-  NamesFile("", "[Quaxel Report Instances]\nVersion=1\n");
-  NamesFile("r", "[Quaxel Report Instances]\nVersion=1\n");
+TEST_F(ReportNames, EmptyNameIsUsedUnchanged) {
   EXPECT_EQ(Ask(""), kNotFound);
+  NamesFile("", "[Quaxel Report Instances]\nVersion=1\n");
+  EXPECT_EQ(Ask(""), (Reply{0, "<ReportInstanceNames Name=\"\" Version=\"1\" NrInstances=\"0\"/>\n", true}));
+}
+
+TEST_F(ReportNames, ANameThatLeadsOutOfTheReportDirectoryNamesNoReport) {
+  (void)mkdir(directory_.File("sub").c_str(), 0755);
+  NamesFile("r", "[Quaxel Report Instances]\nVersion=1\n");
   EXPECT_EQ(Ask("sub/../r"), kNotFound);
   EXPECT_EQ(Ask("r").result, 0);
 }
@@ -361,6 +365,19 @@ TEST_F(ReportNamesTrace, NoFile) {
           {1, "WCSP_QX GetInstances: ## ERROR! The instance names file for report \"r1\" could not be found!"},
       },
       Request("r1"));
+}
+
+TEST_F(ReportNamesTrace, ControlBytesOfAReportNameAreShownAsDots) {
+  NamesFile("found", "[Quaxel Report Instances]\nVersion=1\nName=a\x1B[31m\n");
+  for (const std::string name : {"x&#10;y&#27;[31m&#127;", "found"}) {
+    ServiceThread thread;
+    const TraceCapture trace(6);
+    (void)Call(thread, Request(name));
+    EXPECT_EQ(trace.Text().find('\x1B'), std::string::npos);
+    const bool is_found = name == "found";
+    EXPECT_NE(trace.Text().find(is_found ? "report name=a.[31m" : "for report \"x.y.[31m.\" could"), std::string::npos);
+    EXPECT_EQ(trace.Text().find("/x.y.[31m..names...") == std::string::npos, is_found) << trace.Text();
+  }
 }
 
 // --- the pages

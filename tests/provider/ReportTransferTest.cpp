@@ -180,9 +180,17 @@ TEST_F(ReportTransfer, ANameThatLeavesTheReportDirectoryIsAReportThatDoesNotExis
   EXPECT_EQ(ServiceThread().Ask("x/../../r1", 0), NotReadable("x/../../r1", 2));
   EXPECT_EQ(ServiceThread().Ask("..", 0), NotReadable("..", 2));
   EXPECT_EQ(ServiceThread().Ask("a..b/..", 0), NotReadable("a..b/..", 2));
-  EXPECT_EQ(ServiceThread().Ask("", 0), NotReadable("", 2));
   EXPECT_EQ(ServiceThread().Ask("...", 0), Records("...", 0, 1, "three dots\r\n"));
   EXPECT_EQ(ServiceThread().Ask("a..b", 0), Records("a..b", 0, 1, "two dots inside\r\n"));
+}
+
+TEST_F(ReportTransfer, EmptyNameIsUsedUnchanged) {
+  EXPECT_EQ(ServiceThread().Ask("", 0), NotReadable("", 2));
+  EXPECT_EQ(ServiceThread().GetReports("not XML"), NotReadable("", 2));
+  Append("", 10, {"nameless"});
+  EXPECT_TRUE(qx::test::Exists(directory_.Path() + "/.dat"));
+  EXPECT_EQ(ServiceThread().Ask("", 0), Records("", 0, 1, "nameless\r\n"));
+  EXPECT_EQ(ServiceThread().GetReports("not XML"), Records("", 0, 1, "nameless\r\n"));
 }
 
 TEST_F(ReportTransfer, AReportMayStandInASubdirectory) {
