@@ -1,11 +1,9 @@
 #include "reportfile/Directory.h"
 
 #include <cerrno>
-#include <new>
 
 #include "debug/Debug.h"
-#include "registry/Uncancellable.h"
-#include "reportfile/DirectoryListing.h"
+#include "reportfile/Operation.h"
 #include "reportfile/TreeCopy.h"
 #include "reportfile/TreeRemoval.h"
 
@@ -13,16 +11,10 @@ namespace {
 
 bool IsAbsolute(const char* path) { return path != nullptr && *path == '/'; }
 
-// The operation's result, with its error number in errno. Memory that runs out is a failure like any other.
+// The operation's result, with its error number in errno.
 template <typename Operation>
 bool Succeeds(const Operation& operation) {
-  const qx::registry::UncancellableScope no_cancellation;
-  int error = 0;
-  try {
-    error = operation();
-  } catch (const std::bad_alloc&) {
-    error = ENOMEM;
-  }
+  const int error = qx::report::ErrorOfOperation(operation);
   if (error != 0) errno = error;
   return error == 0;
 }

@@ -6,14 +6,15 @@
 
 namespace qx::report {
 
-enum class FinalLink {
-  kFollowed,
-  kRefused,  // a symbolic link at the path's end is not a directory (ELOOP or ENOTDIR)
+// The names of a directory, in the order of the system and without "." and "..".
+struct Listing {
+  std::vector<std::string> names;
+  int error = 0;
+  bool is_open = false;  // false: `error` is that of opening it. With an error, `names` contains what came before it.
 };
 
-// Appends the names of all entries but "." and ".." to `names`, in the order of the system. Returns 0 or the error
-// number; `names` then holds what came before it. Nothing but a directory is opened.
-[[nodiscard]] int ListDirectory(const char* path, FinalLink link, std::vector<std::string>& names);
+// Lists the directory at `path`; a symbolic link at its end is followed. Only a directory is ever opened. [any thread]
+[[nodiscard]] Listing ListDirectory(const std::string& path);
 
 // The system's text for an error number, in its own language.
 [[nodiscard]] const char* ErrorText(int error);

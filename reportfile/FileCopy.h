@@ -14,12 +14,23 @@ struct FileId {
 
 inline FileId IdOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
 
-// Copies the contents of `source`, whose status is `status`, into `target`. A new file gets permission bits (less the
+// What `stat` says about a file, as far as a copy needs it.
+struct FileKind {
+  FileId id;
+  mode_t mode = 0;
+
+  [[nodiscard]] bool IsDirectory() const { return S_ISDIR(mode); }
+  [[nodiscard]] bool IsRegular() const { return S_ISREG(mode); }
+};
+
+inline FileKind KindOf(const struct stat& status) { return {.id = IdOf(status), .mode = status.st_mode}; }
+
+// Copies the contents of `source`, which is of `kind`, into `target`. A new file gets permission bits (less the
 // file-creation mask) and, where the system allows it, owner and group of the source; an existing one keeps its own.
 // A target that is the source itself stays as it is. Returns 0 or the error number:
 //   EEXIST  the target exists and `overwrite` is false; it was not touched
 //   EINVAL  one of the two is neither a regular file nor a directory; it was not waited for
-// After any other error the target may hold a part of the contents.
-[[nodiscard]] int CopyFile(const char* source, const struct stat& status, const char* target, bool overwrite);
+// After any other error the target may contain a part of the contents.
+[[nodiscard]] int CopyFile(const char* source, const FileKind& kind, const char* target, bool overwrite);
 
 }  // namespace qx::report

@@ -1,5 +1,6 @@
 #include "reportfile/NameExpansion.h"
 
+#include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
 
@@ -7,6 +8,7 @@
 #include <cstddef>
 #include <utility>
 
+#include "base/File.h"
 #include "reportfile/DirectoryListing.h"
 
 namespace qx::report {
@@ -19,7 +21,7 @@ constexpr std::string_view kSpecial = "*?[\\";
 bool HasWildcard(std::string_view expression) {
   for (std::size_t i = 0; i < expression.size(); ++i) {
     if (expression[i] == '\\') {
-      ++i;  // the next one stands for itself
+      ++i;  // the next character means itself
     } else if (kWildcards.find(expression[i]) != std::string_view::npos) {
       return true;
     }
@@ -38,61 +40,62 @@ std::string Unescaped(std::string_view expression) {
 }
 
 bool Matches(const std::string& pattern, const std::string& name) {
-  return pattern == "*" || fnmatch(pattern.c_str(), name.c_str(), 0) == 0;  // "*" matches bytes that are no text, too
+  return pattern == "*" || fnmatch(pattern.c_str(), name.c_str(), 0) == 0;  // "*" also matches bytes that are not text
 }
 
-// Appends the paths of the names in `directory` that match. 0 or the error number.
-int MatchNames(const std::string& directory, const std::string& pattern, std::vector<std::string>& paths) {
-  std::vector<std::string> names;
-  const int error = ListDirectory(directory.empty() ? "/" : directory.c_str(), FinalLink::kFollowed, names);
-  if (error != 0) return error;
-  for (const std::string& name : names) {
+void AppendMatches(const std::string& directory, const Listing& listing, const std::string& pattern,
+                   std::vector<std::string>& paths) {
+  for (const std::string& name : listing.names) {
     if (Matches(pattern, name)) paths.emplace_back(directory).append("/").append(name);
   }
-  return 0;
 }
 
-// Replaces the paths by what `pattern` matches in them. Where several directories are looked through, those that are
-// none have just nothing to give. 0 or the error number.
-int ExpandComponent(const std::string& pattern, std::vector<std::string>& paths) {
+// Replaces the paths by what `pattern` matches in them. Where several directories are listed, a path that is not a
+// directory only adds nothing. 0 or the error of the first directory that cannot be opened.
+int ExpandComponent(const std::string& pattern, Expansion& expansion) {
   std::vector<std::string> found;
-  for (const std::string& directory : paths) {
-    const int error = MatchNames(directory, pattern, found);
-    const bool has_none = paths.size() > 1 && (error == ENOTDIR || error == ENOENT);
-    if (error != 0 && !has_none) return error;
+  for (const std::string& directory : expansion.paths) {
+    const Listing listing = ListDirectory(directory.empty() ? "/" : directory);
+    AppendMatches(directory, listing, pattern, found);
+    if (listing.error == 0) continue;
+    const bool has_nothing = expansion.paths.size() > 1 && (listing.error == ENOTDIR || listing.error == ENOENT);
+    if (!listing.is_open && has_nothing) continue;
+    if (!listing.is_open) return listing.error;
+    expansion.listing_error = listing.error;
+    break;
   }
-  paths = std::move(found);
+  expansion.paths = std::move(found);
   return 0;
 }
 
 bool DoesNotExist(const std::string& path) {
   struct stat ignored;
-  return lstat(path.c_str(), &ignored) != 0;
+  return file::StatusOf(path.c_str(), ignored, AT_SYMLINK_NOFOLLOW) != 0;
 }
 
-// Nothing, a directory itself or its parent: not what anybody wants to have copied into something below it.
+// Nothing, a directory itself or its parent: copying it would copy a directory into itself.
 bool IsNoEntry(std::string_view name) { return name.empty() || name == "." || name == ".."; }
 
 }  // namespace
 
 Expansion ExpandNames(const std::string& known, std::string_view expression) {
   if (IsNoEntry(Unescaped(expression.substr(expression.rfind('/') + 1)))) return {.paths = {}, .error = ENOENT};
-  std::vector<std::string> paths = {known};
-  bool is_found = false;
+  Expansion expansion = {.paths = {known}};
+  bool is_listed = false;
   while (!expression.empty()) {
     expression.remove_prefix(1);  // the "/"
     const std::string component(expression.substr(0, expression.find('/')));
     expression.remove_prefix(component.size());
-    is_found = HasWildcard(component);
-    if (is_found) {
-      if (const int error = ExpandComponent(component, paths); error != 0) return {.paths = {}, .error = error};
+    is_listed = HasWildcard(component);
+    if (is_listed) {
+      if (const int error = ExpandComponent(component, expansion); error != 0) return {.paths = {}, .error = error};
     } else {
-      for (std::string& path : paths) path += "/" + Unescaped(component);
+      for (std::string& path : expansion.paths) path += "/" + Unescaped(component);
     }
   }
-  if (!is_found) std::erase_if(paths, DoesNotExist);  // names without wildcards have not been looked up
-  const int error = paths.empty() ? ENOENT : 0;
-  return {.paths = std::move(paths), .error = error};
+  if (!is_listed) std::erase_if(expansion.paths, DoesNotExist);  // names without wildcards have not been looked up
+  expansion.error = expansion.paths.empty() ? ENOENT : 0;
+  return expansion;
 }
 
 std::string WithEveryNameAsStar(std::string expression) {
@@ -108,6 +111,11 @@ std::string EscapedForGlobbing(std::string_view path) {
     expression += c;
   }
   return expression;
+}
+
+std::string ForTrace(std::string_view expression) {
+  const std::size_t slash = expression.rfind('/');
+  return Unescaped(expression.substr(0, slash)).append(expression.substr(slash));
 }
 
 }  // namespace qx::report

@@ -1,8 +1,8 @@
 // Internal: which files and directories a pattern names.
 //
-// An expression is an absolute path whose components may hold the wildcards of file-name globbing. Names are matched by
-// the system, but directories are listed here: the system's globbing takes a directory whose reading breaks off for one
-// that ends there, finds "." and ".." wherever a wildcard may match them, and takes known directories for patterns.
+// An expression is an absolute path whose components may contain the wildcards of file-name globbing. Names are matched
+// by the system, but directories are listed here: the system's globbing takes a directory whose listing breaks off for
+// one that ends there, finds "." and ".." wherever a wildcard may match them, and takes known directories for patterns.
 #pragma once
 
 #include <string>
@@ -14,12 +14,13 @@ namespace qx::report {
 // What an expression names, in the order of the system: never "." and "..".
 struct Expansion {
   std::vector<std::string> paths;
-  int error = 0;  // why there are none; 0 when there are some
+  int error = 0;          // why there are none; 0 if there are some
+  int listing_error = 0;  // a listing broke off with it: there may be more than `paths`
 };
 
-// Expands `known` + `expression`. The first is taken as it stands, whatever characters it has; the second begins with
-// "/" and is globbed, with wildcards matching a leading dot. The first directory that cannot be read ends it with its
-// error and no paths.
+// Expands `known` + `expression`. The first is taken as it is, whatever characters it has; the second begins with "/"
+// and is globbed, with wildcards matching a leading dot. The first directory that cannot be opened ends the expansion
+// with its error and without paths. The first listing that breaks off is the last one of its component.
 //   "", "/b/*"         => everything in /b
 //   "/b[1]", "/*.dat"  => what ends with ".dat" in /b[1]
 //   "/b", "/"          => nothing (ENOENT)
@@ -33,5 +34,10 @@ struct Expansion {
 // `path` as an expression that matches this path only.
 //   /b[1]  => /b\[1]
 [[nodiscard]] std::string EscapedForGlobbing(std::string_view path);
+
+// The expression as a trace shows it: its directory without escapes.
+//   /b\[1]/*    => /b[1]/*
+//   /b/a\[1]    => /b/a\[1]
+[[nodiscard]] std::string ForTrace(std::string_view expression);
 
 }  // namespace qx::report

@@ -1,9 +1,8 @@
-// The report directory's files, back from a backup directory.
+// Restores the report directory's files from a backup directory.
 //
-// A restore is attempted once: whatever comes of the copy, the backup directory is deleted behind it. That makes it the
-// one operation that can lose a report, so it refuses the two ways in which deleting the backup would delete what was
-// just restored.
-#include <fcntl.h>
+// A restore is attempted once: whatever the result of the copy, the backup directory is deleted after it. That makes it
+// the one operation that can lose a report. So it is refused before anything is copied if deleting the backup would
+// delete what was just restored, or if the backup cannot be listed whole.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,18 +12,21 @@
 #include <string>
 #include <system_error>
 
+#include "base/File.h"
 #include "debug/Debug.h"
 #include "provider/ServerControlPaths.h"
 #include "reportfile/Directory.h"
 #include "reportfile/FileCopy.h"
-#include "reportfile/NameExpansion.h"
+#include "reportfile/Operation.h"
 #include "reportfile/ReportFileBase.h"
+#include "reportfile/TreeCopy.h"
+#include "reportfile/TreeListing.h"
 
 namespace {
 
 using qx::report::FileId;
 
-// False, traced, when nothing says where reports are kept.
+// False, traced, if the registry names no report directory.
 bool FindReportDirectory(std::string& directory) {
   (void)CServerControlPaths::GetServerControlReportPath(directory);
   if (!directory.empty()) return true;
@@ -34,11 +36,11 @@ bool FindReportDirectory(std::string& directory) {
 
 bool IsSameFile(const std::filesystem::path& path, const FileId& id) {
   struct stat status;
-  return stat(path.c_str(), &status) == 0 && qx::report::IdOf(status) == id;
+  return qx::file::StatusOf(path.c_str(), status) == 0 && qx::report::IdOf(status) == id;
 }
 
 // Whether `directory`, or a directory on the way to it, is the one of this id.
-//   /a/b/c  => looks at /a/b/c, /a/b, /a and /
+//   /a/b/c  => checks /a/b/c, /a/b, /a and /
 bool LeadsThrough(std::filesystem::path directory, const FileId& id) {
   while (!IsSameFile(directory, id)) {
     if (!directory.has_relative_path()) return false;
@@ -47,8 +49,8 @@ bool LeadsThrough(std::filesystem::path directory, const FileId& id) {
   return true;
 }
 
-// The path that the absolute `path` comes to with every link resolved. Components that do not exist yet stand for the
-// directories that a copy would make, so ".." leads back out of them.
+// The absolute `path` with every link resolved. Components that do not exist yet count as the directories that a copy
+// would make, so ".." leads back out of them.
 std::filesystem::path Resolved(const std::filesystem::path& path) {
   std::filesystem::path resolved = "/";
   for (const std::filesystem::path& name : path.relative_path()) {
@@ -65,21 +67,32 @@ std::filesystem::path Resolved(const std::filesystem::path& path) {
   return resolved;
 }
 
-// Of a stat of the backup: whether the deletion would not get at it either.
-bool IsOutOfReach(int error) {
-  return error == ENOENT || error == ENOTDIR || error == EACCES || error == ELOOP || error == ENAMETOOLONG;
-}
+// A backup that does not exist is an empty one: there is nothing to copy, and nothing to delete.
+bool MeansThereIsNoBackup(int error) { return error == ENOENT || error == ENOTDIR || error == ELOOP; }
 
 // Why `backup` may not be restored and deleted, or 0. EINVAL: deleting it would delete the report directory, because
-// the backup is it, or holds it or a link on the way to it. Directories are compared by what they are, not by name:
-// links and other mounts of one directory count. Any other error: that could not be found out.
+// the backup is it, or contains it or a link on the way to it. Directories are compared by what they are, not by name:
+// links and other mounts of one directory count. Any other error: `stat` of the backup fails with it.
 int RefusalOf(const std::string& backup, const std::string& report_directory) {
   struct stat status;
-  if (stat(backup.c_str(), &status) != 0) return IsOutOfReach(errno) ? 0 : errno;
+  const int stat_error = qx::file::StatusOf(backup.c_str(), status);
+  if (stat_error != 0) return MeansThereIsNoBackup(stat_error) ? 0 : stat_error;
   const FileId id = qx::report::IdOf(status);
   std::error_code ignored;
   const std::filesystem::path path = std::filesystem::absolute(report_directory, ignored);
   return LeadsThrough(path, id) || LeadsThrough(Resolved(path), id) ? EINVAL : 0;
+}
+
+FileId IdAt(const std::string& path) {
+  struct stat status;
+  return qx::file::StatusOf(path.c_str(), status) == 0 ? qx::report::IdOf(status) : FileId();
+}
+
+// The names in the backup, before anything is copied: a copy that finds too few of them would be followed by the
+// deletion of them all. 0 or the error number.
+int ListBackup(const std::string& backup, const std::string& report_directory, qx::report::TreeListing& listing) {
+  if (!backup.starts_with('/')) return 0;  // the copy is refused, and the deletion is not
+  return qx::report::ErrorOfOperation([&] { return listing.Read(backup, IdAt(report_directory)); });
 }
 
 void TraceCopied(const std::string& backup, const std::string& report_directory) {
@@ -92,26 +105,28 @@ void TraceNotCopied(int error, const std::string& backup, const std::string& rep
            static_cast<unsigned>(error), backup.c_str(), report_directory.c_str());
 }
 
-// The backup's own name is no pattern: a "[" in it must not make the copy find nothing and the deletion find it all.
-bool CopyBack(const std::string& backup, const std::string& report_directory) {
-  const std::string source = qx::report::EscapedForGlobbing(backup);
-  if (CDirectory::CopyDir(source.c_str(), report_directory.c_str(), "*.*", true)) {
-    TraceCopied(backup, report_directory);
-    return true;
+// Copies what was listed; a path that is not absolute is refused as CDirectory refuses it. 0 or the error number.
+int CopyBack(const std::string& backup, const qx::report::TreeListing& listing, const std::string& report_directory) {
+  constexpr const char* kEveryName = "*.*";
+  if (!backup.starts_with('/') || !report_directory.starts_with('/')) {
+    return CDirectory::CopyDir(backup.c_str(), report_directory.c_str(), kEveryName, true) ? 0 : errno;
   }
-  TraceNotCopied(errno, backup, report_directory);
-  return false;
+  return qx::report::ErrorOfOperation(
+      [&] { return qx::report::TreeCopy(kEveryName, true).RunListed(backup, listing, report_directory); });
 }
 
 // The copies are on the disk before their originals go: a loss of power in between would otherwise leave neither.
+// Without a descriptor every file system is synced, which needs none.
 void SyncFileSystemOf(const std::string& directory) {
-  const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  (void)syncfs(fd);  // the backup goes whatever comes of it
-  close(fd);
+  const qx::file::Descriptor open = qx::file::OpenDirectory(directory.c_str());
+  if (open.IsOpen()) {
+    (void)qx::file::SyncFileSystem(open.Number());  // the backup goes whatever the result
+  } else {
+    sync();
+  }
 }
 
-// What comes of the deletion shows in the trace only.
+// Its result shows in the trace only.
 void DeleteBackup(const std::string& backup, const std::string& report_directory) {
   if (backup.empty()) return;
   if (access(backup.c_str(), F_OK) == 0) SyncFileSystemOf(report_directory);
@@ -121,16 +136,20 @@ void DeleteBackup(const std::string& backup, const std::string& report_directory
 bool Restore(const std::string& backup) {
   std::string report_directory;
   if (!FindReportDirectory(report_directory)) return false;
-  if (const int error = RefusalOf(backup, report_directory); error != 0) {
+  qx::report::TreeListing listing;
+  int error = RefusalOf(backup, report_directory);
+  if (error == 0) error = ListBackup(backup, report_directory, listing);
+  if (error != 0) {
     TraceNotCopied(error, backup, report_directory);
     errno = error;
     return false;
   }
-  const bool is_copied = CopyBack(backup, report_directory);
-  const int error = errno;
+  error = CopyBack(backup, listing, report_directory);
+  if (error == 0) TraceCopied(backup, report_directory);
+  if (error != 0) TraceNotCopied(error, backup, report_directory);
   DeleteBackup(backup, report_directory);  // Quirk: the backup goes even after a failed copy
-  if (!is_copied) errno = error;           // the removal has errors of its own
-  return is_copied;
+  if (error != 0) errno = error;           // the removal has errors of its own
+  return error == 0;
 }
 
 }  // namespace
@@ -139,6 +158,7 @@ bool CReportFileBase::RestoreReportDataFiles(const std::string& backupPath) {
   try {
     return Restore(backupPath);
   } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
     return false;  // agents call this; no exception leaves the module
   }
 }

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "base/File.h"
 #include "debug/Debug.h"
 #include "reportfile/DirectoryListing.h"
 #include "reportfile/NameExpansion.h"
@@ -17,14 +18,14 @@ constexpr mode_t kDirectoryMode = 0711;
 
 bool IsDirectory(const char* path) {
   struct stat status;
-  return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+  return file::StatusOf(path, status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// What exists is accepted as it is, even a file: the first thing to be put into it fails. So is a directory for which
-// the system has another answer than that it exists (automounters do). 0 or the error number.
+// What exists is accepted as it is, even a file: the first copy into it fails. An existing directory for which the
+// system reports another error than EEXIST (automounters do) is accepted as well. 0 or the error number.
 int MakeDirectory(const std::string& path) {
-  if (mkdir(path.c_str(), kDirectoryMode) == 0 || errno == EEXIST) return 0;
-  const int error = errno;
+  const int error = file::MakeDirectory(path.c_str(), kDirectoryMode);
+  if (error == 0 || error == EEXIST) return 0;
   return IsDirectory(path.c_str()) ? 0 : error;
 }
 
@@ -40,13 +41,13 @@ int MakeDirectories(const std::string& path) {
 
 FileId IdAt(const std::string& path) {
   struct stat status;
-  return stat(path.c_str(), &status) == 0 ? IdOf(status) : FileId();
+  return file::StatusOf(path.c_str(), status) == 0 ? IdOf(status) : FileId();
 }
 
 //   /a/b  => b
 std::string LastComponent(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-// What is gone, and a link that leads nowhere, is left out without a word.
+// What is gone, and a link that leads nowhere, is left out without a trace line.
 void TraceSkipped(const std::string& match, int error) {
   if (error == ENOENT || error == ELOOP) return;
   QX_TRACE(1, "\nCDirectory::CopyDir() - ## ERROR: Status of %s could not be read, it is left out. %s", match.c_str(),
@@ -63,7 +64,19 @@ TreeCopy::TreeCopy(const char* pattern, bool overwrite)
     : pattern_(pattern != nullptr ? pattern : ""), overwrite_(overwrite) {}
 
 int TreeCopy::Run(const std::string& source, const std::string& destination) {
-  const int error = RunLevels(source, destination);
+  const std::string expression = WithEveryNameAsStar(source + "/" + pattern_);
+  return Start("", expression, {.destination = destination, .source_id = IdAt(source)});
+}
+
+int TreeCopy::RunListed(const std::string& source, const TreeListing& listing, const std::string& destination) {
+  listing_ = &listing;
+  return Start(source, WithEveryNameAsStar("/" + pattern_), {.destination = destination, .source_id = IdAt(source)});
+}
+
+int TreeCopy::Start(const std::string& known, const std::string& expression, Level top) {
+  const std::string destination = top.destination;
+  int error = Enter(known, expression, std::move(top));
+  if (error == 0) error = RunLevels(destination);
   if (error == 0) return 0;
   for (std::size_t depth = levels_.size(); depth > 1; --depth) {
     QX_TRACE(1, "\nCDirectory::CopyDir() - ## ERROR: Subdirectory could not be copied. %s", ErrorText(error));
@@ -71,19 +84,16 @@ int TreeCopy::Run(const std::string& source, const std::string& destination) {
   return error;
 }
 
-int TreeCopy::RunLevels(const std::string& source, const std::string& destination) {
-  const std::string expression = WithEveryNameAsStar(source + "/" + pattern_);
-  const Level top = {.destination = destination, .matches = {}, .source_id = IdAt(source)};
-  if (const int error = Enter("", expression, top); error != 0) return error;
+int TreeCopy::RunLevels(const std::string& destination) {
   destination_id_ = IdAt(destination);
   while (!levels_.empty()) {
     Level& level = levels_.back();
     if (level.next == level.matches.size()) {
-      levels_.pop_back();
+      if (const int error = Leave(); error != 0) return error;
       continue;
     }
-    const std::string match = std::move(level.matches[level.next++]);
-    const std::string target = level.destination + "/" + LastComponent(match);
+    const Match match = std::move(level.matches[level.next++]);
+    const std::string target = level.destination + "/" + LastComponent(match.path);
     if (const int error = CopyMatch(match, target); error != 0) return error;
   }
   return 0;
@@ -91,14 +101,16 @@ int TreeCopy::RunLevels(const std::string& source, const std::string& destinatio
 
 // Adds a level, unless there is nothing to copy. After an error the level is there: it is one of those that failed.
 int TreeCopy::Enter(const std::string& known, const std::string& expression, Level level) {
-  QX_TRACE(5, "\nCDirectory::CopyDir() - Looking for files matching %s", (known + expression).c_str());
-  Expansion found = ExpandNames(known, expression);
-  if (found.error != 0) {
+  QX_TRACE(5, "\nCDirectory::CopyDir() - Looking for files matching %s", (known + ForTrace(expression)).c_str());
+  Found found = FindMatches(known, expression);
+  if (found.error != 0 && found.listing_error == 0) {
     QX_TRACE(4, "\nCDirectory::CopyDir() - Could not find matching files to copy. %s", ErrorText(found.error));
-    return 0;  // Quirk: a directory that cannot be read is as good as an empty one
+    return 0;  // Quirk: a directory that cannot be opened is as good as an empty one
   }
-  level.matches = std::move(found.paths);
+  level.matches = std::move(found.matches);
+  level.listing_error = found.listing_error;
   levels_.push_back(std::move(level));
+  if (levels_.back().matches.empty()) return 0;  // its listing broke off before the first name
   const int error = MakeDirectories(levels_.back().destination);
   if (error != 0) {
     QX_TRACE(1, "\nCDirectory::CopyDir() - ## ERROR: Could not create destination dir. Error: %s", ErrorText(error));
@@ -106,24 +118,58 @@ int TreeCopy::Enter(const std::string& known, const std::string& expression, Lev
   return error;
 }
 
-int TreeCopy::CopyMatch(const std::string& match, const std::string& target) {
-  struct stat status;
-  if (stat(match.c_str(), &status) != 0) {
-    TraceSkipped(match, errno);
-    return 0;
+// Removes the last level, whose matches are all handled, unless its listing broke off: then it is one that failed.
+int TreeCopy::Leave() {
+  const int error = levels_.back().listing_error;
+  if (error == 0) {
+    levels_.pop_back();
+  } else if (levels_.size() == 1) {
+    TraceFailedFile(error);
   }
-  if (S_ISDIR(status.st_mode)) return CopySubdirectory(match, status, target);
+  return error;
+}
 
-  QX_TRACE(4, "\nCDirectory::CopyDir() - Copy file %s --> %s", match.c_str(), target.c_str());
-  const int error = CopyFile(match.c_str(), status, target.c_str(), overwrite_);
+TreeCopy::Found TreeCopy::FindMatches(const std::string& known, std::string_view expression) const {
+  Found found;
+  if (listing_ == nullptr) {
+    Expansion expansion = ExpandNames(known, expression);
+    for (std::string& path : expansion.paths) found.matches.push_back({.path = std::move(path)});
+    found.error = expansion.error;
+    found.listing_error = expansion.listing_error;
+    return found;
+  }
+  const TreeListing::Directory* const directory = listing_->Find(known);
+  found.error = directory != nullptr ? directory->error : ENOENT;
+  if (directory == nullptr) return found;
+  for (const TreeListing::Entry& entry : directory->entries) {
+    found.matches.push_back({.path = entry.path, .kind = entry.kind});
+  }
+  return found;
+}
+
+int TreeCopy::CopyMatch(const Match& match, const std::string& target) {
+  FileKind kind = match.kind.value_or(FileKind());
+  if (!match.kind.has_value()) {
+    struct stat status;
+    const int error = file::StatusOf(match.path.c_str(), status);
+    if (error != 0) {
+      TraceSkipped(match.path, error);
+      return 0;
+    }
+    kind = KindOf(status);
+  }
+  if (kind.IsDirectory()) return CopySubdirectory(match.path, kind, target);
+
+  QX_TRACE(4, "\nCDirectory::CopyDir() - Copy file %s --> %s", match.path.c_str(), target.c_str());
+  const int error = CopyFile(match.path.c_str(), kind, target.c_str(), overwrite_);
   if (error == 0 || error == EEXIST) return 0;
   TraceFailedFile(error);
   return error;
 }
 
-int TreeCopy::CopySubdirectory(const std::string& match, const struct stat& status, const std::string& target) {
+int TreeCopy::CopySubdirectory(const std::string& match, const FileKind& kind, const std::string& target) {
   QX_TRACE(4, "\nCDirectory::CopyDir() - Copy DIR %s --> %s", match.c_str(), target.c_str());
-  if (IsPartOfThisCopy(IdOf(status))) {
+  if (IsPartOfThisCopy(kind.id)) {
     QX_TRACE(5, "\nCDirectory::CopyDir() - Subdirectory is part of this copy already and will not be entered.");
     return 0;
   }
@@ -136,11 +182,11 @@ int TreeCopy::CopySubdirectory(const std::string& match, const struct stat& stat
              ErrorText(error));
     return error;
   }
-  return Enter(match, WithEveryNameAsStar("/" + pattern_),
-               {.destination = target, .matches = {}, .source_id = IdOf(status)});
+  return Enter(match, WithEveryNameAsStar("/" + pattern_), {.destination = target, .source_id = kind.id});
 }
 
-// The destination would fill itself for ever; a directory that a link inside it leads back to, nearly so.
+// The destination would be copied into itself without end, and a directory that a link inside it leads back to nearly
+// so.
 bool TreeCopy::IsPartOfThisCopy(const FileId& directory) const {
   const auto is_entered = [&](const Level& level) { return level.source_id == directory; };
   return directory == destination_id_ || std::any_of(levels_.begin(), levels_.end(), is_entered);

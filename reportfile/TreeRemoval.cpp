@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
+#include <utility>
 
 #include "debug/Debug.h"
 #include "reportfile/DirectoryListing.h"
@@ -20,10 +22,12 @@ constexpr mode_t kRemovableMode = 0777;
 enum class EntryKind { kLeft, kFile, kLink, kDirectory };
 
 // A link that leads nowhere is left, like everything that is neither file nor directory.
-EntryKind KindOf(const char* path) {
+EntryKind KindOf(const char* name, int directory) {
   struct stat status;
-  if (lstat(path, &status) != 0) return EntryKind::kLeft;
-  if (S_ISLNK(status.st_mode)) return stat(path, &status) == 0 ? EntryKind::kLink : EntryKind::kLeft;
+  if (file::StatusOf(name, status, AT_SYMLINK_NOFOLLOW, directory) != 0) return EntryKind::kLeft;
+  if (S_ISLNK(status.st_mode)) {
+    return file::StatusOf(name, status, 0, directory) == 0 ? EntryKind::kLink : EntryKind::kLeft;
+  }
   if (S_ISREG(status.st_mode)) return EntryKind::kFile;
   return S_ISDIR(status.st_mode) ? EntryKind::kDirectory : EntryKind::kLeft;
 }
@@ -32,34 +36,42 @@ bool IsHidden(const std::string& name) { return name.starts_with('.'); }
 
 bool ComesBefore(const std::string& a, const std::string& b) { return std::strcoll(a.c_str(), b.c_str()) < 0; }
 
-// Not through a link: one that took the file's place meanwhile could lead anywhere.
-void MakeRemovable(const char* path) {
-  if (fchmodat(AT_FDCWD, path, kRemovableMode, AT_SYMLINK_NOFOLLOW) == 0) return;
+// What no path can name is not removed either, although a descriptor would reach it.
+bool HasNameablePath(const std::string& path) { return path.size() < PATH_MAX; }
+
+// Through a descriptor, which only reading may get.
+int SetModeOfReadable(const char* name, int directory) {
+  const file::Descriptor file = file::Open(name, O_RDONLY | O_NOFOLLOW, 0, directory);
+  if (!file.IsOpen()) return 0;  // nobody refused the mode, and a removal does not need it
+  return fchmod(file.Number(), kRemovableMode) == 0 ? 0 : errno;
+}
+
+// Not through a link: one that took the file's place since could lead anywhere. The C library needs /proc for that.
+int SetMode(const char* name, int directory) {
+  if (fchmodat(directory, name, kRemovableMode, AT_SYMLINK_NOFOLLOW) == 0) return 0;
   const int error = errno;
+  return error == EOPNOTSUPP ? SetModeOfReadable(name, directory) : error;
+}
+
+void TraceFailedRemoval(const char* path, int error) {
+  QX_TRACE(1, "\nCDirectory          : ERROR cannot remove file \"%s\": %s", path, ErrorText(error));
+}
+
+void TraceFailedMode(const char* path, int error) {
   QX_TRACE(1, "\nCDirectory          : ERROR cannot change mode of file \"%s\": %s", path, ErrorText(error));
 }
 
 // A file or a link, which has no mode of its own. 0 or the error number.
-int RemoveFile(const char* path, EntryKind kind) {
+int RemoveFile(const char* name, int directory, const char* path, EntryKind kind) {
   QX_TRACE(2, "\nCDirectory          : Found file: \"%s\"", path);
-  if (kind == EntryKind::kFile) MakeRemovable(path);
-  if (unlink(path) != 0) {
-    const int error = errno;
-    QX_TRACE(1, "\nCDirectory          : ERROR cannot remove file \"%s\": %s", path, ErrorText(error));
+  const int mode_error = kind == EntryKind::kFile ? SetMode(name, directory) : 0;
+  if (mode_error != 0) TraceFailedMode(path, mode_error);
+  const int error = file::Remove(name, 0, directory);
+  if (error != 0) {
+    TraceFailedRemoval(path, error);
     return error;
   }
   QX_TRACE(3, "\nCDirectory          : Remove file \"%s\" OK!", path);
-  return 0;
-}
-
-int RemoveParent(const char* path) {
-  QX_TRACE(3, "\nCDirectory          : Remove directory parent \"%s\"", path);
-  if (rmdir(path) != 0) {
-    const int error = errno;
-    QX_TRACE(1, "\nCDirectory          : ERROR cannot remove parent directory \"%s\": %s\n", path, ErrorText(error));
-    return error;
-  }
-  QX_TRACE(3, "\nCDirectory          : Remove directory parent \"%s\" OK!", path);
   return 0;
 }
 
@@ -76,50 +88,82 @@ int TreeRemoval::Run(const std::string& directory, bool remove_parent) {
 }
 
 int TreeRemoval::RunLevels(const std::string& directory, bool remove_parent) {
-  if (const int error = Enter(directory); error != 0) return error;
+  const std::string name = file::NameOf(directory);
+  if (const int error = Enter({.path = directory, .name = name.empty() ? "/" : name}); error != 0) return error;
   while (!levels_.empty()) {
     Level& level = levels_.back();
     const bool is_emptied = level.next == level.names.size();
-    const int error =
-        is_emptied ? LeaveEmptied(remove_parent) : RemoveEntry(level.path + "/" + level.names[level.next++]);
+    int error = 0;
+    if (is_emptied) {
+      error = LeaveEmptied(remove_parent);
+    } else {
+      const std::string entry = std::move(level.names[level.next++]);
+      error = RemoveEntry(entry, level.path + "/" + entry);
+    }
     if (error != 0) return error;
   }
   return 0;
 }
 
 // Adds a level; after an error, too: it is one of those that failed.
-int TreeRemoval::Enter(const std::string& path) {
-  const FinalLink link = levels_.empty() ? FinalLink::kFollowed : FinalLink::kRefused;
-  Level& level = levels_.emplace_back(Level{.path = path, .names = {}});
-  QX_TRACE(2, "\nCDirectory          : Remove directory \"%s\"", path.c_str());
-  const int error = ListDirectory(path.c_str(), link, level.names);
+int TreeRemoval::Enter(Level level) {
+  levels_.push_back(std::move(level));
+  Level& entered = levels_.back();
+  QX_TRACE(2, "\nCDirectory          : Remove directory \"%s\"", entered.path.c_str());
+  int error = Open(entered);
+  if (error == 0) error = file::ListNames(cursor_.Number(), entered.names);
   if (error != 0) {
-    // Quirk: the line shows no path, for that of an entry has its place here and there is none yet.
+    // Quirk: the line shows no path, because it has the place of an entry's path and there is no entry yet.
     QX_TRACE(3, "\nCDirectory          : scandir for directory \"%s\" failed; ## ERROR: %s", "", ErrorText(error));
     return error;
   }
-  std::erase_if(level.names, IsHidden);
-  std::sort(level.names.begin(), level.names.end(), ComesBefore);
+  std::erase_if(entered.names, IsHidden);
+  std::sort(entered.names.begin(), entered.names.end(), ComesBefore);
   return 0;
 }
 
-int TreeRemoval::RemoveEntry(const std::string& path) {
-  const EntryKind kind = KindOf(path.c_str());
-  if (kind == EntryKind::kLeft) return 0;
-  if (kind != EntryKind::kDirectory) return RemoveFile(path.c_str(), kind);
-  QX_TRACE(2, "\nCDirectory          : Found dir: \"%s\"", path.c_str());
-  return Enter(path);
+// The top may be a link; what it leads to is emptied. The directory that contains its name is opened once: that name is
+// removed from no other.
+int TreeRemoval::Open(const Level& level) {
+  if (levels_.size() > 1) return cursor_.Enter(level.name);
+  if (!HasNameablePath(level.path)) return ENAMETOOLONG;
+  above_top_ = file::Open(file::DirectoryOf(level.path).c_str(), O_PATH | O_DIRECTORY);
+  if (!above_top_.IsOpen()) return errno;
+  file::Descriptor top = file::OpenDirectory(level.name.c_str(), 0, above_top_.Number());
+  return top.IsOpen() ? cursor_.Begin(std::move(top)) : errno;
 }
 
-// Takes the last level off once its directory is removed, which the top one need not be.
+int TreeRemoval::RemoveEntry(const std::string& name, const std::string& path) {
+  const EntryKind kind = HasNameablePath(path) ? KindOf(name.c_str(), cursor_.Number()) : EntryKind::kLeft;
+  if (kind == EntryKind::kLeft) return 0;
+  if (kind != EntryKind::kDirectory) return RemoveFile(name.c_str(), cursor_.Number(), path.c_str(), kind);
+  QX_TRACE(2, "\nCDirectory          : Found dir: \"%s\"", path.c_str());
+  return Enter({.path = path, .name = name});
+}
+
+// Removes the last level once its directory is removed, which the top one need not be.
 int TreeRemoval::LeaveEmptied(bool remove_parent) {
   const bool is_top = levels_.size() == 1;
-  const std::string& path = levels_.back().path;
+  const Level& level = levels_.back();
   if (!is_top || remove_parent) {
-    if (const int error = RemoveParent(path.c_str()); error != 0) return error;
+    if (const int error = RemoveParent(level, is_top); error != 0) return error;
   }
-  if (!is_top) QX_TRACE(3, "\nCDirectory          : Remove directory \"%s\" OK!", path.c_str());
+  if (!is_top) QX_TRACE(3, "\nCDirectory          : Remove directory \"%s\" OK!", level.path.c_str());
   levels_.pop_back();
+  return 0;
+}
+
+int TreeRemoval::RemoveParent(const Level& level, bool is_top) {
+  const char* const path = level.path.c_str();
+  QX_TRACE(3, "\nCDirectory          : Remove directory parent \"%s\"", path);
+  int error = is_top ? 0 : cursor_.Leave();
+  const int above = is_top ? above_top_.Number() : cursor_.Number();
+  if (error == 0) error = file::Remove(level.name.c_str(), AT_REMOVEDIR, above);
+  if (error != 0) {
+    QX_TRACE(1, "\nCDirectory          : ERROR cannot remove parent directory \"%s\": %s\n", path, ErrorText(error));
+    return error;
+  }
+  QX_TRACE(3, "\nCDirectory          : Remove directory parent \"%s\" OK!", path);
   return 0;
 }
 

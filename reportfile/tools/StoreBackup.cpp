@@ -41,7 +41,7 @@ Ending EndingOf(const std::string& name) {
   return {name.substr(0, name.size() - kEndingBytes), is_index ? kHasIndex : kHasData};
 }
 
-struct Listing {
+struct Found {
   std::vector<std::string> directories;
   std::vector<std::string> files;
   std::vector<std::string> others;
@@ -67,7 +67,7 @@ BackupItem Unread(const std::string& name, int error) {
 }
 
 // True for a directory whose entries are still to be listed.
-bool AddName(const std::string& directory, const std::string& name, Listing* listing) {
+bool AddName(const std::string& directory, const std::string& name, Found* listing) {
   EntryKind kind = EntryKind::kOther;
   const int error = ReadKind(PathIn(directory, name), &kind);
   if (error != 0) return listing->unread.push_back(Unread(name, error)), false;
@@ -78,17 +78,16 @@ bool AddName(const std::string& directory, const std::string& name, Listing* lis
 }
 
 // Not with the language's own iterator, which ends the program when memory runs out.
-int ListFiles(const std::string& directory, Listing* listing) {
+int ListFiles(const std::string& directory, Found* listing) {
   std::vector<std::string> open = {""};  // below `directory`
   while (!open.empty()) {
     const std::string parent = std::move(open.back());
     open.pop_back();
     const bool is_top = parent.empty();
     const std::string path = is_top ? directory : PathIn(directory, parent);
-    std::vector<std::string> names;
-    const int error = ListDirectory(path.c_str(), is_top ? FinalLink::kFollowed : FinalLink::kRefused, names);
-    if (error != 0) return error;
-    for (const std::string& name : names) {
+    const Listing found = ListDirectory(path);
+    if (found.error != 0) return found.error;
+    for (const std::string& name : found.names) {
       const std::string below = is_top ? name : PathIn(parent, name);
       if (AddName(directory, below, listing)) open.push_back(below);
     }
@@ -112,8 +111,8 @@ void AddFiles(const std::vector<std::string>& files, std::vector<BackupItem>* it
 bool IsMissingOrEmptyDirectory(const std::string& path) {
   std::error_code error;
   if (!fs::exists(fs::symlink_status(path, error))) return true;
-  std::vector<std::string> names;
-  return ListDirectory(path.c_str(), FinalLink::kFollowed, names) == 0 && names.empty();
+  const Listing listing = ListDirectory(path);
+  return listing.error == 0 && listing.names.empty();
 }
 
 std::string WithoutTrailingSlashes(std::string path) {
@@ -245,7 +244,7 @@ BackupResult BackupReports(const std::string& report_directory, const std::strin
 }
 
 ReportTree ListReports(const std::string& directory) {
-  Listing listing;
+  Found listing;
   ReportTree tree;
   tree.error = ListFiles(directory, &listing);
   tree.directories = std::move(listing.directories);

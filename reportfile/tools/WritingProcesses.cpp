@@ -3,10 +3,13 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <charconv>
 #include <fstream>
+#include <new>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "reportfile/DirectoryListing.h"
 #include "reportfile/tools/DurableFiles.h"
@@ -17,9 +20,9 @@ namespace {
 
 // Not with the language's own iterator, which ends the program when memory runs out.
 std::vector<std::string> NamesIn(const std::string& directory) {
-  std::vector<std::string> names;
-  (void)ListDirectory(directory.c_str(), FinalLink::kFollowed, names);  // another user's process, or it has ended
-  return names;
+  Listing listing = ListDirectory(directory);  // fails for another user's process, or one that has ended
+  if (listing.error == ENOMEM) throw std::bad_alloc();
+  return std::move(listing.names);
 }
 
 // "flags:\t0100002" in PID/fdinfo/N: octal, with the access mode in the lowest bits.

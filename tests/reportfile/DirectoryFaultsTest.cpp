@@ -36,8 +36,8 @@ struct Call {
 // What a failing call of this name says; the others say EIO.
 const char* ErrorOf(const std::string& call) {
   static const std::map<std::string, const char*> kErrors = {
-      {"openat", "EMFILE"}, {"write", "ENOSPC"}, {"mkdir", "ENOSPC"}, {"unlink", "EBUSY"},
-      {"rmdir", "EBUSY"},   {"chmod", "EPERM"},  {"fchown", "EPERM"}, {"ftruncate", "EPERM"}};
+      {"openat", "EMFILE"}, {"write", "ENOSPC"}, {"mkdirat", "ENOSPC"}, {"unlinkat", "EBUSY"},
+      {"chmod", "EPERM"},   {"fchown", "EPERM"}, {"ftruncate", "EPERM"}};
   const auto found = kErrors.find(call);
   return found != kErrors.end() ? found->second : "EIO";
 }
@@ -142,7 +142,15 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
     ExpectWholeFiles();
     const bool is_as_without = ContentsOf(dir_.File("from")) == from_after && ContentsOf(dir_.File("to")) == to_after;
     EXPECT_TRUE(is_as_without || IsTraced(call)) << "something is missing and nobody says so";
+    EXPECT_TRUE(Scenario() != "restore" || ContentsOf(dir_.File("to")) == to_after) << "true, and not restored whole";
+    EXPECT_TRUE(call.name != "getdents64" || Scenario() != "copy") << "true, and a listing broke off";
     EXPECT_FALSE(EndsWriting(call));
+  }
+
+  // A restore that is false either failed while it copied, or has the backup still.
+  void ExpectNothingLost() const {
+    const bool has_failed_to_copy = Log().find("CDirectory::CopyDir() - ## ERROR:") != std::string::npos;
+    EXPECT_TRUE(has_failed_to_copy || ContentsOf(dir_.File("from")) == from_) << Log();
   }
 
   // By its error; or, where a removal leaves what it cannot look at, by what comes of that.
@@ -183,6 +191,7 @@ TEST_P(DirectoryFaults, EachCallThatFailsIsSaidAndHarmsNothingElse) {
     const int result = RunWithFailing(call);
     EXPECT_THAT(ReadFile(Notes()), HasSubstr("(INJECTED)"));
     if (result == 0) ExpectTruth(call, from_after, to_after);
+    if (result == 1 && Scenario() == "restore") ExpectNothingLost();
     EXPECT_TRUE(result == 0 || IsTraced(call)) << Log();
     EXPECT_TRUE(result == 0 || result == 1) << result;
     EXPECT_EQ(ContentsOf(dir_.File("outside")), outside);
@@ -209,6 +218,25 @@ TEST_P(DirectoryFaultsOnce, TheReasonOfAShortWriteShows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenario, DirectoryFaultsOnce, testing::Values("copy"));
+
+class RemovalWithoutProc : public DirectoryFaults {};
+
+// Without /proc the C library cannot change a mode without following links.
+TEST_P(RemovalWithoutProc, TracesNoFailureThatDidNotHappen) {
+  EXPECT_EQ(RunUnderStrace({"-e", "inject=chmod:error=ENOENT"}), 0);
+  EXPECT_THAT(ReadFile(Notes()), HasSubstr("(INJECTED)"));
+  EXPECT_THAT(ReadFile(Notes()), HasSubstr("fchmod("));
+  EXPECT_THAT(Log(), testing::Not(HasSubstr("ERROR")));
+  EXPECT_FALSE(Exists(dir_.File("from")));
+}
+
+TEST_P(RemovalWithoutProc, TracesAFailureThatHappened) {
+  EXPECT_EQ(RunUnderStrace({"-e", "inject=chmod:error=ENOENT", "-e", "inject=fchmod:error=EPERM"}), 0);
+  EXPECT_THAT(Log(), HasSubstr("ERROR cannot change mode of file \"" + dir_.File("from/a.dat") +
+                               "\": Operation not permitted"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenario, RemovalWithoutProc, testing::Values("remove"));
 
 INSTANTIATE_TEST_SUITE_P(Scenarios, DirectoryFaults, testing::Values("copy", "copy by blocks", "remove", "restore"),
                          [](const testing::TestParamInfo<const char*>& scenario) {

@@ -470,7 +470,7 @@ TEST_F(DirectoryCopyFailure, AWideAndDeepTreeNeedsFewDescriptors) {
   }
   to_ = dir_.File("t");
   const auto copy_and_remove = [this] {
-    const ScopedDescriptorLimit few(3);
+    const ScopedDescriptorLimit few(4);
     return Copy() && CDirectory::RemoveDir(from_.c_str(), true);
   };
   const auto before = ContentsOf(from_);

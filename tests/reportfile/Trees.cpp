@@ -19,9 +19,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr uid_t kOrdinaryUser = 65534;
+// In a child: sees nothing that only root may see from here on.
+[[noreturn]] void AnswerAsOrdinaryUser(const std::function<bool()>& question) {
+  if (setresgid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) _exit(2);
+  if (setresuid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) _exit(2);
+  _exit(question() ? 0 : 1);
+}
 
-void HandOver(const std::string& directory) {
+}  // namespace
+
+void GiveToOrdinaryUser(const std::string& directory) {
   const auto give = [](const fs::path& path) {
     if (lchown(path.c_str(), kOrdinaryUser, kOrdinaryUser) != 0)
       throw std::runtime_error("cannot give " + path.string());
@@ -33,15 +40,6 @@ void HandOver(const std::string& directory) {
     if (lstat(entry.path().c_str(), &status) == 0 && status.st_uid == 0) give(entry.path());
   }
 }
-
-// In a child: sees nothing that only root may see from here on.
-[[noreturn]] void AnswerAsOrdinaryUser(const std::function<bool()>& question) {
-  if (setresgid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) _exit(2);
-  if (setresuid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) _exit(2);
-  _exit(question() ? 0 : 1);
-}
-
-}  // namespace
 
 void MakeTree(const std::string& root, const Tree& entries) {
   fs::create_directories(root);
@@ -86,7 +84,7 @@ std::vector<std::string> Shortened(std::vector<std::string> lines, const std::st
 
 bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& question) {
   if (geteuid() != 0) return question();
-  HandOver(directory);
+  GiveToOrdinaryUser(directory);
   const pid_t child = fork();
   if (child == 0) AnswerAsOrdinaryUser(question);
   int status = 0;

@@ -1,0 +1,61 @@
+// An ordinary user exchanges directories of a tree for links to root's while root removes it: nothing of root's goes.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "reportfile/Directory.h"
+#include "tests/reportfile/OrdinaryUser.h"
+#include "tests/reportfile/Trees.h"
+#include "tests/support/Support.h"
+
+namespace qx::test {
+namespace {
+
+constexpr int kRounds = 4000;
+constexpr long kStepsMin = 4000;
+
+// "theirs/top" is the user's tree, "ours" a directory of root's with the same names in it.
+class DirectoryRace : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!IsRoot()) GTEST_SKIP() << "only root has something to lose";
+    ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
+    MakeTree(dir_.Path(), {{"ours/a", "1"}, {"ours/b", "2"}, {"ours/c/d", "3"}, {"theirs/top/sub/", ""}});
+    MakeLink(dir_.File("ours"), dir_.File("theirs/link"));
+  }
+
+  // Makes what the removal took, then exchanges directory and link, and back.
+  void Step() const {
+    (void)mkdir(sub_.c_str(), 0777);
+    (void)mkdir((sub_ + "/c").c_str(), 0777);
+    for (const char* const name : {"/a", "/b", "/c/d"})
+      (void)close(open((sub_ + name).c_str(), O_CREAT | O_RDWR, 0666));
+    (void)symlink(ours_.c_str(), link_.c_str());
+    Exchange(sub_.c_str(), link_.c_str());
+    Exchange(sub_.c_str(), link_.c_str());
+  }
+
+  const TempDir dir_;
+  const std::string ours_ = dir_.File("ours");
+  const std::string top_ = dir_.File("theirs/top");
+  const std::string sub_ = top_ + "/sub";
+  const std::string link_ = dir_.File("theirs/link");
+};
+
+TEST_F(DirectoryRace, RemovalNeverLeavesTheTree) {
+  const Tree before = ContentsOf(ours_);
+  const OrdinaryUser user(dir_.File("theirs"), [this] { Step(); });
+  int removed = 0;
+  for (int round = 0; round < kRounds || user.Steps() < kStepsMin; ++round) {
+    if (CDirectory::RemoveDir(top_.c_str(), false)) ++removed;
+    ASSERT_EQ(ContentsOf(ours_), before) << round;
+  }
+  EXPECT_GT(removed, 0);
+  EXPECT_EQ(ModeOf(dir_.File("ours/a")), 0644U);
+}
+
+}  // namespace
+}  // namespace qx::test
