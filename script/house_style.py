@@ -75,11 +75,6 @@ FILE_CALLERS = {
     "base/FileCalls.cpp",
     # Not converted yet:
     "process/Process.cpp",
-    "reportfile/DirectoryListing.cpp",
-    "reportfile/FileCopy.cpp",
-    "reportfile/ReportFileBackup.cpp",
-    "reportfile/tools/DurableFiles.cpp",
-    "reportfile/tools/StoreBackup.cpp",
 }
 
 # In some folders more is banned: a document must not parse differently under a host's locale.

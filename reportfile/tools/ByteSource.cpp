@@ -1,6 +1,9 @@
 #include "reportfile/tools/ByteSource.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 namespace qx::report {
 
@@ -17,6 +20,16 @@ std::size_t FileBytes::ReadAt(std::int64_t offset, void* to, std::size_t size) {
   const file::Progress progress = file::ReadAt(file_.Number(), offset, to, size);
   if (error_ == 0) error_ = progress.error;
   return progress.bytes;
+}
+
+// Where the file system cannot say, everything counts as stored.
+DataRun FileBytes::DataFrom(std::int64_t offset) {
+  if (!file_.IsOpen()) return {};
+  const off_t begin = lseek(file_.Number(), offset, SEEK_DATA);
+  const int error = errno;
+  if (begin < 0) return error == ENXIO ? DataRun() : ByteSource::DataFrom(offset);
+  const off_t end = lseek(file_.Number(), begin, SEEK_HOLE);
+  return end > begin ? DataRun{.begin = begin, .end = end} : ByteSource::DataFrom(begin);
 }
 
 std::string_view WindowedBytes::At(std::int64_t offset, std::size_t wanted) {

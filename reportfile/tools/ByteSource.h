@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -15,6 +16,14 @@
 #include "base/File.h"
 
 namespace qx::report {
+
+// A run of bytes that a file stores. Between runs there are holes, which read as zeros.
+struct DataRun {
+  std::int64_t begin = 0;
+  std::int64_t end = 0;
+
+  [[nodiscard]] bool IsEmpty() const { return begin >= end; }
+};
 
 // Threads: one source belongs to one thread.
 class ByteSource {
@@ -26,6 +35,12 @@ class ByteSource {
 
   // Reads up to `size` bytes at `offset`; returns how many came before the end or an error. [owning thread]
   [[nodiscard]] virtual std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) = 0;
+
+  // The first run of stored bytes at or after `offset`; empty if only a hole or nothing follows. Its end may be beyond
+  // that of the source. [owning thread]
+  [[nodiscard]] virtual DataRun DataFrom(std::int64_t offset) {
+    return {.begin = offset, .end = std::numeric_limits<std::int64_t>::max()};
+  }
 
  protected:
   ByteSource() = default;
@@ -58,6 +73,7 @@ class FileBytes final : public ByteSource {
 
   std::int64_t Size() override;
   std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) override;
+  DataRun DataFrom(std::int64_t offset) override;
 
   [[nodiscard]] bool IsOpen() const { return file_.IsOpen(); }
   [[nodiscard]] int Number() const { return file_.Number(); }

@@ -1,15 +1,16 @@
 #include "reportfile/tools/DurableFiles.h"
 
-#include <fcntl.h>
-#include <ftw.h>
+#include <sys/random.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
-#include <utility>
+#include <new>
+#include <vector>
 
+#include "reportfile/DirectoryCursor.h"
 #include "reportfile/StoreIo.h"
 #include "reportfile/tools/ByteSource.h"
 
@@ -18,185 +19,224 @@ namespace qx::report {
 namespace {
 
 constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
+constexpr int kNameTriesMax = 100;
 
-// A descriptor that is closed at the end of the scope.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd), error_(fd >= 0 ? 0 : errno) {}
-  ~Descriptor() {
-    if (fd_ >= 0) (void)close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int Get() const { return fd_; }
-  int Error() const { return error_; }
-  // The error number of closing: a full disk may show only there.
-  int Close() {
-    const int fd = fd_;
-    fd_ = -1;
-    return close(fd) == 0 ? 0 : errno;
-  }
-
- private:
-  int fd_;
-  int error_;
+// A directory on the way down: its name in the one above it, and what is left in it to be removed.
+struct Level {
+  std::string name;
+  std::vector<std::string> names = {};
 };
 
-// 0 or the error number of the write that failed.
-int WriteWhole(int fd, std::int64_t offset, const char* bytes, std::size_t size) {
-  while (size > 0) {
-    const ssize_t put = pwrite(fd, bytes, size, offset);
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return put < 0 ? errno : ENOSPC;
-    bytes += put;
-    offset += put;
-    size -= static_cast<std::size_t>(put);
+// The first error of several steps.
+class FirstError {
+ public:
+  // True if the step succeeded.
+  bool Note(int error) {
+    if (error_ == 0) error_ = error;
+    return error == 0;
   }
-  return 0;
+  [[nodiscard]] int Get() const { return error_; }
+
+ private:
+  int error_ = 0;
+};
+
+// Throws std::bad_alloc.
+int RemoveBelow(file::Descriptor top) {
+  DirectoryCursor cursor;
+  if (const int error = cursor.Begin(std::move(top)); error != 0) return error;
+  FirstError first;
+  std::vector<Level> levels(1);
+  (void)first.Note(file::ListNames(cursor.Number(), levels.back().names));
+  while (levels.size() > 1 || !levels.back().names.empty()) {
+    if (levels.back().names.empty()) {
+      const std::string name = std::move(levels.back().name);
+      levels.pop_back();
+      if (!first.Note(cursor.Leave())) return first.Get();
+      (void)first.Note(file::Remove(name.c_str(), AT_REMOVEDIR, cursor.Number()));
+      continue;
+    }
+    std::string name = std::move(levels.back().names.back());
+    levels.back().names.pop_back();
+    const int error = file::Remove(name.c_str(), 0, cursor.Number());
+    if (error != EISDIR) {
+      (void)first.Note(error);
+    } else if (first.Note(cursor.Enter(name))) {
+      levels.push_back({.name = std::move(name)});
+      (void)first.Note(file::ListNames(cursor.Number(), levels.back().names));
+    }
+  }
+  return first.Get();
 }
 
 }  // namespace
 
-std::string ParentOf(const std::string& path) {
-  const std::size_t last = path.find_last_not_of('/');
-  const std::size_t slash = last == std::string::npos ? last : path.find_last_of('/', last);
-  if (slash == std::string::npos) return path.starts_with('/') ? "/" : ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
+file::Descriptor OpenForReading(const std::string& name, int directory) {
+  if (directory == AT_FDCWD) return OpenStoreFile(name, OpenMode::kRead);
+  return file::OpenRegular(name.c_str(), O_RDONLY | O_NOFOLLOW, 0, directory);
 }
 
-std::string NameOf(const std::string& path) {
-  const std::size_t last = path.find_last_not_of('/');
-  if (last == std::string::npos) return {};
-  const std::size_t slash = path.find_last_of('/', last);
-  const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
-  return path.substr(begin, last + 1 - begin);
+int SyncName(const std::string& name, int directory) {
+  const file::Descriptor file = file::Open(name.c_str(), O_RDONLY, 0, directory);
+  return file.IsOpen() ? file::Sync(file.Number()) : errno;
 }
 
-int SyncPath(const std::string& path) {
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (file.Error() != 0) return file.Error();
-  return fsync(file.Get()) == 0 ? 0 : errno;
-}
-
-int RenameWithoutReplacing(const std::string& from, const std::string& to) {
-  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
-  if (errno != EINVAL && errno != ENOSYS) return errno;
-  // A file system without that flag: a look before the rename is the best there is.
-  if (faccessat(AT_FDCWD, to.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
-  return rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
-}
-
-NewFile::NewFile(std::string path)
-    : path_(std::move(path)),
-      fd_(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR)),
-      error_(fd_ >= 0 ? 0 : errno) {}
-
-NewFile::~NewFile() {
-  const bool is_made = fd_ >= 0 || is_finished_;
-  if (fd_ >= 0) (void)close(fd_);  // nobody is to see what it holds
-  if (is_made && !(is_finished_ && error_ == 0)) (void)unlink(path_.c_str());
-}
-
-void NewFile::CopyFrom(ByteSource& source) {
-  const auto block = std::make_unique_for_overwrite<char[]>(kBlockBytes);
-  Shorten(0);
-  for (std::int64_t at = 0; error_ == 0;) {
-    const std::size_t got = source.ReadAt(at, block.get(), kBlockBytes);
-    if (got == 0) return;
-    error_ = WriteWhole(fd_, at, block.get(), got);
-    at += static_cast<std::int64_t>(got);
+int RemoveContents(file::Descriptor top) {
+  try {
+    return RemoveBelow(std::move(top));
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
   }
 }
 
+std::string WithRandomEnd(const std::string& prefix) {
+  constexpr std::string_view kCharacters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+  std::array<unsigned char, 6> random = {};
+  (void)!getrandom(random.data(), random.size(), GRND_NONBLOCK);  // whoever uses the name creates it exclusively
+  std::string name = prefix;
+  for (const unsigned char byte : random) name += kCharacters[byte % kCharacters.size()];
+  return name;
+}
+
+std::string DirectoriesBelow::Above(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+int DirectoriesBelow::At(const std::string& path) {
+  if (path.empty()) return top_.Number();
+  if (last_.IsOpen() && path == last_path_) return last_.Number();
+  last_ = file::Descriptor();
+  file::Descriptor open;
+  for (std::size_t begin = 0; begin <= path.size();) {
+    const std::size_t end = std::min(path.find('/', begin), path.size());
+    const std::string name = path.substr(begin, end - begin);
+    open = file::OpenDirectory(name.c_str(), O_NOFOLLOW, open.IsOpen() ? open.Number() : top_.Number());
+    if (!open.IsOpen()) return -1;
+    begin = end + 1;
+  }
+  last_path_ = path;
+  last_ = std::move(open);
+  return last_.Number();
+}
+
+NewFile::NewFile(std::string path, int directory)
+    : path_(std::move(path)),
+      directory_(directory),
+      file_(file::Open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR, directory)),
+      error_(file_.IsOpen() ? 0 : errno),
+      is_made_(file_.IsOpen()) {}
+
+NewFile::~NewFile() {
+  if (is_made_ && !(is_finished_ && error_ == 0)) (void)file::Remove(path_.c_str(), 0, directory_);
+}
+
+// The size is asked for before the runs, so that what is appended in between is copied and not taken for a hole.
+void NewFile::CopyFrom(ByteSource& source) {
+  const auto block = std::make_unique_for_overwrite<char[]>(kBlockBytes);
+  Shorten(0);
+  for (std::int64_t done = 0; error_ == 0;) {
+    const std::int64_t size = source.Size();
+    const DataRun run = source.DataFrom(done);
+    if (run.IsEmpty()) {
+      if (size > done) error_ = file::Truncate(file_.Number(), size);
+      return;
+    }
+    const std::int64_t end = CopyRun(source, run.begin, run.end, block.get());
+    if (end == run.begin) return;  // the source ends here
+    done = end;
+  }
+}
+
+// Returns where the copied bytes end.
+std::int64_t NewFile::CopyRun(ByteSource& source, std::int64_t begin, std::int64_t end, char* block) {
+  std::int64_t at = begin;
+  while (at < end && error_ == 0) {
+    const auto size = static_cast<std::size_t>(std::min<std::int64_t>(end - at, kBlockBytes));
+    const std::size_t count = source.ReadAt(at, block, size);
+    if (count == 0) break;
+    WriteAt(at, {block, count});
+    at += static_cast<std::int64_t>(count);
+  }
+  return at;
+}
+
 void NewFile::WriteAt(std::int64_t offset, std::string_view bytes) {
-  if (error_ == 0) error_ = WriteWhole(fd_, offset, bytes.data(), bytes.size());
+  if (error_ == 0) error_ = file::WriteAt(file_.Number(), offset, bytes).error;
 }
 
 std::size_t NewFile::ReadAt(std::int64_t offset, void* to, std::size_t size) const {
-  if (error_ != 0) return 0;
-  const ssize_t got = pread(fd_, to, size, offset);
-  return got > 0 ? static_cast<std::size_t>(got) : 0;
+  return error_ == 0 ? file::ReadAt(file_.Number(), offset, to, size).bytes : 0;
 }
 
 void NewFile::Shorten(std::int64_t size) {
   struct stat status = {};
-  if (error_ != 0) return;
-  const bool is_done = fstat(fd_, &status) == 0 && (status.st_size <= size || ftruncate(fd_, size) == 0);
-  if (!is_done) error_ = errno;
+  if (error_ == 0) error_ = file::StatusOf(file_.Number(), status);
+  if (error_ == 0 && status.st_size > size) error_ = file::Truncate(file_.Number(), size);
 }
 
 int NewFile::Finish(const struct stat& status) {
   TakeOver(status);
-  if (error_ == 0 && fsync(fd_) != 0) error_ = errno;
+  if (error_ == 0) error_ = file::Sync(file_.Number());
   if (error_ != 0) return error_;
   is_finished_ = true;
-  if (close(fd_) != 0) error_ = errno;  // a full disk may show only here
-  fd_ = -1;
+  error_ = file_.Close();  // a full disk may show only here
   return error_;
 }
 
 // Owner first, because a change of owner may clear permission bits.
 void NewFile::TakeOver(const struct stat& status) {
   if (error_ != 0) return;
-  if (fchown(fd_, status.st_uid, status.st_gid) != 0) {
-    (void)!fchown(fd_, static_cast<uid_t>(-1), status.st_gid);  // an ordinary user keeps what he may
+  const int number = file_.Number();
+  if (fchown(number, status.st_uid, status.st_gid) != 0) {
+    (void)!fchown(number, static_cast<uid_t>(-1), status.st_gid);  // an ordinary user keeps what he may
   }
   const timespec times[2] = {status.st_atim, status.st_mtim};
-  const bool is_done = fchmod(fd_, status.st_mode & 0777) == 0 && futimens(fd_, times) == 0;
-  if (!is_done) error_ = errno;
+  if (fchmod(number, status.st_mode & 0777) != 0) error_ = errno;
+  if (error_ == 0 && futimens(number, times) != 0) error_ = errno;
 }
 
-CopiedFile CopyRegularFile(const std::string& from, const std::string& to) {
+CopiedFile CopyRegularFile(const std::string& name, int directory, const std::string& new_name, int new_directory,
+                           const struct stat* like) {
   CopiedFile copy;
-  FileBytes source(OpenRegularFile(from, OpenMode::kRead));
-  if (!source.IsOpen() || fstat(source.Number(), &copy.status) != 0) {
-    copy.error = errno;
-    copy.is_source_error = true;
-    return copy;
-  }
-  NewFile target(to);
+  FileBytes source(OpenForReading(name, directory));
+  copy.error = source.IsOpen() ? file::StatusOf(source.Number(), copy.status) : errno;
+  copy.is_source_error = copy.error != 0;
+  if (copy.is_source_error) return copy;
+  NewFile target(new_name, new_directory);
   target.CopyFrom(source);
   copy.is_source_error = source.Error() != 0;
-  copy.error = copy.is_source_error ? source.Error() : target.Finish(copy.status);
+  copy.error = copy.is_source_error ? source.Error() : target.Finish(like != nullptr ? *like : copy.status);
   return copy;
 }
 
-namespace {
-
-constexpr int kOpenDirectoriesMax = 16;
-
-using Visitor = int(const char*, const struct stat*, int, struct FTW*);
-
-int RemoveOrStop(const char* path, const struct stat* /*status*/, int /*kind*/, struct FTW* /*place*/) {
-  return std::remove(path) == 0 ? 0 : errno;
-}
-
-int RemoveAndGoOn(const char* path, const struct stat* /*status*/, int /*kind*/, struct FTW* /*place*/) {
-  (void)std::remove(path);
-  return 0;
-}
-
-// The language's own walk through a directory ends the program when memory has run out.
-int WalkFromLeaves(const std::string& path, Visitor* visit) {
-  return nftw(path.c_str(), visit, kOpenDirectoriesMax, FTW_DEPTH | FTW_PHYS);
-}
-
-}  // namespace
-
-int RemoveTree(const std::string& path) {
-  const int error = WalkFromLeaves(path, RemoveOrStop);
-  return error < 0 ? errno : error;
-}
-
-PrivateDirectory::PrivateDirectory(const std::string& prefix) : path_(prefix + "XXXXXX") {
-  is_ours_ = mkdtemp(path_.data()) != nullptr;
-  if (!is_ours_) error_ = errno;
+PrivateDirectory::PrivateDirectory(const std::string& prefix)
+    : path_(prefix), above_(file::Open(file::DirectoryOf(prefix).c_str(), O_PATH | O_DIRECTORY)) {
+  error_ = above_.IsOpen() ? EEXIST : errno;
+  for (int tries = 0; error_ == EEXIST && tries < kNameTriesMax; ++tries) {
+    path_ = WithRandomEnd(prefix);
+    name_ = file::NameOf(path_);
+    error_ = file::MakeDirectory(name_.c_str(), S_IRWXU, above_.Number());
+  }
+  if (error_ != 0) return;
+  directory_ = file::OpenDirectory(name_.c_str(), O_NOFOLLOW, above_.Number());
+  struct stat status;
+  error_ = directory_.IsOpen() ? file::StatusOf(directory_.Number(), status) : errno;
+  if (error_ == 0 && status.st_uid != geteuid()) error_ = EPERM;  // another one has taken its name
+  if (error_ != 0) (void)file::Remove(name_.c_str(), AT_REMOVEDIR, above_.Number());
 }
 
 // What cannot be removed stays, under a name that nobody takes for the real thing.
 PrivateDirectory::~PrivateDirectory() {
-  if (is_ours_) (void)WalkFromLeaves(path_, RemoveAndGoOn);
+  if (error_ != 0 || !directory_.IsOpen()) return;
+  (void)RemoveContents(std::move(directory_));
+  (void)file::Remove(name_.c_str(), AT_REMOVEDIR, above_.Number());
+}
+
+int PrivateDirectory::RenameTo(const std::string& name) {
+  const int error = file::Rename(above_.Number(), name_.c_str(), above_.Number(), name.c_str());
+  if (error == 0) directory_ = file::Descriptor();
+  return error;
 }
 
 }  // namespace qx::report

@@ -1,62 +1,91 @@
-// Files that appear whole, or not at all: private directories, copies, syncs and renames for the store tools.
+// Files that appear whole, or not at all: private directories, copies and removals for the store tools.
 //
 // Everything here reports an error number, 0 for success. A tool writes under a name that nobody takes for the real
-// thing, syncs, and renames at the end; a crash before that leaves the real names as they were.
+// thing, syncs, and renames at the end; a crash before that leaves the real names as they were. What is done in a
+// directory that others may write is done by names in open directories, and never through a symbolic link there.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "base/File.h"
 
 namespace qx::report {
 
 class ByteSource;
 
-// The directory that holds the last component of `path`: "a/b" => "a", "/a" => "/", "a" => ".". [any thread]
-[[nodiscard]] std::string ParentOf(const std::string& path);
-// The last component: "a/b" => "b", "a/" => "a". [any thread]
-[[nodiscard]] std::string NameOf(const std::string& path);
-
-// "a", "b" => "a/b" [any thread]
+// "a", "b" => "a/b"   "", "b" => "b" [any thread]
 [[nodiscard]] inline std::string PathIn(const std::string& directory, const std::string& name) {
-  return directory + "/" + name;
+  return directory.empty() ? name : directory + "/" + name;
 }
 
-// Syncs a file or a directory. [any thread]
-[[nodiscard]] int SyncPath(const std::string& path);
+// Opens a regular file for reading. Below an open directory a symbolic link at the end of `name` is not followed
+// (ELOOP). [any thread]
+[[nodiscard]] file::Descriptor OpenForReading(const std::string& name, int directory);
 
-// Renames, failing with EEXIST when `to` exists. [any thread]
-[[nodiscard]] int RenameWithoutReplacing(const std::string& from, const std::string& to);
+// Syncs what the name leads to. [any thread]
+[[nodiscard]] int SyncName(const std::string& name, int directory = AT_FDCWD);
 
-// Removes the file or directory and everything in it; symbolic links are removed, not followed. What cannot be removed
-// is passed over, and the first error number returned. [any thread]
-[[nodiscard]] int RemoveTree(const std::string& path);
+// Removes everything in the open directory `top`, without following links. What cannot be removed is left, and the
+// first error number returned. [any thread]
+[[nodiscard]] int RemoveContents(file::Descriptor top);
+
+// A name that nothing has: `prefix` and six random characters. [any thread]
+[[nodiscard]] std::string WithRandomEnd(const std::string& prefix);
+
+// The directories below an open one. Each is opened by its name in the one above it, never through a link.
+//
+// Threads: one thread.
+// Owns: the top and the directory that was asked for last.
+class DirectoriesBelow {
+ public:
+  explicit DirectoriesBelow(file::Descriptor top) : top_(std::move(top)) {}
+
+  [[nodiscard]] bool IsOpen() const { return top_.IsOpen(); }
+  [[nodiscard]] int Top() const { return top_.Number(); }
+  // The open directory of this path below the top; "" is the top. -1 with errno. Valid until the next call.
+  [[nodiscard]] int At(const std::string& path);
+  // The same for the directory that contains `path`: "a/b/c" => a/b, "c" => the top.
+  [[nodiscard]] int Containing(const std::string& path) { return At(Above(path)); }
+
+  // "a/b/c" => "a/b"   "c" => ""
+  [[nodiscard]] static std::string Above(const std::string& path);
+
+ private:
+  file::Descriptor top_;
+  file::Descriptor last_;
+  std::string last_path_;
+};
 
 // A file that is being made: removed at the end of the scope unless it was finished.
 //
-// Threads: one thread. Failure: the first error stays and makes everything behind it do nothing.
+// Threads: one thread. Failure: the first error stays and makes everything after it do nothing.
 class NewFile {
  public:
-  // Creates `path`, mode 0600; EEXIST when there is something already.
-  explicit NewFile(std::string path);
+  // Creates `path`, mode 0600; EEXIST if there is something already. A relative path begins at the open `directory`,
+  // which has to outlive this object.
+  explicit NewFile(std::string path, int directory = AT_FDCWD);
   ~NewFile();
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
 
-  // Makes the contents that of `source` from its beginning to where it ends now. A read error is the source's affair:
-  // it looks like an early end. [owning thread]
+  // Makes the contents that of `source` from its beginning to where it ends now. Holes stay holes. A read error is
+  // reported by the source; here it looks like an early end. [owning thread]
   void CopyFrom(ByteSource& source);
   // [owning thread]
   void WriteAt(std::int64_t offset, std::string_view bytes);
   // [owning thread]
   [[nodiscard]] std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) const;
-  // Cuts off what is behind `size`. [owning thread]
+  // Cuts off what is after `size`. [owning thread]
   void Shorten(std::int64_t size);
-  // Gives it the permissions, times and, as far as this user may, owner of `status`, syncs and closes it. Returns the
-  // error number. [owning thread]
+  // Sets the permissions, times and, as far as this user may, owner of `status`, syncs the file and closes it. Returns
+  // the error number. [owning thread]
   [[nodiscard]] int Finish(const struct stat& status);
 
   [[nodiscard]] const std::string& Path() const { return path_; }
@@ -64,10 +93,13 @@ class NewFile {
 
  private:
   void TakeOver(const struct stat& status);
+  [[nodiscard]] std::int64_t CopyRun(ByteSource& source, std::int64_t begin, std::int64_t end, char* block);
 
   std::string path_;
-  int fd_;
+  int directory_;
+  file::Descriptor file_;
   int error_;
+  bool is_made_;
   bool is_finished_ = false;
 };
 
@@ -77,12 +109,15 @@ struct CopiedFile {
   struct stat status = {};       // of the source when the copy began
 };
 
-// Copies the regular file `from` to `to`, which must not exist, as NewFile::Finish leaves it. Symbolic links are
-// followed. [any thread]
-[[nodiscard]] CopiedFile CopyRegularFile(const std::string& from, const std::string& to);
+// Copies the regular file `name` of one open directory to `new_name` in another, which must not exist. `like`: whose
+// permissions, owner and times it gets; null: those of the source. A symbolic link is not followed. [any thread]
+[[nodiscard]] CopiedFile CopyRegularFile(const std::string& name, int directory, const std::string& new_name,
+                                         int new_directory, const struct stat* like = nullptr);
 
 // A new directory, mode 0700, whose name is the prefix and six random characters; removed with everything in it at the
-// end of the scope unless it was released. Symbolic links in it are removed, not followed.
+// end of the scope unless it was renamed. Symbolic links in it are removed, not followed.
+//
+// Owns: the open directory, and the open directory that contains it.
 class PrivateDirectory {
  public:
   explicit PrivateDirectory(const std::string& prefix);
@@ -92,15 +127,22 @@ class PrivateDirectory {
 
   // [any thread]
   [[nodiscard]] const std::string& Path() const { return path_; }
+  // The open directory. [any thread]
+  [[nodiscard]] int Number() const { return directory_.Number(); }
   // 0, or why there is none. [any thread]
   [[nodiscard]] int Error() const { return error_; }
-  // Keeps the directory: it has been renamed. [owning thread]
-  void Release() { is_ours_ = false; }
+  // Renames it to `name` in the same directory, where there is nothing or an empty directory, and keeps it. Returns the
+  // error number. [owning thread]
+  [[nodiscard]] int RenameTo(const std::string& name);
+  // Syncs the directory that contains it. [owning thread]
+  [[nodiscard]] int SyncAbove() const { return SyncName(".", above_.Number()); }
 
  private:
   std::string path_;
+  std::string name_;
+  file::Descriptor above_;
+  file::Descriptor directory_;
   int error_ = 0;
-  bool is_ours_ = false;
 };
 
 }  // namespace qx::report

@@ -1,7 +1,7 @@
 #include "reportfile/tools/StoreBackup.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,8 +11,11 @@
 #include <system_error>
 #include <utility>
 
+#include "base/File.h"
+#include "reportfile/DirectoryCursor.h"
 #include "reportfile/DirectoryListing.h"
 #include "reportfile/StoreFormat.h"
+#include "reportfile/tools/ByteSource.h"
 #include "reportfile/tools/DurableFiles.h"
 #include "reportfile/tools/StoreCopy.h"
 #include "reportfile/tools/StoreVerify.h"
@@ -41,56 +44,71 @@ Ending EndingOf(const std::string& name) {
   return {name.substr(0, name.size() - kEndingBytes), is_index ? kHasIndex : kHasData};
 }
 
-struct Found {
+// What is below a directory, by path from it.
+struct FoundNames {
   std::vector<std::string> directories;
   std::vector<std::string> files;
-  std::vector<std::string> others;
-  std::vector<BackupItem> unread;  // whose status cannot be read
+  std::vector<BackupItem> others;  // links, what is neither file nor directory, and what cannot be read
 };
-
-enum class EntryKind { kFile, kDirectory, kOther };
-
-// 0 or the error number. A link is what it leads to, but none leads to a directory; one that leads nowhere is an other.
-int ReadKind(const std::string& path, EntryKind* kind) {
-  struct stat status = {};
-  if (lstat(path.c_str(), &status) != 0) return errno;
-  const bool is_link = S_ISLNK(status.st_mode);
-  const int error = is_link && stat(path.c_str(), &status) != 0 ? errno : 0;
-  const bool is_directory = !is_link && S_ISDIR(status.st_mode);
-  *kind = is_directory ? EntryKind::kDirectory : S_ISREG(status.st_mode) ? EntryKind::kFile : EntryKind::kOther;
-  return error == ENOENT || error == ENOTDIR || error == ELOOP ? 0 : error;
-}
 
 BackupItem Unread(const std::string& name, int error) {
   const BackupItemState state = error == ENOENT ? BackupItemState::kGone : BackupItemState::kUnreadable;
   return {.name = name, .kind = BackupItemKind::kFile, .state = state, .error = error};
 }
 
-// True for a directory whose entries are still to be listed.
-bool AddName(const std::string& directory, const std::string& name, Found* listing) {
-  EntryKind kind = EntryKind::kOther;
-  const int error = ReadKind(PathIn(directory, name), &kind);
-  if (error != 0) return listing->unread.push_back(Unread(name, error)), false;
-  if (kind == EntryKind::kFile) listing->files.push_back(name);
-  if (kind == EntryKind::kDirectory) listing->directories.push_back(name);
-  if (kind == EntryKind::kOther) listing->others.push_back(name);
-  return kind == EntryKind::kDirectory;
+// Adds what has `name` in the open `directory` and `path` from the top. True for a directory.
+bool AddEntry(int directory, const std::string& name, const std::string& path, FoundNames* found) {
+  struct stat status = {};
+  const int error = file::StatusOf(name.c_str(), status, AT_SYMLINK_NOFOLLOW, directory);
+  if (error != 0) {
+    found->others.push_back(Unread(path, error));
+  } else if (S_ISREG(status.st_mode)) {
+    found->files.push_back(path);
+  } else if (S_ISDIR(status.st_mode)) {
+    found->directories.push_back(path);
+    return true;
+  } else {
+    const bool is_link = S_ISLNK(status.st_mode);
+    found->others.push_back({.name = path, .kind = is_link ? BackupItemKind::kLink : BackupItemKind::kSkipped});
+  }
+  return false;
 }
 
-// Not with the language's own iterator, which ends the program when memory runs out.
-int ListFiles(const std::string& directory, Found* listing) {
-  std::vector<std::string> open = {""};  // below `directory`
-  while (!open.empty()) {
-    const std::string parent = std::move(open.back());
-    open.pop_back();
-    const bool is_top = parent.empty();
-    const std::string path = is_top ? directory : PathIn(directory, parent);
-    const Listing found = ListDirectory(path);
-    if (found.error != 0) return found.error;
-    for (const std::string& name : found.names) {
-      const std::string below = is_top ? name : PathIn(parent, name);
-      if (AddName(directory, below, listing)) open.push_back(below);
+// A directory on the way down, with the names in it that are still to be handled.
+struct Level {
+  std::string path;  // from the top
+  std::vector<std::string> names = {};
+};
+
+// Enters a subdirectory and lists it; one that was removed since is empty. 0 or the error number.
+int EnterAndList(DirectoryCursor* cursor, const std::string& name, const std::string& path,
+                 std::vector<Level>* levels) {
+  if (const int error = cursor->Enter(name); error != 0) return error == ENOENT ? 0 : error;
+  levels->push_back({.path = path});
+  return file::ListNames(cursor->Number(), levels->back().names);
+}
+
+// 0 or the error number of the first directory that cannot be listed.
+int FindNames(int directory, FoundNames* found) {
+  DirectoryCursor cursor;
+  file::Descriptor top = file::OpenDirectory(".", 0, directory);  // a position of its own
+  if (!top.IsOpen()) return errno;
+  if (const int error = cursor.Begin(std::move(top)); error != 0) return error;
+  std::vector<Level> levels(1);
+  if (const int error = file::ListNames(cursor.Number(), levels.back().names); error != 0) return error;
+  while (!levels.empty()) {
+    int error = 0;
+    if (levels.back().names.empty()) {
+      levels.pop_back();
+      error = levels.empty() ? 0 : cursor.Leave();
+    } else {
+      const std::string name = std::move(levels.back().names.back());
+      levels.back().names.pop_back();
+      const std::string path = PathIn(levels.back().path, name);
+      const bool is_directory = AddEntry(cursor.Number(), name, path, found);
+      if (is_directory) error = EnterAndList(&cursor, name, path, &levels);
     }
+    if (error != 0) return error;
   }
   return 0;
 }
@@ -120,19 +138,37 @@ std::string WithoutTrailingSlashes(std::string path) {
   return path;
 }
 
+// Of a copy, which nobody writes to. 0 or the error number.
+int LookAtCopy(const std::string& base, int directory, StoreLook* look) {
+  FileBytes index(OpenForReading(IndexFileName(base), directory));
+  int error = errno;
+  FileBytes data(OpenForReading(DataFileName(base), directory));
+  if (index.IsOpen()) error = errno;
+  if (!index.IsOpen() || !data.IsOpen()) return error;
+  *look = LookAtStore(index, data);
+  return index.Error() != 0 ? index.Error() : data.Error();
+}
+
 class Backup {
  public:
   Backup(std::string source, std::string target)
       : source_(WithoutTrailingSlashes(std::move(source))), target_(WithoutTrailingSlashes(std::move(target))) {}
 
   BackupResult Run() {
+    file::Descriptor top = file::OpenDirectory(source_.c_str());
+    const int open_error = errno;
     struct stat status = {};
-    if (stat(source_.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return End(BackupState::kNotFound);
+    if (!top.IsOpen() && (open_error == ENOENT || open_error == ENOTDIR)) return End(BackupState::kNotFound);
+    if (!top.IsOpen()) return Failed(open_error, source_);
+    if (const int error = file::StatusOf(top.Number(), status); error != 0) return Failed(error, source_);
     if (!IsMissingOrEmptyDirectory(target_) || IsWithin(target_, source_)) return End(BackupState::kRefused);
     PrivateDirectory directory(target_ + ".partial-");
     if (directory.Error() != 0) return Failed(directory.Error(), directory.Path());
-    if (!CopyTree(directory.Path()) || !PutInPlace(directory.Path(), status.st_mode & 0777)) return result_;
-    directory.Release();
+    DirectoriesBelow from(std::move(top));
+    file::Descriptor copy = file::OpenDirectory(".", 0, directory.Number());
+    if (!copy.IsOpen()) return Failed(errno, directory.Path());
+    DirectoriesBelow to(std::move(copy));
+    if (CopyTree(from, to) && FinishDirectories(from, to, status.st_mode)) PutInPlace(directory);
     return result_;
   }
 
@@ -148,87 +184,99 @@ class Backup {
     return End(BackupState::kFailed);
   }
 
-  bool CopyTree(const std::string& directory) {
-    ReportTree tree = ListReports(source_);
+  bool CopyTree(DirectoriesBelow& from, DirectoriesBelow& to) {
+    ReportTree tree = ListReports(from.Top());
     if (tree.error != 0) return Failed(tree.error, source_), false;
     directories_ = std::move(tree.directories);
-    for (const std::string& name : directories_) {
-      const std::string path = PathIn(directory, name);
-      if (mkdir(path.c_str(), S_IRWXU) != 0) return Failed(errno, path), false;
+    for (const std::string& path : directories_) {
+      const int above = to.Containing(path);
+      const int error = above < 0 ? errno : file::MakeDirectory(file::NameOf(path).c_str(), S_IRWXU, above);
+      if (error != 0) return Failed(error, PathIn(target_, path)), false;
     }
     for (BackupItem& item : tree.items) {
-      if (!Copy(item, directory)) return false;
+      if (!Copy(item, from, to)) return false;
       result_.items.push_back(std::move(item));
     }
     return true;
   }
 
   // False: the target cannot be written, so there will be no backup.
-  bool Copy(BackupItem& item, const std::string& directory) {
-    const std::string from = PathIn(source_, item.name);
-    const std::string to = PathIn(directory, item.name);
-    if (item.kind == BackupItemKind::kSkipped || item.state != BackupItemState::kCopied) return true;
-    return item.kind == BackupItemKind::kStore ? CopyReport(item, from, to) : CopyFile(item, from, to);
+  bool Copy(BackupItem& item, DirectoriesBelow& from, DirectoriesBelow& to) {
+    const bool has_bytes = item.kind != BackupItemKind::kSkipped && item.kind != BackupItemKind::kLink;
+    if (!has_bytes || item.state != BackupItemState::kCopied) return true;
+    const int from_directory = from.Containing(item.name);
+    if (from_directory < 0) return NoteError(item, errno, true);
+    const int to_directory = to.Containing(item.name);
+    if (to_directory < 0) return NoteError(item, errno, false);
+    return item.kind == BackupItemKind::kStore ? CopyReport(item, from_directory, to_directory)
+                                               : CopyFile(item, from_directory, to_directory);
   }
 
-  bool CopyReport(BackupItem& item, const std::string& from, const std::string& to) {
-    const StoreCopy copy = CopyStore(from, to);
+  bool CopyReport(BackupItem& item, int from, int to) {
+    const std::string base = file::NameOf(item.name);
+    const StoreCopy copy = CopyStore(base, base, from, to);
     item.was_written = copy.was_written;
-    if (copy.state == StoreCopyState::kFailed) return NoteError(item, copy.error, copy.is_source_error, copy.file);
+    if (copy.state == StoreCopyState::kFailed) return NoteError(item, copy.error, copy.is_source_error);
     if (copy.state == StoreCopyState::kNeverStill) item.state = BackupItemState::kNeverStill;
     if (copy.state == StoreCopyState::kGone) item.state = BackupItemState::kGone;
     if (copy.state != StoreCopyState::kCopied) return true;
-    const StoreVerdict verdict = VerifyStore(to);
-    item.records = verdict.look.header.highestIndex;
-    if (verdict.state != StoreState::kSound) item.state = BackupItemState::kDamaged;
+    StoreLook look;
+    const int error = LookAtCopy(base, to, &look);
+    item.records = look.header.highestIndex;
+    if (error != 0 || !look.findings.empty()) item.state = BackupItemState::kDamaged;
     return true;
   }
 
-  // A file that others replace or write is copied again until it stands as it stood before.
-  bool CopyFile(BackupItem& item, const std::string& from, const std::string& to) {
+  // A file that others replace or write is copied again until it did not change during the copy.
+  bool CopyFile(BackupItem& item, int from, int to) {
+    const std::string name = file::NameOf(item.name);
     for (int tries = 0; tries < kFileTriesMax; ++tries) {
-      const CopiedFile copy = CopyRegularFile(from, to);
+      const CopiedFile copy = CopyRegularFile(name, from, name, to);
       if (copy.error == ENOENT && copy.is_source_error) item.state = BackupItemState::kGone;
       if (item.state == BackupItemState::kGone) return true;
-      if (copy.error != 0) return NoteError(item, copy.error, copy.is_source_error, copy.is_source_error ? from : to);
-      if (IsUnchanged(from, copy.status)) return true;
-      (void)unlink(to.c_str());
+      if (copy.error != 0) return NoteError(item, copy.error, copy.is_source_error);
+      struct stat now = {};
+      const int error = file::StatusOf(name.c_str(), now, AT_SYMLINK_NOFOLLOW, from);
+      if (error == 0 && file::IsUnchanged(copy.status, now)) return true;
+      (void)file::Remove(name.c_str(), 0, to);
     }
     item.state = BackupItemState::kNeverStill;
     return true;
   }
 
-  bool NoteError(BackupItem& item, int error, bool is_source_error, const std::string& file) {
-    if (!is_source_error) return Failed(error, file), false;
+  bool NoteError(BackupItem& item, int error, bool is_source_error) {
+    if (!is_source_error) return Failed(error, PathIn(target_, item.name)), false;
     item.state = BackupItemState::kUnreadable;
     item.error = error;
     return true;
   }
 
-  static bool IsUnchanged(const std::string& path, const struct stat& before) {
-    struct stat now = {};
-    return stat(path.c_str(), &now) == 0 && now.st_ino == before.st_ino && now.st_size == before.st_size &&
-           now.st_mtim.tv_sec == before.st_mtim.tv_sec && now.st_mtim.tv_nsec == before.st_mtim.tv_nsec;
-  }
-
-  // Permissions and syncs from the innermost directory outwards, then the one step that makes it a backup.
-  bool PutInPlace(const std::string& directory, mode_t mode) {
-    for (auto name = directories_.rbegin(); name != directories_.rend(); ++name) {
+  // Permissions and syncs from the innermost directory outwards.
+  bool FinishDirectories(DirectoriesBelow& from, DirectoriesBelow& to, mode_t mode) {
+    for (auto path = directories_.rbegin(); path != directories_.rend(); ++path) {
       struct stat status = {};
-      const bool is_known = stat(PathIn(source_, *name).c_str(), &status) == 0;
-      if (!FinishDirectory(PathIn(directory, *name), is_known ? status.st_mode & 0777 : S_IRWXU)) return false;
+      const int source = from.At(*path);
+      const bool is_known = source >= 0 && file::StatusOf(source, status) == 0;
+      if (!FinishDirectory(to.At(*path), is_known ? status.st_mode : S_IRWXU, *path)) return false;
     }
-    if (!FinishDirectory(directory, mode)) return false;
-    // An empty directory at the target is replaced in the same step; anything else has come meanwhile and stays.
-    if (rename(directory.c_str(), target_.c_str()) != 0) return Failed(errno, target_), false;
-    (void)SyncPath(ParentOf(target_));  // the backup is whole either way; only its name could be lost in a crash
-    return true;
+    return FinishDirectory(to.Top(), mode, "");
   }
 
-  bool FinishDirectory(const std::string& path, mode_t mode) {
-    if (chmod(path.c_str(), mode | S_IRWXU) != 0) return Failed(errno, path), false;
-    if (const int error = SyncPath(path)) return Failed(error, path), false;
-    return true;
+  bool FinishDirectory(int directory, mode_t mode, const std::string& path) {
+    int error = directory >= 0 && fchmod(directory, (mode & 0777) | S_IRWXU) == 0 ? 0 : errno;
+    if (error == 0) error = file::Sync(directory);
+    if (error != 0) (void)Failed(error, PathIn(target_, path));
+    return error == 0;
+  }
+
+  // The one step that makes it a backup. An empty directory at the target is replaced in it; anything else has come
+  // since the check and stays.
+  void PutInPlace(PrivateDirectory& directory) {
+    if (const int error = directory.RenameTo(file::NameOf(target_)); error != 0) {
+      (void)Failed(error, target_);
+      return;
+    }
+    (void)directory.SyncAbove();  // the backup is whole either way; only its name could be lost in a crash
   }
 
   const std::string source_;
@@ -243,17 +291,14 @@ BackupResult BackupReports(const std::string& report_directory, const std::strin
   return Backup(report_directory, target).Run();
 }
 
-ReportTree ListReports(const std::string& directory) {
-  Found listing;
+ReportTree ListReports(int directory) {
+  FoundNames found;
   ReportTree tree;
-  tree.error = ListFiles(directory, &listing);
-  tree.directories = std::move(listing.directories);
-  std::sort(tree.directories.begin(), tree.directories.end());  // so each comes before what it holds
-  tree.items = std::move(listing.unread);
-  AddFiles(listing.files, &tree.items);
-  for (std::string& name : listing.others) {
-    tree.items.push_back({.name = std::move(name), .kind = BackupItemKind::kSkipped});
-  }
+  tree.error = FindNames(directory, &found);
+  tree.directories = std::move(found.directories);
+  std::sort(tree.directories.begin(), tree.directories.end());  // so each comes before what it contains
+  tree.items = std::move(found.others);
+  AddFiles(found.files, &tree.items);
   std::sort(tree.items.begin(), tree.items.end(),
             [](const BackupItem& a, const BackupItem& b) { return a.name < b.name; });
   return tree;

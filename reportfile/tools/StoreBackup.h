@@ -1,8 +1,10 @@
 // Copies a report directory while its writers go on: every store consistent by itself, every other file as it is.
 //
-// The backup is built in a directory beside the target under a name that ends in six random characters, synced, and
+// The backup is built in a directory next to the target under a name that ends in six random characters, synced, and
 // renamed at the end. A crash or a full disk therefore leaves no target at all, never half of one. A store that could
-// not be copied consistently is left out, and the result says so.
+// not be copied consistently is left out, and the result says so. Symbolic links are left out and named: whoever may
+// write to a report directory could otherwise have any file copied. For the same reason everything is read and written
+// by names in open directories.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +17,8 @@ enum class BackupItemKind {
   kStore,      // both files of a report
   kFile,       // any other regular file
   kHalfStore,  // an index or data file without the other one; copied as it is
-  kSkipped,    // neither a regular file nor a directory, or a link to a directory; not copied
+  kLink,       // a symbolic link; not copied
+  kSkipped,    // neither a regular file nor a directory; not copied
 };
 
 enum class BackupItemState {
@@ -23,7 +26,7 @@ enum class BackupItemState {
   kDamaged,     // copied, and the copy has findings
   kNeverStill,  // not copied: its writer overwrote it faster than it could be read, or a file kept changing
   kGone,        // not copied: removed meanwhile
-  kUnreadable,  // not copied: its bytes, or what it is, cannot be read
+  kUnreadable,  // not copied: its bytes cannot be read, or `stat` fails
 };
 
 struct BackupItem {
@@ -38,7 +41,7 @@ struct BackupItem {
 enum class BackupState {
   kDone,      // the target holds every item whose state says so
   kNotFound,  // no report directory
-  kRefused,   // the target exists and is not an empty directory, or lies in the report directory
+  kRefused,   // the target exists and is not an empty directory, or is in the report directory
   kFailed,    // the report directory cannot be listed, or the target not written; there is no target
 };
 
@@ -52,17 +55,17 @@ struct BackupResult {
 // [any thread]
 [[nodiscard]] BackupResult BackupReports(const std::string& report_directory, const std::string& target);
 
-// What a report directory, or a backup of one, holds: reports, other files, directories, each by name below it. An item
-// that was removed while it was listed is kGone, one that did not tell what it is kUnreadable.
+// What a report directory, or a backup of one, contains: reports, other files, directories, each by name below it. An
+// item that was removed while it was listed is kGone, one whose `stat` fails kUnreadable.
 struct ReportTree {
-  int error = 0;  // of listing it; what was listed before stands
+  int error = 0;  // of listing it; what was listed before stays
   std::vector<std::string> directories;
   std::vector<BackupItem> items;
 };
 
-// Lists `directory` and everything below it, hidden names included, without following links to directories; each
-// directory before what it holds. [any thread]
-[[nodiscard]] ReportTree ListReports(const std::string& directory);
+// Lists the open `directory` and everything below it, hidden names included, without following links; each directory
+// before what it contains. [any thread]
+[[nodiscard]] ReportTree ListReports(int directory);
 
 // Is `path`, as far as it exists, `directory` itself or below it? Links are resolved. [any thread]
 [[nodiscard]] bool IsWithin(const std::string& path, const std::string& directory);

@@ -38,10 +38,10 @@ std::uint32_t SlotOfRecent(const IndexHeader& header, std::uint32_t younger) {
 // The files of a store at this moment.
 class LiveStore {
  public:
-  explicit LiveStore(const std::string& base_path)
-      : index_(OpenStoreFile(IndexFileName(base_path), OpenMode::kRead)),
+  explicit LiveStore(const std::string& base_path, int directory)
+      : index_(OpenForReading(IndexFileName(base_path), directory)),
         index_error_(errno),
-        data_(OpenStoreFile(DataFileName(base_path), OpenMode::kRead)),
+        data_(OpenForReading(DataFileName(base_path), directory)),
         data_error_(errno) {}
 
   int IndexError() const { return index_.IsOpen() ? 0 : index_error_; }
@@ -100,7 +100,8 @@ std::string_view BytesOf(const T& value) {
 
 // The copies while they are being made.
 struct Copies {
-  explicit Copies(const std::string& base_path) : index(IndexFileName(base_path)), data(DataFileName(base_path)) {}
+  Copies(const std::string& base_path, int directory)
+      : index(IndexFileName(base_path), directory), data(DataFileName(base_path), directory) {}
   int Error() const { return index.Error() != 0 ? index.Error() : data.Error(); }
   const std::string& FailedPath() const { return index.Error() != 0 ? index.Path() : data.Path(); }
 
@@ -113,7 +114,7 @@ enum class TryEnd { kCopied, kMoved, kFailed };
 // One try at a copy.
 class Copier {
  public:
-  Copier(const std::string& from, Copies& to) : from_(from), live_(from), to_(to) {}
+  Copier(const std::string& from, int from_directory, Copies& to) : from_(from), live_(from, from_directory), to_(to) {}
 
   TryEnd Try() {
     if (!CheckOpened()) return TryEnd::kFailed;
@@ -267,10 +268,10 @@ class Copier {
 
 }  // namespace
 
-StoreCopy CopyStore(const std::string& from, const std::string& to) {
-  Copies copies(to);
+StoreCopy CopyStore(const std::string& from, const std::string& to, int from_directory, int to_directory) {
+  Copies copies(to, to_directory);
   for (int tries = 0; tries < kTriesMax; ++tries) {
-    Copier copier(from, copies);
+    Copier copier(from, from_directory, copies);
     const TryEnd end = copier.Try();
     if (end == TryEnd::kCopied) (void)copier.Finish();
     if (end != TryEnd::kMoved) return copier.result();

@@ -7,6 +7,8 @@
 // locked and the writer notices nothing.
 #pragma once
 
+#include <fcntl.h>
+
 #include <string>
 
 namespace qx::report {
@@ -27,7 +29,10 @@ struct StoreCopy {
 };
 
 // Copies the files of the store at base path `from` to base path `to`, whose files must not exist; their directory
-// must. The copies are synced. A store that is at rest is copied byte for byte, damaged or not. [any thread]
-[[nodiscard]] StoreCopy CopyStore(const std::string& from, const std::string& to);
+// must. The copies are synced. A store that is at rest is copied byte for byte, damaged or not, and its holes stay
+// holes. Relative paths begin at the open directories; a file below an open directory is not read through a link. [any
+// thread]
+[[nodiscard]] StoreCopy CopyStore(const std::string& from, const std::string& to, int from_directory = AT_FDCWD,
+                                  int to_directory = AT_FDCWD);
 
 }  // namespace qx::report

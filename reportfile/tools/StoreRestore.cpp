@@ -1,10 +1,10 @@
 #include "reportfile/tools/StoreRestore.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <optional>
@@ -12,9 +12,8 @@
 #include <system_error>
 #include <utility>
 
-#include "reportfile/ReportFileBase.h"
+#include "base/File.h"
 #include "reportfile/StoreFormat.h"
-#include "reportfile/StoreIo.h"
 #include "reportfile/tools/ByteSource.h"
 #include "reportfile/tools/DurableFiles.h"
 #include "reportfile/tools/StoreVerify.h"
@@ -26,18 +25,41 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr long kBetweenLooksNanoseconds = 250'000'000;
+constexpr long kBetweenChecksNanoseconds = 250'000'000;
+constexpr mode_t kReportDirectoryMode = 0711;
 
 // The files that an item stands for, below its directory.
 std::vector<std::string> FilesOf(const RestoreItem& item) {
   if (item.kind == BackupItemKind::kStore) return {IndexFileName(item.name), DataFileName(item.name)};
-  if (item.kind == BackupItemKind::kSkipped) return {};
+  if (item.kind == BackupItemKind::kSkipped || item.kind == BackupItemKind::kLink) return {};
   return {item.name};
 }
 
-bool HaveEqualBytes(const std::string& left_path, const std::string& right_path) {
-  FileBytes left(OpenRegularFile(left_path, OpenMode::kRead));
-  FileBytes right(OpenRegularFile(right_path, OpenMode::kRead));
+// The file of this path below the top, opened for reading; not open, with errno, through any link.
+FileBytes OpenBelow(DirectoriesBelow& top, const std::string& path) {
+  const int directory = top.IsOpen() ? top.Containing(path) : -1;
+  if (directory >= 0) return FileBytes(OpenForReading(file::NameOf(path), directory));
+  if (!top.IsOpen()) errno = ENOENT;
+  return FileBytes(file::Descriptor());
+}
+
+// 0 or the error number.
+int StatusBelow(DirectoriesBelow& top, const std::string& path, struct stat& status) {
+  if (!top.IsOpen()) return ENOENT;
+  const int directory = top.Containing(path);
+  return directory < 0 ? errno : file::StatusOf(file::NameOf(path).c_str(), status, AT_SYMLINK_NOFOLLOW, directory);
+}
+
+// Is the directory of this path, or one on the way to it, a symbolic link?
+bool LeadsOverLink(DirectoriesBelow& top, const std::string& path) {
+  struct stat status = {};
+  for (std::string above = DirectoriesBelow::Above(path); !above.empty(); above = DirectoriesBelow::Above(above)) {
+    if (StatusBelow(top, above, status) == 0 && S_ISLNK(status.st_mode)) return true;
+  }
+  return false;
+}
+
+bool HaveEqualBytes(FileBytes& left, FileBytes& right) {
   if (!left.IsOpen() || !right.IsOpen() || left.Size() != right.Size()) return false;
   WindowedBytes left_window(left);
   WindowedBytes right_window(right);
@@ -50,43 +72,71 @@ bool HaveEqualBytes(const std::string& left_path, const std::string& right_path)
   }
 }
 
-// What tells that a file was written between two looks.
-struct Look {
-  std::int64_t bytes = 0;
-  timespec written = {};
+bool HaveEqualBytes(DirectoriesBelow& left_top, DirectoriesBelow& right_top, const std::string& path) {
+  FileBytes left = OpenBelow(left_top, path);
+  FileBytes right = OpenBelow(right_top, path);
+  return HaveEqualBytes(left, right);
+}
+
+// What shows that a file was written between two checks.
+struct Snapshot {
+  struct stat status = {};
   IndexHeader header;
 
-  bool operator==(const Look& other) const {
-    return bytes == other.bytes && written.tv_sec == other.written.tv_sec && written.tv_nsec == other.written.tv_nsec &&
-           header == other.header;
+  bool operator==(const Snapshot& other) const {
+    return status.st_size == other.status.st_size && status.st_mtim.tv_sec == other.status.st_mtim.tv_sec &&
+           status.st_mtim.tv_nsec == other.status.st_mtim.tv_nsec && header == other.header;
   }
 };
 
-Look LookAt(const std::string& path) {
-  Look look;
-  FileBytes file(OpenRegularFile(path, OpenMode::kRead));
-  struct stat status = {};
-  if (!file.IsOpen() || fstat(file.Number(), &status) != 0) return look;
-  look.bytes = status.st_size;
-  look.written = status.st_mtim;
-  (void)file.ReadAt(0, &look.header, sizeof look.header);  // a short one is compared as far as it goes
-  return look;
+Snapshot SnapshotOf(DirectoriesBelow& reports, const std::string& path) {
+  Snapshot snapshot;
+  FileBytes file = OpenBelow(reports, path);
+  if (!file.IsOpen() || file::StatusOf(file.Number(), snapshot.status) != 0) return snapshot;
+  (void)file.ReadAt(0, &snapshot.header, sizeof snapshot.header);  // a short one is compared as far as it is
+  return snapshot;
 }
+
+// A writer that locks its index file does not let this lock be taken.
+bool IsLocked(DirectoriesBelow& reports, const std::string& path) {
+  const FileBytes file = OpenBelow(reports, path);
+  return file.IsOpen() && file::TryLock(file.Number()) == EWOULDBLOCK;
+}
+
+// The two directories of a restore, open from its beginning to its end.
+struct Directories {
+  Directories(const std::string& backup_path, const std::string& reports_path)
+      : backup_name(backup_path),
+        reports_name(reports_path),
+        backup(file::OpenDirectory(backup_path.c_str())),
+        backup_error(backup.IsOpen() ? 0 : errno),
+        reports(file::OpenDirectory(reports_path.c_str())),
+        reports_error(reports.IsOpen() ? 0 : errno) {}
+
+  std::string backup_name;
+  std::string reports_name;
+  DirectoriesBelow backup;
+  int backup_error;
+  DirectoriesBelow reports;  // not open if there is none yet
+  int reports_error;
+};
 
 class Planner {
  public:
-  Planner(std::string backup, std::string reports) : backup_(std::move(backup)), reports_(std::move(reports)) {}
+  explicit Planner(Directories& directories) : directories_(directories) {}
 
   RestoreResult Run() {
-    std::error_code error;
-    if (!fs::is_directory(backup_, error)) return End(RestoreState::kNotFound);
-    if (IsWithin(backup_, reports_) || IsWithin(reports_, backup_)) return End(RestoreState::kRefused);
-    const ReportTree tree = ListReports(backup_);
-    if (tree.error != 0) return Failed(tree.error, backup_);
+    const auto& [backup_name, reports_name, backup, backup_error, reports, reports_error] = directories_;
+    if (backup_error == ENOENT || backup_error == ENOTDIR) return End(RestoreState::kNotFound);
+    if (backup_error != 0) return Failed(backup_error, backup_name);
+    if (reports_error != 0 && reports_error != ENOENT) return Failed(reports_error, reports_name);
+    if (IsWithin(backup_name, reports_name) || IsWithin(reports_name, backup_name)) return End(RestoreState::kRefused);
+    const ReportTree tree = ListReports(backup.Top());
+    if (tree.error != 0) return Failed(tree.error, backup_name);
     for (const BackupItem& found : tree.items) {
-      if (found.state == BackupItemState::kUnreadable) return Failed(found.error, PathIn(backup_, found.name));
-      const bool has_bytes = found.kind != BackupItemKind::kSkipped && found.state == BackupItemState::kCopied;
-      if (has_bytes) result_.items.push_back(Planned(found));
+      if (found.state == BackupItemState::kUnreadable) return Failed(found.error, PathIn(backup_name, found.name));
+      const bool is_restored = found.kind != BackupItemKind::kSkipped && found.state == BackupItemState::kCopied;
+      if (is_restored) result_.items.push_back(Planned(found));
     }
     FindLiveReports();
     return End(RestoreState::kPlanned);
@@ -106,50 +156,67 @@ class Planner {
 
   RestoreItem Planned(const BackupItem& found) const {
     RestoreItem item = {.name = found.name, .kind = found.kind};
-    bool is_same = true;
+    item.is_link = item.kind == BackupItemKind::kLink || LeadsOverLink(directories_.reports, item.name);
+    bool is_same = !FilesOf(item).empty();
     for (const std::string& file : FilesOf(item)) {
-      if (KeyOf(PathIn(reports_, file)).has_value()) item.action = RestoreAction::kReplace;
-      is_same = is_same && HaveEqualBytes(PathIn(backup_, file), PathIn(reports_, file));
+      struct stat status = {};
+      const bool exists = StatusBelow(directories_.reports, file, status) == 0;
+      if (exists) item.action = RestoreAction::kReplace;
+      item.is_link = item.is_link || (exists && S_ISLNK(status.st_mode));
+      is_same = is_same && HaveEqualBytes(directories_.backup, directories_.reports, file);
     }
     if (is_same) item.action = RestoreAction::kSame;
-    const bool is_report = item.kind == BackupItemKind::kStore || item.kind == BackupItemKind::kHalfStore;
-    if (is_report) item.is_damaged = item.kind == BackupItemKind::kHalfStore || IsDamaged(PathIn(backup_, item.name));
+    item.is_damaged =
+        item.kind == BackupItemKind::kHalfStore || (item.kind == BackupItemKind::kStore && IsDamaged(item.name));
     return item;
   }
 
-  static bool IsDamaged(const std::string& base_path) { return VerifyStore(base_path).state != StoreState::kSound; }
-
-  std::vector<Look> LookAtAll() const {
-    std::vector<Look> looks;
-    for (const RestoreItem& item : result_.items) {
-      for (const std::string& file : FilesOf(item)) looks.push_back(LookAt(PathIn(reports_, file)));
-    }
-    return looks;
+  // Nobody writes to a backup.
+  bool IsDamaged(const std::string& base_path) const {
+    FileBytes index = OpenBelow(directories_.backup, IndexFileName(base_path));
+    FileBytes data = OpenBelow(directories_.backup, DataFileName(base_path));
+    if (!index.IsOpen() || !data.IsOpen()) return true;
+    return !LookAtStore(index, data).findings.empty() || index.Error() != 0 || data.Error() != 0;
   }
 
-  // An agent keeps the header in memory: what is restored under it, its next record spoils.
+  std::vector<Snapshot> SnapshotsOfAll() const {
+    std::vector<Snapshot> snapshots;
+    for (const RestoreItem& item : result_.items) {
+      for (const std::string& file : FilesOf(item)) snapshots.push_back(SnapshotOf(directories_.reports, file));
+    }
+    return snapshots;
+  }
+
+  std::optional<FileKey> KeyAt(const std::string& path) const {
+    struct stat status = {};
+    if (StatusBelow(directories_.reports, path, status) != 0) return std::nullopt;
+    return FileKey(status.st_dev, status.st_ino);
+  }
+
+  // An agent keeps the header in memory: its next record would spoil what is restored under it.
   void FindLiveReports() {
-    std::set<FileKey> wanted;
+    std::set<FileKey> keys;
     for (const RestoreItem& item : result_.items) {
       for (const std::string& file : FilesOf(item)) {
-        if (const auto key = KeyOf(PathIn(reports_, file))) wanted.insert(*key);
+        if (const auto key = KeyAt(file)) keys.insert(*key);
       }
     }
-    if (wanted.empty()) return;
-    const std::vector<Look> before = LookAtAll();
-    const timespec pause = {.tv_sec = 0, .tv_nsec = kBetweenLooksNanoseconds};
+    if (keys.empty()) return;
+    const std::vector<Snapshot> before = SnapshotsOfAll();
+    const timespec pause = {.tv_sec = 0, .tv_nsec = kBetweenChecksNanoseconds};
     (void)nanosleep(&pause, nullptr);  // a shorter pause only sees less
-    NoteLiveReports(before, LookAtAll(), FindWritingProcesses(wanted));
+    NoteLiveReports(before, SnapshotsOfAll(), FindWritingProcesses(keys));
   }
 
-  void NoteLiveReports(const std::vector<Look>& before, const std::vector<Look>& after,
+  void NoteLiveReports(const std::vector<Snapshot>& before, const std::vector<Snapshot>& after,
                        const std::vector<WritingProcess>& writing) {
     std::size_t at = 0;
     for (RestoreItem& item : result_.items) {
       for (const std::string& file : FilesOf(item)) {
-        item.is_being_written = item.is_being_written || before[at] != after[at];
+        const bool is_live = before[at] != after[at] || IsLocked(directories_.reports, file);
+        item.is_being_written = item.is_being_written || is_live;
         ++at;
-        const std::optional<FileKey> key = KeyOf(PathIn(reports_, file));
+        const std::optional<FileKey> key = KeyAt(file);
         for (const WritingProcess& writer : writing) {
           if (key == writer.file) item.writers.push_back(writer.process);
         }
@@ -160,8 +227,7 @@ class Planner {
     }
   }
 
-  const std::string backup_;
-  const std::string reports_;
+  Directories& directories_;
   RestoreResult result_;
 };
 
@@ -172,36 +238,146 @@ RestoreResult Failed(RestoreResult result, int error, std::string file) {
   return result;
 }
 
-// Copies the backup's directories and files, links to files as what they lead to. Sets the file that failed.
-int CopyBackup(const std::string& backup, const RestoreResult& plan, const std::string& to, std::string* failed) {
-  const ReportTree tree = ListReports(backup);
-  *failed = backup;
-  if (tree.error != 0) return tree.error;
-  for (const std::string& name : tree.directories) {
-    *failed = PathIn(to, name);
+// Creates the directory and what is missing above it. 0 or the error number.
+int MakeDirectories(const std::string& path) {
+  int error = file::MakeDirectory(path.c_str(), kReportDirectoryMode);
+  if (error == ENOENT) {
+    error = MakeDirectories(file::DirectoryOf(path));
+    if (error == 0) error = file::MakeDirectory(path.c_str(), kReportDirectoryMode);
+  }
+  return error == EEXIST ? 0 : error;
+}
+
+// The new files next to the ones that they replace, under private names until they are renamed. What was not renamed
+// is removed at the end, and so are the directories that were made, if nothing is in them.
+class StagedFiles {
+ public:
+  StagedFiles(Directories& directories) : directories_(directories), prefix_(WithRandomEnd(".restore-")) {}
+  ~StagedFiles() {
+    for (const Staged& staged : files_) Remove(staged.path, staged.new_name, 0);
+    for (auto path = made_.rbegin(); path != made_.rend(); ++path) Remove(*path, file::NameOf(*path), AT_REMOVEDIR);
+  }
+  StagedFiles(const StagedFiles&) = delete;
+  StagedFiles& operator=(const StagedFiles&) = delete;
+
+  // Makes the directory of this path, with the permissions of the backup's. 0 or the error number.
+  [[nodiscard]] int AddDirectory(const std::string& path) {
     struct stat status = {};
-    if (stat(PathIn(backup, name).c_str(), &status) != 0) return errno;
-    if (mkdir(failed->c_str(), (status.st_mode & 0777) | S_IRWXU) != 0) return errno;
+    const int source = directories_.backup.At(path);
+    if (source < 0) return errno;
+    if (const int error = file::StatusOf(source, status); error != 0) return error;
+    const int above = directories_.reports.Containing(path);
+    if (above < 0) return errno;
+    const int error = file::MakeDirectory(file::NameOf(path).c_str(), (status.st_mode & 0777) | S_IRWXU, above);
+    if (error == 0) made_.push_back(path);
+    return error == EEXIST ? 0 : error;
+  }
+
+  // Copies the backup's file of this path under a private name. 0 or the error number.
+  [[nodiscard]] int AddFile(const std::string& path) {
+    const std::string name = file::NameOf(path);
+    const int from = directories_.backup.Containing(path);
+    if (from < 0) return errno;
+    const int to = directories_.reports.Containing(path);
+    if (to < 0) return errno;
+    struct stat like = {};
+    int error = file::StatusOf(name.c_str(), like, AT_SYMLINK_NOFOLLOW, to);
+    if (error == 0 && !S_ISREG(like.st_mode))
+      return S_ISDIR(like.st_mode) ? EISDIR : S_ISLNK(like.st_mode) ? ELOOP : EINVAL;
+    if (error == ENOENT) error = file::StatusOf(name.c_str(), like, AT_SYMLINK_NOFOLLOW, from);
+    if (error != 0) return error;
+    like.st_atim = {.tv_sec = 0, .tv_nsec = UTIME_NOW};  // it is written now, and followers have to see it
+    like.st_mtim = like.st_atim;
+    const std::string new_name = prefix_ + "-" + std::to_string(files_.size());
+    files_.reserve(files_.size() + 1);
+    const CopiedFile copy = CopyRegularFile(name, from, new_name, to, &like);
+    if (copy.error == 0) files_.push_back({.path = path, .new_name = new_name});
+    return copy.error;
+  }
+
+  // Renames every file to its own name, and syncs the directories. Sets the file that failed. 0 or the error number.
+  [[nodiscard]] int PutInPlace(std::string* failed) {
+    made_.clear();
+    std::set<std::string> directories;
+    for (const Staged& staged : files_) directories.insert(DirectoriesBelow::Above(staged.path));
+    while (!files_.empty()) {
+      const Staged& staged = files_.back();
+      *failed = staged.path;
+      const int directory = directories_.reports.Containing(staged.path);
+      if (directory < 0) return errno;
+      const std::string name = file::NameOf(staged.path);
+      const int error = file::Rename(directory, staged.new_name.c_str(), directory, name.c_str());
+      if (error != 0) return error;
+      files_.pop_back();
+    }
+    for (const std::string& path : directories) {
+      *failed = path;
+      const int directory = directories_.reports.At(path);
+      if (directory < 0) return errno;
+      if (const int error = file::Sync(directory); error != 0) return error;
+    }
+    return 0;
+  }
+
+ private:
+  struct Staged {
+    std::string path;      // where it belongs, below the report directory
+    std::string new_name;  // in the same directory
+  };
+
+  void Remove(const std::string& path, const std::string& name, int flags) {
+    const int directory = directories_.reports.Containing(path);
+    if (directory >= 0) (void)file::Remove(name.c_str(), flags, directory);  // what cannot be removed stays
+  }
+
+  Directories& directories_;
+  std::string prefix_;
+  std::vector<Staged> files_;
+  std::vector<std::string> made_;
+};
+
+// Sets the file that failed. 0 or the error number.
+int StageBackup(const RestoreResult& plan, Directories& directories, StagedFiles& staged, std::string* failed) {
+  const ReportTree tree = ListReports(directories.backup.Top());
+  *failed = directories.backup_name;
+  if (tree.error != 0) return tree.error;
+  for (const std::string& path : tree.directories) {
+    *failed = PathIn(directories.reports_name, path);
+    if (const int error = staged.AddDirectory(path); error != 0) return error;
   }
   for (const RestoreItem& item : plan.items) {
-    for (const std::string& file : FilesOf(item)) {
-      const CopiedFile copy = CopyRegularFile(PathIn(backup, file), PathIn(to, file));
-      *failed = PathIn(copy.is_source_error ? backup : to, file);
-      if (copy.error != 0) return copy.error;
+    for (const std::string& path : FilesOf(item)) {
+      *failed = PathIn(directories.reports_name, path);
+      if (const int error = staged.AddFile(path); error != 0) return error;
     }
   }
   return 0;
 }
 
-// The file that did not reach its place; none if all did.
-std::optional<std::string> FileNotRestored(const RestoreResult& plan, const std::string& backup,
-                                           const std::string& reports) {
+// The file that is not in its place; none if all are.
+std::optional<std::string> FileNotRestored(const RestoreResult& plan, Directories& directories) {
   for (const RestoreItem& item : plan.items) {
-    for (const std::string& file : FilesOf(item)) {
-      if (!HaveEqualBytes(PathIn(backup, file), PathIn(reports, file))) return PathIn(reports, file);
+    for (const std::string& path : FilesOf(item)) {
+      if (!HaveEqualBytes(directories.backup, directories.reports, path)) return PathIn(directories.reports_name, path);
     }
   }
   return std::nullopt;
+}
+
+// Removes the directory that was restored from, and its name if it is still that of this directory.
+int RemoveBackup(Directories& directories) {
+  const std::string name = file::NameOf(directories.backup_name);
+  const file::Descriptor above = file::Open(file::DirectoryOf(directories.backup_name).c_str(), O_PATH | O_DIRECTORY);
+  if (!above.IsOpen()) return errno;
+  file::Descriptor top = file::OpenDirectory(".", 0, directories.backup.Top());
+  if (!top.IsOpen()) return errno;
+  struct stat opened = {};
+  struct stat named = {};
+  int error = file::StatusOf(top.Number(), opened);
+  if (error == 0) error = file::StatusOf(name.c_str(), named, AT_SYMLINK_NOFOLLOW, above.Number());
+  if (error == 0 && !file::IsSameFile(opened, named)) error = S_ISLNK(named.st_mode) ? ELOOP : ESTALE;
+  if (error == 0) error = RemoveContents(std::move(top));
+  return error == 0 ? file::Remove(name.c_str(), AT_REMOVEDIR, above.Number()) : error;
 }
 
 std::string AbsoluteWithoutSlash(const std::string& path) {
@@ -211,40 +387,59 @@ std::string AbsoluteWithoutSlash(const std::string& path) {
   return absolute;
 }
 
+template <typename Predicate>
+bool HasItem(const RestoreResult& plan, Predicate predicate) {
+  return std::any_of(plan.items.begin(), plan.items.end(), predicate);
+}
+
+// Why the plan is not carried out; kPlanned if it is.
+RestoreState ObstacleOf(const RestoreResult& plan, bool is_forced) {
+  if (HasItem(plan, [](const RestoreItem& item) { return item.is_link; })) return RestoreState::kLinked;
+  const bool is_blocked =
+      HasItem(plan, [](const RestoreItem& item) { return item.is_damaged || item.is_being_written; });
+  return is_blocked && !is_forced ? RestoreState::kBlocked : RestoreState::kPlanned;
+}
+
+// Stages and renames. The result of the plan, with what failed.
+RestoreResult CarryOut(RestoreResult result, Directories& directories) {
+  std::string failed = directories.reports_name;
+  if (!directories.reports.IsOpen()) {
+    int error = MakeDirectories(directories.reports_name);
+    if (error != 0) return Failed(std::move(result), error, failed);
+    directories.reports = DirectoriesBelow(file::OpenDirectory(directories.reports_name.c_str()));
+    error = directories.reports.IsOpen() ? 0 : errno;
+    if (error != 0) return Failed(std::move(result), error, failed);
+  }
+  StagedFiles staged(directories);
+  if (const int error = StageBackup(result, directories, staged, &failed); error != 0) {
+    return Failed(std::move(result), error, failed);
+  }
+  if (const int error = staged.PutInPlace(&failed); error != 0) {
+    return Failed(std::move(result), error, PathIn(directories.reports_name, failed));
+  }
+  if (const auto file = FileNotRestored(result, directories)) return Failed(std::move(result), 0, *file);
+  result.state = RestoreState::kDone;
+  return result;
+}
+
 }  // namespace
 
 RestoreResult PlanRestore(const std::string& backup_directory, const std::string& report_directory) {
-  return Planner(AbsoluteWithoutSlash(backup_directory), AbsoluteWithoutSlash(report_directory)).Run();
+  Directories directories(AbsoluteWithoutSlash(backup_directory), AbsoluteWithoutSlash(report_directory));
+  return Planner(directories).Run();
 }
 
 RestoreResult RestoreReports(const std::string& backup_directory, const std::string& report_directory,
                              const RestoreOptions& options) {
-  const std::string backup = AbsoluteWithoutSlash(backup_directory);
-  const std::string reports = AbsoluteWithoutSlash(report_directory);
-  RestoreResult result = PlanRestore(backup, reports);
+  Directories directories(AbsoluteWithoutSlash(backup_directory), AbsoluteWithoutSlash(report_directory));
+  RestoreResult result = Planner(directories).Run();
   if (result.state != RestoreState::kPlanned) return result;
-  const bool is_blocked = std::any_of(result.items.begin(), result.items.end(),
-                                      [](const RestoreItem& item) { return item.is_damaged || item.is_being_written; });
-  if (is_blocked && !options.force) {
-    result.state = RestoreState::kBlocked;
-    return result;
-  }
-
-  const PrivateDirectory copy(reports + ".restore-");  // beside them, where there is room for them
-  if (copy.Error() != 0) return Failed(std::move(result), copy.Error(), copy.Path());
-  std::string failed;
-  if (const int error = CopyBackup(backup, result, copy.Path(), &failed))
-    return Failed(std::move(result), error, failed);
-  errno = 0;
-  const bool is_restored = CReportFileBase::RestoreReportDataFiles(copy.Path());
-  const int error = is_restored ? 0 : errno;
-  if (const auto file = FileNotRestored(result, backup, reports)) return Failed(std::move(result), error, *file);
-  if (!is_restored) return Failed(std::move(result), error, reports);
-
-  result.state = RestoreState::kDone;
-  const int remove_error = options.consume ? RemoveTree(backup) : 0;
-  if (remove_error != 0) return Failed(std::move(result), remove_error, backup);
-  return result;
+  result.state = ObstacleOf(result, options.force);
+  if (result.state != RestoreState::kPlanned) return result;
+  result = CarryOut(std::move(result), directories);
+  if (result.state != RestoreState::kDone || !options.consume) return result;
+  const int error = RemoveBackup(directories);
+  return error == 0 ? result : Failed(std::move(result), error, directories.backup_name);
 }
 
 }  // namespace qx::report

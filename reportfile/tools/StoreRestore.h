@@ -1,7 +1,10 @@
-// Puts a backup back: says first what it would replace, then has the store's own restore operation do it.
+// Restores a backup: first says what it would replace, then replaces it file by file.
 //
-// CReportFileBase::RestoreReportDataFiles deletes the directory that it restores from, whatever came of the copy. It
-// therefore gets a private copy of the backup, and the operator's own backup stays unless asked otherwise.
+// Each file is written under a private name in the directory where it belongs, and synced. When all are there they are
+// renamed, one after the other. Until the first rename nothing has changed; a file is never seen half written. Symbolic
+// links among the files to replace, or among directories, refuse the restore: whoever may write to a report directory
+// could otherwise have any file replaced. For the same reason everything is read and written by names in open
+// directories.
 #pragma once
 
 #include <cstdint>
@@ -22,16 +25,19 @@ struct RestoreItem {
   std::string name;  // as BackupItem's
   BackupItemKind kind = BackupItemKind::kFile;
   RestoreAction action = RestoreAction::kAdd;
-  bool is_damaged = false;        // the backup's store has findings
-  bool is_being_written = false;  // the report that it replaces changed between two looks, or is open for writing
+  bool is_damaged = false;  // the backup's store has findings
+  bool is_link = false;     // a symbolic link is in the backup, in the place of a file or on the way to it
+  bool is_being_written =
+      false;  // the report that it replaces changed between two checks, is locked or open for writing
   std::vector<int> writers = {};  // processes that have it open for writing, as far as this user can see
 };
 
 enum class RestoreState {
   kPlanned,   // nothing was changed
-  kDone,      // every file of the backup stands in the report directory, compared byte for byte
-  kNotFound,  // the backup is no directory
-  kRefused,   // one of the two directories lies in the other
+  kDone,      // every file of the backup is in the report directory, compared byte for byte
+  kNotFound,  // the backup is not a directory
+  kRefused,   // one of the two directories is in the other
+  kLinked,    // nothing was changed: an item is or meets a symbolic link
   kBlocked,   // nothing was changed: an item is damaged or being written
   kFailed,    // the backup cannot be read or copied (nothing was changed), or not all of it reached its place
 };
@@ -44,7 +50,7 @@ struct RestoreResult {
 };
 
 // Says what restoring `backup_directory` into `report_directory` would do. Takes a quarter of a second, between two
-// looks at the reports that would be replaced. [any thread]
+// checks of the reports that would be replaced. [any thread]
 [[nodiscard]] RestoreResult PlanRestore(const std::string& backup_directory, const std::string& report_directory);
 
 struct RestoreOptions {
@@ -52,8 +58,8 @@ struct RestoreOptions {
   bool consume = false;  // removes the backup after a restore that is done
 };
 
-// Plans, then restores with CReportFileBase::RestoreReportDataFiles, which finds the report directory itself:
-// `report_directory` has to be that one. Files of the report directory that the backup does not have stay. [any thread]
+// Plans, then restores. A file that is replaced keeps its owner and permissions; a new one gets those of the backup.
+// Files of the report directory that the backup does not have stay. [any thread]
 [[nodiscard]] RestoreResult RestoreReports(const std::string& backup_directory, const std::string& report_directory,
                                            const RestoreOptions& options);
 

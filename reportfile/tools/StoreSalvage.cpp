@@ -306,14 +306,15 @@ SalvageResult WriteNewStore(SourceFile& index, SourceFile& data, bool with_unind
 // The data file first: a lone data file is not taken for a report.
 int PutInPlace(const std::string& from, const std::string& to) {
   for (const auto& name : {DataFileName, IndexFileName}) {
-    if (const int error = SyncPath(name(from))) return error;
+    if (const int error = SyncName(name(from))) return error;
   }
-  if (const int error = RenameWithoutReplacing(DataFileName(from), DataFileName(to))) return error;
-  if (const int error = RenameWithoutReplacing(IndexFileName(from), IndexFileName(to))) {
+  if (const int error = file::RenameWithoutReplacing(DataFileName(from).c_str(), DataFileName(to).c_str()))
+    return error;
+  if (const int error = file::RenameWithoutReplacing(IndexFileName(from).c_str(), IndexFileName(to).c_str())) {
     (void)unlink(DataFileName(to).c_str());  // ours, just put there
     return error;
   }
-  return SyncPath(ParentOf(to));
+  return file::SyncDirectory(file::DirectoryOf(to).c_str());
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #include "reportfile/tools/StoreCopy.h"
 #include "tests/reportfile/StoreLife.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
 namespace {
@@ -181,25 +182,60 @@ TEST_F(StoreBackup, AStoreWhoseWriterDiedInARecordIsCopiedAsItIs) {
   EXPECT_EQ(ReadFile(target_ + "/load.dat"), ReadFile(reports_ + "/load.dat"));
 }
 
-TEST_F(StoreBackup, AFileThatDoesNotTellWhatItIsIsNamedAsUnreadable) {
+TEST_F(StoreBackup, FileWhoseStatFailsIsNamedAsUnreadable) {
   MakeStore("load", 3, {"a"});
-  MakeFileOutOfReach(reports_ + "/sub");
+  WriteFile(reports_ + "/notes", "n");
+  const FailingCall fault({.call = FileCall::kStatusAt, .path = "notes", .error = EIO});
   const BackupResult result = report::BackupReports(reports_, target_);
   EXPECT_EQ(result.state, BackupState::kDone) << result.file << " " << result.error;
   ASSERT_EQ(result.items.size(), 2U);
   EXPECT_EQ(result.items[0].state, BackupItemState::kCopied);
   EXPECT_EQ(result.items[1].state, BackupItemState::kUnreadable);
-  EXPECT_EQ(result.items[1].error, ENAMETOOLONG);
+  EXPECT_EQ(result.items[1].error, EIO);
 }
 
-TEST_F(StoreBackup, WhatIsNeitherFileNorDirectoryIsNamedAndLeftOut) {
-  ASSERT_EQ(mkfifo((reports_ + "/pipe").c_str(), 0600), 0);
+TEST_F(StoreBackup, ListingThatBreaksOffLeavesNoTarget) {
+  MakeStore("load", 3, {"a"});
+  const FailingCall fault({.call = FileCall::kReadEntries, .nth = 2, .error = EIO});
+  const BackupResult result = report::BackupReports(reports_, target_);
+  EXPECT_EQ(result.state, BackupState::kFailed);
+  EXPECT_EQ(result.error, EIO);
+  EXPECT_THAT(NamesBelow(dir_.Path()), ElementsAre("reports", "reports/load.dat", "reports/load.ind"));
+}
+
+TEST_F(StoreBackup, LinksAreNamedAndLeftOut) {
+  WriteFile(dir_.File("secret"), "s");
+  MakeStore("load", 3, {"a"});
+  fs::create_symlink(dir_.File("secret"), reports_ + "/file-link");
   fs::create_directory_symlink(reports_, reports_ + "/loop");
+  fs::create_symlink("nowhere", reports_ + "/dangling");
   const BackupResult result = report::BackupReports(reports_, target_);
   EXPECT_EQ(result.state, BackupState::kDone);
-  ASSERT_EQ(result.items.size(), 2U);
-  for (const report::BackupItem& item : result.items) EXPECT_EQ(item.kind, BackupItemKind::kSkipped);
+  ASSERT_EQ(result.items.size(), 4U);
+  EXPECT_EQ(result.items[0].name, "dangling");
+  EXPECT_EQ(result.items[0].kind, BackupItemKind::kLink);
+  EXPECT_EQ(result.items[1].kind, BackupItemKind::kLink);
+  EXPECT_EQ(result.items[3].kind, BackupItemKind::kLink);
+  EXPECT_THAT(NamesBelow(target_), ElementsAre("load.dat", "load.ind"));
+}
+
+TEST_F(StoreBackup, FifosAreNamedAndLeftOut) {
+  ASSERT_EQ(mkfifo((reports_ + "/pipe").c_str(), 0600), 0);
+  const BackupResult result = report::BackupReports(reports_, target_);
+  EXPECT_EQ(result.state, BackupState::kDone);
+  ASSERT_EQ(result.items.size(), 1U);
+  EXPECT_EQ(result.items[0].kind, BackupItemKind::kSkipped);
   EXPECT_THAT(NamesBelow(target_), IsEmpty());
+}
+
+TEST_F(StoreBackup, HolesStayHoles) {
+  MakeSparseFile(reports_ + "/sparse");
+  MakeSparseFile(reports_ + "/half.dat");
+  ASSERT_EQ(report::BackupReports(reports_, target_).state, BackupState::kDone);
+  for (const char* const name : {"/sparse", "/half.dat"}) {
+    EXPECT_TRUE(ReadFile(target_ + name) == ReadFile(reports_ + name));
+    EXPECT_LE(BlocksOf(target_ + name), BlocksOf(reports_ + name) + 8) << name;
+  }
 }
 
 TEST_F(StoreBackup, ATargetThatHoldsSomethingIsRefused) {

@@ -2,9 +2,9 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -79,18 +79,21 @@ class StoreFiles {
   std::string base_ = dir_.File("r1");
 };
 
-// A file so deep below `directory` that its path is longer than any path may be: its directory can be listed, but
-// nobody can say what it is.
-inline void MakeFileOutOfReach(const std::string& directory) {
-  const std::string name(NAME_MAX, 'd');
-  std::string deep = directory;
-  while (deep.size() + 1 + name.size() < PATH_MAX) deep.append("/").append(name);
-  std::filesystem::create_directories(deep);
-  const int at = open(deep.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const int file = openat(at, name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-  if (file < 0) throw std::runtime_error("no file in " + deep);
+// A file of 64 MiB with data at its beginning, in its middle and a hole at its end.
+inline void MakeSparseFile(const std::string& path) {
+  constexpr std::int64_t kMiB = std::int64_t{1} << 20;
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  const bool is_made = pwrite(file, "begin", 5, 0) == 5 && pwrite(file, "middle", 6, 30 * kMiB + 7) == 6 &&
+                       ftruncate(file, 64 * kMiB) == 0;
   close(file);
-  close(at);
+  if (!is_made) throw std::runtime_error("no " + path);
+}
+
+// Of 512 bytes each.
+inline std::int64_t BlocksOf(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) throw std::runtime_error("no " + path);
+  return status.st_blocks;
 }
 
 // The records of an open store, oldest first; a slot that cannot be read ends the list.

@@ -1,5 +1,6 @@
 #include "reportfile/tools/StoreRestore.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -8,8 +9,9 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "tests/provider/ReportRoot.h"
+#include "base/File.h"
 #include "tests/reportfile/StoreLife.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
 namespace {
@@ -45,7 +47,6 @@ class StoreRestore : public testing::Test {
   }
 
   RestoreResult Restore(const RestoreOptions& options = {}) const {
-    const ReportRoot root(reports_);
     return report::RestoreReports(backup_, reports_, options);
   }
 
@@ -60,6 +61,13 @@ class StoreRestore : public testing::Test {
     CReportFileBase store;
     if (!store.OpenRead(base_path.c_str())) return {"cannot be opened"};
     return ReadAll(store);
+  }
+
+  // As MakeBoth left them, with these names and no others.
+  void ExpectReportsUnchanged(const std::vector<std::string>& names) const {
+    EXPECT_EQ(NamesIn(reports_), names);
+    EXPECT_THAT(RecordsOf(reports_ + "/load"), ElementsAre("a\r\n", "b\r\n", "c\r\n"));
+    EXPECT_THAT(RecordsOf(reports_ + "/other"), ElementsAre("x\r\n"));
   }
 
   TempDir dir_;
@@ -149,25 +157,141 @@ TEST_F(StoreRestore, HalfAStoreCountsAsDamaged) {
   EXPECT_EQ(Restore().state, RestoreState::kBlocked);
 }
 
-// A directory stands where a file has to go. The copy ends there, so other files may be missing as well.
-TEST_F(StoreRestore, AFailedRestoreNamesAFileThatIsMissingAndKeepsTheBackup) {
+TEST_F(StoreRestore, DirectoryInPlaceOfAFileFailsBeforeAnythingIsChanged) {
   MakeBoth();
   fs::create_directory(reports_ + "/load.names");
   const RestoreResult result = Restore({.consume = true});
   EXPECT_EQ(result.state, RestoreState::kFailed);
-  EXPECT_THAT(result.file, testing::StartsWith(reports_ + "/load."));
+  EXPECT_EQ(result.error, EISDIR);
+  EXPECT_EQ(result.file, reports_ + "/load.names");
+  EXPECT_THAT(NamesIn(backup_), ElementsAre("load.dat", "load.ind", "load.names"));
+  ExpectReportsUnchanged({"load.dat", "load.ind", "load.names", "other.dat", "other.ind"});
+}
+
+TEST_F(StoreRestore, FileWhoseStatFailsInTheBackupFailsBeforeAnythingIsChanged) {
+  MakeBoth();
+  WriteFile(backup_ + "/notes", "n");
+  const FailingCall fault({.call = FileCall::kStatusAt, .path = "notes", .error = EIO});
+  const RestoreResult result = Restore({.force = true});
+  EXPECT_EQ(result.state, RestoreState::kFailed);
+  EXPECT_EQ(result.error, EIO);
+  EXPECT_EQ(result.file, backup_ + "/notes");
+  ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
+}
+
+TEST_F(StoreRestore, ListingThatBreaksOffFailsBeforeAnythingIsChanged) {
+  MakeBoth();
+  const FailingCall fault({.call = FileCall::kReadEntries, .nth = 2, .error = EIO});
+  EXPECT_EQ(Restore({.force = true, .consume = true}).error, EIO);
+  ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
   EXPECT_THAT(NamesIn(backup_), ElementsAre("load.dat", "load.ind", "load.names"));
 }
 
-TEST_F(StoreRestore, AFileOfTheBackupThatDoesNotTellWhatItIsFailsTheRestoreBeforeAnythingIsChanged) {
+// Until the last file is written and synced, nothing has changed and nothing is left over.
+TEST_F(StoreRestore, FailureBeforeTheFirstRenameChangesNothing) {
   MakeBoth();
-  MakeFileOutOfReach(backup_ + "/sub");
-  const RestoreResult result = Restore({.force = true});
+  fs::create_directory(backup_ + "/sub");
+  for (const FileCall call : {FileCall::kSync, FileCall::kWriteAt, FileCall::kMakeDirectory, FileCall::kClose}) {
+    const FailingCall fault({.call = call, .path = "", .nth = 1, .times = kAlways, .error = ENOSPC});
+    EXPECT_EQ(Restore({.consume = true}).state, RestoreState::kFailed);
+    ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
+    EXPECT_THAT(NamesIn(backup_), ElementsAre("load.dat", "load.ind", "load.names", "sub"));
+  }
+}
+
+TEST_F(StoreRestore, FailedRenameIsNamedAndKeepsTheBackup) {
+  MakeBoth();
+  const FailingCall fault({.call = FileCall::kRename, .nth = 2, .error = EIO});
+  const RestoreResult result = Restore({.consume = true});
   EXPECT_EQ(result.state, RestoreState::kFailed);
-  EXPECT_EQ(result.error, ENAMETOOLONG);
-  EXPECT_THAT(result.file, testing::StartsWith(backup_ + "/sub/"));
-  EXPECT_THAT(NamesIn(reports_), ElementsAre("load.dat", "load.ind", "other.dat", "other.ind"));
-  EXPECT_THAT(RecordsOf(reports_ + "/load"), ElementsAre("a\r\n", "b\r\n", "c\r\n"));
+  EXPECT_EQ(result.error, EIO);
+  EXPECT_THAT(result.file, testing::StartsWith(reports_ + "/load."));
+  EXPECT_THAT(NamesIn(reports_), ElementsAre("load.dat", "load.ind", "load.names", "other.dat", "other.ind"));
+  EXPECT_THAT(NamesIn(backup_), ElementsAre("load.dat", "load.ind", "load.names"));
+}
+
+TEST_F(StoreRestore, FileIsReplacedAndNotWrittenInto) {
+  MakeBoth();
+  const std::string index = reports_ + "/load.ind";
+  fs::create_hard_link(index, dir_.File("other-name"));
+  ASSERT_EQ(chmod(index.c_str(), 04640), 0);
+  const std::string old = ReadFile(index);
+  EXPECT_EQ(Restore().state, RestoreState::kDone);
+  EXPECT_EQ(ReadFile(dir_.File("other-name")), old);
+  EXPECT_EQ(ReadFile(index), ReadFile(backup_ + "/load.ind"));
+  struct stat status;
+  ASSERT_EQ(stat(index.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640U);
+  EXPECT_EQ(status.st_nlink, 1U);
+}
+
+TEST_F(StoreRestore, ReplacedFileKeepsItsOwner) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make a file of another owner";
+  MakeBoth();
+  ASSERT_EQ(chown((reports_ + "/load.ind").c_str(), 1234, 2345), 0);
+  ASSERT_EQ(chown((backup_ + "/load.names").c_str(), 3456, 4567), 0);
+  EXPECT_EQ(Restore().state, RestoreState::kDone);
+  struct stat status;
+  ASSERT_EQ(stat((reports_ + "/load.ind").c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 1234U);
+  ASSERT_EQ(stat((reports_ + "/load.names").c_str(), &status), 0);
+  EXPECT_EQ(status.st_gid, 4567U);
+}
+
+TEST_F(StoreRestore, LinkInPlaceOfAFileIsRefusedAlsoByForce) {
+  MakeBoth();
+  WriteFile(dir_.File("secret"), "s");
+  fs::create_symlink(dir_.File("secret"), reports_ + "/load.names");
+  const RestoreResult plan = report::PlanRestore(backup_, reports_);
+  EXPECT_FALSE(plan.items[0].is_link);
+  EXPECT_TRUE(plan.items[1].is_link);
+  EXPECT_EQ(Restore({.force = true}).state, RestoreState::kLinked);
+  EXPECT_EQ(ReadFile(dir_.File("secret")), "s");
+  ExpectReportsUnchanged({"load.dat", "load.ind", "load.names", "other.dat", "other.ind"});
+}
+
+TEST_F(StoreRestore, LinkInPlaceOfADirectoryIsRefusedAlsoByForce) {
+  fs::create_directory(backup_ + "/sub");
+  WriteFile(backup_ + "/sub/a", "new");
+  fs::create_directory(dir_.File("elsewhere"));
+  fs::create_symlink(dir_.File("elsewhere"), reports_ + "/sub");
+  EXPECT_EQ(Restore({.force = true}).state, RestoreState::kLinked);
+  EXPECT_TRUE(fs::is_empty(dir_.File("elsewhere")));
+}
+
+TEST_F(StoreRestore, LinkInTheBackupIsRefusedAlsoByForce) {
+  MakeBoth();
+  WriteFile(dir_.File("secret"), "s");
+  fs::create_symlink(dir_.File("secret"), backup_ + "/notes");
+  EXPECT_EQ(Restore({.force = true}).state, RestoreState::kLinked);
+  ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
+}
+
+TEST_F(StoreRestore, BackupThatIsReachedOverALinkIsRestoredAndNotRemoved) {
+  MakeBoth();
+  fs::create_symlink(backup_, dir_.File("link"));
+  const RestoreResult result = report::RestoreReports(dir_.File("link"), reports_, {.consume = true});
+  EXPECT_EQ(result.state, RestoreState::kFailed);
+  EXPECT_EQ(result.error, ELOOP);
+  EXPECT_THAT(RecordsOf(reports_ + "/load"), ElementsAre("a\r\n", "b\r\n"));
+  EXPECT_THAT(NamesIn(backup_), ElementsAre("load.dat", "load.ind", "load.names"));
+}
+
+TEST_F(StoreRestore, HolesStayHoles) {
+  MakeSparseFile(backup_ + "/sparse");
+  EXPECT_EQ(Restore().state, RestoreState::kDone);
+  EXPECT_TRUE(ReadFile(reports_ + "/sparse") == ReadFile(backup_ + "/sparse"));
+  EXPECT_LE(BlocksOf(reports_ + "/sparse"), BlocksOf(backup_ + "/sparse") + 8);
+}
+
+TEST_F(StoreRestore, LockedReportBlocksTheRestore) {
+  MakeBoth();
+  const file::Descriptor index = file::OpenRegular((reports_ + "/load.ind").c_str(), O_RDONLY);
+  ASSERT_EQ(file::TryLock(index.Number()), 0);
+  const RestoreResult blocked = Restore();
+  EXPECT_EQ(blocked.state, RestoreState::kBlocked);
+  EXPECT_TRUE(blocked.items[0].is_being_written);
+  EXPECT_THAT(blocked.items[0].writers, testing::IsEmpty());
 }
 
 TEST_F(StoreRestore, DirectoriesInOneAnotherAreRefusedAndAMissingBackupIsNotFound) {

@@ -43,6 +43,8 @@ const char* NameOfKind(BackupItemKind kind) {
       return "file";
     case BackupItemKind::kHalfStore:
       return "half a report";
+    case BackupItemKind::kLink:
+      return "symbolic link";
     case BackupItemKind::kSkipped:
       return "neither file nor directory";
   }
@@ -59,7 +61,7 @@ std::string Line(const std::string& what, const std::string& name, BackupItemKin
 // --- backup
 
 const char* NameOfState(const BackupItem& item) {
-  if (item.kind == BackupItemKind::kSkipped) return "not copied";
+  if (item.kind == BackupItemKind::kSkipped || item.kind == BackupItemKind::kLink) return "not copied";
   switch (item.state) {
     case BackupItemState::kCopied:
       return "copied";
@@ -126,9 +128,12 @@ Status StatusOfItems(const BackupResult& result) {
     return {ExitCode::kFinding, item->name + " is damaged and was copied as it is"};
   }
   const BackupItem* const odd = FindItem(result, [](const BackupItem& item) {
-    return item.kind == BackupItemKind::kHalfStore || item.kind == BackupItemKind::kSkipped;
+    return item.kind == BackupItemKind::kHalfStore || item.kind == BackupItemKind::kSkipped ||
+           item.kind == BackupItemKind::kLink;
   });
-  return odd == nullptr ? Status() : Status(ExitCode::kFinding, odd->name + " is " + NameOfKind(odd->kind));
+  if (odd == nullptr) return {};
+  if (odd->kind != BackupItemKind::kLink) return {ExitCode::kFinding, odd->name + " is " + NameOfKind(odd->kind)};
+  return {ExitCode::kFinding, odd->name + " is a symbolic link, which a backup leaves out: back up what it leads to"};
 }
 
 Status StatusOf(const BackupResult& result, const std::string& from, const std::string& to) {
@@ -179,6 +184,7 @@ std::string ToText(const RestoreResult& result) {
   std::string text;
   for (const RestoreItem& item : result.items) {
     text += Line(NameOfAction(item.action), item.name, item.kind);
+    if (item.is_link) text += ", refused because of a symbolic link";
     if (item.is_damaged) text += ", damaged in the backup";
     if (item.is_being_written) text += ", being written" + WritersOf(item);
     text += "\n";
@@ -193,6 +199,7 @@ Json ToJson(const RestoreResult& result, const Options& options, const std::stri
     SetText(entry, "name", item.name);
     entry["kind"] = NameOfKind(item.kind);
     entry["action"] = NameOfAction(item.action);
+    entry["link"] = item.is_link;
     entry["damaged"] = item.is_damaged;
     entry["beingWritten"] = item.is_being_written;
     entry["writers"] = Json::Array();
@@ -208,7 +215,16 @@ Json ToJson(const RestoreResult& result, const Options& options, const std::stri
   return document;
 }
 
+Status RefusedLink(const RestoreResult& result, ExitCode code) {
+  const auto link =
+      std::find_if(result.items.begin(), result.items.end(), [](const RestoreItem& item) { return item.is_link; });
+  if (link == result.items.end()) return {};
+  return {code, "nothing was changed: " + link->name +
+                    " is, or meets, a symbolic link; put the file or directory itself in its place"};
+}
+
 Status StatusOfPlan(const RestoreResult& result) {
+  if (Status refused = RefusedLink(result, ExitCode::kFinding); !refused.IsOk()) return refused;
   const bool is_blocked = std::any_of(result.items.begin(), result.items.end(),
                                       [](const RestoreItem& item) { return item.is_damaged || item.is_being_written; });
   if (!is_blocked) return {ExitCode::kOk, "nothing was changed; --apply restores"};
@@ -231,6 +247,8 @@ Status StatusOf(const RestoreResult& result, const Options& options, const std::
       return {ExitCode::kNotFound, "there is no backup directory " + options.directory};
     case RestoreState::kRefused:
       return {ExitCode::kRefused, options.directory + " and the report directory " + to + " lie in one another"};
+    case RestoreState::kLinked:
+      return RefusedLink(result, ExitCode::kRefused);
     case RestoreState::kBlocked:
       return {ExitCode::kRefused, "nothing was changed; stop the writers, look at what is damaged, or use --force"};
     case RestoreState::kFailed:

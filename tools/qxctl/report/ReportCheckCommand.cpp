@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/File.h"
 #include "reportfile/StoreFormat.h"
-#include "reportfile/tools/DurableFiles.h"
 #include "reportfile/tools/StoreSalvage.h"
 #include "reportfile/tools/StoreVerify.h"
 #include "tools/qxctl/cli/Context.h"
@@ -164,7 +164,7 @@ Status Verify(Context& context, const Values& values) {
 // A directory gets a store of the report's own name.
 std::string TargetOf(const std::string& into, const std::string& path) {
   std::error_code error;
-  return std::filesystem::is_directory(into, error) ? into + "/" + report::NameOf(path) : into;
+  return std::filesystem::is_directory(into, error) ? into + "/" + file::NameOf(path) : into;
 }
 
 Status StatusOf(const report::SalvageResult& result, const std::string& path) {

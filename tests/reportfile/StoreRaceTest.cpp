@@ -1,0 +1,139 @@
+// An ordinary user exchanges files and directories for links to root's while root backs up, restores and removes: no
+// byte of root's secret gets out, and nothing of root's is written or removed.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "reportfile/tools/DurableFiles.h"
+#include "reportfile/tools/StoreBackup.h"
+#include "reportfile/tools/StoreRestore.h"
+#include "tests/reportfile/OrdinaryUser.h"
+#include "tests/reportfile/Trees.h"
+#include "tests/support/Support.h"
+
+namespace qx::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kRoundsMin = 100;
+constexpr long kStepsMin = 5000;
+
+// In memory where that can be had: thousands of syncs are not what is tried.
+[[maybe_unused]] const bool is_in_memory = access("/dev/shm", W_OK) == 0 && setenv("TMPDIR", "/dev/shm", 0) == 0;
+
+// "ours" is root's directory with a secret; "theirs" belongs to the user. In "theirs/top" the directory "sub" and the
+// file "file" change places with the links "theirs/dirlink" and "theirs/filelink", which lead to root's.
+class StoreRace : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!IsRoot()) GTEST_SKIP() << "only root has something to lose";
+    ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
+    MakeTree(dir_.Path(), {{"ours/a", "secret"}, {"ours/b/c", "secret"}, {"theirs/top/", ""}, {"root/", ""}});
+    ASSERT_EQ(chmod(dir_.File("ours/a").c_str(), 0600), 0);
+    before_ = ContentsOf(ours_);
+    Step();
+  }
+
+  // Makes what is missing, and exchanges both ways.
+  void Step() const {
+    (void)mkdir(top_.c_str(), 0777);
+    (void)mkdir(sub_.c_str(), 0777);
+    (void)mkdir((sub_ + "/b").c_str(), 0777);
+    for (const std::string& name : {file_, sub_ + "/a", sub_ + "/b/c"}) {
+      (void)close(open(name.c_str(), O_CREAT | O_RDWR, 0666));
+    }
+    (void)symlink(ours_.c_str(), dir_link_.c_str());
+    (void)symlink(secret_.c_str(), file_link_.c_str());
+    for (int i = 0; i < 2; ++i) {
+      Exchange(sub_.c_str(), dir_link_.c_str());
+      Exchange(file_.c_str(), file_link_.c_str());
+    }
+  }
+
+  // Runs `work` again and again while the user is at it.
+  void Race(const std::function<void()>& user_step, const std::function<void()>& work) {
+    const OrdinaryUser user(dir_.File("theirs"), user_step);
+    for (int round = 0; round < kRoundsMin || user.Steps() < kStepsMin; ++round) {
+      work();
+      ASSERT_EQ(ContentsOf(ours_), before_) << round;
+    }
+    EXPECT_EQ(ModeOf(secret_), 0600U);
+  }
+
+  static void ExpectNoSecretIn(const std::string& directory) {
+    for (const auto& [path, contents] : ContentsOf(directory)) EXPECT_EQ(contents.find("secret"), std::string::npos);
+  }
+
+  const TempDir dir_;
+  const std::string ours_ = dir_.File("ours");
+  const std::string secret_ = ours_ + "/a";
+  const std::string top_ = dir_.File("theirs/top");
+  const std::string sub_ = top_ + "/sub";
+  const std::string file_ = top_ + "/file";
+  const std::string dir_link_ = dir_.File("theirs/dirlink");
+  const std::string file_link_ = dir_.File("theirs/filelink");
+  Tree before_;
+};
+
+TEST_F(StoreRace, RemovalNeverLeavesTheTree) {
+  int removed = 0;
+  Race([this] { Step(); },
+       [&] {
+         if (report::RemoveContents(file::OpenDirectory(top_.c_str())) == 0) ++removed;
+       });
+  EXPECT_GT(removed, 0);
+}
+
+TEST_F(StoreRace, BackupNeverContainsWhatALinkLeadsTo) {
+  const std::string target = dir_.File("root/backup");
+  int done = 0;
+  Race([this] { Step(); },
+       [&] {
+         if (report::BackupReports(top_, target).state == report::BackupState::kDone) ++done;
+         ExpectNoSecretIn(target);
+         fs::remove_all(target);
+       });
+  EXPECT_GT(done, 0);
+  EXPECT_TRUE(fs::is_empty(dir_.File("root")));
+}
+
+// The user's backup into root's reports: root's files are not read through it.
+TEST_F(StoreRace, RestoreReadsNothingThroughALinkInTheBackup) {
+  const std::string reports = dir_.File("root/reports");
+  int done = 0;
+  Race([this] { Step(); },
+       [&] {
+         if (report::RestoreReports(top_, reports, {.force = true}).state == report::RestoreState::kDone) ++done;
+         ExpectNoSecretIn(reports);
+         fs::remove_all(reports);
+       });
+  EXPECT_GT(done, 0);
+}
+
+// Root's backup into the user's reports: nothing is written where a link leads. The user removes what was restored, so
+// that the next restore does not wait for writers.
+TEST_F(StoreRace, RestoreWritesNothingThroughALinkAmongTheReports) {
+  const std::string backup = dir_.File("root/backup");
+  MakeTree(backup, {{"file", "new"}, {"sub/a", "new"}, {"sub/b/c", "new"}, {"sub/new", "new"}});
+  int done = 0;
+  const auto step = [this] {
+    for (const std::string& name : {file_, sub_ + "/a", sub_ + "/b/c", sub_ + "/new"}) (void)unlink(name.c_str());
+    (void)mkdir(sub_.c_str(), 0777);
+    (void)symlink(ours_.c_str(), dir_link_.c_str());
+    for (int i = 0; i < 2; ++i) Exchange(sub_.c_str(), dir_link_.c_str());
+  };
+  Race(step, [&] {
+    if (report::RestoreReports(backup, top_, {.force = true}).state != report::RestoreState::kLinked) ++done;
+  });
+  EXPECT_GT(done, 0);
+}
+
+}  // namespace
+}  // namespace qx::test
