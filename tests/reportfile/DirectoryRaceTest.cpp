@@ -14,7 +14,7 @@
 namespace qx::test {
 namespace {
 
-constexpr int kRounds = 4000;
+constexpr int kRounds = 10000;
 constexpr long kStepsMin = 4000;
 
 // "theirs/top" is the user's tree, "ours" a directory of root's with the same names in it.
@@ -27,15 +27,14 @@ class DirectoryRace : public testing::Test {
     MakeLink(dir_.File("ours"), dir_.File("theirs/link"));
   }
 
-  // Makes what the removal took, then exchanges directory and link, and back.
+  // Exchanges directory and link, and back. Makes what the removal took.
   void Step() const {
+    for (int i = 0; i < 4; ++i) Exchange(sub_.c_str(), link_.c_str());
     (void)mkdir(sub_.c_str(), 0777);
+    (void)symlink(ours_.c_str(), link_.c_str());
     (void)mkdir((sub_ + "/c").c_str(), 0777);
     for (const char* const name : {"/a", "/b", "/c/d"})
       (void)close(open((sub_ + name).c_str(), O_CREAT | O_RDWR, 0666));
-    (void)symlink(ours_.c_str(), link_.c_str());
-    Exchange(sub_.c_str(), link_.c_str());
-    Exchange(sub_.c_str(), link_.c_str());
   }
 
   const TempDir dir_;

@@ -49,6 +49,7 @@ long OrdinaryUser::Steps() const { return std::atomic_ref(*steps_).load(); }
 
 void Exchange(const char* left, const char* right) {
   (void)renameat2(AT_FDCWD, left, AT_FDCWD, right, RENAME_EXCHANGE);  // one of them may be gone at this moment
+  usleep(1);
 }
 
 }  // namespace qx::test

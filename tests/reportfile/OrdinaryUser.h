@@ -29,7 +29,7 @@ class OrdinaryUser {
   long* steps_ = nullptr;  // shared with the process
 };
 
-// Swaps two names in one step; whether it works is the caller's risk.
+// Swaps two names in one step, if both exist, and leaves them so for some microseconds: as long as root's calls take.
 void Exchange(const char* left, const char* right);
 
 }  // namespace qx::test

@@ -79,12 +79,12 @@ class StoreFiles {
   std::string base_ = dir_.File("r1");
 };
 
-// A file of 64 MiB with data at its beginning, in its middle and a hole at its end.
+// A file of 8 MiB with data at its beginning, in its middle and a hole at its end.
 inline void MakeSparseFile(const std::string& path) {
   constexpr std::int64_t kMiB = std::int64_t{1} << 20;
   const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  const bool is_made = pwrite(file, "begin", 5, 0) == 5 && pwrite(file, "middle", 6, 30 * kMiB + 7) == 6 &&
-                       ftruncate(file, 64 * kMiB) == 0;
+  const bool is_made = pwrite(file, "begin", 5, 0) == 5 && pwrite(file, "middle", 6, 5 * kMiB + 7) == 6 &&
+                       ftruncate(file, 8 * kMiB) == 0;
   close(file);
   if (!is_made) throw std::runtime_error("no " + path);
 }

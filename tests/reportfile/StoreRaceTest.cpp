@@ -23,6 +23,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kRoundsMin = 100;
+constexpr int kRemovalsMin = 20000;
 constexpr long kStepsMin = 5000;
 
 // In memory where that can be had: thousands of syncs are not what is tried.
@@ -41,8 +42,12 @@ class StoreRace : public testing::Test {
     Step();
   }
 
-  // Makes what is missing, and exchanges both ways.
+  // Exchanges both, and back. Makes what is missing.
   void Step() const {
+    for (int i = 0; i < 4; ++i) {
+      Exchange(sub_.c_str(), dir_link_.c_str());
+      Exchange(file_.c_str(), file_link_.c_str());
+    }
     (void)mkdir(top_.c_str(), 0777);
     (void)mkdir(sub_.c_str(), 0777);
     (void)mkdir((sub_ + "/b").c_str(), 0777);
@@ -51,16 +56,12 @@ class StoreRace : public testing::Test {
     }
     (void)symlink(ours_.c_str(), dir_link_.c_str());
     (void)symlink(secret_.c_str(), file_link_.c_str());
-    for (int i = 0; i < 2; ++i) {
-      Exchange(sub_.c_str(), dir_link_.c_str());
-      Exchange(file_.c_str(), file_link_.c_str());
-    }
   }
 
   // Runs `work` again and again while the user is at it.
-  void Race(const std::function<void()>& user_step, const std::function<void()>& work) {
+  void Race(const std::function<void()>& user_step, const std::function<void()>& work, int rounds = kRoundsMin) {
     const OrdinaryUser user(dir_.File("theirs"), user_step);
-    for (int round = 0; round < kRoundsMin || user.Steps() < kStepsMin; ++round) {
+    for (int round = 0; round < rounds || user.Steps() < kStepsMin; ++round) {
       work();
       ASSERT_EQ(ContentsOf(ours_), before_) << round;
     }
@@ -87,7 +88,8 @@ TEST_F(StoreRace, RemovalNeverLeavesTheTree) {
   Race([this] { Step(); },
        [&] {
          if (report::RemoveContents(file::OpenDirectory(top_.c_str())) == 0) ++removed;
-       });
+       },
+       kRemovalsMin);
   EXPECT_GT(removed, 0);
 }
 

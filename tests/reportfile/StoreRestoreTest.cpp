@@ -191,8 +191,14 @@ TEST_F(StoreRestore, ListingThatBreaksOffFailsBeforeAnythingIsChanged) {
 TEST_F(StoreRestore, FailureBeforeTheFirstRenameChangesNothing) {
   MakeBoth();
   fs::create_directory(backup_ + "/sub");
-  for (const FileCall call : {FileCall::kSync, FileCall::kWriteAt, FileCall::kMakeDirectory, FileCall::kClose}) {
-    const FailingCall fault({.call = call, .path = "", .nth = 1, .times = kAlways, .error = ENOSPC});
+  const std::vector<FileFault> faults = {{.call = FileCall::kSync, .nth = 3},
+                                         {.call = FileCall::kWriteAt, .nth = 2},
+                                         {.call = FileCall::kMakeDirectory},
+                                         {.call = FileCall::kClose}};
+  for (FileFault failing : faults) {
+    failing.times = kAlways;
+    failing.error = ENOSPC;
+    const FailingCall fault(failing);
     EXPECT_EQ(Restore({.consume = true}).state, RestoreState::kFailed);
     ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
     EXPECT_THAT(NamesIn(backup_), ElementsAre("load.dat", "load.ind", "load.names", "sub"));

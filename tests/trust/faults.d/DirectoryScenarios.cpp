@@ -22,7 +22,7 @@ bool is_done = false;
 int error_number = 0;
 std::string registry_directory;
 
-// Made before the faults: what the caller allocates is none of the sweep's business.
+// Made before the faults: the sweep is not about what the caller allocates.
 std::string from_path;
 std::string to_path;
 
@@ -79,8 +79,7 @@ Finding JudgeCopy(const std::string& directory) {
   if (!is_done && error_number == 0) return Broken("false without an error number");
   if (!Copy(directory) || TreeAt(directory + "/to") != FromTree()) return Broken("the next copy does not work");
   if (is_done && to != FromTree()) {
-    return Noted(
-        "a directory that cannot be read copies as an empty one, a file whose status cannot be read is left out");
+    return Noted("a copy takes a directory that cannot be opened for an empty one, and leaves out what has no status");
   }
   return Kept();
 }
@@ -106,12 +105,14 @@ Finding JudgeRestore(const std::string& directory) {
   if (!IsPartOfCopy(to)) return Broken("the report directory holds what the backup did not");
   const bool is_whole = to == FromTree();
   const bool has_backup = TreeAt(directory + "/from") == FromTree();
+  const bool is_elsewhere = TreeAt(directory + "/Reports") == FromTree();
   registry::StartAfresh(registry_directory.c_str());
   MakeTree(directory + "/from", FromTree());
   if (!Restore(directory) || TreeAt(directory + "/to") != FromTree()) return Broken("the next restore does not work");
   if (is_whole || has_backup) return Kept();
-  if (!is_done) return Noted("a restore is tried once: the backup goes behind a copy that failed and said so");
-  return Noted("a backup directory that cannot be read counts as an empty one, and goes");
+  if (is_elsewhere) return Noted("without a registry that can be read, the reports are restored into Reports");
+  if (is_done) return Broken("true, and files are missing");
+  return Noted("a restore is attempted once: the backup goes after a copy that failed and said so");
 }
 
 }  // namespace
@@ -125,7 +126,7 @@ std::vector<Scenario> DirectoryScenarios() {
        .finish = nullptr,
        .judge = JudgeCopy},
       {.name = "restore",
-       .promise = "true only with everything restored that can be read; whole files or the start of one",
+       .promise = "nothing lost: everything is restored, or the backup is kept, or a copy failed and said so",
        .prepare = PrepareRestore,
        .run = RunRestore,
        .finish = nullptr,
