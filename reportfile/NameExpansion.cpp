@@ -93,7 +93,7 @@ Expansion ExpandNames(const std::string& known, std::string_view expression) {
       for (std::string& path : expansion.paths) path += "/" + Unescaped(component);
     }
   }
-  if (!is_listed) std::erase_if(expansion.paths, DoesNotExist);  // names without wildcards have not been looked up
+  if (!is_listed) std::erase_if(expansion.paths, DoesNotExist);  // names without wildcards are not checked yet
   expansion.error = expansion.paths.empty() ? ENOENT : 0;
   return expansion;
 }

@@ -14,7 +14,7 @@ namespace qx::report {
 // What an expression names, in the order of the system: never "." and "..".
 struct Expansion {
   std::vector<std::string> paths;
-  int error = 0;          // why there are none; 0 if there are some
+  int error = 0;          // why there is no path; 0 if there are some
   int listing_error = 0;  // a listing broke off with it: there may be more than `paths`
 };
 

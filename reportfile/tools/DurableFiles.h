@@ -129,7 +129,7 @@ class PrivateDirectory {
   [[nodiscard]] const std::string& Path() const { return path_; }
   // The open directory. [any thread]
   [[nodiscard]] int Number() const { return directory_.Number(); }
-  // 0, or why there is none. [any thread]
+  // 0, or why it could not be made. [any thread]
   [[nodiscard]] int Error() const { return error_; }
   // Renames it to `name` in the same directory, where there is nothing or an empty directory, and keeps it. Returns the
   // error number. [owning thread]

@@ -28,7 +28,7 @@ namespace fs = std::filesystem;
 constexpr long kBetweenChecksNanoseconds = 250'000'000;
 constexpr mode_t kReportDirectoryMode = 0711;
 
-// The files that an item stands for, below its directory.
+// The files of an item, below its directory.
 std::vector<std::string> FilesOf(const RestoreItem& item) {
   if (item.kind == BackupItemKind::kStore) return {IndexFileName(item.name), DataFileName(item.name)};
   if (item.kind == BackupItemKind::kSkipped || item.kind == BackupItemKind::kLink) return {};
@@ -117,7 +117,7 @@ struct Directories {
   std::string reports_name;
   DirectoriesBelow backup;
   int backup_error;
-  DirectoriesBelow reports;  // not open if there is none yet
+  DirectoriesBelow reports;  // not open if it does not exist yet
   int reports_error;
 };
 

@@ -175,7 +175,7 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
   const Tree to_ = {{"b.dat", "an old and longer b"}, {"kept.dat", "kept"}};
 };
 
-TEST_P(DirectoryFaults, EachCallThatFailsIsSaidAndHarmsNothingElse) {
+TEST_P(DirectoryFaults, EachFailedCallIsTracedAndHarmsNothingElse) {
   ASSERT_EQ(Execute({"strace", "-o", Notes(), "true"}), 0)
       << "strace is missing (script/bootstrap test installs it) or may not trace its own child (ptrace is forbidden)";
   ASSERT_EQ(RunUnderStrace({}), 0);
@@ -203,15 +203,15 @@ TEST_P(DirectoryFaults, EachCallThatFailsIsSaidAndHarmsNothingElse) {
 
 class DirectoryFaultsOnce : public DirectoryFaults {};
 
-TEST_P(DirectoryFaultsOnce, WhatTheSystemFindsNothingInIsReadBlockByBlock) {
+TEST_P(DirectoryFaultsOnce, FileThatSeemsEmptyIsReadBlockByBlock) {
   EXPECT_EQ(RunUnderStrace({"-e", "inject=copy_file_range:retval=0"}), 0);
   Tree expected = from_;
   expected["kept.dat"] = "kept";
   EXPECT_EQ(ContentsOf(dir_.File("to")), expected);
 }
 
-// The limit lies within a block, which is written short; the rest of it meets the reason.
-TEST_P(DirectoryFaultsOnce, TheReasonOfAShortWriteShows) {
+// The limit is within a block, which is written short; the write of the rest fails with the error.
+TEST_P(DirectoryFaultsOnce, ErrorOfAShortWriteIsTraced) {
   EXPECT_EQ(RunUnderStrace({"-e", "inject=copy_file_range:error=EXDEV", "prlimit", "--fsize=20000"}), 1);
   EXPECT_THAT(Log(), HasSubstr(std::string("## ERROR: Could not copy file. ") + std::strerror(EFBIG)));
   EXPECT_EQ(ReadFile(dir_.File("to/a.dat")), std::string(20000, 'a'));

@@ -108,13 +108,13 @@ TEST_F(DirectoryRemove, QuirkAHiddenFileStaysAndSoDoesItsDirectory) {
   EXPECT_THAT(ContentsOf(top_), UnorderedElementsAre(Pair(".hidden", "1")));
 }
 
-TEST_F(DirectoryRemove, QuirkHiddenEntriesStayWithoutAFailureWhenTheDirectoryStays) {
+TEST_F(DirectoryRemove, QuirkHiddenEntriesStayIfTheDirectoryStays) {
   MakeTree(top_, {{".hidden", "1"}, {".dir/a", "2"}, {"a", "3"}});
   EXPECT_TRUE(Remove(false));
   EXPECT_THAT(ContentsOf(top_), UnorderedElementsAre(Pair(".hidden", "1"), Pair(".dir/", ""), Pair(".dir/a", "2")));
 }
 
-TEST_F(DirectoryRemove, AFailureInASubdirectoryEndsTheRemovalAndIsTracedOnEveryLevel) {
+TEST_F(DirectoryRemove, FailureInASubdirectoryIsTracedOnEveryLevel) {
   MakeTree(top_, {{"a", "1"}, {"s/t/.hidden", "2"}, {"z", "3"}});
   EXPECT_THAT(
       TraceOfRemoval(1, false),
@@ -191,7 +191,7 @@ TEST_F(DirectoryRemove, QuirkAnotherNameOfARemovedFileHasItsModeChanged) {
   EXPECT_EQ(ModeOf(dir_.File("other")), 0777U);
 }
 
-TEST_F(DirectoryRemove, LinksAreRemovedThemselvesAndWhatTheyLeadToIsNotTouched) {
+TEST_F(DirectoryRemove, LinkIsRemovedItselfAndNotWhatItLeadsTo) {
   MakeTree(dir_.Path(), {{"file", "1"}, {"tree/a", "2"}, {"top/", ""}});
   chmod(dir_.File("file").c_str(), 0640);
   MakeLink("../file", top_ + "/to_file");
@@ -226,7 +226,7 @@ TEST_F(DirectoryRemove, WhatIsNeitherFileNorDirectoryStays) {
   EXPECT_TRUE(Exists(top_ + "/pipe"));
 }
 
-TEST_F(DirectoryRemove, ALinkAsTheDirectoryToRemoveHasItsContentsRemovedAndStays) {
+TEST_F(DirectoryRemove, LinkToTheDirectoryIsEmptiedAndStays) {
   MakeTree(dir_.Path(), {{"tree/a", "1"}});
   MakeLink("tree", top_);
   EXPECT_THAT(TraceOfRemoval(1, false),
@@ -253,7 +253,7 @@ TEST_F(DirectoryRemove, DeepTreesNeedNoDeepStack) {
   EXPECT_FALSE(Exists(top_));
 }
 
-TEST_F(DirectoryRemove, ATreeDeeperThanPathsCanNameIsAFailureAndNothingWorse) {
+TEST_F(DirectoryRemove, TreeDeeperThanAPathCanNameIsAFailure) {
   const std::filesystem::path here = std::filesystem::current_path();
   std::filesystem::create_directory(top_);
   std::filesystem::current_path(top_);

@@ -79,7 +79,7 @@ TEST_F(DirectoryCopy, ASourceThatIsAFileIsNoErrorAndNoDestination) {
   EXPECT_FALSE(Exists(to_));
 }
 
-TEST_F(DirectoryCopy, QuirkASourceThatMayNotBeReadIsAsGoodAsEmpty) {
+TEST_F(DirectoryCopy, QuirkSourceThatMayNotBeReadCountsAsEmpty) {
   WriteFile(from_ + "/a", "x");
   chmod(from_.c_str(), 0);
   const auto copy = [this] { return Copy(); };
@@ -150,27 +150,27 @@ TEST_F(DirectoryCopy, WildcardsInTheSourceNameSeveralDirectories) {
   EXPECT_THAT(ContentsOf(to_), UnorderedElementsAre(Pair("a", "1"), Pair("b", "2")));
 }
 
-TEST_F(DirectoryCopy, NeitherADirectoryItselfNorItsParentIsEverCopied) {
+TEST_F(DirectoryCopy, DirectoryItselfAndItsParentAreNeverCopied) {
   MakeTree(from_, {{"a", "1"}});
   for (const char* const pattern : {".", "..", ".*", "", "*/", "..*"}) EXPECT_TRUE(Copy(pattern)) << pattern;
   EXPECT_TRUE(Copy(nullptr));
   EXPECT_FALSE(Exists(to_));
 }
 
-TEST_F(DirectoryCopy, KnownDirectoriesAreNotPatternsHoweverTheyAreNamed) {
+TEST_F(DirectoryCopy, NameOfAFoundDirectoryIsNotAPattern) {
   MakeTree(from_, {{"[ab]/x", "1"}, {"a/x", "2"}, {"*/y", "3"}, {"\\/z", "4"}, {"*.*/w", "5"}, {"?/v/u", "6"}});
   EXPECT_TRUE(Copy());
   EXPECT_EQ(ContentsOf(to_), ContentsOf(from_));
   EXPECT_EQ(ContentsOf(to_).size(), 13U);
 }
 
-TEST_F(DirectoryCopy, KnownDirectoriesAreNotPatternsUnderAPatternOfSeveralComponentsEither) {
+TEST_F(DirectoryCopy, PatternOfSeveralComponentsKeepsFoundNamesLiteral) {
   MakeTree(from_, {{"[ab]/s/x", "1"}, {"[ab]/s/[ab]/s/y", "2"}, {"a/s/x", "3"}});
   EXPECT_TRUE(CDirectory::CopyDir((from_ + "/\\[ab]").c_str(), to_.c_str(), "?/*", true));
   EXPECT_THAT(ContentsOf(to_), UnorderedElementsAre(Pair("x", "1"), Pair("[ab]/", ""), Pair("[ab]/y", "2")));
 }
 
-TEST_F(DirectoryCopy, TheDestinationAndEverythingAboveItIsCreatedSearchableByAll) {
+TEST_F(DirectoryCopy, MissingDirectoriesAreCreatedWithMode0711) {
   MakeTree(from_, {{"a", "1"}, {"sub/b", "2"}});
   to_ = dir_.File("new/and/deep/");
   EXPECT_TRUE(Copy());
@@ -189,7 +189,7 @@ TEST_F(DirectoryCopy, ModesAreSubjectToTheFileCreationMask) {
   EXPECT_EQ(ModeOf(to_ + "/a"), 0600U);
 }
 
-TEST_F(DirectoryCopy, ANewFileHasThePermissionBitsOfItsSourceAndNoOthers) {
+TEST_F(DirectoryCopy, NewFileHasOnlyThePermissionBitsOfItsSource) {
   for (const mode_t mode : {0600U, 0640U, 0755U, 0444U, 04755U}) {
     const std::string name = "/f" + std::to_string(mode);
     WriteFile(from_ + name, "x");
@@ -210,7 +210,7 @@ TEST_F(DirectoryCopy, ANewFileHasTheOwnerOfItsSourceWhereTheSystemAllowsIt) {
   EXPECT_EQ(status.st_gid, may_give ? 2345 : getegid());
 }
 
-TEST_F(DirectoryCopy, AnOwnerThatMayNotBeGivenIsNoFailure) {
+TEST_F(DirectoryCopy, OwnerThatMayNotBeSetIsNotAFailure) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can make a file of another owner";
   MakeTree(dir_.Path(), {{"from/a", "text"}, {"to/", ""}});
   ASSERT_EQ(chown((from_ + "/a").c_str(), 1234, 2345), 0);
@@ -219,7 +219,7 @@ TEST_F(DirectoryCopy, AnOwnerThatMayNotBeGivenIsNoFailure) {
   EXPECT_EQ(ReadFile(to_ + "/a"), "text");
 }
 
-TEST_F(DirectoryCopy, WithoutOverwriteAFileThatExistsIsLeftAndThatIsNoFailure) {
+TEST_F(DirectoryCopy, WithoutOverwriteAnExistingFileIsLeft) {
   MakeTree(dir_.Path(), {{"from/a", "new"}, {"to/a", "old one"}});
   chmod((to_ + "/a").c_str(), 0600);
   EXPECT_THAT(TraceOfCopy(6, true, "*.*", false),
@@ -228,7 +228,7 @@ TEST_F(DirectoryCopy, WithoutOverwriteAFileThatExistsIsLeftAndThatIsNoFailure) {
   EXPECT_EQ(ReadFile(to_ + "/a"), "old one");
 }
 
-TEST_F(DirectoryCopy, WithOverwriteAFileThatExistsHasTheNewContentsAndItsOldMode) {
+TEST_F(DirectoryCopy, OverwrittenFileHasNewContentsAndItsOldMode) {
   MakeTree(dir_.Path(), {{"from/a", "new"}, {"to/a", "old and longer"}});
   chmod((from_ + "/a").c_str(), 0644);
   chmod((to_ + "/a").c_str(), 0640);
@@ -237,7 +237,7 @@ TEST_F(DirectoryCopy, WithOverwriteAFileThatExistsHasTheNewContentsAndItsOldMode
   EXPECT_EQ(ModeOf(to_ + "/a"), 0640U);
 }
 
-TEST_F(DirectoryCopy, WithoutOverwriteASubdirectoryThatExistsIsLeftAsItIs) {
+TEST_F(DirectoryCopy, WithoutOverwriteAnExistingSubdirectoryIsLeft) {
   MakeTree(dir_.Path(), {{"from/sub/a", "new"}, {"from/sub/b", "new"}, {"to/sub/a", "old"}});
   EXPECT_THAT(TraceOfCopy(6, true, "*.*", false),
               ElementsAre("CDirectory::CopyDir() - Looking for files matching T/from/*",
@@ -246,7 +246,7 @@ TEST_F(DirectoryCopy, WithoutOverwriteASubdirectoryThatExistsIsLeftAsItIs) {
   EXPECT_THAT(ContentsOf(to_), UnorderedElementsAre(Pair("sub/", ""), Pair("sub/a", "old")));
 }
 
-TEST_F(DirectoryCopy, WithOverwriteASubdirectoryThatExistsIsFilledUp) {
+TEST_F(DirectoryCopy, WithOverwriteAnExistingSubdirectoryIsFilled) {
   MakeTree(dir_.Path(), {{"from/sub/a", "new"}, {"to/sub/a", "old"}, {"to/sub/b", "kept"}});
   EXPECT_TRUE(Copy("*.*", true));
   EXPECT_THAT(ContentsOf(to_), UnorderedElementsAre(Pair("sub/", ""), Pair("sub/a", "new"), Pair("sub/b", "kept")));
@@ -262,7 +262,7 @@ TEST_F(DirectoryCopy, FilesOfEverySizeAroundABlockAreCopiedExactly) {
   EXPECT_EQ(ContentsOf(to_), ContentsOf(from_));
 }
 
-TEST_F(DirectoryCopy, AFileThatOnlyLooksEmptyIsCopiedWithWhatItHolds) {
+TEST_F(DirectoryCopy, FileOfProcThatSeemsEmptyIsCopied) {
   EXPECT_TRUE(CDirectory::CopyDir("/proc/self", to_.c_str(), "cmdline", true));
   EXPECT_EQ(ReadFile(to_ + "/cmdline"), ReadFile("/proc/self/cmdline"));
 }
@@ -305,7 +305,7 @@ TEST_F(DirectoryCopy, ADestinationInTheSourceIsNotCopiedIntoItself) {
                                                     Pair("new/", ""), Pair("new/b", "2")));
 }
 
-TEST_F(DirectoryCopy, TheDestinationThatIsLeftOutIsTraced) {
+TEST_F(DirectoryCopy, DestinationInTheSourceIsTraced) {
   MakeTree(from_, {{"backup/", ""}});
   to_ = from_ + "/backup";
   EXPECT_THAT(
@@ -351,7 +351,7 @@ class DirectoryCopyFailure : public DirectoryCopy {
   }
 };
 
-TEST_F(DirectoryCopyFailure, FifosAreFailedCopiesAndAreNotWaitedFor) {
+TEST_F(DirectoryCopyFailure, FifoFailsTheCopyAndIsNotWaitedFor) {
   ASSERT_EQ(mkfifo((from_ + "/pipe").c_str(), 0666), 0);
   EXPECT_THAT(TraceOfCopy(4, false), ElementsAre("CDirectory::CopyDir() - Copy file T/from/pipe --> T/to/pipe",
                                                  FileFailed("Invalid argument")));
@@ -368,7 +368,7 @@ TEST_F(DirectoryCopyFailure, DevicesAreFailedCopies) {
   EXPECT_THAT(ContentsOf(to_), IsEmpty());
 }
 
-TEST_F(DirectoryCopyFailure, AFifoAsTargetIsAFailedCopyAndIsNotWaitedFor) {
+TEST_F(DirectoryCopyFailure, FifoAsTargetFailsTheCopyAndIsNotWaitedFor) {
   MakeTree(dir_.Path(), {{"from/a", "1"}, {"to/", ""}});
   ASSERT_EQ(mkfifo((to_ + "/a").c_str(), 0666), 0);
   EXPECT_THAT(TraceOfCopy(1, false), ElementsAre(FileFailed("Invalid argument")));
@@ -440,7 +440,7 @@ std::string PathOfSize(const std::string& dir, std::size_t size) {
   return path + "/" + std::string(size - path.size() - 1, 'e');
 }
 
-TEST_F(DirectoryCopyFailure, ADestinationOf259CharactersIsMadeALongerOneIsNotCut) {
+TEST_F(DirectoryCopyFailure, DestinationLongerThan259CharactersFailsUncut) {
   MakeTree(from_, {{"a", "1"}});
   to_ = PathOfSize(dir_.Path(), 259);
   EXPECT_TRUE(Copy());
@@ -453,7 +453,7 @@ TEST_F(DirectoryCopyFailure, ADestinationOf259CharactersIsMadeALongerOneIsNotCut
   EXPECT_FALSE(Exists(dir_.File("other")));
 }
 
-TEST_F(DirectoryCopyFailure, ASubdirectoryThatWouldBeLongerIsNotCut) {
+TEST_F(DirectoryCopyFailure, SubdirectoryLongerThan259CharactersFailsUncut) {
   MakeTree(from_, {{"sub/a", "1"}});
   to_ = PathOfSize(dir_.Path(), 256);
   EXPECT_THAT(TraceOfCopy(1, false),

@@ -15,7 +15,7 @@ namespace {
 constexpr int kThreads = 4;
 constexpr int kRounds = 8;
 
-TEST(DirectoryThreads, CopyAndRemoveTreesOfTheirOwnWithoutMeeting) {
+TEST(DirectoryThreads, EachThreadCopiesAndRemovesItsOwnTree) {
   const TempDir dir;
   const Tree tree = {{"a.dat", std::string(5000, 'a')}, {"s/", ""}, {"s/b", "b"}};
   MakeTree(dir.File("from"), tree);

@@ -1,4 +1,4 @@
-// Restores of the report directory: what is copied, what is deleted behind it, and when nothing happens at all.
+// Restores of the report directory: what is copied, what is deleted after it, and when nothing happens at all.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -21,7 +21,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
-// Trace lines of the registry, which is asked for the report directory, are not looked at here.
+// Trace lines of the registry, which names the report directory, are left out.
 bool IsAboutRestoring(const std::string& line) {
   return line.starts_with("EM_THRESH ") || line.starts_with("CDirectory");
 }
@@ -57,7 +57,7 @@ TEST_F(ReportFileBackup, WithoutAReportDirectoryNothingHappens) {
   EXPECT_THAT(ContentsOf(backup_), UnorderedElementsAre(Pair("a.dat", "1")));
 }
 
-TEST_F(ReportFileBackup, FilesOfTheBackupReplaceTheOlderOnesAndTheBackupGoes) {
+TEST_F(ReportFileBackup, FilesAreReplacedAndTheBackupIsRemoved) {
   MakeTree(dir_.Path(), {{"backup/a.dat", "new data"},
                          {"backup/a.ind", "new index"},
                          {"reports/a.dat", "old"},
@@ -85,7 +85,7 @@ TEST_F(ReportFileBackup, ARestoreGivesTheseLines) {
   EXPECT_THAT(TraceOfRestore(1, true, reports_, backup_), IsEmpty());
 }
 
-TEST_F(ReportFileBackup, SubdirectoriesAreFilledUpAndHiddenFilesCopied) {
+TEST_F(ReportFileBackup, SubdirectoriesAreFilledAndHiddenFilesCopied) {
   MakeTree(dir_.Path(), {{"backup/sub/a.dat", "new"},
                          {"backup/.hidden", "too"},
                          {"reports/sub/a.dat", "old"},
@@ -124,7 +124,7 @@ TEST_F(ReportFileBackup, QuirkTheBackupGoesEvenAfterAFailedCopy) {
   EXPECT_FALSE(Exists(backup_));
 }
 
-TEST_F(ReportFileBackup, AFailedCopyLeavesItsErrorWhateverTheRemovalMeets) {
+TEST_F(ReportFileBackup, ErrorOfAFailedCopyOutlivesTheRemoval) {
   MakeTree(dir_.Path(), {{"backup/a.dat", "1"}, {"backup/.hidden", "2"}, {"reports/a.dat/in the way", "3"}});
   const ReportRoot root(reports_);
   EXPECT_FALSE(CReportFileBase::RestoreReportDataFiles(backup_));
@@ -149,7 +149,7 @@ TEST_F(ReportFileBackup, ARelativeBackupPathIsNotCopiedButRemoved) {
   EXPECT_FALSE(Exists(reports_));
 }
 
-TEST_F(ReportFileBackup, WildcardsInTheNameOfTheBackupAreItsOwn) {
+TEST_F(ReportFileBackup, NameOfTheBackupIsNotAPattern) {
   const std::string odd = dir_.File("b*[1]\\?");
   MakeTree(odd, {{"a.dat", "1"}, {"[s]/b.dat", "2"}});
   MakeTree(dir_.Path(), {{"b*1?/wrong", "3"}, {"bx1?/wrong", "4"}});
@@ -192,7 +192,7 @@ TEST_F(ReportFileBackup, ThePageShowsTheTraceOfARestore) {
   EXPECT_EQ(PageLines(TraceOfRestore(6, true, reports_, backup_)), DocExample("directories.md", "restore"));
 }
 
-TEST_F(ReportFileBackup, ThePageShowsTheTraceOfARemovalThatAHiddenFileEnds) {
+TEST_F(ReportFileBackup, PageShowsTheTraceOfARemovalOfAHiddenFile) {
   MakeTree(backup_, {{"a.dat", "1"}, {"sub/.hidden", "2"}});
   const TraceCapture trace(3);
   EXPECT_FALSE(CDirectory::RemoveDir(backup_.c_str(), true));
@@ -214,7 +214,7 @@ class ReportFileBackupGuard : public ReportFileBackup {
   }
 };
 
-TEST_F(ReportFileBackupGuard, ABackupThatIsTheReportDirectoryIsRefusedHoweverItIsNamed) {
+TEST_F(ReportFileBackupGuard, ReportDirectoryAsBackupIsRefusedUnderEveryName) {
   MakeTree(reports_, {{"a.dat", "1"}, {"sub/", ""}});
   MakeLink("reports", dir_.File("link"));
   const std::string relative = std::filesystem::relative(reports_).string();
@@ -225,14 +225,14 @@ TEST_F(ReportFileBackupGuard, ABackupThatIsTheReportDirectoryIsRefusedHoweverItI
   ExpectRefused(reports_, reports_ + "/");
 }
 
-TEST_F(ReportFileBackupGuard, ABackupThatHoldsTheReportDirectoryIsRefused) {
+TEST_F(ReportFileBackupGuard, BackupThatContainsTheReportDirectoryIsRefused) {
   MakeTree(backup_, {{"x/reports/a.dat", "1"}, {"b", "2"}});
   ExpectRefused(backup_ + "/x/reports", backup_);
   ExpectRefused(backup_ + "/x/reports", backup_ + "/x");
   ExpectRefused(backup_ + "/x/reports", "/");
 }
 
-TEST_F(ReportFileBackupGuard, ABackupThatWouldHoldAReportDirectoryNotThereYetIsRefused) {
+TEST_F(ReportFileBackupGuard, BackupAroundAMissingReportDirectoryIsRefused) {
   MakeTree(backup_, {{"b", "2"}});
   ExpectRefused(backup_ + "/x/reports", backup_);
   ExpectRefused(dir_.File("none/../backup/x"), backup_);
@@ -245,7 +245,7 @@ TEST_F(ReportFileBackupGuard, ABackupThatWouldHoldAReportDirectoryNotThereYetIsR
   ExpectRefused(dir_.File("./none/.//../deep/../x"), backup_);
 }
 
-TEST_F(ReportFileBackupGuard, ABackupThatHoldsTheReportDirectoryBehindALinkIsRefused) {
+TEST_F(ReportFileBackupGuard, BackupWithALinkToTheReportDirectoryIsRefused) {
   MakeTree(dir_.Path(), {{"backup/b", "1"}, {"real/a.dat", "2"}});
   MakeLink("../real", backup_ + "/reports");
   ExpectRefused(backup_ + "/reports", backup_);  // the link on the way would go
@@ -254,7 +254,7 @@ TEST_F(ReportFileBackupGuard, ABackupThatHoldsTheReportDirectoryBehindALinkIsRef
   ExpectRefused(dir_.File("way/inner"), backup_);
 }
 
-TEST_F(ReportFileBackupGuard, ABackupBesideTheReportDirectoryOfASimilarNameIsRestored) {
+TEST_F(ReportFileBackupGuard, BackupOfASimilarNameIsRestored) {
   MakeTree(dir_.Path(), {{"reports/a.dat", "1"}, {"report/b.dat", "2"}});
   EXPECT_TRUE(Restore(dir_.File("report")));
   EXPECT_THAT(ContentsOf(reports_), UnorderedElementsAre(Pair("a.dat", "1"), Pair("b.dat", "2")));

@@ -180,7 +180,7 @@ TEST_F(ReportToolsMemory, ABackupNeverGoesIntoADirectoryThatHoldsSomething) {
 }
 
 TEST_F(ReportToolsMemory, ARestoreIsWholeOrKeepsTheBackup) {
-  std::optional<ReportRoot> root;  // read anew each time: what of it found no memory is not read again
+  std::optional<ReportRoot> root;  // read again each time: what of it found no memory is not read again
   const auto prepare = [&] {
     MakeReports(backup_);
     root.reset();

@@ -38,7 +38,7 @@ std::string SelfDescribing(unsigned number, std::size_t body_bytes = 0) {
 }
 
 // A process that appends as fast as it can, from its beginning to its end; with `burst` it pauses for two milliseconds
-// behind as many records.
+// after as many records.
 class LiveWriter {
  public:
   LiveWriter(const std::string& base_path, std::uint32_t slots, std::size_t body_bytes = 0, unsigned burst = 0) {
@@ -99,7 +99,7 @@ class StoreBackup : public testing::Test {
   const std::string target_ = dir_.File("backup");
 };
 
-// The records of a store, each checked to be the one behind the one before it.
+// The records of a store, each checked to be the one after its predecessor.
 void ExpectContiguousRun(const std::string& base_path, std::size_t count, std::size_t body_bytes = 0) {
   EXPECT_EQ(Rules(report::VerifyStore(base_path).look), "");
   CReportFileBase store;
@@ -169,7 +169,7 @@ TEST_F(StoreBackup, ADamagedStoreIsCopiedAsItIsAndNamed) {
   EXPECT_EQ(ReadFile(target_ + "/load.ind"), index);
 }
 
-TEST_F(StoreBackup, AStoreWhoseWriterDiedInARecordIsCopiedAsItIs) {
+TEST_F(StoreBackup, StoreOfAKilledWriterIsCopiedAsItIs) {
   MakeStore("load", 3, Numbered(7));
   const std::string before = ReadFile(reports_ + "/load.ind");
   MakeStore("load", 0, {"rec8"});

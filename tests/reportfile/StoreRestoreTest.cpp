@@ -77,7 +77,7 @@ class StoreRestore : public testing::Test {
 
 }  // namespace
 
-TEST_F(StoreRestore, APlanSaysWhatWouldBeReplacedAndChangesNothing) {
+TEST_F(StoreRestore, PlanNamesWhatWouldBeReplacedAndChangesNothing) {
   MakeBoth();
   MakeStore(backup_ + "/other", {"x"});
   const RestoreResult plan = report::PlanRestore(backup_, reports_);
@@ -93,7 +93,7 @@ TEST_F(StoreRestore, APlanSaysWhatWouldBeReplacedAndChangesNothing) {
   EXPECT_FALSE(Exists(reports_ + "/load.names"));
 }
 
-TEST_F(StoreRestore, TheBackupIsPutBackAndKept) {
+TEST_F(StoreRestore, BackupIsRestoredAndKept) {
   MakeBoth();
   const RestoreResult result = Restore();
   EXPECT_EQ(result.state, RestoreState::kDone) << result.file << " " << result.error;
@@ -104,7 +104,7 @@ TEST_F(StoreRestore, TheBackupIsPutBackAndKept) {
   EXPECT_THAT(NamesIn(dir_.Path()), ElementsAre("backup", "reports"));
 }
 
-TEST_F(StoreRestore, HiddenFilesAndSubdirectoriesComeBackAndNoCopyIsLeft) {
+TEST_F(StoreRestore, HiddenFilesAndSubdirectoriesAreRestored) {
   fs::create_directory(backup_ + "/sub");
   WriteFile(backup_ + "/sub/.hidden", "h");
   EXPECT_EQ(Restore().state, RestoreState::kDone);
@@ -139,7 +139,7 @@ TEST_F(StoreRestore, AReaderDoesNotBlockTheRestore) {
   EXPECT_EQ(Restore().state, RestoreState::kDone);
 }
 
-TEST_F(StoreRestore, ADamagedBackupIsPutBackOnlyByForce) {
+TEST_F(StoreRestore, DamagedBackupIsRestoredOnlyByForce) {
   MakeBoth();
   std::string index = ReadFile(backup_ + "/load.ind");
   index[20] = 5;
@@ -300,7 +300,7 @@ TEST_F(StoreRestore, LockedReportBlocksTheRestore) {
   EXPECT_THAT(blocked.items[0].writers, testing::IsEmpty());
 }
 
-TEST_F(StoreRestore, DirectoriesInOneAnotherAreRefusedAndAMissingBackupIsNotFound) {
+TEST_F(StoreRestore, NestedDirectoriesAreRefused) {
   EXPECT_EQ(report::PlanRestore(reports_ + "/sub", reports_).state, RestoreState::kNotFound);
   fs::create_directory(reports_ + "/sub");
   EXPECT_EQ(report::PlanRestore(reports_ + "/sub", reports_).state, RestoreState::kRefused);
@@ -308,7 +308,7 @@ TEST_F(StoreRestore, DirectoriesInOneAnotherAreRefusedAndAMissingBackupIsNotFoun
   EXPECT_EQ(report::PlanRestore(dir_.Path(), reports_).state, RestoreState::kRefused);
 }
 
-TEST_F(StoreRestore, AReportDirectoryThatIsMissingIsMade) {
+TEST_F(StoreRestore, MissingReportDirectoryIsMade) {
   MakeStore(backup_ + "/load", {"a"});
   fs::remove(reports_);
   EXPECT_EQ(Restore().state, RestoreState::kDone);

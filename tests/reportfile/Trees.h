@@ -1,4 +1,4 @@
-// Directory trees as tests make, look at and compare them: a map from path to contents.
+// Directory trees as tests make and compare them: a map from path to contents.
 #pragma once
 
 #include <sys/types.h>
@@ -22,7 +22,7 @@ void MakeTree(const std::string& root, const Tree& entries);
 // A symbolic link at `path`.
 void MakeLink(const std::string& target, const std::string& path);
 
-// What stands below `root`, in the same form; links to directories are not entered. Empty when there is no `root`.
+// What is below `root`, in the same form; links to directories are not entered. Empty when there is no `root`.
 Tree ContentsOf(const std::string& root);
 
 mode_t ModeOf(const std::string& path);
@@ -53,7 +53,7 @@ class ScopedUmask {
   mode_t old_;
 };
 
-// Leaves room for `count` open files besides those that are open now.
+// Allows `count` open files more than are open now.
 class ScopedDescriptorLimit {
  public:
   explicit ScopedDescriptorLimit(unsigned count);

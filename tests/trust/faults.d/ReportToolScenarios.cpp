@@ -24,7 +24,7 @@ using Tree = std::map<std::string, std::string>;  // relative path => content
 constexpr unsigned kSlots = 4;
 constexpr int kRecords = 6;
 
-// Made before the faults: what the caller allocates is none of the sweep's business.
+// Made before the faults: the sweep is not about what the caller allocates.
 std::string reports;
 std::string target;
 std::string store;
@@ -93,14 +93,14 @@ Finding JudgeBackup(const std::string& directory) {
   const bool has_target = std::filesystem::exists(target);
   if (TreeAt(reports) != before) return Broken("the reports have changed");
   if (is_done && (!has_target || TreeAt(target) != Promised(*backup))) return Broken("not what the result says");
-  if (!is_done && has_target && TreeAt(target) != before) return Broken("half a backup has the wanted name");
+  if (!is_done && has_target && TreeAt(target) != before) return Broken("half a backup has the requested name");
   const report::BackupResult again = report::BackupReports(reports, target + "2");
   if (again.state != report::BackupState::kDone || TreeAt(target + "2") != before) return Broken("the next one fails");
   if (is_done && Promised(*backup) != before) return Noted("what cannot be read is left out, and the result names it");
   if (is_done && HasDamaged(*backup))
     return Noted("a copy that cannot be read again counts as damaged, though it is whole");
-  if (is_done && HasLeftover(directory, ".partial-")) return Broken("a backup that is done leaves something behind");
-  if (!is_done && has_target) return Noted("the backup stands there whole, but a sync of its directory failed");
+  if (is_done && HasLeftover(directory, ".partial-")) return Broken("a backup that is done leaves something over");
+  if (!is_done && has_target) return Noted("the backup is there whole, but a sync of its directory failed");
   if (HasLeftover(directory, ".partial-")) return Noted("the directory of a backup that failed could not be removed");
   return Kept();
 }
@@ -169,7 +169,7 @@ Finding JudgeSalvage(const std::string&) {
   }
   if (RecordsAt(target + "2") != expected) return Broken("the next one misses records");
   if (!is_done && has_index != has_data) return Noted("one new file could not be removed; the next salvage names it");
-  if (!is_done && has_index) return Noted("the new store stands there whole, but a sync of its directory failed");
+  if (!is_done && has_index) return Noted("the new store is there whole, but a sync of its directory failed");
   return Kept();
 }
 
@@ -178,7 +178,7 @@ Finding JudgeSalvage(const std::string&) {
 std::vector<Scenario> ReportToolScenarios() {
   return {
       {.name = "report backup (qxctl)",
-       .promise = "a whole backup of what the result names, or nothing of the wanted name; the reports stay",
+       .promise = "a whole backup of what the result names, or nothing of the requested name; the reports stay",
        .prepare = MakeReports,
        .run = RunBackup,
        .finish = nullptr,
