@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <memory>
 #include <new>
 #include <vector>
@@ -76,17 +77,42 @@ file::Descriptor OpenForReading(const std::string& name, int directory) {
   return file::OpenRegular(name.c_str(), O_RDONLY | O_NOFOLLOW, 0, directory);
 }
 
+file::Descriptor OpenNamedDirectory(const std::string& path) {
+  const std::string name = file::NameOf(path);
+  if (name.empty()) return file::OpenDirectory(path.c_str());
+  const file::Descriptor above = file::Open(file::DirectoryOf(path).c_str(), O_PATH | O_DIRECTORY);
+  if (!above.IsOpen()) return {};
+  const file::Descriptor entry = file::Open(name.c_str(), O_PATH | O_NOFOLLOW, 0, above.Number());
+  struct stat status;
+  if (!entry.IsOpen() || file::StatusOf(entry.Number(), status) != 0) return {};
+  if (!S_ISLNK(status.st_mode)) return file::OpenDirectory(".", 0, entry.Number());
+  if (status.st_uid != 0 && status.st_uid != geteuid()) {
+    errno = ELOOP;
+    return {};
+  }
+  std::array<char, PATH_MAX> target;
+  const file::Progress read = file::ReadLink(entry.Number(), target.data(), target.size());
+  if (read.Failed()) return {};
+  return file::OpenDirectory(std::string(target.data(), read.bytes).c_str(), 0, above.Number());
+}
+
 int SyncName(const std::string& name, int directory) {
   const file::Descriptor file = file::Open(name.c_str(), O_RDONLY, 0, directory);
   return file.IsOpen() ? file::Sync(file.Number()) : errno;
 }
 
-int RemoveContents(file::Descriptor top) {
-  try {
-    return RemoveBelow(std::move(top));
-  } catch (const std::bad_alloc&) {
-    return ENOMEM;
+// A removal that memory ended half way is tried once more, from the top.
+int RemoveContents(int directory) {
+  int error = ENOMEM;
+  for (int tries = 0; error == ENOMEM && tries < 2; ++tries) {
+    try {
+      file::Descriptor top = file::OpenDirectory(".", 0, directory);
+      error = top.IsOpen() ? RemoveBelow(std::move(top)) : errno;
+    } catch (const std::bad_alloc&) {
+      error = ENOMEM;
+    }
   }
+  return error;
 }
 
 std::string WithRandomEnd(const std::string& prefix) {
@@ -211,10 +237,10 @@ CopiedFile CopyRegularFile(const std::string& name, int directory, const std::st
 }
 
 PrivateDirectory::PrivateDirectory(const std::string& prefix)
-    : path_(prefix), above_(file::Open(file::DirectoryOf(prefix).c_str(), O_PATH | O_DIRECTORY)) {
+    : path_(WithRandomEnd(prefix)), above_(file::Open(file::DirectoryOf(prefix).c_str(), O_PATH | O_DIRECTORY)) {
   error_ = above_.IsOpen() ? EEXIST : errno;
   for (int tries = 0; error_ == EEXIST && tries < kNameTriesMax; ++tries) {
-    path_ = WithRandomEnd(prefix);
+    if (tries > 0) path_ = WithRandomEnd(prefix);
     name_ = file::NameOf(path_);
     error_ = file::MakeDirectory(name_.c_str(), S_IRWXU, above_.Number());
   }
@@ -229,7 +255,7 @@ PrivateDirectory::PrivateDirectory(const std::string& prefix)
 // What cannot be removed stays, under a name that nobody takes for the real thing.
 PrivateDirectory::~PrivateDirectory() {
   if (error_ != 0 || !directory_.IsOpen()) return;
-  (void)RemoveContents(std::move(directory_));
+  (void)RemoveContents(directory_.Number());
   (void)file::Remove(name_.c_str(), AT_REMOVEDIR, above_.Number());
 }
 

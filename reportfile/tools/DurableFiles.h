@@ -29,12 +29,16 @@ class ByteSource;
 // (ELOOP). [any thread]
 [[nodiscard]] file::Descriptor OpenForReading(const std::string& name, int directory);
 
+// Opens the directory that an operator or the registry names. A symbolic link in its place counts only if root or the
+// effective user owns it (ELOOP otherwise): anybody else's would decide what root reads or replaces. [any thread]
+[[nodiscard]] file::Descriptor OpenNamedDirectory(const std::string& path);
+
 // Syncs what the name leads to. [any thread]
 [[nodiscard]] int SyncName(const std::string& name, int directory = AT_FDCWD);
 
-// Removes everything in the open directory `top`, without following links. What cannot be removed is left, and the
+// Removes everything in the open `directory`, without following links. What cannot be removed is left, and the
 // first error number returned. [any thread]
-[[nodiscard]] int RemoveContents(file::Descriptor top);
+[[nodiscard]] int RemoveContents(int directory);
 
 // A name that nothing has: `prefix` and six random characters. [any thread]
 [[nodiscard]] std::string WithRandomEnd(const std::string& prefix);

@@ -155,7 +155,7 @@ class Backup {
       : source_(WithoutTrailingSlashes(std::move(source))), target_(WithoutTrailingSlashes(std::move(target))) {}
 
   BackupResult Run() {
-    file::Descriptor top = file::OpenDirectory(source_.c_str());
+    file::Descriptor top = OpenNamedDirectory(source_);
     const int open_error = errno;
     struct stat status = {};
     if (!top.IsOpen() && (open_error == ENOENT || open_error == ENOTDIR)) return End(BackupState::kNotFound);

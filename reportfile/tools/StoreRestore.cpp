@@ -108,9 +108,9 @@ struct Directories {
   Directories(const std::string& backup_path, const std::string& reports_path)
       : backup_name(backup_path),
         reports_name(reports_path),
-        backup(file::OpenDirectory(backup_path.c_str())),
+        backup(OpenNamedDirectory(backup_path)),
         backup_error(backup.IsOpen() ? 0 : errno),
-        reports(file::OpenDirectory(reports_path.c_str())),
+        reports(OpenNamedDirectory(reports_path)),
         reports_error(reports.IsOpen() ? 0 : errno) {}
 
   std::string backup_name;
@@ -369,14 +369,12 @@ int RemoveBackup(Directories& directories) {
   const std::string name = file::NameOf(directories.backup_name);
   const file::Descriptor above = file::Open(file::DirectoryOf(directories.backup_name).c_str(), O_PATH | O_DIRECTORY);
   if (!above.IsOpen()) return errno;
-  file::Descriptor top = file::OpenDirectory(".", 0, directories.backup.Top());
-  if (!top.IsOpen()) return errno;
   struct stat opened = {};
   struct stat named = {};
-  int error = file::StatusOf(top.Number(), opened);
+  int error = file::StatusOf(directories.backup.Top(), opened);
   if (error == 0) error = file::StatusOf(name.c_str(), named, AT_SYMLINK_NOFOLLOW, above.Number());
   if (error == 0 && !file::IsSameFile(opened, named)) error = S_ISLNK(named.st_mode) ? ELOOP : ESTALE;
-  if (error == 0) error = RemoveContents(std::move(top));
+  if (error == 0) error = RemoveContents(directories.backup.Top());
   return error == 0 ? file::Remove(name.c_str(), AT_REMOVEDIR, above.Number()) : error;
 }
 
@@ -406,7 +404,7 @@ RestoreResult CarryOut(RestoreResult result, Directories& directories) {
   if (!directories.reports.IsOpen()) {
     int error = MakeDirectories(directories.reports_name);
     if (error != 0) return Failed(std::move(result), error, failed);
-    directories.reports = DirectoriesBelow(file::OpenDirectory(directories.reports_name.c_str()));
+    directories.reports = DirectoriesBelow(OpenNamedDirectory(directories.reports_name));
     error = directories.reports.IsOpen() ? 0 : errno;
     if (error != 0) return Failed(std::move(result), error, failed);
   }
@@ -438,8 +436,10 @@ RestoreResult RestoreReports(const std::string& backup_directory, const std::str
   if (result.state != RestoreState::kPlanned) return result;
   result = CarryOut(std::move(result), directories);
   if (result.state != RestoreState::kDone || !options.consume) return result;
-  const int error = RemoveBackup(directories);
-  return error == 0 ? result : Failed(std::move(result), error, directories.backup_name);
+  if (const int error = RemoveBackup(directories); error != 0) {
+    return Failed(std::move(result), error, directories.backup_name);
+  }
+  return result;  // after the removal nothing may run out of memory
 }
 
 }  // namespace qx::report

@@ -161,6 +161,21 @@ TEST_F(QxctlReportTools, AReportThatIsBeingWrittenIsRestoredOnlyByForce) {
   EXPECT_EQ(Cat("Reports/r"), "a\r\n");
 }
 
+TEST_F(QxctlReportTools, LinksAreLeftOutOfABackupAndRefuseARestore) {
+  MakeReport("r", 3, {"a"});
+  ASSERT_EQ(Qxctl({"report", "backup", "backup"}).code, 0);
+  fs::rename(ReportPath("r") + ".dat", Dir().File("elsewhere"));
+  fs::create_symlink(Dir().File("elsewhere"), ReportPath("r") + ".dat");
+  const json second = Document({"report", "backup", "second"}, 1);
+  EXPECT_EQ(second["items"][0]["kind"], "symbolic link");
+  EXPECT_EQ(second["items"][0]["state"], "not copied");
+  const json plan = Document({"report", "restore", "backup"}, 1);
+  EXPECT_TRUE(plan["items"][0]["link"]);
+  Append("r", {"b"});
+  EXPECT_EQ(Qxctl({"report", "restore", "backup", "--apply", "--force"}).code, 5);
+  EXPECT_EQ(Cat("Reports/r"), "a\r\nb\r\n");
+}
+
 TEST_F(QxctlReportTools, RestoreSaysWhatItNeeds) {
   MakeReport("r", 3, {"a"});
   EXPECT_EQ(Qxctl({"report", "restore", "none"}).code, 4);

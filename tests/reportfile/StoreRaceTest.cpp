@@ -87,7 +87,7 @@ TEST_F(StoreRace, RemovalNeverLeavesTheTree) {
   int removed = 0;
   Race([this] { Step(); },
        [&] {
-         if (report::RemoveContents(file::OpenDirectory(top_.c_str())) == 0) ++removed;
+         if (report::RemoveContents(file::OpenDirectory(top_.c_str()).Number()) == 0) ++removed;
        },
        kRemovalsMin);
   EXPECT_GT(removed, 0);

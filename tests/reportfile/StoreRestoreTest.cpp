@@ -283,6 +283,23 @@ TEST_F(StoreRestore, BackupThatIsReachedOverALinkIsRestoredAndNotRemoved) {
   EXPECT_THAT(NamesIn(backup_), ElementsAre("load.dat", "load.ind", "load.names"));
 }
 
+TEST_F(StoreRestore, LinkOfAnotherUserInPlaceOfADirectoryIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make a link of another owner";
+  MakeBoth();
+  for (const std::string& name : {backup_, reports_}) {
+    const std::string link = dir_.File("link");
+    fs::create_symlink(name, link);
+    ASSERT_EQ(lchown(link.c_str(), 65534, 65534), 0);
+    const RestoreResult result = name == backup_ ? report::RestoreReports(link, reports_, {.force = true})
+                                                 : report::RestoreReports(backup_, link, {.force = true});
+    EXPECT_EQ(result.state, RestoreState::kFailed);
+    EXPECT_EQ(result.error, ELOOP);
+    EXPECT_EQ(report::BackupReports(link, dir_.File("second")).error, ELOOP);
+    fs::remove(link);
+  }
+  ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
+}
+
 TEST_F(StoreRestore, HolesStayHoles) {
   MakeSparseFile(backup_ + "/sparse");
   EXPECT_EQ(Restore().state, RestoreState::kDone);
