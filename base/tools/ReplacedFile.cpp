@@ -150,7 +150,6 @@ ReplaceResult ReplacedFile::Begin(const std::string& path, Options options) {
   if (ReplaceResult checked = CheckTarget(); !checked.IsDone()) return checked;
   if (!options.only_look) {
     if (ReplaceResult made = options.is_edit ? LockCopy() : CreateCopy(); !made.IsDone()) return made;
-    copy_path_ = "/proc/self/fd/" + std::to_string(copy_.Number());
   }
   return options.is_edit ? ReadImage() : ReplaceResult();
 }

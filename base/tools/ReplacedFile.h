@@ -71,9 +71,8 @@ class ReplacedFile {
   [[nodiscard]] const FileImage& Image() const { return image_; }
   // The new content, empty at first, open for reading and writing. [owning thread]
   [[nodiscard]] int CopyDescriptor() const { return copy_.Number(); }
-  // A path that opens the very same file, whatever happens to its name: "/proc/self/fd/5". [owning thread]
-  [[nodiscard]] const std::string& CopyPath() const { return copy_path_; }
-  // The name of the new content, for messages. [owning thread]
+  // The name of the new content, for messages only: who may write the directory decides what a name leads to.
+  // [owning thread]
   [[nodiscard]] std::string CopyName() const { return place_.Beside(copy_suffix_); }
 
   // Replaces what was written so far. [owning thread]
@@ -111,7 +110,6 @@ class ReplacedFile {
   FileImage image_;
   file::Descriptor copy_;
   std::string copy_suffix_;
-  std::string copy_path_;
   std::int64_t copy_bytes_ = 0;
   std::string backup_suffix_;
   std::string backup_path_;

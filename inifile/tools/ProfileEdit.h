@@ -1,5 +1,5 @@
 // Careful edits of profile files, for tools. The class edits where its writer sees an entry, takes comments above it
-// along, and stores what no reader can give back; here an edit finds what readers find, changes that line alone, and is
+// along, and stores what no reader returns; here an edit finds what readers find, changes that line alone, and is
 // checked by reading everything back. The module does not link it.
 #pragma once
 
@@ -13,7 +13,7 @@
 
 namespace qx::inifile {
 
-// What is wanted. `section` and `key` as programs name them.
+// What is requested. `section` and `key` as programs name them.
 struct ProfileRequest {
   enum class Kind { kSet, kDeleteKey, kDeleteSection };
   Kind kind = Kind::kSet;
@@ -33,7 +33,7 @@ enum class ProfileState {
 struct ProfileChange {
   std::string section;
   std::string key;                    // empty with `is_section`: the section itself comes or goes
-  std::optional<std::string> before;  // nothing: there was none
+  std::optional<std::string> before;  // nothing: it was missing
   std::optional<std::string> after;
   bool is_section = false;
 };
@@ -50,7 +50,7 @@ struct ProfileStep {
 struct ProfilePlan {
   ProfileState state = ProfileState::kDone;
   std::string reason;
-  std::vector<ProfileChange> changes;  // none: the file is as wanted already
+  std::vector<ProfileChange> changes;  // none: the file is as requested already
   bool completes_last_line = false;    // the last line gets the line feed that it lacks
   std::string text;                    // the file afterwards
   std::vector<ProfileStep> steps;      // each on the text that the one before left
@@ -63,7 +63,7 @@ struct ProfilePlan {
 // the file must not be used then. [any thread]
 [[nodiscard]] std::string CarryOut(const ProfilePlan& plan, const std::string& text, const std::string& path);
 
-// CarryOut on a copy in memory: whether it would do. [any thread]
+// CarryOut on a copy in memory. Empty if the file may then hold `plan.text`. [any thread]
 [[nodiscard]] std::string Rehearse(const ProfilePlan& plan, const std::string& text);
 
 }  // namespace qx::inifile

@@ -114,10 +114,9 @@ Status NotSound(const std::string& file, const std::string& reason) {
 
 // Programs find the file when they read it next; there is nothing to tell them.
 Status Apply(ReplacedFile& edit, const ProfilePlan& plan, const std::string& file) {
-  const std::string& text = edit.Image().bytes;
-  if (Status status = StatusOfEdit(edit.WriteCopy(text)); !status.IsOk()) return status;
-  const std::string reason = inifile::CarryOut(plan, text, edit.CopyPath());
-  return reason.empty() ? StatusOfEdit(edit.Commit(false)) : NotSound(file, reason);
+  if (Status status = NotSound(file, inifile::Rehearse(plan, edit.Image().bytes)); !status.IsOk()) return status;
+  if (Status status = StatusOfEdit(edit.WriteCopy(plan.text)); !status.IsOk()) return status;
+  return StatusOfEdit(edit.Commit(false));
 }
 
 void TellWhatElse(Context& context, const ProfilePlan& plan) {

@@ -1,13 +1,12 @@
 // Changes to a registry file. Without --apply they say what would change.
 //
-// The file is written by the key's own dumpNode, read again through the class and compared before it takes the place of
-// the old one. It is not saved by a handle: that hides failures, and leaves no registry between its two renames.
+// The new text comes from the library's own writer, and is parsed by its reader and compared before it replaces the old
+// one. A handle does not save it: that hides failures.
 #include "tools/qxctl/settings/RegistryEditCommand.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <iterator>
@@ -140,22 +139,8 @@ Status MakePlan(const FileImage& image, const Change& change, Plan& plan) {
   return {};
 }
 
-// The new tree through the class into the copy, and back.
-Status WriteCopy(const Plan& plan, const std::string& path) {
-  std::FILE* const stream = std::fopen(path.c_str(), "r+e");
-  if (stream == nullptr) return Status::Io("cannot write " + path, errno);
-  plan.after.dumpNode(stream);
-  const bool has_failed = std::ferror(stream) != 0;
-  const int error = std::fclose(stream) != 0 || has_failed ? errno : 0;
-  if (error != 0) return StatusOfEdit(ReplaceResult{ReplaceState::kFailed, path, error});
-  CRegistryNode again;
-  const bool loads = CRegistry::ReadTree(path.c_str(), again);
-  if (loads && registry::Compare(plan.after, again, {.changes = 1}).changes.empty()) return {};
-  return {ExitCode::kIo, "what was written to " + path + " does not read back; nothing was changed"};
-}
-
 Status Apply(Context& context, ReplacedFile& edit, const Plan& plan) {
-  if (Status status = WriteCopy(plan, edit.CopyPath()); !status.IsOk()) return status;
+  if (Status status = StatusOfEdit(edit.WriteCopy(plan.text)); !status.IsOk()) return status;
   Status committed = StatusOfEdit(edit.Commit(true));
   if (!edit.IsInPlace()) return committed;
   if (!edit.BackupPath().empty()) context.output.Note("qxctl: the file as it was is kept in " + edit.BackupPath());

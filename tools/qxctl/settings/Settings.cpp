@@ -49,8 +49,14 @@ Status StatusOfEdit(const ReplaceResult& result) {
     case ReplaceState::kChanged:
       return {ExitCode::kChanged, result.file + " was written meanwhile and is left as it is; try again"};
     case ReplaceState::kForeignLink:
-    case ReplaceState::kForeignOwner:
+      return {ExitCode::kRefused, result.file + " is a symbolic link of another user (uid " +
+                                      std::to_string(result.owner) +
+                                      "), who chooses where it leads; name the file itself"};
     case ReplaceState::kSharedDirectory:
+      return {ExitCode::kRefused, "other users may write the directory of " + result.file +
+                                      ", so they can replace it at any time; change the mode or the owner of the "
+                                      "directory, or use --force to change the file all the same"};
+    case ReplaceState::kForeignOwner:
     case ReplaceState::kSeveralNames:
       return StatusOfFile("cannot use", result);
     case ReplaceState::kFailed:
@@ -60,9 +66,10 @@ Status StatusOfEdit(const ReplaceResult& result) {
 }
 
 Status BeginEdit(ReplacedFile& edit, const std::string& path, const EditOptions& options, bool may_be_missing) {
-  return StatusOfEdit(edit.Begin(path, {.links = options.force ? LinkRule::kAny : LinkRule::kTrustedDirectories,
+  return StatusOfEdit(edit.Begin(path, {.links = options.force ? LinkRule::kTrusted : LinkRule::kTrustedDirectories,
                                         .may_be_missing = may_be_missing,
-                                        .only_look = !options.apply}));
+                                        .only_look = !options.apply,
+                                        .refuse_shared_directory = !options.force}));
 }
 
 Status EditDone(const EditOptions& options, bool has_changes) {
