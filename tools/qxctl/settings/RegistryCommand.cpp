@@ -11,6 +11,7 @@
 #include "registry/Registry.h"
 #include "registry/RegistryValue.h"
 #include "registry/tools/TreeDiff.h"
+#include "registry/tools/TreeWalk.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
@@ -40,7 +41,7 @@ struct Value {
 struct KeyContent {
   std::string path;
   std::vector<Value> values;
-  std::vector<std::pair<std::string, CRegistryNode*>> subkeys;
+  std::vector<std::string> subkeys;
 };
 
 // --- the tree
@@ -56,8 +57,8 @@ KeyContent ContentOf(std::string path, const CRegistryNode& node) {
   const qx::LockScope lock(node.Lock());
   for (const StrMapEntry& entry : node.Entries()) {
     if (entry.name == nullptr || !entry.value.IsPresent()) continue;
-    if (CRegistryNode* const subkey = registry::NodeOf(entry.value); subkey != nullptr) {
-      content.subkeys.emplace_back(entry.name, subkey);
+    if (registry::NodeOf(entry.value) != nullptr) {
+      content.subkeys.emplace_back(entry.name);
     } else {
       content.values.push_back({entry.name, registry::ValueOf(entry.value)});
     }
@@ -78,7 +79,7 @@ Json ContentToJson(const KeyContent& content) {
     object["values"].Append(std::move(entry));
   }
   object["subkeys"] = Json::Array();
-  for (const auto& [name, node] : content.subkeys) {
+  for (const std::string& name : content.subkeys) {
     Json entry;
     SetText(entry, "name", name);
     object["subkeys"].Append(std::move(entry));
@@ -89,26 +90,29 @@ Json ContentToJson(const KeyContent& content) {
 std::string ContentToText(const KeyContent& content, bool is_recursive) {
   std::string text = is_recursive ? (content.path.empty() ? "(root)" : Visible(content.path)) + ":\n" : "";
   for (const Value& value : content.values) text += LineOf(value.name, value.content) + "\n";
-  for (const auto& [name, node] : content.subkeys) text += "[" + Visible(name) + "]\n";
+  for (const std::string& name : content.subkeys) text += "[" + Visible(name) + "]\n";
   return is_recursive ? text + "\n" : text;
 }
 
 // --- the commands
 
-// Visits the key and, with --recursive, everything below it in the order of a registry file.
-std::vector<KeyContent> KeysFrom(const Options& options, const CRegistryNode& start) {
+// What a file that was made to be hostile would list without end.
+Status StatusOfWalk(const registry::TreeWalk& walk) {
+  if (walk.IsCut()) {
+    return {ExitCode::kFinding, "the listing is not complete: the paths take more than 64 MiB; list one key below " +
+                                    Visible(walk.Path().substr(0, 200))};
+  }
+  if (walk.KeysTooDeep() == 0) return {};
+  return {ExitCode::kFinding, "the listing is not complete: " + std::to_string(walk.KeysTooDeep()) +
+                                  " key(s) at level 1001, with everything below them, are left out"};
+}
+
+// The key and, with --recursive, everything below it in the order of a registry file.
+std::vector<KeyContent> KeysFrom(registry::TreeWalk& walk, bool is_recursive) {
   std::vector<KeyContent> keys;
-  std::vector<std::pair<std::string, const CRegistryNode*>> pending = {{options.key, &start}};
-  while (!pending.empty()) {
-    auto [path, node] = std::move(pending.back());
-    pending.pop_back();
-    keys.push_back(ContentOf(std::move(path), *node));
-    if (!options.recursive) break;
-    const KeyContent& content = keys.back();
-    const std::string prefix = content.path.empty() || content.path.ends_with('/') ? content.path : content.path + "/";
-    for (auto subkey = content.subkeys.rbegin(); subkey != content.subkeys.rend(); ++subkey) {
-      pending.emplace_back(prefix + subkey->first, subkey->second);
-    }
+  while (walk.Next()) {
+    keys.push_back(ContentOf(walk.Path(), walk.Key()));
+    if (!is_recursive) break;
   }
   return keys;
 }
@@ -134,9 +138,11 @@ Status List(Context& context, const Values& values) {
   if (Status status = LoadTree(context, options.source, tree); !status.IsOk()) return status;
   CRegistry handle;
   if (Status status = OpenKey(options, tree, handle); !status.IsOk()) return status;
-  const std::vector<KeyContent> keys = KeysFrom(options, *handle.CurrentKey());
+  registry::TreeWalk walk(*handle.CurrentKey(), options.key);
+  const std::vector<KeyContent> keys = KeysFrom(walk, options.recursive);
   return ShowResult(
-      context, values, [&] { return ToJson(keys); }, [&] { return ToText(keys, options.recursive); });
+      context, values, [&] { return ToJson(keys); }, [&] { return ToText(keys, options.recursive); },
+      StatusOfWalk(walk));
 }
 
 // An expansion is done by the handle, as it does it for every reader.
