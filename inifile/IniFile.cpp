@@ -48,7 +48,7 @@ class ReadText {
     return !MayBeCut(length_, kTextSizeMax);
   }
 
-  // The text and the NUL behind it; of a list the names with their NULs.
+  // The text and the NUL after it; of a list the names with their NULs.
   [[nodiscard]] const char* Text() const { return text_; }
   [[nodiscard]] unsigned Length() const { return length_; }
 
@@ -155,7 +155,7 @@ const char* CIniFile::GetEnum(const char* section) {
   return enum_cursor_;
 }
 
-// An empty name can stand inside a list (an entry "=value"); only the list's own end stops the cursor.
+// An empty name can be inside a list (an entry "=value"); only the list's own end stops the cursor.
 const char* CIniFile::GetNextEnum() {
   if (enum_cursor_ == nullptr || !is_open_) return "";
   const char* const next = enum_cursor_ + std::strlen(enum_cursor_) + 1;
@@ -202,7 +202,7 @@ bool CIniFile::CopySection(const char* from, const char* to) {
   if (!IsUsable()) return false;
   if (from == nullptr || to == nullptr) return is_open_;
   for (const char* key = GetEnum(from); *key != '\0'; key = GetNextEnum()) {
-    (void)SetString(to, key, GetString(from, key, ""));  // the result tells whether the object is open, no more
+    (void)SetString(to, key, GetString(from, key, ""));  // the result shows only whether the object is open
   }
   return is_open_;
 }

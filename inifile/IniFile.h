@@ -2,7 +2,7 @@
 //
 // There is no cache: every read opens the file, walks through it and closes it, every write edits the file in place.
 // The static primitives follow the familiar private-profile calling conventions, the members wrap them for one file
-// name. Two writers at once are not kept apart, and nothing is escaped: what a caller passes is what stands in the
+// name. Two writers at once are not kept apart, and nothing is escaped: what a caller passes is what is in the
 // file.
 #pragma once
 
@@ -27,26 +27,26 @@ class CIniFile {
   CIniFile& operator=(const CIniFile&) = delete;
 
   // Reads one value, or a list of names, into the `size` bytes at `buf` and returns the number of characters placed.
-  //   section and key given   the value of the first such entry; if there is none, or it is empty: `def`
+  //   section and key given   the value of the first such entry; if it is missing or empty: `def`
   //   key null                the section's keys in file order, each followed by NUL, the list by one more
   //   section null            likewise the names of all sections, whatever `key` is
   // A null `def` counts as empty; lists have no default. A value that was cut gives size - 1, a list that was cut
-  // size - 2 and two NULs at the end; size - 1 and size - 2 therefore mean "ask again with more room". At size 2
+  // size - 2 and two NULs at the end; size - 1 and size - 2 therefore mean "ask again with a larger buffer". At size 2
   // nothing is searched and `def` comes; size 1 gives the empty text; at size 0, or with `buf` or `path` null, nothing
   // is written and the result is 0. [any thread]
   static unsigned GetPrivateProfileString(const char* section, const char* key, const char* def, char* buf,
                                           unsigned size, const char* path);
 
   // Writes `value` under `key`; a null `key` deletes the section, a null `value` the key. Creates the file with mode
-  // 0644 when there is none. False when there was nothing to delete in an existing file, without `section` or `path`,
+  // 0644 if it is missing. False when there was nothing to delete in an existing file, without `section` or `path`,
   // and when the file could not be opened or written. An edit that fails half-way leaves the file as far as it was
   // written. [any thread]
   [[nodiscard]] static bool WritePrivateProfileString(const char* section, const char* key, const char* value,
                                                       const char* path);
 
   // Replaces the bytes `from` up to `to` of `file` (open for reading and writing) by a line feed if `newlineFirst`
-  // and by the line key=value if both are given; what stood at `to` follows, and the file ends where that ends. False
-  // when an offset lies outside the file, `from` lies behind `to`, there is no room, or a stream call fails. [any
+  // and by the line key=value if both are given; what was at `to` follows, and the file ends where that ends. False
+  // when an offset is outside the file, `from` is after `to`, there is no space, or a stream call fails. [any
   // thread]
   [[nodiscard]] static bool WriteLines(FILE* file, unsigned from, unsigned to, const char* key, const char* value,
                                        bool newlineFirst);
@@ -58,7 +58,7 @@ class CIniFile {
   [[nodiscard]] const char* GetFileName() const;
 
   // Makes the object usable if it has a name and, with `mustExist`, the file can be opened for reading. Nothing stays
-  // open. IsOpen tells the result again. [owning thread]
+  // open. IsOpen returns the result again. [owning thread]
   bool Open(bool mustExist);
   bool Open(const char* name, bool mustExist);
   [[nodiscard]] bool IsOpen() const;
@@ -69,7 +69,7 @@ class CIniFile {
   [[nodiscard]] unsigned GetNumber(const char* section, const char* key, unsigned def);
 
   // The value, or `def` when there is no such entry or its value is empty. A text of more than 64,509 characters, which
-  // only a default can be, gives `def` and false. `out` stays untouched while the object is not open. [owning thread]
+  // only a default can be, gives `def` and false. `out` is unchanged while the object is not open. [owning thread]
   bool GetString(std::string& out, const char* section, const char* key, const char* def);
 
   // The same; the text belongs to the object and lives until its next call of this form. A text that is too long, or
@@ -114,6 +114,6 @@ class CIniFile {
   std::unique_ptr<char[]> enum_buffer_;    // NUL-separated names, ending with an empty name
   const char* enum_cursor_ = nullptr;      // at the name returned last
   std::uint32_t string_size_ = 0;          // bytes of string_buffer_
-  std::uint32_t enum_size_ = 0;            // bytes of enum_buffer_: the list with its ending NUL, nothing behind it
+  std::uint32_t enum_size_ = 0;            // bytes of enum_buffer_: the list with its ending NUL, nothing after it
   bool is_open_ = false;
 };

@@ -22,22 +22,22 @@ namespace qx::inifile {
 //
 // Threads: one thread at a time.
 // Owns: nothing; the descriptor and the window stay the caller's and outlive the scanner.
-// Failure: a read that fails ends the file there; HasFailed tells.
+// Failure: a read that fails ends the file there; HasFailed shows it.
 class LineScanner {
  public:
   static constexpr std::size_t kLineBytesMax = 1023;
   static constexpr std::size_t kWindowBytes = 16384;
 
-  // Starts at the file's first byte whatever the descriptor's own position, which stays as it is. `window` has room
+  // Starts at the file's first byte whatever the descriptor's own position, which stays as it is. `window` has space
   // for at least kLineBytesMax bytes. [owning thread]
   LineScanner(int descriptor, std::span<char> window) noexcept;
 
-  // The next line, or false at the end. `line` lives until the next call and stays untouched on false. [owning thread]
+  // The next line, or false at the end. `line` lives until the next call and is unchanged on false. [owning thread]
   [[nodiscard]] bool Next(std::string_view& line);
 
   // Passes over lines for as long as `is_foreign`, which sees them without their line feed and with whatever a NUL
   // hides, says so. It is not asked about plain text without the mark, which must be foreign (inifile/MarkedLine.h).
-  // May stop before any line: it only spares Next the lines that it would deliver in vain. [owning thread]
+  // May stop before any line: it only spares Next lines of no use. [owning thread]
   template <typename Predicate>
   void PassOver(LineMark mark, Predicate is_foreign) noexcept {
     std::string_view rest = unread_;
@@ -52,7 +52,7 @@ class LineScanner {
     unread_ = rest;
   }
 
-  // Offset in the file of the byte behind the line taken last. [owning thread]
+  // Offset in the file of the byte after the line taken last. [owning thread]
   [[nodiscard]] std::uint64_t Position() const noexcept { return position_; }
 
   // Whether the file ended because it could not be read on. [owning thread]

@@ -20,7 +20,7 @@ constexpr std::size_t kLongLine = LineScanner::kLineBytesMax - 3 * kStep;
 
 __m128i Load(const char* at) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at)); }
 
-// The byte behind a line feed is the first of a line: 0xFF where that line is a header or begins with a blank.
+// The byte after a line feed is the first of a line: 0xFF where that line is a header or begins with a blank.
 __m128i HeadersAndBlanks(__m128i first) {
   const __m128i headers = _mm_cmpeq_epi8(first, _mm_set1_epi8('['));
   const __m128i blanks = _mm_cmpeq_epi8(first, _mm_min_epu8(first, _mm_set1_epi8(' ')));

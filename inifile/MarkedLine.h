@@ -14,7 +14,7 @@ struct LineMark {
 
 // `text` begins with the line feed of some line. The bytes up to a line feed, itself included, so that every line
 // between the two is plain text without the mark: it begins neither with "[" nor with a blank or control character, and
-// is no longer than the scanner's lines are. There may be more such lines behind; the answer 1 is always right.
+// is no longer than the scanner's lines are. More such lines may follow; the answer 1 is always right.
 [[nodiscard]] std::size_t BytesToMarkedLine(std::string_view text, LineMark mark) noexcept;
 
 }  // namespace qx::inifile

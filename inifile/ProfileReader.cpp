@@ -29,7 +29,7 @@ class Result {
  public:
   Result(char* buf, std::size_t size) : buf_(buf), size_(size) {}
 
-  [[nodiscard]] bool HasRoom() const { return count_ < size_ - 2; }
+  [[nodiscard]] bool HasSpace() const { return count_ < size_ - 2; }
   [[nodiscard]] bool IsEmpty() const { return count_ == 0; }
 
   void AppendName(std::string_view name) {
@@ -42,7 +42,7 @@ class Result {
     count_ = value.size();
   }
 
-  // Ends the text, of which there is some, and tells its length.
+  // Ends the text, which is not empty, and returns its length.
   //   value "abcdef", size 4              => "abc", 3
   //   names "ab" and "cd", size 16        => "ab\0cd\0\0", 6
   //   names "ab" and "cd", size 6         => "ab\0c\0\0", 4 = size - 2
@@ -77,7 +77,7 @@ std::optional<std::string_view> NameInHeader(std::string_view line) {
 }
 
 // True for plain text that cannot be an entry of `key`, since it does not begin with it.
-//   "name=x", "key" => yes     "keys=x", "key" => no, though it is none
+//   "name=x", "key" => yes     "keys=x", "key" => no, though it is not one either
 bool IsOtherEntry(std::string_view line, std::string_view key) { return IsPlainText(line) && !line.starts_with(key); }
 
 // False when the entry ends the search.
@@ -95,7 +95,7 @@ bool TakeEntry(std::string_view line, const Query& query, Result& result) {
 
 void CollectSections(LineScanner& lines, Result& result) {
   std::string_view line;
-  while (result.HasRoom() && lines.Next(line)) {
+  while (result.HasSpace() && lines.Next(line)) {
     line = WithoutLeadingWhiteSpace(line);
     if (!IsHeader(line)) continue;
     if (const auto name = NameInHeader(WithoutComment(line))) result.AppendName(*name);
@@ -103,8 +103,8 @@ void CollectSections(LineScanner& lines, Result& result) {
 }
 
 // Most lines of a large file are passed over at the sight of a few characters: of another entry by the last of the
-// wanted key, since keys of one section often differ there alone. A list takes every line of its section, as if its key
-// were empty.
+// requested key, since keys of one section often differ only there. A list takes every line of its section, as if its
+// key were empty.
 void PassOverForeign(LineScanner& lines, bool is_inside, std::string_view key) {
   if (!is_inside) return lines.PassOver({.column = 0, .byte = '['}, IsPlainText);
   if (key.empty()) return;
@@ -117,7 +117,7 @@ void SearchSection(LineScanner& lines, const Query& query, Result& result) {
   const std::string_view section = query.section;
   const std::string_view key = query.key != nullptr ? query.key : "";
   bool is_inside = false;
-  while (result.HasRoom()) {
+  while (result.HasSpace()) {
     PassOverForeign(lines, is_inside, key);
     std::string_view line;
     if (!lines.Next(line)) return;

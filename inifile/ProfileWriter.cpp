@@ -49,7 +49,7 @@ bool Closed(Stream stream) { return std::fclose(stream.release()) == 0; }
 
 enum class PlaceKind { kEntry, kNextHeader, kEndOfFile, kUnreadable };
 
-// Where the walk ended. A region begins behind the line handled before it, so the empty and comment lines directly
+// Where the walk ended. A region begins after the line handled before it, so the empty and comment lines directly
 // above a line belong to that line's region.
 struct Place {
   PlaceKind kind = PlaceKind::kEndOfFile;
@@ -57,7 +57,7 @@ struct Place {
   std::uint64_t section_begin = 0;  // of the region of the section's header
   unsigned section_lines = 0;       // handled since that header, the one at `begin` included
   std::uint64_t begin = 0;
-  std::uint64_t end = 0;  // behind the line at which the walk ended
+  std::uint64_t end = 0;  // after the line at which the walk ended
 };
 
 std::string_view WithoutLastCharacter(std::string_view line) {
@@ -110,7 +110,7 @@ Place FindPlace(const file::Descriptor& file, const Edit& edit) {
   std::array<char, LineScanner::kWindowBytes> window;
   LineScanner lines(file.Number(), window);
   Place place = FindPlace(lines, edit);
-  // What lies behind a failed read may hold the section: an append would make a second one.
+  // What follows a failed read may hold the section: an append would make a second one.
   if (lines.HasFailed()) place.kind = PlaceKind::kUnreadable;
   return place;
 }
@@ -132,12 +132,13 @@ std::unique_ptr<char[]> ReadTail(FILE* stream, std::uint64_t offset, std::uint64
   return tail;
 }
 
-// Cuts what a failed write left behind `old_end`. The write has failed either way, so its result is the one to report.
+// Cuts off what a failed write left after `old_end`. The write has failed either way, so its result is the one to
+// report.
 void CutBack(int descriptor, off_t old_end) { (void)file::Truncate(descriptor, old_end); }
 
-// Takes the room that an edit will need before it overwrites anything, so that a full disk leaves the file as it was.
-// Only a lack of room counts: where room cannot be reserved the writes themselves show what is wrong.
-bool ReserveRoom(FILE* stream, std::uint64_t old_size, std::uint64_t new_size) {
+// Reserves the space that an edit needs before it overwrites anything, so that a full disk leaves the file as it was.
+// Only a lack of space counts: if space cannot be reserved for another reason, the writes themselves show the error.
+bool ReserveSpace(FILE* stream, std::uint64_t old_size, std::uint64_t new_size) {
   if (new_size <= old_size) return true;
   const auto old_end = static_cast<off_t>(old_size);
   const int error = posix_fallocate(fileno(stream), old_end, static_cast<off_t>(new_size - old_size));
@@ -162,12 +163,12 @@ bool Splice(FILE* stream, std::uint64_t begin, std::uint64_t end, std::string_vi
   const std::unique_ptr<char[]> tail = ReadTail(stream, end, size);
   if (!tail) return false;
   const std::string_view kept(tail.get(), static_cast<std::size_t>(size - end));
-  if (!ReserveRoom(stream, size, begin + text.size() + kept.size())) return false;
+  if (!ReserveSpace(stream, size, begin + text.size() + kept.size())) return false;
   if (fseeko(stream, static_cast<off_t>(begin), SEEK_SET) != 0) return false;
   return WriteAll(stream, text) && WriteAll(stream, kept) && TruncateHere(stream);
 }
 
-// Offsets travel through WriteLines in 32 bits: what lies further back is not edited rather than edited elsewhere.
+// Offsets travel through WriteLines in 32 bits: a place after 4 GiB is refused, never edited elsewhere.
 bool WriteRegion(FILE* stream, std::uint64_t from, std::uint64_t to, const Edit& edit, bool new_line_first) {
   if (to > std::numeric_limits<unsigned>::max()) return false;
   return CIniFile::WriteLines(stream, static_cast<unsigned>(from), static_cast<unsigned>(to), edit.key, edit.value,
@@ -175,7 +176,7 @@ bool WriteRegion(FILE* stream, std::uint64_t from, std::uint64_t to, const Edit&
 }
 
 // Quirk: an entry that is its section's first line gets a line feed before it. That keeps the empty line which the
-// writer puts behind a header, and adds one where there was none; where the entry is deleted it stays behind.
+// writer puts after a header, and adds one where there was none; where the entry is deleted the empty line stays.
 bool EditPlace(FILE* stream, const Place& place, const Edit& edit) {
   if (place.kind == PlaceKind::kEntry) {
     return WriteRegion(stream, place.begin, place.end, edit, place.section_lines < 2);

@@ -19,14 +19,14 @@
 // Owns: the value buffer and its copy of the path. Keys belong to the tree: a current key stays usable until it, or a
 // key above it, is deleted or replaced.
 // Failure: result codes: 0; -1 (Open, CreateKey, OpenPointerKey); 22 no current key or a missing argument; 61 no such
-// value, or none of the wanted type, or past the last entry; 34 the caller's buffer is too small. Nothing throws.
+// value, or none of the requested type, or past the last entry; 34 the caller's buffer is too small. Nothing throws.
 // Paths: names separated by "\" or "/"; the last separator of a path may be followed by nothing. Names are
 // case-sensitive. An empty name between two separators is a name.
 class CRegistry {
  public:
   // A handle without a key. [any thread]
   CRegistry();
-  // A handle on `key`, which is read after the tree was loaded: MLocalMachine and its like may be passed to the very
+  // A handle on `key`, which is read after the tree was loaded: MLocalMachine and the others may be passed to the very
   // first handle. [any thread]
   explicit CRegistry(CRegistryNode*& key);
   // A handle on the key that Open finds, or without one. [any thread]
@@ -39,7 +39,7 @@ class CRegistry {
   ~CRegistry();
 
   // Resets the handle, loads the tree if no load has succeeded yet, and makes sure that the root has entries for the
-  // five hives (without keys behind them where the file had none). Every constructor runs it. [owning thread]
+  // five hives (without keys where the file had none). Every constructor runs it. [owning thread]
   void InitClass();
   // Frees what the handle owns and writes the tree if it has changed. The destructor runs it. [owning thread]
   void FreeClass();
@@ -66,11 +66,11 @@ class CRegistry {
   // The number of subkeys of the current key: 0 or 22. [owning thread]
   long NoOfSubKeys(unsigned* count);
   // The name of subkey `index`, counted from 0 in the order of names: at most *name_len - 1 bytes and a NUL.
-  // *name_len becomes the bytes without the NUL; with room 0 nothing is written. *cls_len becomes 0, cls is never
+  // *name_len becomes the bytes without the NUL; with length 0 nothing is written. *cls_len becomes 0, cls is never
   // written. 0, 22 or 61. [owning thread]
   long EnumKey(char* name, unsigned* name_len, unsigned index, char* cls, unsigned* cls_len);
   long EnumKey(char* name, unsigned name_len, unsigned index, char* cls, unsigned cls_len);
-  // Destroys a direct subkey with everything below it: 0, or 22 when there is none. [owning thread]
+  // Destroys a direct subkey with everything below it: 0, or 22 if there is not one. [owning thread]
   long DeleteKey(const char* name);
 
   // Below, a null `node` means the current key.
@@ -97,7 +97,7 @@ class CRegistry {
   // types no data (*data_len = 0). 0, 22 or 61. [owning thread]
   long EnumVal(char* name, unsigned* name_len, unsigned index, unsigned type, unsigned char* data, unsigned* data_len);
   long EnumVal(char* name, unsigned name_len, unsigned index, unsigned type, unsigned char* data, unsigned data_len);
-  // Stores `size` bytes (a string without its NUL) under `name`, replacing whatever stands there, a subkey included. A
+  // Stores `size` bytes (a string without its NUL) under `name`, replacing whatever has that name, a subkey included. A
   // null name stores nothing and is true. False: no key, unknown type, a number whose size is not 4, no data where
   // there should be some. Even a refused call makes the next destroyed handle write the tree. [owning thread]
   bool SetValue(const char* name, const unsigned char* data, unsigned size, unsigned type,

@@ -74,7 +74,7 @@ long long SizeOf(const file::Descriptor& file) {
 }
 
 bool WriteThrough(file::Descriptor& file, std::string_view text) {
-  // Before the file gets its name, so that nobody ever meets it with the mode of an unusual umask.
+  // Before the file gets its name, so that nobody ever finds it with the mode of an unusual umask.
   (void)fchmod(file.Number(), kFileMode);  // a file system without modes stores the registry all the same
   const bool is_stored = !file::Write(file.Number(), text).Failed() && file::Sync(file.Number()) == 0;
   return file.Close() == 0 && is_stored;

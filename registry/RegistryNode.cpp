@@ -78,7 +78,7 @@ bool CRegistryNode::restoreNode(FILE* stream) {
   return has_values;
 }
 
-// The way back up is kept in what is about to be freed: the slot that led down holds the key above, and the capacity of
+// Pointer reversal: the slot that led down holds the key above, and the capacity of
 // a key on the path is its place in the one above. Deletion thus needs no memory and no stack, however deep the keys.
 void CRegistryNode::deleteNode() {
   const qx::registry::UncancellableScope no_cancellation;
@@ -128,7 +128,7 @@ bool CRegistryNode::Merge(CRegistryNode& fresh) {
   return true;
 }
 
-// Both lists are in order, so they are merged from their ends into the room behind the existing entries.
+// Both lists are in order, so they are merged from their ends into the slots after the existing entries.
 void CRegistryNode::MergeEntries(CRegistryNode& fresh, std::int32_t new_names, ContentExchange& exchange) {
   std::int32_t old = count_;
   std::int32_t place = count_ + new_names;

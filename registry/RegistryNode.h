@@ -27,7 +27,7 @@ class CRegistryNode : public CStrMap {
   // Reads lines up to the empty line that closes the key, or to the end, and merges them by name into the key: a value
   // or subkey of the same name is replaced whole. Keys that keep their path keep their object, so handles on them stay
   // usable. True when at least one value line was recognised here or below; false on a null stream or a read error. The
-  // stream is left behind the closing line if it can seek. [any thread]
+  // stream is then at the end of the closing line if it can seek. [any thread]
   [[nodiscard]] bool restoreNode(FILE* stream);
 
   // Frees all values and subkeys and leaves the entries, emptied, in place: only right before the key goes away or its
@@ -44,7 +44,7 @@ class CRegistryNode : public CStrMap {
  private:
   class ContentExchange;
 
-  // Merges the entries of `fresh`, of which `new_names` are not here yet, into an array that has room for them.
+  // Merges the entries of `fresh`, of which `new_names` are not here yet, into an array that has space for them.
   void MergeEntries(CRegistryNode& fresh, std::int32_t new_names, ContentExchange& exchange);
 };
 

@@ -1,6 +1,6 @@
-// Internal: where the registry's files lie.
+// Internal: where the registry's files are.
 //
-// The directory is fixed for users of the system. Tests of every folder that reads the registry, and tools that look at
+// The directory is fixed for users of the system. Tests of every folder that reads the registry, and tools that read
 // a copy of it, point it elsewhere.
 #pragma once
 

@@ -28,13 +28,13 @@ template <typename Predicate>
   return nullptr;
 }
 
-// At most room - 1 bytes and a NUL; `room` becomes the bytes without the NUL. No room: nothing is written.
-inline void CopyName(const char* from, char* to, unsigned& room) {
-  if (room == 0) return;
-  const std::size_t length = std::min<std::size_t>(std::strlen(from), room - 1);
+// At most size - 1 bytes and a NUL; `size` becomes the bytes without the NUL. Size 0: nothing is written.
+inline void CopyName(const char* from, char* to, unsigned& size) {
+  if (size == 0) return;
+  const std::size_t length = std::min<std::size_t>(std::strlen(from), size - 1);
   std::memcpy(to, from, length);
   to[length] = '\0';
-  room = static_cast<unsigned>(length);
+  size = static_cast<unsigned>(length);
 }
 
 }  // namespace qx::registry

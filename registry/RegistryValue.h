@@ -1,4 +1,4 @@
-// Internal: making, reading and freeing the data behind a value slot.
+// Internal: making, reading and freeing the data of a value slot.
 //
 // Strings and blocks are arrays of char; a block begins with its length as a 32-bit number in host order. Nothing here
 // throws: without memory a maker gives a null pointer.

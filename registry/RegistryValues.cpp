@@ -82,7 +82,7 @@ unsigned CRegistry::GetValueSize(const char* name, CRegistryNode* node) {
   return entry != nullptr ? static_cast<unsigned>(StoredBytes(entry->value).size()) : 0;
 }
 
-// Size and bytes come from one look at the entry, so a change by another thread cannot fall between them.
+// Size and bytes come from one snapshot of the entry, so a change by another thread cannot fall between them.
 bool CRegistry::TakeStoredValue(const char* name, const CRegistryNode* key) {
   value_size_ = 0;
   if (key == nullptr || name == nullptr) return false;
@@ -125,7 +125,7 @@ bool CRegistry::ReadString(const char* name, CRegistryNode* node) {
   return GetValue(name, node) != nullptr && (value_type_ == REG_SZ || value_type_ == REG_EXPAND_SZ);
 }
 
-// Quirk: the test is on the size alone, so a string of three characters is a number too.
+// Quirk: only the size is tested, so a string of three characters is a number too.
 long CRegistry::QueryValue(unsigned* dword, const char* name, CRegistryNode* node) {
   if (KeyOr(node) == nullptr) return EINVAL;
   const unsigned char* bytes = GetValue(name, node);
@@ -172,7 +172,7 @@ long CRegistry::QueryValue(char* buf, const char* name, unsigned count, CRegistr
 
 void CRegistry::CopyEnumeratedData(const StrMapEntry& entry, unsigned char* data, unsigned& data_len) {
   if (data != nullptr && (entry.value.type == REG_SZ || entry.value.type == REG_EXPAND_SZ)) {
-    (void)QueryValue(reinterpret_cast<char*>(data), entry.name, &data_len);  // the length tells how it went
+    (void)QueryValue(reinterpret_cast<char*>(data), entry.name, &data_len);  // the length shows the result
     return;
   }
   const bool fits = data != nullptr && entry.value.type == REG_DWORD && data_len >= sizeof entry.value.slot.number;

@@ -50,7 +50,7 @@ struct StrMapEntry {
 class CStrMap {
  public:
   CStrMap() noexcept = default;
-  // Frees names and array; values are the owner's affair.
+  // Frees names and array; values belong to the owner.
   ~CStrMap();
   CStrMap(const CStrMap&) = delete;
   CStrMap& operator=(const CStrMap&) = delete;
@@ -70,7 +70,7 @@ class CStrMap {
   // The entry of exactly this name, or null. Valid until the next change of the map. [lock held: Lock()]
   [[nodiscard]] StrMapEntry* Find(std::string_view name) const;
 
-  // Puts `value` under `name`. `displaced` receives what stood there (nothing: type 0) and is the caller's to free; an
+  // Puts `value` under `name`. `displaced` receives the old value (none: type 0) and is the caller's to free; an
   // existing entry keeps its slot and its name. [lock held: Lock()]
   [[nodiscard]] bool Put(std::string_view name, const RegistryValue& value, RegistryValue& displaced);
 
@@ -88,7 +88,7 @@ class CStrMap {
   void Discard();
   // Exchanges all entries with `other`; the locks stay where they are.
   void SwapEntries(CStrMap& other) noexcept;
-  // Room for `count` entries, the capacity growing as by single insertions.
+  // Slots for `count` entries, the capacity growing as by single insertions.
   [[nodiscard]] bool Reserve(std::int32_t count);
 
   // Order is interface: other code of the suite embeds this layout.

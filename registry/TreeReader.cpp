@@ -19,7 +19,7 @@ namespace qx::registry {
 
 namespace {
 
-// The part of a line behind its marker, NUL-terminated for strtol.
+// The part of a line after its marker, NUL-terminated for strtol.
 class NumberText {
  public:
   explicit NumberText(std::string_view text) {
@@ -61,7 +61,7 @@ unsigned LowercaseDigit(char c) {
 
 using LineBytes = std::array<char, kLineCharsMax>;
 
-// Takes the numbers at the front of `data` that stand there as a save writes them, two digits and a space, and returns
+// Takes the numbers at the front of `data` that are as a save writes them, two digits and a space, and returns
 // how many there are.
 std::size_t TakePlainBytes(std::string_view data, LineBytes& bytes) {
   std::size_t count = 0;
@@ -126,7 +126,7 @@ class TreeBuilder {
   }
 
  private:
-  // The entry is made before the content is read. Nothing else enters this key meanwhile, so it stands at the same
+  // The entry is made before the content is read. Nothing else enters this key meanwhile, so it is at the same
   // place as if it were made afterwards. Without memory the key is skipped with everything in it; its values must not
   // land in the key above.
   void OpenKey(std::string_view name) {

@@ -1,7 +1,7 @@
 // Internal: the registry file's format, reading (docs/registry-file.md).
 //
 // Lines are taken from windows of the input. They are the lines that a reader with a buffer of 1024 bytes sees: at most
-// 1023 characters, the rest of a longer line being the next line, and nothing behind a NUL. Files in the field depend
+// 1023 characters, the rest of a longer line being the next line, and nothing after a NUL. Files in the field depend
 // on that, so it holds wherever a window happens to end.
 #pragma once
 
@@ -20,8 +20,8 @@ namespace qx::registry {
 inline constexpr std::size_t kLineCharsMax = 1023;
 inline constexpr std::size_t kWindowBytes = 64UL * 1024;
 
-// Fills up to `room` bytes like read(2): the number of bytes, 0 at the end, -1 on an error.
-using ByteSource = std::function<ssize_t(char* to, std::size_t room)>;
+// Reads up to `size` bytes like read(2): the number of bytes, 0 at the end, -1 on an error.
+using ByteSource = std::function<ssize_t(char* to, std::size_t size)>;
 
 // The lines of an input, one after another.
 class LineReader {

@@ -65,7 +65,7 @@ std::string WhyNotRequest(const ProfileRequest& request) {
   return reason;
 }
 
-// Lines that readers would not take as they stand.
+// Lines that readers would not take as they are.
 std::string WhyNotText(std::string_view text) {
   if (Holds(text, '\0')) return "the file holds a NUL, which hides the rest of its line";
   std::size_t number = 1;

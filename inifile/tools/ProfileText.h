@@ -1,5 +1,5 @@
-// A profile file as its readers see it, for tools that edit one: where each entry stands, and what every read would
-// give. The module does not link it.
+// A profile file as its readers see it, for tools that edit one: where each entry is, and what every read
+// returns. The module does not link it.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +25,7 @@ enum class LineKind {
 struct ProfileLine {
   LineKind kind = LineKind::kOther;
   std::size_t begin = 0;
-  std::size_t end = 0;  // behind its line feed
+  std::size_t end = 0;  // after its line feed
   bool has_name = false;
   std::string_view name;        // kHeader with has_name: the section
   std::string_view key;         // kEntry
@@ -46,7 +46,7 @@ struct ProfileEntry {
   bool operator==(const ProfileEntry&) const = default;
 };
 
-// All that reads of a profile file can give.
+// All that reads of a profile file can return.
 struct ProfileContent {
   std::vector<std::string> sections;                         // in file order, repetitions included
   std::map<std::string, std::vector<ProfileEntry>> entries;  // of the first section of each name; keys likewise

@@ -31,10 +31,10 @@ std::string Quoted(std::string_view text) {
 
 std::string At(std::uint64_t line) { return "line " + std::to_string(line); }
 
-// How strtol sees the text behind "=d=".
+// How strtol sees the text after "=d=".
 struct NumberReading {
   bool has_digits;
-  bool is_whole;  // nothing is left behind the digits
+  bool is_whole;  // nothing is left after the digits
   bool fits;      // in 32 bits, signed
 };
 
@@ -48,10 +48,10 @@ NumberReading ReadNumber(std::string_view data) {
           .fits = errno == 0 && number >= INT32_MIN && number <= INT32_MAX};
 }
 
-// How the text behind "=b=" is seen: numbers in base 16 until none is left.
+// How the text after "=b=" is seen: numbers in base 16 until none is left.
 struct BlockReading {
   std::size_t count = 0;
-  bool is_whole = false;  // nothing but blanks is left behind the last number
+  bool is_whole = false;  // nothing but blanks is left after the last number
   bool fits = true;       // each in a byte
 };
 

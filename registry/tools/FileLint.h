@@ -22,7 +22,7 @@ struct LintFinding {
   std::string fix;
 };
 
-// Findings behind these are counted, not kept.
+// Further findings are counted, not kept.
 inline constexpr std::size_t kLintFindingsMax = 100;
 
 struct LintResult {

@@ -194,7 +194,7 @@ bool ParseTree(std::string_view bytes, CRegistryNode& tree) {
 }
 
 // What decides is what a load makes of the file. The faults of single entries come first because they have a better
-// reason to give, and because a line that fills a reader's buffer does no harm only until something stands behind it.
+// reason to give, and because a line that fills a reader's buffer does no harm only until something follows it.
 std::optional<Refusal> WhyNotStorable(const CRegistryNode& tree, std::string& text) {
   std::string formatted;
   if (!FormatTree(tree, formatted)) return Refusal{{}, {}, "there is not enough memory"};

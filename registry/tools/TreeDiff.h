@@ -41,13 +41,13 @@ struct DiffLimits {
   std::size_t bytes = std::size_t{16} << 20;  // of all paths: a deep tree could ask for any amount
 };
 
-// Both trees are the caller's alone meanwhile. Does not recurse. [owning thread]
+// No other thread may use the trees meanwhile. Does not recurse. [owning thread]
 [[nodiscard]] TreeDifference Compare(const CRegistryNode& before, const CRegistryNode& after, DiffLimits limits = {});
 
 // Reads a registry file's bytes into `tree`, as a load does; true if a load would succeed. [owning thread]
 [[nodiscard]] bool ParseTree(std::string_view bytes, CRegistryNode& tree);
 
-// Why a tree cannot stand in a registry file.
+// Why a registry file cannot hold a tree.
 struct Refusal {
   std::string key;  // path of the key that is in the way; empty: the root, or the whole tree
   std::string name;

@@ -16,7 +16,7 @@ namespace {
 constexpr std::array<std::string_view, 5> kHives = {"HKEY_LOCAL_MACHINE", "HKEY_CURRENT_USER", "HKEY_USERS",
                                                     "HKEY_CLASSES_ROOT", "HKEY_CURRENT_CONFIG"};
 
-// The first name of a path, which loses it and the separator behind it.
+// The first name of a path, which loses it and the separator after it.
 //   "A\B/C" => "A", "B/C"   "A\" => "A", ""   "\A" => "", "A"
 std::string_view TakeName(std::string_view& path) {
   const std::size_t length = std::min(path.find_first_of("\\/"), path.size());
@@ -63,7 +63,7 @@ OwnedValue NewValue(const TreeValue& value) {
   }
 }
 
-// What stood there is freed.
+// The old value is freed.
 EditState Put(CRegistryNode& key, std::string_view name, OwnedValue value) {
   OwnedValue displaced;
   if (!value.IsPresent() || !key.Put(name, value.Get(), displaced.Place())) return EditState::kNoMemory;
@@ -98,7 +98,7 @@ EditState CheckValue(std::string_view key, std::string_view name, const TreeValu
   return is_text || value.type == REG_BINARY ? EditState::kDone : EditState::kBadType;
 }
 
-// A key at the root that is no hive is left alone, but nothing new is put there: no program looks for it.
+// A key at the root that is not a hive stays, but nothing new is put there: no program looks for it.
 bool BeginsWithHive(const CRegistryNode& tree, std::string_view path) {
   const std::string_view name = TakeName(path);
   return FindPresent(tree, name) != nullptr || std::find(kHives.begin(), kHives.end(), name) != kHives.end();

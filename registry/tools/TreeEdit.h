@@ -1,5 +1,5 @@
-// Changes to a registry tree that stands by itself, for tools: they say why they do nothing, and never destroy more
-// than was asked for. A handle (CRegistry) would save the system's registry on the way. The module does not link it.
+// Changes to a registry tree of its own, for tools: each returns why it changed nothing, and never destroys more
+// than was requested. A handle (CRegistry) would save the system's registry on the way. The module does not link it.
 #pragma once
 
 #include <string>
@@ -18,11 +18,11 @@ enum class EditState {
   kIsKey,     // the name is that of a subkey
   kNotEmpty,  // the key holds something
   kHoldsNul,  // a name or a text holds a NUL
-  kBadType,   // the type is none, or a number has not 4 bytes
+  kBadType,   // there is no such type, or a number has not 4 bytes
   kNoMemory,
 };
 
-// The trees are the caller's alone. A path is that of CRegistry: names separated by "\" or "/", from a hive on, and the
+// No other thread uses the trees. A path is that of CRegistry: names separated by "\" or "/", from a hive on, and the
 // last separator may be followed by nothing. A tree is as it was unless the result is kDone, but for keys that were
 // made on the way to a value for which there was no memory. [owning thread]
 
