@@ -1,6 +1,6 @@
 // The recursive lock that every floor shares, built on a plain POSIX mutex.
 //
-// The owner is kept beside the mutex, so a thread that holds the lock may take it again; only the outermost unlock
+// The owner is kept next to the mutex, so a thread that holds the lock may take it again; only the outermost unlock
 // gives the mutex free. A recursive POSIX mutex would do the same, but its owner cannot be asked for or released whole,
 // which a cancelled thread's clean-up and the destructors of a lock's owner need.
 #pragma once

@@ -6,7 +6,7 @@
 //     the error number in errno. Nothing throws, unless it says so.
 //   - Files are opened close-on-exec, never as a controlling terminal, and non-blocking: the open of a FIFO without a
 //     writer, or of a device, does not wait. Regular files do not notice.
-//   - Most of these calls are cancellation points, so none is noexcept. The destructor of a descriptor is none.
+//   - Most of these calls are cancellation points, so none is noexcept. The destructor of a descriptor is not.
 //
 // Policies (backups, links, owners, locks of edits) are in base/tools/ReplacedFile.h. The streams that the store class
 // owns by contract are opened on descriptors from here.

@@ -10,7 +10,7 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(QX_MODULE_DIR /opt/norrlek/QuaxelSuite/KRX/Provider CACHE STRING
-  "Where the module is installed; a relative directory stands below the prefix")
+  "Where the module is installed; a relative directory is below the prefix")
 
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -27,7 +27,7 @@ set_property(SOURCE provider/Exports.cpp provider/Module.cpp TARGET_DIRECTORY qx
 set_property(SOURCE reportfile/ReportFileBase.cpp TARGET_DIRECTORY qx_reportfile
   APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-g>)
 
-# The headers that agents and hosts include, and behind the empty line those that these include.
+# The headers that agents and hosts include, and after the empty line those that these include.
 set(qx_public_headers
   base/CriticalSection.h
   debug/Debug.h
@@ -61,7 +61,7 @@ foreach(header ${qx_public_headers})
   install(FILES ${header} DESTINATION ${qx_include_dir}/${folder} COMPONENT sdk)
 endforeach()
 
-# Each archive defines what the ones behind it lack: also the order of the pkg-config file.
+# Each archive defines what the ones before it lack: also the order of the pkg-config file.
 set(qx_public_libraries
   qx_provider qx_reportfile qx_paths qx_markup qx_inifile qx_registry qx_trace_object qx_debug qx_process qx_base)
 
@@ -87,7 +87,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/QXRemConXferConfigVersion
 install(FILES ${PROJECT_BINARY_DIR}/QXRemConXferConfig.cmake ${PROJECT_BINARY_DIR}/QXRemConXferConfigVersion.cmake
   DESTINATION ${qx_config_dir} COMPONENT sdk)
 
-# The pkg-config file finds its prefix from where it stands, so a tree may be moved as a whole.
+# The pkg-config file finds its prefix from its own place, so a tree may be moved as a whole.
 set(qx_pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH qx_pc_to_prefix /prefix/${qx_pc_dir} /prefix/)
 string(REGEX REPLACE "/$" "" qx_pc_to_prefix ${qx_pc_to_prefix})

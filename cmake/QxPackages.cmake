@@ -41,9 +41,9 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME qxctl)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS qxremconxfer)
-set(CPACK_DEBIAN_TOOLS_DESCRIPTION "looks after reports and the module that hands them out
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "works with reports and the provider module
 Fetches reports through the provider module as a remote client would, checks,
-backs up, restores and repairs report files, reads traces, and looks into the
-registry and INI files.")
+backs up, restores and repairs report files, reads traces, and shows and
+changes the registry and INI files.")
 
 include(CPack)

@@ -107,7 +107,7 @@ endfunction()
 
 # What is tested is built as it ships, or as its sanitizer wants it. The tool need not be fast, and compiles in two thirds of
 # the time with fewer optimisations, with a sanitizer in one third. There, looking for null and unaligned pointers is a quarter
-# of the work; the first end a program anyway, the second are looked for in the libraries.
+# of the work; the first end a program anyway, the second are checked in the libraries.
 function(qx_compile_fast target)
   target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-O1>)
   if(QX_SANITIZE)
@@ -166,7 +166,7 @@ function(qx_keep_threaded_tests sources has_threads)
 endfunction()
 
 # qx_fuzz(NAME SOURCE x.cpp CORPUS dir [DICT words.dict] DEPS qx_lib...): with QX_BUILD_FUZZ a libFuzzer program, and a
-# file NAME.inputs beside it that tells script/fuzz its seeds and its dictionary; otherwise the same entry run over every
+# file NAME.inputs next to it with its seeds and its dictionary for script/fuzz; otherwise the same entry run over every
 # file of the corpus as an ordinary test.
 function(qx_fuzz name)
   cmake_parse_arguments(arg "" "SOURCE;CORPUS;DICT" "DEPS" ${ARGN})

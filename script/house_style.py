@@ -68,7 +68,7 @@ BANNED = [
     (r"#\s*include\s*<(iostream|regex|ranges)>", "too heavy for the module, or not usable with clang 14"),
 ]
 
-# Files are opened, renamed and synced through base/File.h. FileCalls.cpp is what is behind it.
+# Files are opened, renamed and synced through base/File.h. FileCalls.cpp makes the calls.
 FILE_CALLS = (r"(?<![\w.>])(std::|::)?(open|openat|creat|rename|renameat|renameat2|fsync|fdatasync|syncfs)\s*\(",
               "goes through base/File.h")
 FILE_CALLERS = {

@@ -24,7 +24,7 @@ void WriteNames(const World& world, const void* bytes, std::size_t size) {
   const std::string path = world.Directory() + "/Reports/r1.names";
   const int file = open(path.c_str(), O_WRONLY | O_CLOEXEC);
   if (file < 0 || pwrite(file, bytes, size, 0) != static_cast<ssize_t>(size)) Wrong("no names file");
-  if (ftruncate(file, static_cast<off_t>(size)) != 0) Wrong("a names file with more behind it");
+  if (ftruncate(file, static_cast<off_t>(size)) != 0) Wrong("a names file with more after it");
   close(file);
 }
 

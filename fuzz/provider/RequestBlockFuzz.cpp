@@ -2,7 +2,7 @@
 //
 // The input is a script that a builder reads byte by byte: each element's index, type and value, null entries, counts
 // that are too small or negative, null arrays, chains that loop. What it never builds is what no reader could survive:
-// a pointer to nowhere and a count beyond its array. Every structure lies in a heap block of its own, so that a read
+// a pointer to nowhere and a count beyond its array. Every structure is in a heap block of its own, so that a read
 // outside of it is seen.
 #include <algorithm>
 #include <cstddef>
@@ -26,7 +26,7 @@ namespace {
 class Script {
  public:
   Script(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-  // The next byte; 0 behind the end, which ends every list.
+  // The next byte; 0 after the end, which ends every list.
   std::uint8_t Byte() { return at_ < size_ ? data_[at_++] : std::uint8_t{0}; }
   std::uint8_t Below(unsigned limit) { return static_cast<std::uint8_t>(Byte() % limit); }
   bool IsOver() const { return at_ >= size_; }
@@ -189,7 +189,7 @@ void CheckGenericAccess(const KrxRequestParams& params) {
   if (address != "before" && address != params.GetRequestorAddress()) Wrong("two addresses");
 }
 
-// A pointer goes only where one stands already.
+// A pointer only replaces a pointer.
 void CheckPointerSlot(const KrxRequestParams& params) {
   int datum = 0;
   void* const before = params.GetProviderSpecificData();

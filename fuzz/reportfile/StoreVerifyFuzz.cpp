@@ -1,4 +1,4 @@
-// Arbitrary index and data bytes: a look and a salvage must end, stay in their bounds, and what was salvaged must make
+// Arbitrary index and data bytes: a check and a salvage must end, stay in their bounds, and what was salvaged must make
 // a sound store.
 //
 // Input: one byte n, then n bytes of the index file (all there are, if fewer), then the data file.

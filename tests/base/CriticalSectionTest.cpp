@@ -72,7 +72,7 @@ TEST(CriticalSection, CleanupHandlerFreesTheLockWhateverItsDepth) {
   EXPECT_TRUE(OtherThreadCanLock(lock));
 }
 
-// A lock in plain memory, which can be looked at field by field, also after the lock's end.
+// A lock in plain memory, whose fields can be read, also after the lock's end.
 class LockInMemory {
  public:
   static constexpr std::size_t kOwnerOffset = 40;
@@ -87,7 +87,7 @@ class LockInMemory {
   bool IsValid() const { return memory_[kValidOffset] != 0; }
   void SetValid(bool valid) { memory_[kValidOffset] = valid ? 1 : 0; }
 
-  // What the system says of taking the mutex, which is given back at once: 0, EBUSY, or EINVAL for a destroyed one.
+  // The result of taking the mutex, which is then released: 0, EBUSY, or EINVAL for a destroyed one.
   int TryMutex() {
     auto* mutex = reinterpret_cast<pthread_mutex_t*>(memory_);
     const int result = pthread_mutex_trylock(mutex);
@@ -107,7 +107,7 @@ class LockInMemory {
   CCriticalSection* lock_ = new (memory_) CCriticalSection;
 };
 
-TEST(CriticalSection, MutexOwnerCountAndValidStandInThisOrder) {
+TEST(CriticalSection, MutexOwnerCountAndValidAreInThisOrder) {
   LockInMemory memory;
   EXPECT_EQ(memory.Owner(), pthread_t{0});
   EXPECT_TRUE(memory.IsValid());
@@ -135,7 +135,7 @@ TEST(CriticalSection, WithoutAMutexItLocksNothing) {
   EXPECT_EQ(memory.TryMutex(), 0);
   memory.Lock().Unlock();
   memory.End();
-  EXPECT_EQ(memory.TryMutex(), 0);  // there was none to destroy
+  EXPECT_EQ(memory.TryMutex(), 0);  // there was no mutex to destroy
   memory.SetValid(true);
   memory.End();
 }

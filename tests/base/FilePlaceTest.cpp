@@ -127,7 +127,7 @@ TEST_F(FilePlaceTest, OwnLinksAreFollowedAbsoluteRelativeAndInChains) {
   EXPECT_EQ(Open(dir_.File("relative"), O_RDONLY, {.links = LinkRule::kTrustedDirectories}), ReplaceState::kLink);
 }
 
-TEST_F(FilePlaceTest, LinksThatLeadToThemselvesEnd) {
+TEST_F(FilePlaceTest, LinksThatLeadToThemselvesFail) {
   const std::string loop = Link("loop", "loop");
   file::Descriptor opened;
   const ReplaceResult result = OpenChecked(loop, O_RDONLY, 0, {}, opened);
@@ -135,7 +135,7 @@ TEST_F(FilePlaceTest, LinksThatLeadToThemselvesEnd) {
   EXPECT_EQ(result.error, ELOOP);
 }
 
-TEST_F(FilePlaceTest, WhatIsMissingIsNotFoundOrCreated) {
+TEST_F(FilePlaceTest, MissingFileIsNotFoundUnlessItIsCreated) {
   EXPECT_EQ(Open("", O_RDONLY), ReplaceState::kNotFound);
   EXPECT_EQ(Open(dir_.File("none"), O_RDONLY), ReplaceState::kNotFound);
   EXPECT_EQ(Open(dir_.File("none/file"), O_WRONLY | O_CREAT), ReplaceState::kNotFound);
@@ -181,7 +181,7 @@ TEST_F(AttacksOnFiles, HisLinkToRootsFileIsNotFollowed) {
   EXPECT_EQ(Replace(link, ReplacedFile::ForOutput(false)), ReplaceState::kForeignLink);
   EXPECT_EQ(Replace(link, {}), ReplaceState::kForeignLink);
   ExpectRootsFileUntouched();
-  EXPECT_EQ(Read(link, {.accept_foreign = true}), "secret") << "who asks for it gets it";
+  EXPECT_EQ(Read(link, {.accept_foreign = true}), "secret") << "accepted on request";
 }
 
 TEST_F(AttacksOnFiles, HisLinkToRootsDirectoryIsNotFollowed) {

@@ -185,7 +185,7 @@ TEST(FileRead, SomeMakesOneCallAndIsRepeatedOnlyAfterAnInterruption) {
   EXPECT_EQ(ReadSome(file.Number(), bytes.data(), bytes.size()).bytes, 0U);
 }
 
-TEST(FileRead, EndOfFileIsNoError) {
+TEST(FileRead, EndOfFileIsNotAnError) {
   const TempDir dir;
   WriteFile(dir.File("f"), "abc");
   const Descriptor file = OpenRegular(dir.File("f").c_str(), O_RDONLY);
@@ -260,7 +260,7 @@ TEST(FileDirectory, FailedListingKeepsTheNamesThatCameBefore) {
   EXPECT_LT(names.size(), 2000U);
 }
 
-TEST(FileDirectory, ListingGoesOnAfterASignalAndARemovedDirectoryIsEmpty) {
+TEST(FileDirectory, ListingContinuesAfterASignalAndARemovedDirectoryIsEmpty) {
   const TempDir dir;
   ASSERT_EQ(MakeDirectory(dir.File("sub").c_str(), 0700), 0);
   const Descriptor sub = OpenDirectory(dir.File("sub").c_str());

@@ -80,7 +80,7 @@ struct Case {
   int to_read;
 };
 
-TEST_F(OwnedLinks, OwnersDecideWhatAFinalLinkIsWorth) {
+TEST_F(OwnedLinks, OwnersDecideWhetherAFinalLinkIsFollowed) {
   for (const Case& one : {
            Case{kRoot, kRoot, kRoot, 0, 0},
            Case{kRoot, kRoot, kUser, 0, 0},
@@ -101,7 +101,7 @@ TEST_F(OwnedLinks, OwnersDecideWhatAFinalLinkIsWorth) {
   }
 }
 
-TEST_F(OwnedLinks, DirectoriesOnTheWayAreLinksLikeAnyOther) {
+TEST_F(OwnedLinks, LinksToDirectoriesOnTheWayAreCheckedToo) {
   ASSERT_EQ(mkdir(dir_.File("secrets").c_str(), 0755), 0);
   (void)MakeFile("secrets/root", kRoot);
   (void)MakeFile("secrets/user", kUser);
@@ -114,7 +114,7 @@ TEST_F(OwnedLinks, DirectoriesOnTheWayAreLinksLikeAnyOther) {
   EXPECT_EQ(Opened(dir_.File("way/root"), TrustedLinks::kToWrite), 0);
 }
 
-TEST_F(OwnedLinks, TrustedLinkDoesNotHideAnotherOneBehindIt) {
+TEST_F(OwnedLinks, TrustedLinkDoesNotHideAForeignOneAfterIt) {
   (void)MakeFile("file", kRoot);
   (void)MakeLink("second", "file", kUser);
   EXPECT_EQ(Opened(MakeLink("first", "./second", kRoot), TrustedLinks::kToRead), ELOOP);
@@ -139,7 +139,7 @@ TEST_F(OwnedLinks, NothingIsCreatedThroughAStrangersLink) {
 
 // A device may notice that it is opened, so a stranger's link must not even do that. The open of a FIFO that nobody
 // reads fails with an error of its own.
-TEST_F(OwnedLinks, WhatAStrangersLinkLeadsToIsNotEvenOpened) {
+TEST_F(OwnedLinks, TargetOfAStrangersLinkIsNotOpened) {
   ASSERT_EQ(mkfifo(dir_.File("fifo").c_str(), 0600), 0);
   const std::string link = MakeLink("link", "fifo", kUser);
   EXPECT_EQ(Opened(link, TrustedLinks::kToRead, O_WRONLY), ELOOP);
@@ -164,7 +164,7 @@ TEST_F(OwnedLinks, ErrorsWithoutALinkAreThoseOfAnOpen) {
 }
 
 // Old kernels and sandboxes refuse the open that follows no links; then every path is walked.
-TEST_F(OwnedLinks, WalkAloneComesToTheSameResults) {
+TEST_F(OwnedLinks, WalkAloneHasTheSameResults) {
   const std::string file = MakeFile("file", kRoot);
   const std::string link = MakeLink("link", file, kUser);
   for (const int error : {ENOSYS, EPERM, EAGAIN}) {

@@ -24,7 +24,7 @@ class ReplacedFileTest : public testing::Test {
  protected:
   ReplacedFileTest() { WriteFile(path_, "old"); }
 
-  // What stands in the directory, "B" for each backup.
+  // The content of the directory, "B" for each backup.
   std::set<std::string> Names() const {
     std::set<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(dir_.Path())) {
@@ -56,7 +56,7 @@ mode_t ModeOf(const std::string& path) {
 
 }  // namespace
 
-TEST_F(ReplacedFileTest, TheNewContentTakesThePlaceOfTheOld) {
+TEST_F(ReplacedFileTest, NewContentReplacesTheOld) {
   EXPECT_EQ(Replace("new"), ReplaceState::kDone);
   EXPECT_EQ(ReadFile(path_), "new");
   EXPECT_EQ(Names(), (std::set<std::string>{"registry"}));
@@ -69,7 +69,7 @@ TEST_F(ReplacedFileTest, ModeIsKeptByFileAndBackup) {
   EXPECT_EQ(ModeOf(backup_), 0640U);
 }
 
-TEST_F(ReplacedFileTest, TheBackupHoldsTheOldContentAndItsTime) {
+TEST_F(ReplacedFileTest, BackupHasTheOldContentAndItsTime) {
   const auto time = std::filesystem::last_write_time(path_);
   EXPECT_EQ(Replace("new", {}, true), ReplaceState::kDone);
   EXPECT_EQ(ReadFile(backup_), "old");
@@ -86,7 +86,7 @@ TEST_F(ReplacedFileTest, BackupsOfOneSecondDoNotReplaceOneAnother) {
   }
 }
 
-TEST_F(ReplacedFileTest, WithoutACommitNothingStays) {
+TEST_F(ReplacedFileTest, WithoutACommitNothingIsLeft) {
   {
     ReplacedFile edit;
     ASSERT_TRUE(edit.Begin(path_, {}).IsDone());
@@ -97,7 +97,7 @@ TEST_F(ReplacedFileTest, WithoutACommitNothingStays) {
   EXPECT_EQ(Names(), (std::set<std::string>{"registry"}));
 }
 
-TEST_F(ReplacedFileTest, AFileThatWasWrittenMeanwhileIsLeftAlone) {
+TEST_F(ReplacedFileTest, FileThatAnotherProcessWroteIsNotReplaced) {
   ReplacedFile edit;
   ASSERT_TRUE(edit.Begin(path_, {}).IsDone());
   ASSERT_TRUE(edit.WriteCopy("new").IsDone());
@@ -106,7 +106,7 @@ TEST_F(ReplacedFileTest, AFileThatWasWrittenMeanwhileIsLeftAlone) {
   EXPECT_EQ(ReadFile(path_), "theirs");
 }
 
-TEST_F(ReplacedFileTest, AFileThatWasReplacedMeanwhileIsLeftAlone) {
+TEST_F(ReplacedFileTest, FileThatAnotherProcessReplacedIsNotReplaced) {
   {
     ReplacedFile edit;
     ASSERT_TRUE(edit.Begin(path_, {}).IsDone());
@@ -118,7 +118,7 @@ TEST_F(ReplacedFileTest, AFileThatWasReplacedMeanwhileIsLeftAlone) {
   EXPECT_EQ(Names(), (std::set<std::string>{"registry"}));
 }
 
-TEST_F(ReplacedFileTest, AFileThatWentAwayOrCameMeanwhileIsAChange) {
+TEST_F(ReplacedFileTest, RemovedOrCreatedFileIsAChange) {
   ReplacedFile edit;
   ASSERT_TRUE(edit.Begin(path_, {}).IsDone());
   std::filesystem::remove(path_);
@@ -130,7 +130,7 @@ TEST_F(ReplacedFileTest, AFileThatWentAwayOrCameMeanwhileIsAChange) {
   EXPECT_EQ(ReadFile(dir_.File("other")), "theirs");
 }
 
-TEST_F(ReplacedFileTest, AMissingFileIsMadeOnlyWhenAsked) {
+TEST_F(ReplacedFileTest, MissingFileIsCreatedOnlyOnRequest) {
   std::filesystem::remove(path_);
   EXPECT_EQ(Replace("new"), ReplaceState::kNotFound);
   EXPECT_EQ(Replace("new", {.may_be_missing = true}, true), ReplaceState::kDone);
@@ -139,7 +139,7 @@ TEST_F(ReplacedFileTest, AMissingFileIsMadeOnlyWhenAsked) {
   EXPECT_EQ(backup_, "");
 }
 
-TEST_F(ReplacedFileTest, ASymbolicLinkIsFollowedOnlyWhenAskedAndStaysALink) {
+TEST_F(ReplacedFileTest, SymbolicLinkIsFollowedOnlyOnRequestAndStays) {
   std::filesystem::create_directory(dir_.File("real"));
   std::filesystem::rename(path_, dir_.File("real/registry"));
   std::filesystem::create_symlink("real/registry", path_);
@@ -150,7 +150,7 @@ TEST_F(ReplacedFileTest, ASymbolicLinkIsFollowedOnlyWhenAskedAndStaysALink) {
   EXPECT_EQ(ReadFile(dir_.File("real/registry")), "new");
 }
 
-TEST_F(ReplacedFileTest, WhatIsNoRegularFileIsRefused) {
+TEST_F(ReplacedFileTest, OnlyARegularFileIsReplaced) {
   path_ = dir_.Path();
   EXPECT_EQ(Replace("new"), ReplaceState::kNotRegular);
   path_ = dir_.File("pipe");
@@ -161,7 +161,7 @@ TEST_F(ReplacedFileTest, WhatIsNoRegularFileIsRefused) {
   EXPECT_FALSE(image.exists);
 }
 
-TEST_F(ReplacedFileTest, OneEditAtATime) {
+TEST_F(ReplacedFileTest, SecondEditAtTheSameTimeIsRefused) {
   ReplacedFile edit;
   ASSERT_TRUE(edit.Begin(path_, {}).IsDone());
   EXPECT_EQ(Replace("other"), ReplaceState::kBusy);
@@ -171,14 +171,14 @@ TEST_F(ReplacedFileTest, OneEditAtATime) {
   EXPECT_EQ(ReadFile(path_), "next");
 }
 
-TEST_F(ReplacedFileTest, TheLeftoverOfAKilledEditIsTakenOver) {
+TEST_F(ReplacedFileTest, LeftoverOfAKilledEditIsUsed) {
   WriteFile(dir_.File("registry.edit"), "half a registry, and longer than the new one");
   EXPECT_EQ(Replace("new"), ReplaceState::kDone);
   EXPECT_EQ(ReadFile(path_), "new");
   EXPECT_EQ(Names(), (std::set<std::string>{"registry"}));
 }
 
-TEST_F(ReplacedFileTest, AForeignFileOfTheCopysNameIsNotTouched) {
+TEST_F(ReplacedFileTest, ForeignFileWithTheNameOfTheCopyIsKept) {
   WriteFile(dir_.File("precious"), "precious");
   std::filesystem::create_hard_link(dir_.File("precious"), dir_.File("registry.edit"));
   EXPECT_EQ(Replace("new"), ReplaceState::kFailed);

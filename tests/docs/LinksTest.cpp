@@ -82,7 +82,7 @@ TEST(DocsLinks, EveryLinkLeadsToAFileAndAHeadingThatExist) {
   }
 }
 
-TEST(DocsLinks, TheIndexLeadsToEveryPageOfDocs) {
+TEST(DocsLinks, IndexLinksEveryPage) {
   const std::set<std::string> linked = PagesLinkedFrom("docs/README.md");
   for (const std::string& name : PageNames()) {
     const bool is_indexed = name.starts_with("docs/") && name != "docs/README.md";
@@ -90,20 +90,20 @@ TEST(DocsLinks, TheIndexLeadsToEveryPageOfDocs) {
   }
 }
 
-TEST(DocsLinks, TheFrontPageLeadsToTheIndexAndFillsOneScreen) {
+TEST(DocsLinks, FrontPageLinksTheIndexAndFitsOnAScreen) {
   EXPECT_EQ(PagesLinkedFrom("README.md").count("docs/README.md"), 1U);
   const std::string text = ReadFile(std::string(QX_SOURCE_DIR) + "/README.md");
   EXPECT_LE(std::count(text.begin(), text.end(), '\n'), 60);
 }
 
-TEST(DocsLinks, TheTestsThatAPromiseNamesExist) {
+TEST(DocsLinks, EveryTestNamedByAPromiseExists) {
   const std::string sources = TestSources();
   std::size_t count = 0;
   std::istringstream lines(ReadFile(std::string(QX_SOURCE_DIR) + "/docs/reliability.md"));
   for (std::string line; std::getline(lines, line);) {
     if (!line.starts_with("| ") || !line.ends_with(" |")) continue;
     for (std::string name : NamesInLastCell(line)) {
-      if (name.starts_with("script/")) continue;  // a program that is no test
+      if (name.starts_with("script/")) continue;  // a program, not a test
       const std::size_t dot = name.find('.');
       const std::string end = dot == std::string::npos ? "," : ")";
       if (dot != std::string::npos) name.replace(dot, 1, ", ");
@@ -114,7 +114,7 @@ TEST(DocsLinks, TheTestsThatAPromiseNamesExist) {
   EXPECT_GE(count, 20U);
 }
 
-TEST(DocsLinks, AFaultIsFound) {
+TEST(DocsLinks, BrokenLinkIsFound) {
   EXPECT_EQ(FaultOf("docs/qxctl.md", "operations.md"), "");
   EXPECT_EQ(FaultOf("docs/qxctl.md", "#exit-codes"), "");
   EXPECT_EQ(FaultOf("docs/qxctl.md", "../CONTRIBUTING.md#a-change"), "");

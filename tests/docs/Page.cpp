@@ -99,7 +99,7 @@ class Reader {
     }
   }
 
-  // Headings of one text get "-1", "-2" behind it.
+  // Later headings of one text get "-1", "-2" appended.
   void Heading(const std::string& text) {
     std::string anchor = AnchorOf(WithoutTargets(text));
     const int before = seen_[anchor]++;

@@ -1,4 +1,4 @@
-// The pages of docs/, README.md and examples/, as far as tests look at them: sessions, links, headings.
+// The pages of docs/, README.md and examples/, as far as tests read them: sessions, links, headings.
 #pragma once
 
 #include <string>
@@ -10,20 +10,20 @@ namespace qx::test {
 struct Session {
   int line = 0;         // of the opening fence, from 1
   std::string text;     // each line with its line feed
-  std::string not_run;  // the reason, if a line "<!-- not run: REASON -->" stands before it
+  std::string not_run;  // the reason, if a line "<!-- not run: REASON -->" is before it
 };
 
 // A link [text](target) outside of code.
 struct Link {
   int line = 0;
-  std::string target;  // as it stands there
+  std::string target;  // as written
 };
 
 struct Page {
   std::string name;  // path below the source tree, such as "docs/qxctl.md"
   std::vector<Session> sessions;
   std::vector<Link> links;
-  std::vector<std::string> anchors;  // of its headings, as they stand behind a "#"
+  std::vector<std::string> anchors;  // of its headings, as links have them after "#"
 };
 
 // Every page that a reader may open, in the order of names: README.md, CONTRIBUTING.md, CHANGELOG.md and all *.md below

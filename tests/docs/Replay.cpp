@@ -44,7 +44,7 @@ std::string Hide(const std::string& text, const char* pattern) {
 
 bool GoesOn(const std::string& command) { return command.ends_with('\\') || command.find("<<") != std::string::npos; }
 
-// Shows the command as it was typed, runs it, and tells its exit code.
+// Shows the command as it was typed, runs it, and shows its exit code.
 std::string Step(const std::string& shown, const std::string& command) {
   return "cat <<'EOF_OF_COMMAND'\n" + shown + "EOF_OF_COMMAND\n{ " + command + "} 2>&1 || echo \"exit code $?\"\n";
 }

@@ -8,11 +8,11 @@
 
 namespace qx::test {
 
-// What the sessions print, one text for each, in the form in which they stand in the page: each command behind "$ ",
+// What the sessions print, one text for each, in the form of the page: each command after "$ ",
 // with its output on both streams below it, and "exit code N" if that is not 0. One shell runs all of them in one fresh
 // directory, with qxctl in its PATH and the built module in QX_MODULE. Those marked as not run are left out (empty).
 //
-// A command goes on in the next line, behind "> ", if it ends with a backslash or begins a here-document.
+// A command continues in the next line, after "> ", if it ends with a backslash or begins a here-document.
 std::vector<std::string> Replay(const std::vector<Session>& sessions);
 
 // `text` with "N" in the place of everything that differs from run to run.

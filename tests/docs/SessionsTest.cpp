@@ -1,4 +1,4 @@
-// Every console session of every page is run as it stands, and prints what stands there.
+// Every console session of every page is run as written, and prints what the page shows.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -60,12 +60,12 @@ TEST_P(DocsSessions, PrintWhatThePageShows) {
 
 INSTANTIATE_TEST_SUITE_P(Pages, DocsSessions, testing::ValuesIn(PagesWithSessions()), TestNameOf);
 
-TEST(DocsSessionsFound, AllPagesAreLookedAt) {
+TEST(DocsSessionsFound, PagesWithSessionsAreFound) {
   EXPECT_THAT(PagesWithSessions(), testing::IsSupersetOf({"docs/operations.md", "docs/qxctl.md"}));
 }
 
-// Sessions that this suite cannot run, as "PAGE: REASON". Each one more is a claim that nobody checks.
-TEST(DocsSessionsFound, OnlyTheseAreNotRun) {
+// Sessions that this suite cannot run, as "PAGE: REASON". Nothing checks what they show.
+TEST(DocsSessionsFound, OnlyKnownSessionsAreNotRun) {
   const std::vector<std::string> known = {};
   std::vector<std::string> found;
   for (const std::string& name : PageNames()) {
@@ -76,7 +76,7 @@ TEST(DocsSessionsFound, OnlyTheseAreNotRun) {
   EXPECT_THAT(found, testing::UnorderedElementsAreArray(known));
 }
 
-TEST(DocsReplay, ACommandThatGoesOnIsRunWholeAndItsExitCodeIsTold) {
+TEST(DocsReplay, ContinuedCommandIsRunWholeAndItsExitCodeIsShown) {
   const std::string session =
       "$ cat <<'END'\n> one\n> END\none\n$ printf a \\\n> && false\naexit code 1\n$ echo '> no command' | cat\n> no "
       "command\n";
@@ -89,7 +89,7 @@ TEST(DocsReplay, OneShellRunsAllSessionsInOneDirectory) {
   EXPECT_THAT(Replay(sessions), testing::ElementsAre("$ mkdir a && cd a\n", "", "$ pwd | sed 's,.*/,,'\na\n"));
 }
 
-TEST(DocsReplay, HidesOnlyWhatVaries) {
+TEST(DocsReplay, OnlyVaryingTextIsHidden) {
   EXPECT_EQ(WithoutWhatVaries("What: result 0, reply 88 bytes, 0.031 ms\r\n"),
             "What: result 0, reply 88 bytes, N ms\n");
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """check_documents.py SCHEMAS <TRANSCRIPT: the JSON documents of console sessions against their schemas.
 
-A transcript holds commands behind "$ " with what they printed below. A command `qxctl a b --json` prints documents of the
+A transcript holds commands after "$ ", each followed by its output. A command `qxctl a b --json` prints documents of the
 schema SCHEMAS/qxctl-a-b.schema.json, one after the other. Each fault is a line on standard output; the exit code is 1 then.
 """
 import json

@@ -18,7 +18,7 @@ store() {
     ReportFileBase.cpp -o "$output"
 }
 
-@test "the module's exported surface is the one that was agreed" {
+@test "the exported surface of the module has not changed" {
   run "$abi/check" "$QX_BUILT_MODULE" "$include_dir"
   echo "$output"
   echo "(script/package --abi takes over a change that is meant)"
@@ -29,7 +29,7 @@ store() {
   ! grep -n -e "path='/" -e "filepath=" -e "comp-dir-path" "$abi/QXRemConXfer.abi"
 }
 
-@test "a function that went is found" {
+@test "a removed function is found" {
   store whole.so "$include_dir"
   echo '{ local: _ZN15CReportFileBase5CloseEv; };' >without.map
   store without.so "$include_dir" -Wl,--version-script=without.map
@@ -42,7 +42,7 @@ store() {
   [[ "$output" == *"CReportFileBase"*"Close"* ]]
 }
 
-@test "a member that a class gained is found" {
+@test "an added member of a class is found" {
   store whole.so "$include_dir"
   "$abi/write" whole.so "$include_dir" >whole.abi
   cp -r "$include_dir" changed

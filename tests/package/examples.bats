@@ -30,14 +30,14 @@ write_records() {
   apart "$agent" "${lines[@]}"
 }
 
-@test "what the agent writes is what the host in C prints" {
+@test "the host in C prints what the agent writes" {
   write_records
   run apart "$host" example
   [ "$status" -eq 0 ]
   [ "$output" = "$records" ]
 }
 
-@test "what the agent writes is what the Python client prints" {
+@test "the Python client prints what the agent writes" {
   write_records
   run apart "$client" example "$QX_MODULE_FILE"
   [ "$status" -eq 0 ]
@@ -67,7 +67,7 @@ write_records() {
   apart "$client" long "$QX_MODULE_FILE" | cmp - expected
 }
 
-@test "the trace directory of whoever runs a host stays as it is, and nothing is left behind" {
+@test "a host does not change the trace directory and leaves nothing" {
   write_records
   mkdir traces && echo kept >traces/log.qxremconxfer
   QX_LOG_RINGBUF_DIR=$PWD/traces apart "$host" example "$QX_MODULE_FILE"
@@ -94,14 +94,14 @@ write_records() {
   [[ "$output" == "fetch_report.py: "*"none.so"* ]]
 }
 
-@test "an agent that cannot write says why" {
+@test "an agent that cannot write shows the reason" {
   echo file >Reports
   run apart "$agent" record
   [ "$status" -eq 1 ]
   [[ "$output" == "agent: cannot open "*"/Reports/example: Not a directory" ]]
 }
 
-@test "a host that is called the wrong way says how to call it" {
+@test "a host with wrong arguments shows its usage" {
   run "$host"
   [ "$status" -eq 2 ]
   run "$host" 'a<b'

@@ -6,7 +6,7 @@ setup() {
   cd "$BATS_TEST_TMPDIR"
 }
 
-@test "the module stands where it says that it is" {
+@test "the module is at the path that it names" {
   run env QX_LOG_RINGBUF_DIR="$PWD" python3 -c '
 import ctypes, sys
 print(ctypes.c_char_p.in_dll(ctypes.CDLL(sys.argv[1]), "DreQXObjectPath").value.decode())' "$QX_MODULE_FILE"
@@ -30,7 +30,7 @@ END
   [[ "$output" == *"version=$QX_VERSION module=$QX_MODULE_FILE"* ]]
 }
 
-@test "a program that wants a later version is told so when it is configured" {
+@test "a program that needs a later version fails to configure" {
   cat >CMakeLists.txt <<'END'
 cmake_minimum_required(VERSION 3.18)
 project(look LANGUAGES C)
@@ -41,11 +41,11 @@ END
   [[ "$output" == *"compatible"*"99.0"* ]]
 }
 
-@test "pkg-config names the module's place" {
+@test "pkg-config names the path of the module" {
   [ "$QX_ROOT$(pkg-config --variable=module qxremconxfer)" = "$QX_MODULE_FILE" ]
 }
 
-@test "a tree that was moved is found by pkg-config where it is now" {
+@test "pkg-config finds a moved tree" {
   cp -r "$QX_PREFIX" moved
   export PKG_CONFIG_PATH=$PWD/moved${QX_LIBRARIES#"$QX_PREFIX"}/pkgconfig
   printf '#include "reportfile/ReportFileBase.h"\nint main() { return CReportFileBase().Close() ? 0 : 1; }\n' >main.cpp
@@ -56,7 +56,7 @@ END
   ./program
 }
 
-@test "a program's own trace object takes the place of the installed one" {
+@test "a program's own trace object replaces the installed one" {
   cat >main.cpp <<'END'
 #include <cstdio>
 #include "debug/Debug.h"
@@ -88,7 +88,7 @@ END
   [ "$(stat -c %a module/var/log/brollan)" = 755 ]
 }
 
-@test "qxctl brings a manual page for itself and each format, and completions" {
+@test "manual pages of qxctl and each format, and completions are installed" {
   command -v scdoc || skip "there is no scdoc"
   for source in "$QX_SOURCE_DIR"/docs/man/*.scd; do
     page=$(basename "$source" .scd)
@@ -99,12 +99,12 @@ END
   head -n 1 "$QX_PREFIX/share/zsh/vendor-completions/_qxctl" | grep -qx '#compdef qxctl'
 }
 
-@test "every library links whole into a shared library of an agent" {
+@test "every library can be linked as a whole into an agent's shared library" {
   "$CXX" -shared -o plugin.so -L"$QX_LIBRARIES" -Wl,--whole-archive -lqx_reportfile -lqx_paths -lqx_markup \
     -lqx_inifile -lqx_registry -lqx_debug -lqx_trace_object -lqx_process -lqx_base -Wl,--no-whole-archive -Wl,-z,defs
 }
 
-@test "only the report store of the libraries is visible outside an agent's shared library" {
+@test "an agent's shared library exports only the report store" {
   "$CXX" -shared -o plugin.so -L"$QX_LIBRARIES" -Wl,--whole-archive -lqx_reportfile -lqx_paths -lqx_markup \
     -lqx_inifile -lqx_registry -lqx_debug -lqx_trace_object -lqx_process -lqx_base -Wl,--no-whole-archive
   run bash -c "nm -DC --defined-only plugin.so | cut -d' ' -f3- | grep -v -e '^CReportFileBase::' -e '^std::' -e ' std::'"

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Compares what the scripts call and import with the packages of the script/bootstrap tiers that they install.
 
-A script that works here only because somebody once installed a package by hand fails on a fresh machine. So each command
+A script that works here only because a package was once installed by hand fails on a fresh machine. So each command
 that a script calls must be a part of a bare Debian system, or belong to a package of the script's tiers; each module that a
 Python file imports likewise. A command that is in none of the tables below is a finding, too: add it with its package.
 """

@@ -59,7 +59,7 @@ class BlockElements {
   BlockElements(const BlockElements&) = delete;
   BlockElements& operator=(const BlockElements&) = delete;
 
-  // An element as it stands: `value` is stored, not copied.
+  // An element without a copy: `value` itself is stored.
   BlockElements& Raw(std::int32_t index, std::int32_t type, const void* value) {
     krx_element element{};
     element.host_field_0 = 0xA0A1A2A3A4A5A6A7U;  // the host's own fields hold anything
@@ -101,7 +101,7 @@ class BlockElements {
   krx_element* Entry(std::size_t i) const { return entries_[i]; }
 
  protected:
-  // The array in a piece of its exact size, made anew when entries were added since.
+  // The array in a piece of its exact size, made again when entries were added since.
   krx_element** Array() {
     if (array_ == nullptr || array_count_ != entries_.size()) {
       array_ = static_cast<krx_element**>(memory_->Copy(entries_.data(), entries_.size() * sizeof(krx_element*)));
@@ -129,7 +129,7 @@ class NestedBuilder : public BlockElements {
 
   // The nested block. BlockBuilder::Block brings its count and array up to date.
   krx_nested_block* Block() { return block_; }
-  // Another block behind this one in the chain.
+  // Another block after this one in the chain.
   NestedBuilder& Next() {
     next_ = std::make_unique<NestedBuilder>(memory_);
     block_->next_block = next_->block_;

@@ -15,7 +15,7 @@ namespace qx::test {
 std::atomic<long>& AllocationsLeft();
 
 // Prepares and works again and again, with the first, second, ... allocation of the work failing, until none fails.
-// What comes of it is judged each time: nothing when the work has thrown std::bad_alloc.
+// The result is judged each time; there is no result when the work has thrown std::bad_alloc.
 template <typename Result>
 void WithEachAllocationFailing(const std::function<void()>& prepare, const std::function<Result()>& work,
                                const std::function<void(const std::optional<Result>&)>& judge) {

@@ -23,7 +23,7 @@ std::string NameOf(const std::string& path) { return path.substr(path.rfind('/')
 
 }  // namespace
 
-// Turns the calls of the work into effects. Paths outside of the directory are none of its business.
+// Turns the calls of the work into effects. It ignores paths outside of the directory.
 class FileHistory::Recorder {
  public:
   Recorder(FileHistory& history, std::string directory)

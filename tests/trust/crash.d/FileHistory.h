@@ -4,7 +4,7 @@
 // A kill leaves what was done before it; the write in which it falls may have got as far as any page.
 //
 // A loss of power leaves of a file what was last synced, or more: the pages that were written since reach the disk from
-// the first one on, as far as they got; behind them the file ends, or has zeros up to its new length. A name that was
+// the first one on, as far as they got; after them the file ends, or has zeros up to its new length. A name that was
 // made, moved or removed since the last sync of the directory is so or is not, each one by itself, as long as what it
 // works on is there.
 #pragma once
@@ -25,7 +25,7 @@ class FileHistory {
   FileHistory(const std::string& directory, const std::function<void()>& prepare, const std::function<void()>& work);
 
   [[nodiscard]] std::size_t Effects() const { return effects_.size(); }
-  // Every different state, the one before the first call and the one behind the last included.
+  // Every different state, the one before the first call and the one after the last included.
   [[nodiscard]] std::set<DirectoryState> StatesOfAKill() const;
   [[nodiscard]] std::set<DirectoryState> StatesOfAPowerCut() const;
 

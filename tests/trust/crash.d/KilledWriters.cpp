@@ -1,5 +1,5 @@
 // A writer is killed at random moments, again and again, on one store, while readers transfer it through the loaded
-// module: no acknowledged record is lost, no reader dies or hangs, and the next writer goes on.
+// module: no acknowledged record is lost, no reader dies or hangs, and the next writer continues.
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -233,7 +233,7 @@ void RemoveStore() {
   for (const char* ending : {".ind", ".dat"}) std::filesystem::remove(Base() + ending);
 }
 
-// Told on standard error, where it is in no table's way.
+// Printed on standard error, because standard output is a table.
 std::uint64_t Seed() {
   const char* const given = std::getenv("QX_TEST_SEED");
   const std::uint64_t seed = given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device()();
@@ -309,7 +309,7 @@ bool PrintRows(int kills, const Model::Losses& losses, const ReaderGuard& guard)
   std::printf(
       "| store writer killed with SIGKILL, one store all the time | %d kills, %llu records, %llu acknowledged ones "
       "lost, "
-      "%llu rounds out of order%s | every acknowledged record is there; the next writer goes on |\n",
+      "%llu rounds out of order%s | every acknowledged record is there; the next writer continues |\n",
       kills, number(shared.acknowledged), number(losses.lost), number(losses.wrong_order),
       shared.is_refused ? ", a writer was refused" : "");
   std::printf(

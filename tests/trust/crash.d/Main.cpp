@@ -1,4 +1,4 @@
-// trust_crash quick|long [saves|writers]: prints table rows; what broke goes to standard error.
+// trust_crash quick|long [saves|writers]: prints table rows; broken promises go to standard error.
 #include <cstring>
 
 #include "debug/Debug.h"

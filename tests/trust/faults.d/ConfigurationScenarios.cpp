@@ -122,7 +122,7 @@ Finding JudgeSave(const std::string& directory) {
     return Noted("renames are not asked for their result: registry.old is the registry until the next save");
   if (has_leftover && !is_told) return Noted("renames are not asked for their result: the old tree stays, untold");
   if (has_leftover) return Noted("registry.new could not be removed");
-  return is_saved || is_told ? Kept() : Broken("a save failed and nobody was told");
+  return is_saved || is_told ? Kept() : Broken("a failed save was not reported");
 }
 
 // A load and two saves. The first save moves the old file to registry.old, and the second one replaces that, too.
@@ -160,7 +160,7 @@ Finding JudgeLoadAndSaves(const std::string& directory) {
 // Profile files.
 
 bool is_edited = false;
-std::string profile_path;  // made before the faults: what the caller allocates is none of the sweep's business
+std::string profile_path;  // made before the faults: what the caller allocates is not part of the sweep
 
 std::string ProfileTail() {
   std::string tail;
@@ -185,7 +185,7 @@ Finding JudgeSetKey(const std::string& directory) {
   const std::string text = ReadFile(ProfilePath(directory));
   if (is_edited && text != Profile("longer")) return Broken("true, but not edited");
   if (text != Profile("1") && text != Profile("longer")) {
-    return Noted("an edit in place that fails behind its first write is false and leaves the file as far as written");
+    return Noted("an edit in place that fails after its first write is false and leaves the file as far as written");
   }
   if (!SetKey(directory) || ReadFile(ProfilePath(directory)) != Profile("longer")) return Broken("the next edit fails");
   return Kept();

@@ -1,5 +1,5 @@
-// trust_faults quick|long [WORD]: prints a table row a scenario; what broke goes to standard error. With WORD only the
-// scenarios with WORD in their name.
+// trust_faults quick|long [WORD]: prints a table row a scenario; broken promises go to standard error. With WORD only
+// the scenarios with WORD in their name.
 #include <unistd.h>
 
 #include <chrono>
@@ -29,7 +29,7 @@ std::vector<Scenario> AllScenarios() {
 
 void Print(const Scenario& scenario, const SweepResult& result) {
   for (const std::string& report : result.reports) std::fprintf(stderr, "BROKEN: %s\n", report.c_str());
-  std::printf("| faults: %s | %ld faults met, %ld broke a promise |", scenario.name, result.steps, result.broken);
+  std::printf("| faults: %s | %ld faults, %ld broken promises |", scenario.name, result.steps, result.broken);
   std::printf(" %s; no crash, no hang, no descriptor left, the next attempt works |\n", scenario.promise);
   for (const auto& [text, count] : result.noted)
     std::printf("| ... of these | %ld | documented: %s |\n", count, text.c_str());

@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kRecords = 40;
 
-// Never destroyed by the process's end: a scenario that breaks off must not meet another one's ruins.
+// Never destroyed by the process's end: a scenario that breaks off must not leave state for another one.
 LoadedModule& module_object = *new LoadedModule;
 bool is_loaded = false;
 int result = 0;

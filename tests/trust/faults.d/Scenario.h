@@ -6,7 +6,7 @@
 
 namespace qx::trust {
 
-// What was found behind a fault.
+// What was found after a fault.
 struct Finding {
   enum class Kind {
     kKept,
@@ -21,17 +21,17 @@ inline Finding Kept() { return {}; }
 inline Finding Noted(const char* text) { return {Finding::Kind::kNoted, text}; }
 inline Finding Broken(const std::string& text) { return {Finding::Kind::kBroken, text}; }
 
-// All parts run in one fresh process with an empty directory of its own. `run` alone meets the fault.
+// All parts run in one fresh process with an empty directory of its own. Only `run` has the fault.
 struct Scenario {
   const char* name;
   const char* promise;
   void (*prepare)(const std::string& directory);
   void (*run)(const std::string& directory);
   void (*finish)();                                // closes what `run` leaves open by design; may be null
-  Finding (*judge)(const std::string& directory);  // looks at the state, and tries again without a fault
+  Finding (*judge)(const std::string& directory);  // checks the state, and tries again without a fault
 };
 
-// Calls on this descriptor meet no fault: for a log that has to tell what happened.
+// Calls on this descriptor never fail: for a log of what happened.
 void Spare(int descriptor);
 
 std::vector<Scenario> ConfigurationScenarios();

@@ -21,7 +21,7 @@ std::string Text(int number) {
   return "record " + std::to_string(100 + number) + (number % 2 == 0 ? " long" : " text");
 }
 
-// Made before the faults: what the caller allocates is none of the sweep's business.
+// Made before the faults: what the caller allocates is not part of the sweep.
 std::string base;
 std::vector<std::string> texts;
 

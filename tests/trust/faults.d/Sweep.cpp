@@ -31,7 +31,7 @@ struct CallKind {
   std::vector<long> numbers;
   std::vector<int> errors;
   std::size_t quick_errors;
-  std::vector<std::uint64_t> short_bytes;  // what the call is cut to: legal, so nothing may come of it
+  std::vector<std::uint64_t> short_bytes;  // what the call is cut to: legal, so it must have no effect
   bool is_interruptible;
 };
 
@@ -102,7 +102,7 @@ std::vector<Fault> AllFaults(SweepForm form) {
   return faults;
 }
 
-// What the child tells.
+// What the child reports.
 struct Shared {
   std::atomic<int> spared_descriptor{-1};
   std::atomic<bool> is_met{false};

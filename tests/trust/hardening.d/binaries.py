@@ -78,7 +78,7 @@ def module_checks(file):
 
 def tool_checks(file):
     yield from common_checks(file)
-    yield "a program that may stand anywhere", "PIE" in file.dynamic
+    yield "a position-independent program", "PIE" in file.dynamic
     # The C library's start file, which every program has, is not built with landing pads.
     yield "shadow stack", "SHSTK" in file.cet()
 
@@ -89,7 +89,7 @@ def exported(path):
 
 
 def object_checks(archives):
-    """The linker was told to mark the files, so the marks are worth what the objects in them are worth."""
+    """The linker marks the files as requested, so a mark is true only if all objects in the file have it."""
     for archive in archives:
         text = output("readelf", "-nW", str(archive))
         for member in re.split(r"^File: ", text, flags=re.M)[1:]:

@@ -56,7 +56,7 @@ enum class Operation {
 };
 constexpr int kOperations = 10;
 
-// Short, long (over the next record and its marker) and empty; its letter tells it from the others that are kept.
+// Short, long (over the next record and its marker) and empty; its letter distinguishes it from the others.
 std::string TextOf(Operation operation, std::uint32_t number) {
   if (operation == Operation::kAppendEmpty) return "";
   return std::string(operation == Operation::kAppendLong ? 19 : 1, static_cast<char>('a' + number % 26));
@@ -269,7 +269,7 @@ class Search {
     }
   }
 
-  // The values that are reached last need not be kept when nobody goes on from them.
+  // The values that are reached last need not be kept when nothing continues from them.
   void OneFurther(bool is_last) {
     std::vector<RingModel> next;
     for (const RingModel& from : frontier_) {

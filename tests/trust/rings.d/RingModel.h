@@ -24,10 +24,10 @@ struct RingModel {
   std::string index, data;  // the files
   std::vector<Kept> ring;   // oldest first
   Head writer, reader;      // what the open objects hold in memory
-  bool called = false;      // of the transfer: whether its next call goes on with an open report
+  bool called = false;      // of the transfer: whether its next call continues with an open report
   Head transfer;            // the report that it holds open
   std::int64_t oldest = -1, highest = -1;
-  std::int32_t next = 0;  // where the client goes on
+  std::int32_t next = 0;  // where the client continues
 
   void Put(std::string& file, std::size_t at, const std::string& bytes) {
     if (file.size() < at + bytes.size()) file.resize(at + bytes.size());
@@ -74,7 +74,7 @@ struct RingModel {
     return end == std::string::npos ? data.substr(at) + '\xFF' : data.substr(at, end + 1 - at);
   }
 
-  // One call of a transfer, the writer coming between its first read and the look whether the ring has moved.
+  // One call of a transfer, with an append between its first read and its check whether the ring has moved.
   std::string Call(std::int32_t start, std::int32_t limit, const std::function<void()>& between) {
     if (start == 0) called = false;
     if (!called) {

@@ -1,6 +1,6 @@
 // torture SECONDS : one process appends to a small ring without a pause; eight threads and four further processes read
 // it, half of them through the store, half through the module. Prints, for each way, how many records per million were
-// mixed, stepped forward over lost ones or stepped back.
+// torn, stepped forward over lost ones or stepped back.
 //
 // The store promises readers in other processes no more than that they end and get text (docs/report-store.md); what is
 // promised here is no crash, no hang, and no reply that is not well formed. The rates are measured, not promised.
@@ -103,7 +103,7 @@ double PerMillion(std::uint64_t count, std::uint64_t records) {
 
 void PrintRates(const char* way, const Tally& tally) {
   std::printf(
-      "| %s: %llu records in %llu transfers beside a writer that never pauses | per million: %.1f mixed, %.1f stepped "
+      "| %s: %llu records in %llu transfers under a writer that never pauses | per million: %.1f torn, %.1f stepped "
       "over lost ones, %.1f stepped back | measured, not promised |\n",
       way, static_cast<unsigned long long>(tally.records), static_cast<unsigned long long>(tally.transfers),
       PerMillion(tally.mixed, tally.records), PerMillion(tally.forward, tally.records),

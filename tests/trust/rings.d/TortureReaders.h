@@ -1,4 +1,4 @@
-// The two ways to read a report beside its writer, each with the steps that are prescribed for it.
+// The two ways to read a report while its writer works, each with the steps that are prescribed for it.
 #pragma once
 
 #include <atomic>

@@ -66,7 +66,7 @@ void TransferJudge::Take(std::string_view text) {
   const std::int64_t number = NumberOf(text);
   if (number < 0) {
     ++tally_.mixed;
-    if (last_ >= 0) ++last_;  // stands for the one that was expected
+    if (last_ >= 0) ++last_;  // for the one that was expected
     return;
   }
   if (last_ >= 0 && number > last_ + 1) ++tally_.forward;

@@ -1,4 +1,4 @@
-// Records that say what they are: number, length and checksum stand in the text, so that a reader can tell a whole
+// Records that say what they are: number, length and checksum are in the text, so that a reader can tell a whole
 // record from a mixture of two, and a transfer's order from its neighbours' numbers.
 #pragma once
 

@@ -25,7 +25,7 @@ namespace qx::trust {
 namespace {
 
 constexpr int kCallStop = SIGTRAP | 0x80;
-bool is_watched = false;  // in the child: whether somebody waits for its marks
+bool is_watched = false;  // in the child: whether a tracer waits for its marks
 
 [[noreturn]] void Fail(const char* what) { throw std::runtime_error(std::string(what) + ": " + std::strerror(errno)); }
 
@@ -204,7 +204,7 @@ std::string BytesOf(pid_t process, std::uint64_t address, std::size_t size) {
   return bytes;
 }
 
-// Byte by byte: what lies behind the NUL may be on a page that is not there.
+// Byte by byte: the page after the NUL may not be mapped.
 std::string TextOf(pid_t process, std::uint64_t address) {
   std::string text;
   for (;; ++address) {

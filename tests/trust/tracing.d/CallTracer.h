@@ -1,4 +1,4 @@
-// Runs a part of a child process call by call: each system call can be looked at, refused with an error, or cut short,
+// Runs a part of a child process call by call: each system call can be watched, refused with an error, or cut short,
 // also those that the C library makes inside of stdio and of the dynamic linker. Written for x86-64 Linux.
 #pragma once
 

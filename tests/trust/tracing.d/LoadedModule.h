@@ -8,15 +8,15 @@
 
 namespace qx::trust {
 
-// Where the module looks for everything: run these programs under host_paths, which gives them an /etc of their own.
+// Where the module looks for everything: run these programs under host_paths, which sets up an /etc of their own.
 inline constexpr const char* kReportDirectory = "/etc/brollan/reports";
 // Writes the registry that says so, and makes the directory.
 void MakeReportDirectory();
 
 class LoadedModule {
  public:
-  // Whether the module could be loaded and has made its object, which a host has to look at: without memory there is
-  // none. Otherwise nothing else may be called.
+  // Whether the module could be loaded and has made its object, which a host has to check: without memory the object is
+  // missing. If this is false, nothing else may be called.
   [[nodiscard]] bool Load();
   ~LoadedModule() { Unload(); }
   void Unload();
