@@ -34,6 +34,9 @@ struct Scenario {
 // Calls on this descriptor never fail: for a log of what happened.
 void Spare(int descriptor);
 
+// True if the fault of this step is one open that fails with an error that passes (EMFILE, ENFILE, ENOMEM, EINTR).
+[[nodiscard]] bool IsPassingOpenFault();
+
 std::vector<Scenario> ConfigurationScenarios();
 std::vector<Scenario> StoreScenarios();
 std::vector<Scenario> DirectoryScenarios();

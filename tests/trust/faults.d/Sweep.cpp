@@ -37,7 +37,12 @@ struct CallKind {
 
 const std::vector<CallKind>& CallKinds() {
   static const std::vector<CallKind> kinds = {
-      {"open", {SYS_open, SYS_openat, SYS_openat2, SYS_creat}, {EMFILE, ENOSPC, EIO, EACCES, ENOMEM}, 2, {}, true},
+      {"open",
+       {SYS_open, SYS_openat, SYS_openat2, SYS_creat},
+       {EMFILE, ENOSPC, ENFILE, EIO, EACCES, ENOMEM},
+       2,
+       {},
+       true},
       {"read", {SYS_read, SYS_pread64, SYS_readv, SYS_preadv}, {EIO, ENOMEM}, 1, {1, 7}, true},
       {"write", {SYS_write, SYS_pwrite64, SYS_writev, SYS_pwritev}, {ENOSPC, EIO, EDQUOT, EFBIG}, 2, {1, 7}, true},
       {"sync", {SYS_fsync, SYS_fdatasync, SYS_syncfs, SYS_msync}, {EIO, ENOSPC}, 1, {}, false},
@@ -197,10 +202,19 @@ Watch WatchFor(const Fault& fault, long nth) {
   return {.at_entry = at_entry, .at_exit = {}};
 }
 
+bool is_passing_open_fault = false;
+
+bool IsPassingOpen(const Fault& fault) {
+  const bool is_open = fault.kind != nullptr && fault.kind->numbers.front() == SYS_open;
+  const int error = fault.treatment.error;
+  return is_open && !fault.lasts && (error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR);
+}
+
 ChildEnd RunStep(const Scenario& scenario, const Fault& fault, long nth, const std::string& directory) {
   new (&SharedBlock()) Shared;
   std::filesystem::remove_all(directory);
   std::filesystem::create_directory(directory);
+  is_passing_open_fault = IsPassingOpen(fault);
   if (fault.kind == nullptr) {
     const AllocationFault allocation = {.nth = nth, .lasts = fault.lasts};
     return RunChild([&] { RunInChild(scenario, directory, allocation); }, nullptr, kSecondsMax);
@@ -234,6 +248,8 @@ bool Step(const Scenario& scenario, const Fault& fault, long nth, SweepResult& r
 }
 
 }  // namespace
+
+bool IsPassingOpenFault() { return is_passing_open_fault; }
 
 void Spare(int descriptor) { SharedBlock().spared_descriptor = descriptor; }
 
