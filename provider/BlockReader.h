@@ -11,7 +11,7 @@
 
 namespace qx::provider {
 
-// What stands at `from`, which may have any alignment: Load(element).index, Load(number).
+// The value at `from`, which may have any alignment: Load(element).index, Load(number).
 template <typename T>
 [[nodiscard]] T Load(const T* from) noexcept {
   static_assert(std::is_trivially_copyable_v<T>);
@@ -21,8 +21,8 @@ template <typename T>
   return value;
 }
 
-// An array of pointers as the block gives it: a count that may be negative and an array that may be null; both are an
-// empty array. Entries may be null.
+// An array of pointers from the block. A negative count and a null array are both an empty
+// array. Entries may be null.
 template <typename T>
 class PointerArray {
  public:

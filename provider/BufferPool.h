@@ -1,7 +1,7 @@
 // Big text buffers that the module keeps between calls.
 //
-// A megabyte of fresh memory costs far more than filling it: every page of it is handed over and cleared by the kernel
-// at its first touch, and goes back as soon as it is freed. So the buffers in which a reply is put together are kept
+// A megabyte of fresh memory costs far more than filling it: the kernel clears every page of it at its first touch,
+// and takes it back as soon as it is freed. So the buffers in which a reply is built are kept
 // and used again; only the reply itself is allocated for each call. The pool is capped in number and size, and empty
 // again when the module is unloaded.
 #pragma once
@@ -21,7 +21,7 @@ namespace qx::provider {
 class BufferPool {
  public:
   // Spare buffers kept at most, bytes in one of them, and bytes in all of them. A buffer that is smaller than
-  // kKeptBytesMin is as cheap to make anew.
+  // kKeptBytesMin is as cheap to allocate.
   static constexpr std::size_t kKeptCountMax = 16;
   static constexpr std::size_t kKeptBytesMin = std::size_t{64} << 10;
   static constexpr std::size_t kKeptBytesMax = std::size_t{3} << 20;
@@ -31,7 +31,7 @@ class BufferPool {
   BufferPool(const BufferPool&) = delete;
   BufferPool& operator=(const BufferPool&) = delete;
 
-  // An empty string with room for `bytes`: the smallest spare buffer that has it, or a new one. Fewer than
+  // An empty string with space for `bytes`: the smallest spare buffer that has it, or a new one. Fewer than
   // kKeptBytesMin bytes never cost a spare buffer. [any thread]
   [[nodiscard]] std::string Take(std::size_t bytes);
 
@@ -50,7 +50,7 @@ class BufferPool {
   [[nodiscard]] std::size_t BestFitLocked(std::size_t bytes) const;
 
   mutable std::mutex mutex_;
-  std::vector<std::string> kept_;  // never grows beyond the room that Take makes, so giving back cannot fail
+  std::vector<std::string> kept_;  // never grows beyond the space that Take reserves, so GiveBack cannot fail
   std::size_t kept_bytes_ = 0;
 };
 

@@ -23,8 +23,9 @@ namespace {
 
 constexpr int kFailed = -1;
 
-// Calls `run`; an exception gives `on_failure`. A forced unwinding (the service cancels its thread) must reach the end
-// of the thread's stack: swallowing it would abort the process. It is known by being no exception of this language.
+// Calls `run`; after an exception the result is `on_failure`. A forced unwinding (the service cancels its thread) must
+// reach the end of the thread's stack: swallowing it would abort the process. It is recognised by not being an
+// exception of this language.
 template <typename Run>
 auto Guarded(decltype(std::declval<Run>()()) on_failure, Run run) {
   try {
@@ -69,7 +70,7 @@ int RunRequest(const wcs_gendata* params, const char* input, char** reply, Opera
     } else {
       CKrxAdapterModule::FreeReplyString(text);
     }
-    qx::provider::transfer_buffers.GiveBack(out.ReleaseDoc());  // a chunk of records is worth keeping the room for
+    qx::provider::transfer_buffers.GiveBack(out.ReleaseDoc());  // worth keeping if it held a chunk of records
     return result;
   });
 }

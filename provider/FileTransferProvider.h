@@ -22,8 +22,8 @@ class CFileTransferProvider : public CKrxAdapterModule {
 
   // Adds a chunk of a report's records to `out`, or sets an error document there: docs/documents.md shows both. Returns
   // 0 records, 1 no (more) records, 12 the report could not be read, -1 the block cannot be worked with. After a
-  // refusal (no "ReportData" in `in`, privilege missing) the call goes on behind the refusal's "Error" element; records
-  // make a second root beside it. [any thread]
+  // refusal (no "ReportData" in `in`, privilege missing) the call goes on after the refusal's "Error" element; records
+  // make a second root after it. [any thread]
   [[nodiscard]] int GetReports(KrxRequestParams& params, CMarkup& in, CMarkup& out);
 
   // Adds the list of a report's instance names to `out`, or sets an error document there. Returns 0 (also for a names

@@ -21,7 +21,7 @@ namespace qx::provider {
 
 // Pins what "Order is interface" in the class promises.
 struct KrxAdapterModuleLayout {
-  static_assert(offsetof(CKrxAdapterModule, module_name_) == 8);  // behind the pointer to the virtual slots
+  static_assert(offsetof(CKrxAdapterModule, module_name_) == 8);  // after the pointer to the virtual slots
   static_assert(offsetof(CKrxAdapterModule, file_version_) == 40);
   static_assert(offsetof(CKrxAdapterModule, company_) == 72);
   static_assert(offsetof(CKrxAdapterModule, build_date_) == 104);
@@ -57,8 +57,8 @@ void AssignIfGiven(std::string& to, const char* text) {
   if (text != nullptr) to = text;
 }
 
-// Makes `name` the root element of an empty document. Quirk: "N/A", the name of a module without one, is no name that
-// an element can be added under; the parser takes it for a name N with something behind it.
+// Makes `name` the root element of an empty document. Quirk: "N/A", the name of a module without one, is not a name
+// that an element can have; the parser reads it as the name N and ignores the rest.
 void AddRootElement(CMarkup& out, const std::string& name) {
   if (out.AddElem(name.c_str())) return;
   (void)out.SetDoc("<" + name + "/>\n");  // a name that even the parser refuses leaves no well-formed document
@@ -217,9 +217,9 @@ char* CKrxAdapterModule::ReplyString(const std::string& text) {
 }
 
 void* CKrxAdapterModule::AllocReplyString(std::size_t size) {
-  void* room = std::malloc(size);
-  QX_TRACE(6, "\nWCSP_MAIN           : AllocReplyString - allocate pString = 0x%08X", Low32(room));
-  return room;
+  void* space = std::malloc(size);
+  QX_TRACE(6, "\nWCSP_MAIN           : AllocReplyString - allocate pString = 0x%08X", Low32(space));
+  return space;
 }
 
 void CKrxAdapterModule::FreeReplyString(void* p) {

@@ -1,4 +1,4 @@
-// The module object: what every provider answers to the KRX service, behind the exported functions.
+// The module object: what every provider answers to the KRX service through the exported functions.
 //
 // One object serves all threads. It is created while the library is loaded, reached through pAdapterModule and deleted
 // while the library is unloaded. A provider derives from it and adds its own request functions.
@@ -29,9 +29,9 @@ class CKrxAdapterModule {
   CKrxAdapterModule(const CKrxAdapterModule&) = delete;
   CKrxAdapterModule& operator=(const CKrxAdapterModule&) = delete;
 
-  // Order is interface: the virtual slots, behind the two of the destructor.
+  // Order is interface: the virtual slots, after the two of the destructor.
   virtual ~CKrxAdapterModule();
-  // Called once behind Init; the result is ignored. [load/unload]
+  // Called once after Init; the result is ignored. [load/unload]
   virtual bool OnLoad();
   // Called once before the object is deleted. [load/unload]
   virtual void OnUnload();
@@ -62,12 +62,12 @@ class CKrxAdapterModule {
   // null message counts as empty. [any thread]
   void SetRequestError(CMarkup& out, const char* message, unsigned code);
 
-  // A copy of `text` for the service, to be given back through __free; null for null and when memory is short.
+  // A copy of `text` for the service, to be freed with __free; null for null and when memory is short.
   // [any thread]
   [[nodiscard]] static char* ReplyString(const char* text);
   // The same for a text whose size is known, so that a megabyte is not measured again. [any thread]
   [[nodiscard]] static char* ReplyString(const std::string& text);
-  // Room for a reply of `size` bytes, to be given back through __free; null when memory is short. [any thread]
+  // Space for a reply of `size` bytes, to be freed with __free; null when memory is short. [any thread]
   [[nodiscard]] static void* AllocReplyString(std::size_t size);
   static void FreeReplyString(void* p);  // [any thread]
 

@@ -4,14 +4,14 @@
  * 64-bit pointers. The service owns every byte of it. The module reads it and writes one slot only, the value of the
  * type 3 element with index 1.
  *
- *   krx_gendata --elements--> [ krx_element*, krx_element*, ... ]
- *                                 index 2  (thread id)      value --> 32-bit word
- *                                 index 3  (function id)    value --> "GetReports"
- *                                 index 14 (connection)     value --> krx_nested_block --next_block--> krx_nested_block
- *                                 index 61 (security)       value --> krx_element_list
- *                                   index 65 (validation data)  value --> krx_validation_data -->
- * krx_authorization_data
- *                                                                   --> krx_department --> privilege names
+ *   krx_gendata, elements:
+ *     index 1  (provider data)    value is the pointer that the module may overwrite
+ *     index 2  (thread id)        value -> 32-bit number
+ *     index 3  (function id)      value -> "GetReports"
+ *     index 14 (connection)       value -> krx_nested_block, next_block -> krx_nested_block ...
+ *     index 61 (security)         value -> krx_element_list, elements:
+ *       index 65 (validation)       value -> krx_validation_data
+ *                                            -> krx_authorization_data -> krx_department -> privilege names
  *
  * This header compiles as C and as C++. It has no functions: the module loads values with memcpy, so a host need not
  * align them. docs/provider-interface.md shows the bytes of a whole block.

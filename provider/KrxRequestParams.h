@@ -1,9 +1,9 @@
 // One call's request parameter block with typed access by parameter index, and the security results of the caller.
 //
 // The block (provider/KrxGenData.h) belongs to the service and outlives the object. An accessor never fails loudly:
-// a missing element, one of another type, a null value give the accessor's empty value. Counts and pointers in the
-// block are the service's word: a negative count is none, a null array is empty, a null entry is skipped, a chain that
-// loops ends; a count larger than its array cannot be noticed.
+// for a missing element, one of another type and a null value it returns its empty value. Counts and pointers in the
+// block are trusted as far as they can be: a negative count counts as 0, a null array is empty, a null entry is
+// skipped, a chain that loops ends; a count larger than its array cannot be noticed.
 #pragma once
 
 #include <cstdint>
@@ -31,12 +31,12 @@ class KrxRequestParams {
   KrxRequestParams(const KrxRequestParams&) = delete;
   KrxRequestParams& operator=(const KrxRequestParams&) = delete;
 
-  // The header's fields as they stand. [owning thread]
+  // The header's fields, unchecked. [owning thread]
   [[nodiscard]] std::uint32_t GetVersion() const noexcept;
   [[nodiscard]] std::int32_t GetSize() const noexcept;
   [[nodiscard]] std::int32_t GetElementCount() const noexcept;
 
-  // The header's tag as it stood at construction; "???" when its four bytes hold no NUL at the end. The pointer is
+  // The header's tag at the construction; "???" if its fourth byte is not NUL. The pointer is
   // valid while the object lives. [owning thread]
   [[nodiscard]] const char* GetSignature() const noexcept;
   // Byte-wise comparison of the whole signature. [owning thread]
@@ -52,8 +52,8 @@ class KrxRequestParams {
   [[nodiscard]] bool GetParamBool(int index) const noexcept;
   // The pointer datum of a type 3 element; null otherwise.
   [[nodiscard]] void* GetParamPtr(int index) const noexcept;
-  // Overwrites the pointer datum of a type 3 element in the service's block; dropped silently when there is none.
-  // Whether it took shows in GetParamPtr.
+  // Overwrites the pointer datum of a type 3 element in the service's block; dropped silently if there is no such
+  // element. GetParamPtr shows whether it was stored.
   void SetParamPtr(int index, void* p) const noexcept;
 
   // Named access. [owning thread]

@@ -7,7 +7,7 @@
 //   unload  5. ThisProvider deletes the module object.
 //           6. Debug is destroyed, after every object of any other source.
 //
-// The version variables are constant-initialised: they stand before step 1.
+// The version variables are constant-initialised: they have their values before step 1.
 #include "debug/Debug.h"
 #include "provider/BuildDate.h"
 #include "provider/KrxAdapterModule.h"

@@ -50,9 +50,9 @@ CKrxAdapterModule* ProviderClassFactory(void* path) __asm__(QX_SYMBOL_PROVIDER_C
 QX_EXPORT extern CKrxAdapterModule* pAdapterModule;
 
 /* Request functions. `params` is the service's block, valid for the call. `input` is the request document as
- * NUL-terminated text; null counts as empty. `*reply` receives the reply document, to be given back through __free, or
- * null when there is none (the reply is not one well-formed document, memory ran out, the call failed with -1 before
- * it had a reply). With a null `reply` the text is dropped and the result stands.
+ * NUL-terminated text; null counts as empty. `*reply` receives the reply document, to be freed with __free, or
+ * null if there is no reply (the reply is not one well-formed document, memory ran out, the call failed with -1 before
+ * it had a reply). With a null `reply` the text is dropped and the result is kept.
  *
  * Result: the operation's own; -1 also when `params` is null or the operation could not be carried through.
  * [any thread] */
@@ -86,9 +86,9 @@ QX_EXPORT void __stoprequest(void);
 /* Frees a reply text; null is allowed. [any thread] */
 QX_EXPORT void __free(void* p);
 
-/* Version information. A host may point the variables elsewhere, also to null; the next CreateModule reads them anew. A
- * host that is linked with the module instead of loading it must be compiled with -fPIC: otherwise the linker gives it
- * copies of the variables (pAdapterModule, too) that the module never looks at. [load/unload] */
+/* Version information. A host may point the variables elsewhere, also to null; the next CreateModule reads them again.
+ * A host that is linked with the module instead of loading it must be compiled with -fPIC: otherwise the linker gives
+ * it copies of the variables (pAdapterModule, too) that the module does not use. [load/unload] */
 QX_EXPORT extern const char* DreQXObjectName;           /* "QXRemConXfer" */
 QX_EXPORT extern const char* DreQXObjectVersion;        /* the build's version, such as "0.1.0" */
 QX_EXPORT extern const char* DreQXObjectVendor;         /* the maker */

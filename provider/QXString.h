@@ -1,7 +1,7 @@
 // A standard string with printf-style formatting that sizes the text exactly.
 //
 // The text is measured first and then printed into a buffer of that length, so it is never cut and no guess at a size
-// is made. It is built beside the target and moved into it last, so the target itself may stand among the arguments.
+// is made. It is built separately and moved into the target last, so the target itself may be an argument.
 #pragma once
 
 #include <cstdarg>
@@ -38,7 +38,7 @@ class CQXString : public String {
     return *this;
   }
 
-  // Adds the formatted text behind the string's end. The arguments may point into the string. [owning thread]
+  // Appends the formatted text. The arguments may point into the string. [owning thread]
   CQXString& AppendFormat(const char* format, ...) __attribute__((format(printf, 2, 3))) {
     va_list args;
     va_start(args, format);

@@ -125,7 +125,7 @@ ReportTransfer::ReportTransfer(CKrxAdapterModule& module, CThreadData& thread_da
 
 int ReportTransfer::Run(CMarkup& in) {
   request_ = ReadRequest(in);
-  if (request_.start_index == 0) BeginAnew();
+  if (request_.start_index == 0) StartOver();
   TraceRequest(request_);
   path_ = ReportPath(request_.name);
 
@@ -138,16 +138,16 @@ int ReportTransfer::Run(CMarkup& in) {
 }
 
 int ReportTransfer::ServeGathered() {
-  PooledBuffer buffer(RoomForRecords());
+  PooledBuffer buffer(SpaceForRecords());
   std::string& records = buffer.text();
   GatherRecords(records);
   return records.empty() ? ReplyNoText() : ReplyRecords(records);
 }
 
-// The reply's tag stands before its records, so the next index is guessed at first. A guess of as many digits as the
+// The reply's tag comes before its records, so the next index is guessed at first. A guess of as many digits as the
 // index has costs nothing; any other moves the records by the difference.
 int ReportTransfer::ServeIntoReply() {
-  MakeRoomForReply(RoomForRecords());
+  ReserveReply(SpaceForRecords());
   AddReplyElement(LikelyNextIndex());
   bool empty = true;
   out_.SetCDataBy([&](std::string& text) {
@@ -160,7 +160,7 @@ int ReportTransfer::ServeIntoReply() {
   return kRecordsReturned;
 }
 
-void ReportTransfer::BeginAnew() {
+void ReportTransfer::StartOver() {
   QX_TRACE(3, "\nWCSP_QX GetReports  : New call (StartIndex=0) ==> reset class");
   thread_data_.report_file.Close();
   thread_data_.state_word = 0;
@@ -169,7 +169,7 @@ void ReportTransfer::BeginAnew() {
 
 bool ReportTransfer::IsFirstCall() const { return thread_data_.state_word == 0; }
 
-// Opens the report and notes how it stands. False: `error_number` is the system's, the snapshot of the thread's
+// Opens the report and notes its state. False: `error_number` is the system's, the snapshot of the thread's
 // previous transfer stays, and reads find the store closed.
 bool ReportTransfer::OpenReport(int* error_number) {
   if (!StaysInReportDirectory(request_.name)) {
@@ -189,7 +189,7 @@ bool ReportTransfer::OpenReport(int* error_number) {
   return true;
 }
 
-std::size_t ReportTransfer::RoomForRecords() const {
+std::size_t ReportTransfer::SpaceForRecords() const {
   return static_cast<std::size_t>(std::clamp<std::int64_t>(thread_data_.data_file_size, 0, kChunkLimitBytes));
 }
 
@@ -265,8 +265,8 @@ void ReportTransfer::NoteFailedRead() {
 }
 
 // Whether the writer has advanced the ring since the transfer's snapshot. The record just read may then be another one
-// than its index says; the new oldest slot is what counts from here on. Asked once in a transfer, behind the first
-// read: later the transfer takes what it finds. If the report cannot be opened again the record stands, and the store
+// than its index says; the new oldest slot is what counts from here on. Checked once in a transfer, after the first
+// read: later the transfer takes what it finds. If the report cannot be opened again, the record is used, and the store
 // stays closed.
 bool ReportTransfer::RingHasMoved() {
   check_ring_ = false;
@@ -286,13 +286,13 @@ bool ReportTransfer::RingHasMoved() {
   return true;
 }
 
-// Quirk: every negative limit is none, not only -1.
+// Quirk: every negative number means no limit, not only -1.
 bool ReportTransfer::LimitReached() const {
   return request_.record_limit >= 0 && index_ - request_.start_index >= request_.record_limit;
 }
 
-// How many records from index_ on stand in slots that follow one another, are part of the transfer and wanted: at least
-// one, as the index is below the highest one and the limit is not reached.
+// How many records from index_ on are in slots that follow one another, are part of the transfer and requested: at
+// least one, as the index is below the highest one and the limit is not reached.
 std::uint32_t ReportTransfer::CountOfRun() const {
   const auto highest = static_cast<std::uint32_t>(thread_data_.highest_index);
   const auto sum = static_cast<std::uint32_t>(index_ + thread_data_.oldest_index);
@@ -336,9 +336,9 @@ int ReportTransfer::ReplyNoMoreRecords() {
   return kNoMoreRecords;
 }
 
-// An empty document takes the reply in a kept buffer: its text is as large as the records, and who handed the document
-// over gives the buffer back (BufferPool::GiveBack of ReleaseDoc).
-void ReportTransfer::MakeRoomForReply(std::size_t records_bytes) {
+// An empty document takes the reply in a kept buffer: its text is as large as the records, and the caller returns
+// the buffer to the pool (BufferPool::GiveBack of ReleaseDoc).
+void ReportTransfer::ReserveReply(std::size_t records_bytes) {
   constexpr std::size_t kMarkupBytes = 256;  // tags, indices and the start and end of the section
   if (!out_.GetDoc().empty()) return;
   out_.SetDoc(transfer_buffers.Take(records_bytes + 2 * request_.escaped_name.size() + kMarkupBytes));
@@ -354,7 +354,7 @@ void ReportTransfer::AddReplyElement(std::int64_t next_index) {
 }
 
 int ReportTransfer::ReplyRecords(const std::string& records) {
-  MakeRoomForReply(records.size());
+  ReserveReply(records.size());
   AddReplyElement(index_);
   TraceReply(out_, records);
   out_.SetData(records, CMarkup::kAddCData);

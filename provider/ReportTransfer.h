@@ -1,7 +1,7 @@
 // One call of a report transfer, from the checked request to the reply document.
 //
 // A transfer is a sequence of calls of one service thread. The call with start index 0 (or the thread's first one)
-// opens the report and notes how its ring stands; every call gathers whole records from its start index on, oldest
+// opens the report and notes the state of its ring; every call gathers whole records from its start index on, oldest
 // first, into less than 1 MiB, and replies with them and with the index at which the next call goes on.
 // docs/documents.md shows the documents.
 //
@@ -44,7 +44,7 @@ struct TransferOptions {
     kIntoReply,  // in runs, read into the reply
   };
   Path path = Path::kByTrace;
-  // Called where a writer may come in between: behind the read of a transfer's first record, before the report is
+  // Called where a writer may come in between: after the read of a transfer's first record, before the report is
   // opened again to see whether the ring has moved.
   void (*first_record_read)(void* context) = nullptr;
   void* context = nullptr;
@@ -54,7 +54,7 @@ struct TransferOptions {
 struct TransferRequest {
   std::string name;           // of the report, below the report directory; any bytes but NUL
   std::string escaped_name;   // as it appears in replies
-  std::int32_t start_index;   // age of the first record wanted, 0 = oldest; may be negative
+  std::int32_t start_index;   // age of the first requested record, 0 = oldest; may be negative
   std::int32_t record_limit;  // negative = none; -1 when not given
 };
 
@@ -64,7 +64,7 @@ struct TransferRequest {
 // [any thread]
 [[nodiscard]] bool StaysInReportDirectory(std::string_view name);
 
-// One GetReports call behind its checks.
+// One GetReports call after its checks.
 //
 // Threads: the service thread that makes the call. Owns: nothing that outlives the call.
 // Failure: an error document in `out`; std::bad_alloc passes through with the transfer's state intact.
@@ -73,17 +73,17 @@ class ReportTransfer {
   ReportTransfer(CKrxAdapterModule& module, CThreadData& thread_data, CMarkup& out,
                  const TransferOptions& options = {});
 
-  // Serves the request in the current element of `in`. Returns 0 with the records behind whatever `out` held, or 1 or
-  // 12 with an error document in its place. The state word is the caller's to count. [owning thread]
+  // Serves the request in the current element of `in`. Returns 0 with the records after whatever `out` contained, or 1
+  // or 12 with an error document in its place. The state word is the caller's to count. [owning thread]
   [[nodiscard]] int Run(CMarkup& in);
 
  private:
   enum class Round { kGoOn, kLeave };
 
-  void BeginAnew();
+  void StartOver();
   [[nodiscard]] bool IsFirstCall() const;
   [[nodiscard]] bool OpenReport(int* error_number);
-  [[nodiscard]] std::size_t RoomForRecords() const;
+  [[nodiscard]] std::size_t SpaceForRecords() const;
 
   [[nodiscard]] int ServeGathered();
   [[nodiscard]] int ServeIntoReply();
@@ -103,7 +103,7 @@ class ReportTransfer {
   [[nodiscard]] int ReplyNotReadable(int error_number);
   [[nodiscard]] int ReplyNoText();
   [[nodiscard]] int ReplyNoMoreRecords();
-  void MakeRoomForReply(std::size_t records_bytes);
+  void ReserveReply(std::size_t records_bytes);
   void AddReplyElement(std::int64_t next_index);
   [[nodiscard]] int ReplyRecords(const std::string& records);
   [[nodiscard]] std::int64_t LikelyNextIndex() const;
@@ -124,7 +124,7 @@ class ReportTransfer {
   report::RecordReader reader_;
   std::int64_t index_ = 0;            // age of the record to take next
   std::size_t records_at_ = 0;        // where the records begin in the text that takes them
-  bool check_ring_ = false;           // the ring has still to be checked behind the next read
+  bool check_ring_ = false;           // the ring is to be checked after the next read
   std::string line_;                  // the record that TakeOne reads
   std::uint32_t empty_in_a_row_ = 0;  // records without text that TakeOne read last
   int read_error_ = 0;                // the system's error number, if that is why the reading ended

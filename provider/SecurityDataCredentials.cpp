@@ -30,7 +30,7 @@ bool HoldsCredentials(const krx_nested_block* block) noexcept {
 
 // The first block of the chain that holds the credentials; null when the chain ends or loops without one.
 const krx_nested_block* FindCredentialsBlock(const krx_nested_block* first) noexcept {
-  // Brent's search for a loop: `anchor` moves to the walker after 1, 2, 4, ... steps, so a walker that goes round meets
+  // Brent's search for a loop: `anchor` moves to the walker after 1, 2, 4, ... steps, so a walker in a loop reaches
   // it, and only after it has seen every block.
   const krx_nested_block* anchor = nullptr;
   std::uint64_t steps_to_next_anchor = 1;

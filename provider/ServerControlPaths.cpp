@@ -12,13 +12,13 @@ constexpr char kRootPointer[] = "Server Control";
 constexpr char kDefaultRoot[] = "SOFTWARE\\Dremlor\\Management\\Server Control";
 constexpr int kReadAccess = 0;  // the registry ignores it
 
-// A key below the local machine's hive. Handles load the tree when they are made, so the hive is looked at only here.
+// A key below the local machine's hive. Handles load the tree when they are made, so the hive is read only here.
 bool OpenBelowLocalMachine(CRegistry& registry, const char* key) {
   return registry.Open(key, CRegistry::MLocalMachine, kReadAccess) == 0;
 }
 
-// The string that the pointer value holds, read into a buffer of the stored value's size: a value that outgrows it by
-// expansion is not read. False when there is none.
+// The string of the pointer value, read into a buffer of the stored value's size: a value that outgrows it by
+// expansion is not read. False if there is no such string.
 bool ReadRootPointer(CRegistry& registry, std::string& root) {
   if (!OpenBelowLocalMachine(registry, kUuidKey)) return false;
   unsigned size = registry.GetValueSize(kRootPointer, nullptr);
@@ -36,7 +36,7 @@ std::string SetupKey() {
   return root + "\\" + "Setup";
 }
 
-// A directory that the Setup key names. Finds the suite's root anew each time, and works on handles of its own.
+// A directory that the Setup key names. Finds the suite's root each time, and works on handles of its own.
 bool ReadSetupDirectory(const char* name, std::string& directory) {
   const std::string key = SetupKey();
   CRegistry registry;

@@ -21,7 +21,7 @@ class CServerControlPaths {
   //   FileRoot /opt/x/             => /opt/x/Reports
   //   FileRoot (empty)             => /Reports
   //   neither, working in /home/a  => /home/a/Reports
-  //   neither, and no working directory: "/Reports" behind whatever `path` held
+  //   neither, and no working directory: "/Reports" after the earlier text of `path`
   // One trailing "/" goes, but only from index 3 on: /a/ and / stay as they are. [any thread]
   static const char* GetServerControlReportPath(std::string& path);
 };

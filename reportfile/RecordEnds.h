@@ -1,7 +1,7 @@
 // Where records end: the searches that reading consists of.
 //
 // A record's text ends with its first line feed or byte 0xFF, and in front of its first NUL. So one search for the
-// first of the three bytes finds the end of the text, and one count tells whether a run of records holds an exception.
+// first of the three bytes finds the end of the text, and one count shows whether a run of records has an exception.
 #pragma once
 
 #include <cstddef>
@@ -11,17 +11,17 @@ namespace qx::report {
 
 constexpr bool EndsText(char byte) { return byte == '\n' || byte == '\xFF' || byte == '\0'; }
 
-// What a reader sees behind the last byte of the data file: the end of the file reads as the byte 0xFF.
+// What a reader sees after the last byte of the data file: the end of the file reads as the byte 0xFF.
 inline constexpr std::string_view kEndOfFile = "\xFF";
 
-// Where the first byte that ends a text stands; bytes.size() if there is none.
+// The offset of the first byte that ends a text; bytes.size() without one.
 [[nodiscard]] std::size_t FindTextEnd(std::string_view bytes);
 
 // How many bytes that end a text there are.
 [[nodiscard]] std::size_t CountTextEnds(std::string_view bytes);
 
-// How many bytes that end a text, and how many "]", there are. One look then tells that a run of records is whole and
-// holds no "]", on which a CDATA section could end.
+// How many bytes that end a text, and how many "]", there are. One pass then shows that a run of records is whole and
+// has no "]", on which a CDATA section could end.
 [[nodiscard]] std::size_t CountTextEndsAndBrackets(std::string_view bytes);
 
 // The same, byte by byte, and sixteen bytes a step: for processors without the faster form, and what the faster forms
@@ -32,7 +32,7 @@ inline constexpr std::string_view kEndOfFile = "\xFF";
 [[nodiscard]] std::size_t CountTextEndsNarrow(std::string_view bytes);
 [[nodiscard]] std::size_t CountTextEndsAndBracketsNarrow(std::string_view bytes);
 
-// How much of a record's text stands in a piece of the data file, and whether it ends there.
+// How much of a record's text is in a piece of the data file, and whether it ends there.
 //   "ab\r\ncd"   => 4 bytes, the last
 //   "ab"         => 2 bytes, more to come
 //   "ab\0cd\r\n" => 2 bytes, the last
