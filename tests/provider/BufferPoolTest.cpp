@@ -13,7 +13,7 @@ using qx::provider::BufferPool;
 
 constexpr std::size_t kMebibyte = std::size_t{1} << 20;
 
-TEST(BufferPool, ABufferThatWasGivenBackIsTakenAgain) {
+TEST(BufferPool, ReturnedBufferIsTakenAgain) {
   BufferPool pool;
   std::string buffer = pool.Take(kMebibyte);
   buffer.assign(kMebibyte, 'x');
@@ -28,7 +28,7 @@ TEST(BufferPool, ABufferThatWasGivenBackIsTakenAgain) {
   EXPECT_EQ(pool.KeptBytes(), 0U);
 }
 
-TEST(BufferPool, ABufferHasTheRoomThatWasAskedFor) {
+TEST(BufferPool, BufferHasTheRequestedSpace) {
   BufferPool pool;
   for (const std::size_t bytes : {0UL, 1UL, 100UL, 65536UL, 1048576UL}) EXPECT_GE(pool.Take(bytes).capacity(), bytes);
 }
@@ -101,7 +101,7 @@ TEST(BufferPool, ClearingFreesWhatIsKept) {
   EXPECT_EQ(pool.KeptBytes(), 0U);
 }
 
-TEST(BufferPool, ABufferThatWasNeverTakenMayBeGivenBack) {
+TEST(BufferPool, BufferThatWasNeverTakenMayBeReturned) {
   BufferPool pool;
   pool.GiveBack(std::string(kMebibyte, 'x'));  // no room was made for it yet
   EXPECT_LE(pool.KeptCount(), 1U);

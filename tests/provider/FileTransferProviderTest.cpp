@@ -319,7 +319,7 @@ TEST_F(FileTransferProviderCall, InputWithoutTheElementNeverGivesARecord) {
   EXPECT_FALSE(reply.is_well_formed);
 }
 
-TEST_F(FileTransferProviderCall, InputThatIsNotWellFormedAsksForTheEmptyNameWhoeverAsks) {
+TEST_F(FileTransferProviderCall, InputThatIsNotWellFormedAsksForTheEmptyName) {
   Append("r1", 10, {"a"});
   const std::vector<const char*> no_privileges;
   const std::vector<const char*> inputs = {"", "<ReportData Name=\"r1\">", "<a/><ReportData Name=\"r1\"/>"};

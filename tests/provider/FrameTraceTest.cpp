@@ -145,7 +145,7 @@ TEST_F(FrameTrace, ReflectOfInputThatIsNotWellFormed) {
          Call(Reflect, "<a>", 0));
 }
 
-TEST_F(FrameTrace, HooksAndRooms) {
+TEST_F(FrameTrace, HooksAndReplyMemory) {
   Expect(
       {
           {4, "WCSP ThreadBegin    : start of thread with id=ID"},

@@ -108,7 +108,7 @@ TEST(KrxAdapterModule, VersionTextsAreEscapedInTheReply) {
   EXPECT_THAT(WhatOfANewModule(), testing::HasSubstr(" company=\"A &quot;B&quot; &amp; &lt;C&gt;\" "));
 }
 
-TEST(KrxAdapterModule, InitCopiesTheTextsAndTakesThemAnewEachTime) {
+TEST(KrxAdapterModule, InitCopiesTheTextsEachTime) {
   char name[] = "First";
   CKrxAdapterModule module;
   {
@@ -178,7 +178,7 @@ class AdapterModule : public testing::Test {
   CMarkup out_;
 };
 
-TEST_F(AdapterModule, WhatDoesNotLookAtTheInput) {
+TEST_F(AdapterModule, WhatIgnoresTheInput) {
   KrxRequestParams params(block_->Block());
   EXPECT_FALSE(in_.SetDoc("<a><b></a>"));
   EXPECT_EQ(module_.What(params, in_, out_), 0);
@@ -312,7 +312,7 @@ TEST_F(AdapterModule, StopRequestCallsTheHookAndIsTraced) {
 }
 
 // The table's address, five texts, the flag.
-TEST_F(AdapterModule, StopRequestSetsTheFlagBehindTheFiveTexts) {
+TEST_F(AdapterModule, StopRequestSetsTheFlagAfterTheFiveTexts) {
   const auto flag = [this] {
     return static_cast<int>(
         *(reinterpret_cast<const unsigned char*>(&module_) + sizeof(void*) + 5 * sizeof(std::string)));
@@ -512,7 +512,7 @@ Slot SlotAt(const CKrxAdapterModule& module, std::size_t number) {
   return slots[number];
 }
 
-TEST(KrxAdapterModuleSlots, OperationsStandInTheirFixedOrder) {
+TEST(KrxAdapterModuleSlots, OperationsHaveTheirFixedOrder) {
   CKrxAdapterModule module;
   ASSERT_TRUE(module.Init(nullptr));
   const auto block = BlockBuilder::Request("x");

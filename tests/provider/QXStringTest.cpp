@@ -37,7 +37,7 @@ TEST(QXString, FormatSetsTheStringToTheFormattedText) {
   EXPECT_EQ(text, "size=12");
 }
 
-TEST(QXString, AppendFormatAddsBehindTheEnd) {
+TEST(QXString, AppendFormatAddsAtTheEnd) {
   Text text("a");
   text.AppendFormat("%c%02X", 'b', 10U);
   EXPECT_EQ(text, "ab0A");

@@ -77,7 +77,7 @@ TEST_F(RefusedTransfer, RefusedCallReadsOneRecordWithText) {
   EXPECT_EQ(refused.Ask("r1", 20000), NoMoreRecords());
 }
 
-TEST_F(RefusedTransfer, RecordsWithoutTextAreLookedThroughForText) {
+TEST_F(RefusedTransfer, RecordsWithoutTextAreSearchedForText) {
   Append("r1", 30000, std::vector<std::string>(30000, "x"));
   std::string data = qx::test::ReadFile(BasePath("r1") + ".dat");
   for (std::size_t i = 0; i < 25000; ++i) data[3 * i] = '\0';

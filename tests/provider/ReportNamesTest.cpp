@@ -136,7 +136,7 @@ TEST_F(ReportNames, AnEntryWithoutValueIsAnInstanceWithoutName) {
             "<Instance Nr=\"1\"></Instance>\n<Instance Nr=\"2\">x</Instance>\n</ReportInstanceNames>\n");
 }
 
-TEST_F(ReportNames, QuirkAKeyThatStandsTwiceIsListedTwiceWithItsFirstName) {
+TEST_F(ReportNames, QuirkRepeatedKeyIsListedTwiceWithItsFirstName) {
   Names("r", "1=a\n1=b\n");
   EXPECT_EQ(Ask("r").document,
             "<ReportInstanceNames Name=\"r\" Version=\"1\" NrInstances=\"2\">\n"
@@ -161,7 +161,7 @@ TEST_F(ReportNames, TheVersionIsANumberInAnyBase) {
 
 TEST_F(ReportNames, WithoutANamesFileTheResultIs12) { EXPECT_EQ(Ask("r"), kNotFound); }
 
-TEST_F(ReportNames, TheErrorNumberIs2WhyeverTheFileCannotBeOpened) {
+TEST_F(ReportNames, ErrorNumberIs2ForEveryFileThatCannotBeOpened) {
   (void)mkdir(directory_.File("folder.names").c_str(), 0755);
   EXPECT_EQ(Ask("folder"), kNotFound);
   EXPECT_EQ(Ask(std::string(300, 'x')), kNotFound);
@@ -193,7 +193,7 @@ TEST_F(ReportNames, AMissingRequestElementIsRefusedAndTheEmptyNameFindsNothing) 
   EXPECT_EQ(Call(thread, ""), kNotFound);
 }
 
-TEST_F(ReportNames, WithoutThePrivilegeTheListStandsBehindTheRefusalAndIsNeverSent) {
+TEST_F(ReportNames, WithoutThePrivilegeTheListFollowsTheRefusalAndIsNotSent) {
   Names("r", "1=secret\n");
   ServiceThread refused(std::vector<const char*>{"Other"});
   const Reply reply = Call(refused, Request("r"));
@@ -265,7 +265,7 @@ TEST_F(ReportNames, NothingStaysOpen) {
 
 using ReportNamesThreads = ReportNames;
 
-TEST_F(ReportNamesThreads, CallsOnManyThreadsDoNotMeet) {
+TEST_F(ReportNamesThreads, CallsOnManyThreadsDoNotDisturbEachOther) {
   Names("a", "1=North\n");
   Names("b", "1=South\n");
   const auto ask = [](const std::string& name, const std::string& instance) {

@@ -44,7 +44,7 @@ TEST_F(ReportTransfer, FiveRecordsComeInOneReplyAndTheNextCallEndsTheTransfer) {
   EXPECT_EQ(thread.Ask("r1", 5), NoMoreRecords());
 }
 
-TEST_F(ReportTransfer, ARecordLimitCutsTheReplyAndNextIndexGoesOnBehindIt) {
+TEST_F(ReportTransfer, RecordLimitCutsTheReplyAndNextIndexContinues) {
   Append("r1", 10, kFive);
   ServiceThread thread;
   EXPECT_EQ(thread.Ask("r1", 0, 2), Records("r1", 0, 2, "a\r\nb\r\n"));
@@ -193,7 +193,7 @@ TEST_F(ReportTransfer, EmptyNameIsUsedUnchanged) {
   EXPECT_EQ(ServiceThread().GetReports("not XML"), Records("", 0, 1, "nameless\r\n"));
 }
 
-TEST_F(ReportTransfer, AReportMayStandInASubdirectory) {
+TEST_F(ReportTransfer, ReportMayBeInASubdirectory) {
   std::filesystem::create_directory(BasePath("sub"));
   Append("sub/r1", 10, {"x"});
   EXPECT_EQ(ServiceThread().Ask("sub/r1", 0), Records("sub/r1", 0, 1, "x\r\n"));
@@ -218,7 +218,7 @@ TEST_F(ReportTransfer, RecordsAppendedDuringATransferAreSeenByTheNextTransferOnl
   EXPECT_EQ(thread.Ask("r1", 0), Records("r1", 0, 3, "a\r\nb\r\nc\r\n"));
 }
 
-TEST_F(ReportTransfer, RecordsReplacedDuringATransferComeAsTheyNowStand) {
+TEST_F(ReportTransfer, RecordsReplacedDuringATransferComeAsTheyAreNow) {
   Append("r1", 3, {"a", "b", "c"});
   ServiceThread thread;
   EXPECT_EQ(thread.Ask("r1", 0, 1), Records("r1", 0, 1, "a\r\n"));
@@ -314,7 +314,7 @@ TEST_F(RingDuringTransfer, ADamagedHeaderKeepsNoWayOfReadingBusy) {
   }
 }
 
-TEST_F(RingDuringTransfer, AnAdvancedRingIsReadAnewFromItsOldestRecord) {
+TEST_F(RingDuringTransfer, AdvancedRingIsReadAgainFromItsOldestRecord) {
   for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 3, {"1", "2", "3"});
     CThreadData data;
@@ -375,7 +375,7 @@ TEST_F(RingDuringTransfer, FailedReopenIsForgottenByTheNextTransfer) {
   }
 }
 
-TEST_F(RingDuringTransfer, AFirstRecordThatCannotBeReadIsNotReadAnew) {
+TEST_F(RingDuringTransfer, FirstRecordThatCannotBeReadIsNotReadAgain) {
   for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 3, {"1", "2", "3"});
     CThreadData data;
@@ -386,7 +386,7 @@ TEST_F(RingDuringTransfer, AFirstRecordThatCannotBeReadIsNotReadAnew) {
   }
 }
 
-TEST_F(RingDuringTransfer, TheReopenShowsTheFilesAsTheyNowStand) {
+TEST_F(RingDuringTransfer, ReopenShowsTheFilesAsTheyAreNow) {
   for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 5, {"1", "2", "3"});
     CThreadData data;

@@ -82,7 +82,7 @@ TEST(SecurityData, NullEntriesOfTheListAreSkipped) {
   EXPECT_TRUE(KrxRequestParams(block.Block()).IsSecurityDataAvailable());
 }
 
-TEST(SecurityData, TypesOfElements61And65AreNotLookedAt) {
+TEST(SecurityData, TypesOfElements61And65AreNotChecked) {
   krx_validation_data validation{};
   BlockBuilder block;
   block.Nested(61, 0).Raw(65, -1, &validation);

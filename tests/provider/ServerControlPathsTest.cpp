@@ -82,7 +82,7 @@ TEST(ServerControlPaths, AFileRootIsTheDirectoryAboveReports) {
   EXPECT_EQ(ReportPath(DefaultSetup("FileRoot=s=\n")), "/Reports");
 }
 
-TEST(ServerControlPaths, AReportRootStandsBeforeAFileRoot) {
+TEST(ServerControlPaths, ReportRootGoesBeforeFileRoot) {
   EXPECT_EQ(ReportPath(DefaultSetup("FileRoot=s=/opt/x\nReportRoot=s=/srv\n")), "/srv");
 }
 
@@ -106,7 +106,7 @@ TEST(ServerControlPaths, WithoutEitherValueItIsReportsBelowTheWorkingDirectory) 
   EXPECT_EQ(ReportPath(""), here + "/Reports");
 }
 
-TEST(ServerControlPaths, WithoutAWorkingDirectoryReportsIsPutBehindTheCallersPath) {
+TEST(ServerControlPaths, WithoutAWorkingDirectoryReportsFollowsTheCallersPath) {
   auto directory = std::make_unique<TempDir>();
   const ScopedWorkingDirectory scope(directory->Path());
   directory.reset();

@@ -19,7 +19,7 @@ TEST(ThreadData, ANewObjectBelongsToItsThreadAndHasSeenNoReport) {
   EXPECT_EQ(data.report_file.GetDataFileSize(), 0);
 }
 
-TEST(ThreadData, TheMembersStandInTheirOrder) {
+TEST(ThreadData, MembersAreInTheirOrder) {
   CThreadData data;
   data.thread_id = 0x01020304;
   data.state_word = 0x05060708;

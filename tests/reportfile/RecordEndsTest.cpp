@@ -83,7 +83,7 @@ TEST(RecordEnds, RandomBytesAgreeWithThePlainForm) {
 }
 
 // The bytes stand right before a page that must not be touched.
-TEST(RecordEnds, NothingBehindTheBytesIsRead) {
+TEST(RecordEnds, NothingAfterTheBytesIsRead) {
   const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   void* const pages = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(pages, MAP_FAILED);

@@ -24,12 +24,12 @@ using namespace std::string_literals;
 constexpr std::size_t kWindowBytes = std::size_t{64} * 1024;
 constexpr std::uint32_t kWindowSlots = 8192;
 
-TEST_F(RecordReaderTest, TakesARunOfRecordsAsItStands) {
+TEST_F(RecordReaderTest, TakesARunOfRecordsWhole) {
   Open({0, 3, 7}, "a\r\nbb\r\nc\r\n===>\r\n");
   EXPECT_EQ(TakeAll(), "a\r\nbb\r\nc\r\n");
 }
 
-TEST_F(RecordReaderTest, AppendsBehindWhatTheCallerHolds) {
+TEST_F(RecordReaderTest, AppendsToTheCallersText) {
   Open({0, 3}, "a\r\nb\r\n");
   std::string out = "kept ";
   EXPECT_EQ(reader_.Take(0, {2, kNoLimit}, &out), (TakenRecords{2, TakeEnd::kCountReached}));
@@ -51,7 +51,7 @@ TEST_F(RecordReaderTest, RunWithANulInsideARecordIsNotTakenWhole) {
   EXPECT_EQ(TakeAll(), "abc\r\nonexyz\r\n");
 }
 
-TEST_F(RecordReaderTest, RecordThatGoesOnBehindTheNextSlotIsTakenToItsEnd) {
+TEST_F(RecordReaderTest, RecordThatEndsAfterTheNextSlotIsTakenToItsEnd) {
   Open({0, 2, 5}, "abcde\r\nxyz\r\n");
   EXPECT_EQ(TakeAll(), "abcde\r\ncde\r\n\r\n");
 }
@@ -77,7 +77,7 @@ TEST_F(RecordReaderTest, IndexFileThatEndsEarlyReadsAsOffsetZero) {
   EXPECT_EQ(TakeAll(), "bb\r\ncc\r\naa\r\naa\r\n");
 }
 
-TEST_F(RecordReaderTest, TakeStopsBehindTheLastSlotInUse) {
+TEST_F(RecordReaderTest, TakeStopsAfterTheLastSlotInUse) {
   Open({0, 3}, "a\r\nb\r\n");
   std::string out;
   EXPECT_EQ(reader_.Take(0, {5, kNoLimit}, &out), (TakenRecords{2, TakeEnd::kReadFailed}));
@@ -175,7 +175,7 @@ TEST_F(RecordReaderTest, RecordWithoutAnEndIsReadNoFurtherThanItsLimit) {
   EXPECT_LE(out.capacity(), kWindowBytes * 5);
 }
 
-TEST_F(RecordReaderTest, ABracketInATakenRecordIsTold) {
+TEST_F(RecordReaderTest, BracketInATakenRecordIsReported) {
   const std::string filler(5000, 'x');
   for (const bool in_a_long_run : {false, true}) {
     const std::string first = in_a_long_run ? filler : "a";
@@ -212,7 +212,7 @@ TEST_F(RecordReaderTest, WindowsAreKeptUntilDropped) {
   EXPECT_EQ(TakeAll(), "X\r\nY\r\n");
 }
 
-TEST_F(RecordReaderTest, ReopenedStoreIsReadAnewAfterDrop) {
+TEST_F(RecordReaderTest, ReopenedStoreIsReadAgainAfterDrop) {
   Open({0, 3}, "a\r\nb\r\n");
   EXPECT_EQ(TakeAll(), "a\r\nb\r\n");
   Open({0}, "other\r\n");
@@ -313,7 +313,7 @@ TEST_F(RecordReaderTest, LastSlotNumberOfAllCanBeTaken) {
   ExpectTakeAgrees(0, 3, kNoLimit);
 }
 
-TEST_F(RecordReaderTest, RecordsBehindFourGigabytesOfDataAreOutOfReachOfTheSlots) {
+TEST_F(RecordReaderTest, RecordsAfterFourGigabytesOfDataAreOutOfReachOfSlots) {
   Open({0xFFFFFFFF, 0}, "a\r\n");
   ASSERT_EQ(truncate(files_.DataPath().c_str(), 0x100000010), 0);
   EXPECT_EQ(TakeAll(), "a\r\n");
