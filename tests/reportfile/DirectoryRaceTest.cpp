@@ -30,6 +30,10 @@ class DirectoryRace : public testing::Test {
   // Exchanges directory and link, and back. Makes what the removal took.
   void Step() const {
     for (int i = 0; i < 4; ++i) Exchange(sub_.c_str(), link_.c_str());
+    // If the directory has the link's name now, it makes way for a new link.
+    for (const char* const name : {"/a", "/b", "/c/d"}) (void)unlink((link_ + name).c_str());
+    (void)rmdir((link_ + "/c").c_str());
+    (void)rmdir(link_.c_str());
     (void)mkdir(sub_.c_str(), 0777);
     (void)symlink(ours_.c_str(), link_.c_str());
     (void)mkdir((sub_ + "/c").c_str(), 0777);

@@ -48,6 +48,10 @@ class StoreRace : public testing::Test {
       Exchange(sub_.c_str(), dir_link_.c_str());
       Exchange(file_.c_str(), file_link_.c_str());
     }
+    // If the directory has the link's name now, it makes way for a new link.
+    for (const char* const name : {"/a", "/b/c"}) (void)unlink((dir_link_ + name).c_str());
+    (void)rmdir((dir_link_ + "/b").c_str());
+    (void)rmdir(dir_link_.c_str());
     (void)mkdir(top_.c_str(), 0777);
     (void)mkdir(sub_.c_str(), 0777);
     (void)mkdir((sub_ + "/b").c_str(), 0777);
