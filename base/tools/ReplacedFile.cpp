@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <ctime>
+#include <new>
 #include <utility>
 
 namespace qx {
@@ -136,8 +137,12 @@ ReplacedFile::Options ReplacedFile::ForOutput(bool accept_foreign) {
 ReplacedFile::~ReplacedFile() {
   if (is_in_place_) return;
   const int directory = place_.directory.Number();
-  if (!backup_suffix_.empty()) (void)file::Remove(NameOf(backup_suffix_).c_str(), 0, directory);
-  if (copy_.IsOpen() && IsCopyNamed()) (void)file::Remove(NameOf(copy_suffix_).c_str(), 0, directory);
+  try {
+    if (!backup_suffix_.empty()) (void)file::Remove(NameOf(backup_suffix_).c_str(), 0, directory);
+    if (copy_.IsOpen() && IsCopyNamed()) (void)file::Remove(NameOf(copy_suffix_).c_str(), 0, directory);
+  } catch (const std::bad_alloc&) {
+    return;  // without memory for a name the files stay, as after a kill
+  }
 }
 
 ReplaceResult ReplacedFile::Begin(const std::string& path, Options options) {
