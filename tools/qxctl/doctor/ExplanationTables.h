@@ -9,6 +9,7 @@ namespace qx::ctl {
 
 std::span<const Explanation> CodeExplanations();
 std::span<const Explanation> FindingExplanations();
+std::span<const Explanation> MessageExplanations();
 std::span<const Explanation> TraceExplanations();
 
 }  // namespace qx::ctl

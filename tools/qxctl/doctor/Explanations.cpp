@@ -1,7 +1,9 @@
 #include "tools/qxctl/doctor/Explanations.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "tools/qxctl/doctor/ExplanationTables.h"
@@ -10,9 +12,9 @@ namespace qx::ctl {
 
 namespace {
 
-constexpr std::size_t kFixedCharsMin = 8;  // less is no trace text, but a word
+constexpr std::size_t kFixedCharsMin = 8;  // less is a word, not a text
 
-// The fixed parts of a format: what stands between its conversions.
+// The fixed parts of a format: the text between its conversions.
 //   "a %s (0x%02X)"  => "a ", " (0x", ")"
 std::vector<std::string_view> FixedParts(std::string_view format) {
   std::vector<std::string_view> parts;
@@ -38,11 +40,13 @@ std::size_t FixedCharsIn(std::string_view line, std::string_view format) {
   return chars;
 }
 
-void AddTraceText(std::string_view line, std::vector<const Explanation*>& found) {
+bool IsText(const Explanation& one) { return one.kind == ExplainedKind::kTrace || one.kind == ExplainedKind::kMessage; }
+
+void AddTextIn(std::string_view line, ExplainedKind kind, std::vector<const Explanation*>& found) {
   const Explanation* best = nullptr;
   std::size_t best_chars = kFixedCharsMin - 1;
   for (const Explanation& one : AllExplanations()) {
-    const std::size_t chars = one.kind == ExplainedKind::kTrace ? FixedCharsIn(line, one.code) : 0;
+    const std::size_t chars = one.kind == kind ? FixedCharsIn(line, one.code) : 0;
     if (chars <= best_chars) continue;
     best = &one;
     best_chars = chars;
@@ -50,10 +54,10 @@ void AddTraceText(std::string_view line, std::vector<const Explanation*>& found)
   if (best != nullptr) found.push_back(best);
 }
 
-void AddPartsOfTraceTexts(std::string_view part, std::vector<const Explanation*>& found) {
+void AddTextsWith(std::string_view part, std::vector<const Explanation*>& found) {
   if (part.size() < kFixedCharsMin) return;
   for (const Explanation& one : AllExplanations()) {
-    if (one.kind == ExplainedKind::kTrace && one.code.find(part) != std::string_view::npos) found.push_back(&one);
+    if (IsText(one) && one.code.find(part) != std::string_view::npos) found.push_back(&one);
   }
 }
 
@@ -61,6 +65,29 @@ std::string Upper(std::string_view text) {
   std::string upper;
   for (const char c : text) upper += c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   return upper;
+}
+
+// The decimal form of an error number that is given as its name or in hexadecimal digits; else empty.
+//   "ENOENT" => "2"    "0X521" => "1313"
+std::string ErrorNumberOf(const std::string& code) {
+  constexpr int kErrorMax = 4095;  // the largest that a system call can return
+  if (code.starts_with("0X")) {
+    unsigned number = 0;
+    const char* const end = code.data() + code.size();
+    const std::from_chars_result parsed = std::from_chars(code.data() + 2, end, number, 16);
+    return parsed.ec == std::errc() && parsed.ptr == end ? std::to_string(number) : "";
+  }
+  for (int number = 1; code.starts_with('E') && number <= kErrorMax; ++number) {
+    const char* const name = strerrorname_np(number);
+    if (name != nullptr && code == name) return std::to_string(number);
+  }
+  return "";
+}
+
+void AddErrorNumber(std::string_view number, std::vector<const Explanation*>& found) {
+  for (const Explanation& one : CodeExplanations()) {
+    if (one.kind == ExplainedKind::kErrorNumber && one.code == number) found.push_back(&one);
+  }
 }
 
 }  // namespace
@@ -75,6 +102,8 @@ const char* NameOf(ExplainedKind kind) {
       return "exit code";
     case ExplainedKind::kFinding:
       return "doctor code";
+    case ExplainedKind::kMessage:
+      return "message";
     case ExplainedKind::kTrace:
       return "trace text";
   }
@@ -84,7 +113,8 @@ const char* NameOf(ExplainedKind kind) {
 std::span<const Explanation> AllExplanations() {
   static const std::vector<Explanation> all = [] {
     std::vector<Explanation> joined;
-    for (const std::span<const Explanation> table : {CodeExplanations(), FindingExplanations(), TraceExplanations()}) {
+    for (const std::span<const Explanation> table :
+         {CodeExplanations(), FindingExplanations(), MessageExplanations(), TraceExplanations()}) {
       joined.insert(joined.end(), table.begin(), table.end());
     }
     return joined;
@@ -96,10 +126,12 @@ std::vector<const Explanation*> Explain(std::string_view text) {
   std::vector<const Explanation*> found;
   const std::string code = Upper(text);
   for (const Explanation& one : AllExplanations()) {
-    if (one.kind != ExplainedKind::kTrace && one.code == code) found.push_back(&one);
+    if (!IsText(one) && one.code == code) found.push_back(&one);
   }
-  if (found.empty()) AddTraceText(text, found);
-  if (found.empty()) AddPartsOfTraceTexts(text, found);
+  if (found.empty()) AddErrorNumber(ErrorNumberOf(code), found);
+  if (found.empty()) AddTextIn(text, ExplainedKind::kTrace, found);
+  if (found.empty()) AddTextIn(text, ExplainedKind::kMessage, found);
+  if (found.empty()) AddTextsWith(text, found);
   return found;
 }
 

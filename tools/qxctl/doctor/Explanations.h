@@ -13,6 +13,7 @@ enum class ExplainedKind {
   kErrorNumber,  // "LastError" of a reply, or a system error number in a trace line
   kExitCode,     // of qxctl
   kFinding,      // of qxctl doctor
+  kMessage,      // "Msg" of a reply, with its conversions (%s)
   kTrace,        // a text of a trace line or of the system log, with its conversions (%s)
 };
 
@@ -24,15 +25,18 @@ struct Explanation {
   std::string_view action;
 };
 
-// "result code", "error number", "exit code", "doctor code", "trace text"
+// "result code", "error number", "exit code", "doctor code", "message", "trace text"
 [[nodiscard]] const char* NameOf(ExplainedKind kind);
 
 // Each kind together, in the order of codes. [any thread]
 [[nodiscard]] std::span<const Explanation> AllExplanations();
 
-// What `text` is: a code as it stands, a whole line in which a trace text with any values stands, or part of a trace
-// text. Empty when it is nothing known. Of several trace texts in one line the one with the longest fixed part.
+// What `text` is: a code, the name or the hexadecimal form of an error number, a whole line that contains a trace text
+// or a message with any values, or part of such a text. Empty if it is not known. Of several texts in one line, a trace
+// text counts before a message, and the one with the longest fixed part before others.
 //   "12"                                         => the result code 12 and the error number 12
+//   "ENOENT"                                     => the error number 2
+//   "0x521"                                      => the error number 1313
 //   "... ## ERROR! Could not read data file ..." => that trace text
 [[nodiscard]] std::vector<const Explanation*> Explain(std::string_view text);
 

@@ -1,0 +1,39 @@
+// The texts ("Msg") of the Error elements in replies, as the sources have them.
+#include "tools/qxctl/doctor/ExplanationTables.h"
+
+namespace qx::ctl {
+
+namespace {
+
+constexpr Explanation kMessages[] = {
+    {ExplainedKind::kMessage, "No more records available (no error)",
+     "There is no record at the start index or after it, or the next record has 1 MiB or more",
+     "The end of every transfer; a report without records", "Nothing at the end of a transfer"},
+    {ExplainedKind::kMessage, "Report data for report '%s' could not be read",
+     "The report could not be opened or read; LastError says why",
+     "No such report in the report directory (2), or no right to read it (13)", "Look up the reply's error number"},
+    {ExplainedKind::kMessage, "Report instance names file not found",
+     "The names file of the report could not be opened, with the error number 2",
+     "The report has no instances, or another report directory is used than expected",
+     "Nothing, if the report has none; else run `qxctl doctor`"},
+    {ExplainedKind::kMessage, "Required security privilege \"%s\" missing - access not granted!",
+     "The caller lacks the privilege, with the error number 1313",
+     "Security data without the privilege came with the request",
+     "Give the user the privilege, or call without security data from a trusted place"},
+    {ExplainedKind::kMessage, "No valid request data in input XML string (<%s> tag missing)",
+     "The request document has another root element than the function expects",
+     "A document for another function, or a document that is not well formed", "Correct the client's request"},
+    {ExplainedKind::kMessage, "RequestParams structure do not contain a valid krx_gendata structure: %s",
+     "The block of the request has another tag than \"KRX\"; the text ends with the tag that came",
+     "A caller that does not fill the block", "Correct the caller; `qxctl module record` keeps such a call as a file"},
+    {ExplainedKind::kMessage, "krx_gendata structure does not have elements", "The block of the request is empty",
+     "A caller that does not fill the block", "Correct the caller; `qxctl module record` keeps such a call as a file"},
+    {ExplainedKind::kMessage, "krx_gendata thread id is 0", "The block of the request names no thread",
+     "A caller that does not fill the block", "Correct the caller; `qxctl module record` keeps such a call as a file"},
+};
+
+}  // namespace
+
+std::span<const Explanation> MessageExplanations() { return kMessages; }
+
+}  // namespace qx::ctl
