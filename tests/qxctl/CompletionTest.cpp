@@ -132,6 +132,16 @@ TEST_F(QxctlCompletion, FilesAndDirectories) {
   EXPECT_THAT(Offers({"report", "backup", "lim"}), IsEmpty());
 }
 
+TEST_F(QxctlCompletion, ANameThatBeginsWithAHyphenIsNotAnOption) {
+  WriteFile(Dir().File("--apply"), "[A]\n");
+  MakeReport("-r", 3, {"a"});
+  EXPECT_THAT(Offers({"ini", "list", ""}), Contains("./--apply"));
+  EXPECT_THAT(Offers({"ini", "list", ""}), Not(Contains("--apply")));
+  EXPECT_THAT(Offers({"fetch", "--", "-r"}), ElementsAre("./-r"));
+  EXPECT_THAT(ZshOffers("qxctl ini list "), Contains("./--apply"));
+  EXPECT_THAT(ZshOffers("qxctl ini list "), Not(Contains("--apply")));
+}
+
 TEST_F(QxctlCompletion, TheValueOfAnOption) {
   EXPECT_THAT(Offers({"fetch", "--color", "a"}), ElementsAre("auto", "always"));
   EXPECT_THAT(Offers({"fetch", "--color", "=", "n"}), ElementsAre("never"));

@@ -41,7 +41,10 @@ _qxctl_offer() {
       ;;
     *) mapfile -t COMPREPLY < <(compgen -W "${1//|/ }" -- "$2") ;;
   esac
-  [[ $1 == @* ]] && compopt -o filenames 2>/dev/null
+  if [[ $1 == @* ]]; then
+    COMPREPLY=("${COMPREPLY[@]/#-/./-}")  # a name that begins with "-" would be taken for an option
+    compopt -o filenames 2>/dev/null
+  fi
   return 0
 }
 

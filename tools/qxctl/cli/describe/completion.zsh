@@ -14,21 +14,37 @@
 typeset -gA _qxctl_words _qxctl_options _qxctl_values _qxctl_arguments
 #@TABLES@
 
+# Names in the working directory that begin with "-", with "./" in front: they would be taken for options. $1 is a glob
+# qualifier.
+_qxctl_dashed() {
+  local -a found
+  found=(./-*(N${~1}))
+  compadd -f -a found
+}
+
 # Completes a value of kind $1.
 _qxctl_offer() {
   local -a found
   case $1 in
     '' | @none) return 1 ;;
-    @file) _files ;;
-    @dir) _path_files -/ ;;
+    @file)
+      _qxctl_dashed ''
+      _files -F '(-*)'
+      ;;
+    @dir)
+      _qxctl_dashed /
+      _path_files -/ -F '(-*)'
+      ;;
     @report)
       found=(${(f)"$(${~words[1]} _reports 2>/dev/null)"})
+      found=(${found/#-/./-})
       compadd -a found
       ;;
     @store)
       found=(${~PREFIX}*.ind(N:r))
+      found=(${found/#-/./-})
       compadd -f -a found
-      _path_files -/
+      _path_files -/ -F '(-*)'
       ;;
     @either)
       _qxctl_offer @report
