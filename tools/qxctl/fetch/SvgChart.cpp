@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "markup/Markup.h"
 #include "tools/qxctl/cli/text/JsonText.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/fetch/Chart.h"
@@ -20,26 +21,9 @@ constexpr double kBottom = 340;
 constexpr int kSteps = 5;
 constexpr std::size_t kPointPairsMax = 700;  // two points for each unit of width show every peak
 
-// Texts of foreign origin: markup is escaped, control bytes are made visible, what is not UTF-8 is replaced.
+// Texts of foreign origin: markup is escaped, control bytes are made visible, and what is not UTF-8 is replaced.
 std::string XmlText(const std::string& text) {
-  const std::string valid = ValidUtf8(Visible(text));
-  std::string escaped;
-  for (const char c : valid) {
-    switch (c) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      default:
-        escaped += c;
-    }
-  }
-  return escaped;
+  return CMarkup::EscapeText(std::string_view(ValidUtf8(Visible(text))));
 }
 
 std::string Coordinate(double value) {

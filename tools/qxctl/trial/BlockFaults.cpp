@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -13,12 +14,136 @@ namespace {
 
 constexpr char kNoThread[] = "result -1, error 13 \"krx_gendata thread id is 0\"";
 constexpr char kNoElements[] = "result -1, error 13 \"krx_gendata structure does not have elements\"";
+constexpr char kTagAbc[] =
+    "result -1, error 13 \"RequestParams structure do not contain a valid krx_gendata structure: ABC\"";
+constexpr char kTagOpen[] =
+    "result -1, error 13 \"RequestParams structure do not contain a valid krx_gendata structure: ???\"";
+constexpr char kTagEmpty[] =
+    "result -1, error 13 \"RequestParams structure do not contain a valid krx_gendata structure: \"";
 constexpr std::int32_t kCountMax = std::numeric_limits<std::int32_t>::max();
 constexpr std::int32_t kCountMin = std::numeric_limits<std::int32_t>::min();
 
-std::string NotValid(const char* tag) {
-  return "result -1, error 13 \"RequestParams structure do not contain a valid krx_gendata structure: " +
-         std::string(tag) + "\"";
+struct NamedShape {
+  const char* name;
+  const char* told;
+  const char* expected;
+  BlockShape shape;
+};
+
+constexpr ElementShape Null(std::int32_t index, std::int32_t type) { return {index, type, ShapeValue::kNull}; }
+constexpr ElementShape Text(std::int32_t index) { return {index, kKrxTypeString, ShapeValue::kText}; }
+constexpr ElementShape Number(std::int32_t index, std::uint32_t number, std::int32_t type = kKrxTypeUint32) {
+  return {index, type, ShapeValue::kNumber, number};
+}
+// A nested block that counts `count` elements in a null array.
+constexpr ElementShape Nested(std::int32_t index, std::int32_t count) {
+  return {index, kKrxTypeNested, ShapeValue::kNestedBlock, static_cast<std::uint32_t>(count)};
+}
+
+constexpr ElementShape kThread = Number(kKrxThreadId, 1);
+constexpr ElementShape kDataAlone[] = {Null(kKrxProviderData, kKrxTypePointer)};
+constexpr ElementShape kThreadZero[] = {Null(kKrxProviderData, kKrxTypePointer), Number(kKrxThreadId, 0)};
+constexpr ElementShape kThreadText[] = {Text(kKrxThreadId)};
+constexpr ElementShape kThreadTwice[] = {Number(kKrxThreadId, 0), kThread};
+constexpr ElementShape kThreadByte[] = {Number(kKrxThreadId, 1, kKrxTypeUint8)};
+constexpr ElementShape kThreadAlone[] = {kThread};
+constexpr ElementShape kDataNumber[] = {Number(kKrxProviderData, 7), kThread};
+constexpr ElementShape kNullTexts[] = {Null(kKrxFunctionId, kKrxTypeString), Null(kKrxApplicationId, kKrxTypeString),
+                                       kThread};
+constexpr ElementShape kFunctionNumber[] = {Number(kKrxFunctionId, 7), kThread};
+constexpr ElementShape kUnknownTypes[] = {Null(0, 0), Null(-1, -1), Null(kKrxApplicationId, 99),
+                                          Null(kCountMax, kCountMin), kThread};
+constexpr ElementShape kNullConnection[] = {Null(kKrxConnection, kKrxTypeNested)};
+constexpr ElementShape kConnectionText[] = {Text(kKrxConnection)};
+constexpr ElementShape kConnectionEmpty[] = {Nested(kKrxConnection, 0)};
+constexpr ElementShape kConnectionHuge[] = {Nested(kKrxConnection, kCountMax)};
+constexpr ElementShape kConnectionNegative[] = {Nested(kKrxConnection, kCountMin)};
+
+constexpr NamedShape kHeaders[] = {
+    {"no-elements", "A block without elements", kNoElements, {.count = 0}},
+    {"no-elements-what",
+     "A block without elements, for What",
+     "result 0, <QXRemConXfer>",
+     {.function = RequestFunction::kWhat, .count = 0}},
+    {"count-huge", "Counts 2147483647 elements in a null array", kNoThread, {.count = kCountMax}},
+    {"count-negative", "Counts -1 elements", kNoThread, {.count = -1}},
+    {"count-least", "Counts -2147483648 elements", kNoThread, {.count = kCountMin}},
+    {"tag-other", "A block with the tag ABC", kTagAbc, {.tag = "ABC", .has_good_elements = true}},
+    {"tag-open", "A tag of four bytes, without its NUL", kTagOpen, {.tag = "KRXX", .has_good_elements = true}},
+    {"tag-empty", "An empty tag", kTagEmpty, {.tag = "", .has_good_elements = true}},
+};
+
+constexpr NamedShape kElements[] = {
+    {"thread-missing", "No thread id", kNoThread, {.elements = kDataAlone}},
+    {"thread-zero", "The thread id 0", kNoThread, {.elements = kThreadZero}},
+    {"thread-text", "A thread id of the type of strings", kNoThread, {.elements = kThreadText}},
+    {"thread-twice", "Two thread ids, the first of them 0", kNoThread, {.elements = kThreadTwice}},
+    {"thread-byte", "A thread id of one byte", kNoReportOutcome, {.elements = kThreadByte}},
+    {"data-missing", "No place for the module's data", kNoReportOutcome, {.elements = kThreadAlone}},
+    {"data-mistyped", "A number where the module's data goes", kNoReportOutcome, {.elements = kDataNumber}},
+    {"text-null", "Null strings", kNoReportOutcome, {.elements = kNullTexts}},
+    {"text-mistyped", "A number where the function's name goes", kNoReportOutcome, {.elements = kFunctionNumber}},
+    {"type-unknown", "Types and indices that nobody knows", kNoReportOutcome, {.elements = kUnknownTypes}},
+};
+
+constexpr NamedShape kConnections[] = {
+    {"connection-null",
+     "A connection block that is null",
+     kNoReportOutcome,
+     {.has_good_elements = true, .elements = kNullConnection}},
+    {"connection-mistyped",
+     "A string where the connection goes",
+     kNoReportOutcome,
+     {.has_good_elements = true, .elements = kConnectionText}},
+    {"connection-empty",
+     "A connection without the address",
+     kNoReportOutcome,
+     {.has_good_elements = true, .elements = kConnectionEmpty}},
+    {"connection-count-huge",
+     "Counts 2147483647 elements of the connection in a null array",
+     kNoReportOutcome,
+     {.has_good_elements = true, .elements = kConnectionHuge}},
+    {"connection-count-negative",
+     "Counts -2147483648 elements of the connection",
+     kNoReportOutcome,
+     {.has_good_elements = true, .elements = kConnectionNegative}},
+};
+
+void SetTag(RawBlock& block, const char* tag) {
+  std::memset(block.Header().tag, 0, sizeof block.Header().tag);
+  std::memcpy(block.Header().tag, tag, strnlen(tag, sizeof block.Header().tag));
+}
+
+krx_element* MakeNested(RawBlock& block, const ElementShape& shape) {
+  krx_nested_block* const nested = block.Block({});
+  nested->element_count = static_cast<std::int32_t>(shape.number);
+  nested->elements = nullptr;
+  return block.Element(shape.index, shape.type, nested);
+}
+
+krx_element* Make(RawBlock& block, const ElementShape& shape) {
+  switch (shape.value) {
+    case ShapeValue::kNull:
+      break;
+    case ShapeValue::kNumber:
+      return block.Number(shape.index, shape.type, shape.number);
+    case ShapeValue::kText:
+      return block.Text(shape.index, shape.type, "1");
+    case ShapeValue::kNestedBlock:
+      return MakeNested(block, shape);
+  }
+  return block.Element(shape.index, shape.type, nullptr);
+}
+
+void AddShapes(std::span<const NamedShape> shapes, std::vector<FaultCase>& cases) {
+  for (const NamedShape& one : shapes) {
+    cases.push_back({.group = "block",
+                     .name = one.name,
+                     .told = one.told,
+                     .expected = one.expected,
+                     .run = nullptr,
+                     .block = &one.shape});
+  }
 }
 
 std::string Asked(FaultHost& host, RawBlock& block, RawBlock::Elements elements) {
@@ -33,20 +158,7 @@ std::string AskedWith(FaultHost& host, RawBlock& block, krx_element* element) {
   return Asked(host, block, std::move(elements));
 }
 
-std::string AskedWithCount(FaultHost& host, std::int32_t count) {
-  RawBlock block;
-  block.Header().element_count = count;
-  return AskNoReport(host, block);
-}
-
-std::string AskedWithTag(FaultHost& host, const char* tag) {
-  RawBlock block;
-  std::memset(block.Header().tag, 0, sizeof block.Header().tag);
-  std::memcpy(block.Header().tag, tag, strnlen(tag, sizeof block.Header().tag));
-  return Asked(host, block, GoodElements(block));
-}
-
-// "result 12, ..." when all four functions say the same, each behind its name otherwise.
+// The outcomes of all four functions.
 std::string NullBlock(FaultHost& host) {
   std::string told;
   for (const RequestFunction function : {RequestFunction::kWhat, RequestFunction::kReflect,
@@ -76,14 +188,6 @@ std::string ConnectionInsideItself(FaultHost& host) {
   krx_element* const connection = block.Element(kKrxConnection, kKrxTypeNested, nullptr);
   connection->value = block.Block({connection});
   return AskedWith(host, block, connection);
-}
-
-std::string ConnectionMiscounted(FaultHost& host, std::int32_t count) {
-  RawBlock block;
-  krx_nested_block* const connection = block.Block({});
-  connection->element_count = count;
-  connection->elements = nullptr;
-  return AskedWith(host, block, block.Element(kKrxConnection, kKrxTypeNested, connection));
 }
 
 // A million null entries in front of the elements.
@@ -118,128 +222,6 @@ std::string Unaligned(FaultHost& host) {
   return host.Ask(RequestFunction::kGetReports, static_cast<const wcs_gendata*>(address), kNoReportRequest);
 }
 
-void AddHeaders(std::vector<FaultCase>& cases) {
-  cases.insert(
-      cases.end(),
-      {{"block", "null-block", "Hands in a null block",
-        "result -1, no reply; result -1, no reply; result -1, no reply; result -1, no reply", NullBlock},
-       {"block", "null-reply-place", "Gives no place for the reply", "result 0; result 12", NullReplyPlace},
-       {"block", "no-elements", "A block without elements", kNoElements,
-        [](FaultHost& host) { return AskedWithCount(host, 0); }},
-       {"block", "no-elements-what", "A block without elements, for What", "result 0, <QXRemConXfer>",
-        [](FaultHost& host) {
-          const RawBlock block;
-          return host.Ask(RequestFunction::kWhat, block.Raw(), "");
-        }},
-       {"block", "count-huge", "Counts 2147483647 elements in a null array", kNoThread,
-        [](FaultHost& host) { return AskedWithCount(host, kCountMax); }},
-       {"block", "count-negative", "Counts -1 elements", kNoThread,
-        [](FaultHost& host) { return AskedWithCount(host, -1); }},
-       {"block", "count-least", "Counts -2147483648 elements", kNoThread,
-        [](FaultHost& host) { return AskedWithCount(host, kCountMin); }},
-       {"block", "tag-other", "A block with the tag ABC", NotValid("ABC"),
-        [](FaultHost& host) { return AskedWithTag(host, "ABC"); }},
-       {"block", "tag-open", "A tag of four bytes, without its NUL", NotValid("???"),
-        [](FaultHost& host) { return AskedWithTag(host, "KRXX"); }},
-       {"block", "tag-empty", "An empty tag", NotValid(""), [](FaultHost& host) { return AskedWithTag(host, ""); }},
-       {"block", "unaligned", "Lays everything at odd addresses", kNoReportOutcome, Unaligned},
-       {"block", "many-null-entries", "A million null entries before the elements", kNoReportOutcome,
-        ManyNullEntries}});
-}
-
-void AddElements(std::vector<FaultCase>& cases) {
-  cases.insert(
-      cases.end(),
-      {{"block", "thread-missing", "No thread id", kNoThread,
-        [](FaultHost& host) {
-          RawBlock block;
-          return Asked(host, block, {block.Element(kKrxProviderData, kKrxTypePointer, nullptr)});
-        }},
-       {"block", "thread-zero", "The thread id 0", kNoThread,
-        [](FaultHost& host) {
-          RawBlock block;
-          return Asked(host, block, GoodElements(block, 0));
-        }},
-       {"block", "thread-text", "A thread id of the type of strings", kNoThread,
-        [](FaultHost& host) {
-          RawBlock block;
-          return Asked(host, block, {block.Text(kKrxThreadId, kKrxTypeString, "1")});
-        }},
-       {"block", "thread-twice", "Two thread ids, the first of them 0", kNoThread,
-        [](FaultHost& host) {
-          RawBlock block;
-          return Asked(host, block,
-                       {block.Number(kKrxThreadId, kKrxTypeUint32, 0), block.Number(kKrxThreadId, kKrxTypeUint32, 1)});
-        }},
-       {"block", "thread-byte", "A thread id of one byte", kNoReportOutcome,
-        [](FaultHost& host) {
-          RawBlock block;
-          return Asked(host, block, {block.Number(kKrxThreadId, kKrxTypeUint8, 1)});
-        }},
-       {"block", "data-missing", "No place for the module's data", kNoReportOutcome,
-        [](FaultHost& host) {
-          RawBlock block;
-          return Asked(host, block, {block.Number(kKrxThreadId, kKrxTypeUint32, 1)});
-        }},
-       {"block", "data-mistyped", "A number where the module's data goes", kNoReportOutcome,
-        [](FaultHost& host) {
-          RawBlock block;
-          return Asked(
-              host, block,
-              {block.Number(kKrxProviderData, kKrxTypeUint32, 7), block.Number(kKrxThreadId, kKrxTypeUint32, 1)});
-        }},
-       {"block", "text-null", "Null strings", kNoReportOutcome,
-        [](FaultHost& host) {
-          RawBlock block;
-          return Asked(host, block,
-                       {block.Element(kKrxFunctionId, kKrxTypeString, nullptr),
-                        block.Element(kKrxApplicationId, kKrxTypeString, nullptr),
-                        block.Number(kKrxThreadId, kKrxTypeUint32, 1)});
-        }},
-       {"block", "text-mistyped", "A number where the function's name goes", kNoReportOutcome,
-        [](FaultHost& host) {
-          RawBlock block;
-          return Asked(
-              host, block,
-              {block.Number(kKrxFunctionId, kKrxTypeUint32, 7), block.Number(kKrxThreadId, kKrxTypeUint32, 1)});
-        }},
-       {"block", "type-unknown", "Types and indices that nobody knows", kNoReportOutcome, [](FaultHost& host) {
-          RawBlock block;
-          RawBlock::Elements elements = {block.Element(0, 0, nullptr), block.Element(-1, -1, nullptr),
-                                         block.Element(kKrxApplicationId, 99, nullptr),
-                                         block.Element(kCountMax, kCountMin, nullptr)};
-          elements.push_back(block.Number(kKrxThreadId, kKrxTypeUint32, 1));
-          return Asked(host, block, std::move(elements));
-        }}});
-}
-
-void AddConnections(std::vector<FaultCase>& cases) {
-  cases.insert(
-      cases.end(),
-      {{"block", "connection-null", "A connection block that is null", kNoReportOutcome,
-        [](FaultHost& host) {
-          RawBlock block;
-          return AskedWith(host, block, block.Element(kKrxConnection, kKrxTypeNested, nullptr));
-        }},
-       {"block", "connection-mistyped", "A string where the connection goes", kNoReportOutcome,
-        [](FaultHost& host) {
-          RawBlock block;
-          return AskedWith(host, block, block.Text(kKrxConnection, kKrxTypeString, "x"));
-        }},
-       {"block", "connection-empty", "A connection without the address", kNoReportOutcome,
-        [](FaultHost& host) {
-          RawBlock block;
-          return AskedWith(host, block, block.Element(kKrxConnection, kKrxTypeNested, block.Block({})));
-        }},
-       {"block", "connection-count-huge", "Counts 2147483647 elements of the connection in a null array",
-        kNoReportOutcome, [](FaultHost& host) { return ConnectionMiscounted(host, kCountMax); }},
-       {"block", "connection-count-negative", "Counts -2147483648 elements of the connection", kNoReportOutcome,
-        [](FaultHost& host) { return ConnectionMiscounted(host, kCountMin); }},
-       {"block", "connection-loops", "A chain of nested blocks that loops", kNoReportOutcome, ConnectionThatLoops},
-       {"block", "connection-inside-itself", "A connection that is an element of its own block", kNoReportOutcome,
-        ConnectionInsideItself}});
-}
-
 }  // namespace
 
 RawBlock::Elements GoodElements(RawBlock& block, std::uint32_t thread_id) {
@@ -252,10 +234,34 @@ std::string AskNoReport(FaultHost& host, const RawBlock& block) {
   return host.Ask(RequestFunction::kGetReports, block.Raw(), kNoReportRequest);
 }
 
+std::string AskBlock(FaultHost& host, const BlockShape& shape) {
+  RawBlock block;
+  if (shape.tag != nullptr) SetTag(block, shape.tag);
+  RawBlock::Elements elements = shape.has_good_elements ? GoodElements(block) : RawBlock::Elements();
+  for (const ElementShape& element : shape.elements) elements.push_back(Make(block, element));
+  block.SetElements(std::move(elements));
+  if (shape.count) {
+    block.Header().elements = nullptr;
+    block.Header().element_count = *shape.count;
+  }
+  return host.Ask(shape.function, block.Raw(), shape.function == RequestFunction::kGetReports ? kNoReportRequest : "");
+}
+
 void AddBlockFaults(std::vector<FaultCase>& cases) {
-  AddHeaders(cases);
-  AddElements(cases);
-  AddConnections(cases);
+  cases.insert(cases.end(),
+               {{"block", "null-block", "Hands in a null block",
+                 "result -1, no reply; result -1, no reply; result -1, no reply; result -1, no reply", NullBlock},
+                {"block", "null-reply-place", "Gives no place for the reply", "result 0; result 12", NullReplyPlace}});
+  AddShapes(kHeaders, cases);
+  cases.insert(cases.end(), {{"block", "unaligned", "Puts everything at odd addresses", kNoReportOutcome, Unaligned},
+                             {"block", "many-null-entries", "A million null entries before the elements",
+                              kNoReportOutcome, ManyNullEntries}});
+  AddShapes(kElements, cases);
+  AddShapes(kConnections, cases);
+  cases.insert(cases.end(), {{"block", "connection-loops", "A chain of nested blocks that loops", kNoReportOutcome,
+                              ConnectionThatLoops},
+                             {"block", "connection-inside-itself", "A connection that is an element of its own block",
+                              kNoReportOutcome, ConnectionInsideItself}});
 }
 
 }  // namespace qx::ctl

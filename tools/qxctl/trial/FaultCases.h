@@ -1,6 +1,9 @@
 // What a bad host does, one thing a case, and what a module must make of it.
 #pragma once
 
+#include <cstdint>
+#include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -8,13 +11,33 @@
 
 namespace qx::ctl {
 
+enum class ShapeValue : std::uint8_t { kNull, kNumber, kText, kNestedBlock };
+
+// An element of a block that a bad host makes.
+struct ElementShape {
+  std::int32_t index;
+  std::int32_t type;
+  ShapeValue value;
+  std::uint32_t number = 0;  // kNestedBlock: how many elements it counts, in a null array
+};
+
+// A block that a bad host makes.
+struct BlockShape {
+  RequestFunction function = RequestFunction::kGetReports;
+  const char* tag = nullptr;               // null: "KRX"
+  std::optional<std::int32_t> count = {};  // what the header counts, in a null array
+  bool has_good_elements = false;          // before the others
+  std::span<const ElementShape> elements = {};
+};
+
 struct FaultCase {
   const char* group;     // "block", "security", "document", "order"
   const char* name;      // stable, unique
   const char* told;      // what the host does, for people
   std::string expected;  // what `run` returns with a good module
   std::string (*run)(FaultHost& host);
-  bool needs_report = false;  // there must be a report that can be read
+  bool needs_report = false;          // there must be a report that can be read
+  const BlockShape* block = nullptr;  // not null: this block is handed in, and `run` is null
 };
 
 // The cases of each group in their order.
@@ -31,6 +54,9 @@ inline constexpr char kNoReportOutcome[] = "result 12, error 2 \"Report data for
 
 // Elements 1 to 5 of a good block.
 RawBlock::Elements GoodElements(RawBlock& block, std::uint32_t thread_id = 1);
+
+// Hands in the block with the request for the report that never exists.
+std::string AskBlock(FaultHost& host, const BlockShape& shape);
 
 // Asks for the report that never exists with this block.
 std::string AskNoReport(FaultHost& host, const RawBlock& block);

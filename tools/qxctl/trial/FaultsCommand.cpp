@@ -63,7 +63,7 @@ std::string Run(const FaultCase& fault, const Options& options, const std::strin
   const ChildOutcome child = RunInChild(options.seconds, [&] {
     FaultHost host(module, report);
     host.Load();
-    return fault.run(host);
+    return fault.block != nullptr ? AskBlock(host, *fault.block) : fault.run(host);
   });
   if (child.exit_code == FaultHost::kHostFailed) return kDidNotLoad;
   return child.trouble.empty() ? child.text : child.trouble;
