@@ -1,0 +1,27 @@
+// Which slots of an index file are stored. A sparse file of 4 KiB can count billions of slots that are a hole; a writer
+// never leaves a hole, because no two of its records begin at offset 0.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "base/File.h"
+
+namespace qx::ctl {
+
+// Threads: one thread.
+// Failure: where the file system does not show holes, every slot counts as stored.
+class StoredSlots {
+ public:
+  explicit StoredSlots(const std::string& index_file);
+
+  // The first slot from `slot` on that is not in a hole, or `end` if there is none before it.
+  [[nodiscard]] std::uint32_t NextFrom(std::uint32_t slot, std::uint32_t end);
+
+ private:
+  file::Descriptor file_;
+  std::int64_t data_begin_ = 0;  // the bytes between these two are known to be stored
+  std::int64_t data_end_ = 0;
+};
+
+}  // namespace qx::ctl
