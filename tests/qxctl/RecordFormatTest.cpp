@@ -102,6 +102,14 @@ TEST_F(QxctlRecordFormat, CsvFieldsMakeColumnsAsManyAsTheFirstRecordHas) {
   EXPECT_EQ(Csv({"a::b:c"}, {"--fields", "::"}), "index,column1,column2\r\n0,a,b:c\r\n");
 }
 
+TEST_F(QxctlRecordFormat, CsvSafeKeepsSpreadsheetsFromTakingCellsForFormulas) {
+  const Texts texts = {"=1+1", "+a", "-5", "@b", "\tc", "a=b", "=\"x\",y"};
+  EXPECT_EQ(Csv(texts, {"--csv-safe"}),
+            "index,text\r\n0,'=1+1\r\n1,'+a\r\n2,'-5\r\n3,'@b\r\n4,'\tc\r\n5,a=b\r\n6,\"'=\"\"x\"\",y\"\r\n");
+  EXPECT_THAT(Csv(texts), HasSubstr("0,=1+1\r\n")) << "without the option a cell is what is stored";
+  EXPECT_EQ(Qxctl({"report", "cat", "Reports/load", "--csv-safe"}).code, 2);
+}
+
 TEST_F(QxctlRecordFormat, AnEmptyReportPrintsNothingInAnyFormat) {
   MakeReport("load", 9, {});
   EXPECT_EQ(Print({"--format", "csv"}), "");

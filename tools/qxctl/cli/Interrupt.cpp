@@ -1,6 +1,16 @@
 #include "tools/qxctl/cli/Interrupt.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <climits>
 #include <csignal>
+#include <cstddef>
+#include <cstring>
+
+#include "base/File.h"
 
 namespace qx::ctl {
 
@@ -10,8 +20,53 @@ constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 volatile std::sig_atomic_t g_signal = 0;
 
-extern "C" void RememberSignal(int signal) {
-  if (g_signal == 0) g_signal = signal;
+volatile std::sig_atomic_t g_is_guarded = 0;
+
+// The directory to remove; what a signal handler reads must not be on the heap.
+char g_directory[PATH_MAX] = "";
+volatile std::sig_atomic_t g_directory_number = -1;
+pid_t g_directory_process = 0;  // a child that works for this process must not remove it
+
+// As the kernel lays it out: readdir may allocate, which a signal handler must not.
+struct DirectoryEntry {
+  unsigned long number;
+  long offset;
+  unsigned short size;
+  unsigned char type;
+  char name[1];
+};
+
+void RemoveEntries(int directory) {
+  alignas(DirectoryEntry) static char block[4096];
+  for (;;) {
+    const long size = syscall(SYS_getdents64, directory, block, sizeof block);
+    if (size <= 0) return;
+    for (long at = 0; at < size;) {
+      unsigned short entry_size = 0;
+      std::memcpy(&entry_size, block + at + offsetof(DirectoryEntry, size), sizeof entry_size);
+      (void)unlinkat(directory, block + at + offsetof(DirectoryEntry, name), 0);  // "." and ".." fail
+      at += entry_size;
+    }
+  }
+}
+
+void RemoveDirectory() {
+  if (g_directory_number < 0 || g_directory_process != getpid()) return;
+  RemoveEntries(g_directory_number);
+  (void)rmdir(g_directory);
+}
+
+// Only calls that are safe in a signal handler.
+extern "C" void HandleSignal(int signal) {
+  if (g_is_guarded != 0) {
+    if (g_signal == 0) g_signal = signal;
+    return;
+  }
+  RemoveDirectory();
+  struct sigaction action = {};
+  action.sa_handler = SIG_DFL;
+  (void)sigaction(signal, &action, nullptr);
+  (void)raise(signal);  // kills the process when the handler returns
 }
 
 // No SA_RESTART: a write that waits for a slow reader must return, or ^C would do nothing.
@@ -28,20 +83,33 @@ bool IsIgnored(int signal) {
   return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
+void SetHandlers() {
+  for (const int signal : kSignals) {
+    if (!IsIgnored(signal)) SetHandler(signal, HandleSignal);
+  }
+}
+
 }  // namespace
 
 int InterruptSignal() { return g_signal; }
 
 InterruptGuard::InterruptGuard() {
-  for (const int signal : kSignals) {
-    if (!IsIgnored(signal)) SetHandler(signal, RememberSignal);
-  }
+  g_is_guarded = 1;
+  SetHandlers();
 }
 
-InterruptGuard::~InterruptGuard() {
-  for (const int signal : kSignals) {
-    if (!IsIgnored(signal)) SetHandler(signal, SIG_DFL);
-  }
+InterruptGuard::~InterruptGuard() { g_is_guarded = 0; }
+
+void RemoveOnSignal(const std::string& directory) {
+  const int old = g_directory_number;
+  g_directory_number = -1;
+  (void)file::Descriptor(old).Close();
+  if (directory.empty() || directory.size() >= sizeof g_directory) return;
+  directory.copy(g_directory, directory.size());
+  g_directory[directory.size()] = '\0';
+  g_directory_process = getpid();
+  g_directory_number = file::OpenDirectory(g_directory).Release();
+  SetHandlers();
 }
 
 void DieOfInterrupt() {

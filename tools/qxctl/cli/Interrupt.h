@@ -2,12 +2,14 @@
 // at its next step, tidies up, and the process then dies of that very signal.
 #pragma once
 
+#include <string>
+
 namespace qx::ctl {
 
 // The first of SIGINT, SIGTERM and SIGHUP that arrived under a guard, or 0.
 int InterruptSignal();
 
-// While it lives those signals are remembered instead of killing the process.
+// During its lifetime those signals are remembered instead of killing the process.
 // Threads: one guard at a time, on the only thread.
 class InterruptGuard {
  public:
@@ -16,6 +18,10 @@ class InterruptGuard {
   InterruptGuard(const InterruptGuard&) = delete;
   InterruptGuard& operator=(const InterruptGuard&) = delete;
 };
+
+// From now on a signal that no guard remembers removes this directory with the files in it, and then kills the process.
+// One directory at a time; an empty path forgets it. Subdirectories stay.
+void RemoveOnSignal(const std::string& directory);
 
 // Dies of the remembered signal, if there is one, so that a shell sees why the command ended.
 void DieOfInterrupt();

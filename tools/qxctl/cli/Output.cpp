@@ -1,7 +1,9 @@
 #include "tools/qxctl/cli/Output.h"
 
+#include <sys/random.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
@@ -9,6 +11,7 @@
 #include "base/File.h"
 #include "tools/qxctl/cli/WriteAll.h"
 #include "tools/qxctl/cli/text/JsonText.h"
+#include "tools/qxctl/cli/text/Text.h"
 
 namespace qx::ctl {
 
@@ -49,9 +52,23 @@ const char* SequenceOf(Style style) {
   return "";
 }
 
+constexpr char kPlain[] = "\033[0m";
+
+// 128 bits in hexadecimal digits, so that no foreign text contains them.
+std::string RandomMark() {
+  std::array<unsigned char, 16> bytes = {};
+  if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) return {};  // then without colour
+  std::string mark;
+  for (const unsigned char byte : bytes) {
+    mark += "0123456789abcdef"[byte >> 4];
+    mark += "0123456789abcdef"[byte & 15];
+  }
+  return mark;
+}
+
 std::string Painted(bool is_wanted, Style style, std::string_view text) {
   if (!is_wanted || text.empty()) return std::string(text);
-  return SequenceOf(style) + std::string(text) + "\033[0m";
+  return SequenceOf(style) + std::string(text) + kPlain;
 }
 
 }  // namespace
@@ -60,9 +77,15 @@ void Output::Configure(Verbosity verbosity, ColorMode color) {
   verbosity_ = verbosity;
   color_out_ = WantsColor(color, STDOUT_FILENO);
   color_err_ = WantsColor(color, STDERR_FILENO);
+  masks_out_ = isatty(STDOUT_FILENO) == 1;
+  masks_err_ = isatty(STDERR_FILENO) == 1;
+  if (masks_out_ && color_out_) mark_ = RandomMark();
+  color_out_ = color_out_ && !(masks_out_ && mark_.empty());
 }
 
 Status Output::Data(std::string_view bytes) {
+  const std::string masked = masks_out_ ? ForScreen(bytes) : std::string();
+  if (masks_out_) bytes = masked;
   if (bytes.size() < kBufferBytes) {
     buffer_.append(bytes);
     return buffer_.size() < kBufferBytes ? written_ : Flush();
@@ -71,9 +94,27 @@ Status Output::Data(std::string_view bytes) {
   return written_;
 }
 
-Status Output::Document(const Json& document) { return Data(JsonText(document) + "\n"); }
+Status Output::Document(const Json& document) { return Data(ForTerminal(JsonText(document) + "\n", Masking::kJson)); }
 
-std::string Output::Paint(Style style, std::string_view text) const { return Painted(color_out_, style, text); }
+std::string Output::Paint(Style style, std::string_view text) const {
+  if (!color_out_ || mark_.empty() || text.empty()) return Painted(color_out_, style, text);
+  return mark_ + SequenceOf(style) + std::string(text) + mark_ + kPlain;
+}
+
+// Masks everything but the sequences that carry the mark, and takes the mark out.
+std::string Output::ForScreen(std::string_view bytes) const {
+  std::string shown;
+  while (!mark_.empty()) {
+    const std::size_t at = bytes.find(mark_);
+    if (at == std::string_view::npos) break;
+    shown += ForTerminal(bytes.substr(0, at));
+    bytes.remove_prefix(at + mark_.size());
+    const std::size_t end = bytes.find('m') + 1;  // of "ESC [ 32 m"; 0 if there is none
+    shown += bytes.substr(0, end);
+    bytes.remove_prefix(end);
+  }
+  return shown + ForTerminal(bytes);
+}
 
 void Output::Note(std::string_view line) {
   if (verbosity_ != Verbosity::kQuiet) Say(line);
@@ -83,21 +124,18 @@ void Output::Detail(std::string_view line) {
   if (verbosity_ == Verbosity::kVerbose) Say(line);
 }
 
-void Output::Problem(std::string_view message) {
-  Say(Painted(color_err_, Style::kBad, "qxctl:") + " " + std::string(message));
-}
+void Output::Problem(std::string_view message) { Say(message, Painted(color_err_, Style::kBad, "qxctl:") + " "); }
 
 void Output::Problem(const Status& status) {
   if (!status.Message().empty()) Problem(status.Message());
 }
 
 void Output::Progress(const std::string& line) {
-  static const bool is_terminal = isatty(STDERR_FILENO) == 1;
-  if (!is_terminal || verbosity_ == Verbosity::kQuiet) return;
+  if (!masks_err_ || verbosity_ == Verbosity::kQuiet) return;
   const double now = NowSeconds();
   if (now - progress_time_ < kProgressSeconds) return;
   WipeProgress();
-  ToStandardError(line);
+  ToStandardError(ForTerminal(line));
   progress_shown_ = true;
   progress_time_ = now;
 }
@@ -116,10 +154,10 @@ Status Output::Flush() {
   return written_;
 }
 
-void Output::Say(std::string_view line) {
+void Output::Say(std::string_view line, const std::string& prefix) {
   WipeProgress();
   (void)Flush();  // its failure is kept for the next call
-  ToStandardError(std::string(line) + "\n");
+  ToStandardError(prefix + (masks_err_ ? ForTerminal(line) : std::string(line)) + "\n");
 }
 
 void Output::WipeProgress() {

@@ -26,7 +26,8 @@ class Output {
   // As the command line asks; called before anything is printed.
   void Configure(Verbosity verbosity, ColorMode color);
 
-  // Data for standard output, byte for byte.
+  // Data for standard output, byte for byte. If that is a terminal, control bytes are masked (ForTerminal in
+  // cli/Text.h), because records and names come from others; only what Paint made keeps its colour.
   Status Data(std::string_view bytes);
 
   // One JSON document on standard output, indented, with a line end. Bytes that are not UTF-8 become U+FFFD.
@@ -59,7 +60,8 @@ class Output {
 
  private:
   Status Flush();
-  void Say(std::string_view line);
+  [[nodiscard]] std::string ForScreen(std::string_view bytes) const;
+  void Say(std::string_view line, const std::string& prefix = {});
   void WipeProgress();
 
   std::string buffer_;
@@ -67,6 +69,9 @@ class Output {
   Verbosity verbosity_ = Verbosity::kNormal;
   bool color_out_ = false;  // standard output
   bool color_err_ = false;  // standard error
+  bool masks_out_ = false;  // standard output is a terminal
+  bool masks_err_ = false;
+  std::string mark_;  // in the sequences of Paint while they are masked otherwise: nobody can guess it
   bool progress_shown_ = false;
   double progress_time_ = 0;
 };

@@ -1,9 +1,11 @@
 #include "tools/qxctl/cli/OutputFile.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include "tools/qxctl/cli/FileStatus.h"
 #include "tools/qxctl/cli/WriteAll.h"
+#include "tools/qxctl/cli/text/Text.h"
 
 namespace qx::ctl {
 
@@ -13,10 +15,13 @@ Status OutputFile::Open(const std::string& path, bool force) {
   if (begun.state != ReplaceState::kNotRegular) return StatusOfFile("cannot create", begun);
   // Appending matters to a regular file that the shell has opened for the process: "-o /dev/stdout >> records".
   const FileRules rules = {.accept_foreign = force, .only_special = true};
-  return StatusOfFile("cannot open", OpenChecked(path, O_WRONLY | O_APPEND, 0, rules, direct_));
+  Status opened = StatusOfFile("cannot open", OpenChecked(path, O_WRONLY | O_APPEND, 0, rules, direct_));
+  is_terminal_ = opened.IsOk() && isatty(direct_.Number()) == 1;
+  return opened;
 }
 
 Status OutputFile::Write(std::string_view bytes) {
+  if (is_terminal_) return WriteAll(direct_.Number(), ForTerminal(bytes), path_);
   if (direct_.IsOpen()) return WriteAll(direct_.Number(), bytes, path_);
   return StatusOfFile("cannot write", file_.AppendToCopy(bytes));
 }

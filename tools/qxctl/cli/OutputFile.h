@@ -11,9 +11,9 @@
 namespace qx::ctl {
 
 // Writes to a temporary file next to the target and renames it to the target's name at Commit. A target that exists and
-// is not a regular file (a pipe, a terminal, a device) is written directly. A symbolic link is followed, and its target
-// is replaced. The new file has the permissions of the one it replaces, without set-id bits, or those that the umask
-// leaves.
+// is not a regular file (a pipe, a terminal, a device) is written directly, for a terminal as ForTerminal masks it. A
+// symbolic link is followed, and its target is replaced. The new file has the permissions of the one it replaces,
+// without set-id bits, or those that the umask leaves.
 //
 // A file or link of another user is refused, because that user would decide what others read or run. With `force` it is
 // accepted, and the new file gets its owner.
@@ -33,6 +33,7 @@ class OutputFile {
   std::string path_;
   ReplacedFile file_;
   file::Descriptor direct_;  // open: the target is written directly
+  bool is_terminal_ = false;
 };
 
 }  // namespace qx::ctl

@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "debug/Debug.h"
+#include "tools/qxctl/cli/Interrupt.h"
 
 namespace qx::ctl {
 
@@ -31,8 +32,10 @@ Status Made(bool environment_is_set) {
 }  // namespace
 
 TraceDirectory::~TraceDirectory() {
+  if (private_.empty()) return;
   std::error_code ignored;  // what is left in the temporary directory is nobody's data
-  if (!private_.empty()) std::filesystem::remove_all(private_, ignored);
+  std::filesystem::remove_all(private_, ignored);
+  RemoveOnSignal("");
 }
 
 Status TraceDirectory::Keep(const std::string& directory, int level) {
@@ -61,6 +64,7 @@ Status TraceDirectory::ProtectService() {
     return Status::Io("cannot make a private trace directory " + name + " (TMPDIR names another place)", error);
   }
   private_ = name;
+  RemoveOnSignal(private_);
   is_set_ = true;
   return Made(SetEnvironment(private_, 0));
 }

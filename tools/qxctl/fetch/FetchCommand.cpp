@@ -87,7 +87,7 @@ class RecordTarget {
   RecordTarget(Context& context, const Options& options)
       : output_(context.output), options_(options), printer_(context.output, options.print) {}
 
-  Status Open() { return HasFile() ? file_.Open(options_.output) : Status(); }
+  Status Open() { return HasFile() ? file_.Open(options_.output, options_.print.force) : Status(); }
 
   Status Take(Transfer& transfer, const ReportReply& reply) {
     if (printer_.IsPlain()) return Write(reply.records);
@@ -160,8 +160,9 @@ Json ResumeToJson(const Options& options, const ResumeResult& result) {
 Status FetchResumed(Context& context, const Options& options, WorkerThread& worker, bool is_damaged) {
   ResumeResult result;
   Status status = RunResumedFetch(
-      context, {options.report, options.state, options.output, options.print.format, options.chunk_records}, worker,
-      result);
+      context,
+      {options.report, options.state, options.output, options.print.format, options.chunk_records, options.print.force},
+      worker, result);
   status = WithDamage(status, is_damaged);
   if (!options.json) {
     if (result.records > 0 || status.IsOk()) context.output.Note(SummaryLine(options.report, result));

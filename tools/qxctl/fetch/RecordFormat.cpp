@@ -14,9 +14,15 @@ namespace {
 constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 constexpr std::string_view kCsvLineEnd = "\r\n";
 
-// RFC 4180: a field with a comma, a quote or a line end stands in quotes, with its own quotes doubled.
-//   a,"b" => "a,""b"""
-std::string CsvField(std::string_view text) {
+// A spreadsheet takes a cell that begins like this for a formula.
+bool BeginsLikeFormula(std::string_view text) {
+  return !text.empty() && std::string_view("=+-@\t\r").find(text.front()) != std::string_view::npos;
+}
+
+// RFC 4180: a field with a comma, a quote or a line end is put in quotes, with its own quotes doubled.
+//   a,"b" => "a,""b"""      safe: =1+1 => '=1+1
+std::string CsvField(std::string_view text, bool is_safe) {
+  if (is_safe && BeginsLikeFormula(text)) return CsvField("'" + std::string(text), false);
   if (text.find_first_of(",\"\r\n") == std::string_view::npos) return std::string(text);
   std::string quoted = "\"";
   for (const char c : text) {
@@ -36,6 +42,7 @@ RecordFormatOptions RecordFormatOptionsOf(const Values& values) {
                                      values.Text("--format", NameOf(options.format)));
   options.format = static_cast<RecordFormat>(name - std::begin(kRecordFormatNames));
   const std::string separator = values.Text("--fields");
+  options.csv_safe = values.Flag("--csv-safe");
   options.separator = separator == "\\t" ? "\t" : separator;
   return options;
 }
@@ -67,7 +74,7 @@ Json RecordToJson(std::uint64_t index, std::string_view record) {
   return object;
 }
 
-std::string JsonLineOf(const Json& object) { return JsonLine(object) + "\n"; }
+std::string JsonLineOf(const Json& object) { return ForTerminal(JsonLine(object), Masking::kJson) + "\n"; }
 
 std::string RecordFormatter::Format(std::uint64_t index, std::string_view record) {
   switch (options_.format) {
@@ -89,7 +96,8 @@ std::string RecordFormatter::FormatCsv(std::uint64_t index, std::string_view tex
   }
   line += std::to_string(index);
   const std::vector<std::string_view> fields = FieldsOf(text, options_.separator, columns_);
-  for (std::size_t i = 0; i < columns_; ++i) line.append(",").append(i < fields.size() ? CsvField(fields[i]) : "");
+  for (std::size_t i = 0; i < columns_; ++i)
+    line.append(",").append(i < fields.size() ? CsvField(fields[i], options_.csv_safe) : "");
   return line.append(kCsvLineEnd);
 }
 

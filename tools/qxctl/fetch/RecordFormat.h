@@ -20,6 +20,7 @@ const char* NameOf(RecordFormat format);
 struct RecordFormatOptions {
   RecordFormat format = RecordFormat::kText;
   std::string separator;  // of the fields within a record; empty: a record is one field
+  bool csv_safe = false;  // CSV cells that begin like a formula get an apostrophe in front
 };
 
 // The names of the formats in the order of RecordFormat.

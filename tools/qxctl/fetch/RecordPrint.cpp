@@ -19,9 +19,9 @@ std::string TitleOf(const std::string& report, const FieldSeries& series) {
   return title + ", lowest " + AxisNumber(*low) + ", highest " + AxisNumber(*high);
 }
 
-Status WriteSvg(const std::string& path, const std::string& svg) {
+Status WriteSvg(const std::string& path, const std::string& svg, bool force) {
   OutputFile file;
-  if (Status status = file.Open(path); !status.IsOk()) return status;
+  if (Status status = file.Open(path, force); !status.IsOk()) return status;
   if (Status status = file.Write(svg); !status.IsOk()) return status;
   return file.Commit();
 }
@@ -33,11 +33,17 @@ std::string_view CheckSeparator(std::string_view separator) {
 }
 
 RecordPrintOptions RecordPrintOptionsOf(const Values& values) {
-  return {.format = RecordFormatOptionsOf(values), .plot = values.Text("--plot"), .svg = values.Text("--svg")};
+  return {.format = RecordFormatOptionsOf(values),
+          .plot = values.Text("--plot"),
+          .svg = values.Text("--svg"),
+          .force = values.Flag("--force")};
 }
 
 Status CheckRecordPrintOptions(const RecordPrintOptions& options) {
-  const bool has_use = options.format.format == RecordFormat::kCsv || !options.plot.empty();
+  const bool is_csv = options.format.format == RecordFormat::kCsv;
+  if (options.format.csv_safe && !is_csv)
+    return {ExitCode::kUsage, "--csv-safe changes --format csv; give that as well"};
+  const bool has_use = is_csv || !options.plot.empty();
   if (options.format.separator.empty() || has_use) return {};
   return {ExitCode::kUsage, "--fields makes the columns of --format csv or of --plot; give one of these as well"};
 }
@@ -62,7 +68,8 @@ Status RecordPrinter::Finish(const std::string& report) {
     output_.Note("qxctl: " + std::to_string(series_->Skipped()) + " of " + std::to_string(index_) +
                  " records have no number for " + series_->Field());
   }
-  return options_.svg.empty() ? Status() : WriteSvg(options_.svg, SvgChart(title, series_->Field(), series_->Values()));
+  if (options_.svg.empty()) return {};
+  return WriteSvg(options_.svg, SvgChart(title, series_->Field(), series_->Values()), options_.force);
 }
 
 }  // namespace qx::ctl

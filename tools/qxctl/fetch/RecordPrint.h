@@ -14,6 +14,7 @@ struct RecordPrintOptions {
   RecordFormatOptions format;
   std::string plot;  // empty: no chart
   std::string svg;   // empty: only in the terminal
+  bool force = false;
 };
 
 // What is wrong with a separator of fields; empty: nothing.
@@ -31,6 +32,8 @@ inline constexpr Parameter kRecordPrintParameters[] = {
      .value = "SEPARATOR",
      .help = "Split a record's text into columns at this separator (\\t: a tab)",
      .check = CheckSeparator},
+    {.name = "--csv-safe",
+     .help = "Put an apostrophe in front of CSV cells that a spreadsheet would take for a formula"},
     {.name = "--plot",
      .kind = ValueKind::kText,
      .value = "FIELD",
@@ -40,6 +43,7 @@ inline constexpr Parameter kRecordPrintParameters[] = {
      .value = "FILE",
      .help = "Write the chart to this file as well",
      .needs = "--plot"},
+    {.name = "--force", .help = "Also write to files and through links of other users; a file keeps its owner"},
 };
 
 // From a command with kRecordPrintParameters.

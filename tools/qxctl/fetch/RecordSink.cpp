@@ -28,6 +28,8 @@ std::optional<std::uint64_t> RecordSink::Bytes() const {
   return static_cast<std::uint64_t>(status.st_size);
 }
 
+bool RecordSink::IsTerminal() const { return isatty(Descriptor()) == 1; }
+
 Status RecordSink::Shorten(std::uint64_t bytes) {
   const int error = file::Truncate(file_.Number(), static_cast<std::int64_t>(bytes));
   return error == 0 ? Status() : Status::Io("cannot shorten " + name_, error);

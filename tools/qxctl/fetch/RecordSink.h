@@ -22,6 +22,7 @@ class RecordSink {
 
   // Size of the file; unset for standard output and for anything but a regular file.
   std::optional<std::uint64_t> Bytes() const;
+  [[nodiscard]] bool IsTerminal() const;
   // Cuts the file to `bytes`.
   Status Shorten(std::uint64_t bytes);
 

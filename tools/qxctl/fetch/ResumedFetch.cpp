@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/fetch/FetchState.h"
 #include "tools/qxctl/fetch/RecordSink.h"
 #include "tools/qxctl/fetch/ReportSource.h"
@@ -40,7 +41,7 @@ class ResumedFetch {
 
  private:
   Status Begin() {
-    if (Status status = file_.Open(options_.state); !status.IsOk()) return status;
+    if (Status status = file_.Open(options_.state, options_.force); !status.IsOk()) return status;
     state_ = file_.State().value_or(NewState());
     if (Status status = CheckState(); !status.IsOk()) return status;
     follower_.emplace(source_, state_.position);
@@ -78,7 +79,7 @@ class ResumedFetch {
   }
 
   Status OpenOutputFile() {
-    if (Status status = sink_.OpenFile(options_.output); !status.IsOk()) return status;
+    if (Status status = sink_.OpenFile(options_.output, options_.force); !status.IsOk()) return status;
     const std::optional<std::uint64_t> bytes = sink_.Bytes();
     if (!bytes) return {};
     const std::uint64_t known = state_.output_bytes.value_or(0);
@@ -128,8 +129,10 @@ class ResumedFetch {
 
   Status Deliver(const report::ReportLook& look) {
     std::vector<std::string> pieces;
+    const bool is_terminal = sink_.IsTerminal();
     for (const std::string& record : look.records) {
-      pieces.push_back(formatter_.Format(follower_->Position().delivered + pieces.size(), record));
+      const std::string piece = formatter_.Format(follower_->Position().delivered + pieces.size(), record);
+      pieces.push_back(is_terminal ? ForTerminal(piece) : piece);
     }
     state_.in_flight = pieces.size();
     if (state_.in_flight > 0) {

@@ -1,5 +1,7 @@
 #include "tools/qxctl/module/CallOptions.h"
 
+#include "tools/qxctl/module/FallbackDirectory.h"
+
 namespace qx::ctl {
 
 std::string_view CheckTag(std::string_view tag) {
@@ -24,6 +26,7 @@ CallOptions CallOptionsOf(const Values& values) {
 }
 
 Status LoadModule(const CallOptions& options, TraceDirectory& traces, std::unique_ptr<ModuleHost>& host) {
+  if (Status status = CheckFallbackDirectory(); !status.IsOk()) return status;
   if (Status status = traces.ProtectService(); !status.IsOk()) return status;
   return ModuleHost::Load(FindModule(options.module_path), host);
 }

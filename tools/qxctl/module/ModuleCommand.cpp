@@ -23,6 +23,7 @@ struct Options {
   std::string input;  // empty: the request is made of `request`, or is empty
   ReportRequest request;
   bool json = false;
+  bool force = false;
 };
 
 Json ReplyToJson(const CallResult& call) {
@@ -83,7 +84,7 @@ Status Print(Context& context, RequestFunction function, const CallResult& call,
 Status MakeInput(RequestFunction function, const Options& options, std::string& input) {
   const bool is_of_report =
       function == RequestFunction::kGetReports || function == RequestFunction::kGetReportInstanceNames;
-  if (!is_of_report || !options.input.empty()) return ReadArgument(options.input, input);
+  if (!is_of_report || !options.input.empty()) return ReadArgument(options.input, input, options.force);
   if (options.request.name.empty()) {
     return {ExitCode::kUsage, "name a report, or give a request document with --input"};
   }
@@ -108,6 +109,7 @@ Options OptionsOf(const Values& values) {
   options.call = CallOptionsOf(values);
   options.input = values.Text("--input");
   options.json = values.Flag("--json");
+  options.force = values.Flag("--force");
   return options;
 }
 
@@ -137,6 +139,7 @@ constexpr Parameter kParameters[] = {
      .value = "TEXT",
      .help = "Request document: TEXT, @FILE, or @- for standard input"},
     {.name = "--json", .help = "Print reply, result and time as JSON"},
+    {.name = "--force", .help = "Also read an input file or link of another user"},
 };
 
 constexpr Parameter kNameParameters[] = {

@@ -70,9 +70,9 @@ Status Diff(Context& context, const Values& values) {
 
 // --- export
 
-Status WriteTo(const std::string& path, const std::string& text) {
+Status WriteTo(const std::string& path, const std::string& text, bool force) {
   OutputFile file;
-  if (Status status = file.Open(path); !status.IsOk()) return status;
+  if (Status status = file.Open(path, force); !status.IsOk()) return status;
   if (Status status = file.Write(text); !status.IsOk()) return status;
   return file.Commit();
 }
@@ -90,7 +90,7 @@ Status Export(Context& context, const Values& values) {
     return {ExitCode::kRefused, "no file can hold this: " + refusal->reason};
   }
   const std::string file = values.Text("FILE", "-");
-  return file != "-" ? WriteTo(file, text) : context.output.Data(text);
+  return file != "-" ? WriteTo(file, text, values.Flag("--force")) : context.output.Data(text);
 }
 
 // --- lint
@@ -155,6 +155,7 @@ constexpr Parameter kExportParameters[] = {
      .kind = ValueKind::kText,
      .help = "Path of the key, from a hive on; \"\" or without it: everything"},
     {.name = "FILE", .kind = ValueKind::kFile, .help = "The file to write; - or without it: standard output"},
+    {.name = "--force", .help = "Also write to a file or through a link of another user; the file keeps its owner"},
 };
 
 constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print as JSON"}};

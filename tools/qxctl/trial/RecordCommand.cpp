@@ -69,7 +69,7 @@ Status Keep(Context& context, const Options& options, const RecordedCall& call) 
     return {ExitCode::kRefused, path + " exists; name another file, or replace it with --force"};
   }
   OutputFile file;
-  if (Status status = file.Open(path); !status.IsOk()) return status;
+  if (Status status = file.Open(path, options.force); !status.IsOk()) return status;
   if (Status status = file.Write(CallFileText(call)); !status.IsOk()) return status;
   if (Status status = file.Commit(); !status.IsOk()) return status;
   context.output.Note(path + ": " + call.function + ", result " + std::to_string(call.result) + ", reply " +
@@ -81,7 +81,7 @@ Status MakeInput(const Options& options, std::string& input) {
   const RequestFunction function = FunctionOf(options);
   const bool is_of_report =
       function == RequestFunction::kGetReports || function == RequestFunction::kGetReportInstanceNames;
-  if (!is_of_report || !options.input.empty()) return ReadArgument(options.input, input);
+  if (!is_of_report || !options.input.empty()) return ReadArgument(options.input, input, options.force);
   if (options.request.name.empty()) {
     return {ExitCode::kUsage, "name a report, or give a request document with --input"};
   }

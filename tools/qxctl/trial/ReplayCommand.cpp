@@ -25,6 +25,7 @@ struct Options {
   CallOptions call;  // the module alone; the block is the file's
   std::vector<std::string> paths;
   std::vector<std::string> ignored;  // attributes
+  bool force = false;
 };
 
 struct Replayed {
@@ -51,9 +52,9 @@ Status FilesOf(const Options& options, std::vector<std::string>& files) {
   return files.empty() ? Status(ExitCode::kNotFound, "there is no .json file to replay") : Status();
 }
 
-Status ReadCall(const std::string& file, RecordedCall& call) {
+Status ReadCall(const std::string& file, bool force, RecordedCall& call) {
   std::string text;
-  if (Status status = ReadArgument("@" + file, text); !status.IsOk()) return status;
+  if (Status status = ReadArgument("@" + file, text, force); !status.IsOk()) return status;
   std::string problem;
   if (ParseCallFile(text, call, problem)) return {};
   return {ExitCode::kIo, file + " is no recorded call: " + problem};
@@ -125,7 +126,7 @@ Status ReplayAll(const ModuleHost& module, const Options& options, const std::ve
   ReplayThread thread(module);
   for (const std::string& file : files) {
     RecordedCall recorded;
-    if (Status status = ReadCall(file, recorded); !status.IsOk()) return status;
+    if (Status status = ReadCall(file, options.force, recorded); !status.IsOk()) return status;
     replayed.push_back({file, recorded.function, Compare(recorded, thread.Call(recorded), options)});
   }
   return {};
@@ -172,6 +173,7 @@ Status Replay(Context& context, const Values& values) {
   options.call.module_path = values.Text("--module");
   options.paths = values.Texts("FILE");
   options.ignored = values.Texts("--ignore");
+  options.force = values.Flag("--force");
   std::vector<std::string> files;
   if (Status status = FilesOf(options, files); !status.IsOk()) return status;
   std::unique_ptr<ModuleHost> module;
@@ -196,6 +198,7 @@ constexpr Parameter kParameters[] = {
      .is_repeatable = true,
      .is_list = true},
     {.name = "--json", .help = "Print the differences as JSON"},
+    {.name = "--force", .help = "Also read files and links of other users"},
 };
 
 }  // namespace

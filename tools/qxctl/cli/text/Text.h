@@ -12,7 +12,15 @@ namespace qx::ctl {
 //   "a\tb" => a\x09b    "C:\x" => C:\\x
 [[nodiscard]] std::string Visible(std::string_view text);
 
-// JSON texts are UTF-8. Sets `key` to `bytes`, or, if they are none, `key` to null and `key`Base64 to their base64.
+// Masks what a terminal would act on, as \xHH: control bytes, DEL, and the control characters U+0080 to U+009F, encoded
+// or as single bytes. Line feeds, tabs, the CR of a CR LF and all other UTF-8 stay. A JSON text stays valid when DEL
+// and U+0080 to U+009F are masked as \u00HH.
+//   "a\033[2Jb\r\n" => a\x1B[2Jb, and the line end
+enum class Masking { kText, kJson };
+[[nodiscard]] std::string ForTerminal(std::string_view text, Masking masking = Masking::kText);
+
+// JSON texts are UTF-8. Sets `key` to `bytes`, or, if they are not UTF-8, `key` to null and `key`Base64 to their
+// base64.
 void SetText(Json& object, const std::string& key, const std::string& bytes);
 
 }  // namespace qx::ctl

@@ -1,0 +1,263 @@
+// An ordinary user prepares files, links, pipes and records; root runs qxctl. He gains nothing.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/qxctl/RunQxctl.h"
+#include "tests/support/Attacker.h"
+
+namespace qx::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+constexpr int kRefused = 5;
+
+class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can be attacked by an ordinary user";
+    fs::permissions(Dir().Path(), fs::perms(0755));
+    fs::create_directory(Dir().File("out"));
+    GiveToOrdinaryUser(Dir().File("out"));
+    WriteFile(roots_, "secret");
+    fs::permissions(roots_, fs::perms(0600));
+    MakeReport("load", 9, {"one", "1 2"});
+    WriteFile(roots_registry_, "[HKEY_USERS]\na=d=1\n\n\n");
+  }
+
+  std::string HisFile(const std::string& name, const std::string& text, mode_t mode) const {
+    std::string path = Dir().File("out/" + name);
+    WriteFile(path, text);
+    GiveToOrdinaryUser(path);
+    EXPECT_EQ(chmod(path.c_str(), mode), 0);
+    return path;
+  }
+  std::string HisLink(const std::string& name) const {
+    std::string path = Dir().File("out/" + name);
+    EXPECT_TRUE(AsOrdinaryUser([&] { return symlink(roots_.c_str(), path.c_str()) == 0; }));
+    return path;
+  }
+  std::string HisPipe(const std::string& name) const {
+    std::string path = Dir().File("out/" + name);
+    EXPECT_TRUE(AsOrdinaryUser([&] { return mkfifo(path.c_str(), 0666) == 0; }));
+    return path;
+  }
+
+  // Every command that writes a file.
+  std::vector<std::vector<std::string>> Writers(const std::string& path) const {
+    return {{"fetch", "load", "-o", path},
+            {"fetch", "load", "--resume", "state", "-o", path},
+            {"fetch", "load", "--resume", path},
+            {"fetch", "load", "--plot", "2", "--fields", " ", "--svg", path},
+            {"registry", "export", "--file", roots_registry_, "", path},
+            {"module", "record", path, "what"}};
+  }
+  // Every command that reads one.
+  static std::vector<std::vector<std::string>> Readers(const std::string& path) {
+    return {{"module", "reflect", "--input", "@" + path},
+            {"module", "record", "call.json", "reflect", "--input", "@" + path},
+            {"module", "replay", path}};
+  }
+
+  static struct stat StatusOf(const std::string& path) {
+    struct stat status = {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    return status;
+  }
+  void ExpectRootsFileUntouched() const {
+    EXPECT_EQ(ReadFile(roots_), "secret");
+    EXPECT_EQ(StatusOf(roots_).st_mode & 07777, 0600U);
+  }
+  static void ExpectRefused(const Ran& ran, const std::vector<std::string>& command) {
+    EXPECT_EQ(ran.code, kRefused) << testing::PrintToString(command) << ran.err;
+    EXPECT_THAT(ran.err, HasSubstr("--force")) << testing::PrintToString(command);
+  }
+  Ran OnTerminal(const std::vector<std::string>& command) const {
+    Start start = StartHere();
+    start.out_is_terminal = true;
+    return Qxctl(command, start);
+  }
+
+  std::string roots_registry_ = Dir().File("registry");
+  std::string roots_ = Dir().File("roots");
+};
+
+}  // namespace
+
+TEST_F(AttacksOnQxctl, HisSetIdFileDoesNotBecomeRoots) {
+  const std::string path = HisFile("load.csv", "his", 06777);
+  for (const std::vector<std::string>& command : Writers(path)) {
+    ExpectRefused(Qxctl(command), command);
+    EXPECT_EQ(StatusOf(path).st_uid, kOrdinaryUser);
+    EXPECT_EQ(ReadFile(path), "his");
+  }
+}
+
+TEST_F(AttacksOnQxctl, ForceReplacesHisFileAndKeepsItsOwner) {
+  const std::string path = HisFile("load.csv", "his", 06777);
+  for (std::vector<std::string> command : Writers(path)) {
+    WriteFile(path, "");
+    ASSERT_EQ(chmod(path.c_str(), 06777), 0);
+    command.emplace_back("--force");
+    (void)fs::remove(Dir().File("state"));
+    EXPECT_EQ(Qxctl(command).code, 0) << testing::PrintToString(command);
+    EXPECT_EQ(StatusOf(path).st_uid, kOrdinaryUser) << testing::PrintToString(command);
+    EXPECT_NE(ReadFile(path), "") << testing::PrintToString(command);
+    const bool is_appended_to = command[2] == "--resume" && command[4] == "-o";
+    EXPECT_EQ(StatusOf(path).st_mode & 07777, is_appended_to ? 06777U : 0777U) << testing::PrintToString(command);
+  }
+}
+
+TEST_F(AttacksOnQxctl, ForceReadsHisFile) {
+  const std::string path = HisFile("request.xml", "<a/>", 0644);
+  EXPECT_EQ(Qxctl({"module", "reflect", "--input", "@" + path, "--force"}).code, 0);
+}
+
+TEST_F(AttacksOnQxctl, HisLinkDoesNotLeadToRootsFile) {
+  const std::string path = HisLink("l.csv");
+  for (const std::vector<std::string>& command : Writers(path)) ExpectRefused(Qxctl(command), command);
+  ExpectRootsFileUntouched();
+}
+
+TEST_F(AttacksOnQxctl, HisLinkIsNotReadForHim) {
+  const std::string path = HisLink("request.xml");
+  for (const std::vector<std::string>& command : Readers(path)) {
+    const Ran ran = Qxctl(command);
+    ExpectRefused(ran, command);
+    EXPECT_EQ(ran.out, "");
+  }
+}
+
+TEST_F(AttacksOnQxctl, HisFileIsNotReadWithoutForce) {
+  const std::string path = HisFile("request.xml", "<a/>", 0644);
+  for (const std::vector<std::string>& command : Readers(path)) ExpectRefused(Qxctl(command), command);
+}
+
+TEST_F(AttacksOnQxctl, HisPipeDoesNotBlock) {
+  const std::string path = HisPipe("pipe");
+  for (const std::vector<std::string>& command : Readers(path)) ExpectRefused(Qxctl(command), command);
+  for (const std::vector<std::string>& command : Writers(path)) {
+    EXPECT_THAT(Qxctl(command).code, testing::AnyOf(kRefused, 6)) << testing::PrintToString(command);
+  }
+}
+
+TEST_F(AttacksOnQxctl, RootsOwnFileLosesItsSetIdBits) {
+  WriteFile(Dir().File("own"), "old");
+  ASSERT_EQ(chmod(Dir().File("own").c_str(), 06777), 0);
+  ASSERT_EQ(Qxctl({"fetch", "load", "-o", "own"}).code, 0);
+  EXPECT_EQ(StatusOf(Dir().File("own")).st_mode & 07777, 0777U);
+  EXPECT_EQ(ReadFile(Dir().File("own")), "one\r\n1 2\r\n");
+}
+
+TEST_F(AttacksOnQxctl, AnExchangedOutputNeverReachesRootsFile) {
+  const std::string path = Dir().File("out/load.csv");
+  const std::string link = HisLink("link");
+  const Attacker attacker([&] {
+    (void)unlink(path.c_str());
+    (void)symlink(roots_.c_str(), path.c_str());
+  });
+  for (int i = 0; i < 20; ++i) {
+    (void)Qxctl({"fetch", "load", "-o", path});
+    (void)Qxctl({"fetch", "load", "--resume", Dir().File("s" + std::to_string(i)), "-o", path});
+  }
+  ExpectRootsFileUntouched();
+}
+
+TEST_F(AttacksOnQxctl, HisReportsAreNotTheReportDirectory) {
+  GiveToOrdinaryUser(Dir().File("Reports"));
+  const Ran fetched = Qxctl({"fetch", "load"});
+  EXPECT_EQ(fetched.code, kRefused);
+  EXPECT_EQ(fetched.out, "");
+  EXPECT_THAT(fetched.err, HasSubstr("belongs to another user (uid 65534)"));
+  EXPECT_THAT(fetched.err, HasSubstr("name the report directory in the registry"));
+}
+
+TEST_F(AttacksOnQxctl, HisLinkIsNotTheReportDirectory) {
+  fs::rename(Dir().File("Reports"), Dir().File("real"));
+  ASSERT_EQ(symlink("real", Dir().File("Reports").c_str()), 0);
+  EXPECT_EQ(Qxctl({"fetch", "load"}).code, 0) << "a link of root's";
+  GiveToOrdinaryUser(Dir().File("Reports"));
+  EXPECT_EQ(Qxctl({"fetch", "load"}).code, kRefused);
+}
+
+TEST_F(AttacksOnQxctl, RecordsDoNotControlTheTerminal) {
+  MakeReport("evil", 9,
+             {"\x1B[2Jclear",
+              "\xC2\x9B"
+              "31mC1",
+              "\x9B"
+              "31mC1",
+              "del\x7F", "over\rwrite", "\xC3\xBC\ttab"});
+  const std::string masked =
+      "\\x1B[2Jclear\r\n\\xC2\\x9B31mC1\r\n\\x9B31mC1\r\ndel\\x7F\r\nover\\x0Dwrite\r\n\xC3\xBC\ttab\r\n";
+  EXPECT_EQ(OnTerminal({"fetch", "evil"}).out, masked);
+  EXPECT_EQ(OnTerminal({"report", "cat", "Reports/evil"}).out, masked);
+  EXPECT_EQ(OnTerminal({"fetch", "evil", "--resume", "state"}).out, masked);
+  const std::string stored = ReadFile(ReportPath("evil") + ".dat");  // the end marker follows the records
+  EXPECT_EQ(Qxctl({"fetch", "evil"}).out, stored.substr(0, stored.rfind("===>")));
+}
+
+TEST_F(AttacksOnQxctl, ColoursOfRecordsAreNotTheToolsOwn) {
+  MakeReport("evil", 9, {"\x1B[1;31mfake finding\x1B[0m"});
+  Start start = StartHere();
+  start.out_is_terminal = true;
+  EXPECT_EQ(Qxctl({"--color", "always", "report", "cat", "Reports/evil"}, start).out,
+            "\\x1B[1;31mfake finding\\x1B[0m\r\n");
+}
+
+TEST_F(AttacksOnQxctl, NamesInMessagesDoNotControlTheTerminal) {
+  Start start = StartHere();
+  start.err_is_terminal = true;
+  const Ran ran = Qxctl({"module", "reflect", "--input", "@no\x1B[2Jne"}, start);
+  EXPECT_NE(ran.code, 0);
+  EXPECT_THAT(ran.err, HasSubstr("no\\x1B[2Jne"));
+  EXPECT_THAT(ran.err, testing::Not(HasSubstr("\x1B[2J")));
+}
+
+TEST_F(AttacksOnQxctl, JsonOnATerminalStaysJson) {
+  MakeReport("evil", 9, {"a\x7F\xC2\x9B"});
+  EXPECT_EQ(OnTerminal({"fetch", "evil", "--format", "json"}).out, "{\"index\":0,\"text\":\"a\\u007F\\u009B\"}\n");
+}
+
+// 1,073,741,823 slots, of which the first 1,018 are stored.
+TEST_F(AttacksOnQxctl, AHoleOfAnIndexFileIsLeftOut) {
+  constexpr std::uint32_t kSlots = 0x3FFFFFFF;
+  const std::uint32_t header[6] = {10, 10, kSlots, kSlots, kSlots, 0};
+  std::string index(reinterpret_cast<const char*>(header), sizeof header);
+  index.resize(4096);
+  WriteFile(Dir().File("sparse.ind"), index);
+  WriteFile(Dir().File("sparse.dat"), "a record\r\n\xFF");
+  ASSERT_EQ(truncate(Dir().File("sparse.ind").c_str(), 24 + std::int64_t{4} * kSlots), 0);
+  Start start = StartHere();
+  start.out_file = Dir().File("printed");
+  const Ran ran = Child({"timeout", "60", QxctlPath(), "report", "cat", "./sparse"}, start).Wait();
+  EXPECT_EQ(ran.code, 1) << ran.err;
+  EXPECT_THAT(ran.err, HasSubstr("slots of ./sparse.ind are a hole in the file and were left out"));
+  EXPECT_LE(fs::file_size(Dir().File("printed")), 2048U * 10);
+}
+
+// The reply does not fit into the pipe, so that the process waits for a reader that never comes.
+TEST_F(AttacksOnQxctl, ASignalRemovesThePrivateDirectory) {
+  WriteFile(Dir().File("big.xml"), "<a>" + std::string(200000, 'x') + "</a>");
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    fs::create_directory(Dir().File("tmp"));
+    Start start = StartHere();
+    start.environment["TMPDIR"] = Dir().File("tmp");
+    Child child({QxctlPath(), "module", "reflect", "--input", "@big.xml"}, start);
+    while (fs::is_empty(Dir().File("tmp"))) usleep(1000);
+    child.Kill(signal);
+    EXPECT_EQ(child.Wait().code, -signal);
+    EXPECT_TRUE(fs::is_empty(Dir().File("tmp"))) << signal;
+  }
+}
+
+}  // namespace qx::test

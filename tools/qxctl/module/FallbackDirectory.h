@@ -1,0 +1,15 @@
+// The report directory that nobody named: without one in the registry, reports are looked for in the directory
+// "Reports" of the working directory.
+#pragma once
+
+#include "tools/qxctl/cli/Status.h"
+
+namespace qx::ctl {
+
+// kRefused if this process is root, the registry names no report directory, and root does not own "./Reports": whoever
+// made it would choose what root reads and writes. A missing directory passes.
+//
+// Threads: the only thread; the working directory changes for a moment.
+Status CheckFallbackDirectory();
+
+}  // namespace qx::ctl
