@@ -109,7 +109,7 @@ std::string Output::ForScreen(std::string_view bytes) const {
     if (at == std::string_view::npos) break;
     shown += ForTerminal(bytes.substr(0, at));
     bytes.remove_prefix(at + mark_.size());
-    const std::size_t end = bytes.find('m') + 1;  // of "ESC [ 32 m"; 0 if there is none
+    const std::size_t end = bytes.find('m') + 1;  // of "ESC [ 32 m"; 0 if it is missing
     shown += bytes.substr(0, end);
     bytes.remove_prefix(end);
   }

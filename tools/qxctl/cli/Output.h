@@ -37,7 +37,7 @@ class Output {
   // of a JSON document. Pad before painting: the sequences have a length, but take no place on the screen.
   std::string Paint(Style style, std::string_view text) const;
 
-  // A line of explanation on standard error, behind the data so far if both go to one terminal. Not with --quiet, so
+  // A line of explanation on standard error, after the data so far if both go to one terminal. Not with --quiet, so
   // nothing that an operator has to know goes here.
   void Note(std::string_view line);
 

@@ -15,7 +15,7 @@ namespace {
 
 constexpr mode_t kModePrivate = 0700;
 const char kModuleLog[] = "/log.qxremconxfer";
-// A log wraps at 50 KiB unless told otherwise, which is a few calls at level 5.
+// A log wraps at 50 KiB unless a setting says otherwise, which is a few calls at level 5.
 const char kLogBytesMax[] = "67108864";
 
 bool SetEnvironment(const std::string& directory, int level) {

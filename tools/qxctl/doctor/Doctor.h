@@ -43,7 +43,7 @@ void LookAtReports(const DoctorPlaces& places, DoctorFindings& findings);
 void LookAtLimits(DoctorFindings& findings);
 
 // The first file or directory on the way to `path`, with its symbolic links followed too, that everybody may write; a
-// directory with the sticky bit protects what is in it. Empty when there is none.
+// directory with the sticky bit protects what is in it. Empty if nobody can.
 [[nodiscard]] std::string WritableByOthers(const std::string& path);
 
 }  // namespace qx::ctl

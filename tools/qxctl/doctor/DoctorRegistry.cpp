@@ -25,7 +25,7 @@ bool HasHive(CRegistryNode& root) {
   return false;
 }
 
-// Whether there is a file at `path`; what is wrong with it as a file is told.
+// Whether there is a file at `path`; what is wrong with it as a file becomes a finding.
 bool LookAtFile(const std::string& path, DoctorFindings& findings) {
   struct stat found;
   if (lstat(path.c_str(), &found) != 0) return false;

@@ -31,7 +31,7 @@ bool IsDecimal(const char* text) {
   return *text != '\0' && std::all_of(text, text + std::strlen(text), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-// The traces' directory; each setting that is not at its default is told.
+// The traces' directory; each setting that is not at its default is a finding.
 std::string LookAtSettings(const DoctorPlaces& places, DoctorFindings& findings) {
   std::string directory;
   for (const SettingSource& source : debug::ReadSettingSources(places.application, places.trace_settings_directory)) {
@@ -68,7 +68,7 @@ bool IsComplete(const fs::path& path) {
 }
 
 void LookAtSettingsFiles(const DoctorPlaces& places, DoctorFindings& findings) {
-  std::error_code ignored;  // without the directory there are none
+  std::error_code ignored;  // without the directory there is nothing to see
   std::set<fs::path> files;
   for (fs::directory_iterator at(places.trace_settings_directory, ignored), end; !ignored && at != end;
        at.increment(ignored)) {
@@ -123,7 +123,7 @@ class OpenFiles {
   void LookAt(const fs::path& descriptors, const std::string& process) {
     std::error_code error;
     fs::directory_iterator at(descriptors, error);
-    if (error && error != std::errc::no_such_file_or_directory) ++unseen_;  // a process that has ended is none
+    if (error && error != std::errc::no_such_file_or_directory) ++unseen_;  // a process that has ended does not count
     for (const fs::directory_iterator end; !error && at != end; at.increment(error)) {
       std::error_code gone;
       const std::string target = fs::read_symlink(at->path(), gone).string();

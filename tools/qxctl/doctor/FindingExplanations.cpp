@@ -12,7 +12,7 @@ constexpr Explanation kFindings[] = {
      "Install the module, or name it with --module"},
     {ExplainedKind::kFinding, "QX102", "The module cannot be loaded",
      "A library that it needs is missing, or the file is damaged; the loader's text says which",
-     "Install what the loader's text names, or install the module anew"},
+     "Install what the loader's text names, or install the module again"},
     {ExplainedKind::kFinding, "QX103", "The module is built for another kind of machine, or is no library at all",
      "A package of another architecture, or a wrong file name", "Install the module of this machine's architecture"},
     {ExplainedKind::kFinding, "QX104", "The library is no provider module: it does not export all entry points",

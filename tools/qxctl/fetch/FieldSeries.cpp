@@ -33,7 +33,7 @@ std::optional<double> LeadingNumber(std::string_view text) {
   return number;
 }
 
-// What stands behind a key: "=12", " : 12", " 12"
+// What follows a key: "=12", " : 12", " 12"
 std::optional<double> NumberBehindKey(std::string_view text) {
   std::string_view value = WithoutBlanks(text);
   const bool has_blank = value.size() < text.size();

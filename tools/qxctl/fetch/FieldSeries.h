@@ -9,7 +9,7 @@
 
 namespace qx::ctl {
 
-// The number behind a key, or that of a column.
+// The number after a key, or that of a column.
 //   key "cpu"     "09:00 cpu=12%"  => 12       key "load"  "09:00 load 0.12" => 0.12
 //   column 2, " " "09:00 7 ok"     => 7        column 1    "09:00 7 ok"      => none: 09:00 is no number
 // A number may be followed by a unit (%, kB), a blank, a comma, a semicolon or a closing bracket.

@@ -92,13 +92,13 @@ class Follow {
 
   Status Look(bool& is_at_end) {
     report::ReportLook look;
-    if (!follower_.Look(RecordsWanted(), look)) return Bear(source_.Failure());
-    if (look.was_outrun) return Bear(OutrunStatus(options_.report));
+    if (!follower_.Look(RecordsWanted(), look)) return Retry(source_.Failure());
+    if (look.was_outrun) return Retry(OutrunStatus(options_.report));
     failures_ = 0;
     is_missing_ = false;
     was_seen_ = true;
     if (look.is_blocked) return BlockedStatus(follower_.PositionAfter(0).next);
-    if (Status status = Tell(look); !status.IsOk()) return status;
+    if (Status status = ReportEvent(look); !status.IsOk()) return status;
     if (Status status = Print(look); !status.IsOk()) return status;
     follower_.Delivered(look.records.size());
     if (look.reached_end) skips_ = false;
@@ -112,16 +112,16 @@ class Follow {
     return static_cast<std::uint32_t>(std::min(wanted, kAll));
   }
 
-  // A report may be gone for a moment while its agent starts it over, and a call may fail once: both are told, and the
-  // next look tries again.
-  Status Bear(const Status& failure) {
+  // A report may be gone for a moment while its agent starts it over, and a call may fail once: both are reported,
+  // and the next scan tries again.
+  Status Retry(const Status& failure) {
     if (failure.Code() == ExitCode::kRefused) return failure;
     if (failure.Code() == ExitCode::kNotFound) {
       if (!was_seen_ && !options_.wait) return failure;
       if (!was_seen_) skips_ = false;  // all its records will be new
       const bool is_news = !is_missing_;
       is_missing_ = true;
-      return is_news ? TellMissing() : Status();
+      return is_news ? ReportMissing() : Status();
     }
     ++failures_in_all_;
     ++failures_;
@@ -133,13 +133,13 @@ class Follow {
     return Line({{"kind", "failure"}, {"message", failure.Message()}});
   }
 
-  Status TellMissing() {
+  Status ReportMissing() {
     output_.Note("qxctl: " + options_.report + ": there is no such report; waiting for it");
     return Line({{"kind", "missing"}});
   }
 
-  // Records that repeat are ambiguous at every look: that is told when it begins, and whenever it matters.
-  Status Tell(const report::ReportLook& look) {
+  // Records that repeat are ambiguous in every scan: that is reported when it begins, and whenever it matters.
+  Status ReportEvent(const report::ReportLook& look) {
     const bool is_ambiguous = look.event == report::LookEvent::kAmbiguous;
     const bool is_news =
         look.event != report::LookEvent::kNone && (!is_ambiguous || !was_ambiguous_ || !look.records.empty());

@@ -24,10 +24,10 @@ struct LookTally {
 // {"gaps":1,"recordsLost":null,"ambiguous":0,"startedOver":0}
 [[nodiscard]] Json ToJson(const LookTally& tally);
 
-// One sentence about the event of a look; empty if there is none.
+// One sentence about the event of a look; empty without an event.
 [[nodiscard]] std::string EventText(const std::string& report, const report::ReportLook& look);
 
-// "gap", "ambiguous", "startedOver"; empty if there is none.
+// "gap", "ambiguous", "startedOver"; empty without an event.
 [[nodiscard]] std::string EventName(const report::ReportLook& look);
 
 // kFinding: the record at `index` cannot be carried.

@@ -1,6 +1,6 @@
 // The order of things is what makes the runs together deliver each record once. Before a chunk is written the state
-// says so (inFlight); behind it the state says how far the writing came. A run that is killed between leaves inFlight
-// behind, and the next one cuts the output file back to what the state knows, or, where nothing can be cut, says that
+// says so (inFlight); after it the state says how far the write came. A run that is killed in between leaves inFlight
+// set, and the next one cuts the output file back to what the state knows, or, where nothing can be cut, says that
 // records may come twice.
 #include "tools/qxctl/fetch/ResumedFetch.h"
 
@@ -49,7 +49,7 @@ class ResumedFetch {
     if (!options_.output.empty()) {
       if (Status status = OpenOutputFile(); !status.IsOk()) return status;
     }
-    if (state_.in_flight > 0 && !state_.output_bytes) TellRepeated();
+    if (state_.in_flight > 0 && !state_.output_bytes) ReportRepeated();
     return {};
   }
 
@@ -90,16 +90,16 @@ class ResumedFetch {
     } else if (*bytes != known) {
       return {ExitCode::kRefused, options_.output + " has " + std::to_string(*bytes) + " bytes and not the " +
                                       std::to_string(known) + " of " + options_.state +
-                                      "; move it away together with the state file to begin anew"};
+                                      "; move it away together with the state file to start again"};
     }
     state_.output_bytes = known;
     return {};
   }
 
-  void TellRepeated() {
+  void ReportRepeated() {
     result_.maybe_repeated = state_.in_flight;
-    Find("the last run was killed while it wrote; its " + std::to_string(state_.in_flight) +
-         " last records may have been printed, and come again");
+    AddFinding("the last run was killed while it wrote; its " + std::to_string(state_.in_flight) +
+               " last records may have been printed, and come again");
   }
 
   Status FetchAll() {
@@ -107,7 +107,7 @@ class ResumedFetch {
       report::ReportLook look;
       if (!follower_->Look(kNoLimit, look)) return source_.Failure();
       if (look.was_outrun) return OutrunStatus(options_.report);
-      Tell(look);
+      ReportEvent(look);
       if (Status status = Deliver(look); !status.IsOk()) return status;
       if (look.is_blocked) return BlockedStatus(follower_->Position().next);
       if (InterruptSignal() != 0) return {ExitCode::kIo, "interrupted"};
@@ -116,12 +116,12 @@ class ResumedFetch {
     return {};
   }
 
-  void Tell(const report::ReportLook& look) {
+  void ReportEvent(const report::ReportLook& look) {
     result_.tally.Count(look);
-    if (look.event != report::LookEvent::kNone) Find(EventText(options_.report, look));
+    if (look.event != report::LookEvent::kNone) AddFinding(EventText(options_.report, look));
   }
 
-  void Find(const std::string& text) {
+  void AddFinding(const std::string& text) {
     has_findings_ = true;
     result_.message = text;
     output_.Problem(text);
@@ -142,7 +142,7 @@ class ResumedFetch {
     Status written = sink_.Write(pieces, taken);
     if (Status cut = CutToWholeRecords(std::span(pieces).first(taken)); !cut.IsOk()) return cut;
     if (Status synced = sink_.Sync(); !synced.IsOk()) return synced;
-    if (Status saved = SaveBehind(std::span(look.records).first(taken)); !saved.IsOk()) return saved;
+    if (Status saved = SaveAfterWrite(std::span(look.records).first(taken)); !saved.IsOk()) return saved;
     return written;
   }
 
@@ -153,7 +153,7 @@ class ResumedFetch {
     return sink_.Bytes() > state_.output_bytes ? sink_.Shorten(*state_.output_bytes) : Status();
   }
 
-  Status SaveBehind(std::span<const std::string> taken) {
+  Status SaveAfterWrite(std::span<const std::string> taken) {
     follower_->Delivered(taken.size());
     state_.position = follower_->Position();
     state_.in_flight = 0;

@@ -22,9 +22,7 @@ constexpr int kSteps = 5;
 constexpr std::size_t kPointPairsMax = 700;  // two points for each unit of width show every peak
 
 // Texts of foreign origin: markup is escaped, control bytes are made visible, and what is not UTF-8 is replaced.
-std::string XmlText(const std::string& text) {
-  return CMarkup::EscapeText(std::string_view(ValidUtf8(Visible(text))));
-}
+std::string XmlText(const std::string& text) { return CMarkup::EscapeText(std::string_view(ValidUtf8(Visible(text)))); }
 
 std::string Coordinate(double value) {
   char text[32];

@@ -33,10 +33,10 @@ std::vector<Instance> ReadInstances(CMarkup& document) {
 Status StatusOfNoList(const CallResult& call) {
   const ReportReply reply = ParseReply(call);
   if (call.result == kResultNotFound && reply.kind == ReplyKind::kError) {
-    return {ExitCode::kNotFound, reply.message + ": there is no such file beside the report in the report directory"};
+    return {ExitCode::kNotFound, reply.message + ": there is no such file next to the report in the report directory"};
   }
   if (call.result == 0 && !call.reply.has_value()) {
-    // Behind a refusal the list would make a document of two roots, which never leaves; another version has no list.
+    // After a refusal the list would make a document of two roots, which never leaves; another version has no list.
     return {ExitCode::kRefused,
             "the module gives no reply: the names file is not of version 1, or the caller lacks the privilege "
             "\"AccessPerformanceMgr\""};

@@ -39,7 +39,7 @@ ReportReply ParseReply(const CallResult& call);
 // What a GetReports call came to. An end of the report ("No more records available (no error)") is kOk here.
 Status StatusOfReports(const CallResult& call, const ReportReply& reply);
 
-// Whether the module says that no record stands at the start index or behind it.
+// Whether the module says that there is no record at the start index or after it.
 bool IsEndOfReport(const CallResult& call);
 
 }  // namespace qx::ctl

@@ -9,7 +9,7 @@ namespace qx::ctl {
 
 namespace {
 
-constexpr std::size_t kStateWordOffset = 4;  // behind the thread's number
+constexpr std::size_t kStateWordOffset = 4;  // after the thread's number
 
 }  // namespace
 

@@ -15,7 +15,7 @@ class StoredSlots {
  public:
   explicit StoredSlots(const std::string& index_file);
 
-  // The first slot from `slot` on that is not in a hole, or `end` if there is none before it.
+  // The first slot from `slot` on that is not in a hole, or `end` if all before it are.
   [[nodiscard]] std::uint32_t NextFrom(std::uint32_t slot, std::uint32_t end);
 
  private:

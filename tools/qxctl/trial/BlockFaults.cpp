@@ -25,7 +25,7 @@ constexpr std::int32_t kCountMin = std::numeric_limits<std::int32_t>::min();
 
 struct NamedShape {
   const char* name;
-  const char* told;
+  const char* description;
   const char* expected;
   BlockShape shape;
 };
@@ -139,7 +139,7 @@ void AddShapes(std::span<const NamedShape> shapes, std::vector<FaultCase>& cases
   for (const NamedShape& one : shapes) {
     cases.push_back({.group = "block",
                      .name = one.name,
-                     .told = one.told,
+                     .description = one.description,
                      .expected = one.expected,
                      .run = nullptr,
                      .block = &one.shape});
@@ -160,12 +160,12 @@ std::string AskedWith(FaultHost& host, RawBlock& block, krx_element* element) {
 
 // The outcomes of all four functions.
 std::string NullBlock(FaultHost& host) {
-  std::string told;
+  std::string text;
   for (const RequestFunction function : {RequestFunction::kWhat, RequestFunction::kReflect,
                                          RequestFunction::kGetReports, RequestFunction::kGetReportInstanceNames}) {
-    told += (told.empty() ? "" : "; ") + host.Ask(function, nullptr, "<a/>");
+    text += (text.empty() ? "" : "; ") + host.Ask(function, nullptr, "<a/>");
   }
-  return told;
+  return text;
 }
 
 std::string NullReplyPlace(FaultHost& host) {

@@ -80,7 +80,7 @@ std::uint32_t NumberAt(const void* value, std::size_t bytes) {
   return number;
 }
 
-// How many bytes a number of this element has; 0: it is none. Blocks are blocks even where the credential marker has
+// How many bytes a number of this element has; 0: it is not one. Blocks are blocks even where the credential marker has
 // its place: a module that looks for the marker takes the first bytes of whatever stands there.
 std::size_t NumberBytes(std::int32_t index, std::int32_t type) {
   if (type == kKrxTypeNested) return 0;

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kCharsAround = 40;
 
-std::string Told(const std::optional<std::string>& reply) {
+std::string TextOf(const std::optional<std::string>& reply) {
   return reply.has_value() ? std::to_string(reply->size()) + " bytes" : "none";
 }
 
@@ -41,7 +41,7 @@ std::string WithoutAttributes(const std::string& reply, const std::vector<std::s
 std::string ReplyDiff(const std::optional<std::string>& recorded, const std::optional<std::string>& now) {
   if (recorded == now) return "";
   if (!recorded.has_value() || !now.has_value()) {
-    return "reply: recorded " + Told(recorded) + ", now " + Told(now);
+    return "reply: recorded " + TextOf(recorded) + ", now " + TextOf(now);
   }
   const auto differs = std::mismatch(recorded->begin(), recorded->end(), now->begin(), now->end()).first;
   const auto at = static_cast<std::size_t>(differs - recorded->begin());

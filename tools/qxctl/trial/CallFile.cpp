@@ -63,7 +63,7 @@ bool ParseCallFile(const std::string& text, RecordedCall& call, std::string& pro
       !fields.Integer("result", call.result) || !fields.OptionalNumber("stateWord", call.state_word)) {
     return false;
   }
-  if (!IsFunction(call.function)) return Fails(problem, "its function is none of the four request functions");
+  if (!IsFunction(call.function)) return Fails(problem, "its function is not one of the four request functions");
   if (!input.has_value() || input->find('\0') != std::string::npos) {
     return Fails(problem, "its input is missing, or has a NUL in it");
   }

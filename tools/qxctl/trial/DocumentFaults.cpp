@@ -31,12 +31,12 @@ std::string Repeated(const std::string& text, std::size_t count) {
 }
 
 // What a document was answered with.
-std::string Told(std::string document, const std::string& told) { return document.append(": ").append(told); }
+std::string Pair(std::string document, const std::string& answer) { return document.append(": ").append(answer); }
 
 // Records, an end or an error: anything but a failure of the call itself, always with a document.
-bool IsAnswer(const std::string& told) {
+bool IsAnswer(const std::string& text) {
   for (const char* const answer : {"result 0, <ReportData>", "result 1, error none ", "result 12, error "}) {
-    if (told.starts_with(answer)) return true;
+    if (text.starts_with(answer)) return true;
   }
   return false;
 }
@@ -47,11 +47,11 @@ std::string Damaged(FaultHost& host) {
       "<?xml version=\"1.0\"?>\n<ReportData Name='../qx&amp;ctl' StartIndex=\"0\" NrRecords=\"5\"/>\n";
   for (std::size_t at = 0; at < good.size(); ++at) {
     const std::string prefix = good.substr(0, at);
-    if (const std::string told = AskReports(host, prefix.c_str()); !IsAnswer(told)) return Told(prefix, told);
+    if (const std::string answer = AskReports(host, prefix.c_str()); !IsAnswer(answer)) return Pair(prefix, answer);
     for (const char byte : {'<', '>', '"', '&', '\xFF', '\x01'}) {
       std::string changed = good;
       changed[at] = byte;
-      if (const std::string told = AskReports(host, changed.c_str()); !IsAnswer(told)) return Told(changed, told);
+      if (const std::string answer = AskReports(host, changed.c_str()); !IsAnswer(answer)) return Pair(changed, answer);
     }
   }
   return kAnswered;
@@ -62,8 +62,8 @@ std::string Numbers(FaultHost& host) {
        {"-1", "-2147483648", "2147483647", "4294967296", "99999999999999999999", "0x10", "x", ""}) {
     const std::string request =
         std::string("<ReportData Name=\"../qxctl\" StartIndex=\"") + number + "\" NrRecords=\"" + number + "\"/>";
-    const std::string told = AskReports(host, request.c_str());
-    if (told != kNoReportOutcome) return std::string(number) + ": " + told;
+    const std::string answer = AskReports(host, request.c_str());
+    if (answer != kNoReportOutcome) return std::string(number) + ": " + answer;
   }
   return kNoReportOutcome;
 }
@@ -71,16 +71,16 @@ std::string Numbers(FaultHost& host) {
 std::string NamesOutside(FaultHost& host) {
   for (const char* const name : {"", "..", "../../../../etc/passwd", "a/../../b", "\n", "%s%n"}) {
     const std::string request = std::string("<ReportData Name=\"") + name + "\"/>";
-    const std::string told = AskReports(host, request.c_str());
-    if (!told.starts_with("result 12, error 2 ")) return std::string(name) + ": " + told;
+    const std::string answer = AskReports(host, request.c_str());
+    if (!answer.starts_with("result 12, error 2 ")) return std::string(name) + ": " + answer;
   }
   return kAnswered;
 }
 
 std::string LongName(FaultHost& host) {
   const std::string request = "<ReportData Name=\"" + std::string(1 << 20, 'x') + "\"/>";
-  const std::string told = AskReports(host, request.c_str());
-  return told.substr(0, told.find(','));  // the name stands in the reply
+  const std::string answer = AskReports(host, request.c_str());
+  return answer.substr(0, answer.find(','));  // the reply contains the name
 }
 
 void AddInputs(std::vector<FaultCase>& cases) {

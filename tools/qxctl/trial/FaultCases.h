@@ -31,10 +31,10 @@ struct BlockShape {
 };
 
 struct FaultCase {
-  const char* group;     // "block", "security", "document", "order"
-  const char* name;      // stable, unique
-  const char* told;      // what the host does, for people
-  std::string expected;  // what `run` returns with a good module
+  const char* group;        // "block", "security", "document", "order"
+  const char* name;         // stable, unique
+  const char* description;  // what the host does, for people
+  std::string expected;     // what `run` returns with a good module
   std::string (*run)(FaultHost& host);
   bool needs_report = false;          // there must be a report that can be read
   const BlockShape* block = nullptr;  // not null: this block is handed in, and `run` is null

@@ -12,7 +12,7 @@ namespace qx::ctl {
 
 namespace {
 
-std::string ToldReply(const std::string& reply, const std::string& input) {
+std::string ReplySummary(const std::string& reply, const std::string& input) {
   CMarkup document;
   if (!document.SetDoc(reply) || !document.FindElem("")) return "no document";
   const std::string tag = document.GetTagName();
@@ -57,12 +57,12 @@ std::string FaultHost::Ask(RequestFunction function, const wcs_gendata* block, c
   char nothing[] = "";
   char* reply = nothing;  // so that a place that is never written shows
   const int result = requests_[static_cast<std::size_t>(function)](block, input, &reply);
-  std::string told = "result " + std::to_string(result) + ", ";
-  if (reply == nothing) return told + "the place for the reply is not set";
-  if (reply == nullptr) return told + "no reply";
-  told += ToldReply(reply, input != nullptr ? input : "");
+  std::string text = "result " + std::to_string(result) + ", ";
+  if (reply == nothing) return text + "the place for the reply is not set";
+  if (reply == nullptr) return text + "no reply";
+  text += ReplySummary(reply, input != nullptr ? input : "");
   free_(reply);
-  return told;
+  return text;
 }
 
 std::string FaultHost::AskWithoutReply(RequestFunction function, const wcs_gendata* block, const char* input) const {

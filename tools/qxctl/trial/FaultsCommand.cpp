@@ -122,7 +122,7 @@ std::string ToText(const std::vector<FaultResult>& results) {
     line.resize(9, ' ');
     line += std::string(result.fault->group) + "/" + result.fault->name;
     line.resize(std::max<std::size_t>(line.size(), 42), ' ');
-    text += line + "  " + result.fault->told + "\n";
+    text += line + "  " + result.fault->description + "\n";
     if (result.verdict == Verdict::kFinding) text += "         expected  " + Visible(result.fault->expected) + "\n";
     if (result.verdict != Verdict::kOk) text += "         outcome   " + Visible(result.outcome) + "\n";
   }
@@ -134,7 +134,7 @@ Json ToJson(const std::vector<FaultResult>& results, const Status& status) {
   for (const FaultResult& result : results) {
     json["cases"].Append({{"group", result.fault->group},
                           {"name", result.fault->name},
-                          {"text", result.fault->told},
+                          {"text", result.fault->description},
                           {"verdict", NameOf(result.verdict)},
                           {"expected", Visible(result.fault->expected)},
                           {"outcome", Visible(result.outcome)}});
@@ -192,7 +192,8 @@ Status TryAll(Context& context, const Options& options, const std::string& modul
 
 Status List(Context& context, const std::vector<FaultCase>& cases) {
   std::string text;
-  for (const FaultCase& fault : cases) text += std::string(fault.group) + "/" + fault.name + ": " + fault.told + "\n";
+  for (const FaultCase& fault : cases)
+    text += std::string(fault.group) + "/" + fault.name + ": " + fault.description + "\n";
   return context.output.Data(text);
 }
 

@@ -37,7 +37,7 @@ class LatencyHistogram {
   static constexpr unsigned kSubBucketBits = 5;
   static constexpr std::size_t kBuckets = (64 - kSubBucketBits) * 32 + 32;
 
-  // 0..63 are exact; above, 5 bits behind the leading one count:  64,65 => 64   66,67 => 65   128..131 => 96
+  // 0..63 are exact; above, 5 bits after the leading one count:  64,65 => 64   66,67 => 65   128..131 => 96
   static std::size_t BucketOf(std::uint64_t nanoseconds);
   static std::uint64_t LastOf(std::size_t bucket);
 

@@ -23,7 +23,7 @@ ExpectedReplies::Print PrintOf(const std::string& reply) {
 }
 
 // "GetReports: result 12, reply <Error Msg=..." for an operator who wants to know what came instead
-std::string Told(RequestFunction function, const CallResult& call, const std::string& why) {
+std::string FailureText(RequestFunction function, const CallResult& call, const std::string& why) {
   constexpr std::size_t kReplyCharsMax = 120;
   std::string text = std::string(NameOf(function)) + ": " + why + "; result " + std::to_string(call.result);
   if (!call.reply.has_value()) return text + ", no reply";
@@ -73,7 +73,7 @@ Status AskForExpected(const ModuleHost& module, const LoadPlan& plan, ExpectedRe
     expected.names = worker.Call(RequestFunction::kGetReportInstanceNames, NamesRequestText(plan.report));
     std::vector<Instance> ignored;
     Status status = InstancesOf(expected.names, ignored);
-    if (!status.IsOk() && status.Code() != ExitCode::kNotFound) return status;  // that there is none is an answer, too
+    if (!status.IsOk() && status.Code() != ExitCode::kNotFound) return status;  // a missing report is an answer, too
   }
   return Asks(plan, RequestFunction::kGetReports) ? AskForRecords(worker, plan, expected) : Status();
 }
@@ -100,7 +100,7 @@ std::string LoadScript::StepWhat(WorkerThread& worker, double& seconds) {
   const CallResult call = worker.Call(RequestFunction::kWhat, "");
   seconds = call.seconds;
   if (call.result == 0 && call.reply == expected_.what) return "";
-  return Told(RequestFunction::kWhat, call, "another answer than the first time");
+  return FailureText(RequestFunction::kWhat, call, "another answer than the first time");
 }
 
 // Thread and number stand in the document, so that a reply of another call shows.
@@ -111,14 +111,14 @@ std::string LoadScript::StepReflect(WorkerThread& worker, double& seconds) {
   const CallResult call = worker.Call(RequestFunction::kReflect, document);
   seconds = call.seconds;
   if (call.result == 0 && call.reply == document) return "";
-  return Told(RequestFunction::kReflect, call, "not the document that was sent");
+  return FailureText(RequestFunction::kReflect, call, "not the document that was sent");
 }
 
 std::string LoadScript::StepNames(WorkerThread& worker, double& seconds) {
   const CallResult call = worker.Call(RequestFunction::kGetReportInstanceNames, NamesRequestText(plan_.report));
   seconds = call.seconds;
   if (call.result == expected_.names.result && call.reply == expected_.names.reply) return "";
-  return Told(RequestFunction::kGetReportInstanceNames, call, "another answer than the first time");
+  return FailureText(RequestFunction::kGetReportInstanceNames, call, "another answer than the first time");
 }
 
 std::string LoadScript::StepReports(WorkerThread& worker, double& seconds) {
@@ -135,25 +135,25 @@ std::string LoadScript::CheckEnd(const CallResult& call) {
   const bool is_where_the_first_ended = !plan_.exact || !expected_.transfers.contains(next_index_);
   next_index_ = 0;
   if (may_end && is_where_the_first_ended && call.reply == kNoMoreRecords) return "";
-  return Told(RequestFunction::kGetReports, call, "no end of the report");
+  return FailureText(RequestFunction::kGetReports, call, "no end of the report");
 }
 
 std::string LoadScript::CheckRecords(const CallResult& call) {
-  const auto told = [&](const char* why) { return Told(RequestFunction::kGetReports, call, why); };
-  if (call.result != 0 || !call.reply.has_value()) return told("no records");
+  const auto failure = [&](const char* why) { return FailureText(RequestFunction::kGetReports, call, why); };
+  if (call.result != 0 || !call.reply.has_value()) return failure("no records");
   const std::string& reply = *call.reply;
   const std::string head = expected_.report_head + kStartAttribute + std::to_string(next_index_) + kNextAttribute;
   if (expected_.report_is_empty || !reply.starts_with(head) || !reply.ends_with(kReportTail)) {
-    return told("not the records that were asked for");
+    return failure("not the records that were asked for");
   }
   if (plan_.exact) {
     const auto expected = expected_.transfers.find(next_index_);
     const bool is_equal = expected != expected_.transfers.end() && expected->second == PrintOf(reply);
-    if (!is_equal) return told("not the bytes of the first transfer");
+    if (!is_equal) return failure("not the bytes of the first transfer");
   }
   std::int32_t next = 0;
   (void)std::from_chars(reply.data() + head.size(), reply.data() + reply.size(), next);  // 0 fails just below
-  if (next <= next_index_) return told("a transfer that does not get on");
+  if (next <= next_index_) return failure("a transfer that does not get on");
   next_index_ = next;
   return "";
 }

@@ -16,7 +16,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t kWarmUpMin = 50;  // a thread: pools, arenas and files are open then
-constexpr std::size_t kFailuresToldMax = 10;
+constexpr std::size_t kFailuresListedMax = 10;
 constexpr double kNanosecondsPerSecond = 1e9;
 constexpr auto kProgressInterval = std::chrono::milliseconds(100);
 
@@ -85,8 +85,8 @@ class LoadWorker {
     result.warm_up_requests += Requests() - latency_.Count();
     result.failures += failures_;
     result.latency.Add(latency_);
-    for (const std::string& told : told_) {
-      if (result.first_failures.size() < kFailuresToldMax) result.first_failures.push_back(told);
+    for (const std::string& text : failure_texts_) {
+      if (result.first_failures.size() < kFailuresListedMax) result.first_failures.push_back(text);
     }
   }
 
@@ -128,7 +128,8 @@ class LoadWorker {
   void Note(const std::string& failure) {
     if (failure.empty()) return;
     ++failures_;
-    if (told_.size() < kFailuresToldMax) told_.push_back("thread " + std::to_string(number_ + 1) + ": " + failure);
+    if (failure_texts_.size() >= kFailuresListedMax) return;
+    failure_texts_.push_back("thread " + std::to_string(number_ + 1) + ": " + failure);
   }
 
   Shared& shared_;
@@ -136,7 +137,7 @@ class LoadWorker {
   LatencyHistogram latency_;
   std::atomic<std::uint64_t> requests_{0};
   std::uint64_t failures_ = 0;
-  std::vector<std::string> told_;
+  std::vector<std::string> failure_texts_;
   std::thread thread_;
 };
 

@@ -144,7 +144,7 @@ std::string MemoryText(const LoadResult& result) {
 std::string ReportText(const Options& options, const LoadReport& report) {
   const LoadResult& result = report.result;
   const double rate = result.seconds > 0 ? static_cast<double>(result.requests) / result.seconds : 0;
-  std::string text = Text("requests      %llu in %.2f s by %u threads, behind %llu to warm up\n", Wide(result.requests),
+  std::string text = Text("requests      %llu in %.2f s by %u threads, after %llu to warm up\n", Wide(result.requests),
                           result.seconds, options.plan.threads, Wide(result.warm_up_requests)) +
                      Text("failures      %llu\n", Wide(result.failures)) +
                      Text("rate          %.1f requests/s\n", rate);

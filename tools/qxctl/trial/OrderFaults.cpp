@@ -24,9 +24,9 @@ std::string AskWithData(FaultHost& host, void*& data) {
   RawBlock block;
   block.SetElements(GoodElements(block));
   block.ProviderData()->value = data;
-  std::string told = AskNoReport(host, block);
+  std::string text = AskNoReport(host, block);
   data = block.ProviderData()->value;
-  return told;
+  return text;
 }
 
 std::string EndThenAsk(FaultHost& host) {
@@ -35,18 +35,18 @@ std::string EndThenAsk(FaultHost& host) {
   (void)AskWithData(host, data);
   host.EndThread(data);
   data = nullptr;
-  std::string told = AskWithData(host, data);
+  std::string text = AskWithData(host, data);
   host.EndThread(data);
-  return told;
+  return text;
 }
 
 std::string BeginTwice(FaultHost& host) {
   host.BeginThread();
   host.BeginThread();
   void* data = nullptr;
-  std::string told = AskWithData(host, data);
+  std::string text = AskWithData(host, data);
   host.EndThread(data);
-  return told;
+  return text;
 }
 
 // Without data nothing is to be freed, however often.
@@ -60,18 +60,18 @@ std::string EndTwice(FaultHost& host) {
 
 std::string AskWithoutBegin(FaultHost& host) {
   void* data = nullptr;
-  std::string told = AskWithData(host, data);
+  std::string text = AskWithData(host, data);
   host.EndThread(data);
-  return told;
+  return text;
 }
 
-// One thread's data goes on with another thread, as when a host numbers its threads anew.
+// One thread's data goes on with another thread, as when a host gives its threads new numbers.
 std::string DataOfAnotherThread(FaultHost& host) {
   void* data = nullptr;
   std::thread([&] { (void)AskWithData(host, data); }).join();
-  std::string told = AskWithData(host, data);
+  std::string text = AskWithData(host, data);
   std::thread([&] { host.EndThread(data); }).join();
-  return told;
+  return text;
 }
 
 std::string StopThenAsk(FaultHost& host) {
@@ -82,9 +82,9 @@ std::string StopThenAsk(FaultHost& host) {
 
 std::string DeleteThenCreate(FaultHost& host) {
   host.DeleteModule();
-  std::string told = host.HasObject() ? "the object is still there, " : "no object, ";
-  told += "created " + std::to_string(host.CreateModule()) + ", ";
-  return told + AskWhat(host);
+  std::string text = host.HasObject() ? "the object is still there, " : "no object, ";
+  text += "created " + std::to_string(host.CreateModule()) + ", ";
+  return text + AskWhat(host);
 }
 
 std::string DeleteTwice(FaultHost& host) {
@@ -94,20 +94,20 @@ std::string DeleteTwice(FaultHost& host) {
 }
 
 std::string CreateTwice(FaultHost& host) {
-  std::string told = "created " + std::to_string(host.CreateModule());
-  told += ", created " + std::to_string(host.CreateModule());
-  return told + ", " + AskWhat(host);
+  std::string text = "created " + std::to_string(host.CreateModule());
+  text += ", created " + std::to_string(host.CreateModule());
+  return text + ", " + AskWhat(host);
 }
 
 std::string Reload(FaultHost& host) {
   constexpr int kTimes = 5;
-  std::string told;
+  std::string text;
   for (int i = 0; i < kTimes; ++i) {
-    told = AskWhat(host);
+    text = AskWhat(host);
     host.Unload();
     host.Load();
   }
-  return told;
+  return text;
 }
 
 // The data of a thread that never ended is left behind.
