@@ -101,7 +101,7 @@ TEST_F(QxctlCall, ReportsTakesAWholeRequestDocument) {
   EXPECT_EQ(Qxctl({"module", "reports"}).code, 2);
 }
 
-TEST_F(QxctlCall, ReportsBehindTheEndIsAFindingWithTheModulesWords) {
+TEST_F(QxctlCall, RecordsAfterTheEndAreAFindingWithTheModulesWords) {
   MakeReport("load", 9, {"a"});
   const Ran ran = Qxctl({"module", "reports", "load", "--start", "1", "--json"});
   EXPECT_EQ(ran.code, 1);
@@ -170,7 +170,7 @@ TEST_F(QxctlCall, OmittedElementsAreLeftOutWhereverTheyStand) {
   EXPECT_EQ(Qxctl({"module", "what", "--omit", "4"}).code, 2);
 }
 
-TEST_F(QxctlCall, AModuleThatIsMissingGivesNotFoundAndOneThatIsNoneAnIoFailure) {
+TEST_F(QxctlCall, AMissingModuleIsNotFoundAndAnotherLibraryAnIoFailure) {
   const Ran missing = Qxctl({"module", "what", "--module", "none.so"});
   EXPECT_EQ(missing.code, 4);
   EXPECT_EQ(missing.err, "qxctl: there is no module none.so; name it with --module or in QX_MODULE\n");
@@ -208,7 +208,7 @@ TEST_F(QxctlCall, TheTracesOfARunningServiceStayUntouched) {
   EXPECT_TRUE(std::filesystem::is_empty(Dir().File("tmp"))) << "the private directory is gone";
 }
 
-TEST_F(QxctlCall, ThePrivateTraceDirectoryIsInTheTemporaryDirectoryAndNobodyElsesBusiness) {
+TEST_F(QxctlCall, ThePrivateTraceDirectoryIsInTmpdirWithMode0700) {
   std::filesystem::create_directory(Dir().File("fake"));
   std::filesystem::create_directory(Dir().File("tmp"));
   Start start = StartHere();

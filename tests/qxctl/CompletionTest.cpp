@@ -1,4 +1,4 @@
-// What the tab key offers, asked of a real bash and a real zsh; and that the table behind it is whole.
+// What the tab key offers, asked of a real bash and a real zsh; and that the table is complete.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -156,17 +156,17 @@ TEST_F(QxctlCompletion, ANameThatIsNoReportIsNotCompletedAsOne) {
   EXPECT_THAT(Offers({"module", "load-test", "--report", "loa"}), ElementsAre("load"));
 }
 
-TEST_F(QxctlCompletion, NothingBehindTheLastArgument) {
+TEST_F(QxctlCompletion, NothingIsOfferedAfterTheLastArgument) {
   EXPECT_THAT(Offers({"fetch", "load", ""}), IsEmpty());
   EXPECT_THAT(Offers({"ini", "get", "limits.ini", ""}), IsEmpty());
 }
 
-TEST_F(QxctlCompletion, ArgumentsBehindTwoHyphensAreNoOptions) {
+TEST_F(QxctlCompletion, ArgumentsAfterTwoHyphensAreNotOptions) {
   EXPECT_THAT(Offers({"fetch", "--", "--qu"}), IsEmpty());
   EXPECT_THAT(Offers({"fetch", "--", "loa"}), ElementsAre("load"));
 }
 
-TEST_F(QxctlCompletion, AskingForReportsIsSilentWhenThereAreNone) {
+TEST_F(QxctlCompletion, AskingForReportsIsSilentWithoutReports) {
   Start start = StartHere();
   const TempDir elsewhere;
   start.directory = elsewhere.Path();

@@ -265,7 +265,7 @@ TEST_F(QxctlDoctor, Qx403TheTraceDirectoryIsMissing) {
   EXPECT_THAT(FoundWith(start), Has("QX403 warning there is no " + Dir().File("none")));
 }
 
-TEST_F(QxctlDoctor, Qx404TheTraceDirectoryIsNone) {
+TEST_F(QxctlDoctor, Qx404TheTraceDirectoryIsAFile) {
   WriteFile(Dir().File("file"), "");
   Start start = Machine();
   start.environment["QX_LOG_RINGBUF_DIR"] = Dir().File("file");

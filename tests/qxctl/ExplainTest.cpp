@@ -30,7 +30,7 @@ std::string Replaced(std::string text, const std::string& from, const std::strin
   return text;
 }
 
-// Literals that stand one behind the other become one; comments go.
+// Adjacent literals become one; comments are dropped.
 std::string Joined(const std::string& source) {
   std::string joined;
   std::istringstream lines(source);

@@ -1,8 +1,8 @@
-// A provider module that does as it is told and writes down how it is called: for what no good module would answer, and
-// for the service's side of the contract.
+// A provider module that follows instructions and writes down how it is called: for what no good module would answer,
+// and for the service's side of the contract.
 //
 // Its directory is named by QX_FAKE. The n-th request (from 1) is answered by the file "reply.n": the result on the
-// first line, the reply document behind it, none if nothing is there. Without the file the result is 1 and there is no
+// first line, the reply document after it, none if nothing follows. Without the file the result is 1 and there is no
 // reply. What happens is appended to the file "calls", a line each.
 #include <pthread.h>
 

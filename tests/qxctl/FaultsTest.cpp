@@ -113,7 +113,7 @@ TEST_F(QxctlFaults, TheListRunsNothing) {
   EXPECT_THAT(ran.out, HasSubstr("security/privileges-huge: Counts 2147483647 privileges in a null array\n"));
 }
 
-TEST_F(QxctlFaults, AModuleThatDoesNotLoadIsToldOnce) {
+TEST_F(QxctlFaults, AModuleThatDoesNotLoadIsReportedOnce) {
   EXPECT_EQ(Faults({"--module", "none.so"}).code, 4);
   WriteFile(Dir().File("text.so"), "not a library");
   const Ran ran = Faults({"--module", "text.so"});

@@ -210,7 +210,7 @@ TEST_F(QxctlFetch, ABlockWithoutThreadIdIsRefused) {
 }
 
 // Without element 1 the module keeps nothing between calls: each call with an index is one on a store that was never
-// opened by it, and opens the report anew.
+// opened by it, and opens the report again.
 TEST_F(QxctlFetch, WithoutElementOneTheRecordsStillArrive) {
   const std::vector<std::string> texts = Numbered(5, "text");
   MakeReport("load", 9, texts);
@@ -323,7 +323,7 @@ TEST_F(QxctlFetch, AnInterruptedTransferLeavesNoTemporaryFiles) {
   EXPECT_TRUE(std::filesystem::is_empty(Dir().File("tmp")));
 }
 
-// --- with a module that answers what it is told
+// --- with a module that gives prepared answers
 
 namespace {
 
@@ -351,10 +351,10 @@ std::string Records(int start, int next, const std::string& records) {
 
 }  // namespace
 
-TEST_F(QxctlFetchOfAFakeModule, AsksFromEachNextIndexAndThenBehindTheEndAndForTheFirstRecord) {
+TEST_F(QxctlFetchOfAFakeModule, AsksFromEachNextIndexThenAfterTheEndThenForTheFirst) {
   Reply(1, Records(0, 2, "a\r\nb\r\n"));
   Reply(2, Records(2, 3, "c\r\n"));
-  Reply(5, Records(0, 1, "a\r\n"));  // 3: no more; 4: nothing behind the end
+  Reply(5, Records(0, 1, "a\r\n"));  // 3: no more; 4: nothing after the end
   const Ran ran = Fetch();
   EXPECT_EQ(ran.code, 0) << ran.err;
   EXPECT_EQ(ran.out, "a\r\nb\r\nc\r\n");
@@ -395,7 +395,7 @@ TEST_F(QxctlFetchOfAFakeModule, RepliesThatContradictTheRequestOrThemselvesAreAC
   }
 }
 
-TEST_F(QxctlFetchOfAFakeModule, ADifferentFirstRecordAtTheEndIsAChangeAndTheFileIsPutInPlace) {
+TEST_F(QxctlFetchOfAFakeModule, ADifferentFirstRecordAtTheEndIsAChangeAndKept) {
   Reply(1, Records(0, 2, "a\r\nb\r\n"));
   Reply(4, Records(0, 1, "b\r\n"));
   const Ran ran = Fetch({"-o", "out", "--json"});
@@ -446,7 +446,7 @@ TEST_F(QxctlFetchOfAFakeModule, ThirdFailureInTheMiddleLeavesTheOldFile) {
 
 TEST_F(QxctlFetchOfAFakeModule, TheHighestIndexIsTheEnd) {
   Reply(1, Records(0, 2147483647, "a\r\n"));
-  Reply(3, Records(0, 1, "a\r\n"));  // no question behind the end: there is no such index
+  Reply(3, Records(0, 1, "a\r\n"));  // no question after the end: there is no such index
   EXPECT_EQ(Fetch().code, 0);
   EXPECT_EQ(Request(2), "<ReportData Name=\"load\" StartIndex=\"2147483647\"/>\n");
 }

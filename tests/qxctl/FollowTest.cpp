@@ -119,7 +119,7 @@ TEST_F(QxctlFollow, WaitWaitsForIt) {
   EXPECT_EQ(Lines(ran.out).front(), json::parse(R"({"kind": "record", "index": 0, "text": "a"})"));
 }
 
-TEST_F(QxctlFollow, AGapIsToldAndCounted) {
+TEST_F(QxctlFollow, AGapIsReportedAndCounted) {
   MakeReport("load", 3, {"a", "b", "c"});
   Child child(Command({"--count", "6", "--json"}), StartHere());
   ReadUntil(child, "\"c\"}\n");
@@ -135,7 +135,7 @@ TEST_F(QxctlFollow, AGapIsToldAndCounted) {
                                       "ambiguous": 0, "startedOver": 0, "failedCalls": 0, "exitCode": 1})"));
 }
 
-TEST_F(QxctlFollow, AReportThatIsStartedOverIsToldAndFollowed) {
+TEST_F(QxctlFollow, AReportThatIsStartedOverIsReportedAndFollowed) {
   MakeReport("load", 9, {"a", "b", "c"});
   Child child(Command({"--count", "4"}), StartHere());
   ReadUntil(child, "c\r\n");
@@ -161,7 +161,7 @@ TEST_F(QxctlFollow, AReportThatIsGoneForAMomentIsWaitedFor) {
   EXPECT_EQ(ran.code, 0) << ran.err;
 }
 
-TEST_F(QxctlFollow, EqualRecordsAreAmbiguousAndToldOnce) {
+TEST_F(QxctlFollow, EqualRecordsAreAmbiguousAndReportedOnce) {
   MakeReport("load", 9, {"ok", "ok", "ok"});
   Child child(Command({"--count", "5"}), StartHere());
   ReadUntil(child, "ok\r\nok\r\nok\r\n");
@@ -203,7 +203,7 @@ TEST_F(QxctlFollow, ARefusedCallerGetsNothing) {
   EXPECT_EQ(ran.out, "");
 }
 
-// --- with a module that answers what it is told
+// --- with a module that gives prepared answers
 
 namespace {
 
@@ -248,10 +248,10 @@ TEST_F(QxctlFollowOfAFakeModule, ReadThatFailsTwiceIsNotNoticed) {
   EXPECT_EQ(ran.out, "a\r\n");
 }
 
-TEST_F(QxctlFollowOfAFakeModule, FromNowPrintsWhatComesBehind) {
+TEST_F(QxctlFollowOfAFakeModule, FromNowPrintsOnlyLaterRecords) {
   Reply(1, kOneRecord);
   Reply(4, kOneRecord);
-  Reply(5, kOneRecord);  // where a stands; 6 is what stands behind it
+  Reply(5, kOneRecord);  // where a is; 6 is what follows it
   Reply(6, "0\n<ReportData StartIndex=\"1\" NextIndex=\"2\"><![CDATA[b\r\n]]></ReportData>");
   Reply(9, "0\n<ReportData StartIndex=\"0\" NextIndex=\"2\"><![CDATA[a\r\nb\r\n]]></ReportData>");
   const Ran ran = FollowFake({"--from-now", "--count", "1"});

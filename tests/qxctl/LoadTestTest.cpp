@@ -128,7 +128,7 @@ TEST_F(QxctlLoadTestThreads, ADurationEndsTheLoad) {
   EXPECT_GT(json::parse(ran.out)["requests"], 0);
 }
 
-TEST_F(QxctlLoadTestThreads, RepliesOfAnotherModuleAreFailuresAndTold) {
+TEST_F(QxctlLoadTestThreads, RepliesOfAnotherModuleAreReportedFailures) {
   const Ran ran = LoadTest({"--requests", "2000"}, "wrong-reply");
   EXPECT_EQ(ran.code, 1);
   EXPECT_THAT(ran.err, HasSubstr("What: another answer than the first time; result 0, reply <Other/>"));

@@ -88,7 +88,7 @@ TEST_F(QxctlOutput, QuietAndVerboseExcludeEachOther) {
   EXPECT_EQ(ran.out, "");
 }
 
-TEST_F(QxctlOutput, TheOptionsStandBeforeOrBehindAnyCommand) {
+TEST_F(QxctlOutput, TheOptionsMayBeBeforeOrAfterAnyCommand) {
   EXPECT_EQ(Run({"--quiet", "fetch", "load"}).err, "");
   EXPECT_EQ(Run({"fetch", "--quiet", "load"}).err, "");
   EXPECT_THAT(Run({"--color", "always", "report", "verify", "Reports/load"}).out, HasSubstr(kEscape));

@@ -77,7 +77,7 @@ TEST_F(QxctlRecordFormat, JsonHasALineARecordAndLosesNothing) {
 }
 
 // The reply does not tell where a record without end ends.
-TEST_F(QxctlRecordFormat, RecordsCutAtANulAreToldApartByTheModule) {
+TEST_F(QxctlRecordFormat, RecordsCutAtANulAreSeparatedByTheModule) {
   Texts texts;
   for (int i = 0; i < 20; ++i) texts.push_back("abcdef" + std::to_string(i));
   MakeReport("load", 99, texts);

@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 
 class QxctlReportTools : public testing::Test, protected QxctlFixture {
  protected:
-  // Runs with --json behind the arguments; the document's exitCode is the process's.
+  // Runs with --json after the arguments; the document's exitCode is the process's.
   json Document(std::vector<std::string> arguments, int code) const {
     arguments.emplace_back("--json");
     const Ran ran = Qxctl(arguments);

@@ -116,7 +116,7 @@ TEST_F(QxctlResume, AReportThatWasStartedOverIsSaid) {
   EXPECT_THAT(ran.err, HasSubstr("qxctl: load: started over: it holds fewer records"));
 }
 
-TEST_F(QxctlResume, AMissingReportLeavesNoStateBehindAndAnOldOneAlone) {
+TEST_F(QxctlResume, AMissingReportCreatesNoStateAndKeepsAnOldOne) {
   EXPECT_EQ(Resume().code, 4);
   EXPECT_FALSE(Exists(Dir().File("state")));
   MakeReport("load", 9, {"a"});
