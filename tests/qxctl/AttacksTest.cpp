@@ -260,4 +260,15 @@ TEST_F(AttacksOnQxctl, ASignalRemovesThePrivateDirectory) {
   }
 }
 
+TEST_F(AttacksOnQxctl, ASignalRemovesTheDirectoryOfFaults) {
+  fs::create_directory(Dir().File("tmp"));
+  Start start = StartHere();
+  start.environment["TMPDIR"] = Dir().File("tmp");
+  Child child({QxctlPath(), "module", "faults"}, start);
+  while (fs::is_empty(Dir().File("tmp"))) usleep(1000);
+  child.Kill(SIGTERM);
+  EXPECT_EQ(child.Wait().code, -SIGTERM);
+  EXPECT_TRUE(fs::is_empty(Dir().File("tmp")));
+}
+
 }  // namespace qx::test

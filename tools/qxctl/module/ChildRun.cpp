@@ -23,6 +23,7 @@ using Clock = std::chrono::steady_clock;
 [[noreturn]] void Work(const std::function<std::string()>& work, int out) {
   const rlimit no_core{0, 0};
   (void)setrlimit(RLIMIT_CORE, &no_core);  // that it crashed is all that is to be known
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) (void)std::signal(signal, SIG_DFL);  // a guard is the parent's
   const file::Descriptor null = file::Open("/dev/null", O_RDWR);
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) (void)dup2(null.Number(), descriptor);
   _exit(WriteAll(out, work(), "the parent").IsOk() ? 0 : 1);

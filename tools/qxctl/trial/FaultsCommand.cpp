@@ -14,6 +14,7 @@
 #include "provider/ServerControlPaths.h"
 #include "reportfile/ReportFileBase.h"
 #include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Interrupt.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
@@ -182,6 +183,7 @@ Status TryAll(Context& context, const Options& options, const std::string& modul
   if (Status status = place.Make(); !status.IsOk()) return status;
   const std::string report = options.report.empty() ? place.Report() : options.report;
   for (const FaultCase& fault : cases) {
+    if (InterruptSignal() != 0) return {ExitCode::kIo, "interrupted"};
     if (!IsAsked(options, fault)) continue;
     context.output.Progress(std::string(fault.group) + "/" + fault.name);
     results.push_back(Try(fault, options, module, report));
@@ -208,6 +210,7 @@ Options OptionsOf(const Values& values) {
 }
 
 Status Faults(Context& context, const Values& values) {
+  const InterruptGuard guard;  // children write into the private directories, which are removed after them
   const Options options = OptionsOf(values);
   const std::vector<FaultCase> cases = AllCases();
   if (options.list) return List(context, cases);
