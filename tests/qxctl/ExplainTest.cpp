@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -93,6 +94,32 @@ std::vector<std::string> CodesFor(std::string_view text) {
   return codes;
 }
 
+bool IsErrorName(const std::string& text) {
+  for (int number = 1; number < 200; ++number) {
+    const char* const name = strerrorname_np(number);
+    if (name != nullptr && text == name) return true;
+  }
+  return false;
+}
+
+// The names of errors, and the numbers after "LastError=".
+//   "EACCES or LastError=\"13\"" => "EACCES", "13"
+std::vector<std::string> ErrorsIn(const std::string& page) {
+  constexpr char kLetters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+  constexpr char kDigits[] = "0123456789";
+  std::vector<std::string> errors;
+  for (std::size_t at = page.find_first_of(kLetters); at != std::string::npos;) {
+    const std::size_t end = std::min(page.find_first_not_of(kLetters, at), page.size());
+    if (const std::string word = page.substr(at, end - at); IsErrorName(word)) errors.push_back(word);
+    at = page.find_first_of(kLetters, end);
+  }
+  for (std::size_t at = page.find("LastError="); at != std::string::npos; at = page.find("LastError=", at + 1)) {
+    const std::size_t begin = page.find_first_of(kDigits, at);
+    if (begin < at + 14) errors.push_back(page.substr(begin, page.find_first_not_of(kDigits, begin) - begin));
+  }
+  return errors;
+}
+
 class QxctlExplain : public testing::Test, protected QxctlFixture {};
 
 }  // namespace
@@ -150,6 +177,40 @@ TEST(Explanations, APartOfATextFindsAllTextsWithIt) {
 TEST(Explanations, DoctorCodesAreFoundInLettersOfEitherCase) {
   EXPECT_THAT(CodesFor("qx101"), ElementsAre("doctor code QX101"));
   EXPECT_TRUE(CodesFor("QX999").empty());
+}
+
+TEST(Explanations, AnErrorNumberIsFoundByItsNameAndInHexadecimalDigits) {
+  EXPECT_THAT(CodesFor("ENOENT"), ElementsAre("error number 2"));
+  EXPECT_THAT(CodesFor("enametoolong"), ElementsAre("error number 36"));
+  EXPECT_THAT(CodesFor("0x521"), ElementsAre("error number 1313"));
+  EXPECT_THAT(CodesFor("0x0000000D"), ElementsAre("error number 13"));
+  for (const char* const unknown : {"ENOSUCHNAME", "0x", "0xZZ", "0x1267"}) {
+    EXPECT_TRUE(CodesFor(unknown).empty()) << unknown;
+  }
+}
+
+TEST(Explanations, EveryErrorThatAPageNamesIsKnown) {
+  for (const auto& entry : std::filesystem::directory_iterator(std::string(QX_SOURCE_DIR) + "/docs")) {
+    if (entry.path().extension() != ".md") continue;
+    const std::string page = ReadFile(entry.path());
+    for (const std::string& error : ErrorsIn(page)) {
+      EXPECT_FALSE(ctl::Explain(error).empty()) << entry.path() << ": " << error;
+    }
+  }
+}
+
+TEST(Explanations, EveryMessageOfAReplyIsFoundAndIsInTheSources) {
+  std::string sources;
+  for (const auto& entry : std::filesystem::directory_iterator(std::string(QX_SOURCE_DIR) + "/provider")) {
+    if (entry.path().extension() == ".cpp") sources += Replaced(Joined(ReadFile(entry.path())), "\\\"", "\"");
+  }
+  for (const Explanation& one : AllExplanations()) {
+    if (one.kind != ExplainedKind::kMessage) continue;
+    const std::string code(one.code);
+    EXPECT_THAT(CodesFor(Replaced(code, "%s", "load")), ElementsAre("message " + code));
+    EXPECT_THAT(sources,
+                HasSubstr("\"" + code.substr(0, code.ends_with(": %s") ? code.size() - 2 : code.size()) + "\""));
+  }
 }
 
 TEST_F(QxctlExplain, ACodeIsPrintedWithMeaningCauseAndWhatToDo) {
