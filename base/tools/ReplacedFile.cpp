@@ -56,11 +56,13 @@ std::string BackupSuffix(const std::tm& time, int attempt) {
 }
 
 // Six characters that nobody can guess: ".k3XbQ9"
-std::string RandomSuffix() {
+std::string RandomSuffix(int attempt) {
   constexpr std::string_view kCharacters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
   std::array<unsigned char, 6> bytes = {};
-  const ssize_t filled = getrandom(bytes.data(), bytes.size(), 0);
-  if (filled < 0) bytes = {};  // the name is then the same at every attempt: one file at a time
+  const ssize_t size = getrandom(bytes.data(), bytes.size(), 0);
+  if (size != static_cast<ssize_t>(bytes.size())) {  // then the names are tried in order; O_EXCL keeps them safe
+    bytes = {static_cast<unsigned char>(attempt), static_cast<unsigned char>(attempt / 256)};
+  }
   std::string suffix = ".";
   for (const unsigned char byte : bytes) suffix += kCharacters[byte % kCharacters.size()];
   return suffix;
@@ -210,7 +212,7 @@ ReplaceResult ReplacedFile::LockCopy() {
 }
 
 ReplaceResult ReplacedFile::CreateCopy() {
-  copy_ = CreateNext(place_, copy_suffix_, [](int) { return RandomSuffix(); });
+  copy_ = CreateNext(place_, copy_suffix_, RandomSuffix);
   const int error = errno;
   return copy_.IsOpen() ? ReplaceResult() : Failed(place_.path, error);
 }
