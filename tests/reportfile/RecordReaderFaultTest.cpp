@@ -54,6 +54,17 @@ TEST_F(RecordReaderRace, SlotsThatAppearWhileTheyAreMissingAreFollowed) {
   }
 }
 
+// A new window of slots comes with newer texts: what was read before its slot does not count.
+TEST_F(RecordReaderRace, TextThatWasReadBeforeItsSlotIsReadAgain) {
+  Open(std::vector<std::uint32_t>(300, 0), "a\r\na\r\n");
+  std::string out;
+  EXPECT_EQ(reader_.Take(0, {1, kNoLimit}, &out).count, 1U);
+  files_.WriteData(3, "z");
+  files_.WriteSlot(299, 3);
+  EXPECT_EQ(reader_.Take(299, {1, kNoLimit}, &out).count, 1U);
+  EXPECT_EQ(out, "a\r\nz\r\n");
+}
+
 // Slots that change while they are read, all the time: three times slot, text, slot, and then the text is taken.
 TEST_F(RecordReaderRace, ThirdReadOfAChangingSlotCounts) {
   Open({0}, "a\r\nb\r\n");
