@@ -4,10 +4,15 @@
 A script that works here only because a package was once installed by hand fails on a fresh machine. So each command
 that a script calls must be a part of a bare Debian system, or belong to a package of the script's tiers; each module that a
 Python file imports likewise. A command that is in none of the tables below is a finding, too: add it with its package.
+
+    tiers_test.py                    compares with the lists of script/bootstrap
+    tiers_test.py --installed TIER   asks this machine, on which only that tier was installed (see script/fresh-machine)
 """
 import ast
+import importlib.util
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 
@@ -163,18 +168,39 @@ def tiers_of(path, text):
 
 def scripts():
     folders = ["script", "tests", "packaging", "examples", ".ci"]
-    listed = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard", *folders], cwd=ROOT,
-                            capture_output=True, text=True, check=True).stdout
-    for name in listed.splitlines():
-        path = ROOT / name
-        if not path.is_file() or path == pathlib.Path(__file__).resolve():
+    for path in sorted(path for folder in folders for path in (ROOT / folder).rglob("*")):
+        name = path.relative_to(ROOT)
+        if not path.is_file() or "__pycache__" in path.parts or path == pathlib.Path(__file__).resolve():
             continue
         head = path.open("rb").read(64)
         if head.startswith(b"#!") or path.suffix in {".py", ".sh", ".bash"}:
             yield pathlib.Path(name), path.read_text(encoding="utf-8"), path.suffix == ".py" or b"python" in head
 
 
+def missing_here(tier):
+    """What this machine lacks of what the tier's scripts call and import."""
+    for path, text, is_python in scripts():
+        if path.suffix == ".bats" or tier not in tiers_of(path, text):
+            continue
+        others = packages_of(set(tiers_of(path, text)) - {tier}) if len(tiers_of(path, text)) > 1 else set()
+        if not is_python:
+            for name in sorted(set(commands_in(text))):
+                if COMMANDS.get(name) and COMMANDS[name] not in others and not shutil.which(name):
+                    yield f"{path}: calls {name}, which is not here"
+            continue
+        imported = {node.module if isinstance(node, ast.ImportFrom) else alias.name
+                    for node in ast.walk(ast.parse(text)) if isinstance(node, (ast.Import, ast.ImportFrom))
+                    for alias in node.names}
+        for name in sorted(name.split(".")[0] for name in imported):
+            if name in MODULES and importlib.util.find_spec(name) is None:
+                yield f"{path}: imports {name}, which is not here"
+
+
 def main():
+    if sys.argv[1:2] == ["--installed"]:
+        missing = list(missing_here(sys.argv[2]))
+        print("\n".join(missing) if missing else f"tiers: this machine has what {sys.argv[2]} needs")
+        return 1 if missing else 0
     findings = []
     checked = 0
     for path, text, is_python in scripts():
