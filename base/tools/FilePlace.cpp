@@ -88,7 +88,7 @@ class Search {
       is_found_ = is_last && open_error == ENOENT;
       return is_found_ ? ReplaceResult() : Failed(path_, open_error);
     }
-    struct stat status;
+    struct stat status = {};
     if (const int error = file::StatusOf(next.Number(), status); error != 0) return Failed(path_, error);
     if (S_ISLNK(status.st_mode)) return Follow(next, status, is_last);
     is_found_ = is_last;
@@ -182,7 +182,7 @@ ReplaceResult OpenChecked(const std::string& path, int flags, mode_t mode, const
   const LinkRule links = rules.accept_foreign ? LinkRule::kAny : rules.links;
   if (ReplaceResult found = FindPlace(path, links, place); !found.IsDone()) return found;
   file::Descriptor file;
-  struct stat status;
+  struct stat status = {};
   if (ReplaceResult open = OpenPlace(place, flags, mode, file, status); !open.IsDone()) return open;
   const FileUse use = (flags & O_ACCMODE) == O_RDONLY ? FileUse::kRead : FileUse::kWrite;
   if (ReplaceResult checked = CheckOpened(place, status, use, rules); !checked.IsDone()) return checked;
