@@ -30,8 +30,9 @@ bool IsEntered(const std::vector<Level>& levels, const FileId& id) {
 int AddEntries(const std::string& directory, const std::vector<std::string>& names,
                std::vector<TreeListing::Entry>& entries) {
   for (const std::string& name : names) {
-    std::string path = directory + "/" + name;
-    struct stat status;
+    std::string path = directory;
+    path.append("/").append(name);
+    struct stat status = {};
     const int error = file::StatusOf(path.c_str(), status);
     if (IsAbsent(error)) continue;
     if (error != 0) return error;

@@ -3,7 +3,7 @@
 //
 // Input: one byte n and four bytes that steer Take, then n bytes of the index file (all there are, if fewer), then the
 // data file.
-#include <sys/mman.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,21 +31,22 @@ void Require(bool holds, const char* what) {
   std::abort();
 }
 
-// A pair of files that live in memory only; their names lead there through the process's own descriptors.
-class MemoryFiles {
+// A report's two files in a directory of their own that is in memory.
+class ReportFiles {
  public:
-  MemoryFiles() {
+  ReportFiles() {
     Require(mkdtemp(directory_) != nullptr, "no temporary directory");
-    Link(".ind", index_);
-    Link(".dat", data_);
+    index_ = Create(".ind");
+    data_ = Create(".dat");
+    Require(index_ >= 0 && data_ >= 0, "no files");
   }
-  ~MemoryFiles() {
+  ~ReportFiles() {
     (void)unlink((Base() + ".ind").c_str());
     (void)unlink((Base() + ".dat").c_str());
     (void)rmdir(directory_);
   }
-  MemoryFiles(const MemoryFiles&) = delete;
-  MemoryFiles& operator=(const MemoryFiles&) = delete;
+  ReportFiles(const ReportFiles&) = delete;
+  ReportFiles& operator=(const ReportFiles&) = delete;
 
   std::string Base() const { return std::string(directory_) + "/r"; }
 
@@ -55,9 +56,8 @@ class MemoryFiles {
   }
 
  private:
-  void Link(const char* extension, int fd) const {
-    const std::string target = "/proc/self/fd/" + std::to_string(fd);
-    Require(symlink(target.c_str(), (Base() + extension).c_str()) == 0, "no link");
+  int Create(const char* extension) const {
+    return open((Base() + extension).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   }
 
   static void FillOne(int fd, std::string_view bytes) {
@@ -65,9 +65,9 @@ class MemoryFiles {
             "the file could not be written");
   }
 
-  char directory_[28] = "/tmp/qx-store-fuzz-XXXXXX";
-  int index_ = memfd_create("index", MFD_CLOEXEC);
-  int data_ = memfd_create("data", MFD_CLOEXEC);
+  char directory_[32] = "/dev/shm/qx-store-fuzz-XXXXXX";
+  int index_ = -1;
+  int data_ = -1;
 };
 
 TakenRecords TakeOneByOne(CReportFileBase& store, std::uint32_t first, std::uint32_t count_max,
@@ -113,7 +113,7 @@ void TakeWhole(CReportFileBase& store, RecordReader& reader) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const MemoryFiles files;
+  static const ReportFiles files;
   if (size < kSteeringBytes) return 0;
   const std::string_view rest(reinterpret_cast<const char*>(data) + kSteeringBytes, size - kSteeringBytes);
   const std::size_t index_bytes = std::min<std::size_t>(data[0], rest.size());

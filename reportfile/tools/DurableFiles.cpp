@@ -246,7 +246,7 @@ PrivateDirectory::PrivateDirectory(const std::string& prefix)
   }
   if (error_ != 0) return;
   directory_ = file::OpenDirectory(name_.c_str(), O_NOFOLLOW, above_.Number());
-  struct stat status;
+  struct stat status = {};
   error_ = directory_.IsOpen() ? file::StatusOf(directory_.Number(), status) : errno;
   if (error_ == 0 && status.st_uid != geteuid()) error_ = EPERM;  // another one has taken its name
   if (error_ != 0) (void)file::Remove(name_.c_str(), AT_REMOVEDIR, above_.Number());

@@ -118,6 +118,25 @@ TEST_F(ReplacedFileTest, FileThatAnotherProcessReplacedIsNotReplaced) {
   EXPECT_EQ(Names(), (std::set<std::string>{"registry"}));
 }
 
+TEST_F(ReplacedFileTest, ExchangedCopyIsNotRenamedToTheFile) {
+  WriteFile(dir_.File("foreign"), "foreign");
+  for (const bool is_link : {false, true}) {
+    ReplacedFile edit;
+    ASSERT_TRUE(edit.Begin(path_, {}).IsDone());
+    ASSERT_TRUE(edit.WriteCopy("new").IsDone());
+    std::filesystem::remove(dir_.File("registry.edit"));
+    if (is_link) {
+      std::filesystem::create_symlink("foreign", dir_.File("registry.edit"));
+    } else {
+      WriteFile(dir_.File("registry.edit"), "foreign");
+    }
+    EXPECT_EQ(edit.Commit(false).state, ReplaceState::kChanged);
+    EXPECT_EQ(ReadFile(path_), "old");
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path_)));
+    std::filesystem::remove(dir_.File("registry.edit"));
+  }
+}
+
 TEST_F(ReplacedFileTest, RemovedOrCreatedFileIsAChange) {
   ReplacedFile edit;
   ASSERT_TRUE(edit.Begin(path_, {}).IsDone());

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 
@@ -24,6 +25,24 @@ bool SetEnvironment(const std::string& directory, int level) {
          setenv("QX_LOG_DYNAMIC_UPDATE", "0", 1) == 0 &&  // the service's files are not to change the level midway
          setenv("QX_LOG_FILE_MAX_SIZE", kLogBytesMax, 0) == 0;
 }
+
+// Holds the signals back that end the program, so that none of them arrives before the directory is one that is
+// removed.
+class HeldSignals {
+ public:
+  HeldSignals() {
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&held, signal);
+    pthread_sigmask(SIG_BLOCK, &held, &before_);
+  }
+  ~HeldSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  HeldSignals(const HeldSignals&) = delete;
+  HeldSignals& operator=(const HeldSignals&) = delete;
+
+ private:
+  sigset_t before_ = {};
+};
 
 Status Made(bool environment_is_set) {
   return environment_is_set ? Status() : Status(ExitCode::kIo, "no memory for the environment");
@@ -58,6 +77,7 @@ Status TraceDirectory::ProtectService() {
   if (is_set_) return {};
   const char* const base = std::getenv("TMPDIR");
   std::string name = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/qxctl-XXXXXX";
+  const HeldSignals held;
   const bool is_made = mkdtemp(name.data()) != nullptr;
   const int error = errno;
   if (!is_made) {

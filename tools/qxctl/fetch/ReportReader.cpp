@@ -29,7 +29,8 @@ std::string_view FirstRecord(std::string_view records) {
 Status ReportReader::Ask(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply) {
   for (int tries = 1;; ++tries) {
     Status status = AskOnce(start_index, record_count, reply);
-    if (status.Code() != ExitCode::kIo || tries == kTriesMax) return status;
+    const bool may_pass = status.Code() == ExitCode::kIo && reply.kind == ReplyKind::kError;
+    if (!may_pass || tries == kTriesMax) return status;
   }
 }
 
