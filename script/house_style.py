@@ -44,7 +44,7 @@ AREAS = {
     "cli": set(),
     "module": {"cli"},
     "fetch": {"cli", "module"},
-    "report": {"cli", "fetch"},
+    "report": {"cli", "fetch", "module"},
     "settings": {"cli"},
     "trace": {"cli"},
     "trial": {"cli", "module"},

@@ -179,6 +179,10 @@ TEST_F(AttacksOnQxctl, HisReportsAreNotTheReportDirectory) {
   EXPECT_EQ(fetched.out, "");
   EXPECT_THAT(fetched.err, HasSubstr("belongs to another user (uid 65534)"));
   EXPECT_THAT(fetched.err, HasSubstr("name the report directory in the registry"));
+  EXPECT_EQ(Qxctl({"report", "verify", "load"}).code, kRefused);
+  EXPECT_EQ(Qxctl({"report", "salvage", "load", "--into", "./saved"}).code, kRefused);
+  EXPECT_EQ(Qxctl({"report", "backup", "copy"}).code, kRefused);
+  EXPECT_EQ(Qxctl({"report", "restore", "copy"}).code, kRefused);
 }
 
 TEST_F(AttacksOnQxctl, HisLinkIsNotTheReportDirectory) {

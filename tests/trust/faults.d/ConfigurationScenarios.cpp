@@ -120,7 +120,8 @@ Finding JudgeSave(const std::string& directory) {
   if (const Finding next = SaveAgain(directory); next.kind != Finding::Kind::kKept) return next;
   if (!has_file)
     return Noted("renames are not asked for their result: registry.old is the registry until the next save");
-  if (has_leftover && !is_told) return Noted("renames are not asked for their result: the old tree stays, without a report");
+  if (has_leftover && !is_told)
+    return Noted("renames are not asked for their result: the old tree stays, without a report");
   if (has_leftover) return Noted("registry.new could not be removed");
   return is_saved || is_told ? Kept() : Broken("a failed save was not reported");
 }

@@ -151,7 +151,8 @@ Status StatusOf(const BackupResult& result, const std::string& from, const std::
 }
 
 Status Backup(Context& context, const Values& values) {
-  const std::string from = ReportDirectory();
+  std::string from;
+  if (Status found = FindReportDirectory(from); !found.IsOk()) return found;
   const std::string to = values.Text("DIR");
   const BackupResult result = report::BackupReports(from, to);
   Status status = StatusOf(result, from, to);
@@ -268,7 +269,8 @@ Options OptionsOf(const Values& values) {
 
 Status Restore(Context& context, const Values& values) {
   const Options options = OptionsOf(values);
-  const std::string to = ReportDirectory();
+  std::string to;
+  if (Status found = FindReportDirectory(to); !found.IsOk()) return found;
   if (to.empty()) return {ExitCode::kNotFound, "the registry names no report directory"};
   const RestoreResult result = options.apply ? report::RestoreReports(options.directory, to, options.restore)
                                              : report::PlanRestore(options.directory, to);

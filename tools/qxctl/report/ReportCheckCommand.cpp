@@ -149,7 +149,8 @@ std::string ToText(const Output& output, const StoreVerdict& verdict, const std:
 }
 
 Status Verify(Context& context, const Values& values) {
-  const std::string path = BasePathOf(values.Text("NAME|PATH"));
+  std::string path;
+  if (Status found = FindBasePath(values.Text("NAME|PATH"), path); !found.IsOk()) return found;
   const StoreVerdict verdict = report::VerifyStore(path);
   Status status = StatusOf(verdict, path);
   const bool was_looked_at = verdict.state != StoreState::kNotFound && verdict.state != StoreState::kUnreadable;
@@ -204,7 +205,8 @@ std::string ToText(const report::SalvageResult& result, const std::string& targe
 }
 
 Status Salvage(Context& context, const Values& values) {
-  const std::string path = BasePathOf(values.Text("NAME|PATH"));
+  std::string path;
+  if (Status found = FindBasePath(values.Text("NAME|PATH"), path); !found.IsOk()) return found;
   const std::string target = TargetOf(values.Text("--into"), path);
   const report::SalvageResult result = report::SalvageStore(path, target, !values.Flag("--indexed-only"));
   Status status = StatusOf(result, path);

@@ -1,6 +1,7 @@
 #include "tools/qxctl/report/ReportDirectory.h"
 
 #include "provider/ServerControlPaths.h"
+#include "tools/qxctl/module/FallbackDirectory.h"
 
 namespace qx::ctl {
 
@@ -10,9 +11,19 @@ std::string ReportDirectory() {
   return directory;
 }
 
-std::string BasePathOf(const std::string& name_or_path) {
-  const bool is_path = name_or_path.find('/') != std::string::npos;
-  return is_path ? name_or_path : ReportDirectory() + "/" + name_or_path;
+Status FindReportDirectory(std::string& directory) {
+  if (Status status = CheckFallbackDirectory(); !status.IsOk()) return status;
+  directory = ReportDirectory();
+  return {};
+}
+
+Status FindBasePath(const std::string& name_or_path, std::string& path) {
+  path = name_or_path;
+  if (name_or_path.find('/') != std::string::npos) return {};
+  std::string directory;
+  if (Status status = FindReportDirectory(directory); !status.IsOk()) return status;
+  path = directory + "/" + name_or_path;
+  return {};
 }
 
 }  // namespace qx::ctl

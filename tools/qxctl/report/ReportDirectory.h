@@ -3,14 +3,21 @@
 
 #include <string>
 
+#include "tools/qxctl/cli/Status.h"
+
 namespace qx::ctl {
 
 // The directory that the registry names; empty if it names an empty one.
 std::string ReportDirectory();
 
+// The same for a command that reads or writes there: kRefused if an ordinary user made the directory for root (see
+// module/FallbackDirectory.h).
+Status FindReportDirectory(std::string& directory);
+
 // The base path of a report given as PATH (it has a "/") or as NAME (of a report in the report directory).
 //   "./load"  => "./load"
 //   "load"    => "/srv/reports/load"
-std::string BasePathOf(const std::string& name_or_path);
+// A name is refused as by FindReportDirectory.
+Status FindBasePath(const std::string& name_or_path, std::string& path);
 
 }  // namespace qx::ctl
