@@ -148,7 +148,7 @@ Status Edit(Context& context, const Values& values, const Options& options, cons
     done = options.edit.apply ? Apply(edit, plan, file) : NotSound(file, inifile::Rehearse(plan, text));
     if (!done.IsOk() && !edit.IsInPlace()) return done;
   }
-  const Status shown = ShowResult(
+  Status shown = ShowResult(
       context, values, [&] { return ToJson(plan, file, edit.IsInPlace()); },
       [&] { return ToText(context.output, plan); });
   if (!shown.IsOk()) return shown;
