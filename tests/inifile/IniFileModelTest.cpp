@@ -213,7 +213,7 @@ double MillisecondsPerEnum(const std::string& path) {
   CIniFile ini;
   ini.Open(path.c_str(), true);
   double best = 1e9;
-  for (int i = 0; i < 15; ++i) {
+  for (int i = 0; i < 5; ++i) {
     const double start = MillisecondsOfCpu();
     std::vector<std::string> names;
     EXPECT_TRUE(ini.GetEnums(names, "S"));
@@ -222,17 +222,22 @@ double MillisecondsPerEnum(const std::string& path) {
   return best;
 }
 
+// Eight times the keys cost about eight times the time; a walk of the list for each of its names would cost 64 times.
 TEST_F(IniFileModel, EnumerationCostGrowsInProportionToTheList) {
   const auto write = [&](int keys) {
     std::string text = "[S]\n";
     for (int i = 0; i < keys; ++i) text += "key" + std::to_string(10000 + i) + "=" + std::string(200, 'v') + "\n";
     file_.Write(text);
   };
-  write(3400);
-  const double half = MillisecondsPerEnum(path_);
-  write(6800);
-  const double whole = MillisecondsPerEnum(path_);
-  EXPECT_LE(whole, 2.3 * half) << half << " ms, then " << whole << " ms";
+  double ratio = 0;
+  for (int attempt = 0; attempt < 4; ++attempt) {  // a neighbour on the processor's cache can spoil one
+    write(850);
+    const double eighth = MillisecondsPerEnum(path_);
+    write(6800);
+    ratio = MillisecondsPerEnum(path_) / eighth;
+    if (ratio < 20) break;
+  }
+  EXPECT_LT(ratio, 20);
 }
 
 }  // namespace
