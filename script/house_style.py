@@ -42,13 +42,14 @@ FOLDER_TOOLS = set(LAYERS) - MODULE
 # The areas of the command line tool, and which of the others each may include.
 AREAS = {
     "cli": set(),
-    "module": {"cli"},
-    "fetch": {"cli", "module"},
-    "report": {"cli", "fetch", "module"},
+    "store": {"cli"},
+    "module": {"cli", "store"},
+    "fetch": {"cli", "store", "module"},
+    "report": {"cli", "store", "fetch", "module"},
     "settings": {"cli"},
     "trace": {"cli"},
-    "trial": {"cli", "module"},
-    "doctor": {"cli", "module"},
+    "trial": {"cli", "store", "module"},
+    "doctor": {"cli", "store", "module"},
 }
 for area, others in AREAS.items():
     LAYERS[f"tools/qxctl/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{other}" for other in [*others, "cli/text"]}

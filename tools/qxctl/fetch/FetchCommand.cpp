@@ -13,10 +13,10 @@
 #include "tools/qxctl/cli/OutputFile.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
-#include "tools/qxctl/fetch/ReportDamage.h"
 #include "tools/qxctl/fetch/ResumedFetch.h"
 #include "tools/qxctl/fetch/Transfer.h"
 #include "tools/qxctl/module/CallOptions.h"
+#include "tools/qxctl/store/ReportDamage.h"
 
 namespace qx::ctl {
 

@@ -14,9 +14,9 @@
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/fetch/LookEvents.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
-#include "tools/qxctl/fetch/ReportDamage.h"
 #include "tools/qxctl/fetch/ReportSource.h"
 #include "tools/qxctl/module/CallOptions.h"
+#include "tools/qxctl/store/ReportDamage.h"
 
 namespace qx::ctl {
 

@@ -1,6 +1,6 @@
 #include "tools/qxctl/module/CallOptions.h"
 
-#include "tools/qxctl/module/FallbackDirectory.h"
+#include "tools/qxctl/store/FallbackDirectory.h"
 
 namespace qx::ctl {
 

@@ -18,7 +18,7 @@
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
-#include "tools/qxctl/report/ReportDirectory.h"
+#include "tools/qxctl/store/ReportDirectory.h"
 
 namespace qx::ctl {
 

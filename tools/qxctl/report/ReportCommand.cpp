@@ -26,8 +26,8 @@
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
-#include "tools/qxctl/fetch/ReportDamage.h"
-#include "tools/qxctl/report/StoredSlots.h"
+#include "tools/qxctl/store/ReportDamage.h"
+#include "tools/qxctl/store/StoredSlots.h"
 
 namespace qx::ctl {
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "tools/qxctl/cli/Context.h"
-#include "tools/qxctl/report/ReportDirectory.h"
+#include "tools/qxctl/store/ReportDirectory.h"
 
 namespace qx::ctl {
 

@@ -1,4 +1,4 @@
-#include "tools/qxctl/module/FallbackDirectory.h"
+#include "tools/qxctl/store/FallbackDirectory.h"
 
 #include <fcntl.h>
 #include <unistd.h>

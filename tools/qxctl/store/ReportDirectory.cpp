@@ -1,7 +1,7 @@
-#include "tools/qxctl/report/ReportDirectory.h"
+#include "tools/qxctl/store/ReportDirectory.h"
 
 #include "provider/ServerControlPaths.h"
-#include "tools/qxctl/module/FallbackDirectory.h"
+#include "tools/qxctl/store/FallbackDirectory.h"
 
 namespace qx::ctl {
 

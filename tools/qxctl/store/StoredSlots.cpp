@@ -1,4 +1,4 @@
-#include "tools/qxctl/report/StoredSlots.h"
+#include "tools/qxctl/store/StoredSlots.h"
 
 #include <unistd.h>
 

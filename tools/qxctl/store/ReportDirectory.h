@@ -11,7 +11,7 @@ namespace qx::ctl {
 std::string ReportDirectory();
 
 // The same for a command that reads or writes there: kRefused if an ordinary user made the directory for root (see
-// module/FallbackDirectory.h).
+// store/FallbackDirectory.h).
 Status FindReportDirectory(std::string& directory);
 
 // The base path of a report given as PATH (it has a "/") or as NAME (of a report in the report directory).
