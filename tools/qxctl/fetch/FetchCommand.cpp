@@ -17,6 +17,7 @@
 #include "tools/qxctl/fetch/Transfer.h"
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/store/ReportDamage.h"
+#include "tools/qxctl/store/ReportDirectory.h"
 
 namespace qx::ctl {
 

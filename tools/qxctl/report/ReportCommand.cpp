@@ -1,12 +1,6 @@
 // The files of a report, without the module.
-//
-// A store is opened for writing only when both files are there and may be written: the store itself would otherwise
-// start over and empty the one that is left. One writer at a time is the store's own rule: a report
-// that somebody else writes is refused.
 #include "tools/qxctl/report/ReportCommand.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,6 +21,7 @@
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
 #include "tools/qxctl/store/ReportDamage.h"
+#include "tools/qxctl/store/StoreFiles.h"
 #include "tools/qxctl/store/StoredSlots.h"
 
 namespace qx::ctl {
@@ -34,34 +29,6 @@ namespace qx::ctl {
 namespace {
 
 using report::IndexHeader;
-
-// Size of a regular file; unset with errno when it is none or not there.
-std::optional<std::int64_t> FileSize(const std::string& path) {
-  struct stat status = {};
-  if (stat(path.c_str(), &status) != 0) return std::nullopt;
-  if (S_ISREG(status.st_mode)) return std::int64_t{status.st_size};
-  errno = EINVAL;
-  return std::nullopt;
-}
-
-// kNotFound unless both files of the store are regular files that this user may use in the way of `access_mode`.
-Status CheckStore(const std::string& path, int access_mode) {
-  for (const std::string& file : {report::IndexFileName(path), report::DataFileName(path)}) {
-    const bool is_usable =
-        FileSize(file).has_value() && faccessat(AT_FDCWD, file.c_str(), access_mode, AT_EACCESS) == 0;
-    const int error = errno;
-    if (is_usable) continue;
-    if (error != ENOENT) return Status::Io("cannot open " + file, error);
-    return {ExitCode::kNotFound, "there is no " + file + "; PATH is that of both files without .ind and .dat, and " +
-                                     "\"qxctl report create\" makes a report"};
-  }
-  return {};
-}
-
-Status OpenForReading(const std::string& path, CReportFileBase& store) {
-  if (Status status = CheckStore(path, R_OK); !status.IsOk()) return status;
-  return store.OpenRead(path.c_str()) ? Status() : Status::Io("cannot open " + path, errno);
-}
 
 // --- create
 
@@ -118,11 +85,6 @@ Status AppendStandardInput(CReportFileBase& store) {
   return status;
 }
 
-Status IsWritten(const std::string& path, int process) {
-  const std::string writer = process != 0 ? "process " + std::to_string(process) : "another program";
-  return {ExitCode::kRefused, path + " is written by " + writer + "; two writers overwrite each other's records"};
-}
-
 Status AppendAll(CReportFileBase& store, const std::vector<std::string>& texts) {
   for (std::size_t i = 0; i < texts.size(); ++i) {
     const std::string& text = texts[i];
@@ -134,9 +96,9 @@ Status AppendAll(CReportFileBase& store, const std::vector<std::string>& texts) 
 
 Status Append(Context& context, const Values& values) {
   const std::string path = values.Text("PATH");
-  if (Status status = CheckStore(path, R_OK | W_OK); !status.IsOk()) return status;
+  if (Status status = CheckStoreFiles(path, R_OK | W_OK); !status.IsOk()) return status;
   const report::WriterLock lock(path);
-  if (lock.IsHeldByAnother()) return IsWritten(path, lock.Process());
+  if (Status status = CheckNotWritten(path, lock); !status.IsOk()) return status;
   const bool is_damaged = WarnOfDamage(context.output, path);
   CReportFileBase store;
   if (!store.Open(path.c_str(), 0)) return Status::Io("cannot open " + path, errno);
@@ -158,7 +120,7 @@ Status Cat(Context& context, const Values& values) {
   if (Status status = CheckRecordPrintOptions(print); !status.IsOk()) return status;
   RecordPrinter printer(context.output, print);
   CReportFileBase store;
-  if (Status status = OpenForReading(path, store); !status.IsOk()) return status;
+  if (Status status = OpenStoreForReading(path, store); !status.IsOk()) return status;
   const IndexHeader& header = store.header();
   const std::uint32_t slots = ReadableSlots(header, path);
   StoredSlots stored(report::IndexFileName(path));
@@ -265,7 +227,7 @@ Status StatusOf(const StoreInfo& info) {
 Status Info(Context& context, const Values& values) {
   const std::string path = values.Text("PATH");
   CReportFileBase store;
-  if (Status status = OpenForReading(path, store); !status.IsOk()) return status;
+  if (Status status = OpenStoreForReading(path, store); !status.IsOk()) return status;
   const StoreInfo info = {path, store.header(), FileSize(report::IndexFileName(path)).value_or(0),
                           FileSize(report::DataFileName(path)).value_or(0)};
   return ShowResult(

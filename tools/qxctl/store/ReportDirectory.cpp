@@ -26,4 +26,9 @@ Status FindBasePath(const std::string& name_or_path, std::string& path) {
   return {};
 }
 
+std::string BasePathOfReport(const std::string& name) {
+  if (("/" + name + "/").find("/../") != std::string::npos) return {};
+  return ReportDirectory() + "/" + name;
+}
+
 }  // namespace qx::ctl

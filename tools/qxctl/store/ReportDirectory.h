@@ -20,4 +20,9 @@ Status FindReportDirectory(std::string& directory);
 // A name is refused as by FindReportDirectory.
 Status FindBasePath(const std::string& name_or_path, std::string& path);
 
+// The base path of the report that the module transfers under this name. Empty for a name that no report can have,
+// because it has a component "..".
+//   "a/load"  => "/srv/reports/a/load"
+std::string BasePathOfReport(const std::string& name);
+
 }  // namespace qx::ctl

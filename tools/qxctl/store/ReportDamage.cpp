@@ -1,0 +1,22 @@
+#include "tools/qxctl/store/ReportDamage.h"
+
+#include "reportfile/tools/StoreVerify.h"
+
+namespace qx::ctl {
+
+bool WarnOfDamage(Output& output, const std::string& base_path) {
+  if (base_path.empty()) return false;
+  const report::StoreVerdict verdict = report::VerifyHeader(base_path);
+  if (verdict.state != report::StoreState::kDamaged || verdict.look.findings.empty()) return false;
+  const report::Finding& first = verdict.look.findings.front();
+  if (first.rule == "file.missing") return false;  // the open reports it
+  output.Problem("warning: " + base_path + " is damaged (" + std::string(first.rule) + ": " + first.explanation +
+                 "), so its records may be wrong; \"qxctl report verify\" shows more");
+  return true;
+}
+
+Status WithDamage(Status status, bool is_damaged) {
+  return status.IsOk() && is_damaged ? Status(ExitCode::kFinding, "") : status;
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,45 @@
+#include "tools/qxctl/store/StoreFiles.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "reportfile/StoreFormat.h"
+
+namespace qx::ctl {
+
+std::optional<std::int64_t> FileSize(const std::string& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  if (S_ISREG(status.st_mode)) return std::int64_t{status.st_size};
+  errno = EINVAL;
+  return std::nullopt;
+}
+
+Status CheckStoreFiles(const std::string& base_path, int access_mode) {
+  for (const std::string& file : {report::IndexFileName(base_path), report::DataFileName(base_path)}) {
+    const bool is_usable =
+        FileSize(file).has_value() && faccessat(AT_FDCWD, file.c_str(), access_mode, AT_EACCESS) == 0;
+    const int error = errno;
+    if (is_usable) continue;
+    if (error != ENOENT) return Status::Io("cannot open " + file, error);
+    return {ExitCode::kNotFound, "there is no " + file + "; PATH is that of both files without .ind and .dat, and " +
+                                     "\"qxctl report create\" makes a report"};
+  }
+  return {};
+}
+
+Status OpenStoreForReading(const std::string& base_path, CReportFileBase& store) {
+  if (Status status = CheckStoreFiles(base_path, R_OK); !status.IsOk()) return status;
+  return store.OpenRead(base_path.c_str()) ? Status() : Status::Io("cannot open " + base_path, errno);
+}
+
+Status CheckNotWritten(const std::string& base_path, const report::WriterLock& lock) {
+  if (!lock.IsHeldByAnother()) return {};
+  const std::string writer = lock.Process() != 0 ? "process " + std::to_string(lock.Process()) : "another program";
+  return {ExitCode::kRefused, base_path + " is written by " + writer + "; two writers overwrite each other's records"};
+}
+
+}  // namespace qx::ctl
