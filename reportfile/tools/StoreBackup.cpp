@@ -88,8 +88,12 @@ int EnterAndList(DirectoryCursor* cursor, const std::string& name, const std::st
   return file::ListNames(cursor->Number(), levels->back().names);
 }
 
-// 0 or the error number of the first directory that cannot be listed.
-int FindNames(int directory, FoundNames* found) {
+BackupItem Unlisted(const std::string& path, int error) {
+  return {.name = path, .kind = BackupItemKind::kSkipped, .state = BackupItemState::kUnreadable, .error = error};
+}
+
+// 0 or the error number of a directory that ends the walk.
+int FindNames(int directory, Unlistable unlistable, FoundNames* found) {
   DirectoryCursor cursor;
   file::Descriptor top = file::OpenDirectory(".", 0, directory);  // a position of its own
   if (!top.IsOpen()) return errno;
@@ -107,6 +111,8 @@ int FindNames(int directory, FoundNames* found) {
       const std::string path = PathIn(levels.back().path, name);
       const bool is_directory = AddEntry(cursor.Number(), name, path, found);
       if (is_directory) error = EnterAndList(&cursor, name, path, &levels);
+      const bool is_item = error != 0 && unlistable == Unlistable::kIsAnItem;
+      if (is_item) found->others.push_back(Unlisted(path, std::exchange(error, 0)));
     }
     if (error != 0) return error;
   }
@@ -291,10 +297,10 @@ BackupResult BackupReports(const std::string& report_directory, const std::strin
   return Backup(report_directory, target).Run();
 }
 
-ReportTree ListReports(int directory) {
+ReportTree ListReports(int directory, Unlistable unlistable) {
   FoundNames found;
   ReportTree tree;
-  tree.error = FindNames(directory, &found);
+  tree.error = FindNames(directory, unlistable, &found);
   tree.directories = std::move(found.directories);
   std::sort(tree.directories.begin(), tree.directories.end());  // so each comes before what it contains
   tree.items = std::move(found.others);

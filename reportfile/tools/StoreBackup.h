@@ -63,9 +63,15 @@ struct ReportTree {
   std::vector<BackupItem> items;
 };
 
+// What happens at a subdirectory that cannot be opened or listed.
+enum class Unlistable {
+  kEndsTheList,  // its error number becomes that of the tree
+  kIsAnItem,     // it is an item that is kSkipped and kUnreadable, and the list continues after it
+};
+
 // Lists the open `directory` and everything below it, hidden names included, without following links; each directory
 // before what it contains. [any thread]
-[[nodiscard]] ReportTree ListReports(int directory);
+[[nodiscard]] ReportTree ListReports(int directory, Unlistable unlistable = Unlistable::kEndsTheList);
 
 // Is `path`, as far as it exists, `directory` itself or below it? Links are resolved. [any thread]
 [[nodiscard]] bool IsWithin(const std::string& path, const std::string& directory);

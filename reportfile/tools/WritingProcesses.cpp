@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <fstream>
 #include <new>
 #include <string_view>
@@ -47,6 +49,19 @@ void AddFilesOf(const std::string& process, int id, const std::set<FileKey>& wan
   }
 }
 
+// "3: FLOCK  ADVISORY  WRITE 4711 08:01:1234 0 EOF" => process 4711 holds the lock of inode 1234 on device 8:1
+std::optional<WritingProcess> LockIn(const std::string& line) {
+  int process = 0;
+  unsigned major_number = 0;
+  unsigned minor_number = 0;
+  unsigned long inode = 0;
+  const int found =
+      std::sscanf(line.c_str(), "%*d: FLOCK %*s WRITE %d %x:%x:%lu", &process, &major_number, &minor_number, &inode);
+  constexpr int kFields = 4;
+  if (found != kFields || process <= 0) return std::nullopt;
+  return WritingProcess{{makedev(major_number, minor_number), inode}, process};
+}
+
 }  // namespace
 
 std::optional<FileKey> KeyOf(const std::string& path) {
@@ -61,6 +76,16 @@ std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& wanted
     int id = 0;
     const auto [behind, error] = std::from_chars(name.data(), name.data() + name.size(), id);
     if (error == std::errc() && *behind == '\0') AddFilesOf(PathIn(processes, name), id, wanted, &found);
+  }
+  return found;
+}
+
+std::vector<WritingProcess> FindLockingProcesses(const std::set<FileKey>& wanted, const std::string& locks) {
+  std::vector<WritingProcess> found;
+  std::ifstream lines(locks);
+  for (std::string line; std::getline(lines, line);) {
+    const std::optional<WritingProcess> lock = LockIn(line);
+    if (lock.has_value() && wanted.contains(lock->file)) found.push_back(*lock);
   }
   return found;
 }

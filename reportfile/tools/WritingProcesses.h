@@ -27,4 +27,10 @@ struct WritingProcess {
 [[nodiscard]] std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& wanted,
                                                                const std::string& processes = "/proc");
 
+// The processes that hold an exclusive lock (flock) of one of the files, as `locks` shows them, which is /proc/locks or
+// has its form. Every user sees the locks of all processes. A file system that shows other device numbers there than
+// `stat` does hides its locks. [any thread]
+[[nodiscard]] std::vector<WritingProcess> FindLockingProcesses(const std::set<FileKey>& wanted,
+                                                               const std::string& locks = "/proc/locks");
+
 }  // namespace qx::report
