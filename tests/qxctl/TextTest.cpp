@@ -1,0 +1,56 @@
+// Texts for messages: quotes, lengths of time.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/qxctl/RunQxctl.h"
+#include "tools/qxctl/cli/text/Duration.h"
+#include "tools/qxctl/cli/text/Quote.h"
+
+namespace qx::test {
+
+namespace {
+
+using ctl::DurationText;
+using ctl::ParseDuration;
+using ctl::ShellWord;
+
+}  // namespace
+
+TEST(ShellWords, EveryTextIsOneWordForTheShell) {
+  const std::vector<std::string> texts = {"load", "a b",   "it's", "",   "a\nb",    "$HOME", "~",     "a\\b",     "=x",
+                                          "-n",   "\x7F'", "a\"b", "#x", "a;b|c&d", "*",     "{a,b}", "\xC3\xA4", "!x"};
+  std::string command = "printf '%s\\036'";
+  std::string expected;
+  for (const std::string& text : texts) {
+    command += " " + ShellWord(text);
+    expected += text + "\036";
+  }
+  EXPECT_EQ(Child({"/bin/bash", "-c", command}, {.directory = "/"}).Wait().out, expected) << command;
+}
+
+TEST(ShellWords, OrdinaryPathsStayAsTheyAre) {
+  EXPECT_EQ(ShellWord("/srv/reports/load.ind"), "/srv/reports/load.ind");
+  EXPECT_EQ(ShellWord("/srv/my reports"), "'/srv/my reports'");
+  EXPECT_EQ(ShellWord("=x"), "'=x'") << "zsh would take it for a command";
+}
+
+TEST(Durations, UnitIsRequiredAndKnown) {
+  const std::vector<std::pair<std::string, std::int64_t>> good = {{"0s", 0},      {"90s", 90},  {"10m", 600},
+                                                                  {"10min", 600}, {"2h", 7200}, {"3d", 259200}};
+  for (const auto& [text, seconds] : good) EXPECT_EQ(ParseDuration(text), seconds) << text;
+  for (const char* const text :
+       {"", "10", "m", "-1m", "1.5h", "10 m", "10w", "9999999999999999d", "99999999999999999999s"}) {
+    EXPECT_FALSE(ParseDuration(text).has_value()) << text;
+  }
+}
+
+TEST(Durations, AreShownInTheLargestUnitOfWhichThereAreTwo) {
+  const std::vector<std::pair<std::int64_t, std::string>> rows = {
+      {-5, "0 s"}, {0, "0 s"}, {119, "119 s"}, {120, "2 min"}, {7199, "119 min"}, {7200, "2 h"}, {172800, "2 d"}};
+  for (const auto& [seconds, text] : rows) EXPECT_EQ(DurationText(seconds), text);
+}
+
+}  // namespace qx::test

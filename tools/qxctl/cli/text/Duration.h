@@ -1,0 +1,19 @@
+// Lengths of time as people write and read them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace qx::ctl {
+
+// The seconds of a whole number with a unit: s, m (or min), h, d. Unset for anything else, and above a hundred years.
+//   "90s" => 90    "10m" => 600    "2h" => 7200    "10" => unset
+[[nodiscard]] std::optional<std::int64_t> ParseDuration(std::string_view text);
+
+// In the largest unit of which there are two, rounded down; negative lengths as 0.
+//   0 => 0 s    119 => 119 s    120 => 2 min    7199 => 119 min    7200 => 2 h    172800 => 2 d
+[[nodiscard]] std::string DurationText(std::int64_t seconds);
+
+}  // namespace qx::ctl
