@@ -14,6 +14,7 @@
 #include <csignal>
 #include <string>
 
+#include "tests/support/Attacker.h"
 #include "tests/support/FailingFileCalls.h"
 #include "tests/support/Support.h"
 
@@ -22,6 +23,7 @@ namespace {
 using qx::file::Descriptor;
 using qx::file::OpenThroughOwnedLinks;
 using qx::file::TrustedLinks;
+using qx::test::Attacker;
 using qx::test::FailingCall;
 using qx::test::FileCall;
 using qx::test::ReadFile;
@@ -29,7 +31,7 @@ using qx::test::TempDir;
 using qx::test::WriteFile;
 
 constexpr uid_t kRoot = 0;
-constexpr uid_t kUser = 65534;
+constexpr uid_t kUser = qx::test::kOrdinaryUser;
 constexpr uid_t kOther = 65533;
 
 // 0, or the error number of the open.
@@ -186,31 +188,12 @@ TEST_F(OwnedLinks, RelativePathsBeginAtTheGivenDirectory) {
   }
 }
 
-// An ordinary user who swaps two names as fast as he can, until the end of the scope.
-class Swapper {
- public:
-  Swapper(const std::string& left, const std::string& right) : child_(fork()) {
-    if (child_ != 0) return;
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || setresuid(kUser, kUser, kUser) != 0) _exit(1);
-    for (;;) (void)renameat2(AT_FDCWD, left.c_str(), AT_FDCWD, right.c_str(), RENAME_EXCHANGE);
-  }
-  ~Swapper() {
-    kill(child_, SIGKILL);
-    EXPECT_EQ(waitpid(child_, nullptr, 0), child_);
-  }
-  Swapper(const Swapper&) = delete;
-  Swapper& operator=(const Swapper&) = delete;
-
- private:
-  pid_t child_;
-};
-
 // The user's own file and his link to root's file change places.
 TEST_F(OwnedLinks, LinkThatIsSwappedDuringTheWalkGainsNothing) {
   const std::string secret = MakeFile("secret", kRoot, 0600);
   const std::string mine = MakeFile("mine", kUser);
   const std::string bait = MakeLink("bait", "secret", kUser);
-  const Swapper attacker(mine, bait);
+  const Attacker attacker([&] { qx::test::Exchange(mine.c_str(), bait.c_str()); });
   struct stat secret_status = {};
   ASSERT_EQ(stat(secret.c_str(), &secret_status), 0);
   int opened = 0;

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -18,6 +17,7 @@
 
 #include "tests/debug/PrivateMounts.h"
 #include "tests/debug/RingFixture.h"
+#include "tests/support/Attacker.h"
 #include "tests/support/FailingFileCalls.h"
 
 namespace {
@@ -25,8 +25,10 @@ namespace {
 using qx::debug::IsOwnFile;
 using qx::debug::OpenOwnFile;
 using qx::debug::OwnFile;
+using qx::test::Attacker;
 using qx::test::FailingCall;
 using qx::test::FileCall;
+using qx::test::kOrdinaryUser;
 using qx::test::ReadFile;
 using qx::test::RingSetup;
 using qx::test::SyslogCapture;
@@ -38,7 +40,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-constexpr uid_t kOrdinaryUser = 65534;
 constexpr std::uint32_t kRingBytes = 32768;
 
 TEST(OwnFile, OwnerNamesAndModeDecide) {
@@ -69,9 +70,7 @@ struct stat StatusOf(const std::string& path) {
 // Runs `body` as an ordinary user; its text.
 std::string AsOrdinaryUser(const std::function<std::string()>& body) {
   return qx::test::InChild([&]() -> std::string {
-    if (::setgroups(0, nullptr) != 0) return "cannot leave root's groups";
-    if (::setresgid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) return "cannot leave root's group";
-    if (::setresuid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) return "cannot become an ordinary user";
+    if (!qx::test::BecomeOrdinaryUser()) return "cannot become an ordinary user";
     return body();
   });
 }
@@ -263,45 +262,23 @@ TEST_F(OwnFileAttack, OrdinaryErrorOfTheRingIsNotReportedInTheSystemLog) {
   EXPECT_THAT(syslog.Messages(), IsEmpty());
 }
 
-// The user's process, which swaps what the name leads to until it is ended.
-class Swapper {
- public:
-  Swapper(const std::string& path, std::uint32_t size) {
-    child_ = ::fork();
-    if (child_ == 0) Run(path, size);
-  }
-  ~Swapper() {
-    ::kill(child_, SIGKILL);
-    ::waitpid(child_, nullptr, 0);
-  }
-  Swapper(const Swapper&) = delete;
-  Swapper& operator=(const Swapper&) = delete;
-
- private:
-  [[noreturn]] static void Run(const std::string& path, std::uint32_t size) {
-    if (::setresgid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) ::_exit(1);
-    if (::setresuid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) ::_exit(1);
-    const std::string mine = path + ".mine";
-    const std::string his = path + ".his";
-    for (;;) {
-      (void)::rename(path.c_str(), his.c_str());  // the service's file, if it is there
-      (void)MakeFile(mine, 0604, size);
-      (void)::rename(mine.c_str(), path.c_str());
-      (void)::rename(path.c_str(), mine.c_str());
-      (void)::rename(his.c_str(), path.c_str());
-      (void)::link(mine.c_str(), path.c_str());
-      (void)::unlink(mine.c_str());
-    }
-  }
-
-  pid_t child_;
-};
+// One step of the user who swaps what the name leads to.
+void Swap(const std::string& path, const std::string& mine, const std::string& his, std::uint32_t size) {
+  (void)::rename(path.c_str(), his.c_str());  // the service's file, if it is there
+  (void)MakeFile(mine, 0604, size);
+  (void)::rename(mine.c_str(), path.c_str());
+  (void)::rename(path.c_str(), mine.c_str());
+  (void)::rename(his.c_str(), path.c_str());
+  (void)::link(mine.c_str(), path.c_str());
+  (void)::unlink(mine.c_str());
+}
 
 // The service opens the file while the user swaps it: 10,000 times, and until his file was found in its place ten
 // times. Every file that it gets is its own. `size` as for OpenOwnFile.
 void RaceWithSwapper(const std::string& path, std::optional<std::uint64_t> size) {
   const SyslogCapture syslog;  // one message for each file of his
-  const Swapper swapper(path, static_cast<std::uint32_t>(size.value_or(0)));
+  const Attacker attacker([&path, mine = path + ".mine", his = path + ".his",
+                           bytes = static_cast<std::uint32_t>(size.value_or(0))] { Swap(path, mine, his, bytes); });
   int opened = 0;
   for (int i = 0; i < 10000 || (syslog.Messages().size() < 10 && i < 1000000); ++i) {
     const OwnFile own = OpenOwnFile(path.c_str(), 0640, size);

@@ -22,6 +22,7 @@
 
 #include "inifile/IniFile.h"
 #include "tests/inifile/MemoryFile.h"
+#include "tests/support/Attacker.h"
 #include "tests/support/Support.h"
 
 namespace {
@@ -142,16 +143,12 @@ TEST_F(IniFileFault, SymbolicLinkLoopIsFalse) {
   EXPECT_FALSE(Set(path_, "S", "k", nullptr));
 }
 
-bool AsOrdinaryUser(auto action) {
-  return WithFileSizeLimit(1 << 20, [&] { return (geteuid() != 0 || setuid(65534) == 0) && action(); });
-}
-
 TEST_F(IniFileFault, ReadOnlyFileIsNotWritten) {
   const std::string before = "[S]\nx=0\nk=1\n";
   qx::test::WriteFile(path_, before);
   ASSERT_EQ(chmod(path_.c_str(), 0444), 0);
   ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
-  EXPECT_TRUE(AsOrdinaryUser([&] { return !Set(path_, "S", "k", "2") && !Set(path_, "S", "k", nullptr); }));
+  EXPECT_TRUE(qx::test::AsOrdinaryUser([&] { return !Set(path_, "S", "k", "2") && !Set(path_, "S", "k", nullptr); }));
   EXPECT_EQ(qx::test::ReadFile(path_), before);
 }
 
@@ -159,8 +156,9 @@ TEST_F(IniFileFault, UnreadableFileDoesNotOpen) {
   qx::test::WriteFile(path_, "[S]\nk=1\n");
   ASSERT_EQ(chmod(path_.c_str(), 0), 0);
   ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
-  EXPECT_FALSE(AsOrdinaryUser([&] { return CIniFile().Open(path_.c_str(), true); }));
-  EXPECT_FALSE(AsOrdinaryUser([&] { return CIniFile::WritePrivateProfileString("S", "k", "2", path_.c_str()); }));
+  EXPECT_FALSE(qx::test::AsOrdinaryUser([&] { return CIniFile().Open(path_.c_str(), true); }));
+  EXPECT_FALSE(
+      qx::test::AsOrdinaryUser([&] { return CIniFile::WritePrivateProfileString("S", "k", "2", path_.c_str()); }));
 }
 
 TEST_F(IniFileFault, NoDescriptorStaysOpen) {

@@ -14,15 +14,17 @@
 
 #include "inifile/IniFile.h"
 #include "tests/reportfile/FaultyCalls.h"
+#include "tests/support/Attacker.h"
 #include "tests/support/Support.h"
 
 namespace {
 
 using qx::provider::NamesFile;
+using qx::test::AsOrdinaryUser;
+using qx::test::kOrdinaryUser;
 using qx::test::ScopedReadFault;
 
 constexpr char kHead[] = "[Quaxel Report Instances]\nVersion=1\n";
-constexpr uid_t kOrdinaryUser = 65534;
 
 // What a names file says.
 struct Names {
@@ -65,15 +67,6 @@ class NamesFileTest : public testing::Test {
     return names;
   }
   bool CanRead(const std::string& name) const { return NamesFile().Read(directory_.Path(), name); }
-
-  // Makes the calls of an ordinary user.
-  template <typename Action>
-  static bool AsOrdinaryUser(Action action) {
-    EXPECT_EQ(seteuid(kOrdinaryUser), 0);
-    const bool result = action();
-    EXPECT_EQ(seteuid(0), 0);
-    return result;
-  }
 
   qx::test::TempDir directory_;
 };

@@ -13,6 +13,7 @@
 #include "reportfile/ReportFileBase.h"
 #include "tests/provider/ReportRoot.h"
 #include "tests/reportfile/Trees.h"
+#include "tests/support/Attacker.h"
 #include "tests/support/FailingFileCalls.h"
 #include "tests/support/Support.h"
 

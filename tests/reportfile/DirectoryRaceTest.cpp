@@ -7,8 +7,8 @@
 #include <string>
 
 #include "reportfile/Directory.h"
-#include "tests/reportfile/OrdinaryUser.h"
 #include "tests/reportfile/Trees.h"
+#include "tests/support/Attacker.h"
 #include "tests/support/Support.h"
 
 namespace qx::test {
@@ -29,7 +29,7 @@ class DirectoryRace : public testing::Test {
 
   // Exchanges directory and link, and back. Makes what the removal took.
   void Step() const {
-    for (int i = 0; i < 4; ++i) Exchange(sub_.c_str(), link_.c_str());
+    for (int i = 0; i < 4; ++i) ExchangeAndPause(sub_.c_str(), link_.c_str());
     // If the directory has the link's name now, it makes way for a new link.
     for (const char* const name : {"/a", "/b", "/c/d"}) (void)unlink((link_ + name).c_str());
     (void)rmdir((link_ + "/c").c_str());
@@ -50,7 +50,8 @@ class DirectoryRace : public testing::Test {
 
 TEST_F(DirectoryRace, RemovalNeverLeavesTheTree) {
   const Tree before = ContentsOf(ours_);
-  const OrdinaryUser user(dir_.File("theirs"), [this] { Step(); });
+  GiveTreeToOrdinaryUser(dir_.File("theirs"));
+  const Attacker user([this] { Step(); });
   int removed = 0;
   for (int round = 0; round < kRounds || user.Steps() < kStepsMin; ++round) {
     if (CDirectory::RemoveDir(top_.c_str(), false)) ++removed;

@@ -11,6 +11,7 @@
 
 #include "reportfile/Directory.h"
 #include "tests/reportfile/Trees.h"
+#include "tests/support/Attacker.h"
 #include "tests/support/Support.h"
 
 namespace qx::test {

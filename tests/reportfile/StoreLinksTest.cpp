@@ -17,11 +17,12 @@
 #include "reportfile/ReportFileBase.h"
 #include "tests/provider/ReportRoot.h"
 #include "tests/reportfile/StoreFiles.h"
+#include "tests/support/Attacker.h"
 
 namespace qx::test {
 namespace {
 
-constexpr uid_t kUser = 65534;
+constexpr uid_t kUser = kOrdinaryUser;
 constexpr uid_t kOther = 65533;
 constexpr char kSecret[] = "root's secret\n";
 
@@ -129,11 +130,7 @@ TEST_F(StoreLinks, UserWritesThroughHisOwnLinks) {
   MakeReport(Name("r"), kUser);
   LinkAs(kUser, "r.ind", "x.ind");
   LinkAs(kUser, "r.dat", "x.dat");
-  const pid_t child = fork();
-  if (child == 0) EndChild(setresuid(kUser, kUser, kUser) == 0 && store_.Open(Name("x").c_str(), 3) ? 0 : 1);
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(AsOrdinaryUser([&] { return store_.Open(Name("x").c_str(), 3); }));
 }
 
 TEST_F(StoreLinks, FilesOfOtherOwnersStayWritable) {
@@ -177,11 +174,9 @@ TEST_F(StoreLinks, LinkThatIsSwappedDuringOpenNeverReachesTheSecret) {
   WriteFile(Name("x.dat"), "");
   ASSERT_EQ(chown(Name("x.dat").c_str(), kUser, kUser), 0);
   LinkAs(kUser, secret_, "bait");
-  const pid_t attacker = fork();
-  if (attacker == 0) {
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || setresuid(kUser, kUser, kUser) != 0) _exit(1);
-    for (;;) (void)renameat2(AT_FDCWD, Name("x.dat").c_str(), AT_FDCWD, Name("bait").c_str(), RENAME_EXCHANGE);
-  }
+  const std::string mine = Name("x.dat");
+  const std::string bait = Name("bait");
+  const Attacker attacker([&] { Exchange(mine.c_str(), bait.c_str()); });
   int refused = 0;
   int opened = 0;
   // On a busy machine the attacker may wait for a while.
@@ -193,8 +188,6 @@ TEST_F(StoreLinks, LinkThatIsSwappedDuringOpenNeverReachesTheSecret) {
     opened += error == 0 ? 1 : 0;
     if (error == 0) (void)store_.writeLine("overwritten");
   }
-  kill(attacker, SIGKILL);
-  EXPECT_EQ(waitpid(attacker, nullptr, 0), attacker);
   ExpectSecretIsUntouched();
   EXPECT_GE(std::min(refused, opened), 100);
 }

@@ -13,8 +13,8 @@
 #include "reportfile/tools/DurableFiles.h"
 #include "reportfile/tools/StoreBackup.h"
 #include "reportfile/tools/StoreRestore.h"
-#include "tests/reportfile/OrdinaryUser.h"
 #include "tests/reportfile/Trees.h"
+#include "tests/support/Attacker.h"
 #include "tests/support/Support.h"
 
 namespace qx::test {
@@ -45,8 +45,8 @@ class StoreRace : public testing::Test {
   // Exchanges both, and back. Makes what is missing.
   void Step() const {
     for (int i = 0; i < 4; ++i) {
-      Exchange(sub_.c_str(), dir_link_.c_str());
-      Exchange(file_.c_str(), file_link_.c_str());
+      ExchangeAndPause(sub_.c_str(), dir_link_.c_str());
+      ExchangeAndPause(file_.c_str(), file_link_.c_str());
     }
     // If the directory has the link's name now, it makes way for a new link.
     for (const char* const name : {"/a", "/b/c"}) (void)unlink((dir_link_ + name).c_str());
@@ -64,7 +64,8 @@ class StoreRace : public testing::Test {
 
   // Runs `work` again and again while the user is at it.
   void Race(const std::function<void()>& user_step, const std::function<void()>& work, int rounds = kRoundsMin) {
-    const OrdinaryUser user(dir_.File("theirs"), user_step);
+    GiveTreeToOrdinaryUser(dir_.File("theirs"));
+    const Attacker user(user_step);
     for (int round = 0; round < rounds || user.Steps() < kStepsMin; ++round) {
       work();
       ASSERT_EQ(ContentsOf(ours_), before_) << round;
@@ -133,7 +134,7 @@ TEST_F(StoreRace, RestoreWritesNothingThroughALinkAmongTheReports) {
     for (const std::string& name : {file_, sub_ + "/a", sub_ + "/b/c", sub_ + "/new"}) (void)unlink(name.c_str());
     (void)mkdir(sub_.c_str(), 0777);
     (void)symlink(ours_.c_str(), dir_link_.c_str());
-    for (int i = 0; i < 2; ++i) Exchange(sub_.c_str(), dir_link_.c_str());
+    for (int i = 0; i < 2; ++i) ExchangeAndPause(sub_.c_str(), dir_link_.c_str());
   };
   Race(step, [&] {
     if (report::RestoreReports(backup, top_, {.force = true}).state != report::RestoreState::kLinked) ++done;

@@ -4,10 +4,8 @@
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <stdexcept>
 
@@ -16,30 +14,6 @@
 namespace qx::test {
 
 namespace fs = std::filesystem;
-
-namespace {
-
-// In a child: sees nothing that only root may see from here on.
-[[noreturn]] void AnswerAsOrdinaryUser(const std::function<bool()>& question) {
-  if (setresgid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) _exit(2);
-  if (setresuid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) != 0) _exit(2);
-  _exit(question() ? 0 : 1);
-}
-
-}  // namespace
-
-void GiveToOrdinaryUser(const std::string& directory) {
-  const auto give = [](const fs::path& path) {
-    if (lchown(path.c_str(), kOrdinaryUser, kOrdinaryUser) != 0)
-      throw std::runtime_error("cannot give " + path.string());
-  };
-  give(directory);
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
-    struct stat status;
-    // What a test gave to somebody else on purpose stays theirs.
-    if (lstat(entry.path().c_str(), &status) == 0 && status.st_uid == 0) give(entry.path());
-  }
-}
 
 void MakeTree(const std::string& root, const Tree& entries) {
   fs::create_directories(root);
@@ -80,17 +54,6 @@ std::vector<std::string> Shortened(std::vector<std::string> lines, const std::st
     }
   }
   return lines;
-}
-
-bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& question) {
-  if (geteuid() != 0) return question();
-  GiveToOrdinaryUser(directory);
-  const pid_t child = fork();
-  if (child == 0) AnswerAsOrdinaryUser(question);
-  int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child) throw std::runtime_error("no child process");
-  if (!WIFEXITED(status) || WEXITSTATUS(status) > 1) throw std::runtime_error("the child process failed");
-  return WEXITSTATUS(status) == 0;
 }
 
 void RunOnSmallStack(const std::function<void()>& work) {

@@ -30,15 +30,6 @@ mode_t ModeOf(const std::string& path);
 // The lines with every `directory` in them as "T".
 std::vector<std::string> Shortened(std::vector<std::string> lines, const std::string& directory);
 
-inline constexpr uid_t kOrdinaryUser = 65534;
-
-// Gives root's own `directory`, and everything in it that is root's, to that user.
-void GiveToOrdinaryUser(const std::string& directory);
-
-// What `question` answers when an ordinary user asks: in a child process with another user id, if this is root, to whom
-// everything is allowed. Root's own `directory` and what is in it are handed to that user.
-bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& question);
-
 // Runs `work` to its end in a thread with a stack of 192 KiB.
 void RunOnSmallStack(const std::function<void()>& work);
 

@@ -1,51 +1,102 @@
 #include "tests/support/Attacker.h"
 
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <atomic>
 #include <csignal>
+#include <cstdio>
+#include <filesystem>
 #include <stdexcept>
 
 #include "tests/support/Support.h"
 
 namespace qx::test {
 
+namespace fs = std::filesystem;
+
 namespace {
 
-void BecomeOrdinaryUser() {
-  const bool is_done = setgid(kOrdinaryUser) == 0 && setresuid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) == 0;
-  if (!is_done) EndChild(2);
+constexpr int kNoOrdinaryUser = 2;
+
+long* NewSharedCounter() {
+  void* const memory = mmap(nullptr, sizeof(long), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) throw std::runtime_error("no shared memory");
+  return static_cast<long*>(memory);
+}
+
+[[noreturn]] void Repeat(const std::function<void()>& step, long* steps) {
+  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves no attacker
+  if (!BecomeOrdinaryUser()) _exit(kNoOrdinaryUser);
+  for (;;) {
+    step();
+    std::atomic_ref(*steps).fetch_add(1);
+  }
 }
 
 }  // namespace
 
+bool IsRoot() { return geteuid() == 0; }
+
+bool BecomeOrdinaryUser() {
+  return setgroups(0, nullptr) == 0 && setresgid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) == 0 &&
+         setresuid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) == 0;
+}
+
 bool AsOrdinaryUser(const std::function<bool()>& action) {
+  if (!IsRoot()) return action();
   const pid_t child = fork();
-  if (child == 0) {
-    BecomeOrdinaryUser();
-    EndChild(action() ? 0 : 1);
-  }
+  if (child == 0) EndChild(!BecomeOrdinaryUser() ? kNoOrdinaryUser : (action() ? 0 : 1));
   int status = 0;
-  return child > 0 && waitpid(child, &status, 0) == child && status == 0;
+  if (child < 0 || waitpid(child, &status, 0) != child) throw std::runtime_error("no child process");
+  if (!WIFEXITED(status) || WEXITSTATUS(status) > 1) throw std::runtime_error("the child process failed");
+  return WEXITSTATUS(status) == 0;
+}
+
+bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& action) {
+  if (IsRoot()) GiveTreeToOrdinaryUser(directory);
+  return AsOrdinaryUser(action);
 }
 
 void GiveToOrdinaryUser(const std::string& path) {
   if (lchown(path.c_str(), kOrdinaryUser, kOrdinaryUser) != 0) throw std::runtime_error("cannot give away " + path);
 }
 
-Attacker::Attacker(const std::function<void()>& step) : pid_(fork()) {
-  if (pid_ < 0) throw std::runtime_error("no process for the attacker");
-  if (pid_ > 0) return;
-  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves no attacker
-  BecomeOrdinaryUser();
-  for (;;) step();
+void GiveTreeToOrdinaryUser(const std::string& directory) {
+  GiveToOrdinaryUser(directory);
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
+    struct stat status;
+    // What a test gave to somebody else on purpose stays theirs.
+    if (lstat(entry.path().c_str(), &status) == 0 && status.st_uid == 0) GiveToOrdinaryUser(entry.path());
+  }
+}
+
+Attacker::Attacker(const std::function<void()>& step) : steps_(NewSharedCounter()) {
+  process_ = fork();
+  if (process_ == 0) Repeat(step, steps_);
+  if (process_ < 0) throw std::runtime_error("no process for the attacker");
 }
 
 Attacker::~Attacker() {
-  (void)kill(pid_, SIGKILL);
-  (void)waitpid(pid_, nullptr, 0);
+  (void)kill(process_, SIGKILL);
+  (void)waitpid(process_, nullptr, 0);
+  (void)munmap(steps_, sizeof(long));
+}
+
+long Attacker::Steps() const { return std::atomic_ref(*steps_).load(); }
+
+void Exchange(const char* left, const char* right) {
+  (void)renameat2(AT_FDCWD, left, AT_FDCWD, right, RENAME_EXCHANGE);  // one of them may be gone at this moment
+}
+
+void ExchangeAndPause(const char* left, const char* right) {
+  Exchange(left, right);
+  usleep(1);
 }
 
 }  // namespace qx::test
