@@ -1,4 +1,4 @@
-// An ordinary user prepares files, links, pipes and records; root runs qxctl. He gains nothing.
+// An ordinary user prepares files, links, pipes and records; root runs qxctl. The user gains nothing.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -93,7 +93,7 @@ class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
 
 }  // namespace
 
-TEST_F(AttacksOnQxctl, HisSetIdFileDoesNotBecomeRoots) {
+TEST_F(AttacksOnQxctl, SetIdBitsOfAUsersFileDoNotBecomeRoots) {
   const std::string path = HisFile("load.csv", "his", 06777);
   for (const std::vector<std::string>& command : Writers(path)) {
     ExpectRefused(Qxctl(command), command);
@@ -102,7 +102,7 @@ TEST_F(AttacksOnQxctl, HisSetIdFileDoesNotBecomeRoots) {
   }
 }
 
-TEST_F(AttacksOnQxctl, ForceReplacesHisFileAndKeepsItsOwner) {
+TEST_F(AttacksOnQxctl, ForceReplacesTheUsersFileAndKeepsItsOwner) {
   const std::string path = HisFile("load.csv", "his", 06777);
   for (std::vector<std::string> command : Writers(path)) {
     WriteFile(path, "");
@@ -117,18 +117,18 @@ TEST_F(AttacksOnQxctl, ForceReplacesHisFileAndKeepsItsOwner) {
   }
 }
 
-TEST_F(AttacksOnQxctl, ForceReadsHisFile) {
+TEST_F(AttacksOnQxctl, ForceReadsTheUsersFile) {
   const std::string path = HisFile("request.xml", "<a/>", 0644);
   EXPECT_EQ(Qxctl({"module", "reflect", "--input", "@" + path, "--force"}).code, 0);
 }
 
-TEST_F(AttacksOnQxctl, HisLinkDoesNotLeadToRootsFile) {
+TEST_F(AttacksOnQxctl, LinkOfAUserDoesNotLeadToRootsFile) {
   const std::string path = HisLink("l.csv");
   for (const std::vector<std::string>& command : Writers(path)) ExpectRefused(Qxctl(command), command);
   ExpectRootsFileUntouched();
 }
 
-TEST_F(AttacksOnQxctl, HisLinkIsNotReadForHim) {
+TEST_F(AttacksOnQxctl, LinkOfAUserToRootsFileIsNotRead) {
   const std::string path = HisLink("request.xml");
   for (const std::vector<std::string>& command : Readers(path)) {
     const Ran ran = Qxctl(command);
@@ -137,12 +137,12 @@ TEST_F(AttacksOnQxctl, HisLinkIsNotReadForHim) {
   }
 }
 
-TEST_F(AttacksOnQxctl, HisFileIsNotReadWithoutForce) {
+TEST_F(AttacksOnQxctl, FileOfAUserIsNotReadWithoutForce) {
   const std::string path = HisFile("request.xml", "<a/>", 0644);
   for (const std::vector<std::string>& command : Readers(path)) ExpectRefused(Qxctl(command), command);
 }
 
-TEST_F(AttacksOnQxctl, HisPipeDoesNotBlock) {
+TEST_F(AttacksOnQxctl, PipeOfAUserDoesNotBlock) {
   const std::string path = HisPipe("pipe");
   for (const std::vector<std::string>& command : Readers(path)) ExpectRefused(Qxctl(command), command);
   for (const std::vector<std::string>& command : Writers(path)) {
@@ -150,7 +150,7 @@ TEST_F(AttacksOnQxctl, HisPipeDoesNotBlock) {
   }
 }
 
-TEST_F(AttacksOnQxctl, RootsOwnFileLosesItsSetIdBits) {
+TEST_F(AttacksOnQxctl, NewContentOfRootsFileHasNoSetIdBits) {
   WriteFile(Dir().File("own"), "old");
   ASSERT_EQ(chmod(Dir().File("own").c_str(), 06777), 0);
   ASSERT_EQ(Qxctl({"fetch", "load", "-o", "own"}).code, 0);
@@ -158,7 +158,7 @@ TEST_F(AttacksOnQxctl, RootsOwnFileLosesItsSetIdBits) {
   EXPECT_EQ(ReadFile(Dir().File("own")), "one\r\n1 2\r\n");
 }
 
-TEST_F(AttacksOnQxctl, AnExchangedOutputNeverReachesRootsFile) {
+TEST_F(AttacksOnQxctl, ExchangedOutputNeverReachesRootsFile) {
   const std::string path = Dir().File("out/load.csv");
   const std::string link = HisLink("link");
   const Attacker attacker([&] {
@@ -172,7 +172,7 @@ TEST_F(AttacksOnQxctl, AnExchangedOutputNeverReachesRootsFile) {
   ExpectRootsFileUntouched();
 }
 
-TEST_F(AttacksOnQxctl, HisReportsAreNotTheReportDirectory) {
+TEST_F(AttacksOnQxctl, ReportsOfAUserAreNotTheReportDirectory) {
   GiveToOrdinaryUser(Dir().File("Reports"));
   const Ran fetched = Qxctl({"fetch", "load"});
   EXPECT_EQ(fetched.code, kRefused);
@@ -185,7 +185,7 @@ TEST_F(AttacksOnQxctl, HisReportsAreNotTheReportDirectory) {
   EXPECT_EQ(Qxctl({"report", "restore", "copy"}).code, kRefused);
 }
 
-TEST_F(AttacksOnQxctl, HisLinkIsNotTheReportDirectory) {
+TEST_F(AttacksOnQxctl, LinkOfAUserIsNotTheReportDirectory) {
   fs::rename(Dir().File("Reports"), Dir().File("real"));
   ASSERT_EQ(symlink("real", Dir().File("Reports").c_str()), 0);
   EXPECT_EQ(Qxctl({"fetch", "load"}).code, 0) << "a link of root's";
@@ -233,7 +233,7 @@ TEST_F(AttacksOnQxctl, JsonOnATerminalStaysJson) {
 }
 
 // 1,073,741,823 slots, of which the first 1,018 are stored.
-TEST_F(AttacksOnQxctl, AHoleOfAnIndexFileIsLeftOut) {
+TEST_F(AttacksOnQxctl, HoleOfAnIndexFileIsLeftOut) {
   constexpr std::uint32_t kSlots = 0x3FFFFFFF;
   const std::uint32_t header[6] = {10, 10, kSlots, kSlots, kSlots, 0};
   std::string index(reinterpret_cast<const char*>(header), sizeof header);
@@ -250,7 +250,7 @@ TEST_F(AttacksOnQxctl, AHoleOfAnIndexFileIsLeftOut) {
 }
 
 // The reply does not fit into the pipe, so that the process waits for a reader that never comes.
-TEST_F(AttacksOnQxctl, ASignalRemovesThePrivateDirectory) {
+TEST_F(AttacksOnQxctl, SignalRemovesThePrivateDirectory) {
   WriteFile(Dir().File("big.xml"), "<a>" + std::string(200000, 'x') + "</a>");
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     fs::create_directory(Dir().File("tmp"));
@@ -264,7 +264,7 @@ TEST_F(AttacksOnQxctl, ASignalRemovesThePrivateDirectory) {
   }
 }
 
-TEST_F(AttacksOnQxctl, ASignalRemovesTheDirectoryOfFaults) {
+TEST_F(AttacksOnQxctl, SignalRemovesTheDirectoryOfFaults) {
   fs::create_directory(Dir().File("tmp"));
   Start start = StartHere();
   start.environment["TMPDIR"] = Dir().File("tmp");

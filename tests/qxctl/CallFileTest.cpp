@@ -25,7 +25,7 @@ using ctl::RawBlock;
 using ctl::RecordedCall;
 using testing::HasSubstr;
 
-// A block with everything that the format knows.
+// A block with every kind of element of the format.
 void FillEverything(RawBlock& block) {
   krx_nested_block* const credentials =
       block.Block({block.Number(16, kKrxTypeUint16, 1), block.Element(19, 3, block.List({block.Text(25, 8, "u")}))});
@@ -74,7 +74,7 @@ std::string WithElement(const char* element) {
 
 }  // namespace
 
-TEST(CallFile, ACallReadsBackAsItWasWrittenAndAsTheSameBytes) {
+TEST(CallFile, WrittenCallIsReadBackAndWrittenAsTheSameBytes) {
   const RecordedCall call = Everything();
   const std::string text = CallFileText(call);
   RecordedCall read;
@@ -89,7 +89,7 @@ TEST(CallFile, ACallReadsBackAsItWasWrittenAndAsTheSameBytes) {
   EXPECT_EQ(CallFileText(read), text);
 }
 
-TEST(CallFile, ABlockBuiltFromAFileShowsAsTheSameFile) {
+TEST(CallFile, BlockBuiltFromAFileIsWrittenAsTheSameFile) {
   const Json json = Everything().block;
   RawBlock block;
   std::string problem;
@@ -98,7 +98,7 @@ TEST(CallFile, ABlockBuiltFromAFileShowsAsTheSameFile) {
   ASSERT_NE(block.ProviderData(), nullptr);
 }
 
-TEST(CallFile, AListAndValidationDataAreKnownByTheirIndexWhateverTheirTypeSays) {
+TEST(CallFile, IndexIdentifiesListAndValidationDataWhateverTheTypeIs) {
   for (const std::int32_t type : std::vector<std::int32_t>{kKrxTypeUint8, kKrxTypeUint16, kKrxTypeUint32, 3, 77}) {
     RawBlock block;
     block.SetElements({block.Element(19, type, block.List({block.Text(25, kKrxTypeString, "u")})),
@@ -113,7 +113,7 @@ TEST(CallFile, AListAndValidationDataAreKnownByTheirIndexWhateverTheirTypeSays) 
   }
 }
 
-TEST(CallFile, WhateverIndexAndTypeAnElementHasItsValueReadsBack) {
+TEST(CallFile, ValueIsReadBackForEveryIndexAndType) {
   alignas(8) std::array<char, 64> zeros =
       {};  // a number, an empty text, a block, list or validation data without anything
   for (std::int32_t index = 0; index < 100; ++index) {
@@ -129,7 +129,7 @@ TEST(CallFile, WhateverIndexAndTypeAnElementHasItsValueReadsBack) {
   }
 }
 
-TEST(CallFile, BlocksWhereTheCredentialMarkerHasItsPlaceAreRecordedAsBlocks) {
+TEST(CallFile, BlocksWithACredentialMarkerAreRecordedAsBlocks) {
   RawBlock block;
   block.SetElements({block.Element(kKrxCredentialMarker, kKrxTypeNested, block.Block({}, nullptr))});
   const Json json = BlockToJson(*block.Raw());
@@ -153,7 +153,7 @@ TEST(CallFile, TheWorkedExampleIsWhatIsWritten) {
   EXPECT_EQ(CallFileText(call), DocExample("testing-modules.md", "call-file"));
 }
 
-TEST(CallFile, ATagOfFourBytesHasNoNul) {
+TEST(CallFile, TagOfFourBytesHasNoNul) {
   RawBlock block;
   std::memcpy(block.Header().tag, "ABCD", 4);
   const Json json = BlockToJson(*block.Raw());
@@ -164,12 +164,12 @@ TEST(CallFile, ATagOfFourBytesHasNoNul) {
   EXPECT_EQ(std::string(again.Header().tag, 4), "ABCD");
 }
 
-TEST(CallFile, EveryPrefixIsRefusedAndNoneCrashes) {
+TEST(CallFile, EveryPrefixIsRefusedWithoutACrash) {
   const std::string text = CallFileText(Everything());
   for (std::size_t size = 0; size + 2 < text.size(); ++size) EXPECT_NE(Problem(text.substr(0, size)), "") << size;
 }
 
-TEST(CallFile, AChangedByteNeverCrashesAndWhatIsTakenReadsBack) {
+TEST(CallFile, ChangedByteNeverCrashesAndAcceptedFilesAreReadBack) {
   const std::string good = CallFileText(Everything());
   for (std::size_t at = 0; at < good.size(); ++at) {
     for (const char byte : {'\0', '9', '"', '[', '{', '-', '\xFF'}) {
@@ -184,7 +184,7 @@ TEST(CallFile, AChangedByteNeverCrashesAndWhatIsTakenReadsBack) {
   }
 }
 
-TEST(CallFile, WhatIsNoCallIsRefusedWithTheReason) {
+TEST(CallFile, InvalidCallFileIsRefusedWithTheReason) {
   EXPECT_THAT(Problem(""), HasSubstr("no JSON object"));
   EXPECT_THAT(Problem("[]"), HasSubstr("no JSON object"));
   EXPECT_THAT(Problem(std::string(100000, '[')), HasSubstr("no JSON object"));
@@ -202,7 +202,7 @@ TEST(CallFile, WhatIsNoCallIsRefusedWithTheReason) {
   EXPECT_THAT(Problem(With("block", nullptr)), HasSubstr("block"));
 }
 
-TEST(CallFile, AnElementThatWouldMisleadAModuleIsRefused) {
+TEST(CallFile, ElementThatWouldMisleadAModuleIsRefused) {
   EXPECT_THAT(Problem(WithElement(R"({"index": 61, "type": 3, "number": 4096})")), HasSubstr("something else"));
   EXPECT_THAT(Problem(WithElement(R"({"index": 3, "type": 8, "number": 4096})")), HasSubstr("something else"));
   EXPECT_THAT(Problem(WithElement(R"({"index": 14, "type": 512, "number": 1})")), HasSubstr("something else"));
@@ -230,12 +230,12 @@ TEST(CallFile, NestingAndNumbersOfElementsAreBounded) {
   EXPECT_THAT(Problem(With("block", block)), HasSubstr("4096 elements"));
 }
 
-TEST(CallDiff, EqualRepliesGiveNothing) {
+TEST(CallDiff, EqualRepliesHaveNoDifference) {
   EXPECT_EQ(ctl::ReplyDiff("a", "a"), "");
   EXPECT_EQ(ctl::ReplyDiff(std::nullopt, std::nullopt), "");
 }
 
-TEST(CallDiff, TheFirstDifferenceIsShownWithItsPlace) {
+TEST(CallDiff, FirstDifferenceIsShownWithItsPosition) {
   EXPECT_EQ(ctl::ReplyDiff("one\ntwo\nthree", "one\ntwX\nthree"),
             "reply differs at byte 6, line 2 column 3\n  recorded one\\x0Atwo\\x0Athree\n  now      "
             "one\\x0AtwX\\x0Athree");
@@ -246,7 +246,7 @@ TEST(CallDiff, TheFirstDifferenceIsShownWithItsPlace) {
               HasSubstr("now      ..." + std::string(40, 'a') + "b"));
 }
 
-TEST(CallDiff, IgnoredAttributesAreTakenOutEverywhere) {
+TEST(CallDiff, IgnoredAttributesAreRemovedEverywhere) {
   EXPECT_EQ(ctl::WithoutAttributes("<A version=\"1\" x=\"y\"><B version=\"2\"/></A>", {"version"}),
             "<A version=\"*\" x=\"y\"><B version=\"*\"/></A>");
   EXPECT_EQ(ctl::WithoutAttributes("<A version=\"1", {"version"}), "<A version=\"1");

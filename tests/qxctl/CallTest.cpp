@@ -36,7 +36,7 @@ class QxctlCall : public testing::Test, protected QxctlFixture {
 
 }  // namespace
 
-TEST_F(QxctlCall, WhatPrintsTheReplyAndOnStandardErrorResultAndTime) {
+TEST_F(QxctlCall, ReplyGoesToStandardOutputResultAndTimeToStandardError) {
   const Ran ran = Qxctl({"module", "what"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_THAT(ran.out, MatchesRegex("<QXRemConXfer version=\"[0-9.]+\" date=\"[0-9/:-]+\" company=\"[A-Za-z]+\" "
@@ -68,7 +68,7 @@ TEST_F(QxctlCall, ReflectEchoesADocumentFromTheCommandLineAFileOrStandardInput) 
   EXPECT_EQ(Qxctl({"module", "reflect", "--input", "@-"}, document).out, document);
 }
 
-TEST_F(QxctlCall, ReflectOfWhatIsNoMarkupIsAFindingWithoutReply) {
+TEST_F(QxctlCall, ReflectOfMalformedMarkupIsAFindingWithoutReply) {
   const Ran ran = Qxctl({"module", "reflect", "--input", "<a>"});
   EXPECT_EQ(ran.code, 1);
   EXPECT_EQ(ran.out, "");
@@ -77,14 +77,14 @@ TEST_F(QxctlCall, ReflectOfWhatIsNoMarkupIsAFindingWithoutReply) {
   EXPECT_EQ(json::parse(Qxctl({"module", "reflect", "--json"}).out)["reply"], nullptr);
 }
 
-TEST_F(QxctlCall, AnInputFileThatIsMissingGivesNotFound) {
+TEST_F(QxctlCall, MissingInputFileIsNotFound) {
   const Ran ran = Qxctl({"module", "reflect", "--input", "@none.xml"});
   EXPECT_EQ(ran.code, 4);
   EXPECT_EQ(ran.err, "qxctl: there is no input file none.xml\n");
   EXPECT_EQ(Qxctl({"module", "reflect", "--input", "@Reports"}).code, 6) << "a directory is there, but cannot be read";
 }
 
-TEST_F(QxctlCall, ReportsAsksOnceFromTheGivenIndexForTheGivenNumber) {
+TEST_F(QxctlCall, ReportsRequestsOneChunkFromTheGivenIndex) {
   MakeReport("load", 9, {"a", "b", "c", "d"});
   const Ran ran = Qxctl({"module", "reports", "load", "--start", "1", "--records", "2"});
   EXPECT_EQ(ran.code, 0);
@@ -101,7 +101,7 @@ TEST_F(QxctlCall, ReportsTakesAWholeRequestDocument) {
   EXPECT_EQ(Qxctl({"module", "reports"}).code, 2);
 }
 
-TEST_F(QxctlCall, RecordsAfterTheEndAreAFindingWithTheModulesWords) {
+TEST_F(QxctlCall, RecordsAfterTheEndAreAFindingWithTheModulesMessage) {
   MakeReport("load", 9, {"a"});
   const Ran ran = Qxctl({"module", "reports", "load", "--start", "1", "--json"});
   EXPECT_EQ(ran.code, 1);
@@ -111,7 +111,7 @@ TEST_F(QxctlCall, RecordsAfterTheEndAreAFindingWithTheModulesWords) {
   EXPECT_EQ(call["exitCode"], 1);
 }
 
-TEST_F(QxctlCall, ReportsOfAMissingReportGivesNotFoundWithTheSystemsErrorNumber) {
+TEST_F(QxctlCall, MissingReportIsNotFoundWithTheErrorNumber) {
   const Ran ran = Qxctl({"module", "reports", "none", "--json"});
   EXPECT_EQ(ran.code, 4);
   const json call = json::parse(ran.out);
@@ -119,7 +119,7 @@ TEST_F(QxctlCall, ReportsOfAMissingReportGivesNotFoundWithTheSystemsErrorNumber)
   EXPECT_EQ(call["error"]["lastError"], 2);
 }
 
-TEST_F(QxctlCall, ReportsOfARefusedCallerHasNoReply) {
+TEST_F(QxctlCall, RefusedCallerGetsNoReply) {
   MakeReport("load", 9, {"secret"});
   const Ran ran = Qxctl({"module", "reports", "load", "--user", "bob", "--json"});
   EXPECT_EQ(ran.code, 5);
@@ -127,7 +127,7 @@ TEST_F(QxctlCall, ReportsOfARefusedCallerHasNoReply) {
   EXPECT_THAT(ran.out, testing::Not(HasSubstr("secret")));
 }
 
-TEST_F(QxctlCall, AReplyThatIsNotUtf8IsGivenInBase64) {
+TEST_F(QxctlCall, ReplyThatIsNotUtf8IsInBase64) {
   MakeReport("load", 9, {"\xE4"});
   const json call = json::parse(Qxctl({"module", "reports", "load", "--json"}).out);
   EXPECT_EQ(call["reply"], nullptr);
@@ -137,7 +137,7 @@ TEST_F(QxctlCall, AReplyThatIsNotUtf8IsGivenInBase64) {
       "Cg==");
 }
 
-TEST_F(QxctlCall, AWrongTagIsRefusedWithTheModulesWords) {
+TEST_F(QxctlCall, WrongTagIsRefusedWithTheModulesMessage) {
   MakeReport("load", 9, {"a"});
   const Ran wrong = Qxctl({"module", "reports", "load", "--tag", "ABC"});
   EXPECT_EQ(wrong.code, 5);
@@ -162,7 +162,7 @@ TEST_F(QxctlCall, PrivilegesAreGroupedByDepartment) {
   EXPECT_THAT(SeenByModule({"module", "what", "--privilege", "a"}), HasSubstr(" 61={65 user null [ a]}]"));
 }
 
-TEST_F(QxctlCall, OmittedElementsAreLeftOutWhereverTheyStand) {
+TEST_F(QxctlCall, OmittedElementsAreLeftOutOfEveryBlock) {
   EXPECT_EQ(SeenByModule({"module", "what", "--omit", "1,3,15"}), "What KRX 30400 [2=1 5=qxctl 14={}]");
   EXPECT_EQ(SeenByModule({"module", "what", "--user", "bob", "--omit", "65", "--omit", "14"}),
             "What KRX 30400 [1=null 2=1 3=What 5=qxctl 61={}]");
@@ -170,7 +170,7 @@ TEST_F(QxctlCall, OmittedElementsAreLeftOutWhereverTheyStand) {
   EXPECT_EQ(Qxctl({"module", "what", "--omit", "4"}).code, 2);
 }
 
-TEST_F(QxctlCall, AMissingModuleIsNotFoundAndAnotherLibraryAnIoFailure) {
+TEST_F(QxctlCall, MissingModuleIsNotFoundAndAnotherLibraryAnIoFailure) {
   const Ran missing = Qxctl({"module", "what", "--module", "none.so"});
   EXPECT_EQ(missing.code, 4);
   EXPECT_EQ(missing.err, "qxctl: there is no module none.so; name it with --module or in QX_MODULE\n");
@@ -179,7 +179,7 @@ TEST_F(QxctlCall, AMissingModuleIsNotFoundAndAnotherLibraryAnIoFailure) {
   EXPECT_THAT(Qxctl({"module", "what", "--module", "text.so"}).err, StartsWith("qxctl: cannot load the module: "));
 }
 
-TEST_F(QxctlCall, WithoutANameTheModuleInTheLibraryFolderNextToTheToolIsTaken) {
+TEST_F(QxctlCall, DefaultModuleIsInTheLibraryFolderNextToTheTool) {
   Start start = StartHere();
   start.environment = {{"QX_MODULE", ""}};
   EXPECT_EQ(Qxctl({"module", "what"}, start).code, 0);
@@ -188,7 +188,7 @@ TEST_F(QxctlCall, WithoutANameTheModuleInTheLibraryFolderNextToTheToolIsTaken) {
   EXPECT_EQ(Qxctl({"module", "what", "--module", ModulePath()}, start).code, 0);
 }
 
-TEST_F(QxctlCall, TheTracesOfARunningServiceStayUntouched) {
+TEST_F(QxctlCall, TracesOfARunningServiceStayUntouched) {
   std::filesystem::create_directory(Dir().File("service"));
   std::filesystem::create_directory(Dir().File("tmp"));
   const std::string log = Dir().File("service/log.qxremconxfer");
@@ -208,7 +208,7 @@ TEST_F(QxctlCall, TheTracesOfARunningServiceStayUntouched) {
   EXPECT_TRUE(std::filesystem::is_empty(Dir().File("tmp"))) << "the private directory is gone";
 }
 
-TEST_F(QxctlCall, ThePrivateTraceDirectoryIsInTmpdirWithMode0700) {
+TEST_F(QxctlCall, PrivateTraceDirectoryIsInTmpdirWithMode0700) {
   std::filesystem::create_directory(Dir().File("fake"));
   std::filesystem::create_directory(Dir().File("tmp"));
   Start start = StartHere();
@@ -231,7 +231,7 @@ TEST_F(QxctlCall, TracesAreKeptInTheNamedDirectoryOnRequest) {
   EXPECT_TRUE(Exists(Dir().File("traces/log.qxctl")));
 }
 
-TEST_F(QxctlCall, ATraceDirectoryThatHoldsAModulesLogIsRefused) {
+TEST_F(QxctlCall, TraceDirectoryWithALogOfAModuleIsRefused) {
   std::filesystem::create_directory(Dir().File("traces"));
   WriteFile(Dir().File("traces/log.qxremconxfer"), "the service's");
   const Ran ran = Qxctl({"--trace", "traces", "module", "what"});
@@ -240,7 +240,7 @@ TEST_F(QxctlCall, ATraceDirectoryThatHoldsAModulesLogIsRefused) {
   EXPECT_EQ(ReadFile(Dir().File("traces/log.qxremconxfer")), "the service's");
 }
 
-TEST_F(QxctlCall, AWrongCommandLineIsAUsageErrorOnStandardError) {
+TEST_F(QxctlCall, WrongCommandLineIsAUsageErrorOnStandardError) {
   for (const std::vector<std::string>& arguments : {std::vector<std::string>{},
                                                     {"nothing"},
                                                     {"module"},

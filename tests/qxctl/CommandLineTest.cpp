@@ -1,4 +1,4 @@
-// What every command line has in common: what --help shows, and what is refused before a command runs.
+// All command lines: what --help shows, and what is refused before a command runs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -58,7 +58,7 @@ TEST_F(QxctlCommandLine, HelpShowsWhatIsOptionalRepeatableOrAChoice) {
   EXPECT_THAT(Qxctl({"--help"}).out, HasSubstr("\n  --color auto|always|never   Colour"));
 }
 
-TEST_F(QxctlCommandLine, HelpOfAGroupListsItsCommandsAlone) {
+TEST_F(QxctlCommandLine, HelpOfAGroupListsOnlyItsCommands) {
   const std::string help = Qxctl({"ini", "--help"}).out;
   EXPECT_THAT(help, HasSubstr("Usage: qxctl ini COMMAND [OPTIONS]\n"));
   EXPECT_THAT(help, HasSubstr("\nCommands:\n  list                        List the sections"));
@@ -66,7 +66,7 @@ TEST_F(QxctlCommandLine, HelpOfAGroupListsItsCommandsAlone) {
   EXPECT_THAT(help, Not(HasSubstr("registry")));
 }
 
-TEST_F(QxctlCommandLine, HelpOfQxctlListsNoCommandOfAGroupAndNoneThatIsHidden) {
+TEST_F(QxctlCommandLine, HelpOfQxctlListsNeitherCommandsOfGroupsNorHiddenOnes) {
   const std::string help = Qxctl({"--help"}).out;
   EXPECT_THAT(help, HasSubstr("\n  completion "));
   EXPECT_THAT(help, Not(HasSubstr("salvage")));
@@ -83,7 +83,7 @@ TEST_F(QxctlCommandLine, VersionIsOneLine) { EXPECT_THAT(Qxctl({"--version"}).ou
 
 // --- what is refused
 
-TEST_F(QxctlCommandLine, AWrongLineIsRefusedWithItsReason) {
+TEST_F(QxctlCommandLine, WrongLineIsRefusedWithItsReason) {
   const std::vector<WrongLine> lines = {
       {{}, "A subcommand is required; \"qxctl --help\""},
       {{"report"}, "A subcommand is required; \"qxctl report --help\""},
@@ -114,14 +114,14 @@ TEST_F(QxctlCommandLine, AWrongLineIsRefusedWithItsReason) {
   }
 }
 
-TEST_F(QxctlCommandLine, ARefusedLineMakesNoTraceDirectory) {
+TEST_F(QxctlCommandLine, RefusedLineMakesNoTraceDirectory) {
   EXPECT_EQ(Qxctl({"fetch", "load", "--trace", "traces", "--tag", "12345"}).code, 2);
   EXPECT_FALSE(Exists(Dir().File("traces")));
 }
 
 // --- what is accepted
 
-TEST_F(QxctlCommandLine, AChoiceThatIgnoresCaseMeansTheSame) {
+TEST_F(QxctlCommandLine, ChoiceIsAcceptedInEitherCase) {
   const Ran json = Qxctl({"report", "cat", "Reports/load", "--format", "json"});
   EXPECT_EQ(Qxctl({"report", "cat", "Reports/load", "--format", "JSON"}).out, json.out);
   EXPECT_THAT(json.out, StartsWith("{\"index\":0"));
@@ -132,7 +132,7 @@ TEST_F(QxctlCommandLine, NumbersMayBeHexadecimal) {
   EXPECT_THAT(Qxctl({"report", "info", "Reports/sixteen"}).out, HasSubstr("0 of 16\n"));
 }
 
-TEST_F(QxctlCommandLine, AnArgumentMayBeEmpty) {
+TEST_F(QxctlCommandLine, ArgumentMayBeEmpty) {
   WriteFile(Dir().File("a.ini"), "[A]\nx=1\n");
   EXPECT_EQ(Qxctl({"ini", "delete", "a.ini", "A", ""}).code, 4);
   EXPECT_THAT(Qxctl({"ini", "delete", "a.ini", "A"}).out, HasSubstr("- [A]"));

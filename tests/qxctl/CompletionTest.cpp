@@ -1,4 +1,4 @@
-// What the tab key offers, asked of a real bash and a real zsh; and that the table is complete.
+// What a real bash and a real zsh offer for the tab key, and that the table is complete.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -48,7 +48,7 @@ class QxctlCompletion : public testing::Test, protected QxctlFixture {
     WriteFile(Dir().File("zsh"), Qxctl({"completion", "zsh"}).out);
   }
 
-  // What bash offers for the last of these words, as it has split them.
+  // What bash offers for the last of these words, after it has split the line.
   std::vector<std::string> Offers(const std::vector<std::string>& words) const {
     std::string script = "source ./bash\nCOMP_WORDS=(" + Quoted(QxctlPath());
     for (const std::string& word : words) script += " " + Quoted(word);
@@ -59,7 +59,7 @@ class QxctlCompletion : public testing::Test, protected QxctlFixture {
     return LinesOf(ran.out);
   }
 
-  // What zsh offers for this command line: an interactive zsh on a terminal of its own, its compadd printing.
+  // What zsh offers for this command line. An interactive zsh runs on its own terminal, with a compadd that prints.
   std::vector<std::string> ZshOffers(const std::string& line) const {
     const std::string inner =
         "PROMPT=\nautoload -Uz compinit && compinit -D -u\nsource ./zsh\n"
@@ -132,7 +132,7 @@ TEST_F(QxctlCompletion, FilesAndDirectories) {
   EXPECT_THAT(Offers({"report", "backup", "lim"}), IsEmpty());
 }
 
-TEST_F(QxctlCompletion, ANameThatBeginsWithAHyphenIsNotAnOption) {
+TEST_F(QxctlCompletion, NameThatBeginsWithAHyphenIsNotAnOption) {
   WriteFile(Dir().File("--apply"), "[A]\n");
   MakeReport("-r", 3, {"a"});
   EXPECT_THAT(Offers({"ini", "list", ""}), Contains("./--apply"));
@@ -142,7 +142,7 @@ TEST_F(QxctlCompletion, ANameThatBeginsWithAHyphenIsNotAnOption) {
   EXPECT_THAT(ZshOffers("qxctl ini list "), Not(Contains("--apply")));
 }
 
-TEST_F(QxctlCompletion, TheValueOfAnOption) {
+TEST_F(QxctlCompletion, ValueOfAnOption) {
   EXPECT_THAT(Offers({"fetch", "--color", "a"}), ElementsAre("auto", "always"));
   EXPECT_THAT(Offers({"fetch", "--color", "=", "n"}), ElementsAre("never"));
   EXPECT_THAT(Offers({"fetch", "--color", "="}), ElementsAre("auto", "always", "never"));
@@ -150,8 +150,8 @@ TEST_F(QxctlCompletion, TheValueOfAnOption) {
   EXPECT_THAT(Offers({"completion", ""}), ElementsAre("bash", "zsh"));
 }
 
-// Of a command's argument and of an option with the same help, the kind decides and not the name.
-TEST_F(QxctlCompletion, ANameThatIsNoReportIsNotCompletedAsOne) {
+// Two parameters may have the same name: what is offered depends on their kind.
+TEST_F(QxctlCompletion, ArgumentNamedLikeAReportIsCompletedByItsKind) {
   EXPECT_THAT(Offers({"registry", "get", "KEY", "lo"}), IsEmpty());
   EXPECT_THAT(Offers({"module", "load-test", "--report", "loa"}), ElementsAre("load"));
 }
@@ -166,7 +166,7 @@ TEST_F(QxctlCompletion, ArgumentsAfterTwoHyphensAreNotOptions) {
   EXPECT_THAT(Offers({"fetch", "--", "loa"}), ElementsAre("load"));
 }
 
-TEST_F(QxctlCompletion, AskingForReportsIsSilentWithoutReports) {
+TEST_F(QxctlCompletion, NoReportDirectoryOffersNothingWithoutAMessage) {
   Start start = StartHere();
   const TempDir elsewhere;
   start.directory = elsewhere.Path();
@@ -175,12 +175,12 @@ TEST_F(QxctlCompletion, AskingForReportsIsSilentWithoutReports) {
   EXPECT_EQ(ran.out + ran.err, "");
 }
 
-TEST_F(QxctlCompletion, ASourcedScriptIsRegistered) {
+TEST_F(QxctlCompletion, SourcedScriptIsRegistered) {
   const Ran ran = Child({"bash", "-c", "source ./bash && complete -p qxctl"}, StartHere()).Wait();
   EXPECT_EQ(ran.out, "complete -F _qxctl qxctl\n");
 }
 
-// The script before its tables are filled in, and as a user gets it.
+// Both the template and the script that a user gets.
 TEST_F(QxctlCompletion, ShellcheckFindsNothingInTheBashScript) {
   const std::string source = QX_SOURCE_DIR "/tools/qxctl/cli/describe/completion.bash";
   for (const std::string& script : {source, Dir().File("bash")}) {

@@ -1,4 +1,4 @@
-// qxctl registry ls|get and ini list|get: looking into the configuration without changing it.
+// qxctl registry ls|get and ini list|get: they show the configuration and do not change it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -68,7 +68,7 @@ TEST_F(QxctlRegistry, RecursionVisitsKeysInTheFilesOrder) {
             "HKEY_LOCAL_MACHINE/SOFTWARE/Sub:\nx=s=\n\n");
 }
 
-TEST_F(QxctlRegistry, ADeepTreeIsListed) {
+TEST_F(QxctlRegistry, DeepTreeIsListed) {
   std::string text;
   for (int i = 0; i < 1000; ++i) text += "[k]\n";
   WriteFile(Dir().File("registry"), text + "v=d=1\n");
@@ -77,7 +77,7 @@ TEST_F(QxctlRegistry, ADeepTreeIsListed) {
   EXPECT_EQ(json::parse(ran.out)["keys"].size(), 1001U);
 }
 
-TEST_F(QxctlRegistry, LsAsJsonHoldsTypesAndValues) {
+TEST_F(QxctlRegistry, LsAsJsonHasTypesAndValues) {
   const json keys = json::parse(Run({"ls", "HKEY_LOCAL_MACHINE/SOFTWARE", "--json"}).out)["keys"];
   EXPECT_EQ(keys, json::parse(R"([{"key": "HKEY_LOCAL_MACHINE/SOFTWARE", "values": [
       {"name": "Blob", "type": "REG_BINARY", "value": "0a ff"},
@@ -98,7 +98,7 @@ TEST_F(QxctlRegistry, GetPrintsOneValue) {
             json({{"key", key}, {"name", "Count"}, {"type", "REG_DWORD"}, {"value", -5}}));
 }
 
-TEST_F(QxctlRegistry, GetExpandsOnlyWhenAsked) {
+TEST_F(QxctlRegistry, GetExpandsOnlyOnRequest) {
   const ScopedEnv place("QX_PLACE", "/home/a");
   EXPECT_EQ(Run({"get", "HKEY_LOCAL_MACHINE/SOFTWARE", "Home"}).out, "%QX_PLACE%/x\n");
   EXPECT_EQ(Run({"get", "HKEY_LOCAL_MACHINE/SOFTWARE", "Home", "--expand"}).out, "/home/a/x\n");
@@ -106,9 +106,9 @@ TEST_F(QxctlRegistry, GetExpandsOnlyWhenAsked) {
   EXPECT_EQ(Run({"get", "HKEY_LOCAL_MACHINE/SOFTWARE", "Home", "--expand"}).out, "/x\n");
 }
 
-TEST_F(QxctlRegistry, AMissingKeyValueOrRegistryIsNotFound) {
+TEST_F(QxctlRegistry, MissingKeyValueOrRegistryIsNotFound) {
   EXPECT_EQ(Run({"ls", "HKEY_USERS"}).code, 4);
-  EXPECT_EQ(Run({"ls", "HKEY_LOCAL_MACHINE/SOFTWARE/Name"}).code, 4);  // a value is no key
+  EXPECT_EQ(Run({"ls", "HKEY_LOCAL_MACHINE/SOFTWARE/Name"}).code, 4);  // a value is not a key
   EXPECT_EQ(Run({"get", "HKEY_LOCAL_MACHINE/SOFTWARE", "name"}).code, 4);
   EXPECT_EQ(Run({"get", "HKEY_LOCAL_MACHINE/SOFTWARE", "Sub"}).code, 4);
   std::filesystem::remove(Dir().File("registry"));
@@ -117,7 +117,7 @@ TEST_F(QxctlRegistry, AMissingKeyValueOrRegistryIsNotFound) {
   EXPECT_THAT(ran.err, HasSubstr("there is no registry in " + Dir().Path()));
 }
 
-TEST_F(QxctlRegistry, AFallbackIsNamed) {
+TEST_F(QxctlRegistry, FallbackIsNamed) {
   std::filesystem::rename(Dir().File("registry"), Dir().File("registry.old"));
   const Ran ran = Run({"ls"});
   EXPECT_EQ(ran.code, 0);
@@ -132,7 +132,7 @@ TEST_F(QxctlRegistry, OneFileCanBeReadAlone) {
   EXPECT_EQ(Qxctl({"registry", "ls", "--file", "backup", "--directory", "."}).code, 2);
 }
 
-TEST_F(QxctlRegistry, LookingLeavesTheDirectoryAsItWas) {
+TEST_F(QxctlRegistry, ReadingLeavesTheDirectoryUnchanged) {
   (void)Run({"ls", "-r"});
   (void)Run({"get", "HKEY_LOCAL_MACHINE/SOFTWARE", "Count"});
   EXPECT_EQ(ReadFile(Dir().File("registry")), kTree);
@@ -145,13 +145,13 @@ TEST_F(QxctlIni, ListPrintsTheSectionsOrTheEntriesOfOne) {
   EXPECT_EQ(Qxctl({"ini", "list", "a.ini", "Two"}).out, "x=1\n");
 }
 
-TEST_F(QxctlIni, ValuesAreWhatAReaderGets) {
+TEST_F(QxctlIni, ValuesAreThoseThatAReaderGets) {
   EXPECT_EQ(Qxctl({"ini", "list", "a.ini", "One"}).out, "key=value\nempty=\nkey=value\n");
   EXPECT_EQ(Qxctl({"ini", "get", "a.ini", "One", "key"}).out, "value\n");
   EXPECT_EQ(Qxctl({"ini", "get", "a.ini", "One", "empty"}).out, "\n");
 }
 
-TEST_F(QxctlIni, JsonHoldsTheSameAsTheText) {
+TEST_F(QxctlIni, JsonHasTheSameEntriesAsTheText) {
   EXPECT_EQ(json::parse(Qxctl({"ini", "list", "a.ini", "--json"}).out),
             json::parse(R"({"file": "a.ini", "sections": [{"section": "One"}, {"section": "Two"}]})"));
   EXPECT_EQ(json::parse(Qxctl({"ini", "list", "a.ini", "Two", "--json"}).out),
@@ -160,7 +160,7 @@ TEST_F(QxctlIni, JsonHoldsTheSameAsTheText) {
             json::parse(R"({"file": "a.ini", "section": "Two", "key": "x", "value": "1"})"));
 }
 
-TEST_F(QxctlIni, WhatIsMissingIsNamed) {
+TEST_F(QxctlIni, MissingFileSectionOrKeyIsNamed) {
   EXPECT_EQ(Qxctl({"ini", "list", "none.ini"}).code, 4);
   EXPECT_EQ(Qxctl({"ini", "list", "a.ini", "one"}).code, 4);
   EXPECT_EQ(Qxctl({"ini", "get", "a.ini", "One", "Key"}).code, 4);
@@ -170,7 +170,7 @@ TEST_F(QxctlIni, WhatIsMissingIsNamed) {
   EXPECT_THAT(directory.err, HasSubstr("cannot open ."));
 }
 
-TEST_F(QxctlIni, AListOfAnyLengthIsWhole) {
+TEST_F(QxctlIni, LongListIsComplete) {
   std::string text = "[S]\n";
   for (int i = 0; i < 200; ++i) text += std::string(1000, 'k') + "=" + std::to_string(i) + "\n";
   WriteFile(Dir().File("long.ini"), text);

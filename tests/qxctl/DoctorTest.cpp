@@ -1,4 +1,4 @@
-// qxctl doctor: each of its codes is provoked by a private tree, and stands in the page on troubleshooting.
+// qxctl doctor: a private tree provokes each of its codes, and the page on troubleshooting lists them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -27,7 +27,7 @@ const char kGoodRegistry[] =
     "Control]\n[Setup]\nReportRoot=s=%s\n\n\n\n\n\n\n"
     "\n";
 
-// A machine in a directory: registry, reports, traces, settings, processes, all well.
+// A machine in a directory: registry, reports, traces, settings and processes without a problem.
 class QxctlDoctor : public testing::Test, protected QxctlFixture {
  protected:
   QxctlDoctor() {
@@ -73,7 +73,7 @@ class QxctlDoctor : public testing::Test, protected QxctlFixture {
 
   std::vector<std::string> FoundWith(Start start) const { return Lines(Qxctl(Command({"--json"}), std::move(start))); }
 
-  // The number of findings that need a look, with the code that came first.
+  // The number of warnings and errors, with the first code.
   static bool OnlyInfos(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
       if (line.find(" warning ") == 5 || line.find(" error ") == 5) return false;
@@ -88,7 +88,7 @@ auto Has(const std::string& start) { return Contains(testing::StartsWith(start))
 
 }  // namespace
 
-TEST_F(QxctlDoctor, AMachineInOrderHasALineForEachSectionAndCodeZero) {
+TEST_F(QxctlDoctor, HealthyMachineHasALineForEachSectionAndCodeZero) {
   const Ran ran = Doctor();
   EXPECT_EQ(ran.code, 0) << ran.out;
   EXPECT_TRUE(OnlyInfos(Found())) << ran.out;
@@ -99,7 +99,7 @@ TEST_F(QxctlDoctor, AMachineInOrderHasALineForEachSectionAndCodeZero) {
   EXPECT_EQ(ran.err, "");
 }
 
-TEST_F(QxctlDoctor, AFindingHasItsFixAndCodeOne) {
+TEST_F(QxctlDoctor, FindingHasItsFixAndCodeOne) {
   WriteFile(Dir().File("Reports/half.ind"), "");
   const Ran ran = Doctor();
   EXPECT_EQ(ran.code, 1);
@@ -119,7 +119,7 @@ TEST_F(QxctlDoctor, Qx102TheModuleDoesNotLoad) {
   EXPECT_THAT(Found({"--module", "cut.so"}), Has("QX102 error "));
 }
 
-TEST_F(QxctlDoctor, Qx103TheModuleIsOfAnotherKind) {
+TEST_F(QxctlDoctor, Qx103TheModuleIsForAnotherMachine) {
   WriteFile(Dir().File("text.so"), "not a library");
   EXPECT_THAT(Found({"--module", "text.so"}), Has("QX103 error " + Dir().File("text.so") + ": it is no ELF file"));
   std::string other = ReadFile(ModulePath()).substr(0, 4096);
@@ -133,12 +133,12 @@ TEST_F(QxctlDoctor, Qx103TheModuleIsOfAnotherKind) {
   EXPECT_THAT(Found({"--module", "other.so"}), Contains(HasSubstr("it is built for the machine number 2")));
 }
 
-TEST_F(QxctlDoctor, Qx104TheLibraryIsNoModule) {
+TEST_F(QxctlDoctor, Qx104TheLibraryIsNotAModule) {
   EXPECT_THAT(Found({"--module", QX_OTHER_LIBRARY}), Has("QX104 error "));
   EXPECT_THAT(Found({"--module", QX_OTHER_LIBRARY}), Contains(HasSubstr(" lacks What, Reflect, GetReports")));
 }
 
-TEST_F(QxctlDoctor, Qx105TheModuleOrItsDirectoryIsOpenToAll) {
+TEST_F(QxctlDoctor, Qx105OthersMayWriteTheModuleOrItsDirectory) {
   fs::create_directory(Dir().File("open"));
   fs::copy_file(ModulePath(), Dir().File("open/module.so"));
   (void)chmod(Dir().File("open").c_str(), 0777);
@@ -150,7 +150,7 @@ TEST_F(QxctlDoctor, Qx105TheModuleOrItsDirectoryIsOpenToAll) {
   EXPECT_THAT(Found({"--module", "link.so"}), Has("QX105 warning " + Dir().File("open/module.so")));
 }
 
-TEST_F(QxctlDoctor, Qx106AnotherModuleThanTheInstalledOneIsInformation) {
+TEST_F(QxctlDoctor, Qx106CheckingAnotherModuleThanTheInstalledOne) {
   fs::copy_file(ModulePath(), Dir().File("another.so"));
   EXPECT_THAT(Found({"--module", Dir().File("another.so")}), Has("QX106 info looked at " + Dir().File("another.so")));
 }
@@ -167,7 +167,7 @@ TEST_F(QxctlDoctor, Qx202TheRegistryComesFromAFallback) {
 }
 
 TEST_F(QxctlDoctor, Qx203ARegistryFileCannotBeRead) {
-  Link("registry.old", "etc/registry.old");  // leads to itself, also for root
+  Link("registry.old", "etc/registry.old");  // points to itself, which fails for root too
   EXPECT_THAT(Found(), Has("QX203 error " + Dir().File("etc/registry.old") + ": Too many levels of symbolic links"));
 }
 
@@ -182,7 +182,7 @@ TEST_F(QxctlDoctor, Qx205ARegistryFileIsALink) {
   EXPECT_THAT(Found(), Has("QX205 warning " + Dir().File("etc/registry") + " is a symbolic link"));
 }
 
-TEST_F(QxctlDoctor, Qx206TheRegistryIsOpenToAll) {
+TEST_F(QxctlDoctor, Qx206OthersMayWriteTheRegistry) {
   (void)chmod(Dir().File("etc/registry").c_str(), 0666);
   EXPECT_THAT(Found(), Has("QX206 warning " + Dir().File("etc/registry") + " can be written by everybody"));
   (void)chmod(Dir().File("etc").c_str(), 0777);
@@ -194,7 +194,7 @@ TEST_F(QxctlDoctor, Qx207TheHiveIsMissing) {
   EXPECT_THAT(Found(), Has("QX207 warning " + Dir().File("etc/registry") + " has no hive HKEY_LOCAL_MACHINE"));
 }
 
-TEST_F(QxctlDoctor, Qx208AnUnreadRegistryWasKept) {
+TEST_F(QxctlDoctor, Qx208AnUnreadableRegistryWasKept) {
   WriteFile(Dir().File("etc/registry.unread"), "x");
   EXPECT_THAT(Found(), Has("QX208 warning there is a "));
 }
@@ -238,7 +238,7 @@ TEST_F(QxctlDoctor, Qx305ADamagedHeader) {
   EXPECT_THAT(Found(), Contains(HasSubstr("its header is cut short")));
 }
 
-TEST_F(QxctlDoctor, Qx306TheReportDirectoryIsOpenToAll) {
+TEST_F(QxctlDoctor, Qx306OthersMayWriteTheReportDirectory) {
   (void)chmod(Dir().File("Reports").c_str(), 0777);
   EXPECT_THAT(Found(), Has("QX306 warning " + Dir().File("Reports") + " can be written by everybody"));
 }
@@ -247,7 +247,7 @@ TEST_F(QxctlDoctor, Qx307TheReportDirectoryIsRelative) {
   EXPECT_THAT(Found({"--reports", "Reports"}), Has("QX307 warning the report directory is \"Reports\""));
 }
 
-TEST_F(QxctlDoctor, Qx401EachSettingTellsItsSource) {
+TEST_F(QxctlDoctor, Qx401EachSettingIsShownWithItsSource) {
   WriteFile(Dir().File("settings/a.ini"), "[QXRemConXfer]\nFileDebugLevel=3\n[EndOfFile]\n");
   EXPECT_THAT(Found(), Has("QX401 info level is 3, from FileDebugLevel in [QXRemConXfer] of "));
   EXPECT_THAT(Found(), Has("QX401 info trace directory is " + Dir().File("log") + ", from QX_LOG_RINGBUF_DIR"));
@@ -272,7 +272,7 @@ TEST_F(QxctlDoctor, Qx404TheTraceDirectoryIsAFile) {
   EXPECT_THAT(FoundWith(start), Has("QX404 warning " + Dir().File("file") + " is no directory"));
 }
 
-TEST_F(QxctlDoctor, Qx405And406WhoHasATraceFileOpen) {
+TEST_F(QxctlDoctor, Qx405And406ProcessesThatHaveATraceFileOpen) {
   const std::string log = Dir().File("log/log.qxremconxfer");
   Link(log, "proc/100/fd/4");
   EXPECT_THAT(Found(), Has("QX406 info " + log + " is open in 100"));
@@ -301,16 +301,16 @@ TEST_F(QxctlDoctor, Qx407AnIncompleteSettingsFile) {
 
 TEST_F(QxctlDoctor, Qx408ProcessesThatCannotBeSeen) {
   fs::create_directory(Dir().File("proc/300"));
-  Link("fd", "proc/300/fd");  // leads to itself, also for root
+  Link("fd", "proc/300/fd");  // points to itself, which fails for root too
   EXPECT_THAT(Found(), Has("QX408 info 1 processes could not be looked at"));
 }
 
-TEST_F(QxctlDoctor, Qx409TheTraceDirectoryIsOpenToAll) {
+TEST_F(QxctlDoctor, Qx409OthersMayWriteTheTraceDirectory) {
   (void)chmod(Dir().File("log").c_str(), 0777);
   EXPECT_THAT(Found(), Has("QX409 warning " + Dir().File("log") + " can be written by everybody"));
 }
 
-TEST_F(QxctlDoctor, Qx410AVariableThatIsNoNumber) {
+TEST_F(QxctlDoctor, Qx410AVariableThatIsNotANumber) {
   Start start = Machine();
   start.environment["QX_LOG_DEBUG_LEVEL"] = "0x10";
   EXPECT_THAT(FoundWith(start), Has("QX410 warning QX_LOG_DEBUG_LEVEL is \"0x10\""));
@@ -337,7 +337,7 @@ TEST_F(QxctlDoctor, NothingIsChanged) {
   EXPECT_EQ(listing(), before);
 }
 
-// A code without a test would be a claim that nobody checks; one without a line in the page, a riddle.
+// Every code is tested, and the page says what to do about it.
 TEST(DoctorCodes, EachHasATestAndALineInTroubleshooting) {
   const std::string tests = ReadFile(std::string(QX_SOURCE_DIR) + "/tests/qxctl/DoctorTest.cpp");
   const std::string page = ReadFile(std::string(QX_SOURCE_DIR) + "/docs/troubleshooting.md");

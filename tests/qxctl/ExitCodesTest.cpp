@@ -1,4 +1,4 @@
-// Scripts rely on the numbers: one test a code.
+// Scripts rely on the exit codes: one test for each.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -23,7 +23,7 @@ class QxctlExitCode : public testing::Test, protected QxctlFixture {
 
 }  // namespace
 
-TEST_F(QxctlExitCode, ZeroSaysDone) {
+TEST_F(QxctlExitCode, ZeroMeansDone) {
   EXPECT_EQ(CodeOf({"report", "verify", "Reports/load"}), 0);
   EXPECT_EQ(CodeOf({"fetch", "load"}), 0);
   EXPECT_EQ(CodeOf({"--help"}), 0);
@@ -31,7 +31,7 @@ TEST_F(QxctlExitCode, ZeroSaysDone) {
   EXPECT_EQ(CodeOf({"--version"}), 0);
 }
 
-TEST_F(QxctlExitCode, OneSaysDoneAndSomethingNeedsALook) {
+TEST_F(QxctlExitCode, OneMeansDoneWithFindings) {
   EXPECT_EQ(CodeOf({"report", "append", "Reports/load", "two\nlines"}), 1);
   EXPECT_EQ(CodeOf({"module", "reports", "load", "--start", "2"}), 1);
   std::string index = ReadFile(ReportPath("load") + ".ind");
@@ -40,7 +40,7 @@ TEST_F(QxctlExitCode, OneSaysDoneAndSomethingNeedsALook) {
   EXPECT_EQ(CodeOf({"report", "verify", "Reports/load"}), 1);
 }
 
-TEST_F(QxctlExitCode, TwoSaysTheCommandLineIsWrong) {
+TEST_F(QxctlExitCode, TwoMeansAWrongCommandLine) {
   EXPECT_EQ(CodeOf({}), 2);
   EXPECT_EQ(CodeOf({"nonsense"}), 2);
   EXPECT_EQ(CodeOf({"report", "cat"}), 2);
@@ -48,8 +48,8 @@ TEST_F(QxctlExitCode, TwoSaysTheCommandLineIsWrong) {
   EXPECT_EQ(CodeOf({"report", "create", "Reports/new", "--slots", "0"}), 2);
 }
 
-// The pipe is too small for the report: qxctl waits for its reader while the ring goes on.
-TEST_F(QxctlExitCode, ThreeSaysTheReportChangedMeanwhile) {
+// The pipe is too small for the report: qxctl waits for its reader while the ring advances.
+TEST_F(QxctlExitCode, ThreeMeansTheReportChangedMeanwhile) {
   const std::string text(1000, 'x');
   std::vector<std::string> texts;
   for (int i = 0; i < 2000; ++i) texts.push_back(std::to_string(i) + text);
@@ -60,7 +60,7 @@ TEST_F(QxctlExitCode, ThreeSaysTheReportChangedMeanwhile) {
   EXPECT_EQ(child.Wait().code, 3);
 }
 
-TEST_F(QxctlExitCode, FourSaysNotFound) {
+TEST_F(QxctlExitCode, FourMeansNotFound) {
   EXPECT_EQ(CodeOf({"report", "cat", "Reports/nothing"}), 4);
   EXPECT_EQ(CodeOf({"fetch", "nothing"}), 4);
   EXPECT_EQ(CodeOf({"names", "load"}), 4);
@@ -68,12 +68,12 @@ TEST_F(QxctlExitCode, FourSaysNotFound) {
   EXPECT_EQ(CodeOf({"ini", "list", "nothing.ini"}), 4);
 }
 
-TEST_F(QxctlExitCode, FiveSaysRefused) {
+TEST_F(QxctlExitCode, FiveMeansRefused) {
   EXPECT_EQ(CodeOf({"report", "create", "Reports/load", "--slots", "3"}), 5);
   EXPECT_EQ(CodeOf({"fetch", "load", "--user", "bob"}), 5);
 }
 
-TEST_F(QxctlExitCode, SixSaysAReadWriteLoadOrCloseFailed) {
+TEST_F(QxctlExitCode, SixMeansAFailedReadWriteLoadOrClose) {
   Start full = StartHere();
   full.out_file = "/dev/full";
   EXPECT_EQ(CodeOf({"report", "cat", "Reports/load"}, full), 6);

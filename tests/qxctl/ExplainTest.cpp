@@ -1,4 +1,4 @@
-// qxctl explain: every code and every text that marks an error in the sources is known, and nothing else is.
+// qxctl explain: it knows every code and every error text of the sources, and nothing else.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -23,7 +23,7 @@ using nlohmann::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// The text with `from` gone to `to`, everywhere.
+// The text with every `from` replaced by `to`.
 std::string Replaced(std::string text, const std::string& from, const std::string& to) {
   for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
     text.replace(at, from.size(), to);
@@ -31,7 +31,7 @@ std::string Replaced(std::string text, const std::string& from, const std::strin
   return text;
 }
 
-// Adjacent literals become one; comments are dropped.
+// Joins adjacent literals and drops comments.
 std::string Joined(const std::string& source) {
   std::string joined;
   std::istringstream lines(source);
@@ -66,7 +66,7 @@ bool MarksAnError(const std::string& literal) {
          literal.find("has been cut") != std::string::npos;
 }
 
-// The text as it stands in a line of a log: without line feeds and the marks of the source.
+// The text as a log shows it: without line feeds and without the marks of the source.
 std::string AsTraced(std::string literal) {
   literal = Replaced(literal, "\\n", "");
   return Replaced(literal, "\\\"", "\"");
@@ -132,7 +132,7 @@ TEST(Explanations, TheTableHasExactlyTheTextsOfTheSources) {
   EXPECT_THAT(known, testing::ContainerEq(TextsOfTheSources()));
 }
 
-TEST(Explanations, EachSaysSomethingInEveryColumnAndStandsOnce) {
+TEST(Explanations, EachEntryFillsEveryColumnAndIsThereOnce) {
   std::set<std::string> seen;
   for (const Explanation& one : AllExplanations()) {
     EXPECT_TRUE(seen.insert(std::string(NameOf(one.kind)) + std::string(one.code)).second) << one.code;
@@ -152,7 +152,7 @@ TEST(Explanations, EveryCodeOfAReplyAndEveryExitCodeIsKnown) {
   }
 }
 
-TEST(Explanations, EveryTraceTextIsFoundByALineMadeOfIt) {
+TEST(Explanations, EveryTraceTextIsFoundInAFormattedLine) {
   for (const Explanation& one : AllExplanations()) {
     if (one.kind != ExplainedKind::kTrace) continue;
     std::string line = Replaced(std::string(one.code), "%s", "a value");
@@ -162,12 +162,12 @@ TEST(Explanations, EveryTraceTextIsFoundByALineMadeOfIt) {
   }
 }
 
-TEST(Explanations, OfTwoTextsInALineTheLongerOneIsMeant) {
+TEST(Explanations, LongerOfTwoMatchingTextsIsShown) {
   EXPECT_THAT(CodesFor("x CRegistry: WARNING: Could not restore tree from \"/etc/brollan/registry\", trying backup"),
               ElementsAre("trace text CRegistry: WARNING: Could not restore tree from \"%s\", trying backup"));
 }
 
-TEST(Explanations, APartOfATextFindsAllTextsWithIt) {
+TEST(Explanations, PartOfATextFindsAllTextsThatContainIt) {
   EXPECT_EQ(CodesFor("Could not restore tree").size(), 3U);
   EXPECT_TRUE(CodesFor("ERROR").empty()) << "less than eight characters say nothing";
   EXPECT_TRUE(CodesFor("an ordinary line of a log").empty());
@@ -179,7 +179,7 @@ TEST(Explanations, DoctorCodesAreFoundInLettersOfEitherCase) {
   EXPECT_TRUE(CodesFor("QX999").empty());
 }
 
-TEST(Explanations, AnErrorNumberIsFoundByItsNameAndInHexadecimalDigits) {
+TEST(Explanations, ErrorNumberIsFoundByItsNameAndInHexadecimal) {
   EXPECT_THAT(CodesFor("ENOENT"), ElementsAre("error number 2"));
   EXPECT_THAT(CodesFor("enametoolong"), ElementsAre("error number 36"));
   EXPECT_THAT(CodesFor("0x521"), ElementsAre("error number 1313"));
@@ -199,7 +199,7 @@ TEST(Explanations, EveryErrorThatAPageNamesIsKnown) {
   }
 }
 
-TEST(Explanations, EveryMessageOfAReplyIsFoundAndIsInTheSources) {
+TEST(Explanations, EveryReplyMessageIsFoundAndIsInTheSources) {
   std::string sources;
   for (const auto& entry : std::filesystem::directory_iterator(std::string(QX_SOURCE_DIR) + "/provider")) {
     if (entry.path().extension() == ".cpp") sources += Replaced(Joined(ReadFile(entry.path())), "\\\"", "\"");
@@ -213,7 +213,7 @@ TEST(Explanations, EveryMessageOfAReplyIsFoundAndIsInTheSources) {
   }
 }
 
-TEST_F(QxctlExplain, ACodeIsPrintedWithMeaningCauseAndWhatToDo) {
+TEST_F(QxctlExplain, CodeIsPrintedWithMeaningCauseAndWhatToDo) {
   const Ran ran = Qxctl({"explain", "1313"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_EQ(ran.out,
@@ -225,13 +225,13 @@ TEST_F(QxctlExplain, ACodeIsPrintedWithMeaningCauseAndWhatToDo) {
   EXPECT_THAT(Qxctl({"explain", "12"}).out, HasSubstr("error number 12\n"));
 }
 
-TEST_F(QxctlExplain, ATraceLineMayBeGivenInOneOrInSeveralWords) {
+TEST_F(QxctlExplain, TraceLineMayBeOneOrSeveralArguments) {
   const Ran ran = Qxctl({"explain", "##", "ERROR!", "Could", "not", "read", "data", "file"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_THAT(ran.out, HasSubstr("trace text WCSP_QX GetReports  : ## ERROR! Could not read data file"));
 }
 
-TEST_F(QxctlExplain, WhatIsNotKnownIsNotFound) {
+TEST_F(QxctlExplain, UnknownTextIsNotFound) {
   const Ran ran = Qxctl({"explain", "4711"});
   EXPECT_EQ(ran.code, 4);
   EXPECT_EQ(ran.err, "qxctl: nothing is known about \"4711\"; --list shows what is\n");
@@ -239,7 +239,7 @@ TEST_F(QxctlExplain, WhatIsNotKnownIsNotFound) {
   EXPECT_EQ(Qxctl({"explain", "1", "--list"}).code, 2);
 }
 
-TEST_F(QxctlExplain, TheListAndTheJsonHoldEverything) {
+TEST_F(QxctlExplain, ListAndJsonHaveEveryEntry) {
   const Ran list = Qxctl({"explain", "--list"});
   EXPECT_EQ(static_cast<std::size_t>(std::count(list.out.begin(), list.out.end(), '\n')), AllExplanations().size());
   const json all = json::parse(Qxctl({"explain", "--list", "--json"}).out);

@@ -1,4 +1,4 @@
-// qxctl module faults: the real module stands what a bad host does, and each fault of a bad module is found.
+// qxctl module faults: the real module survives what a bad host does, and each fault of a bad module is found.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -49,7 +49,7 @@ constexpr char kCrash[] = "killed by signal 11 (Segmentation fault)";
 
 }  // namespace
 
-TEST_F(QxctlFaults, TheModuleStandsEveryCase) {
+TEST_F(QxctlFaults, ModuleSurvivesEveryCase) {
   const Ran ran = Faults({"--json"});
   EXPECT_EQ(ran.code, 0) << ran.out << ran.err;
   const json told = json::parse(ran.out);
@@ -62,7 +62,7 @@ TEST_F(QxctlFaults, TheModuleStandsEveryCase) {
   EXPECT_EQ(names.size(), told["cases"].size()) << "each name once";
 }
 
-TEST_F(QxctlFaults, TheTableHasALineForEachCase) {
+TEST_F(QxctlFaults, TableHasALineForEachCase) {
   const Ran ran = Faults({"order/version", "free-null"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_EQ(ran.out,
@@ -70,7 +70,7 @@ TEST_F(QxctlFaults, TheTableHasALineForEachCase) {
             "ok       order/version                      Asks for the version of the calling rules\n");
 }
 
-TEST_F(QxctlFaults, ACrashIsAFindingAndTheOtherCasesGoOn) {
+TEST_F(QxctlFaults, CrashIsAFindingAndTheOtherCasesStillRun) {
   EXPECT_THAT(Findings("crash-null-block", {"block"}), ElementsAre(std::string("null-block: ") + kCrash));
   EXPECT_THAT(Findings("crash-loop", {"block"}), ElementsAre(std::string("connection-loops: ") + kCrash));
   EXPECT_THAT(Findings("keep-reply", {"block"}), ElementsAre(std::string("null-reply-place: ") + kCrash));
@@ -78,11 +78,11 @@ TEST_F(QxctlFaults, ACrashIsAFindingAndTheOtherCasesGoOn) {
   EXPECT_THAT(Findings("load-crash", {"reload", "version"}), ElementsAre(std::string("reload: ") + kCrash));
 }
 
-TEST_F(QxctlFaults, ACaseWithoutEndIsAFinding) {
+TEST_F(QxctlFaults, CaseThatDoesNotEndIsAFinding) {
   EXPECT_THAT(Findings("hang-loop", {"connection-loops"}), ElementsAre("connection-loops: no end within the time"));
 }
 
-TEST_F(QxctlFaults, AWrongResultOrReplyIsAFinding) {
+TEST_F(QxctlFaults, WrongResultOrReplyIsAFinding) {
   EXPECT_THAT(Findings("accept-no-thread", {"block/thread-missing", "block/thread-zero"}),
               ElementsAre("thread-missing: result 0, <ReportData>"));
   EXPECT_THAT(Findings("echo-malformed", {"echo-roots", "echo-wide"}),
@@ -97,7 +97,7 @@ TEST_F(QxctlFaults, ServingACallerWithoutThePrivilegeIsAFinding) {
   EXPECT_THAT(findings, testing::Not(testing::Contains(HasSubstr("null-entries"))));
 }
 
-TEST_F(QxctlFaults, AFindingShowsWhatWasExpectedAndWhatCame) {
+TEST_F(QxctlFaults, FindingShowsWhatWasExpectedAndWhatHappened) {
   const Ran ran = Faults({"delete-twice"}, "deleted-stays");
   EXPECT_EQ(ran.code, 1);
   EXPECT_EQ(ran.out,
@@ -107,13 +107,13 @@ TEST_F(QxctlFaults, AFindingShowsWhatWasExpectedAndWhatCame) {
   EXPECT_THAT(ran.err, HasSubstr("1 of 1 cases did not come out as they should"));
 }
 
-TEST_F(QxctlFaults, TheListRunsNothing) {
+TEST_F(QxctlFaults, ListRunsNoCase) {
   const Ran ran = Faults({"--list", "--module", "none.so"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_THAT(ran.out, HasSubstr("security/privileges-huge: Counts 2147483647 privileges in a null array\n"));
 }
 
-TEST_F(QxctlFaults, AModuleThatDoesNotLoadIsReportedOnce) {
+TEST_F(QxctlFaults, ModuleThatDoesNotLoadIsReportedOnce) {
   EXPECT_EQ(Faults({"--module", "none.so"}).code, 4);
   WriteFile(Dir().File("text.so"), "not a library");
   const Ran ran = Faults({"--module", "text.so"});
@@ -122,6 +122,6 @@ TEST_F(QxctlFaults, AModuleThatDoesNotLoadIsReportedOnce) {
   EXPECT_EQ(ran.out, "");
 }
 
-TEST_F(QxctlFaults, AnUnknownCaseIsAUsageError) { EXPECT_EQ(Faults({"none"}).code, 2); }
+TEST_F(QxctlFaults, UnknownCaseIsAUsageError) { EXPECT_EQ(Faults({"none"}).code, 2); }
 
 }  // namespace qx::test

@@ -1,21 +1,21 @@
-// A provider module that hands every call to the real one, but for one fault of its own, which QX_FAULT names: so a
-// check of modules that finds nothing else finds exactly that fault.
+// A provider module that hands every call to the real one, but has the one fault that QX_FAULT names. A check of
+// modules must find exactly that fault.
 //
 // QX_REAL_MODULE is the file of the real module.
 //
-//   wrong-reply         every hundredth reply of What is of another module
+//   wrong-reply         every hundredth reply of What is that of another module
 //   leak-memory         8 KiB a request are never freed
 //   leak-descriptors    one descriptor a request stays open
 //   leak-one            one descriptor is open after the unload
 //   stay-mapped         dlclose does not unmap the module
 //   crash-null-block    a null block is read
 //   crash-loop          a chain of nested blocks that loops overflows the stack
-//   hang-loop           a chain of nested blocks that loops is followed for ever
+//   hang-loop           a chain of nested blocks that loops is followed forever
 //   accept-no-thread    a block without thread id is accepted
-//   keep-reply          a null reply place is written to
+//   keep-reply          a null reply pointer is written to
 //   end-twice           ending a thread without data crashes
 //   forget-refusal      a caller without the privilege is served
-//   echo-malformed      Reflect echoes what is no document
+//   echo-malformed      Reflect echoes text that is not a document
 //   deleted-stays       the module object stays after DeleteModule
 //   load-crash          the module crashes while it is loaded for the second time
 #include <dlfcn.h>
@@ -39,7 +39,7 @@ constexpr unsigned kWrongEvery = 100;
 void* g_real = nullptr;
 std::string_view g_fault;
 std::atomic<unsigned> g_requests{0};
-std::atomic<void*> g_leaked{nullptr};  // the newest; each points at the one before
+std::atomic<void*> g_leaked{nullptr};  // the newest; each points to the previous one
 
 template <typename Function>
 Function Real(const char* name) {

@@ -40,7 +40,7 @@ class QxctlFetch : public testing::Test, protected QxctlFixture {
   }
 };
 
-// The records as they stand in the data file, one after another.
+// The records as they are in the data file, one after another.
 std::string Stored(const std::vector<std::string>& texts) {
   std::string stored;
   for (const std::string& text : texts) stored += text + "\r\n";
@@ -53,7 +53,7 @@ std::vector<std::string> Numbered(int count, const std::string& text) {
   return texts;
 }
 
-// Texts of every byte that a record can hold, with much of what markup would trip over.
+// Texts of every byte that a record can have, with many characters that are special in markup.
 std::vector<std::string> RandomTexts(std::size_t bytes) {
   std::mt19937_64 random(Seed("QxctlFetch"));
   const std::vector<std::string> pieces = {"]]>", "<![CDATA[", "]]",    ">",   "&amp;",         "<Error/>",
@@ -82,7 +82,7 @@ TEST_F(QxctlFetch, RecordsGoToStandardOutputAndTheSummaryToStandardError) {
                                              "MB/s\n"));
 }
 
-TEST_F(QxctlFetch, MoreThanThreeMebibytesOfAnyBytesArriveExactly) {
+TEST_F(QxctlFetch, ThreeMebibytesOfRandomBytesArriveUnchanged) {
   const std::vector<std::string> texts = RandomTexts(std::size_t{7} << 19);
   MakeReport("load", static_cast<unsigned>(texts.size()), texts);
   const json summary = FetchJson("load");
@@ -93,14 +93,14 @@ TEST_F(QxctlFetch, MoreThanThreeMebibytesOfAnyBytesArriveExactly) {
   EXPECT_TRUE(Qxctl({"report", "cat", "Reports/load"}).out == Out());
 }
 
-TEST_F(QxctlFetch, ARingThatHasWrappedComesOldestFirst) {
+TEST_F(QxctlFetch, WrappedRingIsPrintedOldestFirst) {
   const std::vector<std::string> texts = Numbered(1000, "text");
   MakeReport("load", 120, texts);
   EXPECT_EQ(Qxctl({"fetch", "load"}).out, Stored({texts.end() - 120, texts.end()}));
   EXPECT_EQ(Qxctl({"report", "cat", "Reports/load"}).out, Stored({texts.end() - 120, texts.end()}));
 }
 
-TEST_F(QxctlFetch, SmallChunksGiveTheSameBytes) {
+TEST_F(QxctlFetch, SmallChunksPrintTheSameBytes) {
   const std::vector<std::string> texts = Numbered(10, "text");
   MakeReport("load", 7, texts);
   const json summary = FetchJson("load", {"--chunk-records", "2"});
@@ -108,7 +108,7 @@ TEST_F(QxctlFetch, SmallChunksGiveTheSameBytes) {
   EXPECT_EQ(Out(), Stored({texts.end() - 7, texts.end()}));
 }
 
-TEST_F(QxctlFetch, RecordsThatEndEarlyComeAsAReaderOfTheFilesSeesThem) {
+TEST_F(QxctlFetch, RecordsThatEndEarlyArePrintedAsAReaderSeesThem) {
   MakeReport("load", 9, {"a\nlost", "b\xFFlost", "", "c"});
   const Ran ran = Qxctl({"fetch", "load"});
   EXPECT_EQ(ran.code, 0) << ran.err;
@@ -116,7 +116,7 @@ TEST_F(QxctlFetch, RecordsThatEndEarlyComeAsAReaderOfTheFilesSeesThem) {
   EXPECT_EQ(ran.out, Qxctl({"report", "cat", "Reports/load"}).out);
 }
 
-TEST_F(QxctlFetch, ARecordCutAtANulIsNoChange) {
+TEST_F(QxctlFetch, RecordCutAtANulIsNotAChange) {
   MakeReport("load", 9, {"abcdef", "second"});
   std::string data = ReadFile(ReportPath("load") + ".dat");
   data[3] = '\0';
@@ -126,7 +126,7 @@ TEST_F(QxctlFetch, ARecordCutAtANulIsNoChange) {
   EXPECT_EQ(ran.out, "abcsecond\r\n");
 }
 
-TEST_F(QxctlFetch, AnEmptyReportIsCompleteWithNothing) {
+TEST_F(QxctlFetch, EmptyReportIsCompleteWithoutRecords) {
   MakeReport("load", 9, {});
   const Ran ran = Qxctl({"fetch", "load", "-o", "out"});
   EXPECT_EQ(ran.code, 0);
@@ -135,7 +135,7 @@ TEST_F(QxctlFetch, AnEmptyReportIsCompleteWithNothing) {
   EXPECT_THAT(ran.err, HasSubstr("load: 0 records, 0 chunks, 0 bytes"));
 }
 
-TEST_F(QxctlFetch, TheJsonSummaryHasTheDocumentedKeys) {
+TEST_F(QxctlFetch, JsonSummaryHasTheDocumentedKeys) {
   MakeReport("load", 9, {"one", "two"});
   const Ran ran = Qxctl({"fetch", "load", "-o", "out", "--json"});
   EXPECT_EQ(ran.code, 0);
@@ -149,14 +149,14 @@ TEST_F(QxctlFetch, TheJsonSummaryHasTheDocumentedKeys) {
                                      "records": 2, "chunks": 1, "bytes": 10, "exitCode": 0})"));
 }
 
-TEST_F(QxctlFetch, JsonWithoutAFileIsAUsageErrorBecauseStandardOutputCarriesTheRecords) {
+TEST_F(QxctlFetch, JsonWithoutAnOutputFileIsAUsageError) {
   MakeReport("load", 9, {"one"});
   const Ran ran = Qxctl({"fetch", "load", "--json"});
   EXPECT_EQ(ran.code, 2);
   EXPECT_EQ(ran.out, "");
 }
 
-TEST_F(QxctlFetch, AMissingReportGivesNotFoundAndLeavesTheOldFile) {
+TEST_F(QxctlFetch, MissingReportIsNotFoundAndLeavesTheOldFile) {
   WriteFile(Dir().File("out"), "old");
   const Ran ran = Qxctl({"fetch", "none", "-o", "out"});
   EXPECT_EQ(ran.code, 4);
@@ -168,7 +168,7 @@ TEST_F(QxctlFetch, AMissingReportGivesNotFoundAndLeavesTheOldFile) {
   EXPECT_EQ(FetchJson("none")["outcome"], "not found");
 }
 
-TEST_F(QxctlFetch, AReportThatCannotBeOpenedIsAnIoFailure) {
+TEST_F(QxctlFetch, ReportThatCannotBeOpenedIsAnIoFailure) {
   ASSERT_EQ(mkfifo((ReportPath("load") + ".ind").c_str(), 0600), 0);
   WriteFile(ReportPath("load") + ".dat", "");
   const Ran ran = Qxctl({"fetch", "load"});
@@ -176,7 +176,7 @@ TEST_F(QxctlFetch, AReportThatCannotBeOpenedIsAnIoFailure) {
   EXPECT_THAT(ran.err, HasSubstr("Invalid argument"));
 }
 
-TEST_F(QxctlFetch, ACallerWithoutThePrivilegeIsRefusedAndGetsNoRecordByte) {
+TEST_F(QxctlFetch, CallerWithoutThePrivilegeIsRefusedAndGetsNoRecordByte) {
   MakeReport("load", 9, {"secret"});
   for (const std::vector<std::string>& caller :
        {std::vector<std::string>{"--user", "bob"},
@@ -193,7 +193,7 @@ TEST_F(QxctlFetch, ACallerWithoutThePrivilegeIsRefusedAndGetsNoRecordByte) {
   EXPECT_FALSE(Exists(Dir().File("out")));
 }
 
-TEST_F(QxctlFetch, ACallerWithThePrivilegeGetsTheRecords) {
+TEST_F(QxctlFetch, CallerWithThePrivilegeGetsTheRecords) {
   MakeReport("load", 9, {"secret"});
   for (const std::string& privilege : {std::string(kPrivilege), std::string("Operations:") + kPrivilege}) {
     const Ran ran = Qxctl({"fetch", "load", "--user", "bob", "--privilege", "Other:x", "--privilege", privilege});
@@ -202,15 +202,14 @@ TEST_F(QxctlFetch, ACallerWithThePrivilegeGetsTheRecords) {
   }
 }
 
-TEST_F(QxctlFetch, ABlockWithoutThreadIdIsRefused) {
+TEST_F(QxctlFetch, BlockWithoutThreadIdIsRefused) {
   MakeReport("load", 9, {"one"});
   const Ran ran = Qxctl({"fetch", "load", "--omit", "2"});
   EXPECT_EQ(ran.code, 5);
   EXPECT_EQ(ran.err, "qxctl: the module refuses with result -1: krx_gendata thread id is 0\n");
 }
 
-// Without element 1 the module keeps nothing between calls: each call with an index is one on a store that was never
-// opened by it, and opens the report again.
+// Without element 1 the module keeps no state between calls: each call with an index opens the report again.
 TEST_F(QxctlFetch, WithoutElementOneTheRecordsStillArrive) {
   const std::vector<std::string> texts = Numbered(5, "text");
   MakeReport("load", 9, texts);
@@ -236,8 +235,9 @@ TEST_F(QxctlFetch, OutputThatCannotBeWrittenIsAnIoFailure) {
   EXPECT_THAT(nowhere.err, HasSubstr("cannot create nowhere/out: No such file or directory"));
 }
 
-// The next file that a process opens takes the lowest free descriptor, here the module's log that of standard output.
-TEST_F(QxctlFetch, AClosedStandardOutputIsAnIoFailureAndNeverSomeOtherFile) {
+// The next file that a process opens takes the lowest free descriptor: here, the module's log takes that of standard
+// output.
+TEST_F(QxctlFetch, ClosedStandardOutputIsAnIoFailureAndNeverAnotherFile) {
   MakeReport("load", 9, {"one"});
   Start start = StartHere();
   start.close_out = true;
@@ -247,7 +247,7 @@ TEST_F(QxctlFetch, AClosedStandardOutputIsAnIoFailureAndNeverSomeOtherFile) {
   EXPECT_THAT(ReadFile(Dir().File("traces/log.qxremconxfer")), testing::Not(testing::EndsWith("one\r\n")));
 }
 
-TEST_F(QxctlFetch, TheFileAppearsWithTheModeOfTheOneItReplacesOrTheOneThatTheUmaskLeaves) {
+TEST_F(QxctlFetch, OutputHasTheModeOfTheReplacedFileOrThatOfTheUmask) {
   MakeReport("load", 9, {"one"});
   const mode_t old_mask = umask(027);
   ASSERT_EQ(Qxctl({"fetch", "load", "-o", "out"}).code, 0);
@@ -262,7 +262,7 @@ TEST_F(QxctlFetch, TheFileAppearsWithTheModeOfTheOneItReplacesOrTheOneThatTheUma
   EXPECT_THAT(FilesHere(), testing::ElementsAre("Reports", "out"));
 }
 
-TEST_F(QxctlFetch, ASymbolicLinkStaysAndItsTargetIsReplaced) {
+TEST_F(QxctlFetch, SymbolicLinkStaysAndItsTargetIsReplaced) {
   MakeReport("load", 9, {"one"});
   WriteFile(Dir().File("target"), "old");
   ASSERT_EQ(symlink("target", Dir().File("out").c_str()), 0);
@@ -271,8 +271,8 @@ TEST_F(QxctlFetch, ASymbolicLinkStaysAndItsTargetIsReplaced) {
   EXPECT_EQ(ReadFile(Dir().File("target")), "one\r\n");
 }
 
-// The pipe takes 64 KiB of the first chunk's MiB; while qxctl waits for its reader, the writer of the report goes on.
-TEST_F(QxctlFetch, ARingThatAdvancesMeanwhileIsNoticedAtTheEnd) {
+// The pipe takes 64 KiB of the first chunk's MiB; while qxctl waits for its reader, the writer of the report continues.
+TEST_F(QxctlFetch, RingThatAdvancesMeanwhileIsNoticedAtTheEnd) {
   const std::string text(1000, 'x');
   MakeReport("load", 3000, Numbered(3000, text));
   Child child({QxctlPath(), "fetch", "load"}, StartHere());
@@ -283,7 +283,7 @@ TEST_F(QxctlFetch, ARingThatAdvancesMeanwhileIsNoticedAtTheEnd) {
   EXPECT_THAT(ran.err, HasSubstr("the ring advanced while report \"load\" was read"));
 }
 
-TEST_F(QxctlFetch, ARingThatStillFillsIsReadAsItWasAtTheStart) {
+TEST_F(QxctlFetch, RingThatIsNotFullIsReadAsItWasAtTheStart) {
   const std::vector<std::string> texts = Numbered(3000, std::string(1000, 'x'));
   MakeReport("load", 9000, texts);
   Child child({QxctlPath(), "fetch", "load"}, StartHere());
@@ -294,7 +294,7 @@ TEST_F(QxctlFetch, ARingThatStillFillsIsReadAsItWasAtTheStart) {
   EXPECT_TRUE(first + ran.out == Stored(texts));
 }
 
-TEST_F(QxctlFetch, AReportThatVanishesMeanwhileIsNoticed) {
+TEST_F(QxctlFetch, ReportThatIsRemovedMeanwhileIsNoticed) {
   MakeReport("load", 3000, Numbered(3000, std::string(1000, 'x')));
   Child child({QxctlPath(), "fetch", "load"}, StartHere());
   ASSERT_NE(child.ReadSome(), "");
@@ -302,7 +302,7 @@ TEST_F(QxctlFetch, AReportThatVanishesMeanwhileIsNoticed) {
   EXPECT_EQ(child.Wait().code, 3);
 }
 
-TEST_F(QxctlFetch, ARecordTooLongForAChunkIsAFindingWhenAnotherFollows) {
+TEST_F(QxctlFetch, RecordTooLongForAChunkIsAFindingIfAnotherFollows) {
   MakeReport("load", 9, {"one", "two", std::string(1 << 20, 'x'), "four"});
   const Ran ran = Qxctl({"fetch", "load", "-o", "out"});
   EXPECT_EQ(ran.code, 1);
@@ -310,7 +310,7 @@ TEST_F(QxctlFetch, ARecordTooLongForAChunkIsAFindingWhenAnotherFollows) {
   EXPECT_EQ(Out(), "one\r\ntwo\r\n");
 }
 
-TEST_F(QxctlFetch, AnInterruptedTransferLeavesNoTemporaryFiles) {
+TEST_F(QxctlFetch, InterruptedTransferLeavesNoTemporaryFiles) {
   MakeReport("load", 9000, Numbered(9000, std::string(1000, 'x')));
   std::filesystem::create_directory(Dir().File("tmp"));
   ASSERT_EQ(mkfifo(Dir().File("pipe").c_str(), 0600), 0);
@@ -323,7 +323,7 @@ TEST_F(QxctlFetch, AnInterruptedTransferLeavesNoTemporaryFiles) {
   EXPECT_TRUE(std::filesystem::is_empty(Dir().File("tmp")));
 }
 
-// --- with a module that gives prepared answers
+// --- with a module that returns prepared replies
 
 namespace {
 
@@ -351,10 +351,10 @@ std::string Records(int start, int next, const std::string& records) {
 
 }  // namespace
 
-TEST_F(QxctlFetchOfAFakeModule, AsksFromEachNextIndexThenAfterTheEndThenForTheFirst) {
+TEST_F(QxctlFetchOfAFakeModule, RequestsEachNextIndexThenAfterTheEndThenTheFirst) {
   Reply(1, Records(0, 2, "a\r\nb\r\n"));
   Reply(2, Records(2, 3, "c\r\n"));
-  Reply(5, Records(0, 1, "a\r\n"));  // 3: no more; 4: nothing after the end
+  Reply(5, Records(0, 1, "a\r\n"));  // 3: no more records; 4: nothing after the end
   const Ran ran = Fetch();
   EXPECT_EQ(ran.code, 0) << ran.err;
   EXPECT_EQ(ran.out, "a\r\nb\r\nc\r\n");
@@ -366,7 +366,7 @@ TEST_F(QxctlFetchOfAFakeModule, AsksFromEachNextIndexThenAfterTheEndThenForTheFi
   EXPECT_FALSE(Exists(Dir().File("fake/request.6")));
 }
 
-TEST_F(QxctlFetchOfAFakeModule, OneThreadWithOneBlockCarriesAWholeTransfer) {
+TEST_F(QxctlFetchOfAFakeModule, WholeTransferUsesOneThreadAndOneBlock) {
   Reply(1, Records(0, 1, "a\r\n"));
   Reply(4, Records(0, 1, "a\r\n"));
   ASSERT_EQ(Fetch({"--thread-id", "7"}).code, 0);
@@ -376,12 +376,12 @@ TEST_F(QxctlFetchOfAFakeModule, OneThreadWithOneBlockCarriesAWholeTransfer) {
             "load\nthreadbegin\n" + first + "free\n" + later + later + later + "free\nthreadend kept\nunload\n");
 }
 
-TEST_F(QxctlFetchOfAFakeModule, RepliesThatContradictTheRequestOrThemselvesAreAChange) {
+TEST_F(QxctlFetchOfAFakeModule, ContradictoryRepliesAreAChange) {
   const std::vector<std::string> replies = {
-      Records(5, 6, "a\r\n"),       // not what was asked for
-      Records(0, 0, "a\r\n"),       // no step forward
-      Records(0, -1, "a\r\n"),      // a step back
-      Records(0, 1, "a\r\nb\r\n"),  // more records than counted
+      Records(5, 6, "a\r\n"),       // not the requested index
+      Records(0, 0, "a\r\n"),       // the index stays
+      Records(0, -1, "a\r\n"),      // the index goes back
+      Records(0, 1, "a\r\nb\r\n"),  // more records than the count
       "0\n<ReportData StartIndex=\"0\">a\r\n</ReportData>",
   };
   for (const std::string& reply : replies) {
@@ -395,7 +395,7 @@ TEST_F(QxctlFetchOfAFakeModule, RepliesThatContradictTheRequestOrThemselvesAreAC
   }
 }
 
-TEST_F(QxctlFetchOfAFakeModule, ADifferentFirstRecordAtTheEndIsAChangeAndKept) {
+TEST_F(QxctlFetchOfAFakeModule, DifferentFirstRecordAtTheEndIsAChangeAndTheFileIsKept) {
   Reply(1, Records(0, 2, "a\r\nb\r\n"));
   Reply(4, Records(0, 1, "b\r\n"));
   const Ran ran = Fetch({"-o", "out", "--json"});
@@ -407,13 +407,13 @@ TEST_F(QxctlFetchOfAFakeModule, ADifferentFirstRecordAtTheEndIsAChangeAndKept) {
   EXPECT_EQ(Out(), "a\r\nb\r\n");
 }
 
-TEST_F(QxctlFetchOfAFakeModule, FailedReadInTheMiddleIsRepeated) {
+TEST_F(QxctlFetchOfAFakeModule, FailedReadInTheMiddleIsRetried) {
   const std::string failure = "12\n<Error Msg=\"Report data for report 'load' could not be read\" LastError=\"5\"/>";
   Reply(1, Records(0, 1, "a\r\n"));
   Reply(2, failure);
   Reply(3, failure);
   Reply(4, Records(1, 2, "b\r\n"));
-  Reply(7, Records(0, 1, "a\r\n"));  // 5 and 6 ask behind the end
+  Reply(7, Records(0, 1, "a\r\n"));  // 5 and 6 request records after the end
   const Ran ran = Fetch({"-o", "out"});
   EXPECT_EQ(ran.code, 0) << ran.err;
   EXPECT_EQ(Out(), "a\r\nb\r\n");
@@ -444,14 +444,14 @@ TEST_F(QxctlFetchOfAFakeModule, ThirdFailureInTheMiddleLeavesTheOldFile) {
   EXPECT_THAT(FilesHere(), testing::ElementsAre("Reports", "fake", "out"));
 }
 
-TEST_F(QxctlFetchOfAFakeModule, TheHighestIndexIsTheEnd) {
+TEST_F(QxctlFetchOfAFakeModule, HighestIndexIsTheEnd) {
   Reply(1, Records(0, 2147483647, "a\r\n"));
-  Reply(3, Records(0, 1, "a\r\n"));  // no question after the end: there is no such index
+  Reply(3, Records(0, 1, "a\r\n"));  // no request after the end: there is no such index
   EXPECT_EQ(Fetch().code, 0);
   EXPECT_EQ(Request(2), "<ReportData Name=\"load\" StartIndex=\"2147483647\"/>\n");
 }
 
-TEST_F(QxctlFetchOfAFakeModule, AReplyThatIsNeitherRecordsNorAnErrorIsAnIoFailure) {
+TEST_F(QxctlFetchOfAFakeModule, ReplyWithoutRecordsAndWithoutErrorIsAnIoFailure) {
   Reply(1, "0\n<Other/>");
   EXPECT_EQ(Fetch().code, 6);
   Reply(1, "0\nno markup");

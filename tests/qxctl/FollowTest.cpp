@@ -31,7 +31,7 @@ class QxctlFollow : public testing::Test, protected QxctlFixture {
     command.insert(command.begin(), QxctlPath());
     return command;
   }
-  // Changes the report while the follower stands still.
+  // Changes the report while the follower is stopped.
   template <typename Change>
   static void WhileStopped(const Child& child, Change change) {
     child.Kill(SIGSTOP);
@@ -63,7 +63,7 @@ std::string ReadUntil(Child& child, const std::string& text) {
 
 }  // namespace
 
-TEST_F(QxctlFollow, WhatStandsThereComesFirstAndCountEndsIt) {
+TEST_F(QxctlFollow, ExistingRecordsComeFirstAndCountEndsIt) {
   MakeReport("load", 9, {"a", "b", "c"});
   const Ran ran = Follow({"--count", "2"});
   EXPECT_EQ(ran.code, 0);
@@ -71,7 +71,7 @@ TEST_F(QxctlFollow, WhatStandsThereComesFirstAndCountEndsIt) {
   EXPECT_EQ(ran.err, "load: 2 records, gaps 0, ambiguous 0, started over 0\n");
 }
 
-TEST_F(QxctlFollow, NewRecordsAreSeenAlsoWhenTheRingMoves) {
+TEST_F(QxctlFollow, NewRecordsArePrintedAlsoWhenTheRingAdvances) {
   MakeReport("load", 3, {"a", "b", "c"});
   Child child(Command({"--count", "6"}), StartHere());
   EXPECT_EQ(ReadUntil(child, "c\r\n"), "a\r\nb\r\nc\r\n");
@@ -83,34 +83,34 @@ TEST_F(QxctlFollow, NewRecordsAreSeenAlsoWhenTheRingMoves) {
   EXPECT_EQ(ran.code, 0) << ran.err;
 }
 
-TEST_F(QxctlFollow, ForEndsItAfterSomeTime) {
+TEST_F(QxctlFollow, ForEndsItAfterTheTime) {
   MakeReport("load", 9, {"a"});
   const Ran ran = Follow({"--for", "0.05"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_EQ(ran.out, "a\r\n");
 }
 
-TEST_F(QxctlFollow, FromNowLeavesOutWhatStandsThere) {
+TEST_F(QxctlFollow, FromNowLeavesOutExistingRecords) {
   MakeReport("load", 9, {"a", "b"});
   const Ran ran = Follow({"--from-now", "--for", "0.05"});
   EXPECT_EQ(ran.out, "");
   EXPECT_EQ(ran.code, 0) << ran.err;
 }
 
-TEST_F(QxctlFollow, FromNowPrintsAllOfAReportThatWasNotThere) {
+TEST_F(QxctlFollow, FromNowPrintsAllRecordsOfALaterReport) {
   Child child(Command({"--from-now", "--wait", "--count", "2", "--json"}), StartHere());
   ReadUntil(child, "missing");
   MakeReport("load", 9, {"a", "b"});
   EXPECT_THAT(child.Wait().out, HasSubstr("\"text\":\"a\""));
 }
 
-TEST_F(QxctlFollow, AMissingReportIsNotFound) {
+TEST_F(QxctlFollow, MissingReportIsNotFound) {
   const Ran ran = Follow({"--for", "5"});
   EXPECT_EQ(ran.code, 4);
   EXPECT_THAT(ran.err, HasSubstr("no such report in the report directory"));
 }
 
-TEST_F(QxctlFollow, WaitWaitsForIt) {
+TEST_F(QxctlFollow, WaitWaitsForTheReport) {
   Child child(Command({"--wait", "--count", "1", "--json"}), StartHere());
   EXPECT_EQ(ReadUntil(child, "\n"), "{\"kind\":\"missing\"}\n");
   MakeReport("load", 9, {"a"});
@@ -119,7 +119,7 @@ TEST_F(QxctlFollow, WaitWaitsForIt) {
   EXPECT_EQ(Lines(ran.out).front(), json::parse(R"({"kind": "record", "index": 0, "text": "a"})"));
 }
 
-TEST_F(QxctlFollow, AGapIsReportedAndCounted) {
+TEST_F(QxctlFollow, GapIsReportedAndCounted) {
   MakeReport("load", 3, {"a", "b", "c"});
   Child child(Command({"--count", "6", "--json"}), StartHere());
   ReadUntil(child, "\"c\"}\n");
@@ -135,7 +135,7 @@ TEST_F(QxctlFollow, AGapIsReportedAndCounted) {
                                       "ambiguous": 0, "startedOver": 0, "failedCalls": 0, "exitCode": 1})"));
 }
 
-TEST_F(QxctlFollow, AReportThatIsStartedOverIsReportedAndFollowed) {
+TEST_F(QxctlFollow, RestartedReportIsReportedAndFollowed) {
   MakeReport("load", 9, {"a", "b", "c"});
   Child child(Command({"--count", "4"}), StartHere());
   ReadUntil(child, "c\r\n");
@@ -149,7 +149,7 @@ TEST_F(QxctlFollow, AReportThatIsStartedOverIsReportedAndFollowed) {
   EXPECT_THAT(ran.err, HasSubstr("qxctl: load: started over:"));
 }
 
-TEST_F(QxctlFollow, AReportThatIsGoneForAMomentIsWaitedFor) {
+TEST_F(QxctlFollow, ReportThatIsAwayForAMomentIsAwaited) {
   MakeReport("load", 9, {"a"});
   Child child(Command({"--count", "2", "--json"}), StartHere());
   ReadUntil(child, "\"a\"}\n");
@@ -174,7 +174,7 @@ TEST_F(QxctlFollow, EqualRecordsAreAmbiguousAndReportedOnce) {
   EXPECT_THAT(ran.err, HasSubstr("load: 5 records"));
 }
 
-TEST_F(QxctlFollow, SignalsEndItWithTheClosingLine) {
+TEST_F(QxctlFollow, SignalEndsItWithTheSummary) {
   for (const int signal : {SIGINT, SIGTERM}) {
     RemoveReport();
     MakeReport("load", 9, {"a"});
@@ -189,21 +189,21 @@ TEST_F(QxctlFollow, SignalsEndItWithTheClosingLine) {
   }
 }
 
-TEST_F(QxctlFollow, OutputThatCannotBeWrittenEndsIt) {
+TEST_F(QxctlFollow, UnwritableOutputEndsIt) {
   MakeReport("load", 9, {"a"});
   Start start = StartHere();
   start.out_file = "/dev/full";
   EXPECT_EQ(Qxctl(Arguments({"--for", "5"}), start).code, 6);
 }
 
-TEST_F(QxctlFollow, ARefusedCallerGetsNothing) {
+TEST_F(QxctlFollow, RefusedCallerGetsNothing) {
   MakeReport("load", 9, {"secret"});
   const Ran ran = Follow({"--user", "bob", "--for", "5"});
   EXPECT_EQ(ran.code, 5);
   EXPECT_EQ(ran.out, "");
 }
 
-// --- with a module that gives prepared answers
+// --- with a module that returns prepared replies
 
 namespace {
 
@@ -230,7 +230,7 @@ const char kFailure[] = "12\n<Error Msg=\"Report data for report 'load' could no
 TEST_F(QxctlFollowOfAFakeModule, FailedReadsAreReportedOnceAndTriedAgain) {
   for (int i = 1; i <= 18; ++i) Reply(i, kFailure);
   Reply(19, kOneRecord);
-  Reply(22, kOneRecord);  // 20 and 21 ask for what comes after the record; 22 is whether it is still there
+  Reply(22, kOneRecord);  // 20 and 21 request what follows the record; 22 checks that it is still there
   const Ran ran = FollowFake({"--count", "1"});
   EXPECT_EQ(ran.code, 1);
   EXPECT_EQ(ran.out, "a\r\n");
@@ -238,7 +238,7 @@ TEST_F(QxctlFollowOfAFakeModule, FailedReadsAreReportedOnceAndTriedAgain) {
   EXPECT_EQ(ran.err.find("trying again"), ran.err.rfind("trying again")) << ran.err;
 }
 
-TEST_F(QxctlFollowOfAFakeModule, ReadThatFailsTwiceIsNotNoticed) {
+TEST_F(QxctlFollowOfAFakeModule, ReadThatFailsTwiceIsNotReported) {
   Reply(1, kFailure);
   Reply(2, kFailure);
   Reply(3, kOneRecord);
@@ -251,7 +251,7 @@ TEST_F(QxctlFollowOfAFakeModule, ReadThatFailsTwiceIsNotNoticed) {
 TEST_F(QxctlFollowOfAFakeModule, FromNowPrintsOnlyLaterRecords) {
   Reply(1, kOneRecord);
   Reply(4, kOneRecord);
-  Reply(5, kOneRecord);  // where a is; 6 is what follows it
+  Reply(5, kOneRecord);  // the index of a; 6 requests what follows it
   Reply(6, "0\n<ReportData StartIndex=\"1\" NextIndex=\"2\"><![CDATA[b\r\n]]></ReportData>");
   Reply(9, "0\n<ReportData StartIndex=\"0\" NextIndex=\"2\"><![CDATA[a\r\nb\r\n]]></ReportData>");
   const Ran ran = FollowFake({"--from-now", "--count", "1"});

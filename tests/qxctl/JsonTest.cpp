@@ -31,14 +31,14 @@ TEST(QxctlJson, EachKindOfValueHasItsText) {
   EXPECT_EQ(JsonLine(Json::Array()), "[]");
 }
 
-TEST(QxctlJson, AListOfPairsThatBeginWithATextIsAnObject) {
+TEST(QxctlJson, ListOfPairsThatBeginWithATextIsAnObject) {
   EXPECT_EQ(JsonLine({{"b", 1}, {"a", nullptr}}), R"({"b":1,"a":null})");
   EXPECT_EQ(JsonLine({{"list", {1, 2, 3}}, {"object", {{"x", "y"}}}}), R"({"list":[1,2,3],"object":{"x":"y"}})");
   EXPECT_EQ(JsonLine({{1, 2}, {3, 4}}), "[[1,2],[3,4]]");
   EXPECT_EQ(JsonLine({"x", "y", "z"}), R"(["x","y","z"])");
 }
 
-TEST(QxctlJson, MembersStayInTheOrderInWhichTheyWereAdded) {
+TEST(QxctlJson, MembersKeepTheOrderOfTheirAddition) {
   Json object;
   object["z"] = 1;
   object["a"] = 2;
@@ -66,7 +66,7 @@ TEST(QxctlJson, BytesThatAreNotUtf8AreReplaced) {
   EXPECT_TRUE(ctl::IsUtf8("\xC3\xA4"));
 }
 
-TEST(QxctlJson, ADocumentIsIndentedByTwo) {
+TEST(QxctlJson, DocumentIsIndentedByTwo) {
   EXPECT_EQ(ctl::JsonText({{"a", {1, 2, 3}}}), "{\n  \"a\": [\n    1,\n    2,\n    3\n  ]\n}");
 }
 

@@ -1,4 +1,4 @@
-// qxctl module load-test: a good module passes, and each way in which a module can be bad is found.
+// qxctl module load-test: a good module passes, and each fault of a bad one is found.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -22,7 +22,7 @@ class QxctlLoadTestThreads : public testing::Test, protected QxctlFixture {
 
   Ran LoadTest(std::vector<std::string> arguments, const std::string& fault = "") const {
     Start start = StartHere();
-    start.environment["ASAN_OPTIONS"] = "detect_leaks=0:quarantine_size_mb=1";  // what is leaked is to be found by us
+    start.environment["ASAN_OPTIONS"] = "detect_leaks=0:quarantine_size_mb=1";  // the test itself must find the leak
     if (!fault.empty()) {
       start.environment["QX_REAL_MODULE"] = ModulePath();
       start.environment["QX_MODULE"] = QX_FAULTY_MODULE;
@@ -46,7 +46,7 @@ class QxctlLoadTestThreads : public testing::Test, protected QxctlFixture {
 
 }  // namespace
 
-TEST(LatencyHistogram, AnEmptyOneHasNoTimes) {
+TEST(LatencyHistogram, EmptyHistogramHasNoTimes) {
   const LatencyHistogram histogram;
   EXPECT_EQ(histogram.Count(), 0U);
   EXPECT_EQ(histogram.Percentile(0.5), 0U);
@@ -61,7 +61,7 @@ TEST(LatencyHistogram, TimesBelowSixtyFourNanosecondsAreExact) {
   }
 }
 
-TEST(LatencyHistogram, APercentileIsNeverBelowTheTrueOneNorAThirtySecondAboveIt) {
+TEST(LatencyHistogram, PercentileIsAtMostOneThirtySecondAboveTheTrueOne) {
   for (std::uint64_t ns = 1; ns < std::uint64_t{1} << 62; ns += ns / 7 + 1) {
     LatencyHistogram histogram;
     histogram.Add(ns);
@@ -71,7 +71,7 @@ TEST(LatencyHistogram, APercentileIsNeverBelowTheTrueOneNorAThirtySecondAboveIt)
   }
 }
 
-TEST(LatencyHistogram, TheLongestTimeIsTheLastPercentile) {
+TEST(LatencyHistogram, LongestTimeIsTheLastPercentile) {
   LatencyHistogram histogram;
   histogram.Add(1000001);
   histogram.Add(3);
@@ -79,7 +79,7 @@ TEST(LatencyHistogram, TheLongestTimeIsTheLastPercentile) {
   EXPECT_EQ(histogram.Max(), 1000001U);
 }
 
-TEST(LatencyHistogram, HistogramsAddUpAndOctavesHoldEveryTime) {
+TEST(LatencyHistogram, SumOfHistogramsHasEveryTime) {
   LatencyHistogram one;
   LatencyHistogram other;
   for (const std::uint64_t ns : {100, 120, 5000}) one.Add(ns);
@@ -96,7 +96,7 @@ TEST(LatencyHistogram, HistogramsAddUpAndOctavesHoldEveryTime) {
   EXPECT_EQ(octaves.back().count, 1U);
 }
 
-TEST_F(QxctlLoadTestThreads, AGoodModulePassesWithAllFourRequests) {
+TEST_F(QxctlLoadTestThreads, GoodModulePassesWithAllFourRequests) {
   const Ran ran = LoadTest({"--requests", "2000", "--report", "load", "--records", "2", "--exact", "--json"});
   EXPECT_EQ(ran.code, 0) << ran.err << ran.out;
   const json figures = json::parse(ran.out);
@@ -113,7 +113,7 @@ TEST_F(QxctlLoadTestThreads, AGoodModulePassesWithAllFourRequests) {
   EXPECT_EQ(in_histogram, 2000U);
 }
 
-TEST_F(QxctlLoadTestThreads, TheTextHasALineForEachFigure) {
+TEST_F(QxctlLoadTestThreads, TextHasALineForEachFigure) {
   const Ran ran = LoadTest({"--requests", "400"});
   EXPECT_EQ(ran.code, 0) << ran.err << ran.out;
   for (const char* const line : {"requests      400 in ", "failures      0\n", "rate          ", "latency       p50 ",
@@ -122,7 +122,7 @@ TEST_F(QxctlLoadTestThreads, TheTextHasALineForEachFigure) {
   }
 }
 
-TEST_F(QxctlLoadTestThreads, ADurationEndsTheLoad) {
+TEST_F(QxctlLoadTestThreads, DurationEndsTheLoad) {
   const Ran ran = LoadTest({"--duration", "0.2", "--mix", "what", "--json"});
   EXPECT_EQ(ran.code, 0) << ran.err << ran.out;
   EXPECT_GT(json::parse(ran.out)["requests"], 0);
@@ -144,9 +144,7 @@ TEST_F(QxctlLoadTestThreads, LeakedDescriptorsAreFound) {
   EXPECT_THAT(Findings("leak-one"), testing::ElementsAre("descriptors")) << "a single one, at the unload";
 }
 
-TEST_F(QxctlLoadTestThreads, AModuleThatStaysMappedIsFound) {
-  EXPECT_THAT(Findings("stay-mapped"), Contains("unload"));
-}
+TEST_F(QxctlLoadTestThreads, ModuleThatStaysMappedIsFound) { EXPECT_THAT(Findings("stay-mapped"), Contains("unload")); }
 
 TEST_F(QxctlLoadTestThreads, ServingARefusedCallerIsAFailure) {
   const Ran refused = LoadTest({"--requests", "100", "--report", "load", "--user", "bob"});
@@ -154,11 +152,11 @@ TEST_F(QxctlLoadTestThreads, ServingARefusedCallerIsAFailure) {
   EXPECT_THAT(refused.err, HasSubstr("AccessPerformanceMgr"));
 }
 
-TEST_F(QxctlLoadTestThreads, AReportThatIsMissingIsNotFound) {
+TEST_F(QxctlLoadTestThreads, MissingReportIsNotFound) {
   EXPECT_EQ(LoadTest({"--requests", "100", "--report", "none"}).code, 4);
 }
 
-TEST_F(QxctlLoadTestThreads, AnEmptyReportIsATransferOfNothing) {
+TEST_F(QxctlLoadTestThreads, EmptyReportIsATransferWithoutRecords) {
   MakeReport("empty", 9, {});
   const Ran ran = LoadTest({"--requests", "400", "--report", "empty", "--mix", "reports,names"});
   EXPECT_EQ(ran.code, 0) << ran.err;

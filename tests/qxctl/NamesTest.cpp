@@ -37,7 +37,7 @@ TEST_F(QxctlNames, WithoutInstancesNothingIsPrinted) {
             json({{"report", "disk"}, {"instances", json::array()}}));
 }
 
-TEST_F(QxctlNames, TheBytesOfANameComeBackAndControlBytesAreMadeVisible) {
+TEST_F(QxctlNames, BytesOfANameArePrintedAndControlBytesAreMadeVisible) {
   MakeNames("1=K\xC3\xA4lte\n2=a\x1B[31mb\\c\n3=\xE4\n");
   EXPECT_EQ(Qxctl({"names", "disk"}).out, "1=K\xC3\xA4lte\n2=a\\x1B[31mb\\\\c\n3=\xE4\n");
   const json instances = json::parse(Qxctl({"names", "disk", "--json"}).out)["instances"];
@@ -46,13 +46,13 @@ TEST_F(QxctlNames, TheBytesOfANameComeBackAndControlBytesAreMadeVisible) {
   EXPECT_EQ(instances[2], json({{"number", "3"}, {"name", nullptr}, {"nameBase64", "5A=="}}));
 }
 
-TEST_F(QxctlNames, AReportWithoutNamesFileIsNotFound) {
+TEST_F(QxctlNames, ReportWithoutNamesFileIsNotFound) {
   const Ran ran = Qxctl({"names", "disk"});
   EXPECT_EQ(ran.code, 4);
   EXPECT_THAT(ran.err, HasSubstr("Report instance names file not found"));
 }
 
-TEST_F(QxctlNames, AnotherVersionAndAMissingPrivilegeAreRefused) {
+TEST_F(QxctlNames, OtherVersionAndMissingPrivilegeAreRefused) {
   MakeNames("1=x\n", "2");
   EXPECT_EQ(Qxctl({"names", "disk"}).code, 5);
   const Ran both = Qxctl({"names", "disk", "--user", "nobody"});
@@ -65,7 +65,7 @@ TEST_F(QxctlNames, AnotherVersionAndAMissingPrivilegeAreRefused) {
   EXPECT_EQ(Qxctl({"names", "disk", "--user", "u", "--privilege", "Ops:AccessPerformanceMgr"}).out, "1=x\n");
 }
 
-TEST_F(QxctlNames, AReplyThatIsNeitherListNorErrorIsAFailure) {
+TEST_F(QxctlNames, ReplyWithoutListAndWithoutErrorIsAFailure) {
   const TempDir fake;
   WriteFile(fake.File("reply.1"), "0\n<Other/>\n");
   Start start;
@@ -73,7 +73,7 @@ TEST_F(QxctlNames, AReplyThatIsNeitherListNorErrorIsAFailure) {
   EXPECT_EQ(Qxctl({"names", "disk"}, start).code, 6);
 }
 
-TEST_F(QxctlNames, TheSingleCallShowsTheDocument) {
+TEST_F(QxctlNames, SingleCallShowsTheDocument) {
   MakeNames("1=x\n");
   const Ran ran = Qxctl({"module", "names", "disk"});
   EXPECT_EQ(ran.code, 0);

@@ -1,4 +1,4 @@
-// What every command has in common: how much is said, and in which colour.
+// All commands: how much they print, and in which colour.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -49,7 +49,7 @@ std::vector<std::string> With(std::vector<std::string> arguments, const std::vec
 
 }  // namespace
 
-// --- how much
+// --- amount of output
 
 TEST_F(QxctlOutput, QuietLeavesOutNotesAndKeepsTheData) {
   EXPECT_THAT(Run({"fetch", "load"}).err, HasSubstr("load: 1 record"));
@@ -65,7 +65,7 @@ TEST_F(QxctlOutput, QuietKeepsProblems) {
   EXPECT_THAT(ran.err, HasSubstr("qxctl: there is no Reports/nothing.ind"));
 }
 
-TEST_F(QxctlOutput, QuietKeepsWhatIsOddAboutATrace) {
+TEST_F(QxctlOutput, QuietKeepsFindingsAboutATrace) {
   WriteFile(Dir().File("log.x"), "no entry\n");
   const Ran ran = Run({"trace", "show", "log.x", "--quiet"});
   EXPECT_EQ(ran.code, 1);
@@ -77,7 +77,7 @@ TEST_F(QxctlOutput, QuietLeavesOutProgressOnATerminal) {
   EXPECT_EQ(RunOnTerminal({"fetch", "load", "--quiet"}).err, "");
 }
 
-TEST_F(QxctlOutput, VerboseSaysMore) {
+TEST_F(QxctlOutput, VerbosePrintsMore) {
   EXPECT_EQ(Run(With(verify_, {"--trace", "traces"})).err, "");
   EXPECT_EQ(Run(With(verify_, {"--trace", "more", "--verbose"})).err, "qxctl: the traces go to more\n");
 }
@@ -96,21 +96,21 @@ TEST_F(QxctlOutput, TheOptionsMayBeBeforeOrAfterAnyCommand) {
 
 // --- colour
 
-TEST_F(QxctlOutput, ATerminalGetsColour) {
+TEST_F(QxctlOutput, TerminalGetsColour) {
   EXPECT_EQ(RunOnTerminal(verify_).out, "Reports/load: \033[32msound\033[0m, 1 record\n");
 }
 
-TEST_F(QxctlOutput, ATerminalGetsProblemsInColour) {
+TEST_F(QxctlOutput, TerminalGetsProblemsInColour) {
   EXPECT_THAT(RunOnTerminal(missing_).err, HasSubstr("\033[1;31mqxctl:\033[0m there is no Reports/nothing.ind"));
 }
 
-TEST_F(QxctlOutput, APipeGetsNoColour) {
+TEST_F(QxctlOutput, PipeGetsNoColour) {
   EXPECT_EQ(Run(verify_).out, "Reports/load: sound, 1 record\n");
   EXPECT_THAT(Run(missing_).err, Not(HasSubstr(kEscape)));
 }
 
-// Someone who redirects the data still reads the problems on a terminal, and the other way round.
-TEST_F(QxctlOutput, EachStreamIsLookedAtByItself) {
+// If only the data is redirected, the problems still appear on the terminal in colour, and vice versa.
+TEST_F(QxctlOutput, EachStreamIsCheckedByItself) {
   Start start = StartHere();
   start.environment["NO_COLOR"] = "";
   start.err_is_terminal = true;
@@ -122,22 +122,22 @@ TEST_F(QxctlOutput, EachStreamIsLookedAtByItself) {
   EXPECT_THAT(Qxctl(missing_, start).err, Not(HasSubstr(kEscape)));
 }
 
-TEST_F(QxctlOutput, NoColorOfTheEnvironmentForbidsItOnATerminal) {
+TEST_F(QxctlOutput, NoColorInTheEnvironmentTurnsColourOff) {
   EXPECT_EQ(RunOnTerminal(verify_, "1").out, "Reports/load: sound, 1 record\n");
   EXPECT_THAT(RunOnTerminal(missing_, "no").err, Not(HasSubstr(kEscape)));
 }
 
-TEST_F(QxctlOutput, NeverIsNeverAndAlwaysIsAlways) {
+TEST_F(QxctlOutput, NeverAndAlwaysDoNotDependOnTheStream) {
   EXPECT_EQ(RunOnTerminal(With(verify_, {"--color", "never"})).out, "Reports/load: sound, 1 record\n");
   EXPECT_THAT(Run(With(verify_, {"--color", "always"})).out, HasSubstr(kEscape));
   EXPECT_THAT(Run(With(missing_, {"--color", "always"}), "1").err, HasSubstr(kEscape));
 }
 
-TEST_F(QxctlOutput, AnotherWordForColourIsAUsageError) {
+TEST_F(QxctlOutput, UnknownColourChoiceIsAUsageError) {
   EXPECT_EQ(Run(With(verify_, {"--color", "sometimes"})).code, 2);
 }
 
-TEST_F(QxctlOutput, ADocumentIsNeverColoured) {
+TEST_F(QxctlOutput, DocumentIsNeverColoured) {
   const Ran ran = RunOnTerminal(With(verify_, {"--json", "--color", "always"}));
   EXPECT_THAT(ran.out, AllOf(HasSubstr("\"state\": \"sound\""), Not(HasSubstr(kEscape))));
 }

@@ -63,7 +63,7 @@ TEST_F(QxctlRecordFormat, TextIsWhatIsStored) {
   EXPECT_EQ(Print({"--format", "text"}), "a\r\nb\xFF\xE4\r\n");
 }
 
-TEST_F(QxctlRecordFormat, JsonHasALineARecordAndLosesNothing) {
+TEST_F(QxctlRecordFormat, JsonHasALineForEachRecordAndEveryByte) {
   MakeReport("load", 9, {"plain", "q\"\\\t", "\xE4", "a\nlost", "b\xFFlost", "\xC3\xA4"});
   const std::string out = Print({"--format", "json"});
   EXPECT_EQ(out.substr(0, out.find('\n') + 1), "{\"index\":0,\"text\":\"plain\"}\n");
@@ -76,7 +76,7 @@ TEST_F(QxctlRecordFormat, JsonHasALineARecordAndLosesNothing) {
   EXPECT_EQ(lines[5]["text"], "\xC3\xA4");
 }
 
-// The reply does not tell where a record without end ends.
+// The reply does not show where a record without an end byte ends.
 TEST_F(QxctlRecordFormat, RecordsCutAtANulAreSeparatedByTheModule) {
   Texts texts;
   for (int i = 0; i < 20; ++i) texts.push_back("abcdef" + std::to_string(i));
@@ -91,18 +91,18 @@ TEST_F(QxctlRecordFormat, RecordsCutAtANulAreSeparatedByTheModule) {
   EXPECT_EQ(lines[19]["end"], "none");
 }
 
-TEST_F(QxctlRecordFormat, CsvQuotesWhatRfc4180SaysAndHasAHeader) {
+TEST_F(QxctlRecordFormat, CsvQuotesAsInRfc4180AndHasAHeader) {
   EXPECT_EQ(Csv({"plain", "a,b", "say \"hi\"", "cr\rcr", "", "\xE4"}),
             "index,text\r\n0,plain\r\n1,\"a,b\"\r\n2,\"say \"\"hi\"\"\"\r\n3,\"cr\rcr\"\r\n4,\r\n5,\xE4\r\n");
 }
 
-TEST_F(QxctlRecordFormat, CsvFieldsMakeColumnsAsManyAsTheFirstRecordHas) {
+TEST_F(QxctlRecordFormat, CsvHasAsManyColumnsAsTheFirstRecordHasFields) {
   EXPECT_EQ(Csv({"a;b", "c", "d;e;f"}, {"--fields", ";"}), "index,column1,column2\r\n0,a,b\r\n1,c,\r\n2,d,e;f\r\n");
   EXPECT_EQ(Csv({"a\tb"}, {"--fields", "\\t"}), "index,column1,column2\r\n0,a,b\r\n");
   EXPECT_EQ(Csv({"a::b:c"}, {"--fields", "::"}), "index,column1,column2\r\n0,a,b:c\r\n");
 }
 
-TEST_F(QxctlRecordFormat, CsvSafeKeepsSpreadsheetsFromTakingCellsForFormulas) {
+TEST_F(QxctlRecordFormat, CsvSafeEscapesCellsThatLookLikeFormulas) {
   const Texts texts = {"=1+1", "+a", "-5", "@b", "\tc", "a=b", "=\"x\",y"};
   EXPECT_EQ(Csv(texts, {"--csv-safe"}),
             "index,text\r\n0,'=1+1\r\n1,'+a\r\n2,'-5\r\n3,'@b\r\n4,'\tc\r\n5,a=b\r\n6,\"'=\"\"x\"\",y\"\r\n");
@@ -110,19 +110,19 @@ TEST_F(QxctlRecordFormat, CsvSafeKeepsSpreadsheetsFromTakingCellsForFormulas) {
   EXPECT_EQ(Qxctl({"report", "cat", "Reports/load", "--csv-safe"}).code, 2);
 }
 
-TEST_F(QxctlRecordFormat, AnEmptyReportPrintsNothingInAnyFormat) {
+TEST_F(QxctlRecordFormat, EmptyReportPrintsNothingInEveryFormat) {
   MakeReport("load", 9, {});
   EXPECT_EQ(Print({"--format", "csv"}), "");
   EXPECT_EQ(Print({"--format", "json"}), "");
 }
 
-TEST_F(QxctlRecordFormat, FormatsGoIntoTheFileOfFetch) {
+TEST_F(QxctlRecordFormat, FetchWritesTheFormatIntoItsOutputFile) {
   MakeReport("load", 9, {"a"});
   ASSERT_EQ(Qxctl({"fetch", "load", "--format", "json", "-o", "out"}).code, 0);
   EXPECT_EQ(ReadFile(Dir().File("out")), "{\"index\":0,\"text\":\"a\"}\n");
 }
 
-TEST_F(QxctlRecordFormat, WhatMakesNoSenseIsAUsageError) {
+TEST_F(QxctlRecordFormat, ContradictoryOptionsAreAUsageError) {
   MakeReport("load", 9, {"a"});
   for (const Texts& options : {Texts{"--format", "xml"},
                                {"--fields", ";"},
@@ -135,7 +135,7 @@ TEST_F(QxctlRecordFormat, WhatMakesNoSenseIsAUsageError) {
   }
 }
 
-TEST_F(QxctlRecordFormat, AChartOfAKeyInAscii) {
+TEST_F(QxctlRecordFormat, ChartOfAKeyInAscii) {
   const Ran ran = Plot({"cpu=0%", "cpu=50%", "cpu=100%", "nothing"}, {"--plot", "cpu"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_EQ(ran.out,
@@ -145,7 +145,7 @@ TEST_F(QxctlRecordFormat, AChartOfAKeyInAscii) {
   EXPECT_EQ(ran.err, "qxctl: 1 of 4 records have no number for cpu\n");
 }
 
-TEST_F(QxctlRecordFormat, AChartOfAColumnInUnicode) {
+TEST_F(QxctlRecordFormat, ChartOfAColumnInUnicode) {
   const Ran ran = Plot({"09:00 1", "09:01 3.5", "09:02 4"}, {"--plot", "2", "--fields", " "}, "de_DE.UTF-8");
   EXPECT_THAT(ran.out, HasSubstr("4 │  █\n"));
   EXPECT_THAT(ran.out, HasSubstr("0 └───\n"));
@@ -191,7 +191,7 @@ TEST_F(QxctlRecordFormat, ExtremeAndEqualValuesHaveAChart) {
   }
 }
 
-TEST_F(QxctlRecordFormat, TheSvgIsValidXmlWhateverTheNamesHold) {
+TEST_F(QxctlRecordFormat, SvgIsValidXmlForEveryName) {
   const std::string field = "a<&\"]]>\x01\xE4";
   const Ran ran = Plot({field + "=1", field + "=2", field + "=1.5"}, {"--plot", field, "--svg", "out.svg"});
   ASSERT_EQ(ran.code, 0) << ran.err;
@@ -204,7 +204,7 @@ TEST_F(QxctlRecordFormat, TheSvgIsValidXmlWhateverTheNamesHold) {
   EXPECT_EQ(parsed.out, "{http://www.w3.org/2000/svg}svg 3\n") << parsed.err;
 }
 
-TEST_F(QxctlRecordFormat, ColourIsPutAroundTheBarsOnlyWhenItIsAskedFor) {
+TEST_F(QxctlRecordFormat, BarsAreColouredOnlyOnRequest) {
   EXPECT_THAT(Plot({"x=1"}, {"--plot", "x"}).out, Not(HasSubstr("\033")));
   EXPECT_THAT(Plot({"x=1"}, {"--plot", "x", "--color", "always"}).out, HasSubstr("\033["));
 }

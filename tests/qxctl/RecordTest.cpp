@@ -1,4 +1,4 @@
-// qxctl module record and replay: what was recorded comes out the same, and what does not is shown.
+// qxctl module record and replay: a recorded call has the same result in a replay, and each difference is shown.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -29,7 +29,7 @@ class QxctlRecord : public testing::Test, protected QxctlFixture {
 
 }  // namespace
 
-TEST_F(QxctlRecord, EachFunctionIsRecordedAndReplaysAsItWas) {
+TEST_F(QxctlRecord, EachFunctionIsRecordedAndReplayedUnchanged) {
   WriteFile(Dir().File("Reports/load.names"), "[Quaxel Report Instances]\nVersion=1\n[Names]\n1=a\n");
   EXPECT_EQ(Qxctl({"module", "record", "what.json", "what"}).code, 0);
   EXPECT_EQ(Qxctl({"module", "record", "reflect.json", "reflect", "--input", "<a/>"}).code, 0);
@@ -48,14 +48,14 @@ TEST_F(QxctlRecord, EachFunctionIsRecordedAndReplaysAsItWas) {
 }
 
 // The page shows the module's own reply.
-TEST_F(QxctlRecord, WorkedExampleOfThePageReplaysAsItWas) {
+TEST_F(QxctlRecord, WorkedExampleOfThePageIsReplayedUnchanged) {
   WriteFile(Dir().File("example.json"), DocExample("testing-modules.md", "call-file"));
   const Ran ran = Qxctl({"module", "replay", "example.json"});
   EXPECT_EQ(ran.code, 0) << ran.out;
   EXPECT_EQ(ran.out, "example.json: GetReports as recorded\n");
 }
 
-TEST_F(QxctlRecord, AWholeTransferGoesIntoADirectoryAndReplaysInItsOrder) {
+TEST_F(QxctlRecord, WholeTransferIsRecordedAndReplayedInItsOrder) {
   std::filesystem::create_directory(Dir().File("calls"));
   EXPECT_EQ(Qxctl({"module", "record", "calls", "reports", "load", "--records", "2", "--transfer"}).code, 0);
   EXPECT_EQ(Recorded("calls/0001-GetReports.json")["stateWord"], 1);
@@ -68,7 +68,7 @@ TEST_F(QxctlRecord, AWholeTransferGoesIntoADirectoryAndReplaysInItsOrder) {
   EXPECT_THAT(alone.out, HasSubstr("  state word: recorded 2, now 1\n"));
 }
 
-TEST_F(QxctlRecord, ADirectoryTakesTheNextNumber) {
+TEST_F(QxctlRecord, NewCallGetsTheNextNumberInADirectory) {
   std::filesystem::create_directory(Dir().File("calls"));
   WriteFile(Dir().File("calls/0041-What.json"), "");
   const Ran ran = Qxctl({"module", "record", "calls", "what"});
@@ -101,7 +101,7 @@ TEST_F(QxctlRecord, IgnoredAttributesMayDiffer) {
   EXPECT_EQ(Qxctl({"module", "replay", "a.json", "--ignore", "date,version"}).code, 0);
 }
 
-TEST_F(QxctlRecord, AFileThatExistsIsReplacedOnlyByForce) {
+TEST_F(QxctlRecord, ExistingFileIsReplacedOnlyByForce) {
   WriteFile(Dir().File("a.json"), "mine");
   const Ran ran = Qxctl({"module", "record", "a.json", "what"});
   EXPECT_EQ(ran.code, 5);
@@ -111,7 +111,7 @@ TEST_F(QxctlRecord, AFileThatExistsIsReplacedOnlyByForce) {
   EXPECT_EQ(Recorded("a.json")["function"], "What");
 }
 
-TEST_F(QxctlRecord, WhatIsNoRecordedCallIsAnIoFailureAndAMissingOneNotFound) {
+TEST_F(QxctlRecord, InvalidFileIsAnIoFailureAndMissingFileNotFound) {
   WriteFile(Dir().File("a.json"), "{}");
   const Ran ran = Qxctl({"module", "replay", "a.json"});
   EXPECT_EQ(ran.code, 6);
@@ -121,14 +121,14 @@ TEST_F(QxctlRecord, WhatIsNoRecordedCallIsAnIoFailureAndAMissingOneNotFound) {
   EXPECT_EQ(Qxctl({"module", "replay"}).code, 2);
 }
 
-TEST_F(QxctlRecord, AWrongCommandLineIsAUsageError) {
+TEST_F(QxctlRecord, WrongCommandLineIsAUsageError) {
   EXPECT_EQ(Qxctl({"module", "record", "a.json"}).code, 2);
   EXPECT_EQ(Qxctl({"module", "record", "a.json", "other"}).code, 2);
   EXPECT_EQ(Qxctl({"module", "record", "a.json", "reports"}).code, 2);
   EXPECT_EQ(Qxctl({"module", "record", "a.json", "reports", "load", "--transfer"}).code, 2);
 }
 
-TEST_F(QxctlRecord, TheBlockOfTheFileIsTheOneThatIsHandedIn) {
+TEST_F(QxctlRecord, BlockOfTheFileIsTheOneThatTheModuleGets) {
   EXPECT_EQ(Qxctl({"module", "record", "a.json", "reports", "load", "--tag", "ABC"}).code, 0);
   EXPECT_EQ(Recorded("a.json")["result"], -1);
   EXPECT_EQ(Qxctl({"module", "replay", "a.json"}).code, 0);

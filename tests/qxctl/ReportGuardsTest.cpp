@@ -26,7 +26,7 @@ class QxctlReportGuards : public testing::Test, protected QxctlFixture {
   }
 };
 
-TEST_F(QxctlReportGuards, VerifyShowsOneFindingOfEachRule) {
+TEST_F(QxctlReportGuards, VerifyShowsTheFirstFindingOfEachRule) {
   MakeReport("r", 9, {"aa", "bb", "cc", "dd", "ee"});
   std::string index = ReadFile(ReportPath("r") + ".ind");
   for (std::size_t slot = 1; slot < 5; ++slot) index[24 + 4 * slot + 1] = '\x7F';

@@ -34,7 +34,7 @@ std::string Repeated(std::string_view text, int count) {
 
 }  // namespace
 
-TEST_F(QxctlReport, CreateWritesAHeaderSoThatTheRingSizeLasts) {
+TEST_F(QxctlReport, CreateWritesTheRingSizeIntoTheHeader) {
   const Ran ran = Qxctl({"report", "create", "Reports/r", "--slots", "3"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_EQ(ran.out + ran.err, "");
@@ -54,20 +54,20 @@ TEST_F(QxctlReport, CreateRefusesWhenEitherFileExists) {
   }
 }
 
-TEST_F(QxctlReport, CreateInADirectoryThatIsMissingIsAnIoFailure) {
+TEST_F(QxctlReport, CreateInAMissingDirectoryIsAnIoFailure) {
   const Ran ran = Qxctl({"report", "create", "nowhere/r", "--slots", "3"});
   EXPECT_EQ(ran.code, 6);
   EXPECT_THAT(ran.err, HasSubstr("No such file or directory"));
 }
 
-TEST_F(QxctlReport, CreateWithoutSlotsOrWithNoneIsAUsageError) {
+TEST_F(QxctlReport, CreateWithoutSlotsOrWithZeroIsAUsageError) {
   EXPECT_EQ(Qxctl({"report", "create", "Reports/r"}).code, 2);
   EXPECT_EQ(Qxctl({"report", "create", "Reports/r", "--slots", "0"}).code, 2);
   EXPECT_EQ(Qxctl({"report", "create", "Reports/r", "--slots", "1073741824"}).code, 2);
   EXPECT_FALSE(Exists(ReportPath("r") + ".ind"));
 }
 
-TEST_F(QxctlReport, AppendedTextsComeBackInAgeOrderWhenTheRingWraps) {
+TEST_F(QxctlReport, AppendedTextsArePrintedInAgeOrderAfterAWrap) {
   ASSERT_EQ(Qxctl({"report", "create", "Reports/r", "--slots", "3"}).code, 0);
   const Ran ran = Qxctl({"report", "append", "Reports/r", "a", "b", "c", "d"});
   EXPECT_EQ(ran.code, 0);
@@ -84,7 +84,7 @@ TEST_F(QxctlReport, LinesOfStandardInputAreAppendedWithoutTheirLineEnds) {
   EXPECT_EQ(Qxctl({"report", "cat", "Reports/r"}).out, "first\r\nunix\r\nother\r\n\r\nunended\r\nlast\r\n");
 }
 
-TEST_F(QxctlReport, WhatCatPrintsAppendsToTheSameBytes) {
+TEST_F(QxctlReport, OutputOfCatCanBeAppendedToGetTheSameBytes) {
   MakeReport("r", 9, {"one", "", "\xE4\xF6\xFC tab\t <&]]> ", " spaces "});
   const std::string printed = Qxctl({"report", "cat", "Reports/r"}).out;
   ASSERT_EQ(Qxctl({"report", "create", "Reports/copy", "--slots", "9"}).code, 0);
@@ -93,7 +93,7 @@ TEST_F(QxctlReport, WhatCatPrintsAppendsToTheSameBytes) {
   EXPECT_EQ(IndexBytes("copy"), IndexBytes("r"));
 }
 
-TEST_F(QxctlReport, TextThatNoReaderWouldGetBackWholeIsAFindingAndStopsTheAppending) {
+TEST_F(QxctlReport, UnreadableTextIsAFindingAndEndsTheAppending) {
   for (const std::string& bad : {std::string("a\nb"), std::string("a\xFF") + "b"}) {
     MakeReport("r", 9, {});
     const Ran ran = Qxctl({"report", "append", "Reports/r", "good", bad, "never"});
@@ -103,7 +103,7 @@ TEST_F(QxctlReport, TextThatNoReaderWouldGetBackWholeIsAFindingAndStopsTheAppend
     (void)unlink((ReportPath("r") + ".ind").c_str());
   }
   const Ran ran = Qxctl({"report", "append", "Reports/r", "-"}, std::string("x\ny\0z\n", 6));
-  EXPECT_EQ(ran.code, 4) << "the index file is gone, and nothing may start the report over";
+  EXPECT_EQ(ran.code, 4) << "without its index file, nothing may start the report over";
   MakeReport("s", 9, {});
   const Ran nul = Qxctl({"report", "append", "Reports/s", "-"}, std::string("x\ny\0z\nw\n", 8));
   EXPECT_EQ(nul.code, 1);
@@ -121,7 +121,7 @@ TEST_F(QxctlReport, AppendNeverStartsAReportOver) {
   EXPECT_EQ(ReadFile(ReportPath("r") + ".dat"), data);
 }
 
-TEST_F(QxctlReport, AReportThatIsMissingGivesNotFoundAndSaysHowToNameOne) {
+TEST_F(QxctlReport, MissingReportIsNotFoundAndTheMessageExplainsPath) {
   for (const char* const command : {"cat", "info"}) {
     const Ran ran = Qxctl({"report", command, "Reports/none"});
     EXPECT_EQ(ran.code, 4);
@@ -132,14 +132,14 @@ TEST_F(QxctlReport, AReportThatIsMissingGivesNotFoundAndSaysHowToNameOne) {
   }
 }
 
-TEST_F(QxctlReport, AFileThatIsNoRegularOneIsAnIoFailure) {
+TEST_F(QxctlReport, FileThatIsNotRegularIsAnIoFailure) {
   ASSERT_EQ(mkfifo((ReportPath("r") + ".ind").c_str(), 0600), 0);
   WriteFile(ReportPath("r") + ".dat", "");
   for (const char* const command : {"cat", "info"}) EXPECT_EQ(Qxctl({"report", command, "Reports/r"}).code, 6);
   EXPECT_EQ(Qxctl({"report", "append", "Reports/r", "x"}).code, 6);
 }
 
-TEST_F(QxctlReport, InfoTellsTheHeaderTheSizesAndTheRing) {
+TEST_F(QxctlReport, InfoShowsTheHeaderTheSizesAndTheRing) {
   MakeReport("r", 3, {"a", "b", "c", "d"});
   const json info = Info("Reports/r");
   EXPECT_EQ(info, json::parse(R"({
@@ -158,7 +158,7 @@ TEST_F(QxctlReport, InfoNamesEachStateOfTheRing) {
   EXPECT_EQ(Info("Reports/r")["ring"], "full");
 }
 
-TEST_F(QxctlReport, AHeaderThatContradictsItselfIsAFinding) {
+TEST_F(QxctlReport, ContradictoryHeaderIsAFinding) {
   MakeReport("r", 3, {"a", "b", "c"});
   std::string index = IndexBytes("r");
   index[16] = 4;  // more slots in use than there are
@@ -169,7 +169,7 @@ TEST_F(QxctlReport, AHeaderThatContradictsItselfIsAFinding) {
   EXPECT_THAT(ran.err, HasSubstr("contradicts itself"));
 }
 
-TEST_F(QxctlReport, CatBelievesNoCountBeyondTheIndexFile) {
+TEST_F(QxctlReport, CatReadsNoSlotsBeyondTheIndexFile) {
   MakeReport("r", 3, {"a", "b", "c"});
   std::string index = IndexBytes("r");
   index.replace(12, 8, "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF");  // slots in the ring and in use
@@ -190,7 +190,7 @@ TEST_F(QxctlReport, OutputThatCannotBeWrittenIsAnIoFailure) {
   EXPECT_THAT(closed.err, HasSubstr("Bad file descriptor"));
 }
 
-TEST_F(QxctlReport, AReaderThatGoesAwayIsAnIoFailureAndNotASignal) {
+TEST_F(QxctlReport, ClosedPipeIsAnIoFailureAndNotASignal) {
   MakeReport("r", 20000, std::vector<std::string>(20000, Repeated("text ", 20)));
   Start start = StartHere();
   Child child({"/bin/sh", "-c", "(\"$0\" report cat Reports/r; echo \"code $?\" >&2) | head -c 1", QxctlPath()}, start);
@@ -200,7 +200,7 @@ TEST_F(QxctlReport, AReaderThatGoesAwayIsAnIoFailureAndNotASignal) {
   EXPECT_THAT(ran.err, HasSubstr("code 6"));
 }
 
-TEST_F(QxctlReport, AnEmptyReportPrintsNothing) {
+TEST_F(QxctlReport, EmptyReportPrintsNothing) {
   ASSERT_EQ(Qxctl({"report", "create", "Reports/r", "--slots", "3"}).code, 0);
   const Ran ran = Qxctl({"report", "cat", "Reports/r"});
   EXPECT_EQ(ran.code, 0);

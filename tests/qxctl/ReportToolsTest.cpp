@@ -44,7 +44,7 @@ class QxctlReportTools : public testing::Test, protected QxctlFixture {
 
 }  // namespace
 
-TEST_F(QxctlReportTools, ANameIsAReportOfTheReportDirectoryAndAPathHasASlash) {
+TEST_F(QxctlReportTools, NameIsAReportOfTheReportDirectoryAndAPathHasASlash) {
   MakeReport("r", 3, {"a", "b"});
   const std::string inside = Dir().Path() + "/Reports/r";
   EXPECT_EQ(Qxctl({"report", "verify", "r"}).out, inside + ": sound, 2 records\n");
@@ -52,7 +52,7 @@ TEST_F(QxctlReportTools, ANameIsAReportOfTheReportDirectoryAndAPathHasASlash) {
   EXPECT_EQ(Qxctl({"report", "verify", "./r"}).code, 4);
 }
 
-TEST_F(QxctlReportTools, VerifyTellsEachFindingAsJson) {
+TEST_F(QxctlReportTools, VerifyPrintsEachFindingAsJson) {
   MakeReport("r", 3, {"a", "b", "c"});
   Damage("r");
   EXPECT_EQ(Document({"report", "verify", "Reports/r"}, 1), json::parse(R"({
@@ -69,7 +69,7 @@ TEST_F(QxctlReportTools, VerifyOfASoundReportHasNoFindings) {
   EXPECT_EQ(document["findings"], json::array());
 }
 
-TEST_F(QxctlReportTools, VerifyOfNoReportIsNotFoundAndOfAPipeAnIoFailure) {
+TEST_F(QxctlReportTools, VerifyOfAMissingReportIsNotFoundAndOfAPipeAnIoFailure) {
   const Ran none = Qxctl({"report", "verify", "Reports/none"});
   EXPECT_EQ(none.code, 4);
   EXPECT_EQ(none.out, "");
@@ -79,7 +79,7 @@ TEST_F(QxctlReportTools, VerifyOfNoReportIsNotFoundAndOfAPipeAnIoFailure) {
   EXPECT_EQ(Qxctl({"report", "verify", "p"}).code, 6);
 }
 
-TEST_F(QxctlReportTools, SalvageNeverReplacesAnything) {
+TEST_F(QxctlReportTools, SalvageNeverReplacesAFile) {
   MakeReport("r", 3, {"a", "b"});
   const Ran same = Qxctl({"report", "salvage", "r", "--into", "Reports"});
   EXPECT_EQ(same.code, 5);
@@ -87,7 +87,7 @@ TEST_F(QxctlReportTools, SalvageNeverReplacesAnything) {
   EXPECT_EQ(Qxctl({"report", "salvage", "r"}).code, 2) << "--into is required";
 }
 
-TEST_F(QxctlReportTools, SalvageMakesANewReportOutOfADamagedOne) {
+TEST_F(QxctlReportTools, SalvageMakesANewReportFromADamagedOne) {
   MakeReport("r", 3, {"a", "b", "c", "d"});
   Damage("r");
   const json document = Document({"report", "salvage", "r", "--into", "saved"}, 0);
@@ -99,7 +99,7 @@ TEST_F(QxctlReportTools, SalvageMakesANewReportOutOfADamagedOne) {
   EXPECT_EQ(Cat("./only"), "b\r\nc\r\nd\r\n");
 }
 
-TEST_F(QxctlReportTools, SlotsThatLeadToNoRecordAreAFinding) {
+TEST_F(QxctlReportTools, SlotsWithoutARecordAreAFinding) {
   MakeReport("r", 9, {"a", "b"});
   std::string data = ReadFile(ReportPath("r") + ".dat");
   data[3] = '\0';
@@ -108,7 +108,7 @@ TEST_F(QxctlReportTools, SlotsThatLeadToNoRecordAreAFinding) {
   EXPECT_EQ(Cat("./saved"), "a\r\n");
 }
 
-TEST_F(QxctlReportTools, ABackupGoesThereAndBackAgain) {
+TEST_F(QxctlReportTools, BackupAndRestoreKeepEveryByte) {
   MakeReport("r", 3, {"a", "b"});
   WriteFile(ReportPath("r") + ".names", "[Quaxel Report Instances]\n");
   const json backup = Document({"report", "backup", "backup"}, 0);
@@ -128,7 +128,7 @@ TEST_F(QxctlReportTools, ABackupGoesThereAndBackAgain) {
   EXPECT_FALSE(Exists(Dir().File("backup")));
 }
 
-TEST_F(QxctlReportTools, BackupRefusesATargetThatHoldsSomethingOrLiesInTheReports) {
+TEST_F(QxctlReportTools, BackupRefusesATargetThatHasFilesOrIsInTheReports) {
   MakeReport("r", 3, {"a"});
   EXPECT_EQ(Qxctl({"report", "backup", "Reports"}).code, 5);
   EXPECT_EQ(Qxctl({"report", "backup", "Reports/backup"}).code, 5);
@@ -137,7 +137,7 @@ TEST_F(QxctlReportTools, BackupRefusesATargetThatHoldsSomethingOrLiesInTheReport
   EXPECT_FALSE(Exists(Dir().File("backup")));
 }
 
-TEST_F(QxctlReportTools, ABackupOfADamagedReportIsAFinding) {
+TEST_F(QxctlReportTools, BackupOfADamagedReportIsAFinding) {
   MakeReport("r", 3, {"a"});
   Damage("r");
   EXPECT_EQ(Document({"report", "backup", "backup"}, 1)["items"][0]["state"], "damaged");
@@ -146,7 +146,7 @@ TEST_F(QxctlReportTools, ABackupOfADamagedReportIsAFinding) {
   EXPECT_EQ(Qxctl({"report", "backup", "second"}).code, 1);
 }
 
-TEST_F(QxctlReportTools, AReportThatIsBeingWrittenIsRestoredOnlyByForce) {
+TEST_F(QxctlReportTools, ReportWithAWriterIsRestoredOnlyByForce) {
   MakeReport("r", 3, {"a"});
   ASSERT_EQ(Qxctl({"report", "backup", "backup"}).code, 0);
   CReportFileBase agent;
@@ -161,7 +161,7 @@ TEST_F(QxctlReportTools, AReportThatIsBeingWrittenIsRestoredOnlyByForce) {
   EXPECT_EQ(Cat("Reports/r"), "a\r\n");
 }
 
-TEST_F(QxctlReportTools, LinksAreLeftOutOfABackupAndRefuseARestore) {
+TEST_F(QxctlReportTools, LinksAreNotCopiedToABackupAndPreventARestore) {
   MakeReport("r", 3, {"a"});
   ASSERT_EQ(Qxctl({"report", "backup", "backup"}).code, 0);
   fs::rename(ReportPath("r") + ".dat", Dir().File("elsewhere"));

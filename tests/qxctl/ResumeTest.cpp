@@ -1,4 +1,4 @@
-// qxctl fetch --resume: several runs bring a report's records once each, and what they cannot bring is said.
+// qxctl fetch --resume: several runs print each record of a report once and report what they cannot print.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -53,7 +53,7 @@ class QxctlResume : public testing::Test, protected QxctlFixture {
 
 }  // namespace
 
-TEST_F(QxctlResume, AFreshStateBringsEverythingAndTheNextRunsWhatIsNew) {
+TEST_F(QxctlResume, FirstRunPrintsEveryRecordAndLaterRunsNewOnes) {
   MakeReport("load", 9, {"a", "b"});
   const Ran first = Resume();
   EXPECT_EQ(first.code, 0) << first.err;
@@ -67,7 +67,7 @@ TEST_F(QxctlResume, AFreshStateBringsEverythingAndTheNextRunsWhatIsNew) {
   EXPECT_EQ(Resume().out, "c\r\n");
 }
 
-TEST_F(QxctlResume, ARingThatMovedGivesOnlyTheNewRecords) {
+TEST_F(QxctlResume, AdvancedRingPrintsOnlyTheNewRecords) {
   MakeReport("load", 50, Numbered(0, 50));
   ASSERT_EQ(Resume().code, 0);
   Append("load", Numbered(50, 30));
@@ -76,7 +76,7 @@ TEST_F(QxctlResume, ARingThatMovedGivesOnlyTheNewRecords) {
   EXPECT_EQ(ran.out, Stored(Numbered(50, 30)));
 }
 
-TEST_F(QxctlResume, TheStateFileHasTheDocumentedKeys) {
+TEST_F(QxctlResume, StateFileHasTheDocumentedKeys) {
   MakeReport("load", 9, {"a"});
   ASSERT_EQ(Resume().code, 0);
   EXPECT_EQ(State(), json::parse(R"({
@@ -84,7 +84,7 @@ TEST_F(QxctlResume, TheStateFileHasTheDocumentedKeys) {
     "outputBytes": null, "next": 1, "delivered": 1, "inFlight": 0, "overlap": ["e5ad9b1904074ddb"]})"));
 }
 
-TEST_F(QxctlResume, AGapIsSaidAndTheRestIsPrinted) {
+TEST_F(QxctlResume, GapIsReportedAndTheRestIsPrinted) {
   MakeReport("load", 3, {"a", "b", "c"});
   ASSERT_EQ(Resume().code, 0);
   Append("load", {"d", "e", "f", "g"});
@@ -92,10 +92,10 @@ TEST_F(QxctlResume, AGapIsSaidAndTheRestIsPrinted) {
   EXPECT_EQ(ran.code, 1);
   EXPECT_EQ(ran.out, "e\r\nf\r\ng\r\n");
   EXPECT_THAT(ran.err, HasSubstr("qxctl: load: gap: none of the records printed last is in the ring any more"));
-  EXPECT_EQ(Resume().code, 0) << "said once";
+  EXPECT_EQ(Resume().code, 0) << "reported once";
 }
 
-TEST_F(QxctlResume, RecordsThatAreAllEqualAreAmbiguousAndNoneComesTwice) {
+TEST_F(QxctlResume, EqualRecordsAreAmbiguousAndNoRecordIsPrintedTwice) {
   MakeReport("load", 9, {"ok", "ok", "ok"});
   ASSERT_EQ(Resume().code, 0);
   Append("load", {"ok"});
@@ -105,7 +105,7 @@ TEST_F(QxctlResume, RecordsThatAreAllEqualAreAmbiguousAndNoneComesTwice) {
   EXPECT_THAT(ran.err, HasSubstr("qxctl: load: ambiguous: records repeat"));
 }
 
-TEST_F(QxctlResume, AReportThatWasStartedOverIsSaid) {
+TEST_F(QxctlResume, RestartedReportIsReported) {
   MakeReport("load", 9, {"a", "b", "c"});
   ASSERT_EQ(Resume().code, 0);
   RemoveReport();
@@ -116,7 +116,7 @@ TEST_F(QxctlResume, AReportThatWasStartedOverIsSaid) {
   EXPECT_THAT(ran.err, HasSubstr("qxctl: load: started over: it holds fewer records"));
 }
 
-TEST_F(QxctlResume, AMissingReportCreatesNoStateAndKeepsAnOldOne) {
+TEST_F(QxctlResume, MissingReportCreatesNoStateAndKeepsAnOldOne) {
   EXPECT_EQ(Resume().code, 4);
   EXPECT_FALSE(Exists(Dir().File("state")));
   MakeReport("load", 9, {"a"});
@@ -127,7 +127,7 @@ TEST_F(QxctlResume, AMissingReportCreatesNoStateAndKeepsAnOldOne) {
   EXPECT_EQ(File("state"), state);
 }
 
-TEST_F(QxctlResume, AStateOfSomethingElseIsRefused) {
+TEST_F(QxctlResume, StateOfAnotherReportIsRefused) {
   MakeReport("load", 9, {"a"});
   MakeReport("other", 9, {"a"});
   ASSERT_EQ(Resume().code, 0);
@@ -140,7 +140,7 @@ TEST_F(QxctlResume, AStateOfSomethingElseIsRefused) {
   EXPECT_EQ(File("state"), state);
 }
 
-TEST_F(QxctlResume, ADamagedStateIsRefusedWhereverItIsCut) {
+TEST_F(QxctlResume, EveryPrefixOfAStateIsRefused) {
   MakeReport("load", 9, {"a"});
   ASSERT_EQ(Resume().code, 0);
   const std::string state = File("state");
@@ -169,13 +169,13 @@ TEST_F(QxctlResume, ADamagedStateIsRefusedWhereverItIsCut) {
   }
 }
 
-TEST_F(QxctlResume, AStateThatIsNoRegularFileIsRefused) {
+TEST_F(QxctlResume, StateThatIsNotARegularFileIsRefused) {
   MakeReport("load", 9, {"a"});
   ASSERT_EQ(mkfifo(Dir().File("state").c_str(), 0600), 0);
   EXPECT_EQ(Resume().code, 5);
 }
 
-TEST_F(QxctlResume, TheStateKeepsItsModeAndItsLink) {
+TEST_F(QxctlResume, StateFileKeepsItsModeAndItsLink) {
   MakeReport("load", 9, {"a"});
   WriteFile(Dir().File("target"), "");
   ASSERT_EQ(chmod(Dir().File("target").c_str(), 0640), 0);
@@ -188,7 +188,7 @@ TEST_F(QxctlResume, TheStateKeepsItsModeAndItsLink) {
   EXPECT_EQ(State()["delivered"], 1);
 }
 
-TEST_F(QxctlResume, ASecondRunAtTheSameTimeIsRefused) {
+TEST_F(QxctlResume, SecondRunAtTheSameTimeIsRefused) {
   MakeReport("load", 3000, Numbered(0, 3000, std::string(1000, 'x')));
   Child child(Command(), StartHere());
   ASSERT_NE(child.ReadSome(), "");
@@ -197,7 +197,7 @@ TEST_F(QxctlResume, ASecondRunAtTheSameTimeIsRefused) {
   EXPECT_THAT(second.err, HasSubstr("another run works with state; wait until it has ended"));
 }
 
-TEST_F(QxctlResume, AnOutputFileIsAppendedTo) {
+TEST_F(QxctlResume, OutputFileIsAppendedTo) {
   MakeReport("load", 9, {"a"});
   ASSERT_EQ(Resume({"-o", "out"}).code, 0);
   Append("load", {"b"});
@@ -205,7 +205,7 @@ TEST_F(QxctlResume, AnOutputFileIsAppendedTo) {
   EXPECT_EQ(File("out"), "a\r\nb\r\n");
 }
 
-TEST_F(QxctlResume, AnOutputFileThatIsNotAsTheStateKnowsItIsRefused) {
+TEST_F(QxctlResume, OutputFileThatContradictsTheStateIsRefused) {
   MakeReport("load", 9, {"a"});
   WriteFile(Dir().File("out"), "old");
   EXPECT_EQ(Resume({"-o", "out"}).code, 5) << "it has something, and there is no state";
@@ -221,7 +221,7 @@ TEST_F(QxctlResume, AnOutputFileThatIsNotAsTheStateKnowsItIsRefused) {
   }
 }
 
-TEST_F(QxctlResume, WhatStandardOutputDidNotTakeComesInTheNextRun) {
+TEST_F(QxctlResume, RecordsThatWereNotWrittenComeInTheNextRun) {
   MakeReport("load", 9, {"a", "b"});
   Start start = StartHere();
   start.out_file = "/dev/full";
@@ -247,7 +247,7 @@ TEST_F(QxctlResume, AfterSigtermTheRunsTogetherPrintTheReportOnce) {
   EXPECT_TRUE(all == stored);
 }
 
-TEST_F(QxctlResume, AfterSigkillTheOutputFileHoldsTheReportOnce) {
+TEST_F(QxctlResume, AfterSigkillTheOutputFileHasTheReportOnce) {
   const Texts texts = Numbered(0, 6000, std::string(300, 'x'));
   MakeReport("load", 6000, texts);
   int killed = 0;
@@ -267,8 +267,8 @@ TEST_F(QxctlResume, AfterSigkillTheOutputFileHoldsTheReportOnce) {
   EXPECT_TRUE(File("out") == Stored(texts));
 }
 
-// A pipe takes nothing back: what a killed run had written may come again, but never without a word.
-TEST_F(QxctlResume, AfterSigkillARunToAPipeSaysWhatMayComeTwice) {
+// What a killed run wrote to a pipe cannot be removed: it may come again, and then a message says so.
+TEST_F(QxctlResume, AfterSigkillARunToAPipeReportsWhatMayComeTwice) {
   MakeReport("load", 500, Numbered(0, 500, std::string(1000, 'x')));
   Child child(Command(), StartHere());
   ASSERT_NE(child.ReadSome(), "");
@@ -281,8 +281,8 @@ TEST_F(QxctlResume, AfterSigkillARunToAPipeSaysWhatMayComeTwice) {
   EXPECT_EQ(Resume().code, 0);
 }
 
-// While the first chunk waits for its reader, the ring moves.
-TEST_F(QxctlResume, ARingThatMovesBetweenTwoChunksCostsNothing) {
+// While the first chunk waits for its reader, the ring advances.
+TEST_F(QxctlResume, RingThatAdvancesBetweenTwoChunksLosesNothing) {
   const std::string text(1000, 'x');
   MakeReport("load", 3000, Numbered(0, 3000, text));
   Child child(Command(), StartHere());
@@ -293,7 +293,7 @@ TEST_F(QxctlResume, ARingThatMovesBetweenTwoChunksCostsNothing) {
   EXPECT_TRUE(all + ran.out == Stored(Numbered(0, 3500, text)));
 }
 
-TEST_F(QxctlResume, AGapBetweenTwoChunksIsSaid) {
+TEST_F(QxctlResume, GapBetweenTwoChunksIsReported) {
   const std::string text(1000, 'x');
   MakeReport("load", 3000, Numbered(0, 3000, text));
   Child child(Command(), StartHere());
@@ -305,7 +305,7 @@ TEST_F(QxctlResume, AGapBetweenTwoChunksIsSaid) {
   EXPECT_TRUE((all + ran.out).ends_with(Stored(Numbered(2000, 3000, text))));
 }
 
-TEST_F(QxctlResume, JsonTellsTheRunAndAllRuns) {
+TEST_F(QxctlResume, JsonHasTheTotalsOfTheRunAndOfAllRuns) {
   MakeReport("load", 3, {"a", "b", "c"});
   ASSERT_EQ(Resume({"-o", "out"}).code, 0);
   Append("load", {"d", "e", "f", "g"});
@@ -328,7 +328,7 @@ TEST_F(QxctlResume, CsvHasOneHeaderAndOneNumberingOverAllRuns) {
   EXPECT_EQ(Resume(options).out, "2,c,3 4\r\n");
 }
 
-TEST_F(QxctlResume, ARecordTooLongForAChunkIsAFindingAndWaits) {
+TEST_F(QxctlResume, RecordTooLongForAChunkIsAFindingAndWaits) {
   MakeReport("load", 9, {"a", std::string(1 << 20, 'x'), "c"});
   const Ran ran = Resume();
   EXPECT_EQ(ran.code, 1);
@@ -337,7 +337,7 @@ TEST_F(QxctlResume, ARecordTooLongForAChunkIsAFindingAndWaits) {
   EXPECT_EQ(State()["delivered"], 1);
 }
 
-TEST_F(QxctlResume, WithAChartItIsAUsageError) {
+TEST_F(QxctlResume, ResumeWithAChartIsAUsageError) {
   EXPECT_EQ(Resume({"--plot", "cpu"}).code, 2);
   EXPECT_FALSE(Exists(Dir().File("state")));
 }

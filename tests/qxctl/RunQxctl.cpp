@@ -35,7 +35,7 @@ Pipe MakePipe() {
   return {ends[0], ends[1]};
 }
 
-// A terminal in the place of a pipe. Its read end gives what was written and then an error, which is its end.
+// A terminal instead of a pipe. Its read end returns what was written and then an error, which is the end.
 Pipe MakeTerminal() {
   termios raw = {};
   cfmakeraw(&raw);
@@ -52,8 +52,7 @@ Pipe MakeTerminal() {
   _exit(kStartFailed);
 }
 
-// A registry of this machine would lead the module to a report directory that is not the test's: hide it from the
-// child.
+// With a registry of this machine, the module would use another report directory: hide it from the child.
 void HideRegistry() {
   if (access(kRegistryDirectory, F_OK) != 0) return;
   if (unshare(geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0) {
@@ -102,7 +101,7 @@ void Feed(int& descriptor, std::string& input) {
   if (count < 0 || input.empty()) CloseIfOpen(descriptor);
 }
 
-// What is tested: what the build made, unless the environment names an installed file.
+// The tested file: the built one, unless the environment names an installed one.
 std::string Chosen(const char* variable, const char* built) {
   const char* named = std::getenv(variable);
   return named != nullptr ? named : built;
@@ -111,7 +110,7 @@ std::string Chosen(const char* variable, const char* built) {
 }  // namespace
 
 Child::Child(const std::vector<std::string>& command, const Start& start) : input_(start.input) {
-  (void)signal(SIGPIPE, SIG_IGN);  // a child may end before it has read its input
+  (void)signal(SIGPIPE, SIG_IGN);  // A child may end before it has read its input.
   const Pipe in = MakePipe();
   const Pipe out = start.out_is_terminal ? MakeTerminal() : MakePipe();
   const Pipe err = start.err_is_terminal ? MakeTerminal() : MakePipe();

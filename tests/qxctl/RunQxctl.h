@@ -18,7 +18,7 @@ struct Ran {
   std::string err;
 };
 
-// How a child is started. Each of its outputs is a pipe unless it is said to be something else.
+// How a child is started. Each output is a pipe unless `Start` says otherwise.
 struct Start {
   std::string directory;
   std::string input = {};
@@ -69,7 +69,7 @@ class QxctlFixture {
   void Append(const std::string& name, const std::vector<std::string>& texts) const;
 
   Ran Qxctl(const std::vector<std::string>& arguments, const std::string& input = "") const;
-  // With `start` as given but for the directory.
+  // With `start`, except for the directory.
   Ran Qxctl(const std::vector<std::string>& arguments, Start start) const;
   Start StartHere() const { return {.directory = dir_.Path(), .environment = {{"QX_MODULE", ModulePath()}}}; }
 

@@ -1,4 +1,4 @@
-// The JSON of the commands for testing and looking at modules, held against docs/schemas/.
+// The JSON of the commands that test and show modules is checked against docs/schemas/.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -35,7 +35,7 @@ class QxctlSchema : public testing::Test, protected QxctlFixture {
 
 }  // namespace
 
-TEST_F(QxctlSchema, EveryDocumentIsOfItsSchema) {
+TEST_F(QxctlSchema, EveryDocumentMatchesItsSchema) {
   EXPECT_EQ(Faults({"module", "load-test", "--requests", "100"}), "");
   EXPECT_EQ(Faults({"module", "load-test", "--requests", "1000"}, "wrong-reply"), "");
   EXPECT_EQ(Faults({"module", "faults", "order"}), "");
@@ -47,11 +47,11 @@ TEST_F(QxctlSchema, EveryDocumentIsOfItsSchema) {
   EXPECT_EQ(Faults({"explain", "--list"}), "");
 }
 
-TEST_F(QxctlSchema, TheDocumentOfTheLoadTestInTheDocsIsOfItsSchema) {
+TEST_F(QxctlSchema, LoadTestDocumentOfTheDocsMatchesItsSchema) {
   EXPECT_EQ(Check("$ qxctl module load-test --json\n" + DocExample("testing-modules.md", "load-test-json")), "");
 }
 
-TEST_F(QxctlSchema, WhatIsNotOfTheSchemaIsNoticed) {
+TEST_F(QxctlSchema, DocumentThatDoesNotMatchIsNoticed) {
   EXPECT_NE(Check("$ qxctl doctor --json\n{\"findings\": [{\"code\": \"X\"}], \"exitCode\": 0}\n"), "");
 }
 

@@ -18,7 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
-constexpr int kTries = 200;  // of a whole command each; FilePlaceTest.cpp has thousands of the same race
+constexpr int kTries = 200;  // each runs a whole command; FilePlaceTest.cpp runs the same race thousands of times
 constexpr char kTree[] = "[HKEY_LOCAL_MACHINE]\nx=s=old\n\n\n";
 constexpr char kProfile[] = "[S]\nx=old\n";
 constexpr char kSecret[] = "root's own\n";
@@ -48,8 +48,8 @@ class SettingsAttack : public testing::Test, protected QxctlFixture {
     return Qxctl(words);
   }
 
-  // As soon as there is a file for the new content, he replaces it by a link to root's file, for long enough to be
-  // written to.
+  // As soon as the file for the new content exists, the user replaces it by a link to root's file, long enough for a
+  // write.
   [[nodiscard]] Attacker Exchanging(const std::string& file) const {
     return Attacker([copy = file + ".edit", link = file + ".link", victim = victim_] {
       (void)symlink(victim.c_str(), link.c_str());
@@ -80,7 +80,7 @@ TEST_F(SettingsAttack, DirectoryThatOthersMayWriteIsRefusedWithoutForce) {
   EXPECT_EQ(ReadFile(profile_), "[S]\nx=new\n");
 }
 
-TEST_F(SettingsAttack, HisLinkInPlaceOfTheFileIsRefusedAlsoWithForce) {
+TEST_F(SettingsAttack, LinkOfAUserIsRefusedAlsoWithForce) {
   for (const std::string& file : {registry_, profile_}) {
     ASSERT_TRUE(
         AsOrdinaryUser([&] { return unlink(file.c_str()) == 0 && symlink(victim_.c_str(), file.c_str()) == 0; }));

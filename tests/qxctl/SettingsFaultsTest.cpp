@@ -1,7 +1,7 @@
 // Every system call of an edit fails once, and the edit is killed at each of them.
 //
-// strace watches one edit and notes the calls that concern its directory; then the edit runs again for each of them,
-// with that one call failing or killing it. Whatever happens, the file is the old one or the new one as a whole.
+// strace records the calls of one edit that concern its directory; then the edit runs again for each call, which
+// fails or kills it. In every case the whole file is the old one or the new one.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -45,7 +45,7 @@ const Scenario kScenarios[] = {
 
 void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
 
-// A call of the watched run: the nth of its name.
+// A call of the recorded run: the nth of its name.
 struct Call {
   std::string name;
   int nth;
@@ -58,7 +58,7 @@ const char* ErrorOf(const std::string& call) {
   return found != kErrors.end() ? found->second : "EIO";
 }
 
-// The exit status of a command, or minus the signal that ended it. What it prints goes to `printed`.
+// Returns the exit status of a command, or minus the signal that ended it. Its output goes to the file `printed`.
 int Execute(const std::vector<std::string>& arguments, const std::string& printed) {
   std::vector<char*> argv;
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
@@ -78,7 +78,7 @@ class SettingsFaults : public testing::TestWithParam<Scenario> {
  protected:
   std::string Path() const { return dir_.File(GetParam().file); }
 
-  // Runs the edit under strace with further options, from the same start.
+  // Runs the edit under strace with more options, from the same initial files.
   int RunEdit(const std::vector<std::string>& options) const {
     std::filesystem::remove_all(dir_.Path());
     std::filesystem::create_directory(dir_.Path());
@@ -120,7 +120,8 @@ class SettingsFaults : public testing::TestWithParam<Scenario> {
     return false;
   }
 
-  // What cannot be removed stays; and what cannot be locked may be another's, so that it is left, empty as it was made.
+  // A temporary file stays if it cannot be removed. If it cannot be locked, it may be another process's and stays
+  // empty.
   bool MayLeaveCopy(const Call& call) const {
     const bool is_before_the_lock = call.name == "flock" || call.name == "newfstatat" || call.name == "fstat";
     return call.name == "unlinkat" || (is_before_the_lock && ReadFile(Path() + ".edit").empty());
@@ -137,7 +138,7 @@ class SettingsFaults : public testing::TestWithParam<Scenario> {
 
 }  // namespace
 
-TEST_P(SettingsFaults, AFailingCallLeavesTheOldFileOrTheNewOneAndNothingBesideIt) {
+TEST_P(SettingsFaults, FailedCallLeavesTheOldOrTheNewFileAndNoOtherFile) {
   ASSERT_EQ(RunEdit({}), 0) << ReadFile(own_.File("printed"));
   ASSERT_EQ(ReadFile(Path()), GetParam().after);
   const std::vector<Call> calls = NotedCalls();
@@ -147,14 +148,14 @@ TEST_P(SettingsFaults, AFailingCallLeavesTheOldFileOrTheNewOneAndNothingBesideIt
     const int code = RunEdit({"-e", Injection(call, std::string("error=") + ErrorOf(call.name))});
     ExpectOldOrNew();
     const bool is_new = ReadFile(Path()) == GetParam().after;
-    EXPECT_TRUE(is_new || code != 0) << what << ": nobody says that nothing was changed";
+    EXPECT_TRUE(is_new || code != 0) << what << ": no message says that nothing was changed";
     EXPECT_TRUE(!HasFile(".edit") || MayLeaveCopy(call)) << what;
     EXPECT_FALSE(HasFile(".bak") && !is_new) << what;
     EXPECT_GE(code, 0) << what;
   }
 }
 
-TEST_P(SettingsFaults, AKilledEditLeavesTheOldFileOrTheNewOneAndTheNextEditTidiesUp) {
+TEST_P(SettingsFaults, KilledEditLeavesTheOldOrTheNewFileAndTheNextOneCleansUp) {
   ASSERT_EQ(RunEdit({}), 0);
   for (const Call& call : NotedCalls()) {
     (void)RunEdit({"-e", Injection(call, "signal=KILL")});
@@ -165,7 +166,7 @@ TEST_P(SettingsFaults, AKilledEditLeavesTheOldFileOrTheNewOneAndTheNextEditTidie
   }
 }
 
-TEST_P(SettingsFaults, WhoMayNotWriteIsToldWhatToDo) {
+TEST_P(SettingsFaults, MissingWritePermissionIsExplained) {
   ASSERT_EQ(RunEdit({}), 0);
   for (const Call& call : NotedCalls()) {
     if (call.name != "openat") continue;

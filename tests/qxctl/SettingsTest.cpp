@@ -31,7 +31,7 @@ constexpr char kTree[] =
     "\n\n\n\n";
 const std::string kKey = "HKEY_LOCAL_MACHINE/SOFTWARE";
 
-// kTree with one line in the place of another.
+// kTree with one line replaced by another.
 std::string TreeWith(const std::string& line, const std::string& now) {
   std::string text = kTree;
   return text.replace(text.find(line), line.size(), now);
@@ -49,7 +49,7 @@ class QxctlRegistryEdit : public testing::Test, protected QxctlFixture {
     return Run(arguments);
   }
   std::string Registry() const { return ReadFile(Dir().File("registry")); }
-  // Everything in the directory but what the fixture itself puts there.
+  // Every file of the directory that the fixture did not make.
   std::multiset<std::string> Names() const {
     std::multiset<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(Dir().Path())) {
@@ -76,7 +76,7 @@ class QxctlIniEdit : public testing::Test, protected QxctlFixture {
 
 // --- registry set
 
-TEST_F(QxctlRegistryEdit, SetWithoutApplyPrintsTheChangeAndMakesNone) {
+TEST_F(QxctlRegistryEdit, SetWithoutApplyPrintsTheChangeAndChangesNothing) {
   const Ran ran = Edit({"set", kKey, "Count", "7"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_EQ(ran.out, "HKEY_LOCAL_MACHINE/SOFTWARE:\n- Count=d=-5\n+ Count=d=7\n");
@@ -94,14 +94,14 @@ TEST_F(QxctlRegistryEdit, SetWithApplyChangesTheFileAndKeepsABackup) {
   EXPECT_EQ(Names(), (std::multiset<std::string>{"BACKUP", "registry"}));
 }
 
-TEST_F(QxctlRegistryEdit, TheWarningStaysWithQuiet) {
+TEST_F(QxctlRegistryEdit, WarningIsPrintedAlsoWithQuiet) {
   const Ran ran = Edit({"set", kKey, "Count", "7", "--apply", "--quiet"});
   EXPECT_EQ(ran.err,
             "qxctl: a service that is running sees the change after its restart, and undoes it if it saves its "
             "own before that\n");
 }
 
-TEST_F(QxctlRegistryEdit, ATypeIsKeptUnlessOneIsGiven) {
+TEST_F(QxctlRegistryEdit, TypeIsKeptUnlessOneIsGiven) {
   EXPECT_EQ(Edit({"set", kKey, "Name", "x"}).out, kKey + ":\n- Name=es=text\n+ Name=es=x\n");
   EXPECT_EQ(Edit({"set", kKey, "Name", "x", "--type", "string"}).out, kKey + ":\n- Name=es=text\n+ Name=s=x\n");
   EXPECT_EQ(Edit({"set", kKey, "New", "x"}).out, kKey + ":\n+ New=s=x\n");
@@ -111,7 +111,7 @@ TEST_F(QxctlRegistryEdit, ATypeIsKeptUnlessOneIsGiven) {
   EXPECT_EQ(Run({"set", "--directory", ".", "--type", "dword", "--", kKey, "New", "-7"}).out, kKey + ":\n+ New=d=-7\n");
 }
 
-TEST_F(QxctlRegistryEdit, AValueThatIsNoneOfItsTypeIsAUsageError) {
+TEST_F(QxctlRegistryEdit, ValueThatDoesNotFitItsTypeIsAUsageError) {
   EXPECT_EQ(Edit({"set", kKey, "Count", "seven"}).code, 2);
   EXPECT_EQ(Edit({"set", kKey, "Count", "4294967296"}).code, 2);
   EXPECT_EQ(Edit({"set", kKey, "Blob", "0a f"}).code, 2);
@@ -120,13 +120,13 @@ TEST_F(QxctlRegistryEdit, AValueThatIsNoneOfItsTypeIsAUsageError) {
   EXPECT_EQ(Registry(), kTree);
 }
 
-TEST_F(QxctlRegistryEdit, MissingKeysAreMade) {
+TEST_F(QxctlRegistryEdit, MissingKeysAreCreated) {
   EXPECT_EQ(Edit({"set", "HKEY_USERS\\a\\b", "v", "1", "--apply"}).out,
             "(root):\n+ [HKEY_USERS]\n\nHKEY_USERS:\n+ [a]\n\nHKEY_USERS/a:\n+ [b]\n\nHKEY_USERS/a/b:\n+ v=s=1\n");
   EXPECT_EQ(Edit({"get", "HKEY_USERS/a/b", "v"}).out, "1\n");
 }
 
-TEST_F(QxctlRegistryEdit, WhatTheFileCannotHoldIsRefusedWithTheReason) {
+TEST_F(QxctlRegistryEdit, ValueThatDoesNotFitIntoTheFileIsRefused) {
   for (const char* const name : {"a=b", "a\nb"}) EXPECT_EQ(Edit({"set", kKey, name, "x", "--apply"}).code, 5);
   EXPECT_EQ(Edit({"set", kKey, "v", "a\nb", "--apply"}).code, 5);
   EXPECT_EQ(Edit({"set", kKey, "[v", "]", "--apply"}).code, 5);
@@ -138,19 +138,19 @@ TEST_F(QxctlRegistryEdit, WhatTheFileCannotHoldIsRefusedWithTheReason) {
   EXPECT_EQ(Names(), (std::multiset<std::string>{"registry"}));
 }
 
-TEST_F(QxctlRegistryEdit, ASubkeyIsNotReplacedByAValue) {
+TEST_F(QxctlRegistryEdit, SubkeyIsNotReplacedByAValue) {
   EXPECT_EQ(Edit({"set", kKey, "Sub", "x", "--apply"}).code, 5);
   EXPECT_EQ(Edit({"set", kKey + "/Count/Deep", "v", "x", "--apply"}).code, 5);
   EXPECT_EQ(Edit({"set", "HKEY_LOCAL_MACHIN/SOFTWARE", "v", "x", "--apply"}).code, 5);
   EXPECT_EQ(Registry(), kTree);
 }
 
-TEST_F(QxctlRegistryEdit, WhatStandsThereAlreadyChangesNothing) {
+TEST_F(QxctlRegistryEdit, SameValueChangesNothing) {
   EXPECT_EQ(Edit({"set", kKey, "Name", "text", "--apply"}).err, "qxctl: nothing to change: it is so already\n");
   EXPECT_EQ(Names(), (std::multiset<std::string>{"registry"}));
 }
 
-TEST_F(QxctlRegistryEdit, JsonHoldsThePlan) {
+TEST_F(QxctlRegistryEdit, JsonHasThePlan) {
   EXPECT_EQ(json::parse(Edit({"set", kKey, "Count", "7", "--json"}).out),
             json::parse(R"({"file": "./registry", "changes": [
       {"key": "HKEY_LOCAL_MACHINE/SOFTWARE", "name": "Count", "before": {"type": "REG_DWORD", "value": -5},
@@ -171,7 +171,7 @@ TEST_F(QxctlRegistryEdit, ModeAndOwnerAreKept) {
   }
 }
 
-TEST_F(QxctlRegistryEdit, ASymbolicLinkIsChangedOnlyByForce) {
+TEST_F(QxctlRegistryEdit, SymbolicLinkIsChangedOnlyByForce) {
   std::filesystem::rename(Dir().File("registry"), Dir().File("real"));
   std::filesystem::create_symlink("real", Dir().File("registry"));
   EXPECT_EQ(Edit({"set", kKey, "Count", "7"}).code, 5);
@@ -184,7 +184,7 @@ TEST_F(QxctlRegistryEdit, ASymbolicLinkIsChangedOnlyByForce) {
   EXPECT_TRUE(std::filesystem::is_symlink(Dir().File("registry")));
 }
 
-TEST_F(QxctlRegistryEdit, AFileThatIsNotReadAsItWasMeantIsChangedOnlyByForce) {
+TEST_F(QxctlRegistryEdit, FileWithLintFindingsIsChangedOnlyByForce) {
   WriteFile(Dir().File("registry"), std::string(kTree) + "[HKEY_USERS]\nlost=d=1\n");
   const Ran ran = Edit({"set", kKey, "Count", "7", "--apply"});
   EXPECT_EQ(ran.code, 5);
@@ -193,7 +193,7 @@ TEST_F(QxctlRegistryEdit, AFileThatIsNotReadAsItWasMeantIsChangedOnlyByForce) {
   EXPECT_EQ(Registry(), TreeWith("Count=d=-5", "Count=d=7"));
 }
 
-TEST_F(QxctlRegistryEdit, LinesThatASaveDropsAreAnnounced) {
+TEST_F(QxctlRegistryEdit, LinesThatASaveDropsAreReported) {
   WriteFile(Dir().File("registry"), "a comment\n" + std::string(kTree));
   EXPECT_THAT(Edit({"set", kKey, "Count", "7"}).err, HasSubstr("a save drops lines that are not read"));
 }
@@ -222,7 +222,7 @@ TEST_F(QxctlRegistryEdit, OneEditAtATime) {
 
 // --- registry delete
 
-TEST_F(QxctlRegistryEdit, DeleteTakesAValueOrAnEmptyKeyOrEverything) {
+TEST_F(QxctlRegistryEdit, DeleteRemovesAValueAnEmptyKeyOrEverything) {
   EXPECT_EQ(Edit({"delete", kKey, "Count"}).out, kKey + ":\n- Count=d=-5\n");
   EXPECT_EQ(Edit({"delete", kKey + "/Sub", "--apply"}).code, 5);
   EXPECT_EQ(Edit({"delete", kKey + "/Sub", "-r", "--apply"}).out, kKey + ":\n- [Sub]\n\n" + kKey + "/Sub:\n- x=s=\n");
@@ -232,7 +232,7 @@ TEST_F(QxctlRegistryEdit, DeleteTakesAValueOrAnEmptyKeyOrEverything) {
   EXPECT_EQ(Edit({"delete", "HKEY_USERS", "v"}).code, 4);
 }
 
-TEST_F(QxctlRegistryEdit, ATreeIsNotLeftWithoutValues) {
+TEST_F(QxctlRegistryEdit, LastValueIsNotDeleted) {
   const Ran ran = Edit({"delete", "HKEY_LOCAL_MACHINE", "-r", "--apply"});
   EXPECT_EQ(ran.code, 5);
   EXPECT_THAT(ran.err, HasSubstr("no value is left"));
@@ -241,7 +241,7 @@ TEST_F(QxctlRegistryEdit, ATreeIsNotLeftWithoutValues) {
 
 // --- registry export, import, diff
 
-TEST_F(QxctlRegistryEdit, WhatIsExportedComesBackByImport) {
+TEST_F(QxctlRegistryEdit, ImportRestoresAnExport) {
   EXPECT_EQ(Edit({"export"}).out, kTree);
   EXPECT_EQ(Edit({"export", kKey + "/Sub", "sub"}).code, 0);
   EXPECT_EQ(ReadFile(Dir().File("sub")), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Sub]\nx=s=\n\n\n\n\n");
@@ -258,7 +258,7 @@ TEST_F(QxctlRegistryEdit, ImportMergesUnlessAKeyIsReplaced) {
   EXPECT_EQ(Edit({"import", "part", "--replace", "HKEY_USERS"}).code, 4);
 }
 
-TEST_F(QxctlRegistryEdit, ImportOfEverythingPutsARegistryBack) {
+TEST_F(QxctlRegistryEdit, ImportOfAFullExportRestoresTheRegistry) {
   WriteFile(Dir().File("backup"), kTree);
   for (const char* const broken : {"", "[HKEY_USERS]\n\n\n"}) {
     WriteFile(Dir().File("registry"), broken);
@@ -271,7 +271,7 @@ TEST_F(QxctlRegistryEdit, ImportOfEverythingPutsARegistryBack) {
   EXPECT_EQ(Registry(), kTree);
 }
 
-TEST_F(QxctlRegistryEdit, AFileThatWouldBeMisreadIsNotImported) {
+TEST_F(QxctlRegistryEdit, FileThatWouldBeMisreadIsNotImported) {
   WriteFile(Dir().File("bad"), "[HKEY_USERS]\na=d=1\n\n\n[HKEY_LOCAL_MACHINE]\nlost=d=1\n");
   EXPECT_EQ(Edit({"import", "bad", "--apply"}).code, 5);
   WriteFile(Dir().File("none"), "no registry\n");
@@ -294,13 +294,13 @@ TEST_F(QxctlRegistryEdit, DiffComparesFilesOrAFileWithTheRegistry) {
 
 // --- registry lint
 
-TEST_F(QxctlRegistryEdit, LintIsSilentAboutAGoodFile) {
+TEST_F(QxctlRegistryEdit, LintPrintsNothingForAGoodFile) {
   const Ran ran = Edit({"lint"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_EQ(ran.out + ran.err, "");
 }
 
-TEST_F(QxctlRegistryEdit, LintNamesLineRuleSeverityAndFix) {
+TEST_F(QxctlRegistryEdit, LintPrintsLineRuleSeverityAndFix) {
   WriteFile(Dir().File("odd"), "a comment\n" + std::string(kTree));
   const Ran ran = Run({"lint", "--file", "odd"});
   EXPECT_EQ(ran.code, 1);
@@ -315,7 +315,7 @@ TEST_F(QxctlRegistryEdit, LintNamesLineRuleSeverityAndFix) {
 
 // --- ini
 
-TEST_F(QxctlIniEdit, SetWithoutApplyPrintsTheChangeAndMakesNone) {
+TEST_F(QxctlIniEdit, SetWithoutApplyPrintsTheChangeAndChangesNothing) {
   const Ran ran = Run({"set", "a.ini", "One", "key", "new"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_EQ(ran.out, "[One]\n- key=value\n+ key=new\n");
@@ -333,7 +333,7 @@ TEST_F(QxctlIniEdit, SetWithApplyChangesOneLine) {
   EXPECT_FALSE(Exists(Dir().File("a.ini.edit")));
 }
 
-TEST_F(QxctlIniEdit, ALastLineWithoutLineFeedIsCompletedAndSaidSo) {
+TEST_F(QxctlIniEdit, LastLineWithoutLineFeedIsCompletedWithANote) {
   WriteFile(Dir().File("a.ini"), "[S]\na=1");
   const Ran ran = Run({"set", "a.ini", "S", "b", "2", "--apply"});
   EXPECT_EQ(ran.code, 0);
@@ -341,7 +341,7 @@ TEST_F(QxctlIniEdit, ALastLineWithoutLineFeedIsCompletedAndSaidSo) {
   EXPECT_EQ(File(), "[S]\na=1\nb=2\n");
 }
 
-TEST_F(QxctlIniEdit, WhatTheSyntaxCannotCarryIsRefusedWithTheReason) {
+TEST_F(QxctlIniEdit, ValueThatTheSyntaxCannotHoldIsRefused) {
   const Ran ran = Run({"set", "a.ini", "One", "key", "a;b", "--apply"});
   EXPECT_EQ(ran.code, 5);
   EXPECT_THAT(ran.err, HasSubstr("begins a comment"));
@@ -350,7 +350,7 @@ TEST_F(QxctlIniEdit, WhatTheSyntaxCannotCarryIsRefusedWithTheReason) {
   EXPECT_EQ(File(), kFile);
 }
 
-TEST_F(QxctlIniEdit, DeleteTakesAKeyOrASection) {
+TEST_F(QxctlIniEdit, DeleteRemovesAKeyOrASection) {
   EXPECT_EQ(Run({"delete", "a.ini", "One", "key"}).out, "[One]\n- key=value\n");
   EXPECT_EQ(Run({"delete", "a.ini", "One", "--apply"}).out, "- [One]\n- key=value\n");
   EXPECT_EQ(File(), "; head\n\n; about two\n[Two]\nx=1\n");
@@ -358,7 +358,7 @@ TEST_F(QxctlIniEdit, DeleteTakesAKeyOrASection) {
   EXPECT_EQ(Run({"delete", "a.ini", "Two", "y"}).code, 4);
 }
 
-TEST_F(QxctlIniEdit, CopyTakesTheEntriesToAnotherSectionOrFile) {
+TEST_F(QxctlIniEdit, CopyWritesTheEntriesToAnotherSectionOrFile) {
   EXPECT_EQ(Run({"copy", "a.ini", "One", "Three", "--apply"}).code, 0);
   EXPECT_EQ(File(), std::string(kFile) + "\n[Three]\n\nkey=value\n");
   EXPECT_EQ(Run({"copy", "a.ini", "Two", "--to", "b.ini", "--apply"}).code, 4);
@@ -368,7 +368,7 @@ TEST_F(QxctlIniEdit, CopyTakesTheEntriesToAnotherSectionOrFile) {
   EXPECT_EQ(Run({"copy", "a.ini", "Four", "Five"}).code, 4);
 }
 
-TEST_F(QxctlIniEdit, AMissingFileIsMadeOnlyWhenAsked) {
+TEST_F(QxctlIniEdit, MissingFileIsCreatedOnlyOnRequest) {
   const Ran ran = Run({"set", "none.ini", "S", "k", "v", "--apply"});
   EXPECT_EQ(ran.code, 4);
   EXPECT_THAT(ran.err, HasSubstr("--create"));
@@ -378,14 +378,14 @@ TEST_F(QxctlIniEdit, AMissingFileIsMadeOnlyWhenAsked) {
   EXPECT_EQ(ReadFile(Dir().File("none.ini")), "\n[S]\n\nk=v\n");
 }
 
-TEST_F(QxctlIniEdit, JsonHoldsThePlan) {
+TEST_F(QxctlIniEdit, JsonHasThePlan) {
   EXPECT_EQ(
       json::parse(Run({"set", "a.ini", "One", "key", "new", "--json"}).out),
       json::parse(R"({"file": "a.ini", "changes": [{"section": "One", "key": "key", "before": "value", "after": "new"}],
                             "completesLastLine": false, "applied": false})"));
 }
 
-TEST_F(QxctlIniEdit, ASymbolicLinkIsChangedOnlyByForce) {
+TEST_F(QxctlIniEdit, SymbolicLinkIsChangedOnlyByForce) {
   std::filesystem::rename(Dir().File("a.ini"), Dir().File("real.ini"));
   std::filesystem::create_symlink("real.ini", Dir().File("a.ini"));
   EXPECT_EQ(Run({"set", "a.ini", "One", "key", "new", "--apply"}).code, 5);

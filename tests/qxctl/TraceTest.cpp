@@ -1,4 +1,4 @@
-// qxctl trace: trace files read back in the order of time.
+// qxctl trace: trace files in the order of time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -20,7 +20,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-// An entry as it stands in a file: the millisecond is its time.
+// An entry as it is in a file; its time is the millisecond.
 std::string Entry(int ms, const std::string& text, const std::string& module = "QxTrace", int thread = 0xA1) {
   char header[80];
   std::snprintf(header, sizeof header, "2026-01-31 10:20:30.%03d [%08X] %-13s ", ms, static_cast<unsigned>(thread),
@@ -28,8 +28,8 @@ std::string Entry(int ms, const std::string& text, const std::string& module = "
   return header + text + "\n";
 }
 
-// A log that has wrapped once: head, the line of the wrap, the newest entry, a piece of a cut one, an older one and the
-// one that crossed the limit.
+// A log that has wrapped once: head, wrap line, newest entry, rest of a cut entry, older entry, and the entry that
+// crossed the limit.
 std::string WrappedLog() {
   const std::string head = Entry(1, "head");
   const auto wrap = [&](const std::string& max) {
@@ -42,7 +42,7 @@ std::string WrappedLog() {
   return head + wrap(std::to_string((head + wrap("999") + rest).size() + 1)) + rest + last;
 }
 
-// Addresses and thread ids differ from run to run: what is hexadecimal behind "0x" goes, and long numbers too.
+// Addresses and thread ids differ from run to run: removes hexadecimal digits after "0x" and long numbers.
 std::vector<std::string> WithoutNumbers(std::vector<std::string> lines) {
   constexpr std::size_t kShortMax = 6;
   const auto is_hex = [](char c) { return c == 'x' || std::isxdigit(static_cast<unsigned char>(c)) != 0; };
@@ -215,7 +215,7 @@ TEST_F(QxctlTrace, FollowPrintsWhatIsWrittenUntilItIsInterrupted) {
   EXPECT_EQ(ran.err, "");
 }
 
-TEST_F(QxctlTrace, FollowTellsThatTheLogWasStartedOver) {
+TEST_F(QxctlTrace, FollowReportsThatTheLogWasStartedOver) {
   Write("log.app", Entry(1, "one") + Entry(2, "two"));
   Child child({QxctlPath(), "trace", "follow", "log.app", "--json"}, StartHere());
   std::string out = child.ReadSome();
@@ -250,7 +250,7 @@ TEST_F(QxctlTrace, ConfigSaysWhereEachSettingComesFrom) {
             "key": "TraceFlags", "section": "QxTrace", "file": "config/a.ini"})"));
 }
 
-// The same transfer, once traced into a log and once into a ring: the same entries, but for their stamps and threads.
+// The same transfer is traced into a log and into a ring: the entries differ only in their stamps and threads.
 TEST_F(QxctlTrace, TransferTracedIntoARingShowsTheEntriesOfTheLog) {
   MakeReport("load", 9, {"09:00 load 0.12", "09:01 load 0.31", "09:02 load 0.25"});
   const auto texts = [&](const std::string& directory, const std::string& file, bool has_ring) {
