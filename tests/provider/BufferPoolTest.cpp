@@ -33,7 +33,7 @@ TEST(BufferPool, BufferHasTheRequestedSpace) {
   for (const std::size_t bytes : {0UL, 1UL, 100UL, 65536UL, 1048576UL}) EXPECT_GE(pool.Take(bytes).capacity(), bytes);
 }
 
-TEST(BufferPool, TheSmallestBufferThatFitsIsTaken) {
+TEST(BufferPool, SmallestBufferThatFitsIsTaken) {
   BufferPool pool;
   std::string large = pool.Take(2 * kMebibyte);
   std::string small = pool.Take(kMebibyte);
@@ -47,7 +47,7 @@ TEST(BufferPool, TheSmallestBufferThatFitsIsTaken) {
   EXPECT_EQ(second.data(), large_place);
 }
 
-TEST(BufferPool, SmallBuffersAreNeitherKeptNorTakenFromIt) {
+TEST(BufferPool, SmallBuffersAreNotPooled) {
   BufferPool pool;
   pool.GiveBack(pool.Take(kMebibyte));
   EXPECT_LT(pool.Take(100).capacity(), BufferPool::kKeptBytesMin);
@@ -55,7 +55,7 @@ TEST(BufferPool, SmallBuffersAreNeitherKeptNorTakenFromIt) {
   EXPECT_EQ(pool.KeptCount(), 1U);
 }
 
-TEST(BufferPool, ABufferThatGrewTooLargeIsFreed) {
+TEST(BufferPool, BufferThatGrewTooLargeIsFreed) {
   BufferPool pool;
   std::string buffer = pool.Take(kMebibyte);
   buffer.reserve(BufferPool::kKeptBytesMax + 1);
@@ -63,7 +63,7 @@ TEST(BufferPool, ABufferThatGrewTooLargeIsFreed) {
   EXPECT_EQ(pool.KeptCount(), 0U);
 }
 
-TEST(BufferPool, TheNumberKeptIsCapped) {
+TEST(BufferPool, NumberOfPooledBuffersIsCapped) {
   BufferPool pool;
   std::vector<std::string> taken;
   for (std::size_t i = 0; i < BufferPool::kKeptCountMax + 5; ++i) taken.push_back(pool.Take(BufferPool::kKeptBytesMin));
@@ -71,7 +71,7 @@ TEST(BufferPool, TheNumberKeptIsCapped) {
   EXPECT_EQ(pool.KeptCount(), BufferPool::kKeptCountMax);
 }
 
-TEST(BufferPool, TheBytesKeptAreCapped) {
+TEST(BufferPool, BytesOfPooledBuffersAreCapped) {
   BufferPool pool;
   std::vector<std::string> taken;
   for (std::size_t i = 0; i < BufferPool::kKeptCountMax; ++i)
@@ -93,7 +93,7 @@ TEST(BufferPool, ExactlyTheBytesOfTheCapMayBeKept) {
   EXPECT_EQ(pool.KeptBytes(), BufferPool::kKeptBytesTotalMax);
 }
 
-TEST(BufferPool, ClearingFreesWhatIsKept) {
+TEST(BufferPool, ClearFreesThePooledBuffers) {
   BufferPool pool;
   pool.GiveBack(pool.Take(kMebibyte));
   pool.Clear();
@@ -103,11 +103,11 @@ TEST(BufferPool, ClearingFreesWhatIsKept) {
 
 TEST(BufferPool, BufferThatWasNeverTakenMayBeReturned) {
   BufferPool pool;
-  pool.GiveBack(std::string(kMebibyte, 'x'));  // no room was made for it yet
+  pool.GiveBack(std::string(kMebibyte, 'x'));  // it has no memory yet
   EXPECT_LE(pool.KeptCount(), 1U);
 }
 
-TEST(BufferPool, APooledBufferGoesBackAtTheEndOfItsScope) {
+TEST(BufferPool, PooledBufferIsReturnedAtTheEndOfItsScope) {
   qx::provider::transfer_buffers.Clear();
   { qx::provider::PooledBuffer(kMebibyte).text() = "text"; }
   EXPECT_EQ(qx::provider::transfer_buffers.KeptCount(), 1U);
@@ -115,7 +115,7 @@ TEST(BufferPool, APooledBufferGoesBackAtTheEndOfItsScope) {
   qx::provider::transfer_buffers.Clear();
 }
 
-TEST(BufferPoolThreads, BuffersAreNeverInTwoHands) {
+TEST(BufferPoolThreads, NoBufferIsUsedTwiceAtOnce) {
   BufferPool pool;
   std::vector<std::thread> threads;
   for (char mark = 'a'; mark < 'a' + 8; ++mark) {

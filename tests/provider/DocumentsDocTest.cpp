@@ -15,7 +15,7 @@ using qx::test::HexDump;
 using qx::test::Reply;
 using qx::test::ServiceThread;
 
-// As a page shows it.
+// The text as a page shows it.
 std::string WithoutCr(std::string text) {
   text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
   return text;
@@ -29,14 +29,14 @@ class DocumentsDoc : public qx::test::TransferFixture {
   static std::string Example(const char* name) { return DocExample("documents.md", name); }
 };
 
-TEST_F(DocumentsDoc, TheRequestGetsTheReply) {
+TEST_F(DocumentsDoc, RequestOfThePageGetsItsReply) {
   const Reply reply = ServiceThread().GetReports(Example("report-request"));
   EXPECT_EQ(reply.result, 0);
   EXPECT_EQ(WithoutCr(reply.document), Example("report-reply"));
   EXPECT_EQ(HexDump(reply.document), Example("report-reply-bytes"));
 }
 
-TEST_F(DocumentsDoc, TheWholeTransfer) {
+TEST_F(DocumentsDoc, WholeTransferOfThePage) {
   ServiceThread thread;
   EXPECT_EQ(thread.Ask("cpu", 0, 2).result, 0);
   EXPECT_EQ(thread.Ask("cpu", 2, 2),
@@ -47,18 +47,18 @@ TEST_F(DocumentsDoc, TheWholeTransfer) {
   EXPECT_EQ(thread.Ask("cpu", 3, 2), (Reply{1, Example("end-reply"), true}));
 }
 
-TEST_F(DocumentsDoc, TheErrorReply) {
+TEST_F(DocumentsDoc, ErrorReplyOfThePage) {
   EXPECT_EQ(ServiceThread().Ask("R&amp;D", 0), (Reply{12, Example("error-reply"), true}));
 }
 
-TEST_F(DocumentsDoc, TheRefusedDocument) {
+TEST_F(DocumentsDoc, RefusedDocumentOfThePage) {
   const Reply reply = ServiceThread({"Other"}).Ask("cpu", 0, 1);
   EXPECT_EQ(reply.result, 0);
   EXPECT_FALSE(reply.is_well_formed);
   EXPECT_EQ(WithoutCr(reply.document), Example("refused-document"));
 }
 
-TEST_F(DocumentsDoc, TheReplyOfWhat) {
+TEST_F(DocumentsDoc, ReplyOfWhatOfThePage) {
   const char* const version = DreQXObjectVersion;
   const char* const date = DreQXObjectDate;
   DreQXObjectVersion = "1.2.3";
@@ -75,7 +75,7 @@ TEST_F(DocumentsDoc, TheReplyOfWhat) {
   EXPECT_EQ(out.GetDoc(), Example("what-reply"));
 }
 
-TEST_F(DocumentsDoc, NamesAreEscapedAsTheTableSays) {
+TEST_F(DocumentsDoc, NamesAreEscapedAsInTheTable) {
   const auto name_of = [this](const std::string& file, const std::string& attribute) {
     Append(file, 10, {"x"});
     const std::string document = ServiceThread().Ask(attribute, 0).document;
@@ -88,7 +88,7 @@ TEST_F(DocumentsDoc, NamesAreEscapedAsTheTableSays) {
   EXPECT_EQ(name_of("K\xc3\xa4lte", "K\xc3\xa4lte"), "K&amp;#xC3;&amp;#xA4;lte");
 }
 
-TEST_F(DocumentsDoc, RefusalsAsTheTableSays) {
+TEST_F(DocumentsDoc, RefusalsAreThoseOfTheTable) {
   EXPECT_EQ(ServiceThread().GetReports("<reportdata Name=\"cpu\"/>"), qx::test::NotReadable("", 2));
   EXPECT_EQ(ServiceThread().GetReports("<ReportData Name=\"cpu\">"), qx::test::NotReadable("", 2));
   EXPECT_EQ(ServiceThread().GetReports(""), qx::test::NotReadable("", 2));

@@ -1,4 +1,4 @@
-// The exported functions, linked statically so that the module object behind them can be made to fail.
+// The exported functions, linked statically so that their module object can be made to fail.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -47,7 +47,7 @@ class CurrentModule {
   CKrxAdapterModule* old_;
 };
 
-// The result and the reply of one call. The reply's place holds garbage before.
+// The result and the reply of one call. Before the call, the reply pointer is garbage.
 struct Called {
   Called(QxRequestFunction function, const wcs_gendata* params, const char* input) {
     char garbage = 0;
@@ -104,7 +104,7 @@ TEST_F(Exports, RepliesOfTwoCallsAreTwoTexts) {
   __free(second);
 }
 
-TEST_F(Exports, NullReplyPlaceDropsTheTextAndKeepsTheResult) {
+TEST_F(Exports, NullReplyPointerDropsTheTextAndKeepsTheResult) {
   const TraceCapture trace(6);
   EXPECT_EQ(What(block_->Block(), "", nullptr), 0);
   const auto entries = trace.Entries();
@@ -122,7 +122,7 @@ TEST_F(Exports, NullBlockFailsWithoutReply) {
   }
 }
 
-TEST_F(Exports, DocumentWithTwoRootsGivesNoReplyAndKeepsTheResult) {
+TEST_F(Exports, DocumentWithTwoRootsHasNoReplyAndKeepsTheResult) {
   class TwoRoots : public CKrxAdapterModule {
    public:
     int What(KrxRequestParams&, CMarkup&, CMarkup& out) override {
@@ -138,7 +138,7 @@ TEST_F(Exports, DocumentWithTwoRootsGivesNoReplyAndKeepsTheResult) {
   EXPECT_FALSE(called.has_reply);
 }
 
-TEST_F(Exports, EmptyOutputGivesNoReplyAndKeepsTheResult) {
+TEST_F(Exports, EmptyOutputHasNoReplyAndKeepsTheResult) {
   class Silent : public CKrxAdapterModule {
    public:
     int Reflect(KrxRequestParams&, CMarkup&, CMarkup&) override { return 42; }
@@ -150,7 +150,7 @@ TEST_F(Exports, EmptyOutputGivesNoReplyAndKeepsTheResult) {
   EXPECT_FALSE(called.has_reply);
 }
 
-// Fails in every operation with an exception of its own kind.
+// Every operation throws an exception of its own type.
 class Throwing : public CKrxAdapterModule {
  public:
   int What(KrxRequestParams&, CMarkup&, CMarkup& out) override {
@@ -176,7 +176,7 @@ TEST_F(Exports, ExceptionEndsARequestWithMinusOneAndANullReply) {
   }
 }
 
-TEST_F(Exports, NoExceptionLeavesAHook) {
+TEST_F(Exports, HooksThrowNoException) {
   Throwing module;
   const CurrentModule current(&module);
   EXPECT_NO_THROW(__threadbegin());
@@ -205,7 +205,7 @@ TEST_F(Exports, EveryFailedAllocationOfARequestEndsInMinusOneOrTheWholeReply) {
       }
       __free(reply);
     }
-    EXPECT_GT(nth, 3) << "the sweep met no allocation";
+    EXPECT_GT(nth, 3) << "the sweep hit no allocation";
   }
   __threadend(block_->Entry(0)->value);
 }
@@ -242,7 +242,7 @@ TEST_F(Exports, TextThatCannotBeDuplicatedIsNullAndTracedAsFatal) {
   }
 }
 
-// A service that cancels its thread in the middle of a request: the unwinding has to reach the thread's first frame.
+// A service that cancels its thread in the middle of a request: the unwinding must reach the thread's first frame.
 TEST_F(Exports, ForcedUnwindingPassesThroughARequest) {
   class Exiting : public CKrxAdapterModule {
    public:

@@ -8,7 +8,7 @@
 
 namespace {
 
-// Asked for by every thread, changed by the one that is to fail.
+// Every thread reads it; the thread that is to fail sets it.
 constinit std::atomic<pthread_t> failing_thread{0};
 constinit std::size_t refused_bytes = 0;
 

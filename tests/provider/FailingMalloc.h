@@ -5,7 +5,7 @@
 
 namespace qx::test {
 
-// While in scope, the first block of exactly `bytes` bytes that the calling thread asks for is refused, once.
+// While in scope, the calling thread's first allocation of exactly `bytes` bytes fails, once.
 class FailingMalloc {
  public:
   explicit FailingMalloc(std::size_t bytes);
@@ -13,7 +13,7 @@ class FailingMalloc {
   FailingMalloc(const FailingMalloc&) = delete;
   FailingMalloc& operator=(const FailingMalloc&) = delete;
 
-  // Whether it was asked for.
+  // Whether that allocation was requested.
   bool HasFailed() const;
 };
 

@@ -8,7 +8,7 @@
 
 namespace {
 
-// The thread whose allocations are counted, 0 for none. The other two are that thread's alone while it is set.
+// The thread whose allocations are counted, or 0. While it is set, only that thread uses the other two.
 std::atomic<pthread_t> counted_thread{0};
 std::atomic<int> left_until_failure{0};
 std::atomic<std::size_t> counted_bytes_min{0};

@@ -40,7 +40,7 @@ std::string Address(const void* p) {
 
 std::string ThisThread() { return std::to_string(static_cast<int>(CurrentThreadLow32())); }
 
-// A check by itself, with what it may leave behind.
+// A check alone, with everything that it may write.
 struct Check {
   explicit Check(BlockBuilder& block) : params(block.Block()) {}
   ~Check() {
@@ -77,7 +77,7 @@ class RequestBlock {
   std::unique_ptr<BlockBuilder> block_;
 };
 
-TEST(FileTransferProviderThreadData, TheFirstRequestOfAThreadStoresNewDataInTheBlock) {
+TEST(FileTransferProviderThreadData, FirstRequestOfAThreadStoresNewDataInTheBlock) {
   RequestBlock block;
   CFileTransferProvider provider;
   KrxRequestParams params(block->Block());
@@ -106,7 +106,7 @@ TEST(FileTransferProviderThreadData, LaterRequestsOfTheThreadUseTheSameData) {
                               Address(data) + ") - use its data, saved threadId=" + ThisThread() + "\n");
 }
 
-TEST(FileTransferProviderThreadData, DataOfAnotherThreadIsReportedAndUsedAllTheSame) {
+TEST(FileTransferProviderThreadData, DataOfAnotherThreadIsReportedAndStillUsed) {
   RequestBlock block;
   CFileTransferProvider provider;
   KrxRequestParams params(block->Block());
@@ -119,7 +119,7 @@ TEST(FileTransferProviderThreadData, DataOfAnotherThreadIsReportedAndUsedAllTheS
             "ID!\n");
 }
 
-TEST(FileTransferProviderThreads, EveryThreadHasDataOfItsOwn) {
+TEST(FileTransferProviderThreads, EveryThreadHasItsOwnData) {
   RequestBlock here;
   RequestBlock there;
   CFileTransferProvider provider;
@@ -133,7 +133,7 @@ TEST(FileTransferProviderThreads, EveryThreadHasDataOfItsOwn) {
   }).join();
 }
 
-TEST(FileTransferProviderThreadData, ABlockWithoutAPlaceForItGetsNewDataOnEveryCall) {
+TEST(FileTransferProviderThreadData, BlockWithoutElementOneGetsNewDataOnEveryCall) {
   BlockBuilder block;
   block.Number(2, 77);
   CFileTransferProvider provider;
@@ -179,7 +179,7 @@ TEST(FileTransferProviderThreadData, ThreadEndWithoutDataOnlyTraces) {
             "WCSP_QX ThreadEnd   : thread-specific data not available; no cleanup required\n");
 }
 
-TEST(FileTransferProviderCheck, ARequestWithItsElementPasses) {
+TEST(FileTransferProviderCheck, RequestWithItsElementPasses) {
   RequestBlock block;
   Check check(*block);
   EXPECT_EQ(check.Run("<ReportData Name=\"r1\"/>", "ReportData", kPrivilege), 0);
@@ -189,17 +189,17 @@ TEST(FileTransferProviderCheck, ARequestWithItsElementPasses) {
   EXPECT_EQ(check.in.GetAttrib("Name"), "r1");
 }
 
-TEST(FileTransferProviderCheck, NothingRequiredIsAlwaysThere) {
+TEST(FileTransferProviderCheck, CheckWithoutRequirementsPasses) {
   RequestBlock block;
   block->Security("operator", {});
   Check check(*block);
   EXPECT_EQ(check.Run("<Other/>", nullptr, nullptr), 0);
-  EXPECT_EQ(check.in.GetTagName(), "");  // nothing was looked for
+  EXPECT_EQ(check.in.GetTagName(), "");  // no privilege was searched
   EXPECT_EQ(check.Run("<Other/>", "Other", nullptr), 0);
   EXPECT_EQ(check.out.GetDoc(), "");
 }
 
-TEST(FileTransferProviderCheck, AnInvalidBlockIsFatal) {
+TEST(FileTransferProviderCheck, InvalidBlockIsFatal) {
   BlockBuilder no_elements;
   Check check(no_elements);
   EXPECT_EQ(check.Run("<ReportData/>", "ReportData", kPrivilege), -1);
@@ -218,7 +218,7 @@ TEST(FileTransferProviderCheck, QuirkInputThatIsNotWellFormedPassesAsAnEmptyDocu
   }
 }
 
-TEST(FileTransferProviderCheck, NothingIsReadFromInputThatIsNotWellFormedWhereverItsPositionWas) {
+TEST(FileTransferProviderCheck, MalformedInputIsNotReadWhateverItsPosition) {
   RequestBlock block;
   Check check(*block);
   ASSERT_FALSE(check.in.SetDoc("<ReportData Name=\"r1\">"));
@@ -228,7 +228,7 @@ TEST(FileTransferProviderCheck, NothingIsReadFromInputThatIsNotWellFormedWhereve
   EXPECT_EQ(check.in.GetAttrib("Name"), "");
 }
 
-TEST(FileTransferProviderCheck, AMissingElementIsRefusedWith12) {
+TEST(FileTransferProviderCheck, MissingElementIsRefusedWith12) {
   RequestBlock block;
   Check check(*block);
   EXPECT_EQ(check.Run("<Other/>", "ReportData", kPrivilege), 12);
@@ -237,7 +237,7 @@ TEST(FileTransferProviderCheck, AMissingElementIsRefusedWith12) {
             "LastError=\"13\"/>\n");
 }
 
-TEST(FileTransferProviderCheck, AMissingPrivilegeIsRefusedWith401) {
+TEST(FileTransferProviderCheck, MissingPrivilegeIsRefusedWith401) {
   RequestBlock block;
   block->Security("operator", {{"Operations", {"accessperformancemgr", "Other"}}});
   Check check(*block);
@@ -254,7 +254,7 @@ TEST(FileTransferProviderCheck, SecurityDataThatGrantsNothingIsRefused) {
   EXPECT_EQ(check.Run("<ReportData/>", "ReportData", kPrivilege), 401);
 }
 
-TEST(FileTransferProviderCheck, ThePrivilegeMayComeFromAnyDepartment) {
+TEST(FileTransferProviderCheck, PrivilegeMayComeFromAnyDepartment) {
   RequestBlock block;
   block->Security("operator", {{"First", {"Other"}}, {"Second", {kPrivilege}}});
   Check check(*block);
@@ -262,7 +262,7 @@ TEST(FileTransferProviderCheck, ThePrivilegeMayComeFromAnyDepartment) {
   EXPECT_EQ(check.out.GetDoc(), "");
 }
 
-TEST(FileTransferProviderCheck, TheElementIsMissedBeforeThePrivilege) {
+TEST(FileTransferProviderCheck, ElementIsCheckedBeforeThePrivilege) {
   RequestBlock block;
   block->Security("operator", {});
   Check check(*block);
@@ -271,7 +271,7 @@ TEST(FileTransferProviderCheck, TheElementIsMissedBeforeThePrivilege) {
 
 class FileTransferProviderCall : public qx::test::TransferFixture {};
 
-TEST_F(FileTransferProviderCall, AnInvalidBlockStopsTheCallAndIsCounted) {
+TEST_F(FileTransferProviderCall, InvalidBlockEndsTheCallAndIsCounted) {
   const std::unique_ptr<BlockBuilder> block = BlockBuilder::Request("GetReports");
   block->Header().tag[0] = 'X';
   KrxRequestParams params(block->Block());
@@ -290,7 +290,7 @@ TEST_F(FileTransferProviderCall, AnInvalidBlockStopsTheCallAndIsCounted) {
   provider.__threadend(data);
 }
 
-TEST_F(FileTransferProviderCall, DataThatTheBlockCannotTakeIsFreedWithTheCall) {
+TEST_F(FileTransferProviderCall, DataThatTheBlockCannotStoreIsFreedAfterTheCall) {
   Append("r1", 10, {"a", "b"});
   BlockBuilder block;
   block.Number(2, 77);
@@ -311,7 +311,7 @@ TEST_F(FileTransferProviderCall, DataThatTheBlockCannotTakeIsFreedWithTheCall) {
   EXPECT_EQ(ask("<ReportData Name=\"r1\" StartIndex=\"1\"/>"), Records("r1", 1, 2, "b\r\n"));
 }
 
-TEST_F(FileTransferProviderCall, InputWithoutTheElementNeverGivesARecord) {
+TEST_F(FileTransferProviderCall, InputWithoutTheElementNeverReturnsARecord) {
   EXPECT_EQ(ServiceThread().GetReports("<Other Name=\"r1\"/>"), NotReadable("", 2));
   Append("", 10, {"nameless"});
   const Reply reply = ServiceThread().GetReports("<Other Name=\"r1\"/>");
@@ -319,7 +319,7 @@ TEST_F(FileTransferProviderCall, InputWithoutTheElementNeverGivesARecord) {
   EXPECT_FALSE(reply.is_well_formed);
 }
 
-TEST_F(FileTransferProviderCall, InputThatIsNotWellFormedAsksForTheEmptyName) {
+TEST_F(FileTransferProviderCall, MalformedInputRequestsTheEmptyName) {
   Append("r1", 10, {"a"});
   const std::vector<const char*> no_privileges;
   const std::vector<const char*> inputs = {"", "<ReportData Name=\"r1\">", "<a/><ReportData Name=\"r1\"/>"};
@@ -333,13 +333,13 @@ TEST_F(FileTransferProviderCall, InputThatIsNotWellFormedAsksForTheEmptyName) {
   }
 }
 
-TEST_F(FileTransferProviderCall, ACallerWithThePrivilegeReads) {
+TEST_F(FileTransferProviderCall, CallerWithThePrivilegeReads) {
   Append("r1", 10, {"a"});
   EXPECT_EQ(ServiceThread({kPrivilege}).Ask("r1", 0), Records("r1", 0, 1, "a\r\n"));
 }
 
 // Records that would close the section, the element and the refusal before them if they could.
-TEST_F(FileTransferProviderCall, ARefusedCallerNeverGetsAReplyWithARecord) {
+TEST_F(FileTransferProviderCall, RefusedCallerNeverGetsAReplyWithARecord) {
   const std::vector<std::string> hostile = {
       "a",  "]]></ReportData>",     "]]>",       "</Error>",     "<!--",    "-->", "<?x",
       "?>", "\" LastError=\"0\"/>", "<![CDATA[", "\xef\xbb\xbf", "<Error/>"};
@@ -356,7 +356,7 @@ TEST_F(FileTransferProviderCall, ARefusedCallerNeverGetsAReplyWithARecord) {
   }
 }
 
-TEST_F(FileTransferProviderCall, ARefusedCallersDocumentHasTheRefusalInFrontOfTheReport) {
+TEST_F(FileTransferProviderCall, RefusedCallersDocumentHasTheRefusalBeforeTheReport) {
   Append("r1", 10, {"a"});
   EXPECT_EQ(ServiceThread({"Other"}).Ask("r1", 0),
             (Reply{0,
@@ -366,15 +366,15 @@ TEST_F(FileTransferProviderCall, ARefusedCallersDocumentHasTheRefusalInFrontOfTh
                    false}));
 }
 
-TEST_F(FileTransferProviderCall, ARefusedCallersOtherRepliesAreErrorsOfTheTransfer) {
+TEST_F(FileTransferProviderCall, OtherRepliesToARefusedCallerAreTransferErrors) {
   Append("r1", 10, {"a"});
   ServiceThread thread({"Other"});
   EXPECT_EQ(thread.Ask("none", 0), NotReadable("none", 2));
   EXPECT_EQ(thread.Ask("r1", 0, 0), NoMoreRecords());
 }
 
-// A chunk's one big buffer, the document, is the pool's again when the exported function returns.
-TEST_F(FileTransferProviderCall, TheBigBufferOfACallIsKeptForTheNext) {
+// The big buffer of a chunk, its document, is in the pool again when the exported function returns.
+TEST_F(FileTransferProviderCall, BigBufferOfACallIsKeptForTheNext) {
   const std::string half(400000, 'h');
   Append("r1", 10, {half, half});
   ASSERT_EQ(CreateModule(nullptr), 1);

@@ -1,5 +1,4 @@
-// What the frame traces around and in the operations, at each level: every line from its own level on, and not below
-// it.
+// What the frame traces around and in the operations at each level: every line at its own level and above, not below.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,7 +19,7 @@ using qx::test::TraceCapture;
 using qx::test::Upto;
 using Lines = qx::test::TraceLines;
 
-// What differs from run to run: the characters of `set` behind `prefix` are shown as `mark`.
+// What differs from run to run: the characters of `set` after `prefix` are replaced by `mark`.
 struct Varying {
   std::string prefix;
   const char* set;
@@ -81,7 +80,7 @@ class FrameTrace : public qx::test::TransferFixture {
     }
   }
 
-  // One request as the service makes it, with its reply given back.
+  // One request as the service makes it; its reply is freed.
   static std::function<void(BlockBuilder&)> Call(QxRequestFunction function, const std::string& input, int result) {
     return [=](BlockBuilder& block) {
       char* reply = nullptr;
@@ -290,7 +289,7 @@ const Lines kNoSecurityData = {
     {3, "WCSP_QX GetReports  :   WS-TRUST security validation data not found - no authorization required"},
 };
 
-// Nothing of such input is shown, and nothing is asked of the caller.
+// Such input is not traced, and the caller needs no privilege.
 TEST_F(FrameTrace, ReportsForInputThatIsNotWellFormed) {
   Expect(Lines{{2, "WCSP_QX GetReports  : Transfer report data file"}} + kBlockIsGood +
              Lines{
@@ -304,7 +303,7 @@ TEST_F(FrameTrace, ReportsForInputThatIsNotWellFormed) {
          Call(GetReports, "<ReportData Name=\"r1\">", 12));
 }
 
-// A record that is over both limits is stopped by the chunk's, which is looked at first.
+// If a record exceeds both limits, the chunk limit ends the reply: it is checked first.
 TEST_F(FrameTrace, ChunkLimitComesBeforeTheRecordLimit) {
   const std::string half(0x80000, 'h');
   Append("r1", 10, {half, half});

@@ -11,7 +11,7 @@
 
 namespace {
 
-// A whole block in one piece of memory that stands, or is taken to stand, at `base`.
+// A whole block in one piece of memory, with the pointers that it has at the address `base`.
 class BlockImage {
  public:
   explicit BlockImage(char* bytes, std::uint64_t base) : bytes_(bytes), base_(base) {}
@@ -47,7 +47,7 @@ void PutElement(BlockImage& image, std::size_t i, std::int32_t index, std::int32
   image.Put(kArray + i * sizeof(void*), image.At(ElementOffset(i)));
 }
 
-// The block of a GetReports call by the service's thread 77, as it would stand at `base`.
+// The block of a GetReports call by the service's thread 77, as it would be at `base`.
 void BuildExample(char (&bytes)[kImageBytes], std::uint64_t base) {
   std::memset(bytes, 0, sizeof bytes);
   BlockImage image(bytes, base);

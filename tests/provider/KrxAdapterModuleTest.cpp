@@ -26,7 +26,7 @@ using qx::test::BlockBuilder;
 using qx::test::TraceCapture;
 using testing::ElementsAre;
 
-// Points one of the version variables elsewhere until the end of the scope.
+// Sets one of the version variables until the end of the scope.
 class ScopedText {
  public:
   ScopedText(const char*& variable, const char* text) : variable_(variable), old_(variable) { variable_ = text; }
@@ -64,7 +64,7 @@ TEST(KrxAdapterModule, WhatNamesTheModuleAndItsVersionTexts) {
             "<QXRemConXfer version=\"1.2.3\" date=\"2026/01/31-10:20\" company=\"Norrlek\" milestone=\"-\"/>\n");
 }
 
-TEST(KrxAdapterModule, NullVersionTextsReadNotAvailable) {
+TEST(KrxAdapterModule, NullVersionTextsAreShownAsNotAvailable) {
   const ScopedText name(DreQXObjectName, nullptr);
   const ScopedText version(DreQXObjectVersion, nullptr);
   const ScopedText vendor(DreQXObjectVendor, nullptr);
@@ -79,7 +79,7 @@ TEST(KrxAdapterModule, NullNameExportNamesTheRootElementNotAvailable) {
             "<N/A version=\"1.2.3\" date=\"2026/01/31-10:20\" company=\"Norrlek\" milestone=\"-\"/>\n");
 }
 
-TEST(KrxAdapterModule, NameThatNoElementCanHaveGivesNoWellFormedReply) {
+TEST(KrxAdapterModule, NameThatNoElementCanHaveMakesAMalformedReply) {
   for (const char* impossible : {"", "1<", "a><b"}) {
     const ScopedText name(DreQXObjectName, impossible);
     CKrxAdapterModule module;
@@ -93,7 +93,7 @@ TEST(KrxAdapterModule, NameThatNoElementCanHaveGivesNoWellFormedReply) {
   }
 }
 
-TEST(KrxAdapterModule, EmptyFileVersionReadsZero) {
+TEST(KrxAdapterModule, EmptyFileVersionIsShownAsZero) {
   const ScopedText version(DreQXObjectVersion, "");
   EXPECT_THAT(WhatOfANewModule(), testing::HasSubstr(" version=\"0.00.00\" "));
 }
@@ -251,14 +251,14 @@ TEST_F(AdapterModule, ThreadHooksTraceTheLowHalfOfTheThreadId) {
                                            "WCSP ThreadEnd      : end of thread with id=" + id));
 }
 
-TEST_F(AdapterModule, HandleVersionIsTheFramesWhateverTheBuildSays) {
+TEST_F(AdapterModule, HandleVersionDoesNotDependOnTheVersionTexts) {
   const ScopedText version(DreQXObjectVersion, "9.9.9");
   const TraceCapture trace(4);
   EXPECT_EQ(module_.__handle_version(), 30400);
   EXPECT_EQ(trace.Text(), "WCSP HandleVersion  : current adapter library version = V3.04.00 (0x76C0)\n");
 }
 
-TEST_F(AdapterModule, FreeTracesTwiceAndTakesNull) {
+TEST_F(AdapterModule, FreeTracesTwiceAndAcceptsNull) {
   const TraceCapture trace(6);
   char* text = CKrxAdapterModule::ReplyString("text");
   const std::string address = Hex8(Low32(text));
@@ -271,12 +271,12 @@ TEST_F(AdapterModule, FreeTracesTwiceAndTakesNull) {
                                            "WCSP_MAIN           : FreeReplyString - free address 0x00000000"));
 }
 
-TEST_F(AdapterModule, ReplyStringDuplicatesAndPassesNullOn) {
+TEST_F(AdapterModule, ReplyStringDuplicatesAndReturnsNullForNull) {
   const std::string text = "<a/>";
   char* copy = CKrxAdapterModule::ReplyString(text.c_str());
   EXPECT_STREQ(copy, text.c_str());
   EXPECT_NE(copy, text.c_str());
-  std::free(copy);  // a host may only use __free; here it shows that it is malloc memory
+  std::free(copy);  // a host must use __free; `free` proves here that it is malloc memory
   EXPECT_EQ(CKrxAdapterModule::ReplyString(nullptr), nullptr);
 }
 
@@ -311,7 +311,7 @@ TEST_F(AdapterModule, StopRequestCallsTheHookAndIsTraced) {
   EXPECT_EQ(trace.Entries().at(0), "WCSP StopRequest    : ## Service shutdown initiated");
 }
 
-// The table's address, five texts, the flag.
+// The address of the table, five texts, the flag.
 TEST_F(AdapterModule, StopRequestSetsTheFlagAfterTheFiveTexts) {
   const auto flag = [this] {
     return static_cast<int>(
@@ -324,7 +324,7 @@ TEST_F(AdapterModule, StopRequestSetsTheFlagAfterTheFiveTexts) {
   EXPECT_EQ(flag(), 1);
 }
 
-TEST_F(AdapterModule, LoadHooksOfTheBaseDoNothing) {
+TEST_F(AdapterModule, LoadHooksOfTheBaseClassDoNothing) {
   const TraceCapture trace(6);
   EXPECT_TRUE(module_.OnLoad());
   module_.OnUnload();
@@ -383,7 +383,7 @@ struct Checked {
   unsigned code = 4711;
 };
 
-TEST(CheckRequestParams, ValidBlockLeavesTextAndCodeAlone) {
+TEST(CheckRequestParams, ValidBlockLeavesTextAndCodeUnchanged) {
   const Checked checked(*BlockBuilder::Request("GetReports"));
   EXPECT_TRUE(checked.ok);
   EXPECT_EQ(checked.text, "untouched");
@@ -503,7 +503,7 @@ TEST(CheckRequestParams, RefusedTagIsNotDumped) {
   EXPECT_EQ(trace.Text(), "WCSP CheckParams    : Check KRX request parameters...\n");
 }
 
-// The virtual slots as a caller compiled against another build of this class reaches them: by number.
+// The virtual slots by number, as a caller that was compiled against another build of this class uses them.
 using Slot = void (*)();
 
 Slot SlotAt(const CKrxAdapterModule& module, std::size_t number) {
@@ -522,7 +522,7 @@ TEST(KrxAdapterModuleSlots, OperationsHaveTheirFixedOrder) {
   const TraceCapture trace(6);
   const auto last = [&] { return trace.Entries().empty() ? std::string() : trace.Entries().back(); };
 
-  // Slots 0 and 1 are the destructor's.
+  // Slots 0 and 1 are the destructors.
   EXPECT_TRUE(reinterpret_cast<bool (*)(CKrxAdapterModule*)>(SlotAt(module, 2))(&module));
   reinterpret_cast<void (*)(CKrxAdapterModule*)>(SlotAt(module, 3))(&module);
   reinterpret_cast<void (*)(CKrxAdapterModule*)>(SlotAt(module, 4))(&module);

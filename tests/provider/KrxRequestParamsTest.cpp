@@ -32,9 +32,9 @@ TEST(KrxRequestParams, SignatureIsTheTagUpToItsTerminator) {
   EXPECT_EQ(SignatureOfTag("\0RX\0"), "");
 }
 
-TEST(KrxRequestParams, TagOfFourNonZeroBytesGivesThreeQuestionMarks) {
+TEST(KrxRequestParams, SignatureOfAnUnterminatedTagIsThreeQuestionMarks) {
   EXPECT_EQ(SignatureOfTag("KRXX"), "???");
-  EXPECT_EQ(SignatureOfTag("K\0\0X"), "???");  // only the fourth byte decides
+  EXPECT_EQ(SignatureOfTag("K\0\0X"), "???");  // only the fourth byte matters
   EXPECT_EQ(SignatureOfTag("\xFF\xFF\xFF\xFF"), "???");
 }
 
@@ -81,7 +81,7 @@ TEST(KrxRequestParams, StringComesFromATypeEightElementOnly) {
   EXPECT_EQ(params.GetParamString(3), "What");
   EXPECT_EQ(params.GetParamString(5), "");
   EXPECT_EQ(params.GetParamString(8), "");
-  EXPECT_EQ(params.GetParamString(12), "");  // the word's bytes would read "abc"
+  EXPECT_EQ(params.GetParamString(12), "");  // as text, the bytes of the word are "abc"
   EXPECT_EQ(params.GetParamString(13), "");
   EXPECT_EQ(params.GetParamString(99), "");
 }
@@ -136,7 +136,7 @@ TEST(KrxRequestParams, BoolIsAnyNonZeroNumber) {
   EXPECT_FALSE(params.GetParamBool(99));
 }
 
-TEST(KrxRequestParams, PointerIsTheDatumOfATypeThreeElement) {
+TEST(KrxRequestParams, PointerIsTheValueOfATypeThreeElement) {
   int datum = 0;
   BlockBuilder block;
   block.Pointer(1, &datum).Raw(4, kKrxTypeNested, &datum);
@@ -217,14 +217,14 @@ TEST(KrxRequestParams, NegativeIndicesAreFoundLikeAnyOther) {
   EXPECT_EQ(KrxRequestParams(block.Block()).GetParamString(-3), "text");
 }
 
-TEST(KrxRequestParams, ElementCountZeroFindsNothingWhateverTheArray) {
+TEST(KrxRequestParams, NothingIsFoundWithElementCountZero) {
   BlockBuilder block;
   block.Text(3, "text");
   block.Header().element_count = 0;
   EXPECT_EQ(KrxRequestParams(block.Block()).GetFunctionId(), "");
 }
 
-TEST(KrxRequestParams, NegativeElementCountFindsNothing) {
+TEST(KrxRequestParams, NothingIsFoundWithANegativeElementCount) {
   BlockBuilder block;
   block.Text(3, "text");
   block.Header().element_count = -1;
@@ -233,7 +233,7 @@ TEST(KrxRequestParams, NegativeElementCountFindsNothing) {
   EXPECT_EQ(KrxRequestParams(block.Block()).GetFunctionId(), "");
 }
 
-TEST(KrxRequestParams, NullArrayFindsNothingWhateverTheCount) {
+TEST(KrxRequestParams, NothingIsFoundInANullArray) {
   BlockBuilder block;
   block.Header().elements = nullptr;
   block.Header().element_count = std::numeric_limits<std::int32_t>::max();
@@ -287,7 +287,7 @@ TEST(KrxRequestParams, NamedAccessorsReadTheirIndices) {
   EXPECT_EQ(params.GetRequestMethod(), "method");
 }
 
-TEST(KrxRequestParams, NamedAccessorsOfAnEmptyBlockGiveEmptyValues) {
+TEST(KrxRequestParams, NamedAccessorsOfAnEmptyBlockReturnEmptyValues) {
   BlockBuilder block;
   const KrxRequestParams params(block.Block());
   EXPECT_EQ(params.GetProviderSpecificData(), nullptr);
@@ -304,7 +304,7 @@ TEST(KrxRequestParams, NamedAccessorsOfAnEmptyBlockGiveEmptyValues) {
   EXPECT_EQ(params.GetRequestMethod(), "");
 }
 
-// What GetRequestorAddress(out) leaves in an `out` that held "before"; its result is always false.
+// What GetRequestorAddress(out) leaves in an `out` that was "before"; its result is always false.
 std::string AddressOver(BlockBuilder& block) {
   std::string out = "before";
   EXPECT_FALSE(KrxRequestParams(block.Block()).GetRequestorAddress(out));
@@ -325,7 +325,7 @@ TEST(KrxRequestParams, RequestorAddressOfAnEmptyStringClearsTheOutput) {
   EXPECT_EQ(KrxRequestParams(block.Block()).GetRequestorAddress(), "");
 }
 
-TEST(KrxRequestParams, RequestorAddressIsLeftAloneWithoutAUsableElementFourteen) {
+TEST(KrxRequestParams, RequestorAddressIsUnchangedWithoutElementFourteen) {
   BlockBuilder missing;
   missing.Text(15, "not inside 14");
   EXPECT_EQ(AddressOver(missing), "before");
@@ -340,7 +340,7 @@ TEST(KrxRequestParams, RequestorAddressIsLeftAloneWithoutAUsableElementFourteen)
   EXPECT_EQ(AddressOver(no_value), "before");
 }
 
-TEST(KrxRequestParams, RequestorAddressIsLeftAloneWithoutAUsableElementFifteen) {
+TEST(KrxRequestParams, RequestorAddressIsUnchangedWithoutElementFifteen) {
   BlockBuilder missing;
   missing.Nested(14).Text(16, "192.0.2.1");
   EXPECT_EQ(AddressOver(missing), "before");

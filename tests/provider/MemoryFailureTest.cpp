@@ -20,7 +20,7 @@ using qx::test::TraceCapture;
 
 class MemoryFailure : public qx::test::TransferFixture {};
 
-TEST_F(MemoryFailure, WithoutThreadDataThereIsAFatalTraceAndNull) {
+TEST_F(MemoryFailure, WithoutMemoryThreadDataIsNullWithAFatalTrace) {
   const std::unique_ptr<BlockBuilder> block = BlockBuilder::Request("GetReports");
   KrxRequestParams params(block->Block());
   CFileTransferProvider provider;
@@ -31,7 +31,7 @@ TEST_F(MemoryFailure, WithoutThreadDataThereIsAFatalTraceAndNull) {
             "WCSP_QX GetThrdData : ## FATAL ERROR! Could not allocate CThreadData! Function will be aborted.\n");
 }
 
-TEST_F(MemoryFailure, WithoutThreadDataACheckIsFatalAndItsErrorEmpty) {
+TEST_F(MemoryFailure, WithoutThreadDataACheckIsFatalAndItsErrorIsEmpty) {
   const std::unique_ptr<BlockBuilder> block = BlockBuilder::Request("GetReports");
   KrxRequestParams params(block->Block());
   CMarkup in;
@@ -56,7 +56,7 @@ TEST_F(MemoryFailure, WithoutThreadDataACallIsFatalAndNothingIsCounted) {
   EXPECT_EQ(out.GetDoc(), "<Error Msg=\"\"/>\n");
 }
 
-// The hex dump of a name of 1 MB takes several: nothing so large is made for a trace that does not show it.
+// The hex dump of a name of 1 MB takes several MB: it is made only for a trace that shows it.
 TEST_F(MemoryFailure, NameDumpIsOnlyMadeForTheLevelThatShowsIt) {
   constexpr std::size_t kDumpBytes = 4000000;
   const std::string name(1000000, 'n');
@@ -72,8 +72,8 @@ TEST_F(MemoryFailure, NameDumpIsOnlyMadeForTheLevelThatShowsIt) {
   }
 }
 
-// Every allocation of a call fails once: the call throws or copes, is counted, and nothing is lost or left open.
-TEST_F(MemoryFailure, RunningOutAnywhereLeavesTheTransferIntact) {
+// Every allocation of a call fails once: the call throws or continues, is counted, and loses or leaves open nothing.
+TEST_F(MemoryFailure, FailedAllocationLeavesTheTransferIntact) {
   Append("r1", 10, {"a", "b", std::string(300, 'c')});
   const std::string input = "<ReportData Name=\"r1\" StartIndex=\"0\"/>";
   ServiceThread thread;
@@ -103,8 +103,8 @@ TEST_F(MemoryFailure, RunningOutAnywhereLeavesTheTransferIntact) {
   EXPECT_GT(nth, 5);
 }
 
-// The same for the list of instance names, which has nothing to count.
-TEST_F(MemoryFailure, RunningOutAnywhereInAListOfNamesLeavesNothingBehind) {
+// The same for the list of instance names, which is not counted.
+TEST_F(MemoryFailure, FailedAllocationInAListOfNamesLeaksNothing) {
   qx::test::WriteFile(directory_.File("r1.names"), "[Quaxel Report Instances]\nVersion=1\n[Names]\n1=a\n2=b\n");
   ServiceThread thread;
   (void)thread.Ask("none", 1);

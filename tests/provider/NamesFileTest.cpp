@@ -26,7 +26,7 @@ using qx::test::ScopedReadFault;
 
 constexpr char kHead[] = "[Quaxel Report Instances]\nVersion=1\n";
 
-// What a names file says.
+// The content of a names file.
 struct Names {
   int version = 0;
   std::string report_name;
@@ -35,7 +35,7 @@ struct Names {
   friend bool operator==(const Names&, const Names&) = default;
 };
 
-// One search of the file a key.
+// One search of the file for each key.
 Names ReadKeyByKey(const std::string& path) {
   constexpr char kHeadSection[] = "Quaxel Report Instances";
   CIniFile file;
@@ -120,7 +120,7 @@ class RandomFile {
   std::mt19937_64 random_;
 };
 
-TEST_F(NamesFileTest, RandomFilesReadAsKeyByKey) {
+TEST_F(NamesFileTest, RandomFilesAreReadAsKeyByKey) {
   RandomFile random(qx::test::Seed("NamesFile"));
   std::size_t listed = 0;
   for (int round = 0; round < 4000 && !HasFailure(); ++round) {
@@ -133,7 +133,7 @@ TEST_F(NamesFileTest, RandomFilesReadAsKeyByKey) {
   EXPECT_GT(listed, 5000U);
 }
 
-// The keys of a list, each with its NUL, have 64,512 bytes of space and may fill 64,509 of them.
+// The keys of a list, each with its NUL, have 64,512 bytes of space and may use 64,509 of them.
 TEST_F(NamesFileTest, ListOverItsLimitIsEmptyAndOneByteLessIsNot) {
   for (std::size_t bytes = 64500; bytes <= 64520; ++bytes) {
     std::string file = std::string(kHead) + "[Names]\n";
@@ -155,7 +155,7 @@ TEST_F(NamesFileTest, HeadAfterAListOverItsLimitIsStillRead) {
 }
 
 // A line has 1023 characters; the rest of a longer one is a line of its own. So no name comes near 65,536.
-TEST_F(NamesFileTest, NameHasTheRestOfALineAndNoMore) {
+TEST_F(NamesFileTest, NameIsTheRestOfItsLine) {
   for (const std::size_t length : {1020U, 1021U, 1022U, 2000U, 70000U}) {
     const Names names = Read(std::string(kHead) + "[Names]\n1=" + std::string(length, 'v') + "\n2=x\n");
     ASSERT_EQ(names.instances.size(), 2U);
@@ -165,7 +165,7 @@ TEST_F(NamesFileTest, NameHasTheRestOfALineAndNoMore) {
   }
 }
 
-TEST_F(NamesFileTest, FirstEntryOfAKeyCountsForEachListing) {
+TEST_F(NamesFileTest, FirstEntryOfAKeyIsUsedForEachRepetition) {
   EXPECT_EQ(Read(std::string(kHead) + "[Names]\n1=a\n2=b\n1=c\n1=\n"),
             (Names{1, "", {{"1", "a"}, {"2", "b"}, {"1", "a"}, {"1", "a"}}}));
 }

@@ -50,7 +50,7 @@ TEST(QXString, BothReturnTheObjectItself) {
   EXPECT_EQ(text.Format("%s", "x").AppendFormat("%s", "y").AppendFormat("%s", "z"), "xyz");
 }
 
-TEST(QXString, TheLengthIsExactAtEverySize) {
+TEST(QXString, LengthIsExactAtEverySize) {
   for (const std::size_t size : {0UL, 1UL, 14UL, 15UL, 16UL, 17UL, 255UL, 256UL, 1023UL, 1024UL, 4096UL, 300000UL}) {
     const std::string part(size, 'q');
     Text text;
@@ -62,7 +62,7 @@ TEST(QXString, TheLengthIsExactAtEverySize) {
   }
 }
 
-TEST(QXString, AnArgumentMayBeTheStringItself) {
+TEST(QXString, ArgumentMayBeTheStringItself) {
   Text text(std::string(100, 'x'));
   text.Format("[%s]", text.c_str());
   EXPECT_EQ(text, "[" + std::string(100, 'x') + "]");
@@ -75,7 +75,7 @@ TEST(QXString, AppendedArgumentsMayBeTheStringItself) {
   EXPECT_EQ(text, "0123456789abcdef0123456789abcdef|0123456789abcdef");
 }
 
-TEST(QXString, TheFormatMayBeTheStringItself) {
+TEST(QXString, FormatMayBeTheStringItself) {
   Text text("100%% sure");
   const char* format = text.c_str();
 #pragma GCC diagnostic push
@@ -85,7 +85,7 @@ TEST(QXString, TheFormatMayBeTheStringItself) {
   EXPECT_EQ(text, "100% sure");
 }
 
-// In the C locale no byte stands for the character, and vsnprintf fails with -1.
+// In the C locale no byte encodes the character, and vsnprintf fails with -1.
 TEST(QXString, TextThatCannotBeFormattedCountsAsEmpty) {
   Text text("old");
   text.Format("a%ls", L"\x100");
@@ -95,7 +95,7 @@ TEST(QXString, TextThatCannotBeFormattedCountsAsEmpty) {
   EXPECT_EQ(text, "kept");
 }
 
-TEST(QXString, ANullFormatCountsAsEmpty) {
+TEST(QXString, NullFormatCountsAsEmpty) {
   const char* volatile none = nullptr;
   Text text("old");
 #pragma GCC diagnostic push
@@ -107,18 +107,18 @@ TEST(QXString, ANullFormatCountsAsEmpty) {
   EXPECT_EQ(text, "");
 }
 
-TEST(QXString, ACharacterArgumentOfZeroIsKept) {
+TEST(QXString, CharacterArgumentOfZeroIsKept) {
   Text text;
   text.Format("a%cb", 0);
   EXPECT_EQ(text, std::string("a\0b", 3));
 }
 
-TEST(QXString, TheListFormsWorkOnAnyString) {
+TEST(QXString, ListFormsWorkOnAnyString) {
   EXPECT_EQ(FormattedV("%d %s %.2f", 1, "two", 3.0), "1 two 3.00");
   EXPECT_EQ(AppendedV("%d %s %.2f", 1, "two", 3.0), "before 1 two 3.00");
 }
 
-TEST(QXString, ItIsMadeFromStringsAndTheirLiterals) {
+TEST(QXString, ConstructorsAcceptStringsAndLiterals) {
   const std::string plain = "p";
   EXPECT_EQ(Text(plain), "p");
   EXPECT_EQ(Text(std::string("q")), "q");

@@ -1,4 +1,4 @@
-// What a caller who is refused, or who claims billions of records, can make the module do.
+// How much work a refused caller, or a report with billions of records, can cause.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -25,7 +25,7 @@ static_assert(sizeof kRequest - 1 == 25);
 
 class RefusedTransfer : public qx::test::TransferFixture {
  protected:
-  // An index file that claims all the slots there can be, in `bytes` of which only the header is written.
+  // An index file whose header counts the most slots possible. The file has `bytes` bytes; only the header is written.
   void SparseReport(std::int64_t bytes, const std::string& data) const {
     qx::report::IndexHeader header;
     header.maxRecord = header.highestIndex = 0xFFFFFFFF;
@@ -88,7 +88,7 @@ TEST_F(RefusedTransfer, RecordsWithoutTextAreSearchedForText) {
   EXPECT_EQ(refused.Ask("r1", 0).result, 0);
 }
 
-// With a trace a refused call reads on; what it returns and leaves is the same.
+// With a trace, a refused call reads on; its result and its state are the same.
 TEST_F(RefusedTransfer, StoppingEarlyChangesNeitherResultNorState) {
   std::mt19937_64 random(qx::test::Seed("RefusedTransfer"));
   for (int round = 0; round < 60; ++round) {

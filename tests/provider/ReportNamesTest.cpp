@@ -1,4 +1,4 @@
-// The instance names of a report: what a call replies for which names file, and what it traces.
+// The instance names of a report: the reply to a call for each kind of names file, and its trace.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -61,7 +61,7 @@ Reply OneInstance(const std::string& escaped_name) {
           true};
 }
 
-TEST_F(ReportNames, TheKeysAndValuesOfTheNamesSectionAreTheInstances) {
+TEST_F(ReportNames, KeysAndValuesOfTheNamesSectionAreTheInstances) {
   Names("r", "1=North\n2=South\n");
   EXPECT_EQ(Ask("r"), (Reply{0,
                              "<ReportInstanceNames Name=\"r\" Version=\"1\" NrInstances=\"2\">\n"
@@ -109,14 +109,14 @@ TEST_F(ReportNames, MarkupInAKeyIsEscapedAsAnAttribute) {
             "<Instance Nr=\"&lt;&quot;&amp;&apos;&gt;\">x</Instance>\n</ReportInstanceNames>\n");
 }
 
-TEST_F(ReportNames, TheRequestedNameIsReturnedEscapedOnceAndNotTheOneInTheFile) {
+TEST_F(ReportNames, RequestedNameIsReturnedAndNotTheOneInTheFile) {
   Names("R&D \xC3\xA4", "");
   NamesFile("R&D \xC3\xA4", "[Quaxel Report Instances]\nVersion=1\nName=other\n");
   EXPECT_EQ(Ask("R&amp;D \xC3\xA4").document,
             "<ReportInstanceNames Name=\"R&amp;D &#xC3;&#xA4;\" Version=\"1\" NrInstances=\"0\"/>\n");
 }
 
-TEST_F(ReportNames, QuirkWhatLooksLikeAReferenceInTheRequestedNameStaysOne) {
+TEST_F(ReportNames, QuirkReferenceInTheRequestedNameIsKept) {
   Names("a&lt;b", "");
   EXPECT_EQ(Ask("a&amp;lt;b").document, "<ReportInstanceNames Name=\"a&lt;b\" Version=\"1\" NrInstances=\"0\"/>\n");
 }
@@ -129,7 +129,7 @@ TEST_F(ReportNames, WithoutEntriesOrTheirSectionTheListIsEmpty) {
   EXPECT_EQ(Ask("r"), empty);
 }
 
-TEST_F(ReportNames, AnEntryWithoutValueIsAnInstanceWithoutName) {
+TEST_F(ReportNames, EntryWithoutValueIsAnInstanceWithoutName) {
   Names("r", "1=\n2=x\n");
   EXPECT_EQ(Ask("r").document,
             "<ReportInstanceNames Name=\"r\" Version=\"1\" NrInstances=\"2\">\n"
@@ -143,7 +143,7 @@ TEST_F(ReportNames, QuirkRepeatedKeyIsListedTwiceWithItsFirstName) {
             "<Instance Nr=\"1\">a</Instance>\n<Instance Nr=\"1\">a</Instance>\n</ReportInstanceNames>\n");
 }
 
-TEST_F(ReportNames, QuirkAFileOfAnotherVersionIsNoErrorAndHasNoReply) {
+TEST_F(ReportNames, QuirkFileOfAnotherVersionHasNoErrorAndNoReply) {
   for (const char* const version : {"Version=2\n", "Version=0\n", "Version=x\n", "Version=\n", ""}) {
     NamesFile("r", std::string("[Quaxel Report Instances]\n") + version + "[Names]\n1=North\n");
     EXPECT_EQ(Ask("r"), (Reply{0, "", false})) << version;
@@ -154,7 +154,7 @@ TEST_F(ReportNames, QuirkAFileOfAnotherVersionIsNoErrorAndHasNoReply) {
   EXPECT_EQ(Ask("r"), (Reply{0, "", false}));
 }
 
-TEST_F(ReportNames, TheVersionIsANumberInAnyBase) {
+TEST_F(ReportNames, VersionIsANumberInAnyBase) {
   NamesFile("r", "[Quaxel Report Instances]\nVersion=0x1\n");
   EXPECT_EQ(Ask("r").document, "<ReportInstanceNames Name=\"r\" Version=\"1\" NrInstances=\"0\"/>\n");
 }
@@ -173,27 +173,27 @@ TEST_F(ReportNames, EmptyNameIsUsedUnchanged) {
   EXPECT_EQ(Ask(""), (Reply{0, "<ReportInstanceNames Name=\"\" Version=\"1\" NrInstances=\"0\"/>\n", true}));
 }
 
-TEST_F(ReportNames, ANameThatLeadsOutOfTheReportDirectoryNamesNoReport) {
+TEST_F(ReportNames, NameOutsideTheReportDirectoryIsNotFound) {
   (void)mkdir(directory_.File("sub").c_str(), 0755);
   NamesFile("r", "[Quaxel Report Instances]\nVersion=1\n");
   EXPECT_EQ(Ask("sub/../r"), kNotFound);
   EXPECT_EQ(Ask("r").result, 0);
 }
 
-TEST_F(ReportNames, ANameMayLeadIntoASubdirectory) {
+TEST_F(ReportNames, NameMayBeInASubdirectory) {
   (void)mkdir(directory_.File("sub").c_str(), 0755);
   Names("sub/r", "1=x\n");
   EXPECT_EQ(Ask("sub/r").result, 0);
 }
 
-TEST_F(ReportNames, AMissingRequestElementIsRefusedAndTheEmptyNameFindsNothing) {
+TEST_F(ReportNames, MissingRequestElementIsRefusedAndTheEmptyNameNotFound) {
   ServiceThread thread;
   EXPECT_EQ(Call(thread, "<ReportData Name=\"r\"/>"), kNotFound);
   EXPECT_EQ(Call(thread, "<ReportInstanceNames>"), kNotFound);  // not well formed
   EXPECT_EQ(Call(thread, ""), kNotFound);
 }
 
-TEST_F(ReportNames, WithoutThePrivilegeTheListFollowsTheRefusalAndIsNotSent) {
+TEST_F(ReportNames, ListAfterARefusalIsNotSent) {
   Names("r", "1=secret\n");
   ServiceThread refused(std::vector<const char*>{"Other"});
   const Reply reply = Call(refused, Request("r"));
@@ -205,13 +205,13 @@ TEST_F(ReportNames, WithoutThePrivilegeTheListFollowsTheRefusalAndIsNotSent) {
   EXPECT_EQ(Call(admitted, Request("r")), OneInstance("secret"));
 }
 
-TEST_F(ReportNames, AfterARefusalAnotherVersionLeavesTheRefusalAsItWas) {
+TEST_F(ReportNames, OtherVersionLeavesTheRefusalUnchanged) {
   NamesFile("r", "[Quaxel Report Instances]\nVersion=2\n");
   ServiceThread refused(std::vector<const char*>{"Other"});
   EXPECT_EQ(Call(refused, Request("r")), (Reply{0, kRefusal, true}));
 }
 
-TEST_F(ReportNames, ABlockThatCannotBeWorkedWithEndsTheCall) {
+TEST_F(ReportNames, InvalidBlockEndsTheCall) {
   Names("r", "1=x\n");
   BlockBuilder block;
   KrxRequestParams params(block.Block());
@@ -235,14 +235,14 @@ TEST_F(ReportNames, ThousandInstancesArriveInOrder) {
                                    "</ReportInstanceNames>\n");
 }
 
-TEST_F(ReportNames, QuirkAListOfKeysOver64KIsEmpty) {
+TEST_F(ReportNames, QuirkListOfKeysOver64KIsEmpty) {
   std::string entries;
   for (int i = 0; i < 65; ++i) entries += std::string(999, 'k') + "=x\n";
   Names("r", entries);
   EXPECT_EQ(Ask("r").document, "<ReportInstanceNames Name=\"r\" Version=\"1\" NrInstances=\"0\"/>\n");
 }
 
-TEST_F(ReportNames, ACallNeitherOpensNorCountsATransfer) {
+TEST_F(ReportNames, CallNeitherOpensNorCountsATransfer) {
   Names("r", "1=x\n");
   Append("r", 10, {"a", "b"});
   ServiceThread thread;
@@ -253,7 +253,7 @@ TEST_F(ReportNames, ACallNeitherOpensNorCountsATransfer) {
   EXPECT_EQ(thread.Ask("r", 1), Records("r", 1, 2, "b\r\n"));
 }
 
-TEST_F(ReportNames, NothingStaysOpen) {
+TEST_F(ReportNames, NoDescriptorStaysOpen) {
   Names("r", "1=x\n");
   ServiceThread thread;
   (void)Call(thread, Request("r"));
@@ -265,7 +265,7 @@ TEST_F(ReportNames, NothingStaysOpen) {
 
 using ReportNamesThreads = ReportNames;
 
-TEST_F(ReportNamesThreads, CallsOnManyThreadsDoNotDisturbEachOther) {
+TEST_F(ReportNamesThreads, CallsOnManyThreadsReturnTheirOwnReplies) {
   Names("a", "1=North\n");
   Names("b", "1=South\n");
   const auto ask = [](const std::string& name, const std::string& instance) {
@@ -293,7 +293,7 @@ struct Line {
 
 class ReportNamesTrace : public ReportNames {
  protected:
-  // Asks at every level and expects the lines of this function, in their order, up to that level.
+  // Calls at every level and expects the lines of this function, in their order, up to that level.
   static void Expect(const std::vector<Line>& lines, const std::string& input) {
     for (int level = 0; level <= 6; ++level) {
       std::string expected;
@@ -314,7 +314,7 @@ class ReportNamesTrace : public ReportNames {
   }
 };
 
-TEST_F(ReportNamesTrace, AList) {
+TEST_F(ReportNamesTrace, List) {
   Names("r1", "1=ab\n2=cd\n");
   const std::string reply =
       "<ReportInstanceNames Name=\"r1\" Version=\"1\" NrInstances=\"2\">\n<Instance Nr=\"1\">ab</Instance>\n"
@@ -382,7 +382,7 @@ TEST_F(ReportNamesTrace, ControlBytesOfAReportNameAreShownAsDots) {
 
 // --- the pages
 
-TEST_F(ReportNames, TheExamplesOfThePagesAreWhatTheModuleReads) {
+TEST_F(ReportNames, ExamplesOfThePagesAreReadAsShown) {
   NamesFile("disk", DocExample("report-names.md", "names-file"));
   ServiceThread thread;
   EXPECT_EQ(Call(thread, DocExample("documents.md", "names-request")),

@@ -1,4 +1,4 @@
-// A registry of the test's own, away from the system's: it says where reports are.
+// The test's own registry, which names the report directory and leaves the system's registry alone.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace qx::test {
 
-// The registry holds what `file` says (the text of a registry file) until the end of the scope. No other registry
+// The registry has the content of `file`, the text of a registry file, until the end of the scope. No other registry
 // handle may exist at its beginning and at its end.
 class RegistryContent {
  public:

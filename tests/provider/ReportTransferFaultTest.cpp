@@ -35,7 +35,7 @@ class ReportTransferFault : public qx::test::TransferInRace {
 
 class ReportTransferRace : public ReportTransferFault {};
 
-// Records of 400 bytes: a bad place in the data file is beyond the end of the index file.
+// Records of 400 bytes: an unreadable offset of the data file is beyond the end of the index file.
 std::string Line(char letter) { return std::string(398, letter); }
 std::string Record(char letter) { return Line(letter) + "\r\n"; }
 constexpr off_t kRecordBytes = 400;
@@ -79,8 +79,8 @@ TEST_F(ReportTransferFault, RecordsWithoutTextBeforeAnUnreadableOneAreNoReply) {
   }
 }
 
-// One read fails, whichever it is. Only the reads of a transfer's first record, which is read singly, are noticed: the
-// call can be repeated. Reads of the header are left out; they belong to the open.
+// Each read fails once. Only failed reads of a transfer's first record, which is read singly, change the reply: the
+// call can be repeated. Reads of the header are not tested here; they belong to the open.
 TEST_F(ReportTransferFault, OneFailedReadLosesNothing) {
   std::string all;
   std::vector<std::string> records = {"pad"};
@@ -106,8 +106,8 @@ TEST_F(ReportTransferFault, OneFailedReadLosesNothing) {
   }
 }
 
-// The writer stores a new record in the place of the oldest one and overwrites the old text.
-TEST_F(ReportTransferRace, ReplacedRecordComesWholeBeforeWhicheverReadItIsReplaced) {
+// The writer stores a new record in the slot of the oldest one and overwrites the old text.
+TEST_F(ReportTransferRace, RecordThatIsReplacedBeforeAnyReadIsWhole) {
   const std::string kOld(60, 'o');
   const std::string kNew(60, 'n');
   for (const TransferOptions::Path path : kPaths) {
@@ -115,7 +115,7 @@ TEST_F(ReportTransferRace, ReplacedRecordComesWholeBeforeWhicheverReadItIsReplac
       CReportFileBase writer;
       ASSERT_TRUE(writer.Open(BasePath("r1").c_str(), 2));
       for (const std::string& text : {kOld, kOld, kNew}) ASSERT_TRUE(writer.writeLine(text.c_str()));
-      // Slot 0 holds the third record. Back to the first one, of which a writer has not heard yet.
+      // Slot 0 has the third record. It gets the first one again, which the writer has not replaced yet.
       ASSERT_TRUE(writer.setPositionInIndexFile(0, 0));
       const ScopedReadHook hook([&](int call) {
         if (call != nth) return;

@@ -1,5 +1,5 @@
-// Random stores and random requests: reading record by record, reading in runs, reading into the reply and a plain
-// model over readLine must give the same replies and leave the same state.
+// Random stores and random requests: reading record by record, reading in runs, reading into the reply, and a plain
+// model over readLine must return the same replies and leave the same state.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -29,7 +29,7 @@ std::int64_t Pick(Random& random, std::int64_t low, std::int64_t high) {
 }
 bool OneIn(Random& random, int n) { return Pick(random, 1, n) == 1; }
 
-// What a store's two files hold; both empty: no files.
+// The content of a store's two files; both empty: no files.
 struct StoreBytes {
   std::string index;
   std::string data;
@@ -37,7 +37,7 @@ struct StoreBytes {
 
 struct Request {
   int start;
-  int limit;  // -1: none
+  int limit;  // -1: no limit
 };
 
 // The state of one transfer as the slow form keeps it.
@@ -48,8 +48,8 @@ struct Model {
   CReportFileBase store;
 };
 
-// In place: who has the file open sees it change. A file that is emptied first and written again goes to the disk at
-// once on some file systems, which takes thousands of rounds minutes.
+// Writes in place, so that an open descriptor sees the change. Some file systems write a file that is truncated and
+// written again to the disk at once, and thousands of rounds would take minutes.
 void Overwrite(const std::string& path, const std::string& bytes) {
   if (qx::test::Exists(path) && ReadFile(path) == bytes) return;
   std::ofstream(path, std::ios::binary | std::ios::in | std::ios::out) << bytes;
@@ -63,7 +63,7 @@ std::string AsCdataText(std::string text) {
   return text;
 }
 
-// One call in the plainest form: one readLine a record, every step as a reader of the documents would expect it.
+// One call in the plainest form: one readLine for each record, every step as the documents describe it.
 Reply ModelCall(Model& model, const std::string& path, const Request& request, const std::function<void()>& meanwhile) {
   if (request.start == 0) {
     model.store.Close();
@@ -118,7 +118,7 @@ class ReportTransferRandom : public qx::test::TransferFixture {
     Overwrite(Path() + ".ind", bytes.index);
     Overwrite(Path() + ".dat", bytes.data);
   }
-  // No store yet, and no file that would have to be emptied.
+  // No store, and no file that would have to be emptied.
   void RemoveStore() const {
     std::filesystem::remove(Path() + ".ind");
     std::filesystem::remove(Path() + ".dat");
@@ -140,8 +140,8 @@ class ReportTransferRandom : public qx::test::TransferFixture {
     return {result, out.GetDoc(), out.IsWellFormed()};
   }
 
-  // A transfer of some calls over whatever the store holds, with `change` (none: nothing) applied to the store between
-  // the calls and, often, behind the first read.
+  // A transfer of some calls over the store. `change`, if there is one, is applied to the store between the calls and,
+  // often, after the first read.
   void CompareTransfer(Random& random, const std::vector<Request>& requests,
                        const std::function<void(std::uint64_t)>& change);
 };
@@ -162,11 +162,12 @@ void AppendRandomRecords(Random& random, const std::string& path, std::int64_t c
   for (; count > 0; --count) ASSERT_TRUE(store.writeLine(RandomRecord(random).c_str()));
 }
 
-// Toggles a bit, cuts the end off, or puts a NUL in.
+// Toggles a bit, cuts off the end, or inserts a NUL.
 void Damage(Random& random, std::string& bytes) {
   if (bytes.empty()) return;
   auto at = static_cast<std::size_t>(Pick(random, 0, static_cast<std::int64_t>(bytes.size()) - 1));
-  if (at > 16 && at < 20 && !OneIn(random, 20)) at = 16;  // millions of slots in use take the plain forms seconds
+  if (at > 16 && at < 20 && !OneIn(random, 20))
+    at = 16;  // the plain forms would need seconds for millions of slots in use
   switch (Pick(random, 0, 3)) {
     case 0:
       bytes.resize(at);
@@ -246,8 +247,8 @@ TEST_F(ReportTransferRandom, AllWaysOfReadingAgreeOnDamagedStores) {
   }
 }
 
-// Records around the size of a chunk, so that every way meets its end.
-TEST_F(ReportTransferRandom, AllWaysOfReadingAgreeOnWhatFitsAChunk) {
+// Records around the size of a chunk, so that every way of reading reaches its end.
+TEST_F(ReportTransferRandom, AllWaysOfReadingAgreeAroundTheSizeOfAChunk) {
   Random random(qx::test::Seed("ReportTransferRandom.Chunk"));
   for (int round = 0; round < 8; ++round) {
     RemoveStore();

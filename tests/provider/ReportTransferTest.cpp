@@ -23,7 +23,7 @@ using qx::test::WriteFile;
 
 class ReportTransfer : public qx::test::TransferFixture {
  protected:
-  // A store of which the data file holds exactly `data` and the ring, not yet full, the given offsets.
+  // A store whose data file is exactly `data`, and whose ring has the given offsets and is not full.
   void WriteStore(const std::string& name, const std::string& data, const std::vector<std::uint32_t>& offsets) {
     qx::report::IndexHeader header;
     header.maxRecord = 100;
@@ -53,18 +53,18 @@ TEST_F(ReportTransfer, RecordLimitCutsTheReplyAndNextIndexContinues) {
   EXPECT_EQ(thread.Ask("r1", 5, 2), NoMoreRecords());
 }
 
-TEST_F(ReportTransfer, ARecordLimitOfZeroReturnsNothing) {
+TEST_F(ReportTransfer, RecordLimitOfZeroReturnsNothing) {
   Append("r1", 10, kFive);
   EXPECT_EQ(ServiceThread().Ask("r1", 0, 0), NoMoreRecords());
 }
 
-TEST_F(ReportTransfer, QuirkANegativeRecordLimitIsNoLimit) {
+TEST_F(ReportTransfer, QuirkNegativeRecordLimitIsNoLimit) {
   Append("r1", 10, kFive);
   EXPECT_EQ(ServiceThread().Ask("r1", 0, -2), Records("r1", 0, 5, "a\r\nb\r\nc\r\nd\r\ne\r\n"));
   EXPECT_EQ(ServiceThread().Ask("r1", 3, -2147483647 - 1), Records("r1", 3, 5, "d\r\ne\r\n"));
 }
 
-TEST_F(ReportTransfer, TwoRecordsOf400000BytesFillAChunkAndTheThirdIsLeftForTheNextCall) {
+TEST_F(ReportTransfer, ThirdRecordOf400000BytesIsLeftForTheNextCall) {
   const std::string big(400000, 'q');
   Append("r1", 10, {big + "1", big + "2", big + "3"});
   ServiceThread thread;
@@ -72,7 +72,7 @@ TEST_F(ReportTransfer, TwoRecordsOf400000BytesFillAChunkAndTheThirdIsLeftForTheN
   EXPECT_EQ(thread.Ask("r1", 2), Records("r1", 2, 3, big + "3\r\n"));
 }
 
-TEST_F(ReportTransfer, AReplyHoldsLessThanOneMebibyte) {
+TEST_F(ReportTransfer, ReplyHasLessThanOneMebibyteOfText) {
   const std::string half(0x80000 - 2, 'h');
   Append("exact", 10, {half, half});
   EXPECT_EQ(ServiceThread().Ask("exact", 0), Records("exact", 0, 1, half + "\r\n"));
@@ -80,7 +80,7 @@ TEST_F(ReportTransfer, AReplyHoldsLessThanOneMebibyte) {
   EXPECT_EQ(ServiceThread().Ask("below", 0), Records("below", 0, 2, half + "\r\n" + half.substr(1) + "\r\n"));
 }
 
-TEST_F(ReportTransfer, ARecordOfOneMebibyteIsNeverTransferredAndEndsTheTransfer) {
+TEST_F(ReportTransfer, RecordOfOneMebibyteEndsTheTransfer) {
   const std::string longest(0x100000 - 3, 'l');
   Append("fits", 10, {longest, "x"});
   EXPECT_EQ(ServiceThread().Ask("fits", 0), Records("fits", 0, 1, longest + "\r\n"));
@@ -91,27 +91,27 @@ TEST_F(ReportTransfer, ARecordOfOneMebibyteIsNeverTransferredAndEndsTheTransfer)
   EXPECT_EQ(thread.Ask("big", 2), Records("big", 2, 3, "y\r\n"));
 }
 
-TEST_F(ReportTransfer, TheChunkCountsTheTextBeforeANul) {
+TEST_F(ReportTransfer, ChunkLimitCountsTheTextBeforeANul) {
   const std::string data = std::string("cut\0", 4) + std::string(0x200000, 'z') + "\r\nb\r\n";
   WriteStore("r1", data, {0, 0x200000 + 6});
   EXPECT_EQ(ServiceThread().Ask("r1", 0), Records("r1", 0, 2, "cutb\r\n"));
 }
 
-TEST_F(ReportTransfer, RecordsComeAsTheStoreReadsThem) {
+TEST_F(ReportTransfer, RecordsAreReturnedAsTheStoreReadsThem) {
   WriteStore("r1", std::string("a\nhidden\r\nb\xffhidden\r\nend"), {0, 10, 20, 1000});
   EXPECT_EQ(ServiceThread().Ask("r1", 0), Records("r1", 0, 4,
                                                   "a\nb\xff"
                                                   "end\xff\xff"));
 }
 
-TEST_F(ReportTransfer, AFullRingIsReadFromItsOldestSlotOn) {
+TEST_F(ReportTransfer, FullRingIsReadFromItsOldestSlotOn) {
   Append("r1", 4, {"1", "2", "3", "4", "5", "6"});  // slots hold 5 6 3 4, the oldest is slot 2
   ServiceThread thread;
   EXPECT_EQ(thread.Ask("r1", 0), Records("r1", 0, 4, "3\r\n4\r\n5\r\n6\r\n"));
   EXPECT_EQ(thread.Ask("r1", 2), Records("r1", 2, 4, "5\r\n6\r\n"));
 }
 
-TEST_F(ReportTransfer, QuirkANegativeStartIndexIsMappedLikeAnyOther) {
+TEST_F(ReportTransfer, QuirkNegativeStartIndexIsMappedLikeAnyOther) {
   Append("turned", 5, {"1", "2", "3", "4", "5", "6", "7", "8"});  // slots hold 6 7 8 4 5, the oldest is slot 3
   EXPECT_EQ(ServiceThread().Ask("turned", -1), Records("turned", -1, 5, "8\r\n4\r\n5\r\n6\r\n7\r\n8\r\n"));
   EXPECT_EQ(ServiceThread().Ask("turned", -3, 1), Records("turned", -3, -2, "6\r\n"));
@@ -119,7 +119,7 @@ TEST_F(ReportTransfer, QuirkANegativeStartIndexIsMappedLikeAnyOther) {
   EXPECT_EQ(ServiceThread().Ask("filling", -1), NoMoreRecords());
 }
 
-TEST_F(ReportTransfer, TheSlotIsSteppedBackOnlyOnce) {
+TEST_F(ReportTransfer, SlotIsReducedByTheRingSizeOnlyOnce) {
   Append("r1", 4, {"1", "2", "3", "4"});
   std::string index = ReadFile(BasePath("r1") + ".ind");
   index[20] = 9;  // the oldest index of a damaged file
@@ -153,23 +153,23 @@ TEST_F(ReportTransfer, QuirkMarkupInANameIsEscapedTwice) {
   EXPECT_EQ(ServiceThread().Ask("\x01'\xe4", 0), Records("&amp;#x01;&amp;apos;&amp;#xE4;", 0, 1, "x\r\n"));
 }
 
-TEST_F(ReportTransfer, AMissingReportIsNamedWithTheErrorNumber) {
+TEST_F(ReportTransfer, MissingReportIsNamedWithTheErrorNumber) {
   EXPECT_EQ(ServiceThread().Ask("none", 0), NotReadable("none", 2));
   EXPECT_EQ(ServiceThread().Ask("x&amp;y", 0), NotReadable("x&amp;amp;y", 2));
 }
 
-TEST_F(ReportTransfer, HalfAStoreIsNotReadable) {
+TEST_F(ReportTransfer, StoreWithOneFileIsNotReadable) {
   WriteFile(BasePath("r1") + ".ind", std::string(24, '\0'));
   EXPECT_EQ(ServiceThread().Ask("r1", 0), NotReadable("r1", 2));
 }
 
-TEST_F(ReportTransfer, TheErrorNumberIsThatOfTheFailedOpen) {
+TEST_F(ReportTransfer, ErrorNumberIsThatOfTheFailedOpen) {
   std::filesystem::create_directory(BasePath("r1") + ".ind");
   EXPECT_EQ(ServiceThread().Ask("r1", 0), NotReadable("r1", 22));
   EXPECT_EQ(ServiceThread().Ask(std::string(300, 'n'), 0), NotReadable(std::string(300, 'n'), 36));
 }
 
-TEST_F(ReportTransfer, ANameThatLeavesTheReportDirectoryIsAReportThatDoesNotExist) {
+TEST_F(ReportTransfer, NameOutsideTheReportDirectoryDoesNotExist) {
   std::filesystem::create_directory(BasePath("sub"));
   const qx::test::ReportRoot inner(BasePath("sub"));
   Append("r1", 10, {"outside"});
@@ -200,7 +200,7 @@ TEST_F(ReportTransfer, ReportMayBeInASubdirectory) {
   EXPECT_EQ(ServiceThread().Ask("/sub/r1", 0), Records("/sub/r1", 0, 1, "x\r\n"));
 }
 
-TEST_F(ReportTransfer, AStoreWithoutRecordsReadsAsEmpty) {
+TEST_F(ReportTransfer, StoreWithoutRecordsReadsAsEmpty) {
   Append("created", 10, {});
   EXPECT_EQ(ServiceThread().Ask("created", 0), NoMoreRecords());
   WriteFile(BasePath("short") + ".ind", std::string(23, '\x05'));
@@ -208,7 +208,7 @@ TEST_F(ReportTransfer, AStoreWithoutRecordsReadsAsEmpty) {
   EXPECT_EQ(ServiceThread().Ask("short", 0), NoMoreRecords());
 }
 
-TEST_F(ReportTransfer, RecordsAppendedDuringATransferAreSeenByTheNextTransferOnly) {
+TEST_F(ReportTransfer, AppendedRecordsAreOnlyInTheNextTransfer) {
   Append("r1", 10, {"a", "b"});
   ServiceThread thread;
   EXPECT_EQ(thread.Ask("r1", 0, 1), Records("r1", 0, 1, "a\r\n"));
@@ -218,7 +218,7 @@ TEST_F(ReportTransfer, RecordsAppendedDuringATransferAreSeenByTheNextTransferOnl
   EXPECT_EQ(thread.Ask("r1", 0), Records("r1", 0, 3, "a\r\nb\r\nc\r\n"));
 }
 
-TEST_F(ReportTransfer, RecordsReplacedDuringATransferComeAsTheyAreNow) {
+TEST_F(ReportTransfer, RecordsReplacedDuringATransferAreReturnedAsTheyAreNow) {
   Append("r1", 3, {"a", "b", "c"});
   ServiceThread thread;
   EXPECT_EQ(thread.Ask("r1", 0, 1), Records("r1", 0, 1, "a\r\n"));
@@ -226,7 +226,7 @@ TEST_F(ReportTransfer, RecordsReplacedDuringATransferComeAsTheyAreNow) {
   EXPECT_EQ(thread.Ask("r1", 1), Records("r1", 1, 3, "e\r\nc\r\n"));
 }
 
-TEST_F(ReportTransfer, AStartIndexOfZeroStartsOverWhateverIsUnderWay) {
+TEST_F(ReportTransfer, StartIndexOfZeroAlwaysStartsANewTransfer) {
   Append("r1", 10, kFive);
   Append("r2", 10, {"other"});
   ServiceThread thread;
@@ -235,21 +235,21 @@ TEST_F(ReportTransfer, AStartIndexOfZeroStartsOverWhateverIsUnderWay) {
   EXPECT_EQ(thread.Ask("r2", 0), Records("r2", 0, 1, "other\r\n"));
 }
 
-TEST_F(ReportTransfer, QuirkALaterCallGoesOnInTheOpenReportWhateverItNames) {
+TEST_F(ReportTransfer, QuirkLaterCallReadsTheOpenReportWhateverItsName) {
   Append("r1", 10, kFive);
   ServiceThread thread;
   EXPECT_EQ(thread.Ask("r1", 0, 2), Records("r1", 0, 2, "a\r\nb\r\n"));
   EXPECT_EQ(thread.Ask("none", 2, 1), Records("none", 2, 3, "c\r\n"));
 }
 
-TEST_F(ReportTransfer, AThreadsFirstCallOpensTheReportAtAnyStartIndex) {
+TEST_F(ReportTransfer, FirstCallOfAThreadOpensTheReportAtAnyStartIndex) {
   Append("r1", 10, kFive);
   ServiceThread thread;
   EXPECT_EQ(thread.Ask("r1", 3), Records("r1", 3, 5, "d\r\ne\r\n"));
   EXPECT_EQ(ServiceThread().Ask("none", 3), NotReadable("none", 2));
 }
 
-TEST_F(ReportTransfer, AFailedOpenIsNotTriedAgainBeforeTheNextTransfer) {
+TEST_F(ReportTransfer, FailedOpenIsNotRepeatedBeforeTheNextTransfer) {
   ServiceThread thread;
   EXPECT_EQ(thread.Ask("r1", 0), NotReadable("r1", 2));
   Append("r1", 10, kFive);
@@ -257,7 +257,7 @@ TEST_F(ReportTransfer, AFailedOpenIsNotTriedAgainBeforeTheNextTransfer) {
   EXPECT_EQ(thread.Ask("r1", 0, 1), Records("r1", 0, 1, "a\r\n"));
 }
 
-TEST_F(ReportTransfer, AFailedOpenLeavesNothingOfTheTransferBeforeToRead) {
+TEST_F(ReportTransfer, FailedOpenLeavesNoRecordsOfTheEarlierTransfer) {
   Append("r1", 10, kFive);
   WriteFile(BasePath("half") + ".ind", ReadFile(BasePath("r1") + ".ind"));
   ServiceThread thread;
@@ -269,7 +269,7 @@ TEST_F(ReportTransfer, AFailedOpenLeavesNothingOfTheTransferBeforeToRead) {
   EXPECT_EQ(thread.Ask("r1", 1), NoMoreRecords());
 }
 
-TEST_F(ReportTransfer, TheEndOfACdataSectionInARecordIsSplit) {
+TEST_F(ReportTransfer, EndOfACdataSectionInARecordIsSplit) {
   Append("r1", 10, {"x]]>y", "]]", ">"});
   EXPECT_EQ(ServiceThread().Ask("r1", 0), Records("r1", 0, 3, "x]]]]><![CDATA[>y\r\n]]\r\n>\r\n"));
 }
@@ -285,10 +285,10 @@ TEST_F(ReportTransfer, EveryCallIsCountedWhateverItsOutcome) {
   EXPECT_EQ(thread.Data()->state_word, 1U);
   EXPECT_EQ(thread.Ask("r1", 2).result, 0);
   EXPECT_EQ(thread.GetReports("<Other/>").result, 12);
-  EXPECT_EQ(thread.Data()->state_word, 1U);  // nothing asked for is a start index of 0
+  EXPECT_EQ(thread.Data()->state_word, 1U);  // without an attribute the start index is 0
 }
 
-TEST_F(ReportTransfer, TheSnapshotIsKeptInTheThreadData) {
+TEST_F(ReportTransfer, SnapshotIsKeptInTheThreadData) {
   Append("r1", 4, {"1", "2", "3", "4", "5", "6"});
   ServiceThread thread;
   EXPECT_EQ(thread.Ask("r1", 0).result, 0);
@@ -302,8 +302,8 @@ class RingDuringTransfer : public qx::test::TransferInRace {
   using Path = qx::provider::TransferOptions::Path;
 };
 
-// Two billion slots that the index file does not hold, each a record that its first NUL leaves empty.
-TEST_F(RingDuringTransfer, ADamagedHeaderKeepsNoWayOfReadingBusy) {
+// Two billion slots that the index file does not have; each is a record that is empty because of its first NUL.
+TEST_F(RingDuringTransfer, DamagedHeaderIsAnsweredAtOnceInEveryWayOfReading) {
   qx::report::IndexHeader header;
   header.maxRecord = header.highestIndex = 0x7FFFFFFF;
   WriteFile(BasePath("r1") + ".ind", std::string(reinterpret_cast<const char*>(&header), sizeof header));
@@ -325,7 +325,7 @@ TEST_F(RingDuringTransfer, AdvancedRingIsReadAgainFromItsOldestRecord) {
   }
 }
 
-TEST_F(RingDuringTransfer, TheRingIsCheckedOnce) {
+TEST_F(RingDuringTransfer, RingIsCheckedOnce) {
   for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 3, {"1", "2", "3"});
     CThreadData data;
@@ -338,7 +338,7 @@ TEST_F(RingDuringTransfer, TheRingIsCheckedOnce) {
   }
 }
 
-TEST_F(RingDuringTransfer, ARecordAppendedToAFillingRingChangesNothing) {
+TEST_F(RingDuringTransfer, RecordAppendedToARingThatIsNotFullChangesNothing) {
   for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 5, {"1", "2"});
     CThreadData data;
@@ -360,7 +360,7 @@ TEST_F(RingDuringTransfer, AfterAFailedReopenTheFirstRecordIsUsedAndTheNextReadF
   }
 }
 
-// The next transfer has nothing to do with it, not even if its report cannot be opened either.
+// The next transfer does not depend on it, even if its report cannot be opened either.
 TEST_F(RingDuringTransfer, FailedReopenIsForgottenByTheNextTransfer) {
   for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 5, {"1", "2", "3"});

@@ -63,24 +63,24 @@ void TransferWhole(int report) {
   ASSERT_EQ(thread.Ask(name, start, 7), NoMoreRecords());
 }
 
-TEST_F(ReportTransferThreads, EachTransfersAReportOfItsOwn) {
+TEST_F(ReportTransferThreads, EachThreadTransfersItsOwnReport) {
   OnAllThreads([](int number) {
     for (int round = 0; round < 5; ++round) TransferWhole(number);
   });
 }
 
-TEST_F(ReportTransferThreads, AllTransferTheSameReport) {
+TEST_F(ReportTransferThreads, AllThreadsTransferTheSameReport) {
   OnAllThreads([](int) {
     for (int round = 0; round < 5; ++round) TransferWhole(3);
   });
 }
 
-TEST_F(ReportTransferThreads, TracedTransfersDoNotDisturbEachOther) {
+TEST_F(ReportTransferThreads, TracedTransfersReturnTheirOwnRecords) {
   const qx::test::TraceCapture trace(5);
   OnAllThreads([](int number) { TransferWhole(number); });
 }
 
-TEST_F(ReportTransferThreads, AWriterMayAppendAllTheWhile) {
+TEST_F(ReportTransferThreads, WriterMayAppendDuringTheTransfers) {
   std::atomic<bool> is_done{false};
   Append("ring", 50, {"0"});
   std::thread writer([&] {

@@ -1,4 +1,4 @@
-// What a call of the report transfer traces: every line, its place and its level.
+// What a call of the report transfer traces: every line, its position and its level.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -24,7 +24,7 @@ using Lines = qx::test::TraceLines;
 
 constexpr int kLevelMax = 6;
 
-// The captured lines without those of the floors below, and with addresses and thread ids as marks.
+// The captured lines without those of the lower layers, with placeholders for addresses and thread ids.
 std::string Seen(const TraceCapture& trace, const void* thread_data) {
   char address[32];
   std::snprintf(address, sizeof address, "0x%p", thread_data);
@@ -71,7 +71,7 @@ class ReportTransferTrace : public qx::test::TransferFixture {
  protected:
   using Before = std::function<void(ServiceThread&)>;
 
-  // Runs `call` on a service thread of its own at every trace level, behind whatever `before` does untraced.
+  // Runs `call` on its own service thread at every trace level, after `before` without a trace.
   static void Expect(const Lines& lines, const std::function<void(ServiceThread&)>& call, const Before& before = {},
                      const std::vector<const char*>* privileges = nullptr) {
     for (int level = 1; level <= kLevelMax; ++level) {
@@ -93,7 +93,7 @@ class ReportTransferTrace : public qx::test::TransferFixture {
   }
 };
 
-TEST_F(ReportTransferTrace, AFirstCall) {
+TEST_F(ReportTransferTrace, FirstCall) {
   Append("r1", 10, {"a", " \tb c \v"});
   Expect(kNewThreadData + kBlockIsValid + Input("<ReportData Name=\"r1\" StartIndex=\"0\"/>") + kNoAuthorization +
              Lines{
@@ -122,7 +122,7 @@ TEST_F(ReportTransferTrace, AFirstCall) {
          [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 0).result, 0); });
 }
 
-TEST_F(ReportTransferTrace, ALaterCallWithARecordLimit) {
+TEST_F(ReportTransferTrace, LaterCallWithARecordLimit) {
   Append("r1", 10, {"a", "b", "c"});
   Expect(
       kKeptThreadData + kBlockIsValid + Input("<ReportData Name=\"r1\" StartIndex=\"1\" NrRecords=\"1\"/>") +
@@ -151,7 +151,7 @@ TEST_F(ReportTransferTrace, ALaterCallWithARecordLimit) {
       [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 0, 1).result, 0); });
 }
 
-TEST_F(ReportTransferTrace, TheEndOfATransfer) {
+TEST_F(ReportTransferTrace, EndOfATransfer) {
   Append("r1", 2, {"a", "b", "c"});
   Expect(
       kKeptThreadData + kBlockIsValid + Input("<ReportData Name=\"r1\" StartIndex=\"2\"/>") + kNoAuthorization +
@@ -171,7 +171,7 @@ TEST_F(ReportTransferTrace, TheEndOfATransfer) {
       [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 0).result, 0); });
 }
 
-TEST_F(ReportTransferTrace, AFailedOpen) {
+TEST_F(ReportTransferTrace, FailedOpen) {
   Expect(kNewThreadData + kBlockIsValid + Input("<ReportData Name=\"none\" StartIndex=\"0\"/>") + kNoAuthorization +
              Lines{
                  {4, "6E 6F 6E 65   none"},
@@ -185,7 +185,7 @@ TEST_F(ReportTransferTrace, AFailedOpen) {
          [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("none", 0).result, 12); });
 }
 
-TEST_F(ReportTransferTrace, ANameThatLeavesTheReportDirectory) {
+TEST_F(ReportTransferTrace, NameOutsideTheReportDirectory) {
   Expect(kNewThreadData + kBlockIsValid + Input("<ReportData Name=\"../r1\" StartIndex=\"0\"/>") + kNoAuthorization +
              Lines{
                  {4, "2E 2E 2F 72 31   ../r1"},
@@ -199,7 +199,7 @@ TEST_F(ReportTransferTrace, ANameThatLeavesTheReportDirectory) {
          [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("../r1", 0).result, 12); });
 }
 
-TEST_F(ReportTransferTrace, AnInvalidBlock) {
+TEST_F(ReportTransferTrace, InvalidBlock) {
   for (int level = 1; level <= kLevelMax; ++level) {
     qx::test::BlockBuilder block;
     block.Pointer(1, nullptr);
@@ -245,7 +245,7 @@ TEST_F(ReportTransferTrace, InputWithoutTheElement) {
          [](ServiceThread& thread) { EXPECT_EQ(thread.GetReports("<Other/>").result, 12); });
 }
 
-TEST_F(ReportTransferTrace, ACallerWithoutThePrivilege) {
+TEST_F(ReportTransferTrace, CallerWithoutThePrivilege) {
   Append("r1", 10, {"a"});
   const std::vector<const char*> privileges = {"Other"};
   Expect(
@@ -279,7 +279,7 @@ TEST_F(ReportTransferTrace, ACallerWithoutThePrivilege) {
       [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 0).result, 0); }, {}, &privileges);
 }
 
-TEST_F(ReportTransferTrace, ACallerWithThePrivilege) {
+TEST_F(ReportTransferTrace, CallerWithThePrivilege) {
   const std::vector<const char*> privileges = {"AccessPerformanceMgr"};
   const Lines granted = {
       {3, "WCSP_QX GetReports  : WS-TRUST security validation data found - using authorization"},
@@ -293,7 +293,7 @@ TEST_F(ReportTransferTrace, ACallerWithThePrivilege) {
   EXPECT_EQ(Seen(trace, thread.Data()), Upto(3, Lines{kNewThreadData.front()} + granted));
 }
 
-TEST_F(ReportTransferTrace, AFullChunkAndASizeInKilobytes) {
+TEST_F(ReportTransferTrace, FullChunkAndSizeInKilobytes) {
   const std::string half(0x80000, 'h');
   Append("r1", 10, {half, half});  // 2 * (524288 + 2) + 6 bytes
   const std::string entry = "WCSP_QX GetReports  :   --> entry: ";
@@ -323,7 +323,7 @@ TEST_F(ReportTransferTrace, AFullChunkAndASizeInKilobytes) {
          [](ServiceThread& thread) { EXPECT_EQ(thread.Ask("r1", 0).result, 0); });
 }
 
-TEST_F(ReportTransferTrace, TheSizeIsShownInBytesUpTo10239) {
+TEST_F(ReportTransferTrace, SizeIsShownInBytesUpTo10239) {
   Append("r1", 10, {std::string(10239 - 8, 'x')});
   Append("r2", 10, {std::string(10240 - 8, 'x')});
   const TraceCapture trace(2);
@@ -336,8 +336,8 @@ TEST_F(ReportTransferTrace, TheSizeIsShownInBytesUpTo10239) {
             "WCSP_QX GetReports  : Get report file \"r2\", total size: 10 kB, chunk size: 1024 kB\n");
 }
 
-// A writer that advances the ring behind the first read: the call behind its checks.
-TEST_F(ReportTransferTrace, AChangedRing) {
+// A writer that advances the ring after the first read.
+TEST_F(ReportTransferTrace, ChangedRing) {
   for (int level = 1; level <= kLevelMax; ++level) {
     Append("r1", 2, {"1", "2"});
     CMarkup in;
@@ -349,7 +349,7 @@ TEST_F(ReportTransferTrace, AChangedRing) {
     const std::string base = BasePath("r1");
     TransferOptions options;
     options.first_record_read = [](void* path) {
-      CReportFileBase store;  // opened at level 5 it traces its header, which is none of the transfer's
+      CReportFileBase store;  // at level 5 the open traces the header, which does not belong to the transfer
       (void)Debug.ForceMaxDebug(false);
       EXPECT_TRUE(store.Open(static_cast<const char*>(path), 2) && store.writeLine("3"));
       (void)Debug.ForceMaxDebug(true);
@@ -395,7 +395,7 @@ TEST_F(ReportTransferTrace, AChangedRing) {
   }
 }
 
-TEST_F(ReportTransferTrace, TracedAndUntracedCallsGiveTheSameReply) {
+TEST_F(ReportTransferTrace, TracedAndUntracedCallsReturnTheSameReply) {
   Append("r1", 3, {"1", "2\nhidden", "]]>", "4"});
   const qx::test::Reply untraced = ServiceThread().Ask("r1", 0);
   const TraceCapture trace(6);

@@ -123,7 +123,7 @@ TEST(SecurityData, LaterCallReadsTheSameDataAgain) {
   block.Security("admin", {{"Operations", {"Read"}}});
   KrxRequestParams params(block.Block());
   EXPECT_TRUE(params.FindSecurityValidationData());
-  block.Header().element_count = 0;  // element 61 is not looked up a second time
+  block.Header().element_count = 0;  // element 61 is not searched a second time
   EXPECT_TRUE(params.FindSecurityValidationData());
 }
 
@@ -137,7 +137,7 @@ TEST(SecurityData, PrivilegeMustMatchInEveryByte) {
   EXPECT_FALSE(params.HasSecurityPrivilege(""));
 }
 
-TEST(SecurityData, PrivilegesAreHeldOnlyAfterTheSearch) {
+TEST(SecurityData, PrivilegesAreKnownOnlyAfterTheSearch) {
   BlockBuilder block;
   block.Security("admin", {{"Operations", {"Read"}}});
   KrxRequestParams params(block.Block());
@@ -159,9 +159,9 @@ TEST(SecurityData, AvailablePrivilegesAreAppendedAndEarlierEntriesCount) {
   const KrxRequestParams none(block.Block());
   std::vector<const char*> names;
   EXPECT_FALSE(none.GetAvailablePrivileges(names));
-  names = {"there before"};
+  names = {"earlier entry"};
   EXPECT_TRUE(none.GetAvailablePrivileges(names));
-  EXPECT_THAT(names, ElementsAre(testing::StrEq("there before")));
+  EXPECT_THAT(names, ElementsAre(testing::StrEq("earlier entry")));
 }
 
 TEST(SecurityData, NullDepartmentsAndPrivilegesAreSkipped) {
@@ -263,7 +263,7 @@ TEST(SecurityData, LevelFourLeavesOutTheDepartments) {
             "KrxReqestParams     :     auth user ID=\"admin\", number of departments=1\n");
 }
 
-TEST(SecurityData, NullUserIdLeavesTheUserIdAsItWas) {
+TEST(SecurityData, NullUserIdLeavesTheUserIdUnchanged) {
   krx_authorization_data authorization{};
   krx_validation_data validation{};
   validation.authorization = &authorization;
@@ -301,7 +301,7 @@ TEST(SecurityData, Low32KeepsTheLowHalfOfAnAddress) {
   EXPECT_EQ(qx::provider::Low32(static_cast<const void*>(nullptr)), 0U);
 }
 
-// The three texts after GetUserCredentials; each held "?" before.
+// The three texts after GetUserCredentials; each was "?" before.
 struct Login {
   explicit Login(BlockBuilder& block) : Login(block.Block()) {}
   explicit Login(const wcs_gendata* block)
@@ -398,7 +398,7 @@ TEST(UserCredentials, OtherIndicesNullValuesAndNullEntriesAreSkipped) {
   EXPECT_EQ(login.Text(), "? ? example");
 }
 
-TEST(UserCredentials, EmptyListAnswersWhetherTheCallerHasAUserId) {
+TEST(UserCredentials, EmptyListReturnsWhetherTheCallerHasAUserId) {
   BlockBuilder block;
   auto& nested = block.Nested(14).Word(16, 1);
   auto& list = nested.Nested(19);
@@ -439,7 +439,7 @@ TEST(UserCredentials, LoopingChainEndsTheSearch) {
   }
 }
 
-TEST(UserCredentials, LastBlockOfALoopingChainIsStillSeen) {
+TEST(UserCredentials, LastBlockOfALoopingChainIsRead) {
   for (int length = 1; length <= 20; ++length) {
     BlockBuilder block;
     std::vector<qx::test::NestedBuilder*> chain{&block.Nested(14)};

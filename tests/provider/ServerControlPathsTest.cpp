@@ -27,8 +27,8 @@ std::string Hive(const std::string& content) { return "[HKEY_LOCAL_MACHINE]\n" +
 // A registry file with these lines in the Setup key of the default root.
 std::string DefaultSetup(const std::string& lines) { return Hive(kDefaultKey + lines + "\n\n\n\n\n"); }
 
-// A registry file in which the pointer value leads to the root SOFTWARE\Other, whose Setup key says /other, beside a
-// default root that says /default.
+// A registry file in which the pointer value names the root SOFTWARE\Other. Its Setup key says /other, that of the
+// default root says /default.
 std::string PointedSetup(const std::string& pointer_line) {
   return Hive(
       std::string("[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\nReportRoot=s=/default\n\n\n\n\n") +
@@ -60,7 +60,7 @@ TEST(ServerControlPaths, WithoutAPointerTheDefaultRootIsUsed) {
   EXPECT_EQ(ReportPath(DefaultSetup("ReportRoot=s=/srv/reports\n")), "/srv/reports");
 }
 
-TEST(ServerControlPaths, OneTrailingSlashGoesFromIndexThreeOn) {
+TEST(ServerControlPaths, OneTrailingSlashIsRemovedFromIndexThreeOn) {
   const auto path_of = [](const std::string& root) { return ReportPath(DefaultSetup("ReportRoot=s=" + root + "\n")); };
   EXPECT_EQ(path_of("/srv/reports/"), "/srv/reports");
   EXPECT_EQ(path_of("/srv/reports//"), "/srv/reports/");
@@ -71,22 +71,22 @@ TEST(ServerControlPaths, OneTrailingSlashGoesFromIndexThreeOn) {
   EXPECT_EQ(path_of("rel/"), "rel");
 }
 
-TEST(ServerControlPaths, AnEmptyReportRootIsAnEmptyPath) {
+TEST(ServerControlPaths, EmptyReportRootIsAnEmptyPath) {
   EXPECT_EQ(ReportPath(DefaultSetup("FileRoot=s=/opt/x\nReportRoot=s=\n")), "");
 }
 
-TEST(ServerControlPaths, AFileRootIsTheDirectoryAboveReports) {
+TEST(ServerControlPaths, FileRootIsTheDirectoryAboveReports) {
   EXPECT_EQ(ReportPath(DefaultSetup("FileRoot=s=/opt/x/\n")), "/opt/x/Reports");
   EXPECT_EQ(ReportPath(DefaultSetup("FileRoot=s=/opt/x\n")), "/opt/x/Reports");
   EXPECT_EQ(ReportPath(DefaultSetup("FileRoot=s=/a/\n")), "/a//Reports");
   EXPECT_EQ(ReportPath(DefaultSetup("FileRoot=s=\n")), "/Reports");
 }
 
-TEST(ServerControlPaths, ReportRootGoesBeforeFileRoot) {
+TEST(ServerControlPaths, ReportRootHasPriorityOverFileRoot) {
   EXPECT_EQ(ReportPath(DefaultSetup("FileRoot=s=/opt/x\nReportRoot=s=/srv\n")), "/srv");
 }
 
-TEST(ServerControlPaths, AReportRootThatIsANumberIsIgnored) {
+TEST(ServerControlPaths, ReportRootThatIsANumberIsIgnored) {
   EXPECT_EQ(ReportPath(DefaultSetup("FileRoot=s=/opt/x\nReportRoot=d=12\n")), "/opt/x/Reports");
   EXPECT_EQ(ReportPath(DefaultSetup("FileRoot=s=/opt/x\nReportRoot=b=2f 61 00 \n")), "/opt/x/Reports");
 }
@@ -97,7 +97,7 @@ TEST(ServerControlPaths, DirectoryValuesAreExpanded) {
   EXPECT_EQ(ReportPath(DefaultSetup("FileRoot=es=%QX_TEST_BASE%\n")), "/a/rather/long/base/directory/Reports");
 }
 
-TEST(ServerControlPaths, WithoutEitherValueItIsReportsBelowTheWorkingDirectory) {
+TEST(ServerControlPaths, DefaultIsReportsBelowTheWorkingDirectory) {
   const TempDir directory;
   const ScopedWorkingDirectory scope(directory.Path());
   const std::string here = std::filesystem::current_path().string();
@@ -106,35 +106,35 @@ TEST(ServerControlPaths, WithoutEitherValueItIsReportsBelowTheWorkingDirectory) 
   EXPECT_EQ(ReportPath(""), here + "/Reports");
 }
 
-TEST(ServerControlPaths, WithoutAWorkingDirectoryReportsFollowsTheCallersPath) {
+TEST(ServerControlPaths, WithoutAWorkingDirectoryReportsIsAppendedToTheInput) {
   auto directory = std::make_unique<TempDir>();
   const ScopedWorkingDirectory scope(directory->Path());
   directory.reset();
   EXPECT_EQ(ReportPath(DefaultSetup("Other=s=x\n"), "given"), "given/Reports");
 }
 
-TEST(ServerControlPaths, ThePointerLeadsToAnotherRoot) {
+TEST(ServerControlPaths, PointerNamesAnotherRoot) {
   EXPECT_EQ(ReportPath(PointedSetup("Server Control=s=SOFTWARE\\Other\n")), "/other");
   EXPECT_EQ(ReportPath(PointedSetup("Other=s=SOFTWARE\\Other\n")), "/default");
 }
 
-TEST(ServerControlPaths, AnEmptyPointerCountsAsMissing) {
+TEST(ServerControlPaths, EmptyPointerCountsAsMissing) {
   EXPECT_EQ(ReportPath(PointedSetup("Server Control=s=\n")), "/default");
 }
 
-TEST(ServerControlPaths, APointerThatIsNoStringCountsAsMissing) {
+TEST(ServerControlPaths, PointerThatIsNotAStringCountsAsMissing) {
   EXPECT_EQ(ReportPath(PointedSetup("Server Control=d=5\n")), "/default");
   EXPECT_EQ(ReportPath(PointedSetup("Server Control=b=53 00 \n")), "/default");
 }
 
-TEST(ServerControlPaths, APointerThatOutgrowsItsSizeByExpansionCountsAsMissing) {
+TEST(ServerControlPaths, PointerThatExpansionMakesTooLongCountsAsMissing) {
   const qx::test::ScopedEnv exact("QX_TEST_ROOT", "SOFTWARE\\Other");
   EXPECT_EQ(ReportPath(PointedSetup("Server Control=es=%QX_TEST_ROOT%\n")), "/other");
   const qx::test::ScopedEnv longer("QX_TEST_ROOT", "SOFTWARE\\Other\\");
   EXPECT_EQ(ReportPath(PointedSetup("Server Control=es=%QX_TEST_ROOT%\n")), "/default");
 }
 
-TEST(ServerControlPaths, APointerToNowhereDoesNotFallBackToTheDefaultRoot) {
+TEST(ServerControlPaths, PointerToAMissingRootDoesNotFallBackToTheDefaultRoot) {
   const TempDir directory;
   const ScopedWorkingDirectory scope(directory.Path());
   EXPECT_EQ(ReportPath(PointedSetup("Server Control=s=SOFTWARE\\Gone\n")),
@@ -155,7 +155,7 @@ TEST(ServerControlPaths, NothingIsCached) {
   EXPECT_EQ(path, "/second");
 }
 
-TEST(ServerControlPaths, ALookupWritesATreeThatHasChanged) {
+TEST(ServerControlPaths, LookupWritesATreeThatHasChanged) {
   const RegistryContent registry(DefaultSetup("ReportRoot=s=/srv\n"));
   std::string path;
   CServerControlPaths::GetServerControlReportPath(path);
@@ -164,7 +164,7 @@ TEST(ServerControlPaths, ALookupWritesATreeThatHasChanged) {
   EXPECT_FALSE(CRegistry::MIsDirty);
 }
 
-TEST(ServerControlPathsThreads, ManyThreadsMayAskAtOnce) {
+TEST(ServerControlPathsThreads, ManyThreadsMayLookUpAtOnce) {
   const RegistryContent registry(DefaultSetup("ReportRoot=s=/srv/reports/\n"));
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {

@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(ThreadData, ANewObjectBelongsToItsThreadAndHasSeenNoReport) {
+TEST(ThreadData, NewObjectBelongsToItsThreadAndHasNoReport) {
   CThreadData data;
   EXPECT_EQ(data.thread_id, static_cast<std::uint32_t>(pthread_self()));
   EXPECT_EQ(data.state_word, 0U);
@@ -35,7 +35,7 @@ TEST(ThreadData, MembersAreInTheirOrder) {
   EXPECT_EQ(reinterpret_cast<const char*>(&data.report_file) - reinterpret_cast<const char*>(&data), 32);
 }
 
-TEST(ThreadDataThreads, TheIdentifierIsThatOfTheCreatingThread) {
+TEST(ThreadDataThreads, IdentifierIsThatOfTheCreatingThread) {
   CThreadData here;
   std::uint32_t there = 0;
   std::thread([&] { there = CThreadData().thread_id; }).join();

@@ -1,4 +1,4 @@
-// Expected trace lines, each with the level from which on it is written.
+// Expected trace lines, each with the lowest level that writes it.
 #pragma once
 
 #include <string>
@@ -17,7 +17,7 @@ inline TraceLines operator+(TraceLines lines, const TraceLines& more) {
   return lines;
 }
 
-// What of `lines` is written at `level`, as one text.
+// The lines that are written at `level`, as one text.
 inline std::string Upto(int level, const TraceLines& lines) {
   std::string text;
   for (const TraceLine& line : lines) {

@@ -1,5 +1,5 @@
-// What the tests of the report functions share: a report directory of the test's own, its reports, service threads with
-// their blocks, and the documents that go in and come out.
+// What the tests of the report functions share: the test's own report directory with its reports, service threads with
+// their blocks, and the request and reply documents.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@
 
 namespace qx::test {
 
-// What a report function left behind.
+// The result of a report function.
 struct Reply {
   int result = 0;
   std::string document;
@@ -58,7 +58,7 @@ inline Reply NotReadable(const std::string& escaped_twice, int error_number) {
 class ServiceThread {
  public:
   ServiceThread() : block_(BlockBuilder::Request("GetReports")) {}
-  // A caller whom the security layer has described.
+  // A caller that the security layer describes.
   explicit ServiceThread(const std::vector<const char*>& privileges) : ServiceThread() {
     block_->Security("operator", {{"Operations", privileges}});
   }
@@ -94,14 +94,14 @@ class ServiceThread {
   std::unique_ptr<BlockBuilder> block_;
 };
 
-// Adds `records` to the store at `base_path`, creating it with `slots` slots if it is not there.
+// Adds `records` to the store at `base_path`, creating it with `slots` slots if it does not exist.
 inline void AppendRecords(const std::string& base_path, unsigned slots, const std::vector<std::string>& records) {
   CReportFileBase store;
   ASSERT_TRUE(store.Open(base_path.c_str(), slots));
   for (const std::string& record : records) ASSERT_TRUE(store.writeLine(record.c_str()));
 }
 
-// What this process has open.
+// The number of open descriptors of this process.
 inline std::ptrdiff_t OpenDescriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
 }
@@ -119,7 +119,7 @@ class TransferFixture : public testing::Test {
   ReportRoot root_;
 };
 
-// Transfers of the report r1 in each way of reading, by a thread whose data the test holds.
+// Transfers of the report r1 in each way of reading, by a thread whose data belongs to the test.
 class TransferInRace : public TransferFixture {
  protected:
   // One call from `start` on, with `meanwhile` after the first read of a transfer and before the check of the ring.
