@@ -15,7 +15,7 @@
 
 #include "reportfile/ReportFileBase.h"
 
-// Only there under the address sanitizer.
+// Defined only under the address sanitizer.
 extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
 
 namespace qx::test {
@@ -63,7 +63,7 @@ std::string StatusText(int status) {
   return {};
 }
 
-// What differs from run to run: a run of `characters` behind `prefix`. Zeros alone (a null pointer) never differ.
+// What differs from run to run: a run of `characters` after `prefix`. Only zeros (a null pointer) never differ.
 struct Variable {
   std::string_view prefix;
   std::string_view characters;
@@ -185,7 +185,7 @@ ModuleTest::ModuleTest() {
 }
 
 ModuleTest::~ModuleTest() {
-  while (!environment_.empty()) environment_.pop_back();  // the old values come back in reverse order
+  while (!environment_.empty()) environment_.pop_back();  // the old values are restored in reverse order
 }
 
 const std::string& ModuleTest::Reports() {

@@ -17,7 +17,7 @@
 
 namespace qx::test {
 
-// The module, from dlopen to dlclose. Throws std::runtime_error when it cannot be loaded or lacks a symbol.
+// The module, from dlopen to dlclose. Throws std::runtime_error if it cannot be loaded or lacks a symbol.
 class LoadedModule {
  public:
   LoadedModule();
@@ -50,7 +50,7 @@ class LoadedModule {
 // program's own clean-up; under the address sanitizer it looks for leaks first.
 std::string InChild(const std::function<std::string()>& body);
 
-// What a command prints, standard error included, and "[status N]" behind it if N is not 0.
+// What a command prints, standard error included, and "[status N]" after it if N is not 0.
 std::string OutputOf(const std::string& command);
 
 // The requests of one service thread: its block and the thread data that the module leaves in it.
@@ -71,8 +71,8 @@ class ServiceThread {
   std::unique_ptr<BlockBuilder> block_;
 };
 
-// A test of the module with its trace in a private directory (level 0 unless asked for), an empty trace configuration
-// and a registry that names `Reports()` as the report directory. Every fixed path starts anew with each test.
+// A test of the module with its trace in a private directory (level 0 by default), an empty trace configuration and a
+// registry that names `Reports()` as the report directory. Every fixed path is empty again for each test.
 class ModuleTest : public testing::Test {
  protected:
   ModuleTest();
@@ -91,7 +91,7 @@ class ModuleTest : public testing::Test {
   // The log with placeholders for what differs from run to run: <STAMP>, <THREAD>, <ID>, <ADDRESS>, <LOW32>, <VERSION>,
   // <DATE>.
   std::string NormalisedLog() const;
-  // The entries of the log behind its header block.
+  // The entries of the log after its header block.
   std::string LogEntries() const;
 
   TempDir logs_;

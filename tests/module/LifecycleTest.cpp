@@ -29,7 +29,7 @@ constexpr bool kSanitized = QX_SANITIZED;
 
 class ModuleLifecycle : public qx::test::ModuleTest {};
 
-// What a process holds, as numbers that must not grow.
+// The resources of a process, as numbers that must not grow.
 struct Holdings {
   int mappings = 0;
   int module_mappings = 0;
@@ -70,11 +70,11 @@ void LoadServeUnload() {
   (void)thread.Ask("r1", 0);
 }
 
-TEST_F(ModuleLifecycle, ThousandLoadsAndUnloadsLeaveNothingBehind) {
+TEST_F(ModuleLifecycle, ThousandLoadsAndUnloadsLeakNothing) {
   Append("r1", 10, {"a", "b"});
   SetLevel(1);
   const std::string text = InChild([] {
-    for (int i = 0; i < 20; ++i) LoadServeUnload();  // the loader and the allocator settle
+    for (int i = 0; i < 20; ++i) LoadServeUnload();  // the loader and the allocator reach their final size
     const Holdings before = HoldingsNow();
     for (int i = 0; i < 1000; ++i) LoadServeUnload();
     const Holdings after = HoldingsNow();
@@ -83,7 +83,7 @@ TEST_F(ModuleLifecycle, ThousandLoadsAndUnloadsLeaveNothingBehind) {
     if (after.descriptors != before.descriptors) {
       grown << "descriptors " << before.descriptors << " => " << after.descriptors << "\n";
     }
-    // A sanitizer keeps freed memory and its own records of every load; only its leak check at the end says anything.
+    // A sanitizer keeps freed memory and its own records of every load; only its leak check at the end is useful.
     if (!kSanitized && !kCountsCoverage && after.mappings != before.mappings) {
       grown << "mappings " << before.mappings << " => " << after.mappings << "\n";
     }
@@ -125,7 +125,7 @@ TEST_F(ModuleLifecycle, LoadWritesHeaderAndModuleObjectInOrder) {
           "*** KRX Provider library unload ***\n"));
 }
 
-TEST_F(ModuleLifecycle, WhatWasLoggedDuringTheLoadOutlivesEveryWrap) {
+TEST_F(ModuleLifecycle, EntriesOfTheLoadSurviveEveryWrap) {
   SetLevel(6);
   SetEnvironment("QX_LOG_FILE_MAX_SIZE", "20000");
   EXPECT_EQ(InChild([] {
@@ -150,7 +150,7 @@ TEST_F(ModuleLifecycle, LoadWithoutTracingWritesNoHeader) {
   EXPECT_EQ(ReadFile(LogPath()), "");
 }
 
-TEST_F(ModuleLifecycle, HeaderGoesToStandardErrorOnlyWhenAskedFor) {
+TEST_F(ModuleLifecycle, HeaderGoesToStandardErrorOnlyOnRequest) {
   const auto stderr_of_a_load = [] {
     return InChild([] {
       const LoadedModule module;
@@ -165,7 +165,7 @@ TEST_F(ModuleLifecycle, HeaderGoesToStandardErrorOnlyWhenAskedFor) {
   EXPECT_EQ(stderr_of_a_load(), "") << "with tracing off there is no header at all";
 }
 
-TEST_F(ModuleLifecycle, LoadWithAPrivateTraceDirectoryTouchesNoLogOfARunningService) {
+TEST_F(ModuleLifecycle, PrivateTraceDirectoryKeepsTheLogOfARunningService) {
   WriteFile("/var/log/brollan/log.qxremconxfer", "the service's");
   SetLevel(6);
   EXPECT_EQ(InChild([] {
@@ -188,7 +188,7 @@ TEST_F(ModuleLifecycle, TraceSettingsFileStartsTracingInTheDefaultDirectory) {
   EXPECT_THAT(ReadFile("/var/log/brollan/log.qxremconxfer"), HasSubstr("*** KRX Provider library loaded ***"));
 }
 
-TEST_F(ModuleLifecycle, UnwritableTraceDirectoryDoesNotKeepTheModuleFromServing) {
+TEST_F(ModuleLifecycle, ModuleServesWithAnUnwritableTraceDirectory) {
   SetLevel(6);
   SetEnvironment("QX_LOG_RINGBUF_DIR", "/nowhere/at/all");
   EXPECT_THAT(InChild([] {
@@ -211,7 +211,7 @@ TEST_F(ModuleLifecycle, NullVersionTextsShowInTheNextModuleObject) {
               text += module.Object() != first ? " another " : " the same ";
               const auto block = BlockBuilder::Request("What");
               text += module.What(block->Block());
-              // The earlier object still stands; a host that wants it gone deletes it itself.
+              // The earlier object still exists; the host must delete it.
               module.Symbol<QxDeleteModuleFunction>(QX_SYMBOL_DELETE_MODULE)();
               module.Object() = first;
               text += module.What(block->Block()).substr(0, 16);
@@ -238,7 +238,7 @@ TEST_F(ModuleLifecycle, VersionVariablesHoldTheBuildsTexts) {
           "Copyright \\(C\\) Norrlek\\|"));
 }
 
-TEST_F(ModuleLifecycle, FailedReplacementLeavesNoObjectAndUnloadBearsIt) {
+TEST_F(ModuleLifecycle, UnloadSucceedsWithoutAnObjectAfterAFailedReplacement) {
   EXPECT_EQ(InChild([] {
               const LoadedModule module;
               module.Symbol<QxDeleteModuleFunction>(QX_SYMBOL_DELETE_MODULE)();
@@ -248,11 +248,11 @@ TEST_F(ModuleLifecycle, FailedReplacementLeavesNoObjectAndUnloadBearsIt) {
             "none");
 }
 
-TEST_F(ModuleLifecycle, HooksMayComeInAnyOrder) {
+TEST_F(ModuleLifecycle, HooksMayBeCalledInAnyOrder) {
   Append("r1", 4, {"a"});
   EXPECT_EQ(InChild([] {
               const LoadedModule module;
-              module.ThreadEnd(nullptr);  // ends before it begins
+              module.ThreadEnd(nullptr);  // an end before the begin
               module.Symbol<QxStopRequestFunction>("__stoprequest")();
               module.Symbol<QxStopRequestFunction>("__stoprequest")();
               const auto block = BlockBuilder::Request("GetReports");
@@ -292,7 +292,7 @@ TEST_F(ModuleLifecycle, UnloadLeavesTheTraceOfItsEndInTheLog) {
   const std::string log = NormalisedLog();
   const std::size_t unload = log.find("*** KRX Provider library unload ***");
   ASSERT_NE(unload, std::string::npos);
-  // The tree that the report request loaded dies after the module object, and says so.
+  // The tree that the report request loaded is destroyed after the module object, with a trace.
   EXPECT_THAT(log.substr(unload), HasSubstr("CRegistryNode::deleteNode \"HKEY_LOCAL_MACHINE\""));
 }
 

@@ -23,7 +23,7 @@ using testing::MatchesRegex;
 
 class ModuleRequests : public qx::test::ModuleTest {};
 
-TEST_F(ModuleRequests, WhatReflectAndVersionAnswerThroughTheExports) {
+TEST_F(ModuleRequests, WhatReflectAndVersionReplyThroughTheExports) {
   EXPECT_THAT(InChild([] {
                 const LoadedModule module;
                 const auto block = BlockBuilder::Request("What");
@@ -49,7 +49,7 @@ TEST_F(ModuleRequests, TransferInChunksEndsWithNoMoreRecords) {
             "1 <Error Msg=\"No more records available (no error)\"/>\n");
 }
 
-TEST_F(ModuleRequests, MissingReportIsRefusedWithTheSystemsError) {
+TEST_F(ModuleRequests, MissingReportIsRefusedWithTheErrorNumber) {
   EXPECT_EQ(InChild([] {
               const LoadedModule module;
               ServiceThread thread(module);
@@ -120,7 +120,7 @@ TEST_F(ModuleRequests, InstanceNamesAreListedAndNeverForACallerWithoutThePrivile
           not_found);
 }
 
-TEST_F(ModuleRequests, RequestWithoutReportDataIsRefusedAndGoesOn) {
+TEST_F(ModuleRequests, RequestWithoutReportDataHasAnErrorOfTheTransfer) {
   EXPECT_EQ(InChild([] {
               const LoadedModule module;
               ServiceThread thread(module);
@@ -129,9 +129,9 @@ TEST_F(ModuleRequests, RequestWithoutReportDataIsRefusedAndGoesOn) {
             "12 <Error Msg=\"Report data for report &apos;&apos; could not be read\" LastError=\"2\"/>\n");
 }
 
-TEST_F(ModuleRequests, BlockWithoutElementOneLeavesNoThreadDataBehind) {
+TEST_F(ModuleRequests, BlockWithoutElementOneLeaksNoThreadData) {
   Append("r1", 4, {"a"});
-  // The leak check of the address sanitizer and the descriptors show it: each call opens the report anew.
+  // The leak check of the address sanitizer and the descriptors show it: each call opens the report again.
   EXPECT_EQ(InChild([] {
               const LoadedModule module;
               BlockBuilder block;
@@ -144,7 +144,7 @@ TEST_F(ModuleRequests, BlockWithoutElementOneLeavesNoThreadDataBehind) {
             "0 <ReportData Name=\"r1\" StartIndex=\"0\" NextIndex=\"1\"><![CDATA[a\r\n]]></ReportData>\nclosed");
 }
 
-TEST_F(ModuleRequests, ReportOutlivesItsThreadOnlyUntilThreadEnd) {
+TEST_F(ModuleRequests, ReportIsClosedByThreadEnd) {
   Append("r1", 4, {"a", "b"});
   EXPECT_EQ(InChild([] {
               const LoadedModule module;
@@ -163,7 +163,7 @@ TEST_F(ModuleRequests, ReportOutlivesItsThreadOnlyUntilThreadEnd) {
             "open closed ");
 }
 
-// A whole session at the highest level, line by line. The file is written anew when QX_UPDATE_GOLDEN is set.
+// A whole session at the highest level, line by line. QX_UPDATE_GOLDEN writes the file again.
 TEST_F(ModuleRequests, WholeSessionAtLevelSixIsLoggedLineByLine) {
   Append("r1", 10, {"first", "second <2>", "third"});
   SetLevel(6);

@@ -1,5 +1,5 @@
-// What the built file looks like from outside: its symbols, the libraries it needs, its hardening, and that its headers
-// and its block can be used from C and from another language.
+// The built file from outside: its symbols, the libraries that it needs, its hardening, and the use of its headers and
+// its block from C and Python.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -74,11 +74,11 @@ TEST(ModuleSurface, IsHardenedAndFullyBoundAtLoad) {
 
 TEST(ModuleSurface, HasNoUniqueSymbolsAndNoThreadLocalData) {
   const std::string symbols = OutputOf("readelf -sW " QX_MODULE_PATH);
-  EXPECT_THAT(symbols, Not(HasSubstr(" UNIQUE ")));  // one of them would keep the module mapped for ever
+  EXPECT_THAT(symbols, Not(HasSubstr(" UNIQUE ")));  // either would keep the module mapped forever
   for (const std::string& line : LinesOf(symbols)) {
     if (line.find(" TLS ") == std::string::npos) continue;
     EXPECT_THAT(line, testing::ContainsRegex(" UND |__[a-z]*san"))
-        << "errno and the sanitizers' own are all there may be";
+        << "only errno and those of the sanitizers are allowed";
   }
 }
 
@@ -124,7 +124,7 @@ TEST_F(ModuleFromElsewhere, PythonLoadsTheModuleAndCallsIt) {
 TEST_F(ModuleFromElsewhere, ExportedReportStoreIsUsableByAnAgent) {
   const std::string text = InChild([] {
     const LoadedModule module;
-    // An agent embeds the object, so it brings the room for it; 256 bytes are more than enough.
+    // An agent provides the memory of the object; 256 bytes are more than enough.
     alignas(16) static char store[256];
     const auto construct = module.Symbol<void (*)(void*)>("_ZN15CReportFileBaseC1Ev");
     const auto destroy = module.Symbol<void (*)(void*)>("_ZN15CReportFileBaseD1Ev");

@@ -1,4 +1,4 @@
-// The module with a ring: the environment alone makes it, and nothing of it is left behind.
+// The module with a trace ring: the environment alone turns it on, and the unload leaves nothing in the process.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -35,13 +35,13 @@ std::string HoldingsOf(const std::string& path) {
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) mappings += line.find(path) != std::string::npos ? 1 : 0;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;  // the descriptor of this very listing
+    std::error_code gone;  // the descriptor of this listing
     descriptors += std::filesystem::read_symlink(entry.path(), gone) == path ? 1 : 0;
   }
   return std::to_string(mappings) + " " + std::to_string(descriptors) + ";";
 }
 
-TEST_F(ModuleTraceRing, WeightAndFactorInTheEnvironmentMakeItAndUnloadLeavesNothingOfItInTheProcess) {
+TEST_F(ModuleTraceRing, EnvironmentTurnsTheRingOnAndUnloadReleasesIt) {
   EXPECT_EQ(InChild([this] {
               std::string text;
               {
@@ -62,7 +62,7 @@ TEST_F(ModuleTraceRing, WeightAndFactorInTheEnvironmentMakeItAndUnloadLeavesNoth
   EXPECT_THAT(ring, HasSubstr("*** KRX Provider library unload ***"));
 }
 
-TEST_F(ModuleTraceRing, LogHoldsTheHeaderBlockAloneWhileTheRingIsTheTarget) {
+TEST_F(ModuleTraceRing, LogHasOnlyTheHeaderBlockWhileTheRingIsTheTarget) {
   EXPECT_EQ(InChild([] {
               const LoadedModule module;
               return std::string();
