@@ -1,9 +1,8 @@
-// One copy, removal or restore in a process of its own, so that its system calls can be made to fail from outside.
+// One copy, removal or restore in its own process, so that strace can make its system calls fail.
 //
 //   directory_faults_program copy|remove|restore DIRECTORY
 //
-// works on "from" and "to" in DIRECTORY; restore looks into the registry there, too. Exits with 0 for true, 1 for
-// false.
+// works on "from" and "to" in DIRECTORY; restore also reads the registry there. Exits with 0 for true, 1 for false.
 #include <csignal>
 #include <cstring>
 #include <string>

@@ -1,8 +1,8 @@
 // Every system call of a copy, a removal and a restore fails once.
 //
-// strace watches one run of a small program and notes the calls that concern the two directories; then the program runs
-// again for each of them, with that one call failing. Whatever fails, nothing else is touched, the trace says so, and a
-// result of true means what it says.
+// strace records the calls of a small program that concern the two directories; then the program runs again for each
+// call, which fails. In every case no other file is changed, the trace reports the failure, and a result of true is
+// correct.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -26,14 +26,14 @@ namespace {
 
 using testing::HasSubstr;
 
-// A call of the watched run: the nth of its name.
+// A call of the recorded run: the nth of its name.
 struct Call {
   std::string name;
   int nth;
   std::string line;
 };
 
-// What a failing call of this name says; the others say EIO.
+// The error of a failing call of this name; the others fail with EIO.
 const char* ErrorOf(const std::string& call) {
   static const std::map<std::string, const char*> kErrors = {
       {"openat", "EMFILE"}, {"write", "ENOSPC"}, {"mkdirat", "ENOSPC"}, {"unlinkat", "EBUSY"},
@@ -74,7 +74,7 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
   std::string Scenario() const { return std::string(GetParam()).substr(0, std::string(GetParam()).find(' ')); }
   bool IsByBlocks() const { return std::strstr(GetParam(), "blocks") != nullptr; }
 
-  // Each restore waits for the disk, so there are fewer of them.
+  // Each restore waits for the disk, so fewer of them run.
   static Tree TreeOf(const std::string& scenario) {
     Tree tree = {{"b.dat", "new b"}, {"sub/", ""}, {"sub/c.dat", "c"}};
     if (scenario != "restore") tree.insert({{"a.dat", std::string(40000, 'a')}, {"empty", ""}});
@@ -87,7 +87,7 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
     MakeTree(dir_.File("to"), to_);
   }
 
-  // Runs the scenario under strace with further options, from the same start; its calls are noted in calls_.
+  // Runs the scenario under strace with more options, from the same initial files; its calls are stored in calls_.
   int RunUnderStrace(const std::vector<std::string>& options) const {
     Prepare();
     std::vector<std::string> command = {"strace", "-y", "-s", "4096", "-o", Notes()};
@@ -102,7 +102,7 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
         {"-e", "inject=" + call.name + ":error=" + ErrorOf(call.name) + ":when=" + std::to_string(call.nth)});
   }
 
-  // The noted calls that name one of the two directories or one of their files.
+  // The recorded calls that name one of the two directories or one of their files.
   std::vector<Call> NotedCalls() const {
     std::map<std::string, int> counts;
     std::vector<Call> calls;
@@ -122,12 +122,12 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
     return line.find(dir_.File("from")) != std::string::npos || line.find(dir_.File("to")) != std::string::npos;
   }
 
-  // What the system could not keep of a written file shows when it is closed.
+  // If the system cannot store a written file, `close` may report it.
   bool EndsWriting(const Call& call) const {
     return call.name == "close" && call.line.find(dir_.File("to/")) != std::string::npos;
   }
 
-  // Every file is wholly the old or wholly the new one.
+  // Every file has the old or the new content, never a mixture.
   void ExpectWholeFiles() const {
     for (const auto& [path, contents] : ContentsOf(dir_.File("to"))) {
       const auto old = to_.find(path);
@@ -141,19 +141,19 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
   void ExpectTruth(const Call& call, const Tree& from_after, const Tree& to_after) const {
     ExpectWholeFiles();
     const bool is_as_without = ContentsOf(dir_.File("from")) == from_after && ContentsOf(dir_.File("to")) == to_after;
-    EXPECT_TRUE(is_as_without || IsTraced(call)) << "something is missing and nobody says so";
-    EXPECT_TRUE(Scenario() != "restore" || ContentsOf(dir_.File("to")) == to_after) << "true, and not restored whole";
-    EXPECT_TRUE(call.name != "getdents64" || Scenario() != "copy") << "true, and a listing broke off";
+    EXPECT_TRUE(is_as_without || IsTraced(call)) << "an entry is missing without a trace";
+    EXPECT_TRUE(Scenario() != "restore" || ContentsOf(dir_.File("to")) == to_after) << "true, but not all is restored";
+    EXPECT_TRUE(call.name != "getdents64" || Scenario() != "copy") << "true, but a listing ended early";
     EXPECT_FALSE(EndsWriting(call));
   }
 
-  // A restore that is false either failed while it copied, or has the backup still.
+  // A restore that is false either failed while it copied, or still has the backup.
   void ExpectNothingLost() const {
     const bool has_failed_to_copy = Log().find("CDirectory::CopyDir() - ## ERROR:") != std::string::npos;
     EXPECT_TRUE(has_failed_to_copy || ContentsOf(dir_.File("from")) == from_) << Log();
   }
 
-  // By its error; or, where a removal leaves what it cannot look at, by what comes of that.
+  // The trace has the error, or, where a removal leaves what it cannot check, the consequence.
   bool IsTraced(const Call& call) const {
     const std::string log = Log();
     const bool says_not_empty = call.name == "newfstatat" && log.find(std::strerror(ENOTEMPTY)) != std::string::npos;
@@ -175,7 +175,7 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
   const Tree to_ = {{"b.dat", "an old and longer b"}, {"kept.dat", "kept"}};
 };
 
-TEST_P(DirectoryFaults, EachFailedCallIsTracedAndHarmsNothingElse) {
+TEST_P(DirectoryFaults, EachFailedCallIsTracedAndChangesNoOtherFile) {
   ASSERT_EQ(Execute({"strace", "-o", Notes(), "true"}), 0)
       << "strace is missing (script/bootstrap test installs it) or may not trace its own child (ptrace is forbidden)";
   ASSERT_EQ(RunUnderStrace({}), 0);
@@ -203,14 +203,14 @@ TEST_P(DirectoryFaults, EachFailedCallIsTracedAndHarmsNothingElse) {
 
 class DirectoryFaultsOnce : public DirectoryFaults {};
 
-TEST_P(DirectoryFaultsOnce, FileThatSeemsEmptyIsReadBlockByBlock) {
+TEST_P(DirectoryFaultsOnce, FileOfSizeZeroIsReadBlockByBlock) {
   EXPECT_EQ(RunUnderStrace({"-e", "inject=copy_file_range:retval=0"}), 0);
   Tree expected = from_;
   expected["kept.dat"] = "kept";
   EXPECT_EQ(ContentsOf(dir_.File("to")), expected);
 }
 
-// The limit is within a block, which is written short; the write of the rest fails with the error.
+// The limit is within a block, so that the write of the block is short; the write of the rest fails with the error.
 TEST_P(DirectoryFaultsOnce, ErrorOfAShortWriteIsTraced) {
   EXPECT_EQ(RunUnderStrace({"-e", "inject=copy_file_range:error=EXDEV", "prlimit", "--fsize=20000"}), 1);
   EXPECT_THAT(Log(), HasSubstr(std::string("## ERROR: Could not copy file. ") + std::strerror(EFBIG)));
@@ -222,7 +222,7 @@ INSTANTIATE_TEST_SUITE_P(Scenario, DirectoryFaultsOnce, testing::Values("copy"))
 class RemovalWithoutProc : public DirectoryFaults {};
 
 // Without /proc the C library cannot change a mode without following links.
-TEST_P(RemovalWithoutProc, TracesNoFailureThatDidNotHappen) {
+TEST_P(RemovalWithoutProc, SuccessHasNoTraceOfAFailure) {
   EXPECT_EQ(RunUnderStrace({"-e", "inject=chmod:error=ENOENT"}), 0);
   EXPECT_THAT(ReadFile(Notes()), HasSubstr("(INJECTED)"));
   EXPECT_THAT(ReadFile(Notes()), HasSubstr("fchmod("));
@@ -230,7 +230,7 @@ TEST_P(RemovalWithoutProc, TracesNoFailureThatDidNotHappen) {
   EXPECT_FALSE(Exists(dir_.File("from")));
 }
 
-TEST_P(RemovalWithoutProc, TracesAFailureThatHappened) {
+TEST_P(RemovalWithoutProc, FailureIsTraced) {
   EXPECT_EQ(RunUnderStrace({"-e", "inject=chmod:error=ENOENT", "-e", "inject=fchmod:error=EPERM"}), 0);
   EXPECT_THAT(Log(), HasSubstr("ERROR cannot change mode of file \"" + dir_.File("from/a.dat") +
                                "\": Operation not permitted"));

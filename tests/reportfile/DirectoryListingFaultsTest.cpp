@@ -1,4 +1,4 @@
-// Listings that fail or break off: a restore then changes nothing, and a copy is false.
+// Listings that fail or end early: a restore then changes nothing, and a copy is false.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -73,14 +73,14 @@ TEST_F(ListingFaults, RestoreIsRefusedIfTheBackupCannotBeListed) {
   ExpectRefused({.call = FileCall::kOpen, .path = "/from/sub", .error = ENOTDIR}, from);
 }
 
-TEST_F(ListingFaults, RestoreIsRefusedIfAListingBreaksOff) {
+TEST_F(ListingFaults, RestoreIsRefusedIfAListingEndsEarly) {
   const Tree from = ManyFiles("");
   MakeTree(from_, from);
   MakeTree(to_, {{"a.dat", "old"}});
   ExpectRefused({.call = FileCall::kReadEntries, .nth = 2, .error = EIO}, from);
 }
 
-TEST_F(ListingFaults, RestoreLeavesOutWhatHasGoneSinceItWasListed) {
+TEST_F(ListingFaults, RestoreSkipsAFileThatWasRemovedAfterTheListing) {
   MakeTree(from_, {{"a.dat", "1"}, {"b.dat", "2"}, {"sub/c", "3"}});
   const FailingCall gone({.call = FileCall::kStatusAt, .path = "/from/b.dat", .error = ENOENT});
   const FailingCall sub({.call = FileCall::kOpen, .path = "/from/sub", .error = ENOENT});
@@ -96,7 +96,7 @@ TEST_F(ListingFaults, BackupThatMayNotBeReadIsRefusedAndKept) {
   EXPECT_EQ(ContentsOf(from_), (Tree{{"a.dat", "1"}}));
 }
 
-// Whatever fails once: the backup is kept, or everything is restored, or the trace says that a copy failed.
+// After each single failure, the backup is kept, or everything is restored, or the trace says that a copy failed.
 TEST_F(ListingFaults, OneFailedCallOfARestoreLosesNothing) {
   const Tree from = {{"a.dat", "1"}, {"sub/", ""}, {"sub/b.dat", "2"}, {"sub/deep/", ""}, {"sub/deep/c", "3"}};
   for (const FileCall call : {FileCall::kOpen, FileCall::kStatusAt, FileCall::kStatus, FileCall::kReadEntries}) {
@@ -118,7 +118,7 @@ TEST_F(ListingFaults, OneFailedCallOfARestoreLosesNothing) {
   }
 }
 
-TEST_F(ListingFaults, CopyOfABrokenListingCopiesWhatWasListedAndIsFalse) {
+TEST_F(ListingFaults, CopyOfAnIncompleteListingIsFalseAndCopiesItsFiles) {
   MakeTree(from_, ManyFiles(""));
   const TraceCapture trace(3);
   const FailingCall fault({.call = FileCall::kReadEntries, .nth = 2, .error = EIO});
@@ -130,7 +130,7 @@ TEST_F(ListingFaults, CopyOfABrokenListingCopiesWhatWasListedAndIsFalse) {
   EXPECT_LT(ContentsOf(to_).size(), 300U);
 }
 
-TEST_F(ListingFaults, BrokenListingOfASubdirectoryIsTracedThere) {
+TEST_F(ListingFaults, IncompleteListingOfASubdirectoryIsTracedThere) {
   Tree from = ManyFiles("sub/deep/");
   from["z"] = "not reached if it comes later";
   MakeTree(from_, from);
@@ -142,8 +142,8 @@ TEST_F(ListingFaults, BrokenListingOfASubdirectoryIsTracedThere) {
   EXPECT_GT(ContentsOf(to_ + "/sub/deep").size(), 100U);
 }
 
-// A listing that breaks off before its first name must not pass for an empty directory either.
-TEST_F(ListingFaults, BrokenListingWithoutANameIsFalseAndMakesNoDestination) {
+// A listing that fails before its first name must not count as an empty directory.
+TEST_F(ListingFaults, FailedListingWithoutANameIsFalseAndMakesNoDestination) {
   MakeTree(from_, {{"a", "1"}});
   const FailingCall fault({.call = FileCall::kReadEntries, .error = EIO});
   EXPECT_FALSE(CDirectory::CopyDir(from_.c_str(), to_.c_str(), "*.*", true));

@@ -1,4 +1,4 @@
-// Random trees: what copies and removals leave must be what a plain model says.
+// Random trees: after copies and removals, they must equal those of a plain model.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -24,7 +24,7 @@ struct ModelEntry {
   bool operator==(const ModelEntry&) const = default;
 };
 
-// Path without a slash at its end => entry. "" is the root, there if anything is.
+// Path without a slash at its end => entry. "" is the root; it exists if there is any entry.
 using Model = std::map<std::string, ModelEntry>;
 using NameTest = std::function<bool(const std::string&)>;
 
@@ -64,7 +64,7 @@ void ModelCopy(const Model& from, Model& to, const std::string& directory, const
   }
 }
 
-// False: something stayed that had to go, and the removal ended there.
+// False: an entry could not be removed, and the removal ended there.
 bool ModelRemove(Model& model, const std::string& directory, bool with_parent) {
   for (const std::string& name : NamesIn(model, directory)) {
     const std::string path = Joined(directory, name);
@@ -87,7 +87,7 @@ class RandomTrees {
 
   std::size_t Below(std::size_t end) { return random_() % end; }
 
-  // Files and directories never share a name, so that copies of one tree over another always fit.
+  // Files and directories never share a name, so that one tree can always be copied over another.
   Model Tree(bool with_hidden) {
     Model model = {{"", {true, 0755, ""}}};
     std::vector<std::string> directories = {""};
@@ -165,7 +165,7 @@ class DirectoryModel : public testing::Test {
   const ScopedUmask umask_{kUmask};
 };
 
-TEST_F(DirectoryModel, RandomCopiesLeaveWhatTheModelSays) {
+TEST_F(DirectoryModel, RandomCopiesLeaveTheTreeOfTheModel) {
   RandomTrees trees(Seed("DirectoryCopyModel"));
   for (int round = 0; round < 60 && !HasFailure(); ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
@@ -184,7 +184,7 @@ TEST_F(DirectoryModel, RandomCopiesLeaveWhatTheModelSays) {
   }
 }
 
-TEST_F(DirectoryModel, RandomRemovalsLeaveWhatTheModelSays) {
+TEST_F(DirectoryModel, RandomRemovalsLeaveTheTreeOfTheModel) {
   RandomTrees trees(Seed("DirectoryRemoveModel"));
   for (int round = 0; round < 60 && !HasFailure(); ++round) {
     SCOPED_TRACE("round " + std::to_string(round));

@@ -1,4 +1,5 @@
-// An ordinary user exchanges directories of a tree for links to root's while root removes it: nothing of root's goes.
+// An ordinary user exchanges directories of a tree for links to root's while root removes it: no file of root's is
+// removed.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -17,17 +18,17 @@ namespace {
 constexpr int kRounds = 10000;
 constexpr long kStepsMin = 4000;
 
-// "theirs/top" is the user's tree, "ours" a directory of root's with the same names in it.
+// "theirs/top" is the user's tree; "ours" is a directory of root's with the same names.
 class DirectoryRace : public testing::Test {
  protected:
   void SetUp() override {
-    if (!IsRoot()) GTEST_SKIP() << "only root has something to lose";
+    if (!IsRoot()) GTEST_SKIP() << "only root can be attacked";
     ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
     MakeTree(dir_.Path(), {{"ours/a", "1"}, {"ours/b", "2"}, {"ours/c/d", "3"}, {"theirs/top/sub/", ""}});
     MakeLink(dir_.File("ours"), dir_.File("theirs/link"));
   }
 
-  // Exchanges directory and link, and back. Makes what the removal took.
+  // Exchanges directory and link, and back. Creates again what was removed.
   void Step() const {
     for (int i = 0; i < 4; ++i) ExchangeAndPause(sub_.c_str(), link_.c_str());
     // If the directory has the link's name now, it makes way for a new link.

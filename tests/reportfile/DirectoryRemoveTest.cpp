@@ -1,4 +1,4 @@
-// Removals of directory trees: what goes, what stays, and every line of the trace.
+// Removals of directory trees: what is removed, what stays, and every line of the trace.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -45,7 +45,7 @@ TEST_F(DirectoryRemove, NullAndEmptyPathsAreRefused) {
                                            "CDirectory          : Remove directory \"(null)\""));
 }
 
-TEST_F(DirectoryRemove, AWholeTreeGivesTheseLinesInAlphabeticalOrder) {
+TEST_F(DirectoryRemove, WholeTreeIsTracedInAlphabeticalOrder) {
   MakeTree(top_, {{"b.dat", "1"}, {"a.dat", "2"}, {"sub/c", "3"}, {"sub/deep/", ""}, {"z", "4"}});
   EXPECT_THAT(TraceOfRemoval(6, true),
               ElementsAre("CDirectory          : Remove directory \"T/top\"",                      //
@@ -93,13 +93,13 @@ TEST_F(DirectoryRemove, WithoutItsParentADirectoryIsLeftEmpty) {
   EXPECT_THAT(ContentsOf(top_), IsEmpty());
 }
 
-TEST_F(DirectoryRemove, QuirkAHiddenFileStaysAndSoDoesItsDirectory) {
+TEST_F(DirectoryRemove, QuirkHiddenFileStaysWithItsDirectory) {
   MakeTree(top_, {{".hidden", "1"}, {"a", "2"}});
   const TraceCapture trace(3);
   errno = 0;
   EXPECT_FALSE(Remove());
   EXPECT_EQ(errno, ENOTEMPTY);
-  // The message about the parent directory ends with a line feed of its own, which the log does not double.
+  // The message about the parent directory ends with a line feed; the log does not add a second one.
   EXPECT_EQ(Shortened({trace.Text()}, dir_.Path()).front(),
             "CDirectory          : Remove directory \"T/top\"\n"
             "CDirectory          : Found file: \"T/top/a\"\n"
@@ -126,7 +126,7 @@ TEST_F(DirectoryRemove, FailureInASubdirectoryIsTracedOnEveryLevel) {
               UnorderedElementsAre(Pair("s/", ""), Pair("s/t/", ""), Pair("s/t/.hidden", "2"), Pair("z", "3")));
 }
 
-TEST_F(DirectoryRemove, QuirkAFailedScanShowsAnEmptyPath) {
+TEST_F(DirectoryRemove, QuirkFailedScanShowsAnEmptyPath) {
   EXPECT_THAT(
       TraceOfRemoval(6, false),
       ElementsAre("CDirectory          : Remove directory \"T/top\"",
@@ -139,7 +139,7 @@ TEST_F(DirectoryRemove, QuirkAFailedScanShowsAnEmptyPath) {
   EXPECT_EQ(ReadFile(top_), "a file");
 }
 
-TEST_F(DirectoryRemove, ADirectoryThatMayNotBeReadStaysAndEndsTheRemoval) {
+TEST_F(DirectoryRemove, UnreadableDirectoryStaysAndEndsTheRemoval) {
   MakeTree(top_, {{"s/a", "1"}, {"z", "2"}});
   chmod((top_ + "/s").c_str(), 0);
   const auto remove = [this] {
@@ -156,7 +156,7 @@ TEST_F(DirectoryRemove, ADirectoryThatMayNotBeReadStaysAndEndsTheRemoval) {
   EXPECT_TRUE(Exists(top_ + "/z"));
 }
 
-TEST_F(DirectoryRemove, AFileThatMayNotBeRemovedEndsTheRemoval) {
+TEST_F(DirectoryRemove, FileThatMayNotBeRemovedEndsTheRemoval) {
   MakeTree(top_, {{"a", "1"}, {"b", "2"}});
   chmod(top_.c_str(), 0500);
   const auto remove = [this] {
@@ -171,7 +171,7 @@ TEST_F(DirectoryRemove, AFileThatMayNotBeRemovedEndsTheRemoval) {
   EXPECT_EQ(ModeOf(top_ + "/a"), 0777U);
 }
 
-TEST_F(DirectoryRemove, AModeThatMayNotBeChangedIsTracedAndDoesNotEndTheRemoval) {
+TEST_F(DirectoryRemove, FailedChangeOfModeIsTracedAndDoesNotEndTheRemoval) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can make a file of another owner";
   MakeTree(top_, {{"a", "1"}});
   ASSERT_EQ(chown((top_ + "/a").c_str(), 1234, 1234), 0);
@@ -192,7 +192,7 @@ TEST_F(DirectoryRemove, QuirkAnotherNameOfARemovedFileHasItsModeChanged) {
   EXPECT_EQ(ModeOf(dir_.File("other")), 0777U);
 }
 
-TEST_F(DirectoryRemove, LinkIsRemovedItselfAndNotWhatItLeadsTo) {
+TEST_F(DirectoryRemove, LinkIsRemovedAndNotItsTarget) {
   MakeTree(dir_.Path(), {{"file", "1"}, {"tree/a", "2"}, {"top/", ""}});
   chmod(dir_.File("file").c_str(), 0640);
   MakeLink("../file", top_ + "/to_file");
@@ -210,7 +210,7 @@ TEST_F(DirectoryRemove, LinkIsRemovedItselfAndNotWhatItLeadsTo) {
   EXPECT_EQ(ReadFile(dir_.File("tree/a")), "2");
 }
 
-TEST_F(DirectoryRemove, ALinkThatLeadsNowhereStays) {
+TEST_F(DirectoryRemove, DanglingLinkStays) {
   MakeTree(top_, {{"a", "1"}});
   MakeLink("nowhere", top_ + "/dangling");
   EXPECT_FALSE(Remove());
@@ -218,7 +218,7 @@ TEST_F(DirectoryRemove, ALinkThatLeadsNowhereStays) {
   EXPECT_FALSE(Exists(top_ + "/a"));
 }
 
-TEST_F(DirectoryRemove, WhatIsNeitherFileNorDirectoryStays) {
+TEST_F(DirectoryRemove, FifoStays) {
   MakeTree(top_, {{"a", "1"}});
   ASSERT_EQ(mkfifo((top_ + "/pipe").c_str(), 0600), 0);
   EXPECT_THAT(TraceOfRemoval(3, true, false), ElementsAre("CDirectory          : Remove directory \"T/top\"",
@@ -235,7 +235,7 @@ TEST_F(DirectoryRemove, LinkToTheDirectoryIsEmptiedAndStays) {
   EXPECT_TRUE(std::filesystem::is_empty(dir_.File("tree")));
 }
 
-TEST_F(DirectoryRemove, RelativePathsAndSlashesAtTheEndAreTakenAsTheyAre) {
+TEST_F(DirectoryRemove, RelativePathsAndSlashesAtTheEndAreAccepted) {
   MakeTree(top_, {{"s/a", "1"}});
   top_ += "//";
   EXPECT_THAT(TraceOfRemoval(2, true), ElementsAre("CDirectory          : Remove directory \"T/top//\"",
@@ -246,7 +246,7 @@ TEST_F(DirectoryRemove, RelativePathsAndSlashesAtTheEndAreTakenAsTheyAre) {
 }
 
 // Five hundred levels on a stack that is too small for a function that calls itself for each.
-TEST_F(DirectoryRemove, DeepTreesNeedNoDeepStack) {
+TEST_F(DirectoryRemove, DeepTreeNeedsNoDeepStack) {
   std::string path = top_;
   for (; path.size() < 4000; path += "/ddddddd") ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
   WriteFile(path.substr(0, path.size() - 7) + "f", "1");

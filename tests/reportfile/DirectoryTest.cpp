@@ -21,7 +21,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
-// A directory "from" with nothing in it; "to" is not there yet.
+// An empty directory "from"; "to" does not exist.
 class DirectoryCopy : public testing::Test {
  protected:
   bool Copy(const char* pattern = "*.*", bool overwrite = true) {
@@ -57,14 +57,14 @@ TEST_F(DirectoryCopy, RelativePathsAreRefusedAndNothingIsCreated) {
   EXPECT_THAT(trace.Entries(), testing::AllOf(testing::SizeIs(8), testing::Each(line)));
 }
 
-TEST_F(DirectoryCopy, AnEmptySourceIsNoErrorAndNoDestination) {
+TEST_F(DirectoryCopy, EmptySourceIsNotAnErrorAndMakesNoDestination) {
   EXPECT_THAT(TraceOfCopy(6, true),
               ElementsAre("CDirectory::CopyDir() - Looking for files matching T/from/*",
                           "CDirectory::CopyDir() - Could not find matching files to copy. No such file or directory"));
   EXPECT_FALSE(Exists(to_));
 }
 
-TEST_F(DirectoryCopy, AMissingSourceIsNoErrorAndNoDestination) {
+TEST_F(DirectoryCopy, MissingSourceIsNotAnErrorAndMakesNoDestination) {
   std::filesystem::remove(from_);
   EXPECT_THAT(TraceOfCopy(6, true),
               ElementsAre("CDirectory::CopyDir() - Looking for files matching T/from/*",
@@ -72,7 +72,7 @@ TEST_F(DirectoryCopy, AMissingSourceIsNoErrorAndNoDestination) {
   EXPECT_FALSE(Exists(to_));
 }
 
-TEST_F(DirectoryCopy, ASourceThatIsAFileIsNoErrorAndNoDestination) {
+TEST_F(DirectoryCopy, FileAsSourceIsNotAnErrorAndMakesNoDestination) {
   std::filesystem::remove(from_);
   WriteFile(from_, "x");
   EXPECT_THAT(TraceOfCopy(4, true),
@@ -89,7 +89,7 @@ TEST_F(DirectoryCopy, QuirkSourceThatMayNotBeReadCountsAsEmpty) {
   chmod(from_.c_str(), 0700);
 }
 
-TEST_F(DirectoryCopy, OneFileGivesTheseLines) {
+TEST_F(DirectoryCopy, CopyOfOneFileIsTraced) {
   WriteFile(from_ + "/a.dat", "text");
   EXPECT_THAT(TraceOfCopy(6, true), ElementsAre("CDirectory::CopyDir() - Looking for files matching T/from/*",
                                                 "CDirectory::CopyDir() - Copy file T/from/a.dat --> T/to/a.dat"));
@@ -121,14 +121,14 @@ TEST_F(DirectoryCopy, EveryNamePatternMatchesNamesWithoutADotAndHiddenOnes) {
   EXPECT_THAT(ContentsOf(to_), UnorderedElementsAre(Pair("plain", "1"), Pair("with.dot", "2"), Pair(".hidden", "3")));
 }
 
-TEST_F(DirectoryCopy, ThePatternHoldsAtEveryLevel) {
+TEST_F(DirectoryCopy, PatternAppliesAtEveryLevel) {
   MakeTree(from_, {{"a.dat", "1"}, {"a.ind", "2"}, {"sub.dat/b.dat", "3"}, {"sub.dat/b.ind", "4"}, {"sub/c.dat", "5"}});
   EXPECT_TRUE(Copy("*.dat"));
   EXPECT_THAT(ContentsOf(to_),
               UnorderedElementsAre(Pair("a.dat", "1"), Pair("sub.dat/", ""), Pair("sub.dat/b.dat", "3")));
 }
 
-TEST_F(DirectoryCopy, APatternWithoutWildcardsNamesOneEntry) {
+TEST_F(DirectoryCopy, PatternWithoutWildcardsNamesOneEntry) {
   MakeTree(from_, {{"a", "1"}, {"b", "2"}, {"a[1]", "3"}});
   EXPECT_TRUE(Copy("a"));
   EXPECT_TRUE(Copy("a\\[1]"));
@@ -201,7 +201,7 @@ TEST_F(DirectoryCopy, NewFileHasOnlyThePermissionBitsOfItsSource) {
   EXPECT_EQ(ModeOf(to_ + "/f" + std::to_string(04755)), 0755U);
 }
 
-TEST_F(DirectoryCopy, ANewFileHasTheOwnerOfItsSourceWhereTheSystemAllowsIt) {
+TEST_F(DirectoryCopy, NewFileHasTheOwnerOfItsSourceIfTheSystemAllowsIt) {
   WriteFile(from_ + "/a", "x");
   const bool may_give = geteuid() == 0 && chown((from_ + "/a").c_str(), 1234, 2345) == 0;
   EXPECT_TRUE(Copy());
@@ -263,7 +263,7 @@ TEST_F(DirectoryCopy, FilesOfEverySizeAroundABlockAreCopiedExactly) {
   EXPECT_EQ(ContentsOf(to_), ContentsOf(from_));
 }
 
-TEST_F(DirectoryCopy, FileOfProcThatSeemsEmptyIsCopied) {
+TEST_F(DirectoryCopy, FileOfProcWithSizeZeroIsCopied) {
   EXPECT_TRUE(CDirectory::CopyDir("/proc/self", to_.c_str(), "cmdline", true));
   EXPECT_EQ(ReadFile(to_ + "/cmdline"), ReadFile("/proc/self/cmdline"));
 }
@@ -276,7 +276,7 @@ TEST_F(DirectoryCopy, LinksAreFollowed) {
   EXPECT_THAT(ContentsOf(to_), UnorderedElementsAre(Pair("f", "1"), Pair("d/", ""), Pair("d/a", "2")));
 }
 
-TEST_F(DirectoryCopy, ALinkThatLeadsNowhereIsLeftOut) {
+TEST_F(DirectoryCopy, DanglingLinkIsNotCopied) {
   MakeTree(from_, {{"a", "1"}});
   MakeLink("nowhere", from_ + "/dangling");
   MakeLink("circle", from_ + "/circle");
@@ -285,7 +285,7 @@ TEST_F(DirectoryCopy, ALinkThatLeadsNowhereIsLeftOut) {
   EXPECT_THAT(ContentsOf(to_), UnorderedElementsAre(Pair("a", "1")));
 }
 
-TEST_F(DirectoryCopy, ALinkBackToADirectoryOnTheWayIsNotEntered) {
+TEST_F(DirectoryCopy, LinkToADirectoryAboveIsNotEntered) {
   MakeTree(from_, {{"sub/a", "1"}});
   for (const char* const name : {"sub/1", "sub/2", "sub/3"}) MakeLink("..", from_ + "/" + name);
   MakeLink(".", from_ + "/self");
@@ -293,7 +293,7 @@ TEST_F(DirectoryCopy, ALinkBackToADirectoryOnTheWayIsNotEntered) {
   EXPECT_THAT(ContentsOf(to_), UnorderedElementsAre(Pair("sub/", ""), Pair("sub/a", "1")));
 }
 
-TEST_F(DirectoryCopy, ADestinationInTheSourceIsNotCopiedIntoItself) {
+TEST_F(DirectoryCopy, DestinationInTheSourceIsNotCopiedIntoItself) {
   MakeTree(from_, {{"a", "1"}, {"backup/", ""}});
   to_ = from_ + "/backup";
   EXPECT_TRUE(Copy());
@@ -316,7 +316,7 @@ TEST_F(DirectoryCopy, DestinationInTheSourceIsTraced) {
                   "CDirectory::CopyDir() - Subdirectory is part of this copy already and will not be entered."));
 }
 
-TEST_F(DirectoryCopy, AFileThatIsItsOwnTargetKeepsItsContents) {
+TEST_F(DirectoryCopy, FileThatIsItsOwnTargetKeepsItsContents) {
   MakeTree(dir_.Path(),
            {{"from/same", "1"}, {"from/hard", "22"}, {"from/soft", "333"}, {"from/sub/x", "4"}, {"to/", ""}});
   std::filesystem::create_hard_link(from_ + "/hard", to_ + "/hard");
@@ -329,7 +329,7 @@ TEST_F(DirectoryCopy, AFileThatIsItsOwnTargetKeepsItsContents) {
   EXPECT_EQ(ContentsOf(from_), before);
 }
 
-TEST_F(DirectoryCopy, AFileThatIsItsOwnTargetNeedNotBeWritable) {
+TEST_F(DirectoryCopy, FileThatIsItsOwnTargetNeedNotBeWritable) {
   MakeTree(from_, {{"a", "1"}});
   chmod((from_ + "/a").c_str(), 0444);
   to_ = from_;
@@ -337,7 +337,7 @@ TEST_F(DirectoryCopy, AFileThatIsItsOwnTargetNeedNotBeWritable) {
   EXPECT_EQ(ReadFile(from_ + "/a"), "1");
 }
 
-TEST_F(DirectoryCopy, ALinkBackToTheSourceAsTargetKeepsTheContents) {
+TEST_F(DirectoryCopy, LinkToTheSourceAsTargetKeepsTheContents) {
   MakeTree(from_, {{"a", "1"}});
   MakeLink("a", from_ + "/b");
   MakeLink("from", to_);
@@ -376,27 +376,27 @@ TEST_F(DirectoryCopyFailure, FifoAsTargetFailsTheCopyAndIsNotWaitedFor) {
   EXPECT_TRUE(Copy("*.*", false));
 }
 
-TEST_F(DirectoryCopyFailure, ADirectoryInPlaceOfATargetFile) {
+TEST_F(DirectoryCopyFailure, DirectoryInPlaceOfATargetFile) {
   MakeTree(dir_.Path(), {{"from/a", "1"}, {"to/a/b", "2"}});
   EXPECT_THAT(TraceOfCopy(1, false), ElementsAre(FileFailed("Is a directory")));
-  EXPECT_TRUE(Copy("*.*", false));  // there is something of that name, so it is left
+  EXPECT_TRUE(Copy("*.*", false));  // the name exists, so it is not overwritten
   EXPECT_THAT(ContentsOf(to_), UnorderedElementsAre(Pair("a/", ""), Pair("a/b", "2")));
 }
 
-TEST_F(DirectoryCopyFailure, AFileInPlaceOfTheDestinationFailsWithTheFirstFile) {
+TEST_F(DirectoryCopyFailure, FileInPlaceOfTheDestinationFailsWithTheFirstFile) {
   MakeTree(dir_.Path(), {{"from/a", "1"}, {"to", "a file"}});
   EXPECT_THAT(TraceOfCopy(1, false), ElementsAre(FileFailed("Not a directory")));
   EXPECT_EQ(ReadFile(to_), "a file");
 }
 
-TEST_F(DirectoryCopyFailure, ALinkThatLeadsNowhereAsTarget) {
+TEST_F(DirectoryCopyFailure, DanglingLinkAsTarget) {
   MakeTree(dir_.Path(), {{"from/a", "1"}, {"to/", ""}});
   MakeLink("nowhere", to_ + "/a");
   EXPECT_THAT(TraceOfCopy(1, false), ElementsAre(FileFailed("No such file or directory")));
   EXPECT_TRUE(Copy("*.*", false));
 }
 
-TEST_F(DirectoryCopyFailure, AFileInPlaceOfADirectoryAboveTheDestination) {
+TEST_F(DirectoryCopyFailure, FileInPlaceOfADirectoryAboveTheDestination) {
   MakeTree(dir_.Path(), {{"from/a", "1"}, {"to", "a file"}});
   to_ += "/deep/er";
   EXPECT_THAT(
@@ -405,7 +405,7 @@ TEST_F(DirectoryCopyFailure, AFileInPlaceOfADirectoryAboveTheDestination) {
                   "CDirectory::CopyDir() - ## ERROR: Could not create destination dir. Error: Not a directory"));
 }
 
-TEST_F(DirectoryCopyFailure, AFileInPlaceOfASubdirectoryIsTracedOnEveryLevel) {
+TEST_F(DirectoryCopyFailure, FileInPlaceOfASubdirectoryIsTracedOnEveryLevel) {
   MakeTree(dir_.Path(), {{"from/s/t/a", "1"}, {"to/s/t", "a file"}});
   EXPECT_THAT(
       TraceOfCopy(5, false),
@@ -419,14 +419,14 @@ TEST_F(DirectoryCopyFailure, AFileInPlaceOfASubdirectoryIsTracedOnEveryLevel) {
                   "CDirectory::CopyDir() - ## ERROR: Subdirectory could not be copied. Not a directory"));
 }
 
-TEST_F(DirectoryCopyFailure, AFileThatMayNotBeRead) {
+TEST_F(DirectoryCopyFailure, UnreadableFile) {
   MakeTree(dir_.Path(), {{"from/a", "1"}, {"to/", ""}});
   chmod((from_ + "/a").c_str(), 0);
   const auto copy = [this] { return !Copy() && errno == EACCES; };
   EXPECT_TRUE(AsOrdinaryUser(dir_.Path(), copy));
 }
 
-TEST_F(DirectoryCopyFailure, AnExistingFileThatMayNotBeWritten) {
+TEST_F(DirectoryCopyFailure, UnwritableTargetFile) {
   MakeTree(dir_.Path(), {{"from/a", "1"}, {"to/a", "old"}});
   chmod((to_ + "/a").c_str(), 0444);
   const auto copy = [this] { return !Copy() && errno == EACCES; };
@@ -441,7 +441,7 @@ std::string PathOfSize(const std::string& dir, std::size_t size) {
   return path + "/" + std::string(size - path.size() - 1, 'e');
 }
 
-TEST_F(DirectoryCopyFailure, DestinationLongerThan259CharactersFailsUncut) {
+TEST_F(DirectoryCopyFailure, DestinationLongerThan259CharactersFailsAndIsNotCut) {
   MakeTree(from_, {{"a", "1"}});
   to_ = PathOfSize(dir_.Path(), 259);
   EXPECT_TRUE(Copy());
@@ -454,7 +454,7 @@ TEST_F(DirectoryCopyFailure, DestinationLongerThan259CharactersFailsUncut) {
   EXPECT_FALSE(Exists(dir_.File("other")));
 }
 
-TEST_F(DirectoryCopyFailure, SubdirectoryLongerThan259CharactersFailsUncut) {
+TEST_F(DirectoryCopyFailure, SubdirectoryLongerThan259CharactersFailsAndIsNotCut) {
   MakeTree(from_, {{"sub/a", "1"}});
   to_ = PathOfSize(dir_.Path(), 256);
   EXPECT_THAT(TraceOfCopy(1, false),
@@ -463,7 +463,7 @@ TEST_F(DirectoryCopyFailure, SubdirectoryLongerThan259CharactersFailsUncut) {
   EXPECT_THAT(ContentsOf(to_), IsEmpty());
 }
 
-TEST_F(DirectoryCopyFailure, AWideAndDeepTreeNeedsFewDescriptors) {
+TEST_F(DirectoryCopyFailure, WideAndDeepTreeNeedsFewDescriptors) {
   std::string path;
   for (int depth = 0; depth < 60; ++depth) {
     path += "d/";

@@ -1,4 +1,4 @@
-// Several threads copy and remove at once: each tree is what its own thread made of it, and every trace line is whole.
+// Several threads copy and remove at once: each thread changes only its own tree, and every trace line is whole.
 #include <gtest/gtest.h>
 
 #include <string>

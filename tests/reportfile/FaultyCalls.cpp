@@ -36,19 +36,19 @@ void RunHook(off_t offset) {
   before_read = action;
 }
 
-// How much of a read there is before the bad byte; nothing at it.
+// The number of bytes before the unreadable byte, at most `size`; 0 at that byte.
 std::size_t Readable(off_t offset, std::size_t size) {
   const auto end = static_cast<off_t>(offset + static_cast<off_t>(size));
   return bad_byte >= offset && bad_byte < end ? static_cast<std::size_t>(bad_byte - offset) : size;
 }
 
-// What call number `call` does instead of asking the system for `wanted` bytes: how many bytes it handles, or -1.
-ssize_t Outcome(const Faults& faults, int call, std::size_t wanted) {
-  if (!faults.Meets(call)) return static_cast<ssize_t>(wanted);
+// What call number `call` returns instead of asking the system for `requested` bytes: a number of bytes, or -1.
+ssize_t Outcome(const Faults& faults, int call, std::size_t requested) {
+  if (!faults.Meets(call)) return static_cast<ssize_t>(requested);
   const bool is_first = call == faults.fault.nth;
   if (is_first && faults.fault.kind == CallFault::Kind::kTakesNothing) return 0;
   if (is_first && faults.fault.kind == CallFault::Kind::kTakesSome) {
-    return static_cast<ssize_t>(std::min<std::uint64_t>(faults.fault.some, wanted));
+    return static_cast<ssize_t>(std::min<std::uint64_t>(faults.fault.some, requested));
   }
   errno = faults.fault.error;
   return -1;
@@ -63,10 +63,10 @@ ssize_t __real_pwrite(int fd, const void* from, std::size_t size, off_t offset);
 ssize_t __real_pread(int fd, void* to, std::size_t size, off_t offset);
 
 ssize_t __wrap_pwritev(int fd, const iovec* parts, int count, off_t offset) {
-  std::size_t wanted = 0;
-  for (int i = 0; i < count; ++i) wanted += parts[i].iov_len;
-  const ssize_t allowed = Outcome(writes, ++writes.calls, wanted);
-  if (allowed == static_cast<ssize_t>(wanted)) return __real_pwritev(fd, parts, count, offset);
+  std::size_t requested = 0;
+  for (int i = 0; i < count; ++i) requested += parts[i].iov_len;
+  const ssize_t allowed = Outcome(writes, ++writes.calls, requested);
+  if (allowed == static_cast<ssize_t>(requested)) return __real_pwritev(fd, parts, count, offset);
   ssize_t left = allowed;
   for (int i = 0; i < count && left > 0; ++i) {
     const iovec part = {parts[i].iov_base, std::min(parts[i].iov_len, static_cast<std::size_t>(left))};

@@ -1,5 +1,5 @@
-// Makes the store's reads and writes fail on demand: the test program is linked so that its calls of pwrite, pwritev
-// and pread come through here. Without an instruction they go straight to the system and are counted.
+// Makes the store's reads and writes fail on demand: the test program is linked so that these functions replace pwrite,
+// pwritev and pread. Without an instruction they call the system and are counted.
 #pragma once
 
 #include <sys/types.h>
@@ -14,14 +14,14 @@ inline constexpr int kAllLater = 1 << 30;
 struct CallFault {
   enum class Kind { kNone, kFails, kTakesSome, kTakesNothing };
   Kind kind = Kind::kNone;
-  int nth = 0;             // the call that meets it, counted from 1
+  int nth = 0;             // the call that fails, counted from 1
   int error = 0;           // kFails: errno
-  std::uint64_t some = 0;  // kTakesSome: bytes that the call takes or gives
-  int more_failing = 0;    // calls right behind it that fail with `error`
+  std::uint64_t some = 0;  // kTakesSome: bytes that the call writes or reads
+  int more_failing = 0;    // calls directly after it that fail with `error`
 };
 
-// Lets something happen before every read, as a writer in another process would: the action gets the number of the
-// call, counted from 1 at the construction. Reads of the action itself do not count.
+// Runs an action before every read, like a writer in another process. The action gets the number of the call, counted
+// from 1 at the construction. Reads of the action itself do not count.
 class ScopedReadHook {
  public:
   explicit ScopedReadHook(std::function<void(int call)> action);
@@ -29,11 +29,11 @@ class ScopedReadHook {
   ScopedReadHook(const ScopedReadHook&) = delete;
   ScopedReadHook& operator=(const ScopedReadHook&) = delete;
   static int Calls();
-  // Where the read begins before which the action runs.
+  // The offset of the read before which the action runs.
   static off_t Offset();
 };
 
-// A place that cannot be read, in any file: a read ends before the byte at `offset`, and fails with EIO at it.
+// An unreadable offset, in any file: a read ends before the byte at `offset`, and fails with EIO at it.
 class ScopedBadByte {
  public:
   explicit ScopedBadByte(off_t offset);
@@ -42,7 +42,7 @@ class ScopedBadByte {
   ScopedBadByte& operator=(const ScopedBadByte&) = delete;
 };
 
-// Instructs the calls of one kind from construction to the end of the scope, and counts them.
+// Sets the faults of one kind of call from construction to the end of the scope, and counts the calls.
 class ScopedWriteFault {
  public:
   explicit ScopedWriteFault(const CallFault& fault = {});

@@ -1,5 +1,5 @@
-// The store in its plainest form: buffered streams, one seek and one byte at a time. Slow and obvious, it is what the
-// store's bytes and the records of every reader are compared with.
+// The store in its plainest form: buffered streams, one seek and one byte at a time. Slow and obvious: the oracle for
+// the store's bytes and for the records of every reader.
 #pragma once
 
 #include <cstdint>

@@ -36,8 +36,8 @@ TEST(RecordEnds, PieceOfARecord) {
   }
 }
 
-// Each of the 256 byte values at each place of buffers of each small length: an end is found where it stands.
-TEST(RecordEnds, EveryByteValueAtEveryPlaceIsJudgedAsByThePlainForm) {
+// Each of the 256 byte values at each position of buffers of each small length: each end is found.
+TEST(RecordEnds, EveryByteValueAtEveryPositionAgreesWithThePlainForm) {
   for (std::size_t size = 1; size <= 40; ++size) {
     for (std::size_t place = 0; place < size; ++place) {
       for (int value = 0; value < 256; ++value) {
@@ -52,7 +52,7 @@ TEST(RecordEnds, EveryByteValueAtEveryPlaceIsJudgedAsByThePlainForm) {
   }
 }
 
-TEST(RecordEnds, PlainFormKnowsTheThreeBytes) {
+TEST(RecordEnds, PlainFormFindsTheThreeBytes) {
   int ends = 0;
   for (int value = 0; value < 256; ++value) ends += EndsText(static_cast<char>(value)) ? 1 : 0;
   EXPECT_EQ(ends, 3);
@@ -60,7 +60,7 @@ TEST(RecordEnds, PlainFormKnowsTheThreeBytes) {
   EXPECT_TRUE(EndsText('\n') && EndsText('\0') && EndsText('\xFF'));
 }
 
-TEST(RecordEnds, CountsMoreThanAByteHoldsInEachLane) {
+TEST(RecordEnds, MoreThan255EndsInEachLaneAreCounted) {
   for (const std::size_t size : {16U * 255, 16U * 256, 16U * 511 + 7, 32U * 255, 32U * 256 + 31, 65536U}) {
     EXPECT_EQ(CountTextEnds(std::string(size, '\n')), size);
     EXPECT_EQ(CountTextEndsNarrow(std::string(size, '\n')), size);
@@ -82,7 +82,7 @@ TEST(RecordEnds, RandomBytesAgreeWithThePlainForm) {
   }
 }
 
-// The bytes stand right before a page that must not be touched.
+// The bytes are directly before a page without access.
 TEST(RecordEnds, NothingAfterTheBytesIsRead) {
   const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   void* const pages = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

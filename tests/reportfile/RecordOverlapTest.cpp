@@ -1,4 +1,4 @@
-// The place where a reader left off, found by hashes alone.
+// Hashes alone find the record up to which a reader has read.
 #include "reportfile/tools/RecordOverlap.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@ namespace {
 
 using Hashes = std::vector<std::uint64_t>;
 
-// "abc" => three hashes, one a letter
+// "abc" => three hashes, one for each letter
 Hashes Of(std::string_view letters) { return {letters.begin(), letters.end()}; }
 
 OverlapPlace Find(std::string_view overlap, std::string_view window, bool from_oldest = true) {
@@ -27,7 +27,7 @@ OverlapPlace Ambiguous(std::size_t index, std::size_t compared) {
   return {OverlapVerdict::kAmbiguous, index, compared};
 }
 
-// What the rules say, a place at a time and letter by letter.
+// The same rules in their plain form: one position after another, letter by letter.
 OverlapPlace FindPlainly(const std::string& overlap, const std::string& window, bool from_oldest) {
   std::vector<OverlapPlace> places;
   for (std::size_t index = 0; index <= window.size(); ++index) {
@@ -48,52 +48,52 @@ OverlapPlace FindPlainly(const std::string& overlap, const std::string& window, 
 
 }  // namespace
 
-TEST(RecordOverlap, ARingThatDidNotMoveHasTheOverlapWhereItWas) {
+TEST(RecordOverlap, RingThatDidNotAdvanceHasTheOverlapWhereItWas) {
   EXPECT_EQ(Find("cde", "abcde"), Found(5, 3));
   EXPECT_EQ(Find("cde", "abcdefg"), Found(5, 3));
 }
 
-TEST(RecordOverlap, ARingThatMovedHasItFurtherToTheFront) { EXPECT_EQ(Find("cde", "bcdef"), Found(4, 3)); }
+TEST(RecordOverlap, RingThatAdvancedHasTheOverlapFurtherToTheFront) { EXPECT_EQ(Find("cde", "bcdef"), Found(4, 3)); }
 
-TEST(RecordOverlap, APartAtTheFrontIsEnoughWhereTheRingBegins) {
+TEST(RecordOverlap, PartOfTheOverlapIsEnoughAtTheFrontOfTheRing) {
   EXPECT_EQ(Find("cde", "efghi"), Found(1, 1));
   EXPECT_EQ(Find("cde", "defghi"), Found(2, 2));
-  EXPECT_EQ(Find("cde", "efghi", false), kMissing) << "something else may stand before the window";
+  EXPECT_EQ(Find("cde", "efghi", false), kMissing) << "another record may be before the window";
 }
 
-TEST(RecordOverlap, WithoutThemAllNothingFits) {
+TEST(RecordOverlap, OverlapThatIsNotInTheRingIsNotFound) {
   EXPECT_EQ(Find("cde", "fghij"), kMissing);
   EXPECT_EQ(Find("cde", ""), kMissing);
   EXPECT_EQ(Find("cde", "abcdx"), kMissing);
 }
 
-TEST(RecordOverlap, TheBeginningOfTheOverlapAloneIsNoPlace) { EXPECT_EQ(Find("cde", "abcd"), kMissing); }
+TEST(RecordOverlap, BeginningOfTheOverlapAloneIsNotAPosition) { EXPECT_EQ(Find("cde", "abcd"), kMissing); }
 
-TEST(RecordOverlap, SeveralPlacesAreAmbiguousAndTheLastIsGiven) {
+TEST(RecordOverlap, SeveralPositionsAreAmbiguousAndTheLastIsReturned) {
   EXPECT_EQ(Find("ab", "abxaby"), Ambiguous(5, 2));
-  EXPECT_EQ(Find("abca", "abca"), Ambiguous(4, 4)) << "the ring may have moved by three and a be the only one left";
+  EXPECT_EQ(Find("abca", "abca"), Ambiguous(4, 4)) << "the ring may have advanced by three, with only the last a left";
 }
 
-TEST(RecordOverlap, EqualRecordsAreAmbiguousEvenAtOnePlace) { EXPECT_EQ(Find("aaa", "xaaay"), Ambiguous(4, 3)); }
+TEST(RecordOverlap, EqualRecordsAreAmbiguousEvenAtOnePosition) { EXPECT_EQ(Find("aaa", "xaaay"), Ambiguous(4, 3)); }
 
-TEST(RecordOverlap, OneRecordIsEnoughIfItIsAllThatWasDelivered) {
+TEST(RecordOverlap, OneRecordIsEnoughIfOnlyOneWasDelivered) {
   EXPECT_EQ(Find("a", "a"), Found(1, 1));
   EXPECT_EQ(Find("a", "ab"), Found(1, 1));
   EXPECT_EQ(Find("a", "aa"), Ambiguous(2, 1));
 }
 
-TEST(RecordOverlap, APartOfRecordsThatRepeatIsAmbiguous) {
+TEST(RecordOverlap, PartOfRecordsThatRepeatIsAmbiguous) {
   EXPECT_EQ(Find("cdcde", "exyz"), Ambiguous(1, 1));
   EXPECT_EQ(Find("bcde", "exyz"), Found(1, 1));
 }
 
-TEST(RecordOverlap, HashesAreThoseOfStateFilesForEver) {
+TEST(RecordOverlap, HashesStayThoseOfStateFiles) {
   EXPECT_EQ(RecordHash(""), 0xcbf29ce484222325U);
   EXPECT_EQ(RecordHash("a\r\n"), 0xe5ad9b1904074ddbU);
   EXPECT_NE(RecordHash("a\n"), RecordHash("a\r\n"));
 }
 
-TEST(RecordOverlap, RandomWindowsGiveWhatThePlainRulesGive) {
+TEST(RecordOverlap, RandomWindowsAgreeWithThePlainRules) {
   std::mt19937_64 random(test::Seed("RecordOverlap"));
   const auto letters = [&](std::size_t count, int kinds) {
     std::string text;

@@ -1,4 +1,4 @@
-// Records that change or cannot be read while they are taken.
+// Records that change, or cannot be read, during a read of many.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -14,10 +14,10 @@ namespace {
 class RecordReaderRace : public RecordReaderTest {};
 
 // A writer replaces the first record while it is read: it stores the new text, then the slot, and later overwrites the
-// old text. Before whichever read this happens, one of the two records comes, whole.
-TEST_F(RecordReaderRace, RecordReplacedBeforeAnyReadComesWhole) {
+// old text. Before whichever read this happens, the result is one of the two records, whole.
+TEST_F(RecordReaderRace, RecordReplacedBeforeAnyReadIsWhole) {
   for (const std::size_t text_bytes : {1U, 100U, 5000U, 70000U}) {
-    for (const char* const end : {"\r\n", "\nrest\r\n"}) {  // taken in runs, and one by one
+    for (const char* const end : {"\r\n", "\nrest\r\n"}) {  // read in runs, and one by one
       const std::string first = std::string(text_bytes, 'a') + end;
       const std::string second = std::string(text_bytes, 'b') + end;
       const std::string third = std::string(text_bytes, 'c') + end;
@@ -41,7 +41,7 @@ TEST_F(RecordReaderRace, RecordReplacedBeforeAnyReadComesWhole) {
   }
 }
 
-TEST_F(RecordReaderRace, SlotsThatAppearWhileTheyAreMissingAreFollowed) {
+TEST_F(RecordReaderRace, SlotsThatAreWrittenDuringTheReadAreUsed) {
   for (int nth = 1; nth <= 8; ++nth) {
     Open(StoreFiles::FullRing(3), {}, "a\r\nb\r\n");
     const ScopedReadHook hook([&](int call) {
@@ -54,7 +54,7 @@ TEST_F(RecordReaderRace, SlotsThatAppearWhileTheyAreMissingAreFollowed) {
   }
 }
 
-// A new window of slots comes with newer texts: what was read before its slot does not count.
+// A new window of slots needs newer texts: a text that was read before its slot is dropped.
 TEST_F(RecordReaderRace, TextThatWasReadBeforeItsSlotIsReadAgain) {
   Open(std::vector<std::uint32_t>(300, 0), "a\r\na\r\n");
   std::string out;
@@ -65,8 +65,8 @@ TEST_F(RecordReaderRace, TextThatWasReadBeforeItsSlotIsReadAgain) {
   EXPECT_EQ(out, "a\r\nz\r\n");
 }
 
-// Slots that change while they are read, all the time: three times slot, text, slot, and then the text is taken.
-TEST_F(RecordReaderRace, ThirdReadOfAChangingSlotCounts) {
+// Slots that change during every read: slot, text and slot are read three times, and then the text is returned.
+TEST_F(RecordReaderRace, ThirdReadOfAChangingSlotIsUsed) {
   Open({0}, "a\r\nb\r\n");
   const ScopedReadHook hook([&](int call) { files_.WriteSlot(0, call % 2 == 0 ? 0 : 3); });
   std::string line;
@@ -76,7 +76,7 @@ TEST_F(RecordReaderRace, ThirdReadOfAChangingSlotCounts) {
   EXPECT_EQ(ScopedReadHook::Calls(), 1 + 3 * kReadsATry);
 }
 
-TEST_F(RecordReaderRace, ReadLineGivesAReplacedRecordWhole) {
+TEST_F(RecordReaderRace, ReadLineReturnsAReplacedRecordWhole) {
   for (int nth = 1; nth <= 5; ++nth) {
     Open({0}, "aaaa\r\nbbbb\r\n");
     const ScopedReadHook hook([&](int call) {
@@ -90,7 +90,7 @@ TEST_F(RecordReaderRace, ReadLineGivesAReplacedRecordWhole) {
   }
 }
 
-TEST_F(RecordReaderRace, SlotThatChangesDropsTheTextsOfItsBatchAlone) {
+TEST_F(RecordReaderRace, ChangedSlotDropsOnlyTheTextsOfItsBatch) {
   const std::string line(98, 'l');
   std::string data;
   std::vector<std::uint32_t> slots;
@@ -102,7 +102,7 @@ TEST_F(RecordReaderRace, SlotThatChangesDropsTheTextsOfItsBatchAlone) {
   EXPECT_TRUE(TakeAll() == data);
 }
 
-// Each read fails once, and then all the later ones: records come whole and in order, none of them twice.
+// Each read fails once, then all later reads fail: records are whole, in order, and never returned twice.
 class RecordReaderFault : public RecordReaderTest {
  protected:
   void ExpectPrefix(const TakenRecords& taken, const std::string& out, const std::vector<std::string>& records) {
@@ -118,7 +118,7 @@ class RecordReaderFault : public RecordReaderTest {
     }
   }
 
-  // Records of `text_bytes`; `end` decides whether they can be taken in runs.
+  // Records of `text_bytes`; `end` decides whether they can be read in runs.
   std::vector<std::string> OpenRecords(std::size_t count, std::size_t text_bytes, const std::string& end) {
     std::vector<std::string> records;
     std::vector<std::uint32_t> slots;
@@ -152,7 +152,7 @@ TEST_F(RecordReaderFault, OneFailedReadLosesAndRepeatsNothing) {
   }
 }
 
-TEST_F(RecordReaderFault, ReadsThatGoOnFailingEndTheTakingWithTheirError) {
+TEST_F(RecordReaderFault, ReadsThatKeepFailingEndTakeWithTheirError) {
   for (const std::size_t text_bytes : {10U, 3000U, 100000U}) {
     const std::vector<std::string> records = OpenRecords(60, text_bytes, "\r\n");
     bool is_over = false;
@@ -169,7 +169,7 @@ TEST_F(RecordReaderFault, ReadsThatGoOnFailingEndTheTakingWithTheirError) {
   }
 }
 
-TEST_F(RecordReaderFault, RecordOnABadPlaceEndsTheTakingBeforeIt) {
+TEST_F(RecordReaderFault, UnreadableRecordEndsTakeBeforeIt) {
   const std::vector<std::string> records = OpenRecords(3000, 98, "\r\n");
   const ScopedBadByte bad(100 * 1777 + 50);
   std::string out;
@@ -188,7 +188,7 @@ TEST_F(RecordReaderFault, RecordOnABadPlaceEndsTheTakingBeforeIt) {
   EXPECT_EQ(out, "kept");
 }
 
-TEST_F(RecordReaderFault, SlotOnABadPlaceEndsTheTakingBeforeIt) {
+TEST_F(RecordReaderFault, UnreadableSlotEndsTakeBeforeIt) {
   const std::vector<std::string> records = OpenRecords(3000, 0, "\r\n");
   const ScopedBadByte bad(report::SlotOffset(2500) + 2);  // beyond the end of the data file's 6000 bytes
   std::string out;
@@ -197,7 +197,7 @@ TEST_F(RecordReaderFault, SlotOnABadPlaceEndsTheTakingBeforeIt) {
   ExpectPrefix(taken, out, records);
 }
 
-TEST_F(RecordReaderFault, ReadLineFailsAndLeavesTheTextAlone) {
+TEST_F(RecordReaderFault, ReadLineFailsAndLeavesTheTextUnchanged) {
   (void)OpenRecords(12, 10000, "\r\n");
   for (int nth = 1; nth <= 5; ++nth) {  // slot, text, text, slot
     std::string line = "unchanged";
@@ -211,7 +211,7 @@ TEST_F(RecordReaderFault, ReadLineFailsAndLeavesTheTextAlone) {
   }
 }
 
-TEST_F(RecordReaderFault, SlotNotInUseIsNoErrorOfTheSystem) {
+TEST_F(RecordReaderFault, SlotNotInUseIsNotAnErrorOfTheSystem) {
   (void)OpenRecords(1, 10, "\r\n");
   const ScopedBadByte bad(report::SlotOffset(0));
   std::string out;

@@ -32,7 +32,7 @@ using report::TakenRecords;
 
 inline constexpr std::size_t kNoLimit = std::size_t{1} << 40;
 
-// What Take must do, in its plainest form: one readLine a slot.
+// Take in its plainest form: one readLine for each slot.
 inline TakenRecords TakeOneByOne(CReportFileBase& store, std::uint32_t first, std::uint32_t count_max,
                                  std::size_t gathered_max, std::string* out) {
   for (std::uint32_t taken = 0; taken < count_max; ++taken) {
@@ -55,7 +55,7 @@ class RecordReaderTest : public testing::Test {
     reader_.Drop();
   }
 
-  // All slots in use, as many as given.
+  // All given slots are in use.
   void Open(const std::vector<std::uint32_t>& slots, std::string_view data) {
     Open(StoreFiles::FullRing(static_cast<std::uint32_t>(slots.size())), slots, data);
   }

@@ -1,4 +1,4 @@
-// Records through windows: the results must be those of readLine for each slot in turn, whatever the files hold.
+// Records through windows: for all files, the results must be those of readLine for each slot in turn.
 #include "reportfile/RecordReader.h"
 
 #include <gmock/gmock.h>
@@ -57,7 +57,7 @@ TEST_F(RecordReaderTest, RecordThatEndsAfterTheNextSlotIsTakenToItsEnd) {
 }
 
 TEST_F(RecordReaderTest, OverlappingRecordsWhoseTextEndsAddUpAreNotTakenWhole) {
-  // Two text ends between the slots of two records, but both stand in the second one.
+  // There are two text ends between the slots of two records, but both are in the second one.
   Open({0, 2, 5}, "abc\n\nxyz\n");
   EXPECT_EQ(TakeAll(), "abc\nc\nxyz\n");
 }
@@ -87,7 +87,7 @@ TEST_F(RecordReaderTest, TakeStopsAfterTheLastSlotInUse) {
   EXPECT_EQ(out, "a\r\nb\r\n");
 }
 
-TEST_F(RecordReaderTest, TakeOfNothingReachesItsCount) {
+TEST_F(RecordReaderTest, TakeOfZeroRecordsReachesItsCount) {
   Open({0, 3}, "a\r\nb\r\n");
   std::string out = "kept";
   EXPECT_EQ(reader_.Take(0, {0, 0}, &out), (TakenRecords{0, TakeEnd::kCountReached}));
@@ -106,7 +106,7 @@ TEST_F(RecordReaderTest, GatheredTextStaysBelowItsLimit) {
   }
 }
 
-TEST_F(RecordReaderTest, LimitBelowWhatTheCallerHoldsTakesNothing) {
+TEST_F(RecordReaderTest, LimitBelowTheCallersTextTakesNothing) {
   Open({0}, "\0"s);
   std::string out = "held";
   EXPECT_EQ(reader_.Take(0, {1, 4}, &out), (TakenRecords{0, TakeEnd::kChunkFull}));
@@ -121,7 +121,7 @@ TEST_F(RecordReaderTest, SlotNotInUseComesBeforeARecordThatDoesNotFit) {
   EXPECT_EQ(reader_.Take(1, {1, 0}, &out), (TakenRecords{0, TakeEnd::kReadFailed}));
 }
 
-TEST_F(RecordReaderTest, ClosedStoreGivesNothing) {
+TEST_F(RecordReaderTest, ClosedStoreReturnsNothing) {
   Open({0, 3}, "a\r\nb\r\n");
   store_.Close();
   std::string out = "kept";
@@ -143,7 +143,7 @@ TEST_F(RecordReaderTest, ReadAppendsOneRecord) {
   EXPECT_EQ(out, "kept bb\r\naa\r\n");
 }
 
-TEST_F(RecordReaderTest, ReadOfARecordThatReachesItsLimitGivesNothing) {
+TEST_F(RecordReaderTest, ReadOfARecordThatReachesItsLimitReturnsNothing) {
   Open({4, 0}, "aa\r\nbb\r\n");
   std::string out = "kept";
   for (std::size_t limit = 0; limit <= 4; ++limit) {
@@ -171,7 +171,7 @@ TEST_F(RecordReaderTest, RecordWithoutAnEndIsReadNoFurtherThanItsLimit) {
   std::string out;
   EXPECT_EQ(reader_.Take(0, {1, kWindowBytes * 2}, &out), (TakenRecords{0, TakeEnd::kChunkFull}));
   EXPECT_EQ(out, "");
-  EXPECT_LE(ScopedReadFault::Calls(), 6);  // one of slots, and the data up to the limit
+  EXPECT_LE(ScopedReadFault::Calls(), 6);  // one read of slots, and the data up to the limit
   EXPECT_LE(out.capacity(), kWindowBytes * 5);
 }
 
@@ -190,8 +190,8 @@ TEST_F(RecordReaderTest, BracketInATakenRecordIsReported) {
   }
 }
 
-// A long run with an exception near its end: what was read of it must leave no trace in what the caller holds.
-TEST_F(RecordReaderTest, ALongRunWithAnExceptionIsTakenRecordByRecord) {
+// A long run with an exception near its end: what was read before must not be in the caller's text.
+TEST_F(RecordReaderTest, LongRunWithAnExceptionIsTakenRecordByRecord) {
   const std::string line = std::string(98, 'x') + "\r\n";
   std::string data;
   std::vector<std::uint32_t> slots;
@@ -219,7 +219,7 @@ TEST_F(RecordReaderTest, ReopenedStoreIsReadAgainAfterDrop) {
   EXPECT_EQ(TakeAll(), "other\r\n");
 }
 
-TEST_F(RecordReaderTest, RunOfShortRecordsCostsAReadAWindow) {
+TEST_F(RecordReaderTest, RunOfShortRecordsNeedsOneReadForEachWindow) {
   OpenAppended(20000, 50);
   const ScopedReadFault reads;
   EXPECT_EQ(TakeAll().size(), 20000U * 52);
@@ -231,7 +231,7 @@ TEST_F(RecordReaderTest, RunOfShortRecordsCostsAReadAWindow) {
   EXPECT_LE(ScopedReadFault::Calls(), kDataReads + 2 * kSlotReads + kSlotChecks + 4);
 }
 
-TEST_F(RecordReaderTest, RecordsWithLineFeedsCostNoReadEach) {
+TEST_F(RecordReaderTest, RecordsWithLineFeedsDoNotNeedOneReadEach) {
   CReportFileBase writer;
   ASSERT_TRUE(writer.Open(files_.Path(), 5000));
   for (int i = 0; i < 5000; ++i) ASSERT_TRUE(writer.writeLine("first line\nsecond line"));
@@ -241,7 +241,7 @@ TEST_F(RecordReaderTest, RecordsWithLineFeedsCostNoReadEach) {
   EXPECT_LE(ScopedReadFault::Calls(), 20);
 }
 
-// Billions of slots that the index file does not hold, all of them a record without text.
+// Billions of slots that the index file does not have; each is a record without text.
 TEST_F(RecordReaderTest, HeaderThatClaimsBillionsOfSlotsIsAnsweredAtOnce) {
   Open({.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF}, {2}, "\0a\n"s);
   const ScopedReadFault reads;
@@ -251,7 +251,7 @@ TEST_F(RecordReaderTest, HeaderThatClaimsBillionsOfSlotsIsAnsweredAtOnce) {
   EXPECT_LE(ScopedReadFault::Calls(), 10);
 }
 
-// An index file of 16 GiB that occupies a few KiB: the header, one slot in the middle and one at the end.
+// An index file of 16 GiB that uses a few KiB: the header, one slot in the middle and one at the end.
 TEST_F(RecordReaderTest, SparseIndexOfBillionsOfSlotsIsAnsweredAtOnce) {
   Open({.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF}, {2}, "\0a\nb\n"s);
   const std::uint32_t slot_of_b = 0x80000001;
@@ -265,7 +265,7 @@ TEST_F(RecordReaderTest, SparseIndexOfBillionsOfSlotsIsAnsweredAtOnce) {
   EXPECT_LE(ScopedReadFault::Calls(), 60);
 }
 
-TEST_F(RecordReaderTest, HolesOfTheIndexFileAreNotSkippedWhereTheyHaveText) {
+TEST_F(RecordReaderTest, HolesOfTheIndexFileAreNotSkippedIfOffsetZeroHasText) {
   Open({.maxRecord = 100000, .highestIndex = 100000}, {2}, "x\ny\n");
   ASSERT_EQ(truncate(files_.IndexPath().c_str(), report::SlotOffset(100000)), 0);
   ExpectTakeAgrees(0, 100000, kNoLimit);
@@ -281,7 +281,7 @@ TEST_F(RecordReaderTest, SlotAfterAHoleIsTaken) {
   }
 }
 
-TEST_F(RecordReaderTest, EnoughTextEndsTheTaking) {
+TEST_F(RecordReaderTest, EnoughTextEndsTake) {
   Open({1, 1, 2, 4, 6}, "a\0b\nc\nd\n"s);
   std::string out;
   EXPECT_EQ(reader_.Take(0, {5, kNoLimit, 1}, &out), (TakenRecords{3, TakeEnd::kEnough}));
@@ -291,17 +291,17 @@ TEST_F(RecordReaderTest, EnoughTextEndsTheTaking) {
   EXPECT_EQ(reader_.Take(2, {3, kNoLimit, 6}, &out), (TakenRecords{3, TakeEnd::kCountReached}));
 }
 
-TEST_F(RecordReaderTest, BillionsOfSlotsWithATextFillTheChunkAndNoMore) {
+TEST_F(RecordReaderTest, BillionsOfSlotsWithATextFillOnlyOneChunk) {
   Open({.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF}, {}, "a\r\n");
   std::string out;
   EXPECT_EQ(reader_.Take(5, {0xFFFFFFF0, 0x100000}, &out), (TakenRecords{0x100000 / 3, TakeEnd::kChunkFull}));
   EXPECT_EQ(out.size(), 0x100000U / 3 * 3);
 }
 
-TEST_F(RecordReaderTest, LastSlotNumberOfAllCanBeTaken) {
+TEST_F(RecordReaderTest, LastPossibleSlotCanBeTaken) {
   Open({.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF}, {}, "a\r\nb\r\n");
-  // A hole, then 3 in the last two slots that can be in use and in places behind the last slot number of all, where a
-  // slot number that wraps around would find it.
+  // A hole, then 3 in the last two slots that can be in use and after the last possible slot, where a slot number that
+  // wraps would find it.
   ASSERT_EQ(truncate(files_.IndexPath().c_str(), report::SlotOffset(0xFFFFFFFD)), 0);
   std::FILE* const index = std::fopen(files_.IndexPath().c_str(), "ab");
   const std::vector<std::uint32_t> threes(5, 3);
@@ -319,7 +319,7 @@ TEST_F(RecordReaderTest, RecordsAfterFourGigabytesOfDataAreOutOfReachOfSlots) {
   EXPECT_EQ(TakeAll(), "a\r\n");
 }
 
-// Around the edges of both windows: the record that straddles a window's end is taken like any other.
+// Around the edges of both windows: a record across the end of a window is read like any other.
 TEST_F(RecordReaderTest, RecordsOfEveryLengthAroundTheWindowsAreTakenWhole) {
   for (const std::size_t text_bytes : {0U, 1U, 4093U, 4094U, 4095U, 32766U, 65533U, 65534U, 65535U, 70000U}) {
     OpenAppended(text_bytes < 10 ? 3 * kWindowSlots + 5 : 40, text_bytes);
@@ -380,7 +380,7 @@ class RandomStore {
     WriteFile(path, bytes);
   }
 
-  // Slots out of order, equal, overlapping, behind the end.
+  // Slots out of order, equal, overlapping, after the end.
   void DamageSlots(const StoreFiles& files) {
     std::vector<std::uint32_t> slots = files.Slots();
     if (slots.empty()) return;

@@ -1,4 +1,4 @@
-// Restores of the report directory: what is copied, what is deleted after it, and when nothing happens at all.
+// Restores of the report directory: what is copied, what is deleted afterwards, and when nothing happens.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -69,7 +69,7 @@ TEST_F(ReportFileBackup, FilesAreReplacedAndTheBackupIsRemoved) {
   EXPECT_FALSE(Exists(backup_));
 }
 
-TEST_F(ReportFileBackup, ARestoreGivesTheseLines) {
+TEST_F(ReportFileBackup, RestoreIsTraced) {
   MakeTree(backup_, {{"a.dat", "1"}});
   EXPECT_THAT(
       TraceOfRestore(6, true, reports_, backup_),
@@ -101,7 +101,7 @@ TEST_F(ReportFileBackup, QuirkHiddenEntriesOfTheBackupStayWithTheirDirectory) {
   EXPECT_THAT(ContentsOf(backup_), UnorderedElementsAre(Pair(".hidden", "2")));
 }
 
-TEST_F(ReportFileBackup, ABackupThatDoesNotExistIsASuccess) {
+TEST_F(ReportFileBackup, BackupThatDoesNotExistIsASuccess) {
   MakeTree(reports_, {{"a.dat", "1"}});
   EXPECT_THAT(
       TraceOfRestore(4, true, reports_, backup_),
@@ -112,7 +112,7 @@ TEST_F(ReportFileBackup, ABackupThatDoesNotExistIsASuccess) {
   EXPECT_THAT(ContentsOf(reports_), UnorderedElementsAre(Pair("a.dat", "1")));
 }
 
-TEST_F(ReportFileBackup, QuirkTheBackupGoesEvenAfterAFailedCopy) {
+TEST_F(ReportFileBackup, QuirkBackupIsRemovedAlsoAfterAFailedCopy) {
   MakeTree(dir_.Path(), {{"backup/a.dat", "1"}, {"reports/a.dat/in the way", "2"}});
   EXPECT_THAT(
       TraceOfRestore(2, false, reports_, backup_),
@@ -124,7 +124,7 @@ TEST_F(ReportFileBackup, QuirkTheBackupGoesEvenAfterAFailedCopy) {
   EXPECT_FALSE(Exists(backup_));
 }
 
-TEST_F(ReportFileBackup, ErrorOfAFailedCopyOutlivesTheRemoval) {
+TEST_F(ReportFileBackup, ErrorOfAFailedCopyIsKeptThroughTheRemoval) {
   MakeTree(dir_.Path(), {{"backup/a.dat", "1"}, {"backup/.hidden", "2"}, {"reports/a.dat/in the way", "3"}});
   const ReportRoot root(reports_);
   EXPECT_FALSE(CReportFileBase::RestoreReportDataFiles(backup_));
@@ -133,7 +133,7 @@ TEST_F(ReportFileBackup, ErrorOfAFailedCopyOutlivesTheRemoval) {
   EXPECT_EQ(errno, EINVAL);
 }
 
-TEST_F(ReportFileBackup, AnEmptyBackupPathSkipsTheRemoval) {
+TEST_F(ReportFileBackup, EmptyBackupPathSkipsTheRemoval) {
   MakeTree(reports_, {{"a.dat", "1"}});
   EXPECT_THAT(TraceOfRestore(6, false, reports_, ""),
               ElementsAre("CDirectory::CopyDir() - ## ERROR: Only absolute paths are accepted.",
@@ -141,7 +141,7 @@ TEST_F(ReportFileBackup, AnEmptyBackupPathSkipsTheRemoval) {
                           "\"T/reports\""));
 }
 
-TEST_F(ReportFileBackup, ARelativeBackupPathIsNotCopiedButRemoved) {
+TEST_F(ReportFileBackup, RelativeBackupPathIsNotCopiedButRemoved) {
   MakeTree(backup_, {{"a.dat", "1"}});
   const std::string relative = std::filesystem::relative(backup_).string();
   EXPECT_FALSE(Restore(relative));
@@ -158,13 +158,13 @@ TEST_F(ReportFileBackup, NameOfTheBackupIsNotAPattern) {
   EXPECT_FALSE(Exists(odd));
 }
 
-TEST_F(ReportFileBackup, ABackupBelowTheReportDirectoryIsRestored) {
+TEST_F(ReportFileBackup, BackupBelowTheReportDirectoryIsRestored) {
   MakeTree(reports_, {{"a.dat", "old"}, {"backup/a.dat", "new"}});
   EXPECT_TRUE(Restore(reports_ + "/backup"));
   EXPECT_THAT(ContentsOf(reports_), UnorderedElementsAre(Pair("a.dat", "new")));
 }
 
-TEST_F(ReportFileBackup, TheStoreThatIsRestoredReadsAsBefore) {
+TEST_F(ReportFileBackup, RestoredStoreHasItsRecords) {
   std::filesystem::create_directory(backup_);
   {
     CReportFileBase store;
@@ -187,7 +187,7 @@ std::string PageLines(const std::vector<std::string>& lines) {
   return text;
 }
 
-TEST_F(ReportFileBackup, ThePageShowsTheTraceOfARestore) {
+TEST_F(ReportFileBackup, PageShowsTheTraceOfARestore) {
   MakeTree(backup_, {{"a.dat", "1"}});
   EXPECT_EQ(PageLines(TraceOfRestore(6, true, reports_, backup_)), DocExample("directories.md", "restore"));
 }
@@ -202,7 +202,7 @@ TEST_F(ReportFileBackup, PageShowsTheTraceOfARemovalOfAHiddenFile) {
 
 class ReportFileBackupGuard : public ReportFileBackup {
  protected:
-  // Nothing is copied, nothing removed, and the trace says so.
+  // Nothing is copied or removed, and the trace says so.
   void ExpectRefused(const std::string& reports, const std::string& backup) {
     const Tree before = ContentsOf(dir_.Path());
     EXPECT_THAT(TraceOfRestore(6, false, reports, backup),
@@ -248,7 +248,7 @@ TEST_F(ReportFileBackupGuard, BackupAroundAMissingReportDirectoryIsRefused) {
 TEST_F(ReportFileBackupGuard, BackupWithALinkToTheReportDirectoryIsRefused) {
   MakeTree(dir_.Path(), {{"backup/b", "1"}, {"real/a.dat", "2"}});
   MakeLink("../real", backup_ + "/reports");
-  ExpectRefused(backup_ + "/reports", backup_);  // the link on the way would go
+  ExpectRefused(backup_ + "/reports", backup_);  // the removal would delete the link on the way
   MakeLink("backup", dir_.File("way"));
   MakeTree(backup_, {{"inner/a.dat", "3"}});
   ExpectRefused(dir_.File("way/inner"), backup_);
@@ -281,12 +281,12 @@ TEST_F(ReportFileBackupNever, QuirkEveryReportDirectoryCountsAsADrive) {
   EXPECT_FALSE(Exists(backup_));
 }
 
-TEST_F(ReportFileBackupNever, WithoutAReportDirectoryItSaysSo) {
+TEST_F(ReportFileBackupNever, WithoutAReportDirectoryItIsTraced) {
   EXPECT_THAT(TraceOfBackup(1, ""),
               ElementsAre("EM_THRESH           : ERROR! Could not found Server Control report data path"));
 }
 
-TEST_F(ReportFileBackupNever, AnEmptyBackupPathIsFalseAtOnce) {
+TEST_F(ReportFileBackupNever, EmptyBackupPathIsFalseAtOnce) {
   const ReportRoot root(reports_);
   const TraceCapture trace(6);
   EXPECT_FALSE(CReportFileBase::BackupReportDataFiles(""));

@@ -1,4 +1,4 @@
-// Failing writes, damaged index files, killed writers: what is promised to hold must hold.
+// Failing writes, damaged index files and killed writers: the promises of the store hold.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,7 +31,7 @@ class ReportFileBaseFault : public testing::Test {
     for (const char* text : {"a", "b", "c", "d"}) ASSERT_TRUE(store_.writeLine(text));
   }
 
-  // What a reader may be asked of files that claim anything: it ends, and runs of records are what readLine gives.
+  // Reading damaged files ends, and runs of records are those of readLine.
   void ReadEverythingThatEnds() {
     CReportFileBase reader;
     ASSERT_TRUE(reader.OpenRead(files_.Path()));
@@ -52,7 +52,7 @@ class ReportFileBaseFault : public testing::Test {
     EXPECT_LE(ScopedReadFault::Calls(), 20);
   }
 
-  // A writer on the same files: its record is where its header says.
+  // A writer on the same files: its record is at the offset of its header.
   void AppendAndReadBack() {
     CReportFileBase writer;
     ASSERT_TRUE(writer.Open(files_.Path(), 3));
@@ -75,7 +75,7 @@ class ReportFileBaseFault : public testing::Test {
   const std::string data_before_ = "a\r\nb\r\nc\r\nd\r\n===>\r\n";
 };
 
-TEST_F(ReportFileBaseFault, RecordThatCannotBeWrittenLeavesHeaderAndSlotsAlone) {
+TEST_F(ReportFileBaseFault, RecordThatCannotBeWrittenLeavesHeaderAndSlotsUnchanged) {
   {
     const ScopedWriteFault fault({.kind = CallFault::Kind::kFails, .nth = 1, .error = ENOSPC});
     EXPECT_FALSE(store_.writeLine("new"));
@@ -88,7 +88,7 @@ TEST_F(ReportFileBaseFault, RecordThatCannotBeWrittenLeavesHeaderAndSlotsAlone) 
   EXPECT_EQ(files_.DataBytes(), data_before_);
 }
 
-// "new\r\n" are five bytes; with fewer of them in the file the record is lost, and what got there does no harm.
+// "new\r\n" are five bytes; with fewer of them in the file the record is lost, and the written part does no harm.
 TEST_F(ReportFileBaseFault, RecordThatIsCutShortIsNotIndexed) {
   for (std::uint64_t some = 1; some < 5; ++some) {
     const ScopedWriteFault fault(
@@ -121,8 +121,8 @@ TEST_F(ReportFileBaseFault, RecordWhoseMarkerIsCutShortIsGood) {
   }
 }
 
-// Long records go to the system as two parts: the write may stop in either of them or between them.
-TEST_F(ReportFileBaseFault, LongRecordsCutShortAreJudgedAsShortOnesAre) {
+// Long records are written in two parts: the write may stop in either of them or between them.
+TEST_F(ReportFileBaseFault, LongRecordsCutShortAreHandledLikeShortOnes) {
   const std::string record(2000, 'r');
   const std::string record_and_marker = record + "\r\n===>\r\n";
   for (const std::size_t some : {std::size_t{1}, record.size() - 1, record.size(), record.size() + 1, record.size() + 2,
@@ -141,7 +141,7 @@ TEST_F(ReportFileBaseFault, LongRecordsCutShortAreJudgedAsShortOnesAre) {
   }
 }
 
-TEST_F(ReportFileBaseFault, RecordsAroundTheSizeOfAShortWriteStandAsTheyWereGiven) {
+TEST_F(ReportFileBaseFault, RecordsAroundTheLimitOfAShortWriteAreStoredUnchanged) {
   const StoreFiles files;
   CReportFileBase store;
   ASSERT_TRUE(store.Open(files.Path(), 100));
@@ -154,7 +154,7 @@ TEST_F(ReportFileBaseFault, RecordsAroundTheSizeOfAShortWriteStandAsTheyWereGive
   EXPECT_EQ(files.DataBytes(), expected + "===>\r\n");
 }
 
-TEST_F(ReportFileBaseFault, SlotThatCannotBeWrittenLeavesTheHeaderAlone) {
+TEST_F(ReportFileBaseFault, SlotThatCannotBeWrittenLeavesTheHeaderUnchanged) {
   {
     const ScopedWriteFault fault({.kind = CallFault::Kind::kFails, .nth = 2, .error = EIO});
     EXPECT_FALSE(store_.writeLine("new"));
@@ -182,7 +182,7 @@ TEST_F(ReportFileBaseFault, HeaderThatCannotBeWrittenDoesNotChangeTheResult) {
   EXPECT_THAT(ReadAll(files_), ElementsAre("d\r\n", "e\r\n", "f\r\n"));
 }
 
-TEST_F(ReportFileBaseFault, WriteThatTakesNothingIsAFailureNotALoop) {
+TEST_F(ReportFileBaseFault, WriteOfZeroBytesIsAFailureNotALoop) {
   const ScopedWriteFault fault({.kind = CallFault::Kind::kTakesNothing, .nth = 1});
   EXPECT_FALSE(store_.writeLine("new"));
   EXPECT_EQ(store_.header(), before_);
@@ -216,7 +216,7 @@ TEST_F(ReportFileBaseFault, IndexOperationsReportWhatCouldNotBeWrittenWhole) {
   EXPECT_EQ(store_.writePositionsToFile(), -1);
 }
 
-TEST_F(ReportFileBaseFault, IndexThatCannotBeReadLeavesTheFieldsAlone) {
+TEST_F(ReportFileBaseFault, IndexThatCannotBeReadLeavesTheFieldsUnchanged) {
   const ScopedReadFault fault({.kind = CallFault::Kind::kFails, .nth = 1, .error = EIO, .more_failing = kAllLater});
   EXPECT_EQ(store_.readPositions(), -1);
   EXPECT_EQ(errno, EIO);
@@ -227,8 +227,8 @@ TEST_F(ReportFileBaseFault, IndexThatCannotBeReadLeavesTheFieldsAlone) {
   EXPECT_EQ(text, "unchanged");
 }
 
-// The real thing: a child process whose files may not grow beyond `limit` appends six records. Returns one bit for each
-// that it was told is stored.
+// With a real limit: a child process whose files may not grow beyond `limit` appends six records. Returns one bit for
+// each append that was true.
 int AppendUnderLimit(const StoreFiles& files, rlim_t limit) {
   (void)std::signal(SIGXFSZ, SIG_IGN);
   const rlimit file_size = {limit, limit};
@@ -243,7 +243,7 @@ int AppendUnderLimit(const StoreFiles& files, rlim_t limit) {
   return acknowledged;
 }
 
-TEST_F(ReportFileBaseFault, WritersAtAFileSizeLimitStoreWhatTheyAcknowledgeAndNothingElse) {
+TEST_F(ReportFileBaseFault, WriterAtAFileSizeLimitStoresExactlyWhatItAcknowledges) {
   int partly = 0;
   for (rlim_t limit = 0; limit <= 80; ++limit) {
     const StoreFiles files;
@@ -264,7 +264,7 @@ TEST_F(ReportFileBaseFault, WritersAtAFileSizeLimitStoreWhatTheyAcknowledgeAndNo
   EXPECT_GT(partly, 10);
 }
 
-// Every bit of a small index file: whatever it then claims, reading ends soon and harms nothing.
+// Toggles every bit of a small index file: reading ends soon and harms nothing.
 TEST_F(ReportFileBaseFault, EveryFlippedBitOfAnIndexFileIsReadWithoutHarm) {
   store_.Close();
   const std::string index = files_.IndexBytes();
@@ -279,7 +279,7 @@ TEST_F(ReportFileBaseFault, EveryFlippedBitOfAnIndexFileIsReadWithoutHarm) {
   }
 }
 
-// A writer in a process of its own that appends numbered records of one length and acknowledges each through a pipe.
+// A writer in its own process that appends numbered records of one length and acknowledges each through a pipe.
 class ForkedWriter {
  public:
   explicit ForkedWriter(const StoreFiles& files, std::uint32_t slots) {
@@ -302,7 +302,7 @@ class ForkedWriter {
     return "record " + std::string(8 - digits.size(), '0') + digits;
   }
 
-  // Waits for the next acknowledgement; false once there are none left.
+  // Waits for the next acknowledgement; false at the end.
   bool NextAcknowledged() {
     std::uint32_t number = 0;
     if (read(acknowledgements_, &number, sizeof number) != sizeof number) return false;
@@ -310,7 +310,7 @@ class ForkedWriter {
     return true;
   }
 
-  // Kills the writer wherever it is and takes the acknowledgements that it still gave.
+  // Kills the writer at any point and reads the acknowledgements that it still sent.
   void Kill() {
     kill(child_, SIGKILL);
     waitpid(child_, nullptr, 0);
@@ -339,8 +339,8 @@ class ReportFileBaseKilledWriter : public testing::Test {
  protected:
   static constexpr std::uint32_t kSlots = 8;
 
-  // While the writer runs a record may have been replaced behind the reader's back, even by the end marker, but what is
-  // read always ends, and no later than a record does.
+  // While the writer runs, a record may be replaced during the read, even by the end marker; but every read ends, and
+  // its text is not longer than a record.
   static void ExpectReadable(const StoreFiles& files) {
     CReportFileBase reader;
     ASSERT_TRUE(reader.OpenRead(files.Path()));
@@ -351,7 +351,8 @@ class ReportFileBaseKilledWriter : public testing::Test {
     }
   }
 
-  // Killed between slot and header, the ring's oldest record is already replaced; all younger ones are there, in order.
+  // If the writer is killed between slot and header, the ring's oldest record is already replaced; all newer ones are
+  // there, in order.
   static void ExpectAcknowledgedRecords(const StoreFiles& files, std::uint32_t newest) {
     const std::uint32_t oldest = newest + 1 > kSlots ? newest + 2 - kSlots : 1;
     std::vector<std::string> expected;

@@ -1,5 +1,5 @@
-// Random lives of a store against two models: a deque of the newest records, and a store made of buffered streams whose
-// files must hold the same bytes.
+// Random operations on a store and on two models: a deque of the newest records, and a store of buffered streams whose
+// files must have the same bytes.
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -34,7 +34,7 @@ class ReportFileBaseModel : public testing::Test {
     ASSERT_EQ(TakeInAgeOrder(store), expected);
   }
 
-  // As a transfer takes them: from the oldest slot to the ring's end, then from its beginning.
+  // As a transfer reads them: from the oldest slot to the ring's end, then from its beginning.
   static std::string TakeInAgeOrder(CReportFileBase& store) {
     const report::IndexHeader& header = store.header();
     const std::uint32_t oldest = header.oldestIndex;

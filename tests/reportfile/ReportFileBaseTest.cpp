@@ -1,4 +1,4 @@
-// What is written and read back: rings, restarts of the data file, odd record texts, printing.
+// Writing and reading: rings, restarts of the data file, odd record texts, printing.
 #include "reportfile/ReportFileBase.h"
 
 #include <gmock/gmock.h>
@@ -35,7 +35,7 @@ class ReportFileBase : public testing::Test {
     return text;
   }
 
-  // Slot 0 of a store whose data file holds `data` and whose slot 0 points at `offset`.
+  // Reads slot 0, which has `offset`, of a store whose data file is `data`.
   std::string RecordIn(std::string_view data, std::uint32_t offset = 0) {
     files_.Make(StoreFiles::FullRing(1), {offset}, data);
     EXPECT_TRUE(store_.OpenRead(files_.Path()));
@@ -62,7 +62,7 @@ TEST_F(ReportFileBase, FourthRecordOfAThreeSlotRingReplacesTheOldest) {
   EXPECT_THAT(ReadAll(store_), ElementsAre("b\r\n", "c\r\n", "d\r\n"));
 }
 
-TEST_F(ReportFileBase, FirstRecordStandsBetweenNothingAndTheEndMarker) {
+TEST_F(ReportFileBase, FirstRecordIsFollowedByTheEndMarker) {
   Create(3);
   Append({"hello"});
   EXPECT_EQ(files_.DataBytes(), "hello\r\n===>\r\n");
@@ -102,7 +102,7 @@ TEST_F(ReportFileBase, FileEndGrowsAgainWhenLongerRecordsPassIt) {
   EXPECT_EQ(store_.header().fileEnd, 18U);
 }
 
-TEST_F(ReportFileBase, QuirkLongerRecordsBehindARestartOverwriteIndexedOnes) {
+TEST_F(ReportFileBase, QuirkLongerRecordsAfterARestartOverwriteIndexedOnes) {
   Create(2);
   Append({"a", "b", "c", "dddddddd"});
   Append({"EEEEEEEEEEEE"});
@@ -118,7 +118,7 @@ TEST_F(ReportFileBase, NullTextIsAnEmptyRecord) {
   EXPECT_THAT(ReadAll(store_), ElementsAre("\r\n", "\r\n"));
 }
 
-TEST_F(ReportFileBase, RecordComesBackWithItsLineEnd) {
+TEST_F(ReportFileBase, RecordIsReadWithItsLineEnd) {
   Create(3);
   Append({"x"});
   EXPECT_EQ(Slot(0), "x\r\n");
@@ -154,7 +154,7 @@ TEST_F(ReportFileBase, EndOfTheFileReadsAsTheByteFF) {
 
 TEST_F(ReportFileBase, QuirkRingOfOldRecordsCanReadTheEndMarker) { EXPECT_EQ(RecordIn("===>\r\n"), "===>\r\n"); }
 
-TEST_F(ReportFileBase, RecordsOfEveryLengthAroundTheReadWindowComeBackWhole) {
+TEST_F(ReportFileBase, RecordsOfEveryLengthAroundTheReadWindowAreReadWhole) {
   Create(100);
   std::vector<std::string> expected;
   for (const std::size_t size : {0U, 1U, 4093U, 4094U, 4095U, 4096U, 4097U, 8190U, 8191U, 8192U, 70000U, 400000U}) {
@@ -165,7 +165,7 @@ TEST_F(ReportFileBase, RecordsOfEveryLengthAroundTheReadWindowComeBackWhole) {
   EXPECT_EQ(ReadAll(store_), expected);
 }
 
-TEST_F(ReportFileBase, SlotsNotInUseCannotBeReadAndLeaveTheTextAlone) {
+TEST_F(ReportFileBase, SlotsNotInUseCannotBeReadAndLeaveTheTextUnchanged) {
   Create(3);
   Append({"a", "b"});
   for (const std::uint32_t slot : {2U, 3U, 0x80000000U, 0xFFFFFFFFU}) {
@@ -226,7 +226,7 @@ TEST_F(ReportFileBase, HeaderIsWrittenWholeAndReadBack) {
   EXPECT_EQ(files_.Header(), store_.header());
 }
 
-TEST_F(ReportFileBase, HeaderThatIsTooShortLeavesTheFieldsAlone) {
+TEST_F(ReportFileBase, HeaderThatIsTooShortLeavesTheFieldsUnchanged) {
   Create(3);
   Append({"a", "b"});
   const IndexHeader kept = store_.header();
@@ -295,8 +295,7 @@ TEST_F(ReportFileBase, DataFileSizeBeyondFourGigabytesIsExact) {
   EXPECT_EQ(store_.GetDataFileSize(), 0x123456789);
 }
 
-// A hole of gigabytes reads as NUL bytes: a record there has no text, and finding that out takes one read between those
-// of the slot.
+// A hole of gigabytes reads as NUL bytes: a record there has no text, and one read between those of the slot shows it.
 TEST_F(ReportFileBase, RecordInAHoleIsEmptyAndReadAtOnce) {
   files_.Make(StoreFiles::FullRing(1), {100}, "a\r\n");
   ASSERT_EQ(truncate(files_.DataPath().c_str(), 0x200000000), 0);
@@ -366,7 +365,7 @@ TEST_F(ReportFileBase, QuirkPrintingRepeatsThePreviousRecordForOneThatCannotBeRe
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "0::b\r\n1::b\r\n===\n");
 }
 
-TEST_F(ReportFileBase, PrintsARingWithoutSlotsAsTheSlotsStand) {
+TEST_F(ReportFileBase, PrintsARingWithoutSlotsInTheOrderOfTheSlots) {
   files_.Make({.maxRecord = 0, .highestIndex = 3, .oldestIndex = 1}, {0, 3, 6}, "a\r\nb\r\nc\r\n");
   ASSERT_TRUE(store_.OpenRead(files_.Path()));
   testing::internal::CaptureStdout();

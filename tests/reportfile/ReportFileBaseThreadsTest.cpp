@@ -20,7 +20,7 @@ constexpr int kWriters = 4;
 constexpr int kReaders = 4;
 constexpr int kRecordsEach = 400;
 
-// "writer 2 record 00017": always of one length, so that a restarted data file never cuts a record that is indexed.
+// "writer 2 record 00017": all of one length, so that a restarted data file never cuts an indexed record.
 std::string Text(int writer, int number) {
   std::string digits = std::to_string(number);
   return "writer " + std::to_string(writer) + " record " + std::string(5 - digits.size(), '0') + digits;
@@ -30,7 +30,7 @@ bool IsWholeRecord(const std::string& text) {
   return text.size() == Text(0, 0).size() + 2 && text.starts_with("writer ") && text.ends_with("\r\n");
 }
 
-// Every writer's own records must stand in the order in which it wrote them.
+// Every writer's own records must be in the order in which it wrote them.
 void ExpectEachWritersOrder(const std::vector<std::string>& records) {
   std::map<std::string, std::string> newest;
   for (const std::string& record : records) {
@@ -74,7 +74,7 @@ class ReportFileBaseThreads : public testing::Test {
   std::atomic<int> finished_{0};
 };
 
-TEST_F(ReportFileBaseThreads, AppendsAndReadsOfOneObjectLoseAndTearNothing) {
+TEST_F(ReportFileBaseThreads, AppendsAndReadsOfOneObjectNeitherLoseNorTearRecords) {
   constexpr std::uint32_t kSlots = 100;
   ASSERT_TRUE(store_.Open(files_.Path(), kSlots));
   StartWriters();
@@ -103,7 +103,7 @@ TEST_F(ReportFileBaseThreads, RunsAreTakenFromAnObjectThatIsBeingWritten) {
   EXPECT_EQ(ReadAll(files_).size(), std::size_t{kWriters * kRecordsEach});
 }
 
-TEST_F(ReportFileBaseThreads, EveryThreadMayReadTheFilesThroughAnObjectOfItsOwn) {
+TEST_F(ReportFileBaseThreads, EveryThreadMayReadTheFilesWithItsOwnObject) {
   ASSERT_TRUE(store_.Open(files_.Path(), kWriters * kRecordsEach));
   StartWriters();
   StartReaders([this](int) {
@@ -114,7 +114,7 @@ TEST_F(ReportFileBaseThreads, EveryThreadMayReadTheFilesThroughAnObjectOfItsOwn)
   Join();
 }
 
-// A thread that ends inside an operation leaves through the operation's frame, which gives the lock free.
+// A thread that is cancelled inside an operation unwinds its frame, which releases the lock.
 TEST_F(ReportFileBaseThreads, CancelledWriterDoesNotKeepTheLock) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the address sanitizer's runtime cannot unwind a cancelled thread";

@@ -1,5 +1,5 @@
-// A follower against the list of all records ever written: thousands of reports of random sizes, appends and looks,
-// with and without a writer that comes between two reads. Nothing may be lost or come twice without being said.
+// A follower is compared with the list of all records ever written: thousands of reports of random sizes, appends and
+// polls, with and without a writer between two reads. No record may be lost or delivered twice without an event.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -29,8 +29,7 @@ struct Tally {
   int outrun = 0;
 };
 
-// A report whose writer and reader do as chance has it. `kinds` is how many different texts there are; 0: no two
-// records are equal.
+// A report with a random writer and reader. `kinds` is the number of different texts; 0: no two records are equal.
 class Life {
  public:
   Life(std::uint64_t seed, std::uint32_t slots, unsigned kinds)
@@ -60,13 +59,13 @@ class Life {
   }
   void KeepTheWriterOut() { ring_.BetweenReads(nullptr); }
 
-  // As a new run of the tool would go on.
+  // Continues as a new run of the tool does.
   void Resume() {
     const ReportPosition position = follower_->Position();
     follower_ = std::make_unique<ReportFollower>(ring_, position);
   }
 
-  // One look of which a random part is delivered.
+  // One poll, of which a random part is delivered.
   void Look(Tally& tally) {
     ReportLook look;
     ASSERT_TRUE(follower_->Look(1 + Below(80), look));
@@ -76,7 +75,7 @@ class Life {
     follower_->Delivered(count);
   }
 
-  // Looks until there is no more; nobody writes meanwhile.
+  // Polls until there are no more records; nobody writes meanwhile.
   void LookToTheEnd(Tally& tally) {
     for (bool is_end = false; !is_end && !testing::Test::HasFatalFailure();) {
       ReportLook look;
@@ -85,7 +84,7 @@ class Life {
       follower_->Delivered(look.records.size());
       is_end = look.reached_end && !look.was_outrun;
     }
-    ASSERT_EQ(delivered_to_, ring_.All().size()) << "something was lost without a word";
+    ASSERT_EQ(delivered_to_, ring_.All().size()) << "records were lost without an event";
   }
 
  private:
@@ -96,7 +95,7 @@ class Life {
     switch (look.event) {
       case LookEvent::kNone:
         if (follower_->Position().overlap.empty()) delivered_to_ = StartOfRing(look);
-        ASSERT_FALSE(was_started_over_ && !look.records.empty()) << "another report, and not a word";
+        ASSERT_FALSE(was_started_over_ && !look.records.empty()) << "another report, but no event";
         break;
       case LookEvent::kGap:
         ++tally.gaps;
@@ -105,7 +104,7 @@ class Life {
       case LookEvent::kStartedOver:
         ++tally.started_over;
         ASSERT_TRUE(was_started_over_);
-        was_started_over_ = count == 0 && !look.records.empty();  // then it is told again
+        was_started_over_ = count == 0 && !look.records.empty();  // then it is reported again
         SkipGap(look, tally);
         break;
       case LookEvent::kAmbiguous:
@@ -118,10 +117,10 @@ class Life {
     delivered_to_ += count;
   }
 
-  // What follows a gap is the ring from its oldest record on.
+  // After a gap, the records are the ring from its oldest one on.
   void SkipGap(const ReportLook& look, Tally& tally) {
     const std::size_t start = StartOfRing(look);
-    ASSERT_GE(start, delivered_to_) << "records come twice";
+    ASSERT_GE(start, delivered_to_) << "records are delivered twice";
     if (look.lost.has_value()) {
       ++tally.known_gaps;
       ASSERT_EQ(start - delivered_to_, *look.lost);
@@ -129,15 +128,15 @@ class Life {
     delivered_to_ = start;
   }
 
-  // Records may be missing, and none comes twice.
+  // Records may be missing, but none may be delivered twice.
   void SkipAmbiguous() {
     const std::size_t place = ring_.Gone() + follower_->PositionAfter(0).next;
-    ASSERT_GE(place, delivered_to_) << "records come twice";
+    ASSERT_GE(place, delivered_to_) << "records are delivered twice";
     delivered_to_ = place;
   }
 
-  // Where a look that begins with the ring's oldest record stands in the list of all. With a writer in between that
-  // record may be gone by now, but its text tells.
+  // The position, in the list of all records, of a poll that begins with the ring's oldest record. A writer may have
+  // replaced that record by now, but its text shows the position.
   std::size_t StartOfRing(const ReportLook& look) const {
     if (kinds_ != 0) return ring_.Gone();
     if (look.records.empty()) return delivered_to_;
@@ -157,13 +156,13 @@ class Life {
   unsigned kinds_;
   std::uint64_t written_ = 0;
   std::unique_ptr<ReportFollower> follower_;
-  std::size_t delivered_to_ = 0;  // in ring_.All(): what the model knows to be delivered or said to be missing
+  std::size_t delivered_to_ = 0;  // in ring_.All(): the records that were delivered or reported as missing
   bool was_started_over_ = false;
 };
 
 }  // namespace
 
-TEST(ReportFollowerModel, RecordsThatAllDifferNeverGetLostOrComeTwiceUnsaid) {
+TEST(ReportFollowerModel, DifferentRecordsAreDeliveredOnceOrReportedAsMissing) {
   std::mt19937_64 seeds(Seed("ReportFollowerModel"));
   Tally tally;
   for (int i = 0; i < 1000; ++i) {
@@ -183,7 +182,7 @@ TEST(ReportFollowerModel, RecordsThatAllDifferNeverGetLostOrComeTwiceUnsaid) {
   EXPECT_EQ(tally.ambiguous, 0);
 }
 
-TEST(ReportFollowerModel, AWriterBetweenTwoReadsChangesNothingOfThat) {
+TEST(ReportFollowerModel, WriterBetweenTwoReadsDoesNotChangeThat) {
   std::mt19937_64 seeds(Seed("ReportFollowerModel.Between"));
   Tally tally;
   for (int i = 0; i < 500; ++i) {
@@ -202,8 +201,8 @@ TEST(ReportFollowerModel, AWriterBetweenTwoReadsChangesNothingOfThat) {
   EXPECT_GT(tally.outrun, 50);
 }
 
-// Rings that hold more than the overlap: chance does not repeat 32 records in a row.
-TEST(ReportFollowerModel, RecordsThatRepeatNeverGetLostOrComeTwiceUnsaid) {
+// Rings with more records than the overlap: 32 random records in a row do not repeat.
+TEST(ReportFollowerModel, RepeatedRecordsAreDeliveredOnceOrReportedAsMissing) {
   std::mt19937_64 seeds(Seed("ReportFollowerModel.Repeating"));
   Tally tally;
   for (int i = 0; i < 400; ++i) {

@@ -1,4 +1,4 @@
-// What a follower delivers and says, look by look.
+// What a follower delivers and reports, poll by poll.
 #include "reportfile/tools/ReportFollower.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ void AppendNumbered(RingModel& ring, int first, int count) {
   for (int i = first; i < first + count; ++i) ring.Append(std::to_string(i));
 }
 
-// A look of which everything is delivered.
+// A poll, of which everything is delivered.
 ReportLook Take(ReportFollower& follower, std::uint32_t count_max = kAll) {
   ReportLook look;
   EXPECT_TRUE(follower.Look(count_max, look));
@@ -36,7 +36,7 @@ ReportLook Take(ReportFollower& follower, std::uint32_t count_max = kAll) {
 
 }  // namespace
 
-TEST(ReportFollower, TheFirstLookBringsEverything) {
+TEST(ReportFollower, FirstPollReturnsEveryRecord) {
   RingModel ring(5);
   Append(ring, {"a", "b"});
   ReportFollower follower(ring);
@@ -49,7 +49,7 @@ TEST(ReportFollower, TheFirstLookBringsEverything) {
   EXPECT_EQ(follower.Position().overlap.size(), 2U);
 }
 
-TEST(ReportFollower, LaterLooksBringWhatIsNewAlsoAfterTheRingMoved) {
+TEST(ReportFollower, LaterPollsReturnNewRecordsAlsoAfterTheRingAdvanced) {
   RingModel ring(4);
   Append(ring, {"a", "b", "c"});
   ReportFollower follower(ring);
@@ -61,7 +61,7 @@ TEST(ReportFollower, LaterLooksBringWhatIsNewAlsoAfterTheRingMoved) {
   EXPECT_EQ(follower.Position().delivered, 6U);
 }
 
-TEST(ReportFollower, WhatWasNotDeliveredComesAgain) {
+TEST(ReportFollower, UndeliveredRecordsAreReturnedAgain) {
   RingModel ring(9);
   Append(ring, {"a", "b", "c"});
   ReportFollower follower(ring);
@@ -71,7 +71,7 @@ TEST(ReportFollower, WhatWasNotDeliveredComesAgain) {
   EXPECT_EQ(Take(follower).records, (Texts{"b", "c"}));
 }
 
-TEST(ReportFollower, APositionThatWasKeptGoesOnElsewhere) {
+TEST(ReportFollower, SavedPositionContinuesInANewFollower) {
   RingModel ring(40);
   AppendNumbered(ring, 0, 40);
   ReportFollower first(ring);
@@ -84,7 +84,7 @@ TEST(ReportFollower, APositionThatWasKeptGoesOnElsewhere) {
   EXPECT_EQ(look.records.front(), "35");
 }
 
-TEST(ReportFollower, RecordsThatLeftTheRingAreAGapAndTheRestIsDelivered) {
+TEST(ReportFollower, ReplacedRecordsAreAGapAndTheRestIsDelivered) {
   RingModel ring(3);
   Append(ring, {"a", "b", "c"});
   ReportFollower follower(ring);
@@ -92,12 +92,12 @@ TEST(ReportFollower, RecordsThatLeftTheRingAreAGapAndTheRestIsDelivered) {
   Append(ring, {"d", "e", "f", "g"});
   const ReportLook look = Take(follower);
   EXPECT_EQ(look.event, LookEvent::kGap);
-  EXPECT_EQ(look.lost, std::nullopt) << "the protocol does not tell";
+  EXPECT_EQ(look.lost, std::nullopt) << "the protocol does not show the number";
   EXPECT_EQ(look.records, (Texts{"e", "f", "g"}));
   EXPECT_EQ(Take(follower).event, LookEvent::kNone);
 }
 
-TEST(ReportFollower, AGapThatNothingWasDeliveredOfIsToldAgain) {
+TEST(ReportFollower, GapWithoutADeliveryIsReportedAgain) {
   RingModel ring(2);
   Append(ring, {"a", "b"});
   ReportFollower follower(ring);
@@ -109,19 +109,19 @@ TEST(ReportFollower, AGapThatNothingWasDeliveredOfIsToldAgain) {
   EXPECT_EQ(Take(follower).event, LookEvent::kGap);
 }
 
-TEST(ReportFollower, FewerRecordsThanBeforeAreAnotherReport) {
+TEST(ReportFollower, ReportWithFewerRecordsWasStartedOver) {
   RingModel ring(5);
   Append(ring, {"a", "b", "c"});
   ReportFollower follower(ring);
   Take(follower);
   ring.StartOver();
   EXPECT_EQ(Take(follower).event, LookEvent::kStartedOver);
-  EXPECT_EQ(Take(follower).event, LookEvent::kNone) << "told once";
+  EXPECT_EQ(Take(follower).event, LookEvent::kNone) << "reported once";
   Append(ring, {"x"});
   EXPECT_EQ(Take(follower).records, Texts{"x"});
 }
 
-TEST(ReportFollower, EqualRecordsAreAmbiguousAndNoneComesTwice) {
+TEST(ReportFollower, EqualRecordsAreAmbiguousAndNoneIsDeliveredTwice) {
   RingModel ring(5);
   Append(ring, {"ok", "ok", "ok"});
   ReportFollower follower(ring);
@@ -129,10 +129,10 @@ TEST(ReportFollower, EqualRecordsAreAmbiguousAndNoneComesTwice) {
   Append(ring, {"ok"});
   const ReportLook look = Take(follower);
   EXPECT_EQ(look.event, LookEvent::kAmbiguous);
-  EXPECT_EQ(look.records, Texts{"ok"}) << "as if the ring had not moved";
+  EXPECT_EQ(look.records, Texts{"ok"}) << "as if the ring had not advanced";
 }
 
-TEST(ReportFollower, TheFirstLookSearchesEverythingForASecondPlace) {
+TEST(ReportFollower, FirstPollSearchesTheWholeRingForASecondPosition) {
   RingModel ring(3000);
   AppendNumbered(ring, 0, 40);
   ReportFollower first(ring);
@@ -143,7 +143,7 @@ TEST(ReportFollower, TheFirstLookSearchesEverythingForASecondPlace) {
   EXPECT_EQ(Take(second).event, LookEvent::kAmbiguous);
 }
 
-TEST(ReportFollower, LaterLooksReadLittleAndFindAFarPlaceAllTheSame) {
+TEST(ReportFollower, LaterPollsReadLittleAndStillFindAFarPosition) {
   RingModel ring(5000);
   AppendNumbered(ring, 0, 5000);
   ReportFollower follower(ring);
@@ -157,7 +157,7 @@ TEST(ReportFollower, LaterLooksReadLittleAndFindAFarPlaceAllTheSame) {
   EXPECT_EQ(Take(follower).records.size(), 3000U);
 }
 
-TEST(ReportFollower, ARingThatMovesOverWhatIsReadStartsTheLookOver) {
+TEST(ReportFollower, RingThatAdvancesOverTheReadPositionRestartsThePoll) {
   RingModel ring(4);
   Append(ring, {"a", "b", "c", "d"});
   int reads = 0;
@@ -170,14 +170,14 @@ TEST(ReportFollower, ARingThatMovesOverWhatIsReadStartsTheLookOver) {
   EXPECT_EQ(look.event, LookEvent::kNone);
 }
 
-TEST(ReportFollower, AGapThatOpensDuringALookHasASize) {
+TEST(ReportFollower, GapThatAppearsDuringAPollHasASize) {
   RingModel ring(50);
   AppendNumbered(ring, 0, 50);
   ReportFollower follower(ring);
   Take(follower, 40);
   const int before = ring.Calls();
   ring.BetweenReads([&, is_done = false]() mutable {
-    // The place is found and the new records are read; the ring then moves over the overlap and two of them.
+    // The position is found and the new records are read; then the ring advances over the overlap and two of them.
     if (ring.Calls() < before + 3 || is_done) return;
     is_done = true;
     AppendNumbered(ring, 50, 42);
@@ -189,7 +189,7 @@ TEST(ReportFollower, AGapThatOpensDuringALookHasASize) {
   EXPECT_EQ(look.records.back(), "91");
 }
 
-TEST(ReportFollower, AWriterThatIsAlwaysFasterIsToldAndNothingIsDelivered) {
+TEST(ReportFollower, WriterThatIsAlwaysFasterIsReportedWithoutADelivery) {
   RingModel ring(4);
   int number = 0;
   AppendNumbered(ring, 0, 4);
@@ -201,7 +201,7 @@ TEST(ReportFollower, AWriterThatIsAlwaysFasterIsToldAndNothingIsDelivered) {
   EXPECT_EQ(follower.Position(), ReportPosition());
 }
 
-TEST(ReportFollower, ARecordThatNoAnswerCarriesBlocksWhatFollowsIt) {
+TEST(ReportFollower, RecordTooLongForAReplyBlocksWhatFollowsIt) {
   RingModel ring(9);
   Append(ring, {"a", std::string(RingModel::kRecordBytesMax + 1, 'x'), "c"});
   ReportFollower follower(ring);
@@ -215,7 +215,7 @@ TEST(ReportFollower, ARecordThatNoAnswerCarriesBlocksWhatFollowsIt) {
   EXPECT_EQ(follower.Position().next, 1U);
 }
 
-TEST(ReportFollower, AFailedCallLeavesThePositionWhicheverCallItIs) {
+TEST(ReportFollower, EachFailedCallLeavesThePosition) {
   for (int n = 1; n < 20; ++n) {
     RingModel ring(4);
     Append(ring, {"a", "b", "c"});
@@ -236,7 +236,7 @@ TEST(ReportFollower, AFailedCallLeavesThePositionWhicheverCallItIs) {
   FAIL() << "no number of calls was enough";
 }
 
-TEST(ReportFollower, SmallAnswersAndSmallCountsGiveTheSameRecords) {
+TEST(ReportFollower, SmallRepliesAndSmallCountsReturnTheSameRecords) {
   RingModel ring(100);
   AppendNumbered(ring, 0, 250);
   ring.LimitAnswers(7);

@@ -18,8 +18,8 @@ TEST(ReportStorePage, SevenRecordsInThreeSlots) {
   EXPECT_THAT(ReadAll(files), testing::ElementsAre("rec5\r\n", "rec6\r\n", "rec7\r\n"));
 }
 
-// A writer that died between slot and header, as the page describes it.
-TEST(ReportStorePage, NewRecordStandsInTheOldestOnesPlaceUntilTheHeaderIsWritten) {
+// A writer that was killed between slot and header, as the page describes it.
+TEST(ReportStorePage, NewRecordIsInTheOldestSlotUntilTheHeaderIsWritten) {
   const StoreFiles files;
   CReportFileBase store;
   ASSERT_TRUE(store.Open(files.Path(), 3));

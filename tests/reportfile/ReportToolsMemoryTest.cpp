@@ -1,4 +1,4 @@
-// What operators do with reports when memory runs out: the caller hears of it, and nothing is lost.
+// The report tools without memory: the caller gets an error, and nothing is lost.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -25,16 +25,16 @@ using report::RestoreState;
 using testing::ElementsAre;
 using testing::IsSubsetOf;
 
-// In memory where that can be had: hundreds of syncs are not what is tried.
+// In memory if possible: hundreds of syncs to a disk are not part of the test.
 [[maybe_unused]] const bool is_in_memory = access("/dev/shm", W_OK) == 0 && setenv("TMPDIR", "/dev/shm", 0) == 0;
 
 class ReportToolsMemory : public testing::Test {
  protected:
-  // A registry whose lines found no memory leads to "Reports" in the working directory.
+  // If memory for the lines of the registry is missing, the report directory is "Reports" in the working directory.
   ReportToolsMemory() { fs::current_path(dir_.Path()); }
   ~ReportToolsMemory() override { fs::current_path("/"); }
 
-  // One report with a directory below it in `directory`, and nothing else in the world.
+  // Only one report, with a directory below it, in `directory`.
   void MakeReports(const std::string& directory) const {
     fs::remove_all(world_);
     fs::create_directories(directory + "/sub/deep");
@@ -69,7 +69,7 @@ class ReportToolsMemory : public testing::Test {
 
 }  // namespace
 
-// --- the class of the agents: nothing throws, nothing is lost
+// --- the class of the agents: it throws nothing and loses nothing
 
 class StoreMemory : public ReportToolsMemory {
  protected:
@@ -79,10 +79,10 @@ class StoreMemory : public ReportToolsMemory {
     ASSERT_TRUE(writer.Open(base_.c_str(), 9));
     ASSERT_TRUE(writer.writeLine(long_text_.c_str()));
   }
-  // Of both files.
+  // The content of both files.
   std::string Bytes() const { return ReadFile(base_ + ".ind") + ReadFile(base_ + ".dat"); }
 
-  // A base path and a record that fit into no string without an allocation.
+  // A base path and a record that need an allocation as strings.
   const std::string base_ = reports_ + "/load";
   const std::string long_text_ = std::string(10000, 't');
 };
@@ -154,7 +154,7 @@ TEST_F(StoreMemory, PrintAllRecordsEndsWithItsLastLine) {
 
 // --- the tools
 
-TEST_F(ReportToolsMemory, ABackupIsWholeOrLeavesNothing) {
+TEST_F(ReportToolsMemory, BackupIsWholeOrLeavesNothing) {
   WithEachAllocationFailing<BackupState>(
       [&] { MakeReports(reports_); }, [&] { return report::BackupReports(reports_, backup_).state; },
       [&](const auto& state) {
@@ -165,7 +165,7 @@ TEST_F(ReportToolsMemory, ABackupIsWholeOrLeavesNothing) {
       });
 }
 
-TEST_F(ReportToolsMemory, ABackupNeverGoesIntoADirectoryThatHoldsSomething) {
+TEST_F(ReportToolsMemory, BackupIsNeverMadeInADirectoryWithFiles) {
   const auto prepare = [&] {
     MakeReports(reports_);
     fs::create_directory(backup_);
@@ -179,8 +179,8 @@ TEST_F(ReportToolsMemory, ABackupNeverGoesIntoADirectoryThatHoldsSomething) {
       });
 }
 
-TEST_F(ReportToolsMemory, ARestoreIsWholeOrKeepsTheBackup) {
-  std::optional<ReportRoot> root;  // read again each time: what of it found no memory is not read again
+TEST_F(ReportToolsMemory, RestoreIsWholeOrKeepsTheBackup) {
+  std::optional<ReportRoot> root;  // loaded again each time: without memory it is only read in part
   const auto prepare = [&] {
     MakeReports(backup_);
     root.reset();
@@ -195,7 +195,7 @@ TEST_F(ReportToolsMemory, ARestoreIsWholeOrKeepsTheBackup) {
       });
 }
 
-TEST_F(ReportToolsMemory, AWriterIsFoundOrTheLookThrows) {
+TEST_F(ReportToolsMemory, WriterIsFoundOrTheCheckThrows) {
   const std::string processes = world_ + "/processes";
   const auto prepare = [&] {
     MakeReports(reports_);

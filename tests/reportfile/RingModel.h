@@ -1,5 +1,5 @@
 // A report as a list of all records ever written and a ring over the last of them, read as a module reads one: the
-// plain model that a follower is measured against.
+// plain model that a follower is compared with.
 #pragma once
 
 #include <cstdint>
@@ -16,16 +16,16 @@ class RingModel : public report::RecordSource {
   explicit RingModel(std::uint32_t slots) : slots_(slots) {}
 
   void Append(const std::string& record);
-  // Empties the report; what was written is forgotten.
+  // Empties the report and forgets its records.
   void StartOver();
 
-  // All records since the start, and how many of the first have left the ring.
+  // All records since the start, and how many of the first ones have been replaced.
   const std::vector<std::string>& All() const { return all_; }
   std::size_t Gone() const { return all_.size() - kept_.size(); }
 
-  // At most so many records an answer.
+  // The most records of one reply.
   void LimitAnswers(std::uint32_t records) { answer_max_ = records; }
-  // Called before each record is read: where a writer comes between.
+  // Called before each record is read: here a writer can append.
   void BetweenReads(std::function<void()> step) { between_ = std::move(step); }
   // The n-th call from now on (1: the next) fails.
   void FailCall(int n) { fail_in_ = n; }
@@ -34,7 +34,7 @@ class RingModel : public report::RecordSource {
   bool Refresh() override;
   bool Read(std::uint32_t start, std::uint32_t count_max, std::vector<std::string>& records) override;
 
-  static constexpr std::size_t kRecordBytesMax = 1000;  // a longer record fits no answer
+  static constexpr std::size_t kRecordBytesMax = 1000;  // a longer record does not fit into a reply
 
  private:
   bool Call();

@@ -30,15 +30,15 @@ using testing::IsEmpty;
 
 namespace fs = std::filesystem;
 
-// "record 00000042 ......": says by itself which one it is, and never overwrites another.
+// "record 00000042 ......": the text shows which one it is, and never overwrites another.
 std::string SelfDescribing(unsigned number, std::size_t body_bytes = 0) {
   char text[32];
   (void)std::snprintf(text, sizeof text, "record %08u %8u", number, number % 97);
   return text + std::string(body_bytes, static_cast<char>('a' + number % 26));
 }
 
-// A process that appends as fast as it can, from its beginning to its end; with `burst` it pauses for two milliseconds
-// after as many records.
+// A process that appends as fast as it can, from construction to destruction; with `burst` it pauses for two
+// milliseconds after that many records.
 class LiveWriter {
  public:
   LiveWriter(const std::string& base_path, std::uint32_t slots, std::size_t body_bytes = 0, unsigned burst = 0) {
@@ -84,7 +84,7 @@ class StoreBackup : public testing::Test {
     for (const std::string& text : texts) ASSERT_TRUE(store.writeLine(text.c_str()));
   }
 
-  // Every name below the test's directory: nothing temporary may be left.
+  // Every name below the test's directory: no temporary file may be left.
   std::vector<std::string> NamesBelow(const std::string& directory) const {
     std::vector<std::string> names;
     for (const auto& entry : fs::recursive_directory_iterator(directory)) {
@@ -113,11 +113,11 @@ void ExpectContiguousRun(const std::string& base_path, std::size_t count, std::s
   }
 }
 
-// A copy ends as a store at rest does, though the writer went on: with its marker.
+// A copy ends with its marker, like a store without a writer, although the writer continued.
 void ExpectCutAtItsMoment(const std::string& base_path) {
   const StoreBytes copy = {ReadFile(base_path + ".ind"), ReadFile(base_path + ".dat")};
   const std::uint32_t position = copy.Header().writePosition;
-  if (position == 0) return;  // just restarted: the marker is elsewhere
+  if (position == 0) return;  // the data file just restarted: the marker is elsewhere
   EXPECT_EQ(copy.data.substr(position, report::kEndMarker.size()), report::kEndMarker);
 }
 
@@ -158,7 +158,7 @@ TEST_F(StoreBackup, CopiesKeepPermissionsAndTimes) {
   EXPECT_EQ(fs::last_write_time(target_ + "/load.ind"), fs::last_write_time(from));
 }
 
-TEST_F(StoreBackup, ADamagedStoreIsCopiedAsItIsAndNamed) {
+TEST_F(StoreBackup, DamagedStoreIsCopiedAsItIsAndNamed) {
   MakeStore("load", 3, Numbered(8));
   std::string index = ReadFile(reports_ + "/load.ind");
   index[20] = 9;
@@ -194,7 +194,7 @@ TEST_F(StoreBackup, FileWhoseStatFailsIsNamedAsUnreadable) {
   EXPECT_EQ(result.items[1].error, EIO);
 }
 
-TEST_F(StoreBackup, ListingThatBreaksOffLeavesNoTarget) {
+TEST_F(StoreBackup, ListingThatEndsEarlyLeavesNoTarget) {
   MakeStore("load", 3, {"a"});
   const FailingCall fault({.call = FileCall::kReadEntries, .nth = 2, .error = EIO});
   const BackupResult result = report::BackupReports(reports_, target_);
@@ -203,7 +203,7 @@ TEST_F(StoreBackup, ListingThatBreaksOffLeavesNoTarget) {
   EXPECT_THAT(NamesBelow(dir_.Path()), ElementsAre("reports", "reports/load.dat", "reports/load.ind"));
 }
 
-TEST_F(StoreBackup, LinksAreNamedAndLeftOut) {
+TEST_F(StoreBackup, LinksAreNamedAndNotCopied) {
   WriteFile(dir_.File("secret"), "s");
   MakeStore("load", 3, {"a"});
   fs::create_symlink(dir_.File("secret"), reports_ + "/file-link");
@@ -219,7 +219,7 @@ TEST_F(StoreBackup, LinksAreNamedAndLeftOut) {
   EXPECT_THAT(NamesBelow(target_), ElementsAre("load.dat", "load.ind"));
 }
 
-TEST_F(StoreBackup, FifosAreNamedAndLeftOut) {
+TEST_F(StoreBackup, FifosAreNamedAndNotCopied) {
   ASSERT_EQ(mkfifo((reports_ + "/pipe").c_str(), 0600), 0);
   const BackupResult result = report::BackupReports(reports_, target_);
   EXPECT_EQ(result.state, BackupState::kDone);
@@ -238,7 +238,7 @@ TEST_F(StoreBackup, HolesStayHoles) {
   }
 }
 
-TEST_F(StoreBackup, ATargetThatHoldsSomethingIsRefused) {
+TEST_F(StoreBackup, TargetWithFilesIsRefused) {
   fs::create_directory(target_);
   WriteFile(target_ + "/old", "precious");
   EXPECT_EQ(report::BackupReports(reports_, target_).state, BackupState::kRefused);
@@ -246,14 +246,14 @@ TEST_F(StoreBackup, ATargetThatHoldsSomethingIsRefused) {
   EXPECT_EQ(report::BackupReports(reports_, target_ + "/old").state, BackupState::kRefused);
 }
 
-TEST_F(StoreBackup, AnEmptyDirectoryIsFilled) {
+TEST_F(StoreBackup, EmptyDirectoryIsFilled) {
   MakeStore("load", 3, Numbered(2));
   fs::create_directory(target_);
   EXPECT_EQ(report::BackupReports(reports_, target_ + "/").state, BackupState::kDone);
   EXPECT_THAT(NamesBelow(target_), ElementsAre("load.dat", "load.ind"));
 }
 
-TEST_F(StoreBackup, ATargetInTheReportDirectoryIsRefused) {
+TEST_F(StoreBackup, TargetInTheReportDirectoryIsRefused) {
   EXPECT_EQ(report::BackupReports(reports_, reports_ + "/backup").state, BackupState::kRefused);
   EXPECT_EQ(report::BackupReports(reports_, dir_.Path() + "/none/../reports/backup").state, BackupState::kRefused);
   EXPECT_THAT(NamesBelow(reports_), IsEmpty());
@@ -264,8 +264,8 @@ TEST_F(StoreBackup, WithoutAReportDirectoryThereIsNothingToBackUp) {
   EXPECT_FALSE(Exists(target_));
 }
 
-// A file size limit stands for a full disk: the copy fails in the middle, and no target is left.
-TEST_F(StoreBackup, AFullDiskLeavesNoTarget) {
+// A file size limit acts like a full disk: the copy fails in the middle, and no target is left.
+TEST_F(StoreBackup, FullDiskLeavesNoTarget) {
   MakeStore("load", 3, Numbered(2));
   WriteFile(reports_ + "/z-big", std::string(300000, 'x'));
   const pid_t child = fork();
@@ -284,9 +284,9 @@ TEST_F(StoreBackup, AFullDiskLeavesNoTarget) {
 
 // --- while a writer appends as fast as it can
 
-TEST_F(StoreBackup, EveryCopyOfALiveStoreIsSoundAndHoldsAContiguousRun) {
-  // Each append to a full ring overwrites its oldest record, so a copy needs a pause of the writer. One that never
-  // pauses need not be copied; one that does has to be.
+TEST_F(StoreBackup, EveryCopyOfALiveStoreIsSoundAndHasAContiguousRun) {
+  // Each append to a full ring overwrites its oldest record, so a copy needs a pause of the writer. A store whose
+  // writer pauses must be copied.
   for (const auto& [slots, burst] :
        std::vector<std::pair<std::uint32_t, unsigned>>{{4, 0}, {30, 0}, {100, 0}, {3001, 0}, {3000, 500}}) {
     const bool never_pauses = burst == 0;
@@ -312,8 +312,8 @@ TEST_F(StoreBackup, EveryCopyOfALiveStoreIsSoundAndHoldsAContiguousRun) {
   }
 }
 
-// Records so long that many reads make a copy, with appends between them.
-TEST_F(StoreBackup, EveryCopyOfALiveStoreOfLongRecordsHoldsThemWhole) {
+// Records so long that a copy needs many reads, with appends between them.
+TEST_F(StoreBackup, EveryCopyOfALiveStoreHasLongRecordsWhole) {
   constexpr std::size_t kBodyBytes = 100000;
   const std::string base = reports_ + "/long";
   const LiveWriter writer(base, 8, kBodyBytes);
@@ -326,7 +326,7 @@ TEST_F(StoreBackup, EveryCopyOfALiveStoreOfLongRecordsHoldsThemWhole) {
   }
 }
 
-TEST_F(StoreBackup, ABackupOfALiveReportDirectoryHoldsSoundStores) {
+TEST_F(StoreBackup, BackupOfALiveReportDirectoryHasSoundStores) {
   const LiveWriter first(reports_ + "/a", 500);
   const LiveWriter second(reports_ + "/b", 2000);
   const BackupResult result = report::BackupReports(reports_, target_);

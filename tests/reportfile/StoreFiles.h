@@ -1,4 +1,4 @@
-// A report's two files in a private directory, as tests make, look at and damage them.
+// A report's two files in a private directory, which tests make, read and damage.
 #pragma once
 
 #include <fcntl.h>
@@ -27,7 +27,7 @@ class StoreFiles {
   std::string IndexBytes() const { return ReadFile(IndexPath()); }
   std::string DataBytes() const { return ReadFile(DataPath()); }
 
-  // Writes both files from their parts: damaged stores are made, not hoped for.
+  // Writes both files from their parts, which may be damaged.
   void Make(const report::IndexHeader& header, const std::vector<std::uint32_t>& slots, std::string_view data) const {
     std::string index(reinterpret_cast<const char*>(&header), sizeof header);
     for (const std::uint32_t slot : slots) index.append(reinterpret_cast<const char*>(&slot), sizeof slot);
@@ -41,7 +41,7 @@ class StoreFiles {
   }
   void WriteData(std::int64_t offset, std::string_view bytes) const { WriteAt(DataPath(), offset, bytes); }
 
-  // A header that says: `slots` slots, all in use, the oldest first.
+  // A header with `slots` slots, all in use, the oldest first.
   static report::IndexHeader FullRing(std::uint32_t slots) {
     return {.writePosition = 0,
             .fileEnd = 0,
@@ -89,7 +89,7 @@ inline void MakeSparseFile(const std::string& path) {
   if (!is_made) throw std::runtime_error("no " + path);
 }
 
-// Of 512 bytes each.
+// The allocated blocks, of 512 bytes each.
 inline std::int64_t BlocksOf(const std::string& path) {
   struct stat status;
   if (stat(path.c_str(), &status) != 0) throw std::runtime_error("no " + path);
@@ -107,7 +107,7 @@ inline std::vector<std::string> ReadAll(CReportFileBase& store) {
   return records;
 }
 
-// The records that a reader finds who opens the files now.
+// The records that a new reader of the files finds.
 inline std::vector<std::string> ReadAll(const StoreFiles& files) {
   CReportFileBase reader;
   if (!reader.OpenRead(files.Path())) return {"cannot be opened"};

@@ -18,13 +18,13 @@ TEST(StoreFormat, SlotOffsetsDoNotWrapAtFourGigabytes) {
   EXPECT_EQ(SlotOffset(0xFFFFFFFF), 0x400000014);
 }
 
-TEST(StoreFormat, RingSizeZeroMeansAsManySlotsAsTheFormatIsMeantFor) {
+TEST(StoreFormat, RingSizeZeroMeans1073741823Slots) {
   EXPECT_EQ(RingSize(0), 1073741823U);
   EXPECT_EQ(RingSize(1), 1U);
   EXPECT_EQ(RingSize(0xFFFFFFFF), 0xFFFFFFFF);
 }
 
-TEST(StoreFormat, LogicalRecordsBeginAtTheOldestSlotAndGoRound) {
+TEST(StoreFormat, LogicalRecordsBeginAtTheOldestSlotAndWrap) {
   const IndexHeader header{.maxRecord = 4, .highestIndex = 4, .oldestIndex = 2};
   EXPECT_EQ(SlotOfLogical(header, 0), 2U);
   EXPECT_EQ(SlotOfLogical(header, 1), 3U);
@@ -32,7 +32,7 @@ TEST(StoreFormat, LogicalRecordsBeginAtTheOldestSlotAndGoRound) {
   EXPECT_EQ(SlotOfLogical(header, 3), 1U);
 }
 
-TEST(StoreFormat, LogicalRecordsOfARingWithoutSlotsTakeSlotsAsTheyAre) {
+TEST(StoreFormat, LogicalRecordsOfARingWithoutSlotsAreTheSlots) {
   const IndexHeader header{.maxRecord = 0, .highestIndex = 4, .oldestIndex = 2};
   EXPECT_EQ(SlotOfLogical(header, 3), 5U);
 }
@@ -52,7 +52,7 @@ TEST(StoreFormat, AdvancingTheRingComparesUnsigned) {
   EXPECT_EQ(header.oldestIndex, 0U);
 }
 
-TEST(StoreFormat, AdvancingADamagedOldestIndexComesBackToZero) {
+TEST(StoreFormat, AdvancingADamagedOldestIndexSetsItToZero) {
   IndexHeader header{.maxRecord = 3, .highestIndex = 3, .oldestIndex = 77};
   AdvanceRing(header);
   EXPECT_EQ(header.oldestIndex, 0U);

@@ -1,4 +1,4 @@
-// Stores that the real writer made, kept as bytes: what the store tools are tried on.
+// Stores of the real writer, as bytes in memory: the input for the tests of the store tools.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ struct StoreBytes {
   }
 };
 
-// A store that grows by real appends; Bytes() is what its files hold.
+// A store that grows by real appends; Bytes() has the content of its files.
 class StoreLife {
  public:
   explicit StoreLife(std::uint32_t slots) { Require(store_.Open(files_.Path(), slots)); }

@@ -1,5 +1,4 @@
-// Links in the place of a store's files and directories: an ordinary user prepares them, root writes or reads the
-// report.
+// Links in place of a store's files and directories: an ordinary user makes them, root writes or reads the report.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -70,7 +69,7 @@ class StoreLinks : public testing::Test {
   CReportFileBase store_;
 };
 
-TEST_F(StoreLinks, DataFileThatLeadsToASecretIsNeitherServedNorEmptied) {
+TEST_F(StoreLinks, DataFileThatIsALinkToASecretIsNeitherServedNorEmptied) {
   LinkAs(kUser, secret_, "x.dat");
   EXPECT_EQ(ErrorOfOpen(Name("x")), ELOOP);  // the index file is missing: the store would be started over
   ExpectSecretIsUntouched();
@@ -80,7 +79,7 @@ TEST_F(StoreLinks, DataFileThatLeadsToASecretIsNeitherServedNorEmptied) {
   ExpectSecretIsUntouched();
 }
 
-TEST_F(StoreLinks, IndexFileThatLeadsToASecretIsNeitherServedNorEmptied) {
+TEST_F(StoreLinks, IndexFileThatIsALinkToASecretIsNeitherServedNorEmptied) {
   LinkAs(kUser, secret_, "x.ind");
   EXPECT_EQ(ErrorOfOpen(Name("x")), ELOOP);
   WriteFile(Name("x.dat"), "");
@@ -96,7 +95,7 @@ TEST_F(StoreLinks, DanglingLinkOfAStrangerCreatesNothing) {
   EXPECT_FALSE(Exists(Name("x.dat")));
 }
 
-TEST_F(StoreLinks, DirectoryThatIsALinkLeadsNowhere) {
+TEST_F(StoreLinks, DirectoryThatIsALinkIsNotFollowed) {
   ASSERT_EQ(mkdir(dir_.File("private").c_str(), 0755), 0);
   MakeReport(dir_.File("private/r"), 0);
   LinkAs(kUser, dir_.File("private"), "sub");
@@ -126,7 +125,7 @@ TEST_F(StoreLinks, LinksOfRootAreFollowed) {
   EXPECT_THAT(ReadAll(store_), testing::ElementsAre("a\r\n", "b\r\n"));
 }
 
-TEST_F(StoreLinks, UserWritesThroughHisOwnLinks) {
+TEST_F(StoreLinks, UserWritesThroughTheirOwnLinks) {
   MakeReport(Name("r"), kUser);
   LinkAs(kUser, "r.ind", "x.ind");
   LinkAs(kUser, "r.dat", "x.dat");
@@ -138,7 +137,7 @@ TEST_F(StoreLinks, FilesOfOtherOwnersStayWritable) {
   EXPECT_EQ(ErrorOfOpen(Name("r")), 0);
 }
 
-// The administrator chose the way to the report directory, whoever owns the links on it.
+// The administrator chose the path of the report directory, whoever owns the links in it.
 TEST_F(StoreLinks, LinksAboveTheNamedReportDirectoryAreNotChecked) {
   const ReportRoot root(dir_.File("way/reports"));
   ASSERT_EQ(mkdir(dir_.File("real").c_str(), 0755), 0);
@@ -155,8 +154,8 @@ TEST_F(StoreLinks, LinksAboveTheNamedReportDirectoryAreNotChecked) {
   EXPECT_EQ(ErrorOfOpen(dir_.File("way/reports/x")), ELOOP);
 }
 
-// The working directory may be anybody's.
-TEST_F(StoreLinks, WorkingDirectorysReportsIsNotNamedAnywhere) {
+// The working directory may belong to anybody.
+TEST_F(StoreLinks, LinkAtReportsInTheWorkingDirectoryIsRefused) {
   const RegistryContent no_root("[HKEY_LOCAL_MACHINE]\n\n\n");
   ASSERT_EQ(mkdir(dir_.File("cwd").c_str(), 0755), 0);
   const auto before = std::filesystem::current_path();
@@ -169,7 +168,7 @@ TEST_F(StoreLinks, WorkingDirectorysReportsIsNotNamedAnywhere) {
   EXPECT_FALSE(Exists(dir_.File("new.ind")));
 }
 
-// The user swaps his own data file for a link to the secret while root opens the report to write, and starts it over.
+// The user swaps the data file for a link to the secret while root opens the report for writing and starts it over.
 TEST_F(StoreLinks, LinkThatIsSwappedDuringOpenNeverReachesTheSecret) {
   WriteFile(Name("x.dat"), "");
   ASSERT_EQ(chown(Name("x.dat").c_str(), kUser, kUser), 0);
@@ -179,7 +178,7 @@ TEST_F(StoreLinks, LinkThatIsSwappedDuringOpenNeverReachesTheSecret) {
   const Attacker attacker([&] { Exchange(mine.c_str(), bait.c_str()); });
   int refused = 0;
   int opened = 0;
-  // On a busy machine the attacker may wait for a while.
+  // On a busy machine the attacker may not run for a while.
   for (int tries = 0; tries < 5000 || (std::min(refused, opened) < 100 && tries < 500000); ++tries) {
     (void)unlink(Name("x.ind").c_str());
     const int error = ErrorOfOpen(Name("x"));

@@ -1,5 +1,5 @@
 // An ordinary user exchanges files and directories for links to root's while root backs up, restores and removes: no
-// byte of root's secret gets out, and nothing of root's is written or removed.
+// byte of root's secret is copied, and no file of root's is written or removed.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -26,15 +26,15 @@ constexpr int kRoundsMin = 100;
 constexpr int kRemovalsMin = 20000;
 constexpr long kStepsMin = 5000;
 
-// In memory where that can be had: thousands of syncs are not what is tried.
+// In memory if possible: thousands of syncs to a disk are not part of the test.
 [[maybe_unused]] const bool is_in_memory = access("/dev/shm", W_OK) == 0 && setenv("TMPDIR", "/dev/shm", 0) == 0;
 
 // "ours" is root's directory with a secret; "theirs" belongs to the user. In "theirs/top" the directory "sub" and the
-// file "file" change places with the links "theirs/dirlink" and "theirs/filelink", which lead to root's.
+// file "file" are swapped with the links "theirs/dirlink" and "theirs/filelink", which point to root's.
 class StoreRace : public testing::Test {
  protected:
   void SetUp() override {
-    if (!IsRoot()) GTEST_SKIP() << "only root has something to lose";
+    if (!IsRoot()) GTEST_SKIP() << "only root can be attacked";
     ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
     MakeTree(dir_.Path(), {{"ours/a", "secret"}, {"ours/b/c", "secret"}, {"theirs/top/", ""}, {"root/", ""}});
     ASSERT_EQ(chmod(dir_.File("ours/a").c_str(), 0600), 0);
@@ -42,13 +42,13 @@ class StoreRace : public testing::Test {
     Step();
   }
 
-  // Exchanges both, and back. Makes what is missing.
+  // Exchanges both, and back. Creates what is missing.
   void Step() const {
     for (int i = 0; i < 4; ++i) {
       ExchangeAndPause(sub_.c_str(), dir_link_.c_str());
       ExchangeAndPause(file_.c_str(), file_link_.c_str());
     }
-    // If the directory has the link's name now, it makes way for a new link.
+    // If the directory has the link's name now, it is renamed for a new link.
     for (const char* const name : {"/a", "/b/c"}) (void)unlink((dir_link_ + name).c_str());
     (void)rmdir((dir_link_ + "/b").c_str());
     (void)rmdir(dir_link_.c_str());
@@ -62,7 +62,7 @@ class StoreRace : public testing::Test {
     (void)symlink(secret_.c_str(), file_link_.c_str());
   }
 
-  // Runs `work` again and again while the user is at it.
+  // Runs `work` again and again while the user swaps.
   void Race(const std::function<void()>& user_step, const std::function<void()>& work, int rounds = kRoundsMin) {
     GiveTreeToOrdinaryUser(dir_.File("theirs"));
     const Attacker user(user_step);
@@ -98,7 +98,7 @@ TEST_F(StoreRace, RemovalNeverLeavesTheTree) {
   EXPECT_GT(removed, 0);
 }
 
-TEST_F(StoreRace, BackupNeverContainsWhatALinkLeadsTo) {
+TEST_F(StoreRace, BackupNeverContainsTheTargetOfALink) {
   const std::string target = dir_.File("root/backup");
   int done = 0;
   Race([this] { Step(); },
@@ -124,8 +124,8 @@ TEST_F(StoreRace, RestoreReadsNothingThroughALinkInTheBackup) {
   EXPECT_GT(done, 0);
 }
 
-// Root's backup into the user's reports: nothing is written where a link leads. The user removes what was restored, so
-// that the next restore does not wait for writers.
+// Root's backup into the user's reports: nothing is written to the target of a link. The user removes what was
+// restored, so that the next restore does not wait for writers.
 TEST_F(StoreRace, RestoreWritesNothingThroughALinkAmongTheReports) {
   const std::string backup = dir_.File("root/backup");
   MakeTree(backup, {{"file", "new"}, {"sub/a", "new"}, {"sub/b/c", "new"}, {"sub/new", "new"}});

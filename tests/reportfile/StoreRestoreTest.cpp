@@ -38,7 +38,7 @@ class StoreRestore : public testing::Test {
     for (const std::string& text : texts) ASSERT_TRUE(store.writeLine(text.c_str()));
   }
 
-  // A backup of "load" (two records) and its names, over a report directory in which "load" has grown and "other" is.
+  // A backup of "load" (two records) and its names, over a report directory with a longer "load" and with "other".
   void MakeBoth() const {
     MakeStore(backup_ + "/load", {"a", "b"});
     WriteFile(backup_ + "/load.names", "[Quaxel Report Instances]\n");
@@ -63,7 +63,7 @@ class StoreRestore : public testing::Test {
     return ReadAll(store);
   }
 
-  // As MakeBoth left them, with these names and no others.
+  // The files are those of MakeBoth, with these names and no others.
   void ExpectReportsUnchanged(const std::vector<std::string>& names) const {
     EXPECT_EQ(NamesIn(reports_), names);
     EXPECT_THAT(RecordsOf(reports_ + "/load"), ElementsAre("a\r\n", "b\r\n", "c\r\n"));
@@ -112,14 +112,14 @@ TEST_F(StoreRestore, HiddenFilesAndSubdirectoriesAreRestored) {
   EXPECT_THAT(NamesIn(dir_.Path()), ElementsAre("backup", "reports"));
 }
 
-TEST_F(StoreRestore, ABackupIsRemovedOnlyWhenAskedFor) {
+TEST_F(StoreRestore, BackupIsRemovedOnlyOnRequest) {
   MakeBoth();
   EXPECT_EQ(Restore({.consume = true}).state, RestoreState::kDone);
   EXPECT_FALSE(Exists(backup_));
   EXPECT_THAT(RecordsOf(reports_ + "/load"), ElementsAre("a\r\n", "b\r\n"));
 }
 
-TEST_F(StoreRestore, AReportThatIsOpenForWritingBlocksTheRestore) {
+TEST_F(StoreRestore, ReportThatIsOpenForWritingBlocksTheRestore) {
   MakeBoth();
   CReportFileBase agent;
   ASSERT_TRUE(agent.Open((reports_ + "/load").c_str(), 9));
@@ -132,7 +132,7 @@ TEST_F(StoreRestore, AReportThatIsOpenForWritingBlocksTheRestore) {
   EXPECT_EQ(Restore({.force = true}).state, RestoreState::kDone);
 }
 
-TEST_F(StoreRestore, AReaderDoesNotBlockTheRestore) {
+TEST_F(StoreRestore, ReaderDoesNotBlockTheRestore) {
   MakeBoth();
   CReportFileBase reader;
   ASSERT_TRUE(reader.OpenRead((reports_ + "/load").c_str()));
@@ -152,7 +152,7 @@ TEST_F(StoreRestore, DamagedBackupIsRestoredOnlyByForce) {
   EXPECT_EQ(ReadFile(reports_ + "/load.ind"), index);
 }
 
-TEST_F(StoreRestore, HalfAStoreCountsAsDamaged) {
+TEST_F(StoreRestore, StoreWithOneFileCountsAsDamaged) {
   WriteFile(backup_ + "/load.dat", "half");
   EXPECT_EQ(Restore().state, RestoreState::kBlocked);
 }
@@ -179,7 +179,7 @@ TEST_F(StoreRestore, FileWhoseStatFailsInTheBackupFailsBeforeAnythingIsChanged) 
   ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
 }
 
-TEST_F(StoreRestore, ListingThatBreaksOffFailsBeforeAnythingIsChanged) {
+TEST_F(StoreRestore, ListingThatEndsEarlyFailsBeforeAnythingIsChanged) {
   MakeBoth();
   const FailingCall fault({.call = FileCall::kReadEntries, .nth = 2, .error = EIO});
   EXPECT_EQ(Restore({.force = true, .consume = true}).error, EIO);
@@ -187,7 +187,7 @@ TEST_F(StoreRestore, ListingThatBreaksOffFailsBeforeAnythingIsChanged) {
   EXPECT_THAT(NamesIn(backup_), ElementsAre("load.dat", "load.ind", "load.names"));
 }
 
-// Until the last file is written and synced, nothing has changed and nothing is left over.
+// Until the last file is written and synced, no target has changed, and no temporary file is left.
 TEST_F(StoreRestore, FailureBeforeTheFirstRenameChangesNothing) {
   MakeBoth();
   fs::create_directory(backup_ + "/sub");
@@ -273,7 +273,7 @@ TEST_F(StoreRestore, LinkInTheBackupIsRefusedAlsoByForce) {
   ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
 }
 
-TEST_F(StoreRestore, BackupThatIsReachedOverALinkIsRestoredAndNotRemoved) {
+TEST_F(StoreRestore, BackupThatIsReachedThroughALinkIsRestoredAndKept) {
   MakeBoth();
   fs::create_symlink(backup_, dir_.File("link"));
   const RestoreResult result = report::RestoreReports(dir_.File("link"), reports_, {.consume = true});
@@ -325,7 +325,7 @@ TEST_F(StoreRestore, NestedDirectoriesAreRefused) {
   EXPECT_EQ(report::PlanRestore(dir_.Path(), reports_).state, RestoreState::kRefused);
 }
 
-TEST_F(StoreRestore, MissingReportDirectoryIsMade) {
+TEST_F(StoreRestore, MissingReportDirectoryIsCreated) {
   MakeStore(backup_ + "/load", {"a"});
   fs::remove(reports_);
   EXPECT_EQ(Restore().state, RestoreState::kDone);

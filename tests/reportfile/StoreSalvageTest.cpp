@@ -43,8 +43,8 @@ void SetSlot(StoreBytes& store, std::uint32_t slot, std::uint32_t offset) {
 
 }  // namespace
 
-// A salvage that took such a file for an empty one would call itself done.
-TEST(FileBytes, AFileWhoseSizeCannotBeToldIsAnErrorAndNotAnEmptyFile) {
+// Otherwise a salvage would treat such a file as empty and succeed.
+TEST(FileBytes, FileWhoseStatFailsIsAnErrorAndNotAnEmptyFile) {
   const TempDir dir;
   WriteFile(dir.File("data"), "some bytes");
   report::FileBytes bytes(file::OpenRegular(dir.File("data").c_str(), O_RDONLY));
@@ -53,20 +53,20 @@ TEST(FileBytes, AFileWhoseSizeCannotBeToldIsAnErrorAndNotAnEmptyFile) {
   ASSERT_EQ(::close(bytes.Number()), 0);
   EXPECT_EQ(bytes.Size(), 0);
   EXPECT_EQ(bytes.Error(), EBADF);
-  ASSERT_NE(::dup2(kept, bytes.Number()), -1);  // for the object to close
+  ASSERT_NE(::dup2(kept, bytes.Number()), -1);  // the object closes it
   ::close(kept);
 }
 
-TEST(StoreSalvage, ASoundStoreComesBackInAgeOrder) {
+TEST(StoreSalvage, SoundStoreIsSalvagedInAgeOrder) {
   SalvageCounts counts;
   EXPECT_THAT(Salvaged(StoreOf(5, Numbered(3)), true, &counts), ElementsAre("rec1", "rec2", "rec3"));
   EXPECT_EQ(counts.indexed, 3U);
   EXPECT_EQ(counts.unindexed + counts.lost, 0U);
 }
 
-// rec7 stands over rec1 with the marker over rec2. rec3 may be the rest of a longer record, so it is left out; rec4 is
-// whole, for a line end stands in front of it.
-TEST(StoreSalvage, WholeLinesBehindTheEndMarkerComeBehindTheIndexedRecords) {
+// rec7 has overwritten rec1, and the marker rec2. rec3 may be the rest of a longer record, so it is left out; rec4 is
+// whole, because a line end is before it.
+TEST(StoreSalvage, WholeLinesAfterTheEndMarkerFollowTheIndexedRecords) {
   SalvageCounts counts;
   const StoreBytes store = StoreOf(3, Numbered(7));
   EXPECT_THAT(Salvaged(store, true, &counts), ElementsAre("rec5", "rec6", "rec7", "rec4"));
@@ -75,25 +75,25 @@ TEST(StoreSalvage, WholeLinesBehindTheEndMarkerComeBehindTheIndexedRecords) {
   EXPECT_THAT(Salvaged(store, false), ElementsAre("rec5", "rec6", "rec7"));
 }
 
-TEST(StoreSalvage, WithoutAnIndexTheLinesOfTheDataFileComeBack) {
+TEST(StoreSalvage, WithoutAnIndexTheLinesOfTheDataFileAreSalvaged) {
   EXPECT_THAT(Salvaged({"", StoreOf(9, Numbered(3)).data}), ElementsAre("rec1", "rec2", "rec3"));
   EXPECT_THAT(Salvaged({StoreOf(9, Numbered(3)).index, ""}), IsEmpty());
 }
 
-TEST(StoreSalvage, AHeaderOfGarbageDoesNotHideTheRecordsOfItsSlots) {
+TEST(StoreSalvage, RecordsOfTheSlotsAreSalvagedInSpiteOfABadHeader) {
   StoreBytes store = StoreOf(4, Numbered(6));
   store.index.replace(0, sizeof(report::IndexHeader), std::string(sizeof(report::IndexHeader), '\xEE'));
   EXPECT_THAT(Salvaged(store, false), testing::UnorderedElementsAre("rec3", "rec4", "rec5", "rec6"));
 }
 
-// writePosition alone tells where the ring begins.
-TEST(StoreSalvage, WhenTheOldestSlotIsLostTheEndOfTheNewestRecordTellsIt) {
+// Only writePosition shows where the ring begins.
+TEST(StoreSalvage, EndOfTheNewestRecordShowsALostOldestSlot) {
   StoreBytes store = StoreOf(4, Numbered(6));
   store.index.replace(offsetof(report::IndexHeader, oldestIndex), 4, "\xFF\xFF\xFF\xFF");
   EXPECT_THAT(Salvaged(store, false), ElementsAre("rec3", "rec4", "rec5", "rec6"));
 }
 
-TEST(StoreSalvage, ARecordInFlightIsTheNewestOne) {
+TEST(StoreSalvage, RecordWithoutItsHeaderIsTheNewestOne) {
   StoreLife life(3);
   for (const std::string& text : Numbered(4)) life.Append(text);
   const StoreBytes before = life.Bytes();
@@ -103,16 +103,16 @@ TEST(StoreSalvage, ARecordInFlightIsTheNewestOne) {
   EXPECT_THAT(Salvaged(store, false), ElementsAre("rec3", "rec4", "rec5"));
 }
 
-TEST(StoreSalvage, ASlotThatLeadsIntoARecordGivesNoPieceOfIt) {
+TEST(StoreSalvage, SlotIntoTheMiddleOfARecordSalvagesNoPart) {
   StoreBytes store = StoreOf(9, Numbered(5));
   SetSlot(store, 3, 8);  // into rec2
   SalvageCounts counts;
   EXPECT_THAT(Salvaged(store, true, &counts), ElementsAre("rec1", "rec2", "rec3", "rec5", "rec4"));
   EXPECT_EQ(counts.lost, 1U);
-  EXPECT_EQ(counts.unindexed, 1U) << "rec4 still stands there";
+  EXPECT_EQ(counts.unindexed, 1U) << "rec4 is still there";
 }
 
-TEST(StoreSalvage, ARecordWithANulOrWithoutItsEndIsLost) {
+TEST(StoreSalvage, RecordWithANulOrWithoutItsEndIsLost) {
   StoreBytes store = StoreOf(9, Numbered(3));
   store.data[8] = '\0';
   EXPECT_THAT(Salvaged(store), ElementsAre("rec1", "rec3"));
@@ -120,13 +120,13 @@ TEST(StoreSalvage, ARecordWithANulOrWithoutItsEndIsLost) {
   EXPECT_THAT(Salvaged(store), ElementsAre("rec1"));
 }
 
-// As readers see it: up to its first line feed. What is behind that comes as a line that no slot leads to.
-TEST(StoreSalvage, ARecordOfTwoLinesComesBackAsItsFirst) {
+// As readers see it: up to its first line feed. The rest is salvaged as a line without a slot.
+TEST(StoreSalvage, RecordOfTwoLinesIsSalvagedAsItsFirst) {
   EXPECT_THAT(Salvaged(StoreOf(9, {"one\ntwo", "three"}), false), ElementsAre("one", "three"));
   EXPECT_THAT(Salvaged(StoreOf(9, {"one\ntwo", "three"})), ElementsAre("one", "three", "two"));
 }
 
-TEST(StoreSalvage, EmptyTextsAndTheByteFFComeBack) {
+TEST(StoreSalvage, EmptyTextsAndTheByteFFAreSalvaged) {
   EXPECT_THAT(Salvaged(StoreOf(9, {"",
                                    "a\xFF"
                                    "b",
@@ -137,13 +137,13 @@ TEST(StoreSalvage, EmptyTextsAndTheByteFFComeBack) {
                           ""));
 }
 
-// --- the oracle: whatever is damaged, a record whose bytes and slot survive comes back
+// --- the oracle: a record whose bytes and slot survive is always salvaged
 
 class StoreSalvageOracle : public testing::Test {
  protected:
   std::uint32_t Below(std::size_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
 
-  // One-line records of one length, so that none overwrites another, in a ring that may have gone round often.
+  // One-line records of one length, so that none overwrites another, in a ring that may have wrapped many times.
   StoreBytes AnyStore() {
     const std::uint32_t slots = 1 + Below(9);
     const std::size_t length = 1 + Below(12);
@@ -204,7 +204,7 @@ class StoreSalvageOracle : public testing::Test {
            after.data.compare(record.offset, record.line.size(), record.line) == 0;
   }
 
-  // In the order of the ring if nothing but texts is damaged.
+  // In the order of the ring if only texts are damaged.
   static void ExpectSurvivors(const StoreBytes& before, const StoreBytes& after, int round) {
     const Texts salvaged = Salvaged(after, false);
     const std::multiset<std::string> found(salvaged.begin(), salvaged.end());
@@ -219,7 +219,7 @@ class StoreSalvageOracle : public testing::Test {
   std::mt19937_64 random_{Seed("StoreSalvageOracle")};
 };
 
-TEST_F(StoreSalvageOracle, EveryRecordWhoseBytesAndSlotSurviveComesBack) {
+TEST_F(StoreSalvageOracle, EveryRecordWithIntactBytesAndSlotIsSalvaged) {
   for (int made = 0; made < 500; ++made) {
     const StoreBytes sound = AnyStore();
     for (int damaged = 0; damaged < 20; ++damaged) {
@@ -230,7 +230,7 @@ TEST_F(StoreSalvageOracle, EveryRecordWhoseBytesAndSlotSurviveComesBack) {
   }
 }
 
-TEST_F(StoreSalvageOracle, ASoundStoreComesBackWholeAndInOrder) {
+TEST_F(StoreSalvageOracle, SoundStoreIsSalvagedWholeAndInOrder) {
   for (int made = 0; made < 200; ++made) {
     StoreLife life(1 + Below(9));
     Texts newest;
@@ -245,14 +245,14 @@ TEST_F(StoreSalvageOracle, ASoundStoreComesBackWholeAndInOrder) {
       if (newest.size() > slots) newest.erase(newest.begin());
     }
     if (newest.size() > slots) newest.erase(newest.begin());
-    // With one slot the marker behind a restart stands over the record; it cannot come back.
+    // With one slot, the marker after a restart overwrites the record; it cannot be salvaged.
     ASSERT_EQ(Salvaged(life.Bytes(), false), newest) << slots;
   }
 }
 
 // --- hostile files
 
-TEST(StoreSalvage, SlotsThatAllLeadIntoOneLineCostNoMoreThanReadingIt) {
+TEST(StoreSalvage, SlotsThatAllPointIntoOneLineCostOneReadOfIt) {
   StoreBytes store = StoreOf(1, {std::string(200000, 'x')});
   store.index.resize(sizeof(report::IndexHeader));
   for (std::uint32_t offset = 0; offset < 200000; ++offset) store.index.append(reinterpret_cast<char*>(&offset), 4);
@@ -267,7 +267,7 @@ TEST(StoreSalvage, SlotsThatAllLeadIntoOneLineCostNoMoreThanReadingIt) {
   EXPECT_LE(bytes, 4 * store.data.size() + (1U << 20));
 }
 
-TEST(StoreSalvage, AnIndexFileOfHolesCostsNoMoreThanTheSlotsThatAreLookedAt) {
+TEST(StoreSalvage, HolesOfTheIndexFileCostOnlyTheCheckedSlots) {
   const StoreFiles files;
   WriteFile(files.IndexPath(), "");
   WriteFile(files.DataPath(), "only\r\n===>\r\n");
@@ -280,7 +280,7 @@ TEST(StoreSalvage, AnIndexFileOfHolesCostsNoMoreThanTheSlotsThatAreLookedAt) {
 
 // --- files
 
-TEST(StoreSalvage, TheNewStoreIsSoundAndTheOldOneUntouched) {
+TEST(StoreSalvage, NewStoreIsSoundAndTheOldOneUnchanged) {
   StoreLife life(3);
   for (const std::string& text : Numbered(8)) life.Append(text);
   StoreBytes store = life.Bytes();
@@ -298,7 +298,7 @@ TEST(StoreSalvage, TheNewStoreIsSoundAndTheOldOneUntouched) {
   EXPECT_EQ(life.Bytes().data, store.data);
 }
 
-TEST(StoreSalvage, NothingIsEverReplaced) {
+TEST(StoreSalvage, ExistingFilesAreNeverReplaced) {
   StoreLife life(3);
   life.Append("a");
   const std::string& base = life.Files().Base();
@@ -309,7 +309,7 @@ TEST(StoreSalvage, NothingIsEverReplaced) {
   EXPECT_FALSE(Exists(base + "-new.ind"));
 }
 
-TEST(StoreSalvage, WhatCannotBeWrittenLeavesNothing) {
+TEST(StoreSalvage, FailedWriteLeavesNoFiles) {
   StoreLife life(3);
   life.Append("a");
   const report::SalvageResult result = report::SalvageStore(life.Files().Base(), "/proc/none/new", true);

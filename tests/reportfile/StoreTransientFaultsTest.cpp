@@ -1,5 +1,5 @@
-// Calls that fail once, or for a while: a store that is there is never taken for one that is missing, and what could
-// not be read is not made up.
+// Calls that fail once, or for a while: an existing store is never treated as missing, and unread data is never
+// invented.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ class StoreTransientFaults : public testing::Test {
     EXPECT_EQ(files_.IndexBytes(), index_);
     EXPECT_EQ(files_.DataBytes(), data_);
   }
-  // Opens a new object to write; the error number, or 0.
+  // Opens a new object for writing; returns the error number, or 0.
   int ErrorOfOpen() const {
     CReportFileBase store;
     const std::size_t before = OpenDescriptors();
@@ -86,7 +86,7 @@ TEST_F(StoreTransientFaults, OpenThatFailsThreeTimesIsFalseAndChangesNothing) {
   }
 }
 
-TEST_F(StoreTransientFaults, OtherErrorsOfAnExistingFileAreNotTriedAgain) {
+TEST_F(StoreTransientFaults, OtherErrorsOfAnExistingFileAreNotRetried) {
   for (const char* const file : {"r1.ind", "r1.dat"}) {
     for (const int error : {EACCES, EIO, EROFS, ELOOP, ENOTDIR}) {
       const FailingCall fault({.call = FileCall::kOpen, .path = file, .times = kAlways, .error = error});
@@ -96,15 +96,15 @@ TEST_F(StoreTransientFaults, OtherErrorsOfAnExistingFileAreNotTriedAgain) {
   }
 }
 
-TEST_F(StoreTransientFaults, DirectoryInOneFilesPlaceLeavesTheOtherAsItIs) {
+TEST_F(StoreTransientFaults, DirectoryInPlaceOfOneFileLeavesTheOtherUnchanged) {
   ASSERT_EQ(unlink(files_.DataPath().c_str()), 0);
   ASSERT_EQ(mkdir(files_.DataPath().c_str(), 0755), 0);
   EXPECT_EQ(ErrorOfOpen(), EINVAL);
   EXPECT_EQ(files_.IndexBytes(), index_);
 }
 
-// The missing file cannot be created, so the other one keeps what it holds.
-TEST_F(StoreTransientFaults, NothingIsEmptiedBeforeTheMissingFileIsThere) {
+// The missing file cannot be created, so the other one keeps its content.
+TEST_F(StoreTransientFaults, NothingIsEmptiedBeforeTheMissingFileIsCreated) {
   ASSERT_EQ(unlink(files_.DataPath().c_str()), 0);
   {
     const FailingCall fault({.call = FileCall::kOpen, .path = "r1.dat", .nth = 2, .times = kAlways, .error = ENOSPC});
@@ -173,7 +173,7 @@ TEST_F(StoreTransientFaults, SlotOrTextThatCannotBeReadIsFalseAndReadAgain) {
 }
 
 // The text of a long record is read window by window.
-TEST_F(StoreTransientFaults, LongTextThatBreaksOffIsNotReturnedInPart) {
+TEST_F(StoreTransientFaults, LongTextWithAFailedReadIsNotReturnedInPart) {
   CReportFileBase store;
   ASSERT_TRUE(store.Open(files_.Path(), 3));
   const std::string record(10000, 'r');
@@ -201,7 +201,7 @@ TEST_F(StoreTransientFaults, FirstRecordIsTwoWritesAndLaterOnesAreThree) {
   EXPECT_EQ(ScopedWriteFault::Calls(), 5);
 }
 
-TEST_F(StoreTransientFaults, FirstSlotThatIsCutShortIsTakenBack) {
+TEST_F(StoreTransientFaults, FirstSlotThatIsCutShortIsRemoved) {
   for (std::uint64_t some = 1; some < 28; ++some) {
     const StoreFiles files;
     CReportFileBase store;
@@ -221,7 +221,7 @@ TEST_F(StoreTransientFaults, FirstSlotThatIsCutShortIsTakenBack) {
 }
 
 // A used object keeps the other store's header: a full ring whose oldest slot is 0, and one that fills.
-TEST_F(StoreTransientFaults, QuirkUsedObjectWritesItsFirstSlotWhereItsHeaderSays) {
+TEST_F(StoreTransientFaults, QuirkUsedObjectWritesItsFirstSlotByItsOldHeader) {
   const StoreFiles full;
   full.Make(StoreFiles::FullRing(2), {0, 3}, "a\r\nb\r\n===>\r\n");
   const StoreFiles first;

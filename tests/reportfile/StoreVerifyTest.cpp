@@ -31,7 +31,7 @@ void SetSlot(StoreBytes& store, std::uint32_t slot, std::uint32_t offset) {
   SetField(store, static_cast<std::size_t>(report::SlotOffset(slot)), offset);
 }
 
-// The second round of a ring of three slots: rec7 and rec8 behind a restart, rec6 from the round before.
+// The second round of a ring of three slots: rec7 and rec8 after a restart, rec6 from the previous round.
 StoreBytes SecondRound() { return StoreOf(3, Numbered(8)); }
 
 }  // namespace
@@ -42,7 +42,7 @@ class StoreVerifyLives : public testing::Test {
  protected:
   std::uint32_t Below(std::size_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
 
-  // Any text that a C string can hold, line ends, markers and 0xFF included.
+  // Any text of a C string, including line ends, markers and 0xFF.
   std::string Text(std::size_t size) {
     static const char kBytes[] = "abc =>\r\n\xFF";
     std::string text(size, ' ');
@@ -58,7 +58,7 @@ class StoreVerifyLives : public testing::Test {
   std::mt19937_64 random_{Seed("StoreVerifyLives")};
 };
 
-TEST_F(StoreVerifyLives, WhateverTheWriterLeavesIsSound) {
+TEST_F(StoreVerifyLives, EveryStoreOfTheWriterIsSound) {
   for (int life = 0; life < 100; ++life) {
     const std::uint32_t slots = RingSize();
     StoreLife store(slots);
@@ -72,9 +72,9 @@ TEST_F(StoreVerifyLives, WhateverTheWriterLeavesIsSound) {
   }
 }
 
-// What stands in the files while a record is written, or after a writer died there: the record without its slot, and
-// both without the header.
-TEST_F(StoreVerifyLives, ARecordInFlightIsNoDamage) {
+// The files while a record is written, or after a writer was killed: the record without its slot, and both without the
+// header.
+TEST_F(StoreVerifyLives, RecordWithoutItsHeaderIsNotDamage) {
   for (int life = 0; life < 100; ++life) {
     StoreLife store(1 + Below(6));
     const std::uint32_t longest = 1 + (1U << Below(9));
@@ -96,7 +96,7 @@ TEST_F(StoreVerifyLives, ARecordInFlightIsNoDamage) {
 }
 
 // A full disk cuts the record or its marker short, at the end of the data file.
-TEST(StoreVerify, ARecordThatTheDiskHadNoRoomForIsNoDamage) {
+TEST(StoreVerify, RecordThatAFullDiskCutIsNotDamage) {
   StoreLife store(4);
   for (const std::string& text : Numbered(6)) store.Append(text);
   const StoreBytes before = store.Bytes();
@@ -113,13 +113,13 @@ TEST(StoreVerify, ARecordThatTheDiskHadNoRoomForIsNoDamage) {
   }
 }
 
-TEST(StoreVerify, ARingThatIsCreatedWithAHeaderAndNeverWrittenIsSound) {
+TEST(StoreVerify, CreatedRingWithoutRecordsIsSound) {
   const StoreFiles files;
   files.Make({.maxRecord = 3}, {}, "");
   EXPECT_EQ(report::VerifyStore(files.Base()).state, StoreState::kSound);
 }
 
-TEST(StoreVerify, RecordsThatLongerOnesHaveOverwrittenAreARemark) {
+TEST(StoreVerify, RecordsThatWereOverwrittenByLongerOnesAreARemark) {
   const StoreLook look = StoreOf(3, {"a", "b", "c", "d", "e", "f", std::string(12, 'x')}).Look();
   EXPECT_EQ(Rules(look), "");
   EXPECT_EQ(look.overwritten_records, 2U);
@@ -131,8 +131,8 @@ TEST(StoreVerify, RecordsThatReadersCutAreARemark) {
   EXPECT_EQ(look.cut_records, 2U);
 }
 
-// After 2^32 records the count starts over, and no longer tells the oldest slot alone.
-TEST(StoreVerify, ACountThatHasWrappedIsARemark) {
+// After 2^32 records the count starts over, and no longer determines the oldest slot alone.
+TEST(StoreVerify, CountThatHasWrappedIsARemark) {
   StoreBytes store = StoreOf(10, Numbered(12));
   SetField(store, offsetof(IndexHeader, elementCount), 6);  // 2^32 + 6 is 2 modulo 10 as well
   const StoreLook look = store.Look();
@@ -140,7 +140,7 @@ TEST(StoreVerify, ACountThatHasWrappedIsARemark) {
   EXPECT_EQ(look.findings.empty() || look.findings[0].rule != "header.count", true);
 }
 
-TEST(StoreVerify, ADataFileThatHasOutgrownItsOffsetsIsARemark) {
+TEST(StoreVerify, DataFileBeyondItsOffsetsIsARemark) {
   const StoreFiles files;
   constexpr std::uint32_t kHigh = 0xFFFFFFF0;
   files.Make({.writePosition = kHigh, .fileEnd = kHigh, .elementCount = 1, .maxRecord = 9, .highestIndex = 1}, {0}, "");
@@ -185,7 +185,7 @@ TEST(StoreVerify, EachRuleNamesFileOffsetAndValue) {
        },
        "header.count@8=3 index; "},
       {"too low a position", [](StoreBytes& s) { SetField(s, 0, 3); }, "header.write-position@0=3 index; "},
-      {"a position just behind a restart",
+      {"a position just after a restart",
        [](StoreBytes& s) {
          s = StoreOf(3, Numbered(6));
          SetField(s, 0, 6);
@@ -199,7 +199,7 @@ TEST(StoreVerify, EachRuleNamesFileOffsetAndValue) {
        },
        "header.file-end@4=13 index; "},
       {"index ends early", [](StoreBytes& s) { s.index.resize(33); }, "index.size@33=33 index; "},
-      {"index goes on", [](StoreBytes& s) { s.index += "1234"; }, "index.size@40=40 index; "},
+      {"index is too long", [](StoreBytes& s) { s.index += "1234"; }, "index.size@40=40 index; "},
       {"index is empty", [](StoreBytes& s) { s.index.clear(); }, "index.size@0=0 index; "},
       {"index is shorter than a header", [](StoreBytes& s) { s.index.resize(23); }, "index.size@23=23 index; "},
       {"data ends early", [](StoreBytes& s) { s.data.resize(35); }, "data.size@35=35 data; "},
@@ -242,8 +242,8 @@ TEST(StoreVerify, EachRuleNamesFileOffsetAndValue) {
   }
 }
 
-// Which bits of an index file cannot be told from another store's: none but those of fileEnd and, in small rings, of a
-// count that may have wrapped.
+// Only these flipped bits may be those of another sound store: bits of fileEnd and, in small rings, of a count that may
+// have wrapped.
 TEST(StoreVerify, EveryFlippedBitOfTheIndexFileIsFound) {
   const StoreBytes sound = StoreOf(50, Numbered(120));
   std::string missed;
@@ -257,7 +257,7 @@ TEST(StoreVerify, EveryFlippedBitOfTheIndexFileIsFound) {
 
 // --- hostile files
 
-// Counts what a look costs.
+// Counts the reads of a check.
 class CountingBytes final : public report::ByteSource {
  public:
   CountingBytes(std::int64_t size, std::string head) : size_(size), head_(std::move(head)) {}
@@ -277,7 +277,7 @@ class CountingBytes final : public report::ByteSource {
   std::string head_;
 };
 
-TEST(StoreVerify, BillionsOfSlotsInAHoleCostNoMoreThanTheFindingsThatAreKept) {
+TEST(StoreVerify, BillionsOfSlotsInAHoleCostOnlyTheKeptFindings) {
   const IndexHeader header = {.writePosition = 0xFFFFFFF0,
                               .fileEnd = 0xFFFFFFF0,
                               .elementCount = 0x7FFFFFF0,
@@ -293,7 +293,7 @@ TEST(StoreVerify, BillionsOfSlotsInAHoleCostNoMoreThanTheFindingsThatAreKept) {
   EXPECT_LT(index.reads + data.reads, 1000);
 }
 
-// --- the verdict on files
+// --- the result for files
 
 TEST(StoreVerify, FindingsThatStayAreDamage) {
   const StoreFiles files;
@@ -303,8 +303,8 @@ TEST(StoreVerify, FindingsThatStayAreDamage) {
   EXPECT_EQ(verdict.look.findings[0].rule, "header.file-end");
 }
 
-// The header's count moves on in one write, all the time, between any two looks.
-TEST(StoreVerifyThreads, FindingsInAStoreThatIsWrittenBetweenTheLooksAreNoDamageYet) {
+// One write advances the header's count between any two scans.
+TEST(StoreVerifyThreads, FindingsInAStoreThatIsBeingWrittenAreNotDamage) {
   const StoreFiles files;
   IndexHeader header{.writePosition = 9, .fileEnd = 1, .elementCount = 3, .maxRecord = 3, .highestIndex = 3};
   files.Make(header, {0, 1, 2}, "x");
@@ -329,7 +329,7 @@ TEST(StoreVerifyThreads, FindingsInAStoreThatIsWrittenBetweenTheLooksAreNoDamage
 
 // --- the header alone
 
-TEST(VerifyHeader, FindsWhatHeaderAndSizesContradict) {
+TEST(VerifyHeader, ContradictionsOfHeaderAndSizesAreFound) {
   const StoreFiles files;
   const StoreBytes store = SecondRound();
   const auto write = [&](const std::string& index, const std::string& data) {
@@ -342,10 +342,10 @@ TEST(VerifyHeader, FindsWhatHeaderAndSizesContradict) {
   EXPECT_EQ(write(store.index.substr(0, kHeaderBytes - 1), store.data), StoreState::kDamaged);
   EXPECT_EQ(write(store.index, store.data.substr(0, 10)), StoreState::kDamaged);
   EXPECT_EQ(write("", ""), StoreState::kSound);
-  EXPECT_EQ(write("", store.data), StoreState::kSound);  // the first record is on its way; texts are not looked at
+  EXPECT_EQ(write("", store.data), StoreState::kSound);  // the first record is being written; texts are not checked
 }
 
-TEST(VerifyHeader, FindsARingOfBillionsThatTheFileDoesNotHold) {
+TEST(VerifyHeader, RingOfBillionsThatTheFileDoesNotHaveIsFound) {
   const StoreFiles files;
   files.Make({.elementCount = 16777215, .maxRecord = 16777215, .highestIndex = 16777215, .oldestIndex = 0}, {0},
              "a\r\n===>\r\n");
@@ -354,8 +354,8 @@ TEST(VerifyHeader, FindsARingOfBillionsThatTheFileDoesNotHold) {
   EXPECT_THAT(verdict.look.findings, testing::Contains(testing::Field(&report::Finding::rule, "index.size")));
 }
 
-// Each look finds another contradiction, so something was written in between.
-TEST(VerifyHeaderThreads, FindingsThatChangeBetweenTheTwoLooksAreNoDamage) {
+// Each scan finds another contradiction, so something was written in between.
+TEST(VerifyHeaderThreads, FindingsThatChangeBetweenTwoScansAreNotDamage) {
   const StoreFiles files;
   const StoreBytes store = SecondRound();
   WriteFile(files.DataPath(), store.data);
@@ -370,10 +370,10 @@ TEST(VerifyHeaderThreads, FindingsThatChangeBetweenTheTwoLooksAreNoDamage) {
   for (int i = 0; i < 10; ++i) damaged += report::VerifyHeader(files.Base()).state == StoreState::kDamaged ? 1 : 0;
   is_done = true;
   writer.join();
-  EXPECT_LT(damaged, 8);  // by chance both looks see the same size
+  EXPECT_LT(damaged, 8);  // by chance both scans see the same size
 }
 
-TEST(StoreVerify, AStoreWithOneFileIsDamagedAndOneWithNoneIsNotFound) {
+TEST(StoreVerify, StoreWithOneFileIsDamagedAndWithoutFilesNotFound) {
   const StoreFiles files;
   EXPECT_EQ(report::VerifyStore(files.Base()).state, StoreState::kNotFound);
   WriteFile(files.DataPath(), "");
@@ -382,7 +382,7 @@ TEST(StoreVerify, AStoreWithOneFileIsDamagedAndOneWithNoneIsNotFound) {
   EXPECT_EQ(Rules(verdict.look), "file.missing@0=0 index; ");
 }
 
-TEST(StoreVerify, WhatIsNoRegularFileIsUnreadable) {
+TEST(StoreVerify, FileThatIsNotRegularIsUnreadable) {
   const StoreFiles files;
   ASSERT_EQ(mkfifo(files.IndexPath().c_str(), 0600), 0);
   WriteFile(files.DataPath(), "");

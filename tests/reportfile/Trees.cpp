@@ -79,7 +79,7 @@ ScopedDescriptorLimit::ScopedDescriptorLimit(unsigned count) {
   rlimit limit;
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) throw std::runtime_error("no limit of descriptors");
   old_ = limit.rlim_cur;
-  const int next = fcntl(STDIN_FILENO, F_DUPFD, 0);  // the lowest free one
+  const int next = fcntl(STDIN_FILENO, F_DUPFD, 0);  // the lowest free descriptor
   if (next < 0) throw std::runtime_error("no free descriptor");
   close(next);
   limit.rlim_cur = static_cast<rlim_t>(next) + count;
@@ -90,7 +90,7 @@ ScopedDescriptorLimit::~ScopedDescriptorLimit() {
   rlimit limit;
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
   limit.rlim_cur = old_;
-  (void)setrlimit(RLIMIT_NOFILE, &limit);  // lower than the limit that it was
+  (void)setrlimit(RLIMIT_NOFILE, &limit);  // lower than the old limit
 }
 
 }  // namespace qx::test

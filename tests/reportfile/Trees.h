@@ -11,7 +11,8 @@
 
 namespace qx::test {
 
-// "sub/" is a directory, "sub/a" a file with these contents. Links appear as what they lead to, if anywhere.
+// "sub/" is a directory, "sub/a" a file with these contents. A link appears as its target; a dangling link does not
+// appear.
 using Tree = std::map<std::string, std::string>;
 
 inline Tree::value_type Pair(std::string path, std::string contents) { return {std::move(path), std::move(contents)}; }
@@ -22,7 +23,7 @@ void MakeTree(const std::string& root, const Tree& entries);
 // A symbolic link at `path`.
 void MakeLink(const std::string& target, const std::string& path);
 
-// What is below `root`, in the same form; links to directories are not entered. Empty when there is no `root`.
+// The entries below `root`, in the same form; links to directories are not entered. Empty when there is no `root`.
 Tree ContentsOf(const std::string& root);
 
 mode_t ModeOf(const std::string& path);

@@ -1,4 +1,4 @@
-// Reports that somebody else has open, with and without the lock.
+// Reports that another process has open, with and without the lock.
 #include "reportfile/tools/WriterLock.h"
 
 #include <gtest/gtest.h>
@@ -56,7 +56,7 @@ class WriterLockOfAReport : public testing::Test {
   StoreFiles files_;
 };
 
-TEST_F(WriterLockOfAReport, ReportAtRestIsFreeAndThenOurs) {
+TEST_F(WriterLockOfAReport, ReportWithoutAWriterCanBeLocked) {
   const WriterLock lock(files_.Base());
   EXPECT_FALSE(lock.IsHeldByAnother());
   EXPECT_TRUE(WriterLock(files_.Base()).IsHeldByAnother());
@@ -82,7 +82,7 @@ TEST_F(WriterLockOfAReport, ReaderOfAnotherProcessDoesNotCount) {
   EXPECT_FALSE(WriterLock(files_.Base()).IsHeldByAnother());
 }
 
-// An agent that was built before the lock existed.
+// An agent that does not know the lock.
 TEST_F(WriterLockOfAReport, WriterWithoutTheLockIsFoundByItsOpenFile) {
   const OtherProcess writer([&] { return open(files_.DataPath().c_str(), O_RDWR | O_CLOEXEC); });
   const WriterLock lock(files_.Base());

@@ -24,7 +24,7 @@ class WritingProcesses : public testing::Test {
  protected:
   WritingProcesses() { WriteFile(report_, "records"); }
 
-  // PID/fd/N leads to `file`, PID/fdinfo/N holds `flags`.
+  // PID/fd/N is a link to `file`, PID/fdinfo/N has `flags`.
   void AddDescriptor(const std::string& process, int number, const std::string& file, const std::string& flags) const {
     const std::string directory = processes_ + "/" + process;
     fs::create_directories(directory + "/fd");
@@ -33,7 +33,7 @@ class WritingProcesses : public testing::Test {
     WriteFile(directory + "/fdinfo/" + std::to_string(number), "pos:\t0\n" + flags + "mnt_id:\t29\n");
   }
 
-  // The processes found to be writing the report.
+  // The processes that have the report open for writing.
   std::vector<int> Found() const {
     std::vector<int> ids;
     for (const WritingProcess& found : report::FindWritingProcesses({*report::KeyOf(report_)}, processes_)) {
@@ -64,7 +64,7 @@ TEST_F(WritingProcesses, EachDescriptorCounts) {
   EXPECT_THAT(Found(), ElementsAre(11));
 }
 
-TEST_F(WritingProcesses, NamesThatAreNoProcessAndProcessesThatHaveEndedAreNone) {
+TEST_F(WritingProcesses, OtherNamesAndEndedProcessesAreIgnored) {
   AddDescriptor("self", 3, report_, "flags:\t0100002\n");
   AddDescriptor("12x", 3, report_, "flags:\t0100002\n");
   AddDescriptor("13", 3, dir_.File("gone"), "flags:\t0100002\n");
@@ -75,7 +75,7 @@ TEST_F(WritingProcesses, NamesThatAreNoProcessAndProcessesThatHaveEndedAreNone) 
   EXPECT_THAT(Found(), IsEmpty());
 }
 
-TEST_F(WritingProcesses, TheSystemTellsWhatThisProcessWrites) {
+TEST_F(WritingProcesses, FilesThatThisProcessWritesAreFound) {
   const int file = open(report_.c_str(), O_WRONLY | O_CLOEXEC);
   const auto found = report::FindWritingProcesses({*report::KeyOf(report_)});
   close(file);
