@@ -31,7 +31,7 @@ std::vector<std::string> Lint(std::string_view bytes) {
   return found;
 }
 
-// The lines are those of a key below the first hive: the first of them is line 3.
+// The lines are the content of a key below the first hive; the first of them is line 3.
 std::vector<std::string> LintInKey(const std::string& lines) {
   return Lint("[HKEY_LOCAL_MACHINE]\n[K]\n" + lines + "\n\n\n\n");
 }
@@ -40,15 +40,15 @@ const std::string kLine1022 = "n=s=" + std::string(1018, 'x');
 
 }  // namespace
 
-TEST(FileLint, AFileAsASaveWritesItIsClean) {
+TEST(FileLint, SavedFileIsClean) {
   EXPECT_THAT(LintInKey("Blob=b=0a ff \nCount=d=-5\nEmpty=b=\nHome=es=%HOME%\n[x=s=y\n" + kLine1022), IsEmpty());
 }
 
-TEST(FileLint, OtherNotationsOfTheSameNumbersAreNoFinding) {
+TEST(FileLint, OtherNotationsOfTheSameNumbersAreNotFindings) {
   EXPECT_THAT(LintInKey("a=d= +007\nb=b=0A FF\nc=b=1 2 3\nd=b=0x1F"), IsEmpty());
 }
 
-TEST(FileLint, AFileWithoutValuesDoesNotLoad) {
+TEST(FileLint, FileWithoutValuesDoesNotLoad) {
   EXPECT_THAT(Lint(""), ElementsAre("1 no-values!"));
   EXPECT_THAT(Lint("[HKEY_USERS]\n\n\n"), ElementsAre("3 no-values!"));
   EXPECT_FALSE(LintFile("[HKEY_USERS]\n\n\n").loads);
@@ -70,7 +70,7 @@ TEST(FileLint, BlocksThatChangeAreNamed) {
               ElementsAre("3 block-changed!", "4 block-changed!", "5 block-changed!"));
 }
 
-TEST(FileLint, ABlockThatTheNextSaveMakesTooLongIsNamed) {
+TEST(FileLint, BlockThatTheNextSaveMakesTooLongIsNamed) {
   std::string block = "v=b=";
   for (int i = 0; i < 340; ++i) block += "1 ";
   EXPECT_THAT(LintInKey(block), ElementsAre("3 line-grows!"));
@@ -82,12 +82,12 @@ TEST(FileLint, LongLinesAreNamed) {
   EXPECT_THAT(Lint("v=s=" + std::string(1019, 'x') + "\n\n"), ElementsAre("1 line-of-1023!"));
 }
 
-TEST(FileLint, TheRestOfALongLineActsAsALine) {
+TEST(FileLint, RestOfALongLineIsReadAsALine) {
   const std::string file = "[HKEY_USERS]\nv=s=" + std::string(1019, 'x') + "[K]\nw=d=1\n\n\n\n";
   EXPECT_THAT(Lint(file), ElementsAre("2 line-too-long!"));  // three keys are closed, so K was opened
 }
 
-TEST(FileLint, TextBehindABracketIsNamed) {
+TEST(FileLint, TextAfterABracketIsNamed) {
   EXPECT_THAT(LintInKey("v=d=1\n[a]b]\n\n[a2]=s=text\n"),
               ElementsAre("4 text-behind-bracket!", "6 text-behind-bracket!"));
 }
@@ -99,22 +99,22 @@ TEST(FileLint, RepetitionsAreNamedWithTheEarlierLine) {
   EXPECT_THAT(LintFile("v=d=1\nv=d=2\n\n").findings[0].explanation, HasSubstr("line 1"));
 }
 
-TEST(FileLint, ANumberWithoutDigitsReplacesNothing) {
+TEST(FileLint, NumberWithoutDigitsReplacesNothing) {
   EXPECT_THAT(LintInKey("v=d=1\nv=d="), ElementsAre("4 number-without-digits!"));
 }
 
-TEST(FileLint, WhatStandsBehindTheEndIsNamed) {
+TEST(FileLint, TextAfterTheEndIsNamed) {
   EXPECT_THAT(Lint("v=d=1\n\n\n\n[HKEY_USERS]\nw=d=1\n"), ElementsAre("2 content-after-end!"));
   EXPECT_THAT(LintFile("v=d=1\n\n\n\nx\n").findings[0].explanation, HasSubstr("line 5"));
   EXPECT_THAT(Lint("v=d=1\n\n\n\n"), IsEmpty());
 }
 
-TEST(FileLint, AFileThatEndsWithKeysOpenMayHaveBeenCut) {
+TEST(FileLint, FileThatEndsWithOpenKeysMayHaveBeenCut) {
   EXPECT_THAT(Lint("[HKEY_USERS]\nv=d=1\n\n"), ElementsAre("3 not-closed"));
   EXPECT_THAT(Lint("[HKEY_USERS]\nv=d=1"), ElementsAre("2 not-closed"));
 }
 
-TEST(FileLint, ANulIsNamed) {
+TEST(FileLint, NulIsNamed) {
   EXPECT_THAT(Lint(std::string_view("v=s=a\0b\n\n", 9)), ElementsAre("1 nul!"));
   EXPECT_THAT(Lint(std::string_view("v=s=a\n\0b\n", 9)), ElementsAre("2 nul!"));
 }
@@ -123,7 +123,7 @@ TEST(FileLint, CarriageReturnsAreNamedOnce) {
   EXPECT_THAT(Lint("[HKEY_USERS]\r\nv=d=1\r\n\r\n\r\n"), ElementsAre("1 carriage-return!", "4 not-closed"));
 }
 
-TEST(FileLint, KeysThatNoPathLeadsToAreNamed) {
+TEST(FileLint, UnreachableKeysAreNamed) {
   EXPECT_THAT(LintInKey("[a/b]\nv=d=1\n"), ElementsAre("3 unreachable-key"));
   EXPECT_THAT(Lint("[HKEY_LOCAL_MACHIN]\nv=d=1\n\n\n"), ElementsAre("1 unknown-hive"));
 }
@@ -137,8 +137,8 @@ TEST(FileLint, OnlyAHundredFindingsAreKeptAndAllAreCounted) {
   EXPECT_FALSE(result.IsComplete());
 }
 
-// A file without findings holds exactly what a load takes from it: written again it has the same lines.
-TEST(FileLint, AFileWithoutFindingsIsReadWhole) {
+// A load reads everything of a file without findings: written again, the file has the same lines.
+TEST(FileLint, FileWithoutFindingsIsReadWhole) {
   constexpr const char* kLines[] = {"[HKEY_USERS]\n", "[A]\n",      "[B]\n",    "a=d=1\n", "b=s=x\n",
                                     "c=b=0a \n",      "d=es=%A%\n", "\n",       "\n",      "\n",
                                     "[a\n",           "a=d=\n",     "x=b=zz\n", "[A] \n"};
@@ -158,7 +158,7 @@ TEST(FileLint, AFileWithoutFindingsIsReadWhole) {
     ASSERT_TRUE(FormatTree(tree, again));
     const auto end = file.find_last_not_of('\n');
     const std::size_t lines = static_cast<std::size_t>(std::count(file.begin(), file.end(), '\n'));
-    const std::size_t extra = file.size() - end;  // further empty lines behind the end are no finding
+    const std::size_t extra = file.size() - end;  // more empty lines after the end are not a finding
     const auto lines_again = static_cast<std::size_t>(std::count(again.begin(), again.end(), '\n'));
     EXPECT_LE(lines_again, lines) << file;
     EXPECT_LE(lines, lines_again + extra) << file;

@@ -1,5 +1,5 @@
-// The registry's tree and its reader as anybody would write them down first: maps, recursion, fgets. What the real ones
-// do is compared with this.
+// The registry's tree and its reader in their plainest form: maps, recursion, fgets. The tests compare the real ones
+// with them.
 #pragma once
 
 #include <cstdio>
@@ -10,7 +10,7 @@
 
 namespace qx::test {
 
-// A key. Values are held as the file shows them: marker and data.
+// A key. Values are stored as in the file: marker and data.
 struct PlainKey {
   std::map<std::string, std::string> values;
   std::map<std::string, PlainKey> keys;

@@ -1,4 +1,4 @@
-// An ordinary user who may write the directory of the registry, against a process of root that saves it.
+// An ordinary user may write the directory of the registry and attacks a save of root.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// Every allocation of an operation fails once: nothing crashes, leaks or is half done.
+// Every allocation of an operation fails once: no crash, no leak, and no partial change.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -20,7 +20,7 @@ class RegistryFault : public RegistryTest {
  protected:
   RegistryFault() { Given(kTree); }
 
-  // Runs `work` with the first, second, ... allocation failing, until none is left to fail. `check` gets the number.
+  // Runs `work` with the first, second, ... allocation failing, until no allocation fails. `check` gets the number.
   static long FailEach(const std::function<void()>& work, const std::function<void(long)>& check) {
     for (long nth = 0;; ++nth) {
       qx::test::AllocationsLeft() = nth;
@@ -35,7 +35,7 @@ class RegistryFault : public RegistryTest {
   static constexpr std::string_view kTree = "[HKEY_LOCAL_MACHINE]\n[A]\na=s=text\nb=b=01 \n[B]\nc=d=1\n\n\n\n\n";
 };
 
-TEST_F(RegistryFault, SetReplacesWholeOrNotAtAll) {
+TEST_F(RegistryFault, SetReplacesTheWholeValueOrNothing) {
   CRegistry handle("A", CRegistry::MLocalMachine, 0);
   bool is_stored = false;
   const long failures = FailEach([&] { is_stored = handle.SetValue("a", "longer than any short string") == 0; },
@@ -47,7 +47,7 @@ TEST_F(RegistryFault, SetReplacesWholeOrNotAtAll) {
   EXPECT_EQ(failures, 1);
 }
 
-TEST_F(RegistryFault, SetOfANewNameStoresItOrLeavesTheKeyAsItWas) {
+TEST_F(RegistryFault, SetOfANewNameStoresItOrLeavesTheKeyUnchanged) {
   CRegistry handle("A", CRegistry::MLocalMachine, 0);
   bool is_stored = false;
   const long failures = FailEach([&] { is_stored = handle.SetValue("new", "text") == 0; },
@@ -86,8 +86,9 @@ TEST_F(RegistryFault, ReadsReportNoValue) {
            });
 }
 
-// A value line is left out; a subkey line with everything below it, so that nothing lands in the key above.
-TEST_F(RegistryFault, LoadSkipsTheLineThatFoundNoMemory) {
+// A value line is left out, and a subkey line with everything below it, so that its content does not get into the key
+// above.
+TEST_F(RegistryFault, LoadWithoutMemorySkipsTheLine) {
   std::set<std::string> trees;
   FailEach([] { CRegistry::SetupTree(true); },
            [&](long) {
@@ -135,7 +136,7 @@ TEST_F(RegistryFault, SetupThatThrowsTracesNothingBelowLevelTwo) {
   EXPECT_EQ(capture.Text(), "");
 }
 
-TEST_F(RegistryFault, FileThatAThrowingSetupNeverReadIsKept) {
+TEST_F(RegistryFault, FileThatAThrowingSetupDidNotReadIsKept) {
   qx::test::AllocationsLeft() = 0;
   CRegistry::SetupTree(false);
   qx::test::AllocationsLeft() = -1;
@@ -148,7 +149,7 @@ TEST_F(RegistryFault, FileThatAThrowingSetupNeverReadIsKept) {
   EXPECT_EQ(ReadFile(File("registry.unread")), kTree);
 }
 
-TEST_F(RegistryFault, FileOfWhichLinesWereSkippedIsKept) {
+TEST_F(RegistryFault, FileWithSkippedLinesIsKept) {
   FailEach([] { CRegistry::SetupTree(true); },
            [this](long nth) {
              const bool is_whole = Tree() == kTree;

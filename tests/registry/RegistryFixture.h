@@ -16,10 +16,10 @@ namespace qx::test {
 std::string Dump(const CRegistryNode& key);
 // restoreNode over these bytes.
 bool Restore(CRegistryNode& key, std::string_view text);
-// What a fresh key dumps after reading these bytes; reading is asked for its result separately.
+// The dump of a new key after it has read these bytes, without the result of the read.
 std::string Reread(std::string_view text);
 
-// True while any thread, this one included, holds the key's lock.
+// True while any thread, including this one, holds the key's lock.
 bool IsHeld(const CRegistryNode& key);
 
 // The tree of the eight-line example.
@@ -34,15 +34,15 @@ class RegistryTest : public testing::Test {
 
   [[nodiscard]] std::string File(std::string_view name = "registry") const { return dir_.File(name); }
   void Given(std::string_view text, std::string_view name = "registry") const { WriteFile(File(name), text); }
-  // The loaded tree, all of it, as the file would hold it.
+  // The whole loaded tree as the text of a file.
   [[nodiscard]] static std::string Tree() { return Dump(CRegistry::MRoot); }
-  // As if the process had ended and another one begun.
+  // Like the end of this process and the start of another one.
   void Restart() const { registry::StartAfresh(dir_.Path().c_str()); }
   // The key below HKEY_LOCAL_MACHINE that most tests work on.
   static CRegistryNode* Software() { return CRegistry("SOFTWARE", CRegistry::MLocalMachine, 0).KeepKeyHandle(); }
 
  private:
-  // In memory where the system has such a place: every save waits for the disk otherwise.
+  // In memory if the system has such a directory: otherwise every save waits for the disk.
   ScopedEnv place_;
   TempDir dir_;
 };

@@ -14,7 +14,7 @@ class RegistryKeys : public RegistryTest {
  protected:
   RegistryKeys() { Given("[HKEY_LOCAL_MACHINE]\n[A]\nv=s=text\n[B]\n[C]\nx=d=1\n\n\n[b]\n\n\n[a]\n\n\n\n"); }
 
-  // What opening this path below HKEY_LOCAL_MACHINE leaves as key path; "-1" when it fails.
+  // The key path after opening this path below HKEY_LOCAL_MACHINE; "-1" if the open fails.
   static std::string Opened(const char* path) {
     CRegistry handle(path, CRegistry::MLocalMachine, 0);
     return handle.Status() == 0 ? handle.KeyPath() : std::to_string(handle.Status());
@@ -31,18 +31,18 @@ TEST_F(RegistryKeys, BothSeparatorsOpenTheSameKey) {
   EXPECT_STREQ(first.KeyPath(), "A/B/C");
 }
 
-TEST_F(RegistryKeys, PathsLeadWhereTheirNamesSay) {
+TEST_F(RegistryKeys, PathsOpenTheKeysOfTheirNames) {
   EXPECT_EQ(Opened(""), "");
   EXPECT_EQ(Opened("A"), "A");
   EXPECT_EQ(Opened("A\\"), "A/");
   EXPECT_EQ(Opened("A/B\\C/"), "A/B/C/");
   EXPECT_EQ(Opened("a"), "a");
-  EXPECT_EQ(Opened("A\\\\B"), "-1");  // the empty name in between is no key here
+  EXPECT_EQ(Opened("A\\\\B"), "-1");  // the empty name in between is not a key here
   EXPECT_EQ(Opened("\\A"), "-1");
   EXPECT_EQ(Opened("\\"), "-1");
   EXPECT_EQ(Opened("AB"), "-1");
   EXPECT_EQ(Opened("A\\c"), "-1");
-  EXPECT_EQ(Opened("A\\v"), "-1");  // a value is no key
+  EXPECT_EQ(Opened("A\\v"), "-1");  // a value is not a key
   EXPECT_EQ(Opened("A\\v\\B"), "-1");
   EXPECT_EQ(Opened(nullptr), "-1");
 }
@@ -77,7 +77,7 @@ TEST_F(RegistryKeys, OwnPathCanBeOpenedAgain) {
   EXPECT_STREQ(handle.KeyPath(), "A/B");
 }
 
-TEST_F(RegistryKeys, CloseAndKeepForgetTheKeyAndCloseKeepsThePath) {
+TEST_F(RegistryKeys, CloseAndKeepDropTheKeyAndCloseKeepsThePath) {
   CRegistry handle("A", CRegistry::MLocalMachine, 0);
   CRegistryNode* key = handle.CurrentKey();
   EXPECT_TRUE(handle.Close());
@@ -89,7 +89,7 @@ TEST_F(RegistryKeys, CloseAndKeepForgetTheKeyAndCloseKeepsThePath) {
   EXPECT_EQ(handle.KeepKeyHandle(), nullptr);
 }
 
-TEST_F(RegistryKeys, CopyTakesKeyAndPathButNotTheValue) {
+TEST_F(RegistryKeys, CopyHasTheKeyAndPathButNotTheValue) {
   CRegistry original("A", CRegistry::MLocalMachine, 0);
   ASSERT_NE(original.GetValue("v"), nullptr);
   CRegistry copy(original);
@@ -100,7 +100,7 @@ TEST_F(RegistryKeys, CopyTakesKeyAndPathButNotTheValue) {
   EXPECT_EQ(copy.ValueType(), 0);
 }
 
-TEST_F(RegistryKeys, AssignmentResetsTheTargetAndKeepsWhatItHasRead) {
+TEST_F(RegistryKeys, AssignmentResetsTheTargetButKeepsItsReadValue) {
   CRegistry source("A\\B", CRegistry::MLocalMachine, 0);
   CRegistry target("A", CRegistry::MLocalMachine, 0);
   const unsigned char* text = target.GetValue("v");
@@ -129,7 +129,7 @@ TEST_F(RegistryKeys, AssignmentFromAHandleWithoutAPath) {
   EXPECT_EQ(handle.KeyPath(), nullptr);
 }
 
-TEST_F(RegistryKeys, CreateKeyMakesWhatIsMissingAndEntersIt) {
+TEST_F(RegistryKeys, CreateKeyMakesMissingKeysAndOpensTheLast) {
   CRegistry handle("A", CRegistry::MLocalMachine, 0);
   EXPECT_EQ(handle.CreateKey(nullptr, "B\\New/Deep\\", false, 0), 0);
   EXPECT_STREQ(handle.KeyPath(), "A");
@@ -156,7 +156,7 @@ TEST_F(RegistryKeys, CreateKeyWithTwoSeparatorsInARowMakesAKeyWithAnEmptyName) {
   EXPECT_EQ(Opened("N\\\\B"), "N//B");
 }
 
-TEST_F(RegistryKeys, CreateKeyThroughAValueFailsAndCreatesNothingBelow) {
+TEST_F(RegistryKeys, CreateKeyThroughAValueFailsAndCreatesNothing) {
   CRegistry handle("A\\B", CRegistry::MLocalMachine, 0);
   CRegistryNode* before = handle.CurrentKey();
   const std::string tree = Tree();
@@ -205,7 +205,7 @@ TEST_F(RegistryKeys, SubkeysAreCountedAndListedInByteOrder) {
   EXPECT_EQ(names, "Bb");
 }
 
-TEST_F(RegistryKeys, CountWithoutAPlaceOrAKey) {
+TEST_F(RegistryKeys, CountWithoutAPointerOrAKey) {
   CRegistry handle;
   unsigned count = 9;
   EXPECT_EQ(handle.NoOfSubKeys(nullptr), EINVAL);
@@ -213,7 +213,7 @@ TEST_F(RegistryKeys, CountWithoutAPlaceOrAKey) {
   EXPECT_EQ(count, 0U);
 }
 
-TEST_F(RegistryKeys, EnumeratedNameIsCutToItsRoom) {
+TEST_F(RegistryKeys, EnumeratedNameIsCutToItsBuffer) {
   CRegistry handle;
   ASSERT_EQ(handle.CreateKey(CRegistry::MLocalMachine, "E\\abcdef", false, 0), 0);
   ASSERT_EQ(handle.Open("E", CRegistry::MLocalMachine, 0), 0);
@@ -252,7 +252,7 @@ TEST_F(RegistryKeys, DeleteKeyRemovesTheSubkeyWithEverythingBelowIt) {
   EXPECT_EQ(Opened("A\\B"), "-1");
 }
 
-TEST_F(RegistryKeys, DeleteKeyOfNoSubkeyIsInvalidAndLeavesTheTreeClean) {
+TEST_F(RegistryKeys, DeleteKeyOfAnotherEntryIsInvalidAndLeavesTheTreeClean) {
   CRegistry handle;
   EXPECT_EQ(handle.DeleteKey("A"), EINVAL);
   ASSERT_EQ(handle.Open("", CRegistry::MLocalMachine, 0), 0);
@@ -264,17 +264,17 @@ TEST_F(RegistryKeys, DeleteKeyOfNoSubkeyIsInvalidAndLeavesTheTreeClean) {
   EXPECT_FALSE(CRegistry::MIsDirty);
 }
 
-TEST_F(RegistryKeys, DeletedHiveIsNoLongerWired) {
+TEST_F(RegistryKeys, DeletedHiveIsNoLongerARoot) {
   CRegistry handle;
   ASSERT_EQ(handle.Open("", nullptr, 0), 0);
   EXPECT_EQ(handle.DeleteKey("HKEY_LOCAL_MACHINE"), 0);
   EXPECT_EQ(CRegistry::MLocalMachine, nullptr);
-  const CRegistry next;  // puts entries for the hives again
+  const CRegistry next;  // adds the entries of the hives again
   EXPECT_EQ(Tree(), "\n");
   EXPECT_EQ(handle.DeleteKey("HKEY_LOCAL_MACHINE"), EINVAL);  // an entry without a key
 }
 
-TEST_F(RegistryKeys, HiveReplacedOrRemovedAsAValueIsNoLongerWired) {
+TEST_F(RegistryKeys, HiveReplacedOrRemovedAsAValueIsNoLongerARoot) {
   CRegistry handle;
   ASSERT_EQ(handle.Open("", nullptr, 0), 0);
   EXPECT_EQ(handle.SetValue("HKEY_LOCAL_MACHINE", 1U), 0);
@@ -307,7 +307,7 @@ class RegistryPointers : public RegistryTest {
   std::string path_;
 };
 
-TEST_F(RegistryPointers, LeadToTheKeyWhoseFullPathTheValueHolds) {
+TEST_F(RegistryPointers, OpenTheKeyWhoseFullPathIsTheValue) {
   EXPECT_EQ(OpenPointer("HKEY_LOCAL_MACHINE\\SOFTWARE\\Suite"), 0);
   EXPECT_EQ(path_, "HKEY_LOCAL_MACHINE/SOFTWARE/Suite");
   EXPECT_EQ(OpenPointer("hkey_local_machine\\SOFTWARE/Suite"), 0);
@@ -315,7 +315,7 @@ TEST_F(RegistryPointers, LeadToTheKeyWhoseFullPathTheValueHolds) {
   EXPECT_EQ(OpenPointer("HKEY_LOCAL_MACHINE\\"), 0);
 }
 
-TEST_F(RegistryPointers, FailWithoutAPathInTheValue) {
+TEST_F(RegistryPointers, FailIfTheValueIsNotAPath) {
   EXPECT_EQ(OpenPointer(""), -1);
   EXPECT_EQ(OpenPointer("HKEY_LOCAL_MACHINE"), -1);
   EXPECT_EQ(OpenPointer("HKEY_LOCAL_MACHINE\\software"), -1);
@@ -327,9 +327,9 @@ TEST_F(RegistryPointers, FailWithoutAPathInTheValue) {
   EXPECT_EQ(handle.OpenPointerKey(nullptr, "to", CRegistry::MLocalMachine, 0), -1);
 }
 
-TEST_F(RegistryPointers, AreStringsAndNothingElse) {
+TEST_F(RegistryPointers, AreOnlyStrings) {
   CRegistry handle(CRegistry::MLocalMachine);
-  const std::string path = "HKEY_LOCAL_MACHINE\\SOFTWARE";  // a block has no NUL that would end it
+  const std::string path = "HKEY_LOCAL_MACHINE\\SOFTWARE";  // a block has no NUL at its end
   const auto* bytes = reinterpret_cast<const unsigned char*>(path.data());
   ASSERT_TRUE(handle.SetValue("to", bytes, static_cast<unsigned>(path.size()), REG_BINARY));
   EXPECT_EQ(handle.OpenPointerKey("", "to", CRegistry::MLocalMachine, 0), -1);
@@ -338,7 +338,7 @@ TEST_F(RegistryPointers, AreStringsAndNothingElse) {
   EXPECT_EQ(handle.OpenPointerKey("", "to", CRegistry::MLocalMachine, 0), 0);
 }
 
-TEST_F(RegistryPointers, OfProductsLieInOneKey) {
+TEST_F(RegistryPointers, OfProductsAreInOneKey) {
   CRegistry handle;
   EXPECT_EQ(handle.OpenUUIDPointer("Suite Pointer", CRegistry::MLocalMachine, 0, nullptr, false), -1);
   ASSERT_EQ(handle.CreateKey(CRegistry::MLocalMachine, kPointers, false, 0), 0);
@@ -350,7 +350,7 @@ TEST_F(RegistryPointers, OfProductsLieInOneKey) {
   EXPECT_EQ(root, "HKEY_LOCAL_MACHINE\\SOFTWARE\\Suite");
 }
 
-TEST_F(RegistryPointers, ProductRootThatIsNotThereLeavesTheOutputAlone) {
+TEST_F(RegistryPointers, MissingProductRootLeavesTheOutputUnchanged) {
   std::string root = "kept";
   EXPECT_FALSE(CRegistry::GetProductRegistryRoot(root, "Suite Pointer"));
   CRegistry handle;

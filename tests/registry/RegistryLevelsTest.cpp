@@ -1,4 +1,4 @@
-// What the registry traces at each level: every line from its own level on, and not below it.
+// What the registry traces at each level: every line at its own level and above, not below.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -26,8 +26,8 @@ constexpr const char* kSetup = "CRegistry: SetupTree(): ForceSetup=0, MIsSetup=0
 
 class RegistryLevels : public RegistryTest {
  protected:
-  // Runs `work` at every level, each time over files that `prepare` writes and a tree that nothing has loaded yet.
-  // `work` returns the lines to be seen, with the addresses of that run in them.
+  // Runs `work` at every level, each time with files that `prepare` writes and a tree that is not loaded. `work`
+  // returns the expected lines, with the addresses of that run.
   void Expect(const std::function<void()>& prepare, const std::function<Lines()>& work) {
     for (int level = 0; level <= 6; ++level) {
       prepare();
@@ -82,7 +82,7 @@ TEST_F(RegistryLevels, HandleWithoutHives) {
          });
 }
 
-TEST_F(RegistryLevels, ReadsChangesAndTheSaveBehindThem) {
+TEST_F(RegistryLevels, ReadsChangesAndTheSaveAfterThem) {
   Expect([this] { Given("[HKEY_LOCAL_MACHINE]\n[S]\nn=d=1\nold=s=x\n[K]\ndeep=d=1\n\n\n\n\n"); },
          [this] {
            CRegistry handle("S", CRegistry::MLocalMachine, 0);
@@ -116,7 +116,7 @@ TEST_F(RegistryLevels, ReadsChangesAndTheSaveBehindThem) {
          });
 }
 
-// A write that fails is told like an open that fails, and no line says that the tree was saved.
+// A failed write is traced like a failed open, and no line says that the tree was saved.
 TEST_F(RegistryLevels, SaveOntoAFullDisk) {
   Expect([this] { Given("[HKEY_LOCAL_MACHINE]\nx=d=1\n\n\n"); },
          [this] {

@@ -1,4 +1,4 @@
-// Random work against a plain model of the tree, with saves and loads in between.
+// Random operations are compared with a plain model of the tree, with saves and loads in between.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -118,7 +118,7 @@ class RegistryModel : public RegistryTest {
 
 TEST_F(RegistryModel, ThousandsOfChangesWithSavesAndLoadsAgreeWithAPlainTree) {
   for (int step = 0; step < 6000; ++step) {
-    // Most handles go without a save, or the test would be one of the disk.
+    // Most handles are destroyed without a save: the test is not one of the disk.
     if (Below(100) != 0) {
       if (Below(3) == 0) {
         CreateOne();
@@ -139,8 +139,8 @@ TEST_F(RegistryModel, ThousandsOfChangesWithSavesAndLoadsAgreeWithAPlainTree) {
   }
 }
 
-// Lines that the grammar knows, in any order, some of them damaged, against the plain reader.
-TEST(RegistryReading, RandomFilesGiveThePlainReadersTree) {
+// Lines of the grammar in any order, some of them damaged, are compared with the plain reader.
+TEST(RegistryReading, RandomFilesAreReadAsByThePlainReader) {
   std::mt19937_64 random(qx::test::Seed("RegistryReading"));
   const auto below = [&random](std::size_t limit) { return random() % limit; };
   for (int round = 0; round < 3000; ++round) {
@@ -173,8 +173,8 @@ TEST(RegistryReading, RandomFilesGiveThePlainReadersTree) {
   }
 }
 
-// Numbers and bytes as a save writes them, and as only strtol understands them, beside the plain reader.
-TEST(RegistryReading, RandomNumbersAndBytesGiveThePlainReadersValues) {
+// Numbers and bytes as a save writes them, and in forms that only strtol accepts, are compared with the plain reader.
+TEST(RegistryReading, RandomNumbersAndBytesAreReadAsByThePlainReader) {
   constexpr std::string_view kCharacters = "0123456789abcdefABF +-xg\t";
   std::mt19937_64 random(qx::test::Seed("RegistryNumbers"));
   const auto below = [&random](std::size_t limit) { return random() % limit; };

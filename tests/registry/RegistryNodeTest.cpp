@@ -42,7 +42,7 @@ TEST(RegistryNode, ExampleOfEightLinesIsReadAndWritten) {
   EXPECT_EQ(Dump(root), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nBlob=b=0a ff \nCount=d=-5\nName=s=some text\n\n\n\n");
 }
 
-TEST(RegistryNode, WorkedExamplesOfThePageAreWhatIsWritten) {
+TEST(RegistryNode, WorkedExamplesOfThePageAreWrittenAsShown) {
   EXPECT_EQ(Reread(kExample), DocExample("registry-file.md", "registry-file"));
   EXPECT_EQ(HexDump(Reread(kExample)), DocExample("registry-file.md", "registry-bytes"));
 
@@ -84,7 +84,7 @@ TEST(RegistryNode, StringWithEqualsAndBracketsSurvives) {
 }
 
 TEST(RegistryNode, QuirkNameWithEqualsIsCutThere) {
-  EXPECT_EQ(Reread("a=b=s=text\n"), "a=b=\n\n");  // read back as the binary value "a"; "s=text" holds no number
+  EXPECT_EQ(Reread("a=b=s=text\n"), "a=b=\n\n");  // read back as the binary value "a"; "s=text" has no number
   EXPECT_EQ(Reread("a=bc=s=text\n"), "\n");       // no marker at the first "=": the line is ignored
   EXPECT_EQ(Reread("=s=text\n"), "=s=text\n\n");  // a value without a name
 }
@@ -191,7 +191,7 @@ TEST(RegistryNode, LinesWithoutAMarkerAreIgnored) {
   EXPECT_EQ(Dump(key), "\n");
 }
 
-TEST(RegistryNode, ResultIsTrueWhenAValueLineStandsAnywhereBelow) {
+TEST(RegistryNode, ResultIsTrueIfAnyKeyBelowHasAValueLine) {
   CRegistryNode key;
   EXPECT_FALSE(Restore(key, ""));
   EXPECT_FALSE(Restore(key, "\n"));
@@ -206,7 +206,7 @@ TEST(RegistryNode, LastOfEqualNamesWins) {
   EXPECT_EQ(Reread("[x]\na=d=1\n\n[x]\nb=d=2\n\n"), "[x]\nb=d=2\n\n\n");
 }
 
-TEST(RegistryNode, RestoringMergesByNameAndReplacesSubkeysWhole) {
+TEST(RegistryNode, RestoreMergesByNameAndReplacesWholeSubkeys) {
   CRegistryNode key;
   ASSERT_TRUE(Restore(key, "a=d=1\nc=d=3\n[K]\nold=d=1\n\n[L]\nkept=d=1\n\n"));
   ASSERT_TRUE(Restore(key, "b=d=2\nc=s=three\n[K]\nnew=d=2\n\nz=d=9\n"));
@@ -220,7 +220,7 @@ TEST(RegistryNode, MergeReplacesAKeyByAValueAndAValueByAKey) {
   EXPECT_EQ(Dump(key), "b=s=text\n[a]\ny=d=2\n\n\n");
 }
 
-TEST(RegistryNode, KeysThatTheNewTextHoldsToKeepTheirObject) {
+TEST(RegistryNode, KeysThatStayKeepTheirObject) {
   CRegistryNode key;
   ASSERT_TRUE(Restore(key, "[A]\nx=d=1\n[B]\ny=d=1\n[C]\n\n\n[Gone]\n\n\n"));
   CRegistryNode* a = NodeOf(key.Find("A")->value);
@@ -231,7 +231,7 @@ TEST(RegistryNode, KeysThatTheNewTextHoldsToKeepTheirObject) {
   EXPECT_EQ(NodeOf(a->Find("B")->value), b);
 }
 
-TEST(RegistryNode, StreamIsLeftBehindTheClosingLine) {
+TEST(RegistryNode, StreamIsAfterTheClosingLine) {
   FILE* stream = tmpfile();
   fputs("x=d=1\n\ny=d=2\n\nrest", stream);
   rewind(stream);
@@ -280,7 +280,7 @@ std::string NestedKeys(int depth) {
   return text + std::string(static_cast<std::size_t>(depth) + 1, '\n');
 }
 
-// Each step of the file's nesting would cost a stack frame if anything here recursed.
+// Nothing here may recurse: each level of the file would need a stack frame.
 TEST(RegistryNode, HundredThousandKeysDeepIsReadWrittenMergedAndDestroyed) {
   const std::string text = NestedKeys(100000);
   CRegistryNode key;
@@ -295,8 +295,8 @@ TEST(RegistryNode, BytesAbove127AreBytesLikeOthers) {
   EXPECT_EQ(Reread(text), text);
 }
 
-// Whatever is left of a file, reading it ends cleanly, and writing what was read gives a file that reads the same.
-TEST(RegistryNode, EveryPrefixOfAGoodFileReadsCleanly) {
+// Every prefix of a file is read without an error, and the tree, written again, makes a file with the same tree.
+TEST(RegistryNode, EveryPrefixOfAGoodFileIsRead) {
   const std::string text =
       std::string(kExample.substr(0, kExample.size() - 1)) + "[H2]\na=es=%X%\n[[b]\n=b=01 02 \n\n\n\n";
   for (std::size_t size = 0; size <= text.size(); ++size) {
@@ -305,7 +305,7 @@ TEST(RegistryNode, EveryPrefixOfAGoodFileReadsCleanly) {
   }
 }
 
-TEST(RegistryNode, EveryChangedByteReadsCleanly) {
+TEST(RegistryNode, FileWithAnyChangedByteIsRead) {
   const std::string text(kExample);
   for (std::size_t at = 0; at < text.size(); ++at) {
     for (const char byte : {'\0', '\n', '=', '[', ']', '\xFF', 'd'}) {

@@ -1,4 +1,4 @@
-// Saving: what replaces what, and what a failure leaves.
+// Saves: which file replaces which, and the files after a failure.
 #include "registry/Registry.h"
 
 #include <fcntl.h>
@@ -79,7 +79,7 @@ TEST_F(RegistrySave, SavingOverAnEmptyFileLeavesTheBackupUntouched) {
   EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n");
 }
 
-// The names that were moved in a directory since it was opened: "-x +y" for a move from x to y.
+// The renames in a directory since it was opened: "-x +y" for a rename of x to y.
 class MovedNames {
  public:
   explicit MovedNames(const std::string& directory) : events_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
@@ -117,7 +117,7 @@ TEST_F(RegistrySave, DamagedFileBecomesTheBackupOnlyAfterTheSave) {
   EXPECT_FALSE(Exists(File("registry.new")));
 }
 
-TEST_F(RegistrySave, BackupThatCannotBeReplacedLeavesNoTemporaryFileBehind) {
+TEST_F(RegistrySave, BackupThatCannotBeReplacedLeavesNoTemporaryFile) {
   Given(kSmall);
   ASSERT_EQ(mkdir(File("registry.old").c_str(), 0755), 0);
   Change();
@@ -151,7 +151,7 @@ TEST_F(RegistrySave, FileThatCannotBeOpenedLosesTheChangeAndClearsTheFlag) {
   EXPECT_FALSE(Exists(File("registry.old")));
   ASSERT_EQ(rmdir(File("registry.new").c_str()), 0);
   { const CRegistry handle; }
-  EXPECT_EQ(ReadFile(File()), kSmall);  // it is not tried again
+  EXPECT_EQ(ReadFile(File()), kSmall);  // the save is not repeated
 }
 
 TEST_F(RegistrySave, FifoInPlaceOfTheTemporaryFileIsRemoved) {
@@ -164,7 +164,7 @@ TEST_F(RegistrySave, FifoInPlaceOfTheTemporaryFileIsRemoved) {
   EXPECT_FALSE(Exists(File("registry.new")));
 }
 
-// A limit on the size of files fails writes as a full disk does.
+// With a limit on the size of files, writes fail as on a full disk.
 class FileSizeLimit {
  public:
   explicit FileSizeLimit(rlim_t bytes) {
@@ -224,7 +224,7 @@ TEST_F(RegistrySave, UnreadableFileIsKeptOnceBeforeTheFirstSaveReplacesIt) {
   EXPECT_EQ(ReadFile(File("registry.unread")), kUnreadable);
 }
 
-TEST_F(RegistrySave, UnreadableFileOfALaterProcessDoesNotReplaceTheFirstKept) {
+TEST_F(RegistrySave, LaterUnreadableFileDoesNotReplaceTheKeptOne) {
   Given("first kept\n", "registry.unread");
   Given("second\n");
   CRegistry handle;
@@ -241,7 +241,7 @@ TEST_F(RegistrySave, EmptyUnreadableFileIsNotKept) {
   EXPECT_FALSE(Exists(File("registry.unread")));
 }
 
-// The next save but one replaces the backup, too.
+// The second save after it replaces the backup, too.
 TEST_F(RegistrySave, UnreadableFileIsKeptAlsoWhenAnOlderOneIsLoaded) {
   for (const char* loaded : {"registry.old", "registry.default"}) {
     Given("not a registry\n");
@@ -286,7 +286,7 @@ TEST_F(RegistrySave, HundredThousandKeysDeepIsLoadedSavedAndDestroyed) {
   EXPECT_EQ(handle.DeleteKey("k"), 0);
 }
 
-// What `body` tells in a child process that may change itself.
+// The result of `body` in a child process, which may change its own limits.
 int InChild(const std::function<int()>& body) {
   const pid_t child = fork();
   if (child == 0) {
@@ -294,7 +294,7 @@ int InChild(const std::function<int()>& body) {
       qx::test::EndChild(body());
     } catch (const std::exception& error) {
       std::fprintf(stderr, "%s\n", error.what());
-      _exit(99);  // it must not return into the test run
+      _exit(99);  // it must not return to the test run
     }
   }
   int status = 0;
@@ -302,7 +302,7 @@ int InChild(const std::function<int()>& body) {
   return status;
 }
 
-// Makes a system call fail for good, in a child process.
+// Makes a system call fail permanently, in a child process.
 bool Forbid(long call, int error) {
   sock_filter program[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -338,7 +338,7 @@ TEST_F(RegistrySave, FailedSyncOrCloseOfTheNewFileKeepsTheOldOne) {
   }
 }
 
-TEST_F(RegistrySave, FilesAreRenamedOneAfterTheOtherWhereNamesCannotBeExchanged) {
+TEST_F(RegistrySave, FilesAreRenamedOneByOneIfNamesCannotBeExchanged) {
   Given(kSmall);
   EXPECT_EQ(InChild([] {
               CRegistry handle(CRegistry::MLocalMachine);
@@ -352,7 +352,7 @@ TEST_F(RegistrySave, FilesAreRenamedOneAfterTheOtherWhereNamesCannotBeExchanged)
   EXPECT_FALSE(Exists(File("registry.new")));
 }
 
-TEST_F(RegistrySave, UnreadableFileIsMovedWhereThereAreNoHardLinks) {
+TEST_F(RegistrySave, UnreadableFileIsMovedIfThereAreNoHardLinks) {
   Given("precious\n");
   EXPECT_EQ(InChild([this] {
               CRegistry handle;
@@ -367,8 +367,8 @@ TEST_F(RegistrySave, UnreadableFileIsMovedWhereThereAreNoHardLinks) {
   EXPECT_FALSE(Exists(File("registry.old")));
 }
 
-// The real place of the files, in a mount namespace where nothing of the system's own can be met.
-TEST_F(RegistrySave, FilesLieInTheSystemsDirectory) {
+// The real directory of the files, in a mount namespace that hides the system's own files.
+TEST_F(RegistrySave, FilesAreInTheSystemsDirectory) {
   const auto load_and_save = [] {
     const std::string user = "0 " + std::to_string(getuid()) + " 1";
     const std::string group = "0 " + std::to_string(getgid()) + " 1";

@@ -1,4 +1,4 @@
-// Loading and the roots.
+// Loads and the hives.
 #include "registry/Registry.h"
 
 #include <gtest/gtest.h>
@@ -20,14 +20,14 @@ using qx::test::RegistryTest;
 
 class Registry : public RegistryTest {};
 
-// A static object of a user that is built before all others, and ended after them.
+// A static object of a program that is built before all others and destroyed after them.
 class EarlyUser {
  public:
   EarlyUser() {
     CRegistry handle;
     worked_ = handle.Open("", nullptr, 0) == 0 && handle.CreateKey(nullptr, "early", false, 0) == 0 &&
               handle.SetValue("x", 1U) == 0 && handle.GetValueSize("x") == 4;
-    CRegistry::MIsDirty = false;  // nothing is to be saved into the system's directory
+    CRegistry::MIsDirty = false;  // nothing may be saved into the system's directory
   }
   ~EarlyUser() { const CRegistry handle; }
   [[nodiscard]] bool HasWorked() const { return worked_; }
@@ -38,7 +38,7 @@ class EarlyUser {
 
 __attribute__((init_priority(103))) EarlyUser early_user;
 
-TEST(RegistryStatics, AreThereForOtherStaticObjects) { EXPECT_TRUE(early_user.HasWorked()); }
+TEST(RegistryStatics, AreUsableInOtherStaticObjects) { EXPECT_TRUE(early_user.HasWorked()); }
 
 constexpr std::string_view kSmall = "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nx=d=1\n\n\n\n";
 
@@ -50,7 +50,7 @@ TEST_F(Registry, NothingIsLoadedBeforeTheFirstHandle) {
   EXPECT_EQ(Tree(), "\n");
 }
 
-TEST_F(Registry, FirstHandleLoadsTheTreeAndWiresTheHives) {
+TEST_F(Registry, FirstHandleLoadsTheTreeAndSetsTheHives) {
   Given("[HKEY_USERS]\n\n[HKEY_LOCAL_MACHINE]\nx=d=1\n\n\n");
   const CRegistry handle;
   EXPECT_TRUE(CRegistry::MIsSetup);
@@ -99,7 +99,7 @@ TEST_F(Registry, FileOfSectionsWithoutValuesFallsBackToTheBackup) {
   Given("[HKEY_LOCAL_MACHINE]\n[A]\n\n\n[HKEY_USERS]\n\n\n");
   Given(kSmall, "registry.old");
   const CRegistry handle;
-  // What the failed file brought in is not taken back.
+  // The entries of the failed file stay in the tree.
   EXPECT_EQ(Tree(), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nx=d=1\n\n\n[HKEY_USERS]\n\n\n");
 }
 
@@ -166,7 +166,7 @@ TEST_F(Registry, HiveEntryThatIsAValueCountsAsAbsent) {
   EXPECT_EQ(Tree(), "x=d=1\n\n");  // the entries are hives without keys now
 }
 
-TEST_F(Registry, HiveThatALaterFileTurnsIntoAValueIsNoLongerWired) {
+TEST_F(Registry, HiveThatALaterFileMakesAValueIsNoLongerARoot) {
   Given(kSmall);
   { const CRegistry handle; }
   Given("HKEY_LOCAL_MACHINE=s=text\n\n");
@@ -174,7 +174,7 @@ TEST_F(Registry, HiveThatALaterFileTurnsIntoAValueIsNoLongerWired) {
   EXPECT_EQ(CRegistry::MLocalMachine, nullptr);
 }
 
-TEST_F(Registry, HandleWithoutHivesPutsFiveEmptyEntriesThatAreNotSaved) {
+TEST_F(Registry, HandleWithoutHivesAddsFiveEmptyEntriesThatAreNotSaved) {
   Given("x=d=1\n\n");
   const CRegistry handle;
   const auto entries = CRegistry::MRoot.Entries();
@@ -214,7 +214,7 @@ TEST_F(Registry, ReadTreeMergesIntoAnyKey) {
 TEST_F(Registry, DirectoryOrFifoInPlaceOfTheFileFallsBack) {
   Given(kSmall, "registry.default");
   ASSERT_EQ(mkdir(File().c_str(), 0755), 0);
-  ASSERT_EQ(mkfifo(File("registry.old").c_str(), 0644), 0);  // nobody ever writes into it
+  ASSERT_EQ(mkfifo(File("registry.old").c_str(), 0644), 0);  // nobody writes into it
   const CRegistry handle;
   EXPECT_EQ(Tree(), kSmall);
 }
@@ -232,7 +232,7 @@ double CpuSeconds() {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
-// Names in an order that is as far from sorted as can be.
+// Names in the order that is furthest from sorted.
 double SecondsToLoad(const std::string& path, unsigned values) {
   std::string text;
   for (unsigned i = 0; i < values; ++i) text += std::to_string(i * 2654435761U) + "=d=1\n";
@@ -247,7 +247,7 @@ double SecondsToLoad(const std::string& path, unsigned values) {
   return best;
 }
 
-// Four times the values in one key cost about four times the time; inserting each in its place would cost sixteen.
+// Four times the values in one key need about four times the time; a sorted insertion of each would need sixteen times.
 TEST_F(Registry, LoadingUnsortedValuesOfOneKeyIsNotQuadratic) {
   double ratio = 0;
   for (int attempt = 0; attempt < 4; ++attempt) {

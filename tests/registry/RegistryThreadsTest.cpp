@@ -31,7 +31,7 @@ class RegistryThreads : public RegistryTest {
 
 constexpr int kRounds = 60;
 
-// Each handle that is destroyed saves; so every thread's changes race with every other's save.
+// Each handle that is destroyed saves; so the changes of every thread race with the saves of all others.
 TEST_F(RegistryThreads, FourThreadsSettingReadingAndSavingLoseNothing) {
   Run(4, [](int thread) {
     const std::string path = "T" + std::to_string(thread) + "\\Deep";
@@ -110,8 +110,8 @@ TEST_F(RegistryThreads, KeysAreDeletedAndMadeWhileTheTreeIsSaved) {
   EXPECT_EQ(ReadFile(File()), Tree());
 }
 
-// A forced load exchanges the content of the keys that stay, so handles of other threads go on working.
-TEST_F(RegistryThreads, HandlesGoOnReadingWhileTheTreeIsLoadedAnew) {
+// A forced load exchanges the content of keys that stay, so that handles of other threads still work.
+TEST_F(RegistryThreads, HandlesStillReadWhileTheTreeIsLoadedAgain) {
   Given("[HKEY_LOCAL_MACHINE]\n[A]\n[B]\nx=s=text\n\n\n\n\n");
   { const CRegistry first; }
   std::atomic<bool> done{false};
@@ -131,7 +131,7 @@ TEST_F(RegistryThreads, HandlesGoOnReadingWhileTheTreeIsLoadedAnew) {
   loader.join();
 }
 
-TEST_F(RegistryThreads, SavingHoldsTheLocksOfAWholeDeepPathAndFreesThem) {
+TEST_F(RegistryThreads, SaveHoldsTheLocksOfAWholeDeepPathAndReleasesThem) {
   std::string text = "[HKEY_LOCAL_MACHINE]\n";
   for (int i = 0; i < 40; ++i) text += "[k]\n";  // the race detector follows no more than 64 locks at a time
   text += "x=d=1\n" + std::string(42, '\n');
@@ -141,8 +141,8 @@ TEST_F(RegistryThreads, SavingHoldsTheLocksOfAWholeDeepPathAndFreesThem) {
   EXPECT_EQ(Dump(CRegistry::MRoot), text);
 }
 
-// Without the lock above, the key being written could be deleted from there.
-TEST_F(RegistryThreads, SavingHoldsTheKeysAboveWhileItWaitsForOneBelow) {
+// Without the lock of the key above, the key could be deleted while it is written.
+TEST_F(RegistryThreads, SaveHoldsTheKeysAboveWhileItWaitsForOneBelow) {
   Given("[HKEY_LOCAL_MACHINE]\n[A]\n[B]\nx=d=1\n\n\n\n\n");
   const CRegistry top("", CRegistry::MLocalMachine, 0);
   const CRegistry middle("A", CRegistry::MLocalMachine, 0);
@@ -159,8 +159,8 @@ TEST_F(RegistryThreads, SavingHoldsTheKeysAboveWhileItWaitsForOneBelow) {
   EXPECT_FALSE(IsHeld(CRegistry::MRoot) || IsHeld(*top.CurrentKey()) || IsHeld(*middle.CurrentKey()));
 }
 
-// A save takes the flag down and passes the key while the change still waits for the key's lock.
-TEST_F(RegistryThreads, ChangeThatASaveHasOvertakenMarksTheTreeAgain) {
+// A save clears the flag and writes the key while the change still waits for the key's lock.
+TEST_F(RegistryThreads, ChangeAfterASaveOfItsKeyMarksTheTreeAgain) {
   const CRegistry key("", CRegistry::MLocalMachine, 0);
   const std::function<void()> changes[] = {
       [] { EXPECT_EQ(CRegistry(CRegistry::MLocalMachine).SetValue("x", 1U), 0); },
@@ -173,20 +173,20 @@ TEST_F(RegistryThreads, ChangeThatASaveHasOvertakenMarksTheTreeAgain) {
     CRegistry::MIsDirty = false;
     const std::string before = qx::test::ReadFile(File());
     key.CurrentKey()->Lock().Unlock();
-    changing.join();  // its handle, destroyed, has saved the change
+    changing.join();  // the destruction of its handle has saved the change
     EXPECT_NE(ReadFile(File()), before);
     EXPECT_EQ(ReadFile(File()), Tree());
   }
 }
 
-// The address sanitizer does not see the unwinding of a cancelled thread and takes its dead frames for living ones.
+// The address sanitizer does not see the unwinding of a cancelled thread and treats its dead frames as live.
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kCanCancel = false;
 #else
 constexpr bool kCanCancel = true;
 #endif
 
-// Runs `work` in a thread that is to be cancelled at the first place where a thread can be.
+// Runs `work` in a thread that is cancelled at its first cancellation point.
 void RunCancelled(const std::function<void()>& work) {
   std::thread thread([&] {
     pthread_cancel(pthread_self());
@@ -209,7 +209,7 @@ TEST_F(RegistryThreads, CancelledThreadFinishesTheSaveOfItsHandle) {
   EXPECT_FALSE(CRegistry::MIsDirty);
 }
 
-TEST_F(RegistryThreads, ThreadCancelledInALoadLeavesTheLocksFree) {
+TEST_F(RegistryThreads, ThreadThatIsCancelledInALoadReleasesTheLocks) {
   if (!kCanCancel) GTEST_SKIP() << "under the address sanitizer";
   RunCancelled([] { const CRegistry handle; });
   EXPECT_FALSE(CRegistry::MIsSetup);

@@ -1,4 +1,4 @@
-// What the registry traces, whole: every line of a load with all its fallbacks, of changes and of a save.
+// The whole trace of the registry: every line of a load with all its fallbacks, of changes and of a save.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -147,7 +147,7 @@ TEST_F(RegistryTrace, MissingCount) {
   EXPECT_EQ(capture.Text(), "CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer\n");
 }
 
-// A key is traced by its entries, in their order, the ones below before the next beside.
+// The trace of a key has its entries in their order, each one followed by the entries below it.
 TEST_F(RegistryTrace, LoadOverATreeTracesWhatItReplaces) {
   Given("[HKEY_LOCAL_MACHINE]\nold=s=x\n[A]\nb=d=1\n\nempty=b=\n\n\n");
   { const CRegistry handle; }

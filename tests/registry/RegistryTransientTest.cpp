@@ -127,8 +127,8 @@ TEST_F(RegistryTransient, StatusThatFailsDuringASaveStillMakesABackup) {
   EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\nnew=d=1\n\n\n");
 }
 
-// As when another process has just renamed what both take for their new file.
-TEST_F(RegistryTransient, NewFileThatIsGoneLeavesTheRegistryInItsPlace) {
+// As if another process had just renamed a new file of the same name.
+TEST_F(RegistryTransient, MissingNewFileLeavesTheRegistryUnchanged) {
   { const CRegistry handle; }
   const FailingCall gone({.call = FileCall::kRename, .path = "/registry.new", .times = 2, .error = ENOENT});
   Save();

@@ -18,7 +18,7 @@ class RegistryValues : public RegistryTest {
     Given(
         "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nbin=b=01 02 03 "
         "\nnone=b=\nnum=d=-5\nsz=s=abc\nexp=es=%QX_T%/x\n[sub]\n\n\n\n\n");
-    EXPECT_EQ(handle_.Open("SOFTWARE", CRegistry::MLocalMachine, 0), -1);  // nothing is loaded before the file is there
+    EXPECT_EQ(handle_.Open("SOFTWARE", CRegistry::MLocalMachine, 0), -1);  // nothing is loaded before the file exists
     CRegistry::SetupTree(false);
     EXPECT_EQ(handle_.Open("SOFTWARE", CRegistry::MLocalMachine, 0), 0);
   }
@@ -61,7 +61,7 @@ TEST_F(RegistryValues, ValuesAreReadAsTheirBytes) {
   EXPECT_EQ(handle_.ValueType(), REG_DWORD);
 }
 
-TEST_F(RegistryValues, MissingOrEmptyValueReadsAsNullAndKeepsTheTypeOfTheLastOne) {
+TEST_F(RegistryValues, MissingOrEmptyValueIsNullAndKeepsTheLastType) {
   ASSERT_NE(handle_.GetValue("num"), nullptr);
   for (const char* name : {"none", "sub", "missing", static_cast<const char*>(nullptr)}) {
     EXPECT_EQ(handle_.GetValue(name), nullptr);
@@ -117,14 +117,14 @@ TEST_F(RegistryValues, ExpansionCanBeSwitchedOff) {
   EXPECT_EQ(handle_.ValueSize(), 9U);
 }
 
-TEST_F(RegistryValues, StringQueryTakesBothStringTypesAndNothingElse) {
+TEST_F(RegistryValues, StringQueryReadsOnlyTheTwoStringTypes) {
   const ScopedEnv variable("QX_T", nullptr);
   EXPECT_EQ(Text("sz"), "abc");
   EXPECT_EQ(Text("exp"), "/x");
   for (const char* name : {"num", "bin", "none", "sub", "missing"}) EXPECT_EQ(Text(name), "61");
 }
 
-TEST_F(RegistryValues, NumberQueryTakesWhatHasFourBytes) {
+TEST_F(RegistryValues, NumberQueryReadsEveryValueOfFourBytes) {
   unsigned number = 0;
   EXPECT_EQ(handle_.QueryValue(&number, "num"), 0);
   EXPECT_EQ(static_cast<int>(number), -5);
@@ -138,7 +138,7 @@ TEST_F(RegistryValues, NumberQueryTakesWhatHasFourBytes) {
   EXPECT_EQ(number, 1U);
 }
 
-TEST_F(RegistryValues, NumberQueryWithoutAPlaceReadsTheValueAndFindsNoData) {
+TEST_F(RegistryValues, NumberQueryWithoutAPointerReadsTheValueAndFindsNoData) {
   EXPECT_EQ(handle_.QueryValue(static_cast<unsigned*>(nullptr), "num"), ENODATA);
   EXPECT_EQ(handle_.Status(), ENODATA);
   EXPECT_EQ(handle_.ValueSize(), 4U);
@@ -154,7 +154,7 @@ TEST_F(RegistryValues, QuirkStringOfThreeCharactersIsANumberToo) {
   EXPECT_EQ(std::memcmp(&number, "12/x", 4), 0);
 }
 
-TEST_F(RegistryValues, QueryIntoABufferNeedsRoomForTheNul) {
+TEST_F(RegistryValues, QueryIntoABufferNeedsSpaceForTheNul) {
   char buffer[8] = "#######";
   unsigned count = 3;
   EXPECT_EQ(handle_.QueryValue(buffer, "sz", &count), ERANGE);
@@ -172,7 +172,7 @@ TEST_F(RegistryValues, QueryIntoABufferNeedsRoomForTheNul) {
   EXPECT_EQ(handle_.QueryValue(buffer, "sz", 8U), 0);
 }
 
-TEST_F(RegistryValues, QueryWithoutABufferTellsTheBytesNeeded) {
+TEST_F(RegistryValues, QueryWithoutABufferReturnsTheNumberOfBytes) {
   unsigned count = 0;
   EXPECT_EQ(handle_.QueryValue(static_cast<char*>(nullptr), "sz", &count), 0);
   EXPECT_EQ(count, 4U);
@@ -218,12 +218,12 @@ TEST_F(RegistryValues, EnumerationListsAllValuesOrThoseOfOneTypeInByteOrder) {
   EXPECT_EQ(List(handle_, 999), "bin()exp(h/x)none()num(\xFB\xFF\xFF\xFF)sz(abc)");
   EXPECT_EQ(List(handle_, REG_SZ), "sz(abc)");
   EXPECT_EQ(List(handle_, REG_EXPAND_SZ), "exp(h/x)");
-  EXPECT_EQ(List(handle_, REG_BINARY), "bin()none()");  // binary data is never handed out
+  EXPECT_EQ(List(handle_, REG_BINARY), "bin()none()");  // binary data is never returned
   EXPECT_EQ(List(handle_, REG_DWORD), "num(\xFB\xFF\xFF\xFF)");
   EXPECT_EQ(List(handle_, 0), "");
 }
 
-TEST_F(RegistryValues, EnumeratedNumberNeedsFourBytesOfRoom) {
+TEST_F(RegistryValues, EnumeratedNumberNeedsFourBytes) {
   char name[8];
   unsigned name_length = sizeof name;
   unsigned char data[4] = {9, 9, 9, 9};
@@ -271,7 +271,7 @@ TEST_F(RegistryValues, EnumerationOfValuesChecksItsArguments) {
   EXPECT_EQ(handle_.EnumVal(name, &length, 5, 999, nullptr, nullptr), ENODATA);
 }
 
-TEST_F(RegistryValues, SetStoresEveryTypeAndReplacesWhateverStoodThere) {
+TEST_F(RegistryValues, SetStoresEveryTypeAndReplacesAnyEntry) {
   EXPECT_TRUE(Set("v", "text", REG_SZ));
   EXPECT_TRUE(Set("v", std::string_view("\0\xFF", 2), REG_BINARY));
   EXPECT_TRUE(Set("v", "\1\2\3\4", REG_DWORD));
@@ -283,7 +283,7 @@ TEST_F(RegistryValues, SetStoresEveryTypeAndReplacesWhateverStoodThere) {
             "bin=b=01 02 03 \nexp=es=%QX_T%/x\nnone=b=\nnum=s=\nsub=s=no longer a key\nsz=b=\nv=es=%X%\n\n");
 }
 
-TEST_F(RegistryValues, SetThroughANodeLeavesTheCurrentKeyAlone) {
+TEST_F(RegistryValues, SetThroughANodeLeavesTheCurrentKeyUnchanged) {
   CRegistry closed;
   EXPECT_TRUE(closed.SetValue("n", reinterpret_cast<const unsigned char*>("x"), 1, REG_SZ, CRegistry::MLocalMachine));
   EXPECT_EQ(handle_.GetValueSize("n"), 0U);
@@ -350,10 +350,10 @@ TEST_F(RegistryValues, DeleteValueRemovesAnyEntry) {
     EXPECT_EQ(handle_.CurrentKey()->Find(name), nullptr);
   }
   EXPECT_EQ(Dump(*handle_.CurrentKey()), "\n");
-  EXPECT_EQ(handle_.DeleteValue("sz"), 0);  // it is not there any more
+  EXPECT_EQ(handle_.DeleteValue("sz"), 0);  // it does not exist any more
 }
 
-TEST_F(RegistryValues, DeleteValueMarksTheTreeWhateverItFinds) {
+TEST_F(RegistryValues, DeleteValueAlwaysMarksTheTree) {
   CRegistry closed;
   EXPECT_EQ(closed.DeleteValue("sz"), EINVAL);
   EXPECT_FALSE(CRegistry::MIsDirty);

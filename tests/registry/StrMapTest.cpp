@@ -82,7 +82,7 @@ TEST(StrMap, UnusedSlotsAreZero) {
   }
 }
 
-TEST(StrMap, ReplacementKeepsSlotAndNameAndHandsTheOldValueBack) {
+TEST(StrMap, ReplacementKeepsSlotAndNameAndReturnsTheOldValue) {
   CStrMap map;
   ASSERT_TRUE(Put(map, "x", 1));
   const StrMapEntry* entry = map.Find("x");
@@ -98,7 +98,7 @@ TEST(StrMap, ReplacementKeepsSlotAndNameAndHandsTheOldValueBack) {
   EXPECT_EQ(displaced.type, 0);
 }
 
-TEST(StrMap, NamesAreCaseSensitiveAndMatchedWhole) {
+TEST(StrMap, NamesAreCaseSensitiveAndComparedWhole) {
   CStrMap map;
   ASSERT_TRUE(Put(map, "Name", 1));
   EXPECT_EQ(map.Find("name"), nullptr);
@@ -107,7 +107,7 @@ TEST(StrMap, NamesAreCaseSensitiveAndMatchedWhole) {
   EXPECT_NE(map.Find("Name"), nullptr);
 }
 
-TEST(StrMap, AmongAppendedEqualNamesTheLastStays) {
+TEST(StrMap, LastOfAppendedEqualNamesStays) {
   CStrMap map;
   int number = 0;
   for (const char* name : {"b", "a", "b", "c", "a", "b"}) ASSERT_TRUE(map.Append(name, Number(++number)));

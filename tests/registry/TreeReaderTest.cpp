@@ -33,7 +33,7 @@ std::vector<std::string> Lines(LineReader lines) {
   return taken;
 }
 
-// What a reader with a buffer of 1024 bytes sees: the plain form of the same rules.
+// The lines that a reader with a buffer of 1024 bytes reads: the plain form of the same rules.
 std::vector<std::string> LinesByBuffer(const std::string& text) {
   std::vector<std::string> taken;
   FILE* stream = fmemopen(const_cast<char*>(text.data()), text.size(), "r");
@@ -55,7 +55,7 @@ TEST(LineReader, LinesEndAtTheirLineFeedOrAtTheEndOfTheInput) {
   EXPECT_EQ(Lines(LineReader(BytesOf("a\r\n"))), Strings({"a\r"}));
 }
 
-TEST(LineReader, NothingBehindANulIsSeen) {
+TEST(LineReader, NothingAfterANulIsRead) {
   EXPECT_EQ(Lines(LineReader(BytesOf({"ab\0c\nd\n", 7}))), Strings({"ab", "d"}));
   EXPECT_EQ(Lines(LineReader(BytesOf({"\0ab\nd\n", 6}))), Strings({"", "d"}));
 }
@@ -69,14 +69,14 @@ TEST(LineReader, LongerLinesAreSplitAfter1023Characters) {
   EXPECT_EQ(Lines(LineReader(BytesOf(full + full + "\nz"))), Strings({full, full, "", "z"}));
 }
 
-TEST(LineReader, NulAndSplitMeet) {
+TEST(LineReader, NulAndSplitInOneLine) {
   std::string text(kLineCharsMax, 'x');
   text[5] = '\0';
   text += "\nz\n";
   EXPECT_EQ(Lines(LineReader(BytesOf(text))), Strings({"xxxxx", "", "z"}));
 }
 
-TEST(LineReader, EveryWindowAndEveryPortionGivesTheLinesOfAPlainBuffer) {
+TEST(LineReader, LinesAreThoseOfAPlainBufferForEveryWindowAndPortion) {
   std::mt19937_64 random(qx::test::Seed("LineReader"));
   for (int round = 0; round < 60; ++round) {
     std::string text;
@@ -108,14 +108,14 @@ TEST(LineReader, ReadErrorEndsTheLinesAndDropsTheUnfinishedOne) {
   EXPECT_EQ(lines.Next(), std::nullopt);
 }
 
-TEST(LineReader, TellsWhatItHasReadAhead) {
+TEST(LineReader, BytesThatWereReadAheadAreKnown) {
   LineReader lines(BytesOf("a\n\nrest"));
   EXPECT_EQ(lines.Next(), "a");
   EXPECT_EQ(lines.Next(), "");
   EXPECT_EQ(lines.UnreadBytes(), 4U);
 }
 
-TEST(TreeReader, ReadErrorIsAFailureThoughValuesWereRead) {
+TEST(TreeReader, ReadErrorIsAFailureEvenAfterValues) {
   int calls = 0;
   LineReader lines([&calls](char* to, std::size_t) -> ssize_t {
     if (calls++ > 0) return -1;

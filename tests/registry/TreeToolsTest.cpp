@@ -1,4 +1,4 @@
-// Trees beside one another, changes to a tree, and what a registry file cannot hold.
+// Comparison of trees, changes to a tree, and what a registry file cannot hold.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -63,7 +63,7 @@ class TreeTools : public testing::Test {
 
 // --- comparing
 
-TEST_F(TreeTools, ATreeDoesNotDifferFromItself) {
+TEST_F(TreeTools, TreeDoesNotDifferFromItself) {
   CRegistryNode again;
   ASSERT_TRUE(ParseTree(kTree, again));
   EXPECT_TRUE(Compare(tree_, again).changes.empty());
@@ -86,21 +86,21 @@ TEST_F(TreeTools, ChangesAreListedByKeyValuesBeforeSubkeys) {
   EXPECT_EQ(difference.changes[5].after, std::nullopt);
 }
 
-TEST_F(TreeTools, TheTypeOfAValueIsPartOfIt) {
+TEST_F(TreeTools, TypeIsPartOfAValue) {
   CRegistryNode other;
   ASSERT_TRUE(ParseTree(kTree, other));
   ASSERT_EQ(SetValue(other, "HKEY_LOCAL_MACHINE/SOFTWARE", "Name", Text("text", REG_EXPAND_SZ)), EditState::kDone);
   EXPECT_EQ(Compare(tree_, other).changes.size(), 1U);
 }
 
-TEST_F(TreeTools, AValueThatBecomesASubkeyIsOneChangeWithItsContentBehindIt) {
+TEST_F(TreeTools, ValueThatBecomesASubkeyIsOneChangeBeforeItsContent) {
   CRegistryNode other;
   ASSERT_TRUE(ParseTree("[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nCount=d=-5\n[Name]\ny=d=1\n\n[Sub]\nx=s=\n\n\n\n\n", other));
   EXPECT_EQ(NamesOf(Compare(tree_, other)),
             (std::vector<std::string>{"HKEY_LOCAL_MACHINE/SOFTWARE: Name", "HKEY_LOCAL_MACHINE/SOFTWARE/Name: y"}));
 }
 
-TEST_F(TreeTools, AListOfChangesThatGrowsTooLongSaysSo) {
+TEST_F(TreeTools, ListOfTooManyChangesIsMarkedAsCut) {
   std::string deep;
   for (int i = 0; i < 100'000; ++i) deep += "[k]\n";
   CRegistryNode other;
@@ -113,12 +113,12 @@ TEST_F(TreeTools, AListOfChangesThatGrowsTooLongSaysSo) {
 
 // --- changing
 
-TEST_F(TreeTools, SettingMakesTheKeysOnThePath) {
+TEST_F(TreeTools, SetMakesTheKeysOfThePath) {
   EXPECT_EQ(SetValue(tree_, "HKEY_USERS\\A/B/", "v", Number(1)), EditState::kDone);
   EXPECT_THAT(TextOf(tree_), HasSubstr("[HKEY_USERS]\n[A]\n[B]\nv=d=1\n\n\n\n"));
 }
 
-TEST_F(TreeTools, SettingNeverDestroysASubkeyOrWalksThroughAValue) {
+TEST_F(TreeTools, SetNeitherReplacesASubkeyNorGoesThroughAValue) {
   EXPECT_EQ(SetValue(tree_, "HKEY_LOCAL_MACHINE/SOFTWARE", "Sub", Text("x")), EditState::kIsKey);
   EXPECT_EQ(SetValue(tree_, "HKEY_LOCAL_MACHINE/SOFTWARE/Name/Deep", "v", Text("x")), EditState::kIsValue);
   EXPECT_EQ(SetValue(tree_, "HKEY_LOCAL_MACHIN/SOFTWARE", "v", Text("x")), EditState::kNoHive);
@@ -130,7 +130,7 @@ TEST_F(TreeTools, SettingNeverDestroysASubkeyOrWalksThroughAValue) {
   EXPECT_EQ(TextOf(tree_), kTree);
 }
 
-TEST_F(TreeTools, DeletingTakesWhatWasNamedAndNothingElse) {
+TEST_F(TreeTools, DeleteRemovesOnlyTheNamedEntry) {
   EXPECT_EQ(DeleteValue(tree_, "HKEY_LOCAL_MACHINE/SOFTWARE", "name"), EditState::kNoValue);
   EXPECT_EQ(DeleteValue(tree_, "HKEY_LOCAL_MACHINE/SOFTWARE", "Sub"), EditState::kIsKey);
   EXPECT_EQ(DeleteValue(tree_, "HKEY_LOCAL_MACHINE/Software", "Name"), EditState::kNoKey);
@@ -145,7 +145,7 @@ TEST_F(TreeTools, DeletingTakesWhatWasNamedAndNothingElse) {
   EXPECT_EQ(TextOf(tree_), "\n");
 }
 
-TEST_F(TreeTools, MergingKeepsWhatTheOtherTreeDoesNotHave) {
+TEST_F(TreeTools, MergeKeepsWhatTheOtherTreeDoesNotHave) {
   CRegistryNode other;
   ASSERT_TRUE(ParseTree("[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nCount=d=7\n[Sub]\ny=d=1\n\n\n[New]\n\n\n\n", other));
   EXPECT_EQ(MergeInto(tree_, other), EditState::kDone);
@@ -153,14 +153,14 @@ TEST_F(TreeTools, MergingKeepsWhatTheOtherTreeDoesNotHave) {
             "[HKEY_LOCAL_MACHINE]\n[New]\n\n[SOFTWARE]\nCount=d=7\nName=s=text\n[Sub]\nx=s=\ny=d=1\n\n\n\n\n");
 }
 
-TEST_F(TreeTools, MergingLetsAKeyAndAValueReplaceOneAnother) {
+TEST_F(TreeTools, MergeReplacesAKeyByAValueAndViceVersa) {
   CRegistryNode other;
   ASSERT_TRUE(ParseTree("[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nSub=d=7\n[Count]\n\n\n\n\n", other));
   EXPECT_EQ(MergeInto(tree_, other), EditState::kDone);
   EXPECT_EQ(TextOf(tree_), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nName=s=text\nSub=d=7\n[Count]\n\n\n\n\n");
 }
 
-TEST_F(TreeTools, APartIsTheKeyAtItsPlace) {
+TEST_F(TreeTools, PartIsTheKeyAtItsPath) {
   CRegistryNode part;
   EXPECT_EQ(CopyPart(tree_, "HKEY_LOCAL_MACHINE/SOFTWARE/Sub", part), EditState::kDone);
   EXPECT_EQ(TextOf(part), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Sub]\nx=s=\n\n\n\n\n");
@@ -170,9 +170,9 @@ TEST_F(TreeTools, APartIsTheKeyAtItsPlace) {
   EXPECT_EQ(TextOf(tree_), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n\n\n\n");
 }
 
-// --- what the file cannot hold
+// --- what the file cannot have
 
-TEST_F(TreeTools, WhatComesBackMayBeStored) {
+TEST_F(TreeTools, ValuesThatAreReadBackMayBeStored) {
   EXPECT_EQ(ReasonAgainst("a", Text("b=c[d]")), "");
   EXPECT_EQ(ReasonAgainst("[abc", Text("x")), "");
   EXPECT_EQ(ReasonAgainst("", Text("")), "");
@@ -183,19 +183,19 @@ TEST_F(TreeTools, WhatComesBackMayBeStored) {
   EXPECT_EQ(ReasonAgainst("n", Text(std::string(1018, 'x'))), "");  // with name and marker 1022
 }
 
-TEST_F(TreeTools, ANameWithALineFeedIsRefused) { EXPECT_THAT(ReasonAgainst("a\nb", Text("")), HasSubstr("line feed")); }
-TEST_F(TreeTools, ATextWithALineFeedIsRefused) { EXPECT_THAT(ReasonAgainst("a", Text("\n")), HasSubstr("line feed")); }
-TEST_F(TreeTools, ANameWithAnEqualsSignIsRefused) { EXPECT_THAT(ReasonAgainst("a=b", Text("")), HasSubstr("\"=\"")); }
-TEST_F(TreeTools, AValueThatLooksLikeAKeyIsRefused) {
+TEST_F(TreeTools, NameWithALineFeedIsRefused) { EXPECT_THAT(ReasonAgainst("a\nb", Text("")), HasSubstr("line feed")); }
+TEST_F(TreeTools, TextWithALineFeedIsRefused) { EXPECT_THAT(ReasonAgainst("a", Text("\n")), HasSubstr("line feed")); }
+TEST_F(TreeTools, NameWithAnEqualsSignIsRefused) { EXPECT_THAT(ReasonAgainst("a=b", Text("")), HasSubstr("\"=\"")); }
+TEST_F(TreeTools, ValueThatLooksLikeAKeyIsRefused) {
   EXPECT_THAT(ReasonAgainst("[a", Text("]")), HasSubstr("would be a key"));
 }
-TEST_F(TreeTools, ALineThatFillsTheBufferIsRefused) {
+TEST_F(TreeTools, LineThatFillsTheBufferIsRefused) {
   EXPECT_THAT(ReasonAgainst("n", Text(std::string(1019, 'x'))), HasSubstr("1023 characters"));
 }
-TEST_F(TreeTools, ABlockWhoseLineIsTooLongIsRefused) {
+TEST_F(TreeTools, BlockWhoseLineIsTooLongIsRefused) {
   EXPECT_THAT(ReasonAgainst("n", Block(std::string(340, 'x'))), HasSubstr("1024 characters"));
 }
-TEST_F(TreeTools, AKeyWithABracketIsRefused) {
+TEST_F(TreeTools, KeyWithABracketIsRefused) {
   ASSERT_EQ(SetValue(tree_, "HKEY_USERS/a]b", "v", Number(1)), EditState::kDone);
   std::string text;
   const auto refusal = WhyNotStorable(tree_, text);
@@ -204,7 +204,7 @@ TEST_F(TreeTools, AKeyWithABracketIsRefused) {
   EXPECT_EQ(refusal->name, "a]b");
 }
 
-TEST_F(TreeTools, ATreeWithoutValuesIsRefused) {
+TEST_F(TreeTools, TreeWithoutValuesIsRefused) {
   ASSERT_EQ(DeleteKey(tree_, "HKEY_LOCAL_MACHINE/SOFTWARE", true), EditState::kDone);
   std::string text;
   const auto refusal = WhyNotStorable(tree_, text);
@@ -216,14 +216,14 @@ TEST_F(TreeTools, ATreeWithoutValuesIsRefused) {
 
 namespace {
 
-// Names and texts with everything in them that the file treats in a way of its own.
+// Names and texts with every byte that is special in the file.
 std::string RandomText(std::mt19937_64& random, bool may_be_long) {
   constexpr char kBytes[] = {'a',  'b',    'A', '=', '[', ']', '\n', '\r',  ' ',
                              '\t', '\xFF', '%', ';', 's', 'd', '/',  '\x01'};
   const std::size_t roll = random() % 40;
   std::string text(may_be_long && roll == 0 ? 1005 + random() % 20 : random() % 4, 'x');
   for (std::size_t i = 0; i < 3 && !text.empty(); ++i) {
-    // Most bytes are harmless, or nothing would ever be accepted.
+    // Most bytes are harmless: otherwise nothing would be accepted.
     text[random() % text.size()] = kBytes[random() % (random() % 4 == 0 ? sizeof kBytes : 3)];
   }
   return text;
@@ -269,7 +269,7 @@ bool HasLineOverTheLimit(const std::string& text) {
 
 }  // namespace
 
-TEST_F(TreeTools, WhatIsAcceptedComesBackAndWhatIsRefusedDoesNot) {
+TEST_F(TreeTools, AcceptedValuesAreReadBackAndRefusedOnesAreNot) {
   std::mt19937_64 random(qx::test::Seed("tree-storable"));
   int accepted = 0;
   int refused = 0;
@@ -287,7 +287,7 @@ TEST_F(TreeTools, WhatIsAcceptedComesBackAndWhatIsRefusedDoesNot) {
     ++refused;
     EXPECT_FALSE(refusal->reason.empty());
     const bool has_no_value = refusal->reason.find("no value is left") != std::string::npos;
-    // A line over the limit is refused even where all that is cut off is a blank.
+    // A line over the limit is refused even if only a blank would be cut off.
     const bool is_too_long = refusal->reason.find("at most 1022") != std::string::npos;
     CRegistryNode again;
     EXPECT_EQ(has_no_value, !ParseTree(TextOf(tree), again) && Compare(tree, again).changes.empty());
@@ -299,7 +299,7 @@ TEST_F(TreeTools, WhatIsAcceptedComesBackAndWhatIsRefusedDoesNot) {
   EXPECT_GT(refused, 2000);
 }
 
-TEST_F(TreeTools, MergingWhatDiffersMakesTreesEqual) {
+TEST_F(TreeTools, MergeOfTheDifferencesMakesTreesEqual) {
   std::mt19937_64 random(qx::test::Seed("tree-merge"));
   for (int round = 0; round < 3'000; ++round) {
     CRegistryNode before;

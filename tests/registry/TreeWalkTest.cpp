@@ -39,7 +39,7 @@ std::string Chain(int levels) {
 
 constexpr char kTree[] = "x=d=1\n[A]\n[B]\n[C]\n\n\n[D]\n\n\n[E]\n\n\n";
 
-TEST(TreeWalk, KeysComeInTheOrderOfTheFile) {
+TEST(TreeWalk, KeysAreInTheOrderOfTheFile) {
   EXPECT_EQ(Walk(kTree).paths, (std::vector<std::string>{"", "A", "A/B", "A/B/C", "A/D", "E"}));
 }
 
