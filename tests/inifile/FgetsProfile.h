@@ -14,7 +14,7 @@ using PlainFile = std::unique_ptr<FILE, int (*)(FILE*)>;
 
 inline PlainFile OpenPlain(const std::string& path) { return {std::fopen(path.c_str(), "r"), &std::fclose}; }
 
-// The lines as fgets leaves them, and where the stream stands behind each.
+// The lines as fgets returns them, and the position of the stream after each.
 struct PlainLine {
   std::string text;
   long end;
@@ -95,7 +95,7 @@ struct FgetsRead {
   }
 };
 
-// As CIniFile::GetPrivateProfileString, for sizes from 2.
+// Like CIniFile::GetPrivateProfileString, for sizes from 2.
 inline unsigned FgetsGetString(const char* section, const char* key, const char* def, char* buf, unsigned size,
                                const std::string& path) {
   buf[0] = '\0';

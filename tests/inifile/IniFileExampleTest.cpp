@@ -11,7 +11,7 @@ namespace {
 
 std::string Example(const std::string& name) { return qx::test::DocExample("ini-files.md", name); }
 
-// What stands in an example between the line "--- TITLE" and the next such line.
+// The text of an example between the line "--- TITLE" and the next such line.
 std::string Block(const std::string& example, const std::string& title) {
   const std::string mark = "--- " + title + "\n";
   const std::size_t begin = example.find(mark);

@@ -1,4 +1,4 @@
-// Files that cannot be opened or written: a clean false, and a file that is as good as before.
+// Files that cannot be opened or written: the result is false, and the file is unchanged.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -31,7 +31,7 @@ bool Set(const std::string& path, const char* section, const char* key, const ch
   return CIniFile::WritePrivateProfileString(section, key, value, path.c_str());
 }
 
-// Runs `action` in a child in which no file may grow over `limit` bytes, and tells what it returned.
+// Runs `action` in a child in which no file may grow over `limit` bytes, and returns its result.
 template <typename Action>
 bool WithFileSizeLimit(std::size_t limit, Action action) {
   const pid_t child = fork();
@@ -54,7 +54,7 @@ class IniFileFault : public testing::Test {
 };
 
 // Each limit from 0 to the size that the edit needs: the write fails at every byte in turn.
-TEST_F(IniFileFault, EditThatRunsOutOfRoomIsFalseAndLeavesTheFileAsItWas) {
+TEST_F(IniFileFault, EditOnAFullDiskIsFalseAndLeavesTheFileUnchanged) {
   const std::string before = "[S]\nx=0\nk=1\nb=2\n";
   const std::string after = "[S]\nx=0\nk=longer\nb=2\n";
   for (std::size_t limit = before.size(); limit <= after.size(); ++limit) {
@@ -65,7 +65,7 @@ TEST_F(IniFileFault, EditThatRunsOutOfRoomIsFalseAndLeavesTheFileAsItWas) {
   }
 }
 
-TEST_F(IniFileFault, InsertionThatRunsOutOfRoomIsFalseAndLeavesTheFileAsItWas) {
+TEST_F(IniFileFault, InsertionOnAFullDiskIsFalseAndLeavesTheFileUnchanged) {
   const std::string before = "[S]\nx=0\n\n[T]\n";
   for (std::size_t limit = before.size(); limit < before.size() + 4; ++limit) {
     qx::test::WriteFile(path_, before);
@@ -74,7 +74,7 @@ TEST_F(IniFileFault, InsertionThatRunsOutOfRoomIsFalseAndLeavesTheFileAsItWas) {
   }
 }
 
-TEST_F(IniFileFault, AppendThatRunsOutOfRoomIsFalseAndLeavesNoHalfLine) {
+TEST_F(IniFileFault, AppendOnAFullDiskIsFalseAndLeavesNoPartialLine) {
   const std::string before = "[S]\nx=0\n";
   for (std::size_t limit = before.size(); limit < before.size() + 4; ++limit) {
     qx::test::WriteFile(path_, before);
@@ -83,26 +83,26 @@ TEST_F(IniFileFault, AppendThatRunsOutOfRoomIsFalseAndLeavesNoHalfLine) {
   }
 }
 
-TEST_F(IniFileFault, NewFileThatRunsOutOfRoomIsFalseAndEmpty) {
+TEST_F(IniFileFault, NewFileOnAFullDiskIsFalseAndEmpty) {
   EXPECT_FALSE(WithFileSizeLimit(3, [&] { return Set(path_, "S", "k", "1"); }));
   EXPECT_EQ(qx::test::ReadFile(path_), "");
 }
 
-TEST_F(IniFileFault, ShrinkingEditNeedsNoRoom) {
+TEST_F(IniFileFault, ShrinkingEditNeedsNoSpace) {
   qx::test::WriteFile(path_, "[S]\nx=0\nk=long\n[T]\n");
   EXPECT_TRUE(WithFileSizeLimit(19, [&] { return Set(path_, "S", "k", "1"); }));
   EXPECT_EQ(qx::test::ReadFile(path_), "[S]\nx=0\nk=1\n[T]\n");
 }
 
-// A limit below the file's size fails the write of the first overwritten byte behind it: the file is left as far as it
-// was written, and the result says so.
+// With a limit below the file's size, the write of the first byte after the limit fails: the file is partly written,
+// and the result is false.
 TEST_F(IniFileFault, WriteThatFailsInTheMiddleIsFalse) {
   const std::string tail(20000, 't');
   qx::test::WriteFile(path_, "[S]\nx=0\nk=long\n" + tail);
   EXPECT_FALSE(WithFileSizeLimit(9000, [&] { return Set(path_, "S", "k", "1"); }));
 }
 
-// Makes every positioned read of this process fail for good.
+// Makes every positioned read of this process fail permanently.
 bool ForbidReads() {
   sock_filter program[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -114,7 +114,7 @@ bool ForbidReads() {
   return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
-TEST_F(IniFileFault, FileThatCannotBeReadIsNotTakenForAnEmptyOne) {
+TEST_F(IniFileFault, UnreadableFileIsNotTreatedAsEmpty) {
   const std::string before = "[S]\nx=0\nk=1\n";
   qx::test::WriteFile(path_, before);
   EXPECT_TRUE(WithFileSizeLimit(1 << 20, [&] { return ForbidReads() && !Set(path_, "S", "k", "2"); }));
@@ -129,7 +129,7 @@ TEST_F(IniFileFault, DirectoryAndPipeAreNeverWritten) {
   EXPECT_FALSE(Set(path_, "S", nullptr, nullptr));
 }
 
-TEST_F(IniFileFault, FileInAMissingDirectoryCannotBeCreatedAndHoldsNothingToDelete) {
+TEST_F(IniFileFault, FileInAMissingDirectoryIsNotCreated) {
   EXPECT_FALSE(Set(dir_.File("missing/f"), "S", "k", "1"));
   EXPECT_TRUE(Set(dir_.File("missing/f"), "S", "k", nullptr));
   qx::test::WriteFile(path_, "");
@@ -181,10 +181,10 @@ TEST_F(IniFileFault, NoDescriptorStaysOpen) {
   EXPECT_EQ(open_descriptors(), before);
 }
 
-// Offsets of an edit are 32 bits wide: further back an edit is refused, never made at another place. A file in memory
-// keeps its hole of four gibibytes out of the page cache.
+// Offsets of an edit have 32 bits: at a larger offset an edit is refused, never made elsewhere. The file is in memory,
+// so that its hole of four gibibytes is not in the page cache.
 #ifdef __OPTIMIZE__
-TEST_F(IniFileFault, PlaceBehindFourGibibytesIsNotEdited) {
+TEST_F(IniFileFault, OffsetAfterFourGibibytesIsNotEdited) {
   const qx::test::MemoryFile file;
   file.Write("[S]\nx=0\n");
   const off_t size = (off_t{1} << 32) + 8;

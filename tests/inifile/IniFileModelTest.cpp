@@ -88,13 +88,13 @@ class IniFileModel : public testing::Test {
 
 struct Placed {
   unsigned result;
-  std::string text;  // with the NUL behind it
+  std::string text;  // with the NUL after it
   bool operator==(const Placed&) const = default;
 };
 
 Placed Shown(unsigned result, const std::string& buffer) { return {result, buffer.substr(0, result + 1)}; }
 
-TEST_F(IniFileModel, PrimitiveReadsAsTheFgetsFormDoesAtAnyBufferSize) {
+TEST_F(IniFileModel, PrimitiveReadsLikeTheFgetsFormAtEveryBufferSize) {
   Dice dice("IniFileModel primitive");
   for (int round = 0; round < 1500; ++round) {
     file_.Write(dice.File());
@@ -144,7 +144,7 @@ void ExpectReadsAgree(CIniFile& ini, const LineList& model, const std::string& s
   ASSERT_EQ(ini.GetString(section.c_str(), key.c_str(), "default"), value);
 }
 
-// CopySection writes through the file, so what it reads may be what it wrote before.
+// CopySection writes to the file at once, so it may read what it wrote before.
 void CopyInModel(LineList& model, const std::string& from, const std::string& to) {
   for (const std::string& key : UpToAnEmptyName(KeysOf(model, from))) {
     (void)model.Write(to, key, model.Value(from, key, ""));
@@ -169,7 +169,7 @@ void WriteBoth(CIniFile& ini, LineList& model, Dice& dice, const Step& step) {
       ASSERT_EQ(ini.DeleteKey(section.c_str(), key.c_str()), model.Write(section, key, std::nullopt));
       break;
     case 2:
-      if (dice.OneIn(2)) return;  // fewer, or the files stay empty
+      if (dice.OneIn(2)) return;  // fewer deletions: otherwise the files stay empty
       ASSERT_EQ(ini.DeleteSection(section.c_str()), model.Write(section, std::nullopt, std::nullopt));
       break;
     case 3: {
@@ -183,7 +183,7 @@ void WriteBoth(CIniFile& ini, LineList& model, Dice& dice, const Step& step) {
   }
 }
 
-TEST_F(IniFileModel, RandomOperationsLeaveTheBytesThatAListOfLinesGives) {
+TEST_F(IniFileModel, RandomOperationsLeaveTheBytesOfAListOfLines) {
   Dice dice("IniFileModel operations");
   for (int round = 0; round < 1000; ++round) {
     LineList model(dice.File());
@@ -222,7 +222,7 @@ double MillisecondsPerEnum(const std::string& path) {
   return best;
 }
 
-// Eight times the keys cost about eight times the time; a walk of the list for each of its names would cost 64 times.
+// Eight times the keys need about eight times the time; a walk of the list for each of its names would need 64 times.
 TEST_F(IniFileModel, EnumerationCostGrowsInProportionToTheList) {
   const auto write = [&](int keys) {
     std::string text = "[S]\n";
@@ -230,7 +230,8 @@ TEST_F(IniFileModel, EnumerationCostGrowsInProportionToTheList) {
     file_.Write(text);
   };
   double ratio = 0;
-  for (int attempt = 0; attempt < 4; ++attempt) {  // a neighbour on the processor's cache can spoil one
+  for (int attempt = 0; attempt < 4;
+       ++attempt) {  // another program can disturb one measurement through the processor's cache
     write(850);
     const double eighth = MillisecondsPerEnum(path_);
     write(6800);

@@ -18,12 +18,12 @@ using namespace std::string_literals;
 
 constexpr char kCanary = '\x5A';
 
-// What a read left: the result, and the whole buffer with one byte more than it was told of.
+// The outcome of a read: the result, and the whole buffer with one byte more than the read knows of.
 struct Outcome {
   unsigned result;
   std::string buffer;
 
-  // The text and the NUL behind it.
+  // The text and the NUL after it.
   std::string Text() const { return buffer.substr(0, result + 1); }
 };
 
@@ -34,7 +34,7 @@ class IniFileRead : public testing::Test {
   Outcome Read(const char* section, const char* key, const char* def, unsigned size) const {
     Outcome outcome{0, std::string(size + 1, kCanary)};
     outcome.result = CIniFile::GetPrivateProfileString(section, key, def, outcome.buffer.data(), size, path_.c_str());
-    EXPECT_EQ(outcome.buffer.back(), kCanary) << "written behind the buffer";
+    EXPECT_EQ(outcome.buffer.back(), kCanary) << "written after the buffer";
     return outcome;
   }
 
@@ -44,7 +44,7 @@ class IniFileRead : public testing::Test {
     return outcome.buffer.c_str();
   }
 
-  // The value of key "k" in section "S" of a file with just these lines in it.
+  // The value of key "k" in section "S" of a file with only these lines.
   std::string ValueIn(std::string_view lines) {
     Write("[S]\n" + std::string(lines));
     return Value("S", "k");
@@ -63,7 +63,7 @@ class IniFileRead : public testing::Test {
 
 using Names = std::vector<std::string>;
 
-TEST_F(IniFileRead, ValueIsWhatFollowsTheEqualsSignWithoutBlanksAround) {
+TEST_F(IniFileRead, ValueIsTheTextAfterTheEqualsSignWithoutOuterBlanks) {
   EXPECT_EQ(ValueIn("k=v\n"), "v");
   EXPECT_EQ(ValueIn("k = v \t\n"), "v");
   EXPECT_EQ(ValueIn("k\t\v\f=\r\t v w\n"), "v w");
@@ -83,7 +83,7 @@ TEST_F(IniFileRead, SemicolonStartsACommentAlsoInsideAValue) {
   EXPECT_EQ(ValueIn("x;k=1\nk;=2\nk=3\n"), "3");
 }
 
-TEST_F(IniFileRead, EntryWithNothingAfterTheEqualsSignYieldsTheDefault) {
+TEST_F(IniFileRead, EntryWithoutAValueReturnsTheDefault) {
   EXPECT_EQ(ValueIn("k=\n"), "(default)");
   EXPECT_EQ(ValueIn("k= \t\n"), "(default)");
   EXPECT_EQ(ValueIn("k=\nk=second\n"), "(default)") << "the first entry decides";
@@ -124,7 +124,7 @@ TEST_F(IniFileRead, IndentedHeaderMatches) {
   EXPECT_EQ(Value("Sec", "k"), "1");
 }
 
-TEST_F(IniFileRead, TextBehindTheHeadersBracketIsIgnored) {
+TEST_F(IniFileRead, TextAfterTheHeadersBracketIsIgnored) {
   Write("[Sec] text [x]\nk=1\n[T];c\nk=2\n[a]b]\nk=3\n[]\nk=4\n");
   EXPECT_EQ(Value("Sec", "k"), "1");
   EXPECT_EQ(Value("T", "k"), "2");
@@ -145,7 +145,7 @@ TEST_F(IniFileRead, OnlyTheFirstSectionOfANameIsSearched) {
   EXPECT_EQ(Value("S", "k"), "(default)");
 }
 
-TEST_F(IniFileRead, AHeaderWithoutItsClosingBracketStillEndsASection) {
+TEST_F(IniFileRead, HeaderWithoutItsClosingBracketStillEndsASection) {
   EXPECT_EQ(ValueIn("[broken\nk=1\n"), "(default)");
 }
 
@@ -193,13 +193,13 @@ TEST_F(IniFileRead, EmptyKeyIsAnEmptyNameInsideTheList) {
 }
 
 // "ab\0cd\0" counts 6. The scan goes on while the count is below size - 2.
-TEST_F(IniFileRead, WhateverIsPlacedSetsTheLastByteToNul) {
+TEST_F(IniFileRead, AnyResultSetsTheLastByteToNul) {
   Write("[S]\nab=1\n");
   EXPECT_EQ(Read("S", nullptr, nullptr, 9).buffer.substr(0, 10), "ab\0\0ZZZZ\0Z"s);
   EXPECT_EQ(Read(nullptr, nullptr, nullptr, 9).buffer.substr(0, 10), "S\0\0ZZZZZ\0Z"s);
   EXPECT_EQ(Read("S", "ab", nullptr, 9).buffer.substr(0, 10), "1\0ZZZZZZ\0Z"s);
   EXPECT_EQ(Read("S", "x", "d", 9).buffer.substr(0, 10), "d\0ZZZZZZ\0Z"s);
-  EXPECT_EQ(Read("T", nullptr, nullptr, 9).buffer.substr(0, 10), "\0ZZZZZZZZZ"s) << "nothing is placed";
+  EXPECT_EQ(Read("T", nullptr, nullptr, 9).buffer.substr(0, 10), "\0ZZZZZZZZZ"s) << "nothing is written";
 }
 
 TEST_F(IniFileRead, ListAtEveryBufferSize) {
@@ -212,7 +212,7 @@ TEST_F(IniFileRead, ListAtEveryBufferSize) {
   EXPECT_EQ(read(7).buffer.substr(0, 7), "ab\0cd\0\0"s);
   EXPECT_EQ(read(6).result, 4U) << "filled: size - 2";
   EXPECT_EQ(read(6).buffer.substr(0, 6), "ab\0c\0\0"s);
-  EXPECT_EQ(read(5).result, 3U) << "the second name was not looked at: the first fills up to size - 2";
+  EXPECT_EQ(read(5).result, 3U) << "the second name was not read: the first fills up to size - 2";
   EXPECT_EQ(read(5).buffer.substr(0, 6), "ab\0\0\0Z"s);
   EXPECT_EQ(read(4).result, 3U);
   EXPECT_EQ(read(4).buffer.substr(0, 4), "ab\0\0"s);
@@ -236,14 +236,14 @@ TEST_F(IniFileRead, ValueAtEveryBufferSize) {
   EXPECT_EQ(text(3), "ab");
 }
 
-TEST_F(IniFileRead, BufferOfSizeTwoSearchesNothingAndTheDefaultStillComes) {
+TEST_F(IniFileRead, BufferOfSizeTwoReturnsTheDefaultWithoutASearch) {
   Write("[S]\nk=x\n");
   const Outcome outcome = Read("S", "k", "default", 2);
   EXPECT_EQ(outcome.result, 1U);
   EXPECT_EQ(outcome.buffer, "d\0Z"s);
 }
 
-TEST_F(IniFileRead, BufferOfSizeOneHoldsTheEmptyText) {
+TEST_F(IniFileRead, BufferOfSizeOneGetsTheEmptyText) {
   Write("[S]\nk=x\n");
   const Outcome outcome = Read("S", "k", "default", 1);
   EXPECT_EQ(outcome.result, 0U);
@@ -266,7 +266,7 @@ TEST_F(IniFileRead, NullBufferOrPathIsZero) {
   EXPECT_STREQ(buf, "abc");
 }
 
-TEST_F(IniFileRead, DefaultIsCutLikeAValueAndItsLengthIsThatOfWhatWasPlaced) {
+TEST_F(IniFileRead, DefaultIsCutLikeAValueAndTheResultIsItsCutLength) {
   Write("");
   const Outcome cut = Read("S", "k", "default", 4);
   EXPECT_EQ(cut.result, 3U);
@@ -282,13 +282,13 @@ TEST_F(IniFileRead, ListsHaveNoDefault) {
   EXPECT_EQ(Read(nullptr, nullptr, "default", 16).Text(), "\0"s);
 }
 
-TEST_F(IniFileRead, MissingFileDeliversTheDefaultForAKeyAndNothingForAList) {
+TEST_F(IniFileRead, MissingFileReturnsTheDefaultForAKeyAndAnEmptyList) {
   EXPECT_EQ(Read("S", "k", "default", 16).Text(), "default\0"s);
   EXPECT_EQ(Read("S", nullptr, "default", 16).result, 0U);
   EXPECT_EQ(Read(nullptr, "k", "default", 16).result, 0U);
 }
 
-TEST_F(IniFileRead, WhatIsNotARegularFileReadsLikeAMissingOne) {
+TEST_F(IniFileRead, FileThatIsNotRegularIsReadLikeAMissingOne) {
   ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
   EXPECT_EQ(Value("S", "k"), "(default)");
   ASSERT_EQ(unlink(path_.c_str()), 0);
@@ -304,7 +304,7 @@ TEST_F(IniFileRead, HugeSparseFileEndsInTime) {
   EXPECT_EQ(Value("S", "none"), "(default)");
 }
 
-TEST_F(IniFileRead, EveryPrefixOfAGoodFileReadsWithoutHarm) {
+TEST_F(IniFileRead, EveryPrefixOfAGoodFileIsReadWithoutHarm) {
   const qx::test::MemoryFile file;
   path_ = file.Path();
   const std::string whole = "\n[S]\n; c\nk = v ; n\n [T]\nk=" + std::string(1100, 'y') + "\n=e\n[U\n\xFF\xFE=\x80\n";

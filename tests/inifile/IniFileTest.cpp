@@ -16,7 +16,7 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-// The longest text that a member delivers.
+// The longest text that a member returns.
 constexpr std::size_t kTextMax = 64509;
 
 class IniFile : public testing::Test {
@@ -143,7 +143,7 @@ TEST_F(IniFile, NumberIsCutTo32Bits) {
   EXPECT_EQ(NumberOf("99999999999999999999"), 4294967295U) << "the largest 64-bit number, cut";
 }
 
-TEST_F(IniFile, NumberTakes31Characters) {
+TEST_F(IniFile, NumberHasAtMost31Characters) {
   EXPECT_EQ(NumberOf(std::string(30, '0') + "7"), 7U);
   EXPECT_EQ(NumberOf(std::string(30, '0') + "12"), 1U);
 }
@@ -155,7 +155,7 @@ TEST_F(IniFile, MissingOrEmptyNumberIsTheDefault) {
   EXPECT_EQ(ini_.GetNumber("S", nullptr, 5), 5U);
 }
 
-TEST_F(IniFile, BothStringFormsDeliverValueOrDefault) {
+TEST_F(IniFile, BothStringFormsReturnValueOrDefault) {
   Write("[S]\nk = v\nempty=\n");
   std::string out;
   EXPECT_TRUE(ini_.GetString(out, "S", "k", "d"));
@@ -169,8 +169,8 @@ TEST_F(IniFile, BothStringFormsDeliverValueOrDefault) {
   EXPECT_STREQ(ini_.GetString("S", "none", nullptr), "");
 }
 
-// A result of 1022 or 1023 may have been cut by the first buffer, so these lengths ask again.
-TEST_F(IniFile, TextsAroundTheBufferStepsComeWhole) {
+// A result of 1022 or 1023 may have been cut by the first buffer, so these lengths are read again.
+TEST_F(IniFile, TextsAroundTheBufferStepsAreWhole) {
   Write("[S]\n");
   for (const std::size_t step : {1024U, 2048U, 3072U, 63U * 1024U}) {
     for (std::size_t length = step - 4; length <= std::min(step + 1, kTextMax); ++length) {
@@ -183,8 +183,8 @@ TEST_F(IniFile, TextsAroundTheBufferStepsComeWhole) {
   }
 }
 
-TEST_F(IniFile, LongestValueOfALineComesWhole) {
-  const std::string value(1022, 'v');  // behind an empty key
+TEST_F(IniFile, LongestValueOfALineIsWhole) {
+  const std::string value(1022, 'v');  // after an empty key
   Write("[S]\n=" + value + "\n");
   std::string out;
   EXPECT_TRUE(ini_.GetString(out, "S", "", "d"));
@@ -192,7 +192,7 @@ TEST_F(IniFile, LongestValueOfALineComesWhole) {
   EXPECT_EQ(ini_.GetString("S", "", "d"), value);
 }
 
-TEST_F(IniFile, TextOverTheLimitGivesTheDefaultItself) {
+TEST_F(IniFile, TextOverTheLimitReturnsTheDefaultItself) {
   Write("[S]\n");
   const std::string text(kTextMax + 1, 'd');
   std::string out;
@@ -249,7 +249,7 @@ TEST_F(IniFile, EnumerationOfNothingIsEmpty) {
   EXPECT_STREQ(ini_.GetEnum("none"), "");
 }
 
-TEST_F(IniFile, EnumerationGoesOnOnlyWhileTheObjectIsOpen) {
+TEST_F(IniFile, EnumerationContinuesOnlyWhileTheObjectIsOpen) {
   Write("[S]\na=1\nb=2\n");
   EXPECT_STREQ(ini_.GetEnum("S"), "a");
   ini_.Close();
@@ -258,7 +258,7 @@ TEST_F(IniFile, EnumerationGoesOnOnlyWhileTheObjectIsOpen) {
   EXPECT_STREQ(ini_.GetNextEnum(), "b");
 }
 
-TEST_F(IniFile, FailedEnumerationForgetsTheOneBefore) {
+TEST_F(IniFile, FailedEnumerationEndsThePreviousOne) {
   Write("[S]\na=1\nb=2\n");
   EXPECT_STREQ(ini_.GetEnum("S"), "a");
   ini_.Close();
@@ -279,7 +279,7 @@ TEST_F(IniFile, QuirkEmptyKeyEndsAListOfNamesButNotTheCursor) {
   EXPECT_STREQ(ini_.GetNextEnum(), "");
 }
 
-TEST_F(IniFile, ListsAreAppendedAndTellWhetherTheyHadANewName) {
+TEST_F(IniFile, ListsAreAppendedAndReturnWhetherTheyHadANewName) {
   Write("[S]\na=1\nb=2\n[T]\n");
   Names names = {"kept"};
   EXPECT_TRUE(ini_.GetSections(names));
@@ -299,7 +299,7 @@ std::string SectionWithKeysCounting(std::size_t total) {
   return text + std::string(total - 1, 'z') + "=1\n";
 }
 
-TEST_F(IniFile, ListsAroundTheBufferStepsComeWhole) {
+TEST_F(IniFile, ListsAroundTheBufferStepsAreWhole) {
   for (const std::size_t step : {1024U, 2048U, 3072U, 63U * 1024U}) {
     for (std::size_t total = step - 4; total <= std::min(step + 1, kTextMax); ++total) {
       Write(SectionWithKeysCounting(total));
@@ -376,14 +376,14 @@ TEST_F(IniFile, QuirkCopyIsTrueEvenWhenItsWritesFail) {
   EXPECT_TRUE(ini_.CopySection("S", "T"));
 }
 
-TEST_F(IniFile, EveryCallSeesTheFileAsItNowStands) {
+TEST_F(IniFile, EveryCallReadsTheFileAsItIsNow) {
   Write("[S]\nk=1\n");
   EXPECT_EQ(ini_.GetNumber("S", "k", 0), 1U);
   qx::test::WriteFile(path_, "[S]\nk=2\n");
   EXPECT_EQ(ini_.GetNumber("S", "k", 0), 2U);
 }
 
-TEST_F(IniFile, InstanceNamesFileReadsAsTheProviderReadsIt) {
+TEST_F(IniFile, InstanceNamesFileIsReadAsByTheProvider) {
   Write("[Quaxel Report Instances]\nVersion=1\nName=Performance\n\n[Names]\n1=North\n2=South & <East>\n");
   EXPECT_EQ(ini_.GetNumber("Quaxel Report Instances", "Version", 0), 1U);
   EXPECT_STREQ(ini_.GetString("Quaxel Report Instances", "Name", ""), "Performance");

@@ -1,4 +1,4 @@
-// Every trace text, at its place and level.
+// Every trace text, in its order and at its level.
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
@@ -109,7 +109,7 @@ TEST_F(IniFileTrace, FileThatCannotBeCreatedIsTracedAtLevel1) {
   ExpectOnlyAtLevel(1, {"WritePrivateProfileString: ## WARNING: append open error: " + path}, write);
 }
 
-TEST_F(IniFileTrace, FileThatIsNoRegularFileIsTracedAtLevel1) {
+TEST_F(IniFileTrace, FileThatIsNotRegularIsTracedAtLevel1) {
   ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
   const Entries warning = {"WritePrivateProfileString: ## WARNING: append open error: " + path_};
   ExpectOnlyAtLevel(1, warning, Write("S", "k", "v"));

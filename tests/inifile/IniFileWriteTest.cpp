@@ -132,7 +132,7 @@ TEST_F(IniFileWrite, FirstOfTwoEqualSectionsIsTheOneThatIsWritten) {
 
 TEST_F(IniFileWrite, KeyBeforeAnyHeaderIsNotFound) { EXPECT_EQ(After("a=1\n", "A", "a", "2"), "a=1\n\n[A]\n\na=2\n"); }
 
-TEST_F(IniFileWrite, DeletedSectionTakesTheEmptyAndCommentLinesAboveItsHeaderAlong) {
+TEST_F(IniFileWrite, DeletedSectionIncludesTheCommentLinesAboveItsHeader) {
   EXPECT_EQ(After("[A]\na=1\n\n; about B\n[B]\nb=1\n\n; about C\n[C]\nc=1\n", "B", nullptr, nullptr),
             "[A]\na=1\n\n; about C\n[C]\nc=1\n");
   EXPECT_EQ(After("; file\n[A]\na=1\n[B]\n", "A", nullptr, nullptr), "[B]\n");
@@ -143,7 +143,7 @@ TEST_F(IniFileWrite, DeletedLastSectionGoesUpToTheEndOfTheFile) {
   EXPECT_EQ(After("[A]\na=1\n", "A", nullptr, "ignored"), "");
 }
 
-TEST_F(IniFileWrite, DeletingWhatIsNotThereIsFalse) {
+TEST_F(IniFileWrite, DeletionOfAMissingEntryIsFalse) {
   EXPECT_TRUE(IsRefused("[A]\na=1\n[B]\n", "A", "x", nullptr));
   EXPECT_TRUE(IsRefused("[A]\na=1\n", "A", "x", nullptr));
   EXPECT_TRUE(IsRefused("[A]\na=1\n", "X", "a", nullptr));
@@ -156,13 +156,13 @@ TEST_F(IniFileWrite, MissingSectionOrPathIsFalse) {
   EXPECT_FALSE(CIniFile::WritePrivateProfileString("A", "a", "2", nullptr));
 }
 
-TEST_F(IniFileWrite, QuirkIndentedHeaderIsNotSeenForWriting) {
+TEST_F(IniFileWrite, QuirkIndentedHeaderIsNotFoundForWriting) {
   EXPECT_EQ(After(" [A]\na=1\n", "A", "a", "2"), " [A]\na=1\n\n[A]\n\na=2\n");
   EXPECT_TRUE(IsRefused(" [A]\na=1\n", "A", nullptr, nullptr));
   EXPECT_EQ(After("[A]\na=1\n [B]\nb=1\n[C]\n", "A", nullptr, nullptr), "[C]\n") << "it ends no section either";
 }
 
-TEST_F(IniFileWrite, QuirkIndentedEntryIsNotSeenForWriting) {
+TEST_F(IniFileWrite, QuirkIndentedEntryIsNotFoundForWriting) {
   EXPECT_EQ(After("[A]\n key=1\nb=2\n\n[B]\n", "A", "key", "9"), "[A]\n key=1\nb=2\nkey=9\n\n[B]\n");
   EXPECT_TRUE(IsRefused("[A]\n key=1\n", "A", "key", nullptr));
   EXPECT_EQ(After("[A]\nx=0\n key=1\n", "A", " key", "9"), "[A]\nx=0\n key=9\n") << "the blank is part of the key";
@@ -177,23 +177,23 @@ TEST_F(IniFileWrite, LineOfBlanksOrCarriageReturnIsNotEmpty) {
   EXPECT_EQ(After("[A]\r\n\r\na=1\r\n", "A", "a", "9"), "[A]\r\n\r\na=9\n");
 }
 
-TEST_F(IniFileWrite, OnlyBlanksAndTabsBeforeTheEqualsSignAreNoPartOfTheKey) {
+TEST_F(IniFileWrite, OnlyBlanksAndTabsBeforeTheEqualsSignAreNotInTheKey) {
   EXPECT_EQ(After("[A]\nx=0\na\v=1\n", "A", "a", "9"), "[A]\nx=0\na\v=1\na=9\n");
 }
 
-TEST_F(IniFileWrite, QuirkHeaderWithACommentCharacterIsSeenForWritingOnly) {
+TEST_F(IniFileWrite, QuirkHeaderWithACommentCharacterIsFoundForWritingOnly) {
   EXPECT_EQ(After("[A;1]\nx=0\na=1\n", "A;1", "a", "9"), "[A;1]\nx=0\na=9\n");
 }
 
-TEST_F(IniFileWrite, AHeaderWithoutItsClosingBracketEndsASection) {
+TEST_F(IniFileWrite, HeaderWithoutItsClosingBracketEndsASection) {
   EXPECT_EQ(After("[A]\na=1\n[broken\nb=1\n", "A", "b", "9"), "[A]\na=1\nb=9\n[broken\nb=1\n");
 }
 
-TEST_F(IniFileWrite, QuirkEntryAppendedBehindAnUnfinishedLastLineRunsIntoIt) {
+TEST_F(IniFileWrite, QuirkEntryAfterAnUnfinishedLastLineIsAppendedToThatLine) {
   EXPECT_EQ(After("[A]\na=1", "A", "b", "2"), "[A]\na=1b=2\n");
 }
 
-TEST_F(IniFileWrite, HeaderAppendedBehindAnUnfinishedLastLineStartsALine) {
+TEST_F(IniFileWrite, HeaderAfterAnUnfinishedLastLineStartsALine) {
   EXPECT_EQ(After("[A]\na=1", "B", "b", "2"), "[A]\na=1\n[B]\n\nb=2\n");
 }
 
@@ -201,14 +201,14 @@ TEST_F(IniFileWrite, EntryInAnUnfinishedLastLineIsReplaced) {
   EXPECT_EQ(After("[A]\nx=0\na=1", "A", "a", "2"), "[A]\nx=0\na=2\n");
 }
 
-TEST_F(IniFileWrite, QuirkLastCharacterOfAnUnfinishedLastLineIsNotSeen) {
-  EXPECT_EQ(After("[A]\nx=0\na=", "A", "a", "2"), "[A]\nx=0\na=a=2\n") << "seen as \"a\", which is no entry";
-  EXPECT_EQ(After("[A]", "A", "a", "2"), "[A]\n[A]\n\na=2\n") << "seen as \"[A\", which is no header of A";
+TEST_F(IniFileWrite, QuirkLastCharacterOfAnUnfinishedLastLineIsNotRead) {
+  EXPECT_EQ(After("[A]\nx=0\na=", "A", "a", "2"), "[A]\nx=0\na=a=2\n") << "read as \"a\", which is not an entry";
+  EXPECT_EQ(After("[A]", "A", "a", "2"), "[A]\n[A]\n\na=2\n") << "read as \"[A\", which is not a header of A";
 }
 
-TEST_F(IniFileWrite, QuirkNulHidesTheRestOfItsLineAndCostsACharacter) {
+TEST_F(IniFileWrite, QuirkNulHidesTheRestOfItsLineAndACharacter) {
   EXPECT_EQ(After("[A]\nx=0\na=1\0junk\nb=2\n"s, "A", "a", "9"), "[A]\nx=0\na=9\nb=2\n");
-  EXPECT_EQ(After("[A]\0\na=1\n"s, "A", "a", "9"), "[A]\0\na=1\n\n[A]\n\na=9\n"s) << "seen as \"[A\"";
+  EXPECT_EQ(After("[A]\0\na=1\n"s, "A", "a", "9"), "[A]\0\na=1\n\n[A]\n\na=9\n"s) << "read as \"[A\"";
   EXPECT_EQ(After("[A]\nx=0\n\0junk\na=1\n"s, "A", "a", "9"), "[A]\nx=0\na=9\n") << "an empty line";
 }
 
@@ -238,7 +238,7 @@ TEST_F(IniFileWrite, NothingIsEscaped) {
   EXPECT_EQ(After("", "S]", "k=", " v;"), "\n[S]]\n\nk== v;\n");
 }
 
-TEST_F(IniFileWrite, FileBehindASymbolicLinkIsWrittenInPlace) {
+TEST_F(IniFileWrite, TargetOfASymbolicLinkIsWrittenInPlace) {
   const std::string target = dir_.File("target");
   ASSERT_EQ(symlink(target.c_str(), path_.c_str()), 0);
   EXPECT_TRUE(Set("S", "k", "1"));

@@ -1,7 +1,7 @@
 // A profile file as a plain list of lines: the oracle of random files and operations.
 //
 // Everything works on whole vectors of strings, with indices instead of file positions; after each edit the list is
-// joined and split anew, because an edit can glue the pieces of a long line together.
+// joined and split again, because an edit can join the pieces of a long line.
 #pragma once
 
 #include <algorithm>
@@ -81,7 +81,7 @@ class LineList {
  private:
   static constexpr const char* kBlanks = " \t\n\v\f\r";
 
-  // What lies between one line that says something and the next, that line included.
+  // The lines after one meaningful line up to the next one, including that one.
   struct Region {
     std::string bytes;
     std::string said;
@@ -136,7 +136,8 @@ class LineList {
     return regions;
   }
 
-  // The regions from `first` to before `last` become `text`; what follows the last region goes too `to_the_end`.
+  // The regions from `first` to before `last` become `text`; with `to_the_end`, what follows the last region is
+  // removed, too.
   bool Replace(const std::vector<Region>& regions, std::size_t first, std::size_t last, bool to_the_end,
                const std::string& text) {
     std::size_t begin = 0;

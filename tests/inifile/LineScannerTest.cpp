@@ -80,7 +80,7 @@ TEST(LineScanner, ReadErrorEndsTheFile) {
   EXPECT_EQ(scanner.Position(), 0U);
 }
 
-// A read is a cancellation point: the thread of a host may end there, and must not take the process with it.
+// A read is a cancellation point: the end of a host's thread there must not end the process.
 TEST(LineScanner, CancelledThreadUnwindsFromARead) {
   const auto scan = [](void*) -> void* {
     char window[LineScanner::kLineBytesMax];
@@ -96,7 +96,7 @@ TEST(LineScanner, CancelledThreadUnwindsFromARead) {
   EXPECT_EQ(result, PTHREAD_CANCELED);
 }
 
-TEST(LineScanner, DescriptorsOwnPositionIsNeitherUsedNorMoved) {
+TEST(LineScanner, PositionOfTheDescriptorIsNeitherUsedNorChanged) {
   const qx::test::TempDir dir;
   qx::test::WriteFile(dir.File("f"), "a\nb\n");
   const Descriptor file = qx::file::OpenRegular(dir.File("f").c_str(), O_RDONLY);
@@ -122,7 +122,7 @@ std::string RandomBytes(std::mt19937_64& random) {
   return bytes;
 }
 
-// Windows of one line, of a line and a byte, and the real one: a line may lie across a window's end anywhere.
+// Windows of one line, of a line and a byte, and the real one: the end of a window may be anywhere in a line.
 TEST(LineScanner, AgreesWithFgetsOnRandomBytesAcrossAnyWindow) {
   std::mt19937_64 random(qx::test::Seed("LineScanner"));
   const qx::test::MemoryFile file;
@@ -142,15 +142,15 @@ TEST(LineScanner, AgreesWithFgetsOnRandomBytesAcrossAnyWindow) {
   }
 }
 
-// `line` as it stands in the file, whatever a NUL hides; without its line feed it is a piece of a longer line.
+// `line` is the line in the file, including what a NUL hides; without its line feed it is a piece of a longer line.
 bool MayMatter(std::string_view line, LineMark mark) {
   const bool is_plain = static_cast<unsigned char>(line.front()) > ' ' && line.front() != '[';
   return !is_plain || line.back() != '\n' || (mark.column < line.size() && line[mark.column] == mark.byte);
 }
 
-// Lines passed over, lines taken and plain lines without the mark are together the lines there are, each once and in
-// order, whatever the window.
-TEST(LineScanner, PassingOverLosesNoLineAndNoPosition) {
+// Skipped lines, returned lines and plain lines without the mark are together all lines, each once and in order, for
+// every window.
+TEST(LineScanner, SkippingLosesNoLineAndNoPosition) {
   std::mt19937_64 random(qx::test::Seed("LineScanner passing over"));
   const qx::test::MemoryFile file;
   const std::string path = file.Path();

@@ -43,7 +43,7 @@ ProfileRequest DeleteSection(const std::string& section) {
   return {.kind = ProfileRequest::Kind::kDeleteSection, .section = section, .key = {}, .entries = {}};
 }
 
-// The file after an edit that has to succeed, by the class and as planned.
+// The file after an edit that must succeed, by the class and as planned.
 std::string After(const std::string& text, const ProfileRequest& request) {
   const ProfilePlan plan = PlanEdit(text, request);
   EXPECT_EQ(plan.state, ProfileState::kDone) << plan.reason;
@@ -66,32 +66,32 @@ std::string Reason(const std::string& text, const ProfileRequest& request) {
 
 }  // namespace
 
-TEST(ProfileEdit, AChangedValueLeavesBlanksAndCommentsAsTheyStand) {
+TEST(ProfileEdit, ChangedValueKeepsBlanksAndComments) {
   EXPECT_EQ(After(kFile, Set("A", "second", "two")), With(kFile, "second = 2 ; note", "second = two ; note"));
   EXPECT_EQ(After(kFile, Set("A", "first", "")), With(kFile, "first=1", "first="));
   EXPECT_EQ(After("[S]\nempty =; note\n", Set("S", "empty", "x")), "[S]\nempty =x; note\n");
 }
 
-TEST(ProfileEdit, AnIndentedEntryIsChangedWhereReadersFindIt) {
+TEST(ProfileEdit, IndentedEntryIsChangedWhereReadersFindIt) {
   EXPECT_EQ(After(kFile, Set("A", "indented", "x")), With(kFile, "  indented=3", "  indented=x"));
   EXPECT_EQ(After("  [S]\n  k=1\n", Set("S", "k", "2")), "  [S]\n  k=2\n");
 }
 
-TEST(ProfileEdit, ANewKeyStandsBehindTheLastLineOfItsSection) {
+TEST(ProfileEdit, NewKeyIsAddedAfterTheLastLineOfItsSection) {
   EXPECT_EQ(After(kFile, Set("A", "new", "x")), With(kFile, "no equals sign\n", "no equals sign\nnew=x\n"));
   EXPECT_EQ(After("[S]\n\n\n; end\n", Set("S", "k", "v")), "[S]\nk=v\n\n\n; end\n");
 }
 
-TEST(ProfileEdit, ANewSectionIsAppendedAsTheClassDoesIt) {
+TEST(ProfileEdit, NewSectionIsAppendedAsByTheClass) {
   EXPECT_EQ(After(kFile, Set("C", "k", "v")), std::string(kFile) + "\n[C]\n\nk=v\n");
   EXPECT_EQ(After("", Set("C", "k", "v")), "\n[C]\n\nk=v\n");
 }
 
-TEST(ProfileEdit, TheFirstOfRepeatedKeysAndSectionsIsChanged) {
+TEST(ProfileEdit, FirstOfRepeatedKeysAndSectionsIsChanged) {
   EXPECT_EQ(After("[S]\nk=1\nk=2\n[S]\nk=3\n", Set("S", "k", "x")), "[S]\nk=x\nk=2\n[S]\nk=3\n");
 }
 
-TEST(ProfileEdit, ALastLineWithoutLineFeedIsCompletedFirst) {
+TEST(ProfileEdit, LastLineWithoutLineFeedIsCompletedFirst) {
   EXPECT_EQ(After("[S]\na=1", Set("S", "b", "2")), "[S]\na=1\nb=2\n");
   EXPECT_EQ(After("[S]\na=1", Set("S", "a", "2")), "[S]\na=2\n");
   EXPECT_EQ(After("[S]", Set("S", "a", "1")), "[S]\na=1\n");
@@ -105,29 +105,29 @@ TEST(ProfileEdit, LinesThatEndWithCarriageReturnsKeepThem) {
   EXPECT_EQ(After("[S]\r\na=1\r\n", Set("S", "b", "2")), "[S]\r\na=1\r\nb=2\r\n");
 }
 
-TEST(ProfileEdit, AValueThatStandsThereAlreadyIsNoChange) {
+TEST(ProfileEdit, SameValueIsNotAChange) {
   const ProfilePlan plan = PlanEdit(kFile, Set("A", "second", "2"));
   EXPECT_EQ(plan.state, ProfileState::kDone);
   EXPECT_TRUE(plan.changes.empty());
   EXPECT_EQ(plan.text, kFile);
 }
 
-TEST(ProfileEdit, DeletingAKeyTakesEveryEntryOfItAndNoComment) {
+TEST(ProfileEdit, DeletedKeyLosesEveryEntryAndNoComment) {
   EXPECT_EQ(After(kFile, DeleteKey("A", "second")), With(kFile, "second = 2 ; note\n", ""));
   EXPECT_EQ(After("[S]\nk=1\n; c\nk=2\nl=3\n[S]\nk=4\n", DeleteKey("S", "k")), "[S]\n; c\nl=3\n[S]\nk=4\n");
 }
 
-TEST(ProfileEdit, DeletingASectionTakesEveryOneOfTheName) {
+TEST(ProfileEdit, EverySectionOfTheNameIsDeleted) {
   EXPECT_EQ(After("[S]\na=1\n\n; T\n[T]\nb=1\n\n[S]\na=2\n", DeleteSection("S")), "\n; T\n[T]\nb=1\n");
 }
 
-TEST(ProfileEdit, DeletingASectionLeavesTheCommentsAroundIt) {
+TEST(ProfileEdit, DeletedSectionLeavesTheCommentsAroundIt) {
   EXPECT_EQ(After(kFile, DeleteSection("A")), "; head\n\n; about B\n[B]\nkey=b\n");
   EXPECT_EQ(After("[A]\na=1\n\n[B]\nb=1\n", DeleteSection("B")), "[A]\na=1\n");
   EXPECT_EQ(After("[A]\na=1\n  [B]\nb=1\n", DeleteSection("A")), "  [B]\nb=1\n");
 }
 
-TEST(ProfileEdit, WhatIsNotThereIsNotFound) {
+TEST(ProfileEdit, MissingKeyOrSectionIsNotFound) {
   EXPECT_EQ(PlanEdit(kFile, DeleteKey("A", "third")).state, ProfileState::kNoKey);
   EXPECT_EQ(PlanEdit(kFile, DeleteKey("C", "k")).state, ProfileState::kNoSection);
   EXPECT_EQ(PlanEdit(kFile, DeleteSection("a")).state, ProfileState::kNoSection);
@@ -139,7 +139,7 @@ TEST(ProfileEdit, SeveralEntriesAreSetInOneEdit) {
   EXPECT_EQ(After(kFile, request), With(kFile, "key=b\n", "key=x\nmore=y\n"));
 }
 
-TEST(ProfileEdit, WhatTheSyntaxCannotCarryIsRefused) {
+TEST(ProfileEdit, ValueThatTheSyntaxCannotHoldIsRefused) {
   EXPECT_THAT(Reason(kFile, Set("A", "k", "a;b")), HasSubstr("comment"));
   EXPECT_THAT(Reason(kFile, Set("A", "k", "a\nb")), HasSubstr("line feed"));
   EXPECT_THAT(Reason(kFile, Set("A", "k", " a")), HasSubstr("blanks"));
@@ -153,7 +153,7 @@ TEST(ProfileEdit, WhatTheSyntaxCannotCarryIsRefused) {
   EXPECT_THAT(Reason(kFile, Set("A", "k", std::string("a\0b", 3))), HasSubstr("NUL"));
 }
 
-TEST(ProfileEdit, AnEntryMayFillTheBufferAndNoMore) {
+TEST(ProfileEdit, EntryMayFillTheBufferButNotExceedIt) {
   EXPECT_EQ(PlanEdit(kFile, Set("B", "key", std::string(1019, 'x'))).state, ProfileState::kDone);
   (void)After(kFile, Set("B", "key", std::string(1019, 'x')));
   EXPECT_THAT(Reason(kFile, Set("B", "key", std::string(1020, 'x'))), HasSubstr("1024 characters"));
@@ -161,26 +161,26 @@ TEST(ProfileEdit, AnEntryMayFillTheBufferAndNoMore) {
               HasSubstr("at most 1023"));
 }
 
-TEST(ProfileEdit, AFileWithLongLinesOrNulsIsNotEdited) {
+TEST(ProfileEdit, FileWithLongLinesOrNulsIsNotEdited) {
   EXPECT_THAT(Reason("[S]\n;" + std::string(1023, 'x') + "\nk=1\n", Set("S", "k", "2")), HasSubstr("line 2 has 1024"));
   EXPECT_THAT(Reason(std::string("[S]\nk=\0\n", 8), Set("S", "k", "2")), HasSubstr("NUL"));
 }
 
-TEST(ProfileEdit, AListThatProgramsCouldNotReadAnyMoreIsRefused) {
+TEST(ProfileEdit, ListThatWouldBecomeUnreadableIsRefused) {
   std::string text = "[S]\n";
   for (int i = 0; i < 64; ++i) text += std::string(1000, static_cast<char>('A' + i % 26)) + std::to_string(i) + "=1\n";
   EXPECT_EQ(PlanEdit(text, Set("S", "k", "1")).state, ProfileState::kDone);
   EXPECT_THAT(Reason(text, Set("S", std::string(400, 'k'), "1")), HasSubstr("64,509"));
 }
 
-TEST(ProfileEdit, AFileThatIsNotAsReadIsNotEdited) {
+TEST(ProfileEdit, FileThatChangedSinceItWasReadIsNotEdited) {
   const qx::test::MemoryFile file;
   file.Write("[S]\nk=2\n");
   EXPECT_NE(CarryOut(PlanEdit("[S]\nk=1\n", Set("S", "k", "3")), "[S]\nk=1\n", file.Path()), "");
   EXPECT_EQ(file.Read(), "[S]\nk=2\n");
 }
 
-TEST(ProfileEdit, ARehearsalSaysWhatTheEditWould) {
+TEST(ProfileEdit, DryRunReturnsTheResultOfTheEdit) {
   const ProfilePlan plan = PlanEdit(kFile, Set("A", "second", "two"));
   EXPECT_EQ(Rehearse(plan, kFile), "");
   ProfilePlan wrong = plan;
@@ -220,7 +220,7 @@ ProfileRequest RandomRequest(std::mt19937_64& random) {
   }
 }
 
-// What programs read afterwards, by the words of the request alone.
+// What programs must read afterwards, computed from the request alone.
 ProfileContent Expected(ProfileContent content, const ProfileRequest& request) {
   std::vector<ProfileEntry>& entries = content.entries[request.section];
   if (request.kind == ProfileRequest::Kind::kDeleteSection) {
@@ -246,7 +246,7 @@ ProfileContent Expected(ProfileContent content, const ProfileRequest& request) {
 
 }  // namespace
 
-TEST(ProfileEdit, WhatIsAcceptedChangesWhatWasWantedAndNothingElse) {
+TEST(ProfileEdit, AcceptedEditChangesOnlyWhatWasRequested) {
   std::mt19937_64 random(qx::test::Seed("profile-edit"));
   const qx::test::MemoryFile file;
   int accepted = 0;
@@ -265,8 +265,8 @@ TEST(ProfileEdit, WhatIsAcceptedChangesWhatWasWantedAndNothingElse) {
   EXPECT_GT(accepted, 2000);
 }
 
-// What the syntax refuses would truly come back as something else.
-TEST(ProfileEdit, WhatIsRefusedDoesNotComeBack) {
+// A refused value would be read back as a different one.
+TEST(ProfileEdit, RefusedValueWouldNotBeReadBack) {
   std::mt19937_64 random(qx::test::Seed("profile-refused"));
   int refused = 0;
   for (int round = 0; round < 20'000; ++round) {
@@ -277,7 +277,7 @@ TEST(ProfileEdit, WhatIsRefusedDoesNotComeBack) {
     const qx::test::MemoryFile file;
     file.Write("\n[" + request.section + "]\n\n" + entry.key + "=" + entry.value + "\n");
     const ProfileContent wanted = Expected({}, request);
-    // An empty name comes back, but not from the lists of the class: it ends them.
+    // An empty name is read back, but not in the lists of the class: it ends them.
     const bool ends_lists = entry.key.empty() || request.section.empty();
     EXPECT_TRUE(ends_lists || ReadThroughClass(file.Path()) != wanted) << file.Read();
   }
