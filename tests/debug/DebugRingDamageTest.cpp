@@ -1,4 +1,4 @@
-// Damaged ring files, and places where no ring can be: tracing continues, and the log has the reason.
+// Damaged ring files, and paths that cannot be a ring: tracing continues, and the log has the reason.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -38,7 +38,7 @@ std::string OpenFailed(const RingSetup& setup, int error) {
                       "; " + std::strerror(error) + ") ###\n");
 }
 
-// Opens the ring where none can be: the log must have `message`, and the entries that follow.
+// Opens a ring that cannot be made: the log must have `message` and the entries after it.
 void ExpectNoRing(RingSetup& setup, const std::string& message) {
   EXPECT_FALSE(setup.OpenRing(kSize));
   setup.Trace().Print(1, "goes on");
@@ -50,20 +50,20 @@ void ExpectNoRing(RingSetup& setup, const std::string& message) {
   EXPECT_THAT(setup.HeaderBlock(), HasSubstr("Ring Buffer FD             : -1\n"));
 }
 
-TEST(DebugRingDamage, DirectoryInItsPlace) {
+TEST(DebugRingDamage, DirectoryInPlaceOfTheRing) {
   RingSetup setup;
   std::filesystem::create_directory(setup.RingPath());
   ExpectNoRing(setup, OpenFailed(setup, EISDIR));
   EXPECT_TRUE(std::filesystem::is_directory(setup.RingPath()));
 }
 
-TEST(DebugRingDamage, PipeInItsPlaceIsNotOpened) {
+TEST(DebugRingDamage, PipeInPlaceOfTheRingIsNotOpened) {
   RingSetup setup;
   ASSERT_EQ(::mkfifo(setup.RingPath().c_str(), 0600), 0);
   ExpectNoRing(setup, OpenFailed(setup, EINVAL));
 }
 
-TEST(DebugRingDamage, SocketInItsPlace) {
+TEST(DebugRingDamage, SocketInPlaceOfTheRing) {
   RingSetup setup;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -74,7 +74,7 @@ TEST(DebugRingDamage, SocketInItsPlace) {
   ::close(socket);
 }
 
-TEST(DebugRingDamage, SymbolicLinkInItsPlaceIsNotFollowed) {
+TEST(DebugRingDamage, SymbolicLinkInPlaceOfTheRingIsNotFollowed) {
   for (const bool is_dangling : {false, true}) {
     RingSetup setup;
     const std::string target = setup.LogDir().File("target");
@@ -187,7 +187,7 @@ TEST(DebugRingDamage, ImpossibleWritePositionsMakeTheNextEntryWrap) {
     EXPECT_EQ(ring.substr(left.setup.Position(), 16), kTerminator);
     const std::string line = UndatedEntry("### Start of work cycle. (00000002) ###\n");
     EXPECT_EQ(ring.substr(left.setup.Position() - line.size(), line.size()), line);
-    EXPECT_EQ(ring.substr(kSize - 100).find('.'), std::string::npos);  // nothing was left to fill
+    EXPECT_EQ(ring.substr(kSize - 100).find('.'), std::string::npos);  // there is no space left to fill
   }
 }
 
@@ -198,7 +198,7 @@ TEST(DebugRingDamage, WritePositionAtTheVeryEndWraps) {
   EXPECT_EQ(left.setup.Wraps(), 1U);
 }
 
-TEST(DebugRingDamage, PossibleWritePositionIsTaken) {
+TEST(DebugRingDamage, PossibleWritePositionIsUsed) {
   LeftRing left;
   left.setup.Patch(515, "0000000000020000");
   const std::string line = UndatedEntry("### Start of work cycle. (00000002) ###\n");
@@ -255,7 +255,7 @@ TEST(DebugRingDamage, FileTruncatedWhileMappedIsNoticedAtTheNextWrap) {
   EXPECT_EQ(qx::test::DescriptorOf(setup.RingPath()), -1);
 }
 
-TEST(DebugRingDamage, EntryForBothTargetsIsInTheLogOnceWhenTheRingWasCut) {
+TEST(DebugRingDamage, EntryForBothTargetsIsInTheLogOnceIfTheRingWasCut) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSize));
   setup.FillUpTo(100);
@@ -266,7 +266,7 @@ TEST(DebugRingDamage, EntryForBothTargetsIsInTheLogOnceWhenTheRingWasCut) {
               testing::EndsWith("it ###\n" + UndatedEntry(std::string(100, 'x') + "\n") + UndatedEntry("goes on\n")));
 }
 
-TEST(DebugRingDamage, CommandLineIsInTheLogOnceWhenTheRingWasCut) {
+TEST(DebugRingDamage, CommandLineIsInTheLogOnceIfTheRingWasCut) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSize));
   setup.FillUpTo(60);
@@ -278,7 +278,7 @@ TEST(DebugRingDamage, CommandLineIsInTheLogOnceWhenTheRingWasCut) {
                                                       UndatedEntry("argv[0] = \"agent\"\n")));
 }
 
-TEST(DebugRingDamage, DeletedFileIsWrittenOnAndTheNextStartCreatesOne) {
+TEST(DebugRingDamage, DeletedFileIsStillWrittenAndTheNextStartCreatesOne) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSize));
   std::filesystem::remove(setup.RingPath());
@@ -290,13 +290,13 @@ TEST(DebugRingDamage, DeletedFileIsWrittenOnAndTheNextStartCreatesOne) {
 
 // --- full disks and limits --------------------------------------------------------------------------------------
 
-// The log after a ring was set up in a file system of `room` bytes of which a file takes `used`.
-std::string LogOfFullDisk(const std::string& room, std::size_t used, std::uint32_t size) {
+// The log after a ring was set up in a file system of `capacity` bytes, of which a file uses `used`.
+std::string LogOfFullDisk(const std::string& capacity, std::size_t used, std::uint32_t size) {
   RingSetup setup;
   return WithPrivateMounts([&] {
     const std::string directory = setup.LogDir().File("disk");
     std::filesystem::create_directory(directory);
-    MountMemory(directory, room);
+    MountMemory(directory, capacity);
     if (used > 0) WriteFile(directory + "/used", std::string(used, 'u'));
     const std::string path = directory + "/ring";
     if (setup.Trace().InitRingBuffer(path.c_str(), size)) return std::string("a ring");
@@ -308,7 +308,7 @@ std::string LogOfFullDisk(const std::string& room, std::size_t used, std::uint32
   });
 }
 
-TEST(DebugRingDamage, FullDiskShowsAtCreationAndTheSpaceIsFreed) {
+TEST(DebugRingDamage, FullDiskIsReportedAtCreationAndTheSpaceIsFreed) {
   EXPECT_EQ(LogOfFullDisk("16k", 16384, kSize),
             UndatedEntry("### InitRingBuffer(): write haeder to RING failed ###\n") + UndatedEntry("goes on\n"));
   EXPECT_EQ(LogOfFullDisk("16k", 0, kSize),
@@ -379,7 +379,7 @@ TEST(DebugRingDamage, FailedMappingIsReportedAndTheFileStays) {
 }
 #endif
 
-TEST(DebugRingDamage, FactorsAndWeightsThatMakeNoRingLeaveTheLog) {
+TEST(DebugRingDamage, FactorsAndWeightsWithoutARingLeaveTheLog) {
   const char* const pairs[][2] = {{"2", "2147483647"}, {"-1", "1"}, {"1", "-1"}, {"1", "0"}, {"0", "1"}, {"1", "x"}};
   for (const auto& [factor, weight] : pairs) {
     RingSetup setup;

@@ -1,4 +1,4 @@
-// A writer that is killed at any moment leaves a ring that reads back whole to its newest entry.
+// A writer that is killed at any moment leaves a ring that can be read up to its newest entry.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -23,7 +23,7 @@ using qx::test::StartsWithShape;
 constexpr std::uint32_t kSize = 65536;
 constexpr std::string_view kEntryShape = "9999-99-99 99:99:99.999 [FFFFFFFF] QxTrace       ";
 
-// A number that the killed child leaves: how many entries it knows to be written.
+// The number of entries that the killed child has written for certain.
 class Acknowledged {
  public:
   Acknowledged()
@@ -38,7 +38,7 @@ class Acknowledged {
   std::atomic<int>* const shared_;
 };
 
-// "#17 xxxxxxxxxxxxxxxxx": of a length that depends on the number, now and then a long one.
+// "#17 xxxxxxxxxxxxxxxxx": its length depends on the number, and some texts are long.
 std::string TextOf(int number) {
   const std::size_t size = number % 23 == 0 ? 1300 : static_cast<std::size_t>(number) * 37 % 211;
   return "#" + std::to_string(number) + " " + std::string(size, 'x');
@@ -90,7 +90,7 @@ void ExpectValidNumbers(const RingSetup& setup, const std::string& ring) {
   ASSERT_EQ(setup.Number(5), kSize);
 }
 
-TEST(DebugRingKill, TwoHundredKillsLeaveEveryAcknowledgedEntryAndValidNumbers) {
+TEST(DebugRingKill, KilledWriterLeavesAcknowledgedEntriesAndValidNumbers) {
   std::mt19937_64 random(qx::test::Seed("DebugRingKill"));
   RingSetup setup;
   const Acknowledged acknowledged;
@@ -100,7 +100,7 @@ TEST(DebugRingKill, TwoHundredKillsLeaveEveryAcknowledgedEntryAndValidNumbers) {
     std::fflush(nullptr);
     const pid_t child = ::fork();
     if (child == 0) WriteUntilKilled(setup, *acknowledged, round == 1);
-    while (round == 1 && *acknowledged == 0) ::sched_yield();  // a file that was never whole is another test's matter
+    while (round == 1 && *acknowledged == 0) ::sched_yield();  // another test covers a file that was never whole
     KillAfter(child, static_cast<long>(random() % 4000000));
     const std::string ring = setup.Ring();
     ASSERT_NO_FATAL_FAILURE(ExpectValidNumbers(setup, ring)) << "round " << round;

@@ -1,4 +1,4 @@
-// A reader checks the ring after every single machine instruction of its writer: what it may rely on holds at each.
+// A reader checks the ring after every machine instruction of its writer: its guarantees hold after each.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -21,7 +21,7 @@ using qx::test::RingSetup;
 constexpr std::uint32_t kSize = 32768;
 constexpr std::string_view kNewest = "the newest entry\n";
 
-// The ring file as another process sees it while it is written.
+// The ring file as another process reads it while it is written.
 class Reader {
  public:
   explicit Reader(const std::string& path) {
@@ -117,7 +117,8 @@ TEST(DebugRingStep, NewestEntryIsFoundAfterEveryInstructionOfAWrap) {
   SteppedWriter writer(setup);
   bool has_left = false;
   while (writer.Step()) {
-    // The count rises before the position goes back, or the old cycle would pass for bytes that were never written.
+    // The count rises before the position is set back: otherwise the old cycle would count as bytes that were never
+    // written.
     has_left = has_left || reader.Position() != old_position;
     ASSERT_TRUE(!has_left || reader.Wraps() == 1);
     ASSERT_NE(reader.Newest(), "") << "at " << reader.Position();

@@ -1,4 +1,4 @@
-// The ring file byte by byte: as it is made, filled, wrapped and opened again.
+// The bytes of the ring file when it is made, filled, wrapped and opened again.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -31,8 +31,8 @@ using qx::test::UndatedEntry;
 constexpr std::uint32_t kSmall = 32768;  // enough for the header block, of about 8 KiB, and some entries
 constexpr std::uint32_t kLarge = 2U << 20;
 
-// The first place where the ring's bytes are not those of the model, as a text that can be read. A digit of a stamp
-// that was overwritten in part is shown as it is in the ring.
+// The first difference of the ring's bytes from the model's, as a readable text. A digit of a stamp that was partly
+// overwritten is shown as it is in the ring.
 std::string Difference(const std::string& ring, const std::string& model) {
   if (ring.size() != model.size()) return "sizes";
   const auto is_same = [](char a, char b) {
@@ -45,7 +45,7 @@ std::string Difference(const std::string& ring, const std::string& model) {
   return "differs at " + std::to_string(place) + ": " + ring.substr(from, 120) + " / " + model.substr(from, 120);
 }
 
-// Formats come from the tests here, so the compiler cannot check them.
+// The formats are arguments of the tests, so the compiler cannot check them.
 void PrintText(CDebug& debug, const char* format, const char* argument) { debug.Print(1, format, argument); }
 
 // A setup with its model, both new, of one size.
@@ -82,7 +82,7 @@ TEST(DebugRing, NewFileHoldsHeaderBlankBlockLogHeaderAndTheStartLine) {
   EXPECT_EQ(ring.Differences(), "");
 }
 
-TEST(DebugRing, HeaderLinesStandAtTheirOffsets) {
+TEST(DebugRing, HeaderLinesAreAtTheirOffsets) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSmall));
   const std::string bytes = setup.Ring();
@@ -128,7 +128,7 @@ TEST(DebugRing, LargeRingKeepsItsStartAcrossWraps) {
   ring.setup.Trace().SetApplInitDone();
   ring.model->Entry(UndatedEntry("### End of initialization. ###\n"), "");
   ring.model->MarkInitEnd();
-  ring.header_block = ring.setup.HeaderBlock();  // it shows that the start is over
+  ring.header_block = ring.setup.HeaderBlock();  // it marks the end of the start
   const std::string kept = UndatedEntry("an entry of the start\n") + UndatedEntry("### End of initialization. ###\n");
   const std::string text(100000, 't');
   for (int i = 0; i < 50; ++i) ring.Print(text.substr(static_cast<std::size_t>(i)));
@@ -138,11 +138,11 @@ TEST(DebugRing, LargeRingKeepsItsStartAcrossWraps) {
 }
 
 TEST(DebugRing, StartIsKeptOnlyWithMoreThanOneMebibyteLeft) {
-  const auto is_kept = [](std::size_t room) {
+  const auto is_kept = [](std::size_t rest) {
     RingSetup setup;
     EXPECT_TRUE(setup.OpenRing(kLarge));
-    setup.FillUpTo(room);
-    EXPECT_EQ(setup.Ring().size() - setup.Position(), room);
+    setup.FillUpTo(rest);
+    EXPECT_EQ(setup.Ring().size() - setup.Position(), rest);
     setup.Trace().SetApplInitDone();
     return setup.Ring().find("End of initialization") != std::string::npos;
   };
@@ -262,16 +262,16 @@ TEST(DebugRing, NulEndsALongTextToo) {
             UndatedEntry(text + "\n") + UndatedEntry("ab\n"));
 }
 
-#ifndef __SANITIZE_ADDRESS__  // its allocator does not fail, it ends the process
-TEST(DebugRing, LongTextWithoutMemoryIsCutAndSaysSo) {
+#ifndef __SANITIZE_ADDRESS__  // its allocator does not fail but ends the process
+TEST(DebugRing, LongTextWithoutMemoryIsCutAndMarkedAsCut) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(24U << 20));
   EXPECT_EQ(qx::test::InChild([&]() -> std::string {
               const std::string text(2U << 20, 'x');
               const std::size_t from = setup.Position();
-              const rlimit none{1, 1};  // no more memory than there is
+              const rlimit none{1, 1};  // no more memory than is in use now
               ::setrlimit(RLIMIT_AS, &none);
-              while (std::malloc(text.size()) != nullptr) continue;  // what was free
+              while (std::malloc(text.size()) != nullptr) continue;  // memory that was free
               setup.Trace().Print(1, "%s", text.c_str());
               char entry[1200] = {};
               const int ring = ::open(setup.RingPath().c_str(), O_RDONLY | O_CLOEXEC);
@@ -285,7 +285,7 @@ TEST(DebugRing, LongTextWithoutMemoryIsCutAndSaysSo) {
 }
 #endif
 
-TEST(DebugRing, PrintGoesToTheRingAloneAndPrintAlwaysToBoth) {
+TEST(DebugRing, PrintGoesOnlyToTheRingAndPrintAlwaysToBoth) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(kSmall));
   const std::size_t from = setup.Position();
@@ -331,7 +331,7 @@ TEST(DebugRing, EmptyNullAndLineFeedFormats) {
             UndatedEntry("\n") + UndatedEntry("\n") + UndatedEntry("abc\n"));
 }
 
-TEST(DebugRing, ErrnoIsKeptAndShownByPercentMInWrapsAndLongTexts) {
+TEST(DebugRing, ErrnoIsKeptAndUsedByPercentMInWrapsAndLongTexts) {
   RingSetup setup;
   errno = ENOTTY;
   ASSERT_TRUE(setup.OpenRing(kSmall));
@@ -345,7 +345,7 @@ TEST(DebugRing, ErrnoIsKeptAndShownByPercentMInWrapsAndLongTexts) {
   EXPECT_EQ(setup.Ring().substr(setup.Position() - end.size(), end.size()), end);
 }
 
-TEST(DebugRing, IsSetUpByInitWhenTracingIsOnAndASizeIsConfigured) {
+TEST(DebugRing, InitSetsTheRingUpIfTracingIsOnAndASizeIsConfigured) {
   for (const int level : {0, 1}) {
     RingSetup setup;
     setup.SetEnv("TraceFileLimit", "1");

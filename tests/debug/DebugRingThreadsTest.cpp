@@ -91,7 +91,7 @@ TEST(DebugRingThreads, WrapsKeepEveryEntryWhole) {
   const std::string ring = setup.Ring();
   const std::size_t position = setup.Position();
   EXPECT_EQ(ring.substr(position, 16), kTerminator);
-  // Every entry here has 58 bytes: from the newest one back there is no gap to where the cycle begins.
+  // Every entry here has 58 bytes: from the newest one back to the start of the cycle there is no gap.
   constexpr std::size_t kEntryBytes = RingSetup::kHeaderBytes + 9;
   std::size_t begin = position;
   while (StartsWithShape(ring.substr(begin - kEntryBytes, kEntryBytes),
@@ -101,7 +101,7 @@ TEST(DebugRingThreads, WrapsKeepEveryEntryWhole) {
   EXPECT_EQ(begin % 1024, 0U);
 }
 
-TEST(DebugRingThreads, OpeningClosingAndMarkingWhileOthersTraceIsClean) {
+TEST(DebugRingThreads, OpeningClosingAndMarkingWhileOthersTraceIsSafe) {
   RingSetup setup;
   std::atomic<bool> is_over{false};
   std::thread controller([&] {

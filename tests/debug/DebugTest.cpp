@@ -30,7 +30,7 @@ using qx::test::WriteFile;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Formats come from the tests here, so the compiler cannot check them.
+// The formats are arguments of the tests, so the compiler cannot check them.
 void PrintText(CDebug& debug, const char* format) { debug.Print(1, format, 0); }
 
 // None fails.
@@ -61,7 +61,7 @@ std::ptrdiff_t SlotOf(Member member) {
   return (words[0] & ~std::ptrdiff_t{1}) / static_cast<std::ptrdiff_t>(sizeof(void*));
 }
 
-// Lets this process open nothing while it lives.
+// While in scope, this process can open nothing.
 class NoMoreDescriptors {
  public:
   NoMoreDescriptors() {
@@ -122,7 +122,7 @@ TEST(Debug, InertInZeroedMemoryAndAfterItsEnd) {
   EXPECT_EQ(setup.PlainLog(), Entry("alive\n"));
 }
 
-// In a child: what it guards against ends the program.
+// In a child: a failure would end the program.
 TEST(Debug, SettingsFilesAreNotCheckedAfterItsEnd) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the undefined behaviour sanitizer stops every call outside an object's life";
@@ -135,7 +135,7 @@ TEST(Debug, SettingsFilesAreNotCheckedAfterItsEnd) {
     alignas(TestDebug) static unsigned char memory[sizeof(TestDebug)];
     auto* const debug = new (memory) TestDebug(directory.c_str());
     if (!debug->Init(TraceSetup::kAppName)) return "not started";
-    debug->CheckDynamicUpdate(std::time(nullptr) + 1000);  // for the next call the clock has gone back
+    debug->CheckDynamicUpdate(std::time(nullptr) + 1000);  // at the next call the clock has gone back
     debug->~TestDebug();
     debug->CDebug::Print(1, "after");
     return "alive";
@@ -225,7 +225,7 @@ TEST(Debug, PointersPrintTheWayCallersWriteThem) {
   EXPECT_EQ(setup.PlainLog(), Entry("0x0xabc\n") + Entry("0x(nil)\n"));
 }
 
-TEST(Debug, ErrnoSurvivesEveryCallAndIsWhatPercentMMeans) {
+TEST(Debug, EveryCallKeepsErrnoAndPercentMShowsIt) {
   TraceSetup setup;
   setup.WriteIni("app.ini", "[QxTrace]\nMemoryTracesFlag=1\n[EndOfFile]\n");
   setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "1");
@@ -236,7 +236,7 @@ TEST(Debug, ErrnoSurvivesEveryCallAndIsWhatPercentMMeans) {
   setup.Trace().CheckDynamicUpdate(std::time(nullptr) + 10);
   EXPECT_EQ(errno, ENOTTY);
   {
-    const NoMoreDescriptors limit;  // the entry's own header now meets an error: the resident size cannot be read
+    const NoMoreDescriptors limit;  // the entry's own header now hits an error: the resident size cannot be read
     errno = ENOTTY;
     PrintText(setup.Trace(), "\nerror: %m");
     EXPECT_EQ(errno, ENOTTY);
@@ -302,7 +302,7 @@ TEST(Debug, InitTruncatesTheLogOfThePreviousRun) {
   EXPECT_EQ(setup.Log(), "");
 }
 
-TEST(Debug, InitAgainClosesTheEarlierLogAndStartsAfresh) {
+TEST(Debug, SecondInitClosesTheEarlierLogAndStartsAgain) {
   TraceSetup setup;
   ASSERT_TRUE(setup.InitAtLevel(3));
   setup.Trace().Print(3, "first");
@@ -350,7 +350,7 @@ TEST(Debug, MainParamsAreKeptAndTracedOnceTheLogIsOpen) {
   char program[] = "agent";
   char option[] = "-v 100%d";
   char* argv[] = {program, option, nullptr};
-  setup.Trace().SetMainParams(2, argv);  // before Init: kept, nothing to write to
+  setup.Trace().SetMainParams(2, argv);  // before Init: kept, because there is no target yet
   ASSERT_TRUE(setup.InitAtLevel(0));
   setup.Trace().SetMainParams(2, argv);
   setup.Trace().SetMainParams(0, argv);
@@ -358,7 +358,7 @@ TEST(Debug, MainParamsAreKeptAndTracedOnceTheLogIsOpen) {
                                   Entry("argv[1] = \"-v 100%d\"\n"));
 }
 
-TEST(Debug, EachEntryIsOneWriteAndInTheFileAtOnce) {
+TEST(Debug, EachEntryIsOneWriteThatIsInTheFileAtOnce) {
   TraceSetup setup;
   ASSERT_TRUE(setup.InitAtLevel(1));
   const FailingCall writes(kCountedWrites);
@@ -386,7 +386,7 @@ TEST(Debug, TraceMacroDoesNotEvaluateItsArgumentsWhileOff) {
   EXPECT_EQ(capture.Text(), "1\n");
 }
 
-TEST(Debug, CaptureHelperGivesTheTextsWithoutHeaders) {
+TEST(Debug, CaptureHelperReturnsTheTextsWithoutHeaders) {
   const qx::test::TraceCapture capture(3);
   QX_TRACE(1, "\nWCSP_QX GetReports  : one");
   QX_TRACE(3, "\n%s", "two\nlines");

@@ -47,7 +47,7 @@ void ExpectEveryEntryOnceWholeAndInOrder(const std::string& log) {
   EXPECT_EQ(count, kThreads * kEntriesEach);
 }
 
-// A thread that was cancelled traces, and is at the next cancellation point of its own.
+// A cancelled thread traces and then reaches its next cancellation point.
 std::string CancelledTraceOf(TraceSetup& setup, const std::function<void()>& trace) {
   return qx::test::InChild([&]() -> std::string {
     bool has_traced = false;
@@ -138,7 +138,7 @@ TEST(DebugThreads, WrapsKeepEveryLineWholeWhileManyThreadsTrace) {
   const std::string log = setup.PlainLog();
   EXPECT_EQ(log.substr(0, 25), "S [T] QxTrace       head\n");
   EXPECT_NE(log.find("------ WRAP ----- Cycle="), std::string::npos);
-  EXPECT_LE(TornLines(log), 1);  // where the newest entry meets the cycle before
+  EXPECT_LE(TornLines(log), 1);  // between the newest entry and the previous cycle
   EXPECT_LT(setup.Log().size(), 20000U + 1200);
 }
 
@@ -155,7 +155,7 @@ TEST(DebugThreads, OneThreadMayTraceFromWithinATracedOperation) {
   EXPECT_NE(setup.Log().find("# End of header.\n"), std::string::npos);
 }
 
-TEST(DebugThreads, SwitchingTargetLevelAndLogWhileOthersTraceIsClean) {
+TEST(DebugThreads, SwitchingTargetLevelAndLogWhileOthersTraceIsSafe) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "-1");
   ASSERT_TRUE(setup.InitAtLevel(3));

@@ -44,7 +44,7 @@ void SetTime(const std::string& path, timespec time) {
 TEST(DebugTraceConfigFile, IsIgnoredAsAWholeUnlessItsLastSectionIsEndOfFile) {
   EXPECT_EQ(TextOfKey("[App]\nKey=1\n[EndOfFile]\n"), "1");
   EXPECT_EQ(TextOfKey("[App]\nKey=1\n[ENDOFFILE]"), "1");
-  EXPECT_EQ(TextOfKey("[App]\nKey=1\n[endoffile]\ntext behind counts for nothing"), "1");
+  EXPECT_EQ(TextOfKey("[App]\nKey=1\n[endoffile]\ntext after it is ignored"), "1");
   EXPECT_EQ(TextOfKey("[App]\nKey=1\n"), "(ignored)");
   EXPECT_EQ(TextOfKey("[App]\nKey=1\n[EndOfFile"), "(ignored)");
   EXPECT_EQ(TextOfKey("[App]\nKey=1\n[ EndOfFile]"), "(ignored)");
@@ -62,11 +62,12 @@ TEST(DebugTraceConfigFile, EveryPrefixOfACompleteFileIsIgnored) {
   EXPECT_EQ(TextOfKey(text), "1");
 }
 
-// It is being written. The kernel's own files report a page, and hold less.
+// It may be in the middle of a write. The kernel's own files report a page, but have less.
 TEST(DebugTraceConfigFile, FileThatEndsBeforeItsSizeIsIgnored) {
   const std::string path = "/sys/kernel/uevent_seqnum";
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0 || status.st_size == 0) GTEST_SKIP() << "no file here says more than it holds";
+  if (::stat(path.c_str(), &status) != 0 || status.st_size == 0)
+    GTEST_SKIP() << "no file here is smaller than its reported size";
   CDebugTraceConfigFile file;
   file.SetPath(path);
   EXPECT_FALSE(file.ReadIfNewer());
@@ -82,7 +83,7 @@ TEST(DebugTraceConfigFile, SectionNamesIgnoreCaseAndEndAtTheNextBracket) {
   EXPECT_EQ(TextOfKey("[ App]\nKey=1\n[EndOfFile]"), "(no such section)");
 }
 
-TEST(DebugTraceConfigFile, ALaterSectionIsStillFoundAfterAnEarlierOne) {
+TEST(DebugTraceConfigFile, LaterSectionIsFoundAfterAnEarlierOne) {
   CDebugTraceConfigFile file;
   std::uint32_t number = 0;
   ASSERT_TRUE(file.ReadText("[App]\nKey=1\n[Other]\nKey=2\n[EndOfFile]"));
@@ -166,7 +167,7 @@ TEST(DebugTraceConfigFile, ReadIfNewerReadsOnlyAfterALaterChange) {
   EXPECT_EQ(number, 2U);
 }
 
-TEST(DebugTraceConfigFile, IncompleteFileIsTriedAgainThoughItsTimeDoesNotChange) {
+TEST(DebugTraceConfigFile, IncompleteFileIsReadAgainWithoutAChangeOfItsTime) {
   const TempDir directory;
   const std::string path = directory.File("a.ini");
   CDebugTraceConfigFile file;
@@ -180,7 +181,7 @@ TEST(DebugTraceConfigFile, IncompleteFileIsTriedAgainThoughItsTimeDoesNotChange)
   EXPECT_TRUE(file.ReadIfNewer());
 }
 
-TEST(DebugTraceConfigFile, VanishedFileIsDroppedAndReadWhenItComesBack) {
+TEST(DebugTraceConfigFile, RemovedFileIsDroppedAndReadWhenItIsBack) {
   const TempDir directory;
   const std::string path = directory.File("a.ini");
   CDebugTraceConfigFile file;
@@ -196,7 +197,7 @@ TEST(DebugTraceConfigFile, VanishedFileIsDroppedAndReadWhenItComesBack) {
   EXPECT_TRUE(file.ReadIfNewer());
 }
 
-TEST(DebugTraceConfigFile, WhatIsNotARegularFileUpTo16MebibytesIsIgnored) {
+TEST(DebugTraceConfigFile, OnlyRegularFilesUpTo16MebibytesAreRead) {
   const TempDir directory;
   CDebugTraceConfigFile file;
   const auto reads = [&](const std::string& name) {
@@ -229,7 +230,7 @@ TEST(DebugTraceConfigFile, IsReadThroughASymbolicLink) {
   EXPECT_TRUE(file.Read());
 }
 
-// The plainest reading of the rules, over a NUL-ended copy and with C string calls.
+// The rules in their plainest form, with a NUL-terminated copy and C string calls.
 std::string SlowTextOfKey(std::string text) {
   const std::size_t end = text.rfind(']');
   const std::size_t begin = end == std::string::npos ? end : text.rfind('[', end);
@@ -252,7 +253,7 @@ std::string SlowTextOfKey(std::string text) {
   return "(no such section)";
 }
 
-TEST(DebugTraceConfigFile, AgreesWithAPlainReadingOfTheRulesOnRandomFiles) {
+TEST(DebugTraceConfigFile, RandomFilesAreReadAsByThePlainForm) {
   std::mt19937_64 random(qx::test::Seed("DebugTraceConfigFile"));
   const std::string_view pieces[] = {"[", "]",  "App", "app",       "Key", "=",       "\n",
                                      " ", "\t", "7",   "EndOfFile", "x",   "[App]\n", "[EndOfFile]"};

@@ -1,4 +1,4 @@
-// Where every setting comes from, and what a check of the files changes while the program runs.
+// The source of every setting, and what a check of the files changes while the program runs.
 #include "debug/DebugTraceConfig.h"
 
 #include <gmock/gmock.h>
@@ -26,7 +26,7 @@ constexpr std::uint32_t kUnset = 0xFFFFFFFF;
 
 std::string AppIni(std::string_view lines) { return "[QxTrace]\n" + std::string(lines) + TraceSetup::kIniEnd; }
 
-// A path that no file can be created under, so that tests of directories leave nothing.
+// A path below which no file can be created, so that tests of directories leave no files.
 std::string LogPathShown(TraceSetup& setup) {
   const SyslogCapture syslog;
   EXPECT_TRUE(setup.Init());
@@ -64,7 +64,7 @@ TEST(DebugTraceConfig, DefaultsWithoutFilesAndEnvironment) {
   EXPECT_EQ(setup.Trace().FileValues().level, kUnset);
 }
 
-TEST(DebugTraceConfig, FilesGiveEverySettingThatHasAKey) {
+TEST(DebugTraceConfig, EverySettingWithAKeyIsReadFromTheFiles) {
   TraceSetup setup;
   setup.WriteIni("global_trace.ini", "[GlobalDebugSettings]\nDynamicUpdate=30\n[EndOfFile]");
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=3\nTraceFlags=0x80\nRingBufferSizeFactor=1\nRingBufferSizeWeight=4\n"
@@ -79,7 +79,7 @@ TEST(DebugTraceConfig, FilesGiveEverySettingThatHasAKey) {
   EXPECT_EQ(settings.no_header_to_stderr, 7U);
   EXPECT_EQ(settings.memory_traces, 1U);
   EXPECT_STREQ(setup.Trace().FileValues().ring_directory, "/from/file");
-  EXPECT_STREQ(settings.trace_directory, setup.LogDir().Path().c_str());  // the environment's
+  EXPECT_STREQ(settings.trace_directory, setup.LogDir().Path().c_str());  // the value of the environment
 }
 
 TEST(DebugTraceConfig, EnvironmentOverridesTheFiles) {
@@ -104,7 +104,7 @@ TEST(DebugTraceConfig, EnvironmentOverridesTheFiles) {
   EXPECT_EQ(setup.Trace().FileValues().level, 16U);
 }
 
-TEST(DebugTraceConfig, HexadecimalLevelCountsInTheFileAndNotInTheEnvironment) {
+TEST(DebugTraceConfig, HexadecimalLevelIsReadInTheFileButNotInTheEnvironment) {
   TraceSetup setup;
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=0x10\n"));
   ASSERT_TRUE(setup.Init());
@@ -157,7 +157,7 @@ TEST(DebugTraceConfig, QuirkLogDirectoryVariableHasNoLastingEffect) {
   EXPECT_EQ(LogPathShown(setup), "/missing/file/log.qxtrace");
 }
 
-TEST(DebugTraceConfig, DirectoryIsTheFilesElseTheDefault) {
+TEST(DebugTraceConfig, DirectoryIsThatOfTheFileOrTheDefault) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_RINGBUF_DIR", nullptr);
   setup.WriteIni("app.ini", AppIni("RingBufferDirectory=/missing/file\n"));
@@ -208,7 +208,7 @@ TEST(DebugTraceConfig, ApplicationSectionMayBeInTheGlobalFile) {
   EXPECT_EQ(setup.Trace().Settings().level, 3U);
 }
 
-TEST(DebugTraceConfig, FirstFileInByteOrderThatHoldsTheSectionWins) {
+TEST(DebugTraceConfig, FirstFileInByteOrderWithTheSectionIsUsed) {
   TraceSetup setup;
   setup.WriteIni("a.ini", "[Other]\nFileDebugLevel=1\n[EndOfFile]");
   setup.WriteIni("b.ini", "[QxTrace]\nFileDebugLevel=2\n");  // incomplete
@@ -220,7 +220,7 @@ TEST(DebugTraceConfig, FirstFileInByteOrderThatHoldsTheSectionWins) {
   EXPECT_EQ(setup.Trace().Settings().trace_flags, 0U);
 }
 
-TEST(DebugTraceConfig, BadFilesNextToTheGoodOneDoNotDisturb) {
+TEST(DebugTraceConfig, BadFilesNextToTheGoodOneAreIgnored) {
   TraceSetup setup;
   std::filesystem::create_directory(setup.IniPath("a.ini"));
   ASSERT_EQ(::mkfifo(setup.IniPath("b.ini").c_str(), 0600), 0);
@@ -272,7 +272,7 @@ TEST(DebugTraceConfig, DynamicUpdateTakesLevelFlagsAndMemoryTracesOfANewerFile) 
   EXPECT_EQ(setup.Trace().Settings().ring_weight, 1U);  // fixed at the start
 }
 
-TEST(DebugTraceConfig, DynamicUpdateOverridesTheEnvironmentWhichIsNotAskedAgain) {
+TEST(DebugTraceConfig, DynamicUpdateOverridesTheEnvironment) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "10");
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=1\n"));
@@ -287,7 +287,7 @@ TEST(DebugTraceConfig, DynamicUpdateOverridesTheEnvironmentWhichIsNotAskedAgain)
   EXPECT_FALSE(setup.Trace().IsActive(3));
 }
 
-TEST(DebugTraceConfig, WithoutAnIntervalNothingIsLookedAt) {
+TEST(DebugTraceConfig, WithoutAnIntervalNothingIsChecked) {
   TraceSetup setup;
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=1\n"));
   ASSERT_TRUE(setup.Init());
@@ -315,7 +315,7 @@ TEST(DebugTraceConfig, CheckIsDueAfterTheIntervalOrWhenTheClockWentBack) {
   EXPECT_TRUE(setup.Trace().IsActive(3));
 }
 
-TEST(DebugTraceConfig, MissingIntervalInTheGlobalFileKeepsTheOld) {
+TEST(DebugTraceConfig, MissingIntervalInTheGlobalFileKeepsTheOldOne) {
   TraceSetup setup;
   setup.WriteIni("global_trace.ini", "[GlobalDebugSettings]\nDynamicUpdate=10\n[EndOfFile]");
   ASSERT_TRUE(setup.Init());
@@ -334,7 +334,7 @@ TEST(DebugTraceConfig, MissingIntervalInTheGlobalFileKeepsTheOld) {
   EXPECT_EQ(setup.Trace().Settings().update_interval, 0U);
 }
 
-TEST(DebugTraceConfig, VanishedOrIncompleteFilesKeepTheSettings) {
+TEST(DebugTraceConfig, RemovedOrIncompleteFilesKeepTheSettings) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "10");
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=3\nTraceFlags=1\n"));
@@ -374,7 +374,7 @@ TEST(DebugTraceConfig, ForcedOffStaysOffAndReturnsAtTheNewLevel) {
   EXPECT_TRUE(setup.Trace().IsActive(5));
 }
 
-TEST(DebugTraceConfig, InitAgainForgetsThatTracingWasForcedOff) {
+TEST(DebugTraceConfig, SecondInitEndsForcedOff) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "10");
   setup.WriteIni("app.ini", AppIni("FileDebugLevel=3\n"));
@@ -411,7 +411,7 @@ bool MakeEtcPrivate(uid_t user, gid_t group) {
 
 constexpr int kNotAllowed = 77;
 
-// Runs `body` in a child whose /etc is empty and writable, whoever runs the test. 0: it returned true.
+// Runs `body` in a child whose /etc is empty and writable for any user. 0: it returned true.
 template <typename Body>
 int InPrivateEtc(const Body& body) {
   const uid_t user = ::getuid();

@@ -14,7 +14,7 @@ namespace {
 using qx::debug::EntryHeaderParts;
 using qx::debug::StampText;
 
-// Local time is that of TZ while this lives.
+// While in scope, local time is that of TZ.
 class ScopedZone {
  public:
   explicit ScopedZone(const char* zone) : zone_("TZ", zone) { ::tzset(); }
@@ -35,7 +35,7 @@ std::string Header(const EntryHeaderParts& parts, std::size_t size = 129) {
   return std::string(buffer, length);
 }
 
-TEST(EntryHeader, StampModuleAndThreadStandInFixedColumns) {
+TEST(EntryHeader, StampModuleAndThreadAreInFixedColumns) {
   EXPECT_EQ(Header({"2026-01-31 10:20:30.123", 0x0A1B2C3D, "QXRemConXfer", nullptr}),
             "2026-01-31 10:20:30.123 [0A1B2C3D] QXRemConXfer  ");
   EXPECT_EQ(Header({"S", 0, "", nullptr}), "S [00000000]               ");

@@ -31,7 +31,7 @@ struct Formatted {
 };
 
 std::ostream& operator<<(std::ostream& out, const Formatted& formatted) {
-  return out << formatted.result << " \"" << formatted.text << "\"" << (formatted.stays_inside ? "" : " and behind");
+  return out << formatted.result << " \"" << formatted.text << "\"" << (formatted.stays_inside ? "" : " and after it");
 }
 
 using Formatter = int (*)(char* buffer, std::size_t size, const char* format, std::va_list args);
@@ -46,7 +46,7 @@ Formatted FormatBy(Formatter formatter, std::size_t size, const char* format, st
   return formatted;
 }
 
-// What FormatText makes of it, which must be what vsnprintf makes.
+// The result of FormatText, which must be that of vsnprintf.
 Formatted ExpectSame(std::size_t size, const char* format, ...) {
   std::va_list args;
   std::va_list again;
@@ -59,7 +59,7 @@ Formatted ExpectSame(std::size_t size, const char* format, ...) {
   return found;
 }
 
-TEST(FormatText, TheConversionsOfTracesAreWrittenAsTheCLibraryDoes) {
+TEST(FormatText, ConversionsOfTracesAreThoseOfTheCLibrary) {
   constexpr std::size_t kRoom = 200;
   EXPECT_EQ(ExpectSame(kRoom, "plain").text, "plain");
   EXPECT_EQ(ExpectSame(kRoom, "").result, 0);
@@ -73,7 +73,7 @@ TEST(FormatText, TheConversionsOfTracesAreWrittenAsTheCLibraryDoes) {
   EXPECT_EQ(ExpectSame(kRoom, "100%%").text, "100%");
 }
 
-TEST(FormatText, WhatItDoesNotKnowIsLeftToTheCLibrary) {
+TEST(FormatText, UnknownConversionsAreLeftToTheCLibrary) {
   constexpr std::size_t kRoom = 200;
   const char* const null_text = nullptr;
   EXPECT_EQ(ExpectSame(kRoom, "0x%p", static_cast<void*>(nullptr)).text, "0x(nil)");
@@ -88,7 +88,7 @@ TEST(FormatText, WhatItDoesNotKnowIsLeftToTheCLibrary) {
   EXPECT_EQ(ExpectSame(kRoom, "%d %m", 1).text, "1 No such file or directory");
 }
 
-TEST(FormatText, TextIsCutLikeTheCLibrarysWhateverTheBuffer) {
+TEST(FormatText, TextIsCutAsByTheCLibraryForEveryBuffer) {
   for (std::size_t size = 0; size < 40; ++size) {
     EXPECT_EQ(ExpectSame(size, "\"%s\" record %d of %5d%%", "name", 12, 1000).result, 26);
     EXPECT_EQ(ExpectSame(size, "%08X", 1U).result, 8);
@@ -147,7 +147,7 @@ Piece RandomPiece(Random& random) {
   return piece;
 }
 
-// Turns the pieces' arguments into those of one call.
+// Makes the arguments of the pieces those of one call.
 template <typename... Args>
 void ExpectSamePieces(std::size_t size, const std::string& format, const std::vector<Piece>& pieces, Args... args) {
   constexpr std::size_t kIndex = sizeof...(args);

@@ -29,7 +29,7 @@ using testing::IsEmpty;
 
 std::string Entry(std::string_view text) { return "S [T] QxTrace       " + std::string(text); }
 
-// The bytes that `text` of `n` characters makes in the log of TraceSetup, its line feed included.
+// The bytes that a text of `n` characters has in the log of TraceSetup, with its line feed.
 constexpr std::size_t EntryBytes(std::size_t n) { return TraceSetup::kHeaderBytes + n + 1; }
 
 TEST(LogFileSink, EntryThatCrossesTheLimitIsWholeAndTheHeadStays) {
@@ -44,14 +44,14 @@ TEST(LogFileSink, EntryThatCrossesTheLimitIsWholeAndTheHeadStays) {
     setup.Trace().Print(1, "%s", filler.c_str());
     count += EntryBytes(filler.size());
   }
-  setup.Trace().Print(1, "behind the wrap");
+  setup.Trace().Print(1, "after the wrap");
 
   const std::string log = setup.Log();
   EXPECT_EQ(log.size(), count);
   EXPECT_EQ(log.back(), '\n');
   EXPECT_EQ(log[count - 2], 'f');
   const std::string line = "------ WRAP ----- Cycle=1, CntInitEnd=54, CurrentByteCnt=54 (MaxCnt=51200)\n";
-  const std::string wrapped = Entry("head\n") + Entry(line) + Entry("behind the wrap\n");
+  const std::string wrapped = Entry("head\n") + Entry(line) + Entry("after the wrap\n");
   EXPECT_EQ(qx::test::WithoutStamps(log).substr(0, wrapped.size()), wrapped);
 }
 
@@ -116,10 +116,11 @@ TEST(LogFileSink, LimitOfZeroWrapsAtEveryEntry) {
   EXPECT_EQ(setup.PlainLog().substr(0, Entry(line).size()), Entry(line));
 }
 
-// The length of the longest line that a wrap at a limit below 1000 bytes leaves.
+// The length of the longest wrap line at a limit below 1000 bytes.
 constexpr std::size_t kWrapLineBytesMax = 124;
 
-// What the file may be longer than its limit by: the wrap's line and one entry, and below 120 bytes a second such line.
+// The bytes by which the file may exceed its limit: the wrap line and one entry, and below 120 bytes a second wrap
+// line.
 TEST(LogFileSink, SmallLimitsAreExceededByTwoWrapLinesAndAnEntryAtMost) {
   const std::size_t entry = EntryBytes(20);
   for (const std::size_t limit : {0U, 1U, 60U, 118U, 119U, 120U, 150U, 300U, 999U}) {
@@ -146,7 +147,7 @@ TEST(LogFileSink, LimitOfAllOnesNeverWraps) {
   EXPECT_EQ(setup.Log().size(), 100 * EntryBytes(1000));
 }
 
-TEST(LogFileSink, SecondInitStartsToCountAndToCycleAgain) {
+TEST(LogFileSink, SecondInitCountsBytesAndCyclesAgain) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_FILE_MAX_SIZE", "10");
   ASSERT_TRUE(setup.InitAtLevel(1));
@@ -191,7 +192,7 @@ TEST(LogFileSink, ShortWritesAreContinued) {
   EXPECT_EQ(setup.PlainLog(), Entry("abcdefg\n") + Entry("next\n"));
 }
 
-TEST(LogFileSink, FullDiskLosesTheEntryAndNothingElse) {
+TEST(LogFileSink, FullDiskLosesOnlyTheEntry) {
   TraceSetup setup;
   ASSERT_TRUE(setup.InitAtLevel(1));
   setup.Trace().Print(1, "before");
@@ -249,7 +250,7 @@ TEST(LogFileSink, IsNeverOpenedThroughASymbolicLink) {
   EXPECT_EQ(syslog.Messages().size(), 1U);
 }
 
-TEST(LogFileSink, WhatIsNotARegularFileIsRefused) {
+TEST(LogFileSink, FileThatIsNotRegularIsRefused) {
   for (const bool is_pipe : {true, false}) {
     TraceSetup setup;
     if (is_pipe) {
@@ -264,7 +265,7 @@ TEST(LogFileSink, WhatIsNotARegularFileIsRefused) {
   }
 }
 
-TEST(LogFileSink, PathThatDoesNotFitIsNotCutToAnotherFile) {
+TEST(LogFileSink, TooLongPathIsNotCutToAnotherFile) {
   const TempDir directory;
   const std::string name(300, 'n');
   LogFileSink sink;

@@ -59,8 +59,8 @@ constexpr const char* kVariables[] = {"LD_LIBRARY_PATH",
                                       "WaitForVrmdTerm",
                                       "InvAgtPollNetUtilization"};
 
-// Fits the block as a setup of this file makes it. "@" means the beginning of each line, "DIR" for the log's
-// directory, "PID" for the process.
+// Matches the block of a setup of this file. "@" is the beginning of each line, "DIR" the log's directory, "PID" the
+// process id.
 constexpr const char* kBlock = R"(@QxTrace Command Line Options:
 @argv[0] = "agent"
 @argv[1] = "-x"
@@ -201,7 +201,7 @@ TEST(LogHeader, BlockShowsArgumentsEnvironmentAndSettingsLineByLine) {
   EXPECT_EQ(BlockOf(setup, CDebug::kTargetLogFile), expected);
 }
 
-TEST(LogHeader, ValuesAreThoseOfTheStartNotOfTheMoment) {
+TEST(LogHeader, ValuesAreThoseOfTheStart) {
   TraceSetup setup;
   ClearEnvironment(setup);
   setup.SetEnv("QX_HOSTNAME", "at-start");
@@ -212,7 +212,7 @@ TEST(LogHeader, ValuesAreThoseOfTheStartNotOfTheMoment) {
   EXPECT_EQ(block.find("later"), std::string::npos);
 }
 
-TEST(LogHeader, WithoutMainParamsTheCommandLineIsItsFirstLineAlone) {
+TEST(LogHeader, WithoutMainParamsTheCommandLineIsOneLine) {
   TraceSetup setup;
   ASSERT_TRUE(setup.Init());
   const std::string block = BlockOf(setup, CDebug::kTargetLogFile);
@@ -221,7 +221,7 @@ TEST(LogHeader, WithoutMainParamsTheCommandLineIsItsFirstLineAlone) {
   EXPECT_EQ(block.substr(0, start.size()), start);
 }
 
-TEST(LogHeader, BlockGoesToTheCurrentTargetForZeroAndNowhereWithoutOne) {
+TEST(LogHeader, BlockGoesToTheCurrentTargetForZeroIfThereIsOne) {
   TraceSetup setup;
   ASSERT_TRUE(setup.Init());
   const std::size_t size = BlockOf(setup, CDebug::kTargetNone).size();
@@ -230,7 +230,7 @@ TEST(LogHeader, BlockGoesToTheCurrentTargetForZeroAndNowhereWithoutOne) {
   EXPECT_EQ(BlockOf(setup, CDebug::kTargetNone).size(), size);
 }
 
-TEST(LogHeader, InitDoneAndTheLimitedFactorShow) {
+TEST(LogHeader, InitDoneAndTheLimitedFactorAreShown) {
   TraceSetup setup;
   setup.SetEnv("TraceFileLimit", "5");
   ASSERT_TRUE(setup.Init());
@@ -273,7 +273,7 @@ std::string StderrOf(const std::string& path, const Body& body) {
   return ReadFile(path);
 }
 
-TEST(LogHeader, GoesToStandardErrorTooWhenTheNoHeaderFlagIsZero) {
+TEST(LogHeader, GoesAlsoToStandardErrorIfTheNoHeaderFlagIsZero) {
   TraceSetup setup;
   setup.SetEnv("QX_LOG_NOHDR_TOSDTERR", "0");
   ASSERT_TRUE(setup.InitAtLevel(1));

@@ -1,5 +1,5 @@
-// An ordinary user against a service of root's that traces: he prepares the log or the ring, or swaps them while they
-// are opened. He must get neither the traces nor a file that he can shorten under the service.
+// An ordinary user attacks the traces of a root service: the user prepares the log or the ring, or swaps them while
+// they are opened. The user must get neither the traces nor a file that can be cut while the service writes it.
 #include "debug/OwnFile.h"
 
 #include <fcntl.h>
@@ -83,12 +83,12 @@ class OwnFileAttack : public testing::Test {
     std::filesystem::permissions(service_.LogDir().Path(), std::filesystem::perms::all);
   }
 
-  // What the user does with his own hands, and whether it worked: "" if so.
+  // Runs an action of the user; returns "" if it succeeded.
   void Prepare(const std::function<bool()>& body) {
     ASSERT_EQ(AsOrdinaryUser([&] { return std::string(body() ? "" : std::strerror(errno)); }), "");
   }
 
-  // What the user can read of the file, "" for nothing.
+  // The bytes of the file that the user can read.
   static std::string ReadByUser(const std::string& path) {
     return AsOrdinaryUser([&]() -> std::string {
       const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -141,7 +141,7 @@ TEST_F(OwnFileAttack, PreparedRingOfTheRightSizeIsCreatedAgainAndReportedOnce) {
               ElementsAre(StartsWith("4 WARNING: " + RingPath() + " is not a file of this process")));
 }
 
-// The user keeps the file that he has prepared open, and cuts it while the service writes.
+// The user keeps the prepared file open and cuts it while the service writes.
 TEST_F(OwnFileAttack, CuttingThePreparedRingDoesNotEndTheService) {
   Prepare([&] { return MakeFile(RingPath(), 0604, kRingBytes); });
   const int kept = ::open(RingPath().c_str(), O_RDWR | O_CLOEXEC);
@@ -155,7 +155,7 @@ TEST_F(OwnFileAttack, CuttingThePreparedRingDoesNotEndTheService) {
   ::close(kept);
 }
 
-TEST_F(OwnFileAttack, SecondNameOfTheLogOrTheRingIsNoWayToThem) {
+TEST_F(OwnFileAttack, SecondNameOfTheLogOrTheRingDoesNotShowTheTraces) {
   ASSERT_TRUE(service_.OpenRing(kRingBytes));
   for (const std::string& path : {LogPath(), RingPath()}) std::filesystem::create_hard_link(path, path + ".kept");
   ASSERT_TRUE(service_.Restart(kRingBytes));
@@ -167,7 +167,7 @@ TEST_F(OwnFileAttack, SecondNameOfTheLogOrTheRingIsNoWayToThem) {
   }
 }
 
-// Root's own files, but everybody may write them: an earlier umask, say.
+// Root's own files, but everybody may write them, for example because of an earlier umask.
 TEST_F(OwnFileAttack, FileThatOthersMayWriteIsCreatedAgain) {
   ASSERT_TRUE(service_.OpenRing(kRingBytes));
   for (const std::string& path : {LogPath(), RingPath()}) ASSERT_EQ(::chmod(path.c_str(), 0622), 0);
@@ -211,7 +211,7 @@ TEST_F(OwnFileAttack, FileThatCannotBeRemovedLeavesItsTargetOff) {
                           "3 ERROR: " + RingPath() + " is refused (errno=30) --> proceed without it\n"));
 }
 
-// The directory is the user's, and files in it get his group.
+// The directory belongs to the user, and files in it get the user's group.
 TEST_F(OwnFileAttack, GroupThatTheUserChoseCannotReadTheLog) {
   const std::string directory = service_.LogDir().Path();
   ASSERT_EQ(::chown(directory.c_str(), kOrdinaryUser, kOrdinaryUser), 0);
@@ -219,7 +219,7 @@ TEST_F(OwnFileAttack, GroupThatTheUserChoseCannotReadTheLog) {
   std::filesystem::remove(LogPath());
   ASSERT_TRUE(service_.Init());
   service_.Trace().Print(1, "secret");
-  EXPECT_EQ(StatusOf(LogPath()).st_gid, kOrdinaryUser);  // the attack is real
+  EXPECT_EQ(StatusOf(LogPath()).st_gid, kOrdinaryUser);  // without the check the attack succeeds
   EXPECT_EQ(StatusOf(LogPath()).st_mode & 07777U, 0600U);
   ExpectOwn(LogPath());
 }
@@ -243,7 +243,8 @@ TEST_F(OwnFileAttack, AccessListThatTheUserChoseDoesNotShowTheLog) {
   std::filesystem::remove(LogPath());
   ASSERT_TRUE(service_.Init());
   service_.Trace().Print(1, "secret");
-  EXPECT_GT(::getxattr(LogPath().c_str(), "system.posix_acl_access", nullptr, 0), 0);  // the attack is real
+  EXPECT_GT(::getxattr(LogPath().c_str(), "system.posix_acl_access", nullptr, 0),
+            0);  // without the check the attack succeeds
   ExpectOwn(LogPath());
 }
 
@@ -273,8 +274,8 @@ void Swap(const std::string& path, const std::string& mine, const std::string& h
   (void)::unlink(mine.c_str());
 }
 
-// The service opens the file while the user swaps it: 10,000 times, and until his file was found in its place ten
-// times. Every file that it gets is its own. `size` as for OpenOwnFile.
+// The service opens the file while the user swaps it: 10,000 times, and until the user's file was found ten times.
+// Every file that the service gets is its own. `size` as for OpenOwnFile.
 void RaceWithSwapper(const std::string& path, std::optional<std::uint64_t> size) {
   const SyslogCapture syslog;  // one message for each file of his
   const Attacker attacker([&path, mine = path + ".mine", his = path + ".his",

@@ -22,7 +22,7 @@ constexpr const char* kAdvice =
     "kernel.unprivileged_userns_clone=1 and user.max_user_namespaces > 0, with AppArmor also "
     "kernel.apparmor_restrict_unprivileged_userns=0); in a container also mount in its seccomp profile]";
 
-// As root a mount namespace is enough; anybody else gets one inside a user namespace in which he keeps his id.
+// For root, a mount namespace is enough; other users also get a user namespace, in which they keep their id.
 bool EnterNamespace() {
   const uid_t user = ::geteuid();
   const gid_t group = ::getegid();

@@ -6,11 +6,11 @@
 
 namespace qx::test {
 
-// What `body` returns in a forked child; then "[signal N]" or "[status N]" if the child does not end well.
+// What `body` returns in a forked child; then "[signal N]" or "[status N]" if the child fails.
 std::string InChild(const std::function<std::string()>& body);
 
-// The same with mounts of the child's own: what it mounts is seen by nobody else and goes with it. Where namespaces are
-// not allowed the result names what to allow, and `body` does not run.
+// The same with the child's own mounts, which no other process sees and which end with it. If namespaces are not
+// allowed, the result names what to allow, and `body` does not run.
 std::string WithPrivateMounts(const std::function<std::string()>& body);
 
 // Covers `directory` with an empty file system in memory of at most `size` ("16k"; "" for no limit). Throws

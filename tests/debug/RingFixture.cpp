@@ -63,13 +63,13 @@ void RingSetup::Patch(std::size_t offset, std::string_view bytes) {
   if (!file) throw std::runtime_error("cannot patch " + RingPath());
 }
 
-void RingSetup::FillUpTo(std::size_t room) {
+void RingSetup::FillUpTo(std::size_t rest) {
   constexpr std::size_t kOverhead = kHeaderBytes + 1;
   const std::size_t size = Number(5);
   const std::size_t most = size / 10;
-  for (std::size_t left = size - Position() - room; left > 0; left = size - Position() - room) {
+  for (std::size_t left = size - Position() - rest; left > 0; left = size - Position() - rest) {
     const std::size_t bytes = left <= most ? left : left - most < kOverhead ? most - kOverhead : most;
-    if (bytes < kOverhead) throw std::runtime_error("too little room to fill");
+    if (bytes < kOverhead) throw std::runtime_error("too little space to fill");
     Trace().Print(1, "%s", std::string(bytes - kOverhead, 'f').c_str());
   }
 }

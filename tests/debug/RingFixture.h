@@ -24,7 +24,7 @@ std::string UndatedEntry(std::string_view text);
 // "0000000000001024"
 std::string RingDigits(std::size_t number);
 
-// Where the newest entry of a ring ends, as readers find it: the write position, or after the one entry that was
+// The end of a ring's newest entry as readers find it: the write position, or the end of the one entry that was
 // completed there. 0 if it is neither.
 std::size_t EndOfNewest(std::string_view ring);
 
@@ -35,7 +35,7 @@ class RingSetup : public TraceSetup {
 
   std::string RingPath() const { return LogDir().File("log.qxtrace_a"); }
   bool OpenRing(std::uint32_t size) { return Trace().InitRingBuffer(RingPath().c_str(), size); }
-  // Starts the facility again, as another process would, and opens the ring.
+  // Starts the facility again, like another process, and opens the ring.
   bool Restart(std::uint32_t size) { return Init() && OpenRing(size); }
 
   std::string Ring() const { return ReadFile(RingPath()); }
@@ -50,11 +50,11 @@ class RingSetup : public TraceSetup {
   std::size_t Position() const { return Number(6); }
   void Patch(std::size_t offset, std::string_view bytes);
 
-  // Traces texts until exactly `room` bytes are left after the write position; at least 50 more must be left now.
-  void FillUpTo(std::size_t room);
+  // Traces texts until exactly `rest` bytes are left after the write position; at least 50 more must be left now.
+  void FillUpTo(std::size_t rest);
 };
 
-// The ring file as a slow, obvious writer would make it: Undated bytes in a string.
+// The ring file of a slow, obvious writer: Undated bytes in a string.
 class RingModel {
  public:
   RingModel(const std::string& path, std::size_t size, const std::string& start_time);

@@ -1,5 +1,5 @@
-// The messages that reach the system log, as the socket of the test's own at /dev/log receives it. Each test runs in a
-// child of its own: the connection is made once a process.
+// The messages to the system log, as the test's own socket at /dev/log receives them. Each test runs in its own child,
+// because a process connects only once.
 #include "debug/SysLogTraces.h"
 
 #include <dlfcn.h>
@@ -28,7 +28,7 @@ using qx::test::WithPrivateMounts;
 std::atomic<int> openlog_count{0};
 std::atomic<int> openlog_option{0};
 
-// The socket that the system log's service would have.
+// The socket of the system log's service.
 class DevLog {
  public:
   DevLog() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
@@ -44,7 +44,7 @@ class DevLog {
   DevLog(const DevLog&) = delete;
   DevLog& operator=(const DevLog&) = delete;
 
-  // Every message so far, a line each: "<142>Nov 21 06:56:48 name[123]: text" => "<142>NAME[PID]: text".
+  // Every message so far, one per line: "<142>Nov 21 06:56:48 name[123]: text" => "<142>NAME[PID]: text".
   std::string Messages() const {
     std::string messages;
     char datagram[8192];
@@ -129,7 +129,7 @@ TEST(SysLogTraces, LeadingLineFeedsOfTheFormatAreSkipped) {
             "<142>NAME[PID]: started\n<142>NAME[PID]: \nthose of the text stay\n<142>NAME[PID]: \n\n\n");
 }
 
-TEST(SysLogTraces, FormattedMessageIsLoggedExactlyWhateverPerCentSignsItHolds) {
+TEST(SysLogTraces, FormattedMessageMayHavePerCentSigns) {
   EXPECT_EQ(LoggedBy([] { LogVa("%s and %d%%", "%n %s %m 100%", 7); }), "<142>NAME[PID]: %n %s %m 100% and 7%\n");
 }
 
@@ -152,7 +152,7 @@ TEST(SysLogTraces, MessageThatCannotBeFormattedIsReplaced) {
             "<142>NAME[PID]: ERROR: cann't format message\n");
 }
 
-TEST(SysLogTraces, ConnectionIsMadeAtFirstUseOnceAndAtOnce) {
+TEST(SysLogTraces, ConnectionIsMadeOnceAtTheFirstUse) {
   EXPECT_EQ(WithPrivateMounts([] {
               const DevLog log;
               std::string text = SysLogTraces::pInstance == nullptr ? "none, " : "made, ";
@@ -175,7 +175,7 @@ TEST(SysLogTraces, NameIsThatOfTheProgramWithoutItsDirectory) {
 int OpenSockets() {
   int count = 0;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;  // the descriptor of this very listing
+    std::error_code gone;  // the descriptor of this listing
     count += std::filesystem::read_symlink(entry.path(), gone).string().starts_with("socket:") ? 1 : 0;
   }
   return count;
@@ -195,7 +195,7 @@ TEST(SysLogTraces, DestructionClosesTheConnection) {
             "1 0");
 }
 
-TEST(SysLogTracesThreads, ThreadsThatAskAtOnceGetOneConnection) {
+TEST(SysLogTracesThreads, ThreadsThatStartTogetherGetOneConnection) {
   for (int round = 0; round < 20; ++round) {
     EXPECT_EQ(InChild([] {
                 constexpr int kThreads = 8;
@@ -218,7 +218,7 @@ TEST(SysLogTracesThreads, ThreadsThatAskAtOnceGetOneConnection) {
 
 }  // namespace
 
-// Counts the calls on their way to the C library.
+// Counts the calls and passes them on to the C library.
 extern "C" void openlog(const char* name, int option, int facility) {
   ++openlog_count;
   openlog_option = option;

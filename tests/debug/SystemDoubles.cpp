@@ -10,7 +10,7 @@
 namespace {
 
 std::mutex messages_mutex;
-std::vector<std::string>* messages = nullptr;  // null: nobody listens
+std::vector<std::string>* messages = nullptr;  // null: messages are dropped
 
 void Collect(int priority, const char* format, std::va_list args) {
   char text[2048];
@@ -30,7 +30,7 @@ void syslog(int priority, const char* format, ...) {
   va_end(args);
 }
 
-// What syslog becomes in a fortified build.
+// The name of syslog in a fortified build.
 void __syslog_chk(int priority, int, const char* format, ...) {
   std::va_list args;
   va_start(args, format);

@@ -1,5 +1,5 @@
-// What the trace tests share: a facility of their own with a private settings directory and a private log, and a double
-// for the system log.
+// What the trace tests share: their own facility with a private settings directory and a private log, and a double for
+// the system log.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@
 
 namespace qx::test {
 
-// A trace facility that reads its settings files from a directory of the test's and shows what it has decided.
+// A trace facility that reads its settings files from a directory of the test and shows its settings.
 class TestDebug : public CDebug {
  public:
   explicit TestDebug(const char* config_directory) { SetConfigDirectory(config_directory); }
@@ -36,7 +36,7 @@ class TraceSetup {
 
   TraceSetup();
 
-  // Writes a settings file whose modification time is later than that of any file written before.
+  // Writes a settings file whose modification time is later than that of all earlier ones.
   void WriteIni(const std::string& name, std::string_view text);
   std::string IniPath(std::string_view name) const { return config_.File(name); }
 
@@ -70,7 +70,7 @@ std::string WithoutStamps(std::string_view log);
 // The descriptor under which this process holds `path` open, or -1.
 int DescriptorOf(const std::string& path);
 
-// Collects what this process sends to the system log while it lives, as "PRIORITY text".
+// While in scope, collects what this process sends to the system log, as "PRIORITY text".
 class SyslogCapture {
  public:
   SyslogCapture();

@@ -33,7 +33,7 @@ class Followed {
     EXPECT_EQ(follower_.Open(), 0);
   }
 
-  // Looks until nothing is pending.
+  // Polls until nothing is pending.
   void Look() {
     for (bool is_pending = true; is_pending;) is_pending = LookOnce();
   }
@@ -48,8 +48,8 @@ class Followed {
   const std::vector<std::string>& Texts() const { return texts_; }
   int Restarts() const { return restarts_; }
   std::uint64_t LostBytes() const { return lost_bytes_; }
-  // True if something was lost after the text of that index, or lines came that belong to no known entry.
-  bool HasLossBehind(std::size_t index) const { return losses_behind_.contains(index + 1); }
+  // True if entries were lost after the text of that index, or lines belong to no known entry.
+  bool HasLossAfter(std::size_t index) const { return losses_behind_.contains(index + 1); }
   void Forget() { texts_.clear(); }
 
  private:
@@ -116,22 +116,22 @@ class Writer {
   int next_ = 0;
 };
 
-// Every text is one that was written, in order and once; what is missing was reported, and nothing else was.
-void ExpectInOrderAndLossesTold(const Followed& followed, const std::vector<std::string>& written) {
+// Every text was written, is in order and comes once; exactly the missing texts were reported.
+void ExpectInOrderAndLossesReported(const Followed& followed, const std::vector<std::string>& written) {
   std::size_t next = 0;
   for (std::size_t i = 0; i < followed.Texts().size(); ++i) {
     const std::string& text = followed.Texts()[i];
-    const auto is_text = [&](const std::string& whole) {  // further lines may be among what was lost
-      return followed.HasLossBehind(i) ? whole.starts_with(text) : whole == text;
+    const auto is_text = [&](const std::string& whole) {  // further lines may be among the lost ones
+      return followed.HasLossAfter(i) ? whole.starts_with(text) : whole == text;
     };
     std::size_t at = next;
     while (at < written.size() && !is_text(written[at])) ++at;
     ASSERT_LT(at, written.size()) << "repeated, out of order or cut: " << text << "after " << next;
-    EXPECT_TRUE(at == next || i == 0 || followed.HasLossBehind(i - 1))
-        << next << " to " << at << " are missing, and nobody told";
+    EXPECT_TRUE(at == next || i == 0 || followed.HasLossAfter(i - 1))
+        << next << " to " << at << " are missing without a report";
     next = at + 1;
   }
-  EXPECT_EQ(next, written.size()) << "the newest entry is given";
+  EXPECT_EQ(next, written.size()) << "the newest entry is returned";
 }
 
 struct Setting {
@@ -143,13 +143,13 @@ class TraceFollow : public testing::TestWithParam<Setting> {};
 
 }  // namespace
 
-TEST_P(TraceFollow, GivesEveryEntryOnceAcrossWraps) {
+TEST_P(TraceFollow, EveryEntryIsReturnedOnceAcrossWraps) {
   Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
   writer.Write(3);
   Followed followed(writer.Path());
   std::mt19937 random(static_cast<unsigned>(Seed("TraceFollow")));
   for (int round = 0; round < 300; ++round) {
-    writer.SetStep(round < 150 ? 0 : 1);  // no stamp shows anything in the first half
+    writer.SetStep(round < 150 ? 0 : 1);  // in the first half all stamps are equal
     writer.Write(static_cast<int>(random() % 12));
     followed.Look();
     ASSERT_EQ(followed.Texts(), writer.Written()) << "round " << round;
@@ -158,7 +158,7 @@ TEST_P(TraceFollow, GivesEveryEntryOnceAcrossWraps) {
   EXPECT_EQ(followed.Restarts(), 0);
 }
 
-TEST_P(TraceFollow, EntriesComeInOrderAndLossesAreReported) {
+TEST_P(TraceFollow, EntriesAreInOrderAndLossesAreReported) {
   std::mt19937 random(static_cast<unsigned>(Seed("TraceFollow")));
   for (int run = 0; run < 20; ++run) {
     Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
@@ -169,11 +169,11 @@ TEST_P(TraceFollow, EntriesComeInOrderAndLossesAreReported) {
     }
     writer.Write(writer.Written().size() % 5 == 0 ? 2 : 1);  // further lines of the newest entry would not be returned
     followed.Look();
-    ExpectInOrderAndLossesTold(followed, writer.Written());
+    ExpectInOrderAndLossesReported(followed, writer.Written());
   }
 }
 
-TEST_P(TraceFollow, FromNowLeavesOutWhatStandsThere) {
+TEST_P(TraceFollow, FromNowLeavesOutExistingEntries) {
   Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
   writer.Write(200);
   Followed followed(writer.Path(), true);
@@ -184,7 +184,7 @@ TEST_P(TraceFollow, FromNowLeavesOutWhatStandsThere) {
   EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().end() - 5, writer.Written().end()));
 }
 
-TEST_P(TraceFollow, WriterThatLapsTheReaderIsTold) {
+TEST_P(TraceFollow, LossIsReportedIfTheWriterLapsTheReader) {
   Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
   Followed followed(writer.Path());
   writer.Write(3);
@@ -227,7 +227,7 @@ TEST(TraceFollowRestart, LogThatIsStartedOverIsFollowedFromItsBeginning) {
   EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().begin() + 20, writer.Written().end()));
 }
 
-TEST(TraceFollowRestart, RestartBetweenTwoSnapshotsIsNoticedWhateverTheSize) {
+TEST(TraceFollowRestart, RestartBetweenTwoSnapshotsIsNoticedForEverySize) {
   Writer writer(100000);
   writer.Write(5);
   Followed followed(writer.Path());
@@ -240,7 +240,7 @@ TEST(TraceFollowRestart, RestartBetweenTwoSnapshotsIsNoticedWhateverTheSize) {
   EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().begin() + 5, writer.Written().end()));
 }
 
-TEST(TraceFollowRestart, RingOfAFurtherRunGoesOnWithoutARestart) {
+TEST(TraceFollowRestart, RingOfTheNextRunContinuesWithoutARestart) {
   Writer writer(51200, 40000);
   writer.Write(20);
   Followed followed(writer.Path());
@@ -284,7 +284,7 @@ TEST(TraceFollowRestart, RingThatIsStillBeingMadeIsFollowedFromItsFirstEntry) {
   EXPECT_EQ(followed.Texts(), writer.Written());
 }
 
-TEST(TraceFollowRestart, HalfAnEntryIsNotGiven) {
+TEST(TraceFollowRestart, PartOfAnEntryIsNotReturned) {
   const TempDir dir;
   const std::string entry = "2026-01-31 10:20:30.001 [0A1B2C3D] App           entry ";
   WriteFile(dir.File("log"), entry + "1\n" + entry);
@@ -296,7 +296,7 @@ TEST(TraceFollowRestart, HalfAnEntryIsNotGiven) {
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n"));
 }
 
-TEST(TraceFollowRestart, EntryThatIsHalfWrittenForALongTimeComesOnceItIsWhole) {
+TEST(TraceFollowRestart, EntryIsReturnedOnceItIsWholeAlsoAfterALongTime) {
   const TempDir dir;
   const std::string entry = "2026-01-31 10:20:30.001 [0A1B2C3D] App           entry ";
   WriteFile(dir.File("log"), entry + "1\n" + entry + "2 and what stood there\n");
@@ -308,7 +308,7 @@ TEST(TraceFollowRestart, EntryThatIsHalfWrittenForALongTimeComesOnceItIsWhole) {
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2 and what belongs here\n"));
 }
 
-TEST(TraceFollowRestart, NewestEntryOfAFileThatIsReplacedIsNotHeldBack) {
+TEST(TraceFollowRestart, NewestEntryOfAReplacedFileIsReturned) {
   const TempDir dir;
   const std::string entry = "2026-01-31 10:20:30.001 [0A1B2C3D] App           entry ";
   WriteFile(dir.File("log"), entry + "1\n");
@@ -321,9 +321,8 @@ TEST(TraceFollowRestart, NewestEntryOfAFileThatIsReplacedIsNotHeldBack) {
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n"));
 }
 
-// A log grows while it is read: the size from before is less than there is. Files of /proc report that they hold
-// nothing.
-TEST(TraceFollowRestart, LogIsReadToItsEndWhateverItsSizeWasBefore) {
+// A log grows while it is read: its earlier size is too small. Files of /proc report a size of 0.
+TEST(TraceFollowRestart, LogIsReadToItsEndWhateverItsReportedSize) {
   debug::TraceFile file;
   ASSERT_EQ(file.Open("/proc/version"), 0);
   ASSERT_EQ(file.Status().value().st_size, 0);
@@ -337,7 +336,7 @@ TEST(TraceFollowRestart, LogIsReadToItsEndWhateverItsSizeWasBefore) {
   EXPECT_EQ(text, ReadFile("/proc/version"));
 }
 
-TEST(TraceFollowRestart, EntryWrittenOverOlderBytesComesOnceItIsWhole) {
+TEST(TraceFollowRestart, EntryOverOlderBytesIsReturnedOnceItIsWhole) {
   Writer writer(4000);
   writer.Write(100);
   const std::string before = ReadFile(writer.Path());
@@ -359,12 +358,12 @@ TEST(TraceFollowRestart, EntryWrittenOverOlderBytesComesOnceItIsWhole) {
   EXPECT_THAT(followed.Texts(), ElementsAre(writer.Written().back()));
 }
 
-// The writer never waits for the reader: whatever the reader returns is in order, once, and losses are reported.
+// The writer never waits for the reader: the reader returns each entry once and in order, and losses are reported.
 class TraceFollowThreads : public testing::TestWithParam<Setting> {};
 
 TEST_P(TraceFollowThreads, LiveWriterIsFollowedWithoutRepeatsOrSilentLosses) {
   Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
-  // Not kSettled: where other processes take the processor, a writer may stay in the middle of a write for longer.
+  // Not kSettled: if other processes use the processor, a writer may stay in the middle of a write for longer.
   Followed followed(writer.Path(), false, std::chrono::seconds(1));
   std::atomic<bool> is_done{false};
   std::thread thread([&] {
@@ -377,7 +376,7 @@ TEST_P(TraceFollowThreads, LiveWriterIsFollowedWithoutRepeatsOrSilentLosses) {
   while (!is_done) (void)followed.LookOnce();
   thread.join();
   followed.Look();
-  ExpectInOrderAndLossesTold(followed, writer.Written());
+  ExpectInOrderAndLossesReported(followed, writer.Written());
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, TraceFollowThreads, testing::Values(Setting{20000, 0}, Setting{51200, 200000}),

@@ -1,4 +1,4 @@
-// What a follower of a log takes for new: the tables of TraceLogPlan.h.
+// Which bytes of a log are new for a follower: the tables of TraceLogPlan.h.
 #include "debug/tools/TraceLogPlan.h"
 
 #include <gmock/gmock.h>
@@ -26,7 +26,7 @@ std::optional<TraceWrap> WrapAt(std::int64_t cycle, std::uint64_t position) {
   return TraceWrap{.cycle = cycle, .position = position, .line_end = position + 10, .max_bytes = 1000};
 }
 
-TEST(LogPlan, RestartShowsInSizeWrapsOrBeginning) {
+TEST(LogPlan, RestartIsSeenInSizeWrapsOrBeginning) {
   struct Row {
     int wraps_then;
     std::size_t size;
@@ -72,7 +72,7 @@ TEST(LogPlan, ComparisonEndsAfterALongRunOfEqualBytes) {
   EXPECT_EQ(EndOfNew("a\n" + same.substr(2) + "x\n", "b\n" + same.substr(2) + "y\n", 0, 4098), 4098U);
 }
 
-TEST(LogPlan, LostBytesAreThoseBetweenThePositionAndTheOldestEntryLeft) {
+TEST(LogPlan, LostBytesAreThoseFromThePositionToTheOldestEntry) {
   const TraceWrap wrap{.cycle = 3, .position = 100, .line_end = 200, .max_bytes = 1000};
   EXPECT_EQ(LostBytes(wrap, 1, 500, 400), 0U);
   EXPECT_EQ(LostBytes(wrap, 1, 500, 700), 200U);
@@ -89,7 +89,7 @@ LogHistory HistoryOf(const std::string& bytes) {
       .has_started = true, .copy = bytes, .fingerprint = bytes.substr(0, 256), .position = bytes.size(), .wrap = {}};
 }
 
-TEST(LogPlan, FirstSnapshotHasEverythingOrOnlyItsEnd) {
+TEST(LogPlan, FirstSnapshotReturnsEverythingOrOnlyItsEnd) {
   const std::string log = Line(1, "one") + Line(2, "two");
   const LogPlan all = PlanLog({}, log + "an unfinished li", true);
   ASSERT_EQ(all.ranges.size(), 1U);
@@ -109,7 +109,7 @@ TEST(LogPlan, AppendedEntriesAreOneRange) {
 }
 
 // The file ended its cycle with "three", wrapped to 0 and wrote "four".
-TEST(LogPlan, EndOfTheCycleComesBeforeTheNewOne) {
+TEST(LogPlan, EndOfTheOldCycleIsBeforeTheNewOne) {
   const std::string old = Line(1, "one") + Line(2, std::string(200, '2'));
   const std::string wrap = Line(3, "------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=300)");
   std::string now = old + Line(3, "three");

@@ -1,4 +1,4 @@
-// What is noted of a trace file's lines, and what is decided from it: the tables of TraceMarks.h.
+// The marks of a trace file's lines and the decisions from them: the tables of TraceMarks.h.
 #include "debug/tools/TraceMarks.h"
 
 #include <gmock/gmock.h>
@@ -49,7 +49,7 @@ Boundary Before(int index) {
   return {index == 0 ? kWrapEnd : begin, begin};
 }
 
-TEST(LogMarks, FirstPlaceOfEachKindIsKept) {
+TEST(LogMarks, FirstBoundaryOfEachKindIsKept) {
   struct Row {
     const char* entries;
     Boundary drop;
@@ -77,7 +77,7 @@ TEST(LogMarks, FirstPlaceOfEachKindIsKept) {
   }
 }
 
-TEST(LogMarks, OneStampMeansThatOfTheWrapInEveryEntry) {
+TEST(LogMarks, OneStampMeansEveryEntryHasThatOfTheWrap) {
   EXPECT_TRUE(HasOneStamp(MarksOf("555")));
   EXPECT_TRUE(HasOneStamp(MarksOf("5?5")));
   EXPECT_FALSE(HasOneStamp(MarksOf("")));
@@ -85,7 +85,7 @@ TEST(LogMarks, OneStampMeansThatOfTheWrapInEveryEntry) {
   EXPECT_FALSE(HasOneStamp(MarksOf("545")));
 }
 
-TEST(LogMarks, NewestEntryEndsAtTheStrongestPlace) {
+TEST(LogMarks, NewestEntryEndsAtTheStrongestBoundary) {
   struct Row {
     const char* entries;
     int crossing;  // the entry that crossed the limit; -1: it is not there
@@ -93,16 +93,16 @@ TEST(LogMarks, NewestEntryEndsAtTheStrongestPlace) {
   };
   const Row rows[] = {
       {"7+2", -1, Before(1)},                              // a drop with lines before it
-      {"72+1", -1, Before(2)},                             // it counts more than an earlier drop
+      {"72+1", -1, Before(2)},                             // it is stronger than an earlier drop
       {"721", -1, Before(1)},                              // the first drop
       {"678", -1, Before(3)},                              // stamps that rise: at the end
-      {"678", 1, Before(3)},                               // whatever crossed the limit
+      {"678", 1, Before(3)},                               // also if an entry crossed the limit
       {"", -1, {kWrapEnd, 200}}, {"55+5", -1, Before(2)},  // one stamp: at the lines without a header
-      {"55+55", 3, Before(2)},                             // which come before the crossing
-      {"55+55", 1, Before(1)},                             // the crossing comes first
+      {"55+55", 3, Before(2)},                             // which are before the crossing
+      {"55+55", 1, Before(1)},                             // the crossing is first
       {"5555", 2, Before(2)},                              // no such lines
       {"5555", -1, Before(4)},                             // neither
-      {"55+55", 2, Before(2)},                             // both at one place
+      {"55+55", 2, Before(2)},                             // both at one boundary
   };
   for (const Row& row : rows) {
     LogMarks marks = MarksOf(row.entries);
@@ -118,7 +118,7 @@ std::string Line(const char* stamp, const std::string& text) {
 TEST(LogMarks, LineAboveTheLimitIsTheCrossingOfItsEntry) {
   const std::string newest = Line("006", "new");
   const std::string crossing = Line("003", "crosses");
-  const std::string bytes = newest + crossing + "a further line\n" + Line("001", "left of the cycle before");
+  const std::string bytes = newest + crossing + "a further line\n" + Line("001", "left of the previous cycle");
   const debug::TraceMemory source(bytes);
   debug::TraceLineReader reader(source, 0, source.Size());
   const std::uint64_t limit = newest.size() + crossing.size();  // ends above it: the further line
@@ -129,7 +129,7 @@ TEST(LogMarks, LineAboveTheLimitIsTheCrossingOfItsEntry) {
   EXPECT_EQ(marks.end, bytes.size());
 }
 
-TEST(LogMarks, LinesWithoutAHeaderAtTheEndAreAPlace) {
+TEST(LogMarks, LinesWithoutAHeaderAtTheEndAreABoundary) {
   const std::string bytes = Line("006", "new") + "lines\n";
   const debug::TraceMemory source(bytes);
   debug::TraceLineReader reader(source, 0, source.Size());
@@ -154,19 +154,19 @@ KeptMarks KeptOf(const std::string& entries) {
 TEST(KeptMarks, CycleBeginsAtAStartThatIsNewOrIsFollowedByANewEntry) {
   struct Row {
     const char* entries;
-    std::uint64_t cycle;  // as CycleBegin returns it, counted from 1; 0: none
+    std::uint64_t cycle;  // the result of CycleBegin, counted from 1; 0: no entry
   };
   const Row rows[] = {{"--BN", 3}, {"SNN", 1}, {"S-NBN", 4}, {"S-NN", 3}, {"S--S-", 4},
                       {"B", 1},    {"S", 1},   {"--", 0},    {"", 0},     {"BNB", 1}};
   for (const Row& row : rows) EXPECT_EQ(CycleBegin(KeptOf(row.entries)), row.cycle) << row.entries;
 }
 
-TEST(KeptMarks, FirstEntryIsKeptWhateverItIs) {
+TEST(KeptMarks, FirstEntryIsAlwaysKept) {
   EXPECT_EQ(KeptOf("-SN").first, 1U);
   EXPECT_EQ(KeptOf("").first, 0U);
 }
 
-// Between the old end of a header block and its end now there is text that is no entry any more.
+// Between the old and the new end of a header block there is text that is not an entry any more.
 TEST(KeptMarks, TerminatorInTheGapStartsAgain) {
   const std::string bytes = "block\n" + Line("001", "of the longer block") + "## TRACE-END ##\n" +
                             Line("002", "first") + Line("003", "### End of initialization. ###") +

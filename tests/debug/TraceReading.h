@@ -1,4 +1,4 @@
-// Reading a trace file back in tests: everything that comes, at once.
+// Reads a whole trace file in tests.
 #pragma once
 
 #include <memory>
@@ -21,7 +21,7 @@ ReadBack Unroll(const std::string& bytes);
 // The lines of an entry, each with its line feed.
 std::string TextOf(const debug::TraceEntry& entry);
 
-// "older: first line|second line\n" for each entry; "gap", "wrap" and "piece: text" for what is none.
+// "older: first line|second line\n" for each entry; "gap", "wrap" and "piece: text" for the rest.
 std::string Shown(const ReadBack& read);
 
 std::vector<debug::TraceFinding::Kind> Kinds(const ReadBack& read);

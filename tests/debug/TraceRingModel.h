@@ -1,5 +1,5 @@
-// A plain writer of ring files for tests, which does not use the facility's own: the bytes in a string, each entry
-// remembered until one of its bytes is overwritten.
+// A plain writer of ring files for tests, which does not use the facility's own: the bytes are in a string, and each
+// entry is kept until one of its bytes is overwritten.
 #pragma once
 
 #include <cstdint>
@@ -15,10 +15,10 @@ class RingModel {
 
   // Writes a new file whose header block has `header_lines` lines and its end.
   void Create(int header_lines);
-  // A further run: it goes on at the write position.
+  // Another run: it continues at the write position.
   void Reopen();
   void Put(const std::string& text);
-  // Keeps what has been written across wraps.
+  // Keeps what was written so far across wraps.
   void EndInit();
   void Advance(int milliseconds) { now_ms_ += milliseconds; }
 

@@ -1,5 +1,5 @@
-// A ring file comes back in the order of time: from a plain writer of these tests, which knows which entries are still
-// whole, and from the facility's own.
+// A ring file is read in the order of time: one of a plain writer of these tests, which knows the whole entries, and
+// one of the facility itself.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -38,7 +38,7 @@ std::string RandomText(std::mt19937_64& random, int number) {
   return text;
 }
 
-// The numbers of "entry N" in the order in which they come.
+// The numbers of "entry N" in the order of the entries.
 std::vector<int> NumbersOf(const ReadBack& read) {
   std::vector<int> numbers;
   for (const std::string& text : TextsOf(read)) {
@@ -47,7 +47,7 @@ std::vector<int> NumbersOf(const ReadBack& read) {
   return numbers;
 }
 
-// The facility with a ring of its own.
+// The facility with its own ring.
 class RealRing {
  public:
   explicit RealRing(std::uint32_t size) : size_(size) {
@@ -71,7 +71,7 @@ class RealRing {
 
 }  // namespace
 
-TEST(TraceRing, RingThatHasNotWrappedComesAsItWasWritten) {
+TEST(TraceRing, RingThatHasNotWrappedIsReadAsItWasWritten) {
   RingModel ring(8192);
   ring.Create(2);
   ring.Put("one\nmore of one");
@@ -83,7 +83,7 @@ TEST(TraceRing, RingThatHasNotWrappedComesAsItWasWritten) {
   EXPECT_THAT(read.findings, IsEmpty());
 }
 
-TEST(TraceRing, EntriesThatAreStillWholeComeInTheOrderOfTimeAfterEveryEntry) {
+TEST(TraceRing, WholeEntriesAreInTheOrderOfTimeAfterEveryEntry) {
   const std::uint64_t seed = Seed("TraceRing");
   for (std::uint64_t round = 0; round < 10; ++round) {
     std::mt19937_64 random(seed + round);
@@ -101,7 +101,7 @@ TEST(TraceRing, EntriesThatAreStillWholeComeInTheOrderOfTimeAfterEveryEntry) {
   }
 }
 
-TEST(TraceRing, SeveralRunsComeInTheOrderOfTime) {
+TEST(TraceRing, SeveralRunsAreInTheOrderOfTime) {
   std::mt19937_64 random(Seed("TraceRingRuns"));
   RingModel ring(12000);
   ring.Create(4);
@@ -158,7 +158,7 @@ TEST(TraceRing, TerminatorInATextIsALineOfIt) {
   EXPECT_EQ(Shown(Unroll(ring.Bytes())), "newest: # End of header.\nnewest: one|## TRACE-END ##|more\nnewest: two\n");
 }
 
-TEST(TraceRing, EntryThatTheWritePositionDoesNotCountYetComes) {
+TEST(TraceRing, EntryAfterTheWritePositionIsReturned) {
   RingModel ring(8192);
   ring.Create(0);
   ring.Put("one");
@@ -186,7 +186,7 @@ TEST(TraceRing, WrongWritePositionIsAFindingAndTheTerminatorIsFound) {
   }
 }
 
-TEST(TraceRing, NumbersOfTheHeaderThatAreWrongAreFindings) {
+TEST(TraceRing, WrongNumbersOfTheHeaderAreFindings) {
   RingModel ring(8192);
   ring.Create(1);
   ring.Put("one");
@@ -200,7 +200,7 @@ TEST(TraceRing, NumbersOfTheHeaderThatAreWrongAreFindings) {
   }
 }
 
-TEST(TraceRing, FileThatWasCutShowsWhatIsLeft) {
+TEST(TraceRing, CutFileShowsTheRest) {
   RingModel ring(8192);
   ring.Create(1);
   for (int i = 0; i < 60; ++i, ring.Advance(2)) ring.Put("entry " + std::to_string(i) + std::string(100, 'x'));
@@ -225,7 +225,7 @@ TEST(TraceRing, EveryPrefixAndEveryChangedByteIsReadToItsEnd) {
   }
 }
 
-TEST(TraceRing, FacilitysOwnRingComesWithoutGapAfterEveryEntry) {
+TEST(TraceRing, RingOfTheFacilityHasNoGapAfterEveryEntry) {
   std::mt19937_64 random(Seed("TraceRingReal"));
   RealRing ring(24 << 10);
   std::size_t numbers_max = 0;
@@ -239,10 +239,10 @@ TEST(TraceRing, FacilitysOwnRingComesWithoutGapAfterEveryEntry) {
     int expected = i - static_cast<int>(numbers.size());
     for (const int number : numbers) ASSERT_EQ(number, ++expected) << "entry " << i;
   }
-  EXPECT_GT(numbers_max, 60U) << "what is left of the older cycle comes too";
+  EXPECT_GT(numbers_max, 60U) << "the rest of the older cycle is returned, too";
 }
 
-TEST(TraceRing, FacilitysOwnRingKeepsTheTracesOfTheStart) {
+TEST(TraceRing, RingOfTheFacilityKeepsTheTracesOfTheStart) {
   RealRing ring(2 << 20);
   for (int i = 0; i < 5; ++i) ring.Trace("entry " + std::to_string(i));
   ring.EndInit();

@@ -1,4 +1,4 @@
-// The reported settings are those that the facility takes.
+// The reported settings are those that the facility uses.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -61,7 +61,7 @@ std::string RandomIni(std::mt19937_64& random, const std::string& directory) {
 
 }  // namespace
 
-TEST_F(TraceSettingSources, NothingSetGivesTheDefaults) {
+TEST_F(TraceSettingSources, WithoutAnySettingTheDefaultsAreReported) {
   SetEnv("QX_LOG_RINGBUF_DIR", nullptr);
   for (const SettingSource& source : Sources()) {
     EXPECT_TRUE(source.kind == Kind::kDefault || source.kind == Kind::kComputed) << source.setting;
@@ -99,12 +99,12 @@ TEST_F(TraceSettingSources, EnvironmentIsNamedBeforeTheFile) {
   EXPECT_EQ(Source("ring-buffer weight").value, "0");
 }
 
-TEST_F(TraceSettingSources, ReadingThemOpensNoLog) {
+TEST_F(TraceSettingSources, ReadingSettingsOpensNoLog) {
   (void)Sources();
   EXPECT_FALSE(Exists(LogPath()));
 }
 
-// Files and environment that set most settings at random, some to what is no number.
+// Files and environment that set most settings at random, some to a text that is not a number.
 class RandomTraceSettings : public TraceSettingSources {
  protected:
   void Configure(std::mt19937_64& random) {
@@ -154,7 +154,7 @@ TEST_F(RandomTraceSettings, ValuesAgreeWithTheFacility) {
     Configure(random);
     ASSERT_TRUE(Init());
     ExpectSettings();
-    if (Trace().Settings().log_max_size >= 51200) ExpectHeaderValues();  // else the header does not stay whole
+    if (Trace().Settings().log_max_size >= 51200) ExpectHeaderValues();  // otherwise the header does not stay whole
     ASSERT_FALSE(HasFailure()) << "seed " << seed << ", round " << round;
   }
 }

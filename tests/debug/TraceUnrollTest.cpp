@@ -1,4 +1,4 @@
-// A log that CDebug has written through many wraps comes back in the order of time.
+// A log that CDebug has written through many wraps is read in the order of time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -28,7 +28,7 @@ std::string Line(int ms, const std::string& text) {
 }
 
 // A log that has wrapped: `newest` after the line of the wrap, then `older`, then `last`, the entry that crossed the
-// limit; the wrap has the stamp of that one.
+// limit; the wrap line has its stamp.
 std::string Wrapped(const std::string& head, int wrap_ms, const std::string& newest, const std::string& older,
                     const std::string& last) {
   const std::string size = std::to_string(head.size());
@@ -40,7 +40,7 @@ std::string Wrapped(const std::string& head, int wrap_ms, const std::string& new
   return head + wrap(std::to_string(before_last.size() + 1)) + newest + older + last;
 }
 
-// A writer through the facility that remembers what it has written, and what a reader must get back.
+// A writer that uses the facility and records what it has written and what a reader must return.
 class LogModel {
  public:
   explicit LogModel(std::uint64_t seed) : random_(seed) {}
@@ -80,10 +80,10 @@ class LogModel {
   std::size_t head_ = 0;
 };
 
-// The number that an entry's text begins with: "entry 12 xxx" => 12.
+// The number at the start of an entry's text: "entry 12 xxx" => 12.
 std::size_t NumberOf(const TraceEntry& entry) { return std::stoul(entry.lines.at(0).substr(6)); }
 
-// How many entries are whole in the bytes: their headers begin a line.
+// The number of whole entries in the bytes: their headers begin a line.
 std::size_t EntriesIn(const std::string& bytes) {
   const std::string_view behind_stamp = "] QxTrace       entry ";
   std::size_t count = 0;
@@ -94,8 +94,8 @@ std::size_t EntriesIn(const std::string& bytes) {
   return count;
 }
 
-// The entries must be texts in their order: the head, then without gap those up to the newest. Further lines of the
-// newest entry, and of the one that crossed the limit, may be in the piece after them.
+// The entries must be the texts in their order: the head, then, without a gap, those up to the newest. Further lines of
+// the newest entry, and of the one that crossed the limit, may be in the piece after them.
 void ExpectHeadAndNewest(const ReadBack& read, const LogModel& model) {
   std::vector<std::size_t> numbers;
   for (std::size_t i = 0; i < read.entries.size(); ++i) {
@@ -129,7 +129,7 @@ class TraceUnrollOracle : public testing::TestWithParam<int> {};
 
 }  // namespace
 
-TEST(TraceUnroll, LogThatHasNotWrappedComesAsItStands) {
+TEST(TraceUnroll, LogThatHasNotWrappedIsReadAsItIs) {
   const ReadBack read = Unroll(Line(1, "one") + Line(2, "two") + "more of two\n" + Line(2, "three"));
   ASSERT_EQ(read.entries.size(), 3U);
   EXPECT_EQ(read.entries[0].stamp, "2026-01-31 10:20:30.001");
@@ -142,7 +142,7 @@ TEST(TraceUnroll, LogThatHasNotWrappedComesAsItStands) {
   EXPECT_THAT(read.findings, IsEmpty());
 }
 
-TEST(TraceUnroll, WrappedLogComesAsHeadGapOlderWrapNewest) {
+TEST(TraceUnroll, WrappedLogIsReadAsHeadGapOlderWrapNewest) {
   const ReadBack read = Unroll(Wrapped(Line(1, "head"), 5, Line(7, "newest") + "the end of a cut one\n",
                                        Line(4, "older"), Line(5, "crossing the limit")));
   EXPECT_EQ(Shown(read),
@@ -157,14 +157,14 @@ TEST(TraceUnroll, ContinuationLinesStayWithTheirEntryInEveryPart) {
   EXPECT_EQ(Shown(read), "head: head|h2\ngap\nolder: old|o2\nolder: last\nwrap\nnewest: new|n2\nnewest: newest\n");
 }
 
-// An entry of the cycle before the last may have reached further than the one that ended the last.
+// An entry of an earlier cycle may have ended further on than the one that ended the last cycle.
 TEST(TraceUnroll, LinesAfterTheEntryThatCrossedTheLimitAreAPiece) {
   const ReadBack read =
       Unroll(Wrapped(Line(1, "head"), 5, Line(7, "newest"), Line(4, "old"), Line(5, "last") + "of a cycle before\n"));
   EXPECT_EQ(Shown(read), "head: head\ngap\nolder: old\nolder: last\npiece: of a cycle before\nwrap\nnewest: newest\n");
 }
 
-TEST(TraceUnroll, TextThatLooksLikeAWrapElsewhereIsAnEntryLikeOthers) {
+TEST(TraceUnroll, TextThatLooksLikeAWrapElsewhereIsAnEntry) {
   const std::string fake = "------ WRAP ----- Cycle=9, CntInitEnd=7, CurrentByteCnt=7 (MaxCnt=300)";
   const ReadBack read = Unroll(Line(1, "one") + Line(2, fake) + Line(3, "three"));
   EXPECT_EQ(Shown(read), "newest: one\nnewest: " + fake + "\nnewest: three\n");
@@ -178,7 +178,7 @@ TEST(TraceUnroll, LineThatLooksLikeAHeaderBeginsAnEntry) {
   EXPECT_EQ(Shown(Unroll(Line(1, "one\n" + Line(2, "quoted")))), "newest: one\nnewest: quoted|\n");
 }
 
-TEST(TraceUnroll, EntryThatTheFileEndsInIsCutAndAFinding) {
+TEST(TraceUnroll, EntryAtACutEndOfTheFileIsCutAndAFinding) {
   const ReadBack read = Unroll(Line(1, "one") + Line(2, "two").substr(0, 51));
   ASSERT_EQ(read.entries.size(), 2U);
   EXPECT_FALSE(read.entries[0].is_cut);
@@ -204,7 +204,7 @@ TEST(TraceUnroll, UnknownStampIsAnEntryWithoutATime) {
   EXPECT_THAT(read.entries[0].lines, ElementsAre("text"));
 }
 
-TEST(TraceUnroll, EntryOfManyMiBComesInParts) {
+TEST(TraceUnroll, EntryOfManyMiBIsReadInParts) {
   std::string big = Line(1, "big");
   for (int i = 0; i < 60000; ++i) big += std::string(60, 'z') + "\n";
   const ReadBack read = Unroll(big + std::string(3 << 20, 'w') + "\n" + Line(2, "next"));
@@ -248,7 +248,7 @@ TEST(TraceUnroll, CycleWithinOneMillisecondIsAFinding) {
   const std::string bytes = model.Bytes();
   const ReadBack read = Unroll(bytes);
   EXPECT_THAT(Kinds(read), ElementsAre(TraceFinding::Kind::kStampsAlike));
-  ExpectHeadAndNewest(read, model);  // the piece shows the place nevertheless
+  ExpectHeadAndNewest(read, model);  // the piece still shows the boundary
 }
 
 TEST(TraceUnroll, ClockThatWasSetBackIsAFinding) {
@@ -258,7 +258,7 @@ TEST(TraceUnroll, ClockThatWasSetBackIsAFinding) {
   EXPECT_EQ(Shown(read), "head: head\ngap\nolder: d\nolder: e\nwrap\nnewest: a\nnewest: b\nnewest: c\npiece: cut\n");
 }
 
-TEST(TraceUnroll, WriterThatGoesOnIsNoticed) {
+TEST(TraceUnroll, WriterThatContinuesIsNoticed) {
   LogModel model(2);
   ASSERT_TRUE(model.Start(600));
   model.EndInit();
@@ -271,7 +271,7 @@ TEST(TraceUnroll, WriterThatGoesOnIsNoticed) {
   EXPECT_TRUE(changed.Unroller().HasChanged());
 }
 
-TEST_P(TraceUnrollOracle, HeadAndNewestEntriesComeWithoutGapAfterEveryEntry) {
+TEST_P(TraceUnrollOracle, HeadAndNewestEntriesHaveNoGapAfterEveryEntry) {
   const int lines_max = GetParam();
   const std::uint64_t seed = Seed("TraceUnrollOracle");
   for (std::uint64_t round = 0; round < 8; ++round) {
@@ -279,7 +279,7 @@ TEST_P(TraceUnrollOracle, HeadAndNewestEntriesComeWithoutGapAfterEveryEntry) {
     ASSERT_TRUE(model.Start(static_cast<unsigned>(model.Random(0, 2500))));
     for (int i = model.Random(0, 8); i > 0; --i) model.Trace(3, lines_max);
     const bool wrapped_before = model.Bytes().find("WRAP") != std::string::npos;
-    if (wrapped_before) continue;  // a start that is longer than the log keeps only a part of itself
+    if (wrapped_before) continue;  // only a part of a start that is longer than the log is kept
     model.EndInit();
     for (int i = 0; i < 120; ++i) {
       model.Trace(3, lines_max);

@@ -1,4 +1,4 @@
-// The application's own weight variable has at most 47 characters, whatever the application is called.
+// The application's own weight variable has at most 47 characters, whatever the application's name.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -19,7 +19,7 @@ std::uint32_t WeightFrom(const std::string& name, const std::string& app_name) {
   return setup.Trace().Settings().ring_weight;
 }
 
-TEST(WeightVariable, NameThatFitsIsTakenWhole) {
+TEST(WeightVariable, NameThatFitsIsUsedWhole) {
   const std::string prefix = "QX_LOG_RINGBUF_WEIGHT_";
   const std::string fits(kNameMax - prefix.size(), 'A');
   EXPECT_EQ(WeightFrom(prefix + fits, fits), 3U);
