@@ -17,7 +17,8 @@ CLEANED = {
     "docs/report-names.md", "docs/report-store.md", "docs/sdk.md", "docs/security-model.md", "docs/testing-modules.md",
     "docs/trace-reading.md", "docs/trace-ring.md", "docs/trace.md", "docs/troubleshooting.md", "examples",
     "fuzz/CMakeLists.txt", "fuzz/markup", "fuzz/provider", "fuzz/qxctl", "fuzz/reportfile", "fuzz/support", "markup",
-    "packaging", "process", "script", "tests/base", "tests/docs", "tests/markup", "tests/package", "tests/process",
+    "packaging", "process", "script", "tests/base", "tests/debug", "tests/docs", "tests/inifile", "tests/markup",
+    "tests/module", "tests/package", "tests/process", "tests/provider", "tests/qxctl", "tests/reportfile",
     "tests/script", "tests/support", "tests/trust",
 }
 
