@@ -219,7 +219,7 @@ TEST_F(OwnFileAttack, GroupThatTheUserChoseCannotReadTheLog) {
   std::filesystem::remove(LogPath());
   ASSERT_TRUE(service_.Init());
   service_.Trace().Print(1, "secret");
-  EXPECT_EQ(StatusOf(LogPath()).st_gid, kOrdinaryUser);  // without the check the attack succeeds
+  EXPECT_EQ(StatusOf(LogPath()).st_gid, kOrdinaryUser);  // the log has the user's group
   EXPECT_EQ(StatusOf(LogPath()).st_mode & 07777U, 0600U);
   ExpectOwn(LogPath());
 }
@@ -243,8 +243,7 @@ TEST_F(OwnFileAttack, AccessListThatTheUserChoseDoesNotShowTheLog) {
   std::filesystem::remove(LogPath());
   ASSERT_TRUE(service_.Init());
   service_.Trace().Print(1, "secret");
-  EXPECT_GT(::getxattr(LogPath().c_str(), "system.posix_acl_access", nullptr, 0),
-            0);  // without the check the attack succeeds
+  EXPECT_GT(::getxattr(LogPath().c_str(), "system.posix_acl_access", nullptr, 0), 0);  // it has a list
   ExpectOwn(LogPath());
 }
 
@@ -265,7 +264,7 @@ TEST_F(OwnFileAttack, OrdinaryErrorOfTheRingIsNotReportedInTheSystemLog) {
 
 // One step of the user who swaps what the name leads to.
 void Swap(const std::string& path, const std::string& mine, const std::string& his, std::uint32_t size) {
-  (void)::rename(path.c_str(), his.c_str());  // the service's file, if it is there
+  (void)::rename(path.c_str(), his.c_str());  // the service's file, if it exists
   (void)MakeFile(mine, 0604, size);
   (void)::rename(mine.c_str(), path.c_str());
   (void)::rename(path.c_str(), mine.c_str());
@@ -277,7 +276,7 @@ void Swap(const std::string& path, const std::string& mine, const std::string& h
 // The service opens the file while the user swaps it: 10,000 times, and until the user's file was found ten times.
 // Every file that the service gets is its own. `size` as for OpenOwnFile.
 void RaceWithSwapper(const std::string& path, std::optional<std::uint64_t> size) {
-  const SyslogCapture syslog;  // one message for each file of his
+  const SyslogCapture syslog;  // one message for each file of the user
   const Attacker attacker([&path, mine = path + ".mine", his = path + ".his",
                            bytes = static_cast<std::uint32_t>(size.value_or(0))] { Swap(path, mine, his, bytes); });
   int opened = 0;
