@@ -1,4 +1,4 @@
-// Any bytes as a log or a ring file: reading it back ends, shows no byte that is not in it, and none twice.
+// Any bytes as a log or a ring file: a read ends, and returns only bytes of the file and no byte twice.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -15,7 +15,7 @@ void Require(bool holds) {
   if (!holds) std::abort();
 }
 
-// The lines of an entry are bytes of the file, from its place on; a hole between them is left out.
+// The lines of an entry are bytes of the file from its offset on, without the holes between them.
 void CheckEntry(std::string_view bytes, const TraceEntry& entry) {
   Require(entry.begin <= entry.end && entry.end <= bytes.size());
   if (entry.kind == TraceEntry::Kind::kGap) return;

@@ -1,5 +1,5 @@
-// The first line is a request, "KIND SECTION KEY VALUE" in single characters; the rest is a profile file. A plan that
-// is accepted can be carried out by the class and reads back.
+// The first line is a request, "KIND SECTION KEY VALUE" in single characters; the rest is a profile file. The class can
+// carry out an accepted plan, and the result is read back as planned.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

@@ -1,7 +1,7 @@
-// Reads and edits a profile file; a list of lines and the fgets form must tell the same at each step.
+// Reads and edits a profile file; a list of lines and the fgets form must have the same content after each step.
 //
-// An input is a script and a file. The script is the first line, three characters a step: what is done, and which of
-// a few section and key names it is done to. The bytes behind that line are the file.
+// An input is a script and a file. The script is the first line, with three characters for each step: an action, and
+// one of a few section and key names. The bytes after that line are the file.
 //   "sAa" set, "nAa" set a number, "kAa" delete a key, "dA." delete a section, "rAa" read, "lA." list, "cAB" copy
 #include <algorithm>
 #include <cstdint>

@@ -40,7 +40,7 @@ bool ReadInPortions(std::string_view bytes, std::size_t portion, CRegistryNode& 
   return qx::registry::RestoreFrom(lines, key) != qx::registry::Reading::kFailed;
 }
 
-// Quirk: a line of 1023 characters or more is not read as the line it was written as.
+// Quirk: a line of 1023 characters or more is not read as it was written.
 bool HasLongLine(std::string_view text) {
   while (!text.empty()) {
     const std::size_t length = std::min(text.find('\n'), text.size());
@@ -53,7 +53,7 @@ bool HasLongLine(std::string_view text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size == 0) return 0;  // a stream over no bytes cannot be opened
+  if (size == 0) return 0;  // a stream over 0 bytes cannot be opened
   std::string bytes(reinterpret_cast<const char*>(data), size);
   FILE* stream = fmemopen(bytes.data(), bytes.size(), "r");
   if (stream == nullptr) return 0;

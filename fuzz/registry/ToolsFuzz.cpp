@@ -1,5 +1,5 @@
 // Reads bytes as a registry file with the tools. The check and the load agree on whether it loads; a tree that may be
-// stored comes back as it is; a tree compared with itself, and put together from itself, does not differ.
+// stored is read back unchanged; a tree does not differ from itself, nor from a merge with itself.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
