@@ -31,10 +31,10 @@ std::string Quoted(std::string_view text) {
 
 std::string At(std::uint64_t line) { return "line " + std::to_string(line); }
 
-// How strtol sees the text after "=d=".
+// How strtol reads the text after "=d=".
 struct NumberReading {
   bool has_digits;
-  bool is_whole;  // nothing is left after the digits
+  bool is_whole;  // there is nothing after the digits
   bool fits;      // in 32 bits, signed
 };
 
@@ -48,11 +48,11 @@ NumberReading ReadNumber(std::string_view data) {
           .fits = errno == 0 && number >= INT32_MIN && number <= INT32_MAX};
 }
 
-// How the text after "=b=" is seen: numbers in base 16 until none is left.
+// How the text after "=b=" is read: numbers in base 16 up to the first text that is not one.
 struct BlockReading {
   std::size_t count = 0;
-  bool is_whole = false;  // nothing but blanks is left after the last number
-  bool fits = true;       // each in a byte
+  bool is_whole = false;  // only blanks are after the last number
+  bool fits = true;       // each fits into a byte
 };
 
 BlockReading ReadBlock(std::string_view data) {
@@ -71,7 +71,7 @@ BlockReading ReadBlock(std::string_view data) {
   return reading;
 }
 
-// Follows the reader through the file: the same pieces of lines, the same keys open.
+// Follows the reader through the file: the same pieces of lines, the same open keys.
 class Linter {
  public:
   explicit Linter(std::string_view bytes) : rest_(bytes) { keys_.emplace_back(); }
@@ -128,7 +128,7 @@ class Linter {
     }
     if (has_feed && !raw.empty() && raw.size() % kLineCharsMax == 0) {
       Error(line_, "line-of-1023",
-            "behind a line that fills the reader's buffer an empty one is read: it closes the key",
+            "after a line that fills the reader's buffer, an empty line is read: it closes the key",
             "shorten the line to 1022 characters");
     }
     if (Holds(raw, '\0')) {
@@ -140,7 +140,7 @@ class Linter {
     if (raw.ends_with('\r') && !std::exchange(has_told_carriage_return_, true)) {
       Error(line_, "carriage-return",
             "the line ends with a carriage return, which texts keep and with which an empty line closes no key",
-            "take them out of the whole file: sed -i 's/\\r$//' FILE");
+            "remove them from the whole file: sed -i 's/\\r$//' FILE");
     }
   }
 
@@ -164,23 +164,22 @@ class Linter {
     const std::string_view name = piece.substr(1, bracket - 1);
     if (const std::string_view behind = piece.substr(bracket + 1); !behind.empty() && behind != "\r") {
       Error(line_, "text-behind-bracket", "the line opens the key " + Quoted(name) + "; what follows is not read",
-            "remove what follows the first \"]\"; a name that holds one cannot be written");
+            "remove what follows the first \"]\"; a name with a \"]\" cannot be written");
     }
     if (name.find_first_of("\\/") != std::string_view::npos) {
-      Warn(line_, "unreachable-key",
-           "no path leads to the key " + Quoted(name) + ", because its name holds a separator",
+      Warn(line_, "unreachable-key", "no path leads to the key " + Quoted(name) + ", because its name has a separator",
            "write one key for each name on the path");
     }
     const bool is_hive = std::find(kHives.begin(), kHives.end(), name) != kHives.end();
     if (keys_.size() == 1 && !is_hive) {
-      Warn(line_, "unknown-hive", Quoted(name) + " is none of the five hives, so no program looks there",
+      Warn(line_, "unknown-hive", Quoted(name) + " is not one of the five hives, so no program reads it",
            "correct the name, or move the key into a hive");
     }
     Remember(name, true);
     keys_.emplace_back();
   }
 
-  // The last of several entries of a name wins.
+  // The last of several entries of a name is kept.
   void Remember(std::string_view name, bool is_key) {
     const auto [place, is_new] = keys_.back().try_emplace(name, Seen{line_, is_key});
     if (is_new) return;
@@ -190,7 +189,7 @@ class Linter {
             "the key " + Quoted(name) + " replaces the one of " + At(earlier.line) + " with everything in it",
             "put the content of both under one line");
     } else if (is_key != earlier.is_key) {
-      Error(line_, "name-taken", Quoted(name) + " replaces what " + At(earlier.line) + " gives that name",
+      Error(line_, "name-taken", Quoted(name) + " replaces what " + At(earlier.line) + " stores under that name",
             "give the value or the key another name");
     } else {
       Warn(line_, "duplicate-value", "the value " + Quoted(name) + " replaces the one of " + At(earlier.line),
@@ -213,7 +212,7 @@ class Linter {
       TakeBlock(name, marked.substr(3));
     } else {
       Warn(line_, "unknown-marker",
-           "behind the name " + Quoted(name) + " stands none of =s= =es= =d= =b=: it is not read",
+           "after the name " + Quoted(name) + " there is no =s=, =es=, =d= or =b=: the line is not read",
            "write the type, such as NAME=s=TEXT");
     }
   }
@@ -227,7 +226,7 @@ class Linter {
     const bool is_key = piece[first] == '[';
     Warn(line_, "no-value",
          is_key ? "the line is meant to open a key, but is not read" : "the line has no \"=\" and is not read",
-         is_key ? "write \"[\" in the first column and a \"]\" behind the name" : "remove it; the next save does");
+         is_key ? "write \"[\" in the first column and a \"]\" after the name" : "remove it; the next save does");
   }
 
   void TakeEntry(std::string_view name) {
@@ -240,11 +239,11 @@ class Linter {
     has_values_ = true;
     if (!reading.has_digits) {
       return Error(line_, "number-without-digits", "the value " + Quoted(name) + " has no digits: nothing is stored",
-                   "write a number behind =d=");
+                   "write a number after =d=");
     }
     if (!reading.is_whole && data.back() != '\r') {
       Error(line_, "number-changed", "the number of " + Quoted(name) + " ends before the line does",
-            "write digits alone behind =d=");
+            "write only digits after =d=");
     }
     if (!reading.fits) {
       Error(line_, "number-changed", "the number of " + Quoted(name) + " is cut to its low 32 bits",
@@ -289,7 +288,7 @@ class Linter {
     Keep({line, rule, LintSeverity::kError, std::move(explanation), std::move(fix)});
   }
 
-  // The rest of a long line is no line that anybody wrote: what is odd about it needs no word of its own.
+  // The rest of a long line is not a line that anybody wrote: it gets no findings of its own.
   void Warn(std::uint64_t line, const char* rule, std::string explanation, std::string fix) {
     if (is_rest_of_line_) return;
     ++result_.warnings;
@@ -302,7 +301,7 @@ class Linter {
 
   std::string_view rest_;
   std::uint64_t line_ = 0;
-  std::vector<Names> keys_;  // the open ones from the root on; empty: the root is closed
+  std::vector<Names> keys_;  // the open keys from the root on; empty: the root is closed
   bool is_rest_of_line_ = false;
   bool has_told_carriage_return_ = false;
   bool has_values_ = false;

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t kNoParent = static_cast<std::size_t>(-1);
 
-// A key that one tree, or both, have at one path. The paths of keys without changes are never put together.
+// A key that one tree, or both, have at one path. The paths of keys without changes are never built.
 struct Pair {
   const CRegistryNode* before;  // null: that tree lacks the key
   const CRegistryNode* after;
@@ -114,7 +114,7 @@ class Comparison {
   TreeDifference result_;
 };
 
-// --- what the file cannot hold
+// --- what the file cannot store
 
 constexpr std::size_t kMarkerChars[] = {0, 3, 4, 3, 3};
 
@@ -133,22 +133,22 @@ std::string TooLong(std::size_t chars) {
 bool Holds(std::string_view text, char c) { return text.find(c) != std::string_view::npos; }
 
 std::string WhyNotAsKey(std::string_view name) {
-  if (Holds(name, '\n')) return "the name holds a line feed";
+  if (Holds(name, '\n')) return "the name has a line feed";
   if (Holds(name, ']')) return "the name of a key ends at its first \"]\"";
   return {};
 }
 
 std::string WhyNotAsValue(std::string_view name, const TreeValue& value) {
   const bool is_text = value.type == REG_SZ || value.type == REG_EXPAND_SZ;
-  if (Holds(name, '\n')) return "the name holds a line feed";
+  if (Holds(name, '\n')) return "the name has a line feed";
   if (Holds(name, '=')) return "the name of a value ends at its first \"=\"";
-  if (is_text && Holds(value.bytes, '\n')) return "the text holds a line feed";
+  if (is_text && Holds(value.bytes, '\n')) return "the text has a line feed";
   const bool has_bracket = Holds(name, ']') || (is_text && Holds(value.bytes, ']'));
   if (name.starts_with('[') && has_bracket) return "the name begins with \"[\" and a \"]\" follows: it would be a key";
   return {};
 }
 
-// Empty when nothing is wrong with it.
+// Empty if nothing is wrong with it.
 std::string WhyNot(const StrMapEntry& entry) {
   const TreeValue value = ValueOf(entry.value);
   std::string reason = value.type == REG_NODE ? WhyNotAsKey(entry.name) : WhyNotAsValue(entry.name, value);
@@ -157,7 +157,7 @@ std::string WhyNot(const StrMapEntry& entry) {
   return chars >= kLineCharsMax ? TooLong(chars) : "";
 }
 
-// The first entry that is at fault by itself.
+// The first entry that cannot be stored by itself.
 std::optional<Refusal> FindFault(const CRegistryNode& tree) {
   std::vector<Pair> pairs = {{&tree, nullptr, kNoParent, {}}};
   for (std::size_t at = 0; at < pairs.size(); ++at) {
@@ -193,8 +193,8 @@ bool ParseTree(std::string_view bytes, CRegistryNode& tree) {
   return RestoreFrom(lines, tree) != Reading::kFailed;
 }
 
-// What decides is what a load makes of the file. The faults of single entries come first because they have a better
-// reason to give, and because a line that fills a reader's buffer does no harm only until something follows it.
+// A load of the file decides. Single entries are checked first: their reasons are better, and a line that fills a
+// reader's buffer does harm as soon as a line follows it.
 std::optional<Refusal> WhyNotStorable(const CRegistryNode& tree, std::string& text) {
   std::string formatted;
   if (!FormatTree(tree, formatted)) return Refusal{{}, {}, "there is not enough memory"};
@@ -203,7 +203,7 @@ std::optional<Refusal> WhyNotStorable(const CRegistryNode& tree, std::string& te
   const bool loads = ParseTree(formatted, again);
   const TreeDifference lost = Compare(tree, again, {.changes = 1});
   if (!lost.changes.empty()) {
-    return Refusal{lost.changes[0].key, lost.changes[0].name, "it does not come back from the file"};
+    return Refusal{lost.changes[0].key, lost.changes[0].name, "a load does not read it back"};
   }
   if (!loads) return Refusal{{}, {}, "no value is left, and a registry file without any value does not load"};
   text = std::move(formatted);

@@ -16,7 +16,7 @@ namespace {
 constexpr std::array<std::string_view, 5> kHives = {"HKEY_LOCAL_MACHINE", "HKEY_CURRENT_USER", "HKEY_USERS",
                                                     "HKEY_CLASSES_ROOT", "HKEY_CURRENT_CONFIG"};
 
-// The first name of a path, which loses it and the separator after it.
+// Removes the first name and the separator after it from a path, and returns the name.
 //   "A\B/C" => "A", "B/C"   "A\" => "A", ""   "\A" => "", "A"
 std::string_view TakeName(std::string_view& path) {
   const std::size_t length = std::min(path.find_first_of("\\/"), path.size());
@@ -98,24 +98,24 @@ EditState CheckValue(std::string_view key, std::string_view name, const TreeValu
   return is_text || value.type == REG_BINARY ? EditState::kDone : EditState::kBadType;
 }
 
-// A key at the root that is not a hive stays, but nothing new is put there: no program looks for it.
+// A key at the root that is not a hive stays, but nothing new is stored in it: no program reads it.
 bool BeginsWithHive(const CRegistryNode& tree, std::string_view path) {
   const std::string_view name = TakeName(path);
   return FindPresent(tree, name) != nullptr || std::find(kHives.begin(), kHives.end(), name) != kHives.end();
 }
 
-// "A/B/C" => "A/B" and "C"; a separator at the end counts for nothing
+// "A/B/C" => "A/B" and "C"; a separator at the end is ignored
 std::pair<std::string_view, std::string_view> SplitLast(std::string_view path) {
   if (path.ends_with('/') || path.ends_with('\\')) path.remove_suffix(1);
   const std::size_t separator = path.find_last_of("\\/");
   if (separator == std::string_view::npos) return {{}, path};
-  // With its separator: without it a path such as "/A", whose first name is empty, would lead to the root.
+  // With its separator: without it a path such as "/A", whose first name is empty, would be that of the root.
   return {path.substr(0, separator + 1), path.substr(separator + 1)};
 }
 
 }  // namespace
 
-// Whether the path can be made is known before the first key is.
+// Checks the whole path before it makes the first key.
 EditState SetValue(CRegistryNode& tree, std::string_view key, std::string_view name, const TreeValue& value) {
   if (const EditState checked = CheckValue(key, name, value); checked != EditState::kDone) return checked;
   if (!BeginsWithHive(tree, key)) return EditState::kNoHive;
@@ -154,7 +154,7 @@ EditState DeleteKey(CRegistryNode& tree, std::string_view key, bool recursive) {
 }
 
 const CRegistryNode* FindKey(const CRegistryNode& tree, std::string_view key) {
-  return Walk(const_cast<CRegistryNode&>(tree), key).key;  // nothing is changed on the way
+  return Walk(const_cast<CRegistryNode&>(tree), key).key;  // Walk changes nothing
 }
 
 EditState MergeInto(CRegistryNode& tree, const CRegistryNode& from) {

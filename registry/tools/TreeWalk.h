@@ -1,7 +1,7 @@
 // Visits the keys of a registry tree in the order of its file. The module does not link this.
 //
 // A file can nest keys as deep as it has lines, and the paths of a chain of keys grow with the square of its length. So
-// the walk keeps one path and a few bytes for each level, and ends at limits that no registry in use comes near to.
+// the walk keeps one path and a few bytes for each level, and ends at limits far above those of any registry in use.
 #pragma once
 
 #include <cstddef>
@@ -19,13 +19,12 @@ struct WalkLimits {
 
 // The walk over one key and everything below it.
 //
-// Threads: one thread; no other thread changes the tree meanwhile.
-// Owns: the path.
+// Threads: one thread; no other thread changes the tree during the walk. Owns: the path.
 class TreeWalk {
  public:
   TreeWalk(const CRegistryNode& first, std::string path, WalkLimits limits = {});
 
-  // Goes to the next key, at first to the first one; false at the end, or where the limit of the paths ends the walk.
+  // Goes to the next key, at first to the first one; false at the end, or if the limit of the paths ends the walk.
   // [owning thread]
   [[nodiscard]] bool Next();
 
