@@ -38,7 +38,7 @@ class CodeTest(unittest.TestCase):
             self.assertEqual(lines("base/A.h", f"// {text}\n"), [1], text)
         self.assertEqual(lines("base/A.h", f"// nothing is left\n//   {BEHIND}\n"), [])
         for text in (f"nothing is left {BEHIND}", f"the reader falls {BEHIND}", f"it lags {BEHIND}",
-                     f"it leaves {BEHIND} nothing", f"the file {BEHIND} a link"):
+                     f"it leaves {BEHIND} nothing", f"the file {BEHIND} a link", f"the rule text-{BEHIND}-bracket"):
             self.assertEqual(lines("base/A.h", f"// {text}\n"), [], text)
 
 
@@ -61,6 +61,12 @@ class PageTest(unittest.TestCase):
     def test_a_part_of_a_page_can_be_left_out(self):
         text = f"<!-- plain-english: off -->\n{WORD}\n<!-- plain-english: on -->\n{WORD}\n"
         self.assertEqual(lines("docs/a.md", text), [4])
+
+
+class SchemaTest(unittest.TestCase):
+    def test_descriptions_are_checked_and_names_are_not(self):
+        text = f'{{"{WORD}": {{\n"description": "{OTHER}"}},\n"title": "it is {WORD}"}}\n'
+        self.assertEqual(lines("docs/schemas/a.schema.json", text), [2, 3])
 
 
 class ScriptTest(unittest.TestCase):
