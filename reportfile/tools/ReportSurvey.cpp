@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/File.h"
+#include "reportfile/DirectoryListing.h"
 #include "reportfile/StoreFormat.h"
 #include "reportfile/tools/DurableFiles.h"
 #include "reportfile/tools/StoreBackup.h"
@@ -96,6 +97,18 @@ FoundReports FindReports(const std::string& directory) {
   found.error = tree.error;
   std::set<std::string> names;
   for (const BackupItem& item : tree.items) AddItem(item, names, found.unlisted);
+  found.names.assign(names.begin(), names.end());
+  return found;
+}
+
+FoundReports FindReportsIn(const std::string& directory) {
+  FoundReports found;
+  const Listing listing = ListDirectory(directory);
+  found.error = listing.error;
+  std::set<std::string> names;
+  for (const std::string& file : listing.names) {
+    if (const std::string report = ReportOf(file); !report.empty()) names.insert(report);
+  }
   found.names.assign(names.begin(), names.end());
   return found;
 }

@@ -30,6 +30,9 @@ struct FoundReports {
 // Reports of which one file is missing are included. [any thread]
 [[nodiscard]] FoundReports FindReports(const std::string& directory);
 
+// The same without subdirectories. [any thread]
+[[nodiscard]] FoundReports FindReportsIn(const std::string& directory);
+
 // How much of a report is read.
 enum class ReportCheck {
   kHeader,   // the header and the sizes (VerifyHeader)

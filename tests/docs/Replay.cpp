@@ -21,10 +21,11 @@ struct Varying {
 };
 
 constexpr Varying kVarying[] = {
-    {"times and rates in text", "()([0-9.]+)( ms| MB/s| records/s)"},
+    {"times and rates in text", "()([0-9.]+)( ms| MB/s| records/s| s ago)"},
     {"times and rates in JSON", "(econds\"|Second\")(: [-+0-9.e]+)(,|)"},
     {"the name of an unfinished backup", "(\\.partial-)([A-Za-z0-9]{6})(:)"},
     {"version and date of the build", R"(( version=\\?"| date=\\?")([-0-9./:]+)(\\?"))"},
+    {"the working directory of a message", R"(()(/home/operator|/[^ ]*/qx-test-[A-Za-z0-9]{6})(/))"},
     {"the working directory", R"(("reportDirectory": ")(/[^"]*)("))"},
 };
 

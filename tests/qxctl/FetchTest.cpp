@@ -161,8 +161,7 @@ TEST_F(QxctlFetch, MissingReportIsNotFoundAndLeavesTheOldFile) {
   const Ran ran = Qxctl({"fetch", "none", "-o", "out"});
   EXPECT_EQ(ran.code, 4);
   EXPECT_EQ(ran.out, "");
-  EXPECT_THAT(ran.err,
-              HasSubstr("qxctl: Report data for report 'none' could not be read: no such report in the report"));
+  EXPECT_THAT(ran.err, HasSubstr("qxctl: no report none in " + Dir().File("Reports") + ", which has no reports"));
   EXPECT_EQ(Out(), "old");
   EXPECT_THAT(FilesHere(), testing::ElementsAre("Reports", "out"));
   EXPECT_EQ(FetchJson("none")["outcome"], "not found");

@@ -107,7 +107,7 @@ TEST_F(QxctlFollow, FromNowPrintsAllRecordsOfALaterReport) {
 TEST_F(QxctlFollow, MissingReportIsNotFound) {
   const Ran ran = Follow({"--for", "5"});
   EXPECT_EQ(ran.code, 4);
-  EXPECT_THAT(ran.err, HasSubstr("no such report in the report directory"));
+  EXPECT_THAT(ran.err, HasSubstr("qxctl: no report load in " + Dir().File("Reports")));
 }
 
 TEST_F(QxctlFollow, WaitWaitsForTheReport) {

@@ -49,7 +49,7 @@ TEST_F(QxctlNames, BytesOfANameArePrintedAndControlBytesAreMadeVisible) {
 TEST_F(QxctlNames, ReportWithoutNamesFileIsNotFound) {
   const Ran ran = Qxctl({"names", "disk"});
   EXPECT_EQ(ran.code, 4);
-  EXPECT_THAT(ran.err, HasSubstr("Report instance names file not found"));
+  EXPECT_THAT(ran.err, HasSubstr("qxctl: no report disk in "));
 }
 
 TEST_F(QxctlNames, OtherVersionAndMissingPrivilegeAreRefused) {

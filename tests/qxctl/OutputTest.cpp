@@ -62,7 +62,7 @@ TEST_F(QxctlOutput, QuietLeavesOutNotesAndKeepsTheData) {
 TEST_F(QxctlOutput, QuietKeepsProblems) {
   const Ran ran = Run(With(missing_, {"--quiet"}));
   EXPECT_EQ(ran.code, 4);
-  EXPECT_THAT(ran.err, HasSubstr("qxctl: there is no Reports/nothing.ind"));
+  EXPECT_THAT(ran.err, HasSubstr("qxctl: no report nothing in Reports;"));
 }
 
 TEST_F(QxctlOutput, QuietKeepsFindingsAboutATrace) {
@@ -101,7 +101,7 @@ TEST_F(QxctlOutput, TerminalGetsColour) {
 }
 
 TEST_F(QxctlOutput, TerminalGetsProblemsInColour) {
-  EXPECT_THAT(RunOnTerminal(missing_).err, HasSubstr("\033[1;31mqxctl:\033[0m there is no Reports/nothing.ind"));
+  EXPECT_THAT(RunOnTerminal(missing_).err, HasSubstr("\033[1;31mqxctl:\033[0m no report nothing in Reports;"));
 }
 
 TEST_F(QxctlOutput, PipeGetsNoColour) {

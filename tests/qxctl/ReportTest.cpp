@@ -126,9 +126,7 @@ TEST_F(QxctlReport, MissingReportIsNotFoundAndTheMessageExplainsPath) {
     const Ran ran = Qxctl({"report", command, "Reports/none"});
     EXPECT_EQ(ran.code, 4);
     EXPECT_EQ(ran.out, "");
-    EXPECT_EQ(ran.err,
-              "qxctl: there is no Reports/none.ind; PATH is that of both files without .ind and .dat, and \"qxctl "
-              "report create\" makes a report\n");
+    EXPECT_EQ(ran.err, "qxctl: no report none in Reports, which has no reports; \"qxctl report create\" makes one\n");
   }
 }
 

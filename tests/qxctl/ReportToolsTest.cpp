@@ -73,7 +73,7 @@ TEST_F(QxctlReportTools, VerifyOfAMissingReportIsNotFoundAndOfAPipeAnIoFailure) 
   const Ran none = Qxctl({"report", "verify", "Reports/none"});
   EXPECT_EQ(none.code, 4);
   EXPECT_EQ(none.out, "");
-  EXPECT_THAT(none.err, StartsWith("qxctl: there is no Reports/none.ind and no Reports/none.dat"));
+  EXPECT_THAT(none.err, StartsWith("qxctl: no report none in Reports, which has no reports;"));
   ASSERT_EQ(mkfifo((ReportPath("p") + ".ind").c_str(), 0600), 0);
   WriteFile(ReportPath("p") + ".dat", "");
   EXPECT_EQ(Qxctl({"report", "verify", "p"}).code, 6);

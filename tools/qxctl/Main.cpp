@@ -25,6 +25,7 @@
 #include "tools/qxctl/report/ReportBackupCommand.h"
 #include "tools/qxctl/report/ReportCheckCommand.h"
 #include "tools/qxctl/report/ReportCommand.h"
+#include "tools/qxctl/report/ReportListCommand.h"
 #include "tools/qxctl/report/ReportNamesCommand.h"
 #include "tools/qxctl/settings/IniCommand.h"
 #include "tools/qxctl/settings/IniEditCommand.h"
@@ -72,6 +73,8 @@ constexpr const Command* kCommands[] = {
     &qx::ctl::kFetchCommand,
     &qx::ctl::kFollowCommand,
     &kReport,
+    &qx::ctl::kReportListCommand,
+    &qx::ctl::kReportStatusCommand,
     &qx::ctl::kReportCreateCommand,
     &qx::ctl::kReportAppendCommand,
     &qx::ctl::kReportCatCommand,

@@ -11,6 +11,7 @@
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/module/InstanceNames.h"
+#include "tools/qxctl/store/MissingReport.h"
 
 namespace qx::ctl {
 
@@ -41,7 +42,9 @@ Status Names(Context& context, const Values& values) {
   WorkerThread worker(*module, call.block);
   std::vector<Instance> instances;
   const CallResult answer = worker.Call(RequestFunction::kGetReportInstanceNames, NamesRequestText(report));
-  if (Status status = InstancesOf(answer, instances); !status.IsOk()) return status;
+  Status status = InstancesOf(answer, instances);
+  if (status.Code() == ExitCode::kNotFound) return NoNamesFile(report);
+  if (!status.IsOk()) return status;
 
   return ShowResult(
       context, values, [&] { return ToJson(report, instances); }, [&] { return ToText(instances); });

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "tools/qxctl/store/MissingReport.h"
+
 namespace qx::ctl {
 
 namespace {
@@ -41,7 +43,8 @@ Status ReportReader::AskOnce(std::int32_t start_index, std::optional<std::int32_
   module_seconds_ += call.seconds;
   reply = ParseReply(call);
   Status status = StatusOfReports(call, reply);
-  if (start_index == 0 || status.Code() != ExitCode::kNotFound) return status;
+  if (status.Code() != ExitCode::kNotFound) return status;
+  if (start_index == 0) return NoSuchReport(report_);
   return Status::Io(reply.message, reply.last_error.value_or(0));
 }
 

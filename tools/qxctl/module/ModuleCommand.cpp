@@ -13,6 +13,7 @@
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/module/InstanceNames.h"
 #include "tools/qxctl/module/ReportDocuments.h"
+#include "tools/qxctl/store/MissingReport.h"
 
 namespace qx::ctl {
 
@@ -71,6 +72,9 @@ Status StatusOfCall(RequestFunction function, const CallResult& call) {
 
 Status Print(Context& context, RequestFunction function, const CallResult& call, const Options& options) {
   Status status = StatusOfCall(function, call);
+  const bool is_missing = status.Code() == ExitCode::kNotFound && !options.request.name.empty();
+  if (is_missing && function == RequestFunction::kGetReports) status = NoSuchReport(options.request.name);
+  if (is_missing && function == RequestFunction::kGetReportInstanceNames) status = NoNamesFile(options.request.name);
   if (options.json) {
     if (Status printed = context.output.Document(CallToJson(function, call, status)); !printed.IsOk()) return printed;
     return status;

@@ -13,6 +13,7 @@
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
+#include "tools/qxctl/store/MissingReport.h"
 #include "tools/qxctl/store/ReportDirectory.h"
 
 namespace qx::ctl {
@@ -141,7 +142,7 @@ Status StatusOf(const BackupResult& result, const std::string& from, const std::
     case BackupState::kDone:
       return StatusOfItems(result);
     case BackupState::kNotFound:
-      return {ExitCode::kNotFound, "there is no report directory " + from};
+      return NoReportDirectory(from);
     case BackupState::kRefused:
       return {ExitCode::kRefused, to + " exists and is not empty, or lies in the report directory"};
     case BackupState::kFailed:

@@ -2,6 +2,8 @@
 #include "tools/qxctl/report/ReportCheckCommand.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -12,12 +14,14 @@
 
 #include "base/File.h"
 #include "reportfile/StoreFormat.h"
+#include "reportfile/tools/ReportSurvey.h"
 #include "reportfile/tools/StoreSalvage.h"
 #include "reportfile/tools/StoreVerify.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
+#include "tools/qxctl/store/MissingReport.h"
 #include "tools/qxctl/store/ReportDirectory.h"
 
 namespace qx::ctl {
@@ -31,11 +35,6 @@ using report::StoreVerdict;
 
 std::string Counted(std::uint64_t count, const char* one, const char* many) {
   return std::to_string(count) + " " + (count == 1 ? one : many);
-}
-
-Status NoSuchReport(const std::string& path) {
-  return {ExitCode::kNotFound, "there is no " + report::IndexFileName(path) + " and no " + report::DataFileName(path) +
-                                   "; a NAME is a report of the report directory, a PATH has a /"};
 }
 
 // --- verify
@@ -78,7 +77,7 @@ const char* NameOfState(StoreState state) {
   return "";
 }
 
-Status StatusOf(const StoreVerdict& verdict, const std::string& path) {
+Status StatusOf(const StoreVerdict& verdict, const std::string& report, const std::string& path) {
   switch (verdict.state) {
     case StoreState::kSound:
       return {};
@@ -87,7 +86,7 @@ Status StatusOf(const StoreVerdict& verdict, const std::string& path) {
     case StoreState::kChanged:
       return {ExitCode::kChanged, path + " changed each time it was read; back it up and verify the copy"};
     case StoreState::kNotFound:
-      return NoSuchReport(path);
+      return NoSuchReportNamed(report);
     case StoreState::kUnreadable:
       return Status::Io("cannot read " + verdict.file, verdict.error);
   }
@@ -148,16 +147,51 @@ std::string ToText(const Output& output, const StoreVerdict& verdict, const std:
   return text + ToText(look.findings, path);
 }
 
-Status Verify(Context& context, const Values& values) {
-  std::string path;
-  if (Status found = FindBasePath(values.Text("NAME|PATH"), path); !found.IsOk()) return found;
+Status VerifyOne(Context& context, const Values& values, const std::string& report, const std::string& path) {
   const StoreVerdict verdict = report::VerifyStore(path);
-  Status status = StatusOf(verdict, path);
+  Status status = StatusOf(verdict, report, path);
   const bool was_looked_at = verdict.state != StoreState::kNotFound && verdict.state != StoreState::kUnreadable;
   if (!was_looked_at) return status;
   return ShowResult(
       context, values, [&] { return ToJson(verdict, path, status.Code()); },
       [&] { return ToText(context.output, verdict, path); }, status);
+}
+
+// The more serious of two results of different reports; the first of two equal ones.
+Status Worse(const Status& first, Status second) { return second.Code() > first.Code() ? std::move(second) : first; }
+
+Status VerifyAll(Context& context, const Values& values) {
+  std::string directory;
+  if (Status status = FindReportDirectory(directory); !status.IsOk()) return status;
+  const report::FoundReports found = report::FindReports(directory);
+  if (found.error == ENOENT) return NoReportDirectory(directory);
+  if (found.error != 0) return Status::Io("cannot list " + Visible(directory), found.error);
+  Status worst;
+  std::size_t bad = 0;
+  for (const std::string& name : found.names) {
+    Status status = VerifyOne(context, values, name, directory + "/" + name);
+    if (!status.IsOk()) {
+      ++bad;
+      context.output.Problem(status);
+    }
+    worst = Worse(worst, std::move(status));
+  }
+  for (const report::UnlistedDirectory& each : found.unlisted) {
+    worst = Worse(worst, Status::Io("cannot list " + Visible(directory + "/" + each.name), each.error));
+    context.output.Problem("cannot list " + Visible(directory + "/" + each.name) + ": " + std::strerror(each.error));
+  }
+  context.output.Note(std::to_string(found.names.size() - bad) + " of " +
+                      Counted(found.names.size(), "report is sound", "reports are sound"));
+  return {worst.Code(), ""};  // each problem has been printed
+}
+
+Status Verify(Context& context, const Values& values) {
+  if (values.Flag("--all")) return VerifyAll(context, values);
+  const std::string report = values.Text("NAME|PATH");
+  if (report.empty()) return {ExitCode::kUsage, "name a report, or use --all; \"qxctl report list\" shows the reports"};
+  std::string path;
+  if (Status found = FindBasePath(report, path); !found.IsOk()) return found;
+  return VerifyOne(context, values, report, path);
 }
 
 // --- salvage
@@ -168,14 +202,14 @@ std::string TargetOf(const std::string& into, const std::string& path) {
   return std::filesystem::is_directory(into, error) ? into + "/" + file::NameOf(path) : into;
 }
 
-Status StatusOf(const report::SalvageResult& result, const std::string& path) {
+Status StatusOf(const report::SalvageResult& result, const std::string& report) {
   switch (result.state) {
     case report::SalvageState::kDone:
       break;
     case report::SalvageState::kTargetExists:
       return {ExitCode::kRefused, result.file + " exists already; a salvage never replaces anything"};
     case report::SalvageState::kNotFound:
-      return NoSuchReport(path);
+      return NoSuchReportNamed(report);
     case report::SalvageState::kFailed:
       return Status::Io("cannot salvage: " + result.file, result.error);
   }
@@ -205,11 +239,12 @@ std::string ToText(const report::SalvageResult& result, const std::string& targe
 }
 
 Status Salvage(Context& context, const Values& values) {
+  const std::string report = values.Text("NAME|PATH");
   std::string path;
-  if (Status found = FindBasePath(values.Text("NAME|PATH"), path); !found.IsOk()) return found;
+  if (Status found = FindBasePath(report, path); !found.IsOk()) return found;
   const std::string target = TargetOf(values.Text("--into"), path);
   const report::SalvageResult result = report::SalvageStore(path, target, !values.Flag("--indexed-only"));
-  Status status = StatusOf(result, path);
+  Status status = StatusOf(result, report);
   if (result.state != report::SalvageState::kDone) return status;
   return ShowResult(
       context, values, [&] { return ToJson(result, path, target, status.Code()); },
@@ -218,15 +253,22 @@ Status Salvage(Context& context, const Values& values) {
 
 // --- the commands
 
-constexpr Parameter kParameters[] = {
+constexpr Parameter kVerifyParameters[] = {
+    {.name = "NAME|PATH",
+     .kind = ValueKind::kReportOrStore,
+     .help = "A report of the report directory, or its files without endings"},
+    {.name = "--all",
+     .help = "All reports of the report directory, with --json a document each",
+     .excludes = {"NAME|PATH"}},
+};
+
+constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print the result as JSON"}};
+
+constexpr Parameter kSalvageParameters[] = {
     {.name = "NAME|PATH",
      .kind = ValueKind::kReportOrStore,
      .help = "A report of the report directory, or its files without endings",
      .is_required = true},
-    {.name = "--json", .help = "Print the result as JSON"},
-};
-
-constexpr Parameter kSalvageParameters[] = {
     {.name = "--into",
      .kind = ValueKind::kFile,
      .value = "DIR|PATH",
@@ -240,11 +282,11 @@ constexpr Parameter kSalvageParameters[] = {
 constinit const Command kReportVerifyCommand = {.words = "report verify",
                                                 .help = "Check a report's files against what their writer leaves",
                                                 .run = Verify,
-                                                .parameters = {kParameters}};
+                                                .parameters = {kVerifyParameters, kJsonParameters}};
 
 constinit const Command kReportSalvageCommand = {.words = "report salvage",
                                                  .help = "Save what is left of a damaged report into a new one",
                                                  .run = Salvage,
-                                                 .parameters = {kParameters, kSalvageParameters}};
+                                                 .parameters = {kSalvageParameters, kJsonParameters}};
 
 }  // namespace qx::ctl

@@ -1,10 +1,9 @@
 #include "tools/qxctl/report/ReportNamesCommand.h"
 
-#include <algorithm>
-#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "reportfile/tools/ReportSurvey.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/store/ReportDirectory.h"
 
@@ -12,20 +11,10 @@ namespace qx::ctl {
 
 namespace {
 
-constexpr std::string_view kIndexEnding = ".ind";
-
-// In the order of names. Empty if the directory cannot be read: a key that completes a name is no place for messages.
+// Empty if the directory cannot be read: a key that completes a name must not print messages.
 std::vector<std::string> ReportNames() {
-  std::vector<std::string> names;
-  std::error_code error;
-  for (std::filesystem::directory_iterator file(ReportDirectory(), error), end; !error && file != end;
-       file.increment(error)) {
-    std::string name = file->path().filename().string();
-    if (!name.ends_with(kIndexEnding) || name.find('\n') != std::string::npos) continue;
-    name.resize(name.size() - kIndexEnding.size());
-    names.push_back(std::move(name));
-  }
-  std::sort(names.begin(), names.end());
+  std::vector<std::string> names = report::FindReports(ReportDirectory()).names;
+  std::erase_if(names, [](const std::string& name) { return name.find('\n') != std::string::npos; });
   return names;
 }
 

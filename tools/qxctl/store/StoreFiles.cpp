@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "reportfile/StoreFormat.h"
+#include "tools/qxctl/store/MissingReport.h"
 
 namespace qx::ctl {
 
@@ -19,14 +20,17 @@ std::optional<std::int64_t> FileSize(const std::string& path) {
 }
 
 Status CheckStoreFiles(const std::string& base_path, int access_mode) {
-  for (const std::string& file : {report::IndexFileName(base_path), report::DataFileName(base_path)}) {
+  const std::string data = report::DataFileName(base_path);
+  const std::string index = report::IndexFileName(base_path);
+  const bool is_missing = access(index.c_str(), F_OK) != 0 && errno == ENOENT && access(data.c_str(), F_OK) != 0;
+  if (is_missing) return NoSuchReportAt(base_path);
+  for (const std::string& file : {index, data}) {
     const bool is_usable =
         FileSize(file).has_value() && faccessat(AT_FDCWD, file.c_str(), access_mode, AT_EACCESS) == 0;
     const int error = errno;
     if (is_usable) continue;
     if (error != ENOENT) return Status::Io("cannot open " + file, error);
-    return {ExitCode::kNotFound, "there is no " + file + "; PATH is that of both files without .ind and .dat, and " +
-                                     "\"qxctl report create\" makes a report"};
+    return {ExitCode::kNotFound, "there is no " + file + ", the other file of that report; put it back from a backup"};
   }
   return {};
 }

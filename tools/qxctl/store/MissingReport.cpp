@@ -1,0 +1,81 @@
+#include "tools/qxctl/store/MissingReport.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/File.h"
+#include "reportfile/StoreFormat.h"
+#include "reportfile/tools/ReportSurvey.h"
+#include "tools/qxctl/cli/text/NearNames.h"
+#include "tools/qxctl/cli/text/Quote.h"
+#include "tools/qxctl/cli/text/Text.h"
+#include "tools/qxctl/store/ReportDirectory.h"
+#include "tools/qxctl/store/ReportSettings.h"
+
+namespace qx::ctl {
+
+namespace {
+
+using report::FoundReports;
+
+std::string Counted(std::size_t count) { return std::to_string(count) + (count == 1 ? " report" : " reports"); }
+
+// What there is instead. `list` is the command that shows it.
+std::string Advice(const std::string& name, const FoundReports& found, const std::string& list) {
+  if (found.error != 0) return std::string("; that directory cannot be read: ") + std::strerror(found.error);
+  if (found.names.empty()) return ", which has no reports; \"qxctl report create\" makes one";
+  const std::string near = DidYouMean(NearNames(name, found.names));
+  return near.empty() ? "; \"" + list + "\" shows the " + Counted(found.names.size()) + " there" : near;
+}
+
+}  // namespace
+
+Status NoSuchReport(const std::string& name) {
+  const std::string directory = ReportDirectory();
+  const FoundReports found = report::FindReports(directory);
+  if (found.error == ENOENT) return NoReportDirectory(directory);
+  return {ExitCode::kNotFound, "no report " + Visible(name) + " in " + Visible(directory) +
+                                   Advice(name, found, "qxctl report list") + " (" +
+                                   WhatNamesTheDirectory(ReadReportSettings()) + ")"};
+}
+
+Status NoSuchReportAt(const std::string& base_path) {
+  const std::string directory = file::DirectoryOf(base_path);
+  const std::string name = file::NameOf(base_path);
+  const FoundReports found = report::FindReportsIn(directory);
+  const std::string list = "qxctl report list --reports " + Visible(ShellWord(directory));
+  const std::string advice = found.error == ENOENT ? "; there is no such directory" : Advice(name, found, list);
+  return {ExitCode::kNotFound, "no report " + Visible(name) + " in " + Visible(directory) + advice};
+}
+
+Status NoSuchReportNamed(const std::string& name_or_path) {
+  if (name_or_path.find('/') == std::string::npos) return NoSuchReport(name_or_path);
+  const std::string below = BasePathOfReport(name_or_path);
+  const bool is_report = !below.empty() && access(report::IndexFileName(below).c_str(), F_OK) == 0;
+  if (!is_report) return NoSuchReportAt(name_or_path);
+  return {ExitCode::kNotFound, "no report " + Visible(file::NameOf(name_or_path)) + " in " +
+                                   Visible(file::DirectoryOf(name_or_path)) + "; did you mean " + Visible(below) +
+                                   "? (an argument with a / is a path)"};
+}
+
+Status NoNamesFile(const std::string& name) {
+  const std::string base_path = BasePathOfReport(name);
+  if (base_path.empty() || access(report::IndexFileName(base_path).c_str(), F_OK) != 0) return NoSuchReport(name);
+  return {ExitCode::kNotFound,
+          "the report " + Visible(name) + " has no instance names: there is no file " + Visible(base_path) + ".names"};
+}
+
+Status NoReportDirectory(const std::string& directory) {
+  if (directory.empty()) {
+    return {ExitCode::kNotFound, "the registry names an empty report directory: " +
+                                     std::string(WhatNamesTheDirectory(ReadReportSettings())) +
+                                     "; \"qxctl setup\" shows how to name one"};
+  }
+  return {ExitCode::kNotFound, "there is no report directory " + Visible(directory) + "; \"install -d -m 0755 " +
+                                   Visible(ShellWord(directory)) + "\" makes it (" +
+                                   WhatNamesTheDirectory(ReadReportSettings()) + ")"};
+}
+
+}  // namespace qx::ctl

@@ -1,0 +1,35 @@
+// The one message about a report that does not exist: where it was searched, near names, and which value of the
+// registry names that place.
+#pragma once
+
+#include <string>
+
+#include "tools/qxctl/cli/Status.h"
+
+namespace qx::ctl {
+
+// kNotFound for the report `name` of the report directory.
+//   no report laod in /srv/reports; did you mean load? (ReportRoot in HKEY_LOCAL_MACHINE/.../Setup names that
+//   directory)
+// [the only thread]
+[[nodiscard]] Status NoSuchReport(const std::string& name);
+
+// The same for the path of a report's files without their endings. Only its own directory is searched.
+//   no report laod in ./Reports; did you mean load?
+[[nodiscard]] Status NoSuchReportAt(const std::string& base_path);
+
+// For an argument: a NAME, or a PATH if it has a "/". A path that is also the name of a report leads to that report.
+//   no report sda in disk; did you mean /srv/reports/disk/sda? (an argument with a / is a path)
+[[nodiscard]] Status NoSuchReportNamed(const std::string& name_or_path);
+
+// kNotFound for the names file of a report of the report directory: NoSuchReport if there is no such report either.
+//   the report load has no instance names: there is no file /srv/reports/load.names
+// [the only thread]
+[[nodiscard]] Status NoNamesFile(const std::string& name);
+
+// kNotFound for a report directory that does not exist.
+//   there is no report directory /srv/reports; "install -d -m 0755 /srv/reports" makes it (ReportRoot in ...)
+// [the only thread]
+[[nodiscard]] Status NoReportDirectory(const std::string& directory);
+
+}  // namespace qx::ctl

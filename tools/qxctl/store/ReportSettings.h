@@ -1,0 +1,62 @@
+// The values of the registry that name the report directory, and what looks like one of them but is not read.
+//
+// The pointer "Server Control" of one key names the suite's root; the key "Setup" below that root has ReportRoot, the
+// report directory itself, or FileRoot, the directory above "Reports" (provider/ServerControlPaths.h).
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "registry/RegistryNode.h"
+
+namespace qx::ctl {
+
+inline constexpr std::string_view kReportRoot = "ReportRoot";
+inline constexpr std::string_view kFileRoot = "FileRoot";
+inline constexpr std::string_view kRootPointer = "Server Control";
+inline constexpr std::string_view kPointerKey =
+    "HKEY_LOCAL_MACHINE/SYSTEM/CurrentControlSet/Control/UUID/C3681B60-0D26-11D3-8319-00A0C9B61E25";
+// As the pointer has it by default, without the hive.
+inline constexpr std::string_view kDefaultRoot = "SOFTWARE/Dremlor/Management/Server Control";
+
+// The report directory that "qxctl setup" names if it is not given another one.
+inline constexpr std::string_view kDefaultReportDirectory = "/var/lib/brollan/reports";
+
+// An entry that the module does not read, although it seems to be meant.
+struct SettingMistake {
+  enum class Kind {
+    kNearValue,  // the value `found` instead of `expected`, in the key `key`
+    kNearKey,    // the key `found` instead of `expected`, below the key `key`
+    kNoString,   // the value `expected` is a number or a block
+  };
+  Kind kind;
+  std::string key;
+  std::string found;
+  std::string expected;
+  std::string value;  // what is meant, as far as it is known: the string of `found`, or of the value below it
+};
+
+struct ReportSettings {
+  enum class Source { kDirectory, kDirectoryAbove, kNone };
+  Source source = Source::kNone;
+  std::string setup_key;  // from its hive on
+  std::string value;      // the one that counts, as the registry has it
+  std::vector<SettingMistake> mistakes;
+
+  // "ReportRoot", "FileRoot"; empty if neither is there.
+  [[nodiscard]] std::string_view Name() const;
+};
+
+// What a process that loads this tree reads. No other thread may use the tree meanwhile. [owning thread]
+[[nodiscard]] ReportSettings ReadReportSettings(const CRegistryNode& tree);
+
+// The same of the registry of this process, as CServerControlPaths reads it. [the only thread]
+[[nodiscard]] ReportSettings ReadReportSettings();
+
+// Which value names the report directory, as a clause for a message.
+//   ReportRoot => "ReportRoot in HKEY_LOCAL_MACHINE/.../Setup names that directory"
+//   neither    => "no registry value names a report directory, so it is "Reports" in the working directory; ..."
+[[nodiscard]] std::string WhatNamesTheDirectory(const ReportSettings& settings);
+
+}  // namespace qx::ctl
