@@ -46,7 +46,7 @@ AREAS = {
     "module": {"cli", "store"},
     "fetch": {"cli", "store", "module"},
     "report": {"cli", "store", "fetch", "module"},
-    "settings": {"cli"},
+    "settings": {"cli", "store"},
     "trace": {"cli"},
     "trial": {"cli", "store", "module"},
     "doctor": {"cli", "store", "module"},

@@ -44,6 +44,9 @@ TEST_F(QxctlSchema, EveryDocumentMatchesItsSchema) {
   EXPECT_EQ(Faults({"module", "replay", "what.json"}), "");
   EXPECT_EQ(Faults({"module", "replay", "what.json"}, "wrong-reply"), "");
   EXPECT_EQ(Faults({"doctor"}), "");
+  EXPECT_EQ(Faults({"setup", "--directory", "etc", "--reports", "srv"}), "");
+  EXPECT_EQ(Faults({"setup", "--directory", "etc", "--reports", "srv", "--apply"}), "");
+  EXPECT_EQ(Faults({"setup", "--directory", "etc", "--reports", "other"}), "");
   EXPECT_EQ(Faults({"explain", "--list"}), "");
 }
 

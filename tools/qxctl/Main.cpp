@@ -32,6 +32,7 @@
 #include "tools/qxctl/settings/RegistryCheckCommand.h"
 #include "tools/qxctl/settings/RegistryCommand.h"
 #include "tools/qxctl/settings/RegistryEditCommand.h"
+#include "tools/qxctl/settings/SetupCommand.h"
 #include "tools/qxctl/trace/TraceConfigCommand.h"
 #include "tools/qxctl/trace/TraceFollowCommand.h"
 #include "tools/qxctl/trace/TraceShowCommand.h"
@@ -103,6 +104,7 @@ constexpr const Command* kCommands[] = {
     &qx::ctl::kTraceShowCommand,
     &qx::ctl::kTraceFollowCommand,
     &qx::ctl::kTraceConfigCommand,
+    &qx::ctl::kSetupCommand,
     &qx::ctl::kDoctorCommand,
     &qx::ctl::kExplainCommand,
     &qx::ctl::kCompletionCommand,

@@ -1,11 +1,9 @@
 #include "tools/qxctl/doctor/Doctor.h"
 
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
-#include <filesystem>
 
 namespace qx::ctl {
 
@@ -20,19 +18,6 @@ bool Holds(const Codes& codes, std::string_view code) {
   return std::find(codes.begin(), codes.end(), code) != codes.end();
 }
 
-std::string WritableOnTheWay(const std::filesystem::path& path) {
-  std::filesystem::path part;
-  for (const std::filesystem::path& name : path) {
-    part /= name;
-    struct stat found;
-    if (lstat(part.c_str(), &found) != 0) return "";  // another finding reports what is missing
-    const bool is_open = !S_ISLNK(found.st_mode) && (found.st_mode & S_IWOTH) != 0;
-    const bool is_sticky = S_ISDIR(found.st_mode) && (found.st_mode & S_ISVTX) != 0;
-    if (is_open && !is_sticky) return part.string();
-  }
-  return "";
-}
-
 }  // namespace
 
 Severity SeverityOf(std::string_view code) {
@@ -45,14 +30,6 @@ const char* SectionOf(std::string_view code) {
   constexpr std::array<const char*, 5> kSections = {"module", "registry", "reports", "traces", "limits"};
   constexpr std::size_t kDigit = 2;
   return kSections[static_cast<std::size_t>(code[kDigit] - '1')];
-}
-
-std::string WritableByOthers(const std::string& path) {
-  std::error_code error;
-  const std::filesystem::path absolute = std::filesystem::absolute(path, error).lexically_normal();
-  std::string found = WritableOnTheWay(absolute);
-  if (found.empty()) found = WritableOnTheWay(std::filesystem::canonical(path, error));
-  return found;
 }
 
 void LookAtLimits(DoctorFindings& findings) {

@@ -7,6 +7,7 @@
 
 #include "debug/tools/TraceSettingSources.h"
 #include "registry/RegistryPaths.h"
+#include "tools/qxctl/store/WritablePath.h"
 
 namespace qx::ctl {
 
@@ -41,9 +42,5 @@ void LookAtModule(const DoctorPlaces& places, DoctorFindings& findings);
 void LookAtRegistry(const DoctorPlaces& places, DoctorFindings& findings);
 void LookAtReports(const DoctorPlaces& places, DoctorFindings& findings);
 void LookAtLimits(DoctorFindings& findings);
-
-// The first file or directory on the way to `path`, with its symbolic links followed too, that everybody may write; a
-// directory with the sticky bit protects what is in it. Empty if nobody can.
-[[nodiscard]] std::string WritableByOthers(const std::string& path);
 
 }  // namespace qx::ctl

@@ -8,6 +8,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -27,6 +28,7 @@
 #include "tools/qxctl/settings/RegistryFiles.h"
 #include "tools/qxctl/settings/RegistryText.h"
 #include "tools/qxctl/settings/Settings.h"
+#include "tools/qxctl/store/SettingCommands.h"
 
 namespace qx::ctl {
 
@@ -44,6 +46,7 @@ struct Options {
   std::string value;
   std::optional<int> type;
   bool recursive = false;
+  bool create = false;                 // set: also if no registry file loads
   std::string file;                    // import
   std::optional<std::string> replace;  // import
 };
@@ -112,6 +115,34 @@ Status CheckReading(Context& context, const std::string& file, std::string_view 
   return {};
 }
 
+// A file that a service loads instead of one without a value; empty if there is none.
+std::string FallbackOf(const RegistrySource& source) {
+  if (!source.file.empty()) return "";
+  for (const char* const name : {"registry.old", "registry.default"}) {
+    CRegistryNode tree;
+    const std::string path = source.directory + "/" + name;
+    if (CRegistry::ReadTree(path.c_str(), tree)) return path;
+  }
+  return "";
+}
+
+// A first value may be set where no file loads; it must not hide the settings that services work on.
+Status CheckFirst(const Options& options) {
+  const std::string fallback = FallbackOf(options.source);
+  if (fallback.empty()) return {};
+  return {ExitCode::kRefused, "services work on " + fallback + "; take it over first: \"" +
+                                  SettingCommands(options.source.directory).Import(fallback) + "\""};
+}
+
+// The directory that a new registry needs.
+Status CheckDirectory(const Options& options) {
+  std::error_code error;
+  const std::string directory = file::DirectoryOf(options.source.Path());
+  if (!options.create || std::filesystem::exists(directory, error)) return {};
+  return {ExitCode::kNotFound, "there is no directory " + directory + "; \"" +
+                                   SettingCommands(options.source.directory).Setup() + "\" makes it"};
+}
+
 Status CheckLoads(const std::string& file, bool loads) {
   if (loads) return {};
   return {ExitCode::kRefused, file +
@@ -163,17 +194,24 @@ Json ToJson(const Plan& plan, const Options& options, const ReplacedFile& edit) 
 // Whether the file has to load before `change` makes something of it.
 enum class OldTree { kNeeded, kReplaced };
 
+Status CheckOldTree(Context& context, const std::string& path, const FileImage& image, const Options& options) {
+  CRegistryNode probe;
+  const bool loads = registry::ParseTree(image.bytes, probe);
+  if (!loads && options.create) return CheckFirst(options);
+  if (Status status = CheckLoads(path, loads); !status.IsOk()) return status;
+  return CheckReading(context, path, image.bytes, options);
+}
+
 Status Edit(Context& context, const Values& values, const Options& options, OldTree old_tree, const Change& change) {
   const InterruptGuard guard;  // a signal ends the command when the edit is through
   const std::string path = options.source.Path();
+  if (Status status = CheckDirectory(options); !status.IsOk()) return status;
   ReplacedFile edit;
-  if (Status status = BeginEdit(edit, path, options.edit, old_tree == OldTree::kReplaced); !status.IsOk())
-    return status;
+  const bool may_be_missing = old_tree == OldTree::kReplaced || options.create;
+  if (Status status = BeginEdit(edit, path, options.edit, may_be_missing); !status.IsOk()) return status;
   Plan plan;
   if (old_tree == OldTree::kNeeded) {
-    CRegistryNode probe;
-    if (Status status = CheckLoads(path, registry::ParseTree(edit.Image().bytes, probe)); !status.IsOk()) return status;
-    if (Status status = CheckReading(context, path, edit.Image().bytes, options); !status.IsOk()) return status;
+    if (Status status = CheckOldTree(context, path, edit.Image(), options); !status.IsOk()) return status;
   }
   if (Status status = MakePlan(edit.Image(), change, plan); !status.IsOk()) return status;
   const bool has_changes = !plan.difference.changes.empty() || !edit.Image().exists;
@@ -258,6 +296,7 @@ Status Set(Context& context, const Values& values) {
   options.name = values.Text("NAME");
   options.value = values.Text("VALUE");
   if (values.Has("--type")) options.type = TypeNamed(values.Text("--type"));
+  options.create = values.Flag("--create");
   return Edit(context, values, options, OldTree::kNeeded, [&options](CRegistryNode& tree) {
     TreeValue value;
     if (Status status = ParseValue(options.value, TypeFor(options, tree), value); !status.IsOk()) return status;
@@ -316,6 +355,7 @@ constexpr Parameter kSetParameters[] = {
      .help = "string, expand, dword or binary; default: as it is, or string",
      .choices = kTypeNames,
      .ignores_case = true},
+    {.name = "--create", .help = "Also if there is no registry file, or none with a value"},
 };
 
 constexpr Parameter kDeleteParameters[] = {

@@ -1,0 +1,50 @@
+// What "qxctl setup" makes on a machine without a registry, and what an existing registry lacks.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "tools/qxctl/cli/Status.h"
+
+namespace qx::ctl {
+
+// The directories of a setup; each is absolute and has no "/" at its end.
+struct SetupPlaces {
+  std::string registry;
+  std::string reports;
+  std::string traces;
+  bool names_reports = false;  // the operator has named the report directory
+
+  [[nodiscard]] std::string RegistryFile() const { return registry + "/registry"; }
+};
+
+// A file or directory, as it is or as it would be made.
+struct SetupStep {
+  std::string path;
+  bool is_directory = true;
+  bool exists = false;
+  uid_t owner = 0;
+  gid_t group = 0;
+  mode_t mode = 0;
+};
+
+// Every directory that is missing comes after the one that it is in, the registry file last. kRefused if a name is
+// taken by a file, or everybody could exchange what is made.
+[[nodiscard]] Status PlanSteps(const SetupPlaces& places, std::vector<SetupStep>& steps);
+
+// Makes what does not exist, in the order of the steps. `text` is the registry file. A run that fails or is killed has
+// made no registry, so it can be repeated. [the only thread]
+[[nodiscard]] Status MakeSteps(const std::vector<SetupStep>& steps, const std::string& text);
+
+// The text of a first registry: the pointer to the suite's root, and ReportRoot.
+[[nodiscard]] Status FirstRegistry(const SetupPlaces& places, std::string& text);
+
+// Whether the directory has any file that a load would try.
+[[nodiscard]] bool HasRegistry(const std::string& directory);
+
+// The commands that make an existing registry name a report directory, and make the directories. None: all is well.
+[[nodiscard]] std::vector<std::string> CommandsFor(const SetupPlaces& places);
+
+}  // namespace qx::ctl
