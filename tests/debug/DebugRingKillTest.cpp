@@ -20,7 +20,7 @@ namespace {
 using qx::test::RingSetup;
 using qx::test::StartsWithShape;
 
-constexpr std::uint32_t kSize = 65536;
+constexpr std::uint32_t kKilledRingSize = 65536;
 constexpr std::string_view kEntryShape = "9999-99-99 99:99:99.999 [FFFFFFFF] QxTrace       ";
 
 // The number of entries that the killed child has written for certain.
@@ -45,7 +45,7 @@ std::string TextOf(int number) {
 }
 
 void WriteUntilKilled(RingSetup& setup, std::atomic<int>& acknowledged, bool is_new) {
-  if (is_new ? !setup.OpenRing(kSize) : !setup.Restart(kSize)) ::_exit(1);
+  if (is_new ? !setup.OpenRing(kKilledRingSize) : !setup.Restart(kKilledRingSize)) ::_exit(1);
   for (int number = acknowledged + 1;; ++number) {
     setup.Trace().Print(1, "%s", TextOf(number).c_str());
     acknowledged = number;
@@ -83,11 +83,11 @@ int WholeEntriesBefore(const std::string& ring, std::size_t end, int newest) {
 }
 
 void ExpectValidNumbers(const RingSetup& setup, const std::string& ring) {
-  ASSERT_EQ(ring.size(), kSize);
+  ASSERT_EQ(ring.size(), kKilledRingSize);
   for (const std::size_t number_at : {275U, 355U, 435U, 515U}) {
     ASSERT_TRUE(qx::debug::ReadRingNumber(ring.substr(number_at, 16)).has_value()) << number_at;
   }
-  ASSERT_EQ(setup.Number(5), kSize);
+  ASSERT_EQ(setup.Number(5), kKilledRingSize);
 }
 
 TEST(DebugRingKill, KilledWriterLeavesAcknowledgedEntriesAndValidNumbers) {

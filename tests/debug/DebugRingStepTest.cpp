@@ -18,7 +18,7 @@ namespace {
 
 using qx::test::RingSetup;
 
-constexpr std::uint32_t kSize = 32768;
+constexpr std::uint32_t kSteppedRingSize = 32768;
 constexpr std::string_view kNewest = "the newest entry\n";
 
 // The ring file as another process reads it while it is written.
@@ -26,12 +26,12 @@ class Reader {
  public:
   explicit Reader(const std::string& path) {
     const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    void* const map = ::mmap(nullptr, kSize, PROT_READ, MAP_SHARED, file, 0);
+    void* const map = ::mmap(nullptr, kSteppedRingSize, PROT_READ, MAP_SHARED, file, 0);
     ::close(file);
     if (map == MAP_FAILED) throw std::runtime_error("cannot map " + path);
-    bytes_ = {static_cast<const char*>(map), kSize};
+    bytes_ = {static_cast<const char*>(map), kSteppedRingSize};
   }
-  ~Reader() { ::munmap(const_cast<char*>(bytes_.data()), kSize); }
+  ~Reader() { ::munmap(const_cast<char*>(bytes_.data()), kSteppedRingSize); }
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
 
@@ -92,7 +92,7 @@ class SteppedWriter {
 
 TEST(DebugRingStep, EntryIsAbsentOrWholeAfterEveryInstruction) {
   RingSetup setup;
-  ASSERT_TRUE(setup.OpenRing(kSize));
+  ASSERT_TRUE(setup.OpenRing(kSteppedRingSize));
   setup.Trace().Print(1, "before");
   const Reader reader(setup.RingPath());
   const std::size_t position = reader.Position();
@@ -110,7 +110,7 @@ TEST(DebugRingStep, EntryIsAbsentOrWholeAfterEveryInstruction) {
 
 TEST(DebugRingStep, NewestEntryIsFoundAfterEveryInstructionOfAWrap) {
   RingSetup setup;
-  ASSERT_TRUE(setup.OpenRing(kSize));
+  ASSERT_TRUE(setup.OpenRing(kSteppedRingSize));
   setup.FillUpTo(60);
   const Reader reader(setup.RingPath());
   const std::size_t old_position = reader.Position();

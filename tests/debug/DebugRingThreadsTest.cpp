@@ -17,13 +17,13 @@ using qx::test::RingSetup;
 using qx::test::StartsWithShape;
 using qx::test::WriteFile;
 
-constexpr int kThreads = 8;
-constexpr int kEntriesEach = 400;
+constexpr int kRingThreads = 8;
+constexpr int kRingEntriesEach = 400;
 
 void RunThreads(const std::function<void(int)>& body) {
   std::vector<std::thread> threads;
-  threads.reserve(kThreads);
-  for (int t = 0; t < kThreads; ++t) threads.emplace_back(body, t);
+  threads.reserve(kRingThreads);
+  for (int t = 0; t < kRingThreads; ++t) threads.emplace_back(body, t);
   for (std::thread& thread : threads) thread.join();
 }
 
@@ -45,7 +45,7 @@ void ExpectEntriesOfAllThreads(const std::string& plain_entries) {
     ASSERT_EQ(line.substr(static_cast<std::size_t>(end)), std::string(static_cast<std::size_t>(entry % 97), 'x'));
     ASSERT_EQ(entry, next_of_thread[thread]++) << line;
   }
-  EXPECT_EQ(count, kThreads * kEntriesEach);
+  EXPECT_EQ(count, kRingThreads * kRingEntriesEach);
 }
 
 TEST(DebugRingThreads, EightThreadsLoseNoEntryWhileTheSettingsFilesChange) {
@@ -68,7 +68,7 @@ TEST(DebugRingThreads, EightThreadsLoseNoEntryWhileTheSettingsFilesChange) {
     }
   });
   RunThreads([&](int thread) {
-    for (int entry = 0; entry < kEntriesEach; ++entry) {
+    for (int entry = 0; entry < kRingEntriesEach; ++entry) {
       const std::string text(static_cast<std::size_t>(entry % 97), 'x');
       setup.Trace().Print(1, "\nt%d e%d %s", thread, entry, text.c_str());
     }
@@ -85,7 +85,7 @@ TEST(DebugRingThreads, WrapsKeepEveryEntryWhole) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(65536));
   RunThreads([&](int thread) {
-    for (int entry = 0; entry < kEntriesEach; ++entry) setup.Trace().Print(1, "t%02d e%03d", thread, entry);
+    for (int entry = 0; entry < kRingEntriesEach; ++entry) setup.Trace().Print(1, "t%02d e%03d", thread, entry);
   });
   EXPECT_GE(setup.Wraps(), 2U);
   const std::string ring = setup.Ring();
@@ -113,7 +113,7 @@ TEST(DebugRingThreads, OpeningClosingAndMarkingWhileOthersTraceIsSafe) {
     }
   });
   RunThreads([&](int thread) {
-    for (int entry = 0; entry < kEntriesEach / 4; ++entry) {
+    for (int entry = 0; entry < kRingEntriesEach / 4; ++entry) {
       setup.Trace().Print(1, "t%d e%d", thread, entry);
       setup.Trace().PrintAlways("always");
     }

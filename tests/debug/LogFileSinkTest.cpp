@@ -27,7 +27,7 @@ using qx::test::WriteFile;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-std::string Entry(std::string_view text) { return "S [T] QxTrace       " + std::string(text); }
+std::string LoggedEntry(std::string_view text) { return "S [T] QxTrace       " + std::string(text); }
 
 // The bytes that a text of `n` characters has in the log of TraceSetup, with its line feed.
 constexpr std::size_t EntryBytes(std::size_t n) { return TraceSetup::kHeaderBytes + n + 1; }
@@ -51,7 +51,7 @@ TEST(LogFileSink, EntryThatCrossesTheLimitIsWholeAndTheHeadStays) {
   EXPECT_EQ(log.back(), '\n');
   EXPECT_EQ(log[count - 2], 'f');
   const std::string line = "------ WRAP ----- Cycle=1, CntInitEnd=54, CurrentByteCnt=54 (MaxCnt=51200)\n";
-  const std::string wrapped = Entry("head\n") + Entry(line) + Entry("after the wrap\n");
+  const std::string wrapped = LoggedEntry("head\n") + LoggedEntry(line) + LoggedEntry("after the wrap\n");
   EXPECT_EQ(qx::test::WithoutStamps(log).substr(0, wrapped.size()), wrapped);
 }
 
@@ -70,7 +70,7 @@ TEST(LogFileSink, CountThatEqualsTheLimitDoesNotWrap) {
   setup.SetEnv("QX_LOG_FILE_MAX_SIZE", std::to_string(EntryBytes(5)).c_str());
   ASSERT_TRUE(setup.InitAtLevel(1));
   setup.Trace().Print(1, "12345");
-  EXPECT_EQ(setup.PlainLog(), Entry("12345\n"));
+  EXPECT_EQ(setup.PlainLog(), LoggedEntry("12345\n"));
 }
 
 TEST(LogFileSink, WithoutAHeadTheLogWrapsToItsStartAndOldTextStays) {
@@ -83,7 +83,7 @@ TEST(LogFileSink, WithoutAHeadTheLogWrapsToItsStartAndOldTextStays) {
   const std::string log = setup.Log();
   EXPECT_EQ(log.size(), EntryBytes(400));
   const std::size_t line_bytes = TraceSetup::kHeaderBytes + line.size();
-  EXPECT_EQ(qx::test::WithoutStamps(log.substr(0, line_bytes)), Entry(line));
+  EXPECT_EQ(qx::test::WithoutStamps(log.substr(0, line_bytes)), LoggedEntry(line));
   EXPECT_EQ(log.substr(line_bytes), std::string(EntryBytes(400) - 1 - line_bytes, 'o') + "\n");
 }
 
@@ -113,7 +113,7 @@ TEST(LogFileSink, LimitOfZeroWrapsAtEveryEntry) {
   ASSERT_TRUE(setup.InitAtLevel(1));
   for (int i = 0; i < 3; ++i) setup.Trace().Print(1, "e%d", i);
   const std::string line = "------ WRAP ----- Cycle=3, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=0)\n";
-  EXPECT_EQ(setup.PlainLog().substr(0, Entry(line).size()), Entry(line));
+  EXPECT_EQ(setup.PlainLog().substr(0, LoggedEntry(line).size()), LoggedEntry(line));
 }
 
 // The length of the longest wrap line at a limit below 1000 bytes.
@@ -157,7 +157,7 @@ TEST(LogFileSink, SecondInitCountsBytesAndCyclesAgain) {
   ASSERT_TRUE(setup.Init());
   setup.Trace().Print(1, "%s", std::string(300, 'x').c_str());
   const std::string line = "------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=100)\n";
-  EXPECT_EQ(setup.PlainLog().substr(0, Entry(line).size()), Entry(line));
+  EXPECT_EQ(setup.PlainLog().substr(0, LoggedEntry(line).size()), LoggedEntry(line));
 }
 
 TEST(LogFileSink, WrapThatCannotSeekIsReportedAndTracingContinues) {
@@ -177,7 +177,8 @@ TEST(LogFileSink, WrapThatCannotSeekIsReportedAndTracingContinues) {
   ::close(ends[0]);
   ASSERT_GT(got, 0);
   EXPECT_EQ(qx::test::WithoutStamps({piped, static_cast<std::size_t>(got)}),
-            Entry("twelve bytes\n") + Entry("------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=60)\n"));
+            LoggedEntry("twelve bytes\n") +
+                LoggedEntry("------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=60)\n"));
 }
 
 TEST(LogFileSink, ShortWritesAreContinued) {
@@ -189,7 +190,7 @@ TEST(LogFileSink, ShortWritesAreContinued) {
     EXPECT_EQ(writes.Calls(), 9);  // 57 bytes
   }
   setup.Trace().Print(1, "next");
-  EXPECT_EQ(setup.PlainLog(), Entry("abcdefg\n") + Entry("next\n"));
+  EXPECT_EQ(setup.PlainLog(), LoggedEntry("abcdefg\n") + LoggedEntry("next\n"));
 }
 
 TEST(LogFileSink, FullDiskLosesOnlyTheEntry) {
@@ -205,7 +206,7 @@ TEST(LogFileSink, FullDiskLosesOnlyTheEntry) {
   ::close(kept);
   ::close(full);
   setup.Trace().Print(1, "after");
-  EXPECT_EQ(setup.PlainLog(), Entry("before\n") + Entry("after\n"));
+  EXPECT_EQ(setup.PlainLog(), LoggedEntry("before\n") + LoggedEntry("after\n"));
 }
 
 TEST(LogFileSink, OnlyWrittenBytesCountTowardsTheLimit) {
@@ -221,7 +222,7 @@ TEST(LogFileSink, OnlyWrittenBytesCountTowardsTheLimit) {
   ::close(kept);
   ::close(full);
   setup.Trace().Print(1, "after");
-  EXPECT_EQ(setup.PlainLog(), Entry("after\n"));
+  EXPECT_EQ(setup.PlainLog(), LoggedEntry("after\n"));
 }
 
 TEST(LogFileSink, IsOpenedCloseOnExecWithMode0640LessTheUmask) {

@@ -80,7 +80,7 @@ TEST(LogPlan, LostBytesAreThoseFromThePositionToTheOldestEntry) {
   EXPECT_EQ(LostBytes(wrap, 4, 600, 300), 400U + 2 * 900U + 200U);
 }
 
-std::string Line(int ms, const std::string& text) {
+std::string PlannedLine(int ms, const std::string& text) {
   return "2026-01-31 10:20:30.00" + std::to_string(ms) + " [0A1B2C3D] App           " + text + "\n";
 }
 
@@ -90,7 +90,7 @@ LogHistory HistoryOf(const std::string& bytes) {
 }
 
 TEST(LogPlan, FirstSnapshotReturnsEverythingOrOnlyItsEnd) {
-  const std::string log = Line(1, "one") + Line(2, "two");
+  const std::string log = PlannedLine(1, "one") + PlannedLine(2, "two");
   const LogPlan all = PlanLog({}, log + "an unfinished li", true);
   ASSERT_EQ(all.ranges.size(), 1U);
   EXPECT_EQ(all.ranges[0].end, log.size());
@@ -100,8 +100,8 @@ TEST(LogPlan, FirstSnapshotReturnsEverythingOrOnlyItsEnd) {
 }
 
 TEST(LogPlan, AppendedEntriesAreOneRange) {
-  const std::string old = Line(1, "one");
-  const LogPlan plan = PlanLog(HistoryOf(old), old + Line(2, "two"), true);
+  const std::string old = PlannedLine(1, "one");
+  const LogPlan plan = PlanLog(HistoryOf(old), old + PlannedLine(2, "two"), true);
   ASSERT_EQ(plan.ranges.size(), 1U);
   EXPECT_EQ(plan.ranges[0].begin, old.size());
   EXPECT_EQ(plan.end, plan.ranges[0].end);
@@ -110,31 +110,31 @@ TEST(LogPlan, AppendedEntriesAreOneRange) {
 
 // The file ended its cycle with "three", wrapped to 0 and wrote "four".
 TEST(LogPlan, EndOfTheOldCycleIsBeforeTheNewOne) {
-  const std::string old = Line(1, "one") + Line(2, std::string(200, '2'));
-  const std::string wrap = Line(3, "------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=300)");
-  std::string now = old + Line(3, "three");
-  now.replace(0, wrap.size() + Line(4, "four").size(), wrap + Line(4, "four"));
+  const std::string old = PlannedLine(1, "one") + PlannedLine(2, std::string(200, '2'));
+  const std::string wrap = PlannedLine(3, "------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=300)");
+  std::string now = old + PlannedLine(3, "three");
+  now.replace(0, wrap.size() + PlannedLine(4, "four").size(), wrap + PlannedLine(4, "four"));
   const LogPlan plan = PlanLog(HistoryOf(old), now, true);
   ASSERT_EQ(plan.ranges.size(), 2U);
-  EXPECT_EQ(now.substr(plan.ranges[0].begin), Line(3, "three"));
+  EXPECT_EQ(now.substr(plan.ranges[0].begin), PlannedLine(3, "three"));
   EXPECT_EQ(plan.ranges[1].begin, 0U);
-  EXPECT_EQ(plan.end, wrap.size() + Line(4, "four").size());
+  EXPECT_EQ(plan.end, wrap.size() + PlannedLine(4, "four").size());
 }
 
 TEST(LogPlan, SecondSnapshotConfirmsOnlyTheSameBytes) {
-  const std::string old = Line(1, "one");
-  const std::string now = old + Line(2, "two");
+  const std::string old = PlannedLine(1, "one");
+  const std::string now = old + PlannedLine(2, "two");
   const LogPlan plan = PlanLog(HistoryOf(old), now, true);
-  EXPECT_TRUE(Confirms(plan, now, now + Line(3, "three")));
-  EXPECT_FALSE(Confirms(plan, now, old + Line(2, "xxx")));
-  EXPECT_FALSE(Confirms(plan, now, Line(2, "one") + Line(2, "two")));
+  EXPECT_TRUE(Confirms(plan, now, now + PlannedLine(3, "three")));
+  EXPECT_FALSE(Confirms(plan, now, old + PlannedLine(2, "xxx")));
+  EXPECT_FALSE(Confirms(plan, now, PlannedLine(2, "one") + PlannedLine(2, "two")));
   EXPECT_FALSE(Confirms(plan, now, old));
 }
 
 TEST(LogPlan, LastEntryBeginsAtTheLastHeader) {
-  const std::string log = Line(1, "one") + Line(2, "two") + "of two\n";
+  const std::string log = PlannedLine(1, "one") + PlannedLine(2, "two") + "of two\n";
   const TraceRange range{TraceRange::Kind::kEntries, debug::TracePart::kNewest, 0, log.size()};
-  EXPECT_EQ(debug::LastEntryBegin(log, range), Line(1, "one").size());
+  EXPECT_EQ(debug::LastEntryBegin(log, range), PlannedLine(1, "one").size());
 }
 
 }  // namespace

@@ -107,18 +107,18 @@ TEST(Attribute, RandomTagsHaveTheSameAttributesAsInThePlainWalk) {
   }
 }
 
-struct Node {
+struct TagNode {
   NodeType type;
   std::size_t start;
   std::size_t end;
   std::string name;
   SyntaxFault fault;
 
-  friend bool operator==(const Node&, const Node&) = default;
+  friend bool operator==(const TagNode&, const TagNode&) = default;
 };
 
-std::vector<Node> Nodes(std::string_view text, std::string_view expected_name) {
-  std::vector<Node> nodes;
+std::vector<TagNode> Nodes(std::string_view text, std::string_view expected_name) {
+  std::vector<TagNode> nodes;
   TokenPos token(text);
   for (;;) {
     token.expected_name = expected_name;
@@ -136,7 +136,7 @@ TEST(Attribute, ExpectedNameDoesNotChangeTheNodes) {
   for (int round = 0; round < 5000; ++round) {
     std::string text;
     for (std::size_t pieces = random() % 10; pieces > 0; --pieces) text += kPieces[random() % std::size(kPieces)];
-    const std::vector<Node> plain = Nodes(text, "");
+    const std::vector<TagNode> plain = Nodes(text, "");
     ASSERT_EQ(Nodes(text, "a"), plain) << text;
     ASSERT_EQ(Nodes(text, "ab"), plain) << text;
   }

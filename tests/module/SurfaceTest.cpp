@@ -23,7 +23,7 @@ using qx::test::ReadFile;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr bool kSanitized = QX_SANITIZED;
+constexpr bool kSurfaceIsSanitized = QX_SANITIZED;
 
 std::vector<std::string> LinesOf(const std::string& text) {
   std::istringstream in(text);
@@ -48,7 +48,7 @@ TEST(ModuleSurface, ExportsExactlyTheListedSymbols) {
 }
 
 TEST(ModuleSurface, NeedsTheLanguageAndSystemLibrariesOnly) {
-  if (kSanitized) GTEST_SKIP() << "the sanitizer's own library is needed, too";
+  if (kSurfaceIsSanitized) GTEST_SKIP() << "the sanitizer's own library is needed, too";
   for (const std::string& line : LinesOf(OutputOf("readelf -dW " QX_MODULE_PATH))) {
     if (line.find("(NEEDED)") == std::string::npos) continue;
     EXPECT_THAT(line,
@@ -108,7 +108,7 @@ TEST_F(ModuleFromElsewhere, LinkedProgramInPlainCReachesEveryEntryPoint) {
 
 TEST_F(ModuleFromElsewhere, PythonLoadsTheModuleAndCallsIt) {
   std::string preload;
-  if (kSanitized) {  // the address sanitizer's library must come first in a program that was built without it
+  if (kSurfaceIsSanitized) {  // the address sanitizer's library must come first in a program that was built without it
     const std::string library = OutputOf("ldd " QX_MODULE_PATH " | sed -n 's/.*=> \\(.*libasan[^ ]*\\) .*/\\1/p'");
     preload = "ASAN_OPTIONS=detect_leaks=0 LD_PRELOAD=" + library.substr(0, library.find('\n')) + " ";
   }

@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr unsigned kNone = 0xFFFFFFFFU;
+constexpr unsigned kNoHandles = 0xFFFFFFFFU;
 
 // Makes a system call of this process fail with EAGAIN from now on, as fork does at the limit of processes.
 bool Forbid(long call) {
@@ -66,7 +66,7 @@ TEST(ProcessFork, FailedForkGivesNoProcessAndRestoresTheDirectory) {
                 unsigned exit_code = 1;
                 if (CProcess::execute_command("true", pid, exit_code, dir.Path().c_str(), false, async, false))
                   return 2;
-                if (pid != kNone || exit_code != kNone) return 3;
+                if (pid != kNoHandles || exit_code != kNoHandles) return 3;
                 std::string after;
                 if (!CProcess::GetCurrentDir(after) || after != before) return 4;
               }

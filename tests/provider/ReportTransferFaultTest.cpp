@@ -36,12 +36,12 @@ class ReportTransferFault : public qx::test::TransferInRace {
 class ReportTransferRace : public ReportTransferFault {};
 
 // Records of 400 bytes: an unreadable offset of the data file is beyond the end of the index file.
-std::string Line(char letter) { return std::string(398, letter); }
-std::string Record(char letter) { return Line(letter) + "\r\n"; }
+std::string LineOf(char letter) { return std::string(398, letter); }
+std::string Record(char letter) { return LineOf(letter) + "\r\n"; }
 constexpr off_t kRecordBytes = 400;
 
 TEST_F(ReportTransferFault, TransferEndsBeforeARecordThatCannotBeRead) {
-  Append("r1", 10, {Line('0'), Line('1'), Line('2'), Line('3'), Line('4')});
+  Append("r1", 10, {LineOf('0'), LineOf('1'), LineOf('2'), LineOf('3'), LineOf('4')});
   for (const TransferOptions::Path path : kPaths) {
     CThreadData data;
     {
@@ -57,7 +57,7 @@ TEST_F(ReportTransferFault, TransferEndsBeforeARecordThatCannotBeRead) {
 }
 
 TEST_F(ReportTransferFault, UnreadableRecordIsTracedAsAReportThatCannotBeOpened) {
-  Append("r1", 10, {Line('0'), Line('1')});
+  Append("r1", 10, {LineOf('0'), LineOf('1')});
   CThreadData data;
   const ScopedBadByte bad(kRecordBytes + 100);
   const TraceCapture trace(1);
@@ -68,7 +68,7 @@ TEST_F(ReportTransferFault, UnreadableRecordIsTracedAsAReportThatCannotBeOpened)
 }
 
 TEST_F(ReportTransferFault, RecordsWithoutTextBeforeAnUnreadableOneAreNoReply) {
-  Append("r1", 10, {Line('0'), Line('1')});
+  Append("r1", 10, {LineOf('0'), LineOf('1')});
   std::string bytes = qx::test::ReadFile(BasePath("r1") + ".dat");
   bytes[0] = '\0';
   qx::test::WriteFile(BasePath("r1") + ".dat", bytes);

@@ -35,7 +35,7 @@ struct StoreBytes {
   std::string data;
 };
 
-struct Request {
+struct RandomRequest {
   int start;
   int limit;  // -1: no limit
 };
@@ -64,7 +64,8 @@ std::string AsCdataText(std::string text) {
 }
 
 // One call in the plainest form: one readLine for each record, every step as the documents describe it.
-Reply ModelCall(Model& model, const std::string& path, const Request& request, const std::function<void()>& meanwhile) {
+Reply ModelCall(Model& model, const std::string& path, const RandomRequest& request,
+                const std::function<void()>& meanwhile) {
   if (request.start == 0) {
     model.store.Close();
     model.calls = 0;
@@ -124,7 +125,7 @@ class ReportTransferRandom : public qx::test::TransferFixture {
     std::filesystem::remove(Path() + ".dat");
   }
 
-  Reply RealCall(CThreadData& data, const Request& request, TransferOptions::Path path,
+  Reply RealCall(CThreadData& data, const RandomRequest& request, TransferOptions::Path path,
                  const std::function<void()>& meanwhile) {
     CMarkup in;
     (void)in.SetDoc(("<ReportData Name=\"r\" StartIndex=\"" + std::to_string(request.start) + "\" NrRecords=\"" +
@@ -142,7 +143,7 @@ class ReportTransferRandom : public qx::test::TransferFixture {
 
   // A transfer of some calls over the store. `change`, if there is one, is applied to the store between the calls and,
   // often, after the first read.
-  void CompareTransfer(Random& random, const std::vector<Request>& requests,
+  void CompareTransfer(Random& random, const std::vector<RandomRequest>& requests,
                        const std::function<void(std::uint64_t)>& change);
 };
 
@@ -180,8 +181,8 @@ void Damage(Random& random, std::string& bytes) {
   }
 }
 
-std::vector<Request> RandomRequests(Random& random) {
-  std::vector<Request> requests;
+std::vector<RandomRequest> RandomRequests(Random& random) {
+  std::vector<RandomRequest> requests;
   for (std::int64_t calls = Pick(random, 1, 4); calls > 0; --calls) {
     const auto limit = static_cast<int>(OneIn(random, 2) ? -1 : Pick(random, -2, 6));
     requests.push_back({static_cast<int>(OneIn(random, 3) ? 0 : Pick(random, -6, 14)), limit});
@@ -189,7 +190,7 @@ std::vector<Request> RandomRequests(Random& random) {
   return requests;
 }
 
-void ReportTransferRandom::CompareTransfer(Random& random, const std::vector<Request>& requests,
+void ReportTransferRandom::CompareTransfer(Random& random, const std::vector<RandomRequest>& requests,
                                            const std::function<void(std::uint64_t)>& change) {
   struct Way {
     TransferOptions::Path path;
@@ -199,7 +200,7 @@ void ReportTransferRandom::CompareTransfer(Random& random, const std::vector<Req
                 {TransferOptions::Path::kInRuns, {}},
                 {TransferOptions::Path::kIntoReply, {}}};
   Model model;
-  for (const Request& request : requests) {
+  for (const RandomRequest& request : requests) {
     const StoreBytes before = change ? Saved() : StoreBytes();
     const std::uint64_t meanwhile_seed = change && OneIn(random, 2) ? random() : 0;
     const auto meanwhile = [&] {

@@ -19,7 +19,7 @@ namespace {
 using ctl::BlockFromJson;
 using ctl::BlockToJson;
 using ctl::CallFileText;
-using Json = ctl::CallJson;
+using ctl::CallJson;
 using ctl::ParseCallFile;
 using ctl::RawBlock;
 using ctl::RecordedCall;
@@ -62,14 +62,14 @@ std::string Problem(const std::string& text) {
 }
 
 // A good file with one key changed.
-std::string With(const char* key, const Json& value) {
-  Json document = Json::parse(CallFileText(Everything()));
+std::string With(const char* key, const CallJson& value) {
+  CallJson document = CallJson::parse(CallFileText(Everything()));
   document[key] = value;
   return document.dump();
 }
 
 std::string WithElement(const char* element) {
-  return With("block", {{"version", 1}, {"tag", "KRX"}, {"size", 0}, {"elements", {Json::parse(element)}}});
+  return With("block", {{"version", 1}, {"tag", "KRX"}, {"size", 0}, {"elements", {CallJson::parse(element)}}});
 }
 
 }  // namespace
@@ -90,7 +90,7 @@ TEST(CallFile, WrittenCallIsReadBackAndWrittenAsTheSameBytes) {
 }
 
 TEST(CallFile, BlockBuiltFromAFileIsWrittenAsTheSameFile) {
-  const Json json = Everything().block;
+  const CallJson json = Everything().block;
   RawBlock block;
   std::string problem;
   ASSERT_TRUE(BlockFromJson(json, block, problem)) << problem;
@@ -103,7 +103,7 @@ TEST(CallFile, IndexIdentifiesListAndValidationDataWhateverTheTypeIs) {
     RawBlock block;
     block.SetElements({block.Element(19, type, block.List({block.Text(25, kKrxTypeString, "u")})),
                        block.Element(65, type, block.Validation(nullptr))});
-    const Json json = BlockToJson(*block.Raw());
+    const CallJson json = BlockToJson(*block.Raw());
     EXPECT_EQ(json["elements"][0]["list"].size(), 1U) << json;
     EXPECT_TRUE(json["elements"][1].contains("validation")) << json;
     RawBlock again;
@@ -120,7 +120,7 @@ TEST(CallFile, ValueIsReadBackForEveryIndexAndType) {
     for (const std::int32_t type : std::vector<std::int32_t>{3, 4, 5, 6, 8, 9, 512, -1}) {
       RawBlock block;
       block.SetElements({block.Element(index, type, zeros.data())});
-      const Json json = BlockToJson(*block.Raw());
+      const CallJson json = BlockToJson(*block.Raw());
       RawBlock again;
       std::string problem;
       ASSERT_TRUE(BlockFromJson(json, again, problem)) << json << ": " << problem;
@@ -132,9 +132,9 @@ TEST(CallFile, ValueIsReadBackForEveryIndexAndType) {
 TEST(CallFile, BlocksWithACredentialMarkerAreRecordedAsBlocks) {
   RawBlock block;
   block.SetElements({block.Element(kKrxCredentialMarker, kKrxTypeNested, block.Block({}, nullptr))});
-  const Json json = BlockToJson(*block.Raw());
+  const CallJson json = BlockToJson(*block.Raw());
   ASSERT_TRUE(json["elements"][0].contains("blocks")) << json;
-  EXPECT_EQ(json["elements"][0]["blocks"], Json::parse("[[]]")) << json;
+  EXPECT_EQ(json["elements"][0]["blocks"], CallJson::parse("[[]]")) << json;
 }
 
 TEST(CallFile, TheWorkedExampleIsWhatIsWritten) {
@@ -156,7 +156,7 @@ TEST(CallFile, TheWorkedExampleIsWhatIsWritten) {
 TEST(CallFile, TagOfFourBytesHasNoNul) {
   RawBlock block;
   std::memcpy(block.Header().tag, "ABCD", 4);
-  const Json json = BlockToJson(*block.Raw());
+  const CallJson json = BlockToJson(*block.Raw());
   EXPECT_EQ(json["tag"], "ABCD");
   RawBlock again;
   std::string problem;
@@ -218,14 +218,14 @@ TEST(CallFile, ElementThatWouldMisleadAModuleIsRefused) {
 }
 
 TEST(CallFile, NestingAndNumbersOfElementsAreBounded) {
-  Json element = {{"index", 14}, {"type", 512}, {"blocks", {Json::array()}}};
-  Json deep = element;
+  CallJson element = {{"index", 14}, {"type", 512}, {"blocks", {CallJson::array()}}};
+  CallJson deep = element;
   for (int i = 0; i < 8; ++i) deep = {{"index", 14}, {"type", 512}, {"blocks", {{deep}}}};
   EXPECT_THAT(Problem(WithElement(deep.dump().c_str())), HasSubstr("8 deep"));
-  Json chain = element;
-  for (int i = 0; i < 64; ++i) chain["blocks"].push_back(Json::array());
+  CallJson chain = element;
+  for (int i = 0; i < 64; ++i) chain["blocks"].push_back(CallJson::array());
   EXPECT_THAT(Problem(WithElement(chain.dump().c_str())), HasSubstr("64 blocks"));
-  Json block = {{"version", 1}, {"tag", "KRX"}, {"size", 0}, {"elements", Json::array()}};
+  CallJson block = {{"version", 1}, {"tag", "KRX"}, {"size", 0}, {"elements", CallJson::array()}};
   for (std::size_t i = 0; i <= ctl::kCallElementsMax; ++i) block["elements"].push_back(element);
   EXPECT_THAT(Problem(With("block", block)), HasSubstr("4096 elements"));
 }

@@ -49,7 +49,7 @@ class QxctlRecordFormat : public testing::Test, protected QxctlFixture {
   }
 };
 
-std::vector<json> Lines(const std::string& text) {
+std::vector<json> LinesOfText(const std::string& text) {
   std::vector<json> lines;
   std::istringstream stream(text);
   for (std::string line; std::getline(stream, line);) lines.push_back(json::parse(line));
@@ -67,7 +67,7 @@ TEST_F(QxctlRecordFormat, JsonHasALineForEachRecordAndEveryByte) {
   MakeReport("load", 9, {"plain", "q\"\\\t", "\xE4", "a\nlost", "b\xFFlost", "\xC3\xA4"});
   const std::string out = Print({"--format", "json"});
   EXPECT_EQ(out.substr(0, out.find('\n') + 1), "{\"index\":0,\"text\":\"plain\"}\n");
-  const std::vector<json> lines = Lines(out);
+  const std::vector<json> lines = LinesOfText(out);
   ASSERT_EQ(lines.size(), 6U);
   EXPECT_EQ(lines[1]["text"], "q\"\\\t");
   EXPECT_EQ(lines[2], json::parse(R"({"index": 2, "text": null, "textBase64": "5A=="})"));
@@ -84,7 +84,7 @@ TEST_F(QxctlRecordFormat, RecordsCutAtANulAreSeparatedByTheModule) {
   std::string data = ReadFile(ReportPath("load") + ".dat");
   for (const char* const number : {"3", "4", "11", "19"}) data[data.find(std::string("abcdef") + number) + 3] = '\0';
   WriteFile(ReportPath("load") + ".dat", data);
-  const std::vector<json> lines = Lines(Print({"--format", "json"}));
+  const std::vector<json> lines = LinesOfText(Print({"--format", "json"}));
   ASSERT_EQ(lines.size(), 20U);
   EXPECT_EQ(lines[3], json::parse(R"({"index": 3, "text": "abc", "end": "none"})"));
   EXPECT_EQ(lines[5], json::parse(R"({"index": 5, "text": "abcdef5"})"));

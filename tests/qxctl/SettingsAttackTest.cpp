@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 using testing::HasSubstr;
 
 constexpr int kTries = 200;  // each runs a whole command; FilePlaceTest.cpp runs the same race thousands of times
-constexpr char kTree[] = "[HKEY_LOCAL_MACHINE]\nx=s=old\n\n\n";
+constexpr char kAttackedTree[] = "[HKEY_LOCAL_MACHINE]\nx=s=old\n\n\n";
 constexpr char kProfile[] = "[S]\nx=old\n";
 constexpr char kSecret[] = "root's own\n";
 
@@ -30,7 +30,7 @@ class SettingsAttack : public testing::Test, protected QxctlFixture {
     fs::create_directory(Dir().File("his"));
     fs::permissions(Dir().Path(), fs::perms(0755));
     fs::permissions(Dir().File("his"), fs::perms(0777));
-    WriteFile(registry_, kTree);
+    WriteFile(registry_, kAttackedTree);
     WriteFile(profile_, kProfile);
   }
   void SetUp() override {
@@ -71,7 +71,7 @@ TEST_F(SettingsAttack, DirectoryThatOthersMayWriteIsRefusedWithoutForce) {
   EXPECT_THAT(refused.err, HasSubstr("other users may write the directory of " + registry_));
   EXPECT_THAT(refused.err, HasSubstr("--force"));
   EXPECT_EQ(SetProfile({"--apply"}).code, 5);
-  EXPECT_EQ(ReadFile(registry_), kTree);
+  EXPECT_EQ(ReadFile(registry_), kAttackedTree);
   EXPECT_EQ(ReadFile(profile_), kProfile);
 
   EXPECT_EQ(SetRegistry({"--apply", "--force"}).code, 0);
@@ -85,12 +85,12 @@ TEST_F(SettingsAttack, LinkOfAUserIsRefusedAlsoWithForce) {
     ASSERT_TRUE(
         AsOrdinaryUser([&] { return unlink(file.c_str()) == 0 && symlink(victim_.c_str(), file.c_str()) == 0; }));
   }
-  WriteFile(victim_, kTree);
+  WriteFile(victim_, kAttackedTree);
   const Ran refused = SetRegistry({"--apply", "--force"});
   EXPECT_EQ(refused.code, 5);
   EXPECT_THAT(refused.err, HasSubstr("is a symbolic link of another user (uid 65534)"));
   EXPECT_EQ(SetProfile({"--apply", "--force"}).code, 5);
-  EXPECT_EQ(ReadFile(victim_), kTree);
+  EXPECT_EQ(ReadFile(victim_), kAttackedTree);
 }
 
 TEST_F(SettingsAttack, RacedRegistryEditNeverHitsRootsFile) {

@@ -40,7 +40,7 @@ __attribute__((init_priority(103))) EarlyUser early_user;
 
 TEST(RegistryStatics, AreUsableInOtherStaticObjects) { EXPECT_TRUE(early_user.HasWorked()); }
 
-constexpr std::string_view kSmall = "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nx=d=1\n\n\n\n";
+constexpr std::string_view kSmallTree = "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nx=d=1\n\n\n\n";
 
 TEST_F(Registry, NothingIsLoadedBeforeTheFirstHandle) {
   EXPECT_FALSE(CRegistry::MIsSetup);
@@ -71,11 +71,11 @@ TEST_F(Registry, PathsAreTheDirectoryAndFourNames) {
 }
 
 TEST_F(Registry, LaterHandlesDoNotReload) {
-  Given(kSmall);
+  Given(kSmallTree);
   { const CRegistry first; }
   Given("[HKEY_LOCAL_MACHINE]\ny=d=2\n\n\n");
   const CRegistry second;
-  EXPECT_EQ(Tree(), kSmall);
+  EXPECT_EQ(Tree(), kSmallTree);
 }
 
 TEST_F(Registry, MissingFileFallsBackToTheBackupAndThenToTheDefault) {
@@ -90,21 +90,21 @@ TEST_F(Registry, MissingFileFallsBackToTheBackupAndThenToTheDefault) {
 
 TEST_F(Registry, EmptyFileFallsBackToTheBackup) {
   Given("");
-  Given(kSmall, "registry.old");
+  Given(kSmallTree, "registry.old");
   const CRegistry handle;
-  EXPECT_EQ(Tree(), kSmall);
+  EXPECT_EQ(Tree(), kSmallTree);
 }
 
 TEST_F(Registry, FileOfSectionsWithoutValuesFallsBackToTheBackup) {
   Given("[HKEY_LOCAL_MACHINE]\n[A]\n\n\n[HKEY_USERS]\n\n\n");
-  Given(kSmall, "registry.old");
+  Given(kSmallTree, "registry.old");
   const CRegistry handle;
   // The entries of the failed file stay in the tree.
   EXPECT_EQ(Tree(), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nx=d=1\n\n\n[HKEY_USERS]\n\n\n");
 }
 
 TEST_F(Registry, QuirkTreeSavedWithoutValuesDoesNotLoadAgain) {
-  Given(kSmall);
+  Given(kSmallTree);
   {
     CRegistry handle("SOFTWARE", CRegistry::MLocalMachine, 0);
     EXPECT_EQ(handle.DeleteValue("x"), 0);
@@ -112,11 +112,11 @@ TEST_F(Registry, QuirkTreeSavedWithoutValuesDoesNotLoadAgain) {
   EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n\n\n\n");
   Restart();
   const CRegistry handle;
-  EXPECT_EQ(Tree(), kSmall);
+  EXPECT_EQ(Tree(), kSmallTree);
 }
 
 TEST_F(Registry, TemporaryFileIsNeverRead) {
-  Given(kSmall, "registry.new");
+  Given(kSmallTree, "registry.new");
   const CRegistry handle;
   EXPECT_FALSE(CRegistry::MIsSetup);
 }
@@ -124,14 +124,14 @@ TEST_F(Registry, TemporaryFileIsNeverRead) {
 TEST_F(Registry, EveryHandleRetriesUntilALoadSucceeds) {
   { const CRegistry handle; }
   EXPECT_FALSE(CRegistry::MIsSetup);
-  Given(kSmall);
+  Given(kSmallTree);
   { const CRegistry handle; }
   EXPECT_TRUE(CRegistry::MIsSetup);
-  EXPECT_EQ(Tree(), kSmall);
+  EXPECT_EQ(Tree(), kSmallTree);
 }
 
 TEST_F(Registry, HandleCanBeMadeOnAHiveBeforeTheFirstLoad) {
-  Given(kSmall);
+  Given(kSmallTree);
   const CRegistry handle(CRegistry::MLocalMachine);
   EXPECT_NE(handle.CurrentKey(), nullptr);
   EXPECT_EQ(handle.CurrentKey(), CRegistry::MLocalMachine);
@@ -150,7 +150,7 @@ TEST_F(Registry, ForcedSetupMergesAndReplacesHivesWhole) {
 }
 
 TEST_F(Registry, ForcedSetupThatFailsKeepsTheStateAndItsHives) {
-  Given(kSmall);
+  Given(kSmallTree);
   { const CRegistry handle; }
   unlink(File().c_str());
   CRegistry::SetupTree(true);
@@ -167,7 +167,7 @@ TEST_F(Registry, HiveEntryThatIsAValueCountsAsAbsent) {
 }
 
 TEST_F(Registry, HiveThatALaterFileMakesAValueIsNoLongerARoot) {
-  Given(kSmall);
+  Given(kSmallTree);
   { const CRegistry handle; }
   Given("HKEY_LOCAL_MACHINE=s=text\n\n");
   CRegistry::SetupTree(true);
@@ -212,11 +212,11 @@ TEST_F(Registry, ReadTreeMergesIntoAnyKey) {
 }
 
 TEST_F(Registry, DirectoryOrFifoInPlaceOfTheFileFallsBack) {
-  Given(kSmall, "registry.default");
+  Given(kSmallTree, "registry.default");
   ASSERT_EQ(mkdir(File().c_str(), 0755), 0);
   ASSERT_EQ(mkfifo(File("registry.old").c_str(), 0644), 0);  // nobody writes into it
   const CRegistry handle;
-  EXPECT_EQ(Tree(), kSmall);
+  EXPECT_EQ(Tree(), kSmallTree);
 }
 
 TEST_F(Registry, HugeLinesAreSplitAndRead) {

@@ -25,14 +25,14 @@ class RegistryTrace : public RegistryTest {
   }
 };
 
-constexpr std::string_view kSetup = "CRegistry: SetupTree(): ForceSetup=0, MIsSetup=0, MIsDirty=0\n";
+constexpr std::string_view kTracedSetup = "CRegistry: SetupTree(): ForceSetup=0, MIsSetup=0, MIsDirty=0\n";
 
 TEST_F(RegistryTrace, LoadWithAllItsFallbacks) {
   Given("", "registry");
   Given("[HKEY_LOCAL_MACHINE]\n\n\n", "registry.old");
   const TraceCapture capture(4);
   { const CRegistry handle; }
-  EXPECT_EQ(capture.Text(), std::string(kSetup) + "CRegistry: WARNING: The length of \"" + File() +
+  EXPECT_EQ(capture.Text(), std::string(kTracedSetup) + "CRegistry: WARNING: The length of \"" + File() +
                                 "\" is not sufficient\n"
                                 "CRegistry: WARNING: Could not restore tree from \"" +
                                 File() +
@@ -85,7 +85,7 @@ TEST_F(RegistryTrace, NullPath) {
 TEST_F(RegistryTrace, ChangesAndSave) {
   Given("[HKEY_LOCAL_MACHINE]\n[S]\nold=s=x\nn=d=1\n[K]\n[L]\ndeep=d=1\n\na=s=x\n\n\n\n\n");
   const TraceCapture capture(4);
-  std::string expected(kSetup);
+  std::string expected(kTracedSetup);
   const void* displaced = nullptr;
   std::string hive;
   {

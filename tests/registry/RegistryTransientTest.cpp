@@ -18,14 +18,14 @@ using qx::test::FileFault;
 using qx::test::ReadFile;
 using qx::test::RegistryTest;
 
-constexpr std::string_view kTree = "[HKEY_LOCAL_MACHINE]\nnew=d=1\n\n\n";
+constexpr std::string_view kTransientTree = "[HKEY_LOCAL_MACHINE]\nnew=d=1\n\n\n";
 constexpr std::string_view kOlderTree = "[HKEY_LOCAL_MACHINE]\nold=d=1\n\n\n";
 constexpr int kTries = 3;
 
 class RegistryTransient : public RegistryTest {
  protected:
   RegistryTransient() {
-    Given(kTree);
+    Given(kTransientTree);
     Given(kOlderTree, "registry.old");
   }
 
@@ -48,14 +48,15 @@ class RegistryTransient : public RegistryTest {
 TEST_F(RegistryTransient, OpenThatFailsTwiceLoadsTheRegistry) {
   for (const int error : {ENFILE, EMFILE, ENOMEM, EIO, EACCES}) {
     for (int times = 1; times < kTries; ++times) {
-      EXPECT_EQ(LoadedWith({.call = FileCall::kOpen, .path = "/registry", .times = times, .error = error}), kTree);
+      EXPECT_EQ(LoadedWith({.call = FileCall::kOpen, .path = "/registry", .times = times, .error = error}),
+                kTransientTree);
     }
   }
 }
 
 TEST_F(RegistryTransient, ReadThatFailsTwiceLoadsTheRegistry) {
   for (int times = 1; times < kTries; ++times) {
-    EXPECT_EQ(LoadedWith({.call = FileCall::kRead, .times = times, .error = EIO}), kTree);
+    EXPECT_EQ(LoadedWith({.call = FileCall::kRead, .times = times, .error = EIO}), kTransientTree);
   }
 }
 
@@ -72,17 +73,17 @@ TEST_F(RegistryTransient, ReadThatFailsInTheMiddleContinuesThere) {
 TEST_F(RegistryTransient, OpenThatKeepsFailingLosesNothingToTheNextSaves) {
   EXPECT_EQ(LoadedWith({.call = FileCall::kOpen, .path = "/registry", .times = kTries, .error = ENFILE}), kOlderTree);
   Save();
-  EXPECT_EQ(ReadFile(File("registry.old")), kTree);
+  EXPECT_EQ(ReadFile(File("registry.old")), kTransientTree);
   Save("again");
   EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nagain=d=1\nchanged=d=1\nold=d=1\n\n\n");
-  EXPECT_EQ(ReadFile(File("registry.unread")), kTree);
+  EXPECT_EQ(ReadFile(File("registry.unread")), kTransientTree);
 }
 
 TEST_F(RegistryTransient, ReadThatKeepsFailingLosesNothingToTheNextSaves) {
   EXPECT_EQ(LoadedWith({.call = FileCall::kRead, .times = kTries, .error = EIO}), kOlderTree);
   Save();
   Save("again");
-  EXPECT_EQ(ReadFile(File("registry.unread")), kTree);
+  EXPECT_EQ(ReadFile(File("registry.unread")), kTransientTree);
 }
 
 TEST_F(RegistryTransient, LaterGoodLoadMakesKeepingUnnecessary) {
@@ -114,7 +115,7 @@ TEST_F(RegistryTransient, OpenOfTheNewFileThatKeepsFailingKeepsTheOldFile) {
   Save();
   EXPECT_EQ(failing.Calls(), kTries);
   EXPECT_FALSE(CRegistry::MIsDirty);
-  EXPECT_EQ(ReadFile(File()), kTree);
+  EXPECT_EQ(ReadFile(File()), kTransientTree);
 }
 
 TEST_F(RegistryTransient, StatusThatFailsDuringASaveStillMakesABackup) {
@@ -123,7 +124,7 @@ TEST_F(RegistryTransient, StatusThatFailsDuringASaveStillMakesABackup) {
       {.call = FileCall::kStatusAt, .path = "/registry", .times = qx::test::kAlways, .error = EIO});
   Save();
   EXPECT_TRUE(failing.HasFailed());
-  EXPECT_EQ(ReadFile(File("registry.old")), kTree);
+  EXPECT_EQ(ReadFile(File("registry.old")), kTransientTree);
   EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\nnew=d=1\n\n\n");
 }
 
@@ -133,7 +134,7 @@ TEST_F(RegistryTransient, MissingNewFileLeavesTheRegistryUnchanged) {
   const FailingCall gone({.call = FileCall::kRename, .path = "/registry.new", .times = 2, .error = ENOENT});
   Save();
   EXPECT_TRUE(gone.HasFailed());
-  EXPECT_EQ(ReadFile(File()), kTree);
+  EXPECT_EQ(ReadFile(File()), kTransientTree);
   EXPECT_EQ(ReadFile(File("registry.old")), kOlderTree);
 }
 

@@ -27,7 +27,7 @@ ByteSource BytesOf(std::string_view text, std::size_t portion = SIZE_MAX) {
   };
 }
 
-std::vector<std::string> Lines(LineReader lines) {
+std::vector<std::string> AllLines(LineReader lines) {
   std::vector<std::string> taken;
   while (const auto line = lines.Next()) taken.emplace_back(*line);
   return taken;
@@ -49,31 +49,31 @@ std::vector<std::string> LinesByBuffer(const std::string& text) {
 using Strings = std::vector<std::string>;
 
 TEST(LineReader, LinesEndAtTheirLineFeedOrAtTheEndOfTheInput) {
-  EXPECT_EQ(Lines(LineReader(BytesOf(""))), Strings());
-  EXPECT_EQ(Lines(LineReader(BytesOf("\n"))), Strings({""}));
-  EXPECT_EQ(Lines(LineReader(BytesOf("a\n\nb"))), Strings({"a", "", "b"}));
-  EXPECT_EQ(Lines(LineReader(BytesOf("a\r\n"))), Strings({"a\r"}));
+  EXPECT_EQ(AllLines(LineReader(BytesOf(""))), Strings());
+  EXPECT_EQ(AllLines(LineReader(BytesOf("\n"))), Strings({""}));
+  EXPECT_EQ(AllLines(LineReader(BytesOf("a\n\nb"))), Strings({"a", "", "b"}));
+  EXPECT_EQ(AllLines(LineReader(BytesOf("a\r\n"))), Strings({"a\r"}));
 }
 
 TEST(LineReader, NothingAfterANulIsRead) {
-  EXPECT_EQ(Lines(LineReader(BytesOf({"ab\0c\nd\n", 7}))), Strings({"ab", "d"}));
-  EXPECT_EQ(Lines(LineReader(BytesOf({"\0ab\nd\n", 6}))), Strings({"", "d"}));
+  EXPECT_EQ(AllLines(LineReader(BytesOf({"ab\0c\nd\n", 7}))), Strings({"ab", "d"}));
+  EXPECT_EQ(AllLines(LineReader(BytesOf({"\0ab\nd\n", 6}))), Strings({"", "d"}));
 }
 
 TEST(LineReader, LongerLinesAreSplitAfter1023Characters) {
   const std::string full(kLineCharsMax, 'x');
-  EXPECT_EQ(Lines(LineReader(BytesOf(full))), Strings({full}));
-  EXPECT_EQ(Lines(LineReader(BytesOf(full + "\n"))), Strings({full, ""}));
-  EXPECT_EQ(Lines(LineReader(BytesOf(full + "y\n"))), Strings({full, "y"}));
-  EXPECT_EQ(Lines(LineReader(BytesOf(full.substr(1) + "\n"))), Strings({full.substr(1)}));
-  EXPECT_EQ(Lines(LineReader(BytesOf(full + full + "\nz"))), Strings({full, full, "", "z"}));
+  EXPECT_EQ(AllLines(LineReader(BytesOf(full))), Strings({full}));
+  EXPECT_EQ(AllLines(LineReader(BytesOf(full + "\n"))), Strings({full, ""}));
+  EXPECT_EQ(AllLines(LineReader(BytesOf(full + "y\n"))), Strings({full, "y"}));
+  EXPECT_EQ(AllLines(LineReader(BytesOf(full.substr(1) + "\n"))), Strings({full.substr(1)}));
+  EXPECT_EQ(AllLines(LineReader(BytesOf(full + full + "\nz"))), Strings({full, full, "", "z"}));
 }
 
 TEST(LineReader, NulAndSplitInOneLine) {
   std::string text(kLineCharsMax, 'x');
   text[5] = '\0';
   text += "\nz\n";
-  EXPECT_EQ(Lines(LineReader(BytesOf(text))), Strings({"xxxxx", "", "z"}));
+  EXPECT_EQ(AllLines(LineReader(BytesOf(text))), Strings({"xxxxx", "", "z"}));
 }
 
 TEST(LineReader, LinesAreThoseOfAPlainBufferForEveryWindowAndPortion) {
@@ -88,7 +88,7 @@ TEST(LineReader, LinesAreThoseOfAPlainBufferForEveryWindowAndPortion) {
     const Strings expected = LinesByBuffer(text);
     for (const std::size_t window : {kLineCharsMax, kLineCharsMax + 1, 1500 + random() % 3000, 65536UL}) {
       for (const std::size_t portion : {1UL, 1 + random() % 2000, SIZE_MAX}) {
-        ASSERT_EQ(Lines(LineReader(BytesOf(text, portion), window)), expected) << window << " " << portion;
+        ASSERT_EQ(AllLines(LineReader(BytesOf(text, portion), window)), expected) << window << " " << portion;
       }
     }
   }

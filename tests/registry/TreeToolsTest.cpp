@@ -18,7 +18,7 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr char kTree[] =
+constexpr char kToolsTree[] =
     "[HKEY_LOCAL_MACHINE]\n"
     "[SOFTWARE]\n"
     "Count=d=-5\n"
@@ -36,7 +36,7 @@ const TreeValue kKey = {REG_NODE, ""};
 
 class TreeTools : public testing::Test {
  protected:
-  TreeTools() { EXPECT_TRUE(ParseTree(kTree, tree_)); }
+  TreeTools() { EXPECT_TRUE(ParseTree(kToolsTree, tree_)); }
 
   static std::string TextOf(const CRegistryNode& tree) {
     std::string text;
@@ -65,7 +65,7 @@ class TreeTools : public testing::Test {
 
 TEST_F(TreeTools, TreeDoesNotDifferFromItself) {
   CRegistryNode again;
-  ASSERT_TRUE(ParseTree(kTree, again));
+  ASSERT_TRUE(ParseTree(kToolsTree, again));
   EXPECT_TRUE(Compare(tree_, again).changes.empty());
 }
 
@@ -88,7 +88,7 @@ TEST_F(TreeTools, ChangesAreListedByKeyValuesBeforeSubkeys) {
 
 TEST_F(TreeTools, TypeIsPartOfAValue) {
   CRegistryNode other;
-  ASSERT_TRUE(ParseTree(kTree, other));
+  ASSERT_TRUE(ParseTree(kToolsTree, other));
   ASSERT_EQ(SetValue(other, "HKEY_LOCAL_MACHINE/SOFTWARE", "Name", Text("text", REG_EXPAND_SZ)), EditState::kDone);
   EXPECT_EQ(Compare(tree_, other).changes.size(), 1U);
 }
@@ -127,7 +127,7 @@ TEST_F(TreeTools, SetNeitherReplacesASubkeyNorGoesThroughAValue) {
   EXPECT_EQ(SetValue(tree_, "HKEY_USERS", "v", {7, ""}), EditState::kBadType);
   EXPECT_EQ(SetValue(tree_, "HKEY_USERS", "v", Text(std::string("a\0b", 3))), EditState::kHoldsNul);
   EXPECT_EQ(SetValue(tree_, "HKEY_USERS", std::string("a\0b", 3), Text("")), EditState::kHoldsNul);
-  EXPECT_EQ(TextOf(tree_), kTree);
+  EXPECT_EQ(TextOf(tree_), kToolsTree);
 }
 
 TEST_F(TreeTools, DeleteRemovesOnlyTheNamedEntry) {
@@ -137,7 +137,7 @@ TEST_F(TreeTools, DeleteRemovesOnlyTheNamedEntry) {
   EXPECT_EQ(DeleteKey(tree_, "HKEY_LOCAL_MACHINE/SOFTWARE/Sub", false), EditState::kNotEmpty);
   EXPECT_EQ(DeleteKey(tree_, "HKEY_LOCAL_MACHINE/SOFTWARE/Name", true), EditState::kIsValue);
   EXPECT_EQ(DeleteKey(tree_, "", true), EditState::kNoKey);
-  EXPECT_EQ(TextOf(tree_), kTree);
+  EXPECT_EQ(TextOf(tree_), kToolsTree);
   EXPECT_EQ(DeleteValue(tree_, "HKEY_LOCAL_MACHINE/SOFTWARE/Sub", "x"), EditState::kDone);
   EXPECT_EQ(DeleteKey(tree_, "HKEY_LOCAL_MACHINE/SOFTWARE/Sub/", false), EditState::kDone);
   EXPECT_EQ(TextOf(tree_), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nCount=d=-5\nName=s=text\n\n\n\n");

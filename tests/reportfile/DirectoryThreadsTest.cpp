@@ -13,7 +13,7 @@ namespace qx::test {
 namespace {
 
 constexpr int kThreads = 4;
-constexpr int kRounds = 8;
+constexpr int kThreadRounds = 8;
 
 TEST(DirectoryThreads, EachThreadCopiesAndRemovesItsOwnTree) {
   const TempDir dir;
@@ -25,7 +25,7 @@ TEST(DirectoryThreads, EachThreadCopiesAndRemovesItsOwnTree) {
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i, to = dir.File("to" + std::to_string(i))] {
       int& failed = failures[static_cast<std::size_t>(i)];
-      for (int round = 0; round < kRounds; ++round) {
+      for (int round = 0; round < kThreadRounds; ++round) {
         if (!CDirectory::CopyDir(dir.File("from").c_str(), to.c_str(), "*.*", false)) ++failed;
         if (ContentsOf(to) != tree) ++failed;
         if (!CDirectory::RemoveDir(to.c_str(), true) || Exists(to)) ++failed;
@@ -35,7 +35,7 @@ TEST(DirectoryThreads, EachThreadCopiesAndRemovesItsOwnTree) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(failures, std::vector<int>(kThreads, 0));
   // A copy has five lines, a removal twelve.
-  EXPECT_EQ(trace.Entries().size(), static_cast<std::size_t>(kThreads * kRounds * (5 + 12)));
+  EXPECT_EQ(trace.Entries().size(), static_cast<std::size_t>(kThreads * kThreadRounds * (5 + 12)));
   for (const std::string& line : trace.Entries()) EXPECT_TRUE(line.starts_with("CDirectory")) << line;
 }
 

@@ -37,7 +37,7 @@ Texts Salvaged(const StoreBytes& store, bool with_unindexed = true, SalvageCount
   return texts;
 }
 
-void SetSlot(StoreBytes& store, std::uint32_t slot, std::uint32_t offset) {
+void SetSlotOf(StoreBytes& store, std::uint32_t slot, std::uint32_t offset) {
   store.index.replace(static_cast<std::size_t>(report::SlotOffset(slot)), 4, reinterpret_cast<const char*>(&offset), 4);
 }
 
@@ -105,7 +105,7 @@ TEST(StoreSalvage, RecordWithoutItsHeaderIsTheNewestOne) {
 
 TEST(StoreSalvage, SlotIntoTheMiddleOfARecordSalvagesNoPart) {
   StoreBytes store = StoreOf(9, Numbered(5));
-  SetSlot(store, 3, 8);  // into rec2
+  SetSlotOf(store, 3, 8);  // into rec2
   SalvageCounts counts;
   EXPECT_THAT(Salvaged(store, true, &counts), ElementsAre("rec1", "rec2", "rec3", "rec5", "rec4"));
   EXPECT_EQ(counts.lost, 1U);
