@@ -210,8 +210,8 @@ TEST(CallFile, ElementThatWouldMisleadAModuleIsRefused) {
   EXPECT_THAT(Problem(WithElement(R"({"index": 2, "type": 6, "text": "1"})")), HasSubstr("another type than 8"));
   EXPECT_THAT(Problem(WithElement(R"({"index": 61, "type": 512, "blocks": [[]]})")),
               HasSubstr("another type than 512"));
-  EXPECT_THAT(Problem(WithElement(R"({"index": 3, "type": 3, "list": []})")), HasSubstr("holds none"));
-  EXPECT_THAT(Problem(WithElement(R"({"index": 3, "type": 3, "validation": {}})")), HasSubstr("holds none"));
+  EXPECT_THAT(Problem(WithElement(R"({"index": 3, "type": 3, "list": []})")), HasSubstr("cannot have"));
+  EXPECT_THAT(Problem(WithElement(R"({"index": 3, "type": 3, "validation": {}})")), HasSubstr("cannot have"));
   EXPECT_THAT(Problem(WithElement(R"({"index": 3, "type": 3, "pointer": 7})")), HasSubstr("known kind"));
   EXPECT_THAT(Problem(WithElement(R"({"index": 3, "type": 3})")), HasSubstr("other keys"));
   EXPECT_THAT(Problem(WithElement(R"({"index": 3, "type": 8, "text": "a\u0000b"})")), HasSubstr("NUL"));

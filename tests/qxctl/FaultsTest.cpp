@@ -104,7 +104,7 @@ TEST_F(QxctlFaults, FindingShowsWhatWasExpectedAndWhatHappened) {
             "finding  order/delete-twice                 Deletes the module object twice\n"
             "         expected  no object\n"
             "         outcome   the object is still there\n");
-  EXPECT_THAT(ran.err, HasSubstr("1 of 1 cases did not come out as they should"));
+  EXPECT_THAT(ran.err, HasSubstr("1 of 1 cases did not have the expected outcome"));
 }
 
 TEST_F(QxctlFaults, ListRunsNoCase) {

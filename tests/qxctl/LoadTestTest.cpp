@@ -131,7 +131,7 @@ TEST_F(QxctlLoadTestThreads, DurationEndsTheLoad) {
 TEST_F(QxctlLoadTestThreads, RepliesOfAnotherModuleAreReportedFailures) {
   const Ran ran = LoadTest({"--requests", "2000"}, "wrong-reply");
   EXPECT_EQ(ran.code, 1);
-  EXPECT_THAT(ran.err, HasSubstr("What: another answer than the first time; result 0, reply <Other/>"));
+  EXPECT_THAT(ran.err, HasSubstr("What: another reply than the first time; result 0, reply <Other/>"));
   EXPECT_THAT(Findings("wrong-reply"), Contains("failures"));
 }
 

@@ -85,7 +85,7 @@ TEST_F(QxctlRecord, EachDifferenceIsShownAndCounted) {
   EXPECT_EQ(ran.code, 1);
   EXPECT_THAT(ran.out, HasSubstr("a.json: GetReports differs\n  result: recorded 1, now 0\n  reply differs at byte 50, "
                                  "line 1 column 51\n    recorded ..."));
-  EXPECT_THAT(ran.err, HasSubstr("1 of 2 calls came out otherwise than recorded"));
+  EXPECT_THAT(ran.err, HasSubstr("1 of 2 calls differ from their recording"));
   const json told = json::parse(Qxctl({"module", "replay", "a.json", "b.json", "--json"}).out);
   EXPECT_EQ(told["calls"][0]["differences"].size(), 2U);
   EXPECT_TRUE(told["calls"][1]["differences"].empty());
@@ -115,7 +115,7 @@ TEST_F(QxctlRecord, InvalidFileIsAnIoFailureAndMissingFileNotFound) {
   WriteFile(Dir().File("a.json"), "{}");
   const Ran ran = Qxctl({"module", "replay", "a.json"});
   EXPECT_EQ(ran.code, 6);
-  EXPECT_EQ(ran.err, "qxctl: a.json is no recorded call: \"format\" is not a text\n");
+  EXPECT_EQ(ran.err, "qxctl: a.json is not a recorded call: \"format\" is not a text\n");
   EXPECT_EQ(Qxctl({"module", "replay", "none.json"}).code, 4);
   EXPECT_EQ(Qxctl({"module", "replay", "Reports"}).code, 4) << "no .json in there";
   EXPECT_EQ(Qxctl({"module", "replay"}).code, 2);

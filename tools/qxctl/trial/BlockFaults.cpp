@@ -79,11 +79,14 @@ constexpr NamedShape kElements[] = {
     {"thread-text", "A thread id of the type of strings", kNoThread, {.elements = kThreadText}},
     {"thread-twice", "Two thread ids, the first of them 0", kNoThread, {.elements = kThreadTwice}},
     {"thread-byte", "A thread id of one byte", kNoReportOutcome, {.elements = kThreadByte}},
-    {"data-missing", "No place for the module's data", kNoReportOutcome, {.elements = kThreadAlone}},
-    {"data-mistyped", "A number where the module's data goes", kNoReportOutcome, {.elements = kDataNumber}},
+    {"data-missing", "No element for the module's data", kNoReportOutcome, {.elements = kThreadAlone}},
+    {"data-mistyped", "A number in the element of the module's data", kNoReportOutcome, {.elements = kDataNumber}},
     {"text-null", "Null strings", kNoReportOutcome, {.elements = kNullTexts}},
-    {"text-mistyped", "A number where the function's name goes", kNoReportOutcome, {.elements = kFunctionNumber}},
-    {"type-unknown", "Types and indices that nobody knows", kNoReportOutcome, {.elements = kUnknownTypes}},
+    {"text-mistyped",
+     "A number in the element of the function's name",
+     kNoReportOutcome,
+     {.elements = kFunctionNumber}},
+    {"type-unknown", "Unknown types and indices", kNoReportOutcome, {.elements = kUnknownTypes}},
 };
 
 constexpr NamedShape kConnections[] = {
@@ -146,16 +149,16 @@ void AddShapes(std::span<const NamedShape> shapes, std::vector<FaultCase>& cases
   }
 }
 
-std::string Asked(FaultHost& host, RawBlock& block, RawBlock::Elements elements) {
+std::string AskWithElements(FaultHost& host, RawBlock& block, RawBlock::Elements elements) {
   block.SetElements(std::move(elements));
   return AskNoReport(host, block);
 }
 
-// A good block with one element more.
-std::string AskedWith(FaultHost& host, RawBlock& block, krx_element* element) {
+// A good block with one more element.
+std::string AskWithExtraElement(FaultHost& host, RawBlock& block, krx_element* element) {
   RawBlock::Elements elements = GoodElements(block);
   elements.push_back(element);
-  return Asked(host, block, std::move(elements));
+  return AskWithElements(host, block, std::move(elements));
 }
 
 // The outcomes of all four functions.
@@ -168,7 +171,7 @@ std::string NullBlock(FaultHost& host) {
   return text;
 }
 
-std::string NullReplyPlace(FaultHost& host) {
+std::string NullReplyPointer(FaultHost& host) {
   RawBlock block;
   block.SetElements(GoodElements(block));
   return host.AskWithoutReply(RequestFunction::kWhat, block.Raw(), "") + "; " +
@@ -180,24 +183,24 @@ std::string ConnectionThatLoops(FaultHost& host) {
   krx_nested_block* const first = block.Block({block.Text(17, kKrxTypeString, "x")});
   krx_nested_block* const second = block.Block({}, first);
   first->next_block = second;
-  return AskedWith(host, block, block.Element(kKrxConnection, kKrxTypeNested, first));
+  return AskWithExtraElement(host, block, block.Element(kKrxConnection, kKrxTypeNested, first));
 }
 
 std::string ConnectionInsideItself(FaultHost& host) {
   RawBlock block;
   krx_element* const connection = block.Element(kKrxConnection, kKrxTypeNested, nullptr);
   connection->value = block.Block({connection});
-  return AskedWith(host, block, connection);
+  return AskWithExtraElement(host, block, connection);
 }
 
-// A million null entries in front of the elements.
+// A million null entries before the elements.
 std::string ManyNullEntries(FaultHost& host) {
   constexpr std::size_t kEntries = 1000000;
   RawBlock block;
   RawBlock::Elements elements(kEntries, nullptr);
   const RawBlock::Elements good = GoodElements(block);
   elements.insert(elements.end(), good.begin(), good.end());
-  return Asked(host, block, std::move(elements));
+  return AskWithElements(host, block, std::move(elements));
 }
 
 // Header, array and elements at odd addresses.
@@ -251,7 +254,7 @@ void AddBlockFaults(std::vector<FaultCase>& cases) {
   cases.insert(cases.end(),
                {{"block", "null-block", "Hands in a null block",
                  "result -1, no reply; result -1, no reply; result -1, no reply; result -1, no reply", NullBlock},
-                {"block", "null-reply-place", "Gives no place for the reply", "result 0; result 12", NullReplyPlace}});
+                {"block", "null-reply-place", "Passes a null reply pointer", "result 0; result 12", NullReplyPointer}});
   AddShapes(kHeaders, cases);
   cases.insert(cases.end(), {{"block", "unaligned", "Puts everything at odd addresses", kNoReportOutcome, Unaligned},
                              {"block", "many-null-entries", "A million null entries before the elements",

@@ -1,12 +1,12 @@
 // The block of a call file: from memory to JSON and back.
 //
-// An element is an object with its index, its type and one more key, which says what its value points at:
+// An element is an object with its index, its type and one more key, which shows what its value points to:
 //   "number"      4, 5, 6 and, of any type but 8 and 512, the credential marker: a number
 //   "text"        8: a string; null for a null pointer; "textBase64" if it is not UTF-8
 //   "blocks"      512: a chain of nested blocks, an array of arrays of elements
-//   "list"        61, and 19 beside the credential marker: an element list
+//   "list"        61, and 19 next to the credential marker: an element list
 //   "validation"  65: validation data
-//   "pointer"     null: a datum of the module's or of the host's, or no value at all
+//   "pointer"     null: a pointer of the module or of the host, or no value
 #include <algorithm>
 #include <cstring>
 #include <nlohmann/json.hpp>
@@ -80,8 +80,8 @@ std::uint32_t NumberAt(const void* value, std::size_t bytes) {
   return number;
 }
 
-// How many bytes a number of this element has; 0: it is not one. Blocks are blocks even where the credential marker has
-// its place: a module that looks for the marker takes the first bytes of whatever stands there.
+// The number of bytes of a number in this element; 0: it is not a number. Blocks stay blocks even in the element of the
+// credential marker: a module that reads the marker takes the first bytes of any value there.
 std::size_t NumberBytes(std::int32_t index, std::int32_t type) {
   if (type == kKrxTypeNested) return 0;
   if (type == kKrxTypeUint8) return 1;
@@ -96,7 +96,7 @@ void SetValue(CallJson& json, const krx_element& element, int depth) {
     SetText(json, "text", element.value);
   } else if (element.value == nullptr || depth > kNestingMax) {  // NOLINT(bugprone-branch-clone): the order decides
     json["pointer"] = nullptr;
-  } else if (IsList(element.index)) {  // whatever its type says: a module goes by the index
+  } else if (IsList(element.index)) {  // of any type: a module goes by the index
     const auto* const list = static_cast<const krx_element_list*>(element.value);
     json["list"] = ArrayToJson(list->elements, list->element_count, depth + 1);
   } else if (element.index == kKrxValidationData) {
@@ -123,7 +123,7 @@ class BlockBuilder {
   BlockBuilder(RawBlock& block, std::string& problem) : block_(block), problem_(problem) {}
 
   bool Elements(const CallJson& json, int depth, RawBlock::Elements& elements) {
-    if (!json.is_array()) return Fails(problem_, "elements are no array");
+    if (!json.is_array()) return Fails(problem_, "elements are not an array");
     if (depth > kNestingMax) return Fails(problem_, "elements are nested more than 8 deep");
     for (const CallJson& item : json) {
       krx_element* const element = Element(item, depth);
@@ -135,7 +135,7 @@ class BlockBuilder {
 
  private:
   krx_element* Element(const CallJson& json, int depth) {
-    if (!json.is_object()) return Refuse("an element is no object");
+    if (!json.is_object()) return Refuse("an element is not an object");
     if (++count_ > kCallElementsMax) return Refuse("the block has more than 4096 elements");
     const FieldReader fields(json, problem_);
     std::int32_t index = 0;
@@ -153,7 +153,7 @@ class BlockBuilder {
                                    : block_.Element(index, type, nullptr);
   }
 
-  // Whether a module reads a value of this element without a look at the pointer. (A null string is looked at.)
+  // Whether a module reads a value of this element without a check of the pointer. (A null string is checked.)
   static bool IsReadable(std::int32_t index, std::int32_t type) {
     return !IsList(index) && index != kKrxValidationData && NumberBytes(index, type) > 0;
   }
@@ -161,7 +161,7 @@ class BlockBuilder {
   krx_element* Number(const FieldReader& fields, std::int32_t index, std::int32_t type) {
     std::uint32_t number = 0;
     if (!fields.Number("number", number)) return nullptr;
-    if (IsPointerKind(index, type)) return Refuse("a number stands where a module reads something else");
+    if (IsPointerKind(index, type)) return Refuse("a number is in an element of which a module reads something else");
     return block_.Number(index, type, number);
   }
 
@@ -169,16 +169,16 @@ class BlockBuilder {
     std::optional<std::string> text;
     if (!fields.Bytes("text", text)) return nullptr;
     if (text.has_value() && text->find('\0') != std::string::npos) return Refuse("a text has a NUL in it");
-    if (type != kKrxTypeString || IsList(index)) return Refuse("a text stands in an element of another type than 8");
+    if (type != kKrxTypeString || IsList(index)) return Refuse("a text is in an element of another type than 8");
     return text.has_value() ? block_.Text(index, type, *text) : block_.Element(index, type, nullptr);
   }
 
   krx_element* Chain(const CallJson& json, std::int32_t index, std::int32_t type, int depth) {
     if (!json.is_array() || json.empty()) return Refuse("\"blocks\" is no array of blocks");
     if (json.size() > kChainBlocksMax) return Refuse("a chain has more than 64 blocks");
-    if (type != kKrxTypeNested || IsList(index)) return Refuse("blocks stand in an element of another type than 512");
+    if (type != kKrxTypeNested || IsList(index)) return Refuse("blocks are in an element of another type than 512");
     krx_nested_block* block = nullptr;
-    for (auto item = json.rbegin(); item != json.rend(); ++item) {  // from the last: each one leads to the next
+    for (auto item = json.rbegin(); item != json.rend(); ++item) {  // from the last: each block points to the next
       RawBlock::Elements elements;
       if (!Elements(*item, depth + 1, elements)) return nullptr;
       block = block_.Block(std::move(elements), block);
@@ -187,16 +187,16 @@ class BlockBuilder {
   }
 
   krx_element* List(const CallJson& json, std::int32_t index, std::int32_t type, int depth) {
-    if (!IsList(index)) return Refuse("a list stands in an element that holds none");
+    if (!IsList(index)) return Refuse("a list is in an element that cannot have one");
     RawBlock::Elements elements;
     if (!Elements(json, depth + 1, elements)) return nullptr;
     return block_.Element(index, type, block_.List(std::move(elements)));
   }
 
   krx_element* Validation(const CallJson& json, std::int32_t index, std::int32_t type) {
-    if (index != kKrxValidationData) return Refuse("validation data stands in an element that holds none");
+    if (index != kKrxValidationData) return Refuse("validation data is in an element that cannot have it");
     if (!json.is_object() || json.size() != 1 || !json.contains("authorization")) {
-      return Refuse("validation data holds nothing but \"authorization\"");
+      return Refuse("validation data has only \"authorization\"");
     }
     const CallJson& granted = json["authorization"];
     if (granted.is_null()) return block_.Element(index, type, block_.Validation(nullptr));
@@ -222,20 +222,20 @@ class BlockBuilder {
   }
 
   bool Department(const CallJson& json, RawBlock::Department& department) {
-    if (!json.is_object()) return Fails(problem_, "a department is no object");
+    if (!json.is_object()) return Fails(problem_, "a department is not an object");
     const FieldReader fields(json, problem_);
     if (!fields.Only({"name", "nameBase64", "privileges"}) || !fields.Bytes("name", department.first)) return false;
     if (!json.contains("privileges") || !json["privileges"].is_array()) {
       return Fails(problem_, "\"privileges\" is no array");
     }
     for (const CallJson& privilege : json["privileges"]) {
-      if (!privilege.is_string()) return Fails(problem_, "a privilege is no text");
+      if (!privilege.is_string()) return Fails(problem_, "a privilege is not a text");
       department.second.push_back(privilege.get<std::string>());
     }
     return true;
   }
 
-  // A module takes the value of such an element for the address of a structure.
+  // A module uses the value of such an element as the address of a structure.
   static bool IsPointerKind(std::int32_t index, std::int32_t type) {
     const bool is_marker = index == kKrxCredentialMarker && type == kKrxTypePointer;
     return IsList(index) || index == kKrxValidationData || type == kKrxTypeString || type == kKrxTypeNested ||

@@ -14,7 +14,7 @@ std::string TextOf(const std::optional<std::string>& reply) {
   return reply.has_value() ? std::to_string(reply->size()) + " bytes" : "none";
 }
 
-// What stands around `at`, with "..." where more does.
+// The text around `at`, with "..." where it is cut.
 std::string Window(const std::string& text, std::size_t at) {
   const std::size_t from = at > kCharsAround ? at - kCharsAround : 0;
   const std::size_t to = std::min(text.size(), at + kCharsAround);

@@ -1,4 +1,4 @@
-// How the reply of a call differs from the one that was recorded.
+// The difference of a call's reply from the recorded one.
 #pragma once
 
 #include <optional>
@@ -7,11 +7,11 @@
 
 namespace qx::ctl {
 
-// `reply` with the values of these attributes, wherever they stand, as "*".
+// `reply` with every value of these attributes as "*".
 //   <A version="1.2" x="y"/>, version  => <A version="*" x="y"/>
 [[nodiscard]] std::string WithoutAttributes(const std::string& reply, const std::vector<std::string>& names);
 
-// Empty when both are the same; else a few lines that show the first difference with what stands around it:
+// Empty if both are equal; otherwise lines that show the first difference and the text around it:
 //   reply differs at byte 57, line 2 column 3
 //     recorded ...
 //     now      ...

@@ -49,7 +49,7 @@ std::string CallFileText(const RecordedCall& call) {
 bool ParseCallFile(const std::string& text, RecordedCall& call, std::string& problem) {
   if (text.size() > kCallFileMax) return Fails(problem, "it has more than 16 MiB");
   const CallJson document = ParseBounded(text);
-  if (!document.is_object()) return Fails(problem, "it is no JSON object, or one of more than 32 levels");
+  if (!document.is_object()) return Fails(problem, "it is not a JSON object, or has more than 32 levels");
   const FieldReader fields(document, problem);
   std::string format;
   if (!fields.Text("format", format)) return false;

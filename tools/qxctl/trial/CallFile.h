@@ -1,7 +1,7 @@
-// A call into a module as a file: what was handed in, and what came back. docs/testing-modules.md has the format.
+// A call into a module as a file: the arguments, and the results. docs/testing-modules.md has the format.
 //
 // Such a file may come from anywhere. Reading it costs time and memory in proportion to its size, at most kCallFileMax
-// bytes, whatever it holds.
+// bytes, whatever its content.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@
 namespace qx::ctl {
 
 inline constexpr std::size_t kCallFileMax = std::size_t{16} << 20;
-inline constexpr std::size_t kCallElementsMax = 4096;  // of a block, those inside it included
+inline constexpr std::size_t kCallElementsMax = 4096;  // of a block, including nested ones
 
 // NOLINTNEXTLINE(bugprone-exception-escape): moving JSON does not throw, but its checks look as if they could.
 struct RecordedCall {
@@ -30,14 +30,14 @@ struct RecordedCall {
 // The text of the file, with a line end.
 [[nodiscard]] std::string CallFileText(const RecordedCall& call);
 
-// False with the reason, for an operator, when `text` is no such file; `call` is then of no use.
+// False with the reason, for an operator, if `text` is not such a file; `call` is then undefined.
 [[nodiscard]] bool ParseCallFile(const std::string& text, RecordedCall& call, std::string& problem);
 
-// A block of the host's own in the form of the file; pointers to what only a module knows become null. The block must
-// be one that a module could read: true counts, texts with an end, chains of at most 64 blocks are shown.
+// A block of the host in the form of the file; pointers that only a module understands become null. The block must be
+// one that a module could read: true counts, terminated texts; at most 64 blocks of a chain are written.
 [[nodiscard]] CallJson BlockToJson(const wcs_gendata& block);
 
-// Makes the block. False with the reason when `json` is not of the form of the file.
+// Makes the block. False with the reason if `json` does not have the form of the file.
 [[nodiscard]] bool BlockFromJson(const CallJson& json, RawBlock& block, std::string& problem);
 
 }  // namespace qx::ctl

@@ -30,7 +30,7 @@ std::string Repeated(const std::string& text, std::size_t count) {
   return repeated;
 }
 
-// What a document was answered with.
+// A document and its reply.
 std::string Pair(std::string document, const std::string& answer) { return document.append(": ").append(answer); }
 
 // Records, an end or an error: anything but a failure of the call itself, always with a document.
@@ -41,7 +41,7 @@ bool IsAnswer(const std::string& text) {
   return false;
 }
 
-// Every beginning of a request, and the request with each byte changed.
+// Every prefix of a request, and the request with each byte changed.
 std::string Damaged(FaultHost& host) {
   const std::string good =
       "<?xml version=\"1.0\"?>\n<ReportData Name='../qx&amp;ctl' StartIndex=\"0\" NrRecords=\"5\"/>\n";
@@ -90,14 +90,14 @@ void AddInputs(std::vector<FaultCase>& cases) {
        {"document", "input-empty", "An empty input", kNoName, [](FaultHost& host) { return AskReports(host, ""); }},
        {"document", "input-other", "A request of another kind", kNoName,
         [](FaultHost& host) { return AskReports(host, "<Other Name=\"../qxctl\"/>"); }},
-       {"document", "input-text", "An input that is no markup", kNoName,
+       {"document", "input-text", "An input that is not markup", kNoName,
         [](FaultHost& host) { return AskReports(host, "a & b < c"); }},
        {"document", "names-null", "A null input, for the instance names",
         "result 12, error 2 \"Report instance names file not found\"",
         [](FaultHost& host) { return Ask(host, RequestFunction::kGetReportInstanceNames, nullptr); }},
-       {"document", "damaged", "Every beginning of a request, and every byte changed", kAnswered, Damaged},
+       {"document", "damaged", "Every prefix of a request, and every byte changed", kAnswered, Damaged},
        {"document", "numbers", "Start indices and numbers of records out of range", kNoReportOutcome, Numbers},
-       {"document", "name-outside", "Report names that lead out of the directory", kAnswered, NamesOutside},
+       {"document", "name-outside", "Report names outside the directory", kAnswered, NamesOutside},
        {"document", "name-long", "A report name of 1 MiB", "result 12", LongName}});
 }
 

@@ -1,4 +1,4 @@
-// What a bad host does, one thing a case, and what a module must make of it.
+// What a bad host does, one fault for each case, and what a module must do.
 #pragma once
 
 #include <cstdint>
@@ -18,14 +18,14 @@ struct ElementShape {
   std::int32_t index;
   std::int32_t type;
   ShapeValue value;
-  std::uint32_t number = 0;  // kNestedBlock: how many elements it counts, in a null array
+  std::uint32_t number = 0;  // kNestedBlock: its element count, with a null array
 };
 
 // A block that a bad host makes.
 struct BlockShape {
   RequestFunction function = RequestFunction::kGetReports;
   const char* tag = nullptr;               // null: "KRX"
-  std::optional<std::int32_t> count = {};  // what the header counts, in a null array
+  std::optional<std::int32_t> count = {};  // the header's element count, with a null array
   bool has_good_elements = false;          // before the others
   std::span<const ElementShape> elements = {};
 };
@@ -34,10 +34,10 @@ struct FaultCase {
   const char* group;        // "block", "security", "document", "order"
   const char* name;         // stable, unique
   const char* description;  // what the host does, for people
-  std::string expected;     // what `run` returns with a good module
+  std::string expected;     // the result of `run` with a good module
   std::string (*run)(FaultHost& host);
   bool needs_report = false;          // there must be a report that can be read
-  const BlockShape* block = nullptr;  // not null: this block is handed in, and `run` is null
+  const BlockShape* block = nullptr;  // not null: this block is passed, and `run` is null
 };
 
 // The cases of each group in their order.
@@ -46,16 +46,16 @@ void AddSecurityFaults(std::vector<FaultCase>& cases);
 void AddDocumentFaults(std::vector<FaultCase>& cases);
 void AddOrderFaults(std::vector<FaultCase>& cases);
 
-// --- what the cases share
+// --- what several cases use
 
-// A request for a report that never exists, whatever the report directory holds; and what comes of it.
+// A request for a report that never exists in any report directory, and its outcome.
 inline constexpr char kNoReportRequest[] = "<ReportData Name=\"../qxctl\"/>";
 inline constexpr char kNoReportOutcome[] = "result 12, error 2 \"Report data for report '../qxctl' could not be read\"";
 
 // Elements 1 to 5 of a good block.
 RawBlock::Elements GoodElements(RawBlock& block, std::uint32_t thread_id = 1);
 
-// Hands in the block with the request for the report that never exists.
+// Passes the block with the request for the report that never exists.
 std::string AskBlock(FaultHost& host, const BlockShape& shape);
 
 // Asks for the report that never exists with this block.

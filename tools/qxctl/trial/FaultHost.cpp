@@ -43,7 +43,7 @@ void FaultHost::Load() {
 }
 
 void FaultHost::Unload() {
-  if (library_ != nullptr) (void)dlclose(library_);  // what it should have done is looked at by calling again
+  if (library_ != nullptr) (void)dlclose(library_);  // a second call checks what it should have done
   library_ = nullptr;
 }
 
@@ -55,10 +55,10 @@ void FaultHost::Find(const char* name, Function& function) {
 
 std::string FaultHost::Ask(RequestFunction function, const wcs_gendata* block, const char* input) const {
   char nothing[] = "";
-  char* reply = nothing;  // so that a place that is never written shows
+  char* reply = nothing;  // so that a reply pointer that is never written is found
   const int result = requests_[static_cast<std::size_t>(function)](block, input, &reply);
   std::string text = "result " + std::to_string(result) + ", ";
-  if (reply == nothing) return text + "the place for the reply is not set";
+  if (reply == nothing) return text + "the reply pointer is not set";
   if (reply == nullptr) return text + "no reply";
   text += ReplySummary(reply, input != nullptr ? input : "");
   free_(reply);

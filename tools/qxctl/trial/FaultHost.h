@@ -1,4 +1,4 @@
-// A host that misbehaves: the module's functions as they are, without anything between that would keep order.
+// A host that misbehaves: it calls the module's functions directly, without any check of their order.
 #pragma once
 
 #include <string>
@@ -23,14 +23,14 @@ class FaultHost {
   void Load();
   void Unload();
 
-  // A call, and what came of it in words:
+  // A call, with its outcome as text:
   //   result -1, no reply
   //   result 12, error 2 "Report data for report '../x' could not be read"
   //   result 0, echo                       the reply is the input
   //   result 0, <ReportData>               any other document, by its root
   //   result 0, no document                a reply that is not well formed
   std::string Ask(RequestFunction function, const wcs_gendata* block, const char* input) const;
-  // The same with no place for the reply: "result 0".
+  // The same with a null reply pointer: "result 0".
   std::string AskWithoutReply(RequestFunction function, const wcs_gendata* block, const char* input) const;
 
   void BeginThread() const { thread_begin_(); }
@@ -42,7 +42,7 @@ class FaultHost {
   void DeleteModule() const { delete_module_(); }
   bool HasObject() const { return *object_ != nullptr; }
 
-  // A report that can be read; empty without one.
+  // A report that can be read; empty if there is none to read.
   const std::string& Report() const { return report_; }
 
  private:

@@ -1,4 +1,4 @@
-// A bad host. Each case runs in a process of its own, so a crash is a finding and nothing more.
+// A bad host. Each case runs in its own process, so that a crash is only a finding.
 #include "tools/qxctl/trial/FaultsCommand.h"
 
 #include <unistd.h>
@@ -58,7 +58,7 @@ std::vector<FaultCase> AllCases() {
   return cases;
 }
 
-// --- running
+// --- the run
 
 std::string Run(const FaultCase& fault, const Options& options, const std::string& module, const std::string& report) {
   const ChildOutcome child = RunInChild(options.seconds, [&] {
@@ -78,7 +78,7 @@ FaultResult Try(const FaultCase& fault, const Options& options, const std::strin
   return {&fault, outcome == fault.expected ? Verdict::kOk : Verdict::kFinding, outcome};
 }
 
-// A directory of our own to work in, with a report where the module looks when no registry says otherwise.
+// A private working directory, with a report where the module reads it if no registry names another directory.
 class FaultPlace {
  public:
   ~FaultPlace() {
@@ -99,7 +99,7 @@ class FaultPlace {
     const bool is_made = !error && report.Open((path_ + "/Reports/faults").c_str(), 4) && report.writeLine("a record");
     if (!is_made) return {ExitCode::kIo, "cannot write a report into " + path_};
     const int error_of_change = chdir(path_.c_str()) == 0 ? 0 : errno;
-    return error_of_change == 0 ? Status() : Status::Io("cannot go to " + path_, error_of_change);
+    return error_of_change == 0 ? Status() : Status::Io("cannot enter " + path_, error_of_change);
   }
 
   // The name of the report, if the module will find it.
@@ -114,7 +114,7 @@ class FaultPlace {
   std::string path_;
 };
 
-// --- showing
+// --- output
 
 std::string ToText(const std::vector<FaultResult>& results) {
   std::string text;
@@ -151,19 +151,19 @@ Status StatusOf(const std::vector<FaultResult>& results) {
   };
   if (is(Verdict::kFinding) == 0) return {};
   return {ExitCode::kFinding, std::to_string(is(Verdict::kFinding)) + " of " + std::to_string(results.size()) +
-                                  " cases did not come out as they should"};
+                                  " cases did not have the expected outcome"};
 }
 
 // --- the command
 
-bool IsAsked(const Options& options, const FaultCase& fault) {
+bool IsRequested(const Options& options, const FaultCase& fault) {
   if (options.names.empty()) return true;
   return std::any_of(options.names.begin(), options.names.end(), [&](const std::string& name) {
     return name == fault.name || name == fault.group || name == std::string(fault.group) + "/" + fault.name;
   });
 }
 
-// Loads the module once in a child, so that an operator hears why it cannot be before all cases fail.
+// Loads the module once in a child: if it cannot be loaded, the operator gets the reason before all cases fail.
 Status CheckModule(const Options& options, const std::string& path) {
   const FaultCase loads{"order", "load", "Loads the module", "loaded",
                         [](FaultHost&) { return std::string("loaded"); }};
@@ -172,7 +172,7 @@ Status CheckModule(const Options& options, const std::string& path) {
     if (outcome == loads.expected) return {};
     if (outcome != kDidNotLoad) return {ExitCode::kFinding, "loading and unloading the module: " + outcome};
   }
-  std::unique_ptr<ModuleHost> module;  // it cannot be loaded, so this has no effect but the reason
+  std::unique_ptr<ModuleHost> module;  // it cannot be loaded, so this only returns the reason
   if (Status status = ModuleHost::Load(path, module); !status.IsOk()) return status;
   return {ExitCode::kIo, path + " lacks a name that hosts look up"};
 }
@@ -184,7 +184,7 @@ Status TryAll(Context& context, const Options& options, const std::string& modul
   const std::string report = options.report.empty() ? place.Report() : options.report;
   for (const FaultCase& fault : cases) {
     if (InterruptSignal() != 0) return {ExitCode::kIo, "interrupted"};
-    if (!IsAsked(options, fault)) continue;
+    if (!IsRequested(options, fault)) continue;
     context.output.Progress(std::string(fault.group) + "/" + fault.name);
     results.push_back(Try(fault, options, module, report));
   }
@@ -210,11 +210,11 @@ Options OptionsOf(const Values& values) {
 }
 
 Status Faults(Context& context, const Values& values) {
-  const InterruptGuard guard;  // children write into the private directories, which are removed after them
+  const InterruptGuard guard;  // the children write into the private directories, which are removed later
   const Options options = OptionsOf(values);
   const std::vector<FaultCase> cases = AllCases();
   if (options.list) return List(context, cases);
-  const auto is_asked = [&](const FaultCase& fault) { return IsAsked(options, fault); };
+  const auto is_asked = [&](const FaultCase& fault) { return IsRequested(options, fault); };
   if (std::none_of(cases.begin(), cases.end(), is_asked))
     return {ExitCode::kUsage, "there is no such case; see --list"};
   if (Status status = context.traces.ProtectService(); !status.IsOk()) return status;

@@ -8,7 +8,7 @@ namespace qx::ctl {
 
 namespace {
 
-// The power of two in which a time lies; 0 lies with 1.
+// The power of two that a time belongs to; 0 belongs to that of 1.
 unsigned OctaveOf(std::uint64_t nanoseconds) {
   return static_cast<unsigned>(std::bit_width(std::max<std::uint64_t>(nanoseconds, 1))) - 1;
 }

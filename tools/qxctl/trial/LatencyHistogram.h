@@ -1,4 +1,4 @@
-// How long calls took, in bounded memory whatever their number.
+// The times of any number of calls, in bounded memory.
 #pragma once
 
 #include <array>
@@ -8,15 +8,15 @@
 
 namespace qx::ctl {
 
-// A log-linear histogram of times in nanoseconds: 32 buckets of equal width for each power of two, so a time that is
-// read back is off by a thirty-second at most. 15 KiB, from one nanosecond to centuries.
+// A log-linear histogram of times in nanoseconds: 32 buckets of equal width for each power of two, so the error of a
+// time is at most a thirty-second. 15 KiB, from one nanosecond to centuries.
 //
-// Threads: one thread; each worker has one of its own, and they are added up at the end.
+// Threads: one thread; each worker has its own, and they are added at the end.
 class LatencyHistogram {
  public:
   struct Bucket {
-    std::uint64_t from_ns;  // first time that falls into it
-    std::uint64_t to_ns;    // last one
+    std::uint64_t from_ns;  // its shortest time
+    std::uint64_t to_ns;    // its longest time
     std::uint64_t count;
   };
 
@@ -30,7 +30,7 @@ class LatencyHistogram {
   // 0 without calls.
   std::uint64_t Percentile(double share) const;
 
-  // One bucket a power of two, from the first that holds a call to the last.
+  // One bucket for each power of two, from the first that has a call to the last.
   std::vector<Bucket> Octaves() const;
 
  private:

@@ -22,7 +22,7 @@ ExpectedReplies::Print PrintOf(const std::string& reply) {
   return {reply.size(), std::hash<std::string_view>()(reply)};
 }
 
-// "GetReports: result 12, reply <Error Msg=..." for an operator who wants to know what came instead
+// "GetReports: result 12, reply <Error Msg=..." shows an operator the reply that came instead
 std::string FailureText(RequestFunction function, const CallResult& call, const std::string& why) {
   constexpr std::size_t kReplyCharsMax = 120;
   std::string text = std::string(NameOf(function)) + ": " + why + "; result " + std::to_string(call.result);
@@ -37,14 +37,14 @@ std::string RequestAt(const LoadPlan& plan, std::int32_t start) {
   return RequestText({.name = plan.report, .start_index = start, .record_count = plan.records_a_call});
 }
 
-bool Asks(const LoadPlan& plan, RequestFunction function) {
+bool Includes(const LoadPlan& plan, RequestFunction function) {
   for (const RequestFunction asked : plan.mix) {
     if (asked == function) return true;
   }
   return false;
 }
 
-// One transfer from beginning to end, or its first reply when nothing is to be compared byte for byte.
+// One transfer from beginning to end, or only its first reply if nothing is compared byte for byte.
 Status AskForRecords(WorkerThread& worker, const LoadPlan& plan, ExpectedReplies& expected) {
   for (std::int32_t start = 0;;) {
     const CallResult call = worker.Call(RequestFunction::kGetReports, RequestAt(plan, start));
@@ -55,7 +55,7 @@ Status AskForRecords(WorkerThread& worker, const LoadPlan& plan, ExpectedReplies
     if (start == 0) expected.report_head = call.reply->substr(0, call.reply->find(kStartAttribute));
     if (!plan.exact) return {};
     expected.transfers[start] = PrintOf(*call.reply);
-    if (reply.next_index <= start) return {ExitCode::kIo, "the module's transfer does not get on"};
+    if (reply.next_index <= start) return {ExitCode::kIo, "the module's transfer makes no progress"};
     start = reply.next_index;
   }
 }
@@ -64,18 +64,20 @@ Status AskForRecords(WorkerThread& worker, const LoadPlan& plan, ExpectedReplies
 
 Status AskForExpected(const ModuleHost& module, const LoadPlan& plan, ExpectedReplies& expected) {
   WorkerThread worker(module, plan.block);
-  if (Asks(plan, RequestFunction::kWhat)) {
+  if (Includes(plan, RequestFunction::kWhat)) {
     const CallResult call = worker.Call(RequestFunction::kWhat, "");
-    if (call.result != 0 || !call.reply.has_value()) return {ExitCode::kRefused, "the module does not say who it is"};
+    if (call.result != 0 || !call.reply.has_value())
+      return {ExitCode::kRefused, "the module's reply to What does not name the module"};
     expected.what = *call.reply;
   }
-  if (Asks(plan, RequestFunction::kGetReportInstanceNames)) {
+  if (Includes(plan, RequestFunction::kGetReportInstanceNames)) {
     expected.names = worker.Call(RequestFunction::kGetReportInstanceNames, NamesRequestText(plan.report));
     std::vector<Instance> ignored;
     Status status = InstancesOf(expected.names, ignored);
-    if (!status.IsOk() && status.Code() != ExitCode::kNotFound) return status;  // a missing report is an answer, too
+    if (!status.IsOk() && status.Code() != ExitCode::kNotFound)
+      return status;  // for a missing report there is a reply, too
   }
-  return Asks(plan, RequestFunction::kGetReports) ? AskForRecords(worker, plan, expected) : Status();
+  return Includes(plan, RequestFunction::kGetReports) ? AskForRecords(worker, plan, expected) : Status();
 }
 
 LoadScript::LoadScript(const LoadPlan& plan, const ExpectedReplies& expected, unsigned thread)
@@ -100,10 +102,10 @@ std::string LoadScript::StepWhat(WorkerThread& worker, double& seconds) {
   const CallResult call = worker.Call(RequestFunction::kWhat, "");
   seconds = call.seconds;
   if (call.result == 0 && call.reply == expected_.what) return "";
-  return FailureText(RequestFunction::kWhat, call, "another answer than the first time");
+  return FailureText(RequestFunction::kWhat, call, "another reply than the first time");
 }
 
-// Thread and number stand in the document, so that a reply of another call shows.
+// The document has the thread and the number, so that a reply of another call is found.
 std::string LoadScript::StepReflect(WorkerThread& worker, double& seconds) {
   char document[128];
   std::snprintf(document, sizeof document, "<Load Thread=\"%u\" Request=\"%llu\"><Text>a &amp; b</Text></Load>\n",
@@ -118,14 +120,14 @@ std::string LoadScript::StepNames(WorkerThread& worker, double& seconds) {
   const CallResult call = worker.Call(RequestFunction::kGetReportInstanceNames, NamesRequestText(plan_.report));
   seconds = call.seconds;
   if (call.result == expected_.names.result && call.reply == expected_.names.reply) return "";
-  return FailureText(RequestFunction::kGetReportInstanceNames, call, "another answer than the first time");
+  return FailureText(RequestFunction::kGetReportInstanceNames, call, "another reply than the first time");
 }
 
 std::string LoadScript::StepReports(WorkerThread& worker, double& seconds) {
   const CallResult call = worker.Call(RequestFunction::kGetReports, RequestAt(plan_, next_index_));
   seconds = call.seconds;
   std::string wrong = call.result == kResultNoMoreRecords ? CheckEnd(call) : CheckRecords(call);
-  if (!wrong.empty()) next_index_ = 0;  // the next one starts a transfer of its own
+  if (!wrong.empty()) next_index_ = 0;  // the next one starts a new transfer
   return wrong;
 }
 
@@ -144,7 +146,7 @@ std::string LoadScript::CheckRecords(const CallResult& call) {
   const std::string& reply = *call.reply;
   const std::string head = expected_.report_head + kStartAttribute + std::to_string(next_index_) + kNextAttribute;
   if (expected_.report_is_empty || !reply.starts_with(head) || !reply.ends_with(kReportTail)) {
-    return failure("not the records that were asked for");
+    return failure("not the requested records");
   }
   if (plan_.exact) {
     const auto expected = expected_.transfers.find(next_index_);
@@ -153,7 +155,7 @@ std::string LoadScript::CheckRecords(const CallResult& call) {
   }
   std::int32_t next = 0;
   (void)std::from_chars(reply.data() + head.size(), reply.data() + reply.size(), next);  // 0 fails just below
-  if (next <= next_index_) return failure("a transfer that does not get on");
+  if (next <= next_index_) return failure("a transfer without progress");
   next_index_ = next;
   return "";
 }

@@ -1,4 +1,4 @@
-// What one thread of a load test asks, one request after another, and what must come back.
+// The requests of one thread of a load test, and the expected replies.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 namespace qx::ctl {
 
-// What the module answered before the load began. A reply is kept as its length and hash: a transfer may be large.
+// The module's replies before the load. A reply is kept as its length and hash: a transfer may be large.
 struct ExpectedReplies {
   struct Print {
     std::size_t bytes = 0;
@@ -25,11 +25,11 @@ struct ExpectedReplies {
   bool report_is_empty = false;
 };
 
-// Asks once for everything in the plan. Fails with the reason when that is no use as a measure: a report that is not
-// there, a refusal.
+// Makes every request of the plan once. Fails with the reason if the replies cannot be used for comparison: a missing
+// report, a refusal.
 Status AskForExpected(const ModuleHost& module, const LoadPlan& plan, ExpectedReplies& expected);
 
-// Threads: belongs to one worker thread; plan and expectation are shared and not changed.
+// Threads: belongs to one worker thread; the plan and the expected replies are shared and not changed.
 class LoadScript {
  public:
   LoadScript(const LoadPlan& plan, const ExpectedReplies& expected, unsigned thread);
@@ -49,7 +49,7 @@ class LoadScript {
   const ExpectedReplies& expected_;
   unsigned thread_;
   std::uint64_t step_;
-  std::int32_t next_index_ = 0;  // of the transfer under way
+  std::int32_t next_index_ = 0;  // of the current transfer
 };
 
 }  // namespace qx::ctl

@@ -15,12 +15,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::uint64_t kWarmUpMin = 50;  // a thread: pools, arenas and files are open then
+constexpr std::uint64_t kWarmUpMin = 50;  // for each thread: pools, arenas and files are open then
 constexpr std::size_t kFailuresListedMax = 10;
 constexpr double kNanosecondsPerSecond = 1e9;
 constexpr auto kProgressInterval = std::chrono::milliseconds(100);
 
-// Where all workers wait until the measuring thread lets them go on.
+// A barrier: all workers wait until the measuring thread releases them.
 class Gate {
  public:
   explicit Gate(unsigned workers) : workers_(workers) {}
@@ -33,7 +33,7 @@ class Gate {
     changed_.wait(lock, [&] { return round_ != round; });
   }
 
-  // False when not all of them are here in time.
+  // False if not all of them arrive in time.
   bool WaitForAll(std::chrono::milliseconds time) {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, time, [&] { return waiting_ == workers_; });
@@ -76,10 +76,10 @@ class LoadWorker {
     thread_ = std::thread([this] { Run(); });
   }
 
-  // Read by the measuring thread while this one runs.
+  // The measuring thread reads it while this one runs.
   std::uint64_t Requests() const { return requests_.load(std::memory_order_relaxed); }
 
-  // For after the thread's last call.
+  // To be read after the thread's last call.
   void AddTo(LoadResult& result) const {
     result.requests += latency_.Count();
     result.warm_up_requests += Requests() - latency_.Count();
@@ -104,7 +104,7 @@ class LoadWorker {
     shared_.gate.Arrive();
   }
 
-  // What this thread makes of all requests; 0 when only the time counts.
+  // This thread's part of all requests; 0 if only the time counts.
   std::uint64_t Share() const {
     const std::uint64_t all = shared_.plan.requests;
     const unsigned threads = shared_.plan.threads;

@@ -16,20 +16,20 @@ namespace qx::ctl {
 
 struct LoadPlan {
   unsigned threads = 4;
-  std::uint64_t requests = 0;  // of all threads together; 0: as many as fit into `seconds`
+  std::uint64_t requests = 0;  // of all threads together; 0: as many as possible in `seconds`
   double seconds = 0;
-  std::vector<RequestFunction> mix;  // asked in turn; each thread begins at another place
+  std::vector<RequestFunction> mix;  // made in turn; each thread begins at another one
   std::string report;                // for GetReports and GetReportInstanceNames
   std::int32_t records_a_call = 100;
-  bool exact = false;  // nobody writes to the report: replies are compared byte for byte with the first transfer
-  BlockValues block;   // but for the thread id, which is each thread's own
+  bool exact = false;  // the report has no writer: replies are compared byte for byte with the first transfer
+  BlockValues block;   // except for the thread id: each thread has its own
 };
 
 struct LoadResult {
   std::uint64_t requests = 0;
   std::uint64_t warm_up_requests = 0;
-  std::uint64_t failures = 0;               // replies that were not as expected, the warm-up's included
-  std::vector<std::string> first_failures;  // a few of them in words
+  std::uint64_t failures = 0;               // replies that were not as expected, including those of the warm-up
+  std::vector<std::string> first_failures;  // some of them as text
   double seconds = 0;
   LatencyHistogram latency;
   MemoryFigures memory_start;  // every thread has warmed up and waits
@@ -42,8 +42,8 @@ struct LoadResult {
 // Called ten times a second with the number of requests made so far; false ends the test early.
 using LoadProgress = std::function<bool(std::uint64_t requests)>;
 
-// Runs the plan. Fails only when the first, single-threaded look at the module already finds no such report or a
-// refusal; everything later is a failure in the result.
+// Runs the plan. Fails only if the first, single-threaded requests already find no such report or a refusal; everything
+// later is a failure in the result.
 Status RunLoad(const ModuleHost& module, const LoadPlan& plan, const LoadProgress& progress, LoadResult& result);
 
 }  // namespace qx::ctl

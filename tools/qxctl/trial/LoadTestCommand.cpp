@@ -1,4 +1,4 @@
-// What the module does under the load of many threads, and what is left of it afterwards.
+// What the module does under the load of many threads, and what it leaves afterwards.
 #include "tools/qxctl/trial/LoadTestCommand.h"
 
 #include <cstdarg>
@@ -22,7 +22,7 @@ namespace qx::ctl {
 namespace {
 
 constexpr std::uint64_t kRequestsDefault = 10000;
-#ifdef __SANITIZE_ADDRESS__  // whose allocator takes fresh memory for each thread and size, and keeps freed memory back
+#ifdef __SANITIZE_ADDRESS__  // whose allocator uses new memory for each thread and size, and keeps freed memory
 constexpr std::uint64_t kGrowthDefault = std::uint64_t{512} * 1024;
 #else
 constexpr std::uint64_t kGrowthDefault = 4096;
@@ -43,7 +43,7 @@ struct LoadFinding {
   std::string text;
 };
 
-// Everything that a run tells.
+// All results of a run.
 struct LoadReport {
   LoadResult result;
   std::size_t descriptors_before = 0;
@@ -63,7 +63,7 @@ __attribute__((format(printf, 1, 2))) std::string Text(const char* format, ...) 
 
 unsigned long long Wide(std::uint64_t number) { return number; }
 
-// --- judging
+// --- findings
 
 void JudgeGrowth(const char* what, std::size_t start, std::size_t end, const Options& options, LoadReport& report) {
   const std::size_t limit = options.growth_kilobytes * kBytesPerKilobyte;
@@ -77,7 +77,8 @@ void JudgeGrowth(const char* what, std::size_t start, std::size_t end, const Opt
 }
 
 void JudgeDescriptors(const LoadPlan& plan, LoadReport& report) {
-  constexpr std::size_t kFilesOfAReport = 2;  // a thread in the middle of a transfer holds them, one at its end may not
+  constexpr std::size_t kFilesOfAReport =
+      2;  // a thread in the middle of a transfer has them open, one at its end may not
   const LoadResult& result = report.result;
   if (result.descriptors_end > result.descriptors_start + kFilesOfAReport * plan.threads) {
     report.findings.push_back({"descriptors", Text("%zu descriptors were open at the end of the load, %zu at its start",
@@ -110,7 +111,7 @@ Status StatusOf(const LoadReport& report) {
   return {ExitCode::kFinding, text};
 }
 
-// --- showing
+// --- output
 
 // "812 ns", "4.1 us", "12.7 ms"
 std::string TimeText(std::uint64_t nanoseconds) {
@@ -154,7 +155,7 @@ std::string ReportText(const Options& options, const LoadReport& report) {
   text += HistogramText(result.latency) + MemoryText(result);
   text += Text("descriptors   %zu before the load, %zu at the start, %zu at the end, %zu after the unload\n",
                report.descriptors_before, result.descriptors_start, result.descriptors_end, report.descriptors_after);
-  return text + "unload        " + (report.is_unmapped ? "nothing of the module is mapped" : "still mapped") + "\n";
+  return text + "unload        " + (report.is_unmapped ? "the module is unmapped" : "still mapped") + "\n";
 }
 
 Json LatencyToJson(const LatencyHistogram& latency) {
@@ -211,7 +212,7 @@ Status Show(Context& context, const Values& values, const Options& options, cons
   return shown;
 }
 
-// --- running
+// --- the run
 
 const std::map<std::string, RequestFunction>& MixNames() {
   static const std::map<std::string, RequestFunction> names = {{"what", RequestFunction::kWhat},

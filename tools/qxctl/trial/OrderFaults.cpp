@@ -1,4 +1,4 @@
-// Calls in an order that no service keeps: ends before beginnings, twice what is once, threads mixed up.
+// Calls in an order that no service uses: ends before beginnings, calls made twice, threads mixed up.
 #include <atomic>
 #include <string>
 #include <thread>
@@ -19,7 +19,7 @@ std::string AskWhat(FaultHost& host) {
   return host.Ask(RequestFunction::kWhat, block.Raw(), "");
 }
 
-// A request of a thread that has the module's data `data`, which is carried on.
+// A request of a thread with the module's data `data`, which the request updates.
 std::string AskWithData(FaultHost& host, void*& data) {
   RawBlock block;
   block.SetElements(GoodElements(block));
@@ -49,7 +49,7 @@ std::string BeginTwice(FaultHost& host) {
   return text;
 }
 
-// Without data nothing is to be freed, however often.
+// Without data nothing may be freed, however often.
 std::string EndTwice(FaultHost& host) {
   host.EndThread(nullptr);
   host.BeginThread();
@@ -65,7 +65,7 @@ std::string AskWithoutBegin(FaultHost& host) {
   return text;
 }
 
-// One thread's data goes on with another thread, as when a host gives its threads new numbers.
+// Another thread continues with one thread's data, as if a host gave its threads new numbers.
 std::string DataOfAnotherThread(FaultHost& host) {
   void* data = nullptr;
   std::thread([&] { (void)AskWithData(host, data); }).join();
@@ -110,7 +110,7 @@ std::string Reload(FaultHost& host) {
   return text;
 }
 
-// The data of a thread that never ended is left behind.
+// The data of a thread that never ended is not freed.
 std::string UnloadWithoutEnd(FaultHost& host) {
   void* data = nullptr;
   (void)AskWithData(host, data);
@@ -119,7 +119,7 @@ std::string UnloadWithoutEnd(FaultHost& host) {
   return AskWhat(host);
 }
 
-// Requests of one thread: its own number stands in each, and must stand in the reply.
+// Requests of one thread: each has its own number, which must be in the reply.
 unsigned MixUps(FaultHost& host, unsigned number) {
   constexpr unsigned kRequests = 100;
   unsigned wrong = 0;
@@ -138,7 +138,7 @@ unsigned MixUps(FaultHost& host, unsigned number) {
   return wrong;
 }
 
-// Threads that call, end and call again among each other, none of them begun.
+// Threads that call, end and call again at the same time, without a begin.
 std::string Interleaved(FaultHost& host) {
   std::atomic<unsigned> wrong{0};
   std::vector<std::thread> threads;
@@ -154,7 +154,7 @@ std::string Interleaved(FaultHost& host) {
 void AddOrderFaults(std::vector<FaultCase>& cases) {
   cases.insert(
       cases.end(),
-      {{"order", "request-before-begin", "Calls on a thread that never began", kNoReportOutcome, AskWithoutBegin},
+      {{"order", "request-before-begin", "Calls on a thread without a begin", kNoReportOutcome, AskWithoutBegin},
        {"order", "begin-twice", "Begins a thread twice", kNoReportOutcome, BeginTwice},
        {"order", "end-first", "Ends a thread before it began, and again", kIdentified, EndTwice},
        {"order", "request-after-end", "Calls on a thread that has ended", kNoReportOutcome, EndThenAsk},
@@ -174,7 +174,7 @@ void AddOrderFaults(std::vector<FaultCase>& cases) {
         std::string("created 1, created 1, ") + kIdentified, CreateTwice},
        {"order", "reload", "Unloads and loads five times", kIdentified, Reload},
        {"order", "unload-without-end", "Unloads while a thread has not ended", kIdentified, UnloadWithoutEnd},
-       {"order", "interleaved", "Eight threads that call and end among each other", "0 replies of other calls",
+       {"order", "interleaved", "Eight threads that call and end at the same time", "0 replies of other calls",
         Interleaved}});
 }
 

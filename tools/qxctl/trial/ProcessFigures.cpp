@@ -40,7 +40,7 @@ MemoryFigures ReadMemoryFigures() {
 std::size_t OpenDescriptors() {
   std::error_code error;
   const auto count = std::distance(std::filesystem::directory_iterator("/proc/self/fd", error), {});
-  return count > 0 ? static_cast<std::size_t>(count) - 1 : 0;  // but for the one that reads the directory
+  return count > 0 ? static_cast<std::size_t>(count) - 1 : 0;  // without the one that reads the directory
 }
 
 bool IsMapped(const std::string& path) {

@@ -1,4 +1,4 @@
-// What this process holds at the moment: memory, descriptors, mapped files.
+// The resources of this process now: memory, descriptors, mapped files.
 #pragma once
 
 #include <cstddef>
@@ -7,17 +7,17 @@
 namespace qx::ctl {
 
 struct MemoryFigures {
-  std::size_t resident_bytes = 0;  // 0: /proc does not tell
-  std::size_t in_use_bytes = 0;    // handed out by the allocator and not freed, in all its arenas
+  std::size_t resident_bytes = 0;  // 0: /proc cannot be read
+  std::size_t in_use_bytes = 0;    // allocated and not freed, in all arenas
 };
 
 // [any thread]
 MemoryFigures ReadMemoryFigures();
 
-// Open descriptors of the process; 0 when /proc does not tell. [any thread]
+// Open descriptors of the process; 0 if /proc cannot be read. [any thread]
 std::size_t OpenDescriptors();
 
-// Whether anything of the file at `path` is mapped into the process, for a library what dlclose should have undone.
+// Whether any part of the file at `path` is mapped into the process; after dlclose, no part of a library should be.
 // [any thread]
 bool IsMapped(const std::string& path);
 

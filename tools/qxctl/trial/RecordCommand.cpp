@@ -1,4 +1,4 @@
-// Makes calls and keeps each as a file: block, input, result, state word and reply.
+// Makes calls and stores each as a file: block, input, result, state word and reply.
 #include "tools/qxctl/trial/RecordCommand.h"
 
 #include <sys/stat.h>
@@ -49,7 +49,7 @@ bool IsDirectory(const std::string& path) {
   return stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
-// "DIR/0001-GetReports.json": numbered on, so that the order of names is the order of calls.
+// "DIR/0001-GetReports.json": the numbers make the order of the names that of the calls.
 std::string NextFile(const std::string& directory, RequestFunction function) {
   int last = 0;
   std::error_code error;
@@ -102,7 +102,7 @@ RecordedCall MakeCall(WorkerThread& worker, RequestFunction function, const std:
   return call;
 }
 
-// All calls of one transfer, up to the one that finds nothing any more.
+// All calls of one transfer, up to the one that finds no more records.
 Status RecordTransfer(Context& context, Options options, WorkerThread& worker) {
   for (;;) {
     const RecordedCall call = MakeCall(worker, RequestFunction::kGetReports, RequestText(options.request));
@@ -112,7 +112,7 @@ Status RecordTransfer(Context& context, Options options, WorkerThread& worker) {
     if (IsEndOfReport(answer)) return {};
     if (Status status = StatusOfReports(answer, reply); !status.IsOk()) return status;
     if (reply.next_index <= options.request.start_index) {
-      return {ExitCode::kFinding, "the module's transfer does not get on"};
+      return {ExitCode::kFinding, "the module's transfer makes no progress"};
     }
     options.request.start_index = reply.next_index;
   }

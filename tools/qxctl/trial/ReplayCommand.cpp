@@ -1,4 +1,4 @@
-// Makes the calls of files again and compares what comes back, byte for byte.
+// Makes the calls of files again and compares the results byte for byte.
 #include "tools/qxctl/trial/ReplayCommand.h"
 
 #include <algorithm>
@@ -22,7 +22,7 @@ namespace qx::ctl {
 namespace {
 
 struct Options {
-  CallOptions call;  // the module alone; the block is the file's
+  CallOptions call;  // only the module; the block is that of the file
   std::vector<std::string> paths;
   std::vector<std::string> ignored;  // attributes
   bool force = false;
@@ -31,7 +31,7 @@ struct Options {
 struct Replayed {
   std::string file;
   std::string function;
-  std::vector<std::string> differences;  // empty: all is as recorded
+  std::vector<std::string> differences;  // empty: the call is as recorded
 };
 
 Status FilesOf(const Options& options, std::vector<std::string>& files) {
@@ -57,7 +57,7 @@ Status ReadCall(const std::string& file, bool force, RecordedCall& call) {
   if (Status status = ReadArgument("@" + file, text, force); !status.IsOk()) return status;
   std::string problem;
   if (ParseCallFile(text, call, problem)) return {};
-  return {ExitCode::kIo, file + " is no recorded call: " + problem};
+  return {ExitCode::kIo, file + " is not a recorded call: " + problem};
 }
 
 RequestFunction FunctionOf(const RecordedCall& call) {
@@ -68,7 +68,7 @@ RequestFunction FunctionOf(const RecordedCall& call) {
   return RequestFunction::kWhat;
 }
 
-// One service thread that makes all the calls, so that a transfer goes on from file to file.
+// One service thread that makes all the calls, so that a transfer continues from file to file.
 class ReplayThread {
  public:
   explicit ReplayThread(const ModuleHost& module) : module_(module) { module_.BeginThread(); }
@@ -76,7 +76,7 @@ class ReplayThread {
   ReplayThread(const ReplayThread&) = delete;
   ReplayThread& operator=(const ReplayThread&) = delete;
 
-  // The parser has built the block once already, so it can be built.
+  // The parser has already built the block once, so this succeeds.
   RecordedCall Call(const RecordedCall& recorded) {
     RawBlock block;
     std::string ignored;
@@ -137,7 +137,7 @@ Status StatusOf(const std::vector<Replayed>& replayed) {
   const auto count = std::count_if(replayed.begin(), replayed.end(), differs);
   if (count == 0) return {};
   return {ExitCode::kFinding,
-          std::to_string(count) + " of " + std::to_string(replayed.size()) + " calls came out otherwise than recorded"};
+          std::to_string(count) + " of " + std::to_string(replayed.size()) + " calls differ from their recording"};
 }
 
 std::string Indented(const std::string& lines) {

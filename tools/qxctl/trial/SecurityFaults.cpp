@@ -1,5 +1,5 @@
-// Security validation data that no service makes. Whatever it is: without the privilege no record leaves, and what is
-// no validation data at all asks for no privilege.
+// Security validation data that no service makes. Without the privilege the module must return no record; a value that
+// is not validation data must require no privilege.
 #include <cstdint>
 #include <limits>
 #include <utility>
@@ -65,7 +65,7 @@ std::string AskWithPrivilege(FaultHost& host, const char* privilege) {
   return AskGranted(host, block, block.Authorization("bob", {{"Operations", {privilege}}}));
 }
 
-// Null entries around the one that counts.
+// Null entries around the real one.
 std::string AskWithNullEntries(FaultHost& host) {
   RawBlock block;
   krx_authorization_data* const granted = block.Authorization(std::nullopt, {{std::nullopt, {"x", kPrivilege}}});
