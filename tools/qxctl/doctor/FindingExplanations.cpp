@@ -15,7 +15,7 @@ constexpr Explanation kFindings[] = {
      "Install what the loader's text names, or install the module again"},
     {ExplainedKind::kFinding, "QX103", "The module is built for another kind of machine, or is no library at all",
      "A package of another architecture, or a wrong file name", "Install the module of this machine's architecture"},
-    {ExplainedKind::kFinding, "QX104", "The library is no provider module: it does not export all entry points",
+    {ExplainedKind::kFinding, "QX104", "The library is not a provider module: it does not export all entry points",
      "Another library has its name", "Name the module with --module"},
     {ExplainedKind::kFinding, "QX105", "Others than its owner can replace the module",
      "The file, or a directory on the way to it, can be written by everybody",

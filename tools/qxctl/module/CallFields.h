@@ -1,4 +1,4 @@
-// Internal: the fields of a call file's objects, checked as they are read.
+// Internal: reads and checks the fields of a call file's objects.
 #pragma once
 
 #include <cstdint>
@@ -21,8 +21,8 @@ bool Fails(std::string& problem, std::string reason);
 // Sets `key` to `bytes`, or, if they are not UTF-8, `key`Base64 to their base64.
 void SetBytes(CallJson& object, const std::string& key, const std::string& bytes);
 
-// Reads one object. Every function is false with a reason in `problem` when the field is missing or of another kind;
-// what it would have set is then as it was.
+// Reads one object. Every function is false with a reason in `problem` if the field is missing or of another kind; its
+// output is then unchanged.
 class FieldReader {
  public:
   FieldReader(const CallJson& object, std::string& problem) : object_(object), problem_(problem) {}

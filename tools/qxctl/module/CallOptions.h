@@ -14,16 +14,16 @@
 namespace qx::ctl {
 
 struct CallOptions {
-  std::string module_path;  // empty: FindModule looks for it
+  std::string module_path;  // empty: FindModule finds it
   BlockValues block;
 };
 
-// What is wrong with the tag of a block; empty: nothing.
+// Returns what is wrong with the tag of a block, or an empty text.
 std::string_view CheckTag(std::string_view tag);
 
 inline constexpr std::string_view kOmittableElements[] = {"1", "2", "3", "5", "14", "15", "61", "65"};
 
-// --module alone, for commands that make their blocks themselves.
+// Only --module, for commands that make their own blocks.
 inline constexpr Parameter kModuleParameters[] = {
     {.name = "--module",
      .kind = ValueKind::kFile,
@@ -31,7 +31,7 @@ inline constexpr Parameter kModuleParameters[] = {
      .help = "The module (default: QX_MODULE, next to qxctl, in ../lib of it, where the suite installs it)"},
 };
 
-// What the request block says.
+// The contents of the request block.
 inline constexpr Parameter kBlockParameters[] = {
     {.name = "--user",
      .kind = ValueKind::kText,
@@ -90,7 +90,7 @@ inline constexpr Parameter kBlockParameters[] = {
 // From a command with kModuleParameters and kBlockParameters.
 CallOptions CallOptionsOf(const Values& values);
 
-// Loads the module that the options name, away from any service's traces.
+// Loads the module that the options name, with its traces apart from those of a service.
 Status LoadModule(const CallOptions& options, TraceDirectory& traces, std::unique_ptr<ModuleHost>& host);
 
 // "[DEPARTMENT:]NAME"

@@ -22,14 +22,15 @@ using Clock = std::chrono::steady_clock;
 
 [[noreturn]] void Work(const std::function<std::string()>& work, int out) {
   const rlimit no_core{0, 0};
-  (void)setrlimit(RLIMIT_CORE, &no_core);  // that it crashed is all that is to be known
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) (void)std::signal(signal, SIG_DFL);  // a guard is the parent's
+  (void)setrlimit(RLIMIT_CORE, &no_core);  // that it crashed is all that the parent needs to know
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+    (void)std::signal(signal, SIG_DFL);  // a guard belongs to the parent
   const file::Descriptor null = file::Open("/dev/null", O_RDWR);
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) (void)dup2(null.Number(), descriptor);
   _exit(WriteAll(out, work(), "the parent").IsOk() ? 0 : 1);
 }
 
-// Reads to the end, or to the deadline: then the child is killed. False without an end.
+// Reads to the end. At the deadline the child is killed, and the result is false.
 bool ReadToEnd(int in, pid_t child, double seconds, std::string& text) {
   const auto time = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
   const auto deadline = Clock::now() + time;
@@ -67,7 +68,7 @@ ChildOutcome RunInChild(double seconds, const std::function<std::string()>& work
   file::Descriptor out(ends[1]);
   const pid_t child = fork();
   if (child == 0) Work(work, out.Number());
-  out = {};  // closed, so that the child's end is the end of the pipe
+  out = {};  // closed, so that the end of the child ends the pipe
   const bool is_set = child > 0 && fcntl(in.Number(), F_SETFL, O_NONBLOCK) == 0;
   const bool has_ended = is_set && ReadToEnd(in.Number(), child, seconds, outcome.text);
   int status = 0;

@@ -1,4 +1,4 @@
-// A piece of work in a process of its own, so that what goes wrong in it stays there.
+// Runs a piece of work in its own process, so that a crash stays there.
 #pragma once
 
 #include <functional>
@@ -7,9 +7,9 @@
 namespace qx::ctl {
 
 struct ChildOutcome {
-  std::string text;     // what the work returned, or nothing
-  int exit_code = 0;    // of a child that ended otherwise than by returning
-  std::string trouble;  // empty: the work returned. "killed by signal 11 (Segmentation fault)", ...
+  std::string text;     // the result of the work, or empty
+  int exit_code = 0;    // the reason, if the work did not return
+  std::string trouble;  // Empty: the work returned. "killed by signal 11 (Segmentation fault)", ...
 };
 
 // Forks, runs `work` and waits for at most `seconds`. The child has no standard input and output and writes no core.

@@ -30,15 +30,16 @@ std::vector<Instance> ReadInstances(CMarkup& document) {
   return instances;
 }
 
-Status StatusOfNoList(const CallResult& call) {
+Status StatusOfMissingList(const CallResult& call) {
   const ReportReply reply = ParseReply(call);
   if (call.result == kResultNotFound && reply.kind == ReplyKind::kError) {
     return {ExitCode::kNotFound, reply.message + ": there is no such file next to the report in the report directory"};
   }
   if (call.result == 0 && !call.reply.has_value()) {
-    // After a refusal the list would make a document of two roots, which never leaves; another version has no list.
+    // After a refusal the list would make a document of two roots, which the module never sends; another version has no
+    // list.
     return {ExitCode::kRefused,
-            "the module gives no reply: the names file is not of version 1, or the caller lacks the privilege "
+            "the module returned no reply: the names file is not of version 1, or the caller lacks the privilege "
             "\"AccessPerformanceMgr\""};
   }
   if (call.result == 0 && reply.kind != ReplyKind::kError) {
@@ -60,7 +61,7 @@ Status InstancesOf(const CallResult& call, std::vector<Instance>& instances) {
   CMarkup document;
   const bool is_list = call.result == 0 && call.reply.has_value() && document.SetDoc(*call.reply) &&
                        document.FindElem("ReportInstanceNames");
-  if (!is_list) return StatusOfNoList(call);
+  if (!is_list) return StatusOfMissingList(call);
   instances = ReadInstances(document);
   return {};
 }

@@ -1,4 +1,4 @@
-// The documents of a request for a report's instance names: what is asked, and what the module answers.
+// The documents of a request for a report's instance names: the request and the reply.
 #pragma once
 
 #include <string>
@@ -11,13 +11,13 @@ namespace qx::ctl {
 
 struct Instance {
   std::string number;
-  std::string name;  // the bytes that stand in the names file
+  std::string name;  // the bytes in the names file
 };
 
 // <ReportInstanceNames Name="disk"/>
 std::string NamesRequestText(const std::string& report);
 
-// What a GetReportInstanceNames call came to. `instances` is set on kOk.
+// The outcome of a GetReportInstanceNames call. `instances` is set on kOk.
 Status InstancesOf(const CallResult& call, std::vector<Instance>& instances);
 
 }  // namespace qx::ctl

@@ -1,4 +1,4 @@
-// One call into the module, with the reply, the result and how long it took.
+// One call into the module, with the reply, the result and its time.
 #include "tools/qxctl/module/ModuleCommand.h"
 
 #include <cstdio>
@@ -21,7 +21,7 @@ namespace {
 
 struct Options {
   CallOptions call;
-  std::string input;  // empty: the request is made of `request`, or is empty
+  std::string input;  // empty: the request is made from `request`, or is empty
   ReportRequest request;
   bool json = false;
   bool force = false;
@@ -67,7 +67,7 @@ Status StatusOfCall(RequestFunction function, const CallResult& call) {
   if (call.result != 0) return {ExitCode::kRefused, "the module refuses with result " + std::to_string(call.result)};
   if (call.reply.has_value()) return {};
   return {ExitCode::kFinding, function == RequestFunction::kReflect ? "no reply: the input is not well-formed markup"
-                                                                    : "the module gave no reply"};
+                                                                    : "the module returned no reply"};
 }
 
 Status Print(Context& context, RequestFunction function, const CallResult& call, const Options& options) {
@@ -84,7 +84,7 @@ Status Print(Context& context, RequestFunction function, const CallResult& call,
   return status;
 }
 
-// The request document: the one that was given, or one for the report that was named.
+// The request document: the given one, or one for the named report.
 Status MakeInput(RequestFunction function, const Options& options, std::string& input) {
   const bool is_of_report =
       function == RequestFunction::kGetReports || function == RequestFunction::kGetReportInstanceNames;

@@ -18,7 +18,7 @@ const char kInstalledModule[] = "/opt/norrlek/QuaxelSuite/KRX/Provider/QXRemConX
 
 constexpr std::array<const char*, 4> kRequestNames = {"What", "Reflect", "GetReports", "GetReportInstanceNames"};
 
-// dlopen says why without the errno of anything.
+// dlopen reports its reason as a text and sets no errno.
 std::string LoaderError() {
   const char* const text = dlerror();
   return text != nullptr ? text : "no reason given";
@@ -30,7 +30,7 @@ const char* NameOf(RequestFunction function) { return kRequestNames[static_cast<
 
 Status ModuleHost::Load(const std::string& path, std::unique_ptr<ModuleHost>& host) {
   std::error_code error;
-  const std::string absolute = std::filesystem::absolute(path, error).string();  // a bare name would be searched for
+  const std::string absolute = std::filesystem::absolute(path, error).string();  // dlopen would search for a bare name
   if (error || access(absolute.c_str(), F_OK) != 0) {
     return {ExitCode::kNotFound, "there is no module " + path + "; name it with --module or in QX_MODULE"};
   }
@@ -39,14 +39,14 @@ Status ModuleHost::Load(const std::string& path, std::unique_ptr<ModuleHost>& ho
   std::unique_ptr<ModuleHost> loaded(new ModuleHost(library));
   std::string missing;
   if (!loaded->FindEntryPoints(missing)) {
-    return {ExitCode::kIo, path + " is no provider module: it does not export " + missing};
+    return {ExitCode::kIo, path + " is not a provider module: it does not export " + missing};
   }
   host = std::move(loaded);
   return {};
 }
 
 ModuleHost::~ModuleHost() {
-  (void)dlclose(library_);  // a library that stays mapped does no harm to a process that is about to end
+  (void)dlclose(library_);  // a library that stays mapped does no harm to a process that ends soon
 }
 
 template <typename Function>
@@ -80,7 +80,7 @@ std::string FindModule(const std::string& given) {
   if (!given.empty()) return given;
   const char* const named = std::getenv("QX_MODULE");
   if (named != nullptr && *named != '\0') return named;
-  std::error_code ignored;  // without /proc only the installed module is left
+  std::error_code ignored;  // without /proc, only the installed module can be found
   const std::filesystem::path folder = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
   for (const std::filesystem::path& candidate : {folder / kModuleFile, folder.parent_path() / "lib" / kModuleFile}) {
     if (!folder.empty() && access(candidate.c_str(), F_OK) == 0) return candidate.string();

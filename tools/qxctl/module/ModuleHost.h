@@ -19,17 +19,17 @@ const char* NameOf(RequestFunction function);
 
 struct CallResult {
   int result = 0;
-  std::optional<std::string> reply;  // unset: the module returned none
-  double seconds = 0;                // of the call alone
+  std::optional<std::string> reply;  // unset: the module returned no reply
+  double seconds = 0;                // of only the call
 };
 
 // A loaded module.
 //
 // Threads: one thread, like the rest of the tool; the module itself allows many.
-// Owns: the loaded library, closed at destruction. Point the trace directory elsewhere before loading (TraceDirectory).
+// Owns: the loaded library, closed at destruction. Set another trace directory before loading (TraceDirectory).
 class ModuleHost {
  public:
-  // Loads `path`. Without the file the code is kNotFound; with something that is no provider module kIo.
+  // Loads `path`. If there is no file, the code is kNotFound; if the file is not a provider module, kIo.
   static Status Load(const std::string& path, std::unique_ptr<ModuleHost>& host);
   ~ModuleHost();
   ModuleHost(const ModuleHost&) = delete;
@@ -42,7 +42,7 @@ class ModuleHost {
  private:
   explicit ModuleHost(void* library) : library_(library) {}
 
-  // False with the first name that is missing.
+  // False with the first missing name.
   bool FindEntryPoints(std::string& missing);
   template <typename Function>
   bool Find(const char* name, Function& function, std::string& missing);
@@ -54,12 +54,12 @@ class ModuleHost {
   QxFreeFunction free_ = nullptr;
 };
 
-// Where the module is: `given`, else QX_MODULE of the environment, else beside the executable, else in ../lib of it,
+// The path of the module: `given`, else QX_MODULE of the environment, else next to the executable, else in its ../lib,
 // else where the suite installs it.
 std::string FindModule(const std::string& given);
 
-// One worker thread of the service from its begin hook to its end hook. All calls use one block, whose element 1
-// carries what the module keeps between them, so a transfer belongs on one such object.
+// One worker thread of the service from its begin hook to its end hook. All calls use one block, whose element 1 keeps
+// the module's data between them, so a transfer needs one such object.
 class WorkerThread {
  public:
   WorkerThread(const ModuleHost& module, BlockValues values);

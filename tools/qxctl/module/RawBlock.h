@@ -12,8 +12,8 @@
 
 namespace qx::ctl {
 
-// Owns everything that the block points at, at fixed addresses until destruction. What is made belongs to the block but
-// is reached by the module only once it has been put into the header or into something that the header leads to.
+// Owns everything that the block points to, at fixed addresses until destruction. Everything that is made belongs to
+// the block, but the module finds it only after it was put into the header or into a part that the header points to.
 //
 // Threads: one thread.
 class RawBlock {
@@ -26,7 +26,7 @@ class RawBlock {
   RawBlock(const RawBlock&) = delete;
   RawBlock& operator=(const RawBlock&) = delete;
 
-  // `value` is stored as it stands, the others are copied.
+  // `value` is stored as it is, the others are copied.
   krx_element* Element(std::int32_t index, std::int32_t type, void* value);
   krx_element* Number(std::int32_t index, std::int32_t type, std::uint32_t number);
   krx_element* Text(std::int32_t index, std::int32_t type, const std::string& text);
@@ -43,7 +43,7 @@ class RawBlock {
   krx_gendata& Header() { return header_; }
   const wcs_gendata* Raw() const { return &header_; }
 
-  // The element in which the module keeps its data; null when the block has none that the module takes.
+  // The element in which the module keeps its data; null if the block has no such element that the module accepts.
   krx_element* ProviderData();
 
  private:

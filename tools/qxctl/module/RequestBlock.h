@@ -18,20 +18,20 @@ struct Privilege {
   std::string name;
 };
 
-// What a block says. The defaults make a block that the module accepts from a caller who is not authorised by name.
+// The contents of a block. The defaults make a block that the module accepts from a caller without a user name.
 struct BlockValues {
-  std::string tag = "KRX";  // at most 4 bytes; 4 leave it without its NUL
+  std::string tag = "KRX";  // at most 4 bytes; with 4 there is no NUL
   std::uint32_t version = 30400;
   std::uint32_t thread_id = 1;
   std::string application_id = "qxctl";
-  std::optional<std::string> function_id;  // unset: the name of the function that is called
+  std::optional<std::string> function_id;  // unset: the name of the called function
   std::string requestor_address = "localhost";
   std::optional<std::string> user;    // with a user or a privilege the block carries security validation data
   std::vector<Privilege> privileges;  // grouped by department, in the order of first mention
-  std::set<int> omitted;              // indices of elements that are left out, wherever they stand
+  std::set<int> omitted;              // indices of elements that are left out of every block
 };
 
-// The block and everything that it points at.
+// The block and everything that it points to.
 //
 //   1 provider data   2 thread id   3 function id   5 application id
 //   14 connection { 15 requestor address }
@@ -47,10 +47,10 @@ class RequestBlock {
 
   const wcs_gendata* Raw() const { return &header_; }
 
-  // Says which function is called next, unless the values named one for all calls.
+  // Sets the function of the next call, unless the values name one for all calls.
   void SetFunctionId(std::string_view name);
 
-  // What the module left in element 1; null when the element is omitted.
+  // The module's value in element 1; null if the element is omitted.
   void* ProviderData() const;
 
  private:
@@ -64,7 +64,7 @@ class RequestBlock {
 
   BlockValues values_;
   std::string function_id_;
-  std::deque<krx_element> elements_;  // a deque: growing does not move what the arrays point at
+  std::deque<krx_element> elements_;  // a deque: growing does not move what the arrays point to
   krx_element* provider_data_ = nullptr;
   krx_element* function_element_ = nullptr;
   ElementArray top_level_;

@@ -13,7 +13,7 @@ constexpr std::size_t kStateWordOffset = 4;  // after the thread's number
 
 }  // namespace
 
-// The kernel reads: it says EFAULT where a load of our own would be the end of the process.
+// The kernel reads: it returns EFAULT where our own read would end the process.
 std::optional<std::uint32_t> StateWordOf(const void* provider_data) {
   if (provider_data == nullptr) return std::nullopt;
   int ends[2];

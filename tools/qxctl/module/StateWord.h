@@ -1,4 +1,4 @@
-// The state word that the module keeps with a service thread, read from outside.
+// Reads the state word that the module keeps for a service thread.
 #pragma once
 
 #include <cstdint>
@@ -6,9 +6,8 @@
 
 namespace qx::ctl {
 
-// The second 32-bit word of what element 1 points at: the number of report calls since the transfer began. Nothing
-// without data, or when no readable memory is there: what a foreign module keeps need not look like ours.
-// [any thread]
+// The second 32-bit word of the data of element 1: the number of report calls since the transfer began. Empty without
+// data, or if its memory cannot be read: the data of another module may have another layout. [any thread]
 [[nodiscard]] std::optional<std::uint32_t> StateWordOf(const void* provider_data);
 
 }  // namespace qx::ctl
