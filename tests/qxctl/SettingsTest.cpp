@@ -88,7 +88,7 @@ TEST_F(QxctlRegistryEdit, SetWithoutApplyPrintsTheChangeAndChangesNothing) {
 TEST_F(QxctlRegistryEdit, SetWithApplyChangesTheFileAndKeepsABackup) {
   const Ran ran = Edit({"set", kKey, "Count", "7", "--apply"});
   EXPECT_EQ(ran.code, 0) << ran.err;
-  EXPECT_THAT(ran.err, HasSubstr("the file as it was is kept in ./registry."));
+  EXPECT_THAT(ran.err, HasSubstr("the old file is kept in ./registry."));
   EXPECT_THAT(ran.err, HasSubstr("after its restart"));
   EXPECT_EQ(Registry(), TreeWith("Count=d=-5", "Count=d=7"));
   EXPECT_EQ(Names(), (std::multiset<std::string>{"BACKUP", "registry"}));
@@ -133,7 +133,7 @@ TEST_F(QxctlRegistryEdit, ValueThatDoesNotFitIntoTheFileIsRefused) {
   EXPECT_EQ(Edit({"set", kKey + "/a]b", "v", "x", "--apply"}).code, 5);
   const Ran ran = Edit({"set", kKey, "v", std::string(1019, 'x'), "--apply"});
   EXPECT_EQ(ran.code, 5);
-  EXPECT_THAT(ran.err, HasSubstr("the file cannot hold v in HKEY_LOCAL_MACHINE/SOFTWARE: its line would have 1023"));
+  EXPECT_THAT(ran.err, HasSubstr("the file cannot store v in HKEY_LOCAL_MACHINE/SOFTWARE: its line would have 1023"));
   EXPECT_EQ(Registry(), kTree);
   EXPECT_EQ(Names(), (std::multiset<std::string>{"registry"}));
 }
@@ -146,7 +146,7 @@ TEST_F(QxctlRegistryEdit, SubkeyIsNotReplacedByAValue) {
 }
 
 TEST_F(QxctlRegistryEdit, SameValueChangesNothing) {
-  EXPECT_EQ(Edit({"set", kKey, "Name", "text", "--apply"}).err, "qxctl: nothing to change: it is so already\n");
+  EXPECT_EQ(Edit({"set", kKey, "Name", "text", "--apply"}).err, "qxctl: nothing to change: it is already so\n");
   EXPECT_EQ(Names(), (std::multiset<std::string>{"registry"}));
 }
 

@@ -1,4 +1,4 @@
-// What a program that reads a profile file would find in it.
+// Shows a profile file as programs read it.
 #include "tools/qxctl/settings/IniCommand.h"
 
 #include <algorithm>
@@ -22,8 +22,8 @@ struct Options {
   std::string key;
 };
 
-// The primitive with a buffer that grows until nothing was cut. A null `key` gives the list of keys, a null `section`
-// that of the sections, names separated by NUL.
+// Calls the reading primitive with a buffer that grows until nothing is cut. With a null `key` the result is the list
+// of keys, with a null `section` that of the sections, with names separated by NUL.
 std::string Read(const Options& options, const char* section, const char* key) {
   std::string buffer(4096, '\0');
   for (;;) {

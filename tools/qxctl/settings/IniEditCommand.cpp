@@ -1,4 +1,4 @@
-// Careful edits of profile files. Without --apply they say what would change.
+// Careful edits of profile files. Without --apply they only show what would change.
 #include "tools/qxctl/settings/IniEditCommand.h"
 
 #include <map>
@@ -35,7 +35,7 @@ struct Options {
   std::optional<std::string> to;        // copy
 };
 
-// Of the parameters that all three commands have.
+// From the parameters that all three commands have.
 Options OptionsOf(const Values& values) {
   Options options;
   options.edit = EditOptionsOf(values);
@@ -44,7 +44,7 @@ Options OptionsOf(const Values& values) {
   return options;
 }
 
-// --- showing
+// --- output
 
 // The lines of one section below its header, as `ini list` shows them.
 std::string ToText(const Output& output, const ProfilePlan& plan) {
@@ -102,7 +102,7 @@ Status StatusOf(const ProfilePlan& plan, const std::string& file, const ProfileR
     case ProfileState::kNoKey:
       return {ExitCode::kNotFound, "the section [" + Visible(request.section) + "] has no key " + Visible(request.key)};
     case ProfileState::kRefused:
-      return {ExitCode::kRefused, file + " cannot be changed so: " + plan.reason};
+      return {ExitCode::kRefused, file + " cannot be changed in this way: " + plan.reason};
   }
   return {};
 }
@@ -112,14 +112,14 @@ Status NotSound(const std::string& file, const std::string& reason) {
   return {ExitCode::kIo, file + " was not changed: " + reason};
 }
 
-// Programs find the file when they read it next; there is nothing to tell them.
+// Programs read the new file the next time; no note is necessary.
 Status Apply(ReplacedFile& edit, const ProfilePlan& plan, const std::string& file) {
   if (Status status = NotSound(file, inifile::Rehearse(plan, edit.Image().bytes)); !status.IsOk()) return status;
   if (Status status = StatusOfEdit(edit.WriteCopy(plan.text)); !status.IsOk()) return status;
   return StatusOfEdit(edit.Commit(false));
 }
 
-void TellWhatElse(Context& context, const ProfilePlan& plan) {
+void PrintRemarks(Context& context, const ProfilePlan& plan) {
   if (plan.completes_last_line) {
     context.output.Note("qxctl: the last line has no line feed, so that an entry would run into it; it gets one");
   }
@@ -144,7 +144,7 @@ Status Edit(Context& context, const Values& values, const Options& options, cons
   const bool has_changes = !plan.changes.empty();
   Status done;
   if (has_changes) {
-    TellWhatElse(context, plan);
+    PrintRemarks(context, plan);
     done = options.edit.apply ? Apply(edit, plan, file) : NotSound(file, inifile::Rehearse(plan, text));
     if (!done.IsOk() && !edit.IsInPlace()) return done;
   }
@@ -171,7 +171,7 @@ Status Delete(Context& context, const Values& values) {
               {.kind = kind, .section = options.section, .key = values.Text("KEY"), .entries = {}});
 }
 
-// Of a key that stands twice the entry that programs read.
+// If a key is there twice, the entry that programs read.
 Status ReadSection(const Options& options, std::vector<inifile::ProfileEntry>& entries) {
   FileImage image;
   if (Status status = StatusOfEdit(ReadFileImage(options.file, image)); !status.IsOk()) return status;

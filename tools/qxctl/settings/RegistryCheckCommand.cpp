@@ -1,4 +1,4 @@
-// Registry files compared, parts of one, and what a load makes of one.
+// Compares registry files, exports parts of one, and shows how a load reads one.
 #include "tools/qxctl/settings/RegistryCheckCommand.h"
 
 #include <memory>
@@ -87,7 +87,7 @@ Status Export(Context& context, const Values& values) {
   }
   std::string text;
   if (const auto refusal = registry::WhyNotStorable(part, text)) {
-    return {ExitCode::kRefused, "no file can hold this: " + refusal->reason};
+    return {ExitCode::kRefused, "no file can store this: " + refusal->reason};
   }
   const std::string file = values.Text("FILE", "-");
   return file != "-" ? WriteTo(file, text, values.Flag("--force")) : context.output.Data(text);

@@ -1,4 +1,4 @@
-// Keys and values of the registry as a process that loads it now would see them.
+// Keys and values of the registry as a process reads them that loads it now.
 #include "tools/qxctl/settings/RegistryCommand.h"
 
 #include <algorithm>
@@ -31,7 +31,7 @@ struct Options {
   bool expand = false;
 };
 
-// A value, taken out of its key.
+// A value, separate from its key.
 struct Value {
   std::string name;
   registry::TreeValue content;
@@ -66,7 +66,7 @@ KeyContent ContentOf(std::string path, const CRegistryNode& node) {
   return content;
 }
 
-// --- showing
+// --- output
 
 Json ContentToJson(const KeyContent& content) {
   Json object;
@@ -96,7 +96,7 @@ std::string ContentToText(const KeyContent& content, bool is_recursive) {
 
 // --- the commands
 
-// What a file that was made to be hostile would list without end.
+// A hostile file could otherwise be listed without end.
 Status StatusOfWalk(const registry::TreeWalk& walk) {
   if (walk.IsCut()) {
     return {ExitCode::kFinding, "the listing is not complete: the paths take more than 64 MiB; list one key below " +
@@ -145,7 +145,7 @@ Status List(Context& context, const Values& values) {
       StatusOfWalk(walk));
 }
 
-// An expansion is done by the handle, as it does it for every reader.
+// The handle does the expansion, as for every reader.
 Status ReadValue(const Options& options, CRegistry& handle, Value& value) {
   const KeyContent content = ContentOf(options.key, *handle.CurrentKey());
   const auto found = std::find_if(content.values.begin(), content.values.end(),

@@ -1,7 +1,7 @@
-// Changes to a registry file. Without --apply they say what would change.
+// Changes to a registry file. Without --apply they only show what would change.
 //
 // The new text comes from the library's own writer, and is parsed by its reader and compared before it replaces the old
-// one. A handle does not save it: that hides failures.
+// one. A handle does not save it, because a handle hides failures.
 #include "tools/qxctl/settings/RegistryEditCommand.h"
 
 #include <algorithm>
@@ -51,7 +51,7 @@ struct Options {
   std::optional<std::string> replace;  // import
 };
 
-// Of the parameters that all three commands have.
+// From the parameters that all three commands have.
 Options OptionsOf(const Values& values) {
   Options options;
   options.source = RegistrySourceOf(values);
@@ -61,7 +61,7 @@ Options OptionsOf(const Values& values) {
 
 using Change = std::function<Status(CRegistryNode& tree)>;
 
-// --- why nothing was changed
+// --- reasons for no change
 
 std::string ValueName(const Options& options) { return Visible(options.name.value_or("")); }
 
@@ -72,7 +72,7 @@ Status StatusOf(EditState state, const Options& options) {
       return {};
     case EditState::kNoHive:
       return {ExitCode::kRefused,
-              "paths begin with a hive, such as HKEY_LOCAL_MACHINE/SOFTWARE; programs do not look at " + key};
+              "paths begin with a hive, such as HKEY_LOCAL_MACHINE/SOFTWARE; programs do not read " + key};
     case EditState::kNoKey:
       return {ExitCode::kNotFound, "there is no key " + key};
     case EditState::kNoValue:
@@ -97,15 +97,15 @@ Status StatusOf(const registry::Refusal& refusal) {
       refusal.key.empty() && refusal.name.empty()
           ? "the registry"
           : Visible(refusal.name) + " in " + (refusal.key.empty() ? "(root)" : Visible(refusal.key));
-  return {ExitCode::kRefused, "the file cannot hold " + place + ": " + refusal.reason};
+  return {ExitCode::kRefused, "the file cannot store " + place + ": " + refusal.reason};
 }
 
-// What a load has left out or misread is gone for good once the tree is written.
+// After a save, everything that the load left out or misread is lost.
 Status CheckReading(Context& context, const std::string& file, std::string_view bytes, const Options& options) {
   const registry::LintResult lint = registry::LintFile(bytes);
   const std::string look = "; look at it with qxctl registry lint --file " + file;
   if (lint.errors > 0 && !options.edit.force) {
-    return {ExitCode::kRefused, file + " is not read as it was meant in " + std::to_string(lint.errors) +
+    return {ExitCode::kRefused, file + " would be misread in " + std::to_string(lint.errors) +
                                     " place(s), and a save would make that final" + look + ", or use --force"};
   }
   if (lint.warnings > 0) {
@@ -146,13 +146,13 @@ Status CheckDirectory(const Options& options) {
 Status CheckLoads(const std::string& file, bool loads) {
   if (loads) return {};
   return {ExitCode::kRefused, file +
-                                  " does not load, so services work on registry.old or registry.default; put one of "
-                                  "them in its place with qxctl registry import FILE --replace \"\""};
+                                  " does not load, so services use registry.old or registry.default; replace it "
+                                  "by one of them with qxctl registry import FILE --replace \"\""};
 }
 
 // --- the edit
 
-// The old tree and the new one, and the file's text.
+// The old tree, the new one, and the text of the file.
 struct Plan {
   CRegistryNode before;
   CRegistryNode after;
@@ -161,7 +161,7 @@ struct Plan {
 };
 
 Status MakePlan(const FileImage& image, const Change& change, Plan& plan) {
-  // What does not load was accepted before, or counts as empty.
+  // A file that does not load was accepted before, or counts as empty.
   (void)registry::ParseTree(image.bytes, plan.before);
   (void)registry::ParseTree(image.bytes, plan.after);
   if (Status status = change(plan.after); !status.IsOk()) return status;
@@ -174,7 +174,7 @@ Status Apply(Context& context, ReplacedFile& edit, const Plan& plan) {
   if (Status status = StatusOfEdit(edit.WriteCopy(plan.text)); !status.IsOk()) return status;
   Status committed = StatusOfEdit(edit.Commit(true));
   if (!edit.IsInPlace()) return committed;
-  if (!edit.BackupPath().empty()) context.output.Note("qxctl: the file as it was is kept in " + edit.BackupPath());
+  if (!edit.BackupPath().empty()) context.output.Note("qxctl: the old file is kept in " + edit.BackupPath());
   context.output.Problem(
       "a service that is running sees the change after its restart, and undoes it if it saves its own before that");
   return committed;
@@ -191,7 +191,7 @@ Json ToJson(const Plan& plan, const Options& options, const ReplacedFile& edit) 
   return document;
 }
 
-// Whether the file has to load before `change` makes something of it.
+// Whether the file must load before `change` uses it.
 enum class OldTree { kNeeded, kReplaced };
 
 Status CheckOldTree(Context& context, const std::string& path, const FileImage& image, const Options& options) {
@@ -247,7 +247,7 @@ int DigitOf(char c) {
   return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
 }
 
-// Two digits a byte, with or without a space between bytes: "0a ff", "0aff".
+// Two digits for each byte, with or without a space between bytes: "0a ff", "0aff".
 bool ParseBlock(std::string_view text, std::string& bytes) {
   bytes.clear();
   while (!text.empty()) {
@@ -264,16 +264,16 @@ bool ParseBlock(std::string_view text, std::string& bytes) {
 Status ParseValue(const std::string& text, int type, TreeValue& value) {
   value = {type, text};
   if (type == REG_DWORD && !ParseNumber(text, value.bytes)) {
-    return {ExitCode::kUsage, Visible(text) + " is no number from -2147483648 to 4294967295"};
+    return {ExitCode::kUsage, Visible(text) + " is not a number from -2147483648 to 4294967295"};
   }
   if (type == REG_BINARY && !ParseBlock(text, value.bytes)) {
     return {ExitCode::kUsage,
-            Visible(text) + " is no block; write two hexadecimal digits for each byte, such as \"0a ff\""};
+            Visible(text) + " is not a block; write two hexadecimal digits for each byte, such as \"0a ff\""};
   }
   return {};
 }
 
-// The type asked for, else that of the value that is there, else a string.
+// The requested type, else that of the existing value, else a string.
 int TypeFor(const Options& options, const CRegistryNode& tree) {
   if (options.type) return *options.type;
   const CRegistryNode* const key = registry::FindKey(tree, options.key);

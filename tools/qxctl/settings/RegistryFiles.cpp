@@ -42,7 +42,7 @@ Status ReadTreeFile(const std::string& file, CRegistryNode& tree, std::string& b
   }
   if (registry::ParseTree(bytes, tree)) return {};
   return {ExitCode::kRefused,
-          (file == "-" ? "standard input" : file) + " is no registry file: there is no value in it"};
+          (file == "-" ? "standard input" : file) + " is not a registry file: there is no value in it"};
 }
 
 }  // namespace qx::ctl

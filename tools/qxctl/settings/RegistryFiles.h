@@ -11,10 +11,10 @@
 
 namespace qx::ctl {
 
-// Which registry a command works on.
+// The registry that a command reads or changes.
 struct RegistrySource {
   std::string directory = registry::kSystemDirectory;
-  std::string file;  // not empty: this one file alone
+  std::string file;  // not empty: only this file
 
   // The file that a save writes.
   [[nodiscard]] std::string Path() const { return file.empty() ? directory + "/registry" : file; }
@@ -36,10 +36,10 @@ inline constexpr Parameter kRegistryParameters[] = {
 // From a command with kRegistryParameters.
 RegistrySource RegistrySourceOf(const Values& values);
 
-// Loads the tree of the file, or of the first good one of the directory; a note says so when it was not the first.
+// Loads the tree of the file, or of the first good one of the directory; if it was not the first, a note says so.
 Status LoadTree(Context& context, const RegistrySource& source, CRegistryNode& tree);
 
-// Reads a tree from a file or, for "-", from standard input. `bytes` are what was read.
+// Reads a tree from a file or, for "-", from standard input. `bytes` are the bytes that were read.
 Status ReadTreeFile(const std::string& file, CRegistryNode& tree, std::string& bytes);
 
 }  // namespace qx::ctl

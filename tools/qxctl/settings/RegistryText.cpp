@@ -23,7 +23,7 @@ std::int32_t NumberOf(const TreeValue& value) {
   return number;
 }
 
-// "0a ff": as in the registry file, but for the space at the end
+// "0a ff": as in the registry file, without the space at the end
 std::string HexOf(const std::string& bytes) {
   std::string text;
   for (const char byte : bytes) {

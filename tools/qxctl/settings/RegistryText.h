@@ -8,7 +8,7 @@
 
 namespace qx::ctl {
 
-// A string as it is but for control bytes, a number in decimal, "0a ff".
+// A string with its control bytes masked, a number in decimal, "0a ff".
 [[nodiscard]] std::string TextOf(const registry::TreeValue& value);
 
 // "Name=s=text"   "Count=d=-5"   "Blob=b=0a ff"   of a subkey: "[Sub]"
@@ -17,7 +17,7 @@ namespace qx::ctl {
 // Sets `type` and `value`; of a subkey the type "key" alone.
 void SetValueJson(Json& object, const registry::TreeValue& value);
 
-// One group of lines a key, as `registry ls -r` shows it.
+// One group of lines for each key, as in `registry ls -r`.
 [[nodiscard]] std::string ChangesToText(const Output& output, const registry::TreeDifference& difference);
 
 // A list for "changes".

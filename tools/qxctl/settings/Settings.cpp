@@ -18,7 +18,7 @@ Status Failed(const ReplaceResult& result) {
                                "directory, such as root"};
   }
   if (result.error == EEXIST) {
-    return {ExitCode::kIo, status.Message() + " and belongs to somebody else; remove it if nobody edits the file"};
+    return {ExitCode::kIo, status.Message() + " and belongs to another user; remove it if nobody edits the file"};
   }
   if (result.error == ENOSPC || result.error == EDQUOT) {
     return {ExitCode::kIo, status.Message() + "; nothing was changed; make room first"};
@@ -41,13 +41,12 @@ Status StatusOfEdit(const ReplaceResult& result) {
     case ReplaceState::kNotRegular:
       return {ExitCode::kRefused, result.file + " is not a regular file"};
     case ReplaceState::kLink:
-      return {ExitCode::kRefused, result.file +
-                                      " is a symbolic link, and what it leads to may belong to others; name " +
+      return {ExitCode::kRefused, result.file + " is a symbolic link, and its target may belong to others; name " +
                                       "that file, or use --force to change it"};
     case ReplaceState::kBusy:
       return {ExitCode::kRefused, "another qxctl is changing " + result.file + "; try again when it is done"};
     case ReplaceState::kChanged:
-      return {ExitCode::kChanged, result.file + " was written meanwhile and is left as it is; try again"};
+      return {ExitCode::kChanged, result.file + " was written meanwhile and is unchanged; try again"};
     case ReplaceState::kForeignLink:
       return {ExitCode::kRefused, result.file + " is a symbolic link of another user (uid " +
                                       std::to_string(result.owner) +
@@ -55,7 +54,7 @@ Status StatusOfEdit(const ReplaceResult& result) {
     case ReplaceState::kSharedDirectory:
       return {ExitCode::kRefused, "other users may write the directory of " + result.file +
                                       ", so they can replace it at any time; change the mode or the owner of the "
-                                      "directory, or use --force to change the file all the same"};
+                                      "directory, or use --force to change the file anyway"};
     case ReplaceState::kForeignOwner:
     case ReplaceState::kSeveralNames:
       return StatusOfFile("cannot use", result);
@@ -73,7 +72,7 @@ Status BeginEdit(ReplacedFile& edit, const std::string& path, const EditOptions&
 }
 
 Status EditDone(const EditOptions& options, bool has_changes) {
-  if (!has_changes) return {ExitCode::kOk, "nothing to change: it is so already"};
+  if (!has_changes) return {ExitCode::kOk, "nothing to change: it is already so"};
   return options.apply ? Status() : Status(ExitCode::kOk, "nothing was changed; --apply changes it");
 }
 

@@ -1,5 +1,5 @@
-// What the commands that change settings (registry, ini) have in common: a dry run unless --apply stands there, the
-// careful replacement of the file, and changes shown as lines with "-" and "+".
+// The common part of the commands that change settings (registry, ini): a dry run unless --apply is given, the careful
+// replacement of the file, and changes as lines with "-" and "+".
 #pragma once
 
 #include <string>
@@ -26,16 +26,16 @@ inline constexpr Parameter kEditParameters[] = {
 // From a command with kEditParameters and --force.
 EditOptions EditOptionsOf(const Values& values);
 
-// What stood in the way, and what to do about it.
+// Why the edit failed, and what to do about it.
 Status StatusOfEdit(const ReplaceResult& result);
 
-// Reads the file, and takes it for an edit if this is no dry run.
+// Reads the file, and locks it for an edit unless this is a dry run.
 Status BeginEdit(ReplacedFile& edit, const std::string& path, const EditOptions& options, bool may_be_missing);
 
-// The message behind a dry run, an edit that changed something, or one that had nothing to change.
+// The message after a dry run, an edit that changed something, or one that had nothing to change.
 Status EditDone(const EditOptions& options, bool has_changes);
 
-// "- line" and "+ line", coloured where colour is wanted.
+// "- line" and "+ line", coloured if colour is on.
 std::string Removed(const Output& output, std::string_view line);
 std::string Added(const Output& output, std::string_view line);
 
