@@ -1,9 +1,8 @@
-// What a command of qxctl is: plain data. The parser, --help, the manual page, the completion scripts, the tables in
-// the documentation and the list of JSON schemas all read this data, so none of them can differ from what qxctl
-// accepts.
+// A command of qxctl as plain data. The parser, --help, the manual page, the completion scripts, the tables in the
+// documentation and the list of JSON schemas all read this data, so that all of them agree with what qxctl accepts.
 //
-// A source of a command defines a `const Command` whose tables are constexpr, and a function that runs it. It knows
-// nothing of the argument parser.
+// The source of a command defines a `const Command` with constexpr tables, and a function that runs it. It does not
+// know the argument parser.
 #pragma once
 
 #include <array>
@@ -18,20 +17,20 @@ namespace qx::ctl {
 struct Context;
 class Values;
 
-// What an argument or the value of an option is.
+// The kind of an argument or of an option's value.
 enum class ValueKind : std::uint8_t {
-  kNone,  // an option that is only given or not
+  kNone,  // an option without a value
   kText,
   kInteger,
-  kNumber,  // may have a fraction
+  kNumber,  // with or without a fraction
   kFile,
   kDirectory,
   kReport,        // the name of a report in the report directory
   kStore,         // the path of a report's two files without their endings
-  kReportOrStore  // either of them
+  kReportOrStore  // one of the two
 };
 
-// Both ends are valid.
+// Both limits are valid values.
 struct Limits {
   double min;
   double max;
@@ -53,28 +52,28 @@ struct Parameter {
   std::string_view help;
   std::string_view group = {};  // the heading in --help; empty: "Options"
 
-  std::span<const std::string_view> choices = {};         // not empty: the only values
+  std::span<const std::string_view> choices = {};         // not empty: the only valid values
   bool ignores_case = false;                              // of the choices
   Limits limits = {};                                     // of an integer or a number
-  std::string_view (*check)(std::string_view) = nullptr;  // what is wrong with a text; empty: nothing
-  std::string_view default_value = {};                    // what help shows; the command itself applies it
+  std::string_view (*check)(std::string_view) = nullptr;  // returns what is wrong with a text, or an empty text
+  std::string_view default_value = {};                    // what help shows; the command applies it
 
   bool is_required = false;
   bool is_repeatable = false;
   bool is_list = false;  // values may also be separated by commas
 
-  std::string_view needs = {};                    // the option without which this one has no meaning
+  std::string_view needs = {};                    // an option that this one requires
   std::array<std::string_view, 2> excludes = {};  // parameters that cannot be given together with this one
 };
 
 constexpr bool IsOption(const Parameter& parameter) { return parameter.name.starts_with("--"); }
 
-// One command, or a group of commands ("report") if it has nothing to run.
+// One command, or a group of commands ("report") if it has no function to run.
 struct Command {
   std::string_view words;  // after "qxctl": "report info"
   std::string_view help;
   Status (*run)(Context& context, const Values& values) = nullptr;
-  std::array<std::span<const Parameter>, 5> parameters = {};  // its own, and those that several commands share
+  std::array<std::span<const Parameter>, 5> parameters = {};  // its own, and those of several commands
   bool is_hidden = false;                                     // for scripts and the build, not for people
 };
 

@@ -1,4 +1,4 @@
-// How the descriptions of qxctl (help, manual page, completion) go through the table of commands.
+// The queries of the command table that help, manual page and completion use.
 #pragma once
 
 #include <span>
@@ -13,7 +13,7 @@ namespace qx::ctl {
 
 using Commands = std::span<const Command* const>;
 
-// The two options that are answered at once, without a command that runs.
+// The two options that print a text without running a command.
 inline constexpr Parameter kHelpOption = {.name = "--help", .letter = "-h", .help = "Print this help message and exit"};
 inline constexpr Parameter kVersionOption = {.name = "--version", .help = "Print the version and exit"};
 
@@ -29,12 +29,12 @@ std::string FullName(const Command& command);
 // "info"
 std::string_view LastWord(const Command& command);
 
-// The commands one word below this one that are for people.
+// The public commands one word below this one.
 std::vector<const Command*> Subcommands(Commands commands, const Command& command);
-// Every command that is for people.
+// Every public command.
 std::vector<const Command*> ShownCommands(Commands commands);
 
-// "FILE", "auto|always|never"; empty for an option that takes no value
+// "FILE", "auto|always|never"; empty for an option without a value
 std::string ShownValue(const Parameter& parameter);
 
 // "1 to 6", "at least 1", "above 0"; empty if the limits are only those of the number's type
@@ -43,7 +43,7 @@ std::string ShownLimits(const Parameter& parameter);
 // {"a", "b"} => "a b"
 std::string Joined(const std::vector<std::string>& words, std::string_view separator = " ");
 
-// The table for programs: an array with one object a command.
+// The table for programs: an array with one object for each command.
 Json ToJson(Commands commands);
 
 }  // namespace qx::ctl

@@ -1,4 +1,4 @@
-// What every command is given besides its values.
+// What every command gets in addition to its values.
 #pragma once
 
 #include <span>
@@ -12,7 +12,7 @@ namespace qx::ctl {
 struct Context {
   Output output;
   TraceDirectory traces;
-  std::span<const Command* const> commands = {};  // all of them, for those that describe qxctl itself
+  std::span<const Command* const> commands = {};  // all commands, for those that describe qxctl itself
 };
 
 }  // namespace qx::ctl

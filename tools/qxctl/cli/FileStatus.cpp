@@ -30,7 +30,7 @@ Status StatusOfFile(const std::string& what, const ReplaceResult& result) {
     case ReplaceState::kNotRegular:
       return Refused(result, " is not a regular file; name another file");
     case ReplaceState::kLink:
-      return Refused(result, " is a symbolic link; name the file that it leads to, or use --force to follow it");
+      return Refused(result, " is a symbolic link; name its target, or use --force to follow it");
     case ReplaceState::kForeignLink:
       return Refused(result, " is a symbolic link of" + UserOf(result) +
                                  ", who chooses where it leads; name the file itself, or use --force to follow it");
@@ -45,7 +45,7 @@ Status StatusOfFile(const std::string& what, const ReplaceResult& result) {
                      " has several names (hard links), and another may be needed elsewhere; name another file, "
                      "or use --force to write it");
     case ReplaceState::kBusy:
-      return Refused(result, " is locked by another process; try again when that has ended");
+      return Refused(result, " is locked by another process; try again after it has ended");
     case ReplaceState::kChanged:
       return {ExitCode::kChanged, Visible(result.file) + " was replaced by another process meanwhile; try again"};
     case ReplaceState::kFailed:

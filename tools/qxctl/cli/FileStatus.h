@@ -1,4 +1,4 @@
-// Why a file was not opened or replaced, in words.
+// Messages that say why a file was not opened or replaced.
 #pragma once
 
 #include <string>
@@ -8,8 +8,8 @@
 
 namespace qx::ctl {
 
-// `what`: "cannot open", "cannot create", ... A file or link of another user gives kRefused, and the message names
-// --force.
+// `what`: "cannot open", "cannot create", ... For a file or link of another user the code is kRefused, and the message
+// names --force.
 [[nodiscard]] Status StatusOfFile(const std::string& what, const ReplaceResult& result);
 
 }  // namespace qx::ctl

@@ -12,14 +12,14 @@ namespace qx::ctl {
 
 namespace {
 
-// More than any request needs; it keeps a wrong file name from filling the memory.
+// More than any request needs; with a wrong file name, the memory does not fill up.
 constexpr std::size_t kInputBytesMax = std::size_t{64} << 20;
 
-// A FIFO that nobody has opened for writing yet looks like one that has ended; the wait ends with the first writer.
-// Regular files are ready at once.
+// A FIFO without a writer looks like one at its end; the wait ends with the first writer. Regular files are ready at
+// once.
 void WaitForWriter(int descriptor) {
   pollfd waited{descriptor, POLLIN, 0};
-  (void)poll(&waited, 1, -1);  // whatever it says, the read decides
+  (void)poll(&waited, 1, -1);  // the read that follows decides, whatever the result
 }
 
 Status ReadToEnd(int descriptor, const std::string& name, std::string& text) {

@@ -22,12 +22,12 @@ volatile std::sig_atomic_t g_signal = 0;
 
 volatile std::sig_atomic_t g_is_guarded = 0;
 
-// The directory to remove; what a signal handler reads must not be on the heap.
+// The directory to remove. It is not on the heap, because a signal handler reads it.
 char g_directory[PATH_MAX] = "";
 volatile std::sig_atomic_t g_directory_number = -1;
-pid_t g_directory_process = 0;  // a child that works for this process must not remove it
+pid_t g_directory_process = 0;  // a child of this process must not remove it
 
-// As the kernel lays it out: readdir may allocate, which a signal handler must not.
+// The kernel's layout: readdir may allocate, which a signal handler must not do.
 struct DirectoryEntry {
   unsigned long number;
   long offset;
@@ -69,7 +69,7 @@ extern "C" void HandleSignal(int signal) {
   (void)raise(signal);  // kills the process when the handler returns
 }
 
-// No SA_RESTART: a write that waits for a slow reader must return, or ^C would do nothing.
+// No SA_RESTART: a write that waits for a slow reader must return, otherwise ^C would have no effect.
 void SetHandler(int signal, void (*handler)(int)) {
   struct sigaction action = {};
   action.sa_handler = handler;
@@ -77,7 +77,7 @@ void SetHandler(int signal, void (*handler)(int)) {
   (void)sigaction(signal, &action, nullptr);  // fails only for signals that cannot be caught
 }
 
-// What a parent ignores stays ignored: nohup relies on it.
+// A signal that the parent ignores stays ignored: nohup relies on it.
 bool IsIgnored(int signal) {
   struct sigaction action = {};
   return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;

@@ -1,5 +1,5 @@
-// Lets a long command end in order when the operator presses ^C or the terminal goes away: the command sees the signal
-// at its next step, tidies up, and the process then dies of that very signal.
+// Lets a long command end in order when the operator presses ^C or the terminal is closed: the command sees the signal
+// at its next step and cleans up, and then the same signal ends the process.
 #pragma once
 
 #include <string>
@@ -9,8 +9,8 @@ namespace qx::ctl {
 // The first of SIGINT, SIGTERM and SIGHUP that arrived under a guard, or 0.
 int InterruptSignal();
 
-// During its lifetime those signals are remembered instead of killing the process.
-// Threads: one guard at a time, on the only thread.
+// During its lifetime those signals are recorded and do not kill the process. Threads: one guard at a time, on the only
+// thread.
 class InterruptGuard {
  public:
   InterruptGuard();
@@ -19,11 +19,11 @@ class InterruptGuard {
   InterruptGuard& operator=(const InterruptGuard&) = delete;
 };
 
-// From now on a signal that no guard remembers removes this directory with the files in it, and then kills the process.
-// One directory at a time; an empty path forgets it. Subdirectories stay.
+// From now on a signal outside a guard removes this directory with its files and then kills the process. One directory
+// at a time; an empty path clears it. Subdirectories stay.
 void RemoveOnSignal(const std::string& directory);
 
-// Dies of the remembered signal, if there is one, so that a shell sees why the command ended.
+// Ends the process with the recorded signal, if there is one, so that a shell sees why the command ended.
 void DieOfInterrupt();
 
 }  // namespace qx::ctl

@@ -26,7 +26,7 @@ double NowSeconds() {
 }
 
 void ToStandardError(const std::string& text) {
-  (void)WriteAll(STDERR_FILENO, text, "standard error");  // there is nowhere left to say that this failed
+  (void)WriteAll(STDERR_FILENO, text, "standard error");  // a failure here cannot be reported anywhere
 }
 
 bool WantsColor(ColorMode mode, int descriptor) {
@@ -54,10 +54,11 @@ const char* SequenceOf(Style style) {
 
 constexpr char kPlain[] = "\033[0m";
 
-// 128 bits in hexadecimal digits, so that no foreign text contains them.
+// 128 random bits in hexadecimal digits, so that no other text contains them.
 std::string RandomMark() {
   std::array<unsigned char, 16> bytes = {};
-  if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) return {};  // then without colour
+  if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
+    return {};  // without them, no colour
   std::string mark;
   for (const unsigned char byte : bytes) {
     mark += "0123456789abcdef"[byte >> 4];
@@ -66,8 +67,8 @@ std::string RandomMark() {
   return mark;
 }
 
-std::string Painted(bool is_wanted, Style style, std::string_view text) {
-  if (!is_wanted || text.empty()) return std::string(text);
+std::string Painted(bool is_on, Style style, std::string_view text) {
+  if (!is_on || text.empty()) return std::string(text);
   return SequenceOf(style) + std::string(text) + kPlain;
 }
 
@@ -101,7 +102,7 @@ std::string Output::Paint(Style style, std::string_view text) const {
   return mark_ + SequenceOf(style) + std::string(text) + mark_ + kPlain;
 }
 
-// Masks everything but the sequences that carry the mark, and takes the mark out.
+// Masks everything except the sequences with the mark, and removes the mark.
 std::string Output::ForScreen(std::string_view bytes) const {
   std::string shown;
   while (!mark_.empty()) {
@@ -156,7 +157,7 @@ Status Output::Flush() {
 
 void Output::Say(std::string_view line, const std::string& prefix) {
   WipeProgress();
-  (void)Flush();  // its failure is kept for the next call
+  (void)Flush();  // a failure is kept for the next call
   ToStandardError(prefix + (masks_err_ ? ForTerminal(line) : std::string(line)) + "\n");
 }
 

@@ -9,39 +9,39 @@
 
 namespace qx::ctl {
 
-// How much is said on standard error besides problems: nothing, notes and progress, or details as well.
+// What goes to standard error in addition to problems: nothing, notes and progress, or also details.
 enum class Verbosity { kQuiet, kNormal, kVerbose };
 
 // kAuto: only for a stream that is a terminal, and never when NO_COLOR is set and not empty.
 enum class ColorMode { kAuto, kAlways, kNever };
 
-// What a coloured word tells.
+// The meaning of a colour.
 enum class Style { kGood, kWarning, kBad, kStrong, kFaint };
 
 // Threads: used by the only thread.
-// Failure: a write to standard output that failed is reported by every later call and by Finish. What goes to standard
-// error is lost silently if that is closed, as everywhere.
+// Failure: a write to standard output that failed is reported by every later call and by Finish. If standard error is
+// closed, its text is lost without a message.
 class Output {
  public:
-  // As the command line asks; called before anything is printed.
+  // Applies the command line's choices; called before anything is printed.
   void Configure(Verbosity verbosity, ColorMode color);
 
   // Data for standard output, byte for byte. If that is a terminal, control bytes are masked (ForTerminal in
-  // cli/Text.h), because records and names come from others; only what Paint made keeps its colour.
+  // cli/Text.h), because records and names come from others; only colours of Paint are kept.
   Status Data(std::string_view bytes);
 
   // One JSON document on standard output, indented, with a line end. Bytes that are not UTF-8 become U+FFFD.
   Status Document(const Json& document);
 
-  // `text` for standard output, with the escape sequences of a colour around it if colour is wanted there. Never part
-  // of a JSON document. Pad before painting: the sequences have a length, but take no place on the screen.
+  // `text` for standard output, with the escape sequences of a colour around it if colour is on there. Never for a JSON
+  // document. Pad before painting: the sequences have bytes, but no width on the screen.
   std::string Paint(Style style, std::string_view text) const;
 
-  // A line of explanation on standard error, after the data so far if both go to one terminal. Not with --quiet, so
-  // nothing that an operator has to know goes here.
+  // A line of explanation on standard error, after the data so far if both go to one terminal. Not with --quiet, so it
+  // must not be something that an operator has to know.
   void Note(std::string_view line);
 
-  // As a note, but only with --verbose.
+  // A note that is printed only with --verbose.
   void Detail(std::string_view line);
 
   // "qxctl: MESSAGE" on standard error, always. A status without a message prints nothing.
@@ -52,10 +52,10 @@ class Output {
   // most, and not with --quiet. The next Note or Problem wipes it.
   void Progress(const std::string& line);
 
-  // Writes what is still buffered, for a command that goes on and waits.
+  // Writes the buffered data, for a command that continues and waits.
   Status Show() { return Flush(); }
 
-  // Writes what is still buffered and closes standard output: a full disk may show only here.
+  // Writes the buffered data and closes standard output: a full disk may be reported only here.
   Status Finish();
 
  private:
@@ -65,13 +65,13 @@ class Output {
   void WipeProgress();
 
   std::string buffer_;
-  Status written_;  // the first failure stays
+  Status written_;  // the first failure is kept
   Verbosity verbosity_ = Verbosity::kNormal;
   bool color_out_ = false;  // standard output
   bool color_err_ = false;  // standard error
   bool masks_out_ = false;  // standard output is a terminal
   bool masks_err_ = false;
-  std::string mark_;  // in the sequences of Paint while they are masked otherwise: nobody can guess it
+  std::string mark_;  // part of the sequences of Paint, which are not masked: nobody can guess it
   bool progress_shown_ = false;
   double progress_time_ = 0;
 };

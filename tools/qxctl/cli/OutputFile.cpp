@@ -13,7 +13,7 @@ Status OutputFile::Open(const std::string& path, bool force) {
   path_ = path;
   const ReplaceResult begun = file_.Begin(path, ReplacedFile::ForOutput(force));
   if (begun.state != ReplaceState::kNotRegular) return StatusOfFile("cannot create", begun);
-  // Appending matters to a regular file that the shell has opened for the process: "-o /dev/stdout >> records".
+  // O_APPEND matters for a regular file that the shell has opened for the process: "-o /dev/stdout >> records".
   const FileRules rules = {.accept_foreign = force, .only_special = true};
   Status opened = StatusOfFile("cannot open", OpenChecked(path, O_WRONLY | O_APPEND, 0, rules, direct_));
   is_terminal_ = opened.IsOk() && isatty(direct_.Number()) == 1;

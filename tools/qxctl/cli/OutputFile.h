@@ -1,4 +1,4 @@
-// A file that appears whole or not at all.
+// A file that is written as a whole or not at all.
 #pragma once
 
 #include <string>
@@ -11,9 +11,9 @@
 namespace qx::ctl {
 
 // Writes to a temporary file next to the target and renames it to the target's name at Commit. A target that exists and
-// is not a regular file (a pipe, a terminal, a device) is written directly, for a terminal as ForTerminal masks it. A
-// symbolic link is followed, and its target is replaced. The new file has the permissions of the one it replaces,
-// without set-id bits, or those that the umask leaves.
+// is not a regular file (a pipe, a terminal, a device) is written directly; for a terminal, ForTerminal masks the text.
+// A symbolic link is followed, and its target is replaced. The new file has the permissions of the replaced one,
+// without set-id bits, or those of the umask.
 //
 // A file or link of another user is refused, because that user would decide what others read or run. With `force` it is
 // accepted, and the new file gets its owner.
@@ -26,7 +26,7 @@ class OutputFile {
   Status Open(const std::string& path, bool force = false);
   Status Write(std::string_view bytes);
 
-  // Syncs the file and renames it to its name.
+  // Syncs the file and renames it into place.
   Status Commit();
 
  private:

@@ -12,7 +12,7 @@ namespace qx::ctl {
 
 namespace {
 
-// One command within the parser: where it puts the values, and how it knows the parameters.
+// One command within the parser: its values and its options.
 struct Parsed {
   const Command* command = nullptr;
   CLI::App* app = nullptr;
@@ -66,7 +66,7 @@ void AddChecks(CLI::Option& option, const Parameter& parameter) {
   if (parameter.is_list) option.delimiter(',');
   if (parameter.is_required) option.required();
   if (!parameter.choices.empty()) {
-    option.transform(MemberCheck(parameter));  // it also makes each choice what the table calls it
+    option.transform(MemberCheck(parameter));  // it also changes each choice to its name in the table
   } else if (parameter.kind == ValueKind::kInteger) {
     option.check([&parameter](const std::string& text) { return CheckNumber<std::int64_t>(parameter, text); });
   } else if (parameter.kind == ValueKind::kNumber) {
@@ -77,7 +77,7 @@ void AddChecks(CLI::Option& option, const Parameter& parameter) {
   }
 }
 
-// Needs and excludes name parameters of the same command, so these are all added before.
+// Needs and excludes name parameters of the same command, so all parameters are added before.
 void AddRelations(CLI::App& app, CLI::Option& option, const Parameter& parameter) {
   if (!parameter.needs.empty()) option.needs(app.get_option(std::string(parameter.needs)));
   for (const std::string_view other : parameter.excludes) {
@@ -117,7 +117,7 @@ void AddCommands(std::span<const Command* const> commands, ParsedCommands& parse
 }
 
 // The words of the command that the arguments reached.
-std::string WordsReached(const CLI::App& root) {
+std::string WordsOfParsed(const CLI::App& root) {
   std::string words;
   const CLI::App* app = &root;
   while (!app->get_subcommands().empty()) {
@@ -127,7 +127,7 @@ std::string WordsReached(const CLI::App& root) {
   return words;
 }
 
-// Moves what was given for the command, and what was given for every command.
+// Moves the values of the command, and those of the options of every command.
 void TakeValues(Parsed& parsed, Parsed& root, CommandLine& line) {
   line.command = parsed.command;
   for (Parsed* const from : {&parsed, &root}) {
@@ -161,9 +161,9 @@ Status ParseCommandLine(std::span<const Command* const> commands, int argc, cons
   } catch (const CLI::CallForVersion&) {
     line.request = Request::kVersion;
   } catch (const CLI::ParseError& error) {
-    return WrongUsage(error, WordsReached(root));
+    return WrongUsage(error, WordsOfParsed(root));
   }
-  TakeValues(parsed.at(WordsReached(root)), parsed.at(""), line);
+  TakeValues(parsed.at(WordsOfParsed(root)), parsed.at(""), line);
   return {};
 }
 

@@ -1,4 +1,4 @@
-// The command line against the table of commands. Parser.cpp is the only source that knows the argument parser.
+// Parses the command line with the table of commands. Parser.cpp is the only source that uses the argument parser.
 #pragma once
 
 #include <span>
@@ -11,14 +11,15 @@ namespace qx::ctl {
 
 enum class Request { kRun, kHelp, kVersion };
 
-// What a command line asks for.
+// The content of a command line.
 struct CommandLine {
   Request request = Request::kRun;
-  const Command* command = nullptr;  // one of the table
-  Values values;                     // of the command, and of the options that every command has
+  const Command* command = nullptr;  // a command of the table
+  Values values;                     // the values of the command, and of the options that every command has
 };
 
-// `commands` begin with qxctl itself, and a group comes before its commands. kUsage says what is wrong.
+// `commands` begin with qxctl itself, and a group comes before its commands. A wrong command line is kUsage, with the
+// reason.
 Status ParseCommandLine(std::span<const Command* const> commands, int argc, const char* const* argv, CommandLine& line);
 
 }  // namespace qx::ctl

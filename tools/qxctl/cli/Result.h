@@ -1,4 +1,4 @@
-// How a command shows what it found.
+// Prints the result of a command.
 #pragma once
 
 #include <functional>
@@ -9,8 +9,8 @@
 
 namespace qx::ctl {
 
-// For a command that has the option --json: prints the document if it is given, else the text. Returns `status`, or why
-// the print failed.
+// For a command with the option --json: prints the document if the option is given, else the text. Returns `status`, or
+// the reason why the print failed.
 Status ShowResult(Context& context, const Values& values, const std::function<Json()>& document,
                   const std::function<std::string()>& text, const Status& status = {});
 

@@ -1,4 +1,4 @@
-// How a command of qxctl ended: its exit code, and one sentence for the operator when something is to be said.
+// The end of a command of qxctl: its exit code, and a sentence for the operator, or none.
 #pragma once
 
 #include <cerrno>
@@ -8,10 +8,10 @@
 
 namespace qx::ctl {
 
-// The process's exit code. Scripts rely on the numbers; docs/qxctl.md lists them.
+// The exit code of the process. Scripts rely on the numbers; docs/qxctl.md lists them.
 enum class ExitCode : int {
   kOk = 0,
-  kFinding = 1,   // done, and something was found that needs a look
+  kFinding = 1,   // done, with findings
   kUsage = 2,     // the command line is wrong; nothing was done
   kChanged = 3,   // the report changed while it was read
   kNotFound = 4,  // no such report, store, module or input file
@@ -26,7 +26,7 @@ class [[nodiscard]] Status {
 
   // "WHAT: the text of ERROR"
   static Status Io(const std::string& what, int error) {
-    return {ExitCode::kIo, what + ": " + std::strerror(error)};  // one thread, so strerror's buffer is safe
+    return {ExitCode::kIo, what + ": " + std::strerror(error)};  // only one thread, so strerror's buffer is safe
   }
 
   bool IsOk() const { return code_ == ExitCode::kOk; }

@@ -16,18 +16,17 @@ namespace {
 
 constexpr mode_t kModePrivate = 0700;
 const char kModuleLog[] = "/log.qxremconxfer";
-// A log wraps at 50 KiB unless a setting says otherwise, which is a few calls at level 5.
+// Without a setting, a log wraps at 50 KiB, which is a few calls at level 5.
 const char kLogBytesMax[] = "67108864";
 
 bool SetEnvironment(const std::string& directory, int level) {
   return setenv("QX_LOG_RINGBUF_DIR", directory.c_str(), 1) == 0 &&
          setenv("QX_LOG_DEBUG_LEVEL", std::to_string(level).c_str(), 1) == 0 &&
-         setenv("QX_LOG_DYNAMIC_UPDATE", "0", 1) == 0 &&  // the service's files are not to change the level midway
+         setenv("QX_LOG_DYNAMIC_UPDATE", "0", 1) == 0 &&  // the service's files must not change the level later
          setenv("QX_LOG_FILE_MAX_SIZE", kLogBytesMax, 0) == 0;
 }
 
-// Holds the signals back that end the program, so that none of them arrives before the directory is one that is
-// removed.
+// Blocks the signals that end the program until the directory is one that a signal removes.
 class HeldSignals {
  public:
   HeldSignals() {
@@ -52,7 +51,7 @@ Status Made(bool environment_is_set) {
 
 TraceDirectory::~TraceDirectory() {
   if (private_.empty()) return;
-  std::error_code ignored;  // what is left in the temporary directory is nobody's data
+  std::error_code ignored;  // a file that stays in the temporary directory is nobody's data
   std::filesystem::remove_all(private_, ignored);
   RemoveOnSignal("");
 }

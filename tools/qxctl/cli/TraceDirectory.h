@@ -1,4 +1,4 @@
-// Where the traces of qxctl and of the module that it loads go.
+// The directory for the traces of qxctl and of the module that it loads.
 #pragma once
 
 #include <string>
@@ -8,11 +8,11 @@
 namespace qx::ctl {
 
 // Loading the module opens, and so empties, the log of the module's name in the trace directory. A service may be
-// writing that very file, so before anything is loaded the trace directory is pointed elsewhere: at a private one, or
-// at one that the operator named.
+// writing the same file, so the trace directory is changed before anything is loaded: to a private one, or to one that
+// the operator named.
 //
 // Threads: used by the only thread; it changes the environment.
-// Owns: the private directory, removed with what it holds at destruction, so unload the module before.
+// Owns: the private directory, which is removed with its files at destruction, so unload the module before.
 class TraceDirectory {
  public:
   TraceDirectory() = default;
@@ -20,12 +20,12 @@ class TraceDirectory {
   TraceDirectory(const TraceDirectory&) = delete;
   TraceDirectory& operator=(const TraceDirectory&) = delete;
 
-  // Traces at `level` into `directory`, which is made if it is missing and stays. Refused when a module's log stands
-  // there already: it might be the service's.
+  // Traces at `level` into `directory`, which is created if it is missing, and stays. Refused if it already has a log
+  // of a module: the log might be the service's.
   Status Keep(const std::string& directory, int level);
 
-  // Makes sure that loading the module touches nothing of a service: with nothing to keep, tracing is off and what is
-  // opened all the same is opened in a directory of mode 0700 that only this process knows.
+  // Makes sure that loading the module changes no file of a service: without a directory for traces, tracing is off,
+  // and the files that the module still opens are in a directory of mode 0700 that only this process knows.
   Status ProtectService();
 
  private:

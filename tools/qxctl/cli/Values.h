@@ -1,4 +1,4 @@
-// What the command line gave for the parameters of a command.
+// The values of a command's parameters on the command line.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace qx::ctl {
 
-// The member of the parameter's kind holds what was given; the others stay empty.
+// The member of the parameter's kind has the given value; the others stay empty.
 struct Value {
   const Parameter* parameter = nullptr;
   bool is_given = false;
@@ -23,13 +23,13 @@ struct Value {
   std::vector<std::int64_t> integers;  // of a repeatable integer
 };
 
-// Values are asked for by the name of their parameter. To ask for a name that the command does not have, or as another
-// kind, is a mistake of ours and ends the process.
+// Values are read by the name of their parameter. A name that the command does not have, or another kind, is a mistake
+// in the tool and ends the process.
 //
 // Threads: any number may read.
 class Values {
  public:
-  // For the parser. The address is valid as long as this object.
+  // For the parser. The address is valid during the life of this object.
   Value& Add(const Parameter& parameter);
   const std::deque<Value>& All() const { return values_; }
 
@@ -44,7 +44,7 @@ class Values {
  private:
   const Value& Find(std::string_view name) const;
 
-  std::deque<Value> values_;  // a deque: growing does not move what the parser writes to
+  std::deque<Value> values_;  // a deque: growing does not move the values that the parser writes to
 };
 
 }  // namespace qx::ctl

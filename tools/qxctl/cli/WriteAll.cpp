@@ -13,8 +13,8 @@ namespace {
 
 constexpr int kWaitMilliseconds = 100;
 
-// Waits until the descriptor takes bytes. False when a signal under an InterruptGuard ends it: one that interrupts the
-// wait, or one that is newer than `known`. What is wrong with the descriptor shows in the write.
+// Waits until the descriptor accepts bytes. False if a signal under an InterruptGuard ends the wait: one that
+// interrupts it, or one that is newer than `known`. The write reports what is wrong with the descriptor.
 bool WaitUntilWritable(int descriptor, int known) {
   for (;;) {
     if (InterruptSignal() != known) return false;
@@ -36,7 +36,7 @@ std::size_t PieceBytes(int descriptor) {
 
 file::Progress WriteUntilInterrupted(int descriptor, std::string_view bytes) {
   const std::size_t piece_bytes = PieceBytes(descriptor);
-  const int known = InterruptSignal();  // after the first one a command still says how it ended
+  const int known = InterruptSignal();  // after the first signal a command still prints its status
   file::Progress progress;
   while (progress.bytes < bytes.size() && !progress.Failed()) {
     if (!WaitUntilWritable(descriptor, known)) return {progress.bytes, EINTR};

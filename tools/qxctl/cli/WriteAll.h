@@ -1,4 +1,4 @@
-// Writing to a descriptor so that nothing is lost unnoticed, and so that a signal can end it.
+// Writes to a descriptor: no loss is unnoticed, and a signal can end the write.
 #pragma once
 
 #include <string>
@@ -10,10 +10,10 @@
 namespace qx::ctl {
 
 // Writes every byte, unless it fails or a signal arrives under an InterruptGuard (EINTR). A pipe gets at most PIPE_BUF
-// bytes at a time, and each such piece whole or not at all: the wait for a slow reader is where a signal ends it.
+// bytes at a time, and each such piece whole or not at all: a signal ends the write while it waits for a slow reader.
 [[nodiscard]] file::Progress WriteUntilInterrupted(int descriptor, std::string_view bytes);
 
-// The same; `name` is what the message calls the file.
+// The same; `name` is the name of the file in the message.
 Status WriteAll(int descriptor, std::string_view bytes, const std::string& name);
 
 }  // namespace qx::ctl

@@ -41,7 +41,7 @@ std::string KindsOfArguments(const Command& command) {
   return Joined(kinds);
 }
 
-// The options of a command, those of every command included.
+// The options of a command, including those of every command.
 std::vector<const Parameter*> AllOptionsOf(const Command& command, const Command& qxctl) {
   std::vector<const Parameter*> options = OptionsOf(command);
   if (&command == &qxctl) return options;
@@ -51,7 +51,7 @@ std::vector<const Parameter*> AllOptionsOf(const Command& command, const Command
   return options;
 }
 
-// 'it'\''s': a word of either shell
+// 'it'\''s': a quoted word in both shells
 std::string Quoted(std::string_view text) {
   std::string quoted = "'";
   for (const char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -63,7 +63,7 @@ struct Entry {
   std::string value;
 };
 
-// The kinds of the values that options take, under "COMMAND OPTION".
+// The kinds of the options' values, with the key "COMMAND OPTION".
 std::vector<Entry> ValueEntries(Commands commands) {
   std::vector<Entry> entries;
   for (const Command* const command : ShownCommands(commands)) {
@@ -85,7 +85,7 @@ std::vector<Entry> ArgumentEntries(Commands commands) {
   return entries;
 }
 
-// --- bash: names alone
+// --- bash: only names
 
 std::string BashTable(const std::string& name, const std::vector<Entry>& entries) {
   std::string text = name + "=(\n";
@@ -113,7 +113,7 @@ std::vector<Entry> BashWords(Commands commands) {
   return entries;
 }
 
-// --- zsh: lines "NAME:HELP", as its _describe takes them
+// --- zsh: lines "NAME:HELP", for its _describe
 
 std::string ZshTable(const std::string& name, const std::vector<Entry>& entries) {
   std::string text = name + "=(\n";
@@ -149,7 +149,7 @@ std::vector<Entry> ZshWords(Commands commands) {
   return entries;
 }
 
-// The script with the tables in their place.
+// The script with the tables filled in.
 std::string Filled(std::string script, const std::string& tables) {
   return script.replace(script.find(kPlaceOfTables), kPlaceOfTables.size(), tables);
 }

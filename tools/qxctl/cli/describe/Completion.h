@@ -7,7 +7,7 @@
 
 namespace qx::ctl {
 
-// Sourced by bash 4 or newer; needs nothing else. The names of reports are completed by what `qxctl _reports` prints.
+// For bash 4 or newer, which sources it. `qxctl _reports` prints the names of reports for it.
 std::string BashCompletion(Commands commands);
 
 // The same for zsh: sourced, or as a file _qxctl in a directory of fpath.

@@ -1,4 +1,4 @@
-// qxctl completion bash|zsh, and what is for the build and the tests: the table and the manual page.
+// qxctl completion bash|zsh, and the output for the build and the tests: the table and the manual page.
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::size_t kNameWidth = 30;
 
-// "required; 1 to 6; needs --trace"; empty if there is nothing more to know.
+// "required; 1 to 6; needs --trace"; empty if there are no remarks.
 std::string RemarksOn(const Parameter& parameter) {
   std::vector<std::string> remarks;
   if (parameter.is_required) remarks.emplace_back("required");

@@ -1,4 +1,4 @@
-// What --help prints, made from the command table.
+// The output of --help, made from the command table.
 #pragma once
 
 #include <string>
@@ -7,10 +7,10 @@
 
 namespace qx::ctl {
 
-// The page of one command: its help, how to call it, its arguments, its options by group, its subcommands.
+// The page of one command: its help, its usage line, its arguments, its options by group, its subcommands.
 std::string HelpText(Commands commands, const Command& command);
 
-// The help of a parameter, and what else there is to know: "Records that the ring keeps (required; 1 to 1000)"
+// The help of a parameter with its remarks: "Records that the ring keeps (required; 1 to 1000)"
 std::string HelpWithRemarks(const Parameter& parameter);
 
 }  // namespace qx::ctl

@@ -6,7 +6,7 @@ namespace qx::ctl {
 
 namespace {
 
-// scdoc takes these for marks: *bold*, _underlined_, and some at the beginning of a line.
+// scdoc reads these as marks: *bold*, _underlined_, and some at the beginning of a line.
 std::string Escaped(std::string_view text) {
   std::string escaped;
   for (const char c : text) {

@@ -1,7 +1,7 @@
 // A JSON document that a command builds and prints.
 //
-// It is our own because nearly every source of the tool builds one, and the header of a JSON library takes longer to
-// compile than the rest of such a source. JsonText.cpp prints it, with the library.
+// Nearly every source of the tool builds one, and the header of a JSON library needs more time to compile than the rest
+// of such a source. JsonText.cpp prints it, with the library.
 #pragma once
 
 #include <concepts>
@@ -16,7 +16,7 @@
 
 namespace qx::ctl {
 
-// One value: null, a number, a text, an array, or an object whose members stay in the order in which they were added.
+// One value: null, a number, a text, an array, or an object whose members keep the order in which they were added.
 //
 //   Json()                           => null
 //   Json{{"a", 1}, {"b", nullptr}}   => {"a": 1, "b": null}
@@ -52,7 +52,7 @@ class Json {
 
   // Adds to an array; null becomes one.
   void Append(Json item);
-  // The member of an object, added as null if it is not there; null becomes an object.
+  // The member of an object, added as null if it is missing; null becomes an object.
   Json& operator[](std::string_view key);
   // Sets each member of the other object.
   void Merge(const Json& object);

@@ -11,7 +11,8 @@ namespace qx::ctl {
 namespace {
 
 constexpr std::size_t kNearMax = 3;
-constexpr std::size_t kWordCharsMax = 64;  // a longer word is no mistyped name, and the table of distances stays small
+constexpr std::size_t kWordCharsMax =
+    64;  // a longer word is not a mistyped name, and the table of distances stays small
 
 char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
@@ -21,7 +22,7 @@ std::string Lower(std::string_view text) {
   return lower;
 }
 
-// How many characters must be changed, added, removed or exchanged with their neighbour.
+// The number of characters that must be changed, added, removed or exchanged with their neighbour.
 //   "laod", "load" => 1     "verfy", "verify" => 1     "cat", "dog" => 3
 std::size_t Distance(std::string_view a, std::string_view b) {
   std::vector<std::vector<std::size_t>> rows(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
@@ -38,7 +39,7 @@ std::size_t Distance(std::string_view a, std::string_view b) {
   return rows[a.size()][b.size()];
 }
 
-// Of a word of one character every other one would be near.
+// Otherwise every other word would be near a word of one character.
 std::size_t DistanceMax(std::size_t chars) { return chars < 2 ? 0 : chars < 6 ? 1 : chars < 10 ? 2 : 3; }
 
 }  // namespace

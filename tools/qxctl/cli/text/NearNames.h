@@ -1,4 +1,4 @@
-// Names that someone who mistyped a word may have meant.
+// The names that may be meant by a mistyped word.
 #pragma once
 
 #include <string>

@@ -12,7 +12,7 @@ namespace {
 
 bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
 
-// The length of the UTF-8 character that `text` begins with; 0 if it begins with none.
+// The length of the UTF-8 character that `text` begins with; 0 if it does not begin with one.
 std::size_t CharacterBytes(std::string_view text) {
   const auto first = static_cast<unsigned char>(text[0]);
   if (first < 0x80) return 1;
@@ -33,7 +33,7 @@ std::string Escape(const char* prefix, char c) {
 
 bool IsC1(char c) { return static_cast<unsigned char>(c) >= 0x80 && static_cast<unsigned char>(c) < 0xA0; }
 
-// How many bytes at the beginning of `text` a terminal would act on.
+// The number of bytes at the beginning of `text` that control a terminal.
 std::size_t ActiveBytes(std::string_view text) {
   const char first = text[0];
   if (first == '\n' || first == '\t' || text.starts_with("\r\n")) return 0;

@@ -1,4 +1,4 @@
-// Texts of foreign origin on their way to a terminal or into JSON: they may hold any byte.
+// Prepares texts of others for a terminal or for JSON: they may have any byte.
 #pragma once
 
 #include <string>
@@ -8,13 +8,13 @@
 
 namespace qx::ctl {
 
-// Control bytes as \xHH, so that no text moves the cursor or looks like a line of its own; "\" is doubled.
+// Control bytes as \xHH, so that no text moves the cursor or looks like another line; "\" is doubled.
 //   "a\tb" => a\x09b    "C:\x" => C:\\x
 [[nodiscard]] std::string Visible(std::string_view text);
 
-// Masks what a terminal would act on, as \xHH: control bytes, DEL, and the control characters U+0080 to U+009F, encoded
-// or as single bytes. Line feeds, tabs, the CR of a CR LF and all other UTF-8 stay. A JSON text stays valid when DEL
-// and U+0080 to U+009F are masked as \u00HH.
+// Masks the bytes that control a terminal, as \xHH: control bytes, DEL, and the control characters U+0080 to U+009F,
+// encoded or as single bytes. Line feeds, tabs, the CR of a CR LF and all other UTF-8 stay. A JSON text stays valid
+// when DEL and U+0080 to U+009F are masked as \u00HH.
 //   "a\033[2Jb\r\n" => a\x1B[2Jb, and the line end
 enum class Masking { kText, kJson };
 [[nodiscard]] std::string ForTerminal(std::string_view text, Masking masking = Masking::kText);
