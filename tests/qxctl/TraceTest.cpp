@@ -226,7 +226,7 @@ TEST_F(QxctlTrace, FollowReportsThatTheLogWasStartedOver) {
   const Ran ran = child.Wait();
   EXPECT_EQ(ran.code, -SIGTERM);
   EXPECT_THAT(out, HasSubstr("{\"kind\":\"restart\"}\n"));
-  EXPECT_EQ(ran.err, "qxctl: log.app was started over; what had been written meanwhile is lost\n");
+  EXPECT_EQ(ran.err, "qxctl: log.app was started over; entries that were written meanwhile are lost\n");
 }
 
 TEST_F(QxctlTrace, FollowOfAMissingFileIsNotFound) {

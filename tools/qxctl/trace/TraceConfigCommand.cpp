@@ -1,4 +1,4 @@
-// Each setting of the traces, and which file, section or variable it comes from.
+// Each setting of the traces with the file, section or variable that it comes from.
 #include "tools/qxctl/trace/TraceConfigCommand.h"
 
 #include <filesystem>

@@ -24,7 +24,7 @@ using debug::TraceFollowEvent;
 
 constexpr std::chrono::milliseconds kInterval{100};
 constexpr std::chrono::milliseconds kIntervalPending{20};
-constexpr int kRestShare = 10;  // looking takes no more than this part of the time, however large the file is
+constexpr int kRestShare = 10;  // a poll uses at most this part of the time, for a file of any size
 
 struct Options {
   std::string path;
@@ -40,7 +40,7 @@ void Sleep(std::chrono::nanoseconds time) {
   (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &wait, nullptr);
 }
 
-// Prints what the looks bring: entries as data, what is to be said about the file as problems.
+// Prints the result of each poll: entries as data, events of the file as problems.
 class FollowPrinter {
  public:
   FollowPrinter(Context& context, const Options& options, const TraceFilter& filter)
@@ -50,7 +50,7 @@ class FollowPrinter {
     for (const TraceFollowEvent& event : look.events) {
       if (Status status = PrintEvent(event); !status.IsOk()) return status;
     }
-    if (look.is_missing && !was_missing_) Problem("is gone; waiting for it to come back");
+    if (look.is_missing && !was_missing_) Problem("is gone; waiting for it");
     was_missing_ = look.is_missing;
     return context_->output.Show();
   }
@@ -58,7 +58,7 @@ class FollowPrinter {
  private:
   Status PrintEvent(const TraceFollowEvent& event) {
     if (event.kind == TraceFollowEvent::Kind::kRestart) {
-      Problem("was started over; what had been written meanwhile is lost");
+      Problem("was started over; entries that were written meanwhile are lost");
       return Object({{"kind", "restart"}});
     }
     if (event.kind == TraceFollowEvent::Kind::kLost) {

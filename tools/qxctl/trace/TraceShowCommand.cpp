@@ -54,7 +54,7 @@ Status OpenTraceFile(const std::string& path, debug::TraceFile& file) {
   return Status::Io("cannot open " + path, error);
 }
 
-// One file that is shown, with the entry that comes next.
+// One shown file, with its next entry.
 class ShownFile {
  public:
   explicit ShownFile(std::string name) : name_(std::move(name)) {}
@@ -74,7 +74,7 @@ class ShownFile {
   const std::string& Name() const { return name_; }
   bool HasEntry() const { return has_entry_; }
   const TraceEntry& Entry() const { return entry_; }
-  // What merging goes by: the entry's time, or that of the one before.
+  // The time for the merge: that of the entry, or else of the previous one.
   std::int64_t OrderMs() const { return order_ms_; }
   bool BelongsToLast() const {
     return has_entry_ && (entry_.kind == TraceEntry::Kind::kPiece || entry_.kind == TraceEntry::Kind::kRest);
@@ -117,7 +117,7 @@ Status OpenDirectory(const std::string& directory, Files& files) {
   return {};
 }
 
-// The file whose next entry is the oldest; null when all are at their end.
+// The file whose next entry is the oldest; null if all are at their end.
 ShownFile* Oldest(const Files& files) {
   ShownFile* oldest = nullptr;
   for (const auto& file : files) {
@@ -143,7 +143,7 @@ Json FileToJson(const ShownFile& file) {
   return object;
 }
 
-// Prints entries one by one, so that a file of any size needs little memory; the document is put together by hand.
+// Prints entries one by one, so that a file of any size needs little memory; so the document is written piece by piece.
 class ShowPrinter {
  public:
   ShowPrinter(Context& context, const Options& options, bool is_directory)
@@ -199,7 +199,7 @@ Status PrintEntries(const Files& files, const TraceFilter& filter, ShowPrinter& 
   return {};
 }
 
-// What is to be said about the files, each finding with a line on standard error.
+// The findings about the files; each is also a line on standard error.
 ExitCode CollectFindings(Context& context, const Files& files, std::vector<Json>& findings) {
   ExitCode code = ExitCode::kOk;
   const auto add = [&](const ShownFile& file, const char* name, const std::string& text) {
@@ -212,7 +212,7 @@ ExitCode CollectFindings(Context& context, const Files& files, std::vector<Json>
       if (code == ExitCode::kOk) code = ExitCode::kFinding;
     }
     if (!file->Unroller().HasChanged()) continue;
-    add(*file, "changed", "the file was written while it was read; entries may be missing, cut or in a wrong place");
+    add(*file, "changed", "the file was written while it was read; entries may be missing, cut or out of order");
     code = ExitCode::kChanged;
   }
   return code;
@@ -222,7 +222,7 @@ Status Show(Context& context, const Values& values) {
   const Options options = {values.Text("PATH"), TraceFilterOptionsOf(values), values.Flag("--json")};
   TraceFilter filter;
   if (Status status = MakeFilter(options.filter, filter); !status.IsOk()) return status;
-  std::error_code ignored;  // what cannot be looked at is a file, and opening it says why not
+  std::error_code ignored;  // if `stat` fails, the path is treated as a file, and the open reports the reason
   const bool is_directory = std::filesystem::is_directory(options.path, ignored);
   Files files;
   Status opened = is_directory ? OpenDirectory(options.path, files) : OpenFile(options.path, options.path, files);

@@ -18,8 +18,8 @@ constexpr std::string_view kPiece = "    ? ";
 
 bool IsContinuationByte(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
 
-// How many bytes the character of more than one byte at the beginning of `text` has; 0 when it is none: a stray byte,
-// a longer form than is needed, a surrogate, or a number that is no character.
+// The number of bytes of the multibyte character at the beginning of `text`; 0 if there is no such character: a stray
+// byte, an overlong form, a surrogate, or a number that is not a character.
 std::size_t WideCharacterBytes(std::string_view text) {
   const auto first = static_cast<unsigned char>(text[0]);
   const std::size_t bytes = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
@@ -31,7 +31,7 @@ std::size_t WideCharacterBytes(std::string_view text) {
   return is_too_long || is_no_character ? 0 : bytes;
 }
 
-// U+0080 to U+009F: a terminal takes them for the beginning of a command.
+// U+0080 to U+009F: for a terminal they begin a command.
 bool IsWideControl(std::string_view character) {
   return character[0] == '\xC2' && static_cast<unsigned char>(character[1]) < 0xA0;
 }
@@ -53,7 +53,7 @@ Status ParseThread(const std::string& text, std::uint32_t& thread) {
   return {ExitCode::kUsage, "\"" + text + "\" is no thread: a thread is up to 8 hexadecimal digits, as in an entry"};
 }
 
-// Completes a time that is given in part from `rest`, which is a whole one.
+// Completes a partial time from the whole time `rest`.
 //   "2026-01-31 10:20" => "2026-01-31 10:20:00.000", or "2026-01-31 10:20:59.999"
 Status ParseTime(std::string text, std::string_view rest, std::optional<std::int64_t>& time) {
   if (text.empty()) return {};
@@ -136,7 +136,7 @@ Status MakeFilter(const TraceFilterOptions& options, TraceFilter& filter) {
 bool TraceSelection::Takes(const TraceEntry& entry) {
   if (HasHeader(entry)) took_last_ = filter_->Passes(entry);
   if (entry.kind == TraceEntry::Kind::kGap) {
-    took_last_ = filter_->IsOpen();  // a piece behind a gap belongs to nothing that was printed
+    took_last_ = filter_->IsOpen();  // a piece after a gap does not belong to a printed entry
   }
   return took_last_;
 }

@@ -1,4 +1,4 @@
-// How qxctl prints trace entries, and which of them.
+// The choice and the print of trace entries.
 #pragma once
 
 #include <cstdint>
@@ -14,24 +14,23 @@
 
 namespace qx::ctl {
 
-// `text` with what a terminal could act on made visible: control bytes and bytes that are not UTF-8 as "\x1B"; a
-// backslash is doubled.
+// `text` with control bytes and bytes that are not UTF-8 as "\x1B"; a backslash is doubled.
 std::string VisibleText(std::string_view text);
 
-// What the options --module, --thread, --since and --until come to.
+// The choice of the options --module, --thread, --since and --until.
 struct TraceFilter {
   std::set<std::string, std::less<>> modules;  // empty: all
   std::set<std::uint32_t> threads;             // empty: all
   std::optional<std::int64_t> since_ms;
-  std::optional<std::int64_t> until_ms;  // the last millisecond that passes
+  std::optional<std::int64_t> until_ms;  // the last millisecond that is printed
 
-  // Whether every entry passes.
+  // Whether every entry is printed.
   bool IsOpen() const;
-  // Whether an entry with a header passes; an entry whose time is unknown passes no limit of time.
+  // Whether an entry with a header is printed; with a time limit, an entry of unknown time is not.
   bool Passes(const debug::TraceEntry& entry) const;
 };
 
-// The options as they are given.
+// The options as given.
 struct TraceFilterOptions {
   std::vector<std::string> modules;
   std::vector<std::string> threads;
@@ -39,10 +38,10 @@ struct TraceFilterOptions {
   std::string until;
 };
 
-// kUsage for a thread that is no hexadecimal number, or a time that is none.
+// kUsage for a thread that is not a hexadecimal number, or an invalid time.
 Status MakeFilter(const TraceFilterOptions& options, TraceFilter& filter);
 
-// Whether an entry of a file is printed, entry after entry: what belongs to an entry goes with it.
+// Decides for entry after entry of a file whether it is printed; the further lines of an entry follow its choice.
 class TraceSelection {
  public:
   explicit TraceSelection(const TraceFilter& filter) : filter_(&filter) {}
@@ -53,7 +52,7 @@ class TraceSelection {
   bool took_last_ = true;
 };
 
-// The entry as lines of text, each begun with `prefix`.
+// The entry as lines of text, each beginning with `prefix`.
 std::string EntryToText(const debug::TraceEntry& entry, std::string_view prefix);
 
 // The entry as an object; `file` is its first member.
