@@ -143,7 +143,8 @@ Json FileToJson(const ShownFile& file) {
   return object;
 }
 
-// Prints entries one by one, so that a file of any size needs little memory; so the document is written piece by piece.
+// Prints entries one by one, so that a file of any size needs little memory. The document is also written in
+// pieces.
 class ShowPrinter {
  public:
   ShowPrinter(Context& context, const Options& options, bool is_directory)
