@@ -276,7 +276,8 @@ TEST_F(QxctlResume, AfterSigkillARunToAPipeReportsWhatMayComeTwice) {
   (void)child.Wait();
   const Ran ran = Resume();
   EXPECT_EQ(ran.code, 1);
-  EXPECT_THAT(ran.err, HasSubstr("killed while it wrote; its 500 last records may have been printed, and come again"));
+  EXPECT_THAT(ran.err, HasSubstr("killed while it wrote; its 500 last records may have been printed, "
+                                 "and are repeated"));
   EXPECT_TRUE(ran.out == Stored(Numbered(0, 500, std::string(1000, 'x'))));
   EXPECT_EQ(Resume().code, 0);
 }

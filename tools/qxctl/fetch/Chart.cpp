@@ -58,7 +58,7 @@ std::vector<double> Highest(const std::vector<double>& values, std::size_t count
   return highest;
 }
 
-// A bar's height in eighths of a row. The lowest value still shows.
+// A bar's height in eighths of a row. Even the lowest value has a visible bar.
 int HeightOf(double value, const Scale& scale) {
   return std::clamp(static_cast<int>(std::lround(scale.Share(value) * kRows * kEighths)), 1, kRows * kEighths);
 }
@@ -73,7 +73,7 @@ struct RowLabels {
   std::string low;
 
   std::size_t Width() const { return std::max({high.size(), middle.size(), low.size()}); }
-  // Row 0 is the topmost; the axis follows the last.
+  // Row 0 is at the top; the axis follows the last row.
   std::string Of(int row) const { return row == 0 ? high : row == kRows / 2 ? middle : std::string(); }
 };
 
@@ -87,7 +87,7 @@ std::string Row(const std::vector<double>& values, const Scale& scale, int row, 
   return text;
 }
 
-// "0          119" under the axis: which value stands first and which last.
+// "0          119" under the axis: the numbers of the first and the last value.
 std::string Footer(std::size_t indent, std::size_t width, std::size_t count) {
   const std::string last = std::to_string(count - 1);
   std::string line = std::string(indent, ' ') + "0";

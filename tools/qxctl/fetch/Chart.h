@@ -19,12 +19,12 @@ struct ChartShape {
 // or LANG, the first that is set, says UTF-8.
 [[nodiscard]] ChartShape ChartShapeHere();
 
-// The values from left to right as bars, with the axis at the left; where there are more values than columns, each bar
-// is the highest of its values. Ends with a line end. `output` colours the bars if it colours anything.
+// The values from left to right as bars, with the axis at the left; if there are more values than columns, each bar
+// shows the highest of its values. Ends with a line end. `output` colours the bars if it colours anything.
 [[nodiscard]] std::string TextChart(const std::string& title, const std::vector<double>& values,
                                     const ChartShape& shape, const Output& output);
 
-// A document that needs nothing else: a line over the values, axes with numbers, `title` above, `field` beside.
+// A complete document: a line over the values, axes with numbers, `title` above, `field` next to the axis.
 [[nodiscard]] std::string SvgChart(const std::string& title, const std::string& field,
                                    const std::vector<double>& values);
 

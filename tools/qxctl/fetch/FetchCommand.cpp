@@ -82,7 +82,7 @@ Json SummaryToJson(const Options& options, const TransferCount& count, const Sta
           {"exitCode", static_cast<int>(status.Code())}};
 }
 
-// Where the records of a reply go: into the file, or to standard output unless a chart is drawn there.
+// Writes the records of a reply to the file, or to standard output unless a chart is drawn there.
 class RecordTarget {
  public:
   RecordTarget(Context& context, const Options& options)
@@ -99,7 +99,8 @@ class RecordTarget {
     return HasFile() || !printer_.DrawsChart() ? Write(text) : Status();
   }
 
-  // A file is put in place only if the transfer came to its end; a changed or shortened report is better than none.
+  // A file is renamed into place only if the transfer reached its end; a changed or shortened report is better than
+  // none.
   Status Finish(bool reached_end) {
     if (Status status = printer_.Finish(options_.report); !status.IsOk()) return status;
     return HasFile() && reached_end ? file_.Commit() : Status();
@@ -127,7 +128,7 @@ Status Carry(Context& context, const Options& options, Transfer& transfer) {
   return finished.IsOk() ? status : finished;
 }
 
-// A transfer that is cut short has a message; the warning of damage was printed before it began.
+// A shortened transfer has a message; the warning of damage was printed before it began.
 bool IsDamaged(const Status& status) { return status.Code() == ExitCode::kFinding && status.Message().empty(); }
 
 Status Summarise(Context& context, const Options& options, const TransferCount& count, const Status& status) {

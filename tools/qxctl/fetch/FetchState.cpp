@@ -74,7 +74,7 @@ bool ParseFormat(const std::string& name, RecordFormat& format) {
   return false;
 }
 
-// The number under `key`: whole, not negative, and no larger than the target holds.
+// The number under `key`: whole, not negative, and small enough for its type.
 template <typename Number>
 Number NumberAt(const Library& document, const char* key) {
   const Library& value = document.at(key);
@@ -85,7 +85,7 @@ Number NumberAt(const Library& document, const char* key) {
   return value.get<Number>();
 }
 
-// Throws what the JSON library throws when a key is missing or of another type.
+// Throws the JSON library's exception if a key is missing or of another type.
 bool ParseState(const Library& document, FetchState& state) {
   if (NumberAt<int>(document, "qxctlFetchState") != kStateVersion) return false;
   state.report = document.at("report").get<std::string>();
@@ -112,7 +112,7 @@ bool FromText(const std::string& text, FetchState& state) {
 
 FetchStateFile::~FetchStateFile() {
   if (!file_.IsOpen() || !is_fresh_) return;
-  (void)file::Remove(place_.name.c_str(), 0, place_.directory.Number());  // an empty file of ours says nothing
+  (void)file::Remove(place_.name.c_str(), 0, place_.directory.Number());  // a new file of this run is empty
 }
 
 Status FetchStateFile::Open(const std::string& path, bool force) {
@@ -124,7 +124,7 @@ Status FetchStateFile::Open(const std::string& path, bool force) {
   return Read();
 }
 
-// The run that holds the lock may rename a new file to the name in the meantime: the lock counts only if the file still
+// The run that has the lock may rename a new file to this name in the meantime: a lock is valid only if the file still
 // has the name.
 Status FetchStateFile::Lock() {
   constexpr int kAttempts = 100;

@@ -1,4 +1,4 @@
-// The state file of a fetch that is done in several runs; docs/following.md describes its keys.
+// The state file of a fetch in several runs; docs/following.md describes its keys.
 #pragma once
 
 #include <cstdint>
@@ -16,18 +16,18 @@ namespace qx::ctl {
 struct FetchState {
   std::string report;
   RecordFormatOptions format;
-  std::size_t columns = 0;                    // of the CSV header that was written
+  std::size_t columns = 0;                    // of the written CSV header
   std::string output;                         // the file that the records go to; empty: standard output
   std::optional<std::uint64_t> output_bytes;  // its size after the last delivered record
   report::ReportPosition position;
-  std::uint64_t in_flight = 0;  // records whose writing was begun and, as far as is known, not finished
+  std::uint64_t in_flight = 0;  // records of a write that was begun and may not be finished
 };
 
 // The file is locked from Open on, so that two runs do not deliver the same records. It is replaced as a whole, and the
-// new file is locked before it takes the name.
+// new file is locked before it gets the name.
 //
 // Threads: used by one thread. Owns: the lock, released at destruction.
-// Failure: a Save that failed leaves the old state in the file.
+// Failure: after a failed Save the file has the old state.
 class FetchStateFile {
  public:
   FetchStateFile() = default;
@@ -35,11 +35,11 @@ class FetchStateFile {
   FetchStateFile(const FetchStateFile&) = delete;
   FetchStateFile& operator=(const FetchStateFile&) = delete;
 
-  // Creates the file if it is missing. kRefused if another run has it, if it holds anything but a state, or, unless
-  // `force`, if it belongs to another user: a state decides to which size the output file is cut.
+  // Creates the file if it is missing. kRefused if another run has it, if its content is not a state, or, unless
+  // `force`, if it belongs to another user: a state determines the size to which the output file is cut.
   Status Open(const std::string& path, bool force = false);
 
-  // What it holds; unset while it is empty.
+  // The state in the file; unset while the file is empty.
   const std::optional<FetchState>& State() const { return state_; }
 
   Status Save(const FetchState& state);

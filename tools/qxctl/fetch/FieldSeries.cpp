@@ -13,7 +13,7 @@ namespace qx::ctl {
 
 namespace {
 
-// ASCII only: what a word is must not depend on the locale.
+// ASCII only: the limits of a word must not depend on the locale.
 bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool IsWordPart(char c) { return IsLetter(c) || (c >= '0' && c <= '9') || c == '_' || c == '-' || c == '.'; }
 bool MayFollowNumber(char c) { return IsLetter(c) || std::string_view("% \t,;)]}").find(c) != std::string_view::npos; }
@@ -33,8 +33,8 @@ std::optional<double> LeadingNumber(std::string_view text) {
   return number;
 }
 
-// What follows a key: "=12", " : 12", " 12"
-std::optional<double> NumberBehindKey(std::string_view text) {
+// The number in the text after a key: "=12", " : 12", " 12"
+std::optional<double> NumberAfterKey(std::string_view text) {
   std::string_view value = WithoutBlanks(text);
   const bool has_blank = value.size() < text.size();
   if (value.starts_with('=') || value.starts_with(':')) {
@@ -67,7 +67,7 @@ double RoundStep(double width) {
 std::optional<double> NumberOfKey(std::string_view text, std::string_view key) {
   for (std::size_t at = text.find(key); at != std::string_view::npos; at = text.find(key, at + 1)) {
     if (at > 0 && IsWordPart(text[at - 1])) continue;
-    if (const auto number = NumberBehindKey(text.substr(at + key.size()))) return number;
+    if (const auto number = NumberAfterKey(text.substr(at + key.size()))) return number;
   }
   return std::nullopt;
 }
@@ -93,7 +93,7 @@ void FieldSeries::Add(std::string_view record) {
   }
 }
 
-// Differences are taken of halves: that of two large numbers may be too large for a number.
+// Differences are computed from halves: the difference of two large numbers may overflow.
 Scale ScaleOf(const std::vector<double>& values, int steps) {
   if (values.empty()) return {};
   const auto [lowest, highest] = std::minmax_element(values.begin(), values.end());

@@ -1,4 +1,4 @@
-// The numbers that stand in a field of each record.
+// The numbers in a field of each record.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@ namespace qx::ctl {
 
 // The number after a key, or that of a column.
 //   key "cpu"     "09:00 cpu=12%"  => 12       key "load"  "09:00 load 0.12" => 0.12
-//   column 2, " " "09:00 7 ok"     => 7        column 1    "09:00 7 ok"      => none: 09:00 is no number
+//   column 2, " " "09:00 7 ok"     => 7        column 1    "09:00 7 ok"      => nothing: 09:00 is not a number
 // A number may be followed by a unit (%, kB), a blank, a comma, a semicolon or a closing bracket.
 [[nodiscard]] std::optional<double> NumberOfKey(std::string_view text, std::string_view key);
 [[nodiscard]] std::optional<double> NumberOfColumn(std::string_view text, std::string_view separator,
@@ -38,21 +38,21 @@ class FieldSeries {
   std::uint64_t skipped_ = 0;
 };
 
-// A range of round numbers around values: what an axis shows.
+// A range of round numbers around values, for an axis.
 struct Scale {
   double low = 0;
   double high = 1;
   double step = 1;
 
-  // Where a value stands between low (0) and high (1).
+  // The position of a value between low (0) and high (1).
   [[nodiscard]] double Share(double value) const { return (value / 2 - low / 2) / (high / 2 - low / 2); }
 };
 
-// About `steps` steps of 1, 2 or 5 times a power of ten. It begins at 0 when the values are not far from it.
+// About `steps` steps of 1, 2 or 5 times a power of ten. It begins at 0 if the values are not far from it.
 //   0.12 to 0.31  => 0 to 0.4 by 0.1
 [[nodiscard]] Scale ScaleOf(const std::vector<double>& values, int steps);
 
-// "0.4", "1e+20": a number of an axis, without digits that say nothing.
+// "0.4", "1e+20": a number of an axis, without digits that are not needed.
 [[nodiscard]] std::string AxisNumber(double value);
 
 }  // namespace qx::ctl

@@ -26,7 +26,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
-constexpr int kFailuresMax = 5;  // in a row; one more and the module does not come back
+constexpr int kFailuresMax = 5;  // failures in a row; after one more the command ends
 constexpr double kSecondsMax = 1e6;
 constexpr double kIntervalMin = 0.01;
 
@@ -113,8 +113,8 @@ class Follow {
     return static_cast<std::uint32_t>(std::min(wanted, kAll));
   }
 
-  // A report may be gone for a moment while its agent starts it over, and a call may fail once: both are reported,
-  // and the next scan tries again.
+  // A report may be missing for a moment while its agent starts it over, and a call may fail once: both are reported,
+  // and the next poll tries again.
   Status Retry(const Status& failure) {
     if (failure.Code() == ExitCode::kRefused) return failure;
     if (failure.Code() == ExitCode::kNotFound) {
@@ -126,7 +126,7 @@ class Follow {
     }
     ++failures_in_all_;
     ++failures_;
-    // A report that cannot be read may be readable again; an operator has to know once.
+    // An unreadable report may become readable again; the operator gets one message.
     const bool may_pass = failure.Code() == ExitCode::kIo;
     if (!may_pass && failures_ >= kFailuresMax) return failure;
     if (may_pass && failures_ > 1) return {};
@@ -139,7 +139,7 @@ class Follow {
     return Line({{"kind", "missing"}});
   }
 
-  // Records that repeat are ambiguous in every scan: that is reported when it begins, and whenever it matters.
+  // Records that repeat are ambiguous in every poll: that is reported when it begins, and whenever records may be lost.
   Status ReportEvent(const report::ReportLook& look) {
     const bool is_ambiguous = look.event == report::LookEvent::kAmbiguous;
     const bool is_news =

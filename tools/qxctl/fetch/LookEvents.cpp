@@ -59,7 +59,7 @@ std::string EventName(const ReportLook& look) {
 
 Status BlockedStatus(std::uint32_t index) {
   return {ExitCode::kFinding, "record " + std::to_string(index) +
-                                  " (counted from 0) has 1 MiB or more, which no chunk can carry; neither it nor " +
+                                  " (counted from 0) has 1 MiB or more, too large for a chunk; neither it nor " +
                                   "what follows it can be transferred until it has left the ring"};
 }
 

@@ -1,4 +1,4 @@
-// What is said about the looks at a report that is read bit by bit.
+// The messages about the polls of a report.
 #pragma once
 
 #include <cstdint>
@@ -10,10 +10,10 @@
 
 namespace qx::ctl {
 
-// How often what happened.
+// The number of each event.
 struct LookTally {
   std::uint64_t gaps = 0;
-  std::optional<std::uint64_t> lost = 0;  // records in all gaps; unset: not known
+  std::optional<std::uint64_t> lost = 0;  // records in all gaps; unset: unknown
   std::uint64_t ambiguous = 0;
   std::uint64_t started_over = 0;
 
@@ -24,16 +24,16 @@ struct LookTally {
 // {"gaps":1,"recordsLost":null,"ambiguous":0,"startedOver":0}
 [[nodiscard]] Json ToJson(const LookTally& tally);
 
-// One sentence about the event of a look; empty without an event.
+// One sentence about the event of a poll; empty without an event.
 [[nodiscard]] std::string EventText(const std::string& report, const report::ReportLook& look);
 
 // "gap", "ambiguous", "startedOver"; empty without an event.
 [[nodiscard]] std::string EventName(const report::ReportLook& look);
 
-// kFinding: the record at `index` cannot be carried.
+// kFinding: the record at `index` is too long for a reply.
 [[nodiscard]] Status BlockedStatus(std::uint32_t index);
 
-// kChanged: the ring moves faster than it can be read.
+// kChanged: the ring advances faster than it can be read.
 [[nodiscard]] Status OutrunStatus(const std::string& report);
 
 }  // namespace qx::ctl

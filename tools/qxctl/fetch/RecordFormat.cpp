@@ -14,12 +14,12 @@ namespace {
 constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 constexpr std::string_view kCsvLineEnd = "\r\n";
 
-// A spreadsheet takes a cell that begins like this for a formula.
+// A spreadsheet reads a cell that begins like this as a formula.
 bool BeginsLikeFormula(std::string_view text) {
   return !text.empty() && std::string_view("=+-@\t\r").find(text.front()) != std::string_view::npos;
 }
 
-// RFC 4180: a field with a comma, a quote or a line end is put in quotes, with its own quotes doubled.
+// RFC 4180: a field with a comma, a quote or a line end is quoted, with its own quotes doubled.
 //   a,"b" => "a,""b"""      safe: =1+1 => '=1+1
 std::string CsvField(std::string_view text, bool is_safe) {
   if (is_safe && BeginsLikeFormula(text)) return CsvField("'" + std::string(text), false);

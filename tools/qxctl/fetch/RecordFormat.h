@@ -20,7 +20,7 @@ const char* NameOf(RecordFormat format);
 struct RecordFormatOptions {
   RecordFormat format = RecordFormat::kText;
   std::string separator;  // of the fields within a record; empty: a record is one field
-  bool csv_safe = false;  // CSV cells that begin like a formula get an apostrophe in front
+  bool csv_safe = false;  // CSV cells that begin like a formula get an apostrophe before them
 };
 
 // The names of the formats in the order of RecordFormat.
@@ -29,7 +29,7 @@ inline constexpr std::string_view kRecordFormatNames[] = {"text", "json", "csv"}
 // From a command with --format and --fields.
 RecordFormatOptions RecordFormatOptionsOf(const Values& values);
 
-// A record's text without what ends it.
+// A record's text without its end.
 //   "a\r\n" => "a", "crlf"     "a\n" => "a", "lf"     "a\xFF" => "a", "ff"     "a" (cut at a NUL) => "a", "none"
 struct RecordText {
   std::string_view text;
@@ -41,7 +41,7 @@ struct RecordText {
 [[nodiscard]] std::vector<std::string_view> FieldsOf(std::string_view text, std::string_view separator,
                                                      std::size_t count_max);
 
-// {"index":7,"text":"a"}, and "end" when it is not CR LF.
+// {"index":7,"text":"a"}, and "end" if it is not CR LF.
 [[nodiscard]] Json RecordToJson(std::uint64_t index, std::string_view record);
 
 // One line of JSON with its line end.
@@ -49,11 +49,12 @@ struct RecordText {
 
 // Writes the records of one output.
 //
-// CSV begins with a header line, which comes with the first record, because that one's fields decide how many columns
-// there are: a shorter record leaves the last ones empty, the last column of a longer one holds the rest of its text.
+// CSV begins with a header line, which is written with the first record, because the fields of that record determine
+// the number of columns: a shorter record leaves the last ones empty, and the last column of a longer one has the rest
+// of its text.
 class RecordFormatter {
  public:
-  // `columns`: how many the output has already, 0: nothing was written yet.
+  // `columns`: the number that the output already has; 0: nothing was written yet.
   RecordFormatter(const RecordFormatOptions& options, std::size_t columns = 0) : options_(options), columns_(columns) {}
 
   [[nodiscard]] std::string Format(std::uint64_t index, std::string_view record);

@@ -1,4 +1,4 @@
-// How a command prints records: in a format, or as a chart of one of their fields.
+// Prints records in a format, or as a chart of one of their fields.
 #pragma once
 
 #include <optional>
@@ -17,7 +17,7 @@ struct RecordPrintOptions {
   bool force = false;
 };
 
-// What is wrong with a separator of fields; empty: nothing.
+// Returns what is wrong with a separator of fields, or an empty text.
 std::string_view CheckSeparator(std::string_view separator);
 
 inline constexpr Parameter kRecordPrintParameters[] = {
@@ -49,7 +49,7 @@ inline constexpr Parameter kRecordPrintParameters[] = {
 // From a command with kRecordPrintParameters.
 RecordPrintOptions RecordPrintOptionsOf(const Values& values);
 
-// kUsage for --fields without anything that uses it.
+// kUsage for --fields without an option that uses it.
 [[nodiscard]] Status CheckRecordPrintOptions(const RecordPrintOptions& options);
 
 // Threads: used by one thread.
@@ -57,14 +57,14 @@ class RecordPrinter {
  public:
   RecordPrinter(Output& output, const RecordPrintOptions& options);
 
-  // Whether records go out as they are stored, so that nobody has to take them apart.
+  // Whether records are printed as they are stored, so that nothing has to split them.
   bool IsPlain() const { return options_.format.format == RecordFormat::kText && !series_; }
   bool DrawsChart() const { return series_.has_value(); }
 
-  // The next record as it is to be written; it counts for the chart.
+  // The next record in its output form; it is added to the chart.
   [[nodiscard]] std::string Take(std::string_view record);
 
-  // Draws the chart, if one is wanted, and says how many records had no number.
+  // Draws the chart, if one is requested, and prints how many records had no number.
   Status Finish(const std::string& report);
 
  private:

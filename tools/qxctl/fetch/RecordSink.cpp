@@ -50,7 +50,7 @@ Status RecordSink::Write(std::span<const std::string> pieces, std::size_t& taken
     if (status.IsOk()) continue;
     if (written == 0) return status;
     return {status.Code(), status.Message() + "; " + std::to_string(written) +
-                               " bytes of the next record were written, and will come again with it"};
+                               " bytes of the next record were written, and will be repeated with it"};
   }
   return {};
 }

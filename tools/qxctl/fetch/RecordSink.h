@@ -1,4 +1,4 @@
-// Where records go one by one, so that it is known which of them have arrived.
+// Writes records one by one and knows how many were written.
 #pragma once
 
 #include <cstdint>
@@ -11,26 +11,27 @@
 
 namespace qx::ctl {
 
-// Standard output, or a file that is appended to.
+// Standard output, or a file to which records are appended.
 //
 // Threads: used by one thread. Owns: the file's descriptor.
 class RecordSink {
  public:
-  // Appends to `path` from now on, which is created if it is missing. Without this call, records go to standard output.
+  // From now on appends to `path`, which is created if it is missing. Without this call, records go to standard output.
   // A file or link of another user, and a file with several names, is refused unless `force`.
   Status OpenFile(const std::string& path, bool force = false);
 
-  // Size of the file; unset for standard output and for anything but a regular file.
+  // Size of the file; unset for standard output and for a file that is not regular.
   std::optional<std::uint64_t> Bytes() const;
   [[nodiscard]] bool IsTerminal() const;
   // Cuts the file to `bytes`.
   Status Shorten(std::uint64_t bytes);
 
-  // Writes the pieces in order. `taken`: how many arrived whole. A pipe takes a group of up to 4096 bytes whole or not
-  // at all. So a signal under an InterruptGuard, which ends this, never leaves a short piece half written.
+  // Writes the pieces in order. `taken`: the number of pieces that were written whole. A pipe takes a group of up to
+  // 4096 bytes whole or not at all. So a signal under an InterruptGuard ends the write without a partly written short
+  // piece.
   Status Write(std::span<const std::string> pieces, std::size_t& taken);
 
-  // Syncs what was taken, if it is on a disk.
+  // Syncs the written pieces, if they are on a disk.
   Status Sync();
 
  private:

@@ -9,7 +9,7 @@ namespace qx::ctl {
 
 namespace {
 
-// Cuts behind each end. What is left has no end.
+// Cuts after each end. The rest has no end.
 //   "a\r\nb\xFF" => "a\r\n", "b\xFF"
 std::vector<std::string> CutAtEnds(std::string_view text) {
   std::vector<std::string> records;
@@ -36,7 +36,7 @@ Status ReportReader::Ask(std::int32_t start_index, std::optional<std::int32_t> r
   }
 }
 
-// A report that is missing in the middle of a transfer was there when it began: it cannot be read on.
+// A report that is missing in the middle of a transfer existed at its start: the transfer cannot continue.
 Status ReportReader::AskOnce(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply) {
   const std::string request = RequestText({report_, start_index, record_count});
   const CallResult call = worker_.Call(RequestFunction::kGetReports, request);
@@ -48,7 +48,7 @@ Status ReportReader::AskOnce(std::int32_t start_index, std::optional<std::int32_
   return Status::Io(reply.message, reply.last_error.value_or(0));
 }
 
-// Each record that the reply counts ends at most one line; more line ends than records cannot be.
+// Each counted record of the reply ends at most one line: there cannot be more line ends than records.
 Status ReportReader::Check(std::int32_t start_index, const ReportReply& reply) const {
   const std::int64_t records = std::int64_t{reply.next_index} - reply.start_index;
   const auto line_ends = std::count_if(reply.records.begin(), reply.records.end(), EndsRecord);
@@ -63,7 +63,7 @@ Status ReportReader::Split(const ReportReply& reply, std::vector<std::string>& r
   return SplitRange(reply.start_index, reply.next_index, reply.records, records);
 }
 
-// A record without end runs on into the next one, so the number of pieces tells whether there is any.
+// A record without an end continues into the next one, so the number of pieces shows whether there is one.
 Status ReportReader::SplitRange(std::int32_t start, std::int32_t end, std::string_view text,
                                 std::vector<std::string>& records) {
   std::vector<std::string> pieces = CutAtEnds(text);

@@ -1,4 +1,4 @@
-// Asks the module for records of one report and takes the replies apart.
+// Requests records of one report from the module and parses the replies.
 #pragma once
 
 #include <cstdint>
@@ -14,25 +14,26 @@
 
 namespace qx::ctl {
 
-// What a record ends with: its line feed, or the byte 0xFF that a reader stops at. Only a record cut at a NUL has none.
+// The end of a record: its line feed, or the byte 0xFF at which a reader stops. Only a record that is cut at a NUL has
+// no end.
 constexpr bool EndsRecord(char byte) { return byte == '\n' || byte == '\xFF'; }
 
 // "a\r\nb\r\n" => "a\r\n"
 [[nodiscard]] std::string_view FirstRecord(std::string_view records);
 
-// Threads: as the worker thread that it borrows.
+// Threads: those of the worker thread that it uses.
 class ReportReader {
  public:
   ReportReader(WorkerThread& worker, std::string report) : worker_(worker), report_(std::move(report)) {}
 
-  // One call, or more if the report cannot be read: kIo after the third. Start index 0 starts a new snapshot.
+  // One call, or more if the report cannot be read: kIo after the third. Start index 0 begins a new snapshot.
   Status Ask(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply);
 
-  // kChanged if a reply with records is not one to `start_index`, or contradicts itself.
+  // kChanged if a reply with records is not for `start_index`, or contradicts itself.
   Status Check(std::int32_t start_index, const ReportReply& reply) const;
 
-  // The records of a reply one by one. Where one has no end, the module is asked for the latter half, and so on, in the
-  // snapshot of the reply: ask for nothing else in between. kChanged if the answers differ.
+  // The records of a reply one by one. If one has no end, the second half is requested from the module, and so on, in
+  // the snapshot of the reply: no other request may come in between. kChanged if the replies differ.
   Status Split(const ReportReply& reply, std::vector<std::string>& records);
 
   const std::string& Report() const { return report_; }

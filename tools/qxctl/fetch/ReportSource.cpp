@@ -12,7 +12,7 @@ constexpr std::uint32_t kIndexMax = std::numeric_limits<std::int32_t>::max();
 
 }  // namespace
 
-// Asking for no record from index 0 opens the store again and returns nothing.
+// A request for 0 records from index 0 opens the store again and returns no records.
 bool ReportSource::Refresh() {
   ReportReply reply;
   return Ask(0, 0, reply);

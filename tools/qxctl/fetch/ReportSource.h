@@ -11,21 +11,21 @@ namespace qx::ctl {
 
 struct SourceCount {
   std::uint64_t calls = 0;
-  std::uint64_t bytes = 0;  // of records, those that were only compared included
+  std::uint64_t bytes = 0;  // of records, including those that were only compared
   double module_seconds = 0;
 };
 
-// Threads: as the worker thread that it borrows.
+// Threads: those of the worker thread that it uses.
 class ReportSource : public report::RecordSource {
  public:
-  // At most `chunk_records` a call, if set.
+  // At most `chunk_records` for each call, if set.
   ReportSource(WorkerThread& worker, const std::string& report, std::optional<std::int32_t> chunk_records)
       : reader_(worker, report), chunk_records_(chunk_records) {}
 
   bool Refresh() override;
   bool Read(std::uint32_t start, std::uint32_t count_max, std::vector<std::string>& records) override;
 
-  // Why the last call that failed did.
+  // The reason of the last failed call.
   const Status& Failure() const { return failure_; }
   const SourceCount& Count() const { return count_; }
 

@@ -1,7 +1,7 @@
-// The order of things is what makes the runs together deliver each record once. Before a chunk is written the state
-// says so (inFlight); after it the state says how far the write came. A run that is killed in between leaves inFlight
-// set, and the next one cuts the output file back to what the state knows, or, where nothing can be cut, says that
-// records may come twice.
+// The order of the steps makes all runs together deliver each record once. Before a chunk is written, the state records
+// it (inFlight); afterwards the state records how much was written. If a run is killed in between, inFlight stays set,
+// and the next run cuts the output file to the size in the state, or, if it cannot be cut, reports that records may be
+// printed twice.
 #include "tools/qxctl/fetch/ResumedFetch.h"
 
 #include <limits>
@@ -84,7 +84,7 @@ class ResumedFetch {
     if (!bytes) return {};
     const std::uint64_t known = state_.output_bytes.value_or(0);
     if (*bytes > known && state_.in_flight > 0) {
-      output_.Note("qxctl: the last run was killed while it wrote; " + options_.output + " is cut back to " +
+      output_.Note("qxctl: the last run was killed while it wrote; " + options_.output + " is cut to " +
                    std::to_string(known) + " bytes");
       if (Status status = sink_.Shorten(known); !status.IsOk()) return status;
     } else if (*bytes != known) {
@@ -99,7 +99,7 @@ class ResumedFetch {
   void ReportRepeated() {
     result_.maybe_repeated = state_.in_flight;
     AddFinding("the last run was killed while it wrote; its " + std::to_string(state_.in_flight) +
-               " last records may have been printed, and come again");
+               " last records may have been printed, and are repeated");
   }
 
   Status FetchAll() {
@@ -146,7 +146,7 @@ class ResumedFetch {
     return written;
   }
 
-  // A record of which a file got only a part comes whole in the next run.
+  // A record that was written only in part is written whole by the next run.
   Status CutToWholeRecords(std::span<const std::string> taken) {
     if (!state_.output_bytes) return {};
     for (const std::string& piece : taken) *state_.output_bytes += piece.size();

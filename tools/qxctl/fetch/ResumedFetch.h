@@ -1,4 +1,4 @@
-// qxctl fetch --resume: a report fetched in several runs, each of which brings what is new.
+// qxctl fetch --resume: a report is fetched in several runs, each of which prints the new records.
 #pragma once
 
 #include <cstdint>
@@ -22,17 +22,17 @@ struct ResumeOptions {
 };
 
 struct ResumeResult {
-  std::uint64_t records = 0;  // that arrived in this run
+  std::uint64_t records = 0;  // received in this run
   std::uint64_t chunks = 0;
-  std::uint64_t bytes = 0;  // of those records as stored
+  std::uint64_t bytes = 0;  // the bytes of those records as stored
   double module_seconds = 0;
   std::uint64_t delivered = 0;       // in all runs
   std::uint64_t maybe_repeated = 0;  // records that a killed run may have written already
   LookTally tally;
-  std::string message;  // the last thing that needs a look
+  std::string message;  // the last finding
 };
 
-// Runs it. What needs a look is printed as it happens; the status is then kFinding without a message.
+// Runs it. Findings are printed at once; the status is then kFinding without a message.
 Status RunResumedFetch(Context& context, const ResumeOptions& options, WorkerThread& worker, ResumeResult& result);
 
 }  // namespace qx::ctl

@@ -21,7 +21,7 @@ constexpr double kBottom = 340;
 constexpr int kSteps = 5;
 constexpr std::size_t kPointPairsMax = 700;  // two points for each unit of width show every peak
 
-// Texts of foreign origin: markup is escaped, control bytes are made visible, and what is not UTF-8 is replaced.
+// For texts of others: markup is escaped, control bytes are made visible, and bytes that are not UTF-8 are replaced.
 std::string XmlText(const std::string& text) { return CMarkup::EscapeText(std::string_view(ValidUtf8(Visible(text)))); }
 
 std::string Coordinate(double value) {
@@ -62,7 +62,7 @@ std::string LineBetween(double x1, double y1, double x2, double y2, const char* 
          Coordinate(y2) + "\" stroke=\"" + color + "\"/>\n";
 }
 
-// The number at a step of the axis, counted from its nearer end and in halves, so that nothing grows too large.
+// The number at a step of the axis, counted from its nearer end and in halves, so that no number overflows.
 double StepValue(const Scale& scale, int step, int steps) {
   if (step <= steps / 2) return (scale.low / 2 + step * (scale.step / 2)) * 2;
   return (scale.high / 2 - (steps - step) * (scale.step / 2)) * 2;

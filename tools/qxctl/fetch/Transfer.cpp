@@ -38,17 +38,16 @@ void Transfer::CountChunk(const ReportReply& reply) {
   next_index_ = reply.next_index;
 }
 
-// The look behind the end goes first: asking for the first record starts a new transfer.
+// The request after the end comes first: a request for the first record starts a new transfer.
 Status Transfer::CheckEnd() {
   const bool stopped_early = RecordStandsBehindEnd();
   if (!FirstRecordIsTheSame()) {
     return {ExitCode::kChanged, "the ring advanced while report \"" + reader_.Report() +
-                                    "\" was read, so newer records may " +
-                                    "stand in the place of older ones; fetch it again"};
+                                    "\" was read, so newer records may " + "have replaced older ones; fetch it again"};
   }
   if (stopped_early) {
     return {ExitCode::kFinding, "record " + std::to_string(next_index_) +
-                                    " (counted from 0) has 1 MiB or more, which no chunk can carry; neither it nor " +
+                                    " (counted from 0) has 1 MiB or more, too large for a chunk; neither it nor " +
                                     "what follows it was transferred"};
   }
   return {};
@@ -60,7 +59,8 @@ bool Transfer::RecordStandsBehindEnd() {
   return Ask(next_index_ + 1, 1, reply).IsOk() && reply.kind == ReplyKind::kRecords;
 }
 
-// A record cut at a NUL comes without a line end, and what was kept then runs on into the next one: hence the prefix.
+// A record that is cut at a NUL has no line end, so that the kept text continues with the next record: therefore the
+// prefix.
 bool Transfer::FirstRecordIsTheSame() {
   if (count_.chunks == 0) return true;
   ReportReply reply;
