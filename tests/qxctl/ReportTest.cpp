@@ -98,7 +98,7 @@ TEST_F(QxctlReport, UnreadableTextIsAFindingAndEndsTheAppending) {
     MakeReport("r", 9, {});
     const Ran ran = Qxctl({"report", "append", "Reports/r", "good", bad, "never"});
     EXPECT_EQ(ran.code, 1);
-    EXPECT_THAT(ran.err, StartsWith("qxctl: text 2 holds a line feed, a NUL or a byte 0xFF"));
+    EXPECT_THAT(ran.err, StartsWith("qxctl: text 2 has a line feed, a NUL or a byte 0xFF"));
     EXPECT_EQ(Qxctl({"report", "cat", "Reports/r"}).out, "good\r\n");
     (void)unlink((ReportPath("r") + ".ind").c_str());
   }
@@ -107,7 +107,7 @@ TEST_F(QxctlReport, UnreadableTextIsAFindingAndEndsTheAppending) {
   MakeReport("s", 9, {});
   const Ran nul = Qxctl({"report", "append", "Reports/s", "-"}, std::string("x\ny\0z\nw\n", 8));
   EXPECT_EQ(nul.code, 1);
-  EXPECT_THAT(nul.err, StartsWith("qxctl: line 2 of standard input holds"));
+  EXPECT_THAT(nul.err, StartsWith("qxctl: line 2 of standard input has"));
   EXPECT_EQ(Qxctl({"report", "cat", "Reports/s"}).out, "x\r\n");
 }
 

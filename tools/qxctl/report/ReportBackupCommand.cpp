@@ -1,4 +1,4 @@
-// The whole report directory, copied away and put back.
+// Backs up and restores the whole report directory.
 #include "tools/qxctl/report/ReportBackupCommand.h"
 
 #include <algorithm>
@@ -114,7 +114,7 @@ const BackupItem* FindItem(const BackupResult& result, Predicate predicate) {
   return found != result.items.end() ? &*found : nullptr;
 }
 
-// The gravest of what happened to the items.
+// The status of the item with the worst outcome.
 Status StatusOfItems(const BackupResult& result) {
   const auto has = [&result](BackupItemState state) {
     return FindItem(result, [state](const BackupItem& item) { return item.state == state; });
@@ -134,7 +134,7 @@ Status StatusOfItems(const BackupResult& result) {
   });
   if (odd == nullptr) return {};
   if (odd->kind != BackupItemKind::kLink) return {ExitCode::kFinding, odd->name + " is " + NameOfKind(odd->kind)};
-  return {ExitCode::kFinding, odd->name + " is a symbolic link, which a backup leaves out: back up what it leads to"};
+  return {ExitCode::kFinding, odd->name + " is a symbolic link, which a backup leaves out: back up its target"};
 }
 
 Status StatusOf(const BackupResult& result, const std::string& from, const std::string& to) {
@@ -144,7 +144,7 @@ Status StatusOf(const BackupResult& result, const std::string& from, const std::
     case BackupState::kNotFound:
       return NoReportDirectory(from);
     case BackupState::kRefused:
-      return {ExitCode::kRefused, to + " exists and is not empty, or lies in the report directory"};
+      return {ExitCode::kRefused, to + " exists and is not empty, or is in the report directory"};
     case BackupState::kFailed:
       return Status::Io("there is no backup: " + result.file, result.error);
   }
@@ -222,7 +222,7 @@ Status RefusedLink(const RestoreResult& result, ExitCode code) {
       std::find_if(result.items.begin(), result.items.end(), [](const RestoreItem& item) { return item.is_link; });
   if (link == result.items.end()) return {};
   return {code, "nothing was changed: " + link->name +
-                    " is, or meets, a symbolic link; put the file or directory itself in its place"};
+                    " is, or is below, a symbolic link; replace the link by the file or directory"};
 }
 
 Status StatusOfPlan(const RestoreResult& result) {
@@ -230,7 +230,8 @@ Status StatusOfPlan(const RestoreResult& result) {
   const bool is_blocked = std::any_of(result.items.begin(), result.items.end(),
                                       [](const RestoreItem& item) { return item.is_damaged || item.is_being_written; });
   if (!is_blocked) return {ExitCode::kOk, "nothing was changed; --apply restores"};
-  return {ExitCode::kFinding, "nothing was changed; stop the writers, look at what is damaged, or use --apply --force"};
+  return {ExitCode::kFinding,
+          "nothing was changed; stop the writers, check the damaged reports, or use --apply --force"};
 }
 
 Status FailedRestore(const RestoreResult& result, bool apply) {
@@ -248,11 +249,11 @@ Status StatusOf(const RestoreResult& result, const Options& options, const std::
     case RestoreState::kNotFound:
       return {ExitCode::kNotFound, "there is no backup directory " + options.directory};
     case RestoreState::kRefused:
-      return {ExitCode::kRefused, options.directory + " and the report directory " + to + " lie in one another"};
+      return {ExitCode::kRefused, options.directory + " and the report directory " + to + " contain one another"};
     case RestoreState::kLinked:
       return RefusedLink(result, ExitCode::kRefused);
     case RestoreState::kBlocked:
-      return {ExitCode::kRefused, "nothing was changed; stop the writers, look at what is damaged, or use --force"};
+      return {ExitCode::kRefused, "nothing was changed; stop the writers, check the damaged reports, or use --force"};
     case RestoreState::kFailed:
       return FailedRestore(result, options.apply);
   }

@@ -1,4 +1,4 @@
-// Is a report sound, and what of a damaged one can be saved.
+// Checks whether a report is sound, and salvages a damaged one.
 #include "tools/qxctl/report/ReportCheckCommand.h"
 
 #include <algorithm>
@@ -43,16 +43,17 @@ std::string FileOf(const Finding& finding, const std::string& path) {
   return finding.file == report::StoreFile::kIndex ? report::IndexFileName(path) : report::DataFileName(path);
 }
 
-// The remarks that apply, in words.
+// The remarks that apply, as text.
 std::vector<std::string> RemarksOf(const StoreLook& look) {
   std::vector<std::string> remarks;
-  if (look.record_in_flight) remarks.emplace_back("a record is being written, or its writer died");
-  if (look.record_cut_short) remarks.emplace_back("the text of a record that was never counted stands at the end");
+  if (look.record_in_flight) remarks.emplace_back("a record is being written, or its writer was killed");
+  if (look.record_cut_short) remarks.emplace_back("the text of a record that was never counted is at the end");
   if (look.marker_cut_short) remarks.emplace_back("the end marker is cut short");
   if (look.count_wrapped) remarks.emplace_back("more than 4294967296 records were written");
   if (look.beyond_offsets) remarks.emplace_back("the data file is larger than 4 GiB: its records were not checked");
   if (look.overwritten_records != 0) {
-    remarks.push_back("newer, longer records stand over " + Counted(look.overwritten_records, "record", "records"));
+    remarks.push_back("newer, longer records have overwritten " +
+                      Counted(look.overwritten_records, "record", "records"));
   }
   if (look.cut_records != 0) {
     remarks.push_back(Counted(look.cut_records, "record holds", "records hold") +
@@ -119,7 +120,7 @@ Json ToJson(const StoreVerdict& verdict, const std::string& path, ExitCode code)
   return document;
 }
 
-// The first finding of each rule, and how many more there are of it: a damaged ring contradicts the same rule in every
+// The first finding of each rule, and the number of its further ones: a damaged ring contradicts the same rule in every
 // slot.
 std::string ToText(const std::vector<Finding>& findings, const std::string& path) {
   std::string text;
@@ -196,7 +197,7 @@ Status Verify(Context& context, const Values& values) {
 
 // --- salvage
 
-// A directory gets a store of the report's own name.
+// In a directory, the new store gets the name of the report.
 std::string TargetOf(const std::string& into, const std::string& path) {
   std::error_code error;
   return std::filesystem::is_directory(into, error) ? into + "/" + file::NameOf(path) : into;
@@ -207,14 +208,14 @@ Status StatusOf(const report::SalvageResult& result, const std::string& report) 
     case report::SalvageState::kDone:
       break;
     case report::SalvageState::kTargetExists:
-      return {ExitCode::kRefused, result.file + " exists already; a salvage never replaces anything"};
+      return {ExitCode::kRefused, result.file + " exists already; a salvage never replaces a file"};
     case report::SalvageState::kNotFound:
       return NoSuchReportNamed(report);
     case report::SalvageState::kFailed:
       return Status::Io("cannot salvage: " + result.file, result.error);
   }
   if (result.counts.is_cut_short) {
-    return {ExitCode::kFinding, "the files claim more than they can hold; not all that they claim was looked at"};
+    return {ExitCode::kFinding, "the files count more than they can have; not everything was checked"};
   }
   if (result.counts.lost == 0) return {};
   return {ExitCode::kFinding, Counted(result.counts.lost, "slot leads", "slots lead") + " to no record"};

@@ -42,20 +42,19 @@ Status Create(Context&, const Values& values) {
   CReportFileBase store;
   if (!store.Open(path.c_str(), static_cast<std::uint32_t>(values.Integer("--slots", 0))))
     return Status::Io("cannot create " + path, errno);
-  // The ring size reaches the file with the header, and without one the next writer would take its own default.
+  // The header stores the ring size in the file; without it the next writer would use its own default.
   if (store.writePositionsToFile() != 0) return Status::Io("cannot write " + report::IndexFileName(path), errno);
   return {};
 }
 
 // --- append
 
-// A reader ends a record at each of these bytes, so what stands behind one in a text could never be read again.
+// A reader ends a record at each of these bytes, so the text after one could never be read.
 Status CheckText(std::string_view text, const std::string& what) {
   constexpr std::string_view kEndOfRecord("\n\0\xFF", 3);
   if (text.find_first_of(kEndOfRecord) == std::string_view::npos) return {};
-  return {ExitCode::kFinding, what +
-                                  " holds a line feed, a NUL or a byte 0xFF, which end a record when it is read; it " +
-                                  "was not appended, and nothing behind it was"};
+  return {ExitCode::kFinding, what + " has a line feed, a NUL or a byte 0xFF, which end a record when it is read; it " +
+                                  "was not appended, and nothing after it was"};
 }
 
 Status AppendText(CReportFileBase& store, const std::string& text, const std::string& what) {
@@ -107,7 +106,7 @@ Status Append(Context& context, const Values& values) {
 
 // --- cat
 
-// The slots that the header counts, but no more than the index file holds: a damaged count must not keep us for hours.
+// The slots that the header counts, but no more than the index file has: a damaged count must not cost hours.
 std::uint32_t ReadableSlots(const IndexHeader& header, const std::string& path) {
   const std::int64_t bytes = FileSize(report::IndexFileName(path)).value_or(0);
   const std::int64_t slots_in_file = std::max<std::int64_t>(bytes - report::SlotOffset(0), 0) / 4;
@@ -161,7 +160,7 @@ struct StoreInfo {
   std::int64_t data_bytes;
 };
 
-// "unwritten": an agent has created the store and not yet appended; the ring size is not in the file yet.
+// "unwritten": an agent has created the store but not appended to it; the ring size is not in the file yet.
 const char* RingState(const StoreInfo& info) {
   const IndexHeader& header = info.header;
   if (info.index_bytes < report::SlotOffset(0)) return "unwritten";
@@ -172,7 +171,7 @@ const char* RingState(const StoreInfo& info) {
   return header.highestIndex < header.maxRecord ? "filling" : "full";
 }
 
-// How many records go behind the others before the data file starts over; unset: never.
+// The number of records that can be appended before the data file starts over; unset: never.
 std::optional<std::uint32_t> RecordsUntilRestart(const IndexHeader& header) {
   const std::uint32_t period = report::RecordsPerRound(header);
   if (period == 0) return std::nullopt;
