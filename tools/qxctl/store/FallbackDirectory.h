@@ -1,5 +1,5 @@
-// The report directory that nobody named: without one in the registry, reports are looked for in the directory
-// "Reports" of the working directory.
+// The fallback of the report directory: if the registry names none, reports are in the directory "Reports" of the
+// working directory.
 #pragma once
 
 #include "tools/qxctl/cli/Status.h"
@@ -7,7 +7,7 @@
 namespace qx::ctl {
 
 // kRefused if this process is root, the registry names no report directory, and root does not own "./Reports": whoever
-// made it would choose what root reads and writes. A missing directory passes.
+// made it would choose what root reads and writes. A missing directory is accepted.
 //
 // Threads: the only thread; the working directory changes for a moment.
 Status CheckFallbackDirectory();

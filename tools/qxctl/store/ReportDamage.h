@@ -1,5 +1,5 @@
-// A damaged report reads like a sound one, only with the wrong records. Commands that read or extend a report check its
-// header first.
+// A damaged report can be read like a sound one, but its records are wrong. Commands that read or extend a report check
+// its header first.
 #pragma once
 
 #include <string>

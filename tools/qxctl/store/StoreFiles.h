@@ -1,4 +1,4 @@
-// The two files of a report: may a command open them?
+// Checks whether a command may open the two files of a report.
 //
 // A store is opened for writing only if both files exist and may be written: the store itself would start over and
 // empty the remaining one. Two writers overwrite each other's records, so a report that has a writer is refused.
@@ -21,7 +21,7 @@ namespace qx::ctl {
 // (R_OK, R_OK | W_OK).
 [[nodiscard]] Status CheckStoreFiles(const std::string& base_path, int access_mode);
 
-// Opens an existing report to read.
+// Opens an existing report for reading.
 [[nodiscard]] Status OpenStoreForReading(const std::string& base_path, CReportFileBase& store);
 
 // kRefused if `lock`, taken for the report at `base_path`, is held by another writer.

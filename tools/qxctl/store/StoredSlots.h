@@ -1,5 +1,5 @@
-// Which slots of an index file are stored. A sparse file of 4 KiB can count billions of slots that are a hole; a writer
-// never leaves a hole, because no two of its records begin at offset 0.
+// Finds the slots of an index file that are stored. In a sparse file of 4 KiB, billions of slots can be a hole; a
+// writer never leaves a hole, because no two of its records begin at offset 0.
 #pragma once
 
 #include <cstdint>
