@@ -106,7 +106,7 @@ TEST_F(QxctlDoctor, FindingHasItsFixAndCodeOne) {
   EXPECT_THAT(ran.out, HasSubstr("QX304 warning reports  " + Dir().File("Reports/half.ind") + " is there, " +
                                  Dir().File("Reports/half.dat") +
                                  " is not. Put the missing file back from a backup, or remove the other one\n"));
-  EXPECT_EQ(ran.err, "qxctl: 1 finding needs a look\n");
+  EXPECT_EQ(ran.err, "qxctl: 1 finding needs attention\n");
 }
 
 TEST_F(QxctlDoctor, Qx101TheModuleIsMissing) {
@@ -121,7 +121,7 @@ TEST_F(QxctlDoctor, Qx102TheModuleDoesNotLoad) {
 
 TEST_F(QxctlDoctor, Qx103TheModuleIsForAnotherMachine) {
   WriteFile(Dir().File("text.so"), "not a library");
-  EXPECT_THAT(Found({"--module", "text.so"}), Has("QX103 error " + Dir().File("text.so") + ": it is no ELF file"));
+  EXPECT_THAT(Found({"--module", "text.so"}), Has("QX103 error " + Dir().File("text.so") + ": it is not an ELF file"));
   std::string other = ReadFile(ModulePath()).substr(0, 4096);
   other[4] = 1;
   WriteFile(Dir().File("small.so"), other);
@@ -225,7 +225,7 @@ TEST_F(QxctlDoctor, Qx305ADamagedHeader) {
   const std::string good = ReadFile(Dir().File("Reports/load.ind"));
   const std::map<std::size_t, std::string> damages = {{12, "its ring has no slots"},
                                                       {16, "more slots are in use than its ring has"},
-                                                      {20, "its oldest record stands in no slot"}};
+                                                      {20, "its oldest record is in no slot"}};
   for (const auto& [offset, told] : damages) {
     std::string bad = good;
     bad.replace(offset, 4, offset == 12 ? std::string(4, '\0') : std::string("\x09\0\0\0", 4));
@@ -269,7 +269,7 @@ TEST_F(QxctlDoctor, Qx404TheTraceDirectoryIsAFile) {
   WriteFile(Dir().File("file"), "");
   Start start = Machine();
   start.environment["QX_LOG_RINGBUF_DIR"] = Dir().File("file");
-  EXPECT_THAT(FoundWith(start), Has("QX404 warning " + Dir().File("file") + " is no directory"));
+  EXPECT_THAT(FoundWith(start), Has("QX404 warning " + Dir().File("file") + " is not a directory"));
 }
 
 TEST_F(QxctlDoctor, Qx405And406ProcessesThatHaveATraceFileOpen) {
@@ -302,7 +302,7 @@ TEST_F(QxctlDoctor, Qx407AnIncompleteSettingsFile) {
 TEST_F(QxctlDoctor, Qx408ProcessesThatCannotBeSeen) {
   fs::create_directory(Dir().File("proc/300"));
   Link("fd", "proc/300/fd");  // points to itself, which fails for root too
-  EXPECT_THAT(Found(), Has("QX408 info 1 processes could not be looked at"));
+  EXPECT_THAT(Found(), Has("QX408 info 1 processes could not be checked"));
 }
 
 TEST_F(QxctlDoctor, Qx409OthersMayWriteTheTraceDirectory) {

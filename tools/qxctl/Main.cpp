@@ -150,7 +150,7 @@ ExitCode Qxctl(int argc, char** argv) {
 // NOLINTNEXTLINE(bugprone-exception-escape): when memory runs out, ending here is all that is left to do.
 int main(int argc, char** argv) {
   HoldStandardDescriptors();
-  (void)std::signal(SIGPIPE, SIG_IGN);  // a reader that went away shows as a failed write, so that we can tidy up
+  (void)std::signal(SIGPIPE, SIG_IGN);  // a reader that ended shows as a failed write, so that we can tidy up
   const ExitCode code = Qxctl(argc, argv);
   qx::ctl::DieOfInterrupt();  // everything temporary is gone by now
   return static_cast<int>(code);

@@ -32,7 +32,7 @@ const char* SectionOf(std::string_view code) {
   return kSections[static_cast<std::size_t>(code[kDigit] - '1')];
 }
 
-void LookAtLimits(DoctorFindings& findings) {
+void CheckLimits(DoctorFindings& findings) {
   constexpr rlim_t kFilesWanted = 256;
   const std::size_t before = findings.size();
   rlimit files{};

@@ -1,4 +1,4 @@
-// Looks at everything that must be right for the module to serve, and changes nothing.
+// Checks everything that the module needs to serve, and changes nothing.
 #pragma once
 
 #include <string>
@@ -18,16 +18,17 @@ struct DoctorFinding {
   std::string fact;
 };
 
-// By its code. [any thread]
+// By the code of a finding. [any thread]
 [[nodiscard]] Severity SeverityOf(std::string_view code);
 // "module", "registry", "reports", "traces", "limits"
 [[nodiscard]] const char* SectionOf(std::string_view code);
 
-// Where it looks; all but the module's may be pointed elsewhere, for a copy of another machine's files and for tests.
+// The checked directories and files; all except the module can be replaced, for a copy of another machine's files and
+// for tests.
 struct DoctorPlaces {
   std::string module;
   std::string registry_directory = registry::kSystemDirectory;
-  std::string report_directory;  // empty: the one that the registry gives
+  std::string report_directory;  // empty: that of the registry
   std::string trace_settings_directory = debug::kTraceConfigDirectory;
   std::string process_directory = "/proc";
   std::string application = "QXRemConXfer";
@@ -35,12 +36,12 @@ struct DoctorPlaces {
 
 using DoctorFindings = std::vector<DoctorFinding>;
 
-// Each adds what it finds, or a line that all is well. The traces come first: looking at the module points them
-// elsewhere, in the environment.
-void LookAtTraces(const DoctorPlaces& places, DoctorFindings& findings);
-void LookAtModule(const DoctorPlaces& places, DoctorFindings& findings);
-void LookAtRegistry(const DoctorPlaces& places, DoctorFindings& findings);
-void LookAtReports(const DoctorPlaces& places, DoctorFindings& findings);
-void LookAtLimits(DoctorFindings& findings);
+// Each adds its findings, or a line that all is well. The traces are first: the check of the module changes the trace
+// directory in the environment.
+void CheckTraces(const DoctorPlaces& places, DoctorFindings& findings);
+void CheckModule(const DoctorPlaces& places, DoctorFindings& findings);
+void CheckRegistry(const DoctorPlaces& places, DoctorFindings& findings);
+void CheckReports(const DoctorPlaces& places, DoctorFindings& findings);
+void CheckLimits(DoctorFindings& findings);
 
 }  // namespace qx::ctl

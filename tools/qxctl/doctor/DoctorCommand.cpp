@@ -1,4 +1,4 @@
-// One line for each thing that is or might be wrong, with what to do.
+// Prints a line for each problem or possible problem, with the action to take.
 #include "tools/qxctl/doctor/DoctorCommand.h"
 
 #include <algorithm>
@@ -85,12 +85,12 @@ DoctorPlaces PlacesOf(const Values& values) {
 Status Doctor(Context& context, const Values& values) {
   const DoctorPlaces places = PlacesOf(values);
   DoctorFindings findings;
-  LookAtTraces(places, findings);
-  LookAtReports(places, findings);
-  LookAtRegistry(places, findings);
-  LookAtLimits(findings);
+  CheckTraces(places, findings);
+  CheckReports(places, findings);
+  CheckRegistry(places, findings);
+  CheckLimits(findings);
   if (Status status = context.traces.ProtectService(); !status.IsOk()) return status;
-  LookAtModule(places, findings);
+  CheckModule(places, findings);
   std::stable_sort(findings.begin(), findings.end(),
                    [](const DoctorFinding& a, const DoctorFinding& b) { return a.code < b.code; });
   const Status status = StatusOf(findings);

@@ -1,4 +1,4 @@
-// The module: there, of this machine, complete, and safe from others.
+// The module: installed, built for this machine, complete, and protected from other users.
 #include <dlfcn.h>
 #include <elf.h>
 #include <unistd.h>
@@ -30,11 +30,11 @@ ElfHead HeadOf(const std::string& path) {
   return head;
 }
 
-// Empty when the file is a library that this machine could load.
+// Empty if the file is a library that this machine could load.
 std::string WrongKind(const std::string& path) {
   const ElfHead head = HeadOf(path);
   const ElfHead own = HeadOf("/proc/self/exe");
-  if (std::string_view(reinterpret_cast<const char*>(head.ident), SELFMAG) != ELFMAG) return "it is no ELF file";
+  if (std::string_view(reinterpret_cast<const char*>(head.ident), SELFMAG) != ELFMAG) return "it is not an ELF file";
   if (head.ident[EI_CLASS] != own.ident[EI_CLASS]) {
     return head.ident[EI_CLASS] == ELFCLASS32 ? "it is built for 32 bits" : "it is built for 64 bits";
   }
@@ -71,7 +71,7 @@ std::string Load(const std::string& path) {
   return told;
 }
 
-void LookAtLoading(const std::string& path, DoctorFindings& findings) {
+void CheckLoading(const std::string& path, DoctorFindings& findings) {
   constexpr std::size_t kCodeChars = 6;
   const ChildOutcome child = RunInChild(kLoadSeconds, [&] { return Load(path); });
   if (!child.trouble.empty()) {
@@ -87,7 +87,7 @@ void LookAtLoading(const std::string& path, DoctorFindings& findings) {
 
 }  // namespace
 
-void LookAtModule(const DoctorPlaces& places, DoctorFindings& findings) {
+void CheckModule(const DoctorPlaces& places, DoctorFindings& findings) {
   std::error_code error;
   const std::string path = std::filesystem::absolute(places.module, error).string();
   if (path != kInstalledModule) {
@@ -103,7 +103,7 @@ void LookAtModule(const DoctorPlaces& places, DoctorFindings& findings) {
   if (const std::string wrong = WrongKind(path); !wrong.empty()) {
     findings.push_back({"QX103", path + ": " + wrong});
   } else {
-    LookAtLoading(path, findings);
+    CheckLoading(path, findings);
   }
 }
 

@@ -1,4 +1,4 @@
-// The registry: which of its files counts, and whether it is safe and whole.
+// The registry: which of its files is used, and whether it is protected and whole.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,8 +25,8 @@ bool HasHive(CRegistryNode& root) {
   return false;
 }
 
-// Whether there is a file at `path`; what is wrong with it as a file becomes a finding.
-bool LookAtFile(const std::string& path, DoctorFindings& findings) {
+// Whether there is a file at `path`; adds findings about the file itself.
+bool CheckFile(const std::string& path, DoctorFindings& findings) {
   struct stat found;
   if (lstat(path.c_str(), &found) != 0) return false;
   if (S_ISLNK(found.st_mode)) findings.push_back({"QX205", path + " is a symbolic link"});
@@ -42,24 +42,24 @@ bool LookAtFile(const std::string& path, DoctorFindings& findings) {
   return true;
 }
 
-void LookAtTree(const std::string& path, bool is_first, CRegistryNode& tree, DoctorFindings& findings) {
+void CheckTree(const std::string& path, bool is_first, CRegistryNode& tree, DoctorFindings& findings) {
   if (!is_first) findings.push_back({"QX202", "the registry comes from " + path});
   if (!HasHive(tree)) findings.push_back({"QX207", path + " has no hive " + kLocalMachine});
 }
 
 }  // namespace
 
-void LookAtRegistry(const DoctorPlaces& places, DoctorFindings& findings) {
+void CheckRegistry(const DoctorPlaces& places, DoctorFindings& findings) {
   const std::size_t before = findings.size();
   bool has_file = false;
   std::string source;
   for (const char* const name : {"registry", "registry.old", "registry.default"}) {
     const std::string path = places.registry_directory + "/" + name;
-    has_file |= LookAtFile(path, findings);
+    has_file |= CheckFile(path, findings);
     CRegistryNode tree;
     if (!source.empty() || !CRegistry::ReadTree(path.c_str(), tree)) continue;
     source = path;
-    LookAtTree(path, std::strcmp(name, "registry") == 0, tree, findings);
+    CheckTree(path, std::strcmp(name, "registry") == 0, tree, findings);
   }
   const std::string unread = places.registry_directory + "/registry.unread";
   if (access(unread.c_str(), F_OK) == 0) findings.push_back({"QX208", "there is a " + unread});

@@ -1,4 +1,4 @@
-// The report directory: where it is, who may write there, and whether its reports are whole.
+// The report directory: its path, who may write there, and whether its reports are whole.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,7 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string AskForDirectory(const DoctorPlaces& places) {
+std::string DirectoryFromRegistry(const DoctorPlaces& places) {
   registry::StartAfresh(places.registry_directory.c_str());
   std::string directory;
   CServerControlPaths::GetServerControlReportPath(directory);
@@ -28,23 +28,23 @@ std::string AskForDirectory(const DoctorPlaces& places) {
   return directory;
 }
 
-// The same, asked in another working directory: only the default differs then.
-std::string AskElsewhere(const DoctorPlaces& places) {
+// The same in another working directory: only the default differs then.
+std::string DirectoryFromElsewhere(const DoctorPlaces& places) {
   std::error_code error;
   const fs::path here = fs::current_path(error);
   DoctorPlaces same = places;
   same.registry_directory = fs::absolute(places.registry_directory, error).string();
   fs::current_path("/", error);
-  std::string directory = AskForDirectory(same);
-  fs::current_path(here, error);  // what follows may name files relative to it
+  std::string directory = DirectoryFromRegistry(same);
+  fs::current_path(here, error);  // later checks may use paths relative to it
   return directory;
 }
 
-// The directory as the module would find it here and now.
+// The directory that the module would use here and now.
 std::string DirectoryOf(const DoctorPlaces& places, DoctorFindings& findings) {
   if (!places.report_directory.empty()) return places.report_directory;
-  std::string directory = AskForDirectory(places);
-  if (directory != AskElsewhere(places)) {
+  std::string directory = DirectoryFromRegistry(places);
+  if (directory != DirectoryFromElsewhere(places)) {
     findings.push_back({"QX302", "no value of the registry names the report directory; here it would be " + directory});
   }
   return directory;
@@ -62,14 +62,14 @@ std::string DamageOf(const std::string& base) {
   const auto bytes = static_cast<std::int64_t>(fs::file_size(path, error));
   if (header.maxRecord == 0) return "its ring has no slots";
   if (header.highestIndex > header.maxRecord) return "more slots are in use than its ring has";
-  if (header.oldestIndex >= header.maxRecord) return "its oldest record stands in no slot";
+  if (header.oldestIndex >= header.maxRecord) return "its oldest record is in no slot";
   if (!error && header.highestIndex > 0 && report::SlotOffset(header.highestIndex) > bytes) {
     return "its index file is too short for its records";
   }
   return "";
 }
 
-void LookAtReport(const std::string& base, DoctorFindings& findings) {
+void CheckReport(const std::string& base, DoctorFindings& findings) {
   const std::string index = report::IndexFileName(base);
   const std::string data = report::DataFileName(base);
   const bool has_index = access(index.c_str(), F_OK) == 0;
@@ -105,7 +105,7 @@ std::set<std::string> ReportsIn(const std::string& directory, std::error_code& e
 
 }  // namespace
 
-void LookAtReports(const DoctorPlaces& places, DoctorFindings& findings) {
+void CheckReports(const DoctorPlaces& places, DoctorFindings& findings) {
   const std::size_t before = findings.size();
   const std::string directory = DirectoryOf(places, findings);
   if (!directory.starts_with('/')) findings.push_back({"QX307", "the report directory is \"" + directory + "\""});
@@ -122,7 +122,7 @@ void LookAtReports(const DoctorPlaces& places, DoctorFindings& findings) {
   if (const std::string open = WritableByOthers(directory); !open.empty()) {
     findings.push_back({"QX306", open + " can be written by everybody"});
   }
-  for (const std::string& report : reports) LookAtReport(report, findings);
+  for (const std::string& report : reports) CheckReport(report, findings);
   if (findings.size() == before) {
     findings.push_back({"QX300", directory + " holds " + std::to_string(reports.size()) + " reports"});
   }

@@ -1,4 +1,4 @@
-// The traces: where each setting comes from, whether they can be written, and who writes them.
+// The traces: the source of each setting, whether they can be written, and which processes write them.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,7 +32,7 @@ bool IsDecimal(const char* text) {
 }
 
 // The traces' directory; each setting that is not at its default is a finding.
-std::string LookAtSettings(const DoctorPlaces& places, DoctorFindings& findings) {
+std::string CheckSettings(const DoctorPlaces& places, DoctorFindings& findings) {
   std::string directory;
   for (const SettingSource& source : debug::ReadSettingSources(places.application, places.trace_settings_directory)) {
     if (source.setting == "trace directory") directory = source.value;
@@ -45,7 +45,7 @@ std::string LookAtSettings(const DoctorPlaces& places, DoctorFindings& findings)
   return directory;
 }
 
-void LookAtVariables(DoctorFindings& findings) {
+void CheckVariables(DoctorFindings& findings) {
   if (std::getenv("QX_LOG_FILE_DIR") != nullptr) findings.push_back({"QX402", "QX_LOG_FILE_DIR is set"});
   for (const char* const name : {"QX_LOG_DEBUG_LEVEL", "QX_LOG_DYNAMIC_UPDATE", "QX_LOG_FILE_MAX_SIZE",
                                  "QX_LOG_NOHDR_TOSDTERR", "QX_LOG_RINGBUF_WEIGHT", "TraceFileLimit"}) {
@@ -67,8 +67,8 @@ bool IsComplete(const fs::path& path) {
   return strcasecmp(name.c_str(), "EndOfFile") == 0;
 }
 
-void LookAtSettingsFiles(const DoctorPlaces& places, DoctorFindings& findings) {
-  std::error_code ignored;  // without the directory there is nothing to see
+void CheckSettingsFiles(const DoctorPlaces& places, DoctorFindings& findings) {
+  std::error_code ignored;  // without the directory there is nothing to check
   std::set<fs::path> files;
   for (fs::directory_iterator at(places.trace_settings_directory, ignored), end; !ignored && at != end;
        at.increment(ignored)) {
@@ -79,15 +79,15 @@ void LookAtSettingsFiles(const DoctorPlaces& places, DoctorFindings& findings) {
   }
 }
 
-// False when no file can be written there.
-bool LookAtDirectory(const std::string& directory, DoctorFindings& findings) {
+// False if no file can be written there.
+bool CheckDirectory(const std::string& directory, DoctorFindings& findings) {
   struct stat found;
   if (stat(directory.c_str(), &found) != 0) {
     findings.push_back({"QX403", "there is no " + directory});
     return false;
   }
   if (!S_ISDIR(found.st_mode)) {
-    findings.push_back({"QX404", directory + " is no directory"});
+    findings.push_back({"QX404", directory + " is not a directory"});
     return false;
   }
   const bool is_writable = access(directory.c_str(), W_OK | X_OK) == 0;
@@ -123,7 +123,7 @@ class OpenFiles {
   void LookAt(const fs::path& descriptors, const std::string& process) {
     std::error_code error;
     fs::directory_iterator at(descriptors, error);
-    if (error && error != std::errc::no_such_file_or_directory) ++unseen_;  // a process that has ended does not count
+    if (error && error != std::errc::no_such_file_or_directory) ++unseen_;  // an ended process does not count
     for (const fs::directory_iterator end; !error && at != end; at.increment(error)) {
       std::error_code gone;
       const std::string target = fs::read_symlink(at->path(), gone).string();
@@ -136,7 +136,7 @@ class OpenFiles {
   std::size_t unseen_ = 0;
 };
 
-void LookAtWriters(const DoctorPlaces& places, const std::string& directory, DoctorFindings& findings) {
+void CheckWriters(const DoctorPlaces& places, const std::string& directory, DoctorFindings& findings) {
   OpenFiles files(directory);
   files.LookAtAll(places.process_directory);
   for (const auto& [file, processes] : files.Processes()) {
@@ -147,18 +147,18 @@ void LookAtWriters(const DoctorPlaces& places, const std::string& directory, Doc
     findings.push_back({processes.size() > 1 ? "QX405" : "QX406", std::move(text)});
   }
   if (files.Unseen() > 0) {
-    findings.push_back({"QX408", std::to_string(files.Unseen()) + " processes could not be looked at"});
+    findings.push_back({"QX408", std::to_string(files.Unseen()) + " processes could not be checked"});
   }
 }
 
 }  // namespace
 
-void LookAtTraces(const DoctorPlaces& places, DoctorFindings& findings) {
-  const std::string directory = LookAtSettings(places, findings);
+void CheckTraces(const DoctorPlaces& places, DoctorFindings& findings) {
+  const std::string directory = CheckSettings(places, findings);
   const std::size_t before = findings.size();
-  LookAtVariables(findings);
-  LookAtSettingsFiles(places, findings);
-  if (LookAtDirectory(directory, findings)) LookAtWriters(places, directory, findings);
+  CheckVariables(findings);
+  CheckSettingsFiles(places, findings);
+  if (CheckDirectory(directory, findings)) CheckWriters(places, directory, findings);
   const auto is_bad = [](const DoctorFinding& finding) { return SeverityOf(finding.code) == Severity::kWarning; };
   if (std::none_of(findings.begin() + static_cast<std::ptrdiff_t>(before), findings.end(), is_bad)) {
     findings.push_back({"QX400", "traces can be written into " + directory});

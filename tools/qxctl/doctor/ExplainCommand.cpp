@@ -1,4 +1,4 @@
-// What a code or a trace line means, why it comes and what to do.
+// The meaning of a code or a trace line, its cause and the action to take.
 #include "tools/qxctl/doctor/ExplainCommand.h"
 
 #include <memory>

@@ -1,5 +1,5 @@
-// What codes and trace texts mean, why they come and what to do: one table for `qxctl explain`, `qxctl doctor` and
-// docs/troubleshooting.md.
+// The meaning of codes and trace texts, their causes and the actions to take: one table for `qxctl explain`, `qxctl
+// doctor` and docs/troubleshooting.md.
 #pragma once
 
 #include <span>
@@ -9,7 +9,7 @@
 namespace qx::ctl {
 
 enum class ExplainedKind {
-  kResult,       // what a request function returns
+  kResult,       // the result of a request function
   kErrorNumber,  // "LastError" of a reply, or a system error number in a trace line
   kExitCode,     // of qxctl
   kFinding,      // of qxctl doctor
@@ -31,8 +31,8 @@ struct Explanation {
 // Each kind together, in the order of codes. [any thread]
 [[nodiscard]] std::span<const Explanation> AllExplanations();
 
-// What `text` is: a code, the name or the hexadecimal form of an error number, a whole line that contains a trace text
-// or a message with any values, or part of such a text. Empty if it is not known. Of several texts in one line, a trace
+// Finds `text`: a code, the name or the hexadecimal form of an error number, a whole line that contains a trace text or
+// a message with any values, or part of such a text. Empty if it is not known. Of several texts in one line, a trace
 // text counts before a message, and the one with the longest fixed part before others.
 //   "12"                                         => the result code 12 and the error number 12
 //   "ENOENT"                                     => the error number 2
@@ -40,7 +40,7 @@ struct Explanation {
 //   "... ## ERROR! Could not read data file ..." => that trace text
 [[nodiscard]] std::vector<const Explanation*> Explain(std::string_view text);
 
-// The explanation of a code of qxctl doctor, which must be one. [any thread]
+// The explanation of `code`, which must be a code of qxctl doctor. [any thread]
 [[nodiscard]] const Explanation& ExplainFinding(std::string_view code);
 
 }  // namespace qx::ctl

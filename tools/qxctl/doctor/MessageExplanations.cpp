@@ -24,7 +24,7 @@ constexpr Explanation kMessages[] = {
      "The request document has another root element than the function expects",
      "A document for another function, or a document that is not well formed", "Correct the client's request"},
     {ExplainedKind::kMessage, "RequestParams structure do not contain a valid krx_gendata structure: %s",
-     "The block of the request has another tag than \"KRX\"; the text ends with the tag that came",
+     "The block of the request has another tag than \"KRX\"; the text ends with the received tag",
      "A caller that does not fill the block", "Correct the caller; `qxctl module record` keeps such a call as a file"},
     {ExplainedKind::kMessage, "krx_gendata structure does not have elements", "The block of the request is empty",
      "A caller that does not fill the block", "Correct the caller; `qxctl module record` keeps such a call as a file"},
