@@ -175,7 +175,7 @@ class CDebug : public CDebugTraceConfig {
   void WriteLongEntry(const Entry& entry, const char* format, std::va_list args) __attribute__((format(printf, 3, 0)));
   Entry TruncatedEntry(const Entry& entry, std::string_view why) noexcept;
   void PutIntoRing(const Entry& entry);
-  void PutBehindWrap(Entry entry);
+  void PutAfterWrap(Entry entry);
   bool WrapRing(std::size_t entry_size);
   void GiveUpRing(const Entry& entry);
   void MarkRingInitEnd();

@@ -133,13 +133,13 @@ void CDebug::PutIntoRing(const Entry& entry) {
   if (ring_.Fits(entry.text.size())) {
     ring_.Write(entry.text);
   } else {
-    PutBehindWrap(entry);
+    PutAfterWrap(entry);
   }
 }
 
 // A line of the header block that a cycle begins with is dropped if the ring is too small for the block: it never
 // wraps by itself.
-void CDebug::PutBehindWrap(Entry entry) {
+void CDebug::PutAfterWrap(Entry entry) {
   if (ring_.IsWrapping()) return;
   char kept[kEntryBytesMax];  // the header block is formatted where the entry is
   if (entry.text.data() == entry_) entry.text = {kept, entry.text.copy(kept, sizeof kept)};

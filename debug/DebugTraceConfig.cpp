@@ -16,7 +16,7 @@ using qx::debug::kUnset;
 
 namespace {
 
-constexpr std::size_t kZeroBytesBehindText = 16;
+constexpr std::size_t kZeroBytesAfterText = 16;
 
 bool IsLater(const timespec& a, const timespec& b) {
   return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
@@ -97,7 +97,7 @@ bool CDebugTraceConfigFile::FillFrom(int descriptor) noexcept {
 }
 
 bool CDebugTraceConfigFile::TakeBuffer(std::size_t size) noexcept {
-  text_ = static_cast<char*>(std::calloc(size + kZeroBytesBehindText, 1));
+  text_ = static_cast<char*>(std::calloc(size + kZeroBytesAfterText, 1));
   if (text_ == nullptr) return false;
   file_size_ = size;
   return true;

@@ -31,7 +31,7 @@ class FieldWriter {
   FieldWriter(char* buffer, std::size_t chars_max) noexcept : begin_(buffer), at_(buffer), end_(buffer + chars_max) {}
 
   void Put(std::string_view text) noexcept {
-    const std::size_t length = std::min(text.size(), Room());
+    const std::size_t length = std::min(text.size(), Space());
     std::memcpy(at_, text.data(), length);
     at_ += length;
   }
@@ -40,7 +40,7 @@ class FieldWriter {
   void PutPadded(std::string_view text, std::size_t width) noexcept {
     Put(text);
     if (text.size() >= width) return;
-    const std::size_t blanks = std::min(width - text.size(), Room());
+    const std::size_t blanks = std::min(width - text.size(), Space());
     std::memset(at_, ' ', blanks);
     at_ += blanks;
   }
@@ -59,7 +59,7 @@ class FieldWriter {
   }
 
  private:
-  std::size_t Room() const noexcept { return static_cast<std::size_t>(end_ - at_); }
+  std::size_t Space() const noexcept { return static_cast<std::size_t>(end_ - at_); }
 
   char* const begin_;
   char* at_;

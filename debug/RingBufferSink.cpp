@@ -19,7 +19,7 @@ namespace qx::debug {
 namespace {
 
 constexpr mode_t kRingFileMode = 0700;  // less the umask
-constexpr std::size_t kRoomToKeepInit = 0x100000;
+constexpr std::size_t kSpaceToKeepInit = 0x100000;
 constexpr std::size_t kGapBytes = 2048;
 constexpr std::size_t kAtomicBytes = 16;
 static_assert(kRingTerminator.size() == kAtomicBytes && kRingNumberDigits == kAtomicBytes);
@@ -271,6 +271,6 @@ void RingBufferSink::LeaveGap() noexcept {
   position_ = std::min<std::size_t>(behind, size_);
 }
 
-bool RingBufferSink::CanKeepInit() const noexcept { return !has_wrapped_ && size_ - position_ > kRoomToKeepInit; }
+bool RingBufferSink::CanKeepInit() const noexcept { return !has_wrapped_ && size_ - position_ > kSpaceToKeepInit; }
 
 }  // namespace qx::debug

@@ -37,9 +37,9 @@ file::Progress ReadWithRetries(int number, char* to, std::size_t size) {
 }
 
 // The path of another name in the directory of `path`.
-class Beside {
+class NextTo {
  public:
-  Beside(const char* path, const char* name) {
+  NextTo(const char* path, const char* name) {
     const char* slash = std::strrchr(path, '/');
     const int directory_chars = slash != nullptr ? static_cast<int>(slash - path) + 1 : 0;
     (void)std::snprintf(path_, sizeof path_, "%.*s%s", directory_chars, path, name);  // too long: no such file then
@@ -99,14 +99,14 @@ ByteSource BytesOf(const file::Descriptor& file) {
 }
 
 void KeepUnread(const char* path) {
-  const Beside kept(path, "registry.unread");
+  const NextTo kept(path, "registry.unread");
   if (link(path, kept.Path()) == 0) return;
   // A file system without hard links: the name moves instead, and like a link it never replaces.
   (void)file::RenameWithoutReplacing(path, kept.Path());
 }
 
 void SyncDirectoryOf(const char* path) {
-  (void)file::SyncDirectory(Beside(path, ".").Path());  // the names are in place; only a crash now could undo them
+  (void)file::SyncDirectory(NextTo(path, ".").Path());  // the names are in place; only a crash now could undo them
 }
 
 }  // namespace qx::registry

@@ -184,10 +184,10 @@ long CRegistry::EnumVal(char* name, unsigned* name_len, unsigned index, unsigned
                         unsigned* data_len) {
   if (current_key_ == nullptr || name == nullptr || name_len == nullptr) return EINVAL;
   const LockScope lock(current_key_->Lock());  // held while the data is read, so that it belongs to the name
-  const auto is_wanted = [type](const StrMapEntry& entry) {
+  const auto is_requested = [type](const StrMapEntry& entry) {
     return type == kAllTypes ? !qx::registry::IsSubkeyEntry(entry) : static_cast<unsigned>(entry.value.type) == type;
   };
-  const StrMapEntry* entry = qx::registry::NthEntry(*current_key_, index, is_wanted);
+  const StrMapEntry* entry = qx::registry::NthEntry(*current_key_, index, is_requested);
   if (entry == nullptr) return ENODATA;
   qx::registry::CopyName(entry->name, name, *name_len);
   if (data_len != nullptr) CopyEnumeratedData(*entry, data, *data_len);

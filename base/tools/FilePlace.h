@@ -64,7 +64,7 @@ struct FilePlace {
 
   // The path of a name next to this one, for messages.
   //   "out/load.csv", ".edit" => "out/load.csv.edit"
-  [[nodiscard]] std::string Beside(const std::string& suffix) const { return path + suffix; }
+  [[nodiscard]] std::string NextTo(const std::string& suffix) const { return path + suffix; }
 };
 
 // True for root and the process's effective user. [any thread]

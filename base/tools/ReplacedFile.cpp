@@ -155,7 +155,7 @@ ReplaceResult ReplacedFile::Begin(const std::string& path, Options options) {
   if (!found.IsDone()) return found;
   if (ReplaceResult checked = CheckDirectory(); !checked.IsDone()) return checked;
   if (ReplaceResult checked = CheckTarget(); !checked.IsDone()) return checked;
-  if (!options.only_look) {
+  if (!options.read_only) {
     if (ReplaceResult made = options.is_edit ? LockCopy() : CreateCopy(); !made.IsDone()) return made;
   }
   return options.is_edit ? ReadImage() : ReplaceResult();
@@ -281,7 +281,7 @@ ReplaceResult ReplacedFile::WriteBackup() {
       CreateNext(place_, backup_suffix_, [&time](int attempt) { return BackupSuffix(time, attempt); });
   const int open_error = errno;
   if (!backup.IsOpen()) return Failed(file::DirectoryOf(place_.path), open_error);
-  backup_path_ = place_.Beside(backup_suffix_);
+  backup_path_ = place_.NextTo(backup_suffix_);
   int error = FillBackup(backup, image_);
   if (error == 0) error = file::SyncDirectory(".", place_.directory.Number());
   return FailedUnlessDone(backup_path_, error);

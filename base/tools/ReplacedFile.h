@@ -49,7 +49,7 @@ class ReplacedFile {
   struct Options {
     LinkRule links = LinkRule::kTrustedDirectories;
     bool may_be_missing = false;           // a missing file counts as an empty one
-    bool only_look = false;                // only read the file: nothing is locked, and nothing can be written
+    bool read_only = false;                // only read the file: nothing is locked, and nothing can be written
     bool accept_foreign = true;            // replace a file of another user; the new file gets its owner
     bool refuse_shared_directory = false;  // kSharedDirectory if other users may write the directory
     bool is_edit = true;                   // lock "NAME.edit", and read the file; false: the old content is of no use
@@ -73,7 +73,7 @@ class ReplacedFile {
   [[nodiscard]] int CopyDescriptor() const { return copy_.Number(); }
   // The name of the new content, for messages only: who may write the directory decides what a name leads to.
   // [owning thread]
-  [[nodiscard]] std::string CopyName() const { return place_.Beside(copy_suffix_); }
+  [[nodiscard]] std::string CopyName() const { return place_.NextTo(copy_suffix_); }
 
   // Replaces what was written so far. [owning thread]
   [[nodiscard]] ReplaceResult WriteCopy(std::string_view bytes);

@@ -31,21 +31,21 @@ void TraceFollower::ChooseKind() {
   from_now_ = false;  // whatever comes later is new
 }
 
-TraceLook TraceFollower::Look() {
-  TraceLook look;
-  const bool is_same = IsSameFile(look.is_missing);
+TracePoll TraceFollower::Poll() {
+  TracePoll poll;
+  const bool is_same = IsSameFile(poll.is_missing);
   file_->TakeSize();
   if (follower_ == nullptr && is_same) ChooseKind();
-  const bool is_last = !is_same && !look.is_missing;
-  if (follower_ != nullptr) follower_->Look(*file_, is_last, look);
-  if (!is_last) return look;
-  if (look.is_pending) follower_->Look(*file_, is_last, look);  // a ring that was being written
-  if (Open() != 0) return look;
+  const bool is_last = !is_same && !poll.is_missing;
+  if (follower_ != nullptr) follower_->Poll(*file_, is_last, poll);
+  if (!is_last) return poll;
+  if (poll.is_pending) follower_->Poll(*file_, is_last, poll);  // a ring that was being written
+  if (Open() != 0) return poll;
   TraceFollowEvent restart;
   restart.kind = TraceFollowEvent::Kind::kRestart;
-  look.events.push_back(restart);
-  look.is_pending = true;
-  return look;
+  poll.events.push_back(restart);
+  poll.is_pending = true;
+  return poll;
 }
 
 bool TraceFollower::IsSameFile(bool& is_missing) const {

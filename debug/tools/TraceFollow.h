@@ -37,7 +37,7 @@ struct TraceFollowEvent {
 };
 
 // The result of one snapshot.
-struct TraceLook {
+struct TracePoll {
   std::vector<TraceFollowEvent> events;
   bool is_pending = false;  // there is something that a later snapshot will return
   bool is_missing = false;  // the path names no file now
@@ -52,8 +52,8 @@ class TraceFileFollower {
   TraceFileFollower(const TraceFileFollower&) = delete;
   TraceFileFollower& operator=(const TraceFileFollower&) = delete;
 
-  // Adds what is new in `file` to `look`; with `is_last`, the newest entry too. [owning thread]
-  virtual void Look(const TraceFile& file, bool is_last, TraceLook& look) = 0;
+  // Adds what is new in `file` to `poll`; with `is_last`, the newest entry too. [owning thread]
+  virtual void Poll(const TraceFile& file, bool is_last, TracePoll& poll) = 0;
 };
 
 // Follows the file that a path names.
@@ -73,7 +73,7 @@ class TraceFollower {
   [[nodiscard]] int Open();
 
   // What is new since the last call. [owning thread]
-  TraceLook Look();
+  TracePoll Poll();
 
  private:
   void ChooseKind();

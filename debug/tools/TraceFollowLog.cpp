@@ -45,9 +45,9 @@ class LogFollower final : public TraceFileFollower {
  public:
   LogFollower(bool from_now, std::chrono::milliseconds settled) : from_now_(from_now), settled_(settled) {}
 
-  void Look(const TraceFile& file, bool is_last, TraceLook& look) override {
-    if (!history_.has_started || HasChanged(file) || !held_.empty()) ReadAndReturn(file, is_last, look);
-    look.is_pending = !held_.empty();
+  void Poll(const TraceFile& file, bool is_last, TracePoll& poll) override {
+    if (!history_.has_started || HasChanged(file) || !held_.empty()) ReadAndReturn(file, is_last, poll);
+    poll.is_pending = !held_.empty();
   }
 
  private:
@@ -55,31 +55,31 @@ class LogFollower final : public TraceFileFollower {
   bool HasChanged(const TraceFile& file) {
     const auto status = file.Status();
     const bool is_unchanged = status.has_value() && file::IsUnchanged(last_, *status);
-    const bool was_old = is_unchanged && last_look_s_ > last_.st_mtim.tv_sec + 1;
+    const bool was_old = is_unchanged && last_poll_s_ > last_.st_mtim.tv_sec + 1;
     if (status.has_value()) last_ = *status;
-    last_look_s_ = Seconds();
+    last_poll_s_ = Seconds();
     return !was_old;
   }
 
-  void ReadAndReturn(const TraceFile& file, bool is_last, TraceLook& look) {
+  void ReadAndReturn(const TraceFile& file, bool is_last, TracePoll& poll) {
     std::string now;
     std::string again;
     if (!ReadWhole(file, now)) {
-      look.error = EFBIG;
+      poll.error = EFBIG;
       return;
     }
     for (int i = 0; i < kReadsMax; ++i, now.swap(again)) {
       const LogPlan plan = PlanLog(history_, now, !from_now_);
       if (!ReadWhole(file, again)) return;
       if (!Confirms(plan, now, again)) continue;
-      Return(plan, std::move(now), is_last, look);
+      Return(plan, std::move(now), is_last, poll);
       return;
     }
   }
 
-  void Return(const LogPlan& plan, std::string now, bool is_last, TraceLook& look) {
-    if (plan.is_restart) AddEvent(look, TraceFollowEvent::Kind::kRestart, 0);
-    if (plan.lost_bytes > 0) AddEvent(look, TraceFollowEvent::Kind::kLost, plan.lost_bytes);
+  void Return(const LogPlan& plan, std::string now, bool is_last, TracePoll& poll) {
+    if (plan.is_restart) AddEvent(poll, TraceFollowEvent::Kind::kRestart, 0);
+    if (plan.lost_bytes > 0) AddEvent(poll, TraceFollowEvent::Kind::kLost, plan.lost_bytes);
     std::vector<TraceRange> ranges = plan.ranges;
     std::uint64_t end = plan.end;
     std::string held;
@@ -89,7 +89,7 @@ class LogFollower final : public TraceFileFollower {
       if (IsSettled(begin, held)) held.clear();
       if (!held.empty()) ranges.back().end = end = begin;
     }
-    AddEntries(now, std::move(ranges), look);
+    AddEntries(now, std::move(ranges), poll);
     Keep(plan, std::move(now), end, std::move(held));
   }
 
@@ -112,7 +112,7 @@ class LogFollower final : public TraceFileFollower {
     held_ = std::move(held);
   }
 
-  void AddEntries(const std::string& now, std::vector<TraceRange> ranges, TraceLook& look) const {
+  void AddEntries(const std::string& now, std::vector<TraceRange> ranges, TracePoll& poll) const {
     const TraceMemory source(now);
     TraceEntryReader reader(source, std::move(ranges));
     TraceFollowEvent event;
@@ -121,15 +121,15 @@ class LogFollower final : public TraceFileFollower {
           event.entry.begin == history_.position) {
         event.entry.kind = TraceEntry::Kind::kRest;
       }
-      look.events.push_back(event);
+      poll.events.push_back(event);
     }
   }
 
-  static void AddEvent(TraceLook& look, TraceFollowEvent::Kind kind, std::uint64_t bytes) {
+  static void AddEvent(TracePoll& poll, TraceFollowEvent::Kind kind, std::uint64_t bytes) {
     TraceFollowEvent event;
     event.kind = kind;
     event.bytes = bytes;
-    look.events.push_back(event);
+    poll.events.push_back(event);
   }
 
   bool from_now_;
@@ -138,7 +138,7 @@ class LogFollower final : public TraceFileFollower {
   std::string held_;  // the newest entry, seen and not returned yet
   std::chrono::steady_clock::time_point held_since_;
   struct stat last_ {};
-  std::int64_t last_look_s_ = 0;
+  std::int64_t last_poll_s_ = 0;
 };
 
 }  // namespace

@@ -32,9 +32,9 @@ class RingFollower final : public TraceFileFollower {
  public:
   explicit RingFollower(bool from_now) : from_now_(from_now) {}
 
-  void Look(const TraceFile& file, bool /*is_last*/, TraceLook& look) override {
+  void Poll(const TraceFile& file, bool /*is_last*/, TracePoll& poll) override {
     if (file.Size() > kFollowedBytesMax) {
-      look.error = EFBIG;
+      poll.error = EFBIG;
       return;
     }
     for (int i = 0; i < kReadsMax; ++i) {
@@ -43,10 +43,10 @@ class RingFollower final : public TraceFileFollower {
       if (!plan.has_value()) return;  // the header block is being written
       const std::vector<Piece> pieces = Read(file, *plan);
       if (!IsStill(file, header, pieces)) continue;
-      Give(header, *plan, pieces, look);
+      Give(header, *plan, pieces, poll);
       return;
     }
-    look.is_pending = true;
+    poll.is_pending = true;
   }
 
  private:
@@ -117,14 +117,14 @@ class RingFollower final : public TraceFileFollower {
     return now.wraps == header.wraps && now.opens == header.opens && now.first_open == header.first_open;
   }
 
-  void Give(const TraceRingHeader& header, const Plan& plan, const std::vector<Piece>& pieces, TraceLook& look) {
+  void Give(const TraceRingHeader& header, const Plan& plan, const std::vector<Piece>& pieces, TracePoll& poll) {
     TraceFollowEvent event;
     event.kind = TraceFollowEvent::Kind::kRestart;
-    if (plan.is_restart) look.events.push_back(event);
+    if (plan.is_restart) poll.events.push_back(event);
     event.kind = TraceFollowEvent::Kind::kLost;
     event.bytes = plan.lost_bytes;
-    if (plan.lost_bytes > 0) look.events.push_back(event);
-    for (const Piece& piece : pieces) GiveEntries(piece, look);
+    if (plan.lost_bytes > 0) poll.events.push_back(event);
+    for (const Piece& piece : pieces) GiveEntries(piece, poll);
     has_started_ = true;
     position_ = plan.end;
     wraps_ = header.wraps.value_or(0);
@@ -132,7 +132,7 @@ class RingFollower final : public TraceFileFollower {
     first_open_ = header.first_open;
   }
 
-  static void GiveEntries(const Piece& piece, TraceLook& look) {
+  static void GiveEntries(const Piece& piece, TracePoll& poll) {
     const TraceMemory source(piece.bytes);
     TraceRange range = piece.range;
     range.begin = 0;
@@ -142,7 +142,7 @@ class RingFollower final : public TraceFileFollower {
     while (reader.Next(event.entry)) {
       event.entry.begin += piece.range.begin;
       event.entry.end += piece.range.begin;
-      look.events.push_back(event);
+      poll.events.push_back(event);
     }
   }
 

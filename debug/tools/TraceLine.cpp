@@ -39,12 +39,12 @@ int Number(std::string_view digits) {
 
 // The resident size that memory traces show, "   51234 KB !"; takes it off `rest`.
 std::optional<std::uint64_t> TakeResident(std::string_view& rest) {
-  constexpr std::string_view kBehind = " KB !";
+  constexpr std::string_view kAfter = " KB !";
   const std::size_t digits = std::min(rest.find_first_not_of(' '), rest.size());
   const std::size_t end = std::min(rest.find_first_not_of("0123456789", digits), rest.size());
-  if (end < 8 || !rest.substr(end).starts_with(kBehind)) return std::nullopt;
+  if (end < 8 || !rest.substr(end).starts_with(kAfter)) return std::nullopt;
   const auto kilobytes = ParseDecimal(rest.substr(digits, end - digits));
-  if (kilobytes.has_value()) rest.remove_prefix(end + kBehind.size());
+  if (kilobytes.has_value()) rest.remove_prefix(end + kAfter.size());
   return kilobytes;
 }
 

@@ -95,14 +95,14 @@ std::uint64_t EndOfUncountedEntry(const TraceSource& source, std::uint64_t begin
 std::uint64_t SearchTerminator(const TraceSource& source) {
   std::uint64_t found = 0;
   std::uint64_t first = 0;
-  bool is_behind_block = false;
+  bool is_after_block = false;
   TraceLineReader reader(source, kRingFirstEntry, source.Size());
   for (TraceLine line{}; reader.Next(line);) {
     const auto header = HeaderOf(line);
-    if (header.has_value()) is_behind_block = line.text.substr(header->length) == kEndOfHeaderText;
+    if (header.has_value()) is_after_block = line.text.substr(header->length) == kEndOfHeaderText;
     if (!IsTerminator(line)) continue;
     if (first == 0) first = line.begin;
-    if (!is_behind_block) found = line.begin;
+    if (!is_after_block) found = line.begin;
   }
   return found != 0 ? found : first;
 }

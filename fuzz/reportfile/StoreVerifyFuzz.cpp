@@ -20,7 +20,7 @@ namespace {
 using qx::report::IndexHeader;
 using qx::report::MemoryBytes;
 using qx::report::SalvageCounts;
-using qx::report::StoreLook;
+using qx::report::StoreScan;
 
 void Require(bool holds, const char* what) {
   if (holds) return;
@@ -62,7 +62,7 @@ void RequireSound(const std::vector<std::string>& texts) {
   const std::string index = std::string(reinterpret_cast<const char*>(&header), sizeof header) + slots;
   MemoryBytes index_bytes(index);
   MemoryBytes data_bytes(data);
-  Require(qx::report::LookAtStore(index_bytes, data_bytes).findings.empty(), "the salvaged store is not sound");
+  Require(qx::report::ScanStore(index_bytes, data_bytes).findings.empty(), "the salvaged store is not sound");
   Require(Salvage(index, data, true) == texts, "the salvaged store does not salvage to itself");
 }
 
@@ -77,9 +77,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   MemoryBytes index_bytes(index);
   MemoryBytes data_bytes(texts);
-  const StoreLook look = qx::report::LookAtStore(index_bytes, data_bytes);
-  Require(look.findings.size() <= qx::report::kFindingsMax, "too many findings");
-  Require(look.overwritten_records + look.cut_records <= 2 * std::uint64_t{look.header.highestIndex},
+  const StoreScan scan = qx::report::ScanStore(index_bytes, data_bytes);
+  Require(scan.findings.size() <= qx::report::kFindingsMax, "too many findings");
+  Require(scan.overwritten_records + scan.cut_records <= 2 * std::uint64_t{scan.header.highestIndex},
           "more remarks than records");
   const std::vector<std::string> all = Salvage(index, texts, true);
   const std::vector<std::string> indexed = Salvage(index, texts, false);

@@ -79,7 +79,7 @@ class Linter {
   LintResult Run() {
     while (!rest_.empty() && !keys_.empty()) TakePhysicalLine();
     if (keys_.empty()) {
-      CheckBehindEnd();
+      CheckAfterEnd();
     } else if (line_ > 0) {
       Warn(line_, "not-closed", "the file ends while keys are open that empty lines should close",
            "it may have been cut short: compare with a backup, or add " + std::to_string(keys_.size()) +
@@ -137,7 +137,7 @@ class Linter {
           raw.front() == '\0' ? "the line begins with a NUL, so it closes the key" : "a NUL hides the rest of the line",
           "remove the NUL bytes; the file may have been damaged");
     }
-    if (raw.ends_with('\r') && !std::exchange(has_told_carriage_return_, true)) {
+    if (raw.ends_with('\r') && !std::exchange(has_reported_carriage_return_, true)) {
       Error(line_, "carriage-return",
             "the line ends with a carriage return, which texts keep and with which an empty line closes no key",
             "remove them from the whole file: sed -i 's/\\r$//' FILE");
@@ -201,7 +201,7 @@ class Linter {
 
   void TakeValue(std::string_view piece) {
     const std::size_t equals = piece.find('=');
-    if (equals == std::string_view::npos) return TellIgnored(piece);
+    if (equals == std::string_view::npos) return ReportIgnored(piece);
     const std::string_view name = piece.substr(0, equals);
     const std::string_view marked = piece.substr(equals);
     if (marked.starts_with("=s=") || marked.starts_with("=es=")) {
@@ -217,7 +217,7 @@ class Linter {
     }
   }
 
-  void TellIgnored(std::string_view piece) {
+  void ReportIgnored(std::string_view piece) {
     if (IsBlank(piece)) {
       if (piece != "\r") Warn(line_, "blank-line", "a line of blanks closes no key and is not read", "empty the line");
       return;
@@ -273,7 +273,7 @@ class Linter {
 
   // --- the end
 
-  void CheckBehindEnd() {
+  void CheckAfterEnd() {
     const std::size_t text = rest_.find_first_not_of('\n');
     if (text == std::string_view::npos) return;
     const auto first = line_ + 1 + static_cast<std::uint64_t>(text);
@@ -303,7 +303,7 @@ class Linter {
   std::uint64_t line_ = 0;
   std::vector<Names> keys_;  // the open keys from the root on; empty: the root is closed
   bool is_rest_of_line_ = false;
-  bool has_told_carriage_return_ = false;
+  bool has_reported_carriage_return_ = false;
   bool has_values_ = false;
   LintResult result_;
 };

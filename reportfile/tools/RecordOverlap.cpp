@@ -25,7 +25,7 @@ bool Fits(std::span<const std::uint64_t> tail, std::span<const std::uint64_t> wi
 }
 
 // Whether the one place that fits is the place for certain, as far as texts can tell.
-bool CanTell(std::span<const std::uint64_t> overlap, std::size_t compared) {
+bool CanDecide(std::span<const std::uint64_t> overlap, std::size_t compared) {
   if (compared < overlap.size()) return AllDifferent(overlap);
   return overlap.size() == 1 || !AllEqual(overlap);
 }
@@ -53,7 +53,7 @@ OverlapPlace FindOverlap(std::span<const std::uint64_t> overlap, std::span<const
     place.compared = compared;
   }
   if (fitting == 0) return place;
-  const bool is_found = fitting == 1 && CanTell(overlap, place.compared);
+  const bool is_found = fitting == 1 && CanDecide(overlap, place.compared);
   place.verdict = is_found ? OverlapVerdict::kFound : OverlapVerdict::kAmbiguous;
   return place;
 }

@@ -19,7 +19,7 @@
 namespace qx::report {
 
 // How many of the last delivered records are remembered. More make a coincidence less likely and cost a reader that
-// looks every second only a few kilobytes a look.
+// scans every second only a few kilobytes a scan.
 inline constexpr std::size_t kOverlapRecords = 32;
 
 // 64-bit FNV-1a of a record's bytes, line end included. State files hold it, so it never changes.

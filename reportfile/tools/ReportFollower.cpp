@@ -28,20 +28,20 @@ bool BeginAlike(const Hashes& one, const Hashes& other) {
 ReportFollower::ReportFollower(RecordSource& source, ReportPosition position)
     : source_(source), position_(std::move(position)) {}
 
-bool ReportFollower::Look(std::uint32_t count_max, ReportLook& look) {
+bool ReportFollower::Poll(std::uint32_t count_max, ReportPoll& poll) {
   outrun_.clear();
   outrun_standing_ = 0;
   for (int i = 0; i < kAttempts; ++i) {
     last_ = Attempt();
     if (!Try(i < kAttemptsAtFullSize ? count_max : std::min(count_max, kSmallCount), last_)) return false;
     if (last_.is_steady) {
-      look = std::move(last_.look);
+      poll = std::move(last_.poll);
       return true;
     }
   }
   last_ = Attempt();
-  look = ReportLook();
-  look.was_outrun = true;
+  poll = ReportPoll();
+  poll.was_outrun = true;
   return true;
 }
 
@@ -49,7 +49,7 @@ void ReportFollower::Delivered(std::size_t count) { position_ = PositionAfter(co
 
 ReportPosition ReportFollower::PositionAfter(std::size_t count) const {
   const bool has_read = last_.is_steady;
-  const bool continues = last_.look.event == LookEvent::kNone || last_.look.event == LookEvent::kAmbiguous;
+  const bool continues = last_.poll.event == PollEvent::kNone || last_.poll.event == PollEvent::kAmbiguous;
   if (!has_read || (!continues && count == 0 && !last_.hashes.empty())) return position_;  // to be reported once more
   ReportPosition position;
   position.next = last_.place + static_cast<std::uint32_t>(count);
@@ -63,7 +63,7 @@ ReportPosition ReportFollower::PositionAfter(std::size_t count) const {
 }
 
 bool ReportFollower::Try(std::uint32_t count_max, Attempt& attempt) {
-  return Locate(attempt) && ReadNew(count_max, attempt) && LookBehind(attempt) && CheckSteady(attempt);
+  return Locate(attempt) && ReadNew(count_max, attempt) && SearchForward(attempt) && CheckSteady(attempt);
 }
 
 bool ReportFollower::Locate(Attempt& attempt) {
@@ -103,14 +103,14 @@ void ReportFollower::Settle(const OverlapPlace& found, std::uint32_t window_star
   attempt.expected.assign(compared.begin(), compared.end());
   attempt.place = window_start + static_cast<std::uint32_t>(found.index);
   attempt.first = attempt.place - static_cast<std::uint32_t>(found.compared);
-  if (found.verdict == OverlapVerdict::kAmbiguous) attempt.look.event = LookEvent::kAmbiguous;
+  if (found.verdict == OverlapVerdict::kAmbiguous) attempt.poll.event = PollEvent::kAmbiguous;
 }
 
 // A report never gets fewer records, so if there are fewer than before, it is another one.
 void ReportFollower::SettleMissing(const Hashes& window, Attempt& attempt) const {
   const bool has_shrunk = window.size() < position_.next;
-  attempt.look.event = has_shrunk ? LookEvent::kStartedOver : LookEvent::kGap;
-  if (!has_shrunk) attempt.look.lost = LostRecords(window);
+  attempt.poll.event = has_shrunk ? PollEvent::kStartedOver : PollEvent::kGap;
+  if (!has_shrunk) attempt.poll.lost = LostRecords(window);
   attempt.expected.assign(window.begin(),
                           window.begin() + static_cast<std::ptrdiff_t>(std::min(window.size(), kOverlapRecords)));
 }
@@ -141,8 +141,8 @@ bool ReportFollower::ReadHashes(std::uint32_t first, std::uint32_t end, Hashes& 
 // If there is no record before the new ones, they are read in a snapshot of their own: they have to begin as the search
 // found the ring, and the first of them must stay until all is read.
 bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
-  if (!source_.Read(attempt.place, count_max, attempt.look.records)) return false;
-  for (const std::string& record : attempt.look.records) attempt.hashes.push_back(RecordHash(record));
+  if (!source_.Read(attempt.place, count_max, attempt.poll.records)) return false;
+  for (const std::string& record : attempt.poll.records) attempt.hashes.push_back(RecordHash(record));
   const std::size_t before_new = attempt.place - attempt.first;
   attempt.is_torn = before_new == 0 && !BeginAlike(attempt.hashes, attempt.expected);
   while (attempt.expected.size() < kOverlapRecords && attempt.expected.size() - before_new < attempt.hashes.size()) {
@@ -152,15 +152,15 @@ bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
 }
 
 // Nothing at an index may be the end, or a record that no answer can carry: then there is one after it.
-bool ReportFollower::LookBehind(Attempt& attempt) {
-  ReportLook& look = attempt.look;
-  const std::uint32_t next = attempt.place + static_cast<std::uint32_t>(look.records.size());
+bool ReportFollower::SearchForward(Attempt& attempt) {
+  ReportPoll& poll = attempt.poll;
+  const std::uint32_t next = attempt.place + static_cast<std::uint32_t>(poll.records.size());
   std::vector<std::string> behind;
   if (next > 0 && !source_.Read(next, 1, behind)) return false;
   if (!behind.empty()) return true;
   if (!source_.Read(next + 1, 1, behind)) return false;
-  look.reached_end = behind.empty();
-  look.is_blocked = !look.reached_end && look.records.empty();
+  poll.reached_end = behind.empty();
+  poll.is_blocked = !poll.reached_end && poll.records.empty();
   return true;
 }
 
@@ -177,7 +177,7 @@ bool ReportFollower::CheckSteady(Attempt& attempt) {
 bool ReportFollower::KeepOutrun(const Attempt& attempt) {
   outrun_.clear();
   outrun_standing_ = 0;
-  const bool continues = attempt.look.event == LookEvent::kNone && !position_.overlap.empty();
+  const bool continues = attempt.poll.event == PollEvent::kNone && !position_.overlap.empty();
   if (!continues || attempt.first == 0 || attempt.hashes.empty()) return true;
   const auto was = Last(attempt.hashes, kOverlapRecords);
   const std::uint32_t end = attempt.place + static_cast<std::uint32_t>(attempt.hashes.size());

@@ -1,9 +1,9 @@
-// Reads what is new in a report, look by look, through an interface that numbers records from the oldest one kept.
+// Reads what is new in a report, poll by poll, through an interface that numbers records from the oldest one kept.
 //
-// Each look finds the place where the last one left off by the texts before it (RecordOverlap.h), reads the new records
+// Each poll finds the place where the last one left off by the texts before it (RecordOverlap.h), reads the new records
 // together with the overlap before them, and reads the beginning of all that once more: a ring replaces its oldest
 // record first, so if the beginning is still there, everything after it was there as well while it was read. Otherwise
-// the look starts over. Resuming an interrupted fetch and following a report are the same thing at different intervals.
+// the poll starts over. Resuming an interrupted fetch and following a report are the same thing at different intervals.
 //
 // What it cannot notice: that a writer has meanwhile written the whole overlap again, record for record, and the place
 // where it was before has left the ring.
@@ -47,15 +47,15 @@ struct ReportPosition {
   friend bool operator==(const ReportPosition&, const ReportPosition&) = default;
 };
 
-enum class LookEvent {
+enum class PollEvent {
   kNone,
   kGap,          // the last delivered records are gone: others may have been written and replaced meanwhile
   kAmbiguous,    // the records repeat so that the place is not certain; records may be missing, none comes twice
   kStartedOver,  // there are fewer records than were delivered: the report is a new one
 };
 
-struct ReportLook {
-  LookEvent event = LookEvent::kNone;
+struct ReportPoll {
+  PollEvent event = PollEvent::kNone;
   std::optional<std::uint64_t> lost;  // kGap: how many records, if that is known
   std::vector<std::string> records;   // new ones, oldest first
   bool reached_end = false;           // there was no record after them
@@ -64,7 +64,7 @@ struct ReportLook {
 };
 
 // Threads: one thread.
-// Costs: the first look reads all records before the next one, so that a second place that fits does not go unnoticed;
+// Costs: the first poll reads all records before the next one, so that a second place that fits does not go unnoticed;
 // later ones read kNearRecords and the overlap, as long as that finds the place. Memory: one answer of the source, and
 // eight bytes for each record that was looked at.
 class ReportFollower {
@@ -74,11 +74,11 @@ class ReportFollower {
   explicit ReportFollower(RecordSource& source, ReportPosition position = {});
 
   // Reads at most `count_max` new records, and no more than one answer of the source holds. False: the source failed,
-  // and the look says nothing. [owning thread]
-  [[nodiscard]] bool Look(std::uint32_t count_max, ReportLook& look);
+  // and the poll says nothing. [owning thread]
+  [[nodiscard]] bool Poll(std::uint32_t count_max, ReportPoll& poll);
 
-  // The first `count` records of the last look have been delivered; the others will come again. The event of the
-  // look is not reported again. [owning thread]
+  // The first `count` records of the last poll have been delivered; the others will come again. The event of the
+  // poll is not reported again. [owning thread]
   void Delivered(std::size_t count);
 
   [[nodiscard]] const ReportPosition& Position() const { return position_; }
@@ -87,9 +87,9 @@ class ReportFollower {
   [[nodiscard]] ReportPosition PositionAfter(std::size_t count) const;
 
  private:
-  // One attempt at a look: where the new records begin, and what must be there until all is read.
+  // One attempt at a poll: where the new records begin, and what must be there until all is read.
   struct Attempt {
-    ReportLook look;
+    ReportPoll poll;
     std::uint32_t place = 0;              // index of the first new record
     std::uint32_t first = 0;              // index of the first expected one
     std::vector<std::uint64_t> expected;  // hashes of the records from `first` on
@@ -106,7 +106,7 @@ class ReportFollower {
   [[nodiscard]] std::optional<std::uint64_t> LostRecords(const std::vector<std::uint64_t>& window) const;
   [[nodiscard]] bool ReadHashes(std::uint32_t first, std::uint32_t end, std::vector<std::uint64_t>& hashes);
   [[nodiscard]] bool ReadNew(std::uint32_t count_max, Attempt& attempt);
-  [[nodiscard]] bool LookBehind(Attempt& attempt);
+  [[nodiscard]] bool SearchForward(Attempt& attempt);
   [[nodiscard]] bool CheckSteady(Attempt& attempt);
   [[nodiscard]] bool KeepOutrun(const Attempt& attempt);
 

@@ -38,10 +38,10 @@ void AddItem(const BackupItem& item, std::set<std::string>& names, std::vector<U
 }
 
 void SetSizes(ReportStatus& status) {
-  const StoreLook& look = status.verdict.look;
-  const bool has_header = look.index_bytes >= SlotOffset(0);
-  status.records = look.header.highestIndex;
-  if (has_header) status.slots = look.header.maxRecord;
+  const StoreScan& scan = status.verdict.scan;
+  const bool has_header = scan.index_bytes >= SlotOffset(0);
+  status.records = scan.header.highestIndex;
+  if (has_header) status.slots = scan.header.maxRecord;
   struct stat index = {};
   struct stat data = {};
   if (file::StatusOf(IndexFileName(status.base_path).c_str(), index) == 0) {

@@ -145,13 +145,13 @@ std::string WithoutTrailingSlashes(std::string path) {
 }
 
 // Of a copy, which nobody writes to. 0 or the error number.
-int LookAtCopy(const std::string& base, int directory, StoreLook* look) {
+int ScanCopy(const std::string& base, int directory, StoreScan* scan) {
   FileBytes index(OpenForReading(IndexFileName(base), directory));
   int error = errno;
   FileBytes data(OpenForReading(DataFileName(base), directory));
   if (index.IsOpen()) error = errno;
   if (!index.IsOpen() || !data.IsOpen()) return error;
-  *look = LookAtStore(index, data);
+  *scan = ScanStore(index, data);
   return index.Error() != 0 ? index.Error() : data.Error();
 }
 
@@ -226,10 +226,10 @@ class Backup {
     if (copy.state == StoreCopyState::kNeverStill) item.state = BackupItemState::kNeverStill;
     if (copy.state == StoreCopyState::kGone) item.state = BackupItemState::kGone;
     if (copy.state != StoreCopyState::kCopied) return true;
-    StoreLook look;
-    const int error = LookAtCopy(base, to, &look);
-    item.records = look.header.highestIndex;
-    if (error != 0 || !look.findings.empty()) item.state = BackupItemState::kDamaged;
+    StoreScan scan;
+    const int error = ScanCopy(base, to, &scan);
+    item.records = scan.header.highestIndex;
+    if (error != 0 || !scan.findings.empty()) item.state = BackupItemState::kDamaged;
     return true;
   }
 

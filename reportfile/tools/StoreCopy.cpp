@@ -168,14 +168,14 @@ class Copier {
     const std::optional<IndexHeader> reference = CatchUp(before);
     if (!reference.has_value()) return false;
     to_.data.CopyFrom(live_.Data());
-    const std::optional<IndexHeader> after = HeaderBehindAllThatIsCopied(*reference);
+    const std::optional<IndexHeader> after = HeaderAfterTheCopiedPart(*reference);
     if (!after.has_value() || IsTouched(*reference, *after)) return false;
     result_.was_written = after->elementCount != reference->elementCount;
     if (result_.was_written) CutToMoment(*reference);
     return true;
   }
 
-  // Brings the copied index up to a header under which nothing moved while the slots since the last look were read.
+  // Brings the copied index up to a header under which nothing moved while the slots since the last scan were read.
   std::optional<IndexHeader> CatchUp(IndexHeader seen) {
     for (int spins = 0; spins < kSpinsMax; ++spins) {
       const std::optional<IndexHeader> now = live_.Header();
@@ -204,7 +204,7 @@ class Copier {
 
   // A header whose writePosition bounds every byte that was written up to now: either no record is being written, which
   // the marker shows, or the one that was has been counted since.
-  std::optional<IndexHeader> HeaderBehindAllThatIsCopied(const IndexHeader& reference) {
+  std::optional<IndexHeader> HeaderAfterTheCopiedPart(const IndexHeader& reference) {
     std::optional<IndexHeader> first;
     std::optional<IndexHeader> now;
     for (int spins = 0; spins < kSpinsMax; ++spins) {

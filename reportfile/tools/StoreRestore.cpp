@@ -176,7 +176,7 @@ class Planner {
     FileBytes index = OpenBelow(directories_.backup, IndexFileName(base_path));
     FileBytes data = OpenBelow(directories_.backup, DataFileName(base_path));
     if (!index.IsOpen() || !data.IsOpen()) return true;
-    return !LookAtStore(index, data).findings.empty() || index.Error() != 0 || data.Error() != 0;
+    return !ScanStore(index, data).findings.empty() || index.Error() != 0 || data.Error() != 0;
   }
 
   std::vector<Snapshot> SnapshotsOfAll() const {

@@ -70,13 +70,13 @@ class Salvager {
   // writePosition; if there is none, the first.
   std::uint32_t OldestSlot() const {
     if (SlotCount() == 0) return 0;
-    if (header_.oldestIndex >= SlotCount()) return SlotBehindNewest();
+    if (header_.oldestIndex >= SlotCount()) return SlotAfterNewest();
     const bool is_in_flight = header_.highestIndex == header_.maxRecord && header_.maxRecord == SlotCount() &&
                               offsets_[header_.oldestIndex] == header_.writePosition;
     return is_in_flight ? (header_.oldestIndex + 1) % SlotCount() : header_.oldestIndex;
   }
 
-  std::uint32_t SlotBehindNewest() const {
+  std::uint32_t SlotAfterNewest() const {
     for (const SlotLine& held : lines_) {
       if (held.line.end == header_.writePosition) return (held.slot + 1) % SlotCount();
     }
@@ -167,28 +167,28 @@ class Salvager {
   // Whole lines that no slot leads to. The line behind an end marker may be the rest of one that the marker
   // was written over.
   void EmitUnindexed() {
-    bool is_behind_marker = false;
+    bool is_after_marker = false;
     auto next_slot = lines_.begin();
     for (std::int64_t at = 0; at < data_bytes_;) {
       const Line line = LineAt(at);
       if (!line.is_complete) {
-        at = BehindGarbage(line.end);
-        is_behind_marker = false;
+        at = AfterGarbage(line.end);
+        is_after_marker = false;
         continue;
       }
       while (next_slot != lines_.end() && next_slot->line.begin < line.begin) ++next_slot;
       const bool is_indexed = next_slot != lines_.end() && next_slot->line.begin == line.begin;
       const bool is_marker = line.Bytes() == std::ssize(kEndMarker) && IsTextAt(line.begin, kEndMarker);
-      const bool is_record = !is_indexed && !is_marker && !is_behind_marker && EndsWithLineEnd(line);
+      const bool is_record = !is_indexed && !is_marker && !is_after_marker && EndsWithLineEnd(line);
       if (is_record && !Emit(line)) return;
       counts_.unindexed += is_record ? 1 : 0;
-      is_behind_marker = is_marker;
+      is_after_marker = is_marker;
       at = line.end;
     }
   }
 
   // Behind a NUL the next line begins behind the next line feed.
-  std::int64_t BehindGarbage(std::int64_t at) {
+  std::int64_t AfterGarbage(std::int64_t at) {
     while (at < data_bytes_) {
       const std::string_view bytes = BytesAt(at);
       if (bytes.empty()) break;

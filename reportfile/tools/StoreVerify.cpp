@@ -38,11 +38,11 @@ struct WalkedRecord {
   std::uint32_t age;  // 0 is the oldest
   std::uint32_t slot;
   std::uint32_t offset;
-  bool is_current;         // written since the data file was last restarted
-  bool is_previous;        // written in the round before that
-  bool starts_round;       // is at offset 0
-  std::uint32_t in_round;  // records before it in its round
-  bool is_told = false;    // its slot is a finding already
+  bool is_current;           // written since the data file was last restarted
+  bool is_previous;          // written in the round before that
+  bool starts_round;         // is at offset 0
+  std::uint32_t in_round;    // records before it in its round
+  bool is_reported = false;  // its slot is a finding already
 };
 
 class Examiner {
@@ -50,42 +50,42 @@ class Examiner {
   Examiner(ByteSource& index, ByteSource& data) : index_(index), data_(data), slots_(index), texts_(data) {}
 
   // Header and sizes alone: nothing of the data file is read.
-  StoreLook LookAtHeader() {
-    look_.index_bytes = index_.Size();
-    look_.data_bytes = data_.Size();
+  StoreScan ScanHeader() {
+    scan_.index_bytes = index_.Size();
+    scan_.data_bytes = data_.Size();
     if (ReadHeader()) {
       if (!IsFirstRecordInFlight()) CheckHeaderAndSizes();
-    } else if (look_.index_bytes != 0) {
-      AddSizeFinding("index.size", StoreFile::kIndex, look_.index_bytes, "the file ends inside the header");
+    } else if (scan_.index_bytes != 0) {
+      AddSizeFinding("index.size", StoreFile::kIndex, scan_.index_bytes, "the file ends inside the header");
     }
-    return std::move(look_);
+    return std::move(scan_);
   }
 
-  StoreLook Look() {
-    look_.index_bytes = index_.Size();
-    look_.data_bytes = data_.Size();
+  StoreScan Scan() {
+    scan_.index_bytes = index_.Size();
+    scan_.data_bytes = data_.Size();
     if (!ReadHeader()) {
       CheckStoreWithoutHeader();
     } else if (IsFirstRecordInFlight()) {
-      look_.record_in_flight = true;
+      scan_.record_in_flight = true;
     } else {
       CheckStore();
     }
-    return std::move(look_);
+    return std::move(scan_);
   }
 
  private:
   void CheckHeaderAndSizes() {
-    look_.beyond_offsets = look_.data_bytes > kOffsetLimit;
+    scan_.beyond_offsets = scan_.data_bytes > kOffsetLimit;
     CheckRing();
-    if (!look_.findings.empty()) return;  // such a header says nothing about anything else
+    if (!scan_.findings.empty()) return;  // such a header says nothing about anything else
     CheckPositions();
     CheckSizes();
   }
 
   void CheckStore() {
     CheckHeaderAndSizes();
-    if (!look_.findings.empty() || look_.beyond_offsets) return;
+    if (!scan_.findings.empty() || scan_.beyond_offsets) return;
     FindRecordInFlight();
     CheckMarker();
     WalkRecords();
@@ -96,18 +96,18 @@ class Examiner {
   bool ReadHeader() {
     IndexHeader header;
     if (index_.ReadAt(0, &header, sizeof header) != sizeof header) return false;
-    look_.header = header;
+    scan_.header = header;
     return true;
   }
 
   // The first record's slot is written before any header, behind 24 bytes that nobody has written yet.
   bool IsFirstRecordInFlight() {
     constexpr IndexHeader kUnwritten = {.maxRecord = 0};
-    return look_.header == kUnwritten && look_.index_bytes <= SlotOffset(1) && SlotAt(0).value_or(0) == 0;
+    return scan_.header == kUnwritten && scan_.index_bytes <= SlotOffset(1) && SlotAt(0).value_or(0) == 0;
   }
 
   void CheckRing() {
-    const IndexHeader& header = look_.header;
+    const IndexHeader& header = scan_.header;
     if (header.maxRecord == 0) {
       AddHeaderFinding("header.ring-size", offsetof(IndexHeader, maxRecord), header.maxRecord, "the ring has no slots");
     } else if (header.highestIndex > header.maxRecord) {
@@ -121,7 +121,7 @@ class Examiner {
   }
 
   void CheckFillingRing() {
-    const IndexHeader& header = look_.header;
+    const IndexHeader& header = scan_.header;
     if (header.oldestIndex != 0) {
       AddHeaderFinding("header.oldest", offsetof(IndexHeader, oldestIndex), header.oldestIndex,
                        "the oldest record of a ring that still fills is in slot 0");
@@ -134,7 +134,7 @@ class Examiner {
   }
 
   void CheckFullRing() {
-    const IndexHeader& header = look_.header;
+    const IndexHeader& header = scan_.header;
     if (header.oldestIndex >= header.maxRecord) {
       AddHeaderFinding("header.oldest", offsetof(IndexHeader, oldestIndex), header.oldestIndex,
                        "no slot of a ring of " + std::to_string(header.maxRecord));
@@ -143,7 +143,7 @@ class Examiner {
     for (std::uint64_t wraps = 0; wraps <= kCountWrapsMax; ++wraps) {
       const std::uint64_t written = header.elementCount + wraps * (std::uint64_t{1} << 32);
       if (written < header.maxRecord || written % header.maxRecord != header.oldestIndex) continue;
-      look_.count_wrapped = wraps > 0;
+      scan_.count_wrapped = wraps > 0;
       return;
     }
     AddHeaderFinding("header.count", offsetof(IndexHeader, elementCount), header.elementCount,
@@ -151,8 +151,8 @@ class Examiner {
   }
 
   void CheckPositions() {
-    const IndexHeader& header = look_.header;
-    if (look_.beyond_offsets) return;  // both are cut to 32 bits
+    const IndexHeader& header = scan_.header;
+    if (scan_.beyond_offsets) return;  // both are cut to 32 bits
     const std::uint32_t in_round = RecordsInRound(header);
     const bool is_too_low = header.writePosition < kRecordBytesMin * in_round;
     if (is_too_low || (in_round == 0 && header.writePosition != 0)) {
@@ -169,15 +169,15 @@ class Examiner {
   // --- sizes
 
   void CheckSizes() {
-    const IndexHeader& header = look_.header;
+    const IndexHeader& header = scan_.header;
     const std::int64_t expected = SlotOffset(header.highestIndex);
     const bool may_have_one_more = header.highestIndex < header.maxRecord;
-    if (look_.index_bytes < expected || look_.index_bytes > expected + (may_have_one_more ? 4 : 0)) {
-      AddSizeFinding("index.size", StoreFile::kIndex, look_.index_bytes,
+    if (scan_.index_bytes < expected || scan_.index_bytes > expected + (may_have_one_more ? 4 : 0)) {
+      AddSizeFinding("index.size", StoreFile::kIndex, scan_.index_bytes,
                      std::to_string(header.highestIndex) + " slots in use end at " + std::to_string(expected));
     }
-    if (look_.data_bytes < header.fileEnd) {
-      AddSizeFinding("data.size", StoreFile::kData, look_.data_bytes,
+    if (scan_.data_bytes < header.fileEnd) {
+      AddSizeFinding("data.size", StoreFile::kData, scan_.data_bytes,
                      "text was written up to " + std::to_string(header.fileEnd));
     }
   }
@@ -185,13 +185,13 @@ class Examiner {
   // A store that was created and never written has two empty files; with its first record in flight, one record and a
   // marker in the data file. Anything else has lost its index.
   void CheckStoreWithoutHeader() {
-    if (look_.index_bytes == 0 && look_.data_bytes == 0) return;
-    if (look_.index_bytes == 0 && DataIsOneRecord()) {
-      look_.record_in_flight = true;
+    if (scan_.index_bytes == 0 && scan_.data_bytes == 0) return;
+    if (scan_.index_bytes == 0 && DataIsOneRecord()) {
+      scan_.record_in_flight = true;
       return;
     }
-    AddSizeFinding("index.size", StoreFile::kIndex, look_.index_bytes,
-                   "no header, but the data file holds " + std::to_string(look_.data_bytes) + " bytes");
+    AddSizeFinding("index.size", StoreFile::kIndex, scan_.index_bytes,
+                   "no header, but the data file holds " + std::to_string(scan_.data_bytes) + " bytes");
   }
 
   bool DataIsOneRecord() {
@@ -206,7 +206,7 @@ class Examiner {
 
   // The slot that the next record takes leads to it already. In a full ring that was the oldest record's slot.
   void FindRecordInFlight() {
-    const IndexHeader& header = look_.header;
+    const IndexHeader& header = scan_.header;
     const std::uint32_t next_slot = SlotForNewRecord(header);
     const std::optional<std::uint32_t> offset = SlotAt(next_slot);
     if (!offset.has_value()) return;
@@ -216,22 +216,22 @@ class Examiner {
           "a slot beyond those in use leads only to the record that is being written, at " +
               std::to_string(header.writePosition));
     }
-    look_.record_in_flight = is_slot_in_flight_;
+    scan_.record_in_flight = is_slot_in_flight_;
   }
 
   // Sets doubtful_end_: indexed text of an earlier round in front of it may be overwritten.
   void CheckMarker() {
-    const IndexHeader& header = look_.header;
+    const IndexHeader& header = scan_.header;
     const std::int64_t position = header.writePosition;
     const bool has_just_restarted = RecordsInRound(header) == 0;
     const std::string_view there = texts_.At(position, kMarkerBytes).substr(0, kMarkerBytes);
     if (has_just_restarted) {
-      doubtful_end_ = DoubtfulEndBehindRestart();
+      doubtful_end_ = DoubtfulEndAfterRestart();
     } else if (there == kEndMarker) {
       doubtful_end_ = position + kMarkerBytes;
     } else if (there.size() < kEndMarker.size() && kEndMarker.starts_with(there)) {
-      look_.marker_cut_short = true;
-      doubtful_end_ = look_.data_bytes;
+      scan_.marker_cut_short = true;
+      doubtful_end_ = scan_.data_bytes;
     } else {
       CheckTextAtWritePosition(there);
     }
@@ -239,31 +239,31 @@ class Examiner {
 
   // After a restart there is no marker at the new beginning: a new record shows only by its own marker, or, if that
   // covers the old one, by the text before the oldest record.
-  std::int64_t DoubtfulEndBehindRestart() {
+  std::int64_t DoubtfulEndAfterRestart() {
     if (const auto end = EndOfNewRecordAt(0)) return *end;
-    if (look_.header.highestIndex == 0) return 0;
-    const std::optional<std::uint32_t> oldest = SlotAt(look_.header.oldestIndex);
+    if (scan_.header.highestIndex == 0) return 0;
+    const std::optional<std::uint32_t> oldest = SlotAt(scan_.header.oldestIndex);
     const std::int64_t line_end = oldest.value_or(0) - kRecordBytesMin;
     const bool is_as_it_was = line_end < 0 || texts_.At(line_end, kRecordBytesMin).starts_with(kLineEnd);
-    return is_as_it_was ? 0 : look_.data_bytes;
+    return is_as_it_was ? 0 : scan_.data_bytes;
   }
 
   // In the marker's place there is something else: the next record, whole or cut short, or damage. A new record
   // may reach just to the marker of the round before, so only what resembles a marker, or cannot be text, is damage.
   void CheckTextAtWritePosition(std::string_view there) {
-    const std::int64_t position = look_.header.writePosition;
+    const std::int64_t position = scan_.header.writePosition;
     if (const auto end = EndOfNewRecordAt(position)) {
-      look_.record_in_flight = true;
+      scan_.record_in_flight = true;
       doubtful_end_ = *end;
       return;
     }
-    doubtful_end_ = look_.data_bytes;
-    const bool is_at_end = look_.data_bytes == position + kMarkerBytes;
-    const bool is_before_old_text = position < look_.header.fileEnd;
+    doubtful_end_ = scan_.data_bytes;
+    const bool is_at_end = scan_.data_bytes == position + kMarkerBytes;
+    const bool is_before_old_text = position < scan_.header.fileEnd;
     const bool is_damaged_marker = (is_at_end || is_before_old_text) && HasFewerBytesChangedThanKept(there, kEndMarker);
-    const bool is_text = FindNul(position, look_.data_bytes) == look_.data_bytes;
+    const bool is_text = FindNul(position, scan_.data_bytes) == scan_.data_bytes;
     if (is_slot_in_flight_ || (is_text && !is_damaged_marker)) {
-      look_.record_cut_short = !is_slot_in_flight_;
+      scan_.record_cut_short = !is_slot_in_flight_;
       return;
     }
     Add("data.marker", StoreFile::kData, position, there.empty() ? 0 : static_cast<unsigned char>(there[0]),
@@ -275,7 +275,7 @@ class Examiner {
   std::optional<std::int64_t> EndOfNewRecordAt(std::int64_t position) {
     const std::int64_t line_end = FindLineEndAndMarker(position);
     if (line_end < 0) return std::nullopt;
-    const bool is_old_marker = position < look_.header.fileEnd && line_end + kRecordBytesMin == look_.header.fileEnd;
+    const bool is_old_marker = position < scan_.header.fileEnd && line_end + kRecordBytesMin == scan_.header.fileEnd;
     if (is_old_marker) return std::nullopt;
     return line_end + static_cast<std::int64_t>(kLineEndAndMarker.size());
   }
@@ -283,22 +283,22 @@ class Examiner {
   // --- slots and records
 
   void WalkRecords() {
-    const std::uint32_t in_use = look_.header.highestIndex;
+    const std::uint32_t in_use = scan_.header.highestIndex;
     std::optional<WalkedRecord> before;
     for (std::uint32_t age = 0; age < in_use && !IsFull(); ++age) {
-      const bool is_replaced = age == 0 && is_slot_in_flight_ && in_use == look_.header.maxRecord;
+      const bool is_replaced = age == 0 && is_slot_in_flight_ && in_use == scan_.header.maxRecord;
       if (is_replaced) continue;  // the new record, not the oldest one
       std::optional<WalkedRecord> record = RecordOfAge(age);
       if (!record.has_value()) return;  // the file became shorter while it was read
-      record->is_told = !CheckSlot(*record, before);
-      if (before.has_value() && !record->is_told) CheckText(*before, EndOf(*before, &*record));
+      record->is_reported = !CheckSlot(*record, before);
+      if (before.has_value() && !record->is_reported) CheckText(*before, EndOf(*before, &*record));
       before = record;
     }
     if (before.has_value()) CheckText(*before, EndOf(*before, nullptr));
   }
 
   std::optional<WalkedRecord> RecordOfAge(std::uint32_t age) {
-    const IndexHeader& header = look_.header;
+    const IndexHeader& header = scan_.header;
     const std::uint32_t slot = SlotOfAge(header, age);
     const std::optional<std::uint32_t> offset = SlotAt(slot);
     if (!offset.has_value()) return std::nullopt;
@@ -314,7 +314,7 @@ class Examiner {
   // Where the text of the record's round ends: at writePosition, or where the round before was left. Unset: overwritten
   // since.
   std::optional<std::int64_t> EndOfRound(const WalkedRecord& record) const {
-    const IndexHeader& header = look_.header;
+    const IndexHeader& header = scan_.header;
     if (record.is_current) return header.writePosition;
     const bool is_known = record.is_previous && header.fileEnd > header.writePosition;
     return is_known ? std::optional<std::int64_t>(header.fileEnd) : std::nullopt;
@@ -326,7 +326,7 @@ class Examiner {
       AddSlotFinding("slot.round-start", record, "the data file was restarted with this record, so it is at 0");
       return false;
     }
-    const std::int64_t end = EndOfRound(record).value_or(look_.data_bytes);
+    const std::int64_t end = EndOfRound(record).value_or(scan_.data_bytes);
     if (record.offset + kRecordBytesMin > end) {
       AddSlotFinding("slot.outside", record, "the text of its round ends at " + std::to_string(end));
       return false;
@@ -356,10 +356,10 @@ class Examiner {
 
   // A record ends with CR LF where the next one begins, and holds no NUL: a writer's texts end at their first NUL.
   void CheckText(const WalkedRecord& record, std::optional<std::int64_t> end) {
-    if (record.is_told) return;
+    if (record.is_reported) return;
     const bool may_be_overwritten = !record.is_current && (!record.is_previous || record.offset < doubtful_end_);
     if (may_be_overwritten || !end.has_value()) {
-      ++look_.overwritten_records;
+      ++scan_.overwritten_records;
       return;
     }
     const std::int64_t begin = record.offset;
@@ -388,7 +388,7 @@ class Examiner {
       is_cut = is_cut || FindTextEnd(bytes) != bytes.size();
       at += static_cast<std::int64_t>(bytes.size());
     }
-    look_.cut_records += is_cut ? 1 : 0;
+    scan_.cut_records += is_cut ? 1 : 0;
   }
 
   // --- reading
@@ -444,10 +444,10 @@ class Examiner {
 
   // --- findings
 
-  bool IsFull() const { return look_.findings.size() >= kFindingsMax; }
+  bool IsFull() const { return scan_.findings.size() >= kFindingsMax; }
 
   void Add(std::string_view rule, StoreFile file, std::int64_t offset, std::uint64_t value, std::string explanation) {
-    if (!IsFull()) look_.findings.push_back({rule, file, offset, value, std::move(explanation)});
+    if (!IsFull()) scan_.findings.push_back({rule, file, offset, value, std::move(explanation)});
   }
 
   void AddHeaderFinding(std::string_view rule, std::size_t member, std::uint32_t value, std::string explanation) {
@@ -468,24 +468,24 @@ class Examiner {
   ByteSource& data_;
   WindowedBytes slots_;
   WindowedBytes texts_;
-  StoreLook look_;
+  StoreScan scan_;
   bool is_slot_in_flight_ = false;
   std::int64_t doubtful_end_ = 0;
 };
 
 }  // namespace
 
-StoreLook LookAtStore(ByteSource& index, ByteSource& data) { return Examiner(index, data).Look(); }
+StoreScan ScanStore(ByteSource& index, ByteSource& data) { return Examiner(index, data).Scan(); }
 
 namespace {
 
-constexpr int kLooksMax = 5;
-constexpr int kHeaderLooksMax = 2;
+constexpr int kScansMax = 5;
+constexpr int kHeaderScansMax = 2;
 constexpr long kPauseNanoseconds = 20'000'000;
 
 void Pause() {
   const timespec pause = {.tv_sec = 0, .tv_nsec = kPauseNanoseconds};
-  (void)nanosleep(&pause, nullptr);  // a shorter pause only makes a look more
+  (void)nanosleep(&pause, nullptr);  // a shorter pause only makes a scan more
 }
 
 // An open file of the store, or why there is none.
@@ -504,7 +504,7 @@ Finding MissingFile(StoreFile file) {
   return {"file.missing", file, 0, 0, "the next writer that opens this report starts it over"};
 }
 
-// Set when the files cannot be looked at.
+// Set when the files cannot be checked.
 std::optional<StoreVerdict> VerdictOnOpening(const Opened& index, const Opened& data) {
   const bool is_index_missing = index.error == ENOENT;
   const bool is_data_missing = data.error == ENOENT;
@@ -522,31 +522,31 @@ std::optional<StoreVerdict> VerdictOnOpening(const Opened& index, const Opened& 
   }
   if (!is_index_missing && !is_data_missing) return std::nullopt;
   verdict.state = StoreState::kDamaged;
-  verdict.look.findings.push_back(MissingFile(is_index_missing ? StoreFile::kIndex : StoreFile::kData));
+  verdict.scan.findings.push_back(MissingFile(is_index_missing ? StoreFile::kIndex : StoreFile::kData));
   return verdict;
 }
 
-bool IsSameMoment(const StoreLook& look, const StoreLook& before) {
-  return look.header == before.header && look.index_bytes == before.index_bytes && look.data_bytes == before.data_bytes;
+bool IsSameMoment(const StoreScan& scan, const StoreScan& before) {
+  return scan.header == before.header && scan.index_bytes == before.index_bytes && scan.data_bytes == before.data_bytes;
 }
 
-// Looks with `look_at` until the verdict is certain, at most `looks_max` times.
-template <typename LookAt>
-StoreVerdict Verify(const std::string& base_path, int looks_max, LookAt look_at) {
+// Scans with `scan_store` until the verdict is certain, at most `scans_max` times.
+template <typename ScanFunction>
+StoreVerdict Verify(const std::string& base_path, int scans_max, ScanFunction scan_store) {
   StoreVerdict verdict;
-  std::optional<StoreLook> before;
-  for (int looks = 0; looks < looks_max; ++looks) {
+  std::optional<StoreScan> before;
+  for (int scans = 0; scans < scans_max; ++scans) {
     Opened index(IndexFileName(base_path));
     Opened data(DataFileName(base_path));
     if (auto failed = VerdictOnOpening(index, data)) return *std::move(failed);
-    verdict.look = look_at(index.bytes, data.bytes);
+    verdict.scan = scan_store(index.bytes, data.bytes);
     if (auto failed = VerdictOnOpening(index, data)) return *std::move(failed);  // a read may have failed since
-    if (verdict.look.findings.empty()) return verdict;
-    if (before.has_value() && IsSameMoment(verdict.look, *before) && verdict.look.findings == before->findings) {
+    if (verdict.scan.findings.empty()) return verdict;
+    if (before.has_value() && IsSameMoment(verdict.scan, *before) && verdict.scan.findings == before->findings) {
       verdict.state = StoreState::kDamaged;
       return verdict;
     }
-    before = verdict.look;
+    before = verdict.scan;
     Pause();
   }
   verdict.state = StoreState::kChanged;
@@ -555,11 +555,11 @@ StoreVerdict Verify(const std::string& base_path, int looks_max, LookAt look_at)
 
 }  // namespace
 
-StoreVerdict VerifyStore(const std::string& base_path) { return Verify(base_path, kLooksMax, LookAtStore); }
+StoreVerdict VerifyStore(const std::string& base_path) { return Verify(base_path, kScansMax, ScanStore); }
 
 StoreVerdict VerifyHeader(const std::string& base_path) {
-  const auto look_at = [](ByteSource& index, ByteSource& data) { return Examiner(index, data).LookAtHeader(); };
-  return Verify(base_path, kHeaderLooksMax, look_at);
+  const auto scan_store = [](ByteSource& index, ByteSource& data) { return Examiner(index, data).ScanHeader(); };
+  return Verify(base_path, kHeaderScansMax, scan_store);
 }
 
 }  // namespace qx::report

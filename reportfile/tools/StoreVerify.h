@@ -36,7 +36,7 @@ struct Finding {
 inline constexpr std::size_t kFindingsMax = 100;
 
 // What one pass over the two files saw.
-struct StoreLook {
+struct StoreScan {
   IndexHeader header;  // that of a new store if the index file holds none
   std::int64_t index_bytes = 0;
   std::int64_t data_bytes = 0;
@@ -56,31 +56,31 @@ struct StoreLook {
 //
 // Costs: a read of every indexed record once; about 130 KiB of memory whatever the bytes are; a header that claims more
 // than the files hold ends the pass at kFindingsMax findings. Failure: what cannot be read is not there. [any thread]
-[[nodiscard]] StoreLook LookAtStore(ByteSource& index, ByteSource& data);
+[[nodiscard]] StoreScan ScanStore(ByteSource& index, ByteSource& data);
 
 enum class StoreState {
   kSound,
-  kDamaged,     // the findings were there twice, and nothing was written between the two looks
-  kChanged,     // there were findings, but each time something was written during the look
+  kDamaged,     // the findings were there twice, and nothing was written between the two scans
+  kChanged,     // there were findings, but each time something was written during the scan
   kNotFound,    // neither file exists
   kUnreadable,  // a file cannot be opened or read
 };
 
 struct StoreVerdict {
   StoreState state = StoreState::kSound;
-  StoreLook look;    // the last one
+  StoreScan scan;    // the last one
   int error = 0;     // kUnreadable: the error number ...
   std::string file;  // ... and the file
 };
 
-// Looks at `base_path`.ind and `base_path`.dat until the verdict is certain: a look without findings says sound, also
+// Scans `base_path`.ind and `base_path`.dat until the verdict is certain: a scan without findings says sound, also
 // while a writer is at work; findings count once they were seen twice, 20 ms apart, with the same header. After five
-// looks it gives up with kChanged. A store of which one file is missing is damaged. [any thread]
+// scans it gives up with kChanged. A store of which one file is missing is damaged. [any thread]
 [[nodiscard]] StoreVerdict VerifyStore(const std::string& base_path);
 
 // The beginning of VerifyStore, for programs that are about to read or append to the report: the header, then the sizes
-// of the files. Costs two opens and one read. On a contradiction it looks once more, 20 ms later, because a writer may
-// be at work: kDamaged means that both looks saw the same. [any thread]
+// of the files. Costs two opens and one read. On a contradiction it scans once more, 20 ms later, because a writer may
+// be at work: kDamaged means that both scans saw the same. [any thread]
 [[nodiscard]] StoreVerdict VerifyHeader(const std::string& base_path);
 
 }  // namespace qx::report

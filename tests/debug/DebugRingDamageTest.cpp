@@ -149,7 +149,7 @@ struct LeftRing {
     EXPECT_TRUE(setup.OpenRing(kSize));
     return Undated(setup.Ring());
   }
-  bool HasRestartedAnew() {
+  bool HasRestarted() {
     const std::string ring = Restarted();
     return setup.Opens() == 1 && setup.Wraps() == 0 && ring.size() == kSize && ring.find("newest") == std::string::npos;
   }
@@ -162,7 +162,7 @@ TEST(DebugRingDamage, FileOfAnotherSizeIsCreatedAgain) {
   for (const std::size_t size : {0U, 1U, 640U, 32767U, 32769U, 65536U}) {
     LeftRing left;
     std::filesystem::resize_file(left.setup.RingPath(), size);
-    EXPECT_TRUE(left.HasRestartedAnew()) << size;
+    EXPECT_TRUE(left.HasRestarted()) << size;
   }
 }
 

@@ -60,32 +60,32 @@ Formatted ExpectSame(std::size_t size, const char* format, ...) {
 }
 
 TEST(FormatText, ConversionsOfTracesAreThoseOfTheCLibrary) {
-  constexpr std::size_t kRoom = 200;
-  EXPECT_EQ(ExpectSame(kRoom, "plain").text, "plain");
-  EXPECT_EQ(ExpectSame(kRoom, "").result, 0);
-  EXPECT_EQ(ExpectSame(kRoom, "%s, %d of %d", "name", 7, -1000).text, "name, 7 of -1000");
-  EXPECT_EQ(ExpectSame(kRoom, "%d", std::numeric_limits<int>::min()).text, "-2147483648");
-  EXPECT_EQ(ExpectSame(kRoom, "%ld", std::numeric_limits<long>::min()).text, "-9223372036854775808");
-  EXPECT_EQ(ExpectSame(kRoom, "%zu", std::numeric_limits<std::size_t>::max()).text, "18446744073709551615");
-  EXPECT_EQ(ExpectSame(kRoom, "0x%08X 0x%02X 0x%04x", 0xA1BU, 0xFFFU, 0xABU).text, "0x00000A1B 0xFFF 0x00ab");
-  EXPECT_EQ(ExpectSame(kRoom, "%6d|%06d", -12, -12).text, "   -12|-00012");
-  EXPECT_EQ(ExpectSame(kRoom, "0x%p", reinterpret_cast<void*>(0x1F0A)).text, "0x0x1f0a");
-  EXPECT_EQ(ExpectSame(kRoom, "100%%").text, "100%");
+  constexpr std::size_t kSpace = 200;
+  EXPECT_EQ(ExpectSame(kSpace, "plain").text, "plain");
+  EXPECT_EQ(ExpectSame(kSpace, "").result, 0);
+  EXPECT_EQ(ExpectSame(kSpace, "%s, %d of %d", "name", 7, -1000).text, "name, 7 of -1000");
+  EXPECT_EQ(ExpectSame(kSpace, "%d", std::numeric_limits<int>::min()).text, "-2147483648");
+  EXPECT_EQ(ExpectSame(kSpace, "%ld", std::numeric_limits<long>::min()).text, "-9223372036854775808");
+  EXPECT_EQ(ExpectSame(kSpace, "%zu", std::numeric_limits<std::size_t>::max()).text, "18446744073709551615");
+  EXPECT_EQ(ExpectSame(kSpace, "0x%08X 0x%02X 0x%04x", 0xA1BU, 0xFFFU, 0xABU).text, "0x00000A1B 0xFFF 0x00ab");
+  EXPECT_EQ(ExpectSame(kSpace, "%6d|%06d", -12, -12).text, "   -12|-00012");
+  EXPECT_EQ(ExpectSame(kSpace, "0x%p", reinterpret_cast<void*>(0x1F0A)).text, "0x0x1f0a");
+  EXPECT_EQ(ExpectSame(kSpace, "100%%").text, "100%");
 }
 
 TEST(FormatText, UnknownConversionsAreLeftToTheCLibrary) {
-  constexpr std::size_t kRoom = 200;
+  constexpr std::size_t kSpace = 200;
   const char* const null_text = nullptr;
-  EXPECT_EQ(ExpectSame(kRoom, "0x%p", static_cast<void*>(nullptr)).text, "0x(nil)");
-  EXPECT_EQ(ExpectSame(kRoom, "%d %s", 1, null_text).text, "1 (null)");
-  EXPECT_EQ(ExpectSame(kRoom, "%d %-6s|%.2s|%6s", 1, "abc", "abc", "abc").text, "1 abc   |ab|   abc");
-  EXPECT_EQ(ExpectSame(kRoom, "%+d %-5d| %.3d %#x %hd", 1, 2, 3, 4U, 0x10005).text, "+1 2    | 003 0x4 5");
-  EXPECT_EQ(ExpectSame(kRoom, "%*d|%-*d|", 5, 1, 5, 2).text, "    1|2    |");
-  EXPECT_EQ(ExpectSame(kRoom, "%lld %.2f %c", 5LL, 1.5, 'x').text, "5 1.50 x");
-  EXPECT_EQ(ExpectSame(kRoom, "%150d", 5).result, 150);
-  EXPECT_EQ(ExpectSame(kRoom, "%1000d", 5).result, 1000);
+  EXPECT_EQ(ExpectSame(kSpace, "0x%p", static_cast<void*>(nullptr)).text, "0x(nil)");
+  EXPECT_EQ(ExpectSame(kSpace, "%d %s", 1, null_text).text, "1 (null)");
+  EXPECT_EQ(ExpectSame(kSpace, "%d %-6s|%.2s|%6s", 1, "abc", "abc", "abc").text, "1 abc   |ab|   abc");
+  EXPECT_EQ(ExpectSame(kSpace, "%+d %-5d| %.3d %#x %hd", 1, 2, 3, 4U, 0x10005).text, "+1 2    | 003 0x4 5");
+  EXPECT_EQ(ExpectSame(kSpace, "%*d|%-*d|", 5, 1, 5, 2).text, "    1|2    |");
+  EXPECT_EQ(ExpectSame(kSpace, "%lld %.2f %c", 5LL, 1.5, 'x').text, "5 1.50 x");
+  EXPECT_EQ(ExpectSame(kSpace, "%150d", 5).result, 150);
+  EXPECT_EQ(ExpectSame(kSpace, "%1000d", 5).result, 1000);
   errno = ENOENT;
-  EXPECT_EQ(ExpectSame(kRoom, "%d %m", 1).text, "1 No such file or directory");
+  EXPECT_EQ(ExpectSame(kSpace, "%d %m", 1).text, "1 No such file or directory");
 }
 
 TEST(FormatText, TextIsCutAsByTheCLibraryForEveryBuffer) {

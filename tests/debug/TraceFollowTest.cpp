@@ -34,14 +34,14 @@ class Followed {
   }
 
   // Polls until nothing is pending.
-  void Look() {
-    for (bool is_pending = true; is_pending;) is_pending = LookOnce();
+  void Poll() {
+    for (bool is_pending = true; is_pending;) is_pending = PollOnce();
   }
 
-  bool LookOnce() {
-    const debug::TraceLook look = follower_.Look();
-    for (const TraceFollowEvent& event : look.events) Take(event);
-    return look.is_pending;
+  bool PollOnce() {
+    const debug::TracePoll poll = follower_.Poll();
+    for (const TraceFollowEvent& event : poll.events) Take(event);
+    return poll.is_pending;
   }
 
   // The returned texts that begin with "entry", without their further lines.
@@ -49,7 +49,7 @@ class Followed {
   int Restarts() const { return restarts_; }
   std::uint64_t LostBytes() const { return lost_bytes_; }
   // True if entries were lost after the text of that index, or lines belong to no known entry.
-  bool HasLossAfter(std::size_t index) const { return losses_behind_.contains(index + 1); }
+  bool HasLossAfter(std::size_t index) const { return losses_after_.contains(index + 1); }
   void Forget() { texts_.clear(); }
 
  private:
@@ -57,9 +57,9 @@ class Followed {
     if (event.kind == TraceFollowEvent::Kind::kRestart) ++restarts_;
     if (event.kind == TraceFollowEvent::Kind::kLost) {
       lost_bytes_ += event.bytes;
-      losses_behind_.insert(texts_.size());
+      losses_after_.insert(texts_.size());
     }
-    if (event.entry.kind == TraceEntry::Kind::kPiece) losses_behind_.insert(texts_.size());
+    if (event.entry.kind == TraceEntry::Kind::kPiece) losses_after_.insert(texts_.size());
     if (event.kind != TraceFollowEvent::Kind::kEntry) return;
     const std::string text = TextOf(event.entry);
     if (event.entry.kind == TraceEntry::Kind::kRest && !texts_.empty()) texts_.back() += text;
@@ -70,7 +70,7 @@ class Followed {
   std::vector<std::string> texts_;
   int restarts_ = 0;
   std::uint64_t lost_bytes_ = 0;
-  std::set<std::size_t> losses_behind_;
+  std::set<std::size_t> losses_after_;
 };
 
 std::string NumberedText(int number, std::size_t extra) {
@@ -151,7 +151,7 @@ TEST_P(TraceFollow, EveryEntryIsReturnedOnceAcrossWraps) {
   for (int round = 0; round < 300; ++round) {
     writer.SetStep(round < 150 ? 0 : 1);  // in the first half all stamps are equal
     writer.Write(static_cast<int>(random() % 12));
-    followed.Look();
+    followed.Poll();
     ASSERT_EQ(followed.Texts(), writer.Written()) << "round " << round;
   }
   EXPECT_EQ(followed.LostBytes(), 0U);
@@ -165,10 +165,10 @@ TEST_P(TraceFollow, EntriesAreInOrderAndLossesAreReported) {
     Followed followed(writer.Path());
     for (int round = 0; round < 50; ++round) {
       writer.Write(static_cast<int>(random() % 12 * (random() % 30)));
-      (void)followed.LookOnce();
+      (void)followed.PollOnce();
     }
     writer.Write(writer.Written().size() % 5 == 0 ? 2 : 1);  // further lines of the newest entry would not be returned
-    followed.Look();
+    followed.Poll();
     ExpectInOrderAndLossesReported(followed, writer.Written());
   }
 }
@@ -177,10 +177,10 @@ TEST_P(TraceFollow, FromNowLeavesOutExistingEntries) {
   Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
   writer.Write(200);
   Followed followed(writer.Path(), true);
-  followed.Look();
+  followed.Poll();
   EXPECT_THAT(followed.Texts(), IsEmpty());
   writer.Write(5);
-  followed.Look();
+  followed.Poll();
   EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().end() - 5, writer.Written().end()));
 }
 
@@ -188,10 +188,10 @@ TEST_P(TraceFollow, LossIsReportedIfTheWriterLapsTheReader) {
   Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
   Followed followed(writer.Path());
   writer.Write(3);
-  followed.Look();
+  followed.Poll();
   followed.Forget();
   writer.Write(2000);
-  followed.Look();
+  followed.Poll();
   std::size_t written_bytes = 0;
   for (const std::string& text : writer.Written()) written_bytes += text.size() + TraceSetup::kHeaderBytes;
   EXPECT_GT(followed.LostBytes(), written_bytes / 2);
@@ -202,7 +202,7 @@ TEST_P(TraceFollow, LossIsReportedIfTheWriterLapsTheReader) {
                                             writer.Written().end()));
   followed.Forget();
   writer.Write(4);
-  followed.Look();
+  followed.Poll();
   EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().end() - 4, writer.Written().end()));
 }
 
@@ -217,12 +217,12 @@ TEST(TraceFollowRestart, LogThatIsStartedOverIsFollowedFromItsBeginning) {
   Writer writer(4000);
   writer.Write(20);
   Followed followed(writer.Path());
-  followed.Look();
+  followed.Poll();
   writer.Start();
-  followed.Look();
+  followed.Poll();
   followed.Forget();
   writer.Write(30);
-  followed.Look();
+  followed.Poll();
   EXPECT_EQ(followed.Restarts(), 1);
   EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().begin() + 20, writer.Written().end()));
 }
@@ -231,11 +231,11 @@ TEST(TraceFollowRestart, RestartBetweenTwoSnapshotsIsNoticedForEverySize) {
   Writer writer(100000);
   writer.Write(5);
   Followed followed(writer.Path());
-  followed.Look();
+  followed.Poll();
   followed.Forget();
   writer.Start();
   writer.Write(50);
-  followed.Look();
+  followed.Poll();
   EXPECT_EQ(followed.Restarts(), 1);
   EXPECT_EQ(followed.Texts(), std::vector<std::string>(writer.Written().begin() + 5, writer.Written().end()));
 }
@@ -244,10 +244,10 @@ TEST(TraceFollowRestart, RingOfTheNextRunContinuesWithoutARestart) {
   Writer writer(51200, 40000);
   writer.Write(20);
   Followed followed(writer.Path());
-  followed.Look();
+  followed.Poll();
   writer.Start();
   writer.Write(20);
-  followed.Look();
+  followed.Poll();
   EXPECT_EQ(followed.Restarts(), 0);
   EXPECT_EQ(followed.Texts(), writer.Written());
 }
@@ -257,12 +257,12 @@ TEST(TraceFollowRestart, FileThatIsReplacedIsFollowedAfterItsLastEntries) {
   const std::string entry = "2026-01-31 10:20:30.001 [0A1B2C3D] App           entry ";
   WriteFile(dir.File("log"), entry + "1\n");
   Followed followed(dir.File("log"));
-  followed.Look();
+  followed.Poll();
   WriteFile(dir.File("log"), entry + "1\n" + entry + "2\n");
   std::filesystem::rename(dir.File("log"), dir.File("old"));
-  followed.Look();
+  followed.Poll();
   WriteFile(dir.File("log"), entry + "3\n");
-  followed.Look();
+  followed.Poll();
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n", "entry 3\n"));
   EXPECT_EQ(followed.Restarts(), 1);
 }
@@ -276,7 +276,7 @@ TEST(TraceFollowRestart, RingThatIsStillBeingMadeIsFollowedFromItsFirstEntry) {
   Followed followed(dir.File("ring"));
   for (const std::size_t size : {0U, 300U, 1024U, 5000U, 39999U, 40000U}) {
     WriteFile(dir.File("ring"), ring.substr(0, size));
-    followed.Look();
+    followed.Poll();
     if (size < 5001) {
       EXPECT_THAT(followed.Texts(), IsEmpty()) << size;
     }
@@ -289,10 +289,10 @@ TEST(TraceFollowRestart, PartOfAnEntryIsNotReturned) {
   const std::string entry = "2026-01-31 10:20:30.001 [0A1B2C3D] App           entry ";
   WriteFile(dir.File("log"), entry + "1\n" + entry);
   Followed followed(dir.File("log"));
-  followed.Look();
+  followed.Poll();
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n"));
   WriteFile(dir.File("log"), entry + "1\n" + entry + "2\n");
-  followed.Look();
+  followed.Poll();
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n"));
 }
 
@@ -301,10 +301,10 @@ TEST(TraceFollowRestart, EntryIsReturnedOnceItIsWholeAlsoAfterALongTime) {
   const std::string entry = "2026-01-31 10:20:30.001 [0A1B2C3D] App           entry ";
   WriteFile(dir.File("log"), entry + "1\n" + entry + "2 and what stood there\n");
   Followed followed(dir.File("log"), false, std::chrono::hours(1));
-  for (int look = 0; look < 10; ++look) EXPECT_TRUE(followed.LookOnce());
+  for (int poll = 0; poll < 10; ++poll) EXPECT_TRUE(followed.PollOnce());
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n"));
   WriteFile(dir.File("log"), entry + "1\n" + entry + "2 and what belongs here\n" + entry + "3\n");
-  EXPECT_TRUE(followed.LookOnce());
+  EXPECT_TRUE(followed.PollOnce());
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2 and what belongs here\n"));
 }
 
@@ -313,11 +313,11 @@ TEST(TraceFollowRestart, NewestEntryOfAReplacedFileIsReturned) {
   const std::string entry = "2026-01-31 10:20:30.001 [0A1B2C3D] App           entry ";
   WriteFile(dir.File("log"), entry + "1\n");
   Followed followed(dir.File("log"), false, std::chrono::hours(1));
-  EXPECT_TRUE(followed.LookOnce());
+  EXPECT_TRUE(followed.PollOnce());
   ASSERT_EQ(std::rename(dir.File("log").c_str(), dir.File("older").c_str()), 0);
   WriteFile(dir.File("log"), entry + "2\n" + entry + "3\n");
-  EXPECT_TRUE(followed.LookOnce());
-  EXPECT_TRUE(followed.LookOnce());
+  EXPECT_TRUE(followed.PollOnce());
+  EXPECT_TRUE(followed.PollOnce());
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n"));
 }
 
@@ -329,9 +329,9 @@ TEST(TraceFollowRestart, LogIsReadToItsEndWhateverItsReportedSize) {
   const auto follower = debug::MakeLogFollower(false, {});
   std::string text;
   for (int i = 0; i < 2; ++i) {
-    debug::TraceLook look;
-    follower->Look(file, false, look);
-    for (const TraceFollowEvent& event : look.events) text += TextOf(event.entry);
+    debug::TracePoll poll;
+    follower->Poll(file, false, poll);
+    for (const TraceFollowEvent& event : poll.events) text += TextOf(event.entry);
   }
   EXPECT_EQ(text, ReadFile("/proc/version"));
 }
@@ -349,12 +349,12 @@ TEST(TraceFollowRestart, EntryOverOlderBytesIsReturnedOnceItIsWhole) {
   const TempDir dir;
   WriteFile(dir.File("log"), before);
   Followed followed(dir.File("log"));
-  followed.Look();
+  followed.Poll();
   followed.Forget();
   WriteFile(dir.File("log"), after.substr(0, half) + before.substr(half));
-  EXPECT_TRUE(followed.LookOnce());
+  EXPECT_TRUE(followed.PollOnce());
   WriteFile(dir.File("log"), after);
-  followed.Look();
+  followed.Poll();
   EXPECT_THAT(followed.Texts(), ElementsAre(writer.Written().back()));
 }
 
@@ -373,9 +373,9 @@ TEST_P(TraceFollowThreads, LiveWriterIsFollowedWithoutRepeatsOrSilentLosses) {
     }
     is_done = true;
   });
-  while (!is_done) (void)followed.LookOnce();
+  while (!is_done) (void)followed.PollOnce();
   thread.join();
-  followed.Look();
+  followed.Poll();
   ExpectInOrderAndLossesReported(followed, writer.Written());
 }
 

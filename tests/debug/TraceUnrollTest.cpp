@@ -85,9 +85,9 @@ std::size_t NumberOf(const TraceEntry& entry) { return std::stoul(entry.lines.at
 
 // The number of whole entries in the bytes: their headers begin a line.
 std::size_t EntriesIn(const std::string& bytes) {
-  const std::string_view behind_stamp = "] QxTrace       entry ";
+  const std::string_view after_stamp = "] QxTrace       entry ";
   std::size_t count = 0;
-  for (std::size_t at = 0; (at = bytes.find(behind_stamp, at)) != std::string::npos; ++at) {
+  for (std::size_t at = 0; (at = bytes.find(after_stamp, at)) != std::string::npos; ++at) {
     const std::size_t begin = bytes.rfind('\n', at) + 1;
     if (at - begin == 33) ++count;
   }

@@ -152,7 +152,7 @@ TEST_F(QxctlDoctor, Qx105OthersMayWriteTheModuleOrItsDirectory) {
 
 TEST_F(QxctlDoctor, Qx106CheckingAnotherModuleThanTheInstalledOne) {
   fs::copy_file(ModulePath(), Dir().File("another.so"));
-  EXPECT_THAT(Found({"--module", Dir().File("another.so")}), Has("QX106 info looked at " + Dir().File("another.so")));
+  EXPECT_THAT(Found({"--module", Dir().File("another.so")}), Has("QX106 info checked " + Dir().File("another.so")));
 }
 
 TEST_F(QxctlDoctor, Qx201ThereIsNoRegistry) {

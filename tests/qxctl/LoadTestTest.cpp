@@ -148,7 +148,7 @@ TEST_F(QxctlLoadTestThreads, ModuleThatStaysMappedIsFound) { EXPECT_THAT(Finding
 
 TEST_F(QxctlLoadTestThreads, ServingARefusedCallerIsAFailure) {
   const Ran refused = LoadTest({"--requests", "100", "--report", "load", "--user", "bob"});
-  EXPECT_EQ(refused.code, 5) << "nothing to measure: the first look is refused";
+  EXPECT_EQ(refused.code, 5) << "nothing to measure: the first poll is refused";
   EXPECT_THAT(refused.err, HasSubstr("AccessPerformanceMgr"));
 }
 

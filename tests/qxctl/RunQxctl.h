@@ -56,7 +56,7 @@ std::string QxctlPath();
 std::string ModulePath();
 std::string FakeModulePath();
 
-// A working directory with a report directory below it, where the module looks when no registry says otherwise.
+// A working directory with a report directory below it, where the module polls when no registry says otherwise.
 class QxctlFixture {
  public:
   QxctlFixture();

@@ -259,12 +259,12 @@ TEST_F(QxctlTrace, TransferTracedIntoARingShowsTheEntriesOfTheLog) {
     const Ran ran = Qxctl({"module", "reports", "load", "--trace", directory, "--trace-level", "6"}, start);
     EXPECT_EQ(ran.code, 0) << ran.err;
     std::vector<std::string> shown;
-    bool is_behind_header = false;
+    bool is_after_header = false;
     const json document = ShowJson({directory + "/" + file});
     for (const json& entry : document["entries"]) {
       const std::string text = entry["text"].is_null() ? "" : entry["text"].get<std::string>();
-      if (is_behind_header && !text.starts_with("### ")) shown.push_back(entry["module"].get<std::string>() + text);
-      if (text == "# End of header.") is_behind_header = true;
+      if (is_after_header && !text.starts_with("### ")) shown.push_back(entry["module"].get<std::string>() + text);
+      if (text == "# End of header.") is_after_header = true;
     }
     return shown;
   };

@@ -14,13 +14,13 @@ namespace qx::test {
 
 namespace {
 
-using report::LookEvent;
+using report::PollEvent;
 using report::ReportFollower;
-using report::ReportLook;
+using report::ReportPoll;
 using report::ReportPosition;
 
 struct Tally {
-  int looks = 0;
+  int polls = 0;
   int records = 0;
   int gaps = 0;
   int known_gaps = 0;
@@ -66,64 +66,64 @@ class Life {
   }
 
   // One poll, of which a random part is delivered.
-  void Look(Tally& tally) {
-    ReportLook look;
-    ASSERT_TRUE(follower_->Look(1 + Below(80), look));
+  void Poll(Tally& tally) {
+    ReportPoll poll;
+    ASSERT_TRUE(follower_->Poll(1 + Below(80), poll));
     const std::size_t count =
-        Below(4) == 0 ? Below(static_cast<std::uint32_t>(look.records.size()) + 1) : look.records.size();
-    Check(look, count, tally);
+        Below(4) == 0 ? Below(static_cast<std::uint32_t>(poll.records.size()) + 1) : poll.records.size();
+    Check(poll, count, tally);
     follower_->Delivered(count);
   }
 
   // Polls until there are no more records; nobody writes meanwhile.
-  void LookToTheEnd(Tally& tally) {
+  void PollToTheEnd(Tally& tally) {
     for (bool is_end = false; !is_end && !testing::Test::HasFatalFailure();) {
-      ReportLook look;
-      ASSERT_TRUE(follower_->Look(1 + Below(80), look));
-      Check(look, look.records.size(), tally);
-      follower_->Delivered(look.records.size());
-      is_end = look.reached_end && !look.was_outrun;
+      ReportPoll poll;
+      ASSERT_TRUE(follower_->Poll(1 + Below(80), poll));
+      Check(poll, poll.records.size(), tally);
+      follower_->Delivered(poll.records.size());
+      is_end = poll.reached_end && !poll.was_outrun;
     }
     ASSERT_EQ(delivered_to_, ring_.All().size()) << "records were lost without an event";
   }
 
  private:
-  void Check(const ReportLook& look, std::size_t count, Tally& tally) {
-    ++tally.looks;
-    tally.records += static_cast<int>(look.records.size());
-    tally.outrun += look.was_outrun ? 1 : 0;
-    switch (look.event) {
-      case LookEvent::kNone:
-        if (follower_->Position().overlap.empty()) delivered_to_ = StartOfRing(look);
-        ASSERT_FALSE(was_started_over_ && !look.records.empty()) << "another report, but no event";
+  void Check(const ReportPoll& poll, std::size_t count, Tally& tally) {
+    ++tally.polls;
+    tally.records += static_cast<int>(poll.records.size());
+    tally.outrun += poll.was_outrun ? 1 : 0;
+    switch (poll.event) {
+      case PollEvent::kNone:
+        if (follower_->Position().overlap.empty()) delivered_to_ = StartOfRing(poll);
+        ASSERT_FALSE(was_started_over_ && !poll.records.empty()) << "another report, but no event";
         break;
-      case LookEvent::kGap:
+      case PollEvent::kGap:
         ++tally.gaps;
-        SkipGap(look, tally);
+        SkipGap(poll, tally);
         break;
-      case LookEvent::kStartedOver:
+      case PollEvent::kStartedOver:
         ++tally.started_over;
         ASSERT_TRUE(was_started_over_);
-        was_started_over_ = count == 0 && !look.records.empty();  // then it is reported again
-        SkipGap(look, tally);
+        was_started_over_ = count == 0 && !poll.records.empty();  // then it is reported again
+        SkipGap(poll, tally);
         break;
-      case LookEvent::kAmbiguous:
+      case PollEvent::kAmbiguous:
         ++tally.ambiguous;
         SkipAmbiguous();
         break;
     }
     if (count > 0) was_started_over_ = false;
-    ExpectNext(look);
+    ExpectNext(poll);
     delivered_to_ += count;
   }
 
   // After a gap, the records are the ring from its oldest one on.
-  void SkipGap(const ReportLook& look, Tally& tally) {
-    const std::size_t start = StartOfRing(look);
+  void SkipGap(const ReportPoll& poll, Tally& tally) {
+    const std::size_t start = StartOfRing(poll);
     ASSERT_GE(start, delivered_to_) << "records are delivered twice";
-    if (look.lost.has_value()) {
+    if (poll.lost.has_value()) {
       ++tally.known_gaps;
-      ASSERT_EQ(start - delivered_to_, *look.lost);
+      ASSERT_EQ(start - delivered_to_, *poll.lost);
     }
     delivered_to_ = start;
   }
@@ -137,18 +137,18 @@ class Life {
 
   // The position, in the list of all records, of a poll that begins with the ring's oldest record. A writer may have
   // replaced that record by now, but its text shows the position.
-  std::size_t StartOfRing(const ReportLook& look) const {
+  std::size_t StartOfRing(const ReportPoll& poll) const {
     if (kinds_ != 0) return ring_.Gone();
-    if (look.records.empty()) return delivered_to_;
+    if (poll.records.empty()) return delivered_to_;
     const auto& all = ring_.All();
-    return static_cast<std::size_t>(std::find(all.begin(), all.end(), look.records.front()) - all.begin());
+    return static_cast<std::size_t>(std::find(all.begin(), all.end(), poll.records.front()) - all.begin());
   }
 
-  void ExpectNext(const ReportLook& look) const {
+  void ExpectNext(const ReportPoll& poll) const {
     const auto& all = ring_.All();
-    ASSERT_LE(delivered_to_ + look.records.size(), all.size());
+    ASSERT_LE(delivered_to_ + poll.records.size(), all.size());
     ASSERT_TRUE(
-        std::equal(look.records.begin(), look.records.end(), all.begin() + static_cast<std::ptrdiff_t>(delivered_to_)));
+        std::equal(poll.records.begin(), poll.records.end(), all.begin() + static_cast<std::ptrdiff_t>(delivered_to_)));
   }
 
   std::mt19937_64 random_;
@@ -171,8 +171,8 @@ TEST(ReportFollowerModel, DifferentRecordsAreDeliveredOnceOrReportedAsMissing) {
       SCOPED_TRACE("life " + std::to_string(i) + " step " + std::to_string(step));
       life.Append(life.Below(3) == 0 ? life.Below(200) : life.Below(10));
       if (life.Below(4) == 0) life.Resume();
-      life.Look(tally);
-      if (life.Below(3) == 0) life.LookToTheEnd(tally);
+      life.Poll(tally);
+      if (life.Below(3) == 0) life.PollToTheEnd(tally);
       if (life.Below(20) == 0) life.StartOver();
       if (HasFatalFailure()) return;
     }
@@ -191,10 +191,10 @@ TEST(ReportFollowerModel, WriterBetweenTwoReadsDoesNotChangeThat) {
     for (int step = 0; step < 8; ++step) {
       SCOPED_TRACE("life " + std::to_string(i) + " step " + std::to_string(step));
       life.LetTheWriterInBetween(1 + life.Below(100), 1 + life.Below(60));
-      life.Look(tally);
+      life.Poll(tally);
       life.KeepTheWriterOut();
       if (life.Below(2) == 0) life.Append(life.Below(150));
-      if (life.Below(3) == 0) life.LookToTheEnd(tally);
+      if (life.Below(3) == 0) life.PollToTheEnd(tally);
       if (HasFatalFailure()) return;
     }
   }
@@ -208,12 +208,12 @@ TEST(ReportFollowerModel, RepeatedRecordsAreDeliveredOnceOrReportedAsMissing) {
   for (int i = 0; i < 400; ++i) {
     Life life(seeds(), 40 + static_cast<std::uint32_t>(seeds() % 120), 1 + static_cast<unsigned>(seeds() % 5));
     life.Append(32 + life.Below(100));
-    life.LookToTheEnd(tally);
+    life.PollToTheEnd(tally);
     for (int step = 0; step < 8; ++step) {
       SCOPED_TRACE("life " + std::to_string(i) + " step " + std::to_string(step));
       life.Append(life.Below(3) == 0 ? life.Below(300) : life.Below(10));
       if (life.Below(4) == 0) life.Resume();
-      life.LookToTheEnd(tally);
+      life.PollToTheEnd(tally);
       if (HasFatalFailure()) return;
     }
   }

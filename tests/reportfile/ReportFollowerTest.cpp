@@ -9,9 +9,9 @@ namespace qx::test {
 
 namespace {
 
-using report::LookEvent;
+using report::PollEvent;
 using report::ReportFollower;
-using report::ReportLook;
+using report::ReportPoll;
 using report::ReportPosition;
 
 constexpr std::uint32_t kAll = 1000000;
@@ -27,11 +27,11 @@ void AppendNumbered(RingModel& ring, int first, int count) {
 }
 
 // A poll, of which everything is delivered.
-ReportLook Take(ReportFollower& follower, std::uint32_t count_max = kAll) {
-  ReportLook look;
-  EXPECT_TRUE(follower.Look(count_max, look));
-  follower.Delivered(look.records.size());
-  return look;
+ReportPoll Take(ReportFollower& follower, std::uint32_t count_max = kAll) {
+  ReportPoll poll;
+  EXPECT_TRUE(follower.Poll(count_max, poll));
+  follower.Delivered(poll.records.size());
+  return poll;
 }
 
 }  // namespace
@@ -40,10 +40,10 @@ TEST(ReportFollower, FirstPollReturnsEveryRecord) {
   RingModel ring(5);
   Append(ring, {"a", "b"});
   ReportFollower follower(ring);
-  const ReportLook look = Take(follower);
-  EXPECT_EQ(look.records, (Texts{"a", "b"}));
-  EXPECT_EQ(look.event, LookEvent::kNone);
-  EXPECT_TRUE(look.reached_end);
+  const ReportPoll poll = Take(follower);
+  EXPECT_EQ(poll.records, (Texts{"a", "b"}));
+  EXPECT_EQ(poll.event, PollEvent::kNone);
+  EXPECT_TRUE(poll.reached_end);
   EXPECT_EQ(follower.Position().next, 2U);
   EXPECT_EQ(follower.Position().delivered, 2U);
   EXPECT_EQ(follower.Position().overlap.size(), 2U);
@@ -65,8 +65,8 @@ TEST(ReportFollower, UndeliveredRecordsAreReturnedAgain) {
   RingModel ring(9);
   Append(ring, {"a", "b", "c"});
   ReportFollower follower(ring);
-  ReportLook look;
-  ASSERT_TRUE(follower.Look(kAll, look));
+  ReportPoll poll;
+  ASSERT_TRUE(follower.Poll(kAll, poll));
   follower.Delivered(1);
   EXPECT_EQ(Take(follower).records, (Texts{"b", "c"}));
 }
@@ -78,10 +78,10 @@ TEST(ReportFollower, SavedPositionContinuesInANewFollower) {
   Take(first, 35);
   AppendNumbered(ring, 40, 10);
   ReportFollower second(ring, first.Position());
-  const ReportLook look = Take(second);
-  EXPECT_EQ(look.event, LookEvent::kNone);
-  EXPECT_EQ(look.records.size(), 15U);
-  EXPECT_EQ(look.records.front(), "35");
+  const ReportPoll poll = Take(second);
+  EXPECT_EQ(poll.event, PollEvent::kNone);
+  EXPECT_EQ(poll.records.size(), 15U);
+  EXPECT_EQ(poll.records.front(), "35");
 }
 
 TEST(ReportFollower, ReplacedRecordsAreAGapAndTheRestIsDelivered) {
@@ -90,11 +90,11 @@ TEST(ReportFollower, ReplacedRecordsAreAGapAndTheRestIsDelivered) {
   ReportFollower follower(ring);
   Take(follower);
   Append(ring, {"d", "e", "f", "g"});
-  const ReportLook look = Take(follower);
-  EXPECT_EQ(look.event, LookEvent::kGap);
-  EXPECT_EQ(look.lost, std::nullopt) << "the protocol does not show the number";
-  EXPECT_EQ(look.records, (Texts{"e", "f", "g"}));
-  EXPECT_EQ(Take(follower).event, LookEvent::kNone);
+  const ReportPoll poll = Take(follower);
+  EXPECT_EQ(poll.event, PollEvent::kGap);
+  EXPECT_EQ(poll.lost, std::nullopt) << "the protocol does not show the number";
+  EXPECT_EQ(poll.records, (Texts{"e", "f", "g"}));
+  EXPECT_EQ(Take(follower).event, PollEvent::kNone);
 }
 
 TEST(ReportFollower, GapWithoutADeliveryIsReportedAgain) {
@@ -103,10 +103,10 @@ TEST(ReportFollower, GapWithoutADeliveryIsReportedAgain) {
   ReportFollower follower(ring);
   Take(follower);
   Append(ring, {"c", "d"});
-  ReportLook look;
-  ASSERT_TRUE(follower.Look(kAll, look));
+  ReportPoll poll;
+  ASSERT_TRUE(follower.Poll(kAll, poll));
   follower.Delivered(0);
-  EXPECT_EQ(Take(follower).event, LookEvent::kGap);
+  EXPECT_EQ(Take(follower).event, PollEvent::kGap);
 }
 
 TEST(ReportFollower, ReportWithFewerRecordsWasStartedOver) {
@@ -115,8 +115,8 @@ TEST(ReportFollower, ReportWithFewerRecordsWasStartedOver) {
   ReportFollower follower(ring);
   Take(follower);
   ring.StartOver();
-  EXPECT_EQ(Take(follower).event, LookEvent::kStartedOver);
-  EXPECT_EQ(Take(follower).event, LookEvent::kNone) << "reported once";
+  EXPECT_EQ(Take(follower).event, PollEvent::kStartedOver);
+  EXPECT_EQ(Take(follower).event, PollEvent::kNone) << "reported once";
   Append(ring, {"x"});
   EXPECT_EQ(Take(follower).records, Texts{"x"});
 }
@@ -127,9 +127,9 @@ TEST(ReportFollower, EqualRecordsAreAmbiguousAndNoneIsDeliveredTwice) {
   ReportFollower follower(ring);
   Take(follower);
   Append(ring, {"ok"});
-  const ReportLook look = Take(follower);
-  EXPECT_EQ(look.event, LookEvent::kAmbiguous);
-  EXPECT_EQ(look.records, Texts{"ok"}) << "as if the ring had not advanced";
+  const ReportPoll poll = Take(follower);
+  EXPECT_EQ(poll.event, PollEvent::kAmbiguous);
+  EXPECT_EQ(poll.records, Texts{"ok"}) << "as if the ring had not advanced";
 }
 
 TEST(ReportFollower, FirstPollSearchesTheWholeRingForASecondPosition) {
@@ -140,7 +140,7 @@ TEST(ReportFollower, FirstPollSearchesTheWholeRingForASecondPosition) {
   AppendNumbered(ring, 1000, 2000);
   AppendNumbered(ring, 0, 40);
   ReportFollower second(ring, {2080, 40, first.Position().overlap});
-  EXPECT_EQ(Take(second).event, LookEvent::kAmbiguous);
+  EXPECT_EQ(Take(second).event, PollEvent::kAmbiguous);
 }
 
 TEST(ReportFollower, LaterPollsReadLittleAndStillFindAFarPosition) {
@@ -165,9 +165,9 @@ TEST(ReportFollower, RingThatAdvancesOverTheReadPositionRestartsThePoll) {
     if (++reads == 2) Append(ring, {"e", "f", "g"});
   });
   ReportFollower follower(ring);
-  const ReportLook look = Take(follower);
-  EXPECT_EQ(look.records, (Texts{"d", "e", "f", "g"}));
-  EXPECT_EQ(look.event, LookEvent::kNone);
+  const ReportPoll poll = Take(follower);
+  EXPECT_EQ(poll.records, (Texts{"d", "e", "f", "g"}));
+  EXPECT_EQ(poll.event, PollEvent::kNone);
 }
 
 TEST(ReportFollower, GapThatAppearsDuringAPollHasASize) {
@@ -182,11 +182,11 @@ TEST(ReportFollower, GapThatAppearsDuringAPollHasASize) {
     is_done = true;
     AppendNumbered(ring, 50, 42);
   });
-  const ReportLook look = Take(follower);
-  EXPECT_EQ(look.event, LookEvent::kGap);
-  EXPECT_EQ(look.lost, 2U);
-  EXPECT_EQ(look.records.front(), "42");
-  EXPECT_EQ(look.records.back(), "91");
+  const ReportPoll poll = Take(follower);
+  EXPECT_EQ(poll.event, PollEvent::kGap);
+  EXPECT_EQ(poll.lost, 2U);
+  EXPECT_EQ(poll.records.front(), "42");
+  EXPECT_EQ(poll.records.back(), "91");
 }
 
 TEST(ReportFollower, WriterThatIsAlwaysFasterIsReportedWithoutADelivery) {
@@ -195,9 +195,9 @@ TEST(ReportFollower, WriterThatIsAlwaysFasterIsReportedWithoutADelivery) {
   AppendNumbered(ring, 0, 4);
   ring.BetweenReads([&] { AppendNumbered(ring, 4 * ++number, 4); });
   ReportFollower follower(ring);
-  const ReportLook look = Take(follower);
-  EXPECT_TRUE(look.was_outrun);
-  EXPECT_EQ(look.records, Texts());
+  const ReportPoll poll = Take(follower);
+  EXPECT_TRUE(poll.was_outrun);
+  EXPECT_EQ(poll.records, Texts());
   EXPECT_EQ(follower.Position(), ReportPosition());
 }
 
@@ -205,11 +205,11 @@ TEST(ReportFollower, RecordTooLongForAReplyBlocksWhatFollowsIt) {
   RingModel ring(9);
   Append(ring, {"a", std::string(RingModel::kRecordBytesMax + 1, 'x'), "c"});
   ReportFollower follower(ring);
-  const ReportLook first = Take(follower);
+  const ReportPoll first = Take(follower);
   EXPECT_EQ(first.records, Texts{"a"});
   EXPECT_FALSE(first.reached_end);
   EXPECT_FALSE(first.is_blocked);
-  const ReportLook second = Take(follower);
+  const ReportPoll second = Take(follower);
   EXPECT_TRUE(second.is_blocked);
   EXPECT_EQ(second.records, Texts());
   EXPECT_EQ(follower.Position().next, 1U);
@@ -224,8 +224,8 @@ TEST(ReportFollower, EachFailedCallLeavesThePosition) {
     Append(ring, {"d", "e"});
     const ReportPosition before = follower.Position();
     ring.FailCall(n);
-    ReportLook look;
-    if (follower.Look(kAll, look)) {
+    ReportPoll poll;
+    if (follower.Poll(kAll, poll)) {
       ASSERT_GT(n, 3);
       return;
     }
@@ -243,10 +243,10 @@ TEST(ReportFollower, SmallRepliesAndSmallCountsReturnTheSameRecords) {
   ReportFollower follower(ring);
   Texts all;
   for (;;) {
-    const ReportLook look = Take(follower, 5);
-    EXPECT_LE(look.records.size(), 5U);
-    all.insert(all.end(), look.records.begin(), look.records.end());
-    if (look.reached_end) break;
+    const ReportPoll poll = Take(follower, 5);
+    EXPECT_LE(poll.records.size(), 5U);
+    all.insert(all.end(), poll.records.begin(), poll.records.end());
+    if (poll.reached_end) break;
   }
   EXPECT_EQ(all, Texts(ring.All().end() - 100, ring.All().end()));
 }

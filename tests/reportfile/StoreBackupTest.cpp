@@ -101,7 +101,7 @@ class StoreBackup : public testing::Test {
 
 // The records of a store, each checked to be the one after its predecessor.
 void ExpectContiguousRun(const std::string& base_path, std::size_t count, std::size_t body_bytes = 0) {
-  EXPECT_EQ(Rules(report::VerifyStore(base_path).look), "");
+  EXPECT_EQ(Rules(report::VerifyStore(base_path).scan), "");
   CReportFileBase store;
   ASSERT_TRUE(store.OpenRead(base_path.c_str()));
   const std::vector<std::string> records = ReadAll(store);

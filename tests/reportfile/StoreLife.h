@@ -18,10 +18,10 @@ struct StoreBytes {
   std::string index;
   std::string data;
 
-  report::StoreLook Look() const {
+  report::StoreScan Scan() const {
     report::MemoryBytes index_bytes(index);
     report::MemoryBytes data_bytes(data);
-    return report::LookAtStore(index_bytes, data_bytes);
+    return report::ScanStore(index_bytes, data_bytes);
   }
   report::IndexHeader Header() const {
     report::IndexHeader header;
@@ -62,9 +62,9 @@ inline std::vector<std::string> Numbered(int count) {
   return texts;
 }
 
-inline std::string Rules(const report::StoreLook& look) {
+inline std::string Rules(const report::StoreScan& scan) {
   std::string rules;
-  for (const report::Finding& finding : look.findings) {
+  for (const report::Finding& finding : scan.findings) {
     rules += std::string(finding.rule) + "@" + std::to_string(finding.offset) + "=" + std::to_string(finding.value) +
              (finding.file == report::StoreFile::kIndex ? " index; " : " data; ");
   }

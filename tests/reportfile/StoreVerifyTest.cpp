@@ -18,7 +18,7 @@ namespace {
 
 using report::IndexHeader;
 using report::StoreFile;
-using report::StoreLook;
+using report::StoreScan;
 using report::StoreState;
 
 constexpr std::size_t kHeaderBytes = sizeof(IndexHeader);
@@ -62,12 +62,12 @@ TEST_F(StoreVerifyLives, EveryStoreOfTheWriterIsSound) {
   for (int life = 0; life < 100; ++life) {
     const std::uint32_t slots = RingSize();
     StoreLife store(slots);
-    EXPECT_EQ(Rules(store.Bytes().Look()), "") << "created and never written";
+    EXPECT_EQ(Rules(store.Bytes().Scan()), "") << "created and never written";
     const std::uint32_t longest = 1 + (1U << Below(11));
     for (std::uint32_t step = 1 + Below(60); step > 0; --step) {
       store.Append(Text(Below(longest)));
       if (Below(8) == 0) store.Reopen();
-      ASSERT_EQ(Rules(store.Bytes().Look()), "") << slots << " slots, life " << life;
+      ASSERT_EQ(Rules(store.Bytes().Scan()), "") << slots << " slots, life " << life;
     }
   }
 }
@@ -82,14 +82,14 @@ TEST_F(StoreVerifyLives, RecordWithoutItsHeaderIsNotDamage) {
     for (int step = 0; step < 25; ++step) {
       store.Append(step == 0 ? "the first record, of one line" : "record" + Text(Below(longest)));
       const StoreBytes after = store.Bytes();
-      EXPECT_EQ(Rules(StoreBytes{before.index, after.data}.Look()), "") << "life " << life << ", step " << step;
+      EXPECT_EQ(Rules(StoreBytes{before.index, after.data}.Scan()), "") << "life " << life << ", step " << step;
       std::string slot_written = after.index;
       slot_written.replace(
           0, kHeaderBytes,
           before.index.empty() ? std::string(kHeaderBytes, '\0') : before.index.substr(0, kHeaderBytes));
-      const StoreLook look = StoreBytes{slot_written, after.data}.Look();
-      EXPECT_EQ(Rules(look), "") << "life " << life << ", step " << step;
-      EXPECT_TRUE(look.record_in_flight);
+      const StoreScan scan = StoreBytes{slot_written, after.data}.Scan();
+      EXPECT_EQ(Rules(scan), "") << "life " << life << ", step " << step;
+      EXPECT_TRUE(scan.record_in_flight);
       before = after;
     }
   }
@@ -103,13 +103,13 @@ TEST(StoreVerify, RecordThatAFullDiskCutIsNotDamage) {
   store.Append("text that was not written whole");
   const StoreBytes after = store.Bytes();
   for (std::size_t size = before.data.size(); size < after.data.size(); ++size) {
-    EXPECT_EQ(Rules(StoreBytes{before.index, after.data.substr(0, size)}.Look()), "") << size;
+    EXPECT_EQ(Rules(StoreBytes{before.index, after.data.substr(0, size)}.Scan()), "") << size;
   }
   const std::size_t marker = after.data.size() - report::kEndMarker.size();
   for (std::size_t size = marker; size < after.data.size(); ++size) {
-    const StoreLook look = StoreBytes{after.index, after.data.substr(0, size)}.Look();
-    EXPECT_EQ(Rules(look), "") << size;
-    EXPECT_TRUE(look.marker_cut_short);
+    const StoreScan scan = StoreBytes{after.index, after.data.substr(0, size)}.Scan();
+    EXPECT_EQ(Rules(scan), "") << size;
+    EXPECT_TRUE(scan.marker_cut_short);
   }
 }
 
@@ -120,24 +120,24 @@ TEST(StoreVerify, CreatedRingWithoutRecordsIsSound) {
 }
 
 TEST(StoreVerify, RecordsThatWereOverwrittenByLongerOnesAreARemark) {
-  const StoreLook look = StoreOf(3, {"a", "b", "c", "d", "e", "f", std::string(12, 'x')}).Look();
-  EXPECT_EQ(Rules(look), "");
-  EXPECT_EQ(look.overwritten_records, 2U);
+  const StoreScan scan = StoreOf(3, {"a", "b", "c", "d", "e", "f", std::string(12, 'x')}).Scan();
+  EXPECT_EQ(Rules(scan), "");
+  EXPECT_EQ(scan.overwritten_records, 2U);
 }
 
 TEST(StoreVerify, RecordsThatReadersCutAreARemark) {
-  const StoreLook look = StoreOf(9, {"whole", "with\nline feed", "with \xFF", "whole"}).Look();
-  EXPECT_EQ(Rules(look), "");
-  EXPECT_EQ(look.cut_records, 2U);
+  const StoreScan scan = StoreOf(9, {"whole", "with\nline feed", "with \xFF", "whole"}).Scan();
+  EXPECT_EQ(Rules(scan), "");
+  EXPECT_EQ(scan.cut_records, 2U);
 }
 
 // After 2^32 records the count starts over, and no longer determines the oldest slot alone.
 TEST(StoreVerify, CountThatHasWrappedIsARemark) {
   StoreBytes store = StoreOf(10, Numbered(12));
   SetField(store, offsetof(IndexHeader, elementCount), 6);  // 2^32 + 6 is 2 modulo 10 as well
-  const StoreLook look = store.Look();
-  EXPECT_TRUE(look.count_wrapped);
-  EXPECT_EQ(look.findings.empty() || look.findings[0].rule != "header.count", true);
+  const StoreScan scan = store.Scan();
+  EXPECT_TRUE(scan.count_wrapped);
+  EXPECT_EQ(scan.findings.empty() || scan.findings[0].rule != "header.count", true);
 }
 
 TEST(StoreVerify, DataFileBeyondItsOffsetsIsARemark) {
@@ -150,8 +150,8 @@ TEST(StoreVerify, DataFileBeyondItsOffsetsIsARemark) {
   ASSERT_TRUE(store.writeLine("long enough to pass four GiB"));
   ASSERT_TRUE(store.writeLine("at the beginning again"));
   const report::StoreVerdict verdict = report::VerifyStore(files.Base());
-  EXPECT_EQ(Rules(verdict.look), "");
-  EXPECT_TRUE(verdict.look.beyond_offsets);
+  EXPECT_EQ(Rules(verdict.scan), "");
+  EXPECT_TRUE(verdict.scan.beyond_offsets);
 }
 
 // --- each rule
@@ -236,9 +236,9 @@ TEST(StoreVerify, EachRuleNamesFileOffsetAndValue) {
   };
   for (const Case& damaged : cases) {
     StoreBytes store = SecondRound();
-    ASSERT_EQ(Rules(store.Look()), "");
+    ASSERT_EQ(Rules(store.Scan()), "");
     damaged.damage(store);
-    EXPECT_EQ(Rules(store.Look()), damaged.rules) << damaged.what;
+    EXPECT_EQ(Rules(store.Scan()), damaged.rules) << damaged.what;
   }
 }
 
@@ -250,7 +250,7 @@ TEST(StoreVerify, EveryFlippedBitOfTheIndexFileIsFound) {
   for (std::size_t bit = 0; bit < 8 * sound.index.size(); ++bit) {
     StoreBytes store = sound;
     store.index[bit / 8] = static_cast<char>(store.index[bit / 8] ^ (1 << bit % 8));
-    if (store.Look().findings.empty()) missed += std::to_string(bit) + " ";
+    if (store.Scan().findings.empty()) missed += std::to_string(bit) + " ";
   }
   EXPECT_EQ(missed, "");
 }
@@ -287,9 +287,9 @@ TEST(StoreVerify, BillionsOfSlotsInAHoleCostOnlyTheKeptFindings) {
   CountingBytes index(report::SlotOffset(0x7FFFFFF0),
                       std::string(reinterpret_cast<const char*>(&header), sizeof header));
   CountingBytes data(0xFFFFFFF6, "");
-  const StoreLook look = LookAtStore(index, data);
-  EXPECT_FALSE(look.findings.empty());
-  EXPECT_LE(look.findings.size(), report::kFindingsMax);
+  const StoreScan scan = ScanStore(index, data);
+  EXPECT_FALSE(scan.findings.empty());
+  EXPECT_LE(scan.findings.size(), report::kFindingsMax);
   EXPECT_LT(index.reads + data.reads, 1000);
 }
 
@@ -300,7 +300,7 @@ TEST(StoreVerify, FindingsThatStayAreDamage) {
   files.Make({.writePosition = 9, .fileEnd = 1, .elementCount = 3, .maxRecord = 3, .highestIndex = 3}, {0, 1, 2}, "x");
   const report::StoreVerdict verdict = report::VerifyStore(files.Base());
   EXPECT_EQ(verdict.state, StoreState::kDamaged);
-  EXPECT_EQ(verdict.look.findings[0].rule, "header.file-end");
+  EXPECT_EQ(verdict.scan.findings[0].rule, "header.file-end");
 }
 
 // One write advances the header's count between any two scans.
@@ -324,7 +324,7 @@ TEST(StoreVerifyThreads, FindingsInAStoreThatIsBeingWrittenAreNotDamage) {
   stop = true;
   writer.join();
   EXPECT_EQ(verdict.state, StoreState::kChanged);
-  EXPECT_FALSE(verdict.look.findings.empty());
+  EXPECT_FALSE(verdict.scan.findings.empty());
 }
 
 // --- the header alone
@@ -351,7 +351,7 @@ TEST(VerifyHeader, RingOfBillionsThatTheFileDoesNotHaveIsFound) {
              "a\r\n===>\r\n");
   const report::StoreVerdict verdict = report::VerifyHeader(files.Base());
   EXPECT_EQ(verdict.state, StoreState::kDamaged);
-  EXPECT_THAT(verdict.look.findings, testing::Contains(testing::Field(&report::Finding::rule, "index.size")));
+  EXPECT_THAT(verdict.scan.findings, testing::Contains(testing::Field(&report::Finding::rule, "index.size")));
 }
 
 // Each scan finds another contradiction, so something was written in between.
@@ -379,7 +379,7 @@ TEST(StoreVerify, StoreWithOneFileIsDamagedAndWithoutFilesNotFound) {
   WriteFile(files.DataPath(), "");
   const report::StoreVerdict verdict = report::VerifyStore(files.Base());
   EXPECT_EQ(verdict.state, StoreState::kDamaged);
-  EXPECT_EQ(Rules(verdict.look), "file.missing@0=0 index; ");
+  EXPECT_EQ(Rules(verdict.scan), "file.missing@0=0 index; ");
 }
 
 TEST(StoreVerify, FileThatIsNotRegularIsUnreadable) {

@@ -55,8 +55,8 @@ using qx::ctl::Status;
 
 constexpr Command kModule = {.words = "module", .help = "Call the provider module, and try it hard"};
 constexpr Command kReport = {.words = "report", .help = "Work on a report's files, without the module"};
-constexpr Command kRegistry = {.words = "registry", .help = "Look into the registry, check it, change it"};
-constexpr Command kIni = {.words = "ini", .help = "Look into a profile file, change it"};
+constexpr Command kRegistry = {.words = "registry", .help = "Show, check and change the registry"};
+constexpr Command kIni = {.words = "ini", .help = "Show and change a profile file"};
 constexpr Command kTrace = {.words = "trace", .help = "Read traces back, and show where their settings come from"};
 
 // In the order in which people read of them.

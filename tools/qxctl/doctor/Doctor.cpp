@@ -33,13 +33,13 @@ const char* SectionOf(std::string_view code) {
 }
 
 void CheckLimits(DoctorFindings& findings) {
-  constexpr rlim_t kFilesWanted = 256;
+  constexpr rlim_t kFilesMin = 256;
   const std::size_t before = findings.size();
   rlimit files{};
   rlimit bytes{};
   (void)getrlimit(RLIMIT_NOFILE, &files);  // these two always work
   (void)getrlimit(RLIMIT_FSIZE, &bytes);
-  if (files.rlim_cur < kFilesWanted) {
+  if (files.rlim_cur < kFilesMin) {
     findings.push_back({"QX501", "this process may open " + std::to_string(files.rlim_cur) + " files"});
   }
   if (bytes.rlim_cur != RLIM_INFINITY) {

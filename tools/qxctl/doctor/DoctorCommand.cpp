@@ -68,7 +68,8 @@ Status StatusOf(const DoctorFindings& findings) {
     return SeverityOf(finding.code) == Severity::kWarning || SeverityOf(finding.code) == Severity::kError;
   });
   if (count == 0) return {};
-  return {ExitCode::kFinding, std::to_string(count) + (count == 1 ? " finding needs" : " findings need") + " a look"};
+  return {ExitCode::kFinding,
+          std::to_string(count) + (count == 1 ? " finding needs" : " findings need") + " attention"};
 }
 
 DoctorPlaces PlacesOf(const Values& values) {
@@ -127,7 +128,7 @@ constexpr Parameter kParameters[] = {
 }  // namespace
 
 constinit const Command kDoctorCommand = {.words = "doctor",
-                                          .help = "Look for what keeps the module from serving",
+                                          .help = "Check everything that the module needs to serve",
                                           .run = Doctor,
                                           .parameters = {kParameters}};
 

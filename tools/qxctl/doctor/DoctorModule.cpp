@@ -91,7 +91,7 @@ void CheckModule(const DoctorPlaces& places, DoctorFindings& findings) {
   std::error_code error;
   const std::string path = std::filesystem::absolute(places.module, error).string();
   if (path != kInstalledModule) {
-    findings.push_back({"QX106", "looked at " + path + ", not at " + kInstalledModule});
+    findings.push_back({"QX106", "checked " + path + ", not " + kInstalledModule});
   }
   if (access(path.c_str(), F_OK) != 0) {
     findings.push_back({"QX101", "there is no " + path});

@@ -108,11 +108,11 @@ class OpenFiles {
     head_ = (error ? fs::path(directory) : canonical).string() + "/log.";
   }
 
-  void LookAtAll(const std::string& process_directory) {
+  void CheckAll(const std::string& process_directory) {
     std::error_code ignored;
     for (fs::directory_iterator at(process_directory, ignored), end; !ignored && at != end; at.increment(ignored)) {
       const std::string name = at->path().filename().string();
-      if (IsDecimal(name.c_str()) && name != std::to_string(getpid())) LookAt(at->path() / "fd", name);
+      if (IsDecimal(name.c_str()) && name != std::to_string(getpid())) CheckDescriptors(at->path() / "fd", name);
     }
   }
 
@@ -120,7 +120,7 @@ class OpenFiles {
   std::size_t Unseen() const { return unseen_; }
 
  private:
-  void LookAt(const fs::path& descriptors, const std::string& process) {
+  void CheckDescriptors(const fs::path& descriptors, const std::string& process) {
     std::error_code error;
     fs::directory_iterator at(descriptors, error);
     if (error && error != std::errc::no_such_file_or_directory) ++unseen_;  // an ended process does not count
@@ -138,7 +138,7 @@ class OpenFiles {
 
 void CheckWriters(const DoctorPlaces& places, const std::string& directory, DoctorFindings& findings) {
   OpenFiles files(directory);
-  files.LookAtAll(places.process_directory);
+  files.CheckAll(places.process_directory);
   for (const auto& [file, processes] : files.Processes()) {
     std::string text = file + " is open in ";
     for (const std::string& process : processes) {

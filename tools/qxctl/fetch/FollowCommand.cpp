@@ -12,7 +12,7 @@
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
 #include "tools/qxctl/cli/Values.h"
-#include "tools/qxctl/fetch/LookEvents.h"
+#include "tools/qxctl/fetch/PollEvents.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
 #include "tools/qxctl/fetch/ReportSource.h"
 #include "tools/qxctl/module/CallOptions.h"
@@ -72,10 +72,10 @@ class Follow {
   Status Watch() {
     for (;;) {
       bool is_at_end = true;
-      if (Status status = Look(is_at_end); !status.IsOk()) return status;
+      if (Status status = Poll(is_at_end); !status.IsOk()) return status;
       if (Status status = output_.Show(); !status.IsOk()) return status;
       if (HasEnded()) return IsClean() ? Status() : Status(ExitCode::kFinding, "");
-      if (is_at_end) Sleep(TimeToNextLook());
+      if (is_at_end) Sleep(TimeToNextPoll());
     }
   }
 
@@ -86,28 +86,28 @@ class Follow {
            (options_.duration && Clock::now() >= end_);
   }
 
-  Seconds TimeToNextLook() const {
+  Seconds TimeToNextPoll() const {
     const Seconds interval(options_.interval);
     return options_.duration ? std::min(interval, std::max(Seconds(0), Seconds(end_ - Clock::now()))) : interval;
   }
 
-  Status Look(bool& is_at_end) {
-    report::ReportLook look;
-    if (!follower_.Look(RecordsWanted(), look)) return Retry(source_.Failure());
-    if (look.was_outrun) return Retry(OutrunStatus(options_.report));
+  Status Poll(bool& is_at_end) {
+    report::ReportPoll poll;
+    if (!follower_.Poll(RecordsToRequest(), poll)) return Retry(source_.Failure());
+    if (poll.was_outrun) return Retry(OutrunStatus(options_.report));
     failures_ = 0;
     is_missing_ = false;
     was_seen_ = true;
-    if (look.is_blocked) return BlockedStatus(follower_.PositionAfter(0).next);
-    if (Status status = ReportEvent(look); !status.IsOk()) return status;
-    if (Status status = Print(look); !status.IsOk()) return status;
-    follower_.Delivered(look.records.size());
-    if (look.reached_end) skips_ = false;
-    is_at_end = look.reached_end;
+    if (poll.is_blocked) return BlockedStatus(follower_.PositionAfter(0).next);
+    if (Status status = ReportEvent(poll); !status.IsOk()) return status;
+    if (Status status = Print(poll); !status.IsOk()) return status;
+    follower_.Delivered(poll.records.size());
+    if (poll.reached_end) skips_ = false;
+    is_at_end = poll.reached_end;
     return {};
   }
 
-  std::uint32_t RecordsWanted() const {
+  std::uint32_t RecordsToRequest() const {
     constexpr std::uint64_t kAll = std::numeric_limits<std::int32_t>::max();
     const std::uint64_t wanted = options_.count && !skips_ ? *options_.count - printed_ : kAll;
     return static_cast<std::uint32_t>(std::min(wanted, kAll));
@@ -140,26 +140,26 @@ class Follow {
   }
 
   // Records that repeat are ambiguous in every poll: that is reported when it begins, and whenever records may be lost.
-  Status ReportEvent(const report::ReportLook& look) {
-    const bool is_ambiguous = look.event == report::LookEvent::kAmbiguous;
+  Status ReportEvent(const report::ReportPoll& poll) {
+    const bool is_ambiguous = poll.event == report::PollEvent::kAmbiguous;
     const bool is_news =
-        look.event != report::LookEvent::kNone && (!is_ambiguous || !was_ambiguous_ || !look.records.empty());
+        poll.event != report::PollEvent::kNone && (!is_ambiguous || !was_ambiguous_ || !poll.records.empty());
     const bool is_repeated = is_ambiguous && was_ambiguous_;
     was_ambiguous_ = is_ambiguous;
     if (!is_news) return {};
-    tally_.Count(look);
-    if (!is_repeated) output_.Problem(EventText(options_.report, look));
-    Json line = {{"kind", EventName(look)}};
-    if (look.event == report::LookEvent::kGap) {
+    tally_.Count(poll);
+    if (!is_repeated) output_.Problem(EventText(options_.report, poll));
+    Json line = {{"kind", EventName(poll)}};
+    if (poll.event == report::PollEvent::kGap) {
       line["lost"] = nullptr;
-      if (look.lost) line["lost"] = *look.lost;
+      if (poll.lost) line["lost"] = *poll.lost;
     }
     return Line(line);
   }
 
-  Status Print(const report::ReportLook& look) {
+  Status Print(const report::ReportPoll& poll) {
     std::uint64_t index = follower_.Position().delivered;
-    for (const std::string& record : look.records) {
+    for (const std::string& record : poll.records) {
       if (!skips_) {
         if (Status status = PrintRecord(index, record); !status.IsOk()) return status;
         ++printed_;
@@ -201,7 +201,7 @@ class Follow {
   ReportSource source_;
   report::ReportFollower follower_;
   RecordPrinter printer_;
-  LookTally tally_;
+  PollTally tally_;
   std::uint64_t printed_ = 0;
   int failures_ = 0;
   std::uint64_t failures_in_all_ = 0;
@@ -246,7 +246,7 @@ constexpr Parameter kParameters[] = {
     {.name = "--interval",
      .kind = ValueKind::kNumber,
      .value = "SECONDS",
-     .help = "Seconds between two looks",
+     .help = "Seconds between two polls",
      .limits = {kIntervalMin, kSecondsMax},
      .default_value = "1"},
     {.name = "--count",

@@ -104,21 +104,21 @@ class ResumedFetch {
 
   Status FetchAll() {
     for (bool reached_end = false; !reached_end;) {
-      report::ReportLook look;
-      if (!follower_->Look(kNoLimit, look)) return source_.Failure();
-      if (look.was_outrun) return OutrunStatus(options_.report);
-      ReportEvent(look);
-      if (Status status = Deliver(look); !status.IsOk()) return status;
-      if (look.is_blocked) return BlockedStatus(follower_->Position().next);
+      report::ReportPoll poll;
+      if (!follower_->Poll(kNoLimit, poll)) return source_.Failure();
+      if (poll.was_outrun) return OutrunStatus(options_.report);
+      ReportEvent(poll);
+      if (Status status = Deliver(poll); !status.IsOk()) return status;
+      if (poll.is_blocked) return BlockedStatus(follower_->Position().next);
       if (InterruptSignal() != 0) return {ExitCode::kIo, "interrupted"};
-      reached_end = look.reached_end;
+      reached_end = poll.reached_end;
     }
     return {};
   }
 
-  void ReportEvent(const report::ReportLook& look) {
-    result_.tally.Count(look);
-    if (look.event != report::LookEvent::kNone) AddFinding(EventText(options_.report, look));
+  void ReportEvent(const report::ReportPoll& poll) {
+    result_.tally.Count(poll);
+    if (poll.event != report::PollEvent::kNone) AddFinding(EventText(options_.report, poll));
   }
 
   void AddFinding(const std::string& text) {
@@ -127,10 +127,10 @@ class ResumedFetch {
     output_.Problem(text);
   }
 
-  Status Deliver(const report::ReportLook& look) {
+  Status Deliver(const report::ReportPoll& poll) {
     std::vector<std::string> pieces;
     const bool is_terminal = sink_.IsTerminal();
-    for (const std::string& record : look.records) {
+    for (const std::string& record : poll.records) {
       const std::string piece = formatter_.Format(follower_->Position().delivered + pieces.size(), record);
       pieces.push_back(is_terminal ? ForTerminal(piece) : piece);
     }
@@ -142,7 +142,7 @@ class ResumedFetch {
     Status written = sink_.Write(pieces, taken);
     if (Status cut = CutToWholeRecords(std::span(pieces).first(taken)); !cut.IsOk()) return cut;
     if (Status synced = sink_.Sync(); !synced.IsOk()) return synced;
-    if (Status saved = SaveAfterWrite(std::span(look.records).first(taken)); !saved.IsOk()) return saved;
+    if (Status saved = SaveAfterWrite(std::span(poll.records).first(taken)); !saved.IsOk()) return saved;
     return written;
   }
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "tools/qxctl/cli/Context.h"
-#include "tools/qxctl/fetch/LookEvents.h"
+#include "tools/qxctl/fetch/PollEvents.h"
 #include "tools/qxctl/fetch/RecordFormat.h"
 #include "tools/qxctl/module/ModuleHost.h"
 
@@ -28,7 +28,7 @@ struct ResumeResult {
   double module_seconds = 0;
   std::uint64_t delivered = 0;       // in all runs
   std::uint64_t maybe_repeated = 0;  // records that a killed run may have written already
-  LookTally tally;
+  PollTally tally;
   std::string message;  // the last finding
 };
 

@@ -40,7 +40,7 @@ void Transfer::CountChunk(const ReportReply& reply) {
 
 // The request after the end comes first: a request for the first record starts a new transfer.
 Status Transfer::CheckEnd() {
-  const bool stopped_early = RecordStandsBehindEnd();
+  const bool stopped_early = HasRecordAfterEnd();
   if (!FirstRecordIsTheSame()) {
     return {ExitCode::kChanged, "the ring advanced while report \"" + reader_.Report() +
                                     "\" was read, so newer records may " + "have replaced older ones; fetch it again"};
@@ -53,7 +53,7 @@ Status Transfer::CheckEnd() {
   return {};
 }
 
-bool Transfer::RecordStandsBehindEnd() {
+bool Transfer::HasRecordAfterEnd() {
   if (next_index_ == std::numeric_limits<std::int32_t>::max()) return false;
   ReportReply reply;
   return Ask(next_index_ + 1, 1, reply).IsOk() && reply.kind == ReplyKind::kRecords;

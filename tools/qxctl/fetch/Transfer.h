@@ -55,7 +55,7 @@ class Transfer {
   Status Ask(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply);
   void CountChunk(const ReportReply& reply);
   Status CheckEnd();
-  bool RecordStandsBehindEnd();
+  bool HasRecordAfterEnd();
   bool FirstRecordIsTheSame();
 
   ReportReader reader_;

@@ -29,7 +29,7 @@ namespace qx::ctl {
 namespace {
 
 using report::Finding;
-using report::StoreLook;
+using report::StoreScan;
 using report::StoreState;
 using report::StoreVerdict;
 
@@ -44,19 +44,19 @@ std::string FileOf(const Finding& finding, const std::string& path) {
 }
 
 // The remarks that apply, as text.
-std::vector<std::string> RemarksOf(const StoreLook& look) {
+std::vector<std::string> RemarksOf(const StoreScan& scan) {
   std::vector<std::string> remarks;
-  if (look.record_in_flight) remarks.emplace_back("a record is being written, or its writer was killed");
-  if (look.record_cut_short) remarks.emplace_back("the text of a record that was never counted is at the end");
-  if (look.marker_cut_short) remarks.emplace_back("the end marker is cut short");
-  if (look.count_wrapped) remarks.emplace_back("more than 4294967296 records were written");
-  if (look.beyond_offsets) remarks.emplace_back("the data file is larger than 4 GiB: its records were not checked");
-  if (look.overwritten_records != 0) {
+  if (scan.record_in_flight) remarks.emplace_back("a record is being written, or its writer was killed");
+  if (scan.record_cut_short) remarks.emplace_back("the text of a record that was never counted is at the end");
+  if (scan.marker_cut_short) remarks.emplace_back("the end marker is cut short");
+  if (scan.count_wrapped) remarks.emplace_back("more than 4294967296 records were written");
+  if (scan.beyond_offsets) remarks.emplace_back("the data file is larger than 4 GiB: its records were not checked");
+  if (scan.overwritten_records != 0) {
     remarks.push_back("newer, longer records have overwritten " +
-                      Counted(look.overwritten_records, "record", "records"));
+                      Counted(scan.overwritten_records, "record", "records"));
   }
-  if (look.cut_records != 0) {
-    remarks.push_back(Counted(look.cut_records, "record holds", "records hold") +
+  if (scan.cut_records != 0) {
+    remarks.push_back(Counted(scan.cut_records, "record holds", "records hold") +
                       " a line feed or a byte 0xFF, where readers end it");
   }
   return remarks;
@@ -104,18 +104,18 @@ Json ToJson(const Finding& finding, const std::string& path) {
 }
 
 Json ToJson(const StoreVerdict& verdict, const std::string& path, ExitCode code) {
-  const StoreLook& look = verdict.look;
+  const StoreScan& scan = verdict.scan;
   Json findings = Json::Array();
-  for (const Finding& finding : look.findings) findings.Append(ToJson(finding, path));
+  for (const Finding& finding : scan.findings) findings.Append(ToJson(finding, path));
   Json document;
   SetText(document, "path", path);
   document["state"] = NameOfState(verdict.state);
-  document["records"] = look.header.highestIndex;
-  document["indexFileBytes"] = look.index_bytes;
-  document["dataFileBytes"] = look.data_bytes;
-  document["remarks"] = RemarksOf(look);
+  document["records"] = scan.header.highestIndex;
+  document["indexFileBytes"] = scan.index_bytes;
+  document["dataFileBytes"] = scan.data_bytes;
+  document["remarks"] = RemarksOf(scan);
   document["findings"] = std::move(findings);
-  document["allFindings"] = look.findings.size() < report::kFindingsMax;
+  document["allFindings"] = scan.findings.size() < report::kFindingsMax;
   document["exitCode"] = static_cast<int>(code);
   return document;
 }
@@ -139,13 +139,13 @@ std::string ToText(const std::vector<Finding>& findings, const std::string& path
 }
 
 std::string ToText(const Output& output, const StoreVerdict& verdict, const std::string& path) {
-  const StoreLook& look = verdict.look;
+  const StoreScan& scan = verdict.scan;
   const Style style = verdict.state == StoreState::kSound ? Style::kGood : Style::kBad;
   std::string text = path + ": " + output.Paint(style, NameOfState(verdict.state));
-  if (look.findings.empty()) text += ", " + Counted(look.header.highestIndex, "record", "records");
+  if (scan.findings.empty()) text += ", " + Counted(scan.header.highestIndex, "record", "records");
   text += "\n";
-  for (const std::string& remark : RemarksOf(look)) text += "  remark: " + remark + "\n";
-  return text + ToText(look.findings, path);
+  for (const std::string& remark : RemarksOf(scan)) text += "  remark: " + remark + "\n";
+  return text + ToText(scan.findings, path);
 }
 
 Status VerifyOne(Context& context, const Values& values, const std::string& report, const std::string& path) {

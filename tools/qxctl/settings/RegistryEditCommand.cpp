@@ -103,14 +103,14 @@ Status StatusOf(const registry::Refusal& refusal) {
 // After a save, everything that the load left out or misread is lost.
 Status CheckReading(Context& context, const std::string& file, std::string_view bytes, const Options& options) {
   const registry::LintResult lint = registry::LintFile(bytes);
-  const std::string look = "; look at it with qxctl registry lint --file " + file;
+  const std::string hint = "; check it with qxctl registry lint --file " + file;
   if (lint.errors > 0 && !options.edit.force) {
     return {ExitCode::kRefused, file + " would be misread in " + std::to_string(lint.errors) +
-                                    " place(s), and a save would make that final" + look + ", or use --force"};
+                                    " place(s), and a save would make that final" + hint + ", or use --force"};
   }
   if (lint.warnings > 0) {
     context.output.Problem("there are " + std::to_string(lint.warnings) + " oddities in " + file +
-                           ", and a save drops lines that are not read" + look);
+                           ", and a save drops lines that are not read" + hint);
   }
   return {};
 }

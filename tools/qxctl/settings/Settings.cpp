@@ -67,7 +67,7 @@ Status StatusOfEdit(const ReplaceResult& result) {
 Status BeginEdit(ReplacedFile& edit, const std::string& path, const EditOptions& options, bool may_be_missing) {
   return StatusOfEdit(edit.Begin(path, {.links = options.force ? LinkRule::kTrusted : LinkRule::kTrustedDirectories,
                                         .may_be_missing = may_be_missing,
-                                        .only_look = !options.apply,
+                                        .read_only = !options.apply,
                                         .refuse_shared_directory = !options.force}));
 }
 

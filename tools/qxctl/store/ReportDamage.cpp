@@ -7,8 +7,8 @@ namespace qx::ctl {
 bool WarnOfDamage(Output& output, const std::string& base_path) {
   if (base_path.empty()) return false;
   const report::StoreVerdict verdict = report::VerifyHeader(base_path);
-  if (verdict.state != report::StoreState::kDamaged || verdict.look.findings.empty()) return false;
-  const report::Finding& first = verdict.look.findings.front();
+  if (verdict.state != report::StoreState::kDamaged || verdict.scan.findings.empty()) return false;
+  const report::Finding& first = verdict.scan.findings.front();
   if (first.rule == "file.missing") return false;  // the open reports it
   output.Problem("warning: " + base_path + " is damaged (" + std::string(first.rule) + ": " + first.explanation +
                  "), so its records may be wrong; \"qxctl report verify\" shows more");

@@ -46,12 +46,12 @@ class FollowPrinter {
   FollowPrinter(Context& context, const Options& options, const TraceFilter& filter)
       : context_(&context), options_(&options), selection_(filter) {}
 
-  Status Print(const debug::TraceLook& look) {
-    for (const TraceFollowEvent& event : look.events) {
+  Status Print(const debug::TracePoll& poll) {
+    for (const TraceFollowEvent& event : poll.events) {
       if (Status status = PrintEvent(event); !status.IsOk()) return status;
     }
-    if (look.is_missing && !was_missing_) Problem("is gone; waiting for it");
-    was_missing_ = look.is_missing;
+    if (poll.is_missing && !was_missing_) Problem("is gone; waiting for it");
+    was_missing_ = poll.is_missing;
     return context_->output.Show();
   }
 
@@ -86,10 +86,10 @@ Status Watch(debug::TraceFollower& follower, const Options& options, FollowPrint
   const InterruptGuard guard;
   while (InterruptSignal() == 0) {
     const Clock::time_point begin = Clock::now();
-    const debug::TraceLook look = follower.Look();
-    if (look.error != 0) return Status::Io("cannot follow " + options.path, look.error);
-    if (Status status = printer.Print(look); !status.IsOk()) return status;
-    Sleep(std::max<std::chrono::nanoseconds>(look.is_pending ? kIntervalPending : kInterval,
+    const debug::TracePoll poll = follower.Poll();
+    if (poll.error != 0) return Status::Io("cannot follow " + options.path, poll.error);
+    if (Status status = printer.Print(poll); !status.IsOk()) return status;
+    Sleep(std::max<std::chrono::nanoseconds>(poll.is_pending ? kIntervalPending : kInterval,
                                              kRestShare * (Clock::now() - begin)));
   }
   return {};

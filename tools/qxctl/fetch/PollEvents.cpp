@@ -1,20 +1,20 @@
-#include "tools/qxctl/fetch/LookEvents.h"
+#include "tools/qxctl/fetch/PollEvents.h"
 
 namespace qx::ctl {
 
-using report::LookEvent;
-using report::ReportLook;
+using report::PollEvent;
+using report::ReportPoll;
 
-void LookTally::Count(const ReportLook& look) {
-  if (look.event == LookEvent::kGap) {
+void PollTally::Count(const ReportPoll& poll) {
+  if (poll.event == PollEvent::kGap) {
     ++gaps;
-    lost = lost && look.lost ? std::optional(*lost + *look.lost) : std::nullopt;
+    lost = lost && poll.lost ? std::optional(*lost + *poll.lost) : std::nullopt;
   }
-  ambiguous += look.event == LookEvent::kAmbiguous ? 1 : 0;
-  started_over += look.event == LookEvent::kStartedOver ? 1 : 0;
+  ambiguous += poll.event == PollEvent::kAmbiguous ? 1 : 0;
+  started_over += poll.event == PollEvent::kStartedOver ? 1 : 0;
 }
 
-Json ToJson(const LookTally& tally) {
+Json ToJson(const PollTally& tally) {
   Json object = {{"gaps", tally.gaps}, {"recordsLost", nullptr}};
   if (tally.lost) object["recordsLost"] = *tally.lost;
   object["ambiguous"] = tally.ambiguous;
@@ -22,36 +22,36 @@ Json ToJson(const LookTally& tally) {
   return object;
 }
 
-std::string EventText(const std::string& report, const ReportLook& look) {
-  switch (look.event) {
-    case LookEvent::kNone:
+std::string EventText(const std::string& report, const ReportPoll& poll) {
+  switch (poll.event) {
+    case PollEvent::kNone:
       return "";
-    case LookEvent::kGap:
-      if (look.lost) {
-        return report + ": gap: the ring has moved over " + std::to_string(*look.lost) +
+    case PollEvent::kGap:
+      if (poll.lost) {
+        return report + ": gap: the ring has moved over " + std::to_string(*poll.lost) +
                " records that had not been printed";
       }
       return report +
              ": gap: none of the records printed last is in the ring any more; how many were written and lost " +
              "meanwhile is not known";
-    case LookEvent::kAmbiguous:
+    case PollEvent::kAmbiguous:
       return report + ": ambiguous: records repeat, so it is not certain which are new; some may be missing, none is " +
              "printed twice";
-    case LookEvent::kStartedOver:
+    case PollEvent::kStartedOver:
       return report + ": started over: it holds fewer records than were printed; what it had gained before is lost";
   }
   return "";
 }
 
-std::string EventName(const ReportLook& look) {
-  switch (look.event) {
-    case LookEvent::kNone:
+std::string EventName(const ReportPoll& poll) {
+  switch (poll.event) {
+    case PollEvent::kNone:
       return "";
-    case LookEvent::kGap:
+    case PollEvent::kGap:
       return "gap";
-    case LookEvent::kAmbiguous:
+    case PollEvent::kAmbiguous:
       return "ambiguous";
-    case LookEvent::kStartedOver:
+    case PollEvent::kStartedOver:
       return "startedOver";
   }
   return "";
