@@ -58,8 +58,8 @@ std::string TroubleOf(const ReportStatus& status) {
     case StoreState::kSound:
       return "";
     case StoreState::kDamaged: {
-      if (status.verdict.look.findings.empty()) return "";
-      const report::Finding& first = status.verdict.look.findings.front();
+      if (status.verdict.scan.findings.empty()) return "";
+      const report::Finding& first = status.verdict.scan.findings.front();
       return std::string(first.rule) + ": " + first.explanation;
     }
     case StoreState::kChanged:
