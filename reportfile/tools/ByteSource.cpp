@@ -22,7 +22,7 @@ std::size_t FileBytes::ReadAt(std::int64_t offset, void* to, std::size_t size) {
   return progress.bytes;
 }
 
-// Where the file system cannot say, everything counts as stored.
+// If the file system does not report holes, everything counts as stored.
 DataRun FileBytes::DataFrom(std::int64_t offset) {
   if (!file_.IsOpen()) return {};
   const off_t begin = lseek(file_.Number(), offset, SEEK_DATA);

@@ -1,7 +1,7 @@
-// Bytes that are read by offset: a file of a store, or a piece of memory in its place.
+// Bytes that are read by offset: a file of a store, or a piece of memory.
 //
 // The tools read stores through this, so that the same checks run on files that another process writes to and, in tests
-// and fuzz programs, on bytes that never were a file.
+// and fuzz programs, on bytes in memory.
 #pragma once
 
 #include <algorithm>
@@ -30,10 +30,10 @@ class ByteSource {
  public:
   virtual ~ByteSource() = default;
 
-  // How many bytes there are at this moment. [owning thread]
+  // The number of bytes now. [owning thread]
   [[nodiscard]] virtual std::int64_t Size() = 0;
 
-  // Reads up to `size` bytes at `offset`; returns how many came before the end or an error. [owning thread]
+  // Reads up to `size` bytes at `offset`; returns the number of bytes before the end or an error. [owning thread]
   [[nodiscard]] virtual std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) = 0;
 
   // The first run of stored bytes at or after `offset`; empty if only a hole or nothing follows. Its end may be beyond

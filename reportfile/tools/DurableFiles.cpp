@@ -22,7 +22,7 @@ namespace {
 constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
 constexpr int kNameTriesMax = 100;
 
-// A directory on the way down: its name in the one above it, and what is left in it to be removed.
+// A directory on the way down: its name in the one above it, and the entries that are still to be removed.
 struct Level {
   std::string name;
   std::vector<std::string> names = {};
@@ -101,7 +101,7 @@ int SyncName(const std::string& name, int directory) {
   return file.IsOpen() ? file::Sync(file.Number()) : errno;
 }
 
-// A removal that memory ended half way is tried once more, from the top.
+// A removal that fails for lack of memory is tried once more from the top.
 int RemoveContents(int directory) {
   int error = ENOMEM;
   for (int tries = 0; error == ENOMEM && tries < 2; ++tries) {
@@ -157,7 +157,7 @@ NewFile::~NewFile() {
   if (is_made_ && !(is_finished_ && error_ == 0)) (void)file::Remove(path_.c_str(), 0, directory_);
 }
 
-// The size is asked for before the runs, so that what is appended in between is copied and not taken for a hole.
+// The size is read before the runs, so that bytes that are appended in between are copied and not treated as a hole.
 void NewFile::CopyFrom(ByteSource& source) {
   const auto block = std::make_unique_for_overwrite<char[]>(kBlockBytes);
   Shorten(0);
@@ -174,7 +174,7 @@ void NewFile::CopyFrom(ByteSource& source) {
   }
 }
 
-// Returns where the copied bytes end.
+// Returns the end of the copied bytes.
 std::int64_t NewFile::CopyRun(ByteSource& source, std::int64_t begin, std::int64_t end, char* block) {
   std::int64_t at = begin;
   while (at < end && error_ == 0) {
@@ -206,7 +206,7 @@ int NewFile::Finish(const struct stat& status) {
   if (error_ == 0) error_ = file::Sync(file_.Number());
   if (error_ != 0) return error_;
   is_finished_ = true;
-  error_ = file_.Close();  // a full disk may show only here
+  error_ = file_.Close();  // a full disk may be reported only here
   return error_;
 }
 
@@ -215,7 +215,7 @@ void NewFile::TakeOver(const struct stat& status) {
   if (error_ != 0) return;
   const int number = file_.Number();
   if (fchown(number, status.st_uid, status.st_gid) != 0) {
-    (void)!fchown(number, static_cast<uid_t>(-1), status.st_gid);  // an ordinary user keeps what he may
+    (void)!fchown(number, static_cast<uid_t>(-1), status.st_gid);  // an ordinary user sets what is permitted
   }
   const timespec times[2] = {status.st_atim, status.st_mtim};
   if (fchmod(number, status.st_mode & 0777) != 0) error_ = errno;
@@ -248,11 +248,11 @@ PrivateDirectory::PrivateDirectory(const std::string& prefix)
   directory_ = file::OpenDirectory(name_.c_str(), O_NOFOLLOW, above_.Number());
   struct stat status = {};
   error_ = directory_.IsOpen() ? file::StatusOf(directory_.Number(), status) : errno;
-  if (error_ == 0 && status.st_uid != geteuid()) error_ = EPERM;  // another one has taken its name
+  if (error_ == 0 && status.st_uid != geteuid()) error_ = EPERM;  // another directory has its name
   if (error_ != 0) (void)file::Remove(name_.c_str(), AT_REMOVEDIR, above_.Number());
 }
 
-// What cannot be removed stays, under a name that nobody takes for the real thing.
+// What cannot be removed stays under its temporary name.
 PrivateDirectory::~PrivateDirectory() {
   if (error_ != 0 || !directory_.IsOpen()) return;
   (void)RemoveContents(directory_.Number());

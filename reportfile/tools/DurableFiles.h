@@ -1,8 +1,8 @@
-// Files that appear whole, or not at all: private directories, copies and removals for the store tools.
+// Files that are written as a whole or not at all: private directories, copies and removals for the store tools.
 //
-// Everything here reports an error number, 0 for success. A tool writes under a name that nobody takes for the real
-// thing, syncs, and renames at the end; a crash before that leaves the real names as they were. What is done in a
-// directory that others may write is done by names in open directories, and never through a symbolic link there.
+// Everything here reports an error number, 0 for success. A tool writes under a temporary name, syncs, and renames at
+// the end; a crash before that leaves the real names unchanged. In a directory that others may write, everything is
+// done by names in open directories, and never through a symbolic link.
 #pragma once
 
 #include <fcntl.h>
@@ -29,24 +29,25 @@ class ByteSource;
 // (ELOOP). [any thread]
 [[nodiscard]] file::Descriptor OpenForReading(const std::string& name, int directory);
 
-// Opens the directory that an operator or the registry names. A symbolic link in its place counts only if root or the
-// effective user owns it (ELOOP otherwise): anybody else's would decide what root reads or replaces. [any thread]
+// Opens the directory that an operator or the registry names. A symbolic link in its place is followed only if root or
+// the effective user owns it (ELOOP otherwise): the link of another user would choose what root reads or replaces. [any
+// thread]
 [[nodiscard]] file::Descriptor OpenNamedDirectory(const std::string& path);
 
-// Syncs what the name leads to. [any thread]
+// Syncs the file or directory of this name. [any thread]
 [[nodiscard]] int SyncName(const std::string& name, int directory = AT_FDCWD);
 
 // Removes everything in the open `directory`, without following links. What cannot be removed is left, and the
 // first error number returned. [any thread]
 [[nodiscard]] int RemoveContents(int directory);
 
-// A name that nothing has: `prefix` and six random characters. [any thread]
+// An unused name: `prefix` and six random characters. [any thread]
 [[nodiscard]] std::string WithRandomEnd(const std::string& prefix);
 
 // The directories below an open one. Each is opened by its name in the one above it, never through a link.
 //
 // Threads: one thread.
-// Owns: the top and the directory that was asked for last.
+// Owns: the top and the last requested directory.
 class DirectoriesBelow {
  public:
   explicit DirectoriesBelow(file::Descriptor top) : top_(std::move(top)) {}
@@ -69,7 +70,7 @@ class DirectoriesBelow {
 
 // A file that is being made: removed at the end of the scope unless it was finished.
 //
-// Threads: one thread. Failure: the first error stays and makes everything after it do nothing.
+// Threads: one thread. Failure: the first error is kept, and everything after it does nothing.
 class NewFile {
  public:
   // Creates `path`, mode 0600; EEXIST if there is something already. A relative path begins at the open `directory`,
@@ -79,17 +80,17 @@ class NewFile {
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
 
-  // Makes the contents that of `source` from its beginning to where it ends now. Holes stay holes. A read error is
-  // reported by the source; here it looks like an early end. [owning thread]
+  // Copies the contents of `source` up to its present end. Holes stay holes. The source reports a read error; here it
+  // has the effect of an early end. [owning thread]
   void CopyFrom(ByteSource& source);
   // [owning thread]
   void WriteAt(std::int64_t offset, std::string_view bytes);
   // [owning thread]
   [[nodiscard]] std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) const;
-  // Cuts off what is after `size`. [owning thread]
+  // Cuts the file to `size`. [owning thread]
   void Shorten(std::int64_t size);
-  // Sets the permissions, times and, as far as this user may, owner of `status`, syncs the file and closes it. Returns
-  // the error number. [owning thread]
+  // Sets the permissions, times and, if this user may, the owner of `status`, syncs the file and closes it. Returns the
+  // error number. [owning thread]
   [[nodiscard]] int Finish(const struct stat& status);
 
   [[nodiscard]] const std::string& Path() const { return path_; }
@@ -109,12 +110,12 @@ class NewFile {
 
 struct CopiedFile {
   int error = 0;
-  bool is_source_error = false;  // the error is that of reading, not of writing
+  bool is_source_error = false;  // the error is one of reading, not of writing
   struct stat status = {};       // of the source when the copy began
 };
 
-// Copies the regular file `name` of one open directory to `new_name` in another, which must not exist. `like`: whose
-// permissions, owner and times it gets; null: those of the source. A symbolic link is not followed. [any thread]
+// Copies the regular file `name` of one open directory to `new_name` in another, which must not exist. It gets the
+// permissions, owner and times of `like`; null: those of the source. A symbolic link is not followed. [any thread]
 [[nodiscard]] CopiedFile CopyRegularFile(const std::string& name, int directory, const std::string& new_name,
                                          int new_directory, const struct stat* like = nullptr);
 

@@ -24,7 +24,7 @@ bool Fits(std::span<const std::uint64_t> tail, std::span<const std::uint64_t> wi
   return std::equal(tail.rbegin(), tail.rend(), before.rbegin());
 }
 
-// Whether the one place that fits is the place for certain, as far as texts can tell.
+// Whether the one matching position is certain, as far as texts can show.
 bool CanDecide(std::span<const std::uint64_t> overlap, std::size_t compared) {
   if (compared < overlap.size()) return AllDifferent(overlap);
   return overlap.size() == 1 || !AllEqual(overlap);

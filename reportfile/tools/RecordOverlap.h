@@ -1,8 +1,8 @@
-// Where a reader left off, found again in a ring that may have moved.
+// Finds the last delivered record in a ring that may have advanced.
 //
 // A record's index counts from the oldest record that is kept, so an index means another record as soon as a full ring
-// has moved on. What stays is the text. A reader therefore remembers the hashes of the last records that it delivered,
-// the overlap, and searches for the place that follows them:
+// has advanced. Only the text stays. A reader therefore keeps the hashes of the last delivered records, the overlap,
+// and searches for the position after them:
 //
 //   delivered   a b c d            overlap a b c d, next index 4
 //   ring now    c d e f g h        place 2: c d are before it, a b have left the ring; e f g h are new
@@ -18,25 +18,25 @@
 
 namespace qx::report {
 
-// How many of the last delivered records are remembered. More make a coincidence less likely and cost a reader that
-// scans every second only a few kilobytes a scan.
+// The number of the last delivered records that are kept. With more, a coincidence is less likely, and a reader that
+// polls every second reads only a few kilobytes more for each poll.
 inline constexpr std::size_t kOverlapRecords = 32;
 
-// 64-bit FNV-1a of a record's bytes, line end included. State files hold it, so it never changes.
+// 64-bit FNV-1a of a record's bytes, with its line end. State files store it, so it never changes.
 //   ""      => cbf29ce484222325
 //   "a\r\n" => e5ad9b1904074ddb
 [[nodiscard]] std::uint64_t RecordHash(std::string_view record);
 
 enum class OverlapVerdict {
-  kFound,      // one place fits, and the records before it distinguish it from others
-  kAmbiguous,  // several fit, or one, before which there are only equal records
-  kMissing,    // none fits
+  kFound,      // one position matches, and the records before it distinguish it from others
+  kAmbiguous,  // several positions match, or one after only equal records
+  kMissing,    // no position matches
 };
 
 struct OverlapPlace {
   OverlapVerdict verdict = OverlapVerdict::kMissing;
-  std::size_t index = 0;     // in the window, of the record after the last delivered one; the last if several fit
-  std::size_t compared = 0;  // how many records before it were compared
+  std::size_t index = 0;     // in the window, of the record after the last delivered one; the last if several match
+  std::size_t compared = 0;  // the number of compared records before it
 
   friend bool operator==(const OverlapPlace&, const OverlapPlace&) = default;
 };

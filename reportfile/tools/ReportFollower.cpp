@@ -12,7 +12,7 @@ using Hashes = std::vector<std::uint64_t>;
 
 constexpr int kAttempts = 8;
 constexpr int kAttemptsAtFullSize = 2;
-constexpr std::uint32_t kSmallCount = 256;  // a small answer is read before a fast writer can get far
+constexpr std::uint32_t kSmallCount = 256;  // a small reply is read before a fast writer has advanced far
 
 std::span<const std::uint64_t> Last(const Hashes& hashes, std::size_t count) {
   return std::span(hashes).last(std::min(count, hashes.size()));
@@ -85,7 +85,8 @@ bool ReportFollower::Locate(Attempt& attempt) {
   return true;
 }
 
-// A full ring moves by as many records as were written, so the place is never behind `next`, and mostly little before.
+// A full ring advances by the number of written records, so the position is never after `next`, and mostly just before
+// it.
 bool ReportFollower::LocateNear(Attempt& attempt, bool& is_located) {
   const std::size_t reach = position_.overlap.size() + kNearRecords;
   if (position_.next <= reach) return true;
@@ -106,7 +107,7 @@ void ReportFollower::Settle(const OverlapPlace& found, std::uint32_t window_star
   if (found.verdict == OverlapVerdict::kAmbiguous) attempt.poll.event = PollEvent::kAmbiguous;
 }
 
-// A report never gets fewer records, so if there are fewer than before, it is another one.
+// A report never loses records, so with fewer records than before it is another one.
 void ReportFollower::SettleMissing(const Hashes& window, Attempt& attempt) const {
   const bool has_shrunk = window.size() < position_.next;
   attempt.poll.event = has_shrunk ? PollEvent::kStartedOver : PollEvent::kGap;
@@ -115,8 +116,8 @@ void ReportFollower::SettleMissing(const Hashes& window, Attempt& attempt) const
                           window.begin() + static_cast<std::ptrdiff_t>(std::min(window.size(), kOverlapRecords)));
 }
 
-// What an earlier attempt read after the delivered records shows how far the ring has moved beyond them, if some of it
-// is still there.
+// The records that an earlier attempt read after the delivered ones show how far the ring has advanced beyond them, if
+// some of them are still there.
 //   read after the last delivered one   a b c d e
 //   ring now                            d e f g      => a b c are lost: 5 - 2
 std::optional<std::uint64_t> ReportFollower::LostRecords(const Hashes& window) const {
@@ -138,8 +139,8 @@ bool ReportFollower::ReadHashes(std::uint32_t first, std::uint32_t end, Hashes& 
   return true;
 }
 
-// If there is no record before the new ones, they are read in a snapshot of their own: they have to begin as the search
-// found the ring, and the first of them must stay until all is read.
+// If there is no record before the new ones, they are read in a snapshot of their own: they must begin as the search
+// found the ring, and the first of them must stay until all are read.
 bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
   if (!source_.Read(attempt.place, count_max, attempt.poll.records)) return false;
   for (const std::string& record : attempt.poll.records) attempt.hashes.push_back(RecordHash(record));
@@ -151,7 +152,7 @@ bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
   return true;
 }
 
-// Nothing at an index may be the end, or a record that no answer can carry: then there is one after it.
+// No record at an index means the end, or a record that is too long for a reply: then there is one after it.
 bool ReportFollower::SearchForward(Attempt& attempt) {
   ReportPoll& poll = attempt.poll;
   const std::uint32_t next = attempt.place + static_cast<std::uint32_t>(poll.records.size());
@@ -172,8 +173,8 @@ bool ReportFollower::CheckSteady(Attempt& attempt) {
   return attempt.is_steady || KeepOutrun(attempt);
 }
 
-// Of what was read, only what is still there at the end is known to have been there all the time. Index 0 would have
-// begun a new snapshot, in which indexes may mean other records.
+// Only the read records that are still there at the end were there all the time. Index 0 would begin a new snapshot, in
+// which indexes may mean other records.
 bool ReportFollower::KeepOutrun(const Attempt& attempt) {
   outrun_.clear();
   outrun_standing_ = 0;

@@ -51,7 +51,7 @@ void SetSizes(ReportStatus& status) {
   if (file::StatusOf(DataFileName(status.base_path).c_str(), data) == 0) status.bytes += data.st_size;
 }
 
-// The files of all reports, each with the place of its report in the list.
+// The files of all reports, each with the index of its report in the list.
 std::map<FileKey, std::size_t> FilesOf(const std::vector<ReportStatus>& reports) {
   std::map<FileKey, std::size_t> files;
   for (std::size_t i = 0; i < reports.size(); ++i) {

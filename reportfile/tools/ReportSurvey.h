@@ -1,4 +1,4 @@
-// Which reports a directory has, and how each of them is: one walk for every tool that shows or checks all reports.
+// Finds the reports of a directory and the status of each: one walk for every tool that shows or checks all reports.
 //
 // The walk includes subdirectories and hidden names. It enters no directory through a symbolic link; a file that is a
 // link counts as the file that it leads to, if a reader of the store accepts it.
@@ -22,7 +22,7 @@ struct UnlistedDirectory {
 };
 
 struct FoundReports {
-  int error = 0;                            // of the directory itself; what was found before stays
+  int error = 0;                            // of the directory itself; the reports found before are kept
   std::vector<std::string> names;           // below the directory and without the endings, in order: "load", "disk/sda"
   std::vector<UnlistedDirectory> unlisted;  // in the order of names
 };

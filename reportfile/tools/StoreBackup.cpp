@@ -44,11 +44,11 @@ Ending EndingOf(const std::string& name) {
   return {name.substr(0, name.size() - kEndingBytes), is_index ? kHasIndex : kHasData};
 }
 
-// What is below a directory, by path from it.
+// The entries below a directory, by path from it.
 struct FoundNames {
   std::vector<std::string> directories;
   std::vector<std::string> files;
-  std::vector<BackupItem> others;  // links, what is neither file nor directory, and what cannot be read
+  std::vector<BackupItem> others;  // links, entries that are neither file nor directory, and unreadable ones
 };
 
 BackupItem Unread(const std::string& name, int error) {
@@ -56,7 +56,7 @@ BackupItem Unread(const std::string& name, int error) {
   return {.name = name, .kind = BackupItemKind::kFile, .state = state, .error = error};
 }
 
-// Adds what has `name` in the open `directory` and `path` from the top. True for a directory.
+// Adds the entry `name` of the open `directory`, with `path` from the top. True for a directory.
 bool AddEntry(int directory, const std::string& name, const std::string& path, FoundNames* found) {
   struct stat status = {};
   const int error = file::StatusOf(name.c_str(), status, AT_SYMLINK_NOFOLLOW, directory);
@@ -233,7 +233,7 @@ class Backup {
     return true;
   }
 
-  // A file that others replace or write is copied again until it did not change during the copy.
+  // A file that changes during the copy is copied again.
   bool CopyFile(BackupItem& item, int from, int to) {
     const std::string name = file::NameOf(item.name);
     for (int tries = 0; tries < kFileTriesMax; ++tries) {
@@ -275,14 +275,14 @@ class Backup {
     return error == 0;
   }
 
-  // The one step that makes it a backup. An empty directory at the target is replaced in it; anything else has come
-  // since the check and stays.
+  // This step makes it a backup. It replaces an empty directory at the target; anything else appeared after the check
+  // and stays.
   void PutInPlace(PrivateDirectory& directory) {
     if (const int error = directory.RenameTo(file::NameOf(target_)); error != 0) {
       (void)Failed(error, target_);
       return;
     }
-    (void)directory.SyncAbove();  // the backup is whole either way; only its name could be lost in a crash
+    (void)directory.SyncAbove();  // the backup is whole in both cases; only its name could be lost in a crash
   }
 
   const std::string source_;
@@ -302,7 +302,7 @@ ReportTree ListReports(int directory, Unlistable unlistable) {
   ReportTree tree;
   tree.error = FindNames(directory, unlistable, &found);
   tree.directories = std::move(found.directories);
-  std::sort(tree.directories.begin(), tree.directories.end());  // so each comes before what it contains
+  std::sort(tree.directories.begin(), tree.directories.end());  // so each directory comes before its content
   tree.items = std::move(found.others);
   AddFiles(found.files, &tree.items);
   std::sort(tree.items.begin(), tree.items.end(),

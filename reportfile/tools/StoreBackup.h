@@ -1,10 +1,10 @@
-// Copies a report directory while its writers go on: every store consistent by itself, every other file as it is.
+// Copies a report directory while its writers continue: every store consistent by itself, every other file as it is.
 //
 // The backup is built in a directory next to the target under a name that ends in six random characters, synced, and
-// renamed at the end. A crash or a full disk therefore leaves no target at all, never half of one. A store that could
-// not be copied consistently is left out, and the result says so. Symbolic links are left out and named: whoever may
-// write to a report directory could otherwise have any file copied. For the same reason everything is read and written
-// by names in open directories.
+// renamed at the end. A crash or a full disk therefore never leaves a partial target. A store that could not be copied
+// consistently is left out, and the result says so. Symbolic links are left out and named: whoever may write to a
+// report directory could otherwise have any file copied. For the same reason everything is read and written by names in
+// open directories.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ enum class BackupItemKind {
 enum class BackupItemState {
   kCopied,
   kDamaged,     // copied, and the copy has findings
-  kNeverStill,  // not copied: its writer overwrote it faster than it could be read, or a file kept changing
+  kNeverStill,  // not copied: its writer overwrote it faster than it could be read, or a file changed in every try
   kGone,        // not copied: removed meanwhile
   kUnreadable,  // not copied: its bytes cannot be read, or `stat` fails
 };
@@ -73,7 +73,7 @@ enum class Unlistable {
 // before what it contains. [any thread]
 [[nodiscard]] ReportTree ListReports(int directory, Unlistable unlistable = Unlistable::kEndsTheList);
 
-// Is `path`, as far as it exists, `directory` itself or below it? Links are resolved. [any thread]
+// True if `path`, as far as it exists, is `directory` or below it. Links are resolved. [any thread]
 [[nodiscard]] bool IsWithin(const std::string& path, const std::string& directory);
 
 }  // namespace qx::report

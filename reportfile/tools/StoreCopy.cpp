@@ -30,7 +30,7 @@ void Pause(long nanoseconds) {
   (void)nanosleep(&pause, nullptr);  // a shorter pause only makes another try
 }
 
-// The slot of the record that is `younger` records older than the newest one.
+// The slot of the record with `younger` newer records.
 std::uint32_t SlotOfRecent(const IndexHeader& header, std::uint32_t younger) {
   return SlotOfAge(header, header.highestIndex - 1 - younger);
 }
@@ -47,7 +47,7 @@ class LiveStore {
   int IndexError() const { return index_.IsOpen() ? 0 : index_error_; }
   int DataError() const { return data_.IsOpen() ? 0 : data_error_; }
 
-  // Read twice, so that a header that is just being written is not seen in parts. Unset: the file is shorter.
+  // Read twice, so that a header in the middle of a write is not used. Unset: the file is shorter.
   std::optional<IndexHeader> Header() {
     for (int spins = 0; spins < kSpinsMax; ++spins) {
       IndexHeader first;
@@ -111,7 +111,7 @@ struct Copies {
 
 enum class TryEnd { kCopied, kMoved, kFailed };
 
-// One try at a copy.
+// One attempt at a copy.
 class Copier {
  public:
   Copier(const std::string& from, int from_directory, Copies& to) : from_(from), live_(from, from_directory), to_(to) {}
@@ -126,7 +126,7 @@ class Copier {
     return has_held ? TryEnd::kCopied : TryEnd::kMoved;
   }
 
-  // Makes the copies last.
+  // Syncs and closes the copies.
   TryEnd Finish() {
     for (NewFile* const file : {&to_.index, &to_.data}) {
       const bool is_index = file == &to_.index;
@@ -154,7 +154,7 @@ class Copier {
     return TryEnd::kFailed;
   }
 
-  // A store without a header, or with one that no writer can have left: good only if nothing moved.
+  // A store without a header, or with one that no writer can have left: the copy is good only if nothing changed.
   bool CopyAsItIs(const std::optional<IndexHeader>& before) {
     const std::int64_t index_bytes = live_.Index().Size();
     const std::int64_t data_bytes = live_.Data().Size();
@@ -175,7 +175,7 @@ class Copier {
     return true;
   }
 
-  // Brings the copied index up to a header under which nothing moved while the slots since the last scan were read.
+  // Updates the copied index to a header during which nothing changed while the slots since the last scan were read.
   std::optional<IndexHeader> CatchUp(IndexHeader seen) {
     for (int spins = 0; spins < kSpinsMax; ++spins) {
       const std::optional<IndexHeader> now = live_.Header();
@@ -194,7 +194,7 @@ class Copier {
     return std::nullopt;
   }
 
-  // The slots of the `appended` newest records and of the one before them, which may have been in flight.
+  // The slots of the `appended` newest records and of the one before them, which may not have been counted yet.
   void CopyRecentSlots(const IndexHeader& header, std::uint32_t appended) {
     for (std::uint32_t younger = 0; younger <= appended && younger < header.highestIndex; ++younger) {
       const std::uint32_t slot = SlotOfRecent(header, younger);
@@ -202,8 +202,8 @@ class Copier {
     }
   }
 
-  // A header whose writePosition bounds every byte that was written up to now: either no record is being written, which
-  // the marker shows, or the one that was has been counted since.
+  // A header whose writePosition is after every written byte: either no record is being written, which the marker
+  // shows, or that record was counted since.
   std::optional<IndexHeader> HeaderAfterTheCopiedPart(const IndexHeader& reference) {
     std::optional<IndexHeader> first;
     std::optional<IndexHeader> now;
@@ -215,11 +215,11 @@ class Copier {
       if (RecordsInRound(*now) != 0 && live_.HasMarkerAt(now->writePosition) && live_.Header() == now) return now;
       Pause(kSpinNanoseconds);
     }
-    // A writer that died, or a data file that has just been restarted and is at rest: nothing moves any more.
+    // A killed writer, or a data file that was just restarted and has no writer: nothing changes any more.
     return now == reference ? now : std::nullopt;
   }
 
-  // Was text that `reference` leads to written over on the way to `after`?
+  // True if text of a slot of `reference` was overwritten up to `after`.
   bool IsTouched(const IndexHeader& reference, const IndexHeader& after) const {
     const std::uint32_t appended = after.elementCount - reference.elementCount;
     const std::uint32_t period = RecordsPerRound(reference);
@@ -227,14 +227,13 @@ class Copier {
     if (period != 0 && appended >= period) return true;
     const bool is_restarted = RecordsInRound(after) < RecordsInRound(reference);
     const bool has_old_records = RecordsInRound(reference) < reference.highestIndex;
-    if (is_restarted == has_old_records)
-      return has_old_records;  // it continued over the old round; or after everything
+    if (is_restarted == has_old_records) return has_old_records;  // it continued over the old round, or after all text
     const std::optional<std::uint32_t> lowest = LowestLiveOffset(reference);
     return lowest.has_value() && *lowest < after.writePosition + kMarkerBytes;
   }
 
-  // The lowest offset of a text that the writer can reach next: of the round before, after the marker, or, if every
-  // record is of this round, of the oldest one.
+  // The lowest offset of a text that the writer can overwrite next: a text of the previous round after the marker, or,
+  // if every record is of this round, the oldest one.
   std::optional<std::uint32_t> LowestLiveOffset(const IndexHeader& header) const {
     const std::uint32_t in_round = RecordsInRound(header);
     if (in_round >= header.highestIndex) return CopiedSlot(SlotOfAge(header, 0));
@@ -252,10 +251,10 @@ class Copier {
     return offset;
   }
 
-  // Removes what was written after the moment of `header`.
+  // Removes what was written after `header`.
   void CutToMoment(const IndexHeader& header) {
     to_.index.Shorten(SlotOffset(header.highestIndex));
-    if (RecordsInRound(header) == 0) return;  // there is no marker in front of the round before
+    if (RecordsInRound(header) == 0) return;  // there is no marker before the previous round
     to_.data.WriteAt(header.writePosition, kEndMarker);
     if (header.writePosition == header.fileEnd) to_.data.Shorten(header.writePosition + kMarkerBytes);
   }

@@ -29,7 +29,7 @@ struct StoreCopy {
 };
 
 // Copies the files of the store at base path `from` to base path `to`, whose files must not exist; their directory
-// must. The copies are synced. A store that is at rest is copied byte for byte, damaged or not, and its holes stay
+// must. The copies are synced. A store without a writer is copied byte for byte, damaged or not, and its holes stay
 // holes. Relative paths begin at the open directories; a file below an open directory is not read through a link. [any
 // thread]
 [[nodiscard]] StoreCopy CopyStore(const std::string& from, const std::string& to, int from_directory = AT_FDCWD,

@@ -50,7 +50,7 @@ int StatusBelow(DirectoriesBelow& top, const std::string& path, struct stat& sta
   return directory < 0 ? errno : file::StatusOf(file::NameOf(path).c_str(), status, AT_SYMLINK_NOFOLLOW, directory);
 }
 
-// Is the directory of this path, or one on the way to it, a symbolic link?
+// True if the directory of this path, or one above it, is a symbolic link.
 bool LeadsOverLink(DirectoriesBelow& top, const std::string& path) {
   struct stat status = {};
   for (std::string above = DirectoriesBelow::Above(path); !above.empty(); above = DirectoriesBelow::Above(above)) {
@@ -78,7 +78,7 @@ bool HaveEqualBytes(DirectoriesBelow& left_top, DirectoriesBelow& right_top, con
   return HaveEqualBytes(left, right);
 }
 
-// What shows that a file was written between two checks.
+// The values that show whether a file was written between two checks.
 struct Snapshot {
   struct stat status = {};
   IndexHeader header;
@@ -97,7 +97,7 @@ Snapshot SnapshotOf(DirectoriesBelow& reports, const std::string& path) {
   return snapshot;
 }
 
-// A writer that locks its index file does not let this lock be taken.
+// If a writer holds the lock of the index file, this lock fails.
 bool IsLocked(DirectoriesBelow& reports, const std::string& path) {
   const FileBytes file = OpenBelow(reports, path);
   return file.IsOpen() && file::TryLock(file.Number()) == EWOULDBLOCK;
@@ -171,7 +171,7 @@ class Planner {
     return item;
   }
 
-  // Nobody writes to a backup.
+  // A backup has no writer.
   bool IsDamaged(const std::string& base_path) const {
     FileBytes index = OpenBelow(directories_.backup, IndexFileName(base_path));
     FileBytes data = OpenBelow(directories_.backup, DataFileName(base_path));
@@ -193,7 +193,7 @@ class Planner {
     return FileKey(status.st_dev, status.st_ino);
   }
 
-  // An agent keeps the header in memory: its next record would spoil what is restored under it.
+  // An agent keeps the header in memory: its next record would damage the restored files.
   void FindLiveReports() {
     std::set<FileKey> keys;
     for (const RestoreItem& item : result_.items) {
@@ -204,7 +204,7 @@ class Planner {
     if (keys.empty()) return;
     const std::vector<Snapshot> before = SnapshotsOfAll();
     const timespec pause = {.tv_sec = 0, .tv_nsec = kBetweenChecksNanoseconds};
-    (void)nanosleep(&pause, nullptr);  // a shorter pause only sees less
+    (void)nanosleep(&pause, nullptr);  // a shorter pause only notices fewer writes
     NoteLiveReports(before, SnapshotsOfAll(), FindWritingProcesses(keys));
   }
 
@@ -238,7 +238,7 @@ RestoreResult Failed(RestoreResult result, int error, std::string file) {
   return result;
 }
 
-// Creates the directory and what is missing above it. 0 or the error number.
+// Creates the directory and the missing ones above it. 0 or the error number.
 int MakeDirectories(const std::string& path) {
   int error = file::MakeDirectory(path.c_str(), kReportDirectoryMode);
   if (error == ENOENT) {
@@ -248,8 +248,8 @@ int MakeDirectories(const std::string& path) {
   return error == EEXIST ? 0 : error;
 }
 
-// The new files next to the ones that they replace, under private names until they are renamed. What was not renamed
-// is removed at the end, and so are the directories that were made, if nothing is in them.
+// The new files next to the ones that they replace, under private names until they are renamed. At the end, files that
+// were not renamed are removed, and so are new directories that are empty.
 class StagedFiles {
  public:
   StagedFiles(Directories& directories) : directories_(directories), prefix_(WithRandomEnd(".restore-")) {}
@@ -286,7 +286,7 @@ class StagedFiles {
       return S_ISDIR(like.st_mode) ? EISDIR : S_ISLNK(like.st_mode) ? ELOOP : EINVAL;
     if (error == ENOENT) error = file::StatusOf(name.c_str(), like, AT_SYMLINK_NOFOLLOW, from);
     if (error != 0) return error;
-    like.st_atim = {.tv_sec = 0, .tv_nsec = UTIME_NOW};  // it is written now, and followers have to see it
+    like.st_atim = {.tv_sec = 0, .tv_nsec = UTIME_NOW};  // it is written now, and followers must see that
     like.st_mtim = like.st_atim;
     const std::string new_name = prefix_ + "-" + std::to_string(files_.size());
     files_.reserve(files_.size() + 1);
@@ -321,7 +321,7 @@ class StagedFiles {
 
  private:
   struct Staged {
-    std::string path;      // where it belongs, below the report directory
+    std::string path;      // its final path, below the report directory
     std::string new_name;  // in the same directory
   };
 
@@ -354,7 +354,7 @@ int StageBackup(const RestoreResult& plan, Directories& directories, StagedFiles
   return 0;
 }
 
-// The file that is not in its place; none if all are.
+// The first file that is not in its place; empty if all are.
 std::optional<std::string> FileNotRestored(const RestoreResult& plan, Directories& directories) {
   for (const RestoreItem& item : plan.items) {
     for (const std::string& path : FilesOf(item)) {
@@ -390,7 +390,7 @@ bool HasItem(const RestoreResult& plan, Predicate predicate) {
   return std::any_of(plan.items.begin(), plan.items.end(), predicate);
 }
 
-// Why the plan is not carried out; kPlanned if it is.
+// Why the plan cannot be carried out; kPlanned if it can.
 RestoreState ObstacleOf(const RestoreResult& plan, bool is_forced) {
   if (HasItem(plan, [](const RestoreItem& item) { return item.is_link; })) return RestoreState::kLinked;
   const bool is_blocked =
@@ -439,7 +439,7 @@ RestoreResult RestoreReports(const std::string& backup_directory, const std::str
   if (const int error = RemoveBackup(directories); error != 0) {
     return Failed(std::move(result), error, directories.backup_name);
   }
-  return result;  // after the removal nothing may run out of memory
+  return result;  // after the removal nothing may allocate
 }
 
 }  // namespace qx::report

@@ -1,9 +1,9 @@
-// Restores a backup: first says what it would replace, then replaces it file by file.
+// Restores a backup: first plans what it would replace, then replaces it file by file.
 //
-// Each file is written under a private name in the directory where it belongs, and synced. When all are there they are
-// renamed, one after the other. Until the first rename nothing has changed; a file is never seen half written. Symbolic
-// links among the files to replace, or among directories, refuse the restore: whoever may write to a report directory
-// could otherwise have any file replaced. For the same reason everything is read and written by names in open
+// Each file is written under a private name in the directory where it belongs, and synced. When all are written, they
+// are renamed one after the other. Until the first rename nothing has changed; no reader sees a partly written file.
+// Symbolic links among the files to replace, or among directories, refuse the restore: whoever may write to a report
+// directory could otherwise have any file replaced. For the same reason everything is read and written by names in open
 // directories.
 #pragma once
 
@@ -26,7 +26,7 @@ struct RestoreItem {
   BackupItemKind kind = BackupItemKind::kFile;
   RestoreAction action = RestoreAction::kAdd;
   bool is_damaged = false;  // the backup's store has findings
-  bool is_link = false;     // a symbolic link is in the backup, in the place of a file or on the way to it
+  bool is_link = false;     // a symbolic link is in the backup, in place of a file or in its path
   bool is_being_written =
       false;  // the report that it replaces changed between two checks, is locked or open for writing
   std::vector<int> writers = {};  // processes that have it open for writing, as far as this user can see
@@ -37,9 +37,9 @@ enum class RestoreState {
   kDone,      // every file of the backup is in the report directory, compared byte for byte
   kNotFound,  // the backup is not a directory
   kRefused,   // one of the two directories is in the other
-  kLinked,    // nothing was changed: an item is or meets a symbolic link
+  kLinked,    // nothing was changed: an item is or is below a symbolic link
   kBlocked,   // nothing was changed: an item is damaged or being written
-  kFailed,    // the backup cannot be read or copied (nothing was changed), or not all of it reached its place
+  kFailed,    // the backup cannot be read or copied (nothing was changed), or not all of it was renamed into place
 };
 
 struct RestoreResult {
@@ -49,8 +49,8 @@ struct RestoreResult {
   std::string file;                // ... and the file
 };
 
-// Says what restoring `backup_directory` into `report_directory` would do. Takes a quarter of a second, between two
-// checks of the reports that would be replaced. [any thread]
+// Returns what a restore of `backup_directory` into `report_directory` would do. Takes a quarter of a second, between
+// two checks of the reports that would be replaced. [any thread]
 [[nodiscard]] RestoreResult PlanRestore(const std::string& backup_directory, const std::string& report_directory);
 
 struct RestoreOptions {

@@ -26,8 +26,8 @@ constexpr std::int64_t kOffsetLimit = std::int64_t{1} << 32;
 // A line of the data file from some offset on.
 struct Line {
   std::int64_t begin = 0;
-  std::int64_t end = 0;      // behind its line feed, or where it breaks off
-  bool is_complete = false;  // ends with a line feed and holds no NUL
+  std::int64_t end = 0;      // after its line feed, or where it is cut
+  bool is_complete = false;  // ends with a line feed and has no NUL
 
   std::int64_t Bytes() const { return end - begin; }
 };
@@ -56,7 +56,7 @@ class Salvager {
   // --- the index
 
   void ReadIndex() {
-    (void)index_.ReadAt(0, &header_, sizeof header_);  // whatever comes is distrusted
+    (void)index_.ReadAt(0, &header_, sizeof header_);  // nothing in it is trusted
     const std::int64_t whole = std::max<std::int64_t>(index_.Size() - SlotOffset(0), 0) / 4;
     counts_.is_cut_short = whole > kSalvageSlotsMax;
     offsets_.resize(static_cast<std::size_t>(std::min<std::int64_t>(whole, kSalvageSlotsMax)));
@@ -66,8 +66,8 @@ class Salvager {
 
   std::uint32_t SlotCount() const { return static_cast<std::uint32_t>(offsets_.size()); }
 
-  // The slot of the oldest record. When the header does not tell, the slot behind the one whose record ends at
-  // writePosition; if there is none, the first.
+  // The slot of the oldest record. If the header does not show it, the slot after the one whose record ends at
+  // writePosition; if there is no such slot, the first.
   std::uint32_t OldestSlot() const {
     if (SlotCount() == 0) return 0;
     if (header_.oldestIndex >= SlotCount()) return SlotAfterNewest();
@@ -83,10 +83,10 @@ class Salvager {
     return 0;
   }
 
-  // --- lines that slots lead to
+  // --- lines with slots
 
-  // lines_: by offset, each offset once. Offsets that share a line are found with one search, so that slots that all
-  // lead into one huge line cost no more than reading it.
+  // lines_: by offset, each offset once. One search serves all offsets in a line, so that many slots into one huge line
+  // need only one read of it.
   void FindLines() {
     std::vector<std::uint32_t> slots(SlotCount());
     for (std::uint32_t slot = 0; slot < SlotCount(); ++slot) slots[slot] = slot;
@@ -106,7 +106,7 @@ class Salvager {
     return line;
   }
 
-  // A line from `begin` to its first line feed; it breaks off at a NUL and at the end of the file.
+  // A line from `begin` to its first line feed; it is cut at a NUL and at the end of the file.
   Line LineAt(std::int64_t begin) {
     for (std::int64_t at = begin; at < data_bytes_;) {
       const std::string_view bytes = BytesAt(at);
@@ -120,9 +120,9 @@ class Salvager {
     return {begin, std::max(begin, data_bytes_), false};
   }
 
-  // A slot that leads into the middle of a line gives a piece of a record. It is one for certain when the line's own
-  // slot is followed by one that leads right behind the line, as a writer's slots do. If it is not certain, the line
-  // feed in front of a real record may be what was damaged, and both are kept.
+  // A slot into the middle of a line is a piece of a record. This is certain if the line's own slot is followed by one
+  // directly after the line, like a writer's slots. If it is not certain, the line feed before a real record may be
+  // damaged, and both are kept.
   void DropFragments() {
     const SlotLine* whole = nullptr;
     for (SlotLine& held : lines_) {
@@ -145,7 +145,7 @@ class Salvager {
     return may_be && BytesAt(line.begin, kEndMarker.size()).starts_with(kEndMarker);
   }
 
-  // --- handing over
+  // --- output
 
   bool EmitIndexed() {
     std::vector<const SlotLine*> by_slot(SlotCount(), nullptr);
@@ -164,8 +164,7 @@ class Salvager {
     return true;
   }
 
-  // Whole lines that no slot leads to. The line behind an end marker may be the rest of one that the marker
-  // was written over.
+  // Whole lines without a slot. The line after an end marker may be the rest of a line that the marker overwrote.
   void EmitUnindexed() {
     bool is_after_marker = false;
     auto next_slot = lines_.begin();
@@ -187,7 +186,7 @@ class Salvager {
     }
   }
 
-  // Behind a NUL the next line begins behind the next line feed.
+  // After a NUL, the next line begins after the next line feed.
   std::int64_t AfterGarbage(std::int64_t at) {
     while (at < data_bytes_) {
       const std::string_view bytes = BytesAt(at);
@@ -267,7 +266,7 @@ struct SourceFile {
   int open_error = 0;
 };
 
-// The old ring size if a writer could have chosen it, with room for every record.
+// The old ring size if a writer could have chosen it, with slots for every record.
 std::uint32_t NewRingSize(ByteSource& index, std::uint64_t records) {
   IndexHeader header = {.maxRecord = 0};
   (void)index.ReadAt(0, &header, sizeof header);
@@ -311,7 +310,7 @@ int PutInPlace(const std::string& from, const std::string& to) {
   if (const int error = file::RenameWithoutReplacing(DataFileName(from).c_str(), DataFileName(to).c_str()))
     return error;
   if (const int error = file::RenameWithoutReplacing(IndexFileName(from).c_str(), IndexFileName(to).c_str())) {
-    (void)unlink(DataFileName(to).c_str());  // ours, just put there
+    (void)unlink(DataFileName(to).c_str());  // a file of this call
     return error;
   }
   return file::SyncDirectory(file::DirectoryOf(to).c_str());
@@ -341,7 +340,7 @@ SalvageResult SalvageStore(const std::string& source, const std::string& target,
   result = WriteNewStore(index, data, with_unindexed, base_path);
   if (result.state != SalvageState::kDone) return Failed(target, result.error);
   for (const SourceFile* const file : {&index, &data}) {
-    if (file->Error() != 0) return Failed(file->path, file->Error());  // a read failed: not all that is there was seen
+    if (file->Error() != 0) return Failed(file->path, file->Error());  // a read failed: the result is not complete
   }
   const int error = PutInPlace(base_path, target);
   return error == 0 ? result : Failed(target, error);

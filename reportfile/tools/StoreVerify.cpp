@@ -22,7 +22,7 @@ constexpr std::int64_t kOffsetLimit = std::int64_t{1} << 32;
 constexpr std::int64_t kRecordBytesMin = kLineEnd.size();
 constexpr std::int64_t kMarkerBytes = kEndMarker.size();
 
-// More rounds of the 32-bit count than any machine writes in its life.
+// More rounds of the 32-bit count than any machine can write.
 constexpr std::uint64_t kCountWrapsMax = 4;
 
 std::int64_t OffsetInHeader(std::size_t member) { return static_cast<std::int64_t>(member); }
@@ -49,7 +49,7 @@ class Examiner {
  public:
   Examiner(ByteSource& index, ByteSource& data) : index_(index), data_(data), slots_(index), texts_(data) {}
 
-  // Header and sizes alone: nothing of the data file is read.
+  // Only header and sizes: nothing of the data file is read.
   StoreScan ScanHeader() {
     scan_.index_bytes = index_.Size();
     scan_.data_bytes = data_.Size();
@@ -78,7 +78,7 @@ class Examiner {
   void CheckHeaderAndSizes() {
     scan_.beyond_offsets = scan_.data_bytes > kOffsetLimit;
     CheckRing();
-    if (!scan_.findings.empty()) return;  // such a header says nothing about anything else
+    if (!scan_.findings.empty()) return;  // with such a header nothing else can be checked
     CheckPositions();
     CheckSizes();
   }
@@ -100,7 +100,7 @@ class Examiner {
     return true;
   }
 
-  // The first record's slot is written before any header, behind 24 bytes that nobody has written yet.
+  // The first record's slot is written before any header, after 24 bytes that are not written yet.
   bool IsFirstRecordInFlight() {
     constexpr IndexHeader kUnwritten = {.maxRecord = 0};
     return scan_.header == kUnwritten && scan_.index_bytes <= SlotOffset(1) && SlotAt(0).value_or(0) == 0;
@@ -182,8 +182,8 @@ class Examiner {
     }
   }
 
-  // A store that was created and never written has two empty files; with its first record in flight, one record and a
-  // marker in the data file. Anything else has lost its index.
+  // A store that was created and never written has two empty files; before its first record is counted, one record and
+  // a marker in the data file. Anything else has lost its index.
   void CheckStoreWithoutHeader() {
     if (scan_.index_bytes == 0 && scan_.data_bytes == 0) return;
     if (scan_.index_bytes == 0 && DataIsOneRecord()) {
@@ -204,7 +204,7 @@ class Examiner {
 
   // --- what is at writePosition
 
-  // The slot that the next record takes leads to it already. In a full ring that was the oldest record's slot.
+  // The slot of the next record already has its offset. In a full ring that was the oldest record's slot.
   void FindRecordInFlight() {
     const IndexHeader& header = scan_.header;
     const std::uint32_t next_slot = SlotForNewRecord(header);
@@ -219,7 +219,7 @@ class Examiner {
     scan_.record_in_flight = is_slot_in_flight_;
   }
 
-  // Sets doubtful_end_: indexed text of an earlier round in front of it may be overwritten.
+  // Sets doubtful_end_: indexed text of an earlier round before it may be overwritten.
   void CheckMarker() {
     const IndexHeader& header = scan_.header;
     const std::int64_t position = header.writePosition;
@@ -237,8 +237,8 @@ class Examiner {
     }
   }
 
-  // After a restart there is no marker at the new beginning: a new record shows only by its own marker, or, if that
-  // covers the old one, by the text before the oldest record.
+  // After a restart there is no marker at the new beginning: a new record can only be recognised by its own marker, or,
+  // if that covers the old one, by the text before the oldest record.
   std::int64_t DoubtfulEndAfterRestart() {
     if (const auto end = EndOfNewRecordAt(0)) return *end;
     if (scan_.header.highestIndex == 0) return 0;
@@ -248,8 +248,8 @@ class Examiner {
     return is_as_it_was ? 0 : scan_.data_bytes;
   }
 
-  // In the marker's place there is something else: the next record, whole or cut short, or damage. A new record
-  // may reach just to the marker of the round before, so only what resembles a marker, or cannot be text, is damage.
+  // Instead of the marker there is something else: the next record, whole or cut short, or damage. A new record may end
+  // just before the marker of the previous round, so only bytes that resemble a marker, or cannot be text, are damage.
   void CheckTextAtWritePosition(std::string_view there) {
     const std::int64_t position = scan_.header.writePosition;
     if (const auto end = EndOfNewRecordAt(position)) {
@@ -270,8 +270,8 @@ class Examiner {
         "neither the end marker nor a new record stands at writePosition");
   }
 
-  // The end of the marker behind a record that was written at `position` and is not counted yet. The marker of the
-  // round before, at fileEnd, is not its own.
+  // The end of the marker after a record at `position` that is not counted yet. The marker of the previous round, at
+  // fileEnd, is not its own.
   std::optional<std::int64_t> EndOfNewRecordAt(std::int64_t position) {
     const std::int64_t line_end = FindLineEndAndMarker(position);
     if (line_end < 0) return std::nullopt;
@@ -302,7 +302,7 @@ class Examiner {
     const std::uint32_t slot = SlotOfAge(header, age);
     const std::optional<std::uint32_t> offset = SlotAt(slot);
     if (!offset.has_value()) return std::nullopt;
-    const std::uint32_t younger = header.highestIndex - age;  // itself included
+    const std::uint32_t younger = header.highestIndex - age;  // including itself
     const std::uint32_t period = RecordsPerRound(header);
     const std::uint32_t in_current = RecordsInRound(header);
     const std::uint32_t in_round = RecordsInRound(header, header.elementCount - younger);
@@ -311,7 +311,7 @@ class Examiner {
     return WalkedRecord{age, slot, *offset, is_current, is_previous, in_round == 0, in_round};
   }
 
-  // Where the text of the record's round ends: at writePosition, or where the round before was left. Unset: overwritten
+  // The end of the text of the record's round: writePosition, or the end of the previous round. Unset: overwritten
   // since.
   std::optional<std::int64_t> EndOfRound(const WalkedRecord& record) const {
     const IndexHeader& header = scan_.header;
@@ -354,7 +354,7 @@ class Examiner {
     return EndOfRound(record);
   }
 
-  // A record ends with CR LF where the next one begins, and holds no NUL: a writer's texts end at their first NUL.
+  // A record ends with CR LF where the next one begins, and has no NUL: a writer's texts end at their first NUL.
   void CheckText(const WalkedRecord& record, std::optional<std::int64_t> end) {
     if (record.is_reported) return;
     const bool may_be_overwritten = !record.is_current && (!record.is_previous || record.offset < doubtful_end_);
@@ -364,7 +364,7 @@ class Examiner {
     }
     const std::int64_t begin = record.offset;
     const std::int64_t text_end = *end - kRecordBytesMin;
-    if (text_end < begin) return;  // the slots are out of order there, which was told
+    if (text_end < begin) return;  // the slots are out of order there, which is reported already
     const std::string_view line_end = texts_.At(text_end, kRecordBytesMin).substr(0, kRecordBytesMin);
     if (line_end != kLineEnd) {
       Add("record.end", StoreFile::kData, text_end, line_end.empty() ? 0 : static_cast<unsigned char>(line_end[0]),
@@ -407,7 +407,7 @@ class Examiner {
     return bytes.substr(0, static_cast<std::size_t>(std::min<std::int64_t>(end - at, std::ssize(bytes))));
   }
 
-  // Where the first NUL stands in [at, end); `end` if there is none.
+  // The offset of the first NUL in [at, end), or `end`.
   std::int64_t FindNul(std::int64_t at, std::int64_t end) {
     while (at < end) {
       const std::string_view bytes = TextAt(at, end);
@@ -419,7 +419,7 @@ class Examiner {
     return end;
   }
 
-  // Where the first line feed or NUL stands from `at` on; the file's end if there is none.
+  // The offset of the first line feed or NUL from `at` on, or the end of the file.
   std::int64_t FindLineFeed(std::int64_t at) {
     for (std::string_view bytes = texts_.At(at); !bytes.empty(); bytes = texts_.At(at)) {
       const std::size_t found = bytes.find_first_of(std::string_view("\n\0", 2));
@@ -429,8 +429,8 @@ class Examiner {
     return at;
   }
 
-  // Where CR LF and a marker stand from `at` on, without a NUL before them; -1 if nowhere. No writer leaves a NUL, and
-  // huge holes need not be searched.
+  // The offset of CR LF and a marker from `at` on, without a NUL before them, or -1. No writer leaves a NUL, and huge
+  // holes need not be searched.
   std::int64_t FindLineEndAndMarker(std::int64_t at) {
     constexpr std::size_t kPattern = kLineEndAndMarker.size();
     for (std::string_view bytes = texts_.At(at, kPattern); bytes.size() >= kPattern; bytes = texts_.At(at, kPattern)) {
@@ -485,7 +485,7 @@ constexpr long kPauseNanoseconds = 20'000'000;
 
 void Pause() {
   const timespec pause = {.tv_sec = 0, .tv_nsec = kPauseNanoseconds};
-  (void)nanosleep(&pause, nullptr);  // a shorter pause only makes a scan more
+  (void)nanosleep(&pause, nullptr);  // a shorter pause only adds a scan
 }
 
 // An open file of the store, or why there is none.

@@ -1,10 +1,10 @@
-// Is a store what its writer would have left? Checks the two files of a report against the writer's own invariants.
+// Checks the two files of a report against the invariants of the store's writer.
 //
 // What a writer leaves follows from a few rules (docs/report-store.md): the count determines the phase of the ring and
 // of the data file, and so where the round begins, which slots are rising, and where the last record ends. Every
-// finding names one rule, one place and one value; docs/operations.md lists the rules. Not findings, but reported as
-// remarks: a record that is just being written, records whose text longer ones have overwritten, and whatever else a
-// writer in good health can leave. Nothing is ever changed here; repairing is StoreSalvage's.
+// finding names one rule, one offset and one value; docs/operations.md lists the rules. Not findings, but reported as
+// remarks: a record that is just being written, records whose text longer ones have overwritten, and everything else
+// that a correct writer can leave. Nothing is changed here; StoreSalvage repairs.
 #pragma once
 
 #include <cstddef>
@@ -21,13 +21,13 @@ class ByteSource;
 
 enum class StoreFile { kIndex, kData };
 
-// One contradiction between the files and what a writer leaves.
+// One contradiction between the files and the invariants.
 struct Finding {
   std::string_view rule;    // stable: scripts rely on it
-  StoreFile file;           // where it shows
+  StoreFile file;           // the file that has it
   std::int64_t offset;      // of the first byte that contradicts, in that file
   std::uint64_t value;      // what is there; a size for the rules about sizes
-  std::string explanation;  // for people
+  std::string explanation;  // for operators
 
   friend bool operator==(const Finding&, const Finding&) = default;
 };
@@ -35,32 +35,32 @@ struct Finding {
 // More findings than these are not searched for: a file of garbage contradicts itself everywhere.
 inline constexpr std::size_t kFindingsMax = 100;
 
-// What one pass over the two files saw.
+// The result of one pass over the two files.
 struct StoreScan {
-  IndexHeader header;  // that of a new store if the index file holds none
+  IndexHeader header;  // that of a new store if the index file has none
   std::int64_t index_bytes = 0;
   std::int64_t data_bytes = 0;
   std::vector<Finding> findings;  // at most kFindingsMax
 
   // Remarks: nothing is wrong.
-  bool record_in_flight = false;          // data or slot of the next record are there, its header is not
-  bool record_cut_short = false;          // a text without marker at the end: the disk was full, or the writer died
-  bool marker_cut_short = false;          // the file ends inside the end marker
-  bool count_wrapped = false;             // more than 2^32 records were written
-  bool beyond_offsets = false;            // the data file has outgrown 32-bit offsets: its records are not checked
+  bool record_in_flight = false;  // data or slot of the next record are there, its header is not
+  bool record_cut_short = false;  // a text without marker at the end: the disk was full, or the writer was killed
+  bool marker_cut_short = false;  // the file ends inside the end marker
+  bool count_wrapped = false;     // more than 2^32 records were written
+  bool beyond_offsets = false;    // the data file is too large for 32-bit offsets: its records are not checked
   std::uint64_t overwritten_records = 0;  // indexed, but overwritten by longer newer records
-  std::uint64_t cut_records = 0;          // hold a line feed or a byte 0xFF, where readers end them
+  std::uint64_t cut_records = 0;          // have a line feed or a byte 0xFF, where readers end them
 };
 
-// One pass over the bytes as they are at this moment.
+// One pass over the bytes as they are now.
 //
-// Costs: a read of every indexed record once; about 130 KiB of memory whatever the bytes are; a header that claims more
-// than the files hold ends the pass at kFindingsMax findings. Failure: what cannot be read is not there. [any thread]
+// Costs: a read of every indexed record once; about 130 KiB of memory for any files; a header that counts more than the
+// files have ends the pass at kFindingsMax findings. Failure: bytes that cannot be read count as missing. [any thread]
 [[nodiscard]] StoreScan ScanStore(ByteSource& index, ByteSource& data);
 
 enum class StoreState {
   kSound,
-  kDamaged,     // the findings were there twice, and nothing was written between the two scans
+  kDamaged,     // two scans had the findings, and nothing was written between them
   kChanged,     // there were findings, but each time something was written during the scan
   kNotFound,    // neither file exists
   kUnreadable,  // a file cannot be opened or read
@@ -73,9 +73,9 @@ struct StoreVerdict {
   std::string file;  // ... and the file
 };
 
-// Scans `base_path`.ind and `base_path`.dat until the verdict is certain: a scan without findings says sound, also
-// while a writer is at work; findings count once they were seen twice, 20 ms apart, with the same header. After five
-// scans it gives up with kChanged. A store of which one file is missing is damaged. [any thread]
+// Scans `base_path`.ind and `base_path`.dat until the verdict is certain: after a scan without findings it is sound,
+// also during writes; findings count if two scans, 20 ms apart, have them with the same header. After five scans it
+// gives up with kChanged. A store of which one file is missing is damaged. [any thread]
 [[nodiscard]] StoreVerdict VerifyStore(const std::string& base_path);
 
 // The beginning of VerifyStore, for programs that are about to read or append to the report: the header, then the sizes

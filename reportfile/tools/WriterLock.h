@@ -1,7 +1,7 @@
-// Is a report written by somebody else? For programs that append to a report, or replace it, next to agents.
+// Checks whether another process writes a report: for programs that append to a report, or replace it, next to agents.
 //
 // A writer holds the advisory lock of the index file while it has the report open (CReportFileBase::Open). Agents that
-// were built before the lock existed do not, so the processes of this machine are asked as well.
+// were built before the lock existed do not, so the processes of this machine are checked as well.
 #pragma once
 
 #include <string>
@@ -13,13 +13,13 @@ namespace qx::report {
 // Takes the lock of the report at `base_path` for its own lifetime, if nobody writes the report. CReportFileBase::Open
 // then continues without the lock of its own.
 //
-// Threads: one thread. Owns: the index file, opened to read; nothing is changed.
-// Failure: what cannot be opened counts as free; the open that follows reports it. Throws std::bad_alloc.
+// Threads: one thread. Owns: the index file, opened for reading; nothing is changed. Failure: what cannot be opened
+// counts as free; the open that follows reports it. Throws std::bad_alloc.
 class WriterLock {
  public:
   explicit WriterLock(const std::string& base_path);
 
-  // True if another process, or another object of this one, has the report open to write.
+  // True if another process, or another object of this one, has the report open for writing.
   [[nodiscard]] bool IsHeldByAnother() const { return is_held_; }
   // That process; 0 if it is not known, because only root sees the files of other users' processes.
   [[nodiscard]] int Process() const { return process_; }

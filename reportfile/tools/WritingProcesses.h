@@ -1,4 +1,4 @@
-// Internal: which processes have a file open for writing.
+// Internal: finds the processes that have a file open for writing.
 #pragma once
 
 #include <sys/types.h>
@@ -14,7 +14,7 @@ namespace qx::report {
 // Device and inode: two paths with one key are one file.
 using FileKey = std::pair<dev_t, ino_t>;
 
-// Of the file that the path leads to; none if there is none. [any thread]
+// The key of the file at the path; empty if there is no file. [any thread]
 [[nodiscard]] std::optional<FileKey> KeyOf(const std::string& path);
 
 struct WritingProcess {
@@ -22,7 +22,7 @@ struct WritingProcess {
   int process;
 };
 
-// Reads PID/fd and PID/fdinfo of every process below `processes`, which is /proc or has its shape. What cannot be
+// Reads PID/fd and PID/fdinfo of every process below `processes`, which is /proc or has the same form. What cannot be
 // read counts as not open: only root sees the files of other users' processes. [any thread]
 [[nodiscard]] std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& wanted,
                                                                const std::string& processes = "/proc");
