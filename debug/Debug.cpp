@@ -84,7 +84,7 @@ bool CDebug::Init(const char* app_name) {
       return true;
     }
   } catch (const std::bad_alloc&) {
-    // Falls through to the failure below: a host must not die of its tracing.
+    // Falls through to the failure below: a host must not end because of its tracing.
   }
   ::syslog(LOG_ERR, "ERROR: Error during initialization of the CDebug instance.\n");
   StopLocked();
@@ -283,7 +283,7 @@ void CDebug::CheckDynamicUpdate(std::time_t now) {
   if (RereadConfigFiles(app_name_)) TakeUpdatedLevel();
 }
 
-// A clock that went back makes a check due: it could otherwise take that long again until the next one.
+// A clock that went back makes a check due: otherwise the next one could be that much later.
 bool CDebug::IsUpdateDue(std::time_t now) const noexcept {
   const std::int64_t passed = now - last_check_.load(std::memory_order_relaxed);
   const std::uint32_t interval = settings_.update_interval.load(std::memory_order_relaxed);

@@ -63,7 +63,7 @@ class CDebug : public CDebugTraceConfig {
       __attribute__((format(printf, 2, 0)));
 
   // True when the current level is not 0. The flag that is tested before a trace call is prepared. [any thread]
-  // Relaxed: a thread that sees a change late traces one entry more or less, nothing else hangs on it.
+  // Relaxed: a thread that sees a change late traces one entry more or less, nothing else depends on it.
   [[nodiscard]] bool IsActive() const noexcept { return active_.load(std::memory_order_relaxed); }
 
   // True when an entry of `level` (above 0) would be written: for work that depends on what the trace shows.
@@ -117,8 +117,8 @@ class CDebug : public CDebugTraceConfig {
   // log, and to the ring when that is the target, but never to standard error. [any thread]
   void SetMainParams(int argc, char** argv);
 
-  // Ends the start: what the log holds now is its head, which wraps never overwrite. The same for the ring if it is the
-  // target, has not wrapped since it was opened, and has more than 1 MiB left. [any thread]
+  // Ends the start: the present content of the log is its head, which wraps never overwrite. The same for the ring if
+  // it is the target, has not wrapped since it was opened, and has more than 1 MiB left. [any thread]
   void SetApplInitDone();
 
   // Writes the header block (command line, environment, settings) to `target`; with the no-header flag 0 its lines go
@@ -146,11 +146,11 @@ class CDebug : public CDebugTraceConfig {
   static constexpr std::size_t kEntryBytesMax =
       qx::debug::kEntryHeaderCharsMax + kEntryTextCharsMax + kTruncationCharsMax;
 
-  // Where PrintAlways writes: to the log, and to the ring when that is the target.
+  // The targets of PrintAlways: the log, and the ring if it is the target.
   static constexpr std::uint32_t kTargetAll = ~std::uint32_t{0};
 
   struct Entry {
-    std::string_view text;  // in entry_, but for a long one
+    std::string_view text;  // in entry_, except for a long one
     std::size_t header_length;
     std::size_t whole_length;  // of the text, if that was cut; else 0
   };

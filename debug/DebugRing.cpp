@@ -1,4 +1,4 @@
-// The trace facility's second target: what it writes into the ring file, and when.
+// The trace facility's second target: what it writes to the ring file, and when.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -21,7 +21,7 @@ namespace {
 // A text longer than this part of the ring is cut: one entry must not push out all others.
 constexpr std::size_t kLongTextShare = 10;
 
-// What a long entry needs in addition to its text: header, line feed and NUL, and some more.
+// The space that a long entry needs in addition to its text: header, line feed, NUL, and a reserve.
 constexpr std::size_t kLongEntryExtraBytes = 145;
 static_assert(kLongEntryExtraBytes >= qx::debug::kEntryHeaderCharsMax + 2);
 
@@ -66,7 +66,7 @@ bool CDebug::SetUpRing() {
   return ring_.IsOpen();  // the file may have been cut meanwhile
 }
 
-// Entries for the ring go to the log from here on.
+// From here on, entries for the ring go to the log.
 void CDebug::LeaveRing() noexcept {
   ring_.Close();
   if (target_.load(std::memory_order_relaxed) == kTargetRingBuffer) SetTarget(kTargetLogFile);
@@ -103,7 +103,7 @@ void CDebug::TraceToRingBuffer(const char* format, std::va_list args, const char
   va_end(again);
 }
 
-// `entry` holds the header and the first 1024 characters of a longer text.
+// `entry` has the header and the first 1024 characters of a longer text.
 void CDebug::WriteLongEntry(const Entry& entry, const char* format, std::va_list args) {
   if (entry.whole_length > ring_.Size() / kLongTextShare) {
     PutIntoRing(TruncatedEntry(entry, "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!\n"));
@@ -137,8 +137,8 @@ void CDebug::PutIntoRing(const Entry& entry) {
   }
 }
 
-// A line of the header block that a cycle begins with is dropped if the ring is too small for the block: it never
-// wraps by itself.
+// A line of the header block that a cycle begins with is dropped if the ring is too small for the block: the block
+// itself never wraps the ring.
 void CDebug::PutAfterWrap(Entry entry) {
   if (ring_.IsWrapping()) return;
   char kept[kEntryBytesMax];  // the header block is formatted where the entry is

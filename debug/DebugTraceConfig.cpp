@@ -192,13 +192,13 @@ std::vector<std::string> IniFileNames(const char* directory) {
   return names;
 }
 
-// A variable that is set counts whatever it holds: the empty text, and any text that is not a number, read as 0.
+// Every variable that is set is used: the empty text, and any text that is not a number, are read as 0.
 std::uint32_t FromEnvironment(const char* variable, std::uint32_t file_value, std::uint32_t fallback) {
   if (const char* text = std::getenv(variable)) return static_cast<std::uint32_t>(std::strtol(text, nullptr, 10));
   return file_value != kUnset ? file_value : fallback;
 }
 
-// Takes the number of `key` if the file has one; all ones means "no value" and does not count as a number.
+// Takes the number of `key` if the file has one; all ones means "no value" and is not used.
 bool TakeNumber(const CDebugTraceConfigFile& file, std::string_view key, std::uint32_t& value) {
   std::uint32_t number = kUnset;
   if (!file.ReadNumber(key, number) || number == kUnset) return false;

@@ -1,8 +1,8 @@
-// The settings of the trace facility and the files they come from.
+// The settings of the trace facility and their files.
 //
-// A settings file is text in sections, "[QXRemConXfer]" and below it "FileDebugLevel=3". It counts only when its last
-// section header is "[EndOfFile]": whoever writes it in place makes it invalid first and valid last, so a reader never
-// acts on half a file. docs/trace.md has the grammar, the sources of every setting and their precedence.
+// A settings file is text in sections, "[QXRemConXfer]" and below it "FileDebugLevel=3". It is used only if its last
+// section header is "[EndOfFile]": a program that writes it in place makes it invalid first and valid last, so that a
+// reader never uses a partial file. docs/trace.md has the grammar, the sources of every setting and their precedence.
 #pragma once
 
 #include <sys/stat.h>
@@ -18,8 +18,8 @@
 //
 // Threads: none of its own; the trace facility calls it with its lock held.
 // Owns: the file's text.
-// Failure: whatever cannot be read whole (missing, not a regular file, over 16 MiB, shrinking while it is read, without
-// "[EndOfFile]") leaves the object without text; it keeps its path, so that a later attempt may succeed.
+// Failure: a file that cannot be read whole (missing, not a regular file, over 16 MiB, shrinking while it is read,
+// without "[EndOfFile]") leaves the object without text; it keeps its path, so that a later attempt may succeed.
 class CDebugTraceConfigFile {
  public:
   static constexpr std::size_t kFileBytesMax = std::size_t{16} << 20;
@@ -36,29 +36,29 @@ class CDebugTraceConfigFile {
   // The file's name, empty when none was set. [lock held: trace]
   [[nodiscard]] const std::string& Path() const noexcept { return path_; }
 
-  // Reads the file whole and remembers its modification time. False: there is no text now. [lock held: trace]
+  // Reads the whole file and keeps its modification time. False: there is no text now. [lock held: trace]
   [[nodiscard]] bool Read();
 
-  // Reads the file if its modification time is later than the remembered one, or if no text is held. False: it was not
-  // read; a file that has vanished or cannot be read is also dropped from memory. [lock held: trace]
+  // Reads the file if its modification time is later than the kept one, or if there is no text. False: it was not read;
+  // the text of a file that was removed or cannot be read is dropped. [lock held: trace]
   [[nodiscard]] bool ReadIfNewer();
 
-  // Takes `text` as if a file had held it. [lock held: trace]
+  // Uses `text` like the content of a file. [lock held: trace]
   [[nodiscard]] bool ReadText(std::string_view text);
 
-  // Finds the section whose name is `name`, whatever the case of its letters; the reads below look into the section
-  // found last. False: there is none, and nothing can be read. [lock held: trace]
+  // Finds the section whose name is `name`, whatever the case of its letters; the reads below use the section found
+  // last. False: there is no such section, and nothing can be read. [lock held: trace]
   [[nodiscard]] bool FindSection(std::string_view name) noexcept;
 
-  // Reads the number of `key`: decimal, "0x" hexadecimal, or octal after a leading "0", cut to 32 bits; what is not a
-  // number reads as 0. False: there is no such key, and `value` is unchanged. [lock held: trace]
+  // Reads the number of `key`: decimal, "0x" hexadecimal, or octal after a leading "0", cut to 32 bits; a text that is
+  // not a number is read as 0. False: there is no such key, and `value` is unchanged. [lock held: trace]
   [[nodiscard]] bool ReadNumber(std::string_view key, std::uint32_t& value) const noexcept;
 
   // Reads the text of `key`: at most 64 characters, all bytes up to the line feed. It points into this object and lives
   // until the next read. False: there is no such key, and `value` is unchanged. [lock held: trace]
   [[nodiscard]] bool ReadString(std::string_view key, std::string_view& value) const noexcept;
 
-  // Drops the text, the section and the remembered time; the path stays. [lock held: trace]
+  // Drops the text, the section and the kept time; the path stays. [lock held: trace]
   void Clear() noexcept;
 
  private:
@@ -115,7 +115,7 @@ struct TraceSettings {
 //
 // Threads: the owner of the trace facility's lock, but for the atomic interval.
 // Owns: the two settings files in use.
-// Failure: a source that is missing, incomplete or without a key falls back to the next source in silence.
+// Failure: a source that is missing, incomplete or without a key falls back to the next source without a message.
 class CDebugTraceConfig {
  public:
   CDebugTraceConfig() noexcept = default;
@@ -133,14 +133,14 @@ class CDebugTraceConfig {
   // Reads the global file, finds the application's file and takes its values. [lock held: trace]
   void ReadConfigFiles(std::string_view app_name);
 
-  // Decides every setting: environment, else file value, else default. [lock held: trace]
+  // Sets every setting: environment, else file value, else default. [lock held: trace]
   void ApplySources();
 
-  // Reads what has changed since the last check and takes over what may change at run time. True: a file has a level,
-  // which is to become the current one. [lock held: trace]
+  // Reads the files that changed since the last check and uses the settings that may change at run time. True: a file
+  // has a level, which becomes the current one. [lock held: trace]
   [[nodiscard]] bool RereadConfigFiles(std::string_view app_name);
 
-  // The file whose section has the application's values; empty if there is none. [lock held: trace]
+  // The file whose section has the application's values; or empty. [lock held: trace]
   [[nodiscard]] const std::string& ApplicationFilePath() const noexcept { return application_file_.Path(); }
 
   qx::debug::TraceFileValues file_values_;

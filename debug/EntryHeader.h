@@ -33,7 +33,7 @@ class StampText {
  private:
   void FormatSecond(std::time_t second) noexcept;
 
-  bool is_formatted_ = false;  // text_ holds the text of second_
+  bool is_formatted_ = false;  // text_ is the text of second_
   std::time_t second_ = 0;
   std::size_t second_length_ = 0;
   char text_[32] = {};

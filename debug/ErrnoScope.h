@@ -1,11 +1,11 @@
-// Keeps errno as it was: callers print the error number of what they have just traced.
+// Keeps errno: callers print an error number after they have traced it.
 #pragma once
 
 #include <cerrno>
 
 namespace qx::debug {
 
-// Brings errno back at the end of the scope.
+// Restores errno at the end of the scope.
 class ErrnoScope {
  public:
   ErrnoScope() noexcept : saved_(errno) {}

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t kWidthMax = 64;
 
-// A list of arguments that can be handed on by reference, which std::va_list, an array on some machines, cannot.
+// A list of arguments that can be passed by reference; std::va_list, an array on some machines, cannot.
 struct Arguments {
   std::va_list list;
 };
@@ -26,7 +26,7 @@ struct Conversion {
   char letter = '\0';
 };
 
-// Reads a conversion and moves after it. An unknown one gets a letter for which no conversion is written.
+// Reads a conversion and moves after it. An unknown one gets a letter without a conversion.
 Conversion ReadConversion(const char*& p) {
   Conversion conversion;
   if (*p == '0') {
@@ -118,7 +118,7 @@ std::int64_t NextSigned(Arguments& arguments, bool is_long) {
   return is_long ? va_arg(arguments.list, long) : va_arg(arguments.list, int);
 }
 
-// False for what is left to vsnprintf.
+// False for conversions that are left to vsnprintf.
 bool PutConversion(TextWriter& out, const Conversion& conversion, Arguments& arguments) {
   switch (conversion.letter) {
     case 's':

@@ -1,4 +1,4 @@
-// The text of a trace entry out of its format and arguments.
+// The text of a trace entry from its format and arguments.
 //
 // Nearly all traces use a handful of plain conversions, and the C library's formatter takes most of the time of an
 // entry for them. Those are formatted here; a format with anything else goes to the C library as a whole.
@@ -10,8 +10,8 @@
 namespace qx::debug {
 
 // Formats like vsnprintf, with the same result and the same bytes in `buffer` of `size` bytes.
-//   formatted here: %s %d %u %x %X, with "l" or "z", a width and "0" for the numbers; %p; %%; what fits the buffer
-//   by vsnprintf:   everything else, such as precisions, "%-8s", "%m", a null text, and what does not fit
+//   formatted here: %s %d %u %x %X, with "l" or "z", a width and "0" for the numbers; %p; %%; text that fits into the
+//   buffer by vsnprintf:   everything else, such as precisions, "%-8s", "%m", a null text, and text that does not fit
 int FormatText(char* buffer, std::size_t size, const char* format, std::va_list args)
     __attribute__((format(printf, 3, 0)));
 

@@ -16,7 +16,8 @@ namespace {
 
 constexpr mode_t kLogFileMode = 0640;  // less the umask
 
-// Opens as "w+" does, but only a file of our own: an ordinary user who has prepared the log would read the traces.
+// Opens as "w+" does, but only a file of our own: otherwise an ordinary user who prepared the log could read the
+// traces.
 std::FILE* OpenTruncated(const char* path) {
   OwnFile log = OpenOwnFile(path, kLogFileMode);
   if (!log.file.IsOpen() || file::Truncate(log.file.Number(), 0) != 0) return nullptr;

@@ -1,7 +1,7 @@
 // The log file: one entry after another, and back to the end of the head when the file has its size.
 //
 // The head is what the file held at MarkInitEnd (the log header and the traces of the start); it is never overwritten.
-// A wrap clears nothing: the newest entry is followed by the rest of the cycle before. A reader finds the place by the
+// A wrap clears nothing: the newest entry is followed by the rest of the previous cycle. A reader finds its end by the
 // "------ WRAP -----" line and the stamps. This class does not read the file back.
 #pragma once
 
@@ -17,8 +17,8 @@ namespace qx::debug {
 //
 // Threads: the owner of the trace facility's lock.
 // Owns: the open file.
-// Failure: writing never reports one; what does not fit on the disk is lost. A file that cannot be opened or a wrap
-// that cannot seek goes to the system log.
+// Failure: writing never reports one; an entry that does not fit on the disk is lost. A file that cannot be opened or a
+// wrap that cannot seek goes to the system log.
 class LogFileSink {
  public:
   LogFileSink() noexcept = default;
@@ -38,7 +38,7 @@ class LogFileSink {
   // Writes `entry`, whose first `header_length` bytes are its header, and wraps when the file is now over its size.
   void Write(std::string_view entry, std::size_t header_length) noexcept;
 
-  // Makes what is in the file now its head: later wraps go back to here.
+  // Makes the present content of the file its head: later wraps go back to its end.
   void MarkInitEnd() noexcept;
 
   [[nodiscard]] const char* Path() const noexcept { return path_; }

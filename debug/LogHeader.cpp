@@ -1,4 +1,4 @@
-// The header block: what the log file, and the ring buffer after each wrap, begin with.
+// The header block: the beginning of the log file, and of the ring after each wrap.
 #include "debug/LogHeader.h"
 
 #include <unistd.h>
@@ -156,7 +156,7 @@ void CDebug::PrintHeaderLine(std::uint32_t target, const char* format, ...) {
     va_copy(again, args);
     const std::string_view line = FormatEntry(format, again, nullptr).text;
     va_end(again);
-    (void)!::write(STDERR_FILENO, line.data(), line.size());  // there is nowhere left to report to
+    (void)!::write(STDERR_FILENO, line.data(), line.size());  // there is no other place to report to
   }
   if (target == kTargetAll) {
     WriteToAll(format, args, nullptr);

@@ -11,7 +11,7 @@ namespace qx::debug {
 
 namespace {
 
-// Each try ends because another user swapped the file meanwhile. Who does this for ever gets no file to read.
+// Each try ends because another user swapped the file meanwhile. A user who always does this gets no file to read.
 constexpr int kTriesMax = 16;
 
 // 0 for a regular file; else the error number of opening anything else.
@@ -27,8 +27,8 @@ OwnFile Failure(int error, bool is_refused = false) {
   return failure;
 }
 
-// True if members of a group that is not the process's own, or users of an access list, may read the file: whoever owns
-// the directory can have chosen them (set-group-id, a default access list).
+// True if members of a group that is not the process's own, or users of an access list, may read the file: the owner of
+// the directory may have chosen them (set-group-id, a default access list).
 bool HasForeignReaders(int descriptor) {
   struct stat status {};
   if (file::StatusOf(descriptor, status) != 0) return true;
@@ -45,7 +45,7 @@ OwnFile CreateWith(const char* path, mode_t mode) {
   return created;
 }
 
-// A file with foreign readers is removed before anything is written to it, so who has opened it meanwhile reads
+// A file with foreign readers is removed before anything is written to it, so that a user who opened it meanwhile reads
 // nothing.
 OwnFile Create(const char* path, mode_t mode) {
   OwnFile created = CreateWith(path, mode);
@@ -54,8 +54,8 @@ OwnFile Create(const char* path, mode_t mode) {
   return error == 0 ? CreateWith(path, mode & S_IRWXU) : Failure(error);
 }
 
-// The existing file. `status` is that of the path before, and of the open file after the call. What is not a regular
-// file is not even opened: opening a device can act on it.
+// The existing file. `status` is that of the path before, and of the open file after the call. A file that is not
+// regular is not opened: opening a device can act on it.
 OwnFile OpenExisting(const char* path, struct stat& status) {
   const int refusal = RefusalOf(status.st_mode);
   if (refusal != 0) return Failure(refusal, true);
@@ -75,7 +75,7 @@ void ReportReplaced(const char* path, const struct stat& status) {
            status.st_uid, static_cast<unsigned>(status.st_nlink), status.st_mode & 07777U);
 }
 
-// True if the path names another file than a moment ago: the next try shows which.
+// True if the path now names another file: the next try opens that one.
 bool IsSwapped(const OwnFile& tried) noexcept {
   if (tried.is_new) return tried.error == EEXIST;
   return !tried.is_refused && (tried.error == ENOENT || tried.error == ELOOP);

@@ -1,8 +1,8 @@
-// Opens the files that the trace facility writes, so that no other user can read or change what goes into them.
+// Opens the files that the trace facility writes, so that no other user can read or change their content.
 //
-// A process that traces often runs as root, in a directory that other users may write. Whoever prepares the log or the
-// ring there, keeps a second name of it, or swaps it while it is opened, must get neither the traces nor a file that he
-// can shorten under the writer's mapping.
+// A process that traces often runs as root, in a directory that other users may write. A user who prepares the log or
+// the ring there, keeps a second name of it, or swaps it while it is opened, must get neither the traces nor a file
+// that can be cut while the writer maps it.
 #pragma once
 
 #include <sys/stat.h>
@@ -14,8 +14,8 @@
 
 namespace qx::debug {
 
-// True if nobody but root and `user` can have a say in the file: one of them owns it, it has one name, and neither its
-// group nor others may write it. Only for regular files.
+// True if only root and `user` control the file: one of them owns it, it has one name, and neither its group nor others
+// may write it. Only for regular files.
 //   owner 0,     1 name,  0640, user 1000  => true
 //   owner 1000,  1 name,  0644, user 1000  => true
 //   owner 65534, 1 name,  0600, user 0     => false
@@ -27,13 +27,13 @@ struct OwnFile {
   file::Descriptor file;
   bool is_new = false;
   int error = 0;            // why none is open
-  bool is_refused = false;  // none is open because of what the path names
+  bool is_refused = false;  // no file is open because of the kind of the file at the path
 };
 
 // Opens the file `path` for reading and writing, never through a symbolic link, or creates it with `mode` less the
 // umask; only for its owner if the directory would give it to a group or an access list that is not the process's. A
 // file that is not our own is removed and created again, which the system log reports; so is one of our own that has
-// not `size` bytes, without a report. What is not a regular file stays and is refused. [any thread]
+// not `size` bytes, without a report. A file that is not regular stays and is refused. [any thread]
 [[nodiscard]] OwnFile OpenOwnFile(const char* path, mode_t mode, std::optional<std::uint64_t> size = std::nullopt);
 
 }  // namespace qx::debug

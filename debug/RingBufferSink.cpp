@@ -41,9 +41,9 @@ bool WriteAll(int descriptor, const char* bytes, std::size_t size) noexcept {
   return !file::Write(descriptor, {bytes, size}).Failed();
 }
 
-// Opens the ring file or a new one; none with errno. A file of another size is taken out of the directory, not cut:
-// another process may have it mapped and would die of a store after its end. Such a file is also what a creation
-// leaves that was killed, for the file has its size last.
+// Opens the ring file or a new one; none with errno. A file of another size is removed from the directory, not cut:
+// another process may have it mapped, and a store after its end would kill that process. A creation that was killed
+// also leaves such a file, because the size is set last.
 file::Descriptor OpenOrCreate(const char* path, std::uint32_t size, bool& is_new) noexcept {
   OwnFile ring = OpenOwnFile(path, kRingFileMode, size);
   is_new = ring.is_new;
@@ -62,7 +62,7 @@ bool ReserveBlocks(int descriptor, std::uint32_t size) noexcept {
   return result == 0 || errno == EOPNOTSUPP || errno == ENOSYS;
 }
 
-// A write beyond the limit of the process's file sizes would raise a signal that ends it.
+// A write beyond the file size limit of the process would raise a signal that ends it.
 bool IsWithinFileLimit(std::uint32_t size) noexcept {
   rlimit limit{};
   return ::getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur >= size;
@@ -145,7 +145,7 @@ RingBufferSink::OpenResult RingBufferSink::Open(const Source& source) noexcept {
   return result;
 }
 
-// A file that cannot be written whole is removed: it would keep a full disk full.
+// A file that cannot be written whole is removed: otherwise the disk would stay full.
 RingBufferSink::OpenResult RingBufferSink::Create(const Source& source) noexcept {
   const Failure failure = WriteWhole(source);
   if (failure == Failure::kNone) return {};
@@ -175,7 +175,7 @@ RingBufferSink::OpenResult RingBufferSink::Map(const Source& source) noexcept {
   return {};
 }
 
-// Writes the header lines again, so that they are whole whatever was done to them.
+// Writes the header lines again, so that they are whole again if another program changed them.
 void RingBufferSink::TakeOver(const Source& source) noexcept {
   const auto number_at = [&](std::size_t offset) { return ReadRingNumber(Bytes(offset, kRingNumberDigits)); };
   opens_ = number_at(kRingOpensOffset).value_or(0) + 1;
@@ -197,7 +197,7 @@ void RingBufferSink::TakeOver(const Source& source) noexcept {
   std::memcpy(At(0), header, sizeof header);
 }
 
-// Where the run before stopped; the end of the file, so that the next entry wraps, if the header does not have it. A
+// The end of the previous run; if the header does not have it, the end of the file, so that the next entry wraps. A
 // writer that was killed between an entry and its position has left that entry after the position.
 std::size_t RingBufferSink::StoredPosition() const noexcept {
   const std::size_t stored = ReadRingNumber(Bytes(kRingPositionOffset, kRingNumberDigits)).value_or(0);
@@ -237,7 +237,7 @@ void RingBufferSink::StoreNumber(std::size_t offset, std::uint32_t number) noexc
 }
 
 // The terminator of the ended cycle stays until the first entry of the new one has its own; the count rises before the
-// position goes back, or a reader would take the old cycle's text for bytes that were never written.
+// position goes back, otherwise a reader would treat the text of the old cycle as bytes that were never written.
 bool RingBufferSink::BeginWrap() noexcept {
   struct stat status {};
   if (file::StatusOf(descriptor_, status) != 0 || static_cast<std::uint64_t>(status.st_size) < size_) return false;

@@ -2,12 +2,12 @@
 // preserved part.
 //
 // The file outlives the process, also one that is killed in the middle of an entry. A terminator line follows the
-// newest entry, and the header names its place. An entry becomes visible in this order: its bytes from the 17th on and
+// newest entry, and the header has its offset. An entry becomes visible in this order: its bytes from the 17th on and
 // the new terminator after them, then its first 16 bytes in one store over the old terminator, then the new write
-// position in one store. So at any moment the place that the header names holds either the terminator or the one
-// entry that was completed just then, with the terminator after it. docs/trace-ring.md has the reader's side.
+// position in one store. So at any moment there is, at the offset of the header, either the terminator or the one entry
+// that was just completed, with the terminator after it. docs/trace-ring.md has the reader's side.
 //
-// This class does not write the header block that a new cycle begins with: whoever writes entries writes it between
+// This class does not write the header block that a new cycle begins with: the writer of the entries writes it between
 // BeginWrap and EndWrap.
 #pragma once
 
@@ -49,8 +49,7 @@ class RingBufferSink {
   RingBufferSink& operator=(const RingBufferSink&) = delete;
 
   // Opens the ring file, counts the opening and continues at its write position. A missing file is created; one of
-  // another size, or one that another user has a say in, is replaced by a new one. Anything but a regular file is
-  // refused.
+  // another size, or one that another user controls, is replaced by a new one. Anything but a regular file is refused.
   [[nodiscard]] OpenResult Open(const Source& source) noexcept;
 
   // Sets every counter to its initial value, too.
@@ -70,13 +69,13 @@ class RingBufferSink {
   // Appends an entry that fits and is longer than the terminator.
   void Write(std::string_view entry) noexcept;
 
-  // Ends the cycle: the rest of the file becomes dots, and writing continues at the first entry's place, for the header
-  // block. False: the file is no longer as long as its mapping, and must be closed.
+  // Ends the cycle: the rest of the file becomes dots, and writing continues at the offset of the first entry, for the
+  // header block. False: the file is no longer as long as its mapping, and must be closed.
   [[nodiscard]] bool BeginWrap() noexcept;
   [[nodiscard]] bool IsWrapping() const noexcept { return is_wrapping_; }
 
-  // The header block is written: continues at the wrap start or, without one, after the block; at the first entry's
-  // place if `entry_size` bytes do not fit there.
+  // The header block is written: continues at the wrap start or, without one, after the block; or at the offset of the
+  // first entry if `entry_size` bytes do not fit there.
   void EndWrap(std::size_t entry_size) noexcept;
 
   // Leaves a gap after the header block of a new file; the entries begin with a block of the file.
@@ -85,7 +84,7 @@ class RingBufferSink {
   // Whether the start's entries can be kept: no wrap yet and more than 1 MiB left.
   [[nodiscard]] bool CanKeepInit() const noexcept;
 
-  // Makes everything before the write position the part that wraps preserve.
+  // From now on wraps preserve everything before the write position.
   void MarkInitEnd() noexcept { wrap_start_ = position_; }
 
  private:
@@ -110,7 +109,7 @@ class RingBufferSink {
   std::size_t wrap_start_ = 0;  // 0: none
   std::uint32_t wraps_ = 0;
   std::uint32_t opens_ = 0;
-  std::size_t stale_terminator_ = 0;  // where the ended cycle's terminator still is; 0: nowhere
+  std::size_t stale_terminator_ = 0;  // the offset of the ended cycle's terminator, or 0
   bool is_new_ = false;
   bool is_wrapping_ = false;
   bool has_wrapped_ = false;  // since it was opened

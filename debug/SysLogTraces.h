@@ -1,4 +1,4 @@
-// The way to the system log, for whatever must reach it.
+// Sends messages to the system log.
 #pragma once
 
 #include <syslog.h>
@@ -23,8 +23,8 @@ static_assert(SysLogInfo == 6);
 // Sends messages of the process to the system log, as "NAME[PID]: text" of facility local1.
 //
 // Threads: any thread; the C library's syslog does its own locking.
-// Owns: the C library's one connection of the process. A host that has opened its own gets ours from then on.
-// Failure: is not reported. Without a system log the console gets the messages (LOG_CONS).
+// Owns: the C library's one connection of the process. If the host has opened its own, ours replaces it. Failure: is
+// not reported. Without a system log the console gets the messages (LOG_CONS).
 class SysLogTraces {
  public:
   // The one object of the process, made at first use and never destroyed. [any thread]
@@ -41,8 +41,8 @@ class SysLogTraces {
   [[nodiscard]] const char* getProcName() const;
 
   // Logs `text` with priority `level`; nothing for null. Quirk: the text is syslog's format, so "%%" logs as "%", "%m"
-  // as the error text of errno, and anything else with a "%" reads arguments that are not there: texts that are not
-  // fixed go through logMessageVaList with "%s". [any thread]
+  // as the error text of errno, and anything else with a "%" reads arguments that are not there: for texts that are not
+  // fixed, use logMessageVaList with "%s". [any thread]
   void logMessage(const char* text, SysLogLevel level) const volatile;
 
   // Logs a formatted message, cut to 1023 characters, with priority SysLogInfo. Leading line feeds of the format are

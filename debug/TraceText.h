@@ -16,7 +16,7 @@ constexpr bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
                     [](char x, char y) { return LowerAscii(x) == LowerAscii(y); });
 }
 
-// The header of an entry is to start its line, so the line feeds that begin most formats are skipped.
+// The header of an entry starts its line, so the line feeds at the beginning of most formats are skipped.
 //   "\n\nabc" => "abc"
 //   "\n"      => "\n"
 constexpr const char* WithoutLeadingLineFeeds(const char* format) {
@@ -32,7 +32,7 @@ inline std::string_view WithoutLineFeeds(std::string_view text) {
   return text;
 }
 
-// Copies what fits of `text` into `field` and ends it with NUL.
+// Copies as much of `text` as fits into `field` and ends it with NUL.
 template <std::size_t kSize>
 void CopyText(char (&field)[kSize], std::string_view text) {
   const std::size_t length = std::min(text.size(), kSize - 1);

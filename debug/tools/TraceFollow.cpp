@@ -28,7 +28,7 @@ void TraceFollower::ChooseKind() {
   if (file_->Size() != 0) {
     follower_ = IsTraceRing(*file_) ? MakeRingFollower(from_now_) : MakeLogFollower(from_now_, settled_);
   }
-  from_now_ = false;  // whatever comes later is new
+  from_now_ = false;  // everything later is new
 }
 
 TracePoll TraceFollower::Poll() {
@@ -39,7 +39,7 @@ TracePoll TraceFollower::Poll() {
   const bool is_last = !is_same && !poll.is_missing;
   if (follower_ != nullptr) follower_->Poll(*file_, is_last, poll);
   if (!is_last) return poll;
-  if (poll.is_pending) follower_->Poll(*file_, is_last, poll);  // a ring that was being written
+  if (poll.is_pending) follower_->Poll(*file_, is_last, poll);  // a ring that was still being created
   if (Open() != 0) return poll;
   TraceFollowEvent restart;
   restart.kind = TraceFollowEvent::Kind::kRestart;

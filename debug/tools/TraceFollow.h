@@ -1,4 +1,4 @@
-// Follows the writer of a trace file: what is new since the last snapshot, across wraps and restarts.
+// Follows the writer of a trace file: returns what is new since the last snapshot, across wraps and restarts.
 //
 // A log does not show its write position, so the follower keeps a copy of the file and compares: what differs from the
 // copy is new. The newest entry of a log is returned only when it has been unchanged for a while, or another one
@@ -21,15 +21,15 @@ namespace qx::debug {
 // A file of more than this many bytes cannot be followed: a log is kept in memory twice.
 constexpr std::uint64_t kFollowedBytesMax = std::uint64_t{256} << 20;
 
-// How long the newest entry of a log has to be unchanged: a writer can be preempted in the middle of a write for tens
-// of milliseconds.
+// The time for which the newest entry of a log must be unchanged: a writer can be preempted in the middle of a write
+// for tens of milliseconds.
 constexpr std::chrono::milliseconds kSettled{50};
 
 struct TraceFollowEvent {
   enum class Kind {
     kEntry,    // something new: `entry`
-    kRestart,  // the file was started over; what it held and had not been read is lost
-    kLost,     // the writer was faster: `bytes`, about, have been overwritten before they were read
+    kRestart,  // the file was started over; its entries that were not read are lost
+    kLost,     // the writer was faster: about `bytes` bytes were overwritten before they were read
   };
   Kind kind = Kind::kEntry;
   TraceEntry entry;
@@ -39,8 +39,8 @@ struct TraceFollowEvent {
 // The result of one snapshot.
 struct TracePoll {
   std::vector<TraceFollowEvent> events;
-  bool is_pending = false;  // there is something that a later snapshot will return
-  bool is_missing = false;  // the path names no file now
+  bool is_pending = false;  // a later snapshot will return more
+  bool is_missing = false;  // there is no file at the path now
   int error = 0;            // the file cannot be read any more: EFBIG for one that is too large
 };
 
@@ -52,7 +52,7 @@ class TraceFileFollower {
   TraceFileFollower(const TraceFileFollower&) = delete;
   TraceFileFollower& operator=(const TraceFileFollower&) = delete;
 
-  // Adds what is new in `file` to `poll`; with `is_last`, the newest entry too. [owning thread]
+  // Adds the new entries of `file` to `poll`; with `is_last`, also the newest one. [owning thread]
   virtual void Poll(const TraceFile& file, bool is_last, TracePoll& poll) = 0;
 };
 
@@ -64,8 +64,8 @@ class TraceFileFollower {
 // kLost.
 class TraceFollower {
  public:
-  // With `from_now`, what the file holds at the first snapshot is not returned. `settled` is how long the newest entry
-  // of a log has to be unchanged before it is returned. [owning thread]
+  // With `from_now`, the entries of the first snapshot are not returned. `settled` is the time for which the newest
+  // entry of a log must be unchanged before it is returned. [owning thread]
   TraceFollower(std::string path, bool from_now, std::chrono::milliseconds settled = kSettled);
   ~TraceFollower();
 

@@ -1,4 +1,4 @@
-// Following a log: the file is read whole for each snapshot, and compared with the snapshot before (TraceLogPlan.h).
+// Following a log: the file is read whole for each snapshot, and compared with the previous snapshot (TraceLogPlan.h).
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -14,11 +14,11 @@ namespace qx::debug {
 
 namespace {
 
-constexpr std::size_t kGrowthBytes = 65536;  // that a file may have grown by while it is read
+constexpr std::size_t kGrowthBytes = 65536;  // the most bytes by which a file may grow while it is read
 constexpr int kReadsMax = 10;
 
-// Reads from the beginning to where the file ends when the end is read, not when the reading began: the end of a cycle
-// may be written meanwhile, and the wrap after it is in the bytes that were read first.
+// Reads up to the end that the file has when the end is reached, not when the read began: the end of a cycle may be
+// written meanwhile, and the wrap after it is in the bytes that were read first.
 bool ReadWhole(const TraceFile& file, std::string& bytes) {
   const auto status = file.Status();
   if (!status.has_value()) return false;
@@ -51,7 +51,7 @@ class LogFollower final : public TraceFileFollower {
   }
 
  private:
-  // The time of a change has a grain: one that is younger than a second may hide another.
+  // Modification times are coarse: a second change within a second may have the same time.
   bool HasChanged(const TraceFile& file) {
     const auto status = file.Status();
     const bool is_unchanged = status.has_value() && file::IsUnchanged(last_, *status);
@@ -93,7 +93,7 @@ class LogFollower final : public TraceFileFollower {
     Keep(plan, std::move(now), end, std::move(held));
   }
 
-  // True if the newest entry is the one that was held back, and for long enough; else the time begins again.
+  // True if the newest entry was held back before, and for long enough; otherwise the time starts again.
   bool IsSettled(std::uint64_t begin, const std::string& newest) {
     const auto time = std::chrono::steady_clock::now();
     if (begin == history_.position && newest == held_) return time - held_since_ >= settled_;
@@ -104,7 +104,7 @@ class LogFollower final : public TraceFileFollower {
   void Keep(const LogPlan& plan, std::string now, std::uint64_t end, std::string held) {
     history_.fingerprint = now.substr(0, std::min(kFingerprintBytes, static_cast<std::size_t>(end)));
     history_.copy = std::move(now);
-    // No text holds a NUL, so what is held back counts as new in the next snapshot.
+    // No text has a NUL, so an entry that is held back counts as new in the next snapshot.
     history_.copy.replace(static_cast<std::size_t>(end), held.size(), held.size(), '\0');
     history_.position = end;
     history_.wrap = plan.wrap;

@@ -14,7 +14,7 @@ constexpr int kReadsMax = 10;
 
 std::uint64_t Minus(std::uint64_t a, std::uint64_t b) { return a > b ? a - b : 0; }
 
-// A range of the file with its bytes, read before the writer could have come there again.
+// A range of the file with its bytes, read before the writer can reach it again.
 struct Piece {
   TraceRange range;
   std::string bytes;
@@ -72,7 +72,7 @@ class RingFollower final : public TraceFileFollower {
     return plan;
   }
 
-  // A ring that is created again counts from 1, and has a first start of its own.
+  // A new ring counts from 1 and has a new time of the first start.
   bool HasRestarted(const TraceRingHeader& header) const {
     const std::uint64_t wraps = header.wraps.value_or(0);
     return header.first_open != first_open_ || header.opens.value_or(0) < opens_ || wraps < wraps_ ||
@@ -105,8 +105,8 @@ class RingFollower final : public TraceFileFollower {
     return pieces;
   }
 
-  // Within one cycle the writer only writes after what was read. It reaches the older entries later: they count if they
-  // are the same a second time.
+  // Within one cycle the writer only writes after the read entries. It reaches the older entries later: they are valid
+  // if a second read returns the same bytes.
   static bool IsStill(const TraceFile& file, const TraceRingHeader& header, const std::vector<Piece>& pieces) {
     const auto is_same = [&](const Piece& piece) {
       return piece.range.part != TracePart::kOlder ||

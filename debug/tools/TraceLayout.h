@@ -1,8 +1,8 @@
-// Where the entries of a trace file are, and their order of time: found once, before they are read.
+// Finds the entries of a trace file and their order of time, once, before they are read.
 //
 // A log that has wrapped and a ring are written in a circle, so their bytes are not in the order of time. A layout
-// lists the ranges of the file in that order. docs/trace-reading.md describes how the places are found, and what a file
-// does not show.
+// lists the ranges of the file in that order. docs/trace-reading.md describes how they are found, and what a file does
+// not show.
 #pragma once
 
 #include <cstdint>
@@ -19,8 +19,8 @@ enum class TraceFormat { kLog, kRing };
 
 // Which part of the circle a range belongs to.
 enum class TracePart {
-  kHead,    // kept: never overwritten by a wrap
-  kOlder,   // what is left of the cycle before
+  kHead,    // kept from the start: never overwritten by a wrap
+  kOlder,   // the rest of the previous cycle
   kNewest,  // written since the last wrap; all of a file that has not wrapped
 };
 
@@ -28,7 +28,7 @@ struct TraceRange {
   enum class Kind {
     kEntries,
     kPiece,  // lines that may belong to one entry or to another
-    kGap,    // no bytes: entries that were here in time have been overwritten
+    kGap,    // no bytes: entries of this time were overwritten
   };
   Kind kind;
   TracePart part;
@@ -36,15 +36,15 @@ struct TraceRange {
   std::uint64_t end;
 };
 
-// Something that an operator should know about a file.
+// A finding about a file, for an operator.
 struct TraceFinding {
   enum class Kind {
-    kNoEntries,      // bytes, and not one entry
+    kNoEntries,      // bytes, but no entry
     kHole,           // NUL bytes between lines
     kCutEnd,         // the last line has no line feed
     kStampsAlike,    // the stamps do not show where the newest entry of a log is
     kClockSetBack,   // stamps go back at more than one place
-    kRingHeader,     // a line of a ring's header is not as it should be
+    kRingHeader,     // a line of a ring's header is not valid
     kWritePosition,  // the write position of a ring is not where the newest entry ends
   };
   Kind kind;
@@ -56,7 +56,7 @@ struct TraceWrap {
   std::int64_t cycle = 0;
   std::uint64_t position = 0;  // of the line: the size of the head
   std::uint64_t line_end = 0;
-  std::uint64_t max_bytes = 0;  // the entry that ended after this offset was the last of its cycle
+  std::uint64_t max_bytes = 0;  // the first entry that ended after this offset was the last of its cycle
 };
 
 // The header of a ring file. A number that is not 16 digits is unset.
@@ -75,13 +75,13 @@ struct TraceLayout {
   std::vector<TraceFinding> findings;
   std::optional<TraceWrap> wrap;        // of a log that has wrapped
   std::optional<TraceRingHeader> ring;  // of a ring
-  // After the newest entry. In a wrapped log after its first line: the file does not show how many more it has.
+  // After the newest entry. In a wrapped log after its first line: the file does not show how many more lines it has.
   std::uint64_t newest_end = 0;
   // Where the newest cycle began: what a wrap returns to.
   std::uint64_t cycle_begin = 0;
 };
 
-// Finds the layout of a log or a ring, whatever its bytes are. Memory is bounded whatever the file's size. [any thread]
+// Finds the layout of a log or a ring with any bytes. Memory is bounded for a file of any size. [any thread]
 TraceLayout FindTraceLayout(const TraceSource& source);
 
 // Whether the source begins like a ring file. [any thread]

@@ -20,7 +20,7 @@ constexpr std::size_t kStampChars = kUnknownStamp.size();
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsHexDigit(char c) { return IsDigit(c) || (c >= 'A' && c <= 'F'); }
 
-// Whether `text` begins like `shape`, in which "9" stands for any digit and "F" for any hexadecimal one.
+// Whether `text` begins like `shape`, in which "9" matches any digit and "F" any hexadecimal digit.
 bool HasShape(std::string_view text, std::string_view shape) {
   return text.size() >= shape.size() && std::equal(shape.begin(), shape.end(), text.begin(), [](char s, char c) {
            return s == '9' ? IsDigit(c) : s == 'F' ? IsHexDigit(c) : s == c;
@@ -37,7 +37,7 @@ int Number(std::string_view digits) {
   return number;
 }
 
-// The resident size that memory traces show, "   51234 KB !"; takes it off `rest`.
+// The resident size that memory traces show, "   51234 KB !"; removes it from `rest`.
 std::optional<std::uint64_t> TakeResident(std::string_view& rest) {
   constexpr std::string_view kAfter = " KB !";
   const std::size_t digits = std::min(rest.find_first_not_of(' '), rest.size());
@@ -48,8 +48,8 @@ std::optional<std::uint64_t> TakeResident(std::string_view& rest) {
   return kilobytes;
 }
 
-// Where the text after the module column begins. A longer name moves it; it then ends at its first blank, or where a
-// header of the greatest length is cut.
+// The start of the text after the module column. A longer name moves it; the name then ends at its first blank, or at
+// the greatest length of a header.
 std::size_t ModuleChars(std::string_view rest, std::size_t chars_max) {
   const std::size_t blank = rest.find(' ', std::min(kModuleColumnChars, rest.size()));
   return std::min({blank, rest.size(), chars_max});

@@ -20,15 +20,15 @@ struct TraceLine {
   bool is_rest;           // a part after the first
 };
 
-// Splits a range of a source into lines, through one window of bounded size. No text of the facility holds a NUL: those
-// at the beginning of a line are a hole, which a log gets when somebody else shortens it under its writer, and are
+// Splits a range of a source into lines, through one window of bounded size. No text of the facility has a NUL: NUL
+// bytes at the beginning of a line are a hole, which a log gets if another program shortens it during a write, and are
 // skipped.
 class TraceLineReader {
  public:
   // Reads [begin, end) of `source`, which must outlive the reader. [owning thread]
   TraceLineReader(const TraceSource& source, std::uint64_t begin, std::uint64_t end);
 
-  // False at the end of the range, or of what can be read of it. [owning thread]
+  // False at the end of the range or of its readable part. [owning thread]
   bool Next(TraceLine& line);
 
   // How many bytes of holes have been skipped so far. [owning thread]
@@ -49,7 +49,7 @@ class TraceLineReader {
   std::vector<char> window_;
 };
 
-// The header of an entry, taken apart.
+// The fields of an entry's header.
 struct TraceHeader {
   std::string_view stamp;                    // as it is in the file
   std::optional<std::int64_t> stamp_ms;      // that local time as milliseconds since 1970-01-01 00:00; unset: unknown
@@ -68,7 +68,7 @@ std::optional<TraceHeader> ParseTraceHeader(std::string_view line);
 // "2026-01-31 10:20:30.123" => milliseconds, as in TraceHeader; unset for anything else.
 std::optional<std::int64_t> ParseTraceStamp(std::string_view stamp);
 
-// The number that `digits` are; unset if there are none, or other characters, or the number has more than 64 bits.
+// The number of `digits`; unset if there are no digits, other characters, or more than 64 bits.
 std::optional<std::uint64_t> ParseDecimal(std::string_view digits);
 
 }  // namespace qx::debug

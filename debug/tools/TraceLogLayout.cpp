@@ -1,5 +1,5 @@
-// The layout of a log. Nothing in the file marks the end of the newest entry: it is found at the place where the stamps
-// go back, and the lines between there and the last header before it are left undecided.
+// The layout of a log. Nothing in the file marks the end of the newest entry: it is where the stamps go back, and the
+// lines between there and the last header before it are undecided.
 #include <charconv>
 
 #include "debug/tools/TraceLayout.h"
@@ -25,7 +25,7 @@ bool TakeNumber(std::string_view& text, Number& number) {
 }
 
 // The wrap that wrote `line`, if it is genuine: the line is where it says that the head ends, or, after a wrap that
-// could not go there, at the beginning of the file. A trace text that only looks like one is elsewhere.
+// could not go there, at the beginning of the file. A trace text that only resembles one is elsewhere.
 std::optional<TraceWrap> WrapOf(const TraceLine& line) {
   const auto header = ParseTraceHeader(line.text);
   if (!header.has_value() || line.is_rest || !line.has_end) return std::nullopt;

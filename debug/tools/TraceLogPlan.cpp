@@ -21,7 +21,7 @@ TraceRange NewRange(std::uint64_t begin, std::uint64_t end) {
   return {TraceRange::Kind::kEntries, TracePart::kNewest, begin, end};
 }
 
-// Lines that may belong to the newest entry: they come with a later snapshot, once the next entry decides.
+// Lines that may belong to the newest entry: a later snapshot returns them after the next entry decides.
 bool IsUndecided(const TraceRange& range) {
   return range.kind == TraceRange::Kind::kPiece && range.part == TracePart::kNewest;
 }
@@ -39,7 +39,7 @@ void PlanAll(const std::string& now, bool has_old, LogPlan& plan) {
   }
 }
 
-// What is left of the cycle that was read, and the newest entries; `from` is where reading ended.
+// The rest of the cycle that was read, and the newest entries; `from` is the end of the read part.
 void PlanOverwritten(const std::string& now, std::int64_t wraps, std::uint64_t from, LogPlan& plan) {
   const TraceMemory source(now);
   const TraceLayout layout = FindLogLayout(source);

@@ -14,7 +14,7 @@ bool IsFiller(const TraceLine& line, std::string_view text) {
   return IsFillerText(text) && line.end % kRingBlockBytes == 0;
 }
 
-// Where the gap after a header block that ends at `block_end` ends at the latest.
+// The latest end of the gap after a header block that ends at `block_end`.
 std::uint64_t GapEnd(std::uint64_t block_end) {
   return (block_end + 2 * kRingBlockBytes) / kRingBlockBytes * kRingBlockBytes;
 }
@@ -123,7 +123,7 @@ KeptMarks CollectKeptMarks(TraceLineReader& reader, const HeaderBlock& block) {
   bool follows_start = false;
   for (TraceLine line{}; reader.Next(line);) {
     if (IsTerminator(line) && line.end <= GapEnd(block.end)) {
-      // The block was longer once: what is between its end then and its end now is no entry any more.
+      // The block was longer before: the text between its old and its new end is not an entry any more.
       marks = KeptMarks{};
       is_start = true;
       continue;

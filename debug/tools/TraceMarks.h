@@ -1,7 +1,7 @@
-// What a scan of a trace file's lines notes, as plain values, and what is decided from them.
+// The marks that a scan of a trace file's lines collects as plain values, and the decisions from them.
 //
-// A file may have billions of entries, so no list of them is kept: of each kind of place only the first one counts.
-// docs/trace-reading.md explains why the places mean what they mean. Internal: for the layouts and their tests.
+// A file may have billions of entries, so no list of them is kept: of each kind of boundary only the first one is kept.
+// docs/trace-reading.md explains their meaning. Internal: for the layouts and their tests.
 #pragma once
 
 #include <cstdint>
@@ -35,24 +35,24 @@ struct EntryMark {
   bool follows_lines = false;            // there are lines without a header between the entry before and this one
 };
 
-// A place between two entries: the newest entry may be the one before it.
+// A boundary between two entries: the newest entry may be the one before it.
 struct Boundary {
   [[nodiscard]] bool IsKnown() const { return newest_line_end != 0; }
   bool operator==(const Boundary&) const = default;
 
-  std::uint64_t newest_line_end = 0;  // after the first line of the entry before; 0: there is no such place
+  std::uint64_t newest_line_end = 0;  // after the first line of the entry before; 0: there is no such boundary
   std::uint64_t older_begin = 0;      // the entry after it
 };
 
-// What is noted about the lines after the line of the wrap.
+// The marks of the lines after the line of the wrap.
 struct LogMarks {
   std::uint64_t entries = 0;
-  int drops = 0;                    // how often the stamps go back
-  Boundary drop;                    // the first place where they do
-  Boundary lines;                   // the first place with lines without a header
-  Boundary drop_with_lines;         // the first place with both
+  int drops = 0;                    // the number of times that the stamps go back
+  Boundary drop;                    // the first boundary where they do
+  Boundary lines;                   // the first boundary with lines without a header
+  Boundary drop_with_lines;         // the first boundary with both
   Boundary crossing;                // before the entry that made the writer wrap
-  std::uint64_t crossing_end = 0;   // after that entry's line above the limit; 0: it is not there any more
+  std::uint64_t crossing_end = 0;   // after that entry's line above the limit; 0: it was overwritten
   std::uint64_t last_line_end = 0;  // after the first line of the last entry
   std::optional<std::int64_t> wrap_stamp_ms;
   std::optional<std::int64_t> last_stamp_ms;  // the last one that is known
@@ -62,21 +62,21 @@ struct LogMarks {
 // The marks before the first entry.
 [[nodiscard]] LogMarks StartLogMarks(const TraceWrap& wrap, std::optional<std::int64_t> wrap_stamp_ms);
 
-// Notes the next entry. Each row shows the entries (stamp, "+" after lines without a header) and the first places:
+// Marks the next entry. Each row shows the entries (stamp, "+" after lines without a header) and the first boundaries:
 //   wrap 5, 6 7 2 3    => drop before 2
 //   wrap 5, 6 +2 3     => drop, lines and both before 2
 //   wrap 5, 6 2 +3 1   => drop before 2, lines before 3, both: none
 //   wrap 5, 6 ? 2      => drop before 2: an unknown stamp does not count
 void NoteEntry(LogMarks& marks, const EntryMark& entry);
 
-// Notes all lines that `reader` has left: those after the line of the wrap.
+// Marks the remaining lines of `reader`: those after the line of the wrap.
 [[nodiscard]] LogMarks CollectLogMarks(TraceLineReader& reader, const TraceWrap& wrap,
                                        std::optional<std::int64_t> wrap_stamp_ms);
 
 // True if all entries have the stamp of the wrap, so that the stamps do not show where the newest entry is.
 [[nodiscard]] bool HasOneStamp(const LogMarks& marks);
 
-// Where the newest entry ends.
+// The end of the newest entry.
 //   a drop with lines before it             => there
 //   a drop                                  => there
 //   stamps that rise, or no entry           => at the end: the newest cycle has overwritten the older one
@@ -103,7 +103,7 @@ struct KeptEntry {
   bool is_new = false;    // its stamp is not before that of the header block
 };
 
-// What is noted about them; 0: there is none.
+// The marks of the entries; 0: there is no such entry.
 struct KeptMarks {
   std::uint64_t first = 0;
   std::uint64_t last_start = 0;   // the last entry at which a cycle may begin
@@ -111,7 +111,7 @@ struct KeptMarks {
   std::uint64_t cycle_begin = 0;  // the last start at or directly before the first new entry that has one there
 };
 
-// Notes the next entry. `follows_start`: the entry before it was a start. Rows show entries by their letters (S: start,
+// Marks the next entry. `follows_start`: the entry before it was a start. Rows show entries by their letters (S: start,
 // N: new, B: both, -: neither) and the index of the newest cycle's first entry:
 //   - - B N    => 2
 //   S N N      => 0, because the entry that does not fit is formatted before the block is written
@@ -119,10 +119,10 @@ struct KeptMarks {
 //   S - N B N  => 3
 void NoteKept(KeptMarks& marks, const KeptEntry& entry, bool follows_start);
 
-// Notes all entries that `reader` has left: those after the header block.
+// Marks the remaining entries of `reader`: those after the header block.
 [[nodiscard]] KeptMarks CollectKeptMarks(TraceLineReader& reader, const HeaderBlock& block);
 
-// Where the newest cycle begins: its start; else the first new entry; else the last start; else 0.
+// The start of the newest cycle: its own start; else the first new entry; else the last start; else 0.
 [[nodiscard]] std::uint64_t CycleBegin(const KeptMarks& marks);
 
 }  // namespace qx::debug

@@ -1,4 +1,4 @@
-// The layout of a ring file. Its header shows where the newest entry ends, but not where the newest cycle began: that
+// The layout of a ring file. Its header shows the end of the newest entry, but not the start of the newest cycle: that
 // is after the header block, or after the last "End of initialization" before the newest cycle's stamps.
 //
 //   1024                                                                                        size
@@ -41,7 +41,8 @@ bool IsTerminatorAt(const TraceSource& source, std::uint64_t offset) {
   return source.BytesAt(offset, kRingTerminator.size()) == kRingTerminator;
 }
 
-// The last run of "." of a ring that has wrapped, which begins a line: it fills what the next entry did not fit into.
+// The last run of "." of a ring that has wrapped, which begins a line: it fills the space that was too small for the
+// next entry.
 std::uint64_t FillBegin(const TraceSource& source, std::uint64_t floor) {
   std::uint64_t at = source.Size();
   while (at > floor) {
@@ -64,7 +65,7 @@ bool HasEntries(const TraceSource& source, std::uint64_t begin, std::uint64_t en
   return false;
 }
 
-// What is before the write position.
+// The entries before the write position.
 struct Front {
   std::uint64_t block_end = 0;    // after the header block
   std::uint64_t kept_begin = 0;   // the first entry after the gap; 0: none
@@ -79,7 +80,7 @@ Front ScanFront(const TraceSource& source, std::uint64_t write_position) {
   return {.block_end = block.end, .kept_begin = marks.first, .cycle_begin = CycleBegin(marks)};
 }
 
-// Where the entry at `begin` ends, if a terminator follows it before any other entry; else 0. A writer stores an entry
+// The end of the entry at `begin`, if a terminator follows it before any other entry; else 0. A writer stores an entry
 // before the position after it, and may have been killed between the two.
 std::uint64_t EndOfUncountedEntry(const TraceSource& source, std::uint64_t begin) {
   TraceLineReader reader(source, begin, source.Size());
@@ -91,7 +92,7 @@ std::uint64_t EndOfUncountedEntry(const TraceSource& source, std::uint64_t begin
   return 0;
 }
 
-// The last terminator that does not end a header block; 0 when there is none.
+// The last terminator that does not end a header block, or 0.
 std::uint64_t SearchTerminator(const TraceSource& source) {
   std::uint64_t found = 0;
   std::uint64_t first = 0;
@@ -107,7 +108,7 @@ std::uint64_t SearchTerminator(const TraceSource& source) {
   return found != 0 ? found : first;
 }
 
-// Where the newest entry ends: the position in the header if a terminator is there, else the place of one.
+// The end of the newest entry: the position in the header if a terminator is there, else that of the last terminator.
 std::uint64_t FindWritePosition(const TraceSource& source, TraceLayout& layout) {
   const auto stored = layout.ring->write_position;
   if (stored.has_value() && *stored >= kRingFirstEntry && *stored < source.Size()) {

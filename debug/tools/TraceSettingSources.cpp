@@ -17,7 +17,7 @@ using Kind = SettingSource::Kind;
 
 constexpr std::int32_t kFactorMax = 2;
 
-// The facility's own reading of files and environment, without its output: no log is opened, and so none is emptied.
+// Reads files and environment like the facility, but without its output: no log is opened, so no log is emptied.
 class SettingsReader : public CDebugTraceConfig {
  public:
   SettingsReader(const std::string& directory, const std::string& app_name) {
@@ -34,13 +34,13 @@ class SettingsReader : public CDebugTraceConfig {
 std::string Decimal(std::uint32_t value) { return std::to_string(value); }
 std::string Signed(std::uint32_t value) { return std::to_string(static_cast<std::int32_t>(value)); }
 
-// Adds settings one after another, each with the first place that has it.
+// Adds settings one after another, each with the first source that has it.
 class SourceList {
  public:
   SourceList(const std::string& directory, const std::string& application_file, const std::string& app_name)
       : global_file_(directory + "/global_trace.ini"), application_file_(application_file), app_name_(app_name) {}
 
-  // `variables` in the order in which they count; null ends them.
+  // `variables` in order of priority, ended by null.
   void Add(const char* setting, const std::string& value, std::initializer_list<const char*> variables, const char* key,
            bool is_in_file) {
     SettingSource source{

@@ -1,4 +1,4 @@
-// The settings of the trace facility with the place that each one comes from.
+// The settings of the trace facility with the source of each.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 
 namespace qx::debug {
 
-// One setting as it counts for a program that starts now, in this environment.
+// One setting as a program uses it that starts now, in this environment.
 struct SettingSource {
   enum class Kind {
     kDefault,
@@ -24,7 +24,7 @@ struct SettingSource {
 
 constexpr const char* kTraceConfigDirectory = "/etc/norrlek/QuaxelSuite/TraceConfig";
 
-// The settings that the application `app_name` takes from the environment of this process and from the settings files
+// The settings that the application `app_name` reads from the environment of this process and from the settings files
 // in `directory`. Nothing is opened but these files. Throws std::bad_alloc. [any thread that does not change the
 // environment]
 std::vector<SettingSource> ReadSettingSources(const std::string& app_name,

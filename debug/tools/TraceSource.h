@@ -1,4 +1,4 @@
-// Where the bytes of a trace file come from when it is read back: an open file, or memory.
+// The source of a trace file's bytes: an open file, or memory.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,7 +13,7 @@
 
 namespace qx::debug {
 
-// Bytes that can be read at any place. Reading never trusts that the size holds: a file may shrink meanwhile.
+// Bytes that can be read at any offset. Readers never rely on the size: a file may shrink meanwhile.
 class TraceSource {
  public:
   TraceSource() = default;
@@ -21,11 +21,11 @@ class TraceSource {
   TraceSource(const TraceSource&) = delete;
   TraceSource& operator=(const TraceSource&) = delete;
 
-  // The size when the source was opened, or was last asked for its size. [owning thread]
+  // The size at the open or at the last update. [owning thread]
   [[nodiscard]] virtual std::uint64_t Size() const noexcept = 0;
 
-  // Reads up to `size` bytes from `offset` on and returns how many came: fewer only at the end of the file or after a
-  // read error, which count alike. [owning thread]
+  // Reads up to `size` bytes from `offset` on and returns the number of read bytes: fewer only at the end of the file
+  // or after a read error, which are treated alike. [owning thread]
   [[nodiscard]] virtual std::size_t ReadAt(std::uint64_t offset, char* to, std::size_t size) const noexcept = 0;
 
   // The bytes from `offset` on, at most `size` of them. [owning thread]
@@ -41,7 +41,7 @@ class TraceFile final : public TraceSource {
   // The file's status now; unset if `fstat` fails. [owning thread]
   [[nodiscard]] std::optional<struct stat> Status() const noexcept;
 
-  // Takes the size that the file has now. [owning thread]
+  // Updates the size to that of the file now. [owning thread]
   void TakeSize() noexcept;
 
   [[nodiscard]] std::uint64_t Size() const noexcept override { return size_; }

@@ -21,8 +21,8 @@ bool IsFiller(const TraceEntry& entry) {
          entry.lines[0].find_first_not_of('_') == std::string::npos;
 }
 
-// A wrapped log whose writer continues changes after the line of its wrap; the line itself changes at the next
-// wrap. A ring's header changes with every entry, which matters once it has wrapped.
+// If the writer of a wrapped log continues, the bytes after the wrap line change; the line itself changes at the next
+// wrap. A ring's header changes with every entry; this matters after a wrap.
 std::string MarkOf(const TraceSource& source, const TraceLayout& layout) {
   constexpr std::size_t kBeginBytes = 256;
   if (layout.format == TraceFormat::kRing) {
@@ -54,7 +54,7 @@ bool TraceEntryReader::Next(TraceEntry& entry) {
   return true;
 }
 
-// True when the range is itself what comes next: a gap.
+// True if the range itself is the next result: a gap.
 bool TraceEntryReader::StartNextRange(TraceEntry& entry) {
   range_ = ranges_[next_range_++];
   is_entry_open_ = false;
@@ -95,7 +95,7 @@ void TraceEntryReader::StartEntry(TraceEntry& entry) {
   entry.header = line_.text.substr(0, header->length);
 }
 
-// Takes the first line, then all that follow without a header, until the entry has its greatest size.
+// Takes the first line and all following lines without a header, up to the greatest size of an entry.
 void TraceEntryReader::TakeLines(TraceEntry& entry) {
   std::size_t bytes = 0;
   const bool takes_headers = range_.kind == TraceRange::Kind::kPiece;
@@ -112,7 +112,7 @@ void TraceEntryReader::TakeLines(TraceEntry& entry) {
     FetchLine();
     is_entry_open_ = bytes >= kEntryBytesMax || entry.lines.size() >= kEntryLinesMax;
   } while (has_line_ && !is_entry_open_ && (takes_headers || !IsHeaderLine(line_)));
-  if (has_line_ && line_.is_rest) entry.is_cut = false;  // the line goes on in the next part
+  if (has_line_ && line_.is_rest) entry.is_cut = false;  // the line continues in the next part
   has_cut_end_ = has_cut_end_ || entry.is_cut;
 }
 
@@ -140,7 +140,7 @@ bool TraceUnroller::Next(TraceEntry& entry) {
     if (!reader_.Next(entry)) return false;
   } while (layout_.format == TraceFormat::kRing && IsFiller(entry));
   has_entries_ = has_entries_ || entry.kind == TraceEntry::Kind::kEntry;
-  // The wrap's line is the first of its range; a text that only looks like it is an entry like others.
+  // The wrap's line is the first of its range; a text that only resembles it is an ordinary entry.
   if (layout_.wrap.has_value() && entry.part == TracePart::kNewest && entry.begin == layout_.wrap->position) {
     entry.kind = TraceEntry::Kind::kWrap;
   }

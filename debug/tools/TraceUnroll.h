@@ -1,4 +1,4 @@
-// Reads a trace file back: the entries of a log that has wrapped, or of a ring, in the order of time.
+// Reads a trace file: the entries of a log that has wrapped, or of a ring, in the order of time.
 #pragma once
 
 #include <cstdint>
@@ -12,15 +12,15 @@
 
 namespace qx::debug {
 
-// One entry, or what is between entries.
+// One entry, or the bytes between entries.
 struct TraceEntry {
   enum class Kind {
     kEntry,  // a header and its lines
     kWrap,   // the line that a log's wrap has written, an entry of the facility itself
-    kRest,   // further lines of the entry before, which came in parts because it is over 1 MiB
-    kPiece,  // lines without a header: the end of an entry whose beginning was overwritten, or, where the file cannot
-             // show it, further lines of the entry before
-    kGap,    // no lines: entries that were here in time have been overwritten
+    kRest,   // further lines of the previous entry, which is returned in parts because it is over 1 MiB
+    kPiece,  // lines without a header: the end of an entry whose beginning was overwritten, or, if the file cannot show
+             // it, further lines of the previous entry
+    kGap,    // no lines: entries of this time were overwritten
   };
   Kind kind = Kind::kEntry;
   TracePart part = TracePart::kNewest;
@@ -40,7 +40,7 @@ struct TraceEntry {
 // Returns the entries of some ranges one after another.
 //
 // Threads: none of its own.
-// Failure: whatever the bytes are, entries come until the ranges end; memory stays within a few MiB.
+// Failure: for any bytes, entries are returned until the ranges end; memory stays within a few MiB.
 class TraceEntryReader {
  public:
   // Reads `ranges` of `source`, which must outlive the reader. [owning thread]
@@ -87,7 +87,7 @@ class TraceUnroller {
   // All findings: complete at the end. [owning thread]
   [[nodiscard]] std::vector<TraceFinding> Findings() const;
 
-  // Whether the writer has changed, since the layout was found, what the entries were read from. [owning thread]
+  // Whether the writer has changed the read bytes since the layout was found. [owning thread]
   [[nodiscard]] bool HasChanged() const;
 
  private:

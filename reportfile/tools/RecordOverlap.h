@@ -42,10 +42,11 @@ struct OverlapPlace {
 };
 
 // Searches for `overlap` (oldest first, not empty) in `window`. `from_oldest` says whether the window begins with the
-// oldest record of the ring: only then may the overlap's beginning have left it, so that a part of it is enough.
+// oldest record of the ring: only then may the beginning of the overlap have left the ring, so that a part of it is
+// enough.
 //
-// A part counts as found only if no two records of the overlap are equal: in a report whose records repeat, one or two
-// of them fit anywhere. [any thread]
+// A part counts as found only if no two records of the overlap are equal: if records repeat, one or two of them match
+// anywhere. [any thread]
 [[nodiscard]] OverlapPlace FindOverlap(std::span<const std::uint64_t> overlap, std::span<const std::uint64_t> window,
                                        bool from_oldest);
 

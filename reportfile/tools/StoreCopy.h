@@ -1,10 +1,10 @@
-// Copies one store, consistent by itself, while its writer goes on.
+// Copies one store, consistent by itself, while its writer continues.
 //
-// A copy is the store at one moment: that of the header in the copy. The index is copied first and then brought up to
-// that header, slot by slot, until nothing moved meanwhile; the data file is copied next. The texts that the header's
-// slots lead to must not have been overwritten since, which the header at the end of the copy shows: a writer only ever
-// writes from its old position to its new one. If it touched one, the copy is made again. Nothing is
-// locked and the writer notices nothing.
+// A copy is the store at one moment: that of the header in the copy. The index is copied first and then updated to that
+// header, slot by slot, until nothing changed meanwhile; then the data file is copied. The texts of the header's slots
+// must not have been overwritten since. The header at the end of the copy shows this: a writer only writes from its old
+// position to its new one. If it overwrote a text, the copy is made again. Nothing is locked, and the writer is not
+// delayed.
 #pragma once
 
 #include <fcntl.h>

@@ -13,7 +13,7 @@ std::string WritableOnTheWay(const std::filesystem::path& path) {
   for (const std::filesystem::path& name : path) {
     part /= name;
     struct stat found;
-    if (lstat(part.c_str(), &found) != 0) return "";  // another finding reports what is missing
+    if (lstat(part.c_str(), &found) != 0) return "";  // another finding reports a missing file
     const bool is_open = !S_ISLNK(found.st_mode) && (found.st_mode & S_IWOTH) != 0;
     const bool is_sticky = S_ISDIR(found.st_mode) && (found.st_mode & S_ISVTX) != 0;
     if (is_open && !is_sticky) return part.string();

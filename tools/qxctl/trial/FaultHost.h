@@ -42,7 +42,7 @@ class FaultHost {
   void DeleteModule() const { delete_module_(); }
   bool HasObject() const { return *object_ != nullptr; }
 
-  // A report that can be read; empty if there is none to read.
+  // A report that can be read, or empty.
   const std::string& Report() const { return report_; }
 
  private:
