@@ -1,4 +1,4 @@
-// Internal: what keeps the five hive pointers true while entries of the root change.
+// Internal: keeps the five hive pointers correct while entries of the root change.
 #pragma once
 
 #include "registry/Registry.h"
@@ -9,8 +9,8 @@ namespace qx::registry {
 // [lock held: CRegistry::MSpinlock]
 void ForgetHive(const RegistryValue& value);
 
-// Holds MSpinlock while an entry of the root goes away, so that nobody wires up a hive that is being destroyed. Changes
-// in other keys do not wait for it.
+// Holds MSpinlock while an entry of the root is removed, so that no thread sets the pointer of a hive that is being
+// destroyed. Changes in other keys do not wait for it.
 class RootChangeScope {
  public:
   explicit RootChangeScope(const CRegistryNode& key) : is_root_(&key == &CRegistry::MRoot) {

@@ -1,4 +1,4 @@
-// The class-wide machinery: loading, saving, the roots; and the life of a handle.
+// The state of the class: loading, saving, the hives; and the life of a handle.
 #include "registry/Registry.h"
 
 #include <algorithm>
@@ -21,7 +21,8 @@ using qx::LockScope;
 using qx::registry::NodeOf;
 using qx::registry::Reading;
 
-// The two owned pointers are smart ones, for which the standard leaves offsets to the compiler; both of ours know them.
+// The two owned pointers are smart ones, for which the standard leaves `offsetof` to the compiler; both compilers
+// support it.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
 struct CRegistry::Layout {
@@ -40,8 +41,8 @@ struct CRegistry::Layout {
 };
 #pragma GCC diagnostic pop
 
-// Built right after Debug (101) and ended right before it, because the dying root still traces; and before everything
-// else, so that any other static object of the binary may use the registry while it is built or ended.
+// Built right after Debug (101) and ended right before it, because the destruction of the root still traces; and before
+// everything else, so that any other static object of the binary may use the registry while it is built or ended.
 __attribute__((init_priority(102))) CCriticalSection CRegistry::MSpinlock;
 __attribute__((init_priority(102))) std::string CRegistry::MPRegistry;
 __attribute__((init_priority(102))) std::string CRegistry::MPRegistryOld;
@@ -72,8 +73,8 @@ constexpr Hive kHives[] = {
     {"HKEY_CURRENT_CONFIG", &CRegistry::MCurrentConfig},
 };
 
-// Both under MSpinlock. While no load has read the whole of `registry`, it may hold what is nowhere else, so the first
-// save keeps it. Neither MIsSetup nor the success of a load shows this: another of the three files may have been
+// Both under MSpinlock. Until a load has read the whole of `registry`, it may have content that is nowhere else, so the
+// first save keeps it. Neither MIsSetup nor the success of a load shows this: another of the three files may have been
 // loaded.
 constinit bool registry_is_unread = true;
 constinit const char* files_directory = qx::registry::kSystemDirectory;
@@ -143,7 +144,7 @@ void UnwireLostHives() {
   }
 }
 
-// What the new file will be as long as, more or less: the file it replaces, unless that is no registry by its size.
+// The approximate length of the new file: that of the file it replaces, unless its size is not that of a registry.
 std::size_t BytesExpected() {
   constexpr std::size_t kMargin = 4096;
   constexpr std::size_t kMax = 64UL << 20;
@@ -162,12 +163,12 @@ bool WriteNewFile() {
 }
 
 // The new file and the old one change names in one step, and then the old one becomes the backup. So there is a good
-// file under the first name at every moment, and a damaged one never takes the place of the backup before its successor
-// is there. Returns 0 or the error number of the exchange.
+// file under the first name at every moment, and a damaged one never replaces the backup before its successor exists.
+// Returns 0 or the error number of the exchange.
 int ExchangeFiles(const char* path) {
   const char* temporary = CRegistry::MPRegistryTemp.c_str();
   if (const int error = qx::file::Exchange(temporary, path); error != 0) return error;
-  // Where the backup cannot have its name, the old file goes, as when the new one is moved over it.
+  // If the backup cannot get its name, the old file is removed, as if the new one were renamed over it.
   if (qx::file::Rename(temporary, CRegistry::MPRegistryOld.c_str()) != 0) (void)qx::file::Remove(temporary);
   return 0;
 }
@@ -179,7 +180,7 @@ void RenameFiles(const char* path) {
   (void)qx::file::Rename(CRegistry::MPRegistryTemp.c_str(), path);
 }
 
-// The results are not checked: a save that comes this far counts as done.
+// The results are not checked: a save that reaches this point counts as done.
 void ReplaceRegistry(const char* path) {
   if (!qx::registry::MayHoldBytes(path)) {
     (void)qx::file::Rename(CRegistry::MPRegistryTemp.c_str(), path);
@@ -198,7 +199,7 @@ void RenameNewFile() {
   qx::registry::SyncDirectoryOf(path);
 }
 
-// A key that is already there, below a pointer that no load has set, keeps its place: other handles work on it.
+// An existing key whose pointer no load has set stays: other handles use it.
 void PutHiveEntry(const Hive& hive) {
   if (*hive.pointer == nullptr && NodeOfHive(hive.name) != nullptr) return;
   RegistryValue value;
@@ -269,7 +270,7 @@ void CRegistry::SaveTree() {
   if (!MIsDirty) return;
   const qx::registry::UncancellableScope no_cancellation;
   const LockScope lock(MSpinlock);
-  // Taken down before the tree is written: a change that comes too late for the file raises it again.
+  // Cleared before the tree is written: a change that is too late for the file sets it again.
   if (!MIsDirty.exchange(false)) return;
   if (!WriteNewFile()) {
     QX_TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", MPRegistryTemp.c_str());
@@ -300,7 +301,7 @@ CRegistry& CRegistry::operator=(CRegistry& other) {
 
 CRegistry::~CRegistry() { FreeClass(); }
 
-// The value buffer is left alone: what GetValue returned before an assignment may still be in use.
+// The value buffer stays: a value that GetValue returned before an assignment may still be in use.
 void CRegistry::InitClass() {
   status_ = 0;
   value_size_ = 0;

@@ -1,8 +1,8 @@
-// The registry: handles on the keys of one tree per process, and the machinery that loads the tree from its file and
-// writes it back (docs/registry-file.md).
+// The registry: handles on the keys of one tree per process, and the functions that load the tree from its file and
+// write it back (docs/registry-file.md).
 //
-// The first handle loads the tree; every destroyed handle writes it back if something has changed. Processes do not
-// see each other's changes: the last one to save wins.
+// The first handle loads the tree; every destroyed handle writes it back if something has changed. Processes do not see
+// each other's changes: the last save is kept.
 #pragma once
 
 #include <atomic>
@@ -20,8 +20,8 @@
 // key above it, is deleted or replaced.
 // Failure: result codes: 0; -1 (Open, CreateKey, OpenPointerKey); 22 no current key or a missing argument; 61 no such
 // value, or none of the requested type, or past the last entry; 34 the caller's buffer is too small. Nothing throws.
-// Paths: names separated by "\" or "/"; the last separator of a path may be followed by nothing. Names are
-// case-sensitive. An empty name between two separators is a name.
+// Paths: names separated by "\" or "/"; a path may end with a separator. Names are case-sensitive. An empty name
+// between two separators is a name.
 class CRegistry {
  public:
   // A handle without a key. [any thread]
@@ -32,7 +32,7 @@ class CRegistry {
   // A handle on the key that Open finds, or without one. [any thread]
   CRegistry(const char* path, CRegistryNode*& key, int access);
   // The same current key and a copy of the key path; a value that was read is not copied. A value that the target has
-  // read stays valid until its next read. [owning thread]
+  // read stays valid until the target's next read. [owning thread]
   CRegistry(CRegistry& other);
   CRegistry& operator=(CRegistry& other);
   // Writes the tree if it has changed. [any thread]
@@ -44,9 +44,9 @@ class CRegistry {
   // Frees what the handle owns and writes the tree if it has changed. The destructor runs it. [owning thread]
   void FreeClass();
 
-  // The current key, which the handle forgets. [owning thread]
+  // Returns the current key and drops it from the handle. [owning thread]
   CRegistryNode* KeepKeyHandle();
-  // Forgets the current key; true if there was one. [owning thread]
+  // Drops the current key; true if there was one. [owning thread]
   bool Close();
 
   // Makes the key at `path` below `key` (null: the root, whose subkeys are the hives) the current one. An empty path is
@@ -105,11 +105,11 @@ class CRegistry {
   // In the current key, as REG_DWORD and REG_SZ: 0 or 22. [owning thread]
   long SetValue(const char* name, unsigned dword);
   long SetValue(const char* name, const char* string);
-  // Removes the entry of the current key, a subkey with everything below it: 0 even if there was none, or 22.
+  // Removes the entry of the current key, a subkey with everything below it: 0 even if there was no entry, or 22.
   // [owning thread]
   long DeleteValue(const char* name);
 
-  // What the last calls left in the handle. [owning thread]
+  // The state of the handle after its last calls. [owning thread]
   [[nodiscard]] long Status() const { return status_; }
   [[nodiscard]] unsigned ValueSize() const { return value_size_; }
   [[nodiscard]] int ValueType() const { return value_type_; }
@@ -136,7 +136,7 @@ class CRegistry {
   static CRegistryNode* MUsers;
   static CRegistryNode* MClassesRoot;
   static CRegistryNode* MCurrentConfig;
-  // Read without a lock for early returns. Loads and saves synchronise through MSpinlock; these only say whether there
+  // Read without a lock for early returns. Loads and saves synchronise through MSpinlock; these only show whether there
   // is something to do.
   static std::atomic<bool> MIsSetup;
   static std::atomic<bool> MIsDirty;
@@ -164,7 +164,7 @@ class CRegistry {
   std::uint32_t value_size_ = 0;
   std::int32_t value_type_ = 0;
   std::uint32_t expand_ = 1;
-  // Recorded by the enumerations; every enumeration starts afresh from its index.
+  // Recorded by the enumerations; every enumeration starts again from its index.
   std::uint32_t key_index_next_ = 0;
   std::uint32_t key_position_next_ = 0;
   std::uint32_t value_index_next_ = 0;

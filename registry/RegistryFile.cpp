@@ -15,10 +15,10 @@ namespace {
 
 constexpr mode_t kFileMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
 
-// A lack of descriptors or memory passes, and so does many an error of a network file system.
+// A lack of descriptors or memory is temporary, and so are many errors of a network file system.
 constexpr int kTries = 3;
 
-// That there is no file is an answer, not a failure. Most systems have no registry, and should not pay for three opens.
+// A missing file is not a failure. Most systems have no registry and should not need three opens.
 bool IsMissing(int error) { return error == ENOENT || error == ENOTDIR; }
 
 file::Descriptor OpenWithRetries(const char* path, int flags) {
@@ -64,7 +64,7 @@ file::Descriptor CreateToWrite(const char* path) {
     file::Descriptor file = file::Open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kFileMode);
     const int error = errno;
     if (file.IsOpen() || tries == kTries) return file;
-    if (error == EEXIST) (void)file::Remove(path);  // the next open shows whether it is gone
+    if (error == EEXIST) (void)file::Remove(path);  // the next open shows whether it was removed
   }
 }
 
@@ -74,8 +74,8 @@ long long SizeOf(const file::Descriptor& file) {
 }
 
 bool WriteThrough(file::Descriptor& file, std::string_view text) {
-  // Before the file gets its name, so that nobody ever finds it with the mode of an unusual umask.
-  (void)fchmod(file.Number(), kFileMode);  // a file system without modes stores the registry all the same
+  // Before the file gets its name, so that no process finds it with the mode of an unusual umask.
+  (void)fchmod(file.Number(), kFileMode);  // a file system without modes still stores the registry
   const bool is_stored = !file::Write(file.Number(), text).Failed() && file::Sync(file.Number()) == 0;
   return file.Close() == 0 && is_stored;
 }
@@ -106,7 +106,7 @@ void KeepUnread(const char* path) {
 }
 
 void SyncDirectoryOf(const char* path) {
-  (void)file::SyncDirectory(NextTo(path, ".").Path());  // the names are in place; only a crash now could undo them
+  (void)file::SyncDirectory(NextTo(path, ".").Path());  // the names are set; only a crash now could undo them
 }
 
 }  // namespace qx::registry

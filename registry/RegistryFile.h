@@ -13,8 +13,8 @@ namespace qx::registry {
 // Opens a regular file. Anything else (a directory, a FIFO without a writer) counts as a failed open. If `fstat` fails,
 // the file is accepted.
 [[nodiscard]] file::Descriptor OpenToRead(const char* path);
-// Creates the file at `path`. Whatever has that name before is removed, unless it is a directory: it may be a link that
-// somebody else prepared.
+// Creates the file at `path`. An existing file of that name is removed, unless it is a directory: it may be a link that
+// another user prepared.
 [[nodiscard]] file::Descriptor CreateToWrite(const char* path);
 
 // Bytes of the open file, or -1 if `fstat` fails.
@@ -27,13 +27,13 @@ namespace qx::registry {
 // The bytes of an open file, from its own position.
 [[nodiscard]] ByteSource BytesOf(const file::Descriptor& file);
 
-// The size of the file at `path`, or 0 when there is none.
+// The size of the file at `path`, or 0 if there is no file.
 [[nodiscard]] std::size_t BytesAt(const char* path);
 // True if `path` leads to a file that is not empty, or if `stat` fails: such a file is kept like one with content.
 [[nodiscard]] bool MayHoldBytes(const char* path);
 
 // Gives the file at `path`, which could not be read, the second name "registry.unread" in its directory, unless there
-// is one already: the first file that was kept is the one that matters.
+// is such a file already: the first file that was kept is the important one.
 void KeepUnread(const char* path);
 
 // Syncs the directory of `path`.

@@ -19,7 +19,7 @@ namespace {
 
 constexpr const char* kSeparators = "\\/";
 
-// The suite's products keep pointers to their own keys here, each under a name of its own.
+// The suite's products keep pointers to their own keys here, each under its own name.
 constexpr const char* kPointerKey = "SYSTEM\\CurrentControlSet\\Control\\UUID\\C3681B60-0D26-11D3-8319-00A0C9B61E25";
 
 CRegistryNode* Subkey(const CRegistryNode& key, std::string_view name) {
@@ -28,7 +28,7 @@ CRegistryNode* Subkey(const CRegistryNode& key, std::string_view name) {
   return entry != nullptr ? NodeOf(entry->value) : nullptr;
 }
 
-// Looking up and creating are one step, or two threads that create the same key would each get one of their own. An
+// Search and creation are one step: otherwise two threads that create the same key would each get a different one. An
 // entry without a value (a hive that the file does not have) is filled. Null: the name is a value's, or no memory.
 CRegistryNode* SubkeyOrNew(CRegistryNode& key, std::string_view name) {
   const LockScope lock(key.Lock());
@@ -46,7 +46,7 @@ CRegistryNode* SubkeyOrNew(CRegistryNode& key, std::string_view name) {
     if (!key.Put(name, created.Get(), displaced)) return nullptr;
     (void)created.Release();
   }
-  CRegistry::MIsDirty = true;  // again: a save may have taken the flag between the first time and the change
+  CRegistry::MIsDirty = true;  // again: a save may have cleared the flag between the first time and the change
   return subkey;
 }
 

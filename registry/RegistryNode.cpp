@@ -38,7 +38,7 @@ class CRegistryNode::ContentExchange {
   }
 
  private:
-  // Subkeys of the same name change places first, so that exchanging the entries puts them back where they were.
+  // Subkeys of the same name change places first, so that the exchange of the entries restores them.
   void KeepSubkeys(CRegistryNode& kept, CRegistryNode& fresh) {
     auto fresh_entries = fresh.Entries();
     std::size_t at = 0;
@@ -74,7 +74,8 @@ bool CRegistryNode::restoreNode(FILE* stream) {
   });
   const bool has_values = qx::registry::RestoreFrom(lines, *this) != qx::registry::Reading::kFailed;
   const auto unread = static_cast<off_t>(lines.UnreadBytes());
-  if (unread > 0) (void)fseeko(stream, -unread, SEEK_CUR);  // a pipe cannot; what was read ahead is lost then
+  if (unread > 0)
+    (void)fseeko(stream, -unread, SEEK_CUR);  // a pipe cannot seek; then the bytes that were read ahead are lost
   return has_values;
 }
 
@@ -105,7 +106,7 @@ void CRegistryNode::deleteNode() {
     at = done->capacity_;
     above = static_cast<CRegistryNode*>(std::exchange(node->entries_[at].value, {}).slot.pointer);
     ++at;
-    delete done;  // no value is left in it, so this goes no deeper
+    delete done;  // it has no values any more, so this does not recurse
   }
 }
 

@@ -30,15 +30,15 @@ class CRegistryNode : public CStrMap {
   // stream is then at the end of the closing line if it can seek. [any thread]
   [[nodiscard]] bool restoreNode(FILE* stream);
 
-  // Frees all values and subkeys and leaves the entries, emptied, in place: only right before the key goes away or its
-  // map is discarded. Traces each entry that had a value. [owning thread]
+  // Frees all values and subkeys and leaves the entries, emptied, in place: only directly before the key or its map is
+  // destroyed. Traces each entry that had a value. [owning thread]
   void deleteNode();
 
   // deleteNode, and no entries afterwards. [owning thread]
   void Clear();
 
-  // Merges `fresh`, which no other thread can reach, into this key by name. `fresh` holds what was replaced and is to
-  // be destroyed. [any thread]
+  // Merges `fresh`, which no other thread can reach, into this key by name. Afterwards `fresh` has the replaced entries
+  // and must be destroyed. [any thread]
   [[nodiscard]] bool Merge(CRegistryNode& fresh);
 
  private:

@@ -1,4 +1,4 @@
-// Internal: small helpers that the handle's operations share.
+// Internal: small helpers of the handle's operations.
 #pragma once
 
 #include <algorithm>

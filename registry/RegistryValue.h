@@ -23,14 +23,14 @@ namespace qx::registry {
 // The bytes of a block, without the length.
 [[nodiscard]] std::string_view BlockBytes(const void* block);
 
-// Ends a value's data according to its type (a subkey with everything below it) and leaves an empty slot of type 0.
+// Frees a value's data according to its type (a subkey with everything below it) and leaves an empty slot of type 0.
 void FreeValue(RegistryValue& value);
 
 [[nodiscard]] bool IsString(const RegistryValue& value);
-[[nodiscard]] CRegistryNode* NodeOf(const RegistryValue& value);  // null when it is no subkey
+[[nodiscard]] CRegistryNode* NodeOf(const RegistryValue& value);  // null if it is not a subkey
 
-// What GetValue would put into its buffer: a string with its NUL, a block's bytes, the 4 bytes of a number. The view
-// points into the value. Empty for a subkey and for an entry without data.
+// The bytes that GetValue copies into its buffer: a string with its NUL, a block's bytes, the 4 bytes of a number. The
+// view points into the value. Empty for a subkey and for an entry without data.
 [[nodiscard]] std::string_view StoredBytes(const RegistryValue& value);
 
 // A value on its way into a map: freed at the end of the scope unless released.
@@ -52,7 +52,7 @@ class OwnedValue {
 
   [[nodiscard]] bool IsPresent() const { return value_.IsPresent(); }
   [[nodiscard]] const RegistryValue& Get() const { return value_; }
-  // For a place that receives a value to free.
+  // For a function that returns a value to free.
   [[nodiscard]] RegistryValue& Place() { return value_; }
   RegistryValue Release() { return std::exchange(value_, {}); }
 

@@ -64,7 +64,7 @@ bool Store(CRegistryNode& key, const char* name, OwnedValue value) {
     if (!key.Put(name, value.Get(), displaced.Place())) return false;
     (void)value.Release();
   }
-  CRegistry::MIsDirty = true;  // again: a save may have taken the flag before the change
+  CRegistry::MIsDirty = true;  // again: a save may have cleared the flag before the change
   if (displaced.IsPresent()) {
     change.Forget(displaced.Get());
     QX_TRACE(2, "CRegistry::SetValue oEntry = %p\n", displaced.Get().slot.pointer);

@@ -1,9 +1,9 @@
 // The sorted map of names to typed values that every registry key is made of.
 //
 // One array, kept in the byte order of the names and searched by halving. A new name is moved into its place, so the
-// array is at any time what a sort of it would give; a registry file names its entries in order, which makes appending
-// the common case. The map owns names and array, never the values: what a value's data is depends on its type, which
-// only the key (registry/RegistryNode.h) knows how to end.
+// array is always sorted; a registry file names its entries in order, which makes appending the common case. The map
+// owns names and array, never the values: the data of a value depends on its type, and only the key
+// (registry/RegistryNode.h) can free it.
 #pragma once
 
 #include <cstdint>
@@ -46,7 +46,7 @@ struct StrMapEntry {
 // Threads: any thread, as long as it holds Lock() around each step and around the use of what the step returned. A map
 // that no other thread can reach yet needs no lock.
 // Owns: the array and the names, not the values.
-// Failure: an operation that finds no memory returns false and leaves the map as it was.
+// Failure: an operation that finds no memory returns false and leaves the map unchanged.
 class CStrMap {
  public:
   CStrMap() noexcept = default;
@@ -56,26 +56,25 @@ class CStrMap {
   CStrMap& operator=(const CStrMap&) = delete;
 
   // Orders two StrMapEntry by the bytes of their names, upper case before lower; an entry without a name comes after
-  // every named one and equals another without. Less than, equal to or greater than 0, as sorting routines want it.
-  // [any thread]
+  // every named one and equals another one without a name. Less than, equal to or greater than 0, as sorting routines
+  // want it. [any thread]
   [[nodiscard]] static int compare(const void* left, const void* right);
 
   [[nodiscard]] CCriticalSection& Lock() const { return lock_; }
 
   // All entries in order, valid until the next change of the map. [lock held: Lock()]
   [[nodiscard]] std::span<StrMapEntry> Entries() const { return {entries_, static_cast<std::size_t>(count_)}; }
-  // Slots of the array; it grows by 16 beyond the entries there are. [lock held: Lock()]
+  // Slots of the array; it grows by 16 above the number of entries. [lock held: Lock()]
   [[nodiscard]] std::int32_t Capacity() const { return capacity_; }
 
   // The entry of exactly this name, or null. Valid until the next change of the map. [lock held: Lock()]
   [[nodiscard]] StrMapEntry* Find(std::string_view name) const;
 
-  // Puts `value` under `name`. `displaced` receives the old value (none: type 0) and is the caller's to free; an
-  // existing entry keeps its slot and its name. [lock held: Lock()]
+  // Puts `value` under `name`. `displaced` receives the old value (type 0 if there is no old value), which the caller
+  // frees; an existing entry keeps its slot and its name. [lock held: Lock()]
   [[nodiscard]] bool Put(std::string_view name, const RegistryValue& value, RegistryValue& displaced);
 
-  // Takes `entry` (from Find) out, frees its name and returns its value, which is the caller's to free.
-  // [lock held: Lock()]
+  // Removes `entry` (from Find), frees its name and returns its value, which the caller frees. [lock held: Lock()]
   [[nodiscard]] RegistryValue Remove(StrMapEntry* entry);
 
   // Bulk loading, for a map that no other thread can reach: append in any order and with repetitions, then restore the

@@ -35,7 +35,7 @@ class NumberText {
 
 OwnedValue StringValue(std::int32_t type, std::string_view data) { return {type, NewText(data)}; }
 
-// What a save writes, and nothing else: an optional minus sign and digits, to the end of the line and within 32 bits.
+// Only the form that a save writes: an optional minus sign and digits, to the end of the line and within 32 bits.
 std::optional<std::int32_t> PlainNumber(std::string_view data) {
   std::int32_t number = 0;
   const char* end = data.data() + data.size();
@@ -61,8 +61,7 @@ unsigned LowercaseDigit(char c) {
 
 using LineBytes = std::array<char, kLineCharsMax>;
 
-// Takes the numbers at the front of `data` that are as a save writes them, two digits and a space, and returns
-// how many there are.
+// Reads the numbers at the front of `data` in the form of a save, two digits and a space, and returns their count.
 std::size_t TakePlainBytes(std::string_view data, LineBytes& bytes) {
   std::size_t count = 0;
   for (; data.size() >= 3 && data[2] == ' '; data.remove_prefix(3)) {
@@ -76,7 +75,7 @@ std::size_t TakePlainBytes(std::string_view data, LineBytes& bytes) {
 
 // Numbers one after another, of each the low 8 bits: "0a ff " => 0a ff   "1ff 2" => ff 02   "" => an empty block
 // Quirk: numbers need not have two digits nor a space between them ("+1+2" is two), so a line can hold more of them
-// than a third of its length; the block is as long as they are many.
+// than a third of its length; the block has as many bytes as there are numbers.
 OwnedValue BinaryValue(std::string_view data) {
   LineBytes bytes;
   std::size_t count = TakePlainBytes(data, bytes);
@@ -94,7 +93,7 @@ OwnedValue BinaryValue(std::string_view data) {
   return {REG_BINARY, NewBlock({bytes.data(), count})};
 }
 
-// Builds keys that no other thread can reach yet; they come into the tree when all lines are read.
+// Builds keys that no other thread can reach yet; they are merged into the tree after all lines are read.
 class TreeBuilder {
  public:
   explicit TreeBuilder(CRegistryNode& top) : current_(&top) {}
@@ -107,7 +106,7 @@ class TreeBuilder {
     if (equals != std::string_view::npos) TakeValue(line.substr(0, equals), line.substr(equals));
   }
 
-  // False when it was the outermost key.
+  // False if it was the outermost key.
   bool CloseKey() {
     if (skipped_keys_ > 0) {
       --skipped_keys_;
@@ -126,9 +125,9 @@ class TreeBuilder {
   }
 
  private:
-  // The entry is made before the content is read. Nothing else enters this key meanwhile, so it is at the same
-  // place as if it were made afterwards. Without memory the key is skipped with everything in it; its values must not
-  // land in the key above.
+  // The entry is made before the content is read. Nothing else is added to this key meanwhile, so it is at the same
+  // position as if it were made afterwards. Without memory the key is skipped with its content; its values must not get
+  // into the key above.
   void OpenKey(std::string_view name) {
     CRegistryNode* key = skipped_keys_ == 0 ? AppendKey(name) : nullptr;
     if (key != nullptr) {
@@ -157,7 +156,7 @@ class TreeBuilder {
     if (marked.starts_with("=b=")) return Store(name, BinaryValue(marked.substr(3)));
     if (!marked.starts_with("=d=")) return;
     Store(name, NumberValue(marked.substr(3)));
-    has_values_ = true;  // Quirk: a number line without digits stores nothing, and yet the file counts as good.
+    has_values_ = true;  // Quirk: a number line without digits stores nothing, but the file still counts as good.
   }
 
   // Without memory the line is skipped. A number without digits has no type.

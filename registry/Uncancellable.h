@@ -1,7 +1,7 @@
-// Internal: a stretch of code in which the calling thread is not cancelled.
+// Internal: code in which the calling thread is not cancelled.
 //
-// Writing a trace line or a file is a place where a thread may be cancelled. The unwinding that follows must not leave
-// a destructor, which would end the whole process, nor leave half a tree freed.
+// Writing a trace line or a file is a cancellation point. The unwinding must not leave a destructor, which would end
+// the whole process, nor leave a partly freed tree.
 #pragma once
 
 #include <pthread.h>
