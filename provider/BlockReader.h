@@ -1,5 +1,5 @@
-// Loads out of the service's parameter block. Nothing in the block need be aligned, so a structure or a number is
-// copied out before it is looked at; the compiler turns the copy into loads of the fields used.
+// Loads values from the service's parameter block. Nothing in the block need be aligned, so a structure or a number is
+// copied before it is used; the compiler turns the copy into loads of the fields used.
 #pragma once
 
 #include <cstddef>
@@ -49,7 +49,7 @@ template <typename Block>
   return {header.element_count, header.elements};
 }
 
-// The first element with the index; null when there is none. Index 0 is never found, null entries are skipped.
+// The first element with the index, or null. Index 0 is never found, null entries are skipped.
 [[nodiscard]] inline const krx_element* FindElement(const ElementArray& elements, std::int32_t index) noexcept {
   if (index == 0) return nullptr;
   for (std::int32_t i = 0; i < elements.Count(); ++i) {
@@ -63,7 +63,7 @@ template <typename Block>
   return element != nullptr && Load(element).type == static_cast<std::int32_t>(type);
 }
 
-// The value field of an element seen as a pointer to T; null for no element.
+// The value field of an element as a pointer to T; null without an element.
 template <typename T>
 [[nodiscard]] const T* ValueOf(const krx_element* element) noexcept {
   return element != nullptr ? static_cast<const T*>(Load(element).value) : nullptr;

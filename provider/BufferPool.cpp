@@ -4,7 +4,7 @@
 
 namespace qx::provider {
 
-// Built without a constructor call, so it serves whatever runs while the module is loaded; freed when it is unloaded.
+// Built without a constructor call, so it can be used while the module is loaded; freed when it is unloaded.
 constinit BufferPool transfer_buffers;
 
 std::string BufferPool::Take(std::size_t bytes) {

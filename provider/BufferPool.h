@@ -16,7 +16,7 @@ namespace qx::provider {
 
 // A bounded set of spare buffers.
 //
-// Threads: any thread may take and give back. Owns: the spare buffers; one that was taken is its taker's.
+// Threads: any thread may take and return buffers. Owns: the spare buffers; one that was taken belongs to the caller.
 // Failure: Take throws std::bad_alloc; GiveBack frees what it does not keep.
 class BufferPool {
  public:
@@ -41,7 +41,7 @@ class BufferPool {
   // Frees all spare buffers. [any thread]
   void Clear() noexcept;
 
-  // What is kept now. [any thread]
+  // The buffers that are kept now. [any thread]
   [[nodiscard]] std::size_t KeptCount() const;
   [[nodiscard]] std::size_t KeptBytes() const;
 

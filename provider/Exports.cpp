@@ -1,7 +1,7 @@
 // The exported functions: from the service's raw call to the module object and back.
 //
 // Each request goes the same way: wrap the block, parse the input, run the operation, duplicate the reply. This is also
-// the one place where an exception stops; what the service sees of it is -1 and a null reply.
+// the one place where an exception stops; the service gets -1 and a null reply.
 #include <exception>
 #include <memory>
 #include <utility>
@@ -24,8 +24,7 @@ namespace {
 constexpr int kFailed = -1;
 
 // Calls `run`; after an exception the result is `on_failure`. A forced unwinding (the service cancels its thread) must
-// reach the end of the thread's stack: swallowing it would abort the process. It is recognised by not being an
-// exception of this language.
+// reach the end of the thread's stack: a handler that ends it would abort the process. It is not a C++ exception.
 template <typename Run>
 auto Guarded(decltype(std::declval<Run>()()) on_failure, Run run) {
   try {
@@ -52,8 +51,8 @@ char* ReplyOf(const CMarkup& document) {
 // One request. `operation` is called with the block's parameters, the input document and the empty output document; its
 // result is the request's.
 //
-// A caller that was refused for want of a privilege never sees a record: the output then holds the refusal and the
-// report side by side, which is not one well-formed document, so that there is no reply.
+// A caller that was refused for a missing privilege never gets a record: the output then has the refusal and the
+// report, which are not one well-formed document, so that there is no reply.
 template <typename Operation>
 int RunRequest(const wcs_gendata* params, const char* input, char** reply, Operation operation) {
   if (reply != nullptr) *reply = nullptr;
@@ -134,7 +133,7 @@ int CreateModule(void* path) {
   if (pAdapterModule == nullptr) return 0;
   QX_TRACE(6, "\nWCSP_MAIN Create    : CreateModule - allocate pAdapterModule = 0x%08X", Low32(pAdapterModule));
   return Guarded(1, [] {
-    (void)pAdapterModule->OnLoad();  // a module that does not like its start is used all the same
+    (void)pAdapterModule->OnLoad();  // the result of the start hook is ignored
     return 1;
   });
 }

@@ -131,7 +131,7 @@ int CFileTransferProvider::CheckRequest(KrxRequestParams& params, CMarkup& in, C
   unsigned code = 0;
   if (!CheckRequestParams(params, text, code)) return Refuse(out, text.c_str(), code, kRequestFatal);
 
-  // Quirk: such input is not an error. The call goes on with an empty document, and so with an empty report name.
+  // Quirk: such input is not an error. The call continues with an empty document, and so with an empty report name.
   if (!in.IsWellFormed()) {
     in.ResetPos();
     return kMayGoOn;

@@ -7,9 +7,9 @@ class CThreadData;
 
 // Hands the reports of this machine to remote clients.
 //
-// Threads: one object serves all service threads at once and holds no state of its own; what a transfer keeps between
-// its calls is the CThreadData of the service thread, whose address travels in the thread's request blocks.
-// Owns: nothing beyond its base.
+// Threads: one object serves all service threads at once and holds no state of its own; a transfer keeps its state
+// between calls in the CThreadData of the service thread, whose address is in the thread's request blocks. Owns:
+// nothing beyond its base.
 // Failure: an "Error" element in the reply; std::bad_alloc may pass through.
 class CFileTransferProvider : public CKrxAdapterModule {
  public:
@@ -21,26 +21,26 @@ class CFileTransferProvider : public CKrxAdapterModule {
   void __threadend(void* userData) override;
 
   // Adds a chunk of a report's records to `out`, or sets an error document there: docs/documents.md shows both. Returns
-  // 0 records, 1 no (more) records, 12 the report could not be read, -1 the block cannot be worked with. After a
-  // refusal (no "ReportData" in `in`, privilege missing) the call goes on after the refusal's "Error" element; records
-  // make a second root after it. [any thread]
+  // 0 records, 1 no (more) records, 12 the report could not be read, -1 the block is not valid. After a refusal (no
+  // "ReportData" in `in`, privilege missing) the call continues after the refusal's "Error" element; records make a
+  // second root after it. [any thread]
   [[nodiscard]] int GetReports(KrxRequestParams& params, CMarkup& in, CMarkup& out);
 
   // Adds the list of a report's instance names to `out`, or sets an error document there. Returns 0 (also for a names
-  // file of a version that has no list, which adds nothing), 12 no names file, -1 the block cannot be worked with.
-  // After a refusal the call goes on as in GetReports. [any thread]
+  // file of a version that has no list, which adds nothing), 12 no names file, -1 the block is not valid. After a
+  // refusal the call continues as in GetReports. [any thread]
   [[nodiscard]] int GetReportInstanceNames(KrxRequestParams& params, CMarkup& in, CMarkup& out);
 
   // The calling thread's data: what the block's element 1 points to, or a new object stored there. Null when memory is
-  // short. If the block has no such element (GetProviderSpecificData does not return the result), the new object is
-  // the caller's to delete. [any thread]
+  // short. If the block has no such element (GetProviderSpecificData does not return the result), the caller must
+  // delete the new object. [any thread]
   [[nodiscard]] CThreadData* GetOrAllocateThreadData(KrxRequestParams& params);
 
-  // Whether a report function may go on: 0 yes, -1 no (no thread data, or a block that cannot be worked with), 12 the
-  // input has no element `requiredTag`, 401 the caller lacks `requiredPrivilege`. All but 0 leave an "Error" element in
-  // `out`. Either requirement may be null: none. A privilege is required only of callers whom the service's security
-  // layer has described. On 0 the required element is the input's current one; input that is not well formed passes
-  // as an empty document, so every attribute read from it is empty. `threadData` is set in every case, as by
+  // Whether a report function may continue: 0 yes, -1 no (no thread data, or an invalid block), 12 the input has no
+  // element `requiredTag`, 401 the caller lacks `requiredPrivilege`. All but 0 leave an "Error" element in `out`.
+  // Either requirement may be null: nothing is required. A privilege is required only of callers that the service's
+  // security layer describes. On 0 the required element is the input's current one; input that is not well formed
+  // passes as an empty document, so every attribute read from it is empty. `threadData` is set in every case, as by
   // GetOrAllocateThreadData. [any thread]
   [[nodiscard]] int CheckRequest(KrxRequestParams& params, CMarkup& in, CMarkup& out, CThreadData*& threadData,
                                  const char* requiredTag, const char* requiredPrivilege);

@@ -1,4 +1,4 @@
-// The hex dump in which names appear in the trace: names may hold any byte, and a text alone would not show which.
+// The hex dump in which names appear in the trace: names may have any byte, and a text alone would not show them.
 #pragma once
 
 #include <string>

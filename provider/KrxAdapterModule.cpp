@@ -19,7 +19,7 @@ using qx::provider::Low32;
 
 namespace qx::provider {
 
-// Pins what "Order is interface" in the class promises.
+// Checks the order that "Order is interface" in the class promises.
 struct KrxAdapterModuleLayout {
   static_assert(offsetof(CKrxAdapterModule, module_name_) == 8);  // after the pointer to the virtual slots
   static_assert(offsetof(CKrxAdapterModule, file_version_) == 40);

@@ -1,4 +1,4 @@
-// The module object: what every provider answers to the KRX service through the exported functions.
+// The module object: the replies of every provider to the KRX service through the exported functions.
 //
 // One object serves all threads. It is created while the library is loaded, reached through pAdapterModule and deleted
 // while the library is unloaded. A provider derives from it and adds its own request functions.
@@ -39,7 +39,7 @@ class CKrxAdapterModule {
   virtual void OnServiceStop();
   // Identification: `out` becomes an element named after the module with its version texts. Returns 0. [any thread]
   virtual int What(KrxRequestParams& params, CMarkup& in, CMarkup& out);
-  // Echo: `out` becomes a copy of `in` if that is well formed, and is left alone otherwise. Returns 0. [any thread]
+  // Echo: `out` becomes a copy of `in` if that is well formed, and is unchanged otherwise. Returns 0. [any thread]
   virtual int Reflect(KrxRequestParams& params, CMarkup& in, CMarkup& out);
   // Frees a reply text of ReplyString or AllocReplyString; null is allowed. [any thread]
   virtual void __free(void* p);
@@ -55,17 +55,17 @@ class CKrxAdapterModule {
   // Marks the service stop and calls OnServiceStop; the module keeps serving. [any thread]
   void __stoprequest();
 
-  // Whether the block can be worked with. On failure `errorText` and `errorCode` (13) say why; they are left alone
-  // otherwise. [any thread]
+  // Whether the block is valid. On failure `errorText` and `errorCode` (13) have the reason; otherwise they are
+  // unchanged. [any thread]
   [[nodiscard]] bool CheckRequestParams(KrxRequestParams& params, std::string& errorText, unsigned& errorCode);
-  // Replaces whatever `out` holds by <Error Msg="message" LastError="code"/>, without LastError when `code` is 0. A
+  // Replaces the content of `out` by <Error Msg="message" LastError="code"/>, without LastError when `code` is 0. A
   // null message counts as empty. [any thread]
   void SetRequestError(CMarkup& out, const char* message, unsigned code);
 
   // A copy of `text` for the service, to be freed with __free; null for null and when memory is short.
   // [any thread]
   [[nodiscard]] static char* ReplyString(const char* text);
-  // The same for a text whose size is known, so that a megabyte is not measured again. [any thread]
+  // The same for a text whose size is known, so that the length of a megabyte is not computed again. [any thread]
   [[nodiscard]] static char* ReplyString(const std::string& text);
   // Space for a reply of `size` bytes, to be freed with __free; null when memory is short. [any thread]
   [[nodiscard]] static void* AllocReplyString(std::size_t size);

@@ -4,7 +4,7 @@
 // the report has records of (its disks, its processors). A call reads it once and keeps nothing.
 // docs/report-names.md has the file, docs/documents.md the documents.
 //
-// Not here: who may read (CheckRequest), and what the caller makes of a document with two roots.
+// Not here: who may read (CheckRequest), and what the caller does with a document with two roots.
 #pragma once
 
 class CKrxAdapterModule;

@@ -87,7 +87,7 @@ std::string WithoutOuterWhiteSpace(std::string_view text) {
   return std::string(text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1));
 }
 
-// A report that could not be opened again has no size; the error number is kept in the place of the size.
+// A report that could not be opened again has no size; the error number is kept instead of the size.
 int ReopenError(const CThreadData& data) { return data.data_file_size < 0 ? Low32(-data.data_file_size) : 0; }
 void NoteReopenError(CThreadData& data, int error) { data.data_file_size = -std::int64_t{std::max(error, 1)}; }
 
@@ -144,8 +144,8 @@ int ReportTransfer::ServeGathered() {
   return records.empty() ? ReplyNoText() : ReplyRecords(records);
 }
 
-// The reply's tag comes before its records, so the next index is guessed at first. A guess of as many digits as the
-// index has costs nothing; any other moves the records by the difference.
+// The reply's tag comes before its records, so the next index is first estimated. An estimate with as many digits as
+// the index costs nothing; any other moves the records by the difference.
 int ReportTransfer::ServeIntoReply() {
   ReserveReply(SpaceForRecords());
   AddReplyElement(LikelyNextIndex());
@@ -215,8 +215,8 @@ void ReportTransfer::TakeRecords(std::string& text) {
   }
 }
 
-// A damaged header can claim billions of slots whose record has no text: after so many in a row that a reader of the
-// trace has seen enough of them the rest is taken in runs, which pass over such slots at once.
+// A damaged header can count billions of slots whose record has no text: after a large number in a row, the trace has
+// enough of them, and the rest is read in runs, which skip such slots at once.
 bool ReportTransfer::TakesSingly() const {
   return path_taken_ == TransferOptions::Path::kSingly && empty_in_a_row_ < kEmptyRecordsShownMax;
 }
@@ -265,8 +265,8 @@ void ReportTransfer::NoteFailedRead() {
 }
 
 // Whether the writer has advanced the ring since the transfer's snapshot. The record just read may then be another one
-// than its index says; the new oldest slot is what counts from here on. Checked once in a transfer, after the first
-// read: later the transfer takes what it finds. If the report cannot be opened again, the record is used, and the store
+// than that of its index; from here on the new oldest slot is used. Checked once in a transfer, after the first read:
+// later the transfer returns what it finds. If the report cannot be opened again, the record is used, and the store
 // stays closed.
 bool ReportTransfer::RingHasMoved() {
   check_ring_ = false;
@@ -327,7 +327,7 @@ int ReportTransfer::ReplyNotReadable(int error_number) {
   return kRequestRefused;
 }
 
-// A report that cannot be read on must not look like one that has ended. The next call tries the record again.
+// A report with an unreadable record must not seem to end there. The next call tries the record again.
 int ReportTransfer::ReplyNoText() { return read_error_ != 0 ? ReplyNotReadable(read_error_) : ReplyNoMoreRecords(); }
 
 int ReportTransfer::ReplyNoMoreRecords() {

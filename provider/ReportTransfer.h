@@ -2,14 +2,14 @@
 //
 // A transfer is a sequence of calls of one service thread. The call with start index 0 (or the thread's first one)
 // opens the report and notes the state of its ring; every call gathers whole records from its start index on, oldest
-// first, into less than 1 MiB, and replies with them and with the index at which the next call goes on.
-// docs/documents.md shows the documents.
+// first, into less than 1 MiB, and replies with them and with the start index of the next call. docs/documents.md shows
+// the documents.
 //
 // Records are taken in runs (qx::report::RecordReader::Take) and read straight into the reply document. When the trace
 // shows every record, or while the ring has still to be checked, they are read one at a time; when it shows the reply
-// without its records, these are gathered by themselves first. All ways give the same reply.
+// without its records, these are gathered separately first. All ways make the same reply.
 //
-// Not here: who may read (CheckRequest), and what the caller makes of a document with two roots.
+// Not here: who may read (CheckRequest), and what the caller does with a document with two roots.
 #pragma once
 
 #include <cstddef>
@@ -44,13 +44,13 @@ struct TransferOptions {
     kIntoReply,  // in runs, read into the reply
   };
   Path path = Path::kByTrace;
-  // Called where a writer may come in between: after the read of a transfer's first record, before the report is
-  // opened again to see whether the ring has moved.
+  // Called where a writer may write in between: after the read of a transfer's first record, before the report is
+  // opened again to check whether the ring has advanced.
   void (*first_record_read)(void* context) = nullptr;
   void* context = nullptr;
 };
 
-// What a client asked for.
+// The request of a client.
 struct TransferRequest {
   std::string name;           // of the report, below the report directory; any bytes but NUL
   std::string escaped_name;   // as it appears in replies
@@ -74,7 +74,7 @@ class ReportTransfer {
                  const TransferOptions& options = {});
 
   // Serves the request in the current element of `in`. Returns 0 with the records after whatever `out` contained, or 1
-  // or 12 with an error document in its place. The state word is the caller's to count. [owning thread]
+  // or 12 with an error document in its place. The caller counts the state word. [owning thread]
   [[nodiscard]] int Run(CMarkup& in);
 
  private:

@@ -1,4 +1,4 @@
-// What the security layer says about the caller: the security half of KrxRequestParams.
+// The security layer's data about the caller: the security half of KrxRequestParams.
 //
 //   element 61 --> list, element 65 --> validation data --> authorisation data: user id
 //                                                                             + departments --> privilege names
@@ -38,10 +38,10 @@ bool KrxRequestParams::FindSecurityValidationData() {
   } else {
     QX_TRACE(1, "\nKrxReqestParams     : ## ERROR! No authorization data found in security validation data structure!");
   }
-  return true;  // data that grants nothing is data all the same: every privilege check then fails
+  return true;  // data that grants nothing still counts as data: every privilege check then fails
 }
 
-// Stores the value of element 65 in the list of element 61. The types of both elements are not looked at.
+// Stores the value of element 65 in the list of element 61. The types of both elements are not checked.
 bool KrxRequestParams::LocateValidationData() {
   const krx_element* interceptor = FindElement(ElementsOf(gen_data_), kKrxSecurityInterceptor);
   if (interceptor == nullptr) return false;
@@ -70,13 +70,13 @@ void KrxRequestParams::ReadAuthorization(const krx_authorization_data* authoriza
   }
   if (!has_privileges) {
     // Quirk: the user id goes through a numeric conversion, so the line shows a number (half of the text's address)
-    // where its reader expects the name.
+    // where readers expect the name.
     QX_TRACE(1, "\nKrxReqestParams     : ## ERROR! No privileges found for user \"%d\" (something wrong here)!",
              static_cast<int>(Low32(auth_user_id_.c_str())));
   }
 }
 
-// Takes the department's privileges into the set; false when it names none.
+// Adds the department's privileges to the set; false if it names no privilege.
 bool KrxRequestParams::ReadDepartment(std::int32_t number, const krx_department* department) {
   const krx_department data = Load(department);
   QX_TRACE(5, "\nKrxReqestParams     :     department[%d]: \"%s\", number of privileges=%d", number,

@@ -1,4 +1,4 @@
-// The login that a client sent along: KrxRequestParams::GetUserCredentials.
+// The credentials that a client sent: KrxRequestParams::GetUserCredentials.
 //
 //   element 14 --> nested block --next--> nested block --next--> ...
 //                    the first one with element 16 --> word 1: element 19 --> list of credentials 25, 26, 29, 30, 31

@@ -26,7 +26,7 @@ bool ReadRootPointer(CRegistry& registry, std::string& root) {
   std::string buffer(size, '\0');
   if (registry.QueryValue(buffer.data(), kRootPointer, &size, nullptr) != 0) return false;
   root.assign(buffer.c_str());
-  return !root.empty();  // an empty pointer leads nowhere
+  return !root.empty();  // an empty pointer names no root
 }
 
 std::string SetupKey() {
@@ -36,7 +36,7 @@ std::string SetupKey() {
   return root + "\\" + "Setup";
 }
 
-// A directory that the Setup key names. Finds the suite's root each time, and works on handles of its own.
+// A directory that the Setup key names. Finds the suite's root each time, with its own handles.
 bool ReadSetupDirectory(const char* name, std::string& directory) {
   const std::string key = SetupKey();
   CRegistry registry;

@@ -1,8 +1,8 @@
-// Where the suite keeps its reports.
+// Finds the directory of the suite's reports.
 //
 // The registry names the directory. A per-product pointer value names the suite's registry root; the root's "Setup" key
 // holds "ReportRoot", the report directory itself, or "FileRoot", the directory above "Reports". Without either it is
-// "Reports" below the working directory. Nothing is cached: every call asks the registry.
+// "Reports" below the working directory. Nothing is cached: every call reads the registry.
 #pragma once
 
 #include <string>
@@ -15,13 +15,13 @@ class CServerControlPaths {
  public:
   CServerControlPaths() = delete;
 
-  // Sets `path` to the report directory and returns its text, which is valid while `path` is left alone.
+  // Sets `path` to the report directory and returns its text, which is valid until `path` changes.
   //   ReportRoot /srv/reports/     => /srv/reports
   //   ReportRoot (empty)           => (empty)
   //   FileRoot /opt/x/             => /opt/x/Reports
   //   FileRoot (empty)             => /Reports
   //   neither, working in /home/a  => /home/a/Reports
   //   neither, and no working directory: "/Reports" after the earlier text of `path`
-  // One trailing "/" goes, but only from index 3 on: /a/ and / stay as they are. [any thread]
+  // One trailing "/" is removed, but only from index 3 on: /a/ and / stay unchanged. [any thread]
   static const char* GetServerControlReportPath(std::string& path);
 };

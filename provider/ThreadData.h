@@ -1,8 +1,8 @@
-// What the report functions keep for one service thread from call to call.
+// The state that the report functions keep for one service thread between calls.
 //
-// A client reads a report in several calls on one service thread; the open report and what the first of these calls
-// saw of it live here in between. The object's address travels in the request block (element 1): the service keeps it
-// with its thread, hands it back in every later block of the thread and to __threadend at the end. Nothing is kept in
+// A client reads a report in several calls on one service thread; between them, the open report and the ring's state at
+// the first call are kept here. The object's address is in the request block (element 1): the service keeps it with its
+// thread and passes it in every later block of the thread, and to __threadend at the end. Nothing is kept in
 // thread-local storage.
 #pragma once
 
@@ -31,7 +31,7 @@ class CThreadData {
   // Size of the data file in bytes, taken when the report was opened. Below 0: the report is closed, because it could
   // not be opened again after the transfer's first record; this is minus the error number.
   std::int64_t data_file_size = 0;
-  // Slot of the oldest record and number of slots in use, as this transfer saw them; -1 before the first transfer. A
+  // Slot of the oldest record and number of slots in use, as this transfer found them; -1 before the first transfer. A
   // transfer covers the records that existed when it began: records appended later do not change these two.
   std::int64_t oldest_index = -1;
   std::int64_t highest_index = -1;

@@ -1,4 +1,4 @@
-// How report names appear in the trace: they come from clients and may have any byte but NUL.
+// Report names in the trace: they come from clients and may have any byte except NUL.
 #pragma once
 
 #include <cstdint>
@@ -8,12 +8,12 @@
 namespace qx::provider {
 
 // The name with "." for each control byte (below 0x20, and 0x7F): a line feed would look like the end of the entry, and
-// ESC would reach the terminal of whoever reads the log.
+// ESC would reach the terminal on which the log is read.
 //   "a\nb\x1B[31m" => "a.b.[31m"    "K\xC3\xA4lte" => "K\xC3\xA4lte"
 // [any thread]
 [[nodiscard]] std::string ShownName(std::string_view name);
 
-// Traces the hex dump of a name. It is long, so it is only made for a trace that shows `level`. [any thread]
+// Traces the hex dump of a name. It is long, so it is made only for a trace that shows `level`. [any thread]
 void TraceNameDump(std::uint32_t level, const std::string& name);
 
 }  // namespace qx::provider
