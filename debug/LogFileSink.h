@@ -1,8 +1,8 @@
-// The log file: one entry after another, and back to the end of the head when the file has its size.
+// The log file: one entry after another, and back to the end of the head when the file has reached its size.
 //
-// The head is what the file held at MarkInitEnd (the log header and the traces of the start); it is never overwritten.
-// A wrap clears nothing: the newest entry is followed by the rest of the previous cycle. A reader finds its end by the
-// "------ WRAP -----" line and the stamps. This class does not read the file back.
+// The head is the content of the file at MarkInitEnd (the log header and the traces of the start); it is never
+// overwritten. A wrap clears nothing: the newest entry is followed by the rest of the previous cycle. A reader finds
+// its end by the "------ WRAP -----" line and the stamps. This class does not read the file back.
 #pragma once
 
 #include <atomic>

@@ -16,7 +16,7 @@ namespace qx::inifile {
 
 namespace {
 
-// What a read is after. A missing section or key turns it into a list.
+// The request of a read. Without a section or key it is a list.
 struct Query {
   const char* section;
   const char* key;
@@ -24,7 +24,7 @@ struct Query {
   [[nodiscard]] bool IsList() const { return section == nullptr || key == nullptr; }
 };
 
-// The caller's buffer of at least two bytes. `count` runs ahead of the buffer when a text was cut.
+// The caller's buffer of at least two bytes. `count` exceeds the buffer if a text was cut.
 class Result {
  public:
   Result(char* buf, std::size_t size) : buf_(buf), size_(size) {}
@@ -56,7 +56,7 @@ class Result {
   }
 
  private:
-  // Copies what fits into `size_max` bytes and ends it with NUL; there is always one more byte for that. The buffer's
+  // Copies what fits into `size_max` bytes and ends it with NUL; there is always one more byte for it. The buffer's
   // last byte becomes NUL as well, however short the text is.
   void Copy(std::string_view text, std::size_t size_max) {
     const std::size_t length = text.copy(buf_ + count_, size_max);
@@ -80,7 +80,7 @@ std::optional<std::string_view> NameInHeader(std::string_view line) {
 //   "name=x", "key" => yes     "keys=x", "key" => no, though it is not one either
 bool IsOtherEntry(std::string_view line, std::string_view key) { return IsPlainText(line) && !line.starts_with(key); }
 
-// False when the entry ends the search.
+// False if the entry ends the search.
 bool TakeEntry(std::string_view line, const Query& query, Result& result) {
   const std::optional<Entry> entry = ParseEntry(line);
   if (!entry) return true;
@@ -102,9 +102,9 @@ void CollectSections(LineScanner& lines, Result& result) {
   }
 }
 
-// Most lines of a large file are passed over at the sight of a few characters: of another entry by the last of the
-// requested key, since keys of one section often differ only there. A list takes every line of its section, as if its
-// key were empty.
+// Most lines of a large file are skipped after a check of a few characters: for another entry, the last character of
+// the requested key, since keys of one section often differ only there. A list takes every line of its section, as if
+// its key were empty.
 void PassOverForeign(LineScanner& lines, bool is_inside, std::string_view key) {
   if (!is_inside) return lines.PassOver({.column = 0, .byte = '['}, IsPlainText);
   if (key.empty()) return;
@@ -112,7 +112,7 @@ void PassOverForeign(LineScanner& lines, bool is_inside, std::string_view key) {
                  [key](std::string_view line) { return IsOtherEntry(line, key); });
 }
 
-// Only the first section of the name counts: its next header, of whatever name, ends the search.
+// Only the first section of the name is read: the next header, of any name, ends the search.
 void SearchSection(LineScanner& lines, const Query& query, Result& result) {
   const std::string_view section = query.section;
   const std::string_view key = query.key != nullptr ? query.key : "";

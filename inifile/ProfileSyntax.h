@@ -1,4 +1,4 @@
-// What readers and writers of profile files agree on: white space, section headers, comments and entries.
+// The syntax that readers and writers of profile files share: white space, section headers, comments and entries.
 #pragma once
 
 #include <optional>

@@ -1,8 +1,8 @@
-// The writing primitive: finds the place of an edit in one walk, then moves the file's tail around it.
+// The writing primitive: finds the region of an edit in one walk, then moves the file's tail around it.
 //
 // The writer reads lines more strictly than the reader: no white space is skipped, so an indented header or key is not
-// seen. Two oddities follow from its dropping the last character of every line, which it takes for the line feed: in a
-// last line without one, and in each piece of a line that was split, a character is missing.
+// found. Two oddities follow because it drops the last character of every line as the line feed: in a last line without
+// one, and in each piece of a line that was split, a character is missing.
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -29,7 +29,7 @@ namespace {
 
 constexpr mode_t kNewFileMode = 0644;
 
-// What is to be written. Without key the section goes, without value the key.
+// The edit. Without a key the section is removed, without a value the key.
 struct Edit {
   const char* section;
   const char* key;
@@ -49,13 +49,13 @@ bool Closed(Stream stream) { return std::fclose(stream.release()) == 0; }
 
 enum class PlaceKind { kEntry, kNextHeader, kEndOfFile, kUnreadable };
 
-// Where the walk ended. A region begins after the line handled before it, so the empty and comment lines directly
-// above a line belong to that line's region.
+// The end of the walk. A region begins after the line handled before it, so the empty and comment lines directly above
+// a line belong to that line's region.
 struct Place {
   PlaceKind kind = PlaceKind::kEndOfFile;
   bool has_section = false;
   std::uint64_t section_begin = 0;  // of the region of the section's header
-  unsigned section_lines = 0;       // handled since that header, the one at `begin` included
+  unsigned section_lines = 0;       // handled since that header, including the one at `begin`
   std::uint64_t begin = 0;
   std::uint64_t end = 0;  // after the line at which the walk ended
 };
@@ -66,7 +66,7 @@ std::string_view WithoutLastCharacter(std::string_view line) {
 
 bool IsEmptyOrComment(std::string_view line) { return line.empty() || line.front() == ';'; }
 
-// Takes lines up to and with the first one that says something; `place` then spans them.
+// Reads lines up to and including the first meaningful one; `place` is then their range.
 bool NextRegion(LineScanner& lines, Place& place, std::string_view& line) {
   place.begin = lines.Position();
   bool is_found = false;
@@ -110,7 +110,7 @@ Place FindPlace(const file::Descriptor& file, const Edit& edit) {
   std::array<char, LineScanner::kWindowBytes> window;
   LineScanner lines(file.Number(), window);
   Place place = FindPlace(lines, edit);
-  // What follows a failed read may hold the section: an append would make a second one.
+  // The section may be after a failed read: an append would make a second one.
   if (lines.HasFailed()) place.kind = PlaceKind::kUnreadable;
   return place;
 }
@@ -132,11 +132,10 @@ std::unique_ptr<char[]> ReadTail(FILE* stream, std::uint64_t offset, std::uint64
   return tail;
 }
 
-// Cuts off what a failed write left after `old_end`. The write has failed either way, so its result is the one to
-// report.
+// Removes what a failed write left after `old_end`. The write has failed anyway, so its result is the one to report.
 void CutBack(int descriptor, off_t old_end) { (void)file::Truncate(descriptor, old_end); }
 
-// Reserves the space that an edit needs before it overwrites anything, so that a full disk leaves the file as it was.
+// Reserves the space that an edit needs before it overwrites anything, so that a full disk leaves the file unchanged.
 // Only a lack of space counts: if space cannot be reserved for another reason, the writes themselves show the error.
 bool ReserveSpace(FILE* stream, std::uint64_t old_size, std::uint64_t new_size) {
   if (new_size <= old_size) return true;
@@ -168,15 +167,15 @@ bool Splice(FILE* stream, std::uint64_t begin, std::uint64_t end, std::string_vi
   return WriteAll(stream, text) && WriteAll(stream, kept) && TruncateHere(stream);
 }
 
-// Offsets travel through WriteLines in 32 bits: a place after 4 GiB is refused, never edited elsewhere.
+// Offsets in WriteLines have 32 bits: an edit after 4 GiB is refused, never made elsewhere.
 bool WriteRegion(FILE* stream, std::uint64_t from, std::uint64_t to, const Edit& edit, bool new_line_first) {
   if (to > std::numeric_limits<unsigned>::max()) return false;
   return CIniFile::WriteLines(stream, static_cast<unsigned>(from), static_cast<unsigned>(to), edit.key, edit.value,
                               new_line_first);
 }
 
-// Quirk: an entry that is its section's first line gets a line feed before it. That keeps the empty line which the
-// writer puts after a header, and adds one where there was none; where the entry is deleted the empty line stays.
+// Quirk: an entry that is its section's first line gets a line feed before it. This keeps the empty line that the
+// writer adds after a header, or adds a missing one; if the entry is deleted, the empty line stays.
 bool EditPlace(FILE* stream, const Place& place, const Edit& edit) {
   if (place.kind == PlaceKind::kEntry) {
     return WriteRegion(stream, place.begin, place.end, edit, place.section_lines < 2);
@@ -199,7 +198,7 @@ bool EditInPlace(file::Descriptor file, const Place& place, const Edit& edit) {
   return result;
 }
 
-// What could not be appended whole is taken back: half a line would run into whatever is appended next.
+// A partial append is removed: otherwise the next line would be appended to a partial one.
 bool AppendText(file::Descriptor file, std::string_view text) {
   struct stat before;
   if (file::StatusOf(file.Number(), before) != 0) return false;
@@ -212,7 +211,8 @@ void TraceAppendError(const Edit& edit) {
   QX_TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n", edit.path);
 }
 
-// Quirk: nothing ends a last line without line feed first, so an entry appended without a header runs into it.
+// Quirk: nothing ends a last line without line feed first, so an entry that is appended without a header becomes part
+// of it.
 bool Append(const Edit& edit, bool with_header, bool is_new) {
   const int flags = O_WRONLY | O_APPEND | (is_new ? O_CREAT : 0);
   file::Descriptor file = file::OpenRegular(edit.path, flags, kNewFileMode);

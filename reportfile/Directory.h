@@ -1,16 +1,15 @@
-// Copies and removes directory trees: how report files travel between the report directory and a backup of it.
+// Copies and removes directory trees: a restore moves report files with them.
 //
-// Both operations walk with a list of what is still to be done instead of calling themselves, hold at most two files or
-// one directory open, and say every step and failure in the trace. docs/directories.md holds the rules. Not here:
-// time stamps, extended attributes, holes in files, bringing anything to the disk, and undoing what was done before a
-// failure.
+// Both operations walk with a list of pending entries instead of recursion, have at most two files or one directory
+// open, and trace every step and failure. docs/directories.md has the rules. Not here: time stamps, extended
+// attributes, holes in files, syncing to the disk, and undoing what was done before a failure.
 #pragma once
 
 // A set of static operations; no object of it is ever made.
 //
-// Threads: every operation may run on any thread; two of them at once on one tree get in each other's way as two
-// commands would. A thread is not cancelled in the middle of one.
-// Failure: a false result, with errno set to the error of the step that failed, and lines in the trace.
+// Threads: every operation may run on any thread; two of them at once on one tree interfere with each other like two
+// commands. A thread is not cancelled in the middle of one. Failure: a false result, with errno set to the error of the
+// step that failed, and lines in the trace.
 class CDirectory {
  public:
   CDirectory() = delete;

@@ -1,4 +1,4 @@
-// Internal: a way through a directory tree that no link can lead out of.
+// Internal: a walk through a directory tree that no link can lead out of.
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@
 namespace qx::report {
 
 // The open directory in which a walk through a tree is. Each directory is opened by its name in the one above it, never
-// through a symbolic link, and the way up is checked. So whoever exchanges directories of the tree during the walk can
-// end it, but cannot lead it out of the tree. At most three descriptors are open, whatever the depth.
+// through a symbolic link, and the way up is checked. So a user who exchanges directories of the tree during the walk
+// can end it, but cannot lead it out of the tree. At most three descriptors are open, whatever the depth.
 //
 // Threads: one thread.
 // Owns: the directory and the one above it.

@@ -18,7 +18,7 @@ constexpr mode_t kModeOfUnknown = 0600;
 constexpr std::size_t kRangeBytes = std::size_t{1} << 22;
 constexpr std::size_t kBlockBytes = std::size_t{1} << 14;
 
-// What came before a failed read is written.
+// The bytes before a failed read are written.
 int CopyBlocks(int from, int to) {
   char block[kBlockBytes];
   for (;;) {
@@ -29,8 +29,8 @@ int CopyBlocks(int from, int to) {
   }
 }
 
-// Lets the system copy. Where it cannot, or finds nothing in a file that only seems empty (as those of /proc do), the
-// rest is copied in blocks, which also hits every real error again and names it.
+// Lets the system copy. If it cannot, or finds nothing in a file that only seems empty (such as those of /proc), the
+// rest is copied in blocks, which also hits every real error again and reports it.
 int CopyContents(int from, int to) {
   bool has_copied = false;
   for (;;) {
@@ -63,7 +63,7 @@ struct Source {
   struct stat status = {};
 };
 
-// The target's kind is checked before it is opened: opening a device can do things, and a FIFO's reader would notice.
+// The target's kind is checked before it is opened: opening a device can act on it, and a FIFO's reader would notice.
 int OverwriteFile(const Source& source, const char* target) {
   struct stat status;
   if (const int error = file::StatusOf(target, status); error != 0) return error;

@@ -5,7 +5,7 @@
 
 namespace qx::report {
 
-// Which file it is, whatever its name: hard links and symbolic links lead to the same one.
+// The identity of a file, whatever its name: hard links and symbolic links name the same one.
 struct FileId {
   dev_t device = 0;
   ino_t number = 0;

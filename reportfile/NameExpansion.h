@@ -1,8 +1,8 @@
-// Internal: which files and directories a pattern names.
+// Internal: finds the files and directories that a pattern names.
 //
 // An expression is an absolute path whose components may contain the wildcards of file-name globbing. Names are matched
-// by the system, but directories are listed here: the system's globbing takes a directory whose listing breaks off for
-// one that ends there, finds "." and ".." wherever a wildcard may match them, and takes known directories for patterns.
+// by the system, but directories are listed here: the system's globbing ignores an error in the middle of a listing,
+// finds "." and ".." wherever a wildcard may match them, and treats known directories as patterns.
 #pragma once
 
 #include <string>
@@ -15,12 +15,12 @@ namespace qx::report {
 struct Expansion {
   std::vector<std::string> paths;
   int error = 0;          // why there is no path; 0 if there are some
-  int listing_error = 0;  // a listing broke off with it: there may be more than `paths`
+  int listing_error = 0;  // a listing ended with this error: there may be more than `paths`
 };
 
 // Expands `known` + `expression`. The first is taken as it is, whatever characters it has; the second begins with "/"
 // and is globbed, with wildcards matching a leading dot. The first directory that cannot be opened ends the expansion
-// with its error and without paths. The first listing that breaks off is the last one of its component.
+// with its error and without paths. The first listing that ends with an error is the last one of its component.
 //   "", "/b/*"         => everything in /b
 //   "/b[1]", "/*.dat"  => what ends with ".dat" in /b[1]
 //   "/b", "/"          => nothing (ENOENT)

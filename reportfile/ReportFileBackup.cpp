@@ -1,8 +1,8 @@
 // Restores the report directory's files from a backup directory.
 //
-// A restore is attempted once: whatever the result of the copy, the backup directory is deleted after it. That makes it
-// the one operation that can lose a report. So it is refused before anything is copied if deleting the backup would
-// delete what was just restored, or if the backup cannot be listed whole.
+// A restore is attempted once: whatever the result of the copy, the backup directory is deleted after it. So it is the
+// one operation that can lose a report. So it is refused before anything is copied if deleting the backup would delete
+// what was just restored, or if the backup cannot be listed whole.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -115,18 +115,18 @@ int CopyBack(const std::string& backup, const qx::report::TreeListing& listing, 
       [&] { return qx::report::TreeCopy(kEveryName, true).RunListed(backup, listing, report_directory); });
 }
 
-// The copies are on the disk before their originals go: a loss of power in between would otherwise leave neither.
-// Without a descriptor every file system is synced, which needs none.
+// The copies are on the disk before the originals are deleted: otherwise a loss of power in between would leave
+// neither. Without a descriptor every file system is synced, which needs none.
 void SyncFileSystemOf(const std::string& directory) {
   const qx::file::Descriptor open = qx::file::OpenDirectory(directory.c_str());
   if (open.IsOpen()) {
-    (void)qx::file::SyncFileSystem(open.Number());  // the backup goes whatever the result
+    (void)qx::file::SyncFileSystem(open.Number());  // the backup is deleted whatever the result
   } else {
     sync();
   }
 }
 
-// Its result shows in the trace only.
+// Its result is only in the trace.
 void DeleteBackup(const std::string& backup, const std::string& report_directory) {
   if (backup.empty()) return;
   if (access(backup.c_str(), F_OK) == 0) SyncFileSystemOf(report_directory);
@@ -147,7 +147,7 @@ bool Restore(const std::string& backup) {
   error = CopyBack(backup, listing, report_directory);
   if (error == 0) TraceCopied(backup, report_directory);
   if (error != 0) TraceNotCopied(error, backup, report_directory);
-  DeleteBackup(backup, report_directory);  // Quirk: the backup goes even after a failed copy
+  DeleteBackup(backup, report_directory);  // Quirk: the backup is deleted even after a failed copy
   if (error != 0) errno = error;           // the removal has errors of its own
   return error == 0;
 }
@@ -163,7 +163,7 @@ bool CReportFileBase::RestoreReportDataFiles(const std::string& backupPath) {
   }
 }
 
-// Quirk: takes every report directory for a drive, so there never is a backup.
+// Quirk: treats every report directory as a drive, so there never is a backup.
 bool CReportFileBase::BackupReportDataFiles(const std::string& backupPath) {
   if (backupPath.empty()) return false;
   std::string report_directory;

@@ -50,8 +50,8 @@ int ReadValueAt(std::FILE* file, std::int64_t offset, T& value) {
   return progress.error;
 }
 
-// Writes the record and, in the same call, the end marker after it. A marker that was cut short does no harm: only what
-// a slot points at is ever read.
+// Writes the record and, in the same call, the end marker after it. A marker that was cut short does no harm: only text
+// with a slot is read.
 bool WriteRecordAt(std::FILE* file, std::uint32_t offset, std::string_view text) {
   return WriteAt(file, offset, text, kLineEndAndMarker) >= text.size() + kLineEnd.size();
 }
@@ -66,7 +66,7 @@ IndexHeader HeaderAfterRecord(IndexHeader header, std::int64_t marker_offset) {
   return header;
 }
 
-// True, with the file's size, for an index file that holds no header yet.
+// True, with the file's size, for an index file that has no header yet.
 bool LacksHeader(std::FILE* index_file, std::int64_t& size) {
   struct stat status;
   if (StatusOf(fileno(index_file), status) != 0) return false;
@@ -75,7 +75,7 @@ bool LacksHeader(std::FILE* index_file, std::int64_t& size) {
 }
 
 // Header and slot 0 in one write: a kill never leaves a slot after 24 bytes that nobody wrote, which would read as a
-// ring without slots. A write that is cut short is taken back.
+// ring without slots. A write that is cut short is undone.
 bool WriteFirstSlot(std::FILE* index_file, std::int64_t size, const IndexHeader& header, std::uint32_t position) {
   if (WriteAt(index_file, 0, BytesOf(header), BytesOf(position)) == sizeof header + sizeof position) return true;
   const int error = errno;
@@ -128,7 +128,7 @@ bool CReportFileBase::Open(const char* path, unsigned int maxRecords) {
       header_.maxRecord = RingSize(maxRecords);
       return true;
     }
-    if (readPositions() != 0) return CloseAfterReadError();  // a short file keeps what the object holds
+    if (readPositions() != 0) return CloseAfterReadError();  // with a short file, the object's header stays
     TraceHeader(header_);
     return true;
   });

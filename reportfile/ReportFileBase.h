@@ -2,9 +2,9 @@
 //
 // A writer appends with writeLine; once all slots of the ring are in use, each record takes over the slot of the oldest
 // one, and the data file is rewritten from its start at regular intervals, so neither file grows without bound. A
-// reader opens the files read-only and fetches records by slot. docs/report-store.md maps the bytes and says what
+// reader opens the files read-only and fetches records by slot. docs/report-store.md maps the bytes and describes what
 // readers in other processes may see. Not here: protection against a second writer, repair of damaged files, and any
-// check that a rewritten data file still has what old slots point at.
+// check that a rewritten data file still has the text of old slots.
 #pragma once
 
 #include <cstdio>
@@ -33,7 +33,7 @@ class [[gnu::visibility("default")]] CReportFileBase {
 
   // Opens `path`.ind and `path`.dat for reading and writing. If both exist, they are used with the ring size that they
   // were created with; `maxRecords` is ignored. If either is missing, the store is started over with mode 0644 and
-  // `maxRecords` slots (0: 1,073,741,823), and whatever the other file held is gone. The header of a new store is
+  // `maxRecords` slots (0: 1,073,741,823), and the content of the other file is lost. The header of a new store is
   // written with its first record. Takes the advisory lock of the index file if it is free.
   // False: a null or empty path (nothing happens); a file that exists but cannot be opened or read (neither file is
   // changed: try again later, do not delete it); or one that cannot be created. errno is that of the first file that

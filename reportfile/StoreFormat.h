@@ -1,4 +1,4 @@
-// The bytes of a report's two files and their arithmetic; docs/report-store.md describes them for strangers.
+// The bytes of a report's two files and their arithmetic; docs/report-store.md describes them for other programs.
 //
 // The data file has record lines ("text\r\n") one after another, with an end marker after the newest. The index file
 // has a 24-byte header and then one 32-bit data file offset for each slot; the slots form a ring. Everything here is
@@ -58,7 +58,7 @@ constexpr std::int64_t SlotOffset(std::uint32_t slot) {
   return std::int64_t{sizeof(IndexHeader)} + std::int64_t{4} * slot;
 }
 
-// The ring size that a new store gets: 0 asks for as many slots as the format is meant for.
+// The ring size that a new store gets: 0 stands for the largest ring of the format.
 constexpr std::uint32_t RingSize(std::uint32_t max_records) {
   return max_records != 0 ? max_records : kMaxRecordUnlimited;
 }

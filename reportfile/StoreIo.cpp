@@ -32,7 +32,7 @@ int OpenFlags(OpenMode mode) {
 
 mode_t ModeOfNewFile(OpenMode mode) { return mode == OpenMode::kCreate ? kStoreFileMode : 0; }
 
-// Of directories, sockets and devices without a driver, open itself says so.
+// For directories, sockets and devices without a driver, `open` itself fails in this way.
 bool MeansNotARegularFile(int error) { return error == EISDIR || error == ENXIO || error == ENODEV; }
 
 bool IsTransient(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
@@ -42,8 +42,8 @@ file::Descriptor WithStoreError(file::Descriptor file, int error) {
   return file;
 }
 
-// Where a path begins that is named in the registry: links above it are not the report directory's. The working
-// directory's Reports is named nowhere.
+// The start of a path that the registry names: links above it do not belong to the report directory. Reports in the
+// working directory is not a named directory.
 std::string NamedReportDirectory() {
   std::string directory;
   std::string working_directory;
@@ -112,7 +112,7 @@ struct StoreFileToWrite {
 
 bool EmptyFile(std::FILE* file) {
   if (file::Truncate(fileno(file), 0) != 0) return false;
-  (void)fchmod(fileno(file), kStoreFileMode);  // the file of another owner keeps its mode; it is empty all the same
+  (void)fchmod(fileno(file), kStoreFileMode);  // the file of another owner keeps its mode, but is empty
   return true;
 }
 

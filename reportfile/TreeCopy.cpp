@@ -31,7 +31,7 @@ int MakeDirectory(const std::string& path) {
 
 // Creates the directory and every missing one above it. 0 or the error number.
 int MakeDirectories(const std::string& path) {
-  if (path.size() > kPathCharsMax) return ENAMETOOLONG;  // a path that is cut would lead elsewhere
+  if (path.size() > kPathCharsMax) return ENAMETOOLONG;  // a cut path would name another directory
   if (const int error = MakeDirectory(path); error != ENOENT) return error;
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
     if (const int error = MakeDirectory(path.substr(0, slash)); error != 0) return error;
@@ -47,7 +47,7 @@ FileId IdAt(const std::string& path) {
 //   /a/b  => b
 std::string LastComponent(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-// What is gone, and a link that leads nowhere, is left out without a trace line.
+// A removed entry and a dangling link are left out without a trace line.
 void TraceSkipped(const std::string& match, int error) {
   if (error == ENOENT || error == ELOOP) return;
   QX_TRACE(1, "\nCDirectory::CopyDir() - ## ERROR: Status of %s could not be read, it is left out. %s", match.c_str(),
@@ -105,12 +105,12 @@ int TreeCopy::Enter(const std::string& known, const std::string& expression, Lev
   Found found = FindMatches(known, expression);
   if (found.error != 0 && found.listing_error == 0) {
     QX_TRACE(4, "\nCDirectory::CopyDir() - Could not find matching files to copy. %s", ErrorText(found.error));
-    return 0;  // Quirk: a directory that cannot be opened is as good as an empty one
+    return 0;  // Quirk: a directory that cannot be opened counts as empty
   }
   level.matches = std::move(found.matches);
   level.listing_error = found.listing_error;
   levels_.push_back(std::move(level));
-  if (levels_.back().matches.empty()) return 0;  // its listing broke off before the first name
+  if (levels_.back().matches.empty()) return 0;  // its listing failed before the first name
   const int error = MakeDirectories(levels_.back().destination);
   if (error != 0) {
     QX_TRACE(1, "\nCDirectory::CopyDir() - ## ERROR: Could not create destination dir. Error: %s", ErrorText(error));

@@ -42,7 +42,7 @@ bool HasNameablePath(const std::string& path) { return path.size() < PATH_MAX; }
 // Through a descriptor, which only reading may get.
 int SetModeOfReadable(const char* name, int directory) {
   const file::Descriptor file = file::Open(name, O_RDONLY | O_NOFOLLOW, 0, directory);
-  if (!file.IsOpen()) return 0;  // nobody refused the mode, and a removal does not need it
+  if (!file.IsOpen()) return 0;  // the mode was not refused, and a removal does not need it
   return fchmod(file.Number(), kRemovableMode) == 0 ? 0 : errno;
 }
 

@@ -50,8 +50,9 @@ void AddMarkFindings(TraceLayout& layout, const LogMarks& marks) {
   // The entry that crossed the limit is certainly older than the wrap.
   const bool has_only_crossing = marks.entries == 1 && marks.crossing.IsKnown();
   if (HasOneStamp(marks) && !has_only_crossing) {
-    layout.findings.push_back({TraceFinding::Kind::kStampsAlike,
-                               "all entries since the wrap have one stamp, so the place of the newest one is a guess"});
+    layout.findings.push_back(
+        {TraceFinding::Kind::kStampsAlike,
+         "all entries since the wrap have one stamp, so the position of the newest one is a guess"});
   }
   if (marks.drops > 1) {
     layout.findings.push_back(

@@ -90,7 +90,7 @@ void NoteEntry(LogMarks& marks, const EntryMark& entry);
 // The header block that a ring begins with.
 struct HeaderBlock {
   std::uint64_t end = 0;                   // the terminator after it; 0: it is not complete
-  std::uint64_t first_terminator = 0;      // 0: there is none
+  std::uint64_t first_terminator = 0;      // 0: there is no block
   std::optional<std::int64_t> stamp_ms{};  // of its first entry
 };
 

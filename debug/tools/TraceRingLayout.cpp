@@ -121,7 +121,7 @@ std::uint64_t FindWritePosition(const TraceSource& source, TraceLayout& layout) 
       {TraceFinding::Kind::kWritePosition,
        "the write position (" + said + ") is not where an entry ends; " +
            (found != 0 ? "the end of the newest one was found at " + std::to_string(found)
-                       : "without the end of the newest one, the entries come in the order of the file")});
+                       : "without the end of the newest one, the entries are in the order of the file")});
   return found;
 }
 

@@ -16,18 +16,18 @@ namespace qx::inifile {
 
 namespace {
 
-// What GetEnum and its like can list: names with their NULs. A longer list counts as empty.
+// The longest list of GetEnum and similar calls: names with their NULs. A longer list counts as empty.
 constexpr std::size_t kListCharsMax = 64509;
 
 bool Holds(std::string_view text, char c) { return text.find(c) != std::string_view::npos; }
 
-// --- what the syntax cannot carry
+// --- what the syntax cannot express
 
-// The reason, or nothing.
+// The reason, or empty.
 std::string WhyNotAnywhere(std::string_view text, const std::string& what) {
   if (Holds(text, '\0')) return what + " holds a NUL";
   if (Holds(text, '\n')) return what + " holds a line feed";
-  if (Holds(text, ';')) return what + " holds a \";\", which begins a comment wherever it stands";
+  if (Holds(text, ';')) return what + " has a \";\", which begins a comment anywhere";
   return {};
 }
 
@@ -57,7 +57,7 @@ std::string WhyNotValue(std::string_view value) {
 
 std::string WhyNotRequest(const ProfileRequest& request) {
   std::string reason = WhyNotSection(request.section);
-  if (request.kind != ProfileRequest::Kind::kSet) return {};  // what no file can hold is not found
+  if (request.kind != ProfileRequest::Kind::kSet) return {};  // what no file can have is not found
   for (const ProfileEntry& entry : request.entries) {
     if (reason.empty()) reason = WhyNotKey(entry.key);
     if (reason.empty()) reason = WhyNotValue(entry.value);
@@ -65,7 +65,7 @@ std::string WhyNotRequest(const ProfileRequest& request) {
   return reason;
 }
 
-// Lines that readers would not take as they are.
+// Lines that readers would change.
 std::string WhyNotText(std::string_view text) {
   if (Holds(text, '\0')) return "the file holds a NUL, which hides the rest of its line";
   std::size_t number = 1;
@@ -104,7 +104,7 @@ std::string WhyNotLists(const ProfileContent& before, const ProfileContent& afte
 
 // --- planning
 
-// Builds the text step by step, as the class will.
+// Builds the text step by step, like the class.
 class Planner {
  public:
   Planner(const std::string& text, const ProfileRequest& request) : request_(request) { plan_.text = text; }
@@ -153,7 +153,7 @@ class Planner {
     });
   }
 
-  // Behind the last line of the section that says something: what follows belongs to the next header.
+  // After the last meaningful line of the section: what follows belongs to the next header.
   static Place EndOfSection(Place header, Place end) {
     const Place next =
         std::find_if(header + 1, end, [](const ProfileLine& line) { return line.kind == LineKind::kHeader; });
@@ -186,7 +186,7 @@ class Planner {
     plan_.steps.push_back({.section = request_.section, .key = entry.key, .value = entry.value});
   }
 
-  // Behind a line that ends with a carriage return the new one does so, too.
+  // After a line that ends with a carriage return, the new one also ends with one.
   void Insert(const ProfileLine& above, const ProfileEntry& entry) {
     plan_.changes.push_back({request_.section, entry.key, {}, entry.value});
     const bool has_return = plan_.text.compare(above.end - 2, 2, "\r\n") == 0;
@@ -213,7 +213,7 @@ class Planner {
     plan_.steps.push_back({from, to, {}, {}, {}});
   }
 
-  // All entries of the key: without the first one the second would count.
+  // All entries of the key: otherwise the second one would be read.
   void DeleteKey() {
     bool has_section = false;
     for (;;) {
@@ -242,7 +242,7 @@ class Planner {
         if (line->kind != LineKind::kEntry) continue;
         plan_.changes.push_back({request_.section, std::string(line->key), std::string(line->value), {}});
       }
-      Place begin = header;  // the empty lines above it set it off
+      Place begin = header;  // the empty lines above it separate it
       while (begin != lines.begin() && (begin - 1)->kind == LineKind::kEmpty) --begin;
       Remove(begin->begin, (end - 1)->end);
     }
@@ -301,20 +301,20 @@ ProfilePlan PlanEdit(const std::string& text, const ProfileRequest& request) {
 
 std::string CarryOut(const ProfilePlan& plan, const std::string& text, const std::string& path) {
   if (!HoldsText(path, text)) return "the copy cannot be read back";
-  if (ReadThroughClass(path) != ContentOf(text)) return "programs read the file in another way than this tool";
+  if (ReadThroughClass(path) != ContentOf(text)) return "programs read the file differently from this tool";
   if (plan.completes_last_line && !AppendLineFeed(path)) return "the copy cannot be written";
   for (const ProfileStep& step : plan.steps) {
     if (!RunStep(step, path)) return "the copy cannot be edited";
   }
   if (!HoldsText(path, plan.text)) return "the edited copy is not as planned";
-  if (ReadThroughClass(path) != ContentOf(plan.text)) return "the edited copy does not read back as planned";
+  if (ReadThroughClass(path) != ContentOf(plan.text)) return "the edited copy is not read back as planned";
   return {};
 }
 
 std::string Rehearse(const ProfilePlan& plan, const std::string& text) {
   const MemoryFile copy;
   if (!copy.file.IsOpen() || file::Write(copy.file.Number(), text).Failed())
-    return "there is no room for a copy in memory";
+    return "there is not enough memory for a copy";
   return CarryOut(plan, text, copy.Path());
 }
 

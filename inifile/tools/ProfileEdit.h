@@ -1,6 +1,6 @@
-// Careful edits of profile files, for tools. The class edits where its writer sees an entry, takes comments above it
-// along, and stores what no reader returns; here an edit finds what readers find, changes that line alone, and is
-// checked by reading everything back. The module does not link it.
+// Careful edits of profile files, for tools. The class edits the entries that its writer finds, removes comments above
+// them, and can store values that no reader returns; here an edit finds what readers find, changes only that line, and
+// is checked by reading everything back. The module does not link it.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@
 
 namespace qx::inifile {
 
-// What is requested. `section` and `key` as programs name them.
+// The request, with the names of section and key that programs use.
 struct ProfileRequest {
   enum class Kind { kSet, kDeleteKey, kDeleteSection };
   Kind kind = Kind::kSet;
@@ -29,10 +29,10 @@ enum class ProfileState {
   kRefused,  // `reason` says why
 };
 
-// What one edit does to what programs read.
+// The effect of one edit on the values that programs read.
 struct ProfileChange {
   std::string section;
-  std::string key;                    // empty with `is_section`: the section itself comes or goes
+  std::string key;                    // empty with `is_section`: the section itself is added or removed
   std::optional<std::string> before;  // nothing: it was missing
   std::optional<std::string> after;
   bool is_section = false;
@@ -50,20 +50,20 @@ struct ProfileStep {
 struct ProfilePlan {
   ProfileState state = ProfileState::kDone;
   std::string reason;
-  std::vector<ProfileChange> changes;  // none: the file is as requested already
-  bool completes_last_line = false;    // the last line gets the line feed that it lacks
-  std::string text;                    // the file afterwards
-  std::vector<ProfileStep> steps;      // each on the text that the one before left
+  std::vector<ProfileChange> changes;  // empty: the file is already as requested
+  bool completes_last_line = false;    // the missing line feed of the last line is added
+  std::string text;                    // the file after the edit
+  std::vector<ProfileStep> steps;      // each on the text after the previous one
 };
 
-// What `request` would do to a file that holds `text`. [any thread]
+// The effect of `request` on a file with `text`. [any thread]
 [[nodiscard]] ProfilePlan PlanEdit(const std::string& text, const ProfileRequest& request);
 
-// Carries the plan out on the file at `path`, which holds `text`, and reads every entry back. Empty, or what is wrong;
-// the file must not be used then. [any thread]
+// Carries the plan out on the file at `path`, whose content is `text`, and reads every entry back. Returns empty, or
+// what is wrong; the file must not be used then. [any thread]
 [[nodiscard]] std::string CarryOut(const ProfilePlan& plan, const std::string& text, const std::string& path);
 
-// CarryOut on a copy in memory. Empty if the file may then hold `plan.text`. [any thread]
+// CarryOut on a copy in memory. Empty if the file may get `plan.text`. [any thread]
 [[nodiscard]] std::string Rehearse(const ProfilePlan& plan, const std::string& text);
 
 }  // namespace qx::inifile

@@ -49,7 +49,7 @@ ProfileLine ParseLine(std::string_view whole, std::size_t begin, std::size_t end
   return line;
 }
 
-// A read with a buffer that grows until nothing was cut.
+// A read with a buffer that grows until nothing is cut.
 std::string Read(const std::string& path, const char* section, const char* key) {
   std::string buffer(4096, '\0');
   for (;;) {

@@ -41,12 +41,12 @@ struct ProfileLine {
 
 struct ProfileEntry {
   std::string key;
-  std::string value;  // of the first entry of that key, which is the one that counts
+  std::string value;  // the value of the first entry of that key, which readers use
 
   bool operator==(const ProfileEntry&) const = default;
 };
 
-// All that reads of a profile file can return.
+// Everything that reads of a profile file can return.
 struct ProfileContent {
   std::vector<std::string> sections;                         // in file order, repetitions included
   std::map<std::string, std::vector<ProfileEntry>> entries;  // of the first section of each name; keys likewise
@@ -56,7 +56,7 @@ struct ProfileContent {
 
 // By the lines of a text. [any thread]
 [[nodiscard]] ProfileContent ContentOf(std::string_view text);
-// By the class, entry for entry. A file that cannot be read looks empty. [any thread]
+// By the class, entry for entry. A file that cannot be read counts as empty. [any thread]
 [[nodiscard]] ProfileContent ReadThroughClass(const std::string& path);
 
 }  // namespace qx::inifile

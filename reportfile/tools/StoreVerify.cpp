@@ -137,7 +137,7 @@ class Examiner {
     const IndexHeader& header = scan_.header;
     if (header.oldestIndex >= header.maxRecord) {
       AddHeaderFinding("header.oldest", offsetof(IndexHeader, oldestIndex), header.oldestIndex,
-                       "no slot of a ring of " + std::to_string(header.maxRecord));
+                       "not a slot of a ring of " + std::to_string(header.maxRecord));
       return;
     }
     for (std::uint64_t wraps = 0; wraps <= kCountWrapsMax; ++wraps) {
@@ -213,7 +213,7 @@ class Examiner {
     is_slot_in_flight_ = *offset == header.writePosition;
     if (!is_slot_in_flight_ && next_slot == header.highestIndex) {
       Add("slot.in-flight", StoreFile::kIndex, SlotOffset(next_slot), *offset,
-          "a slot beyond those in use leads only to the record that is being written, at " +
+          "a slot after those in use may only have the offset of the record that is being written, at " +
               std::to_string(header.writePosition));
     }
     scan_.record_in_flight = is_slot_in_flight_;
@@ -267,7 +267,7 @@ class Examiner {
       return;
     }
     Add("data.marker", StoreFile::kData, position, there.empty() ? 0 : static_cast<unsigned char>(there[0]),
-        "neither the end marker nor a new record stands at writePosition");
+        "neither the end marker nor a new record is at writePosition");
   }
 
   // The end of the marker after a record at `position` that is not counted yet. The marker of the previous round, at
@@ -488,7 +488,7 @@ void Pause() {
   (void)nanosleep(&pause, nullptr);  // a shorter pause only adds a scan
 }
 
-// An open file of the store, or why there is none.
+// An open file of the store, or the error of its open.
 struct Opened {
   explicit Opened(const std::string& name) : path(name), bytes(OpenStoreFile(name, OpenMode::kRead)), error(errno) {
     if (bytes.IsOpen()) error = 0;

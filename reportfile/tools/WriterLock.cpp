@@ -14,7 +14,7 @@ namespace qx::report {
 
 namespace {
 
-// A process that has one of the files open for writing, other than this one; 0 if there is none.
+// A process that has one of the files open for writing, other than this one, or 0.
 int ProcessThatWrites(const std::string& base_path) {
   std::set<FileKey> files;
   for (const std::string& path : {IndexFileName(base_path), DataFileName(base_path)}) {

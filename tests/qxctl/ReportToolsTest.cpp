@@ -58,7 +58,7 @@ TEST_F(QxctlReportTools, VerifyPrintsEachFindingAsJson) {
   EXPECT_EQ(Document({"report", "verify", "Reports/r"}, 1), json::parse(R"({
     "path": "Reports/r", "state": "damaged", "records": 3, "indexFileBytes": 36, "dataFileBytes": 15, "remarks": [],
     "findings": [{"rule": "header.oldest", "file": "Reports/r.ind", "offset": 20, "value": 9,
-                  "explanation": "no slot of a ring of 3"}],
+                  "explanation": "not a slot of a ring of 3"}],
     "allFindings": true, "exitCode": 1})"));
 }
 

@@ -214,7 +214,7 @@ constexpr Parameter kForceParameters[] = {{.name = "--force", .help = "Also if t
 constexpr Parameter kSetParameters[] = {
     {.name = "KEY", .kind = ValueKind::kText, .help = "The key's name", .is_required = true},
     {.name = "VALUE", .kind = ValueKind::kText, .help = "The new value", .is_required = true},
-    {.name = "--create", .help = "Make the file if there is none"},
+    {.name = "--create", .help = "Create the file if it is missing"},
 };
 
 constexpr Parameter kDeleteParameters[] = {
@@ -224,7 +224,7 @@ constexpr Parameter kDeleteParameters[] = {
 constexpr Parameter kCopyParameters[] = {
     {.name = "NEW", .kind = ValueKind::kText, .help = "Name of the other section; without it: the same"},
     {.name = "--to", .kind = ValueKind::kFile, .value = "FILE", .help = "Another file"},
-    {.name = "--create", .help = "Make the file if there is none"},
+    {.name = "--create", .help = "Create the file if it is missing"},
 };
 
 }  // namespace

@@ -115,7 +115,7 @@ Status CheckReading(Context& context, const std::string& file, std::string_view 
   return {};
 }
 
-// A file that a service loads instead of one without a value; empty if there is none.
+// A file that a service loads instead of one without a value, or empty.
 std::string FallbackOf(const RegistrySource& source) {
   if (!source.file.empty()) return "";
   for (const char* const name : {"registry.old", "registry.default"}) {
