@@ -6,12 +6,6 @@ import re
 
 TEST_NAME_MAX = 80
 
-# The folders and pages that are checked. Add yours when it is clean.
-CLEANED = {
-    "CHANGELOG.md", "CONTRIBUTING.md", "README.md", "base", "bench", "cmake", "docs", "examples", "fuzz", "markup",
-    "packaging", "process", "registry/tools", "script", "tests",
-}
-
 # The string literals of these folders may be prescribed texts.
 MODULE_FOLDERS = {"base", "debug", "inifile", "markup", "process", "provider", "registry", "reportfile"}
 
@@ -42,10 +36,6 @@ SCHEMA_TEXT = re.compile(r'"(?:description|title)":\s*"(?P<text>(?:\\.|[^"\\])*)
 SCRIPT_NAME = re.compile(r"\.(py|sh|bash|bats|cmake|dict)$|(^|/)(CMakeLists\.txt|Makefile)$")
 NOT_SPACE = re.compile(r"\S")
 HUMP = re.compile(r"(?<=[a-z0-9])(?=[A-Z])|(?<=[A-Z])(?=[A-Z][a-z])")
-
-
-def is_cleaned(path):
-    return any(path == clean or path.startswith(clean + "/") for clean in CLEANED)
 
 
 def masked(text, spans):
