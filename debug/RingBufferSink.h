@@ -49,7 +49,8 @@ class RingBufferSink {
   RingBufferSink& operator=(const RingBufferSink&) = delete;
 
   // Opens the ring file, counts the opening and continues at its write position. A missing file is created; one of
-  // another size, or one that another user controls, is replaced by a new one. Anything but a regular file is refused.
+  // another size, or one that another user controls, is replaced by a new one.
+  // Anything but a regular file is refused.
   [[nodiscard]] OpenResult Open(const Source& source) noexcept;
 
   // Sets every counter to its initial value, too.

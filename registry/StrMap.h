@@ -74,7 +74,8 @@ class CStrMap {
   // frees; an existing entry keeps its slot and its name. [lock held: Lock()]
   [[nodiscard]] bool Put(std::string_view name, const RegistryValue& value, RegistryValue& displaced);
 
-  // Removes `entry` (from Find), frees its name and returns its value, which the caller frees. [lock held: Lock()]
+  // Removes `entry` (from Find), frees its name and returns its value, which the caller frees.
+  // [lock held: Lock()]
   [[nodiscard]] RegistryValue Remove(StrMapEntry* entry);
 
   // Bulk loading, for a map that no other thread can reach: append in any order and with repetitions, then restore the
