@@ -80,7 +80,7 @@ TEST_F(QxctlTrace, ShowPrintsAWrappedLogInTheOrderOfTime) {
   EXPECT_EQ(ran.err, "");
   EXPECT_EQ(ran.out,
             "2026-01-31 10:20:30.001 [000000A1] QxTrace       head\n"
-            "------ entries that stood here have been overwritten ------\n"
+            "------ entries that were here have been overwritten ------\n"
             "2026-01-31 10:20:30.004 [000000A1] QxTrace       older\n"
             "    | with more\n"
             "2026-01-31 10:20:30.005 [000000A1] QxTrace       crossing\n"

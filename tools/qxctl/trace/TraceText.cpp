@@ -143,7 +143,7 @@ bool TraceSelection::Takes(const TraceEntry& entry) {
 
 std::string EntryToText(const TraceEntry& entry, std::string_view prefix) {
   if (entry.kind == TraceEntry::Kind::kGap) {
-    return std::string(prefix) + "------ entries that stood here have been overwritten ------\n";
+    return std::string(prefix) + "------ entries that were here have been overwritten ------\n";
   }
   std::string text;
   for (std::size_t i = 0; i < entry.lines.size(); ++i) {
