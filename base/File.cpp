@@ -60,7 +60,7 @@ Progress MoveOnce(Call call) {
   return count < 0 ? Progress{.bytes = 0, .error = errno} : Progress{.bytes = static_cast<std::size_t>(count)};
 }
 
-// A write that takes nothing and reports no error would be repeated for ever.
+// A write that takes nothing and reports no error would be repeated forever.
 Progress CheckWritten(Progress progress, std::size_t size) {
   if (progress.bytes < size && progress.error == 0) progress.error = EIO;
   if (progress.error != 0) errno = progress.error;

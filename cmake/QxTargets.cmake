@@ -36,7 +36,7 @@ target_include_directories(qx_flags INTERFACE ${PROJECT_SOURCE_DIR})
 target_link_libraries(qx_flags INTERFACE Threads::Threads)
 
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # A unique symbol would keep the module mapped for ever after dlclose.
+  # A unique symbol would keep the module mapped forever after dlclose.
   target_compile_options(qx_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fno-gnu-unique>)
 endif()
 

@@ -72,7 +72,7 @@ class CMarkup {
     kDocWriteFile = 32,
   };
 
-  // For UnescapeText. They apply to white space in the text itself, not to white space that a reference stands for.
+  // For UnescapeText. They apply to white space in the text itself, not to white space that a reference encodes.
   enum UnescapeFlags : int {
     kTrimSpace = 0x100,      // remove it at both ends
     kCollapseSpace = 0x200,  // trim, and replace each run of it by one space

@@ -414,7 +414,7 @@ RecordReader::Piece RecordReader::AppendRecordAt(std::uint32_t offset, std::size
   }
 }
 
-// The data file offsets in `slot` and the slots after it, at most `wanted`; none if the index file ends before `slot`
+// The data file offsets in `slot` and the slots after it, at most `wanted`; empty if the index file ends before `slot`
 // or cannot be read there.
 std::span<const std::uint32_t> RecordReader::OffsetsFrom(std::uint32_t slot, std::uint32_t wanted) {
   Windows& windows = LoadedWindows();
@@ -425,8 +425,8 @@ std::span<const std::uint32_t> RecordReader::OffsetsFrom(std::uint32_t slot, std
   return {windows.slots + skipped, std::min<std::size_t>(held, wanted)};
 }
 
-// The bytes at `offset` that the window holds; after a read of about `wanted` bytes if it holds none. Empty at the end
-// of the file, and if the file cannot be read there.
+// The bytes at `offset` in the window; if it has none, after a read of about `wanted` bytes. Empty at the end of the
+// file, and if the file cannot be read there.
 std::string_view RecordReader::BytesAt(std::int64_t offset, std::size_t wanted) {
   Windows& windows = LoadedWindows();
   if (windows.HeldAt(offset).empty()) windows.LoadData(store_.data_file_, offset, wanted);

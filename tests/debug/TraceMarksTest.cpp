@@ -24,7 +24,7 @@ constexpr std::uint64_t kWrapEnd = 100;
 constexpr std::int64_t kWrapStamp = 5;
 
 // The marks of entries that begin at 200, 210, ... Each character is a stamp, or "?" for an unknown one; "+" before it
-// stands for lines without a header.
+// means lines without a header.
 LogMarks MarksOf(const std::string& entries) {
   LogMarks marks = debug::StartLogMarks({.cycle = 1, .position = 50, .line_end = kWrapEnd}, kWrapStamp);
   std::uint64_t begin = 200;

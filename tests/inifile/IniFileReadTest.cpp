@@ -192,7 +192,7 @@ TEST_F(IniFileRead, EmptyKeyIsAnEmptyNameInsideTheList) {
   EXPECT_EQ(keys.Text(), "\0a\0\0"s);
 }
 
-// "ab\0cd\0" counts 6. The scan goes on while the count is below size - 2.
+// "ab\0cd\0" counts 6. The scan continues while the count is below size - 2.
 TEST_F(IniFileRead, AnyResultSetsTheLastByteToNul) {
   Write("[S]\nab=1\n");
   EXPECT_EQ(Read("S", nullptr, nullptr, 9).buffer.substr(0, 10), "ab\0\0ZZZZ\0Z"s);

@@ -27,7 +27,7 @@ struct Scenario {
   const char* file;
   const char* before;
   const char* after;
-  std::vector<std::string> command;  // DIR stands for the directory
+  std::vector<std::string> command;  // DIR is replaced by the directory
 };
 
 const Scenario kScenarios[] = {

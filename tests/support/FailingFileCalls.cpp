@@ -101,7 +101,7 @@ ssize_t ReadLinkAt(int directory, const char* path, char* to, std::size_t size) 
   return ::readlinkat(directory, path, to, size);
 }
 
-// The descriptor is closed all the same, as the system does.
+// The descriptor is still closed, as by the system.
 int Close(int descriptor) {
   const auto* const fault = FaultOf(FileCall::kClose);
   const int result = ::close(descriptor);

@@ -114,7 +114,7 @@ constexpr const Command* kCommands[] = {
 };
 
 // A closed standard descriptor would be taken by the next file that is opened, and what we print would land in it. The
-// stand-in is opened the wrong way round, so that using it fails as using the closed one would.
+// stand-in is opened for the opposite access, so that its use fails like that of the closed one.
 void HoldStandardDescriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(descriptor, F_GETFD) >= 0) continue;

@@ -111,7 +111,8 @@ bool IsOldOrNewTree(const std::string& tree) {
 }
 
 Finding JudgeSave(const std::string& directory) {
-  const bool is_told = ReadFile(directory + "/log.faults").find("CRegistry: ERROR: Cannot open") != std::string::npos;
+  const bool is_reported =
+      ReadFile(directory + "/log.faults").find("CRegistry: ERROR: Cannot open") != std::string::npos;
   const bool has_file = Exists(directory + "/registry");
   const bool has_leftover = Exists(directory + "/registry.new");
   const std::string tree = LoadedTree(directory);
@@ -120,10 +121,10 @@ Finding JudgeSave(const std::string& directory) {
   if (const Finding next = SaveAgain(directory); next.kind != Finding::Kind::kKept) return next;
   if (!has_file)
     return Noted("renames are not asked for their result: registry.old is the registry until the next save");
-  if (has_leftover && !is_told)
+  if (has_leftover && !is_reported)
     return Noted("renames are not asked for their result: the old tree stays, without a report");
   if (has_leftover) return Noted("registry.new could not be removed");
-  return is_saved || is_told ? Kept() : Broken("a failed save was not reported");
+  return is_saved || is_reported ? Kept() : Broken("a failed save was not reported");
 }
 
 // A load and two saves. The first save moves the old file to registry.old, and the second one replaces that, too.

@@ -11,7 +11,7 @@ struct AllocationFault {
   bool lasts = false;
 };
 
-// Counts from now on. Sets `has_failed`, which may lie in memory that another process sees, when an allocation fails.
+// Counts from now on. Sets `has_failed`, which may be in memory that another process sees, when an allocation fails.
 void FailAllocations(AllocationFault fault, std::atomic<bool>& has_failed);
 void StopFailingAllocations();
 

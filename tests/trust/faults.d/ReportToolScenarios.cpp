@@ -127,7 +127,8 @@ bool RestoresAfresh() {
 
 Finding JudgeRestore(const std::string&) {
   const bool is_done = restore.has_value() && restore->state == report::RestoreState::kDone;
-  const bool is_told = restore.has_value() && (restore->error != 0 || restore->state != report::RestoreState::kFailed);
+  const bool is_reported =
+      restore.has_value() && (restore->error != 0 || restore->state != report::RestoreState::kFailed);
   const bool is_whole = TreeAt(target) == before;
   const bool has_leftover = HasLeftover(target, ".restore-");
   if (TreeAt(reports) != before) return Broken("the backup has changed");
@@ -135,7 +136,7 @@ Finding JudgeRestore(const std::string&) {
   if (!RestoresAfresh()) return Broken("the next one fails");
   if (is_done && has_leftover) return Broken("a restore that is done leaves something over");
   if (has_leftover) return Noted("a new file of a restore that failed could not be removed");
-  if (restore.has_value() && !is_told) return Noted("a restore that failed names the file, but no reason");
+  if (restore.has_value() && !is_reported) return Noted("a restore that failed names the file, but no reason");
   return Kept();
 }
 

@@ -1,5 +1,5 @@
-// Records that say what they are: number, length and checksum are in the text, so that a reader can tell a whole
-// record from a mixture of two, and a transfer's order from its neighbours' numbers.
+// Records with their identity: number, length and checksum are in the text, so that a reader can tell a whole record
+// from a mixture of two, and a transfer's order from its neighbours' numbers.
 #pragma once
 
 #include <cstdint>

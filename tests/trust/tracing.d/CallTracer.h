@@ -23,7 +23,7 @@ struct Treatment {
   enum class Kind {
     kPass,
     kRefuse,       // it is not made, and fails with `error`
-    kMakeAndFail,  // it is made, and fails all the same: what close does
+    kMakeAndFail,  // it is made, but fails: like close
     kCutShort,     // it is made for `bytes` bytes only
   };
   Kind kind = Kind::kPass;

@@ -35,9 +35,8 @@ Status StatusOfFile(const std::string& what, const ReplaceResult& result) {
       return Refused(result, " is a symbolic link of" + UserOf(result) +
                                  ", who chooses where it leads; name the file itself, or use --force to follow it");
     case ReplaceState::kForeignOwner:
-      return Refused(result,
-                     " belongs to" + UserOf(result) +
-                         "; name a file of your own, or use --force to use it all the same (it keeps its owner)");
+      return Refused(result, " belongs to" + UserOf(result) +
+                                 "; name a file of your own, or use --force to use it anyway (it keeps its owner)");
     case ReplaceState::kSharedDirectory:
       return Refused(result, " is in a directory that other users may write; name another directory, or use --force");
     case ReplaceState::kSeveralNames:

@@ -21,7 +21,7 @@ Status Failed(const ReplaceResult& result) {
     return {ExitCode::kIo, status.Message() + " and belongs to another user; remove it if nobody edits the file"};
   }
   if (result.error == ENOSPC || result.error == EDQUOT) {
-    return {ExitCode::kIo, status.Message() + "; nothing was changed; make room first"};
+    return {ExitCode::kIo, status.Message() + "; nothing was changed; free disk space first"};
   }
   return status;
 }
