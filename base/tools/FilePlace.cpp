@@ -102,6 +102,7 @@ class Search {
     if (IsOfProc(link.Number())) return FollowKernelLink(is_last);
     std::string target;
     if (const int error = ReadLink(link.Number(), target); error != 0) return Failed(path_, error);
+    if (is_last) place_.path = target.starts_with('/') ? target : file::DirectoryOf(place_.path) + "/" + target;
     return BeginAt(is_last ? target : target + "/" + rest_);
   }
 
@@ -118,6 +119,7 @@ class Search {
   ReplaceResult FollowKernelLink(bool is_last) {
     place_.is_kernel_link = is_last;
     is_found_ = is_last;
+    place_.path = path_;
     if (is_last) return {};
     file::Descriptor next = file::Open(place_.name.c_str(), O_PATH, 0, place_.directory.Number());
     const int error = errno;
@@ -179,8 +181,7 @@ ReplaceResult CheckOwner(const FilePlace& place, const struct stat& status, File
 ReplaceResult OpenChecked(const std::string& path, int flags, mode_t mode, const FileRules& rules,
                           file::Descriptor& opened) {
   FilePlace place;
-  const LinkRule links = rules.accept_foreign ? LinkRule::kAny : rules.links;
-  if (ReplaceResult found = FindPlace(path, links, place); !found.IsDone()) return found;
+  if (ReplaceResult found = FindPlace(path, rules.links, place); !found.IsDone()) return found;
   file::Descriptor file;
   struct stat status = {};
   if (ReplaceResult open = OpenPlace(place, flags, mode, file, status); !open.IsDone()) return open;

@@ -51,7 +51,7 @@ enum class LinkRule {
 // Which files may be opened.
 struct FileRules {
   LinkRule links = LinkRule::kTrusted;
-  bool accept_foreign = false;  // files and links of any owner, and files with several names
+  bool accept_foreign = false;  // files of any owner, and files with several names; never links of other users
   bool only_special = false;    // pipes, terminals and devices: a regular file fails with kChanged
 };
 
@@ -59,7 +59,7 @@ struct FileRules {
 struct FilePlace {
   file::Descriptor directory;
   std::string name;
-  std::string path;             // for messages: the path as it was given
+  std::string path;             // for messages: the path as it was given, or what the links at its end lead to
   bool is_kernel_link = false;  // the name is a link of /proc to an open file
 
   // The path of a name next to this one, for messages.

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <array>
@@ -17,7 +18,6 @@ namespace {
 constexpr mode_t kPrivateMode = 0600;
 constexpr mode_t kModeMask = 0777;  // without set-id bits: they would make content run as the file's owner
 constexpr mode_t kGroupMask = 0070;
-constexpr mode_t kOthersWrite = S_IWOTH;
 const char kEditSuffix[] = ".edit";
 
 ReplaceResult Failed(const std::string& file, int error) { return {ReplaceState::kFailed, file, error}; }
@@ -100,10 +100,17 @@ int CheckOwnFile(int descriptor, struct stat& status) {
   return is_ours ? 0 : EEXIST;
 }
 
-bool MayOthersWrite(const struct stat& directory) {
-  const bool has_foreign_group = directory.st_gid != 0 && directory.st_gid != getegid();
-  return !IsTrustedOwner(directory.st_uid) || (directory.st_mode & kOthersWrite) != 0 ||
-         ((directory.st_mode & S_IWGRP) != 0 && has_foreign_group);
+// With an access list, the permissions of the group are the most that any of its entries has.
+bool HasAccessList(int directory) {
+  const file::Descriptor readable = file::OpenDirectory(".", 0, directory);
+  return !readable.IsOpen() || fgetxattr(readable.Number(), "system.posix_acl_access", nullptr, 0) > 0;
+}
+
+bool MayOthersWrite(int directory, const struct stat& status) {
+  if (!IsTrustedOwner(status.st_uid) || (status.st_mode & S_IWOTH) != 0) return true;
+  if ((status.st_mode & S_IWGRP) == 0) return false;
+  const bool is_own_group = status.st_gid == 0 || status.st_gid == getegid();
+  return !is_own_group || HasAccessList(directory);
 }
 
 ReplaceResult ReadPlace(const FilePlace& place, const FileRules& rules, FileImage& image) {
@@ -129,7 +136,7 @@ ReplaceResult ReadFileImage(const std::string& path, FileImage& image, const Fil
 }
 
 ReplacedFile::Options ReplacedFile::ForOutput(bool accept_foreign) {
-  return {.links = accept_foreign ? LinkRule::kAny : LinkRule::kTrusted,
+  return {.links = LinkRule::kTrusted,
           .may_be_missing = true,
           .accept_foreign = accept_foreign,
           .is_edit = false,
@@ -166,7 +173,7 @@ ReplaceResult ReplacedFile::CheckDirectory() const {
   struct stat status;
   if (const int error = file::StatusOf(place_.directory.Number(), status); error != 0)
     return Failed(place_.path, error);
-  if (!MayOthersWrite(status)) return {};
+  if (!MayOthersWrite(place_.directory.Number(), status)) return {};
   return {ReplaceState::kSharedDirectory, place_.path, 0, status.st_uid};
 }
 
@@ -238,7 +245,7 @@ ReplaceResult ReplacedFile::AppendToCopy(std::string_view bytes) {
 
 int ReplacedFile::GiveAttributes() {
   if (image_.exists) return TakeOver(copy_.Number(), image_.status, options_.is_edit);
-  return fchmod(copy_.Number(), options_.new_mode & kModeMask) == 0 ? 0 : errno;
+  return fchmod(copy_.Number(), options_.new_mode) == 0 ? 0 : errno;
 }
 
 ReplaceResult ReplacedFile::Commit(bool with_backup) {

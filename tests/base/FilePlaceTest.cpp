@@ -21,7 +21,9 @@ namespace {
 namespace fs = std::filesystem;
 using qx::test::AsOrdinaryUser;
 using qx::test::Attacker;
+using qx::test::GiveDefaultAccessList;
 using qx::test::GiveToOrdinaryUser;
+using qx::test::HardLinkByOrdinaryUser;
 using qx::test::kOrdinaryUser;
 using qx::test::ReadFile;
 using qx::test::WriteFile;
@@ -176,6 +178,11 @@ TEST_F(FilePlaceTest, AFileWithTwoNamesIsNotWrittenInPlace) {
   EXPECT_EQ(Open(dir_.File("second"), O_RDONLY), ReplaceState::kDone);
 }
 
+TEST_F(FilePlaceTest, RegularFileIsNotOpenedAsASpecialOne) {
+  EXPECT_EQ(Open(dir_.File("a/b/file"), O_WRONLY, {.only_special = true}), ReplaceState::kChanged);
+  EXPECT_EQ(Open("/dev/null", O_WRONLY, {.only_special = true}), ReplaceState::kDone);
+}
+
 TEST_F(AttacksOnFiles, HisLinkToRootsFileIsNotFollowed) {
   const std::string link = HisLink(roots_, "l.csv");
   EXPECT_EQ(Read(link), "");
@@ -184,7 +191,18 @@ TEST_F(AttacksOnFiles, HisLinkToRootsFileIsNotFollowed) {
   EXPECT_EQ(Replace(link, ReplacedFile::ForOutput(false)), ReplaceState::kForeignLink);
   EXPECT_EQ(Replace(link, {}), ReplaceState::kForeignLink);
   ExpectRootsFileUntouched();
-  EXPECT_EQ(Read(link, {.accept_foreign = true}), "secret") << "accepted on request";
+}
+
+// Root checks the file, repeats the command with --force, and he makes the file a link in between.
+TEST_F(AttacksOnFiles, HisLinkIsNotFollowedEvenIfHisFilesAreAccepted) {
+  const std::string link = HisLink(roots_, "l.csv");
+  HisLink(dir_.File("roots"), "directory");
+  for (const std::string& path : {link, dir_.File("his/directory/file")}) {
+    EXPECT_EQ(Open(path, O_RDONLY, {.accept_foreign = true}), ReplaceState::kForeignLink);
+    EXPECT_EQ(Open(path, O_WRONLY | O_APPEND | O_CREAT, {.accept_foreign = true}), ReplaceState::kForeignLink);
+    EXPECT_EQ(Replace(path, ReplacedFile::ForOutput(true)), ReplaceState::kForeignLink);
+  }
+  ExpectRootsFileUntouched();
 }
 
 TEST_F(AttacksOnFiles, HisLinkToRootsDirectoryIsNotFollowed) {
@@ -220,7 +238,7 @@ TEST_F(AttacksOnFiles, RootsFileIsReadButNotReplacedByTheOrdinaryUser) {
 TEST_F(AttacksOnFiles, AReplacedFileNeverHasSetIdBits) {
   const std::string own = dir_.File("his/own");
   WriteFile(own, "of root");
-  ASSERT_EQ(chmod(own.c_str(), 06777), 0);
+  ASSERT_EQ(chmod(own.c_str(), 07777), 0);
   ASSERT_EQ(Replace(own, ReplacedFile::ForOutput(false)), ReplaceState::kDone);
   struct stat status = {};
   ASSERT_EQ(stat(own.c_str(), &status), 0);
@@ -251,6 +269,27 @@ TEST_F(AttacksOnFiles, AnEditInADirectoryThatHeMayWriteCanBeRefused) {
   EXPECT_EQ(Replace(dir_.File("his/registry"), {.refuse_shared_directory = true}), ReplaceState::kSharedDirectory);
   EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kDone);
   ASSERT_EQ(chmod(dir_.File("roots").c_str(), 01777), 0);
+  EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kSharedDirectory);
+}
+
+// Root made the directory, in one of his that has an access list for what is created in it.
+TEST_F(AttacksOnFiles, AnEditInADirectoryWithHisAccessListCanBeRefused) {
+  if (!GiveDefaultAccessList(dir_.File("his"))) GTEST_SKIP() << "this file system has no access lists";
+  fs::create_directory(dir_.File("his/shared"));
+  WriteFile(dir_.File("his/shared/registry"), "of root");
+  ASSERT_TRUE(AsOrdinaryUser([&] { return unlink(dir_.File("his/shared/registry").c_str()) == 0; }));
+  WriteFile(dir_.File("his/shared/registry"), "of root");
+  EXPECT_EQ(Replace(dir_.File("his/shared/registry"), {.refuse_shared_directory = true}),
+            ReplaceState::kSharedDirectory);
+  ASSERT_EQ(chmod(dir_.File("his/shared").c_str(), 0755), 0);
+  EXPECT_EQ(Replace(dir_.File("his/shared/registry"), {.refuse_shared_directory = true}), ReplaceState::kDone);
+}
+
+TEST_F(AttacksOnFiles, AnEditInADirectoryOfHisGroupCanBeRefused) {
+  ASSERT_EQ(chmod(dir_.File("roots").c_str(), 0775), 0);
+  EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kDone) << "root's group";
+  ASSERT_EQ(chown(dir_.File("roots").c_str(), 0, kOrdinaryUser), 0);
+  ASSERT_EQ(chmod(dir_.File("roots").c_str(), 0775), 0);
   EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kSharedDirectory);
 }
 
@@ -289,22 +328,47 @@ TEST_F(AttacksOnFiles, AnExchangedFileNeverLeadsToRootsFile) {
   ExpectRootsFileUntouched();
 }
 
+// He keeps his own file open, so that he could write it after the edit; or it is another name of root's file.
+TEST_F(AttacksOnFiles, APreparedCopyOfAnEditIsNeverUsed) {
+  const std::string path = dir_.File("his/registry");
+  const std::string copy = path + ".edit";
+  WriteFile(path, "of root, in his directory");
+  const auto expect_refused = [&] {
+    EXPECT_EQ(Replace(path, {}), ReplaceState::kFailed);
+    EXPECT_EQ(ReadFile(path), "of root, in his directory");
+    fs::remove(copy);
+  };
+  EXPECT_EQ(ReadFile(HisFile("registry.edit")), "his");
+  expect_refused();
+  HisLink(roots_, "registry.edit");
+  expect_refused();
+  HisLink(dir_.File("roots/new"), "registry.edit");
+  expect_refused();
+  (void)HardLinkByOrdinaryUser(roots_, copy);
+  expect_refused();
+  ExpectRootsFileUntouched();
+}
+
 // He replaces the new content by a link to root's file while it is written.
 TEST_F(AttacksOnFiles, AnExchangedCopyOfAnEditNeverLeadsToRootsFile) {
   const std::string path = dir_.File("his/registry");
   WriteFile(path, "of root, in his directory");
   const std::string copy = path + ".edit";
+  const std::string link = path + ".link";
   const Attacker attacker([&] {
-    (void)unlink(copy.c_str());
-    (void)symlink(roots_.c_str(), copy.c_str());
+    (void)symlink(roots_.c_str(), link.c_str());
+    struct stat status = {};
+    if (lstat(copy.c_str(), &status) != 0) return;
+    if (S_ISREG(status.st_mode)) (void)rename(link.c_str(), copy.c_str());
     (void)unlink(copy.c_str());
   });
+  int begun = 0;
   int changed = 0;
-  for (int i = 0; GoesOn(i, changed > 0); ++i) {
+  for (int i = 0; GoesOn(i, begun >= 100 && changed > 0); ++i) {
     ReplacedFile edit;
     if (!edit.Begin(path, {}).IsDone()) continue;
     ASSERT_TRUE(edit.WriteCopy("new content").IsDone());
-    if (i % 10 == 0) changed += edit.Commit(false).IsDone() ? 0 : 1;
+    if (++begun % 10 == 0) changed += edit.Commit(false).IsDone() ? 0 : 1;
   }
   EXPECT_GT(changed, 0) << "the race was never open";
   ExpectRootsFileUntouched();

@@ -4,10 +4,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -120,20 +124,22 @@ TEST_F(ReplacedFileTest, FileThatAnotherProcessReplacedIsNotReplaced) {
 
 TEST_F(ReplacedFileTest, ExchangedCopyIsNotRenamedToTheFile) {
   WriteFile(dir_.File("foreign"), "foreign");
+  const std::string copy = dir_.File("registry.edit");
   for (const bool is_link : {false, true}) {
-    ReplacedFile edit;
-    ASSERT_TRUE(edit.Begin(path_, {}).IsDone());
-    ASSERT_TRUE(edit.WriteCopy("new").IsDone());
-    std::filesystem::remove(dir_.File("registry.edit"));
+    auto edit = std::make_unique<ReplacedFile>();
+    ASSERT_TRUE(edit->Begin(path_, {}).IsDone());
+    ASSERT_TRUE(edit->WriteCopy("new").IsDone());
+    std::filesystem::remove(copy);
     if (is_link) {
-      std::filesystem::create_symlink("foreign", dir_.File("registry.edit"));
+      std::filesystem::create_symlink("foreign", copy);
     } else {
-      WriteFile(dir_.File("registry.edit"), "foreign");
+      WriteFile(copy, "foreign");
     }
-    EXPECT_EQ(edit.Commit(false).state, ReplaceState::kChanged);
+    EXPECT_EQ(edit->Commit(false).state, ReplaceState::kChanged);
     EXPECT_EQ(ReadFile(path_), "old");
     EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path_)));
-    std::filesystem::remove(dir_.File("registry.edit"));
+    edit.reset();
+    EXPECT_TRUE(std::filesystem::remove(copy)) << "it is not this edit's to remove";
   }
 }
 
@@ -188,6 +194,24 @@ TEST_F(ReplacedFileTest, SecondEditAtTheSameTimeIsRefused) {
   EXPECT_TRUE(edit.Commit(false).IsDone());
   EXPECT_EQ(Replace("next"), ReplaceState::kDone);
   EXPECT_EQ(ReadFile(path_), "next");
+}
+
+// The lock of an edit that has ended is one of the file itself, because the new content was renamed to it.
+TEST_F(ReplacedFileTest, EditThatWaitedForAnotherNeverWritesTheFileItself) {
+  if (access("/dev/shm", W_OK) == 0) path_ = "/dev/shm/" + std::filesystem::path(dir_.Path()).filename().string();
+  WriteFile(path_, "whole");
+  const pid_t other = fork();
+  if (other == 0) {
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;) (void)Replace("whole");
+  }
+  for (int i = 0; i < 5000 && !HasFailure(); ++i) {
+    (void)Replace("whole");
+    EXPECT_EQ(ReadFile(path_), "whole") << i;
+  }
+  (void)kill(other, SIGKILL);
+  EXPECT_EQ(waitpid(other, nullptr, 0), other);
+  std::filesystem::remove(path_);
 }
 
 TEST_F(ReplacedFileTest, LeftoverOfAKilledEditIsUsed) {

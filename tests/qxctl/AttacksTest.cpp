@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <string>
@@ -52,6 +53,18 @@ class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
     return path;
   }
 
+  // Puts a link to root's file in place of each file in the directory, and removes it after a moment.
+  void ExchangeWhatIsIn(const std::string& directory) const {
+    const std::string link = directory + "/.link";
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
+      if (symlink(roots_.c_str(), link.c_str()) == 0) (void)rename(link.c_str(), entry.path().c_str());
+      usleep(1000);
+      (void)unlink(entry.path().c_str());
+    }
+    usleep(2000);
+  }
+
   // Every command that writes a file.
   std::vector<std::vector<std::string>> Writers(const std::string& path) const {
     return {{"fetch", "load", "-o", path},
@@ -80,6 +93,19 @@ class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
   static void ExpectRefused(const Ran& ran, const std::vector<std::string>& command) {
     EXPECT_EQ(ran.code, kRefused) << testing::PrintToString(command) << ran.err;
     EXPECT_THAT(ran.err, HasSubstr("--force")) << testing::PrintToString(command);
+  }
+  // Also with --force: he could exchange a file that root has seen for a link.
+  void ExpectLinkRefused(std::vector<std::string> command) const {
+    for (int i = 0; i < 2; ++i) {
+      const Ran ran = Qxctl(command);
+      EXPECT_EQ(ran.code, kRefused) << testing::PrintToString(command) << ran.err;
+      EXPECT_EQ(ran.out, "");
+      const bool is_any_file_refused = i == 0 && command[1] == "record" && command[2].ends_with("l.csv");
+      const std::string reason =
+          is_any_file_refused ? "exists; name another file" : "name the file itself, or make the link again as root";
+      EXPECT_THAT(ran.err, HasSubstr(reason)) << testing::PrintToString(command);
+      command.emplace_back("--force");
+    }
   }
   Ran OnTerminal(const std::vector<std::string>& command) const {
     Start start = StartHere();
@@ -124,17 +150,13 @@ TEST_F(AttacksOnQxctl, ForceReadsTheUsersFile) {
 
 TEST_F(AttacksOnQxctl, LinkOfAUserDoesNotLeadToRootsFile) {
   const std::string path = HisLink("l.csv");
-  for (const std::vector<std::string>& command : Writers(path)) ExpectRefused(Qxctl(command), command);
+  for (const std::vector<std::string>& command : Writers(path)) ExpectLinkRefused(command);
   ExpectRootsFileUntouched();
 }
 
 TEST_F(AttacksOnQxctl, LinkOfAUserToRootsFileIsNotRead) {
   const std::string path = HisLink("request.xml");
-  for (const std::vector<std::string>& command : Readers(path)) {
-    const Ran ran = Qxctl(command);
-    ExpectRefused(ran, command);
-    EXPECT_EQ(ran.out, "");
-  }
+  for (const std::vector<std::string>& command : Readers(path)) ExpectLinkRefused(command);
 }
 
 TEST_F(AttacksOnQxctl, FileOfAUserIsNotReadWithoutForce) {
@@ -160,16 +182,22 @@ TEST_F(AttacksOnQxctl, NewContentOfRootsFileHasNoSetIdBits) {
 
 TEST_F(AttacksOnQxctl, ExchangedOutputNeverReachesRootsFile) {
   const std::string path = Dir().File("out/load.csv");
-  const std::string link = HisLink("link");
-  const Attacker attacker([&] {
-    (void)unlink(path.c_str());
-    (void)symlink(roots_.c_str(), path.c_str());
-  });
-  for (int i = 0; i < 20; ++i) {
-    (void)Qxctl({"fetch", "load", "-o", path});
-    (void)Qxctl({"fetch", "load", "--resume", Dir().File("s" + std::to_string(i)), "-o", path});
+  const Attacker attacker([&] { ExchangeWhatIsIn(Dir().File("out")); });
+  const int tries = RaceTries(100);
+  int done = 0;
+  int refused = 0;
+  for (int i = 0; i < tries || (std::min(done, refused) == 0 && i < 100 * tries); ++i) {
+    const std::string state = Dir().File("s");
+    std::vector<std::string> command = {"fetch", "load", "-o", path};
+    if (i % 2 == 1) command.insert(command.end(), {"--resume", state});
+    if (i % 4 >= 2) command.emplace_back("--force");
+    ++(Qxctl(command).code == 0 ? done : refused);
+    ASSERT_EQ(ReadFile(roots_), "secret") << "try " << i;
+    (void)unlink(state.c_str());
   }
+  EXPECT_GT(std::min(done, refused), 0) << "the race was never open";
   ExpectRootsFileUntouched();
+  PrintTries(std::to_string(done + refused) + " commands, " + std::to_string(refused) + " of them hit and refused");
 }
 
 TEST_F(AttacksOnQxctl, ReportsOfAUserAreNotTheReportDirectory) {

@@ -6,11 +6,14 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 
@@ -63,6 +66,13 @@ bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& a
   return AsOrdinaryUser(action);
 }
 
+int RaceTries(int quick) {
+  const char* const tries = std::getenv("QX_RACE_TRIES");
+  return tries == nullptr ? quick : std::atoi(tries);
+}
+
+void PrintTries(const std::string& what) { std::printf("tries: %s\n", what.c_str()); }
+
 void GiveToOrdinaryUser(const std::string& path) {
   if (lchown(path.c_str(), kOrdinaryUser, kOrdinaryUser) != 0) throw std::runtime_error("cannot give away " + path);
 }
@@ -74,6 +84,33 @@ void GiveTreeToOrdinaryUser(const std::string& directory) {
     // What a test gave to somebody else on purpose stays theirs.
     if (lstat(entry.path().c_str(), &status) == 0 && status.st_uid == 0) GiveToOrdinaryUser(entry.path());
   }
+}
+
+bool HardLinkByOrdinaryUser(const std::string& file, const std::string& link) {
+  const auto make_link = [&] { return ::link(file.c_str(), link.c_str()) == 0; };
+  if (AsOrdinaryUser(make_link)) return false;
+  struct stat status = {};
+  if (stat(file.c_str(), &status) != 0 || ReadFile("/proc/sys/fs/protected_hardlinks") == "0\n")
+    throw std::runtime_error("no hard link to " + file);
+  const bool is_made = chmod(file.c_str(), 0666) == 0 && AsOrdinaryUser(make_link);
+  if (chmod(file.c_str(), status.st_mode & 07777) != 0 || !is_made)
+    throw std::runtime_error("no hard link to the open " + file);
+  return true;
+}
+
+// Version 2, then tag, permissions and id of each entry: owner, user, group, mask, others.
+bool GiveDefaultAccessList(const std::string& directory) {
+  struct Entry {
+    std::uint16_t tag;
+    std::uint16_t permissions;
+    std::uint32_t id;
+  };
+  constexpr std::uint32_t kNoId = ~std::uint32_t{0};
+  const struct {
+    std::uint32_t version = 2;
+    Entry entries[5] = {{1, 7, kNoId}, {2, 7, kOrdinaryUser}, {4, 7, kNoId}, {16, 7, kNoId}, {32, 0, kNoId}};
+  } list;
+  return setxattr(directory.c_str(), "system.posix_acl_default", &list, sizeof list, 0) == 0;
 }
 
 Attacker::Attacker(const std::function<void()>& step) : steps_(NewSharedCounter()) {

@@ -22,12 +22,25 @@ bool AsOrdinaryUser(const std::function<bool()>& action);
 
 // The same, after GiveTreeToOrdinaryUser(directory) if this process is root.
 bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& action);
+// How often a race is tried: `quick` times, or as often as the environment variable QX_RACE_TRIES says.
+int RaceTries(int quick);
+
+// Prints what came of a race, for script/trust attacks: "tries: 400 commands, 31 refused".
+void PrintTries(const std::string& what);
 
 // Gives a file, link or directory to the ordinary user.
 void GiveToOrdinaryUser(const std::string& path);
 
 // Gives root's own `directory`, and everything in it that is root's, to the ordinary user.
 void GiveTreeToOrdinaryUser(const std::string& directory);
+
+// Makes a hard link to root's `file` as the ordinary user. Where fs.protected_hardlinks forbids it, he makes the link
+// while root's file is open to all for a moment, as after a wrong umask. Returns whether the setting forbids it.
+bool HardLinkByOrdinaryUser(const std::string& file, const std::string& link);
+
+// Lets the ordinary user read and write whatever is created in `directory` from now on, whoever creates it, by an
+// access list. False: the file system has none.
+bool GiveDefaultAccessList(const std::string& directory);
 
 // Repeats `step` as the ordinary user until the end of the scope, as fast as possible. The step must not throw, nor
 // take a lock that another thread of the test may hold at the fork.

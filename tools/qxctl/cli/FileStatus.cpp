@@ -33,7 +33,7 @@ Status StatusOfFile(const std::string& what, const ReplaceResult& result) {
       return Refused(result, " is a symbolic link; name its target, or use --force to follow it");
     case ReplaceState::kForeignLink:
       return Refused(result, " is a symbolic link of" + UserOf(result) +
-                                 ", who chooses where it leads; name the file itself, or use --force to follow it");
+                                 ", who chooses where it leads; name the file itself, or make the link again as root");
     case ReplaceState::kForeignOwner:
       return Refused(result, " belongs to" + UserOf(result) +
                                  "; name a file of your own, or use --force to use it anyway (it keeps its owner)");
@@ -51,6 +51,14 @@ Status StatusOfFile(const std::string& what, const ReplaceResult& result) {
       return FailedCall(what, result);
   }
   return {};
+}
+
+Status StatusOfReportFile(const std::string& what, int error) {
+  const Status status = Status::Io(what, error);
+  if (error != ELOOP) return status;
+  return {status.Code(), status.Message() +
+                             ": a symbolic link on the way has no end, or belongs to a user who is not trusted; make "
+                             "the link again as root, or put what it leads to in its place"};
 }
 
 }  // namespace qx::ctl

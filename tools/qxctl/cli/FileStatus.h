@@ -8,8 +8,12 @@
 
 namespace qx::ctl {
 
-// `what`: "cannot open", "cannot create", ... For a file or link of another user the code is kRefused, and the message
-// names --force.
+// `what`: "cannot open", "cannot create", ... A file or link of another user gives kRefused. The message says what to
+// do; for a file that is --force, which never follows a link of another user.
 [[nodiscard]] Status StatusOfFile(const std::string& what, const ReplaceResult& result);
+
+// As Status::Io, for what reports and backups are opened by: of ELOOP the system's text says neither why a single link
+// is refused nor what to do.
+[[nodiscard]] Status StatusOfReportFile(const std::string& what, int error);
 
 }  // namespace qx::ctl

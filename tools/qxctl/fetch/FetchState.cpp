@@ -118,8 +118,8 @@ FetchStateFile::~FetchStateFile() {
 Status FetchStateFile::Open(const std::string& path, bool force) {
   path_ = path;
   force_ = force;
-  const LinkRule links = force ? LinkRule::kAny : LinkRule::kTrusted;
-  if (Status found = StatusOfFile("cannot open", FindPlace(path, links, place_)); !found.IsOk()) return found;
+  const ReplaceResult found = FindPlace(path, LinkRule::kTrusted, place_);
+  if (!found.IsDone()) return StatusOfFile("cannot open", found);
   if (Status locked = Lock(); !locked.IsOk()) return locked;
   return Read();
 }

@@ -43,7 +43,7 @@ inline constexpr Parameter kRecordPrintParameters[] = {
      .value = "FILE",
      .help = "Write the chart to this file as well",
      .needs = "--plot"},
-    {.name = "--force", .help = "Also write to files and through links of other users; a file keeps its owner"},
+    {.name = "--force", .help = "Also write to files of other users; a file keeps its owner"},
 };
 
 // From a command with kRecordPrintParameters.

@@ -17,7 +17,7 @@ namespace qx::ctl {
 class RecordSink {
  public:
   // From now on appends to `path`, which is created if it is missing. Without this call, records go to standard output.
-  // A file or link of another user, and a file with several names, is refused unless `force`.
+  // A file of another user, and a file with several names, is refused unless `force`; a link of another user always.
   Status OpenFile(const std::string& path, bool force = false);
 
   // Size of the file; unset for standard output and for a file that is not regular.

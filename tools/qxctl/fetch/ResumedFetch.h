@@ -18,7 +18,7 @@ struct ResumeOptions {
   std::string output;  // empty: standard output
   RecordFormatOptions format;
   std::optional<std::int32_t> chunk_records;
-  bool force = false;  // files and links of other users are used
+  bool force = false;  // files of other users are used
 };
 
 struct ResumeResult {

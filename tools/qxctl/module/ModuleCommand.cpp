@@ -143,7 +143,7 @@ constexpr Parameter kParameters[] = {
      .value = "TEXT",
      .help = "Request document: TEXT, @FILE, or @- for standard input"},
     {.name = "--json", .help = "Print reply, result and time as JSON"},
-    {.name = "--force", .help = "Also read an input file or link of another user"},
+    {.name = "--force", .help = "Also read an input file of another user"},
 };
 
 constexpr Parameter kNameParameters[] = {

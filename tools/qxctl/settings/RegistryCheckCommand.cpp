@@ -155,7 +155,7 @@ constexpr Parameter kExportParameters[] = {
      .kind = ValueKind::kText,
      .help = "Path of the key, from a hive on; \"\" or without it: everything"},
     {.name = "FILE", .kind = ValueKind::kFile, .help = "The file to write; - or without it: standard output"},
-    {.name = "--force", .help = "Also write to a file or through a link of another user; the file keeps its owner"},
+    {.name = "--force", .help = "Also write to a file of another user; it keeps its owner"},
 };
 
 constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print as JSON"}};

@@ -47,14 +47,11 @@ Status StatusOfEdit(const ReplaceResult& result) {
       return {ExitCode::kRefused, "another qxctl is changing " + result.file + "; try again when it is done"};
     case ReplaceState::kChanged:
       return {ExitCode::kChanged, result.file + " was written meanwhile and is unchanged; try again"};
-    case ReplaceState::kForeignLink:
-      return {ExitCode::kRefused, result.file + " is a symbolic link of another user (uid " +
-                                      std::to_string(result.owner) +
-                                      "), who chooses where it leads; name the file itself"};
     case ReplaceState::kSharedDirectory:
       return {ExitCode::kRefused, "other users may write the directory of " + result.file +
                                       ", so they can replace it at any time; change the mode or the owner of the "
                                       "directory, or use --force to change the file anyway"};
+    case ReplaceState::kForeignLink:
     case ReplaceState::kForeignOwner:
     case ReplaceState::kSeveralNames:
       return StatusOfFile("cannot use", result);

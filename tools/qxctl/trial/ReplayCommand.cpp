@@ -198,7 +198,7 @@ constexpr Parameter kParameters[] = {
      .is_repeatable = true,
      .is_list = true},
     {.name = "--json", .help = "Print the differences as JSON"},
-    {.name = "--force", .help = "Also read files and links of other users"},
+    {.name = "--force", .help = "Also read files of other users"},
 };
 
 }  // namespace
