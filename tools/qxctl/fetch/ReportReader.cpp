@@ -1,4 +1,5 @@
 #include "tools/qxctl/fetch/ReportReader.h"
+#include "tools/qxctl/cli/FileStatus.h"
 
 #include <algorithm>
 #include <iterator>
@@ -45,7 +46,7 @@ Status ReportReader::AskOnce(std::int32_t start_index, std::optional<std::int32_
   Status status = StatusOfReports(call, reply);
   if (status.Code() != ExitCode::kNotFound) return status;
   if (start_index == 0) return NoSuchReport(report_);
-  return Status::Io(reply.message, reply.last_error.value_or(0));
+  return StatusOfReportFile(reply.message, reply.last_error.value_or(0));
 }
 
 // Each counted record of the reply ends at most one line: there cannot be more line ends than records.

@@ -1,4 +1,5 @@
 #include "tools/qxctl/module/ReportDocuments.h"
+#include "tools/qxctl/cli/FileStatus.h"
 
 #include <cerrno>
 #include <charconv>
@@ -45,7 +46,7 @@ Status StatusOfFailedOpen(const ReportReply& reply) {
                                      ": no such report in the report directory (ReportRoot or FileRoot of " +
                                      "the registry, else \"Reports\" in the working directory)"};
   }
-  return Status::Io(reply.message, error);
+  return StatusOfReportFile(reply.message, error);
 }
 
 }  // namespace

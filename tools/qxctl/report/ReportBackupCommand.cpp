@@ -10,6 +10,7 @@
 #include "reportfile/tools/StoreBackup.h"
 #include "reportfile/tools/StoreRestore.h"
 #include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/FileStatus.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
@@ -146,7 +147,7 @@ Status StatusOf(const BackupResult& result, const std::string& from, const std::
     case BackupState::kRefused:
       return {ExitCode::kRefused, to + " exists and is not empty, or is in the report directory"};
     case BackupState::kFailed:
-      return Status::Io("there is no backup: " + result.file, result.error);
+      return StatusOfReportFile("there is no backup: " + result.file, result.error);
   }
   return {};
 }
@@ -236,7 +237,7 @@ Status StatusOfPlan(const RestoreResult& result) {
 
 Status FailedRestore(const RestoreResult& result, bool apply) {
   const std::string what = (apply ? "the restore is not complete: " : "cannot plan the restore: ") + result.file;
-  if (result.error != 0) return Status::Io(what, result.error);
+  if (result.error != 0) return StatusOfReportFile(what, result.error);
   return {ExitCode::kIo, what + " is not as in the backup"};
 }
 

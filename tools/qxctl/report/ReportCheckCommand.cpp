@@ -18,6 +18,7 @@
 #include "reportfile/tools/StoreSalvage.h"
 #include "reportfile/tools/StoreVerify.h"
 #include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/FileStatus.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
@@ -89,7 +90,7 @@ Status StatusOf(const StoreVerdict& verdict, const std::string& report, const st
     case StoreState::kNotFound:
       return NoSuchReportNamed(report);
     case StoreState::kUnreadable:
-      return Status::Io("cannot read " + verdict.file, verdict.error);
+      return StatusOfReportFile("cannot read " + verdict.file, verdict.error);
   }
   return {};
 }
@@ -212,7 +213,7 @@ Status StatusOf(const report::SalvageResult& result, const std::string& report) 
     case report::SalvageState::kNotFound:
       return NoSuchReportNamed(report);
     case report::SalvageState::kFailed:
-      return Status::Io("cannot salvage: " + result.file, result.error);
+      return StatusOfReportFile("cannot salvage: " + result.file, result.error);
   }
   if (result.counts.is_cut_short) {
     return {ExitCode::kFinding, "the files count more than they can have; not everything was checked"};

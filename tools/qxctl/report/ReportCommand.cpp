@@ -17,6 +17,7 @@
 #include "reportfile/StoreFormat.h"
 #include "reportfile/tools/WriterLock.h"
 #include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/FileStatus.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
@@ -41,7 +42,7 @@ Status Create(Context&, const Values& values) {
   }
   CReportFileBase store;
   if (!store.Open(path.c_str(), static_cast<std::uint32_t>(values.Integer("--slots", 0))))
-    return Status::Io("cannot create " + path, errno);
+    return StatusOfReportFile("cannot create " + path, errno);
   // The header stores the ring size in the file; without it the next writer would use its own default.
   if (store.writePositionsToFile() != 0) return Status::Io("cannot write " + report::IndexFileName(path), errno);
   return {};
@@ -100,7 +101,7 @@ Status Append(Context& context, const Values& values) {
   if (Status status = CheckNotWritten(path, lock); !status.IsOk()) return status;
   const bool is_damaged = WarnOfDamage(context.output, path);
   CReportFileBase store;
-  if (!store.Open(path.c_str(), 0)) return Status::Io("cannot open " + path, errno);
+  if (!store.Open(path.c_str(), 0)) return StatusOfReportFile("cannot open " + path, errno);
   return WithDamage(AppendAll(store, values.Texts("TEXT")), is_damaged);
 }
 
