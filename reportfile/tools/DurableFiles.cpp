@@ -21,6 +21,7 @@ namespace {
 
 constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
 constexpr int kNameTriesMax = 100;
+constexpr int kLinksMax = 40;  // as many as the kernel follows
 
 // A directory on the way down: its name in the one above it, and the entries that are still to be removed.
 struct Level {
@@ -78,22 +79,25 @@ file::Descriptor OpenForReading(const std::string& name, int directory) {
 }
 
 file::Descriptor OpenNamedDirectory(const std::string& path) {
-  const std::string name = file::NameOf(path);
-  if (name.empty()) return file::OpenDirectory(path.c_str());
-  const file::Descriptor above = file::Open(file::DirectoryOf(path).c_str(), O_PATH | O_DIRECTORY);
-  if (!above.IsOpen()) return {};
-  const file::Descriptor entry = file::Open(name.c_str(), O_PATH | O_NOFOLLOW, 0, above.Number());
-  struct stat status;
-  if (!entry.IsOpen() || file::StatusOf(entry.Number(), status) != 0) return {};
-  if (!S_ISLNK(status.st_mode)) return file::OpenDirectory(".", 0, entry.Number());
-  if (status.st_uid != 0 && status.st_uid != geteuid()) {
-    errno = ELOOP;
-    return {};
+  std::string rest = path;  // from `above`
+  file::Descriptor above = file::Open(".", O_PATH | O_DIRECTORY);
+  for (int links = 0; above.IsOpen() && links <= kLinksMax; ++links) {
+    const std::string name = file::NameOf(rest);
+    if (name.empty()) return file::OpenDirectory(rest.c_str(), 0, above.Number());
+    above = file::Open(file::DirectoryOf(rest).c_str(), O_PATH | O_DIRECTORY, 0, above.Number());
+    if (!above.IsOpen()) return {};
+    const file::Descriptor entry = file::Open(name.c_str(), O_PATH | O_NOFOLLOW, 0, above.Number());
+    struct stat status;
+    if (!entry.IsOpen() || file::StatusOf(entry.Number(), status) != 0) return {};
+    if (!S_ISLNK(status.st_mode)) return file::OpenDirectory(".", 0, entry.Number());
+    if (status.st_uid != 0 && status.st_uid != geteuid()) break;
+    std::array<char, PATH_MAX> target;
+    const file::Progress read = file::ReadLink(entry.Number(), target.data(), target.size());
+    if (read.Failed()) return {};
+    rest.assign(target.data(), read.bytes);
   }
-  std::array<char, PATH_MAX> target;
-  const file::Progress read = file::ReadLink(entry.Number(), target.data(), target.size());
-  if (read.Failed()) return {};
-  return file::OpenDirectory(std::string(target.data(), read.bytes).c_str(), 0, above.Number());
+  if (above.IsOpen()) errno = ELOOP;
+  return {};
 }
 
 int SyncName(const std::string& name, int directory) {

@@ -300,6 +300,24 @@ TEST_F(StoreRestore, LinkOfAnotherUserInPlaceOfADirectoryIsRefused) {
   ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
 }
 
+// Root's link leads to a place of his, where he puts a link in place of his directory.
+TEST_F(StoreRestore, LinkOfAnotherUserAfterALinkOfRootIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make a link of another owner";
+  MakeBoth();
+  fs::create_symlink("hop", dir_.File("link"));
+  fs::create_symlink("reports", dir_.File("hop"));
+  EXPECT_EQ(report::PlanRestore(backup_, dir_.File("link")).state, RestoreState::kPlanned);
+  ASSERT_EQ(lchown(dir_.File("hop").c_str(), 65534, 65534), 0);
+  EXPECT_EQ(report::BackupReports(dir_.File("link"), dir_.File("second")).error, ELOOP);
+  EXPECT_EQ(report::RestoreReports(backup_, dir_.File("link"), {.force = true}).error, ELOOP);
+  ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
+}
+
+TEST_F(StoreRestore, LinksWithoutEndAreRefused) {
+  fs::create_symlink("circle", dir_.File("circle"));
+  EXPECT_EQ(report::PlanRestore(backup_, dir_.File("circle")).error, ELOOP);
+}
+
 TEST_F(StoreRestore, HolesStayHoles) {
   MakeSparseFile(backup_ + "/sparse");
   EXPECT_EQ(Restore().state, RestoreState::kDone);
