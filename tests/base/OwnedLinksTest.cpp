@@ -214,4 +214,26 @@ TEST_F(OwnedLinks, LinkThatIsSwappedDuringTheWalkGainsNothing) {
   EXPECT_GE(std::min(refused, opened), 100);
 }
 
+// The user's link leads to his own file, which changes places with one of root's in the same directory.
+TEST_F(OwnedLinks, TargetThatIsSwappedDuringTheWalkGainsNothing) {
+  const std::string secret = MakeFile("secret", kRoot, 0600);
+  const std::string mine = MakeFile("mine", kUser);
+  const std::string link = MakeLink("link", "mine", kUser);
+  const Swapper attacker(mine, secret);
+  int opened = 0;
+  int refused = 0;
+  for (int tries = 0; tries < 20000 || (std::min(refused, opened) < 100 && tries < 2000000); ++tries) {
+    const Descriptor file = OpenThroughOwnedLinks(link.c_str(), O_RDONLY, 0, TrustedLinks::kToRead);
+    struct stat status = {};
+    if (file.IsOpen() && fstat(file.Number(), &status) == 0) {
+      ASSERT_EQ(status.st_uid, kUser) << "try " << tries;
+      ++opened;
+    } else {
+      ASSERT_EQ(errno, ELOOP);
+      ++refused;
+    }
+  }
+  EXPECT_GE(std::min(refused, opened), 100);
+}
+
 }  // namespace

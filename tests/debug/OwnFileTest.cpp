@@ -10,7 +10,9 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -88,6 +90,16 @@ class OwnFileAttack : public testing::Test {
     ASSERT_EQ(AsOrdinaryUser([&] { return std::string(body() ? "" : std::strerror(errno)); }), "");
   }
 
+  // The user's hard link to a file of root's. Where fs.protected_hardlinks forbids it, he makes it while the file is
+  // open to all for a moment.
+  static void LinkByUser(const std::string& file, const std::string& link) {
+    const bool is_protected = qx::test::HardLinkByOrdinaryUser(file, link);
+    ASSERT_EQ(is_protected, ReadFile("/proc/sys/fs/protected_hardlinks") != "0\n");
+    ASSERT_GE(StatusOf(link).st_nlink, 2U) << "the attack is real";
+    ASSERT_EQ(StatusOf(link).st_uid, 0U);
+    ASSERT_EQ(StatusOf(link).st_mode & 022U, 0U);
+  }
+
   // The bytes of the file that the user can read.
   static std::string ReadByUser(const std::string& path) {
     return AsOrdinaryUser([&]() -> std::string {
@@ -157,7 +169,7 @@ TEST_F(OwnFileAttack, CuttingThePreparedRingDoesNotEndTheService) {
 
 TEST_F(OwnFileAttack, SecondNameOfTheLogOrTheRingDoesNotShowTheTraces) {
   ASSERT_TRUE(service_.OpenRing(kRingBytes));
-  for (const std::string& path : {LogPath(), RingPath()}) std::filesystem::create_hard_link(path, path + ".kept");
+  for (const std::string& path : {LogPath(), RingPath()}) LinkByUser(path, path + ".kept");
   ASSERT_TRUE(service_.Restart(kRingBytes));
   service_.Trace().PrintAlways("secret");
   for (const std::string& path : {LogPath(), RingPath()}) {
@@ -179,13 +191,14 @@ TEST_F(OwnFileAttack, FileThatOthersMayWriteIsCreatedAgain) {
   EXPECT_EQ(syslog.Messages().size(), 2U);
 }
 
-// A hard link to a file of root's, where the system allows the user to make one: the file keeps its text.
 TEST_F(OwnFileAttack, HardLinkToAFileOfRootsIsNotEmptied) {
   const TempDir elsewhere;
+  std::filesystem::permissions(elsewhere.Path(), std::filesystem::perms(0711));
   WriteFile(elsewhere.File("precious"), "precious");
+  ASSERT_EQ(::chmod(elsewhere.File("precious").c_str(), 0600), 0);
   for (const std::string& path : {LogPath(), RingPath()}) {
     std::filesystem::remove(path);
-    std::filesystem::create_hard_link(elsewhere.File("precious"), path);
+    LinkByUser(elsewhere.File("precious"), path);
   }
   ASSERT_TRUE(service_.Restart(kRingBytes));
   EXPECT_EQ(ReadFile(elsewhere.File("precious")), "precious");
@@ -224,20 +237,9 @@ TEST_F(OwnFileAttack, GroupThatTheUserChoseCannotReadTheLog) {
   ExpectOwn(LogPath());
 }
 
-// The same with an access list that new files inherit: version 2, then tag, permissions and id of each entry.
+// The same with an access list that new files inherit.
 TEST_F(OwnFileAttack, AccessListThatTheUserChoseDoesNotShowTheLog) {
-  struct Entry {
-    std::uint16_t tag;
-    std::uint16_t permissions;
-    std::uint32_t id;
-  };
-  constexpr std::uint32_t kNoId = ~std::uint32_t{0};
-  const struct {
-    std::uint32_t version = 2;
-    Entry entries[5] = {{1, 7, kNoId}, {2, 7, kOrdinaryUser}, {4, 7, kNoId}, {16, 7, kNoId}, {32, 0, kNoId}};
-  } list;
-  const char* const directory = service_.LogDir().Path().c_str();
-  if (::setxattr(directory, "system.posix_acl_default", &list, sizeof list, 0) != 0 && errno == ENOTSUP) {
+  if (!qx::test::GiveDefaultAccessList(service_.LogDir().Path())) {
     GTEST_SKIP() << "this file system has no access lists";
   }
   std::filesystem::remove(LogPath());
@@ -253,6 +255,15 @@ TEST_F(OwnFileAttack, LinkInPlaceOfTheRingIsReportedOnce) {
   EXPECT_FALSE(service_.OpenRing(kRingBytes));
   EXPECT_THAT(syslog.Messages(),
               ElementsAre("3 ERROR: " + RingPath() + " is refused (errno=40) --> proceed without it\n"));
+}
+
+TEST_F(OwnFileAttack, RingThatIsRemovedAndCannotBeCreatedIsReportedOnce) {
+  Prepare([&] { return MakeFile(RingPath(), 0604, kRingBytes); });
+  const FailingCall fault({.call = FileCall::kOpen, .path = "_a", .error = ENOSPC});
+  const SyslogCapture syslog;
+  EXPECT_FALSE(service_.OpenRing(kRingBytes));
+  EXPECT_THAT(syslog.Messages(),
+              ElementsAre("3 ERROR: " + RingPath() + " is refused (errno=28) --> proceed without it\n"));
 }
 
 TEST_F(OwnFileAttack, OrdinaryErrorOfTheRingIsNotReportedInTheSystemLog) {
@@ -294,6 +305,33 @@ void RaceWithSwapper(const std::string& path, std::optional<std::uint64_t> size)
   }
   EXPECT_GT(opened, 0);
   EXPECT_GE(syslog.Messages().size(), 10U);
+}
+
+// The service's own log changes places with the user's link to another file of root's, which looks like a log.
+TEST_F(OwnFileAttack, SwappedLinkNeverLeadsToAFileOfRootsInTenThousandTries) {
+  const std::string victim = service_.LogDir().File("victim");
+  const std::string bait = service_.LogDir().File("bait");
+  for (const std::string& path : {victim, LogPath()}) {
+    WriteFile(path, "root's");
+    ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
+  }
+  const ino_t secret = StatusOf(victim).st_ino;
+  const std::string log = LogPath();
+  const qx::test::Attacker attacker([&] {
+    (void)::symlink("victim", bait.c_str());
+    (void)::renameat2(AT_FDCWD, log.c_str(), AT_FDCWD, bait.c_str(), RENAME_EXCHANGE);
+  });
+  int opened = 0;
+  int refused = 0;
+  for (int i = 0; i < 10000 || (std::min(opened, refused) < 10 && i < 1000000); ++i) {
+    const OwnFile own = OpenOwnFile(log.c_str(), 0640, std::nullopt);
+    ++(own.file.IsOpen() ? opened : refused);
+    struct stat status {};
+    if (own.file.IsOpen() && ::fstat(own.file.Number(), &status) == 0) {
+      ASSERT_NE(status.st_ino, secret) << i;
+    }
+  }
+  EXPECT_GE(std::min(opened, refused), 10);
 }
 
 TEST_F(OwnFileAttack, SwappedLogIsNeverTakenInTenThousandTries) { RaceWithSwapper(LogPath(), std::nullopt); }

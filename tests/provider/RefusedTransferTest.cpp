@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
@@ -32,6 +33,15 @@ class RefusedTransfer : public qx::test::TransferFixture {
     WriteFile(BasePath("big") + ".ind", std::string(reinterpret_cast<const char*>(&header), sizeof header));
     WriteFile(BasePath("big") + ".dat", data);
     ASSERT_EQ(truncate((BasePath("big") + ".ind").c_str(), bytes), 0);
+  }
+
+  // How often a refused call from `start` on reads. If that is not the first record, it continues a transfer.
+  static int CallsOfRefused(const std::string& name, int start) {
+    ServiceThread refused(kNotEnough);
+    if (start > 0) (void)refused.Ask(name, 0);
+    const ScopedReadFault reads;
+    EXPECT_EQ(refused.Ask(name, start).result, 0);
+    return ScopedReadFault::Calls();
   }
 };
 
@@ -69,12 +79,32 @@ TEST_F(RefusedTransfer, RefusedCallReadsOneRecordWithText) {
     EXPECT_EQ(reply.result, 0);
     EXPECT_FALSE(reply.is_well_formed);
     EXPECT_LT(reply.document.size(), 500U);
+    EXPECT_NE(reply.document.find("NextIndex=\"" + std::to_string(start + 1) + '"'), std::string::npos);
     EXPECT_LE(ScopedReadFault::Calls(), 10);
     EXPECT_EQ(admitted.Ask("r1", start).result, 0);
   }
   EXPECT_EQ(refused.Data()->state_word, admitted.Data()->state_word);
   EXPECT_EQ(refused.Data()->data_file_size, admitted.Data()->data_file_size);
   EXPECT_EQ(refused.Ask("r1", 20000), NoMoreRecords());
+}
+
+// A call that takes the only record of a report needs as many reads as a refused one of a large report. Both files are
+// longer than what is read, so that no read ends early.
+TEST_F(RefusedTransfer, RefusedCallReadsNoMoreOfALargeReportThanOfOneRecord) {
+  for (const std::size_t bytes : {std::size_t{98}, std::size_t{5000}, std::size_t{70000}}) {
+    for (const int start : {0, 1}) {
+      const std::string name = std::to_string(bytes) + "-" + std::to_string(start);
+      const std::vector<std::string> records(static_cast<std::size_t>(start) + 1, std::string(bytes, 'x'));
+      Append("small" + name, 1000, records);
+      Append("large" + name, 1000, std::vector<std::string>(40, records.front()));
+      for (const char* const report : {"small", "large"}) {
+        std::ofstream(BasePath(report + name) + ".ind", std::ios::app) << std::string(1U << 16, '\0');
+        std::ofstream(BasePath(report + name) + ".dat", std::ios::app) << std::string(1U << 18, 'y');
+      }
+      const int of_one = CallsOfRefused("small" + name, start);
+      EXPECT_EQ(CallsOfRefused("large" + name, start), of_one) << name;
+    }
+  }
 }
 
 TEST_F(RefusedTransfer, RecordsWithoutTextAreSearchedForText) {

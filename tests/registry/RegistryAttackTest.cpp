@@ -51,10 +51,12 @@ TEST_F(RegistryAttack, PreparedLinkIsRemovedAndItsTargetStays) {
 }
 
 TEST_F(RegistryAttack, HardLinkIsRemovedAndItsFileStays) {
-  WriteFile(File("another"), kSecret);
-  ASSERT_EQ(link(File("another").c_str(), File("registry.new").c_str()), 0);
+  ASSERT_EQ(chmod(other_directory_.Path().c_str(), 0711), 0);
+  ASSERT_EQ(chmod(victim_.c_str(), 0600), 0);
+  (void)qx::test::HardLinkByOrdinaryUser(victim_, File("registry.new"));
   Save(2);
-  EXPECT_EQ(ReadFile(File("another")), kSecret);
+  EXPECT_EQ(ReadFile(victim_), kSecret);
+  EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nx=d=2\n\n\n");
 }
 
 TEST_F(RegistryAttack, RacedLinkNeverHitsItsTarget) {

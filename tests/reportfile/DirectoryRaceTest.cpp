@@ -5,9 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <string>
 
 #include "reportfile/Directory.h"
+#include "reportfile/DirectoryCursor.h"
 #include "tests/reportfile/Trees.h"
 #include "tests/support/Attacker.h"
 #include "tests/support/Support.h"
@@ -60,6 +63,36 @@ TEST_F(DirectoryRace, RemovalNeverLeavesTheTree) {
   }
   EXPECT_GT(removed, 0);
   EXPECT_EQ(ModeOf(dir_.File("ours/a")), 0644U);
+}
+
+// He exchanges a file for a link to root's file: a removal sets the mode of each file first.
+TEST_F(DirectoryRace, ModeOfRootsFileStays) {
+  const std::string file = top_ + "/file";
+  const std::string link = dir_.File("theirs/filelink");
+  const std::string secret = ours_ + "/a";
+  const Attacker user([&] {
+    (void)close(open(file.c_str(), O_CREAT | O_RDWR, 0666));
+    (void)symlink(secret.c_str(), link.c_str());
+    for (int i = 0; i < 4; ++i) Exchange(file.c_str(), link.c_str());
+    (void)unlink(link.c_str());
+  });
+  int removed = 0;
+  for (int round = 0; round < kRounds || user.Steps() < kStepsMin; ++round) {
+    if (CDirectory::RemoveDir(top_.c_str(), false)) ++removed;
+    ASSERT_EQ(ModeOf(secret), 0644U) << round;
+  }
+  EXPECT_GT(removed, 0);
+}
+
+// The directory that root is in is moved elsewhere: its ".." is no directory of the tree any more.
+TEST_F(DirectoryRace, WalkEndsInADirectoryThatWasMoved) {
+  MakeTree(dir_.Path(), {{"theirs/top/sub/below/", ""}, {"shared/", ""}});
+  report::DirectoryCursor cursor;
+  ASSERT_EQ(cursor.Begin(file::OpenDirectory(top_.c_str())), 0);
+  ASSERT_EQ(cursor.Enter("sub"), 0);
+  ASSERT_EQ(cursor.Enter("below"), 0);
+  ASSERT_EQ(rename(sub_.c_str(), dir_.File("shared/sub").c_str()), 0);
+  EXPECT_EQ(cursor.Leave(), ESTALE);
 }
 
 }  // namespace

@@ -1,11 +1,14 @@
 // An ordinary user exchanges files and directories for links to root's while root backs up, restores and removes: no
 // byte of root's secret is copied, and no file of root's is written or removed.
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -71,6 +74,14 @@ class StoreRace : public testing::Test {
       ASSERT_EQ(ContentsOf(ours_), before_) << round;
     }
     EXPECT_EQ(ModeOf(secret_), 0600U);
+  }
+
+  template <typename Visit>
+  static void ForEachEntry(const std::string& directory, Visit visit) {
+    DIR* const stream = opendir(directory.c_str());
+    if (stream == nullptr) return;
+    while (const dirent* const entry = readdir(stream)) visit(entry->d_name);
+    (void)closedir(stream);
   }
 
   static void ExpectNoSecretIn(const std::string& directory) {
@@ -140,6 +151,41 @@ TEST_F(StoreRace, RestoreWritesNothingThroughALinkAmongTheReports) {
     if (report::RestoreReports(backup, top_, {.force = true}).state != report::RestoreState::kLinked) ++done;
   });
   EXPECT_GT(done, 0);
+}
+
+// Root's backup goes to a directory of the user's, who exchanges the unfinished one for a link to root's directory.
+TEST_F(StoreRace, BackupIntoADirectoryOfTheUsersWritesNothingThroughALink) {
+  const std::string reports = dir_.File("root/reports");
+  MakeTree(reports, {{"a", "new"}, {"b/c", "new"}, {"new", "new"}});
+  const std::string theirs = dir_.File("theirs");
+  const std::string target = theirs + "/backup";
+  int done = 0;
+  const auto step = [&] {
+    ForEachEntry(theirs, [&](const std::string& name) {
+      if (name.find(".partial-") == std::string::npos) return;
+      (void)symlink(ours_.c_str(), dir_link_.c_str());
+      Exchange((theirs + "/" + name).c_str(), dir_link_.c_str());
+      (void)rename((theirs + "/" + name).c_str(), (theirs + "/aside").c_str());
+      (void)unlink((theirs + "/aside").c_str());
+    });
+  };
+  Race(step, [&] {
+    if (report::BackupReports(reports, target).state == report::BackupState::kDone) ++done;
+    std::error_code error;
+    fs::remove_all(target, error);
+    for (const auto& entry : fs::directory_iterator(theirs, error)) {
+      if (fs::is_directory(entry.symlink_status(error)) && entry.path() != top_) fs::remove_all(entry.path(), error);
+    }
+  });
+  EXPECT_GT(done, 0);
+}
+
+TEST_F(StoreRace, NewFileIsNeverOneThatExists) {
+  const std::string link = dir_.File("root/link");
+  ASSERT_EQ(symlink(secret_.c_str(), link.c_str()), 0);
+  EXPECT_EQ(report::NewFile(link).Error(), EEXIST);
+  EXPECT_EQ(report::NewFile(secret_).Error(), EEXIST);
+  EXPECT_EQ(ContentsOf(ours_), before_);
 }
 
 }  // namespace

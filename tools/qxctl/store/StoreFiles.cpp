@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "reportfile/StoreFormat.h"
+#include "tools/qxctl/cli/FileStatus.h"
 #include "tools/qxctl/store/MissingReport.h"
 
 namespace qx::ctl {
@@ -29,7 +30,7 @@ Status CheckStoreFiles(const std::string& base_path, int access_mode) {
         FileSize(file).has_value() && faccessat(AT_FDCWD, file.c_str(), access_mode, AT_EACCESS) == 0;
     const int error = errno;
     if (is_usable) continue;
-    if (error != ENOENT) return Status::Io("cannot open " + file, error);
+    if (error != ENOENT) return StatusOfReportFile("cannot open " + file, error);
     return {ExitCode::kNotFound, "there is no " + file + ", the other file of that report; put it back from a backup"};
   }
   return {};
@@ -37,7 +38,7 @@ Status CheckStoreFiles(const std::string& base_path, int access_mode) {
 
 Status OpenStoreForReading(const std::string& base_path, CReportFileBase& store) {
   if (Status status = CheckStoreFiles(base_path, R_OK); !status.IsOk()) return status;
-  return store.OpenRead(base_path.c_str()) ? Status() : Status::Io("cannot open " + base_path, errno);
+  return store.OpenRead(base_path.c_str()) ? Status() : StatusOfReportFile("cannot open " + base_path, errno);
 }
 
 Status CheckNotWritten(const std::string& base_path, const report::WriterLock& lock) {
