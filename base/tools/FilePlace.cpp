@@ -34,6 +34,13 @@ std::string TakeName(std::string& path) {
   return name;
 }
 
+// The path that the link at `path` leads to.
+//   "l", "out/load.csv" => "out/load.csv"    "a/l", "load.csv" => "a/load.csv"    "a/l", "/load.csv" => "/load.csv"
+std::string Joined(const std::string& path, const std::string& target) {
+  if (target.starts_with('/')) return target;
+  return path.substr(0, path.rfind('/') + 1) + target;
+}
+
 int ReadLink(int link, std::string& target) {
   std::array<char, PATH_MAX> text;
   const ssize_t size = readlinkat(link, "", text.data(), text.size());
@@ -102,7 +109,7 @@ class Search {
     if (IsOfProc(link.Number())) return FollowKernelLink(is_last);
     std::string target;
     if (const int error = ReadLink(link.Number(), target); error != 0) return Failed(path_, error);
-    if (is_last) place_.path = target.starts_with('/') ? target : file::DirectoryOf(place_.path) + "/" + target;
+    if (is_last) place_.path = Joined(place_.path, target);
     return BeginAt(is_last ? target : target + "/" + rest_);
   }
 

@@ -70,10 +70,11 @@ TEST_F(DirectoryRace, ModeOfRootsFileStays) {
   const std::string file = top_ + "/file";
   const std::string link = dir_.File("theirs/filelink");
   const std::string secret = ours_ + "/a";
+  GiveTreeToOrdinaryUser(dir_.File("theirs"));
   const Attacker user([&] {
     (void)close(open(file.c_str(), O_CREAT | O_RDWR, 0666));
     (void)symlink(secret.c_str(), link.c_str());
-    for (int i = 0; i < 4; ++i) Exchange(file.c_str(), link.c_str());
+    for (int i = 0; i < 4; ++i) ExchangeAndPause(file.c_str(), link.c_str());
     (void)unlink(link.c_str());
   });
   int removed = 0;

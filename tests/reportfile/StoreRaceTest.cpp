@@ -164,7 +164,7 @@ TEST_F(StoreRace, BackupIntoADirectoryOfTheUsersWritesNothingThroughALink) {
     ForEachEntry(theirs, [&](const std::string& name) {
       if (name.find(".partial-") == std::string::npos) return;
       (void)symlink(ours_.c_str(), dir_link_.c_str());
-      Exchange((theirs + "/" + name).c_str(), dir_link_.c_str());
+      ExchangeAndPause((theirs + "/" + name).c_str(), dir_link_.c_str());
       (void)rename((theirs + "/" + name).c_str(), (theirs + "/aside").c_str());
       (void)unlink((theirs + "/aside").c_str());
     });

@@ -16,7 +16,8 @@ Status FailedCall(const std::string& what, const ReplaceResult& result) {
   const std::string file = Visible(result.file);
   if (result.error == ENXIO)
     return {ExitCode::kIo, what + " " + file + ": nobody reads this pipe; start its reader first"};
-  return Status::Io(what + " " + file, result.error);
+  const Status status = Status::Io(what + " " + file, result.error);
+  return result.error == EISDIR ? Status(status.Code(), status.Message() + "; name a file in it") : status;
 }
 
 }  // namespace
