@@ -19,6 +19,7 @@ constexpr mode_t kPrivateMode = 0600;
 constexpr mode_t kModeMask = 0777;  // without set-id bits: they would make content run as the file's owner
 constexpr mode_t kGroupMask = 0070;
 const char kEditSuffix[] = ".edit";
+constexpr int kLockTriesMax = 1000;  // another edit ends, or another user exchanges the name, in each of them
 
 ReplaceResult Failed(const std::string& file, int error) { return {ReplaceState::kFailed, file, error}; }
 
@@ -201,7 +202,7 @@ ReplaceResult ReplacedFile::LockCopy() {
   const std::string name = NameOf(kEditSuffix);
   copy_suffix_ = kEditSuffix;
   const int directory = place_.directory.Number();
-  for (;;) {
+  for (int tries = 0; tries < kLockTriesMax; ++tries) {
     file::Descriptor copy = file::Open(name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, kPrivateMode, directory);
     const int open_error = errno;
     if (!copy.IsOpen()) return Failed(CopyName(), open_error);
@@ -216,6 +217,7 @@ ReplaceResult ReplacedFile::LockCopy() {
     copy_ = std::move(copy);
     return WriteCopy({});
   }
+  return {ReplaceState::kChanged, CopyName()};
 }
 
 ReplaceResult ReplacedFile::CreateCopy() {

@@ -219,7 +219,7 @@ TEST_F(OwnedLinks, TargetThatIsSwappedDuringTheWalkGainsNothing) {
   const std::string secret = MakeFile("secret", kRoot, 0600);
   const std::string mine = MakeFile("mine", kUser);
   const std::string link = MakeLink("link", "mine", kUser);
-  const Swapper attacker(mine, secret);
+  const Attacker attacker([&] { qx::test::Exchange(mine.c_str(), secret.c_str()); });
   int opened = 0;
   int refused = 0;
   for (int tries = 0; tries < 20000 || (std::min(refused, opened) < 100 && tries < 2000000); ++tries) {

@@ -4,17 +4,17 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
+#include <cerrno>
 #include <filesystem>
 #include <memory>
 #include <set>
 #include <string>
 
+#include "tests/support/FailingFileCalls.h"
 #include "tests/support/Support.h"
 
 namespace qx {
@@ -51,6 +51,15 @@ class ReplacedFileTest : public testing::Test {
   std::string path_ = dir_.File("registry");
   std::string backup_;
 };
+
+bool HasOpen(pid_t process, const std::string& path) {
+  std::error_code error;
+  const std::string directory = "/proc/" + std::to_string(process) + "/fd";
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+    if (std::filesystem::read_symlink(entry.path(), error) == path) return true;
+  }
+  return false;
+}
 
 mode_t ModeOf(const std::string& path) {
   struct stat status = {};
@@ -196,22 +205,27 @@ TEST_F(ReplacedFileTest, SecondEditAtTheSameTimeIsRefused) {
   EXPECT_EQ(ReadFile(path_), "next");
 }
 
-// The lock of an edit that has ended is one of the file itself, because the new content was renamed to it.
-TEST_F(ReplacedFileTest, EditThatWaitedForAnotherNeverWritesTheFileItself) {
-  if (access("/dev/shm", W_OK) == 0) path_ = "/dev/shm/" + std::filesystem::path(dir_.Path()).filename().string();
-  WriteFile(path_, "whole");
-  const pid_t other = fork();
-  if (other == 0) {
-    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-    for (;;) (void)Replace("whole");
+// The new content of the first edit becomes the file itself while the second waits between open and lock.
+TEST_F(ReplacedFileTest, EditThatWaitedForTheLockOfAnotherBeginsAgain) {
+  const std::string copy = dir_.File("registry.edit");
+  const pid_t second = fork();
+  if (second == 0) {
+    while (!qx::test::Exists(copy)) usleep(100);
+    const qx::test::FailingCall interrupted({.call = qx::test::FileCall::kLock, .times = 3000000, .error = EINTR});
+    ReplacedFile edit;
+    qx::test::EndChild(edit.Begin(path_, {}).IsDone() && edit.Image().bytes == "new" ? 0 : 1);
   }
-  for (int i = 0; i < 5000 && !HasFailure(); ++i) {
-    (void)Replace("whole");
-    EXPECT_EQ(ReadFile(path_), "whole") << i;
+  {
+    ReplacedFile first;
+    ASSERT_TRUE(first.Begin(path_, {}).IsDone());
+    ASSERT_TRUE(first.WriteCopy("new").IsDone());
+    while (!HasOpen(second, copy)) usleep(100);
+    ASSERT_TRUE(first.Commit(false).IsDone());
   }
-  (void)kill(other, SIGKILL);
-  EXPECT_EQ(waitpid(other, nullptr, 0), other);
-  std::filesystem::remove(path_);
+  int status = 0;
+  ASSERT_EQ(waitpid(second, &status, 0), second);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ReadFile(path_), "new");
 }
 
 TEST_F(ReplacedFileTest, LeftoverOfAKilledEditIsUsed) {

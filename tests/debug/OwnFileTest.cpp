@@ -317,7 +317,7 @@ TEST_F(OwnFileAttack, SwappedLinkNeverLeadsToAFileOfRootsInTenThousandTries) {
   }
   const ino_t secret = StatusOf(victim).st_ino;
   const std::string log = LogPath();
-  const qx::test::Attacker attacker([&] {
+  const Attacker attacker([&] {
     (void)::symlink("victim", bait.c_str());
     (void)::renameat2(AT_FDCWD, log.c_str(), AT_FDCWD, bait.c_str(), RENAME_EXCHANGE);
   });

@@ -18,6 +18,7 @@
 #include "reportfile/tools/StoreRestore.h"
 #include "tests/reportfile/Trees.h"
 #include "tests/support/Attacker.h"
+#include "tests/support/FailingFileCalls.h"
 #include "tests/support/Support.h"
 
 namespace qx::test {
@@ -178,6 +179,28 @@ TEST_F(StoreRace, BackupIntoADirectoryOfTheUsersWritesNothingThroughALink) {
     }
   });
   EXPECT_GT(done, 0);
+}
+
+// Between its creation and its open he puts his own directory, or a link to root's, in its place.
+TEST_F(StoreRace, PrivateDirectoryIsNeverAnotherOne) {
+  const std::string theirs = dir_.File("theirs");
+  GiveTreeToOrdinaryUser(theirs);
+  for (const bool is_link : {true, false}) {
+    const Attacker user([&] {
+      ForEachEntry(theirs, [&](const std::string& name) {
+        const std::string path = theirs + "/" + name;
+        struct stat status = {};
+        const bool is_roots = lstat(path.c_str(), &status) == 0 && status.st_uid == 0;
+        if (!is_roots || rename(path.c_str(), (path + ".aside").c_str()) != 0) return;
+        (void)(is_link ? symlink(ours_.c_str(), path.c_str()) : mkdir(path.c_str(), 0777));
+      });
+    });
+    const FailingCall slow_open({.call = FileCall::kOpen, .nth = 2, .times = 3000000, .error = EINTR});
+    const report::PrivateDirectory made(theirs + "/x.partial-");
+    EXPECT_TRUE(slow_open.HasFailed());
+    EXPECT_NE(made.Error(), 0) << is_link;
+  }
+  EXPECT_EQ(ContentsOf(ours_), before_);
 }
 
 TEST_F(StoreRace, NewFileIsNeverOneThatExists) {
