@@ -29,9 +29,9 @@ class ByteSource;
 // (ELOOP). [any thread]
 [[nodiscard]] file::Descriptor OpenForReading(const std::string& name, int directory);
 
-// Opens the directory that an operator or the registry names. A symbolic link in its place, or in the place of what such
-// a link leads to, is followed only if root or the effective user owns it (ELOOP otherwise): the link of another user
-// would choose what root reads or replaces. [any thread]
+// Opens the directory that an operator or the registry names. A symbolic link in its place, or in the place of what
+// such a link leads to, is followed only if root or the effective user owns it (ELOOP otherwise): the link of another
+// user would choose what root reads or replaces. [any thread]
 [[nodiscard]] file::Descriptor OpenNamedDirectory(const std::string& path);
 
 // Syncs the file or directory of this name. [any thread]

@@ -463,8 +463,8 @@ const Row kReports[] = {
        at.Link("n", "Reports/load.names", kTheirs);
      },
      {"names", "load"},
-     4,
-     {"names file not found", "or it is a symbolic link of a user who is not trusted"}},
+     kIo,
+     kUntrustedLink},
     {"TheirReportsHere",
      [](const Place& at) { GiveToOrdinaryUser(at("Reports")); },
      {"fetch", "load"},

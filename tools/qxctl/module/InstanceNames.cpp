@@ -33,9 +33,7 @@ std::vector<Instance> ReadInstances(CMarkup& document) {
 Status StatusOfMissingList(const CallResult& call) {
   const ReportReply reply = ParseReply(call);
   if (call.result == kResultNotFound && reply.kind == ReplyKind::kError) {
-    return {ExitCode::kNotFound, reply.message +
-                                     ": there is no such file next to the report in the report directory, "
-                                     "or it is a symbolic link of a user who is not trusted"};
+    return {ExitCode::kNotFound, reply.message + ": there is no such file next to the report in the report directory"};
   }
   if (call.result == 0 && !call.reply.has_value()) {
     // After a refusal the list would make a document of two roots, which the module never sends; another version has no

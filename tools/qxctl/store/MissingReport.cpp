@@ -1,5 +1,6 @@
 #include "tools/qxctl/store/MissingReport.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include "base/File.h"
 #include "reportfile/StoreFormat.h"
 #include "reportfile/tools/ReportSurvey.h"
+#include "tools/qxctl/cli/FileStatus.h"
 #include "tools/qxctl/cli/text/NearNames.h"
 #include "tools/qxctl/cli/text/Quote.h"
 #include "tools/qxctl/cli/text/Text.h"
@@ -63,6 +65,10 @@ Status NoSuchReportNamed(const std::string& name_or_path) {
 Status NoNamesFile(const std::string& name) {
   const std::string base_path = BasePathOfReport(name);
   if (base_path.empty() || access(report::IndexFileName(base_path).c_str(), F_OK) != 0) return NoSuchReport(name);
+  const std::string names = base_path + ".names";
+  struct stat status = {};
+  const bool is_link = lstat(names.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+  if (is_link && access(names.c_str(), F_OK) == 0) return StatusOfReportFile("cannot open " + Visible(names), ELOOP);
   return {ExitCode::kNotFound,
           "the report " + Visible(name) + " has no instance names: there is no file " + Visible(base_path) + ".names"};
 }
