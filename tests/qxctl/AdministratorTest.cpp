@@ -341,7 +341,7 @@ const Row kEdits[] = {
      [](const Place& at) { at.Link("roots/registry", "l"); },
      SetRegistryOf("l", {"--force"}),
      kDone,
-     {"the file as it was is kept in roots/registry."},
+     {"the old file is kept in roots/registry."},
      Holds("roots/registry", kNewRegistry, 0)},
     {"TheirLinkByForce", [](const Place& at) { at.Link("../roots/registry", "theirs/l", kTheirs); },
      SetRegistryOf("theirs/l", {"--force"}), kRefused, kLinkOfAnother, Holds("roots/registry", kRegistry, 0)},
@@ -349,7 +349,7 @@ const Row kEdits[] = {
      [](const Place& at) { at.File("roots/profile.edit", "", kTheirs); },
      SetIn("roots"),
      kIo,
-     {"roots/profile.edit", "belongs to somebody else", "remove it if nobody edits the file"}},
+     {"roots/profile.edit", "belongs to another user", "remove it if nobody edits the file"}},
 };
 
 const Row kReports[] = {
@@ -411,13 +411,13 @@ const Row kReports[] = {
      },
      {"report", "restore", "copy", "--apply", "--force"},
      kRefused,
-     {"load.names is, or meets, a symbolic link", "put the file or directory itself in its place"},
+     {"load.names is, or is below, a symbolic link", "replace the link by the file or directory"},
      Holds("roots/profile", kProfile, 0)},
     {"LinkAmongTheReportsToBackUp",
      [](const Place& at) { at.Link("load.dat", "Reports/l.dat"); },
      {"report", "backup", "copy"},
      kFinding,
-     {"l.dat is a symbolic link, which a backup leaves out", "back up what it"}},
+     {"l.dat is a symbolic link, which a backup leaves out", "back up its target"}},
     {"RootsLinkToAReport",
      [](const Place& at) {
        at.Link("load.ind", "Reports/l.ind");
