@@ -152,7 +152,7 @@ function(qx_test name)
   set_tests_properties(${name} PROPERTIES TIMEOUT 600)
 endfunction()
 
-# Takes the test sources without a threaded suite out of the list, if any is left then. Sources that are no tests stay.
+# Takes the test sources without a threaded suite out of the list, if any is left then. Sources that are not tests stay.
 function(qx_keep_threaded_tests sources has_threads)
   set(kept)
   set(found FALSE)

@@ -91,7 +91,7 @@ class NamesFile::Scan {
     }
   }
 
-  // Quirk: an empty key ends the list, and a list that is too long is no list.
+  // Quirk: an empty key ends the list, and a list that is too long counts as empty.
   void TakeName(const inifile::Entry& entry) {
     list_bytes_ += entry.key.size() + 1;
     has_ended_ = has_ended_ || entry.key.empty();

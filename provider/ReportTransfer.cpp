@@ -30,7 +30,7 @@ constexpr std::uint32_t kLevelOfSingleRecords = 5;  // and every record
 // Trace conversions and index attributes have 32 bits, whatever the number.
 constexpr int Low32(std::int64_t number) { return static_cast<int>(number); }
 
-// An index attribute: decimal, cut to 32 bits; text that is no number reads as 0.
+// An index attribute: decimal, cut to 32 bits; text that is not a number is read as 0.
 //   "12" => 12    "" => if_empty    "x" => 0    "4294967297" => 1
 std::int32_t IndexAttribute(CMarkup& in, const char* name, std::int32_t if_empty) {
   const std::string text = in.GetAttrib(name);

@@ -21,8 +21,8 @@ class CDirectory {
   //   source  /b with a.dat, sub/x     pattern "*.dat"  => a.dat
   //   source  /b, which is empty or missing             => true, and no destination
   // `source` is itself part of the expression that is expanded: EscapedForGlobbing (reportfile/NameExpansion.h) takes a
-  // path as it is. Symbolic links are followed; those that lead nowhere are left out. Without `overwrite`, files
-  // and directories that exist in the destination are left alone, which is no failure; with it, files are replaced in
+  // path as it is. Symbolic links are followed; those that lead nowhere are left out. Without `overwrite`, files and
+  // directories that exist in the destination are not changed, which is not a failure; with it, files are replaced in
   // place and directories are filled up. A file that is its own target is left alone. The destination is never copied
   // into itself, nor a directory into a copy of itself. False: the first thing that could not be copied ended the copy;
   // what was copied before it stays. EINVAL for a path that is not absolute and for what is neither file nor directory;

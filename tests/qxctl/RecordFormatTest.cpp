@@ -150,7 +150,7 @@ TEST_F(QxctlRecordFormat, ChartOfAColumnInUnicode) {
   EXPECT_THAT(ran.out, HasSubstr("4 │  █\n"));
   EXPECT_THAT(ran.out, HasSubstr("0 └───\n"));
   EXPECT_THAT(Plot({"09:00 1"}, {"--plot", "1", "--fields", " "}).err, HasSubstr("1 of 1 records have no number for 1"))
-      << "a time of day is no number";
+      << "a time of day is not a number";
 }
 
 TEST_F(QxctlRecordFormat, KeysAreWholeWordsBeforeANumber) {

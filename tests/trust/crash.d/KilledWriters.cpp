@@ -41,7 +41,7 @@ constexpr const char* kReport = "killed";
 struct ReaderCounts {
   std::atomic<std::uint64_t> transfers{0};
   std::atomic<std::uint64_t> records{0};
-  std::atomic<std::uint64_t> mixed{0};     // records that are no record that was ever written: overwritten while read
+  std::atomic<std::uint64_t> mixed{0};     // records that were never written: overwritten while read
   std::atomic<std::uint64_t> refusals{0};  // no more records, or the store being created
   std::atomic<std::uint64_t> bad{0};       // anything else
 };

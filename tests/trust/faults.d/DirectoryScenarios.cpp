@@ -47,7 +47,7 @@ Tree TreeAt(const std::string& directory) {
   return tree;
 }
 
-// Each file of the copy: whole, a part from its start on, or as it was before.
+// Each file of the copy: whole, a part from its start on, or unchanged.
 bool IsPartOfCopy(const Tree& to) {
   const Tree from = FromTree();
   for (const auto& [name, text] : to) {

@@ -21,7 +21,7 @@ bool is_loaded = false;
 int result = 0;
 std::string* reply = nullptr;
 
-// Written before the region with faults, so that the host's own memory is no matter of the sweep.
+// Written before the region with faults, so that the sweep does not include the host's own memory.
 void MakeReply() {
   reply = new std::string;
   reply->reserve(1 << 16);

@@ -339,7 +339,7 @@ Status Import(Context& context, const Values& values) {
 // --- the commands
 
 constexpr Parameter kForceParameters[] = {
-    {.name = "--force", .help = "Also if the file is a symbolic link, or is not read as it was meant"},
+    {.name = "--force", .help = "Also if the file is a symbolic link, or would be misread"},
 };
 
 constexpr Parameter kSetParameters[] = {

@@ -6,7 +6,7 @@
 namespace qx::ctl {
 
 // The first file or directory on the way to `path`, with its symbolic links followed too, that everybody may write; a
-// directory with the sticky bit protects what is in it. Empty if nobody can.
+// directory with the sticky bit protects what is in it. Empty if there is no such file or directory.
 [[nodiscard]] std::string WritableByOthers(const std::string& path);
 
 }  // namespace qx::ctl

@@ -50,7 +50,7 @@ Status ParseThread(const std::string& text, std::uint32_t& thread) {
   const char* const end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(begin, end, thread, 16);
   if (error == std::errc() && stop == end) return {};
-  return {ExitCode::kUsage, "\"" + text + "\" is no thread: a thread is up to 8 hexadecimal digits, as in an entry"};
+  return {ExitCode::kUsage, "\"" + text + "\" is not a thread: a thread is up to 8 hexadecimal digits, as in an entry"};
 }
 
 // Completes a partial time from the whole time `rest`.

@@ -174,7 +174,7 @@ class BlockBuilder {
   }
 
   krx_element* Chain(const CallJson& json, std::int32_t index, std::int32_t type, int depth) {
-    if (!json.is_array() || json.empty()) return Refuse("\"blocks\" is no array of blocks");
+    if (!json.is_array() || json.empty()) return Refuse("\"blocks\" is not an array of blocks");
     if (json.size() > kChainBlocksMax) return Refuse("a chain has more than 64 blocks");
     if (type != kKrxTypeNested || IsList(index)) return Refuse("blocks are in an element of another type than 512");
     krx_nested_block* block = nullptr;
@@ -208,11 +208,11 @@ class BlockBuilder {
 
   bool Authorization(const CallJson& json, std::optional<std::string>& user,
                      std::vector<RawBlock::Department>& departments) {
-    if (!json.is_object()) return Fails(problem_, "\"authorization\" is no object");
+    if (!json.is_object()) return Fails(problem_, "\"authorization\" is not an object");
     const FieldReader fields(json, problem_);
     if (!fields.Only({"user", "userBase64", "departments"}) || !fields.Bytes("user", user)) return false;
     if (!json.contains("departments") || !json["departments"].is_array()) {
-      return Fails(problem_, "\"departments\" is no array");
+      return Fails(problem_, "\"departments\" is not an array");
     }
     for (const CallJson& item : json["departments"]) {
       departments.emplace_back();
@@ -226,7 +226,7 @@ class BlockBuilder {
     const FieldReader fields(json, problem_);
     if (!fields.Only({"name", "nameBase64", "privileges"}) || !fields.Bytes("name", department.first)) return false;
     if (!json.contains("privileges") || !json["privileges"].is_array()) {
-      return Fails(problem_, "\"privileges\" is no array");
+      return Fails(problem_, "\"privileges\" is not an array");
     }
     for (const CallJson& privilege : json["privileges"]) {
       if (!privilege.is_string()) return Fails(problem_, "a privilege is not a text");
@@ -264,7 +264,7 @@ CallJson BlockToJson(const wcs_gendata& block) {
 }
 
 bool BlockFromJson(const CallJson& json, RawBlock& block, std::string& problem) {
-  if (!json.is_object()) return Fails(problem, "\"block\" is no object");
+  if (!json.is_object()) return Fails(problem, "\"block\" is not an object");
   const FieldReader fields(json, problem);
   if (!fields.Only({"version", "tag", "tagBase64", "size", "elements"})) return false;
   std::optional<std::string> tag;
