@@ -90,6 +90,7 @@ class Reader {
   }
 
   void Prose(const std::string& line) {
+    if (line == "<!-- sessions: on a new machine -->") page_.is_of_new_machine = true;
     if (std::string reason = ReasonIn(line); !reason.empty()) reason_ = std::move(reason);
     if (line.starts_with('#')) Heading(line.substr(std::min(line.find(' ') + 1, line.size())));
     const std::string text = WithoutCode(line);

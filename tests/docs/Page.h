@@ -22,6 +22,7 @@ struct Link {
 struct Page {
   std::string name;  // path below the source tree, such as "docs/qxctl.md"
   std::vector<Session> sessions;
+  bool is_of_new_machine = false;  // a line "<!-- sessions: on a new machine -->": they run in an empty root
   std::vector<Link> links;
   std::vector<std::string> anchors;  // of its headings, as links have them after "#"
 };

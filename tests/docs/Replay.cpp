@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <regex.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <sstream>
@@ -25,6 +26,8 @@ constexpr Varying kVarying[] = {
     {"times and rates in JSON", "(econds\"|Second\")(: [-+0-9.e]+)(,|)"},
     {"the name of an unfinished backup", "(\\.partial-)([A-Za-z0-9]{6})(:)"},
     {"version and date of the build", R"(( version=\\?"| date=\\?")([-0-9./:]+)(\\?"))"},
+    {"the name of a backup of the registry", R"((is kept in /etc/brollan/registry\.)([-0-9]+)(\.bak))"},
+    {"the version of the module", "(loads: QXRemConXfer )([0-9.]+)()"},
     {"the working directory of a message", R"(()(/home/operator|/[^ ]*/qx-test-[A-Za-z0-9]{6})(/))"},
     {"the working directory", R"(("reportDirectory": ")(/[^"]*)("))"},
 };
@@ -79,9 +82,48 @@ Start FreshStart(const TempDir& directory) {
           .environment = {{"PATH", path}, {"QX_MODULE", ModulePath()}, {"NO_COLOR", ""}, {"LC_ALL", "C.UTF-8"}}};
 }
 
+// Makes a root of its own in the directory $1, in a private mount namespace: programs and devices of this machine, the
+// module $2 where the suite installs it, qxctl $3 in the search path, the user root, and nothing else. Runs the script
+// $4.
+const char kNewMachine[] = R"sh(
+set -e
+mount -t tmpfs -o mode=755 none "$1"
+module=$2 qxctl=$3 script=$4
+cd "$1"
+provider=opt/norrlek/QuaxelSuite/KRX/Provider
+mkdir -p usr proc dev etc root tools "$provider"
+mkdir -m 1777 tmp
+mount --rbind /usr usr
+mount --rbind /proc proc
+mount --rbind /dev dev
+for name in bin sbin lib lib64; do
+  if [ -L "/$name" ]; then
+    ln -s "usr/$name" "$name"
+  elif [ -d "/$name" ]; then
+    mkdir "$name"
+    mount --rbind "/$name" "$name"
+  fi
+done
+echo 'root:x:0:0:root:/root:/bin/sh' >etc/passwd
+echo 'root:x:0:' >etc/group
+cp "$module" "$provider/QXRemConXfer.so"
+cp "$qxctl" tools/qxctl
+cp "$script" tools/script
+exec chroot . /usr/bin/env -i PATH=/tools:/usr/bin:/bin HOME=/root NO_COLOR= LC_ALL=C.UTF-8 \
+  /bin/bash -c 'umask 022; cd /root; exec timeout 120 /bin/bash /tools/script'
+)sh";
+
+Ran ReplayOnNewMachine(const std::string& script, const TempDir& directory) {
+  std::vector<std::string> command = {"unshare", "--mount"};
+  if (geteuid() != 0) command.insert(command.end(), {"--user", "--map-root-user"});
+  command.insert(command.end(),
+                 {"/bin/sh", "-c", kNewMachine, "sh", directory.Path(), ModulePath(), QxctlPath(), script});
+  return Child(command, {.directory = "/"}).Wait();
+}
+
 }  // namespace
 
-std::vector<std::string> Replay(const std::vector<Session>& sessions) {
+std::vector<std::string> Replay(const std::vector<Session>& sessions, bool on_new_machine) {
   std::string script;
   for (const Session& session : sessions) {
     if (session.not_run.empty()) script += ScriptOf(session);
@@ -90,7 +132,9 @@ std::vector<std::string> Replay(const std::vector<Session>& sessions) {
   const TempDir beside;
   const TempDir directory;
   WriteFile(beside.File("script"), script);
-  const Ran ran = Child({"timeout", "120", "bash", beside.File("script")}, FreshStart(directory)).Wait();
+  const Ran ran = on_new_machine
+                      ? ReplayOnNewMachine(beside.File("script"), directory)
+                      : Child({"timeout", "120", "bash", beside.File("script")}, FreshStart(directory)).Wait();
   EXPECT_EQ(ran.err, "");
   EXPECT_NE(ran.code, 124) << "the sessions did not end";
 

@@ -13,7 +13,9 @@ namespace qx::test {
 // directory, with qxctl in its PATH and the built module in QX_MODULE. Those marked as not run are left out (empty).
 //
 // A command continues in the next line, after "> ", if it ends with a backslash or begins a here-document.
-std::vector<std::string> Replay(const std::vector<Session>& sessions);
+//
+// On a new machine the root has programs, the module in its place and qxctl, and nothing else; the directory is /root.
+std::vector<std::string> Replay(const std::vector<Session>& sessions, bool on_new_machine = false);
 
 // `text` with "N" in the place of everything that differs from run to run.
 std::string WithoutWhatVaries(std::string text);

@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -45,7 +46,7 @@ class DocsSessions : public testing::TestWithParam<std::string> {};
 // A later session uses what an earlier one of its page made.
 TEST_P(DocsSessions, PrintWhatThePageShows) {
   const Page page = ReadPage(GetParam());
-  const std::vector<std::string> printed = Replay(page.sessions);
+  const std::vector<std::string> printed = Replay(page.sessions, page.is_of_new_machine);
   std::string transcript;
   for (std::size_t i = 0; i < page.sessions.size(); ++i) {
     const Session& session = page.sessions[i];
@@ -59,6 +60,27 @@ TEST_P(DocsSessions, PrintWhatThePageShows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Pages, DocsSessions, testing::ValuesIn(PagesWithSessions()), TestNameOf);
+
+// What repairs the machine of the first day is not invented for the page: qxctl has printed each command before.
+TEST(DocsFirstDay, EveryRepairIsACommandThatQxctlHasPrinted) {
+  const Page page = ReadPage("docs/first-day.md");
+  ASSERT_TRUE(page.is_of_new_machine);
+  const std::vector<std::string> printed = Replay(page.sessions, true);
+  std::string before;
+  std::size_t count = 0;
+  std::istringstream lines(printed.back());
+  for (std::string line; std::getline(lines, line); before += line + "\n") {
+    if (!line.starts_with("$ ")) continue;
+    const std::string command = line.substr(2);
+    const bool asks = command.starts_with("qxctl doctor") || command.starts_with("qxctl fetch");
+    if (asks) continue;
+    EXPECT_NE(before.find("    " + command + "\n"), std::string::npos) << command;
+    ++count;
+  }
+  EXPECT_GE(count, 2U);
+  EXPECT_NE(printed.back().find("\n$ qxctl fetch load\n09:00 load 0.12\r\n"), std::string::npos)
+      << "the report is on the terminal again: " << printed.back();
+}
 
 TEST(DocsSessionsFound, PagesWithSessionsAreFound) {
   EXPECT_THAT(PagesWithSessions(), testing::IsSupersetOf({"docs/operations.md", "docs/qxctl.md"}));

@@ -1,6 +1,8 @@
 // Checks everything that the module needs to serve, and changes nothing.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,7 +17,8 @@ enum class Severity { kOk, kInfo, kWarning, kError };
 
 struct DoctorFinding {
   std::string_view code;  // explained in the table of explanations, which also says what to do
-  std::string fact;
+  std::string fact;       // with every path in quotes
+  std::string command;    // what an operator can paste to see more or to repair it; empty if all is well
 };
 
 // By the code of a finding. [any thread]
@@ -32,9 +35,22 @@ struct DoctorPlaces {
   std::string trace_settings_directory = debug::kTraceConfigDirectory;
   std::string process_directory = "/proc";
   std::string application = "QXRemConXfer";
+  std::optional<std::int64_t> stale_seconds;  // a report whose newest record is older is a finding
 };
 
 using DoctorFindings = std::vector<DoctorFinding>;
+
+// "PATH", as facts show it.
+[[nodiscard]] inline std::string InQuotes(const std::string& path) { return "\"" + path + "\""; }
+
+// How much space the file system of a directory has for an ordinary user.
+enum class SpaceState { kEnough, kLow, kFull };
+struct Space {
+  SpaceState state = SpaceState::kEnough;  // also if the system does not show it
+  std::string fact;
+  std::string command;
+};
+[[nodiscard]] Space SpaceFor(const std::string& directory);
 
 // Each adds its findings, or a line that all is well. The traces are first: the check of the module changes the trace
 // directory in the environment.

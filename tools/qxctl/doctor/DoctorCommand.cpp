@@ -2,12 +2,16 @@
 #include "tools/qxctl/doctor/DoctorCommand.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Duration.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/doctor/Doctor.h"
 #include "tools/qxctl/doctor/Explanations.h"
@@ -46,6 +50,7 @@ std::string ToText(const DoctorFindings& findings) {
             Padded(SectionOf(finding.code), kSectionWidth) + Visible(finding.fact);
     const bool needs_fix = severity == Severity::kWarning || severity == Severity::kError;
     text += (needs_fix ? ". " + std::string(ExplainFinding(finding.code).action) : "") + "\n";
+    if (!finding.command.empty()) text += "    " + finding.command + "\n";
   }
   return text;
 }
@@ -57,7 +62,8 @@ Json ToJson(const DoctorFindings& findings, const Status& status) {
                              {"code", finding.code},
                              {"severity", NameOf(SeverityOf(finding.code))},
                              {"fact", Visible(finding.fact)},
-                             {"fix", ExplainFinding(finding.code).action}});
+                             {"fix", ExplainFinding(finding.code).action},
+                             {"command", finding.command}});
   }
   json["exitCode"] = static_cast<int>(status.Code());
   return json;
@@ -72,6 +78,56 @@ Status StatusOf(const DoctorFindings& findings) {
           std::to_string(count) + (count == 1 ? " finding needs" : " findings need") + " attention"};
 }
 
+// --- for a monitor
+
+// The exit codes of a check that a monitor runs. They have other meanings than those of commands.
+enum class MonitorCode : std::uint8_t { kOk = 0, kWarning = 1, kCritical = 2, kUnknown = 3 };
+
+const char* NameOf(MonitorCode code) {
+  constexpr std::array<const char*, 4> kNames = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+  return kNames[static_cast<std::size_t>(code)];
+}
+
+// What this user may not read might be in order.
+bool IsUnreadable(const DoctorFinding& finding) { return finding.code == "QX203" || finding.code == "QX303"; }
+
+MonitorCode CodeOf(const DoctorFinding& finding) {
+  const Severity severity = SeverityOf(finding.code);
+  if (severity == Severity::kWarning) return MonitorCode::kWarning;
+  if (severity != Severity::kError) return MonitorCode::kOk;
+  return IsUnreadable(finding) ? MonitorCode::kUnknown : MonitorCode::kCritical;
+}
+
+// The most serious code that a finding has: critical before unknown, unknown before warning.
+MonitorCode CodeOf(const DoctorFindings& findings) {
+  for (const MonitorCode code : {MonitorCode::kCritical, MonitorCode::kUnknown, MonitorCode::kWarning}) {
+    const auto has_code = [&](const DoctorFinding& finding) { return CodeOf(finding) == code; };
+    if (std::any_of(findings.begin(), findings.end(), has_code)) return code;
+  }
+  return MonitorCode::kOk;
+}
+
+// "QXRemConXfer WARNING: QX304 "/srv/reports/a.ind" exists, ... (and 2 more findings)"
+std::string MonitorLine(const DoctorFindings& findings, MonitorCode code) {
+  const std::string head = std::string("QXRemConXfer ") + NameOf(code) + ": ";
+  if (code == MonitorCode::kOk) return head + "module, registry, reports, traces and limits are in order\n";
+  const auto first = std::find_if(findings.begin(), findings.end(),
+                                  [&](const DoctorFinding& finding) { return CodeOf(finding) == code; });
+  const auto bad = std::count_if(findings.begin(), findings.end(),
+                                 [](const DoctorFinding& finding) { return CodeOf(finding) != MonitorCode::kOk; });
+  const std::string more = bad > 1 ? " (and " + std::to_string(bad - 1) + " more)" : "";
+  return head + std::string(first->code) + " " + Visible(first->fact) + more + "\n";
+}
+
+Status MonitorStatus(MonitorCode code) { return {static_cast<ExitCode>(code), ""}; }
+
+// Why there is no result, in the line that a monitor shows.
+Status Unknown(Context& context, const Status& why) {
+  const std::string line = "QXRemConXfer UNKNOWN: " + Visible(why.Message()) + "\n";
+  if (Status printed = context.output.Data(line); !printed.IsOk()) return printed;
+  return MonitorStatus(MonitorCode::kUnknown);
+}
+
 DoctorPlaces PlacesOf(const Values& values) {
   DoctorPlaces places;
   places.module = FindModule(values.Text("--module"));
@@ -80,12 +136,16 @@ DoctorPlaces PlacesOf(const Values& values) {
   places.trace_settings_directory = values.Text("--settings", places.trace_settings_directory);
   places.process_directory = values.Text("--proc", places.process_directory);
   places.application = values.Text("--app", places.application);
+  if (values.Has("--stale")) places.stale_seconds = ParseDuration(values.Text("--stale"));
   return places;
 }
 
-Status Doctor(Context& context, const Values& values) {
+std::string_view CheckStale(std::string_view text) {
+  return ParseDuration(text) ? "" : "is not a length of time such as 90s, 10m, 2h or 1d";
+}
+
+Status Examine(Context& context, const Values& values, DoctorFindings& findings) {
   const DoctorPlaces places = PlacesOf(values);
-  DoctorFindings findings;
   CheckTraces(places, findings);
   CheckReports(places, findings);
   CheckRegistry(places, findings);
@@ -94,6 +154,21 @@ Status Doctor(Context& context, const Values& values) {
   CheckModule(places, findings);
   std::stable_sort(findings.begin(), findings.end(),
                    [](const DoctorFinding& a, const DoctorFinding& b) { return a.code < b.code; });
+  return {};
+}
+
+Status Monitor(Context& context, const Values& values) {
+  DoctorFindings findings;
+  if (Status status = Examine(context, values, findings); !status.IsOk()) return Unknown(context, status);
+  const MonitorCode code = CodeOf(findings);
+  if (Status printed = context.output.Data(MonitorLine(findings, code)); !printed.IsOk()) return printed;
+  return MonitorStatus(code);
+}
+
+Status Doctor(Context& context, const Values& values) {
+  if (values.Flag("--monitor")) return Monitor(context, values);
+  DoctorFindings findings;
+  if (Status status = Examine(context, values, findings); !status.IsOk()) return status;
   const Status status = StatusOf(findings);
   return ShowResult(
       context, values, [&] { return ToJson(findings, status); }, [&] { return ToText(findings); }, status);
@@ -122,7 +197,13 @@ constexpr Parameter kParameters[] = {
      .value = "NAME",
      .help = "Name of the application in the trace settings",
      .default_value = "QXRemConXfer"},
-    {.name = "--json", .help = "Print the findings as JSON"},
+    {.name = "--stale",
+     .kind = ValueKind::kText,
+     .value = "TIME",
+     .help = "Also find reports without a new record for this long: 90s, 10m, 2h, 1d",
+     .check = CheckStale},
+    {.name = "--monitor", .help = "Print one line; the code is 0 OK, 1 warning, 2 critical, 3 unknown"},
+    {.name = "--json", .help = "Print the findings as JSON", .excludes = {"--monitor"}},
 };
 
 }  // namespace

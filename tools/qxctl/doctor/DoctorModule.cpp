@@ -8,6 +8,7 @@
 #include <string>
 
 #include "provider/ModuleExports.h"
+#include "tools/qxctl/cli/text/Quote.h"
 #include "tools/qxctl/doctor/Doctor.h"
 #include "tools/qxctl/module/ChildRun.h"
 
@@ -71,17 +72,24 @@ std::string Load(const std::string& path) {
   return told;
 }
 
+// Checks the module where the suite installs it, or installs it there.
+std::string InstalledInstead() {
+  if (access(kInstalledModule, F_OK) != 0) return "apt-get install qxremconxfer";
+  return std::string("qxctl doctor --module ") + kInstalledModule;
+}
+
 void CheckLoading(const std::string& path, DoctorFindings& findings) {
   constexpr std::size_t kCodeChars = 6;
+  const std::string ldd = "ldd " + ShellWord(path);
   const ChildOutcome child = RunInChild(kLoadSeconds, [&] { return Load(path); });
   if (!child.trouble.empty()) {
-    findings.push_back({"QX102", path + ": while it is loaded: " + child.trouble});
+    findings.push_back({"QX102", InQuotes(path) + ": while it is loaded: " + child.trouble, ldd});
   } else if (child.text.starts_with("QX102")) {
-    findings.push_back({"QX102", child.text.substr(kCodeChars)});
+    findings.push_back({"QX102", child.text.substr(kCodeChars), ldd});
   } else if (child.text.starts_with("QX104")) {
-    findings.push_back({"QX104", path + " lacks " + child.text.substr(kCodeChars)});
+    findings.push_back({"QX104", InQuotes(path) + " lacks " + child.text.substr(kCodeChars), InstalledInstead()});
   } else {
-    findings.push_back({"QX100", path + " loads: " + child.text.substr(kCodeChars)});
+    findings.push_back({"QX100", InQuotes(path) + " loads: " + child.text.substr(kCodeChars), ""});
   }
 }
 
@@ -91,17 +99,18 @@ void CheckModule(const DoctorPlaces& places, DoctorFindings& findings) {
   std::error_code error;
   const std::string path = std::filesystem::absolute(places.module, error).string();
   if (path != kInstalledModule) {
-    findings.push_back({"QX106", "checked " + path + ", not " + kInstalledModule});
+    findings.push_back({"QX106", "checked " + InQuotes(path) + ", not " + InQuotes(kInstalledModule),
+                        std::string("qxctl doctor --module ") + kInstalledModule});
   }
   if (access(path.c_str(), F_OK) != 0) {
-    findings.push_back({"QX101", "there is no " + path});
+    findings.push_back({"QX101", "there is no " + InQuotes(path), InstalledInstead()});
     return;
   }
   if (const std::string open = WritableByOthers(path); !open.empty()) {
-    findings.push_back({"QX105", open + " can be written by everybody"});
+    findings.push_back({"QX105", InQuotes(open) + " can be written by everybody", "chmod o-w " + ShellWord(open)});
   }
   if (const std::string wrong = WrongKind(path); !wrong.empty()) {
-    findings.push_back({"QX103", path + ": " + wrong});
+    findings.push_back({"QX103", InQuotes(path) + ": " + wrong, "apt-get install --reinstall qxremconxfer"});
   } else {
     CheckLoading(path, findings);
   }

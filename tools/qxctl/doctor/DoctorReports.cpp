@@ -4,21 +4,30 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
-#include <fstream>
-#include <set>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "provider/ServerControlPaths.h"
 #include "registry/RegistryPaths.h"
 #include "reportfile/StoreFormat.h"
+#include "reportfile/tools/ReportSurvey.h"
+#include "tools/qxctl/cli/text/Duration.h"
+#include "tools/qxctl/cli/text/Quote.h"
 #include "tools/qxctl/doctor/Doctor.h"
+#include "tools/qxctl/store/ReportSettings.h"
+#include "tools/qxctl/store/ReportStates.h"
+#include "tools/qxctl/store/SettingCommands.h"
 
 namespace qx::ctl {
 
 namespace {
 
 namespace fs = std::filesystem;
+using report::ReportStatus;
 
 std::string DirectoryFromRegistry(const DoctorPlaces& places) {
   registry::StartAfresh(places.registry_directory.c_str());
@@ -40,67 +49,121 @@ std::string DirectoryFromElsewhere(const DoctorPlaces& places) {
   return directory;
 }
 
-// The directory that the module would use here and now.
+// The settings of the registry that is checked.
+ReportSettings SettingsOf(const DoctorPlaces& places) {
+  registry::StartAfresh(places.registry_directory.c_str());
+  ReportSettings settings = ReadReportSettings();
+  registry::StartAfresh(nullptr);
+  return settings;
+}
+
+// The registry's own file, which the commands change.
+std::string RegistryFile(const DoctorPlaces& places) { return places.registry_directory + "/registry"; }
+
+bool HasCarriageReturn(const std::string& text) { return text.find('\r') != std::string::npos; }
+
+// Makes the registry name a directory: as it seems to be meant, or as "qxctl setup" does.
+std::string NameCommand(const DoctorPlaces& places) {
+  const ReportSettings settings = SettingsOf(places);
+  const SettingCommands commands(places.registry_directory);
+  const bool has_registry = access(RegistryFile(places).c_str(), F_OK) == 0;
+  if (!has_registry) return commands.Setup();
+  const bool has_bad_ends = !settings.mistakes.empty() && HasCarriageReturn(settings.mistakes.front().value);
+  if (has_bad_ends) return RemoveCarriageReturnsCommand(RegistryFile(places));
+  if (!settings.mistakes.empty()) return commands.Fix(settings.mistakes.front(), settings.setup_key);
+  return commands.Set(settings.setup_key, kReportRoot, kDefaultReportDirectory);
+}
+
+// The directory as the module would find it here and now.
 std::string DirectoryOf(const DoctorPlaces& places, DoctorFindings& findings) {
   if (!places.report_directory.empty()) return places.report_directory;
   std::string directory = DirectoryFromRegistry(places);
   if (directory != DirectoryFromElsewhere(places)) {
-    findings.push_back({"QX302", "no value of the registry names the report directory; here it would be " + directory});
+    findings.push_back({"QX302",
+                        "no value of the registry names the report directory; here it would be " + InQuotes(directory),
+                        NameCommand(places)});
   }
   return directory;
 }
 
-// What is wrong with the header of a report, or nothing.
-std::string DamageOf(const std::string& base) {
-  const std::string path = report::IndexFileName(base);
-  std::ifstream file(path, std::ios::binary);
-  report::IndexHeader header;
-  if (!file.read(reinterpret_cast<char*>(&header), sizeof header)) {
-    return file.gcount() == 0 ? "" : "its header is cut short";  // an empty file is a store that was never written
-  }
+// Why a report's file cannot be read.
+std::string ReasonOf(const report::StoreVerdict& verdict) {
   std::error_code error;
-  const auto bytes = static_cast<std::int64_t>(fs::file_size(path, error));
-  if (header.maxRecord == 0) return "its ring has no slots";
-  if (header.highestIndex > header.maxRecord) return "more slots are in use than its ring has";
-  if (header.oldestIndex >= header.maxRecord) return "its oldest record is in no slot";
-  if (!error && header.highestIndex > 0 && report::SlotOffset(header.highestIndex) > bytes) {
-    return "its index file is too short for its records";
-  }
-  return "";
+  if (fs::is_directory(verdict.file, error)) return InQuotes(verdict.file) + " is a directory";
+  return InQuotes(verdict.file) + ": " + std::strerror(verdict.error);
 }
 
-void CheckReport(const std::string& base, DoctorFindings& findings) {
-  const std::string index = report::IndexFileName(base);
-  const std::string data = report::DataFileName(base);
-  const bool has_index = access(index.c_str(), F_OK) == 0;
-  const bool has_data = access(data.c_str(), F_OK) == 0;
-  if (!has_index || !has_data) {
-    findings.push_back({"QX304", (has_index ? index : data) + " is there, " + (has_index ? data : index) + " is not"});
+void CheckDamage(const ReportStatus& report, DoctorFindings& findings) {
+  const report::Finding& first = report.verdict.scan.findings.front();
+  const std::string index = report::IndexFileName(report.base_path);
+  const std::string data = report::DataFileName(report.base_path);
+  if (first.rule != "file.missing") {
+    findings.push_back({"QX305", InQuotes(report.base_path) + ": " + std::string(first.rule) + ": " + first.explanation,
+                        "qxctl report verify " + ShellWord(report.base_path)});
     return;
   }
-  for (const std::string& file : {index, data}) {
-    if (std::ifstream(file, std::ios::binary).peek() == EOF && fs::is_directory(file)) {
-      findings.push_back({"QX303", file + " is a directory"});
-      return;
-    }
-    const bool is_readable = access(file.c_str(), R_OK) == 0;
-    const int error = errno;
-    if (!is_readable) {
-      findings.push_back({"QX303", file + ": " + std::strerror(error)});
-      return;
-    }
-  }
-  if (const std::string damage = DamageOf(base); !damage.empty()) findings.push_back({"QX305", base + ": " + damage});
+  const bool has_data = first.file == report::StoreFile::kIndex;
+  findings.push_back(
+      {"QX304", InQuotes(has_data ? data : index) + " exists, " + InQuotes(has_data ? index : data) + " does not",
+       has_data
+           ? "qxctl report salvage " + ShellWord(report.base_path) + " --into " + ShellWord(report.base_path + "-saved")
+           : "rm -i " + ShellWord(index)});
 }
 
-// Names without endings.
-std::set<std::string> ReportsIn(const std::string& directory, std::error_code& error) {
-  std::set<std::string> reports;
-  for (fs::directory_iterator at(directory, error), end; !error && at != end; at.increment(error)) {
-    const fs::path& path = at->path();
-    if (path.extension() == ".ind" || path.extension() == ".dat") reports.insert(path.parent_path() / path.stem());
+// When the report last changed: its newest record, or without one the creation of its index file.
+std::optional<std::int64_t> SilenceOf(const ReportStatus& report) {
+  if (const auto age = AgeOf(report)) return age;
+  struct stat index;
+  if (stat(report::IndexFileName(report.base_path).c_str(), &index) != 0) return std::nullopt;
+  return std::time(nullptr) - index.st_mtim.tv_sec;
+}
+
+void CheckSilence(const ReportStatus& report, std::int64_t stale_seconds, DoctorFindings& findings) {
+  const auto silence = SilenceOf(report);
+  if (!silence || *silence <= stale_seconds) return;
+  findings.push_back({"QX308", InQuotes(report.base_path) + " has no new record for " + DurationText(*silence),
+                      "qxctl report status " + ShellWord(report.base_path)});
+}
+
+void CheckReport(const DoctorPlaces& places, const ReportStatus& report, DoctorFindings& findings) {
+  const report::StoreState state = report.verdict.state;
+  if (state == report::StoreState::kUnreadable) {
+    findings.push_back({"QX303", ReasonOf(report.verdict), "ls -l " + ShellWord(report.verdict.file)});
   }
-  return reports;
+  if (state == report::StoreState::kDamaged) CheckDamage(report, findings);
+  if (places.stale_seconds) CheckSilence(report, *places.stale_seconds, findings);
+}
+
+// Relative paths would not be what they are in another working directory.
+std::string AbsolutePath(const std::string& path) {
+  std::error_code error;
+  return fs::absolute(path, error).string();
+}
+
+void CheckDirectory(const DoctorPlaces& places, const std::string& directory, const report::FoundReports& found,
+                    DoctorFindings& findings) {
+  if (const std::string open = WritableByOthers(directory); !open.empty()) {
+    findings.push_back({"QX306", InQuotes(open) + " can be written by everybody", "chmod o-w " + ShellWord(open)});
+  }
+  for (const report::UnlistedDirectory& each : found.unlisted) {
+    const std::string path = directory + "/" + each.name;
+    findings.push_back({"QX303", InQuotes(path) + ": " + std::strerror(each.error), "ls -ld " + ShellWord(path)});
+  }
+  if (Space space = SpaceFor(directory); space.state != SpaceState::kEnough) {
+    findings.push_back(
+        {space.state == SpaceState::kFull ? "QX310" : "QX309", std::move(space.fact), std::move(space.command)});
+  }
+  if (places.stale_seconds && found.names.empty()) {
+    findings.push_back({"QX308", "there is no report in " + InQuotes(directory),
+                        "qxctl report create " + ShellWord(AbsolutePath(directory) + "/load") + " --slots 1000"});
+  }
+}
+
+// Makes the directory if it is the one that somebody has named; else names one.
+std::string CommandForMissing(const DoctorPlaces& places, const std::string& directory) {
+  if (HasCarriageReturn(directory)) return RemoveCarriageReturnsCommand(RegistryFile(places));
+  const bool is_named = !places.report_directory.empty() || SettingsOf(places).source != ReportSettings::Source::kNone;
+  return is_named && !directory.empty() ? MakeDirectoryCommand(directory) : NameCommand(places);
 }
 
 }  // namespace
@@ -108,23 +171,30 @@ std::set<std::string> ReportsIn(const std::string& directory, std::error_code& e
 void CheckReports(const DoctorPlaces& places, DoctorFindings& findings) {
   const std::size_t before = findings.size();
   const std::string directory = DirectoryOf(places, findings);
-  if (!directory.starts_with('/')) findings.push_back({"QX307", "the report directory is \"" + directory + "\""});
-  std::error_code error;
-  const std::set<std::string> reports = ReportsIn(directory, error);
-  if (error == std::errc::no_such_file_or_directory) {
-    findings.push_back({"QX301", "there is no " + directory});
+  if (!directory.starts_with('/')) {
+    findings.push_back({"QX307", "the report directory is " + InQuotes(directory), NameCommand(places)});
+  }
+  const report::FoundReports found = report::FindReports(directory);
+  if (found.error == ENOENT) {
+    findings.push_back({"QX301", "there is no " + InQuotes(directory), CommandForMissing(places, directory)});
     return;
   }
-  if (error) {
-    findings.push_back({"QX303", directory + ": " + error.message()});
+  if (found.error != 0) {
+    findings.push_back(
+        {"QX303", InQuotes(directory) + ": " + std::strerror(found.error), "ls -ld " + ShellWord(directory)});
     return;
   }
-  if (const std::string open = WritableByOthers(directory); !open.empty()) {
-    findings.push_back({"QX306", open + " can be written by everybody"});
+  CheckDirectory(places, directory, found, findings);
+  std::vector<std::string> base_paths;
+  for (const std::string& name : found.names) base_paths.push_back(directory + "/" + name);
+  for (const ReportStatus& report : report::StatusOfReports(base_paths, report::ReportCheck::kHeader)) {
+    CheckReport(places, report, findings);
   }
-  for (const std::string& report : reports) CheckReport(report, findings);
   if (findings.size() == before) {
-    findings.push_back({"QX300", directory + " holds " + std::to_string(reports.size()) + " reports"});
+    findings.push_back({"QX300",
+                        InQuotes(directory) + " has " + std::to_string(found.names.size()) +
+                            (found.names.size() == 1 ? " report" : " reports"),
+                        ""});
   }
 }
 

@@ -16,8 +16,10 @@
 #include <string>
 #include <utility>
 
+#include "tools/qxctl/cli/text/Quote.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/doctor/Doctor.h"
+#include "tools/qxctl/store/SettingCommands.h"
 
 namespace qx::ctl {
 
@@ -36,22 +38,36 @@ std::string CheckSettings(const DoctorPlaces& places, DoctorFindings& findings) 
   std::string directory;
   for (const SettingSource& source : debug::ReadSettingSources(places.application, places.trace_settings_directory)) {
     if (source.setting == "trace directory") directory = source.value;
-    const std::string fact = source.setting + " is " + Visible(source.value) + ", from ";
-    if (source.kind == SettingSource::Kind::kEnvironment) findings.push_back({"QX401", fact + source.name});
+    const bool is_path = source.setting == "trace directory";
+    const std::string value = is_path ? InQuotes(source.value) : source.value;
+    const std::string fact = source.setting + " is " + value + ", from ";
+    if (source.kind == SettingSource::Kind::kEnvironment)
+      findings.push_back({"QX401", fact + source.name, "qxctl trace config"});
     if (source.kind != SettingSource::Kind::kFile) continue;
-    findings.push_back(
-        {"QX401", fact + source.name + " in [" + Visible(source.section) + "] of " + Visible(source.file)});
+    findings.push_back({"QX401",
+                        fact + source.name + " in [" + Visible(source.section) + "] of " + InQuotes(source.file),
+                        "qxctl trace config"});
   }
   return directory;
 }
 
+// "QX_LOG_DEBUG_LEVEL", "0x10" => export QX_LOG_DEBUG_LEVEL=16
+std::string InDecimal(const std::string& name, const char* value) {
+  char* end = nullptr;
+  const unsigned long number = std::strtoul(value, &end, 0);
+  const bool is_number = end != value && *end == '\0';
+  return is_number ? "export " + name + "=" + std::to_string(number) : "unset " + name;
+}
+
 void CheckVariables(DoctorFindings& findings) {
-  if (std::getenv("QX_LOG_FILE_DIR") != nullptr) findings.push_back({"QX402", "QX_LOG_FILE_DIR is set"});
+  if (std::getenv("QX_LOG_FILE_DIR") != nullptr)
+    findings.push_back(
+        {"QX402", "QX_LOG_FILE_DIR is set", "export QX_LOG_RINGBUF_DIR=\"$QX_LOG_FILE_DIR\"; unset QX_LOG_FILE_DIR"});
   for (const char* const name : {"QX_LOG_DEBUG_LEVEL", "QX_LOG_DYNAMIC_UPDATE", "QX_LOG_FILE_MAX_SIZE",
                                  "QX_LOG_NOHDR_TOSDTERR", "QX_LOG_RINGBUF_WEIGHT", "TraceFileLimit"}) {
     const char* const value = std::getenv(name);
     if (value != nullptr && !IsDecimal(value)) {
-      findings.push_back({"QX410", std::string(name) + " is \"" + Visible(value) + "\""});
+      findings.push_back({"QX410", std::string(name) + " is " + InQuotes(value), InDecimal(name, value)});
     }
   }
 }
@@ -75,7 +91,9 @@ void CheckSettingsFiles(const DoctorPlaces& places, DoctorFindings& findings) {
     if (at->path().filename().string().find(".ini") != std::string::npos) files.insert(at->path());
   }
   for (const fs::path& file : files) {
-    if (!IsComplete(file)) findings.push_back({"QX407", file.string() + " does not end with [EndOfFile]"});
+    if (!IsComplete(file))
+      findings.push_back({"QX407", InQuotes(file.string()) + " does not end with [EndOfFile]",
+                          "echo '[EndOfFile]' >>" + ShellWord(file.string())});
   }
 }
 
@@ -83,18 +101,22 @@ void CheckSettingsFiles(const DoctorPlaces& places, DoctorFindings& findings) {
 bool CheckDirectory(const std::string& directory, DoctorFindings& findings) {
   struct stat found;
   if (stat(directory.c_str(), &found) != 0) {
-    findings.push_back({"QX403", "there is no " + directory});
+    findings.push_back({"QX403", "there is no " + InQuotes(directory), MakeDirectoryCommand(directory)});
     return false;
   }
   if (!S_ISDIR(found.st_mode)) {
-    findings.push_back({"QX404", directory + " is not a directory"});
+    findings.push_back({"QX404", InQuotes(directory) + " is not a directory", "ls -ld " + ShellWord(directory)});
     return false;
   }
   const bool is_writable = access(directory.c_str(), W_OK | X_OK) == 0;
   const int error = errno;
-  if (!is_writable) findings.push_back({"QX404", directory + ": " + std::strerror(error)});
+  if (!is_writable)
+    findings.push_back({"QX404", InQuotes(directory) + ": " + std::strerror(error), "ls -ld " + ShellWord(directory)});
   if (const std::string open = WritableByOthers(directory); !open.empty()) {
-    findings.push_back({"QX409", open + " can be written by everybody"});
+    findings.push_back({"QX409", InQuotes(open) + " can be written by everybody", "chmod o-w " + ShellWord(open)});
+  }
+  if (Space space = SpaceFor(directory); space.state != SpaceState::kEnough) {
+    findings.push_back({"QX411", std::move(space.fact), std::move(space.command)});
   }
   return true;
 }
@@ -140,14 +162,14 @@ void CheckWriters(const DoctorPlaces& places, const std::string& directory, Doct
   OpenFiles files(directory);
   files.CheckAll(places.process_directory);
   for (const auto& [file, processes] : files.Processes()) {
-    std::string text = file + " is open in ";
-    for (const std::string& process : processes) {
-      text.append(process == *processes.begin() ? "" : ", ").append(process);
-    }
-    findings.push_back({processes.size() > 1 ? "QX405" : "QX406", std::move(text)});
+    std::string ids;
+    for (const std::string& process : processes) ids += (ids.empty() ? "" : ",") + process;
+    findings.push_back(
+        {processes.size() > 1 ? "QX405" : "QX406", InQuotes(file) + " is open in process " + ids, "ps -fp " + ids});
   }
   if (files.Unseen() > 0) {
-    findings.push_back({"QX408", std::to_string(files.Unseen()) + " processes could not be checked"});
+    findings.push_back(
+        {"QX408", std::to_string(files.Unseen()) + " processes could not be checked", "sudo qxctl doctor"});
   }
 }
 
@@ -161,7 +183,7 @@ void CheckTraces(const DoctorPlaces& places, DoctorFindings& findings) {
   if (CheckDirectory(directory, findings)) CheckWriters(places, directory, findings);
   const auto is_bad = [](const DoctorFinding& finding) { return SeverityOf(finding.code) == Severity::kWarning; };
   if (std::none_of(findings.begin() + static_cast<std::ptrdiff_t>(before), findings.end(), is_bad)) {
-    findings.push_back({"QX400", "traces can be written into " + directory});
+    findings.push_back({"QX400", "traces can be written into " + InQuotes(directory), ""});
   }
 }
 

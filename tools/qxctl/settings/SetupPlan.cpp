@@ -143,7 +143,7 @@ std::string RepairedBytes(const SetupPlaces& places, const SettingCommands& comm
     if (bytes) needed.push_back(commands.Import(fallback));
   }
   if (!bytes || !HasCarriageReturns(*bytes)) return bytes.value_or("");
-  needed.push_back("sed -i 's/\\r$//' " + ShellWord(path));
+  needed.push_back(RemoveCarriageReturnsCommand(path));
   return WithoutCarriageReturns(std::move(*bytes));
 }
 

@@ -79,9 +79,14 @@ Status NoReportDirectory(const std::string& directory) {
                                      std::string(WhatNamesTheDirectory(ReadReportSettings())) +
                                      "; \"qxctl setup\" shows how to name one"};
   }
+  const ReportSettings settings = ReadReportSettings();
+  if (settings.source == ReportSettings::Source::kNone) {
+    return {ExitCode::kNotFound,
+            "there is no report directory " + Visible(directory) + " (" + WhatNamesTheDirectory(settings) + ")"};
+  }
   return {ExitCode::kNotFound, "there is no report directory " + Visible(directory) + "; \"install -d -m 0755 " +
-                                   Visible(ShellWord(directory)) + "\" makes it (" +
-                                   WhatNamesTheDirectory(ReadReportSettings()) + ")"};
+                                   Visible(ShellWord(directory)) + "\" makes it (" + WhatNamesTheDirectory(settings) +
+                                   ")"};
 }
 
 }  // namespace qx::ctl

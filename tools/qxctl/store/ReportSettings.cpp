@@ -158,8 +158,13 @@ std::string WhatNamesTheDirectory(const ReportSettings& settings) {
     case ReportSettings::Source::kNone:
       break;
   }
-  return "no registry value names a report directory, so it is \"Reports\" in the working directory; \"qxctl setup\" "
-         "names one";
+  const std::string none =
+      "no registry value names a report directory, so it is \"Reports\" in the working directory; ";
+  if (settings.mistakes.empty()) return none + "\"qxctl setup\" names one";
+  const SettingMistake& first = settings.mistakes.front();
+  const bool is_typo = first.kind != SettingMistake::Kind::kNoString;
+  return none + Visible(first.found) + (is_typo ? " is nearly " + first.expected : " is not a string") +
+         ", and \"qxctl doctor\" shows how to correct it";
 }
 
 }  // namespace qx::ctl

@@ -7,6 +7,8 @@ namespace qx::ctl {
 
 std::string MakeDirectoryCommand(std::string_view directory) { return "install -d -m 0755 " + ShellWord(directory); }
 
+std::string RemoveCarriageReturnsCommand(std::string_view file) { return "sed -i 's/\\r$//' " + ShellWord(file); }
+
 SettingCommands::SettingCommands(std::string_view registry_directory) {
   if (registry_directory != registry::kSystemDirectory) option_ = " --directory " + ShellWord(registry_directory);
 }

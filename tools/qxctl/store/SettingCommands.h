@@ -11,6 +11,9 @@ namespace qx::ctl {
 // "install -d -m 0755 DIR"
 [[nodiscard]] std::string MakeDirectoryCommand(std::string_view directory);
 
+// "sed -i 's/\r$//' FILE"
+[[nodiscard]] std::string RemoveCarriageReturnsCommand(std::string_view file);
+
 // Commands that change the registry in one directory. The option --directory is left out for the system's.
 //
 // Threads: any number.
