@@ -190,6 +190,15 @@ bool RecordReader::ReadSingly(std::uint32_t slot, std::size_t bytes_max, std::st
   return error_ == 0;
 }
 
+int RecordReader::ReadSlots(std::uint32_t first_slot, std::span<std::uint32_t> offsets) {
+  const LockScope scope(store_.lock_);
+  if (!store_.IsOpen()) return EBADF;
+  const file::Progress progress =
+      ReadAt(store_.index_file_, SlotOffset(first_slot), offsets.data(), offsets.size_bytes());
+  for (std::uint32_t& missing : offsets.subspan(progress.bytes / sizeof offsets[0])) missing = 0;
+  return progress.error;
+}
+
 TakenRecords RecordReader::Take(std::uint32_t first_slot, const TakeLimits& limits, std::string* out) {
   const LockScope scope(store_.lock_);
   error_ = 0;

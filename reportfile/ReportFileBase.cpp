@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -54,24 +53,6 @@ int ReadValueAt(std::FILE* file, std::int64_t offset, T& value) {
 // with a slot is read.
 bool WriteRecordAt(std::FILE* file, std::uint32_t offset, std::string_view text) {
   return WriteAt(file, offset, text, kLineEndAndMarker) >= text.size() + kLineEnd.size();
-}
-
-// The header as it is after the next record, which ends at `marker_offset`.
-IndexHeader HeaderAfterRecord(IndexHeader header, std::int64_t marker_offset) {
-  AdvanceRing(header);
-  header.writePosition = Low32(marker_offset);
-  header.fileEnd = std::max(header.fileEnd, header.writePosition);
-  ++header.elementCount;
-  if (DataFileRestarts(header)) RestartDataFile(header);
-  return header;
-}
-
-// True, with the file's size, for an index file that has no header yet.
-bool LacksHeader(std::FILE* index_file, std::int64_t& size) {
-  struct stat status;
-  if (StatusOf(fileno(index_file), status) != 0) return false;
-  size = status.st_size;
-  return size < SlotOffset(0);
 }
 
 // Header and slot 0 in one write: a kill never leaves a slot after 24 bytes that nobody wrote, which would read as a
@@ -172,7 +153,7 @@ bool CReportFileBase::writeLine(const char* text) {
   // In this order, so that a reader or a crash between two of the calls never finds a slot without its record.
   if (!WriteRecordAt(data_file_, record_offset, record)) return false;
   const std::uint32_t slot = SlotForNewRecord(header_);
-  const IndexHeader after = HeaderAfterRecord(header_, MarkerOffset(record_offset, record.size()));
+  const IndexHeader after = HeaderAfterRecords(header_, 1, MarkerOffset(record_offset, record.size()));
   std::int64_t index_size = 0;
   if (slot == 0 && LacksHeader(index_file_, index_size)) {
     if (!WriteFirstSlot(index_file_, index_size, after, record_offset)) return false;

@@ -15,6 +15,7 @@
 
 namespace qx::report {
 class RecordReader;
+class RecordWriter;
 }  // namespace qx::report
 
 // One report's store, open for writing, open for reading, or closed. Exported: the agents that keep reports use it.
@@ -99,6 +100,7 @@ class [[gnu::visibility("default")]] CReportFileBase {
 
  private:
   friend class qx::report::RecordReader;
+  friend class qx::report::RecordWriter;
 
   [[nodiscard]] bool CloseAfterReadError();
   [[nodiscard]] bool IsOpen() const { return data_file_ != nullptr && index_file_ != nullptr; }

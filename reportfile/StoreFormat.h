@@ -88,13 +88,14 @@ constexpr std::uint32_t SlotForNewRecord(const IndexHeader& header) {
   return header.highestIndex < header.maxRecord ? header.highestIndex : header.oldestIndex;
 }
 
-// Counts the record that SlotForNewRecord placed: one more slot in use, or the next oldest one.
-constexpr void AdvanceRing(IndexHeader& header) {
+// Counts the record that SlotForNewRecord placed: one more slot in use, or the next oldest one. More records than one
+// must be a part (RecordsInPart).
+constexpr void AdvanceRing(IndexHeader& header, std::uint32_t records = 1) {
   if (header.highestIndex < header.maxRecord) {
-    ++header.highestIndex;
+    header.highestIndex += records;
     return;
   }
-  const std::uint32_t next = header.oldestIndex + 1;
+  const std::uint32_t next = header.oldestIndex + records;
   header.oldestIndex = next < header.maxRecord ? next : 0;
 }
 
@@ -136,6 +137,32 @@ constexpr bool DataFileRestarts(const IndexHeader& header) {
 constexpr void RestartDataFile(IndexHeader& header) {
   header.fileEnd = header.writePosition;
   header.writePosition = 0;
+}
+
+// How many of the next records are a part at most: records whose slots are neighbours, and between which the data file
+// does not restart. Such records can be appended at once. At least 1; for a header that no writer leaves always 1.
+//   5 slots, 3 used                     => 2, then the ring wraps
+//   5 slots, all used, oldestIndex 1    => 4
+//   5 slots, all used, 9 records so far => 1, then the data file restarts
+constexpr std::uint32_t RecordsInPart(const IndexHeader& header) {
+  constexpr std::uint32_t kAny = 0xFFFFFFFF;
+  if (!HasPlausibleRing(header)) return 1;
+  const std::uint32_t to_ring_end = header.maxRecord - SlotForNewRecord(header);
+  const std::uint32_t period = RecordsPerRound(header);
+  const std::uint32_t to_restart = period != 0 ? period - RecordsInRound(header) : kAny;
+  const std::uint32_t to_count_wrap = header.elementCount != 0 ? 0 - header.elementCount : kAny;
+  const std::uint32_t to_end = to_ring_end < to_restart ? to_ring_end : to_restart;
+  return to_end < to_count_wrap ? to_end : to_count_wrap;
+}
+
+// The header as it is after the next `records` records, which are a part, with the marker at `marker_offset`.
+constexpr IndexHeader HeaderAfterRecords(IndexHeader header, std::uint32_t records, std::int64_t marker_offset) {
+  AdvanceRing(header, records);
+  header.writePosition = Low32(marker_offset);
+  if (header.fileEnd < header.writePosition) header.fileEnd = header.writePosition;
+  header.elementCount += records;
+  if (DataFileRestarts(header)) RestartDataFile(header);
+  return header;
 }
 
 }  // namespace qx::report

@@ -176,4 +176,11 @@ StoreStreams OpenToWrite(const std::string& base_path) {
   return streams;
 }
 
+bool LacksHeader(std::FILE* index_file, std::int64_t& size) {
+  struct stat status;
+  if (file::StatusOf(fileno(index_file), status) != 0) return false;
+  size = status.st_size;
+  return size < SlotOffset(0);
+}
+
 }  // namespace qx::report

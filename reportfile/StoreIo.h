@@ -43,6 +43,9 @@ struct StoreStreams {
 // failed, with the error number of that step in errno. Throws as OpenToRead. [any thread]
 [[nodiscard]] StoreStreams OpenToWrite(const std::string& base_path);
 
+// True, with the file's size, for an index file that holds no header yet. [any thread]
+[[nodiscard]] bool LacksHeader(std::FILE* index_file, std::int64_t& size);
+
 // Up to `size` bytes at `offset`: file::ReadAt on the stream's descriptor.
 [[nodiscard]] inline file::Progress ReadAt(std::FILE* file, std::int64_t offset, void* to, std::size_t size) {
   return file::ReadAt(fileno(file), offset, to, size);

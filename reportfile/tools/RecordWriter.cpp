@@ -1,0 +1,140 @@
+#include "reportfile/tools/RecordWriter.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <limits>
+
+#include "base/CriticalSection.h"
+#include "reportfile/ReportFileBase.h"
+#include "reportfile/StoreFormat.h"
+#include "reportfile/StoreIo.h"
+
+namespace qx::report {
+
+namespace {
+
+// A part's texts are copied into one buffer that stays in the processor's cache.
+constexpr std::int64_t kPartBytesMax = std::int64_t{256} * 1024;
+
+// Slots hold no offset beyond this one.
+constexpr std::int64_t kOffsetMax = std::numeric_limits<std::uint32_t>::max();
+
+std::string_view BytesOf(std::span<const std::uint32_t> offsets) {
+  return {reinterpret_cast<const char*>(offsets.data()), offsets.size_bytes()};
+}
+
+}  // namespace
+
+AppendedRecords RecordWriter::Append(std::span<const std::string_view> texts) {
+  const LockScope scope(store_.lock_);
+  if (!store_.IsOpen()) return {0, EBADF};
+  std::size_t stored = 0;
+  try {
+    while (stored < texts.size()) {
+      const AppendedRecords part = AppendPart(texts.subspan(stored));
+      stored += part.stored;
+      if (part.error != 0) return {stored, part.error};
+    }
+  } catch (const std::exception&) {  // before anything of the part is written
+    return {stored, ENOMEM};
+  }
+  return {stored, 0};
+}
+
+// Decides which records the part has, and where they go. Returns where the end marker goes.
+std::int64_t RecordWriter::LayOut(std::span<const std::string_view> texts) {
+  const std::int64_t start = store_.header_.writePosition;
+  const std::size_t records_max = std::min<std::size_t>(texts.size(), RecordsInPart(store_.header_));
+  std::int64_t end = start;
+  offsets_.clear();
+  for (const std::string_view text : texts.first(records_max)) {
+    const std::int64_t next = end + static_cast<std::int64_t>(text.size() + kLineEnd.size());
+    if (!offsets_.empty() && (next > kOffsetMax || next - start > kPartBytesMax)) break;
+    offsets_.push_back(Low32(end));
+    end = next;
+  }
+  bytes_.clear();
+  if (offsets_.size() == 1) return end;
+  for (const std::string_view text : texts.first(offsets_.size())) bytes_.append(text).append(kLineEnd);
+  return end;
+}
+
+std::int64_t RecordWriter::EndOf(std::size_t record, std::int64_t end) const {
+  return record + 1 < offsets_.size() ? offsets_[record + 1] : end;
+}
+
+// As in writeLine, a record is good once its text and line end are in the data file, and it is indexed once its slot is
+// written. What is good before an error is kept.
+AppendedRecords RecordWriter::AppendPart(std::span<const std::string_view> texts) {
+  const std::uint32_t slot = SlotForNewRecord(store_.header_);
+  std::int64_t index_size = 0;
+  if (slot == 0 && LacksHeader(store_.index_file_, index_size)) return AppendFirst(texts.front());
+
+  const std::int64_t start = store_.header_.writePosition;
+  const std::int64_t end = LayOut(texts);
+  const bool is_one = offsets_.size() == 1;
+  const std::size_t bytes_written = WriteAt(store_.data_file_, start, is_one ? texts.front() : std::string_view(bytes_),
+                                            is_one ? kLineEndAndMarker : kEndMarker);
+  int error = errno;
+  std::size_t good = 0;
+  while (good < offsets_.size() && EndOf(good, end) - start <= static_cast<std::int64_t>(bytes_written)) ++good;
+  if (good == 0) return {0, error};
+
+  const std::size_t slot_bytes =
+      WriteAt(store_.index_file_, SlotOffset(slot), BytesOf(std::span(offsets_).first(good)));
+  const std::size_t stored = slot_bytes / sizeof(std::uint32_t);
+  if (stored < good) error = errno;
+  if (stored > 0) Count(static_cast<std::uint32_t>(stored), EndOf(stored - 1, end));
+  return {stored, stored < offsets_.size() ? error : 0};
+}
+
+// The first record of a new store: its slot and the header are one write, which must not be cut in the middle of slots.
+AppendedRecords RecordWriter::AppendFirst(std::string_view text) {
+  if (!store_.writeLine(std::string(text).c_str())) return {0, errno};
+  return {1, 0};
+}
+
+void RecordWriter::Count(std::uint32_t records, std::int64_t marker_offset) {
+  store_.header_ = HeaderAfterRecords(store_.header_, records, marker_offset);
+  (void)store_.writePositionsToFile();  // the next record writes it again
+}
+
+int RecordWriter::StartRing(std::uint32_t slots) {
+  std::int64_t size = 0;
+  if (!store_.IsOpen()) return EBADF;
+  if (!LacksHeader(store_.index_file_, size)) return 0;
+  store_.header_ = {.maxRecord = RingSize(slots)};
+  return store_.writePositionsToFile() == 0 ? 0 : errno;
+}
+
+std::uint32_t RecordWriter::FinishInterrupted() {
+  const LockScope scope(store_.lock_);
+  std::int64_t end = 0;
+  const std::uint32_t records = CountUncounted(store_, &end);
+  if (records == 0 || WriteAt(store_.data_file_, end, kEndMarker) != kEndMarker.size()) return 0;
+  Count(records, end);
+  return records;
+}
+
+// The slot of the oldest record leads to where the next record goes only if that record is written there. Between two
+// appends the end marker is there, and directly after a restart no slot in use leads to offset 0. A free slot that was
+// written leads nowhere, as long as the header does not count it.
+std::uint32_t CountUncounted(CReportFileBase& store, std::int64_t* end) {
+  const IndexHeader& header = store.header();
+  if (!HasPlausibleRing(header) || header.highestIndex < header.maxRecord) return 0;
+  const std::uint32_t first_slot = SlotForNewRecord(header);
+  const std::uint32_t records_max = RecordsInPart(header);
+  std::int64_t next = header.writePosition;
+  std::uint32_t records = 0;
+  for (std::string text; records < records_max; ++records) {
+    const std::uint32_t slot = first_slot + records;
+    if (store.getPositionFromIndexFile(slot) != next || !store.readLine(text, slot)) break;
+    if (!text.ends_with(kLineEnd) || (records == 0 && text == kEndMarker)) break;
+    next += static_cast<std::int64_t>(text.size());
+  }
+  if (end != nullptr) *end = next;
+  return records;
+}
+
+}  // namespace qx::report

@@ -1,0 +1,67 @@
+// Appends many records at once to an open store.
+//
+// The records are split into parts: a part ends where the ring or the data file wraps, and after about 256 KiB of text.
+// Each part is three writes, as a single record is, in the same order: the texts with the end marker after them, the
+// slots, the header. The files are byte for byte those that CReportFileBase::writeLine leaves for the same records.
+//
+// What differs is a crash or kill between slots and header. Then the slots of the oldest records, as many as the part
+// has, already lead to the new records, and the header does not count them. FinishInterrupted, called by the next
+// writer, counts them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class CReportFileBase;
+
+namespace qx::report {
+
+struct IndexHeader;
+
+// How many of the texts are records now, counted from the first, and why the next one is not.
+struct AppendedRecords {
+  std::size_t stored = 0;
+  int error = 0;  // the error number; 0: all are stored
+};
+
+// How many records of a full ring are written, texts and slots, but not counted by the header: a part that is being
+// appended, or that a killed writer left. They have the slots of the oldest records. 0 for any other store, and for one
+// that cannot be read. `end`, if not null, becomes the offset after the last of them. [any thread]
+[[nodiscard]] std::uint32_t CountUncounted(CReportFileBase& store, std::int64_t* end = nullptr);
+
+// Threads: Append may be called from any thread at once; it holds the store's lock. The rest belongs to one thread.
+// Owns: buffers of at most 300 KiB. Borrows the store, which must outlive it.
+// Failure: an error number. A record that is not stored leaves header and slots as writeLine does.
+class RecordWriter {
+ public:
+  explicit RecordWriter(CReportFileBase& store) : store_(store) {}
+
+  // Appends the texts in order. A text that holds a line feed, a NUL or a byte 0xFF is stored like any other, and is
+  // not read back whole: the caller checks. EBADF for a store that is not open, ENOMEM without memory. [any thread]
+  [[nodiscard]] AppendedRecords Append(std::span<const std::string_view> texts);
+
+  // Gives a store whose index file holds no header yet a ring of `slots` slots, and writes the header. Another store
+  // stays as it is. Returns 0 or the error number. [owning thread]
+  [[nodiscard]] int StartRing(std::uint32_t slots);
+
+  // Counts the records of a part that a killed writer left in a full ring: their slots are written, and the header is
+  // not. Returns how many; 0 also if the files cannot be read. Only for the one writer of the store. [owning thread]
+  [[nodiscard]] std::uint32_t FinishInterrupted();
+
+ private:
+  [[nodiscard]] AppendedRecords AppendPart(std::span<const std::string_view> texts);
+  [[nodiscard]] AppendedRecords AppendFirst(std::string_view text);
+  [[nodiscard]] std::int64_t LayOut(std::span<const std::string_view> texts);
+  [[nodiscard]] std::int64_t EndOf(std::size_t record, std::int64_t end) const;
+  void Count(std::uint32_t records, std::int64_t marker_offset);
+
+  CReportFileBase& store_;
+  std::vector<std::uint32_t> offsets_;  // of the records of the part
+  std::string bytes_;                   // their texts and line ends
+};
+
+}  // namespace qx::report
