@@ -37,6 +37,8 @@ MODULE = set(LAYERS)
 LAYERS["base/tools"] = {"base"}
 for folder in ("debug", "inifile", "registry", "reportfile"):
     LAYERS[f"{folder}/tools"] = LAYERS[folder] | {folder, "base/tools"}
+# What agents link, above what the module consists of.
+LAYERS["sdk"] = {"base", "paths", "reportfile", "reportfile/tools"}
 FOLDER_TOOLS = set(LAYERS) - MODULE
 
 # The areas of the command line tool, and which of the others each may include.

@@ -1,0 +1,240 @@
+#include "sdk/Reader.h"
+
+#include <algorithm>
+#include <limits>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "reportfile/tools/ReportFollower.h"
+#include "sdk/Cursor.h"
+#include "sdk/Errors.h"
+#include "sdk/StoreSnapshot.h"
+
+namespace qx {
+
+namespace {
+
+using report::LookEvent;
+using report::ReportLook;
+using sdk::MakeError;
+using sdk::StoreSnapshot;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr std::uint32_t kWindowRecords = 4096;
+constexpr milliseconds kPauseMax{20};
+
+// A record as the follower sees it: its state, so that a text that is overwritten does not match one that was whole,
+// and its text.
+std::string Encoded(const Record& record) {
+  return static_cast<char>('0' + static_cast<int>(record.state)) + record.text;
+}
+
+Record Decoded(std::string&& text) {
+  const auto state = static_cast<RecordState>(text.front() - '0');
+  text.erase(0, 1);
+  return {.text = std::move(text), .state = state};
+}
+
+ReadEvent EventOf(LookEvent event) {
+  switch (event) {
+    case LookEvent::kNone:
+      break;
+    case LookEvent::kGap:
+      return ReadEvent::kGap;
+    case LookEvent::kAmbiguous:
+      return ReadEvent::kAmbiguous;
+    case LookEvent::kStartedOver:
+      return ReadEvent::kStartedOver;
+  }
+  return ReadEvent::kNone;
+}
+
+// The files of a report as the follower wants them.
+class FileSource : public report::RecordSource {
+ public:
+  explicit FileSource(std::string path) : path_(std::move(path)) {}
+
+  bool Refresh() override {
+    error_ = snapshot_.Take(path_);
+    return !error_.Failed();
+  }
+
+  bool Read(std::uint32_t start, std::uint32_t count_max, std::vector<std::string>& records) override {
+    if (start == 0 && !Refresh()) return false;
+    std::vector<Record> read;
+    error_ = snapshot_.Read(start, count_max, read);
+    if (error_.Failed()) return false;
+    for (const Record& record : read) records.push_back(Encoded(record));
+    return true;
+  }
+
+  [[nodiscard]] bool HasMoved() const { return StoreSnapshot::HasMoved(path_, snapshot_.Header()); }
+  [[nodiscard]] const Error& LastError() const { return error_; }
+
+ private:
+  std::string path_;
+  StoreSnapshot snapshot_;
+  Error error_;
+};
+
+}  // namespace
+
+struct Reader::Parts {
+  Parts(const std::string& base_path, report::ReportPosition position)
+      : path(base_path), source(base_path), follower(source, std::move(position)) {}
+
+  std::string path;
+  Error error;
+
+  StoreSnapshot snapshot;
+  std::vector<Record> window;  // of the snapshot
+  std::uint32_t window_age = 0;
+
+  FileSource source;
+  report::ReportFollower follower;
+  ReportLook look;           // what Next has read ...
+  std::size_t returned = 0;  // ... and how many of its records it has returned
+  bool has_reached_end = false;
+  ReadEvent event = ReadEvent::kNone;  // of the next record
+  std::optional<std::uint64_t> lost;
+
+  [[nodiscard]] const Record* RecordAt(std::uint32_t age);
+  [[nodiscard]] Error LookUntil(steady_clock::time_point end);
+  [[nodiscard]] bool Look();
+  [[nodiscard]] bool HasRecord() const { return returned < look.records.size(); }
+  [[nodiscard]] Record TakeNext();
+};
+
+const Record* Reader::Parts::RecordAt(std::uint32_t age) {
+  error = {};
+  if (age >= snapshot.Count()) return nullptr;
+  const bool is_held = age >= window_age && age - window_age < window.size();
+  if (!is_held) {
+    window.clear();
+    window_age = age;
+    error = sdk::WithoutExceptions([&] { return snapshot.Read(age, kWindowRecords, window); });
+    if (error.Failed() || window.empty()) return nullptr;
+  }
+  return &window[age - window_age];
+}
+
+// Looks for new records until there are some, or the time is over.
+Error Reader::Parts::LookUntil(steady_clock::time_point end) {
+  for (milliseconds pause{1};; pause = std::min(2 * pause, kPauseMax)) {
+    if (!has_reached_end || source.HasMoved()) {
+      if (!Look()) return source.LastError();
+      if (HasRecord()) return {};
+    }
+    const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
+    if (left <= milliseconds(0)) return {};
+    std::this_thread::sleep_for(std::min(pause, left));
+  }
+}
+
+// What the last look found has been returned. An event without records is reported with the next record.
+bool Reader::Parts::Look() {
+  follower.Delivered(returned);
+  look = {};
+  returned = 0;
+  if (!follower.Look(kWindowRecords, look)) return false;
+  has_reached_end = look.reached_end;
+  if (look.event == LookEvent::kNone) return true;
+  event = EventOf(look.event);
+  lost = look.lost;
+  return true;
+}
+
+Record Reader::Parts::TakeNext() {
+  Record record = Decoded(std::move(look.records[returned++]));
+  record.event = std::exchange(event, ReadEvent::kNone);
+  record.lost = std::exchange(lost, std::nullopt);
+  return record;
+}
+
+Reader::Reader() = default;
+Reader::~Reader() = default;
+
+Error Reader::Open(const std::string& path) { return Open(path, std::string_view()); }
+
+Error Reader::Open(const std::string& path, std::string_view cursor) {
+  Close();
+  return sdk::WithoutExceptions([&]() -> Error {
+    if (path.empty() || path.find('\0') != std::string::npos) {
+      return MakeError(ErrorCode::kBadArgument, "the path of a report is empty or contains a NUL");
+    }
+    const auto position = cursor.empty() ? report::ReportPosition() : sdk::CursorOfText(cursor);
+    if (!position.has_value()) return MakeError(ErrorCode::kBadArgument, "the text is not the cursor of a report");
+    auto parts = std::make_unique<Parts>(path, *position);
+    Error error = parts->snapshot.Take(path);
+    if (!error.Failed()) parts_ = std::move(parts);
+    return error;
+  });
+}
+
+Error Reader::Refresh() {
+  return sdk::WithoutExceptions([&]() -> Error {
+    if (parts_ == nullptr) return MakeError(ErrorCode::kNotOpen, "no report is open");
+    parts_->window.clear();
+    return parts_->snapshot.Take(parts_->path);
+  });
+}
+
+std::uint32_t Reader::Count() const { return parts_ != nullptr ? parts_->snapshot.Count() : 0; }
+
+Error Reader::Read(std::uint32_t age, Record& record) {
+  return sdk::WithoutExceptions([&]() -> Error {
+    if (parts_ == nullptr) return MakeError(ErrorCode::kNotOpen, "no report is open");
+    if (age >= Count()) {
+      return MakeError(ErrorCode::kBadArgument, "there is no record of age " + std::to_string(age) + ", only " +
+                                                    std::to_string(Count()) + " records");
+    }
+    const Record* const found = parts_->RecordAt(age);
+    if (found != nullptr) record = *found;
+    return parts_->error;
+  });
+}
+
+const Record* Reader::RecordAt(std::uint32_t age) { return parts_ != nullptr ? parts_->RecordAt(age) : nullptr; }
+
+Reader::Iterator Reader::begin() { return begin(0); }
+
+Reader::Iterator Reader::begin(std::uint32_t age) {
+  if (parts_ != nullptr) parts_->window.clear();  // each loop sees the files as they are now
+  return {this, age};
+}
+
+Reader::Iterator Reader::end() { return {}; }
+
+Reader::Iterator& Reader::Iterator::operator++() {
+  record_ = reader_->RecordAt(++age_);
+  return *this;
+}
+
+std::optional<Record> Reader::Next(milliseconds timeout) {
+  if (parts_ == nullptr) return std::nullopt;
+  std::optional<Record> record;
+  parts_->error = sdk::WithoutExceptions([&]() -> Error {
+    if (!parts_->HasRecord()) {
+      if (Error error = parts_->LookUntil(steady_clock::now() + timeout); error.Failed()) return error;
+    }
+    if (parts_->HasRecord()) record = parts_->TakeNext();
+    return {};
+  });
+  return record;
+}
+
+std::string Reader::Cursor() const {
+  if (parts_ == nullptr) return {};
+  return sdk::TextOfCursor(parts_->follower.PositionAfter(parts_->returned));
+}
+
+const Error& Reader::LastError() const {
+  static const Error kNotOpened = {.code = ErrorCode::kNotOpen, .text = "not open"};
+  return parts_ != nullptr ? parts_->error : kNotOpened;
+}
+
+void Reader::Close() { parts_.reset(); }
+
+}  // namespace qx

@@ -1,0 +1,135 @@
+// Reads the records of a report: those of this moment, or what is new since the last time.
+//
+//   qx::Reader report;
+//   if (report.Open(path).Failed()) ...
+//   for (const qx::Record& record : report) ...                          the records of this moment, oldest first
+//   while (auto record = report.Next(std::chrono::seconds(1))) ...       each record once, as they are appended
+//   SaveSomewhere(report.Cursor());                                      Open(path, cursor) continues after a restart
+#pragma once
+
+#if __cplusplus < 202002L
+#error "QXRemConXfer needs C++20: compile with -std=c++20, or use the C interface sdk/qxreport.h."
+#endif
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "sdk/Error.h"
+
+namespace qx {
+
+enum class RecordState : int {
+  kWhole = 0,    // what its writer appended
+  kDamaged = 1,  // the text ends elsewhere than the record: a line feed, a NUL or a byte 0xFF in it, or damaged files
+  kOverwritten = 2,  // a writer has replaced the record, or overwritten its text with longer records: there is no text
+};
+
+// What happened since the last record that Next returned.
+enum class ReadEvent : int {
+  kNone = 0,
+  kGap = 1,          // the ring has overwritten records that were not read yet
+  kAmbiguous = 2,    // the records repeat, so that the place is not certain; some may be missing, none comes twice
+  kStartedOver = 3,  // there are fewer records than were read: the report is a new one
+};
+
+struct Record {
+  std::string text = {};  // without its line end
+  RecordState state = RecordState::kWhole;
+  ReadEvent event = ReadEvent::kNone;                // of Next: what happened before this record
+  std::optional<std::uint64_t> lost = std::nullopt;  // kGap: how many records are missing, if that is known
+
+  [[nodiscard]] bool IsWhole() const { return state == RecordState::kWhole; }
+};
+
+// A report, open for reading. It needs no agreement with the writer.
+//
+// Threads: one thread.
+// Owns: the open files; four bytes for each record of the snapshot, and about 256 KiB of text.
+// Failure: an Error, or the end of the records with the reason in LastError. No exception leaves the class.
+class Reader {
+ public:
+  class Iterator;
+
+  Reader();
+  ~Reader();
+  Reader(const Reader&) = delete;
+  Reader& operator=(const Reader&) = delete;
+
+  // Opens the report and takes a snapshot of it; Next begins at the oldest record. Errors: kBadArgument, kNotFound,
+  // kDamaged, kSystem, kNoMemory. [owning thread]
+  Error Open(const std::string& path);
+
+  // The same; Next continues after the last record that it returned before `cursor` was taken. kBadArgument if it is
+  // not a cursor. An empty one begins at the oldest record. [owning thread]
+  Error Open(const std::string& path, std::string_view cursor);
+
+  // Takes a new snapshot. [owning thread]
+  Error Refresh();
+
+  // How many records the snapshot has. [owning thread]
+  [[nodiscard]] std::uint32_t Count() const;
+
+  // The record of this age in the snapshot, 0 being the oldest. kBadArgument from Count on. [owning thread]
+  Error Read(std::uint32_t age, Record& record);
+
+  // The records of the snapshot, oldest first, or from an age on. A record is valid until the iterator moves. After an
+  // error the loop ends (LastError). [owning thread]
+  [[nodiscard]] Iterator begin();
+  [[nodiscard]] Iterator begin(std::uint32_t age);
+  [[nodiscard]] Iterator end();
+
+  // The next record after the last one that Next returned, whatever the snapshot. Waits up to `timeout` for it. Without
+  // a value, none came in time, or an error is in LastError. A report that was started over or whose ring has
+  // overwritten records says so in the next record's `event`. [owning thread]
+  [[nodiscard]] std::optional<Record> Next(std::chrono::milliseconds timeout = std::chrono::milliseconds(0));
+
+  // Where Next is: one line of at most 700 characters. After a restart Next continues there, also if the ring has
+  // moved: the place is found by the texts before it. [owning thread]
+  [[nodiscard]] std::string Cursor() const;
+
+  // Why the last loop or Next ended; kNone if there was no error. [owning thread]
+  [[nodiscard]] const Error& LastError() const;
+
+  void Close();
+
+ private:
+  struct Parts;
+  friend class Iterator;
+
+  [[nodiscard]] const Record* RecordAt(std::uint32_t age);
+
+  std::unique_ptr<Parts> parts_;
+};
+
+// An input iterator over a snapshot.
+class Reader::Iterator {
+ public:
+  using iterator_category = std::input_iterator_tag;
+  using value_type = Record;
+  using difference_type = std::ptrdiff_t;
+  using pointer = const Record*;
+  using reference = const Record&;
+
+  Iterator() = default;
+  const Record& operator*() const { return *record_; }
+  const Record* operator->() const { return record_; }
+  Iterator& operator++();
+  void operator++(int) { ++*this; }
+  friend bool operator==(const Iterator& left, const Iterator& right) { return left.record_ == right.record_; }
+
+ private:
+  friend class Reader;
+  Iterator(Reader* reader, std::uint32_t age) : reader_(reader), age_(age), record_(reader->RecordAt(age)) {}
+
+  Reader* reader_ = nullptr;
+  std::uint32_t age_ = 0;
+  const Record* record_ = nullptr;  // null at the end
+};
+
+}  // namespace qx

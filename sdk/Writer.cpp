@@ -1,0 +1,246 @@
+#include "sdk/Writer.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <optional>
+#include <vector>
+
+#include "base/File.h"
+#include "provider/ServerControlPaths.h"
+#include "reportfile/RecordEnds.h"
+#include "reportfile/ReportFileBase.h"
+#include "reportfile/StoreFormat.h"
+#include "reportfile/StoreIo.h"
+#include "reportfile/tools/RecordWriter.h"
+#include "reportfile/tools/WriterLock.h"
+#include "sdk/Errors.h"
+
+namespace qx {
+
+namespace {
+
+using sdk::MakeError;
+using sdk::SystemError;
+
+// The data file can be reached up to here; the end marker must fit in as well.
+constexpr std::int64_t kDataBytesMax = std::int64_t{0xFFFFFFFF} - static_cast<std::int64_t>(report::kEndMarker.size());
+
+// What is known of one of a report's files before it is opened.
+struct FileState {
+  std::string path;
+  bool is_there = false;
+  bool holds_something = false;
+
+  explicit FileState(std::string file) : path(std::move(file)) {
+    struct stat status = {};
+    const int error = file::StatusOf(path.c_str(), status);
+    is_there = error != ENOENT;  // whatever else is wrong with it, the open reports
+    holds_something = error == 0 && status.st_size > 0;
+  }
+};
+
+Error CheckPath(const std::string& path) {
+  if (path.empty()) return MakeError(ErrorCode::kBadArgument, "the path of a report is empty");
+  if (path.find('\0') == std::string::npos) return {};
+  return MakeError(ErrorCode::kBadArgument, "the path of a report contains a NUL");
+}
+
+// A report of which one file is missing would be started over, and the other one emptied.
+Error CheckFiles(const FileState& index, const FileState& data, bool may_create) {
+  const FileState& missing = index.is_there ? data : index;
+  const FileState& other = index.is_there ? index : data;
+  if (missing.is_there) return {};
+  if (!may_create) return MakeError(ErrorCode::kNotFound, "there is no " + missing.path);
+  if (!other.holds_something) return {};
+  return MakeError(ErrorCode::kDamaged, "there is no " + missing.path + ", but " + other.path +
+                                            " holds something; remove it or move it away to start the report over");
+}
+
+// Two writers that create one report at the same time both get this far, and then one of them gets the lock.
+Error CreateIndex(const std::string& path) {
+  const file::Descriptor index = report::OpenStoreFile(path, report::OpenMode::kCreate);
+  const int error = errno;
+  return index.IsOpen() ? Error() : SystemError("cannot create " + path, error);
+}
+
+Error OtherWriterError(const std::string& path, int process) {
+  const std::string writer =
+      process != 0 ? "process " + std::to_string(process) : "this process or one that cannot be seen";
+  return MakeError(ErrorCode::kOtherWriter,
+                   path + " is already open for writing by " + writer + "; two writers overwrite each other's records");
+}
+
+const char* NameOfByte(char byte) {
+  switch (byte) {
+    case '\n':
+      return "a line feed";
+    case '\0':
+      return "a NUL";
+    default:
+      return "a byte 0xFF";
+  }
+}
+
+Error CheckText(std::string_view text, std::size_t record) {
+  if (text.size() > kRecordTextMax) {
+    return {.code = ErrorCode::kTooLong,
+            .record = record,
+            .text = "a record of " + std::to_string(text.size()) + " bytes is too long; at most " +
+                    std::to_string(kRecordTextMax) + " bytes fit into a reply"};
+  }
+  const std::size_t end = report::FindTextEnd(text);
+  if (end == text.size()) return {};
+  return {.code = ErrorCode::kBadText,
+          .record = record,
+          .text = std::string("a record contains ") + NameOfByte(text[end]) + " at offset " + std::to_string(end) +
+                  ", at which readers would end it"};
+}
+
+// How many of the texts are stored before the data file is full. The file restarts only at the end of a round, so a
+// text beyond the limit would overwrite the beginning of the file, and its slot would lead there.
+std::size_t TextsThatFit(report::IndexHeader header, std::span<const std::string_view> texts) {
+  std::size_t fitting = 0;
+  for (const std::string_view text : texts) {
+    const std::int64_t end = report::MarkerOffset(header.writePosition, text.size());
+    if (end > kDataBytesMax) break;
+    header = report::HeaderAfterRecords(header, 1, end);
+    ++fitting;
+  }
+  return fitting;
+}
+
+// True if no text of the batch can reach the limit, whatever the ring does.
+bool CannotFill(const report::IndexHeader& header, std::span<const std::string_view> texts) {
+  constexpr std::size_t kFarFromFull = std::size_t{1} << 31;
+  constexpr std::size_t kTextsMax = kFarFromFull / (kRecordTextMax + report::kLineEnd.size());
+  if (header.writePosition >= kFarFromFull) return false;
+  if (texts.size() < kTextsMax) return true;
+  std::size_t bytes = 0;
+  for (const std::string_view text : texts) bytes += text.size() + report::kLineEnd.size();
+  return bytes < kFarFromFull;
+}
+
+template <typename Texts>
+std::vector<std::string_view> ViewsOf(const Texts& texts) {
+  return {texts.begin(), texts.end()};
+}
+
+}  // namespace
+
+std::string ReportPath(std::string_view name) {
+  if (("/" + std::string(name) + "/").find("/../") != std::string::npos) return {};
+  std::string directory;
+  (void)CServerControlPaths::GetServerControlReportPath(directory);
+  return directory.append("/").append(name);
+}
+
+struct Writer::Parts {
+  std::optional<report::WriterLock> lock;
+  CReportFileBase store;
+  report::RecordWriter records{store};
+  CCriticalSection batches;  // a batch stays together, and its check of the space holds until it is written
+  std::string path;
+  bool is_open = false;
+
+  Error Open(const std::string& base_path, std::uint32_t ring_size, bool may_create);
+  Error Append(std::span<const std::string_view> texts);
+  void Close();
+};
+
+Error Writer::Parts::Open(const std::string& base_path, std::uint32_t ring_size, bool may_create) {
+  path = base_path;
+  const FileState index(report::IndexFileName(path));
+  const FileState data(report::DataFileName(path));
+  if (Error error = CheckFiles(index, data, may_create); error.Failed()) return error;
+  if (!index.is_there) {
+    if (Error error = CreateIndex(index.path); error.Failed()) return error;
+  }
+  lock.emplace(path);
+  if (lock->IsHeldByAnother()) return OtherWriterError(path, lock->Process());
+  if (!store.Open(path.c_str(), ring_size)) return SystemError("cannot open " + path, errno);
+  const int error = may_create ? records.StartRing(ring_size) : 0;
+  if (error != 0) return SystemError("cannot write " + index.path, error);
+  if (!report::HasPlausibleRing(store.header())) {
+    return MakeError(ErrorCode::kDamaged, index.path + " is damaged: its header contradicts itself");
+  }
+  (void)records.FinishInterrupted();
+  is_open = true;
+  return {};
+}
+
+Error Writer::Parts::Append(std::span<const std::string_view> texts) {
+  const LockScope scope(batches);
+  if (!is_open) return MakeError(ErrorCode::kNotOpen, "no report is open");
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    if (Error error = CheckText(texts[i], i); error.Failed()) return error;
+  }
+  const std::size_t fitting = CannotFill(store.header(), texts) ? texts.size() : TextsThatFit(store.header(), texts);
+  const report::AppendedRecords appended = records.Append(texts.first(fitting));
+  if (appended.error != 0) {
+    Error error = SystemError("cannot append to " + path, appended.error);
+    error.record = appended.stored;
+    return error;
+  }
+  if (fitting == texts.size()) return {};
+  return {.code = ErrorCode::kFull,
+          .record = fitting,
+          .text = report::DataFileName(path) + " is full: a record would end beyond 4 GiB"};
+}
+
+void Writer::Parts::Close() {
+  is_open = false;
+  store.Close();
+  lock.reset();
+}
+
+Writer::Writer() = default;
+Writer::~Writer() = default;
+
+Error Writer::Open(const std::string& path, std::uint32_t ring_size) {
+  if (ring_size == 0 || ring_size > report::kMaxRecordUnlimited) {
+    return sdk::WithoutExceptions([&] {
+      return MakeError(ErrorCode::kBadArgument, "a ring of " + std::to_string(ring_size) + " records; 1 to " +
+                                                    std::to_string(report::kMaxRecordUnlimited) + " are possible");
+    });
+  }
+  return OpenGuarded(path, ring_size, true);
+}
+
+Error Writer::OpenExisting(const std::string& path) { return OpenGuarded(path, 0, false); }
+
+Error Writer::OpenGuarded(const std::string& path, std::uint32_t ring_size, bool may_create) {
+  Close();
+  return sdk::WithoutExceptions([&]() -> Error {
+    if (Error error = CheckPath(path); error.Failed()) return error;
+    parts_ = std::make_unique<Parts>();  // a store object that was open before would keep an old header
+    Error error = parts_->Open(path, ring_size, may_create);
+    if (error.Failed()) parts_->Close();
+    return error;
+  });
+}
+
+Error Writer::Append(std::string_view text) { return Append(std::span(&text, 1)); }
+
+Error Writer::Append(std::span<const std::string_view> texts) {
+  return sdk::WithoutExceptions(
+      [&] { return parts_ != nullptr ? parts_->Append(texts) : MakeError(ErrorCode::kNotOpen, "no report is open"); });
+}
+
+Error Writer::Append(std::span<const std::string> texts) {
+  return sdk::WithoutExceptions([&] { return Append(std::span<const std::string_view>(ViewsOf(texts))); });
+}
+
+Error Writer::Append(std::initializer_list<std::string_view> texts) {
+  return Append(std::span<const std::string_view>(texts.begin(), texts.size()));
+}
+
+void Writer::Close() {
+  if (parts_ != nullptr) parts_->Close();
+}
+
+bool Writer::IsOpen() const { return parts_ != nullptr && parts_->is_open; }
+
+std::uint32_t Writer::RingSize() const { return IsOpen() ? parts_->store.header().maxRecord : 0; }
+
+}  // namespace qx

@@ -1,0 +1,81 @@
+// Appends records to a report, and refuses what would lose or spoil records.
+//
+// CReportFileBase (reportfile/ReportFileBase.h) is the class below it, which does as it is told. A Writer adds one
+// writer at a time, records that can be read back, many records at once, and errors with a reason. The files are the
+// same.
+#pragma once
+
+#if __cplusplus < 202002L
+#error "QXRemConXfer needs C++20: compile with -std=c++20, or use the C interface sdk/qxreport.h."
+#endif
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "sdk/Error.h"
+
+namespace qx {
+
+// The longest text of a record: with its line end it still fits into one reply of the module.
+inline constexpr std::size_t kRecordTextMax = 0x100000 - 3;
+
+// The path of a report in the report directory of this machine; empty for a name that no report can have, because it
+// has a component "..". Throws std::bad_alloc. [any thread]
+//   "a/load"  => "/srv/reports/a/load"
+[[nodiscard]] std::string ReportPath(std::string_view name);
+
+// The one writer of a report.
+//
+// Threads: Append may be called from any thread at once, and a batch stays together; the rest belongs to one thread.
+// Owns: the report's files and their advisory lock, until Close or the end of the scope.
+// Failure: an Error. No exception leaves the class. A refused call has written nothing.
+class Writer {
+ public:
+  Writer();
+  ~Writer();
+  Writer(const Writer&) = delete;
+  Writer& operator=(const Writer&) = delete;
+
+  // Opens `path`.ind and `path`.dat, or creates a report with space for `ring_size` records. A report that exists keeps
+  // its own ring size (RingSize). Closes what is open first. Errors: kBadArgument; kOtherWriter; kDamaged for a header
+  // that no writer leaves, or if one file is missing and the other one holds something; kSystem. If a killed writer
+  // left records that the header does not count, they are counted now. [owning thread]
+  Error Open(const std::string& path, std::uint32_t ring_size);
+
+  // The same for a report that must exist (kNotFound); nothing is created. [owning thread]
+  Error OpenExisting(const std::string& path);
+
+  // Appends one record, which takes the place of the oldest one if the ring is full. Without an error the record is in
+  // both files; it is not synced to the disk. The text needs no line end. Errors: kBadText, kTooLong, kNotOpen, kFull;
+  // kSystem and kNoMemory, after which the report is as before. [any thread]
+  Error Append(std::string_view text);
+  Error Append(std::nullptr_t) = delete;
+
+  // Appends many records, at least twenty times as fast. All texts are checked before anything is written; the error's
+  // `record` is the text that it is about. After kFull, kSystem and kNoMemory the texts before `record` are stored, and
+  // no others. [any thread]
+  Error Append(std::span<const std::string_view> texts);
+  Error Append(std::span<const std::string> texts);
+  Error Append(std::initializer_list<std::string_view> texts);
+
+  // Closes the files and gives up the lock. [owning thread]
+  void Close();
+
+  [[nodiscard]] bool IsOpen() const;
+  // How many records the ring of the open report keeps; 0 if none is open. [owning thread]
+  [[nodiscard]] std::uint32_t RingSize() const;
+
+ private:
+  struct Parts;
+
+  Error OpenGuarded(const std::string& path, std::uint32_t ring_size, bool may_create);
+
+  std::unique_ptr<Parts> parts_;
+};
+
+}  // namespace qx
