@@ -39,7 +39,7 @@ for folder in ("debug", "inifile", "registry", "reportfile"):
     LAYERS[f"{folder}/tools"] = LAYERS[folder] | {folder, "base/tools"}
 # What agents link, above what the module consists of.
 LAYERS["sdk"] = {"base", "paths", "reportfile", "reportfile/tools"}
-FOLDER_TOOLS = set(LAYERS) - MODULE
+FOLDER_TOOLS = set(LAYERS) - MODULE  # the programs may include sdk, too
 
 # The areas of the command line tool, and which of the others each may include.
 AREAS = {

@@ -15,8 +15,8 @@ namespace qx {
 
 namespace {
 
-using report::LookEvent;
-using report::ReportLook;
+using report::PollEvent;
+using report::ReportPoll;
 using sdk::MakeError;
 using sdk::StoreSnapshot;
 using std::chrono::milliseconds;
@@ -37,15 +37,15 @@ Record Decoded(std::string&& text) {
   return {.text = std::move(text), .state = state};
 }
 
-ReadEvent EventOf(LookEvent event) {
+ReadEvent EventOf(PollEvent event) {
   switch (event) {
-    case LookEvent::kNone:
+    case PollEvent::kNone:
       break;
-    case LookEvent::kGap:
+    case PollEvent::kGap:
       return ReadEvent::kGap;
-    case LookEvent::kAmbiguous:
+    case PollEvent::kAmbiguous:
       return ReadEvent::kAmbiguous;
-    case LookEvent::kStartedOver:
+    case PollEvent::kStartedOver:
       return ReadEvent::kStartedOver;
   }
   return ReadEvent::kNone;
@@ -94,16 +94,16 @@ struct Reader::Parts {
 
   FileSource source;
   report::ReportFollower follower;
-  ReportLook look;           // what Next has read ...
+  ReportPoll poll;           // what Next has read ...
   std::size_t returned = 0;  // ... and how many of its records it has returned
   bool has_reached_end = false;
   ReadEvent event = ReadEvent::kNone;  // of the next record
   std::optional<std::uint64_t> lost;
 
   [[nodiscard]] const Record* RecordAt(std::uint32_t age);
-  [[nodiscard]] Error LookUntil(steady_clock::time_point end);
-  [[nodiscard]] bool Look();
-  [[nodiscard]] bool HasRecord() const { return returned < look.records.size(); }
+  [[nodiscard]] Error PollUntil(steady_clock::time_point end);
+  [[nodiscard]] bool Poll();
+  [[nodiscard]] bool HasRecord() const { return returned < poll.records.size(); }
   [[nodiscard]] Record TakeNext();
 };
 
@@ -120,11 +120,11 @@ const Record* Reader::Parts::RecordAt(std::uint32_t age) {
   return &window[age - window_age];
 }
 
-// Looks for new records until there are some, or the time is over.
-Error Reader::Parts::LookUntil(steady_clock::time_point end) {
+// Polls until there are new records, or the time is over.
+Error Reader::Parts::PollUntil(steady_clock::time_point end) {
   for (milliseconds pause{1};; pause = std::min(2 * pause, kPauseMax)) {
     if (!has_reached_end || source.HasMoved()) {
-      if (!Look()) return source.LastError();
+      if (!Poll()) return source.LastError();
       if (HasRecord()) return {};
     }
     const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
@@ -133,21 +133,21 @@ Error Reader::Parts::LookUntil(steady_clock::time_point end) {
   }
 }
 
-// What the last look found has been returned. An event without records is reported with the next record.
-bool Reader::Parts::Look() {
+// All records of the last poll have been returned. An event without records is reported with the next record.
+bool Reader::Parts::Poll() {
   follower.Delivered(returned);
-  look = {};
+  poll = {};
   returned = 0;
-  if (!follower.Look(kWindowRecords, look)) return false;
-  has_reached_end = look.reached_end;
-  if (look.event == LookEvent::kNone) return true;
-  event = EventOf(look.event);
-  lost = look.lost;
+  if (!follower.Poll(kWindowRecords, poll)) return false;
+  has_reached_end = poll.reached_end;
+  if (poll.event == PollEvent::kNone) return true;
+  event = EventOf(poll.event);
+  lost = poll.lost;
   return true;
 }
 
 Record Reader::Parts::TakeNext() {
-  Record record = Decoded(std::move(look.records[returned++]));
+  Record record = Decoded(std::move(poll.records[returned++]));
   record.event = std::exchange(event, ReadEvent::kNone);
   record.lost = std::exchange(lost, std::nullopt);
   return record;
@@ -217,7 +217,7 @@ std::optional<Record> Reader::Next(milliseconds timeout) {
   std::optional<Record> record;
   parts_->error = sdk::WithoutExceptions([&]() -> Error {
     if (!parts_->HasRecord()) {
-      if (Error error = parts_->LookUntil(steady_clock::now() + timeout); error.Failed()) return error;
+      if (Error error = parts_->PollUntil(steady_clock::now() + timeout); error.Failed()) return error;
     }
     if (parts_->HasRecord()) record = parts_->TakeNext();
     return {};

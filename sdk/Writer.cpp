@@ -66,9 +66,9 @@ Error CreateIndex(const std::string& path) {
 
 Error OtherWriterError(const std::string& path, int process) {
   const std::string writer =
-      process != 0 ? "process " + std::to_string(process) : "this process or one that cannot be seen";
+      process != 0 ? "process " + std::to_string(process) : "this process, or by one that cannot be seen";
   return MakeError(ErrorCode::kOtherWriter,
-                   path + " is already open for writing by " + writer + "; two writers overwrite each other's records");
+                   path + " is written by " + writer + "; two writers overwrite each other's records");
 }
 
 const char* NameOfByte(char byte) {

@@ -1,6 +1,6 @@
 // Appends records to a report, and refuses what would lose or spoil records.
 //
-// CReportFileBase (reportfile/ReportFileBase.h) is the class below it, which does as it is told. A Writer adds one
+// CReportFileBase (reportfile/ReportFileBase.h) is the class below it, which refuses nothing. A Writer adds one
 // writer at a time, records that can be read back, many records at once, and errors with a reason. The files are the
 // same.
 #pragma once

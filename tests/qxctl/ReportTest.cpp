@@ -4,7 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "tests/qxctl/RunQxctl.h"
 
@@ -109,6 +112,49 @@ TEST_F(QxctlReport, UnreadableTextIsAFindingAndEndsTheAppending) {
   EXPECT_EQ(nul.code, 1);
   EXPECT_THAT(nul.err, StartsWith("qxctl: line 2 of standard input has"));
   EXPECT_EQ(Qxctl({"report", "cat", "Reports/s"}).out, "x\r\n");
+}
+
+TEST_F(QxctlReport, ManyLinesAreAppendedUpToTheFirstBadOne) {
+  ASSERT_EQ(Qxctl({"report", "create", "Reports/r", "--slots", "100000"}).code, 0);
+  std::string lines;
+  std::string expected;
+  for (int i = 1; i <= 70000; ++i) {
+    const std::string line = "line " + std::to_string(i);
+    lines += line + "\n";
+    expected += line + "\r\n";
+  }
+  const Ran ran = Qxctl({"report", "append", "Reports/r", "-"}, lines + "bad\xFF\nnever\n");
+  EXPECT_EQ(ran.code, 1);
+  EXPECT_THAT(ran.err, StartsWith("qxctl: line 70001 of standard input has a line feed"));
+  EXPECT_EQ(ReadFile(ReportPath("r") + ".dat"), expected + "===>\r\n");
+}
+
+TEST_F(QxctlReport, LineThatIsTooLongForAReplyIsAFinding) {
+  ASSERT_EQ(Qxctl({"report", "create", "Reports/r", "--slots", "9"}).code, 0);
+  const std::string longest(0x100000 - 3, 'x');
+  const Ran ran = Qxctl({"report", "append", "Reports/r", "-"}, longest + "\n" + longest + "y\nnever\n");
+  EXPECT_EQ(ran.code, 1);
+  EXPECT_THAT(ran.err, StartsWith("qxctl: line 2 of standard input is longer than a reply of the module can hold"));
+  EXPECT_EQ(ReadFile(ReportPath("r") + ".dat"), longest + "\r\n===>\r\n");
+}
+
+// A line that is typed, or comes from a program that waits for the next event, is not held back until a batch is full.
+TEST_F(QxctlReport, LineOnAPipeIsAppendedWhenItComes) {
+  ASSERT_EQ(Qxctl({"report", "create", "Reports/r", "--slots", "9"}).code, 0);
+  std::FILE* const pipe = popen((QxctlPath() + " report append " + ReportPath("r") + " -").c_str(), "w");
+  ASSERT_NE(pipe, nullptr);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  std::string expected;
+  for (const char* line : {"one", "two", "three"}) {
+    ASSERT_GT(std::fprintf(pipe, "%s\n", line), 0);
+    ASSERT_EQ(std::fflush(pipe), 0);
+    expected += std::string(line) + "\r\n";
+    while (ReadFile(ReportPath("r") + ".dat") != expected + "===>\r\n" && std::chrono::steady_clock::now() < end) {
+      std::this_thread::yield();
+    }
+    ASSERT_EQ(ReadFile(ReportPath("r") + ".dat"), expected + "===>\r\n");
+  }
+  EXPECT_EQ(pclose(pipe), 0);
 }
 
 TEST_F(QxctlReport, AppendNeverStartsAReportOver) {

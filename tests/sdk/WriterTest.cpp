@@ -158,7 +158,7 @@ TEST_F(SdkWriter, SecondWriterOfThisProcessIsRefused) {
   Writer second;
   const Error error = second.Open(files_.Base(), 3);
   EXPECT_EQ(error.code, ErrorCode::kOtherWriter);
-  EXPECT_THAT(error.text, HasSubstr("is already open for writing by this process"));
+  EXPECT_THAT(error.text, HasSubstr("is written by this process"));
   EXPECT_EQ(second.Append("x").code, ErrorCode::kNotOpen);
   EXPECT_EQ(BytesOf(files_), before);
   writer_.Close();
@@ -202,7 +202,7 @@ TEST_F(SdkWriter, SecondWriterNamesTheOtherProcess) {
     Writer second;
     const Error error = second.Open(files_.Base(), 3);
     EXPECT_EQ(error.code, ErrorCode::kOtherWriter);
-    EXPECT_THAT(error.text, HasSubstr("is already open for writing by process " + std::to_string(child.Id())));
+    EXPECT_THAT(error.text, HasSubstr("is written by process " + std::to_string(child.Id())));
   }
 }
 

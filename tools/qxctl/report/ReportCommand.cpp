@@ -6,16 +6,17 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "base/File.h"
 #include "reportfile/ReportFileBase.h"
 #include "reportfile/StoreFormat.h"
-#include "reportfile/tools/WriterLock.h"
+#include "sdk/Writer.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/FileStatus.h"
 #include "tools/qxctl/cli/Result.h"
@@ -51,16 +52,35 @@ Status Create(Context&, const Values& values) {
 // --- append
 
 // A reader ends a record at each of these bytes, so the text after one could never be read.
-Status CheckText(std::string_view text, const std::string& what) {
-  constexpr std::string_view kEndOfRecord("\n\0\xFF", 3);
-  if (text.find_first_of(kEndOfRecord) == std::string_view::npos) return {};
-  return {ExitCode::kFinding, what + " has a line feed, a NUL or a byte 0xFF, which end a record when it is read; it " +
-                                  "was not appended, and nothing after it was"};
+Status RefusedText(const Error& error, const std::string& what) {
+  if (error.code == ErrorCode::kBadText) {
+    return {ExitCode::kFinding, what +
+                                    " has a line feed, a NUL or a byte 0xFF, which end a record when it is read; it " +
+                                    "was not appended, and nothing after it was"};
+  }
+  return {ExitCode::kFinding,
+          what + " is longer than a reply of the module can hold; it was not appended, and nothing " + "after it was"};
 }
 
-Status AppendText(CReportFileBase& store, const std::string& text, const std::string& what) {
-  if (Status status = CheckText(text, what); !status.IsOk()) return status;
-  return store.writeLine(text.c_str()) ? Status() : Status::Io("cannot append " + what, errno);
+bool IsRefusedText(const Error& error) {
+  return error.code == ErrorCode::kBadText || error.code == ErrorCode::kTooLong;
+}
+
+Status AppendError(const Error& error, const std::string& what) {
+  if (!error.Failed()) return {};
+  if (IsRefusedText(error)) return RefusedText(error, what);
+  if (error.system_error != 0) return Status::Io("cannot append " + what, error.system_error);
+  return {ExitCode::kIo, "cannot append " + what + ": " + error.text};
+}
+
+// Appends the lines. `lines_before` is how many came before them.
+Status AppendLines(Writer& report, std::span<const std::string_view> lines, std::uint64_t lines_before) {
+  const Error error = report.Append(lines);
+  if (!error.Failed()) return {};
+  if (IsRefusedText(error)) {
+    if (Status status = AppendLines(report, lines.first(error.record), lines_before); !status.IsOk()) return status;
+  }
+  return AppendError(error, "line " + std::to_string(lines_before + error.record + 1) + " of standard input");
 }
 
 // A line of text without its line end, "\n" or "\r\n".
@@ -70,39 +90,68 @@ std::string_view WithoutLineEnd(std::string_view line) {
   return line;
 }
 
-Status AppendStandardInput(CReportFileBase& store) {
-  char* line = nullptr;
-  std::size_t capacity = 0;
-  Status status;
-  for (std::uint64_t number = 1; status.IsOk(); ++number) {
-    const ssize_t length = getline(&line, &capacity, stdin);
-    if (length < 0) break;
-    const std::string text(WithoutLineEnd({line, static_cast<std::size_t>(length)}));
-    status = AppendText(store, text, "line " + std::to_string(number) + " of standard input");
+// Takes the whole lines off the front of the text; what is left over is the beginning of one.
+std::vector<std::string_view> TakeLines(std::string_view& text) {
+  std::vector<std::string_view> lines;
+  for (std::size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
+    lines.push_back(WithoutLineEnd(text.substr(0, end + 1)));
+    text.remove_prefix(end + 1);
   }
-  std::free(line);
-  if (status.IsOk() && std::ferror(stdin) != 0) return Status::Io("cannot read standard input", errno);
-  return status;
+  return lines;
 }
 
-Status AppendAll(CReportFileBase& store, const std::vector<std::string>& texts) {
+// The lines of each read are appended together, so a line on a pipe is appended when it comes. A line that is too long
+// to be a record is not waited for.
+Status AppendStandardInput(Writer& report) {
+  constexpr std::size_t kReadBytes = std::size_t{256} << 10;
+  std::string text;
+  for (std::uint64_t lines_before = 0;;) {
+    const std::size_t begun = text.size();
+    text.resize(begun + kReadBytes);
+    const file::Progress read = file::ReadSome(STDIN_FILENO, text.data() + begun, kReadBytes);
+    if (read.Failed()) return Status::Io("cannot read standard input", read.error);
+    text.resize(begun + read.bytes);
+    std::string_view left = text;
+    std::vector<std::string_view> lines = TakeLines(left);
+    const bool is_over = read.bytes == 0 || left.size() > kRecordTextMax + 1;
+    if (is_over && !left.empty()) lines.push_back(WithoutLineEnd(left));
+    if (Status status = AppendLines(report, lines, lines_before); !status.IsOk() || is_over) return status;
+    lines_before += lines.size();
+    text.erase(0, text.size() - left.size());
+  }
+}
+
+Status AppendAll(Writer& report, const std::vector<std::string>& texts) {
   for (std::size_t i = 0; i < texts.size(); ++i) {
     const std::string& text = texts[i];
-    Status status = text == "-" ? AppendStandardInput(store) : AppendText(store, text, "text " + std::to_string(i + 1));
+    Status status =
+        text == "-" ? AppendStandardInput(report) : AppendError(report.Append(text), "text " + std::to_string(i + 1));
     if (!status.IsOk()) return status;
   }
   return {};
 }
 
+Status OpenStatus(const Error& error, const std::string& path) {
+  switch (error.code) {
+    case ErrorCode::kNone:
+      return {};
+    case ErrorCode::kOtherWriter:
+      return {ExitCode::kRefused, error.text};
+    case ErrorCode::kDamaged:
+      return {ExitCode::kFinding, error.text + "; \"qxctl report verify\" shows more"};
+    default:
+      return error.system_error != 0 ? StatusOfReportFile("cannot open " + path, error.system_error)
+                                     : Status(ExitCode::kIo, error.text);
+  }
+}
+
 Status Append(Context& context, const Values& values) {
   const std::string path = values.Text("PATH");
   if (Status status = CheckStoreFiles(path, R_OK | W_OK); !status.IsOk()) return status;
-  const report::WriterLock lock(path);
-  if (Status status = CheckNotWritten(path, lock); !status.IsOk()) return status;
+  Writer report;
+  if (Status status = OpenStatus(report.OpenExisting(path), path); !status.IsOk()) return status;
   const bool is_damaged = WarnOfDamage(context.output, path);
-  CReportFileBase store;
-  if (!store.Open(path.c_str(), 0)) return StatusOfReportFile("cannot open " + path, errno);
-  return WithDamage(AppendAll(store, values.Texts("TEXT")), is_damaged);
+  return WithDamage(AppendAll(report, values.Texts("TEXT")), is_damaged);
 }
 
 // --- cat
