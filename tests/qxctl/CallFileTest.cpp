@@ -185,9 +185,9 @@ TEST(CallFile, ChangedByteNeverCrashesAndAcceptedFilesAreReadBack) {
 }
 
 TEST(CallFile, InvalidCallFileIsRefusedWithTheReason) {
-  EXPECT_THAT(Problem(""), HasSubstr("no JSON object"));
-  EXPECT_THAT(Problem("[]"), HasSubstr("no JSON object"));
-  EXPECT_THAT(Problem(std::string(100000, '[')), HasSubstr("no JSON object"));
+  EXPECT_THAT(Problem(""), HasSubstr("not a JSON object"));
+  EXPECT_THAT(Problem("[]"), HasSubstr("not a JSON object"));
+  EXPECT_THAT(Problem(std::string(100000, '[')), HasSubstr("not a JSON object"));
   EXPECT_THAT(Problem("{\"format\":" + std::string(40, '[') + std::string(40, ']') + "}"), HasSubstr("32 levels"));
   EXPECT_THAT(Problem(std::string(ctl::kCallFileMax + 1, ' ')), HasSubstr("16 MiB"));
   EXPECT_THAT(Problem(With("format", "other")), HasSubstr("qxctl-call-1"));
