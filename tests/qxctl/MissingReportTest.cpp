@@ -76,6 +76,9 @@ TEST_F(QxctlMissingReport, EachCommandNamesTheDirectoryNearNamesAndTheValue) {
     EXPECT_EQ(ran.err, message) << command[0] << command[1];
     EXPECT_EQ(ran.code, 4);
   }
+  const Ran loaded = QxctlWith("ReportRoot=s=" + Reports() + "\n", {"module", "load-test", "--report", "laod"});
+  EXPECT_EQ(loaded.code, 4);
+  EXPECT_THAT(loaded.err, HasSubstr(message));
 }
 
 TEST_F(QxctlMissingReport, FileRootIsNamedAsTheDirectoryAbove) {
@@ -97,6 +100,9 @@ TEST_F(QxctlMissingReport, MissingOrEmptyDirectoryGetsTheCommandThatHelps) {
   EXPECT_EQ(
       QxctlWith("ReportRoot=s=/no where\n", {"report", "verify", "load"}).err,
       "qxctl: there is no report directory /no where; \"install -d -m 0755 '/no where'\" makes it (" + place + ")\n");
+  EXPECT_EQ(QxctlWith("ReportRoot=s=/it's\n", {"report", "verify", "load"}).err,
+            "qxctl: there is no report directory /it's; \"install -d -m 0755 '/it'\\''s'\" makes it (" + place + ")\n")
+      << "a shell reads the command as it is";
   EXPECT_THAT(QxctlWith("ReportRoot=s=\n", {"report", "verify", "load"}).err,
               HasSubstr("the registry names an empty report directory"));
   fs::create_directory(Dir().File("empty"));

@@ -16,6 +16,7 @@
 #include "tools/qxctl/fetch/RecordPrint.h"
 #include "tools/qxctl/fetch/ReportSource.h"
 #include "tools/qxctl/module/CallOptions.h"
+#include "tools/qxctl/store/MissingReport.h"
 #include "tools/qxctl/store/ReportDamage.h"
 #include "tools/qxctl/store/ReportDirectory.h"
 
@@ -135,7 +136,7 @@ class Follow {
   }
 
   Status ReportMissing() {
-    output_.Note("qxctl: " + options_.report + ": there is no such report; waiting for it");
+    output_.Note("qxctl: " + NoSuchReport(options_.report).Message() + "; waiting for it");
     return Line({{"kind", "missing"}});
   }
 

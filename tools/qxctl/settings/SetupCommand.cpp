@@ -148,7 +148,7 @@ Status PlanNew(Context& context, bool apply, Setup& setup) {
   if (Status status = MakeSteps(setup.steps, setup.text); !status.IsOk()) return status;
   setup.is_applied = true;
   context.output.Note("qxctl: done; make a report with \"qxctl report create " +
-                      Visible(ShellWord(setup.places.reports + "/load")) +
+                      ShellWord(setup.places.reports + "/load") +
                       " --slots 1000\", and check everything with \"qxctl doctor\"");
   return {};
 }

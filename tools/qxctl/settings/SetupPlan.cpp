@@ -63,7 +63,7 @@ Status NotADirectory(const std::string& path) {
 
 Status OpenToAll(const std::string& open, const std::string& path) {
   return {ExitCode::kRefused, Visible(open) + " can be written by everybody, who could exchange " + Visible(path) +
-                                  "; \"chmod o-w " + Visible(ShellWord(open)) + "\" prevents that"};
+                                  "; \"chmod o-w " + ShellWord(open) + "\" prevents that"};
 }
 
 bool IsPlanned(const std::vector<SetupStep>& steps, const std::string& path) {

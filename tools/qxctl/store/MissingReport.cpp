@@ -47,7 +47,7 @@ Status NoSuchReportAt(const std::string& base_path) {
   const std::string directory = file::DirectoryOf(base_path);
   const std::string name = file::NameOf(base_path);
   const FoundReports found = report::FindReportsIn(directory);
-  const std::string list = "qxctl report list --reports " + Visible(ShellWord(directory));
+  const std::string list = "qxctl report list --reports " + ShellWord(directory);
   const std::string advice = found.error == ENOENT ? "; there is no such directory" : Advice(name, found, list);
   return {ExitCode::kNotFound, "no report " + Visible(name) + " in " + Visible(directory) + advice};
 }
@@ -85,8 +85,7 @@ Status NoReportDirectory(const std::string& directory) {
             "there is no report directory " + Visible(directory) + " (" + WhatNamesTheDirectory(settings) + ")"};
   }
   return {ExitCode::kNotFound, "there is no report directory " + Visible(directory) + "; \"install -d -m 0755 " +
-                                   Visible(ShellWord(directory)) + "\" makes it (" + WhatNamesTheDirectory(settings) +
-                                   ")"};
+                                   ShellWord(directory) + "\" makes it (" + WhatNamesTheDirectory(settings) + ")"};
 }
 
 }  // namespace qx::ctl

@@ -7,6 +7,7 @@
 
 #include "tools/qxctl/module/InstanceNames.h"
 #include "tools/qxctl/module/ReportDocuments.h"
+#include "tools/qxctl/store/MissingReport.h"
 
 namespace qx::ctl {
 
@@ -49,7 +50,9 @@ Status AskForRecords(WorkerThread& worker, const LoadPlan& plan, ExpectedReplies
   for (std::int32_t start = 0;;) {
     const CallResult call = worker.Call(RequestFunction::kGetReports, RequestAt(plan, start));
     const ReportReply reply = ParseReply(call);
-    if (Status status = StatusOfReports(call, reply); !status.IsOk()) return status;
+    Status status = StatusOfReports(call, reply);
+    if (status.Code() == ExitCode::kNotFound && start == 0) return NoSuchReport(plan.report);
+    if (!status.IsOk()) return status;
     if (start == 0) expected.report_is_empty = IsEndOfReport(call);
     if (IsEndOfReport(call)) return {};
     if (start == 0) expected.report_head = call.reply->substr(0, call.reply->find(kStartAttribute));

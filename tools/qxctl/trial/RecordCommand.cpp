@@ -18,6 +18,7 @@
 #include "tools/qxctl/module/InstanceNames.h"
 #include "tools/qxctl/module/ReportDocuments.h"
 #include "tools/qxctl/module/StateWord.h"
+#include "tools/qxctl/store/MissingReport.h"
 #include "tools/qxctl/trial/CallFile.h"
 
 namespace qx::ctl {
@@ -110,7 +111,9 @@ Status RecordTransfer(Context& context, Options options, WorkerThread& worker) {
     const CallResult answer{call.result, call.reply, 0};
     const ReportReply reply = ParseReply(answer);
     if (IsEndOfReport(answer)) return {};
-    if (Status status = StatusOfReports(answer, reply); !status.IsOk()) return status;
+    Status status = StatusOfReports(answer, reply);
+    if (status.Code() == ExitCode::kNotFound) return NoSuchReport(options.request.name);
+    if (!status.IsOk()) return status;
     if (reply.next_index <= options.request.start_index) {
       return {ExitCode::kFinding, "the module's transfer makes no progress"};
     }
