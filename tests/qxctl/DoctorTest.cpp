@@ -375,6 +375,7 @@ TEST_F(QxctlDoctor, Qx210ANameThatIsNearlyRight) {
                               "\" is not read; the module reads \"ReportRoot\"");
   Paste(finding.command);
   EXPECT_TRUE(OnlyInfos(Found())) << "the command repairs it";
+  EXPECT_THAT(ReadFile(Dir().File("etc/registry")), Not(HasSubstr("ReportRot="))) << "and removes the wrong name";
 }
 
 TEST_F(QxctlDoctor, Qx210AKeyThatIsNearlyRight) {
@@ -400,6 +401,19 @@ TEST_F(QxctlDoctor, Qx212LineEndsOfAnotherSystem) {
   EXPECT_THAT(Found(), Has("QX212 warning line "));
   Paste(FindingOf("QX212").command);
   EXPECT_TRUE(OnlyInfos(Found())) << "the command repairs it";
+}
+
+TEST_F(QxctlDoctor, Qx212LineEndsAreCorrectedBeforeNames) {
+  Replace("etc/registry", "ReportRoot", "ReportRot");
+  std::string text = ReadFile(Dir().File("etc/registry"));
+  for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 2))
+    text.insert(at, 1, '\r');
+  WriteFile(Dir().File("etc/registry"), text);
+  EXPECT_THAT(Found(), Not(Has("QX210"))) << "its command would set a value that ends with a CR";
+  EXPECT_EQ(FindingOf("QX302").command, FindingOf("QX212").command);
+  Paste(FindingOf("QX212").command);
+  Paste(FindingOf("QX210").command);
+  EXPECT_TRUE(OnlyInfos(Found()));
 }
 
 TEST_F(QxctlDoctor, Qx308SilenceIsAFindingOnlyIfItIsRequested) {
