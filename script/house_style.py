@@ -45,6 +45,7 @@ FOLDER_TOOLS = set(LAYERS) - MODULE  # the programs may include sdk, too
 AREAS = {
     "cli": set(),
     "store": {"cli"},
+    "slice": {"cli"},
     "module": {"cli", "store"},
     "fetch": {"cli", "store", "module"},
     "report": {"cli", "store", "fetch", "module"},

@@ -20,6 +20,10 @@ Value& Values::Add(const Parameter& parameter) {
   return values_.back();
 }
 
+bool Values::Knows(std::string_view name) const {
+  return std::any_of(values_.begin(), values_.end(), [&](const Value& each) { return each.parameter->name == name; });
+}
+
 bool Values::Has(std::string_view name) const { return Find(name).is_given; }
 
 bool Values::Flag(std::string_view name) const {

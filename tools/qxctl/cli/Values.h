@@ -33,6 +33,8 @@ class Values {
   Value& Add(const Parameter& parameter);
   const std::deque<Value>& All() const { return values_; }
 
+  // Whether the command has the parameter: for what several commands share in part.
+  bool Knows(std::string_view name) const;
   bool Has(std::string_view name) const;
   bool Flag(std::string_view name) const;
   std::string Text(std::string_view name, std::string_view otherwise = {}) const;

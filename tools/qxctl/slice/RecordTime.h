@@ -1,0 +1,43 @@
+// The time of a record: a stamp at the beginning of its text. And times as people write them on a command line.
+//
+// A time is milliseconds since 1970 in UTC. What has no zone is local time, or UTC if the rules say so.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace qx::ctl {
+
+struct TimeRules {
+  bool is_utc = false;      // what a time without a zone is
+  std::string format = {};  // of the stamps, for strptime; empty: the recognised ones
+  std::int64_t now_ms = 0;  // for what is relative, and for stamps without a year
+};
+
+[[nodiscard]] std::int64_t NowMs();
+
+// A number of milliseconds that counts as if the time were UTC, as a point in time.
+//   1769854830000 (2026-01-31 10:20:30), an hour east of Greenwich => 1769851230000
+[[nodiscard]] std::int64_t ToPoint(std::int64_t civil_ms, const TimeRules& rules);
+
+// The recognised stamps, each also after a "[":
+//   2026-01-31 10:20:30.123        2026/01/31 10:20         2026-01-31T10:20:30Z     2026-01-31 10:20:30 +0100
+//   31.01.2026 10:20:30            31/Jan/2026:10:20:30     20260131T102030          2026-01-31
+//   Jan 31 10:20:30 (of the last twelve months)             1769854830.123 (seconds since 1970)
+// Unset for anything else. A time of day alone is no stamp: it does not name a day.
+[[nodiscard]] std::optional<std::int64_t> TimeOfRecord(std::string_view record, const TimeRules& rules);
+
+// What a text of the command line covers: a day, a minute, a second or a millisecond, both ends included.
+struct TimeSpan {
+  std::int64_t first_ms = 0;
+  std::int64_t last_ms = 0;
+};
+
+//   "2026-01-31" => that day       "2026-01-31 10:20" => that minute      "10:20:30" => that second of today
+//   "today", "yesterday" => a day  "-10min", "now" => a millisecond
+// Unset for anything else.
+[[nodiscard]] std::optional<TimeSpan> ParseTimeSpan(std::string_view text, const TimeRules& rules);
+
+}  // namespace qx::ctl

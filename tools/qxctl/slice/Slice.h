@@ -1,0 +1,99 @@
+// A slice of records: those of a time, those that match a pattern, the last ones, in reverse order.
+//
+// Threads: one thread.
+#pragma once
+
+#include <regex.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "tools/qxctl/cli/Status.h"
+#include "tools/qxctl/slice/RecordTime.h"
+
+namespace qx::ctl {
+
+// A POSIX extended regular expression, case-sensitive.
+class RecordPattern {
+ public:
+  RecordPattern() = default;
+  ~RecordPattern();
+  RecordPattern(const RecordPattern&) = delete;
+  RecordPattern& operator=(const RecordPattern&) = delete;
+
+  // Called once. kUsage with the reason if the text is no such expression.
+  Status Compile(const std::string& text);
+  [[nodiscard]] bool Matches(std::string_view text) const;
+
+ private:
+  regex_t compiled_ = {};
+  bool is_compiled_ = false;
+};
+
+// What the options say.
+struct Slice {
+  std::optional<std::uint64_t> last;
+  std::optional<std::int64_t> since_ms;
+  std::optional<std::int64_t> until_ms;  // included
+  std::shared_ptr<const RecordPattern> pattern;
+  bool reverse = false;
+  TimeRules time;
+
+  [[nodiscard]] bool HasTimes() const { return since_ms.has_value() || until_ms.has_value(); }
+  // Whether a record's own content decides whether it is in the slice.
+  [[nodiscard]] bool Filters() const { return HasTimes() || pattern != nullptr; }
+  // Whether nothing can be printed before the last record is known.
+  [[nodiscard]] bool HoldsBack() const { return last.has_value() || reverse; }
+  // Whether it is every record in order.
+  [[nodiscard]] bool IsWhole() const { return !Filters() && !HoldsBack(); }
+};
+
+// Whether a record of this time is between the limits. A record whose time is not known is outside any.
+[[nodiscard]] bool IsInTime(const Slice& slice, std::optional<std::int64_t> time_ms);
+
+// Which records are in the slice by their own content, one after the other, the oldest first: a record without a time
+// has that of the record before it.
+class SliceFilter {
+ public:
+  explicit SliceFilter(const Slice& slice) : slice_(slice) {}
+
+  // With the time at the beginning of the text.
+  bool Takes(std::string_view text);
+  // With a time that is known otherwise.
+  bool Takes(std::string_view text, std::optional<std::int64_t> time_ms);
+
+ private:
+  const Slice& slice_;
+  std::optional<std::int64_t> time_ms_;  // of the newest record that has one
+};
+
+// Holds back what the filter took, as far as the end decides: of `last` records no more than these are kept.
+template <typename Item>
+class SliceBuffer {
+ public:
+  explicit SliceBuffer(const Slice& slice) : slice_(slice) {}
+
+  void Add(Item item) {
+    items_.push_back(std::move(item));
+    if (slice_.last && items_.size() > *slice_.last) items_.pop_front();
+  }
+
+  // The items in the order in which they are printed; the buffer is then empty.
+  std::deque<Item> Take() {
+    if (slice_.reverse) std::reverse(items_.begin(), items_.end());
+    return std::exchange(items_, {});
+  }
+
+ private:
+  const Slice& slice_;
+  std::deque<Item> items_;
+};
+
+}  // namespace qx::ctl
