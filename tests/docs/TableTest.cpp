@@ -113,7 +113,7 @@ TEST_F(DocsTable, TheTableNamesASchemaForEveryCommandWithJson) {
 }
 
 TEST_F(DocsTable, EveryCommandWithJsonHasASchemaAndEverySchemaACommand) {
-  std::set<std::string> expected;
+  std::set<std::string> expected = {"qxctl-failure.schema.json"};  // of every command
   for (const json& row : table_) {
     if (!row["schema"].is_null()) expected.insert(row["schema"].get<std::string>() + ".schema.json");
   }

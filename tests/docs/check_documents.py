@@ -2,7 +2,7 @@
 """check_documents.py SCHEMAS <TRANSCRIPT: the JSON documents of console sessions against their schemas.
 
 A transcript holds commands after "$ ", each followed by its output. A command `qxctl a b --json` prints documents of the
-schema SCHEMAS/qxctl-a-b.schema.json, one after the other. Each fault is a line on standard output; the exit code is 1 then.
+schema SCHEMAS/qxctl-a-b.schema.json, one after the other, or one of SCHEMAS/qxctl-failure.schema.json. Each fault is a line on standard output; the exit code is 1 then.
 """
 import json
 import pathlib
@@ -11,6 +11,9 @@ import shlex
 import sys
 
 import jsonschema
+
+
+FAILURE_SCHEMA = "qxctl-failure"
 
 
 def steps(transcript):
@@ -75,6 +78,8 @@ def faults_of(command, output, schemas):
     if documents and name is None:
         yield "prints a document that no schema describes"
     for document in documents if name else []:
+        if "problem" in document:  # instead of the command's own document
+            name = FAILURE_SCHEMA
         for error in jsonschema.Draft202012Validator(schemas[name]).iter_errors(document):
             yield f"{name}: {error.json_path}: {error.message}"
 

@@ -241,8 +241,7 @@ TEST_F(QxctlCall, TraceDirectoryWithALogOfAModuleIsRefused) {
 }
 
 TEST_F(QxctlCall, WrongCommandLineIsAUsageErrorOnStandardError) {
-  for (const std::vector<std::string>& arguments : {std::vector<std::string>{},
-                                                    {"nothing"},
+  for (const std::vector<std::string>& arguments : {std::vector<std::string>{"nothing"},
                                                     {"module"},
                                                     {"module", "what", "--nothing"},
                                                     {"fetch"},

@@ -32,10 +32,10 @@ struct WrongLine {
 TEST_F(QxctlCommandLine, HelpOfACommandShowsArgumentsOptionsAndLimits) {
   EXPECT_EQ(Qxctl({"report", "create", "--help"}).out,
             "Make a new, empty report\n"
-            "Usage: qxctl report create PATH [OPTIONS]\n"
+            "Usage: qxctl report create REPORT [OPTIONS]\n"
             "\n"
             "Arguments:\n"
-            "  PATH                        Path of the report's files, without .ind and .dat (required)\n"
+            "  REPORT                      A name below the report directory, or a path (with a /) (required)\n"
             "\n"
             "Options:\n"
             "  -h, --help                  Print this help message and exit\n"
@@ -54,7 +54,7 @@ TEST_F(QxctlCommandLine, HelpShowsGroupsRelationsAndDefaults) {
 
 TEST_F(QxctlCommandLine, HelpShowsWhatIsOptionalRepeatableOrAChoice) {
   EXPECT_THAT(Qxctl({"ini", "list", "--help"}).out, HasSubstr("Usage: qxctl ini list FILE [SECTION] [OPTIONS]\n"));
-  EXPECT_THAT(Qxctl({"report", "append", "--help"}).out, HasSubstr("report append PATH TEXT... [OPTIONS]\n"));
+  EXPECT_THAT(Qxctl({"report", "append", "--help"}).out, HasSubstr("report append REPORT TEXT... [OPTIONS]\n"));
   EXPECT_THAT(Qxctl({"--help"}).out, HasSubstr("\n  --color auto|always|never   Colour"));
 }
 
@@ -81,37 +81,105 @@ TEST_F(QxctlCommandLine, HelpThatCannotBeWrittenIsAnIoFailure) {
 
 TEST_F(QxctlCommandLine, VersionIsOneLine) { EXPECT_THAT(Qxctl({"--version"}).out, StartsWith("qxctl 0.")); }
 
+// --- what is shown without a command
+
+TEST_F(QxctlCommandLine, QxctlAloneShowsTheGroupsOfCommands) {
+  const Ran ran = Qxctl({});
+  EXPECT_EQ(ran.code, 0);
+  EXPECT_EQ(ran.err, "");
+  EXPECT_THAT(ran.out, StartsWith("Works with the QXRemConXfer provider module and with report files\n\n"));
+  EXPECT_THAT(ran.out, HasSubstr("\nReports:\n  fetch                       Transfer a whole report"));
+  EXPECT_THAT(ran.out, HasSubstr("\nSettings:\n  registry "));
+  EXPECT_THAT(ran.out, HasSubstr("\n                              show, follow, config\n"));
+  EXPECT_THAT(ran.out, HasSubstr("\n\"qxctl help COMMAND\" describes a command"));
+  EXPECT_THAT(ran.out, Not(HasSubstr("_table")));
+}
+
+TEST_F(QxctlCommandLine, EveryFirstWordHasAHeadingInTheOverview) {
+  EXPECT_THAT(Qxctl({}).out, Not(HasSubstr("\nOthers:\n")));
+}
+
+TEST_F(QxctlCommandLine, HelpAndVersionAreAlsoCommands) {
+  EXPECT_EQ(Qxctl({"help"}).out, Qxctl({"--help"}).out);
+  EXPECT_EQ(Qxctl({"help", "report"}).out, Qxctl({"report", "--help"}).out);
+  EXPECT_EQ(Qxctl({"help", "report", "cat"}).out, Qxctl({"report", "cat", "--help"}).out);
+  EXPECT_EQ(Qxctl({"version"}).out, Qxctl({"--version"}).out);
+}
+
 // --- what is refused
 
-TEST_F(QxctlCommandLine, WrongLineIsRefusedWithItsReason) {
+TEST_F(QxctlCommandLine, WrongLineIsRefusedWithOneClearMessage) {
   const std::vector<WrongLine> lines = {
-      {{}, "A subcommand is required; \"qxctl --help\""},
-      {{"report"}, "A subcommand is required; \"qxctl report --help\""},
-      {{"report", "cat"}, "PATH is required; \"qxctl report cat --help\""},
-      {{"fetch", "load", "more"}, "not expected: more"},
-      {{"report", "create", "r", "--slots", "0"}, "--slots: 0 is too small (1 to 1073741823)"},
-      {{"report", "create", "r", "--slots", "1073741824"}, "--slots: 1073741824 is too large (1 to 1073741823)"},
-      {{"report", "create", "r", "--slots", "three"}, "--slots: \"three\" is not a whole number (1 to 1073741823)"},
-      {{"report", "create", "r", "--slots", ""}, "--slots: \"\" is not a whole number"},
-      {{"fetch", "load", "--chunk-records", "1.5"}, "--chunk-records: \"1.5\" is not a whole number (at least 1)"},
-      {{"fetch", "load", "--thread-id", "4294967296"}, "--thread-id: 4294967296 is too large"},
-      {{"fetch", "load", "--omit", "2,77"}, "--omit: 77 not in {1,2,3,5,14,15,61,65}"},
-      {{"fetch", "load", "--tag", "12345"}, "--tag: a tag has at most 4 bytes"},
-      {{"module", "faults", "--timeout", "0"}, "--timeout: 0 is too small (above 0)"},
-      {{"report", "cat", "Reports/load", "--format", "xml"}, "--format: xml not in {text,json,csv}"},
-      {{"report", "cat", "Reports/load", "--svg", "x"}, "--svg requires --plot"},
-      {{"fetch", "load", "--json"}, "--json requires --output"},
-      {{"fetch", "load", "--plot", "k", "--resume", "s"}, "--plot excludes --resume"},
-      {{"registry", "delete", "K", "N", "-r"}, "NAME excludes --recursive"},
-      {{"module", "record", "r", "other"}, "FUNCTION: other not in {what,reflect,reports,names}"},
+      {{"reprot"}, "there is no command \"reprot\"; did you mean report?"},
+      {{"verify"}, "there is no command \"verify\"; did you mean report verify?"},
+      {{"serve"}, "there is no command \"serve\"; \"qxctl help\" lists the commands"},
+      {{"new\nline"}, "there is no command \"new\\x0Aline\"; \"qxctl help\" lists the commands"},
+      {{"report"},
+       "report needs one of its commands: list, status, create, append, cat, info, verify, salvage, backup or restore"},
+      {{"trace", "shwo"}, "trace has no command \"shwo\"; did you mean show?"},
+      {{"ini", "edit"}, "ini has no command \"edit\"; give one of list, get, set, delete and copy"},
+      {{"help", "fecth"}, "there is no command \"fecth\"; did you mean fetch?"},
+      {{"help", "report", "cat", "load"}, "\"load\" is one word too many: qxctl report cat has no commands"},
+      {{"names"}, "REPORT is missing; usage: qxctl names REPORT [OPTIONS]"},
+      {{"report", "create", "r"}, "--slots is missing; usage: qxctl report create REPORT [OPTIONS]"},
+      {{"names", "load", "more"}, "\"more\" is one argument too many; usage: qxctl names REPORT [OPTIONS]"},
+      {{"version", "1"}, "\"1\" is one argument too many; usage: qxctl version [OPTIONS]"},
+      {{"fetch", "load", "--ouptut", "x"}, "qxctl fetch has no option --ouptut; did you mean --output?"},
+      {{"version", "-x"}, "qxctl version has no option -x; \"qxctl version --help\" lists its options"},
+      {{"--json", "fetch", "load"}, "qxctl has no option --json; \"qxctl --help\" lists its options"},
+      {{"fetch", "load", "--output"}, "--output needs a value: give --output FILE"},
+      {{"fetch", "load", "--json=yes"}, "--json takes no value; give --json alone"},
+      {{"fetch", "load", "-o", "a", "--output", "b"}, "--output is given twice; give it once"},
+      {{"report", "create", "r", "--slots", "three"}, "--slots: \"three\" is not a whole number; give 1 to 1073741823"},
+      {{"report", "create", "r", "--slots", ""}, "--slots: \"\" is not a whole number; give 1 to 1073741823"},
+      {{"report", "create", "r", "--slots", "0"}, "--slots: 0 is too small; the smallest is 1"},
+      {{"report", "create", "r", "--slots", "-3"}, "--slots: -3 is too small; the smallest is 1"},
+      {{"report", "create", "r", "--slots", "99999999999999999999"},
+       "--slots: 99999999999999999999 is too large; the largest is 1073741823"},
+      {{"fetch", "load", "--chunk-records", "1.5"}, "--chunk-records: \"1.5\" is not a whole number; give at least 1"},
+      {{"module", "what", "--thread-id", "one"}, "--thread-id: \"one\" is not a whole number; give one such as 10"},
+      {{"module", "faults", "--timeout", "0"}, "--timeout: 0 is too small; give a number above 0"},
+      {{"module", "faults", "--timeout", "nan"}, "--timeout: \"nan\" is not a number; give a number above 0"},
+      {{"follow", "load", "--interval", "1s"}, "--interval: \"1s\" is not a number; give 0.01 to 1000000"},
+      {{"fetch", "load", "--omit", "2,77"},
+       "--omit: \"77\" is not one of 1, 2, 3, 5, 14, 15, 61 and 65; give one of these"},
+      {{"report", "cat", "Reports/load", "--format", "xml"},
+       "--format: \"xml\" is not one of text, json and csv; give one of these"},
+      {{"module", "record", "r", "other"},
+       "FUNCTION: \"other\" is not one of what, reflect, reports and names; give one of these"},
+      {{"fetch", "load", "--tag", "12345"}, "--tag: \"12345\": a tag has at most 4 bytes"},
+      {{"report", "cat", "Reports/load", "--svg", "x"}, "--svg needs --plot; give --plot as well"},
+      {{"fetch", "load", "--plot", "k", "--resume", "s"}, "--resume and --plot exclude each other; give one of them"},
+      {{"registry", "delete", "K", "N", "-r"}, "--recursive and NAME exclude each other; give one of them"},
   };
+  EXPECT_GE(lines.size(), 30U);
   for (const WrongLine& line : lines) {
     const Ran ran = Qxctl(line.arguments);
     EXPECT_EQ(ran.code, 2) << line.message;
-    EXPECT_EQ(ran.out, "") << line.message;
-    EXPECT_THAT(ran.err, StartsWith("qxctl: "));
-    EXPECT_THAT(ran.err, HasSubstr(line.message));
+    EXPECT_EQ(ran.err, std::string("qxctl: ") + line.message + "\n");
+    const bool asks_for_json = testing::Value(line.arguments, testing::Contains("--json"));
+    EXPECT_EQ(ran.out.empty(), !asks_for_json) << line.message;
   }
+}
+
+TEST_F(QxctlCommandLine, FailureUnderJsonIsADocument) {
+  EXPECT_EQ(Qxctl({"report", "info", "--json"}).out,
+            "{\"command\":\"qxctl report info\",\"problem\":\"name a report, or use --all; \\\"qxctl report "
+            "list\\\" shows the reports\",\"exitCode\":2}\n");
+  const Ran missing = Qxctl({"report", "info", "Reports/nothing", "--json"});
+  EXPECT_EQ(missing.code, 4);
+  EXPECT_THAT(missing.out, StartsWith("{\"command\":\"qxctl report info\",\"problem\":\"no report nothing in "));
+  EXPECT_THAT(missing.err, StartsWith("qxctl: no report nothing in "));
+  EXPECT_THAT(Qxctl({"fetch", "--jsn", "--json"}).out, HasSubstr("\"exitCode\":2}\n"));
+}
+
+// The document of the command says what happened; a second one would be in the way.
+TEST_F(QxctlCommandLine, FailureWithADocumentOfItsOwnHasNoSecondOne) {
+  WriteFile(ReportPath("load") + ".dat", "");
+  const Ran damaged = Qxctl({"report", "verify", "Reports/load", "--json"});
+  EXPECT_EQ(damaged.code, 1);
+  EXPECT_THAT(damaged.out, StartsWith("{\n"));
+  EXPECT_THAT(damaged.out, Not(HasSubstr("problem")));
 }
 
 TEST_F(QxctlCommandLine, RefusedLineMakesNoTraceDirectory) {
@@ -121,7 +189,37 @@ TEST_F(QxctlCommandLine, RefusedLineMakesNoTraceDirectory) {
 
 // --- what is accepted
 
-TEST_F(QxctlCommandLine, ChoiceIsAcceptedInEitherCase) {
+TEST_F(QxctlCommandLine, ReportMayHaveTheNameOfACommand) {
+  MakeReport("report", 3, {"a"});
+  EXPECT_EQ(Qxctl({"fetch", "report", "--quiet"}).out, "a\r\n");
+}
+
+TEST_F(QxctlCommandLine, OptionTakesItsValueInFourWays) {
+  for (const std::vector<std::string>& way :
+       std::vector<std::vector<std::string>>{{"--output=all"}, {"--output", "all"}, {"-oall"}, {"-o", "all"}}) {
+    std::vector<std::string> arguments = {"fetch", "load", "--quiet"};
+    arguments.insert(arguments.end(), way.begin(), way.end());
+    EXPECT_EQ(Qxctl(arguments).code, 0) << way[0];
+    EXPECT_EQ(ReadFile(Dir().File("all")), "a\r\nb\r\n");
+    WriteFile(Dir().File("all"), "");
+  }
+}
+
+TEST_F(QxctlCommandLine, TwoHyphensEndTheOptions) {
+  EXPECT_EQ(Qxctl({"report", "append", "Reports/load", "--", "--slots", "-x"}).code, 0);
+  EXPECT_EQ(Qxctl({"report", "cat", "Reports/load"}).out, "b\r\n--slots\r\n-x\r\n");
+}
+
+TEST_F(QxctlCommandLine, NegativeNumberIsAnArgument) {
+  EXPECT_EQ(Qxctl({"report", "append", "Reports/load", "-5", "-.5"}).code, 0);
+  EXPECT_EQ(Qxctl({"report", "cat", "Reports/load"}).out, "b\r\n-5\r\n-.5\r\n");
+}
+
+TEST_F(QxctlCommandLine, LettersOfOptionsMayBeTogether) {
+  EXPECT_EQ(Qxctl({"registry", "ls", "-rh"}).out, Qxctl({"registry", "ls", "--help"}).out);
+}
+
+TEST_F(QxctlCommandLine, ChoiceThatIgnoresCaseMeansTheSame) {
   const Ran json = Qxctl({"report", "cat", "Reports/load", "--format", "json"});
   EXPECT_EQ(Qxctl({"report", "cat", "Reports/load", "--format", "JSON"}).out, json.out);
   EXPECT_THAT(json.out, StartsWith("{\"index\":0"));

@@ -115,7 +115,7 @@ TEST_F(QxctlCompletion, OptionsOfTheCommandAndOfEveryCommand) {
 }
 
 TEST_F(QxctlCompletion, ReportNamesFromTheReportDirectory) {
-  EXPECT_THAT(Offers({"fetch", ""}), ElementsAre("load", "lost and found"));
+  EXPECT_THAT(Offers({"fetch", ""}), ElementsAre("load", "lost and found", "Reports"));  // a path begins there
   EXPECT_THAT(Offers({"names", "lo"}), ElementsAre("load", "lost and found"));
   EXPECT_THAT(Offers({"fetch", "--quiet", "loa"}), ElementsAre("load"));
 }

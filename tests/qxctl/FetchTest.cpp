@@ -19,6 +19,7 @@ namespace {
 using nlohmann::json;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 const char kPrivilege[] = "AccessPerformanceMgr";
 
@@ -153,7 +154,8 @@ TEST_F(QxctlFetch, JsonWithoutAnOutputFileIsAUsageError) {
   MakeReport("load", 9, {"one"});
   const Ran ran = Qxctl({"fetch", "load", "--json"});
   EXPECT_EQ(ran.code, 2);
-  EXPECT_EQ(ran.out, "");
+  EXPECT_THAT(ran.out, HasSubstr("\"problem\":\"--json needs --output;"));
+  EXPECT_THAT(ran.out, Not(HasSubstr("one")));
 }
 
 TEST_F(QxctlFetch, MissingReportIsNotFoundAndLeavesTheOldFile) {

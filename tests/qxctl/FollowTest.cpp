@@ -196,6 +196,26 @@ TEST_F(QxctlFollow, UnwritableOutputEndsIt) {
   EXPECT_EQ(Qxctl(Arguments({"--for", "5"}), start).code, 6);
 }
 
+// Nothing is written after the record, so only the end of the reader itself can end qxctl.
+TEST_F(QxctlFollow, ReaderThatGoesAwayEndsItWithoutWaitingForARecord) {
+  MakeReport("load", 9, {"a"});
+  for (const std::string more : {"", " --json"}) {
+    const std::string script =
+        "(timeout 60 \"$0\" follow load --interval 1000" + more + "; echo \"code $?\" >&2) | head -1";
+    const Ran ran = Child({"bash", "-c", script, QxctlPath()}, StartHere()).Wait();
+    EXPECT_NE(ran.out, "");
+    EXPECT_EQ(ran.err, "code 141\n");
+  }
+}
+
+TEST_F(QxctlFollow, ReaderThatGoesAwayIsAnIoFailureIfTheParentIgnoresSigpipe) {
+  MakeReport("load", 9, {"a"});
+  const std::string script =
+      "(trap '' PIPE; timeout 60 \"$0\" follow load --interval 1000 --quiet; echo \"code $?\" >&2) | head -1";
+  const Ran ran = Child({"bash", "-c", script, QxctlPath()}, StartHere()).Wait();
+  EXPECT_EQ(ran.err, "qxctl: cannot write standard output: Broken pipe\ncode 6\n");
+}
+
 TEST_F(QxctlFollow, RefusedCallerGetsNothing) {
   MakeReport("load", 9, {"secret"});
   const Ran ran = Follow({"--user", "bob", "--for", "5"});

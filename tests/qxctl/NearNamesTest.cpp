@@ -27,7 +27,7 @@ TEST(NearNames, CapitalsDoNotMatterAndTheNearestComesFirst) {
   EXPECT_THAT(NearNames("LOAD", kNames), ElementsAre("load", "loads"));
 }
 
-TEST(NearNames, ABeginningIsNear) { EXPECT_THAT(NearNames("sal", kNames), ElementsAre("salvage")); }
+TEST(NearNames, BeginningIsNear) { EXPECT_THAT(NearNames("sal", kNames), ElementsAre("salvage")); }
 
 TEST(NearNames, WhatIsFarIsNotOffered) {
   EXPECT_THAT(NearNames("x", kNames), IsEmpty());

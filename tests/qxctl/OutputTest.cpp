@@ -94,6 +94,24 @@ TEST_F(QxctlOutput, TheOptionsMayBeBeforeOrAfterAnyCommand) {
   EXPECT_THAT(Run({"--color", "always", "report", "verify", "Reports/load"}).out, HasSubstr(kEscape));
 }
 
+// --- control bytes of records
+
+TEST_F(QxctlOutput, TerminalGetsControlBytesMaskedUnlessRaw) {
+  Append("load", {"\033[2Jb"});
+  for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+           {"report", "cat", "load"}, {"fetch", "load"}, {"follow", "load", "--count", "2"}}) {
+    EXPECT_THAT(RunOnTerminal(command).out, HasSubstr("\\x1B[2Jb")) << command[0];
+    EXPECT_THAT(RunOnTerminal(With(command, {"--raw"})).out, HasSubstr("\033[2Jb\r\n")) << command[0];
+    EXPECT_THAT(Run(command).out, HasSubstr("\033[2Jb\r\n")) << command[0];
+  }
+}
+
+TEST_F(QxctlOutput, RawFetchWithAStateGoesToTheTerminalAsItIs) {
+  Append("load", {"\033[2Jb"});
+  EXPECT_THAT(RunOnTerminal({"fetch", "load", "--resume", "one"}).out, HasSubstr("\\x1B[2Jb"));
+  EXPECT_THAT(RunOnTerminal({"fetch", "load", "--resume", "two", "--raw"}).out, HasSubstr("\033[2Jb\r\n"));
+}
+
 // --- colour
 
 TEST_F(QxctlOutput, TerminalGetsColour) {
@@ -102,6 +120,25 @@ TEST_F(QxctlOutput, TerminalGetsColour) {
 
 TEST_F(QxctlOutput, TerminalGetsProblemsInColour) {
   EXPECT_THAT(RunOnTerminal(missing_).err, HasSubstr("\033[1;31mqxctl:\033[0m no report nothing in Reports;"));
+}
+
+TEST_F(QxctlOutput, SeverityIsColouredInEveryCommand) {
+  const auto colored = [this](const std::vector<std::string>& command) {
+    return Run(With(command, {"--color", "always"})).out;
+  };
+  WriteFile(Dir().File("log.x"), "2026-01-31 10:20:30.123 [0A1B2C3D] QxTrace       ## ERROR! Could not read\n");
+  WriteFile(Dir().File("log.y"), "2026-01-31 10:20:30.123 [0A1B2C3D] QxTrace       ## WARNING: open\n");
+  EXPECT_THAT(colored({"trace", "show", "log.x"}), testing::StartsWith("\033[1;31m2026"));
+  EXPECT_THAT(colored({"trace", "show", "log.y"}), testing::StartsWith("\033[33m2026"));
+  EXPECT_THAT(colored({"doctor"}), HasSubstr("\033[33mwarning "));
+  EXPECT_THAT(colored({"report", "backup", "saved"}), HasSubstr("\033[32mcopied "));
+  EXPECT_THAT(colored({"report", "restore", "saved"}), HasSubstr("\033[32msame "));
+  std::string index = ReadFile(ReportPath("load") + ".ind");
+  index[20] = 5;  // the oldest slot of a ring of 3
+  WriteFile(ReportPath("load") + ".ind", index);
+  EXPECT_THAT(colored({"report", "info", "load"}), HasSubstr("\033[1;31mdamaged\033[0m\n"));
+  EXPECT_THAT(colored({"report", "backup", "other"}), HasSubstr("\033[1;31mdamaged "));
+  EXPECT_THAT(Run({"fetch", "load", "--color", "always"}).err, HasSubstr("\033[33mqxctl:\033[0m warning: "));
 }
 
 TEST_F(QxctlOutput, PipeGetsNoColour) {

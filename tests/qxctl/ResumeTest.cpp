@@ -76,6 +76,18 @@ TEST_F(QxctlResume, AdvancedRingPrintsOnlyTheNewRecords) {
   EXPECT_EQ(ran.out, Stored(Numbered(50, 30)));
 }
 
+// The pipe is much smaller than the report, so the reader gets only a part of it.
+TEST_F(QxctlResume, ReaderThatGoesAwayLeavesAStateThatGoesOn) {
+  MakeReport("load", 4000, Numbered(0, 4000, std::string(100, 'x')));
+  const std::string script = "(\"$0\" fetch load --resume state; echo \"code $?\" >&2) | head -c 1";
+  const Ran ran = Child({"/bin/sh", "-c", script, QxctlPath()}, StartHere()).Wait();
+  EXPECT_THAT(ran.err, testing::EndsWith("code 141\n"));
+  EXPECT_THAT(ran.err, testing::Not(HasSubstr("qxctl:")));
+  const int delivered = State()["delivered"];
+  EXPECT_LT(delivered, 4000);
+  EXPECT_EQ(Resume().out, Stored(Numbered(delivered, 4000 - delivered, std::string(100, 'x'))));
+}
+
 TEST_F(QxctlResume, StateFileHasTheDocumentedKeys) {
   MakeReport("load", 9, {"a"});
   ASSERT_EQ(Resume().code, 0);

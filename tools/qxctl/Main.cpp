@@ -13,9 +13,11 @@
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/GlobalOptions.h"
 #include "tools/qxctl/cli/Interrupt.h"
-#include "tools/qxctl/cli/Parser.h"
 #include "tools/qxctl/cli/describe/CompletionCommand.h"
+#include "tools/qxctl/cli/describe/HelpCommand.h"
 #include "tools/qxctl/cli/describe/HelpText.h"
+#include "tools/qxctl/cli/line/Parser.h"
+#include "tools/qxctl/cli/text/JsonText.h"
 #include "tools/qxctl/doctor/DoctorCommand.h"
 #include "tools/qxctl/doctor/ExplainCommand.h"
 #include "tools/qxctl/fetch/FetchCommand.h"
@@ -53,11 +55,16 @@ using qx::ctl::ExitCode;
 using qx::ctl::Request;
 using qx::ctl::Status;
 
-constexpr Command kModule = {.words = "module", .help = "Call the provider module, and try it hard"};
-constexpr Command kReport = {.words = "report", .help = "Work on a report's files, without the module"};
-constexpr Command kRegistry = {.words = "registry", .help = "Show, check and change the registry"};
-constexpr Command kIni = {.words = "ini", .help = "Show and change a profile file"};
-constexpr Command kTrace = {.words = "trace", .help = "Read traces back, and show where their settings come from"};
+constexpr std::string_view kSettingsHeading = "Settings";
+constexpr Command kModule = {
+    .words = "module", .help = "Call the provider module, and try it hard", .group = "The module"};
+constexpr Command kReport = {
+    .words = "report", .help = "Work on a report's files, without the module", .group = qx::ctl::kReportsHeading};
+constexpr Command kRegistry = {
+    .words = "registry", .help = "Show, check and change the registry", .group = kSettingsHeading};
+constexpr Command kIni = {.words = "ini", .help = "Show and change a profile file", .group = kSettingsHeading};
+constexpr Command kTrace = {
+    .words = "trace", .help = "Read traces back, and show where their settings come from", .group = "Traces"};
 
 // In the order in which people read of them.
 constexpr const Command* kCommands[] = {
@@ -107,6 +114,8 @@ constexpr const Command* kCommands[] = {
     &qx::ctl::kSetupCommand,
     &qx::ctl::kDoctorCommand,
     &qx::ctl::kExplainCommand,
+    &qx::ctl::kHelpCommand,
+    &qx::ctl::kVersionCommand,
     &qx::ctl::kCompletionCommand,
     &qx::ctl::kReportNamesCommand,
     &qx::ctl::kTableCommand,
@@ -123,15 +132,30 @@ void HoldStandardDescriptors() {
   }
 }
 
-ExitCode Finish(Context& context, const Status& status) {
-  context.output.Problem(status);
+// A program that asked for JSON finds a failure on standard output, unless the command has printed a document.
+Status PrintFailure(Context& context, const CommandLine& line, const Status& status) {
+  const bool is_needed = line.asks_for_json && !status.IsOk() && !status.Message().empty() && !context.output.HasData();
+  if (!is_needed) return {};
+  return context.output.Data(qx::ctl::JsonLineOf({{"command", FullName(*line.command)},
+                                                  {"problem", status.Message()},
+                                                  {"exitCode", static_cast<int>(status.Code())}}));
+}
+
+// Nobody is there to read a failure.
+bool IsReaderGone() { return qx::ctl::InterruptSignal() == SIGPIPE; }
+
+ExitCode Finish(Context& context, const CommandLine& line, const Status& status) {
+  if (!IsReaderGone()) context.output.Problem(status);
+  (void)PrintFailure(context, line, status);  // Finish below reports that it failed
   const Status finished = context.output.Finish();
-  if (finished.Message() != status.Message()) context.output.Problem(finished);  // said once is enough
+  const bool is_said = finished.Message() == status.Message();
+  if (!is_said && !IsReaderGone()) context.output.Problem(finished);
   return finished.IsOk() ? status.Code() : finished.Code();
 }
 
 Status Run(Context& context, const CommandLine& line) {
-  if (line.request == Request::kVersion) return context.output.Data("qxctl " QX_VERSION "\n");
+  if (line.request == Request::kVersion) return context.output.Data("qxctl " + std::string(context.version) + "\n");
+  if (line.request == Request::kOverview) return context.output.Data(OverviewText(context.commands));
   if (line.request == Request::kHelp) return context.output.Data(HelpText(context.commands, *line.command));
   if (Status status = ApplyGlobalOptions(context, line.values); !status.IsOk()) return status;
   return line.command->run(context, line.values);
@@ -140,9 +164,11 @@ Status Run(Context& context, const CommandLine& line) {
 ExitCode Qxctl(int argc, char** argv) {
   Context context;
   context.commands = kCommands;
+  context.version = QX_VERSION;
   CommandLine line;
-  if (Status status = ParseCommandLine(kCommands, argc, argv, line); !status.IsOk()) return Finish(context, status);
-  return Finish(context, Run(context, line));
+  if (Status status = ParseCommandLine(kCommands, argc, argv, line); !status.IsOk())
+    return Finish(context, line, status);
+  return Finish(context, line, Run(context, line));
 }
 
 }  // namespace
@@ -150,7 +176,7 @@ ExitCode Qxctl(int argc, char** argv) {
 // NOLINTNEXTLINE(bugprone-exception-escape): when memory runs out, ending here is all that is left to do.
 int main(int argc, char** argv) {
   HoldStandardDescriptors();
-  (void)std::signal(SIGPIPE, SIG_IGN);  // a reader that ended shows as a failed write, so that we can tidy up
+  qx::ctl::HoldBrokenPipe();  // until everything temporary is gone
   const ExitCode code = Qxctl(argc, argv);
   qx::ctl::DieOfInterrupt();  // everything temporary is gone by now
   return static_cast<int>(code);

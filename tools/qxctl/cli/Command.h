@@ -1,8 +1,7 @@
 // A command of qxctl as plain data. The parser, --help, the manual page, the completion scripts, the tables in the
 // documentation and the list of JSON schemas all read this data, so that all of them agree with what qxctl accepts.
 //
-// The source of a command defines a `const Command` with constexpr tables, and a function that runs it. It does not
-// know the argument parser.
+// The source of a command defines a `const Command` with constexpr tables, and a function that runs it.
 #pragma once
 
 #include <array>
@@ -63,17 +62,23 @@ struct Parameter {
   bool is_list = false;  // values may also be separated by commas
 
   std::string_view needs = {};                    // an option that this one requires
-  std::array<std::string_view, 2> excludes = {};  // parameters that cannot be given together with this one
+  std::array<std::string_view, 6> excludes = {};  // parameters that cannot be given together with this one
 };
 
 constexpr bool IsOption(const Parameter& parameter) { return parameter.name.starts_with("--"); }
+
+// Headings of the overview that several areas use.
+inline constexpr std::string_view kReportsHeading = "Reports";
+inline constexpr std::string_view kTroubleHeading = "When something is wrong";
+inline constexpr std::string_view kToolHeading = "This tool";
 
 // One command, or a group of commands ("report") if it has no function to run.
 struct Command {
   std::string_view words;  // after "qxctl": "report info"
   std::string_view help;
+  std::string_view group = {};  // the heading in the overview; of a first word only
   Status (*run)(Context& context, const Values& values) = nullptr;
-  std::array<std::span<const Parameter>, 5> parameters = {};  // its own, and those of several commands
+  std::array<std::span<const Parameter>, 8> parameters = {};  // its own, and those of several commands
   bool is_hidden = false;                                     // for scripts and the build, not for people
 };
 

@@ -65,15 +65,6 @@ Json CommandToJson(Commands commands, const Command& command) {
           {"arguments", std::move(arguments)},     {"schema", SchemaOf(command)}};
 }
 
-// "1", "0.01", "2147483647"
-std::string NumberText(double number) {
-  const auto whole = static_cast<std::int64_t>(number);
-  if (static_cast<double>(whole) == number) return std::to_string(whole);
-  std::string text = std::to_string(number);
-  text.erase(text.find_last_not_of('0') + 1);
-  return text;
-}
-
 }  // namespace
 
 bool IsAnsweredAtOnce(const Parameter& parameter) {
@@ -132,6 +123,14 @@ std::string ShownLimits(const Parameter& parameter) {
   if (limits.max < kInt32Limits.max) return NumberText(limits.min) + " to " + NumberText(limits.max);
   if (limits.min <= 0) return "";
   return limits.min < 1 ? "above 0" : "at least " + NumberText(limits.min);
+}
+
+std::string NumberText(double number) {
+  const auto whole = static_cast<std::int64_t>(number);
+  if (static_cast<double>(whole) == number) return std::to_string(whole);
+  std::string text = std::to_string(number);
+  text.erase(text.find_last_not_of('0') + 1);
+  return text;
 }
 
 std::string Joined(const std::vector<std::string>& words, std::string_view separator) {

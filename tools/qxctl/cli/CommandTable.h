@@ -40,6 +40,9 @@ std::string ShownValue(const Parameter& parameter);
 // "1 to 6", "at least 1", "above 0"; empty if the limits are only those of the number's type
 std::string ShownLimits(const Parameter& parameter);
 
+// "1", "0.01", "2147483647"
+std::string NumberText(double number);
+
 // {"a", "b"} => "a b"
 std::string Joined(const std::vector<std::string>& words, std::string_view separator = " ");
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <span>
+#include <string_view>
 
 #include "tools/qxctl/cli/Command.h"
 #include "tools/qxctl/cli/Output.h"
@@ -13,6 +14,7 @@ struct Context {
   Output output;
   TraceDirectory traces;
   std::span<const Command* const> commands = {};  // all commands, for those that describe qxctl itself
+  std::string_view version = {};                  // of qxctl
 };
 
 }  // namespace qx::ctl

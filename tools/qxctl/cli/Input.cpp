@@ -31,6 +31,7 @@ Status ReadToEnd(int descriptor, const std::string& name, std::string& text) {
 }  // namespace
 
 Status ReadArgument(const std::string& argument, std::string& text, bool force) {
+  if (argument == "-") return ReadToEnd(STDIN_FILENO, "standard input", text);
   if (!argument.starts_with('@')) {
     text = argument;
     return {};

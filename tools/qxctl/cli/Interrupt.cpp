@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -21,6 +22,8 @@ constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 volatile std::sig_atomic_t g_signal = 0;
 
 volatile std::sig_atomic_t g_is_guarded = 0;
+
+bool g_parent_ignores_pipe = false;
 
 // The directory to remove. It is not on the heap, because a signal handler reads it.
 char g_directory[PATH_MAX] = "";
@@ -92,6 +95,33 @@ void SetHandlers() {
 }  // namespace
 
 int InterruptSignal() { return g_signal; }
+
+void HoldBrokenPipe() {
+  g_parent_ignores_pipe = IsIgnored(SIGPIPE);
+  SetHandler(SIGPIPE, SIG_IGN);
+}
+
+void RememberBrokenPipe() {
+  if (!g_parent_ignores_pipe && g_signal == 0) g_signal = SIGPIPE;
+}
+
+// The signals are held back between the check and the wait: one that arrives there would otherwise not end the wait.
+Status WaitWhileOutputIsRead(std::chrono::nanoseconds time) {
+  constexpr std::int64_t kSecond = 1'000'000'000;
+  const timespec limit{static_cast<time_t>(time.count() / kSecond), static_cast<long>(time.count() % kSecond)};
+  sigset_t held;
+  sigset_t before;
+  (void)sigemptyset(&held);
+  for (const int signal : kSignals) (void)sigaddset(&held, signal);
+  (void)pthread_sigmask(SIG_BLOCK, &held, &before);
+  pollfd output{STDOUT_FILENO, 0, 0};
+  const int ready = g_signal == 0 ? ppoll(&output, 1, &limit, &before) : 0;
+  (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  const bool is_gone = ready > 0 && (output.revents & (POLLERR | POLLHUP)) != 0;
+  if (!is_gone) return {};
+  RememberBrokenPipe();
+  return Status::Io("cannot write standard output", EPIPE);
+}
 
 InterruptGuard::InterruptGuard() {
   g_is_guarded = 1;

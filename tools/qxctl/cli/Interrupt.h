@@ -2,12 +2,28 @@
 // at its next step and cleans up, and then the same signal ends the process.
 #pragma once
 
+#include <chrono>
 #include <string>
+
+#include "tools/qxctl/cli/Status.h"
 
 namespace qx::ctl {
 
-// The first of SIGINT, SIGTERM and SIGHUP that arrived under a guard, or 0.
+// The first of SIGINT, SIGTERM and SIGHUP that arrived under a guard; SIGPIPE once the reader of an output is gone; or
+// 0.
 int InterruptSignal();
+
+// For the beginning of the program: from now on a write without a reader fails with EPIPE and does not kill the
+// process.
+void HoldBrokenPipe();
+
+// Remembers that a write failed because its reader is gone, unless the parent process ignores SIGPIPE: then the failed
+// write is an error like any other.
+void RememberBrokenPipe();
+
+// Waits for `time`. Returns early when a signal arrives, and when the reader of standard output is gone: that is kIo,
+// and remembered as a broken pipe.
+Status WaitWhileOutputIsRead(std::chrono::nanoseconds time);
 
 // During its lifetime those signals are recorded and do not kill the process. Threads: one guard at a time, on the only
 // thread.

@@ -84,9 +84,15 @@ void Output::Configure(Verbosity verbosity, ColorMode color) {
   color_out_ = color_out_ && !(masks_out_ && mark_.empty());
 }
 
+void Output::ShowRaw() {
+  masks_out_ = false;
+  mark_.clear();
+}
+
 Status Output::Data(std::string_view bytes) {
   const std::string masked = masks_out_ ? ForScreen(bytes) : std::string();
   if (masks_out_) bytes = masked;
+  has_data_ = has_data_ || !bytes.empty();
   if (bytes.size() < kBufferBytes) {
     buffer_.append(bytes);
     return buffer_.size() < kBufferBytes ? written_ : Flush();
@@ -125,14 +131,17 @@ void Output::Detail(std::string_view line) {
   if (verbosity_ == Verbosity::kVerbose) Say(line);
 }
 
-void Output::Problem(std::string_view message) { Say(message, Painted(color_err_, Style::kBad, "qxctl:") + " "); }
+void Output::Problem(std::string_view message) {
+  const Style style = message.starts_with("warning: ") ? Style::kWarning : Style::kBad;
+  Say(message, Painted(color_err_, style, "qxctl:") + " ");
+}
 
 void Output::Problem(const Status& status) {
   if (!status.Message().empty()) Problem(status.Message());
 }
 
 void Output::Progress(const std::string& line) {
-  if (!masks_err_ || verbosity_ == Verbosity::kQuiet) return;
+  if (!ShowsProgress()) return;
   const double now = NowSeconds();
   if (now - progress_time_ < kProgressSeconds) return;
   WipeProgress();

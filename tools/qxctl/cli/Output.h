@@ -26,9 +26,15 @@ class Output {
   // Applies the command line's choices; called before anything is printed.
   void Configure(Verbosity verbosity, ColorMode color);
 
+  // From now on data goes to a terminal byte for byte as well: for --raw.
+  void ShowRaw();
+
   // Data for standard output, byte for byte. If that is a terminal, control bytes are masked (ForTerminal in
   // cli/Text.h), because records and names come from others; only colours of Paint are kept.
   Status Data(std::string_view bytes);
+
+  // Whether any data was printed.
+  bool HasData() const { return has_data_; }
 
   // One JSON document on standard output, indented, with a line end. Bytes that are not UTF-8 become U+FFFD.
   Status Document(const Json& document);
@@ -52,6 +58,9 @@ class Output {
   // most, and not with --quiet. The next Note or Problem wipes it.
   void Progress(const std::string& line);
 
+  // Whether progress is shown at all.
+  bool ShowsProgress() const { return masks_err_ && verbosity_ != Verbosity::kQuiet; }
+
   // Writes the buffered data, for a command that continues and waits.
   Status Show() { return Flush(); }
 
@@ -65,6 +74,7 @@ class Output {
   void WipeProgress();
 
   std::string buffer_;
+  bool has_data_ = false;
   Status written_;  // the first failure is kept
   Verbosity verbosity_ = Verbosity::kNormal;
   bool color_out_ = false;  // standard output

@@ -21,7 +21,7 @@ Status OutputFile::Open(const std::string& path, bool force) {
 }
 
 Status OutputFile::Write(std::string_view bytes) {
-  if (is_terminal_) return WriteAll(direct_.Number(), ForTerminal(bytes), path_);
+  if (is_terminal_ && !keeps_bytes_) return WriteAll(direct_.Number(), ForTerminal(bytes), path_);
   if (direct_.IsOpen()) return WriteAll(direct_.Number(), bytes, path_);
   return StatusOfFile("cannot write", file_.AppendToCopy(bytes));
 }

@@ -24,6 +24,8 @@ namespace qx::ctl {
 // Failure: after any failure the target is unchanged.
 class OutputFile {
  public:
+  // Before Open: a terminal gets every byte as it is.
+  void KeepBytes() { keeps_bytes_ = true; }
   Status Open(const std::string& path, bool force = false);
   Status Write(std::string_view bytes);
 
@@ -35,6 +37,7 @@ class OutputFile {
   ReplacedFile file_;
   file::Descriptor direct_;  // open: the target is written directly
   bool is_terminal_ = false;
+  bool keeps_bytes_ = false;
 };
 
 }  // namespace qx::ctl

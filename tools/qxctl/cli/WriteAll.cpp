@@ -2,6 +2,7 @@
 
 #include <limits.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -43,6 +44,8 @@ file::Progress WriteUntilInterrupted(int descriptor, std::string_view bytes) {
     const file::Progress piece = file::Write(descriptor, bytes.substr(progress.bytes, piece_bytes));
     progress = {progress.bytes + piece.bytes, piece.error};
   }
+  // Problems are lost without a reader, as everywhere, and the command goes on.
+  if (progress.error == EPIPE && descriptor != STDERR_FILENO) RememberBrokenPipe();
   return progress;
 }
 

@@ -40,13 +40,28 @@ std::string Padded(std::string text, std::size_t width) {
   return text;
 }
 
-std::string ToText(const DoctorFindings& findings) {
+Style StyleOf(Severity severity) {
+  switch (severity) {
+    case Severity::kOk:
+      return Style::kGood;
+    case Severity::kInfo:
+      return Style::kFaint;
+    case Severity::kWarning:
+      return Style::kWarning;
+    case Severity::kError:
+      return Style::kBad;
+  }
+  return Style::kStrong;
+}
+
+std::string ToText(const Output& output, const DoctorFindings& findings) {
   constexpr std::size_t kSeverityWidth = 8;
   constexpr std::size_t kSectionWidth = 9;
   std::string text;
   for (const DoctorFinding& finding : findings) {
     const Severity severity = SeverityOf(finding.code);
-    text += std::string(finding.code) + " " + Padded(NameOf(severity), kSeverityWidth) +
+    text += std::string(finding.code) + " " +
+            output.Paint(StyleOf(severity), Padded(NameOf(severity), kSeverityWidth)) +
             Padded(SectionOf(finding.code), kSectionWidth) + Visible(finding.fact);
     const bool needs_fix = severity == Severity::kWarning || severity == Severity::kError;
     text += (needs_fix ? ". " + std::string(ExplainFinding(finding.code).action) : "") + "\n";
@@ -171,7 +186,8 @@ Status Doctor(Context& context, const Values& values) {
   if (Status status = Examine(context, values, findings); !status.IsOk()) return status;
   const Status status = StatusOf(findings);
   return ShowResult(
-      context, values, [&] { return ToJson(findings, status); }, [&] { return ToText(findings); }, status);
+      context, values, [&] { return ToJson(findings, status); }, [&] { return ToText(context.output, findings); },
+      status);
 }
 
 constexpr Parameter kParameters[] = {
@@ -210,6 +226,7 @@ constexpr Parameter kParameters[] = {
 
 constinit const Command kDoctorCommand = {.words = "doctor",
                                           .help = "Check everything that the module needs to serve",
+                                          .group = kTroubleHeading,
                                           .run = Doctor,
                                           .parameters = {kParameters}};
 

@@ -70,7 +70,10 @@ constexpr Parameter kParameters[] = {
 
 }  // namespace
 
-constinit const Command kExplainCommand = {
-    .words = "explain", .help = "Explain a code or a line of a trace", .run = ExplainAll, .parameters = {kParameters}};
+constinit const Command kExplainCommand = {.words = "explain",
+                                           .help = "Explain a code or a line of a trace",
+                                           .group = kTroubleHeading,
+                                           .run = ExplainAll,
+                                           .parameters = {kParameters}};
 
 }  // namespace qx::ctl

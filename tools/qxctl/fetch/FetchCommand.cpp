@@ -16,6 +16,8 @@
 #include "tools/qxctl/fetch/ResumedFetch.h"
 #include "tools/qxctl/fetch/Transfer.h"
 #include "tools/qxctl/module/CallOptions.h"
+#include "tools/qxctl/slice/SliceOptions.h"
+#include "tools/qxctl/store/ReportArguments.h"
 #include "tools/qxctl/store/ReportDamage.h"
 #include "tools/qxctl/store/ReportDirectory.h"
 
@@ -29,6 +31,7 @@ struct Options {
   std::string output;  // empty: standard output
   std::string state;   // empty: one run fetches everything
   RecordPrintOptions print;
+  Slice slice;
   std::optional<std::int32_t> chunk_records;
   bool json = false;
 };
@@ -86,37 +89,50 @@ Json SummaryToJson(const Options& options, const TransferCount& count, const Sta
 class RecordTarget {
  public:
   RecordTarget(Context& context, const Options& options)
-      : output_(context.output), options_(options), printer_(context.output, options.print) {}
+      : output_(context.output),
+        options_(options),
+        printer_(context.output, options.print),
+        records_(options.slice, printer_, [this](const std::string& text) { return WriteRecord(text); }) {}
 
-  Status Open() { return HasFile() ? file_.Open(options_.output, options_.print.force) : Status(); }
+  Status Open() {
+    if (!HasFile()) return {};
+    if (options_.print.raw) file_.KeepBytes();
+    return file_.Open(options_.output, options_.print.force);
+  }
 
   Status Take(Transfer& transfer, const ReportReply& reply) {
-    if (printer_.IsPlain()) return Write(reply.records);
+    if (printer_.IsPlain() && options_.slice.IsWhole()) return Write(reply.records);
     std::vector<std::string> records;
     if (Status status = transfer.Split(reply, records); !status.IsOk()) return status;
-    std::string text;
-    for (const std::string& record : records) text += printer_.Take(record);
-    return HasFile() || !printer_.DrawsChart() ? Write(text) : Status();
+    for (const std::string& record : records) {
+      if (Status status = records_.Add(record); !status.IsOk()) return status;
+    }
+    return {};
   }
+
+  std::uint64_t InSlice() const { return records_.Count(); }
 
   // A file is renamed into place only if the transfer reached its end; a changed or shortened report is better than
   // none.
   Status Finish(bool reached_end) {
+    if (Status status = records_.Finish(); !status.IsOk()) return status;
     if (Status status = printer_.Finish(options_.report); !status.IsOk()) return status;
     return HasFile() && reached_end ? file_.Commit() : Status();
   }
 
  private:
   bool HasFile() const { return !options_.output.empty(); }
+  Status WriteRecord(const std::string& text) { return HasFile() || !printer_.DrawsChart() ? Write(text) : Status(); }
   Status Write(std::string_view text) { return HasFile() ? file_.Write(text) : output_.Data(text); }
 
   Output& output_;
   const Options& options_;
   RecordPrinter printer_;
+  SlicedRecords records_;
   OutputFile file_;
 };
 
-Status Carry(Context& context, const Options& options, Transfer& transfer) {
+Status Carry(Context& context, const Options& options, Transfer& transfer, std::uint64_t& in_slice) {
   RecordTarget target(context, options);
   if (Status status = target.Open(); !status.IsOk()) return status;
   Status status = transfer.Run([&](const ReportReply& reply, const TransferCount& so_far) {
@@ -125,21 +141,26 @@ Status Carry(Context& context, const Options& options, Transfer& transfer) {
   });
   if (!status.IsOk() && !transfer.ReachedEnd()) return status;
   Status finished = target.Finish(transfer.ReachedEnd());
+  in_slice = target.InSlice();
   return finished.IsOk() ? status : finished;
 }
 
 // A shortened transfer has a message; the warning of damage was printed before it began.
 bool IsDamaged(const Status& status) { return status.Code() == ExitCode::kFinding && status.Message().empty(); }
 
-Status Summarise(Context& context, const Options& options, const TransferCount& count, const Status& status) {
+Status Summarise(Context& context, const Options& options, const TransferCount& count, std::uint64_t in_slice,
+                 const Status& status) {
+  const bool has_slice = !options.slice.IsWhole();
   if (options.json) {
     Json summary = SummaryToJson(options, count, status);
+    if (has_slice) summary["recordsInSlice"] = in_slice;
     if (IsDamaged(status)) summary["outcome"] = "damaged";
     Status printed = context.output.Document(summary);
     return printed.IsOk() ? status : printed;
   }
   const bool has_begun = count.chunks > 0 || status.IsOk();
-  if (has_begun) context.output.Note(SummaryLine(options.report, count));
+  const std::string slice = has_slice ? "; " + std::to_string(in_slice) + " in the slice" : "";
+  if (has_begun) context.output.Note(SummaryLine(options.report, count) + slice);
   return status;
 }
 
@@ -161,10 +182,10 @@ Json ResumeToJson(const Options& options, const ResumeResult& result) {
 
 Status FetchResumed(Context& context, const Options& options, WorkerThread& worker, bool is_damaged) {
   ResumeResult result;
-  Status status = RunResumedFetch(
-      context,
-      {options.report, options.state, options.output, options.print.format, options.chunk_records, options.print.force},
-      worker, result);
+  Status status = RunResumedFetch(context,
+                                  {options.report, options.state, options.output, options.print.format,
+                                   options.chunk_records, options.print.raw, options.print.force},
+                                  worker, result);
   status = WithDamage(status, is_damaged);
   if (!options.json) {
     if (result.records > 0 || status.IsOk()) context.output.Note(SummaryLine(options.report, result));
@@ -184,8 +205,8 @@ Status FetchResumed(Context& context, const Options& options, WorkerThread& work
 Options OptionsOf(const Values& values) {
   Options options;
   options.call = CallOptionsOf(values);
-  options.report = values.Text("NAME");
   options.output = values.Text("--output");
+  if (options.output == "-") options.output.clear();  // as without the option
   options.state = values.Text("--resume");
   options.print = RecordPrintOptionsOf(values);
   if (values.Has("--chunk-records"))
@@ -195,8 +216,10 @@ Options OptionsOf(const Values& values) {
 }
 
 Status Fetch(Context& context, const Values& values) {
-  const Options options = OptionsOf(values);
+  Options options = OptionsOf(values);
+  if (Status status = FindReportName(values.Text("REPORT"), options.report); !status.IsOk()) return status;
   if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
+  if (Status status = SliceOf(values, options.slice); !status.IsOk()) return status;
   const InterruptGuard guard;
   std::unique_ptr<ModuleHost> module;
   if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
@@ -204,20 +227,17 @@ Status Fetch(Context& context, const Values& values) {
   const bool is_damaged = WarnOfDamage(context.output, BasePathOfReport(options.report));
   if (!options.state.empty()) return FetchResumed(context, options, worker, is_damaged);
   Transfer transfer(worker, options.report, options.chunk_records);
-  const Status status = WithDamage(Carry(context, options, transfer), is_damaged);
-  return Summarise(context, options, transfer.Count(), status);
+  std::uint64_t in_slice = 0;
+  const Status status = WithDamage(Carry(context, options, transfer, in_slice), is_damaged);
+  return Summarise(context, options, transfer.Count(), in_slice, status);
 }
 
 constexpr Parameter kParameters[] = {
-    {.name = "NAME",
-     .kind = ValueKind::kReport,
-     .help = "Report name, below the report directory",
-     .is_required = true},
     {.name = "--output",
      .letter = "-o",
      .kind = ValueKind::kFile,
      .value = "FILE",
-     .help = "Write the records to this file (default: standard output)"},
+     .help = "Write the records to this file (default: -, standard output)"},
     {.name = "--chunk-records",
      .kind = ValueKind::kInteger,
      .value = "NUMBER",
@@ -234,7 +254,7 @@ constexpr Parameter kResumeParameters[] = {
      .kind = ValueKind::kFile,
      .value = "STATE",
      .help = "Fetch only what is new since the run that left this state file",
-     .excludes = {"--plot"}},
+     .excludes = {"--plot", "--last", "--since", "--until", "--grep", "--reverse"}},
 };
 
 }  // namespace
@@ -242,7 +262,9 @@ constexpr Parameter kResumeParameters[] = {
 constinit const Command kFetchCommand = {
     .words = "fetch",
     .help = "Transfer a whole report through the module",
+    .group = kReportsHeading,
     .run = Fetch,
-    .parameters = {kParameters, kRecordPrintParameters, kResumeParameters, kModuleParameters, kBlockParameters}};
+    .parameters = {kReportParameter, kParameters, kRecordSliceParameters, kRecordPrintParameters, kResumeParameters,
+                   kModuleParameters, kBlockParameters}};
 
 }  // namespace qx::ctl

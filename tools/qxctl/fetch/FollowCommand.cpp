@@ -3,7 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
+#include <csignal>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -16,7 +16,9 @@
 #include "tools/qxctl/fetch/RecordPrint.h"
 #include "tools/qxctl/fetch/ReportSource.h"
 #include "tools/qxctl/module/CallOptions.h"
+#include "tools/qxctl/slice/SliceOptions.h"
 #include "tools/qxctl/store/MissingReport.h"
+#include "tools/qxctl/store/ReportArguments.h"
 #include "tools/qxctl/store/ReportDamage.h"
 #include "tools/qxctl/store/ReportDirectory.h"
 
@@ -35,6 +37,7 @@ struct Options {
   CallOptions call;
   std::string report;
   RecordPrintOptions print;
+  Slice slice;
   double interval = 1;
   std::optional<std::uint64_t> count;
   std::optional<double> duration;
@@ -42,14 +45,6 @@ struct Options {
   bool from_now = false;
   bool json = false;
 };
-
-// Returns early when a signal arrives.
-void Sleep(Seconds time) {
-  constexpr double kNanoseconds = 1e9;
-  const auto whole = static_cast<time_t>(time.count());
-  const timespec wait{whole, static_cast<long>((time.count() - static_cast<double>(whole)) * kNanoseconds)};
-  (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &wait, nullptr);
-}
 
 class Follow {
  public:
@@ -59,12 +54,16 @@ class Follow {
         source_(worker, options.report, std::nullopt),
         follower_(source_),
         printer_(context.output, options.print),
+        filter_(options.slice),
+        held_(options.slice),
         skips_(options.from_now),
+        holds_(options.slice.HoldsBack()),
         is_damaged_(is_damaged),
         end_(Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(options.duration.value_or(0)))) {}
 
   Status Run() {
     Status status = Watch();
+    if (InterruptSignal() == SIGPIPE) return status;
     if (Status closed = Close(status); !closed.IsOk()) return closed;
     return status;
   }
@@ -76,7 +75,9 @@ class Follow {
       if (Status status = Poll(is_at_end); !status.IsOk()) return status;
       if (Status status = output_.Show(); !status.IsOk()) return status;
       if (HasEnded()) return IsClean() ? Status() : Status(ExitCode::kFinding, "");
-      if (is_at_end) Sleep(TimeToNextPoll());
+      if (!is_at_end) continue;
+      const auto time = std::chrono::duration_cast<std::chrono::nanoseconds>(TimeToNextPoll());
+      if (Status status = WaitWhileOutputIsRead(time); !status.IsOk()) return status;
     }
   }
 
@@ -104,13 +105,17 @@ class Follow {
     if (Status status = Print(poll); !status.IsOk()) return status;
     follower_.Delivered(poll.records.size());
     if (poll.reached_end) skips_ = false;
+    if (poll.reached_end && holds_) {
+      if (Status status = PrintHeld(); !status.IsOk()) return status;
+    }
     is_at_end = poll.reached_end;
     return {};
   }
 
   std::uint32_t RecordsToRequest() const {
     constexpr std::uint64_t kAll = std::numeric_limits<std::int32_t>::max();
-    const std::uint64_t wanted = options_.count && !skips_ ? *options_.count - printed_ : kAll;
+    const bool prints_all = !skips_ && !holds_ && !options_.slice.Filters();
+    const std::uint64_t wanted = options_.count && prints_all ? *options_.count - printed_ : kAll;
     return static_cast<std::uint32_t>(std::min(wanted, kAll));
   }
 
@@ -120,7 +125,7 @@ class Follow {
     if (failure.Code() == ExitCode::kRefused) return failure;
     if (failure.Code() == ExitCode::kNotFound) {
       if (!was_seen_ && !options_.wait) return failure;
-      if (!was_seen_) skips_ = false;  // all its records will be new
+      if (!was_seen_) skips_ = holds_ = false;  // all its records will be new
       const bool is_news = !is_missing_;
       is_missing_ = true;
       return is_news ? ReportMissing() : Status();
@@ -161,22 +166,38 @@ class Follow {
   Status Print(const report::ReportPoll& poll) {
     std::uint64_t index = follower_.Position().delivered;
     for (const std::string& record : poll.records) {
-      if (!skips_) {
-        if (Status status = PrintRecord(index, record); !status.IsOk()) return status;
-        ++printed_;
-      }
-      ++index;
+      if (Status status = Take(index++, record); !status.IsOk()) return status;
+    }
+    return {};
+  }
+
+  // A record that is skipped may have the stamp of those after it.
+  Status Take(std::uint64_t index, const std::string& record) {
+    const bool is_in_slice = filter_.Takes(TextOfRecord(record).text);
+    if (skips_ || !is_in_slice) return {};
+    if (!holds_) return PrintRecord(index, record);
+    held_.Add({index, record});
+    return {};
+  }
+
+  Status PrintHeld() {
+    holds_ = false;
+    for (const Numbered& each : held_.Take()) {
+      if (Status status = PrintRecord(each.index, each.record); !status.IsOk()) return status;
     }
     return {};
   }
 
   Status PrintRecord(std::uint64_t index, const std::string& record) {
+    const bool is_enough = options_.count && printed_ >= *options_.count;
+    if (is_enough) return {};
+    ++printed_;
     if (options_.json) {
       Json line = {{"kind", "record"}};
       line.Merge(RecordToJson(index, record));
       return Line(line);
     }
-    const std::string text = printer_.Take(record);
+    const std::string text = printer_.Take(printer_.Number(), record);
     return printer_.DrawsChart() ? Status() : output_.Data(text);
   }
 
@@ -197,6 +218,11 @@ class Follow {
     return Line(line);
   }
 
+  struct Numbered {
+    std::uint64_t index;
+    std::string record;
+  };
+
   Output& output_;
   const Options& options_;
   ReportSource source_;
@@ -206,7 +232,10 @@ class Follow {
   std::uint64_t printed_ = 0;
   int failures_ = 0;
   std::uint64_t failures_in_all_ = 0;
+  SliceFilter filter_;
+  SliceBuffer<Numbered> held_;  // of the first scan
   bool skips_;
+  bool holds_;
   bool was_seen_ = false;
   bool is_missing_ = false;
   bool was_ambiguous_ = false;
@@ -217,7 +246,6 @@ class Follow {
 Options OptionsOf(const Values& values) {
   Options options;
   options.call = CallOptionsOf(values);
-  options.report = values.Text("NAME");
   options.print = RecordPrintOptionsOf(values);
   options.interval = values.Number("--interval", options.interval);
   if (values.Has("--count")) options.count = static_cast<std::uint64_t>(values.Integer("--count", 0));
@@ -229,8 +257,10 @@ Options OptionsOf(const Values& values) {
 }
 
 Status RunFollow(Context& context, const Values& values) {
-  const Options options = OptionsOf(values);
+  Options options = OptionsOf(values);
+  if (Status status = FindReportName(values.Text("REPORT"), options.report); !status.IsOk()) return status;
   if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
+  if (Status status = SliceOf(values, options.slice); !status.IsOk()) return status;
   const InterruptGuard guard;
   std::unique_ptr<ModuleHost> module;
   if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
@@ -240,10 +270,6 @@ Status RunFollow(Context& context, const Values& values) {
 }
 
 constexpr Parameter kParameters[] = {
-    {.name = "NAME",
-     .kind = ValueKind::kReport,
-     .help = "Report name, below the report directory",
-     .is_required = true},
     {.name = "--interval",
      .kind = ValueKind::kNumber,
      .value = "SECONDS",
@@ -261,7 +287,7 @@ constexpr Parameter kParameters[] = {
      .help = "End after so many seconds",
      .limits = {0, kSecondsMax}},
     {.name = "--wait", .help = "Wait for a report that does not exist yet"},
-    {.name = "--from-now", .help = "Leave out the records that the report already has"},
+    {.name = "--from-now", .help = "Leave out the records that the report already has", .excludes = {"--last"}},
 };
 
 constexpr Parameter kJsonParameters[] = {
@@ -275,7 +301,9 @@ constexpr Parameter kJsonParameters[] = {
 constinit const Command kFollowCommand = {
     .words = "follow",
     .help = "Print the records of a report as they appear, until ^C",
+    .group = kReportsHeading,
     .run = RunFollow,
-    .parameters = {kParameters, kRecordPrintParameters, kJsonParameters, kModuleParameters, kBlockParameters}};
+    .parameters = {kReportParameter, kParameters, kFollowSliceParameters, kRecordPrintParameters, kJsonParameters,
+                   kModuleParameters, kBlockParameters}};
 
 }  // namespace qx::ctl

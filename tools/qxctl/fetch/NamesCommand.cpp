@@ -12,6 +12,8 @@
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/module/InstanceNames.h"
 #include "tools/qxctl/store/MissingReport.h"
+#include "tools/qxctl/store/ReportArguments.h"
+#include "tools/qxctl/store/ReportDirectory.h"
 
 namespace qx::ctl {
 
@@ -36,7 +38,8 @@ std::string ToText(const std::vector<Instance>& instances) {
 
 Status Names(Context& context, const Values& values) {
   const CallOptions call = CallOptionsOf(values);
-  const std::string report = values.Text("NAME");
+  std::string report;
+  if (Status status = FindReportName(values.Text("REPORT"), report); !status.IsOk()) return status;
   std::unique_ptr<ModuleHost> module;
   if (Status status = LoadModule(call, context.traces, module); !status.IsOk()) return status;
   WorkerThread worker(*module, call.block);
@@ -51,18 +54,16 @@ Status Names(Context& context, const Values& values) {
 }
 
 constexpr Parameter kParameters[] = {
-    {.name = "NAME",
-     .kind = ValueKind::kReport,
-     .help = "Report name, below the report directory",
-     .is_required = true},
     {.name = "--json", .help = "Print the list as JSON"},
 };
 
 }  // namespace
 
-constinit const Command kNamesCommand = {.words = "names",
-                                         .help = "List the instance names of a report through the module",
-                                         .run = Names,
-                                         .parameters = {kParameters, kModuleParameters, kBlockParameters}};
+constinit const Command kNamesCommand = {
+    .words = "names",
+    .help = "List the instance names of a report through the module",
+    .group = kReportsHeading,
+    .run = Names,
+    .parameters = {kReportParameter, kParameters, kModuleParameters, kBlockParameters}};
 
 }  // namespace qx::ctl

@@ -74,8 +74,6 @@ Json RecordToJson(std::uint64_t index, std::string_view record) {
   return object;
 }
 
-std::string JsonLineOf(const Json& object) { return ForTerminal(JsonLine(object), Masking::kJson) + "\n"; }
-
 std::string RecordFormatter::Format(std::uint64_t index, std::string_view record) {
   switch (options_.format) {
     case RecordFormat::kText:

@@ -9,6 +9,7 @@
 #include "tools/qxctl/cli/Command.h"
 #include "tools/qxctl/cli/Output.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/JsonText.h"
 
 namespace qx::ctl {
 
@@ -43,9 +44,6 @@ struct RecordText {
 
 // {"index":7,"text":"a"}, and "end" if it is not CR LF.
 [[nodiscard]] Json RecordToJson(std::uint64_t index, std::string_view record);
-
-// One line of JSON with its line end.
-[[nodiscard]] std::string JsonLineOf(const Json& object);
 
 // Writes the records of one output.
 //

@@ -36,7 +36,8 @@ RecordPrintOptions RecordPrintOptionsOf(const Values& values) {
   return {.format = RecordFormatOptionsOf(values),
           .plot = values.Text("--plot"),
           .svg = values.Text("--svg"),
-          .force = values.Flag("--force")};
+          .force = values.Flag("--force"),
+          .raw = values.Flag("--raw")};
 }
 
 Status CheckRecordPrintOptions(const RecordPrintOptions& options) {
@@ -51,22 +52,45 @@ Status CheckRecordPrintOptions(const RecordPrintOptions& options) {
 RecordPrinter::RecordPrinter(Output& output, const RecordPrintOptions& options)
     : output_(output), options_(options), formatter_(options.format) {
   if (!options.plot.empty()) series_.emplace(options.plot, options.format.separator);
+  if (options.raw) output.ShowRaw();
 }
 
-std::string RecordPrinter::Take(std::string_view record) {
+std::string RecordPrinter::Take(std::uint64_t index, std::string_view record) {
   if (series_) series_->Add(record);
-  return formatter_.Format(index_++, record);
+  return formatter_.Format(index, record);
+}
+
+Status SlicedRecords::Add(std::string_view record) {
+  const std::uint64_t index = printer_.Number();
+  if (!filter_.Takes(TextOfRecord(record).text)) return {};
+  if (!slice_.HoldsBack()) return PrintOne(index, record);
+  held_.Add({index, std::string(record)});
+  return {};
+}
+
+Status SlicedRecords::Finish() {
+  for (const Numbered& each : held_.Take()) {
+    if (Status status = PrintOne(each.index, each.record); !status.IsOk()) return status;
+  }
+  return {};
+}
+
+Status SlicedRecords::PrintOne(std::uint64_t index, std::string_view record) {
+  ++count_;
+  return print_(printer_.Take(index, record));
 }
 
 Status RecordPrinter::Finish(const std::string& report) {
   if (!series_) return {};
   const std::string title = TitleOf(report, *series_);
+  if (options_.svg == "-") return output_.Data(SvgChart(title, series_->Field(), series_->Values()));
   if (Status status = output_.Data(TextChart(title, series_->Values(), ChartShapeHere(), output_)); !status.IsOk()) {
     return status;
   }
   if (series_->Skipped() > 0) {
-    output_.Note("qxctl: " + std::to_string(series_->Skipped()) + " of " + std::to_string(index_) +
-                 " records have no number for " + series_->Field());
+    output_.Note("qxctl: " + std::to_string(series_->Skipped()) + " of " +
+                 std::to_string(series_->Skipped() + series_->Values().size()) + " records have no number for " +
+                 series_->Field());
   }
   if (options_.svg.empty()) return {};
   return WriteSvg(options_.svg, SvgChart(title, series_->Field(), series_->Values()), options_.force);

@@ -1,12 +1,16 @@
 // Prints records in a format, or as a chart of one of their fields.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "tools/qxctl/fetch/FieldSeries.h"
 #include "tools/qxctl/fetch/RecordFormat.h"
+#include "tools/qxctl/slice/Slice.h"
 
 namespace qx::ctl {
 
@@ -15,6 +19,7 @@ struct RecordPrintOptions {
   std::string plot;  // empty: no chart
   std::string svg;   // empty: only in the terminal
   bool force = false;
+  bool raw = false;  // a terminal gets every byte as well
 };
 
 // Returns what is wrong with a separator of fields, or an empty text.
@@ -41,8 +46,9 @@ inline constexpr Parameter kRecordPrintParameters[] = {
     {.name = "--svg",
      .kind = ValueKind::kFile,
      .value = "FILE",
-     .help = "Write the chart to this file as well",
+     .help = "Write the chart to this file as well; - for standard output instead",
      .needs = "--plot"},
+    {.name = "--raw", .help = "Show control characters of records on a terminal as they are"},
     {.name = "--force", .help = "Also write to files of other users; a file keeps its owner"},
 };
 
@@ -57,12 +63,15 @@ class RecordPrinter {
  public:
   RecordPrinter(Output& output, const RecordPrintOptions& options);
 
+  // The number of the next record, whether or not it is printed.
+  [[nodiscard]] std::uint64_t Number() { return index_++; }
+
   // Whether records are printed as they are stored, so that nothing has to split them.
   bool IsPlain() const { return options_.format.format == RecordFormat::kText && !series_; }
   bool DrawsChart() const { return series_.has_value(); }
 
-  // The next record in its output form; it is added to the chart.
-  [[nodiscard]] std::string Take(std::string_view record);
+  // The record with this number in its output form; it is added to the chart.
+  [[nodiscard]] std::string Take(std::uint64_t index, std::string_view record);
 
   // Draws the chart, if one is requested, and prints how many records had no number.
   Status Finish(const std::string& report);
@@ -73,6 +82,40 @@ class RecordPrinter {
   RecordFormatter formatter_;
   std::optional<FieldSeries> series_;
   std::uint64_t index_ = 0;
+};
+
+// Prints the records of a slice of one report.
+//
+// Threads: used by one thread. Borrows the slice and the printer.
+class SlicedRecords {
+ public:
+  using Print = std::function<Status(const std::string& text)>;
+
+  SlicedRecords(const Slice& slice, RecordPrinter& printer, Print print)
+      : slice_(slice), filter_(slice), held_(slice), printer_(printer), print_(std::move(print)) {}
+
+  // The next record, the oldest first.
+  Status Add(std::string_view record);
+  // Prints what was held back.
+  Status Finish();
+
+  // How many were printed.
+  std::uint64_t Count() const { return count_; }
+
+ private:
+  struct Numbered {
+    std::uint64_t index;
+    std::string record;
+  };
+
+  Status PrintOne(std::uint64_t index, std::string_view record);
+
+  const Slice& slice_;
+  SliceFilter filter_;
+  SliceBuffer<Numbered> held_;
+  RecordPrinter& printer_;
+  Print print_;
+  std::uint64_t count_ = 0;
 };
 
 }  // namespace qx::ctl

@@ -129,7 +129,7 @@ class ResumedFetch {
 
   Status Deliver(const report::ReportPoll& poll) {
     std::vector<std::string> pieces;
-    const bool is_terminal = sink_.IsTerminal();
+    const bool is_terminal = sink_.IsTerminal() && !options_.raw;
     for (const std::string& record : poll.records) {
       const std::string piece = formatter_.Format(follower_->Position().delivered + pieces.size(), record);
       pieces.push_back(is_terminal ? ForTerminal(piece) : piece);

@@ -18,6 +18,7 @@ struct ResumeOptions {
   std::string output;  // empty: standard output
   RecordFormatOptions format;
   std::optional<std::int32_t> chunk_records;
+  bool raw = false;    // a terminal gets every byte as well
   bool force = false;  // files of other users are used
 };
 

@@ -14,6 +14,8 @@
 #include "tools/qxctl/module/InstanceNames.h"
 #include "tools/qxctl/module/ReportDocuments.h"
 #include "tools/qxctl/store/MissingReport.h"
+#include "tools/qxctl/store/ReportArguments.h"
+#include "tools/qxctl/store/ReportDirectory.h"
 
 namespace qx::ctl {
 
@@ -125,7 +127,7 @@ Status Reflect(Context& context, const Values& values) {
 
 Status Reports(Context& context, const Values& values) {
   Options options = OptionsOf(values);
-  options.request.name = values.Text("NAME");
+  if (Status status = FindReportName(values.Text("REPORT"), options.request.name); !status.IsOk()) return status;
   options.request.start_index = static_cast<std::int32_t>(values.Integer("--start", 0));
   if (values.Has("--records")) options.request.record_count = static_cast<std::int32_t>(values.Integer("--records", 0));
   return Call(context, RequestFunction::kGetReports, options);
@@ -133,7 +135,7 @@ Status Reports(Context& context, const Values& values) {
 
 Status Names(Context& context, const Values& values) {
   Options options = OptionsOf(values);
-  options.request.name = values.Text("NAME");
+  if (Status status = FindReportName(values.Text("REPORT"), options.request.name); !status.IsOk()) return status;
   return Call(context, RequestFunction::kGetReportInstanceNames, options);
 }
 
@@ -141,16 +143,13 @@ constexpr Parameter kParameters[] = {
     {.name = "--input",
      .kind = ValueKind::kText,
      .value = "TEXT",
-     .help = "Request document: TEXT, @FILE, or @- for standard input"},
+     .help = "Request document: TEXT, @FILE, or - for standard input"},
     {.name = "--json", .help = "Print reply, result and time as JSON"},
     {.name = "--force", .help = "Also read an input file of another user"},
 };
 
 constexpr Parameter kNameParameters[] = {
-    {.name = "NAME",
-     .kind = ValueKind::kReport,
-     .help = "Report name, below the report directory",
-     .excludes = {"--input"}},
+    {.name = "REPORT", .kind = ValueKind::kReportOrStore, .help = kReportHelp, .excludes = {"--input"}},
 };
 
 constexpr Parameter kRangeParameters[] = {

@@ -11,6 +11,7 @@
 #include "reportfile/tools/StoreRestore.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/FileStatus.h"
+#include "tools/qxctl/cli/LongStep.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
@@ -53,11 +54,12 @@ const char* NameOfKind(BackupItemKind kind) {
   return "";
 }
 
-// "copied        load, report"
-std::string Line(const std::string& what, const std::string& name, BackupItemKind kind) {
+// "copied        load, report", the first word in the colour of what it means
+std::string Line(const Output& output, Style style, const std::string& what, const std::string& name,
+                 BackupItemKind kind) {
   char padded[24];
   std::snprintf(padded, sizeof padded, "%-13s ", what.c_str());
-  return padded + Visible(name) + ", " + NameOfKind(kind);
+  return output.Paint(style, padded) + Visible(name) + ", " + NameOfKind(kind);
 }
 
 // --- backup
@@ -79,10 +81,17 @@ const char* NameOfState(const BackupItem& item) {
   return "";
 }
 
-std::string ToText(const BackupResult& result) {
+Style StyleOf(const BackupItem& item) {
+  const bool is_left_out = item.kind == BackupItemKind::kSkipped || item.kind == BackupItemKind::kLink ||
+                           item.kind == BackupItemKind::kHalfStore || item.state == BackupItemState::kGone;
+  if (item.state == BackupItemState::kCopied) return is_left_out ? Style::kWarning : Style::kGood;
+  return is_left_out ? Style::kWarning : Style::kBad;
+}
+
+std::string ToText(const Output& output, const BackupResult& result) {
   std::string text;
   for (const BackupItem& item : result.items) {
-    text += Line(NameOfState(item), item.name, item.kind);
+    text += Line(output, StyleOf(item), NameOfState(item), item.name, item.kind);
     if (item.kind == BackupItemKind::kStore) text += ", records " + std::to_string(item.records);
     if (item.was_written) text += ", written meanwhile";
     text += "\n";
@@ -152,15 +161,21 @@ Status StatusOf(const BackupResult& result, const std::string& from, const std::
   return {};
 }
 
+BackupResult BackupWithProgress(const Output& output, const std::string& from, const std::string& to) {
+  const LongStep step(output, "copying " + from);
+  return report::BackupReports(from, to);
+}
+
 Status Backup(Context& context, const Values& values) {
   std::string from;
   if (Status found = FindReportDirectory(from); !found.IsOk()) return found;
   const std::string to = values.Text("DIR");
-  const BackupResult result = report::BackupReports(from, to);
+  const BackupResult result = BackupWithProgress(context.output, from, to);
   Status status = StatusOf(result, from, to);
   if (result.state != BackupState::kDone) return status;
   return ShowResult(
-      context, values, [&] { return ToJson(result, from, to, status.Code()); }, [&] { return ToText(result); }, status);
+      context, values, [&] { return ToJson(result, from, to, status.Code()); },
+      [&] { return ToText(context.output, result); }, status);
 }
 
 // --- restore
@@ -183,10 +198,15 @@ std::string WritersOf(const RestoreItem& item) {
   return text;
 }
 
-std::string ToText(const RestoreResult& result) {
+Style StyleOf(const RestoreItem& item) {
+  if (item.is_damaged || item.is_being_written || item.is_link) return Style::kBad;
+  return item.action == RestoreAction::kReplace ? Style::kWarning : Style::kGood;
+}
+
+std::string ToText(const Output& output, const RestoreResult& result) {
   std::string text;
   for (const RestoreItem& item : result.items) {
-    text += Line(NameOfAction(item.action), item.name, item.kind);
+    text += Line(output, StyleOf(item), NameOfAction(item.action), item.name, item.kind);
     if (item.is_link) text += ", refused because of a symbolic link";
     if (item.is_damaged) text += ", damaged in the backup";
     if (item.is_being_written) text += ", being written" + WritersOf(item);
@@ -270,19 +290,24 @@ Options OptionsOf(const Values& values) {
   return options;
 }
 
+RestoreResult RestoreWithProgress(const Output& output, const Options& options, const std::string& to) {
+  const LongStep step(output, (options.apply ? "restoring " : "comparing ") + to);
+  return options.apply ? report::RestoreReports(options.directory, to, options.restore)
+                       : report::PlanRestore(options.directory, to);
+}
+
 Status Restore(Context& context, const Values& values) {
   const Options options = OptionsOf(values);
   std::string to;
   if (Status found = FindReportDirectory(to); !found.IsOk()) return found;
   if (to.empty()) return {ExitCode::kNotFound, "the registry names no report directory"};
-  const RestoreResult result = options.apply ? report::RestoreReports(options.directory, to, options.restore)
-                                             : report::PlanRestore(options.directory, to);
+  const RestoreResult result = RestoreWithProgress(context.output, options, to);
   Status status = StatusOf(result, options, to);
   const bool has_items = result.state != RestoreState::kNotFound && result.state != RestoreState::kRefused;
   if (!has_items) return status;
   return ShowResult(
-      context, values, [&] { return ToJson(result, options, to, status.Code()); }, [&] { return ToText(result); },
-      status);
+      context, values, [&] { return ToJson(result, options, to, status.Code()); },
+      [&] { return ToText(context.output, result); }, status);
 }
 
 // --- the commands

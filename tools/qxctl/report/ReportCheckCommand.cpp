@@ -19,11 +19,12 @@
 #include "reportfile/tools/StoreVerify.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/FileStatus.h"
+#include "tools/qxctl/cli/LongStep.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/store/MissingReport.h"
-#include "tools/qxctl/store/ReportDirectory.h"
+#include "tools/qxctl/store/ReportArguments.h"
 
 namespace qx::ctl {
 
@@ -149,8 +150,13 @@ std::string ToText(const Output& output, const StoreVerdict& verdict, const std:
   return text + ToText(scan.findings, path);
 }
 
-Status VerifyOne(Context& context, const Values& values, const std::string& report, const std::string& path) {
-  const StoreVerdict verdict = report::VerifyStore(path);
+StoreVerdict VerifyWithProgress(const Output& output, const std::string& path) {
+  const LongStep step(output, "checking " + path);
+  return report::VerifyStore(path);
+}
+
+Status VerifyReport(Context& context, const Values& values, const std::string& report, const std::string& path) {
+  const StoreVerdict verdict = VerifyWithProgress(context.output, path);
   Status status = StatusOf(verdict, report, path);
   const bool was_looked_at = verdict.state != StoreState::kNotFound && verdict.state != StoreState::kUnreadable;
   if (!was_looked_at) return status;
@@ -159,41 +165,19 @@ Status VerifyOne(Context& context, const Values& values, const std::string& repo
       [&] { return ToText(context.output, verdict, path); }, status);
 }
 
-// The more serious of two results of different reports; the first of two equal ones.
-Status Worse(const Status& first, Status second) { return second.Code() > first.Code() ? std::move(second) : first; }
-
-Status VerifyAll(Context& context, const Values& values) {
-  std::string directory;
-  if (Status status = FindReportDirectory(directory); !status.IsOk()) return status;
-  const report::FoundReports found = report::FindReports(directory);
-  if (found.error == ENOENT) return NoReportDirectory(directory);
-  if (found.error != 0) return Status::Io("cannot list " + Visible(directory), found.error);
-  Status worst;
-  std::size_t bad = 0;
-  for (const std::string& name : found.names) {
-    Status status = VerifyOne(context, values, name, directory + "/" + name);
-    if (!status.IsOk()) {
-      ++bad;
-      context.output.Problem(status);
-    }
-    worst = Worse(worst, std::move(status));
-  }
-  for (const report::UnlistedDirectory& each : found.unlisted) {
-    worst = Worse(worst, Status::Io("cannot list " + Visible(directory + "/" + each.name), each.error));
-    context.output.Problem("cannot list " + Visible(directory + "/" + each.name) + ": " + std::strerror(each.error));
-  }
-  context.output.Note(std::to_string(found.names.size() - bad) + " of " +
-                      Counted(found.names.size(), "report is sound", "reports are sound"));
-  return {worst.Code(), ""};  // each problem has been printed
-}
-
 Status Verify(Context& context, const Values& values) {
-  if (values.Flag("--all")) return VerifyAll(context, values);
-  const std::string report = values.Text("NAME|PATH");
-  if (report.empty()) return {ExitCode::kUsage, "name a report, or use --all; \"qxctl report list\" shows the reports"};
-  std::string path;
-  if (Status found = FindBasePath(report, path); !found.IsOk()) return found;
-  return VerifyOne(context, values, report, path);
+  ReportArguments arguments;
+  if (Status status = ReportsOf(values, context.output, arguments); !status.IsOk()) return status;
+  std::size_t sound = 0;
+  Status status = ForEachReport(context.output, arguments, [&](const ReportArgument& report) {
+    Status one = VerifyReport(context, values, report.text, report.base_path);
+    sound += one.IsOk() ? 1 : 0;
+    return one;
+  });
+  if (!values.Flag("--all")) return status;
+  context.output.Note(std::to_string(sound) + " of " +
+                      Counted(arguments.reports.size(), "report is sound", "reports are sound"));
+  return status;
 }
 
 // --- salvage
@@ -240,12 +224,19 @@ std::string ToText(const report::SalvageResult& result, const std::string& targe
          std::to_string(result.ring_size) + "\n";
 }
 
+report::SalvageResult SalvageWithProgress(const Output& output, const std::string& path, const std::string& target,
+                                          bool with_lines) {
+  const LongStep step(output, "saving " + path);
+  return report::SalvageStore(path, target, with_lines);
+}
+
 Status Salvage(Context& context, const Values& values) {
-  const std::string report = values.Text("NAME|PATH");
+  const std::string report = values.Text("REPORT");
   std::string path;
-  if (Status found = FindBasePath(report, path); !found.IsOk()) return found;
+  if (Status found = BasePathOf(values, path); !found.IsOk()) return found;
   const std::string target = TargetOf(values.Text("--into"), path);
-  const report::SalvageResult result = report::SalvageStore(path, target, !values.Flag("--indexed-only"));
+  const report::SalvageResult result =
+      SalvageWithProgress(context.output, path, target, !values.Flag("--indexed-only"));
   Status status = StatusOf(result, report);
   if (result.state != report::SalvageState::kDone) return status;
   return ShowResult(
@@ -255,22 +246,9 @@ Status Salvage(Context& context, const Values& values) {
 
 // --- the commands
 
-constexpr Parameter kVerifyParameters[] = {
-    {.name = "NAME|PATH",
-     .kind = ValueKind::kReportOrStore,
-     .help = "A report of the report directory, or its files without endings"},
-    {.name = "--all",
-     .help = "All reports of the report directory, with --json a document each",
-     .excludes = {"NAME|PATH"}},
-};
-
-constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print the result as JSON"}};
+constexpr Parameter kParameters[] = {{.name = "--json", .help = "Print the result as JSON"}};
 
 constexpr Parameter kSalvageParameters[] = {
-    {.name = "NAME|PATH",
-     .kind = ValueKind::kReportOrStore,
-     .help = "A report of the report directory, or its files without endings",
-     .is_required = true},
     {.name = "--into",
      .kind = ValueKind::kFile,
      .value = "DIR|PATH",
@@ -284,11 +262,11 @@ constexpr Parameter kSalvageParameters[] = {
 constinit const Command kReportVerifyCommand = {.words = "report verify",
                                                 .help = "Check a report's files against what their writer leaves",
                                                 .run = Verify,
-                                                .parameters = {kVerifyParameters, kJsonParameters}};
+                                                .parameters = {kReportsOrAllParameters, kParameters}};
 
 constinit const Command kReportSalvageCommand = {.words = "report salvage",
                                                  .help = "Save what is left of a damaged report into a new one",
                                                  .run = Salvage,
-                                                 .parameters = {kSalvageParameters, kJsonParameters}};
+                                                 .parameters = {kReportParameter, kParameters, kSalvageParameters}};
 
 }  // namespace qx::ctl

@@ -17,11 +17,16 @@
 #include "reportfile/ReportFileBase.h"
 #include "reportfile/StoreFormat.h"
 #include "sdk/Writer.h"
+#include "tools/qxctl/cli/CommandTable.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/FileStatus.h"
+#include "tools/qxctl/cli/LongStep.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
+#include "tools/qxctl/slice/SliceOptions.h"
+#include "tools/qxctl/store/ReportArguments.h"
 #include "tools/qxctl/store/ReportDamage.h"
 #include "tools/qxctl/store/StoreFiles.h"
 #include "tools/qxctl/store/StoredSlots.h"
@@ -35,7 +40,8 @@ using report::IndexHeader;
 // --- create
 
 Status Create(Context&, const Values& values) {
-  const std::string path = values.Text("PATH");
+  std::string path;
+  if (Status found = BasePathOf(values, path); !found.IsOk()) return found;
   for (const std::string& file : {report::IndexFileName(path), report::DataFileName(path)}) {
     if (access(file.c_str(), F_OK) == 0) {
       return {ExitCode::kRefused, file + " exists already; remove both files of the report to start it over"};
@@ -145,13 +151,20 @@ Status OpenStatus(const Error& error, const std::string& path) {
   }
 }
 
+Status AppendWithProgress(const Output& output, Writer& report, const std::string& path,
+                          const std::vector<std::string>& texts) {
+  const LongStep step(output, "appending to " + path);
+  return AppendAll(report, texts);
+}
+
 Status Append(Context& context, const Values& values) {
-  const std::string path = values.Text("PATH");
+  std::string path;
+  if (Status found = BasePathOf(values, path); !found.IsOk()) return found;
   if (Status status = CheckStoreFiles(path, R_OK | W_OK); !status.IsOk()) return status;
   Writer report;
   if (Status status = OpenStatus(report.OpenExisting(path), path); !status.IsOk()) return status;
   const bool is_damaged = WarnOfDamage(context.output, path);
-  return WithDamage(AppendAll(report, values.Texts("TEXT")), is_damaged);
+  return WithDamage(AppendWithProgress(context.output, report, path, values.Texts("TEXT")), is_damaged);
 }
 
 // --- cat
@@ -163,19 +176,26 @@ std::uint32_t ReadableSlots(const IndexHeader& header, const std::string& path) 
   return static_cast<std::uint32_t>(std::min<std::int64_t>(header.highestIndex, slots_in_file));
 }
 
-Status Cat(Context& context, const Values& values) {
-  const std::string path = values.Text("PATH");
-  const RecordPrintOptions print = RecordPrintOptionsOf(values);
-  if (Status status = CheckRecordPrintOptions(print); !status.IsOk()) return status;
-  RecordPrinter printer(context.output, print);
+// The first record that may be in the slice: of the last ones alone, the others need not be read.
+std::uint32_t FirstInSlice(const Slice& slice, std::uint32_t slots) {
+  if (!slice.last || slice.Filters() || *slice.last >= slots) return 0;
+  return slots - static_cast<std::uint32_t>(*slice.last);
+}
+
+// Prints the slice of the records of a report through `printer`.
+Status CatRecords(Output& output, const std::string& path, const Slice& slice, RecordPrinter& printer) {
   CReportFileBase store;
   if (Status status = OpenStoreForReading(path, store); !status.IsOk()) return status;
   const IndexHeader& header = store.header();
   const std::uint32_t slots = ReadableSlots(header, path);
   StoredSlots stored(report::IndexFileName(path));
+  SlicedRecords records(slice, printer,
+                        [&](const std::string& text) { return printer.DrawsChart() ? Status() : output.Data(text); });
   std::uint32_t left_out = 0;
   std::string record;
-  for (std::uint32_t i = 0; i < slots; ++i) {
+  const std::uint32_t first = FirstInSlice(slice, slots);
+  for (std::uint32_t i = 0; i < first; ++i) (void)printer.Number();
+  for (std::uint32_t i = first; i < slots; ++i) {
     const std::uint32_t slot = report::SlotOfLogical(header, i);
     const std::uint64_t rest_end = std::min<std::uint64_t>(std::uint64_t{slot} + (slots - i), header.highestIndex);
     const std::uint64_t run_end = std::max<std::uint64_t>(rest_end, std::uint64_t{slot} + 1);
@@ -186,12 +206,10 @@ Status Cat(Context& context, const Values& values) {
       continue;
     }
     const int error = store.readLine(record, slot) ? 0 : errno;
-    if (error != 0) return Status::Io("cannot read a record", error);
-    const std::string text = printer.Take(record);
-    if (printer.DrawsChart()) continue;
-    if (Status status = context.output.Data(text); !status.IsOk()) return status;
+    if (error != 0) return Status::Io("cannot read a record of " + path, error);
+    if (Status status = records.Add(record); !status.IsOk()) return status;
   }
-  if (Status status = printer.Finish(path); !status.IsOk()) return status;
+  if (Status status = records.Finish(); !status.IsOk()) return status;
   if (left_out > 0) {
     return {ExitCode::kFinding, std::to_string(left_out) + " slots of " + report::IndexFileName(path) +
                                     " are a hole in the file and were left out; \"qxctl report verify\" checks it"};
@@ -199,6 +217,22 @@ Status Cat(Context& context, const Values& values) {
   if (slots == header.highestIndex) return {};
   return {ExitCode::kFinding, "the header counts " + std::to_string(header.highestIndex) + " records, but " +
                                   report::IndexFileName(path) + " holds " + std::to_string(slots) + " slots"};
+}
+
+Status Cat(Context& context, const Values& values) {
+  const RecordPrintOptions print = RecordPrintOptionsOf(values);
+  if (Status status = CheckRecordPrintOptions(print); !status.IsOk()) return status;
+  Slice slice;
+  if (Status status = SliceOf(values, slice); !status.IsOk()) return status;
+  ReportArguments arguments;
+  if (Status status = ReportsOf(values, context.output, arguments); !status.IsOk()) return status;
+  RecordPrinter printer(context.output, print);
+  Status status = ForEachReport(context.output, arguments, [&](const ReportArgument& report) {
+    return CatRecords(context.output, report.base_path, slice, printer);
+  });
+  if (status.Code() > ExitCode::kFinding) return status;
+  Status drawn = printer.Finish(Joined(values.Texts("REPORT"), ", "));
+  return drawn.IsOk() ? status : drawn;
 }
 
 // --- info
@@ -245,11 +279,16 @@ Json InfoToJson(const StoreInfo& info) {
   return document;
 }
 
-std::string InfoToText(const StoreInfo& info) {
+std::string PaintedRing(const Output& output, const StoreInfo& info) {
+  const bool is_damaged = RingState(info) == std::string_view("damaged");
+  return is_damaged ? output.Paint(Style::kBad, RingState(info)) : RingState(info);
+}
+
+std::string InfoToText(const Output& output, const StoreInfo& info) {
   const IndexHeader& header = info.header;
   const auto restart = RecordsUntilRestart(header);
   const std::array<std::pair<const char*, std::string>, 9> lines = {{
-      {"ring", RingState(info)},
+      {"ring", PaintedRing(output, info)},
       {"slots in use", std::to_string(header.highestIndex) + " of " + std::to_string(header.maxRecord)},
       {"oldest record", "slot " + std::to_string(header.oldestIndex)},
       {"records written", std::to_string(header.elementCount)},
@@ -273,26 +312,27 @@ Status StatusOf(const StoreInfo& info) {
   return {ExitCode::kFinding, "the header of " + report::IndexFileName(info.path) + " contradicts itself"};
 }
 
-Status Info(Context& context, const Values& values) {
-  const std::string path = values.Text("PATH");
+Status InfoOfReport(Context& context, const Values& values, const std::string& path, bool is_alone) {
   CReportFileBase store;
   if (Status status = OpenStoreForReading(path, store); !status.IsOk()) return status;
   const StoreInfo info = {path, store.header(), FileSize(report::IndexFileName(path)).value_or(0),
                           FileSize(report::DataFileName(path)).value_or(0)};
   return ShowResult(
-      context, values, [&] { return InfoToJson(info); }, [&] { return InfoToText(info); }, StatusOf(info));
+      context, values, [&] { return InfoToJson(info); },
+      [&] { return (is_alone ? "" : Visible(path) + ":\n") + InfoToText(context.output, info); }, StatusOf(info));
+}
+
+Status Info(Context& context, const Values& values) {
+  ReportArguments arguments;
+  if (Status status = ReportsOf(values, context.output, arguments); !status.IsOk()) return status;
+  return ForEachReport(context.output, arguments, [&](const ReportArgument& report) {
+    return InfoOfReport(context, values, report.base_path, arguments.reports.size() == 1);
+  });
 }
 
 // --- the commands
 
 constexpr Limits kSlots = {1, report::kMaxRecordUnlimited};
-
-constexpr Parameter kPathParameters[] = {
-    {.name = "PATH",
-     .kind = ValueKind::kStore,
-     .help = "Path of the report's files, without .ind and .dat",
-     .is_required = true},
-};
 
 constexpr Parameter kCreateParameters[] = {
     {.name = "--slots",
@@ -318,21 +358,22 @@ constexpr Parameter kInfoParameters[] = {{.name = "--json", .help = "Print them 
 constinit const Command kReportCreateCommand = {.words = "report create",
                                                 .help = "Make a new, empty report",
                                                 .run = Create,
-                                                .parameters = {kPathParameters, kCreateParameters}};
+                                                .parameters = {kReportParameter, kCreateParameters}};
 
 constinit const Command kReportAppendCommand = {.words = "report append",
                                                 .help = "Append records",
                                                 .run = Append,
-                                                .parameters = {kPathParameters, kAppendParameters}};
+                                                .parameters = {kReportParameter, kAppendParameters}};
 
-constinit const Command kReportCatCommand = {.words = "report cat",
-                                             .help = "Print the records, oldest first",
-                                             .run = Cat,
-                                             .parameters = {kPathParameters, kRecordPrintParameters}};
+constinit const Command kReportCatCommand = {
+    .words = "report cat",
+    .help = "Print the records, oldest first",
+    .run = Cat,
+    .parameters = {kReportsParameter, kRecordSliceParameters, kRecordPrintParameters}};
 
 constinit const Command kReportInfoCommand = {.words = "report info",
                                               .help = "Print the header and the sizes",
                                               .run = Info,
-                                              .parameters = {kPathParameters, kInfoParameters}};
+                                              .parameters = {kReportsOrAllParameters, kInfoParameters}};
 
 }  // namespace qx::ctl

@@ -203,7 +203,7 @@ Status List(Context& context, const Values& values) {
 }
 
 Status ShowStatus(Context& context, const Values& values) {
-  const std::vector<std::string> arguments = values.Texts("NAME|PATH");
+  const std::vector<std::string> arguments = values.Texts("REPORT");
   Shown shown;
   Status found = arguments.empty() ? FindAll(values, ReportCheck::kRecords, shown) : FindNamed(arguments, shown);
   if (!found.IsOk()) return found;
@@ -223,7 +223,7 @@ constexpr Parameter kListParameters[] = {
 };
 
 constexpr Parameter kStatusParameters[] = {
-    {.name = "NAME|PATH",
+    {.name = "REPORT",
      .kind = ValueKind::kReportOrStore,
      .help = "A report of the report directory, or its files without endings; without it: all reports",
      .is_repeatable = true},
@@ -231,7 +231,7 @@ constexpr Parameter kStatusParameters[] = {
      .kind = ValueKind::kDirectory,
      .value = "DIR",
      .help = "All reports of this directory, instead of the one that the registry names",
-     .excludes = {"NAME|PATH"}},
+     .excludes = {"REPORT"}},
     {.name = "--json", .help = "Print it as JSON"},
 };
 

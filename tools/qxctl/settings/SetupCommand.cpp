@@ -186,6 +186,7 @@ constexpr Parameter kParameters[] = {
 
 constinit const Command kSetupCommand = {.words = "setup",
                                          .help = "Make a first registry with its directories, or show what is missing",
+                                         .group = "Settings",
                                          .run = RunSetup,
                                          .parameters = {kParameters}};
 

@@ -1,9 +1,43 @@
 #include "tools/qxctl/store/ReportDirectory.h"
 
+#include <unistd.h>
+
+#include <filesystem>
+
 #include "provider/ServerControlPaths.h"
+#include "reportfile/StoreFormat.h"
 #include "tools/qxctl/store/FallbackDirectory.h"
 
 namespace qx::ctl {
+
+namespace {
+
+bool HasFiles(const std::string& base_path) {
+  return access(report::IndexFileName(base_path).c_str(), F_OK) == 0 ||
+         access(report::DataFileName(base_path).c_str(), F_OK) == 0;
+}
+
+// "load.ind" => "load", unless there is a report load.ind
+std::string WithoutEnding(const std::string& base_path) {
+  const bool has_ending = base_path.ends_with(".ind") || base_path.ends_with(".dat");
+  constexpr std::size_t kEndingChars = 4;
+  return has_ending && !HasFiles(base_path) ? base_path.substr(0, base_path.size() - kEndingChars) : base_path;
+}
+
+// The path of the report below the directory; empty if it is not below it. Links among the directories do not matter.
+std::string NameBelow(const std::string& directory, const std::string& base_path) {
+  std::error_code error;
+  const std::filesystem::path file(base_path);
+  const std::filesystem::path parent = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
+  const std::filesystem::path from = std::filesystem::canonical(directory, error);
+  if (error) return {};
+  const std::filesystem::path to = std::filesystem::canonical(parent, error);
+  if (error) return {};
+  const std::string name = (to / file.filename()).lexically_relative(from).string();
+  return name.starts_with("..") ? "" : name;
+}
+
+}  // namespace
 
 std::string ReportDirectory() {
   std::string directory;
@@ -18,11 +52,29 @@ Status FindReportDirectory(std::string& directory) {
 }
 
 Status FindBasePath(const std::string& name_or_path, std::string& path) {
-  path = name_or_path;
+  path = WithoutEnding(name_or_path);
   if (name_or_path.find('/') != std::string::npos) return {};
   std::string directory;
   if (Status status = FindReportDirectory(directory); !status.IsOk()) return status;
-  path = directory + "/" + name_or_path;
+  path = WithoutEnding(directory + "/" + name_or_path);
+  return {};
+}
+
+Status FindReportName(const std::string& name_or_path, std::string& name) {
+  std::string directory;
+  if (Status status = FindReportDirectory(directory); !status.IsOk()) return status;
+  name = name_or_path;
+  const std::string path = WithoutEnding(name_or_path);
+  const bool is_path = name_or_path.find('/') != std::string::npos && HasFiles(path);
+  if (is_path) {
+    name = NameBelow(directory, path);
+    if (!name.empty()) return {};
+    return {ExitCode::kNotFound, path + " is not below the report directory " + directory +
+                                     ", so the module cannot transfer it; \"qxctl report cat " + path + "\" prints it"};
+  }
+  const std::string stripped = WithoutEnding(directory + "/" + name);
+  const bool has_ending = stripped.size() < directory.size() + 1 + name.size() && HasFiles(stripped);
+  if (has_ending) name = stripped.substr(directory.size() + 1);
   return {};
 }
 

@@ -14,11 +14,17 @@ std::string ReportDirectory();
 // store/FallbackDirectory.h).
 Status FindReportDirectory(std::string& directory);
 
-// The base path of a report given as PATH (it has a "/") or as NAME (of a report in the report directory).
-//   "./load"  => "./load"
-//   "load"    => "/srv/reports/load"
+// The base path of a report as a command line names it: a path if it has a "/", else a name below the report directory.
+// An ending of one of the two files is stripped, unless a report has the full name.
+//   "./load"    => "./load"                 "load.ind"  => "/srv/reports/load"
+//   "load"      => "/srv/reports/load"      "a/b.dat"   => "a/b"
 // A name is refused as by FindReportDirectory.
 Status FindBasePath(const std::string& name_or_path, std::string& path);
+
+// The same as the name under which the module transfers the report. A path must be below the report directory
+// (kNotFound); if no file of a report is there, it is passed on as a name.
+//   "/srv/reports/disk/sda" => "disk/sda"
+Status FindReportName(const std::string& name_or_path, std::string& name);
 
 // The base path of the report that the module transfers under this name. Empty for a name that no report can have,
 // because it has a component "..".

@@ -1,13 +1,16 @@
-// The options that choose entries of a trace, for the commands that print some.
+// The options that choose entries of a trace by what is in them, for the commands that print some.
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/slice/SliceOptions.h"
 #include "tools/qxctl/trace/TraceText.h"
 
 namespace qx::ctl {
 
 inline constexpr std::string_view kFilterGroup = "Choice of entries";
+
+inline constexpr std::string_view kTraceLevels[] = {"error", "warning"};
 
 inline constexpr Parameter kTraceFilterParameters[] = {
     {.name = "--module",
@@ -22,21 +25,17 @@ inline constexpr Parameter kTraceFilterParameters[] = {
      .help = "Only entries of this thread, as 0A1B2C3D; may be repeated",
      .group = kFilterGroup,
      .is_repeatable = true},
-    {.name = "--since",
+    {.name = "--level",
      .kind = ValueKind::kText,
-     .value = "TIME",
-     .help = "Only entries from this local time on, as \"2026-01-31 10:20\"",
-     .group = kFilterGroup},
-    {.name = "--until",
-     .kind = ValueKind::kText,
-     .value = "TIME",
-     .help = "Only entries up to this local time",
-     .group = kFilterGroup},
+     .help = "Only entries with the word ERROR, or with ERROR or WARNING",
+     .group = kFilterGroup,
+     .choices = kTraceLevels},
 };
 
-// From a command with kTraceFilterParameters.
-inline TraceFilterOptions TraceFilterOptionsOf(const Values& values) {
-  return {values.Texts("--module"), values.Texts("--thread"), values.Text("--since"), values.Text("--until")};
+// From a command with kTraceFilterParameters and options of a slice.
+inline Status TraceFilterOf(const Values& values, TraceFilter& filter) {
+  if (Status status = SliceOf(values, filter.slice); !status.IsOk()) return status;
+  return MakeFilter({values.Texts("--module"), values.Texts("--thread"), values.Text("--level")}, filter);
 }
 
 }  // namespace qx::ctl

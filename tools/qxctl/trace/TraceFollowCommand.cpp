@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <ctime>
 #include <memory>
 
 #include "debug/tools/TraceFollow.h"
@@ -28,17 +27,9 @@ constexpr int kRestShare = 10;  // a poll uses at most this part of the time, fo
 
 struct Options {
   std::string path;
-  TraceFilterOptions filter;
   bool from_now = false;
   bool json = false;
 };
-
-// Returns early when a signal arrives.
-void Sleep(std::chrono::nanoseconds time) {
-  constexpr std::int64_t kSecond = 1'000'000'000;
-  const timespec wait{time.count() / kSecond, time.count() % kSecond};
-  (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &wait, nullptr);
-}
 
 // Prints the result of each poll: entries as data, events of the file as problems.
 class FollowPrinter {
@@ -67,7 +58,7 @@ class FollowPrinter {
     }
     if (!selection_.Takes(event.entry)) return {};
     if (options_->json) return Object(EntryToJson(event.entry, options_->path));
-    return context_->output.Data(EntryToText(event.entry, ""));
+    return context_->output.Data(EntryToText(context_->output, event.entry, ""));
   }
 
   void Problem(const std::string& text) { context_->output.Problem(VisibleText(options_->path) + " " + text); }
@@ -89,17 +80,17 @@ Status Watch(debug::TraceFollower& follower, const Options& options, FollowPrint
     const debug::TracePoll poll = follower.Poll();
     if (poll.error != 0) return Status::Io("cannot follow " + options.path, poll.error);
     if (Status status = printer.Print(poll); !status.IsOk()) return status;
-    Sleep(std::max<std::chrono::nanoseconds>(poll.is_pending ? kIntervalPending : kInterval,
-                                             kRestShare * (Clock::now() - begin)));
+    const auto time = std::max<std::chrono::nanoseconds>(poll.is_pending ? kIntervalPending : kInterval,
+                                                         kRestShare * (Clock::now() - begin));
+    if (Status status = WaitWhileOutputIsRead(time); !status.IsOk()) return status;
   }
   return {};
 }
 
 Status Follow(Context& context, const Values& values) {
-  const Options options = {values.Text("FILE"), TraceFilterOptionsOf(values), values.Flag("--from-now"),
-                           values.Flag("--json")};
+  const Options options = {values.Text("FILE"), values.Flag("--from-now"), values.Flag("--json")};
   TraceFilter filter;
-  if (Status status = MakeFilter(options.filter, filter); !status.IsOk()) return status;
+  if (Status status = TraceFilterOf(values, filter); !status.IsOk()) return status;
   debug::TraceFollower follower(options.path, options.from_now);
   const int error = follower.Open();
   if (error == ENOENT) return {ExitCode::kNotFound, "there is no " + options.path};
@@ -121,6 +112,6 @@ constinit const Command kTraceFollowCommand = {
     .words = "trace follow",
     .help = "Print the entries of a trace file as they are written, until ^C",
     .run = Follow,
-    .parameters = {kParameters, kTraceFilterParameters, kJsonParameters}};
+    .parameters = {kParameters, kTraceFilterParameters, kTraceFollowSliceParameters, kJsonParameters}};
 
 }  // namespace qx::ctl

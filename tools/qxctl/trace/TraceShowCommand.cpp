@@ -6,8 +6,10 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <utility>
 #include <vector>
 
+#include "debug/tools/TraceSettingSources.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/JsonText.h"
@@ -23,8 +25,8 @@ using debug::TraceFinding;
 
 struct Options {
   std::string path;
-  TraceFilterOptions filter;
   bool json = false;
+  bool with_header = true;
 };
 
 const char* FindingName(TraceFinding::Kind kind) {
@@ -148,7 +150,7 @@ Json FileToJson(const ShownFile& file) {
 class ShowPrinter {
  public:
   ShowPrinter(Context& context, const Options& options, bool is_directory)
-      : context_(&context), json_(options.json), is_directory_(is_directory) {}
+      : context_(&context), json_(options.json), with_header_(options.with_header), is_directory_(is_directory) {}
 
   Status Begin(const Files& files) {
     if (!json_) return {};
@@ -159,13 +161,14 @@ class ShowPrinter {
     return context_->output.Data(text + "\n  ],\n  \"entries\": [");
   }
 
-  Status Entry(const ShownFile& file) {
+  Status Entry(const TraceEntry& entry, const std::string& file) {
     if (!json_) {
-      return context_->output.Data(EntryToText(file.Entry(), is_directory_ ? VisibleText(file.Name()) + ": " : ""));
+      const std::string prefix = is_directory_ ? VisibleText(file) + ": " : "";
+      return context_->output.Data(EntryToText(context_->output, entry, prefix, with_header_));
     }
     const std::string separator = is_first_ ? "\n    " : ",\n    ";
     is_first_ = false;
-    return context_->output.Data(separator + JsonLine(EntryToJson(file.Entry(), file.Name())));
+    return context_->output.Data(separator + JsonLine(EntryToJson(entry, file)));
   }
 
   Status End(const std::vector<Json>& findings, ExitCode code) {
@@ -181,23 +184,70 @@ class ShowPrinter {
  private:
   Context* context_;
   bool json_;
+  bool with_header_;
   bool is_directory_;
   bool is_first_ = true;
 };
 
+// An entry with what belongs to it, which stays with it in a slice.
+struct EntryGroup {
+  std::string file;
+  std::vector<TraceEntry> entries;
+};
+
+Status PrintGroup(const EntryGroup& group, ShowPrinter& printer) {
+  for (const TraceEntry& entry : group.entries) {
+    if (Status status = printer.Entry(entry, group.file); !status.IsOk()) return status;
+  }
+  return {};
+}
+
+// Takes entries in the order of time, and prints those of the slice: at once, or at the end if that decides.
+class SlicedEntries {
+ public:
+  SlicedEntries(const Slice& slice, ShowPrinter& printer) : slice_(slice), held_(slice), printer_(printer) {}
+
+  Status Add(const TraceEntry& entry, const std::string& file) {
+    if (!slice_.HoldsBack()) return printer_.Entry(entry, file);
+    if (HasHeader(entry) || group_.file != file) Hold();
+    group_.file = file;
+    group_.entries.push_back(entry);
+    return {};
+  }
+
+  Status Finish() {
+    Hold();
+    for (const EntryGroup& group : held_.Take()) {
+      if (Status status = PrintGroup(group, printer_); !status.IsOk()) return status;
+    }
+    return {};
+  }
+
+ private:
+  void Hold() {
+    if (!group_.entries.empty()) held_.Add(std::exchange(group_, {}));
+  }
+
+  const Slice& slice_;
+  SliceBuffer<EntryGroup> held_;
+  ShowPrinter& printer_;
+  EntryGroup group_;
+};
+
 Status PrintEntries(const Files& files, const TraceFilter& filter, ShowPrinter& printer) {
   std::vector<TraceSelection> selections(files.size(), TraceSelection(filter));
+  SlicedEntries entries(filter.slice, printer);
   ShownFile* file = Oldest(files);
   while (file != nullptr) {
     const auto index = std::find_if(files.begin(), files.end(), [&](const auto& f) { return f.get() == file; });
     TraceSelection& selection = selections[static_cast<std::size_t>(index - files.begin())];
     if (selection.Takes(file->Entry())) {
-      if (Status status = printer.Entry(*file); !status.IsOk()) return status;
+      if (Status status = entries.Add(file->Entry(), file->Name()); !status.IsOk()) return status;
     }
     file->Advance();
     if (!file->BelongsToLast()) file = Oldest(files);
   }
-  return {};
+  return entries.Finish();
 }
 
 // The findings about the files; each is also a line on standard error.
@@ -219,15 +269,30 @@ ExitCode CollectFindings(Context& context, const Files& files, std::vector<Json>
   return code;
 }
 
+// The directory into which the module would trace in this environment.
+std::string TraceDirectoryHere() {
+  for (const debug::SettingSource& source : debug::ReadSettingSources("QXRemConXfer", debug::kTraceConfigDirectory)) {
+    if (source.setting == "trace directory") return source.value;
+  }
+  return {};
+}
+
+// Nobody named the directory, so the message says who did.
+Status WithoutPath(const Status& status) {
+  if (status.Code() != ExitCode::kNotFound && status.Code() != ExitCode::kIo) return status;
+  return {status.Code(), status.Message() + "; \"qxctl trace config\" shows what names that directory, or give a PATH"};
+}
+
 Status Show(Context& context, const Values& values) {
-  const Options options = {values.Text("PATH"), TraceFilterOptionsOf(values), values.Flag("--json")};
+  const Options options = {values.Text("PATH", TraceDirectoryHere()), values.Flag("--json"),
+                           !values.Flag("--no-header")};
   TraceFilter filter;
-  if (Status status = MakeFilter(options.filter, filter); !status.IsOk()) return status;
+  if (Status status = TraceFilterOf(values, filter); !status.IsOk()) return status;
   std::error_code ignored;  // if `stat` fails, the path is treated as a file, and the open reports the reason
   const bool is_directory = std::filesystem::is_directory(options.path, ignored);
   Files files;
   Status opened = is_directory ? OpenDirectory(options.path, files) : OpenFile(options.path, options.path, files);
-  if (!opened.IsOk()) return opened;
+  if (!opened.IsOk()) return values.Has("PATH") ? opened : WithoutPath(opened);
 
   ShowPrinter printer(context, options, is_directory);
   if (Status status = printer.Begin(files); !status.IsOk()) return status;
@@ -241,17 +306,20 @@ Status Show(Context& context, const Values& values) {
 constexpr Parameter kPathParameters[] = {
     {.name = "PATH",
      .kind = ValueKind::kFile,
-     .help = "A log or ring file, or a directory with such files (log.*)",
-     .is_required = true},
+     .help = "A log or ring file, or a directory with such files (log.*); without it: that of the module's traces"},
 };
 
-constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print files, entries and findings as JSON"}};
+constexpr Parameter kJsonParameters[] = {
+    {.name = "--no-header", .help = "Leave out stamp, thread and module of the entries", .excludes = {"--json"}},
+    {.name = "--json", .help = "Print files, entries and findings as JSON"},
+};
 
 }  // namespace
 
-constinit const Command kTraceShowCommand = {.words = "trace show",
-                                             .help = "Print the entries of trace files in the order of time",
-                                             .run = Show,
-                                             .parameters = {kPathParameters, kTraceFilterParameters, kJsonParameters}};
+constinit const Command kTraceShowCommand = {
+    .words = "trace show",
+    .help = "Print the entries of trace files in the order of time",
+    .run = Show,
+    .parameters = {kPathParameters, kTraceFilterParameters, kTraceSliceParameters, kJsonParameters}};
 
 }  // namespace qx::ctl

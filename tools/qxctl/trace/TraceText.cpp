@@ -53,18 +53,6 @@ Status ParseThread(const std::string& text, std::uint32_t& thread) {
   return {ExitCode::kUsage, "\"" + text + "\" is not a thread: a thread is up to 8 hexadecimal digits, as in an entry"};
 }
 
-// Completes a partial time from the whole time `rest`.
-//   "2026-01-31 10:20" => "2026-01-31 10:20:00.000", or "2026-01-31 10:20:59.999"
-Status ParseTime(std::string text, std::string_view rest, std::optional<std::int64_t>& time) {
-  if (text.empty()) return {};
-  if (text.size() > 10 && text[10] == 'T') text[10] = ' ';
-  if (text.size() < rest.size()) text += rest.substr(text.size());
-  time = debug::ParseTraceStamp(text);
-  if (time.has_value()) return {};
-  return {ExitCode::kUsage,
-          "a time is \"YYYY-MM-DD HH:MM:SS.mmm\" or its beginning: a day, or down to the minute or the second"};
-}
-
 const char* PartName(TracePart part) {
   return part == TracePart::kHead ? "head" : part == TracePart::kOlder ? "older" : "newest";
 }
@@ -85,8 +73,20 @@ const char* KindName(TraceEntry::Kind kind) {
   return "";
 }
 
-bool HasHeader(const TraceEntry& entry) {
-  return entry.kind == TraceEntry::Kind::kEntry || entry.kind == TraceEntry::Kind::kWrap;
+std::string TextOf(const TraceEntry& entry) {
+  std::string text;
+  for (std::size_t i = 0; i < entry.lines.size(); ++i) text.append(i == 0 ? "" : "\n").append(entry.lines[i]);
+  return text;
+}
+
+bool HasWord(const TraceEntry& entry, std::string_view word) {
+  return std::any_of(entry.lines.begin(), entry.lines.end(),
+                     [&](const std::string& line) { return line.find(word) != std::string::npos; });
+}
+
+std::string Painted(const Output& output, TraceSeverity severity, const std::string& text) {
+  if (severity == TraceSeverity::kNone) return text;
+  return output.Paint(severity == TraceSeverity::kError ? Style::kBad : Style::kWarning, text);
 }
 
 }  // namespace
@@ -109,15 +109,17 @@ std::string VisibleText(std::string_view text) {
   return visible;
 }
 
-bool TraceFilter::IsOpen() const {
-  return modules.empty() && threads.empty() && !since_ms.has_value() && !until_ms.has_value();
+bool HasHeader(const TraceEntry& entry) {
+  return entry.kind == TraceEntry::Kind::kEntry || entry.kind == TraceEntry::Kind::kWrap;
 }
 
-bool TraceFilter::Passes(const TraceEntry& entry) const {
-  if (!modules.empty() && !modules.contains(entry.module)) return false;
-  if (!threads.empty() && !threads.contains(entry.thread)) return false;
-  if (since_ms.has_value() && (!entry.stamp_ms.has_value() || *entry.stamp_ms < *since_ms)) return false;
-  return !until_ms.has_value() || (entry.stamp_ms.has_value() && *entry.stamp_ms <= *until_ms);
+TraceSeverity SeverityOf(const TraceEntry& entry) {
+  if (HasWord(entry, "ERROR")) return TraceSeverity::kError;
+  return HasWord(entry, "WARNING") ? TraceSeverity::kWarning : TraceSeverity::kNone;
+}
+
+bool TraceFilter::IsOpen() const {
+  return modules.empty() && threads.empty() && severity == TraceSeverity::kNone && !slice.Filters();
 }
 
 Status MakeFilter(const TraceFilterOptions& options, TraceFilter& filter) {
@@ -127,30 +129,41 @@ Status MakeFilter(const TraceFilterOptions& options, TraceFilter& filter) {
     if (Status status = ParseThread(text, thread); !status.IsOk()) return status;
     filter.threads.insert(thread);
   }
-  if (Status status = ParseTime(options.since, "0000-01-01 00:00:00.000", filter.since_ms); !status.IsOk()) {
-    return status;
-  }
-  return ParseTime(options.until, "9999-12-31 23:59:59.999", filter.until_ms);
+  if (options.level == "error") filter.severity = TraceSeverity::kError;
+  if (options.level == "warning") filter.severity = TraceSeverity::kWarning;
+  return {};
+}
+
+// The slice sees each entry, because a later one may have its time.
+bool TraceSelection::Passes(const TraceEntry& entry) {
+  const TraceFilter& filter = *filter_;
+  const std::optional<std::int64_t> time =
+      entry.stamp_ms ? std::optional(ToPoint(*entry.stamp_ms, filter.slice.time)) : std::nullopt;
+  if (!slice_.Takes(TextOf(entry), time)) return false;
+  if (!filter.modules.empty() && !filter.modules.contains(entry.module)) return false;
+  if (!filter.threads.empty() && !filter.threads.contains(entry.thread)) return false;
+  return SeverityOf(entry) >= filter.severity;
 }
 
 bool TraceSelection::Takes(const TraceEntry& entry) {
-  if (HasHeader(entry)) took_last_ = filter_->Passes(entry);
+  if (HasHeader(entry)) took_last_ = Passes(entry);
   if (entry.kind == TraceEntry::Kind::kGap) {
     took_last_ = filter_->IsOpen();  // a piece after a gap does not belong to a printed entry
   }
   return took_last_;
 }
 
-std::string EntryToText(const TraceEntry& entry, std::string_view prefix) {
+std::string EntryToText(const Output& output, const TraceEntry& entry, std::string_view prefix, bool with_header) {
   if (entry.kind == TraceEntry::Kind::kGap) {
     return std::string(prefix) + "------ entries that were here have been overwritten ------\n";
   }
+  const TraceSeverity severity = SeverityOf(entry);
   std::string text;
   for (std::size_t i = 0; i < entry.lines.size(); ++i) {
     const bool is_first = i == 0 && HasHeader(entry);
     const std::string_view mark = entry.kind == TraceEntry::Kind::kPiece ? kPiece : kContinuation;
-    text.append(prefix).append(is_first ? VisibleText(entry.header) : mark).append(VisibleText(entry.lines[i]));
-    text += '\n';
+    const std::string begin = is_first ? (with_header ? VisibleText(entry.header) : "") : std::string(mark);
+    text.append(prefix).append(Painted(output, severity, begin + VisibleText(entry.lines[i]))).append("\n");
   }
   if (entry.is_cut) text.append(prefix).append(kPiece).append("(the file ends within this entry)\n");
   return text;
@@ -167,9 +180,7 @@ Json EntryToJson(const TraceEntry& entry, const std::string& file) {
     object["residentKb"] = entry.resident_kb.has_value() ? Json(*entry.resident_kb) : Json(nullptr);
     SetText(object, "module", entry.module);
   }
-  std::string text;
-  for (std::size_t i = 0; i < entry.lines.size(); ++i) text.append(i == 0 ? "" : "\n").append(entry.lines[i]);
-  SetText(object, "text", text);
+  SetText(object, "text", TextOf(entry));
   if (entry.is_cut) object["cut"] = true;
   return object;
 }

@@ -11,49 +11,60 @@
 #include "debug/tools/TraceUnroll.h"
 #include "tools/qxctl/cli/Output.h"
 #include "tools/qxctl/cli/Status.h"
+#include "tools/qxctl/slice/Slice.h"
 
 namespace qx::ctl {
 
 // `text` with control bytes and bytes that are not UTF-8 as "\x1B"; a backslash is doubled.
 std::string VisibleText(std::string_view text);
 
-// The choice of the options --module, --thread, --since and --until.
+// How serious an entry is, by the words ERROR and WARNING in its text: the file does not keep the level of an entry.
+enum class TraceSeverity : std::uint8_t { kNone, kWarning, kError };
+[[nodiscard]] TraceSeverity SeverityOf(const debug::TraceEntry& entry);
+
+// The choice of the options.
 struct TraceFilter {
   std::set<std::string, std::less<>> modules;  // empty: all
   std::set<std::uint32_t> threads;             // empty: all
-  std::optional<std::int64_t> since_ms;
-  std::optional<std::int64_t> until_ms;  // the last millisecond that is printed
+  TraceSeverity severity = TraceSeverity::kNone;
+  Slice slice;
 
   // Whether every entry is printed.
   bool IsOpen() const;
-  // Whether an entry with a header is printed; with a time limit, an entry of unknown time is not.
-  bool Passes(const debug::TraceEntry& entry) const;
 };
 
 // The options as given.
 struct TraceFilterOptions {
   std::vector<std::string> modules;
   std::vector<std::string> threads;
-  std::string since;
-  std::string until;
+  std::string level;
 };
 
-// kUsage for a thread that is not a hexadecimal number, or an invalid time.
+// kUsage for a thread that is not a hexadecimal number. The slice is set already.
 Status MakeFilter(const TraceFilterOptions& options, TraceFilter& filter);
 
-// Decides for entry after entry of a file whether it is printed; the further lines of an entry follow its choice.
+// Decides for entry after entry of a file whether it is printed; the further lines of an entry follow its choice. An
+// entry whose time is unknown has the time of the one before.
 class TraceSelection {
  public:
-  explicit TraceSelection(const TraceFilter& filter) : filter_(&filter) {}
+  explicit TraceSelection(const TraceFilter& filter) : filter_(&filter), slice_(filter.slice) {}
   bool Takes(const debug::TraceEntry& entry);
 
  private:
+  bool Passes(const debug::TraceEntry& entry);
+
   const TraceFilter* filter_;
+  SliceFilter slice_;
   bool took_last_ = true;
 };
 
-// The entry as lines of text, each beginning with `prefix`.
-std::string EntryToText(const debug::TraceEntry& entry, std::string_view prefix);
+// Whether an entry begins with a header, so that other lines may belong to it.
+[[nodiscard]] bool HasHeader(const debug::TraceEntry& entry);
+
+// The entry as lines of text, each begun with `prefix`, in the colour of its severity; without stamp, thread and module
+// if `with_header` is false.
+std::string EntryToText(const Output& output, const debug::TraceEntry& entry, std::string_view prefix,
+                        bool with_header = true);
 
 // The entry as an object; `file` is its first member.
 Json EntryToJson(const debug::TraceEntry& entry, const std::string& file);

@@ -20,6 +20,7 @@
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/module/CallOptions.h"
 #include "tools/qxctl/module/ChildRun.h"
+#include "tools/qxctl/store/ReportDirectory.h"
 #include "tools/qxctl/trial/FaultCases.h"
 
 namespace qx::ctl {
@@ -203,7 +204,6 @@ Options OptionsOf(const Values& values) {
   Options options;
   options.call.module_path = values.Text("--module");
   options.names = values.Texts("CASE");
-  options.report = values.Text("--report");
   options.seconds = values.Number("--timeout", options.seconds);
   options.list = values.Flag("--list");
   return options;
@@ -211,7 +211,10 @@ Options OptionsOf(const Values& values) {
 
 Status Faults(Context& context, const Values& values) {
   const InterruptGuard guard;  // the children write into the private directories, which are removed later
-  const Options options = OptionsOf(values);
+  Options options = OptionsOf(values);
+  if (values.Has("--report")) {
+    if (Status status = FindReportName(values.Text("--report"), options.report); !status.IsOk()) return status;
+  }
   const std::vector<FaultCase> cases = AllCases();
   if (options.list) return List(context, cases);
   const auto is_asked = [&](const FaultCase& fault) { return IsRequested(options, fault); };
@@ -235,8 +238,8 @@ constexpr Parameter kParameters[] = {
      .help = "Cases or groups of cases (default: all)",
      .is_repeatable = true},
     {.name = "--report",
-     .kind = ValueKind::kReport,
-     .value = "NAME",
+     .kind = ValueKind::kReportOrStore,
+     .value = "REPORT",
      .help = "Report that can be read, when the registry names the directory"},
     {.name = "--timeout",
      .kind = ValueKind::kNumber,

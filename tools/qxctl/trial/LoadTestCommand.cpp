@@ -15,6 +15,7 @@
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/module/CallOptions.h"
+#include "tools/qxctl/store/ReportDirectory.h"
 #include "tools/qxctl/trial/LoadTest.h"
 
 namespace qx::ctl {
@@ -258,7 +259,6 @@ Options OptionsOf(const Values& values) {
   plan.threads = static_cast<unsigned>(values.Integer("--threads", plan.threads));
   plan.requests = static_cast<std::uint64_t>(values.Integer("--requests", 0));
   plan.seconds = values.Number("--duration", 0);
-  plan.report = values.Text("--report");
   options.mix = values.Texts("--mix");
   plan.records_a_call = static_cast<std::int32_t>(values.Integer("--records", plan.records_a_call));
   plan.exact = values.Flag("--exact");
@@ -268,6 +268,9 @@ Options OptionsOf(const Values& values) {
 
 Status LoadTest(Context& context, const Values& values) {
   Options options = OptionsOf(values);
+  if (values.Has("--report")) {
+    if (Status status = FindReportName(values.Text("--report"), options.plan.report); !status.IsOk()) return status;
+  }
   if (Status status = CompletePlan(options); !status.IsOk()) return status;
   if (Status status = context.traces.ProtectService(); !status.IsOk()) return status;
   LoadReport report;
@@ -301,7 +304,10 @@ constexpr Parameter kParameters[] = {
      .help = "Seconds that the load lasts, instead of a number of requests",
      .limits = kAboveZero,
      .excludes = {"--requests"}},
-    {.name = "--report", .kind = ValueKind::kReport, .value = "NAME", .help = "Report that reports and names ask for"},
+    {.name = "--report",
+     .kind = ValueKind::kReportOrStore,
+     .value = "REPORT",
+     .help = "Report that reports and names ask for"},
     {.name = "--mix",
      .kind = ValueKind::kText,
      .value = "WORD,...",

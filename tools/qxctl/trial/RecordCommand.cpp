@@ -19,6 +19,8 @@
 #include "tools/qxctl/module/ReportDocuments.h"
 #include "tools/qxctl/module/StateWord.h"
 #include "tools/qxctl/store/MissingReport.h"
+#include "tools/qxctl/store/ReportArguments.h"
+#include "tools/qxctl/store/ReportDirectory.h"
 #include "tools/qxctl/trial/CallFile.h"
 
 namespace qx::ctl {
@@ -135,7 +137,6 @@ Options OptionsOf(const Values& values) {
   options.target = values.Text("TARGET");
   options.function = values.Text("FUNCTION");
   options.input = values.Text("--input");
-  options.request.name = values.Text("NAME");
   options.request.start_index = static_cast<std::int32_t>(values.Integer("--start", 0));
   if (values.Has("--records")) options.request.record_count = static_cast<std::int32_t>(values.Integer("--records", 0));
   options.transfer = values.Flag("--transfer");
@@ -144,7 +145,8 @@ Options OptionsOf(const Values& values) {
 }
 
 Status Record(Context& context, const Values& values) {
-  const Options options = OptionsOf(values);
+  Options options = OptionsOf(values);
+  if (Status status = FindReportName(values.Text("REPORT"), options.request.name); !status.IsOk()) return status;
   if (Status status = CheckTransfer(options); !status.IsOk()) return status;
   std::string input;
   if (Status status = MakeInput(options, input); !status.IsOk()) return status;
@@ -164,11 +166,11 @@ constexpr Parameter kParameters[] = {
      .help = "What is called: what, reflect, reports, names",
      .choices = kFunctionNames,
      .is_required = true},
-    {.name = "NAME", .kind = ValueKind::kReport, .help = "Report name, below the report directory"},
+    {.name = "REPORT", .kind = ValueKind::kReportOrStore, .help = kReportHelp},
     {.name = "--input",
      .kind = ValueKind::kText,
      .value = "TEXT",
-     .help = "Request document: TEXT, @FILE, or @- for standard input"},
+     .help = "Request document: TEXT, @FILE, or - for standard input"},
     {.name = "--start",
      .kind = ValueKind::kInteger,
      .value = "INDEX",

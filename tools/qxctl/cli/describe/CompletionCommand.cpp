@@ -39,6 +39,7 @@ Status PrintMan(Context& context, const Values&) {
 
 constinit const Command kCompletionCommand = {.words = "completion",
                                               .help = "Print a completion script for a shell",
+                                              .group = kToolHeading,
                                               .run = PrintCompletion,
                                               .parameters = {kParameters}};
 constinit const Command kTableCommand = {.words = "_table", .help = "", .run = PrintTable, .is_hidden = true};

@@ -45,13 +45,6 @@ std::string ShownArgument(const Parameter& argument) {
   return argument.is_required ? text : "[" + text + "]";
 }
 
-std::string UsageLine(const Command& command, bool is_group) {
-  std::string text = "Usage: " + FullName(command);
-  if (is_group) text += " COMMAND";
-  for (const Parameter* const argument : ArgumentsOf(command)) text += " " + ShownArgument(*argument);
-  return text + " [OPTIONS]\n";
-}
-
 std::string ArgumentLines(const Command& command) {
   std::string text;
   for (const Parameter* const argument : ArgumentsOf(command)) {
@@ -97,7 +90,44 @@ std::string NamesOfGlobalOptions(const Command& qxctl) {
   return Joined(names, ", ") + " and " + last;
 }
 
+// The headings of the overview in the order in which they first occur.
+std::vector<std::string_view> Headings(const std::vector<const Command*>& commands) {
+  std::vector<std::string_view> headings;
+  for (const Command* const command : commands) {
+    const bool is_new = std::find(headings.begin(), headings.end(), command->group) == headings.end();
+    if (is_new) headings.push_back(command->group);
+  }
+  return headings;
+}
+
+// "  ini                         Look into a profile file, change it\n", for a group with a line of its commands
+std::string OverviewLines(Commands commands, const Command& command) {
+  std::string text = Line(std::string(command.words), std::string(command.help));
+  std::vector<std::string> below;
+  for (const Command* const each : Subcommands(commands, command)) below.emplace_back(LastWord(*each));
+  return below.empty() ? text : text + Line("", Joined(below, ", "));
+}
+
 }  // namespace
+
+std::string CallOf(const Command& command) {
+  std::string text = FullName(command);
+  if (command.run == nullptr) text += " COMMAND";
+  for (const Parameter* const argument : ArgumentsOf(command)) text += " " + ShownArgument(*argument);
+  return text + " [OPTIONS]";
+}
+
+std::string OverviewText(Commands commands) {
+  const std::vector<const Command*> first_words = Subcommands(commands, *commands.front());
+  std::string text = std::string(commands.front()->help) + "\n";
+  for (const std::string_view heading : Headings(first_words)) {
+    text += "\n" + std::string(heading.empty() ? "Others" : heading) + ":\n";
+    for (const Command* const command : first_words) {
+      if (command->group == heading) text += OverviewLines(commands, *command);
+    }
+  }
+  return text + "\n\"qxctl help COMMAND\" describes a command, \"qxctl --help\" the options of every command\n";
+}
 
 std::string HelpWithRemarks(const Parameter& parameter) {
   const std::string remarks = RemarksOn(parameter);
@@ -107,7 +137,7 @@ std::string HelpWithRemarks(const Parameter& parameter) {
 std::string HelpText(Commands commands, const Command& command) {
   const std::vector<const Command*> below = Subcommands(commands, command);
   const Command& qxctl = *commands.front();
-  std::string text = std::string(command.help) + "\n" + UsageLine(command, !below.empty()) + ArgumentLines(command) +
+  std::string text = std::string(command.help) + "\nUsage: " + CallOf(command) + "\n" + ArgumentLines(command) +
                      OptionLines(command) + CommandLines(below);
   if (&command != &qxctl) text += "\n" + NamesOfGlobalOptions(qxctl) + " can be given before or after any command\n";
   return text;

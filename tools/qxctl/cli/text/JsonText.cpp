@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tools/qxctl/cli/text/Text.h"
+
 namespace qx::ctl {
 
 namespace {
@@ -37,6 +39,8 @@ std::string Printed(const Library& document, int indent) {
 }  // namespace
 
 std::string JsonLine(const Json& document) { return Printed(ToLibrary(document), -1); }
+
+std::string JsonLineOf(const Json& document) { return ForTerminal(JsonLine(document), Masking::kJson) + "\n"; }
 
 std::string JsonText(const Json& document) {
   constexpr int kIndent = 2;

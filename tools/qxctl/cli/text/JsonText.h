@@ -10,6 +10,9 @@ namespace qx::ctl {
 // In one line, without a line end. Bytes that are not UTF-8 become U+FFFD.
 [[nodiscard]] std::string JsonLine(const Json& document);
 
+// The same with a line end, and with the control characters masked that JSON allows and a terminal acts on.
+[[nodiscard]] std::string JsonLineOf(const Json& document);
+
 // Indented by two spaces, without a line end. Bytes that are not UTF-8 become U+FFFD.
 [[nodiscard]] std::string JsonText(const Json& document);
 

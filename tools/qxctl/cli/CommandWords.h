@@ -1,0 +1,22 @@
+// The words of commands, and what is said about one that does not exist.
+#pragma once
+
+#include <string_view>
+
+#include "tools/qxctl/cli/CommandTable.h"
+#include "tools/qxctl/cli/Status.h"
+
+namespace qx::ctl {
+
+// The command one word below `command`, hidden ones included; null if it does not exist.
+const Command* FindSubcommand(Commands commands, const Command& command, std::string_view word);
+
+// kUsage for a word that no command below `command` has, with those that may have been meant. At the beginning of a
+// line this may be the last word of a command of a group.
+//   "reprot" => did you mean report?     "cat" => did you mean report cat?
+Status UnknownCommand(Commands commands, const Command& command, std::string_view word);
+
+// kUsage for a group without one of its commands, which are listed.
+Status MissingCommand(Commands commands, const Command& group);
+
+}  // namespace qx::ctl

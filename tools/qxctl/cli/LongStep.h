@@ -1,0 +1,35 @@
+// A step of a command that may take long and prints nothing meanwhile: after a second, a line of progress shows how
+// long it has taken and what it has read and written.
+//
+// Threads: one of its own, only if progress is shown; it reads no data of the command.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "tools/qxctl/cli/Output.h"
+
+namespace qx::ctl {
+
+// From construction to destruction. Nothing may be printed in between.
+class LongStep {
+ public:
+  // `what` is done: "checking Reports/load".
+  LongStep(const Output& output, std::string what);
+  ~LongStep();
+  LongStep(const LongStep&) = delete;
+  LongStep& operator=(const LongStep&) = delete;
+
+ private:
+  void Watch();
+
+  const std::string what_;
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  bool has_ended_ = false;
+  std::thread thread_;
+};
+
+}  // namespace qx::ctl

@@ -1,0 +1,45 @@
+#include "tools/qxctl/store/ReportArguments.h"
+
+#include <cerrno>
+
+#include "reportfile/tools/ReportSurvey.h"
+#include "tools/qxctl/cli/text/Text.h"
+#include "tools/qxctl/store/MissingReport.h"
+#include "tools/qxctl/store/ReportDirectory.h"
+
+namespace qx::ctl {
+
+namespace {
+
+Status AllReports(Output& output, ReportArguments& arguments) {
+  std::string directory;
+  if (Status status = FindReportDirectory(directory); !status.IsOk()) return status;
+  const report::FoundReports found = report::FindReports(directory);
+  if (found.error == ENOENT) return NoReportDirectory(directory);
+  if (found.error != 0) return Status::Io("cannot list " + Visible(directory), found.error);
+  for (const std::string& name : found.names) arguments.reports.push_back({name, directory + "/" + name});
+  for (const report::UnlistedDirectory& each : found.unlisted) {
+    output.Problem(Status::Io("cannot list " + Visible(directory + "/" + each.name), each.error));
+    arguments.code = ExitCode::kIo;
+  }
+  return {};
+}
+
+}  // namespace
+
+Status BasePathOf(const Values& values, std::string& base_path) {
+  return FindBasePath(values.Text("REPORT"), base_path);
+}
+
+Status ReportsOf(const Values& values, Output& output, ReportArguments& arguments) {
+  if (values.Knows("--all") && values.Flag("--all")) return AllReports(output, arguments);
+  for (const std::string& text : values.Texts("REPORT")) {
+    std::string path;
+    if (Status status = FindBasePath(text, path); !status.IsOk()) return status;
+    arguments.reports.push_back({text, path});
+  }
+  if (!arguments.reports.empty()) return {};
+  return {ExitCode::kUsage, "name a report, or use --all; \"qxctl report list\" shows the reports"};
+}
+
+}  // namespace qx::ctl

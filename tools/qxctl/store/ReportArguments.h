@@ -1,0 +1,72 @@
+// The reports that a command line names.
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "tools/qxctl/cli/Command.h"
+#include "tools/qxctl/cli/Output.h"
+#include "tools/qxctl/cli/Status.h"
+#include "tools/qxctl/cli/Values.h"
+
+namespace qx::ctl {
+
+inline constexpr std::string_view kReportHelp = "A name below the report directory, or a path (with a /)";
+
+// Exactly one report.
+inline constexpr Parameter kReportParameter[] = {
+    {.name = "REPORT", .kind = ValueKind::kReportOrStore, .help = kReportHelp, .is_required = true},
+};
+
+// One report or several.
+inline constexpr Parameter kReportsParameter[] = {
+    {.name = "REPORT",
+     .kind = ValueKind::kReportOrStore,
+     .help = kReportHelp,
+     .is_required = true,
+     .is_repeatable = true},
+};
+
+// One report, several, or all.
+inline constexpr Parameter kReportsOrAllParameters[] = {
+    {.name = "REPORT",
+     .kind = ValueKind::kReportOrStore,
+     .help = kReportHelp,
+     .is_repeatable = true,
+     .excludes = {"--all"}},
+    {.name = "--all", .help = "Every report of the report directory, also in subdirectories"},
+};
+
+// Of a command with kReportParameter.
+Status BasePathOf(const Values& values, std::string& base_path);
+
+// A report of a command line: what was typed, or its name with --all, and the path of its files without their endings.
+struct ReportArgument {
+  std::string text;
+  std::string base_path;
+};
+
+struct ReportArguments {
+  std::vector<ReportArgument> reports;
+  ExitCode code = ExitCode::kOk;  // what finding them came to: a subdirectory that cannot be listed is printed
+};
+
+// Of a command with kReportsParameter or kReportsOrAllParameters, in the given order. kUsage without a report.
+Status ReportsOf(const Values& values, Output& output, ReportArguments& arguments);
+
+// Runs a command for one report after the other. Of several reports each failure is printed here, and the result has
+// the gravest code without a message.
+template <typename Run>
+Status ForEachReport(Output& output, const ReportArguments& arguments, Run run) {
+  ExitCode gravest = arguments.code;
+  for (const ReportArgument& report : arguments.reports) {
+    const Status status = run(report);
+    if (arguments.reports.size() == 1 && status.Code() >= gravest) return status;
+    output.Problem(status);
+    gravest = std::max(gravest, status.Code());
+  }
+  return {gravest, ""};
+}
+
+}  // namespace qx::ctl
