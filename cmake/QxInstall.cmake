@@ -2,6 +2,8 @@
 #
 #   component module  the module, at the path that it names itself (DreQXObjectPath)
 #   component sdk     headers, static libraries, the CMake package, the pkg-config file, examples: for agents and hosts
+#   component library libqxreport.so.0
+#   component python  the Python module qxreport
 #   component tools   qxctl, its manual pages and shell completions
 #
 # The service looks for the module at an absolute path, so --prefix does not move it: stage with DESTDIR, or configure
@@ -49,6 +51,10 @@ set(qx_public_headers
   registry/StrMap.h
   reportfile/Directory.h
   reportfile/ReportFileBase.h
+  sdk/Error.h
+  sdk/Reader.h
+  sdk/Writer.h
+  sdk/qxreport.h
 
   debug/EntryHeader.h
   debug/LogFileSink.h
@@ -63,7 +69,7 @@ endforeach()
 
 # Each archive defines what the ones before it lack: also the order of the pkg-config file.
 set(qx_public_libraries
-  qx_provider qx_reportfile qx_paths qx_markup qx_inifile qx_registry qx_trace_object qx_debug qx_process qx_base)
+  qx_sdk qx_reportfile_tools qx_provider qx_reportfile qx_paths qx_markup qx_inifile qx_registry qx_trace_object qx_debug qx_process qx_base)
 
 qx_library(qx_trace_object SOURCES packaging/TraceObject.cpp DEPS qx_debug)
 target_link_libraries(qx_debug PUBLIC $<INSTALL_INTERFACE:QXRemConXfer::trace_object>)
@@ -77,6 +83,13 @@ foreach(library ${qx_public_libraries})
 endforeach()
 install(TARGETS ${qx_public_libraries} EXPORT QXRemConXferTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT sdk)
+
+# libqxreport.so.0 for programs, its plain name for those who link them, and the Python module that loads it.
+set_target_properties(qxreport PROPERTIES EXPORT_NAME qxreport)
+target_include_directories(qxreport INTERFACE $<INSTALL_INTERFACE:${qx_include_dir}>)
+install(TARGETS qxreport EXPORT QXRemConXferTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT sdk)
+install(FILES sdk/python/qxreport.py DESTINATION lib/python3/dist-packages COMPONENT python)
 install(EXPORT QXRemConXferTargets NAMESPACE QXRemConXfer:: DESTINATION ${qx_config_dir} COMPONENT sdk)
 
 configure_package_config_file(cmake/QXRemConXferConfig.cmake.in ${PROJECT_BINARY_DIR}/QXRemConXferConfig.cmake
@@ -99,7 +112,9 @@ else()
   set(qx_pc_module_dir "\${prefix}/${QX_MODULE_DIR}")
 endif()
 configure_file(cmake/qxremconxfer.pc.in ${PROJECT_BINARY_DIR}/qxremconxfer.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/qxremconxfer.pc DESTINATION ${qx_pc_dir} COMPONENT sdk)
+configure_file(cmake/qxreport.pc.in ${PROJECT_BINARY_DIR}/qxreport.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qxremconxfer.pc ${PROJECT_BINARY_DIR}/qxreport.pc
+  DESTINATION ${qx_pc_dir} COMPONENT sdk)
 
 install(DIRECTORY examples/ DESTINATION ${qx_examples_dir} COMPONENT sdk
   PATTERN *.py PERMISSIONS

@@ -3,7 +3,7 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qxremconxfer)
 set(CPACK_PACKAGE_CONTACT "QXRemConXfer developers <qxremconxfer@example.org>")
-set(CPACK_COMPONENTS_ALL module sdk tools)
+set(CPACK_COMPONENTS_ALL module sdk library python tools)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_SET_DESTDIR ON)  # the module's path is absolute
@@ -29,13 +29,30 @@ text records; a client reads them in chunks, as XML documents.")
 
 set(CPACK_DEBIAN_SDK_PACKAGE_NAME libqxremconxfer-dev)
 set(CPACK_DEBIAN_SDK_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_SDK_PACKAGE_DEPENDS "libc6-dev, libstdc++-12-dev | libstdc++-dev")
+set(CPACK_DEBIAN_SDK_PACKAGE_DEPENDS "libqxreport0 ${qx_same_version}, libc6-dev, libstdc++-12-dev | libstdc++-dev")
 set(CPACK_DEBIAN_SDK_PACKAGE_RECOMMENDS "qxremconxfer ${qx_same_version}, g++ | c++-compiler, pkg-config | cmake")
 set(CPACK_DEBIAN_SDK_DESCRIPTION "libraries for agents that keep reports, and headers for hosts
 Static libraries and headers for agents that keep reports (record store,
 registry, INI files, traces, markup documents, processes), and the C headers
 for programs that load the provider module. A CMake package, a pkg-config
 file and examples show how to use them.")
+
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libqxreport0)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${CPACK_QX_DEBIAN_DIR}/triggers)
+set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "writes and reads reports of the agent suite
+Appends text records to the report rings that the report provider transfers,
+and reads them: one writer at a time, many records in one call, errors with a
+reason. The interface is plain C.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-qxreport)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libqxreport0 ${qx_same_version}, python3")
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "writes and reads reports of the agent suite, from Python
+A typed Python module on libqxreport0: appends records to reports, reads them,
+and waits for new ones.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME qxctl)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)

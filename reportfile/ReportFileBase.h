@@ -7,6 +7,10 @@
 // check that a rewritten data file still has the text of old slots.
 #pragma once
 
+#if __cplusplus < 202002L
+#error "QXRemConXfer needs C++20: compile with -std=c++20, or use the C interface sdk/qxreport.h."
+#endif
+
 #include <cstdio>
 #include <string>
 

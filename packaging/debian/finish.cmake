@@ -33,7 +33,7 @@ endfunction()
 
 function(qx_strip root)
   file(GLOB_RECURSE archives ${root}/*.a)
-  file(GLOB_RECURSE binaries ${root}/*.so ${root}/usr/bin/*)
+  file(GLOB_RECURSE binaries ${root}/*.so ${root}/*.so.*.*.* ${root}/usr/bin/*)
   foreach(archive ${archives})
     qx_run(${QX_STRIP} --strip-debug --remove-section=.comment --enable-deterministic-archives ${archive})
   endforeach()

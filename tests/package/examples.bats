@@ -5,7 +5,7 @@ setup_file() {
   load support
   export EXAMPLES=$BATS_FILE_TMPDIR/examples
   cp -r "$QX_SOURCE_DIR/examples" "$EXAMPLES"
-  for example in agent host-c; do
+  for example in agent agent-c host-c; do
     cmake -S "$EXAMPLES/$example" -B "$EXAMPLES/$example/build" -DCMAKE_PREFIX_PATH="$QX_PREFIX" \
       -DCMAKE_C_FLAGS="-Wall -Wextra -Werror" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror"
     cmake --build "$EXAMPLES/$example/build"
@@ -28,6 +28,22 @@ records=$'09:00 load 0.12\n09:01 <load> & "more" ]]> 0.31\n09:02 k\u00e4lte 0.25
 write_records() {
   mapfile -t lines <<<"$records"
   apart "$agent" "${lines[@]}"
+}
+
+@test "the agents in C and Python write what the one in C++ writes" {
+  mkdir Reports
+  mapfile -t texts <<<"$records"
+  for agent in "$EXAMPLES/agent-c/build/agent" "$EXAMPLES/agent-c/agent" "$EXAMPLES/agent-python/agent.py"; do
+    rm -f Reports/*
+    LD_LIBRARY_PATH=$QX_LIBRARIES PYTHONPATH=$QX_PREFIX/lib/python3/dist-packages PYTHONDONTWRITEBYTECODE=1 \
+      apart "$agent" "${texts[@]}"
+    run apart "$host" example
+    [ "$output" = "$records" ]
+    LD_LIBRARY_PATH=$QX_LIBRARIES PYTHONPATH=$QX_PREFIX/lib/python3/dist-packages PYTHONDONTWRITEBYTECODE=1 \
+      run apart "$agent" $'two\nlines'
+    [ "$status" -eq 1 ]
+    [[ "$output" == agent*": a record contains a line feed at offset 3, at which readers would end it" ]]
+  done
 }
 
 @test "the host in C prints what the agent writes" {

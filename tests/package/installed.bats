@@ -41,6 +41,19 @@ END
   [[ "$output" == *"compatible"*"99.0"* ]]
 }
 
+@test "find_package finds the components that there are and no others" {
+  cat >CMakeLists.txt <<'END'
+cmake_minimum_required(VERSION 3.18)
+project(look LANGUAGES C)
+find_package(QXRemConXfer REQUIRED COMPONENTS sdk qxreport ${MORE})
+END
+  run cmake -B build -DCMAKE_PREFIX_PATH="$QX_PREFIX"
+  [ "$status" -eq 0 ]
+  run cmake -B build -DCMAKE_PREFIX_PATH="$QX_PREFIX" -DMORE=nothing
+  [ "$status" -ne 0 ]
+  [[ "$output" == *"nothing"* ]]
+}
+
 @test "pkg-config names the path of the module" {
   [ "$QX_ROOT$(pkg-config --variable=module qxremconxfer)" = "$QX_MODULE_FILE" ]
 }
