@@ -200,6 +200,10 @@ Progress ReadSomeAt(int descriptor, std::int64_t offset, void* to, std::size_t s
   return MoveOnce([&] { return calls::ReadAt(descriptor, to, size, offset); });
 }
 
+Progress CopySome(int from, int to, std::size_t size) {
+  return MoveOnce([&] { return calls::CopyRange(from, to, size); });
+}
+
 Progress ReadLink(int link, char* to, std::size_t size) {
   const ssize_t count = calls::ReadLinkAt(link, "", to, size);
   if (count < 0) return {.bytes = 0, .error = errno};
@@ -257,6 +261,8 @@ int SyncFileSystem(int descriptor) {
   return ErrorOf([&] { return calls::SyncFileSystem(descriptor); });
 }
 
+void SyncAllFileSystems() { calls::SyncAllFileSystems(); }
+
 int SyncDirectory(const char* path, int directory) {
   const Descriptor opened = OpenDirectory(path, 0, directory);
   return opened.IsOpen() ? Sync(opened.Number()) : errno;
@@ -299,6 +305,10 @@ int RenameWithoutReplacing(const char* from, const char* to, int from_directory,
 
 int Exchange(const char* left, const char* right) {
   return ErrorOf([&] { return calls::RenameAt(AT_FDCWD, left, AT_FDCWD, right, RENAME_EXCHANGE); });
+}
+
+int Link(const char* from, const char* to) {
+  return ErrorOf([&] { return calls::Link(from, to); });
 }
 
 int MakeDirectory(const char* path, mode_t mode, int directory) {

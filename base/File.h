@@ -89,6 +89,10 @@ struct Progress {
 [[nodiscard]] Progress ReadSome(int descriptor, void* to, std::size_t size);
 [[nodiscard]] Progress ReadSomeAt(int descriptor, std::int64_t offset, void* to, std::size_t size);
 
+// Lets the system copy up to `size` bytes from one file's own position to the other's, in one call, repeated only after
+// EINTR. Not every pair of file systems can; 0 bytes are not always the end of the file.
+[[nodiscard]] Progress CopySome(int from, int to, std::size_t size);
+
 // The target of the link that the descriptor (O_PATH | O_NOFOLLOW) is open on; ENAMETOOLONG if it fills `size` bytes.
 [[nodiscard]] Progress ReadLink(int link, char* to, std::size_t size);
 
@@ -110,6 +114,8 @@ struct Progress {
 [[nodiscard]] int Sync(int descriptor);
 [[nodiscard]] int SyncData(int descriptor);
 [[nodiscard]] int SyncFileSystem(int descriptor);
+// Everything of every file system; there is no failure to report.
+void SyncAllFileSystems();
 // Opens the directory, syncs it and closes it.
 [[nodiscard]] int SyncDirectory(const char* path, int directory = AT_FDCWD);
 
@@ -128,6 +134,8 @@ struct Progress {
                                          int to_directory = AT_FDCWD);
 // Swaps two names in one step.
 [[nodiscard]] int Exchange(const char* left, const char* right);
+// Gives a file a second name; EEXIST if there is anything of that name.
+[[nodiscard]] int Link(const char* from, const char* to);
 // Creates a directory; EEXIST if there is anything of that name.
 [[nodiscard]] int MakeDirectory(const char* path, mode_t mode, int directory = AT_FDCWD);
 // Appends the names in an open directory, in the system's order and without "." and "..", from its position to its end.

@@ -35,6 +35,7 @@ ssize_t WriteAt(int descriptor, const void* from, std::size_t size, off_t offset
 ssize_t WriteVectorAt(int descriptor, const iovec* parts, int count, off_t offset) {
   return ::pwritev(descriptor, parts, count, offset);
 }
+ssize_t CopyRange(int from, int to, std::size_t size) { return ::copy_file_range(from, nullptr, to, nullptr, size, 0); }
 
 int Truncate(int descriptor, off_t size) { return ::ftruncate(descriptor, size); }
 int Status(int descriptor, struct stat* status) { return ::fstat(descriptor, status); }
@@ -45,11 +46,13 @@ int StatusAt(int directory, const char* path, struct stat* status, int flags) {
 int Sync(int descriptor) { return ::fsync(descriptor); }
 int SyncData(int descriptor) { return ::fdatasync(descriptor); }
 int SyncFileSystem(int descriptor) { return ::syncfs(descriptor); }
+void SyncAllFileSystems() { ::sync(); }
 
 int Rename(const char* from, const char* to) { return ::rename(from, to); }
 int RenameAt(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) {
   return ::renameat2(from_directory, from, to_directory, to, flags);
 }
+int Link(const char* from, const char* to) { return ::link(from, to); }
 int MakeDirectoryAt(int directory, const char* path, mode_t mode) { return ::mkdirat(directory, path, mode); }
 ssize_t ReadEntries(int directory, void* to, std::size_t size) { return ::getdents64(directory, to, size); }
 int UnlinkAt(int directory, const char* path, int flags) { return ::unlinkat(directory, path, flags); }

@@ -24,6 +24,7 @@ ssize_t ReadAt(int descriptor, void* to, std::size_t size, off_t offset);
 ssize_t Write(int descriptor, const void* from, std::size_t size);
 ssize_t WriteAt(int descriptor, const void* from, std::size_t size, off_t offset);
 ssize_t WriteVectorAt(int descriptor, const iovec* parts, int count, off_t offset);
+ssize_t CopyRange(int from, int to, std::size_t size);  // copy_file_range
 
 int Truncate(int descriptor, off_t size);
 int Status(int descriptor, struct stat* status);
@@ -32,9 +33,11 @@ int StatusAt(int directory, const char* path, struct stat* status, int flags);
 int Sync(int descriptor);
 int SyncData(int descriptor);
 int SyncFileSystem(int descriptor);
+void SyncAllFileSystems();
 
 int Rename(const char* from, const char* to);
 int RenameAt(int from_directory, const char* from, int to_directory, const char* to, unsigned flags);
+int Link(const char* from, const char* to);
 int MakeDirectoryAt(int directory, const char* path, mode_t mode);
 ssize_t ReadEntries(int directory, void* to, std::size_t size);  // getdents64
 int UnlinkAt(int directory, const char* path, int flags);

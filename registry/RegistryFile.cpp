@@ -100,7 +100,7 @@ ByteSource BytesOf(const file::Descriptor& file) {
 
 void KeepUnread(const char* path) {
   const NextTo kept(path, "registry.unread");
-  if (link(path, kept.Path()) == 0) return;
+  if (file::Link(path, kept.Path()) == 0) return;
   // A file system without hard links: the name moves instead, and like a link it never replaces.
   (void)file::RenameWithoutReplacing(path, kept.Path());
 }

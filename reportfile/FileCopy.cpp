@@ -34,11 +34,10 @@ int CopyBlocks(int from, int to) {
 int CopyContents(int from, int to) {
   bool has_copied = false;
   for (;;) {
-    const ssize_t copied = copy_file_range(from, nullptr, to, nullptr, kRangeBytes, 0);
-    const int error = errno;
-    if (copied == 0 && has_copied) return 0;
-    if (copied < 0 && error == EINTR) continue;
-    if (copied <= 0) return CopyBlocks(from, to);
+    const file::Progress copied = file::CopySome(from, to, kRangeBytes);
+    const bool is_at_end = copied.bytes == 0 && !copied.Failed();
+    if (is_at_end && has_copied) return 0;
+    if (is_at_end || copied.Failed()) return CopyBlocks(from, to);
     has_copied = true;
   }
 }

@@ -122,7 +122,7 @@ void SyncFileSystemOf(const std::string& directory) {
   if (open.IsOpen()) {
     (void)qx::file::SyncFileSystem(open.Number());  // the backup is deleted whatever the result
   } else {
-    sync();
+    qx::file::SyncAllFileSystems();
   }
 }
 

@@ -267,8 +267,10 @@ bool RunStep(const ProfileStep& step, const std::string& path) {
     return CIniFile::WritePrivateProfileString(step.section.c_str(), TextOrNull(step.key), TextOrNull(step.value),
                                                path.c_str());
   }
-  Stream stream(std::fopen(path.c_str(), "r+e"));
+  file::Descriptor file = file::OpenRegular(path.c_str(), O_RDWR);
+  Stream stream(fdopen(file.Number(), "r+"));
   if (!stream) return false;
+  (void)file.Release();  // the stream closes it
   const bool is_written =
       CIniFile::WriteLines(stream.get(), static_cast<unsigned>(step.from), static_cast<unsigned>(step.to),
                            TextOrNull(step.key), TextOrNull(step.value), false);

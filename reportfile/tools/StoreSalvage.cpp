@@ -290,7 +290,9 @@ SalvageResult WriteNewStore(SourceFile& index, SourceFile& data, bool with_unind
   result.ring_size = NewRingSize(index.bytes, counted.indexed + counted.unindexed);
 
   CReportFileBase store;
-  if (!store.Open(base_path.c_str(), result.ring_size)) return Failed(base_path, errno);
+  const bool is_open = store.Open(base_path.c_str(), result.ring_size);
+  const int open_error = errno;
+  if (!is_open) return Failed(base_path, open_error);
   int error = store.writePositionsToFile() == 0 ? 0 : errno;
   const auto append = [&store, &error](std::string_view text) {
     if (error != 0) return false;
@@ -310,7 +312,7 @@ int PutInPlace(const std::string& from, const std::string& to) {
   if (const int error = file::RenameWithoutReplacing(DataFileName(from).c_str(), DataFileName(to).c_str()))
     return error;
   if (const int error = file::RenameWithoutReplacing(IndexFileName(from).c_str(), IndexFileName(to).c_str())) {
-    (void)unlink(DataFileName(to).c_str());  // a file of this call
+    (void)file::Remove(DataFileName(to).c_str());  // a file of this call
     return error;
   }
   return file::SyncDirectory(file::DirectoryOf(to).c_str());

@@ -7,12 +7,13 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
-#include <fstream>
 #include <new>
+#include <sstream>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
+#include "base/tools/FileText.h"
 #include "reportfile/DirectoryListing.h"
 #include "reportfile/tools/DurableFiles.h"
 
@@ -29,7 +30,7 @@ std::vector<std::string> NamesIn(const std::string& directory) {
 
 // "flags:\t0100002" in PID/fdinfo/N: octal, with the access mode in the lowest bits.
 bool IsOpenForWriting(const std::string& process, const std::string& descriptor) {
-  std::ifstream lines(PathIn(PathIn(process, "fdinfo"), descriptor));
+  std::istringstream lines(file::TextOf(PathIn(PathIn(process, "fdinfo"), descriptor)));
   for (std::string line; std::getline(lines, line);) {
     constexpr std::string_view kLabel = "flags:\t";
     if (!line.starts_with(kLabel)) continue;
@@ -82,7 +83,7 @@ std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& wanted
 
 std::vector<WritingProcess> FindLockingProcesses(const std::set<FileKey>& wanted, const std::string& locks) {
   std::vector<WritingProcess> found;
-  std::ifstream lines(locks);
+  std::istringstream lines(file::TextOf(locks));
   for (std::string line; std::getline(lines, line);) {
     const std::optional<WritingProcess> lock = LockIn(line);
     if (lock.has_value() && wanted.contains(lock->file)) found.push_back(*lock);

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/tools/FileText.h"
 #include "tests/support/FailingFileCalls.h"
 #include "tests/support/Support.h"
 
@@ -218,6 +219,32 @@ TEST(FileRead, WholeFileStopsAtItsLimit) {
   EXPECT_EQ(ReadWhole(OpenRegular(dir.File("f").c_str(), O_RDONLY).Number(), bytes, text.size() - 1), EFBIG);
 }
 
+TEST(FileCopy, SomeCopiesFromBothPositionsAndIsRepeatedAfterASignal) {
+  const TempDir dir;
+  WriteFile(dir.File("from"), "0123456789");
+  const Descriptor from = Open(dir.File("from").c_str(), O_RDONLY);
+  const Descriptor to = Open(dir.File("to").c_str(), O_WRONLY | O_CREAT, 0600);
+  {
+    const FailingCall fault({.call = FileCall::kCopyRange, .error = EINTR});
+    EXPECT_EQ(CopySome(from.Number(), to.Number(), 4).bytes, 4U);
+    EXPECT_EQ(fault.Calls(), 2);
+  }
+  EXPECT_EQ(CopySome(from.Number(), to.Number(), 100).bytes, 6U);
+  EXPECT_EQ(CopySome(from.Number(), to.Number(), 100).bytes, 0U);
+  EXPECT_EQ(ReadFile(dir.File("to")), "0123456789");
+  const FailingCall fault({.call = FileCall::kCopyRange, .error = EXDEV});
+  EXPECT_EQ(CopySome(from.Number(), to.Number(), 100).error, EXDEV);
+}
+
+TEST(FileText, IsEmptyForWhatIsNoRegularFile) {
+  const TempDir dir;
+  WriteFile(dir.File("f"), std::string("a\n\0b", 4));
+  EXPECT_EQ(TextOf(dir.File("f")), std::string("a\n\0b", 4));
+  EXPECT_EQ(TextOf(dir.File("missing")), "");
+  EXPECT_EQ(TextOf(dir.Path()), "");
+  EXPECT_NE(TextOf("/proc/self/maps").find("base_test"), std::string::npos);
+}
+
 TEST(FileName, DirectoryOfAPath) {
   EXPECT_EQ(DirectoryOf("a/b"), "a");
   EXPECT_EQ(DirectoryOf("a//b"), "a");
@@ -280,6 +307,14 @@ TEST(FileDirectory, MakeDirectoryReplacesNothing) {
   WriteFile(dir.File("f"), "kept");
   EXPECT_EQ(MakeDirectory("f", 0700, OpenDirectory(dir.Path().c_str()).Number()), EEXIST);
   EXPECT_EQ(ReadFile(dir.File("f")), "kept");
+}
+
+TEST(FileName, LinkReplacesNothing) {
+  const TempDir dir;
+  WriteFile(dir.File("from"), "new");
+  EXPECT_EQ(Link(dir.File("from").c_str(), dir.File("to").c_str()), 0);
+  EXPECT_EQ(ReadFile(dir.File("to")), "new");
+  EXPECT_EQ(Link(dir.File("from").c_str(), dir.File("to").c_str()), EEXIST);
 }
 
 TEST(FileRename, WithoutReplacingKeepsAnExistingTarget) {

@@ -130,6 +130,10 @@ ssize_t WriteVectorAt(int descriptor, const iovec* parts, int count, off_t offse
     return ::pwrite(descriptor, parts[0].iov_base, std::min(parts[0].iov_len, some), offset);
   });
 }
+ssize_t CopyRange(int from, int to, std::size_t size) {
+  return Move(FileCall::kCopyRange, size,
+              [=](std::size_t some) { return ::copy_file_range(from, nullptr, to, nullptr, some, 0); });
+}
 
 int Truncate(int descriptor, off_t size) {
   const auto* const fault = FaultOf(FileCall::kTruncate);
@@ -156,6 +160,7 @@ int SyncFileSystem(int descriptor) {
   const auto* const fault = FaultOf(FileCall::kSyncFileSystem);
   return fault != nullptr ? Fail(*fault) : ::syncfs(descriptor);
 }
+void SyncAllFileSystems() { ::sync(); }
 
 int Rename(const char* from, const char* to) {
   const auto* const fault = FaultOf(FileCall::kRename, from);
@@ -164,6 +169,10 @@ int Rename(const char* from, const char* to) {
 int RenameAt(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) {
   const auto* const fault = FaultOf(FileCall::kRename, from);
   return fault != nullptr ? Fail(*fault) : ::renameat2(from_directory, from, to_directory, to, flags);
+}
+int Link(const char* from, const char* to) {
+  const auto* const fault = FaultOf(FileCall::kLink, from);
+  return fault != nullptr ? Fail(*fault) : ::link(from, to);
 }
 int MakeDirectoryAt(int directory, const char* path, mode_t mode) {
   const auto* const fault = FaultOf(FileCall::kMakeDirectory, path);

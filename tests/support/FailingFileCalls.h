@@ -22,6 +22,7 @@ enum class FileCall {
   kWrite,
   kWriteAt,
   kWriteVectorAt,
+  kCopyRange,
   kTruncate,
   kStatus,
   kStatusAt,
@@ -29,6 +30,7 @@ enum class FileCall {
   kSyncData,
   kSyncFileSystem,
   kRename,  // with or without directories
+  kLink,
   kMakeDirectory,
   kReadEntries,
   kRemove,
@@ -37,7 +39,7 @@ enum class FileCall {
 
 struct FileFault {
   FileCall call = FileCall::kOpen;
-  std::string path = {};  // kOpen, kStatusAt, kRename, kMakeDirectory, kRemove: the end of the (first) path; empty: any
+  std::string path = {};  // the end of the (first) path of a call that has one; empty: any
   int nth = 1;            // the first call that fails, counted from 1
   int times = 1;          // how many in a row
   int error = 0;          // the error number; 0: a read or write that handles only `bytes` bytes

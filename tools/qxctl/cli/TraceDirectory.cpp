@@ -1,12 +1,13 @@
 #include "tools/qxctl/cli/TraceDirectory.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 
+#include "base/File.h"
 #include "debug/Debug.h"
 #include "tools/qxctl/cli/Interrupt.h"
 
@@ -57,9 +58,8 @@ TraceDirectory::~TraceDirectory() {
 }
 
 Status TraceDirectory::Keep(const std::string& directory, int level) {
-  const bool is_made = mkdir(directory.c_str(), kModePrivate) == 0;
-  const int error = errno;
-  if (!is_made && error != EEXIST) return Status::Io("cannot make the trace directory " + directory, error);
+  const int error = file::MakeDirectory(directory.c_str(), kModePrivate);
+  if (error != 0 && error != EEXIST) return Status::Io("cannot make the trace directory " + directory, error);
   if (access((directory + kModuleLog).c_str(), F_OK) == 0) {
     return {ExitCode::kRefused, directory + kModuleLog +
                                     " exists, and loading the module would empty it; if no service " +

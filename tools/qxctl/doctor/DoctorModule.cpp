@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 
+#include "base/File.h"
 #include "provider/ModuleExports.h"
 #include "tools/qxctl/cli/text/Quote.h"
 #include "tools/qxctl/doctor/Doctor.h"
@@ -27,8 +27,9 @@ struct ElfHead {
 
 ElfHead HeadOf(const std::string& path) {
   ElfHead head;
-  std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(&head), sizeof head);
-  return head;
+  const file::Descriptor file = file::OpenRegular(path.c_str(), O_RDONLY);
+  const bool is_read = file.IsOpen() && file::Read(file.Number(), &head, sizeof head).bytes == sizeof head;
+  return is_read ? head : ElfHead();
 }
 
 // Empty if the file is a library that this machine could load.

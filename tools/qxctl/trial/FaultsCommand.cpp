@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/File.h"
 #include "provider/ServerControlPaths.h"
 #include "reportfile/ReportFileBase.h"
 #include "tools/qxctl/cli/Context.h"
@@ -94,10 +95,9 @@ class FaultPlace {
     const int error_of_directory = errno;
     if (!has_directory) return Status::Io("cannot make a directory " + name, error_of_directory);
     path_ = name;
-    std::error_code error;
-    std::filesystem::create_directory(path_ + "/Reports", error);
     CReportFileBase report;
-    const bool is_made = !error && report.Open((path_ + "/Reports/faults").c_str(), 4) && report.writeLine("a record");
+    const bool is_made = file::MakeDirectory((path_ + "/Reports").c_str(), 0777) == 0 &&
+                         report.Open((path_ + "/Reports/faults").c_str(), 4) && report.writeLine("a record");
     if (!is_made) return {ExitCode::kIo, "cannot write a report into " + path_};
     const int error_of_change = chdir(path_.c_str()) == 0 ? 0 : errno;
     return error_of_change == 0 ? Status() : Status::Io("cannot enter " + path_, error_of_change);

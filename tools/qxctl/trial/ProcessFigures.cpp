@@ -3,8 +3,10 @@
 #include <malloc.h>
 
 #include <filesystem>
-#include <fstream>
 #include <iterator>
+#include <sstream>
+
+#include "base/tools/FileText.h"
 
 namespace qx::ctl {
 
@@ -13,7 +15,7 @@ namespace {
 constexpr std::size_t kBytesPerKilobyte = 1024;
 
 std::size_t ResidentBytes() {
-  std::ifstream status("/proc/self/status");
+  std::istringstream status(file::TextOf("/proc/self/status"));
   for (std::string word; status >> word;) {
     if (word != "VmRSS:") continue;
     std::size_t kilobytes = 0;
@@ -47,7 +49,7 @@ bool IsMapped(const std::string& path) {
   std::error_code error;
   const std::filesystem::path canonical = std::filesystem::canonical(path, error);
   const std::string wanted = error ? path : canonical.string();
-  std::ifstream maps("/proc/self/maps");
+  std::istringstream maps(file::TextOf("/proc/self/maps"));
   for (std::string line; std::getline(maps, line);) {
     if (line.ends_with(" " + wanted)) return true;
   }
