@@ -139,7 +139,11 @@ RingBufferSink::OpenResult RingBufferSink::Open(const Source& source) noexcept {
   size_ = source.size;
 
   OpenResult result = is_new_ ? Create(source) : OpenResult{};
-  if (!is_new_ && !ReserveBlocks(descriptor_, size_)) result = {Failure::kWriteBlocks, errno};
+  if (!is_new_) {
+    const bool has_blocks = ReserveBlocks(descriptor_, size_);
+    const int block_error = errno;
+    if (!has_blocks) result = {Failure::kWriteBlocks, block_error};
+  }
   if (result.failure == Failure::kNone) result = Map(source);
   if (result.failure != Failure::kNone) Close();
   return result;
@@ -167,7 +171,8 @@ RingBufferSink::Failure RingBufferSink::WriteWhole(const Source& source) const n
 
 RingBufferSink::OpenResult RingBufferSink::Map(const Source& source) noexcept {
   void* const map = ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_, 0);
-  if (map == MAP_FAILED) return {Failure::kMap, errno};
+  const int error = errno;
+  if (map == MAP_FAILED) return {Failure::kMap, error};
   map_.store(static_cast<char*>(map), std::memory_order_relaxed);
   opens_ = 1;
   position_ = kRingFirstEntry;

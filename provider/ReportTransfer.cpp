@@ -274,8 +274,10 @@ bool ReportTransfer::RingHasMoved() {
   CReportFileBase& store = thread_data_.report_file;
   store.Close();
   reader_.Drop();
-  if (!store.OpenRead(path_.c_str())) {
-    NoteReopenError(thread_data_, errno);
+  const bool is_open = store.OpenRead(path_.c_str());
+  const int error = errno;
+  if (!is_open) {
+    NoteReopenError(thread_data_, error);
     return false;
   }
   QX_TRACE(4, "\nWCSP_QX GetReports  :     compare oldest index=%d whether changed", Low32(store.header().oldestIndex));

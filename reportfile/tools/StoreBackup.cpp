@@ -172,7 +172,8 @@ class Backup {
     if (directory.Error() != 0) return Failed(directory.Error(), directory.Path());
     DirectoriesBelow from(std::move(top));
     file::Descriptor copy = file::OpenDirectory(".", 0, directory.Number());
-    if (!copy.IsOpen()) return Failed(errno, directory.Path());
+    const int copy_error = errno;
+    if (!copy.IsOpen()) return Failed(copy_error, directory.Path());
     DirectoriesBelow to(std::move(copy));
     if (CopyTree(from, to) && FinishDirectories(from, to, status.st_mode)) PutInPlace(directory);
     return result_;
@@ -211,9 +212,11 @@ class Backup {
     const bool has_bytes = item.kind != BackupItemKind::kSkipped && item.kind != BackupItemKind::kLink;
     if (!has_bytes || item.state != BackupItemState::kCopied) return true;
     const int from_directory = from.Containing(item.name);
-    if (from_directory < 0) return NoteError(item, errno, true);
+    const int from_error = errno;
+    if (from_directory < 0) return NoteError(item, from_error, true);
     const int to_directory = to.Containing(item.name);
-    if (to_directory < 0) return NoteError(item, errno, false);
+    const int to_error = errno;
+    if (to_directory < 0) return NoteError(item, to_error, false);
     return item.kind == BackupItemKind::kStore ? CopyReport(item, from_directory, to_directory)
                                                : CopyFile(item, from_directory, to_directory);
   }

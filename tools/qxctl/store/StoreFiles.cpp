@@ -38,7 +38,9 @@ Status CheckStoreFiles(const std::string& base_path, int access_mode) {
 
 Status OpenStoreForReading(const std::string& base_path, CReportFileBase& store) {
   if (Status status = CheckStoreFiles(base_path, R_OK); !status.IsOk()) return status;
-  return store.OpenRead(base_path.c_str()) ? Status() : StatusOfReportFile("cannot open " + base_path, errno);
+  const bool is_open = store.OpenRead(base_path.c_str());
+  const int error = errno;
+  return is_open ? Status() : StatusOfReportFile("cannot open " + base_path, error);
 }
 
 Status CheckNotWritten(const std::string& base_path, const report::WriterLock& lock) {
