@@ -49,7 +49,9 @@ Error StoreSnapshot::Take(const std::string& path) {
 // while a part is being appended to a full ring, which ends soon if its writer lives.
 Error StoreSnapshot::TakeOnce(const std::string& path, bool& is_steady) {
   offsets_.clear();
-  if (!store_.OpenRead(path.c_str())) return OpenError(path, errno);
+  const bool is_open = store_.OpenRead(path.c_str());
+  const int error = errno;
+  if (!is_open) return OpenError(path, error);
   header_ = store_.header();
   uncounted_ = 0;
   old_round_ = 0;
@@ -143,7 +145,9 @@ Error StoreSnapshot::ReadEach(std::uint32_t age, std::uint32_t count, std::vecto
   for (std::uint32_t i = 0; i < count; ++i) {
     std::string text;
     errno = 0;
-    if (!store_.readLine(text, SlotOf(age + i))) return SystemError("cannot read a record", errno);
+    const bool is_read = store_.readLine(text, SlotOf(age + i));
+    const int error = errno;
+    if (!is_read) return SystemError("cannot read a record", error);
     records.push_back(RecordOf(text, EndOf(age + i) - offsets_[age + i]));
   }
   return {};

@@ -158,8 +158,10 @@ Error Writer::Parts::Open(const std::string& base_path, std::uint32_t ring_size,
   }
   lock.emplace(path);
   if (lock->IsHeldByAnother()) return OtherWriterError(path, lock->Process());
-  if (!store.Open(path.c_str(), ring_size)) return SystemError("cannot open " + path, errno);
-  const int error = may_create ? records.StartRing(ring_size) : 0;
+  const bool is_open = store.Open(path.c_str(), ring_size);
+  int error = errno;
+  if (!is_open) return SystemError("cannot open " + path, error);
+  error = may_create ? records.StartRing(ring_size) : 0;
   if (error != 0) return SystemError("cannot write " + index.path, error);
   if (!report::HasPlausibleRing(store.header())) {
     return MakeError(ErrorCode::kDamaged, index.path + " is damaged: its header contradicts itself");

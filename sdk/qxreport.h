@@ -33,7 +33,7 @@ extern "C" {
 
 typedef struct qxreport_error {
   int code;
-  int system_error; /* errno, where there is one */
+  int system_error; /* the system's error number, where there is one */
   uint64_t record;  /* the text of a batch that the error is about, counted from 0 */
   char text[512];   /* for people, ends with a NUL; a longer text is cut */
 } qxreport_error;

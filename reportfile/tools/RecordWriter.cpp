@@ -91,7 +91,9 @@ AppendedRecords RecordWriter::AppendPart(std::span<const std::string_view> texts
 
 // The first record of a new store: its slot and the header are one write, which must not be cut in the middle of slots.
 AppendedRecords RecordWriter::AppendFirst(std::string_view text) {
-  if (!store_.writeLine(std::string(text).c_str())) return {0, errno};
+  const bool is_written = store_.writeLine(std::string(text).c_str());
+  const int error = errno;
+  if (!is_written) return {0, error};
   return {1, 0};
 }
 

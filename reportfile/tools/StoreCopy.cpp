@@ -14,6 +14,7 @@
 #include "reportfile/StoreIo.h"
 #include "reportfile/tools/ByteSource.h"
 #include "reportfile/tools/DurableFiles.h"
+#include "reportfile/tools/WritePath.h"
 
 namespace qx::report {
 
@@ -221,15 +222,19 @@ class Copier {
 
   // True if text of a slot of `reference` was overwritten up to `after`.
   bool IsTouched(const IndexHeader& reference, const IndexHeader& after) const {
-    const std::uint32_t appended = after.elementCount - reference.elementCount;
-    const std::uint32_t period = RecordsPerRound(reference);
-    if (appended == 0) return false;
-    if (period != 0 && appended >= period) return true;
-    const bool is_restarted = RecordsInRound(after) < RecordsInRound(reference);
-    const bool has_old_records = RecordsInRound(reference) < reference.highestIndex;
-    if (is_restarted == has_old_records) return has_old_records;  // it continued over the old round, or after all text
-    const std::optional<std::uint32_t> lowest = LowestLiveOffset(reference);
-    return lowest.has_value() && *lowest < after.writePosition + kMarkerBytes;
+    switch (WritePathBetween(reference, after)) {
+      case WritePath::kNowhere:
+      case WritePath::kAfterEveryRecord:
+        return false;
+      case WritePath::kOverOldRound:
+      case WritePath::kOverThisRound: {
+        const std::optional<std::uint32_t> lowest = LowestLiveOffset(reference);
+        return lowest.has_value() && *lowest < after.writePosition + kMarkerBytes;
+      }
+      case WritePath::kEverywhere:
+        return true;
+    }
+    return true;
   }
 
   // The lowest offset of a text that the writer can overwrite next: a text of the previous round after the marker, or,

@@ -48,11 +48,13 @@ Status Create(Context&, const Values& values) {
     }
   }
   CReportFileBase store;
-  if (!store.Open(path.c_str(), static_cast<std::uint32_t>(values.Integer("--slots", 0))))
-    return StatusOfReportFile("cannot create " + path, errno);
+  const bool is_open = store.Open(path.c_str(), static_cast<std::uint32_t>(values.Integer("--slots", 0)));
+  const int open_error = errno;
+  if (!is_open) return StatusOfReportFile("cannot create " + path, open_error);
   // The header stores the ring size in the file; without it the next writer would use its own default.
-  if (store.writePositionsToFile() != 0) return Status::Io("cannot write " + report::IndexFileName(path), errno);
-  return {};
+  const bool is_written = store.writePositionsToFile() == 0;
+  const int write_error = errno;
+  return is_written ? Status() : Status::Io("cannot write " + report::IndexFileName(path), write_error);
 }
 
 // --- append
