@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 
+#include "base/tools/FileText.h"
 #include "tools/qxctl/cli/text/Text.h"
 
 namespace qx::ctl {
@@ -16,10 +16,9 @@ using report::StoreState;
 
 // The name of a process, with a space and in parentheses; empty if it has ended.
 std::string NameOf(int process) {
-  std::ifstream file("/proc/" + std::to_string(process) + "/comm");
-  std::string name;
-  if (!std::getline(file, name)) return "";
-  return " (" + Visible(name) + ")";
+  const std::string text = file::TextOf("/proc/" + std::to_string(process) + "/comm");
+  if (text.empty()) return "";
+  return " (" + Visible(text.substr(0, text.find('\n'))) + ")";
 }
 
 }  // namespace
