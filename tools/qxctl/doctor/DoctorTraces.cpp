@@ -9,13 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <string>
 #include <utility>
 
+#include "base/tools/FileText.h"
 #include "tools/qxctl/cli/text/Quote.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/doctor/Doctor.h"
@@ -74,8 +73,7 @@ void CheckVariables(DoctorFindings& findings) {
 
 // The last "[...]" of the file must be "[EndOfFile]", in letters of either case.
 bool IsComplete(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  const std::string text = file::TextOf(path);
   const std::size_t end = text.rfind(']');
   const std::size_t begin = end == std::string::npos ? end : text.rfind('[', end);
   if (begin == std::string::npos) return false;
