@@ -50,8 +50,8 @@ Error StoreSnapshot::Take(const std::string& path) {
 Error StoreSnapshot::TakeOnce(const std::string& path, bool& is_steady) {
   offsets_.clear();
   const bool is_open = store_.OpenRead(path.c_str());
-  const int error = errno;
-  if (!is_open) return OpenError(path, error);
+  const int open_error = errno;
+  if (!is_open) return OpenError(path, open_error);
   header_ = store_.header();
   uncounted_ = 0;
   old_round_ = 0;

@@ -158,9 +158,9 @@ Error Writer::Parts::Open(const std::string& base_path, std::uint32_t ring_size,
   }
   lock.emplace(path);
   if (lock->IsHeldByAnother()) return OtherWriterError(path, lock->Process());
-  const bool is_open = store.Open(path.c_str(), ring_size);
+  const bool is_opened = store.Open(path.c_str(), ring_size);
   int error = errno;
-  if (!is_open) return SystemError("cannot open " + path, error);
+  if (!is_opened) return SystemError("cannot open " + path, error);
   error = may_create ? records.StartRing(ring_size) : 0;
   if (error != 0) return SystemError("cannot write " + index.path, error);
   if (!report::HasPlausibleRing(store.header())) {
