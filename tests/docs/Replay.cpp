@@ -82,9 +82,9 @@ Start FreshStart(const TempDir& directory) {
           .environment = {{"PATH", path}, {"QX_MODULE", ModulePath()}, {"NO_COLOR", ""}, {"LC_ALL", "C.UTF-8"}}};
 }
 
-// Makes a root of its own in the directory $1, in a private mount namespace: programs and devices of this machine, the
-// module $2 where the suite installs it, qxctl $3 in the search path, the user root, and nothing else. Runs the script
-// $4.
+// Makes a root of its own in the directory $1, in private namespaces, and runs the script $4 there. It has programs and
+// devices of this machine, the module $2 where the suite installs it, qxctl $3 in the search path, the user root, and
+// nothing else. It has its own processes, because an ordinary user may not check those of others.
 const char kNewMachine[] = R"sh(
 set -e
 mount -t tmpfs -o mode=755 none "$1"
@@ -94,7 +94,7 @@ provider=opt/norrlek/QuaxelSuite/KRX/Provider
 mkdir -p usr proc dev etc root tools "$provider"
 mkdir -m 1777 tmp
 mount --rbind /usr usr
-mount --rbind /proc proc
+mount -t proc none proc 2>/dev/null || mount --rbind /proc proc
 mount --rbind /dev dev
 for name in bin sbin lib lib64; do
   if [ -L "/$name" ]; then
@@ -114,7 +114,7 @@ exec chroot . /usr/bin/env -i PATH=/tools:/usr/bin:/bin HOME=/root NO_COLOR= LC_
 )sh";
 
 Ran ReplayOnNewMachine(const std::string& script, const TempDir& directory) {
-  std::vector<std::string> command = {"unshare", "--mount"};
+  std::vector<std::string> command = {"unshare", "--mount", "--pid", "--fork"};
   if (geteuid() != 0) command.insert(command.end(), {"--user", "--map-root-user"});
   command.insert(command.end(),
                  {"/bin/sh", "-c", kNewMachine, "sh", directory.Path(), ModulePath(), QxctlPath(), script});
