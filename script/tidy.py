@@ -27,7 +27,7 @@ DEFINITION = re.compile(r"^(?:(?:struct|class|enum class|enum|union)\s+(?P<type>
 
 
 def tidy(folder, source, *options):
-    """The findings in a source, as text. Empty when there are none."""
+    """The findings in a source, as text. Empty when there is nothing to report."""
     run = subprocess.run(["clang-tidy", "--quiet", "-p", str(folder), *options, str(source)], cwd=ROOT, capture_output=True,
                          text=True, check=False)
     if run.returncode == 0:

@@ -50,6 +50,7 @@ TIERS_OF = [
     ("script/bench", ["bench", "plot"]),  # the second only for --plot
     ("script/house_style.py", ["test"]),
     ("script/plain_english.py", ["test"]),
+    ("script/tidy.py", ["lint"]),
     ("tests/", ["test"]),
     ("examples/", ["test"]),
 ]
