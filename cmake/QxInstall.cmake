@@ -28,6 +28,8 @@ set_property(SOURCE provider/Exports.cpp provider/Module.cpp TARGET_DIRECTORY qx
   APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-g>)
 set_property(SOURCE reportfile/ReportFileBase.cpp TARGET_DIRECTORY qx_reportfile
   APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-g>)
+set_property(SOURCE sdk/QxReport.cpp TARGET_DIRECTORY qxreport
+  APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-g>)
 
 # The headers that agents and hosts include, and after the empty line those that these include.
 set(qx_public_headers

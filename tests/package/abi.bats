@@ -25,6 +25,12 @@ store() {
   [ "$status" -eq 0 ]
 }
 
+@test "the exported surface of libqxreport.so.0 has not changed" {
+  run "$abi/check" "$QX_LIBRARIES/libqxreport.so.0" "$include_dir" "$abi/libqxreport.abi"
+  echo "$output"
+  [ "$status" -eq 0 ]
+}
+
 @test "the description has no path of a machine in it" {
   ! grep -n -e "path='/" -e "filepath=" -e "comp-dir-path" "$abi/QXRemConXfer.abi"
 }
