@@ -71,7 +71,8 @@ endforeach()
 
 # Each archive defines what the ones before it lack: also the order of the pkg-config file.
 set(qx_public_libraries
-  qx_sdk qx_reportfile_tools qx_provider qx_reportfile qx_paths qx_markup qx_inifile qx_registry qx_trace_object qx_debug qx_process qx_base)
+  qx_sdk qx_reportfile_tools qx_provider qx_reportfile qx_paths qx_markup qx_inifile qx_registry qx_trace_object qx_debug qx_process
+  qx_base_tools qx_base)
 
 qx_library(qx_trace_object SOURCES packaging/TraceObject.cpp DEPS qx_debug)
 target_link_libraries(qx_debug PUBLIC $<INSTALL_INTERFACE:QXRemConXfer::trace_object>)
