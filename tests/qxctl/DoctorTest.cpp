@@ -425,7 +425,7 @@ TEST_F(QxctlDoctor, Qx308SilenceIsAFindingOnlyIfItIsRequested) {
   EXPECT_THAT(Found({"--stale", "10m"}), Has("QX308 warning " + Q("Reports/load") + " has no new record for 2 h"));
   const Ran wrong = Doctor({"--stale", "10"});
   EXPECT_EQ(wrong.code, 2);
-  EXPECT_THAT(wrong.err, HasSubstr("is not a length of time such as 90s, 10m, 2h or 1d"));
+  EXPECT_THAT(wrong.err, HasSubstr(": a length of time has a unit, such as 90s, 10m, 2h or 1d"));
 }
 
 TEST_F(QxctlDoctor, Qx308ADirectoryWithoutReportsIsSilent) {

@@ -127,6 +127,9 @@ TEST_F(QxctlReportList, AnotherDirectoryIsListedWithReports) {
   const Ran none = Qxctl({"report", "list", "--reports", "none"});
   EXPECT_EQ(none.code, 4);
   EXPECT_EQ(none.err, "qxctl: there is no directory none\n");
+  const Ran file = Qxctl({"report", "list", "--reports", "Reports/load.ind"});
+  EXPECT_EQ(file.code, 6);
+  EXPECT_EQ(file.err, "qxctl: cannot list Reports/load.ind: Not a directory\n");
 }
 
 TEST_F(QxctlReportList, DirectoryWithoutReportsIsNoFailure) {

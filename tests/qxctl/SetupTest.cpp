@@ -196,6 +196,13 @@ TEST_F(QxctlSetup, FallbackThatIsInUseIsTakenOverFirst) {
   EXPECT_EQ(ReadFile(Registry()), FirstRegistry(Dir().File("kept")));
 }
 
+TEST_F(QxctlSetup, EmptyNameIsAUsageErrorAndNotTheWorkingDirectory) {
+  const Ran ran = Setup({"--reports", "", "--apply"});
+  EXPECT_EQ(ran.code, 2);
+  EXPECT_EQ(ran.err, "qxctl: --reports is empty; name a directory\n");
+  EXPECT_FALSE(Exists(Registry()));
+}
+
 TEST_F(QxctlSetup, FileInPlaceOfADirectoryIsRefused) {
   WriteFile(Dir().File("srv"), "");
   const Ran ran = SetupFor("srv/reports", {"--apply"});

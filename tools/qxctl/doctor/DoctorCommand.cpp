@@ -156,7 +156,7 @@ DoctorPlaces PlacesOf(const Values& values) {
 }
 
 std::string_view CheckStale(std::string_view text) {
-  return ParseDuration(text) ? "" : "is not a length of time such as 90s, 10m, 2h or 1d";
+  return ParseDuration(text) ? "" : "a length of time has a unit, such as 90s, 10m, 2h or 1d";
 }
 
 Status Examine(Context& context, const Values& values, DoctorFindings& findings) {

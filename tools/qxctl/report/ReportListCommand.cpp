@@ -122,7 +122,7 @@ Json ToJson(const Shown& shown, ExitCode code) {
   Json document;
   SetText(document, "reportDirectory", shown.directory);
   document["reports"] = std::move(reports);
-  document["allReports"] = shown.found.unlisted.empty() && shown.found.error == 0;
+  document["allReports"] = shown.found.unlisted.empty();
   document["exitCode"] = static_cast<int>(code);
   return document;
 }
@@ -135,7 +135,6 @@ std::string CountText(std::size_t count, const std::string& what) {
 
 // What needs somebody, worst first.
 Status StatusOf(const Shown& shown) {
-  if (shown.found.error != 0) return Status::Io("cannot list " + Visible(shown.directory), shown.found.error);
   const auto bad = static_cast<std::size_t>(std::count_if(shown.reports.begin(), shown.reports.end(), NeedsAttention));
   if (bad > 0) {
     return {ExitCode::kFinding, CountText(bad, "report") + (bad == 1 ? " is" : " are") +
@@ -154,7 +153,8 @@ Status FindDirectory(const Values& values, Shown& shown) {
     if (Status status = FindReportDirectory(shown.directory); !status.IsOk()) return status;
   }
   shown.found = report::FindReports(shown.directory);
-  if (shown.found.error != ENOENT) return {};
+  if (shown.found.error == 0) return {};
+  if (shown.found.error != ENOENT) return Status::Io("cannot list " + Visible(shown.directory), shown.found.error);
   return is_named ? Status(ExitCode::kNotFound, "there is no directory " + Visible(shown.directory))
                   : NoReportDirectory(shown.directory);
 }

@@ -153,7 +153,17 @@ Status PlanNew(Context& context, bool apply, Setup& setup) {
   return {};
 }
 
+// An empty name, such as that of an unset variable, would be the working directory.
+Status CheckNames(const Values& values) {
+  for (const char* const option : {"--reports", "--directory", "--settings"}) {
+    const bool is_empty = values.Has(option) && values.Text(option).empty();
+    if (is_empty) return {ExitCode::kUsage, std::string(option) + " is empty; name a directory"};
+  }
+  return {};
+}
+
 Status RunSetup(Context& context, const Values& values) {
+  if (Status status = CheckNames(values); !status.IsOk()) return status;
   Setup setup;
   setup.places = PlacesOf(values);
   setup.exists = HasRegistry(setup.places.registry);
