@@ -26,10 +26,10 @@ using testing::SizeIs;
 using Kind = SettingMistake::Kind;
 namespace fs = std::filesystem;
 
-const char kSetupKey[] = "HKEY_LOCAL_MACHINE/SOFTWARE/Dremlor/Management/Server Control/Setup";
+const char kKeyOfReports[] = "HKEY_LOCAL_MACHINE/SOFTWARE/Dremlor/Management/Server Control/Setup";
 
 // A registry file with these value lines in the key.
-std::string RegistryWith(const std::string& values, const std::string& key = kSetupKey) {
+std::string RegistryWith(const std::string& values, const std::string& key = kKeyOfReports) {
   std::string text;
   std::string end = "\n";
   for (std::size_t at = 0; at != std::string::npos;) {
@@ -67,7 +67,7 @@ class QxctlMissingReport : public testing::Test, protected QxctlFixture {
 
 TEST_F(QxctlMissingReport, EachCommandNamesTheDirectoryNearNamesAndTheValue) {
   const std::string message = "qxctl: no report laod in " + Reports() + "; did you mean load? (ReportRoot in " +
-                              kSetupKey + " names that directory)\n";
+                              kKeyOfReports + " names that directory)\n";
   const std::vector<std::vector<std::string>> commands = {
       {"fetch", "laod"}, {"module", "reports", "laod", "--quiet"},     {"report", "verify", "laod"},
       {"names", "laod"}, {"report", "salvage", "laod", "--into", "x"}, {"module", "names", "laod", "--quiet"}};
@@ -84,7 +84,7 @@ TEST_F(QxctlMissingReport, EachCommandNamesTheDirectoryNearNamesAndTheValue) {
 TEST_F(QxctlMissingReport, FileRootIsNamedAsTheDirectoryAbove) {
   const Ran ran = QxctlWith("FileRoot=s=" + Dir().Path() + "\n", {"report", "verify", "nothing"});
   EXPECT_EQ(ran.err, "qxctl: no report nothing in " + Reports() + "; \"qxctl report list\" shows the 3 reports there " +
-                         "(FileRoot in " + kSetupKey + " names the directory above it)\n");
+                         "(FileRoot in " + kKeyOfReports + " names the directory above it)\n");
 }
 
 TEST_F(QxctlMissingReport, WithoutARegistryTheMessageLeadsToSetup) {
@@ -96,7 +96,7 @@ TEST_F(QxctlMissingReport, WithoutARegistryTheMessageLeadsToSetup) {
 }
 
 TEST_F(QxctlMissingReport, MissingOrEmptyDirectoryGetsTheCommandThatHelps) {
-  const std::string place = std::string("ReportRoot in ") + kSetupKey + " names that directory";
+  const std::string place = std::string("ReportRoot in ") + kKeyOfReports + " names that directory";
   EXPECT_EQ(
       QxctlWith("ReportRoot=s=/no where\n", {"report", "verify", "load"}).err,
       "qxctl: there is no report directory /no where; \"install -d -m 0755 '/no where'\" makes it (" + place + ")\n");
@@ -171,7 +171,7 @@ TEST(ReportSettingsOfARegistry, NearNamesAndWrongTypesAreMistakes) {
   const ReportSettings rot = SettingsOf(RegistryWith("ReportRot=s=/srv/r\n"));
   ASSERT_THAT(rot.mistakes, SizeIs(1));
   EXPECT_EQ(rot.mistakes[0].kind, Kind::kNearValue);
-  EXPECT_EQ(rot.mistakes[0].key + "/" + rot.mistakes[0].found, std::string(kSetupKey) + "/ReportRot");
+  EXPECT_EQ(rot.mistakes[0].key + "/" + rot.mistakes[0].found, std::string(kKeyOfReports) + "/ReportRot");
   EXPECT_EQ(rot.mistakes[0].expected + "=" + rot.mistakes[0].value, "ReportRoot=/srv/r");
 
   const ReportSettings number = SettingsOf(RegistryWith("ReportRoot=d=5\n"));

@@ -23,7 +23,7 @@ using testing::HasSubstr;
 using testing::StartsWith;
 namespace fs = std::filesystem;
 
-const char kSetupKey[] = "HKEY_LOCAL_MACHINE/SOFTWARE/Dremlor/Management/Server Control/Setup";
+const char kKeyOfSetup[] = "HKEY_LOCAL_MACHINE/SOFTWARE/Dremlor/Management/Server Control/Setup";
 
 std::string FirstRegistry(const std::string& reports) {
   return "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\nReportRoot=s=" +
@@ -143,7 +143,7 @@ TEST_F(QxctlSetup, ExistingRegistryIsNotChangedAndGetsCommands) {
   const Ran ran = SetupFor("my reports", {"--apply"});
   EXPECT_EQ(ran.code, 1);
   EXPECT_EQ(ran.out, "qxctl registry set --create --directory " + Dir().File("etc/brollan") + " --type string '" +
-                         kSetupKey + "' ReportRoot '" + Dir().File("my reports") + "' --apply\n" +
+                         kKeyOfSetup + "' ReportRoot '" + Dir().File("my reports") + "' --apply\n" +
                          "install -d -m 0755 '" + Dir().File("my reports") + "'\n" + "install -d -m 0755 " +
                          Dir().File("log") + "\n");
   EXPECT_EQ(ran.err, "qxctl: there is a registry in " + Dir().File("etc/brollan") +

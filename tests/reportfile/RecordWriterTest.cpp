@@ -33,7 +33,7 @@ AppendedRecords AppendAll(CReportFileBase& store, const Texts& texts) {
   return RecordWriter(store).Append(views);
 }
 
-Texts Numbered(int first, int count) {
+Texts NumberedFrom(int first, int count) {
   Texts texts;
   for (int i = first; i < first + count; ++i)
     texts.push_back("record " + std::to_string(i) + std::string(static_cast<unsigned>(i % 7), 'x'));
@@ -93,7 +93,7 @@ TEST(RecordWriter, BatchesToDamagedStoresLeaveTheFilesOfSingleAppends) {
     CReportFileBase single;
     ASSERT_TRUE(batch.Open(batch_files.Path(), 1));
     ASSERT_TRUE(single.Open(single_files.Path(), 1));
-    const Texts texts = Numbered(1, 23);
+    const Texts texts = NumberedFrom(1, 23);
     EXPECT_EQ(AppendAll(batch, texts).stored, texts.size());
     for (const std::string& text : texts) ASSERT_TRUE(single.writeLine(text.c_str()));
     ExpectSameFiles(batch_files, single_files);
@@ -124,7 +124,7 @@ TEST(RecordWriter, APartIsThreeWritesWhateverItsRecords) {
   ASSERT_TRUE(store.writeLine("first"));
   const FailingCall vectors({.call = FileCall::kWriteVectorAt, .nth = kAlways});
   const FailingCall writes({.call = FileCall::kWriteAt, .nth = kAlways});
-  EXPECT_EQ(AppendAll(store, Numbered(1, 500)).stored, 500U);
+  EXPECT_EQ(AppendAll(store, NumberedFrom(1, 500)).stored, 500U);
   EXPECT_EQ(vectors.Calls() + writes.Calls(), 3);
 }
 
@@ -196,7 +196,7 @@ int AppendUnderLimit(const StoreFiles& files, rlim_t limit, bool is_batch) {
     const rlimit file_size = {limit, limit};
     CReportFileBase store;
     if (setrlimit(RLIMIT_FSIZE, &file_size) != 0 || !store.Open(files.Path(), 10)) _exit(0xFF);
-    const Texts texts = Numbered(1, 12);
+    const Texts texts = NumberedFrom(1, 12);
     if (is_batch) _exit(static_cast<int>(AppendAll(store, texts).stored));
     int stored = 0;
     while (stored < 12 && store.writeLine(texts[static_cast<std::size_t>(stored)].c_str())) ++stored;
@@ -300,7 +300,7 @@ TEST_F(RecordWriterInterrupted, NothingIsCountedBetweenTwoAppends) {
     const StoreFiles files;
     CReportFileBase store;
     ASSERT_TRUE(store.Open(files.Path(), slots));
-    for (const std::string& text : Numbered(1, 40)) {
+    for (const std::string& text : NumberedFrom(1, 40)) {
       ASSERT_TRUE(store.writeLine(text.c_str()));
       ASSERT_EQ(RecordWriter(store).FinishInterrupted(), 0U);
     }
