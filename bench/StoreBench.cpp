@@ -9,9 +9,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "reportfile/ReportFileBase.h"
 #include "reportfile/StoreFormat.h"
+#include "sdk/Writer.h"
 #ifdef QX_HAVE_SQLITE3
 #include <sqlite3.h>
 #endif
@@ -157,6 +160,32 @@ void AppendLimit(benchmark::State& state) {
   close(index);
 }
 
+// A hundred records a call, and the same through single calls.
+constexpr std::size_t kBatch = 100;
+
+void AppendBatchQx(benchmark::State& state) {
+  const Directory directory;
+  qx::Writer writer;
+  Must(!writer.Open(directory.File("r"), kSlots).Failed(), "create the store");
+  const std::vector<std::string_view> batch(kBatch, kRecord);
+  for (auto _ : state) {
+    if (writer.Append(batch).Failed()) state.SkipWithError("append");
+  }
+}
+
+void AppendBatchSingly(benchmark::State& state) {
+  const Directory directory;
+  CReportFileBase store;
+  Must(store.Open(directory.File("r").c_str(), kSlots), "create the store");
+  for (auto _ : state) {
+    for (std::size_t i = 0; i < kBatch; ++i) {
+      if (!store.writeLine(kRecord.c_str())) state.SkipWithError("append");
+    }
+  }
+}
+
+BENCHMARK(AppendBatchQx)->Name("append_batch/qx");
+BENCHMARK(AppendBatchSingly)->Name("append_batch/single_appends");
 BENCHMARK(AppendQx)->Name("append/qx");
 BENCHMARK(AppendStdio)->Name("append/stdio");
 #ifdef QX_HAVE_SQLITE3
