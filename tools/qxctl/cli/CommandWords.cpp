@@ -30,7 +30,7 @@ std::vector<std::string> CommandsThatEndWith(Commands commands, const std::vecto
 }
 
 std::vector<std::string> NearCommands(Commands commands, const Command& command, std::string_view word) {
-  const std::vector<std::string> near = NearNames(word, WordsBelow(commands, command));
+  std::vector<std::string> near = NearNames(word, WordsBelow(commands, command));
   if (!near.empty() || !command.words.empty()) return near;
   std::vector<std::string> last_words;
   for (const Command* const each : ShownCommands(commands)) last_words.emplace_back(LastWord(*each));

@@ -55,7 +55,7 @@ Status StatusOfFile(const std::string& what, const ReplaceResult& result) {
 }
 
 Status StatusOfReportFile(const std::string& what, int error) {
-  const Status status = Status::Io(what, error);
+  Status status = Status::Io(what, error);
   if (error != ELOOP) return status;
   return {status.Code(), status.Message() +
                              ": a symbolic link on the way has no end, or belongs to a user who is not trusted; make "

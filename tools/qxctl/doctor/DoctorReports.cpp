@@ -186,7 +186,8 @@ void CheckReports(const DoctorPlaces& places, DoctorFindings& findings) {
   }
   CheckDirectory(places, directory, found, findings);
   std::vector<std::string> base_paths;
-  for (const std::string& name : found.names) base_paths.push_back(directory + "/" + name);
+  const std::string below = directory + "/";
+  for (const std::string& name : found.names) base_paths.push_back(below + name);
   for (const ReportStatus& report : report::StatusOfReports(base_paths, report::ReportCheck::kHeader)) {
     CheckReport(places, report, findings);
   }

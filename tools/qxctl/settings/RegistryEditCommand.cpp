@@ -120,7 +120,7 @@ std::string FallbackOf(const RegistrySource& source) {
   if (!source.file.empty()) return "";
   for (const char* const name : {"registry.old", "registry.default"}) {
     CRegistryNode tree;
-    const std::string path = source.directory + "/" + name;
+    std::string path = source.directory + "/" + name;
     if (CRegistry::ReadTree(path.c_str(), tree)) return path;
   }
   return "";

@@ -167,7 +167,7 @@ Status RunSetup(Context& context, const Values& values) {
   Setup setup;
   setup.places = PlacesOf(values);
   setup.exists = HasRegistry(setup.places.registry);
-  const Status status = setup.exists ? PlanExisting(setup) : PlanNew(context, values.Flag("--apply"), setup);
+  Status status = setup.exists ? PlanExisting(setup) : PlanNew(context, values.Flag("--apply"), setup);
   if (status.Code() != ExitCode::kOk && status.Code() != ExitCode::kFinding) return status;
   return ShowResult(
       context, values, [&] { return ToJson(setup, status.Code()); }, [&] { return ToText(setup); }, status);

@@ -17,9 +17,10 @@ Status AllReports(Output& output, ReportArguments& arguments) {
   const report::FoundReports found = report::FindReports(directory);
   if (found.error == ENOENT) return NoReportDirectory(directory);
   if (found.error != 0) return Status::Io("cannot list " + Visible(directory), found.error);
-  for (const std::string& name : found.names) arguments.reports.push_back({name, directory + "/" + name});
+  const std::string below = directory + "/";
+  for (const std::string& name : found.names) arguments.reports.push_back({name, below + name});
   for (const report::UnlistedDirectory& each : found.unlisted) {
-    output.Problem(Status::Io("cannot list " + Visible(directory + "/" + each.name), each.error));
+    output.Problem(Status::Io("cannot list " + Visible(below + each.name), each.error));
     arguments.code = ExitCode::kIo;
   }
   return {};

@@ -61,7 +61,7 @@ template <typename Run>
 Status ForEachReport(Output& output, const ReportArguments& arguments, Run run) {
   ExitCode gravest = arguments.code;
   for (const ReportArgument& report : arguments.reports) {
-    const Status status = run(report);
+    Status status = run(report);
     if (arguments.reports.size() == 1 && status.Code() >= gravest) return status;
     output.Problem(status);
     gravest = std::max(gravest, status.Code());

@@ -16,7 +16,8 @@ bool WarnOfDamage(Output& output, const std::string& base_path) {
 }
 
 Status WithDamage(Status status, bool is_damaged) {
-  return status.IsOk() && is_damaged ? Status(ExitCode::kFinding, "") : status;
+  if (!status.IsOk() || !is_damaged) return status;
+  return {ExitCode::kFinding, ""};
 }
 
 }  // namespace qx::ctl

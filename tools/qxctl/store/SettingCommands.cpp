@@ -24,8 +24,7 @@ std::string SettingCommands::Fix(const SettingMistake& mistake, const std::strin
   const std::string_view name = is_pointer ? kRootPointer : kReportRoot;
   const std::string_view otherwise = is_pointer ? kDefaultRoot : kDefaultReportDirectory;
   const bool is_named = mistake.kind == SettingMistake::Kind::kNearValue;
-  const std::string set =
-      Set(key, is_named ? mistake.expected : name, mistake.value.empty() ? otherwise : mistake.value);
+  std::string set = Set(key, is_named ? mistake.expected : name, mistake.value.empty() ? otherwise : mistake.value);
   if (!is_named) return set;
   return set + " && qxctl registry delete" + option_ + " " + ShellWord(mistake.key) + " " + ShellWord(mistake.found) +
          " --apply";

@@ -59,6 +59,7 @@ std::vector<std::string> NearNames(std::string_view word, const std::vector<std:
   found.erase(std::unique(found.begin(), found.end()), found.end());
   if (found.size() > kNearMax) found.resize(kNearMax);
   std::vector<std::string> near;
+  near.reserve(found.size());
   for (auto& [distance, name] : found) near.push_back(std::move(name));
   return near;
 }
