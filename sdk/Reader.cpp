@@ -232,7 +232,8 @@ std::string Reader::Cursor() const {
 
 const Error& Reader::LastError() const {
   static const Error kNotOpened = {.code = ErrorCode::kNotOpen, .text = "not open"};
-  return parts_ != nullptr ? parts_->error : kNotOpened;
+  if (parts_ == nullptr) return kNotOpened;
+  return parts_->error;
 }
 
 void Reader::Close() { parts_.reset(); }
