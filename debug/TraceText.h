@@ -16,7 +16,8 @@ constexpr bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
                     [](char x, char y) { return LowerAscii(x) == LowerAscii(y); });
 }
 
-// The header of an entry starts its line, so the line feeds at the beginning of most formats are skipped.
+// The header of an entry starts its line, so the line feeds at the beginning of most formats are skipped. A format of
+// line feeds alone is kept.
 //   "\n\nabc" => "abc"
 //   "\n"      => "\n"
 constexpr const char* WithoutLeadingLineFeeds(const char* format) {

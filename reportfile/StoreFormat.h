@@ -26,9 +26,9 @@ inline constexpr std::uint32_t kMaxRecordUnlimited = 0x3FFFFFFF;
 // The header of the index file, byte for byte, in the byte order of the host. Default values are those of a new store
 // object.
 struct IndexHeader {
-  std::uint32_t writePosition = 0;              // data file offset of the end marker, where the next record goes
-  std::uint32_t fileEnd = 0;                    // highest writePosition since the data file was last restarted
-  std::uint32_t elementCount = 0;               // records ever written, modulo 2^32
+  std::uint32_t writePosition = 0;  // data file offset of the end marker, where the next record goes
+  std::uint32_t fileEnd = 0;        // end of the text at the last restart, or the highest writePosition since
+  std::uint32_t elementCount = 0;   // records ever written, modulo 2^32
   std::uint32_t maxRecord = kMaxRecordDefault;  // slots in the ring
   std::uint32_t highestIndex = 0;               // slots in use: grows to maxRecord and stays there
   std::uint32_t oldestIndex = 0;                // slot of the oldest record once all slots are in use, 0 before

@@ -1,6 +1,9 @@
 // Internal: a reader's place as one line of text, and back.
 //
-//   "qx1 NEXT DELIVERED HASH..."   two numbers, then 0 to 32 hashes of 16 hexadecimal digits, one space between
+//   "qx1 NEXT DELIVERED HASH..."   one space between
+//
+// NEXT is the index of the next record, DELIVERED the number of records returned so far. Up to 32 hashes of the last
+// records follow, each of 16 hexadecimal digits.
 #pragma once
 
 #include <optional>

@@ -25,8 +25,8 @@ using std::chrono::steady_clock;
 constexpr std::uint32_t kWindowRecords = 4096;
 constexpr milliseconds kPauseMax{20};
 
-// A record as the follower sees it: its state, so that a text that is overwritten does not match one that was whole,
-// and its text.
+// A record as the follower compares it: one digit for the state, then the text. Without the state, an overwritten
+// record could be equal to a whole one with the same text.
 std::string Encoded(const Record& record) {
   return static_cast<char>('0' + static_cast<int>(record.state)) + record.text;
 }

@@ -3,7 +3,7 @@
 //
 //   out/load.csv           => the directory "out", open, and the name "load.csv" in it
 //   l.csv -> out/load.csv  => the same, if root or the process's user made the link; otherwise refused
-//   /dev/stdout            => the process's own output: what the kernel links is not chosen by another user
+//   /dev/stdout            => the process's own output: the kernel makes this link, and no other user can change it
 //
 // After the search every call names a file relative to the open directory. A directory or link that is exchanged later
 // changes nothing. The module does not use any of this.

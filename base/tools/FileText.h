@@ -1,4 +1,4 @@
-// Small texts of the system and of configuration, such as those below /proc.
+// Reads whole text files of the system and of the configuration, such as those below /proc.
 #pragma once
 
 #include <string>

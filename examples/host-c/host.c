@@ -40,7 +40,7 @@ static void* Load(const char* path) {
     fprintf(stderr, "host: cannot load the module: %s\n", dlerror());
     return NULL;
   }
-  *(void**)&get_reports = Find(module, "GetReports"); /* the form that POSIX requires: C has no such conversion */
+  *(void**)&get_reports = Find(module, "GetReports"); /* C cannot convert an object pointer to a function pointer */
   *(void**)&thread_begin = Find(module, "__threadbegin");
   *(void**)&thread_end = Find(module, "__threadend");
   *(void**)&free_reply = Find(module, "__free");

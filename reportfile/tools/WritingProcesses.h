@@ -27,9 +27,9 @@ struct WritingProcess {
 [[nodiscard]] std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& wanted,
                                                                const std::string& processes = "/proc");
 
-// The processes that hold an exclusive lock (flock) of one of the files, as `locks` shows them, which is /proc/locks or
-// has its form. Every user sees the locks of all processes. A file system that shows other device numbers there than
-// `stat` does hides its locks. [any thread]
+// The processes that hold an exclusive lock (flock) of one of the files. `locks` is /proc/locks or a file of the same
+// form. Every user sees the locks of all processes. Locks are not found on a file system whose device numbers in that
+// file differ from those of `stat`. [any thread]
 [[nodiscard]] std::vector<WritingProcess> FindLockingProcesses(const std::set<FileKey>& wanted,
                                                                const std::string& locks = "/proc/locks");
 

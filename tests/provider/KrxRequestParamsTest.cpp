@@ -249,7 +249,7 @@ TEST(KrxRequestParams, NullEntriesAreSkipped) {
 }
 
 TEST(KrxRequestParams, WholeBlockNeedsNoAlignment) {
-  // The same block with its header, array and element moved to odd addresses.
+  // The header, array and element of a block are copied to odd addresses.
   BlockBuilder block;
   block.Text(3, "text");
   char element_bytes[sizeof(krx_element) + 1];

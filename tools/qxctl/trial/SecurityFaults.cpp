@@ -1,5 +1,5 @@
-// Security validation data that no service makes. Without the privilege the module must return no record; a value that
-// is not validation data must require no privilege.
+// Security validation data that no service makes. If the data does not grant AccessPerformanceMgr, the module must
+// return no record. If the value is not validation data, the module must serve the request without a privilege.
 #include <cstdint>
 #include <limits>
 #include <utility>
