@@ -17,6 +17,9 @@ FUNCTION_LINES_MAX = 70
 FILE_LINES_MAX = 700
 FOLDER_FILES_MAX = 30  # sources and headers of a folder below tools/
 
+# The one source that knows the argument parser.
+PARSER_SOURCE = pathlib.Path("tools/qxctl/cli/line/Parser.cpp")
+
 # What a folder may include besides itself. "paths" is the lower floor of provider/; "debug/tools" is what programs need of
 # debug/ and the module does not.
 LAYERS = {
@@ -165,6 +168,12 @@ def check_layers(path, lines):
             yield number, f"{layer} may not include {match.group(1)}"
 
 
+def check_parser(path, lines):
+    for number, line in enumerate(lines, 1):
+        if re.match(r"\s*#\s*include\s*<CLI/", line) and path != PARSER_SOURCE:
+            yield number, f"includes the argument parser; only {PARSER_SOURCE} does"
+
+
 def check_folders(paths):
     """Folders below tools/ that have more sources and headers than a reader can survey."""
     counts = collections.Counter(path.parent for path in paths if path.parts[0] == "tools")
@@ -204,7 +213,7 @@ def main():
     findings = list(check_folders(paths))
     for path in paths:
         lines = (ROOT / path).read_text(encoding="utf-8").split("\n")
-        checks = [check_lines(path, lines), check_layers(path, lines), check_pragma(path, lines)]
+        checks = [check_lines(path, lines), check_layers(path, lines), check_pragma(path, lines), check_parser(path, lines)]
         if layer_of(path) in LAYERS:
             checks.append(check_functions(path, lines))
             if len(lines) > FILE_LINES_MAX:

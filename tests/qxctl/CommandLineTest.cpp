@@ -205,6 +205,24 @@ TEST_F(QxctlCommandLine, OptionTakesItsValueInFourWays) {
   }
 }
 
+TEST_F(QxctlCommandLine, ValueAfterAnEqualsSignIsReadAsItIs) {
+  EXPECT_EQ(Qxctl({"report", "cat", "Reports/load", "--format=", "json"}).err,
+            "qxctl: --format: \"\" is not one of text, json and csv; give one of these\n");
+  EXPECT_EQ(Qxctl({"report", "info", "Reports/load", "--json=true"}).err,
+            "qxctl: --json takes no value; give --json alone\n");
+  EXPECT_EQ(Qxctl({"report", "append", "Reports/load", "--", "--a=", "--b=c"}).code, 0);
+  EXPECT_EQ(Qxctl({"report", "cat", "Reports/load"}).out, "b\r\n--a=\r\n--b=c\r\n");
+}
+
+TEST_F(QxctlCommandLine, ArgumentInBracketsIsOneArgument) {
+  EXPECT_EQ(Qxctl({"report", "append", "Reports/load", "[a,b]"}).code, 0);
+  EXPECT_EQ(Qxctl({"report", "cat", "Reports/load"}).out, "a\r\nb\r\n[a,b]\r\n");
+}
+
+TEST_F(QxctlCommandLine, HelpIsShownAlsoAfterAnUnknownOption) {
+  EXPECT_EQ(Qxctl({"fetch", "--bogus", "-h"}).out, Qxctl({"fetch", "--help"}).out);
+}
+
 TEST_F(QxctlCommandLine, TwoHyphensEndTheOptions) {
   EXPECT_EQ(Qxctl({"report", "append", "Reports/load", "--", "--slots", "-x"}).code, 0);
   EXPECT_EQ(Qxctl({"report", "cat", "Reports/load"}).out, "b\r\n--slots\r\n-x\r\n");

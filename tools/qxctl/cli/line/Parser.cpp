@@ -1,10 +1,12 @@
 #include "tools/qxctl/cli/line/Parser.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tools/qxctl/cli/CommandTable.h"
@@ -20,49 +22,93 @@ namespace {
 
 constexpr std::string_view kEndOfOptions = "--";
 
-// "-" is an argument, and so is what looks like a number below zero.
-bool LooksLikeOption(std::string_view token) {
-  return token.size() > 1 && token[0] == '-' && (token[1] < '0' || token[1] > '9') && token[1] != '.';
-}
+using Tokens = std::vector<std::string>;
 
-// "--output=a" => "--output" with the value "a"    "-oa" => "-o", "a"    "-o" => "-o" without
-struct OptionText {
-  std::string_view name;
-  std::optional<std::string_view> value = {};
+struct GivenOption {
+  const Parameter* option;
+  std::optional<std::string> value;  // a flag has one only by mistake: "--json=yes"
 };
 
-OptionText SplitOption(std::string_view token) {
-  if (!token.starts_with("--")) {
-    constexpr std::size_t kLetterChars = 2;
-    if (token.size() == kLetterChars) return {token};
-    return {token.substr(0, kLetterChars), token.substr(kLetterChars)};
-  }
-  const std::size_t equals = token.find('=');
-  if (equals == std::string_view::npos) return {token};
-  return {token.substr(0, equals), token.substr(equals + 1)};
+struct SplitLine {
+  std::vector<GivenOption> options;  // in the order of the line
+  Tokens others;                     // arguments, "--", and options that do not exist
+  bool lacks_value = false;          // the line ends with an option that needs one
+};
+
+// "-" is an argument, and so is what looks like a number below zero.
+bool LooksLikeOption(std::string_view token) {
+  if (token.size() < 2 || token[0] != '-' || token == kEndOfOptions) return false;
+  return (token[1] < '0' || token[1] > '9') && token[1] != '.';
 }
 
-const Parameter* FindOption(const Command& command, std::string_view name) {
-  for (const Parameter* const option : OptionsOf(command)) {
-    if (option->name == name || option->letter == name) return option;
+// CLI11 reads "--output= a" as "--output a", and "--json=true" as "--json". A NUL, which no argument contains, at the
+// end of these values prevents both.
+std::string MarkedValue(const std::string& token) {
+  const bool has_value = token.starts_with("--") && token.find('=') != std::string::npos;
+  return has_value ? token + '\0' : token;
+}
+
+std::string Unmarked(std::string token) {
+  if (token.ends_with('\0')) token.pop_back();
+  return token;
+}
+
+CLI::Option* AddOption(CLI::App& app, const Parameter& option) {
+  const std::string names = (option.letter.empty() ? "" : std::string(option.letter) + ",") + std::string(option.name);
+  CLI::Option* const added = option.kind == ValueKind::kNone ? app.add_flag(names) : app.add_option(names);
+  return added->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+GivenOption Given(const Parameter& option, const std::string& result) {
+  if (option.kind == ValueKind::kNone && result == "true") return {&option, std::nullopt};
+  return {&option, Unmarked(result)};
+}
+
+// CLI11 does not know the arguments of the command, because it would read "-.5" as an option and "[a,b]" as two
+// arguments. It returns the tokens that belong to no option in their order.
+SplitLine Split(const std::vector<const Parameter*>& options, const Tokens& tokens, bool ends_at_word) {
+  CLI::App app;
+  app.set_help_flag();  // --help is one of `options`
+  app.allow_extras()->prefix_command(ends_at_word);
+  std::map<const CLI::Option*, const Parameter*> parameters;
+  for (const Parameter* const option : options) parameters[AddOption(app, *option)] = option;
+  Tokens reversed;  // CLI11 takes tokens from the end
+  std::transform(tokens.rbegin(), tokens.rend(), std::back_inserter(reversed), MarkedValue);
+  SplitLine split;
+  try {
+    app.parse(std::move(reversed));
+  } catch (const CLI::ArgumentMismatch&) {
+    split.lacks_value = true;
   }
-  return nullptr;
+  std::map<const CLI::Option*, std::size_t> taken;
+  for (const CLI::Option* const option : app.parse_order()) {
+    split.options.push_back(Given(*parameters.at(option), option->results().at(taken[option]++)));
+  }
+  for (const std::string& token : app.remaining()) split.others.push_back(Unmarked(token));
+  return split;
 }
 
 std::string ShownName(const Parameter& parameter) { return std::string(parameter.name); }
 
+// CLI11 splits what follows the words of a command into options and other tokens. For a group it stops at the next
+// word, which selects the command that reads the rest. No word of a command is searched among arguments, so a report
+// may have the name of a command.
 class LineParser {
  public:
-  LineParser(Commands commands, std::vector<std::string_view> tokens, CommandLine& line)
-      : commands_(commands), qxctl_(*commands.front()), tokens_(std::move(tokens)), line_(line) {
+  LineParser(Commands commands, CommandLine& line) : commands_(commands), qxctl_(*commands.front()), line_(line) {
     Reach(qxctl_);
   }
 
-  Status Parse() {
-    while (next_ < tokens_.size() && line_.request == Request::kRun) {
-      if (Status status = Take(tokens_[next_++]); !status.IsOk()) return status;
+  Status Parse(const Tokens& tokens) {
+    const bool is_group = Reached().run == nullptr;
+    SplitLine split = Split(PossibleOptions(), tokens, is_group);
+    for (const GivenOption& given : split.options) {
+      Status status = TakeOption(given);
+      if (!status.IsOk() || line_.request != Request::kRun) return status;
     }
-    return line_.request == Request::kRun ? Complete() : Status();
+    if (Status status = CheckOptions(split.others, is_group); !status.IsOk()) return status;
+    if (split.lacks_value) return MissingValue(tokens.back());
+    return is_group ? TakeWord(std::move(split.others)) : Complete(std::move(split.others));
   }
 
  private:
@@ -75,41 +121,22 @@ class LineParser {
     }
   }
 
-  Status Take(std::string_view token) {
-    if (!options_ended_ && token == kEndOfOptions) {
-      options_ended_ = true;
-      return {};
+  // Those of the command, and those of qxctl that the command does not have itself.
+  std::vector<const Parameter*> PossibleOptions() const {
+    std::vector<const Parameter*> options = OptionsOf(Reached());
+    for (const Parameter* const option : OptionsOf(qxctl_)) {
+      const bool is_known = std::any_of(options.begin(), options.end(),
+                                        [&](const Parameter* known) { return known->name == option->name; });
+      if (!is_known) options.push_back(option);
     }
-    if (!options_ended_ && LooksLikeOption(token)) return TakeOption(SplitOption(token));
-    if (Reached().run == nullptr) return TakeWord(token);
-    arguments_.push_back(token);
-    return {};
+    return options;
   }
 
-  Status TakeWord(std::string_view word) {
-    const Command* const below = FindSubcommand(commands_, Reached(), word);
-    if (below == nullptr) return UnknownCommand(commands_, Reached(), word);
-    Reach(*below);
-    return {};
-  }
-
-  Status TakeOption(const OptionText& text) {
-    const Parameter* option = FindOption(Reached(), text.name);
-    if (option == nullptr) option = FindOption(qxctl_, text.name);
-    if (option == nullptr) return UnknownOption(text.name);
-    if (option->kind == ValueKind::kNone) return TakeFlag(*option, text);
-    if (text.value) return Give(*values_.at(option), *text.value);
-    if (next_ == tokens_.size()) {
-      return {ExitCode::kUsage,
-              std::string(text.name) + " needs a value: give " + std::string(text.name) + " " + ShownValue(*option)};
-    }
-    return Give(*values_.at(option), tokens_[next_++]);
-  }
-
-  Status TakeFlag(const Parameter& option, const OptionText& text) {
-    const bool is_letter = !text.name.starts_with("--");
-    if (text.value && !is_letter) {
-      return {ExitCode::kUsage, std::string(text.name) + " takes no value; give " + std::string(text.name) + " alone"};
+  Status TakeOption(const GivenOption& given) {
+    const Parameter& option = *given.option;
+    if (option.kind != ValueKind::kNone) return Give(*values_.at(&option), *given.value);
+    if (given.value) {
+      return {ExitCode::kUsage, ShownName(option) + " takes no value; give " + ShownName(option) + " alone"};
     }
     if (option.name == kHelpOption.name) {
       line_.request = Request::kHelp;
@@ -119,8 +146,43 @@ class LineParser {
       Value& value = *values_.at(&option);
       value.flag = value.is_given = true;
     }
-    // "-ra" is "-r -a".
-    return text.value ? TakeOption(SplitOption(more_letters_ = "-" + std::string(*text.value))) : Status();
+    return {};
+  }
+
+  // Whether options that do not exist are among these; of a group, before the next word.
+  Status CheckOptions(const Tokens& others, bool is_group) const {
+    auto end = std::find(others.begin(), others.end(), kEndOfOptions);
+    if (is_group && end != others.begin()) end = others.begin() + 1;
+    const auto unknown = std::find_if(others.begin(), end, LooksLikeOption);
+    if (unknown == end) return {};
+    const std::string_view token = *unknown;
+    return UnknownOption(token.substr(0, token.starts_with("--") ? token.find('=') : 2));
+  }
+
+  // The last token is "--output", "-o", or "-ro".
+  Status MissingValue(const std::string& token) const {
+    const std::string name = token.starts_with("--") ? token : std::string("-") + token.back();
+    const std::vector<const Parameter*> options = PossibleOptions();
+    const auto option = std::find_if(options.begin(), options.end(),
+                                     [&](const Parameter* each) { return each->name == name || each->letter == name; });
+    return {ExitCode::kUsage, name + " needs a value: give " + name + " " + ShownValue(**option)};
+  }
+
+  Status TakeWord(Tokens others) {
+    const bool is_after_end = !others.empty() && others.front() == kEndOfOptions;
+    const auto word = others.begin() + (is_after_end ? 1 : 0);
+    if (word == others.end()) return WithoutWord();
+    const Command* const below = FindSubcommand(commands_, Reached(), *word);
+    if (below == nullptr) return UnknownCommand(commands_, Reached(), *word);
+    Reach(*below);
+    others.erase(word);  // "--" remains, and ends the options of the command as well
+    return Parse(others);
+  }
+
+  Status WithoutWord() {
+    if (&Reached() != &qxctl_) return MissingCommand(commands_, Reached());
+    line_.request = Request::kOverview;
+    return {};
   }
 
   static Status Give(Value& value, std::string_view text) {
@@ -139,9 +201,7 @@ class LineParser {
 
   Status UnknownOption(std::string_view name) const {
     std::vector<std::string> names;
-    for (const Command* const command : {&Reached(), &qxctl_}) {
-      for (const Parameter* const option : OptionsOf(*command)) names.emplace_back(option->name);
-    }
+    for (const Parameter* const option : PossibleOptions()) names.emplace_back(option->name);
     const std::vector<std::string> near = NearNames(name, names);
     const std::string what = FullName(Reached()) + " has no option " + Visible(name);
     if (!near.empty()) return {ExitCode::kUsage, what + DidYouMean(near)};
@@ -149,29 +209,26 @@ class LineParser {
   }
 
   // What is missing, and what cannot be together.
-  Status Complete() {
-    if (&Reached() == &qxctl_) {
-      line_.request = Request::kOverview;
-      return {};
-    }
-    if (Reached().run == nullptr) return MissingCommand(commands_, Reached());
-    if (Status status = GiveArguments(); !status.IsOk()) return status;
+  Status Complete(Tokens arguments) {
+    const auto end = std::find(arguments.begin(), arguments.end(), kEndOfOptions);
+    if (end != arguments.end()) arguments.erase(end);
+    if (Status status = GiveArguments(arguments); !status.IsOk()) return status;
     for (const auto& value : line_.values.All()) {
       if (Status status = CheckRelations(value); !status.IsOk()) return status;
     }
     return {};
   }
 
-  Status GiveArguments() {
+  Status GiveArguments(const Tokens& arguments) {
     std::size_t given = 0;
     for (const Parameter* const argument : ArgumentsOf(Reached())) {
-      const std::size_t end = argument->is_repeatable ? arguments_.size() : std::min(given + 1, arguments_.size());
+      const std::size_t end = argument->is_repeatable ? arguments.size() : std::min(given + 1, arguments.size());
       for (; given < end; ++given) {
-        if (Status status = Give(*values_.at(argument), arguments_[given]); !status.IsOk()) return status;
+        if (Status status = Give(*values_.at(argument), arguments[given]); !status.IsOk()) return status;
       }
     }
-    if (given == arguments_.size()) return {};
-    return {ExitCode::kUsage, "\"" + Visible(arguments_[given]) + "\" is one argument too many" + HowToCall()};
+    if (given == arguments.size()) return {};
+    return {ExitCode::kUsage, "\"" + Visible(arguments[given]) + "\" is one argument too many" + HowToCall()};
   }
 
   Status CheckRelations(const Value& value) const {
@@ -198,23 +255,18 @@ class LineParser {
 
   Commands commands_;
   const Command& qxctl_;
-  std::vector<std::string_view> tokens_;
-  std::size_t next_ = 0;
   CommandLine& line_;
   std::map<const Parameter*, Value*> values_;
-  std::vector<std::string_view> arguments_;
-  std::string more_letters_;
-  bool options_ended_ = false;
 };
 
 }  // namespace
 
 Status ParseCommandLine(std::span<const Command* const> commands, int argc, const char* const* argv,
                         CommandLine& line) {
-  std::vector<std::string_view> tokens(argv + std::min(argc, 1), argv + argc);
+  const Tokens tokens(argv + std::min(argc, 1), argv + argc);
   const auto options_end = std::find(tokens.begin(), tokens.end(), kEndOfOptions);
   line.asks_for_json = std::find(tokens.begin(), options_end, "--json") != options_end;
-  return LineParser(commands, std::move(tokens), line).Parse();
+  return LineParser(commands, line).Parse(tokens);
 }
 
 }  // namespace qx::ctl

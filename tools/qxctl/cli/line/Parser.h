@@ -1,4 +1,4 @@
-// The command line against the table of commands.
+// The command line against the table of commands. Parser.cpp is the only source that uses CLI11.
 //
 // Options may be anywhere: those of qxctl before or after the words of the command, those of the command after them.
 // "--option=value", "--option value", "-ovalue" and "-o value" mean the same; "--" ends the options. "-" and what looks
