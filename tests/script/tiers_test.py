@@ -151,6 +151,7 @@ def python_findings(path, text, packages):
             names = [node.module]
         for name in (name.split(".")[0] for name in names):
             if name in sys.stdlib_module_names or list(ROOT.glob(f"tests/**/{name}.py")) \
+                    or (ROOT / f"sdk/python/{name}.py").exists() \
                     or (ROOT / f"script/{name}.py").exists():
                 continue
             if MODULES.get(name) not in packages:
