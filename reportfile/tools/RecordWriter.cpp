@@ -4,18 +4,17 @@
 #include <cerrno>
 #include <exception>
 #include <limits>
+#include <optional>
 
 #include "base/CriticalSection.h"
 #include "reportfile/ReportFileBase.h"
 #include "reportfile/StoreFormat.h"
 #include "reportfile/StoreIo.h"
+#include "reportfile/tools/UncountedPart.h"
 
 namespace qx::report {
 
 namespace {
-
-// A part's texts are copied into one buffer that stays in the processor's cache.
-constexpr std::int64_t kPartBytesMax = std::int64_t{256} * 1024;
 
 // Slots hold no offset beyond this one.
 constexpr std::int64_t kOffsetMax = std::numeric_limits<std::uint32_t>::max();
@@ -125,18 +124,16 @@ std::uint32_t RecordWriter::FinishInterrupted() {
 std::uint32_t CountUncounted(CReportFileBase& store, std::int64_t* end) {
   const IndexHeader& header = store.header();
   if (!HasPlausibleRing(header) || header.highestIndex < header.maxRecord) return 0;
-  const std::uint32_t first_slot = SlotForNewRecord(header);
-  const std::uint32_t records_max = RecordsInPart(header);
-  std::int64_t next = header.writePosition;
-  std::uint32_t records = 0;
-  for (std::string text; records < records_max; ++records) {
-    const std::uint32_t slot = first_slot + records;
-    if (store.getPositionFromIndexFile(slot) != next || !store.readLine(text, slot)) break;
-    if (!text.ends_with(kLineEnd) || (records == 0 && text == kEndMarker)) break;
-    next += static_cast<std::int64_t>(text.size());
-  }
-  if (end != nullptr) *end = next;
-  return records;
+  std::string text;
+  const auto end_of = [&](std::uint32_t slot, std::int64_t begin) -> std::optional<std::int64_t> {
+    if (!store.readLine(text, slot) || !text.ends_with(kLineEnd)) return std::nullopt;
+    if (begin == header.writePosition && text == kEndMarker) return std::nullopt;
+    return begin + static_cast<std::int64_t>(text.size());
+  };
+  const auto slot_at = [&store](std::uint32_t slot) { return std::int64_t{store.getPositionFromIndexFile(slot)}; };
+  const UncountedPart part = FindUncountedPart(header, slot_at, end_of);
+  if (end != nullptr) *end = part.end;
+  return part.records;
 }
 
 }  // namespace qx::report

@@ -22,6 +22,10 @@ namespace qx::report {
 
 struct IndexHeader;
 
+// The texts of a part of more than one record have no more bytes: they are copied into one buffer, which stays in the
+// processor's cache.
+inline constexpr std::int64_t kPartBytesMax = std::int64_t{256} * 1024;
+
 // How many of the texts are records now, counted from the first, and why the next one is not.
 struct AppendedRecords {
   std::size_t stored = 0;
