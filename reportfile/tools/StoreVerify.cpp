@@ -13,6 +13,8 @@
 #include "reportfile/RecordEnds.h"
 #include "reportfile/StoreIo.h"
 #include "reportfile/tools/ByteSource.h"
+#include "reportfile/tools/RecordWriter.h"
+#include "reportfile/tools/UncountedPart.h"
 
 namespace qx::report {
 
@@ -86,8 +88,9 @@ class Examiner {
   void CheckStore() {
     CheckHeaderAndSizes();
     if (!scan_.findings.empty() || scan_.beyond_offsets) return;
-    FindRecordInFlight();
+    FindUncounted();
     CheckMarker();
+    CheckFreeSlots();
     WalkRecords();
   }
 
@@ -171,8 +174,7 @@ class Examiner {
   void CheckSizes() {
     const IndexHeader& header = scan_.header;
     const std::int64_t expected = SlotOffset(header.highestIndex);
-    const bool may_have_one_more = header.highestIndex < header.maxRecord;
-    if (scan_.index_bytes < expected || scan_.index_bytes > expected + (may_have_one_more ? 4 : 0)) {
+    if (scan_.index_bytes < expected || scan_.index_bytes > SlotOffset(header.maxRecord)) {
       AddSizeFinding("index.size", StoreFile::kIndex, scan_.index_bytes,
                      std::to_string(header.highestIndex) + " slots in use end at " + std::to_string(expected));
     }
@@ -195,52 +197,60 @@ class Examiner {
   }
 
   bool DataIsOneRecord() {
-    const std::int64_t end = FindNul(0, FindLineFeed(0) + 1);
-    const std::int64_t behind = FindLineFeed(0) + 1;
-    if (end < behind) return false;
-    const std::string_view rest = texts_.At(behind, kMarkerBytes);
-    return kEndMarker.starts_with(rest);
+    const std::int64_t end = FindLineFeed(0) + 1;
+    if (FindNul(0, end) < end) return false;
+    return kEndMarker.starts_with(texts_.At(end, kMarkerBytes));
   }
 
   // --- what is at writePosition
 
-  // The slot of the next record already has its offset. In a full ring that was the oldest record's slot.
-  void FindRecordInFlight() {
+  // The slots of the next records already have their offsets. In a full ring those were the oldest records' slots.
+  void FindUncounted() {
+    uncounted_ = FindUncountedPart(
+        scan_.header, [this](std::uint32_t slot) { return SlotAt(slot); },
+        [this](std::uint32_t, std::int64_t begin) { return EndOfLine(begin); });
+    scan_.record_in_flight = uncounted_.slots > 0;
+  }
+
+  // Slots after those in use are of records that are not counted yet, or of a killed writer whose texts the next one
+  // has overwritten since, from writePosition to doubtful_end_.
+  void CheckFreeSlots() {
     const IndexHeader& header = scan_.header;
-    const std::uint32_t next_slot = SlotForNewRecord(header);
-    const std::optional<std::uint32_t> offset = SlotAt(next_slot);
-    if (!offset.has_value()) return;
-    is_slot_in_flight_ = *offset == header.writePosition;
-    if (!is_slot_in_flight_ && next_slot == header.highestIndex) {
-      Add("slot.in-flight", StoreFile::kIndex, SlotOffset(next_slot), *offset,
-          "a slot after those in use may only have the offset of the record that is being written, at " +
-              std::to_string(header.writePosition));
+    if (header.highestIndex == header.maxRecord) return;
+    const auto in_file = static_cast<std::uint32_t>((scan_.index_bytes - SlotOffset(0)) / 4);
+    for (std::uint32_t slot = header.highestIndex + uncounted_.slots; slot < in_file && !IsFull(); ++slot) {
+      const std::int64_t offset = SlotAt(slot).value_or(0);
+      const std::int64_t line_end = offset - kRecordBytesMin;  // of the record before it
+      const bool is_in_file = offset >= kRecordBytesMin * slot && offset + kRecordBytesMin <= scan_.data_bytes;
+      const bool is_overwritten = line_end < doubtful_end_;
+      if (is_in_file && (is_overwritten || texts_.At(line_end, kRecordBytesMin).starts_with(kLineEnd))) continue;
+      Add("slot.in-flight", StoreFile::kIndex, SlotOffset(slot), static_cast<std::uint64_t>(offset),
+          "a slot after those in use may only lead to a record that is being written, or that a killed writer left");
     }
-    scan_.record_in_flight = is_slot_in_flight_;
   }
 
   // Sets doubtful_end_: indexed text of an earlier round before it may be overwritten.
   void CheckMarker() {
     const IndexHeader& header = scan_.header;
     const std::int64_t position = header.writePosition;
-    const bool has_just_restarted = RecordsInRound(header) == 0;
     const std::string_view there = texts_.At(position, kMarkerBytes).substr(0, kMarkerBytes);
-    if (has_just_restarted) {
+    if (RecordsInRound(header) == 0) {  // just restarted
       doubtful_end_ = DoubtfulEndAfterRestart();
     } else if (there == kEndMarker) {
-      doubtful_end_ = position + kMarkerBytes;
+      doubtful_end_ = EndOfPartAt(position).value_or(position + kMarkerBytes);  // a record may look like the marker
     } else if (there.size() < kEndMarker.size() && kEndMarker.starts_with(there)) {
       scan_.marker_cut_short = true;
       doubtful_end_ = scan_.data_bytes;
     } else {
       CheckTextAtWritePosition(there);
     }
+    if (uncounted_.records > 0) doubtful_end_ = std::max(doubtful_end_, uncounted_.end + kMarkerBytes);
   }
 
   // After a restart there is no marker at the new beginning: a new record can only be recognised by its own marker, or,
   // if that covers the old one, by the text before the oldest record.
   std::int64_t DoubtfulEndAfterRestart() {
-    if (const auto end = EndOfNewRecordAt(0)) return *end;
+    if (const auto end = EndOfNewRecordsAt(0)) return *end;
     if (scan_.header.highestIndex == 0) return 0;
     const std::optional<std::uint32_t> oldest = SlotAt(scan_.header.oldestIndex);
     const std::int64_t line_end = oldest.value_or(0) - kRecordBytesMin;
@@ -252,7 +262,7 @@ class Examiner {
   // just before the marker of the previous round, so only bytes that resemble a marker, or cannot be text, are damage.
   void CheckTextAtWritePosition(std::string_view there) {
     const std::int64_t position = scan_.header.writePosition;
-    if (const auto end = EndOfNewRecordAt(position)) {
+    if (const auto end = EndOfNewRecordsAt(position)) {
       scan_.record_in_flight = true;
       doubtful_end_ = *end;
       return;
@@ -262,22 +272,39 @@ class Examiner {
     const bool is_before_old_text = position < scan_.header.fileEnd;
     const bool is_damaged_marker = (is_at_end || is_before_old_text) && HasFewerBytesChangedThanKept(there, kEndMarker);
     const bool is_text = FindNul(position, scan_.data_bytes) == scan_.data_bytes;
-    if (is_slot_in_flight_ || (is_text && !is_damaged_marker)) {
-      scan_.record_cut_short = !is_slot_in_flight_;
+    const bool has_slots = uncounted_.slots > 0;
+    if (has_slots || (is_text && !is_damaged_marker)) {
+      scan_.record_cut_short = !has_slots;
       return;
     }
     Add("data.marker", StoreFile::kData, position, there.empty() ? 0 : static_cast<unsigned char>(there[0]),
         "neither the end marker nor a new record is at writePosition");
   }
 
-  // The end of the marker after a record at `position` that is not counted yet. The marker of the previous round, at
-  // fileEnd, is not its own.
-  std::optional<std::int64_t> EndOfNewRecordAt(std::int64_t position) {
+  // The end of the marker after the records at `position` that are not counted yet.
+  std::optional<std::int64_t> EndOfNewRecordsAt(std::int64_t position) {
     const std::int64_t line_end = FindLineEndAndMarker(position);
-    if (line_end < 0) return std::nullopt;
-    const bool is_old_marker = position < scan_.header.fileEnd && line_end + kRecordBytesMin == scan_.header.fileEnd;
-    if (is_old_marker) return std::nullopt;
-    return line_end + static_cast<std::int64_t>(kLineEndAndMarker.size());
+    if (line_end < 0 || IsEndOfPreviousRound(line_end + kRecordBytesMin)) return std::nullopt;
+    const std::int64_t end = line_end + static_cast<std::int64_t>(kLineEndAndMarker.size());
+    return std::max(end, EndOfPartAt(position).value_or(end));
+  }
+
+  // The same for a part of whole lines, of which some may look like the marker: the last marker that it can have.
+  std::optional<std::int64_t> EndOfPartAt(std::int64_t position) {
+    std::optional<std::int64_t> end;
+    std::int64_t at = position;
+    for (std::uint32_t left = RecordsInPart(scan_.header); left > 0 && at - position <= kPartBytesMax; --left) {
+      const std::optional<std::int64_t> line_end = EndOfLine(at);
+      if (!line_end.has_value() || IsEndOfPreviousRound(*line_end)) break;
+      at = *line_end;
+      if (texts_.At(at, kMarkerBytes).starts_with(kEndMarker)) end = at + kMarkerBytes;
+    }
+    return end;
+  }
+
+  // The marker of the previous round is there: it is not the one after new records.
+  bool IsEndOfPreviousRound(std::int64_t offset) const {
+    return scan_.header.writePosition < scan_.header.fileEnd && offset == scan_.header.fileEnd;
   }
 
   // --- slots and records
@@ -286,8 +313,8 @@ class Examiner {
     const std::uint32_t in_use = scan_.header.highestIndex;
     std::optional<WalkedRecord> before;
     for (std::uint32_t age = 0; age < in_use && !IsFull(); ++age) {
-      const bool is_replaced = age == 0 && is_slot_in_flight_ && in_use == scan_.header.maxRecord;
-      if (is_replaced) continue;  // the new record, not the oldest one
+      const bool is_replaced = age < uncounted_.slots && in_use == scan_.header.maxRecord;
+      if (is_replaced) continue;  // a new record, not the oldest one
       std::optional<WalkedRecord> record = RecordOfAge(age);
       if (!record.has_value()) return;  // the file became shorter while it was read
       record->is_reported = !CheckSlot(*record, before);
@@ -429,6 +456,14 @@ class Examiner {
     return at;
   }
 
+  // The offset after the line feed of the line at `begin`, if it ends with CR LF and has no NUL.
+  std::optional<std::int64_t> EndOfLine(std::int64_t begin) {
+    const std::int64_t end = FindLineFeed(begin) + 1;
+    const std::int64_t line_end = end - kRecordBytesMin;
+    if (line_end < begin || !texts_.At(line_end, kRecordBytesMin).starts_with(kLineEnd)) return std::nullopt;
+    return end;
+  }
+
   // The offset of CR LF and a marker from `at` on, without a NUL before them, or -1. No writer leaves a NUL, and huge
   // holes need not be searched.
   std::int64_t FindLineEndAndMarker(std::int64_t at) {
@@ -469,7 +504,7 @@ class Examiner {
   WindowedBytes slots_;
   WindowedBytes texts_;
   StoreScan scan_;
-  bool is_slot_in_flight_ = false;
+  UncountedPart uncounted_;
   std::int64_t doubtful_end_ = 0;
 };
 

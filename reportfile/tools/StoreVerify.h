@@ -3,7 +3,7 @@
 // What a writer leaves follows from a few rules (docs/report-store.md): the count determines the phase of the ring and
 // of the data file, and so where the round begins, which slots are rising, and where the last record ends. Every
 // finding names one rule, one offset and one value; docs/operations.md lists the rules. Not findings, but reported as
-// remarks: a record that is just being written, records whose text longer ones have overwritten, and everything else
+// remarks: records that are just being written, records whose text longer ones have overwritten, and everything else
 // that a correct writer can leave. Nothing is changed here; StoreSalvage repairs.
 #pragma once
 
@@ -43,7 +43,7 @@ struct StoreScan {
   std::vector<Finding> findings;  // at most kFindingsMax
 
   // Remarks: nothing is wrong.
-  bool record_in_flight = false;  // data or slot of the next record are there, its header is not
+  bool record_in_flight = false;  // data or slots of the next record or batch are there, the header is not
   bool record_cut_short = false;  // a text without marker at the end: the disk was full, or the writer was killed
   bool marker_cut_short = false;  // the file ends inside the end marker
   bool count_wrapped = false;     // more than 2^32 records were written

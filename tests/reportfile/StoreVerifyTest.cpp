@@ -8,10 +8,13 @@
 
 #include <atomic>
 #include <cstring>
+#include <optional>
 #include <random>
 #include <thread>
 
+#include "reportfile/tools/RecordWriter.h"
 #include "tests/reportfile/StoreLife.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
 namespace {
@@ -29,6 +32,32 @@ void SetField(StoreBytes& store, std::size_t offset, std::uint32_t value) {
 
 void SetSlot(StoreBytes& store, std::uint32_t slot, std::uint32_t offset) {
   SetField(store, static_cast<std::size_t>(report::SlotOffset(slot)), offset);
+}
+
+void AppendBatch(CReportFileBase& store, const std::vector<std::string>& texts) {
+  const std::vector<std::string_view> views(texts.begin(), texts.end());
+  (void)report::RecordWriter(store).Append(views);
+}
+
+// A store of `texts` whose writer is killed in a batch, before write `write` of it, counted from 1. The texts are
+// short, so that each write is one call of one kind. Unset: the batch has fewer writes.
+std::optional<StoreBytes> KilledInBatch(std::uint32_t slots, const std::vector<std::string>& texts,
+                                        const std::vector<std::string>& batch, int write) {
+  const StoreFiles files;
+  CReportFileBase store;
+  if (!store.Open(files.Path(), slots)) throw std::runtime_error("the store could not be opened");
+  AppendBatch(store, texts);
+  const FailingCall killed({.call = FileCall::kWriteAt, .nth = write, .times = 1'000'000, .error = EIO});
+  AppendBatch(store, batch);
+  if (!killed.HasFailed()) return std::nullopt;
+  return StoreBytes{files.IndexBytes(), files.DataBytes()};
+}
+
+// The records of `after` without the header that counts them.
+StoreBytes Uncounted(const StoreBytes& before, const StoreBytes& after) {
+  StoreBytes store = after;
+  store.index.replace(0, kHeaderBytes, before.index, 0, kHeaderBytes);
+  return store;
 }
 
 // The second round of a ring of three slots: rec7 and rec8 after a restart, rec6 from the previous round.
@@ -92,6 +121,95 @@ TEST_F(StoreVerifyLives, RecordWithoutItsHeaderIsNotDamage) {
       EXPECT_TRUE(scan.record_in_flight);
       before = after;
     }
+  }
+}
+
+// At every phase of a small ring and its data file, so that a part ends where the ring wraps, where the data file
+// restarts, and at the end of the batch.
+TEST(StoreVerifyBatch, BatchThatIsCutAtAnyWriteIsNotDamage) {
+  constexpr std::uint32_t kSlots = 5;
+  int uncounted = 0;
+  for (int before = 0; before <= 25; ++before) {
+    for (int size = 2; size <= 12; ++size) {
+      std::vector<std::string> batch = Numbered(size);
+      for (std::string& text : batch) text.insert(0, "batch ");
+      for (int write = 1;; ++write) {
+        const auto store = KilledInBatch(kSlots, Numbered(before), batch, write);
+        if (!store.has_value()) break;
+        const StoreScan scan = store->Scan();
+        ASSERT_EQ(Rules(scan), "") << before << " records, then " << size << ", killed before write " << write;
+        uncounted += scan.record_in_flight ? 1 : 0;
+      }
+    }
+  }
+  EXPECT_GT(uncounted, 500);
+}
+
+// The slots of a part are one write, which may be cut between two slots.
+TEST(StoreVerifyBatch, SlotsWithoutTheirHeaderAreARecordInFlight) {
+  struct Case {
+    const char* what;
+    int before;
+    int part;
+  };
+  const Case cases[] = {
+      {"filling ring", 10, 20},           {"up to the last free slot", 10, 40}, {"full ring, one round", 60, 20},
+      {"full ring, two rounds", 110, 30}, {"up to the wrap", 75, 25},           {"directly after a restart", 100, 50},
+  };
+  for (const Case& in : cases) {
+    const StoreBytes before = StoreOf(50, Numbered(in.before));
+    const StoreBytes after = StoreOf(50, Numbered(in.before + in.part));
+    const std::uint32_t first = report::SlotForNewRecord(before.Header());
+    EXPECT_EQ(Rules(StoreBytes{before.index, after.data}.Scan()), "") << in.what;
+    for (std::uint32_t slots = 1; slots <= static_cast<std::uint32_t>(in.part); ++slots) {
+      StoreBytes store{before.index, after.data};
+      const auto begin = static_cast<std::size_t>(report::SlotOffset(first));
+      store.index.replace(begin, std::size_t{4} * slots, after.index, begin, std::size_t{4} * slots);
+      const StoreScan scan = store.Scan();
+      ASSERT_EQ(Rules(scan), "") << in.what << ", " << slots << " slots";
+      EXPECT_TRUE(scan.record_in_flight) << in.what << ", " << slots << " slots";
+    }
+  }
+}
+
+// Records of any length, also such that overwrite indexed text, and such that look like the end marker.
+TEST_F(StoreVerifyLives, BatchWithoutItsSlotsOrHeaderIsNotDamage) {
+  for (int life = 0; life < 200; ++life) {
+    const std::uint32_t slots = 1 + Below(30);
+    const std::uint32_t longest = 1 + (1U << Below(7));
+    const StoreFiles files;
+    CReportFileBase store;
+    ASSERT_TRUE(store.Open(files.Path(), slots));
+    AppendBatch(store, {"first"});
+    for (int step = 0; step < 30; ++step) {
+      std::vector<std::string> part(1 + Below(report::RecordsInPart(store.header())));
+      for (std::string& text : part) text = Below(8) == 0 ? "===>" : std::string(Below(longest), 'x');
+      const StoreBytes before{files.IndexBytes(), files.DataBytes()};
+      AppendBatch(store, part);
+      const StoreBytes after{files.IndexBytes(), files.DataBytes()};
+      ASSERT_EQ(Rules(after.Scan()), "") << "life " << life << ", step " << step;
+      ASSERT_EQ(Rules(StoreBytes{before.index, after.data}.Scan()), "") << "life " << life << ", step " << step;
+      const StoreScan scan = Uncounted(before, after).Scan();
+      ASSERT_EQ(Rules(scan), "") << "life " << life << ", step " << step;
+      ASSERT_TRUE(scan.record_in_flight);
+    }
+  }
+}
+
+// While the ring fills, the next writer appends where the killed one began, and slots of its part remain after those in
+// use.
+TEST(StoreVerifyBatch, FreeSlotsOfAKilledWriterAreNotDamage) {
+  const StoreFiles files;
+  const StoreBytes killed = Uncounted(StoreOf(9, Numbered(2)), StoreOf(9, Numbered(8)));
+  WriteFile(files.IndexPath(), killed.index);
+  WriteFile(files.DataPath(), killed.data);
+  CReportFileBase store;
+  ASSERT_TRUE(store.Open(files.Path(), 1));
+  for (int count = 3; count < 25; ++count) {
+    ASSERT_TRUE(store.writeLine("a longer record"));
+    const StoreBytes now{files.IndexBytes(), files.DataBytes()};
+    EXPECT_EQ(Rules(now.Scan()), "") << count << " records";
+    EXPECT_EQ(report::VerifyHeader(files.Base()).state, StoreState::kSound);
   }
 }
 
@@ -253,6 +371,45 @@ TEST(StoreVerify, EveryFlippedBitOfTheIndexFileIsFound) {
     if (store.Scan().findings.empty()) missed += std::to_string(bit) + " ";
   }
   EXPECT_EQ(missed, "");
+}
+
+// A slot with an offset at which no record begins, next to a part that is not counted and without one. The oldest
+// record is in this round or in the previous one; the text of the latter may be overwritten, so its slot may lead into
+// new text.
+TEST(StoreVerifyBatch, SlotThatIsChangedAtRandomIsFound) {
+  std::mt19937_64 random{Seed("StoreVerifyBatch")};
+  for (const int count : {60, 75, 120}) {
+    const StoreBytes before = StoreOf(50, Numbered(count));
+    const StoreBytes after = StoreOf(50, Numbered(count + 20));
+    const std::size_t new_end = after.Header().writePosition + report::kLineEndAndMarker.size();
+    for (const StoreBytes& sound : {before, after, Uncounted(before, after)}) {
+      ASSERT_EQ(Rules(sound.Scan()), "");
+      for (std::uint32_t slot = 0; slot < 50; ++slot) {
+        for (int i = 0; i < 20; ++i) {
+          const auto offset = static_cast<std::uint32_t>(1 + random() % (2 * sound.data.size()));
+          const bool may_be_overwritten = count > 100 && offset < new_end;
+          if (may_be_overwritten || sound.data.substr(0, offset).ends_with("\r\n")) continue;
+          StoreBytes store = sound;
+          SetSlot(store, slot, offset);
+          EXPECT_NE(Rules(store.Scan()), "") << count << " records, slot " << slot << " is " << offset;
+        }
+      }
+    }
+  }
+}
+
+// Slots 3 to 8 are left over. A record begins at each line start after the text that the next writer has written.
+TEST(StoreVerifyBatch, FreeSlotThatLeadsNowhereIsFound) {
+  StoreBytes sound = Uncounted(StoreOf(9, Numbered(2)), StoreOf(9, Numbered(9)));
+  const StoreBytes next = StoreOf(9, {"rec1", "rec2", "r"});
+  sound.index.replace(0, next.index.size(), next.index);
+  sound.data.replace(0, next.data.size(), next.data);
+  ASSERT_EQ(Rules(sound.Scan()), "");
+  for (const std::uint32_t offset : {0U, 1U, 7U, 31U, 59U, 99U, 0xFFFFFFFFU}) {
+    StoreBytes store = sound;
+    SetSlot(store, 4, offset);
+    EXPECT_EQ(Rules(store.Scan()), "slot.in-flight@40=" + std::to_string(offset) + " index; ");
+  }
 }
 
 // --- hostile files
