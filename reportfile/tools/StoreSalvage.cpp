@@ -16,6 +16,7 @@
 #include "reportfile/StoreIo.h"
 #include "reportfile/tools/ByteSource.h"
 #include "reportfile/tools/DurableFiles.h"
+#include "reportfile/tools/UncountedPart.h"
 
 namespace qx::report {
 
@@ -71,9 +72,23 @@ class Salvager {
   std::uint32_t OldestSlot() const {
     if (SlotCount() == 0) return 0;
     if (header_.oldestIndex >= SlotCount()) return SlotAfterNewest();
-    const bool is_in_flight = header_.highestIndex == header_.maxRecord && header_.maxRecord == SlotCount() &&
-                              offsets_[header_.oldestIndex] == header_.writePosition;
-    return is_in_flight ? (header_.oldestIndex + 1) % SlotCount() : header_.oldestIndex;
+    const bool is_full = header_.highestIndex == header_.maxRecord && header_.maxRecord == SlotCount();
+    return is_full ? (header_.oldestIndex + UncountedSlots()) % SlotCount() : header_.oldestIndex;
+  }
+
+  // In a full ring: how many slots of the oldest records lead to new ones that the header does not count.
+  std::uint32_t UncountedSlots() const {
+    const auto slot_at = [this](std::uint32_t slot) { return std::optional<std::uint32_t>(offsets_[slot]); };
+    const auto end_of = [this](std::uint32_t, std::int64_t begin) { return EndOfLine(begin); };
+    return FindUncountedPart(header_, slot_at, end_of).slots;
+  }
+
+  // Of a whole line to which a slot leads.
+  std::optional<std::int64_t> EndOfLine(std::int64_t begin) const {
+    const auto held = std::lower_bound(lines_.begin(), lines_.end(), begin,
+                                       [](const SlotLine& line, std::int64_t at) { return line.line.begin < at; });
+    const bool is_whole = held != lines_.end() && held->line.begin == begin && held->line.is_complete;
+    return is_whole ? std::optional<std::int64_t>(held->line.end) : std::nullopt;
   }
 
   std::uint32_t SlotAfterNewest() const {

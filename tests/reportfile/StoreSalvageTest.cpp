@@ -103,6 +103,19 @@ TEST(StoreSalvage, RecordWithoutItsHeaderIsTheNewestOne) {
   EXPECT_THAT(Salvaged(store, false), ElementsAre("rec3", "rec4", "rec5"));
 }
 
+// The part of a killed writer, of which some slots are written.
+TEST(StoreSalvage, RecordsOfABatchWithoutItsHeaderAreTheNewestOnes) {
+  const StoreBytes before = StoreOf(5, Numbered(6));
+  const StoreBytes after = StoreOf(5, Numbered(9));
+  StoreBytes store = {before.index, after.data};
+  store.index.replace(static_cast<std::size_t>(report::SlotOffset(1)), 8, after.index,
+                      static_cast<std::size_t>(report::SlotOffset(1)), 8);
+  EXPECT_THAT(Salvaged(store, false), ElementsAre("rec4", "rec5", "rec6", "rec7", "rec8"));
+  store.index = after.index;
+  store.index.replace(0, sizeof(report::IndexHeader), before.index, 0, sizeof(report::IndexHeader));
+  EXPECT_THAT(Salvaged(store, false), ElementsAre("rec5", "rec6", "rec7", "rec8", "rec9"));
+}
+
 TEST(StoreSalvage, SlotIntoTheMiddleOfARecordSalvagesNoPart) {
   StoreBytes store = StoreOf(9, Numbered(5));
   SetSlotOf(store, 3, 8);  // into rec2
