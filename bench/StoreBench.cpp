@@ -1,4 +1,5 @@
-// Appends records to a ring with the store, with plain stdio code, with SQLite, and with the system calls alone.
+// Appends records to a ring and reads them, with the store, with plain stdio code, with SQLite, with LMDB, and with the
+// system calls alone.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,7 +15,11 @@
 
 #include "reportfile/ReportFileBase.h"
 #include "reportfile/StoreFormat.h"
+#include "sdk/Reader.h"
 #include "sdk/Writer.h"
+#ifdef QX_HAVE_LMDB
+#include <lmdb.h>
+#endif
 #ifdef QX_HAVE_SQLITE3
 #include <sqlite3.h>
 #endif
@@ -111,31 +116,135 @@ void AppendStdio(benchmark::State& state) {
 }
 
 #ifdef QX_HAVE_SQLITE3
-// The ring as a table: one row per slot, replaced in turn; one transaction per record.
+// The ring as a table: one row per slot, replaced in turn.
+class Sqlite {
+ public:
+  explicit Sqlite(const std::string& file) {
+    Must(sqlite3_open(file.c_str(), &database_) == SQLITE_OK, "open the database");
+    Run("PRAGMA journal_mode=WAL");
+    Run("PRAGMA synchronous=OFF");
+    Run("CREATE TABLE ring(slot INTEGER PRIMARY KEY, record TEXT)");
+    insert_ = Prepare("INSERT OR REPLACE INTO ring VALUES(?,?)");
+    begin_ = Prepare("BEGIN IMMEDIATE");
+    commit_ = Prepare("COMMIT");
+    select_ = Prepare("SELECT record FROM ring ORDER BY slot");
+  }
+  ~Sqlite() {
+    for (sqlite3_stmt* statement : {insert_, begin_, commit_, select_}) sqlite3_finalize(statement);
+    sqlite3_close(database_);
+  }
+  Sqlite(const Sqlite&) = delete;
+  Sqlite& operator=(const Sqlite&) = delete;
+
+  // A transaction of its own, unless one is open.
+  bool Append() {
+    sqlite3_bind_int64(insert_, 1, slot_);
+    sqlite3_bind_text(insert_, 2, kRecord.data(), static_cast<int>(kRecord.size()), SQLITE_STATIC);
+    slot_ = slot_ + 1 < kSlots ? slot_ + 1 : 0;
+    return Step(insert_);
+  }
+
+  // One transaction.
+  bool AppendBatch(std::size_t records) {
+    bool ok = Step(begin_);
+    for (std::size_t i = 0; i < records; ++i) ok = Append() && ok;
+    return Step(commit_) && ok;
+  }
+
+  std::uint32_t ReadAll(std::string& record) {
+    std::uint32_t records = 0;
+    for (; sqlite3_step(select_) == SQLITE_ROW; ++records) {
+      const void* const text = sqlite3_column_text(select_, 0);
+      record.assign(static_cast<const char*>(text), static_cast<std::size_t>(sqlite3_column_bytes(select_, 0)));
+      benchmark::DoNotOptimize(record.data());
+    }
+    sqlite3_reset(select_);
+    return records;
+  }
+
+ private:
+  void Run(const char* sql) { Must(sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) == SQLITE_OK, sql); }
+
+  sqlite3_stmt* Prepare(const char* sql) {
+    sqlite3_stmt* statement = nullptr;
+    Must(sqlite3_prepare_v2(database_, sql, -1, &statement, nullptr) == SQLITE_OK, sql);
+    return statement;
+  }
+
+  static bool Step(sqlite3_stmt* statement) {
+    const bool is_done = sqlite3_step(statement) == SQLITE_DONE;
+    sqlite3_reset(statement);
+    return is_done;
+  }
+
+  sqlite3* database_ = nullptr;
+  sqlite3_stmt* insert_ = nullptr;
+  sqlite3_stmt* begin_ = nullptr;
+  sqlite3_stmt* commit_ = nullptr;
+  sqlite3_stmt* select_ = nullptr;
+  std::uint32_t slot_ = 0;
+};
+
 void AppendSqlite(benchmark::State& state) {
   const Directory directory;
-  sqlite3* database = nullptr;
-  Must(sqlite3_open(directory.File("r.db").c_str(), &database) == SQLITE_OK, "open the database");
-  const auto run = [database](const char* sql) {
-    Must(sqlite3_exec(database, sql, nullptr, nullptr, nullptr) == SQLITE_OK, sql);
-  };
-  run("PRAGMA journal_mode=WAL");
-  run("PRAGMA synchronous=OFF");
-  run("CREATE TABLE ring(slot INTEGER PRIMARY KEY, record TEXT)");
-  sqlite3_stmt* insert = nullptr;
-  Must(sqlite3_prepare_v2(database, "INSERT OR REPLACE INTO ring VALUES(?,?)", -1, &insert, nullptr) == SQLITE_OK,
-       "prepare");
-  std::uint32_t slot = 0;
+  Sqlite database(directory.File("r.db"));
   for (auto _ : state) {
-    sqlite3_bind_int64(insert, 1, slot);
-    sqlite3_bind_text(insert, 2, kRecord.data(), static_cast<int>(kRecord.size()), SQLITE_STATIC);
-    if (sqlite3_step(insert) != SQLITE_DONE) state.SkipWithError("insert");
-    sqlite3_reset(insert);
-    slot = slot + 1 < kSlots ? slot + 1 : 0;
+    if (!database.Append()) state.SkipWithError("insert");
   }
-  sqlite3_finalize(insert);
-  sqlite3_close(database);
 }
+#endif
+
+#ifdef QX_HAVE_LMDB
+// The ring as a map from slot to record.
+class Lmdb {
+ public:
+  explicit Lmdb(const std::string& file) {
+    bool ok = mdb_env_create(&env_) == 0 && mdb_env_set_mapsize(env_, std::size_t{1} << 28) == 0;
+    ok = ok && mdb_env_open(env_, file.c_str(), MDB_NOSUBDIR | MDB_NOSYNC, 0600) == 0;
+    MDB_txn* txn = nullptr;
+    ok = ok && mdb_txn_begin(env_, nullptr, 0, &txn) == 0;
+    ok = ok && mdb_dbi_open(txn, nullptr, MDB_INTEGERKEY | MDB_CREATE, &records_) == 0;
+    Must(ok && mdb_txn_commit(txn) == 0, "open the database");
+  }
+  ~Lmdb() { mdb_env_close(env_); }
+  Lmdb(const Lmdb&) = delete;
+  Lmdb& operator=(const Lmdb&) = delete;
+
+  // One transaction.
+  bool AppendBatch(std::size_t records) {
+    MDB_txn* txn = nullptr;
+    bool ok = mdb_txn_begin(env_, nullptr, 0, &txn) == 0;
+    for (std::size_t i = 0; ok && i < records; ++i) {
+      MDB_val key{sizeof slot_, &slot_};
+      MDB_val value{kRecord.size(), const_cast<char*>(kRecord.data())};
+      ok = mdb_put(txn, records_, &key, &value, 0) == 0;
+      slot_ = slot_ + 1 < kSlots ? slot_ + 1 : 0;
+    }
+    return ok && mdb_txn_commit(txn) == 0;
+  }
+
+  std::uint32_t ReadAll(std::string& record) {
+    MDB_txn* txn = nullptr;
+    MDB_cursor* cursor = nullptr;
+    Must(mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn) == 0, "begin");
+    Must(mdb_cursor_open(txn, records_, &cursor) == 0, "cursor");
+    std::uint32_t records = 0;
+    MDB_val key;
+    MDB_val value;
+    for (; mdb_cursor_get(cursor, &key, &value, MDB_NEXT) == 0; ++records) {
+      record.assign(static_cast<const char*>(value.mv_data), value.mv_size);
+      benchmark::DoNotOptimize(record.data());
+    }
+    mdb_cursor_close(cursor);
+    mdb_txn_abort(txn);
+    return records;
+  }
+
+ private:
+  MDB_env* env_ = nullptr;
+  MDB_dbi records_ = 0;
+  std::uint32_t slot_ = 0;
+};
 #endif
 
 // The least that an append has to do: three system calls, for record, slot and header.
@@ -184,8 +293,62 @@ void AppendBatchSingly(benchmark::State& state) {
   }
 }
 
+template <typename Database>
+void AppendBatchPeer(benchmark::State& state) {
+  const Directory directory;
+  Database database(directory.File("r.db"));
+  for (auto _ : state) {
+    if (!database.AppendBatch(kBatch)) state.SkipWithError("append");
+  }
+}
+
+// All records of a full ring, in order, each one as a string. What is read is open already; ours opens the files for
+// each new snapshot. The ring of the store has wrapped in the middle.
+void ReadReportQx(benchmark::State& state) {
+  const Directory directory;
+  qx::Writer writer;
+  Must(!writer.Open(directory.File("r"), kSlots).Failed(), "create the store");
+  const std::vector<std::string_view> records(kSlots + kSlots / 2, kRecord);
+  Must(!writer.Append(records).Failed(), "append");
+  qx::Reader reader;
+  Must(!reader.Open(directory.File("r")).Failed(), "open the report");
+  for (auto _ : state) {
+    std::uint32_t whole = 0;
+    if (reader.Refresh().Failed()) state.SkipWithError("refresh");
+    for (const qx::Record& record : reader) {
+      whole += record.IsWhole() ? 1 : 0;
+      benchmark::DoNotOptimize(record.text.data());
+    }
+    if (whole != kSlots) state.SkipWithError("records are missing");
+  }
+}
+
+template <typename Database>
+void ReadReportPeer(benchmark::State& state) {
+  const Directory directory;
+  Database database(directory.File("r.db"));
+  Must(database.AppendBatch(kSlots), "fill the database");
+  std::string record;
+  for (auto _ : state) {
+    if (database.ReadAll(record) != kSlots) state.SkipWithError("records are missing");
+  }
+}
+
 BENCHMARK(AppendBatchQx)->Name("append_batch/qx");
 BENCHMARK(AppendBatchSingly)->Name("append_batch/single_appends");
+#ifdef QX_HAVE_SQLITE3
+BENCHMARK(AppendBatchPeer<Sqlite>)->Name("append_batch/sqlite");
+#endif
+#ifdef QX_HAVE_LMDB
+BENCHMARK(AppendBatchPeer<Lmdb>)->Name("append_batch/lmdb");
+#endif
+BENCHMARK(ReadReportQx)->Name("read_report/qx");
+#ifdef QX_HAVE_SQLITE3
+BENCHMARK(ReadReportPeer<Sqlite>)->Name("read_report/sqlite");
+#endif
+#ifdef QX_HAVE_LMDB
+BENCHMARK(ReadReportPeer<Lmdb>)->Name("read_report/lmdb");
+#endif
 BENCHMARK(AppendQx)->Name("append/qx");
 BENCHMARK(AppendStdio)->Name("append/stdio");
 #ifdef QX_HAVE_SQLITE3
