@@ -20,8 +20,9 @@ using qx::trust::SweepResult;
 std::vector<Scenario> AllScenarios() {
   std::vector<Scenario> all;
   for (const auto& part :
-       {qx::trust::ConfigurationScenarios(), qx::trust::StoreScenarios(), qx::trust::DirectoryScenarios(),
-        qx::trust::ReportToolScenarios(), qx::trust::TraceScenarios(), qx::trust::ModuleScenarios()}) {
+       {qx::trust::ConfigurationScenarios(), qx::trust::StoreScenarios(), qx::trust::WriterScenarios(),
+        qx::trust::DirectoryScenarios(), qx::trust::ReportToolScenarios(), qx::trust::TraceScenarios(),
+        qx::trust::ModuleScenarios()}) {
     all.insert(all.end(), part.begin(), part.end());
   }
   return all;

@@ -43,5 +43,6 @@ std::vector<Scenario> DirectoryScenarios();
 std::vector<Scenario> ReportToolScenarios();
 std::vector<Scenario> TraceScenarios();
 std::vector<Scenario> ModuleScenarios();
+std::vector<Scenario> WriterScenarios();
 
 }  // namespace qx::trust
