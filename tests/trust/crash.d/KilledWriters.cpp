@@ -1,5 +1,6 @@
 // A writer is killed at random moments, again and again, on one store, while readers transfer it through the loaded
-// module: no acknowledged record is lost, no reader dies or hangs, and the next writer continues.
+// module: no acknowledged record is lost, no reader dies or hangs, and the next writer continues. One form appends with
+// CReportFileBase, the other one batches with qx::Writer.
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,8 +21,11 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "reportfile/ReportFileBase.h"
+#include "reportfile/StoreFormat.h"
+#include "sdk/Writer.h"
 #include "tests/trust/crash.d/Rows.h"
 #include "tests/trust/tracing.d/LoadedModule.h"
 
@@ -47,9 +51,9 @@ struct ReaderCounts {
 };
 
 struct Shared {
-  std::atomic<std::uint64_t> attempted{0};     // the number of the last record that was given to writeLine
-  std::atomic<std::uint64_t> acknowledged{0};  // and of the last one for which it returned true
-  std::atomic<bool> is_refused{false};         // Open or writeLine was false
+  std::atomic<std::uint64_t> attempted{0};     // the number of the last record that was given to writeLine or Append
+  std::atomic<std::uint64_t> acknowledged{0};  // and of the last one that was stored
+  std::atomic<bool> is_refused{false};         // Open, writeLine or Append failed
   std::atomic<bool> is_over{false};
   ReaderCounts readers[kReaders];
 };
@@ -95,6 +99,23 @@ std::uint64_t NumberOf(const std::string& line) {
   }
 }
 
+// Appends batches of one to ten records.
+[[noreturn]] void BeBatchWriter() {
+  Shared& shared = SharedBlock();
+  Writer writer;
+  bool is_good = !writer.Open(Base(), kSlots).Failed();
+  while (is_good) {
+    std::vector<std::string> texts;
+    std::uint64_t number = shared.attempted;
+    for (std::uint64_t left = number % 10 + 1; left > 0; --left) texts.push_back(TextOf(++number));
+    shared.attempted = number;
+    is_good = !writer.Append(texts).Failed();
+    if (is_good) shared.acknowledged = number;
+  }
+  shared.is_refused = true;
+  _exit(1);
+}
+
 void CountRecords(const std::string& reply, ReaderCounts& counts) {
   constexpr std::string_view kBegin = "<![CDATA[";
   std::size_t at = reply.find(kBegin);
@@ -134,6 +155,18 @@ pid_t Start(const std::function<void()>& body) {
   if (child < 0) throw std::runtime_error("cannot fork");
   if (child == 0) body();
   return child;
+}
+
+// On standard error: the numbers, as runs.
+void Tell(const char* what, const std::deque<std::uint64_t>& numbers) {
+  std::fprintf(stderr, "   %s:", what);
+  for (std::size_t begin = 0, i = 1; i <= numbers.size(); ++i) {
+    if (i < numbers.size() && numbers[i] == numbers[i - 1] + 1) continue;
+    std::fprintf(stderr, " %llu..%llu", static_cast<unsigned long long>(numbers[begin]),
+                 static_cast<unsigned long long>(numbers[i - 1]));
+    begin = i;
+  }
+  std::fputc('\n', stderr);
 }
 
 // What the store has to hold: the records that readers would find, oldest first.
@@ -184,18 +217,6 @@ class Model {
     if (records_.size() > kSlots) records_.pop_front();
   }
 
-  // On standard error: the numbers, as runs.
-  static void Tell(const char* what, const std::deque<std::uint64_t>& numbers) {
-    std::fprintf(stderr, "   %s:", what);
-    for (std::size_t begin = 0, i = 1; i <= numbers.size(); ++i) {
-      if (i < numbers.size() && numbers[i] == numbers[i - 1] + 1) continue;
-      std::fprintf(stderr, " %llu..%llu", static_cast<unsigned long long>(numbers[begin]),
-                   static_cast<unsigned long long>(numbers[i - 1]));
-      begin = i;
-    }
-    std::fputc('\n', stderr);
-  }
-
   void CountLosses(const std::deque<std::uint64_t>& found) {
     std::uint64_t lost = 0;
     for (std::size_t i = 1; i < records_.size(); ++i) {  // the oldest one may have given its place away
@@ -233,11 +254,83 @@ void RemoveStore() {
   for (const char* ending : {".ind", ".dat"}) std::filesystem::remove(Base() + ending);
 }
 
+// The same for batches. A kill may leave records of one part that the header does not count yet: they have the places
+// of the oldest ones.
+class BatchModel {
+ public:
+  std::uint64_t lost = 0;         // acknowledged records that are not there
+  std::uint64_t wrong_order = 0;  // rounds whose records were there, but not as a kill may leave them
+  std::uint64_t misplaced = 0;    // rounds in which records of a part had the places of the oldest ones
+  std::uint64_t misplaced_max = 0;
+  std::uint64_t not_counted = 0;  // of these rounds, those after which the next writer did not count the records
+
+  // After a kill. A part that was not counted yet has at most `part_max` records.
+  void Check(const std::deque<std::uint64_t>& found, std::uint32_t part_max, std::uint64_t acknowledged,
+             std::uint64_t attempted) {
+    while (next_ <= acknowledged) Push(next_++);
+    const std::deque<std::uint64_t> acknowledged_records = records_;
+    const std::uint64_t first = next_;
+    next_ = attempted + 1;
+    for (std::uint64_t counted = first; counted <= next_; ++counted) {  // the records before `counted` are counted
+      if (IsFoundWithPart(found, part_max, counted)) return;
+      if (counted < next_) Push(counted);
+    }
+    CountLosses(found, acknowledged_records, part_max);
+    records_ = found;
+  }
+
+  // After the next writer has opened the store.
+  void CheckNextWriter(const std::deque<std::uint64_t>& found) {
+    if (found == records_) return;
+    ++not_counted;
+    Tell("stored", records_);
+    Tell("found by the next writer's readers", found);
+    records_ = found;
+  }
+
+ private:
+  void Push(std::uint64_t number) {
+    records_.push_back(number);
+    if (records_.size() > kSlots) records_.pop_front();
+  }
+
+  // Then these records are the newest ones of the next writer.
+  bool IsFoundWithPart(const std::deque<std::uint64_t>& found, std::uint32_t part_max, std::uint64_t first) {
+    const std::uint64_t part_end = records_.size() < kSlots ? first : std::min(next_, first + part_max);
+    std::deque<std::uint64_t> expected = records_;
+    for (std::uint64_t number = first;; ++number) {
+      if (found == expected) {
+        misplaced += number > first ? 1 : 0;
+        misplaced_max = std::max(misplaced_max, number - first);
+        for (std::uint64_t uncounted = first; uncounted < number; ++uncounted) Push(uncounted);
+        return true;
+      }
+      if (number >= part_end) return false;
+      expected[number - first] = number;
+    }
+  }
+
+  void CountLosses(const std::deque<std::uint64_t>& found, const std::deque<std::uint64_t>& records,
+                   std::uint32_t part_max) {
+    std::uint64_t missing = 0;
+    for (std::size_t i = part_max; i < records.size(); ++i) {
+      if (std::find(found.begin(), found.end(), records[i]) == found.end()) ++missing;
+    }
+    lost += missing;
+    if (missing == 0) ++wrong_order;
+    Tell("stored", records);
+    Tell("found", found);
+  }
+
+  std::deque<std::uint64_t> records_;
+  std::uint64_t next_ = 1;
+};
+
 // Printed on standard error, because standard output is a table.
-std::uint64_t Seed() {
+std::uint64_t Seed(const char* who) {
   const char* const given = std::getenv("QX_TEST_SEED");
   const std::uint64_t seed = given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device()();
-  std::fprintf(stderr, "   killed writers: QX_TEST_SEED=%llu\n", static_cast<unsigned long long>(seed));
+  std::fprintf(stderr, "   %s: QX_TEST_SEED=%llu\n", who, static_cast<unsigned long long>(seed));
   return seed;
 }
 
@@ -295,52 +388,95 @@ class ReaderGuard {
   int hung_ = 0;
 };
 
-bool PrintRows(int kills, const Model::Losses& losses, const ReaderGuard& guard) {
-  const Shared& shared = SharedBlock();
+unsigned long long Number(std::uint64_t value) { return value; }
+
+const char* RefusedText() { return SharedBlock().is_refused ? ", a writer was refused" : ""; }
+
+void PrintWriterRows(int kills, const Model::Losses& losses) {
+  std::printf(
+      "| store writer killed with SIGKILL, one store all the time | %d kills, %llu records, %llu acknowledged ones "
+      "lost, "
+      "%llu rounds out of order%s | every acknowledged record is there; the next writer continues |\n",
+      kills, Number(SharedBlock().acknowledged), Number(losses.lost), Number(losses.wrong_order), RefusedText());
+  std::printf(
+      "| ... of these kills, between slot and header of a full ring | %llu | documented: the oldest record has given "
+      "its place to one that nobody counted |\n",
+      Number(losses.oldest_gone));
+  std::printf(
+      "| ... and before the first record of a new store | %llu; %llu with a part of a header | an empty index file, "
+      "never a part of a header |\n",
+      Number(losses.unwritten), Number(losses.half_headers));
+}
+
+void PrintBatchWriterRows(int kills, const BatchModel& model) {
+  std::printf(
+      "| writer of batches killed with SIGKILL, one store all the time | %d kills, %llu records, %llu acknowledged "
+      "ones "
+      "lost, %llu rounds out of order%s | every acknowledged record is there; the next writer continues |\n",
+      kills, Number(SharedBlock().acknowledged), Number(model.lost), Number(model.wrong_order), RefusedText());
+  std::printf(
+      "| ... of these kills, between slots and header of a part | %llu, of at most %llu records; %llu not counted by "
+      "the "
+      "next writer | at most one part has the places of the oldest records, and the next writer counts it |\n",
+      Number(model.misplaced), Number(model.misplaced_max), Number(model.not_counted));
+}
+
+// True if the readers' promises were kept.
+bool PrintReaderRows(const ReaderGuard& guard) {
   std::uint64_t transfers = 0, records = 0, mixed = 0, refusals = 0, bad = 0;
-  for (const ReaderCounts& reader : shared.readers) {
+  for (const ReaderCounts& reader : SharedBlock().readers) {
     transfers += reader.transfers;
     records += reader.records;
     mixed += reader.mixed;
     refusals += reader.refusals;
     bad += reader.bad;
   }
-  const auto number = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
-  std::printf(
-      "| store writer killed with SIGKILL, one store all the time | %d kills, %llu records, %llu acknowledged ones "
-      "lost, "
-      "%llu rounds out of order%s | every acknowledged record is there; the next writer continues |\n",
-      kills, number(shared.acknowledged), number(losses.lost), number(losses.wrong_order),
-      shared.is_refused ? ", a writer was refused" : "");
-  std::printf(
-      "| ... of these kills, between slot and header of a full ring | %llu | documented: the oldest record has given "
-      "its place to one that nobody counted |\n",
-      number(losses.oldest_gone));
-  std::printf(
-      "| ... and before the first record of a new store | %llu; %llu with a part of a header | an empty index file, "
-      "never a part of a header |\n",
-      number(losses.unwritten), number(losses.half_headers));
   std::printf(
       "| %d readers of that store through the module | %llu transfers, %llu records, %llu refusals, %llu bad replies, "
       "%d "
       "dead, %d hung | no reader dies or hangs, each reply is whole |\n",
-      kReaders, number(transfers), number(records), number(refusals), number(bad), guard.Dead(), guard.Hung());
+      kReaders, Number(transfers), Number(records), Number(refusals), Number(bad), guard.Dead(), guard.Hung());
   std::printf(
       "| ... of these records, overwritten while they were read | %llu | documented: a slow reader may find newer text "
       "|\n",
-      number(mixed));
-  return losses.lost + losses.wrong_order + losses.half_headers + bad == 0 && !shared.is_refused &&
-         guard.Dead() + guard.Hung() == 0 && transfers > 0;
+      Number(mixed));
+  return bad == 0 && guard.Dead() + guard.Hung() == 0 && transfers > 0;
+}
+
+// The most records of one part that the header does not count yet.
+std::uint32_t PartMax() {
+  CReportFileBase store;
+  return store.OpenRead(Base().c_str()) ? report::RecordsInPart(store.header()) : 0;
+}
+
+bool HasHalfHeader() {
+  std::error_code missing;
+  const std::uintmax_t bytes = std::filesystem::file_size(Base() + ".ind", missing);
+  return !missing && bytes > 0 && bytes < sizeof(report::IndexHeader);
+}
+
+void CheckAfterKill(BatchModel& model) {
+  Shared& shared = SharedBlock();
+  if (HasHalfHeader()) ++model.wrong_order;
+  model.Check(RecordsInStore(), PartMax(), shared.acknowledged, shared.attempted);
+  Writer next;
+  if (next.Open(Base(), kSlots).Failed()) shared.is_refused = true;
+  model.CheckNextWriter(RecordsInStore());
+}
+
+void Begin() {
+  setenv("QX_LOG_DEBUG_LEVEL", "0", 1);
+  MakeReportDirectory();
+  RemoveStore();
+  new (&SharedBlock()) Shared;
 }
 
 }  // namespace
 
 bool CheckKilledWriters(CrashForm form) {
   const int kills = form == CrashForm::kQuick ? kKillsQuick : kKillsLong;
-  setenv("QX_LOG_DEBUG_LEVEL", "0", 1);
-  MakeReportDirectory();
-  new (&SharedBlock()) Shared;
-  std::mt19937_64 random(Seed());
+  Begin();
+  std::mt19937_64 random(Seed("killed writers"));
   Model model;
   ReaderGuard guard;
   for (int i = 0; i < kills; ++i) {
@@ -355,7 +491,28 @@ bool CheckKilledWriters(CrashForm form) {
     guard.Look();
   }
   guard.Stop();
-  return PrintRows(kills, model.Counted(), guard);
+  const Model::Losses& losses = model.Counted();
+  PrintWriterRows(kills, losses);
+  const bool are_readers_good = PrintReaderRows(guard);
+  return losses.lost + losses.wrong_order + losses.half_headers == 0 && !SharedBlock().is_refused && are_readers_good;
+}
+
+bool CheckKilledBatchWriters(CrashForm form) {
+  const int kills = form == CrashForm::kQuick ? kKillsQuick : kKillsLong;
+  Begin();
+  std::mt19937_64 random(Seed("killed writers of batches"));
+  BatchModel model;
+  ReaderGuard guard;
+  for (int i = 0; i < kills; ++i) {
+    KillSoon(Start(BeBatchWriter), random);
+    CheckAfterKill(model);
+    guard.Look();
+  }
+  guard.Stop();
+  PrintBatchWriterRows(kills, model);
+  const bool are_readers_good = PrintReaderRows(guard);
+  return model.lost + model.wrong_order + model.not_counted == 0 && SharedBlock().acknowledged > 0 &&
+         !SharedBlock().is_refused && are_readers_good;
 }
 
 }  // namespace qx::trust

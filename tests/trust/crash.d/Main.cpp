@@ -1,4 +1,4 @@
-// trust_crash quick|long [saves|writers]: prints table rows; broken promises go to standard error.
+// trust_crash quick|long [saves|writers|batches]: prints table rows; broken promises go to standard error.
 #include <cstring>
 
 #include "debug/Debug.h"
@@ -11,8 +11,13 @@ int main(int argc, char** argv) {
   const bool is_long = std::strcmp(argv[1], "long") == 0;
   const auto form = is_long ? qx::trust::CrashForm::kLong : qx::trust::CrashForm::kQuick;
   const char* const part = argc > 2 ? argv[2] : "";
+  const bool is_known = std::strcmp(part, "") == 0 || std::strcmp(part, "saves") == 0 ||
+                        std::strcmp(part, "writers") == 0 || std::strcmp(part, "batches") == 0;
+  if (!is_known) return 2;
   bool is_kept = true;
-  if (std::strcmp(part, "writers") != 0) is_kept = qx::trust::CheckSaves(form);
-  if (std::strcmp(part, "saves") != 0) is_kept = qx::trust::CheckKilledWriters(form) && is_kept;
+  const auto is_part = [part](const char* name) { return *part == '\0' || std::strcmp(part, name) == 0; };
+  if (is_part("saves")) is_kept = qx::trust::CheckSaves(form);
+  if (is_part("writers")) is_kept = qx::trust::CheckKilledWriters(form) && is_kept;
+  if (is_part("batches")) is_kept = qx::trust::CheckKilledBatchWriters(form) && is_kept;
   return is_kept ? 0 : 1;
 }

@@ -7,5 +7,6 @@ enum class CrashForm { kQuick, kLong };
 
 bool CheckSaves(CrashForm form);
 bool CheckKilledWriters(CrashForm form);
+bool CheckKilledBatchWriters(CrashForm form);
 
 }  // namespace qx::trust
