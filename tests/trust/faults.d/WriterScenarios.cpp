@@ -37,7 +37,7 @@ std::size_t stored = 0;  // of the texts, as the results say
 // A writer checks whether any process of the machine writes the report. Here it finds only itself, so that the number
 // of calls does not depend on what else runs.
 void HideOtherProcesses(const std::string& directory) {
-  if (unshare(CLONE_NEWNS) != 0) return;  // an ordinary user: the sweep is the longer
+  if (unshare(CLONE_NEWNS) != 0) return;  // an ordinary user: the sweep only takes longer
   const std::string process = std::to_string(getpid());
   const std::string only = directory + "/proc";
   std::filesystem::create_directories(only + "/" + process);
