@@ -6,9 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "base/tools/ReplacedFile.h"
 #include "tests/support/Attacker.h"
@@ -349,6 +351,19 @@ TEST_F(AttacksOnFiles, APreparedCopyOfAnEditIsNeverUsed) {
   ExpectRootsFileUntouched();
 }
 
+// Gives an attacker the time to exchange a file: until its name leads elsewhere or nowhere, at most a tenth of a
+// second.
+void AwaitExchange(const std::string& path) {
+  struct stat before = {};
+  if (lstat(path.c_str(), &before) != 0) return;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+  struct stat now = before;
+  while (now.st_ino == before.st_ino && std::chrono::steady_clock::now() < end) {
+    std::this_thread::yield();
+    if (lstat(path.c_str(), &now) != 0) return;
+  }
+}
+
 // He replaces the new content by a link to root's file while it is written.
 TEST_F(AttacksOnFiles, AnExchangedCopyOfAnEditNeverLeadsToRootsFile) {
   const std::string path = dir_.File("his/registry");
@@ -368,7 +383,9 @@ TEST_F(AttacksOnFiles, AnExchangedCopyOfAnEditNeverLeadsToRootsFile) {
     ReplacedFile edit;
     if (!edit.Begin(path, {}).IsDone()) continue;
     ASSERT_TRUE(edit.WriteCopy("new content").IsDone());
-    if (++begun % 10 == 0) changed += edit.Commit(false).IsDone() ? 0 : 1;
+    if (++begun % 10 != 0) continue;
+    AwaitExchange(copy);
+    changed += edit.Commit(false).IsDone() ? 0 : 1;
   }
   EXPECT_GT(changed, 0) << "the race was never open";
   ExpectRootsFileUntouched();
