@@ -272,8 +272,8 @@ void RingBufferSink::EndWrap(std::size_t entry_size) noexcept {
 }
 
 void RingBufferSink::LeaveGap() noexcept {
-  const std::size_t behind = (position_ + kGapBytes) / kRingBlockBytes * kRingBlockBytes;
-  position_ = std::min<std::size_t>(behind, size_);
+  const std::size_t after_gap = (position_ + kGapBytes) / kRingBlockBytes * kRingBlockBytes;
+  position_ = std::min<std::size_t>(after_gap, size_);
 }
 
 bool RingBufferSink::CanKeepInit() const noexcept { return !has_wrapped_ && size_ - position_ > kSpaceToKeepInit; }

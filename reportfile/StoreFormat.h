@@ -58,7 +58,7 @@ constexpr std::int64_t SlotOffset(std::uint32_t slot) {
   return std::int64_t{sizeof(IndexHeader)} + std::int64_t{4} * slot;
 }
 
-// The ring size that a new store gets: 0 stands for the largest ring of the format.
+// The ring size of a new store: a request for 0 slots is one for the largest ring of the format.
 constexpr std::uint32_t RingSize(std::uint32_t max_records) {
   return max_records != 0 ? max_records : kMaxRecordUnlimited;
 }

@@ -179,9 +179,10 @@ TraceLayout FindRingLayout(const TraceSource& source) {
     AddRange(layout, TracePart::kNewest, kRingFirstEntry, source.Size());
     return layout;
   }
-  const std::uint64_t behind = write_position + kRingTerminator.size();
-  const std::uint64_t fill = FillBegin(source, behind);
-  const bool has_wrapped = layout.ring->wraps.has_value() ? *layout.ring->wraps != 0 : HasEntries(source, behind, fill);
+  const std::uint64_t after_end = write_position + kRingTerminator.size();
+  const std::uint64_t fill = FillBegin(source, after_end);
+  const bool has_wrapped =
+      layout.ring->wraps.has_value() ? *layout.ring->wraps != 0 : HasEntries(source, after_end, fill);
   const Front front = ScanFront(source, write_position);
   if (has_wrapped) {
     LayOutWrapped(layout, front, write_position, fill);

@@ -156,11 +156,11 @@ bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
 bool ReportFollower::SearchForward(Attempt& attempt) {
   ReportPoll& poll = attempt.poll;
   const std::uint32_t next = attempt.place + static_cast<std::uint32_t>(poll.records.size());
-  std::vector<std::string> behind;
-  if (next > 0 && !source_.Read(next, 1, behind)) return false;
-  if (!behind.empty()) return true;
-  if (!source_.Read(next + 1, 1, behind)) return false;
-  poll.reached_end = behind.empty();
+  std::vector<std::string> found;
+  if (next > 0 && !source_.Read(next, 1, found)) return false;
+  if (!found.empty()) return true;
+  if (!source_.Read(next + 1, 1, found)) return false;
+  poll.reached_end = found.empty();
   poll.is_blocked = !poll.reached_end && poll.records.empty();
   return true;
 }

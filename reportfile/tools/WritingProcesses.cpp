@@ -75,8 +75,8 @@ std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& wanted
   std::vector<WritingProcess> found;
   for (const std::string& name : NamesIn(processes)) {
     int id = 0;
-    const auto [behind, error] = std::from_chars(name.data(), name.data() + name.size(), id);
-    if (error == std::errc() && *behind == '\0') AddFilesOf(PathIn(processes, name), id, wanted, &found);
+    const auto [number_end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
+    if (error == std::errc() && *number_end == '\0') AddFilesOf(PathIn(processes, name), id, wanted, &found);
   }
   return found;
 }

@@ -129,12 +129,12 @@ std::vector<std::string> Replay(const std::vector<Session>& sessions, bool on_ne
     if (session.not_run.empty()) script += ScriptOf(session);
     script += std::string("printf '") + "\\036\\n'\n";
   }
-  const TempDir beside;
+  const TempDir place;
   const TempDir directory;
-  WriteFile(beside.File("script"), script);
+  WriteFile(place.File("script"), script);
   const Ran ran = on_new_machine
-                      ? ReplayOnNewMachine(beside.File("script"), directory)
-                      : Child({"timeout", "120", "bash", beside.File("script")}, FreshStart(directory)).Wait();
+                      ? ReplayOnNewMachine(place.File("script"), directory)
+                      : Child({"timeout", "120", "bash", place.File("script")}, FreshStart(directory)).Wait();
   EXPECT_EQ(ran.err, "");
   EXPECT_NE(ran.code, 124) << "the sessions did not end";
 
