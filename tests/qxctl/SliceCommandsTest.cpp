@@ -71,7 +71,7 @@ std::string Entry(int second, const std::string& text, const std::string& module
 std::map<std::string, std::set<std::string>> TableInPage() {
   std::map<std::string, std::set<std::string>> rows;
   std::vector<std::string> heading;
-  std::istringstream lines(ReadFile(std::string(QX_SOURCE_DIR) + "/docs/following.md"));
+  std::istringstream lines(ReadFile(std::string(QX_SOURCE_DIR) + "/docs/qxctl-records.md"));
   for (std::string line; std::getline(lines, line);) {
     std::vector<std::string> cells;
     std::istringstream rest(line);
