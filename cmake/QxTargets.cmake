@@ -191,3 +191,18 @@ function(qx_fuzz name)
     set_tests_properties(${name} PROPERTIES TIMEOUT 300)
   endif()
 endfunction()
+
+# The client library of NATS as the target qx_nats, if it is installed. Its own CMake package asks for development packages
+# of its dependencies, which nobody needs who links the shared library.
+function(qx_find_nats)
+  find_path(QX_NATS_INCLUDE_DIR nats/nats.h)
+  find_library(QX_NATS_LIBRARY nats)
+  mark_as_advanced(QX_NATS_INCLUDE_DIR QX_NATS_LIBRARY)
+  if(NOT QX_NATS_INCLUDE_DIR OR NOT QX_NATS_LIBRARY)
+    message(STATUS "qxrelay is not built: libnats-dev is not installed (script/bootstrap relay)")
+    return()
+  endif()
+  add_library(qx_nats INTERFACE)
+  target_include_directories(qx_nats SYSTEM INTERFACE ${QX_NATS_INCLUDE_DIR})
+  target_link_libraries(qx_nats INTERFACE ${QX_NATS_LIBRARY})
+endfunction()

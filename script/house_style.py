@@ -20,6 +20,9 @@ FOLDER_FILES_MAX = 30  # sources and headers of a folder below tools/
 # The one source that knows the argument parser.
 PARSER_SOURCE = pathlib.Path("tools/qxctl/cli/line/Parser.cpp")
 
+# The one folder that knows the client library of NATS.
+NATS_FOLDER = pathlib.Path("tools/qxrelay/stream")
+
 # What a folder may include besides itself. "paths" is the lower floor of provider/; "debug/tools" is what programs need of
 # debug/ and the module does not.
 LAYERS = {
@@ -61,6 +64,21 @@ LAYERS["tools/qxctl/cli/text"] = {"markup"}
 LAYERS["tools/qxctl/cli/describe"] = {"tools/qxctl/cli", "tools/qxctl/cli/text"}
 LAYERS["tools/qxctl/cli/line"] = {"tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/text"}
 LAYERS["tools/qxctl"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{area}" for area in [*AREAS, "cli/describe", "cli/line", "cli/text"]}
+
+# The areas of the relay. Only stream/ knows the library of NATS, and only its interfaces are used elsewhere.
+RELAY = {
+    "message": set(),
+    "config": {"message"},
+    "stream": {"message", "config"},
+    "send": {"message", "config", "stream"},
+    "receive": {"message", "config", "stream"},
+    "status": {"message", "config", "stream"},
+    "cli": {"message", "config", "stream", "send", "receive", "status"},
+}
+for area, others in RELAY.items():
+    LAYERS[f"tools/qxrelay/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxrelay/{other}" for other in others}
+LAYERS["tools/qxrelay/cli"] |= {"tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/line", "tools/qxctl/cli/text"}
+LAYERS["tools/qxrelay"] = LAYERS["tools/qxrelay/cli"] | {"tools/qxrelay/cli"}
 
 TOP_FOLDERS = {layer.split("/")[0] for layer in LAYERS} - {"paths"}
 PATHS_FILES = {"QXString.h", "ServerControlPaths.h", "ServerControlPaths.cpp"}
@@ -174,6 +192,12 @@ def check_parser(path, lines):
             yield number, f"includes the argument parser; only {PARSER_SOURCE} does"
 
 
+def check_nats(path, lines):
+    for number, line in enumerate(lines, 1):
+        if re.match(r"\s*#\s*include\s*<(nats/|nats\.h)", line) and path.parent != NATS_FOLDER:
+            yield number, f"includes the library of NATS; only {NATS_FOLDER} does"
+
+
 def check_folders(paths):
     """Folders below tools/ that have more sources and headers than a reader can survey."""
     counts = collections.Counter(path.parent for path in paths if path.parts[0] == "tools")
@@ -213,7 +237,8 @@ def main():
     findings = list(check_folders(paths))
     for path in paths:
         lines = (ROOT / path).read_text(encoding="utf-8").split("\n")
-        checks = [check_lines(path, lines), check_layers(path, lines), check_pragma(path, lines), check_parser(path, lines)]
+        checks = [check_lines(path, lines), check_layers(path, lines), check_pragma(path, lines), check_parser(path, lines),
+                  check_nats(path, lines)]
         if layer_of(path) in LAYERS:
             checks.append(check_functions(path, lines))
             if len(lines) > FILE_LINES_MAX:

@@ -1,0 +1,77 @@
+// The settings of qxrelay: one INI file for all its parts, read with CIniFile.
+//
+// A key that the table in RelayConfig.cpp does not list is a finding, and so is a value that its key cannot have: a
+// misspelt key must not silently leave a default in force. Lists are separated by commas.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qx::relay {
+
+// [stream]: where the records go, on servers and in them.
+struct StreamSettings {
+  std::vector<std::string> servers = {"nats://127.0.0.1:4222"};  // tried in a random order
+  std::string name = "QX";                                       // of the JetStream stream
+  std::string prefix = "qx";                                     // of its subjects
+  std::string user;
+  std::string password_file;     // one line; nobody but the owner may read it
+  std::string credentials_file;  // of a user with a JWT, instead of user and password
+  std::string ca_file;           // with one of the three TLS keys the connection is encrypted
+  std::string certificate_file;
+  std::string key_file;
+  std::chrono::seconds age = std::chrono::hours(24 * 7);  // how long the stream keeps a message
+  std::uint64_t bytes = std::uint64_t{16} * 1024 * 1024 * 1024;
+  std::uint32_t replicas = 3;
+};
+
+// [host] and [labels]: who sends.
+struct HostSettings {
+  std::string name;                 // of the host in the stream; empty: the host's own name
+  std::vector<std::string> labels;  // "site=north", in the order of the file
+};
+
+// [send]
+struct SendSettings {
+  std::string reports;                       // the directory; empty: the report directory of this machine
+  std::string state = "/var/lib/qxrelay";    // identity and positions
+  std::vector<std::string> include = {"*"};  // patterns of report names; "*" also matches "/"
+  std::vector<std::string> exclude;
+  std::chrono::milliseconds linger{100};     // how long the first of the gathered records waits for others
+  std::size_t batch_bytes = 64 * 1024;       // of records, for a message
+  std::chrono::milliseconds poll{20};        // how often a report that is being written is checked
+  std::chrono::milliseconds poll_idle{250};  // how often others are
+  std::chrono::milliseconds spread{30000};   // starts and reconnects are spread over this time
+  std::chrono::milliseconds timeout{5000};   // for an acknowledgement or a look-up
+  std::chrono::milliseconds rescan{5000};    // how often new reports are searched for
+};
+
+struct RelayConfig {
+  StreamSettings stream;
+  HostSettings host;
+  SendSettings send;
+};
+
+// What is wrong with the file: "section [send], key \"lingr\": there is no such key".
+using ConfigFindings = std::vector<std::string>;
+
+// Reads the file into `config`. Values with a finding keep their defaults. A file that cannot be read is one finding.
+// Nothing but the file is looked at: CheckConfig of ConfigCheck.h proves what the values name. Throws std::bad_alloc.
+// [any thread]
+[[nodiscard]] ConfigFindings ReadConfig(const std::string& path, RelayConfig& config);
+
+// "QX" => true, "a.b" => false: a stream's name is one token of a subject. [any thread]
+[[nodiscard]] bool IsStreamName(std::string_view name);
+
+// Whether a pattern of `include` or `exclude` matches the whole name. "*" stands for any bytes, "?" for one byte.
+//   "disk/*", "disk/sda"  => true
+[[nodiscard]] bool MatchesPattern(std::string_view pattern, std::string_view name);
+
+// Whether the settings select the report of this name. [any thread]
+[[nodiscard]] bool IsSelected(const SendSettings& send, std::string_view report);
+
+}  // namespace qx::relay

@@ -1,0 +1,50 @@
+// Internal: owners of the objects of the NATS library, and connections as the relay makes them.
+//
+// Only the sources of this folder include the library's header.
+#pragma once
+
+#include <nats/nats.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tools/qxrelay/config/RelayConfig.h"
+
+namespace qx::relay::nats {
+
+template <auto kDestroy>
+struct Destroyer {
+  template <typename Object>
+  void operator()(Object* object) const {
+    (void)kDestroy(object);  // there is nothing to do about a failure
+  }
+};
+
+using Options = std::unique_ptr<natsOptions, Destroyer<natsOptions_Destroy>>;
+using Connection = std::unique_ptr<natsConnection, Destroyer<natsConnection_Destroy>>;
+using Subscription = std::unique_ptr<natsSubscription, Destroyer<natsSubscription_Destroy>>;
+using Message = std::unique_ptr<natsMsg, Destroyer<natsMsg_Destroy>>;
+using Context = std::unique_ptr<jsCtx, Destroyer<jsCtx_Destroy>>;
+using StreamInfo = std::unique_ptr<jsStreamInfo, Destroyer<jsStreamInfo_Destroy>>;
+
+// What the library says about a failed call: "cannot connect: No server available for connection".
+[[nodiscard]] std::string Problem(const std::string& what, natsStatus status);
+
+// Receives what the library reports on its own, in threads of the library.
+struct Handlers {
+  natsErrHandler on_error = nullptr;
+  natsConnectionHandler on_closed = nullptr;
+  void* closure = nullptr;
+};
+
+// The options of every connection: servers, TLS and credentials of the settings. The library never reconnects and so
+// never buffers: who owns a connection makes a new one. Unset: `options` is made. [any thread]
+[[nodiscard]] std::optional<std::string> MakeOptions(const StreamSettings& settings, const Handlers& handlers,
+                                                     Options& options);
+
+// Connects, within two seconds for each server. [any thread]
+[[nodiscard]] std::optional<std::string> MakeConnection(const StreamSettings& settings, const Handlers& handlers,
+                                                        Connection& connection);
+
+}  // namespace qx::relay::nats

@@ -1,0 +1,115 @@
+// What the relay needs of a stream, as interfaces: NatsStream.h has the real ones, and tests have others.
+//
+// A stream stores messages by subject, in one order, and numbers them: its sequence. Nothing here decides anything;
+// what to do with a reply is decided by send/ and receive/.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qx::relay {
+
+enum class ReplyKind : std::uint8_t {
+  kStored,      // of Publish: `sequence` is that of the message in the stream
+  kWrongLast,   // of Publish: refused, because the newest message of the subject is another one than expected
+  kRefused,     // of Publish or LookUp: `text` says why; the message is not stored
+  kNewest,      // of LookUp: `payload` and `sequence` of the newest message of the subject
+  kNone,        // of LookUp: the stream has no message of the subject
+  kNoStream,    // of both: no server answers for such a stream now
+  kProblem,     // of no request (token 0): the server or the library complains, and `text` says about what
+  kDisconnect,  // of no request: the connection is closed; no reply to an earlier request will come
+};
+
+struct StreamReply {
+  std::uint64_t token = 0;
+  ReplyKind kind = ReplyKind::kProblem;
+  std::uint64_t sequence = 0;
+  std::string payload;
+  std::string text;
+};
+
+// The sender's side: requests that are answered later, or never.
+//
+// Threads: one thread; implementations receive replies in threads of their own.
+// Owns: the connection. Failure: a false result means that the request was not sent and will have no reply.
+class PublishStream {
+ public:
+  PublishStream() = default;
+  virtual ~PublishStream() = default;
+  PublishStream(const PublishStream&) = delete;
+  PublishStream& operator=(const PublishStream&) = delete;
+
+  // Connects to one of the servers, within some seconds. Unset: connected. Otherwise why not, for the operator. What
+  // was connected before is closed, and its replies are dropped. [owning thread]
+  [[nodiscard]] virtual std::optional<std::string> Connect() = 0;
+
+  // The largest payload that the server accepts. [owning thread]
+  [[nodiscard]] virtual std::size_t PayloadBytesMax() const = 0;
+
+  // Stores `payload`. If `expected_last` has a value, only if that is the sequence of the subject's newest message (0:
+  // no message). `token` is not 0 and comes back with the reply. [owning thread]
+  [[nodiscard]] virtual bool Publish(std::uint64_t token, const std::string& subject, std::string_view payload,
+                                     std::optional<std::uint64_t> expected_last) = 0;
+
+  // Asks for the newest message of the subject. With several replicas, any of them answers, so the message may be an
+  // older one for a moment. [owning thread]
+  [[nodiscard]] virtual bool LookUp(std::uint64_t token, const std::string& subject) = 0;
+
+  // Readable when there are replies; -1 if the implementation has no descriptor. [owning thread]
+  [[nodiscard]] virtual int Descriptor() const = 0;
+
+  // Appends the replies that have come since the last call. [owning thread]
+  virtual void TakeReplies(std::vector<StreamReply>& replies) = 0;
+
+  // Closes the connection. [owning thread]
+  virtual void Close() = 0;
+};
+
+// A message of the stream as a consumer gets it.
+struct StreamMessage {
+  std::string subject;
+  std::string payload;
+  std::uint64_t sequence = 0;   // in the stream
+  std::uint64_t delivered = 0;  // how often it was delivered, 1 for the first time
+  std::uint64_t pending = 0;    // how many messages the consumer has after this one
+  std::string receipt;          // for Acknowledge
+};
+
+// The receiver's side: a durable consumer of which messages are fetched, and acknowledged one by one.
+//
+// Threads: one thread. Owns: the connection. Failure: a text for the operator.
+class ConsumeStream {
+ public:
+  ConsumeStream() = default;
+  virtual ~ConsumeStream() = default;
+  ConsumeStream(const ConsumeStream&) = delete;
+  ConsumeStream& operator=(const ConsumeStream&) = delete;
+
+  // Connects and finds the durable consumer `name`, or creates it for all subjects of the stream, beginning with the
+  // first message. `unacknowledged_max` messages may be fetched and not acknowledged; one that is not acknowledged
+  // within `redeliver_after` comes again. [owning thread]
+  [[nodiscard]] virtual std::optional<std::string> Connect(const std::string& name, std::size_t unacknowledged_max,
+                                                           std::chrono::milliseconds redeliver_after) = 0;
+
+  // Appends up to `count_max` messages, of about `bytes_max` bytes, that come within `timeout`; returns early when
+  // there are some and no more for now. No message in time is not a failure. [owning thread]
+  [[nodiscard]] virtual std::optional<std::string> Fetch(std::size_t count_max, std::size_t bytes_max,
+                                                         std::chrono::milliseconds timeout,
+                                                         std::vector<StreamMessage>& messages) = 0;
+
+  // Says that the message need not come again. The acknowledgement may be lost: then it comes again. [owning thread]
+  [[nodiscard]] virtual std::optional<std::string> Acknowledge(const std::string& receipt) = 0;
+
+  // The sequence of the first message that the stream still has; 0 if it is empty. [owning thread]
+  [[nodiscard]] virtual std::optional<std::string> FirstSequence(std::uint64_t& sequence) = 0;
+
+  // Closes the connection. [owning thread]
+  virtual void Close() = 0;
+};
+
+}  // namespace qx::relay
