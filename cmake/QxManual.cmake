@@ -1,5 +1,6 @@
 # Manual pages and shell completions of qxctl. The tool knows its commands and options best, so it fills them into its
-# page and writes the completion scripts itself. Neither is built where scdoc is missing or a sanitizer slows the tool.
+# page, and writes the page of each command and the completion scripts itself. None of them is built where scdoc is missing
+# or a sanitizer slows the tool.
 find_program(QX_SCDOC scdoc)
 file(GLOB qx_manual_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.scd)
 if(NOT QX_SCDOC OR NOT qx_manual_sources OR QX_SANITIZE)
@@ -26,6 +27,16 @@ foreach(source ${qx_manual_sources})
   install(FILES ${qx_manual_dir}/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT tools OPTIONAL)
 endforeach()
 
+set(qx_command_pages ${qx_manual_dir}/commands)
+file(MAKE_DIRECTORY ${qx_command_pages})
+add_custom_command(OUTPUT ${qx_command_pages}/made
+  COMMAND ${CMAKE_COMMAND} -D QXCTL=$<TARGET_FILE:qxctl> -D SCDOC=${QX_SCDOC} -D DIR=${qx_command_pages}
+    -P ${CMAKE_CURRENT_LIST_DIR}/QxManualPages.cmake
+  COMMAND ${CMAKE_COMMAND} -E touch ${qx_command_pages}/made
+  DEPENDS qxctl ${CMAKE_CURRENT_LIST_DIR}/QxManualPages.cmake VERBATIM)
+install(DIRECTORY ${qx_command_pages}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools FILES_MATCHING
+  PATTERN "qxctl-*.1")
+
 add_custom_command(OUTPUT ${qx_completion_dir}/qxctl ${qx_completion_dir}/_qxctl
   COMMAND $<TARGET_FILE:qxctl> completion bash > qxctl
   COMMAND $<TARGET_FILE:qxctl> completion zsh > _qxctl
@@ -35,4 +46,5 @@ install(FILES ${qx_completion_dir}/qxctl
 install(FILES ${qx_completion_dir}/_qxctl
   DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools OPTIONAL)
 
-add_custom_target(qx_manual ALL DEPENDS ${qx_manual_pages} ${qx_completion_dir}/qxctl ${qx_completion_dir}/_qxctl)
+add_custom_target(qx_manual ALL DEPENDS ${qx_manual_pages} ${qx_command_pages}/made
+  ${qx_completion_dir}/qxctl ${qx_completion_dir}/_qxctl)

@@ -107,7 +107,11 @@ END
     page=$(basename "$source" .scd)
     head -n 20 "$QX_PREFIX/share/man/man${page##*.}/$page" | grep -q "^\.TH \"${page%.*}\" \"${page##*.}\""
   done
-  grep -q 'report verify' "$QX_PREFIX/share/man/man1/qxctl.1"
+  "$QX_PREFIX/bin/qxctl" _table | grep -o '"command": "qxctl [^"]*' | sed 's/"command": "//; s/ /-/g' >commands
+  [ "$(wc -l <commands)" -gt 40 ]
+  while read -r page; do
+    head -n 20 "$QX_PREFIX/share/man/man1/$page.1" | grep -q "^\.TH \"$page\" \"1\""
+  done <commands
   bash -n "$QX_PREFIX/share/bash-completion/completions/qxctl"
   head -n 1 "$QX_PREFIX/share/zsh/vendor-completions/_qxctl" | grep -qx '#compdef qxctl'
 }

@@ -41,6 +41,12 @@ TEST_F(QxctlCommandLine, HelpOfACommandShowsArgumentsOptionsAndLimits) {
             "  -h, --help                  Print this help message and exit\n"
             "  --slots NUMBER              Records that the ring keeps (required; 1 to 1073741823)\n"
             "\n"
+            "Examples:\n"
+            "  qxctl report create load --slots 1000\n"
+            "      Make a report of the report directory\n"
+            "  qxctl report create ./load --slots 3\n"
+            "      Make one in the working directory\n"
+            "\n"
             "--quiet, --verbose, --color, --trace and --trace-level can be given before or after any command\n");
 }
 

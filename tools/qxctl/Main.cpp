@@ -16,6 +16,7 @@
 #include "tools/qxctl/cli/describe/CompletionCommand.h"
 #include "tools/qxctl/cli/describe/HelpCommand.h"
 #include "tools/qxctl/cli/describe/HelpText.h"
+#include "tools/qxctl/cli/line/ParseCommand.h"
 #include "tools/qxctl/cli/line/Parser.h"
 #include "tools/qxctl/cli/text/JsonText.h"
 #include "tools/qxctl/doctor/DoctorCommand.h"
@@ -120,6 +121,7 @@ constexpr const Command* kCommands[] = {
     &qx::ctl::kReportNamesCommand,
     &qx::ctl::kTableCommand,
     &qx::ctl::kManCommand,
+    &qx::ctl::kParseCommand,
 };
 
 // A closed standard descriptor would be taken by the next file that is opened, and what we print would land in it. The

@@ -65,6 +65,12 @@ struct Parameter {
   std::array<std::string_view, 6> excludes = {};  // parameters that cannot be given together with this one
 };
 
+// A command line that the help and the manual page show.
+struct Example {
+  std::string_view line;  // for a shell: "qxctl fetch load --last 10"
+  std::string_view help;  // what it does: "Print the newest ten records"
+};
+
 constexpr bool IsOption(const Parameter& parameter) { return parameter.name.starts_with("--"); }
 
 // Headings of the overview that several areas use.
@@ -79,6 +85,7 @@ struct Command {
   std::string_view group = {};  // the heading in the overview; of a first word only
   Status (*run)(Context& context, const Values& values) = nullptr;
   std::array<std::span<const Parameter>, 8> parameters = {};  // its own, and those of several commands
+  std::span<const Example> examples = {};                     // at least one, unless it is hidden
   bool is_hidden = false;                                     // for scripts and the build, not for people
 };
 

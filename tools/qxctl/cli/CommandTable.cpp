@@ -42,6 +42,14 @@ Json ArgumentToJson(const Parameter& argument) {
           {"repeatable", argument.is_repeatable}};
 }
 
+Json ExamplesToJson(const Command& command) {
+  Json examples = Json::Array();
+  for (const Example& example : command.examples) {
+    examples.Append({{"line", example.line}, {"help", example.help}});
+  }
+  return examples;
+}
+
 // The document of `qxctl report info --json` follows the schema "qxctl-report-info".
 Json SchemaOf(const Command& command) {
   const std::vector<const Parameter*> options = OptionsOf(command);
@@ -62,7 +70,8 @@ Json CommandToJson(Commands commands, const Command& command) {
   for (const Parameter* const argument : ArgumentsOf(command)) arguments.Append(ArgumentToJson(*argument));
   return {{"command", FullName(command)},          {"help", command.help},
           {"subcommands", std::move(subcommands)}, {"options", std::move(options)},
-          {"arguments", std::move(arguments)},     {"schema", SchemaOf(command)}};
+          {"arguments", std::move(arguments)},     {"schema", SchemaOf(command)},
+          {"examples", ExamplesToJson(command)}};
 }
 
 }  // namespace
@@ -91,6 +100,17 @@ std::vector<const Parameter*> OptionsOf(const Command& command) {
   return options;
 }
 
+std::vector<OptionGroup> OptionGroupsOf(const Command& command) {
+  std::vector<OptionGroup> groups;
+  for (const Parameter* const option : OptionsOf(command)) {
+    auto group = std::find_if(groups.begin(), groups.end(),
+                              [&](const OptionGroup& known) { return known.name == option->group; });
+    if (group == groups.end()) group = groups.insert(groups.end(), {option->group, {}});
+    group->options.push_back(option);
+  }
+  return groups;
+}
+
 std::string FullName(const Command& command) {
   return command.words.empty() ? "qxctl" : "qxctl " + std::string(command.words);
 }
@@ -103,6 +123,17 @@ std::vector<const Command*> Subcommands(Commands commands, const Command& comman
     if (!each->words.empty() && WordsAbove(*each) == command.words) below.push_back(each);
   }
   return below;
+}
+
+std::vector<CommandGroup> CommandGroups(Commands commands) {
+  std::vector<CommandGroup> groups;
+  for (const Command* const command : Subcommands(commands, *commands.front())) {
+    auto group = std::find_if(groups.begin(), groups.end(),
+                              [&](const CommandGroup& known) { return known.heading == command->group; });
+    if (group == groups.end()) group = groups.insert(groups.end(), {command->group, {}});
+    group->commands.push_back(command);
+  }
+  return groups;
 }
 
 std::vector<const Command*> ShownCommands(Commands commands) {

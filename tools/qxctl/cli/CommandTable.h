@@ -24,6 +24,14 @@ std::vector<const Parameter*> ParametersOf(const Command& command);
 std::vector<const Parameter*> ArgumentsOf(const Command& command);
 std::vector<const Parameter*> OptionsOf(const Command& command);
 
+// The options of a command by heading, in the order in which the headings first occur. Those without a heading come
+// first, with --help.
+struct OptionGroup {
+  std::string_view name;  // empty for those without a heading
+  std::vector<const Parameter*> options;
+};
+std::vector<OptionGroup> OptionGroupsOf(const Command& command);
+
 // "qxctl report info"; "qxctl" for qxctl itself
 std::string FullName(const Command& command);
 // "info"
@@ -31,6 +39,12 @@ std::string_view LastWord(const Command& command);
 
 // The public commands one word below this one.
 std::vector<const Command*> Subcommands(Commands commands, const Command& command);
+// The first words of commands by heading, in the order in which the headings first occur.
+struct CommandGroup {
+  std::string_view heading;
+  std::vector<const Command*> commands;
+};
+std::vector<CommandGroup> CommandGroups(Commands commands);
 // Every public command.
 std::vector<const Command*> ShownCommands(Commands commands);
 

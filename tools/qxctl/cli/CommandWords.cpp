@@ -49,6 +49,19 @@ const Command* FindSubcommand(Commands commands, const Command& command, std::st
   return found == commands.end() ? nullptr : *found;
 }
 
+Status FindCommand(Commands commands, const std::vector<std::string>& words, const Command*& command) {
+  command = commands.front();
+  for (const std::string& word : words) {
+    const Command* const below = FindSubcommand(commands, *command, word);
+    const bool is_leaf = command->run != nullptr;
+    if (is_leaf)
+      return {ExitCode::kUsage, "\"" + word + "\" is one word too many: " + FullName(*command) + " has no commands"};
+    if (below == nullptr) return UnknownCommand(commands, *command, word);
+    command = below;
+  }
+  return {};
+}
+
 Status UnknownCommand(Commands commands, const Command& command, std::string_view word) {
   const std::string what = (command.words.empty() ? "there is no" : std::string(command.words) + " has no") +
                            " command \"" + Visible(word) + "\"";

@@ -1,7 +1,9 @@
 // The words of commands, and what is said about one that does not exist.
 #pragma once
 
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "tools/qxctl/cli/CommandTable.h"
 #include "tools/qxctl/cli/Status.h"
@@ -10,6 +12,9 @@ namespace qx::ctl {
 
 // The command one word below `command`, hidden ones included; null if it does not exist.
 const Command* FindSubcommand(Commands commands, const Command& command, std::string_view word);
+
+// The command or the group with these words; for none qxctl itself. kUsage if it does not exist.
+Status FindCommand(Commands commands, const std::vector<std::string>& words, const Command*& command);
 
 // kUsage for a word that no command below `command` has, with those that may have been meant. At the beginning of a
 // line this may be the last word of a command of a group.

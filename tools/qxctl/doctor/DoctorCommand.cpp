@@ -222,12 +222,18 @@ constexpr Parameter kParameters[] = {
     {.name = "--json", .help = "Print the findings as JSON", .excludes = {"--monitor"}},
 };
 
+constexpr Example kDoctorExamples[] = {
+    {"qxctl doctor", "Check everything and print commands that repair what is wrong"},
+    {"qxctl doctor --monitor --stale 10m", "Print one line for a monitoring system, silence included"},
+};
+
 }  // namespace
 
 constinit const Command kDoctorCommand = {.words = "doctor",
                                           .help = "Check everything that the module needs to serve",
                                           .group = kTroubleHeading,
                                           .run = Doctor,
-                                          .parameters = {kParameters}};
+                                          .parameters = {kParameters},
+                                          .examples = kDoctorExamples};
 
 }  // namespace qx::ctl

@@ -68,12 +68,19 @@ constexpr Parameter kParameters[] = {
     {.name = "--json", .help = "Print the explanations as JSON"},
 };
 
+constexpr Example kExplainExamples[] = {
+    {"qxctl explain 1313", "Explain a number of a reply or a trace"},
+    {"qxctl explain QX301", "Explain a finding of qxctl doctor"},
+    {"qxctl explain --list", "List everything that can be explained"},
+};
+
 }  // namespace
 
 constinit const Command kExplainCommand = {.words = "explain",
                                            .help = "Explain a code or a line of a trace",
                                            .group = kTroubleHeading,
                                            .run = ExplainAll,
-                                           .parameters = {kParameters}};
+                                           .parameters = {kParameters},
+                                           .examples = kExplainExamples};
 
 }  // namespace qx::ctl

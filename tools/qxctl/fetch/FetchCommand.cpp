@@ -257,6 +257,14 @@ constexpr Parameter kResumeParameters[] = {
      .excludes = {"--plot", "--last", "--since", "--until", "--grep", "--reverse"}},
 };
 
+constexpr Example kFetchExamples[] = {
+    {"qxctl fetch load -o load.txt", "Write all records to a file"},
+    {"qxctl fetch load --last 10", "Print the newest ten records"},
+    {"qxctl fetch load --since -1h --grep error", "Print those of the last hour that contain a word"},
+    {"qxctl fetch load --resume load.state -o load.txt", "Append what is new since the last run"},
+    {"qxctl fetch load --format csv --fields ' '", "Print the records as a table"},
+};
+
 }  // namespace
 
 constinit const Command kFetchCommand = {
@@ -265,6 +273,7 @@ constinit const Command kFetchCommand = {
     .group = kReportsHeading,
     .run = Fetch,
     .parameters = {kReportParameter, kParameters, kRecordSliceParameters, kRecordPrintParameters, kResumeParameters,
-                   kModuleParameters, kBlockParameters}};
+                   kModuleParameters, kBlockParameters},
+    .examples = kFetchExamples};
 
 }  // namespace qx::ctl

@@ -296,6 +296,12 @@ constexpr Parameter kJsonParameters[] = {
      .excludes = {"--plot", "--format"}},
 };
 
+constexpr Example kFollowExamples[] = {
+    {"qxctl follow load --last 10", "Print the newest ten records, then every new one"},
+    {"qxctl follow load --from-now --grep error --wait",
+     "Print new records that contain a word, also of a report that does not exist yet"},
+};
+
 }  // namespace
 
 constinit const Command kFollowCommand = {
@@ -304,6 +310,7 @@ constinit const Command kFollowCommand = {
     .group = kReportsHeading,
     .run = RunFollow,
     .parameters = {kReportParameter, kParameters, kFollowSliceParameters, kRecordPrintParameters, kJsonParameters,
-                   kModuleParameters, kBlockParameters}};
+                   kModuleParameters, kBlockParameters},
+    .examples = kFollowExamples};
 
 }  // namespace qx::ctl

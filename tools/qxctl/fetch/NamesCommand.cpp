@@ -57,6 +57,10 @@ constexpr Parameter kParameters[] = {
     {.name = "--json", .help = "Print the list as JSON"},
 };
 
+constexpr Example kNamesExamples[] = {
+    {"qxctl names load", "List the instance names of a report"},
+};
+
 }  // namespace
 
 constinit const Command kNamesCommand = {
@@ -64,6 +68,7 @@ constinit const Command kNamesCommand = {
     .help = "List the instance names of a report through the module",
     .group = kReportsHeading,
     .run = Names,
-    .parameters = {kReportParameter, kParameters, kModuleParameters, kBlockParameters}};
+    .parameters = {kReportParameter, kParameters, kModuleParameters, kBlockParameters},
+    .examples = kNamesExamples};
 
 }  // namespace qx::ctl

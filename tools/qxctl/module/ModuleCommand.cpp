@@ -167,28 +167,52 @@ constexpr Parameter kRangeParameters[] = {
      .excludes = {"--input"}},
 };
 
+constexpr Example kModuleWhatExamples[] = {
+    {"qxctl module what", "Show name and version of the module"},
+    {"qxctl module what --module build/QXRemConXfer.so", "Show those of another build"},
+};
+
+constexpr Example kModuleReflectExamples[] = {
+    {"qxctl module reflect --input '<a x=\"1\"/>'", "Send a document to the module and print its echo"},
+    {"qxctl module reflect --input @request.xml --json", "Send the document of a file, print the result as JSON"},
+};
+
+constexpr Example kModuleReportsExamples[] = {
+    {"qxctl module reports load --start 0 --records 10", "Request the oldest ten records"},
+    {"qxctl module reports load --user bob --privilege AccessPerformanceMgr",
+     "Request them as a user who has the privilege"},
+};
+
+constexpr Example kModuleNamesExamples[] = {
+    {"qxctl module names load", "Print the reply with the instance names of a report"},
+};
+
 }  // namespace
 
 constinit const Command kModuleWhatCommand = {.words = "module what",
                                               .help = "Ask the module who it is",
                                               .run = What,
-                                              .parameters = {kParameters, kModuleParameters, kBlockParameters}};
+                                              .parameters = {kParameters, kModuleParameters, kBlockParameters},
+                                              .examples = kModuleWhatExamples};
 
 constinit const Command kModuleReflectCommand = {.words = "module reflect",
                                                  .help = "Have a document echoed",
                                                  .run = Reflect,
-                                                 .parameters = {kParameters, kModuleParameters, kBlockParameters}};
+                                                 .parameters = {kParameters, kModuleParameters, kBlockParameters},
+                                                 .examples = kModuleReflectExamples};
 
 constinit const Command kModuleReportsCommand = {
     .words = "module reports",
     .help = "Ask for records of a report, once",
     .run = Reports,
-    .parameters = {kParameters, kModuleParameters, kBlockParameters, kNameParameters, kRangeParameters}};
+    .parameters = {kParameters, kModuleParameters, kBlockParameters, kNameParameters, kRangeParameters},
+    .examples = kModuleReportsExamples};
 
 constinit const Command kModuleNamesCommand = {
     .words = "module names",
     .help = "Ask for the instance names of a report",
     .run = Names,
-    .parameters = {kParameters, kModuleParameters, kBlockParameters, kNameParameters}};
+    .parameters = {kParameters, kModuleParameters, kBlockParameters, kNameParameters},
+    .examples = kModuleNamesExamples};
 
 }  // namespace qx::ctl

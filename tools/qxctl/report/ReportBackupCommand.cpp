@@ -323,16 +323,27 @@ constexpr Parameter kRestoreParameters[] = {
     {.name = "--consume", .help = "Remove the backup once it is restored", .needs = "--apply"},
 };
 
+constexpr Example kReportBackupExamples[] = {
+    {"qxctl report backup backups/monday", "Copy the report directory"},
+};
+
+constexpr Example kReportRestoreExamples[] = {
+    {"qxctl report restore backups/monday", "Show what would be restored"},
+    {"qxctl report restore backups/monday --apply", "Restore it"},
+};
+
 }  // namespace
 
 constinit const Command kReportBackupCommand = {.words = "report backup",
                                                 .help = "Copy the report directory, each report consistent by itself",
                                                 .run = Backup,
-                                                .parameters = {kParameters}};
+                                                .parameters = {kParameters},
+                                                .examples = kReportBackupExamples};
 
 constinit const Command kReportRestoreCommand = {.words = "report restore",
                                                  .help = "Say what restoring a backup would replace, or restore it",
                                                  .run = Restore,
-                                                 .parameters = {kParameters, kRestoreParameters}};
+                                                 .parameters = {kParameters, kRestoreParameters},
+                                                 .examples = kReportRestoreExamples};
 
 }  // namespace qx::ctl

@@ -257,16 +257,27 @@ constexpr Parameter kSalvageParameters[] = {
     {.name = "--indexed-only", .help = "Leave out lines that no slot leads to"},
 };
 
+constexpr Example kReportVerifyExamples[] = {
+    {"qxctl report verify load", "Check one report"},
+    {"qxctl report verify --all --quiet", "Check every report"},
+};
+
+constexpr Example kReportSalvageExamples[] = {
+    {"qxctl report salvage load --into saved/", "Save the records of a damaged report into a directory"},
+};
+
 }  // namespace
 
 constinit const Command kReportVerifyCommand = {.words = "report verify",
                                                 .help = "Check a report's files against what their writer leaves",
                                                 .run = Verify,
-                                                .parameters = {kReportsOrAllParameters, kParameters}};
+                                                .parameters = {kReportsOrAllParameters, kParameters},
+                                                .examples = kReportVerifyExamples};
 
 constinit const Command kReportSalvageCommand = {.words = "report salvage",
                                                  .help = "Save what is left of a damaged report into a new one",
                                                  .run = Salvage,
-                                                 .parameters = {kReportParameter, kParameters, kSalvageParameters}};
+                                                 .parameters = {kReportParameter, kParameters, kSalvageParameters},
+                                                 .examples = kReportSalvageExamples};
 
 }  // namespace qx::ctl

@@ -355,27 +355,52 @@ constexpr Parameter kAppendParameters[] = {
 
 constexpr Parameter kInfoParameters[] = {{.name = "--json", .help = "Print them as JSON"}};
 
+constexpr Example kReportCreateExamples[] = {
+    {"qxctl report create load --slots 1000", "Make a report of the report directory"},
+    {"qxctl report create ./load --slots 3", "Make one in the working directory"},
+};
+
+constexpr Example kReportAppendExamples[] = {
+    {"qxctl report append load '09:00 load 0.12'", "Append a record"},
+    {"vmstat 1 10 | qxctl report append load -", "Append each line of another program"},
+};
+
+constexpr Example kReportCatExamples[] = {
+    {"qxctl report cat load", "Print all records"},
+    {"qxctl report cat load --since yesterday --reverse", "Print those since yesterday, the newest first"},
+    {"qxctl report cat load --plot cpu", "Draw a number of each record"},
+};
+
+constexpr Example kReportInfoExamples[] = {
+    {"qxctl report info load", "Print the header and the sizes of a report"},
+    {"qxctl report info --all --json", "Print those of all reports as JSON"},
+};
+
 }  // namespace
 
 constinit const Command kReportCreateCommand = {.words = "report create",
                                                 .help = "Make a new, empty report",
                                                 .run = Create,
-                                                .parameters = {kReportParameter, kCreateParameters}};
+                                                .parameters = {kReportParameter, kCreateParameters},
+                                                .examples = kReportCreateExamples};
 
 constinit const Command kReportAppendCommand = {.words = "report append",
                                                 .help = "Append records",
                                                 .run = Append,
-                                                .parameters = {kReportParameter, kAppendParameters}};
+                                                .parameters = {kReportParameter, kAppendParameters},
+                                                .examples = kReportAppendExamples};
 
 constinit const Command kReportCatCommand = {
     .words = "report cat",
     .help = "Print the records, oldest first",
     .run = Cat,
-    .parameters = {kReportsParameter, kRecordSliceParameters, kRecordPrintParameters}};
+    .parameters = {kReportsParameter, kRecordSliceParameters, kRecordPrintParameters},
+    .examples = kReportCatExamples};
 
 constinit const Command kReportInfoCommand = {.words = "report info",
                                               .help = "Print the header and the sizes",
                                               .run = Info,
-                                              .parameters = {kReportsOrAllParameters, kInfoParameters}};
+                                              .parameters = {kReportsOrAllParameters, kInfoParameters},
+                                              .examples = kReportInfoExamples};
 
 }  // namespace qx::ctl

@@ -235,16 +235,28 @@ constexpr Parameter kStatusParameters[] = {
     {.name = "--json", .help = "Print it as JSON"},
 };
 
+constexpr Example kReportListExamples[] = {
+    {"qxctl report list", "List the reports of the report directory"},
+    {"qxctl report list --reports backups/monday", "List those of a backup"},
+};
+
+constexpr Example kReportStatusExamples[] = {
+    {"qxctl report status", "Check every report"},
+    {"qxctl report status load disk/sda", "Check two reports"},
+};
+
 }  // namespace
 
 constinit const Command kReportListCommand = {.words = "report list",
                                               .help = "List all reports with size, age and state",
                                               .run = List,
-                                              .parameters = {kListParameters}};
+                                              .parameters = {kListParameters},
+                                              .examples = kReportListExamples};
 
 constinit const Command kReportStatusCommand = {.words = "report status",
                                                 .help = "Check reports and show size, age, state and writers",
                                                 .run = ShowStatus,
-                                                .parameters = {kStatusParameters}};
+                                                .parameters = {kStatusParameters},
+                                                .examples = kReportStatusExamples};
 
 }  // namespace qx::ctl

@@ -167,16 +167,27 @@ constexpr Parameter kGetParameters[] = {
     {.name = "KEY", .kind = ValueKind::kText, .help = "The key's name", .is_required = true},
 };
 
+constexpr Example kIniListExamples[] = {
+    {"qxctl ini list limits.ini", "List the sections"},
+    {"qxctl ini list limits.ini Limits", "List the entries of a section"},
+};
+
+constexpr Example kIniGetExamples[] = {
+    {"qxctl ini get limits.ini Limits high", "Print one value"},
+};
+
 }  // namespace
 
 constinit const Command kIniListCommand = {.words = "ini list",
                                            .help = "List the sections of a file, or the entries of a section",
                                            .run = List,
-                                           .parameters = {kFileParameters, kListParameters}};
+                                           .parameters = {kFileParameters, kListParameters},
+                                           .examples = kIniListExamples};
 
 constinit const Command kIniGetCommand = {.words = "ini get",
                                           .help = "Print one value as a reader gets it",
                                           .run = Get,
-                                          .parameters = {kFileParameters, kGetParameters}};
+                                          .parameters = {kFileParameters, kGetParameters},
+                                          .examples = kIniGetExamples};
 
 }  // namespace qx::ctl

@@ -227,24 +227,42 @@ constexpr Parameter kCopyParameters[] = {
     {.name = "--create", .help = "Create the file if it is missing"},
 };
 
+constexpr Example kIniSetExamples[] = {
+    {"qxctl ini set limits.ini Limits high 95", "Show what would change"},
+    {"qxctl ini set limits.ini Limits high 95 --create --apply", "Change it, and make the file if it is missing"},
+};
+
+constexpr Example kIniDeleteExamples[] = {
+    {"qxctl ini delete limits.ini Limits high --apply", "Delete an entry"},
+    {"qxctl ini delete limits.ini Limits --apply", "Delete a section"},
+};
+
+constexpr Example kIniCopyExamples[] = {
+    {"qxctl ini copy limits.ini Limits Night --apply", "Copy the entries into another section"},
+    {"qxctl ini copy limits.ini Limits --to other.ini --create --apply", "Copy them into another file"},
+};
+
 }  // namespace
 
 constinit const Command kIniSetCommand = {
     .words = "ini set",
     .help = "Set one value, leaving every other line as it is",
     .run = Set,
-    .parameters = {kSectionParameters, kEditParameters, kForceParameters, kSetParameters}};
+    .parameters = {kSectionParameters, kEditParameters, kForceParameters, kSetParameters},
+    .examples = kIniSetExamples};
 
 constinit const Command kIniDeleteCommand = {
     .words = "ini delete",
     .help = "Delete a key, or a section",
     .run = Delete,
-    .parameters = {kSectionParameters, kEditParameters, kForceParameters, kDeleteParameters}};
+    .parameters = {kSectionParameters, kEditParameters, kForceParameters, kDeleteParameters},
+    .examples = kIniDeleteExamples};
 
 constinit const Command kIniCopyCommand = {
     .words = "ini copy",
     .help = "Copy the entries of a section into another",
     .run = Copy,
-    .parameters = {kSectionParameters, kEditParameters, kForceParameters, kCopyParameters}};
+    .parameters = {kSectionParameters, kEditParameters, kForceParameters, kCopyParameters},
+    .examples = kIniCopyExamples};
 
 }  // namespace qx::ctl

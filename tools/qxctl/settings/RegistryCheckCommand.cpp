@@ -160,21 +160,39 @@ constexpr Parameter kExportParameters[] = {
 
 constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print as JSON"}};
 
+constexpr Example kRegistryDiffExamples[] = {
+    {"qxctl registry diff backup.reg", "Compare a backup with the registry"},
+    {"qxctl registry diff old.reg new.reg --json", "Compare two files"},
+};
+
+constexpr Example kRegistryExportExamples[] = {
+    {"qxctl registry export > backup.reg", "Write the whole registry to a file"},
+    {"qxctl registry export HKEY_LOCAL_MACHINE/SOFTWARE software.reg", "Write one key with everything in it"},
+};
+
+constexpr Example kRegistryLintExamples[] = {
+    {"qxctl registry lint", "Check the registry"},
+    {"qxctl registry lint --file new.reg", "Check a file before it is imported"},
+};
+
 }  // namespace
 
 constinit const Command kRegistryDiffCommand = {.words = "registry diff",
                                                 .help = "Compare two registry files by keys and values",
                                                 .run = Diff,
-                                                .parameters = {kRegistryParameters, kDiffParameters, kJsonParameters}};
+                                                .parameters = {kRegistryParameters, kDiffParameters, kJsonParameters},
+                                                .examples = kRegistryDiffExamples};
 
 constinit const Command kRegistryExportCommand = {.words = "registry export",
                                                   .help = "Write a key with everything in it as a registry file",
                                                   .run = Export,
-                                                  .parameters = {kRegistryParameters, kExportParameters}};
+                                                  .parameters = {kRegistryParameters, kExportParameters},
+                                                  .examples = kRegistryExportExamples};
 
 constinit const Command kRegistryLintCommand = {.words = "registry lint",
                                                 .help = "Find what a load of the file drops, changes or misreads",
                                                 .run = Lint,
-                                                .parameters = {kRegistryParameters, kJsonParameters}};
+                                                .parameters = {kRegistryParameters, kJsonParameters},
+                                                .examples = kRegistryLintExamples};
 
 }  // namespace qx::ctl

@@ -197,16 +197,28 @@ constexpr Parameter kGetParameters[] = {
 
 constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print as JSON"}};
 
+constexpr Example kRegistryLsExamples[] = {
+    {"qxctl registry ls -r", "Print the whole registry"},
+    {"qxctl registry ls HKEY_LOCAL_MACHINE/SOFTWARE", "Print the values and subkeys of a key"},
+};
+
+constexpr Example kRegistryGetExamples[] = {
+    {"qxctl registry get 'HKEY_LOCAL_MACHINE/SOFTWARE/Dremlor/Management/Server Control/Setup' ReportRoot",
+     "Print the report directory"},
+};
+
 }  // namespace
 
 constinit const Command kRegistryLsCommand = {.words = "registry ls",
                                               .help = "List the values and subkeys of a key",
                                               .run = List,
-                                              .parameters = {kListParameters, kRegistryParameters, kJsonParameters}};
+                                              .parameters = {kListParameters, kRegistryParameters, kJsonParameters},
+                                              .examples = kRegistryLsExamples};
 
 constinit const Command kRegistryGetCommand = {.words = "registry get",
                                                .help = "Print one value",
                                                .run = Get,
-                                               .parameters = {kGetParameters, kRegistryParameters, kJsonParameters}};
+                                               .parameters = {kGetParameters, kRegistryParameters, kJsonParameters},
+                                               .examples = kRegistryGetExamples};
 
 }  // namespace qx::ctl

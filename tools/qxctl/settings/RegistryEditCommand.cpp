@@ -372,24 +372,42 @@ constexpr Parameter kImportParameters[] = {
      .help = "Empty this key first, so that it becomes as in FILE; \"\": everything"},
 };
 
+constexpr Example kRegistrySetExamples[] = {
+    {"qxctl registry set HKEY_LOCAL_MACHINE/SOFTWARE Count 7 --type dword", "Show what would change"},
+    {"qxctl registry set HKEY_LOCAL_MACHINE/SOFTWARE Count 7 --type dword --apply", "Change it"},
+};
+
+constexpr Example kRegistryDeleteExamples[] = {
+    {"qxctl registry delete HKEY_LOCAL_MACHINE/SOFTWARE Count --apply", "Delete a value"},
+    {"qxctl registry delete HKEY_LOCAL_MACHINE/SOFTWARE/Old --recursive --apply", "Delete a key with everything in it"},
+};
+
+constexpr Example kRegistryImportExamples[] = {
+    {"qxctl registry import new.reg --apply", "Set the values of a file, keep the others"},
+    {"qxctl registry import backup.reg --replace '' --apply", "Make the registry equal to a file"},
+};
+
 }  // namespace
 
 constinit const Command kRegistrySetCommand = {
     .words = "registry set",
     .help = "Set one value, making the keys on its path",
     .run = Set,
-    .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kSetParameters}};
+    .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kSetParameters},
+    .examples = kRegistrySetExamples};
 
 constinit const Command kRegistryDeleteCommand = {
     .words = "registry delete",
     .help = "Delete one value, or a key",
     .run = Delete,
-    .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kDeleteParameters}};
+    .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kDeleteParameters},
+    .examples = kRegistryDeleteExamples};
 
 constinit const Command kRegistryImportCommand = {
     .words = "registry import",
     .help = "Take over the keys and values of another registry file",
     .run = Import,
-    .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kImportParameters}};
+    .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kImportParameters},
+    .examples = kRegistryImportExamples};
 
 }  // namespace qx::ctl

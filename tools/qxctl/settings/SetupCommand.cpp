@@ -192,12 +192,18 @@ constexpr Parameter kParameters[] = {
     {.name = "--json", .help = "Print as JSON"},
 };
 
+constexpr Example kSetupExamples[] = {
+    {"qxctl setup --reports /srv/reports", "Show what would be made"},
+    {"qxctl setup --reports /srv/reports --apply", "Make it"},
+};
+
 }  // namespace
 
 constinit const Command kSetupCommand = {.words = "setup",
                                          .help = "Make a first registry with its directories, or show what is missing",
                                          .group = "Settings",
                                          .run = RunSetup,
-                                         .parameters = {kParameters}};
+                                         .parameters = {kParameters},
+                                         .examples = kSetupExamples};
 
 }  // namespace qx::ctl

@@ -89,11 +89,17 @@ constexpr Parameter kParameters[] = {
     {.name = "--json", .help = "Print them as JSON"},
 };
 
+constexpr Example kTraceConfigExamples[] = {
+    {"qxctl trace config", "Print the settings of the module's traces"},
+    {"qxctl trace config --app QxTrace", "Print those of another application"},
+};
+
 }  // namespace
 
 constinit const Command kTraceConfigCommand = {.words = "trace config",
                                                .help = "Print each trace setting and where it comes from",
                                                .run = Config,
-                                               .parameters = {kParameters}};
+                                               .parameters = {kParameters},
+                                               .examples = kTraceConfigExamples};
 
 }  // namespace qx::ctl

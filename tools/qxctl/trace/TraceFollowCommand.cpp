@@ -106,12 +106,17 @@ constexpr Parameter kParameters[] = {
 
 constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print each entry as one line of JSON"}};
 
+constexpr Example kTraceFollowExamples[] = {
+    {"qxctl trace follow log.qxtrace --from-now", "Print entries as they are written"},
+};
+
 }  // namespace
 
 constinit const Command kTraceFollowCommand = {
     .words = "trace follow",
     .help = "Print the entries of a trace file as they are written, until ^C",
     .run = Follow,
-    .parameters = {kParameters, kTraceFilterParameters, kTraceFollowSliceParameters, kJsonParameters}};
+    .parameters = {kParameters, kTraceFilterParameters, kTraceFollowSliceParameters, kJsonParameters},
+    .examples = kTraceFollowExamples};
 
 }  // namespace qx::ctl

@@ -314,12 +314,19 @@ constexpr Parameter kJsonParameters[] = {
     {.name = "--json", .help = "Print files, entries and findings as JSON"},
 };
 
+constexpr Example kTraceShowExamples[] = {
+    {"qxctl trace show", "Print the entries of the module's traces"},
+    {"qxctl trace show --level error --since today", "Print the errors of today"},
+    {"qxctl trace show log.qxtrace --last 20 --json", "Print the newest 20 entries of a file as JSON"},
+};
+
 }  // namespace
 
 constinit const Command kTraceShowCommand = {
     .words = "trace show",
     .help = "Print the entries of trace files in the order of time",
     .run = Show,
-    .parameters = {kPathParameters, kTraceFilterParameters, kTraceSliceParameters, kJsonParameters}};
+    .parameters = {kPathParameters, kTraceFilterParameters, kTraceSliceParameters, kJsonParameters},
+    .examples = kTraceShowExamples};
 
 }  // namespace qx::ctl

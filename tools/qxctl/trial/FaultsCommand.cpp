@@ -251,11 +251,17 @@ constexpr Parameter kParameters[] = {
     {.name = "--json", .help = "Print the outcomes as JSON"},
 };
 
+constexpr Example kFaultsExamples[] = {
+    {"qxctl module faults", "Try all cases"},
+    {"qxctl module faults block order/version", "Try a group of cases and a single case"},
+};
+
 }  // namespace
 
 constinit const Command kFaultsCommand = {.words = "module faults",
                                           .help = "Call the module as a bad host would, each case in a child",
                                           .run = Faults,
-                                          .parameters = {kParameters, kModuleParameters}};
+                                          .parameters = {kParameters, kModuleParameters},
+                                          .examples = kFaultsExamples};
 
 }  // namespace qx::ctl

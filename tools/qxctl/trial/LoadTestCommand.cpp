@@ -331,11 +331,18 @@ constexpr Parameter kParameters[] = {
     {.name = "--json", .help = "Print the figures as JSON"},
 };
 
+constexpr Example kLoadTestExamples[] = {
+    {"qxctl module load-test --threads 16 --requests 1000000", "Make a million requests from 16 threads"},
+    {"qxctl module load-test --report load --exact --duration 60",
+     "Transfer a report for a minute and compare every byte"},
+};
+
 }  // namespace
 
 constinit const Command kLoadTestCommand = {.words = "module load-test",
                                             .help = "Call the module from many threads and check every reply",
                                             .run = LoadTest,
-                                            .parameters = {kParameters, kModuleParameters, kBlockParameters}};
+                                            .parameters = {kParameters, kModuleParameters, kBlockParameters},
+                                            .examples = kLoadTestExamples};
 
 }  // namespace qx::ctl

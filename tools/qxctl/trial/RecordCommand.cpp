@@ -185,11 +185,17 @@ constexpr Parameter kParameters[] = {
     {.name = "--force", .help = "Replace a file that exists"},
 };
 
+constexpr Example kRecordExamples[] = {
+    {"qxctl module record call.json what", "Keep one call in a file"},
+    {"qxctl module record calls/ reports load --transfer", "Keep every call of a transfer in a directory"},
+};
+
 }  // namespace
 
 constinit const Command kRecordCommand = {.words = "module record",
                                           .help = "Make a call and keep it as a file",
                                           .run = Record,
-                                          .parameters = {kParameters, kModuleParameters, kBlockParameters}};
+                                          .parameters = {kParameters, kModuleParameters, kBlockParameters},
+                                          .examples = kRecordExamples};
 
 }  // namespace qx::ctl

@@ -201,11 +201,17 @@ constexpr Parameter kParameters[] = {
     {.name = "--force", .help = "Also read files of other users"},
 };
 
+constexpr Example kReplayExamples[] = {
+    {"qxctl module replay calls/", "Repeat the calls of a directory and compare the replies"},
+    {"qxctl module replay call.json --ignore version,date", "Compare two builds without version and date"},
+};
+
 }  // namespace
 
 constinit const Command kReplayCommand = {.words = "module replay",
                                           .help = "Make recorded calls again and compare what comes back",
                                           .run = Replay,
-                                          .parameters = {kParameters, kModuleParameters}};
+                                          .parameters = {kParameters, kModuleParameters},
+                                          .examples = kReplayExamples};
 
 }  // namespace qx::ctl

@@ -1,8 +1,10 @@
 #include "tools/qxctl/cli/describe/CompletionCommand.h"
 
 #include <string>
+#include <vector>
 
 #include "tools/qxctl/cli/CommandTable.h"
+#include "tools/qxctl/cli/CommandWords.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Input.h"
 #include "tools/qxctl/cli/Values.h"
@@ -27,7 +29,8 @@ Status PrintCompletion(Context& context, const Values& values) {
 
 Status PrintTable(Context& context, const Values&) { return context.output.Document(ToJson(context.commands)); }
 
-Status PrintMan(Context& context, const Values&) {
+// qxctl(1): the page on standard input with its sections filled in.
+Status PrintOverviewPage(Context& context) {
   std::string page;
   if (Status status = ReadArgument("@-", page); !status.IsOk()) return status;
   const std::size_t at = page.find(kPlaceOfSections);
@@ -35,14 +38,33 @@ Status PrintMan(Context& context, const Values&) {
   return context.output.Data(page.replace(at, kPlaceOfSections.size(), ManSections(context.commands)));
 }
 
+Status PrintMan(Context& context, const Values& values) {
+  const std::vector<std::string> words = values.Texts("COMMAND");
+  if (words.empty()) return PrintOverviewPage(context);
+  const Command* command = nullptr;
+  if (Status status = FindCommand(context.commands, words, command); !status.IsOk()) return status;
+  return context.output.Data(ManPage(context.commands, *command));
+}
+
+constexpr Parameter kManParameters[] = {
+    {.name = "COMMAND", .kind = ValueKind::kText, .help = "The words of the command", .is_repeatable = true},
+};
+
+constexpr Example kCompletionExamples[] = {
+    {"qxctl completion bash", "Print the script for bash"},
+    {"qxctl completion zsh", "Print the script for zsh"},
+};
+
 }  // namespace
 
 constinit const Command kCompletionCommand = {.words = "completion",
                                               .help = "Print a completion script for a shell",
                                               .group = kToolHeading,
                                               .run = PrintCompletion,
-                                              .parameters = {kParameters}};
+                                              .parameters = {kParameters},
+                                              .examples = kCompletionExamples};
 constinit const Command kTableCommand = {.words = "_table", .help = "", .run = PrintTable, .is_hidden = true};
-constinit const Command kManCommand = {.words = "_man", .help = "", .run = PrintMan, .is_hidden = true};
+constinit const Command kManCommand = {
+    .words = "_man", .help = "", .run = PrintMan, .parameters = {kManParameters}, .is_hidden = true};
 
 }  // namespace qx::ctl

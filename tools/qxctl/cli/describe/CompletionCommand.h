@@ -1,4 +1,4 @@
-// qxctl completion bash|zsh, and the output for the build and the tests: the table and the manual page.
+// qxctl completion SHELL, and the output for the build and the tests: the table and the manual pages.
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"
@@ -7,6 +7,6 @@ namespace qx::ctl {
 
 extern const Command kCompletionCommand;
 extern const Command kTableCommand;  // _table: the commands as a JSON document
-extern const Command kManCommand;    // _man: the page on standard input, with its sections filled in
+extern const Command kManCommand;    // _man COMMAND: its page; without COMMAND that on standard input, filled in
 
 }  // namespace qx::ctl

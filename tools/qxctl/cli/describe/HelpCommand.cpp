@@ -16,15 +16,9 @@ constexpr Parameter kParameters[] = {
 };
 
 Status Help(Context& context, const Values& values) {
-  const Command* command = context.commands.front();
-  for (const std::string& word : values.Texts("COMMAND")) {
-    const Command* const below = FindSubcommand(context.commands, *command, word);
-    const bool is_leaf = command->run != nullptr;
-    if (is_leaf)
-      return {ExitCode::kUsage, "\"" + word + "\" is one word too many: " + FullName(*command) + " has no commands"};
-    if (below == nullptr) return UnknownCommand(context.commands, *command, word);
-    command = below;
-  }
+  const Command* command = nullptr;
+  Status found = FindCommand(context.commands, values.Texts("COMMAND"), command);
+  if (!found.IsOk()) return found;
   return context.output.Data(HelpText(context.commands, *command));
 }
 
@@ -32,14 +26,27 @@ Status Version(Context& context, const Values&) {
   return context.output.Data("qxctl " + std::string(context.version) + "\n");
 }
 
+constexpr Example kHelpExamples[] = {
+    {"qxctl help", "Describe the options that every command has"},
+    {"qxctl help report cat", "Describe a command"},
+};
+
+constexpr Example kVersionExamples[] = {
+    {"qxctl version", "Print the version"},
+};
+
 }  // namespace
 
 constinit const Command kHelpCommand = {.words = "help",
                                         .help = "Describe a command, or what every command has",
                                         .group = kToolHeading,
                                         .run = Help,
-                                        .parameters = {kParameters}};
-constinit const Command kVersionCommand = {
-    .words = "version", .help = "Print the version", .group = kToolHeading, .run = Version};
+                                        .parameters = {kParameters},
+                                        .examples = kHelpExamples};
+constinit const Command kVersionCommand = {.words = "version",
+                                           .help = "Print the version",
+                                           .group = kToolHeading,
+                                           .run = Version,
+                                           .examples = kVersionExamples};
 
 }  // namespace qx::ctl

@@ -53,24 +53,22 @@ std::string ArgumentLines(const Command& command) {
   return text.empty() ? "" : "\nArguments:\n" + text;
 }
 
-// The groups in the order in which they first occur; "Options" has no name in the table and comes first, with --help.
+// "Options" has no name in the table.
 std::string OptionLines(const Command& command) {
-  std::vector<std::string_view> groups;
-  std::vector<std::string> lines;
-  for (const Parameter* const option : OptionsOf(command)) {
-    const auto known = std::find(groups.begin(), groups.end(), option->group);
-    const auto at = static_cast<std::size_t>(known - groups.begin());
-    if (known == groups.end()) {
-      groups.push_back(option->group);
-      lines.emplace_back();
-    }
-    lines[at] += Line(ShownOption(*option), HelpWithRemarks(*option));
-  }
   std::string text;
-  for (std::size_t i = 0; i < groups.size(); ++i) {
-    text += "\n" + std::string(groups[i].empty() ? "Options" : groups[i]) + ":\n" + lines[i];
+  for (const OptionGroup& group : OptionGroupsOf(command)) {
+    text += "\n" + std::string(group.name.empty() ? "Options" : group.name) + ":\n";
+    for (const Parameter* const option : group.options) text += Line(ShownOption(*option), HelpWithRemarks(*option));
   }
   return text;
+}
+
+std::string ExampleLines(const Command& command) {
+  std::string text;
+  for (const Example& example : command.examples) {
+    text += "  " + std::string(example.line) + "\n      " + std::string(example.help) + "\n";
+  }
+  return text.empty() ? "" : "\nExamples:\n" + text;
 }
 
 std::string CommandLines(const std::vector<const Command*>& below) {
@@ -88,16 +86,6 @@ std::string NamesOfGlobalOptions(const Command& qxctl) {
   const std::string last = names.back();
   names.pop_back();
   return Joined(names, ", ") + " and " + last;
-}
-
-// The headings of the overview in the order in which they first occur.
-std::vector<std::string_view> Headings(const std::vector<const Command*>& commands) {
-  std::vector<std::string_view> headings;
-  for (const Command* const command : commands) {
-    const bool is_new = std::find(headings.begin(), headings.end(), command->group) == headings.end();
-    if (is_new) headings.push_back(command->group);
-  }
-  return headings;
 }
 
 // "  ini                         Look into a profile file, change it\n", for a group with a line of its commands
@@ -118,13 +106,10 @@ std::string CallOf(const Command& command) {
 }
 
 std::string OverviewText(Commands commands) {
-  const std::vector<const Command*> first_words = Subcommands(commands, *commands.front());
   std::string text = std::string(commands.front()->help) + "\n";
-  for (const std::string_view heading : Headings(first_words)) {
-    text += "\n" + std::string(heading.empty() ? "Others" : heading) + ":\n";
-    for (const Command* const command : first_words) {
-      if (command->group == heading) text += OverviewLines(commands, *command);
-    }
+  for (const CommandGroup& group : CommandGroups(commands)) {
+    text += "\n" + std::string(group.heading.empty() ? "Others" : group.heading) + ":\n";
+    for (const Command* const command : group.commands) text += OverviewLines(commands, *command);
   }
   return text + "\n\"qxctl help COMMAND\" describes a command, \"qxctl --help\" the options of every command\n";
 }
@@ -138,7 +123,7 @@ std::string HelpText(Commands commands, const Command& command) {
   const std::vector<const Command*> below = Subcommands(commands, command);
   const Command& qxctl = *commands.front();
   std::string text = std::string(command.help) + "\nUsage: " + CallOf(command) + "\n" + ArgumentLines(command) +
-                     OptionLines(command) + CommandLines(below);
+                     OptionLines(command) + CommandLines(below) + ExampleLines(command);
   if (&command != &qxctl) text += "\n" + NamesOfGlobalOptions(qxctl) + " can be given before or after any command\n";
   return text;
 }

@@ -7,7 +7,7 @@
 
 namespace qx::ctl {
 
-// The page of one command: its help, its usage line, its arguments, its options by group, its subcommands.
+// The page of one command: its help, its usage line, its arguments, its options by group, its subcommands, examples.
 std::string HelpText(Commands commands, const Command& command);
 
 // What qxctl alone prints: the commands by heading, with the commands of each group.

@@ -1,5 +1,7 @@
 #include "tools/qxctl/cli/describe/ManText.h"
 
+#include <algorithm>
+
 #include "tools/qxctl/cli/describe/HelpText.h"
 
 namespace qx::ctl {
@@ -41,18 +43,79 @@ std::string Listed(const Parameter& option) {
   return ShownOption(option) + "\n\t" + Sentence(HelpWithRemarks(option)) + "\n";
 }
 
-bool IsHelp(const Parameter& option) { return option.name == kHelpOption.name; }
+// "qxctl-report-cat"
+std::string PageName(const Command& command) {
+  std::string name = FullName(command);
+  std::replace(name.begin(), name.end(), ' ', '-');
+  return name;
+}
 
-std::string CommandText(const Command& command) {
-  std::string text = "## " + FullName(command) + "\n\n*" + FullName(command) + "*";
+// "*qxctl-report-cat*(1)"
+std::string Reference(const Command& command) { return "*" + PageName(command) + "*(1)"; }
+
+std::string ListedCommand(const Command& command) {
+  return Reference(command) + "\n\t" + Sentence(command.help) + "\n";
+}
+
+std::string Synopsis(const Command& command) {
+  std::string text = "# SYNOPSIS\n\n*" + FullName(command) + "*";
+  if (command.run == nullptr) text += " _command_";
   for (const Parameter* const argument : ArgumentsOf(command)) text += " " + Shown(*argument);
-  text += " \\[_options_\\]\n\n" + Sentence(command.help) + "\n";
+  return text + " \\[_options_\\]\n\n";
+}
+
+std::string Description(const Command& command) {
+  std::string text = "# DESCRIPTION\n\n" + Sentence(command.help) + "\n";
   for (const Parameter* const argument : ArgumentsOf(command)) {
-    text += Shown(*argument) + "\n\t" + Sentence(argument->help) + "\n";
+    text += Shown(*argument) + "\n\t" + Sentence(HelpWithRemarks(*argument)) + "\n";
   }
-  for (const Parameter* const option : OptionsOf(command)) {
-    if (!IsHelp(*option)) text += Listed(*option);
+  return text +
+         "*qxctl*(1) describes the options of every command, the forms of a _REPORT_, a _TIME_ and a _PATTERN_, and\n"
+         "the exit codes.\n\n";
+}
+
+std::string Options(const Command& command) {
+  std::string text;
+  for (const OptionGroup& group : OptionGroupsOf(command)) {
+    if (!group.name.empty()) text += "## " + Escaped(group.name) + "\n\n";
+    for (const Parameter* const option : group.options) {
+      if (option->name != kHelpOption.name) text += Listed(*option);
+    }
   }
+  return text.empty() ? "" : "# OPTIONS\n\n" + text;
+}
+
+std::string CommandsBelow(Commands commands, const Command& command) {
+  std::string text;
+  for (const Command* const below : Subcommands(commands, command)) text += ListedCommand(*below);
+  return text.empty() ? "" : "# COMMANDS\n\n" + text;
+}
+
+std::string Examples(const Command& command) {
+  std::string text;
+  for (const Example& example : command.examples) {
+    text += Escaped(example.help) + ":\n\n```\n" + std::string(example.line) + "\n```\n\n";
+  }
+  return text.empty() ? "" : "# EXAMPLES\n\n" + text;
+}
+
+// qxctl(1) and the pages of the same group.
+std::string SeeAlso(Commands commands, const Command& command) {
+  std::string text = "# SEE ALSO\n\n" + Reference(*commands.front());
+  for (const Command* const above : ShownCommands(commands)) {
+    const std::vector<const Command*> group = Subcommands(commands, *above);
+    const bool is_group = above != commands.front() && std::find(group.begin(), group.end(), &command) != group.end();
+    if (!is_group) continue;
+    text += ", " + Reference(*above);
+    for (const Command* const each : group) text += each == &command ? "" : ", " + Reference(*each);
+  }
+  return text + "\n";
+}
+
+// "Print the records" => "print the records"
+std::string Purpose(std::string_view help) {
+  std::string text = Escaped(help);
+  if (!text.empty() && text[0] >= 'A' && text[0] <= 'Z') text[0] = static_cast<char>(text[0] - 'A' + 'a');
   return text;
 }
 
@@ -61,11 +124,22 @@ std::string CommandText(const Command& command) {
 std::string ManSections(Commands commands) {
   std::string text = "# OPTIONS\n\nThese can be given before or after any command.\n\n";
   for (const Parameter* const option : OptionsOf(*commands.front())) text += Listed(*option);
-  text += "# COMMANDS\n\n";
-  for (const Command* const command : ShownCommands(commands)) {
-    if (Subcommands(commands, *command).empty()) text += CommandText(*command);
+  text += "# COMMANDS\n\nEach command has a page of its own.\n\n";
+  for (const CommandGroup& group : CommandGroups(commands)) {
+    text += "## " + Escaped(group.heading) + "\n\n";
+    for (const Command* const first : group.commands) {
+      const std::vector<const Command*> below = Subcommands(commands, *first);
+      for (const Command* const command : below) text += ListedCommand(*command);
+      if (below.empty()) text += ListedCommand(*first);
+    }
   }
   return text;
+}
+
+std::string ManPage(Commands commands, const Command& command) {
+  return PageName(command) + "(1)\n\n# NAME\n\n" + PageName(command) + " - " + Purpose(command.help) + "\n\n" +
+         Synopsis(command) + Description(command) + CommandsBelow(commands, command) + Options(command) +
+         Examples(command) + SeeAlso(commands, command);
 }
 
 }  // namespace qx::ctl

@@ -1,4 +1,5 @@
-// The part of the manual page qxctl(1) that lists commands, arguments and options, made from the command table.
+// The manual pages, made from the command table, in the language of scdoc: qxctl(1), the overview, and a page for each
+// command, such as qxctl-report-cat(1).
 #pragma once
 
 #include <string>
@@ -7,7 +8,10 @@
 
 namespace qx::ctl {
 
-// Two sections in the language of scdoc: OPTIONS, of every command, and COMMANDS with the options of each.
+// Two sections of qxctl(1): OPTIONS, of every command, and COMMANDS with the page of each.
 std::string ManSections(Commands commands);
+
+// The whole page of a command or of a group of commands. Each option has a line, and so has each example.
+std::string ManPage(Commands commands, const Command& command);
 
 }  // namespace qx::ctl

@@ -1,0 +1,11 @@
+// The hidden command _parse -- WORDS: whether the words are a valid command line. Nothing is run. The tests check the
+// examples of the command table with it.
+#pragma once
+
+#include "tools/qxctl/cli/Command.h"
+
+namespace qx::ctl {
+
+extern const Command kParseCommand;
+
+}  // namespace qx::ctl
