@@ -20,7 +20,7 @@ enum class ReplyKind : std::uint8_t {
   kRefused,     // of Publish or LookUp: `text` says why; the message is not stored
   kNewest,      // of LookUp: `payload` and `sequence` of the newest message of the subject
   kNone,        // of LookUp: the stream has no message of the subject
-  kNoStream,    // of both: no server answers for such a stream now
+  kNoStream,    // of Publish: no stream takes the message now; a look-up then has no reply
   kProblem,     // of no request (token 0): the server or the library complains, and `text` says about what
   kDisconnect,  // of no request: the connection is closed; no reply to an earlier request will come
 };

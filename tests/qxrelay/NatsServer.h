@@ -1,0 +1,47 @@
+// A nats-server of a test's own, with JetStream, on a loopback port that the system picks.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "tests/support/Support.h"
+
+namespace qx::test {
+
+// Threads: one thread. Owns: the process, which dies with the test, and its directory.
+// Failure: an exception, which fails the test, if the server cannot be started.
+class NatsServer {
+ public:
+  // `config` is appended to the server's configuration.
+  explicit NatsServer(std::string config = {});
+  ~NatsServer();
+  NatsServer(const NatsServer&) = delete;
+  NatsServer& operator=(const NatsServer&) = delete;
+
+  // "nats://127.0.0.1:34567"; it stays the same after Restart.
+  [[nodiscard]] std::string Url() const { return "nats://127.0.0.1:" + std::to_string(port_); }
+
+  // Kills the server at once. What it has written stays.
+  void Kill();
+  // Starts it again on the same port with the same files, with another configuration if one is given.
+  void Restart();
+  void Restart(std::string config);
+  // Forgets everything that was stored, while the server is not running.
+  void EraseStore();
+  // Stops the process without ending it, and lets it continue.
+  void Pause();
+  void Continue();
+
+ private:
+  void Start();
+  [[nodiscard]] int ReadPort() const;
+  void WaitUntilReady() const;
+
+  TempDir dir_;
+  std::string config_;
+  int port_ = -1;
+  pid_t process_ = 0;
+};
+
+}  // namespace qx::test

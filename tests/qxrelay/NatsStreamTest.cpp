@@ -1,0 +1,203 @@
+// The connections to JetStream against a real server.
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/qxrelay/NatsServer.h"
+#include "tools/qxrelay/stream/NatsAdmin.h"
+#include "tools/qxrelay/stream/NatsConsume.h"
+#include "tools/qxrelay/stream/NatsPublish.h"
+
+namespace {
+
+using qx::relay::CreateStream;
+using qx::relay::NatsConsume;
+using qx::relay::NatsPublish;
+using qx::relay::ReplyKind;
+using qx::relay::StreamMessage;
+using qx::relay::StreamReply;
+using qx::relay::StreamSettings;
+using qx::relay::StreamState;
+using qx::test::NatsServer;
+using std::chrono::milliseconds;
+
+StreamSettings SettingsOf(const NatsServer& server) {
+  StreamSettings settings;
+  settings.servers = {server.Url()};
+  settings.replicas = 1;
+  settings.bytes = 16 * 1024 * 1024;
+  return settings;
+}
+
+// The next reply; a kProblem "no reply" after ten seconds.
+StreamReply NextReply(NatsPublish& stream) {
+  for (int i = 0; i < 100; ++i) {
+    std::vector<StreamReply> replies;
+    pollfd waiting = {stream.Descriptor(), POLLIN, 0};
+    (void)poll(&waiting, 1, 100);
+    stream.TakeReplies(replies);
+    if (!replies.empty()) return replies.front();
+  }
+  StreamReply none;
+  none.text = "no reply";
+  return none;
+}
+
+StreamReply PublishAndWait(NatsPublish& stream, std::uint64_t token, const std::string& subject,
+                           const std::string& text, std::optional<std::uint64_t> expected = std::nullopt) {
+  EXPECT_TRUE(stream.Publish(token, subject, text, expected));
+  return NextReply(stream);
+}
+
+StreamReply LookUpAndWait(NatsPublish& stream, std::uint64_t token, const std::string& subject) {
+  EXPECT_TRUE(stream.LookUp(token, subject));
+  return NextReply(stream);
+}
+
+class RelayNats : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { server_ = new NatsServer; }
+  static void TearDownTestSuite() {
+    delete server_;
+    server_ = nullptr;
+  }
+
+  // Each test has a stream and a prefix of its own.
+  RelayNats() : settings_(SettingsOf(*server_)) {
+    const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+    settings_.name = name;
+    settings_.prefix = name;
+  }
+
+  [[nodiscard]] std::string Subject(const std::string& report) const {
+    return settings_.prefix + ".report.h." + report;
+  }
+
+  static NatsServer* server_;
+  StreamSettings settings_;
+};
+
+NatsServer* RelayNats::server_ = nullptr;
+
+TEST_F(RelayNats, StoredMessagesAreFoundByLookUps) {
+  ASSERT_EQ(CreateStream(settings_), std::nullopt);
+  NatsPublish stream(settings_, "h");
+  ASSERT_EQ(stream.Connect(), std::nullopt);
+  EXPECT_EQ(stream.PayloadBytesMax(), 1048576U);
+  EXPECT_EQ(LookUpAndWait(stream, 1, Subject("a")).kind, ReplyKind::kNone);
+  for (std::uint64_t i = 1; i <= 3; ++i) {
+    const StreamReply reply = PublishAndWait(stream, 10 + i, Subject("a"), "text " + std::to_string(i));
+    EXPECT_EQ(reply.kind, ReplyKind::kStored);
+    EXPECT_EQ(reply.token, 10 + i);
+    EXPECT_EQ(reply.sequence, i);
+  }
+  const StreamReply newest = LookUpAndWait(stream, 20, Subject("a"));
+  EXPECT_EQ(newest.kind, ReplyKind::kNewest);
+  EXPECT_EQ(newest.token, 20U);
+  EXPECT_EQ(newest.sequence, 3U);
+  EXPECT_EQ(newest.payload, "text 3");
+  EXPECT_EQ(LookUpAndWait(stream, 21, Subject("b")).kind, ReplyKind::kNone);
+}
+
+TEST_F(RelayNats, AMessageIsRefusedIfTheNewestIsAnotherThanExpected) {
+  ASSERT_EQ(CreateStream(settings_), std::nullopt);
+  NatsPublish stream(settings_, "h");
+  ASSERT_EQ(stream.Connect(), std::nullopt);
+  EXPECT_EQ(PublishAndWait(stream, 1, Subject("a"), "x", 0).kind, ReplyKind::kStored);
+  EXPECT_EQ(PublishAndWait(stream, 2, Subject("b"), "x", 0).sequence, 2U);
+  EXPECT_EQ(PublishAndWait(stream, 3, Subject("a"), "y", 1).sequence, 3U);
+  EXPECT_EQ(PublishAndWait(stream, 4, Subject("a"), "z", 1).kind, ReplyKind::kWrongLast);
+  EXPECT_EQ(PublishAndWait(stream, 5, Subject("a"), "z", 0).kind, ReplyKind::kWrongLast);
+  EXPECT_EQ(LookUpAndWait(stream, 6, Subject("a")).payload, "y");
+}
+
+TEST_F(RelayNats, WithoutAStreamTheReplySaysSo) {
+  NatsPublish stream(settings_, "h");
+  ASSERT_EQ(stream.Connect(), std::nullopt);
+  EXPECT_EQ(PublishAndWait(stream, 1, Subject("a"), "x").kind, ReplyKind::kNoStream);
+}
+
+TEST_F(RelayNats, AConsumerGetsWhatItHasNotAcknowledged) {
+  ASSERT_EQ(CreateStream(settings_), std::nullopt);
+  NatsPublish stream(settings_, "h");
+  ASSERT_EQ(stream.Connect(), std::nullopt);
+  for (std::uint64_t i = 1; i <= 3; ++i) (void)PublishAndWait(stream, i, Subject("a"), "text " + std::to_string(i));
+  NatsConsume consumer(settings_);
+  ASSERT_EQ(consumer.Connect("c1", 100, milliseconds(30000)), std::nullopt);
+  std::vector<StreamMessage> messages;
+  ASSERT_EQ(consumer.Fetch(10, 1024 * 1024, milliseconds(200), messages), std::nullopt);
+  ASSERT_EQ(messages.size(), 3U);
+  EXPECT_EQ(messages[1].subject, Subject("a"));
+  EXPECT_EQ(messages[1].payload, "text 2");
+  EXPECT_EQ(messages[1].sequence, 2U);
+  EXPECT_EQ(messages[1].delivered, 1U);
+  EXPECT_EQ(messages[1].pending, 1U);
+  EXPECT_EQ(consumer.Acknowledge(messages[0].receipt), std::nullopt);
+  messages.clear();
+  EXPECT_EQ(consumer.Fetch(10, 1024 * 1024, milliseconds(20), messages), std::nullopt);
+  EXPECT_TRUE(messages.empty());
+  std::uint64_t first = 0;
+  EXPECT_EQ(consumer.FirstSequence(first), std::nullopt);
+  EXPECT_EQ(first, 1U);
+  StreamState state;
+  ASSERT_EQ(ReadStream(settings_, state), std::nullopt);
+  EXPECT_EQ(state.messages, 3U);
+  EXPECT_TRUE(state.keeps_newest && state.allows_look_ups);
+  EXPECT_EQ(state.settings.age, settings_.age);
+  ASSERT_EQ(PurgeHost(settings_, "h"), std::nullopt);
+  EXPECT_EQ(consumer.FirstSequence(first), std::nullopt);
+  EXPECT_EQ(first, 0U);
+}
+
+TEST_F(RelayNats, CreatingAStreamAgainChangesItsLimits) {
+  ASSERT_EQ(CreateStream(settings_), std::nullopt);
+  settings_.age = std::chrono::seconds(60);
+  ASSERT_EQ(CreateStream(settings_), std::nullopt);
+  StreamState state;
+  ASSERT_EQ(ReadStream(settings_, state), std::nullopt);
+  EXPECT_EQ(state.settings.age, std::chrono::seconds(60));
+  settings_.name = "other";
+  EXPECT_EQ(ReadStream(settings_, state), "there is no stream other (\"qxrelay stream create\" creates it)");
+}
+
+TEST(RelayNatsFaults, ALostServerIsReportedAndConnectFailsUntilItIsBack) {
+  NatsServer server;
+  StreamSettings settings = SettingsOf(server);
+  NatsPublish stream(settings, "h");
+  ASSERT_EQ(stream.Connect(), std::nullopt);
+  server.Kill();
+  StreamReply reply = NextReply(stream);
+  while (reply.kind == ReplyKind::kProblem && reply.text != "no reply") reply = NextReply(stream);
+  EXPECT_EQ(reply.kind, ReplyKind::kDisconnect);
+  EXPECT_FALSE(stream.Publish(1, "qx.report.h.a", "x", std::nullopt));
+  EXPECT_NE(stream.Connect(), std::nullopt);
+  EXPECT_FALSE(stream.LookUp(2, "qx.report.h.a"));
+  server.Restart();
+  EXPECT_EQ(stream.Connect(), std::nullopt);
+}
+
+TEST(RelayNatsFaults, WrongCredentialsAndMissingRightsAreReported) {
+  const std::string users =
+      "authorization { users = [ {user: \"h\", password: \"secret\", permissions: {publish: [\"qx.report.h.*\"], "
+      "subscribe: [\"_INBOX_h.>\"]}} ] }\n";
+  NatsServer server(users);
+  const qx::test::TempDir dir;
+  StreamSettings settings = SettingsOf(server);
+  settings.user = "h";
+  settings.password_file = dir.File("password");
+  qx::test::WriteFile(settings.password_file, "wrong\n");
+  NatsPublish wrong(settings, "h");
+  EXPECT_EQ(wrong.Connect(),
+            "the servers refuse the credentials: check user, password_file and credentials_file in [stream]");
+  qx::test::WriteFile(settings.password_file, "secret\n");
+  NatsPublish stream(settings, "h");
+  ASSERT_EQ(stream.Connect(), std::nullopt);
+  EXPECT_TRUE(stream.Publish(1, "qx.report.other.a", "x", std::nullopt));
+  const StreamReply reply = NextReply(stream);
+  EXPECT_EQ(reply.kind, ReplyKind::kProblem);
+  EXPECT_NE(reply.text.find("Permissions Violation for Publish to"), std::string::npos) << reply.text;
+}
+
+}  // namespace

@@ -1,0 +1,34 @@
+// What an operator does with the stream as a whole. It needs rights that hosts do not have.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/qxrelay/config/RelayConfig.h"
+
+namespace qx::relay {
+
+// A stream as it is on the servers.
+struct StreamState {
+  std::uint64_t messages = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t first_sequence = 0;
+  std::uint64_t last_sequence = 0;
+  StreamSettings settings;       // name, age, bytes and replicas; the others are those that were requested
+  bool keeps_newest = false;     // discards the oldest messages, not the newest ones, when it is full
+  bool allows_look_ups = false;  // DIRECT.GET, which senders use
+};
+
+// Creates the stream of the settings: all subjects below the prefix, on disk, the oldest messages are discarded first,
+// look-ups are allowed. If the stream exists, its limits become those of the settings; the number of its replicas, too.
+// Unset: done. Otherwise what failed, for the operator. [any thread]
+[[nodiscard]] std::optional<std::string> CreateStream(const StreamSettings& settings);
+
+// Reads the state of the stream. [any thread]
+[[nodiscard]] std::optional<std::string> ReadStream(const StreamSettings& settings, StreamState& state);
+
+// Removes all messages of a host: of its reports, their names, and its labels. [any thread]
+[[nodiscard]] std::optional<std::string> PurgeHost(const StreamSettings& settings, const std::string& host);
+
+}  // namespace qx::relay

@@ -1,0 +1,36 @@
+// The receiver's connection to JetStream: a durable pull consumer with explicit acknowledgements.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/qxrelay/config/RelayConfig.h"
+#include "tools/qxrelay/stream/Stream.h"
+
+namespace qx::relay {
+
+// Threads and Owns: as ConsumeStream. After a failed Fetch or Acknowledge the connection may be lost: Connect again.
+class NatsConsume final : public ConsumeStream {
+ public:
+  explicit NatsConsume(StreamSettings settings);
+  ~NatsConsume() override;
+
+  [[nodiscard]] std::optional<std::string> Connect(const std::string& name, std::size_t unacknowledged_max,
+                                                   std::chrono::milliseconds redeliver_after) override;
+  [[nodiscard]] std::optional<std::string> Fetch(std::size_t count_max, std::size_t bytes_max,
+                                                 std::chrono::milliseconds timeout,
+                                                 std::vector<StreamMessage>& messages) override;
+  [[nodiscard]] std::optional<std::string> Acknowledge(const std::string& receipt) override;
+  [[nodiscard]] std::optional<std::string> FirstSequence(std::uint64_t& sequence) override;
+  void Close() override;
+
+ private:
+  struct Parts;
+
+  StreamSettings settings_;
+  std::unique_ptr<Parts> parts_;
+};
+
+}  // namespace qx::relay
