@@ -127,7 +127,7 @@ TEST_F(RelayNats, AConsumerGetsWhatItHasNotAcknowledged) {
   NatsConsume consumer(settings_);
   ASSERT_EQ(consumer.Connect("c1", 100, milliseconds(30000)), std::nullopt);
   std::vector<StreamMessage> messages;
-  ASSERT_EQ(consumer.Fetch(10, 1024 * 1024, milliseconds(200), messages), std::nullopt);
+  ASSERT_EQ(consumer.Fetch(10, milliseconds(200), messages), std::nullopt);
   ASSERT_EQ(messages.size(), 3U);
   EXPECT_EQ(messages[1].subject, Subject("a"));
   EXPECT_EQ(messages[1].payload, "text 2");
@@ -136,7 +136,7 @@ TEST_F(RelayNats, AConsumerGetsWhatItHasNotAcknowledged) {
   EXPECT_EQ(messages[1].pending, 1U);
   EXPECT_EQ(consumer.Acknowledge(messages[0].receipt), std::nullopt);
   messages.clear();
-  EXPECT_EQ(consumer.Fetch(10, 1024 * 1024, milliseconds(20), messages), std::nullopt);
+  EXPECT_EQ(consumer.Fetch(10, milliseconds(20), messages), std::nullopt);
   EXPECT_TRUE(messages.empty());
   std::uint64_t first = 0;
   EXPECT_EQ(consumer.FirstSequence(first), std::nullopt);

@@ -11,7 +11,6 @@ namespace {
 
 constexpr std::string_view kAcknowledged = "+ACK";
 constexpr std::int64_t kNanosecondsInMs = 1'000'000;
-constexpr std::chrono::milliseconds kAnswerMax{5000};  // of a request that does not wait for messages
 
 using MetaData = std::unique_ptr<jsMsgMetaData, nats::Destroyer<jsMsgMetaData_Destroy>>;
 
@@ -34,19 +33,6 @@ struct NatsConsume::Parts {
   nats::Connection connection;
   nats::Context context;
   nats::Subscription subscription;
-
-  // No message in time is not a failure, unless the connection is lost.
-  std::optional<std::string> Request(jsFetchRequest request, std::vector<StreamMessage>& messages) const {
-    natsMsgList list = {nullptr, 0};
-    const natsStatus status = natsSubscription_FetchRequest(&list, subscription.get(), &request);
-    for (int i = 0; i < list.Count; ++i) AppendMessage(list.Msgs[i], messages);
-    natsMsgList_Destroy(&list);
-    if (natsConnection_Status(connection.get()) != NATS_CONN_STATUS_CONNECTED) {
-      return "the connection to the servers is lost";
-    }
-    const bool is_fine = status == NATS_OK || status == NATS_TIMEOUT || status == NATS_NOT_FOUND;
-    return is_fine ? std::nullopt : std::optional(nats::Problem("cannot fetch messages", status));
-  }
 };
 
 NatsConsume::NatsConsume(StreamSettings settings) : settings_(std::move(settings)) {}
@@ -81,26 +67,21 @@ std::optional<std::string> NatsConsume::Connect(const std::string& name, std::si
   return std::nullopt;
 }
 
-// A request for many messages would wait for the last of them. So what is there is taken without waiting; if nothing
-// is, one message is waited for, and the next call takes those that came with it.
-std::optional<std::string> NatsConsume::Fetch(std::size_t count_max, std::size_t bytes_max,
-                                              std::chrono::milliseconds timeout, std::vector<StreamMessage>& messages) {
+// The library asks for what is there first, and waits only if that is nothing. (A request of our own with NoWait would
+// wait until it expires.)
+std::optional<std::string> NatsConsume::Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
+                                              std::vector<StreamMessage>& messages) {
   if (parts_ == nullptr) return "not connected";
-  jsFetchRequest request;
-  if (const natsStatus status = jsFetchRequest_Init(&request); status != NATS_OK) {
-    return nats::Problem("cannot fetch messages", status);
+  natsMsgList list = {nullptr, 0};
+  const natsStatus status =
+      natsSubscription_Fetch(&list, parts_->subscription.get(), static_cast<int>(count_max), timeout.count(), nullptr);
+  for (int i = 0; i < list.Count; ++i) AppendMessage(list.Msgs[i], messages);
+  natsMsgList_Destroy(&list);
+  if (natsConnection_Status(parts_->connection.get()) != NATS_CONN_STATUS_CONNECTED) {
+    return "the connection to the servers is lost";
   }
-  request.Batch = static_cast<int>(count_max);
-  request.MaxBytes = static_cast<std::int64_t>(bytes_max);
-  request.Expires = kAnswerMax.count() * kNanosecondsInMs;
-  request.NoWait = true;
-  const std::size_t before = messages.size();
-  if (auto problem = parts_->Request(request, messages); problem.has_value() || messages.size() > before)
-    return problem;
-  request.Batch = 1;
-  request.Expires = timeout.count() * kNanosecondsInMs;
-  request.NoWait = false;
-  return parts_->Request(request, messages);
+  const bool is_fine = status == NATS_OK || status == NATS_TIMEOUT;
+  return is_fine ? std::nullopt : std::optional(nats::Problem("cannot fetch messages", status));
 }
 
 std::optional<std::string> NatsConsume::Acknowledge(const std::string& receipt) {

@@ -98,8 +98,7 @@ class ConsumeStream {
 
   // Appends up to `count_max` messages, of about `bytes_max` bytes, that come within `timeout`; returns early when
   // there are some and no more for now. No message in time is not a failure. [owning thread]
-  [[nodiscard]] virtual std::optional<std::string> Fetch(std::size_t count_max, std::size_t bytes_max,
-                                                         std::chrono::milliseconds timeout,
+  [[nodiscard]] virtual std::optional<std::string> Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
                                                          std::vector<StreamMessage>& messages) = 0;
 
   // Says that the message need not come again. The acknowledgement may be lost: then it comes again. [owning thread]
