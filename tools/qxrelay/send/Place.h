@@ -1,0 +1,99 @@
+// Where a sender continues in a store, decided from what the newest message of the stream and the state directory say.
+//
+//   incarnation   a random number that stands for one life of a store. It is the same as long as the numbers of its
+//                 records continue. A store that was started over, or replaced by a backup, has a new one.
+//   mark          "the record before number `next` of this incarnation has this hash"
+//
+// Inode and times prove nothing: a store is started over in the same file. A record's hash does.
+//
+//   mark of the newest message   mark of the state   => continue
+//   proven                       any                 after the message: that is what the stream has
+//   gone                         proven or gone,     after the message: what is between was overwritten, a gap. The
+//                                same incarnation    state may be later, if the servers lost messages
+//   none, or of another          proven              with the oldest record that can be sent: the stream may have lost
+//   incarnation, not proven                          what it had, and receivers drop what they have
+//   none, or contradicted and    gone                after the state: what is between was overwritten, a gap
+//   of another incarnation
+//   gone                         none, or gone       after the message, likewise
+//   anything else                anything else       in a new incarnation: after the last 32 sent records if the ring
+//                                                    has them, otherwise with the oldest record that can be sent
+//
+// Everything here is pure. Throws std::bad_alloc. [any thread]
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "reportfile/StoreFormat.h"
+#include "tools/qxrelay/message/Message.h"
+#include "tools/qxrelay/send/StoreNumbers.h"
+
+namespace qx::relay {
+
+struct Mark {
+  std::uint64_t incarnation = 0;
+  std::uint64_t next = 0;
+  std::uint64_t hash_before = 0;  // 0: not known
+  std::uint32_t ring_slots = 0;   // 0: not known
+
+  friend bool operator==(const Mark&, const Mark&) = default;
+};
+
+// What a sender sees of a store.
+struct StoreView {
+  report::IndexHeader header;
+  std::uint32_t unsafe = 0;  // how many of the oldest records a writer may be replacing
+
+  // The records of a range that can be sent.
+  [[nodiscard]] RecordRange Sendable(RecordRange range) const {
+    range.oldest += unsafe < range.Count() ? unsafe : range.Count();
+    return range;
+  }
+};
+
+// The hashes of records that are in the ring.
+class RecordHashes {
+ public:
+  RecordHashes() = default;
+  virtual ~RecordHashes() = default;
+  RecordHashes(const RecordHashes&) = delete;
+  RecordHashes& operator=(const RecordHashes&) = delete;
+
+  // Of `count` records, the first of which has this age (0: the oldest in the ring). Fewer if they cannot be read.
+  [[nodiscard]] virtual std::vector<std::uint64_t> Hashes(std::uint64_t age, std::uint64_t count) = 0;
+};
+
+enum class Proof : std::uint8_t {
+  kNone,          // there is no mark
+  kProven,        // the ring has the record before, with this hash
+  kGone,          // the ring has not the record any more; its count does not contradict the mark
+  kContradicted,  // it is another store
+};
+
+[[nodiscard]] Proof ProveMark(const std::optional<Mark>& mark, const StoreView& view, RecordHashes& hashes);
+
+struct Place {
+  std::uint64_t incarnation = 0;  // 0: a new one is needed
+  std::uint64_t next = 0;
+  std::uint64_t hash_before = 0;
+  bool is_recognised = false;  // a new incarnation that continues after the last sent records
+
+  friend bool operator==(const Place&, const Place&) = default;
+};
+
+// `overlap` are the hashes of the last records that were sent, oldest first, from the state directory.
+[[nodiscard]] Place FindPlace(const StoreView& view, const std::optional<Mark>& message,
+                              const std::optional<Mark>& state, const std::vector<std::uint64_t>& overlap,
+                              RecordHashes& hashes);
+
+// Whether a newest message shows another sender.
+enum class Rival : std::uint8_t {
+  kNone,
+  kOtherMachine,  // the identity of another machine: a cloned host, or two hosts of one name
+  kLaterSession,  // this identity, but a later start than ours: a second sender is running, or the state was restored
+};
+
+[[nodiscard]] Rival RivalOf(const MessageHead& newest, const HostIdentity& identity, std::uint64_t session);
+
+}  // namespace qx::relay

@@ -1,0 +1,86 @@
+// Reads runs of records from a store that a writer may be appending to, and returns only what is certain.
+//
+// A run is certain if what is read after its texts shows that no writer can have touched them:
+//   - its slots still have the offsets that the texts were read from;
+//   - the header, read again, still counts its records as in the ring. The oldest slot of a full ring is never used,
+//     because a writer replaces it before the header, and neither are those that a batch has replaced already;
+//   - a record of the previous round of the data file is not where the current round has written, or is writing now.
+// Everything else is left out: it is read again later, or it is lost and becomes a gap.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "reportfile/RecordReader.h"
+#include "reportfile/ReportFileBase.h"
+#include "tools/qxrelay/send/Place.h"
+#include "tools/qxrelay/send/StoreNumbers.h"
+
+namespace qx::relay {
+
+// Records one after another.
+struct RecordRun {
+  std::uint64_t first = 0;       // number of the first record, which may be later than requested: see below
+  std::uint64_t unreadable = 0;  // how many records from `first` on have no text in the files any more; then no texts
+  std::vector<std::uint32_t> lengths;  // of the texts; empty: nothing is certain now, or nothing can be read
+  std::string texts;                   // with their line ends
+  int error = 0;                       // of the system
+
+  [[nodiscard]] std::uint64_t Count() const { return lengths.size(); }
+  [[nodiscard]] std::uint64_t Next() const { return first + unreadable + Count(); }
+};
+
+// Threads: one thread.
+// Owns: the open files; about 100 KiB.
+// Failure: an error number; EBADMSG for files that contradict themselves. Throws std::bad_alloc.
+class RunReader final : public RecordHashes {
+ public:
+  explicit RunReader(std::string path) : path_(std::move(path)) {}
+
+  // Opens the files that have the path now and reads the header. 0 or the error number; after a failure View is that of
+  // a store without records. [owning thread]
+  [[nodiscard]] int Open();
+  [[nodiscard]] const StoreView& View() const { return view_; }
+
+  // Reads records from number `first` on, which is in Sendable of `range`, as numbered by the last Open. Ends where the
+  // ring or the data file wraps, and before a record with which the texts would have more than `bytes_max`; one record
+  // is read whatever its length. If the ring has overwritten the first ones meanwhile, the run begins later.
+  // [owning thread]
+  [[nodiscard]] RecordRun Read(const RecordRange& range, std::uint64_t first, std::size_t bytes_max);
+
+  // How many bytes of text wait from `first` on, as the slots show; more than there are if the data file wrapped.
+  // [owning thread]
+  [[nodiscard]] std::uint64_t BytesFrom(const RecordRange& range, std::uint64_t first);
+
+  [[nodiscard]] std::vector<std::uint64_t> Hashes(std::uint64_t age, std::uint64_t count) override;
+
+  // Closes the files. [owning thread]
+  void Close();
+
+ private:
+  struct Piece;
+
+  [[nodiscard]] int CheckSizes() const;
+  [[nodiscard]] Piece PieceFrom(const RecordRange& range, std::uint64_t first, std::size_t bytes_max);
+  [[nodiscard]] std::int64_t EndAfter(std::uint64_t age, std::uint32_t offset);
+  [[nodiscard]] int ReadTexts(const Piece& piece, RecordRun& run);
+  [[nodiscard]] bool SplitWhole(const Piece& piece, RecordRun& run) const;
+  void Judge(const Piece& piece, RecordRun& run);
+  [[nodiscard]] std::optional<RecordRange> RangeNow(const RecordRun& run);
+  static void Keep(RecordRun& run, std::size_t begin, std::size_t end);
+  [[nodiscard]] std::int64_t DirtyEnd(std::int64_t offset_max);
+
+  std::string path_;
+  CReportFileBase store_;
+  StoreView view_;
+};
+
+// The last record of a run, with its line end.
+[[nodiscard]] std::string_view LastText(const RecordRun& run);
+
+}  // namespace qx::relay

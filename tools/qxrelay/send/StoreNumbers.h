@@ -1,0 +1,42 @@
+// The 64-bit numbers of the records in a ring.
+//
+// A store counts its records in 32 bits. A sender knows a number near the current one, because it stored a message that
+// names it, and so completes the count. The number of a record is how many records the store had before it.
+//
+//   header count 7, near 5                    => the next record is number 7
+//   header count 3, near 2^32 - 2             => the next record is number 2^32 + 3
+//   header count 90, near 100                 => the next record is number 90: the store has fewer than were sent
+//
+// Everything here is pure. [any thread]
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "reportfile/StoreFormat.h"
+
+namespace qx::relay {
+
+// The records in the ring: from `oldest` up to and without `end`.
+struct RecordRange {
+  std::uint64_t oldest = 0;
+  std::uint64_t end = 0;
+
+  [[nodiscard]] std::uint64_t Count() const { return end - oldest; }
+  [[nodiscard]] bool Contains(std::uint64_t number) const { return number >= oldest && number < end; }
+
+  friend bool operator==(const RecordRange&, const RecordRange&) = default;
+};
+
+// For a header with HasPlausibleRing, or without records. Unset if no number within 2^31 of `near` fits: the store is
+// not the one that `near` was read from.
+[[nodiscard]] std::optional<RecordRange> RangeNear(const report::IndexHeader& header, std::uint64_t near);
+
+// Without any known number: the count is taken as it is, or 2^32 more if it has wrapped since the ring was filled.
+[[nodiscard]] RecordRange FirstRange(const report::IndexHeader& header);
+
+// The number of the first record of the current round of the data file.
+//   3 slots, the next record is 8  => 6
+[[nodiscard]] std::uint64_t RoundStart(const report::IndexHeader& header, const RecordRange& range);
+
+}  // namespace qx::relay
