@@ -37,14 +37,17 @@ add_custom_command(OUTPUT ${qx_command_pages}/made
 install(DIRECTORY ${qx_command_pages}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools FILES_MATCHING
   PATTERN "qxctl-*.1")
 
-add_custom_command(OUTPUT ${qx_completion_dir}/qxctl ${qx_completion_dir}/_qxctl
+set(qx_completions ${qx_completion_dir}/qxctl ${qx_completion_dir}/_qxctl ${qx_completion_dir}/qxctl.fish)
+add_custom_command(OUTPUT ${qx_completions}
   COMMAND $<TARGET_FILE:qxctl> completion bash > qxctl
   COMMAND $<TARGET_FILE:qxctl> completion zsh > _qxctl
+  COMMAND $<TARGET_FILE:qxctl> completion fish > qxctl.fish
   DEPENDS qxctl WORKING_DIRECTORY ${qx_completion_dir} VERBATIM)
 install(FILES ${qx_completion_dir}/qxctl
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools OPTIONAL)
 install(FILES ${qx_completion_dir}/_qxctl
   DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools OPTIONAL)
+install(FILES ${qx_completion_dir}/qxctl.fish
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tools OPTIONAL)
 
-add_custom_target(qx_manual ALL DEPENDS ${qx_manual_pages} ${qx_command_pages}/made
-  ${qx_completion_dir}/qxctl ${qx_completion_dir}/_qxctl)
+add_custom_target(qx_manual ALL DEPENDS ${qx_manual_pages} ${qx_command_pages}/made ${qx_completions})

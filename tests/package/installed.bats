@@ -114,6 +114,7 @@ END
   done <commands
   bash -n "$QX_PREFIX/share/bash-completion/completions/qxctl"
   head -n 1 "$QX_PREFIX/share/zsh/vendor-completions/_qxctl" | grep -qx '#compdef qxctl'
+  fish -n "$QX_PREFIX/share/fish/vendor_completions.d/qxctl.fish"
 }
 
 @test "every library can be linked as a whole into an agent's shared library" {

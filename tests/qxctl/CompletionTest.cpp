@@ -1,4 +1,4 @@
-// What a real bash and a real zsh offer for the tab key, and that the table is complete.
+// What a real bash, a real zsh and a real fish offer for the tab key, and that the table is complete.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -46,6 +46,8 @@ class QxctlCompletion : public testing::Test, protected QxctlFixture {
     WriteFile(Dir().File("limits.ini"), "[A]\n");
     WriteFile(Dir().File("bash"), Qxctl({"completion", "bash"}).out);
     WriteFile(Dir().File("zsh"), Qxctl({"completion", "zsh"}).out);
+    WriteFile(Dir().File("fish"), Qxctl({"completion", "fish"}).out);
+    WriteFile(Dir().File("registry"), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nCount=d=5\n[Server Control]\nx=s=y\n\n\n\n\n");
   }
 
   // What bash offers for the last of these words, after it has split the line.
@@ -86,6 +88,19 @@ class QxctlCompletion : public testing::Test, protected QxctlFixture {
     const Ran ran = Child({"timeout", "30", "zsh", "-f", "-c", outer}, StartHere()).Wait();
     EXPECT_TRUE(Exists(Dir().File("finished"))) << ran.out << ran.err;
     return LinesOf(ran.out);
+  }
+
+  // What fish offers for this command line, without the help.
+  std::vector<std::string> FishOffers(const std::string& line) const {
+    const std::string script = "source ./fish; complete -C " + Quoted(line);
+    Start start = StartHere();
+    start.environment["HOME"] = Dir().Path();
+    start.environment["PATH"] = QxctlPath().substr(0, QxctlPath().rfind('/')) + ":" + std::getenv("PATH");
+    const Ran ran = Child({"fish", "--no-config", "-c", script}, start).Wait();
+    EXPECT_EQ(ran.err, "");
+    std::vector<std::string> offers = LinesOf(ran.out);
+    for (std::string& offer : offers) offer = offer.substr(0, offer.find('\t'));
+    return offers;
   }
 
   json Table() const { return json::parse(Qxctl({"_table"}).out); }
@@ -147,18 +162,65 @@ TEST_F(QxctlCompletion, ValueOfAnOption) {
   EXPECT_THAT(Offers({"fetch", "--color", "=", "n"}), ElementsAre("never"));
   EXPECT_THAT(Offers({"fetch", "--color", "="}), ElementsAre("auto", "always", "never"));
   EXPECT_THAT(Offers({"report", "salvage", "load", "--into", "Rep"}), ElementsAre("Reports"));
-  EXPECT_THAT(Offers({"completion", ""}), ElementsAre("bash", "zsh"));
+  EXPECT_THAT(Offers({"completion", ""}), ElementsAre("bash", "zsh", "fish"));
+}
+
+// --- values that qxctl itself knows
+
+TEST_F(QxctlCompletion, RegistryKeysAreOfferedLevelByLevel) {
+  EXPECT_THAT(Offers({"registry", "ls", "--directory", ".", ""}), ElementsAre("HKEY_LOCAL_MACHINE/"));
+  EXPECT_THAT(Offers({"registry", "get", "--directory", "=", ".", "HKEY_LOCAL_MACHINE/S"}),
+              ElementsAre("HKEY_LOCAL_MACHINE/SOFTWARE/"));
+  EXPECT_THAT(Offers({"registry", "ls", "--directory", ".", "HKEY_LOCAL_MACHINE/SOFTWARE/Server\\ C"}),
+              ElementsAre("HKEY_LOCAL_MACHINE/SOFTWARE/Server Control"));
+  EXPECT_EQ(Qxctl({"registry", "ls", "--directory", ".", "HKEY_LOCAL_MACHINE/SOFTWARE/"}).code, 0) << "as offered";
+}
+
+TEST_F(QxctlCompletion, RegistryValuesAreThoseOfTheKeyBefore) {
+  EXPECT_THAT(Offers({"registry", "get", "--directory", ".", "HKEY_LOCAL_MACHINE/SOFTWARE", ""}), ElementsAre("Count"));
+  EXPECT_THAT(Offers({"registry", "set", "--file", "registry", "'HKEY_LOCAL_MACHINE/SOFTWARE/Server Control'", ""}),
+              ElementsAre("x"));
+  EXPECT_THAT(Offers({"registry", "get", "--directory", ".", "HKEY_USERS", ""}), IsEmpty());
+}
+
+TEST_F(QxctlCompletion, SectionsAndKeysOfTheProfileFileBefore) {
+  WriteFile(Dir().File("limits.ini"), "[High]\ncpu=90\n[Low]\n");
+  EXPECT_THAT(Offers({"ini", "get", "limits.ini", ""}), ElementsAre("High", "Low"));
+  EXPECT_THAT(Offers({"ini", "set", "limits.ini", "High", "c"}), ElementsAre("cpu"));
+  EXPECT_THAT(Offers({"ini", "get", "missing.ini", ""}), IsEmpty());
+}
+
+TEST_F(QxctlCompletion, CodesCasesCommandsAndTimes) {
+  EXPECT_THAT(Offers({"explain", "QX10"}), IsSupersetOf({"QX100", "QX105"}));
+  EXPECT_THAT(Offers({"explain", "ENOENT"}), ElementsAre("ENOENT"));
+  EXPECT_THAT(Offers({"module", "faults", "order/v"}), ElementsAre("order/version"));
+  EXPECT_THAT(Offers({"help", "report", "sal"}), ElementsAre("salvage"));
+  EXPECT_THAT(Offers({"report", "cat", "load", "--since", "to"}), ElementsAre("today"));
+}
+
+TEST_F(QxctlCompletion, TraceFilesOfTheTraceDirectoryAndPaths) {
+  WriteFile(Dir().File("log.qxremconxfer"), "");
+  Start start = StartHere();
+  start.environment["QX_LOG_RINGBUF_DIR"] = Dir().Path();
+  EXPECT_EQ(Qxctl({"_offers", "traces"}, start).out, Dir().File("log.qxremconxfer") + "\n");
+  EXPECT_THAT(Offers({"trace", "show", "log."}), ElementsAre("log.qxremconxfer"));
+}
+
+TEST_F(QxctlCompletion, OffersOfAnUnknownKindAreEmpty) {
+  const Ran ran = Qxctl({"_offers", "stars", "--", ""});
+  EXPECT_EQ(ran.code, 0);
+  EXPECT_EQ(ran.out + ran.err, "");
 }
 
 // Two parameters may have the same name: what is offered depends on their kind.
 TEST_F(QxctlCompletion, ArgumentNamedLikeAReportIsCompletedByItsKind) {
-  EXPECT_THAT(Offers({"registry", "get", "KEY", "lo"}), IsEmpty());
+  EXPECT_THAT(Offers({"module", "reflect", "--user", "lo"}), IsEmpty());
   EXPECT_THAT(Offers({"module", "load-test", "--report", "loa"}), ElementsAre("load"));
 }
 
 TEST_F(QxctlCompletion, NothingIsOfferedAfterTheLastArgument) {
   EXPECT_THAT(Offers({"fetch", "load", ""}), IsEmpty());
-  EXPECT_THAT(Offers({"ini", "get", "limits.ini", ""}), IsEmpty());
+  EXPECT_THAT(Offers({"ini", "get", "limits.ini", "A", "key", ""}), IsEmpty());
 }
 
 TEST_F(QxctlCompletion, ArgumentsAfterTwoHyphensAreNotOptions) {
@@ -170,7 +232,7 @@ TEST_F(QxctlCompletion, NoReportDirectoryOffersNothingWithoutAMessage) {
   Start start = StartHere();
   const TempDir elsewhere;
   start.directory = elsewhere.Path();
-  const Ran ran = Child({QxctlPath(), "_reports"}, start).Wait();
+  const Ran ran = Child({QxctlPath(), "_offers", "reports"}, start).Wait();
   EXPECT_EQ(ran.code, 0);
   EXPECT_EQ(ran.out + ran.err, "");
 }
@@ -205,6 +267,49 @@ TEST_F(QxctlCompletion, ZshOffersCommandsOptionsReportsAndFiles) {
   EXPECT_THAT(ZshOffers("qxctl report cat Reports/loa"), ElementsAre("Reports/load"));
 }
 
+TEST_F(QxctlCompletion, ZshOffersValuesThatQxctlKnows) {
+  EXPECT_THAT(ZshOffers("qxctl registry ls --directory . HKEY_LOCAL_MACHINE/SOFTWARE/Ser"),
+              ElementsAre("HKEY_LOCAL_MACHINE/SOFTWARE/Server\\ Control"));
+  EXPECT_THAT(ZshOffers("qxctl explain QX10"), IsSupersetOf({"QX100", "QX105"}));
+}
+
+// --- fish
+
+TEST_F(QxctlCompletion, FishTakesItsScript) {
+  EXPECT_EQ(Child({"fish", "-n", "fish"}, StartHere()).Wait().err, "");
+  EXPECT_EQ(Child({"fish", "-n", QX_SOURCE_DIR "/tools/qxctl/cli/describe/completion.fish"}, StartHere()).Wait().err,
+            "");
+}
+
+TEST_F(QxctlCompletion, FishOffersCommandsOptionsReportsAndFiles) {
+  EXPECT_THAT(FishOffers("qxctl report ver"), ElementsAre("verify"));
+  EXPECT_THAT(FishOffers("qxctl --color never --quiet report ver"), ElementsAre("verify"));
+  EXPECT_THAT(FishOffers("qxctl report salvage --in"), ElementsAre("--indexed-only", "--into"));
+  EXPECT_THAT(FishOffers("qxctl fetch lo"), ElementsAre("load", "lost and found"));
+  EXPECT_THAT(FishOffers("qxctl report verify load lo"), Contains("lost and found"));
+  EXPECT_THAT(FishOffers("qxctl fetch load "), IsEmpty());
+  EXPECT_THAT(FishOffers("qxctl fetch --color al"), ElementsAre("always"));
+  EXPECT_THAT(FishOffers("qxctl fetch --color=al"), ElementsAre("--color=always"));
+  EXPECT_THAT(FishOffers("qxctl fetch -- --qu"), IsEmpty());
+  EXPECT_THAT(FishOffers("qxctl ini list lim"), ElementsAre("limits.ini"));
+  EXPECT_THAT(FishOffers("qxctl report backup Rep"), ElementsAre("Reports/"));
+  EXPECT_THAT(FishOffers("qxctl report cat Reports/loa"), ElementsAre("Reports/load"));
+}
+
+TEST_F(QxctlCompletion, FishOffersValuesThatQxctlKnows) {
+  EXPECT_THAT(FishOffers("qxctl registry ls --directory . HKEY_LOCAL_MACHINE/SOFTWARE/Ser"),
+              ElementsAre("HKEY_LOCAL_MACHINE/SOFTWARE/Server Control"));
+  EXPECT_THAT(FishOffers("qxctl registry get --directory=. HKEY_LOCAL_MACHINE/SOFTWARE "), ElementsAre("Count"));
+  EXPECT_THAT(FishOffers("qxctl explain ENOEN"), ElementsAre("ENOENT"));
+}
+
+// fish offers a name that begins with "." only after a ".".
+TEST_F(QxctlCompletion, FishOffersNamesThatBeginWithAHyphenAsPaths) {
+  WriteFile(Dir().File("--apply"), "[A]\n");
+  EXPECT_THAT(FishOffers("qxctl ini list "), Not(Contains("--apply")));
+  EXPECT_THAT(FishOffers("qxctl ini list ./"), Contains("./--apply"));
+}
+
 // --- the table
 
 TEST_F(QxctlCompletion, EveryCommandOptionAndArgumentHasAHelpText) {
@@ -237,11 +342,12 @@ TEST_F(QxctlCompletion, HelpOfEveryCommandNamesItsOptionsAndArguments) {
   }
 }
 
-TEST_F(QxctlCompletion, BothScriptsKnowEveryCommandAndOption) {
+TEST_F(QxctlCompletion, EveryScriptKnowsEveryCommandAndOption) {
   const std::string bash = ReadFile(Dir().File("bash"));
   const std::string zsh = ReadFile(Dir().File("zsh"));
+  const std::string fish = ReadFile(Dir().File("fish"));
   for (const json& row : Table()) {
-    for (const std::string& script : {bash, zsh}) {
+    for (const std::string& script : {bash, zsh, fish}) {
       EXPECT_THAT(script, testing::HasSubstr(Quoted(row["command"])));
       for (const json& option : row["options"]) EXPECT_THAT(script, testing::HasSubstr(option["names"].back()));
     }

@@ -242,6 +242,8 @@ TEST_F(QxctlExplain, UnknownTextIsNotFound) {
 TEST_F(QxctlExplain, ListAndJsonHaveEveryEntry) {
   const Ran list = Qxctl({"explain", "--list"});
   EXPECT_EQ(static_cast<std::size_t>(std::count(list.out.begin(), list.out.end(), '\n')), AllExplanations().size());
+  EXPECT_THAT(list.out, HasSubstr("\ndoctor code QX301 - There is no report directory\n"));
+  EXPECT_THAT(list.out, HasSubstr("\nmessage krx_gendata thread id is 0 - The block of the request names no thread\n"));
   const json all = json::parse(Qxctl({"explain", "--list", "--json"}).out);
   EXPECT_EQ(all["explanations"].size(), AllExplanations().size());
   EXPECT_EQ(json::parse(Qxctl({"explain", "401", "--json"}).out)["explanations"][0]["kind"], "result code");

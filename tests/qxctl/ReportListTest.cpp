@@ -166,7 +166,7 @@ TEST_F(QxctlReportList, NothingIsChangedByTheList) {
 }
 
 TEST_F(QxctlReportList, CompletionOffersReportsOfSubdirectories) {
-  EXPECT_EQ(Qxctl({"_reports"}).out, "disk/sda\nload\n");
+  EXPECT_EQ(Qxctl({"_offers", "reports"}).out, "disk/sda\nload\n");
 }
 
 }  // namespace qx::test

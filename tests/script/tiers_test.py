@@ -30,7 +30,7 @@ COMMANDS = dict.fromkeys(BASE) | {
     "abidiff": "abigail-tools", "abidw": "abigail-tools", "analyze-build-14": "clang-tools", "bats": "bats",
     "clang": "clang", "clang++": "clang", "clang-format": "clang-format", "clang-tidy": "clang-tidy", "cmake": "cmake",
     "cpack": "cmake", "cppcheck": "cppcheck", "ctest": "cmake", "debootstrap": None, "dpkg-deb": None,
-    "dpkg-parsechangelog": "dpkg-dev", "g++": "g++", "gcov": "g++", "gcovr": "gcovr", "git": None, "gnuplot": "gnuplot-nox",
+    "dpkg-parsechangelog": "dpkg-dev", "fish": "fish", "g++": "g++", "gcov": "g++", "gcovr": "gcovr", "git": None, "gnuplot": "gnuplot-nox",
     "lintian": "lintian", "llvm-symbolizer": "llvm", "make": "make", "man": None, "nats-server": "nats-server", "ninja": "ninja-build",
     "nm": "binutils",
     "objdump": "binutils", "pkg-config": "pkg-config", "pkgconf": "pkg-config", "python3": "python3", "readelf": "binutils",

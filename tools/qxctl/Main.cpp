@@ -16,6 +16,7 @@
 #include "tools/qxctl/cli/describe/CompletionCommand.h"
 #include "tools/qxctl/cli/describe/HelpCommand.h"
 #include "tools/qxctl/cli/describe/HelpText.h"
+#include "tools/qxctl/cli/line/OffersCommand.h"
 #include "tools/qxctl/cli/line/ParseCommand.h"
 #include "tools/qxctl/cli/line/Parser.h"
 #include "tools/qxctl/cli/text/JsonText.h"
@@ -29,15 +30,18 @@
 #include "tools/qxctl/report/ReportCheckCommand.h"
 #include "tools/qxctl/report/ReportCommand.h"
 #include "tools/qxctl/report/ReportListCommand.h"
-#include "tools/qxctl/report/ReportNamesCommand.h"
 #include "tools/qxctl/settings/IniCommand.h"
 #include "tools/qxctl/settings/IniEditCommand.h"
+#include "tools/qxctl/settings/IniOffers.h"
 #include "tools/qxctl/settings/RegistryCheckCommand.h"
 #include "tools/qxctl/settings/RegistryCommand.h"
 #include "tools/qxctl/settings/RegistryEditCommand.h"
+#include "tools/qxctl/settings/RegistryOffers.h"
 #include "tools/qxctl/settings/SetupCommand.h"
+#include "tools/qxctl/store/ReportOffers.h"
 #include "tools/qxctl/trace/TraceConfigCommand.h"
 #include "tools/qxctl/trace/TraceFollowCommand.h"
+#include "tools/qxctl/trace/TraceOffers.h"
 #include "tools/qxctl/trace/TraceShowCommand.h"
 #include "tools/qxctl/trial/FaultsCommand.h"
 #include "tools/qxctl/trial/LoadTestCommand.h"
@@ -118,10 +122,17 @@ constexpr const Command* kCommands[] = {
     &qx::ctl::kHelpCommand,
     &qx::ctl::kVersionCommand,
     &qx::ctl::kCompletionCommand,
-    &qx::ctl::kReportNamesCommand,
     &qx::ctl::kTableCommand,
     &qx::ctl::kManCommand,
     &qx::ctl::kParseCommand,
+    &qx::ctl::kOffersCommand,
+};
+
+// What the tab key offers.
+constexpr const qx::ctl::OfferSource* kOfferSources[] = {
+    &qx::ctl::kReportOffers,        &qx::ctl::kTraceOffers,      &qx::ctl::kRegistryKeyOffers,
+    &qx::ctl::kRegistryValueOffers, &qx::ctl::kIniSectionOffers, &qx::ctl::kIniKeyOffers,
+    &qx::ctl::kCodeOffers,          &qx::ctl::kFaultOffers,      &qx::ctl::kCommandOffers,
 };
 
 // A closed standard descriptor would be taken by the next file that is opened, and what we print would land in it. The
@@ -166,6 +177,7 @@ Status Run(Context& context, const CommandLine& line) {
 ExitCode Qxctl(int argc, char** argv) {
   Context context;
   context.commands = kCommands;
+  context.offer_sources = kOfferSources;
   context.version = QX_VERSION;
   CommandLine line;
   if (Status status = ParseCommandLine(kCommands, argc, argv, line); !status.IsOk())

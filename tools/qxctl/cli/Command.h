@@ -24,9 +24,19 @@ enum class ValueKind : std::uint8_t {
   kNumber,  // with or without a fraction
   kFile,
   kDirectory,
-  kReport,        // the name of a report in the report directory
-  kStore,         // the path of a report's two files without their endings
-  kReportOrStore  // one of the two
+  kReport,         // the name of a report in the report directory
+  kStore,          // the path of a report's two files without their endings
+  kReportOrStore,  // one of the two
+  kTraceFile,      // a file of the trace directory, or a path
+  kField,          // a number in the records of the report
+  kRegistryKey,    // the path of a key
+  kRegistryValue,  // a value of the key
+  kIniSection,     // a section of the profile file
+  kIniKey,         // a key of the section
+  kTime,           // of a slice
+  kCode,           // what qxctl explain knows
+  kFault,          // a case of qxctl module faults
+  kCommand         // a word of a command
 };
 
 // Both limits are valid values.

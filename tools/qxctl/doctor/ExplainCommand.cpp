@@ -1,6 +1,7 @@
 // The meaning of a code or a trace line, its cause and the action to take.
 #include "tools/qxctl/doctor/ExplainCommand.h"
 
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,10 +33,15 @@ Json ToJson(const std::vector<const Explanation*>& found) {
   return json;
 }
 
+// "doctor code QX100 - The module loads and is complete"
+std::string ToLine(const Explanation& one) {
+  return std::string(NameOf(one.kind)) + " " + std::string(one.code) + " - " + std::string(one.meaning) + "\n";
+}
+
 std::string ToText(const std::vector<const Explanation*>& found, bool is_list) {
   std::string text;
   for (const Explanation* const one : found) {
-    text += is_list ? std::string(NameOf(one->kind)) + " " + std::string(one->code) + "\n" : ToText(*one);
+    text += is_list ? ToLine(*one) : ToText(*one);
   }
   return text;
 }
@@ -59,12 +65,25 @@ Status ExplainAll(Context& context, const Values& values) {
       context, values, [&] { return ToJson(found); }, [&] { return ToText(found, is_list); });
 }
 
+std::vector<Offer> Codes(const Context&, const OfferRequest&) {
+  std::vector<Offer> offers;
+  for (const Explanation& one : AllExplanations()) {
+    if (one.kind == ExplainedKind::kMessage || one.kind == ExplainedKind::kTrace) continue;
+    const std::string meaning(one.meaning);
+    offers.push_back({std::string(one.code), meaning});
+    const char* const name =
+        one.kind == ExplainedKind::kErrorNumber ? strerrorname_np(std::stoi(offers.back().word)) : nullptr;
+    if (name != nullptr && name != one.code) offers.push_back({name, meaning});
+  }
+  return offers;
+}
+
 constexpr Parameter kParameters[] = {
     {.name = "TEXT",
-     .kind = ValueKind::kText,
+     .kind = ValueKind::kCode,
      .help = "Result code, error number, exit code, doctor code or trace line",
      .is_repeatable = true},
-    {.name = "--list", .help = "Print all codes and texts that are known"},
+    {.name = "--list", .help = "Print all codes and texts that are known, each with its meaning"},
     {.name = "--json", .help = "Print the explanations as JSON"},
 };
 
@@ -75,6 +94,8 @@ constexpr Example kExplainExamples[] = {
 };
 
 }  // namespace
+
+constinit const OfferSource kCodeOffers = {"codes", Codes};
 
 constinit const Command kExplainCommand = {.words = "explain",
                                            .help = "Explain a code or a line of a trace",

@@ -2,9 +2,13 @@
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"
+#include "tools/qxctl/cli/Offers.h"
 
 namespace qx::ctl {
 
 extern const Command kExplainCommand;
+
+// Codes and their meanings, for the tab key; error numbers also by name.
+extern const OfferSource kCodeOffers;
 
 }  // namespace qx::ctl

@@ -159,12 +159,15 @@ constexpr Parameter kFileParameters[] = {
 };
 
 constexpr Parameter kListParameters[] = {
-    {.name = "SECTION", .kind = ValueKind::kText, .help = "List its keys and values instead of the sections"},
+    {.name = "SECTION", .kind = ValueKind::kIniSection, .help = "List its keys and values instead of the sections"},
 };
 
 constexpr Parameter kGetParameters[] = {
-    {.name = "SECTION", .kind = ValueKind::kText, .help = "The section's name, without brackets", .is_required = true},
-    {.name = "KEY", .kind = ValueKind::kText, .help = "The key's name", .is_required = true},
+    {.name = "SECTION",
+     .kind = ValueKind::kIniSection,
+     .help = "The section's name, without brackets",
+     .is_required = true},
+    {.name = "KEY", .kind = ValueKind::kIniKey, .help = "The key's name", .is_required = true},
 };
 
 constexpr Example kIniListExamples[] = {

@@ -206,23 +206,26 @@ Status Copy(Context& context, const Values& values) {
 
 constexpr Parameter kSectionParameters[] = {
     {.name = "FILE", .kind = ValueKind::kFile, .help = "The profile file", .is_required = true},
-    {.name = "SECTION", .kind = ValueKind::kText, .help = "The section's name, without brackets", .is_required = true},
+    {.name = "SECTION",
+     .kind = ValueKind::kIniSection,
+     .help = "The section's name, without brackets",
+     .is_required = true},
 };
 
 constexpr Parameter kForceParameters[] = {{.name = "--force", .help = "Also if the file is a symbolic link"}};
 
 constexpr Parameter kSetParameters[] = {
-    {.name = "KEY", .kind = ValueKind::kText, .help = "The key's name", .is_required = true},
+    {.name = "KEY", .kind = ValueKind::kIniKey, .help = "The key's name", .is_required = true},
     {.name = "VALUE", .kind = ValueKind::kText, .help = "The new value", .is_required = true},
     {.name = "--create", .help = "Create the file if it is missing"},
 };
 
 constexpr Parameter kDeleteParameters[] = {
-    {.name = "KEY", .kind = ValueKind::kText, .help = "The key's name; without it: the whole section"},
+    {.name = "KEY", .kind = ValueKind::kIniKey, .help = "The key's name; without it: the whole section"},
 };
 
 constexpr Parameter kCopyParameters[] = {
-    {.name = "NEW", .kind = ValueKind::kText, .help = "Name of the other section; without it: the same"},
+    {.name = "NEW", .kind = ValueKind::kIniSection, .help = "Name of the other section; without it: the same"},
     {.name = "--to", .kind = ValueKind::kFile, .value = "FILE", .help = "Another file"},
     {.name = "--create", .help = "Create the file if it is missing"},
 };

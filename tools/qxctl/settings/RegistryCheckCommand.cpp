@@ -152,7 +152,7 @@ constexpr Parameter kDiffParameters[] = {
 
 constexpr Parameter kExportParameters[] = {
     {.name = "KEY",
-     .kind = ValueKind::kText,
+     .kind = ValueKind::kRegistryKey,
      .help = "Path of the key, from a hive on; \"\" or without it: everything"},
     {.name = "FILE", .kind = ValueKind::kFile, .help = "The file to write; - or without it: standard output"},
     {.name = "--force", .help = "Also write to a file of another user; it keeps its owner"},

@@ -343,8 +343,8 @@ constexpr Parameter kForceParameters[] = {
 };
 
 constexpr Parameter kSetParameters[] = {
-    {.name = "KEY", .kind = ValueKind::kText, .help = "Path of the key, from a hive on", .is_required = true},
-    {.name = "NAME", .kind = ValueKind::kText, .help = "Name of the value", .is_required = true},
+    {.name = "KEY", .kind = ValueKind::kRegistryKey, .help = "Path of the key, from a hive on", .is_required = true},
+    {.name = "NAME", .kind = ValueKind::kRegistryValue, .help = "Name of the value", .is_required = true},
     {.name = "VALUE",
      .kind = ValueKind::kText,
      .help = "A text, a number, or bytes such as \"0a ff\"",
@@ -359,15 +359,15 @@ constexpr Parameter kSetParameters[] = {
 };
 
 constexpr Parameter kDeleteParameters[] = {
-    {.name = "KEY", .kind = ValueKind::kText, .help = "Path of the key, from a hive on", .is_required = true},
-    {.name = "NAME", .kind = ValueKind::kText, .help = "Name of the value; without it: the key itself"},
+    {.name = "KEY", .kind = ValueKind::kRegistryKey, .help = "Path of the key, from a hive on", .is_required = true},
+    {.name = "NAME", .kind = ValueKind::kRegistryValue, .help = "Name of the value; without it: the key itself"},
     {.name = "--recursive", .letter = "-r", .help = "The key with everything in it", .excludes = {"NAME"}},
 };
 
 constexpr Parameter kImportParameters[] = {
     {.name = "FILE", .kind = ValueKind::kFile, .help = "The registry file; - for standard input", .is_required = true},
     {.name = "--replace",
-     .kind = ValueKind::kText,
+     .kind = ValueKind::kRegistryKey,
      .value = "KEY",
      .help = "Empty this key first, so that it becomes as in FILE; \"\": everything"},
 };

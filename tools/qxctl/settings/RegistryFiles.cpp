@@ -1,6 +1,5 @@
 #include "tools/qxctl/settings/RegistryFiles.h"
 
-#include <string_view>
 #include <utility>
 
 #include "registry/Registry.h"
@@ -17,19 +16,25 @@ RegistrySource RegistrySourceOf(const Values& values) {
   return source;
 }
 
-Status LoadTree(Context& context, const RegistrySource& source, CRegistryNode& tree) {
+Status LoadTree(const RegistrySource& source, CRegistryNode& tree, std::string& path) {
+  path = source.file;
   if (!source.file.empty()) {
     if (CRegistry::ReadTree(source.file.c_str(), tree)) return {};
     return {ExitCode::kNotFound, "there is no registry file " + source.file + ", or no value in it"};
   }
   for (const char* const name : {"registry", "registry.old", "registry.default"}) {
-    const std::string path = source.directory + "/" + name;
-    const bool is_good = CRegistry::ReadTree(path.c_str(), tree);
-    if (is_good && std::string_view(name) != "registry") context.output.Note("qxctl: the registry comes from " + path);
-    if (is_good) return {};
+    path = source.directory + "/" + name;
+    if (CRegistry::ReadTree(path.c_str(), tree)) return {};
   }
   return {ExitCode::kNotFound,
           "there is no registry in " + source.directory + " (registry, registry.old or registry.default with a value)"};
+}
+
+Status LoadTree(Context& context, const RegistrySource& source, CRegistryNode& tree) {
+  std::string path;
+  Status status = LoadTree(source, tree, path);
+  if (status.IsOk() && path != source.Path()) context.output.Note("qxctl: the registry comes from " + path);
+  return status;
 }
 
 Status ReadTreeFile(const std::string& file, CRegistryNode& tree, std::string& bytes) {

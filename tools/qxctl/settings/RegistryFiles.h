@@ -36,7 +36,10 @@ inline constexpr Parameter kRegistryParameters[] = {
 // From a command with kRegistryParameters.
 RegistrySource RegistrySourceOf(const Values& values);
 
-// Loads the tree of the file, or of the first good one of the directory; if it was not the first, a note says so.
+// Loads the tree of the file, or of the first good one of the directory. `path` is the loaded file.
+Status LoadTree(const RegistrySource& source, CRegistryNode& tree, std::string& path);
+
+// The same; if it was not the first file of the directory, a note says so.
 Status LoadTree(Context& context, const RegistrySource& source, CRegistryNode& tree);
 
 // Reads a tree from a file or, for "-", from standard input. `bytes` are the bytes that were read.

@@ -18,12 +18,12 @@ inline constexpr Parameter kLastOption = {.name = "--last",
                                           .limits = kPositive};
 inline constexpr Parameter kSinceOption = {
     .name = "--since",
-    .kind = ValueKind::kText,
+    .kind = ValueKind::kTime,
     .value = "TIME",
     .help = "Only from this time on: \"2026-01-31 10:20\", 10:20, -10min, today, yesterday",
     .group = kSliceGroup};
 inline constexpr Parameter kUntilOption = {.name = "--until",
-                                           .kind = ValueKind::kText,
+                                           .kind = ValueKind::kTime,
                                            .value = "TIME",
                                            .help = "Only up to this time, all of the day, minute or second",
                                            .group = kSliceGroup};

@@ -100,7 +100,7 @@ Status Follow(Context& context, const Values& values) {
 }
 
 constexpr Parameter kParameters[] = {
-    {.name = "FILE", .kind = ValueKind::kFile, .help = "A log or ring file", .is_required = true},
+    {.name = "FILE", .kind = ValueKind::kTraceFile, .help = "A log or ring file", .is_required = true},
     {.name = "--from-now", .help = "Leave out what the file already has"},
 };
 

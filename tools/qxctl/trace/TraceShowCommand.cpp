@@ -9,11 +9,11 @@
 #include <utility>
 #include <vector>
 
-#include "debug/tools/TraceSettingSources.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/JsonText.h"
 #include "tools/qxctl/trace/TraceFilterOptions.h"
+#include "tools/qxctl/trace/TracePlace.h"
 #include "tools/qxctl/trace/TraceText.h"
 
 namespace qx::ctl {
@@ -101,16 +101,8 @@ Status OpenFile(const std::string& path, const std::string& name, Files& files) 
 
 // Logs and rings: the regular files "log.*".
 Status OpenDirectory(const std::string& directory, Files& files) {
-  std::error_code error;
   std::vector<std::string> names;
-  for (const auto& item : std::filesystem::directory_iterator(directory, error)) {
-    std::error_code gone;
-    const std::string name = item.path().filename();
-    if (name.starts_with("log.") && item.is_regular_file(gone)) names.push_back(name);
-  }
-  if (error) return Status::Io("cannot list " + directory, error.value());
-  if (names.empty()) return {ExitCode::kNotFound, "there are no trace files (log.*) in " + directory};
-  std::sort(names.begin(), names.end());
+  if (Status status = FindTraceFiles(directory, names); !status.IsOk()) return status;
   for (const std::string& name : names) {
     std::string path = directory;
     path.append("/").append(name);
@@ -269,14 +261,6 @@ ExitCode CollectFindings(Context& context, const Files& files, std::vector<Json>
   return code;
 }
 
-// The directory into which the module would trace in this environment.
-std::string TraceDirectoryHere() {
-  for (const debug::SettingSource& source : debug::ReadSettingSources("QXRemConXfer", debug::kTraceConfigDirectory)) {
-    if (source.setting == "trace directory") return source.value;
-  }
-  return {};
-}
-
 // Nobody named the directory, so the message says who did.
 Status WithoutPath(const Status& status) {
   if (status.Code() != ExitCode::kNotFound && status.Code() != ExitCode::kIo) return status;
@@ -305,7 +289,7 @@ Status Show(Context& context, const Values& values) {
 
 constexpr Parameter kPathParameters[] = {
     {.name = "PATH",
-     .kind = ValueKind::kFile,
+     .kind = ValueKind::kTraceFile,
      .help = "A log or ring file, or a directory with such files (log.*); without it: that of the module's traces"},
 };
 

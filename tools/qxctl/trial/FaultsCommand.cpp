@@ -232,9 +232,20 @@ Status Faults(Context& context, const Values& values) {
       context, values, [&] { return ToJson(results, status); }, [&] { return ToText(results); }, status);
 }
 
+std::vector<Offer> Cases(const Context&, const OfferRequest&) {
+  std::vector<Offer> offers;
+  std::string group;
+  for (const FaultCase& fault : AllCases()) {
+    if (group != fault.group) offers.push_back({fault.group, "All cases of this group"});
+    group = fault.group;
+    offers.push_back({group + "/" + fault.name, fault.description});
+  }
+  return offers;
+}
+
 constexpr Parameter kParameters[] = {
     {.name = "CASE",
-     .kind = ValueKind::kText,
+     .kind = ValueKind::kFault,
      .help = "Cases or groups of cases (default: all)",
      .is_repeatable = true},
     {.name = "--report",
@@ -257,6 +268,8 @@ constexpr Example kFaultsExamples[] = {
 };
 
 }  // namespace
+
+constinit const OfferSource kFaultOffers = {"faults", Cases};
 
 constinit const Command kFaultsCommand = {.words = "module faults",
                                           .help = "Call the module as a bad host would, each case in a child",

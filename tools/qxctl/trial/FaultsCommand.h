@@ -2,9 +2,13 @@
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"
+#include "tools/qxctl/cli/Offers.h"
 
 namespace qx::ctl {
 
 extern const Command kFaultsCommand;
+
+// Groups and cases, for the tab key.
+extern const OfferSource kFaultOffers;
 
 }  // namespace qx::ctl

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::string_view kPlaceOfTables = "#@TABLES@\n";
 
-// The kinds that the scripts know; completion.bash lists them.
+// The kinds that the scripts know; completion.bash lists them. "@codes" is what the source of offers "codes" returns.
 std::string KindOf(const Parameter& parameter) {
   if (!parameter.choices.empty()) return Joined({parameter.choices.begin(), parameter.choices.end()}, "|");
   switch (parameter.kind) {
@@ -19,11 +19,31 @@ std::string KindOf(const Parameter& parameter) {
     case ValueKind::kDirectory:
       return "@dir";
     case ValueKind::kReport:
-      return "@report";
+      return "@reports";
     case ValueKind::kStore:
       return "@store";
     case ValueKind::kReportOrStore:
       return "@either";
+    case ValueKind::kTraceFile:
+      return "@traces";
+    case ValueKind::kField:
+      return "@fields";
+    case ValueKind::kRegistryKey:
+      return "@registry-keys";
+    case ValueKind::kRegistryValue:
+      return "@registry-values";
+    case ValueKind::kIniSection:
+      return "@ini-sections";
+    case ValueKind::kIniKey:
+      return "@ini-keys";
+    case ValueKind::kTime:
+      return "today|yesterday|now|-10min|-1h|-1d";
+    case ValueKind::kCode:
+      return "@codes";
+    case ValueKind::kFault:
+      return "@faults";
+    case ValueKind::kCommand:
+      return "@commands";
     case ValueKind::kNone:
     case ValueKind::kText:
     case ValueKind::kInteger:
@@ -113,7 +133,7 @@ std::vector<Entry> BashWords(Commands commands) {
   return entries;
 }
 
-// --- zsh: lines "NAME:HELP", for its _describe
+// --- zsh and fish: lines of a name and its help, separated by ":" for the _describe of zsh, by a tab for fish
 
 std::string ZshTable(const std::string& name, const std::vector<Entry>& entries) {
   std::string text = name + "=(\n";
@@ -121,32 +141,45 @@ std::string ZshTable(const std::string& name, const std::vector<Entry>& entries)
   return text + ")\n";
 }
 
-std::string Described(std::string_view name, std::string_view help) {
-  return std::string(name) + ":" + std::string(help);
-}
-
-std::vector<Entry> ZshOptions(Commands commands) {
+std::vector<Entry> DescribedOptions(Commands commands, char separator) {
   std::vector<Entry> entries;
   for (const Command* const command : ShownCommands(commands)) {
     std::vector<std::string> lines;
     for (const Parameter* const option : AllOptionsOf(*command, *commands.front())) {
-      lines.push_back(Described(option->name, option->help));
+      lines.push_back(std::string(option->name) + separator + std::string(option->help));
     }
     entries.push_back({FullName(*command), Joined(lines, "\n")});
   }
   return entries;
 }
 
-std::vector<Entry> ZshWords(Commands commands) {
+std::vector<Entry> DescribedWords(Commands commands, char separator) {
   std::vector<Entry> entries;
   for (const Command* const command : ShownCommands(commands)) {
     std::vector<std::string> lines;
     for (const Command* const below : Subcommands(commands, *command)) {
-      lines.push_back(Described(LastWord(*below), below->help));
+      lines.push_back(std::string(LastWord(*below)) + separator + std::string(below->help));
     }
     entries.push_back({FullName(*command), Joined(lines, "\n")});
   }
   return entries;
+}
+
+// --- fish: it has no tables by name, so each one is a function
+
+std::string FishQuoted(std::string_view text) {
+  std::string quoted = "'";
+  for (const char c : text) quoted += c == '\'' || c == '\\' ? std::string("\\") + c : std::string(1, c);
+  return quoted + "'";
+}
+
+std::string FishTable(const std::string& name, const std::vector<Entry>& entries) {
+  std::string text = "function " + name + "\n    switch \"$argv[1]\"\n";
+  for (const Entry& entry : entries) {
+    if (entry.value.empty()) continue;
+    text += "        case " + FishQuoted(entry.key) + "\n            printf '%s\\n' " + FishQuoted(entry.value) + "\n";
+  }
+  return text + "    end\nend\n";
 }
 
 // The script with the tables filled in.
@@ -164,10 +197,17 @@ std::string BashCompletion(Commands commands) {
 }
 
 std::string ZshCompletion(Commands commands) {
-  return Filled(kCompletionZsh, ZshTable("_qxctl_words", ZshWords(commands)) +
-                                    ZshTable("_qxctl_options", ZshOptions(commands)) +
+  return Filled(kCompletionZsh, ZshTable("_qxctl_words", DescribedWords(commands, ':')) +
+                                    ZshTable("_qxctl_options", DescribedOptions(commands, ':')) +
                                     ZshTable("_qxctl_values", ValueEntries(commands)) +
                                     ZshTable("_qxctl_arguments", ArgumentEntries(commands)));
+}
+
+std::string FishCompletion(Commands commands) {
+  return Filled(kCompletionFish, FishTable("__qxctl_words", DescribedWords(commands, '\t')) +
+                                     FishTable("__qxctl_options", DescribedOptions(commands, '\t')) +
+                                     FishTable("__qxctl_values", ValueEntries(commands)) +
+                                     FishTable("__qxctl_arguments", ArgumentEntries(commands)));
 }
 
 }  // namespace qx::ctl

@@ -1,4 +1,4 @@
-// Completion scripts for shells: completion.bash and completion.zsh with tables that are made from the command table.
+// Completion scripts for shells: completion.bash, .zsh and .fish with tables that are made from the command table.
 #pragma once
 
 #include <string>
@@ -7,10 +7,14 @@
 
 namespace qx::ctl {
 
-// For bash 4 or newer, which sources it. `qxctl _reports` prints the names of reports for it.
+// For bash 4 or newer, which sources it. `qxctl _offers` prints what it cannot know itself, such as names of
+// reports: see Offers.h.
 std::string BashCompletion(Commands commands);
 
 // The same for zsh: sourced, or as a file _qxctl in a directory of fpath.
 std::string ZshCompletion(Commands commands);
+
+// The same for fish 3: sourced, or as the file qxctl.fish in a directory of completions.
+std::string FishCompletion(Commands commands);
 
 }  // namespace qx::ctl

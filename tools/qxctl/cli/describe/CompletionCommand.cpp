@@ -16,15 +16,16 @@ namespace qx::ctl {
 namespace {
 
 constexpr std::string_view kPlaceOfSections = "@COMMANDS@\n";
-constexpr std::string_view kShells[] = {"bash", "zsh"};
+constexpr std::string_view kShells[] = {"bash", "zsh", "fish"};
 
 constexpr Parameter kParameters[] = {
     {.name = "SHELL", .kind = ValueKind::kText, .help = "The shell", .choices = kShells, .is_required = true},
 };
 
 Status PrintCompletion(Context& context, const Values& values) {
-  const bool is_bash = values.Text("SHELL") == "bash";
-  return context.output.Data(is_bash ? BashCompletion(context.commands) : ZshCompletion(context.commands));
+  const std::string shell = values.Text("SHELL");
+  if (shell == "bash") return context.output.Data(BashCompletion(context.commands));
+  return context.output.Data(shell == "zsh" ? ZshCompletion(context.commands) : FishCompletion(context.commands));
 }
 
 Status PrintTable(Context& context, const Values&) { return context.output.Document(ToJson(context.commands)); }
@@ -52,7 +53,7 @@ constexpr Parameter kManParameters[] = {
 
 constexpr Example kCompletionExamples[] = {
     {"qxctl completion bash", "Print the script for bash"},
-    {"qxctl completion zsh", "Print the script for zsh"},
+    {"qxctl completion fish > ~/.config/fish/completions/qxctl.fish", "Install the script for fish"},
 };
 
 }  // namespace

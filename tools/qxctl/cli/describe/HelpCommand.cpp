@@ -12,7 +12,7 @@ namespace qx::ctl {
 namespace {
 
 constexpr Parameter kParameters[] = {
-    {.name = "COMMAND", .kind = ValueKind::kText, .help = "The words of the command", .is_repeatable = true},
+    {.name = "COMMAND", .kind = ValueKind::kCommand, .help = "The words of the command", .is_repeatable = true},
 };
 
 Status Help(Context& context, const Values& values) {
@@ -26,6 +26,16 @@ Status Version(Context& context, const Values&) {
   return context.output.Data("qxctl " + std::string(context.version) + "\n");
 }
 
+std::vector<Offer> NextWords(const Context& context, const OfferRequest& request) {
+  const Command* command = nullptr;
+  if (!FindCommand(context.commands, request.Texts("COMMAND"), command).IsOk()) return {};
+  std::vector<Offer> offers;
+  for (const Command* const below : Subcommands(context.commands, *command)) {
+    offers.push_back({std::string(LastWord(*below)), std::string(below->help)});
+  }
+  return offers;
+}
+
 constexpr Example kHelpExamples[] = {
     {"qxctl help", "Describe the options that every command has"},
     {"qxctl help report cat", "Describe a command"},
@@ -36,6 +46,8 @@ constexpr Example kVersionExamples[] = {
 };
 
 }  // namespace
+
+constinit const OfferSource kCommandOffers = {"commands", NextWords};
 
 constinit const Command kHelpCommand = {.words = "help",
                                         .help = "Describe a command, or what every command has",

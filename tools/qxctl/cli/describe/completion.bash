@@ -8,24 +8,31 @@
 #   _qxctl_arguments  the kinds of its arguments, in order; "..." after the last one says that it may be repeated
 #
 # The kinds:
-#   @file @dir   a path               @report  a report of the report directory
-#   @store       a report's path      @either  one of these two
+#   @file @dir   a path               @store   a report's path
+#   @either      @reports or @store   @traces  a file of the trace directory, or a path
 #   @none        anything             a|b|c    one of these
+#   @KIND        what "qxctl _offers KIND -- WORD WORDS-BEFORE" prints: a line each, after a tab comes its help
 declare -gA _qxctl_words _qxctl_options _qxctl_values _qxctl_arguments
 #@TABLES@
 
-# Completes $2 as a value of kind $1; $3 is the qxctl that is called.
+# Completes $2 as a value that "qxctl _offers $1" prints; $3 is the qxctl that is called, the others are the words before.
+_qxctl_ask() {
+  local found kind=$1 current=${2//[\\\'\"]/} qxctl=${3/#\~\//$HOME/}
+  shift 3
+  while IFS=$'\t' read -r found _; do
+    [[ $found == "$current"* ]] && COMPREPLY+=("$found")
+  done < <("$qxctl" _offers "$kind" -- "$current" "$@" 2>/dev/null)
+  [[ ${COMPREPLY[0]-} == */ ]] && compopt -o nospace 2>/dev/null
+  return 0
+}
+
+# Completes $2 as a value of kind $1; $3 is the qxctl that is called, the others are the words before.
 _qxctl_offer() {
   local found
   case $1 in
     '' | @none) ;;
-    @file) mapfile -t COMPREPLY < <(compgen -f -- "$2") ;;
+    @file) mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$2") ;;
     @dir) mapfile -t COMPREPLY < <(compgen -d -- "$2") ;;
-    @report)
-      while IFS= read -r found; do
-        [[ $found == "$2"* ]] && COMPREPLY+=("$found")
-      done < <("${3/#\~\//$HOME/}" _reports 2>/dev/null)
-      ;;
     @store)
       while IFS= read -r found; do
         if [[ $found == *.ind ]]; then
@@ -36,9 +43,14 @@ _qxctl_offer() {
       done < <(compgen -f -- "$2")
       ;;
     @either)
-      [[ $2 == */* ]] || _qxctl_offer @report "$2" "$3"
-      _qxctl_offer @store "$2" "$3"
+      _qxctl_offer @reports "${@:2}"
+      _qxctl_offer @store "${@:2}"
       ;;
+    @traces)
+      _qxctl_ask traces "${@:2}"
+      _qxctl_offer @file "${@:2}"
+      ;;
+    @*) _qxctl_ask "${1#@}" "${@:2}" ;;
     *) mapfile -t COMPREPLY < <(compgen -W "${1//|/ }" -- "$2") ;;
   esac
   if [[ $1 == @* ]]; then
@@ -50,7 +62,7 @@ _qxctl_offer() {
 
 _qxctl() {
   local current=${COMP_WORDS[COMP_CWORD]} place=qxctl kind='' ended='' given=0 word i
-  local -a kinds
+  local -a kinds before
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
@@ -67,10 +79,11 @@ _qxctl() {
     else
       given=$((given + 1))
     fi
+    before+=("${word//[\\\'\"]/}")
   done
   [[ -n $kind && $current == = ]] && current=''
   if [[ -n $kind ]]; then
-    _qxctl_offer "$kind" "$current" "$1"
+    _qxctl_offer "$kind" "$current" "$1" "${before[@]}"
   elif [[ -z $ended && $current == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "${_qxctl_options[$place]}" -- "$current")
   elif [[ -n ${_qxctl_words[$place]} ]]; then
@@ -79,7 +92,7 @@ _qxctl() {
     read -ra kinds <<<"${_qxctl_arguments[$place]}"
     kind=${kinds[given]:-}
     [[ -z $kind && ${#kinds[@]} -gt 0 && ${kinds[-1]} == *... ]] && kind=${kinds[-1]}
-    _qxctl_offer "${kind%...}" "$current" "$1"
+    _qxctl_offer "${kind%...}" "$current" "$1" "${before[@]}"
   fi
 }
 

@@ -8,9 +8,10 @@
 #   _qxctl_arguments  the kinds of its arguments, in order; "..." after the last one says that it may be repeated
 #
 # The kinds:
-#   @file @dir   a path               @report  a report of the report directory
-#   @store       a report's path      @either  one of these two
+#   @file @dir   a path               @store   a report's path
+#   @either      @reports or @store   @traces  a file of the trace directory, or a path
 #   @none        anything             a|b|c    one of these
+#   @KIND        what "qxctl _offers KIND -- WORD WORDS-BEFORE" prints: a line each, after a tab comes its help
 typeset -gA _qxctl_words _qxctl_options _qxctl_values _qxctl_arguments
 #@TABLES@
 
@@ -20,6 +21,20 @@ _qxctl_dashed() {
   local -a found
   found=(./-*(N${~1}))
   compadd -f -a found
+}
+
+# Completes a value that "qxctl _offers $1" prints. $before are the words before it.
+_qxctl_ask() {
+  local -a lines found shown
+  lines=(${(f)"$(${~words[1]} _offers $1 -- "${(Q)PREFIX}" "${(@)before}" 2>/dev/null)"})
+  found=(${lines%%$'\t'*})
+  found=(${found/#-/./-})
+  shown=(${lines/$'\t'/  -- })
+  if [[ ${found[1]-} == */ ]]; then
+    compadd -S '' -a found
+  else
+    compadd -l -d shown -a found
+  fi
 }
 
 # Completes a value of kind $1.
@@ -35,11 +50,6 @@ _qxctl_offer() {
       _qxctl_dashed /
       _path_files -/ -F '(-*)'
       ;;
-    @report)
-      found=(${(f)"$(${~words[1]} _reports 2>/dev/null)"})
-      found=(${found/#-/./-})
-      compadd -a found
-      ;;
     @store)
       found=(${~PREFIX}*.ind(N:r))
       found=(${found/#-/./-})
@@ -47,9 +57,14 @@ _qxctl_offer() {
       _path_files -/ -F '(-*)'
       ;;
     @either)
-      _qxctl_offer @report
+      _qxctl_ask reports
       _qxctl_offer @store
       ;;
+    @traces)
+      _qxctl_ask traces
+      _qxctl_offer @file
+      ;;
+    @*) _qxctl_ask ${1#@} ;;
     *)
       found=(${(s:|:)1})
       compadd -a found
@@ -59,7 +74,7 @@ _qxctl_offer() {
 
 _qxctl() {
   local current=${words[CURRENT]} place=qxctl kind='' ended='' word
-  local -a kinds offers
+  local -a kinds offers before
   integer given=0 i
   for ((i = 2; i < CURRENT; i++)); do
     word=${words[i]}
@@ -74,6 +89,7 @@ _qxctl() {
     else
       given=$((given + 1))
     fi
+    before+=("${(Q)word}")
   done
   if [[ -z $kind && -z $ended && $current == --*=* ]]; then
     word=${current%%=*}
