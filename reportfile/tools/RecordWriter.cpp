@@ -111,29 +111,37 @@ int RecordWriter::StartRing(std::uint32_t slots) {
 
 std::uint32_t RecordWriter::FinishInterrupted() {
   const LockScope scope(store_.lock_);
-  std::int64_t end = 0;
-  const std::uint32_t records = CountUncounted(store_, &end);
-  if (records == 0 || WriteAt(store_.data_file_, end, kEndMarker) != kEndMarker.size()) return 0;
-  Count(records, end);
-  return records;
+  const IndexHeader& header = store_.header_;
+  if (!HasPlausibleRing(header) || header.highestIndex < header.maxRecord) return 0;
+  const UncountedPart part = FindUncounted();
+  if (part.records == 0 || WriteAt(store_.data_file_, part.end, kEndMarker) != kEndMarker.size()) return 0;
+  Count(part.records, part.end);
+  return part.records;
 }
 
-// The slot of the oldest record leads to where the next record goes only if that record is written there. Between two
-// appends the end marker is there, and directly after a restart no slot in use leads to offset 0. A free slot that was
-// written leads nowhere, as long as the header does not count it.
-std::uint32_t CountUncounted(CReportFileBase& store, std::int64_t* end) {
-  const IndexHeader& header = store.header();
-  if (!HasPlausibleRing(header) || header.highestIndex < header.maxRecord) return 0;
+// The slot of the oldest record leads to where the next record goes only if that record is written there. A free slot
+// that was written leads nowhere, as long as the header does not count it.
+UncountedPart RecordWriter::FindUncounted() const {
   std::string text;
   const auto end_of = [&](std::uint32_t slot, std::int64_t begin) -> std::optional<std::int64_t> {
-    if (!store.readLine(text, slot) || !text.ends_with(kLineEnd)) return std::nullopt;
-    if (begin == header.writePosition && text == kEndMarker) return std::nullopt;
+    if (!store_.readLine(text, slot) || !text.ends_with(kLineEnd)) return std::nullopt;
     return begin + static_cast<std::int64_t>(text.size());
   };
-  const auto slot_at = [&store](std::uint32_t slot) { return std::int64_t{store.getPositionFromIndexFile(slot)}; };
-  const UncountedPart part = FindUncountedPart(header, slot_at, end_of);
-  if (end != nullptr) *end = part.end;
-  return part.records;
+  const auto slot_at = [this](std::uint32_t slot) { return std::int64_t{store_.getPositionFromIndexFile(slot)}; };
+  const auto is_marker_at = [this](std::int64_t offset) { return IsMarkerAt(offset); };
+  return FindUncountedPart(store_.header_, slot_at, end_of, is_marker_at);
+}
+
+bool RecordWriter::IsMarkerAt(std::int64_t offset) const {
+  char bytes[kEndMarker.size()];
+  const file::Progress progress = ReadAt(store_.data_file_, offset, bytes, sizeof bytes);
+  return std::string_view(bytes, progress.bytes) == kEndMarker;
+}
+
+std::uint32_t CountUncounted(CReportFileBase& store) {
+  const IndexHeader& header = store.header();
+  if (!HasPlausibleRing(header) || header.highestIndex < header.maxRecord) return 0;
+  return RecordWriter(store).FindUncounted().records;
 }
 
 }  // namespace qx::report

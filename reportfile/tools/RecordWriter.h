@@ -21,6 +21,7 @@ class CReportFileBase;
 namespace qx::report {
 
 struct IndexHeader;
+struct UncountedPart;
 
 // The texts of a part of more than one record have no more bytes: they are copied into one buffer, which stays in the
 // processor's cache.
@@ -34,8 +35,8 @@ struct AppendedRecords {
 
 // How many records of a full ring are written, texts and slots, but not counted by the header: a part that is being
 // appended, or that a killed writer left. They have the slots of the oldest records. 0 for any other store, and for one
-// that cannot be read. `end`, if not null, becomes the offset after the last of them. [any thread]
-[[nodiscard]] std::uint32_t CountUncounted(CReportFileBase& store, std::int64_t* end = nullptr);
+// that cannot be read. [any thread]
+[[nodiscard]] std::uint32_t CountUncounted(CReportFileBase& store);
 
 // Threads: Append may be called from any thread at once; it holds the store's lock. The rest belongs to one thread.
 // Owns: buffers of at most 300 KiB. Borrows the store, which must outlive it.
@@ -57,11 +58,15 @@ class RecordWriter {
   [[nodiscard]] std::uint32_t FinishInterrupted();
 
  private:
+  friend std::uint32_t CountUncounted(CReportFileBase& store);
+
   [[nodiscard]] AppendedRecords AppendPart(std::span<const std::string_view> texts);
   [[nodiscard]] AppendedRecords AppendFirst(std::string_view text);
   [[nodiscard]] std::int64_t LayOut(std::span<const std::string_view> texts);
   [[nodiscard]] std::int64_t EndOf(std::size_t record, std::int64_t end) const;
   void Count(std::uint32_t records, std::int64_t marker_offset);
+  [[nodiscard]] UncountedPart FindUncounted() const;
+  [[nodiscard]] bool IsMarkerAt(std::int64_t offset) const;
 
   CReportFileBase& store_;
   std::vector<std::uint32_t> offsets_;  // of the records of the part

@@ -47,6 +47,7 @@ class Salvager {
   SalvageCounts Run(bool with_unindexed) {
     ReadIndex();
     FindLines();
+    FindUncounted();
     DropFragments();
     if (!EmitIndexed()) return counts_;
     if (with_unindexed) EmitUnindexed();
@@ -72,15 +73,21 @@ class Salvager {
   std::uint32_t OldestSlot() const {
     if (SlotCount() == 0) return 0;
     if (header_.oldestIndex >= SlotCount()) return SlotAfterNewest();
-    const bool is_full = header_.highestIndex == header_.maxRecord && header_.maxRecord == SlotCount();
-    return is_full ? (header_.oldestIndex + UncountedSlots()) % SlotCount() : header_.oldestIndex;
+    return (header_.oldestIndex + uncounted_.records) % SlotCount();
   }
 
-  // In a full ring: how many slots of the oldest records lead to new ones that the header does not count.
-  std::uint32_t UncountedSlots() const {
+  bool IsFullRing() const {
+    return SlotCount() > 0 && header_.oldestIndex < SlotCount() && header_.highestIndex == header_.maxRecord &&
+           header_.maxRecord == SlotCount();
+  }
+
+  // In a full ring: the new records that the header does not count, to which the slots of the oldest records lead.
+  void FindUncounted() {
+    if (!IsFullRing()) return;
     const auto slot_at = [this](std::uint32_t slot) { return std::optional<std::uint32_t>(offsets_[slot]); };
     const auto end_of = [this](std::uint32_t, std::int64_t begin) { return EndOfLine(begin); };
-    return FindUncountedPart(header_, slot_at, end_of).slots;
+    const auto is_marker_at = [this](std::int64_t offset) { return IsTextAt(offset, kEndMarker); };
+    uncounted_ = FindUncountedPart(header_, slot_at, end_of, is_marker_at);
   }
 
   // Of a whole line to which a slot leads.
@@ -156,7 +163,8 @@ class Salvager {
   }
 
   bool IsEndMarker(const Line& line) {
-    const bool may_be = line.begin == header_.writePosition || line.begin == header_.fileEnd;
+    const bool follows_uncounted = uncounted_.records > 0 && line.begin == uncounted_.end;
+    const bool may_be = follows_uncounted || line.begin == header_.writePosition || line.begin == header_.fileEnd;
     return may_be && BytesAt(line.begin, kEndMarker.size()).starts_with(kEndMarker);
   }
 
@@ -248,6 +256,7 @@ class Salvager {
   IndexHeader header_;
   std::vector<std::uint32_t> offsets_;  // by slot
   std::vector<SlotLine> lines_;         // by offset
+  UncountedPart uncounted_;
   std::int64_t emitted_bytes_ = 0;
   SalvageCounts counts_;
 };

@@ -208,7 +208,8 @@ class Examiner {
   void FindUncounted() {
     uncounted_ = FindUncountedPart(
         scan_.header, [this](std::uint32_t slot) { return SlotAt(slot); },
-        [this](std::uint32_t, std::int64_t begin) { return EndOfLine(begin); });
+        [this](std::uint32_t, std::int64_t begin) { return EndOfLine(begin); },
+        [this](std::int64_t offset) { return texts_.At(offset, kMarkerBytes).starts_with(kEndMarker); });
     scan_.record_in_flight = uncounted_.slots > 0;
   }
 

@@ -13,23 +13,36 @@
 namespace qx::report {
 
 struct UncountedPart {
-  std::uint32_t slots = 0;    // lead to where the record before them ends
-  std::uint32_t records = 0;  // of them, from the first on, those that have a whole record: all, or all but the last
-  std::int64_t end = 0;       // after the last whole record
+  std::uint32_t slots = 0;    // lead to where the line before them ends
+  std::uint32_t records = 0;  // of them, from the first on, those that certainly are records of the part
+  std::int64_t end = 0;       // after the last of these records
 };
 
 // `slot_at(slot)` returns the offset in a slot, `end_of(slot, offset)` the end of the record there; both return
-// std::optional, unset if nothing is there. [any thread]
-template <typename SlotAt, typename EndOf>
-[[nodiscard]] UncountedPart FindUncountedPart(const IndexHeader& header, SlotAt slot_at, EndOf end_of) {
+// std::optional, unset if nothing is there. `is_marker_at(offset)` says whether the end marker's bytes are there.
+//
+// The end marker follows the part. An old slot may lead to it: then the marker looks like one more record of the part,
+// and so may the old text after it. Therefore the records end at the first end marker. A record with the text of the
+// marker, and those after it in its part, are left out: their writer was never informed that they are stored.
+//   "a", marker, old text     slots to "a", to the marker, to the old text  => 3 slots, 1 record
+//   "a", "===>", "b", marker  slots to "a", to "===>", to "b"               => 3 slots, 1 record
+// [any thread]
+template <typename SlotAt, typename EndOf, typename IsMarkerAt>
+[[nodiscard]] UncountedPart FindUncountedPart(const IndexHeader& header, SlotAt slot_at, EndOf end_of,
+                                              IsMarkerAt is_marker_at) {
   UncountedPart part = {.end = header.writePosition};
   const std::uint32_t first_slot = SlotForNewRecord(header);
   const std::uint32_t records_max = RecordsInPart(header);
-  while (part.slots < records_max && slot_at(first_slot + part.slots) == part.end) {
-    const std::optional<std::int64_t> end = end_of(first_slot + part.slots, part.end);
+  std::int64_t at = header.writePosition;
+  bool is_over = false;
+  while (part.slots < records_max && slot_at(first_slot + part.slots) == at) {
+    const std::optional<std::int64_t> end = end_of(first_slot + part.slots, at);
+    is_over = is_over || is_marker_at(at);
     ++part.slots;
     if (!end.has_value()) break;
-    part.end = *end;
+    at = *end;
+    if (is_over) continue;
+    part.end = at;
     ++part.records;
   }
   return part;

@@ -294,6 +294,58 @@ TEST_F(RecordWriterInterrupted, TheEndMarkerIsNotARecordOfAKilledWriter) {
   EXPECT_EQ(files_.Header(), before_);
 }
 
+// The new record ends where the text of an old one begins, so that record's slot leads to the new end marker.
+TEST_F(RecordWriterInterrupted, OldSlotThatLeadsToTheNewEndMarkerIsNotCounted) {
+  const StoreFiles files;
+  const StoreFiles single_files;
+  for (const StoreFiles* each : {&files, &single_files}) {
+    CReportFileBase store;
+    ASSERT_TRUE(store.Open(each->Path(), 3));
+    for (const char* text : {"1", "2", "3", "4", "5", "6"}) ASSERT_TRUE(store.writeLine(text));
+  }
+  ASSERT_THAT(files.Slots(), ElementsAre(9, 12, 15));
+  files.WriteData(0, "0123456789\r\n===>\r\n");
+  files.WriteSlot(0, 0);
+  CReportFileBase next;
+  ASSERT_TRUE(next.Open(files.Path(), 3));
+  EXPECT_EQ(RecordWriter(next).FinishInterrupted(), 1U);
+  CReportFileBase single;
+  ASSERT_TRUE(single.Open(single_files.Path(), 3));
+  ASSERT_TRUE(single.writeLine("0123456789"));
+  ExpectSameFiles(files, single_files);
+}
+
+// Short texts of many lengths, so that old slots often lead to ends of new records.
+TEST_F(RecordWriterInterrupted, EachPartIsCountedAsItWasWritten) {
+  std::mt19937_64 random(Seed("RecordWriterInterrupted"));
+  int counted = 0;
+  for (int life = 0; life < 40; ++life) {
+    SCOPED_TRACE("life " + std::to_string(life));
+    const StoreFiles files;
+    const StoreFiles single_files;
+    CReportFileBase store;
+    CReportFileBase single;
+    const auto slots = static_cast<unsigned>(2 + random() % 6);
+    ASSERT_TRUE(store.Open(files.Path(), slots));
+    ASSERT_TRUE(single.Open(single_files.Path(), slots));
+    for (int step = 0; step < 40; ++step) {
+      const IndexHeader before = store.header();
+      Texts texts(1 + random() % report::RecordsInPart(before));
+      for (std::string& text : texts) text.assign(random() % 14, static_cast<char>('a' + step % 26));
+      ASSERT_EQ(AppendAll(store, texts).error, 0);
+      for (const std::string& text : texts) ASSERT_TRUE(single.writeLine(text.c_str()));
+      if (before.highestIndex == slots) {  // the header is the one before the part, and the next writer opens the store
+        files.WriteHeader(before);
+        ASSERT_TRUE(store.Open(files.Path(), 1));
+        ASSERT_EQ(RecordWriter(store).FinishInterrupted(), texts.size()) << "step " << step;
+        ++counted;
+      }
+      ASSERT_NO_FATAL_FAILURE(ExpectSameFiles(files, single_files)) << "step " << step;
+    }
+  }
+  EXPECT_GT(counted, 500);
+}
+
 // Also at every phase of ring and data file: nothing is in flight between two appends.
 TEST_F(RecordWriterInterrupted, NothingIsCountedBetweenTwoAppends) {
   for (const unsigned slots : {1U, 2U, 5U}) {

@@ -39,6 +39,9 @@ class StoreFiles {
   void WriteSlot(std::uint32_t slot, std::uint32_t offset) const {
     WriteAt(IndexPath(), report::SlotOffset(slot), {reinterpret_cast<const char*>(&offset), sizeof offset});
   }
+  void WriteHeader(const report::IndexHeader& header) const {
+    WriteAt(IndexPath(), 0, {reinterpret_cast<const char*>(&header), sizeof header});
+  }
   void WriteData(std::int64_t offset, std::string_view bytes) const { WriteAt(DataPath(), offset, bytes); }
 
   // A header with `slots` slots, all in use, the oldest first.
