@@ -71,13 +71,14 @@ int ReadSlot(std::FILE* index_file, std::uint32_t slot, std::uint32_t* offset) {
   return progress.error;
 }
 
-// Appends the text at `at` if it is shorter than `bytes_max`, as ReadRecord does.
-int AppendTextAt(std::FILE* data_file, std::int64_t at, std::size_t bytes_max, std::string* out, bool* too_long) {
+}  // namespace
+
+int ReadTextAt(int data_file, std::int64_t at, std::size_t bytes_max, std::string* out, bool* too_long) {
   const std::size_t size_before = out->size();
   for (std::size_t wanted = kRecordGuessBytes;; wanted = kDataWindowBytes) {
     const std::size_t size = out->size();
     out->resize(size + wanted);
-    const file::Progress progress = ReadAt(data_file, at, out->data() + size, wanted);
+    const file::Progress progress = file::ReadAt(data_file, at, out->data() + size, wanted);
     if (progress.bytes == 0 && progress.Failed()) {
       out->resize(size_before);
       return progress.error;
@@ -93,8 +94,6 @@ int AppendTextAt(std::FILE* data_file, std::int64_t at, std::size_t bytes_max, s
   }
 }
 
-}  // namespace
-
 int ReadRecord(std::FILE* index_file, std::FILE* data_file, std::uint32_t slot, std::size_t bytes_max, std::string* out,
                bool* too_long) {
   const std::size_t size_before = out->size();
@@ -102,7 +101,7 @@ int ReadRecord(std::FILE* index_file, std::FILE* data_file, std::uint32_t slot, 
   std::uint32_t offset = 0;
   int error = ReadSlot(index_file, slot, &offset);
   for (int reads = 1; error == 0; ++reads) {
-    error = AppendTextAt(data_file, offset, bytes_max, out, too_long);
+    error = ReadTextAt(fileno(data_file), offset, bytes_max, out, too_long);
     std::uint32_t offset_now = 0;
     if (error == 0) error = ReadSlot(index_file, slot, &offset_now);
     if (error == 0 && (offset_now == offset || reads == kSingleReadsMax)) return 0;

@@ -31,6 +31,9 @@ namespace qx::report {
 [[nodiscard]] int ReadRecord(std::FILE* index_file, std::FILE* data_file, std::uint32_t slot, std::size_t bytes_max,
                              std::string* out, bool* too_long);
 
+// Appends the text at `at` in an open data file, whatever leads there. The rest is as for ReadRecord. [any thread]
+[[nodiscard]] int ReadTextAt(int data_file, std::int64_t at, std::size_t bytes_max, std::string* out, bool* too_long);
+
 // Why Take stopped: all requested records are taken, or text enough; the next record does not fit; the next record
 // cannot be read (the slot is not in use, the store is not open, or the system reports an error).
 enum class TakeEnd { kCountReached, kEnough, kChunkFull, kReadFailed };

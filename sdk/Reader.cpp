@@ -1,7 +1,7 @@
 #include "sdk/Reader.h"
 
 #include <algorithm>
-#include <limits>
+#include <span>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -27,8 +27,11 @@ constexpr milliseconds kPauseMax{20};
 
 // A record as the follower compares it: one digit for the state, then the text. Without the state, an overwritten
 // record could be equal to a whole one with the same text.
-std::string Encoded(const Record& record) {
-  return static_cast<char>('0' + static_cast<int>(record.state)) + record.text;
+std::string Encoded(const RecordView& record) {
+  std::string text;
+  text.reserve(1 + record.text.size());
+  text.push_back(static_cast<char>('0' + static_cast<int>(record.state)));
+  return text.append(record.text);
 }
 
 Record Decoded(std::string&& text) {
@@ -51,30 +54,29 @@ ReadEvent EventOf(PollEvent event) {
   return ReadEvent::kNone;
 }
 
-// The files of a report as the follower wants them.
+// The files of a report as the follower reads them.
 class FileSource : public report::RecordSource {
  public:
-  explicit FileSource(std::string path) : path_(std::move(path)) {}
+  explicit FileSource(const std::string& path) : snapshot_(path) {}
 
   bool Refresh() override {
-    error_ = snapshot_.Take(path_);
+    error_ = snapshot_.Take();
     return !error_.Failed();
   }
 
   bool Read(std::uint32_t start, std::uint32_t count_max, std::vector<std::string>& records) override {
     if (start == 0 && !Refresh()) return false;
-    std::vector<Record> read;
+    std::span<const RecordView> read;
     error_ = snapshot_.Read(start, count_max, read);
     if (error_.Failed()) return false;
-    for (const Record& record : read) records.push_back(Encoded(record));
+    for (const RecordView& record : read) records.push_back(Encoded(record));
     return true;
   }
 
-  [[nodiscard]] bool HasMoved() const { return StoreSnapshot::HasMoved(path_, snapshot_.Header()); }
+  [[nodiscard]] bool HasMoved() const { return snapshot_.HasMoved(); }
   [[nodiscard]] const Error& LastError() const { return error_; }
 
  private:
-  std::string path_;
   StoreSnapshot snapshot_;
   Error error_;
 };
@@ -82,14 +84,13 @@ class FileSource : public report::RecordSource {
 }  // namespace
 
 struct Reader::Parts {
-  Parts(const std::string& base_path, report::ReportPosition position)
-      : path(base_path), source(base_path), follower(source, std::move(position)) {}
+  Parts(const std::string& path, report::ReportPosition position)
+      : snapshot(path), source(path), follower(source, std::move(position)) {}
 
-  std::string path;
   Error error;
 
   StoreSnapshot snapshot;
-  std::vector<Record> window;  // of the snapshot
+  std::span<const RecordView> window;  // of the snapshot
   std::uint32_t window_age = 0;
 
   FileSource source;
@@ -100,24 +101,30 @@ struct Reader::Parts {
   ReadEvent event = ReadEvent::kNone;  // of the next record
   std::optional<std::uint64_t> lost;
 
-  [[nodiscard]] const Record* RecordAt(std::uint32_t age);
+  [[nodiscard]] Error Refresh();
+  [[nodiscard]] const RecordView* RecordAt(std::uint32_t age);
+  [[nodiscard]] const RecordView* ReadWindowAt(std::uint32_t age);
   [[nodiscard]] Error PollUntil(steady_clock::time_point end);
   [[nodiscard]] bool Poll();
   [[nodiscard]] bool HasRecord() const { return returned < poll.records.size(); }
   [[nodiscard]] Record TakeNext();
 };
 
-const Record* Reader::Parts::RecordAt(std::uint32_t age) {
-  error = {};
-  if (age >= snapshot.Count()) return nullptr;
+Error Reader::Parts::Refresh() {
+  window = {};
+  return snapshot.Take();
+}
+
+const RecordView* Reader::Parts::RecordAt(std::uint32_t age) {
   const bool is_held = age >= window_age && age - window_age < window.size();
-  if (!is_held) {
-    window.clear();
-    window_age = age;
-    error = sdk::WithoutExceptions([&] { return snapshot.Read(age, kWindowRecords, window); });
-    if (error.Failed() || window.empty()) return nullptr;
-  }
-  return &window[age - window_age];
+  return is_held ? &window[age - window_age] : ReadWindowAt(age);
+}
+
+const RecordView* Reader::Parts::ReadWindowAt(std::uint32_t age) {
+  window = {};
+  window_age = age;
+  error = sdk::WithoutExceptions([&] { return snapshot.Read(age, kWindowRecords, window); });
+  return !window.empty() ? &window.front() : nullptr;
 }
 
 // Polls until there are new records, or the time is over.
@@ -167,7 +174,7 @@ Error Reader::Open(const std::string& path, std::string_view cursor) {
     const auto position = cursor.empty() ? report::ReportPosition() : sdk::CursorOfText(cursor);
     if (!position.has_value()) return MakeError(ErrorCode::kBadArgument, "the text is not the cursor of a report");
     auto parts = std::make_unique<Parts>(path, *position);
-    Error error = parts->snapshot.Take(path);
+    Error error = parts->Refresh();
     if (!error.Failed()) parts_ = std::move(parts);
     return error;
   });
@@ -176,8 +183,7 @@ Error Reader::Open(const std::string& path, std::string_view cursor) {
 Error Reader::Refresh() {
   return sdk::WithoutExceptions([&]() -> Error {
     if (parts_ == nullptr) return MakeError(ErrorCode::kNotOpen, "no report is open");
-    parts_->window.clear();
-    return parts_->snapshot.Take(parts_->path);
+    return parts_->Refresh();
   });
 }
 
@@ -190,18 +196,19 @@ Error Reader::Read(std::uint32_t age, Record& record) {
       return MakeError(ErrorCode::kBadArgument, "there is no record of age " + std::to_string(age) + ", only " +
                                                     std::to_string(Count()) + " records");
     }
-    const Record* const found = parts_->RecordAt(age);
-    if (found != nullptr) record = *found;
-    return parts_->error;
+    const RecordView* const found = parts_->RecordAt(age);
+    if (found == nullptr) return parts_->error;
+    record = {.text = std::string(found->text), .state = found->state};
+    return {};
   });
 }
 
-const Record* Reader::RecordAt(std::uint32_t age) { return parts_ != nullptr ? parts_->RecordAt(age) : nullptr; }
+const RecordView* Reader::RecordAt(std::uint32_t age) { return parts_ != nullptr ? parts_->RecordAt(age) : nullptr; }
 
 Reader::Iterator Reader::begin() { return begin(0); }
 
 Reader::Iterator Reader::begin(std::uint32_t age) {
-  if (parts_ != nullptr) parts_->window.clear();  // each loop sees the files as they are now
+  if (parts_ != nullptr) parts_->window = {};  // each loop sees the files as they are now
   return {this, age};
 }
 
@@ -231,7 +238,7 @@ std::string Reader::Cursor() const {
 }
 
 const Error& Reader::LastError() const {
-  static const Error kNotOpened = {.code = ErrorCode::kNotOpen, .text = "not open"};
+  static const Error kNotOpened = {.code = ErrorCode::kNotOpen, .text = "no report is open"};
   if (parts_ == nullptr) return kNotOpened;
   return parts_->error;
 }

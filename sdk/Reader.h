@@ -2,7 +2,7 @@
 //
 //   qx::Reader report;
 //   if (report.Open(path).Failed()) ...
-//   for (const qx::Record& record : report) ...                          the records of this moment, oldest first
+//   for (const qx::RecordView& record : report) ...                      the records of this moment, oldest first
 //   while (auto record = report.Next(std::chrono::seconds(1))) ...       each record once, as they are appended
 //   SaveSomewhere(report.Cursor());                                      Open(path, cursor) continues after a restart
 #pragma once
@@ -38,6 +38,15 @@ enum class ReadEvent : int {
   kStartedOver = 3,  // there are fewer records than were read: the report is a new one
 };
 
+// A record of a loop. The text is in the reader: whoever keeps it copies it.
+struct RecordView {
+  std::string_view text = {};  // without its line end; valid until the iterator moves or the reader is used otherwise
+  RecordState state = RecordState::kWhole;
+
+  [[nodiscard]] bool IsWhole() const { return state == RecordState::kWhole; }
+};
+
+// A record that was read singly, or that Next returned.
 struct Record {
   std::string text = {};  // without its line end
   RecordState state = RecordState::kWhole;
@@ -50,7 +59,9 @@ struct Record {
 // A report, open for reading. It needs no agreement with the writer.
 //
 // Threads: one thread.
-// Owns: the open files; four bytes for each record of the snapshot, and about 256 KiB of text.
+// Owns: the open files; eight bytes for each record of the snapshot, and about 350 KiB for texts; the same once more as
+// soon as Next is used. The files stay open until Close. If the path leads to other files, because the report was made
+// again or restored, Refresh, Next and a loop after Refresh read those.
 // Failure: an Error, or the end of the records with the reason in LastError. No exception leaves the class.
 class Reader {
  public:
@@ -69,7 +80,7 @@ class Reader {
   // not a cursor. An empty one begins at the oldest record. [owning thread]
   Error Open(const std::string& path, std::string_view cursor);
 
-  // Takes a new snapshot. [owning thread]
+  // Takes a new snapshot. After an error it is empty. [owning thread]
   Error Refresh();
 
   // How many records the snapshot has. [owning thread]
@@ -78,8 +89,8 @@ class Reader {
   // The record of this age in the snapshot, 0 being the oldest. kBadArgument from Count on. [owning thread]
   Error Read(std::uint32_t age, Record& record);
 
-  // The records of the snapshot, oldest first, or from an age on. A record is valid until the iterator moves. After an
-  // error the loop ends (LastError). [owning thread]
+  // The records of the snapshot, oldest first, or from an age on. They are read from the files in runs; nothing is
+  // allocated for a record. After an error the loop ends (LastError). [owning thread]
   [[nodiscard]] Iterator begin();
   [[nodiscard]] Iterator begin(std::uint32_t age);
   [[nodiscard]] Iterator end();
@@ -102,7 +113,7 @@ class Reader {
   struct Parts;
   friend class Iterator;
 
-  [[nodiscard]] const Record* RecordAt(std::uint32_t age);
+  [[nodiscard]] const RecordView* RecordAt(std::uint32_t age);
 
   std::unique_ptr<Parts> parts_;
 };
@@ -111,14 +122,14 @@ class Reader {
 class Reader::Iterator {
  public:
   using iterator_category = std::input_iterator_tag;
-  using value_type = Record;
+  using value_type = RecordView;
   using difference_type = std::ptrdiff_t;
-  using pointer = const Record*;
-  using reference = const Record&;
+  using pointer = const RecordView*;
+  using reference = const RecordView&;
 
   Iterator() = default;
-  const Record& operator*() const { return *record_; }
-  const Record* operator->() const { return record_; }
+  const RecordView& operator*() const { return *record_; }
+  const RecordView* operator->() const { return record_; }
   Iterator& operator++();
   void operator++(int) { ++*this; }
   friend bool operator==(const Iterator& left, const Iterator& right) { return left.record_ == right.record_; }
@@ -129,7 +140,7 @@ class Reader::Iterator {
 
   Reader* reader_ = nullptr;
   std::uint32_t age_ = 0;
-  const Record* record_ = nullptr;  // null at the end
+  const RecordView* record_ = nullptr;  // null at the end
 };
 
 }  // namespace qx

@@ -3,11 +3,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <functional>
+#include <limits>
+#include <optional>
 #include <thread>
 
 #include "reportfile/RecordEnds.h"
-#include "reportfile/StoreFormat.h"
-#include "reportfile/tools/RecordWriter.h"
+#include "reportfile/RecordReader.h"
+#include "reportfile/StoreIo.h"
+#include "reportfile/tools/UncountedPart.h"
 #include "sdk/Errors.h"
 
 namespace qx::sdk {
@@ -27,69 +31,153 @@ Error OpenError(const std::string& path, int error) {
 }
 
 // A text without its line end, if it is whole.
-Record RecordOf(std::string_view text, std::int64_t bytes_expected) {
+RecordView RecordOf(std::string_view text, std::int64_t bytes_expected) {
   const bool has_line_end = text.ends_with(report::kLineEnd);
   const bool is_whole = has_line_end && static_cast<std::int64_t>(text.size()) == bytes_expected;
   if (has_line_end) text.remove_suffix(report::kLineEnd.size());
-  return {.text = std::string(text), .state = is_whole ? RecordState::kWhole : RecordState::kDamaged};
+  return {.text = text, .state = is_whole ? RecordState::kWhole : RecordState::kDamaged};
 }
 
 }  // namespace
 
-Error StoreSnapshot::Take(const std::string& path) {
+int KeptFile::Follow(bool& was_opened) {
+  struct stat at_path = {};
+  const int error = file::StatusOf(path_.c_str(), at_path);
+  if (file_.IsOpen() && error == 0 && file::IsSameFile(status_, at_path)) {
+    status_ = at_path;
+    return 0;
+  }
+  file_ = report::OpenStoreFile(path_, report::OpenMode::kRead);
+  const int open_error = errno;
+  if (!file_.IsOpen()) return open_error;
+  was_opened = true;
+  return file::StatusOf(file_.Number(), status_);
+}
+
+bool KeptFile::IsReplaced() const {
+  struct stat now = {};
+  return file::StatusOf(path_.c_str(), now) != 0 || !file::IsSameFile(status_, now);
+}
+
+bool KeptFile::IsTouched() const {
+  struct stat now = {};
+  return file::StatusOf(path_.c_str(), now) != 0 || !file::IsUnchanged(status_, now);
+}
+
+std::int64_t KeptFile::Size() const {
+  struct stat now = {};
+  return file::StatusOf(file_.Number(), now) == 0 ? now.st_size : 0;
+}
+
+StoreSnapshot::StoreSnapshot(const std::string& path)
+    : path_(path), index_(report::IndexFileName(path)), data_(report::DataFileName(path)) {}
+
+Error StoreSnapshot::Take() {
   for (int tries = 1;; ++tries) {
     bool is_steady = false;
-    if (Error error = TakeOnce(path, is_steady); error.Failed()) return error;
+    if (Error error = TakeOnce(is_steady); error.Failed()) {
+      offsets_.clear();
+      return error;
+    }
     if (is_steady || tries == kTriesMax) return {};
     std::this_thread::sleep_for(kPause);
   }
 }
 
 // Header, slots, and the header again: the slots belong to the header if it is the same. `is_steady` is false also
-// while a part is being appended to a full ring, which ends soon if its writer lives.
-Error StoreSnapshot::TakeOnce(const std::string& path, bool& is_steady) {
-  offsets_.clear();
-  const bool is_open = store_.OpenRead(path.c_str());
-  const int open_error = errno;
-  if (!is_open) return OpenError(path, open_error);
-  header_ = store_.header();
-  uncounted_ = 0;
-  old_round_ = 0;
-  const bool is_empty = header_.highestIndex == 0;
-  if (!is_empty && !report::HasPlausibleRing(header_)) {
-    return MakeError(ErrorCode::kDamaged, path + ".ind is damaged: its header contradicts itself");
-  }
-  if (header_.highestIndex > kRecordsMax || header_.highestIndex > store_.GetDataFileSize() / 2) {
-    return MakeError(ErrorCode::kDamaged, path + ".ind is damaged: it counts more records than the data file can hold");
-  }
-  if (Error error = ReadSlots(header_.highestIndex); error.Failed()) return error;
-  uncounted_ = UncountedRecords();
-  offsets_.erase(offsets_.begin(), offsets_.begin() + uncounted_);
-  for (std::uint32_t age = 0; age + 1 < Count(); ++age) {
-    if (offsets_[age + 1] <= offsets_[age]) old_round_ = age + 1;
-  }
-  is_steady = uncounted_ == 0 && store_.readPositions() == 0 && store_.header() == header_;
+// while a part is being appended to a full ring, which ends soon if its writer lives, and if one file was replaced
+// after the other one was opened.
+Error StoreSnapshot::TakeOnce(bool& is_steady) {
+  bool was_opened = false;
+  if (Error error = OpenFiles(was_opened); error.Failed()) return error;
+  if (const int error = ReadHeader(header_).error; error != 0) return SystemError("cannot open " + path_, error);
+  if (Error error = CheckHeader(); error.Failed()) return error;
+  if (const int error = ReadAllSlots(); error != 0) return SystemError("cannot read the slots", error);
+  LeaveOutUncounted();
+  const auto descent = std::adjacent_find(offsets_.rbegin(), offsets_.rend(), std::less_equal<>());
+  const bool has_old_round = descent != offsets_.rend();
+  old_round_ = has_old_round ? static_cast<std::uint32_t>(offsets_.rend() - descent - 1) : 0;
+
+  IndexHeader now;
+  is_steady = uncounted_ == 0 && !ReadHeader(now).Failed() && now == header_;
+  if (was_opened) is_steady = is_steady && !index_.IsReplaced() && !data_.IsReplaced();
   return {};
 }
 
-Error StoreSnapshot::ReadSlots(std::uint32_t count) {
+Error StoreSnapshot::OpenFiles(bool& was_opened) {
+  const int index_error = index_.Follow(was_opened);
+  const int data_error = data_.Follow(was_opened);
+  const int error = index_error != 0 ? index_error : data_error;
+  return error != 0 ? OpenError(path_, error) : Error();
+}
+
+// An index file that is too short reads as an empty report.
+file::Progress StoreSnapshot::ReadHeader(IndexHeader& header) const {
+  header = {};
+  IndexHeader read;
+  const file::Progress progress = index_.ReadAt(0, &read, sizeof read);
+  if (progress.bytes == sizeof read) header = read;
+  return progress;
+}
+
+Error StoreSnapshot::CheckHeader() const {
+  if (header_.highestIndex == 0) return {};
+  if (!report::HasPlausibleRing(header_)) {
+    return MakeError(ErrorCode::kDamaged, path_ + ".ind is damaged: its header contradicts itself");
+  }
+  if (header_.highestIndex > kRecordsMax || header_.highestIndex > data_.Size() / 2) {
+    return MakeError(ErrorCode::kDamaged,
+                     path_ + ".ind is damaged: it counts more records than the data file can hold");
+  }
+  return {};
+}
+
+// Slots that the file does not have read as 0.
+int StoreSnapshot::ReadSlots(std::uint32_t slot, std::span<std::uint32_t> offsets) const {
+  const file::Progress progress = index_.ReadAt(report::SlotOffset(slot), offsets.data(), offsets.size_bytes());
+  for (std::uint32_t& missing : offsets.subspan(progress.bytes / sizeof offsets[0])) missing = 0;
+  return progress.error;
+}
+
+int StoreSnapshot::ReadAllSlots() {
+  const std::uint32_t count = header_.highestIndex;
   offsets_.resize(count);
-  report::RecordReader reader(store_);
   for (std::uint32_t age = 0; age < count;) {
     const std::uint32_t slot = report::SlotOfAge(header_, age);
     const std::uint32_t run = std::min(count - age, header_.maxRecord - slot);
-    const int error = reader.ReadSlots(slot, std::span(offsets_).subspan(age, run));
-    if (error != 0) return SystemError("cannot read the slots", error);
+    const int error = ReadSlots(slot, std::span(offsets_).subspan(age, run));
+    if (error != 0) return error;
     age += run;
   }
-  return {};
+  return 0;
 }
 
 // The slots of a part that is being appended to a full ring, or that a killed writer left: they lead to the texts after
 // the write position, and the header does not count them.
-std::uint32_t StoreSnapshot::UncountedRecords() {
-  if (header_.highestIndex == 0 || header_.highestIndex < header_.maxRecord) return 0;
-  return report::CountUncounted(store_);
+void StoreSnapshot::LeaveOutUncounted() {
+  uncounted_ = 0;
+  uncounted_end_ = 0;
+  const bool is_full = header_.highestIndex != 0 && header_.highestIndex == header_.maxRecord;
+  if (!is_full) return;
+  const auto slot_at = [this](std::uint32_t slot) { return std::int64_t{offsets_[slot - header_.oldestIndex]}; };
+  const auto end_of = [this](std::uint32_t, std::int64_t begin) -> std::optional<std::int64_t> {
+    std::string text;
+    bool too_long = false;
+    const int error = report::ReadTextAt(data_.Number(), begin, std::string::npos, &text, &too_long);
+    if (error != 0 || !text.ends_with(report::kLineEnd)) return std::nullopt;
+    return begin + static_cast<std::int64_t>(text.size());
+  };
+  const auto is_marker_at = [this](std::int64_t offset) { return IsMarkerAt(offset); };
+  const report::UncountedPart part = report::FindUncountedPart(header_, slot_at, end_of, is_marker_at);
+  uncounted_ = part.records;
+  uncounted_end_ = part.records != 0 ? part.end : 0;
+  offsets_.erase(offsets_.begin(), offsets_.begin() + uncounted_);
+}
+
+bool StoreSnapshot::IsMarkerAt(std::int64_t offset) const {
+  char bytes[report::kEndMarker.size()];
+  const file::Progress progress = data_.ReadAt(offset, bytes, sizeof bytes);
+  return std::string_view(bytes, progress.bytes) == report::kEndMarker;
 }
 
 std::uint32_t StoreSnapshot::SlotOf(std::uint32_t age) const { return report::SlotOfAge(header_, age + uncounted_); }
@@ -104,78 +192,112 @@ std::int64_t StoreSnapshot::EndOf(std::uint32_t age) const {
 std::uint32_t StoreSnapshot::RunFrom(std::uint32_t age, std::uint32_t count_max) const {
   const std::uint32_t to_ring_end = header_.maxRecord - SlotOf(age);
   const std::uint32_t limit = std::min({count_max, Count() - age, to_ring_end});
+  const std::int64_t window_end = offsets_[age] + kWindowBytesMax;
   std::uint32_t run = 1;
-  while (run < limit && offsets_[age + run] > offsets_[age + run - 1] &&
-         EndOf(age + run) - offsets_[age] <= kWindowBytesMax) {
-    ++run;
-  }
-  return run;
+  while (run < limit && offsets_[age + run] > offsets_[age + run - 1] && offsets_[age + run] <= window_end) ++run;
+  const bool is_last_too_long = run > 1 && EndOf(age + run - 1) > window_end;
+  return is_last_too_long ? run - 1 : run;
 }
 
-Error StoreSnapshot::Read(std::uint32_t age, std::uint32_t count_max, std::vector<Record>& records) {
+Error StoreSnapshot::Read(std::uint32_t age, std::uint32_t count_max, std::span<const RecordView>& records) {
+  records = {};
+  long_texts_.clear();
   if (age >= Count() || count_max == 0) return {};
-  const std::uint32_t run = RunFrom(age, count_max);
-  const std::size_t size_before = records.size();
-  report::RecordReader reader(store_);
-  text_.clear();
-  const report::TakenRecords taken = reader.Take(SlotOf(age), {run, report::TakeLimits::kUnlimited}, &text_);
-  if (taken.count != run || !TakeWhole(age, run, text_, records)) {
-    records.resize(size_before);
-    if (Error error = ReadEach(age, run, records); error.Failed()) return error;
-  }
-  JudgeAgain(age, std::span(records).subspan(size_before));
+  const int error = ReadTexts(age, RunFrom(age, count_max));
+  if (error != 0) return SystemError("cannot read a record", error);
+  JudgeAgain(age);
+  records = records_;
   return {};
 }
 
-// Splits the text of a run where its records have to end. False if one of them ends elsewhere.
-bool StoreSnapshot::TakeWhole(std::uint32_t age, std::uint32_t count, std::string_view text,
-                              std::vector<Record>& records) const {
-  for (std::uint32_t i = 0; i < count; ++i) {
-    const std::int64_t bytes = EndOf(age + i) - offsets_[age + i];
-    if (bytes < 2 || static_cast<std::int64_t>(text.size()) < bytes) return false;
-    const std::string_view record = text.substr(0, static_cast<std::size_t>(bytes));
-    if (report::FindTextEnd(record) != record.size() - 1) return false;
-    records.push_back(RecordOf(record, bytes));
-    text.remove_prefix(record.size());
-  }
-  return text.empty();
+// Takes the texts of a run from one read.
+int StoreSnapshot::ReadTexts(std::uint32_t age, std::uint32_t count) {
+  const std::int64_t begin = offsets_[age];
+  const std::int64_t end = EndOf(age + count - 1);
+  const std::string_view window = ReadWindow(begin, end);
+  const bool is_all = static_cast<std::int64_t>(window.size()) == end - begin;
+  return is_all && TakeWhole(age, count, window) ? 0 : TakeEach(age, count, window);
 }
 
-Error StoreSnapshot::ReadEach(std::uint32_t age, std::uint32_t count, std::vector<Record>& records) {
+// Splits the run where its records have to end. False if one of them ends elsewhere.
+bool StoreSnapshot::TakeWhole(std::uint32_t age, std::uint32_t count, std::string_view window) {
+  if (report::CountTextEnds(window) != count) return false;
+  records_.resize(count);
+  const std::uint32_t* const offsets = &offsets_[age];
+  std::size_t at = 0;
   for (std::uint32_t i = 0; i < count; ++i) {
-    std::string text;
-    errno = 0;
-    const bool is_read = store_.readLine(text, SlotOf(age + i));
-    const int error = errno;
-    if (!is_read) return SystemError("cannot read a record", error);
-    records.push_back(RecordOf(text, EndOf(age + i) - offsets_[age + i]));
+    const std::size_t next = i + 1 < count ? offsets[i + 1] - offsets[0] : window.size();
+    if (next < at + report::kLineEnd.size()) return false;
+    const std::size_t text_end = next - report::kLineEnd.size();
+    if (window[text_end] != '\r' || window[text_end + 1] != '\n') return false;
+    records_[i].text = {window.data() + at, text_end - at};
+    records_[i].state = RecordState::kWhole;
+    at = next;
   }
-  return {};
+  return true;
 }
 
-bool StoreSnapshot::IsOverwritten(std::uint32_t age, const IndexHeader& now) const {
-  const std::int64_t written_to = now.writePosition + static_cast<std::int64_t>(report::kEndMarker.size());
+// The same for a run with an exception. A text that does not end in the window is damaged, or longer than a window.
+int StoreSnapshot::TakeEach(std::uint32_t age, std::uint32_t count, std::string_view window) {
+  records_.resize(count);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const std::uint32_t offset = offsets_[age + i];
+    const std::string_view held = window.substr(std::min<std::size_t>(window.size(), offset - offsets_[age]));
+    const report::RecordPiece piece = report::PieceOf(held);
+    std::string_view text = held.substr(0, piece.text_bytes);
+    if (!piece.is_last) {
+      bool too_long = false;
+      std::string& whole = long_texts_.emplace_back();
+      const int error = report::ReadTextAt(data_.Number(), offset, std::string::npos, &whole, &too_long);
+      if (error != 0) return error;
+      text = whole;
+    }
+    records_[i] = RecordOf(text, EndOf(age + i) - offset);
+  }
+  return 0;
+}
+
+// What can be read of the bytes; nothing if they are more than a window.
+std::string_view StoreSnapshot::ReadWindow(std::int64_t begin, std::int64_t end) {
+  const std::int64_t size = end - begin;
+  if (size <= 0 || size > kWindowBytesMax) return {};
+  if (window_ == nullptr) window_ = std::make_unique_for_overwrite<char[]>(kWindowBytesMax);
+  const file::Progress progress = data_.ReadAt(begin, window_.get(), static_cast<std::size_t>(size));
+  return {window_.get(), progress.bytes};
+}
+
+// Up to where the texts of the record's round are overwritten.
+std::int64_t StoreSnapshot::OverwrittenTo(std::uint32_t age, const IndexHeader& now) const {
+  const std::int64_t written_to = std::max<std::int64_t>(now.writePosition, uncounted_end_);
   const bool is_of_old_round = age < old_round_;
   const bool has_restarted =
       now.elementCount - header_.elementCount >= report::RecordsPerRound(header_) - report::RecordsInRound(header_);
-  return now.writePosition != 0 && (is_of_old_round || has_restarted) && offsets_[age] < written_to;
+  const bool is_any = written_to != 0 && (is_of_old_round || has_restarted);
+  return is_any ? written_to + static_cast<std::int64_t>(report::kEndMarker.size()) : 0;
 }
 
 // What longer records have overwritten, and what a writer has replaced since the snapshot, is not good, whatever its
-// text looks like.
-void StoreSnapshot::JudgeAgain(std::uint32_t age, std::span<Record> records) {
-  std::vector<std::uint32_t> slots(records.size());
-  const bool is_known = report::RecordReader(store_).ReadSlots(SlotOf(age), slots) == 0 && store_.readPositions() == 0;
-  const IndexHeader now = store_.header();
-  for (std::uint32_t i = 0; i < records.size(); ++i) {
-    const bool is_there = is_known && slots[i] == offsets_[age + i] && !IsOverwritten(age + i, now);
-    if (!is_there) records[i] = {.text = {}, .state = RecordState::kOverwritten};
+// text looks like. The records are a run, so all of them are of one round.
+void StoreSnapshot::JudgeAgain(std::uint32_t age) {
+  slots_now_.resize(records_.size());
+  IndexHeader now;
+  const bool is_known = ReadSlots(SlotOf(age), slots_now_) == 0 && ReadHeader(now).bytes == sizeof now;
+  const std::int64_t overwritten_to = is_known ? OverwrittenTo(age, now) : std::numeric_limits<std::int64_t>::max();
+  const bool is_still = std::equal(slots_now_.begin(), slots_now_.end(), offsets_.begin() + age);
+  if (is_still && offsets_[age] >= overwritten_to) return;
+  for (std::size_t i = 0; i < records_.size(); ++i) {
+    const std::uint32_t offset = offsets_[age + i];
+    const bool is_there = slots_now_[i] == offset && offset >= overwritten_to;
+    if (!is_there) records_[i] = {.text = {}, .state = RecordState::kOverwritten};
   }
 }
 
-bool StoreSnapshot::HasMoved(const std::string& path, const IndexHeader& header) {
-  CReportFileBase store;
-  return !store.OpenRead(path.c_str()) || store.header() != header;
+// The time of the last write is coarse, so the header is compared as well. The header alone does not show a report that
+// was started over and has as many bytes as before.
+bool StoreSnapshot::HasMoved() const {
+  if (index_.IsTouched() || data_.IsReplaced()) return true;
+  IndexHeader now;
+  return ReadHeader(now).Failed() || now != header_;
 }
 
 }  // namespace qx::sdk

@@ -4,58 +4,110 @@
 // next one begins, and the newest one at the end marker. A text that ends anywhere else is not what was written there.
 // After the texts of a window are read, header and slots are read again: what a writer has replaced meanwhile is not
 // returned as good.
+//
+// The files stay open from one snapshot to the next. They are opened again if the path leads to other files.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include "reportfile/RecordReader.h"
-#include "reportfile/ReportFileBase.h"
+#include "base/File.h"
+#include "reportfile/StoreFormat.h"
 #include "sdk/Reader.h"
 
 namespace qx::sdk {
 
+// One of the two files, open for reading.
+//
+// Threads: one thread. Owns: the descriptor. Failure: an error number. Throws std::bad_alloc.
+class KeptFile {
+ public:
+  explicit KeptFile(std::string path) : path_(std::move(path)) {}
+
+  // Opens the file that has the path now, unless it is open already. `was_opened` becomes true if it was opened. After
+  // an error nothing is open. [owning thread]
+  [[nodiscard]] int Follow(bool& was_opened);
+
+  // True if the path leads to another file, or to none. [owning thread]
+  [[nodiscard]] bool IsReplaced() const;
+  // The same, and true if the file was written since Follow, as far as size and time show. [owning thread]
+  [[nodiscard]] bool IsTouched() const;
+
+  // Reads up to `size` bytes. [owning thread]
+  [[nodiscard]] file::Progress ReadAt(std::int64_t offset, void* to, std::size_t size) const {
+    return file::ReadAt(file_.Number(), offset, to, size);
+  }
+  [[nodiscard]] std::int64_t Size() const;
+  [[nodiscard]] int Number() const { return file_.Number(); }
+
+ private:
+  std::string path_;
+  file::Descriptor file_;
+  struct stat status_ = {};  // at Follow
+};
+
 // Threads: one thread.
-// Owns: the open files; four bytes for each record, at most 256 MiB.
+// Owns: the open files; eight bytes for each record, at most 512 MiB; about 350 KiB for a window of texts.
 // Failure: an Error. Throws std::bad_alloc.
 class StoreSnapshot {
  public:
-  // Takes a new snapshot, of the files that have the path now. [owning thread]
-  Error Take(const std::string& path);
+  explicit StoreSnapshot(const std::string& path);
+
+  // Takes a new snapshot, of the files that have the path now. After an error it has no records. [owning thread]
+  Error Take();
 
   // How many records there are. Records that a killed writer left, and that the header does not count, are left out.
   [[nodiscard]] std::uint32_t Count() const { return static_cast<std::uint32_t>(offsets_.size()); }
 
-  // Appends records from `age` on (0 is the oldest one), at most `count_max`, about 256 KiB of text, at least one; none
-  // after the last one. [owning thread]
-  Error Read(std::uint32_t age, std::uint32_t count_max, std::vector<Record>& records);
+  // The records from `age` on (0 is the oldest one), at most `count_max`, about 256 KiB of text, at least one; none
+  // after the last one. They are valid until the next call. [owning thread]
+  Error Read(std::uint32_t age, std::uint32_t count_max, std::span<const RecordView>& records);
 
-  // True if the header in the files is not that of the snapshot, or cannot be read. [owning thread]
-  [[nodiscard]] static bool HasMoved(const std::string& path, const report::IndexHeader& header);
-  [[nodiscard]] const report::IndexHeader& Header() const { return header_; }
+  // True if there may be records that the snapshot does not have, or if that is not known. [owning thread]
+  [[nodiscard]] bool HasMoved() const;
 
  private:
-  [[nodiscard]] Error TakeOnce(const std::string& path, bool& is_steady);
-  [[nodiscard]] Error ReadSlots(std::uint32_t count);
-  [[nodiscard]] std::uint32_t UncountedRecords();
+  [[nodiscard]] Error TakeOnce(bool& is_steady);
+  [[nodiscard]] Error OpenFiles(bool& was_opened);
+  [[nodiscard]] Error CheckHeader() const;
+  [[nodiscard]] file::Progress ReadHeader(report::IndexHeader& header) const;
+  [[nodiscard]] int ReadSlots(std::uint32_t slot, std::span<std::uint32_t> offsets) const;
+  [[nodiscard]] int ReadAllSlots();
+  void LeaveOutUncounted();
+  [[nodiscard]] bool IsMarkerAt(std::int64_t offset) const;
+
   [[nodiscard]] std::uint32_t SlotOf(std::uint32_t age) const;
   [[nodiscard]] std::int64_t EndOf(std::uint32_t age) const;
   [[nodiscard]] std::uint32_t RunFrom(std::uint32_t age, std::uint32_t count_max) const;
-  [[nodiscard]] bool TakeWhole(std::uint32_t age, std::uint32_t count, std::string_view text,
-                               std::vector<Record>& records) const;
-  [[nodiscard]] Error ReadEach(std::uint32_t age, std::uint32_t count, std::vector<Record>& records);
-  void JudgeAgain(std::uint32_t age, std::span<Record> records);
-  [[nodiscard]] bool IsOverwritten(std::uint32_t age, const report::IndexHeader& now) const;
+  [[nodiscard]] int ReadTexts(std::uint32_t age, std::uint32_t count);
+  [[nodiscard]] bool TakeWhole(std::uint32_t age, std::uint32_t count, std::string_view window);
+  [[nodiscard]] int TakeEach(std::uint32_t age, std::uint32_t count, std::string_view window);
+  [[nodiscard]] std::string_view ReadWindow(std::int64_t begin, std::int64_t end);
+  void JudgeAgain(std::uint32_t age);
+  [[nodiscard]] std::int64_t OverwrittenTo(std::uint32_t age, const report::IndexHeader& now) const;
 
-  CReportFileBase store_;
+  std::string path_;
+  KeptFile index_;
+  KeptFile data_;
   report::IndexHeader header_;
-  std::uint32_t uncounted_ = 0;         // records at the oldest end that are left out
+  std::uint32_t uncounted_ = 0;         // records at the oldest end that are left out ...
+  std::int64_t uncounted_end_ = 0;      // ... and where their texts end
   std::uint32_t old_round_ = 0;         // records of the round before the last restart
   std::vector<std::uint32_t> offsets_;  // of the records, oldest first
-  std::string text_;
+
+  // What Read returned last.
+  std::vector<RecordView> records_;
+  std::unique_ptr<char[]> window_;      // their texts ...
+  std::deque<std::string> long_texts_;  // ... and those that are not in the window
+  std::vector<std::uint32_t> slots_now_;
 };
 
 }  // namespace qx::sdk

@@ -138,10 +138,4 @@ bool RecordWriter::IsMarkerAt(std::int64_t offset) const {
   return std::string_view(bytes, progress.bytes) == kEndMarker;
 }
 
-std::uint32_t CountUncounted(CReportFileBase& store) {
-  const IndexHeader& header = store.header();
-  if (!HasPlausibleRing(header) || header.highestIndex < header.maxRecord) return 0;
-  return RecordWriter(store).FindUncounted().records;
-}
-
 }  // namespace qx::report

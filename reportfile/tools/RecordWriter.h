@@ -33,11 +33,6 @@ struct AppendedRecords {
   int error = 0;  // the error number; 0: all are stored
 };
 
-// How many records of a full ring are written, texts and slots, but not counted by the header: a part that is being
-// appended, or that a killed writer left. They have the slots of the oldest records. 0 for any other store, and for one
-// that cannot be read. [any thread]
-[[nodiscard]] std::uint32_t CountUncounted(CReportFileBase& store);
-
 // Threads: Append may be called from any thread at once; it holds the store's lock. The rest belongs to one thread.
 // Owns: buffers of at most 300 KiB. Borrows the store, which must outlive it.
 // Failure: an error number. A record that is not stored leaves header and slots as writeLine does.
@@ -58,8 +53,6 @@ class RecordWriter {
   [[nodiscard]] std::uint32_t FinishInterrupted();
 
  private:
-  friend std::uint32_t CountUncounted(CReportFileBase& store);
-
   [[nodiscard]] AppendedRecords AppendPart(std::span<const std::string_view> texts);
   [[nodiscard]] AppendedRecords AppendFirst(std::string_view text);
   [[nodiscard]] std::int64_t LayOut(std::span<const std::string_view> texts);

@@ -1,11 +1,17 @@
 // The reader of a report: records of a snapshot, torn and damaged ones, what is new, cursors that survive restarts.
 #include "sdk/Reader.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <ctime>
 #include <random>
 #include <string>
 #include <thread>
@@ -22,6 +28,7 @@ using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 constexpr milliseconds kLong{20000};
 
@@ -40,9 +47,11 @@ class SdkReader : public testing::Test {
   }
 
   // "text", "text (damaged)", "(overwritten)"
-  static std::string Shown(const Record& record) {
-    if (record.state == RecordState::kDamaged) return record.text + " (damaged)";
-    return record.state == RecordState::kWhole ? record.text : record.text + "(overwritten)";
+  template <typename AnyRecord>
+  static std::string Shown(const AnyRecord& record) {
+    const std::string text(record.text);
+    if (record.state == RecordState::kDamaged) return text + " (damaged)";
+    return record.state == RecordState::kWhole ? text : text + "(overwritten)";
   }
   std::vector<std::string> All(std::uint32_t age = 0) {
     std::vector<std::string> shown;
@@ -93,7 +102,7 @@ TEST_F(SdkReader, EveryPhaseOfRingAndDataFileIsWhole) {
       Reader reader;
       ASSERT_FALSE(reader.Open(files.Base()).Failed());
       std::vector<std::string> found;
-      for (const Record& record : reader) found.push_back(Shown(record));
+      for (const RecordView& record : reader) found.push_back(Shown(record));
       if (slots == 1 && i % 2 == 0 && i > 0) continue;
       ASSERT_EQ(found, expected) << slots << " slots, record " << i;
     }
@@ -256,6 +265,125 @@ TEST_F(SdkReader, ReportThatIsStartedOverIsReported) {
   EXPECT_EQ(record->event, ReadEvent::kStartedOver);
 }
 
+// The files of a report, next to those of the fixture, that are renamed over them: as a restore does it.
+void RestoreFrom(const StoreFiles& backup, const StoreFiles& files) {
+  ASSERT_EQ(rename(backup.IndexPath().c_str(), files.IndexPath().c_str()), 0);
+  ASSERT_EQ(rename(backup.DataPath().c_str(), files.DataPath().c_str()), 0);
+}
+
+void MakeReport(const StoreFiles& files, const std::vector<std::string>& texts) {
+  Writer writer;
+  ASSERT_FALSE(writer.Open(files.Base(), 5).Failed());
+  ASSERT_FALSE(writer.Append(texts).Failed());
+}
+
+// With the same header as before: only the files are others.
+TEST_F(SdkReader, ReportThatWasRestoredIsRead) {
+  AppendNumbered(1, 3);
+  ASSERT_THAT(Opened(), ElementsAre("record 1", "record 2", "record 3"));
+  ASSERT_THAT(New(), SizeIs(3));
+  const StoreFiles backup;
+  MakeReport(backup, {"backup 7", "backup 8", "backup 9"});
+  RestoreFrom(backup, files_);
+  EXPECT_THAT(All(), ElementsAre("record 1", "record 2", "record 3")) << "the snapshot is the old one";
+  ASSERT_FALSE(reader_.Refresh().Failed());
+  EXPECT_THAT(All(), ElementsAre("backup 7", "backup 8", "backup 9"));
+  EXPECT_THAT(New(), ElementsAre("backup 7", "backup 8", "backup 9"));
+}
+
+TEST_F(SdkReader, ReportThatIsMissingForAWhileIsReadAgain) {
+  AppendNumbered(1, 3);
+  ASSERT_THAT(Opened(), SizeIs(3));
+  ASSERT_THAT(New(), SizeIs(3));
+  writer_.Close();
+  ASSERT_EQ(unlink(files_.IndexPath().c_str()) + unlink(files_.DataPath().c_str()), 0);
+  EXPECT_EQ(reader_.Refresh().code, ErrorCode::kNotFound);
+  EXPECT_EQ(reader_.Count(), 0U);
+  EXPECT_FALSE(reader_.Next().has_value());
+  EXPECT_EQ(reader_.LastError().code, ErrorCode::kNotFound);
+  AppendNumbered(1, 2);
+  ASSERT_FALSE(reader_.Refresh().Failed());
+  EXPECT_THAT(All(), ElementsAre("record 1", "record 2"));
+}
+
+TEST_F(SdkReader, OneFileThatIsReplacedLaterIsNoticed) {
+  AppendNumbered(1, 3);
+  ASSERT_THAT(Opened(), SizeIs(3));
+  const StoreFiles backup;
+  MakeReport(backup, {"backup 7", "backup 8", "backup 9"});
+  ASSERT_EQ(rename(backup.DataPath().c_str(), files_.DataPath().c_str()), 0);
+  ASSERT_FALSE(reader_.Refresh().Failed());
+  EXPECT_THAT(All(), ElementsAre("backup 7", "backup 8", "backup 9"));
+}
+
+TEST_F(SdkReader, ReportThatIsEmptiedInPlaceHasNoRecords) {
+  AppendNumbered(1, 3);
+  ASSERT_THAT(Opened(), SizeIs(3));
+  ASSERT_EQ(truncate(files_.IndexPath().c_str(), 0) + truncate(files_.DataPath().c_str(), 0), 0);
+  EXPECT_THAT(All(), ElementsAre("(overwritten)", "(overwritten)", "(overwritten)")) << "the snapshot is the old one";
+  ASSERT_FALSE(reader_.Refresh().Failed());
+  EXPECT_THAT(All(), IsEmpty());
+}
+
+// The header is the one from before; the time of the last write is not.
+TEST_F(SdkReader, ReportThatIsFilledAgainInPlaceIsNoticed) {
+  AppendNumbered(1, 3);
+  ASSERT_THAT(Opened(), SizeIs(3));
+  ASSERT_THAT(New(), SizeIs(3));
+  const StoreFiles others;
+  MakeReport(others, {"others 7", "others 8", "others 9"});
+  WriteFile(files_.DataPath(), others.DataBytes());
+  WriteFile(files_.IndexPath(), others.IndexBytes());
+  const timespec later[2] = {{.tv_sec = 2000000000, .tv_nsec = 0}, {.tv_sec = 2000000000, .tv_nsec = 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, files_.IndexPath().c_str(), later, 0), 0);
+  EXPECT_THAT(New(), ElementsAre("others 7", "others 8", "others 9"));
+}
+
+TEST_F(SdkReader, FilesStayOpenAcrossRefreshAndWait) {
+  AppendNumbered(1, 3);
+  ASSERT_THAT(Opened(), SizeIs(3));
+  ASSERT_THAT(New(), SizeIs(3));
+  const FailingCall opens({.call = FileCall::kOpen, .path = "r1.ind", .nth = kAlways});
+  const FailingCall data_opens({.call = FileCall::kOpen, .path = "r1.dat", .nth = kAlways});
+  for (int record = 4; record < 9; ++record) {
+    AppendNumbered(record, record);
+    ASSERT_FALSE(reader_.Refresh().Failed());
+    EXPECT_THAT(All(), SizeIs(std::min(record, 5)));
+    EXPECT_THAT(New(), SizeIs(1));
+    EXPECT_FALSE(reader_.Next(milliseconds(5)).has_value());
+  }
+  EXPECT_EQ(opens.Calls() + data_opens.Calls(), 0);
+}
+
+// Header and slots, then three reads for each 256 KiB of text.
+TEST_F(SdkReader, LoopReadsWholeRuns) {
+  slots_ = 20000;
+  Append(std::vector<std::string>(20000, std::string(50, 'x')));
+  ASSERT_FALSE(reader_.Open(files_.Base()).Failed());
+  const FailingCall reads({.call = FileCall::kReadAt, .nth = kAlways});
+  ASSERT_FALSE(reader_.Refresh().Failed());
+  EXPECT_THAT(All(), SizeIs(20000));
+  EXPECT_LT(reads.Calls(), 25);
+}
+
+TEST_F(SdkReader, ADamagedRecordDoesNotMakeTheOthersSlow) {
+  slots_ = 20000;
+  std::vector<std::string> texts(3000, std::string(50, 'x'));
+  Append(texts);
+  files_.WriteData(52 * 1500 + 7, "\n");
+  ASSERT_FALSE(reader_.Open(files_.Base()).Failed());
+  const FailingCall reads({.call = FileCall::kReadAt, .nth = kAlways});
+  texts[1500] = "xxxxxxx\n (damaged)";
+  EXPECT_EQ(All(), texts);
+  EXPECT_LT(reads.Calls(), 10);
+}
+
+TEST_F(SdkReader, RecordThatIsLongerThanAWindowIsWhole) {
+  const std::string longest(kRecordTextMax, 'x');
+  Append({"short", longest, "short again"});
+  EXPECT_THAT(Opened(), ElementsAre("short", longest, "short again"));
+}
+
 TEST_F(SdkReader, TextsThatAreNoCursorAreRefused) {
   AppendNumbered(1, 3);
   ASSERT_FALSE(reader_.Open(files_.Base()).Failed());
@@ -318,10 +446,10 @@ TEST_F(SdkReaderThreads, WholeRecordsUnderAWriterAreTrueRecords) {
   long whole = 0;
   for (int round = 0; round < 400; ++round) {
     ASSERT_FALSE(reader_.Open(files_.Base()).Failed());
-    for (const Record& record : reader_) {
+    for (const RecordView& record : reader_) {
       if (!record.IsWhole()) continue;
       ++whole;
-      EXPECT_TRUE(is_true(record.text)) << record.text;
+      EXPECT_TRUE(is_true(std::string(record.text))) << record.text;
     }
   }
   is_over = true;

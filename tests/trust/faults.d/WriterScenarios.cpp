@@ -101,7 +101,8 @@ std::vector<std::string> WholeRecords() {
   Reader reader;
   std::vector<std::string> records;
   if (const Error error = reader.Open(base); error.Failed()) return {error.text};
-  for (const Record& record : reader) records.push_back(record.IsWhole() ? record.text : "damaged: " + record.text);
+  for (const RecordView& record : reader)
+    records.push_back((record.IsWhole() ? "" : "damaged: ") + std::string(record.text));
   return records;
 }
 
