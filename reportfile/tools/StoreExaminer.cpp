@@ -124,21 +124,20 @@ class Examiner {
     scan_.record_in_flight = uncounted_.slots > 0;
   }
 
-  // Slots after those in use are of records that are not counted yet, or of a killed writer whose texts the next one
-  // has overwritten since, from writePosition to doubtful_end_.
+  // Slots after those in use are of records that are not counted yet, or of killed writers. The next writers have
+  // overwritten texts of those, and several killed writers leave slots in any order, so a slot may lead into the middle
+  // of a text: for each offset there are records with which killed writers leave the same files. Nobody reads these
+  // slots, and each is written again before it is used.
   void CheckFreeSlots() {
     const IndexHeader& header = scan_.header;
     if (header.highestIndex == header.maxRecord) return;
     const auto in_file = static_cast<std::uint32_t>((scan_.index_bytes - SlotOffset(0)) / 4);
     for (std::uint32_t slot = header.highestIndex + uncounted_.slots; slot < in_file && !findings_.IsFull(); ++slot) {
       const std::int64_t offset = lines_.SlotAt(slot).value_or(0);
-      const std::int64_t line_end = offset - kRecordBytesMin;  // of the record before it
-      const bool is_in_file = offset >= kRecordBytesMin * slot && offset + kRecordBytesMin <= scan_.data_bytes;
-      const bool is_overwritten = line_end < doubtful_end_;
-      if (is_in_file && (is_overwritten || lines_.At(line_end, kRecordBytesMin).starts_with(kLineEnd))) continue;
-      findings_.Add(
-          "slot.in-flight", StoreFile::kIndex, SlotOffset(slot), static_cast<std::uint64_t>(offset),
-          "a slot after those in use may only lead to a record that is being written, or that a killed writer left");
+      const bool is_possible = offset >= kRecordBytesMin * slot && offset + kRecordBytesMin <= scan_.data_bytes;
+      if (is_possible) continue;
+      findings_.Add("slot.in-flight", StoreFile::kIndex, SlotOffset(slot), static_cast<std::uint64_t>(offset),
+                    "a slot after those in use may only lead to where a writer can have written its record");
     }
   }
 
@@ -202,15 +201,20 @@ class Examiner {
     return std::max(end, EndOfPartAt(position).value_or(end));
   }
 
-  // The same for a part of whole lines, of which some may look like the marker: the last marker that it can have.
+  // The same for whole lines: the last marker of a part, of which a record may look like the marker, and of the texts
+  // that killed writers left there. Each of them began in this round, at most as many records ago as it has. A later
+  // marker may have overwritten the first byte of a line end.
   std::optional<std::int64_t> EndOfPartAt(std::int64_t position) {
+    const std::uint32_t lines_max = RecordsInPart(scan_.header) + RecordsInRound(scan_.header);
     std::optional<std::int64_t> end;
     std::int64_t at = position;
-    for (std::uint32_t left = RecordsInPart(scan_.header); left > 0 && at - position <= kPartBytesMax; --left) {
-      const std::optional<std::int64_t> line_end = lines_.EndOfLine(at);
-      if (!line_end.has_value() || IsEndOfPreviousRound(*line_end)) break;
-      at = *line_end;
-      if (lines_.At(at, kMarkerBytes).starts_with(kEndMarker)) end = at + kMarkerBytes;
+    for (std::uint32_t lines = 0; lines < lines_max && at - position <= kPartBytesMax; ++lines) {
+      const std::int64_t line_feed = lines_.FindLineFeed(at);
+      if (!lines_.At(line_feed, 1).starts_with('\n') || IsEndOfPreviousRound(line_feed + 1)) break;
+      at = line_feed + 1;
+      if (!lines_.At(at, kMarkerBytes).starts_with(kEndMarker)) continue;
+      end = at + kMarkerBytes;
+      lines = 0;  // there may be the rest of an older text
     }
     return end;
   }
