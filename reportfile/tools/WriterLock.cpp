@@ -1,8 +1,10 @@
 #include "reportfile/tools/WriterLock.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <optional>
 #include <set>
 
@@ -14,7 +16,8 @@ namespace qx::report {
 
 namespace {
 
-// A process that has one of the files open for writing, other than this one, or 0.
+// A process that has one of the files open for writing, other than this one, or 0. Reads the descriptors of every
+// process of the machine.
 int ProcessThatWrites(const std::string& base_path) {
   std::set<FileKey> files;
   for (const std::string& path : {IndexFileName(base_path), DataFileName(base_path)}) {
@@ -27,12 +30,30 @@ int ProcessThatWrites(const std::string& base_path) {
   return 0;
 }
 
+// The process that took the lock of the open file; empty if the system's list of locks does not show it. A process that
+// has ended may have left the lock to another one.
+std::optional<int> ProcessWithTheLock(int file) {
+  struct stat status = {};
+  if (file::StatusOf(file, status) != 0) return std::nullopt;
+  for (const WritingProcess& found : FindLockingProcesses({FileKey(status.st_dev, status.st_ino)})) {
+    const bool has_ended = kill(found.process, 0) != 0 && errno == ESRCH;
+    if (!has_ended) return found.process;
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 WriterLock::WriterLock(const std::string& base_path)
     : index_(OpenStoreFile(IndexFileName(base_path), OpenMode::kRead)) {
   const bool is_locked = index_.IsOpen() && file::TryLock(index_.Number()) == EWOULDBLOCK;
-  process_ = ProcessThatWrites(base_path);
+  const std::optional<int> holder = is_locked ? ProcessWithTheLock(index_.Number()) : std::nullopt;
+  // A free lock does not mean that nobody writes: older agents do not take it.
+  if (holder.has_value()) {
+    process_ = *holder != getpid() ? *holder : 0;
+  } else {
+    process_ = ProcessThatWrites(base_path);
+  }
   is_held_ = is_locked || process_ != 0;
 }
 

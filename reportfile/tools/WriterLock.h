@@ -1,7 +1,8 @@
 // Checks whether another process writes a report: for programs that append to a report, or replace it, next to agents.
 //
-// A writer holds the advisory lock of the index file while it has the report open (CReportFileBase::Open). Agents that
-// were built before the lock existed do not, so the processes of this machine are checked as well.
+// A writer holds the advisory lock of the index file while it has the report open (CReportFileBase::Open), and the
+// system's list of locks names it. Agents that were built before the lock existed do not take it. So if the lock is
+// free, or the list does not show who holds it, the open files of all processes of this machine are checked.
 #pragma once
 
 #include <string>

@@ -1,13 +1,16 @@
 // Reports that another process has open, with and without the lock.
 #include "reportfile/tools/WriterLock.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 
+#include "reportfile/tools/WritingProcesses.h"
 #include "tests/reportfile/StoreFiles.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
 namespace {
@@ -32,17 +35,21 @@ class OtherProcess {
     EXPECT_EQ(read(ends[0], &byte, 1), 1);
     close(ends[0]);
   }
-  ~OtherProcess() {
-    kill(id_, SIGKILL);
-    EXPECT_EQ(waitpid(id_, nullptr, 0), id_);
-  }
+  ~OtherProcess() { End(); }
   OtherProcess(const OtherProcess&) = delete;
   OtherProcess& operator=(const OtherProcess&) = delete;
 
   int Id() const { return id_; }
+  void End() {
+    if (has_ended_) return;
+    kill(id_, SIGKILL);
+    EXPECT_EQ(waitpid(id_, nullptr, 0), id_);
+    has_ended_ = true;
+  }
 
  private:
   pid_t id_ = -1;
+  bool has_ended_ = false;
 };
 
 class WriterLockOfAReport : public testing::Test {
@@ -80,6 +87,41 @@ TEST_F(WriterLockOfAReport, ReaderOfAnotherProcessDoesNotCount) {
   CReportFileBase store;
   const OtherProcess reader([&] { return store.OpenRead(files_.Path()); });
   EXPECT_FALSE(WriterLock(files_.Base()).IsHeldByAnother());
+}
+
+// The open files of every process are read only if the lock does not answer.
+TEST_F(WriterLockOfAReport, HolderOfTheLockIsFoundWithoutReadingEveryProcess) {
+  CReportFileBase store;
+  const OtherProcess writer([&] { return store.Open(files_.Path(), 3); });
+  if (report::FindLockingProcesses({*report::KeyOf(files_.IndexPath())}).empty()) {
+    GTEST_SKIP() << "the list of locks has other device numbers for this file system";
+  }
+  const FailingCall reads({.call = FileCall::kOpen, .path = "/fd", .nth = kAlways});
+  const WriterLock lock(files_.Base());
+  EXPECT_EQ(lock.Process(), writer.Id());
+  EXPECT_EQ(reads.Calls(), 0);
+}
+
+// A process that only inherited the lock: the list of locks still has the one that took it.
+TEST_F(WriterLockOfAReport, HolderOfALockWhoseTakerHasEndedIsNamed) {
+  CReportFileBase store;
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  OtherProcess taker([&] {
+    if (!store.Open(files_.Path(), 3)) _exit(1);
+    const pid_t heir = fork();
+    if (heir == 0) {
+      for (;;) pause();
+    }
+    (void)!write(ends[1], &heir, sizeof heir);
+  });
+  pid_t heir = 0;
+  ASSERT_EQ(read(ends[0], &heir, sizeof heir), static_cast<ssize_t>(sizeof heir));
+  close(ends[0]);
+  close(ends[1]);
+  taker.End();
+  EXPECT_EQ(WriterLock(files_.Base()).Process(), heir);
+  kill(heir, SIGKILL);
 }
 
 // An agent that does not know the lock.
