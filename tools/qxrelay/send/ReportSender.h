@@ -1,0 +1,138 @@
+// What the sender of one report does next: a state machine without any input or output.
+//
+//   Waiting ----Connected----> LookUp ----newest or none----> Place ----Placed----> Follow <---+
+//      ^                         ^                              ^                     |        | Stored
+//      |                         |  a failure: after a pause    |  another store      v        |
+//      +----Disconnected---- any state                          +---------------- Examined -> Send
+//
+// Rules that its tables in tests/qxrelay/ReportSenderTest.cpp show:
+//   - One message is in flight at a time, and nothing is sent before everything before it is stored.
+//   - After a failed or unanswered publish it waits, looks up the newest message, and continues after that: the stream
+//     decides what it has, not the sender. The same after an acknowledgement whose sequence is not higher than the one
+//     before.
+//   - Records wait for others up to the linger time, or until a message is full.
+//   - Without records it sends an empty message at first, so that an earlier sender finds it, and then from time to
+//   time,
+//     so that the newest message does not expire.
+//   - Once another sender was found, it stays stopped.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+
+#include "tools/qxrelay/send/Place.h"
+#include "tools/qxrelay/send/StoreNumbers.h"
+
+namespace qx::relay {
+
+// Milliseconds of a clock that nobody sets.
+using TimeMs = std::int64_t;
+
+struct SenderTimes {
+  TimeMs linger = 100;
+  TimeMs poll = 20;         // of a report with records within the last two seconds
+  TimeMs poll_idle = 250;   // of another one
+  TimeMs timeout = 5000;    // for an acknowledgement or a look-up
+  TimeMs heartbeat = 3600;  // between two messages of a report
+  std::uint64_t batch_bytes = 64 * 1024;
+};
+
+enum class ActionKind : std::uint8_t {
+  kWait,     // until a time, or the next event
+  kLookUp,   // ask for the newest message, if a look-up is free; then LookUpSent
+  kPlace,    // find the place (FindPlace); then Placed
+  kExamine,  // look at the store; then Examined
+  kGap,      // send that records are lost; then Sent
+  kRecords,  // send records; then Sent
+  kEmpty,    // send an empty message; then Sent
+  kStopped,  // nothing any more
+};
+
+struct Action {
+  ActionKind kind = ActionKind::kWait;
+  TimeMs until = 0;         // of kWait
+  std::uint64_t first = 0;  // of what is sent: its first record,
+  std::uint64_t count = 0;  // and how many are lost, or how many there are at most
+
+  friend bool operator==(const Action&, const Action&) = default;
+};
+
+// What a sender sees of its store, next to its position.
+struct Examination {
+  int error = 0;                 // the store cannot be read now
+  Proof proof = Proof::kProven;  // of the position
+  RecordRange sendable = {};
+  std::uint64_t bytes = 0;  // of text from the position on, about
+};
+
+// Threads: one thread. Owns: nothing but its values.
+// Times only rise. An event of a token that is not the current one is ignored: it is the answer to an earlier try.
+class ReportSender {
+ public:
+  // `random` returns a number from 0 up to 1.
+  ReportSender(const SenderTimes& times, std::function<double()> random) : times_(times), random_(std::move(random)) {}
+
+  // What to do now. A request without an answer in time counts as failed here. [owning thread]
+  [[nodiscard]] Action Next(TimeMs now);
+
+  void Connected(TimeMs now);
+  void Disconnected();
+  void LookUpSent(TimeMs now, std::uint64_t token);
+  // The newest message of the subject (0: no message). True if the token is the current one: then Next is
+  // kPlace.
+  bool NewestFound(std::uint64_t token, std::uint64_t sequence);
+  // Continues at this place. [owning thread]
+  void Placed(TimeMs now, const Mark& mark);
+  // What to send, or how long to wait. [owning thread]
+  [[nodiscard]] Action Examined(TimeMs now, const Examination& found);
+  // What Examined requested is on its way; `next` and `hash` are the position after it. [owning thread]
+  void Sent(TimeMs now, std::uint64_t token, std::uint64_t next, std::uint64_t hash);
+  // True if the token is the current one and the message is stored. [owning thread]
+  bool Stored(TimeMs now, std::uint64_t token, std::uint64_t sequence);
+  // A request was refused or could not be sent. True if the token is the current one. [owning thread]
+  bool Failed(TimeMs now, std::uint64_t token);
+  // What should be sent cannot be read: the store is examined again later. [owning thread]
+  void NotSent(TimeMs now);
+  void Stop() { phase_ = Phase::kStopped; }
+
+  [[nodiscard]] const Mark& Position() const { return position_; }
+  // For Publish: the sequence of the newest message of the subject, as far as it is known.
+  [[nodiscard]] std::uint64_t LastSequence() const { return last_sequence_; }
+  [[nodiscard]] bool IsInFlight() const { return phase_ == Phase::kPublishing || phase_ == Phase::kLookingUp; }
+  [[nodiscard]] bool IsStopped() const { return phase_ == Phase::kStopped; }
+  [[nodiscard]] std::uint32_t Failures() const { return failures_; }
+  void SetTimes(const SenderTimes& times) { times_ = times; }
+
+ private:
+  enum class Phase : std::uint8_t {
+    kDisconnected,
+    kMustLookUp,
+    kLookingUp,
+    kMustPlace,
+    kFollowing,
+    kPublishing,
+    kStopped
+  };
+
+  void Fail(TimeMs now);
+  [[nodiscard]] Action WaitFor(TimeMs now, TimeMs time);
+  [[nodiscard]] Action ForRecords(TimeMs now, const Examination& found);
+  [[nodiscard]] Action ForNoRecords(TimeMs now);
+
+  SenderTimes times_;
+  std::function<double()> random_;
+  Phase phase_ = Phase::kDisconnected;
+  Mark position_;
+  Mark in_flight_;  // the position after the message that is in flight
+  std::uint64_t token_ = 0;
+  std::uint64_t last_sequence_ = 0;
+  TimeMs not_before_ = 0;                // of the next action
+  TimeMs deadline_ = 0;                  // of the request in flight
+  std::optional<TimeMs> last_sent_;      // by this sender: its first message shows others that it is there
+  std::optional<TimeMs> last_records_;   // when there were records to send
+  std::optional<TimeMs> pending_since_;  // when records were first seen that are not sent
+  std::uint32_t failures_ = 0;           // in a row
+};
+
+}  // namespace qx::relay

@@ -1,0 +1,191 @@
+#include "tools/qxrelay/send/SenderState.h"
+
+#include <sys/random.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+
+#include "base/tools/FileText.h"
+#include "base/tools/ReplacedFile.h"
+#include "reportfile/tools/RecordOverlap.h"
+#include "tools/qxrelay/message/Subject.h"
+
+namespace qx::relay {
+
+namespace {
+
+constexpr std::string_view kIdentityMark = "qxrelay-identity 1";
+constexpr std::string_view kReportMark = "qxrelay-report 1";
+constexpr const char* kMachineFile = "/etc/machine-id";
+constexpr mode_t kDirectoryMode = 0700;
+constexpr mode_t kFileMode = 0600;
+constexpr std::size_t kFileNameBytesMax = 200;
+constexpr int kHexadecimal = 16;
+constexpr int kDecimal = 10;
+
+std::string Hex(std::uint64_t number) {
+  char digits[17];
+  std::snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(number));
+  return digits;
+}
+
+std::string HexOf(const HostIdentity& identity) {
+  std::string text;
+  for (const std::uint8_t byte : identity) text += Hex(byte).substr(14);
+  return text;
+}
+
+template <typename Number>
+bool ReadNumber(std::string_view text, int base, Number& number) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+  return !text.empty() && error == std::errc() && end == text.data() + text.size();
+}
+
+bool ReadIdentityText(std::string_view text, HostIdentity& identity) {
+  if (text.size() != 2 * identity.size()) return false;
+  for (std::size_t i = 0; i < identity.size(); ++i) {
+    if (!ReadNumber(text.substr(2 * i, 2), kHexadecimal, identity[i])) return false;
+  }
+  return true;
+}
+
+// Takes the text up to the next separator off the front.
+std::string_view Take(std::string_view& text, char separator) {
+  const std::size_t end = std::min(text.find(separator), text.size());
+  const std::string_view taken = text.substr(0, end);
+  text.remove_prefix(std::min(end + 1, text.size()));
+  return taken;
+}
+
+// "next 7" => "7", if the line begins with the word.
+std::string_view TakeValue(std::string_view& text, std::string_view word) {
+  std::string_view line = Take(text, '\n');
+  return Take(line, ' ') == word ? line : std::string_view();
+}
+
+std::string MachineText() {
+  std::string text = file::TextOf(kMachineFile);
+  text.resize(std::min(text.find_first_not_of("0123456789abcdef"), text.size()));
+  return text.empty() ? "unknown" : text;
+}
+
+std::optional<std::string> WriteWhole(const std::string& path, std::string_view text) {
+  ReplacedFile file;
+  ReplacedFile::Options options = ReplacedFile::ForOutput(true);
+  options.may_be_missing = true;
+  options.new_mode = kFileMode;
+  ReplaceResult result = file.Begin(path, options);
+  if (result.IsDone()) result = file.WriteCopy(text);
+  if (result.IsDone()) result = file.Commit(false);
+  if (result.IsDone()) return std::nullopt;
+  return "cannot write " + path + (result.error != 0 ? std::string(": ") + std::strerror(result.error) : "");
+}
+
+std::optional<std::string> MakeDirectories(const std::string& directory) {
+  for (const std::string& path : {directory, directory + "/reports"}) {
+    const int error = file::MakeDirectory(path.c_str(), kDirectoryMode);
+    if (error != 0 && error != EEXIST) return "cannot create " + path + ": " + std::strerror(error);
+  }
+  return std::nullopt;
+}
+
+bool ReadOverlap(std::string_view text, std::vector<std::uint64_t>& overlap) {
+  while (!text.empty()) {
+    std::uint64_t hash = 0;
+    if (!ReadNumber(Take(text, ' '), kHexadecimal, hash)) return false;
+    overlap.push_back(hash);
+  }
+  return overlap.size() <= report::kOverlapRecords;
+}
+
+}  // namespace
+
+std::string TextOfState(const ReportState& state) {
+  std::string text = std::string(kReportMark) + "\nreport " + TokenOf(state.report) + "\nincarnation " +
+                     Hex(state.mark.incarnation) + "\nnext " + std::to_string(state.mark.next) + "\nhash " +
+                     Hex(state.mark.hash_before) + "\nslots " + std::to_string(state.mark.ring_slots) + "\noverlap";
+  for (const std::uint64_t hash : state.overlap) text += " " + Hex(hash);
+  return text + "\nend\n";
+}
+
+// The last line shows that the file is whole.
+std::optional<ReportState> StateOfText(std::string_view text) {
+  if (Take(text, '\n') != kReportMark) return std::nullopt;
+  ReportState state;
+  const std::optional<std::string> report = NameOfToken(TakeValue(text, "report"));
+  if (!report.has_value()) return std::nullopt;
+  state.report = *report;
+  const bool has_mark = ReadNumber(TakeValue(text, "incarnation"), kHexadecimal, state.mark.incarnation) &&
+                        ReadNumber(TakeValue(text, "next"), kDecimal, state.mark.next) &&
+                        ReadNumber(TakeValue(text, "hash"), kHexadecimal, state.mark.hash_before) &&
+                        ReadNumber(TakeValue(text, "slots"), kDecimal, state.mark.ring_slots);
+  if (!has_mark || !ReadOverlap(TakeValue(text, "overlap"), state.overlap) || text != "end\n") return std::nullopt;
+  return state;
+}
+
+std::optional<std::string> SenderState::Open(const std::string& directory, bool take_over) {
+  directory_ = directory;
+  if (auto problem = MakeDirectories(directory)) return problem;
+  const std::string path = directory + "/lock";
+  lock_ = file::OpenRegular(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, kFileMode);
+  const int open_error = errno;
+  if (!lock_.IsOpen()) return "cannot open " + path + ": " + std::strerror(open_error);
+  const int error = file::TryLock(lock_.Number());
+  if (error == EWOULDBLOCK) return "another sender uses " + directory;
+  if (error != 0) return "cannot lock " + path + ": " + std::strerror(error);
+  return ReadIdentity(take_over);
+}
+
+std::optional<std::string> SenderState::ReadIdentity(bool take_over) {
+  const std::string path = directory_ + "/identity";
+  const std::string machine = MachineText();
+  const std::string text = file::TextOf(path);
+  if (text.empty()) return MakeIdentity(machine);
+  std::string_view rest = text;
+  const bool has_mark = Take(rest, '\n') == kIdentityMark;
+  const bool is_read = has_mark && ReadIdentityText(TakeValue(rest, "identity"), identity_.identity);
+  if (!is_read) return path + " is damaged: restore it, or remove it and start with --take-over";
+  if (TakeValue(rest, "machine") != machine) {
+    if (take_over) return MakeIdentity(machine);
+    return directory_ + " was copied from another machine: remove it if both machines run, or start with --take-over";
+  }
+  const std::string session = file::TextOf(directory_ + "/session");
+  std::string_view session_text = session;
+  const bool has_session = ReadNumber(Take(session_text, '\n'), kDecimal, identity_.session);
+  if (!session.empty() && !has_session) return directory_ + "/session is damaged: remove it and start with --take-over";
+  return std::nullopt;
+}
+
+std::optional<std::string> SenderState::MakeIdentity(const std::string& machine) {
+  const auto size = static_cast<ssize_t>(identity_.identity.size());
+  if (getrandom(identity_.identity.data(), identity_.identity.size(), 0) != size)
+    return "the system has no random bytes";
+  return WriteWhole(directory_ + "/identity", std::string(kIdentityMark) + "\nidentity " + HexOf(identity_.identity) +
+                                                  "\nmachine " + machine + "\n");
+}
+
+std::optional<std::string> SenderState::BeginSession(std::uint64_t session) {
+  identity_.session = std::max(identity_.session, session) + 1;
+  return WriteWhole(directory_ + "/session", std::to_string(identity_.session) + "\n");
+}
+
+// A long token is no file name: then a hash is, and the file names the report.
+std::string SenderState::PathOf(const std::string& report) const {
+  const std::string token = TokenOf(report);
+  const bool fits = token.size() <= kFileNameBytesMax;
+  return directory_ + "/reports/" + (fits ? token : "%hash-" + Hex(report::RecordHash(report)));
+}
+
+std::optional<ReportState> SenderState::Load(const std::string& report) const {
+  std::optional<ReportState> state = StateOfText(file::TextOf(PathOf(report)));
+  return state.has_value() && state->report == report ? state : std::nullopt;
+}
+
+std::optional<std::string> SenderState::Save(const ReportState& state) const {
+  return WriteWhole(PathOf(state.report), TextOfState(state));
+}
+
+}  // namespace qx::relay
