@@ -99,6 +99,8 @@ class ReportSender {
   [[nodiscard]] const Mark& Position() const { return position_; }
   // For Publish: the sequence of the newest message of the subject, as far as it is known.
   [[nodiscard]] std::uint64_t LastSequence() const { return last_sequence_; }
+  // Whether a reply with this token answers the request in flight.
+  [[nodiscard]] bool IsCurrent(std::uint64_t token) const { return IsInFlight() && token == token_; }
   [[nodiscard]] bool IsInFlight() const { return phase_ == Phase::kPublishing || phase_ == Phase::kLookingUp; }
   [[nodiscard]] bool IsStopped() const { return phase_ == Phase::kStopped; }
   [[nodiscard]] std::uint32_t Failures() const { return failures_; }

@@ -9,6 +9,7 @@
 #include "reportfile/StoreFormat.h"
 #include "reportfile/tools/RecordOverlap.h"
 #include "reportfile/tools/RecordWriter.h"
+#include "reportfile/tools/UncountedPart.h"
 
 namespace qx::relay {
 
@@ -29,10 +30,21 @@ std::int64_t WrittenEnd(const IndexHeader& header) {
   return std::int64_t{header.writePosition} + static_cast<std::int64_t>(report::kEndMarker.size());
 }
 
-// The records of this header that a writer may be replacing, or has replaced and not counted yet.
+// The records of this header that a writer may be replacing, or has replaced and not counted yet. All slots that lead
+// to where a batch in flight would be count, also those of old records that look so by accident: a record is never sent
+// under the number of another one.
 std::uint32_t UnsafeRecords(CReportFileBase& store) {
-  if (!IsFull(store.header())) return 0;
-  return std::max(std::uint32_t{1}, report::CountUncounted(store));
+  const IndexHeader& header = store.header();
+  if (!IsFull(header)) return 0;
+  std::string text;
+  const auto slot_at = [&](std::uint32_t slot) { return std::int64_t{store.getPositionFromIndexFile(slot)}; };
+  const auto end_of = [&](std::uint32_t slot, std::int64_t begin) -> std::optional<std::int64_t> {
+    if (!store.readLine(text, slot) || !text.ends_with(report::kLineEnd)) return std::nullopt;
+    if (begin == header.writePosition && text == report::kEndMarker) return std::nullopt;
+    return begin + static_cast<std::int64_t>(text.size());
+  };
+  const auto is_marker_at = [](std::int64_t) { return false; };
+  return std::max(std::uint32_t{1}, report::FindUncountedPart(header, slot_at, end_of, is_marker_at).slots);
 }
 
 }  // namespace
@@ -158,7 +170,7 @@ bool RunReader::SplitWhole(const Piece& piece, RecordRun& run) const {
 }
 
 // Leaves what is certain. The slots are checked before the header is read again: a slot that was replaced before it was
-// read for the first time is then one of those that the header counts as new, or that CountUncounted finds.
+// read for the first time is then one of those that the header counts as new, or that UnsafeRecords finds.
 void RunReader::Judge(const Piece& piece, RecordRun& run) {
   std::vector<std::uint32_t> slots(piece.Count());
   const int slots_error = report::RecordReader(store_).ReadSlots(piece.slot, slots);

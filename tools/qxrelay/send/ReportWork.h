@@ -1,0 +1,90 @@
+// The sender of one report: carries out what ReportSender decides.
+//
+// It opens the store for each step, so it always sees the files that have the path now, and no file stays open.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/qxrelay/message/Message.h"
+#include "tools/qxrelay/send/ReportSender.h"
+#include "tools/qxrelay/send/RunReader.h"
+#include "tools/qxrelay/send/SendContext.h"
+
+namespace qx::relay {
+
+// Threads: one thread. Owns: between a gap and the records after it, these records.
+// Failure: the log, and the counters. Throws std::bad_alloc.
+class ReportWork {
+ public:
+  // `report` is a name with a subject (TextOfSubject).
+  ReportWork(SendContext& context, std::string report);
+
+  // Does what is due. Next time from Wake on, or after a reply. [owning thread]
+  void Step(TimeMs now);
+  [[nodiscard]] TimeMs Wake() const { return wake_; }
+
+  void Connected(TimeMs now);
+  void Disconnected();
+  // The reply to a request of this report; answers to earlier tries are ignored. [owning thread]
+  void OnReply(TimeMs now, const StreamReply& reply);
+
+  // Writes the position to the state directory if it has changed. [owning thread]
+  void Save();
+
+  [[nodiscard]] const std::string& Name() const { return report_; }
+  [[nodiscard]] const ReportSender& Sender() const { return sender_; }
+  [[nodiscard]] bool IsPublishing() const { return in_flight_.has_value(); }
+
+ private:
+  // What becomes true when the message in flight is stored.
+  struct InFlight {
+    std::uint64_t token = 0;
+    MessageHead head;
+    std::size_t bytes = 0;
+    std::vector<std::uint64_t> hashes;  // of its last records
+  };
+
+  void Act(TimeMs now, const Action& action);
+  void LookUp(TimeMs now);
+  void ReleaseLookUp();
+  void FindItsPlace(TimeMs now);
+  void Examine(TimeMs now);
+  [[nodiscard]] Examination Look();
+  void SendRecords(TimeMs now);
+  void SendGap(TimeMs now, std::uint64_t oldest);
+  void SendRun(TimeMs now, RecordRun run);
+  void PublishGap(TimeMs now, std::uint64_t count, GapReason reason);
+  void PublishRun(TimeMs now, const RecordRun& run);
+  void Publish(TimeMs now, const MessageHead& head, const RecordRun& run, std::uint64_t hash_after);
+  [[nodiscard]] MessageHead HeadOf(MessageKind kind, std::uint64_t count) const;
+  void OnNewest(const StreamReply& reply);
+  [[nodiscard]] bool IsRivalOfUs(const MessageHead& newest);
+  void OnStored(TimeMs now, const StreamReply& reply);
+  void Count(const InFlight& stored);
+  void OnFailure(TimeMs now, const StreamReply& reply);
+  void Trouble(const std::string& text);
+  [[nodiscard]] std::size_t BatchBytes() const;
+  [[nodiscard]] std::size_t TextBytesMax() const;
+
+  SendContext& context_;
+  std::string report_;
+  std::string subject_;
+  ReportSender sender_;
+  RunReader reader_;
+  RecordRange range_;              // of the last look
+  std::optional<Mark> newest_;     // of the newest message
+  std::optional<RecordRun> held_;  // records after the gap that is in flight
+  std::optional<InFlight> in_flight_;
+  ReportState known_;    // the position, and the last sent records
+  ReportState saved_;    // what the state directory has of it
+  std::string trouble_;  // logged last; empty: there is no trouble
+  TimeMs wake_ = 0;
+  TimeMs save_at_ = 0;
+  bool has_loaded_ = false;
+  bool has_look_up_ = false;
+};
+
+}  // namespace qx::relay

@@ -1,0 +1,55 @@
+// What all parts of a sender share: the stream, the state directory, the settings, counters, and the log.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "tools/qxrelay/config/RelayConfig.h"
+#include "tools/qxrelay/send/ReportSender.h"
+#include "tools/qxrelay/send/SenderState.h"
+#include "tools/qxrelay/stream/Stream.h"
+
+namespace qx::relay {
+
+// Since the start of the sender.
+struct SenderCounters {
+  std::uint64_t records = 0;       // stored
+  std::uint64_t messages = 0;      // stored
+  std::uint64_t bytes = 0;         // of stored messages
+  std::uint64_t gap_records = 0;   // counted as lost, for any reason
+  std::uint64_t over_limit = 0;    // of them, because they are larger than a message may be
+  std::uint64_t unreadable = 0;    // of them, because the files have no text of them
+  std::uint64_t refused = 0;       // messages that a server refused
+  std::uint64_t conflicts = 0;     // of them, because the newest message was another one than expected
+  std::uint64_t unanswered = 0;    // requests
+  std::uint64_t look_ups = 0;      // answered
+  std::uint64_t incarnations = 0;  // begun
+  std::uint64_t foreign = 0;       // newest messages that are not messages of the relay
+  std::uint64_t connects = 0;
+};
+
+// Threads: one thread. Owns: nothing; everything outlives the sender.
+struct SendContext {
+  PublishStream& stream;
+  SenderState& state;
+  std::function<void(const std::string&)> log;  // a line for the operator
+  std::function<double()> random;               // from 0 up to 1
+  std::function<std::uint64_t()> random_number;
+  std::function<std::int64_t()> wall_ms;  // milliseconds since 1970
+  std::string host;
+  std::string directory;  // of the reports
+  StreamSettings stream_settings;
+  SendSettings settings;
+  SenderTimes times;
+  bool takes_over = false;
+
+  SenderCounters counters = {};
+  std::uint64_t last_token = 0;
+  std::size_t payload_max = 0;  // of the connection
+  int look_ups_free = 4;        // at once
+
+  [[nodiscard]] std::uint64_t NewToken() { return ++last_token; }
+};
+
+}  // namespace qx::relay

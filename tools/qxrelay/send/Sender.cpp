@@ -1,0 +1,193 @@
+#include "tools/qxrelay/send/Sender.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "base/File.h"
+#include "reportfile/tools/DurableFiles.h"
+#include "reportfile/tools/ReportSurvey.h"
+#include "tools/qxrelay/message/Message.h"
+#include "tools/qxrelay/message/Subject.h"
+
+namespace qx::relay {
+
+namespace {
+
+constexpr std::string_view kNamesEnding = ".names";
+
+std::string SubjectText(const SendContext& context, Branch branch, const std::string& report) {
+  const Subject subject = {.branch = branch, .host = context.host, .report = report};
+  return TextOfSubject(context.stream_settings.prefix, subject).value_or(std::string());
+}
+
+// Differs whenever the file was changed or replaced.
+std::string SeenText(const struct stat& status) {
+  return std::to_string(status.st_dev) + " " + std::to_string(status.st_ino) + " " + std::to_string(status.st_size) +
+         " " + std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
+}
+
+MessageHead SideHead(const SendContext& context, MessageKind kind, std::uint64_t count, const std::string& report) {
+  MessageHead head;
+  head.kind = kind;
+  head.identity = context.state.Identity().identity;
+  head.session = context.state.Identity().session;
+  head.count = count;
+  head.sent_ms = context.wall_ms();
+  head.report = report;
+  return head;
+}
+
+}  // namespace
+
+Sender::Sender(SendContext& context, TimeMs now, std::vector<std::string> labels)
+    : context_(context),
+      about_(context, SubjectText(context, Branch::kAbout, {})),
+      connect_at_(now + static_cast<TimeMs>(static_cast<double>(context.settings.spread.count()) * context.random())),
+      rescan_at_(now) {
+  about_.Set(now, AboutMessage(labels));
+}
+
+std::string Sender::AboutMessage(const std::vector<std::string>& labels) const {
+  std::vector<std::uint32_t> lengths;
+  std::string texts;
+  for (const std::string& label : labels) {
+    lengths.push_back(static_cast<std::uint32_t>(label.size()));
+    texts += label;
+  }
+  return EncodeMessage(SideHead(context_, MessageKind::kAbout, labels.size(), {}), lengths, texts);
+}
+
+TimeMs Sender::Step(TimeMs now) {
+  TakeReplies(now);
+  if (!is_stopping_ && !is_connected_ && now >= connect_at_) Connect(now);
+  if (is_stopping_) return now + context_.times.poll;
+  if (now >= rescan_at_) Rescan(now);
+  TimeMs wake = rescan_at_;
+  if (!is_connected_) return std::min(wake, connect_at_);
+  about_.Step(now);
+  wake = std::min(wake, about_.Wake());
+  for (const auto& [report, entry] : works_) {
+    if (entry->work.Wake() <= now) entry->work.Step(now);
+    entry->names.Step(now);
+    wake = std::min(wake, entry->work.Wake());
+    if (entry->names.IsSet()) wake = std::min(wake, entry->names.Wake());
+  }
+  return wake;
+}
+
+void Sender::TakeReplies(TimeMs now) {
+  replies_.clear();
+  context_.stream.TakeReplies(replies_);
+  for (const StreamReply& reply : replies_) {
+    if (reply.kind == ReplyKind::kDisconnect) {
+      Disconnected(now);
+      return;  // what comes after it belongs to a connection that is gone
+    }
+    OnReply(now, reply);
+  }
+}
+
+void Sender::OnReply(TimeMs now, const StreamReply& reply) {
+  if (reply.kind == ReplyKind::kProblem) return LogOnce(server_problem_, "the server complains: " + reply.text);
+  about_.OnReply(now, reply);
+  for (const auto& [report, entry] : works_) {
+    if (entry->work.Sender().IsCurrent(reply.token)) return entry->work.OnReply(now, reply);
+    if (entry->names.Token() == reply.token) return entry->names.OnReply(now, reply);
+  }
+}
+
+void Sender::Disconnected(TimeMs now) {
+  context_.stream.Close();
+  is_connected_ = false;
+  connect_at_ = now + static_cast<TimeMs>(static_cast<double>(context_.settings.spread.count()) * context_.random());
+  context_.log("the connection is lost; connecting again in " + std::to_string(connect_at_ - now) + " ms");
+  about_.Disconnected(now);
+  for (const auto& [report, entry] : works_) {
+    entry->work.Disconnected();
+    entry->names.Disconnected(now);
+  }
+}
+
+void Sender::Connect(TimeMs now) {
+  if (const auto problem = context_.stream.Connect()) {
+    connect_at_ = now + BackoffMs(++connect_failures_, context_.random());
+    return LogOnce(connect_problem_, *problem);
+  }
+  is_connected_ = true;
+  connect_failures_ = 0;
+  connect_problem_.clear();
+  server_problem_.clear();
+  ++context_.counters.connects;
+  context_.payload_max = std::min(context_.stream.PayloadBytesMax(), kMessageBytesMax);
+  context_.log("connected");
+  for (const auto& [report, entry] : works_) entry->work.Connected(now);
+}
+
+void Sender::Rescan(TimeMs now) {
+  rescan_at_ = now + context_.settings.rescan.count();
+  const report::FoundReports found = report::FindReports(context_.directory);
+  if (found.error != 0) {
+    LogOnce(server_problem_, "cannot list " + context_.directory + ": " + std::strerror(found.error));
+  }
+  for (const std::string& report : found.names) {
+    if (IsSelected(context_.settings, report) && !works_.contains(report)) Add(now, report);
+  }
+  for (const auto& [report, entry] : works_) ReadNames(now, *entry);
+}
+
+void Sender::Add(TimeMs now, const std::string& report) {
+  if (SubjectText(context_, Branch::kReport, report).empty()) {
+    if (refused_.emplace(report, true).second) context_.log("report " + report + ": its name cannot be relayed");
+    return;
+  }
+  auto entry = std::make_unique<Entry>(context_, report, SubjectText(context_, Branch::kNames, report));
+  if (is_connected_) entry->work.Connected(now);
+  works_.emplace(report, std::move(entry));
+}
+
+// Without a names file nothing is sent, unless there was one before.
+void Sender::ReadNames(TimeMs now, Entry& entry) {
+  const std::string path = report::PathIn(context_.directory, entry.work.Name()) + std::string(kNamesEnding);
+  struct stat status = {};
+  const bool is_there = file::StatusOf(path.c_str(), status) == 0 && S_ISREG(status.st_mode);
+  const std::string seen = is_there ? SeenText(status) : "";
+  if (seen == entry.names_seen) return;
+  std::string text;
+  if (is_there) {
+    const file::Descriptor file = file::OpenRegular(path.c_str(), O_RDONLY);
+    const std::size_t bytes_max = context_.payload_max / 2;
+    if (!file.IsOpen() || bytes_max == 0 || file::ReadWhole(file.Number(), text, bytes_max) != 0) return;
+  }
+  entry.names_seen = seen;
+  const auto size = static_cast<std::uint32_t>(text.size());
+  const MessageHead head = SideHead(context_, MessageKind::kNames, is_there ? 1 : 0, entry.work.Name());
+  entry.names.Set(now, is_there ? EncodeMessage(head, {&size, 1}, text) : EncodeMessage(head));
+}
+
+bool Sender::IsBusy() const {
+  return is_connected_ &&
+         std::any_of(works_.begin(), works_.end(), [](const auto& entry) { return entry.second->work.IsPublishing(); });
+}
+
+void Sender::Finish() {
+  for (const auto& [report, entry] : works_) entry->work.Save();
+  context_.stream.Close();
+  is_connected_ = false;
+}
+
+std::size_t Sender::Stopped() const {
+  return static_cast<std::size_t>(std::count_if(
+      works_.begin(), works_.end(), [](const auto& entry) { return entry.second->work.Sender().IsStopped(); }));
+}
+
+void Sender::LogOnce(std::string& last, const std::string& text) {
+  if (text == last) return;
+  last = text;
+  context_.log(text);
+}
+
+}  // namespace qx::relay

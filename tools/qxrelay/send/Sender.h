@@ -1,0 +1,78 @@
+// The sender of a host: follows the reports of a directory and sends them to the stream.
+//
+// It has no thread and no clock of its own: Step does what is due and says when it wants to be called again.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/qxrelay/send/ReportWork.h"
+#include "tools/qxrelay/send/SendContext.h"
+#include "tools/qxrelay/send/SideMessage.h"
+
+namespace qx::relay {
+
+// Threads: one thread.
+// Owns: the senders of the reports. Borrows the context.
+// Failure: the log; it continues whatever fails. Throws std::bad_alloc.
+class Sender {
+ public:
+  // The first connect comes within the spread time, at random. `labels` are those of the settings.
+  Sender(SendContext& context, TimeMs now, std::vector<std::string> labels);
+
+  // Handles replies and does what is due. Returns when it is to be called again, unless there are replies before.
+  // [owning thread]
+  [[nodiscard]] TimeMs Step(TimeMs now);
+
+  // From now on nothing is sent; Step handles the replies. [owning thread]
+  void BeginStop() { is_stopping_ = true; }
+  // Whether a message is in flight. [owning thread]
+  [[nodiscard]] bool IsBusy() const;
+  // Writes the positions to the state directory and closes the connection. [owning thread]
+  void Finish();
+
+  // How many reports there are, and of how many the sender is stopped. [owning thread]
+  [[nodiscard]] std::size_t Reports() const { return works_.size(); }
+  [[nodiscard]] std::size_t Stopped() const;
+  [[nodiscard]] bool IsConnected() const { return is_connected_; }
+
+ private:
+  // A report with what is sent for it.
+  struct Entry {
+    ReportWork work;
+    SideMessage names;
+    std::string names_seen;  // size, times and file of the names file
+
+    Entry(SendContext& context, const std::string& report, const std::string& names_subject)
+        : work(context, report), names(context, names_subject) {}
+  };
+
+  void TakeReplies(TimeMs now);
+  void OnReply(TimeMs now, const StreamReply& reply);
+  void Disconnected(TimeMs now);
+  void Connect(TimeMs now);
+  void Rescan(TimeMs now);
+  void Add(TimeMs now, const std::string& report);
+  void ReadNames(TimeMs now, Entry& entry);
+  [[nodiscard]] std::string AboutMessage(const std::vector<std::string>& labels) const;
+  void LogOnce(std::string& last, const std::string& text);
+
+  SendContext& context_;
+  std::map<std::string, std::unique_ptr<Entry>> works_;
+  std::map<std::string, bool> refused_;  // names of reports that cannot be relayed
+  SideMessage about_;
+  std::vector<StreamReply> replies_;
+  TimeMs connect_at_;
+  TimeMs rescan_at_;
+  std::uint32_t connect_failures_ = 0;
+  bool is_connected_ = false;
+  bool is_stopping_ = false;
+  std::string connect_problem_;  // logged last
+  std::string server_problem_;
+};
+
+}  // namespace qx::relay

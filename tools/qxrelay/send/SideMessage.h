@@ -1,0 +1,67 @@
+// A message that stands for a state and not for an event: the labels of a host, or the names file of a report. The
+// newest one counts, so it is sent when the state changes and repeated before it expires.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "tools/qxrelay/send/Backoff.h"
+#include "tools/qxrelay/send/SendContext.h"
+
+namespace qx::relay {
+
+// Threads: one thread. Owns: the message.
+class SideMessage {
+ public:
+  SideMessage(SendContext& context, std::string subject) : context_(context), subject_(std::move(subject)) {}
+
+  // From now on this is the message. [owning thread]
+  void Set(TimeMs now, std::string bytes) {
+    if (bytes == bytes_) return;
+    bytes_ = std::move(bytes);
+    due_ = now;
+    token_ = 0;
+  }
+
+  // Sends it if it is due. [owning thread]
+  void Step(TimeMs now) {
+    if (bytes_.empty() || now < due_) return;
+    if (token_ != 0) return Failed(now);  // without an answer in time
+    token_ = context_.NewToken();
+    due_ = now + context_.times.timeout;
+    if (!context_.stream.Publish(token_, subject_, bytes_, std::nullopt)) Failed(now);
+  }
+
+  // The reply to its request, if it is one. [owning thread]
+  void OnReply(TimeMs now, const StreamReply& reply) {
+    if (reply.token != token_) return;
+    if (reply.kind != ReplyKind::kStored) return Failed(now);
+    token_ = 0;
+    failures_ = 0;
+    due_ = now + context_.times.heartbeat;
+  }
+
+  // Nothing that was sent before will be answered. [owning thread]
+  void Disconnected(TimeMs now) {
+    if (token_ != 0) Failed(now);
+  }
+
+  [[nodiscard]] TimeMs Wake() const { return due_; }
+  [[nodiscard]] std::uint64_t Token() const { return token_; }
+  [[nodiscard]] bool IsSet() const { return !bytes_.empty(); }
+
+ private:
+  void Failed(TimeMs now) {
+    token_ = 0;
+    due_ = now + BackoffMs(++failures_, context_.random());
+  }
+
+  SendContext& context_;
+  std::string subject_;
+  std::string bytes_;
+  std::uint64_t token_ = 0;
+  std::uint32_t failures_ = 0;
+  TimeMs due_ = 0;
+};
+
+}  // namespace qx::relay
