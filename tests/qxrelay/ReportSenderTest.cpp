@@ -121,6 +121,20 @@ TEST_F(RelayReportSender, WithoutAnAnswerInTimeItLooksUp) {
   EXPECT_EQ(sender_.Failures(), 2U);
 }
 
+TEST_F(RelayReportSender, AMessageThatWasStoredWithoutAnAnswerIsNoFailure) {
+  Follow();
+  (void)See(1000, 20, 5000);
+  sender_.Sent(1000, 2, 15, 1234);
+  EXPECT_TRUE(sender_.Failed(1100, 2));
+  EXPECT_EQ(sender_.Failures(), 1U);
+  sender_.LookUpSent(1150, 3);
+  EXPECT_TRUE(sender_.NewestFound(3, 7));
+  EXPECT_EQ(sender_.Failures(), 1U) << "nothing was stored";
+  sender_.LookUpSent(1200, 4);
+  EXPECT_TRUE(sender_.NewestFound(4, 8));
+  EXPECT_EQ(sender_.Failures(), 0U);
+}
+
 TEST_F(RelayReportSender, AnAcknowledgementWhoseSequenceDoesNotRiseIsNotBelieved) {
   for (const std::uint64_t sequence : {std::uint64_t{7}, std::uint64_t{1}}) {
     sender_ = ReportSender(kTimes, [] { return 0.0; });

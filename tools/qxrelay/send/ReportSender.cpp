@@ -44,6 +44,7 @@ void ReportSender::LookUpSent(TimeMs now, std::uint64_t token) {
 bool ReportSender::NewestFound(std::uint64_t token, std::uint64_t sequence) {
   if (phase_ != Phase::kLookingUp || token != token_) return false;
   phase_ = Phase::kMustPlace;
+  if (sequence > last_sequence_) failures_ = 0;  // a message was stored, although its acknowledgement did not come
   last_sequence_ = sequence;
   return true;
 }

@@ -1,0 +1,552 @@
+// The sender of a host with a stream in memory and a clock that the test moves: each fault, and what must come of it.
+#include "tools/qxrelay/send/Sender.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "reportfile/ReportFileBase.h"
+#include "tests/qxrelay/FakeStream.h"
+#include "tests/support/Support.h"
+
+namespace {
+
+using qx::relay::DecodeMessage;
+using qx::relay::EncodeMessage;
+using qx::relay::MessageHead;
+using qx::relay::MessageKind;
+using qx::relay::SendContext;
+using qx::relay::Sender;
+using qx::relay::SenderState;
+using qx::relay::TimeMs;
+using qx::test::FakeStream;
+using qx::test::Receive;
+using qx::test::ReceivedReport;
+using testing::HasSubstr;
+using Fault = FakeStream::Fault;
+using Words = std::vector<std::string>;
+
+class RelaySender : public testing::Test {
+ protected:
+  RelaySender() {
+    EXPECT_TRUE(std::filesystem::create_directory(dir_.File("reports")));
+    settings_.spread = std::chrono::milliseconds(0);
+    settings_.rescan = std::chrono::milliseconds(1000);
+  }
+
+  // A sender process begins. The one before ends without any last word, as if it was killed.
+  void Start(bool takes_over = false, const std::string& state = "state") {
+    sender_.reset();
+    context_.reset();
+    state_ = std::make_unique<SenderState>();
+    ASSERT_EQ(state_->Open(dir_.File(state), takes_over), std::nullopt);
+    ASSERT_EQ(state_->BeginSession(0), std::nullopt);
+    qx::relay::SenderTimes times = {
+        .linger = 10, .poll = 5, .poll_idle = 50, .timeout = 1000, .heartbeat = 60000, .batch_bytes = batch_};
+    settings_.batch_bytes = batch_;
+    context_.reset(new SendContext{.stream = stream_,
+                                   .state = *state_,
+                                   .log = [this](const std::string& line) { log_.push_back(line); },
+                                   .random = [this] { return std::uniform_real_distribution<>()(random_); },
+                                   .random_number = [this] { return random_(); },
+                                   .wall_ms = [this] { return now_ + 1'700'000'000'000; },
+                                   .host = "h",
+                                   .directory = dir_.File("reports"),
+                                   .stream_settings = {},
+                                   .settings = settings_,
+                                   .times = times,
+                                   .takes_over = takes_over});
+    sender_ = std::make_unique<Sender>(*context_, now_, labels_);
+  }
+
+  // Lets the sender work for so long.
+  void Run(TimeMs time) {
+    for (const TimeMs end = now_ + time; now_ < end;) {
+      const TimeMs wake = sender_->Step(now_);
+      now_ = std::min(std::max(wake, now_ + 1), std::min(end, now_ + 3));
+    }
+  }
+
+  void Append(std::uint64_t count, const std::string& report = "load", std::size_t length = 0) {
+    CReportFileBase store;
+    ASSERT_TRUE(store.Open(Path(report).c_str(), slots_));
+    for (std::uint64_t i = 0; i < count; ++i) {
+      const std::string text = "record " + std::to_string(written_.size()) + std::string(length, '.');
+      ASSERT_TRUE(store.writeLine(text.c_str()));
+      written_.push_back(text + "\r\n");
+    }
+  }
+
+  [[nodiscard]] std::string Path(const std::string& report) const { return dir_.File("reports/" + report); }
+  [[nodiscard]] ReceivedReport Received(const std::string& report = "load") const {
+    return Receive(stream_, "qx.report.h." + report);
+  }
+
+  // Everything that was written arrived once, in order.
+  void ExpectAll() const {
+    const ReceivedReport report = Received();
+    EXPECT_EQ(report.records, written_);
+    EXPECT_EQ(report.gap, 0U);
+    EXPECT_EQ(report.holes, 0U);
+  }
+
+  [[nodiscard]] std::size_t Lines(const std::string& part) const {
+    return static_cast<std::size_t>(std::count_if(
+        log_.begin(), log_.end(), [&](const std::string& line) { return line.find(part) != std::string::npos; }));
+  }
+
+  qx::test::TempDir dir_;
+  FakeStream stream_;
+  qx::relay::SendSettings settings_;
+  std::vector<std::string> labels_;
+  std::size_t batch_ = 64 * 1024;
+  std::uint32_t slots_ = 100;
+  std::mt19937_64 random_{1};
+  TimeMs now_ = 1000;
+  Words written_;
+  Words log_;
+  std::unique_ptr<SenderState> state_;
+  std::unique_ptr<SendContext> context_;
+  std::unique_ptr<Sender> sender_;
+};
+
+TEST_F(RelaySender, RecordsArriveOnceAndInOrder) {
+  Append(5);
+  Start();
+  Run(100);
+  ExpectAll();
+  for (int i = 0; i < 20; ++i) {
+    Append(7);
+    Run(20);
+  }
+  Run(100);
+  ExpectAll();
+  EXPECT_EQ(Received().incarnations.size(), 1U);
+}
+
+TEST_F(RelaySender, MessagesSayWhoSentThemAndHowFarTheStoreIs) {
+  Append(3);
+  Start();
+  Run(100);
+  const auto message = DecodeMessage(stream_.messages.back().payload);
+  EXPECT_EQ(message.head.identity, state_->Identity().identity);
+  EXPECT_EQ(message.head.session, 1U);
+  EXPECT_EQ(message.head.first, 0U);
+  EXPECT_EQ(message.head.hash_before, 0U);
+  EXPECT_EQ(message.head.store_next, 3U);
+  EXPECT_EQ(message.head.ring_slots, 100U);
+  EXPECT_EQ(message.head.report, "load");
+}
+
+TEST_F(RelaySender, EachFaultOfARequestLosesAndRepeatsNothing) {
+  const Fault faults[] = {
+      Fault::kLost,       Fault::kLostAnswer,       Fault::kLate,  Fault::kRefused, Fault::kNoStream,
+      Fault::kDisconnect, Fault::kDisconnectStored, Fault::kStale, Fault::kNotSent};
+  Append(1);
+  Start();
+  Run(100);
+  for (const Fault fault : faults) {
+    stream_.faults = {fault};
+    Append(3);
+    Run(3000);
+    EXPECT_EQ(Received().records, written_) << static_cast<int>(fault);
+    stream_.faults = {fault, fault, Fault::kNone, fault};
+    Append(3);
+    Run(6000);
+    EXPECT_EQ(Received().records, written_) << static_cast<int>(fault);
+  }
+  ExpectAll();
+  EXPECT_EQ(Received().incarnations.size(), 1U);
+}
+
+TEST_F(RelaySender, AKilledSenderContinuesWhereTheStreamIs) {
+  Append(5);
+  for (int i = 0; i < 6; ++i) {
+    stream_.faults.clear();
+    Start();
+    Run(100);
+    if (i % 2 == 0) stream_.faults = {Fault::kLostAnswer};
+    Append(4);
+    Run(30);
+  }
+  Start();
+  Run(100);
+  ExpectAll();
+  EXPECT_EQ(Received().incarnations.size(), 1U);
+}
+
+TEST_F(RelaySender, WithoutItsStateASenderContinuesByTheNewestMessage) {
+  Append(5);
+  Start();
+  Run(100);
+  Append(5);
+  Start(true, "other state");
+  Run(100);
+  ExpectAll();
+  EXPECT_EQ(Received().incarnations.size(), 1U);
+}
+
+TEST_F(RelaySender, WithoutTheNewestMessageItSendsAgainWhatTheRingHas) {
+  Append(5);
+  Start();
+  Run(100);
+  const auto before = Received().incarnations;
+  stream_.messages.clear();  // expired, purged, or lost by all servers
+  Append(2);
+  Start();
+  Run(100);
+  ExpectAll();
+  EXPECT_EQ(Received().incarnations, before);
+}
+
+TEST_F(RelaySender, WhatServersLostIsSentAgainIfTheRingHasIt) {
+  Start();
+  for (int i = 0; i < 5; ++i) {
+    Append(10);
+    Run(50);
+  }
+  const auto count = stream_.messages.size();
+  ASSERT_GE(count, 5U);
+  stream_.messages.resize(count - 3);
+  Append(1);
+  Run(2000);
+  ExpectAll();
+}
+
+TEST_F(RelaySender, WhatServersLostAndTheRingHasNotIsACountedGap) {
+  slots_ = 20;
+  Start();
+  for (int i = 0; i < 5; ++i) {
+    Append(10);
+    Run(50);
+  }
+  stream_.messages.resize(3);  // the about message, and 20 records
+  Append(1);
+  Run(2000);
+  const ReceivedReport report = Received();
+  EXPECT_EQ(report.gap, 51 - 20 - 19U) << "the ring has 20 records, of which the oldest is not sent";
+  EXPECT_EQ(report.records.size(), 39U);
+  EXPECT_EQ(report.next, 51U);
+}
+
+TEST_F(RelaySender, AGapHasTheExactCountAndNothingElseIsLost) {
+  slots_ = 20;
+  Append(5);
+  Start();
+  Run(100);
+  stream_.connect_problem = "no servers";
+  stream_.faults = {Fault::kDisconnect};
+  Append(100);
+  Run(500);
+  stream_.connect_problem.reset();
+  Run(10000);
+  const ReceivedReport report = Received();
+  EXPECT_EQ(report.gap, 81U) << "105 records, 5 sent, 19 in the ring that can be sent";
+  EXPECT_EQ(report.records.size(), 24U);
+  EXPECT_EQ(report.records.back(), written_.back());
+  EXPECT_EQ(report.holes, 0U);
+  EXPECT_EQ(context_->counters.gap_records, 81U);
+  Append(3);
+  Run(100);
+  EXPECT_EQ(Received().records.back(), written_.back());
+}
+
+TEST_F(RelaySender, RecordsAfterAGapAreHeldWhileTheGapIsInFlight) {
+  slots_ = 20;
+  Append(5);
+  Start();
+  Run(100);
+  stream_.faults = {Fault::kNone};
+  Append(60);
+  for (int i = 0; i < 10; ++i) {
+    Run(3);
+    Append(30);  // more than the ring holds, between any two steps
+  }
+  Run(100);
+  const ReceivedReport report = Received();
+  EXPECT_EQ(report.next, written_.size());
+  EXPECT_EQ(report.records.size() + report.gap, written_.size());
+  EXPECT_GT(report.records.size(), 5U + 19U + 19U) << "each gap is followed by records";
+}
+
+TEST_F(RelaySender, ARecordOverTheLimitIsCountedAndSkipped) {
+  stream_.payload_max = 2000;
+  batch_ = 1000;
+  Start();
+  Append(2);
+  Append(1, "load", 3000);
+  Append(2);
+  Run(500);
+  const ReceivedReport report = Received();
+  EXPECT_EQ(report.records, (Words{written_[0], written_[1], written_[3], written_[4]}));
+  EXPECT_EQ(report.gap, 1U);
+  EXPECT_EQ(context_->counters.over_limit, 1U);
+  EXPECT_EQ(Lines("is larger than a message may be, and is skipped"), 1U);
+}
+
+TEST_F(RelaySender, AStoreThatIsStartedOverHasANewIncarnation) {
+  Append(5);
+  Start();
+  Run(100);
+  const std::vector<std::pair<const char*, const char*>> ways = {{"emptied", "i"}, {"deleted", "d"}};
+  std::size_t incarnations = 1;
+  for (const auto& [what, way] : ways) {
+    for (const char* const ending : {".ind", ".dat"}) {
+      if (*way == 'i') qx::test::WriteFile(Path("load") + ending, "");
+      if (*way == 'd') std::filesystem::remove(Path("load") + ending);
+    }
+    Run(60);
+    Append(2);
+    Run(6000);
+    EXPECT_EQ(Received().incarnations.size(), ++incarnations) << what;
+    EXPECT_EQ(Received().records, written_) << what;
+  }
+  EXPECT_EQ(Lines("the store was started over or replaced"), 2U);
+}
+
+TEST_F(RelaySender, ARestoredBackupHasANewIncarnationAndOthersContinue) {
+  Append(5);
+  const std::string index = qx::test::ReadFile(Path("load") + ".ind");
+  const std::string data = qx::test::ReadFile(Path("load") + ".dat");
+  Append(4);
+  Start();
+  Run(100);
+  ExpectAll();
+  qx::test::WriteFile(Path("load") + ".ind", index);
+  qx::test::WriteFile(Path("load") + ".dat", data);
+  Append(1, "other");
+  Run(1500);
+  const ReceivedReport report = Received();
+  EXPECT_EQ(report.incarnations.size(), 2U);
+  EXPECT_EQ(report.records.size(), 9U + 5U) << "what the backup has is sent as a new life of the report";
+  EXPECT_EQ(Received("other").records.size(), 1U);
+}
+
+TEST_F(RelaySender, ADamagedReportIsNamedAndOthersContinue) {
+  Append(5);
+  Start();
+  Run(100);
+  qx::test::WriteFile(Path("load") + ".ind", std::string(24, '\xFF'));
+  Append(1, "other");
+  Run(2000);
+  EXPECT_EQ(Lines("report load: the files contradict each other"), 1U);
+  EXPECT_EQ(Received("other").records.size(), 1U);
+}
+
+TEST_F(RelaySender, ASalvagedReportIsRecognised) {
+  slots_ = 50;
+  Append(60);
+  Start();
+  Run(100);
+  const std::size_t sent = Received().records.size();
+  CReportFileBase store;
+  std::filesystem::remove(Path("load") + ".ind");
+  std::filesystem::remove(Path("load") + ".dat");
+  ASSERT_TRUE(store.Open(Path("load").c_str(), 80));
+  for (std::size_t i = 15; i < 60; ++i) {
+    ASSERT_TRUE(store.writeLine(written_[i].substr(0, written_[i].size() - 2).c_str()));
+  }
+  store.Close();
+  Append(3);
+  Run(6000);
+  const ReceivedReport report = Received();
+  EXPECT_EQ(report.incarnations.size(), 2U);
+  EXPECT_EQ(report.records.size(), sent + 3) << "nothing comes twice";
+  EXPECT_EQ(Lines("the records that were sent are recognised"), 1U);
+}
+
+TEST_F(RelaySender, AnotherMachinesMessageStopsTheReportUntilItIsTakenOver) {
+  Append(5);
+  Start();
+  Run(100);
+  Start(false, "clone");
+  Append(1);
+  Run(3000);
+  EXPECT_EQ(Received().records.size(), 5U);
+  EXPECT_EQ(sender_->Stopped(), 1U);
+  EXPECT_EQ(Lines("is from another machine"), 1U);
+  Start(true, "clone");
+  Run(100);
+  ExpectAll();
+}
+
+// Two senders with one state directory, restored or cloned with its identity: the later start wins.
+TEST_F(RelaySender, ALaterSessionStopsTheEarlierOneWithinSeconds) {
+  Append(5);
+  Start();
+  Run(100);
+  MessageHead head = DecodeMessage(stream_.messages.back().payload).head;
+  head.session = 2;
+  head.kind = MessageKind::kEmpty;
+  head.first += head.count;
+  head.count = 0;
+  stream_.Store("qx.report.h.load", EncodeMessage(head));
+  const int requests = stream_.requests;
+  Append(1);
+  Run(3000);
+  EXPECT_EQ(sender_->Stopped(), 1U);
+  EXPECT_EQ(Lines("was started later"), 1U);
+  EXPECT_EQ(stream_.requests, requests + 1) << "one message, which is refused";
+}
+
+TEST_F(RelaySender, ForeignDataUnderItsSubjectIsReportedAndPassed) {
+  Append(5);
+  Start();
+  Run(100);
+  stream_.Store("qx.report.h.load", "not a message");
+  Append(2);
+  Run(2000);
+  EXPECT_GE(Lines("is not from a sender"), 1U);
+  stream_.messages.erase(std::remove_if(stream_.messages.begin(), stream_.messages.end(),
+                                        [](const auto& message) { return message.payload == "not a message"; }),
+                         stream_.messages.end());
+  ExpectAll();
+}
+
+TEST_F(RelaySender, AMessageOfANewerVersionStopsTheReport) {
+  Append(5);
+  std::string newer = EncodeMessage({.report = "load"});
+  newer[3] = 2;
+  stream_.Store("qx.report.h.load", newer);
+  Start();
+  Run(3000);
+  EXPECT_EQ(sender_->Stopped(), 1U);
+  EXPECT_EQ(stream_.LastOf("qx.report.h.load"), 1U);
+}
+
+TEST_F(RelaySender, WhileServersAreAwayThereIsNoBusyLoop) {
+  Append(5);
+  stream_.connect_problem = "cannot connect";
+  Start();
+  Run(60000);
+  EXPECT_LT(stream_.connects, 60);
+  EXPECT_GT(stream_.connects, 10);
+  EXPECT_EQ(Lines("cannot connect"), 1U);
+  stream_.connect_problem.reset();
+  Run(6000);
+  ExpectAll();
+}
+
+TEST_F(RelaySender, WhileAStreamRefusesThereIsNoBusyLoop) {
+  Append(5);
+  Start();
+  stream_.faults.assign(60, Fault::kRefused);
+  Run(60000);
+  EXPECT_LT(stream_.requests, 80);
+  EXPECT_EQ(Lines("the stream QX refuses a message: no"), 1U);
+  stream_.faults.clear();
+  Run(11000);
+  ExpectAll();
+}
+
+TEST_F(RelaySender, AtMostFourLookUpsAreInFlight) {
+  for (int i = 0; i < 20; ++i) Append(1, "r" + std::to_string(i));
+  stream_.faults.assign(1000, Fault::kLost);
+  Start();
+  Run(500);
+  EXPECT_EQ(stream_.look_ups, 4);
+  stream_.faults.clear();
+  Run(10000);
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(Received("r" + std::to_string(i)).records.size(), 1U) << i;
+}
+
+TEST_F(RelaySender, StartsAreSpread) {
+  settings_.spread = std::chrono::milliseconds(30000);
+  Append(1);
+  std::vector<TimeMs> starts;
+  for (int i = 0; i < 20; ++i) {
+    Start();
+    const TimeMs begin = now_;
+    while (!sender_->IsConnected()) Run(10);
+    starts.push_back(now_ - begin);
+  }
+  EXPECT_LE(*std::max_element(starts.begin(), starts.end()), 30010);
+  EXPECT_GT(*std::max_element(starts.begin(), starts.end()), 15000);
+  EXPECT_LT(*std::min_element(starts.begin(), starts.end()), 15000);
+}
+
+TEST_F(RelaySender, LabelsAndNamesFilesFollow) {
+  labels_ = {"site=north", "role=db"};
+  Append(1);
+  qx::test::WriteFile(Path("load") + ".names", "[A]\nx=1\n");
+  Start();
+  Run(2500);
+  EXPECT_EQ(DecodeMessage(stream_.messages.front().payload).texts,
+            (std::vector<std::string_view>{"site=north", "role=db"}));
+  EXPECT_EQ(stream_.messages.front().subject, "qx.about.h");
+  const auto names = [&] {
+    std::string text = "(none)";
+    for (const auto& stored : stream_.messages) {
+      if (stored.subject != "qx.names.h.load") continue;
+      const auto message = DecodeMessage(stored.payload);
+      text = message.texts.empty() ? "(removed)" : std::string(message.texts.front());
+    }
+    return text;
+  };
+  EXPECT_EQ(names(), "[A]\nx=1\n");
+  qx::test::WriteFile(Path("load") + ".names", "[A]\nx=12\n");
+  Run(1500);
+  EXPECT_EQ(names(), "[A]\nx=12\n");
+  std::filesystem::remove(Path("load") + ".names");
+  Run(1500);
+  EXPECT_EQ(names(), "(removed)");
+}
+
+TEST_F(RelaySender, OnlySelectedReportsAreSent) {
+  settings_.include = {"a*"};
+  settings_.exclude = {"ab"};
+  for (const char* const report : {"a", "ab", "b"}) Append(1, report);
+  Start();
+  Run(100);
+  EXPECT_EQ(sender_->Reports(), 1U);
+  Append(1, "ac");
+  Run(1500);
+  EXPECT_EQ(Received("ac").records.size(), 1U);
+}
+
+TEST_F(RelaySender, AStopInOrderKeepsThePositionWithoutTheStream) {
+  Append(5);
+  Start();
+  Run(100);
+  sender_->BeginStop();
+  EXPECT_FALSE(sender_->IsBusy());
+  sender_->Finish();
+  const auto saved = state_->Load("load");
+  ASSERT_TRUE(saved.has_value());
+  EXPECT_EQ(saved->mark.next, 5U);
+  EXPECT_EQ(saved->overlap.size(), 5U);
+}
+
+// Random appends, faults and kills. What arrives is checked by record and by number.
+TEST_F(RelaySender, RandomFaultsAndKillsLoseRepeatAndReorderNothing) {
+  std::mt19937_64 random(qx::test::Seed("RelaySender"));
+  slots_ = 400;
+  batch_ = 300;
+  Start();
+  for (int i = 0; i < 400; ++i) {
+    if (random() % 3 == 0) Append(random() % 12);
+    if (random() % 3 == 0) stream_.faults.push_back(static_cast<Fault>(random() % 10));
+    if (random() % 20 == 0) Start();
+    Run(static_cast<TimeMs>(random() % 120));
+  }
+  stream_.faults.clear();
+  Run(20000);
+  const ReceivedReport report = Received();
+  EXPECT_EQ(report.incarnations.size(), 1U);
+  EXPECT_EQ(report.holes, 0U);
+  EXPECT_EQ(report.next, written_.size());
+  EXPECT_EQ(report.records.size() + report.gap, written_.size());
+  std::size_t at = 0;  // what arrived is what was written, in order, with the gaps left out
+  for (const std::string& record : report.records) {
+    while (at < written_.size() && written_[at] != record) ++at;
+    ASSERT_LT(at, written_.size()) << record;
+    ++at;
+  }
+  EXPECT_GT(report.records.size(), written_.size() / 2);
+}
+
+}  // namespace
