@@ -38,7 +38,7 @@ LAYERS = {
 }
 MODULE = set(LAYERS)
 LAYERS["base/tools"] = {"base"}
-for folder in ("debug", "inifile", "registry", "reportfile"):
+for folder in ("debug", "inifile", "registry", "reportfile", "provider"):
     LAYERS[f"{folder}/tools"] = LAYERS[folder] | {folder, "base/tools"}
 # What agents link, above what the module consists of.
 LAYERS["sdk"] = {"base", "paths", "reportfile", "reportfile/tools"}

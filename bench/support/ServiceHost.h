@@ -9,6 +9,7 @@
 #include <string>
 
 #include "provider/ModuleExports.h"
+#include "provider/tools/BlockBuilder.h"
 
 namespace qx::bench {
 
@@ -49,19 +50,15 @@ Module& TheModule();
 // destructor ends the thread's state in the module.
 class Block {
  public:
-  Block() = default;
-  ~Block() { TheModule().thread_end(elements_[0].value); }
+  Block() { elements_.Pointer(kKrxProviderData, nullptr).Number(kKrxThreadId, 7); }
+  ~Block() { TheModule().thread_end(elements_.Entry(0)->value); }
   Block(const Block&) = delete;
   Block& operator=(const Block&) = delete;
 
-  krx_gendata* get() { return &header_; }
+  wcs_gendata* get() { return elements_.Block(); }
 
  private:
-  std::uint32_t thread_id_ = 7;
-  krx_element elements_[2] = {{0, kKrxProviderData, 0, 0, 0, kKrxTypePointer, 0, nullptr},
-                              {0, kKrxThreadId, 0, 0, 0, kKrxTypeUint32, 0, &thread_id_}};
-  krx_element* pointers_[2] = {&elements_[0], &elements_[1]};
-  krx_gendata header_ = {30400, sizeof(krx_gendata), {'K', 'R', 'X', 0}, 2, pointers_};
+  provider::BlockBuilder elements_;
 };
 
 // Fetches the chunk of report `name` that begins at record `first`. Returns the start index of the next chunk, or -1

@@ -10,13 +10,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "provider/KrxRequestParams.h"
+#include "provider/tools/RawBlock.h"
 
 namespace {
+
+using qx::provider::RawBlock;
 
 [[noreturn]] void Wrong(const char* what) {
   std::fprintf(stderr, "RequestBlockFuzz: %s\n", what);
@@ -37,33 +39,23 @@ class Script {
   std::size_t at_ = 0;
 };
 
-// Builds blocks out of a script. Owns everything it hands out.
+// Builds blocks out of a script.
 class Builder {
  public:
   explicit Builder(Script& script) : script_(script) {}
 
-  wcs_gendata* Header() {
-    krx_gendata header{};
+  const wcs_gendata* Header() {
+    krx_gendata& header = block_.Header();
     header.version = script_.Byte() * 16777259U;
     header.size = static_cast<std::int8_t>(script_.Byte());
     for (char& c : header.tag) c = "KRX\0?"[script_.Below(5)];
     FillArray(header.element_count, header.elements, 0);
-    return Keep(header);
+    return block_.Raw();
   }
 
  private:
   static constexpr int kDepthMax = 4;
   static constexpr int kElementsMax = 24;
-
-  template <typename T>
-  T* Keep(const T& value) {
-    return static_cast<T*>(KeepBytes(&value, sizeof value));
-  }
-  void* KeepBytes(const void* bytes, std::size_t size) {
-    kept_.push_back(std::make_unique<char[]>(size));
-    if (size > 0) std::memcpy(kept_.back().get(), bytes, size);
-    return kept_.back().get();
-  }
 
   // A count that its array bears: the array's length, fewer, none or negative.
   std::int32_t CountFor(std::size_t length) {
@@ -74,13 +66,12 @@ class Builder {
     return choice < 248 ? -1 : INT32_MIN;
   }
 
-  template <typename Count, typename Pointer>
-  void FillArray(Count& count, Pointer**& array, int depth) {
-    std::vector<krx_element*> entries;
+  void FillArray(std::int32_t& count, krx_element**& array, int depth) {
+    RawBlock::Elements entries;
     const int length = script_.Below(kElementsMax);
     for (int i = 0; i < length && !script_.IsOver(); ++i) entries.push_back(Element(depth));
     count = CountFor(entries.size());
-    array = static_cast<krx_element**>(KeepBytes(entries.data(), entries.size() * sizeof(krx_element*)));
+    array = block_.KeepArray(entries);
     if (script_.Below(16) == 15) array = nullptr;
   }
 
@@ -88,11 +79,9 @@ class Builder {
     static constexpr std::int32_t kIndices[] = {0,  1,  2,  3,  5,  6,  7,  9,  10, 11, 14, 15,
                                                 16, 19, 25, 26, 29, 30, 31, 61, 65, 78, 79, 80};
     if (script_.Below(16) == 15) return nullptr;
-    krx_element element{};
-    element.index = kIndices[script_.Below(std::size(kIndices))];
-    element.type = Type(element.index);
-    element.value = script_.Below(8) == 7 ? nullptr : Value(element.index, element.type, depth);
-    return Keep(element);
+    const std::int32_t index = kIndices[script_.Below(std::size(kIndices))];
+    const std::int32_t type = Type(index);
+    return block_.Element(index, type, script_.Below(8) == 7 ? nullptr : Value(index, type, depth));
   }
 
   // Indices whose value is a structure whatever the type are never strings: a structure has no terminator.
@@ -109,7 +98,7 @@ class Builder {
     if (IsCredential(index)) return Text();
     if (index == 65) return ValidationData();
     if (index == 14 || index == 19 || index == 61 || type == kKrxTypeNested) return Chain(depth + 1);
-    if (type == kKrxTypeUint8 && index != 16) return Keep(script_.Byte());
+    if (type == kKrxTypeUint8 && index != 16) return block_.Keep(script_.Byte());
     return Text();  // at least four bytes, so it serves as a number of any width, too
   }
 
@@ -119,7 +108,7 @@ class Builder {
     std::string text;
     for (int length = script_.Below(8); length > 0; --length) text += static_cast<char>(script_.Byte());
     text.append(4, '\0');
-    return static_cast<char*>(KeepBytes(text.data(), text.size()));
+    return static_cast<char*>(block_.KeepBytes(text.data(), text.size()));
   }
 
   // Up to five nested blocks; the last may lead back to any of them.
@@ -127,9 +116,8 @@ class Builder {
     std::vector<krx_nested_block*> blocks;
     const int length = 1 + script_.Below(5);
     for (int i = 0; i < length; ++i) {
-      krx_nested_block block{};
-      FillArray(block.element_count, block.elements, depth);
-      blocks.push_back(Keep(block));
+      blocks.push_back(block_.Block({}));
+      FillArray(blocks.back()->element_count, blocks.back()->elements, depth);
       if (i > 0) blocks[static_cast<std::size_t>(i) - 1]->next_block = blocks.back();
     }
     if (script_.Below(4) == 3) blocks.back()->next_block = blocks[script_.Below(static_cast<unsigned>(length))];
@@ -142,12 +130,9 @@ class Builder {
     std::vector<krx_department*> departments;
     for (int length = script_.Below(4); length > 0; --length) departments.push_back(Department());
     authorization.department_count = CountFor(departments.size());
-    authorization.departments =
-        static_cast<krx_department**>(KeepBytes(departments.data(), departments.size() * sizeof(krx_department*)));
+    authorization.departments = block_.KeepArray(departments);
     if (script_.Below(16) == 15) authorization.departments = nullptr;
-    krx_validation_data validation{};
-    validation.authorization = script_.Below(8) == 7 ? nullptr : Keep(authorization);
-    return Keep(validation);
+    return block_.Validation(script_.Below(8) == 7 ? nullptr : block_.Keep(authorization));
   }
 
   krx_department* Department() {
@@ -159,13 +144,13 @@ class Builder {
       names.push_back(script_.Below(8) == 7 ? nullptr : script_.Below(2) == 1 ? "AccessPerformanceMgr" : Text());
     }
     department.privilege_count = CountFor(names.size());
-    department.privileges = static_cast<const char**>(KeepBytes(names.data(), names.size() * sizeof(char*)));
+    department.privileges = block_.KeepArray(names);
     if (script_.Below(16) == 15) department.privileges = nullptr;
-    return Keep(department);
+    return block_.Keep(department);
   }
 
   Script& script_;
-  std::vector<std::unique_ptr<char[]>> kept_;
+  RawBlock block_;
 };
 
 void CheckHeader(const KrxRequestParams& params, const wcs_gendata& block) {

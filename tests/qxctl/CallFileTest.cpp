@@ -31,7 +31,7 @@ void FillEverything(RawBlock& block) {
       block.Block({block.Number(16, kKrxTypeUint16, 1), block.Element(19, 3, block.List({block.Text(25, 8, "u")}))});
   krx_nested_block* const connection = block.Block({block.Text(15, kKrxTypeString, "192.0.2.1")}, credentials);
   krx_authorization_data* const granted =
-      block.Authorization("bob", {{"Operations", {"AccessPerformanceMgr", "b"}}, {std::nullopt, {}}});
+      block.Authorization("bob", {{"Operations", {"AccessPerformanceMgr", "b"}}, {nullptr, {}}});
   block.SetElements(
       {block.Element(1, kKrxTypePointer, nullptr), block.Number(2, kKrxTypeUint32, 4294967295U),
        block.Text(3, kKrxTypeString, "GetReports"), block.Element(5, kKrxTypeString, nullptr),

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <optional>
 #include <set>
 #include <string>
@@ -10,6 +9,7 @@
 #include <vector>
 
 #include "provider/KrxGenData.h"
+#include "provider/tools/BlockBuilder.h"
 
 namespace qx::ctl {
 
@@ -45,7 +45,7 @@ class RequestBlock {
   RequestBlock(const RequestBlock&) = delete;
   RequestBlock& operator=(const RequestBlock&) = delete;
 
-  const wcs_gendata* Raw() const { return &header_; }
+  const wcs_gendata* Raw() const { return header_; }
 
   // Sets the function of the next call, unless the values name one for all calls.
   void SetFunctionId(std::string_view name);
@@ -54,30 +54,19 @@ class RequestBlock {
   void* ProviderData() const;
 
  private:
-  using ElementArray = std::vector<krx_element*>;
-
-  void Add(ElementArray& elements, krx_index index, krx_type type, void* value);
+  krx_element* Add(provider::BlockElements& to, krx_index index, krx_type type, const void* value);
   void AddConnection();
   void AddSecurity();
-  void FillDepartments();
+  std::vector<provider::BlockDepartment> Departments() const;
   void FillHeader();
 
   BlockValues values_;
   std::string function_id_;
-  std::deque<krx_element> elements_;  // a deque: growing does not move what the arrays point to
+  provider::BlockBuilder block_;
+  std::size_t element_count_ = 0;  // at all levels
   krx_element* provider_data_ = nullptr;
   krx_element* function_element_ = nullptr;
-  ElementArray top_level_;
-  ElementArray in_connection_;
-  ElementArray in_security_;
-  krx_gendata header_{};
-  krx_nested_block connection_{};
-  krx_element_list security_{};
-  krx_validation_data validation_{};
-  krx_authorization_data authorization_{};
-  std::deque<krx_department> departments_;
-  std::deque<std::vector<const char*>> department_privileges_;
-  std::vector<krx_department*> department_array_;
+  const wcs_gendata* header_ = nullptr;
 };
 
 }  // namespace qx::ctl

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <limits>
 #include <span>
-#include <utility>
 #include <vector>
 
 #include "tools/qxctl/trial/FaultCases.h"
@@ -149,8 +148,8 @@ void AddShapes(std::span<const NamedShape> shapes, std::vector<FaultCase>& cases
   }
 }
 
-std::string AskWithElements(FaultHost& host, RawBlock& block, RawBlock::Elements elements) {
-  block.SetElements(std::move(elements));
+std::string AskWithElements(FaultHost& host, RawBlock& block, const RawBlock::Elements& elements) {
+  block.SetElements(elements);
   return AskNoReport(host, block);
 }
 
@@ -158,7 +157,7 @@ std::string AskWithElements(FaultHost& host, RawBlock& block, RawBlock::Elements
 std::string AskWithExtraElement(FaultHost& host, RawBlock& block, krx_element* element) {
   RawBlock::Elements elements = GoodElements(block);
   elements.push_back(element);
-  return AskWithElements(host, block, std::move(elements));
+  return AskWithElements(host, block, elements);
 }
 
 // The outcomes of all four functions.
@@ -200,7 +199,7 @@ std::string ManyNullEntries(FaultHost& host) {
   RawBlock::Elements elements(kEntries, nullptr);
   const RawBlock::Elements good = GoodElements(block);
   elements.insert(elements.end(), good.begin(), good.end());
-  return AskWithElements(host, block, std::move(elements));
+  return AskWithElements(host, block, elements);
 }
 
 // Header, array and elements at odd addresses.
@@ -242,7 +241,7 @@ std::string AskBlock(FaultHost& host, const BlockShape& shape) {
   if (shape.tag != nullptr) SetTag(block, shape.tag);
   RawBlock::Elements elements = shape.has_good_elements ? GoodElements(block) : RawBlock::Elements();
   for (const ElementShape& element : shape.elements) elements.push_back(Make(block, element));
-  block.SetElements(std::move(elements));
+  block.SetElements(elements);
   if (shape.count) {
     block.Header().elements = nullptr;
     block.Header().element_count = *shape.count;

@@ -118,9 +118,25 @@ CallJson ElementToJson(const krx_element& element, int depth) {
 
 // --- to memory
 
-class BlockBuilder {
+struct NamedDepartment {
+  std::optional<std::string> name;
+  std::vector<std::string> privileges;
+};
+
+// Pointers into `departments`.
+std::vector<provider::BlockDepartment> PointersOf(const std::vector<NamedDepartment>& departments) {
+  std::vector<provider::BlockDepartment> pointers;
+  for (const NamedDepartment& from : departments) {
+    provider::BlockDepartment& department = pointers.emplace_back();
+    department.name = from.name.has_value() ? from.name->c_str() : nullptr;
+    for (const std::string& privilege : from.privileges) department.privileges.push_back(privilege.c_str());
+  }
+  return pointers;
+}
+
+class BlockParser {
  public:
-  BlockBuilder(RawBlock& block, std::string& problem) : block_(block), problem_(problem) {}
+  BlockParser(RawBlock& block, std::string& problem) : block_(block), problem_(problem) {}
 
   bool Elements(const CallJson& json, int depth, RawBlock::Elements& elements) {
     if (!json.is_array()) return Fails(problem_, "elements are not an array");
@@ -181,7 +197,7 @@ class BlockBuilder {
     for (auto item = json.rbegin(); item != json.rend(); ++item) {  // from the last: each block points to the next
       RawBlock::Elements elements;
       if (!Elements(*item, depth + 1, elements)) return nullptr;
-      block = block_.Block(std::move(elements), block);
+      block = block_.Block(elements, block);
     }
     return block_.Element(index, type, block);
   }
@@ -190,7 +206,7 @@ class BlockBuilder {
     if (!IsList(index)) return Refuse("a list is in an element that cannot have one");
     RawBlock::Elements elements;
     if (!Elements(json, depth + 1, elements)) return nullptr;
-    return block_.Element(index, type, block_.List(std::move(elements)));
+    return block_.Element(index, type, block_.List(elements));
   }
 
   krx_element* Validation(const CallJson& json, std::int32_t index, std::int32_t type) {
@@ -201,13 +217,14 @@ class BlockBuilder {
     const CallJson& granted = json["authorization"];
     if (granted.is_null()) return block_.Element(index, type, block_.Validation(nullptr));
     std::optional<std::string> user;
-    std::vector<RawBlock::Department> departments;
+    std::vector<NamedDepartment> departments;
     if (!Authorization(granted, user, departments)) return nullptr;
-    return block_.Element(index, type, block_.Validation(block_.Authorization(user, departments)));
+    const char* const user_id = user.has_value() ? user->c_str() : nullptr;
+    return block_.Element(index, type, block_.Validation(block_.Authorization(user_id, PointersOf(departments))));
   }
 
   bool Authorization(const CallJson& json, std::optional<std::string>& user,
-                     std::vector<RawBlock::Department>& departments) {
+                     std::vector<NamedDepartment>& departments) {
     if (!json.is_object()) return Fails(problem_, "\"authorization\" is not an object");
     const FieldReader fields(json, problem_);
     if (!fields.Only({"user", "userBase64", "departments"}) || !fields.Bytes("user", user)) return false;
@@ -221,16 +238,16 @@ class BlockBuilder {
     return true;
   }
 
-  bool Department(const CallJson& json, RawBlock::Department& department) {
+  bool Department(const CallJson& json, NamedDepartment& department) {
     if (!json.is_object()) return Fails(problem_, "a department is not an object");
     const FieldReader fields(json, problem_);
-    if (!fields.Only({"name", "nameBase64", "privileges"}) || !fields.Bytes("name", department.first)) return false;
+    if (!fields.Only({"name", "nameBase64", "privileges"}) || !fields.Bytes("name", department.name)) return false;
     if (!json.contains("privileges") || !json["privileges"].is_array()) {
       return Fails(problem_, "\"privileges\" is not an array");
     }
     for (const CallJson& privilege : json["privileges"]) {
       if (!privilege.is_string()) return Fails(problem_, "a privilege is not a text");
-      department.second.push_back(privilege.get<std::string>());
+      department.privileges.push_back(privilege.get<std::string>());
     }
     return true;
   }
@@ -276,9 +293,9 @@ bool BlockFromJson(const CallJson& json, RawBlock& block, std::string& problem) 
   std::memset(header.tag, 0, sizeof header.tag);
   tag->copy(header.tag, sizeof header.tag);
   RawBlock::Elements elements;
-  BlockBuilder builder(block, problem);
-  if (!builder.Elements(json.value("elements", CallJson()), 1, elements)) return false;
-  block.SetElements(std::move(elements));
+  BlockParser parser(block, problem);
+  if (!parser.Elements(json.value("elements", CallJson()), 1, elements)) return false;
+  block.SetElements(elements);
   return true;
 }
 

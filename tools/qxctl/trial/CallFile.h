@@ -9,10 +9,12 @@
 #include <optional>
 #include <string>
 
+#include "provider/tools/RawBlock.h"
 #include "tools/qxctl/module/CallFields.h"
-#include "tools/qxctl/module/RawBlock.h"
 
 namespace qx::ctl {
+
+using provider::RawBlock;
 
 inline constexpr std::size_t kCallFileMax = std::size_t{16} << 20;
 inline constexpr std::size_t kCallElementsMax = 4096;  // of a block, including nested ones

@@ -4,10 +4,12 @@
 #include <string>
 
 #include "provider/ModuleExports.h"
+#include "provider/tools/RawBlock.h"
 #include "tools/qxctl/module/ModuleHost.h"
-#include "tools/qxctl/module/RawBlock.h"
 
 namespace qx::ctl {
+
+using provider::RawBlock;
 
 // Threads: its functions may be called on any thread between Load and Unload.
 // Failure: a module that does not load or lacks a name ends the process with kHostFailed; it is a process of its own.

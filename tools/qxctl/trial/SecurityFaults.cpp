@@ -2,7 +2,6 @@
 // return no record. If the value is not validation data, the module must serve the request without a privilege.
 #include <cstdint>
 #include <limits>
-#include <utility>
 
 #include "tools/qxctl/module/ReportDocuments.h"
 #include "tools/qxctl/trial/FaultCases.h"
@@ -19,7 +18,7 @@ constexpr std::int32_t kCountMax = std::numeric_limits<std::int32_t>::max();
 std::string AskReport(FaultHost& host, RawBlock& block, krx_element* security) {
   RawBlock::Elements elements = GoodElements(block);
   elements.push_back(security);
-  block.SetElements(std::move(elements));
+  block.SetElements(elements);
   const std::string request = RequestText({.name = host.Report(), .start_index = 0, .record_count = 1});
   return host.Ask(RequestFunction::kGetReports, block.Raw(), request.c_str());
 }
@@ -68,8 +67,7 @@ std::string AskWithPrivilege(FaultHost& host, const char* privilege) {
 // Null entries around the real one.
 std::string AskWithNullEntries(FaultHost& host) {
   RawBlock block;
-  krx_authorization_data* const granted = block.Authorization(std::nullopt, {{std::nullopt, {"x", kPrivilege}}});
-  granted->departments[0]->privileges[0] = nullptr;
+  krx_authorization_data* const granted = block.Authorization(nullptr, {{nullptr, {nullptr, kPrivilege}}});
   krx_department* departments[] = {nullptr, granted->departments[0], nullptr};
   granted->departments = departments;
   granted->department_count = 3;
