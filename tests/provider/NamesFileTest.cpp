@@ -13,16 +13,18 @@
 #include <vector>
 
 #include "inifile/IniFile.h"
-#include "tests/reportfile/FaultyCalls.h"
 #include "tests/support/Attacker.h"
+#include "tests/support/FailingFileCalls.h"
 #include "tests/support/Support.h"
 
 namespace {
 
 using qx::provider::NamesFile;
 using qx::test::AsOrdinaryUser;
+using qx::test::CountedCalls;
+using qx::test::FailingCall;
+using qx::test::FileCall;
 using qx::test::kOrdinaryUser;
-using qx::test::ScopedReadFault;
 
 constexpr char kHead[] = "[Quaxel Report Instances]\nVersion=1\n";
 
@@ -176,18 +178,18 @@ TEST_F(NamesFileTest, FileIsReadOnceWhateverTheNumberOfKeys) {
     std::string bytes = std::string(8U << 20, 'x') + "\n" + kHead + "[Names]\n";
     for (int i = 0; i < keys; ++i) bytes += std::to_string(i) + "=name\n";
     qx::test::WriteFile(Path(), bytes);
-    const ScopedReadFault reads;
+    const CountedCalls reads(FileCall::kReadAt);
     NamesFile file;
     ASSERT_TRUE(file.Read(directory_.Path(), "r"));
     EXPECT_EQ(file.Instances().size(), static_cast<std::size_t>(keys));
-    EXPECT_LE(static_cast<std::size_t>(ScopedReadFault::Calls()), bytes.size() / (kWindowBytes - 1024) + 3);
+    EXPECT_LE(static_cast<std::size_t>(reads.Calls()), bytes.size() / (kWindowBytes - 1024) + 3);
   }
 }
 
 TEST_F(NamesFileTest, FileThatCannotBeReadToItsEndIsNotRead) {
   qx::test::WriteFile(Path(), std::string(kHead) + "[Names]\n1=a\n");
   for (int nth = 1; nth <= 2; ++nth) {
-    const ScopedReadFault fault({.kind = qx::test::CallFault::Kind::kFails, .nth = nth, .error = EIO});
+    const FailingCall fault({.call = FileCall::kReadAt, .nth = nth, .error = EIO});
     EXPECT_FALSE(CanRead("r")) << nth;
   }
   EXPECT_TRUE(CanRead("r"));

@@ -9,13 +9,14 @@
 #include <vector>
 
 #include "tests/provider/TransferFixture.h"
-#include "tests/reportfile/FaultyCalls.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace {
 
+using qx::test::CountedCalls;
+using qx::test::FileCall;
 using qx::test::NoMoreRecords;
 using qx::test::Reply;
-using qx::test::ScopedReadFault;
 using qx::test::ServiceThread;
 using qx::test::TraceCapture;
 using qx::test::WriteFile;
@@ -39,9 +40,9 @@ class RefusedTransfer : public qx::test::TransferFixture {
   static int CallsOfRefused(const std::string& name, int start) {
     ServiceThread refused(kNotEnough);
     if (start > 0) (void)refused.Ask(name, 0);
-    const ScopedReadFault reads;
+    const CountedCalls reads(FileCall::kReadAt);
     EXPECT_EQ(refused.Ask(name, start).result, 0);
-    return ScopedReadFault::Calls();
+    return reads.Calls();
   }
 };
 
@@ -52,9 +53,9 @@ TEST_F(RefusedTransfer, BillionsOfEmptyRecordsInAHoleAreAnsweredAtOnce) {
     SparseReport(bytes, std::string("\0x\r\n", 4));
     for (const bool is_refused : {true, false}) {
       ServiceThread thread(is_refused ? kNotEnough : std::vector<const char*>{"AccessPerformanceMgr"});
-      const ScopedReadFault reads;
+      const CountedCalls reads(FileCall::kReadAt);
       EXPECT_EQ(thread.GetReports(kRequest), NoMoreRecords());
-      EXPECT_LE(ScopedReadFault::Calls(), 40) << bytes;
+      EXPECT_LE(reads.Calls(), 40) << bytes;
     }
   }
 }
@@ -74,13 +75,13 @@ TEST_F(RefusedTransfer, RefusedCallReadsOneRecordWithText) {
   ServiceThread admitted;
   ServiceThread refused(kNotEnough);
   for (const int start : {0, 1, 10000}) {
-    const ScopedReadFault reads;
+    const CountedCalls reads(FileCall::kReadAt);
     const Reply reply = refused.Ask("r1", start);
     EXPECT_EQ(reply.result, 0);
     EXPECT_FALSE(reply.is_well_formed);
     EXPECT_LT(reply.document.size(), 500U);
     EXPECT_NE(reply.document.find("NextIndex=\"" + std::to_string(start + 1) + '"'), std::string::npos);
-    EXPECT_LE(ScopedReadFault::Calls(), 10);
+    EXPECT_LE(reads.Calls(), 10);
     EXPECT_EQ(admitted.Ask("r1", start).result, 0);
   }
   EXPECT_EQ(refused.Data()->state_word, admitted.Data()->state_word);

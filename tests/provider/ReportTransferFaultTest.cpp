@@ -6,20 +6,20 @@
 #include <vector>
 
 #include "tests/provider/TransferFixture.h"
-#include "tests/reportfile/FaultyCalls.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace {
 
 using qx::provider::TransferOptions;
-using qx::test::CallFault;
+using qx::test::BeforeEachRead;
+using qx::test::FailingCall;
+using qx::test::FileCall;
 using qx::test::NoMoreRecords;
 using qx::test::NotReadable;
 using qx::test::Records;
 using qx::test::Reply;
-using qx::test::ScopedBadByte;
-using qx::test::ScopedReadFault;
-using qx::test::ScopedReadHook;
 using qx::test::TraceCapture;
+using qx::test::UnreadableByte;
 
 constexpr int kInputOutputError = 5;
 
@@ -45,7 +45,7 @@ TEST_F(ReportTransferFault, TransferEndsBeforeARecordThatCannotBeRead) {
   for (const TransferOptions::Path path : kPaths) {
     CThreadData data;
     {
-      const ScopedBadByte bad(3 * kRecordBytes + 2);
+      const UnreadableByte bad(3 * kRecordBytes + 2);
       EXPECT_EQ(Ask(0, path, data), Records("r1", 0, 3, Record('0') + Record('1') + Record('2')));
       EXPECT_EQ(Ask(3, path, data), NotReadable("r1", kInputOutputError));
       EXPECT_EQ(Ask(4, path, data), Records("r1", 4, 5, Record('4')));
@@ -59,7 +59,7 @@ TEST_F(ReportTransferFault, TransferEndsBeforeARecordThatCannotBeRead) {
 TEST_F(ReportTransferFault, UnreadableRecordIsTracedAsAReportThatCannotBeOpened) {
   Append("r1", 10, {LineOf('0'), LineOf('1')});
   CThreadData data;
-  const ScopedBadByte bad(kRecordBytes + 100);
+  const UnreadableByte bad(kRecordBytes + 100);
   const TraceCapture trace(1);
   EXPECT_EQ(Ask(0, TransferOptions::Path::kByTrace, data), Records("r1", 0, 1, Record('0')));
   EXPECT_EQ(trace.Text(), "");
@@ -74,7 +74,7 @@ TEST_F(ReportTransferFault, RecordsWithoutTextBeforeAnUnreadableOneAreNoReply) {
   qx::test::WriteFile(BasePath("r1") + ".dat", bytes);
   for (const TransferOptions::Path path : kPaths) {
     CThreadData data;
-    const ScopedBadByte bad(kRecordBytes + 100);
+    const UnreadableByte bad(kRecordBytes + 100);
     EXPECT_EQ(Ask(0, path, data), NotReadable("r1", kInputOutputError));
   }
 }
@@ -92,13 +92,13 @@ TEST_F(ReportTransferFault, OneFailedReadLosesNothing) {
   for (const TransferOptions::Path path : {TransferOptions::Path::kInRuns, TransferOptions::Path::kIntoReply}) {
     for (int nth = 1;; ++nth) {
       bool is_of_header = false;
-      const ScopedReadHook hook([&](int call) {
-        if (call == nth) is_of_header = ScopedReadHook::Offset() == 0;
+      const BeforeEachRead hook([&](int call) {
+        if (call == nth) is_of_header = hook.Offset() == 0;
       });
-      const ScopedReadFault fault({.kind = CallFault::Kind::kFails, .nth = nth, .error = EIO});
+      const FailingCall fault({.call = FileCall::kReadAt, .nth = nth, .error = EIO});
       CThreadData data;
       Reply reply = Ask(1, path, data);
-      if (ScopedReadFault::Calls() < nth) break;
+      if (!fault.HasFailed()) break;
       if (is_of_header) continue;
       if (nth <= 4 && reply == NotReadable("r1", kInputOutputError)) reply = Ask(1, path, data);
       EXPECT_TRUE(reply == Records("r1", 1, 3001, all)) << "read " << nth << " result " << reply.result;
@@ -117,7 +117,7 @@ TEST_F(ReportTransferRace, RecordThatIsReplacedBeforeAnyReadIsWhole) {
       for (const std::string& text : {kOld, kOld, kNew}) ASSERT_TRUE(writer.writeLine(text.c_str()));
       // Slot 0 has the third record. It gets the first one again, which the writer has not replaced yet.
       ASSERT_TRUE(writer.setPositionInIndexFile(0, 0));
-      const ScopedReadHook hook([&](int call) {
+      const BeforeEachRead hook([&](int call) {
         if (call != nth) return;
         (void)writer.setPositionInIndexFile(0, 124);
         std::FILE* const data_file = std::fopen((BasePath("r1") + ".dat").c_str(), "r+b");
@@ -132,7 +132,7 @@ TEST_F(ReportTransferRace, RecordThatIsReplacedBeforeAnyReadIsWhole) {
           << "before read " << nth << ": " << reply;
       writer.Close();
       std::remove((BasePath("r1") + ".ind").c_str());
-      if (ScopedReadHook::Calls() < nth) break;
+      if (hook.Reads() < nth) break;
     }
   }
 }

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/reportfile/FaultyCalls.h"
 #include "tests/reportfile/RecordReaderFixture.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
 namespace {
@@ -31,9 +31,9 @@ TEST_F(RecordReaderRace, RecordReplacedBeforeAnyReadIsWhole) {
           files_.WriteSlot(0, offset(2));
           files_.WriteData(0, std::string(text_bytes / 2 + 1, 'x'));
         };
-        const ScopedReadHook hook(replace);
+        const BeforeEachRead hook(replace);
         const std::string all = TakeAll();
-        is_over = ScopedReadHook::Calls() < nth;
+        is_over = hook.Reads() < nth;
         EXPECT_TRUE(all == text(first) + text(second) || all == text(third) + text(second))
             << text_bytes << " bytes, before read " << nth;
       }
@@ -44,7 +44,7 @@ TEST_F(RecordReaderRace, RecordReplacedBeforeAnyReadIsWhole) {
 TEST_F(RecordReaderRace, SlotsThatAreWrittenDuringTheReadAreUsed) {
   for (int nth = 1; nth <= 8; ++nth) {
     Open(StoreFiles::FullRing(3), {}, "a\r\nb\r\n");
-    const ScopedReadHook hook([&](int call) {
+    const BeforeEachRead hook([&](int call) {
       if (call != nth) return;
       for (const std::uint32_t slot : {0U, 1U, 2U}) files_.WriteSlot(slot, 3);
       files_.WriteData(0, "x");
@@ -68,18 +68,18 @@ TEST_F(RecordReaderRace, TextThatWasReadBeforeItsSlotIsReadAgain) {
 // Slots that change during every read: slot, text and slot are read three times, and then the text is returned.
 TEST_F(RecordReaderRace, ThirdReadOfAChangingSlotIsUsed) {
   Open({0}, "a\r\nb\r\n");
-  const ScopedReadHook hook([&](int call) { files_.WriteSlot(0, call % 2 == 0 ? 0 : 3); });
+  const BeforeEachRead hook([&](int call) { files_.WriteSlot(0, call % 2 == 0 ? 0 : 3); });
   std::string line;
   EXPECT_TRUE(store_.readLine(line, 0));
   EXPECT_TRUE(line == "a\r\n" || line == "b\r\n") << line;
   constexpr int kReadsATry = 3;  // the text up to the end of the file, and the slot
-  EXPECT_EQ(ScopedReadHook::Calls(), 1 + 3 * kReadsATry);
+  EXPECT_EQ(hook.Reads(), 1 + 3 * kReadsATry);
 }
 
 TEST_F(RecordReaderRace, ReadLineReturnsAReplacedRecordWhole) {
   for (int nth = 1; nth <= 5; ++nth) {
     Open({0}, "aaaa\r\nbbbb\r\n");
-    const ScopedReadHook hook([&](int call) {
+    const BeforeEachRead hook([&](int call) {
       if (call != nth) return;
       files_.WriteSlot(0, 6);
       files_.WriteData(0, "xx");
@@ -96,7 +96,7 @@ TEST_F(RecordReaderRace, ChangedSlotDropsOnlyTheTextsOfItsBatch) {
   std::vector<std::uint32_t> slots;
   for (std::uint32_t i = 0; i < 10000; ++i, data += line + "\r\n") slots.push_back(100 * i);
   Open(slots, data);
-  const ScopedReadHook hook([&](int call) {
+  const BeforeEachRead hook([&](int call) {
     if (call == 12) files_.WriteSlot(9000, 0);
   });
   EXPECT_TRUE(TakeAll() == data);
@@ -141,10 +141,10 @@ TEST_F(RecordReaderFault, OneFailedReadLosesAndRepeatsNothing) {
       bool is_over = false;
       for (int nth = 1; !is_over; ++nth) {
         reader_.Drop();
-        const ScopedReadFault fault({.kind = CallFault::Kind::kFails, .nth = nth, .error = EIO});
+        const FailingCall fault({.call = FileCall::kReadAt, .nth = nth, .error = EIO});
         std::string out;
         const TakenRecords taken = reader_.Take(0, {60, kNoLimit}, &out);
-        is_over = ScopedReadFault::Calls() < nth;
+        is_over = !fault.HasFailed();
         EXPECT_EQ(taken.end, TakeEnd::kCountReached) << text_bytes << " bytes, read " << nth;
         ExpectPrefix(taken, out, records);
       }
@@ -158,11 +158,10 @@ TEST_F(RecordReaderFault, ReadsThatKeepFailingEndTakeWithTheirError) {
     bool is_over = false;
     for (int nth = 1; !is_over; ++nth) {
       reader_.Drop();
-      const ScopedReadFault fault(
-          {.kind = CallFault::Kind::kFails, .nth = nth, .error = EIO, .more_failing = kAllLater});
+      const FailingCall fault({.call = FileCall::kReadAt, .nth = nth, .times = kAlways, .error = EIO});
       std::string out;
       const TakenRecords taken = reader_.Take(0, {60, kNoLimit}, &out);
-      is_over = ScopedReadFault::Calls() < nth;
+      is_over = !fault.HasFailed();
       EXPECT_TRUE(is_over || taken.end == TakeEnd::kReadFailed) << text_bytes << " bytes, read " << nth;
       ExpectPrefix(taken, out, records);
     }
@@ -171,7 +170,7 @@ TEST_F(RecordReaderFault, ReadsThatKeepFailingEndTakeWithTheirError) {
 
 TEST_F(RecordReaderFault, UnreadableRecordEndsTakeBeforeIt) {
   const std::vector<std::string> records = OpenRecords(3000, 98, "\r\n");
-  const ScopedBadByte bad(100 * 1777 + 50);
+  const UnreadableByte bad(100 * 1777 + 50);
   std::string out;
   TakenRecords taken = reader_.Take(0, {3000, kNoLimit}, &out);
   EXPECT_EQ(taken, (TakenRecords{1777, TakeEnd::kReadFailed}));
@@ -190,7 +189,7 @@ TEST_F(RecordReaderFault, UnreadableRecordEndsTakeBeforeIt) {
 
 TEST_F(RecordReaderFault, UnreadableSlotEndsTakeBeforeIt) {
   const std::vector<std::string> records = OpenRecords(3000, 0, "\r\n");
-  const ScopedBadByte bad(report::SlotOffset(2500) + 2);  // beyond the end of the data file's 6000 bytes
+  const UnreadableByte bad(report::SlotOffset(2500) + 2);  // beyond the end of the data file's 6000 bytes
   std::string out;
   const TakenRecords taken = reader_.Take(0, {3000, kNoLimit}, &out);
   EXPECT_EQ(taken, (TakenRecords{2500, TakeEnd::kReadFailed}));
@@ -201,11 +200,11 @@ TEST_F(RecordReaderFault, ReadLineFailsAndLeavesTheTextUnchanged) {
   (void)OpenRecords(12, 10000, "\r\n");
   for (int nth = 1; nth <= 5; ++nth) {  // slot, text, text, slot
     std::string line = "unchanged";
-    const ScopedReadFault fault({.kind = CallFault::Kind::kFails, .nth = nth, .error = EIO});
+    const FailingCall fault({.call = FileCall::kReadAt, .nth = nth, .error = EIO});
     errno = 0;
     const bool was_read = store_.readLine(line, 0);
     const int error = errno;
-    EXPECT_EQ(was_read, ScopedReadFault::Calls() < nth) << nth;
+    EXPECT_EQ(was_read, !fault.HasFailed()) << nth;
     EXPECT_EQ(was_read ? 0 : EIO, error);
     EXPECT_EQ(line == "unchanged", !was_read);
   }
@@ -213,7 +212,7 @@ TEST_F(RecordReaderFault, ReadLineFailsAndLeavesTheTextUnchanged) {
 
 TEST_F(RecordReaderFault, SlotNotInUseIsNotAnErrorOfTheSystem) {
   (void)OpenRecords(1, 10, "\r\n");
-  const ScopedBadByte bad(report::SlotOffset(0));
+  const UnreadableByte bad(report::SlotOffset(0));
   std::string out;
   EXPECT_EQ(reader_.Take(0, {1, kNoLimit}, &out).end, TakeEnd::kReadFailed);
   EXPECT_EQ(reader_.Error(), EIO);

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "reportfile/ReportFileBase.h"
-#include "tests/reportfile/FaultyCalls.h"
 #include "tests/reportfile/PlainStore.h"
 #include "tests/reportfile/RecordReaderFixture.h"
 #include "tests/reportfile/StoreFiles.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
 namespace {
@@ -167,11 +167,11 @@ TEST_F(RecordReaderTest, RecordWithoutAnEndIsReadNoFurtherThanItsLimit) {
   Open({0}, "x");
   const std::string block(std::size_t{1} << 20, 'x');
   WriteFile(files_.DataPath(), block + block + block + block);
-  const ScopedReadFault reads;
+  const CountedCalls reads(FileCall::kReadAt);
   std::string out;
   EXPECT_EQ(reader_.Take(0, {1, kWindowBytes * 2}, &out), (TakenRecords{0, TakeEnd::kChunkFull}));
   EXPECT_EQ(out, "");
-  EXPECT_LE(ScopedReadFault::Calls(), 6);  // one read of slots, and the data up to the limit
+  EXPECT_LE(reads.Calls(), 6);  // one read of slots, and the data up to the limit
   EXPECT_LE(out.capacity(), kWindowBytes * 5);
 }
 
@@ -221,14 +221,14 @@ TEST_F(RecordReaderTest, ReopenedStoreIsReadAgainAfterDrop) {
 
 TEST_F(RecordReaderTest, RunOfShortRecordsNeedsOneReadForEachWindow) {
   OpenAppended(20000, 50);
-  const ScopedReadFault reads;
+  const CountedCalls reads(FileCall::kReadAt);
   EXPECT_EQ(TakeAll().size(), 20000U * 52);
   constexpr int kDataReads = 20000 * 52 / static_cast<int>(kWindowBytes) + 1;
   constexpr int kSlotReads = 3;
   constexpr int kSlotChecks = 20000 / 2048 + 2 * kSlotReads;  // 2048 slots at a time, in batches of 256 KiB of text
   // The last record of each window of slots is read by itself, and each read that reaches the end of its file tries
   // once more.
-  EXPECT_LE(ScopedReadFault::Calls(), kDataReads + 2 * kSlotReads + kSlotChecks + 4);
+  EXPECT_LE(reads.Calls(), kDataReads + 2 * kSlotReads + kSlotChecks + 4);
 }
 
 TEST_F(RecordReaderTest, RecordsWithLineFeedsDoNotNeedOneReadEach) {
@@ -236,19 +236,19 @@ TEST_F(RecordReaderTest, RecordsWithLineFeedsDoNotNeedOneReadEach) {
   ASSERT_TRUE(writer.Open(files_.Path(), 5000));
   for (int i = 0; i < 5000; ++i) ASSERT_TRUE(writer.writeLine("first line\nsecond line"));
   ASSERT_TRUE(store_.OpenRead(files_.Path()));
-  const ScopedReadFault reads;
+  const CountedCalls reads(FileCall::kReadAt);
   EXPECT_EQ(TakeAll().size(), 5000U * 11);
-  EXPECT_LE(ScopedReadFault::Calls(), 20);
+  EXPECT_LE(reads.Calls(), 20);
 }
 
 // Billions of slots that the index file does not have; each is a record without text.
 TEST_F(RecordReaderTest, HeaderThatClaimsBillionsOfSlotsIsAnsweredAtOnce) {
   Open({.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF}, {2}, "\0a\n"s);
-  const ScopedReadFault reads;
+  const CountedCalls reads(FileCall::kReadAt);
   std::string out;
   EXPECT_EQ(reader_.Take(0, {0xFFFFFFFF, kNoLimit}, &out), (TakenRecords{0xFFFFFFFF, TakeEnd::kCountReached}));
   EXPECT_EQ(out, "\n");
-  EXPECT_LE(ScopedReadFault::Calls(), 10);
+  EXPECT_LE(reads.Calls(), 10);
 }
 
 // An index file of 16 GiB that uses a few KiB: the header, one slot in the middle and one at the end.
@@ -258,11 +258,11 @@ TEST_F(RecordReaderTest, SparseIndexOfBillionsOfSlotsIsAnsweredAtOnce) {
   const std::uint32_t last_slot = 0xFFFFFFFE;
   files_.WriteSlot(slot_of_b, 3);
   files_.WriteSlot(last_slot, 1);
-  const ScopedReadFault reads;
+  const CountedCalls reads(FileCall::kReadAt);
   std::string out;
   EXPECT_EQ(reader_.Take(0, {0xFFFFFFFF, kNoLimit}, &out), (TakenRecords{0xFFFFFFFF, TakeEnd::kCountReached}));
   EXPECT_EQ(out, "\nb\na\n");
-  EXPECT_LE(ScopedReadFault::Calls(), 60);
+  EXPECT_LE(reads.Calls(), 60);
 }
 
 TEST_F(RecordReaderTest, HolesOfTheIndexFileAreNotSkippedIfOffsetZeroHasText) {
@@ -336,11 +336,11 @@ TEST_F(RecordReaderTest, InterruptedAndShortReadsAreContinued) {
   for (int nth = 1; nth <= 6; ++nth) {
     reader_.Drop();
     {
-      const ScopedReadFault fault({.kind = CallFault::Kind::kFails, .nth = nth, .error = EINTR});
+      const FailingCall fault({.call = FileCall::kReadAt, .nth = nth, .error = EINTR});
       EXPECT_EQ(TakeAll(), "a\r\nb\r\nc\r\n") << nth;
     }
     reader_.Drop();
-    const ScopedReadFault fault({.kind = CallFault::Kind::kTakesSome, .nth = nth, .some = 2});
+    const FailingCall fault({.call = FileCall::kReadAt, .nth = nth, .bytes = 2});
     EXPECT_EQ(TakeAll(), "a\r\nb\r\nc\r\n") << nth;
   }
 }

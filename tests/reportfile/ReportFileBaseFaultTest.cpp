@@ -15,8 +15,8 @@
 
 #include "reportfile/RecordReader.h"
 #include "reportfile/ReportFileBase.h"
-#include "tests/reportfile/FaultyCalls.h"
 #include "tests/reportfile/StoreFiles.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
 namespace {
@@ -45,11 +45,11 @@ class ReportFileBaseFault : public testing::Test {
       (void)records.Take(first, {4, std::size_t{1} << 20}, &taken);
       EXPECT_EQ(taken, expected);
     }
-    const ScopedReadFault reads;
+    const CountedCalls reads(FileCall::kReadAt);
     std::string chunk;
     (void)records.Take(0, {header.highestIndex, std::size_t{1} << 20}, &chunk);
     EXPECT_LT(chunk.size(), std::size_t{1} << 20);
-    EXPECT_LE(ScopedReadFault::Calls(), 20);
+    EXPECT_LE(reads.Calls(), 20);
   }
 
   // A writer on the same files: its record is at the offset of its header.
@@ -77,10 +77,10 @@ class ReportFileBaseFault : public testing::Test {
 
 TEST_F(ReportFileBaseFault, RecordThatCannotBeWrittenLeavesHeaderAndSlotsUnchanged) {
   {
-    const ScopedWriteFault fault({.kind = CallFault::Kind::kFails, .nth = 1, .error = ENOSPC});
+    const FailingCall fault({.call = FileCall::kAnyWriteAt, .error = ENOSPC});
     EXPECT_FALSE(store_.writeLine("new"));
     EXPECT_EQ(errno, ENOSPC);
-    EXPECT_EQ(ScopedWriteFault::Calls(), 1);
+    EXPECT_EQ(fault.Calls(), 1);
   }
   EXPECT_EQ(store_.header(), before_);
   EXPECT_EQ(files_.Header(), before_);
@@ -91,10 +91,9 @@ TEST_F(ReportFileBaseFault, RecordThatCannotBeWrittenLeavesHeaderAndSlotsUnchang
 // "new\r\n" are five bytes; with fewer of them in the file the record is lost, and the written part does no harm.
 TEST_F(ReportFileBaseFault, RecordThatIsCutShortIsNotIndexed) {
   for (std::uint64_t some = 1; some < 5; ++some) {
-    const ScopedWriteFault fault(
-        {.kind = CallFault::Kind::kTakesSome, .nth = 1, .error = ENOSPC, .some = some, .more_failing = kAllLater});
+    const FullDisk fault(1, some);
     EXPECT_FALSE(store_.writeLine("new"));
-    EXPECT_EQ(ScopedWriteFault::Calls(), 2);
+    EXPECT_EQ(fault.Calls(), 2);
     EXPECT_EQ(store_.header(), before_);
     EXPECT_EQ(files_.Header(), before_);
     EXPECT_THAT(files_.Slots(), ElementsAre(9, 3, 6));
@@ -111,10 +110,9 @@ TEST_F(ReportFileBaseFault, RecordWhoseMarkerIsCutShortIsGood) {
     ASSERT_TRUE(store.Open(files.Path(), 3));
     ASSERT_TRUE(store.writeLine("a"));
     const std::string data_before = files.DataBytes();
-    const ScopedWriteFault fault(
-        {.kind = CallFault::Kind::kTakesSome, .nth = 1, .error = ENOSPC, .some = some, .more_failing = 1});
+    const FullDisk fault(1, some, 1);
     EXPECT_TRUE(store.writeLine("new"));
-    EXPECT_EQ(ScopedWriteFault::Calls(), 4);
+    EXPECT_EQ(fault.Calls(), 4);
     EXPECT_EQ(files.Header(), (IndexHeader{8, 8, 2, 3, 2, 0}));
     EXPECT_EQ(files.DataBytes(), Overlaid(data_before, 3, record_and_marker.substr(0, some)));
     EXPECT_THAT(ReadAll(files), ElementsAre("a\r\n", "new\r\n"));
@@ -132,8 +130,7 @@ TEST_F(ReportFileBaseFault, LongRecordsCutShortAreHandledLikeShortOnes) {
       CReportFileBase store;
       ASSERT_TRUE(store.Open(files.Path(), 3));
       const bool is_good = more_failing == 0 || some >= record.size() + 2;
-      const ScopedWriteFault fault(
-          {.kind = CallFault::Kind::kTakesSome, .nth = 1, .error = ENOSPC, .some = some, .more_failing = more_failing});
+      const FullDisk fault(1, some, more_failing);
       EXPECT_EQ(store.writeLine(record.c_str()), is_good) << some;
       EXPECT_EQ(files.DataBytes(), more_failing == 0 ? record_and_marker : record_and_marker.substr(0, some));
       EXPECT_EQ(store.header().highestIndex, is_good ? 1U : 0U);
@@ -156,10 +153,10 @@ TEST_F(ReportFileBaseFault, RecordsAroundTheLimitOfAShortWriteAreStoredUnchanged
 
 TEST_F(ReportFileBaseFault, SlotThatCannotBeWrittenLeavesTheHeaderUnchanged) {
   {
-    const ScopedWriteFault fault({.kind = CallFault::Kind::kFails, .nth = 2, .error = EIO});
+    const FailingCall fault({.call = FileCall::kAnyWriteAt, .nth = 2, .error = EIO});
     EXPECT_FALSE(store_.writeLine("new"));
     EXPECT_EQ(errno, EIO);
-    EXPECT_EQ(ScopedWriteFault::Calls(), 2);
+    EXPECT_EQ(fault.Calls(), 2);
   }
   EXPECT_EQ(store_.header(), before_);
   EXPECT_EQ(files_.Header(), before_);
@@ -171,7 +168,7 @@ TEST_F(ReportFileBaseFault, SlotThatCannotBeWrittenLeavesTheHeaderUnchanged) {
 
 TEST_F(ReportFileBaseFault, HeaderThatCannotBeWrittenDoesNotChangeTheResult) {
   {
-    const ScopedWriteFault fault({.kind = CallFault::Kind::kFails, .nth = 3, .error = EIO});
+    const FailingCall fault({.call = FileCall::kAnyWriteAt, .nth = 3, .error = EIO});
     EXPECT_TRUE(store_.writeLine("e"));
   }
   EXPECT_EQ(store_.header(), (IndexHeader{15, 15, 5, 3, 3, 2}));
@@ -183,7 +180,7 @@ TEST_F(ReportFileBaseFault, HeaderThatCannotBeWrittenDoesNotChangeTheResult) {
 }
 
 TEST_F(ReportFileBaseFault, WriteOfZeroBytesIsAFailureNotALoop) {
-  const ScopedWriteFault fault({.kind = CallFault::Kind::kTakesNothing, .nth = 1});
+  const FailingCall fault({.call = FileCall::kAnyWriteAt, .bytes = 0});
   EXPECT_FALSE(store_.writeLine("new"));
   EXPECT_EQ(store_.header(), before_);
 }
@@ -194,8 +191,8 @@ TEST_F(ReportFileBaseFault, InterruptedAndShortWritesAreContinued) {
       const StoreFiles files;
       CReportFileBase store;
       ASSERT_TRUE(store.Open(files.Path(), 3));
-      const auto kind = some == 0 ? CallFault::Kind::kFails : CallFault::Kind::kTakesSome;
-      const ScopedWriteFault fault({.kind = kind, .nth = nth, .error = EINTR, .some = some});
+      const int error = some == 0 ? EINTR : 0;
+      const FailingCall fault({.call = FileCall::kAnyWriteAt, .nth = nth, .error = error, .bytes = some});
       ASSERT_TRUE(store.writeLine("one"));
       ASSERT_TRUE(store.writeLine("two"));
       ASSERT_EQ(files.DataBytes(), "one\r\ntwo\r\n===>\r\n");
@@ -207,17 +204,15 @@ TEST_F(ReportFileBaseFault, InterruptedAndShortWritesAreContinued) {
 
 TEST_F(ReportFileBaseFault, IndexOperationsReportWhatCouldNotBeWrittenWhole) {
   for (std::uint64_t some = 1; some < 4; ++some) {
-    const ScopedWriteFault fault(
-        {.kind = CallFault::Kind::kTakesSome, .nth = 1, .error = ENOSPC, .some = some, .more_failing = kAllLater});
+    const FullDisk fault(1, some);
     EXPECT_FALSE(store_.setPositionInIndexFile(0, 9));
   }
-  const ScopedWriteFault fault(
-      {.kind = CallFault::Kind::kTakesSome, .nth = 1, .error = ENOSPC, .some = 23, .more_failing = kAllLater});
+  const FullDisk fault(1, 23);
   EXPECT_EQ(store_.writePositionsToFile(), -1);
 }
 
 TEST_F(ReportFileBaseFault, IndexThatCannotBeReadLeavesTheFieldsUnchanged) {
-  const ScopedReadFault fault({.kind = CallFault::Kind::kFails, .nth = 1, .error = EIO, .more_failing = kAllLater});
+  const FailingCall fault({.call = FileCall::kReadAt, .times = kAlways, .error = EIO});
   EXPECT_EQ(store_.readPositions(), -1);
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(store_.header(), before_);

@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/reportfile/FaultyCalls.h"
 #include "tests/reportfile/StoreFiles.h"
+#include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
 namespace {
@@ -300,9 +300,9 @@ TEST_F(ReportFileBase, RecordInAHoleIsEmptyAndReadAtOnce) {
   files_.Make(StoreFiles::FullRing(1), {100}, "a\r\n");
   ASSERT_EQ(truncate(files_.DataPath().c_str(), 0x200000000), 0);
   ASSERT_TRUE(store_.OpenRead(files_.Path()));
-  const ScopedReadFault reads;
+  const CountedCalls reads(FileCall::kReadAt);
   EXPECT_EQ(Slot(0), "");
-  EXPECT_EQ(ScopedReadFault::Calls(), 3);
+  EXPECT_EQ(reads.Calls(), 3);
 }
 
 TEST_F(ReportFileBase, QuirkWritePositionIsCutTo32BitsAndTheMarkerIsNot) {
@@ -332,11 +332,11 @@ TEST_F(ReportFileBase, RingWithoutSlotsTakesRecordsWithoutDividingByZero) {
 TEST_F(ReportFileBase, AppendMakesThreeCalls) {
   Create(3);
   Append({"a"});
-  const ScopedWriteFault writes;
-  const ScopedReadFault reads;
+  const CountedCalls writes(FileCall::kAnyWriteAt);
+  const CountedCalls reads(FileCall::kReadAt);
   Append({"b"});
-  EXPECT_EQ(ScopedWriteFault::Calls(), 3);
-  EXPECT_EQ(ScopedReadFault::Calls(), 0);
+  EXPECT_EQ(writes.Calls(), 3);
+  EXPECT_EQ(reads.Calls(), 0);
 }
 
 TEST_F(ReportFileBase, PrintsEveryRecordOldestFirst) {

@@ -13,7 +13,6 @@
 
 #include "base/File.h"
 #include "reportfile/ReportFileBase.h"
-#include "tests/reportfile/FaultyCalls.h"
 #include "tests/reportfile/StoreFiles.h"
 #include "tests/support/FailingFileCalls.h"
 
@@ -192,13 +191,13 @@ TEST_F(StoreTransientFaults, FirstRecordIsTwoWritesAndLaterOnesAreThree) {
   const StoreFiles files;
   CReportFileBase store;
   ASSERT_TRUE(store.Open(files.Path(), 3));
-  const ScopedWriteFault counted;
+  const CountedCalls counted(FileCall::kAnyWriteAt);
   ASSERT_TRUE(store.writeLine("a"));
-  EXPECT_EQ(ScopedWriteFault::Calls(), 2);
+  EXPECT_EQ(counted.Calls(), 2);
   EXPECT_EQ(files.Header(), (IndexHeader{3, 3, 1, 3, 1, 0}));
   EXPECT_THAT(files.Slots(), ElementsAre(0));
   ASSERT_TRUE(store.writeLine("b"));
-  EXPECT_EQ(ScopedWriteFault::Calls(), 5);
+  EXPECT_EQ(counted.Calls(), 5);
 }
 
 TEST_F(StoreTransientFaults, FirstSlotThatIsCutShortIsRemoved) {
@@ -208,8 +207,7 @@ TEST_F(StoreTransientFaults, FirstSlotThatIsCutShortIsRemoved) {
     ASSERT_TRUE(store.Open(files.Path(), 3));
     const IndexHeader before = store.header();
     {
-      const ScopedWriteFault fault(
-          {.kind = CallFault::Kind::kTakesSome, .nth = 2, .error = ENOSPC, .some = some, .more_failing = kAllLater});
+      const FullDisk fault(2, some);
       EXPECT_FALSE(store.writeLine("a"));
       EXPECT_EQ(errno, ENOSPC);
     }
@@ -228,14 +226,14 @@ TEST_F(StoreTransientFaults, QuirkUsedObjectWritesItsFirstSlotByItsOldHeader) {
   CReportFileBase store;
   ASSERT_TRUE(store.Open(full.Path(), 2));
   ASSERT_TRUE(store.Open(first.Path(), 2));
-  const ScopedWriteFault counted;
+  const CountedCalls counted(FileCall::kAnyWriteAt);
   ASSERT_TRUE(store.writeLine("x"));
-  EXPECT_EQ(ScopedWriteFault::Calls(), 2);
+  EXPECT_EQ(counted.Calls(), 2);
   EXPECT_EQ(first.IndexBytes().size(), 28U);
   const StoreFiles second;
   ASSERT_TRUE(store.Open(second.Path(), 2));
   ASSERT_TRUE(store.writeLine("y"));
-  EXPECT_EQ(ScopedWriteFault::Calls(), 5);
+  EXPECT_EQ(counted.Calls(), 5);
   EXPECT_EQ(second.IndexBytes().size(), 32U);
 }
 

@@ -12,9 +12,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <span>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "base/FileCalls.h"
 
@@ -31,11 +33,21 @@ struct Instruction {
 constexpr std::size_t kInstructionsMax = 8;
 std::array<Instruction, kInstructionsMax> instructions;
 
+std::function<void(int)> before_read;
+int numbered_reads = 0;
+off_t offset_of_read = 0;
+off_t unreadable = -1;
+
+bool Includes(FileCall kind, FileCall call) {
+  const bool is_write_at = call == FileCall::kWriteAt || call == FileCall::kWriteVectorAt;
+  return kind == call || (kind == FileCall::kAnyWriteAt && is_write_at);
+}
+
 // The instruction that makes this call fail, or null.
 const FileFault* FaultOf(FileCall call, const char* path = "") {
   const FileFault* found = nullptr;
   for (Instruction& instruction : instructions) {
-    if (!instruction.is_in_force || instruction.fault.call != call) continue;
+    if (!instruction.is_in_force || !Includes(instruction.fault.call, call)) continue;
     if (!std::string_view(path).ends_with(instruction.fault.path)) continue;
     const int number = ++instruction.calls;
     const int first = instruction.fault.nth;
@@ -59,6 +71,34 @@ ssize_t Move(FileCall call, std::size_t size, Real real) {
   return fault->bytes == 0 ? 0 : real(std::min(size, fault->bytes));
 }
 
+void RunActionBeforeRead(off_t offset) {
+  if (!before_read) return;
+  offset_of_read = offset;
+  const auto action = std::exchange(before_read, nullptr);
+  action(++numbered_reads);
+  before_read = action;
+}
+
+// pread, up to the unreadable byte.
+ssize_t ReadReadable(int descriptor, void* to, std::size_t size, off_t offset) {
+  if (unreadable < offset || unreadable >= offset + static_cast<off_t>(size)) {
+    return ::pread(descriptor, to, size, offset);
+  }
+  if (unreadable > offset) return ::pread(descriptor, to, static_cast<std::size_t>(unreadable - offset), offset);
+  errno = EIO;
+  return -1;
+}
+
+// pwritev of the first `size` bytes of the parts.
+ssize_t WriteFirst(int descriptor, std::span<const iovec> parts, std::size_t size, off_t offset) {
+  std::vector<iovec> cut;
+  for (const iovec& part : parts) {
+    cut.push_back({part.iov_base, std::min(part.iov_len, size)});
+    size -= cut.back().iov_len;
+  }
+  return ::pwritev(descriptor, cut.data(), static_cast<int>(cut.size()), offset);
+}
+
 }  // namespace
 
 FailingCall::FailingCall(FileFault fault) : index_(0), nth_(fault.nth) {
@@ -73,6 +113,21 @@ FailingCall::~FailingCall() { instructions[index_].is_in_force = false; }
 
 int FailingCall::Calls() const { return instructions[index_].calls; }
 
+FullDisk::FullDisk(int nth, std::size_t bytes, int failing)
+    : cut_({.call = FileCall::kAnyWriteAt, .nth = nth, .bytes = bytes}),
+      rest_({.call = FileCall::kAnyWriteAt, .nth = nth + 1, .times = failing, .error = ENOSPC}) {}
+
+BeforeEachRead::BeforeEachRead(std::function<void(int read)> action) {
+  numbered_reads = 0;
+  before_read = std::move(action);
+}
+BeforeEachRead::~BeforeEachRead() { before_read = nullptr; }
+int BeforeEachRead::Reads() const { return numbered_reads; }
+off_t BeforeEachRead::Offset() const { return offset_of_read; }
+
+UnreadableByte::UnreadableByte(off_t offset) { unreadable = offset; }
+UnreadableByte::~UnreadableByte() { unreadable = -1; }
+
 }  // namespace qx::test
 
 namespace qx::calls {
@@ -81,6 +136,9 @@ using test::Fail;
 using test::FaultOf;
 using test::FileCall;
 using test::Move;
+using test::ReadReadable;
+using test::RunActionBeforeRead;
+using test::WriteFirst;
 
 int OpenAt(int directory, const char* path, int flags, mode_t mode) {
   const auto* const fault = FaultOf(FileCall::kOpen, path);
@@ -112,7 +170,8 @@ ssize_t Read(int descriptor, void* to, std::size_t size) {
   return Move(FileCall::kRead, size, [=](std::size_t some) { return ::read(descriptor, to, some); });
 }
 ssize_t ReadAt(int descriptor, void* to, std::size_t size, off_t offset) {
-  return Move(FileCall::kReadAt, size, [=](std::size_t some) { return ::pread(descriptor, to, some, offset); });
+  RunActionBeforeRead(offset);
+  return Move(FileCall::kReadAt, size, [=](std::size_t some) { return ReadReadable(descriptor, to, some, offset); });
 }
 ssize_t Write(int descriptor, const void* from, std::size_t size) {
   return Move(FileCall::kWrite, size, [=](std::size_t some) { return ::write(descriptor, from, some); });
@@ -121,14 +180,12 @@ ssize_t WriteAt(int descriptor, const void* from, std::size_t size, off_t offset
   return Move(FileCall::kWriteAt, size, [=](std::size_t some) { return ::pwrite(descriptor, from, some, offset); });
 }
 
-// With a limit, only the first part is written, as far as the limit allows.
 ssize_t WriteVectorAt(int descriptor, const iovec* parts, int count, off_t offset) {
+  const std::span all(parts, static_cast<std::size_t>(count));
   std::size_t size = 0;
-  for (int i = 0; i < count; ++i) size += parts[i].iov_len;
-  return Move(FileCall::kWriteVectorAt, size, [=](std::size_t some) {
-    if (some == size) return ::pwritev(descriptor, parts, count, offset);
-    return ::pwrite(descriptor, parts[0].iov_base, std::min(parts[0].iov_len, some), offset);
-  });
+  for (const iovec& part : all) size += part.iov_len;
+  return Move(FileCall::kWriteVectorAt, size,
+              [=](std::size_t some) { return WriteFirst(descriptor, all, some, offset); });
 }
 ssize_t CopyRange(int from, int to, std::size_t size) {
   return Move(FileCall::kCopyRange, size,

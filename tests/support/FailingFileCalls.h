@@ -6,10 +6,16 @@
 //
 // Calls of one kind are counted from the construction of the instruction; with a path, only those whose path ends in
 // it.
+//
+// What a program really asks the system for is proved by the tracer next to it: tests/trust/faults makes each system
+// call of a traced process fail.
 #pragma once
+
+#include <sys/types.h>
 
 #include <climits>
 #include <cstddef>
+#include <functional>
 #include <string>
 
 namespace qx::test {
@@ -22,6 +28,7 @@ enum class FileCall {
   kWrite,
   kWriteAt,
   kWriteVectorAt,
+  kAnyWriteAt,  // kWriteAt or kWriteVectorAt
   kCopyRange,
   kTruncate,
   kStatus,
@@ -66,6 +73,53 @@ class FailingCall {
  private:
   std::size_t index_;
   int nth_;
+};
+
+// Counts the calls of one kind.
+class CountedCalls {
+ public:
+  explicit CountedCalls(FileCall call) : counter_({.call = call, .nth = kAlways}) {}
+  [[nodiscard]] int Calls() const { return counter_.Calls(); }
+
+ private:
+  FailingCall counter_;
+};
+
+// A disk that becomes full: the `nth` write at an offset handles only `bytes` bytes, and the `failing` ones after it
+// fail with ENOSPC.
+class FullDisk {
+ public:
+  explicit FullDisk(int nth, std::size_t bytes, int failing = kAlways);
+  [[nodiscard]] int Calls() const { return cut_.Calls(); }
+
+ private:
+  FailingCall cut_;
+  FailingCall rest_;
+};
+
+// Runs an action before every read at an offset, like a writer in another process. The action gets the number of the
+// read, counted from 1 at the construction. Reads of the action itself run no action and are not numbered. There is at
+// most one such object.
+class BeforeEachRead {
+ public:
+  explicit BeforeEachRead(std::function<void(int read)> action);
+  ~BeforeEachRead();
+  BeforeEachRead(const BeforeEachRead&) = delete;
+  BeforeEachRead& operator=(const BeforeEachRead&) = delete;
+
+  [[nodiscard]] int Reads() const;
+  // The offset of the read before which the action runs.
+  [[nodiscard]] off_t Offset() const;
+};
+
+// An unreadable offset, in any file: a read at an offset ends before the byte at `offset`, and fails with EIO at it.
+// There is at most one such object.
+class UnreadableByte {
+ public:
+  explicit UnreadableByte(off_t offset);
+  ~UnreadableByte();
+  UnreadableByte(const UnreadableByte&) = delete;
+  UnreadableByte& operator=(const UnreadableByte&) = delete;
 };
 
 }  // namespace qx::test
