@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "debug/tools/TraceSettingSources.h"
-#include "tests/support/FailingAllocator.h"
+#include "tests/support/EachAllocation.h"
 #include "tests/support/Support.h"
 
 namespace qx::test {

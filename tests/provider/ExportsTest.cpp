@@ -14,17 +14,15 @@
 #include "provider/KrxRequestParams.h"
 #include "provider/Low32.h"
 #include "provider/ModuleExports.h"
-#include "tests/provider/FailingMalloc.h"
-#include "tests/provider/FailingNew.h"
 #include "tests/support/BlockBuilder.h"
+#include "tests/support/FailingAllocator.h"
 #include "tests/support/Support.h"
 
 namespace {
 
 using qx::provider::Low32;
 using qx::test::BlockBuilder;
-using qx::test::FailingMalloc;
-using qx::test::FailingNew;
+using qx::test::FailingAllocation;
 using qx::test::TraceCapture;
 
 static_assert(std::is_same_v<decltype(&What), QxRequestFunction>);
@@ -194,7 +192,7 @@ TEST_F(Exports, EveryFailedAllocationOfARequestEndsInMinusOneOrTheWholeReply) {
       char* reply = nullptr;
       int result = 0;
       {
-        const FailingNew failing(nth, 1);
+        const FailingAllocation failing({.nth = nth, .bytes_min = 1});
         result = function(block_->Block(), "<ReportData Name=\"none\" StartIndex=\"0\"/>", &reply);
         failed = failing.HasFailed();
       }
@@ -213,6 +211,11 @@ TEST_F(Exports, EveryFailedAllocationOfARequestEndsInMinusOneOrTheWholeReply) {
 constexpr char kNoDuplicate[] =
     "WCSP_MAIN           : ## FATAL ERROR in ReplyString(): strdup() failed when returning reply data";
 
+// The first malloc of exactly `bytes` bytes fails.
+qx::test::AllocationFault MallocOf(std::size_t bytes) {
+  return {.allocator = qx::test::Allocator::kMalloc, .bytes_min = bytes, .bytes_max = bytes};
+}
+
 TEST_F(Exports, ReplyThatCannotBeDuplicatedIsNullAndTracedAsFatal) {
   const std::string whole = Called(What, block_->Block(), "").text;
   for (const int level : {1, 6}) {
@@ -220,7 +223,7 @@ TEST_F(Exports, ReplyThatCannotBeDuplicatedIsNullAndTracedAsFatal) {
     char garbage = 0;
     char* reply = &garbage;
     {
-      const FailingMalloc failing(whole.size() + 1);
+      const FailingAllocation failing(MallocOf(whole.size() + 1));
       EXPECT_EQ(What(block_->Block(), "", &reply), 0);
       EXPECT_TRUE(failing.HasFailed());
     }
@@ -233,7 +236,7 @@ TEST_F(Exports, ReplyThatCannotBeDuplicatedIsNullAndTracedAsFatal) {
 TEST_F(Exports, TextThatCannotBeDuplicatedIsNullAndTracedAsFatal) {
   for (const int level : {0, 1, 6}) {
     const TraceCapture trace(level);
-    const FailingMalloc failing(sizeof "some reply");
+    const FailingAllocation failing(MallocOf(sizeof "some reply"));
     EXPECT_EQ(CKrxAdapterModule::ReplyString("some reply"), nullptr);
     std::string expected;
     if (level == 6) expected = "WCSP_MAIN           : ReplyString - duplicated pString = 0x00000000\n";
@@ -335,7 +338,7 @@ TEST_F(Exports, FactoryMakesAnInitialisedObjectThatIsNotCurrent) {
 }
 
 TEST_F(Exports, FailedAllocationLeavesNoModuleObject) {
-  const FailingNew failing(1, 1);
+  const FailingAllocation failing({.bytes_min = 1});
   EXPECT_EQ(CreateModule(nullptr), 0);
   EXPECT_EQ(pAdapterModule, nullptr);
 }
@@ -345,7 +348,7 @@ TEST_F(Exports, FailedInitLeavesNoModuleObject) {
   const char* const old = DreQXObjectName;
   DreQXObjectName = long_name;
   {
-    const FailingNew failing(2, 1);  // the first allocation is the object
+    const FailingAllocation failing({.nth = 2, .bytes_min = 1});  // the first allocation is the object
     EXPECT_EQ(CreateModule(nullptr), 0);
     EXPECT_TRUE(failing.HasFailed());
   }

@@ -6,13 +6,13 @@
 #include <new>
 #include <string>
 
-#include "tests/provider/FailingNew.h"
 #include "tests/provider/TransferFixture.h"
+#include "tests/support/FailingAllocator.h"
 
 namespace {
 
 using qx::test::BlockBuilder;
-using qx::test::FailingNew;
+using qx::test::FailingAllocation;
 using qx::test::OpenDescriptors;
 using qx::test::Reply;
 using qx::test::ServiceThread;
@@ -25,7 +25,7 @@ TEST_F(MemoryFailure, WithoutMemoryThreadDataIsNullWithAFatalTrace) {
   KrxRequestParams params(block->Block());
   CFileTransferProvider provider;
   const TraceCapture trace(1);
-  const FailingNew failure(1, sizeof(CThreadData));
+  const FailingAllocation failure({.bytes_min = sizeof(CThreadData)});
   EXPECT_EQ(provider.GetOrAllocateThreadData(params), nullptr);
   EXPECT_EQ(trace.Text(),
             "WCSP_QX GetThrdData : ## FATAL ERROR! Could not allocate CThreadData! Function will be aborted.\n");
@@ -39,7 +39,7 @@ TEST_F(MemoryFailure, WithoutThreadDataACheckIsFatalAndItsErrorIsEmpty) {
   CThreadData kept;
   CThreadData* data = &kept;
   CFileTransferProvider provider;
-  const FailingNew failure(1, sizeof(CThreadData));
+  const FailingAllocation failure({.bytes_min = sizeof(CThreadData)});
   EXPECT_EQ(provider.CheckRequest(params, in, out, data, "ReportData", "AccessPerformanceMgr"), -1);
   EXPECT_EQ(data, nullptr);
   EXPECT_EQ(out.GetDoc(), "<Error Msg=\"\"/>\n");
@@ -51,7 +51,7 @@ TEST_F(MemoryFailure, WithoutThreadDataACallIsFatalAndNothingIsCounted) {
   CMarkup in;
   CMarkup out;
   CFileTransferProvider provider;
-  const FailingNew failure(1, sizeof(CThreadData));
+  const FailingAllocation failure({.bytes_min = sizeof(CThreadData)});
   EXPECT_EQ(provider.GetReports(params, in, out), -1);
   EXPECT_EQ(out.GetDoc(), "<Error Msg=\"\"/>\n");
 }
@@ -63,7 +63,7 @@ TEST_F(MemoryFailure, NameDumpIsOnlyMadeForTheLevelThatShowsIt) {
   for (const int level : {1, 3, 4}) {
     ServiceThread thread;
     const TraceCapture trace(level);
-    const FailingNew failure(1, kDumpBytes);
+    const FailingAllocation failure({.bytes_min = kDumpBytes});
     try {
       (void)thread.Ask(name, 0);
     } catch (const std::bad_alloc&) {
@@ -88,7 +88,7 @@ TEST_F(MemoryFailure, FailedAllocationLeavesTheTransferIntact) {
     CFileTransferProvider provider;
     thread.Data()->state_word = 41;
     {
-      const FailingNew failure(nth + 1, 0);
+      const FailingAllocation failure({.nth = nth + 1});
       try {
         (void)provider.GetReports(params, in, out);
       } catch (const std::bad_alloc&) {
@@ -118,7 +118,7 @@ TEST_F(MemoryFailure, FailedAllocationInAListOfNamesLeaksNothing) {
     CFileTransferProvider provider;
     int result = -1;
     {
-      const FailingNew failure(nth + 1, 0);
+      const FailingAllocation failure({.nth = nth + 1});
       try {
         result = provider.GetReportInstanceNames(params, in, out);
       } catch (const std::bad_alloc&) {

@@ -13,6 +13,7 @@
 
 namespace {
 
+using qx::test::FailingAllocation;
 using qx::test::ReadFile;
 using qx::test::RegistryTest;
 
@@ -23,13 +24,20 @@ class RegistryFault : public RegistryTest {
   // Runs `work` with the first, second, ... allocation failing, until no allocation fails. `check` gets the number.
   static long FailEach(const std::function<void()>& work, const std::function<void(long)>& check) {
     for (long nth = 0;; ++nth) {
-      qx::test::AllocationsLeft() = nth;
-      work();
-      const bool is_last = qx::test::AllocationsLeft() >= 0;
-      qx::test::AllocationsLeft() = -1;
+      bool has_failed = false;
+      {
+        const FailingAllocation failing({.nth = nth + 1});
+        work();
+        has_failed = failing.HasFailed();
+      }
       check(nth);
-      if (is_last) return nth;
+      if (!has_failed) return nth;
     }
+  }
+
+  static void SetupWithoutMemory() {
+    const FailingAllocation failing({.nth = 1});
+    CRegistry::SetupTree(false);
   }
 
   static constexpr std::string_view kTree = "[HKEY_LOCAL_MACHINE]\n[A]\na=s=text\nb=b=01 \n[B]\nc=d=1\n\n\n\n\n";
@@ -118,9 +126,7 @@ TEST_F(RegistryFault, LoadOverATreeWithoutMemoryKeepsTheTreeWhole) {
 
 TEST_F(RegistryFault, SetupThatThrowsIsTracedAndNotRetried) {
   const qx::test::TraceCapture capture(2);
-  qx::test::AllocationsLeft() = 0;
-  CRegistry::SetupTree(false);
-  qx::test::AllocationsLeft() = -1;
+  SetupWithoutMemory();
   EXPECT_TRUE(CRegistry::MIsSetup);
   EXPECT_EQ(capture.Text(),
             "CRegistry: SetupTree(): ForceSetup=0, MIsSetup=0, MIsDirty=0\n"
@@ -129,17 +135,13 @@ TEST_F(RegistryFault, SetupThatThrowsIsTracedAndNotRetried) {
 
 TEST_F(RegistryFault, SetupThatThrowsTracesNothingBelowLevelTwo) {
   const qx::test::TraceCapture capture(1);
-  qx::test::AllocationsLeft() = 0;
-  CRegistry::SetupTree(false);
-  qx::test::AllocationsLeft() = -1;
+  SetupWithoutMemory();
   EXPECT_TRUE(CRegistry::MIsSetup);
   EXPECT_EQ(capture.Text(), "");
 }
 
 TEST_F(RegistryFault, FileThatAThrowingSetupDidNotReadIsKept) {
-  qx::test::AllocationsLeft() = 0;
-  CRegistry::SetupTree(false);
-  qx::test::AllocationsLeft() = -1;
+  SetupWithoutMemory();
   ASSERT_TRUE(CRegistry::MIsSetup);
   CRegistry::MPRegistry = File();
   CRegistry::MPRegistryOld = File("registry.old");

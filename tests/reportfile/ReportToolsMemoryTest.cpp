@@ -13,7 +13,7 @@
 #include "reportfile/tools/WritingProcesses.h"
 #include "tests/provider/ReportRoot.h"
 #include "tests/reportfile/StoreLife.h"
-#include "tests/support/FailingAllocator.h"
+#include "tests/support/EachAllocation.h"
 
 namespace qx::test {
 namespace {

@@ -8,7 +8,7 @@
 #include "sdk/Reader.h"
 #include "sdk/Writer.h"
 #include "tests/reportfile/StoreFiles.h"
-#include "tests/support/FailingAllocator.h"
+#include "tests/support/EachAllocation.h"
 
 namespace qx::test {
 namespace {
@@ -24,18 +24,15 @@ class SdkReaderMemory : public testing::Test {
   StoreFiles files_;
 };
 
-// The program's allocations are counted down from a number that is never reached.
 TEST_F(SdkReaderMemory, LoopAllocatesNothingForARecord) {
   MakeReport(20000);
   Reader reader;
   ASSERT_FALSE(reader.Open(files_.Base()).Failed());
-  constexpr long kMany = 1000000;
   std::size_t bytes = 0;
-  AllocationsLeft() = kMany;
+  const FailingAllocation counter({.nth = 1000000});  // never reached
   const bool is_refreshed = !reader.Refresh().Failed();
   for (const RecordView& record : reader) bytes += record.text.size();
-  const long allocations = kMany - AllocationsLeft();
-  AllocationsLeft() = -1;
+  const long allocations = counter.Allocations();
   EXPECT_TRUE(is_refreshed);
   EXPECT_EQ(bytes, 1000000U);
   EXPECT_LT(allocations, 20);

@@ -1,29 +1,46 @@
 #include "tests/support/FailingAllocator.h"
 
-#include <cstdlib>
-#include <new>
+#include <pthread.h>
+
+#include <cerrno>
+
+namespace qx::test {
 
 namespace {
 
-constinit std::atomic<long> allocations_left{-1};
+constinit AllocationFault instruction;
+constinit pthread_t instructing_thread = 0;
+constinit std::atomic<bool> has_failed{false};
+constinit std::atomic<long> allocations_left{-1};  // before one fails; negative: none fails
 
-bool AllocationFails() { return allocations_left >= 0 && allocations_left.fetch_sub(1) == 0; }
+bool Counts(Allocator allocator, std::size_t bytes) noexcept {
+  const bool is_in_size = bytes >= instruction.bytes_min && bytes <= instruction.bytes_max;
+  const bool is_in_thread = instruction.in_all_threads || instructing_thread == pthread_self();
+  return allocator == instruction.allocator && is_in_size && is_in_thread;
+}
 
 }  // namespace
 
-std::atomic<long>& qx::test::AllocationsLeft() { return allocations_left; }
+FailingAllocation::FailingAllocation(const AllocationFault& fault) {
+  instruction = fault;
+  instructing_thread = pthread_self();
+  has_failed = false;
+  allocations_left = fault.nth - 1;
+}
 
-void* operator new(std::size_t size) {
-  void* block = AllocationFails() ? nullptr : std::malloc(size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
+FailingAllocation::~FailingAllocation() { allocations_left = -1; }
+
+bool FailingAllocation::HasFailed() const { return has_failed; }
+long FailingAllocation::Allocations() const { return instruction.nth - 1 - allocations_left; }
+
+bool AllocationFails(Allocator allocator, std::size_t bytes) noexcept {
+  if (allocations_left < 0 || !Counts(allocator, bytes)) return false;
+  if (allocations_left.fetch_sub(1) != 0) return false;
+  if (instruction.lasts) allocations_left = 0;
+  has_failed = true;
+  if (instruction.failed != nullptr) *instruction.failed = true;
+  errno = ENOMEM;
+  return true;
 }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return AllocationFails() ? nullptr : std::malloc(size);
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new[](std::size_t size, const std::nothrow_t& nothrow) noexcept { return operator new(size, nothrow); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
+
+}  // namespace qx::test

@@ -1,41 +1,47 @@
-// The whole program's operator new, made to fail on demand. A source of its own, lest the compiler sees through it.
+// Makes allocations fail on demand. What a program links next to this decides which allocations it counts:
+//
+//   FailingNew.cpp            operator new
+//   FailingMalloc.cpp         malloc and strdup of the program's own objects; needs --wrap=malloc,--wrap=strdup
+//   FailingProcessMalloc.cpp  malloc and its relatives in the whole process: operator new, the C library's own
+//                             allocations and those of a loaded module
+//
+//   const FailingAllocation failing({.nth = 2});                      the second operator new fails once
+//   const FailingAllocation failing({.allocator = Allocator::kMalloc, .bytes_min = 100, .bytes_max = 100});
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <functional>
-#include <new>
-#include <optional>
-#include <string>
+#include <cstddef>
+#include <cstdint>
 
 namespace qx::test {
 
-// How many more allocations succeed before one fails; negative: none fails.
-std::atomic<long>& AllocationsLeft();
+enum class Allocator { kNew, kMalloc };
 
-// Prepares and works again and again, with the first, second, ... allocation of the work failing, until none fails.
-// The result is judged each time; there is no result when the work has thrown std::bad_alloc.
-template <typename Result>
-void WithEachAllocationFailing(const std::function<void()>& prepare, const std::function<Result()>& work,
-                               const std::function<void(const std::optional<Result>&)>& judge) {
-  constexpr long kAllocationsMax = 2000;
-  bool is_met = true;
-  for (long nth = 0; is_met; ++nth) {
-    ASSERT_LT(nth, kAllocationsMax) << "never passes untouched";
-    SCOPED_TRACE("allocation " + std::to_string(nth));
-    prepare();
-    std::optional<Result> result;
-    AllocationsLeft() = nth;
-    try {
-      result = work();
-    } catch (const std::bad_alloc&) {
-    }
-    is_met = AllocationsLeft() < 0;
-    AllocationsLeft() = -1;
-    judge(result);
-    EXPECT_TRUE(is_met || result.has_value());
-  }
-}
+struct AllocationFault {
+  Allocator allocator = Allocator::kNew;
+  long nth = 1;                         // counted from 1; 0: none fails
+  std::size_t bytes_min = 0;            // smaller allocations do not count
+  std::size_t bytes_max = SIZE_MAX;     // larger ones neither
+  bool lasts = false;                   // all later ones fail as well
+  bool in_all_threads = false;          // otherwise only those of the thread that gives the instruction count
+  std::atomic<bool>* failed = nullptr;  // set when one fails; may be in memory that another process sees
+};
+
+// One instruction, from construction to the end of the scope. There is at most one.
+class FailingAllocation {
+ public:
+  explicit FailingAllocation(const AllocationFault& fault);
+  ~FailingAllocation();
+  FailingAllocation(const FailingAllocation&) = delete;
+  FailingAllocation& operator=(const FailingAllocation&) = delete;
+
+  // Whether an allocation has failed because of it.
+  [[nodiscard]] bool HasFailed() const;
+  // How many allocations it has counted, while none has failed.
+  [[nodiscard]] long Allocations() const;
+};
+
+// For the functions that replace an allocator: whether this call is to fail. Sets errno then.
+[[nodiscard]] bool AllocationFails(Allocator allocator, std::size_t bytes) noexcept;
 
 }  // namespace qx::test

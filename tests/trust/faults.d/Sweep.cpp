@@ -14,12 +14,14 @@
 #include <set>
 #include <stdexcept>
 
-#include "tests/trust/faults.d/FailingAllocator.h"
+#include "tests/support/FailingAllocator.h"
 #include "tests/trust/tracing.d/CallTracer.h"
 
 namespace qx::trust {
 
 namespace {
+
+using test::AllocationFault;
 
 constexpr unsigned kSecondsMax = 30;
 constexpr long kCallsMax = 2000;  // of one kind; more means that nothing ever ends
@@ -149,9 +151,9 @@ void Tell(const Finding& finding) {
 }
 
 // True when memory ran out and the caller heard of it as C++ callers do.
-bool RunMeetingFaults(const Scenario& scenario, const std::string& directory, AllocationFault allocation) {
+bool RunMeetingFaults(const Scenario& scenario, const std::string& directory, const AllocationFault& allocation) {
   bool has_thrown = false;
-  FailAllocations(allocation, SharedBlock().is_met);
+  const test::FailingAllocation failing(allocation);
   BeginWatched();
   try {
     scenario.run(directory);
@@ -159,11 +161,10 @@ bool RunMeetingFaults(const Scenario& scenario, const std::string& directory, Al
     has_thrown = true;
   }
   EndWatched();
-  StopFailingAllocations();
   return has_thrown;
 }
 
-void RunAndJudge(const Scenario& scenario, const std::string& directory, AllocationFault allocation) {
+void RunAndJudge(const Scenario& scenario, const std::string& directory, const AllocationFault& allocation) {
   const std::set<std::string> before_all = OpenDescriptors();
   scenario.prepare(directory);
   std::set<std::string> before = OpenDescriptors();
@@ -183,7 +184,7 @@ bool ConcernsSpared(const SystemCall& call) {
          static_cast<int>(call.arguments[0]) == spared;
 }
 
-void RunInChild(const Scenario& scenario, const std::string& directory, AllocationFault allocation) {
+void RunInChild(const Scenario& scenario, const std::string& directory, const AllocationFault& allocation) {
   try {
     RunAndJudge(scenario, directory, allocation);
   } catch (const std::exception& error) {
@@ -216,11 +217,15 @@ ChildEnd RunStep(const Scenario& scenario, const Fault& fault, long nth, const s
   std::filesystem::create_directory(directory);
   is_passing_open_fault = IsPassingOpen(fault);
   if (fault.kind == nullptr) {
-    const AllocationFault allocation = {.nth = nth, .lasts = fault.lasts};
+    const AllocationFault allocation = {.allocator = test::Allocator::kMalloc,
+                                        .nth = nth,
+                                        .lasts = fault.lasts,
+                                        .in_all_threads = true,
+                                        .failed = &SharedBlock().is_met};
     return RunChild([&] { RunInChild(scenario, directory, allocation); }, nullptr, kSecondsMax);
   }
   const Watch watch = WatchFor(fault, nth);
-  return RunChild([&] { RunInChild(scenario, directory, {}); }, &watch, kSecondsMax);
+  return RunChild([&] { RunInChild(scenario, directory, {.nth = 0}); }, &watch, kSecondsMax);
 }
 
 void Report(SweepResult& result, const std::string& text) {

@@ -1,25 +1,13 @@
-#include "tests/provider/FailingNew.h"
-
-#include <pthread.h>
-
-#include <atomic>
+// The program's operator new and delete. A source of its own, so that the compiler cannot see through them.
 #include <cstdlib>
 #include <new>
 
+#include "tests/support/FailingAllocator.h"
+
 namespace {
 
-// The thread whose allocations are counted, or 0. While it is set, only that thread uses the other two.
-std::atomic<pthread_t> counted_thread{0};
-std::atomic<int> left_until_failure{0};
-std::atomic<std::size_t> counted_bytes_min{0};
-
-bool FailsNow(std::size_t size) noexcept {
-  if (counted_thread != pthread_self() || size < counted_bytes_min || left_until_failure <= 0) return false;
-  return --left_until_failure == 0;
-}
-
 void* Allocated(std::size_t size) noexcept {
-  if (FailsNow(size)) return nullptr;
+  if (qx::test::AllocationFails(qx::test::Allocator::kNew, size)) return nullptr;
   return std::malloc(size != 0 ? size : 1);
 }
 
@@ -41,17 +29,3 @@ void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
 void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
 void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
-
-namespace qx::test {
-
-FailingNew::FailingNew(int nth, std::size_t bytes_min) {
-  left_until_failure = nth;
-  counted_bytes_min = bytes_min;
-  counted_thread = pthread_self();
-}
-
-FailingNew::~FailingNew() { counted_thread = 0; }
-
-bool FailingNew::HasFailed() const { return left_until_failure == 0; }
-
-}  // namespace qx::test
