@@ -1,15 +1,13 @@
-// Random operations on a store and on two models: a deque of the newest records, and a store of buffered streams whose
-// files must have the same bytes.
+// Random operations on a store and on the plain model of its ring: the records and the bytes of the files are equal.
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <random>
 #include <string>
 
 #include "reportfile/RecordReader.h"
 #include "reportfile/ReportFileBase.h"
-#include "tests/reportfile/PlainStore.h"
 #include "tests/reportfile/StoreFiles.h"
+#include "tests/support/ReportRing.h"
 
 namespace qx::test {
 namespace {
@@ -24,12 +22,12 @@ class ReportFileBaseModel : public testing::Test {
     return text;
   }
 
-  void ExpectHolds(CReportFileBase& store, const std::deque<std::string>& model) {
+  void ExpectHolds(CReportFileBase& store, const ReportRing& model) {
     std::string expected;
-    for (const std::string& record : model) expected += record;
+    for (std::size_t age = 0; age < model.ring.size(); ++age) expected += model.OfAge(age).line;
     std::string read;
     for (const std::string& record : ReadAll(store)) read += record;
-    ASSERT_EQ(store.header().highestIndex, model.size());
+    ASSERT_EQ(store.header().highestIndex, model.ring.size());
     ASSERT_EQ(read, expected);
     ASSERT_EQ(TakeInAgeOrder(store), expected);
   }
@@ -52,14 +50,14 @@ class ReportFileBaseModel : public testing::Test {
 TEST_F(ReportFileBaseModel, RingHoldsTheNewestRecords) {
   for (const std::uint32_t slots : {2U, 3U, 7U, 50U}) {
     const StoreFiles files;
-    std::deque<std::string> model;
+    ReportRing model;
+    model.writer.maxRecord = slots;
     CReportFileBase writer;
     ASSERT_TRUE(writer.Open(files.Path(), slots));
     for (int step = 0; step < 500; ++step) {
       const std::string text = Text(20);
       ASSERT_TRUE(writer.writeLine(text.c_str()));
-      model.push_back(text + "\r\n");
-      if (model.size() > slots) model.pop_front();
+      model.Append(text);
       ASSERT_TRUE(Below(10) != 0 || writer.Open(files.Path(), 1 + Below(99)));
       if (Below(4) != 0) continue;
       CReportFileBase reader;
@@ -69,26 +67,27 @@ TEST_F(ReportFileBaseModel, RingHoldsTheNewestRecords) {
   }
 }
 
-TEST_F(ReportFileBaseModel, FilesAreThoseOfAStoreOfBufferedStreams) {
+TEST_F(ReportFileBaseModel, FilesAreThoseOfThePlainModel) {
   for (int life = 0; life < 60; ++life) {
     const StoreFiles files;
-    const StoreFiles plain_files;
     CReportFileBase store;
-    PlainStore plain;
+    ReportRing model;
     const std::uint32_t slots = Below(30);
-    ASSERT_EQ(store.Open(files.Path(), slots), plain.Open(plain_files.Base(), slots));
+    ASSERT_TRUE(store.Open(files.Path(), slots));
+    model.writer.maxRecord = slots != 0 ? slots : 1073741823;
     const std::uint32_t longest = 1 + (1U << Below(14));
     for (std::uint32_t step = Below(150); step > 0; --step) {
       const std::string text = Text(Below(longest));
-      ASSERT_EQ(store.writeLine(text.c_str()), plain.WriteLine(text.c_str()));
-      ASSERT_EQ(store.header(), plain.header);
+      ASSERT_TRUE(store.writeLine(text.c_str()));
+      model.Append(text);
+      ASSERT_EQ(store.header(), model.writer);
       if (Below(12) != 0) continue;
-      ASSERT_EQ(store.Open(files.Path(), 5), plain.Open(plain_files.Base(), 5));
-      ASSERT_EQ(store.header(), plain.header);
+      ASSERT_TRUE(store.Open(files.Path(), 5));
+      model.writer = model.ReadHeader();
+      ASSERT_EQ(store.header(), model.writer);
     }
-    plain.Close();
-    ASSERT_EQ(files.IndexBytes(), plain_files.IndexBytes());
-    ASSERT_EQ(files.DataBytes(), plain_files.DataBytes());
+    ASSERT_EQ(files.IndexBytes(), model.index);
+    ASSERT_EQ(files.DataBytes(), model.data);
   }
 }
 

@@ -7,7 +7,7 @@
 #include <random>
 
 #include "reportfile/tools/ReportFollower.h"
-#include "tests/reportfile/RingModel.h"
+#include "tests/reportfile/FollowedReport.h"
 #include "tests/support/Support.h"
 
 namespace qx::test {
@@ -152,7 +152,7 @@ class Life {
   }
 
   std::mt19937_64 random_;
-  RingModel ring_;
+  FollowedReport ring_;
   unsigned kinds_;
   std::uint64_t written_ = 0;
   std::unique_ptr<ReportFollower> follower_;

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/reportfile/RingModel.h"
+#include "tests/reportfile/FollowedReport.h"
 
 namespace qx::test {
 
@@ -18,11 +18,11 @@ constexpr std::uint32_t kAll = 1000000;
 
 using Texts = std::vector<std::string>;
 
-void Append(RingModel& ring, const Texts& records) {
+void Append(FollowedReport& ring, const Texts& records) {
   for (const std::string& record : records) ring.Append(record);
 }
 
-void AppendNumbered(RingModel& ring, int first, int count) {
+void AppendNumbered(FollowedReport& ring, int first, int count) {
   for (int i = first; i < first + count; ++i) ring.Append(std::to_string(i));
 }
 
@@ -37,7 +37,7 @@ ReportPoll Take(ReportFollower& follower, std::uint32_t count_max = kAll) {
 }  // namespace
 
 TEST(ReportFollower, FirstPollReturnsEveryRecord) {
-  RingModel ring(5);
+  FollowedReport ring(5);
   Append(ring, {"a", "b"});
   ReportFollower follower(ring);
   const ReportPoll poll = Take(follower);
@@ -50,7 +50,7 @@ TEST(ReportFollower, FirstPollReturnsEveryRecord) {
 }
 
 TEST(ReportFollower, LaterPollsReturnNewRecordsAlsoAfterTheRingAdvanced) {
-  RingModel ring(4);
+  FollowedReport ring(4);
   Append(ring, {"a", "b", "c"});
   ReportFollower follower(ring);
   Take(follower);
@@ -62,7 +62,7 @@ TEST(ReportFollower, LaterPollsReturnNewRecordsAlsoAfterTheRingAdvanced) {
 }
 
 TEST(ReportFollower, UndeliveredRecordsAreReturnedAgain) {
-  RingModel ring(9);
+  FollowedReport ring(9);
   Append(ring, {"a", "b", "c"});
   ReportFollower follower(ring);
   ReportPoll poll;
@@ -72,7 +72,7 @@ TEST(ReportFollower, UndeliveredRecordsAreReturnedAgain) {
 }
 
 TEST(ReportFollower, SavedPositionContinuesInANewFollower) {
-  RingModel ring(40);
+  FollowedReport ring(40);
   AppendNumbered(ring, 0, 40);
   ReportFollower first(ring);
   Take(first, 35);
@@ -85,7 +85,7 @@ TEST(ReportFollower, SavedPositionContinuesInANewFollower) {
 }
 
 TEST(ReportFollower, ReplacedRecordsAreAGapAndTheRestIsDelivered) {
-  RingModel ring(3);
+  FollowedReport ring(3);
   Append(ring, {"a", "b", "c"});
   ReportFollower follower(ring);
   Take(follower);
@@ -98,7 +98,7 @@ TEST(ReportFollower, ReplacedRecordsAreAGapAndTheRestIsDelivered) {
 }
 
 TEST(ReportFollower, GapWithoutADeliveryIsReportedAgain) {
-  RingModel ring(2);
+  FollowedReport ring(2);
   Append(ring, {"a", "b"});
   ReportFollower follower(ring);
   Take(follower);
@@ -110,7 +110,7 @@ TEST(ReportFollower, GapWithoutADeliveryIsReportedAgain) {
 }
 
 TEST(ReportFollower, ReportWithFewerRecordsWasStartedOver) {
-  RingModel ring(5);
+  FollowedReport ring(5);
   Append(ring, {"a", "b", "c"});
   ReportFollower follower(ring);
   Take(follower);
@@ -122,7 +122,7 @@ TEST(ReportFollower, ReportWithFewerRecordsWasStartedOver) {
 }
 
 TEST(ReportFollower, EqualRecordsAreAmbiguousAndNoneIsDeliveredTwice) {
-  RingModel ring(5);
+  FollowedReport ring(5);
   Append(ring, {"ok", "ok", "ok"});
   ReportFollower follower(ring);
   Take(follower);
@@ -133,7 +133,7 @@ TEST(ReportFollower, EqualRecordsAreAmbiguousAndNoneIsDeliveredTwice) {
 }
 
 TEST(ReportFollower, FirstPollSearchesTheWholeRingForASecondPosition) {
-  RingModel ring(3000);
+  FollowedReport ring(3000);
   AppendNumbered(ring, 0, 40);
   ReportFollower first(ring);
   Take(first, 40);
@@ -144,7 +144,7 @@ TEST(ReportFollower, FirstPollSearchesTheWholeRingForASecondPosition) {
 }
 
 TEST(ReportFollower, LaterPollsReadLittleAndStillFindAFarPosition) {
-  RingModel ring(5000);
+  FollowedReport ring(5000);
   AppendNumbered(ring, 0, 5000);
   ReportFollower follower(ring);
   Take(follower);
@@ -158,7 +158,7 @@ TEST(ReportFollower, LaterPollsReadLittleAndStillFindAFarPosition) {
 }
 
 TEST(ReportFollower, RingThatAdvancesOverTheReadPositionRestartsThePoll) {
-  RingModel ring(4);
+  FollowedReport ring(4);
   Append(ring, {"a", "b", "c", "d"});
   int reads = 0;
   ring.BetweenReads([&] {
@@ -171,7 +171,7 @@ TEST(ReportFollower, RingThatAdvancesOverTheReadPositionRestartsThePoll) {
 }
 
 TEST(ReportFollower, GapThatAppearsDuringAPollHasASize) {
-  RingModel ring(50);
+  FollowedReport ring(50);
   AppendNumbered(ring, 0, 50);
   ReportFollower follower(ring);
   Take(follower, 40);
@@ -190,7 +190,7 @@ TEST(ReportFollower, GapThatAppearsDuringAPollHasASize) {
 }
 
 TEST(ReportFollower, WriterThatIsAlwaysFasterIsReportedWithoutADelivery) {
-  RingModel ring(4);
+  FollowedReport ring(4);
   int number = 0;
   AppendNumbered(ring, 0, 4);
   ring.BetweenReads([&] { AppendNumbered(ring, 4 * ++number, 4); });
@@ -202,8 +202,8 @@ TEST(ReportFollower, WriterThatIsAlwaysFasterIsReportedWithoutADelivery) {
 }
 
 TEST(ReportFollower, RecordTooLongForAReplyBlocksWhatFollowsIt) {
-  RingModel ring(9);
-  Append(ring, {"a", std::string(RingModel::kRecordBytesMax + 1, 'x'), "c"});
+  FollowedReport ring(9);
+  Append(ring, {"a", std::string(FollowedReport::kRecordBytesMax + 1, 'x'), "c"});
   ReportFollower follower(ring);
   const ReportPoll first = Take(follower);
   EXPECT_EQ(first.records, Texts{"a"});
@@ -217,7 +217,7 @@ TEST(ReportFollower, RecordTooLongForAReplyBlocksWhatFollowsIt) {
 
 TEST(ReportFollower, EachFailedCallLeavesThePosition) {
   for (int n = 1; n < 20; ++n) {
-    RingModel ring(4);
+    FollowedReport ring(4);
     Append(ring, {"a", "b", "c"});
     ReportFollower follower(ring);
     Take(follower);
@@ -237,7 +237,7 @@ TEST(ReportFollower, EachFailedCallLeavesThePosition) {
 }
 
 TEST(ReportFollower, SmallRepliesAndSmallCountsReturnTheSameRecords) {
-  RingModel ring(100);
+  FollowedReport ring(100);
   AppendNumbered(ring, 0, 250);
   ring.LimitAnswers(7);
   ReportFollower follower(ring);

@@ -9,11 +9,9 @@
 #include <unistd.h>
 
 #include <array>
-#include <bit>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -28,15 +26,14 @@
 #include "reportfile/RecordReader.h"
 #include "reportfile/ReportFileBase.h"
 #include "tests/provider/ReportRoot.h"
-#include "tests/trust/rings.d/RingModel.h"
+#include "tests/trust/rings.d/TransferModel.h"
 
 __attribute__((init_priority(101))) CDebug Debug;
 
 namespace {
 
-using qx::trust::Head;
-using qx::trust::Kept;
-using qx::trust::RingModel;
+using qx::report::IndexHeader;
+using qx::trust::TransferModel;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kChunkBytes = 1U << 20;
@@ -103,7 +100,7 @@ class ReportFiles {
 // Files and objects set to a model's value.
 class System {
  public:
-  System(const ReportFiles& files, const RingModel& model) : files_(files) {
+  System(const ReportFiles& files, const TransferModel& model) : files_(files) {
     SetTo(model.writer, writer_, true);
     SetTo(model.reader, reader_, false);
     if (model.called) SetTo(model.transfer, thread_.report_file, false);
@@ -121,7 +118,7 @@ class System {
   bool OtherWriterOpens(std::uint32_t slots) {
     CReportFileBase other;
     const bool opened = other.Open(base_.c_str(), slots);
-    SetTo(HeadOf(other), writer_, true, files_.Index().Read());
+    SetTo(other.header(), writer_, true, files_.Index().Read());
     return opened;
   }
 
@@ -146,48 +143,45 @@ class System {
     return out.GetDoc();
   }
 
-  bool IsAt(const RingModel& model) {
+  bool IsAt(const TransferModel& model) {
     return files_.Index().Read() == model.index && files_.Data().Read() == model.data &&
-           Same(HeadOf(writer_), model.writer) && Same(HeadOf(reader_), model.reader) &&
+           writer_.header() == model.writer && reader_.header() == model.reader &&
            (thread_.state_word != 0) == model.called &&
-           (!model.called || Same(HeadOf(thread_.report_file), model.transfer)) &&
-           thread_.oldest_index == model.oldest && thread_.highest_index == model.highest;
+           (!model.called || thread_.report_file.header() == model.transfer) && thread_.oldest_index == model.oldest &&
+           thread_.highest_index == model.highest;
   }
 
   // What the reader gets of each slot, one by one and in runs, and whether whole records of the ring come back.
-  bool ReadsAs(const RingModel& model) {
+  bool ReadsAs(const TransferModel& model) {
     std::string all;
-    for (std::uint32_t slot = 0; slot < model.reader.used; ++slot) {
+    for (std::uint32_t slot = 0; slot < model.reader.highestIndex; ++slot) {
       std::string text;
       if (!reader_.readLine(text, slot) || text != model.Read(slot)) return false;
       all += text;
     }
     std::string unread = "as it was";
-    if (reader_.readLine(unread, model.reader.used) || unread != "as it was") return false;
+    if (reader_.readLine(unread, model.reader.highestIndex) || unread != "as it was") return false;
     std::string runs;
-    const auto taken = qx::report::RecordReader(reader_).Take(0, {model.reader.used, kChunkBytes}, &runs);
-    return taken.count == model.reader.used && runs == all && KeepsTheRing(model);
+    const auto taken = qx::report::RecordReader(reader_).Take(0, {model.reader.highestIndex, kChunkBytes}, &runs);
+    return taken.count == model.reader.highestIndex && runs == all && KeepsTheRing(model);
   }
 
  private:
   // The newest records, oldest first, as far as no longer record was written over them.
-  bool KeepsTheRing(const RingModel& model) {
+  bool KeepsTheRing(const TransferModel& model) {
     CReportFileBase fresh;
     if (!fresh.OpenRead(base_.c_str()) || fresh.header().highestIndex != model.ring.size()) return false;
     for (std::uint32_t i = 0; i < model.ring.size(); ++i) {
       std::string text;
       if (!fresh.readLine(text, qx::report::SlotOfLogical(fresh.header(), i))) return false;
-      if (model.ring[i].intact && text != model.ring[i].line) return false;
+      if (model.OfAge(i).intact && text != model.OfAge(i).line) return false;
     }
     return true;
   }
 
-  static Head HeadOf(const CReportFileBase& store) { return std::bit_cast<Head>(store.header()); }
-  static bool Same(const Head& a, const Head& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
-
   // An object takes its header from the file when it opens, so the file holds that for a moment.
-  void SetTo(const Head& head, CReportFileBase& store, bool writes, const std::string& index_afterwards = "") {
-    files_.Index().Write(RingModel::Bytes(&head, sizeof head));
+  void SetTo(const IndexHeader& header, CReportFileBase& store, bool writes, const std::string& index_afterwards = "") {
+    files_.Index().Write(TransferModel::Bytes(&header, sizeof header));
     if (!(writes ? store.Open(base_.c_str(), 1) : store.OpenRead(base_.c_str()))) std::abort();
     files_.Index().Write(index_afterwards);
   }
@@ -206,8 +200,8 @@ std::string ReplyOf(const std::string& records, std::int32_t start, std::int32_t
          "\"><![CDATA[" + records + "]]></ReportData>\n";
 }
 
-bool CallsAgree(System& system, RingModel& model, std::int32_t start, std::int32_t limit, bool in_race) {
-  const std::string text = TextOf(Operation::kAppendShort, model.writer.count);
+bool CallsAgree(System& system, TransferModel& model, std::int32_t start, std::int32_t limit, bool in_race) {
+  const std::string text = TextOf(Operation::kAppendShort, model.writer.elementCount);
   const std::string records = model.Call(start, limit, [&] {
     if (in_race) model.Append(text);
   });
@@ -215,8 +209,8 @@ bool CallsAgree(System& system, RingModel& model, std::int32_t start, std::int32
 }
 
 // Does the operation to both; false when their results differ.
-bool Run(Operation operation, System& system, RingModel& model) {
-  const std::string text = TextOf(operation, model.writer.count);
+bool Run(Operation operation, System& system, TransferModel& model) {
+  const std::string text = TextOf(operation, model.writer.elementCount);
   switch (operation) {
     case Operation::kAppendShort:
     case Operation::kAppendLong:
@@ -224,13 +218,13 @@ bool Run(Operation operation, System& system, RingModel& model) {
       model.Append(text);
       return system.Append(text);
     case Operation::kWriterReopens:
-      model.writer = model.ReadHead(model.writer);
+      model.writer = model.ReadHeader(model.writer);
       return system.WriterReopens();
     case Operation::kOtherWriterOpens:
-      model.writer = model.ReadHead({});
-      return system.OtherWriterOpens(model.writer.slots + 1);
+      model.writer = model.ReadHeader();
+      return system.OtherWriterOpens(model.writer.maxRecord + 1);
     case Operation::kReaderReopens:
-      model.reader = model.ReadHead({});
+      model.reader = model.ReadHeader();
       return system.ReaderReopens();
     case Operation::kTransferBegins:
       return CallsAgree(system, model, 0, 1, false);
@@ -248,11 +242,16 @@ struct KeyHash {
   std::size_t operator()(const Key& key) const { return key[0]; }
 };
 
-Key KeyOf(const RingModel& model) {
+Key KeyOf(const TransferModel& model) {
   std::string bytes = model.index + '|' + model.data + '|';
-  for (const Kept& kept : model.ring) bytes += kept.line + RingModel::Bytes(&kept.at, 4) + (kept.intact ? '+' : '-');
-  for (const Head& head : {model.writer, model.reader, model.transfer}) bytes += RingModel::Bytes(&head, sizeof head);
-  bytes += RingModel::Bytes(&model.oldest, 8) + RingModel::Bytes(&model.highest, 8) + RingModel::Bytes(&model.next, 4);
+  for (const TransferModel::Kept& kept : model.ring) {
+    bytes.append(kept.line).append(TransferModel::Bytes(&kept.at, 4)) += kept.intact ? '+' : '-';
+  }
+  for (const IndexHeader& header : {model.writer, model.reader, model.transfer}) {
+    bytes += TransferModel::Bytes(&header, sizeof header);
+  }
+  bytes.append(TransferModel::Bytes(&model.oldest, 8)).append(TransferModel::Bytes(&model.highest, 8));
+  bytes += TransferModel::Bytes(&model.next, 4);
   bytes += model.called ? '+' : '-';
   return {std::hash<std::string>()(bytes), std::hash<std::string>()(bytes + "once more")};
 }
@@ -262,8 +261,8 @@ class Search {
  public:
   explicit Search(const std::string& directory) : files_(directory) {
     for (std::uint32_t slots = 1; slots <= 3; ++slots) {
-      RingModel model;
-      model.writer.slots = slots;
+      TransferModel model;
+      model.writer.maxRecord = slots;
       reached_.insert(KeyOf(model));
       frontier_.push_back(model);
     }
@@ -271,10 +270,10 @@ class Search {
 
   // The values that are reached last need not be kept when nothing continues from them.
   void OneFurther(bool is_last) {
-    std::vector<RingModel> next;
-    for (const RingModel& from : frontier_) {
+    std::vector<TransferModel> next;
+    for (const TransferModel& from : frontier_) {
       for (int i = 0; i < kOperations; ++i) {
-        RingModel model = from;
+        TransferModel model = from;
         if (!Try(static_cast<Operation>(i), model)) Report(from, i);
         if (reached_.insert(KeyOf(model)).second && !is_last) next.push_back(std::move(model));
       }
@@ -287,20 +286,20 @@ class Search {
   std::size_t Wrong() const { return wrong_; }
 
  private:
-  bool Try(Operation operation, RingModel& model) {
+  bool Try(Operation operation, TransferModel& model) {
     ++steps_;
     System system(files_, model);
     return Run(operation, system, model) && system.IsAt(model) && system.ReadsAs(model);
   }
 
-  void Report(const RingModel& from, int operation) {
+  void Report(const TransferModel& from, int operation) {
     if (++wrong_ > 5) return;
     std::fprintf(stderr, "model_check: operation %d on a ring of %u slots, %u records written: not as the model\n",
-                 operation, from.writer.slots, from.writer.count);
+                 operation, from.writer.maxRecord, from.writer.elementCount);
   }
 
   ReportFiles files_;
-  std::vector<RingModel> frontier_;
+  std::vector<TransferModel> frontier_;
   std::unordered_set<Key, KeyHash> reached_;
   std::size_t steps_ = 0;
   std::size_t wrong_ = 0;

@@ -1,5 +1,5 @@
-// A report as a list of all records ever written and a ring over the last of them, read as a module reads one: the
-// plain model that a follower is compared with.
+// A report as a list of all records ever written and the ring model over the last of them, read as a module reads one:
+// what a follower is compared with.
 #pragma once
 
 #include <cstdint>
@@ -8,12 +8,13 @@
 #include <vector>
 
 #include "reportfile/tools/ReportFollower.h"
+#include "tests/support/ReportRing.h"
 
 namespace qx::test {
 
-class RingModel : public report::RecordSource {
+class FollowedReport : public report::RecordSource {
  public:
-  explicit RingModel(std::uint32_t slots) : slots_(slots) {}
+  explicit FollowedReport(std::uint32_t slots) { ring_.writer.maxRecord = slots; }
 
   void Append(const std::string& record);
   // Empties the report and forgets its records.
@@ -21,7 +22,7 @@ class RingModel : public report::RecordSource {
 
   // All records since the start, and how many of the first ones have been replaced.
   const std::vector<std::string>& All() const { return all_; }
-  std::size_t Gone() const { return all_.size() - kept_.size(); }
+  std::size_t Gone() const { return all_.size() - ring_.ring.size(); }
 
   // The most records of one reply.
   void LimitAnswers(std::uint32_t records) { answer_max_ = records; }
@@ -37,13 +38,12 @@ class RingModel : public report::RecordSource {
   static constexpr std::size_t kRecordBytesMax = 1000;  // a longer record does not fit into a reply
 
  private:
+  void TakeSnapshot();
   bool Call();
 
-  std::uint32_t slots_;
+  ReportRing ring_;
   std::uint32_t answer_max_ = 1000000;
   std::vector<std::string> all_;
-  std::vector<std::string> kept_;  // by slot
-  std::uint32_t oldest_ = 0;
   std::uint32_t snapshot_oldest_ = 0;
   std::uint32_t snapshot_count_ = 0;
   std::function<void()> between_;
