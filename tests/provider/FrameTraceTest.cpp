@@ -11,10 +11,23 @@
 #include "provider/ModuleExports.h"
 #include "tests/provider/TraceLines.h"
 #include "tests/provider/TransferFixture.h"
+#include "tests/provider/TransferLines.h"
 
 namespace {
 
 using qx::test::BlockBuilder;
+using qx::test::ChunkIsFull;
+using qx::test::CompareOldest;
+using qx::test::NotReadableLine;
+using qx::test::OpenedReport;
+using qx::test::PathOfReport;
+using qx::test::ReadEntry;
+using qx::test::RecordLimit;
+using qx::test::RecordsRead;
+using qx::test::RepliedRecords;
+using qx::test::RequestOf;
+using qx::test::RingIndices;
+using qx::test::TakenEntry;
 using qx::test::TraceCapture;
 using qx::test::Upto;
 using Lines = qx::test::TraceLines;
@@ -291,15 +304,8 @@ const Lines kNoSecurityData = {
 
 // Such input is not traced, and the caller needs no privilege.
 TEST_F(FrameTrace, ReportsForInputThatIsNotWellFormed) {
-  Expect(Lines{{2, "WCSP_QX GetReports  : Transfer report data file"}} + kBlockIsGood +
-             Lines{
-                 {4, ""},
-                 {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
-                 {4, "WCSP_QX GetReports  :   report name: \"\", start index: 0"},
-                 {4, "WCSP_QX GetReports  :   report file path: " + BasePath("")},
-                 {1, "WCSP_QX GetReports  : ## ERROR! Could not read data file for report \"\" (0x00000002)"},
-             } +
-             kReplyAndFree,
+  Expect(Lines{{2, "WCSP_QX GetReports  : Transfer report data file"}} + kBlockIsGood + RequestOf("", "", 0) +
+             PathOfReport(BasePath("")) + NotReadableLine("") + kReplyAndFree,
          Call(GetReports, "<ReportData Name=\"r1\">", 12));
 }
 
@@ -308,30 +314,11 @@ TEST_F(FrameTrace, ChunkLimitComesBeforeTheRecordLimit) {
   const std::string half(0x80000, 'h');
   Append("r1", 10, {half, half});
   const std::string input = "<ReportData Name=\"r1\" StartIndex=\"0\" NrRecords=\"1\"/>";
-  const std::string entry = "WCSP_QX GetReports  :   --> entry: ";
   Expect(Lines{{2, "WCSP_QX GetReports  : Transfer report data file"}} + kBlockIsGood +
              Lines{{4, "WCSP_QX GetReports  :   XML input string: \"" + input + "\""}} + kNoSecurityData +
-             Lines{
-                 {4, "72 31   r1"},
-                 {3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"},
-                 {4, "WCSP_QX GetReports  :   report name: \"r1\", start index: 0"},
-                 {4, "WCSP_QX GetReports  :   nr of records to read: 1"},
-                 {4, "WCSP_QX GetReports  :   report file path: " + BasePath("r1")},
-                 {2, "WCSP_QX GetReports  : Get report file \"r1\", total size: 1024 kB, chunk size: 1024 kB"},
-                 {3, "WCSP_QX GetReports  :   oldest index:  0"},
-                 {3, "WCSP_QX GetReports  :   highest index: 2"},
-                 {5, "WCSP_QX GetReports  :   read entry #0, index=0"},
-                 {4, "WCSP_QX GetReports  :     compare oldest index=0 whether changed"},
-                 {5, entry + half.substr(0, 1024 - entry.size())},
-                 {5, "WCSP_QX GetReports  :   read entry #1, index=1"},
-                 {4, "WCSP_QX GetReports  :   --> chunk size limit (1048576) reached, return now"},
-                 {3, "WCSP_QX GetReports  : 1 records read (524290 bytes)"},
-                 {4,
-                  "WCSP_QX GetReports  :   XML reply: \"<ReportData Name=\"r1\" StartIndex=\"0\" "
-                  "NextIndex=\"1\"/>\n\""},
-                 {4, "WCSP_QX GetReports  :   data length = 524290 bytes"},
-                 {4, "WCSP_QX GetReports  :   data:   \"" + half.substr(0, 256) + "...\""},
-             } +
+             RequestOf("r1", "72 31   r1", 0) + RecordLimit(1) + PathOfReport(BasePath("r1")) +
+             OpenedReport("r1", "1024 kB") + RingIndices(0, 2) + ReadEntry(0, 0) + CompareOldest(0) + TakenEntry(half) +
+             ReadEntry(1, 1) + ChunkIsFull() + RecordsRead(1, 524290) + RepliedRecords("r1", 0, 1, half + "\r\n") +
              kReplyAndFree,
          Call(GetReports, input, 0));
 }

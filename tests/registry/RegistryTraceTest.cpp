@@ -23,6 +23,17 @@ class RegistryTrace : public RegistryTest {
     std::snprintf(text, sizeof text, "%p", pointer);
     return text;
   }
+
+  static std::string NotOpened(const std::string& file) {
+    return "CRegistry: WARNING: Could not open \"" + file + "\"\n";
+  }
+  // `next` is the file that is tried after this one.
+  static std::string NotRestored(const std::string& file, const std::string& next) {
+    return "CRegistry: WARNING: Could not restore tree from \"" + file + "\", trying " + next + "\n";
+  }
+  static std::string NothingRestored(const std::string& file) {
+    return "CRegistry: ERROR: Could not restore tree from \"" + file + "\", restoring failed\n";
+  }
 };
 
 constexpr std::string_view kTracedSetup = "CRegistry: SetupTree(): ForceSetup=0, MIsSetup=0, MIsDirty=0\n";
@@ -32,47 +43,20 @@ TEST_F(RegistryTrace, LoadWithAllItsFallbacks) {
   Given("[HKEY_LOCAL_MACHINE]\n\n\n", "registry.old");
   const TraceCapture capture(4);
   { const CRegistry handle; }
-  EXPECT_EQ(capture.Text(), std::string(kTracedSetup) + "CRegistry: WARNING: The length of \"" + File() +
-                                "\" is not sufficient\n"
-                                "CRegistry: WARNING: Could not restore tree from \"" +
-                                File() +
-                                "\", trying backup\n"
-                                "CRegistry: WARNING: Node restoring from \"" +
-                                File("registry.old") +
-                                "\" failed - check the content of this file\n"
-                                "CRegistry: WARNING: Could not restore tree from \"" +
-                                File("registry.old") +
-                                "\", trying default\n"
-                                "CRegistry: WARNING: Could not open \"" +
-                                File("registry.default") +
-                                "\"\n"
-                                "CRegistry: ERROR: Could not restore tree from \"" +
-                                File("registry.default") + "\", restoring failed\n");
+  EXPECT_EQ(capture.Text(),
+            std::string(kTracedSetup) + "CRegistry: WARNING: The length of \"" + File() + "\" is not sufficient\n" +
+                NotRestored(File(), "backup") + "CRegistry: WARNING: Node restoring from \"" + File("registry.old") +
+                "\" failed - check the content of this file\n" + NotRestored(File("registry.old"), "default") +
+                NotOpened(File("registry.default")) + NothingRestored(File("registry.default")));
 }
 
 TEST_F(RegistryTrace, FallbackMessagesAreOfLevelOneAndTheSetupLineOfLevelTwo) {
-  {
-    const TraceCapture capture(1);
-    { const CRegistry handle; }
-    EXPECT_EQ(capture.Text(), "CRegistry: WARNING: Could not open \"" + File() +
-                                  "\"\n"
-                                  "CRegistry: WARNING: Could not restore tree from \"" +
-                                  File() +
-                                  "\", trying backup\n"
-                                  "CRegistry: WARNING: Could not open \"" +
-                                  File("registry.old") +
-                                  "\"\n"
-                                  "CRegistry: WARNING: Could not restore tree from \"" +
-                                  File("registry.old") +
-                                  "\", trying default\n"
-                                  "CRegistry: WARNING: Could not open \"" +
-                                  File("registry.default") +
-                                  "\"\n"
-                                  "CRegistry: ERROR: Could not restore tree from \"" +
-                                  File("registry.default") +
-                                  "\", restoring failed\n"
-                                  "CRegistry::InitClass() : re-initialize the registry-tree\n");
-  }
+  const TraceCapture capture(1);
+  { const CRegistry handle; }
+  EXPECT_EQ(capture.Text(), NotOpened(File()) + NotRestored(File(), "backup") + NotOpened(File("registry.old")) +
+                                NotRestored(File("registry.old"), "default") + NotOpened(File("registry.default")) +
+                                NothingRestored(File("registry.default")) +
+                                "CRegistry::InitClass() : re-initialize the registry-tree\n");
 }
 
 TEST_F(RegistryTrace, NullPath) {
