@@ -106,56 +106,57 @@ TEST(MarkupFind, IntoElemAndOutOfElemMoveOneLevel) {
   EXPECT_EQ(markup.GetTagName(), "b");
 }
 
+struct PathRow {
+  const char* path;
+  const char* found;  // by repeated calls from the beginning
+};
+const PathRow kPathRows[] = {
+    {"r", "r "},
+    {"r/a", "a1 "},
+    {"r/a/y", "y1 "},
+    {"r/b/y", ""},
+    {"r/a/z", "z "},  // in the second a: the first has none
+    {"r/a[2]", "a3 "},
+    {"r/a[2]/y", "y2 "},
+    {"r/a[3]", ""},
+    {"r/a[@id='3']", "a3 "},
+    {"r/a[@id=\"3\"]/z/y", "y3 "},
+    {"r/a[@none]", ""},
+    {"r/[@t]", "b2 "},
+    {"r/[@t='a & b']", "b2 "},
+    {"r/[2]", "b2 "},
+    {"r/a[@id][2]", "a3 "},
+    {"r/a/y/@n", "y1 "},
+    {"r/a/x/@n", ""},
+    {"//y", "y1 y2 y3 "},
+    {"//a/y", "y1 y2 "},
+    {"//z/y", "y3 "},
+    {"//y[@n='3']", "y3 "},
+    {"//r", "r "},
+    {"r ", "r "},
+    // Not valid paths.
+    {"/", ""},
+    {"//", ""},
+    {"r/", ""},
+    {"r//a", ""},
+    {"r/a[", ""},
+    {"r/a[]", ""},
+    {"r/a[0]", ""},
+    {"r/a[x]", ""},
+    {"r/a[1", ""},
+    {"r/a[@", ""},
+    {"r/a[@id=3]", ""},
+    {"r/a[@id='3]", ""},
+    {"r/a]", ""},
+    {"r=1", ""},
+    {"r a", ""},
+    {"@id", ""},
+    {"r/a/@id/y", ""},
+    {"r[99999999999999999999]", ""},
+};
+
 TEST(MarkupFind, PathsFindElementsAcrossLevels) {
-  struct Row {
-    const char* path;
-    const char* found;  // by repeated calls from the beginning
-  };
-  const Row rows[] = {
-      {"r", "r "},
-      {"r/a", "a1 "},
-      {"r/a/y", "y1 "},
-      {"r/b/y", ""},
-      {"r/a/z", "z "},  // in the second a: the first has none
-      {"r/a[2]", "a3 "},
-      {"r/a[2]/y", "y2 "},
-      {"r/a[3]", ""},
-      {"r/a[@id='3']", "a3 "},
-      {"r/a[@id=\"3\"]/z/y", "y3 "},
-      {"r/a[@none]", ""},
-      {"r/[@t]", "b2 "},
-      {"r/[@t='a & b']", "b2 "},
-      {"r/[2]", "b2 "},
-      {"r/a[@id][2]", "a3 "},
-      {"r/a/y/@n", "y1 "},
-      {"r/a/x/@n", ""},
-      {"//y", "y1 y2 y3 "},
-      {"//a/y", "y1 y2 "},
-      {"//z/y", "y3 "},
-      {"//y[@n='3']", "y3 "},
-      {"//r", "r "},
-      {"r ", "r "},
-      // Not valid paths.
-      {"/", ""},
-      {"//", ""},
-      {"r/", ""},
-      {"r//a", ""},
-      {"r/a[", ""},
-      {"r/a[]", ""},
-      {"r/a[0]", ""},
-      {"r/a[x]", ""},
-      {"r/a[1", ""},
-      {"r/a[@", ""},
-      {"r/a[@id=3]", ""},
-      {"r/a[@id='3]", ""},
-      {"r/a]", ""},
-      {"r=1", ""},
-      {"r a", ""},
-      {"@id", ""},
-      {"r/a/@id/y", ""},
-      {"r[99999999999999999999]", ""},
-  };
-  for (const Row& row : rows) {
+  for (const PathRow& row : kPathRows) {
     CMarkup markup(kDocument);
     EXPECT_EQ(FindAll(markup, row.path), row.found) << row.path;
     std::string why;

@@ -28,48 +28,49 @@ struct ParseRow {
   const char* error;
 };
 
+const ParseRow kParseRows[] = {
+    {"<a/>", true, "a", "", ""},
+    {"<a><b/><c></c></a>", true, "a(b,c)", "", ""},
+    {"<?xml version=\"1.0\"?><!DOCTYPE a><!-- <x> --><a><![CDATA[<y>]]></a>", true, "a", "", ""},
+    {"<a b='>' c=\">\"/>", true, "a", "", ""},
+    {"text<a/>text", true, "a", "", ""},
+    {"<a\n b = '1'\t></a >", true, "a", "", ""},
+    {"<a><b></a>", false, "a(b!)", "<unended_start_tag tagname=\"b\" offset=\"3\" offset2=\"7\"/>",
+     "start tag 'b' at offset 3 expecting end tag at offset 7"},
+    {"<a/><b/>", false, "a,b", "<root_has_sibling/>", "root element has sibling"},
+    {"text", false, "", "<no_root_element/>", "no root element"},
+    {"<!-- <a/> -->", false, "", "<no_root_element/>", "no root element"},
+    {"<a></x></a>", false, "a?", "<lone_end_tag tagname=\"x\" offset=\"3\"/>", "lone end tag 'x' at offset 3"},
+    {"</x>", false, "", "<lone_end_tag tagname=\"x\" offset=\"0\"/><no_root_element/>",
+     "lone end tag 'x' at offset 0 no root element"},
+    {"<a>1 < 2</a>", false, "a?", "<first_tag_syntax offset=\"5\"/>",
+     "tag syntax error at offset 5 expecting tag name / ! or ?"},
+    {"<a></ ></a>", false, "a?", "<first_tag_syntax offset=\"3\"/>",
+     "tag syntax error at offset 3 expecting tag name / ! or ?"},
+    {"<a><!x></a>", false, "a?", "<exclamation_tag_syntax offset=\"3\"/>",
+     "tag syntax error at offset 3 expecting 'DOCTYPE' [ or -"},
+    {"<!DOCTYPE a [ <b> ]><a/>", false, "b!,a",
+     "<doctype_tag_syntax offset=\"0\"/><unended_start_tag tagname=\"b\" offset=\"14\" offset2=\"24\"/>"
+     "<root_has_sibling/>",
+     "tag syntax error at offset 0 expecting markup declaration start tag 'b' at offset 14 expecting end tag at "
+     "offset 24 root element has sibling"},
+    {"<a><!-x--></a>", false, "a?", "<comment_tag_syntax offset=\"3\"/>",
+     "tag syntax error at offset 3 expecting - to begin comment"},
+    {"<a><![CDAT[x]]></a>", false, "a?", "<cdata_section_syntax offset=\"3\"/>",
+     "tag syntax error at offset 3 expecting 'CDATA'"},
+    {"<a><b x='1</a>", false, "a?", "<unterminated_tag_syntax offset=\"3\"/>", "unterminated tag at offset 3"},
+    {"<a/><b", false, "a", "<unterminated_tag_syntax offset=\"4\"/>", "unterminated tag at offset 4"},
+    {"<a/><b <c/>", false, "a,c", "<unterminated_tag_syntax offset=\"4\"/><root_has_sibling/>",
+     "unterminated tag at offset 4 root element has sibling"},
+    {"<a><!-- x</a>", false, "a?", "<unterminated_tag_syntax offset=\"3\"/>", "unterminated tag at offset 3"},
+    {"<a><![CDATA[x</a>", false, "a?", "<unterminated_tag_syntax offset=\"3\"/>", "unterminated tag at offset 3"},
+    {"<a><?x</a>", false, "a?", "<unterminated_tag_syntax offset=\"3\"/>", "unterminated tag at offset 3"},
+    {"<!DOCTYPE a [<a/>", false, "a", "<doctype_tag_syntax offset=\"0\"/>",
+     "tag syntax error at offset 0 expecting markup declaration"},
+};
+
 TEST(MarkupParse, DocumentsGiveTheirElementsResultsAndPhrases) {
-  const ParseRow rows[] = {
-      {"<a/>", true, "a", "", ""},
-      {"<a><b/><c></c></a>", true, "a(b,c)", "", ""},
-      {"<?xml version=\"1.0\"?><!DOCTYPE a><!-- <x> --><a><![CDATA[<y>]]></a>", true, "a", "", ""},
-      {"<a b='>' c=\">\"/>", true, "a", "", ""},
-      {"text<a/>text", true, "a", "", ""},
-      {"<a\n b = '1'\t></a >", true, "a", "", ""},
-      {"<a><b></a>", false, "a(b!)", "<unended_start_tag tagname=\"b\" offset=\"3\" offset2=\"7\"/>",
-       "start tag 'b' at offset 3 expecting end tag at offset 7"},
-      {"<a/><b/>", false, "a,b", "<root_has_sibling/>", "root element has sibling"},
-      {"text", false, "", "<no_root_element/>", "no root element"},
-      {"<!-- <a/> -->", false, "", "<no_root_element/>", "no root element"},
-      {"<a></x></a>", false, "a?", "<lone_end_tag tagname=\"x\" offset=\"3\"/>", "lone end tag 'x' at offset 3"},
-      {"</x>", false, "", "<lone_end_tag tagname=\"x\" offset=\"0\"/><no_root_element/>",
-       "lone end tag 'x' at offset 0 no root element"},
-      {"<a>1 < 2</a>", false, "a?", "<first_tag_syntax offset=\"5\"/>",
-       "tag syntax error at offset 5 expecting tag name / ! or ?"},
-      {"<a></ ></a>", false, "a?", "<first_tag_syntax offset=\"3\"/>",
-       "tag syntax error at offset 3 expecting tag name / ! or ?"},
-      {"<a><!x></a>", false, "a?", "<exclamation_tag_syntax offset=\"3\"/>",
-       "tag syntax error at offset 3 expecting 'DOCTYPE' [ or -"},
-      {"<!DOCTYPE a [ <b> ]><a/>", false, "b!,a",
-       "<doctype_tag_syntax offset=\"0\"/><unended_start_tag tagname=\"b\" offset=\"14\" offset2=\"24\"/>"
-       "<root_has_sibling/>",
-       "tag syntax error at offset 0 expecting markup declaration start tag 'b' at offset 14 expecting end tag at "
-       "offset 24 root element has sibling"},
-      {"<a><!-x--></a>", false, "a?", "<comment_tag_syntax offset=\"3\"/>",
-       "tag syntax error at offset 3 expecting - to begin comment"},
-      {"<a><![CDAT[x]]></a>", false, "a?", "<cdata_section_syntax offset=\"3\"/>",
-       "tag syntax error at offset 3 expecting 'CDATA'"},
-      {"<a><b x='1</a>", false, "a?", "<unterminated_tag_syntax offset=\"3\"/>", "unterminated tag at offset 3"},
-      {"<a/><b", false, "a", "<unterminated_tag_syntax offset=\"4\"/>", "unterminated tag at offset 4"},
-      {"<a/><b <c/>", false, "a,c", "<unterminated_tag_syntax offset=\"4\"/><root_has_sibling/>",
-       "unterminated tag at offset 4 root element has sibling"},
-      {"<a><!-- x</a>", false, "a?", "<unterminated_tag_syntax offset=\"3\"/>", "unterminated tag at offset 3"},
-      {"<a><![CDATA[x</a>", false, "a?", "<unterminated_tag_syntax offset=\"3\"/>", "unterminated tag at offset 3"},
-      {"<a><?x</a>", false, "a?", "<unterminated_tag_syntax offset=\"3\"/>", "unterminated tag at offset 3"},
-      {"<!DOCTYPE a [<a/>", false, "a", "<doctype_tag_syntax offset=\"0\"/>",
-       "tag syntax error at offset 0 expecting markup declaration"},
-  };
-  for (const ParseRow& row : rows) {
+  for (const ParseRow& row : kParseRows) {
     CMarkup markup;
     EXPECT_EQ(markup.SetDoc(row.document), row.well_formed) << row.document;
     EXPECT_EQ(markup.IsWellFormed(), row.well_formed) << row.document;
