@@ -25,6 +25,7 @@
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/store/MissingReport.h"
 #include "tools/qxctl/store/ReportArguments.h"
+#include "tools/qxctl/store/ReportStates.h"
 
 namespace qx::ctl {
 
@@ -62,22 +63,6 @@ std::vector<std::string> RemarksOf(const StoreScan& scan) {
                       " a line feed or a byte 0xFF, where readers end it");
   }
   return remarks;
-}
-
-const char* NameOfState(StoreState state) {
-  switch (state) {
-    case StoreState::kSound:
-      return "sound";
-    case StoreState::kDamaged:
-      return "damaged";
-    case StoreState::kChanged:
-      return "changed";
-    case StoreState::kNotFound:
-      return "not found";
-    case StoreState::kUnreadable:
-      return "unreadable";
-  }
-  return "";
 }
 
 Status StatusOf(const StoreVerdict& verdict, const std::string& report, const std::string& path) {

@@ -23,10 +23,10 @@ std::string NameOf(int process) {
 
 }  // namespace
 
-const char* StateOf(const ReportStatus& status) {
-  switch (status.verdict.state) {
+const char* NameOfState(StoreState state) {
+  switch (state) {
     case StoreState::kSound:
-      return status.IsEmpty() ? "empty" : "sound";
+      return "sound";
     case StoreState::kDamaged:
       return "damaged";
     case StoreState::kChanged:
@@ -37,6 +37,10 @@ const char* StateOf(const ReportStatus& status) {
       return "unreadable";
   }
   return "";
+}
+
+const char* StateOf(const ReportStatus& status) {
+  return status.IsEmpty() ? "empty" : NameOfState(status.verdict.state);
 }
 
 bool NeedsAttention(const ReportStatus& status) { return status.verdict.state != StoreState::kSound; }

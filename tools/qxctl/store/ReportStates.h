@@ -9,7 +9,10 @@
 
 namespace qx::ctl {
 
-// "sound", "damaged", "empty", "changed", "unreadable", "not found"
+// "sound", "damaged", "changed", "unreadable", "not found"
+[[nodiscard]] const char* NameOfState(report::StoreState state);
+
+// The same; "empty" for a sound report without records.
 [[nodiscard]] const char* StateOf(const report::ReportStatus& status);
 
 // True for a report that needs somebody: damaged, unreadable, or changed each time it was read.
