@@ -69,7 +69,7 @@ class HeldFile {
   HeldFile(const HeldFile&) = delete;
   HeldFile& operator=(const HeldFile&) = delete;
 
-  void Write(const std::string& bytes) const {
+  void Write(std::string_view bytes) const {
     const auto size = static_cast<ssize_t>(bytes.size());
     if (pwrite(file_, bytes.data(), bytes.size(), 0) != size || ftruncate(file_, size) != 0) std::abort();
   }
