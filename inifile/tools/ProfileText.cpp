@@ -49,8 +49,20 @@ ProfileLine ParseLine(std::string_view whole, std::size_t begin, std::size_t end
   return line;
 }
 
-// A read with a buffer that grows until nothing is cut.
-std::string Read(const std::string& path, const char* section, const char* key) {
+std::vector<ProfileEntry> ReadEntries(const std::string& path, const std::string& section) {
+  std::vector<ProfileEntry> entries;
+  std::map<std::string, std::string> values;
+  for (const std::string& key : NamesIn(ReadWhole(path, section.c_str(), nullptr))) {
+    const auto [value, is_new] = values.try_emplace(key);
+    if (is_new) value->second = ReadWhole(path, section.c_str(), key.c_str());
+    entries.push_back({key, value->second});
+  }
+  return entries;
+}
+
+}  // namespace
+
+std::string ReadWhole(const std::string& path, const char* section, const char* key) {
   std::string buffer(4096, '\0');
   for (;;) {
     const auto size = static_cast<unsigned>(buffer.size());
@@ -63,7 +75,6 @@ std::string Read(const std::string& path, const char* section, const char* key) 
   }
 }
 
-// Each name has its NUL, an empty one too.
 std::vector<std::string> NamesIn(const std::string& list) {
   std::vector<std::string> names;
   for (std::size_t at = 0; at < list.size();) {
@@ -73,19 +84,6 @@ std::vector<std::string> NamesIn(const std::string& list) {
   }
   return names;
 }
-
-std::vector<ProfileEntry> ReadEntries(const std::string& path, const std::string& section) {
-  std::vector<ProfileEntry> entries;
-  std::map<std::string, std::string> values;
-  for (const std::string& key : NamesIn(Read(path, section.c_str(), nullptr))) {
-    const auto [value, is_new] = values.try_emplace(key);
-    if (is_new) value->second = Read(path, section.c_str(), key.c_str());
-    entries.push_back({key, value->second});
-  }
-  return entries;
-}
-
-}  // namespace
 
 std::vector<ProfileLine> LinesOf(std::string_view text) {
   std::vector<ProfileLine> lines;
@@ -120,7 +118,7 @@ ProfileContent ContentOf(std::string_view text) {
 
 ProfileContent ReadThroughClass(const std::string& path) {
   ProfileContent content;
-  content.sections = NamesIn(Read(path, nullptr, nullptr));
+  content.sections = NamesIn(ReadWhole(path, nullptr, nullptr));
   const std::set<std::string> names(content.sections.begin(), content.sections.end());
   for (const std::string& name : names) content.entries.emplace(name, ReadEntries(path, name));
   return content;

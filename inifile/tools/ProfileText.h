@@ -36,6 +36,12 @@ struct ProfileLine {
   [[nodiscard]] bool SaysSomething() const { return kind != LineKind::kEmpty && kind != LineKind::kComment; }
 };
 
+// The reading primitive of CIniFile with a buffer that grows until nothing is cut. With a null `key` the result is the
+// list of keys, with a null `section` that of the sections. [any thread]
+[[nodiscard]] std::string ReadWhole(const std::string& path, const char* section, const char* key);
+// The names of such a list. Each name has its NUL, an empty one too.
+[[nodiscard]] std::vector<std::string> NamesIn(const std::string& list);
+
 // The lines of a text without NUL bytes and without lines that are too long. [any thread]
 [[nodiscard]] std::vector<ProfileLine> LinesOf(std::string_view text);
 

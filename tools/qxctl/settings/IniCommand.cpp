@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "inifile/IniFile.h"
+#include "inifile/tools/ProfileText.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
@@ -22,29 +23,10 @@ struct Options {
   std::string key;
 };
 
-// Calls the reading primitive with a buffer that grows until nothing is cut. With a null `key` the result is the list
-// of keys, with a null `section` that of the sections, with names separated by NUL.
-std::string Read(const Options& options, const char* section, const char* key) {
-  std::string buffer(4096, '\0');
-  for (;;) {
-    const auto size = static_cast<unsigned>(buffer.size());
-    const unsigned length =
-        CIniFile::GetPrivateProfileString(section, key, "", buffer.data(), size, options.file.c_str());
-    if (length + 2 < size) {
-      buffer.resize(length);
-      return buffer;
-    }
-    buffer.assign(buffer.size() * 2, '\0');
-  }
-}
-
-std::vector<std::string> NamesIn(const std::string& list) {
-  std::vector<std::string> names;
-  for (std::size_t at = 0; at < list.size();) {
-    const std::size_t end = std::min(list.find('\0', at), list.size());
-    if (end > at) names.push_back(list.substr(at, end - at));
-    at = end + 1;
-  }
+// Without empty names, which no command can give.
+std::vector<std::string> NamesOf(const Options& options, const char* section) {
+  std::vector<std::string> names = inifile::NamesIn(inifile::ReadWhole(options.file, section, nullptr));
+  std::erase(names, "");
   return names;
 }
 
@@ -61,7 +43,7 @@ Status CheckFile(const Options& options) {
 }
 
 Status CheckSection(const Options& options) {
-  if (Contains(NamesIn(Read(options, nullptr, nullptr)), options.section)) return {};
+  if (Contains(NamesOf(options, nullptr), options.section)) return {};
   return {ExitCode::kNotFound,
           options.file + " has no section [" + Visible(options.section) + "]; names are case-sensitive"};
 }
@@ -69,7 +51,7 @@ Status CheckSection(const Options& options) {
 // --- list
 
 Status ListSections(Context& context, const Values& values, const Options& options) {
-  const std::vector<std::string> sections = NamesIn(Read(options, nullptr, nullptr));
+  const std::vector<std::string> sections = NamesOf(options, nullptr);
   const auto document = [&]() -> Json {
     Json list = Json::Array();
     for (const std::string& section : sections) {
@@ -116,8 +98,8 @@ std::string ToText(const std::vector<ListedEntry>& entries) {
 Status ListEntries(Context& context, const Values& values, const Options& options) {
   if (Status status = CheckSection(options); !status.IsOk()) return status;
   std::vector<ListedEntry> entries;
-  for (const std::string& key : NamesIn(Read(options, options.section.c_str(), nullptr))) {
-    entries.push_back({key, Read(options, options.section.c_str(), key.c_str())});
+  for (const std::string& key : NamesOf(options, options.section.c_str())) {
+    entries.push_back({key, inifile::ReadWhole(options.file, options.section.c_str(), key.c_str())});
   }
   return ShowResult(
       context, values, [&] { return ToJson(options, entries); }, [&] { return ToText(entries); });
@@ -143,8 +125,8 @@ Status Get(Context& context, const Values& values) {
   const Options options = {.file = values.Text("FILE"), .section = values.Text("SECTION"), .key = values.Text("KEY")};
   if (Status status = CheckFile(options); !status.IsOk()) return status;
   if (Status status = CheckSection(options); !status.IsOk()) return status;
-  const std::string value = Read(options, options.section.c_str(), options.key.c_str());
-  if (value.empty() && !Contains(NamesIn(Read(options, options.section.c_str(), nullptr)), options.key)) {
+  const std::string value = inifile::ReadWhole(options.file, options.section.c_str(), options.key.c_str());
+  if (value.empty() && !Contains(NamesOf(options, options.section.c_str()), options.key)) {
     return {ExitCode::kNotFound, "the section [" + Visible(options.section) + "] has no key " + Visible(options.key)};
   }
   return ShowResult(
