@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include <string>
 
 #include "tests/support/Attacker.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FailingFileCalls.h"
 #include "tests/support/Support.h"
 
@@ -44,11 +44,7 @@ int Opened(const std::string& path, TrustedLinks trusted, int flags = -1) {
 // What `action` returns in a child that runs as `user`.
 template <typename Action>
 int As(uid_t user, Action action) {
-  const pid_t child = fork();
-  if (child == 0) qx::test::EndChild(setresuid(user, user, user) == 0 ? action() : 255);
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return qx::test::StatusOfChild([&] { return setresuid(user, user, user) == 0 ? action() : 255; });
 }
 
 class OwnedLinks : public testing::Test {

@@ -12,9 +12,10 @@
 #include <cstring>
 #include <filesystem>
 
-#include "tests/debug/PrivateMounts.h"
 #include "tests/debug/RingFixture.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FailingFileCalls.h"
+#include "tests/support/PrivateMounts.h"
 
 namespace {
 
@@ -353,7 +354,7 @@ TEST(DebugRingDamage, EveryFailedWriteOfANewFileHasItsMessageAndLeavesNoFile) {
 
 TEST(DebugRingDamage, FileSizeLimitOfTheProcessDoesNotEndIt) {
   RingSetup setup;
-  EXPECT_EQ(qx::test::InChild([&]() -> std::string {
+  EXPECT_EQ(qx::test::TextOfChild([&]() -> std::string {
               const rlimit small{kSize - 1, kSize - 1};
               ::setrlimit(RLIMIT_FSIZE, &small);
               ::signal(SIGXFSZ, SIG_DFL);
@@ -367,7 +368,7 @@ TEST(DebugRingDamage, FileSizeLimitOfTheProcessDoesNotEndIt) {
 #ifndef __SANITIZE_ADDRESS__  // it needs memory of its own
 TEST(DebugRingDamage, FailedMappingIsReportedAndTheFileStays) {
   RingSetup setup;
-  EXPECT_EQ(qx::test::InChild([&]() -> std::string {
+  EXPECT_EQ(qx::test::TextOfChild([&]() -> std::string {
               const rlimit none{1, 1};
               ::setrlimit(RLIMIT_AS, &none);
               return setup.OpenRing(kSize) ? "a ring" : "none";

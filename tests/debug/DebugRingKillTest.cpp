@@ -1,6 +1,5 @@
 // A writer that is killed at any moment leaves a ring that can be read up to its newest entry.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 
 #include "debug/RingFormat.h"
 #include "tests/debug/RingFixture.h"
+#include "tests/support/Shared.h"
 
 namespace {
 
@@ -22,21 +22,6 @@ using qx::test::StartsWithShape;
 
 constexpr std::uint32_t kKilledRingSize = 65536;
 constexpr std::string_view kEntryShape = "9999-99-99 99:99:99.999 [FFFFFFFF] QxTrace       ";
-
-// The number of entries that the killed child has written for certain.
-class Acknowledged {
- public:
-  Acknowledged()
-      : shared_(static_cast<std::atomic<int>*>(
-            ::mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
-  ~Acknowledged() { ::munmap(shared_, sizeof(std::atomic<int>)); }
-  Acknowledged(const Acknowledged&) = delete;
-  Acknowledged& operator=(const Acknowledged&) = delete;
-  std::atomic<int>& operator*() const { return *shared_; }
-
- private:
-  std::atomic<int>* const shared_;
-};
 
 // "#17 xxxxxxxxxxxxxxxxx": its length depends on the number, and some texts are long.
 std::string TextOf(int number) {
@@ -93,7 +78,7 @@ void ExpectValidNumbers(const RingSetup& setup, const std::string& ring) {
 TEST(DebugRingKill, KilledWriterLeavesAcknowledgedEntriesAndValidNumbers) {
   std::mt19937_64 random(qx::test::Seed("DebugRingKill"));
   RingSetup setup;
-  const Acknowledged acknowledged;
+  const qx::test::Shared<std::atomic<int>> acknowledged(0);  // how many entries the killed child has written
   int judged = 0;
   for (int round = 1; round <= 200; ++round) {
     const int before = *acknowledged;

@@ -16,8 +16,8 @@
 #include <optional>
 #include <random>
 
-#include "tests/debug/PrivateMounts.h"
 #include "tests/debug/RingFixture.h"
+#include "tests/support/ChildProcess.h"
 
 namespace {
 
@@ -266,7 +266,7 @@ TEST(DebugRing, NulEndsALongTextToo) {
 TEST(DebugRing, LongTextWithoutMemoryIsCutAndMarkedAsCut) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(24U << 20));
-  EXPECT_EQ(qx::test::InChild([&]() -> std::string {
+  EXPECT_EQ(qx::test::TextOfChild([&]() -> std::string {
               const std::string text(2U << 20, 'x');
               const std::size_t from = setup.Position();
               const rlimit none{1, 1};  // no more memory than is in use now

@@ -3,12 +3,11 @@
 
 #include <atomic>
 #include <functional>
-#include <map>
-#include <sstream>
 #include <thread>
 #include <vector>
 
 #include "tests/debug/RingFixture.h"
+#include "tests/debug/ThreadEntries.h"
 
 namespace {
 
@@ -32,22 +31,6 @@ const std::string kSettings[] = {"[QxTrace]\nFileDebugLevel=1\nRingBufferSizeWei
                                  "[QxTrace]\nFileDebugLevel=9\n",
                                  "[QxTrace]\nFileDebugLevel=2\nTraceFlags=7\n[EndOfFile]"};
 
-// Each thread's entries "tT eE xxx" must be there, whole and in their order.
-void ExpectEntriesOfAllThreads(const std::string& plain_entries) {
-  std::istringstream lines(plain_entries);
-  std::map<int, int> next_of_thread;
-  int count = 0;
-  for (std::string line; std::getline(lines, line); ++count) {
-    int thread = -1;
-    int entry = -1;
-    int end = 0;
-    ASSERT_EQ(std::sscanf(line.c_str(), "S [T] QxTrace       t%d e%d %n", &thread, &entry, &end), 2) << line;
-    ASSERT_EQ(line.substr(static_cast<std::size_t>(end)), std::string(static_cast<std::size_t>(entry % 97), 'x'));
-    ASSERT_EQ(entry, next_of_thread[thread]++) << line;
-  }
-  EXPECT_EQ(count, kRingThreads * kRingEntriesEach);
-}
-
 TEST(DebugRingThreads, EightThreadsLoseNoEntryWhileTheSettingsFilesChange) {
   RingSetup setup;
   setup.SetEnv("QX_LOG_DYNAMIC_UPDATE", "1");
@@ -69,15 +52,15 @@ TEST(DebugRingThreads, EightThreadsLoseNoEntryWhileTheSettingsFilesChange) {
   });
   RunThreads([&](int thread) {
     for (int entry = 0; entry < kRingEntriesEach; ++entry) {
-      const std::string text(static_cast<std::size_t>(entry % 97), 'x');
-      setup.Trace().Print(1, "\nt%d e%d %s", thread, entry, text.c_str());
+      setup.Trace().Print(1, "\nt%d e%d %s", thread, entry, qx::test::TextOfEntry(entry).c_str());
     }
   });
   is_over = true;
   editor.join();
 
   ASSERT_EQ(setup.Wraps(), 0U);
-  ExpectEntriesOfAllThreads(qx::test::WithoutStamps(setup.Ring().substr(from, setup.Position() - from)));
+  qx::test::ExpectEntriesOfAllThreads(qx::test::WithoutStamps(setup.Ring().substr(from, setup.Position() - from)),
+                                      kRingThreads * kRingEntriesEach);
   EXPECT_EQ(setup.Log(), "");
 }
 

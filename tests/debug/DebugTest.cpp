@@ -13,8 +13,8 @@
 #include <filesystem>
 #include <new>
 
-#include "tests/debug/PrivateMounts.h"
 #include "tests/debug/TraceFixture.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FailingFileCalls.h"
 
 namespace {
@@ -131,7 +131,7 @@ TEST(Debug, SettingsFilesAreNotCheckedAfterItsEnd) {
   setup.WriteIni("global_trace.ini", "[GlobalDebugSettings]\nDynamicUpdate=10\n[EndOfFile]\n");
   setup.WriteIni("qxtrace.ini", "[QxTrace]\nFileDebugLevel=1\n[EndOfFile]\n");
   const std::string directory = setup.IniPath("");
-  const std::string outcome = qx::test::InChild([&]() -> std::string {
+  const std::string outcome = qx::test::TextOfChild([&]() -> std::string {
     alignas(TestDebug) static unsigned char memory[sizeof(TestDebug)];
     auto* const debug = new (memory) TestDebug(directory.c_str());
     if (!debug->Init(TraceSetup::kAppName)) return "not started";

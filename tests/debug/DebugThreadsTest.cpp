@@ -5,13 +5,13 @@
 #include <atomic>
 #include <ctime>
 #include <functional>
-#include <map>
 #include <sstream>
 #include <thread>
 #include <vector>
 
-#include "tests/debug/PrivateMounts.h"
+#include "tests/debug/ThreadEntries.h"
 #include "tests/debug/TraceFixture.h"
+#include "tests/support/ChildProcess.h"
 
 namespace {
 
@@ -29,27 +29,9 @@ void RunThreads(int count, const std::function<void(int)>& body) {
   for (std::thread& thread : threads) thread.join();
 }
 
-// "S [T] QxTrace       t<thread> e<entry> xxxx": the next entry of every thread, checked line by line.
-void ExpectEveryEntryOnceWholeAndInOrder(const std::string& log) {
-  std::map<int, int> next_of_thread;
-  std::istringstream lines(log);
-  std::string line;
-  int count = 0;
-  while (std::getline(lines, line)) {
-    int thread = -1;
-    int entry = -1;
-    int end = 0;
-    ASSERT_EQ(std::sscanf(line.c_str(), "S [T] QxTrace       t%d e%d %n", &thread, &entry, &end), 2) << line;
-    ASSERT_EQ(line.substr(static_cast<std::size_t>(end)), std::string(static_cast<std::size_t>(entry % 97), 'x'));
-    ASSERT_EQ(entry, next_of_thread[thread]++) << line;
-    ++count;
-  }
-  EXPECT_EQ(count, kThreads * kEntriesEach);
-}
-
 // A cancelled thread traces and then reaches its next cancellation point.
 std::string CancelledTraceOf(TraceSetup& setup, const std::function<void()>& trace) {
-  return qx::test::InChild([&]() -> std::string {
+  return qx::test::TextOfChild([&]() -> std::string {
     bool has_traced = false;
     bool is_cancelled = true;
     std::thread thread([&] {
@@ -101,13 +83,12 @@ TEST(DebugThreads, SixteenThreadsLoseNoEntryWhileTheSettingsFilesChange) {
   });
   RunThreads(kThreads, [&](int thread) {
     for (int entry = 0; entry < kEntriesEach; ++entry) {
-      setup.Trace().Print(1, "\nt%d e%d %s", thread, entry,
-                          std::string(static_cast<std::size_t>(entry % 97), 'x').c_str());
+      setup.Trace().Print(1, "\nt%d e%d %s", thread, entry, qx::test::TextOfEntry(entry).c_str());
     }
   });
   is_over = true;
   editor.join();
-  ExpectEveryEntryOnceWholeAndInOrder(setup.PlainLog());
+  qx::test::ExpectEntriesOfAllThreads(setup.PlainLog(), kThreads * kEntriesEach);
 }
 
 // How many lines are neither a whole "t00 e000" entry, nor the head, nor a wrap line.

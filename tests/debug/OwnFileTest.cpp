@@ -17,9 +17,9 @@
 #include <filesystem>
 #include <functional>
 
-#include "tests/debug/PrivateMounts.h"
 #include "tests/debug/RingFixture.h"
 #include "tests/support/Attacker.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FailingFileCalls.h"
 
 namespace {
@@ -71,7 +71,7 @@ struct stat StatusOf(const std::string& path) {
 
 // Runs `body` as an ordinary user; its text.
 std::string AsOrdinaryUser(const std::function<std::string()>& body) {
-  return qx::test::InChild([&]() -> std::string {
+  return qx::test::TextOfChild([&]() -> std::string {
     if (!qx::test::BecomeOrdinaryUser()) return "cannot become an ordinary user";
     return body();
   });
@@ -157,7 +157,7 @@ TEST_F(OwnFileAttack, PreparedRingOfTheRightSizeIsCreatedAgainAndReportedOnce) {
 TEST_F(OwnFileAttack, CuttingThePreparedRingDoesNotEndTheService) {
   Prepare([&] { return MakeFile(RingPath(), 0604, kRingBytes); });
   const int kept = ::open(RingPath().c_str(), O_RDWR | O_CLOEXEC);
-  EXPECT_EQ(qx::test::InChild([&]() -> std::string {
+  EXPECT_EQ(qx::test::TextOfChild([&]() -> std::string {
               if (!service_.OpenRing(kRingBytes)) return "no ring";
               if (::ftruncate(kept, 0) != 0) return "not cut";
               for (int i = 0; i < 100; ++i) service_.Trace().Print(1, "entry %d", i);

@@ -18,11 +18,12 @@
 #include <thread>
 #include <vector>
 
-#include "tests/debug/PrivateMounts.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/PrivateMounts.h"
 
 namespace {
 
-using qx::test::InChild;
+using qx::test::TextOfChild;
 using qx::test::WithPrivateMounts;
 
 std::atomic<int> openlog_count{0};
@@ -168,7 +169,7 @@ TEST(SysLogTraces, ConnectionIsMadeOnceAtTheFirstUse) {
 }
 
 TEST(SysLogTraces, NameIsThatOfTheProgramWithoutItsDirectory) {
-  EXPECT_EQ(InChild([] { return std::string(SysLogTraces::getConnection()->getProcName()); }),
+  EXPECT_EQ(TextOfChild([] { return std::string(SysLogTraces::getConnection()->getProcName()); }),
             ::program_invocation_short_name);
 }
 
@@ -197,7 +198,7 @@ TEST(SysLogTraces, DestructionClosesTheConnection) {
 
 TEST(SysLogTracesThreads, ThreadsThatStartTogetherGetOneConnection) {
   for (int round = 0; round < 20; ++round) {
-    EXPECT_EQ(InChild([] {
+    EXPECT_EQ(TextOfChild([] {
                 constexpr int kThreads = 8;
                 std::atomic<int> waiting{kThreads};
                 std::vector<SysLogTraces*> got(kThreads);

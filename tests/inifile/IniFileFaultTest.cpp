@@ -2,30 +2,27 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <iterator>
 #include <string>
 
 #include "inifile/IniFile.h"
 #include "tests/inifile/MemoryFile.h"
 #include "tests/support/Attacker.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/FailingFileCalls.h"
 #include "tests/support/Support.h"
 
 namespace {
+
+using qx::test::FailingCall;
+using qx::test::FileCall;
 
 bool Set(const std::string& path, const char* section, const char* key, const char* value) {
   return CIniFile::WritePrivateProfileString(section, key, value, path.c_str());
@@ -34,17 +31,9 @@ bool Set(const std::string& path, const char* section, const char* key, const ch
 // Runs `action` in a child in which no file may grow over `limit` bytes, and returns its result.
 template <typename Action>
 bool WithFileSizeLimit(std::size_t limit, Action action) {
-  const pid_t child = fork();
-  if (child == 0) {
-    const rlimit size = {limit, limit};
-    const bool is_set = std::signal(SIGXFSZ, SIG_IGN) != SIG_ERR && setrlimit(RLIMIT_FSIZE, &size) == 0;
-    _exit(!is_set ? 2 : action() ? 1 : 0);
-  }
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
-  EXPECT_NE(WEXITSTATUS(status), 2);
-  return WEXITSTATUS(status) == 1;
+  const int status = qx::test::StatusOfChild([&] { return !qx::test::LimitFileSize(limit) ? 2 : action() ? 1 : 0; });
+  EXPECT_LE(status, 1);
+  return status == 1;
 }
 
 class IniFileFault : public testing::Test {
@@ -102,22 +91,14 @@ TEST_F(IniFileFault, WriteThatFailsInTheMiddleIsFalse) {
   EXPECT_FALSE(WithFileSizeLimit(9000, [&] { return Set(path_, "S", "k", "1"); }));
 }
 
-// Makes every positioned read of this process fail permanently.
-bool ForbidReads() {
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(SYS_pread64), 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EIO),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
-  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
-}
-
 TEST_F(IniFileFault, UnreadableFileIsNotTreatedAsEmpty) {
   const std::string before = "[S]\nx=0\nk=1\n";
   qx::test::WriteFile(path_, before);
-  EXPECT_TRUE(WithFileSizeLimit(1 << 20, [&] { return ForbidReads() && !Set(path_, "S", "k", "2"); }));
+  {
+    const FailingCall fault({.call = FileCall::kReadAt, .times = qx::test::kAlways, .error = EIO});
+    EXPECT_FALSE(Set(path_, "S", "k", "2"));
+    EXPECT_TRUE(fault.HasFailed());
+  }
   EXPECT_EQ(qx::test::ReadFile(path_), before);
 }
 

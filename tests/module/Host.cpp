@@ -1,19 +1,18 @@
 #include "tests/module/Host.h"
 
 #include <dlfcn.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <exception>
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
 
 #include "reportfile/ReportFileBase.h"
+#include "tests/support/ChildProcess.h"
 
 // Defined only under the address sanitizer.
 extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
@@ -28,15 +27,6 @@ constexpr char kRegistry[] =
     "ReportRoot=s=/etc/brollan/reports\n"
     "\n\n\n\n\n\n\n";
 
-void WriteAll(int file, const std::string& text) {
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = write(file, text.data() + done, text.size() - done);
-    if (n <= 0) _exit(99);
-    done += static_cast<std::size_t>(n);
-  }
-}
-
 std::string ReadToEnd(int file) {
   std::string text;
   char part[4096];
@@ -44,17 +34,8 @@ std::string ReadToEnd(int file) {
   return text;
 }
 
-[[noreturn]] void RunChild(const std::function<std::string()>& body, int to_parent) {
-  dup2(to_parent, STDERR_FILENO);
-  std::string text;
-  try {
-    text = body();
-  } catch (const std::exception& e) {
-    text = std::string("[exception: ") + e.what() + "]";
-  }
-  WriteAll(to_parent, text);
-  const bool leaks = __lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0;
-  EndChild(leaks ? 23 : 0);
+int StatusWithLeaks() {
+  return __lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0 ? 23 : 0;
 }
 
 std::string StatusText(int status) {
@@ -136,20 +117,7 @@ std::string LoadedModule::Call(const char* function, const wcs_gendata* block, c
 }
 
 std::string InChild(const std::function<std::string()>& body) {
-  int ends[2];
-  if (pipe(ends) != 0) throw std::runtime_error("no pipe");
-  std::fflush(nullptr);
-  const pid_t child = fork();
-  if (child == 0) {
-    close(ends[0]);
-    RunChild(body, ends[1]);
-  }
-  close(ends[1]);
-  std::string text = ReadToEnd(ends[0]);
-  close(ends[0]);
-  int status = 0;
-  if (waitpid(child, &status, 0) != child) throw std::runtime_error("no child");
-  return text + StatusText(status);
+  return TextOfChild(body, {.with_errors = true, .status_at_end = StatusWithLeaks});
 }
 
 std::string OutputOf(const std::string& command) {

@@ -4,7 +4,6 @@
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +14,7 @@
 #include <string>
 
 #include "process/Process.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Support.h"
 
 namespace {
@@ -48,17 +48,13 @@ bool ForbidForks() {
 }
 
 // The exit status of a child that runs `body` and cannot start processes itself.
-int InChildWithoutForks(const std::function<int()>& body) {
-  const pid_t child = fork();
-  if (child == 0) qx::test::EndChild(ForbidForks() ? body() : 77);
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+int StatusWithoutForks(const std::function<int()>& body) {
+  return qx::test::StatusOfChild([&] { return ForbidForks() ? body() : 77; });
 }
 
 TEST(ProcessFork, FailedForkGivesNoProcessAndRestoresTheDirectory) {
   const qx::test::TempDir dir;
-  EXPECT_EQ(InChildWithoutForks([&] {
+  EXPECT_EQ(StatusWithoutForks([&] {
               std::string before;
               if (!CProcess::GetCurrentDir(before)) return 1;
               for (const bool async : {false, true}) {

@@ -22,38 +22,23 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Support.h"
 
 namespace {
 
 using qx::test::Exists;
 using qx::test::ReadFile;
+using qx::test::StatusOfChild;
 using qx::test::TempDir;
 using qx::test::WriteFile;
 
 constexpr unsigned kNone = 0xFFFFFFFFU;
-
-// Runs `body` in a forked child, because it changes the whole process. Returns the child's exit status.
-int InChild(const std::function<int()>& body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    try {
-      qx::test::EndChild(body());
-    } catch (const std::exception& error) {
-      std::fprintf(stderr, "%s\n", error.what());
-      _exit(99);  // it must not return to the test program
-    }
-  }
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-}
 
 // A command for the test: a shell script whose path has no white space.
 class Script {
@@ -214,7 +199,7 @@ TEST(Process, ResultIsFalseWhenTheFormerDirectoryIsGone) {
   const Script script("rmdir \"$(dirname \"$0\")/home\"\n");
   const std::string home = script.File("home");
   ASSERT_EQ(mkdir(home.c_str(), 0755), 0);
-  EXPECT_EQ(InChild([&] {
+  EXPECT_EQ(StatusOfChild([&] {
               if (!CProcess::SetCurrentDir(home.c_str())) return 1;
               const Outcome outcome = RunCommand(script.Path(), "/");
               return !outcome.result && outcome.exit_code == 0 ? 0 : 2;
@@ -260,7 +245,7 @@ bool ForbidCloseRange() {
 
 TEST(Process, DescriptorsAreClosedOneByOneWithoutCloseRange) {
   const InheritedDescriptor descriptor;
-  EXPECT_EQ(InChild([] {
+  EXPECT_EQ(StatusOfChild([] {
               if (!ForbidCloseRange()) return 77;
               // A limit below 256 counts as 1024, so number 207 is closed with both limits.
               const rlimit limit{64, 64};
@@ -287,7 +272,7 @@ TEST(Process, FourSignalsAreUnblockedInTheChildAndOthersStayBlocked) {
 void IgnoreSignal(int) {}
 
 TEST(Process, WaitIsRetriedWhenASignalInterruptsIt) {
-  EXPECT_EQ(InChild([] {
+  EXPECT_EQ(StatusOfChild([] {
               struct sigaction action = {};
               action.sa_handler = IgnoreSignal;  // without SA_RESTART, so that waitpid returns early
               sigaction(SIGUSR1, &action, nullptr);
@@ -310,7 +295,7 @@ TEST(Process, WaitForExitOfAKilledProcessIsFalse) {
 
 // Runs in a child that leads its own process group: if the id is not refused, the test program must survive.
 TEST(Process, IdOfAProcessGroupIsRefused) {
-  EXPECT_EQ(InChild([] {
+  EXPECT_EQ(StatusOfChild([] {
               setpgid(0, 0);
               for (const unsigned pid : {0U, static_cast<unsigned>(INT_MAX) + 1, static_cast<unsigned>(-getpid())}) {
                 unsigned exit_code = 1;
@@ -333,7 +318,7 @@ TEST(Process, WaitForExitOfAGroupIdDoesNotReapAnotherChild) {
 
 TEST(Process, ProcessIsFoundByItsExactShortName) {
   const std::string name = "qxf" + std::to_string(getpid());
-  EXPECT_EQ(InChild([&] {
+  EXPECT_EQ(StatusOfChild([&] {
               prctl(PR_SET_NAME, name.c_str());
               unsigned pid = 0;
               if (!CProcess::FindProcess(pid, name.c_str()) || pid != static_cast<unsigned>(getpid())) return 1;
@@ -345,7 +330,7 @@ TEST(Process, ProcessIsFoundByItsExactShortName) {
 
 TEST(Process, NameOfSixteenCharactersIsNeverFound) {
   const std::string name = "abcdefghijklmnop";
-  EXPECT_EQ(InChild([&] {
+  EXPECT_EQ(StatusOfChild([&] {
               prctl(PR_SET_NAME, name.c_str());
               unsigned pid = 0;
               std::string kept;
@@ -375,7 +360,7 @@ bool EnterOwnNamespaces() {
 
 // Runs `body` with an empty /proc, which it may fill.
 int WithEmptyProc(const std::function<int()>& body) {
-  return InChild([&] {
+  return StatusOfChild([&] {
     if (!EnterOwnNamespaces() || mount("none", "/proc", "tmpfs", 0, nullptr) != 0) return 77;
     return body();
   });
@@ -413,7 +398,7 @@ TEST(Process, EmptyOrMissingProcFindsNothing) {
   EXPECT_EQ(WithEmptyProc(finds_nothing), 0) << kNamespaceAdvice;
 
   const TempDir empty_root;
-  EXPECT_EQ(InChild([&] {
+  EXPECT_EQ(StatusOfChild([&] {
               if (unshare(CLONE_NEWUSER) != 0 || chroot(empty_root.Path().c_str()) != 0) return 77;
               return finds_nothing();
             }),
@@ -532,7 +517,7 @@ TEST(Process, WorkingDirectoryCanBeReadAndChanged) {
 }
 
 TEST(Process, UnknownWorkingDirectoryLeavesTheOutputUnchanged) {
-  EXPECT_EQ(InChild([] {
+  EXPECT_EQ(StatusOfChild([] {
               std::string out = "kept";
               {
                 const TempDir dir;

@@ -3,33 +3,28 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sched.h>
 #include <sys/inotify.h>
-#include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <exception>
 #include <filesystem>
-#include <functional>
 #include <string>
 
 #include "tests/registry/RegistryFixture.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/FailingFileCalls.h"
+#include "tests/support/PrivateMounts.h"
 
 namespace {
 
 using qx::test::Exists;
+using qx::test::FailingCall;
+using qx::test::FileCall;
+using qx::test::kAlways;
 using qx::test::ReadFile;
 using qx::test::RegistryTest;
 
@@ -286,52 +281,16 @@ TEST_F(RegistrySave, HundredThousandKeysDeepIsLoadedSavedAndDestroyed) {
   EXPECT_EQ(handle.DeleteKey("k"), 0);
 }
 
-// The result of `body` in a child process, which may change its own limits.
-int InChild(const std::function<int()>& body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    try {
-      qx::test::EndChild(body());
-    } catch (const std::exception& error) {
-      std::fprintf(stderr, "%s\n", error.what());
-      _exit(99);  // it must not return to the test run
-    }
-  }
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
-  return status;
-}
-
-// Makes a system call fail permanently, in a child process.
-bool Forbid(long call, int error) {
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(call), 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
-  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
-}
-
-bool ForbidLinks() {
-  bool is_forbidden = Forbid(SYS_linkat, EPERM);
-#ifdef SYS_link
-  is_forbidden = Forbid(SYS_link, EPERM) && is_forbidden;
-#endif
-  return is_forbidden;
-}
-
 TEST_F(RegistrySave, FailedSyncOrCloseOfTheNewFileKeepsTheOldOne) {
-  Given(kSmall);
-  for (const long call : {SYS_fsync, SYS_close}) {
-    EXPECT_EQ(InChild([call] {
-                CRegistry handle(CRegistry::MLocalMachine);
-                if (handle.SetValue("x", 1U) != 0 || !Forbid(call, EIO)) return 77;
-                CRegistry::SaveTree();
-                return CRegistry::MIsDirty ? 1 : 0;
-              }),
-              0);
+  for (const FileCall call : {FileCall::kSync, FileCall::kClose}) {
+    Given(kSmall);
+    Restart();
+    CRegistry handle(CRegistry::MLocalMachine);
+    ASSERT_EQ(handle.SetValue("x", 1U), 0);
+    const FailingCall fault({.call = call, .times = kAlways, .error = EIO});
+    CRegistry::SaveTree();
+    EXPECT_TRUE(fault.HasFailed());
+    EXPECT_FALSE(CRegistry::MIsDirty);
     EXPECT_EQ(ReadFile(File()), kSmall);
     EXPECT_FALSE(Exists(File("registry.new")));
     EXPECT_FALSE(Exists(File("registry.old")));
@@ -340,13 +299,11 @@ TEST_F(RegistrySave, FailedSyncOrCloseOfTheNewFileKeepsTheOldOne) {
 
 TEST_F(RegistrySave, FilesAreRenamedOneByOneIfNamesCannotBeExchanged) {
   Given(kSmall);
-  EXPECT_EQ(InChild([] {
-              CRegistry handle(CRegistry::MLocalMachine);
-              if (handle.SetValue("x", 1U) != 0 || !Forbid(SYS_renameat2, EINVAL)) return 77;
-              CRegistry::SaveTree();
-              return 0;
-            }),
-            0);
+  CRegistry handle(CRegistry::MLocalMachine);
+  ASSERT_EQ(handle.SetValue("x", 1U), 0);
+  const FailingCall exchange({.call = FileCall::kRename, .error = EINVAL});
+  CRegistry::SaveTree();
+  EXPECT_EQ(exchange.Calls(), 3);
   EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nx=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n");
   EXPECT_EQ(ReadFile(File("registry.old")), kSmall);
   EXPECT_FALSE(Exists(File("registry.new")));
@@ -354,14 +311,11 @@ TEST_F(RegistrySave, FilesAreRenamedOneByOneIfNamesCannotBeExchanged) {
 
 TEST_F(RegistrySave, UnreadableFileIsMovedIfThereAreNoHardLinks) {
   Given("precious\n");
-  EXPECT_EQ(InChild([this] {
-              CRegistry handle;
-              if (!ForbidLinks() || link(File().c_str(), File("x").c_str()) == 0) return 77;
-              if (handle.CreateKey(&CRegistry::MRoot, "K", false, 0) != 0) return 1;
-              CRegistry::SaveTree();
-              return 0;
-            }),
-            0);
+  CRegistry handle;
+  ASSERT_EQ(handle.CreateKey(&CRegistry::MRoot, "K", false, 0), 0);
+  const FailingCall link({.call = FileCall::kLink, .times = kAlways, .error = EPERM});
+  CRegistry::SaveTree();
+  EXPECT_TRUE(link.HasFailed());
   EXPECT_EQ(ReadFile(File("registry.unread")), "precious\n");
   EXPECT_EQ(ReadFile(File()), "[K]\n\n\n");
   EXPECT_FALSE(Exists(File("registry.old")));
@@ -370,20 +324,14 @@ TEST_F(RegistrySave, UnreadableFileIsMovedIfThereAreNoHardLinks) {
 // The real directory of the files, in a mount namespace that hides the system's own files.
 TEST_F(RegistrySave, FilesAreInTheSystemsDirectory) {
   const auto load_and_save = [] {
-    const std::string user = "0 " + std::to_string(getuid()) + " 1";
-    const std::string group = "0 " + std::to_string(getgid()) + " 1";
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return 77;
-    qx::test::WriteFile("/proc/self/uid_map", user);
-    qx::test::WriteFile("/proc/self/setgroups", "deny");
-    qx::test::WriteFile("/proc/self/gid_map", group);
-    if (mount("none", "/etc", "tmpfs", 0, nullptr) != 0 || mkdir("/etc/brollan", 0755) != 0) return 77;
+    qx::test::MountMemory("/etc", "");
+    std::filesystem::create_directory("/etc/brollan");
     qx::registry::StartAfresh(nullptr);
     qx::test::WriteFile("/etc/brollan/registry.default", kSmall);
     Change();
-    const std::string saved = ReadFile("/etc/brollan/registry");
-    return saved == "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n" ? 0 : 1;
+    return ReadFile("/etc/brollan/registry");
   };
-  EXPECT_EQ(InChild(load_and_save), 0) << "77 * 256: allow unprivileged user namespaces";
+  EXPECT_EQ(qx::test::WithPrivateMounts(load_and_save), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\n[SOFTWARE]\nx=d=1\n\n\n\n");
 }
 
 }  // namespace

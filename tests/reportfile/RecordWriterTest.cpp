@@ -4,11 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <limits>
 #include <random>
 #include <string>
@@ -17,6 +15,7 @@
 
 #include "reportfile/ReportFileBase.h"
 #include "tests/reportfile/StoreFiles.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
@@ -189,21 +188,15 @@ TEST_F(RecordWriterFault, HeaderThatCannotBeWrittenDoesNotChangeTheResult) {
 
 // A child whose files may not grow beyond `limit` appends twelve records; returns how many are acknowledged.
 int AppendUnderLimit(const StoreFiles& files, rlim_t limit, bool is_batch) {
-  const pid_t child = fork();
-  if (child == 0) {
-    (void)std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit file_size = {limit, limit};
+  return StatusOfChild([&] {
     CReportFileBase store;
-    if (setrlimit(RLIMIT_FSIZE, &file_size) != 0 || !store.Open(files.Path(), 10)) _exit(0xFF);
+    if (!LimitFileSize(limit) || !store.Open(files.Path(), 10)) return 0xFF;
     const Texts texts = NumberedFrom(1, 12);
-    if (is_batch) _exit(static_cast<int>(AppendAll(store, texts).stored));
+    if (is_batch) return static_cast<int>(AppendAll(store, texts).stored);
     int stored = 0;
     while (stored < 12 && store.writeLine(texts[static_cast<std::size_t>(stored)].c_str())) ++stored;
-    _exit(stored);
-  }
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  return WEXITSTATUS(status);
+    return stored;
+  });
 }
 
 TEST(RecordWriterLimit, FullDiskKeepsWhatSingleAppendsWouldHaveKept) {

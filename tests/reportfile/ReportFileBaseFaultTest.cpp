@@ -16,6 +16,7 @@
 #include "reportfile/RecordReader.h"
 #include "reportfile/ReportFileBase.h"
 #include "tests/reportfile/StoreFiles.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
@@ -225,9 +226,7 @@ TEST_F(ReportFileBaseFault, IndexThatCannotBeReadLeavesTheFieldsUnchanged) {
 // With a real limit: a child process whose files may not grow beyond `limit` appends six records. Returns one bit for
 // each append that was true.
 int AppendUnderLimit(const StoreFiles& files, rlim_t limit) {
-  (void)std::signal(SIGXFSZ, SIG_IGN);
-  const rlimit file_size = {limit, limit};
-  if (setrlimit(RLIMIT_FSIZE, &file_size) != 0) return 0xFF;
+  if (!LimitFileSize(limit)) return 0xFF;
   CReportFileBase writer;
   if (!writer.Open(files.Path(), 10)) return 0xFF;
   int acknowledged = 0;
@@ -242,13 +241,8 @@ TEST_F(ReportFileBaseFault, WriterAtAFileSizeLimitStoresExactlyWhatItAcknowledge
   int partly = 0;
   for (rlim_t limit = 0; limit <= 80; ++limit) {
     const StoreFiles files;
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) _exit(AppendUnderLimit(files, limit));
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    const int acknowledged = WEXITSTATUS(status);
+    const int acknowledged = StatusOfChild([&] { return AppendUnderLimit(files, limit); });
+    ASSERT_LE(acknowledged, 0x3F);
     std::vector<std::string> expected;
     for (int i = 0; i < 6; ++i) {
       if ((acknowledged >> i) & 1) expected.push_back("record " + std::to_string(i) + "\r\n");

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 
 #include "reportfile/tools/StoreCopy.h"
 #include "tests/reportfile/StoreLife.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
@@ -268,17 +268,12 @@ TEST_F(StoreBackup, WithoutAReportDirectoryThereIsNothingToBackUp) {
 TEST_F(StoreBackup, FullDiskLeavesNoTarget) {
   MakeStore("load", 3, Numbered(2));
   WriteFile(reports_ + "/z-big", std::string(300000, 'x'));
-  const pid_t child = fork();
-  if (child == 0) {
-    (void)signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit = {.rlim_cur = 100000, .rlim_max = 100000};
-    (void)setrlimit(RLIMIT_FSIZE, &limit);
+  const auto back_up = [this] {
+    if (!LimitFileSize(100000)) return 2;
     const BackupResult result = report::BackupReports(reports_, target_);
-    _exit(result.state == BackupState::kFailed && result.error == EFBIG ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+    return result.state == BackupState::kFailed && result.error == EFBIG ? 0 : 1;
+  };
+  EXPECT_EQ(StatusOfChild(back_up), 0);
   EXPECT_THAT(NamesBelow(dir_.Path()), ElementsAre("reports", "reports/load.dat", "reports/load.ind", "reports/z-big"));
 }
 

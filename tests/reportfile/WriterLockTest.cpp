@@ -3,54 +3,19 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 
 #include "reportfile/tools/WritingProcesses.h"
 #include "tests/reportfile/StoreFiles.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
 namespace {
 
 using report::WriterLock;
-
-// Another process that has done `action` and waits until the end of the scope.
-class OtherProcess {
- public:
-  template <typename Action>
-  explicit OtherProcess(Action action) {
-    int ends[2];
-    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    id_ = fork();
-    if (id_ == 0) {
-      action();
-      if (write(ends[1], "x", 1) != 1) _exit(1);
-      for (;;) pause();
-    }
-    close(ends[1]);
-    char byte = 0;
-    EXPECT_EQ(read(ends[0], &byte, 1), 1);
-    close(ends[0]);
-  }
-  ~OtherProcess() { End(); }
-  OtherProcess(const OtherProcess&) = delete;
-  OtherProcess& operator=(const OtherProcess&) = delete;
-
-  int Id() const { return id_; }
-  void End() {
-    if (has_ended_) return;
-    kill(id_, SIGKILL);
-    EXPECT_EQ(waitpid(id_, nullptr, 0), id_);
-    has_ended_ = true;
-  }
-
- private:
-  pid_t id_ = -1;
-  bool has_ended_ = false;
-};
 
 class WriterLockOfAReport : public testing::Test {
  protected:
@@ -77,7 +42,7 @@ TEST_F(WriterLockOfAReport, MissingReportIsFree) {
 
 TEST_F(WriterLockOfAReport, WriterOfAnotherProcessIsNamed) {
   CReportFileBase store;
-  const OtherProcess writer([&] { return store.Open(files_.Path(), 3); });
+  const WaitingChild writer([&] { return store.Open(files_.Path(), 3); });
   const WriterLock lock(files_.Base());
   EXPECT_TRUE(lock.IsHeldByAnother());
   EXPECT_EQ(lock.Process(), writer.Id());
@@ -85,14 +50,14 @@ TEST_F(WriterLockOfAReport, WriterOfAnotherProcessIsNamed) {
 
 TEST_F(WriterLockOfAReport, ReaderOfAnotherProcessDoesNotCount) {
   CReportFileBase store;
-  const OtherProcess reader([&] { return store.OpenRead(files_.Path()); });
+  const WaitingChild reader([&] { return store.OpenRead(files_.Path()); });
   EXPECT_FALSE(WriterLock(files_.Base()).IsHeldByAnother());
 }
 
 // The open files of every process are read only if the lock does not answer.
 TEST_F(WriterLockOfAReport, HolderOfTheLockIsFoundWithoutReadingEveryProcess) {
   CReportFileBase store;
-  const OtherProcess writer([&] { return store.Open(files_.Path(), 3); });
+  const WaitingChild writer([&] { return store.Open(files_.Path(), 3); });
   if (report::FindLockingProcesses({*report::KeyOf(files_.IndexPath())}).empty()) {
     GTEST_SKIP() << "the list of locks has other device numbers for this file system";
   }
@@ -107,13 +72,13 @@ TEST_F(WriterLockOfAReport, HolderOfALockWhoseTakerHasEndedIsNamed) {
   CReportFileBase store;
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  OtherProcess taker([&] {
-    if (!store.Open(files_.Path(), 3)) _exit(1);
+  WaitingChild taker([&] {
+    if (!store.Open(files_.Path(), 3)) return false;
     const pid_t heir = fork();
     if (heir == 0) {
       for (;;) pause();
     }
-    (void)!write(ends[1], &heir, sizeof heir);
+    return write(ends[1], &heir, sizeof heir) == static_cast<ssize_t>(sizeof heir);
   });
   pid_t heir = 0;
   ASSERT_EQ(read(ends[0], &heir, sizeof heir), static_cast<ssize_t>(sizeof heir));
@@ -126,7 +91,7 @@ TEST_F(WriterLockOfAReport, HolderOfALockWhoseTakerHasEndedIsNamed) {
 
 // An agent that does not know the lock.
 TEST_F(WriterLockOfAReport, WriterWithoutTheLockIsFoundByItsOpenFile) {
-  const OtherProcess writer([&] { return open(files_.DataPath().c_str(), O_RDWR | O_CLOEXEC); });
+  const WaitingChild writer([&] { return open(files_.DataPath().c_str(), O_RDWR | O_CLOEXEC) >= 0; });
   const WriterLock lock(files_.Base());
   EXPECT_TRUE(lock.IsHeldByAnother());
   EXPECT_EQ(lock.Process(), writer.Id());

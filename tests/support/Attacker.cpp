@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -17,6 +16,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Support.h"
 
 namespace qx::test {
@@ -27,18 +27,12 @@ namespace {
 
 constexpr int kNoOrdinaryUser = 2;
 
-long* NewSharedCounter() {
-  void* const memory = mmap(nullptr, sizeof(long), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (memory == MAP_FAILED) throw std::runtime_error("no shared memory");
-  return static_cast<long*>(memory);
-}
-
-[[noreturn]] void Repeat(const std::function<void()>& step, long* steps) {
+[[noreturn]] void Repeat(const std::function<void()>& step, std::atomic<long>& steps) {
   (void)prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves no attacker
   if (!BecomeOrdinaryUser()) _exit(kNoOrdinaryUser);
   for (;;) {
     step();
-    std::atomic_ref(*steps).fetch_add(1);
+    ++steps;
   }
 }
 
@@ -53,12 +47,9 @@ bool BecomeOrdinaryUser() {
 
 bool AsOrdinaryUser(const std::function<bool()>& action) {
   if (!IsRoot()) return action();
-  const pid_t child = fork();
-  if (child == 0) EndChild(!BecomeOrdinaryUser() ? kNoOrdinaryUser : (action() ? 0 : 1));
-  int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child) throw std::runtime_error("no child process");
-  if (!WIFEXITED(status) || WEXITSTATUS(status) > 1) throw std::runtime_error("the child process failed");
-  return WEXITSTATUS(status) == 0;
+  const int status = StatusOfChild([&] { return !BecomeOrdinaryUser() ? kNoOrdinaryUser : (action() ? 0 : 1); });
+  if (status > 1) throw std::runtime_error("the child process failed");
+  return status == 0;
 }
 
 bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& action) {
@@ -113,19 +104,18 @@ bool GiveDefaultAccessList(const std::string& directory) {
   return setxattr(directory.c_str(), "system.posix_acl_default", &list, sizeof list, 0) == 0;
 }
 
-Attacker::Attacker(const std::function<void()>& step) : steps_(NewSharedCounter()) {
+Attacker::Attacker(const std::function<void()>& step) : steps_(0) {
   process_ = fork();
-  if (process_ == 0) Repeat(step, steps_);
+  if (process_ == 0) Repeat(step, *steps_);
   if (process_ < 0) throw std::runtime_error("no process for the attacker");
 }
 
 Attacker::~Attacker() {
   (void)kill(process_, SIGKILL);
   (void)waitpid(process_, nullptr, 0);
-  (void)munmap(steps_, sizeof(long));
 }
 
-long Attacker::Steps() const { return std::atomic_ref(*steps_).load(); }
+long Attacker::Steps() const { return *steps_; }
 
 void Exchange(const char* left, const char* right) {
   (void)renameat2(AT_FDCWD, left, AT_FDCWD, right, RENAME_EXCHANGE);  // one of them may be gone at this moment

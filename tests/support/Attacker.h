@@ -3,8 +3,11 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
+
+#include "tests/support/Shared.h"
 
 namespace qx::test {
 
@@ -56,7 +59,7 @@ class Attacker {
 
  private:
   pid_t process_ = -1;
-  long* steps_ = nullptr;  // shared with the process
+  Shared<std::atomic<long>> steps_;
 };
 
 // Swaps two names in one step, if both exist.

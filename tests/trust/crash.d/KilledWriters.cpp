@@ -1,7 +1,6 @@
 // A writer is killed at random moments, again and again, on one store, while readers transfer it through the loaded
 // module: no acknowledged record is lost, no reader dies or hangs, and the next writer continues. One form appends with
 // CReportFileBase, the other one batches with qx::Writer.
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,6 +25,7 @@
 #include "reportfile/ReportFileBase.h"
 #include "reportfile/StoreFormat.h"
 #include "sdk/Writer.h"
+#include "tests/support/Shared.h"
 #include "tests/trust/crash.d/Rows.h"
 #include "tests/trust/tracing.d/LoadedModule.h"
 
@@ -59,11 +59,7 @@ struct Shared {
 };
 
 Shared& SharedBlock() {
-  static Shared* const block = [] {
-    void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) throw std::runtime_error("no shared memory");
-    return new (memory) Shared;
-  }();
+  static const test::Shared<Shared> block;
   return *block;
 }
 

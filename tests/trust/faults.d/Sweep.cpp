@@ -1,6 +1,8 @@
 #include "tests/trust/faults.d/Sweep.h"
+#include "tests/support/FailingAllocator.h"
+#include "tests/support/Shared.h"
+#include "tests/trust/tracing.d/CallTracer.h"
 
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -13,9 +15,6 @@
 #include <new>
 #include <set>
 #include <stdexcept>
-
-#include "tests/support/FailingAllocator.h"
-#include "tests/trust/tracing.d/CallTracer.h"
 
 namespace qx::trust {
 
@@ -118,11 +117,7 @@ struct Shared {
 };
 
 Shared& SharedBlock() {
-  static Shared* const block = [] {
-    void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) throw std::runtime_error("no shared memory");
-    return new (memory) Shared;
-  }();
+  static const test::Shared<Shared> block;
   return *block;
 }
 

@@ -4,7 +4,6 @@
 //
 // The store promises readers in other processes no more than that they end and get text (docs/report-store.md); what is
 // promised here is no crash, no hang, and no reply that is not well formed. The rates are measured, not promised.
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +22,7 @@
 #include "bench/support/ServiceHost.h"
 #include "debug/Debug.h"
 #include "reportfile/ReportFileBase.h"
+#include "tests/support/Shared.h"
 #include "tests/trust/rings.d/TortureReaders.h"
 #include "tests/trust/rings.d/TortureRecord.h"
 
@@ -47,11 +46,7 @@ struct Shared {
 };
 
 Shared& SharedMemory() {
-  static Shared* const shared = [] {
-    void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) std::abort();
-    return new (memory) Shared;
-  }();
+  static const qx::test::Shared<Shared> shared;
   return *shared;
 }
 

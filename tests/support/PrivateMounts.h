@@ -6,10 +6,7 @@
 
 namespace qx::test {
 
-// What `body` returns in a forked child; then "[signal N]" or "[status N]" if the child fails.
-std::string InChild(const std::function<std::string()>& body);
-
-// The same with the child's own mounts, which no other process sees and which end with it. If namespaces are not
+// TextOfChild with the child's own mounts, which no other process sees and which end with it. If namespaces are not
 // allowed, the result names what to allow, and `body` does not run.
 std::string WithPrivateMounts(const std::function<std::string()>& body);
 

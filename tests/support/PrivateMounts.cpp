@@ -1,16 +1,14 @@
-#include "tests/debug/PrivateMounts.h"
+#include "tests/support/PrivateMounts.h"
 
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <exception>
 #include <stdexcept>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Support.h"
 
 namespace qx::test {
@@ -34,57 +32,10 @@ bool EnterNamespace() {
   return true;
 }
 
-std::string TextOf(const std::function<std::string()>& body) {
-  try {
-    return body();
-  } catch (const std::exception& error) {
-    return std::string("[exception: ") + error.what() + "]";
-  }
-}
-
-[[noreturn]] void RunChild(const std::function<std::string()>& body, int to_parent) {
-  const std::string text = TextOf(body);
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t count = ::write(to_parent, text.data() + done, text.size() - done);
-    if (count <= 0) ::_exit(99);
-    done += static_cast<std::size_t>(count);
-  }
-  EndChild(0);
-}
-
-std::string ReadToEnd(int descriptor) {
-  std::string text;
-  char part[4096];
-  for (ssize_t count = 0; (count = ::read(descriptor, part, sizeof part)) > 0;) {
-    text.append(part, static_cast<std::size_t>(count));
-  }
-  return text;
-}
-
 }  // namespace
 
-std::string InChild(const std::function<std::string()>& body) {
-  int ends[2];
-  if (::pipe(ends) != 0) throw std::runtime_error("no pipe");
-  std::fflush(nullptr);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::close(ends[0]);
-    RunChild(body, ends[1]);
-  }
-  ::close(ends[1]);
-  std::string text = ReadToEnd(ends[0]);
-  ::close(ends[0]);
-  int status = 0;
-  if (child < 0 || ::waitpid(child, &status, 0) != child) throw std::runtime_error("no child");
-  if (WIFSIGNALED(status)) text += "[signal " + std::to_string(WTERMSIG(status)) + "]";
-  if (WIFEXITED(status) && WEXITSTATUS(status) != 0) text += "[status " + std::to_string(WEXITSTATUS(status)) + "]";
-  return text;
-}
-
 std::string WithPrivateMounts(const std::function<std::string()>& body) {
-  return InChild([&]() -> std::string {
+  return TextOfChild([&]() -> std::string {
     if (!EnterNamespace() || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return kAdvice;
     return body();
   });

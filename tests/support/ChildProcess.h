@@ -1,0 +1,47 @@
+// Child processes of a test: for work that changes the whole process, and for other processes that hold something.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+#include <string>
+
+namespace qx::test {
+
+// The exit status of a forked child that runs `body`; 1000 + N if signal N ends it. After an exception the status is
+// 99, and its text is on standard error.
+int StatusOfChild(const std::function<int()>& body);
+
+struct ChildText {
+  bool with_errors = false;              // the child's standard error belongs to the text
+  std::function<int()> status_at_end{};  // the exit status of the child; empty: 0
+};
+
+// What `body` returns in a forked child; then "[signal N]" or "[status N]" if the child fails. An exception's text is
+// "[exception: ...]".
+std::string TextOfChild(const std::function<std::string()>& body, const ChildText& options = {});
+
+// For a child: no file may grow over `bytes`. A write beyond that writes what fits, or fails with EFBIG, as on a full
+// disk.
+[[nodiscard]] bool LimitFileSize(std::size_t bytes);
+
+// A child that has done `action` and waits until the end of the scope. Throws std::runtime_error if the action returns
+// false.
+class WaitingChild {
+ public:
+  explicit WaitingChild(const std::function<bool()>& action);
+  ~WaitingChild();
+  WaitingChild(const WaitingChild&) = delete;
+  WaitingChild& operator=(const WaitingChild&) = delete;
+
+  int Id() const { return id_; }
+  // Ends it now.
+  void End();
+
+ private:
+  pid_t id_ = -1;
+  bool has_ended_ = false;
+};
+
+}  // namespace qx::test
