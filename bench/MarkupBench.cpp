@@ -12,6 +12,8 @@
 #include "markup/Markup.h"
 #ifdef QX_HAVE_PUGIXML
 #include <pugixml.hpp>
+
+#include "bench/support/PugiText.h"
 #endif
 #ifdef QX_HAVE_TINYXML2
 #include <tinyxml2.h>
@@ -157,11 +159,6 @@ void BuildCDataQx(benchmark::State& state) {
 }
 
 #ifdef QX_HAVE_PUGIXML
-struct StringWriter : pugi::xml_writer {
-  std::string text;
-  void write(const void* data, std::size_t size) override { text.append(static_cast<const char*>(data), size); }
-};
-
 void BuildChildrenPugixml(benchmark::State& state) {
   for (auto _ : state) {
     pugi::xml_document document;
@@ -171,7 +168,7 @@ void BuildChildrenPugixml(benchmark::State& state) {
       child.append_attribute("Nr").set_value(i);
       child.append_child(pugi::node_pcdata).set_value("name & text");
     }
-    StringWriter writer;
+    qx::bench::StringWriter writer;
     document.save(writer, "", pugi::format_raw | pugi::format_no_declaration);
     char* reply = strdup(writer.text.c_str());
     benchmark::DoNotOptimize(reply);
@@ -186,7 +183,7 @@ void BuildCDataPugixml(benchmark::State& state) {
     pugi::xml_node data = document.append_child("ReportData");
     data.append_attribute("Name").set_value("r");
     data.append_child(pugi::node_cdata).set_value(records.c_str());
-    StringWriter writer;
+    qx::bench::StringWriter writer;
     document.save(writer, "", pugi::format_raw | pugi::format_no_declaration);
     char* reply = strdup(writer.text.c_str());
     benchmark::DoNotOptimize(reply);
@@ -259,7 +256,7 @@ void EscapePugixml(benchmark::State& state) {
   document.append_child(pugi::node_element).append_child(pugi::node_pcdata).set_value(SpecialText().c_str());
   const pugi::xml_node text = document.first_child().first_child();
   for (auto _ : state) {
-    StringWriter writer;
+    qx::bench::StringWriter writer;
     writer.text.reserve(kMiB);
     text.print(writer, "", pugi::format_raw);
     benchmark::DoNotOptimize(writer.text);

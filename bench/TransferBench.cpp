@@ -21,6 +21,8 @@
 #endif
 #ifdef QX_HAVE_PUGIXML
 #include <pugixml.hpp>
+
+#include "bench/support/PugiText.h"
 #endif
 
 namespace {
@@ -146,13 +148,6 @@ void TransferStdio(benchmark::State& state) {
   }
 }
 
-#ifdef QX_HAVE_PUGIXML
-struct StringWriter : pugi::xml_writer {
-  std::string text;
-  void write(const void* data, std::size_t size) override { text.append(static_cast<const char*>(data), size); }
-};
-#endif
-
 #if defined(QX_HAVE_LMDB) && defined(QX_HAVE_PUGIXML)
 // The ring's records in a database, in order of age.
 class Lmdb {
@@ -187,7 +182,7 @@ char* PugixmlReply(long start, long next, const std::string& records) {
   data.append_attribute("StartIndex").set_value(start);
   data.append_attribute("NextIndex").set_value(next);
   data.append_child(pugi::node_cdata).set_value(records.c_str());
-  StringWriter writer;
+  qx::bench::StringWriter writer;
   document.save(writer, "", pugi::format_raw | pugi::format_no_declaration);
   return strdup(writer.text.c_str());
 }
@@ -265,7 +260,7 @@ void WhatPugixml(benchmark::State& state) {
     what.append_attribute("date").set_value("2026/01/31-10:20");
     what.append_attribute("company").set_value("Norrlek");
     what.append_attribute("milestone").set_value("-");
-    StringWriter writer;
+    qx::bench::StringWriter writer;
     out.save(writer, "", pugi::format_raw | pugi::format_no_declaration);
     char* reply = strdup(writer.text.c_str());
     benchmark::DoNotOptimize(reply);

@@ -1,21 +1,19 @@
 // Any bytes as a trace settings file: every value is within its bounds, and nothing is read outside the text.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string_view>
 
 #include "debug/DebugTraceConfig.h"
+#include "fuzz/support/Require.h"
 
 namespace {
+
+using qx::fuzz::Require;
 
 constexpr std::string_view kSections[] = {"GlobalDebugSettings", "QXRemConXfer", "", "EndOfFile"};
 constexpr std::string_view kKeys[] = {"DynamicUpdate",       "FileDebugLevel",       "TraceFlags",
                                       "RingBufferDirectory", "RingBufferSizeFactor", "RingBufferSizeWeight",
                                       "NoHeaderToStderr",    "MemoryTracesFlag"};
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 void ReadKey(const CDebugTraceConfigFile& file, std::string_view key, bool has_section) {
   std::string_view text;

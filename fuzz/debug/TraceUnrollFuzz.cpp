@@ -1,19 +1,16 @@
 // Any bytes as a log or a ring file: a read ends, and returns only bytes of the file and no byte twice.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "debug/tools/TraceUnroll.h"
+#include "fuzz/support/Require.h"
 
 namespace {
 
 using qx::debug::TraceEntry;
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
+using qx::fuzz::Require;
 
 // The lines of an entry are bytes of the file from its offset on, without the holes between them.
 void CheckEntry(std::string_view bytes, const TraceEntry& entry) {

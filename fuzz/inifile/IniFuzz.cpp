@@ -5,12 +5,11 @@
 //   "sAa" set, "nAa" set a number, "kAa" delete a key, "dA." delete a section, "rAa" read, "lA." list, "cAB" copy
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "fuzz/support/Require.h"
 #include "inifile/IniFile.h"
 #include "tests/inifile/FgetsProfile.h"
 #include "tests/inifile/LineList.h"
@@ -18,16 +17,12 @@
 
 namespace {
 
+using qx::fuzz::Demand;
 using qx::test::LineList;
 using qx::test::MemoryFile;
+using qx::test::UpToAnEmptyName;
 
 constexpr std::size_t kStepsMax = 16;
-
-void Demand(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "does not hold: %s\n", what);
-  std::abort();
-}
 
 template <std::size_t N>
 std::string Pick(const char* const (&names)[N], char which) {
@@ -42,17 +37,6 @@ std::string SectionName(char which) {
 std::string KeyName(char which) {
   static constexpr const char* kNames[] = {"a", "b", "", " a", "key", "a b", "[A]", "\xFF"};
   return Pick(kNames, which);
-}
-
-std::vector<std::string> Until(std::vector<std::string> names) {
-  names.erase(std::find(names.begin(), names.end(), ""), names.end());
-  return names;
-}
-
-std::vector<std::string> KeysOf(const LineList& model, const std::string& section) {
-  std::vector<std::string> keys;
-  for (const LineList::Entry& entry : model.Entries(section)) keys.push_back(entry.key);
-  return keys;
 }
 
 std::size_t Counted(const std::vector<std::string>& names) {
@@ -75,18 +59,18 @@ void CheckLists(CIniFile& ini, const LineList& model, const std::string& section
   std::vector<std::string> names;
   (void)ini.GetSections(names);
   const std::vector<std::string> sections = model.SectionNames();
-  Demand(Counted(sections) > kListMax || names == Until(sections), "the section names");
+  Demand(Counted(sections) > kListMax || names == UpToAnEmptyName(sections), "the section names");
   names.clear();
   (void)ini.GetEnums(names, section.c_str());
-  const std::vector<std::string> keys = KeysOf(model, section);
-  Demand(Counted(keys) > kListMax || names == Until(keys), "the keys");
+  const std::vector<std::string> keys = model.Keys(section);
+  Demand(Counted(keys) > kListMax || names == UpToAnEmptyName(keys), "the keys");
 }
 
 void Copy(CIniFile& ini, LineList& model, const std::string& from, const std::string& to) {
-  const std::vector<std::string> keys = KeysOf(model, from);
+  const std::vector<std::string> keys = model.Keys(from);
   if (keys.size() > 100) return;  // each one is a write of the whole file
   Demand(ini.CopySection(from.c_str(), to.c_str()), "the copy");
-  for (const std::string& key : Until(keys)) (void)model.Write(to, key, model.Value(from, key, ""));
+  for (const std::string& key : UpToAnEmptyName(keys)) (void)model.Write(to, key, model.Value(from, key, ""));
 }
 
 void Run(CIniFile& ini, LineList& model, std::string_view step) {

@@ -10,15 +10,16 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "fuzz/support/Require.h"
 #include "markup/Markup.h"
 
 namespace {
+
+using qx::fuzz::Wrong;
 
 constexpr std::size_t kNameBytesMax = 1020;
 constexpr int kEndTagBytesMax = 1023;                // including white space
@@ -74,11 +75,6 @@ std::vector<Element> Walk(CMarkup& markup) {
       --depth;
     }
   }
-}
-
-[[noreturn]] void Wrong(const char* what) {
-  std::fprintf(stderr, "%s\n", what);
-  std::abort();
 }
 
 }  // namespace

@@ -2,20 +2,18 @@
 // step.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
+#include "fuzz/support/Require.h"
 #include "markup/Markup.h"
 
 namespace {
 
+using qx::fuzz::Require;
+
 constexpr int kElementsWalked = 64;
 
-void Check(bool holds) {
-  if (!holds) std::abort();
-}
-
-void CheckSound(const CMarkup& markup) { Check(markup.CheckInvariants()); }
+void CheckSound(const CMarkup& markup) { Require(markup.CheckInvariants()); }
 
 void Walk(CMarkup& markup) {
   for (int i = 0; i < kElementsWalked && markup.FindElem("//[1]"); ++i) {
@@ -54,11 +52,11 @@ void Edit(CMarkup& markup, const std::string& text) {
         break;
       case 2:
         changed = markup.SetAttrib(data.c_str(), data.c_str(), flags);
-        if (changed && (flags & CMarkup::kKeepReferences) == 0) Check(markup.GetAttrib(data.c_str()) == data.c_str());
+        if (changed && (flags & CMarkup::kKeepReferences) == 0) Require(markup.GetAttrib(data.c_str()) == data.c_str());
         break;
       case 3:
         changed = markup.SetData(std::string_view(data), flags);
-        if (changed && (flags & CMarkup::kKeepReferences) == 0) Check(markup.GetData() == data);
+        if (changed && (flags & CMarkup::kKeepReferences) == 0) Require(markup.GetData() == data);
         break;
       case 4:
         changed = markup.RemoveElem();
@@ -72,7 +70,7 @@ void Edit(CMarkup& markup, const std::string& text) {
       default:
         (void)markup.FindElem();
     }
-    Check(changed || markup.GetDoc() == before);
+    Require(changed || markup.GetDoc() == before);
     CheckSound(markup);
   }
 }
@@ -86,8 +84,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     markup.SetDocFlags(flags);
     const bool well_formed = markup.SetDoc(text);
     CheckSound(markup);
-    Check(well_formed == (markup.GetResult().empty() && !text.empty()));
-    Check(markup.GetError().empty() == markup.GetResult().empty());
+    Require(well_formed == (markup.GetResult().empty() && !text.empty()));
+    Require(markup.GetError().empty() == markup.GetResult().empty());
     Walk(markup);
     CheckSound(markup);
     Edit(markup, text);

@@ -7,23 +7,18 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "fuzz/support/Require.h"
 #include "provider/KrxRequestParams.h"
 #include "provider/tools/RawBlock.h"
 
 namespace {
 
+using qx::fuzz::Wrong;
 using qx::provider::RawBlock;
-
-[[noreturn]] void Wrong(const char* what) {
-  std::fprintf(stderr, "RequestBlockFuzz: %s\n", what);
-  std::abort();
-}
 
 class Script {
  public:

@@ -5,21 +5,16 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
+#include "fuzz/support/Require.h"
 #include "provider/ModuleExports.h"
 #include "reportfile/ReportFileBase.h"
 
 namespace qx::fuzz {
-
-[[noreturn]] inline void Wrong(const char* what) {
-  std::fprintf(stderr, "%s\n", what);
-  std::abort();
-}
 
 // A directory with a report "r1" and its instance names below "Reports", where the module looks below its working
 // directory when the configuration names no other; and the module object.

@@ -1,20 +1,17 @@
 // Recorded calls of any origin: parsing never crashes, and what is taken makes a block that reads back as the same.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
+#include "fuzz/support/Require.h"
 #include "provider/KrxRequestParams.h"
 #include "tools/qxctl/trial/CallFile.h"
 
 namespace {
 
+using qx::fuzz::Require;
 using Json = qx::ctl::CallJson;
 using qx::ctl::RecordedCall;
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // What the module does with a block: every accessor, over memory that the address sanitizer watches.
 void ReadLikeAModule(const wcs_gendata* raw) {

@@ -2,12 +2,11 @@
 // any size give the same tree; and a tree with values, written and read again, is the same tree.
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
 
+#include "fuzz/support/Require.h"
 #include "registry/RegistryNode.h"
 #include "registry/TreeReader.h"
 #include "registry/TreeWriter.h"
@@ -15,11 +14,7 @@
 
 namespace {
 
-void Demand(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "does not hold: %s\n", what);
-  std::abort();
-}
+using qx::fuzz::Demand;
 
 std::string Text(const CRegistryNode& key) {
   std::string text;

@@ -1,22 +1,17 @@
 // Reads bytes as a registry file with the tools. The check and the load agree on whether it loads; a tree that may be
 // stored is read back unchanged; a tree does not differ from itself, nor from a merge with itself.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "fuzz/support/Require.h"
 #include "registry/tools/FileLint.h"
 #include "registry/tools/TreeDiff.h"
 #include "registry/tools/TreeEdit.h"
 
 namespace {
 
-void Demand(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "does not hold: %s\n", what);
-  std::abort();
-}
+using qx::fuzz::Demand;
 
 bool AreEqual(const CRegistryNode& left, const CRegistryNode& right) {
   return qx::registry::Compare(left, right).changes.empty();

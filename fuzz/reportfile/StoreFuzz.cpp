@@ -8,28 +8,24 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "fuzz/support/Require.h"
 #include "reportfile/RecordReader.h"
 #include "reportfile/ReportFileBase.h"
+#include "tests/reportfile/TakeOneByOne.h"
 
 namespace {
 
+using qx::fuzz::Require;
 using qx::report::RecordReader;
-using qx::report::TakeEnd;
 using qx::report::TakenRecords;
+using qx::test::TakeOneByOne;
 
 constexpr std::size_t kSteeringBytes = 5;
 constexpr std::uint32_t kSlotsMax = 40;  // more would only repeat what the first ones do
-
-void Require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "%s\n", what);
-  std::abort();
-}
 
 // A report's two files in a directory of their own that is in memory.
 class ReportFiles {
@@ -69,17 +65,6 @@ class ReportFiles {
   int index_ = -1;
   int data_ = -1;
 };
-
-TakenRecords TakeOneByOne(CReportFileBase& store, std::uint32_t first, std::uint32_t count_max,
-                          std::size_t gathered_max, std::string* out) {
-  for (std::uint32_t taken = 0; taken < count_max; ++taken) {
-    std::string text;
-    if (!store.readLine(text, first + taken)) return {taken, TakeEnd::kReadFailed};
-    if (out->size() + text.size() >= gathered_max) return {taken, TakeEnd::kChunkFull};
-    *out += text;
-  }
-  return {count_max, TakeEnd::kCountReached};
-}
 
 void CompareTake(CReportFileBase& store, RecordReader& reader, std::uint32_t first, std::uint32_t count_max,
                  std::size_t gathered_max) {

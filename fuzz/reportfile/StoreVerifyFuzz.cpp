@@ -4,12 +4,11 @@
 // Input: one byte n, then n bytes of the index file (all there are, if fewer), then the data file.
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "fuzz/support/Require.h"
 #include "reportfile/StoreFormat.h"
 #include "reportfile/tools/ByteSource.h"
 #include "reportfile/tools/StoreSalvage.h"
@@ -17,16 +16,11 @@
 
 namespace {
 
+using qx::fuzz::Require;
 using qx::report::IndexHeader;
 using qx::report::MemoryBytes;
 using qx::report::SalvageCounts;
 using qx::report::StoreScan;
-
-void Require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "%s\n", what);
-  std::abort();
-}
 
 std::vector<std::string> Salvage(std::string_view index, std::string_view data, bool with_unindexed) {
   MemoryBytes index_bytes(index);

@@ -118,24 +118,13 @@ TEST_F(IniFileModel, PrimitiveReadsLikeTheFgetsFormAtEveryBufferSize) {
   }
 }
 
-std::vector<std::string> UpToAnEmptyName(std::vector<std::string> names) {
-  names.erase(std::find(names.begin(), names.end(), ""), names.end());
-  return names;
-}
-
-std::vector<std::string> KeysOf(const LineList& model, const std::string& section) {
-  std::vector<std::string> keys;
-  for (const LineList::Entry& entry : model.Entries(section)) keys.push_back(entry.key);
-  return keys;
-}
-
 void ExpectReadsAgree(CIniFile& ini, const LineList& model, const std::string& section, const std::string& key) {
   std::vector<std::string> names;
   (void)ini.GetSections(names);
-  ASSERT_EQ(names, UpToAnEmptyName(model.SectionNames()));
+  ASSERT_EQ(names, qx::test::UpToAnEmptyName(model.SectionNames()));
   names.clear();
   (void)ini.GetEnums(names, section.c_str());
-  ASSERT_EQ(names, UpToAnEmptyName(KeysOf(model, section)));
+  ASSERT_EQ(names, qx::test::UpToAnEmptyName(model.Keys(section)));
 
   const std::string value = model.Value(section, key, "default");
   std::string out;
@@ -146,7 +135,7 @@ void ExpectReadsAgree(CIniFile& ini, const LineList& model, const std::string& s
 
 // CopySection writes to the file at once, so it may read what it wrote before.
 void CopyInModel(LineList& model, const std::string& from, const std::string& to) {
-  for (const std::string& key : UpToAnEmptyName(KeysOf(model, from))) {
+  for (const std::string& key : qx::test::UpToAnEmptyName(model.Keys(from))) {
     (void)model.Write(to, key, model.Value(from, key, ""));
   }
 }

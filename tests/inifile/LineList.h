@@ -47,6 +47,12 @@ class LineList {
     return entries;
   }
 
+  std::vector<std::string> Keys(const std::string& section) const {
+    std::vector<std::string> keys;
+    for (const Entry& entry : Entries(section)) keys.push_back(entry.key);
+    return keys;
+  }
+
   // The first entry of the key decides, even if it is empty.
   std::string Value(const std::string& section, const std::string& key, const std::string& def) const {
     for (const Entry& entry : Entries(section)) {
@@ -156,5 +162,11 @@ class LineList {
 
   std::string bytes_;
 };
+
+// What the class returns of a list of names: it ends at an empty one.
+inline std::vector<std::string> UpToAnEmptyName(std::vector<std::string> names) {
+  names.erase(std::find(names.begin(), names.end(), ""), names.end());
+  return names;
+}
 
 }  // namespace qx::test

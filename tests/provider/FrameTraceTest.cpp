@@ -16,21 +16,10 @@
 namespace {
 
 using qx::test::BlockBuilder;
-using qx::test::ChunkIsFull;
-using qx::test::CompareOldest;
-using qx::test::NotReadableLine;
-using qx::test::OpenedReport;
-using qx::test::PathOfReport;
-using qx::test::ReadEntry;
-using qx::test::RecordLimit;
-using qx::test::RecordsRead;
-using qx::test::RepliedRecords;
-using qx::test::RequestOf;
-using qx::test::RingIndices;
-using qx::test::TakenEntry;
 using qx::test::TraceCapture;
 using qx::test::Upto;
 using Lines = qx::test::TraceLines;
+using namespace qx::test::transfer;
 
 // What differs from run to run: the characters of `set` after `prefix` are replaced by `mark`.
 struct Varying {

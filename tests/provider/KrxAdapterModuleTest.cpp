@@ -47,7 +47,7 @@ std::string Hex8(std::uint32_t number) {
   return text;
 }
 
-std::string WhatOfANewModule() {
+CMarkup ReplyOfANewModule() {
   CKrxAdapterModule module;
   EXPECT_TRUE(module.Init(nullptr));
   const auto block = BlockBuilder::Request("What");
@@ -55,8 +55,13 @@ std::string WhatOfANewModule() {
   CMarkup in;
   CMarkup out;
   EXPECT_EQ(module.What(params, in, out), 0);
-  EXPECT_TRUE(out.IsWellFormed());
-  return TextOf(out);
+  return out;
+}
+
+std::string WhatOfANewModule() {
+  CMarkup reply = ReplyOfANewModule();
+  EXPECT_TRUE(reply.IsWellFormed());
+  return TextOf(reply);
 }
 
 TEST(KrxAdapterModule, WhatNamesTheModuleAndItsVersionTexts) {
@@ -82,14 +87,8 @@ TEST(KrxAdapterModule, NullNameExportNamesTheRootElementNotAvailable) {
 TEST(KrxAdapterModule, NameThatNoElementCanHaveMakesAMalformedReply) {
   for (const char* impossible : {"", "1<", "a><b"}) {
     const ScopedText name(DreQXObjectName, impossible);
-    CKrxAdapterModule module;
-    EXPECT_TRUE(module.Init(nullptr));
-    const auto block = BlockBuilder::Request("What");
-    KrxRequestParams params(block->Block());
-    CMarkup in;
-    CMarkup out;
-    EXPECT_EQ(module.What(params, in, out), 0);
-    EXPECT_FALSE(out.IsWellFormed()) << impossible << ": " << out.GetDoc();
+    const CMarkup reply = ReplyOfANewModule();
+    EXPECT_FALSE(reply.IsWellFormed()) << impossible << ": " << reply.GetDoc();
   }
 }
 

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/provider/TraceLines.h"
 #include "tests/provider/TransferFixture.h"
 
 namespace {
@@ -19,6 +20,8 @@ using qx::test::Records;
 using qx::test::Reply;
 using qx::test::ServiceThread;
 using qx::test::TraceCapture;
+using qx::test::TraceLines;
+using qx::test::Upto;
 using qx::test::WriteFile;
 
 constexpr char kRefusal[] =
@@ -286,20 +289,11 @@ TEST_F(ReportNamesThreads, CallsOnManyThreadsReturnTheirOwnReplies) {
 
 // --- traces
 
-struct Line {
-  int level;
-  std::string text;
-};
-
 class ReportNamesTrace : public ReportNames {
  protected:
   // Calls at every level and expects the lines of this function, in their order, up to that level.
-  static void Expect(const std::vector<Line>& lines, const std::string& input) {
+  static void Expect(const TraceLines& lines, const std::string& input) {
     for (int level = 0; level <= 6; ++level) {
-      std::string expected;
-      for (const Line& line : lines) {
-        if (line.level <= level) expected += line.text + "\n";
-      }
       ServiceThread thread;
       (void)thread.Ask("nothing", 1);  // thread data exists
       std::string seen;
@@ -309,8 +303,30 @@ class ReportNamesTrace : public ReportNames {
         const bool is_dump = entry.find("   ") == entry.size() - 5;
         if (entry.starts_with("WCSP_QX GetInstances") || is_dump) seen += entry + "\n";
       }
-      EXPECT_EQ(seen, expected) << "level " << level;
+      EXPECT_EQ(seen, Upto(level, lines)) << "level " << level;
     }
+  }
+
+  // A call with the request for the report r1, up to the open of its file.
+  TraceLines RequestOfR1() const {
+    return {{2, "WCSP_QX GetInstances: Get report instance names"},
+            {4, "WCSP_QX GetInstances:   XML input string: \"" + Request("r1") + "\""},
+            {5, "72 31   r1"},
+            {3, "WCSP_QX GetInstances: open instance file " + BasePath("r1") + ".names..."}};
+  }
+  static TraceLines FoundFile(int version, const std::string& name) {
+    return {{3, "WCSP_QX GetInstances:   instance file existing"},
+            {3, "WCSP_QX GetInstances:   version=" + std::to_string(version) + ", report name=" + name}};
+  }
+  static TraceLines FoundInstance(const std::string& number, const std::string& name, const std::string& dump) {
+    return {{3, "WCSP_QX GetInstances:   entry: " + number + "=" + name},
+            {3, "WCSP_QX GetInstances:   instance name: " + name},
+            {5, dump}};
+  }
+  static TraceLines Replied(int version, const std::string& reply) {
+    return {{4, "WCSP_QX GetInstances: XML output: \"" + reply + "\""},
+            {2, "WCSP_QX GetInstances:   file transferred, Version=" + std::to_string(version) +
+                    ", Length=" + std::to_string(reply.size()) + " bytes"}};
   }
 };
 
@@ -319,52 +335,20 @@ TEST_F(ReportNamesTrace, List) {
   const std::string reply =
       "<ReportInstanceNames Name=\"r1\" Version=\"1\" NrInstances=\"2\">\n<Instance Nr=\"1\">ab</Instance>\n"
       "<Instance Nr=\"2\">cd</Instance>\n</ReportInstanceNames>\n";
-  Expect(
-      {
-          {2, "WCSP_QX GetInstances: Get report instance names"},
-          {4, "WCSP_QX GetInstances:   XML input string: \"" + Request("r1") + "\""},
-          {5, "72 31   r1"},
-          {3, "WCSP_QX GetInstances: open instance file " + BasePath("r1") + ".names..."},
-          {3, "WCSP_QX GetInstances:   instance file existing"},
-          {3, "WCSP_QX GetInstances:   version=1, report name=r1"},
-          {3, "WCSP_QX GetInstances:   entry: 1=ab"},
-          {3, "WCSP_QX GetInstances:   instance name: ab"},
-          {5, "61 62   ab"},
-          {3, "WCSP_QX GetInstances:   entry: 2=cd"},
-          {3, "WCSP_QX GetInstances:   instance name: cd"},
-          {5, "63 64   cd"},
-          {4, "WCSP_QX GetInstances: XML output: \"" + reply + "\""},
-          {2, "WCSP_QX GetInstances:   file transferred, Version=1, Length=" + std::to_string(reply.size()) + " bytes"},
-      },
-      Request("r1"));
+  Expect(RequestOfR1() + FoundFile(1, "r1") + FoundInstance("1", "ab", "61 62   ab") +
+             FoundInstance("2", "cd", "63 64   cd") + Replied(1, reply),
+         Request("r1"));
 }
 
 TEST_F(ReportNamesTrace, AnotherVersion) {
   NamesFile("r1", "[Quaxel Report Instances]\nVersion=2\nName=n\n");
-  Expect(
-      {
-          {2, "WCSP_QX GetInstances: Get report instance names"},
-          {4, "WCSP_QX GetInstances:   XML input string: \"" + Request("r1") + "\""},
-          {5, "72 31   r1"},
-          {3, "WCSP_QX GetInstances: open instance file " + BasePath("r1") + ".names..."},
-          {3, "WCSP_QX GetInstances:   instance file existing"},
-          {3, "WCSP_QX GetInstances:   version=2, report name=n"},
-          {4, "WCSP_QX GetInstances: XML output: \"\""},
-          {2, "WCSP_QX GetInstances:   file transferred, Version=2, Length=0 bytes"},
-      },
-      Request("r1"));
+  Expect(RequestOfR1() + FoundFile(2, "n") + Replied(2, ""), Request("r1"));
 }
 
 TEST_F(ReportNamesTrace, NoFile) {
-  Expect(
-      {
-          {2, "WCSP_QX GetInstances: Get report instance names"},
-          {4, "WCSP_QX GetInstances:   XML input string: \"" + Request("r1") + "\""},
-          {5, "72 31   r1"},
-          {3, "WCSP_QX GetInstances: open instance file " + BasePath("r1") + ".names..."},
-          {1, "WCSP_QX GetInstances: ## ERROR! The instance names file for report \"r1\" could not be found!"},
-      },
-      Request("r1"));
+  const TraceLines not_found = {
+      {1, "WCSP_QX GetInstances: ## ERROR! The instance names file for report \"r1\" could not be found!"}};
+  Expect(RequestOfR1() + not_found, Request("r1"));
 }
 
 TEST_F(ReportNamesTrace, ControlBytesOfAReportNameAreShownAsDots) {

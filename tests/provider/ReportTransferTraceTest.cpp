@@ -18,22 +18,11 @@ namespace {
 
 using qx::provider::CurrentThreadLow32;
 using qx::provider::TransferOptions;
-using qx::test::ChunkIsFull;
-using qx::test::CompareOldest;
-using qx::test::EndOfRing;
-using qx::test::NotReadableLine;
-using qx::test::OpenedReport;
-using qx::test::ReadEntry;
-using qx::test::RecordLimit;
-using qx::test::RecordsRead;
-using qx::test::RepliedRecords;
-using qx::test::RequestOf;
-using qx::test::RingIndices;
 using qx::test::ServiceThread;
-using qx::test::TakenEntry;
 using qx::test::TraceCapture;
 using qx::test::Upto;
 using Lines = qx::test::TraceLines;
+using namespace qx::test::transfer;
 
 constexpr int kLevelMax = 6;
 
@@ -101,7 +90,7 @@ class ReportTransferTrace : public qx::test::TransferFixture {
     }
   }
 
-  Lines Path(const std::string& name) const { return qx::test::PathOfReport(BasePath(name)); }
+  Lines Path(const std::string& name) const { return PathOfReport(BasePath(name)); }
 };
 
 TEST_F(ReportTransferTrace, FirstCall) {

@@ -7,7 +7,7 @@
 
 #include "tests/provider/TraceLines.h"
 
-namespace qx::test {
+namespace qx::test::transfer {
 
 // The request names a report; `dump` is its name as hexadecimal text. A call from the first record on starts over.
 inline TraceLines RequestOf(const std::string& name, const std::string& dump, int start) {
@@ -76,4 +76,4 @@ inline TraceLines RepliedRecords(const std::string& name, int start, int next, c
           {4, "WCSP_QX GetReports  :   data:   \"" + text.substr(0, 256) + "...\""}};
 }
 
-}  // namespace qx::test
+}  // namespace qx::test::transfer

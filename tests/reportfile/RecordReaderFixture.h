@@ -13,6 +13,7 @@
 #include "reportfile/RecordReader.h"
 #include "reportfile/ReportFileBase.h"
 #include "tests/reportfile/StoreFiles.h"
+#include "tests/reportfile/TakeOneByOne.h"
 
 namespace qx::report {
 
@@ -31,21 +32,6 @@ using report::TakeEnd;
 using report::TakenRecords;
 
 inline constexpr std::size_t kNoLimit = std::size_t{1} << 40;
-
-// Take in its plainest form: one readLine for each slot.
-inline TakenRecords TakeOneByOne(CReportFileBase& store, std::uint32_t first, std::uint32_t count_max,
-                                 std::size_t gathered_max, std::string* out) {
-  for (std::uint32_t taken = 0; taken < count_max; ++taken) {
-    std::string text;
-    const std::uint64_t slot = std::uint64_t{first} + taken;
-    if (slot > 0xFFFFFFFF || !store.readLine(text, static_cast<std::uint32_t>(slot))) {
-      return {taken, TakeEnd::kReadFailed};
-    }
-    if (out->size() + text.size() >= gathered_max) return {taken, TakeEnd::kChunkFull};
-    *out += text;
-  }
-  return {count_max, TakeEnd::kCountReached};
-}
 
 class RecordReaderTest : public testing::Test {
  protected:
