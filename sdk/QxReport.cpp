@@ -54,11 +54,12 @@ Error CopyPath(const char* name, char* path, size_t path_size) {
 
 Error AppendMany(qxreport_writer* writer, const char* const* texts, const size_t* sizes, size_t count) {
   if (writer == nullptr) return MakeError(ErrorCode::kNotOpen, "no report is open");
-  if (count > 0 && (texts == nullptr || sizes == nullptr)) return Missing("the list of texts");
+  if (count > 0 && texts == nullptr) return Missing("the list of texts");
+  if (count > 0 && sizes == nullptr) return Missing("the list of sizes");
   std::vector<std::string_view> views;
   views.reserve(count);
   for (size_t i = 0; i < count; ++i) {
-    if (texts[i] == nullptr) return Missing("a text");
+    if (texts[i] == nullptr) return {.code = ErrorCode::kBadArgument, .record = i, .text = "a text is null"};
     views.emplace_back(texts[i], sizes[i]);
   }
   return writer->writer.Append(std::span<const std::string_view>(views));

@@ -116,15 +116,23 @@ _library.qxreport_close_reader.argtypes = [ctypes.c_void_p]
 _library.qxreport_close_reader.restype = None
 
 
-def _bytes(text: Text) -> bytes:
-    return text.encode("utf-8", "surrogateescape") if isinstance(text, str) else text
+def _bytes(text: Text, what: str = "a text") -> bytes:
+    if isinstance(text, bytes):
+        return text
+    if isinstance(text, str):
+        return text.encode("utf-8", "surrogateescape")
+    raise TypeError(f"{what} is a str or bytes, not {type(text).__name__}")
+
+
+def _without_nul(text: Text, what: str) -> bytes:
+    data = _bytes(text, what)
+    if b"\0" in data:
+        raise ReportError(Code.BAD_ARGUMENT, 0, 0, f"{what} contains a NUL")
+    return data
 
 
 def _path(text: Text) -> bytes:
-    data = _bytes(text)
-    if b"\0" in data:
-        raise ReportError(Code.BAD_ARGUMENT, 0, 0, "a path contains a NUL")
-    return data
+    return _without_nul(text, "a path")
 
 
 def _check(code: int, error: _Error) -> None:
@@ -145,8 +153,10 @@ class Writer:
 
     def __init__(self, report_path: Text, ring_size: int) -> None:
         self._writer = ctypes.c_void_p()
+        if not isinstance(ring_size, int):
+            raise TypeError(f"a ring size is an int, not {type(ring_size).__name__}")
         if not 0 <= ring_size <= 0xFFFFFFFF:
-            raise ReportError(Code.BAD_ARGUMENT, 0, 0, f"a ring of {ring_size} records")
+            raise ReportError(Code.BAD_ARGUMENT, 0, 0, f"a ring of {ring_size} records; 1 to 1073741823 are possible")
         error = _Error()
         _check(_library.qxreport_open(_path(report_path), ring_size, ctypes.byref(self._writer), ctypes.byref(error)), error)
 
@@ -158,6 +168,8 @@ class Writer:
 
     def append_many(self, texts: Iterable[Text]) -> None:
         """Appends many records at once. All are checked before anything is written."""
+        if isinstance(texts, (str, bytes)):
+            raise TypeError("append_many appends a list of texts; append appends one text")
         data = [_bytes(text) for text in texts]
         pointers = (ctypes.c_char_p * len(data))(*data)
         sizes = (ctypes.c_size_t * len(data))(*map(len, data))
@@ -183,8 +195,8 @@ class Reader:
     def __init__(self, report_path: Text, cursor: str = "") -> None:
         self._reader = ctypes.c_void_p()
         error = _Error()
-        _check(_library.qxreport_open_reader(_path(report_path), cursor.encode(), ctypes.byref(self._reader),
-                                             ctypes.byref(error)), error)
+        _check(_library.qxreport_open_reader(_path(report_path), _without_nul(cursor, "a cursor"),
+                                             ctypes.byref(self._reader), ctypes.byref(error)), error)
 
     def read(self, timeout: float = 0.0) -> Optional[Record]:
         """The next record, or None if none comes within `timeout` seconds."""

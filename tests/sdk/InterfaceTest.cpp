@@ -59,5 +59,43 @@ TEST(QxReportLibrary, PythonModuleWritesAndReads) {
             "None\n");
 }
 
+TEST(QxReportLibrary, PythonModuleRefusesMistakesAndWritesNothing) {
+  if (QX_SANITIZED) GTEST_SKIP() << "the interpreter is built without the sanitizer";
+  const TempDir directory;
+  EXPECT_EQ(
+      OutputOf(QX_PYTHON " " QX_SDK_TESTS "/python_misuse.py " QX_REPORT_LIBRARY " " + directory.File("r")),
+      "line feed: BAD_TEXT 0 a record contains a line feed at offset 1, at which readers would end it\n"
+      "NUL: BAD_TEXT 0 a record contains a NUL at offset 1, at which readers would end it\n"
+      "byte 0xFF: BAD_TEXT 0 a record contains a byte 0xFF at offset 0, at which readers would end it\n"
+      "too long: TOO_LONG 0 a record of 1048574 bytes is too long; at most 1048573 bytes fit into a reply\n"
+      "line feed in a batch: BAD_TEXT 1 a record contains a line feed at offset 1, at which readers would end it\n"
+      "text is a number: TypeError a text is a str or bytes, not int\n"
+      "None as a text: TypeError a text is a str or bytes, not NoneType\n"
+      "number in a batch: TypeError a text is a str or bytes, not int\n"
+      "batch is a str: TypeError append_many appends a list of texts; append appends one text\n"
+      "batch is bytes: TypeError append_many appends a list of texts; append appends one text\n"
+      "second writer: OTHER_WRITER 0 PATH is written by this process, or by one that cannot be seen; two writers "
+      "overwrite each other's records\n"
+      "closed writer: NOT_OPEN 0 no report is open\n"
+      "batch to a closed writer: NOT_OPEN 0 no report is open\n"
+      "ring of 0: BAD_ARGUMENT 0 a ring of 0 records; 1 to 1073741823 are possible\n"
+      "ring of -1: BAD_ARGUMENT 0 a ring of -1 records; 1 to 1073741823 are possible\n"
+      "ring of 2^32: BAD_ARGUMENT 0 a ring of 4294967296 records; 1 to 1073741823 are possible\n"
+      "ring size is a str: TypeError a ring size is an int, not str\n"
+      "ring size is a float: TypeError a ring size is an int, not float\n"
+      "NUL in the path: BAD_ARGUMENT 0 a path contains a NUL\n"
+      "empty path: BAD_ARGUMENT 0 the path of a report is empty\n"
+      "None as a path: TypeError a path is a str or bytes, not NoneType\n"
+      "name that leads out: BAD_ARGUMENT 0 no report has the name ../x\n"
+      "NUL in the name: BAD_ARGUMENT 0 a path contains a NUL\n"
+      "no report: NOT_FOUND 0 there is no report PATHnone\n"
+      "not a cursor: BAD_ARGUMENT 0 the text is not the cursor of a report\n"
+      "cursor beyond ASCII: BAD_ARGUMENT 0 the text is not the cursor of a report\n"
+      "NUL in the cursor: BAD_ARGUMENT 0 a cursor contains a NUL\n"
+      "closed reader: NOT_OPEN 0 no report is open\n"
+      "loop over a closed reader: NOT_OPEN 0 no report is open\n"
+      "cursor of a closed reader: NOT_OPEN 0 no report is open\n");
+}
+
 }  // namespace
 }  // namespace qx::test
