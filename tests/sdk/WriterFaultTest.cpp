@@ -101,6 +101,81 @@ TEST(SdkWriterKilled, LosesNoAcknowledgedRecordAndMisplacesAtMostOnePart) {
   munmap(shared, 4096);
 }
 
+// A writer that is killed before its nth write: nothing is written from there on, and nothing is cut back.
+class KilledBefore {
+ public:
+  explicit KilledBefore(int nth)
+      : writes_({.call = FileCall::kWriteAt, .nth = nth, .times = kAlways, .error = EIO}),
+        vectors_({.call = FileCall::kWriteVectorAt, .nth = nth, .times = kAlways, .error = EIO}),
+        truncations_({.call = FileCall::kTruncate, .times = kAlways, .error = EIO}) {}
+  bool HasEndedTheWriter() const { return writes_.HasFailed() || vectors_.HasFailed(); }
+
+ private:
+  FailingCall writes_;
+  FailingCall vectors_;
+  FailingCall truncations_;
+};
+
+std::vector<std::string> TextsFrom(std::uint64_t first, std::uint64_t count) {
+  std::vector<std::string> texts;
+  for (std::uint64_t number = first; number < first + count; ++number) texts.push_back(TextOf(number));
+  return texts;
+}
+
+void AppendWithTheClassBelow(const StoreFiles& files, const std::vector<std::string>& texts) {
+  CReportFileBase store;
+  ASSERT_TRUE(store.Open(files.Path(), 5));
+  for (const std::string& text : texts) (void)store.writeLine(text.c_str());
+}
+
+std::string BothFiles(const StoreFiles& files) { return files.IndexBytes() + "|" + files.DataBytes(); }
+
+// At every phase of the ring and of the data file.
+TEST(SdkWriterKilled, SinglesLeaveTheFilesOfTheClassBelowAtEachWrite) {
+  for (std::uint64_t before = 1; before <= 22; ++before) {
+    for (int nth = 1; nth <= 9; ++nth) {
+      const StoreFiles files;
+      const StoreFiles single_files;
+      for (const StoreFiles* each : {&files, &single_files}) AppendWithTheClassBelow(*each, TextsFrom(1, before));
+      {
+        Writer writer;
+        ASSERT_FALSE(writer.OpenExisting(files.Base()).Failed());
+        const KilledBefore killed(nth);
+        for (const std::string& text : TextsFrom(100, 4)) (void)writer.Append(text).Failed();
+        ASSERT_TRUE(killed.HasEndedTheWriter());
+      }
+      {
+        const KilledBefore killed(nth);
+        AppendWithTheClassBelow(single_files, TextsFrom(100, 4));
+      }
+      ASSERT_EQ(BothFiles(files), BothFiles(single_files)) << before << " records, killed before write " << nth;
+    }
+  }
+}
+
+// The next writer appends what its reader does not find. Then the files are those of the class below without a kill.
+TEST(SdkWriterKilled, BatchesEndInTheFilesOfTheClassBelowAfterEachWrite) {
+  for (std::uint64_t before = 1; before <= 22; ++before) {
+    for (int nth = 1; nth <= 9; ++nth) {
+      const StoreFiles files;
+      const StoreFiles single_files;
+      AppendWithTheClassBelow(files, TextsFrom(1, before));
+      {
+        Writer writer;
+        ASSERT_FALSE(writer.OpenExisting(files.Base()).Failed());
+        const KilledBefore killed(nth);
+        (void)writer.Append(TextsFrom(before + 1, 8)).Failed();
+      }
+      Writer next;
+      ASSERT_FALSE(next.OpenExisting(files.Base()).Failed());
+      const std::uint64_t stored = files.Header().elementCount;
+      ASSERT_FALSE(next.Append(TextsFrom(stored + 1, before + 8 - stored)).Failed());
+      AppendWithTheClassBelow(single_files, TextsFrom(1, before + 8));
+      ASSERT_EQ(BothFiles(files), BothFiles(single_files)) << before << " records, killed before write " << nth;
+    }
+  }
+}
+
 // Runs the work with the first, second, ... call of a kind failing. What is stored is what the errors say, and after
 // one more record the index and the records are those of the class below for the same records.
 void SweepWrites(FileCall call, int error) {
