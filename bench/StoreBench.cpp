@@ -325,6 +325,22 @@ void ReadReportQx(benchmark::State& state) {
   }
 }
 
+// The same records through Next, each one once, as a reader that follows the report.
+void FollowReportQx(benchmark::State& state) {
+  const Directory directory;
+  qx::Writer writer;
+  Must(!writer.Open(directory.File("r"), kSlots).Failed(), "create the store");
+  const std::vector<std::string_view> records(kSlots + kSlots / 2, kRecord);
+  Must(!writer.Append(records).Failed(), "append");
+  for (auto _ : state) {
+    qx::Reader reader;
+    std::uint32_t whole = 0;
+    if (reader.Open(directory.File("r")).Failed()) state.SkipWithError("open");
+    while (const auto record = reader.Next()) whole += record->IsWhole() ? 1 : 0;
+    if (whole != kSlots) state.SkipWithError("records are missing");
+  }
+}
+
 template <typename Database>
 void ReadReportPeer(benchmark::State& state) {
   const Directory directory;
@@ -345,6 +361,7 @@ BENCHMARK(AppendBatchPeer<Sqlite>)->Name("append_batch/sqlite");
 BENCHMARK(AppendBatchPeer<Lmdb>)->Name("append_batch/lmdb");
 #endif
 BENCHMARK(ReadReportQx)->Name("read_report/qx");
+BENCHMARK(FollowReportQx)->Name("follow_report/qx");
 #ifdef QX_HAVE_SQLITE3
 BENCHMARK(ReadReportPeer<Sqlite>)->Name("read_report/sqlite");
 #endif

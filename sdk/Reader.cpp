@@ -90,8 +90,6 @@ struct Reader::Parts {
   Error error;
 
   StoreSnapshot snapshot;
-  std::span<const RecordView> window;  // of the snapshot
-  std::uint32_t window_age = 0;
 
   FileSource source;
   report::ReportFollower follower;
@@ -101,31 +99,11 @@ struct Reader::Parts {
   ReadEvent event = ReadEvent::kNone;  // of the next record
   std::optional<std::uint64_t> lost;
 
-  [[nodiscard]] Error Refresh();
-  [[nodiscard]] const RecordView* RecordAt(std::uint32_t age);
-  [[nodiscard]] const RecordView* ReadWindowAt(std::uint32_t age);
   [[nodiscard]] Error PollUntil(steady_clock::time_point end);
   [[nodiscard]] bool Poll();
   [[nodiscard]] bool HasRecord() const { return returned < poll.records.size(); }
   [[nodiscard]] Record TakeNext();
 };
-
-Error Reader::Parts::Refresh() {
-  window = {};
-  return snapshot.Take();
-}
-
-const RecordView* Reader::Parts::RecordAt(std::uint32_t age) {
-  const bool is_held = age >= window_age && age - window_age < window.size();
-  return is_held ? &window[age - window_age] : ReadWindowAt(age);
-}
-
-const RecordView* Reader::Parts::ReadWindowAt(std::uint32_t age) {
-  window = {};
-  window_age = age;
-  error = sdk::WithoutExceptions([&] { return snapshot.Read(age, kWindowRecords, window); });
-  return !window.empty() ? &window.front() : nullptr;
-}
 
 // Polls until there are new records, or the time is over.
 Error Reader::Parts::PollUntil(steady_clock::time_point end) {
@@ -174,7 +152,7 @@ Error Reader::Open(const std::string& path, std::string_view cursor) {
     const auto position = cursor.empty() ? report::ReportPosition() : sdk::CursorOfText(cursor);
     if (!position.has_value()) return MakeError(ErrorCode::kBadArgument, "the text is not the cursor of a report");
     auto parts = std::make_unique<Parts>(path, *position);
-    Error error = parts->Refresh();
+    Error error = TakeSnapshot(*parts);
     if (!error.Failed()) parts_ = std::move(parts);
     return error;
   });
@@ -183,7 +161,7 @@ Error Reader::Open(const std::string& path, std::string_view cursor) {
 Error Reader::Refresh() {
   return sdk::WithoutExceptions([&]() -> Error {
     if (parts_ == nullptr) return MakeError(ErrorCode::kNotOpen, "no report is open");
-    return parts_->Refresh();
+    return TakeSnapshot(*parts_);
   });
 }
 
@@ -196,28 +174,36 @@ Error Reader::Read(std::uint32_t age, Record& record) {
       return MakeError(ErrorCode::kBadArgument, "there is no record of age " + std::to_string(age) + ", only " +
                                                     std::to_string(Count()) + " records");
     }
-    const RecordView* const found = parts_->RecordAt(age);
+    const RecordView* const found = RecordAt(age);
     if (found == nullptr) return parts_->error;
     record = {.text = std::string(found->text), .state = found->state};
     return {};
   });
 }
 
-const RecordView* Reader::RecordAt(std::uint32_t age) { return parts_ != nullptr ? parts_->RecordAt(age) : nullptr; }
+Error Reader::TakeSnapshot(Parts& parts) {
+  window_ = {};
+  return parts.snapshot.Take();
+}
+
+const RecordView* Reader::ReadWindowAt(std::uint32_t age) {
+  window_ = {};
+  if (parts_ == nullptr) return nullptr;
+  std::span<const RecordView> read;
+  parts_->error = sdk::WithoutExceptions([&] { return parts_->snapshot.Read(age, kWindowRecords, read); });
+  if (read.empty()) return nullptr;
+  window_ = {.records = read.data(), .age = age, .count = static_cast<std::uint32_t>(read.size())};
+  return read.data();
+}
 
 Reader::Iterator Reader::begin() { return begin(0); }
 
 Reader::Iterator Reader::begin(std::uint32_t age) {
-  if (parts_ != nullptr) parts_->window = {};  // each loop sees the files as they are now
+  window_ = {};  // each loop sees the files as they are now
   return {this, age};
 }
 
 Reader::Iterator Reader::end() { return {}; }
-
-Reader::Iterator& Reader::Iterator::operator++() {
-  record_ = reader_->RecordAt(++age_);
-  return *this;
-}
 
 std::optional<Record> Reader::Next(milliseconds timeout) {
   if (parts_ == nullptr) return std::nullopt;
@@ -243,6 +229,9 @@ const Error& Reader::LastError() const {
   return parts_->error;
 }
 
-void Reader::Close() { parts_.reset(); }
+void Reader::Close() {
+  parts_.reset();
+  window_ = {};
+}
 
 }  // namespace qx

@@ -113,9 +113,22 @@ class Reader {
   struct Parts;
   friend class Iterator;
 
-  [[nodiscard]] const RecordView* RecordAt(std::uint32_t age);
+  // Records of the snapshot that are in memory.
+  struct Window {
+    const RecordView* records = nullptr;
+    std::uint32_t age = 0;
+    std::uint32_t count = 0;
+  };
+
+  [[nodiscard]] const RecordView* RecordAt(std::uint32_t age) {
+    const std::uint32_t index = age - window_.age;  // too large for an age before the window
+    return index < window_.count ? &window_.records[index] : ReadWindowAt(age);
+  }
+  [[nodiscard]] const RecordView* ReadWindowAt(std::uint32_t age);
+  Error TakeSnapshot(Parts& parts);
 
   std::unique_ptr<Parts> parts_;
+  Window window_;
 };
 
 // An input iterator over a snapshot.
@@ -130,7 +143,10 @@ class Reader::Iterator {
   Iterator() = default;
   const RecordView& operator*() const { return *record_; }
   const RecordView* operator->() const { return record_; }
-  Iterator& operator++();
+  Iterator& operator++() {
+    record_ = reader_->RecordAt(++age_);
+    return *this;
+  }
   void operator++(int) { ++*this; }
   friend bool operator==(const Iterator& left, const Iterator& right) { return left.record_ == right.record_; }
 
