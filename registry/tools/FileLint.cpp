@@ -139,7 +139,7 @@ class Linter {
     }
     if (raw.ends_with('\r') && !std::exchange(has_reported_carriage_return_, true)) {
       Error(line_, "carriage-return",
-            "the line ends with a carriage return, which texts keep and with which an empty line closes no key",
+            "the line ends with CR LF: the CR becomes a part of a text, and a line of only CR LF does not close a key",
             "remove them from the whole file: sed -i 's/\\r$//' FILE");
     }
   }

@@ -97,8 +97,8 @@ TEST_F(QxctlRegistryEdit, SetWithApplyChangesTheFileAndKeepsABackup) {
 TEST_F(QxctlRegistryEdit, WarningIsPrintedAlsoWithQuiet) {
   const Ran ran = Edit({"set", kKey, "Count", "7", "--apply", "--quiet"});
   EXPECT_EQ(ran.err,
-            "qxctl: a service that is running sees the change after its restart, and undoes it if it saves its "
-            "own before that\n");
+            "qxctl: a running service does not see the change before its restart; if it saves its own registry "
+            "before that, the change is lost\n");
 }
 
 TEST_F(QxctlRegistryEdit, TypeIsKeptUnlessOneIsGiven) {

@@ -102,7 +102,7 @@ TEST_F(QxctlSetup, DryRunShowsOwnersModesAndTheRegistryAndChangesNothing) {
   EXPECT_EQ(ran.out, NewDirectory("log") + NewDirectory("srv") + NewDirectory("srv/reports") + NewDirectory("etc") +
                          NewDirectory("etc/brollan") + "make  file       " + Owner() + "  0644  " + Registry() +
                          "\n\n" + Registry() + ":\n" + FirstRegistry(Dir().File("srv/reports")));
-  EXPECT_EQ(ran.err, "qxctl: nothing was changed; --apply makes it\n");
+  EXPECT_EQ(ran.err, "qxctl: nothing was changed; --apply makes what is missing\n");
   EXPECT_EQ(Everything(), before);
 }
 

@@ -71,7 +71,7 @@ void CheckLimits(DoctorFindings& findings) {
     findings.push_back({"QX502", "files of this process may have " + std::to_string(bytes.rlim_cur) + " bytes",
                         "ulimit -f unlimited"});
   }
-  if (findings.size() == before) findings.push_back({"QX500", "open files and file sizes are not limited too far", ""});
+  if (findings.size() == before) findings.push_back({"QX500", "the limits of open files and of file sizes are high enough", ""});
 }
 
 }  // namespace qx::ctl

@@ -176,7 +176,8 @@ Status Apply(Context& context, ReplacedFile& edit, const Plan& plan) {
   if (!edit.IsInPlace()) return committed;
   if (!edit.BackupPath().empty()) context.output.Note("qxctl: the old file is kept in " + edit.BackupPath());
   context.output.Problem(
-      "a service that is running sees the change after its restart, and undoes it if it saves its own before that");
+      "a running service does not see the change before its restart; if it saves its own registry before that, the "
+      "change is lost");
   return committed;
 }
 

@@ -143,7 +143,7 @@ Status PlanExisting(Setup& setup) {
 Status PlanNew(Context& context, bool apply, Setup& setup) {
   if (Status status = FirstRegistry(setup.places, setup.text); !status.IsOk()) return status;
   if (Status status = PlanSteps(setup.places, setup.steps); !status.IsOk()) return status;
-  if (!apply) return {ExitCode::kOk, "nothing was changed; --apply makes it"};
+  if (!apply) return {ExitCode::kOk, "nothing was changed; --apply makes what is missing"};
   const InterruptGuard guard;  // a signal ends the command when the registry is whole
   if (Status status = MakeSteps(setup.steps, setup.text); !status.IsOk()) return status;
   setup.is_applied = true;
@@ -188,13 +188,13 @@ constexpr Parameter kParameters[] = {
      .kind = ValueKind::kDirectory,
      .value = "DIR",
      .help = "Directory of the trace settings files, instead of the system's"},
-    {.name = "--apply", .help = "Make it; without it only what would be made is printed"},
+    {.name = "--apply", .help = "Make the directories and the registry; without it they are only shown"},
     {.name = "--json", .help = "Print as JSON"},
 };
 
 constexpr Example kSetupExamples[] = {
     {"qxctl setup --reports /srv/reports", "Show what would be made"},
-    {"qxctl setup --reports /srv/reports --apply", "Make it"},
+    {"qxctl setup --reports /srv/reports --apply", "Make the directories and the registry"},
 };
 
 }  // namespace
