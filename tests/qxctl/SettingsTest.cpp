@@ -89,7 +89,7 @@ TEST_F(QxctlRegistryEdit, SetWithApplyChangesTheFileAndKeepsABackup) {
   const Ran ran = Edit({"set", kKey, "Count", "7", "--apply"});
   EXPECT_EQ(ran.code, 0) << ran.err;
   EXPECT_THAT(ran.err, HasSubstr("the old file is kept in ./registry."));
-  EXPECT_THAT(ran.err, HasSubstr("after its restart"));
+  EXPECT_THAT(ran.err, HasSubstr("does not see the change before its restart"));
   EXPECT_EQ(Registry(), TreeWith("Count=d=-5", "Count=d=7"));
   EXPECT_EQ(Names(), (std::multiset<std::string>{"BACKUP", "registry"}));
 }

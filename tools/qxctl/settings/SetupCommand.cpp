@@ -3,6 +3,7 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -140,6 +141,13 @@ Status PlanExisting(Setup& setup) {
                                   (setup.commands.size() == 1 ? "this command sets" : "these commands set") + " it up"};
 }
 
+// Nobody has named the users of the agents.
+void NoteAgents(Output& output, const Setup& setup) {
+  output.Note("qxctl: only " + UserName(geteuid()) +
+              " may write reports; an agent of another user needs \"chown USER " + ShellWord(setup.places.reports) +
+              "\"");
+}
+
 Status PlanNew(Context& context, bool apply, Setup& setup) {
   if (Status status = FirstRegistry(setup.places, setup.text); !status.IsOk()) return status;
   if (Status status = PlanSteps(setup.places, setup.steps); !status.IsOk()) return status;
@@ -150,6 +158,7 @@ Status PlanNew(Context& context, bool apply, Setup& setup) {
   context.output.Note("qxctl: done; make a report with \"qxctl report create " +
                       ShellWord(setup.places.reports + "/load") +
                       " --slots 1000\", and check everything with \"qxctl doctor\"");
+  NoteAgents(context.output, setup);
   return {};
 }
 
