@@ -13,7 +13,7 @@ namespace qx::ctl {
 namespace {
 
 constexpr std::array<std::string_view, 7> kErrors = {"QX101", "QX102", "QX103", "QX104", "QX203", "QX204", "QX301"};
-constexpr std::array<std::string_view, 3> kMoreErrors = {"QX303", "QX305", "QX310"};
+constexpr std::array<std::string_view, 6> kMoreErrors = {"QX210", "QX211", "QX212", "QX303", "QX305", "QX310"};
 constexpr std::array<std::string_view, 5> kInfos = {"QX106", "QX213", "QX401", "QX406", "QX408"};
 
 template <typename Codes>
@@ -71,7 +71,8 @@ void CheckLimits(DoctorFindings& findings) {
     findings.push_back({"QX502", "files of this process may have " + std::to_string(bytes.rlim_cur) + " bytes",
                         "ulimit -f unlimited"});
   }
-  if (findings.size() == before) findings.push_back({"QX500", "the limits of open files and of file sizes are high enough", ""});
+  if (findings.size() == before)
+    findings.push_back({"QX500", "the limits of open files and of file sizes are high enough", ""});
 }
 
 }  // namespace qx::ctl

@@ -62,15 +62,12 @@ std::string RegistryFile(const DoctorPlaces& places) { return places.registry_di
 
 bool HasCarriageReturn(const std::string& text) { return text.find('\r') != std::string::npos; }
 
-// Makes the registry name a directory: as it seems to be meant, or as "qxctl setup" does.
+// Makes the registry name a directory, as "qxctl setup" does.
 std::string NameCommand(const DoctorPlaces& places) {
   const ReportSettings settings = SettingsOf(places);
   const SettingCommands commands(places.registry_directory);
   const bool has_registry = access(RegistryFile(places).c_str(), F_OK) == 0;
   if (!has_registry) return commands.Setup();
-  const bool has_bad_ends = !settings.mistakes.empty() && HasCarriageReturn(settings.mistakes.front().value);
-  if (has_bad_ends) return RemoveCarriageReturnsCommand(RegistryFile(places));
-  if (!settings.mistakes.empty()) return commands.Fix(settings.mistakes.front(), settings.setup_key);
   return commands.Set(settings.setup_key, kReportRoot, kDefaultReportDirectory);
 }
 
@@ -161,14 +158,23 @@ void CheckDirectory(const DoctorPlaces& places, const std::string& directory, co
 
 // Makes the directory if it is the one that somebody has named; else names one.
 std::string CommandForMissing(const DoctorPlaces& places, const std::string& directory) {
-  if (HasCarriageReturn(directory)) return RemoveCarriageReturnsCommand(RegistryFile(places));
   const bool is_named = !places.report_directory.empty() || SettingsOf(places).source != ReportSettings::Source::kNone;
   return is_named && !directory.empty() ? MakeDirectoryCommand(directory) : NameCommand(places);
+}
+
+// Whether the section of the registry has reported why no value names the report directory: a misspelt name, a value of
+// another type, or CR LF. The directory that is used instead is a consequence, and so is everything about it.
+bool HasCauseInRegistry(const DoctorPlaces& places) {
+  if (!places.report_directory.empty()) return false;
+  const ReportSettings settings = SettingsOf(places);
+  if (settings.source == ReportSettings::Source::kNone) return !settings.mistakes.empty();
+  return HasCarriageReturn(settings.value);
 }
 
 }  // namespace
 
 void CheckReports(const DoctorPlaces& places, DoctorFindings& findings) {
+  if (HasCauseInRegistry(places)) return;
   const std::size_t before = findings.size();
   const std::string directory = DirectoryOf(places, findings);
   if (!directory.starts_with('/')) {

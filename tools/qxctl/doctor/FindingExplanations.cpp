@@ -50,7 +50,8 @@ constexpr Explanation kFindings[] = {
     {ExplainedKind::kFinding, "QX211", "A value that names the report directory is not a string",
      "It was stored as a number or as bytes, so it counts as missing", "Set it as a string"},
     {ExplainedKind::kFinding, "QX212", "The lines of the registry file end with CR LF",
-     "It was edited on another system, or copied from one; the CR becomes a part of each text, and the empty lines do not close keys",
+     "It was edited on another system, or copied from one; the CR becomes a part of each text, and the empty lines do "
+     "not close keys",
      "Remove the CR at the end of each line"},
     {ExplainedKind::kFinding, "QX213", "A line of the registry file is not read, or is odd",
      "A text editor; the next save drops the line", "See what `qxctl registry lint` says about the line"},
