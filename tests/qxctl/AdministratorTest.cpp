@@ -528,6 +528,23 @@ const Row kTraces[] = {
        EXPECT_EQ(at.OwnerOf("t/log.qxctl"), 0U);
        EXPECT_THAT(ReadFile(at("t/log.qxctl")), testing::Not(HasSubstr("theirs")));
      }},
+    {"TheirLinkInPlaceOfTheLog",
+     [](const Place& at) {
+       fs::create_directory(at("t"));
+       at.Link("nowhere", "t/log.qxremconxfer", kTheirs);
+     },
+     kTraced,
+     kRefusedCode,
+     {"t/log.qxremconxfer is a symbolic link of another user (uid 65534)", "remove it, or name another directory"},
+     [](const Place& at) { EXPECT_FALSE(fs::exists(at("nowhere"))); }},
+    {"RootsLinkInPlaceOfTheOwnLog",
+     [](const Place& at) {
+       fs::create_directory(at("t"));
+       at.Link("nowhere", "t/log.qxctl");
+     },
+     kTraced,
+     kRefusedCode,
+     {"t/log.qxctl is a symbolic link, and traces are not written through a link"}},
     {"LogOfAService",
      [](const Place& at) {
        fs::create_directory(at("t"));

@@ -1,5 +1,7 @@
 #include "tools/qxctl/cli/TraceDirectory.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +19,7 @@ namespace {
 
 constexpr mode_t kModePrivate = 0700;
 const char kModuleLog[] = "/log.qxremconxfer";
+const char kOwnLog[] = "/log.qxctl";
 // Without a setting, a log wraps at 50 KiB, which is a few calls at level 5.
 const char kLogBytesMax[] = "67108864";
 
@@ -44,6 +47,17 @@ class HeldSignals {
   sigset_t before_ = {};
 };
 
+// Traces are never written through a link, so there would be none.
+Status CheckLog(const std::string& log) {
+  struct stat status;
+  const bool is_link = file::StatusOf(log.c_str(), status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
+  if (!is_link) return {};
+  const std::string owner =
+      status.st_uid == geteuid() ? "" : " of another user (uid " + std::to_string(status.st_uid) + ")";
+  return {ExitCode::kRefused, log + " is a symbolic link" + owner +
+                                  ", and traces are not written through a link; remove it, or name another directory"};
+}
+
 Status Made(bool environment_is_set) {
   return environment_is_set ? Status() : Status(ExitCode::kIo, "no memory for the environment");
 }
@@ -60,6 +74,9 @@ TraceDirectory::~TraceDirectory() {
 Status TraceDirectory::Keep(const std::string& directory, int level) {
   const int error = file::MakeDirectory(directory.c_str(), kModePrivate);
   if (error != 0 && error != EEXIST) return Status::Io("cannot make the trace directory " + directory, error);
+  for (const char* const log : {kModuleLog, kOwnLog}) {
+    if (Status status = CheckLog(directory + log); !status.IsOk()) return status;
+  }
   if (access((directory + kModuleLog).c_str(), F_OK) == 0) {
     return {ExitCode::kRefused, directory + kModuleLog +
                                     " exists, and loading the module would empty it; if no service " +

@@ -21,7 +21,7 @@ class TraceDirectory {
   TraceDirectory& operator=(const TraceDirectory&) = delete;
 
   // Traces at `level` into `directory`, which is created if it is missing, and stays. Refused if it already has a log
-  // of a module: the log might be the service's.
+  // of a module, which might be the service's, or a symbolic link in place of a log.
   Status Keep(const std::string& directory, int level);
 
   // Makes sure that loading the module changes no file of a service: without a directory for traces, tracing is off,
