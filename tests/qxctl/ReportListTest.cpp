@@ -116,10 +116,31 @@ TEST_F(QxctlReportList, StatusOfNamesPathsAndAll) {
             "  files    ./Reports/load.ind, .dat\n");
   const json all = json::parse(Qxctl({"report", "status", "--json"}).out);
   EXPECT_EQ(all["reports"].size(), 2U);
+}
+
+// Whatever "report list" shows can be given to another command.
+TEST_F(QxctlReportList, NameWithASlashFromTheListIsAccepted) {
+  EXPECT_THAT(Qxctl({"report", "list"}).out, HasSubstr("\ndisk/sda "));
   const Ran both = Qxctl({"report", "status", "load", "disk/sda"});
-  EXPECT_EQ(both.code, 4) << "an argument with a slash is a path";
-  EXPECT_EQ(both.err, "qxctl: no report sda in disk; did you mean " + ReportPath("disk/sda") +
-                          "? (an argument with a / is a path)\n");
+  EXPECT_EQ(both.code, 0);
+  EXPECT_THAT(both.out, HasSubstr("\ndisk/sda:\n  state    sound\n"));
+  EXPECT_EQ(Qxctl({"report", "verify", "disk/sda.ind"}).out, ReportPath("disk/sda") + ": sound, 1 record\n");
+  EXPECT_EQ(Qxctl({"report", "append", "disk/sda", "more"}).code, 0);
+  EXPECT_EQ(Qxctl({"report", "cat", "./disk/sda"}).code, 4) << "only a path";
+}
+
+TEST_F(QxctlReportList, PathThatExistsComesBeforeANameWithASlash) {
+  fs::create_directory(Dir().File("disk"));
+  EXPECT_EQ(Qxctl({"report", "create", "disk/sda", "--slots", "3"}).code, 0) << "a new report is always a path";
+  EXPECT_TRUE(Exists(Dir().File("disk/sda.ind")));
+  EXPECT_EQ(Qxctl({"report", "verify", "disk/sda"}).out, "disk/sda: sound, 0 records\n");
+}
+
+TEST_F(QxctlReportList, NearNameWithASlashIsOffered) {
+  const Ran ran = Qxctl({"report", "cat", "disk/sdb"});
+  EXPECT_EQ(ran.code, 4);
+  EXPECT_THAT(ran.err, testing::StartsWith("qxctl: no report disk/sdb in " + Dir().File("Reports") +
+                                           "; did you mean disk/sda? ("));
 }
 
 TEST_F(QxctlReportList, AnotherDirectoryIsListedWithReports) {

@@ -28,6 +28,7 @@
 #include "tools/qxctl/slice/SliceOptions.h"
 #include "tools/qxctl/store/ReportArguments.h"
 #include "tools/qxctl/store/ReportDamage.h"
+#include "tools/qxctl/store/ReportDirectory.h"
 #include "tools/qxctl/store/StoreFiles.h"
 #include "tools/qxctl/store/StoredSlots.h"
 
@@ -41,7 +42,7 @@ using report::IndexHeader;
 
 Status Create(Context&, const Values& values) {
   std::string path;
-  if (Status found = BasePathOf(values, path); !found.IsOk()) return found;
+  if (Status found = FindNewBasePath(values.Text("REPORT"), path); !found.IsOk()) return found;
   for (const std::string& file : {report::IndexFileName(path), report::DataFileName(path)}) {
     if (access(file.c_str(), F_OK) == 0) {
       return {ExitCode::kRefused, file + " exists already; remove both files of the report to start it over"};

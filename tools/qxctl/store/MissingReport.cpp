@@ -32,6 +32,11 @@ std::string Advice(const std::string& name, const FoundReports& found, const std
   return near.empty() ? "; \"" + list + "\" shows the " + Counted(found.names.size()) + " there" : near;
 }
 
+// Reports of the report directory whose names are near this one.
+std::vector<std::string> NearReports(const std::string& name) {
+  return NearNames(name, report::FindReports(ReportDirectory()).names);
+}
+
 }  // namespace
 
 Status NoSuchReport(const std::string& name) {
@@ -47,19 +52,17 @@ Status NoSuchReportAt(const std::string& base_path) {
   const std::string directory = file::DirectoryOf(base_path);
   const std::string name = file::NameOf(base_path);
   const FoundReports found = report::FindReportsIn(directory);
+  if (found.error == ENOENT && MayBeReportName(base_path) && !NearReports(base_path).empty()) {
+    return NoSuchReport(base_path);
+  }
   const std::string list = "qxctl report list --reports " + ShellWord(directory);
   const std::string advice = found.error == ENOENT ? "; there is no such directory" : Advice(name, found, list);
   return {ExitCode::kNotFound, "no report " + Visible(name) + " in " + Visible(directory) + advice};
 }
 
 Status NoSuchReportNamed(const std::string& name_or_path) {
-  if (name_or_path.find('/') == std::string::npos) return NoSuchReport(name_or_path);
-  const std::string below = BasePathOfReport(name_or_path);
-  const bool is_report = !below.empty() && access(report::IndexFileName(below).c_str(), F_OK) == 0;
-  if (!is_report) return NoSuchReportAt(name_or_path);
-  return {ExitCode::kNotFound, "no report " + Visible(file::NameOf(name_or_path)) + " in " +
-                                   Visible(file::DirectoryOf(name_or_path)) + "; did you mean " + Visible(below) +
-                                   "? (an argument with a / is a path)"};
+  const bool is_name = name_or_path.find('/') == std::string::npos;
+  return is_name ? NoSuchReport(name_or_path) : NoSuchReportAt(name_or_path);
 }
 
 Status NoNamesFile(const std::string& name) {

@@ -14,12 +14,13 @@ namespace qx::ctl {
 // [the only thread]
 [[nodiscard]] Status NoSuchReport(const std::string& name);
 
-// The same for the path of a report's files without their endings. Only its own directory is searched.
+// The same for the path of a report's files without their endings. Only its own directory is searched; if that does not
+// exist, but the path is near the name of a report, this is what NoSuchReport says.
 //   no report laod in ./Reports; did you mean load?
+//   no report disk/sdb in /srv/reports; did you mean disk/sda? (...)
 [[nodiscard]] Status NoSuchReportAt(const std::string& base_path);
 
-// For an argument: a NAME, or a PATH if it has a "/". A path that is also the name of a report leads to that report.
-//   no report sda in disk; did you mean /srv/reports/disk/sda? (an argument with a / is a path)
+// For an argument: a NAME, or a PATH if it has a "/".
 [[nodiscard]] Status NoSuchReportNamed(const std::string& name_or_path);
 
 // kNotFound for the names file of a report of the report directory: NoSuchReport if there is no such report either.

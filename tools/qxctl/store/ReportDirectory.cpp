@@ -37,7 +37,20 @@ std::string NameBelow(const std::string& directory, const std::string& base_path
   return name.starts_with("..") ? "" : name;
 }
 
+bool HasSlash(const std::string& argument) { return argument.find('/') != std::string::npos; }
+
+// Strips the ending of a name below the directory.
+std::string BasePathBelow(const std::string& directory, const std::string& name) {
+  return WithoutEnding(directory + "/" + name);
+}
+
 }  // namespace
+
+bool MayBeReportName(const std::string& argument) {
+  const std::string framed = "/" + argument + "/";
+  return !argument.starts_with('/') && framed.find("/./") == std::string::npos &&
+         framed.find("/../") == std::string::npos;
+}
 
 std::string ReportDirectory() {
   std::string directory;
@@ -51,12 +64,23 @@ Status FindReportDirectory(std::string& directory) {
   return {};
 }
 
-Status FindBasePath(const std::string& name_or_path, std::string& path) {
+Status FindNewBasePath(const std::string& name_or_path, std::string& path) {
   path = WithoutEnding(name_or_path);
-  if (name_or_path.find('/') != std::string::npos) return {};
+  if (HasSlash(name_or_path)) return {};
   std::string directory;
   if (Status status = FindReportDirectory(directory); !status.IsOk()) return status;
-  path = WithoutEnding(directory + "/" + name_or_path);
+  path = BasePathBelow(directory, name_or_path);
+  return {};
+}
+
+Status FindBasePath(const std::string& name_or_path, std::string& path) {
+  if (Status status = FindNewBasePath(name_or_path, path); !status.IsOk()) return status;
+  const bool is_found = !HasSlash(name_or_path) || HasFiles(path) || !MayBeReportName(name_or_path);
+  std::string directory;
+  // Without a report directory that may be used, the argument stays a path.
+  if (is_found || !FindReportDirectory(directory).IsOk()) return {};
+  const std::string below = BasePathBelow(directory, name_or_path);
+  if (HasFiles(below)) path = below;
   return {};
 }
 
@@ -65,14 +89,14 @@ Status FindReportName(const std::string& name_or_path, std::string& name) {
   if (Status status = FindReportDirectory(directory); !status.IsOk()) return status;
   name = name_or_path;
   const std::string path = WithoutEnding(name_or_path);
-  const bool is_path = name_or_path.find('/') != std::string::npos && HasFiles(path);
+  const bool is_path = HasSlash(name_or_path) && HasFiles(path);
   if (is_path) {
     name = NameBelow(directory, path);
     if (!name.empty()) return {};
     return {ExitCode::kNotFound, path + " is not below the report directory " + directory +
                                      ", so the module cannot transfer it; \"qxctl report cat " + path + "\" prints it"};
   }
-  const std::string stripped = WithoutEnding(directory + "/" + name);
+  const std::string stripped = BasePathBelow(directory, name);
   const bool has_ending = stripped.size() < directory.size() + 1 + name.size() && HasFiles(stripped);
   if (has_ending) name = stripped.substr(directory.size() + 1);
   return {};

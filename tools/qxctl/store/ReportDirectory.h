@@ -14,12 +14,20 @@ std::string ReportDirectory();
 // store/FallbackDirectory.h).
 Status FindReportDirectory(std::string& directory);
 
+// Whether an argument with a "/" may be the name of a report: "disk/sda", but not "/disk/sda", "./sda" or
+// "disk/../sda".
+bool MayBeReportName(const std::string& argument);
+
 // The base path of a report as a command line names it: a path if it has a "/", else a name below the report directory.
-// An ending of one of the two files is stripped, unless a report has the full name.
+// If no file of a report has that path, but a report below the report directory has that name, it is that report. An
+// ending of one of the two files is stripped, unless a report has the full name.
 //   "./load"    => "./load"                 "load.ind"  => "/srv/reports/load"
-//   "load"      => "/srv/reports/load"      "a/b.dat"   => "a/b"
+//   "load"      => "/srv/reports/load"      "a/b.dat"   => "a/b", or "/srv/reports/a/b" if only that exists
 // A name is refused as by FindReportDirectory.
 Status FindBasePath(const std::string& name_or_path, std::string& path);
+
+// The same for a report that is to be made: an argument with a "/" is always a path.
+Status FindNewBasePath(const std::string& name_or_path, std::string& path);
 
 // The same as the name under which the module transfers the report. A path must be below the report directory
 // (kNotFound); if no file of a report is there, it is passed on as a name.
