@@ -145,6 +145,14 @@ TEST_F(QxctlIni, ListPrintsTheSectionsOrTheEntriesOfOne) {
   EXPECT_EQ(Qxctl({"ini", "list", "a.ini", "Two"}).out, "x=1\n");
 }
 
+TEST_F(QxctlIni, HyphenIsStandardInput) {
+  EXPECT_EQ(Qxctl({"ini", "list", "-"}, "[S]\nx=1\n").out, "[S]\n");
+  EXPECT_EQ(Qxctl({"ini", "get", "-", "S", "x"}, "[S]\nx=1\n").out, "1\n");
+  EXPECT_EQ(Qxctl({"ini", "get", "-", "T", "x"}, "[S]\nx=1\n").err,
+            "qxctl: standard input has no section [T]; names are case-sensitive\n");
+  EXPECT_EQ(json::parse(Qxctl({"ini", "list", "-", "--json"}, "[S]\n").out)["file"], "-");
+}
+
 TEST_F(QxctlIni, ValuesAreThoseThatAReaderGets) {
   EXPECT_EQ(Qxctl({"ini", "list", "a.ini", "One"}).out, "key=value\nempty=\nkey=value\n");
   EXPECT_EQ(Qxctl({"ini", "get", "a.ini", "One", "key"}).out, "value\n");

@@ -47,6 +47,14 @@ TEST_F(QxctlRecord, EachFunctionIsRecordedAndReplayedUnchanged) {
   EXPECT_EQ(Recorded("names.json")["stateWord"], nullptr) << "only GetReports counts";
 }
 
+TEST_F(QxctlRecord, HyphenIsStandardOutputOfRecordAndStandardInputOfReplay) {
+  const Ran recorded = Qxctl({"module", "record", "-", "what"});
+  EXPECT_EQ(recorded.code, 0) << recorded.err;
+  const Ran ran = Qxctl({"module", "replay", "-"}, recorded.out);
+  EXPECT_EQ(ran.out, "-: What as recorded\n") << ran.err;
+  EXPECT_FALSE(Exists(Dir().File("-")));
+}
+
 // The page shows the module's own reply.
 TEST_F(QxctlRecord, WorkedExampleOfThePageIsReplayedUnchanged) {
   WriteFile(Dir().File("example.json"), DocExample("testing-modules.md", "call-file"));

@@ -90,6 +90,15 @@ TEST_F(QxctlTrace, ShowPrintsAWrappedLogInTheOrderOfTime) {
             "    ? of a cut one\n");
 }
 
+TEST_F(QxctlTrace, ShowOfAHyphenReadsStandardInput) {
+  Write("log.app", WrappedLog());
+  const Ran piped = Qxctl({"trace", "show", "-"}, WrappedLog());
+  EXPECT_EQ(piped.code, 0) << piped.err;
+  EXPECT_EQ(piped.out, Qxctl({"trace", "show", "log.app"}).out);
+  EXPECT_EQ(json::parse(Qxctl({"trace", "show", "-", "--json"}, WrappedLog()).out)["files"][0]["file"],
+            "standard input");
+}
+
 TEST_F(QxctlTrace, ShowMakesControlBytesVisible) {
   Write("log.app", Entry(1, "a\033[2Jb\tc\rd\x7F\\ \xC3\xA4 \xE4 \xC2\x9B!"));
   EXPECT_EQ(Qxctl({"trace", "show", "log.app"}).out,

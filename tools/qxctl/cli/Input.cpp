@@ -2,7 +2,10 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "base/File.h"
 #include "base/tools/FilePlace.h"
@@ -44,6 +47,18 @@ Status ReadArgument(const std::string& argument, std::string& text, bool force) 
   if (!opened.IsDone()) return StatusOfFile("cannot open", opened);
   WaitForWriter(file.Number());
   return ReadToEnd(file.Number(), path, text);
+}
+
+Status StandardInputAsFile(file::Descriptor& file, std::string& path) {
+  std::string text;
+  if (Status status = ReadToEnd(STDIN_FILENO, "standard input", text); !status.IsOk()) return status;
+  file = file::Descriptor(memfd_create("qxctl", MFD_CLOEXEC));
+  const int error = errno;
+  if (!file.IsOpen()) return Status::Io("cannot keep standard input", error);
+  const file::Progress written = file::Write(file.Number(), text);
+  if (written.Failed()) return Status::Io("cannot keep standard input", written.error);
+  path = "/proc/self/fd/" + std::to_string(file.Number());
+  return {};
 }
 
 }  // namespace qx::ctl

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "base/File.h"
 #include "tools/qxctl/cli/Status.h"
 
 namespace qx::ctl {
@@ -11,5 +12,9 @@ namespace qx::ctl {
 // another user than root and the process's own is refused unless `force`: that user would choose what this process
 // reads.
 Status ReadArgument(const std::string& argument, std::string& text, bool force = false);
+
+// Standard input as a regular file in memory, for readers that need a path. It is valid while `file` is open. kIo for
+// more than 64 MiB.
+Status StandardInputAsFile(file::Descriptor& file, std::string& path);
 
 }  // namespace qx::ctl

@@ -9,6 +9,7 @@
 #include "inifile/IniFile.h"
 #include "inifile/tools/ProfileText.h"
 #include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Input.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
@@ -18,6 +19,7 @@ namespace qx::ctl {
 namespace {
 
 struct Options {
+  std::string name;  // as given; "-" is standard input
   std::string file;
   std::string section;
   std::string key;
@@ -38,14 +40,21 @@ Status CheckFile(const Options& options) {
   CIniFile file;
   if (file.Open(options.file.c_str(), true)) return {};
   const int error = errno;
-  if (error != ENOENT) return Status::Io("cannot open " + options.file, error);
-  return {ExitCode::kNotFound, "there is no file " + options.file};
+  if (error != ENOENT) return Status::Io("cannot open " + options.name, error);
+  return {ExitCode::kNotFound, "there is no file " + options.name};
+}
+
+// Sets the file. `input` holds standard input, if that is the file.
+Status FindFile(Options& options, file::Descriptor& input) {
+  options.file = options.name;
+  if (options.name == "-") return StandardInputAsFile(input, options.file);
+  return CheckFile(options);
 }
 
 Status CheckSection(const Options& options) {
   if (Contains(NamesOf(options, nullptr), options.section)) return {};
-  return {ExitCode::kNotFound,
-          options.file + " has no section [" + Visible(options.section) + "]; names are case-sensitive"};
+  return {ExitCode::kNotFound, (options.name == "-" ? "standard input" : options.name) + " has no section [" +
+                                   Visible(options.section) + "]; names are case-sensitive"};
 }
 
 // --- list
@@ -59,7 +68,7 @@ Status ListSections(Context& context, const Values& values, const Options& optio
       SetText(entry, "section", section);
       list.Append(std::move(entry));
     }
-    return {{"file", options.file}, {"sections", std::move(list)}};
+    return {{"file", options.name}, {"sections", std::move(list)}};
   };
   const auto text = [&] {
     std::string lines;
@@ -82,7 +91,7 @@ Json ToJson(const Options& options, const std::vector<ListedEntry>& entries) {
     SetText(entry, "value", each.value);
     list.Append(std::move(entry));
   }
-  Json document = {{"file", options.file}};
+  Json document = {{"file", options.name}};
   SetText(document, "section", options.section);
   document["entries"] = std::move(list);
   return document;
@@ -106,15 +115,16 @@ Status ListEntries(Context& context, const Values& values, const Options& option
 }
 
 Status List(Context& context, const Values& values) {
-  const Options options = {.file = values.Text("FILE"), .section = values.Text("SECTION"), .key = {}};
-  if (Status status = CheckFile(options); !status.IsOk()) return status;
+  Options options = {.name = values.Text("FILE"), .file = {}, .section = values.Text("SECTION"), .key = {}};
+  file::Descriptor input;
+  if (Status status = FindFile(options, input); !status.IsOk()) return status;
   return options.section.empty() ? ListSections(context, values, options) : ListEntries(context, values, options);
 }
 
 // --- get
 
 Json ToJson(const Options& options, const std::string& value) {
-  Json document = {{"file", options.file}};
+  Json document = {{"file", options.name}};
   SetText(document, "section", options.section);
   SetText(document, "key", options.key);
   SetText(document, "value", value);
@@ -122,8 +132,10 @@ Json ToJson(const Options& options, const std::string& value) {
 }
 
 Status Get(Context& context, const Values& values) {
-  const Options options = {.file = values.Text("FILE"), .section = values.Text("SECTION"), .key = values.Text("KEY")};
-  if (Status status = CheckFile(options); !status.IsOk()) return status;
+  Options options = {
+      .name = values.Text("FILE"), .file = {}, .section = values.Text("SECTION"), .key = values.Text("KEY")};
+  file::Descriptor input;
+  if (Status status = FindFile(options, input); !status.IsOk()) return status;
   if (Status status = CheckSection(options); !status.IsOk()) return status;
   const std::string value = inifile::ReadWhole(options.file, options.section.c_str(), options.key.c_str());
   if (value.empty() && !Contains(NamesOf(options, options.section.c_str()), options.key)) {
@@ -136,7 +148,7 @@ Status Get(Context& context, const Values& values) {
 // --- the commands
 
 constexpr Parameter kFileParameters[] = {
-    {.name = "FILE", .kind = ValueKind::kFile, .help = "The profile file", .is_required = true},
+    {.name = "FILE", .kind = ValueKind::kFile, .help = "The profile file; - for standard input", .is_required = true},
     {.name = "--json", .help = "Print as JSON"},
 };
 

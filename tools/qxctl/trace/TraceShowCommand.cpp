@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Input.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/JsonText.h"
 #include "tools/qxctl/trace/TraceFilterOptions.h"
@@ -97,6 +98,14 @@ using Files = std::vector<std::unique_ptr<ShownFile>>;
 Status OpenFile(const std::string& path, const std::string& name, Files& files) {
   files.push_back(std::make_unique<ShownFile>(name));
   return files.back()->Open(path);
+}
+
+// `input` holds standard input, if that is the path: "-".
+Status OpenPath(const std::string& path, file::Descriptor& input, Files& files) {
+  if (path != "-") return OpenFile(path, path, files);
+  std::string copy;
+  Status status = StandardInputAsFile(input, copy);
+  return status.IsOk() ? OpenFile(copy, "standard input", files) : status;
 }
 
 // Logs and rings: the regular files "log.*".
@@ -275,7 +284,8 @@ Status Show(Context& context, const Values& values) {
   std::error_code ignored;  // if `stat` fails, the path is treated as a file, and the open reports the reason
   const bool is_directory = std::filesystem::is_directory(options.path, ignored);
   Files files;
-  Status opened = is_directory ? OpenDirectory(options.path, files) : OpenFile(options.path, options.path, files);
+  file::Descriptor input;
+  Status opened = is_directory ? OpenDirectory(options.path, files) : OpenPath(options.path, input, files);
   if (!opened.IsOk()) return values.Has("PATH") ? opened : WithoutPath(opened);
 
   ShowPrinter printer(context, options, is_directory);
@@ -290,7 +300,9 @@ Status Show(Context& context, const Values& values) {
 constexpr Parameter kPathParameters[] = {
     {.name = "PATH",
      .kind = ValueKind::kTraceFile,
-     .help = "A log or ring file, or a directory with such files (log.*); without it: that of the module's traces"},
+     .help = "A log or ring file, a directory with such files (log.*), or - for standard input; without it: the "
+             "directory of the module's "
+             "traces"},
 };
 
 constexpr Parameter kJsonParameters[] = {

@@ -66,6 +66,7 @@ std::string NextFile(const std::string& directory, RequestFunction function) {
 }
 
 Status Keep(Context& context, const Options& options, const RecordedCall& call) {
+  if (options.target == "-") return context.output.Data(CallFileText(call));
   const bool is_directory = IsDirectory(options.target);
   const std::string path = is_directory ? NextFile(options.target, FunctionOf(options)) : options.target;
   if (!options.force && access(path.c_str(), F_OK) == 0) {
@@ -160,7 +161,10 @@ Status Record(Context& context, const Values& values) {
 constexpr std::string_view kFunctionNames[] = {"what", "reflect", "reports", "names"};
 
 constexpr Parameter kParameters[] = {
-    {.name = "TARGET", .kind = ValueKind::kFile, .help = "File, or directory for a numbered file", .is_required = true},
+    {.name = "TARGET",
+     .kind = ValueKind::kFile,
+     .help = "File, directory for a numbered file, or - for standard output",
+     .is_required = true},
     {.name = "FUNCTION",
      .kind = ValueKind::kText,
      .help = "What is called: what, reflect, reports, names",

@@ -188,7 +188,7 @@ Status Replay(Context& context, const Values& values) {
 constexpr Parameter kParameters[] = {
     {.name = "FILE",
      .kind = ValueKind::kFile,
-     .help = "Recorded calls in their order; of a directory, its .json files",
+     .help = "Recorded calls in their order; of a directory, its .json files; - for standard input",
      .is_required = true,
      .is_repeatable = true},
     {.name = "--ignore",
