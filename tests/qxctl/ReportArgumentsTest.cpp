@@ -89,6 +89,19 @@ TEST_F(QxctlReportArguments, AllAreThoseOfTheReportDirectoryWithSubdirectories) 
   EXPECT_THAT(Qxctl({"report", "info", "--all"}).out, HasSubstr("/disk/sda:\n"));
 }
 
+TEST_F(QxctlReportArguments, SalvageTakesSeveralReportsAndAll) {
+  std::filesystem::create_directories(Dir().File("saved"));
+  EXPECT_EQ(Qxctl({"report", "salvage", "load", "disk/sda", "--into", "saved"}).out,
+            "saved/load: 1 indexed record, 0 lines without a slot, a ring of 3\n"
+            "saved/sda: 1 indexed record, 0 lines without a slot, a ring of 3\n");
+  const Ran all = Qxctl({"report", "salvage", "--all", "--into", "saved"});
+  EXPECT_EQ(all.code, 5) << "load exists there";
+  EXPECT_THAT(all.out, HasSubstr("saved/disk/sda: 1 indexed record"));
+  const Ran file = Qxctl({"report", "salvage", "--all", "--into", "nowhere"});
+  EXPECT_EQ(file.code, 2);
+  EXPECT_EQ(file.err, "qxctl: --into: nowhere is not a directory; several reports need one\n");
+}
+
 TEST_F(QxctlReportArguments, FailureWithOneReportDoesNotHideTheOthers) {
   const Ran ran = Qxctl({"report", "verify", "Reports/nothing", "Reports/load"});
   EXPECT_EQ(ran.code, 4);

@@ -45,11 +45,18 @@ Moved MovedSoFar() {
   return {NumberAfter(text, "rchar: "), NumberAfter(text, "wchar: ")};
 }
 
-// "12.3 MB"
+// "12.3"
 std::string Megabytes(std::uint64_t bytes) {
   char text[32];
-  std::snprintf(text, sizeof text, "%.1f MB", static_cast<double>(bytes) / 1e6);
+  std::snprintf(text, sizeof text, "%.1f", static_cast<double>(bytes) / 1e6);
   return text;
+}
+
+// "12.3 MB", "12.3 of 40.0 MB". A step that reads something twice passes its total, which then says nothing.
+std::string ReadText(std::uint64_t read, std::uint64_t total) {
+  constexpr std::uint64_t kOtherReads = 65536;  // of this progress itself
+  const bool has_total = total > 0 && read <= total + kOtherReads;
+  return Megabytes(read) + (has_total ? " of " + Megabytes(total) : "") + " MB";
 }
 
 void Show(const std::string& text) { (void)file::Write(STDERR_FILENO, text); }
@@ -73,7 +80,8 @@ std::thread ThreadWithoutSignals(Work work) {
 
 }  // namespace
 
-LongStep::LongStep(const Output& output, std::string what) : what_(std::move(what)) {
+LongStep::LongStep(const Output& output, std::string what, std::function<std::uint64_t()> total)
+    : what_(std::move(what)), total_(std::move(total)) {
   if (output.ShowsProgress()) thread_ = ThreadWithoutSignals([this] { Watch(); });
 }
 
@@ -92,11 +100,13 @@ void LongStep::Watch() {
   const Moved before = MovedSoFar();
   std::unique_lock lock(mutex_);
   bool is_shown = false;
+  std::uint64_t total = 0;
   while (!ended_.wait_for(lock, is_shown ? kNext : kFirst, [this] { return has_ended_; })) {
+    if (!is_shown && total_) total = total_();
     const Moved now = MovedSoFar();
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count();
-    Show(kWiped + ForTerminal(what_) + ": " + std::to_string(seconds) + " s, " + Megabytes(now.read - before.read) +
-         " read, " + Megabytes(now.written - before.written) + " written");
+    Show(kWiped + ForTerminal(what_) + ": " + std::to_string(seconds) + " s, " +
+         ReadText(now.read - before.read, total) + " read, " + Megabytes(now.written - before.written) + " MB written");
     is_shown = true;
   }
   if (is_shown) Show(kWiped);

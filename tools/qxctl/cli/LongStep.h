@@ -5,6 +5,8 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -16,8 +18,9 @@ namespace qx::ctl {
 // From construction to destruction. Nothing may be printed in between.
 class LongStep {
  public:
-  // `what` is done: "checking Reports/load".
-  LongStep(const Output& output, std::string what);
+  // `what` is done: "checking Reports/load". `total` returns how many bytes have to be read, 0 if that is not known; it
+  // is called on the thread of the progress.
+  LongStep(const Output& output, std::string what, std::function<std::uint64_t()> total = {});
   ~LongStep();
   LongStep(const LongStep&) = delete;
   LongStep& operator=(const LongStep&) = delete;
@@ -26,6 +29,7 @@ class LongStep {
   void Watch();
 
   const std::string what_;
+  const std::function<std::uint64_t()> total_;
   std::mutex mutex_;
   std::condition_variable ended_;
   bool has_ended_ = false;

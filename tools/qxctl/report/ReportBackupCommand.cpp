@@ -17,6 +17,7 @@
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/store/MissingReport.h"
 #include "tools/qxctl/store/ReportDirectory.h"
+#include "tools/qxctl/store/StoreFiles.h"
 
 namespace qx::ctl {
 
@@ -162,7 +163,7 @@ Status StatusOf(const BackupResult& result, const std::string& from, const std::
 }
 
 BackupResult BackupWithProgress(const Output& output, const std::string& from, const std::string& to) {
-  const LongStep step(output, "copying " + from);
+  const LongStep step(output, "copying " + from, [&] { return BytesBelow(from); });
   return report::BackupReports(from, to);
 }
 
@@ -291,7 +292,8 @@ Options OptionsOf(const Values& values) {
 }
 
 RestoreResult RestoreWithProgress(const Output& output, const Options& options, const std::string& to) {
-  const LongStep step(output, (options.apply ? "restoring " : "comparing ") + to);
+  const LongStep step(output, (options.apply ? "restoring " : "comparing ") + to,
+                      [&] { return BytesBelow(options.directory); });
   return options.apply ? report::RestoreReports(options.directory, to, options.restore)
                        : report::PlanRestore(options.directory, to);
 }

@@ -26,6 +26,7 @@
 #include "tools/qxctl/store/MissingReport.h"
 #include "tools/qxctl/store/ReportArguments.h"
 #include "tools/qxctl/store/ReportStates.h"
+#include "tools/qxctl/store/StoreFiles.h"
 
 namespace qx::ctl {
 
@@ -136,7 +137,7 @@ std::string ToText(const Output& output, const StoreVerdict& verdict, const std:
 }
 
 StoreVerdict VerifyWithProgress(const Output& output, const std::string& path) {
-  const LongStep step(output, "checking " + path);
+  const LongStep step(output, "checking " + path, [&] { return BytesOfReport(path); });
   return report::VerifyStore(path);
 }
 
@@ -167,10 +168,15 @@ Status Verify(Context& context, const Values& values) {
 
 // --- salvage
 
-// In a directory, the new store gets the name of the report.
-std::string TargetOf(const std::string& into, const std::string& path) {
+bool IsDirectory(const std::string& path) {
   std::error_code error;
-  return std::filesystem::is_directory(into, error) ? into + "/" + file::NameOf(path) : into;
+  return std::filesystem::is_directory(path, error);
+}
+
+// In a directory, the new store gets the name of the report; with --all that may have a "/".
+std::string TargetOf(const std::string& into, const ReportArgument& report, bool is_all) {
+  if (!IsDirectory(into)) return into;
+  return into + "/" + (is_all ? report.text : file::NameOf(report.base_path));
 }
 
 Status StatusOf(const report::SalvageResult& result, const std::string& report) {
@@ -211,22 +217,39 @@ std::string ToText(const report::SalvageResult& result, const std::string& targe
 
 report::SalvageResult SalvageWithProgress(const Output& output, const std::string& path, const std::string& target,
                                           bool with_lines) {
-  const LongStep step(output, "saving " + path);
+  const LongStep step(output, "saving " + path, [&] { return BytesOfReport(path); });
   return report::SalvageStore(path, target, with_lines);
 }
 
-Status Salvage(Context& context, const Values& values) {
-  const std::string report = values.Text("REPORT");
-  std::string path;
-  if (Status found = BasePathOf(values, path); !found.IsOk()) return found;
-  const std::string target = TargetOf(values.Text("--into"), path);
+// Those of a name such as "disk/sda". If one cannot be made, the salvage fails there and says so.
+void MakeSubdirectories(const std::string& into, const std::string& name) {
+  for (std::size_t slash = name.find('/'); slash != std::string::npos; slash = name.find('/', slash + 1)) {
+    (void)file::MakeDirectory((into + "/" + name.substr(0, slash)).c_str(), 0777);
+  }
+}
+
+Status SalvageReport(Context& context, const Values& values, const ReportArgument& report) {
+  const std::string target = TargetOf(values.Text("--into"), report, values.Flag("--all"));
+  if (values.Flag("--all")) MakeSubdirectories(values.Text("--into"), report.text);
   const report::SalvageResult result =
-      SalvageWithProgress(context.output, path, target, !values.Flag("--indexed-only"));
-  Status status = StatusOf(result, report);
+      SalvageWithProgress(context.output, report.base_path, target, !values.Flag("--indexed-only"));
+  Status status = StatusOf(result, report.text);
   if (result.state != report::SalvageState::kDone) return status;
   return ShowResult(
-      context, values, [&] { return ToJson(result, path, target, status.Code()); },
+      context, values, [&] { return ToJson(result, report.base_path, target, status.Code()); },
       [&] { return ToText(result, target); }, status);
+}
+
+Status Salvage(Context& context, const Values& values) {
+  ReportArguments arguments;
+  if (Status status = ReportsOf(values, context.output, arguments); !status.IsOk()) return status;
+  const std::string into = values.Text("--into");
+  const bool needs_directory = values.Flag("--all") || arguments.reports.size() > 1;
+  if (needs_directory && !IsDirectory(into)) {
+    return {ExitCode::kUsage, "--into: " + Visible(into) + " is not a directory; several reports need one"};
+  }
+  return ForEachReport(context.output, arguments,
+                       [&](const ReportArgument& report) { return SalvageReport(context, values, report); });
 }
 
 // --- the commands
@@ -249,6 +272,7 @@ constexpr Example kReportVerifyExamples[] = {
 
 constexpr Example kReportSalvageExamples[] = {
     {"qxctl report salvage load --into saved/", "Save the records of a damaged report into a directory"},
+    {"qxctl report salvage --all --into saved/", "Save those of every report"},
 };
 
 }  // namespace
@@ -259,10 +283,11 @@ constinit const Command kReportVerifyCommand = {.words = "report verify",
                                                 .parameters = {kReportsOrAllParameters, kParameters},
                                                 .examples = kReportVerifyExamples};
 
-constinit const Command kReportSalvageCommand = {.words = "report salvage",
-                                                 .help = "Save what is left of a damaged report into a new one",
-                                                 .run = Salvage,
-                                                 .parameters = {kReportParameter, kParameters, kSalvageParameters},
-                                                 .examples = kReportSalvageExamples};
+constinit const Command kReportSalvageCommand = {
+    .words = "report salvage",
+    .help = "Save what is left of a damaged report into a new one",
+    .run = Salvage,
+    .parameters = {kReportsOrAllParameters, kParameters, kSalvageParameters},
+    .examples = kReportSalvageExamples};
 
 }  // namespace qx::ctl

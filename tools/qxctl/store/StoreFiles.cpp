@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 
 #include "reportfile/StoreFormat.h"
 #include "tools/qxctl/cli/FileStatus.h"
@@ -18,6 +20,28 @@ std::optional<std::int64_t> FileSize(const std::string& path) {
   if (S_ISREG(status.st_mode)) return std::int64_t{status.st_size};
   errno = EINVAL;
   return std::nullopt;
+}
+
+std::uint64_t BytesOfReport(const std::string& base_path) {
+  std::uint64_t bytes = 0;
+  for (const std::string& file : {report::IndexFileName(base_path), report::DataFileName(base_path)}) {
+    bytes += static_cast<std::uint64_t>(FileSize(file).value_or(0));
+  }
+  return bytes;
+}
+
+std::uint64_t BytesBelow(const std::string& directory) {
+  using std::filesystem::recursive_directory_iterator;
+  std::uint64_t bytes = 0;
+  std::error_code error;
+  recursive_directory_iterator entry(directory, std::filesystem::directory_options::skip_permission_denied, error);
+  for (; !error && entry != recursive_directory_iterator(); entry.increment(error)) {
+    std::error_code gone;
+    const bool is_file = entry->is_regular_file(gone) && !entry->is_symlink(gone);
+    const std::uintmax_t size = is_file ? entry->file_size(gone) : 0;
+    if (!gone) bytes += size;
+  }
+  return bytes;
 }
 
 Status CheckStoreFiles(const std::string& base_path, int access_mode) {

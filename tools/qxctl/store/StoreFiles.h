@@ -17,6 +17,10 @@ namespace qx::ctl {
 // Size of a regular file. Unset with errno if it does not exist or is not a regular file.
 [[nodiscard]] std::optional<std::int64_t> FileSize(const std::string& path);
 
+// What a command that reads everything has to read; 0 for what cannot be read.
+[[nodiscard]] std::uint64_t BytesOfReport(const std::string& base_path);
+[[nodiscard]] std::uint64_t BytesBelow(const std::string& directory);
+
 // kNotFound unless both files of the report at `base_path` are regular files to which this user has `access_mode`
 // (R_OK, R_OK | W_OK).
 [[nodiscard]] Status CheckStoreFiles(const std::string& base_path, int access_mode);
