@@ -97,6 +97,7 @@ struct Command {
   std::array<std::span<const Parameter>, 8> parameters = {};  // its own, and those of several commands
   std::span<const Example> examples = {};                     // at least one, unless it is hidden
   bool is_hidden = false;                                     // for scripts and the build, not for people
+  std::string_view program = "qxctl";                         // the first word of the command line
 };
 
 }  // namespace qx::ctl

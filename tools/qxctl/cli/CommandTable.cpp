@@ -112,7 +112,8 @@ std::vector<OptionGroup> OptionGroupsOf(const Command& command) {
 }
 
 std::string FullName(const Command& command) {
-  return command.words.empty() ? "qxctl" : "qxctl " + std::string(command.words);
+  const std::string program(command.program);
+  return command.words.empty() ? program : program + " " + std::string(command.words);
 }
 
 std::string_view LastWord(const Command& command) { return command.words.substr(command.words.rfind(' ') + 1); }

@@ -67,7 +67,8 @@ Status UnknownCommand(Commands commands, const Command& command, std::string_vie
                            " command \"" + Visible(word) + "\"";
   const std::vector<std::string> near = NearCommands(commands, command, word);
   if (!near.empty()) return {ExitCode::kUsage, what + DidYouMean(near)};
-  if (command.words.empty()) return {ExitCode::kUsage, what + "; \"qxctl help\" lists the commands"};
+  if (command.words.empty())
+    return {ExitCode::kUsage, what + "; \"" + std::string(command.program) + " help\" lists the commands"};
   return {ExitCode::kUsage, what + "; give one of " + Listed(WordsBelow(commands, command), "and")};
 }
 

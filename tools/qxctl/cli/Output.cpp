@@ -133,7 +133,7 @@ void Output::Detail(std::string_view line) {
 
 void Output::Problem(std::string_view message) {
   const Style style = message.starts_with("warning: ") ? Style::kWarning : Style::kBad;
-  Say(message, Painted(color_err_, style, "qxctl:") + " ");
+  Say(message, Painted(color_err_, style, program_ + ":") + " ");
 }
 
 void Output::Problem(const Status& status) {

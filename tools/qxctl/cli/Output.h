@@ -26,6 +26,9 @@ class Output {
   // Applies the command line's choices; called before anything is printed.
   void Configure(Verbosity verbosity, ColorMode color);
 
+  // The name before problems, if the program is not qxctl.
+  void SetProgram(std::string_view name) { program_ = name; }
+
   // From now on data goes to a terminal byte for byte as well: for --raw.
   void ShowRaw();
 
@@ -73,6 +76,7 @@ class Output {
   void Say(std::string_view line, const std::string& prefix = {});
   void WipeProgress();
 
+  std::string program_ = "qxctl";
   std::string buffer_;
   bool has_data_ = false;
   Status written_;  // the first failure is kept

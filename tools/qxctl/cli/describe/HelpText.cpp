@@ -111,7 +111,9 @@ std::string OverviewText(Commands commands) {
     text += "\n" + std::string(group.heading.empty() ? "Others" : group.heading) + ":\n";
     for (const Command* const command : group.commands) text += OverviewLines(commands, *command);
   }
-  return text + "\n\"qxctl help COMMAND\" describes a command, \"qxctl --help\" the options of every command\n";
+  const std::string program(commands.front()->program);
+  return text + "\n\"" + program + " help COMMAND\" describes a command, \"" + program +
+         " --help\" the options of every command\n";
 }
 
 std::string HelpWithRemarks(const Parameter& parameter) {
