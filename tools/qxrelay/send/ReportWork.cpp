@@ -59,8 +59,9 @@ bool IsOfAReport(const MessageHead& head) {
 
 }  // namespace
 
-ReportWork::ReportWork(SendContext& context, std::string report)
+ReportWork::ReportWork(SendContext& context, std::string report, std::size_t owner)
     : context_(context),
+      owner_(owner),
       report_(std::move(report)),
       subject_(SubjectOf(context, report_)),
       sender_(context.times, context.random),
@@ -111,7 +112,7 @@ void ReportWork::LookUp(TimeMs now) {
   --context_.look_ups_free;
   has_look_up_ = true;
   held_.reset();
-  const std::uint64_t token = context_.NewToken();
+  const std::uint64_t token = context_.NewToken(owner_);
   sender_.LookUpSent(now, token);
   if (!context_.stream.LookUp(token, subject_)) (void)sender_.Failed(now, token);
 }
@@ -240,7 +241,7 @@ void ReportWork::PublishRun(TimeMs now, const RecordRun& run) {
 
 void ReportWork::Publish(TimeMs now, const MessageHead& head, const RecordRun& run, std::uint64_t hash_after) {
   const std::string bytes = EncodeMessage(head, run.lengths, run.texts);
-  const std::uint64_t token = context_.NewToken();
+  const std::uint64_t token = context_.NewToken(owner_);
   in_flight_ = {.token = token, .head = head, .bytes = bytes.size(), .hashes = LastHashes(run)};
   sender_.Sent(now, token, head.Next(), hash_after);
   if (context_.stream.Publish(token, subject_, bytes, sender_.LastSequence())) return;

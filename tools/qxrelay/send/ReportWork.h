@@ -19,8 +19,8 @@ namespace qx::relay {
 // Failure: the log, and the counters. Throws std::bad_alloc.
 class ReportWork {
  public:
-  // `report` is a name with a subject (TextOfSubject).
-  ReportWork(SendContext& context, std::string report);
+  // `report` is a name with a subject (TextOfSubject), `owner` the number in its tokens.
+  ReportWork(SendContext& context, std::string report, std::size_t owner);
 
   // Does what is due. Next time from Wake on, or after a reply. [owning thread]
   void Step(TimeMs now);
@@ -70,6 +70,7 @@ class ReportWork {
   [[nodiscard]] std::size_t TextBytesMax() const;
 
   SendContext& context_;
+  std::size_t owner_;
   std::string report_;
   std::string subject_;
   ReportSender sender_;

@@ -31,6 +31,8 @@ struct SenderCounters {
 
 // Threads: one thread. Owns: nothing; everything outlives the sender.
 struct SendContext {
+  static constexpr unsigned kOwnerBits = 20;  // at most a million reports
+
   PublishStream& stream;
   SenderState& state;
   std::function<void(const std::string&)> log;  // a line for the operator
@@ -49,7 +51,9 @@ struct SendContext {
   std::size_t payload_max = 0;  // of the connection
   int look_ups_free = 4;        // at once
 
-  [[nodiscard]] std::uint64_t NewToken() { return ++last_token; }
+  // A token that leads back to who used it.
+  [[nodiscard]] std::uint64_t NewToken(std::size_t owner) { return ++last_token << kOwnerBits | owner; }
+  [[nodiscard]] static std::size_t OwnerOf(std::uint64_t token) { return token & ((1U << kOwnerBits) - 1); }
 };
 
 }  // namespace qx::relay

@@ -18,6 +18,7 @@ namespace qx::relay {
 namespace {
 
 constexpr std::string_view kNamesEnding = ".names";
+constexpr std::size_t kAboutOwner = 0;
 
 std::string SubjectText(const SendContext& context, Branch branch, const std::string& report) {
   const Subject subject = {.branch = branch, .host = context.host, .report = report};
@@ -45,7 +46,7 @@ MessageHead SideHead(const SendContext& context, MessageKind kind, std::uint64_t
 
 Sender::Sender(SendContext& context, TimeMs now, std::vector<std::string> labels)
     : context_(context),
-      about_(context, SubjectText(context, Branch::kAbout, {})),
+      about_(context, SubjectText(context, Branch::kAbout, {}), kAboutOwner),
       connect_at_(now + static_cast<TimeMs>(static_cast<double>(context.settings.spread.count()) * context.random())),
       rescan_at_(now) {
   about_.Set(now, AboutMessage(labels));
@@ -70,7 +71,7 @@ TimeMs Sender::Step(TimeMs now) {
   if (!is_connected_) return std::min(wake, connect_at_);
   about_.Step(now);
   wake = std::min(wake, about_.Wake());
-  for (const auto& [report, entry] : works_) {
+  for (const auto& entry : works_) {
     if (entry->work.Wake() <= now) entry->work.Step(now);
     entry->names.Step(now);
     wake = std::min(wake, entry->work.Wake());
@@ -93,11 +94,12 @@ void Sender::TakeReplies(TimeMs now) {
 
 void Sender::OnReply(TimeMs now, const StreamReply& reply) {
   if (reply.kind == ReplyKind::kProblem) return LogOnce(server_problem_, "the server complains: " + reply.text);
-  about_.OnReply(now, reply);
-  for (const auto& [report, entry] : works_) {
-    if (entry->work.Sender().IsCurrent(reply.token)) return entry->work.OnReply(now, reply);
-    if (entry->names.Token() == reply.token) return entry->names.OnReply(now, reply);
-  }
+  const std::size_t owner = SendContext::OwnerOf(reply.token);
+  if (owner == kAboutOwner) return about_.OnReply(now, reply);
+  if (owner > works_.size()) return;
+  Entry& entry = *works_[owner - 1];
+  entry.work.OnReply(now, reply);
+  entry.names.OnReply(now, reply);
 }
 
 void Sender::Disconnected(TimeMs now) {
@@ -106,7 +108,7 @@ void Sender::Disconnected(TimeMs now) {
   connect_at_ = now + static_cast<TimeMs>(static_cast<double>(context_.settings.spread.count()) * context_.random());
   context_.log("the connection is lost; connecting again in " + std::to_string(connect_at_ - now) + " ms");
   about_.Disconnected(now);
-  for (const auto& [report, entry] : works_) {
+  for (const auto& entry : works_) {
     entry->work.Disconnected();
     entry->names.Disconnected(now);
   }
@@ -124,7 +126,7 @@ void Sender::Connect(TimeMs now) {
   ++context_.counters.connects;
   context_.payload_max = std::min(context_.stream.PayloadBytesMax(), kMessageBytesMax);
   context_.log("connected");
-  for (const auto& [report, entry] : works_) entry->work.Connected(now);
+  for (const auto& entry : works_) entry->work.Connected(now);
 }
 
 void Sender::Rescan(TimeMs now) {
@@ -134,19 +136,20 @@ void Sender::Rescan(TimeMs now) {
     LogOnce(server_problem_, "cannot list " + context_.directory + ": " + std::strerror(found.error));
   }
   for (const std::string& report : found.names) {
-    if (IsSelected(context_.settings, report) && !works_.contains(report)) Add(now, report);
+    if (IsSelected(context_.settings, report) && known_.insert(report).second) Add(now, report);
   }
-  for (const auto& [report, entry] : works_) ReadNames(now, *entry);
+  for (const auto& entry : works_) ReadNames(now, *entry);
 }
 
 void Sender::Add(TimeMs now, const std::string& report) {
   if (SubjectText(context_, Branch::kReport, report).empty()) {
-    if (refused_.emplace(report, true).second) context_.log("report " + report + ": its name cannot be relayed");
+    context_.log("report " + report + ": its name cannot be relayed");
     return;
   }
-  auto entry = std::make_unique<Entry>(context_, report, SubjectText(context_, Branch::kNames, report));
+  const std::size_t owner = works_.size() + 1;
+  auto entry = std::make_unique<Entry>(context_, report, SubjectText(context_, Branch::kNames, report), owner);
   if (is_connected_) entry->work.Connected(now);
-  works_.emplace(report, std::move(entry));
+  works_.push_back(std::move(entry));
 }
 
 // Without a names file nothing is sent, unless there was one before.
@@ -170,18 +173,18 @@ void Sender::ReadNames(TimeMs now, Entry& entry) {
 
 bool Sender::IsBusy() const {
   return is_connected_ &&
-         std::any_of(works_.begin(), works_.end(), [](const auto& entry) { return entry.second->work.IsPublishing(); });
+         std::any_of(works_.begin(), works_.end(), [](const auto& entry) { return entry->work.IsPublishing(); });
 }
 
 void Sender::Finish() {
-  for (const auto& [report, entry] : works_) entry->work.Save();
+  for (const auto& entry : works_) entry->work.Save();
   context_.stream.Close();
   is_connected_ = false;
 }
 
 std::size_t Sender::Stopped() const {
-  return static_cast<std::size_t>(std::count_if(
-      works_.begin(), works_.end(), [](const auto& entry) { return entry.second->work.Sender().IsStopped(); }));
+  return static_cast<std::size_t>(
+      std::count_if(works_.begin(), works_.end(), [](const auto& entry) { return entry->work.Sender().IsStopped(); }));
 }
 
 void Sender::LogOnce(std::string& last, const std::string& text) {

@@ -4,9 +4,9 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -47,8 +47,8 @@ class Sender {
     SideMessage names;
     std::string names_seen;  // size, times and file of the names file
 
-    Entry(SendContext& context, const std::string& report, const std::string& names_subject)
-        : work(context, report), names(context, names_subject) {}
+    Entry(SendContext& context, const std::string& report, const std::string& names_subject, std::size_t owner)
+        : work(context, report, owner), names(context, names_subject, owner) {}
   };
 
   void TakeReplies(TimeMs now);
@@ -62,8 +62,8 @@ class Sender {
   void LogOnce(std::string& last, const std::string& text);
 
   SendContext& context_;
-  std::map<std::string, std::unique_ptr<Entry>> works_;
-  std::map<std::string, bool> refused_;  // names of reports that cannot be relayed
+  std::vector<std::unique_ptr<Entry>> works_;  // owner n of a token is at n - 1
+  std::set<std::string> known_;                // the names of reports, also of those that cannot be relayed
   SideMessage about_;
   std::vector<StreamReply> replies_;
   TimeMs connect_at_;

@@ -13,7 +13,8 @@ namespace qx::relay {
 // Threads: one thread. Owns: the message.
 class SideMessage {
  public:
-  SideMessage(SendContext& context, std::string subject) : context_(context), subject_(std::move(subject)) {}
+  SideMessage(SendContext& context, std::string subject, std::size_t owner)
+      : context_(context), subject_(std::move(subject)), owner_(owner) {}
 
   // From now on this is the message. [owning thread]
   void Set(TimeMs now, std::string bytes) {
@@ -27,7 +28,7 @@ class SideMessage {
   void Step(TimeMs now) {
     if (bytes_.empty() || now < due_) return;
     if (token_ != 0) return Failed(now);  // without an answer in time
-    token_ = context_.NewToken();
+    token_ = context_.NewToken(owner_);
     due_ = now + context_.times.timeout;
     if (!context_.stream.Publish(token_, subject_, bytes_, std::nullopt)) Failed(now);
   }
@@ -47,7 +48,6 @@ class SideMessage {
   }
 
   [[nodiscard]] TimeMs Wake() const { return due_; }
-  [[nodiscard]] std::uint64_t Token() const { return token_; }
   [[nodiscard]] bool IsSet() const { return !bytes_.empty(); }
 
  private:
@@ -58,6 +58,7 @@ class SideMessage {
 
   SendContext& context_;
   std::string subject_;
+  std::size_t owner_;
   std::string bytes_;
   std::uint64_t token_ = 0;
   std::uint32_t failures_ = 0;
