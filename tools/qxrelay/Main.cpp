@@ -1,0 +1,93 @@
+// qxrelay: carries reports from many hosts into a stream, and from there to collectors.
+//
+// The command line is read with the table and the parser of qxctl's area cli. What a command returns ends in one exit
+// code (tools/qxctl/cli/Status.h), data on standard output and words on standard error.
+#include <string>
+
+#include "debug/Debug.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/describe/HelpCommand.h"
+#include "tools/qxctl/cli/describe/HelpText.h"
+#include "tools/qxctl/cli/line/Parser.h"
+#include "tools/qxrelay/cli/CheckCommand.h"
+#include "tools/qxrelay/cli/HostCommand.h"
+#include "tools/qxrelay/cli/Options.h"
+#include "tools/qxrelay/cli/SendCommand.h"
+#include "tools/qxrelay/cli/StreamCommand.h"
+
+// Inert: qxrelay has no traces of its own.
+__attribute__((init_priority(101))) CDebug Debug;
+
+namespace {
+
+using qx::ctl::Command;
+using qx::ctl::CommandLine;
+using qx::ctl::Context;
+using qx::ctl::ExitCode;
+using qx::ctl::Request;
+using qx::ctl::Status;
+
+constexpr std::string_view kServersHeading = "Servers";
+
+constexpr Command kStream = {
+    .words = "stream", .help = "Work on the stream", .group = kServersHeading, .program = qx::relay::kProgram};
+constexpr Command kHost = {.words = "host",
+                           .help = "Give hosts and collectors their rights",
+                           .group = kServersHeading,
+                           .program = qx::relay::kProgram};
+
+constexpr qx::ctl::Example kHelpExamples[] = {
+    {"qxrelay help host add", "Describe a command"},
+};
+
+Command HelpOfQxrelay() {
+  Command help = qx::ctl::kHelpCommand;
+  help.program = qx::relay::kProgram;
+  help.examples = kHelpExamples;
+  return help;
+}
+
+const Command kHelp = HelpOfQxrelay();
+
+const Command* const kCommands[] = {
+    &qx::relay::kQxrelay,
+    &qx::relay::kSendCommand,
+    &qx::relay::kCheckCommand,
+    &kStream,
+    &qx::relay::kStreamCreateCommand,
+    &kHost,
+    &qx::relay::kHostAddCommand,
+    &qx::relay::kHostRenameCommand,
+    &qx::relay::kHostRetireCommand,
+    &kHelp,
+};
+
+Status Run(Context& context, const CommandLine& line) {
+  if (line.request == Request::kVersion) return context.output.Data("qxrelay " + std::string(context.version) + "\n");
+  if (line.request == Request::kOverview) return context.output.Data(OverviewText(context.commands));
+  if (line.request == Request::kHelp) return context.output.Data(HelpText(context.commands, *line.command));
+  if (Status status = qx::relay::ApplyOptions(context, line.values); !status.IsOk()) return status;
+  return line.command->run(context, line.values);
+}
+
+ExitCode Finish(Context& context, const Status& status) {
+  context.output.Problem(status);
+  const Status finished = context.output.Finish();
+  return finished.IsOk() ? status.Code() : finished.Code();
+}
+
+}  // namespace
+
+// NOLINTNEXTLINE(bugprone-exception-escape): when memory runs out, ending here is all that is left to do.
+int main(int argc, char** argv) {
+  qx::ctl::HoldBrokenPipe();
+  Context context;
+  context.commands = kCommands;
+  context.version = QX_VERSION;
+  context.output.SetProgram(qx::relay::kProgram);
+  CommandLine line;
+  Status status = ParseCommandLine(kCommands, argc, argv, line);
+  if (status.IsOk()) status = Run(context, line);
+  return static_cast<int>(Finish(context, status));
+}

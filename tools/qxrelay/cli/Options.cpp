@@ -1,0 +1,60 @@
+#include "tools/qxrelay/cli/Options.h"
+
+#include <unistd.h>
+
+#include <climits>
+
+#include "base/File.h"
+#include "sdk/Writer.h"
+#include "tools/qxctl/cli/CommandTable.h"
+#include "tools/qxrelay/message/Subject.h"
+
+namespace qx::relay {
+
+namespace {
+
+using ctl::ExitCode;
+using ctl::Status;
+
+constexpr ctl::Parameter kAnswered[] = {ctl::kVersionOption};
+
+constexpr ctl::Parameter kOptions[] = {
+    {.name = "--quiet", .help = "Leave out notes, not problems"},
+    {.name = "--verbose", .help = "Say more about what is done", .excludes = {"--quiet"}},
+};
+
+}  // namespace
+
+constinit const ctl::Command kQxrelay = {.words = "",
+                                         .help = "Carries reports from many hosts to collectors",
+                                         .parameters = {kAnswered, kOptions},
+                                         .program = kProgram};
+
+Status ApplyOptions(ctl::Context& context, const ctl::Values& values) {
+  ctl::Verbosity verbosity = ctl::Verbosity::kNormal;
+  if (values.Flag("--quiet")) verbosity = ctl::Verbosity::kQuiet;
+  if (values.Flag("--verbose")) verbosity = ctl::Verbosity::kVerbose;
+  context.output.Configure(verbosity, ctl::ColorMode::kAuto);
+  return {};
+}
+
+Status LoadConfig(ctl::Context& context, const ctl::Values& values, RelayConfig& config) {
+  const std::string path = values.Text("--config", kConfigFile);
+  const ConfigFindings findings = ReadConfig(path, config);
+  if (findings.empty()) return {};
+  for (const std::string& finding : findings) context.output.Problem(finding);
+  return {ExitCode::kFinding, "the settings in " + path + " are wrong; nothing was done"};
+}
+
+std::string HostNameOf(const RelayConfig& config) {
+  if (!config.host.name.empty()) return config.host.name;
+  char name[HOST_NAME_MAX + 1] = {};
+  if (gethostname(name, sizeof name - 1) != 0) return {};
+  return IsHostName(name) ? name : "";
+}
+
+std::string ReportsOf(const RelayConfig& config) {
+  return config.send.reports.empty() ? file::DirectoryOf(ReportPath("any")) : config.send.reports;
+}
+
+}  // namespace qx::relay

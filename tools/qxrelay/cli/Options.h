@@ -1,0 +1,38 @@
+// The options that commands of qxrelay share, and the settings that they lead to.
+#pragma once
+
+#include <string>
+
+#include "tools/qxctl/cli/Command.h"
+#include "tools/qxctl/cli/Context.h"
+#include "tools/qxctl/cli/Values.h"
+#include "tools/qxrelay/config/RelayConfig.h"
+
+namespace qx::relay {
+
+inline constexpr std::string_view kProgram = "qxrelay";
+inline constexpr std::string_view kConfigFile = "/etc/norrlek/qxrelay.ini";
+
+inline constexpr ctl::Parameter kConfigOptions[] = {
+    {.name = "--config",
+     .letter = "-c",
+     .kind = ctl::ValueKind::kFile,
+     .value = "FILE",
+     .help = "Read the settings from this file",
+     .default_value = kConfigFile},
+};
+
+// The settings of --config. kFinding with every finding as a problem, if the file has any. [any thread]
+[[nodiscard]] ctl::Status LoadConfig(ctl::Context& context, const ctl::Values& values, RelayConfig& config);
+
+// The host's name in the stream: that of the settings, or the machine's own. Empty if neither is a name (IsHostName).
+[[nodiscard]] std::string HostNameOf(const RelayConfig& config);
+
+// The directory of the reports that are sent.
+[[nodiscard]] std::string ReportsOf(const RelayConfig& config);
+
+// qxrelay itself: the options that every command has.
+extern const ctl::Command kQxrelay;
+ctl::Status ApplyOptions(ctl::Context& context, const ctl::Values& values);
+
+}  // namespace qx::relay

@@ -1,0 +1,161 @@
+// Runs the sender of this host until a signal ends it.
+#include "tools/qxrelay/cli/SendCommand.h"
+
+#include <algorithm>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "tools/qxrelay/cli/Options.h"
+#include "tools/qxrelay/cli/Service.h"
+#include "tools/qxrelay/send/Sender.h"
+#include "tools/qxrelay/stream/NatsPublish.h"
+
+namespace qx::relay {
+
+namespace {
+
+using ctl::Context;
+using ctl::ExitCode;
+using ctl::Status;
+using ctl::Values;
+
+constexpr TimeMs kStopMs = 5000;     // the longest wait for what is in flight
+constexpr TimeMs kWaitMs = 1000;     // the longest sleep
+constexpr TimeMs kStatusMs = 10000;  // between two lines for the service manager
+
+constexpr ctl::Parameter kParameters[] = {
+    {.name = "--take-over",
+     .help = "Continue although another sender was found: a replaced machine, or a state directory that was lost"},
+};
+
+constexpr ctl::Example kExamples[] = {
+    {"qxrelay send", "Send the reports of this host until a signal comes"},
+    {"qxrelay send --config /tmp/relay.ini --take-over", "Continue for a machine that was replaced"},
+};
+
+SenderTimes TimesOf(const RelayConfig& config) {
+  const std::chrono::milliseconds age = config.stream.age;
+  return {.linger = config.send.linger.count(),
+          .poll = config.send.poll.count(),
+          .poll_idle = std::max(config.send.poll, config.send.poll_idle).count(),
+          .timeout = config.send.timeout.count(),
+          .heartbeat = age.count() / 4,
+          .batch_bytes = config.send.batch_bytes};
+}
+
+// A sender with all that it borrows. The settings of one are fixed; new settings need a new one.
+class Service {
+ public:
+  Service(Context& output, const RelayConfig& config, SenderState& state, bool takes_over)
+      : stream_(config.stream, HostNameOf(config)),
+        random_(std::random_device{}()),
+        context_(
+            {.stream = stream_,
+             .state = state,
+             .log = [&output](const std::string& line) { output.output.Problem(line); },
+             .random = [this] { return std::uniform_real_distribution<>()(random_); },
+             .random_number = [] { return (std::uint64_t{std::random_device{}()} << 32U) | std::random_device{}(); },
+             .wall_ms = WallMs,
+             .host = HostNameOf(config),
+             .directory = ReportsOf(config),
+             .stream_settings = config.stream,
+             .settings = config.send,
+             .times = TimesOf(config),
+             .takes_over = takes_over}),
+        sender_(context_, SteadyMs(), config.host.labels) {}
+
+  // Until a signal asks for something else.
+  void Run(ServiceSignals& signals, ServiceManager& manager) {
+    TimeMs status_at = SteadyMs() + kStatusMs;
+    for (;;) {
+      const TimeMs now = SteadyMs();
+      const TimeMs wake = std::min({sender_.Step(now), now + kWaitMs, manager.NextAlive()});
+      manager.Alive(now);
+      if (now >= status_at) {
+        ServiceManager::Status(StatusText());
+        status_at = now + kStatusMs;
+      }
+      WaitForEither(stream_.Descriptor(), signals.Descriptor(), wake - SteadyMs());
+      signals.Take();
+      if (signals.IsStopRequested() || signals.TakeReload()) return;
+    }
+  }
+
+  // Waits for what is in flight, and saves.
+  void Finish(ServiceSignals& signals, ServiceManager& manager) {
+    sender_.BeginStop();
+    const TimeMs end = SteadyMs() + kStopMs;
+    for (TimeMs now = SteadyMs(); sender_.IsBusy() && now < end; now = SteadyMs()) {
+      manager.Alive(now);
+      WaitForEither(stream_.Descriptor(), signals.Descriptor(), std::min<TimeMs>(end - now, 100));
+      (void)sender_.Step(SteadyMs());
+    }
+    sender_.Finish();
+  }
+
+  [[nodiscard]] std::string StatusText() const {
+    const SenderCounters& counters = context_.counters;
+    return std::to_string(sender_.Reports()) + " reports, " + std::to_string(counters.records) + " records sent, " +
+           std::to_string(counters.gap_records) + " lost" + (sender_.IsConnected() ? "" : ", not connected") +
+           (sender_.Stopped() > 0 ? ", " + std::to_string(sender_.Stopped()) + " stopped" : "");
+  }
+
+ private:
+  NatsPublish stream_;
+  std::mt19937_64 random_;
+  SendContext context_;
+  Sender sender_;
+};
+
+Status CheckSettings(const RelayConfig& config) {
+  if (!HostNameOf(config).empty()) return {};
+  return {ExitCode::kFinding, "the machine's name cannot be a host's name in the stream: set name in section [host]"};
+}
+
+// Settings with findings do not replace the ones in force.
+void Reload(Context& context, const Values& values, RelayConfig& config) {
+  ServiceManager::Reloading();
+  RelayConfig changed;
+  if (LoadConfig(context, values, changed).IsOk() && CheckSettings(changed).IsOk()) {
+    changed.send.spread = std::chrono::milliseconds(0);  // one operator reloads one host
+    config = changed;
+    context.output.Problem("the settings were read again");
+  } else {
+    context.output.Problem("the settings in force stay as they are");
+  }
+}
+
+Status Send(Context& context, const Values& values) {
+  RelayConfig config;
+  if (Status status = LoadConfig(context, values, config); !status.IsOk()) return status;
+  if (Status status = CheckSettings(config); !status.IsOk()) return status;
+  ServiceSignals signals;
+  ServiceManager manager;
+  SenderState state;
+  const bool takes_over = values.Flag("--take-over");
+  if (const auto problem = state.Open(config.send.state, takes_over)) return {ExitCode::kRefused, *problem};
+  if (const auto problem = state.BeginSession(0)) return {ExitCode::kIo, *problem};
+  while (!signals.IsStopRequested()) {
+    Service service(context, config, state, takes_over);
+    ServiceManager::Ready(service.StatusText());
+    service.Run(signals, manager);
+    if (signals.IsStopRequested()) ServiceManager::Stopping();
+    service.Finish(signals, manager);
+    context.output.Problem(service.StatusText());
+    if (!signals.IsStopRequested()) Reload(context, values, config);
+  }
+  return {};
+}
+
+}  // namespace
+
+constinit const ctl::Command kSendCommand = {.words = "send",
+                                             .help = "Send the reports of this host to the stream",
+                                             .group = "Services",
+                                             .run = Send,
+                                             .parameters = {kParameters, kConfigOptions},
+                                             .examples = kExamples,
+                                             .program = kProgram};
+
+}  // namespace qx::relay

@@ -1,0 +1,62 @@
+// What a daemon needs of the system: signals as events, and the messages to the service manager.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+#include <string>
+
+#include "base/File.h"
+
+namespace qx::relay {
+
+// SIGTERM, SIGINT and SIGHUP arrive here, in no signal handler. Make it before any thread starts: threads inherit that
+// these signals are blocked.
+//
+// Threads: one thread. Owns: a descriptor. Failure: without a descriptor the signals keep their effect.
+class ServiceSignals {
+ public:
+  ServiceSignals();
+
+  [[nodiscard]] int Descriptor() const { return file_.Number(); }
+
+  // Takes what has arrived. [owning thread]
+  void Take();
+  // Whether the service is to end, or to read its settings again; the second is asked once. [owning thread]
+  [[nodiscard]] bool IsStopRequested() const { return is_stop_; }
+  [[nodiscard]] bool TakeReload();
+
+ private:
+  file::Descriptor file_;
+  bool is_stop_ = false;
+  bool is_reload_ = false;
+};
+
+// Waits until one of the descriptors (-1: none) is readable, at most so many milliseconds. [any thread]
+void WaitForEither(int first, int second, std::int64_t time_ms);
+
+// Milliseconds of a clock that nobody sets, and of the one that people set. [any thread]
+[[nodiscard]] std::int64_t SteadyMs();
+[[nodiscard]] std::int64_t WallMs();
+
+// Says what the service does, in the form of sd_notify. Nothing happens without a service manager.
+//
+// Threads: one thread.
+class ServiceManager {
+ public:
+  ServiceManager();
+
+  static void Ready(const std::string& status);
+  static void Status(const std::string& status);
+  static void Reloading();
+  static void Stopping();
+  // Tells the watchdog that the service is alive, as often as it needs. [owning thread]
+  void Alive(std::int64_t now_ms);
+  // When Alive is to be called again. [owning thread]
+  [[nodiscard]] std::int64_t NextAlive() const { return next_ms_; }
+
+ private:
+  std::int64_t period_ms_ = 0;  // 0: there is no watchdog
+  std::int64_t next_ms_ = 0;
+};
+
+}  // namespace qx::relay
