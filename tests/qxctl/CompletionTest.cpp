@@ -219,7 +219,7 @@ TEST_F(QxctlCompletion, ArgumentNamedLikeAReportIsCompletedByItsKind) {
 }
 
 TEST_F(QxctlCompletion, NothingIsOfferedAfterTheLastArgument) {
-  EXPECT_THAT(Offers({"fetch", "load", ""}), IsEmpty());
+  EXPECT_THAT(Offers({"names", "load", ""}), IsEmpty());
   EXPECT_THAT(Offers({"ini", "get", "limits.ini", "A", "key", ""}), IsEmpty());
 }
 
@@ -287,7 +287,7 @@ TEST_F(QxctlCompletion, FishOffersCommandsOptionsReportsAndFiles) {
   EXPECT_THAT(FishOffers("qxctl report salvage --in"), ElementsAre("--indexed-only", "--into"));
   EXPECT_THAT(FishOffers("qxctl fetch lo"), ElementsAre("load", "lost and found"));
   EXPECT_THAT(FishOffers("qxctl report verify load lo"), Contains("lost and found"));
-  EXPECT_THAT(FishOffers("qxctl fetch load "), IsEmpty());
+  EXPECT_THAT(FishOffers("qxctl names load "), IsEmpty());
   EXPECT_THAT(FishOffers("qxctl fetch --color al"), ElementsAre("always"));
   EXPECT_THAT(FishOffers("qxctl fetch --color=al"), ElementsAre("--color=always"));
   EXPECT_THAT(FishOffers("qxctl fetch -- --qu"), IsEmpty());

@@ -89,6 +89,35 @@ TEST_F(QxctlReportArguments, AllAreThoseOfTheReportDirectoryWithSubdirectories) 
   EXPECT_THAT(Qxctl({"report", "info", "--all"}).out, HasSubstr("/disk/sda:\n"));
 }
 
+TEST_F(QxctlReportArguments, FetchTakesSeveralReportsAndAll) {
+  EXPECT_EQ(Qxctl({"fetch", "load", "Reports/disk/sda", "--quiet"}).out, "a\r\ns\r\n");
+  EXPECT_EQ(Qxctl({"fetch", "--all", "--quiet"}).out, "s\r\na\r\n");
+  const Ran missing = Qxctl({"fetch", "nothing", "load", "--quiet"});
+  EXPECT_EQ(missing.code, 4);
+  EXPECT_EQ(missing.out, "a\r\n");
+  EXPECT_THAT(missing.err, StartsWith("qxctl: no report nothing in "));
+}
+
+TEST_F(QxctlReportArguments, FetchOfSeveralReportsWritesAFileForEach) {
+  std::filesystem::create_directories(Dir().File("saved"));
+  EXPECT_EQ(Qxctl({"fetch", "--all", "-o", "saved", "--quiet"}).code, 0);
+  EXPECT_EQ(ReadFile(Dir().File("saved/load")) + ReadFile(Dir().File("saved/disk/sda")), "a\r\ns\r\n");
+  EXPECT_THAT(Qxctl({"fetch", "--all", "-o", "saved", "--json"}).out, HasSubstr("}\n{"));
+  EXPECT_EQ(Qxctl({"fetch", "--all", "-o", "file"}).err,
+            "qxctl: --output: file is not a directory; several reports need one\n");
+  EXPECT_EQ(Qxctl({"fetch", "load", "disk/sda", "--resume", "state"}).err,
+            "qxctl: --resume is for one report; name one\n");
+  EXPECT_EQ(Qxctl({"fetch", "load", "disk/sda", "--plot", "a", "--svg", "x"}).code, 2);
+  EXPECT_FALSE(Exists(Dir().File("state")));
+}
+
+// The working directory may have a path like the name of a report.
+TEST_F(QxctlReportArguments, FetchOfAllReadsNamesAndNotPaths) {
+  std::filesystem::create_directories(Dir().File("disk"));
+  MakeReport("../disk/sda", 3, {"another"});
+  EXPECT_EQ(Qxctl({"fetch", "--all", "--quiet"}).out, "s\r\na\r\n");
+}
+
 TEST_F(QxctlReportArguments, SalvageTakesSeveralReportsAndAll) {
   std::filesystem::create_directories(Dir().File("saved"));
   EXPECT_EQ(Qxctl({"report", "salvage", "load", "disk/sda", "--into", "saved"}).out,

@@ -2,9 +2,11 @@
 #include "tools/qxctl/fetch/FetchCommand.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -12,6 +14,7 @@
 #include "tools/qxctl/cli/Interrupt.h"
 #include "tools/qxctl/cli/OutputFile.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
 #include "tools/qxctl/fetch/ResumedFetch.h"
 #include "tools/qxctl/fetch/Transfer.h"
@@ -215,15 +218,8 @@ Options OptionsOf(const Values& values) {
   return options;
 }
 
-Status Fetch(Context& context, const Values& values) {
-  Options options = OptionsOf(values);
-  if (Status status = FindReportName(values.Text("REPORT"), options.report); !status.IsOk()) return status;
-  if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
-  if (Status status = SliceOf(values, options.slice); !status.IsOk()) return status;
-  const InterruptGuard guard;
-  std::unique_ptr<ModuleHost> module;
-  if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
-  WorkerThread worker(*module, options.call.block);
+Status FetchReport(Context& context, const Options& options, const ModuleHost& module) {
+  WorkerThread worker(module, options.call.block);
   const bool is_damaged = WarnOfDamage(context.output, BasePathOfReport(options.report));
   if (!options.state.empty()) return FetchResumed(context, options, worker, is_damaged);
   Transfer transfer(worker, options.report, options.chunk_records);
@@ -232,12 +228,49 @@ Status Fetch(Context& context, const Values& values) {
   return Summarise(context, options, transfer.Count(), in_slice, status);
 }
 
+// A state and a drawing are each of one report. Several reports get a file each, in a directory.
+Status CheckSeveral(const Options& options) {
+  std::error_code error;
+  for (const auto& [option, value] : {std::pair("--resume", options.state), std::pair("--svg", options.print.svg)}) {
+    if (!value.empty()) return {ExitCode::kUsage, std::string(option) + " is for one report; name one"};
+  }
+  if (options.output.empty() || std::filesystem::is_directory(options.output, error)) return {};
+  return {ExitCode::kUsage, "--output: " + Visible(options.output) + " is not a directory; several reports need one"};
+}
+
+Status Fetch(Context& context, const Values& values) {
+  Options options = OptionsOf(values);
+  ReportArguments arguments;
+  if (Status status = ReportsOf(values, context.output, arguments); !status.IsOk()) return status;
+  if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
+  if (Status status = SliceOf(values, options.slice); !status.IsOk()) return status;
+  const bool is_all = values.Flag("--all");
+  const bool are_several = is_all || arguments.reports.size() > 1;
+  if (Status status = are_several ? CheckSeveral(options) : Status(); !status.IsOk()) return status;
+  const InterruptGuard guard;
+  std::unique_ptr<ModuleHost> module;
+  if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
+  const std::string directory = options.output;
+  return ForEachReport(context.output, arguments, [&](const ReportArgument& report) {
+    options.report = report.text;
+    Status found = is_all ? Status() : FindReportName(report.text, options.report);
+    if (!found.IsOk()) return found;
+    if (are_several && !directory.empty()) {
+      MakeSubdirectories(directory, options.report);
+      options.output = directory + "/" + options.report;
+    }
+    return FetchReport(context, options, *module);
+  });
+}
+
 constexpr Parameter kParameters[] = {
     {.name = "--output",
      .letter = "-o",
      .kind = ValueKind::kFile,
      .value = "FILE",
-     .help = "Write the records to this file (default: -, standard output)"},
+     .help =
+         "Write the records to this file, or each of several reports to a file in this directory (default: -, standard "
+         "output)"},
     {.name = "--chunk-records",
      .kind = ValueKind::kInteger,
      .value = "NUMBER",
@@ -259,6 +292,7 @@ constexpr Parameter kResumeParameters[] = {
 
 constexpr Example kFetchExamples[] = {
     {"qxctl fetch load -o load.txt", "Write all records to a file"},
+    {"qxctl fetch --all -o saved/", "Write every report to a file of its own"},
     {"qxctl fetch load --last 10", "Print the newest ten records"},
     {"qxctl fetch load --since -1h --grep error", "Print those of the last hour that contain a word"},
     {"qxctl fetch load --resume load.state -o load.txt", "Append what is new since the last run"},
@@ -272,8 +306,8 @@ constinit const Command kFetchCommand = {
     .help = "Transfer a whole report through the module",
     .group = kReportsHeading,
     .run = Fetch,
-    .parameters = {kReportParameter, kParameters, kRecordSliceParameters, kRecordPrintParameters, kResumeParameters,
-                   kModuleParameters, kBlockParameters},
+    .parameters = {kReportsOrAllParameters, kParameters, kRecordSliceParameters, kRecordPrintParameters,
+                   kResumeParameters, kModuleParameters, kBlockParameters},
     .examples = kFetchExamples};
 
 }  // namespace qx::ctl

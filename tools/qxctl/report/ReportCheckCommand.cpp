@@ -221,13 +221,6 @@ report::SalvageResult SalvageWithProgress(const Output& output, const std::strin
   return report::SalvageStore(path, target, with_lines);
 }
 
-// Those of a name such as "disk/sda". If one cannot be made, the salvage fails there and says so.
-void MakeSubdirectories(const std::string& into, const std::string& name) {
-  for (std::size_t slash = name.find('/'); slash != std::string::npos; slash = name.find('/', slash + 1)) {
-    (void)file::MakeDirectory((into + "/" + name.substr(0, slash)).c_str(), 0777);
-  }
-}
-
 Status SalvageReport(Context& context, const Values& values, const ReportArgument& report) {
   const std::string target = TargetOf(values.Text("--into"), report, values.Flag("--all"));
   if (values.Flag("--all")) MakeSubdirectories(values.Text("--into"), report.text);

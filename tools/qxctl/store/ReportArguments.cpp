@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "base/File.h"
 #include "reportfile/tools/ReportSurvey.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/store/MissingReport.h"
@@ -41,6 +42,12 @@ Status ReportsOf(const Values& values, Output& output, ReportArguments& argument
   }
   if (!arguments.reports.empty()) return {};
   return {ExitCode::kUsage, "name a report, or use --all; \"qxctl report list\" shows the reports"};
+}
+
+void MakeSubdirectories(const std::string& directory, const std::string& name) {
+  for (std::size_t slash = name.find('/'); slash != std::string::npos; slash = name.find('/', slash + 1)) {
+    (void)file::MakeDirectory((directory + "/" + name.substr(0, slash)).c_str(), 0777);
+  }
 }
 
 }  // namespace qx::ctl
