@@ -1,10 +1,8 @@
 // Every mistake that the classes of the SDK refuse: the error, its whole reason, and that nothing is written.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -15,40 +13,13 @@
 #include "reportfile/ReportFileBase.h"
 #include "sdk/Reader.h"
 #include "sdk/Writer.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Support.h"
 
 namespace qx::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Another process that has done `action` and waits until the end of the scope.
-class OtherAgent {
- public:
-  explicit OtherAgent(const std::function<bool()>& action) {
-    int ends[2];
-    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    id_ = fork();
-    if (id_ == 0) {
-      if (!action() || write(ends[1], "x", 1) != 1) _exit(1);
-      for (;;) pause();
-    }
-    close(ends[1]);
-    char byte = 0;
-    EXPECT_EQ(read(ends[0], &byte, 1), 1);
-    close(ends[0]);
-  }
-  ~OtherAgent() {
-    kill(id_, SIGKILL);
-    EXPECT_EQ(waitpid(id_, nullptr, 0), id_);
-  }
-  OtherAgent(const OtherAgent&) = delete;
-  OtherAgent& operator=(const OtherAgent&) = delete;
-  int Id() const { return id_; }
-
- private:
-  pid_t id_ = -1;
-};
 
 // A report with one record, which `writer` has open.
 struct Scene {
@@ -58,14 +29,14 @@ struct Scene {
   Writer other;
   Reader reader;
   CReportFileBase agent;
-  std::unique_ptr<OtherAgent> process;
+  std::unique_ptr<WaitingChild> process;
 
   Scene() { EXPECT_FALSE(writer.Open(base, 3).Failed() || writer.Append("a").Failed()); }
 
   void CloseWriter() { writer.Close(); }
   void StartProcess(const std::function<bool()>& action) {
     writer.Close();
-    process = std::make_unique<OtherAgent>(action);
+    process = std::make_unique<WaitingChild>(action);
   }
 
   // Every file below the directory with its bytes.

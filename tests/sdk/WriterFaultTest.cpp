@@ -1,7 +1,6 @@
 // The writer killed at random moments, and with each of its file calls failing: the promises of the class below, and
 // its files.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,7 +10,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <new>
 #include <optional>
 #include <random>
 #include <string>
@@ -21,6 +19,7 @@
 #include "sdk/Writer.h"
 #include "tests/reportfile/StoreFiles.h"
 #include "tests/support/FailingFileCalls.h"
+#include "tests/support/Shared.h"
 
 namespace qx::test {
 namespace {
@@ -74,9 +73,8 @@ void ExpectNewestInOrder(const std::vector<std::uint64_t>& numbers, std::uint64_
 
 TEST(SdkWriterKilled, LosesNoAcknowledgedRecordAndMisplacesAtMostOnePart) {
   const StoreFiles files;
-  void* const shared = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(shared, MAP_FAILED);
-  auto& acknowledged = *new (shared) std::atomic<std::uint64_t>(0);
+  const Shared<std::atomic<std::uint64_t>> shared(0U);
+  std::atomic<std::uint64_t>& acknowledged = *shared;
   std::mt19937_64 random(Seed("SdkWriterKilled"));
   std::uint64_t next = 1;
   for (int round = 0; round < 60 && !testing::Test::HasFailure(); ++round) {
@@ -98,7 +96,6 @@ TEST(SdkWriterKilled, LosesNoAcknowledgedRecordAndMisplacesAtMostOnePart) {
     next = numbers.back() + 1;
   }
   EXPECT_GT(next, 300U);
-  munmap(shared, 4096);
 }
 
 // A writer that is killed before its nth write: nothing is written from there on, and nothing is cut back.

@@ -5,12 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
-#include <functional>
 #include <random>
 #include <string>
 #include <string_view>
@@ -20,6 +17,7 @@
 #include "provider/ReportTransfer.h"
 #include "tests/reportfile/StoreFiles.h"
 #include "tests/support/Attacker.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FailingFileCalls.h"
 
 namespace qx::test {
@@ -164,34 +162,6 @@ TEST_F(SdkWriter, SecondWriterOfThisProcessIsRefused) {
   writer_.Close();
   EXPECT_FALSE(second.Open(files_.Base(), 3).Failed());
 }
-
-// A child process that has done `action` and waits until the end of the scope.
-class WaitingChild {
- public:
-  explicit WaitingChild(const std::function<bool()>& action) {
-    int ends[2];
-    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    id_ = fork();
-    if (id_ == 0) {
-      if (!action() || write(ends[1], "x", 1) != 1) _exit(1);
-      for (;;) pause();
-    }
-    close(ends[1]);
-    char byte = 0;
-    EXPECT_EQ(read(ends[0], &byte, 1), 1);
-    close(ends[0]);
-  }
-  ~WaitingChild() {
-    kill(id_, SIGKILL);
-    EXPECT_EQ(waitpid(id_, nullptr, 0), id_);
-  }
-  WaitingChild(const WaitingChild&) = delete;
-  WaitingChild& operator=(const WaitingChild&) = delete;
-  int Id() const { return id_; }
-
- private:
-  pid_t id_ = -1;
-};
 
 TEST_F(SdkWriter, SecondWriterNamesTheOtherProcess) {
   CReportFileBase agent;
