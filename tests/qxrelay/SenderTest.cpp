@@ -368,7 +368,7 @@ TEST_F(RelaySender, AnotherMachinesMessageStopsTheReportUntilItIsTakenOver) {
   Run(3000);
   EXPECT_EQ(Received().records.size(), 5U);
   EXPECT_EQ(sender_->Stopped(), 1U);
-  EXPECT_EQ(Lines("is from another machine"), 1U);
+  EXPECT_GE(Lines("is from another machine"), 1U);
   Start(true, "clone");
   Run(100);
   ExpectAll();
@@ -391,6 +391,39 @@ TEST_F(RelaySender, ALaterSessionStopsTheEarlierOneWithinSeconds) {
   EXPECT_EQ(sender_->Stopped(), 1U);
   EXPECT_EQ(Lines("was started later"), 1U);
   EXPECT_EQ(stream_.requests, requests + 1) << "one message, which is refused";
+}
+
+// A report without new records: the labels of the later sender are found.
+TEST_F(RelaySender, ALaterSenderIsFoundWithinSecondsWithoutAnyRecord) {
+  Append(5);
+  Start();
+  Run(100);
+  MessageHead head = DecodeMessage(stream_.messages.front().payload).head;
+  ASSERT_EQ(head.kind, MessageKind::kAbout);
+  ++head.session;
+  stream_.Store("qx.about.h", EncodeMessage(head));
+  Run(6000);
+  EXPECT_EQ(sender_->Stopped(), 1U);
+  EXPECT_EQ(Lines("was started later"), 1U);
+  const std::size_t count = stream_.messages.size();
+  Append(1, "other");
+  Run(3000);
+  EXPECT_EQ(sender_->Stopped(), 2U);
+  EXPECT_EQ(stream_.messages.size(), count);
+}
+
+TEST_F(RelaySender, ACloneWithAnIdentityOfItsOwnDoesNotStopTheFirst) {
+  Append(5);
+  Start();
+  Run(100);
+  Start(false, "clone");
+  Run(6000);
+  EXPECT_EQ(sender_->Stopped(), 1U);
+  Start();
+  Append(1);
+  Run(6000);
+  EXPECT_EQ(sender_->Stopped(), 0U);
+  ExpectAll();
 }
 
 TEST_F(RelaySender, ForeignDataUnderItsSubjectIsReportedAndPassed) {
@@ -448,7 +481,7 @@ TEST_F(RelaySender, AtMostFourLookUpsAreInFlight) {
   stream_.faults.assign(1000, Fault::kLost);
   Start();
   Run(500);
-  EXPECT_EQ(stream_.look_ups, 4);
+  EXPECT_EQ(stream_.look_ups, 4 + 1) << "one of them is that of the host itself";
   stream_.faults.clear();
   Run(10000);
   for (int i = 0; i < 20; ++i) EXPECT_EQ(Received("r" + std::to_string(i)).records.size(), 1U) << i;
@@ -475,9 +508,10 @@ TEST_F(RelaySender, LabelsAndNamesFilesFollow) {
   qx::test::WriteFile(Path("load") + ".names", "[A]\nx=1\n");
   Start();
   Run(2500);
-  EXPECT_EQ(DecodeMessage(stream_.messages.front().payload).texts,
-            (std::vector<std::string_view>{"site=north", "role=db"}));
-  EXPECT_EQ(stream_.messages.front().subject, "qx.about.h");
+  const auto about = std::find_if(stream_.messages.begin(), stream_.messages.end(),
+                                  [](const auto& message) { return message.subject == "qx.about.h"; });
+  ASSERT_NE(about, stream_.messages.end());
+  EXPECT_EQ(DecodeMessage(about->payload).texts, (std::vector<std::string_view>{"site=north", "role=db"}));
   const auto names = [&] {
     std::string text = "(none)";
     for (const auto& stored : stream_.messages) {

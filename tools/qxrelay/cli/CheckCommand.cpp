@@ -88,6 +88,7 @@ std::optional<StreamReply> WaitForReply(NatsPublish& stream, std::uint64_t token
       if (reply.token == token) return std::move(reply);
       if (reply.kind == ReplyKind::kProblem) problem = reply.text;
     }
+    if (!problem.empty()) break;
   }
   return std::nullopt;
 }

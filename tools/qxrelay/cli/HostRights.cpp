@@ -65,7 +65,8 @@ Rights RightsOf(Role role, const StreamSettings& stream, const std::string& name
   }
   const std::string reports = stream.prefix + ".report." + token + ".*";
   return {.publish = {reports, stream.prefix + ".names." + token + ".*", stream.prefix + ".about." + token,
-                      "$JS.API.DIRECT.GET." + stream.name + "." + reports},
+                      "$JS.API.DIRECT.GET." + stream.name + "." + reports,
+                      "$JS.API.DIRECT.GET." + stream.name + "." + stream.prefix + ".about." + token},
           .subscribe = {InboxPrefix(name) + ".>"}};
 }
 

@@ -7,7 +7,8 @@
 //   ]
 //
 // One user is one line. Lines that "qxrelay host" did not write, such as those of other programs' users, stay as they
-// are. The servers include the file: authorization { include "qxrelay-users.conf" }.
+// are. The servers include the file, by a path that begins at the directory of their own configuration:
+// authorization { include "../norrlek/qxrelay-users.conf" }.
 //
 // Everything here is pure. Throws std::bad_alloc. [any thread]
 #pragma once

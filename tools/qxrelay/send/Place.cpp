@@ -77,4 +77,19 @@ Rival RivalOf(const MessageHead& newest, const HostIdentity& identity, std::uint
   return newest.session > session ? Rival::kLaterSession : Rival::kNone;
 }
 
+std::string TextOfRival(Rival rival, const std::string& host) {
+  const std::string advice = "; if this is the only sender, start it with --take-over";
+  switch (rival) {
+    case Rival::kNone:
+      return {};
+    case Rival::kOtherMachine:
+      return "the newest message is from another machine: is \"" + host +
+             "\" the name of two hosts, or was this one cloned?" + advice;
+    case Rival::kLaterSession:
+      return "a sender with this state directory was started later: is this a clone, or was the state restored?" +
+             advice;
+  }
+  return {};
+}
+
 }  // namespace qx::relay

@@ -23,6 +23,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "reportfile/StoreFormat.h"
@@ -93,6 +94,9 @@ enum class Rival : std::uint8_t {
   kOtherMachine,  // the identity of another machine: a cloned host, or two hosts of one name
   kLaterSession,  // this identity, but a later start than ours: a second sender is running, or the state was restored
 };
+
+// For the operator: what was found, and what to do. Empty for kNone.
+[[nodiscard]] std::string TextOfRival(Rival rival, const std::string& host);
 
 [[nodiscard]] Rival RivalOf(const MessageHead& newest, const HostIdentity& identity, std::uint64_t session);
 

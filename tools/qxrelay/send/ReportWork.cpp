@@ -330,13 +330,7 @@ bool ReportWork::IsRivalOfUs(const MessageHead& newest) {
     return false;
   }
   sender_.Stop();
-  const std::string what = rival == Rival::kOtherMachine
-                               ? "stopped: the newest message of " + subject_ + " is from another machine: is \"" +
-                                     context_.host + "\" the name of two hosts, or was this one cloned?"
-                               : std::string(
-                                     "stopped: a sender with this state directory was started later: is this a "
-                                     "clone, or was the state restored?");
-  Trouble(what + " If this is the only sender, start it with --take-over");
+  Trouble("stopped: " + TextOfRival(rival, context_.host));
   return true;
 }
 

@@ -26,6 +26,8 @@ class ReportWork {
   void Step(TimeMs now);
   [[nodiscard]] TimeMs Wake() const { return wake_; }
 
+  // Nothing is sent any more. [owning thread]
+  void Stop() { sender_.Stop(); }
   void Connected(TimeMs now);
   void Disconnected();
   // The reply to a request of this report; answers to earlier tries are ignored. [owning thread]

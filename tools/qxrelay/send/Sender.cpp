@@ -46,20 +46,20 @@ MessageHead SideHead(const SendContext& context, MessageKind kind, std::uint64_t
 
 Sender::Sender(SendContext& context, TimeMs now, std::vector<std::string> labels)
     : context_(context),
+      labels_(std::move(labels)),
       about_(context, SubjectText(context, Branch::kAbout, {}), kAboutOwner),
+      watch_(context, SubjectText(context, Branch::kAbout, {}), kAboutOwner),
       connect_at_(now + static_cast<TimeMs>(static_cast<double>(context.settings.spread.count()) * context.random())),
-      rescan_at_(now) {
-  about_.Set(now, AboutMessage(labels));
-}
+      rescan_at_(now) {}
 
-std::string Sender::AboutMessage(const std::vector<std::string>& labels) const {
+std::string Sender::AboutMessage() const {
   std::vector<std::uint32_t> lengths;
   std::string texts;
-  for (const std::string& label : labels) {
+  for (const std::string& label : labels_) {
     lengths.push_back(static_cast<std::uint32_t>(label.size()));
     texts += label;
   }
-  return EncodeMessage(SideHead(context_, MessageKind::kAbout, labels.size(), {}), lengths, texts);
+  return EncodeMessage(SideHead(context_, MessageKind::kAbout, labels_.size(), {}), lengths, texts);
 }
 
 TimeMs Sender::Step(TimeMs now) {
@@ -69,8 +69,11 @@ TimeMs Sender::Step(TimeMs now) {
   if (now >= rescan_at_) Rescan(now);
   TimeMs wake = rescan_at_;
   if (!is_connected_) return std::min(wake, connect_at_);
-  about_.Step(now);
-  wake = std::min(wake, about_.Wake());
+  if (has_rival_) return wake;
+  watch_.Step(now);
+  wake = std::min(wake, watch_.Wake());
+  if (may_announce_) about_.Step(now);
+  if (may_announce_) wake = std::min(wake, about_.Wake());
   for (const auto& entry : works_) {
     if (entry->work.Wake() <= now) entry->work.Step(now);
     entry->names.Step(now);
@@ -95,11 +98,33 @@ void Sender::TakeReplies(TimeMs now) {
 void Sender::OnReply(TimeMs now, const StreamReply& reply) {
   if (reply.kind == ReplyKind::kProblem) return LogOnce(server_problem_, "the server complains: " + reply.text);
   const std::size_t owner = SendContext::OwnerOf(reply.token);
-  if (owner == kAboutOwner) return about_.OnReply(now, reply);
+  if (owner == kAboutOwner) {
+    about_.OnReply(now, reply);
+    if (const std::optional<Rival> rival = watch_.OnReply(now, reply)) OnRival(now, *rival);
+    return;
+  }
   if (owner > works_.size()) return;
   Entry& entry = *works_[owner - 1];
   entry.work.OnReply(now, reply);
   entry.names.OnReply(now, reply);
+}
+
+// The message with the labels is sent after the first look: an older sender must find it only if this one may send.
+void Sender::OnRival(TimeMs now, Rival rival) {
+  if (rival != Rival::kNone && context_.takes_over) {
+    if (watch_.Session() >= context_.state.Identity().session) {
+      if (const auto problem = context_.state.BeginSession(watch_.Session())) context_.log(*problem);
+    }
+    rival = Rival::kNone;
+  }
+  if (rival == Rival::kNone) {
+    may_announce_ = true;
+    about_.Set(now, AboutMessage());
+    return;
+  }
+  has_rival_ = true;
+  for (const auto& entry : works_) entry->work.Stop();
+  context_.log("stopped: " + TextOfRival(rival, context_.host));
 }
 
 void Sender::Disconnected(TimeMs now) {
@@ -126,6 +151,7 @@ void Sender::Connect(TimeMs now) {
   ++context_.counters.connects;
   context_.payload_max = std::min(context_.stream.PayloadBytesMax(), kMessageBytesMax);
   context_.log("connected");
+  watch_.Connected(now);
   for (const auto& entry : works_) entry->work.Connected(now);
 }
 
@@ -149,6 +175,7 @@ void Sender::Add(TimeMs now, const std::string& report) {
   const std::size_t owner = works_.size() + 1;
   auto entry = std::make_unique<Entry>(context_, report, SubjectText(context_, Branch::kNames, report), owner);
   if (is_connected_) entry->work.Connected(now);
+  if (has_rival_) entry->work.Stop();
   works_.push_back(std::move(entry));
 }
 

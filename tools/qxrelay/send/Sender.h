@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/qxrelay/send/HostWatch.h"
 #include "tools/qxrelay/send/ReportWork.h"
 #include "tools/qxrelay/send/SendContext.h"
 #include "tools/qxrelay/send/SideMessage.h"
@@ -53,24 +54,29 @@ class Sender {
 
   void TakeReplies(TimeMs now);
   void OnReply(TimeMs now, const StreamReply& reply);
+  void OnRival(TimeMs now, Rival rival);
   void Disconnected(TimeMs now);
   void Connect(TimeMs now);
   void Rescan(TimeMs now);
   void Add(TimeMs now, const std::string& report);
   void ReadNames(TimeMs now, Entry& entry);
-  [[nodiscard]] std::string AboutMessage(const std::vector<std::string>& labels) const;
+  [[nodiscard]] std::string AboutMessage() const;
   void LogOnce(std::string& last, const std::string& text);
 
   SendContext& context_;
+  std::vector<std::string> labels_;
   std::vector<std::unique_ptr<Entry>> works_;  // owner n of a token is at n - 1
   std::set<std::string> known_;                // the names of reports, also of those that cannot be relayed
   SideMessage about_;
+  HostWatch watch_;
   std::vector<StreamReply> replies_;
   TimeMs connect_at_;
   TimeMs rescan_at_;
   std::uint32_t connect_failures_ = 0;
   bool is_connected_ = false;
   bool is_stopping_ = false;
+  bool may_announce_ = false;    // no other sender was found: the labels may be sent
+  bool has_rival_ = false;       // for good: no report is sent
   std::string connect_problem_;  // logged last
   std::string server_problem_;
 };

@@ -1,0 +1,33 @@
+#include "tools/qxrelay/send/HostWatch.h"
+
+#include "tools/qxrelay/message/Message.h"
+
+namespace qx::relay {
+
+// A look-up without an answer is tried again at the next time.
+void HostWatch::Step(TimeMs now) {
+  if (now < due_) return;
+  due_ = now + kPeriodMs;
+  token_ = context_.NewToken(owner_);
+  if (!context_.stream.LookUp(token_, subject_)) token_ = 0;
+}
+
+void HostWatch::Connected(TimeMs now) {
+  token_ = 0;
+  due_ = now;
+}
+
+std::optional<Rival> HostWatch::OnReply(TimeMs now, const StreamReply& reply) {
+  if (reply.token != token_) return std::nullopt;
+  token_ = 0;
+  due_ = now + kPeriodMs;
+  if (reply.kind == ReplyKind::kNone) return Rival::kNone;
+  if (reply.kind != ReplyKind::kNewest) return std::nullopt;
+  const DecodedMessage message = DecodeMessage(reply.payload);
+  if (message.fault != MessageFault::kNone || message.head.kind != MessageKind::kAbout) return Rival::kNone;
+  session_ = message.head.session;
+  const SenderIdentity& own = context_.state.Identity();
+  return RivalOf(message.head, own.identity, own.session);
+}
+
+}  // namespace qx::relay

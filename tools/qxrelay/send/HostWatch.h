@@ -1,0 +1,41 @@
+// Looks for another sender of this host's name, by the newest message with the host's labels: each sender sends one at
+// its start. Reports without new records would find it only hours later.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "tools/qxrelay/send/Place.h"
+#include "tools/qxrelay/send/SendContext.h"
+
+namespace qx::relay {
+
+// Threads: one thread.
+class HostWatch {
+ public:
+  static constexpr TimeMs kPeriodMs = 5000;
+
+  HostWatch(SendContext& context, std::string subject, std::size_t owner)
+      : context_(context), subject_(std::move(subject)), owner_(owner) {}
+
+  // Looks if it is time to. [owning thread]
+  void Step(TimeMs now);
+  void Connected(TimeMs now);
+
+  // What a reply to its look-up shows; unset for any other reply. [owning thread]
+  [[nodiscard]] std::optional<Rival> OnReply(TimeMs now, const StreamReply& reply);
+
+  // The session of the newest message. [owning thread]
+  [[nodiscard]] std::uint64_t Session() const { return session_; }
+  [[nodiscard]] TimeMs Wake() const { return due_; }
+
+ private:
+  SendContext& context_;
+  std::string subject_;
+  std::size_t owner_;
+  std::uint64_t token_ = 0;
+  std::uint64_t session_ = 0;
+  TimeMs due_ = 0;
+};
+
+}  // namespace qx::relay
