@@ -11,6 +11,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS ${CMAKE_INSTALL_DEFAULT_DIRECTOR
 set(CPACK_QX_VERSION ${PROJECT_VERSION}-1)  # the first entry of packaging/debian/changelog has the same
 set(CPACK_QX_DEBIAN_DIR ${PROJECT_SOURCE_DIR}/packaging/debian)
 set(CPACK_PRE_BUILD_SCRIPTS ${CPACK_QX_DEBIAN_DIR}/finish.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${CPACK_QX_DEBIAN_DIR}/repack.cmake)
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -40,7 +41,7 @@ file and examples show how to use them.")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libqxreport0)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${CPACK_QX_DEBIAN_DIR}/triggers)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${CPACK_QX_DEBIAN_DIR}/shlibs ${CPACK_QX_DEBIAN_DIR}/triggers)
 set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "writes and reads reports of the agent suite
 Appends text records to the report rings that the report provider transfers,
 and reads them: one writer at a time, many records in one call, errors with a
