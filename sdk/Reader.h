@@ -59,7 +59,7 @@ struct Record {
 // A report, open for reading. It needs no agreement with the writer.
 //
 // Threads: one thread.
-// Owns: the open files; eight bytes for each record of the snapshot, and about 350 KiB for texts; the same once more as
+// Owns: the open files; four bytes for each record of the snapshot, and about 350 KiB for texts; the same once more as
 // soon as Next is used. The files stay open until Close. If the path leads to other files, because the report was made
 // again or restored, Refresh, Next and a loop after Refresh read those.
 // Failure: an Error, or the end of the records with the reason in LastError. No exception leaves the class.

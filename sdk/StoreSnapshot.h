@@ -55,7 +55,7 @@ class KeptFile {
 };
 
 // Threads: one thread.
-// Owns: the open files; eight bytes for each record, at most 512 MiB; about 350 KiB for a window of texts.
+// Owns: the open files; four bytes for each record, at most 256 MiB; about 350 KiB for a window of texts.
 // Failure: an Error. Throws std::bad_alloc.
 class StoreSnapshot {
  public:
