@@ -1,8 +1,8 @@
-// The recursive lock that every floor shares, built on a plain POSIX mutex.
+// The recursive lock that every layer shares, built on a plain POSIX mutex.
 //
 // The owner is kept next to the mutex, so a thread that holds the lock may take it again; only the outermost unlock
-// gives the mutex free. A recursive POSIX mutex would do the same, but its owner cannot be asked for or released whole,
-// which a cancelled thread's clean-up and the destructors of a lock's owner need.
+// releases the mutex. A recursive POSIX mutex neither shows its owner nor can be released whatever its depth. The
+// clean-up of a cancelled thread and the destructor of an object with a lock need both.
 #pragma once
 
 #include <pthread.h>
@@ -23,20 +23,20 @@ class CCriticalSection {
   CCriticalSection(const CCriticalSection&) = delete;
   CCriticalSection& operator=(const CCriticalSection&) = delete;
 
-  // Waits until the lock is free or already the caller's, then counts one more entry. [any thread]
+  // Takes the lock, or counts one more entry if the caller holds it. Waits while another thread holds it. [any thread]
   void Lock() noexcept;
 
-  // Takes back one entry; the outermost one frees the lock. A call by a thread that does not hold the lock is ignored.
+  // Undoes one Lock; the outermost Unlock releases the lock. A call by a thread that does not hold the lock is ignored.
   // [any thread]
   void Unlock() noexcept;
 
   // True while the calling thread holds the lock. [any thread]
   [[nodiscard]] bool IsHeldByCaller() const noexcept;
 
-  // Gives the lock free whatever its depth, if the calling thread holds it. [any thread]
+  // Releases the lock whatever its depth, if the calling thread holds it. [any thread]
   void ReleaseIfHeld() noexcept;
 
-  // Gives the lock at `critical_section` (a CCriticalSection*) free whatever its depth: for pthread_cleanup_push in a
+  // Releases the lock at `critical_section` (a CCriticalSection*) whatever its depth: for pthread_cleanup_push in a
   // thread that may be cancelled while it holds the lock. [lock held]
   static void CleanupHandlerForCritSecMutex(void* critical_section) noexcept;
 

@@ -91,7 +91,7 @@ Progress WriteTwoAt(int descriptor, std::int64_t offset, std::string_view first,
 
 bool IsSelfOrParent(std::string_view name) { return name == "." || name == ".."; }
 
-// Appends the names of the entries in `bytes`, each as long as it says. Throws std::bad_alloc.
+// Appends the names of the directory entries in `bytes`; each entry states its own length. Throws std::bad_alloc.
 void AppendNames(const char* bytes, std::size_t size, std::vector<std::string>& names) {
   for (std::size_t at = 0; at < size;) {
     const auto* const entry = reinterpret_cast<const dirent64*>(bytes + at);
@@ -105,7 +105,7 @@ void CloseQuietly(int number) {
   const int error = errno;
   int state = 0;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-  (void)calls::Close(number);  // nothing was written, or nobody is to see it
+  (void)calls::Close(number);  // nothing was written, or the caller does not need the result
   pthread_setcancelstate(state, nullptr);
   errno = error;
 }

@@ -28,7 +28,7 @@ namespace qx::file {
 //
 // Threads: one thread at a time.
 // Owns: the descriptor; it is closed at the end of the scope.
-// Failure: the destructor cannot report one. Who has written calls Close, because a full disk may show only there.
+// Failure: the destructor cannot report one. After a write, call Close: a full disk may show only there.
 class Descriptor {
  public:
   Descriptor() = default;
@@ -54,8 +54,8 @@ class Descriptor {
 // Opens anything. `flags` are those of open(2); a relative `path` begins at the descriptor `directory`. [any thread]
 [[nodiscard]] Descriptor Open(const char* path, int flags, mode_t mode = 0, int directory = AT_FDCWD);
 
-// Opens a regular file; EINVAL for anything else. O_TRUNC is refused with EINVAL as well: who empties a file checks it
-// first, and then calls Truncate. [any thread]
+// Opens a regular file; EINVAL for anything else. O_TRUNC is refused with EINVAL as well: a caller checks a file before
+// it empties it with Truncate. [any thread]
 [[nodiscard]] Descriptor OpenRegular(const char* path, int flags, mode_t mode = 0, int directory = AT_FDCWD);
 
 // The same, but ELOOP if any component of the path is a symbolic link; ENOSYS or EPERM where the kernel or a sandbox

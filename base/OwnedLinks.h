@@ -11,7 +11,7 @@
 //
 // Each component of the path is opened from the descriptor of the one before it, and what is checked is what was
 // opened: a link that is swapped in the middle of the walk gains nothing. Hard links, and links above the directory
-// that the caller begins at, are not looked at.
+// that the caller begins at, are not checked.
 #pragma once
 
 #include <fcntl.h>

@@ -2,8 +2,7 @@
 //
 // There is no cache: every read opens the file, walks through it and closes it, every write edits the file in place.
 // The static primitives follow the familiar private-profile calling conventions, the members wrap them for one file
-// name. Two writers at once are not kept apart, and nothing is escaped: what a caller passes is what is in the
-// file.
+// name. Two writers at once are not prevented, and nothing is escaped: the file gets exactly what a caller passes.
 #pragma once
 
 #include <cstdint>

@@ -5,8 +5,8 @@
 //   "key=1" at the end      => "key=1"            the last line may lack its line feed
 //   "ke\0y=1\n"             => "ke"               a NUL hides the rest, line feed included
 //   1500 times "x", "\n"    => 1023 times "x", then 477 times "x" and "\n"
-// The position counts the bytes of the file, hidden ones included. Opening, writing and the meaning of lines are
-// not its business.
+// The position counts the bytes of the file, hidden ones included. The scanner does not open or write files, nor
+// interpret lines.
 #pragma once
 
 #include <cstddef>
@@ -35,9 +35,9 @@ class LineScanner {
   // The next line, or false at the end. `line` lives until the next call and is unchanged on false. [owning thread]
   [[nodiscard]] bool Next(std::string_view& line);
 
-  // Passes over lines for as long as `is_foreign`, which sees them without their line feed and with whatever a NUL
-  // hides, says so. It is not asked about plain text without the mark, which must be foreign (inifile/MarkedLine.h).
-  // May stop before any line: it only spares Next lines of no use. [owning thread]
+  // Skips lines as long as `is_foreign` returns true for them; it gets each line without its line feed and with what a
+  // NUL hides. Plain text without the mark must be foreign (inifile/MarkedLine.h), and is skipped without a call of
+  // `is_foreign`. May stop before any line: this only saves calls of Next. [owning thread]
   template <typename Predicate>
   void PassOver(LineMark mark, Predicate is_foreign) noexcept {
     std::string_view rest = unread_;

@@ -57,7 +57,7 @@ class TransferCallCount {
   const ThreadDataOfCall& thread_;
 };
 
-// The service hands the data back on the thread that it belongs to. A mismatch is reported and not acted on.
+// The service returns the data on the thread that it belongs to. A mismatch is only traced.
 void TraceKeptThreadData(const CThreadData& data) {
   QX_TRACE(5, "\nWCSP_QX GetThrdData : CThreadData exists for this thread (0x%p) - use its data, saved threadId=%d",
            static_cast<const void*>(&data), static_cast<int>(data.thread_id));

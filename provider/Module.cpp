@@ -43,7 +43,7 @@ class ProviderDLL {
 };
 
 void ProviderDLL::StartTracing() {
-  if (!Debug.Init("QXRemConXfer")) return;  // the facility has said so in the system log; the module runs without
+  if (!Debug.Init("QXRemConXfer")) return;  // the system log has the reason; the module runs without traces
   if (Debug.IsActive()) Debug.WriteLogHeader(CDebug::kTargetLogFile);
 }
 

@@ -41,8 +41,9 @@ struct CRegistry::Layout {
 };
 #pragma GCC diagnostic pop
 
-// Built right after Debug (101) and ended right before it, because the destruction of the root still traces; and before
-// everything else, so that any other static object of the binary may use the registry while it is built or ended.
+// Constructed right after Debug (priority 101) and destroyed right before it, because the destruction of the root still
+// traces; and before everything else, so that the constructor and destructor of any other static object may use the
+// registry.
 __attribute__((init_priority(102))) CCriticalSection CRegistry::MSpinlock;
 __attribute__((init_priority(102))) std::string CRegistry::MPRegistry;
 __attribute__((init_priority(102))) std::string CRegistry::MPRegistryOld;
@@ -162,8 +163,9 @@ bool WriteNewFile() {
   return false;
 }
 
-// The new file and the old one change names in one step, and then the old one becomes the backup. So there is a good
-// file under the first name at every moment, and a damaged one never replaces the backup before its successor exists.
+// The new file and the old one exchange their names in one step, and then the old one becomes the backup. So there is a
+// good file under the first name at every moment, and a damaged one never replaces the backup before the new file is in
+// use.
 // Returns 0 or the error number of the exchange.
 int ExchangeFiles(const char* path) {
   const char* temporary = CRegistry::MPRegistryTemp.c_str();

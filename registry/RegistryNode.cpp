@@ -13,8 +13,8 @@
 using qx::registry::FreeValue;
 using qx::registry::NodeOf;
 
-// Gives keys that stay in the tree the content of freshly read ones, and the fresh ones the old content, which is then
-// freed with them. So a handle on a key that a newly loaded file holds as well keeps a living key.
+// Exchanges the content of keys that stay in the tree with that of freshly read ones; the old content is freed with the
+// fresh keys. So a handle stays valid if the new file has its key, too.
 class CRegistryNode::ContentExchange {
  public:
   // False without memory; the caller then replaces the key itself.

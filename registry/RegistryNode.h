@@ -30,8 +30,8 @@ class CRegistryNode : public CStrMap {
   // stream is then at the end of the closing line if it can seek. [any thread]
   [[nodiscard]] bool restoreNode(FILE* stream);
 
-  // Frees all values and subkeys and leaves the entries, emptied, in place: only directly before the key or its map is
-  // destroyed. Traces each entry that had a value. [owning thread]
+  // Frees all values and subkeys, but keeps the entries without a value: only for use directly before the key or its
+  // map is destroyed. Traces each entry that had a value. [owning thread]
   void deleteNode();
 
   // deleteNode, and no entries afterwards. [owning thread]

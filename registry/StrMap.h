@@ -57,7 +57,7 @@ class CStrMap {
 
   // Orders two StrMapEntry by the bytes of their names, upper case before lower; an entry without a name comes after
   // every named one and equals another one without a name. Less than, equal to or greater than 0, as sorting routines
-  // want it. [any thread]
+  // expect. [any thread]
   [[nodiscard]] static int compare(const void* left, const void* right);
 
   [[nodiscard]] CCriticalSection& Lock() const { return lock_; }

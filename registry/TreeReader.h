@@ -1,8 +1,8 @@
 // Internal: the registry file's format, reading (docs/registry-file.md).
 //
 // Lines are taken from windows of the input. They are the lines that a reader with a buffer of 1024 bytes sees: at most
-// 1023 characters, the rest of a longer line being the next line, and nothing after a NUL. Files in the field depend on
-// that, so this is so wherever a window ends.
+// 1023 characters, the rest of a longer line being the next line, and nothing after a NUL. Existing files depend on
+// that, so it holds wherever a window ends.
 #pragma once
 
 #include <sys/types.h>

@@ -295,8 +295,8 @@ bool RecordReader::SlotIsMissing(std::uint32_t slot) const {
 }
 
 // How many slots from `slot` on are in a hole of the index file, or after its end. They all read as offset 0: a small
-// file can claim billions of them. 0 if the file system does not know its holes. The position that this moves is that
-// of a descriptor of which every access names its offset.
+// file can claim billions of them. 0 if the file system does not know its holes. The call moves the position of the
+// descriptor, which nothing uses.
 std::uint32_t RecordReader::EmptySlotsFrom(std::uint32_t slot) const {
   constexpr std::int64_t kAll = std::numeric_limits<std::uint32_t>::max();
   const std::int64_t at = SlotOffset(slot);

@@ -185,8 +185,8 @@ int TreeCopy::CopySubdirectory(const std::string& match, const FileKind& kind, c
   return Enter(match, WithEveryNameAsStar("/" + pattern_), {.destination = target, .source_id = kind.id});
 }
 
-// The destination would be copied into itself without end, and a directory that a link inside it leads back to nearly
-// so.
+// True for the destination, and for a directory that is being copied already and has a link to itself inside: a copy of
+// either would not end, or nearly not.
 bool TreeCopy::IsPartOfThisCopy(const FileId& directory) const {
   const auto is_entered = [&](const Level& level) { return level.source_id == directory; };
   return directory == destination_id_ || std::any_of(levels_.begin(), levels_.end(), is_entered);

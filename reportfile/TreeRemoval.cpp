@@ -39,14 +39,14 @@ bool ComesBefore(const std::string& a, const std::string& b) { return std::strco
 // What no path can name is not removed either, although a descriptor would reach it.
 bool HasNameablePath(const std::string& path) { return path.size() < PATH_MAX; }
 
-// Through a descriptor, which only reading may get.
+// Sets the mode through a descriptor, for which the file has to be readable.
 int SetModeOfReadable(const char* name, int directory) {
   const file::Descriptor file = file::Open(name, O_RDONLY | O_NOFOLLOW, 0, directory);
-  if (!file.IsOpen()) return 0;  // the mode was not refused, and a removal does not need it
+  if (!file.IsOpen()) return 0;  // not a failure: a removal does not need the mode
   return fchmod(file.Number(), kRemovableMode) == 0 ? 0 : errno;
 }
 
-// Not through a link: one that took the file's place since could lead anywhere. The C library needs /proc for that.
+// Follows no link: one that has replaced the file meanwhile could lead anywhere. The C library needs /proc for this.
 int SetMode(const char* name, int directory) {
   if (fchmodat(directory, name, kRemovableMode, AT_SYMLINK_NOFOLLOW) == 0) return 0;
   const int error = errno;
@@ -122,8 +122,8 @@ int TreeRemoval::Enter(Level level) {
   return 0;
 }
 
-// The top may be a link; what it leads to is emptied. The directory that contains its name is opened once: that name is
-// removed from no other.
+// The top may be a link; the directory that it leads to is emptied. The directory above is opened here once, and stays
+// the one from which the name is removed.
 int TreeRemoval::Open(const Level& level) {
   if (levels_.size() > 1) return cursor_.Enter(level.name);
   if (!HasNameablePath(level.path)) return ENAMETOOLONG;

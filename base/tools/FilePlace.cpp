@@ -143,7 +143,8 @@ class Search {
   bool is_found_ = false;
 };
 
-// Files whose owner decides what others make of them. A terminal belongs to who logged in, whoever works there.
+// Files whose owner decides what a reader gets. A terminal does not count: its owner is the user who logged in, even if
+// root works there.
 bool HasOwner(const struct stat& status) { return S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode); }
 
 int SetBlocking(int descriptor) {

@@ -94,7 +94,7 @@ int FillBackup(file::Descriptor& backup, const FileImage& image) {
   return backup.Close();
 }
 
-// The file of that name may be a leftover of an edit that was killed: then it is ours to take. Anything else is not.
+// A killed edit may have left a file of that name, which this edit then uses. Any other file is refused.
 int CheckOwnFile(int descriptor, struct stat& status) {
   if (const int error = file::StatusOf(descriptor, status); error != 0) return error;
   const bool is_ours = S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink <= 1;
@@ -196,8 +196,8 @@ ReplaceResult ReplacedFile::CheckTarget() {
   return {};
 }
 
-// An edit that ends gives the name away, by a rename or a removal, and only then the lock. So a lock counts only while
-// the name still leads to the file that was locked.
+// An edit renames or removes the file at its end, and then releases the lock. So a lock counts only while the name
+// still leads to the locked file.
 ReplaceResult ReplacedFile::LockCopy() {
   const std::string name = NameOf(kEditSuffix);
   copy_suffix_ = kEditSuffix;
@@ -261,7 +261,7 @@ ReplaceResult ReplacedFile::Commit(bool with_backup) {
   return RenameCopy();
 }
 
-// A user who may write the directory can exchange the name; then his file would be renamed, and not ours.
+// A user who may write the directory can put another file under the name, which would then be renamed instead of ours.
 bool ReplacedFile::IsCopyNamed() const {
   struct stat own;
   struct stat named;

@@ -52,7 +52,7 @@ class ReplacedFile {
     bool read_only = false;                // only read the file: nothing is locked, and nothing can be written
     bool accept_foreign = true;            // replace a file of another user; the new file gets its owner
     bool refuse_shared_directory = false;  // kSharedDirectory if other users may write the directory
-    bool is_edit = true;                   // lock "NAME.edit", and read the file; false: the old content is of no use
+    bool is_edit = true;                   // lock "NAME.edit", and read the file; false: the old content is not needed
     mode_t new_mode = 0644;                // of a file that was missing
   };
 

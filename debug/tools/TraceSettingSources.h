@@ -6,7 +6,7 @@
 
 namespace qx::debug {
 
-// One setting as a program uses it that starts now, in this environment.
+// One setting, as a program that starts now in this environment uses it.
 struct SettingSource {
   enum class Kind {
     kDefault,

@@ -57,7 +57,7 @@ std::string WhyNotValue(std::string_view value) {
 
 std::string WhyNotRequest(const ProfileRequest& request) {
   std::string reason = WhyNotSection(request.section);
-  if (request.kind != ProfileRequest::Kind::kSet) return {};  // what no file can have is not found
+  if (request.kind != ProfileRequest::Kind::kSet) return {};  // a name that no file can have is simply not found
   for (const ProfileEntry& entry : request.entries) {
     if (reason.empty()) reason = WhyNotKey(entry.key);
     if (reason.empty()) reason = WhyNotValue(entry.value);

@@ -125,9 +125,9 @@ class Examiner {
   }
 
   // Slots after those in use are of records that are not counted yet, or of killed writers. The next writers have
-  // overwritten texts of those, and several killed writers leave slots in any order, so a slot may lead into the middle
-  // of a text: for each offset there are records with which killed writers leave the same files. Nobody reads these
-  // slots, and each is written again before it is used.
+  // overwritten texts of killed ones, and several killed writers leave slots in any order. So a slot may lead into the
+  // middle of a text: every offset can be the result of some records. Nobody reads these slots, and each is written
+  // again before it is used.
   void CheckFreeSlots() {
     const IndexHeader& header = scan_.header;
     if (header.highestIndex == header.maxRecord) return;

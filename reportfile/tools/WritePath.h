@@ -1,5 +1,5 @@
-// Which texts of a report a writer could have written over between two headers. For readers that must know whether what
-// they read in the meantime was still whole.
+// Which texts of a report a writer could have overwritten between two headers: for readers that must know whether what
+// they read meanwhile is whole.
 #pragma once
 
 #include <cstdint>

@@ -12,7 +12,7 @@
 namespace qx::report {
 
 // Takes the lock of the report at `base_path` for its own lifetime, if nobody writes the report. CReportFileBase::Open
-// then continues without the lock of its own.
+// then continues without taking the lock.
 //
 // Threads: one thread. Owns: the index file, opened for reading; nothing is changed. Failure: what cannot be opened
 // counts as free; the open that follows reports it. Throws std::bad_alloc.

@@ -1,4 +1,4 @@
-// Where a path leads, and what an ordinary user can make of a path that root uses.
+// Where a path leads, and what an ordinary user can do to a path that root uses.
 #include "base/tools/FilePlace.h"
 
 #include <fcntl.h>
@@ -32,7 +32,7 @@ using qx::test::WriteFile;
 
 constexpr int kTries = 3000;
 
-// A race is tried kTries times, and longer on a busy machine, where it may not have been open yet.
+// A race is tried kTries times, and longer if both outcomes have not been seen yet, as on a busy machine.
 bool GoesOn(int tries, bool was_open) { return tries < kTries || (!was_open && tries < 100 * kTries); }
 
 ReplaceState Open(const std::string& path, int flags, const FileRules& rules = {}) {
@@ -70,7 +70,7 @@ class FilePlaceTest : public testing::Test {
   qx::test::TempDir dir_;
 };
 
-// A directory of root's, which the ordinary user cannot change, next to one of his.
+// A directory of root, which the ordinary user cannot change, next to one of that user.
 class AttacksOnFiles : public testing::Test {
  protected:
   AttacksOnFiles() {
@@ -195,7 +195,7 @@ TEST_F(AttacksOnFiles, HisLinkToRootsFileIsNotFollowed) {
   ExpectRootsFileUntouched();
 }
 
-// Root checks the file, repeats the command with --force, and he makes the file a link in between.
+// Root checks the file and repeats the command with --force; in between, the user makes the file a link.
 TEST_F(AttacksOnFiles, HisLinkIsNotFollowedEvenIfHisFilesAreAccepted) {
   const std::string link = HisLink(roots_, "l.csv");
   HisLink(dir_.File("roots"), "directory");
@@ -274,7 +274,7 @@ TEST_F(AttacksOnFiles, AnEditInADirectoryThatHeMayWriteCanBeRefused) {
   EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kSharedDirectory);
 }
 
-// Root made the directory, in one of his that has an access list for what is created in it.
+// Root made the directory, in one of the user that has an access list for what is created in it.
 TEST_F(AttacksOnFiles, AnEditInADirectoryWithHisAccessListCanBeRefused) {
   if (!GiveDefaultAccessList(dir_.File("his"))) GTEST_SKIP() << "this file system has no access lists";
   fs::create_directory(dir_.File("his/shared"));
@@ -295,7 +295,7 @@ TEST_F(AttacksOnFiles, AnEditInADirectoryOfHisGroupCanBeRefused) {
   EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kSharedDirectory);
 }
 
-// He exchanges a directory and a link to root's directory, as fast as he can, while root opens what is in it.
+// The user exchanges a directory and a link to root's directory, as fast as possible, while root opens what is in it.
 TEST_F(AttacksOnFiles, AnExchangedDirectoryNeverLeadsToRootsFile) {
   WriteFile(dir_.File("his/real/file"), "of root, in his directory");
   const std::string real = dir_.File("his/real");
@@ -315,7 +315,7 @@ TEST_F(AttacksOnFiles, AnExchangedDirectoryNeverLeadsToRootsFile) {
   ExpectRootsFileUntouched();
 }
 
-// He exchanges the file and a link to root's file.
+// The user exchanges the file and a link to root's file.
 TEST_F(AttacksOnFiles, AnExchangedFileNeverLeadsToRootsFile) {
   const std::string path = dir_.File("his/load.csv");
   WriteFile(path, "of root, in his directory");
@@ -330,7 +330,7 @@ TEST_F(AttacksOnFiles, AnExchangedFileNeverLeadsToRootsFile) {
   ExpectRootsFileUntouched();
 }
 
-// He keeps his own file open, so that he could write it after the edit; or it is another name of root's file.
+// The user keeps the prepared file open, and could write it after the edit; or it is another name of root's file.
 TEST_F(AttacksOnFiles, APreparedCopyOfAnEditIsNeverUsed) {
   const std::string path = dir_.File("his/registry");
   const std::string copy = path + ".edit";
@@ -364,7 +364,7 @@ void AwaitExchange(const std::string& path) {
   }
 }
 
-// He replaces the new content by a link to root's file while it is written.
+// The user replaces the new content by a link to root's file while it is written.
 TEST_F(AttacksOnFiles, AnExchangedCopyOfAnEditNeverLeadsToRootsFile) {
   const std::string path = dir_.File("his/registry");
   WriteFile(path, "of root, in his directory");

@@ -1,5 +1,5 @@
-// Who may send whom where: links of several owners, followed by root and by an ordinary user, and links that are
-// swapped while they are followed. Links of other owners can only be made by root.
+// Which links are followed: links of several owners, opened by root and by an ordinary user, and links that are
+// exchanged meanwhile. Links of other owners can only be made by root.
 #include "base/OwnedLinks.h"
 
 #include <gtest/gtest.h>
@@ -184,7 +184,7 @@ TEST_F(OwnedLinks, RelativePathsBeginAtTheGivenDirectory) {
   }
 }
 
-// The user's own file and his link to root's file change places.
+// The user's own file and the user's link to root's file change places.
 TEST_F(OwnedLinks, LinkThatIsSwappedDuringTheWalkGainsNothing) {
   const std::string secret = MakeFile("secret", kRoot, 0600);
   const std::string mine = MakeFile("mine", kUser);
@@ -210,7 +210,7 @@ TEST_F(OwnedLinks, LinkThatIsSwappedDuringTheWalkGainsNothing) {
   EXPECT_GE(std::min(refused, opened), 100);
 }
 
-// The user's link leads to his own file, which changes places with one of root's in the same directory.
+// The user's link leads to the user's own file, which changes places with one of root's in the same directory.
 TEST_F(OwnedLinks, TargetThatIsSwappedDuringTheWalkGainsNothing) {
   const std::string secret = MakeFile("secret", kRoot, 0600);
   const std::string mine = MakeFile("mine", kUser);

@@ -33,7 +33,7 @@ using testing::IsEmpty;
 // The formats are arguments of the tests, so the compiler cannot check them.
 void PrintText(CDebug& debug, const char* format) { debug.Print(1, format, 0); }
 
-// None fails.
+// Counts the writes; none fails.
 const qx::test::FileFault kCountedWrites{.call = FileCall::kWrite, .nth = qx::test::kAlways};
 
 std::string Entry(std::string_view text) { return "S [T] QxTrace       " + std::string(text); }

@@ -62,7 +62,8 @@ TEST(DebugTraceConfigFile, EveryPrefixOfACompleteFileIsIgnored) {
   EXPECT_EQ(TextOfKey(text), "1");
 }
 
-// It may be in the middle of a write. The kernel's own files report a page, but have less.
+// Such a file may be in the middle of a write. Here it is a file of the kernel, which reports the size of a page but
+// has less.
 TEST(DebugTraceConfigFile, FileThatEndsBeforeItsSizeIsIgnored) {
   const std::string path = "/sys/kernel/uevent_seqnum";
   struct stat status {};

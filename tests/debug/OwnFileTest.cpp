@@ -90,8 +90,8 @@ class OwnFileAttack : public testing::Test {
     ASSERT_EQ(AsOrdinaryUser([&] { return std::string(body() ? "" : std::strerror(errno)); }), "");
   }
 
-  // The user's hard link to a file of root's. Where fs.protected_hardlinks forbids it, he makes it while the file is
-  // open to all for a moment.
+  // The user's hard link to a file of root. Where fs.protected_hardlinks forbids it, it is made while the file is open
+  // to all for a moment.
   static void LinkByUser(const std::string& file, const std::string& link) {
     const bool is_protected = qx::test::HardLinkByOrdinaryUser(file, link);
     ASSERT_EQ(is_protected, ReadFile("/proc/sys/fs/protected_hardlinks") != "0\n");

@@ -32,7 +32,7 @@ std::string Joined(const std::vector<std::string>& names) {
 
 class IniFileExample : public testing::Test {
  protected:
-  // One step of an example: the text under its title is the file after it.
+  // One step of an example: its title, and then the whole file after the step.
   void Step(const std::string& title, bool result) {
     EXPECT_TRUE(result) << title;
     rebuilt_ += "--- " + title + "\n" + qx::test::ReadFile(path_);

@@ -38,7 +38,7 @@ struct Holdings {
   long resident_kilobytes = 0;
 };
 
-// Such a build writes its counts at every unload, with memory of its own.
+// A coverage build writes its counts at every unload, and allocates memory for that.
 #ifdef QX_COUNTS_COVERAGE
 constexpr bool kCountsCoverage = true;
 #else

@@ -48,7 +48,7 @@ inline TraceLines CompareOldest(int oldest) {
   return {{4, "WCSP_QX GetReports  :     compare oldest index=" + std::to_string(oldest) + " whether changed"}};
 }
 
-// A record that is taken. The trace cuts an entry at 1024 characters.
+// A record that goes into the reply. The trace cuts an entry at 1024 characters.
 inline TraceLines TakenEntry(const std::string& text) {
   const std::string line = "WCSP_QX GetReports  :   --> entry: " + text;
   return {{5, line.substr(0, 1024)}};

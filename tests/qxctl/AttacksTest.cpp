@@ -94,7 +94,7 @@ class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
     EXPECT_EQ(ran.code, kRefused) << testing::PrintToString(command) << ran.err;
     EXPECT_THAT(ran.err, HasSubstr("--force")) << testing::PrintToString(command);
   }
-  // Also with --force: he could exchange a file that root has seen for a link.
+  // Also with --force: the user could exchange a file that root has seen for a link.
   void ExpectLinkRefused(std::vector<std::string> command) const {
     for (int i = 0; i < 2; ++i) {
       const Ran ran = Qxctl(command);

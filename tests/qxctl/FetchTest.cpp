@@ -447,7 +447,7 @@ TEST_F(QxctlFetchOfAFakeModule, ThirdFailureInTheMiddleLeavesTheOldFile) {
 
 TEST_F(QxctlFetchOfAFakeModule, HighestIndexIsTheEnd) {
   Reply(1, Records(0, 2147483647, "a\r\n"));
-  Reply(3, Records(0, 1, "a\r\n"));  // no request after the end: there is no such index
+  Reply(3, Records(0, 1, "a\r\n"));  // no request after the end, because there is no such index
   EXPECT_EQ(Fetch().code, 0);
   EXPECT_EQ(Request(2), "<ReportData Name=\"load\" StartIndex=\"2147483647\"/>\n");
 }

@@ -125,7 +125,7 @@ TEST_F(QxctlMissingReport, ReportWithoutInstanceNamesIsNotCalledMissing) {
             "qxctl: the report load has no instance names: there is no file " + ReportPath("load") + ".names\n");
 }
 
-// The directory comes from CServerControlPaths, the value that names it from here: both must agree.
+// The module's code finds the directory (CServerControlPaths), the tool the value that names it: both must agree.
 TEST(ReportSettingsOfARegistry, AgreeWithTheModuleOnWhichValueCounts) {
   struct Row {
     std::string file;

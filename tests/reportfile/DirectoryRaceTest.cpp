@@ -65,7 +65,7 @@ TEST_F(DirectoryRace, RemovalNeverLeavesTheTree) {
   EXPECT_EQ(ModeOf(dir_.File("ours/a")), 0644U);
 }
 
-// He exchanges a file for a link to root's file: a removal sets the mode of each file first.
+// The user exchanges a file for a link to root's file: a removal sets the mode of each file first.
 TEST_F(DirectoryRace, ModeOfRootsFileStays) {
   const std::string file = top_ + "/file";
   const std::string link = dir_.File("theirs/filelink");

@@ -1,4 +1,4 @@
-// Which reports a directory has, and how they are.
+// Which reports a directory has, and their states.
 #include "reportfile/tools/ReportSurvey.h"
 
 #include <gmock/gmock.h>

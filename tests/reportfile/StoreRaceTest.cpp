@@ -181,7 +181,8 @@ TEST_F(StoreRace, BackupIntoADirectoryOfTheUsersWritesNothingThroughALink) {
   EXPECT_GT(done, 0);
 }
 
-// Between its creation and its open he puts his own directory, or a link to root's, in its place.
+// Between the creation of the private directory and its open, the user puts another directory, or a link to root's, in
+// its place.
 TEST_F(StoreRace, PrivateDirectoryIsNeverAnotherOne) {
   const std::string theirs = dir_.File("theirs");
   GiveTreeToOrdinaryUser(theirs);

@@ -300,7 +300,7 @@ TEST_F(StoreRestore, LinkOfAnotherUserInPlaceOfADirectoryIsRefused) {
   ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
 }
 
-// Root's link leads to a place of his, where he puts a link in place of his directory.
+// Root's link leads to a directory of the user, who replaces it by a link.
 TEST_F(StoreRestore, LinkOfAnotherUserAfterALinkOfRootIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can make a link of another owner";
   MakeBoth();

@@ -72,7 +72,7 @@ void GiveTreeToOrdinaryUser(const std::string& directory) {
   GiveToOrdinaryUser(directory);
   for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
     struct stat status;
-    // What a test gave to somebody else on purpose stays theirs.
+    // What a test gave to another user on purpose keeps its owner.
     if (lstat(entry.path().c_str(), &status) == 0 && status.st_uid == 0) GiveToOrdinaryUser(entry.path());
   }
 }

@@ -1,4 +1,4 @@
-// An ordinary user who works, or attacks a process of root, in a process of its own.
+// An ordinary user, in a separate process, who works normally or attacks a process of root.
 #pragma once
 
 #include <sys/types.h>
@@ -37,7 +37,7 @@ void GiveToOrdinaryUser(const std::string& path);
 // Gives root's own `directory`, and everything in it that is root's, to the ordinary user.
 void GiveTreeToOrdinaryUser(const std::string& directory);
 
-// Makes a hard link to root's `file` as the ordinary user. Where fs.protected_hardlinks forbids it, he makes the link
+// Makes a hard link to root's `file` as the ordinary user. Where fs.protected_hardlinks forbids it, the link is made
 // while root's file is open to all for a moment, as after a wrong umask. Returns whether the setting forbids it.
 bool HardLinkByOrdinaryUser(const std::string& file, const std::string& link);
 

@@ -56,7 +56,7 @@ std::vector<std::string_view> Lines(std::string_view text) {
 
 void EndChild(int status) {
 #ifdef QX_COUNTS_COVERAGE
-  __gcov_dump();  // an ordinary exit would do it
+  __gcov_dump();  // an ordinary exit would do this
 #endif
   _exit(status);
 }
@@ -68,7 +68,7 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-  std::error_code ignored;  // what a test leaves unremovable is its own affair
+  std::error_code ignored;  // what cannot be removed stays
   std::filesystem::remove_all(path_, ignored);
 }
 

@@ -71,7 +71,7 @@ constexpr Command kIni = {.words = "ini", .help = "Show and change a profile fil
 constexpr Command kTrace = {
     .words = "trace", .help = "Read traces back, and show where their settings come from", .group = "Traces"};
 
-// In the order in which people read of them.
+// In the order of the help and the manual.
 constexpr const Command* kCommands[] = {
     &qx::ctl::kQxctl,
     &kModule,
@@ -154,7 +154,7 @@ Status PrintFailure(Context& context, const CommandLine& line, const Status& sta
                                                   {"exitCode", static_cast<int>(status.Code())}}));
 }
 
-// Nobody is there to read a failure.
+// If the reader of standard output is gone, failures are not reported.
 bool IsReaderGone() { return qx::ctl::InterruptSignal() == SIGPIPE; }
 
 ExitCode Finish(Context& context, const CommandLine& line, const Status& status) {

@@ -1,12 +1,11 @@
 // What a piece of work does to the files of one directory, call by call, and every state of that directory which a kill
 // or a loss of power in the middle can leave.
 //
-// A kill leaves what was done before it; the write in which it falls may have got as far as any page.
+// A kill leaves what was done before it; an interrupted write may be complete up to any page.
 //
-// A loss of power leaves of a file what was last synced, or more: the pages that were written since reach the disk from
-// the first one on, as far as they got; after them the file ends, or has zeros up to its new length. A name that was
-// made, moved or removed since the last sync of the directory is so or is not, each one by itself, as long as what it
-// works on is there.
+// A loss of power leaves the synced content of a file, and any number of the pages written since, from the first one
+// on; after them the file ends, or has zeros up to its new length. Each name that was made, moved or removed since the
+// last sync of the directory has either changed or not, independently of the others, as long as that is possible.
 #pragma once
 
 #include <functional>

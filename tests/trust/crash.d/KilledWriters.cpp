@@ -339,7 +339,7 @@ void KillSoon(pid_t writer, std::mt19937_64& random) {
   waitpid(writer, nullptr, 0);
 }
 
-// Sees to it that the readers live and get somewhere.
+// Runs the readers, and counts those that died or made no progress.
 class ReaderGuard {
  public:
   ReaderGuard() {

@@ -174,7 +174,7 @@ bool CheckCase(const std::string& what, const Case& which) {
          is_kept;
 }
 
-// The format cannot say that a tree without values is meant: the next process takes the backup, which is the old tree.
+// A tree without values does not load: the next process loads the backup, which is the old tree.
 bool CheckTreeWithoutValues() {
   const std::string directory = "/var/log/crash." + std::to_string(getpid());
   const Case which = {

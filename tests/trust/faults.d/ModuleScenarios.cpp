@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kRecords = 40;
 
-// Never destroyed by the process's end: a scenario that breaks off must not leave state for another one.
+// Never destroyed, so the end of the process makes no calls into the module.
 LoadedModule& module_object = *new LoadedModule;
 bool is_loaded = false;
 int result = 0;
@@ -65,7 +65,7 @@ bool HasSomeRecords(const std::string& text) {
   return false;
 }
 
-// A reply of the module that says that something is wrong.
+// An error reply of the module.
 bool IsRefusal() {
   if (*reply == "(null)") return result != 0;
   return (result == 1 || result == 12) && reply->find("<Error ") != std::string::npos;

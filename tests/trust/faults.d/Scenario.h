@@ -10,7 +10,7 @@ namespace qx::trust {
 struct Finding {
   enum class Kind {
     kKept,
-    kNoted,   // not what one would wish for, but what the documents say; counted by `text`
+    kNoted,   // documented, though not ideal; counted by `text`
     kBroken,  // `text` says what
   };
   Kind kind = Kind::kKept;

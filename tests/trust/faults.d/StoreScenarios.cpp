@@ -109,7 +109,7 @@ Finding JudgeAppend(const std::string& directory) {
   if (found == Expected(kBefore)) return Kept();
   if (IsWithoutLastHeader(found))
     return Noted("the last record's header failed and its writer ended: no other record is lost");
-  // Nobody counted the last records.
+  // The last records were written but not counted.
   bool is_any_in_place = false;
   for (const std::string& record : Expected(kBefore)) {
     is_any_in_place = is_any_in_place || std::find(found.begin(), found.end(), record) != found.end();

@@ -23,7 +23,7 @@ namespace {
 using test::AllocationFault;
 
 constexpr unsigned kSecondsMax = 30;
-constexpr long kCallsMax = 2000;  // of one kind; more means that nothing ever ends
+constexpr long kCallsMax = 2000;  // of one kind; more means an endless loop
 constexpr std::size_t kReportsMax = 3;
 
 // Calls that fail in the same ways. The errors of the quick form come first, up to `quick_errors`.
@@ -32,7 +32,7 @@ struct CallKind {
   std::vector<long> numbers;
   std::vector<int> errors;
   std::size_t quick_errors;
-  std::vector<std::uint64_t> short_bytes;  // what the call is cut to: legal, so it must have no effect
+  std::vector<std::uint64_t> short_bytes;  // the call handles only so many bytes: legal, so the work must succeed
   bool is_interruptible;
 };
 
@@ -67,7 +67,7 @@ const std::vector<CallKind>& CallKinds() {
   return kinds;
 }
 
-// One way in which things go wrong. Without a kind of call it is the allocations that fail.
+// One fault. Without a kind of call, allocations fail.
 struct Fault {
   const CallKind* kind = nullptr;
   Treatment treatment;
@@ -82,7 +82,7 @@ struct Fault {
   }
 };
 
-// What close reports comes when it is done already.
+// close has closed the descriptor even if it reports an error.
 Treatment::Kind FailureOf(const CallKind& kind) {
   return kind.numbers.front() == SYS_close ? Treatment::Kind::kMakeAndFail : Treatment::Kind::kRefuse;
 }
@@ -145,7 +145,7 @@ void Tell(const Finding& finding) {
   shared.kind = static_cast<int>(finding.kind);
 }
 
-// True when memory ran out and the caller heard of it as C++ callers do.
+// True if the scenario threw std::bad_alloc.
 bool RunMeetingFaults(const Scenario& scenario, const std::string& directory, const AllocationFault& allocation) {
   bool has_thrown = false;
   const test::FailingAllocation failing(allocation);
@@ -228,7 +228,7 @@ void Report(SweepResult& result, const std::string& text) {
   if (result.reports.size() < kReportsMax) result.reports.push_back(text);
 }
 
-// False when the fault was not met: the scenario has no nth call of the kind.
+// False if the fault did not happen: the scenario has no nth call of the kind.
 bool Step(const Scenario& scenario, const Fault& fault, long nth, SweepResult& result) {
   const std::string directory = "/var/log/faults." + std::to_string(getpid());
   const ChildEnd end = RunStep(scenario, fault, nth, directory);

@@ -1,13 +1,13 @@
-// Stands in front of every source that has mutants. A mutant is an expression of the form
+// Included before every source that has mutants. A mutant is an expression of the form
 //   (qx_mutant(17) ? changed : original)
-// and the environment variable QX_MUTANT says which one is alive: one build holds them all.
+// and the environment variable QX_MUTANT chooses the active one, so that one build contains all mutants.
 #pragma once
 
 #ifdef __cplusplus
 #include <cstdlib>
 
-// The module is loaded before its objects are constructed elsewhere, so the number is looked up at the first question.
-// Two threads that ask first both find the same.
+// The variable is read at the first call, because constructors may call this before any other code runs. Two threads
+// that read it at the same time get the same number.
 inline bool qx_mutant(int number) {
   static int alive = -2;
   int seen = __atomic_load_n(&alive, __ATOMIC_RELAXED);

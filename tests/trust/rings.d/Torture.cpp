@@ -35,7 +35,7 @@ using qx::trust::Tally;
 constexpr std::uint32_t kSlots = 1000;
 constexpr int kThreads = 8;
 constexpr int kProcesses = 4;
-constexpr unsigned kGraceSeconds = 60;  // who has not ended by then hangs
+constexpr unsigned kGraceSeconds = 60;  // a process that has not ended by then hangs
 const char* const kName = "torture";
 
 // What all processes see.

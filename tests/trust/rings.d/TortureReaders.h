@@ -8,10 +8,10 @@
 
 namespace qx::trust {
 
-// Reads the whole report over and over, slot by slot through a store of its own, until `stop`.
+// Reads the whole report repeatedly, slot by slot through its own store object, until `stop`.
 Tally ReadThroughStore(const std::string& base_path, const std::atomic<bool>& stop);
 
-// Transfers the report over and over through the loaded module, a few hundred records a call, until `stop`.
+// Transfers the report repeatedly through the loaded module, a few hundred records a call, until `stop`.
 Tally ReadThroughModule(const std::string& name, const std::atomic<bool>& stop);
 
 }  // namespace qx::trust

@@ -14,8 +14,8 @@ std::string TortureRecord(std::uint32_t number);
 // The number of a whole record, or -1 for anything else.
 std::int64_t NumberOf(std::string_view text);
 
-// What became of the records that readers got. A record steps forward when its number is higher than the one before it
-// says (records between them were lost to this transfer), and back when it is not higher at all.
+// Counts of the records that readers got. A record steps forward if its number is more than one above that of the
+// record before it (the records between them were lost to this transfer), and back if it is not above it.
 struct Tally {
   std::uint64_t transfers = 0;
   std::uint64_t records = 0;

@@ -12,8 +12,8 @@ namespace qx::ctl {
 // do; for a file that is --force, which never follows a link of another user.
 [[nodiscard]] Status StatusOfFile(const std::string& what, const ReplaceResult& result);
 
-// As Status::Io, for what reports and backups are opened by: of ELOOP the system's text says neither why a single link
-// is refused nor what to do.
+// Like Status::Io, for opens of reports and backups: the system's text for ELOOP says neither why a link is refused nor
+// what to do.
 [[nodiscard]] Status StatusOfReportFile(const std::string& what, int error);
 
 }  // namespace qx::ctl

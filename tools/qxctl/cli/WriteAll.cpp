@@ -44,7 +44,7 @@ file::Progress WriteUntilInterrupted(int descriptor, std::string_view bytes) {
     const file::Progress piece = file::Write(descriptor, bytes.substr(progress.bytes, piece_bytes));
     progress = {progress.bytes + piece.bytes, piece.error};
   }
-  // Problems are lost without a reader, as everywhere, and the command goes on.
+  // If the reader of standard error is gone, problems are lost and the command continues.
   if (progress.error == EPIPE && descriptor != STDERR_FILENO) RememberBrokenPipe();
   return progress;
 }

@@ -1,4 +1,4 @@
-// Writes to a descriptor: no loss is unnoticed, and a signal can end the write.
+// Writes to a descriptor: every failure is returned, and a signal can end the write.
 #pragma once
 
 #include <string>

@@ -73,7 +73,7 @@ std::string Load(const std::string& path) {
   return told;
 }
 
-// Checks the module where the suite installs it, or installs it there.
+// The command that checks the installed module, or installs it.
 std::string InstalledInstead() {
   if (access(kInstalledModule, F_OK) != 0) return "apt-get install qxremconxfer";
   return std::string("qxctl doctor --module ") + kInstalledModule;

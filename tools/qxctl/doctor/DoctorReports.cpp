@@ -156,14 +156,14 @@ void CheckDirectory(const DoctorPlaces& places, const std::string& directory, co
   }
 }
 
-// Makes the directory if it is the one that somebody has named; else names one.
+// The command that makes the directory if the registry or the operator names it; else the command that names one.
 std::string CommandForMissing(const DoctorPlaces& places, const std::string& directory) {
   const bool is_named = !places.report_directory.empty() || SettingsOf(places).source != ReportSettings::Source::kNone;
   return is_named && !directory.empty() ? MakeDirectoryCommand(directory) : NameCommand(places);
 }
 
 // Whether the section of the registry has reported why no value names the report directory: a misspelt name, a value of
-// another type, or CR LF. The directory that is used instead is a consequence, and so is everything about it.
+// another type, or CR LF. Findings about the directory that is used instead would only repeat that.
 bool HasCauseInRegistry(const DoctorPlaces& places) {
   if (!places.report_directory.empty()) return false;
   const ReportSettings settings = SettingsOf(places);

@@ -1,4 +1,4 @@
-// Which reports there are, and how they are.
+// Lists the reports of a directory and their states.
 //
 // `list` reads the header and the sizes of each report, `status` every record too. Neither locks or changes anything.
 #include "tools/qxctl/report/ReportListCommand.h"
@@ -133,7 +133,7 @@ std::string CountText(std::size_t count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
-// What needs somebody, worst first.
+// What needs attention, the worst first.
 Status StatusOf(const Shown& shown) {
   const auto bad = static_cast<std::size_t>(std::count_if(shown.reports.begin(), shown.reports.end(), NeedsAttention));
   if (bad > 0) {

@@ -1,4 +1,4 @@
-// Keys and values of the registry as a process reads them that loads it now.
+// Keys and values of the registry, as a process that loads it now reads them.
 #include "tools/qxctl/settings/RegistryCommand.h"
 
 #include <algorithm>

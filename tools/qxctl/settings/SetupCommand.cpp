@@ -141,7 +141,7 @@ Status PlanExisting(Setup& setup) {
                                   (setup.commands.size() == 1 ? "this command sets" : "these commands set") + " it up"};
 }
 
-// Nobody has named the users of the agents.
+// setup does not know the users of the agents, so the report directory belongs to its own user.
 void NoteAgents(Output& output, const Setup& setup) {
   output.Note("qxctl: only " + UserName(geteuid()) +
               " may write reports; an agent of another user needs \"chown USER " + ShellWord(setup.places.reports) +

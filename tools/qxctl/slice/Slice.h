@@ -55,7 +55,7 @@ struct Slice {
   [[nodiscard]] bool IsWhole() const { return !Filters() && !HoldsBack(); }
 };
 
-// Whether a record of this time is between the limits. A record whose time is not known is outside any.
+// Whether a record of this time is between the limits. A record without a known time is outside all limits.
 [[nodiscard]] bool IsInTime(const Slice& slice, std::optional<std::int64_t> time_ms);
 
 // Which records are in the slice by their own content, one after the other, the oldest first: a record without a time

@@ -49,7 +49,7 @@ struct ReportArgument {
 
 struct ReportArguments {
   std::vector<ReportArgument> reports;
-  ExitCode code = ExitCode::kOk;  // what finding them came to: a subdirectory that cannot be listed is printed
+  ExitCode code = ExitCode::kOk;  // the result of finding them: a subdirectory that cannot be listed is printed
 };
 
 // Of a command with kReportsParameter or kReportsOrAllParameters, in the given order. kUsage without a report.

@@ -15,7 +15,7 @@ namespace qx::ctl {
 // The same; "empty" for a sound report without records.
 [[nodiscard]] const char* StateOf(const report::ReportStatus& status);
 
-// True for a report that needs somebody: damaged, unreadable, or changed each time it was read.
+// True for a report that needs attention: damaged, unreadable, or changed each time it was read.
 [[nodiscard]] bool NeedsAttention(const report::ReportStatus& status);
 
 // The processes that write it; empty without a writer.

@@ -8,7 +8,7 @@ namespace qx::ctl {
 
 namespace {
 
-// The power of two that a time belongs to; 0 belongs to that of 1.
+// The exponent of the highest power of two that the time reaches; 0 also for a time of 0.
 unsigned OctaveOf(std::uint64_t nanoseconds) {
   return static_cast<unsigned>(std::bit_width(std::max<std::uint64_t>(nanoseconds, 1))) - 1;
 }

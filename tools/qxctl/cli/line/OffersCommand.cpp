@@ -19,7 +19,7 @@ constexpr Parameter kParameters[] = {
     {.name = "WORD", .kind = ValueKind::kText, .help = "A word before it", .is_repeatable = true},
 };
 
-// No line of the output could show a control character.
+// A line of the output cannot contain a control character.
 bool CanBeShown(const Offer& offer) {
   const bool has_control =
       std::any_of(offer.word.begin(), offer.word.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; });
@@ -28,7 +28,7 @@ bool CanBeShown(const Offer& offer) {
 
 Values ParsedAsFarAsPossible(const Context& context, std::vector<std::string> words) {
   const bool awaits_value = !words.empty() && words.back().starts_with('-') && words.back() != "--";
-  if (awaits_value) words.pop_back();  // without it the parser takes the arguments before it as well
+  if (awaits_value) words.pop_back();  // with an option without its value, the parser would return no arguments either
   std::vector<const char*> argv = {"qxctl"};
   for (const std::string& word : words) argv.push_back(word.c_str());
   CommandLine line;

@@ -149,7 +149,7 @@ class LineParser {
     return {};
   }
 
-  // Whether options that do not exist are among these; of a group, before the next word.
+  // kUsage if one of the tokens is an option that does not exist. For a group only the first token is checked.
   Status CheckOptions(const Tokens& others, bool is_group) const {
     auto end = std::find(others.begin(), others.end(), kEndOfOptions);
     if (is_group && end != others.begin()) end = others.begin() + 1;
