@@ -31,8 +31,9 @@ std::unique_ptr<char[]> Copy(const char* text) {
   return copy;
 }
 
-// What a read delivers, whatever its length up to the limit. Trying each size in turn would scan the file up to 63
-// times for the same text; every entry's value fits the first buffer, and what does not goes to the largest at once.
+// The result of a read, whatever its length up to the limit. Trying each size in turn would scan the file up to 63
+// times for the same text. So a result that does not fit the first buffer, which every value of an entry does, is read
+// again into the largest.
 class ReadText {
  public:
   // False when the text is too long or there is no memory for it.

@@ -71,8 +71,8 @@ std::filesystem::path Resolved(const std::filesystem::path& path) {
 bool MeansThereIsNoBackup(int error) { return error == ENOENT || error == ENOTDIR || error == ELOOP; }
 
 // Why `backup` may not be restored and deleted, or 0. EINVAL: deleting it would delete the report directory, because
-// the backup is it, or contains it or a link on the way to it. Directories are compared by what they are, not by name:
-// links and other mounts of one directory count. Any other error: `stat` of the backup fails with it.
+// the backup is that directory, or contains it or a link on the way to it. Directories are compared by device and
+// inode, so links and other mounts are recognised. Any other error is that of `stat` of the backup.
 int RefusalOf(const std::string& backup, const std::string& report_directory) {
   struct stat status;
   const int stat_error = qx::file::StatusOf(backup.c_str(), status);

@@ -42,8 +42,8 @@ file::Descriptor WithStoreError(file::Descriptor file, int error) {
   return file;
 }
 
-// The start of a path that the registry names: links above it do not belong to the report directory. Reports in the
-// working directory is not a named directory.
+// The report directory if the registry names it: links above it are trusted. Empty for the default, "Reports" in the
+// working directory.
 std::string NamedReportDirectory() {
   std::string directory;
   std::string working_directory;
@@ -61,7 +61,7 @@ std::string PathBelow(const std::string& path, const std::string& directory) {
   return is_below && rest != std::string::npos ? path.substr(rest) : std::string();
 }
 
-// For a path with a link that is not trusted: it may be above the report directory.
+// For a path with a link that is not trusted, because the link may be above the report directory.
 file::Descriptor OpenBelowReportDirectory(const std::string& path, OpenMode mode, file::TrustedLinks trusted) {
   const std::string directory_path = NamedReportDirectory();
   const std::string rest = PathBelow(path, directory_path);

@@ -328,7 +328,7 @@ SalvageResult WriteNewStore(SourceFile& index, SourceFile& data, bool with_unind
   return error == 0 ? result : Failed(base_path, error);
 }
 
-// The data file first: a lone data file is not taken for a report.
+// The data file first, so that there is never an index file without its data file.
 int PutInPlace(const std::string& from, const std::string& to) {
   for (const auto& name : {DataFileName, IndexFileName}) {
     if (const int error = SyncName(name(from))) return error;

@@ -31,7 +31,7 @@ std::string TestNameOf(const testing::TestParamInfo<std::string>& info) {
   return name;
 }
 
-// What is wrong with the JSON documents that the sessions print, held against docs/schemas/.
+// What is wrong with the JSON documents that the sessions print, according to docs/schemas/.
 Ran CheckDocuments(const std::string& transcript) {
   const std::string source = QX_SOURCE_DIR;
   const std::vector<std::string> command = {"/usr/bin/python3", source + "/tests/docs/check_documents.py",
@@ -61,7 +61,7 @@ TEST_P(DocsSessions, PrintWhatThePageShows) {
 
 INSTANTIATE_TEST_SUITE_P(Pages, DocsSessions, testing::ValuesIn(PagesWithSessions()), TestNameOf);
 
-// What repairs the machine of the first day is not invented for the page: qxctl has printed each command before.
+// The page repairs the machine only with commands that qxctl has printed before.
 TEST(DocsFirstDay, EveryRepairIsACommandThatQxctlHasPrinted) {
   const Page page = ReadPage("docs/first-day.md");
   ASSERT_TRUE(page.is_of_new_machine);

@@ -1,4 +1,4 @@
-// Pages, manual pages and schemas against the command table: what qxctl takes and what is written about it is the same.
+// Pages, manual pages and schemas describe exactly what the command table has.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

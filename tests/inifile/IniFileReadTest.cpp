@@ -18,7 +18,7 @@ using namespace std::string_literals;
 
 constexpr char kCanary = '\x5A';
 
-// The outcome of a read: the result, and the whole buffer with one byte more than the read knows of.
+// The outcome of a read: the result, and the whole buffer with one byte after its end.
 struct Outcome {
   unsigned result;
   std::string buffer;

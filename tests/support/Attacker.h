@@ -13,7 +13,7 @@ namespace qx::test {
 
 inline constexpr uid_t kOrdinaryUser = 65534;
 
-// True if this process may become an ordinary user, and so has something to lose.
+// True if this process is root: only then there is another user who can attack it.
 [[nodiscard]] bool IsRoot();
 
 // Gives up root's user, group and further groups for good; for a child process of root. False if that fails.
@@ -28,7 +28,7 @@ bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& a
 // How often a race is tried: `quick` times, or as often as the environment variable QX_RACE_TRIES says.
 int RaceTries(int quick);
 
-// Prints what came of a race, for script/trust attacks: "tries: 400 commands, 31 refused".
+// Prints the result of a race, for script/trust attacks: "tries: 400 commands, 31 refused".
 void PrintTries(const std::string& what);
 
 // Gives a file, link or directory to the ordinary user.

@@ -7,8 +7,7 @@
 // Calls of one kind are counted from the construction of the instruction; with a path, only those whose path ends in
 // it.
 //
-// What a program really asks the system for is proved by the tracer next to it: tests/trust/faults makes each system
-// call of a traced process fail.
+// This covers only the calls through base/File.h. tests/trust/faults makes every system call of a traced process fail.
 #pragma once
 
 #include <sys/types.h>
@@ -36,7 +35,7 @@ enum class FileCall {
   kSync,
   kSyncData,
   kSyncFileSystem,
-  kRename,  // with or without directories
+  kRename,  // rename and renameat
   kLink,
   kMakeDirectory,
   kReadEntries,

@@ -215,7 +215,7 @@ class Model {
 
   void CountLosses(const std::deque<std::uint64_t>& found) {
     std::uint64_t lost = 0;
-    for (std::size_t i = 1; i < records_.size(); ++i) {  // the oldest one may have given its place away
+    for (std::size_t i = 1; i < records_.size(); ++i) {  // the oldest one may have been replaced
       if (std::find(found.begin(), found.end(), records_[i]) == found.end()) ++lost;
     }
     losses_.lost += lost;

@@ -1,10 +1,10 @@
 // model_check LENGTH SECONDS : every sequence of operations on a report up to LENGTH (or as far as the time goes), on
 // rings of one to three slots, against the plain model.
 //
-// What an operation does depends on nothing but the files and what the writer, the reader and the transfer hold in
-// memory; all of that is a model's value. So sequences that lead to equal values are followed once: each operation is
-// tried on each value that can be reached, on files and objects that are set to it, and must lead files and objects to
-// the value that it leads the model to. Values that were reached are remembered by 128 bits of hash.
+// The result of an operation depends only on the files and on what the writer, the reader and the transfer keep in
+// memory; all of that is one value of the model. So sequences that lead to equal values are continued once. For each
+// value that can be reached, files and objects are set to it, each operation is tried, and files and objects must then
+// equal the model's new value. Reached values are remembered as 128-bit hashes.
 #include <fcntl.h>
 #include <unistd.h>
 

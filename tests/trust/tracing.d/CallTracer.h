@@ -18,7 +18,7 @@ struct SystemCall {
   long result = 0;  // at the exit: what the caller sees, -errno for an error
 };
 
-// What becomes of a call.
+// What happens to a call.
 struct Treatment {
   enum class Kind {
     kPass,

@@ -52,7 +52,7 @@ std::string Megabytes(std::uint64_t bytes) {
   return text;
 }
 
-// "12.3 MB", "12.3 of 40.0 MB". A step that reads something twice passes its total, which then says nothing.
+// "12.3 MB", "12.3 of 40.0 MB". A step that reads something twice exceeds its total, which is then left out.
 std::string ReadText(std::uint64_t read, std::uint64_t total) {
   constexpr std::uint64_t kOtherReads = 65536;  // of this progress itself
   const bool has_total = total > 0 && read <= total + kOtherReads;

@@ -15,9 +15,9 @@ namespace qx::ctl {
 // A symbolic link is followed, and its target is replaced. The new file has the permissions of the replaced one,
 // without set-id bits, or those of the umask.
 //
-// A file or link of another user is refused, because that user would decide what others read or run. With `force` a
-// file is accepted, and the new one gets its owner; a link is not,
-// because its owner can lead it elsewhere at any time.
+// A file or link of another user is refused, because that user would decide what others read or run. With `force` such
+// a file is replaced, and the new one gets its owner; such a link is still refused, because its owner can lead it
+// elsewhere at any time.
 //
 // Threads: used by one thread.
 // Owns: the descriptor and, until Commit, the temporary file; both are gone after destruction.
