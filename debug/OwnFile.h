@@ -1,7 +1,7 @@
 // Opens the files that the trace facility writes, so that no other user can read or change their content.
 //
-// A process that traces often runs as root, in a directory that other users may write. A user who prepares the log or
-// the ring there, keeps a second name of it, or swaps it while it is opened, must get neither the traces nor a file
+// A process that traces often runs as root, in a directory that other users may write. Such a user may prepare the log
+// or the ring, keep a second name of it, or exchange it while it is opened, but must get neither the traces nor a file
 // that can be cut while the writer maps it.
 #pragma once
 
@@ -30,10 +30,10 @@ struct OwnFile {
   bool is_refused = false;  // no file is open because of the kind of the file at the path
 };
 
-// Opens the file `path` for reading and writing, never through a symbolic link, or creates it with `mode` less the
-// umask; only for its owner if the directory would give it to a group or an access list that is not the process's. A
-// file that is not our own is removed and created again, which the system log reports; so is one of our own that has
-// not `size` bytes, without a report. A file that is not regular stays and is refused. [any thread]
+// Opens the file `path` for reading and writing, never through a symbolic link. A missing file is created with `mode`
+// less the umask, or only for its owner if the directory would give it a foreign group or an access list. A file that
+// is not our own is removed and created again, which the system log reports; so is one of our own that has not `size`
+// bytes, without a report. A file that is not regular stays and is refused. [any thread]
 [[nodiscard]] OwnFile OpenOwnFile(const char* path, mode_t mode, std::optional<std::uint64_t> size = std::nullopt);
 
 }  // namespace qx::debug

@@ -241,8 +241,8 @@ void RingBufferSink::StoreNumber(std::size_t offset, std::uint32_t number) noexc
   StoreAtOnce(At(offset), digits);
 }
 
-// The terminator of the ended cycle stays until the first entry of the new one has its own; the count rises before the
-// position goes back, otherwise a reader would treat the text of the old cycle as bytes that were never written.
+// The terminator of the ended cycle stays until the first entry of the new one has its own. The count rises before the
+// position goes back: otherwise a reader would treat the text of the old cycle as bytes that were never written.
 bool RingBufferSink::BeginWrap() noexcept {
   struct stat status {};
   if (file::StatusOf(descriptor_, status) != 0 || static_cast<std::uint64_t>(status.st_size) < size_) return false;

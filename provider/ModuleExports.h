@@ -54,7 +54,7 @@ QX_EXPORT extern CKrxAdapterModule* pAdapterModule;
  * null if there is no reply (the reply is not one well-formed document, memory ran out, the call failed with -1 before
  * it had a reply). With a null `reply` the text is dropped and the result is kept.
  *
- * Result: the operation's own; -1 also when `params` is null or the operation could not be carried through.
+ * Result: the operation's own; -1 also when `params` is null or the operation could not be completed.
  * [any thread] */
 
 /* Identifies the module: <QXRemConXfer version="..." date="..." company="..." milestone="-"/>. Always 0. */
@@ -63,7 +63,7 @@ QX_EXPORT int What(const wcs_gendata* params, const char* input, char** reply);
 /* Echoes a well-formed `input`; a null reply otherwise. Always 0. */
 QX_EXPORT int Reflect(const wcs_gendata* params, const char* input, char** reply);
 
-/* Hands out a chunk of a report's records: 0 records, 1 no more, 12 refused or not readable, -1 invalid block. */
+/* Returns a chunk of a report's records: 0 records, 1 no more, 12 refused or not readable, -1 invalid block. */
 QX_EXPORT int GetReports(const wcs_gendata* params, const char* input, char** reply);
 
 /* Lists the instance names of a report: 0 listed (or a names file of another version: no reply), 12 refused or no names
@@ -80,7 +80,7 @@ QX_EXPORT void __threadend(void* user_data);
 /* 30400: the frame's version 3.4.0 in the encoding of krx_gendata.version. [any thread] */
 QX_EXPORT int __handle_version(void);
 
-/* Tells the module that the service is about to stop. The module keeps serving. [any thread] */
+/* Announces that the service is about to stop. The module keeps serving. [any thread] */
 QX_EXPORT void __stoprequest(void);
 
 /* Frees a reply text; null is allowed. [any thread] */
@@ -94,7 +94,7 @@ QX_EXPORT extern const char* DreQXObjectVersion;        /* the build's version, 
 QX_EXPORT extern const char* DreQXObjectVendor;         /* the maker */
 QX_EXPORT extern const char* DreQXObjectDate;           /* "2026/01/31-10:20" */
 QX_EXPORT extern const char* DreQXObjectMilestone;      /* "-" */
-QX_EXPORT extern const char* DreQXObjectPath;           /* installation path, handed to CreateModule at load */
+QX_EXPORT extern const char* DreQXObjectPath;           /* installation path, passed to CreateModule at load */
 QX_EXPORT extern const char* DreQXObjectDescription;    /* "Quaxel QXRemConXfer Provider" */
 QX_EXPORT extern const char* DreQXObjectProductName;    /* the product that the module belongs to */
 QX_EXPORT extern const char* DreQXObjectLegalCopyright; /* copyright line */

@@ -293,8 +293,8 @@ bool ReportTransfer::LimitReached() const {
   return request_.record_limit >= 0 && index_ - request_.start_index >= request_.record_limit;
 }
 
-// How many records from index_ on are in slots that follow one another, are part of the transfer and requested: at
-// least one, as the index is below the highest one and the limit is not reached.
+// How many records from index_ on are requested, are part of the transfer, and are in slots that follow one another. At
+// least one, because the index is below the highest one and the limit is not reached.
 std::uint32_t ReportTransfer::CountOfRun() const {
   const auto highest = static_cast<std::uint32_t>(thread_data_.highest_index);
   const auto sum = static_cast<std::uint32_t>(index_ + thread_data_.oldest_index);
@@ -309,8 +309,8 @@ std::uint32_t ReportTransfer::CountOfRun() const {
   return static_cast<std::uint32_t>(std::min<std::uint64_t>(count, std::numeric_limits<std::uint32_t>::max()));
 }
 
-// The slot of a record by age. Quirk: the sum has 32 bits and the number of slots is taken off once at most, so a
-// negative index can name a slot, and a damaged oldest index leads to slots that are not in use.
+// The slot of a record by age. Quirk: the sum has 32 bits, and the number of slots is subtracted at most once. So a
+// negative index can lead to a record, and a damaged oldest index to slots that are not in use.
 //   5 slots in use, oldest 2: index 0 => slot 2, index 3 => slot 0
 //   5 slots in use, oldest 3: index -1 => slot 2
 std::uint32_t ReportTransfer::SlotOf(std::int64_t index) const {

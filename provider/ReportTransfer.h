@@ -1,9 +1,9 @@
 // One call of a report transfer, from the checked request to the reply document.
 //
 // A transfer is a sequence of calls of one service thread. The call with start index 0 (or the thread's first one)
-// opens the report and notes the state of its ring; every call gathers whole records from its start index on, oldest
-// first, into less than 1 MiB, and replies with them and with the start index of the next call. docs/documents.md shows
-// the documents.
+// opens the report and notes the state of its ring. Every call replies with whole records from its start index on,
+// oldest first and less than 1 MiB in all, and with the start index of the next call. docs/documents.md shows the
+// documents.
 //
 // Records are taken in runs (qx::report::RecordReader::Take) and read straight into the reply document. When the trace
 // shows every record, or while the ring has still to be checked, they are read one at a time; when it shows the reply

@@ -14,9 +14,9 @@ class CDirectory {
  public:
   CDirectory() = delete;
 
-  // Copies what `pattern` matches in the directory `source`, and the subdirectories it matches with what it matches in
-  // them, into the directory `destination`, which is created (mode 0711, with all directories above it) once there is
-  // something to copy. Both paths are absolute. "*.*" and "*" match every name, hidden ones included.
+  // Copies the entries of the directory `source` that `pattern` matches, and from each matched subdirectory again only
+  // what it matches, into the directory `destination`. That is created (mode 0711, with all directories above it) once
+  // there is something to copy. Both paths are absolute. "*.*" and "*" match every name, hidden ones included.
   //   source  /b with a.dat, sub/x     pattern "*.*"    => destination gets a.dat and sub/x
   //   source  /b with a.dat, sub/x     pattern "*.dat"  => a.dat
   //   source  /b, which is empty or missing             => true, and no destination

@@ -73,9 +73,9 @@ class [[gnu::visibility("default")]] CReportFileBase {
   // that cannot be read prints the previous one's text; without memory the rest is left out. [owning thread]
   void printAllRecords();
 
-  // Copies everything in the directory `backupPath` back into the report directory that the registry names, over what
-  // is there, and then deletes `backupPath` with everything in it but its hidden entries, even if the copy failed: a
-  // restore is attempted once. docs/directories.md has the rules of both steps. Static; needs no store.
+  // Copies everything in the directory `backupPath` into the report directory that the registry names, over what is
+  // there. Then deletes `backupPath` with everything in it but its hidden entries, even if the copy failed: a restore
+  // is attempted once. docs/directories.md has the rules of both steps. Static; needs no store.
   // True: the copy succeeded, also when there was no backup. False: the copy failed, errno being its error; or no
   // report directory is known, or deleting the backup would delete the report directory (EINVAL), and nothing happened.
   // [any thread]

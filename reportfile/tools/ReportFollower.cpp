@@ -139,8 +139,8 @@ bool ReportFollower::ReadHashes(std::uint32_t first, std::uint32_t end, Hashes& 
   return true;
 }
 
-// If there is no record before the new ones, they are read in a snapshot of their own: they must begin as the search
-// found the ring, and the first of them must stay until all are read.
+// If there is no record before the new ones, they are read in a new snapshot. They must begin with the records that the
+// search found, and the first of them must stay until all are read.
 bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
   if (!source_.Read(attempt.place, count_max, attempt.poll.records)) return false;
   for (const std::string& record : attempt.poll.records) attempt.hashes.push_back(RecordHash(record));

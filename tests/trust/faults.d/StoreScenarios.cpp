@@ -74,8 +74,8 @@ std::vector<std::string> Expected(int before) {
   return records;
 }
 
-// A header that could not be written for the last record and whose writer is gone: the record is in its slot, in the
-// place of the oldest one (in a full ring), or where no reader looks.
+// The header of the last record could not be written, and its writer is gone: the record is in its slot, in the place
+// of the oldest one (in a full ring), or where no reader looks.
 bool IsWithoutLastHeader(const std::vector<std::string>& found) {
   std::vector<std::string> expected = Expected(kBefore);
   std::rotate(expected.begin(), expected.end() - 1, expected.end());

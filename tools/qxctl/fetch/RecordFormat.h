@@ -47,9 +47,8 @@ struct RecordText {
 
 // Writes the records of one output.
 //
-// CSV begins with a header line, which is written with the first record, because the fields of that record determine
-// the number of columns: a shorter record leaves the last ones empty, and the last column of a longer one has the rest
-// of its text.
+// CSV begins with a header line. It is written with the first record, whose fields determine the number of columns. A
+// shorter record leaves the last columns empty; the last column of a longer one has the rest of its text.
 class RecordFormatter {
  public:
   // `columns`: the number that the output already has; 0: nothing was written yet.
