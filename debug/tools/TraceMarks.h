@@ -108,7 +108,7 @@ struct KeptMarks {
   std::uint64_t first = 0;
   std::uint64_t last_start = 0;   // the last entry at which a cycle may begin
   std::uint64_t first_new = 0;    // the first new entry
-  std::uint64_t cycle_begin = 0;  // the last start at or directly before the first new entry that has one there
+  std::uint64_t cycle_begin = 0;  // the first new entry that is a start, or the start directly before it
 };
 
 // Marks the next entry. `follows_start`: the entry before it was a start. Rows show entries by their letters (S: start,

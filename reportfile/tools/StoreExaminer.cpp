@@ -201,9 +201,10 @@ class Examiner {
     return std::max(end, EndOfPartAt(position).value_or(end));
   }
 
-  // The same for whole lines: the last marker of a part, of which a record may look like the marker, and of the texts
-  // that killed writers left there. Each of them began in this round, at most as many records ago as it has. A later
-  // marker may have overwritten the first byte of a line end.
+  // The end of the last marker after whole lines at `position`. The lines are those of a part that is not counted, or
+  // of parts that killed writers left in this round, and one of them may look like a marker. So the search goes on
+  // after each marker, for as many lines as a part and the round can have. A later marker may have overwritten the
+  // first byte of a line end.
   std::optional<std::int64_t> EndOfPartAt(std::int64_t position) {
     const std::uint32_t lines_max = RecordsInPart(scan_.header) + RecordsInRound(scan_.header);
     std::optional<std::int64_t> end;

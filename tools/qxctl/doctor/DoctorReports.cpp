@@ -131,7 +131,7 @@ void CheckReport(const DoctorPlaces& places, const ReportStatus& report, DoctorF
   if (places.stale_seconds) CheckSilence(report, *places.stale_seconds, findings);
 }
 
-// Relative paths would not be what they are in another working directory.
+// For printed commands, which must work in another working directory, too.
 std::string AbsolutePath(const std::string& path) {
   std::error_code error;
   return fs::absolute(path, error).string();

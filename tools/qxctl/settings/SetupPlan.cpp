@@ -131,7 +131,7 @@ std::string WithoutCarriageReturns(std::string bytes) {
   return bytes;
 }
 
-// The bytes that a load takes, as they should be; the commands that make them so.
+// The registry file as it is after its repair. Adds the commands of the repair to `needed`.
 std::string RepairedBytes(const SetupPlaces& places, const SettingCommands& commands,
                           std::vector<std::string>& needed) {
   const std::string path = places.RegistryFile();
@@ -147,7 +147,7 @@ std::string RepairedBytes(const SetupPlaces& places, const SettingCommands& comm
   return WithoutCarriageReturns(std::move(*bytes));
 }
 
-// What the settings lack; sets `directory` to the one that they will name.
+// Adds the command that makes the settings name a usable report directory, if there is not one; sets `directory` to it.
 void AddSettings(const ReportSettings& settings, const SetupPlaces& places, const SettingCommands& commands,
                  std::vector<std::string>& needed, std::string& directory) {
   directory = settings.value;
