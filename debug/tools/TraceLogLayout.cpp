@@ -24,8 +24,8 @@ bool TakeNumber(std::string_view& text, Number& number) {
   return true;
 }
 
-// The wrap that wrote `line`, if it is genuine: the line is where it says that the head ends, or, after a wrap that
-// could not go there, at the beginning of the file. A trace text that only resembles one is elsewhere.
+// The wrap that wrote `line`; unset if the line is a trace text that only resembles one. A wrap's line is at the end of
+// the head, as the line states it, or at the beginning of the file if the wrap could not go there.
 std::optional<TraceWrap> WrapOf(const TraceLine& line) {
   const auto header = ParseTraceHeader(line.text);
   if (!header.has_value() || line.is_rest || !line.has_end) return std::nullopt;

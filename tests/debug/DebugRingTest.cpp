@@ -158,7 +158,7 @@ TEST(DebugRing, StartThatHasWrappedIsNotKept) {
   ASSERT_EQ(setup.Wraps(), 1U);
   setup.Trace().SetApplInitDone();
   EXPECT_EQ(setup.Ring().find("End of initialization"), std::string::npos);
-  ASSERT_TRUE(setup.Restart(kLarge));  // the wrap was that of another run
+  ASSERT_TRUE(setup.Restart(kLarge));  // the wrap belongs to the previous run
   setup.Trace().SetApplInitDone();
   EXPECT_NE(setup.Ring().find("End of initialization"), std::string::npos);
 }

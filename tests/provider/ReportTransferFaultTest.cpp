@@ -35,7 +35,7 @@ class ReportTransferFault : public qx::test::TransferInRace {
 
 class ReportTransferRace : public ReportTransferFault {};
 
-// Records of 400 bytes: an unreadable offset of the data file is beyond the end of the index file.
+// Records are so long that an unreadable offset of the data file is beyond the end of the index file.
 std::string LineOf(char letter) { return std::string(398, letter); }
 std::string Record(char letter) { return LineOf(letter) + "\r\n"; }
 constexpr off_t kRecordBytes = 400;

@@ -33,7 +33,7 @@ std::string NewTree() {
   return tree + "\n\n\n";
 }
 
-// The one that outlives its destructor's callers.
+// Global, because the registry keeps a pointer to the text.
 std::string registry_directory;
 std::unique_ptr<CRegistry> handle;
 bool is_set = false;

@@ -89,7 +89,7 @@ void Unload() { module_object.Unload(); }
 Finding FindingOfTransfer() {
   if (result == 0 && HasAllRecords(*reply)) return Kept();
   if (IsRefusal()) return Kept();
-  if (reply->empty()) return Kept();  // the request itself found no memory: nothing was asked
+  if (reply->empty()) return Kept();  // there was no memory for the request, so there was no call
   if (result == 0 && HasSomeRecords(*reply))
     return Noted("a shorter chunk: the reply sends the client to what is missing");
   if (result == 0 && reply->find("record 0\r\nrecord 0\r\n") != std::string::npos) {
