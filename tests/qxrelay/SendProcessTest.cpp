@@ -293,6 +293,30 @@ TEST_F(RelaySendProcess, ASecondSenderWithTheSameStateIsRefused) {
   EXPECT_EQ(qx::test::ReadFile(dir_.File("log2")), "qxrelay: another sender uses " + dir_.File("state") + "\n");
 }
 
+// The user may subscribe to its inbox and publish nothing.
+class RelayRefusedProcess : public RelaySendProcess {
+ protected:
+  RelayRefusedProcess()
+      : RelaySendProcess(
+            "authorization { users = [ {user: \"h\", password: \"secret\", permissions: "
+            "{publish: [\"none\"], subscribe: [\"_INBOX_h.>\"]}} ] }\n") {}
+};
+
+TEST_F(RelayRefusedProcess, WrongCredentialsAndMissingRightsAreReportedOnce) {
+  const std::string password = dir_.File("password");
+  qx::test::WriteFile(password, "wrong\n");
+  Configure("user=h\npassword_file=" + password + "\n");
+  Append(3);
+  Begin();
+  EXPECT_TRUE(Until([&] { return Log().find("the servers refuse the credentials: check user") != std::string::npos; }));
+  std::this_thread::sleep_for(milliseconds(300));
+  const std::string once = Log();
+  EXPECT_EQ(once.find("refuse the credentials"), once.rfind("refuse the credentials")) << once;
+  qx::test::WriteFile(password, "secret\n");
+  EXPECT_TRUE(Until([&] { return Log().find("Permissions Violation for Publish to") != std::string::npos; })) << Log();
+  EXPECT_EQ(sender_->End(SIGTERM), 0);
+}
+
 // A clone of the machine has the state directory, too.
 TEST_F(RelaySendProcess, OfTwoClonesTheEarlierOneStopsWithinSeconds) {
   Configure();
@@ -311,6 +335,7 @@ TEST_F(RelaySendProcess, OfTwoClonesTheEarlierOneStopsWithinSeconds) {
   Append(1);
   EXPECT_TRUE(Until([&] { return Log().find("was started later") != std::string::npos; }))
       << Log() << qx::test::ReadFile(dir_.File("log2"));
+  EXPECT_EQ(sender_->Wait(), 5);
   ExpectAll();
 }
 

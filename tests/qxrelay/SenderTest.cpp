@@ -53,7 +53,7 @@ class RelaySender : public testing::Test {
                                    .log = [this](const std::string& line) { log_.push_back(line); },
                                    .random = [this] { return std::uniform_real_distribution<>()(random_); },
                                    .random_number = [this] { return random_(); },
-                                   .wall_ms = [this] { return now_ + 1'700'000'000'000; },
+                                   .wall_ms = [this] { return now_ + wall_jump_ + 1'700'000'000'000; },
                                    .host = "h",
                                    .directory = dir_.File("reports"),
                                    .stream_settings = {},
@@ -107,6 +107,7 @@ class RelaySender : public testing::Test {
   std::uint32_t slots_ = 100;
   std::mt19937_64 random_{1};
   TimeMs now_ = 1000;
+  TimeMs wall_jump_ = 0;
   Words written_;
   Words log_;
   std::unique_ptr<SenderState> state_;
@@ -474,6 +475,20 @@ TEST_F(RelaySender, WhileAStreamRefusesThereIsNoBusyLoop) {
   stream_.faults.clear();
   Run(11000);
   ExpectAll();
+}
+
+TEST_F(RelaySender, AClockThatJumpsChangesNothing) {
+  Append(1);
+  Start();
+  Run(100);
+  for (const TimeMs jump : {TimeMs{-400'000'000'000}, TimeMs{900'000'000'000}}) {
+    wall_jump_ = jump;
+    Append(2);
+    Run(100);
+    ExpectAll();
+    const std::int64_t sent = DecodeMessage(stream_.messages.back().payload).head.sent_ms;
+    EXPECT_NEAR(static_cast<double>(sent), static_cast<double>(now_ + jump + 1'700'000'000'000), 200.0);
+  }
 }
 
 TEST_F(RelaySender, AtMostFourLookUpsAreInFlight) {

@@ -65,7 +65,7 @@ class Service {
              .takes_over = takes_over}),
         sender_(context_, SteadyMs(), config.host.labels) {}
 
-  // Until a signal asks for something else.
+  // Until a signal asks for something else, or another sender of this host is found.
   void Run(ServiceSignals& signals, ServiceManager& manager) {
     TimeMs status_at = SteadyMs() + kStatusMs;
     for (;;) {
@@ -78,7 +78,7 @@ class Service {
       }
       WaitForEither(stream_.Descriptor(), signals.Descriptor(), wake - SteadyMs());
       signals.Take();
-      if (signals.IsStopRequested() || signals.TakeReload()) return;
+      if (signals.IsStopRequested() || signals.TakeReload() || !RivalText().empty()) return;
     }
   }
 
@@ -94,6 +94,7 @@ class Service {
     sender_.Finish();
   }
 
+  [[nodiscard]] std::string RivalText() const { return sender_.RivalText(); }
   [[nodiscard]] std::string StatusText() const {
     const SenderCounters& counters = context_.counters;
     return std::to_string(sender_.Reports()) + " reports, " + std::to_string(counters.records) + " records sent, " +
@@ -143,6 +144,7 @@ Status Send(Context& context, const Values& values) {
     if (signals.IsStopRequested()) ServiceManager::Stopping();
     service.Finish(signals, manager);
     context.output.Problem(service.StatusText());
+    if (!service.RivalText().empty()) return {ExitCode::kRefused, "another sender sends for this host"};
     if (!signals.IsStopRequested()) Reload(context, values, config);
   }
   return {};

@@ -330,7 +330,7 @@ bool ReportWork::IsRivalOfUs(const MessageHead& newest) {
     return false;
   }
   sender_.Stop();
-  Trouble("stopped: " + TextOfRival(rival, context_.host));
+  context_.rival = rival;
   return true;
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tools/qxrelay/config/RelayConfig.h"
+#include "tools/qxrelay/send/Place.h"
 #include "tools/qxrelay/send/ReportSender.h"
 #include "tools/qxrelay/send/SenderState.h"
 #include "tools/qxrelay/stream/Stream.h"
@@ -47,6 +48,7 @@ struct SendContext {
   bool takes_over = false;
 
   SenderCounters counters = {};
+  Rival rival = Rival::kNone;  // found by any part
   std::uint64_t last_token = 0;
   std::size_t payload_max = 0;  // of the connection
   int look_ups_free = 4;        // at once

@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::string_view kNamesEnding = ".names";
 constexpr std::size_t kAboutOwner = 0;
+constexpr std::size_t kLoggedMax = 32;
 
 std::string SubjectText(const SendContext& context, Branch branch, const std::string& report) {
   const Subject subject = {.branch = branch, .host = context.host, .report = report};
@@ -64,12 +65,13 @@ std::string Sender::AboutMessage() const {
 
 TimeMs Sender::Step(TimeMs now) {
   TakeReplies(now);
+  if (context_.rival != Rival::kNone && !has_stopped_) StopAll();
   if (!is_stopping_ && !is_connected_ && now >= connect_at_) Connect(now);
   if (is_stopping_) return now + context_.times.poll;
   if (now >= rescan_at_) Rescan(now);
   TimeMs wake = rescan_at_;
   if (!is_connected_) return std::min(wake, connect_at_);
-  if (has_rival_) return wake;
+  if (has_stopped_) return wake;
   watch_.Step(now);
   wake = std::min(wake, watch_.Wake());
   if (may_announce_) about_.Step(now);
@@ -96,7 +98,7 @@ void Sender::TakeReplies(TimeMs now) {
 }
 
 void Sender::OnReply(TimeMs now, const StreamReply& reply) {
-  if (reply.kind == ReplyKind::kProblem) return LogOnce(server_problem_, "the server complains: " + reply.text);
+  if (reply.kind == ReplyKind::kProblem) return LogOnce("the server complains: " + reply.text);
   const std::size_t owner = SendContext::OwnerOf(reply.token);
   if (owner == kAboutOwner) {
     about_.OnReply(now, reply);
@@ -122,13 +124,18 @@ void Sender::OnRival(TimeMs now, Rival rival) {
     about_.Set(now, AboutMessage());
     return;
   }
-  has_rival_ = true;
+  context_.rival = rival;
+}
+
+void Sender::StopAll() {
+  has_stopped_ = true;
   for (const auto& entry : works_) entry->work.Stop();
-  context_.log("stopped: " + TextOfRival(rival, context_.host));
+  context_.log("stopped: " + RivalText());
 }
 
 void Sender::Disconnected(TimeMs now) {
   context_.stream.Close();
+  logged_.clear();
   is_connected_ = false;
   connect_at_ = now + static_cast<TimeMs>(static_cast<double>(context_.settings.spread.count()) * context_.random());
   context_.log("the connection is lost; connecting again in " + std::to_string(connect_at_ - now) + " ms");
@@ -142,12 +149,10 @@ void Sender::Disconnected(TimeMs now) {
 void Sender::Connect(TimeMs now) {
   if (const auto problem = context_.stream.Connect()) {
     connect_at_ = now + BackoffMs(++connect_failures_, context_.random());
-    return LogOnce(connect_problem_, *problem);
+    return LogOnce(*problem);
   }
   is_connected_ = true;
   connect_failures_ = 0;
-  connect_problem_.clear();
-  server_problem_.clear();
   ++context_.counters.connects;
   context_.payload_max = std::min(context_.stream.PayloadBytesMax(), kMessageBytesMax);
   context_.log("connected");
@@ -159,7 +164,7 @@ void Sender::Rescan(TimeMs now) {
   rescan_at_ = now + context_.settings.rescan.count();
   const report::FoundReports found = report::FindReports(context_.directory);
   if (found.error != 0) {
-    LogOnce(server_problem_, "cannot list " + context_.directory + ": " + std::strerror(found.error));
+    LogOnce("cannot list " + context_.directory + ": " + std::strerror(found.error));
   }
   for (const std::string& report : found.names) {
     if (IsSelected(context_.settings, report) && known_.insert(report).second) Add(now, report);
@@ -175,7 +180,7 @@ void Sender::Add(TimeMs now, const std::string& report) {
   const std::size_t owner = works_.size() + 1;
   auto entry = std::make_unique<Entry>(context_, report, SubjectText(context_, Branch::kNames, report), owner);
   if (is_connected_) entry->work.Connected(now);
-  if (has_rival_) entry->work.Stop();
+  if (has_stopped_) entry->work.Stop();
   works_.push_back(std::move(entry));
 }
 
@@ -214,10 +219,9 @@ std::size_t Sender::Stopped() const {
       std::count_if(works_.begin(), works_.end(), [](const auto& entry) { return entry->work.Sender().IsStopped(); }));
 }
 
-void Sender::LogOnce(std::string& last, const std::string& text) {
-  if (text == last) return;
-  last = text;
-  context_.log(text);
+// Until the next loss of a connection. A server may complain about each of thousands of reports.
+void Sender::LogOnce(const std::string& text) {
+  if (logged_.size() < kLoggedMax && logged_.insert(text).second) context_.log(text);
 }
 
 }  // namespace qx::relay

@@ -39,6 +39,9 @@ class Sender {
   // How many reports there are, and of how many the sender is stopped. [owning thread]
   [[nodiscard]] std::size_t Reports() const { return works_.size(); }
   [[nodiscard]] std::size_t Stopped() const;
+  // What was found and what to do, if another sender was found; otherwise empty. Then nothing is sent any more.
+  // [owning thread]
+  [[nodiscard]] std::string RivalText() const { return TextOfRival(context_.rival, context_.host); }
   [[nodiscard]] bool IsConnected() const { return is_connected_; }
 
  private:
@@ -55,13 +58,14 @@ class Sender {
   void TakeReplies(TimeMs now);
   void OnReply(TimeMs now, const StreamReply& reply);
   void OnRival(TimeMs now, Rival rival);
+  void StopAll();
   void Disconnected(TimeMs now);
   void Connect(TimeMs now);
   void Rescan(TimeMs now);
   void Add(TimeMs now, const std::string& report);
   void ReadNames(TimeMs now, Entry& entry);
   [[nodiscard]] std::string AboutMessage() const;
-  void LogOnce(std::string& last, const std::string& text);
+  void LogOnce(const std::string& text);
 
   SendContext& context_;
   std::vector<std::string> labels_;
@@ -75,10 +79,9 @@ class Sender {
   std::uint32_t connect_failures_ = 0;
   bool is_connected_ = false;
   bool is_stopping_ = false;
-  bool may_announce_ = false;    // no other sender was found: the labels may be sent
-  bool has_rival_ = false;       // for good: no report is sent
-  std::string connect_problem_;  // logged last
-  std::string server_problem_;
+  bool may_announce_ = false;     // no other sender was found: the labels may be sent
+  bool has_stopped_ = false;      // for good, because of another sender
+  std::set<std::string> logged_;  // problems that are logged once; a bounded number of them
 };
 
 }  // namespace qx::relay
