@@ -4,7 +4,9 @@ execute_process(COMMAND ${QXCTL} _table OUTPUT_VARIABLE table COMMAND_ERROR_IS_F
 string(JSON count LENGTH "${table}")
 math(EXPR last "${count} - 1")
 file(GLOB old ${DIR}/qxctl-*.1)
-file(REMOVE ${old} "")  # of commands that no longer exist
+if(old)
+  file(REMOVE ${old})  # of commands that no longer exist
+endif()
 foreach(row RANGE 1 ${last})  # row 0 is qxctl itself
   string(JSON command GET "${table}" ${row} command)
   string(REPLACE " " "-" page ${command})

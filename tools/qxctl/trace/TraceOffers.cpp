@@ -11,7 +11,11 @@ std::vector<Offer> TraceFiles(const Context&, const OfferRequest&) {
   std::vector<std::string> names;
   (void)FindTraceFiles(directory, names);  // a directory that cannot be listed has nothing to offer
   std::vector<Offer> offers;
-  for (const std::string& name : names) offers.push_back({directory + "/" + name});
+  offers.reserve(names.size());
+  for (const std::string& name : names) {
+    std::string path = directory;
+    offers.push_back({path.append("/").append(name)});
+  }
   return offers;
 }
 
