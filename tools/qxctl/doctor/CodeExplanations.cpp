@@ -15,7 +15,7 @@ constexpr Explanation kCodes[] = {
     {ExplainedKind::kResult, "1", "GetReports: there is no record at the start index or after it",
      "The end of every transfer; a report without records; a record of 1 MiB or more, which no reply "
      "can carry",
-     "Nothing at the end of a transfer. `qxctl report verify` shows whether a record is too long"},
+     "Nothing at the end of a transfer. `qxctl fetch` names a record that is too long"},
     {ExplainedKind::kResult, "12", "The request was refused, or the report or its names file could not be read",
      "The reply's Error element says which, and its LastError why", "Look up the reply's error number"},
     {ExplainedKind::kResult, "401",
