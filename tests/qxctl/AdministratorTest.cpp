@@ -29,8 +29,8 @@ constexpr int kIo = 6;
 constexpr char kRegistry[] = "[HKEY_LOCAL_MACHINE]\nx=s=old\n\n\n";
 constexpr char kProfile[] = "[S]\nx=old\n";
 
-// In the working directory of root: "roots" is his private directory, "theirs" that of an ordinary user, "sticky" one
-// like /tmp. Paths of the rows are relative to it.
+// In the working directory of root: "roots" is root's private directory, "theirs" that of an ordinary user, "sticky"
+// one like /tmp. Paths of the rows are relative to it.
 struct Place {
   explicit Place(const QxctlFixture& fixture) : qxctl(fixture) {}
 
