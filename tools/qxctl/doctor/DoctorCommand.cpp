@@ -122,7 +122,7 @@ MonitorCode CodeOf(const DoctorFindings& findings) {
   return MonitorCode::kOk;
 }
 
-// "QXRemConXfer WARNING: QX304 "/srv/reports/a.ind" exists, ... (and 2 more findings)"
+// "QXRemConXfer WARNING: QX304 "/srv/reports/a.ind" exists, ... (and 2 more)"
 std::string MonitorLine(const DoctorFindings& findings, MonitorCode code) {
   const std::string head = std::string("QXRemConXfer ") + NameOf(code) + ": ";
   if (code == MonitorCode::kOk) return head + "module, registry, reports, traces and limits are in order\n";
