@@ -125,19 +125,22 @@ class Examiner {
   }
 
   // Slots after those in use are of records that are not counted yet, or of killed writers. The next writers have
-  // overwritten texts of killed ones, and several killed writers leave slots in any order. So a slot may lead into the
-  // middle of a text: every offset can be the result of some records. Nobody reads these slots, and each is written
-  // again before it is used.
+  // overwritten texts of killed ones, up to doubtful_end_, and several killed writers leave slots in any order. So a
+  // slot may lead into the middle of an overwritten text: every offset can be the result of some records. Nobody reads
+  // these slots, and each is written again before it is used.
   void CheckFreeSlots() {
     const IndexHeader& header = scan_.header;
     if (header.highestIndex == header.maxRecord) return;
     const auto in_file = static_cast<std::uint32_t>((scan_.index_bytes - SlotOffset(0)) / 4);
     for (std::uint32_t slot = header.highestIndex + uncounted_.slots; slot < in_file && !findings_.IsFull(); ++slot) {
       const std::int64_t offset = lines_.SlotAt(slot).value_or(0);
-      const bool is_possible = offset >= kRecordBytesMin * slot && offset + kRecordBytesMin <= scan_.data_bytes;
-      if (is_possible) continue;
-      findings_.Add("slot.in-flight", StoreFile::kIndex, SlotOffset(slot), static_cast<std::uint64_t>(offset),
-                    "a slot after those in use may only lead to where a writer can have written its record");
+      const std::int64_t line_end = offset - kRecordBytesMin;  // of the record before it
+      const bool is_in_file = offset >= kRecordBytesMin * slot && offset + kRecordBytesMin <= scan_.data_bytes;
+      const bool is_overwritten = line_end < doubtful_end_;
+      if (is_in_file && (is_overwritten || lines_.At(line_end, kRecordBytesMin).starts_with(kLineEnd))) continue;
+      findings_.Add(
+          "slot.in-flight", StoreFile::kIndex, SlotOffset(slot), static_cast<std::uint64_t>(offset),
+          "a slot after those in use may only lead to a record that is being written, or that a killed writer left");
     }
   }
 
