@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
+#include "tools/qxctl/chart/RecordText.h"
 #include "tools/qxctl/cli/Command.h"
 #include "tools/qxctl/cli/Output.h"
 #include "tools/qxctl/cli/Values.h"
@@ -29,18 +29,6 @@ inline constexpr std::string_view kRecordFormatNames[] = {"text", "json", "csv"}
 
 // From a command with --format and --fields.
 RecordFormatOptions RecordFormatOptionsOf(const Values& values);
-
-// A record's text without its end.
-//   "a\r\n" => "a", "crlf"     "a\n" => "a", "lf"     "a\xFF" => "a", "ff"     "a" (cut at a NUL) => "a", "none"
-struct RecordText {
-  std::string_view text;
-  const char* end;
-};
-[[nodiscard]] RecordText TextOfRecord(std::string_view record);
-
-// "a b c", " " => "a", "b", "c"; with `count_max` 2: "a", "b c". An empty separator: the text.
-[[nodiscard]] std::vector<std::string_view> FieldsOf(std::string_view text, std::string_view separator,
-                                                     std::size_t count_max);
 
 // {"index":7,"text":"a"}, and "end" if it is not CR LF.
 [[nodiscard]] Json RecordToJson(std::uint64_t index, std::string_view record);

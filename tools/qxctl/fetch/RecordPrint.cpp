@@ -2,8 +2,9 @@
 
 #include <algorithm>
 
+#include "tools/qxctl/chart/Chart.h"
+#include "tools/qxctl/chart/Scale.h"
 #include "tools/qxctl/cli/OutputFile.h"
-#include "tools/qxctl/fetch/Chart.h"
 
 namespace qx::ctl {
 

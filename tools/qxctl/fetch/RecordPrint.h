@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "tools/qxctl/fetch/FieldSeries.h"
+#include "tools/qxctl/chart/FieldSeries.h"
 #include "tools/qxctl/fetch/RecordFormat.h"
 #include "tools/qxctl/slice/Slice.h"
 

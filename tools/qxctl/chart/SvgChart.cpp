@@ -3,10 +3,10 @@
 #include <cstdio>
 
 #include "markup/Markup.h"
+#include "tools/qxctl/chart/Chart.h"
+#include "tools/qxctl/chart/Scale.h"
 #include "tools/qxctl/cli/text/JsonText.h"
 #include "tools/qxctl/cli/text/Text.h"
-#include "tools/qxctl/fetch/Chart.h"
-#include "tools/qxctl/fetch/FieldSeries.h"
 
 namespace qx::ctl {
 

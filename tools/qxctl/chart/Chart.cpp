@@ -1,4 +1,4 @@
-#include "tools/qxctl/fetch/Chart.h"
+#include "tools/qxctl/chart/Chart.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -9,8 +9,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "tools/qxctl/chart/Scale.h"
 #include "tools/qxctl/cli/text/Text.h"
-#include "tools/qxctl/fetch/FieldSeries.h"
 
 namespace qx::ctl {
 

@@ -1,13 +1,11 @@
-#include "tools/qxctl/fetch/FieldSeries.h"
+#include "tools/qxctl/chart/FieldSeries.h"
 
-#include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <limits>
 #include <utility>
 
-#include "tools/qxctl/fetch/RecordFormat.h"
+#include "tools/qxctl/chart/RecordText.h"
 
 namespace qx::ctl {
 
@@ -53,15 +51,6 @@ std::optional<std::size_t> ColumnNumber(const std::string& field) {
   return column;
 }
 
-// The largest of 1, 2 and 5 times a power of ten, and the next power, that is at least `width`.
-double RoundStep(double width) {
-  const double power = std::pow(10, std::floor(std::log10(width)));
-  for (const double factor : {1, 2, 5}) {
-    if (factor * power >= width * (1 - 1e-9)) return factor * power;
-  }
-  return 10 * power;
-}
-
 }  // namespace
 
 std::optional<double> NumberOfKey(std::string_view text, std::string_view key) {
@@ -91,29 +80,6 @@ void FieldSeries::Add(std::string_view record) {
   } else {
     ++skipped_;
   }
-}
-
-// Differences are computed from halves: the difference of two large numbers may overflow.
-Scale ScaleOf(const std::vector<double>& values, int steps) {
-  if (values.empty()) return {};
-  const auto [lowest, highest] = std::minmax_element(values.begin(), values.end());
-  double low = *lowest;
-  double high = *highest;
-  const double half_range = high / 2 - low / 2;
-  if (low > 0 && (low / 2 <= half_range || low == high)) low = 0;
-  if (high < 0 && (-high / 2 <= half_range || low == high)) high = 0;
-  if (low == high) high = 1;
-  const double step = RoundStep((high / 2 - low / 2) / steps * 2);
-  constexpr double kMax = std::numeric_limits<double>::max();
-  const Scale scale = {std::max(-kMax, std::floor(low / step + 1e-9) * step),
-                       std::min(kMax, std::ceil(high / step - 1e-9) * step), step};
-  return scale.low < scale.high ? scale : Scale{low, high, high - low};
-}
-
-std::string AxisNumber(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.6g", value == 0 ? 0.0 : value);  // never "-0"
-  return text;
 }
 
 }  // namespace qx::ctl
