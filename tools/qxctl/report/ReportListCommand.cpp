@@ -15,6 +15,7 @@
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Duration.h"
+#include "tools/qxctl/cli/text/Table.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/store/MissingReport.h"
 #include "tools/qxctl/store/ReportDirectory.h"
@@ -53,27 +54,8 @@ std::string StateText(const Output& output, const ReportStatus& report) {
   return output.Paint(style, StateOf(report)) + (writers.empty() ? "" : ", " + writers);
 }
 
-using Row = std::vector<std::string>;
-
-// Columns of equal width; those after the first are set to the right, the last one is as it is.
-std::string TableText(const std::vector<Row>& rows) {
-  std::vector<std::size_t> widths(rows.front().size());
-  for (const Row& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
-  }
-  std::string text;
-  for (const Row& row : rows) {
-    for (std::size_t i = 0; i + 1 < row.size(); ++i) {
-      const std::string padding(widths[i] - row[i].size(), ' ');
-      text += (i == 0 ? row[i] + padding : padding + row[i]) + "  ";
-    }
-    text += row.back() + "\n";
-  }
-  return text;
-}
-
 std::string ListText(const Output& output, const Shown& shown) {
-  std::vector<Row> rows = {{"report", "records", "bytes", "newest", "state"}};
+  std::vector<TableRow> rows = {{"report", "records", "bytes", "newest", "state"}};
   for (std::size_t i = 0; i < shown.reports.size(); ++i) {
     const ReportStatus& report = shown.reports[i];
     rows.push_back({Visible(shown.names[i]), SlotsText(report), std::to_string(report.bytes), AgeText(report),

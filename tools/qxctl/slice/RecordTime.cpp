@@ -61,14 +61,8 @@ std::int64_t EastMs(std::int64_t point_ms) {
   return localtime_r(&seconds, &local) == nullptr ? 0 : local.tm_gmtoff * kSecondMs;
 }
 
-// What the clock shows at a point in time.
-std::int64_t CivilMs(std::int64_t point_ms, const TimeRules& rules) {
-  return rules.is_utc ? point_ms : point_ms + EastMs(point_ms);
-}
-
 Civil DayOf(std::int64_t civil_ms) {
-  const std::chrono::sys_days days{std::chrono::days(FloorTo(civil_ms, kDayMs) / kDayMs)};
-  const std::chrono::year_month_day date(days);
+  const std::chrono::year_month_day date = DayOfCivil(civil_ms);
   return {.year = static_cast<int>(date.year()),
           .month = static_cast<int>(static_cast<unsigned>(date.month())),
           .day = static_cast<int>(static_cast<unsigned>(date.day()))};
@@ -216,7 +210,7 @@ bool TakeCompact(Scanner& scanner, Civil& civil) {
 
 // A date without a year is the newest one that is not more than a day ahead: clocks differ.
 std::optional<std::int64_t> NewestPoint(Civil civil, const TimeRules& rules) {
-  civil.year = DayOf(CivilMs(rules.now_ms, rules)).year;
+  civil.year = DayOf(ToCivil(rules.now_ms, rules)).year;
   const std::optional<std::int64_t> point = PointOf(civil, rules);
   if (point && *point <= rules.now_ms + kDayMs) return point;
   --civil.year;
@@ -244,33 +238,48 @@ std::optional<std::int64_t> TakeEpoch(Scanner& scanner) {
   if (!attempt.Rest().empty() && std::string_view(" \t,;]\r\n").find(attempt.Rest()[0]) == std::string_view::npos) {
     return std::nullopt;
   }
+  scanner = attempt;
   return (std::int64_t{high} * 100'000 + low) * kSecondMs + milliseconds;
 }
 
 bool NamesYear(std::string_view format) { return format.find_first_of("YyFDcsxGg") != std::string_view::npos; }
 
 // By a format of strptime. What it does not name is that of today at midnight.
-std::optional<std::int64_t> TimeByFormat(std::string_view record, const TimeRules& rules) {
-  const Civil today = DayOf(CivilMs(rules.now_ms, rules));
+std::optional<RecordStamp> StampByFormat(std::string_view record, const TimeRules& rules) {
+  const Civil today = DayOf(ToCivil(rules.now_ms, rules));
   tm parsed = {};
   parsed.tm_year = today.year - 1900;
   parsed.tm_mon = today.month - 1;
   parsed.tm_mday = today.day;
   const std::string text(record.substr(0, std::min(record.size(), kStampCharsMax)));
-  if (strptime(text.c_str(), rules.format.c_str(), &parsed) == nullptr) return std::nullopt;
+  const char* const end = strptime(text.c_str(), rules.format.c_str(), &parsed);
+  if (end == nullptr) return std::nullopt;
   Civil civil = {parsed.tm_year + 1900, parsed.tm_mon + 1, parsed.tm_mday,
                  parsed.tm_hour,        parsed.tm_min,     parsed.tm_sec};
   const bool has_zone = rules.format.find("%z") != std::string::npos;
   if (has_zone) civil.east_minutes = static_cast<int>(parsed.tm_gmtoff / 60);
   const bool names_month = rules.format.find_first_of("bBhm") != std::string::npos;
-  return names_month && !NamesYear(rules.format) ? NewestPoint(civil, rules) : PointOf(civil, rules);
+  const auto point = names_month && !NamesYear(rules.format) ? NewestPoint(civil, rules) : PointOf(civil, rules);
+  if (!point) return std::nullopt;
+  return RecordStamp{*point, static_cast<std::size_t>(end - text.c_str())};
+}
+
+// One of the recognised stamps.
+std::optional<std::int64_t> TakeStamp(Scanner& scanner, const TimeRules& rules) {
+  for (const auto take : {TakeYearFirst, TakeDayFirst, TakeNamedMonth, TakeCompact}) {
+    Civil civil;
+    if (take(scanner, civil)) return PointOf(civil, rules);
+  }
+  Civil civil;
+  if (TakeWithoutYear(scanner, civil)) return NewestPoint(civil, rules);
+  return TakeEpoch(scanner);
 }
 
 TimeSpan SpanFrom(std::int64_t first_ms, std::int64_t unit_ms) { return {first_ms, first_ms + unit_ms - 1}; }
 
 // The day that begins so many days before today. Not each day has 24 hours.
 std::optional<TimeSpan> DaySpan(int days_ago, const TimeRules& rules) {
-  const std::int64_t begin = FloorTo(CivilMs(rules.now_ms, rules), kDayMs) - days_ago * kDayMs;
+  const std::int64_t begin = FloorTo(ToCivil(rules.now_ms, rules), kDayMs) - days_ago * kDayMs;
   return TimeSpan{ToPoint(begin, rules), ToPoint(begin + kDayMs, rules) - 1};
 }
 
@@ -287,17 +296,28 @@ std::int64_t ToPoint(std::int64_t civil_ms, const TimeRules& rules) {
   return civil_ms - EastMs(near);
 }
 
-std::optional<std::int64_t> TimeOfRecord(std::string_view record, const TimeRules& rules) {
-  if (!rules.format.empty()) return TimeByFormat(record, rules);
+std::int64_t ToCivil(std::int64_t point_ms, const TimeRules& rules) {
+  return rules.is_utc ? point_ms : point_ms + EastMs(point_ms);
+}
+
+std::chrono::year_month_day DayOfCivil(std::int64_t civil_ms) {
+  return std::chrono::sys_days{std::chrono::days(FloorTo(civil_ms, kDayMs) / kDayMs)};
+}
+
+std::optional<RecordStamp> StampOfRecord(std::string_view record, const TimeRules& rules) {
+  if (!rules.format.empty()) return StampByFormat(record, rules);
   Scanner scanner(record);
-  (void)scanner.Char('[');
-  for (const auto take : {TakeYearFirst, TakeDayFirst, TakeNamedMonth, TakeCompact}) {
-    Civil civil;
-    if (take(scanner, civil)) return PointOf(civil, rules);
-  }
-  Civil civil;
-  if (TakeWithoutYear(scanner, civil)) return NewestPoint(civil, rules);
-  return TakeEpoch(scanner);
+  const bool has_bracket = scanner.Char('[');
+  const std::optional<std::int64_t> time_ms = TakeStamp(scanner, rules);
+  if (!time_ms) return std::nullopt;
+  if (has_bracket) (void)scanner.Char(']');
+  return RecordStamp{*time_ms, record.size() - scanner.Rest().size()};
+}
+
+std::optional<std::int64_t> TimeOfRecord(std::string_view record, const TimeRules& rules) {
+  const std::optional<RecordStamp> stamp = StampOfRecord(record, rules);
+  if (!stamp) return std::nullopt;
+  return stamp->time_ms;
 }
 
 std::optional<TimeSpan> ParseTimeSpan(std::string_view text, const TimeRules& rules) {
@@ -312,7 +332,7 @@ std::optional<TimeSpan> ParseTimeSpan(std::string_view text, const TimeRules& ru
   Scanner scanner(text);
   Civil civil;
   if (!TakeYearFirst(scanner, civil)) {
-    civil = DayOf(CivilMs(rules.now_ms, rules));
+    civil = DayOf(ToCivil(rules.now_ms, rules));
     if (!TakeTimeOfDay(scanner, civil)) return std::nullopt;
   }
   const std::optional<std::int64_t> first = PointOf(civil, rules);

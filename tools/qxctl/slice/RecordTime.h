@@ -3,6 +3,8 @@
 // A time is milliseconds since 1970 in UTC. What has no zone is local time, or UTC if the rules say so.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,11 +24,24 @@ struct TimeRules {
 //   1769854830000 (2026-01-31 10:20:30), an hour east of Greenwich => 1769851230000
 [[nodiscard]] std::int64_t ToPoint(std::int64_t civil_ms, const TimeRules& rules);
 
+// The other way round: what a clock shows at a point in time, as milliseconds that count as if it were UTC.
+[[nodiscard]] std::int64_t ToCivil(std::int64_t point_ms, const TimeRules& rules);
+
+// The day of such milliseconds.
+[[nodiscard]] std::chrono::year_month_day DayOfCivil(std::int64_t civil_ms);
+
+// A stamp at the beginning of a text.
+struct RecordStamp {
+  std::int64_t time_ms = 0;
+  std::size_t bytes = 0;  // of the stamp, with the brackets around it
+};
+
 // The recognised stamps, each also after a "[":
 //   2026-01-31 10:20:30.123        2026/01/31 10:20         2026-01-31T10:20:30Z     2026-01-31 10:20:30 +0100
 //   31.01.2026 10:20:30            31/Jan/2026:10:20:30     20260131T102030          2026-01-31
 //   Jan 31 10:20:30 (of the last twelve months)             1769854830.123 (seconds since 1970)
 // Unset for anything else. A time of day alone is no stamp: it does not name a day.
+[[nodiscard]] std::optional<RecordStamp> StampOfRecord(std::string_view record, const TimeRules& rules);
 [[nodiscard]] std::optional<std::int64_t> TimeOfRecord(std::string_view record, const TimeRules& rules);
 
 // What a text of the command line covers: a day, a minute, a second or a millisecond, both ends included.
