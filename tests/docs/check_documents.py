@@ -2,7 +2,8 @@
 """check_documents.py SCHEMAS <TRANSCRIPT: the JSON documents of console sessions against their schemas.
 
 A transcript holds commands after "$ ", each followed by its output. A command `qxctl a b --json` prints documents of the
-schema SCHEMAS/qxctl-a-b.schema.json, one after the other, or one of SCHEMAS/qxctl-failure.schema.json. Each fault is a line on standard output; the exit code is 1 then.
+schema SCHEMAS/qxctl-a-b.schema.json, one after the other, or one of SCHEMAS/qxctl-failure.schema.json; with `--format json`
+those of SCHEMAS/qxctl-record.schema.json. Each fault is a line on standard output; the exit code is 1 then.
 """
 import json
 import pathlib
@@ -14,6 +15,8 @@ import jsonschema
 
 
 FAILURE_SCHEMA = "qxctl-failure"
+RECORD_SCHEMA = "qxctl-record"
+RECORD_OPTION = "--format json"
 
 
 def steps(transcript):
@@ -33,7 +36,8 @@ def steps(transcript):
 def words_of(command):
     """The words of the first `qxctl ... --json` in a command line, or None: ["report", "info", "Reports/load", ...]"""
     for part in re.split(r"&&|\|\||[;|<>()]", command):
-        if "--json" not in part.split() or "qxctl" not in part.split():
+        prints_json = "--json" in part.split() or RECORD_OPTION in part
+        if not prints_json or "qxctl" not in part.split():
             continue
         words = shlex.split(part.replace("'", "").replace('"', ""))
         return [word for word in words[words.index("qxctl") + 1:] if not word.startswith("-")]
@@ -74,7 +78,8 @@ def faults_of(command, output, schemas):
     except json.JSONDecodeError as error:
         yield f"prints no whole document: {error}"
         return
-    name = schema_for(words, schemas)
+    is_of_records = RECORD_OPTION in command and "--json" not in command.split()
+    name = RECORD_SCHEMA if is_of_records else schema_for(words, schemas)
     if documents and name is None:
         yield "prints a document that no schema describes"
     for document in documents if name else []:

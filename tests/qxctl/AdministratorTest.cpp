@@ -172,7 +172,7 @@ const Row kOutputs[] = {
      [](const Place& at) { EXPECT_EQ(at.OwnerOf("theirs/o"), kOrdinaryUser); }},
     {"TheirFileForAChart",
      [](const Place& at) { at.File("theirs/o", "old", kTheirs); },
-     {"fetch", "load", "--plot", "2", "--fields", " ", "--svg", "theirs/o"},
+     {"fetch", "load", "--plot", "2", "--separator", " ", "--svg", "theirs/o"},
      kRefusedCode,
      kOfAnother},
     {"TheirFileForARecordedCall",

@@ -70,7 +70,7 @@ class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
     return {{"fetch", "load", "-o", path},
             {"fetch", "load", "--resume", "state", "-o", path},
             {"fetch", "load", "--resume", path},
-            {"fetch", "load", "--plot", "2", "--fields", " ", "--svg", path},
+            {"fetch", "load", "--plot", "2", "--separator", " ", "--svg", path},
             {"registry", "export", "--file", roots_registry_, "", path},
             {"module", "record", path, "what"}};
   }

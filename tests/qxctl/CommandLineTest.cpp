@@ -53,7 +53,7 @@ TEST_F(QxctlCommandLine, HelpOfACommandShowsArgumentsOptionsAndLimits) {
 TEST_F(QxctlCommandLine, HelpShowsGroupsRelationsAndDefaults) {
   const std::string fetch = Qxctl({"fetch", "-h"}).out;
   EXPECT_THAT(fetch, HasSubstr("\n  -o, --output FILE           Write the records to this file"));
-  EXPECT_THAT(fetch, HasSubstr("(needs --output; not with --plot)\n"));
+  EXPECT_THAT(fetch, HasSubstr("(needs --output; not with --plot or --fields)\n"));
   EXPECT_THAT(fetch, HasSubstr("\n\nCaller:\n  --user TEXT "));
   EXPECT_THAT(Qxctl({"registry", "ls", "--help"}).out, HasSubstr("(default /etc/brollan)\n"));
 }
@@ -155,6 +155,13 @@ const std::vector<WrongLine> kWrongLines = {
     {{"fetch", "load", "--tag", "12345"}, "--tag: \"12345\": a tag has at most 4 bytes"},
     {{"report", "cat", "Reports/load", "--svg", "x"}, "--svg needs --plot; give --plot as well"},
     {{"fetch", "load", "--plot", "k", "--resume", "s"}, "--resume and --plot exclude each other; give one of them"},
+    {{"report", "cat", "load", "--fields", "--plot", "k"}, "--fields and --plot exclude each other; give one of them"},
+    {{"fetch", "load", "--fields=;"}, "--fields takes no value; give --fields alone"},
+    {{"fetch", "load", "--separator", ""}, "--separator: \"\": a separator has at least one character"},
+    {{"report", "cat", "load", "--separator", ";"},
+     "--separator makes columns for --format csv, --format json, --plot and --fields; give one of these as well"},
+    {{"report", "cat", "load", "--plot", "a,,b"}, "--plot: \"\": a field has a name of at least one character"},
+    {{"follow", "load", "--plot", "a,b,c,d,e,f,g"}, "--plot: a chart has at most 6 fields; give no more"},
     {{"registry", "delete", "K", "N", "-r"}, "--recursive and NAME exclude each other; give one of them"},
 };
 

@@ -335,7 +335,7 @@ TEST_F(QxctlResume, JsonHasTheTotalsOfTheRunAndOfAllRuns) {
 
 TEST_F(QxctlResume, CsvHasOneHeaderAndOneNumberingOverAllRuns) {
   MakeReport("load", 9, {"a 1", "b 2"});
-  const Texts options = {"--format", "csv", "--fields", " "};
+  const Texts options = {"--format", "csv", "--separator", " "};
   EXPECT_EQ(Resume(options).out, "index,column1,column2\r\n0,a,1\r\n1,b,2\r\n");
   Append("load", {"c 3 4"});
   EXPECT_EQ(Resume(options).out, "2,c,3 4\r\n");

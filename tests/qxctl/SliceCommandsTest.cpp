@@ -172,7 +172,8 @@ TEST_F(QxctlSlices, WhatIsNoTimeOrPatternIsRefused) {
       {"qxctl: --since now is after --until yesterday; exchange the two times\n",
        {"--since", "now", "--until", "yesterday"}},
       {"qxctl: --last: 0 is too small; the smallest is 1\n", {"--last", "0"}},
-      {"qxctl: --time-format says where --since finds the time; give --since as well\n", {"--time-format", "%H"}},
+      {"qxctl: --time-format says where --since and --plot find the time; give one of these as well\n",
+       {"--time-format", "%H"}},
       {"qxctl: --grep: \"(\" is not a regular expression (Unmatched ( or \\(); put a \\ before a character that means "
        "itself\n",
        {"--grep", "("}},

@@ -1,11 +1,10 @@
 // A chart of numbers, in characters and as SVG.
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <string>
-#include <string_view>
-#include <vector>
 
+#include "tools/qxctl/chart/ChartData.h"
 #include "tools/qxctl/cli/Output.h"
 
 namespace qx::ctl {
@@ -19,13 +18,14 @@ struct ChartShape {
 // or LANG, the first that is set, says UTF-8.
 [[nodiscard]] ChartShape ChartShapeHere();
 
-// The values from left to right as bars, with the axis at the left; if there are more values than columns, each bar
-// shows the highest of its values. Ends with a line end. `output` colours the bars if it colours anything.
-[[nodiscard]] std::string TextChart(const std::string& title, const std::vector<double>& values,
-                                    const ChartShape& shape, const Output& output);
+// One line of values as bars from left to right, several lines as points with a legend. The axis of values is at the
+// left, with a line at zero if there are values on both sides of it; below is the axis of times or records. If there
+// are more values than columns, each bar shows the highest of its values. Ends with a line end. `output` colours what
+// is drawn if it colours anything.
+[[nodiscard]] std::string TextChart(const ChartData& data, const ChartShape& shape, const Output& output);
 
-// A complete document: a line over the values, axes with numbers, `title` above, `field` next to the axis.
-[[nodiscard]] std::string SvgChart(const std::string& title, const std::string& field,
-                                   const std::vector<double>& values);
+// A complete document: a line over the values of each field, axes with numbers, the title above; with several fields a
+// legend below.
+[[nodiscard]] std::string SvgChart(const ChartData& data);
 
 }  // namespace qx::ctl

@@ -1,41 +1,63 @@
-// The numbers in a field of each record.
+// The numbers in some fields of each record, collected for a chart.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace qx::ctl {
+#include "tools/qxctl/chart/ChartData.h"
+#include "tools/qxctl/chart/RecordFields.h"
+#include "tools/qxctl/cli/Status.h"
 
-// The number after a key, or that of a column.
-//   key "cpu"     "09:00 cpu=12%"  => 12       key "load"  "09:00 load 0.12" => 0.12
-//   column 2, " " "09:00 7 ok"     => 7        column 1    "09:00 7 ok"      => nothing: 09:00 is not a number
-// A number may be followed by a unit (%, kB), a blank, a comma, a semicolon or a closing bracket.
-[[nodiscard]] std::optional<double> NumberOfKey(std::string_view text, std::string_view key);
-[[nodiscard]] std::optional<double> NumberOfColumn(std::string_view text, std::string_view separator,
-                                                   std::size_t column);
+namespace qx::ctl {
 
 // Threads: used by one thread.
 class FieldSeries {
  public:
-  // `field`: a key, or with a separator the number of a column from 1 on.
-  FieldSeries(std::string field, std::string separator);
+  // `fields`: at least one name; with a separator also numbers of columns, from 1 on.
+  FieldSeries(const std::vector<std::string>& fields, FieldRules rules);
 
-  void Add(std::string_view record);
+  // `time_ms`: that of the record, or of the one before it that has a stamp.
+  void Add(std::uint64_t index, std::optional<std::int64_t> time_ms, std::string_view record);
 
-  const std::string& Field() const { return field_; }
-  const std::vector<double>& Values() const { return values_; }
-  // Records without a number there.
-  std::uint64_t Skipped() const { return skipped_; }
+  // kNotFound if there are records and one of the fields has a number in none of them; the message lists the fields
+  // that have. `report` is its name in the message.
+  [[nodiscard]] Status Check(const std::string& report) const;
+
+  // x is the time if at least half of the numbers have one, and not all the same; numbers without one are left out
+  // then.
+  [[nodiscard]] ChartData ToChart(const std::string& report) const;
+
+  // What the chart of ToChart does not show, a sentence each.
+  [[nodiscard]] std::vector<std::string> Omissions() const;
 
  private:
-  std::string field_;
-  std::string separator_;
-  std::optional<std::size_t> column_;
-  std::vector<double> values_;
-  std::uint64_t skipped_ = 0;
+  struct FieldValue {
+    std::uint64_t index;
+    std::optional<std::int64_t> time_ms;
+    double value;
+  };
+  struct Series {
+    std::string field;
+    std::vector<FieldValue> values = {};
+    std::uint64_t skipped = 0;  // records without a number there
+  };
+
+  void LearnFields(std::string_view text);
+  [[nodiscard]] bool HasTimes() const;
+  [[nodiscard]] std::uint64_t CountOf(bool has_time) const;
+  [[nodiscard]] Status Unknown(const std::string& field, const std::string& report) const;
+
+  FieldRules rules_;
+  std::vector<Series> series_;
+  std::uint64_t records_ = 0;
+  std::vector<std::string> known_;  // the fields with numbers, in the order of the records
+  std::vector<std::string> texts_;  // those that have only texts
+  std::uint64_t learned_ = 0;       // the records from which they come
 };
 
 }  // namespace qx::ctl

@@ -1,10 +1,12 @@
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 
 #include "markup/Markup.h"
 #include "tools/qxctl/chart/Chart.h"
 #include "tools/qxctl/chart/Scale.h"
+#include "tools/qxctl/chart/TimeAxis.h"
 #include "tools/qxctl/cli/text/JsonText.h"
 #include "tools/qxctl/cli/text/Text.h"
 
@@ -19,7 +21,17 @@ constexpr double kRight = 780;
 constexpr double kTop = 40;
 constexpr double kBottom = 340;
 constexpr int kSteps = 5;
+constexpr double kLegendHeight = 20;         // of an entry
+constexpr std::size_t kLabelChars = 90;      // that have space next to each other on the axis
 constexpr std::size_t kPointPairsMax = 700;  // two points for each unit of width show every peak
+
+// A reader can also distinguish the lines without colours.
+struct Stroke {
+  const char* color;
+  const char* dashes;
+};
+constexpr std::array<Stroke, kChartLinesMax> kStrokes = {
+    {{"#06c", ""}, {"#c30", "8 3"}, {"#083", "2 3"}, {"#909", "8 3 2 3"}, {"#960", "14 4"}, {"#055", "4 2"}}};
 
 // For texts of others: markup is escaped, control bytes are made visible, and bytes that are not UTF-8 are replaced.
 std::string XmlText(const std::string& text) { return CMarkup::EscapeText(std::string_view(ValidUtf8(Visible(text)))); }
@@ -30,24 +42,31 @@ std::string Coordinate(double value) {
   return text;
 }
 
-double XOf(std::size_t index, std::size_t count) {
-  const double share = count > 1 ? static_cast<double>(index) / static_cast<double>(count - 1) : 0.5;
-  return kLeft + share * (kRight - kLeft);
-}
+// The range of the axis of times or records.
+struct Range {
+  std::int64_t first = 0;
+  std::int64_t last = 0;
+
+  [[nodiscard]] double XOf(std::int64_t x) const {
+    const double share = last > first ? static_cast<double>(x - first) / static_cast<double>(last - first) : 0.5;
+    return kLeft + share * (kRight - kLeft);
+  }
+};
 
 double YOf(double value, const Scale& scale) { return kBottom - scale.Share(value) * (kBottom - kTop); }
 
-// The values to draw: all, or the lowest and the highest of each share, in their order.
-std::vector<std::size_t> Points(const std::vector<double>& values) {
-  std::vector<std::size_t> points;
-  const bool draws_all = values.size() <= 2 * kPointPairsMax;
-  const std::size_t shares = draws_all ? values.size() : kPointPairsMax;
-  for (std::size_t i = 0; i < shares; ++i) {
-    const auto first = values.begin() + static_cast<std::ptrdiff_t>(i * values.size() / shares);
-    const auto last = values.begin() + static_cast<std::ptrdiff_t>((i + 1) * values.size() / shares);
-    const auto [low, high] = std::minmax_element(first, last);
-    points.push_back(static_cast<std::size_t>(std::min(low, high) - values.begin()));
-    if (low != high) points.push_back(static_cast<std::size_t>(std::max(low, high) - values.begin()));
+// The points to draw: all, or those with the lowest and the highest value of each share, in their order.
+std::vector<ChartPoint> PointsToDraw(const std::vector<ChartPoint>& all) {
+  const bool draws_all = all.size() <= 2 * kPointPairsMax;
+  if (draws_all) return all;
+  std::vector<ChartPoint> points;
+  for (std::size_t i = 0; i < kPointPairsMax; ++i) {
+    const auto first = all.begin() + static_cast<std::ptrdiff_t>(i * all.size() / kPointPairsMax);
+    const auto last = all.begin() + static_cast<std::ptrdiff_t>((i + 1) * all.size() / kPointPairsMax);
+    const auto [low, high] = std::minmax_element(
+        first, last, [](const ChartPoint& one, const ChartPoint& other) { return one.value < other.value; });
+    points.push_back(*std::min(low, high));
+    if (low != high) points.push_back(*std::max(low, high));
   }
   return points;
 }
@@ -68,7 +87,7 @@ double StepValue(const Scale& scale, int step, int steps) {
   return (scale.high / 2 - (steps - step) * (scale.step / 2)) * 2;
 }
 
-std::string ValueAxis(const Scale& scale) {
+std::string ValueLabels(const Scale& scale) {
   std::string svg;
   const auto steps = static_cast<int>(std::lround((scale.high / 2 - scale.low / 2) / scale.step * 2));
   for (int i = 0; i <= steps; ++i) {
@@ -76,43 +95,92 @@ std::string ValueAxis(const Scale& scale) {
     svg += LineBetween(kLeft, YOf(value, scale), kRight, YOf(value, scale), "#ddd");
     svg += TextAt(kLeft - 6, YOf(value, scale) + 4, "end", AxisNumber(value));
   }
-  return svg + LineBetween(kLeft, kTop, kLeft, kBottom, "#333");
+  return svg;
 }
 
-std::string RecordAxis(std::size_t count) {
-  std::string svg = LineBetween(kLeft, kBottom, kRight, kBottom, "#333");
-  if (count == 0) return svg;
-  svg += TextAt(XOf(0, count), kBottom + 18, "middle", "0");
-  if (count > 1) svg += TextAt(kRight, kBottom + 18, "middle", std::to_string(count - 1));
+std::string RecordLabels(const Range& range) {
+  std::string svg = TextAt(range.XOf(range.first), kBottom + 18, "middle", std::to_string(range.first));
+  if (range.last > range.first) svg += TextAt(kRight, kBottom + 18, "middle", std::to_string(range.last));
   return svg + TextAt((kLeft + kRight) / 2, kBottom + 40, "middle", "number of the record");
 }
 
-std::string Line(const std::vector<double>& values, const Scale& scale) {
-  if (values.size() == 1) {
-    return "<circle cx=\"" + Coordinate(XOf(0, 1)) + "\" cy=\"" + Coordinate(YOf(values[0], scale)) +
-           "\" r=\"3\" fill=\"#06c\"/>\n";
+std::string TimeLabels(const Range& range, const TimeRules& rules) {
+  std::string svg;
+  for (const TimeTick& tick : TimeTicks(range.first, range.last, kLabelChars, rules)) {
+    const double x = range.XOf(tick.time_ms);
+    svg += LineBetween(x, kTop, x, kBottom, "#ddd");
+    svg += TextAt(x, kBottom + 18, "middle", tick.label);
+  }
+  return svg + TextAt((kLeft + kRight) / 2, kBottom + 40, "middle", TimeRangeText(range.first, range.last, rules));
+}
+
+std::string Labels(const ChartData& data, const Range& range) {
+  if (!data.HasPoints()) return "";
+  return data.has_times ? TimeLabels(range, data.time) : RecordLabels(range);
+}
+
+// Over the grid.
+std::string Axes(const Scale& scale) {
+  const std::string axes =
+      LineBetween(kLeft, kTop, kLeft, kBottom, "#333") + LineBetween(kLeft, kBottom, kRight, kBottom, "#333");
+  const bool has_zero_line = scale.low < 0 && scale.high > 0;
+  return has_zero_line ? axes + LineBetween(kLeft, YOf(0, scale), kRight, YOf(0, scale), "#333") : axes;
+}
+
+std::string DashesOf(const Stroke& stroke) {
+  return *stroke.dashes == '\0' ? "" : std::string(" stroke-dasharray=\"") + stroke.dashes + "\"";
+}
+
+std::string LineOf(const ChartLine& line, const Stroke& stroke, const Scale& scale, const Range& range) {
+  if (line.points.size() == 1) {
+    return "<circle cx=\"" + Coordinate(range.XOf(line.points[0].x)) + "\" cy=\"" +
+           Coordinate(YOf(line.points[0].value, scale)) + "\" r=\"3\" fill=\"" + stroke.color + "\"/>\n";
   }
   std::string points;
-  for (const std::size_t i : Points(values)) {
-    points += (points.empty() ? "" : " ") + Coordinate(XOf(i, values.size())) + "," + Coordinate(YOf(values[i], scale));
+  for (const ChartPoint& point : PointsToDraw(line.points)) {
+    points += (points.empty() ? "" : " ") + Coordinate(range.XOf(point.x)) + "," + Coordinate(YOf(point.value, scale));
   }
-  return "<polyline fill=\"none\" stroke=\"#06c\" stroke-width=\"1.5\" points=\"" + points + "\"/>\n";
+  return std::string("<polyline fill=\"none\" stroke=\"") + stroke.color + "\" stroke-width=\"1.5\"" +
+         DashesOf(stroke) + " points=\"" + points + "\"/>\n";
+}
+
+// A piece of the line of each field, and what it is.
+std::string Legend(const std::vector<ChartLine>& lines) {
+  std::string svg;
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    const double y = kHeight + static_cast<double>(i) * kLegendHeight;
+    svg += "<line x1=\"" + Coordinate(kLeft) + "\" y1=\"" + Coordinate(y - 4) + "\" x2=\"" + Coordinate(kLeft + 40) +
+           "\" y2=\"" + Coordinate(y - 4) + "\" stroke=\"" + kStrokes[i].color + "\" stroke-width=\"1.5\"" +
+           DashesOf(kStrokes[i]) + "/>\n";
+    svg += TextAt(kLeft + 50, y, "start", LegendOf(lines[i]));
+  }
+  return svg;
+}
+
+std::string FieldNextToAxis(const std::string& field) {
+  return "<text transform=\"translate(20 190) rotate(-90)\" text-anchor=\"middle\">" + XmlText(field) + "</text>\n";
 }
 
 }  // namespace
 
-std::string SvgChart(const std::string& title, const std::string& field, const std::vector<double>& values) {
-  const Scale scale = ScaleOf(values, kSteps);
+std::string SvgChart(const ChartData& data) {
+  const Scale scale = ScaleOf(data.Values(), kSteps);
+  const bool has_legend = data.lines.size() > 1;
+  const double legend_height = has_legend ? static_cast<double>(data.lines.size()) * kLegendHeight : 0;
+  const std::string width = AxisNumber(kWidth);
+  const std::string height = AxisNumber(kHeight + legend_height);
+  const Range range = data.HasPoints() ? Range{data.First(), data.Last()} : Range{};
   std::string svg = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
-  svg +=
-      "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"800\" height=\"400\" viewBox=\"0 0 800 400\" "
-      "font-family=\"sans-serif\" font-size=\"12\">\n";
-  svg += "<title>" + XmlText(title) + "</title>\n";
-  svg += "<rect width=\"" + Coordinate(kWidth) + "\" height=\"" + Coordinate(kHeight) + "\" fill=\"#fff\"/>\n";
-  svg += TextAt(kWidth / 2, kTop - 16, "middle", title);
-  svg += ValueAxis(scale) + RecordAxis(values.size());
-  svg += "<text transform=\"translate(20 190) rotate(-90)\" text-anchor=\"middle\">" + XmlText(field) + "</text>\n";
-  if (!values.empty()) svg += Line(values, scale);
+  svg += "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" + width + "\" height=\"" + height + "\" viewBox=\"0 0 " +
+         width + " " + height + "\"\n  font-family=\"sans-serif\" font-size=\"12\">\n";
+  svg += "<title>" + XmlText(data.title) + "</title>\n";
+  svg += "<rect width=\"" + width + "\" height=\"" + height + "\" fill=\"#fff\"/>\n";
+  svg += TextAt(kWidth / 2, kTop - 16, "middle", data.title);
+  svg += ValueLabels(scale) + Labels(data, range) + Axes(scale);
+  svg += has_legend ? Legend(data.lines) : FieldNextToAxis(data.lines.front().field);
+  for (std::size_t i = 0; i < data.lines.size(); ++i) {
+    if (!data.lines[i].points.empty()) svg += LineOf(data.lines[i], kStrokes[i], scale, range);
+  }
   return svg + "</svg>\n";
 }
 

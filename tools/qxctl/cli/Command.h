@@ -72,7 +72,7 @@ struct Parameter {
   bool is_list = false;  // values may also be separated by commas
 
   std::string_view needs = {};                    // an option that this one requires
-  std::array<std::string_view, 6> excludes = {};  // parameters that cannot be given together with this one
+  std::array<std::string_view, 7> excludes = {};  // parameters that cannot be given together with this one
 };
 
 // A command line that the help and the manual page show.

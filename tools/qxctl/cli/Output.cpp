@@ -39,9 +39,19 @@ bool WantsColor(ColorMode mode, int descriptor) {
 const char* SequenceOf(Style style) {
   switch (style) {
     case Style::kGood:
+    case Style::kLine1:
       return "\033[32m";
     case Style::kWarning:
+    case Style::kLine4:
       return "\033[33m";
+    case Style::kLine2:
+      return "\033[36m";
+    case Style::kLine3:
+      return "\033[35m";
+    case Style::kLine5:
+      return "\033[34m";
+    case Style::kLine6:
+      return "\033[31m";
     case Style::kBad:
       return "\033[1;31m";
     case Style::kStrong:

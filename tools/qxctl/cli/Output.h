@@ -15,8 +15,8 @@ enum class Verbosity { kQuiet, kNormal, kVerbose };
 // kAuto: only for a stream that is a terminal, and never when NO_COLOR is set and not empty.
 enum class ColorMode { kAuto, kAlways, kNever };
 
-// The meaning of a colour.
-enum class Style { kGood, kWarning, kBad, kStrong, kFaint };
+// The meaning of a colour. The last ones are for the lines of a chart.
+enum class Style { kGood, kWarning, kBad, kStrong, kFaint, kLine1, kLine2, kLine3, kLine4, kLine5, kLine6 };
 
 // Threads: used by the only thread.
 // Failure: a write to standard output that failed is reported by every later call and by Finish. If standard error is

@@ -125,7 +125,9 @@ class RecordTarget {
 
  private:
   bool HasFile() const { return !options_.output.empty(); }
-  Status WriteRecord(const std::string& text) { return HasFile() || !printer_.DrawsChart() ? Write(text) : Status(); }
+  Status WriteRecord(const std::string& text) {
+    return HasFile() || !printer_.ReplacesRecords() ? Write(text) : Status();
+  }
   Status Write(std::string_view text) { return HasFile() ? file_.Write(text) : output_.Data(text); }
 
   Output& output_;
@@ -279,7 +281,7 @@ constexpr Parameter kParameters[] = {
     {.name = "--json",
      .help = "Print the summary as JSON on standard output",
      .needs = "--output",
-     .excludes = {"--plot"}},
+     .excludes = {"--plot", "--fields"}},
 };
 
 constexpr Parameter kResumeParameters[] = {
@@ -287,7 +289,7 @@ constexpr Parameter kResumeParameters[] = {
      .kind = ValueKind::kFile,
      .value = "STATE",
      .help = "Fetch only what is new since the run that left this state file",
-     .excludes = {"--plot", "--last", "--since", "--until", "--grep", "--reverse"}},
+     .excludes = {"--plot", "--fields", "--last", "--since", "--until", "--grep", "--reverse"}},
 };
 
 constexpr Example kFetchExamples[] = {

@@ -69,6 +69,12 @@ class Follow {
   }
 
  private:
+  struct Numbered {
+    std::uint64_t index;
+    std::optional<std::int64_t> time_ms;
+    std::string record;
+  };
+
   Status Watch() {
     for (;;) {
       bool is_at_end = true;
@@ -173,32 +179,33 @@ class Follow {
 
   // A record that is skipped may have the stamp of those after it.
   Status Take(std::uint64_t index, const std::string& record) {
+    const std::optional<std::int64_t> time_ms = printer_.TimeOf(record);
     const bool is_in_slice = filter_.Takes(TextOfRecord(record).text);
     if (skips_ || !is_in_slice) return {};
-    if (!holds_) return PrintRecord(index, record);
-    held_.Add({index, record});
+    if (!holds_) return PrintRecord({index, time_ms, record});
+    held_.Add({index, time_ms, record});
     return {};
   }
 
   Status PrintHeld() {
     holds_ = false;
     for (const Numbered& each : held_.Take()) {
-      if (Status status = PrintRecord(each.index, each.record); !status.IsOk()) return status;
+      if (Status status = PrintRecord(each); !status.IsOk()) return status;
     }
     return {};
   }
 
-  Status PrintRecord(std::uint64_t index, const std::string& record) {
+  Status PrintRecord(const Numbered& numbered) {
     const bool is_enough = options_.count && printed_ >= *options_.count;
     if (is_enough) return {};
     ++printed_;
     if (options_.json) {
       Json line = {{"kind", "record"}};
-      line.Merge(RecordToJson(index, record));
+      line.Merge(RecordToJson(numbered.index, numbered.record, options_.print.format.Fields()));
       return Line(line);
     }
-    const std::string text = printer_.Take(printer_.Number(), record);
-    return printer_.DrawsChart() ? Status() : output_.Data(text);
+    const std::string text = printer_.Take(printer_.Number(), numbered.time_ms, numbered.record);
+    return printer_.ReplacesRecords() ? Status() : output_.Data(text);
   }
 
   Status Line(const Json& line) { return options_.json ? output_.Data(JsonLineOf(line)) : Status(); }
@@ -217,11 +224,6 @@ class Follow {
     line["exitCode"] = static_cast<int>(status.Code());
     return Line(line);
   }
-
-  struct Numbered {
-    std::uint64_t index;
-    std::string record;
-  };
 
   Output& output_;
   const Options& options_;
@@ -259,7 +261,7 @@ Options OptionsOf(const Values& values) {
 Status RunFollow(Context& context, const Values& values) {
   Options options = OptionsOf(values);
   if (Status status = FindReportName(values.Text("REPORT"), options.report); !status.IsOk()) return status;
-  if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
+  if (Status status = CheckRecordPrintOptions(options.print, options.json); !status.IsOk()) return status;
   if (Status status = SliceOf(values, options.slice); !status.IsOk()) return status;
   const InterruptGuard guard;
   std::unique_ptr<ModuleHost> module;
@@ -293,7 +295,7 @@ constexpr Parameter kParameters[] = {
 constexpr Parameter kJsonParameters[] = {
     {.name = "--json",
      .help = "Print records and what happens to them as lines of JSON",
-     .excludes = {"--plot", "--format"}},
+     .excludes = {"--plot", "--fields", "--format"}},
 };
 
 constexpr Example kFollowExamples[] = {

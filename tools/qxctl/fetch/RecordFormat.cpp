@@ -6,6 +6,7 @@
 
 #include "tools/qxctl/cli/text/JsonText.h"
 #include "tools/qxctl/cli/text/Text.h"
+#include "tools/qxctl/slice/SliceOptions.h"
 
 namespace qx::ctl {
 
@@ -41,17 +42,19 @@ RecordFormatOptions RecordFormatOptionsOf(const Values& values) {
   const auto* const name = std::find(std::begin(kRecordFormatNames), std::end(kRecordFormatNames),
                                      values.Text("--format", NameOf(options.format)));
   options.format = static_cast<RecordFormat>(name - std::begin(kRecordFormatNames));
-  const std::string separator = values.Text("--fields");
+  const std::string separator = values.Text("--separator");
   options.csv_safe = values.Flag("--csv-safe");
   options.separator = separator == "\\t" ? "\t" : separator;
+  options.time = TimeRulesOf(values);
   return options;
 }
 
-Json RecordToJson(std::uint64_t index, std::string_view record) {
+Json RecordToJson(std::uint64_t index, std::string_view record, const FieldRules& rules) {
   const RecordText parts = TextOfRecord(record);
   Json object = {{"index", index}};
   SetText(object, "text", std::string(parts.text));
   if (parts.end != std::string_view("crlf")) object["end"] = parts.end;
+  AddFields(object, parts.text, rules);
   return object;
 }
 
@@ -60,7 +63,7 @@ std::string RecordFormatter::Format(std::uint64_t index, std::string_view record
     case RecordFormat::kText:
       break;
     case RecordFormat::kJson:
-      return JsonLineOf(RecordToJson(index, record));
+      return JsonLineOf(RecordToJson(index, record, fields_));
     case RecordFormat::kCsv:
       return FormatCsv(index, TextOfRecord(record).text);
   }

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "tools/qxctl/chart/RecordFields.h"
 #include "tools/qxctl/chart/RecordText.h"
 #include "tools/qxctl/cli/Command.h"
 #include "tools/qxctl/cli/Output.h"
@@ -20,18 +21,21 @@ const char* NameOf(RecordFormat format);
 
 struct RecordFormatOptions {
   RecordFormat format = RecordFormat::kText;
-  std::string separator;  // of the fields within a record; empty: a record is one field
+  std::string separator;  // of the columns within a record; empty: a record is one column
+  TimeRules time;         // of the stamps
   bool csv_safe = false;  // CSV cells that begin like a formula get an apostrophe before them
+
+  [[nodiscard]] FieldRules Fields() const { return {separator, time}; }
 };
 
 // The names of the formats in the order of RecordFormat.
 inline constexpr std::string_view kRecordFormatNames[] = {"text", "json", "csv"};
 
-// From a command with --format and --fields.
+// From a command with --format and --separator.
 RecordFormatOptions RecordFormatOptionsOf(const Values& values);
 
-// {"index":7,"text":"a"}, and "end" if it is not CR LF.
-[[nodiscard]] Json RecordToJson(std::uint64_t index, std::string_view record);
+// {"index":7,"text":"a"}, "end" if it is not CR LF, and what AddFields adds.
+[[nodiscard]] Json RecordToJson(std::uint64_t index, std::string_view record, const FieldRules& rules);
 
 // Writes the records of one output.
 //
@@ -40,7 +44,8 @@ RecordFormatOptions RecordFormatOptionsOf(const Values& values);
 class RecordFormatter {
  public:
   // `columns`: the number that the output already has; 0: nothing was written yet.
-  RecordFormatter(const RecordFormatOptions& options, std::size_t columns = 0) : options_(options), columns_(columns) {}
+  RecordFormatter(const RecordFormatOptions& options, std::size_t columns = 0)
+      : options_(options), fields_(options.Fields()), columns_(columns) {}
 
   [[nodiscard]] std::string Format(std::uint64_t index, std::string_view record);
   [[nodiscard]] std::size_t Columns() const { return columns_; }
@@ -50,6 +55,7 @@ class RecordFormatter {
   std::string CsvHeader() const;
 
   RecordFormatOptions options_;
+  FieldRules fields_;
   std::size_t columns_;
 };
 

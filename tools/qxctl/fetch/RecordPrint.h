@@ -1,4 +1,4 @@
-// Prints records in a format, or as a chart of one of their fields.
+// Prints records in a format, as a chart of some of their fields, or the fields of the newest one.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "tools/qxctl/chart/FieldSeries.h"
 #include "tools/qxctl/fetch/RecordFormat.h"
@@ -16,14 +17,16 @@ namespace qx::ctl {
 
 struct RecordPrintOptions {
   RecordFormatOptions format;
-  std::string plot;  // empty: no chart
-  std::string svg;   // empty: only in the terminal
+  std::vector<std::string> plot;  // empty: no chart
+  std::string svg;                // empty: only in the terminal
+  bool shows_fields = false;      // of the newest record, instead of records
   bool force = false;
   bool raw = false;  // a terminal gets every byte as well
 };
 
-// Returns what is wrong with a separator of fields, or an empty text.
+// Returns what is wrong with a separator of columns, or with the name of a field, or an empty text.
 std::string_view CheckSeparator(std::string_view separator);
+std::string_view CheckField(std::string_view field);
 
 inline constexpr Parameter kRecordPrintParameters[] = {
     {.name = "--format",
@@ -32,17 +35,23 @@ inline constexpr Parameter kRecordPrintParameters[] = {
      .help = "How records are written: text (as stored), json (a line each), csv",
      .choices = kRecordFormatNames,
      .ignores_case = true},
-    {.name = "--fields",
+    {.name = "--separator",
      .kind = ValueKind::kText,
      .value = "SEPARATOR",
      .help = "Split a record's text into columns at this separator (\\t: a tab)",
      .check = CheckSeparator},
+    {.name = "--fields",
+     .help = "Show names, types and values of the fields of the newest record instead",
+     .excludes = {"--format", "--plot"}},
     {.name = "--csv-safe",
      .help = "Put an apostrophe in front of CSV cells that a spreadsheet would take for a formula"},
     {.name = "--plot",
      .kind = ValueKind::kText,
      .value = "FIELD",
-     .help = "Draw this field of the records (a key, or a column with --fields)"},
+     .help = "Draw these fields of the records (names, or columns with --separator) as a chart",
+     .check = CheckField,
+     .is_repeatable = true,
+     .is_list = true},
     {.name = "--svg",
      .kind = ValueKind::kFile,
      .value = "FILE",
@@ -55,8 +64,9 @@ inline constexpr Parameter kRecordPrintParameters[] = {
 // From a command with kRecordPrintParameters.
 RecordPrintOptions RecordPrintOptionsOf(const Values& values);
 
-// kUsage for --fields without an option that uses it.
-[[nodiscard]] Status CheckRecordPrintOptions(const RecordPrintOptions& options);
+// kUsage for --separator without an option that uses it, and for too many fields in a chart. `prints_json`: records are
+// printed as JSON whatever the format is.
+[[nodiscard]] Status CheckRecordPrintOptions(const RecordPrintOptions& options, bool prints_json = false);
 
 // Threads: used by one thread.
 class RecordPrinter {
@@ -67,13 +77,23 @@ class RecordPrinter {
   [[nodiscard]] std::uint64_t Number() { return index_++; }
 
   // Whether records are printed as they are stored, so that nothing has to split them.
-  bool IsPlain() const { return options_.format.format == RecordFormat::kText && !series_; }
+  bool IsPlain() const { return options_.format.format == RecordFormat::kText && !ReplacesRecords(); }
   bool DrawsChart() const { return series_.has_value(); }
+  // Whether standard output gets something else than the records.
+  bool ReplacesRecords() const { return DrawsChart() || options_.shows_fields; }
+
+  // The time of the next record, also of one that is not printed, for a chart: that of its stamp, or of the record
+  // before it.
+  [[nodiscard]] std::optional<std::int64_t> TimeOf(std::string_view record);
 
   // The record with this number in its output form; it is added to the chart.
-  [[nodiscard]] std::string Take(std::uint64_t index, std::string_view record);
+  [[nodiscard]] std::string Take(std::uint64_t index, std::optional<std::int64_t> time_ms, std::string_view record);
 
-  // Draws the chart, if one is requested, and prints how many records had no number.
+  // Shows the fields of the newest record of a report, if that is requested. kFinding if it has none.
+  Status ShowFields(const std::string& report, bool has_heading);
+
+  // Draws the chart, if one is requested, and prints how many records had no number; or shows the fields. kNotFound if
+  // no record has a requested field.
   Status Finish(const std::string& report);
 
  private:
@@ -81,6 +101,10 @@ class RecordPrinter {
   RecordPrintOptions options_;
   RecordFormatter formatter_;
   std::optional<FieldSeries> series_;
+  std::optional<std::int64_t> time_ms_;  // of the newest stamp
+  std::optional<std::string> newest_;    // the text of the newest record, if its fields are shown
+  std::uint64_t newest_index_ = 0;
+  bool has_shown_fields_ = false;
   std::uint64_t index_ = 0;
 };
 
@@ -105,10 +129,11 @@ class SlicedRecords {
  private:
   struct Numbered {
     std::uint64_t index;
+    std::optional<std::int64_t> time_ms;
     std::string record;
   };
 
-  Status PrintOne(std::uint64_t index, std::string_view record);
+  Status PrintOne(std::uint64_t index, std::optional<std::int64_t> time_ms, std::string_view record);
 
   const Slice& slice_;
   SliceFilter filter_;

@@ -192,11 +192,12 @@ Status CatRecords(Output& output, const std::string& path, const Slice& slice, R
   const IndexHeader& header = store.header();
   const std::uint32_t slots = ReadableSlots(header, path);
   StoredSlots stored(report::IndexFileName(path));
-  SlicedRecords records(slice, printer,
-                        [&](const std::string& text) { return printer.DrawsChart() ? Status() : output.Data(text); });
+  SlicedRecords records(slice, printer, [&](const std::string& text) {
+    return printer.ReplacesRecords() ? Status() : output.Data(text);
+  });
   std::uint32_t left_out = 0;
   std::string record;
-  const std::uint32_t first = FirstInSlice(slice, slots);
+  const std::uint32_t first = printer.DrawsChart() ? 0 : FirstInSlice(slice, slots);  // stamps count for what follows
   for (std::uint32_t i = 0; i < first; ++i) (void)printer.Number();
   for (std::uint32_t i = first; i < slots; ++i) {
     const std::uint32_t slot = report::SlotOfLogical(header, i);
@@ -231,7 +232,10 @@ Status Cat(Context& context, const Values& values) {
   if (Status status = ReportsOf(values, context.output, arguments); !status.IsOk()) return status;
   RecordPrinter printer(context.output, print);
   Status status = ForEachReport(context.output, arguments, [&](const ReportArgument& report) {
-    return CatRecords(context.output, report.base_path, slice, printer);
+    Status printed = CatRecords(context.output, report.base_path, slice, printer);
+    if (printed.Code() > ExitCode::kFinding) return printed;
+    Status shown = printer.ShowFields(report.text, arguments.reports.size() > 1);
+    return shown.IsOk() ? printed : shown;
   });
   if (status.Code() > ExitCode::kFinding) return status;
   Status drawn = printer.Finish(Joined(values.Texts("REPORT"), ", "));

@@ -1,5 +1,7 @@
 #include "tools/qxctl/slice/SliceOptions.h"
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 
 #include "tools/qxctl/cli/text/Text.h"
@@ -34,16 +36,27 @@ Status ReadTimes(const Values& values, Slice& slice) {
                                 "; exchange the two times"};
 }
 
+// Whether an option needs the times of records.
+bool UsesTimes(const Values& values) {
+  const std::string_view users[] = {"--since", "--until", "--plot", "--fields", "--json"};
+  return std::any_of(std::begin(users), std::end(users),
+                     [&](std::string_view name) { return IsGiven(values, name); }) ||
+         TextOf(values, "--format") == "json";
+}
+
 }  // namespace
 
+TimeRules TimeRulesOf(const Values& values) {
+  return {IsGiven(values, "--utc"), TextOf(values, "--time-format"), NowMs()};
+}
+
 Status SliceOf(const Values& values, Slice& slice) {
-  slice.time = {IsGiven(values, "--utc"), TextOf(values, "--time-format"), NowMs()};
+  slice.time = TimeRulesOf(values);
   if (IsGiven(values, "--last")) slice.last = static_cast<std::uint64_t>(values.Integer("--last", 0));
   slice.reverse = IsGiven(values, "--reverse");
-  const bool has_useless_format =
-      !slice.time.format.empty() && !IsGiven(values, "--since") && !IsGiven(values, "--until");
+  const bool has_useless_format = !slice.time.format.empty() && !UsesTimes(values);
   if (has_useless_format)
-    return {ExitCode::kUsage, "--time-format says where --since finds the time; give --since as well"};
+    return {ExitCode::kUsage, "--time-format says where --since and --plot find the time; give one of these as well"};
   if (Status status = ReadTimes(values, slice); !status.IsOk()) return status;
   if (!IsGiven(values, "--grep")) return {};
   auto pattern = std::make_shared<RecordPattern>();

@@ -49,6 +49,9 @@ inline constexpr Parameter kTraceFollowSliceParameters[] = {kSinceOption, kUntil
 inline constexpr Parameter kTraceSliceParameters[] = {kLastOption, kSinceOption,   kUntilOption,
                                                       kGrepOption, kReverseOption, kUtcOption};
 
+// What --utc and --time-format say, of a command that has both or none of them.
+[[nodiscard]] TimeRules TimeRulesOf(const Values& values);
+
 // From a command that has some of these options. kUsage for an invalid time or pattern.
 Status SliceOf(const Values& values, Slice& slice);
 

@@ -1,0 +1,32 @@
+// The axis of time of a chart.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/qxctl/slice/RecordTime.h"
+
+namespace qx::ctl {
+
+struct TimeTick {
+  std::int64_t time_ms = 0;
+  std::string label;
+};
+
+// Round times from `first_ms` to `last_ms`, as many as have their labels in so many characters, with a blank or more
+// between two of them.
+//   10:20:30 to 10:49:00 the same day, 40  => 10:25, 10:30, 10:35, 10:40, 10:45
+//   two days from 10:20 on, 40             => 12:00, 01-31, 12:00, 02-01
+//   a month, 40                            => 2026-02-12, 2026-02-26
+[[nodiscard]] std::vector<TimeTick> TimeTicks(std::int64_t first_ms, std::int64_t last_ms, std::size_t characters,
+                                              const TimeRules& rules);
+
+// "2026-01-31 10:20:30 to 10:49:00", with " UTC" if the rules say so; with milliseconds below ten seconds.
+[[nodiscard]] std::string TimeRangeText(std::int64_t first_ms, std::int64_t last_ms, const TimeRules& rules);
+
+// "2026-01-31 10:20:30"
+[[nodiscard]] std::string TimeText(std::int64_t time_ms, const TimeRules& rules);
+
+}  // namespace qx::ctl
