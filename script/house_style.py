@@ -53,6 +53,7 @@ AREAS = {
     "module": {"cli", "store"},
     "fetch": {"cli", "store", "slice", "chart", "module"},
     "report": {"cli", "store", "slice", "chart", "fetch", "module"},
+    "top": {"cli", "store", "slice", "chart"},
     "settings": {"cli", "store"},
     "trace": {"cli", "slice"},
     "trial": {"cli", "store", "module"},

@@ -23,7 +23,10 @@ struct Varying {
 
 constexpr Varying kVarying[] = {
     {"times and rates in text", "()([0-9.]+)( ms| MB/s| records/s| s ago)"},
-    {"times and rates in JSON", "(econds\"|Second\")(: [-+0-9.e]+)(,|)"},
+    {"times and rates in JSON", "(econds\"|Second\")(: ?[-+0-9.e]+)(,|)"},
+    {"the time of a round in JSON", "(\"round\":[0-9]+,\"timeMs\":)([0-9]+)(,)"},
+    {"the time of a round", "(, )([0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2})(\n)"},
+    {"an age in a table", "( -)( +[0-9]+ s)( )"},
     {"the name of an unfinished backup", "(\\.partial-)([A-Za-z0-9]{6})(:)"},
     {"version and date of the build", R"(( version=\\?"| date=\\?")([-0-9./:]+)(\\?"))"},
     {"the name of a backup of the registry", R"((is kept in /etc/brollan/registry\.)([-0-9]+)(\.bak))"},

@@ -162,6 +162,10 @@ const std::vector<WrongLine> kWrongLines = {
      "--separator makes columns for --format csv, --format json, --plot and --fields; give one of these as well"},
     {{"report", "cat", "load", "--plot", "a,,b"}, "--plot: \"\": a field has a name of at least one character"},
     {{"follow", "load", "--plot", "a,b,c,d,e,f,g"}, "--plot: a chart has at most 6 fields; give no more"},
+    {{"top", "load"}, "\"load\" is one argument too many; usage: qxctl top [OPTIONS]"},
+    {{"top", "--count", "0"}, "--count: 0 is too small; the smallest is 1"},
+    {{"top", "--interval", "0"}, "--interval: 0 is too small; give 0.1 to 86400"},
+    {{"top", "--filed", "cpu"}, "qxctl top has no option --filed; did you mean --field?"},
     {{"registry", "delete", "K", "N", "-r"}, "--recursive and NAME exclude each other; give one of them"},
 };
 

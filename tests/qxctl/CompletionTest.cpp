@@ -129,6 +129,13 @@ TEST_F(QxctlCompletion, OptionsOfTheCommandAndOfEveryCommand) {
   EXPECT_THAT(Offers({"--vers"}), ElementsAre("--version"));
 }
 
+TEST_F(QxctlCompletion, FieldsWithNumbersOfTheReport) {
+  MakeReport("cpu", 9, {"09:00 cpu=1 load 2 state=ok", "09:01 cpu=1 disk=7"});
+  EXPECT_THAT(Offers({"report", "cat", "cpu", "--plot", ""}), ElementsAre("cpu", "load", "disk"));
+  EXPECT_THAT(Offers({"fetch", "cpu", "--plot", "cpu,l"}), ElementsAre("cpu,load"));
+  EXPECT_THAT(Offers({"fetch", "nothing", "--plot", ""}), IsEmpty());
+}
+
 TEST_F(QxctlCompletion, ReportNamesFromTheReportDirectory) {
   EXPECT_THAT(Offers({"fetch", ""}), ElementsAre("load", "lost and found", "Reports"));  // a path begins there
   EXPECT_THAT(Offers({"names", "lo"}), ElementsAre("load", "lost and found"));

@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -100,14 +99,14 @@ TEST(RecordFields, NumberOfAFieldIsTheOneThatItsNameFinds) {
 }
 
 TEST(RecordFields, HostileTextCostsLinearTime) {
-  const auto begin = std::chrono::steady_clock::now();
+  const std::clock_t begin = std::clock();
   for (const char* const piece : {"a=\"", "a:", "a ", "a=)", "\"", "a=(", "a b=", "\"\\", "a1", "=", ": "}) {
-    const std::string text = Repeated(piece, 200'000);
+    const std::string text = Repeated(piece, 20'000);
     (void)ParseFields(text, {"", kFieldTime});
     (void)NumberOfKey(text, "a");
   }
-  (void)ParseFields("a=" + Repeated(")", 500'000), {"", kFieldTime});
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+  (void)ParseFields("a=" + Repeated(")", 40'000), {"", kFieldTime});
+  EXPECT_LT(static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC, 2);
 }
 
 TEST(TimeAxis, TicksAreRoundTimesThatFit) {

@@ -23,6 +23,7 @@
 #include "tools/qxctl/doctor/DoctorCommand.h"
 #include "tools/qxctl/doctor/ExplainCommand.h"
 #include "tools/qxctl/fetch/FetchCommand.h"
+#include "tools/qxctl/fetch/FieldOffers.h"
 #include "tools/qxctl/fetch/FollowCommand.h"
 #include "tools/qxctl/fetch/NamesCommand.h"
 #include "tools/qxctl/module/ModuleCommand.h"
@@ -39,6 +40,7 @@
 #include "tools/qxctl/settings/RegistryOffers.h"
 #include "tools/qxctl/settings/SetupCommand.h"
 #include "tools/qxctl/store/ReportOffers.h"
+#include "tools/qxctl/top/TopCommand.h"
 #include "tools/qxctl/trace/TraceConfigCommand.h"
 #include "tools/qxctl/trace/TraceFollowCommand.h"
 #include "tools/qxctl/trace/TraceOffers.h"
@@ -85,6 +87,7 @@ constexpr const Command* kCommands[] = {
     &qx::ctl::kFaultsCommand,
     &qx::ctl::kFetchCommand,
     &qx::ctl::kFollowCommand,
+    &qx::ctl::kTopCommand,
     &kReport,
     &qx::ctl::kReportListCommand,
     &qx::ctl::kReportStatusCommand,
@@ -130,9 +133,9 @@ constexpr const Command* kCommands[] = {
 
 // What the tab key offers.
 constexpr const qx::ctl::OfferSource* kOfferSources[] = {
-    &qx::ctl::kReportOffers,        &qx::ctl::kTraceOffers,      &qx::ctl::kRegistryKeyOffers,
-    &qx::ctl::kRegistryValueOffers, &qx::ctl::kIniSectionOffers, &qx::ctl::kIniKeyOffers,
-    &qx::ctl::kCodeOffers,          &qx::ctl::kFaultOffers,      &qx::ctl::kCommandOffers,
+    &qx::ctl::kReportOffers,        &qx::ctl::kFieldOffers,      &qx::ctl::kTraceOffers,  &qx::ctl::kRegistryKeyOffers,
+    &qx::ctl::kRegistryValueOffers, &qx::ctl::kIniSectionOffers, &qx::ctl::kIniKeyOffers, &qx::ctl::kCodeOffers,
+    &qx::ctl::kFaultOffers,         &qx::ctl::kCommandOffers,
 };
 
 // A closed standard descriptor would be taken by the next file that is opened, and what we print would land in it. The

@@ -16,7 +16,7 @@ namespace qx::ctl {
 
 namespace {
 
-constexpr std::size_t kNumberBytesMax = 512;  // with its unit
+constexpr std::size_t kNumberBytesMax = 400;  // with its unit
 constexpr std::size_t kFieldsMax = 1000;      // of a record without a separator
 
 // ASCII only: the limits of a word must not depend on the locale.

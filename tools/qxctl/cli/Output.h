@@ -46,6 +46,9 @@ class Output {
   // document. Pad before painting: the sequences have bytes, but no width on the screen.
   std::string Paint(Style style, std::string_view text) const;
 
+  // What Data writes for these bytes, for a command that draws on the terminal itself.
+  [[nodiscard]] std::string ForScreen(std::string_view bytes) const;
+
   // A line of explanation on standard error, after the data so far if both go to one terminal. Not with --quiet, so it
   // must not be something that an operator has to know.
   void Note(std::string_view line);
@@ -72,7 +75,6 @@ class Output {
 
  private:
   Status Flush();
-  [[nodiscard]] std::string ForScreen(std::string_view bytes) const;
   void Say(std::string_view line, const std::string& prefix = {});
   void WipeProgress();
 

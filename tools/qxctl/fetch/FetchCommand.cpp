@@ -298,7 +298,7 @@ constexpr Example kFetchExamples[] = {
     {"qxctl fetch load --last 10", "Print the newest ten records"},
     {"qxctl fetch load --since -1h --grep error", "Print those of the last hour that contain a word"},
     {"qxctl fetch load --resume load.state -o load.txt", "Append what is new since the last run"},
-    {"qxctl fetch load --format csv --fields ' '", "Print the records as a table"},
+    {"qxctl fetch load --format csv --separator ' '", "Print the records as a table"},
 };
 
 }  // namespace

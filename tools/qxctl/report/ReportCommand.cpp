@@ -373,7 +373,8 @@ constexpr Example kReportAppendExamples[] = {
 constexpr Example kReportCatExamples[] = {
     {"qxctl report cat load", "Print all records"},
     {"qxctl report cat load --since yesterday --reverse", "Print those since yesterday, the newest first"},
-    {"qxctl report cat load --plot cpu", "Draw a number of each record"},
+    {"qxctl report cat load --fields", "Show which fields the records have"},
+    {"qxctl report cat load --plot cpu,load --since today", "Draw two numbers of each record of today"},
 };
 
 constexpr Example kReportInfoExamples[] = {

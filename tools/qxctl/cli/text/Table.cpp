@@ -15,13 +15,20 @@ std::string TableText(const std::vector<TableRow>& rows, const TableShape& shape
   for (const TableRow& row : rows) {
     for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], WidthOf(row[i]));
   }
+  const auto painted = [&](std::size_t row, std::size_t column, const std::string& cell) {
+    return shape.paint ? shape.paint(row, column, cell) : cell;
+  };
   std::string text;
-  for (const TableRow& row : rows) {
-    for (std::size_t i = 0; i + 1 < row.size(); ++i) {
-      const std::string padding(widths[i] - WidthOf(row[i]), ' ');
-      text += (i < shape.left ? row[i] + padding : padding + row[i]) + "  ";
+  for (std::size_t row = 0; row < rows.size(); ++row) {
+    const std::size_t last = rows[row].size() - 1;
+    for (std::size_t i = 0; i < last; ++i) {
+      const std::string& cell = rows[row][i];
+      const std::string padding(widths[i] - WidthOf(cell), ' ');
+      text += painted(row, i, i < shape.left ? cell + padding : padding + cell) + "  ";
     }
-    text += row.back() + "\n";
+    text += rows[row][last];
+    text.erase(text.find_last_not_of(' ') + 1);
+    text += "\n";
   }
   return text;
 }

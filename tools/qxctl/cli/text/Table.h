@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,9 +13,12 @@ using TableRow = std::vector<std::string>;
 
 struct TableShape {
   std::size_t left = 1;  // that many columns begin at the left, those after them end at the right
+  // Paints a cell that has its width already; without it, cells stay as they are.
+  std::function<std::string(std::size_t row, std::size_t column, const std::string& cell)> paint = {};
 };
 
-// Rows of one size, with columns of equal width. The last column is as it is, so it may be painted.
+// Rows of one size, with columns of equal width and no blanks at the end. The last column is as it is, so it may be
+// painted already.
 [[nodiscard]] std::string TableText(const std::vector<TableRow>& rows, const TableShape& shape = {});
 
 // How many columns of a terminal a text takes, if none of its characters is wide.

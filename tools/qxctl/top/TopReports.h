@@ -1,0 +1,81 @@
+// All reports of a directory as they change: how many records come, and what the newest ones say.
+//
+// It reads header and sizes of each report in every round, and its newest records only if the header has changed.
+// Nothing is locked.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "reportfile/tools/ReportSurvey.h"
+#include "tools/qxctl/chart/RecordFields.h"
+
+namespace qx::ctl {
+
+using TopClock = std::chrono::steady_clock;
+
+inline constexpr std::uint32_t kTopValues = 24;  // numbers that are kept of a report
+
+// What the newest records of a report say.
+struct TopValue {
+  std::string field;  // empty: no field with a number
+  std::string text;   // the value of the field with its unit; without a field the text of the newest record
+  std::optional<double> number;
+  std::vector<double> numbers;  // of the newest records, the oldest first
+};
+
+// One report in one round.
+struct TopRow {
+  std::string name;
+  report::ReportStatus status;    // without processes
+  std::uint64_t new_records = 0;  // since the round before
+  std::optional<double> rate;     // records a second over the last minute; unset in its first round
+  TopValue value;
+};
+
+// Threads: one thread.
+class TopReports {
+ public:
+  // `field`: the one that is shown of each report; empty: the first one with a number. `rules`: how fields are found.
+  TopReports(std::string directory, std::string field, FieldRules rules);
+
+  // Reads the state of all reports of the directory.
+  void Poll(TopClock::time_point now);
+
+  // Of the last poll, in the order of names.
+  [[nodiscard]] const std::vector<TopRow>& Rows() const { return rows_; }
+  [[nodiscard]] const report::FoundReports& Found() const { return found_; }
+  // The sum of the rates.
+  [[nodiscard]] double Rate() const;
+
+ private:
+  struct Sample {
+    TopClock::time_point time;
+    std::uint64_t records;  // since the first round
+  };
+  // What is kept from round to round.
+  struct Known {
+    std::optional<report::IndexHeader> header;
+    std::optional<timespec> newest;
+    std::deque<Sample> samples;
+    TopValue value;
+  };
+
+  TopRow RowOf(const std::string& name, Known& known, TopClock::time_point now) const;
+  [[nodiscard]] TopValue ValueOf(const std::string& base_path) const;
+
+  std::string directory_;
+  std::string field_;
+  FieldRules rules_;
+  report::FoundReports found_;
+  std::vector<TopRow> rows_;
+  std::map<std::string, Known> known_;
+};
+
+}  // namespace qx::ctl
