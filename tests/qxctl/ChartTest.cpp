@@ -388,8 +388,10 @@ TEST_F(QxctlCharts, FieldsOfColumnsHaveTheirNumbers) {
 TEST_F(QxctlCharts, FieldsOfSeveralReportsHaveHeadings) {
   MakeReport("load", 9, {"a=1"});
   MakeReport("disk", 9, {"b=x"});
-  EXPECT_EQ(Run({"report", "cat", "load", "disk", "--fields"}).out,
-            "load:\nfield  type     value\na      integer  1\ndisk:\nfield  type  value\nb      text  x\n");
+  const std::string tables =
+      "load:\nfield  type     value\na      integer  1\ndisk:\nfield  type  value\nb      text  x\n";
+  EXPECT_EQ(Run({"report", "cat", "load", "disk", "--fields"}).out, tables);
+  EXPECT_EQ(Run({"fetch", "load", "disk", "--fields"}).out, tables);
 }
 
 TEST_F(QxctlCharts, RecordWithoutFieldsIsAFinding) {

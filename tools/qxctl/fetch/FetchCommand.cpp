@@ -37,6 +37,7 @@ struct Options {
   Slice slice;
   std::optional<std::int32_t> chunk_records;
   bool json = false;
+  bool are_several = false;  // reports
 };
 
 constexpr double kMega = 1e6;
@@ -119,6 +120,7 @@ class RecordTarget {
   // none.
   Status Finish(bool reached_end) {
     if (Status status = records_.Finish(); !status.IsOk()) return status;
+    if (Status status = printer_.ShowFields(options_.report, options_.are_several); !status.IsOk()) return status;
     if (Status status = printer_.Finish(options_.report); !status.IsOk()) return status;
     return HasFile() && reached_end ? file_.Commit() : Status();
   }
@@ -247,8 +249,8 @@ Status Fetch(Context& context, const Values& values) {
   if (Status status = CheckRecordPrintOptions(options.print); !status.IsOk()) return status;
   if (Status status = SliceOf(values, options.slice); !status.IsOk()) return status;
   const bool is_all = values.Flag("--all");
-  const bool are_several = is_all || arguments.reports.size() > 1;
-  if (Status status = are_several ? CheckSeveral(options) : Status(); !status.IsOk()) return status;
+  options.are_several = is_all || arguments.reports.size() > 1;
+  if (Status status = options.are_several ? CheckSeveral(options) : Status(); !status.IsOk()) return status;
   const InterruptGuard guard;
   std::unique_ptr<ModuleHost> module;
   if (Status status = LoadModule(options.call, context.traces, module); !status.IsOk()) return status;
@@ -257,7 +259,7 @@ Status Fetch(Context& context, const Values& values) {
     options.report = report.text;
     Status found = is_all ? Status() : FindReportName(report.text, options.report);
     if (!found.IsOk()) return found;
-    if (are_several && !directory.empty()) {
+    if (options.are_several && !directory.empty()) {
       MakeSubdirectories(directory, options.report);
       options.output = directory + "/" + options.report;
     }
