@@ -85,6 +85,7 @@ class RawBlock {
   // Texts may be null.
   krx_authorization_data* Authorization(const char* user_id, const std::vector<BlockDepartment>& departments) {
     std::vector<krx_department*> kept;
+    kept.reserve(departments.size());
     for (const BlockDepartment& department : departments) kept.push_back(KeepDepartment(department));
     return Keep(krx_authorization_data{TextOrNull(user_id), CountOf(kept), 0, KeepArray(kept)});
   }
@@ -129,6 +130,7 @@ class RawBlock {
 
   krx_department* KeepDepartment(const BlockDepartment& department) {
     std::vector<const char*> names;
+    names.reserve(department.privileges.size());
     for (const char* const privilege : department.privileges) names.push_back(TextOrNull(privilege));
     return Keep(krx_department{TextOrNull(department.name), CountOf(names), 0, KeepArray(names)});
   }
