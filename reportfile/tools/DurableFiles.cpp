@@ -11,6 +11,7 @@
 #include <new>
 #include <vector>
 
+#include "base/tools/FilePlace.h"
 #include "reportfile/DirectoryCursor.h"
 #include "reportfile/StoreIo.h"
 #include "reportfile/tools/ByteSource.h"
@@ -22,6 +23,23 @@ namespace {
 constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
 constexpr int kNameTriesMax = 100;
 constexpr int kLinksMax = 40;  // as many as the kernel follows
+
+// The directory that contains `path`. A symbolic link of another user would choose where root makes files: ELOOP.
+int OpenAbove(const std::string& path, file::Descriptor& above) {
+  FilePlace place;
+  const ReplaceResult found = FindPlace(path, LinkRule::kTrusted, place);
+  above = std::move(place.directory);
+  switch (found.state) {
+    case ReplaceState::kDone:
+      return 0;
+    case ReplaceState::kForeignLink:
+      return ELOOP;
+    case ReplaceState::kFailed:
+      return found.error;
+    default:
+      return ENOENT;
+  }
+}
 
 // A directory on the way down: its name in the one above it, and the entries that are still to be removed.
 struct Level {
@@ -240,9 +258,9 @@ CopiedFile CopyRegularFile(const std::string& name, int directory, const std::st
   return copy;
 }
 
-PrivateDirectory::PrivateDirectory(const std::string& prefix)
-    : path_(WithRandomEnd(prefix)), above_(file::Open(file::DirectoryOf(prefix).c_str(), O_PATH | O_DIRECTORY)) {
-  error_ = above_.IsOpen() ? EEXIST : errno;
+PrivateDirectory::PrivateDirectory(const std::string& prefix) : path_(WithRandomEnd(prefix)) {
+  error_ = OpenAbove(prefix, above_);
+  if (error_ == 0) error_ = EEXIST;
   for (int tries = 0; error_ == EEXIST && tries < kNameTriesMax; ++tries) {
     if (tries > 0) path_ = WithRandomEnd(prefix);
     name_ = file::NameOf(path_);

@@ -120,7 +120,8 @@ struct CopiedFile {
                                          int new_directory, const struct stat* like = nullptr);
 
 // A new directory, mode 0700, whose name is the prefix and six random characters; removed with everything in it at the
-// end of the scope unless it was renamed. Symbolic links in it are removed, not followed.
+// end of the scope unless it was renamed. Symbolic links in it are removed, not followed. It is not made where a link
+// of another user leads (ELOOP).
 //
 // Owns: the open directory, and the open directory that contains it.
 class PrivateDirectory {
@@ -134,6 +135,8 @@ class PrivateDirectory {
   [[nodiscard]] const std::string& Path() const { return path_; }
   // The open directory. [any thread]
   [[nodiscard]] int Number() const { return directory_.Number(); }
+  // The open directory that contains it. [any thread]
+  [[nodiscard]] int Above() const { return above_.Number(); }
   // 0, or why it could not be made. [any thread]
   [[nodiscard]] int Error() const { return error_; }
   // Renames it to `name` in the same directory, where there is nothing or an empty directory, and keeps it. Returns the

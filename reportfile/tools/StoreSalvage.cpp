@@ -269,6 +269,8 @@ SalvageCounts SalvageRecords(ByteSource& index, ByteSource& data, bool with_unin
 
 namespace {
 
+const char kStoreName[] = "store";  // in the private directory
+
 SalvageResult Failed(std::string file, int error) {
   SalvageResult result;
   result.state = SalvageState::kFailed;
@@ -328,18 +330,21 @@ SalvageResult WriteNewStore(SourceFile& index, SourceFile& data, bool with_unind
   return error == 0 ? result : Failed(base_path, error);
 }
 
-// The data file first, so that there is never an index file without its data file.
-int PutInPlace(const std::string& from, const std::string& to) {
-  for (const auto& name : {DataFileName, IndexFileName}) {
-    if (const int error = SyncName(name(from))) return error;
+// Renames the new store to `name` next to its private directory. The data file first, so that there is
+// never an index file without its data file.
+int PutNextTo(const PrivateDirectory& directory, const std::string& name) {
+  for (const auto& file : {DataFileName, IndexFileName}) {
+    if (const int error = SyncName(file(kStoreName), directory.Number())) return error;
   }
-  if (const int error = file::RenameWithoutReplacing(DataFileName(from).c_str(), DataFileName(to).c_str()))
-    return error;
-  if (const int error = file::RenameWithoutReplacing(IndexFileName(from).c_str(), IndexFileName(to).c_str())) {
-    (void)file::Remove(DataFileName(to).c_str());  // a file of this call
+  for (const auto& file : {DataFileName, IndexFileName}) {
+    const int error = file::RenameWithoutReplacing(file(kStoreName).c_str(), file(name).c_str(), directory.Number(),
+                                                   directory.Above());
+    if (error == 0) continue;
+    const bool is_data_there = file == IndexFileName;
+    if (is_data_there) (void)file::Remove(DataFileName(name).c_str(), 0, directory.Above());  // a file of this call
     return error;
   }
-  return file::SyncDirectory(file::DirectoryOf(to).c_str());
+  return directory.SyncAbove();
 }
 
 }  // namespace
@@ -362,13 +367,12 @@ SalvageResult SalvageStore(const std::string& source, const std::string& target,
   }
   const PrivateDirectory directory(target + ".salvage-");
   if (directory.Error() != 0) return Failed(directory.Path(), directory.Error());
-  const std::string base_path = directory.Path() + "/store";
-  result = WriteNewStore(index, data, with_unindexed, base_path);
+  result = WriteNewStore(index, data, with_unindexed, PathIn(directory.Path(), kStoreName));
   if (result.state != SalvageState::kDone) return Failed(target, result.error);
   for (const SourceFile* const file : {&index, &data}) {
     if (file->Error() != 0) return Failed(file->path, file->Error());  // a read failed: the result is not complete
   }
-  const int error = PutInPlace(base_path, target);
+  const int error = PutNextTo(directory, file::NameOf(target));
   return error == 0 ? result : Failed(target, error);
 }
 

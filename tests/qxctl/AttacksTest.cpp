@@ -154,6 +154,26 @@ TEST_F(AttacksOnQxctl, LinkOfAUserDoesNotLeadToRootsFile) {
   ExpectRootsFileUntouched();
 }
 
+TEST_F(AttacksOnQxctl, LinkOfAUserToADirectoryLeadsToNothingNewThere) {
+  fs::create_directories(Dir().File("Reports/disk/sub"));
+  MakeReport("disk/sda", 9, {"one"});
+  MakeReport("disk/sub/sda", 9, {"one"});
+  const std::string directory = Dir().File("rootsdir");
+  fs::create_directory(directory);
+  const std::string link = Dir().File("out/disk");
+  ASSERT_TRUE(AsOrdinaryUser([&] { return symlink(directory.c_str(), link.c_str()) == 0; }));
+  const std::vector<std::vector<std::string>> commands = {{"fetch", "--all", "-o", "out"},
+                                                          {"report", "salvage", "--all", "--into", "out"},
+                                                          {"report", "salvage", "load", "--into", "out/disk/saved"},
+                                                          {"report", "backup", "out/disk/copy"}};
+  for (const std::vector<std::string>& command : commands) {
+    const Ran ran = Qxctl(command);
+    EXPECT_NE(ran.code, 0) << testing::PrintToString(command);
+    EXPECT_THAT(ran.err, HasSubstr("make the link again as root")) << testing::PrintToString(command);
+    EXPECT_TRUE(fs::is_empty(directory)) << testing::PrintToString(command);
+  }
+}
+
 TEST_F(AttacksOnQxctl, LinkOfAUserToRootsFileIsNotRead) {
   const std::string path = HisLink("request.xml");
   for (const std::vector<std::string>& command : Readers(path)) ExpectLinkRefused(command);

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "base/File.h"
+#include "base/tools/FilePlace.h"
 #include "reportfile/tools/ReportSurvey.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/store/MissingReport.h"
@@ -46,7 +47,9 @@ Status ReportsOf(const Values& values, Output& output, ReportArguments& argument
 
 void MakeSubdirectories(const std::string& directory, const std::string& name) {
   for (std::size_t slash = name.find('/'); slash != std::string::npos; slash = name.find('/', slash + 1)) {
-    (void)file::MakeDirectory((directory + "/" + name.substr(0, slash)).c_str(), 0777);
+    FilePlace place;
+    if (!FindPlace(directory + "/" + name.substr(0, slash), LinkRule::kTrusted, place).IsDone()) return;
+    (void)file::MakeDirectory(place.name.c_str(), 0777, place.directory.Number());
   }
 }
 
