@@ -152,6 +152,7 @@ TEST(RelayPlace, TheTableOfMarksHolds) {
       {"message contradicted, state later", wrong, other_proven, {2, 16, 0}},
       {"message contradicted, state overwritten", wrong, other_gone, {2, 11, 1010}},
       {"message contradicted, state proven: restored", wrong, proven_22, {0, 16, 0}},
+      {"message contradicted, state of the same life overwritten", wrong, gone_11, {0, 16, 0}},
       {"both contradicted", wrong, other_wrong, {0, 16, 0}},
       {"message overwritten, state contradicted", gone_9, other_wrong, {0, 16, 0}},
       {"message overwritten, no state", gone_9, std::nullopt, {1, 9, 1008}},

@@ -52,8 +52,8 @@ struct UnitText {
 };
 
 constexpr UnitText kTimes[] = {{"ms", 1}, {"s", 1000}, {"min", 60'000}, {"h", 3'600'000}, {"d", 86'400'000}};
-constexpr UnitText kSizes[] = {
-    {"", 1}, {"KiB", 1024}, {"MiB", 1024 * 1024}, {"GiB", std::uint64_t{1024} * 1024 * 1024}};
+constexpr std::uint64_t kMiB = 1'048'576;
+constexpr UnitText kSizes[] = {{"", 1}, {"KiB", 1024}, {"MiB", kMiB}, {"GiB", 1024 * kMiB}};
 
 // "5 s" => 5000 with kTimes. Unset for another unit, and beyond 2^53.
 std::optional<std::uint64_t> Measure(std::string_view text, std::span<const UnitText> units) {
@@ -132,7 +132,7 @@ const std::vector<KeyRow>& Rows() {
            [](RelayConfig & c) -> auto& { return c.stream.age; }, seconds(4), seconds(3650 * 86400))},
       {"stream", "bytes",
        Size<std::uint64_t>(
-           [](RelayConfig & c) -> auto& { return c.stream.bytes; }, 1024 * 1024, std::uint64_t{1} << 50U)},
+           [](RelayConfig & c) -> auto& { return c.stream.bytes; }, kMiB, std::uint64_t{1} << 50U)},
       {"stream", "replicas",
        Size<std::uint32_t>(
            [](RelayConfig & c) -> auto& { return c.stream.replicas; }, 1, 5)},
@@ -148,7 +148,7 @@ const std::vector<KeyRow>& Rows() {
            [](RelayConfig & c) -> auto& { return c.send.linger; }, milliseconds(0), seconds(60))},
       {"send", "batch_bytes",
        Size<std::size_t>(
-           [](RelayConfig & c) -> auto& { return c.send.batch_bytes; }, 1, 1024 * 1024)},
+           [](RelayConfig & c) -> auto& { return c.send.batch_bytes; }, 1, kMiB)},
       {"send", "poll",
        Time<milliseconds>(
            [](RelayConfig & c) -> auto& { return c.send.poll; }, milliseconds(1), seconds(10))},

@@ -42,7 +42,7 @@ struct SendSettings {
   std::vector<std::string> include = {"*"};  // patterns of report names; "*" also matches "/"
   std::vector<std::string> exclude;
   std::chrono::milliseconds linger{100};     // how long the first of the gathered records waits for others
-  std::size_t batch_bytes = 64 * 1024;       // of records, for a message
+  std::size_t batch_bytes = 65'536;          // of records, for a message
   std::chrono::milliseconds poll{20};        // how often a report that is being written is checked
   std::chrono::milliseconds poll_idle{250};  // how often others are
   std::chrono::milliseconds spread{30000};   // starts and reconnects are spread over this time

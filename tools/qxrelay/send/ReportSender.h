@@ -35,7 +35,7 @@ struct SenderTimes {
   TimeMs poll_idle = 250;   // of another one
   TimeMs timeout = 5000;    // for an acknowledgement or a look-up
   TimeMs heartbeat = 3600;  // between two messages of a report
-  std::uint64_t batch_bytes = 64 * 1024;
+  std::uint64_t batch_bytes = 65'536;
 };
 
 enum class ActionKind : std::uint8_t {

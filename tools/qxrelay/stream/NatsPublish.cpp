@@ -186,8 +186,8 @@ std::optional<std::string> NatsPublish::Connect() {
 
 nats::Handlers NatsPublish::Parts::HandlersOf(void* closure) {
   return {.on_error =
-              [](natsConnection* connection, natsSubscription*, natsStatus status, void* where) {
-                if (const auto parts = Parts::Find(where)) parts->OnProblem(connection, status);
+              [](natsConnection* from, natsSubscription*, natsStatus status, void* where) {
+                if (const auto parts = Parts::Find(where)) parts->OnProblem(from, status);
               },
           .on_closed =
               [](natsConnection*, void* where) {
