@@ -182,7 +182,7 @@ TEST_F(RelaySendProcess, RecordsReachTheStreamAndASigtermEndsInOrder) {
   EXPECT_EQ(sender_->End(SIGTERM), 0);
   EXPECT_LT(steady_clock::now() - begin, milliseconds(5000));
   EXPECT_THAT(Log(), HasSubstr("1 reports, 7 records sent, 0 lost"));
-  EXPECT_TRUE(qx::test::Exists(dir_.File("state/reports/load")));
+  EXPECT_THAT(qx::test::ReadFile(dir_.File("state/reports/load")), HasSubstr("\nnext 7\n"));
 }
 
 TEST_F(RelaySendProcess, KilledSendersAndServersLoseAndRepeatNothing) {

@@ -477,6 +477,28 @@ TEST_F(RelaySender, WhileAStreamRefusesThereIsNoBusyLoop) {
   ExpectAll();
 }
 
+TEST_F(RelaySender, AReportWithoutNewsIsNotOpenedAtEveryPoll) {
+  wall_jump_ = 900'000'000'000;  // the files are old
+  Append(3);
+  Start();
+  Run(3000);
+  const std::uint64_t opens = context_->counters.opens;
+  Run(20000);
+  EXPECT_LT(context_->counters.opens - opens, 20U) << "400 polls";
+  for (int i = 0; i < 5; ++i) {
+    Append(1);
+    Run(100);
+    ExpectAll();
+    Run(2000);
+  }
+  qx::test::WriteFile(Path("load") + ".ind", "");
+  qx::test::WriteFile(Path("load") + ".dat", "");
+  Append(1);
+  Run(100);
+  EXPECT_EQ(Received().records, written_);
+  EXPECT_EQ(Received().incarnations.size(), 2U);
+}
+
 TEST_F(RelaySender, AClockThatJumpsChangesNothing) {
   Append(1);
   Start();

@@ -6,6 +6,8 @@
 #include <limits>
 #include <utility>
 
+#include "base/File.h"
+#include "reportfile/StoreFormat.h"
 #include "reportfile/tools/DurableFiles.h"
 #include "reportfile/tools/RecordOverlap.h"
 #include "tools/qxrelay/message/Subject.h"
@@ -19,6 +21,8 @@ constexpr TimeMs kLookUpWaitMs = 5;
 constexpr TimeMs kSaveMs = 10'000;
 constexpr TimeMs kNever = std::numeric_limits<TimeMs>::max();
 constexpr std::size_t kLengthBytesMax = 5;
+constexpr TimeMs kSeenMs = 5000;
+constexpr std::int64_t kSettledMs = 3000;
 
 std::string SubjectOf(const SendContext& context, const std::string& report) {
   const Subject subject = {.branch = Branch::kReport, .host = context.host, .report = report};
@@ -64,8 +68,9 @@ ReportWork::ReportWork(SendContext& context, std::string report, std::size_t own
       owner_(owner),
       report_(std::move(report)),
       subject_(SubjectOf(context, report_)),
+      path_(report::PathIn(context.directory, report_)),
       sender_(context.times, context.random),
-      reader_(report::PathIn(context.directory, report_)) {}
+      reader_(path_) {}
 
 void ReportWork::Step(TimeMs now) {
   for (int i = 0; i < kActionsMax; ++i) {
@@ -152,6 +157,7 @@ void ReportWork::FindItsPlace(TimeMs now) {
     }
   }
   held_.reset();
+  seen_.reset();
   known_.mark = mark;
   sender_.Placed(now, mark);
   if (saved_.mark.incarnation != mark.incarnation) Save();  // before the first message of an incarnation
@@ -163,7 +169,9 @@ void ReportWork::Examine(TimeMs now) {
     RecordRun run = *std::exchange(held_, std::nullopt);
     return SendRun(now, std::move(run));
   }
-  const Examination found = Look();
+  const bool is_as_seen = IsAsLastSeen(now);
+  const Examination found = is_as_seen ? seen_->found : Look();
+  if (!is_as_seen) RememberSeen(now, found);
   const Action action = sender_.Examined(now, found);
   if (found.error != 0) Trouble(TextOfStoreError(found.error));
   if (action.kind == ActionKind::kWait) wake_ = action.until;
@@ -175,8 +183,33 @@ void ReportWork::Examine(TimeMs now) {
   reader_.Close();
 }
 
+// A report without news is not opened at every poll. Times prove nothing about which store it is, but an index file
+// whose times and size are the same was not written, if its time was old already when it was seen: two writes within
+// one tick of the file system's clock have one time. Nothing relies on it for longer than some seconds.
+bool ReportWork::IsAsLastSeen(TimeMs now) {
+  struct stat status = {};
+  if (!seen_.has_value() || now >= seen_->until) return false;
+  if (file::StatusOf(report::IndexFileName(path_).c_str(), status) != 0) return false;
+  return file::IsUnchanged(status, seen_->status);
+}
+
+void ReportWork::RememberSeen(TimeMs now, const Examination& found) {
+  seen_.reset();
+  Seen seen = {.found = found, .status = {}, .until = now + kSeenMs};
+  const bool has_nothing =
+      found.error == 0 && found.proof == Proof::kProven && found.sendable.end == sender_.Position().next;
+  if (!has_nothing || file::StatusOf(report::IndexFileName(path_).c_str(), seen.status) != 0) return;
+  const std::int64_t written_ms = std::int64_t{seen.status.st_mtim.tv_sec} * 1000;
+  if (context_.wall_ms() - written_ms < kSettledMs) return;
+  // What was written between the look and this status must not be taken for seen.
+  report::IndexHeader header = reader_.View().header;
+  const Examination again = Look();
+  if (again.error == 0 && reader_.View().header == header) seen_ = seen;
+}
+
 Examination ReportWork::Look() {
   Examination found;
+  ++context_.counters.opens;
   found.error = reader_.Open();
   if (found.error != 0) return found;
   const Mark& position = sender_.Position();

@@ -3,6 +3,8 @@
 // It opens the store for each step, so it always sees the files that have the path now, and no file stays open.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -49,12 +51,21 @@ class ReportWork {
     std::vector<std::uint64_t> hashes;  // of its last records
   };
 
+  // The index file as it was when the store had nothing to send.
+  struct Seen {
+    Examination found;
+    struct stat status = {};
+    TimeMs until = 0;  // then the store is opened whatever the file looks like
+  };
+
   void Act(TimeMs now, const Action& action);
   void LookUp(TimeMs now);
   void ReleaseLookUp();
   void FindItsPlace(TimeMs now);
   void Examine(TimeMs now);
   [[nodiscard]] Examination Look();
+  [[nodiscard]] bool IsAsLastSeen(TimeMs now);
+  void RememberSeen(TimeMs now, const Examination& found);
   void SendRecords(TimeMs now);
   void SendGap(TimeMs now, std::uint64_t oldest);
   void SendRun(TimeMs now, RecordRun run);
@@ -75,9 +86,11 @@ class ReportWork {
   std::size_t owner_;
   std::string report_;
   std::string subject_;
+  std::string path_;
   ReportSender sender_;
   RunReader reader_;
-  RecordRange range_;              // of the last look
+  RecordRange range_;  // of the last look
+  std::optional<Seen> seen_;
   std::optional<Mark> newest_;     // of the newest message
   std::optional<RecordRun> held_;  // records after the gap that is in flight
   std::optional<InFlight> in_flight_;

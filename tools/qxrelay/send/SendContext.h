@@ -28,6 +28,7 @@ struct SenderCounters {
   std::uint64_t incarnations = 0;  // begun
   std::uint64_t foreign = 0;       // newest messages that are not messages of the relay
   std::uint64_t connects = 0;
+  std::uint64_t opens = 0;  // of stores, to look for records
 };
 
 // Threads: one thread. Owns: nothing; everything outlives the sender.

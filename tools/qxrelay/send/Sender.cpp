@@ -74,8 +74,8 @@ TimeMs Sender::Step(TimeMs now) {
   if (has_stopped_) return wake;
   watch_.Step(now);
   wake = std::min(wake, watch_.Wake());
-  if (may_announce_) about_.Step(now);
-  if (may_announce_) wake = std::min(wake, about_.Wake());
+  about_.Step(now);
+  if (about_.IsSet()) wake = std::min(wake, about_.Wake());
   for (const auto& entry : works_) {
     if (entry->work.Wake() <= now) entry->work.Step(now);
     entry->names.Step(now);
@@ -120,7 +120,6 @@ void Sender::OnRival(TimeMs now, Rival rival) {
     rival = Rival::kNone;
   }
   if (rival == Rival::kNone) {
-    may_announce_ = true;
     about_.Set(now, AboutMessage());
     return;
   }

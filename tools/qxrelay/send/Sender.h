@@ -71,7 +71,7 @@ class Sender {
   std::vector<std::string> labels_;
   std::vector<std::unique_ptr<Entry>> works_;  // owner n of a token is at n - 1
   std::set<std::string> known_;                // the names of reports, also of those that cannot be relayed
-  SideMessage about_;
+  SideMessage about_;                          // set once no other sender was found
   HostWatch watch_;
   std::vector<StreamReply> replies_;
   TimeMs connect_at_;
@@ -79,7 +79,6 @@ class Sender {
   std::uint32_t connect_failures_ = 0;
   bool is_connected_ = false;
   bool is_stopping_ = false;
-  bool may_announce_ = false;     // no other sender was found: the labels may be sent
   bool has_stopped_ = false;      // for good, because of another sender
   std::set<std::string> logged_;  // problems that are logged once; a bounded number of them
 };
