@@ -77,6 +77,7 @@ TEST(RecordFields, NamesWithValues) {
        "gr\xC3\xB6\xC3\x9F"
        "e integer 5 | disk/sda integer 7kB/s | cpu% integer 3"},
       {"a=1 a=2 b=x b=3", "a integer 1 | b text x"},
+      {"(a=1) (b=f(x)) [c=x]", "a integer 1 | b text f(x) | c text x"},
       {"", ""},
       {"no fields here", ""},
       {"=5 :6 7", ""},
