@@ -84,7 +84,9 @@ TEST_F(ModuleLifecycle, ThousandLoadsAndUnloadsLeakNothing) {
       grown << "descriptors " << before.descriptors << " => " << after.descriptors << "\n";
     }
     // A sanitizer keeps freed memory and its own records of every load; only its leak check at the end is useful.
-    if (!kSanitized && !kCountsCoverage && after.mappings != before.mappings) {
+    // The kernel may split or join a few neighbouring ones; what each load left would be a thousand.
+    constexpr std::size_t kSplitMax = 4;
+    if (!kSanitized && !kCountsCoverage && after.mappings > before.mappings + kSplitMax) {
       grown << "mappings " << before.mappings << " => " << after.mappings << "\n";
     }
     if (!kSanitized && after.heap_bytes > before.heap_bytes + 4096) {
