@@ -141,6 +141,25 @@ TEST_F(QxctlOutput, SeverityIsColouredInEveryCommand) {
   EXPECT_THAT(Run({"fetch", "load", "--color", "always"}).err, HasSubstr("\033[33mqxctl:\033[0m warning: "));
 }
 
+TEST_F(QxctlOutput, OutcomesOfTrialsAreColoured) {
+  const auto colored = [this](const std::vector<std::string>& command) {
+    return Run(With(command, {"--color", "always"})).out;
+  };
+  EXPECT_THAT(colored({"module", "faults", "order/version"}),
+              testing::StartsWith("\033[32mok\033[0m       order/version "));
+  ASSERT_EQ(Run({"module", "record", "call.json", "what"}).code, 0);
+  EXPECT_EQ(colored({"module", "replay", "call.json"}), "call.json: What \033[32mas recorded\033[0m\n");
+  std::string call = ReadFile(Dir().File("call.json"));
+  const std::string result = "\"result\": 0";
+  ASSERT_NE(call.find(result), std::string::npos) << call;
+  WriteFile(Dir().File("call.json"), call.replace(call.find(result), result.size(), "\"result\": 1"));
+  EXPECT_THAT(colored({"module", "replay", "call.json"}),
+              testing::StartsWith("call.json: What \033[1;31mdiffers\033[0m\n"));
+  const std::string loaded = colored({"module", "load-test", "--requests", "10"});
+  EXPECT_THAT(loaded, HasSubstr("failures      \033[32m0\033[0m\n"));
+  EXPECT_THAT(loaded, HasSubstr("unload        \033[32mthe module is unmapped\033[0m\n"));
+}
+
 TEST_F(QxctlOutput, PipeGetsNoColour) {
   EXPECT_EQ(Run(verify_).out, "Reports/load: sound, 1 record\n");
   EXPECT_THAT(Run(missing_).err, Not(HasSubstr(kEscape)));

@@ -117,14 +117,22 @@ class FaultPlace {
 
 // --- output
 
-std::string ToText(const std::vector<FaultResult>& results) {
+constexpr std::size_t kNameColumn = 9;
+constexpr std::size_t kDescriptionColumn = 42;
+
+Style StyleOf(Verdict verdict) {
+  if (verdict == Verdict::kOk) return Style::kGood;
+  return verdict == Verdict::kFinding ? Style::kBad : Style::kWarning;
+}
+
+std::string ToText(const std::vector<FaultResult>& results, const Output& output) {
   std::string text;
   for (const FaultResult& result : results) {
-    std::string line = std::string(NameOf(result.verdict)) + "  ";
-    line.resize(9, ' ');
+    const std::string verdict = NameOf(result.verdict);
+    std::string line(kNameColumn - verdict.size(), ' ');
     line += std::string(result.fault->group) + "/" + result.fault->name;
-    line.resize(std::max<std::size_t>(line.size(), 42), ' ');
-    text += line + "  " + result.fault->description + "\n";
+    line.resize(std::max<std::size_t>(line.size(), kDescriptionColumn - verdict.size()), ' ');
+    text += output.Paint(StyleOf(result.verdict), verdict) + line + "  " + result.fault->description + "\n";
     if (result.verdict == Verdict::kFinding) text += "         expected  " + Visible(result.fault->expected) + "\n";
     if (result.verdict != Verdict::kOk) text += "         outcome   " + Visible(result.outcome) + "\n";
   }
@@ -229,7 +237,8 @@ Status Faults(Context& context, const Values& values) {
   if (Status status = TryAll(context, options, module, results, cases); !status.IsOk()) return status;
   const Status status = StatusOf(results);
   return ShowResult(
-      context, values, [&] { return ToJson(results, status); }, [&] { return ToText(results); }, status);
+      context, values, [&] { return ToJson(results, status); }, [&] { return ToText(results, context.output); },
+      status);
 }
 
 std::vector<Offer> Cases(const Context&, const OfferRequest&) {

@@ -143,12 +143,16 @@ std::string MemoryText(const LoadResult& result) {
               megabytes(result.memory_start.in_use_bytes), megabytes(result.memory_end.in_use_bytes));
 }
 
-std::string ReportText(const Options& options, const LoadReport& report) {
+std::string Judged(const Output& output, bool is_good, const std::string& text) {
+  return output.Paint(is_good ? Style::kGood : Style::kBad, text);
+}
+
+std::string ReportText(const Options& options, const LoadReport& report, const Output& output) {
   const LoadResult& result = report.result;
   const double rate = result.seconds > 0 ? static_cast<double>(result.requests) / result.seconds : 0;
   std::string text = Text("requests      %llu in %.2f s by %u threads, after %llu to warm up\n", Wide(result.requests),
                           result.seconds, options.plan.threads, Wide(result.warm_up_requests)) +
-                     Text("failures      %llu\n", Wide(result.failures)) +
+                     "failures      " + Judged(output, result.failures == 0, std::to_string(result.failures)) + "\n" +
                      Text("rate          %.1f requests/s\n", rate);
   text += "latency       p50 " + TimeText(result.latency.Percentile(0.5)) + ", p90 " +
           TimeText(result.latency.Percentile(0.9)) + ", p99 " + TimeText(result.latency.Percentile(0.99)) + ", p99.9 " +
@@ -156,7 +160,8 @@ std::string ReportText(const Options& options, const LoadReport& report) {
   text += HistogramText(result.latency) + MemoryText(result);
   text += Text("descriptors   %zu before the load, %zu at the start, %zu at the end, %zu after the unload\n",
                report.descriptors_before, result.descriptors_start, result.descriptors_end, report.descriptors_after);
-  return text + "unload        " + (report.is_unmapped ? "the module is unmapped" : "still mapped") + "\n";
+  const char* const unload = report.is_unmapped ? "the module is unmapped" : "still mapped";
+  return text + "unload        " + Judged(output, report.is_unmapped, unload) + "\n";
 }
 
 Json LatencyToJson(const LatencyHistogram& latency) {
@@ -206,7 +211,7 @@ Status Show(Context& context, const Values& values, const Options& options, cons
   const Status status = StatusOf(report);
   Status shown = ShowResult(
       context, values, [&] { return ReportToJson(options, report, status); },
-      [&] { return ReportText(options, report); }, status);
+      [&] { return ReportText(options, report, context.output); }, status);
   if (!values.Flag("--json")) {
     for (const std::string& failure : report.result.first_failures) context.output.Note(Visible(failure));
   }

@@ -146,10 +146,12 @@ std::string Indented(const std::string& lines) {
   return text;
 }
 
-std::string ToText(const std::vector<Replayed>& replayed) {
+std::string ToText(const std::vector<Replayed>& replayed, const Output& output) {
   std::string text;
   for (const Replayed& call : replayed) {
-    text += Visible(call.file) + ": " + call.function + (call.differences.empty() ? " as recorded\n" : " differs\n");
+    text += Visible(call.file) + ": " + call.function + " ";
+    text += call.differences.empty() ? output.Paint(Style::kGood, "as recorded") : output.Paint(Style::kBad, "differs");
+    text += "\n";
     for (const std::string& difference : call.differences) text += Indented(difference) + "\n";
   }
   return text;
@@ -182,7 +184,8 @@ Status Replay(Context& context, const Values& values) {
   if (Status status = ReplayAll(*module, options, files, replayed); !status.IsOk()) return status;
   const Status status = StatusOf(replayed);
   return ShowResult(
-      context, values, [&] { return ToJson(replayed, status); }, [&] { return ToText(replayed); }, status);
+      context, values, [&] { return ToJson(replayed, status); }, [&] { return ToText(replayed, context.output); },
+      status);
 }
 
 constexpr Parameter kParameters[] = {
