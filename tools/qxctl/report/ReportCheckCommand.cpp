@@ -61,7 +61,7 @@ std::vector<std::string> RemarksOf(const StoreScan& scan) {
   }
   if (scan.cut_records != 0) {
     remarks.push_back(Counted(scan.cut_records, "record holds", "records hold") +
-                      " a line feed or a byte 0xFF, where readers end it");
+                      " a line feed or a byte 0xFF, where readers end " + (scan.cut_records == 1 ? "it" : "them"));
   }
   return remarks;
 }
