@@ -1,7 +1,8 @@
 // Loads and saves the registry, and compares with GLib's key file on the same content, with a plain dump by fprintf and
 // with plain copies of the same bytes. Also measures how loading grows with the content.
 //
-// A key file has the same texts, with one group for each key. Destroying the loaded tree is not timed.
+// GLib's key file has the same names and values, and one group for each registry key. Destroying the loaded tree is not
+// timed.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <malloc.h>

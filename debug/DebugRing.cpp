@@ -137,8 +137,8 @@ void CDebug::PutIntoRing(const Entry& entry) {
   }
 }
 
-// A line of the header block that a cycle begins with is dropped if the ring is too small for the block: the block
-// itself never wraps the ring.
+// While the header block of a new cycle is being written, the ring must not wrap again: a line that does not fit is
+// dropped.
 void CDebug::PutAfterWrap(Entry entry) {
   if (ring_.IsWrapping()) return;
   char kept[kEntryBytesMax];  // the header block is formatted where the entry is

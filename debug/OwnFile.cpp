@@ -27,8 +27,8 @@ OwnFile Failure(int error, bool is_refused = false) {
   return failure;
 }
 
-// True if members of a group that is not the process's own, or users of an access list, may read the file: the owner of
-// the directory may have chosen them (set-group-id, a default access list).
+// True if the file may be readable for others whom the directory's owner chose: through a group other than the
+// process's (set-group-id), or through a default access list. Also true if `stat` fails.
 bool HasForeignReaders(int descriptor) {
   struct stat status {};
   if (file::StatusOf(descriptor, status) != 0) return true;

@@ -41,9 +41,9 @@ bool WriteAll(int descriptor, const char* bytes, std::size_t size) noexcept {
   return !file::Write(descriptor, {bytes, size}).Failed();
 }
 
-// Opens the ring file or a new one; none with errno. A file of another size is removed from the directory, not cut:
-// another process may have it mapped, and a store after its end would kill that process. A creation that was killed
-// also leaves such a file, because the size is set last.
+// Opens the ring file, or creates one. On failure the descriptor is not open, and errno has the reason. A file of
+// another size is removed from the directory, not cut: another process may have it mapped, and a store after its end
+// would kill that process. A creation that was killed also leaves such a file, because the size is set last.
 file::Descriptor OpenOrCreate(const char* path, std::uint32_t size, bool& is_new) noexcept {
   OwnFile ring = OpenOwnFile(path, kRingFileMode, size);
   is_new = ring.is_new;

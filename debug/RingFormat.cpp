@@ -11,7 +11,7 @@ namespace {
 
 static_assert(kRingValueColumn + kRingValueChars + 2 == kRingLineBytes, "the value, the bar and the line feed");
 
-// Two digits at a time: the write position is formatted for every entry.
+// Two digits at a time, for speed: the write position is formatted for every entry.
 void PutPair(char* to, std::uint32_t number) {
   to[0] = static_cast<char>('0' + number / 10);
   to[1] = static_cast<char>('0' + number % 10);

@@ -24,8 +24,9 @@ class RecordWriter;
 
 // One report's store, open for writing, open for reading, or closed. Exported: the agents that keep reports use it.
 //
-// Threads: writeLine and readLine may be called from any thread at once; everything else belongs to the thread that
-// owns the object, while no other uses it. The lock protects this object only, not the files against other processes.
+// Threads: writeLine and readLine may be called from several threads at the same time; everything else belongs to the
+// thread that owns the object, while no other uses it. The lock protects this object only, not the files against other
+// processes.
 // Owns: both streams, which serve as handles; all access is positioned reads and writes on their descriptors.
 // Failure: a false or zero result, with errno set by the system call that failed, or ENOMEM; the store traces no
 // errors. No exception leaves it; the forced unwinding of a cancelled thread passes.

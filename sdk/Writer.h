@@ -31,7 +31,8 @@ inline constexpr std::size_t kRecordTextMax = 0x100000 - 3;
 
 // The one writer of a report.
 //
-// Threads: Append may be called from any thread at once, and a batch stays together; the rest belongs to one thread.
+// Threads: Append may be called from several threads at the same time, and a batch stays together; the rest belongs to
+// one thread.
 // Owns: the report's files and their advisory lock, until Close or the end of the scope.
 // Failure: an Error. No exception leaves the class. A refused call has written nothing.
 class Writer {

@@ -3,8 +3,8 @@
  * It is that of sdk/Writer.h and sdk/Reader.h, with the same rules and the same errors. Every function that can fail
  * returns a code, QXREPORT_OK or one of the others, and fills `error` unless that is null. Paths and texts are bytes.
  *
- * Threads: qxreport_append and qxreport_append_many may be called from any thread at once; the other calls on one
- * object belong to one thread at a time.
+ * Threads: qxreport_append and qxreport_append_many may be called from several threads at the same time; the other
+ * calls on one object belong to one thread at a time.
  */
 #ifndef QX_SDK_QXREPORT_H
 #define QX_SDK_QXREPORT_H

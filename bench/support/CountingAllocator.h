@@ -1,5 +1,7 @@
 // How much memory is allocated in the process now, and the peak since the last reset. In a program that links
 // CountingAllocator.cpp, every malloc, calloc, realloc, free and new counts, also those of the libraries it loads.
+// Exception: an over-aligned allocation (aligned_alloc, posix_memalign, new with std::align_val_t) is not added when it
+// is made, but is subtracted when it is freed.
 #pragma once
 
 #include <cstddef>

@@ -33,7 +33,8 @@ struct AppendedRecords {
   int error = 0;  // the error number; 0: all are stored
 };
 
-// Threads: Append may be called from any thread at once; it holds the store's lock. The rest belongs to one thread.
+// Threads: Append may be called from several threads at the same time; it holds the store's lock. The rest belongs to
+// one thread.
 // Owns: buffers of at most 300 KiB. Borrows the store, which must outlive it.
 // Failure: an error number. A record that is not stored leaves header and slots as writeLine does.
 class RecordWriter {

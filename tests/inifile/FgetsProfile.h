@@ -1,4 +1,5 @@
-// The reading primitive in its plainest form, fgets and C strings: the oracle of the windowed reader.
+// The reading primitive in its plainest form, fgets and C strings, with which the tests compare the results of the
+// windowed reader.
 #pragma once
 
 #include <cstdio>

@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::chrono::seconds kStartMax{20};
 
-// Asks again until it is true.
+// Tests the condition every 5 ms until it is true; throws after kStartMax, naming `what`.
 template <typename Condition>
 void WaitFor(const char* what, Condition condition) {
   const auto end = std::chrono::steady_clock::now() + kStartMax;
