@@ -126,9 +126,13 @@ bool HasCarriageReturns(std::string_view bytes) {
   });
 }
 
-std::string WithoutCarriageReturns(std::string bytes) {
-  for (std::size_t at = bytes.find("\r\n"); at != std::string::npos; at = bytes.find("\r\n", at)) bytes.erase(at, 1);
-  return bytes;
+std::string WithoutCarriageReturns(std::string_view bytes) {
+  std::string text;
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    const bool ends_line = bytes.substr(i).starts_with("\r\n");
+    if (!ends_line) text.push_back(bytes[i]);
+  }
+  return text;
 }
 
 // The registry file as it is after its repair. Adds the commands of the repair to `needed`.
@@ -144,7 +148,7 @@ std::string RepairedBytes(const SetupPlaces& places, const SettingCommands& comm
   }
   if (!bytes || !HasCarriageReturns(*bytes)) return bytes.value_or("");
   needed.push_back(RemoveCarriageReturnsCommand(path));
-  return WithoutCarriageReturns(std::move(*bytes));
+  return WithoutCarriageReturns(*bytes);
 }
 
 // Adds the command that makes the settings name a usable report directory, if there is not one; sets `directory` to it.

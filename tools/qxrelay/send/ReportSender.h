@@ -11,8 +11,7 @@
 //     decides what it has, not the sender. The same after an acknowledgement whose sequence is not higher than the one
 //     before.
 //   - Records wait for others up to the linger time, or until a message is full.
-//   - Without records it sends an empty message at first, so that an earlier sender finds it, and then from time to
-//   time,
+//   - Without records it sends an empty message at first, so that an earlier sender finds it, and then again and again,
 //     so that the newest message does not expire.
 //   - Once another sender was found, it stays stopped.
 #pragma once
