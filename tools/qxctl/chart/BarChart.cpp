@@ -72,6 +72,7 @@ class Drawing {
     const Columns columns(data_, ColumnsForCells(width, shape_));
     bars_ = BarsOf(data_.lines.front(), columns);
     std::vector<ChartRow> rows;
+    rows.reserve(static_cast<std::size_t>(rows_.up) + 1 + static_cast<std::size_t>(rows_.down));
     for (int row = 0; row < rows_.up; ++row) rows.push_back({LabelOf(row), RowAbove(row)});
     if (rows_.down > 0) rows.push_back({"0", ZeroLine(), true});
     for (int row = 0; row < rows_.down; ++row) rows.push_back({"", RowBelow(row)});

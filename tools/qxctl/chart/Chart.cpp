@@ -50,7 +50,7 @@ ChartShape ChartShapeHere() {
 }
 
 std::string TextChart(const ChartData& data, const ChartShape& shape, const Output& output) {
-  const std::string title = Visible(data.title) + "\n";
+  std::string title = Visible(data.title) + "\n";
   if (!data.HasPoints()) return title;
   return title + (data.lines.size() == 1 ? BarChart(data, shape, output) : PointChart(data, shape, output));
 }

@@ -37,7 +37,7 @@ std::vector<double> ChartData::Values() const {
 
 std::string SummaryOf(const ChartLine& line) {
   const std::size_t count = line.points.size();
-  const std::string text = std::to_string(count) + (count == 1 ? " value" : " values");
+  std::string text = std::to_string(count) + (count == 1 ? " value" : " values");
   if (count == 0) return text;
   const auto by_value = [](const ChartPoint& one, const ChartPoint& other) { return one.value < other.value; };
   const auto [low, high] = std::minmax_element(line.points.begin(), line.points.end(), by_value);

@@ -91,7 +91,7 @@ SetValue Size(std::function<Integer&(RelayConfig&)> member, std::uint64_t min, s
   };
 }
 
-SetValue Text(std::function<std::string&(RelayConfig&)> member, bool (*check)(std::string_view) = nullptr) {
+SetValue Text(const std::function<std::string&(RelayConfig&)>& member, bool (*check)(std::string_view) = nullptr) {
   return [=](RelayConfig& config, const std::string& text) -> std::string {
     if (check != nullptr && !check(text)) return "is not a valid name here";
     member(config) = text;
@@ -99,7 +99,7 @@ SetValue Text(std::function<std::string&(RelayConfig&)> member, bool (*check)(st
   };
 }
 
-SetValue List(std::function<std::vector<std::string>&(RelayConfig&)> member) {
+SetValue List(const std::function<std::vector<std::string>&(RelayConfig&)>& member) {
   return [=](RelayConfig& config, const std::string& text) -> std::string {
     std::vector<std::string> parts = ListOf(text);
     if (parts.empty()) return "is an empty list";
