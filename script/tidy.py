@@ -2,8 +2,9 @@
 """clang-tidy over the sources on standard input: script/tidy.py BUILD_FOLDER [--analyser]
 
 Most of clang-tidy's time goes into the system's headers, which each source includes again. So the sources of a folder are read
-together, eight at a time, in a quarter of the time. With --analyser each source is also analysed, on its own: the analyser
-leaves out what a source includes. It follows a third of the usual number of paths; script/trust hardening follows them all.
+together, eight at a time, in a quarter of the time. With --analyser they are also analysed, along a third of the usual number
+of paths; script/trust hardening follows them all. The analyser leaves out what a source includes, unless the name of that
+source begins with UnifiedSource.
 
 Sources that do not compile together are checked singly.
 """
@@ -72,7 +73,7 @@ def write_joined(folder, commands, batches):
     folder.mkdir(parents=True, exist_ok=True)
     paths, entries = [], []
     for number, sources in enumerate(batches):
-        path = folder / f"joined_{number}.cpp"
+        path = folder / f"UnifiedSource_{number}.cpp"
         path.write_text(joined(sources))
         entry = commands[sources[0]]
         arguments = [str(path) if argument == entry["file"] else argument for argument in shlex.split(entry["command"])]
@@ -82,14 +83,22 @@ def write_joined(folder, commands, batches):
     return paths
 
 
-def check_joined(build, folder, path, sources):
-    checks = "--checks=-clang-analyzer-*"
+def check_joined(build, folder, path, sources, options):
     filter_ = f"--header-filter=^{re.escape(str(ROOT))}/(base|process|debug|markup|inifile|registry|provider|reportfile|sdk|tools)/.*$"
-    found = tidy(folder, path, checks, filter_)
+    found = tidy(folder, path, filter_, *options)
     if "[clang-diagnostic-error]" not in found:
         return found
     print(f"tidy: {len(sources)} sources from {sources[0]} on do not compile together; checked singly", file=sys.stderr)
-    return "".join(tidy(build, source, checks) for source in sources)
+    return "".join(tidy(build, source, *options) for source in sources)
+
+
+def options_of(analyse):
+    if not analyse:
+        return ["--checks=-clang-analyzer-*"]
+    # What .clang-tidy switches off must be switched off again after the wildcard.
+    checks = "--checks=clang-analyzer-*,-clang-analyzer-valist.Uninitialized," \
+             "-clang-analyzer-security.insecureAPI.DeprecatedOrUnsafeBufferHandling"
+    return [checks, *(f"--extra-arg={word}" for word in ("-Xclang", "-analyzer-config", "-Xclang", "max-nodes=75000"))]
 
 
 def main():
@@ -103,14 +112,8 @@ def main():
     batches = list(groups(commands, sources))
     folder = build / ("joined-analysed" if analyse else "joined")
     with concurrent.futures.ThreadPoolExecutor(int(os.environ.get("QX_JOBS", os.cpu_count() or 1))) as pool:
-        work = [pool.submit(check_joined, build, folder, path, batch)
+        work = [pool.submit(check_joined, build, folder, path, batch, options_of(analyse))
                 for path, batch in zip(write_joined(folder, commands, batches), batches)]
-        if analyse:
-            # What .clang-tidy switches off must be switched off again after the wildcard.
-            options = "--checks=-*,clang-analyzer-*,-clang-analyzer-valist.Uninitialized," \
-                      "-clang-analyzer-security.insecureAPI.DeprecatedOrUnsafeBufferHandling"
-            limit = [f"--extra-arg={word}" for word in ("-Xclang", "-analyzer-config", "-Xclang", "max-nodes=75000")]
-            work += [pool.submit(tidy, build, source, options, *limit) for source in sources]
         found = [part.result() for part in work]
     print("".join(found), end="")
     sys.exit(1 if any(found) else 0)
