@@ -186,6 +186,12 @@ TEST_F(StoreRace, BackupIntoADirectoryOfTheUsersWritesNothingThroughALink) {
 TEST_F(StoreRace, PrivateDirectoryIsNeverAnotherOne) {
   const std::string theirs = dir_.File("theirs");
   GiveTreeToOrdinaryUser(theirs);
+  const auto count_opens = [&] {
+    const CountedCalls opens(FileCall::kOpen);
+    const report::PrivateDirectory made(theirs + "/x.partial-");
+    return opens.Calls();
+  };
+  const int last_open = count_opens();  // the steps to the directory, then the new one
   for (const bool is_link : {true, false}) {
     const Attacker user([&] {
       ForEachEntry(theirs, [&](const std::string& name) {
@@ -196,7 +202,7 @@ TEST_F(StoreRace, PrivateDirectoryIsNeverAnotherOne) {
         (void)(is_link ? symlink(ours_.c_str(), path.c_str()) : mkdir(path.c_str(), 0777));
       });
     });
-    const FailingCall slow_open({.call = FileCall::kOpen, .nth = 2, .times = 3000000, .error = EINTR});
+    const FailingCall slow_open({.call = FileCall::kOpen, .nth = last_open, .times = 3000000, .error = EINTR});
     const report::PrivateDirectory made(theirs + "/x.partial-");
     EXPECT_TRUE(slow_open.HasFailed());
     EXPECT_NE(made.Error(), 0) << is_link;
