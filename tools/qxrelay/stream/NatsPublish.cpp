@@ -139,9 +139,10 @@ struct NatsPublish::Parts {
     std::map<std::uintptr_t, std::weak_ptr<Parts>> parts;
   };
 
+  // Never destroyed: a thread of the library may report that a connection is closed while the process ends.
   static Table& TheTable() {
-    static Table table;
-    return table;
+    static Table* const table = new Table;
+    return *table;
   }
 
   static void* Register(const std::shared_ptr<Parts>& parts) {
