@@ -85,7 +85,7 @@ TEST_F(ModuleLifecycle, ThousandLoadsAndUnloadsLeakNothing) {
     }
     // A sanitizer keeps freed memory and its own records of every load; only its leak check at the end is useful.
     // The kernel may split or join a few neighbouring ones; what each load left would be a thousand.
-    constexpr std::size_t kSplitMax = 4;
+    constexpr int kSplitMax = 4;
     if (!kSanitized && !kCountsCoverage && after.mappings > before.mappings + kSplitMax) {
       grown << "mappings " << before.mappings << " => " << after.mappings << "\n";
     }
