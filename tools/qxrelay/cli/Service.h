@@ -49,7 +49,7 @@ class ServiceManager {
   static void Status(const std::string& status);
   static void Reloading();
   static void Stopping();
-  // Tells the watchdog that the service is alive, as often as it needs. [owning thread]
+  // Reports to the watchdog that the service is alive, as often as it expects it. [owning thread]
   void Alive(std::int64_t now_ms);
   // When Alive is to be called again. [owning thread]
   [[nodiscard]] std::int64_t NextAlive() const { return next_ms_; }

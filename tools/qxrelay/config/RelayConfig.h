@@ -67,7 +67,7 @@ using ConfigFindings = std::vector<std::string>;
 // "QX" => true, "a.b" => false: a stream's name is one token of a subject. [any thread]
 [[nodiscard]] bool IsStreamName(std::string_view name);
 
-// Whether a pattern of `include` or `exclude` matches the whole name. "*" stands for any bytes, "?" for one byte.
+// Whether a pattern of `include` or `exclude` matches the whole name. "*" matches any bytes, "?" one byte.
 //   "disk/*", "disk/sda"  => true
 [[nodiscard]] bool MatchesPattern(std::string_view pattern, std::string_view name);
 

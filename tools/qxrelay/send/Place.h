@@ -1,6 +1,6 @@
 // Where a sender continues in a store, decided from what the newest message of the stream and the state directory say.
 //
-//   incarnation   a random number that stands for one life of a store. It is the same as long as the numbers of its
+//   incarnation   a random number for one life of a store. It is the same as long as the numbers of its
 //                 records continue. A store that was started over, or replaced by a backup, has a new one.
 //   mark          "the record before number `next` of this incarnation has this hash"
 //

@@ -1,4 +1,4 @@
-// A message that stands for a state and not for an event: the labels of a host, or the names file of a report. The
+// A message that has a whole state and not an event: the labels of a host, or the names file of a report. The
 // newest one counts, so it is sent when the state changes and repeated before it expires.
 #pragma once
 
