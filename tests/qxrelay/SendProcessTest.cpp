@@ -1,12 +1,9 @@
 // "qxrelay send" as a process, against a real server: kills, stops, refusals, reloads.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -19,6 +16,7 @@
 #include "reportfile/ReportFileBase.h"
 #include "tests/qxrelay/FakeStream.h"
 #include "tests/qxrelay/NatsServer.h"
+#include "tests/qxrelay/QxrelayProcess.h"
 #include "tools/qxrelay/stream/NatsAdmin.h"
 #include "tools/qxrelay/stream/NatsConsume.h"
 #include "tools/qxrelay/stream/NatsPublish.h"
@@ -29,63 +27,12 @@ using qx::relay::StreamMessage;
 using qx::relay::StreamSettings;
 using qx::test::NatsServer;
 using qx::test::ReceivedReport;
+using qx::test::Until;
+using Process = qx::test::QxrelayProcess;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using testing::HasSubstr;
 using Words = std::vector<std::string>;
-
-constexpr milliseconds kLongest{20000};
-
-// A process of qxrelay, whose standard error goes to a file.
-class Process {
- public:
-  Process(const Words& arguments, const std::string& log, const Words& environment = {}) {
-    std::vector<char*> argv = {const_cast<char*>(QX_QXRELAY)};
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    process_ = fork();
-    if (process_ != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const int file = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    dup2(file, STDOUT_FILENO);
-    dup2(file, STDERR_FILENO);
-    for (const std::string& entry : environment) putenv(const_cast<char*>(entry.c_str()));
-    execv(QX_QXRELAY, argv.data());
-    _exit(127);
-  }
-  ~Process() { (void)End(SIGKILL); }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-
-  void Signal(int signal) const { kill(process_, signal); }
-
-  // Sends the signal and returns the exit code, or -1 after the end by a signal.
-  int End(int signal) {
-    if (process_ == 0) return 0;
-    kill(process_, signal);
-    return Wait();
-  }
-  int Wait() {
-    int status = 0;
-    waitpid(process_, &status, 0);
-    process_ = 0;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  pid_t process_ = 0;
-};
-
-// Asks again until it is true, or too much time has passed.
-template <typename Condition>
-bool Until(Condition condition) {
-  const auto end = steady_clock::now() + kLongest;
-  while (!condition()) {
-    if (steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(milliseconds(5));
-  }
-  return true;
-}
 
 class RelaySendProcess : public testing::Test {
  protected:
