@@ -74,11 +74,12 @@ RELAY = {
     "stream": {"message", "config"},
     "send": {"message", "config", "stream"},
     "receive": {"message", "config", "stream"},
-    "status": {"message", "config", "stream"},
+    "status": {"message", "config", "stream", "send", "receive"},
     "cli": {"message", "config", "stream", "send", "receive", "status"},
 }
 for area, others in RELAY.items():
     LAYERS[f"tools/qxrelay/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxrelay/{other}" for other in others}
+LAYERS["tools/qxrelay/status"] |= {"tools/qxctl/cli/text"}
 LAYERS["tools/qxrelay/cli"] |= {"tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/line", "tools/qxctl/cli/text"}
 LAYERS["tools/qxrelay"] = LAYERS["tools/qxrelay/cli"] | {"tools/qxrelay/cli"}
 

@@ -77,10 +77,11 @@ std::string PageName(std::string command) {
   return command;
 }
 
-std::set<std::string> Schemas() {
+// The names of the files that begin as said.
+std::set<std::string> Schemas(const std::string& program = {}) {
   std::set<std::string> names;
   for (const fs::directory_entry& entry : fs::directory_iterator(InSource("docs/schemas"))) {
-    names.insert(entry.path().filename());
+    if (entry.path().filename().string().starts_with(program)) names.insert(entry.path().filename());
   }
   return names;
 }
@@ -149,7 +150,7 @@ TEST_F(DocsTable, EveryCommandWithJsonHasASchemaAndEverySchemaACommand) {
   for (const json& row : table_) {
     if (!row["schema"].is_null()) expected.insert(row["schema"].get<std::string>() + ".schema.json");
   }
-  EXPECT_EQ(Schemas(), expected);
+  EXPECT_EQ(Schemas("qxctl-"), expected);
 }
 
 TEST_F(DocsTable, EverySchemaHasAnExampleInAPage) {

@@ -3,7 +3,7 @@
 
 A transcript holds commands after "$ ", each followed by its output. A command `qxctl a b --json` prints documents of the
 schema SCHEMAS/qxctl-a-b.schema.json, one after the other, or one of SCHEMAS/qxctl-failure.schema.json; with `--format json`
-those of SCHEMAS/qxctl-record.schema.json. Each fault is a line on standard output; the exit code is 1 then.
+those of SCHEMAS/qxctl-record.schema.json. `qxrelay` has schemas of its own, but for failures. Each fault is a line on standard output; the exit code is 1 then.
 """
 import json
 import pathlib
@@ -14,6 +14,7 @@ import sys
 import jsonschema
 
 
+PROGRAMS = ("qxctl", "qxrelay")
 FAILURE_SCHEMA = "qxctl-failure"
 RECORD_SCHEMA = "qxctl-record"
 RECORD_OPTION = "--format json"
@@ -34,20 +35,21 @@ def steps(transcript):
 
 
 def words_of(command):
-    """The words of the first `qxctl ... --json` in a command line, or None: ["report", "info", "Reports/load", ...]"""
+    """Program and words of the first `qxctl ... --json` in a command line, or None: ["qxctl", "report", "info", ...]"""
     for part in re.split(r"&&|\|\||[;|<>()]", command):
         prints_json = "--json" in part.split() or RECORD_OPTION in part
-        if not prints_json or "qxctl" not in part.split():
+        program = next((word for word in part.split() if word in PROGRAMS), None)
+        if not prints_json or program is None:
             continue
         words = shlex.split(part.replace("'", "").replace('"', ""))
-        return [word for word in words[words.index("qxctl") + 1:] if not word.startswith("-")]
+        return [word for word in words[words.index(program):] if not word.startswith("-")]
     return None
 
 
 def schema_for(words, schemas):
     """The name of the schema of the longest beginning of `words` that has one, or None."""
-    for count in range(len(words), 0, -1):
-        name = "-".join(["qxctl", *words[:count]])
+    for count in range(len(words), 1, -1):
+        name = "-".join(words[:count])
         if name in schemas:
             return name
     return None
@@ -55,7 +57,7 @@ def schema_for(words, schemas):
 
 def documents_in(output):
     """The JSON documents in an output; problems, which a terminal mixes in, are left out."""
-    text = "".join(line for line in output.splitlines(keepends=True) if not line.startswith("qxctl: ")).lstrip()
+    text = "".join(line for line in output.splitlines(keepends=True) if not line.startswith(tuple(f"{program}: " for program in PROGRAMS))).lstrip()
     decoder = json.JSONDecoder()
     while text[:1] in ("{", "["):
         document, end = decoder.raw_decode(text)

@@ -10,10 +10,12 @@
 #include "tools/qxctl/cli/describe/HelpCommand.h"
 #include "tools/qxctl/cli/describe/HelpText.h"
 #include "tools/qxctl/cli/line/Parser.h"
+#include "tools/qxctl/cli/text/JsonText.h"
 #include "tools/qxrelay/cli/CheckCommand.h"
 #include "tools/qxrelay/cli/HostCommand.h"
 #include "tools/qxrelay/cli/Options.h"
 #include "tools/qxrelay/cli/SendCommand.h"
+#include "tools/qxrelay/cli/StatusCommand.h"
 #include "tools/qxrelay/cli/StreamCommand.h"
 
 // Inert: qxrelay has no traces of its own.
@@ -54,6 +56,7 @@ const Command* const kCommands[] = {
     &qx::relay::kQxrelay,
     &qx::relay::kSendCommand,
     &qx::relay::kCheckCommand,
+    &qx::relay::kStatusCommand,
     &kStream,
     &qx::relay::kStreamCreateCommand,
     &kHost,
@@ -71,8 +74,19 @@ Status Run(Context& context, const CommandLine& line) {
   return line.command->run(context, line.values);
 }
 
-ExitCode Finish(Context& context, const Status& status) {
+// A program that asked for JSON finds a failure on standard output, unless the command has printed a document.
+void PrintFailure(Context& context, const CommandLine& line, const Status& status) {
+  const bool is_needed = line.asks_for_json && !status.IsOk() && !status.Message().empty() && !context.output.HasData();
+  if (!is_needed) return;
+  const std::string failure = qx::ctl::JsonLineOf({{"command", FullName(*line.command)},
+                                                   {"problem", status.Message()},
+                                                   {"exitCode", static_cast<int>(status.Code())}});
+  (void)context.output.Data(failure);  // Output::Finish reports that it failed
+}
+
+ExitCode Finish(Context& context, const CommandLine& line, const Status& status) {
   context.output.Problem(status);
+  PrintFailure(context, line, status);
   const Status finished = context.output.Finish();
   return finished.IsOk() ? status.Code() : finished.Code();
 }
@@ -89,5 +103,5 @@ int main(int argc, char** argv) {
   CommandLine line;
   Status status = ParseCommandLine(kCommands, argc, argv, line);
   if (status.IsOk()) status = Run(context, line);
-  return static_cast<int>(Finish(context, status));
+  return static_cast<int>(Finish(context, line, status));
 }

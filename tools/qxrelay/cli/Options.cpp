@@ -57,4 +57,6 @@ std::string ReportsOf(const RelayConfig& config) {
   return config.send.reports.empty() ? file::DirectoryOf(ReportPath("any")) : config.send.reports;
 }
 
+std::string SenderFlowFile(const RelayConfig& config) { return config.send.state + "/status"; }
+
 }  // namespace qx::relay

@@ -31,6 +31,9 @@ inline constexpr ctl::Parameter kConfigOptions[] = {
 // The directory of the reports that are sent.
 [[nodiscard]] std::string ReportsOf(const RelayConfig& config);
 
+// The file in which the sender of the state directory keeps its flow (tools/qxrelay/status/FlowDocument.h).
+[[nodiscard]] std::string SenderFlowFile(const RelayConfig& config);
+
 // qxrelay itself: the options that every command has.
 extern const ctl::Command kQxrelay;
 ctl::Status ApplyOptions(ctl::Context& context, const ctl::Values& values);

@@ -3,12 +3,16 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "tools/qxrelay/cli/Options.h"
 #include "tools/qxrelay/cli/Service.h"
 #include "tools/qxrelay/send/Sender.h"
+#include "tools/qxrelay/status/FlowPublisher.h"
+#include "tools/qxrelay/status/SenderFlow.h"
 #include "tools/qxrelay/stream/NatsPublish.h"
 
 namespace qx::relay {
@@ -63,7 +67,11 @@ class Service {
              .settings = config.send,
              .times = TimesOf(config),
              .takes_over = takes_over}),
-        sender_(context_, SteadyMs(), config.host.labels) {}
+        sender_(context_, SteadyMs(), config.host.labels),
+        flow_(HostNameOf(config), ReportsOf(config)),
+        publisher_(
+            SenderFlowFile(config), [this] { return Flow(); }, [](const ServiceFlow&) {}, context_.log),
+        started_ms_(WallMs()) {}
 
   // Until a signal asks for something else, or another sender of this host is found.
   void Run(ServiceSignals& signals, ServiceManager& manager) {
@@ -72,6 +80,7 @@ class Service {
       const TimeMs now = SteadyMs();
       const TimeMs wake = std::min({sender_.Step(now), now + kWaitMs, manager.NextAlive()});
       manager.Alive(now);
+      publisher_.Step(now);
       if (now >= status_at) {
         ServiceManager::Status(StatusText());
         status_at = now + kStatusMs;
@@ -92,6 +101,7 @@ class Service {
       (void)sender_.Step(SteadyMs());
     }
     sender_.Finish();
+    publisher_.Finish();
   }
 
   [[nodiscard]] std::string RivalText() const { return sender_.RivalText(); }
@@ -103,10 +113,32 @@ class Service {
   }
 
  private:
+  // Until a report has its place, the position of the state directory is the last one that is known.
+  [[nodiscard]] ServiceFlow Flow() {
+    std::vector<SentReport> sent = sender_.Sent();
+    for (SentReport& report : sent) {
+      const std::optional<ReportState> state = report.is_placed ? std::nullopt : context_.state.Load(report.report);
+      if (!state.has_value()) continue;
+      report.is_placed = true;
+      report.next = state->mark.next;
+    }
+    return {.kind = ServiceKind::kSender,
+            .name = context_.host,
+            .time_ms = WallMs(),
+            .started_ms = started_ms_,
+            .is_connected = sender_.IsConnected(),
+            .problem = RivalText().empty() ? sender_.ConnectProblem() : RivalText(),
+            .counters = CountersOf(context_.counters),
+            .reports = flow_.Take(sent, SteadyMs(), WallMs())};
+  }
+
   NatsPublish stream_;
   std::mt19937_64 random_;
   SendContext context_;
   Sender sender_;
+  SenderFlow flow_;
+  FlowPublisher publisher_;
+  std::int64_t started_ms_;
 };
 
 Status CheckSettings(const RelayConfig& config) {

@@ -57,6 +57,15 @@ Mark MarkAfter(const DecodedMessage& message) {
   return mark;
 }
 
+void CountIn(SentCounters& counters, const MessageHead& stored) {
+  ++counters.messages;
+  if (stored.kind == MessageKind::kRecords) counters.records += stored.count;
+  if (stored.kind != MessageKind::kGap) return;
+  counters.gap_records += stored.count;
+  if (stored.reason == GapReason::kOverLimit) counters.over_limit += stored.count;
+  if (stored.reason == GapReason::kUnreadable) counters.unreadable += stored.count;
+}
+
 bool IsOfAReport(const MessageHead& head) {
   return head.kind == MessageKind::kRecords || head.kind == MessageKind::kGap || head.kind == MessageKind::kEmpty;
 }
@@ -384,17 +393,21 @@ void ReportWork::OnStored(TimeMs now, const StreamReply& reply) {
 }
 
 void ReportWork::Count(const InFlight& stored) {
-  SenderCounters& counters = context_.counters;
-  ++counters.messages;
-  counters.bytes += stored.bytes;
-  if (stored.head.kind == MessageKind::kRecords) counters.records += stored.head.count;
+  CountIn(context_.counters, stored.head);
+  CountIn(sent_, stored.head);
+  context_.counters.bytes += stored.bytes;
   if (stored.head.kind == MessageKind::kGap) {
-    counters.gap_records += stored.head.count;
-    if (stored.head.reason == GapReason::kOverLimit) counters.over_limit += stored.head.count;
-    if (stored.head.reason == GapReason::kUnreadable) counters.unreadable += stored.head.count;
     context_.log("report " + report_ + ": gap of " + std::to_string(stored.head.count) + " records from number " +
                  std::to_string(stored.head.first) + " on");
   }
+}
+
+SentReport ReportWork::Sent() const {
+  return {.report = report_,
+          .is_placed = sender_.Position().incarnation != 0,
+          .next = sender_.Position().next,
+          .counters = sent_,
+          .trouble = trouble_};
 }
 
 void ReportWork::OnFailure(TimeMs now, const StreamReply& reply) {

@@ -14,6 +14,7 @@
 #include "tools/qxrelay/send/ReportSender.h"
 #include "tools/qxrelay/send/RunReader.h"
 #include "tools/qxrelay/send/SendContext.h"
+#include "tools/qxrelay/send/SentReport.h"
 
 namespace qx::relay {
 
@@ -41,6 +42,8 @@ class ReportWork {
   [[nodiscard]] const std::string& Name() const { return report_; }
   [[nodiscard]] const ReportSender& Sender() const { return sender_; }
   [[nodiscard]] bool IsPublishing() const { return in_flight_.has_value(); }
+  // What was done for the report since the start of the sender. [owning thread]
+  [[nodiscard]] SentReport Sent() const;
 
  private:
   // What becomes true when the message in flight is stored.
@@ -94,8 +97,9 @@ class ReportWork {
   std::optional<Mark> newest_;     // of the newest message
   std::optional<RecordRun> held_;  // records after the gap that is in flight
   std::optional<InFlight> in_flight_;
-  ReportState known_;    // the position, and the last sent records
-  ReportState saved_;    // what the state directory has of it
+  ReportState known_;  // the position, and the last sent records
+  ReportState saved_;  // what the state directory has of it
+  SentCounters sent_;
   std::string trouble_;  // logged last; empty: there is no trouble
   TimeMs wake_ = 0;
   TimeMs save_at_ = 0;

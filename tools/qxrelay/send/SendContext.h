@@ -9,18 +9,14 @@
 #include "tools/qxrelay/send/Place.h"
 #include "tools/qxrelay/send/ReportSender.h"
 #include "tools/qxrelay/send/SenderState.h"
+#include "tools/qxrelay/send/SentReport.h"
 #include "tools/qxrelay/stream/Stream.h"
 
 namespace qx::relay {
 
-// Since the start of the sender.
-struct SenderCounters {
-  std::uint64_t records = 0;       // stored
-  std::uint64_t messages = 0;      // stored
+// Since the start of the sender, for all its reports.
+struct SenderCounters : SentCounters {
   std::uint64_t bytes = 0;         // of stored messages
-  std::uint64_t gap_records = 0;   // counted as lost, for any reason
-  std::uint64_t over_limit = 0;    // of them, because they are larger than a message may be
-  std::uint64_t unreadable = 0;    // of them, because the files have no text of them
   std::uint64_t refused = 0;       // messages that a server refused
   std::uint64_t conflicts = 0;     // of them, because the newest message was another one than expected
   std::uint64_t unanswered = 0;    // requests

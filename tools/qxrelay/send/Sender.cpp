@@ -148,9 +148,11 @@ void Sender::Disconnected(TimeMs now) {
 void Sender::Connect(TimeMs now) {
   if (const auto problem = context_.stream.Connect()) {
     connect_at_ = now + BackoffMs(++connect_failures_, context_.random());
+    connect_problem_ = *problem;
     return LogOnce(*problem);
   }
   is_connected_ = true;
+  connect_problem_.clear();
   connect_failures_ = 0;
   ++context_.counters.connects;
   context_.payload_max = std::min(context_.stream.PayloadBytesMax(), kMessageBytesMax);
@@ -216,6 +218,13 @@ void Sender::Finish() {
 std::size_t Sender::Stopped() const {
   return static_cast<std::size_t>(
       std::count_if(works_.begin(), works_.end(), [](const auto& entry) { return entry->work.Sender().IsStopped(); }));
+}
+
+std::vector<SentReport> Sender::Sent() const {
+  std::vector<SentReport> reports;
+  reports.reserve(works_.size());
+  for (const auto& entry : works_) reports.push_back(entry->work.Sent());
+  return reports;
 }
 
 // Until the next loss of a connection. A server may complain about each of thousands of reports.

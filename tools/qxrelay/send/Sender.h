@@ -43,6 +43,10 @@ class Sender {
   // [owning thread]
   [[nodiscard]] std::string RivalText() const { return TextOfRival(context_.rival, context_.host); }
   [[nodiscard]] bool IsConnected() const { return is_connected_; }
+  // Why the sender could not connect the last time; empty while it is connected. [owning thread]
+  [[nodiscard]] const std::string& ConnectProblem() const { return connect_problem_; }
+  // What was done for each report. [owning thread]
+  [[nodiscard]] std::vector<SentReport> Sent() const;
 
  private:
   // A report with what is sent for it.
@@ -77,6 +81,7 @@ class Sender {
   TimeMs connect_at_;
   TimeMs rescan_at_;
   std::uint32_t connect_failures_ = 0;
+  std::string connect_problem_;
   bool is_connected_ = false;
   bool is_stopping_ = false;
   bool has_stopped_ = false;      // for good, because of another sender

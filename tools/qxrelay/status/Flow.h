@@ -1,0 +1,57 @@
+// What is known of the records that one service of the relay carries: plain data, the same for a sender and a receiver.
+// The command status shows it, a file keeps it, and the metrics are made of it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace qx::relay {
+
+enum class ServiceKind : std::uint8_t { kSender, kReceiver };
+
+// "sender", "receiver"
+[[nodiscard]] constexpr std::string_view NameOf(ServiceKind kind) {
+  return kind == ServiceKind::kSender ? "sender" : "receiver";
+}
+
+// A report. Counts are since the start of the service; what a service cannot know is unset.
+struct ReportFlow {
+  std::string host;
+  std::string report;
+  std::string trouble;                       // why the report does not continue; empty if it does
+  std::optional<std::uint64_t> lag_records;  // in the host's ring, and not yet where the service puts them
+  std::optional<std::int64_t> lag_ms;        // how old the oldest of them is, about; 0 without one
+  std::optional<double> records_per_second;  // that the writer on the host appends
+  std::optional<double> overtaken_in_s;      // until the ring overwrites a record that was not sent, if nothing is sent
+  std::optional<std::uint64_t> ring_slots;   // of the host's ring
+  std::uint64_t records = 0;                 // sent, or written on the collector
+  std::uint64_t gap_records = 0;             // lost, and counted as lost
+  std::uint64_t holes = 0;                   // of a receiver: records that are missing and not proven to be lost
+  std::uint64_t repeats = 0;                 // of a receiver: records that came again and were dropped
+
+  friend bool operator==(const ReportFlow&, const ReportFlow&) = default;
+};
+
+// Sets overtaken_in_s from ring, lag and rate. The oldest record of a full ring is not sent, because the writer may be
+// replacing it. Without a rate nothing overtakes anything. [any thread]
+//   4 slots, 1 record waits, 2 records a second => 1 s    4 slots, 3 or more wait => 0 s
+void SetOvertaken(ReportFlow& flow);
+
+struct ServiceFlow {
+  ServiceKind kind = ServiceKind::kSender;
+  std::string name;             // of the host or the collector
+  std::int64_t time_ms = 0;     // when this was true, in milliseconds since 1970
+  std::int64_t started_ms = 0;  // when the service was started; 0: it is not running
+  bool is_connected = false;
+  std::string problem;  // what keeps all reports from continuing; empty: nothing
+  std::vector<std::pair<std::string, std::uint64_t>> counters;  // of the service as a whole, by their names
+  std::vector<ReportFlow> reports;                              // in the order of hosts and reports
+
+  friend bool operator==(const ServiceFlow&, const ServiceFlow&) = default;
+};
+
+}  // namespace qx::relay

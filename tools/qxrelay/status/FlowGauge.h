@@ -1,0 +1,41 @@
+// How fast a report grows, and how long its oldest record has waited, from counts that are seen now and then.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+
+namespace qx::relay {
+
+// Threads: one thread. Owns: at most kSamplesMax samples of 24 bytes. Times are milliseconds of a clock that nobody
+// sets, and only rise. Throws std::bad_alloc.
+class FlowGauge {
+ public:
+  static constexpr std::int64_t kWindowMs = 60'000;
+  static constexpr std::size_t kSamplesMax = 256;
+
+  // The number of the record that the writer appends next. A smaller one than before begins again: the store is another
+  // one. [owning thread]
+  void Add(std::int64_t now, std::uint64_t end);
+
+  // Records a second over the last minute, or since the first count; unset until a second has passed. [owning thread]
+  [[nodiscard]] std::optional<double> Rate(std::int64_t now) const;
+
+  // How long ago record `next` was not there yet, for the last time that this is known: its age, or a little more. 0 if
+  // it is not there. If the first count had it already, the time since that count: its age, or less. [owning thread]
+  [[nodiscard]] std::int64_t LagMs(std::int64_t now, std::uint64_t next) const;
+
+ private:
+  // A count, and from when to when it was seen.
+  struct Sample {
+    std::int64_t from = 0;
+    std::int64_t until = 0;
+    std::uint64_t end = 0;
+  };
+
+  void Thin(std::int64_t now);
+
+  std::deque<Sample> samples_;
+};
+
+}  // namespace qx::relay

@@ -1,0 +1,45 @@
+// Publishes the flow of a running service: in its file, and to whoever else takes it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "tools/qxrelay/status/Flow.h"
+
+namespace qx::relay {
+
+// Threads: one thread. Owns: nothing.
+// Failure: one line in the log, until the file can be written again. Throws std::bad_alloc.
+class FlowPublisher {
+ public:
+  static constexpr std::int64_t kPeriodMs = 1000;
+  static constexpr std::int64_t kPeriodMaxMs = 10'000;
+  // A flow of a file that is older belongs to a service that has ended.
+  static constexpr std::int64_t kFreshMs = 3 * kPeriodMaxMs;
+
+  // `file`: where the flow is kept. `take` makes it, `show` gets it.
+  FlowPublisher(std::string file, std::function<ServiceFlow()> take, std::function<void(const ServiceFlow&)> show,
+                std::function<void(const std::string&)> log);
+
+  // Publishes if it is time to: once a second, or less often, so that it never takes more than a fiftieth of the time.
+  // [owning thread]
+  void Step(std::int64_t now);
+  // When Step is to be called again. [owning thread]
+  [[nodiscard]] std::int64_t Wake() const { return due_; }
+
+  // Publishes that the service has ended. [owning thread]
+  void Finish();
+
+ private:
+  void Publish(const ServiceFlow& flow);
+
+  std::string file_;
+  std::function<ServiceFlow()> take_;
+  std::function<void(const ServiceFlow&)> show_;
+  std::function<void(const std::string&)> log_;
+  std::int64_t due_ = 0;
+  bool has_failed_ = false;
+};
+
+}  // namespace qx::relay

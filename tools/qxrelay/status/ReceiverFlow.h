@@ -1,0 +1,36 @@
+// The flow of the reports of a collector, from what its receiver counts.
+//
+// What the ring of a host has is known from the newest message of the report only, so a lag is that of the moment when
+// the message was sent.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/qxrelay/receive/ReceiverCounters.h"
+#include "tools/qxrelay/status/Flow.h"
+#include "tools/qxrelay/status/FlowGauge.h"
+
+namespace qx::relay {
+
+// Threads: one thread. Owns: some counts for each report. Throws std::bad_alloc.
+class ReceiverFlow {
+ public:
+  // `now` is of a clock that nobody sets, `wall_ms` since 1970. [owning thread]
+  [[nodiscard]] std::vector<ReportFlow> Take(const std::vector<CollectedReport>& reports, std::int64_t now,
+                                             std::int64_t wall_ms);
+
+ private:
+  [[nodiscard]] ReportFlow FlowOf(const CollectedReport& report, std::int64_t now, std::int64_t wall_ms);
+
+  std::map<std::pair<std::string, std::string>, FlowGauge> gauges_;  // by host and report
+};
+
+// The counters of a receiver by the names that documents have for them; some are sums over the reports. [any thread]
+[[nodiscard]] std::vector<std::pair<std::string, std::uint64_t>> CountersOf(
+    const ReceiverCounters& counters, const std::vector<CollectedReport>& reports);
+
+}  // namespace qx::relay

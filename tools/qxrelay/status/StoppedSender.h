@@ -1,0 +1,43 @@
+// The flow of a sender that is not running, from what it left: its state directory, the rings, and, if servers can be
+// asked, the newest message of each report.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/qxrelay/config/RelayConfig.h"
+#include "tools/qxrelay/message/Message.h"
+#include "tools/qxrelay/send/SenderState.h"
+#include "tools/qxrelay/status/Flow.h"
+#include "tools/qxrelay/stream/Stream.h"
+
+namespace qx::relay {
+
+// What a sender kept in its directory about each report, by name. Files that are damaged are left out. [any thread]
+[[nodiscard]] std::map<std::string, ReportState> StatesIn(const std::string& directory);
+
+// The newest message of each report by its name, of those that have one. Asks a few at a time, for `time_ms` in all.
+// [any thread]
+[[nodiscard]] std::map<std::string, MessageHead> NewestMessages(PublishStream& stream, const std::string& prefix,
+                                                                const std::string& host,
+                                                                const std::vector<std::string>& reports,
+                                                                std::int64_t time_ms);
+
+struct StoppedSender {
+  std::string host;
+  std::string directory;  // of the reports
+  SendSettings settings;
+  std::map<std::string, ReportState> states;
+  std::map<std::string, MessageHead> newest;
+  std::optional<ServiceFlow> last;  // what the sender published last
+
+  // The names of the reports, of all sources. [any thread]
+  [[nodiscard]] std::vector<std::string> Reports() const;
+  // `now` is of a clock that nobody sets, `wall_ms` since 1970. [any thread]
+  [[nodiscard]] ServiceFlow Flow(std::int64_t now, std::int64_t wall_ms) const;
+};
+
+}  // namespace qx::relay
