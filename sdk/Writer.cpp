@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <deque>
 #include <optional>
 #include <vector>
 
@@ -64,6 +65,8 @@ Error CreateIndex(const std::string& path) {
   return index.IsOpen() ? Error() : SystemError("cannot create " + path, error);
 }
 
+Error NotOpenError() { return MakeError(ErrorCode::kNotOpen, "no report is open"); }
+
 Error OtherWriterError(const std::string& path, int process) {
   const std::string writer =
       process != 0 ? "process " + std::to_string(process) : "this process, or by one that cannot be seen";
@@ -82,13 +85,16 @@ const char* NameOfByte(char byte) {
   }
 }
 
+Error CheckLength(std::string_view text, std::size_t record) {
+  if (text.size() <= kRecordTextMax) return {};
+  return {.code = ErrorCode::kTooLong,
+          .record = record,
+          .text = "a record of " + std::to_string(text.size()) + " bytes is too long; at most " +
+                  std::to_string(kRecordTextMax) + " bytes fit into a reply"};
+}
+
 Error CheckText(std::string_view text, std::size_t record) {
-  if (text.size() > kRecordTextMax) {
-    return {.code = ErrorCode::kTooLong,
-            .record = record,
-            .text = "a record of " + std::to_string(text.size()) + " bytes is too long; at most " +
-                    std::to_string(kRecordTextMax) + " bytes fit into a reply"};
-  }
+  if (Error error = CheckLength(text, record); error.Failed()) return error;
   const std::size_t end = report::FindTextEnd(text);
   if (end == text.size()) return {};
   return {.code = ErrorCode::kBadText,
@@ -121,6 +127,37 @@ bool CannotFill(const report::IndexHeader& header, std::span<const std::string_v
   return bytes < kFarFromFull;
 }
 
+// Records as they have to be appended so that they read back as they are: without the line end that an append adds, and
+// with a NUL where the record had one, which readers drop.
+class CopiedTexts {
+ public:
+  Error Add(std::string_view record, std::size_t number) {
+    const std::size_t end = report::FindTextEnd(record);
+    const bool is_ended = end + 1 == record.size() && record[end] != '\0';
+    if (end != record.size() && !is_ended) return BadCopy(number);
+    if (record.ends_with(report::kLineEnd)) {
+      texts_.push_back(record.substr(0, record.size() - report::kLineEnd.size()));
+    } else if (is_ended) {
+      texts_.push_back(record);
+    } else {
+      texts_.push_back(cut_.emplace_back(std::string(record) + '\0'));
+    }
+    return CheckLength(texts_.back(), number);
+  }
+
+  [[nodiscard]] std::span<const std::string_view> Texts() const { return texts_; }
+
+ private:
+  static Error BadCopy(std::size_t number) {
+    return {.code = ErrorCode::kBadText,
+            .record = number,
+            .text = "a record contains a byte after which readers end it, and more after that"};
+  }
+
+  std::deque<std::string> cut_;  // its elements do not move
+  std::vector<std::string_view> texts_;
+};
+
 template <typename Texts>
 std::vector<std::string_view> ViewsOf(const Texts& texts) {
   return {texts.begin(), texts.end()};
@@ -143,12 +180,17 @@ struct Writer::Parts {
   std::string path;
   bool is_open = false;
 
-  Error Open(const std::string& base_path, std::uint32_t ring_size, bool may_create);
+  Error Open(const std::string& base_path, std::uint32_t ring_size, bool may_create, WriterCheck check);
   Error Append(std::span<const std::string_view> texts);
+  Error AppendCopies(std::span<const std::string_view> copies);
+  Error AppendLocked(std::span<const std::string_view> texts);
+  Error Confirm();
+  Error CheckUntouched();
+  Error ReadBack(std::uint32_t age, std::string& record);
   void Close();
 };
 
-Error Writer::Parts::Open(const std::string& base_path, std::uint32_t ring_size, bool may_create) {
+Error Writer::Parts::Open(const std::string& base_path, std::uint32_t ring_size, bool may_create, WriterCheck check) {
   path = base_path;
   const FileState index(report::IndexFileName(path));
   const FileState data(report::DataFileName(path));
@@ -156,7 +198,7 @@ Error Writer::Parts::Open(const std::string& base_path, std::uint32_t ring_size,
   if (!index.is_there) {
     if (Error error = CreateIndex(index.path); error.Failed()) return error;
   }
-  lock.emplace(path);
+  lock.emplace(path, check == WriterCheck::kLock ? report::WriterSearch::kLock : report::WriterSearch::kEveryProcess);
   if (lock->IsHeldByAnother()) return OtherWriterError(path, lock->Process());
   const bool is_opened = store.Open(path.c_str(), ring_size);
   int error = errno;
@@ -173,10 +215,24 @@ Error Writer::Parts::Open(const std::string& base_path, std::uint32_t ring_size,
 
 Error Writer::Parts::Append(std::span<const std::string_view> texts) {
   const LockScope scope(batches);
-  if (!is_open) return MakeError(ErrorCode::kNotOpen, "no report is open");
+  if (!is_open) return NotOpenError();
   for (std::size_t i = 0; i < texts.size(); ++i) {
     if (Error error = CheckText(texts[i], i); error.Failed()) return error;
   }
+  return AppendLocked(texts);
+}
+
+Error Writer::Parts::AppendCopies(std::span<const std::string_view> copies) {
+  const LockScope scope(batches);
+  if (!is_open) return NotOpenError();
+  CopiedTexts texts;
+  for (std::size_t i = 0; i < copies.size(); ++i) {
+    if (Error error = texts.Add(copies[i], i); error.Failed()) return error;
+  }
+  return AppendLocked(texts.Texts());
+}
+
+Error Writer::Parts::AppendLocked(std::span<const std::string_view> texts) {
   const std::size_t fitting = CannotFill(store.header(), texts) ? texts.size() : TextsThatFit(store.header(), texts);
   const report::AppendedRecords appended = records.Append(texts.first(fitting));
   if (appended.error != 0) {
@@ -190,6 +246,34 @@ Error Writer::Parts::Append(std::span<const std::string_view> texts) {
           .text = report::DataFileName(path) + " is full: a record would end beyond 4 GiB"};
 }
 
+Error Writer::Parts::Confirm() {
+  const LockScope scope(batches);
+  if (!is_open) return NotOpenError();
+  const int error = records.ConfirmHeader();
+  return error != 0 ? SystemError("cannot write the header of " + path, error) : Error();
+}
+
+Error Writer::Parts::CheckUntouched() {
+  const LockScope scope(batches);
+  if (!is_open) return NotOpenError();
+  struct stat index = {};
+  struct stat data = {};
+  const bool is_there = file::StatusOf(report::IndexFileName(path).c_str(), index) == 0 &&
+                        file::StatusOf(report::DataFileName(path).c_str(), data) == 0;
+  if (!is_there || !records.IsOpenOn(index, data)) {
+    return MakeError(ErrorCode::kNotFound, path + " was removed, or replaced by another report");
+  }
+  if (records.HasHeaderInFile()) return {};
+  return MakeError(ErrorCode::kOtherWriter, path + " was changed by another program");
+}
+
+Error Writer::Parts::ReadBack(std::uint32_t age, std::string& record) {
+  const LockScope scope(batches);
+  if (!is_open) return NotOpenError();
+  if (records.ReadBack(age, record)) return {};
+  return MakeError(ErrorCode::kBadArgument, path + " has no record of age " + std::to_string(age));
+}
+
 void Writer::Parts::Close() {
   is_open = false;
   store.Close();
@@ -199,24 +283,24 @@ void Writer::Parts::Close() {
 Writer::Writer() = default;
 Writer::~Writer() = default;
 
-Error Writer::Open(const std::string& path, std::uint32_t ring_size) {
+Error Writer::Open(const std::string& path, std::uint32_t ring_size, WriterCheck check) {
   if (ring_size == 0 || ring_size > report::kMaxRecordUnlimited) {
     return sdk::WithoutExceptions([&] {
       return MakeError(ErrorCode::kBadArgument, "a ring of " + std::to_string(ring_size) + " records; 1 to " +
                                                     std::to_string(report::kMaxRecordUnlimited) + " are possible");
     });
   }
-  return OpenGuarded(path, ring_size, true);
+  return OpenGuarded(path, ring_size, true, check);
 }
 
-Error Writer::OpenExisting(const std::string& path) { return OpenGuarded(path, 0, false); }
+Error Writer::OpenExisting(const std::string& path) { return OpenGuarded(path, 0, false, WriterCheck::kEveryProcess); }
 
-Error Writer::OpenGuarded(const std::string& path, std::uint32_t ring_size, bool may_create) {
+Error Writer::OpenGuarded(const std::string& path, std::uint32_t ring_size, bool may_create, WriterCheck check) {
   Close();
   return sdk::WithoutExceptions([&]() -> Error {
     if (Error error = CheckPath(path); error.Failed()) return error;
     parts_ = std::make_unique<Parts>();  // a store object that was open before would keep an old header
-    Error error = parts_->Open(path, ring_size, may_create);
+    Error error = parts_->Open(path, ring_size, may_create, check);
     if (error.Failed()) parts_->Close();
     return error;
   });
@@ -225,8 +309,7 @@ Error Writer::OpenGuarded(const std::string& path, std::uint32_t ring_size, bool
 Error Writer::Append(std::string_view text) { return Append(std::span(&text, 1)); }
 
 Error Writer::Append(std::span<const std::string_view> texts) {
-  return sdk::WithoutExceptions(
-      [&] { return parts_ != nullptr ? parts_->Append(texts) : MakeError(ErrorCode::kNotOpen, "no report is open"); });
+  return sdk::WithoutExceptions([&] { return parts_ != nullptr ? parts_->Append(texts) : NotOpenError(); });
 }
 
 Error Writer::Append(std::span<const std::string> texts) {
@@ -237,6 +320,22 @@ Error Writer::Append(std::initializer_list<std::string_view> texts) {
   return Append(std::span<const std::string_view>(texts.begin(), texts.size()));
 }
 
+Error Writer::AppendCopies(std::span<const std::string_view> records) {
+  return sdk::WithoutExceptions([&] { return parts_ != nullptr ? parts_->AppendCopies(records) : NotOpenError(); });
+}
+
+Error Writer::Confirm() {
+  return sdk::WithoutExceptions([&] { return parts_ != nullptr ? parts_->Confirm() : NotOpenError(); });
+}
+
+Error Writer::CheckUntouched() {
+  return sdk::WithoutExceptions([&] { return parts_ != nullptr ? parts_->CheckUntouched() : NotOpenError(); });
+}
+
+Error Writer::ReadBack(std::uint32_t age, std::string& record) {
+  return sdk::WithoutExceptions([&] { return parts_ != nullptr ? parts_->ReadBack(age, record) : NotOpenError(); });
+}
+
 void Writer::Close() {
   if (parts_ != nullptr) parts_->Close();
 }
@@ -244,5 +343,7 @@ void Writer::Close() {
 bool Writer::IsOpen() const { return parts_ != nullptr && parts_->is_open; }
 
 std::uint32_t Writer::RingSize() const { return IsOpen() ? parts_->store.header().maxRecord : 0; }
+
+std::uint32_t Writer::RecordCount() const { return IsOpen() ? parts_->store.header().elementCount : 0; }
 
 }  // namespace qx

@@ -29,6 +29,12 @@ inline constexpr std::size_t kRecordTextMax = 0x100000 - 3;
 //   "a/load"  => "/srv/reports/a/load"
 [[nodiscard]] std::string ReportPath(std::string_view name);
 
+// How a Writer finds out whether another writer has the report open.
+enum class WriterCheck {
+  kEveryProcess,  // by the lock, and by the open files of all processes: agents from before the lock do not take it
+  kLock,          // by the lock alone, which costs less: for a directory in which every writer takes it
+};
+
 // The one writer of a report.
 //
 // Threads: Append may be called from several threads at the same time, and a batch stays together; the rest belongs to
@@ -46,7 +52,7 @@ class Writer {
   // its own ring size (RingSize). Closes what is open first. Errors: kBadArgument; kOtherWriter; kDamaged for a header
   // that no writer leaves, or if one file is missing and the other one holds something; kSystem. If a killed writer
   // left records that the header does not count, they are counted now. [owning thread]
-  Error Open(const std::string& path, std::uint32_t ring_size);
+  Error Open(const std::string& path, std::uint32_t ring_size, WriterCheck check = WriterCheck::kEveryProcess);
 
   // The same for a report that must exist (kNotFound); nothing is created. [owning thread]
   Error OpenExisting(const std::string& path);
@@ -64,17 +70,37 @@ class Writer {
   Error Append(std::span<const std::string> texts);
   Error Append(std::initializer_list<std::string_view> texts);
 
+  // Appends copies of records as readers return them, with their line ends, so that readers of this report get the same
+  // bytes. Errors as above; kBadText for what no reader returns: a byte of those after which a record ends, and more
+  // after it. [any thread]
+  Error AppendCopies(std::span<const std::string_view> records);
+
+  // Makes sure that the header in the file counts everything that was appended. An append does not fail if only the
+  // last write of the header fails. Errors: kNotOpen, kSystem. [any thread]
+  Error Confirm();
+
+  // Whether the report is as this writer left it. Errors: kNotOpen; kNotFound if the path has other files now, or none;
+  // kOtherWriter if the header is not the one that this writer wrote. [any thread]
+  Error CheckUntouched();
+
+  // The record of this age as readers return it, 0 being the newest. Errors: kNotOpen; kBadArgument if there is no
+  // record that can be read. [any thread]
+  Error ReadBack(std::uint32_t age, std::string& record);
+
   // Closes the files and gives up the lock. [owning thread]
   void Close();
 
   [[nodiscard]] bool IsOpen() const;
   // How many records the ring of the open report keeps; 0 if none is open. [owning thread]
   [[nodiscard]] std::uint32_t RingSize() const;
+  // How many records were appended to the open report since it was created, modulo 2^32; 0 if none is open.
+  // [owning thread]
+  [[nodiscard]] std::uint32_t RecordCount() const;
 
  private:
   struct Parts;
 
-  Error OpenGuarded(const std::string& path, std::uint32_t ring_size, bool may_create);
+  Error OpenGuarded(const std::string& path, std::uint32_t ring_size, bool may_create, WriterCheck check);
 
   std::unique_ptr<Parts> parts_;
 };

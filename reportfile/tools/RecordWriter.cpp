@@ -119,6 +119,36 @@ std::uint32_t RecordWriter::FinishInterrupted() {
   return part.records;
 }
 
+bool RecordWriter::IsOpenOn(const struct stat& index, const struct stat& data) const {
+  struct stat open_index = {};
+  struct stat open_data = {};
+  return store_.IsOpen() && file::StatusOf(fileno(store_.index_file_), open_index) == 0 &&
+         file::StatusOf(fileno(store_.data_file_), open_data) == 0 && file::IsSameFile(open_index, index) &&
+         file::IsSameFile(open_data, data);
+}
+
+bool RecordWriter::HasHeaderInFile() const {
+  IndexHeader header;
+  if (!store_.IsOpen()) return false;
+  const file::Progress progress = ReadAt(store_.index_file_, 0, &header, sizeof header);
+  return progress.bytes == sizeof header && header == store_.header_;
+}
+
+int RecordWriter::ConfirmHeader() {
+  const LockScope scope(store_.lock_);
+  if (!store_.IsOpen()) return EBADF;
+  if (HasHeaderInFile()) return 0;
+  const int result = store_.writePositionsToFile();
+  const int error = errno;
+  return result == 0 ? 0 : error;
+}
+
+bool RecordWriter::ReadBack(std::uint32_t age, std::string& record) const {
+  const IndexHeader& header = store_.header_;
+  if (!HasPlausibleRing(header) || age >= header.highestIndex) return false;
+  return store_.readLine(record, SlotOfAge(header, header.highestIndex - 1 - age));
+}
+
 // The slot of the oldest record leads to where the next record goes only if that record is written there. A free slot
 // that was written leads nowhere, as long as the header does not count it.
 UncountedPart RecordWriter::FindUncounted() const {

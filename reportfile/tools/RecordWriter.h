@@ -9,6 +9,8 @@
 // writer, counts them.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -52,6 +54,17 @@ class RecordWriter {
   // Counts the records of a part that a killed writer left in a full ring: their slots are written, and the header is
   // not. Returns how many; 0 also if the files cannot be read. Only for the one writer of the store. [owning thread]
   [[nodiscard]] std::uint32_t FinishInterrupted();
+
+  // True if these are the files that the store has open. [any thread]
+  [[nodiscard]] bool IsOpenOn(const struct stat& index, const struct stat& data) const;
+  // True if the header in the index file is the one in memory: nobody else has written it. [any thread]
+  [[nodiscard]] bool HasHeaderInFile() const;
+  // Makes it so. An append does not fail if the last write of the header fails, because the next one writes it again.
+  // Returns 0 or the error number. [any thread]
+  [[nodiscard]] int ConfirmHeader();
+
+  // The record of this age, 0 being the newest. False: no record has this age, or it cannot be read. [any thread]
+  [[nodiscard]] bool ReadBack(std::uint32_t age, std::string& record) const;
 
  private:
   [[nodiscard]] AppendedRecords AppendPart(std::span<const std::string_view> texts);

@@ -44,14 +44,14 @@ std::optional<int> ProcessWithTheLock(int file) {
 
 }  // namespace
 
-WriterLock::WriterLock(const std::string& base_path)
+WriterLock::WriterLock(const std::string& base_path, WriterSearch search)
     : index_(OpenStoreFile(IndexFileName(base_path), OpenMode::kRead)) {
   const bool is_locked = index_.IsOpen() && file::TryLock(index_.Number()) == EWOULDBLOCK;
   const std::optional<int> holder = is_locked ? ProcessWithTheLock(index_.Number()) : std::nullopt;
   // A free lock does not mean that nobody writes: older agents do not take it.
   if (holder.has_value()) {
     process_ = *holder != getpid() ? *holder : 0;
-  } else {
+  } else if (search == WriterSearch::kEveryProcess) {
     process_ = ProcessThatWrites(base_path);
   }
   is_held_ = is_locked || process_ != 0;

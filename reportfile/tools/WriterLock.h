@@ -11,6 +11,12 @@
 
 namespace qx::report {
 
+// What counts as a writer.
+enum class WriterSearch {
+  kEveryProcess,  // who holds the lock, and who has the files open: agents from before the lock do not take it
+  kLock,          // who holds the lock: for a directory in which every writer takes it
+};
+
 // Takes the lock of the report at `base_path` for its own lifetime, if nobody writes the report. CReportFileBase::Open
 // then continues without taking the lock.
 //
@@ -18,7 +24,7 @@ namespace qx::report {
 // counts as free; the open that follows reports it. Throws std::bad_alloc.
 class WriterLock {
  public:
-  explicit WriterLock(const std::string& base_path);
+  explicit WriterLock(const std::string& base_path, WriterSearch search = WriterSearch::kEveryProcess);
 
   // True if another process, or another object of this one, has the report open for writing.
   [[nodiscard]] bool IsHeldByAnother() const { return is_held_; }
