@@ -1,6 +1,8 @@
 #include "tools/qxrelay/stream/NatsConsume.h"
 
 #include <algorithm>
+#include <charconv>
+#include <string_view>
 #include <utility>
 
 #include "tools/qxrelay/stream/NatsHandles.h"
@@ -10,9 +12,26 @@ namespace qx::relay {
 namespace {
 
 constexpr std::string_view kAcknowledged = "+ACK";
+constexpr std::string_view kRefused = "+TERM";
+constexpr const char* kExpectedLast = "Nats-Expected-Last-Subject-Sequence";
+constexpr const char* kSourceHeader = "Nats-Stream-Source";  // then the sequences are those of another stream
+constexpr int64_t kFlushMs = 1000;
 constexpr std::int64_t kNanosecondsInMs = 1'000'000;
 
 using MetaData = std::unique_ptr<jsMsgMetaData, nats::Destroyer<jsMsgMetaData_Destroy>>;
+
+using ConsumerInfo = std::unique_ptr<jsConsumerInfo, nats::Destroyer<jsConsumerInfo_Destroy>>;
+
+std::optional<std::uint64_t> SequenceBefore(natsMsg* message) {
+  const char* text = nullptr;
+  if (natsMsgHeader_Get(message, kSourceHeader, &text) == NATS_OK) return std::nullopt;
+  if (natsMsgHeader_Get(message, kExpectedLast, &text) != NATS_OK || text == nullptr) return std::nullopt;
+  const std::string_view digits = text;
+  std::uint64_t sequence = 0;
+  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), sequence);
+  if (error != std::errc() || end != digits.data() + digits.size()) return std::nullopt;
+  return sequence;
+}
 
 void AppendMessage(natsMsg* raw, std::vector<StreamMessage>& messages) {
   jsMsgMetaData* found = nullptr;
@@ -22,6 +41,7 @@ void AppendMessage(natsMsg* raw, std::vector<StreamMessage>& messages) {
   messages.push_back({.subject = natsMsg_GetSubject(raw),
                       .payload = {natsMsg_GetData(raw), static_cast<std::size_t>(natsMsg_GetDataLength(raw))},
                       .sequence = meta->Sequence.Stream,
+                      .before = SequenceBefore(raw),
                       .delivered = meta->NumDelivered,
                       .pending = meta->NumPending,
                       .receipt = receipt != nullptr ? receipt : ""});
@@ -33,6 +53,7 @@ struct NatsConsume::Parts {
   nats::Connection connection;
   nats::Context context;
   nats::Subscription subscription;
+  std::string name;
 };
 
 NatsConsume::NatsConsume(StreamSettings settings) : settings_(std::move(settings)) {}
@@ -63,6 +84,7 @@ std::optional<std::string> NatsConsume::Connect(const std::string& name, std::si
   status = js_PullSubscribe(&subscription, context, subjects.c_str(), name.c_str(), nullptr, &options, nullptr);
   if (status != NATS_OK) return nats::Problem("cannot use the consumer " + name + " of " + settings_.name, status);
   parts->subscription.reset(subscription);
+  parts->name = name;
   parts_ = std::move(parts);
   return std::nullopt;
 }
@@ -85,11 +107,35 @@ std::optional<std::string> NatsConsume::Fetch(std::size_t count_max, std::chrono
 }
 
 std::optional<std::string> NatsConsume::Acknowledge(const std::string& receipt) {
+  return Answer(receipt, kAcknowledged);
+}
+
+std::optional<std::string> NatsConsume::Refuse(const std::string& receipt) { return Answer(receipt, kRefused); }
+
+std::optional<std::string> NatsConsume::Answer(const std::string& receipt, std::string_view answer) {
   if (parts_ == nullptr) return "not connected";
-  const natsStatus status = natsConnection_Publish(parts_->connection.get(), receipt.c_str(), kAcknowledged.data(),
-                                                   static_cast<int>(kAcknowledged.size()));
+  const natsStatus status =
+      natsConnection_Publish(parts_->connection.get(), receipt.c_str(), answer.data(), static_cast<int>(answer.size()));
   if (status == NATS_OK) return std::nullopt;
   return nats::Problem("cannot acknowledge a message", status);
+}
+
+std::optional<std::string> NatsConsume::ReadState(ConsumerState& state) {
+  if (parts_ == nullptr) return "not connected";
+  jsConsumerInfo* found = nullptr;
+  natsStatus status =
+      js_GetConsumerInfo(&found, parts_->context.get(), settings_.name.c_str(), parts_->name.c_str(), nullptr, nullptr);
+  if (status != NATS_OK) return nats::Problem("cannot read the state of the consumer " + parts_->name, status);
+  const ConsumerInfo consumer(found);
+  jsStreamInfo* found_stream = nullptr;
+  status = js_GetStreamInfo(&found_stream, parts_->context.get(), settings_.name.c_str(), nullptr, nullptr);
+  if (status != NATS_OK) return nats::Problem("cannot read the state of the stream " + settings_.name, status);
+  const nats::StreamInfo stream(found_stream);
+  state = {.first = stream->State.FirstSeq,
+           .acknowledged = consumer->AckFloor.Stream,
+           .created = stream->Created,
+           .pending = consumer->NumPending};
+  return std::nullopt;
 }
 
 std::optional<std::string> NatsConsume::FirstSequence(std::uint64_t& sequence) {
@@ -104,6 +150,7 @@ std::optional<std::string> NatsConsume::FirstSequence(std::uint64_t& sequence) {
 
 void NatsConsume::Close() {
   if (parts_ == nullptr) return;
+  (void)natsConnection_FlushTimeout(parts_->connection.get(), kFlushMs);  // what is lost comes again
   parts_->subscription.reset();
   natsConnection_Close(parts_->connection.get());
   parts_.reset();

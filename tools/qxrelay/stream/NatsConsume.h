@@ -22,10 +22,14 @@ class NatsConsume final : public ConsumeStream {
   [[nodiscard]] std::optional<std::string> Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
                                                  std::vector<StreamMessage>& messages) override;
   [[nodiscard]] std::optional<std::string> Acknowledge(const std::string& receipt) override;
+  [[nodiscard]] std::optional<std::string> Refuse(const std::string& receipt) override;
+  [[nodiscard]] std::optional<std::string> ReadState(ConsumerState& state) override;
   [[nodiscard]] std::optional<std::string> FirstSequence(std::uint64_t& sequence) override;
   void Close() override;
 
  private:
+  [[nodiscard]] std::optional<std::string> Answer(const std::string& receipt, std::string_view answer);
+
   struct Parts;
 
   StreamSettings settings_;

@@ -74,10 +74,23 @@ class PublishStream {
 struct StreamMessage {
   std::string subject;
   std::string payload;
-  std::uint64_t sequence = 0;   // in the stream
+  std::uint64_t sequence = 0;  // in the stream
+  // The sequence of the subject's message before this one, as the sender expected it and the server proved it; 0: this
+  // is the first one. Unset if the message does not say.
+  std::optional<std::uint64_t> before = std::nullopt;
   std::uint64_t delivered = 0;  // how often it was delivered, 1 for the first time
   std::uint64_t pending = 0;    // how many messages the consumer has after this one
   std::string receipt;          // for Acknowledge
+};
+
+// Of the stream and of the consumer, at one moment.
+struct ConsumerState {
+  std::uint64_t first = 0;         // sequence of the first message that the stream still has, or of the next one
+  std::uint64_t acknowledged = 0;  // no message up to this sequence will come again
+  std::int64_t created = 0;        // when the stream was created: it distinguishes streams of one name
+  std::uint64_t pending = 0;       // messages that were not fetched yet
+
+  friend bool operator==(const ConsumerState&, const ConsumerState&) = default;
 };
 
 // The receiver's side: a durable consumer of which messages are fetched, and acknowledged one by one.
@@ -96,13 +109,19 @@ class ConsumeStream {
   [[nodiscard]] virtual std::optional<std::string> Connect(const std::string& name, std::size_t unacknowledged_max,
                                                            std::chrono::milliseconds redeliver_after) = 0;
 
-  // Appends up to `count_max` messages, of about `bytes_max` bytes, that come within `timeout`; returns early when
+  // Appends up to `count_max` messages that come within `timeout`; returns early when
   // there are some and no more for now. No message in time is not a failure. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
                                                          std::vector<StreamMessage>& messages) = 0;
 
   // Says that the message need not come again. The acknowledgement may be lost: then it comes again. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> Acknowledge(const std::string& receipt) = 0;
+
+  // Says that the message need not come again although it is of no use. [owning thread]
+  [[nodiscard]] virtual std::optional<std::string> Refuse(const std::string& receipt) = 0;
+
+  // [owning thread]
+  [[nodiscard]] virtual std::optional<std::string> ReadState(ConsumerState& state) = 0;
 
   // The sequence of the first message that the stream still has; 0 if it is empty. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> FirstSequence(std::uint64_t& sequence) = 0;
