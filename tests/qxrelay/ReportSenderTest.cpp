@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "tools/qxrelay/send/Backoff.h"
+#include "tools/qxrelay/message/Backoff.h"
 
 namespace {
 

@@ -14,6 +14,7 @@
 #include "tools/qxrelay/cli/CheckCommand.h"
 #include "tools/qxrelay/cli/HostCommand.h"
 #include "tools/qxrelay/cli/Options.h"
+#include "tools/qxrelay/cli/ReceiveCommand.h"
 #include "tools/qxrelay/cli/SendCommand.h"
 #include "tools/qxrelay/cli/StatusCommand.h"
 #include "tools/qxrelay/cli/StreamCommand.h"
@@ -55,6 +56,7 @@ const Command kHelp = HelpOfQxrelay();
 const Command* const kCommands[] = {
     &qx::relay::kQxrelay,
     &qx::relay::kSendCommand,
+    &qx::relay::kReceiveCommand,
     &qx::relay::kCheckCommand,
     &qx::relay::kStatusCommand,
     &kStream,

@@ -164,6 +164,19 @@ const std::vector<KeyRow>& Rows() {
       {"send", "rescan",
        Time<milliseconds>(
            [](RelayConfig & c) -> auto& { return c.send.rescan; }, milliseconds(10), seconds(3600))},
+      {"receive", "name",
+       Text(
+           [](RelayConfig & c) -> auto& { return c.receive.name; }, IsStreamName)},
+      {"receive", "root", Text([](RelayConfig & c) -> auto& { return c.receive.root; })},
+      {"receive", "slots",
+       Size<std::uint32_t>(
+           [](RelayConfig & c) -> auto& { return c.receive.slots; }, 1, kSlotsMax)},
+      {"receive", "sync",
+       Time<milliseconds>(
+           [](RelayConfig & c) -> auto& { return c.receive.sync; }, milliseconds(10), seconds(60))},
+      {"receive", "redeliver",
+       Time<milliseconds>(
+           [](RelayConfig & c) -> auto& { return c.receive.redeliver; }, seconds(1), seconds(3600))},
   };
   return kRows;
 }

@@ -50,10 +50,22 @@ struct SendSettings {
   std::chrono::milliseconds rescan{5000};    // how often new reports are searched for
 };
 
+inline constexpr std::uint32_t kSlotsMax = 0x3FFFFFFF;  // of a ring
+
+// [receive]
+struct ReceiveSettings {
+  std::string name;                                 // of the consumer; empty: the user of [stream], or this machine
+  std::string root = "/var/lib/qxrelay-collected";  // one directory for each host
+  std::uint32_t slots = 10'000;                     // of the ring of a new report
+  std::chrono::milliseconds sync{1000};             // how often the file system is synced, and messages acknowledged
+  std::chrono::milliseconds redeliver{30000};       // after which what is not acknowledged comes again
+};
+
 struct RelayConfig {
   StreamSettings stream;
   HostSettings host;
   SendSettings send;
+  ReceiveSettings receive;
 };
 
 // What is wrong with the file: "section [send], key \"lingr\": there is no such key".

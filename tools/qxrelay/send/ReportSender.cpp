@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "tools/qxrelay/send/Backoff.h"
+#include "tools/qxrelay/message/Backoff.h"
 
 namespace qx::relay {
 

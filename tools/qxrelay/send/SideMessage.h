@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tools/qxrelay/send/Backoff.h"
+#include "tools/qxrelay/message/Backoff.h"
 #include "tools/qxrelay/send/SendContext.h"
 
 namespace qx::relay {

@@ -1,4 +1,4 @@
-// How long a sender waits after a failure: 50 ms, twice as long each time, at most 5 s, with jitter.
+// How long a service waits after a failure: 50 ms, twice as long each time, at most 5 s, with jitter.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,7 @@ inline constexpr std::int64_t kBackoffMinMs = 50;
 inline constexpr std::int64_t kBackoffMaxMs = 5000;
 
 // The wait after the nth failure in a row, counted from 1. `random` is from 0 up to 1. Half of the wait is fixed, so
-// that nobody waits almost nothing, and half is random, so that many senders do not come back together. [any thread]
+// that nobody waits almost nothing, and half is random, so that many hosts do not come back together. [any thread]
 //   failure 1, random 0    => 50
 //   failure 3, random 0.5  => 150
 //   failure 9, random 0    => 2500

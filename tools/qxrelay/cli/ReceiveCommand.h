@@ -1,0 +1,10 @@
+// qxrelay receive
+#pragma once
+
+#include "tools/qxctl/cli/Command.h"
+
+namespace qx::relay {
+
+extern const ctl::Command kReceiveCommand;
+
+}  // namespace qx::relay

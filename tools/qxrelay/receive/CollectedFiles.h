@@ -1,0 +1,73 @@
+// The files of one report on a collector: the report, written with the writer of the SDK, and its base (ReportBase.h).
+//
+// The position is never kept in memory alone: it follows from what the files count and the base. So whoever kills the
+// receiver, whenever, finds the position again that the files show.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "sdk/Writer.h"
+#include "tools/qxrelay/receive/CollectorRoot.h"
+#include "tools/qxrelay/receive/ReportBase.h"
+
+namespace qx::relay {
+
+// Threads: one thread. Owns: while it is open, the report's files and its lock: three descriptors.
+// Failure: a CollectorFault. Throws std::bad_alloc.
+class CollectedFiles {
+ public:
+  explicit CollectedFiles(std::string path) : path_(std::move(path)) {}
+
+  static constexpr std::size_t kDescriptors = 3;
+
+  // Opens the report, or creates it with `slots` slots, and finds what its base says. [owning thread]
+  [[nodiscard]] CollectorFault Open(std::uint32_t slots);
+  void Close() { writer_.Close(); }
+  [[nodiscard]] bool IsOpen() const { return writer_.IsOpen(); }
+
+  // As Open has found it. kFits: the number of the next record is Next(). [owning thread]
+  [[nodiscard]] BaseFit Fit() const { return found_.fit; }
+  [[nodiscard]] const ReportBase& Base() const { return found_.base; }
+  [[nodiscard]] std::uint64_t Next() const { return found_.next; }
+  // Whether the report has a record at all. [owning thread]
+  [[nodiscard]] bool IsEmpty() const { return writer_.RecordCount() == 0; }
+
+  // From now on the next record has the number `base.next`; generation and count are filled in. It must be on the disk
+  // before the next Append. [owning thread]
+  [[nodiscard]] CollectorFault WriteBase(ReportBase base);
+  // Says that the files contradict the messages, until somebody changes them. [owning thread]
+  [[nodiscard]] CollectorFault WriteContradiction();
+
+  // Whether the files are as the last call left them. [owning thread]
+  [[nodiscard]] CollectorFault CheckUntouched();
+  // Appends records. After a failure Next says how many are stored. [owning thread]
+  [[nodiscard]] CollectorFault Append(std::span<const std::string_view> records);
+  // The header in the file counts what Append has stored. Before that nothing may be acknowledged. [owning thread]
+  [[nodiscard]] CollectorFault Confirm();
+
+  // The hash of the record of this number; 0 if the report does not have it. [owning thread]
+  [[nodiscard]] std::uint64_t HashOf(std::uint64_t number);
+  // The same of the newest record, whatever its number. [owning thread]
+  [[nodiscard]] std::uint64_t NewestHash();
+
+ private:
+  [[nodiscard]] CollectorFault ReadBases();
+  [[nodiscard]] std::uint64_t HashOfAge(std::uint64_t age);
+  [[nodiscard]] CollectorFault Save(ReportBase base);
+
+  std::string path_;
+  Writer writer_;
+  BaseLines lines_;
+  FoundBase found_;
+  std::uint64_t newest_hash_ = 0;  // of the record before newest_next_
+  std::uint64_t newest_next_ = 0;
+};
+
+// The failure of a call of the SDK.
+[[nodiscard]] CollectorFault FaultOf(const Error& error);
+
+}  // namespace qx::relay

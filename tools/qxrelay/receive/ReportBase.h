@@ -1,0 +1,73 @@
+// The base of a report on a collector: which number the records of its files have.
+//
+// The files count their records, modulo 2^32. A base says "when the files had counted `count` records, the next one had
+// number `next`", so the position of a report is next + (records counted now - count). A base is written once for each
+// incarnation and each gap, and it is on the disk before the first record that needs it. So whatever the system loses
+// in a crash, files and base together show a position that was true at some time, and everything after it comes again.
+//
+// A base file is next to the files of its report and has two lines of kBaseLineBytes. A new base takes the place of the
+// older line: the other one stays whole. If power was lost before the records ahead of the newest base were on the
+// disk, the older line still says what the files have.
+//
+//   qxrelay-base 1 GENERATION INCARNATION COUNT NEXT SEQUENCE STREAM LOST CHECK
+//
+// All but the first two are hexadecimal numbers of fixed width. CHECK is the hash (RecordHash) of the line before it.
+//
+// Everything here is pure. Throws std::bad_alloc. [any thread]
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace qx::relay {
+
+inline constexpr std::size_t kBaseLineBytes = 160;
+inline constexpr std::string_view kBaseSuffix = ".relay";
+
+struct ReportBase {
+  std::uint64_t generation = 0;   // 1 for the first base of a report; a later one has a larger number
+  std::uint64_t incarnation = 0;  // 0: the files contradict the messages, since they counted `count` records
+  std::uint32_t count = 0;
+  std::uint64_t next = 0;
+  std::uint64_t sequence = 0;  // of the message with which the incarnation began here
+  std::uint64_t stream = 0;    // of that sequence: when the stream was created
+  std::uint64_t lost = 0;      // records in gaps, since the report is here
+
+  friend bool operator==(const ReportBase&, const ReportBase&) = default;
+};
+
+[[nodiscard]] std::string TextOfBase(const ReportBase& base);
+
+// The lines that are whole, in the places that they have in the file.
+using BaseLines = std::array<std::optional<ReportBase>, 2>;
+[[nodiscard]] BaseLines BasesOfText(std::string_view text);
+
+// Where the next base goes: not where `kept` is, the one that is in force.
+[[nodiscard]] std::size_t PlaceOfNextBase(const BaseLines& lines, const std::optional<ReportBase>& kept);
+
+enum class BaseFit : std::uint8_t {
+  kNone,          // there is no base: nothing is known of the records in the files
+  kFits,          // `base` is in force, `next` follows from it
+  kShrunk,        // the files have fewer records than any base says; `base` says what was in front of them
+  kContradicted,  // the files are as they were when they contradicted a message
+};
+
+struct FoundBase {
+  BaseFit fit = BaseFit::kNone;
+  ReportBase base;
+  std::uint64_t next = 0;
+
+  friend bool operator==(const FoundBase&, const FoundBase&) = default;
+};
+
+// What the lines say of files that have counted `count` records.
+//   newest next 100 at count 40   older next 20 at count 20   count 45 => next 105
+//                                                             count 30 => next 30, of the older one
+//                                                             count 5  => shrunk, next 100
+[[nodiscard]] FoundBase FindBase(const BaseLines& lines, std::uint32_t count);
+
+}  // namespace qx::relay

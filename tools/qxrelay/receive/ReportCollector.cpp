@@ -1,0 +1,266 @@
+#include "tools/qxrelay/receive/ReportCollector.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "reportfile/tools/RecordOverlap.h"
+
+namespace qx::relay {
+
+namespace {
+
+constexpr TimeMs kLeftAloneMs = 5000;  // between two tries of a report that cannot be written
+
+std::string CountText(std::uint64_t count) { return std::to_string(count) + (count == 1 ? " record" : " records"); }
+
+}  // namespace
+
+ReportCollector::ReportCollector(ReceiveContext& context, std::string host, std::string report)
+    : context_(context),
+      host_(std::move(host)),
+      report_(std::move(report)),
+      files_(context.root.PathOf(host_, report_)) {
+  seen_.host = host_;
+  seen_.report = report_;
+}
+
+// The texts are parts of the payload's heap memory, which a move does not move: a message is longer than a string that
+// is kept in the object.
+void ReportCollector::Add(StreamMessage message, DecodedMessage decoded) {
+  if (const auto found = queue_.find(message.sequence); found != queue_.end()) {
+    found->second.receipt = std::move(message.receipt);
+    return;
+  }
+  Queued& queued = queue_[message.sequence];
+  queued.payload = std::move(message.payload);
+  queued.receipt = std::move(message.receipt);
+  queued.before = message.before;
+  queued.head = std::move(decoded.head);
+  queued.texts = std::move(decoded.texts);
+  context_.queued_bytes += queued.payload.size();
+  seen_.store_next =
+      std::max(queued.head.store_next, queued.head.incarnation == seen_.incarnation ? seen_.store_next : 0);
+  seen_.ring_slots = queued.head.ring_slots;
+  seen_.sent_ms = std::max(seen_.sent_ms, queued.head.sent_ms);
+}
+
+void ReportCollector::Work(TimeMs now) {
+  for (bool is_again = true; is_again;) {
+    is_again = false;
+    bool has_waiting = false;
+    for (auto at = queue_.begin(); at != queue_.end();) {
+      const Outcome outcome = Handle(now, at->first, at->second);
+      if (outcome == Outcome::kStop) return;
+      if (outcome == Outcome::kWait) {
+        has_waiting = true;
+        ++at;
+        continue;
+      }
+      Done(at->first, at->second);
+      at = queue_.erase(at);
+      is_again = has_waiting;
+    }
+    if (state_ == CollectedState::kWaits && !has_waiting) state_ = CollectedState::kFollows;
+    if (has_waiting && state_ == CollectedState::kFollows) state_ = CollectedState::kWaits;
+  }
+  // What is after a hole comes again if there is no space for it now.
+  while (!queue_.empty() && context_.queued_bytes > context_.queue_bytes_max) {
+    context_.queued_bytes -= queue_.rbegin()->second.payload.size();
+    queue_.erase(std::prev(queue_.end()));
+  }
+}
+
+ReportCollector::Outcome ReportCollector::Handle(TimeMs now, std::uint64_t sequence, Queued& message) {
+  if (state_ == CollectedState::kLeftAlone && now < retry_at_) return Skip(message);
+  if (const CollectorFault fault = files_.IsOpen() ? ContinueFiles() : OpenFiles(); fault.Failed()) {
+    return Failed(now, fault, message);
+  }
+  if (is_base_unsynced_) return Outcome::kStop;
+  ReportPosition position = {.is_known = files_.Fit() == BaseFit::kFits || files_.Fit() == BaseFit::kShrunk,
+                             .incarnation = files_.Base().incarnation,
+                             .next = files_.Next(),
+                             .sequence = files_.Base().stream == static_cast<std::uint64_t>(context_.state.created)
+                                             ? files_.Base().sequence
+                                             : 0};
+  needs_base_ = files_.Fit() == BaseFit::kShrunk;
+  if (files_.Fit() == BaseFit::kContradicted ||
+      (!position.is_known && !files_.IsEmpty() && !Adopt(message, position))) {
+    return Contradicted(now, message,
+                        "its newest record does not come from this host: remove the report, or move it away");
+  }
+  const IncomingMessage incoming = {
+      .head = message.head, .texts = message.texts, .sequence = sequence, .is_next = IsNext(sequence, message)};
+  const Decision decision = Decide(position, incoming, [this](std::uint64_t number) { return files_.HashOf(number); });
+  if (decision.verdict == Verdict::kWait) return Outcome::kWait;
+  if (decision.verdict == Verdict::kContradicted) {
+    return Contradicted(now, message,
+                        "its newest record is not the one that the host has sent: another program has changed it; "
+                        "remove the report, or move it away");
+  }
+  return Take(now, sequence, message, decision);
+}
+
+// Files without a base whose newest record is in the message, or directly before it.
+bool ReportCollector::Adopt(const Queued& message, ReportPosition& position) {
+  const std::uint64_t newest = files_.NewestHash();
+  std::uint64_t next = message.head.first;
+  bool is_found = newest != 0 && newest == message.head.hash_before;
+  for (std::size_t i = 0; newest != 0 && i < message.texts.size() && !is_found; ++i) {
+    is_found = report::RecordHash(message.texts[i]) == newest;
+    next = message.head.first + i + 1;
+  }
+  if (!is_found) return false;
+  position = {.is_known = true, .incarnation = message.head.incarnation, .next = next, .sequence = 0};
+  needs_base_ = true;
+  return true;
+}
+
+ReportCollector::Outcome ReportCollector::Take(TimeMs now, std::uint64_t sequence, Queued& message,
+                                               const Decision& decision) {
+  if (decision.NeedsBase() || needs_base_) {
+    ReportBase base = files_.Base();
+    if (decision.begins || files_.Fit() == BaseFit::kNone) {
+      base.incarnation = message.head.incarnation;
+      base.sequence = sequence;
+      base.stream = static_cast<std::uint64_t>(context_.state.created);
+    }
+    base.next = decision.next;
+    base.lost += decision.missing + decision.gap;
+    if (const CollectorFault fault = files_.WriteBase(base); fault.Failed()) return Failed(now, fault, message);
+    is_base_unsynced_ = true;
+    context_.needs_base_sync = true;
+    seen_.counters.gap_records += decision.missing + decision.gap;
+    seen_.counters.missing += decision.missing;
+    if (decision.missing > 0) {
+      context_.log("report " + host_ + "/" + report_ + ": " + CountText(decision.missing) + " from number " +
+                   std::to_string(message.head.first - decision.missing) +
+                   " on are lost: neither the stream nor the report has them");
+    }
+    if (decision.gap > 0) {
+      context_.log("report " + host_ + "/" + report_ + ": " + CountText(decision.gap) +
+                   " are lost: the host's ring has overwritten them");
+    }
+  }
+  seen_.is_placed = true;
+  seen_.incarnation = files_.Base().incarnation;
+  return Write(now, message, decision);
+}
+
+ReportCollector::Outcome ReportCollector::Write(TimeMs now, Queued& message, const Decision& decision) {
+  const std::span<const std::string_view> texts = message.texts;
+  const std::span<const std::string_view> fresh = texts.subspan(std::min(decision.skip, texts.size()));
+  if (!fresh.empty() && is_base_unsynced_) return Outcome::kStop;
+  const std::uint64_t before = files_.Next();
+  const CollectorFault fault = files_.Append(fresh);
+  const std::uint64_t stored = files_.Next() - before;
+  message.written += stored;
+  seen_.counters.records += stored;
+  for (const std::string_view text : fresh.first(static_cast<std::size_t>(stored))) seen_.counters.bytes += text.size();
+  seen_.next = files_.Next();
+  if (fault.Failed()) return Failed(now, fault, message);
+  needs_confirm_ = stored > 0;
+  if (needs_confirm_) {
+    if (const CollectorFault unconfirmed = files_.Confirm(); unconfirmed.Failed()) {
+      return Failed(now, unconfirmed, message);
+    }
+  }
+  needs_confirm_ = false;
+  seen_.counters.repeats += decision.repeats - std::min(decision.repeats, message.written - stored);
+  if (!trouble_.empty()) context_.log("report " + host_ + "/" + report_ + ": continues");
+  trouble_.clear();
+  state_ = CollectedState::kFollows;
+  return Outcome::kDone;
+}
+
+CollectorFault ReportCollector::OpenFiles() {
+  if (CollectorFault fault = context_.root.MakeDirectories(host_, report_); fault.Failed()) return fault;
+  ++context_.counters.opens;
+  CollectorFault fault = files_.Open(context_.settings.slots);
+  if (fault.Failed()) return fault;
+  needs_confirm_ = false;  // the position is what the header in the file says
+  const bool is_shrunk = files_.Fit() == BaseFit::kShrunk;
+  const bool is_behind = files_.Fit() == BaseFit::kFits && seen_.is_placed && files_.Next() != seen_.next;
+  if (is_shrunk || is_behind) {
+    context_.log("report " + host_ + "/" + report_ +
+                 ": the files were removed, emptied or replaced; it continues with what they have");
+  }
+  seen_.counters.gap_records_ever = files_.Base().lost;
+  return {};
+}
+
+// Of files that are open: whether they are still those that this receiver has left.
+CollectorFault ReportCollector::ContinueFiles() {
+  if (needs_confirm_) {
+    if (CollectorFault fault = files_.Confirm(); fault.Failed()) return fault;
+    needs_confirm_ = false;
+  }
+  if (!files_.CheckUntouched().Failed()) return {};
+  files_.Close();
+  return OpenFiles();
+}
+
+ReportCollector::Outcome ReportCollector::Failed(TimeMs now, const CollectorFault& fault, const Queued& message) {
+  if (fault.kind == CollectorFault::Kind::kSystem) {
+    state_ = CollectedState::kHeld;
+    context_.system_fault = fault.text;
+    trouble_ = fault.text;  // the receiver logs it once for all reports
+    return Outcome::kStop;
+  }
+  files_.Close();
+  state_ = CollectedState::kLeftAlone;
+  retry_at_ = now + kLeftAloneMs;
+  Trouble("left alone: " + fault.text);
+  return Skip(message);
+}
+
+ReportCollector::Outcome ReportCollector::Contradicted(TimeMs now, const Queued& message, const std::string& text) {
+  if (files_.Fit() != BaseFit::kContradicted) {
+    if (const CollectorFault fault = files_.WriteContradiction(); fault.Failed()) return Failed(now, fault, message);
+  }
+  return Failed(now, {.kind = CollectorFault::Kind::kReport, .text = text}, message);
+}
+
+ReportCollector::Outcome ReportCollector::Skip(const Queued& message) {
+  if (message.head.kind == MessageKind::kRecords) seen_.counters.skipped += message.head.count - message.written;
+  return Outcome::kDone;
+}
+
+bool ReportCollector::IsNext(std::uint64_t sequence, const Queued& message) const {
+  const std::uint64_t before = message.before.value_or(sequence - 1);
+  return before < context_.state.first || before <= last_sequence_ || before <= context_.state.acknowledged;
+}
+
+void ReportCollector::Done(std::uint64_t sequence, Queued& message) {
+  last_sequence_ = std::max(last_sequence_, sequence);
+  context_.queued_bytes -= message.payload.size();
+  context_.handled.push_back({.sequence = sequence, .receipt = std::move(message.receipt)});
+  ++seen_.counters.messages;
+}
+
+void ReportCollector::StreamReplaced() {
+  for (const auto& [sequence, message] : queue_) context_.queued_bytes -= message.payload.size();
+  queue_.clear();
+  last_sequence_ = 0;
+  if (state_ == CollectedState::kWaits) state_ = CollectedState::kFollows;
+}
+
+void ReportCollector::Trouble(const std::string& text) {
+  if (text == trouble_) return;
+  trouble_ = text;
+  context_.log("report " + host_ + "/" + report_ + ": " + text);
+}
+
+CollectedReport ReportCollector::Report() const {
+  CollectedReport report = seen_;
+  report.state = state_;
+  report.trouble = trouble_;
+  report.counters.gap_records_ever = files_.Base().lost;
+  report.next = files_.Next();
+  if (state_ == CollectedState::kWaits) {
+    report.waiting_messages = queue_.size();
+    report.waiting_first = queue_.empty() ? 0 : queue_.begin()->second.head.first;
+  }
+  return report;
+}
+
+}  // namespace qx::relay

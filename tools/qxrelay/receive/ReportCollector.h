@@ -1,0 +1,85 @@
+// Writes the messages of one report: decides with Decide, writes with CollectedFiles, and keeps what cannot be decided
+// or written yet.
+//
+//   message --> queue --decided--> base, if needed --on the disk--> records --> header confirmed --> handled
+//                 |
+//                 +-- wait: an earlier message is missing; it stays in the queue
+//                 +-- the system refuses: it stays in the queue, and the receiver tries again later
+//                 +-- the files contradict it: the report is left alone, the message is handled without being written
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tools/qxrelay/message/Message.h"
+#include "tools/qxrelay/receive/CollectedFiles.h"
+#include "tools/qxrelay/receive/Decision.h"
+#include "tools/qxrelay/receive/ReceiveContext.h"
+
+namespace qx::relay {
+
+// Threads: one thread. Owns: the report's files while they are open, and its queue. Borrows the context.
+// Failure: the log, and State. Throws std::bad_alloc.
+class ReportCollector {
+ public:
+  ReportCollector(ReceiveContext& context, std::string host, std::string report);
+
+  // A message of this report, as it was decoded. One that is in the queue already gets the new receipt. [owning thread]
+  void Add(StreamMessage message, DecodedMessage decoded);
+  // Does what can be done with the queue. [owning thread]
+  void Work(TimeMs now);
+  // The base is on the disk. [owning thread]
+  void BaseSynced() { is_base_unsynced_ = false; }
+  // Forgets the queue, and what the numbers of an earlier stream showed. [owning thread]
+  void StreamReplaced();
+  void CloseFiles() { files_.Close(); }
+
+  [[nodiscard]] bool IsOpen() const { return files_.IsOpen(); }
+  [[nodiscard]] bool HasQueue() const { return !queue_.empty(); }
+  [[nodiscard]] bool WaitsForBase() const { return is_base_unsynced_; }
+  [[nodiscard]] bool WaitsForProof() const { return state_ == CollectedState::kWaits; }
+  [[nodiscard]] CollectedReport Report() const;
+
+ private:
+  struct Queued {
+    std::string payload;
+    std::string receipt;
+    MessageHead head;
+    std::vector<std::string_view> texts;  // parts of the payload
+    std::optional<std::uint64_t> before;
+    std::uint64_t written = 0;  // records of it that were written before the system refused
+  };
+
+  enum class Outcome : std::uint8_t { kDone, kWait, kStop };
+
+  [[nodiscard]] Outcome Handle(TimeMs now, std::uint64_t sequence, Queued& message);
+  [[nodiscard]] Outcome Skip(const Queued& message);
+  [[nodiscard]] CollectorFault OpenFiles();
+  [[nodiscard]] CollectorFault ContinueFiles();
+  [[nodiscard]] bool Adopt(const Queued& message, ReportPosition& position);
+  [[nodiscard]] Outcome Take(TimeMs now, std::uint64_t sequence, Queued& message, const Decision& decision);
+  [[nodiscard]] Outcome Write(TimeMs now, Queued& message, const Decision& decision);
+  [[nodiscard]] Outcome Failed(TimeMs now, const CollectorFault& fault, const Queued& message);
+  [[nodiscard]] Outcome Contradicted(TimeMs now, const Queued& message, const std::string& text);
+  [[nodiscard]] bool IsNext(std::uint64_t sequence, const Queued& message) const;
+  void Done(std::uint64_t sequence, Queued& message);
+  void Trouble(const std::string& text);
+
+  ReceiveContext& context_;
+  std::string host_;
+  std::string report_;
+  CollectedFiles files_;
+  std::map<std::uint64_t, Queued> queue_;  // by sequence
+  std::uint64_t last_sequence_ = 0;        // no message before it has records that the report needs
+  CollectedState state_ = CollectedState::kFollows;
+  std::string trouble_;
+  TimeMs retry_at_ = 0;  // of a report that is left alone
+  bool is_base_unsynced_ = false;
+  bool needs_confirm_ = false;  // the last header may not be in the file
+  bool needs_base_ = false;     // the files have another count than the base that was found, so a new one is written
+  CollectedReport seen_;        // what Report shows
+};
+
+}  // namespace qx::relay
