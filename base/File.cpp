@@ -200,6 +200,14 @@ Progress ReadSomeAt(int descriptor, std::int64_t offset, void* to, std::size_t s
   return MoveOnce([&] { return calls::ReadAt(descriptor, to, size, offset); });
 }
 
+Progress WriteOnce(int descriptor, std::string_view bytes) {
+  const ssize_t count = calls::Write(descriptor, bytes.data(), bytes.size());
+  const int error = errno;
+  if (count < 0) return {.bytes = 0, .error = error};
+  const bool took_nothing = count == 0 && !bytes.empty();
+  return {.bytes = static_cast<std::size_t>(count), .error = took_nothing ? EIO : 0};
+}
+
 Progress CopySome(int from, int to, std::size_t size) {
   return MoveOnce([&] { return calls::CopyRange(from, to, size); });
 }

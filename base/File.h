@@ -1,7 +1,8 @@
 // The one seam to the system's file calls: a descriptor owner, opens, whole reads and writes, syncs and renames.
 //
 // What every call here has in common:
-//   - It is repeated after EINTR, and a read or write after a short count, until it is complete or fails.
+//   - It is repeated after EINTR, and a read or write after a short count, until it is complete or fails. WriteOnce is
+//     the exception.
 //   - A function that returns int returns 0 or the error number. A function that returns a descriptor or bool leaves
 //     the error number in errno. Nothing throws, unless it says so.
 //   - Files are opened close-on-exec, never as a controlling terminal, and non-blocking: the open of a FIFO without a
@@ -88,6 +89,10 @@ struct Progress {
 // For walks through a window that often find what they look for before the end. ReadSomeAt reads from `offset`.
 [[nodiscard]] Progress ReadSome(int descriptor, void* to, std::size_t size);
 [[nodiscard]] Progress ReadSomeAt(int descriptor, std::int64_t offset, void* to, std::size_t size);
+
+// One write, never repeated. If a signal interrupts it, it returns EINTR, or a short count if some bytes were written
+// before. For callers that a signal must stop while a slow reader keeps them waiting.
+[[nodiscard]] Progress WriteOnce(int descriptor, std::string_view bytes);
 
 // Lets the system copy up to `size` bytes from one file's own position to the other's, in one call, repeated only after
 // EINTR. Not every pair of file systems can; 0 bytes are not always the end of the file.

@@ -165,6 +165,25 @@ TEST(FileWrite, CallThatTakesNothingIsAnError) {
   EXPECT_EQ(WriteAt(file.Number(), 0, "abc").error, EIO);
 }
 
+TEST(FileWrite, OnceIsNeverRepeated) {
+  const TempDir dir;
+  const Descriptor file = Open(dir.File("a").c_str(), O_WRONLY | O_CREAT, 0600);
+  const CountedCalls calls(FileCall::kWrite);
+  {
+    const FailingCall fault({.call = FileCall::kWrite, .error = EINTR});
+    EXPECT_EQ(WriteOnce(file.Number(), "abc").error, EINTR);
+  }
+  for (const std::size_t bytes : {2U, 0U}) {
+    const FailingCall fault({.call = FileCall::kWrite, .bytes = bytes});
+    const Progress progress = WriteOnce(file.Number(), "abc");
+    EXPECT_EQ(progress.bytes, bytes);
+    EXPECT_EQ(progress.error, bytes == 0 ? EIO : 0);
+  }
+  EXPECT_EQ(WriteOnce(file.Number(), "").error, 0);
+  EXPECT_EQ(ReadFile(dir.File("a")), "ab");
+  EXPECT_EQ(calls.Calls(), 4);
+}
+
 TEST(FileRead, SomeMakesOneCallAndIsRepeatedOnlyAfterAnInterruption) {
   const TempDir dir;
   WriteFile(dir.File("f"), "abcdef");
