@@ -1,6 +1,7 @@
 // qxctl follow: records as they appear, and what happens to the report meanwhile.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -186,6 +187,24 @@ TEST_F(QxctlFollow, SignalEndsItWithTheSummary) {
     ASSERT_EQ(Lines(ran.out).size(), 1U) << ran.out;
     EXPECT_EQ(Lines(ran.out)[0]["kind"], "end");
     EXPECT_EQ(ran.err, "");
+  }
+}
+
+// Records and summary go to the same terminal. One that is nearly full lets `poll` return, and then the write waits.
+// One that is full keeps the summary waiting.
+TEST_F(QxctlFollow, SignalEndsItOnATerminalThatNobodyReads) {
+  MakeReport("load", 500, Texts(500, std::string(1000, 'x')));
+  Start start = StartHere();
+  start.out_is_terminal = true;
+  const std::string fill =
+      "for size in 4096 1; do dd if=/dev/zero of=/proc/self/fd/1 oflag=nonblock bs=$size; done 2>&-; ";
+  const std::pair<std::string, long> terminals[] = {{"", SYS_write}, {fill, SYS_poll}};
+  for (const auto& [prepare, call] : terminals) {
+    Child child({"/bin/sh", "-c", prepare + "exec \"$0\" follow load 2>&1", QxctlPath()}, start);
+    ASSERT_TRUE(child.WaitUntilItIsIn(call)) << call;
+    child.Kill(SIGTERM);
+    EXPECT_TRUE(child.WaitUntilItEnds()) << call;
+    EXPECT_EQ(child.Wait().code, -SIGTERM);
   }
 }
 

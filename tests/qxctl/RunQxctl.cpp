@@ -101,6 +101,16 @@ void Feed(int& descriptor, std::string& input) {
   if (count < 0 || input.empty()) CloseIfOpen(descriptor);
 }
 
+// Waits until `condition` is true; false after 20 seconds.
+template <typename Condition>
+bool IsSoon(Condition condition) {
+  for (int i = 0; i < 20'000; ++i) {
+    if (condition()) return true;
+    usleep(1000);
+  }
+  return false;
+}
+
 // The tested file: the built one, unless the environment names an installed one.
 std::string Chosen(const char* variable, const char* built) {
   const char* named = std::getenv(variable);
@@ -146,6 +156,19 @@ std::string Child::ReadSome() {
 }
 
 void Child::Kill(int signal) const { (void)kill(pid_, signal); }
+
+bool Child::WaitUntilItIsIn(long call) const {
+  const std::string start = std::to_string(call) + " ";
+  const std::string path = "/proc/" + std::to_string(pid_) + "/syscall";
+  return IsSoon([&] { return ReadFile(path).starts_with(start); });
+}
+
+bool Child::WaitUntilItEnds() const {
+  return IsSoon([&] {
+    siginfo_t info = {};
+    return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid_;
+  });
+}
 
 Ran Child::Wait() {
   Ran ran;

@@ -40,6 +40,10 @@ class Child {
   // Waits for the first output and returns some of it.
   std::string ReadSome();
   void Kill(int signal) const;
+  // Waits, without reading, until the child is in this system call. False if that takes too long.
+  bool WaitUntilItIsIn(long call) const;
+  // Waits, without reading, until the child has ended. False if that takes too long.
+  bool WaitUntilItEnds() const;
   // Reads both outputs to their end and waits.
   Ran Wait();
 

@@ -19,6 +19,8 @@ namespace {
 
 constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
+constexpr unsigned kAlarmSeconds = 1;
+
 volatile std::sig_atomic_t g_signal = 0;
 
 volatile std::sig_atomic_t g_is_guarded = 0;
@@ -63,6 +65,7 @@ void RemoveDirectory() {
 extern "C" void HandleSignal(int signal) {
   if (g_is_guarded != 0) {
     if (g_signal == 0) g_signal = signal;
+    (void)alarm(kAlarmSeconds);
     return;
   }
   RemoveDirectory();
@@ -71,6 +74,10 @@ extern "C" void HandleSignal(int signal) {
   (void)sigaction(signal, &action, nullptr);
   (void)raise(signal);  // kills the process when the handler returns
 }
+
+// The signal may arrive after the check and before the write that then waits for a terminal that nobody reads. And
+// after the signal the command still prints its status there. So an alarm interrupts every wait until the process ends.
+extern "C" void HandleAlarm(int /*signal*/) { (void)alarm(kAlarmSeconds); }
 
 // No SA_RESTART: a write that waits for a slow reader must return, otherwise ^C would have no effect.
 void SetHandler(int signal, void (*handler)(int)) {
@@ -125,6 +132,7 @@ Status WaitWhileOutputIsRead(std::chrono::nanoseconds time) {
 
 InterruptGuard::InterruptGuard() {
   g_is_guarded = 1;
+  SetHandler(SIGALRM, HandleAlarm);
   SetHandlers();
 }
 

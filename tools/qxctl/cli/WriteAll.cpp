@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "tools/qxctl/cli/Interrupt.h"
 
@@ -27,6 +28,13 @@ bool WaitUntilWritable(int descriptor, int known) {
   }
 }
 
+// One write. A signal that interrupts it is no failure: the next wait checks which signal it was.
+file::Progress WritePiece(int descriptor, std::string_view piece) {
+  file::Progress progress = file::WriteOnce(descriptor, piece);
+  if (progress.error == EINTR) progress.error = 0;
+  return progress;
+}
+
 std::size_t PieceBytes(int descriptor) {
   struct stat status;
   const bool is_regular = file::StatusOf(descriptor, status) == 0 && S_ISREG(status.st_mode);
@@ -41,7 +49,7 @@ file::Progress WriteUntilInterrupted(int descriptor, std::string_view bytes) {
   file::Progress progress;
   while (progress.bytes < bytes.size() && !progress.Failed()) {
     if (!WaitUntilWritable(descriptor, known)) return {progress.bytes, EINTR};
-    const file::Progress piece = file::Write(descriptor, bytes.substr(progress.bytes, piece_bytes));
+    const file::Progress piece = WritePiece(descriptor, bytes.substr(progress.bytes, piece_bytes));
     progress = {progress.bytes + piece.bytes, piece.error};
   }
   // If the reader of standard error is gone, problems are lost and the command continues.

@@ -10,7 +10,8 @@
 namespace qx::ctl {
 
 // Writes every byte, unless it fails or a signal arrives under an InterruptGuard (EINTR). A pipe gets at most PIPE_BUF
-// bytes at a time, and each such piece whole or not at all: a signal ends the write while it waits for a slow reader.
+// bytes at a time, and each such piece whole or not at all: a signal ends the write while it waits for a slow reader. A
+// terminal may get a part of a piece.
 [[nodiscard]] file::Progress WriteUntilInterrupted(int descriptor, std::string_view bytes);
 
 // The same; `name` is the name of the file in the message.

@@ -55,7 +55,7 @@ void SetHandlers(void (*handler)(int)) {
 void WriteIfPossible(std::string_view bytes) {
   pollfd output{STDOUT_FILENO, POLLOUT, 0};
   const bool is_ready = poll(&output, 1, kLeaveMilliseconds) > 0 && (output.revents & POLLOUT) != 0;
-  if (is_ready) (void)file::Write(STDOUT_FILENO, bytes);  // the terminal may be gone
+  if (is_ready) (void)file::WriteOnce(STDOUT_FILENO, bytes);  // the terminal may be gone
 }
 
 }  // namespace
