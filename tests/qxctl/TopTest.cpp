@@ -14,6 +14,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -212,6 +213,15 @@ jobs     1 of 9     -  60 min               backup \x1B[2J done
 load     3 of 3     -  60 min          -_#  cpu 9%
 )";
 
+// "0 reports in /srv/reports, 2026-01-31 10:20:30\n..." => that time, as if it were UTC
+time_t TimeInHead(const std::string& table) {
+  tm time = {};
+  const std::size_t at = table.find(", ");
+  const char* const text = table.c_str() + (at == std::string::npos ? 0 : at);
+  EXPECT_NE(strptime(text, ", %Y-%m-%d %H:%M:%S", &time), nullptr) << table;
+  return timegm(&time);
+}
+
 // What a screen shows for some lines. The terminal puts a CR before each LF.
 std::string Frame(const std::string& text) {
   std::string frame = "\033[H";
@@ -256,6 +266,15 @@ TEST_F(QxctlTop, DamagedReportShowsItsState) {
   index[20] = 7;  // the oldest slot of a ring of 3
   WriteFile(ReportPath("load") + ".ind", index);
   EXPECT_THAT(Top({"--count", "1"}), EndsWith("  damaged\n"));
+}
+
+TEST_F(QxctlTop, UtcOptionShowsTheTimeInUtc) {
+  Start start = StartTop();
+  start.environment["TZ"] = "EAST-5";
+  const std::string utc = Qxctl({"top", "--count", "1", "--utc"}, start).out;
+  const std::string local = Qxctl({"top", "--count", "1"}, start).out;
+  EXPECT_NEAR(double(TimeInHead(local) - TimeInHead(utc)), 5 * 3600, 600);
+  EXPECT_NEAR(double(TimeInHead(utc)), double(std::time(nullptr)), 600);
 }
 
 TEST_F(QxctlTop, DirectoryThatIsMissingIsNotFound) {

@@ -215,6 +215,7 @@ constexpr Parameter kParameters[] = {
      .kind = ValueKind::kDirectory,
      .value = "DIR",
      .help = "Report directory, instead of the one that the registry names"},
+    {.name = "--utc", .help = "Show the time of a round in UTC, not as local time"},
     {.name = "--json", .help = "Print one line of JSON in each round"},
 };
 
