@@ -28,6 +28,14 @@ TEST(RelayHostRights, EachRoleHasWhatItNeeds) {
   EXPECT_EQ(RightsOf(Role::kOperator, stream, "op").publish, Words{"$JS.API.>"});
 }
 
+TEST(RelayHostRights, DomainIsInTheSubjectsOfTheInterface) {
+  StreamSettings stream;
+  stream.domain = "hub";
+  EXPECT_EQ(RightsOf(Role::kHost, stream, "h").publish.back(), "$JS.hub.API.DIRECT.GET.QX.qx.about.h");
+  EXPECT_EQ(RightsOf(Role::kCollector, stream, "c1").publish[3], "$JS.hub.API.CONSUMER.DURABLE.CREATE.QX.c1");
+  EXPECT_EQ(RightsOf(Role::kOperator, stream, "op").publish, Words{"$JS.hub.API.>"});
+}
+
 TEST(RelayHostRights, UsersAreAddedBeforeTheEndOfTheListAndRemoved) {
   UsersFile users("");
   const std::string empty = users.Text();

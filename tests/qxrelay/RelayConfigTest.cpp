@@ -42,14 +42,14 @@ TEST_F(RelayConfigFile, AnEmptyFileLeavesTheDefaults) {
 
 TEST_F(RelayConfigFile, EachKeyIsRead) {
   EXPECT_EQ(
-      Read("[stream]\nservers = nats://a:1, nats://b:2\nname=Q\nprefix=q.p\nuser=u\npassword_file=/p\n"
+      Read("[stream]\nservers = nats://a:1, nats://b:2\nname=Q\nprefix=q.p\ndomain=d\nuser=u\npassword_file=/p\n"
            "credentials_file=/c\nca_file=/ca\ncertificate_file=/cert\nkey_file=/key\nage=7 d\nbytes=2 GiB\nreplicas=1\n"
            "[host]\nname=host3\n[labels]\nsite=north 1\nrole=db\n"
            "[send]\nreports=/r\nstate=/s\ninclude=a*, b\nexclude=ab*\nlinger=5 s\nbatch_bytes=32 KiB\npoll=7ms\n"
            "poll_idle=1 s\nspread=0 s\ntimeout=2 s\nrescan=1 min\n"),
       ConfigFindings());
   EXPECT_EQ(config_.stream.servers, (Words{"nats://a:1", "nats://b:2"}));
-  EXPECT_EQ(config_.stream.name + config_.stream.prefix + config_.stream.user, "Qq.pu");
+  EXPECT_EQ(config_.stream.name + config_.stream.prefix + config_.stream.user + config_.stream.domain, "Qq.pud");
   EXPECT_EQ(config_.stream.password_file + config_.stream.credentials_file, "/p/c");
   EXPECT_EQ(config_.stream.ca_file + config_.stream.certificate_file + config_.stream.key_file, "/ca/cert/key");
   EXPECT_EQ(config_.stream.age, seconds(7 * 86400));

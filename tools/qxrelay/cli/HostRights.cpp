@@ -55,18 +55,19 @@ std::optional<Role> RoleOfText(std::string_view text) {
 
 Rights RightsOf(Role role, const StreamSettings& stream, const std::string& name) {
   const std::string token = TokenOf(name);
-  if (role == Role::kOperator) return {.publish = {"$JS.API.>"}, .subscribe = {"_INBOX.>"}};
+  const std::string api = ApiPrefix(stream);
+  if (role == Role::kOperator) return {.publish = {api + ".>"}, .subscribe = {"_INBOX.>"}};
   if (role == Role::kCollector) {
     const std::string consumer = stream.name + "." + name;
-    return {.publish = {"$JS.API.STREAM.NAMES", "$JS.API.STREAM.INFO." + stream.name,
-                        "$JS.API.CONSUMER.INFO." + consumer, "$JS.API.CONSUMER.DURABLE.CREATE." + consumer,
-                        "$JS.API.CONSUMER.MSG.NEXT." + consumer, "$JS.ACK." + consumer + ".>"},
+    return {.publish = {api + ".STREAM.NAMES", api + ".STREAM.INFO." + stream.name, api + ".CONSUMER.INFO." + consumer,
+                        api + ".CONSUMER.DURABLE.CREATE." + consumer, api + ".CONSUMER.MSG.NEXT." + consumer,
+                        "$JS.ACK." + consumer + ".>"},
             .subscribe = {"_INBOX.>"}};
   }
   const std::string reports = stream.prefix + ".report." + token + ".*";
   return {.publish = {reports, stream.prefix + ".names." + token + ".*", stream.prefix + ".about." + token,
-                      "$JS.API.DIRECT.GET." + stream.name + "." + reports,
-                      "$JS.API.DIRECT.GET." + stream.name + "." + stream.prefix + ".about." + token},
+                      api + ".DIRECT.GET." + stream.name + "." + reports,
+                      api + ".DIRECT.GET." + stream.name + "." + stream.prefix + ".about." + token},
           .subscribe = {InboxPrefix(name) + ".>"}};
 }
 

@@ -121,6 +121,9 @@ const std::vector<KeyRow>& Rows() {
       {"stream", "prefix",
        Text(
            [](RelayConfig & c) -> auto& { return c.stream.prefix; }, IsPrefix)},
+      {"stream", "domain",
+       Text(
+           [](RelayConfig & c) -> auto& { return c.stream.domain; }, IsStreamName)},
       {"stream", "user", Text([](RelayConfig & c) -> auto& { return c.stream.user; })},
       {"stream", "password_file", Text([](RelayConfig & c) -> auto& { return c.stream.password_file; })},
       {"stream", "credentials_file", Text([](RelayConfig & c) -> auto& { return c.stream.credentials_file; })},
@@ -258,6 +261,10 @@ ConfigFindings ReadConfig(const std::string& path, RelayConfig& config) {
   (void)file.GetSections(sections);  // false only for an empty list
   for (const std::string& section : sections) ReadSection(file, section, config, findings);
   return findings;
+}
+
+std::string ApiPrefix(const StreamSettings& stream) {
+  return stream.domain.empty() ? "$JS.API" : "$JS." + stream.domain + ".API";
 }
 
 bool IsStreamName(std::string_view name) { return IsHostName(name) && name.find('.') == std::string_view::npos; }

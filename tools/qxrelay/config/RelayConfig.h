@@ -18,6 +18,7 @@ struct StreamSettings {
   std::vector<std::string> servers = {"nats://127.0.0.1:4222"};  // tried in a random order
   std::string name = "QX";                                       // of the JetStream stream
   std::string prefix = "qx";                                     // of its subjects
+  std::string domain;  // of JetStream on these servers; empty: that of the server that is connected
   std::string user;
   std::string password_file;     // one line; nobody but the owner may read it
   std::string credentials_file;  // of a user with a JWT, instead of user and password
@@ -75,6 +76,11 @@ using ConfigFindings = std::vector<std::string>;
 // Nothing but the file is looked at: CheckConfig of ConfigCheck.h proves what the values name. Throws std::bad_alloc.
 // [any thread]
 [[nodiscard]] ConfigFindings ReadConfig(const std::string& path, RelayConfig& config);
+
+// The subjects of JetStream's interface begin with it. [any thread]
+//   no domain  => $JS.API
+//   hub        => $JS.hub.API
+[[nodiscard]] std::string ApiPrefix(const StreamSettings& stream);
 
 // "QX" => true, "a.b" => false: a stream's name is one token of a subject. [any thread]
 [[nodiscard]] bool IsStreamName(std::string_view name);

@@ -18,11 +18,7 @@ struct Session {
 
 std::optional<std::string> OpenSession(const StreamSettings& settings, Session& session) {
   if (auto problem = nats::MakeConnection(settings, {}, session.connection)) return problem;
-  jsCtx* context = nullptr;
-  const natsStatus status = natsConnection_JetStream(&context, session.connection.get(), nullptr);
-  if (status != NATS_OK) return nats::Problem("cannot use JetStream", status);
-  session.context.reset(context);
-  return std::nullopt;
+  return nats::MakeContext(settings, session.connection, session.context);
 }
 
 // "cannot create the stream QX: Error (insufficient storage resources available)": the library keeps the server's

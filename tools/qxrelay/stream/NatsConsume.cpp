@@ -65,13 +65,10 @@ std::optional<std::string> NatsConsume::Connect(const std::string& name, std::si
   Close();
   auto parts = std::make_unique<Parts>();
   if (auto problem = nats::MakeConnection(settings_, {}, parts->connection)) return problem;
-  jsCtx* context = nullptr;
-  natsStatus status = natsConnection_JetStream(&context, parts->connection.get(), nullptr);
-  if (status != NATS_OK) return nats::Problem("cannot use JetStream", status);
-  parts->context.reset(context);
+  if (auto problem = nats::MakeContext(settings_, parts->connection, parts->context)) return problem;
 
   jsSubOptions options;
-  status = jsSubOptions_Init(&options);
+  natsStatus status = jsSubOptions_Init(&options);
   if (status != NATS_OK) return nats::Problem("cannot make a consumer", status);
   options.Stream = settings_.name.c_str();
   options.Config.Durable = name.c_str();
@@ -81,7 +78,8 @@ std::optional<std::string> NatsConsume::Connect(const std::string& name, std::si
   options.Config.MaxAckPending = static_cast<std::int64_t>(unacknowledged_max);
   natsSubscription* subscription = nullptr;
   const std::string subjects = settings_.prefix + ".>";
-  status = js_PullSubscribe(&subscription, context, subjects.c_str(), name.c_str(), nullptr, &options, nullptr);
+  status =
+      js_PullSubscribe(&subscription, parts->context.get(), subjects.c_str(), name.c_str(), nullptr, &options, nullptr);
   if (status != NATS_OK) return nats::Problem("cannot use the consumer " + name + " of " + settings_.name, status);
   parts->subscription.reset(subscription);
   parts->name = name;

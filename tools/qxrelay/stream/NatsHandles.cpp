@@ -131,4 +131,15 @@ std::optional<std::string> MakeConnection(const StreamSettings& settings, const 
   return Problem("cannot connect to the servers", status);
 }
 
+std::optional<std::string> MakeContext(const StreamSettings& settings, const Connection& connection, Context& context) {
+  jsOptions options;
+  natsStatus status = jsOptions_Init(&options);
+  if (!settings.domain.empty()) options.Domain = settings.domain.c_str();
+  jsCtx* made = nullptr;
+  if (status == NATS_OK) status = natsConnection_JetStream(&made, connection.get(), &options);
+  if (status != NATS_OK) return Problem("cannot use JetStream", status);
+  context.reset(made);
+  return std::nullopt;
+}
+
 }  // namespace qx::relay::nats

@@ -47,4 +47,8 @@ struct Handlers {
 [[nodiscard]] std::optional<std::string> MakeConnection(const StreamSettings& settings, const Handlers& handlers,
                                                         Connection& connection);
 
+// JetStream of the settings' domain. Unset: `context` is made. [any thread]
+[[nodiscard]] std::optional<std::string> MakeContext(const StreamSettings& settings, const Connection& connection,
+                                                     Context& context);
+
 }  // namespace qx::relay::nats

@@ -222,7 +222,7 @@ bool NatsPublish::Publish(std::uint64_t token, const std::string& subject, std::
 
 bool NatsPublish::LookUp(std::uint64_t token, const std::string& subject) {
   if (parts_ == nullptr) return false;
-  const std::string request = "$JS.API.DIRECT.GET." + settings_.name + "." + subject;
+  const std::string request = ApiPrefix(settings_) + ".DIRECT.GET." + settings_.name + "." + subject;
   const std::string reply = parts_->inbox_subject + "." + kLookUpMark + std::to_string(token);
   return natsConnection_PublishRequest(parts_->connection.get(), request.c_str(), reply.c_str(), nullptr, 0) == NATS_OK;
 }
