@@ -2,11 +2,13 @@
 //
 // The command line is read with the table and the parser of qxctl's area cli. What a command returns ends in one exit
 // code (tools/qxctl/cli/Status.h), data on standard output and words on standard error.
+#include <span>
 #include <string>
 
 #include "debug/Debug.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
+#include "tools/qxctl/cli/describe/CompletionCommand.h"
 #include "tools/qxctl/cli/describe/HelpCommand.h"
 #include "tools/qxctl/cli/describe/HelpText.h"
 #include "tools/qxctl/cli/line/Parser.h"
@@ -44,14 +46,16 @@ constexpr qx::ctl::Example kHelpExamples[] = {
     {"qxrelay help host add", "Describe a command"},
 };
 
-Command HelpOfQxrelay() {
-  Command help = qx::ctl::kHelpCommand;
-  help.program = qx::relay::kProgram;
-  help.examples = kHelpExamples;
-  return help;
+// A command of qxctl that this program has, too.
+Command OfQxrelay(Command command, std::span<const qx::ctl::Example> examples = {}) {
+  command.program = qx::relay::kProgram;
+  command.examples = examples;
+  return command;
 }
 
-const Command kHelp = HelpOfQxrelay();
+const Command kHelp = OfQxrelay(qx::ctl::kHelpCommand, kHelpExamples);
+const Command kTable = OfQxrelay(qx::ctl::kTableCommand);
+const Command kMan = OfQxrelay(qx::ctl::kManCommand);
 
 const Command* const kCommands[] = {
     &qx::relay::kQxrelay,
@@ -66,6 +70,8 @@ const Command* const kCommands[] = {
     &qx::relay::kHostRenameCommand,
     &qx::relay::kHostRetireCommand,
     &kHelp,
+    &kTable,
+    &kMan,
 };
 
 Status Run(Context& context, const CommandLine& line) {

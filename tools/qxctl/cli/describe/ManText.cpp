@@ -64,14 +64,13 @@ std::string Synopsis(const Command& command) {
   return text + " \\[_options_\\]\n\n";
 }
 
-std::string Description(const Command& command) {
+std::string Description(Commands commands, const Command& command) {
   std::string text = "# DESCRIPTION\n\n" + Sentence(command.help) + "\n";
   for (const Parameter* const argument : ArgumentsOf(command)) {
     text += Shown(*argument) + "\n\t" + Sentence(HelpWithRemarks(*argument)) + "\n";
   }
-  return text +
-         "*qxctl*(1) describes the options of every command, the forms of a _REPORT_, a _TIME_ and a _PATTERN_, and\n"
-         "the exit codes.\n\n";
+  return text + Reference(*commands.front()) +
+         " describes the options of every command, the forms of arguments, and the exit codes.\n\n";
 }
 
 std::string Options(const Command& command) {
@@ -99,7 +98,7 @@ std::string Examples(const Command& command) {
   return text.empty() ? "" : "# EXAMPLES\n\n" + text;
 }
 
-// qxctl(1) and the pages of the same group.
+// The page of the program and the pages of the same group.
 std::string SeeAlso(Commands commands, const Command& command) {
   std::string text = "# SEE ALSO\n\n" + Reference(*commands.front());
   for (const Command* const above : ShownCommands(commands)) {
@@ -138,7 +137,7 @@ std::string ManSections(Commands commands) {
 
 std::string ManPage(Commands commands, const Command& command) {
   return PageName(command) + "(1)\n\n# NAME\n\n" + PageName(command) + " - " + Purpose(command.help) + "\n\n" +
-         Synopsis(command) + Description(command) + CommandsBelow(commands, command) + Options(command) +
+         Synopsis(command) + Description(commands, command) + CommandsBelow(commands, command) + Options(command) +
          Examples(command) + SeeAlso(commands, command);
 }
 
