@@ -5,6 +5,7 @@
 #   component library libqxreport.so.0
 #   component python  the Python module qxreport
 #   component tools   qxctl, its manual pages and shell completions
+#   component relay   qxrelay, its manual pages, units, user and example settings, where libnats-dev is installed
 #
 # The service looks for the module at an absolute path, so --prefix does not move it: stage with DESTDIR, or configure
 # with a QX_MODULE_DIR below the prefix.
@@ -125,5 +126,12 @@ install(DIRECTORY examples/ DESTINATION ${qx_examples_dir} COMPONENT sdk
 
 if(QX_BUILD_TOOLS)
   install(TARGETS qxctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  if(TARGET qxrelay)
+    install(TARGETS qxrelay RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT relay)
+    install(FILES packaging/systemd/qxrelay-send.service packaging/systemd/qxrelay-receive.service
+      DESTINATION lib/systemd/system COMPONENT relay)
+    install(FILES packaging/systemd/qxrelay.sysusers DESTINATION lib/sysusers.d RENAME qxrelay.conf COMPONENT relay)
+    install(DIRECTORY packaging/examples/qxrelay/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qxrelay/examples COMPONENT relay)
+  endif()
   include(cmake/QxManual.cmake)
 endif()

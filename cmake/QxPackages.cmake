@@ -3,7 +3,7 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qxremconxfer)
 set(CPACK_PACKAGE_CONTACT "QXRemConXfer developers <qxremconxfer@example.org>")
-set(CPACK_COMPONENTS_ALL module sdk library python tools)
+set(CPACK_COMPONENTS_ALL module sdk library python tools)  # and relay, below
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_SET_DESTDIR ON)  # the module's path is absolute
@@ -63,5 +63,20 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION "works with reports and the provider module
 Fetches reports through the provider module as a remote client would, checks,
 backs up, restores and repairs report files, reads traces, and shows and
 changes the registry and INI files.")
+
+if(TARGET qxrelay)
+  list(APPEND CPACK_COMPONENTS_ALL relay)
+endif()
+set(CPACK_DEBIAN_RELAY_PACKAGE_NAME qxrelay)
+set(CPACK_DEBIAN_RELAY_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_RELAY_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_RELAY_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers | systemd-sysusers")
+set(CPACK_DEBIAN_RELAY_PACKAGE_SUGGESTS "nats-server, qxctl")
+set(CPACK_DEBIAN_RELAY_PACKAGE_CONTROL_EXTRA ${CPACK_QX_DEBIAN_DIR}/relay/postinst
+  ${CPACK_QX_DEBIAN_DIR}/relay/prerm ${CPACK_QX_DEBIAN_DIR}/relay/postrm)
+set(CPACK_DEBIAN_RELAY_DESCRIPTION "carries reports of many hosts to collectors
+Sends the records of a host's reports into a JetStream stream of NATS servers,
+and writes them from there into reports on a collector: each record once and
+in order, with exact counts of what a ring overwrote.")
 
 include(CPack)
