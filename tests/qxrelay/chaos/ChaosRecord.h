@@ -1,0 +1,18 @@
+// Records that name themselves: report, number, length and a checksum of it all are in the text, so that whoever reads
+// one knows whether it is whole, and where it belongs.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace qx::chaos {
+
+// "h2/r1 000000001234 0097 ....... 1f2e3d4c": record `number` of the report, 60 to 180 characters without a line end.
+[[nodiscard]] std::string ChaosRecord(std::string_view report, std::uint64_t number);
+
+// The number of a whole record of this report; unset for anything else. A line end is allowed.
+[[nodiscard]] std::optional<std::uint64_t> NumberOfRecord(std::string_view report, std::string_view text);
+
+}  // namespace qx::chaos

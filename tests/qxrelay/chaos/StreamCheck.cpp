@@ -1,0 +1,156 @@
+#include "tests/qxrelay/chaos/StreamCheck.h"
+
+#include "sdk/Reader.h"
+#include "tests/qxrelay/chaos/ChaosRecord.h"
+#include "tools/qxrelay/message/Subject.h"
+
+namespace qx::chaos {
+
+namespace {
+
+using relay::MessageHead;
+using relay::MessageKind;
+
+constexpr std::string_view kPrefix = "qx";
+
+std::string Place(const ChaosReport& report, std::uint64_t number) {
+  return report.FullName() + " record " + std::to_string(number);
+}
+
+}  // namespace
+
+void ReportCheck::Take(const MessageHead& head, const std::vector<std::string_view>& texts, Verdict& verdict) {
+  if (incarnation_ == 0) {
+    // What the ring had overwritten before a sender first saw the report is in no message.
+    incarnation_ = head.incarnation;
+    if (head.first > 0) TakeLoss(head.first, head, verdict);
+  }
+  if (head.incarnation != incarnation_ || head.report != report_.Name()) {
+    ++verdict.foreign;
+    return say_(report_.FullName() + ": a new incarnation, although the store was never started over");
+  }
+  if (head.first > next_) {
+    ++verdict.out_of_order;
+    return say_(Place(report_, next_) + ": the stream continues with " + std::to_string(head.first));
+  }
+  if (head.kind == MessageKind::kGap) TakeGap(head, verdict);
+  if (head.kind == MessageKind::kRecords) TakeRecords(head, texts, verdict);
+}
+
+void ReportCheck::TakeGap(const MessageHead& head, Verdict& verdict) {
+  if (head.Next() <= next_) return;  // it came again
+  TakeLoss(head.Next(), head, verdict);
+}
+
+// The records up to `next` are lost: the ring must have overwritten them when the message was made.
+void ReportCheck::TakeLoss(std::uint64_t next, const MessageHead& head, Verdict& verdict) {
+  gaps_.push_back({next_, next});
+  ++verdict.gaps;
+  verdict.gap_records += next - next_;
+  for (std::uint64_t number = next_; number < next; ++number) {
+    if (report_.WasLost(number, head.sent_ms)) continue;
+    ++verdict.lost;
+    say_(Place(report_, number) + ": lost, although the ring held it; the gap ends at " + std::to_string(next));
+  }
+  next_ = next;
+}
+
+void ReportCheck::TakeRecords(const MessageHead& head, const std::vector<std::string_view>& texts, Verdict& verdict) {
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    const std::uint64_t number = head.first + i;
+    const std::optional<std::uint64_t> named = NumberOfRecord(report_.FullName(), texts[i]);
+    if (!named.has_value()) {
+      ++verdict.torn;
+      say_(Place(report_, number) + " is torn: " + std::string(texts[i]));
+    } else if (*named != number) {
+      ++verdict.out_of_order;
+      say_(Place(report_, number) + " is record " + std::to_string(*named));
+    }
+    if (number < next_) {
+      ++verdict.repeats;
+      continue;
+    }
+    ++verdict.records;
+    next_ = number + 1;
+  }
+}
+
+void ReportCheck::Finish(Verdict& verdict) {
+  const std::uint64_t count = report_.Count();
+  if (next_ == count) return;
+  verdict.lost += count > next_ ? count - next_ : 0;
+  verdict.foreign += count < next_ ? 1 : 0;
+  say_(report_.FullName() + ": the stream ends at " + std::to_string(next_) + " of " + std::to_string(count));
+}
+
+StreamCheck::StreamCheck(const std::vector<ChaosReport*>& reports, std::function<void(const std::string&)> say)
+    : say_(std::move(say)) {
+  for (ChaosReport* const report : reports) reports_.try_emplace(report->FullName(), *report, say_);
+}
+
+void StreamCheck::Take(const relay::StreamMessage& stored) {
+  ++verdict_.messages;
+  const std::optional<relay::Subject> subject = relay::SubjectOfText(kPrefix, stored.subject);
+  const relay::DecodedMessage message = relay::DecodeMessage(stored.payload);
+  const bool is_message = subject.has_value() && message.fault == relay::MessageFault::kNone;
+  if (is_message && subject->branch != relay::Branch::kReport) return;
+  const auto report = is_message ? reports_.find(subject->host + "/" + subject->report) : reports_.end();
+  if (report == reports_.end()) {
+    ++verdict_.foreign;
+    return say_("a foreign message: " + stored.subject);
+  }
+  report->second.Take(message.head, message.texts, verdict_);
+}
+
+bool StreamCheck::IsComplete() {
+  for (auto& [name, report] : reports_) {
+    if (!report.IsComplete()) return false;
+  }
+  return true;
+}
+
+const Verdict& StreamCheck::Finish() {
+  for (auto& [name, report] : reports_) report.Finish(verdict_);
+  return verdict_;
+}
+
+void CheckCollected(const std::string& path, ReportCheck& report, const std::function<void(const std::string&)>& say,
+                    Verdict& verdict) {
+  const std::string name = report.Report().FullName();
+  Reader reader;
+  if (const Error error = reader.Open(path); error.Failed()) {
+    verdict.lost += report.Report().Count();
+    return say(path + ": " + error.text);
+  }
+  std::uint64_t next = 0;
+  auto gap = report.Gaps().begin();
+  const auto skip_gaps = [&] {
+    while (gap != report.Gaps().end() && gap->first == next) next = (gap++)->next;
+  };
+  for (const RecordView& record : reader) {
+    skip_gaps();
+    const std::optional<std::uint64_t> number = NumberOfRecord(name, record.text);
+    ++verdict.records;
+    if (number == next) {
+      ++next;
+      continue;
+    }
+    if (!number.has_value()) {
+      ++verdict.torn;
+      ++next;
+    }
+    if (number.has_value() && *number < next) ++verdict.repeated;
+    if (number.has_value() && *number > next) verdict.lost += *number - next;
+    say(path + ": record " + std::to_string(next) + " is " + (number ? std::to_string(*number) : "torn"));
+    if (number.has_value() && *number > next) {
+      next = *number + 1;
+      while (gap != report.Gaps().end() && gap->first < next) ++gap;
+    }
+  }
+  skip_gaps();
+  if (next == report.Report().Count()) return;
+  verdict.lost += report.Report().Count() - next;
+  say(path + ": ends at " + std::to_string(next) + " of " + std::to_string(report.Report().Count()));
+}
+
+}  // namespace qx::chaos

@@ -1,0 +1,90 @@
+// What the stream has, judged message by message in the order of the stream, and then report by report.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/qxrelay/chaos/ChaosWriter.h"
+#include "tools/qxrelay/message/Message.h"
+#include "tools/qxrelay/stream/Stream.h"
+
+namespace qx::chaos {
+
+// Faults that must not be, and what happened besides.
+struct Verdict {
+  std::uint64_t lost = 0;          // records that a ring held until the end, or when a gap was sent for them
+  std::uint64_t repeated = 0;      // records twice in a collector's report
+  std::uint64_t out_of_order = 0;  // records, or messages that begin after the next record
+  std::uint64_t torn = 0;          // records that are not what their writer appended
+  std::uint64_t foreign = 0;       // messages that no sender sends, incarnations that nobody began
+  std::uint64_t records = 0;
+  std::uint64_t messages = 0;
+  std::uint64_t repeats = 0;  // records that came again in the stream: allowed
+  std::uint64_t gaps = 0;
+  std::uint64_t gap_records = 0;
+
+  [[nodiscard]] bool IsKept() const { return lost + repeated + out_of_order + torn + foreign == 0; }
+};
+
+// A run of numbers.
+struct Range {
+  std::uint64_t first = 0;
+  std::uint64_t next = 0;
+
+  friend bool operator==(const Range&, const Range&) = default;
+};
+
+// One report as the stream has it. Threads: one thread.
+class ReportCheck {
+ public:
+  ReportCheck(ChaosReport& report, std::function<void(const std::string&)> say)
+      : report_(report), say_(std::move(say)) {}
+
+  void Take(const relay::MessageHead& head, const std::vector<std::string_view>& texts, Verdict& verdict);
+  // Whether the stream has or counts everything that was written.
+  [[nodiscard]] bool IsComplete() { return next_ == report_.Count(); }
+  // Records that were written last and are not in the stream.
+  void Finish(Verdict& verdict);
+
+  [[nodiscard]] const std::vector<Range>& Gaps() const { return gaps_; }
+  [[nodiscard]] ChaosReport& Report() const { return report_; }
+
+ private:
+  void TakeLoss(std::uint64_t next, const relay::MessageHead& head, Verdict& verdict);
+  void TakeGap(const relay::MessageHead& head, Verdict& verdict);
+  void TakeRecords(const relay::MessageHead& head, const std::vector<std::string_view>& texts, Verdict& verdict);
+
+  ChaosReport& report_;
+  std::function<void(const std::string&)> say_;
+  std::uint64_t incarnation_ = 0;
+  std::uint64_t next_ = 0;
+  std::vector<Range> gaps_;
+};
+
+// All reports. Threads: one thread.
+class StreamCheck {
+ public:
+  StreamCheck(const std::vector<ChaosReport*>& reports, std::function<void(const std::string&)> say);
+
+  // A message in the order of the stream.
+  void Take(const relay::StreamMessage& message);
+  [[nodiscard]] bool IsComplete();
+  const Verdict& Finish();
+
+  [[nodiscard]] std::map<std::string, ReportCheck>& Reports() { return reports_; }
+
+ private:
+  std::function<void(const std::string&)> say_;
+  std::map<std::string, ReportCheck> reports_;  // by host and report
+  Verdict verdict_;
+};
+
+// A collector's report must have exactly the records that are not in a gap, in order.
+void CheckCollected(const std::string& path, ReportCheck& report, const std::function<void(const std::string&)>& say,
+                    Verdict& verdict);
+
+}  // namespace qx::chaos
