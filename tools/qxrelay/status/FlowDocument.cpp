@@ -25,15 +25,17 @@ Json OrNull(const std::optional<Number>& number) {
   return number.has_value() ? Json(*number) : Json();
 }
 
+Json SecondsOrNull(const std::optional<std::int64_t>& ms) {
+  return ms.has_value() ? Json(static_cast<double>(*ms) / kMsInSecond) : Json();
+}
+
 Json DocumentOf(const ReportFlow& flow) {
-  const std::optional<double> lag_s =
-      flow.lag_ms.has_value() ? std::optional(static_cast<double>(*flow.lag_ms) / kMsInSecond) : std::nullopt;
   Json object;
   object["host"] = flow.host;
   ctl::SetText(object, "report", flow.report);
   ctl::SetText(object, "trouble", flow.trouble);
   object["lagRecords"] = OrNull(flow.lag_records);
-  object["lagSeconds"] = OrNull(lag_s);
+  object["lagSeconds"] = SecondsOrNull(flow.lag_ms);
   object["recordsPerSecond"] = OrNull(flow.records_per_second);
   object["overtakenInSeconds"] = OrNull(flow.overtaken_in_s);
   object["ringSlots"] = OrNull(flow.ring_slots);
