@@ -48,7 +48,7 @@ setup() {
   [[ "$output" != *"not a valid"* ]]
 }
 
-@test "the services run as the user that the package makes, and are not started at installation" {
+@test "services run as the user of the package, and are not started at installation" {
   grep -qx 'u qxrelay - "Report relay" /var/lib/qxrelay' "$QX_PREFIX/lib/sysusers.d/qxrelay.conf"
   for unit in send receive; do
     file=$QX_PREFIX/lib/systemd/system/qxrelay-$unit.service
@@ -59,7 +59,7 @@ setup() {
   done
 }
 
-@test "the scripts of the package do nothing where the service manager does not run" {
+@test "scripts of the package leave a service manager alone that does not run" {
   for action in "postinst configure" "prerm upgrade" "prerm remove" "postrm remove"; do
     mkdir -p bin && printf '#!/bin/sh\necho "%s $*" >>"%s/calls"\n' "tool" "$PWD" >bin/systemd-sysusers
     for tool in deb-systemd-helper deb-systemd-invoke systemctl; do cp bin/systemd-sysusers "bin/$tool"; done
