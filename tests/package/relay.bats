@@ -25,7 +25,8 @@ setup() {
 
 @test "no page of the relay names a page of qxctl for its options" {
   command -v scdoc || skip "there is no scdoc"
-  ! grep -n 'qxctl.*describes' "$QX_PREFIX"/share/man/man1/qxrelay-*.1
+  run grep -n 'qxctl.*describes' "$QX_PREFIX"/share/man/man1/qxrelay-*.1
+  [ "$status" -eq 1 ]
   grep -q 'qxrelay.*describes' "$QX_PREFIX/share/man/man1/qxrelay-send.1"
 }
 
@@ -54,7 +55,8 @@ setup() {
     file=$QX_PREFIX/lib/systemd/system/qxrelay-$unit.service
     grep -qx 'User=qxrelay' "$file"
     grep -qx "ExecStart=/usr/bin/qxrelay $unit" "$file"
-    ! grep -q " start .*qxrelay-$unit\|enable --now" "$debian/postinst"
+    run grep " start .*qxrelay-$unit\|enable --now" "$debian/postinst"
+    [ "$status" -eq 1 ]
     grep -q "stop .*qxrelay-$unit.service" "$debian/prerm"
   done
 }
@@ -67,6 +69,7 @@ setup() {
     [ ! -d /run/systemd/system ] || skip "a service manager runs here"
     PATH=$PWD/bin:$PATH DPKG_ROOT='' sh "$debian/${action% *}" "${action#* }"
   done
-  ! grep -q 'daemon-reload\|try-restart\| stop ' calls
+  run grep 'daemon-reload\|try-restart\| stop ' calls
+  [ "$status" -eq 1 ]
   grep -q 'qxrelay.conf' calls
 }
