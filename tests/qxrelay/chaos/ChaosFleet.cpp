@@ -6,11 +6,10 @@
 #include <cstdio>
 #include <filesystem>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
+#include "tests/qxrelay/chaos/ServerConfigs.h"
 #include "tests/support/Support.h"
-#include "tools/qxrelay/stream/NatsAdmin.h"
 
 namespace qx::chaos {
 
@@ -18,8 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kServers = 3;
-constexpr std::chrono::seconds kStartMax{60};
 constexpr std::chrono::seconds kStartingMax{2};
 // Faults follow each other after so many milliseconds, and last so long.
 constexpr std::int64_t kBetweenMs = 900;
@@ -48,23 +45,8 @@ ChaosFleet::Actor& ChaosFleet::Add(std::vector<Actor*>& group, const std::string
 }
 
 void ChaosFleet::AddServers() {
-  std::vector<int> ports;
-  std::string routes;
-  for (int i = 0; i < kServers; ++i) {
-    ports.push_back(FreePort());
-    ports.push_back(FreePort());
-    stream_.servers.push_back("nats://127.0.0.1:" + std::to_string(ports[ports.size() - 2]));
-    routes += (i > 0 ? ", " : "") + ("\"nats-route://127.0.0.1:" + std::to_string(ports.back()) + "\"");
-  }
-  stream_.servers.erase(stream_.servers.begin());  // the default
-  for (std::size_t i = 0; i < kServers; ++i) {
-    const std::string name = "server" + std::to_string(i + 1);
-    const std::string config = options_.directory + "/" + name + ".conf";
-    test::WriteFile(config, "server_name: " + name + "\nlisten: \"127.0.0.1:" + std::to_string(ports[2 * i]) +
-                                "\"\ncluster { name: chaos, listen: \"127.0.0.1:" + std::to_string(ports[2 * i + 1]) +
-                                "\", routes: [" + routes + "] }\njetstream { store_dir: \"" + options_.directory + "/" +
-                                name + "\" }\n");
-    Add(server_actors_, name, {"nats-server", "-c", config}, servers_);
+  for (ServerConfig& server : WriteServerConfigs(options_.directory, stream_)) {
+    Add(server_actors_, server.name, std::move(server.words), servers_);
   }
 }
 
@@ -102,13 +84,9 @@ void ChaosFleet::AddCollector(int collector) {
 
 void ChaosFleet::Start() {
   for (Actor* const server : server_actors_) server->process.Start();
-  const auto end = std::chrono::steady_clock::now() + kStartMax;
   stream_.replicas = kServers;
   stream_.bytes = std::uint64_t{8} << 30U;
-  while (const auto problem = relay::CreateStream(stream_)) {
-    if (std::chrono::steady_clock::now() > end) throw std::runtime_error("no stream: " + *problem);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  }
+  CreateStreamOfNewServers(stream_);
   for (Actor* const actor : other_actors_) actor->process.Start();
 }
 
