@@ -111,9 +111,8 @@ SetValue List(const std::function<std::vector<std::string>&(RelayConfig&)>& memb
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// Every key but those of [labels].
-const std::vector<KeyRow>& Rows() {
-  static const std::vector<KeyRow> kRows = {
+std::vector<KeyRow> StreamRows() {
+  return {
       {"stream", "servers", List([](RelayConfig & c) -> auto& { return c.stream.servers; })},
       {"stream", "name",
        Text(
@@ -139,6 +138,11 @@ const std::vector<KeyRow>& Rows() {
       {"stream", "replicas",
        Size<std::uint32_t>(
            [](RelayConfig & c) -> auto& { return c.stream.replicas; }, 1, 5)},
+  };
+}
+
+std::vector<KeyRow> ServiceRows() {
+  return {
       {"host", "name",
        Text(
            [](RelayConfig & c) -> auto& { return c.host.name; }, IsHostName)},
@@ -181,6 +185,15 @@ const std::vector<KeyRow>& Rows() {
        Time<milliseconds>(
            [](RelayConfig & c) -> auto& { return c.receive.redeliver; }, seconds(1), seconds(3600))},
   };
+}
+
+// Every key but those of [labels].
+const std::vector<KeyRow>& Rows() {
+  static const std::vector<KeyRow> kRows = [] {
+    std::vector<KeyRow> rows = StreamRows();
+    for (KeyRow& row : ServiceRows()) rows.push_back(std::move(row));
+    return rows;
+  }();
   return kRows;
 }
 
