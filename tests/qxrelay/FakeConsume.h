@@ -1,0 +1,186 @@
+// A stream with one durable consumer in memory. A test publishes, lets messages come again, and expires them.
+#pragma once
+
+#include <algorithm>
+#include <deque>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "reportfile/tools/RecordOverlap.h"
+#include "tools/qxrelay/message/Message.h"
+#include "tools/qxrelay/message/Subject.h"
+#include "tools/qxrelay/stream/Stream.h"
+
+namespace qx::test {
+
+// Threads: one thread.
+class FakeConsume final : public relay::ConsumeStream {
+ public:
+  struct Stored {
+    std::string subject;
+    std::string payload;
+    std::uint64_t before = 0;
+  };
+
+  [[nodiscard]] std::optional<std::string> Connect(const std::string&, std::size_t,
+                                                   std::chrono::milliseconds) override {
+    if (problem.has_value()) return problem;
+    is_connected = true;
+    return std::nullopt;
+  }
+  [[nodiscard]] std::optional<std::string> Fetch(std::size_t count_max, std::chrono::milliseconds,
+                                                 std::vector<relay::StreamMessage>& taken) override {
+    ++fetches;
+    if (!is_connected || problem.has_value()) return problem.value_or("not connected");
+    for (; count_max > 0 && !again.empty(); --count_max) {
+      const std::uint64_t sequence = again.front();
+      again.pop_front();
+      if (pending.contains(sequence)) Deliver(sequence, taken);
+    }
+    for (; count_max > 0 && next <= last; --count_max) Deliver(next++, taken);
+    return std::nullopt;
+  }
+  [[nodiscard]] std::optional<std::string> Acknowledge(const std::string& receipt) override {
+    if (!is_connected) return "not connected";
+    acknowledged.insert(std::stoull(receipt));
+    pending.erase(std::stoull(receipt));
+    return std::nullopt;
+  }
+  [[nodiscard]] std::optional<std::string> Refuse(const std::string& receipt) override {
+    refused.insert(std::stoull(receipt));
+    pending.erase(std::stoull(receipt));
+    return std::nullopt;
+  }
+  [[nodiscard]] std::optional<std::string> ReadState(relay::ConsumerState& state) override {
+    if (!is_connected) return "not connected";
+    state = {.first = messages.empty() ? last + 1 : messages.begin()->first,
+             .acknowledged = pending.empty() ? next - 1 : pending.begin()->first - 1,
+             .created = created,
+             .pending = last + 1 - next};
+    return std::nullopt;
+  }
+  [[nodiscard]] std::optional<std::string> FirstSequence(std::uint64_t& sequence) override {
+    sequence = messages.empty() ? 0 : messages.begin()->first;
+    return std::nullopt;
+  }
+  void Close() override { is_connected = false; }
+
+  // Stores a message. Returns its sequence.
+  std::uint64_t Publish(const std::string& subject, std::string payload) {
+    ++last;
+    messages[last] = {subject, std::move(payload), std::exchange(newest[subject], last)};
+    return last;
+  }
+  // What was delivered and not acknowledged comes again, in this order, before anything new.
+  void Redeliver() {
+    again.clear();
+    for (const auto& [sequence, count] : pending) again.push_back(sequence);
+  }
+  // The messages up to this one are not in the stream any more.
+  void Expire(std::uint64_t sequence) {
+    messages.erase(messages.begin(), messages.upper_bound(sequence));
+    pending.erase(pending.begin(), pending.upper_bound(sequence));
+    next = std::max(next, sequence + 1);
+  }
+
+  std::map<std::uint64_t, Stored> messages;
+  std::map<std::string, std::uint64_t> newest;     // of a subject
+  std::map<std::uint64_t, std::uint64_t> pending;  // delivered and not acknowledged: how often it was delivered
+  std::deque<std::uint64_t> again;
+  std::set<std::uint64_t> acknowledged;
+  std::set<std::uint64_t> refused;
+  std::uint64_t last = 0;
+  std::uint64_t next = 1;
+  std::int64_t created = 1;
+  std::optional<std::string> problem;
+  bool is_connected = false;
+  bool has_before = true;  // whether messages say which one was before them
+  int fetches = 0;
+
+ private:
+  void Deliver(std::uint64_t sequence, std::vector<relay::StreamMessage>& taken) {
+    const auto found = messages.find(sequence);
+    if (found == messages.end()) return;
+    taken.push_back({.subject = found->second.subject,
+                     .payload = found->second.payload,
+                     .sequence = sequence,
+                     .before = has_before ? std::optional(found->second.before) : std::nullopt,
+                     .delivered = ++pending[sequence],
+                     .pending = last - sequence,
+                     .receipt = std::to_string(sequence)});
+  }
+};
+
+// A sender's messages of one report.
+class FakeSender {
+ public:
+  FakeSender(FakeConsume& stream, std::string host, std::string report)
+      : stream_(stream), host_(std::move(host)), report_(std::move(report)) {}
+
+  // The next `count` records: "INCARNATION.NUMBER\r\n". Returns the sequence of the message.
+  std::uint64_t Records(std::uint64_t count) {
+    std::vector<std::string> texts;
+    for (std::uint64_t i = 0; i < count; ++i) texts.push_back(Text(next + i));
+    return Send(texts);
+  }
+  std::uint64_t Send(const std::vector<std::string>& texts) {
+    std::string bytes;
+    std::vector<std::uint32_t> lengths;
+    for (const std::string& text : texts) {
+      bytes += text;
+      lengths.push_back(static_cast<std::uint32_t>(text.size()));
+      sent.push_back(text);
+    }
+    const relay::MessageHead head = Head(relay::MessageKind::kRecords, texts.size());
+    next += texts.size();
+    hash = report::RecordHash(texts.back());
+    return Publish(head, lengths, bytes);
+  }
+  std::uint64_t Gap(std::uint64_t count) {
+    relay::MessageHead head = Head(relay::MessageKind::kGap, count);
+    head.reason = relay::GapReason::kOverwritten;
+    next += count;
+    hash = 0;
+    return Publish(head, {}, {});
+  }
+  std::uint64_t Empty() { return Publish(Head(relay::MessageKind::kEmpty, 0), {}, {}); }
+
+  [[nodiscard]] std::string Text(std::uint64_t number) const {
+    return std::to_string(incarnation) + "." + std::to_string(number) + "\r\n";
+  }
+  [[nodiscard]] std::string Subject() const {
+    return "qx.report." + relay::TokenOf(host_) + "." + relay::TokenOf(report_);
+  }
+  [[nodiscard]] relay::MessageHead Head(relay::MessageKind kind, std::uint64_t count) const {
+    return {.kind = kind,
+            .incarnation = incarnation,
+            .session = 1,
+            .first = next,
+            .count = count,
+            .hash_before = hash,
+            .store_next = next + count,
+            .sent_ms = 1,
+            .ring_slots = 100,
+            .report = report_};
+  }
+
+  std::uint64_t incarnation = 7;
+  std::uint64_t next = 0;
+  std::uint64_t hash = 0;
+  std::vector<std::string> sent;  // records, of all incarnations
+
+ private:
+  std::uint64_t Publish(const relay::MessageHead& head, const std::vector<std::uint32_t>& lengths,
+                        const std::string& bytes) {
+    return stream_.Publish(Subject(), relay::EncodeMessage(head, lengths, bytes));
+  }
+
+  FakeConsume& stream_;
+  std::string host_;
+  std::string report_;
+};
+
+}  // namespace qx::test
