@@ -78,8 +78,17 @@ std::optional<std::string> NatsConsume::Connect(const std::string& name, std::si
   options.Config.MaxAckPending = static_cast<std::int64_t>(unacknowledged_max);
   natsSubscription* subscription = nullptr;
   const std::string subjects = settings_.prefix + ".>";
-  status =
-      js_PullSubscribe(&subscription, parts->context.get(), subjects.c_str(), name.c_str(), nullptr, &options, nullptr);
+  jsCtx* const context = parts->context.get();
+  status = js_PullSubscribe(&subscription, context, subjects.c_str(), name.c_str(), nullptr, &options, nullptr);
+  if (status == NATS_ERR) {  // also for a consumer that has other limits: then they are changed
+    options.Config.FilterSubject = subjects.c_str();
+    jsConsumerInfo* changed = nullptr;
+    status = js_AddConsumer(&changed, context, settings_.name.c_str(), &options.Config, nullptr, nullptr);
+    jsConsumerInfo_Destroy(changed);
+    if (status == NATS_OK) {
+      status = js_PullSubscribe(&subscription, context, subjects.c_str(), name.c_str(), nullptr, &options, nullptr);
+    }
+  }
   if (status != NATS_OK) return nats::Problem("cannot use the consumer " + name + " of " + settings_.name, status);
   parts->subscription.reset(subscription);
   parts->name = name;
