@@ -122,6 +122,37 @@ TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
   }
 }
 
+// An operator appends to a report, or restores it: that does not take long.
+TEST(RelayCollectorRoot, AReportThatIsBusyIsWrittenLaterOrLeftAlone) {
+  for (const bool is_long : {false, true}) {
+    SCOPED_TRACE(is_long);
+    Collector collector;
+    FakeSender sender(collector.stream, "h", "a");
+    FakeSender other(collector.stream, "h", "b");
+    sender.Records(2);
+    collector.Run();
+    collector.Restart();
+    qx::Writer writer;
+    ASSERT_FALSE(writer.OpenExisting(collector.PathOf("a")).Failed());
+    sender.Records(3);
+    other.Records(1);
+    collector.Run();
+    EXPECT_EQ(collector.Records("b"), other.sent);
+    EXPECT_EQ(collector.Report("a").state, CollectedState::kHeld);
+    EXPECT_TRUE(collector.IsLogged("two writers overwrite"));
+    EXPECT_THAT(collector.stream.acknowledged, ElementsAre(1, 3));
+    if (is_long) collector.Run(40);
+    writer.Close();
+    collector.now += 10'000;
+    sender.Records(1);
+    collector.Run();
+    EXPECT_THAT(collector.stream.acknowledged, ElementsAre(1, 2, 3, 4));
+    EXPECT_EQ(collector.Records("a").size(), is_long ? 3U : 6U);
+    EXPECT_EQ(collector.Report("a").counters.gap_records, is_long ? 3U : 0U);
+    EXPECT_EQ(collector.Report("a").counters.skipped, is_long ? 3U : 0U);
+  }
+}
+
 TEST(RelayCollectorRoot, ARootHasOneReceiver) {
   const Collector collector;
   CollectorRoot second;

@@ -26,6 +26,7 @@ CollectorFault FaultOf(const Error& error) {
   if (!error.Failed()) return {};
   if (error.code == ErrorCode::kNoMemory) return {.kind = CollectorFault::Kind::kSystem, .text = error.text};
   if (error.code == ErrorCode::kSystem) return FaultOf(error.text, error.system_error);
+  if (error.code == ErrorCode::kOtherWriter) return {.kind = CollectorFault::Kind::kBusy, .text = error.text};
   return {.kind = CollectorFault::Kind::kReport, .text = error.text};
 }
 

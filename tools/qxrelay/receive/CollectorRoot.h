@@ -26,7 +26,8 @@ struct CollectorFault {
   enum class Kind : std::uint8_t {
     kNone,
     kSystem,  // no space, no descriptors, a disk that fails: it concerns all reports, and nothing can be acknowledged
-    kReport,  // this report cannot be written: damaged, of another user, or written by somebody else
+    kBusy,    // another program writes this report now
+    kReport,  // this report cannot be written: damaged, or of another user
   };
   Kind kind = Kind::kNone;
   std::string text;

@@ -9,7 +9,9 @@ namespace qx::relay {
 
 namespace {
 
-constexpr TimeMs kLeftAloneMs = 5000;  // between two tries of a report that cannot be written
+constexpr TimeMs kBusyMs = 500;         // between two tries of a report that another program writes
+constexpr TimeMs kPatienceMs = 20'000;  // until it is left alone
+constexpr TimeMs kLeftAloneMs = 5000;   // between two tries of a report that cannot be written
 
 std::string CountText(std::uint64_t count) { return std::to_string(count) + (count == 1 ? " record" : " records"); }
 
@@ -45,6 +47,12 @@ void ReportCollector::Add(StreamMessage message, DecodedMessage decoded) {
 }
 
 void ReportCollector::Work(TimeMs now) {
+  const bool is_busy = busy_since_.has_value() && now < retry_at_;
+  if (!is_busy) WorkOnQueue(now);
+  TrimQueue();
+}
+
+void ReportCollector::WorkOnQueue(TimeMs now) {
   for (bool is_again = true; is_again;) {
     is_again = false;
     bool has_waiting = false;
@@ -63,7 +71,10 @@ void ReportCollector::Work(TimeMs now) {
     if (state_ == CollectedState::kWaits && !has_waiting) state_ = CollectedState::kFollows;
     if (has_waiting && state_ == CollectedState::kFollows) state_ = CollectedState::kWaits;
   }
-  // What is after a hole comes again if there is no space for it now.
+}
+
+// What cannot be written now comes again if there is no space for it here.
+void ReportCollector::TrimQueue() {
   while (!queue_.empty() && context_.queued_bytes > context_.queue_bytes_max) {
     context_.queued_bytes -= queue_.rbegin()->second.payload.size();
     queue_.erase(std::prev(queue_.end()));
@@ -168,6 +179,7 @@ ReportCollector::Outcome ReportCollector::Write(TimeMs now, Queued& message, con
   seen_.counters.repeats += decision.repeats - std::min(decision.repeats, message.written - stored);
   if (!trouble_.empty()) context_.log("report " + host_ + "/" + report_ + ": continues");
   trouble_.clear();
+  busy_since_.reset();
   state_ = CollectedState::kFollows;
   return Outcome::kDone;
 }
@@ -207,6 +219,16 @@ ReportCollector::Outcome ReportCollector::Failed(TimeMs now, const CollectorFaul
     return Outcome::kStop;
   }
   files_.Close();
+  if (fault.kind == CollectorFault::Kind::kBusy) {
+    if (!busy_since_.has_value()) busy_since_ = now;
+    if (now - *busy_since_ < kPatienceMs) {
+      state_ = CollectedState::kHeld;
+      retry_at_ = now + kBusyMs;
+      Trouble(fault.text);
+      return Outcome::kStop;
+    }
+  }
+  busy_since_.reset();
   state_ = CollectedState::kLeftAlone;
   retry_at_ = now + kLeftAloneMs;
   Trouble("left alone: " + fault.text);

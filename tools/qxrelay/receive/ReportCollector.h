@@ -54,6 +54,8 @@ class ReportCollector {
 
   enum class Outcome : std::uint8_t { kDone, kWait, kStop };
 
+  void WorkOnQueue(TimeMs now);
+  void TrimQueue();
   [[nodiscard]] Outcome Handle(TimeMs now, std::uint64_t sequence, Queued& message);
   [[nodiscard]] Outcome Skip(const Queued& message);
   [[nodiscard]] CollectorFault OpenFiles();
@@ -75,7 +77,8 @@ class ReportCollector {
   std::uint64_t last_sequence_ = 0;        // no message before it has records that the report needs
   CollectedState state_ = CollectedState::kFollows;
   std::string trouble_;
-  TimeMs retry_at_ = 0;  // of a report that is left alone
+  TimeMs retry_at_ = 0;               // of a report that is left alone, or busy
+  std::optional<TimeMs> busy_since_;  // since another program writes it
   bool is_base_unsynced_ = false;
   bool needs_confirm_ = false;  // the last header may not be in the file
   bool needs_base_ = false;     // the files have another count than the base that was found, so a new one is written
