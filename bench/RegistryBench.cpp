@@ -26,7 +26,7 @@
 namespace {
 
 using qx::bench::Digits;
-using qx::bench::EachValue;
+using qx::bench::ForEachValue;
 using qx::bench::kValues;
 using qx::bench::kValuesPerKey;
 using qx::bench::MakeValue;
@@ -77,7 +77,7 @@ void LoadQx(benchmark::State& state) {
 #ifdef QX_HAVE_GLIB
 std::string KeyFileText() {
   std::string text;
-  EachValue(
+  ForEachValue(
       kValues, kValuesPerKey, [&](const std::string& key) { text += "[HKEY_LOCAL_MACHINE/SOFTWARE/" + key + "]\n"; },
       [&](const std::string& name, const Value& value) { text += name + "=" + value.data + "\n"; });
   return text;
@@ -112,13 +112,13 @@ void LoadLimit(benchmark::State& state) {
 void SaveQx(benchmark::State& state) {
   const MemoryDirectory directory;
   (void)directory.FileWith("registry", RegistryText(kValues, kValuesPerKey));
-  qx::registry::StartAfresh(directory.Path());
+  qx::registry::ResetRegistry(directory.Path());
   CRegistry::SetupTree(false);
   for (auto _ : state) {
     CRegistry::MIsDirty = true;
     CRegistry::SaveTree();
   }
-  qx::registry::StartAfresh(nullptr);
+  qx::registry::ResetRegistry(nullptr);
 }
 
 // 0a ff => "0a ff ". One fprintf per byte would double the time of the whole dump.

@@ -219,12 +219,12 @@ CDebug::Entry CDebug::FormatEntry(const char* format, std::va_list args, const c
   char* const text = entry_ + header_length;
 
   errno = callers_errno;  // what "%m" means
-  const int wanted = FormatText(text, kEntryTextCharsMax + 1, qx::debug::WithoutLeadingLineFeeds(format), args);
-  if (wanted < 0) text[0] = '\0';
+  const int full_length = FormatText(text, kEntryTextCharsMax + 1, qx::debug::WithoutLeadingLineFeeds(format), args);
+  if (full_length < 0) text[0] = '\0';
   std::size_t length = std::strlen(text);  // a NUL out of "%c" ends the entry
-  const bool is_cut = length == kEntryTextCharsMax && static_cast<std::size_t>(wanted) > length;
+  const bool is_cut = length == kEntryTextCharsMax && static_cast<std::size_t>(full_length) > length;
   if (length == 0 || text[length - 1] != '\n') text[length++] = '\n';
-  return {{entry_, header_length + length}, header_length, is_cut ? static_cast<std::size_t>(wanted) : 0};
+  return {{entry_, header_length + length}, header_length, is_cut ? static_cast<std::size_t>(full_length) : 0};
 }
 
 std::size_t CDebug::SetEntryHeader(char* buffer, std::size_t size, const char* module) {

@@ -35,16 +35,16 @@ class LineScanner {
   // The next line, or false at the end. `line` lives until the next call and is unchanged on false. [owning thread]
   [[nodiscard]] bool Next(std::string_view& line);
 
-  // Skips lines as long as `is_foreign` returns true for them; it gets each line without its line feed and with what a
-  // NUL hides. Plain text without the mark must be foreign (inifile/MarkedLine.h), and is skipped without a call of
-  // `is_foreign`. May stop before any line: this only saves calls of Next. [owning thread]
+  // Skips lines as long as `can_skip` returns true for them. It gets each line without its line feed, but with what a
+  // NUL hides. It must return true for plain text without the mark (inifile/MarkedLine.h), which is skipped without a
+  // call. The scan may stop before any line: SkipLines only saves calls of Next. [owning thread]
   template <typename Predicate>
-  void PassOver(LineMark mark, Predicate is_foreign) noexcept {
+  void SkipLines(LineMark mark, Predicate can_skip) noexcept {
     std::string_view rest = unread_;
     for (;;) {
       const std::string_view longest = rest.substr(0, kLineBytesMax);
       const std::size_t length = longest.find('\n');
-      if (length == std::string_view::npos || !is_foreign(longest.substr(0, length))) break;
+      if (length == std::string_view::npos || !can_skip(longest.substr(0, length))) break;
       rest.remove_prefix(length);
       rest.remove_prefix(BytesToMarkedLine(rest, mark));
     }

@@ -105,11 +105,11 @@ void CollectSections(LineScanner& lines, Result& result) {
 // Most lines of a large file are skipped after a check of a few characters: for another entry, the last character of
 // the requested key, since keys of one section often differ only there. A list takes every line of its section, as if
 // its key were empty.
-void PassOverForeign(LineScanner& lines, bool is_inside, std::string_view key) {
-  if (!is_inside) return lines.PassOver({.column = 0, .byte = '['}, IsPlainText);
+void SkipOtherLines(LineScanner& lines, bool is_inside, std::string_view key) {
+  if (!is_inside) return lines.SkipLines({.column = 0, .byte = '['}, IsPlainText);
   if (key.empty()) return;
-  lines.PassOver({.column = key.size() - 1, .byte = key.back()},
-                 [key](std::string_view line) { return IsOtherEntry(line, key); });
+  lines.SkipLines({.column = key.size() - 1, .byte = key.back()},
+                  [key](std::string_view line) { return IsOtherEntry(line, key); });
 }
 
 // Only the first section of the name is read: the next header, of any name, ends the search.
@@ -118,7 +118,7 @@ void SearchSection(LineScanner& lines, const Query& query, Result& result) {
   const std::string_view key = query.key != nullptr ? query.key : "";
   bool is_inside = false;
   while (result.HasSpace()) {
-    PassOverForeign(lines, is_inside, key);
+    SkipOtherLines(lines, is_inside, key);
     std::string_view line;
     if (!lines.Next(line)) return;
     line = WithoutLeadingWhiteSpace(line);

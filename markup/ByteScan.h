@@ -66,12 +66,12 @@ const char* FindAnyOf(const char* p, const char* end) {
 }
 
 // Three bytes in a row:  FindTriple<']', ']', '>'>("a]]]>b") => "]]>b"
-// The C library's search for the first byte is fastest while that byte is rare. After kVainFindsMax finds of it alone,
-// the search for all three bytes at once takes over.
+// The C library's search for the first byte is fastest while that byte is rare. After kFailedFindsMax finds of it
+// alone, the search for all three bytes at once takes over.
 template <char kFirst, char kSecond, char kThird>
 const char* FindTriple(const char* p, const char* end) {
-  constexpr int kVainFindsMax = 16;
-  for (int finds = 0; finds < kVainFindsMax && end - p >= 3; ++finds) {
+  constexpr int kFailedFindsMax = 16;
+  for (int finds = 0; finds < kFailedFindsMax && end - p >= 3; ++finds) {
     const void* const found = std::memchr(p, kFirst, static_cast<std::size_t>(end - p - 2));
     if (found == nullptr) return end;
     p = static_cast<const char*>(found);

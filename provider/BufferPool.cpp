@@ -24,7 +24,7 @@ std::string BufferPool::Take(std::size_t bytes) {
   return buffer;
 }
 
-void BufferPool::GiveBack(std::string buffer) noexcept {
+void BufferPool::Return(std::string buffer) noexcept {
   buffer.clear();
   if (buffer.capacity() < kKeptBytesMin) return;  // the reply of every request but a transfer
   const std::lock_guard lock(mutex_);

@@ -17,7 +17,7 @@ namespace qx::provider {
 // A bounded set of spare buffers.
 //
 // Threads: any thread may take and return buffers. Owns: the spare buffers; one that was taken belongs to the caller.
-// Failure: Take throws std::bad_alloc; GiveBack frees what it does not keep.
+// Failure: Take throws std::bad_alloc; Return frees what it does not keep.
 class BufferPool {
  public:
   // Spare buffers kept at most, bytes in one of them, and bytes in all of them. A buffer that is smaller than
@@ -36,7 +36,7 @@ class BufferPool {
   [[nodiscard]] std::string Take(std::size_t bytes);
 
   // Keeps `buffer` for a later Take if the caps allow it, and frees it otherwise. [any thread]
-  void GiveBack(std::string buffer) noexcept;
+  void Return(std::string buffer) noexcept;
 
   // Frees all spare buffers. [any thread]
   void Clear() noexcept;
@@ -50,7 +50,7 @@ class BufferPool {
   [[nodiscard]] std::size_t BestFitLocked(std::size_t bytes) const;
 
   mutable std::mutex mutex_;
-  std::vector<std::string> kept_;  // never grows beyond the space that Take reserves, so GiveBack cannot fail
+  std::vector<std::string> kept_;  // never grows beyond the space that Take reserves, so Return cannot fail
   std::size_t kept_bytes_ = 0;
 };
 
@@ -61,7 +61,7 @@ extern BufferPool transfer_buffers;
 class PooledBuffer {
  public:
   explicit PooledBuffer(std::size_t bytes) : text_(transfer_buffers.Take(bytes)) {}
-  ~PooledBuffer() { transfer_buffers.GiveBack(std::move(text_)); }
+  ~PooledBuffer() { transfer_buffers.Return(std::move(text_)); }
   PooledBuffer(const PooledBuffer&) = delete;
   PooledBuffer& operator=(const PooledBuffer&) = delete;
 

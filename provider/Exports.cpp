@@ -69,7 +69,7 @@ int RunRequest(const wcs_gendata* params, const char* input, char** reply, Opera
     } else {
       CKrxAdapterModule::FreeReplyString(text);
     }
-    qx::provider::transfer_buffers.GiveBack(out.ReleaseDoc());  // worth keeping if it held a chunk of records
+    qx::provider::transfer_buffers.Return(out.ReleaseDoc());  // worth keeping if it held a chunk of records
     return result;
   });
 }

@@ -19,7 +19,7 @@ using qx::provider::kPrivilegeMissing;
 using qx::provider::kRequestFatal;
 using qx::provider::kRequestRefused;
 
-constexpr int kMayGoOn = 0;
+constexpr int kCheckPassed = 0;
 constexpr unsigned kErrorInvalidData = 13;
 constexpr unsigned kErrorPrivilegeNotHeld = 1313;
 constexpr char kReportPrivilege[] = "AccessPerformanceMgr";
@@ -134,16 +134,16 @@ int CFileTransferProvider::CheckRequest(KrxRequestParams& params, CMarkup& in, C
   // Quirk: such input is not an error. The call continues with an empty document, and so with an empty report name.
   if (!in.IsWellFormed()) {
     in.ResetPos();
-    return kMayGoOn;
+    return kCheckPassed;
   }
   const int result = CheckDocument(in, out, requiredTag);
-  if (result != kMayGoOn || requiredPrivilege == nullptr) return result;
+  if (result != kCheckPassed || requiredPrivilege == nullptr) return result;
   return CheckPrivilege(params, out, requiredPrivilege);
 }
 
 int CFileTransferProvider::CheckDocument(CMarkup& in, CMarkup& out, const char* required_tag) {
   QX_TRACE(4, "\nWCSP_QX GetReports  :   XML input string: \"%s\"", in.GetDoc().c_str());
-  if (required_tag == nullptr || in.FindElem(required_tag)) return kMayGoOn;
+  if (required_tag == nullptr || in.FindElem(required_tag)) return kCheckPassed;
   CQXString<> text;
   text.Format("No valid request data in input XML string (<%s> tag missing)", required_tag);
   return Refuse(out, text.c_str(), kErrorInvalidData, kRequestRefused);
@@ -152,7 +152,7 @@ int CFileTransferProvider::CheckDocument(CMarkup& in, CMarkup& out, const char* 
 int CFileTransferProvider::CheckPrivilege(KrxRequestParams& params, CMarkup& out, const char* required_privilege) {
   if (!params.IsSecurityDataAvailable()) {
     QX_TRACE(3, "\nWCSP_QX GetReports  :   WS-TRUST security validation data not found - no authorization required");
-    return kMayGoOn;
+    return kCheckPassed;
   }
   QX_TRACE(3, "\nWCSP_QX GetReports  : WS-TRUST security validation data found - using authorization");
   if (!params.HasSecurityPrivilege(required_privilege)) {
@@ -161,7 +161,7 @@ int CFileTransferProvider::CheckPrivilege(KrxRequestParams& params, CMarkup& out
     return Refuse(out, text.c_str(), kErrorPrivilegeNotHeld, kPrivilegeMissing);
   }
   QX_TRACE(3, "\nWCSP_QX GetReports  : Required access privileges available - access granted");
-  return kMayGoOn;
+  return kCheckPassed;
 }
 
 // Quirk: the trace line names another module's column; log readers know it by that.

@@ -42,7 +42,7 @@ class NamesFile::Scan {
 
   void Run(inifile::LineScanner& lines) {
     while (!IsComplete()) {
-      if (in_ == Section::kOther) lines.PassOver({.column = 0, .byte = '['}, inifile::IsPlainText);
+      if (in_ == Section::kOther) lines.SkipLines({.column = 0, .byte = '['}, inifile::IsPlainText);
       std::string_view line;
       if (!lines.Next(line)) break;
       Take(inifile::WithoutLeadingWhiteSpace(line));

@@ -204,7 +204,7 @@ void ReportTransfer::GatherRecords(std::string& text) {
 }
 
 void ReportTransfer::TakeRecords(std::string& text) {
-  for (Round round = Round::kGoOn; round == Round::kGoOn;) {
+  for (Round round = Round::kContinue; round == Round::kContinue;) {
     if (index_ >= thread_data_.highest_index) {
       QX_TRACE(3, "\nWCSP_QX GetReports  :   index higher that highest index - exit reading");
       return;
@@ -228,23 +228,23 @@ ReportTransfer::Round ReportTransfer::TakeOne(std::string& text) {
   bool too_long = false;
   const bool was_read = reader_.Read(slot, kChunkLimitBytes - GatheredBytes(text), &line_, &too_long);
   if (!was_read) NoteFailedRead();
-  if (check_ring_ && RingHasMoved()) return was_read ? Round::kGoOn : Round::kLeave;
-  if (!was_read) return Round::kLeave;
+  if (check_ring_ && RingHasMoved()) return was_read ? Round::kContinue : Round::kEnd;
+  if (!was_read) return Round::kEnd;
 
   if (too_long) {
     TraceChunkFull();
-    return Round::kLeave;
+    return Round::kEnd;
   }
   if (LimitReached()) {
     QX_TRACE(4, "\nWCSP_QX GetReports  :   --> number of requested records (%d) reached, return now",
              request_.record_limit);
-    return Round::kLeave;
+    return Round::kEnd;
   }
   text += line_;
   empty_in_a_row_ = line_.empty() ? empty_in_a_row_ + 1 : 0;
   QX_TRACE(5, "\nWCSP_QX GetReports  :   --> entry: %s", WithoutOuterWhiteSpace(line_).c_str());
   ++index_;
-  return Round::kGoOn;
+  return Round::kContinue;
 }
 
 ReportTransfer::Round ReportTransfer::TakeRun(std::string& text) {
@@ -254,7 +254,7 @@ ReportTransfer::Round ReportTransfer::TakeRun(std::string& text) {
   index_ += taken.count;
   if (taken.end == report::TakeEnd::kReadFailed) NoteFailedRead();
   if (taken.end == report::TakeEnd::kChunkFull) TraceChunkFull();
-  return taken.end == report::TakeEnd::kCountReached ? Round::kGoOn : Round::kLeave;
+  return taken.end == report::TakeEnd::kCountReached ? Round::kContinue : Round::kEnd;
 }
 
 // Notes why the next record cannot be read, if the system is the reason: it reports an error, or the report is closed
@@ -339,7 +339,7 @@ int ReportTransfer::ReplyNoMoreRecords() {
 }
 
 // An empty document takes the reply in a kept buffer: its text is as large as the records, and the caller returns
-// the buffer to the pool (BufferPool::GiveBack of ReleaseDoc).
+// the buffer to the pool (BufferPool::Return of ReleaseDoc).
 void ReportTransfer::ReserveReply(std::size_t records_bytes) {
   constexpr std::size_t kMarkupBytes = 256;  // tags, indices and the start and end of the section
   if (!out_.GetDoc().empty()) return;

@@ -78,7 +78,7 @@ class ReportTransfer {
   [[nodiscard]] int Run(CMarkup& in);
 
  private:
-  enum class Round { kGoOn, kLeave };
+  enum class Round { kContinue, kEnd };
 
   void StartOver();
   [[nodiscard]] bool IsFirstCall() const;

@@ -129,19 +129,19 @@ bool LoadFirstGoodFile() {
 }
 
 // Other threads read the pointers without a lock, so one that is right is not written again.
-void Wire(const Hive& hive) {
+void SetHivePointer(const Hive& hive) {
   CRegistryNode* key = NodeOfHive(hive.name);
   if (*hive.pointer != key) *hive.pointer = key;
 }
 
-void WireHives() {
-  for (const Hive& hive : kHives) Wire(hive);
+void SetHivePointers() {
+  for (const Hive& hive : kHives) SetHivePointer(hive);
 }
 
 // A failed load leaves the pointers as they are, except for a hive that its file has replaced by a value.
-void UnwireLostHives() {
+void ClearLostHivePointers() {
   for (const Hive& hive : kHives) {
-    if (*hive.pointer != nullptr) Wire(hive);
+    if (*hive.pointer != nullptr) SetHivePointer(hive);
   }
 }
 
@@ -222,7 +222,7 @@ void EnsureHiveEntries() {
 
 }  // namespace
 
-void qx::registry::StartAfresh(const char* directory) {
+void qx::registry::ResetRegistry(const char* directory) {
   const LockScope lock(CRegistry::MSpinlock);
   CRegistry::MRoot.Clear();
   for (const Hive& hive : kHives) *hive.pointer = nullptr;
@@ -258,10 +258,10 @@ void CRegistry::SetupTree(bool force_setup) {
   try {
     BuildPaths();
     if (!LoadFirstGoodFile()) {
-      UnwireLostHives();
+      ClearLostHivePointers();
       return;
     }
-    WireHives();
+    SetHivePointers();
   } catch (const std::exception&) {  // all that can be thrown here, but not the unwinding of a cancelled thread
     QX_TRACE(2, "CRegistry: SetupTree(): ## ERROR during Setup\n");
   }

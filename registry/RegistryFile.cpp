@@ -92,8 +92,8 @@ bool MayHoldBytes(const char* path) {
 }
 
 ByteSource BytesOf(const file::Descriptor& file) {
-  return [number = file.Number()](char* to, std::size_t room) -> ssize_t {
-    const file::Progress got = ReadWithRetries(number, to, room);
+  return [number = file.Number()](char* to, std::size_t size) -> ssize_t {
+    const file::Progress got = ReadWithRetries(number, to, size);
     return got.Failed() ? -1 : static_cast<ssize_t>(got.bytes);
   };
 }

@@ -68,8 +68,8 @@ void CRegistryNode::dumpNode(FILE* stream) const {
 
 bool CRegistryNode::restoreNode(FILE* stream) {
   if (stream == nullptr) return false;
-  qx::registry::LineReader lines([stream](char* to, std::size_t room) -> ssize_t {
-    const std::size_t got = fread(to, 1, room, stream);
+  qx::registry::LineReader lines([stream](char* to, std::size_t size) -> ssize_t {
+    const std::size_t got = fread(to, 1, size, stream);
     return got == 0 && ferror(stream) != 0 ? -1 : static_cast<ssize_t>(got);
   });
   const bool has_values = qx::registry::RestoreFrom(lines, *this) != qx::registry::Reading::kFailed;

@@ -10,6 +10,6 @@ inline constexpr const char* kSystemDirectory = "/etc/brollan";
 
 // For tests and tools: uses `directory` (which must outlive the use; null: the system's) for the files and drops the
 // tree and its state, as if the module had just been loaded. No handle may exist. [owning thread]
-void StartAfresh(const char* directory);
+void ResetRegistry(const char* directory);
 
 }  // namespace qx::registry

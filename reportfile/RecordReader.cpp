@@ -75,10 +75,10 @@ int ReadSlot(std::FILE* index_file, std::uint32_t slot, std::uint32_t* offset) {
 
 int ReadTextAt(int data_file, std::int64_t at, std::size_t bytes_max, std::string* out, bool* too_long) {
   const std::size_t size_before = out->size();
-  for (std::size_t wanted = kRecordGuessBytes;; wanted = kDataWindowBytes) {
+  for (std::size_t requested = kRecordGuessBytes;; requested = kDataWindowBytes) {
     const std::size_t size = out->size();
-    out->resize(size + wanted);
-    const file::Progress progress = file::ReadAt(data_file, at, out->data() + size, wanted);
+    out->resize(size + requested);
+    const file::Progress progress = file::ReadAt(data_file, at, out->data() + size, requested);
     if (progress.bytes == 0 && progress.Failed()) {
       out->resize(size_before);
       return progress.error;
@@ -135,8 +135,8 @@ struct RecordReader::Windows {
   }
 
   // A text counts only if it was read after its slot, so the data window ends with the slots before.
-  void LoadSlots(std::FILE* index_file, std::uint32_t slot, std::size_t wanted) {
-    const std::size_t slots_max = std::clamp(wanted, kSlotGuessSlots, kSlotWindowSlots);
+  void LoadSlots(std::FILE* index_file, std::uint32_t slot, std::size_t requested) {
+    const std::size_t slots_max = std::clamp(requested, kSlotGuessSlots, kSlotWindowSlots);
     const file::Progress progress = ReadAt(index_file, SlotOffset(slot), slots, slots_max * sizeof slots[0]);
     first_slot = slot;
     slot_count = static_cast<std::uint32_t>(progress.bytes / sizeof slots[0]);
@@ -144,8 +144,8 @@ struct RecordReader::Windows {
     ForgetData();
   }
 
-  void LoadData(std::FILE* data_file, std::int64_t offset, std::size_t wanted) {
-    const file::Progress progress = ReadAt(data_file, offset, data, std::min(wanted, kDataWindowBytes));
+  void LoadData(std::FILE* data_file, std::int64_t offset, std::size_t requested) {
+    const file::Progress progress = ReadAt(data_file, offset, data, std::min(requested, kDataWindowBytes));
     data_offset = offset;
     data_size = progress.bytes;
     data_error = progress.error;
@@ -236,7 +236,7 @@ TakenRecords RecordReader::TakeChecked(std::uint32_t first_slot, const TakeLimit
   const std::size_t size_before = out->size();
   const Batch batch = TakeBatch(offsets, limits, out);
   const std::size_t seen = batch.count + (batch.next != Piece::kTaken ? 1U : 0U);
-  if (!SlotsAreStill(first_slot, offsets.first(seen))) {
+  if (!AreSlotsUnchanged(first_slot, offsets.first(seen))) {
     out->resize(size_before);
     Drop();
     return TakeSingly(first_slot, static_cast<std::uint32_t>(seen), limits, out);
@@ -306,7 +306,7 @@ std::uint32_t RecordReader::EmptySlotsFrom(std::uint32_t slot) const {
 }
 
 // True if the slots from `first_slot` on have these offsets now.
-bool RecordReader::SlotsAreStill(std::uint32_t first_slot, std::span<const std::uint32_t> offsets) {
+bool RecordReader::AreSlotsUnchanged(std::uint32_t first_slot, std::span<const std::uint32_t> offsets) {
   std::uint32_t* const now = windows_->checked_slots;
   while (!offsets.empty()) {
     const std::span<const std::uint32_t> part = offsets.first(std::min(offsets.size(), kCheckedSlots));
@@ -404,8 +404,8 @@ RecordReader::Batch RecordReader::AppendEqual(std::span<const std::uint32_t> off
 RecordReader::Piece RecordReader::AppendRecordAt(std::uint32_t offset, std::size_t bytes_max, std::string* out) {
   const std::size_t size_before = out->size();
   std::int64_t at = offset;
-  for (std::size_t wanted = kRecordGuessBytes;; wanted = kDataWindowBytes) {
-    const std::string_view held = BytesAt(at, wanted);
+  for (std::size_t requested = kRecordGuessBytes;; requested = kDataWindowBytes) {
+    const std::string_view held = BytesAt(at, requested);
     const bool is_unreadable = held.empty() && windows_->data_error != 0;
     const std::string_view bytes = held.empty() ? kEndOfFile : held;
     const RecordPiece piece = PieceOf(bytes);
@@ -422,22 +422,22 @@ RecordReader::Piece RecordReader::AppendRecordAt(std::uint32_t offset, std::size
   }
 }
 
-// The data file offsets in `slot` and the slots after it, at most `wanted`; empty if the index file ends before `slot`
-// or cannot be read there.
-std::span<const std::uint32_t> RecordReader::OffsetsFrom(std::uint32_t slot, std::uint32_t wanted) {
+// The data file offsets in `slot` and the slots after it, at most `requested`. Empty if the index file ends before
+// `slot` or cannot be read there.
+std::span<const std::uint32_t> RecordReader::OffsetsFrom(std::uint32_t slot, std::uint32_t requested) {
   Windows& windows = LoadedWindows();
   if (slot < windows.first_slot || slot - windows.first_slot >= windows.slot_count)
-    windows.LoadSlots(store_.index_file_, slot, wanted);
+    windows.LoadSlots(store_.index_file_, slot, requested);
   const std::size_t skipped = slot - windows.first_slot;
   const std::size_t held = windows.slot_count - skipped;
-  return {windows.slots + skipped, std::min<std::size_t>(held, wanted)};
+  return {windows.slots + skipped, std::min<std::size_t>(held, requested)};
 }
 
-// The bytes at `offset` in the window; if it has none, after a read of about `wanted` bytes. Empty at the end of the
+// The bytes at `offset` in the window; if it has none, after a read of about `requested` bytes. Empty at the end of the
 // file, and if the file cannot be read there.
-std::string_view RecordReader::BytesAt(std::int64_t offset, std::size_t wanted) {
+std::string_view RecordReader::BytesAt(std::int64_t offset, std::size_t requested) {
   Windows& windows = LoadedWindows();
-  if (windows.HeldAt(offset).empty()) windows.LoadData(store_.data_file_, offset, wanted);
+  if (windows.HeldAt(offset).empty()) windows.LoadData(store_.data_file_, offset, requested);
   return windows.HeldAt(offset);
 }
 

@@ -102,8 +102,8 @@ class RecordReader {
   };
 
   Windows& LoadedWindows();
-  std::span<const std::uint32_t> OffsetsFrom(std::uint32_t slot, std::uint32_t wanted);
-  std::string_view BytesAt(std::int64_t offset, std::size_t wanted);
+  std::span<const std::uint32_t> OffsetsFrom(std::uint32_t slot, std::uint32_t requested);
+  std::string_view BytesAt(std::int64_t offset, std::size_t requested);
   std::string_view BytesCovering(std::int64_t offset, std::size_t size);
 
   TakenRecords TakeReadable(std::uint32_t first_slot, const TakeLimits& limits, std::string* out);
@@ -113,7 +113,7 @@ class RecordReader {
   bool ReadSingly(std::uint32_t slot, std::size_t bytes_max, std::string* out, bool* too_long);
   bool SlotIsMissing(std::uint32_t slot) const;
   std::uint32_t EmptySlotsFrom(std::uint32_t slot) const;
-  bool SlotsAreStill(std::uint32_t first_slot, std::span<const std::uint32_t> offsets);
+  bool AreSlotsUnchanged(std::uint32_t first_slot, std::span<const std::uint32_t> offsets);
 
   Batch TakeBatch(std::span<const std::uint32_t> offsets, const TakeLimits& limits, std::string* out);
   bool HoldsWholeRecords(std::string_view bytes, std::span<const std::uint32_t> offsets);

@@ -95,7 +95,7 @@ int TreeRemoval::RunLevels(const std::string& directory, bool remove_parent) {
     const bool is_emptied = level.next == level.names.size();
     int error = 0;
     if (is_emptied) {
-      error = LeaveEmptied(remove_parent);
+      error = LeaveLevel(remove_parent);
     } else {
       const std::string entry = std::move(level.names[level.next++]);
       error = RemoveEntry(entry, level.path + "/" + entry);
@@ -142,7 +142,7 @@ int TreeRemoval::RemoveEntry(const std::string& name, const std::string& path) {
 }
 
 // Removes the last level once its directory is removed, which the top one need not be.
-int TreeRemoval::LeaveEmptied(bool remove_parent) {
+int TreeRemoval::LeaveLevel(bool remove_parent) {
   const bool is_top = levels_.size() == 1;
   const Level& level = levels_.back();
   if (!is_top || remove_parent) {

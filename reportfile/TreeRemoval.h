@@ -32,7 +32,7 @@ class TreeRemoval {
   [[nodiscard]] int Enter(Level level);
   [[nodiscard]] int Open(const Level& level);
   [[nodiscard]] int RemoveEntry(const std::string& name, const std::string& path);
-  [[nodiscard]] int LeaveEmptied(bool remove_parent);
+  [[nodiscard]] int LeaveLevel(bool remove_parent);
   [[nodiscard]] int RemoveParent(const Level& level, bool is_top);
 
   file::Descriptor above_top_;

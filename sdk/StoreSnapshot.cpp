@@ -93,7 +93,7 @@ Error StoreSnapshot::TakeOnce(bool& is_steady) {
   if (const int error = ReadHeader(header_).error; error != 0) return SystemError("cannot open " + path_, error);
   if (Error error = CheckHeader(); error.Failed()) return error;
   if (const int error = ReadAllSlots(); error != 0) return SystemError("cannot read the slots", error);
-  LeaveOutUncounted();
+  DropUncounted();
   const auto descent = std::adjacent_find(offsets_.rbegin(), offsets_.rend(), std::less_equal<>());
   const bool has_old_round = descent != offsets_.rend();
   old_round_ = has_old_round ? static_cast<std::uint32_t>(offsets_.rend() - descent - 1) : 0;
@@ -154,7 +154,7 @@ int StoreSnapshot::ReadAllSlots() {
 
 // The slots of a part that is being appended to a full ring, or that a killed writer left: they lead to the texts after
 // the write position, and the header does not count them.
-void StoreSnapshot::LeaveOutUncounted() {
+void StoreSnapshot::DropUncounted() {
   uncounted_ = 0;
   uncounted_end_ = 0;
   const bool is_full = header_.highestIndex != 0 && header_.highestIndex == header_.maxRecord;
@@ -205,7 +205,7 @@ Error StoreSnapshot::Read(std::uint32_t age, std::uint32_t count_max, std::span<
   if (age >= Count() || count_max == 0) return {};
   const int error = ReadTexts(age, RunFrom(age, count_max));
   if (error != 0) return SystemError("cannot read a record", error);
-  JudgeAgain(age);
+  CheckAfterReading(age);
   records = records_;
   return {};
 }
@@ -278,7 +278,7 @@ std::int64_t StoreSnapshot::OverwrittenTo(std::uint32_t age, const IndexHeader& 
 
 // What longer records have overwritten, and what a writer has replaced since the snapshot, is not good, whatever its
 // text looks like. The records are a run, so all of them are of one round.
-void StoreSnapshot::JudgeAgain(std::uint32_t age) {
+void StoreSnapshot::CheckAfterReading(std::uint32_t age) {
   slots_now_.resize(records_.size());
   IndexHeader now;
   const bool is_known = ReadSlots(SlotOf(age), slots_now_) == 0 && ReadHeader(now).bytes == sizeof now;

@@ -81,7 +81,7 @@ class StoreSnapshot {
   [[nodiscard]] file::Progress ReadHeader(report::IndexHeader& header) const;
   [[nodiscard]] int ReadSlots(std::uint32_t slot, std::span<std::uint32_t> offsets) const;
   [[nodiscard]] int ReadAllSlots();
-  void LeaveOutUncounted();
+  void DropUncounted();
   [[nodiscard]] bool IsMarkerAt(std::int64_t offset) const;
 
   [[nodiscard]] std::uint32_t SlotOf(std::uint32_t age) const;
@@ -91,7 +91,7 @@ class StoreSnapshot {
   [[nodiscard]] bool TakeWhole(std::uint32_t age, std::uint32_t count, std::string_view window);
   [[nodiscard]] int TakeEach(std::uint32_t age, std::uint32_t count, std::string_view window);
   [[nodiscard]] std::string_view ReadWindow(std::int64_t begin, std::int64_t end);
-  void JudgeAgain(std::uint32_t age);
+  void CheckAfterReading(std::uint32_t age);
   [[nodiscard]] std::int64_t OverwrittenTo(std::uint32_t age, const report::IndexHeader& now) const;
 
   std::string path_;

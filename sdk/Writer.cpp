@@ -117,7 +117,7 @@ std::size_t TextsThatFit(report::IndexHeader header, std::span<const std::string
 }
 
 // True if no text of the batch can reach the limit, whatever the ring does.
-bool CannotFill(const report::IndexHeader& header, std::span<const std::string_view> texts) {
+bool StaysBelowLimit(const report::IndexHeader& header, std::span<const std::string_view> texts) {
   constexpr std::size_t kFarFromFull = std::size_t{1} << 31;
   constexpr std::size_t kTextsMax = kFarFromFull / (kRecordTextMax + report::kLineEnd.size());
   if (header.writePosition >= kFarFromFull) return false;
@@ -233,7 +233,8 @@ Error Writer::Parts::AppendCopies(std::span<const std::string_view> copies) {
 }
 
 Error Writer::Parts::AppendLocked(std::span<const std::string_view> texts) {
-  const std::size_t fitting = CannotFill(store.header(), texts) ? texts.size() : TextsThatFit(store.header(), texts);
+  const std::size_t fitting =
+      StaysBelowLimit(store.header(), texts) ? texts.size() : TextsThatFit(store.header(), texts);
   const report::AppendedRecords appended = records.Append(texts.first(fitting));
   if (appended.error != 0) {
     Error error = SystemError("cannot append to " + path, appended.error);

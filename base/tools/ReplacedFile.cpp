@@ -245,13 +245,13 @@ ReplaceResult ReplacedFile::AppendToCopy(std::string_view bytes) {
   return FailedUnlessDone(CopyName(), written.error);
 }
 
-int ReplacedFile::GiveAttributes() {
+int ReplacedFile::SetAttributes() {
   if (image_.exists) return TakeOver(copy_.Number(), image_.status, options_.is_edit);
   return fchmod(copy_.Number(), options_.new_mode) == 0 ? 0 : errno;
 }
 
 ReplaceResult ReplacedFile::Commit(bool with_backup) {
-  int error = GiveAttributes();
+  int error = SetAttributes();
   if (error == 0) error = file::Sync(copy_.Number());
   if (error != 0) return Failed(CopyName(), error);
   if (with_backup && image_.exists) {

@@ -98,7 +98,7 @@ class ReplacedFile {
   [[nodiscard]] ReplaceResult LockCopy();
   [[nodiscard]] ReplaceResult CreateCopy();
   [[nodiscard]] ReplaceResult ReadImage();
-  [[nodiscard]] int GiveAttributes();
+  [[nodiscard]] int SetAttributes();
   [[nodiscard]] bool IsCopyNamed() const;
   [[nodiscard]] ReplaceResult CheckUnchanged() const;
   [[nodiscard]] ReplaceResult WriteBackup();

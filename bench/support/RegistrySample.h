@@ -43,7 +43,7 @@ inline Value MakeValue(std::int64_t number) {
 
 // The content that both formats have: keys with `per_key` values each; all values are numbered in sequence.
 template <typename OpenKey, typename TakeValue>
-void EachValue(std::int64_t values, std::int64_t per_key, OpenKey open_key, TakeValue take_value) {
+void ForEachValue(std::int64_t values, std::int64_t per_key, OpenKey open_key, TakeValue take_value) {
   for (std::int64_t number = 0; number < values; ++number) {
     if (number % per_key == 0) open_key("Key" + Digits(number / per_key));
     take_value("Setting" + Digits(number), MakeValue(number));
@@ -53,7 +53,7 @@ void EachValue(std::int64_t values, std::int64_t per_key, OpenKey open_key, Take
 inline std::string RegistryText(std::int64_t values, std::int64_t per_key) {
   std::string text = "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n";
   bool is_open = false;
-  EachValue(
+  ForEachValue(
       values, per_key,
       [&](const std::string& key) {
         if (is_open) text += '\n';

@@ -42,8 +42,8 @@ class RingFollower final : public TraceFileFollower {
       const std::optional<Plan> plan = MakePlan(file, header);
       if (!plan.has_value()) return;  // the header block is being written
       const std::vector<Piece> pieces = Read(file, *plan);
-      if (!IsStill(file, header, pieces)) continue;
-      Give(header, *plan, pieces, poll);
+      if (!IsUnchanged(file, header, pieces)) continue;
+      AddEvents(header, *plan, pieces, poll);
       return;
     }
     poll.is_pending = true;
@@ -107,7 +107,7 @@ class RingFollower final : public TraceFileFollower {
 
   // Within one cycle the writer only writes after the read entries. It reaches the older entries later: they are valid
   // if a second read returns the same bytes.
-  static bool IsStill(const TraceFile& file, const TraceRingHeader& header, const std::vector<Piece>& pieces) {
+  static bool IsUnchanged(const TraceFile& file, const TraceRingHeader& header, const std::vector<Piece>& pieces) {
     const auto is_same = [&](const Piece& piece) {
       return piece.range.part != TracePart::kOlder ||
              file.BytesAt(piece.range.begin, piece.bytes.size()) == piece.bytes;
@@ -117,14 +117,14 @@ class RingFollower final : public TraceFileFollower {
     return now.wraps == header.wraps && now.opens == header.opens && now.first_open == header.first_open;
   }
 
-  void Give(const TraceRingHeader& header, const Plan& plan, const std::vector<Piece>& pieces, TracePoll& poll) {
+  void AddEvents(const TraceRingHeader& header, const Plan& plan, const std::vector<Piece>& pieces, TracePoll& poll) {
     TraceFollowEvent event;
     event.kind = TraceFollowEvent::Kind::kRestart;
     if (plan.is_restart) poll.events.push_back(event);
     event.kind = TraceFollowEvent::Kind::kLost;
     event.bytes = plan.lost_bytes;
     if (plan.lost_bytes > 0) poll.events.push_back(event);
-    for (const Piece& piece : pieces) GiveEntries(piece, poll);
+    for (const Piece& piece : pieces) AddEntries(piece, poll);
     has_started_ = true;
     position_ = plan.end;
     wraps_ = header.wraps.value_or(0);
@@ -132,7 +132,7 @@ class RingFollower final : public TraceFileFollower {
     first_open_ = header.first_open;
   }
 
-  static void GiveEntries(const Piece& piece, TracePoll& poll) {
+  static void AddEntries(const Piece& piece, TracePoll& poll) {
     const TraceMemory source(piece.bytes);
     TraceRange range = piece.range;
     range.begin = 0;

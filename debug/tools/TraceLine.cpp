@@ -72,8 +72,8 @@ void TraceLineReader::Refill() {
   window_begin_ = at_;
   window_bytes_ = kept.size();
   const std::uint64_t from = window_begin_ + window_bytes_;
-  const std::uint64_t wanted = std::min<std::uint64_t>(kWindowBytes - window_bytes_, end_ - from);
-  window_bytes_ += source_->ReadAt(from, window_.data() + window_bytes_, static_cast<std::size_t>(wanted));
+  const std::uint64_t requested = std::min<std::uint64_t>(kWindowBytes - window_bytes_, end_ - from);
+  window_bytes_ += source_->ReadAt(from, window_.data() + window_bytes_, static_cast<std::size_t>(requested));
 }
 
 void TraceLineReader::SkipHole() {
@@ -141,11 +141,11 @@ std::optional<TraceHeader> ParseTraceHeader(std::string_view line) {
   std::string_view rest = line.substr(kStampChars + 12);
   header.resident_kb = TakeResident(rest);
   const std::size_t before_module = line.size() - rest.size();
-  const std::size_t room = kEntryHeaderCharsMax - std::min(before_module, kEntryHeaderCharsMax);
-  const std::size_t module_chars = ModuleChars(rest, room);
+  const std::size_t chars_left = kEntryHeaderCharsMax - std::min(before_module, kEntryHeaderCharsMax);
+  const std::size_t module_chars = ModuleChars(rest, chars_left);
   header.module = rest.substr(0, module_chars);
   header.module = header.module.substr(0, header.module.find_last_not_of(' ') + 1);
-  const bool has_blank = module_chars < rest.size() && module_chars < room;
+  const bool has_blank = module_chars < rest.size() && module_chars < chars_left;
   header.length = before_module + module_chars + (has_blank ? 1 : 0);
   return header;
 }

@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string text(input.substr(end + 1));
   const auto plan = qx::inifile::PlanEdit(text, RequestOf(input.substr(0, end)));
   if (plan.state != qx::inifile::ProfileState::kDone) return 0;
-  const std::string wrong = qx::inifile::Rehearse(plan, text);
+  const std::string wrong = qx::inifile::TryPlan(plan, text);
   if (wrong.empty()) return 0;
   std::fprintf(stderr, "an accepted plan fails: %s\n", wrong.c_str());
   std::abort();

@@ -25,8 +25,8 @@ std::string Text(const CRegistryNode& key) {
 // Reads with the smallest window and in portions of `portion` bytes.
 bool ReadInPortions(std::string_view bytes, std::size_t portion, CRegistryNode& key) {
   qx::registry::LineReader lines(
-      [&bytes, portion](char* to, std::size_t room) {
-        const std::size_t count = std::min({bytes.size(), room, portion});
+      [&bytes, portion](char* to, std::size_t size) {
+        const std::size_t count = std::min({bytes.size(), size, portion});
         if (count > 0) std::memcpy(to, bytes.data(), count);
         bytes.remove_prefix(count);
         return static_cast<ssize_t>(count);

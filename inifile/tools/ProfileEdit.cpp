@@ -158,7 +158,7 @@ class Planner {
     const Place next =
         std::find_if(header + 1, end, [](const ProfileLine& line) { return line.kind == LineKind::kHeader; });
     Place last = next;
-    while (last != header + 1 && !(last - 1)->SaysSomething()) --last;
+    while (last != header + 1 && !(last - 1)->HasContent()) --last;
     return last;
   }
 
@@ -301,7 +301,7 @@ ProfilePlan PlanEdit(const std::string& text, const ProfileRequest& request) {
   return Planner(text, request).Run(text);
 }
 
-std::string CarryOut(const ProfilePlan& plan, const std::string& text, const std::string& path) {
+std::string ApplyPlan(const ProfilePlan& plan, const std::string& text, const std::string& path) {
   if (!HoldsText(path, text)) return "the copy cannot be read back";
   if (ReadThroughClass(path) != ContentOf(text)) return "programs read the file differently from this tool";
   if (plan.completes_last_line && !AppendLineFeed(path)) return "the copy cannot be written";
@@ -313,11 +313,11 @@ std::string CarryOut(const ProfilePlan& plan, const std::string& text, const std
   return {};
 }
 
-std::string Rehearse(const ProfilePlan& plan, const std::string& text) {
+std::string TryPlan(const ProfilePlan& plan, const std::string& text) {
   const MemoryFile copy;
   if (!copy.file.IsOpen() || file::Write(copy.file.Number(), text).Failed())
     return "there is not enough memory for a copy";
-  return CarryOut(plan, text, copy.Path());
+  return ApplyPlan(plan, text, copy.Path());
 }
 
 }  // namespace qx::inifile

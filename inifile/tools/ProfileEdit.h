@@ -61,9 +61,9 @@ struct ProfilePlan {
 
 // Carries the plan out on the file at `path`, whose content is `text`, and reads every entry back. Returns empty, or
 // what is wrong; the file must not be used then. [any thread]
-[[nodiscard]] std::string CarryOut(const ProfilePlan& plan, const std::string& text, const std::string& path);
+[[nodiscard]] std::string ApplyPlan(const ProfilePlan& plan, const std::string& text, const std::string& path);
 
-// CarryOut on a copy in memory. Empty if the file may get `plan.text`. [any thread]
-[[nodiscard]] std::string Rehearse(const ProfilePlan& plan, const std::string& text);
+// ApplyPlan on a copy in memory. Empty if the file may get `plan.text`. [any thread]
+[[nodiscard]] std::string TryPlan(const ProfilePlan& plan, const std::string& text);
 
 }  // namespace qx::inifile

@@ -33,7 +33,7 @@ struct ProfileLine {
   std::size_t equals = 0;       // kEntry: offset of the "="
   std::size_t value_begin = 0;  // kEntry
 
-  [[nodiscard]] bool SaysSomething() const { return kind != LineKind::kEmpty && kind != LineKind::kComment; }
+  [[nodiscard]] bool HasContent() const { return kind != LineKind::kEmpty && kind != LineKind::kComment; }
 };
 
 // The reading primitive of CIniFile with a buffer that grows until nothing is cut. With a null `key` the result is the

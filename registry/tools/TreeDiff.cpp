@@ -184,8 +184,8 @@ TreeDifference Compare(const CRegistryNode& before, const CRegistryNode& after, 
 }
 
 bool ParseTree(std::string_view bytes, CRegistryNode& tree) {
-  LineReader lines([bytes](char* to, std::size_t room) mutable {
-    const std::size_t count = std::min(bytes.size(), room);
+  LineReader lines([bytes](char* to, std::size_t size) mutable {
+    const std::size_t count = std::min(bytes.size(), size);
     if (count > 0) std::memcpy(to, bytes.data(), count);
     bytes.remove_prefix(count);
     return static_cast<ssize_t>(count);

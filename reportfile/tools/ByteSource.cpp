@@ -32,9 +32,10 @@ DataRun FileBytes::DataFrom(std::int64_t offset) {
   return end > begin ? DataRun{.begin = begin, .end = end} : ByteSource::DataFrom(begin);
 }
 
-std::string_view WindowedBytes::At(std::int64_t offset, std::size_t wanted) {
+std::string_view WindowedBytes::At(std::int64_t offset, std::size_t requested) {
   const std::int64_t skipped = offset - begin_;
-  const bool is_held = skipped >= 0 && skipped + static_cast<std::int64_t>(wanted) <= static_cast<std::int64_t>(size_);
+  const bool is_held =
+      skipped >= 0 && skipped + static_cast<std::int64_t>(requested) <= static_cast<std::int64_t>(size_);
   if (is_held) return {bytes_.get() + skipped, size_ - static_cast<std::size_t>(skipped)};
 
   if (bytes_ == nullptr) bytes_ = std::make_unique_for_overwrite<char[]>(kWindowBytes);

@@ -92,9 +92,9 @@ class WindowedBytes {
 
   explicit WindowedBytes(ByteSource& source) : source_(source) {}
 
-  // The bytes at `offset`: at least `wanted` bytes (at most kWindowBytes) unless the source ends before that, often
+  // The bytes at `offset`: at least `requested` bytes (at most kWindowBytes) unless the source ends before that, often
   // more. Empty at the end. Valid until the next call. [owning thread]
-  [[nodiscard]] std::string_view At(std::int64_t offset, std::size_t wanted = 1);
+  [[nodiscard]] std::string_view At(std::int64_t offset, std::size_t requested = 1);
 
  private:
   ByteSource& source_;

@@ -18,7 +18,7 @@ std::span<const std::uint64_t> Last(const Hashes& hashes, std::size_t count) {
   return std::span(hashes).last(std::min(count, hashes.size()));
 }
 
-bool BeginAlike(const Hashes& one, const Hashes& other) {
+bool HaveSameBeginning(const Hashes& one, const Hashes& other) {
   const auto size = static_cast<std::ptrdiff_t>(std::min(one.size(), other.size()));
   return std::equal(one.begin(), one.begin() + size, other.begin());
 }
@@ -29,8 +29,8 @@ ReportFollower::ReportFollower(RecordSource& source, ReportPosition position)
     : source_(source), position_(std::move(position)) {}
 
 bool ReportFollower::Poll(std::uint32_t count_max, ReportPoll& poll) {
-  outrun_.clear();
-  outrun_standing_ = 0;
+  overrun_.clear();
+  overrun_present_ = 0;
   for (int i = 0; i < kAttempts; ++i) {
     last_ = Attempt();
     if (!Try(i < kAttemptsAtFullSize ? count_max : std::min(count_max, kSmallCount), last_)) return false;
@@ -41,7 +41,7 @@ bool ReportFollower::Poll(std::uint32_t count_max, ReportPoll& poll) {
   }
   last_ = Attempt();
   poll = ReportPoll();
-  poll.was_outrun = true;
+  poll.was_overrun = true;
   return true;
 }
 
@@ -72,7 +72,7 @@ bool ReportFollower::Locate(Attempt& attempt) {
   if (has_searched_all_ && !LocateNear(attempt, is_located)) return false;
   if (is_located) return true;
   Hashes window;
-  const std::uint32_t end = position_.next + static_cast<std::uint32_t>(outrun_.size());
+  const std::uint32_t end = position_.next + static_cast<std::uint32_t>(overrun_.size());
   if (!ReadHashes(0, end, window)) return false;
   has_searched_all_ = true;
   const auto before_next = std::span(window).first(std::min<std::size_t>(position_.next, window.size()));
@@ -121,10 +121,10 @@ void ReportFollower::SettleMissing(const Hashes& window, Attempt& attempt) const
 //   read after the last delivered one   a b c d e
 //   ring now                            d e f g      => a b c are lost: 5 - 2
 std::optional<std::uint64_t> ReportFollower::LostRecords(const Hashes& window) const {
-  if (outrun_standing_ == 0) return std::nullopt;
-  const OverlapPlace found = FindOverlap(Last(outrun_, outrun_standing_), window, true);
-  if (found.verdict != OverlapVerdict::kFound || found.index > outrun_.size()) return std::nullopt;
-  return outrun_.size() - found.index;
+  if (overrun_present_ == 0) return std::nullopt;
+  const OverlapPlace found = FindOverlap(Last(overrun_, overrun_present_), window, true);
+  if (found.verdict != OverlapVerdict::kFound || found.index > overrun_.size()) return std::nullopt;
+  return overrun_.size() - found.index;
 }
 
 bool ReportFollower::ReadHashes(std::uint32_t first, std::uint32_t end, Hashes& hashes) {
@@ -145,7 +145,7 @@ bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
   if (!source_.Read(attempt.place, count_max, attempt.poll.records)) return false;
   for (const std::string& record : attempt.poll.records) attempt.hashes.push_back(RecordHash(record));
   const std::size_t before_new = attempt.place - attempt.first;
-  attempt.is_torn = before_new == 0 && !BeginAlike(attempt.hashes, attempt.expected);
+  attempt.is_torn = before_new == 0 && !HaveSameBeginning(attempt.hashes, attempt.expected);
   while (attempt.expected.size() < kOverlapRecords && attempt.expected.size() - before_new < attempt.hashes.size()) {
     attempt.expected.push_back(attempt.hashes[attempt.expected.size() - before_new]);
   }
@@ -170,14 +170,14 @@ bool ReportFollower::CheckSteady(Attempt& attempt) {
   const auto end = attempt.first + static_cast<std::uint32_t>(attempt.expected.size());
   if (!ReadHashes(attempt.first, end, now)) return false;
   attempt.is_steady = !attempt.is_torn && now == attempt.expected;
-  return attempt.is_steady || KeepOutrun(attempt);
+  return attempt.is_steady || KeepOverrun(attempt);
 }
 
 // Only the read records that are still there at the end were there all the time. Index 0 would begin a new snapshot, in
 // which indexes may mean other records.
-bool ReportFollower::KeepOutrun(const Attempt& attempt) {
-  outrun_.clear();
-  outrun_standing_ = 0;
+bool ReportFollower::KeepOverrun(const Attempt& attempt) {
+  overrun_.clear();
+  overrun_present_ = 0;
   const bool continues = attempt.poll.event == PollEvent::kNone && !position_.overlap.empty();
   if (!continues || attempt.first == 0 || attempt.hashes.empty()) return true;
   const auto was = Last(attempt.hashes, kOverlapRecords);
@@ -186,8 +186,8 @@ bool ReportFollower::KeepOutrun(const Attempt& attempt) {
   if (!ReadHashes(end - static_cast<std::uint32_t>(was.size()), end, is)) return false;
   if (is.size() != was.size()) return true;
   const auto differing = std::mismatch(is.rbegin(), is.rend(), was.rbegin()).first;
-  outrun_ = attempt.hashes;
-  outrun_standing_ = static_cast<std::size_t>(differing - is.rbegin());
+  overrun_ = attempt.hashes;
+  overrun_present_ = static_cast<std::size_t>(differing - is.rbegin());
   return true;
 }
 

@@ -60,7 +60,7 @@ struct ReportPoll {
   std::vector<std::string> records;   // new ones, oldest first
   bool reached_end = false;           // there was no record after them
   bool is_blocked = false;            // no record could be read, but there is one after the next one
-  bool was_outrun = false;            // the ring advances faster than it can be read: no records
+  bool was_overrun = false;           // the ring advances faster than it can be read: no records
 };
 
 // Threads: one thread.
@@ -108,13 +108,13 @@ class ReportFollower {
   [[nodiscard]] bool ReadNew(std::uint32_t count_max, Attempt& attempt);
   [[nodiscard]] bool SearchForward(Attempt& attempt);
   [[nodiscard]] bool CheckSteady(Attempt& attempt);
-  [[nodiscard]] bool KeepOutrun(const Attempt& attempt);
+  [[nodiscard]] bool KeepOverrun(const Attempt& attempt);
 
   RecordSource& source_;
   ReportPosition position_;
   Attempt last_;
-  std::vector<std::uint64_t> outrun_;  // new records that an attempt read while the ring advanced
-  std::size_t outrun_standing_ = 0;    // how many of them were still there at the end
+  std::vector<std::uint64_t> overrun_;  // new records that an attempt read while the ring advanced
+  std::size_t overrun_present_ = 0;     // how many of them were still there at the end
   bool has_searched_all_ = false;
 };
 

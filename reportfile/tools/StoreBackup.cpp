@@ -175,7 +175,7 @@ class Backup {
     const int copy_error = errno;
     if (!copy.IsOpen()) return Failed(copy_error, directory.Path());
     DirectoriesBelow to(std::move(copy));
-    if (CopyTree(from, to) && FinishDirectories(from, to, status.st_mode)) PutInPlace(directory);
+    if (CopyTree(from, to) && FinishDirectories(from, to, status.st_mode)) RenameIntoPlace(directory);
     return result_;
   }
 
@@ -280,7 +280,7 @@ class Backup {
 
   // This step makes it a backup. It replaces an empty directory at the target; anything else appeared after the check
   // and stays.
-  void PutInPlace(PrivateDirectory& directory) {
+  void RenameIntoPlace(PrivateDirectory& directory) {
     if (const int error = directory.RenameTo(file::NameOf(target_)); error != 0) {
       (void)Failed(error, target_);
       return;

@@ -17,7 +17,7 @@ class StoreLines {
   StoreLines(ByteSource& index, ByteSource& data) : slots_(index), texts_(data) {}
 
   // The bytes of the data file at `offset` (WindowedBytes::At).
-  [[nodiscard]] std::string_view At(std::int64_t offset, std::size_t wanted) { return texts_.At(offset, wanted); }
+  [[nodiscard]] std::string_view At(std::int64_t offset, std::size_t requested) { return texts_.At(offset, requested); }
   // The offset in a slot, unset if the file does not have all of it.
   [[nodiscard]] std::optional<std::uint32_t> SlotAt(std::uint32_t slot);
   // Some of the text in [at, end), at least a byte unless the file ends there.

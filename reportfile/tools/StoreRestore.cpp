@@ -51,7 +51,7 @@ int StatusBelow(DirectoriesBelow& top, const std::string& path, struct stat& sta
 }
 
 // True if the directory of this path, or one above it, is a symbolic link.
-bool LeadsOverLink(DirectoriesBelow& top, const std::string& path) {
+bool HasLinkAbove(DirectoriesBelow& top, const std::string& path) {
   struct stat status = {};
   for (std::string above = DirectoriesBelow::Above(path); !above.empty(); above = DirectoriesBelow::Above(above)) {
     if (StatusBelow(top, above, status) == 0 && S_ISLNK(status.st_mode)) return true;
@@ -156,7 +156,7 @@ class Planner {
 
   RestoreItem Planned(const BackupItem& found) const {
     RestoreItem item = {.name = found.name, .kind = found.kind};
-    item.is_link = item.kind == BackupItemKind::kLink || LeadsOverLink(directories_.reports, item.name);
+    item.is_link = item.kind == BackupItemKind::kLink || HasLinkAbove(directories_.reports, item.name);
     bool is_same = !FilesOf(item).empty();
     for (const std::string& file : FilesOf(item)) {
       struct stat status = {};
@@ -296,7 +296,7 @@ class StagedFiles {
   }
 
   // Renames every file to its own name, and syncs the directories. Sets the file that failed. 0 or the error number.
-  [[nodiscard]] int PutInPlace(std::string* failed) {
+  [[nodiscard]] int RenameIntoPlace(std::string* failed) {
     made_.clear();
     std::set<std::string> directories;
     for (const Staged& staged : files_) directories.insert(DirectoriesBelow::Above(staged.path));
@@ -391,7 +391,7 @@ bool HasItem(const RestoreResult& plan, Predicate predicate) {
 }
 
 // Why the plan cannot be carried out; kPlanned if it can.
-RestoreState ObstacleOf(const RestoreResult& plan, bool is_forced) {
+RestoreState CheckPlan(const RestoreResult& plan, bool is_forced) {
   if (HasItem(plan, [](const RestoreItem& item) { return item.is_link; })) return RestoreState::kLinked;
   const bool is_blocked =
       HasItem(plan, [](const RestoreItem& item) { return item.is_damaged || item.is_being_written; });
@@ -399,7 +399,7 @@ RestoreState ObstacleOf(const RestoreResult& plan, bool is_forced) {
 }
 
 // Stages and renames. The result of the plan, with what failed.
-RestoreResult CarryOut(RestoreResult result, Directories& directories) {
+RestoreResult ApplyPlan(RestoreResult result, Directories& directories) {
   std::string failed = directories.reports_name;
   if (!directories.reports.IsOpen()) {
     int error = MakeDirectories(directories.reports_name);
@@ -412,7 +412,7 @@ RestoreResult CarryOut(RestoreResult result, Directories& directories) {
   if (const int error = StageBackup(result, directories, staged, &failed); error != 0) {
     return Failed(std::move(result), error, failed);
   }
-  if (const int error = staged.PutInPlace(&failed); error != 0) {
+  if (const int error = staged.RenameIntoPlace(&failed); error != 0) {
     return Failed(std::move(result), error, PathIn(directories.reports_name, failed));
   }
   if (const auto file = FileNotRestored(result, directories)) return Failed(std::move(result), 0, *file);
@@ -432,9 +432,9 @@ RestoreResult RestoreReports(const std::string& backup_directory, const std::str
   Directories directories(AbsoluteWithoutSlash(backup_directory), AbsoluteWithoutSlash(report_directory));
   RestoreResult result = Planner(directories).Run();
   if (result.state != RestoreState::kPlanned) return result;
-  result.state = ObstacleOf(result, options.force);
+  result.state = CheckPlan(result, options.force);
   if (result.state != RestoreState::kPlanned) return result;
-  result = CarryOut(std::move(result), directories);
+  result = ApplyPlan(std::move(result), directories);
   if (result.state != RestoreState::kDone || !options.consume) return result;
   if (const int error = RemoveBackup(directories); error != 0) {
     return Failed(std::move(result), error, directories.backup_name);

@@ -242,8 +242,8 @@ class Salvager {
     return sink_(text);
   }
 
-  std::string_view BytesAt(std::int64_t offset, std::size_t wanted = 1) {
-    const std::string_view bytes = texts_.At(offset, wanted);
+  std::string_view BytesAt(std::int64_t offset, std::size_t requested = 1) {
+    const std::string_view bytes = texts_.At(offset, requested);
     const std::int64_t left = std::max<std::int64_t>(data_bytes_ - offset, 0);
     return bytes.substr(0, static_cast<std::size_t>(std::min<std::int64_t>(left, std::ssize(bytes))));
   }
@@ -332,7 +332,7 @@ SalvageResult WriteNewStore(SourceFile& index, SourceFile& data, bool with_unind
 
 // Renames the new store to `name` next to its private directory. The data file first, so that there is
 // never an index file without its data file.
-int PutNextTo(const PrivateDirectory& directory, const std::string& name) {
+int MoveStoreOut(const PrivateDirectory& directory, const std::string& name) {
   for (const auto& file : {DataFileName, IndexFileName}) {
     if (const int error = SyncName(file(kStoreName), directory.Number())) return error;
   }
@@ -372,7 +372,7 @@ SalvageResult SalvageStore(const std::string& source, const std::string& target,
   for (const SourceFile* const file : {&index, &data}) {
     if (file->Error() != 0) return Failed(file->path, file->Error());  // a read failed: the result is not complete
   }
-  const int error = PutNextTo(directory, file::NameOf(target));
+  const int error = MoveStoreOut(directory, file::NameOf(target));
   return error == 0 ? result : Failed(target, error);
 }
 

@@ -41,12 +41,12 @@ bool IsOpenForWriting(const std::string& process, const std::string& descriptor)
   return false;
 }
 
-void AddFilesOf(const std::string& process, int id, const std::set<FileKey>& wanted,
+void AddFilesOf(const std::string& process, int id, const std::set<FileKey>& files,
                 std::vector<WritingProcess>* found) {
   const std::string descriptors = PathIn(process, "fd");
   for (const std::string& name : NamesIn(descriptors)) {
     const std::optional<FileKey> key = KeyOf(PathIn(descriptors, name));
-    if (key.has_value() && wanted.contains(*key) && IsOpenForWriting(process, name)) found->push_back({*key, id});
+    if (key.has_value() && files.contains(*key) && IsOpenForWriting(process, name)) found->push_back({*key, id});
   }
 }
 
@@ -71,22 +71,22 @@ std::optional<FileKey> KeyOf(const std::string& path) {
   return FileKey(status.st_dev, status.st_ino);
 }
 
-std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& wanted, const std::string& processes) {
+std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& files, const std::string& processes) {
   std::vector<WritingProcess> found;
   for (const std::string& name : NamesIn(processes)) {
     int id = 0;
     const auto [number_end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
-    if (error == std::errc() && *number_end == '\0') AddFilesOf(PathIn(processes, name), id, wanted, &found);
+    if (error == std::errc() && *number_end == '\0') AddFilesOf(PathIn(processes, name), id, files, &found);
   }
   return found;
 }
 
-std::vector<WritingProcess> FindLockingProcesses(const std::set<FileKey>& wanted, const std::string& locks) {
+std::vector<WritingProcess> FindLockingProcesses(const std::set<FileKey>& files, const std::string& locks) {
   std::vector<WritingProcess> found;
   std::istringstream lines(file::TextOf(locks));
   for (std::string line; std::getline(lines, line);) {
     const std::optional<WritingProcess> lock = LockIn(line);
-    if (lock.has_value() && wanted.contains(lock->file)) found.push_back(*lock);
+    if (lock.has_value() && files.contains(lock->file)) found.push_back(*lock);
   }
   return found;
 }

@@ -24,13 +24,13 @@ struct WritingProcess {
 
 // Reads PID/fd and PID/fdinfo of every process below `processes`, which is /proc or has the same form. What cannot be
 // read counts as not open: only root sees the files of other users' processes. [any thread]
-[[nodiscard]] std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& wanted,
+[[nodiscard]] std::vector<WritingProcess> FindWritingProcesses(const std::set<FileKey>& files,
                                                                const std::string& processes = "/proc");
 
 // The processes that hold an exclusive lock (flock) of one of the files. `locks` is /proc/locks or a file of the same
 // form. Every user sees the locks of all processes. Locks are not found on a file system whose device numbers in that
 // file differ from those of `stat`. [any thread]
-[[nodiscard]] std::vector<WritingProcess> FindLockingProcesses(const std::set<FileKey>& wanted,
+[[nodiscard]] std::vector<WritingProcess> FindLockingProcesses(const std::set<FileKey>& files,
                                                                const std::string& locks = "/proc/locks");
 
 }  // namespace qx::report

@@ -33,7 +33,7 @@ using qx::test::WriteFile;
 constexpr int kTries = 3000;
 
 // A race is tried kTries times, and longer if both outcomes have not been seen yet, as on a busy machine.
-bool GoesOn(int tries, bool was_open) { return tries < kTries || (!was_open && tries < 100 * kTries); }
+bool HasTriesLeft(int tries, bool was_open) { return tries < kTries || (!was_open && tries < 100 * kTries); }
 
 ReplaceState Open(const std::string& path, int flags, const FileRules& rules = {}) {
   file::Descriptor opened;
@@ -76,23 +76,23 @@ class AttacksOnFiles : public testing::Test {
   AttacksOnFiles() {
     if (geteuid() != 0) return;
     fs::permissions(dir_.Path(), fs::perms(0755));
-    for (const char* const name : {"roots", "his", "his/real"}) fs::create_directory(dir_.File(name));
+    for (const char* const name : {"roots", "users", "users/real"}) fs::create_directory(dir_.File(name));
     WriteFile(roots_, "secret");
     fs::permissions(roots_, fs::perms(0600));
-    for (const char* const name : {"his", "his/real"}) GiveToOrdinaryUser(dir_.File(name));
+    for (const char* const name : {"users", "users/real"}) GiveToOrdinaryUser(dir_.File(name));
   }
   void SetUp() override {
     if (geteuid() != 0) GTEST_SKIP() << "only root can be attacked by an ordinary user";
   }
 
-  std::string HisLink(const std::string& target, const std::string& name) const {
-    const std::string path = dir_.File("his/" + name);
+  std::string UserLink(const std::string& target, const std::string& name) const {
+    const std::string path = dir_.File("users/" + name);
     EXPECT_TRUE(AsOrdinaryUser([&] { return symlink(target.c_str(), path.c_str()) == 0; }));
     return path;
   }
-  std::string HisFile(const std::string& name) const {
-    const std::string path = dir_.File("his/" + name);
-    WriteFile(path, "his");
+  std::string UserFile(const std::string& name) const {
+    const std::string path = dir_.File("users/" + name);
+    WriteFile(path, "of the user");
     GiveToOrdinaryUser(path);
     return path;
   }
@@ -152,7 +152,7 @@ TEST_F(FilePlaceTest, MissingFileIsNotFoundUnlessItIsCreated) {
   EXPECT_TRUE(fs::exists(dir_.File("a/new")));
 }
 
-TEST_F(FilePlaceTest, ALinkOfTheKernelLeadsToTheProcesssOwnOpenFile) {
+TEST_F(FilePlaceTest, KernelsLinkLeadsToTheOpenFileOfTheProcess) {
   const file::Descriptor own = file::Open(dir_.File("a/b/file").c_str(), O_RDONLY);
   EXPECT_EQ(Read("/proc/self/fd/" + std::to_string(own.Number())), "text");
   EXPECT_EQ(Read("/dev/fd/" + std::to_string(own.Number())), "text");
@@ -185,8 +185,8 @@ TEST_F(FilePlaceTest, RegularFileIsNotOpenedAsASpecialOne) {
   EXPECT_EQ(Open("/dev/null", O_WRONLY, {.only_special = true}), ReplaceState::kDone);
 }
 
-TEST_F(AttacksOnFiles, HisLinkToRootsFileIsNotFollowed) {
-  const std::string link = HisLink(roots_, "l.csv");
+TEST_F(AttacksOnFiles, UsersLinkToRootsFileIsNotFollowed) {
+  const std::string link = UserLink(roots_, "l.csv");
   EXPECT_EQ(Read(link), "");
   EXPECT_EQ(Open(link, O_RDONLY), ReplaceState::kForeignLink);
   EXPECT_EQ(Open(link, O_WRONLY | O_APPEND | O_CREAT), ReplaceState::kForeignLink);
@@ -196,10 +196,10 @@ TEST_F(AttacksOnFiles, HisLinkToRootsFileIsNotFollowed) {
 }
 
 // Root checks the file and repeats the command with --force; in between, the user makes the file a link.
-TEST_F(AttacksOnFiles, HisLinkIsNotFollowedEvenIfHisFilesAreAccepted) {
-  const std::string link = HisLink(roots_, "l.csv");
-  HisLink(dir_.File("roots"), "directory");
-  for (const std::string& path : {link, dir_.File("his/directory/file")}) {
+TEST_F(AttacksOnFiles, UsersLinkIsNotFollowedEvenIfItsFilesAreAccepted) {
+  const std::string link = UserLink(roots_, "l.csv");
+  UserLink(dir_.File("roots"), "directory");
+  for (const std::string& path : {link, dir_.File("users/directory/file")}) {
     EXPECT_EQ(Open(path, O_RDONLY, {.accept_foreign = true}), ReplaceState::kForeignLink);
     EXPECT_EQ(Open(path, O_WRONLY | O_APPEND | O_CREAT, {.accept_foreign = true}), ReplaceState::kForeignLink);
     EXPECT_EQ(Replace(path, ReplacedFile::ForOutput(true)), ReplaceState::kForeignLink);
@@ -207,30 +207,30 @@ TEST_F(AttacksOnFiles, HisLinkIsNotFollowedEvenIfHisFilesAreAccepted) {
   ExpectRootsFileUntouched();
 }
 
-TEST_F(AttacksOnFiles, HisLinkToRootsDirectoryIsNotFollowed) {
-  HisLink(dir_.File("roots"), "directory");
-  for (const char* const name : {"his/directory/file", "his/directory/new", "his/real/../directory/file"}) {
+TEST_F(AttacksOnFiles, UsersLinkToRootsDirectoryIsNotFollowed) {
+  UserLink(dir_.File("roots"), "directory");
+  for (const char* const name : {"users/directory/file", "users/directory/new", "users/real/../directory/file"}) {
     EXPECT_EQ(Open(dir_.File(name), O_WRONLY | O_CREAT), ReplaceState::kForeignLink) << name;
     EXPECT_EQ(Replace(dir_.File(name), ReplacedFile::ForOutput(false)), ReplaceState::kForeignLink) << name;
   }
   ExpectRootsFileUntouched();
 }
 
-TEST_F(AttacksOnFiles, ALinkOfRootInHisDirectoryIsFollowed) {
-  fs::create_symlink(roots_, dir_.File("his/roots_link"));
-  EXPECT_EQ(Read(dir_.File("his/roots_link")), "secret");
+TEST_F(AttacksOnFiles, RootsLinkInAUsersDirectoryIsFollowed) {
+  fs::create_symlink(roots_, dir_.File("users/roots_link"));
+  EXPECT_EQ(Read(dir_.File("users/roots_link")), "secret");
 }
 
-TEST_F(AttacksOnFiles, HisFileIsNeitherReadNorWrittenNorReplaced) {
-  const std::string path = HisFile("load.csv");
+TEST_F(AttacksOnFiles, UsersFileIsNeitherReadNorWrittenNorReplaced) {
+  const std::string path = UserFile("load.csv");
   EXPECT_EQ(Open(path, O_RDONLY), ReplaceState::kForeignOwner);
   EXPECT_EQ(Open(path, O_WRONLY | O_APPEND | O_CREAT), ReplaceState::kForeignOwner);
   EXPECT_EQ(Replace(path, ReplacedFile::ForOutput(false)), ReplaceState::kForeignOwner);
-  EXPECT_EQ(ReadFile(path), "his");
+  EXPECT_EQ(ReadFile(path), "of the user");
 }
 
 TEST_F(AttacksOnFiles, RootsFileIsReadButNotReplacedByTheOrdinaryUser) {
-  const std::string path = dir_.File("his/of_root");
+  const std::string path = dir_.File("users/of_root");
   WriteFile(path, "of root");
   EXPECT_TRUE(AsOrdinaryUser([&] { return Read(path) == "of root"; }));
   EXPECT_TRUE(
@@ -238,7 +238,7 @@ TEST_F(AttacksOnFiles, RootsFileIsReadButNotReplacedByTheOrdinaryUser) {
 }
 
 TEST_F(AttacksOnFiles, AReplacedFileNeverHasSetIdBits) {
-  const std::string own = dir_.File("his/own");
+  const std::string own = dir_.File("users/own");
   WriteFile(own, "of root");
   ASSERT_EQ(chmod(own.c_str(), 07777), 0);
   ASSERT_EQ(Replace(own, ReplacedFile::ForOutput(false)), ReplaceState::kDone);
@@ -246,48 +246,48 @@ TEST_F(AttacksOnFiles, AReplacedFileNeverHasSetIdBits) {
   ASSERT_EQ(stat(own.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0777U);
 
-  const std::string his = HisFile("load.csv");
-  ASSERT_EQ(chmod(his.c_str(), 06777), 0);
+  const std::string users_file = UserFile("load.csv");
+  ASSERT_EQ(chmod(users_file.c_str(), 06777), 0);
   for (const bool is_edit : {false, true}) {
     ReplacedFile::Options options = ReplacedFile::ForOutput(true);
     options.is_edit = is_edit;
-    ASSERT_EQ(Replace(his, options), ReplaceState::kDone);
-    ASSERT_EQ(stat(his.c_str(), &status), 0);
+    ASSERT_EQ(Replace(users_file, options), ReplaceState::kDone);
+    ASSERT_EQ(stat(users_file.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0777U) << is_edit;
     EXPECT_EQ(status.st_uid, kOrdinaryUser) << "who uses force keeps the owner";
   }
 }
 
-TEST_F(AttacksOnFiles, HisPipeNeverBlocks) {
-  const std::string path = dir_.File("his/pipe");
+TEST_F(AttacksOnFiles, UsersPipeNeverBlocks) {
+  const std::string path = dir_.File("users/pipe");
   ASSERT_TRUE(AsOrdinaryUser([&] { return mkfifo(path.c_str(), 0666) == 0; }));
   EXPECT_EQ(Open(path, O_RDONLY), ReplaceState::kForeignOwner);
   EXPECT_NE(Open(path, O_WRONLY | O_CREAT), ReplaceState::kDone);
   EXPECT_EQ(Replace(path, ReplacedFile::ForOutput(false)), ReplaceState::kNotRegular);
 }
 
-TEST_F(AttacksOnFiles, AnEditInADirectoryThatHeMayWriteCanBeRefused) {
-  WriteFile(dir_.File("his/registry"), "of root");
-  EXPECT_EQ(Replace(dir_.File("his/registry"), {.refuse_shared_directory = true}), ReplaceState::kSharedDirectory);
+TEST_F(AttacksOnFiles, EditInADirectoryThatTheUserMayWriteCanBeRefused) {
+  WriteFile(dir_.File("users/registry"), "of root");
+  EXPECT_EQ(Replace(dir_.File("users/registry"), {.refuse_shared_directory = true}), ReplaceState::kSharedDirectory);
   EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kDone);
   ASSERT_EQ(chmod(dir_.File("roots").c_str(), 01777), 0);
   EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kSharedDirectory);
 }
 
 // Root made the directory, in one of the user that has an access list for what is created in it.
-TEST_F(AttacksOnFiles, AnEditInADirectoryWithHisAccessListCanBeRefused) {
-  if (!GiveDefaultAccessList(dir_.File("his"))) GTEST_SKIP() << "this file system has no access lists";
-  fs::create_directory(dir_.File("his/shared"));
-  WriteFile(dir_.File("his/shared/registry"), "of root");
-  ASSERT_TRUE(AsOrdinaryUser([&] { return unlink(dir_.File("his/shared/registry").c_str()) == 0; }));
-  WriteFile(dir_.File("his/shared/registry"), "of root");
-  EXPECT_EQ(Replace(dir_.File("his/shared/registry"), {.refuse_shared_directory = true}),
+TEST_F(AttacksOnFiles, EditInADirectoryWithTheUsersAccessListCanBeRefused) {
+  if (!GiveDefaultAccessList(dir_.File("users"))) GTEST_SKIP() << "this file system has no access lists";
+  fs::create_directory(dir_.File("users/shared"));
+  WriteFile(dir_.File("users/shared/registry"), "of root");
+  ASSERT_TRUE(AsOrdinaryUser([&] { return unlink(dir_.File("users/shared/registry").c_str()) == 0; }));
+  WriteFile(dir_.File("users/shared/registry"), "of root");
+  EXPECT_EQ(Replace(dir_.File("users/shared/registry"), {.refuse_shared_directory = true}),
             ReplaceState::kSharedDirectory);
-  ASSERT_EQ(chmod(dir_.File("his/shared").c_str(), 0755), 0);
-  EXPECT_EQ(Replace(dir_.File("his/shared/registry"), {.refuse_shared_directory = true}), ReplaceState::kDone);
+  ASSERT_EQ(chmod(dir_.File("users/shared").c_str(), 0755), 0);
+  EXPECT_EQ(Replace(dir_.File("users/shared/registry"), {.refuse_shared_directory = true}), ReplaceState::kDone);
 }
 
-TEST_F(AttacksOnFiles, AnEditInADirectoryOfHisGroupCanBeRefused) {
+TEST_F(AttacksOnFiles, EditInADirectoryOfTheUsersGroupCanBeRefused) {
   ASSERT_EQ(chmod(dir_.File("roots").c_str(), 0775), 0);
   EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kDone) << "root's group";
   ASSERT_EQ(chown(dir_.File("roots").c_str(), 0, kOrdinaryUser), 0);
@@ -297,13 +297,13 @@ TEST_F(AttacksOnFiles, AnEditInADirectoryOfHisGroupCanBeRefused) {
 
 // The user exchanges a directory and a link to root's directory, as fast as possible, while root opens what is in it.
 TEST_F(AttacksOnFiles, AnExchangedDirectoryNeverLeadsToRootsFile) {
-  WriteFile(dir_.File("his/real/file"), "of root, in his directory");
-  const std::string real = dir_.File("his/real");
-  const std::string link = HisLink(dir_.File("roots"), "link");
+  WriteFile(dir_.File("users/real/file"), "of root, in the user's directory");
+  const std::string real = dir_.File("users/real");
+  const std::string link = UserLink(dir_.File("roots"), "link");
   const Attacker attacker([&] { (void)file::Exchange(real.c_str(), link.c_str()); });
   int opened = 0;
   int refused = 0;
-  for (int i = 0; GoesOn(i, opened > 0 && refused > 0); ++i) {
+  for (int i = 0; HasTriesLeft(i, opened > 0 && refused > 0); ++i) {
     const std::string path = real + "/file";
     ++(Open(path, O_RDONLY) == ReplaceState::kDone ? opened : refused);
     ASSERT_NE(Read(path), "secret");
@@ -317,9 +317,9 @@ TEST_F(AttacksOnFiles, AnExchangedDirectoryNeverLeadsToRootsFile) {
 
 // The user exchanges the file and a link to root's file.
 TEST_F(AttacksOnFiles, AnExchangedFileNeverLeadsToRootsFile) {
-  const std::string path = dir_.File("his/load.csv");
-  WriteFile(path, "of root, in his directory");
-  const std::string link = HisLink(roots_, "link");
+  const std::string path = dir_.File("users/load.csv");
+  WriteFile(path, "of root, in the user's directory");
+  const std::string link = UserLink(roots_, "link");
   const Attacker attacker([&] { (void)file::Exchange(path.c_str(), link.c_str()); });
   for (int i = 0; i < kTries; ++i) {
     file::Descriptor opened;
@@ -332,19 +332,19 @@ TEST_F(AttacksOnFiles, AnExchangedFileNeverLeadsToRootsFile) {
 
 // The user keeps the prepared file open, and could write it after the edit; or it is another name of root's file.
 TEST_F(AttacksOnFiles, APreparedCopyOfAnEditIsNeverUsed) {
-  const std::string path = dir_.File("his/registry");
+  const std::string path = dir_.File("users/registry");
   const std::string copy = path + ".edit";
-  WriteFile(path, "of root, in his directory");
+  WriteFile(path, "of root, in the user's directory");
   const auto expect_refused = [&] {
     EXPECT_EQ(Replace(path, {}), ReplaceState::kFailed);
-    EXPECT_EQ(ReadFile(path), "of root, in his directory");
+    EXPECT_EQ(ReadFile(path), "of root, in the user's directory");
     fs::remove(copy);
   };
-  EXPECT_EQ(ReadFile(HisFile("registry.edit")), "his");
+  EXPECT_EQ(ReadFile(UserFile("registry.edit")), "of the user");
   expect_refused();
-  HisLink(roots_, "registry.edit");
+  UserLink(roots_, "registry.edit");
   expect_refused();
-  HisLink(dir_.File("roots/new"), "registry.edit");
+  UserLink(dir_.File("roots/new"), "registry.edit");
   expect_refused();
   (void)HardLinkByOrdinaryUser(roots_, copy);
   expect_refused();
@@ -366,8 +366,8 @@ void AwaitExchange(const std::string& path) {
 
 // The user replaces the new content by a link to root's file while it is written.
 TEST_F(AttacksOnFiles, AnExchangedCopyOfAnEditNeverLeadsToRootsFile) {
-  const std::string path = dir_.File("his/registry");
-  WriteFile(path, "of root, in his directory");
+  const std::string path = dir_.File("users/registry");
+  WriteFile(path, "of root, in the user's directory");
   const std::string copy = path + ".edit";
   const std::string link = path + ".link";
   const Attacker attacker([&] {
@@ -379,7 +379,7 @@ TEST_F(AttacksOnFiles, AnExchangedCopyOfAnEditNeverLeadsToRootsFile) {
   });
   int begun = 0;
   int changed = 0;
-  for (int i = 0; GoesOn(i, begun >= 100 && changed > 0); ++i) {
+  for (int i = 0; HasTriesLeft(i, begun >= 100 && changed > 0); ++i) {
     ReplacedFile edit;
     if (!edit.Begin(path, {}).IsDone()) continue;
     ASSERT_TRUE(edit.WriteCopy("new content").IsDone());

@@ -137,8 +137,8 @@ TEST(DebugRingDamage, FailedAttemptLeavesATargetOtherThanTheRing) {
 }
 
 // The ring that a run leaves, with a last entry "newest" that ends at `position`.
-struct LeftRing {
-  LeftRing() {
+struct RingOfPreviousRun {
+  RingOfPreviousRun() {
     EXPECT_TRUE(setup.OpenRing(kSize));
     setup.Trace().Print(1, "oldest");
     setup.Trace().Print(1, "newest");
@@ -161,7 +161,7 @@ struct LeftRing {
 
 TEST(DebugRingDamage, FileOfAnotherSizeIsCreatedAgain) {
   for (const std::size_t size : {0U, 1U, 640U, 32767U, 32769U, 65536U}) {
-    LeftRing left;
+    RingOfPreviousRun left;
     std::filesystem::resize_file(left.setup.RingPath(), size);
     EXPECT_TRUE(left.HasRestarted()) << size;
   }
@@ -181,7 +181,7 @@ TEST(DebugRingDamage, FileOfAnotherSizeIsReplacedForProcessesThatMappedIt) {
 TEST(DebugRingDamage, ImpossibleWritePositionsMakeTheNextEntryWrap) {
   for (const char* position : {"0000000000000000", "0000000000001023", "0000000000032769", "9999999999999999",
                                "00000000000x2000", "                ", "-000000000000001", "0000004294967297"}) {
-    LeftRing left;
+    RingOfPreviousRun left;
     left.setup.Patch(515, position);
     const std::string ring = left.Restarted();
     EXPECT_EQ(left.setup.Wraps(), 1U) << position;
@@ -193,14 +193,14 @@ TEST(DebugRingDamage, ImpossibleWritePositionsMakeTheNextEntryWrap) {
 }
 
 TEST(DebugRingDamage, WritePositionAtTheVeryEndWraps) {
-  LeftRing left;
+  RingOfPreviousRun left;
   left.setup.Patch(515, "0000000000032768");
   (void)left.Restarted();
   EXPECT_EQ(left.setup.Wraps(), 1U);
 }
 
 TEST(DebugRingDamage, PossibleWritePositionIsUsed) {
-  LeftRing left;
+  RingOfPreviousRun left;
   left.setup.Patch(515, "0000000000020000");
   const std::string line = UndatedEntry("### Start of work cycle. (00000002) ###\n");
   EXPECT_EQ(left.Restarted().substr(20000, line.size() + 16), line + std::string(kTerminator));
@@ -208,7 +208,7 @@ TEST(DebugRingDamage, PossibleWritePositionIsUsed) {
 
 TEST(DebugRingDamage, UnreadableCountsStartAgain) {
   for (const char* garbage : {"################", "99999999999999999", "-000000000000001"}) {
-    LeftRing left;
+    RingOfPreviousRun left;
     left.setup.Patch(275, std::string_view(garbage).substr(0, 16));
     left.setup.Patch(355, std::string_view(garbage).substr(0, 16));
     left.setup.Patch(435, std::string_view(garbage).substr(0, 16));
@@ -220,7 +220,7 @@ TEST(DebugRingDamage, UnreadableCountsStartAgain) {
 }
 
 TEST(DebugRingDamage, HeaderThatWasOverwrittenIsWholeAgain) {
-  LeftRing left;
+  RingOfPreviousRun left;
   const std::string before = left.setup.Ring();
   left.setup.Patch(0, std::string(640, '\0'));
   const std::string ring = left.Restarted();
@@ -236,7 +236,7 @@ TEST(DebugRingDamage, HeaderThatWasOverwrittenIsWholeAgain) {
 }
 
 TEST(DebugRingDamage, EntryThatWasCompleteWhenItsWriterWasKilledIsKept) {
-  LeftRing left;
+  RingOfPreviousRun left;
   const std::size_t entry_bytes = UndatedEntry("newest\n").size();
   left.setup.Patch(515, qx::test::RingDigits(left.position - entry_bytes));
   const std::string start = UndatedEntry("### Start of work cycle. (00000002) ###\n");

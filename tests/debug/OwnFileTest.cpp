@@ -274,22 +274,22 @@ TEST_F(OwnFileAttack, OrdinaryErrorOfTheRingIsNotReportedInTheSystemLog) {
 }
 
 // One step of the user who swaps what the name leads to.
-void Swap(const std::string& path, const std::string& mine, const std::string& his, std::uint32_t size) {
-  (void)::rename(path.c_str(), his.c_str());  // the service's file, if it exists
-  (void)MakeFile(mine, 0604, size);
-  (void)::rename(mine.c_str(), path.c_str());
-  (void)::rename(path.c_str(), mine.c_str());
-  (void)::rename(his.c_str(), path.c_str());
-  (void)::link(mine.c_str(), path.c_str());
-  (void)::unlink(mine.c_str());
+void Swap(const std::string& path, const std::string& own, const std::string& theirs, std::uint32_t size) {
+  (void)::rename(path.c_str(), theirs.c_str());  // the service's file, if it exists
+  (void)MakeFile(own, 0604, size);
+  (void)::rename(own.c_str(), path.c_str());
+  (void)::rename(path.c_str(), own.c_str());
+  (void)::rename(theirs.c_str(), path.c_str());
+  (void)::link(own.c_str(), path.c_str());
+  (void)::unlink(own.c_str());
 }
 
 // The service opens the file while the user swaps it: 10,000 times, and until the user's file was found ten times.
 // Every file that the service gets is its own. `size` as for OpenOwnFile.
 void RaceWithSwapper(const std::string& path, std::optional<std::uint64_t> size) {
   const SyslogCapture syslog;  // one message for each file of the user
-  const Attacker attacker([&path, mine = path + ".mine", his = path + ".his",
-                           bytes = static_cast<std::uint32_t>(size.value_or(0))] { Swap(path, mine, his, bytes); });
+  const Attacker attacker([&path, own = path + ".own", theirs = path + ".theirs",
+                           bytes = static_cast<std::uint32_t>(size.value_or(0))] { Swap(path, own, theirs, bytes); });
   int opened = 0;
   for (int i = 0; i < 10000 || (syslog.Messages().size() < 10 && i < 1000000); ++i) {
     const OwnFile own = OpenOwnFile(path.c_str(), 0640, size);

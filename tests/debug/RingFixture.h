@@ -65,7 +65,7 @@ class RingModel {
   // Appends `entry`; `header_block` is for the cycle that it may begin.
   void Entry(const std::string& entry, const std::string& header_block);
   void MarkInitEnd() { wrap_start_ = position_; }
-  std::size_t Room() const { return bytes_.size() - position_; }
+  std::size_t FreeBytes() const { return bytes_.size() - position_; }
   const std::string& Bytes() const { return bytes_; }
 
  private:

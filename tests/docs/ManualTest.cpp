@@ -71,9 +71,9 @@ std::string Unmarked(std::string_view text) {
 
 // In a manual page each cell is a line: "[[ " begins a table, "|  " a row, ":[ " and ":  " the next cell of a row. In
 // other pages each row is a line.
-void AddToTables(const std::string& line, bool is_manual, bool goes_on, std::vector<Table>& tables) {
+void AddToTables(const std::string& line, bool is_manual, bool continues_table, std::vector<Table>& tables) {
   if (!is_manual) {
-    if (!goes_on) tables.emplace_back();
+    if (!continues_table) tables.emplace_back();
     if (!line.starts_with("|--")) tables.back().push_back(CellsOf(line));
     return;
   }

@@ -49,7 +49,9 @@ std::string Hide(const std::string& text, const char* pattern) {
   return hidden + rest;
 }
 
-bool GoesOn(const std::string& command) { return command.ends_with('\\') || command.find("<<") != std::string::npos; }
+bool NeedsMoreLines(const std::string& command) {
+  return command.ends_with('\\') || command.find("<<") != std::string::npos;
+}
 
 // Shows the command as it was typed, runs it, and shows its exit code.
 std::string Step(const std::string& shown, const std::string& command) {
@@ -69,7 +71,7 @@ std::string ScriptOf(const Session& session) {
   for (std::string line; std::getline(lines, line);) {
     if (line.starts_with("$ ")) {
       finish();
-    } else if (shown.empty() || !line.starts_with("> ") || !GoesOn(command.substr(0, command.size() - 1))) {
+    } else if (shown.empty() || !line.starts_with("> ") || !NeedsMoreLines(command.substr(0, command.size() - 1))) {
       continue;  // output
     }
     shown += line + "\n";

@@ -46,8 +46,8 @@ struct FgetsRead {
   unsigned size;
   unsigned count = 0;
 
-  void Place(const char* text, unsigned room, unsigned extra) {
-    for (unsigned i = 0; i < room; ++i) {
+  void Place(const char* text, unsigned limit, unsigned extra) {
+    for (unsigned i = 0; i < limit; ++i) {
       buf[count + i] = text[i];
       if (text[i] == '\0') break;
     }

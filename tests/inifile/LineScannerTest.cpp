@@ -143,7 +143,7 @@ TEST(LineScanner, AgreesWithFgetsOnRandomBytesAcrossAnyWindow) {
 }
 
 // `line` is the line in the file, including what a NUL hides; without its line feed it is a piece of a longer line.
-bool MayMatter(std::string_view line, LineMark mark) {
+bool MayBeSearched(std::string_view line, LineMark mark) {
   const bool is_plain = static_cast<unsigned char>(line.front()) > ' ' && line.front() != '[';
   return !is_plain || line.back() != '\n' || (mark.column < line.size() && line[mark.column] == mark.byte);
 }
@@ -164,7 +164,7 @@ TEST(LineScanner, SkippingLosesNoLineAndNoPosition) {
     const LineMark mark{random() % 20, bytes[random() % bytes.size()]};
     const auto pass_over = [&] {
       const char* front = nullptr;
-      scanner.PassOver(mark, [&](std::string_view line) {
+      scanner.SkipLines(mark, [&](std::string_view line) {
         if (front == nullptr) front = line.data();
         if (random() % 4 == 0) return false;
         const std::string whole = std::string(line) + "\n";
@@ -185,7 +185,7 @@ TEST(LineScanner, SkippingLosesNoLineAndNoPosition) {
       if (next < actual.size() && actual[next].end == expected.end) {
         ASSERT_EQ(actual[next++].text, expected.text) << "round " << round;
       } else {
-        ASSERT_FALSE(MayMatter(line_bytes, mark)) << "round " << round << ": " << line_bytes;
+        ASSERT_FALSE(MayBeSearched(line_bytes, mark)) << "round " << round << ": " << line_bytes;
       }
     }
     ASSERT_EQ(next, actual.size()) << "round " << round;

@@ -49,7 +49,7 @@ std::string After(const std::string& text, const ProfileRequest& request) {
   EXPECT_EQ(plan.state, ProfileState::kDone) << plan.reason;
   const qx::test::MemoryFile file;
   file.Write(text);
-  EXPECT_EQ(CarryOut(plan, text, file.Path()), "");
+  EXPECT_EQ(ApplyPlan(plan, text, file.Path()), "");
   EXPECT_EQ(file.Read(), plan.text);
   return plan.text;
 }
@@ -176,16 +176,16 @@ TEST(ProfileEdit, ListThatWouldBecomeUnreadableIsRefused) {
 TEST(ProfileEdit, FileThatChangedSinceItWasReadIsNotEdited) {
   const qx::test::MemoryFile file;
   file.Write("[S]\nk=2\n");
-  EXPECT_NE(CarryOut(PlanEdit("[S]\nk=1\n", Set("S", "k", "3")), "[S]\nk=1\n", file.Path()), "");
+  EXPECT_NE(ApplyPlan(PlanEdit("[S]\nk=1\n", Set("S", "k", "3")), "[S]\nk=1\n", file.Path()), "");
   EXPECT_EQ(file.Read(), "[S]\nk=2\n");
 }
 
 TEST(ProfileEdit, DryRunReturnsTheResultOfTheEdit) {
   const ProfilePlan plan = PlanEdit(kFile, Set("A", "second", "two"));
-  EXPECT_EQ(Rehearse(plan, kFile), "");
+  EXPECT_EQ(TryPlan(plan, kFile), "");
   ProfilePlan wrong = plan;
   wrong.text += "x";
-  EXPECT_THAT(Rehearse(wrong, kFile), HasSubstr("not as planned"));
+  EXPECT_THAT(TryPlan(wrong, kFile), HasSubstr("not as planned"));
 }
 
 // --- at random
@@ -229,14 +229,14 @@ ProfileContent Expected(ProfileContent content, const ProfileRequest& request) {
   } else if (request.kind == ProfileRequest::Kind::kDeleteKey) {
     std::erase_if(entries, [&request](const ProfileEntry& entry) { return entry.key == request.key; });
   } else {
-    const ProfileEntry& wanted = request.entries[0];
+    const ProfileEntry& requested = request.entries[0];
     bool is_there = false;
     for (ProfileEntry& entry : entries) {
-      if (entry.key != wanted.key) continue;
-      entry.value = wanted.value;
+      if (entry.key != requested.key) continue;
+      entry.value = requested.value;
       is_there = true;
     }
-    if (!is_there) entries.push_back(wanted);
+    if (!is_there) entries.push_back(requested);
     const bool has_section =
         std::find(content.sections.begin(), content.sections.end(), request.section) != content.sections.end();
     if (!has_section) content.sections.push_back(request.section);
@@ -259,7 +259,7 @@ TEST(ProfileEdit, AcceptedEditChangesOnlyWhatWasRequested) {
     const ProfilePlan plan = PlanEdit(text, request);
     if (plan.state != ProfileState::kDone) continue;
     ++accepted;
-    ASSERT_EQ(CarryOut(plan, text, file.Path()), "") << text << "\n---\n" << plan.text;
+    ASSERT_EQ(ApplyPlan(plan, text, file.Path()), "") << text << "\n---\n" << plan.text;
     EXPECT_EQ(ReadThroughClass(file.Path()), Expected(before, request)) << text << "\n---\n" << plan.text;
   }
   EXPECT_GT(accepted, 2000);
@@ -276,10 +276,10 @@ TEST(ProfileEdit, RefusedValueWouldNotBeReadBack) {
     const ProfileEntry& entry = request.entries[0];
     const qx::test::MemoryFile file;
     file.Write("\n[" + request.section + "]\n\n" + entry.key + "=" + entry.value + "\n");
-    const ProfileContent wanted = Expected({}, request);
+    const ProfileContent requested = Expected({}, request);
     // An empty name is read back, but not in the lists of the class: it ends them.
     const bool ends_lists = entry.key.empty() || request.section.empty();
-    EXPECT_TRUE(ends_lists || ReadThroughClass(file.Path()) != wanted) << file.Read();
+    EXPECT_TRUE(ends_lists || ReadThroughClass(file.Path()) != requested) << file.Read();
   }
   EXPECT_GT(refused, 4000);
 }

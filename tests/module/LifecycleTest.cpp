@@ -30,7 +30,7 @@ constexpr bool kSanitized = QX_SANITIZED;
 class ModuleLifecycle : public qx::test::ModuleTest {};
 
 // The resources of a process, as numbers that must not grow.
-struct Holdings {
+struct Resources {
   int mappings = 0;
   int module_mappings = 0;
   int descriptors = 0;
@@ -45,8 +45,8 @@ constexpr bool kCountsCoverage = true;
 constexpr bool kCountsCoverage = false;
 #endif
 
-Holdings HoldingsNow() {
-  Holdings now;
+Resources ResourcesNow() {
+  Resources now;
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
     ++now.mappings;
@@ -75,9 +75,9 @@ TEST_F(ModuleLifecycle, ThousandLoadsAndUnloadsLeakNothing) {
   SetLevel(1);
   const std::string text = InChild([] {
     for (int i = 0; i < 20; ++i) LoadServeUnload();  // the loader and the allocator reach their final size
-    const Holdings before = HoldingsNow();
+    const Resources before = ResourcesNow();
     for (int i = 0; i < 1000; ++i) LoadServeUnload();
-    const Holdings after = HoldingsNow();
+    const Resources after = ResourcesNow();
     std::ostringstream grown;
     if (after.module_mappings != 0) grown << "the module is still mapped\n";
     if (after.descriptors != before.descriptors) {

@@ -29,7 +29,7 @@ class ModuleTraceRing : public qx::test::ModuleTest {
 };
 
 // The ring's mappings and descriptors of this process.
-std::string HoldingsOf(const std::string& path) {
+std::string ResourcesOf(const std::string& path) {
   int mappings = 0;
   int descriptors = 0;
   std::ifstream maps("/proc/self/maps");
@@ -48,9 +48,9 @@ TEST_F(ModuleTraceRing, EnvironmentTurnsTheRingOnAndUnloadReleasesIt) {
                 const LoadedModule module;
                 const auto block = BlockBuilder::Request("What");
                 (void)module.What(block->Block());
-                text = HoldingsOf(RingPath());
+                text = ResourcesOf(RingPath());
               }
-              return text + HoldingsOf(RingPath());
+              return text + ResourcesOf(RingPath());
             }),
             "1 1;0 0;");
   const std::string ring = ReadFile(RingPath());

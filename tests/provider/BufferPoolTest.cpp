@@ -18,7 +18,7 @@ TEST(BufferPool, ReturnedBufferIsTakenAgain) {
   std::string buffer = pool.Take(kMebibyte);
   buffer.assign(kMebibyte, 'x');
   const char* const place = buffer.data();
-  pool.GiveBack(std::move(buffer));
+  pool.Return(std::move(buffer));
   EXPECT_EQ(pool.KeptCount(), 1U);
 
   const std::string again = pool.Take(kMebibyte / 2);
@@ -39,8 +39,8 @@ TEST(BufferPool, SmallestBufferThatFitsIsTaken) {
   std::string small = pool.Take(kMebibyte);
   const char* const small_place = small.data();
   const char* const large_place = large.data();
-  pool.GiveBack(std::move(large));
-  pool.GiveBack(std::move(small));
+  pool.Return(std::move(large));
+  pool.Return(std::move(small));
   const std::string first = pool.Take(kMebibyte);
   const std::string second = pool.Take(kMebibyte);
   EXPECT_EQ(first.data(), small_place);
@@ -49,9 +49,9 @@ TEST(BufferPool, SmallestBufferThatFitsIsTaken) {
 
 TEST(BufferPool, SmallBuffersAreNotPooled) {
   BufferPool pool;
-  pool.GiveBack(pool.Take(kMebibyte));
+  pool.Return(pool.Take(kMebibyte));
   EXPECT_LT(pool.Take(100).capacity(), BufferPool::kKeptBytesMin);
-  pool.GiveBack(std::string(100, 'x'));
+  pool.Return(std::string(100, 'x'));
   EXPECT_EQ(pool.KeptCount(), 1U);
 }
 
@@ -59,7 +59,7 @@ TEST(BufferPool, BufferThatGrewTooLargeIsFreed) {
   BufferPool pool;
   std::string buffer = pool.Take(kMebibyte);
   buffer.reserve(BufferPool::kKeptBytesMax + 1);
-  pool.GiveBack(std::move(buffer));
+  pool.Return(std::move(buffer));
   EXPECT_EQ(pool.KeptCount(), 0U);
 }
 
@@ -67,7 +67,7 @@ TEST(BufferPool, NumberOfPooledBuffersIsCapped) {
   BufferPool pool;
   std::vector<std::string> taken;
   for (std::size_t i = 0; i < BufferPool::kKeptCountMax + 5; ++i) taken.push_back(pool.Take(BufferPool::kKeptBytesMin));
-  for (std::string& buffer : taken) pool.GiveBack(std::move(buffer));
+  for (std::string& buffer : taken) pool.Return(std::move(buffer));
   EXPECT_EQ(pool.KeptCount(), BufferPool::kKeptCountMax);
 }
 
@@ -76,7 +76,7 @@ TEST(BufferPool, BytesOfPooledBuffersAreCapped) {
   std::vector<std::string> taken;
   for (std::size_t i = 0; i < BufferPool::kKeptCountMax; ++i)
     taken.push_back(pool.Take(BufferPool::kKeptBytesMax - 64));
-  for (std::string& buffer : taken) pool.GiveBack(std::move(buffer));
+  for (std::string& buffer : taken) pool.Return(std::move(buffer));
   EXPECT_GT(pool.KeptCount(), 0U);
   EXPECT_LT(pool.KeptCount(), BufferPool::kKeptCountMax);
   EXPECT_LE(pool.KeptBytes(), BufferPool::kKeptBytesTotalMax);
@@ -88,14 +88,14 @@ TEST(BufferPool, ExactlyTheBytesOfTheCapMayBeKept) {
   std::vector<std::string> taken;
   for (std::size_t i = 0; i < kCount + 1; ++i) taken.push_back(pool.Take(BufferPool::kKeptBytesMax));
   ASSERT_EQ(taken[0].capacity(), BufferPool::kKeptBytesMax);
-  for (std::string& buffer : taken) pool.GiveBack(std::move(buffer));
+  for (std::string& buffer : taken) pool.Return(std::move(buffer));
   EXPECT_EQ(pool.KeptCount(), kCount);
   EXPECT_EQ(pool.KeptBytes(), BufferPool::kKeptBytesTotalMax);
 }
 
 TEST(BufferPool, ClearFreesThePooledBuffers) {
   BufferPool pool;
-  pool.GiveBack(pool.Take(kMebibyte));
+  pool.Return(pool.Take(kMebibyte));
   pool.Clear();
   EXPECT_EQ(pool.KeptCount(), 0U);
   EXPECT_EQ(pool.KeptBytes(), 0U);
@@ -103,7 +103,7 @@ TEST(BufferPool, ClearFreesThePooledBuffers) {
 
 TEST(BufferPool, BufferThatWasNeverTakenMayBeReturned) {
   BufferPool pool;
-  pool.GiveBack(std::string(kMebibyte, 'x'));  // it has no memory yet
+  pool.Return(std::string(kMebibyte, 'x'));  // it has no memory yet
   EXPECT_LE(pool.KeptCount(), 1U);
 }
 
@@ -124,7 +124,7 @@ TEST(BufferPoolThreads, NoBufferIsUsedTwiceAtOnce) {
         std::string buffer = pool.Take(BufferPool::kKeptBytesMin);
         buffer.assign(1000, mark);
         ASSERT_EQ(buffer, std::string(1000, mark));
-        pool.GiveBack(std::move(buffer));
+        pool.Return(std::move(buffer));
       }
     });
   }

@@ -281,11 +281,11 @@ TEST_F(AdapterModule, ReplyStringDuplicatesAndReturnsNullForNull) {
 
 TEST_F(AdapterModule, AllocReplyStringIsFreeable) {
   const TraceCapture trace(6);
-  void* room = CKrxAdapterModule::AllocReplyString(100);
-  ASSERT_NE(room, nullptr);
-  std::memset(room, 'x', 100);
-  CKrxAdapterModule::FreeReplyString(room);
-  EXPECT_EQ(trace.Entries().at(0), "WCSP_MAIN           : AllocReplyString - allocate pString = " + Hex8(Low32(room)));
+  void* reply = CKrxAdapterModule::AllocReplyString(100);
+  ASSERT_NE(reply, nullptr);
+  std::memset(reply, 'x', 100);
+  CKrxAdapterModule::FreeReplyString(reply);
+  EXPECT_EQ(trace.Entries().at(0), "WCSP_MAIN           : AllocReplyString - allocate pString = " + Hex8(Low32(reply)));
 }
 
 TEST_F(AdapterModule, ReplyHelpersTraceNothingBelowLevelSix) {

@@ -15,9 +15,9 @@ class RegistryContent {
  public:
   explicit RegistryContent(std::string_view file) {
     WriteFile(directory_.File("registry"), file);
-    qx::registry::StartAfresh(directory_.Path().c_str());
+    qx::registry::ResetRegistry(directory_.Path().c_str());
   }
-  ~RegistryContent() { qx::registry::StartAfresh(nullptr); }
+  ~RegistryContent() { qx::registry::ResetRegistry(nullptr); }
   RegistryContent(const RegistryContent&) = delete;
   RegistryContent& operator=(const RegistryContent&) = delete;
 

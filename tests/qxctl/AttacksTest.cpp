@@ -35,19 +35,19 @@ class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
     WriteFile(roots_registry_, "[HKEY_USERS]\na=d=1\n\n\n");
   }
 
-  std::string HisFile(const std::string& name, const std::string& text, mode_t mode) const {
+  std::string UserFile(const std::string& name, const std::string& text, mode_t mode) const {
     std::string path = Dir().File("out/" + name);
     WriteFile(path, text);
     GiveToOrdinaryUser(path);
     EXPECT_EQ(chmod(path.c_str(), mode), 0);
     return path;
   }
-  std::string HisLink(const std::string& name) const {
+  std::string UserLink(const std::string& name) const {
     std::string path = Dir().File("out/" + name);
     EXPECT_TRUE(AsOrdinaryUser([&] { return symlink(roots_.c_str(), path.c_str()) == 0; }));
     return path;
   }
-  std::string HisPipe(const std::string& name) const {
+  std::string UserPipe(const std::string& name) const {
     std::string path = Dir().File("out/" + name);
     EXPECT_TRUE(AsOrdinaryUser([&] { return mkfifo(path.c_str(), 0666) == 0; }));
     return path;
@@ -120,16 +120,16 @@ class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
 }  // namespace
 
 TEST_F(AttacksOnQxctl, SetIdBitsOfAUsersFileDoNotBecomeRoots) {
-  const std::string path = HisFile("load.csv", "his", 06777);
+  const std::string path = UserFile("load.csv", "of the user", 06777);
   for (const std::vector<std::string>& command : Writers(path)) {
     ExpectRefused(Qxctl(command), command);
     EXPECT_EQ(StatusOf(path).st_uid, kOrdinaryUser);
-    EXPECT_EQ(ReadFile(path), "his");
+    EXPECT_EQ(ReadFile(path), "of the user");
   }
 }
 
 TEST_F(AttacksOnQxctl, ForceReplacesTheUsersFileAndKeepsItsOwner) {
-  const std::string path = HisFile("load.csv", "his", 06777);
+  const std::string path = UserFile("load.csv", "of the user", 06777);
   for (std::vector<std::string> command : Writers(path)) {
     WriteFile(path, "");
     ASSERT_EQ(chmod(path.c_str(), 06777), 0);
@@ -144,12 +144,12 @@ TEST_F(AttacksOnQxctl, ForceReplacesTheUsersFileAndKeepsItsOwner) {
 }
 
 TEST_F(AttacksOnQxctl, ForceReadsTheUsersFile) {
-  const std::string path = HisFile("request.xml", "<a/>", 0644);
+  const std::string path = UserFile("request.xml", "<a/>", 0644);
   EXPECT_EQ(Qxctl({"module", "reflect", "--input", "@" + path, "--force"}).code, 0);
 }
 
 TEST_F(AttacksOnQxctl, LinkOfAUserDoesNotLeadToRootsFile) {
-  const std::string path = HisLink("l.csv");
+  const std::string path = UserLink("l.csv");
   for (const std::vector<std::string>& command : Writers(path)) ExpectLinkRefused(command);
   ExpectRootsFileUntouched();
 }
@@ -175,17 +175,17 @@ TEST_F(AttacksOnQxctl, LinkOfAUserToADirectoryLeadsToNothingNewThere) {
 }
 
 TEST_F(AttacksOnQxctl, LinkOfAUserToRootsFileIsNotRead) {
-  const std::string path = HisLink("request.xml");
+  const std::string path = UserLink("request.xml");
   for (const std::vector<std::string>& command : Readers(path)) ExpectLinkRefused(command);
 }
 
 TEST_F(AttacksOnQxctl, FileOfAUserIsNotReadWithoutForce) {
-  const std::string path = HisFile("request.xml", "<a/>", 0644);
+  const std::string path = UserFile("request.xml", "<a/>", 0644);
   for (const std::vector<std::string>& command : Readers(path)) ExpectRefused(Qxctl(command), command);
 }
 
 TEST_F(AttacksOnQxctl, PipeOfAUserDoesNotBlock) {
-  const std::string path = HisPipe("pipe");
+  const std::string path = UserPipe("pipe");
   for (const std::vector<std::string>& command : Readers(path)) ExpectRefused(Qxctl(command), command);
   for (const std::vector<std::string>& command : Writers(path)) {
     EXPECT_THAT(Qxctl(command).code, testing::AnyOf(kRefused, 6)) << testing::PrintToString(command);

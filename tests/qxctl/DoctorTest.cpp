@@ -62,8 +62,8 @@ class QxctlDoctor : public testing::Test, protected QxctlFixture {
   // The findings as "CODE SEVERITY FACT".
   static std::vector<std::string> Lines(const Ran& ran) {
     std::vector<std::string> lines;
-    const json told = json::parse(ran.out);
-    for (const json& one : told["findings"]) {
+    const json document = json::parse(ran.out);
+    for (const json& one : document["findings"]) {
       lines.push_back(one["code"].get<std::string>() + " " + one["severity"].get<std::string>() + " " +
                       one["fact"].get<std::string>());
     }
@@ -104,7 +104,7 @@ class QxctlDoctor : public testing::Test, protected QxctlFixture {
   }
 
   // Runs a command in a shell that finds qxctl.
-  void Paste(const std::string& command) const {
+  void RunInShell(const std::string& command) const {
     Start start = Machine();
     start.environment["PATH"] = fs::path(QxctlPath()).parent_path().string() + ":" + std::getenv("PATH");
     const Ran ran = Child({"/bin/bash", "-c", command}, start).Wait();
@@ -376,7 +376,7 @@ TEST_F(QxctlDoctor, Qx210ANameThatIsNearlyRight) {
   const Finding finding = FindingOf("QX210");
   EXPECT_EQ(finding.fact, "the value \"ReportRot\" in \"" + std::string(kSetupKey) +
                               "\" is not read; the module reads \"ReportRoot\"");
-  Paste(finding.command);
+  RunInShell(finding.command);
   EXPECT_TRUE(OnlyInfos(Found())) << "the command repairs it";
   EXPECT_THAT(ReadFile(Dir().File("etc/registry")), Not(HasSubstr("ReportRot="))) << "and removes the wrong name";
 }
@@ -384,14 +384,14 @@ TEST_F(QxctlDoctor, Qx210ANameThatIsNearlyRight) {
 TEST_F(QxctlDoctor, Qx210AKeyThatIsNearlyRight) {
   Replace("etc/registry", "[Management]", "[Managment]");
   EXPECT_THAT(Found(), Has("QX210 error the key \"Managment\" in \"HKEY_LOCAL_MACHINE/SOFTWARE/Dremlor\" is not read"));
-  Paste(FindingOf("QX210").command);
+  RunInShell(FindingOf("QX210").command);
   EXPECT_TRUE(OnlyInfos(Found())) << "the command repairs it";
 }
 
 TEST_F(QxctlDoctor, Qx211AValueOfTheWrongType) {
   Replace("etc/registry", "ReportRoot=s=" + Dir().File("Reports"), "ReportRoot=d=7");
   EXPECT_THAT(Found(), Has("QX211 error the value \"ReportRoot\" in "));
-  Paste(FindingOf("QX211").command);
+  RunInShell(FindingOf("QX211").command);
   EXPECT_THAT(Found(), Not(Has("QX211")));
 }
 
@@ -401,7 +401,7 @@ TEST_F(QxctlDoctor, Qx212LineEndsOfAnotherSystem) {
     text.insert(at, 1, '\r');
   WriteFile(Dir().File("etc/registry"), text);
   EXPECT_THAT(Found(), Has("QX212 error line "));
-  Paste(FindingOf("QX212").command);
+  RunInShell(FindingOf("QX212").command);
   EXPECT_TRUE(OnlyInfos(Found())) << "the command repairs it";
 }
 
@@ -413,8 +413,8 @@ TEST_F(QxctlDoctor, Qx212LineEndsAreCorrectedBeforeNames) {
   WriteFile(Dir().File("etc/registry"), text);
   EXPECT_THAT(Found(), Not(Has("QX210"))) << "its command would set a value that ends with a CR";
   EXPECT_THAT(Found(), Not(Has("QX30"))) << "the cause is shown once";
-  Paste(FindingOf("QX212").command);
-  Paste(FindingOf("QX210").command);
+  RunInShell(FindingOf("QX212").command);
+  RunInShell(FindingOf("QX210").command);
   EXPECT_TRUE(OnlyInfos(Found()));
 }
 
@@ -483,7 +483,7 @@ TEST_F(QxctlDoctor, EveryFindingThatNeedsAttentionEndsWithACommand) {
 TEST_F(QxctlDoctor, LinkIsReplacedByItsFileWithTheCommandOfQx205) {
   fs::rename(Dir().File("etc/registry"), Dir().File("srv/registry"));
   Link(Dir().File("srv/registry"), "etc/registry");
-  Paste(FindingOf("QX205").command);
+  RunInShell(FindingOf("QX205").command);
   EXPECT_FALSE(fs::is_symlink(Dir().File("etc/registry")));
   EXPECT_TRUE(OnlyInfos(Found()));
 }

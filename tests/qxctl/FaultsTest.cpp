@@ -34,9 +34,9 @@ class QxctlFaults : public testing::Test, protected QxctlFixture {
     arguments.insert(arguments.end(), {"--json", "--timeout", "3"});
     const Ran ran = Faults(arguments, fault);
     EXPECT_EQ(ran.code, 1) << ran.err;
-    const json told = json::parse(ran.out);
+    const json document = json::parse(ran.out);
     std::vector<std::string> findings;
-    for (const json& one : told["cases"]) {
+    for (const json& one : document["cases"]) {
       if (one["verdict"] == "finding") {
         findings.push_back(one["name"].get<std::string>() + ": " + one["outcome"].get<std::string>());
       }
@@ -52,14 +52,14 @@ constexpr char kCrash[] = "killed by signal 11 (Segmentation fault)";
 TEST_F(QxctlFaults, ModuleSurvivesEveryCase) {
   const Ran ran = Faults({"--json"});
   EXPECT_EQ(ran.code, 0) << ran.out << ran.err;
-  const json told = json::parse(ran.out);
-  EXPECT_GE(told["cases"].size(), 60U);
+  const json document = json::parse(ran.out);
+  EXPECT_GE(document["cases"].size(), 60U);
   std::set<std::string> names;
-  for (const json& one : told["cases"]) {
+  for (const json& one : document["cases"]) {
     EXPECT_EQ(one["verdict"], "ok") << one;
     names.insert(one["name"]);
   }
-  EXPECT_EQ(names.size(), told["cases"].size()) << "each name once";
+  EXPECT_EQ(names.size(), document["cases"].size()) << "each name once";
 }
 
 TEST_F(QxctlFaults, TableHasALineForEachCase) {

@@ -82,7 +82,7 @@ void Leak() {
   if (Has("leak-descriptors")) (void)open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
-void DoHarm(const wcs_gendata* params, char** reply) {
+void MisbehaveAsRequested(const wcs_gendata* params, char** reply) {
   if (Has("crash-null-block") && params == nullptr) Crash();
   if (Has("keep-reply") && reply == nullptr) Crash();
   if (Has("crash-loop") && ConnectionLoops(params)) Crash();
@@ -98,7 +98,7 @@ int Reply(char** reply, const char* text) {
 int Answer(const char* name, const wcs_gendata* params, const char* input, char** reply) {
   const unsigned number = ++g_requests;
   Leak();
-  DoHarm(params, reply);
+  MisbehaveAsRequested(params, reply);
   const int result = Real<QxRequestFunction>(name)(params, input, reply);
   const std::string_view function = name;
   const bool is_of_report = function.starts_with("GetReport");

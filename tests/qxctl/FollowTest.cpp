@@ -150,7 +150,7 @@ TEST_F(QxctlFollow, RestartedReportIsReportedAndFollowed) {
   EXPECT_THAT(ran.err, HasSubstr("qxctl: load: started over:"));
 }
 
-TEST_F(QxctlFollow, ReportThatIsAwayForAMomentIsAwaited) {
+TEST_F(QxctlFollow, ReportThatIsMissingForAMomentIsWaitedFor) {
   MakeReport("load", 9, {"a"});
   Child child(Command({"--count", "2", "--json"}), StartHere());
   ReadUntil(child, "\"a\"}\n");

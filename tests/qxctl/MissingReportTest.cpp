@@ -156,11 +156,11 @@ TEST(ReportSettingsOfARegistry, AgreeWithTheModuleOnWhichValueCounts) {
     const TempDir etc;
     WriteFile(etc.File("registry"), row.file);
     const std::string place = etc.Path();
-    registry::StartAfresh(place.c_str());
+    registry::ResetRegistry(place.c_str());
     std::string directory;
     CServerControlPaths::GetServerControlReportPath(directory);
     const ReportSettings live = ctl::ReadReportSettings();
-    registry::StartAfresh(nullptr);
+    registry::ResetRegistry(nullptr);
     EXPECT_EQ(directory, row.directory) << row.file;
     EXPECT_EQ(live.source, row.source) << row.file;
     EXPECT_EQ(SettingsOf(row.file).source, row.source) << row.file;

@@ -94,10 +94,10 @@ TEST_F(QxctlRecord, EachDifferenceIsShownAndCounted) {
   EXPECT_THAT(ran.out, HasSubstr("a.json: GetReports differs\n  result: recorded 1, now 0\n  reply differs at byte 50, "
                                  "line 1 column 51\n    recorded ..."));
   EXPECT_THAT(ran.err, HasSubstr("1 of 2 calls differ from their recording"));
-  const json told = json::parse(Qxctl({"module", "replay", "a.json", "b.json", "--json"}).out);
-  EXPECT_EQ(told["calls"][0]["differences"].size(), 2U);
-  EXPECT_TRUE(told["calls"][1]["differences"].empty());
-  EXPECT_EQ(told["exitCode"], 1);
+  const json document = json::parse(Qxctl({"module", "replay", "a.json", "b.json", "--json"}).out);
+  EXPECT_EQ(document["calls"][0]["differences"].size(), 2U);
+  EXPECT_TRUE(document["calls"][1]["differences"].empty());
+  EXPECT_EQ(document["exitCode"], 1);
 }
 
 TEST_F(QxctlRecord, IgnoredAttributesMayDiffer) {

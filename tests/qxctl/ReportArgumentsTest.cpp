@@ -149,7 +149,7 @@ TEST_F(QxctlReportArguments, JsonOfSeveralReportsIsADocumentForEach) {
   EXPECT_THAT(out, HasSubstr("}\n{"));
 }
 
-TEST_F(QxctlReportArguments, NoReportAtAllIsAWrongLine) {
+TEST_F(QxctlReportArguments, CommandWithoutAReportIsAUsageError) {
   const Ran ran = Qxctl({"report", "verify"});
   EXPECT_EQ(ran.code, 2);
   EXPECT_EQ(ran.err, "qxctl: name a report, or use --all; \"qxctl report list\" shows the reports\n");

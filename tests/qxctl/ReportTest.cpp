@@ -139,7 +139,7 @@ TEST_F(QxctlReport, LineThatIsTooLongForAReplyIsAFinding) {
 }
 
 // A line that is typed, or comes from a program that waits for the next event, is not held back until a batch is full.
-TEST_F(QxctlReport, LineOnAPipeIsAppendedWhenItComes) {
+TEST_F(QxctlReport, LineOnAPipeIsAppendedAtOnce) {
   ASSERT_EQ(Qxctl({"report", "create", "Reports/r", "--slots", "9"}).code, 0);
   std::FILE* const pipe = popen((QxctlPath() + " report append " + ReportPath("r") + " -").c_str(), "w");
   ASSERT_NE(pipe, nullptr);
@@ -234,7 +234,7 @@ TEST_F(QxctlReport, OutputThatCannotBeWrittenIsAnIoFailure) {
   EXPECT_THAT(closed.err, HasSubstr("Bad file descriptor"));
 }
 
-TEST_F(QxctlReport, ReaderThatGoesAwayEndsItWithSigpipeAndWithoutAWord) {
+TEST_F(QxctlReport, ReaderThatEndsEndsItWithSigpipeAndWithoutAMessage) {
   MakeReport("r", 20000, std::vector<std::string>(20000, Repeated("text ", 20)));
   Start start = StartHere();
   Child child({"/bin/sh", "-c", "(\"$0\" report cat Reports/r; echo \"code $?\" >&2) | head -c 1", QxctlPath()}, start);

@@ -77,7 +77,7 @@ TEST_F(QxctlResume, AdvancedRingPrintsOnlyTheNewRecords) {
 }
 
 // The pipe is much smaller than the report, so the reader gets only a part of it.
-TEST_F(QxctlResume, ReaderThatGoesAwayLeavesAStateThatGoesOn) {
+TEST_F(QxctlResume, ReaderThatEndsLeavesAStateThatCanBeResumed) {
   MakeReport("load", 4000, Numbered(0, 4000, std::string(100, 'x')));
   const std::string script = "(\"$0\" fetch load --resume state; echo \"code $?\" >&2) | head -c 1";
   const Ran ran = Child({"/bin/sh", "-c", script, QxctlPath()}, StartHere()).Wait();
@@ -263,13 +263,13 @@ TEST_F(QxctlResume, AfterSigkillTheOutputFileHasTheReportOnce) {
   const Texts texts = Numbered(0, 6000, std::string(300, 'x'));
   MakeReport("load", 6000, texts);
   int killed = 0;
-  for (std::uintmax_t wanted = 100000;; wanted += 250000) {
+  for (std::uintmax_t kill_size = 100000;; kill_size += 250000) {
     Child child(Command({"-o", "out", "--chunk-records", "500"}), StartHere());
     std::error_code missing;
     const auto size = [&] { return std::filesystem::file_size(Dir().File("out"), missing); };
     const std::uintmax_t end = Stored(texts).size();
-    while (wanted < end && (!Exists(Dir().File("out")) || size() < wanted)) sched_yield();
-    if (wanted < end) child.Kill(SIGKILL);
+    while (kill_size < end && (!Exists(Dir().File("out")) || size() < kill_size)) sched_yield();
+    if (kill_size < end) child.Kill(SIGKILL);
     const Ran ran = child.Wait();
     if (ran.code == 0) break;
     ASSERT_EQ(ran.code, -SIGKILL) << ran.err;

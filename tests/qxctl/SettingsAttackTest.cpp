@@ -28,9 +28,9 @@ class SettingsAttack : public testing::Test, protected QxctlFixture {
  protected:
   SettingsAttack() {
     WriteFile(victim_, kSecret);
-    fs::create_directory(Dir().File("his"));
+    fs::create_directory(Dir().File("users"));
     fs::permissions(Dir().Path(), fs::perms(0755));
-    fs::permissions(Dir().File("his"), fs::perms(0777));
+    fs::permissions(Dir().File("users"), fs::perms(0777));
     WriteFile(registry_, kAttackedTree);
     WriteFile(profile_, kProfile);
   }
@@ -80,8 +80,8 @@ class SettingsAttack : public testing::Test, protected QxctlFixture {
   }
 
   std::string victim_ = Dir().File("victim");
-  std::string registry_ = Dir().File("his/registry");
-  std::string profile_ = Dir().File("his/profile.ini");
+  std::string registry_ = Dir().File("users/registry");
+  std::string profile_ = Dir().File("users/profile.ini");
 };
 
 TEST_F(SettingsAttack, DirectoryThatOthersMayWriteIsRefusedWithoutForce) {

@@ -65,7 +65,7 @@ class QxctlSetup : public testing::Test, protected QxctlFixture {
   }
 
   // Runs each printed command in a shell that finds qxctl.
-  void Paste(const std::string& commands) const {
+  void RunInShell(const std::string& commands) const {
     Start start = Machine();
     start.environment["PATH"] = fs::path(QxctlPath()).parent_path().string() + ":" + std::getenv("PATH");
     const Ran ran = Child({"/bin/bash", "-e", "-c", commands}, start).Wait();
@@ -177,7 +177,7 @@ TEST_F(QxctlSetup, PrintedCommandsRepairEveryKindOfRegistry) {
     WriteRegistry(file);
     const Ran ran = SetupFor("r");
     EXPECT_EQ(ran.code, 1) << file;
-    Paste(ran.out);
+    RunInShell(ran.out);
     const Ran again = SetupFor("r");
     EXPECT_EQ(again.code, 0) << file << again.out;
     EXPECT_EQ(again.out, "") << file;
@@ -191,7 +191,7 @@ TEST_F(QxctlSetup, FallbackThatIsInUseIsTakenOverFirst) {
   const Ran ran = Setup();
   EXPECT_THAT(ran.out, StartsWith("qxctl registry import --directory " + Dir().File("etc/brollan") + " " + Registry() +
                                   ".old --replace '' --apply\n"));
-  Paste(ran.out);
+  RunInShell(ran.out);
   EXPECT_EQ(Setup().code, 0);
   EXPECT_EQ(ReadFile(Registry()), FirstRegistry(Dir().File("kept")));
 }

@@ -93,7 +93,7 @@ std::map<std::string, std::set<std::string>> TableInPage() {
 
 // --- report cat and fetch
 
-TEST_F(QxctlSlices, LastTakesTheNewestAndReverseTurnsThemRound) {
+TEST_F(QxctlSlices, LastTakesTheNewestAndReverseReversesThem) {
   EXPECT_EQ(Slice({"--last", "2"}), "c d");
   EXPECT_EQ(Slice({"--last", "99"}), "a b b c d");
   EXPECT_EQ(Slice({"--reverse"}), "d c b b a");
@@ -191,7 +191,7 @@ TEST_F(QxctlSlices, WhatIsNoTimeOrPatternIsRefused) {
 
 // --- follow
 
-TEST_F(QxctlSlices, FollowBeginsWithTheLastAndGoesOnWithEveryNewRecord) {
+TEST_F(QxctlSlices, FollowBeginsWithTheLastAndPrintsEveryNewRecord) {
   Child child({QxctlPath(), "follow", "load", "--last", "1", "--count", "3", "--interval", "0.01", "--quiet"},
               StartHere());
   EXPECT_EQ(child.ReadSome(), "2020-01-31 10:01:00 d\r\n");

@@ -39,7 +39,7 @@ using Arguments = std::vector<std::string>;
 
 const char kEnterScreen[] = "\033[?1049h\033[?25l\033[?7l";
 const char kLeaveScreen[] = "\033[?7h\033[?25h\033[?1049l";
-constexpr int kPatienceMs = 20'000;  // until a test gives up
+constexpr int kWaitMaxMs = 20'000;  // until a test gives up
 
 // A process on a terminal of its own, like one that a person has started.
 class TerminalRun {
@@ -94,7 +94,7 @@ class TerminalRun {
   int Wait(std::string* rest = nullptr) {
     int status = 0;
     std::string read = std::exchange(unread_, {});
-    for (int i = 0; i < kPatienceMs / 10 && waitpid(pid_, &status, WNOHANG) == 0; ++i) (void)ReadSome(read, 10);
+    for (int i = 0; i < kWaitMaxMs / 10 && waitpid(pid_, &status, WNOHANG) == 0; ++i) (void)ReadSome(read, 10);
     while (master_ >= 0 && ReadSome(read, 0)) continue;
     pid_ = -1;
     if (rest != nullptr) *rest = read;
@@ -129,9 +129,9 @@ class TerminalRun {
   }
 
   // False at the end, and if nothing comes in time.
-  bool ReadSome(std::string& text, int patience_ms = kPatienceMs) const {
+  bool ReadSome(std::string& text, int wait_ms = kWaitMaxMs) const {
     pollfd waited{master_, POLLIN, 0};
-    if (poll(&waited, 1, patience_ms) <= 0) return false;
+    if (poll(&waited, 1, wait_ms) <= 0) return false;
     char buffer[4096];
     const ssize_t count = read(master_, buffer, sizeof buffer);
     if (count > 0) text.append(buffer, static_cast<std::size_t>(count));
@@ -408,7 +408,7 @@ TEST_F(QxctlTop, ResizedTerminalIsDrawnAtOnceAndInPages) {
   EXPECT_EQ(Hidden(run.ReadUntil("\033[J")), Frame(kTable));
 }
 
-TEST_F(QxctlTop, ControlZRestoresTheTerminalUntilItGoesOn) {
+TEST_F(QxctlTop, ControlZRestoresTheTerminalUntilItContinues) {
   TerminalRun run({"bash", "-c", "set -m; \"$0\" top --interval 1000; echo suspended; fg >/dev/null", QxctlPath()},
                   Dir().Path());
   (void)run.ReadUntil("\033[J");

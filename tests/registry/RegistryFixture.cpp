@@ -42,7 +42,7 @@ bool IsHeld(const CRegistryNode& key) {
 }
 
 RegistryTest::RegistryTest() : place_("TMPDIR", access("/dev/shm", W_OK) == 0 ? "/dev/shm" : std::getenv("TMPDIR")) {
-  registry::StartAfresh(dir_.Path().c_str());
+  registry::ResetRegistry(dir_.Path().c_str());
 }
 
 }  // namespace qx::test

@@ -30,14 +30,14 @@ inline constexpr std::string_view kExample =
 class RegistryTest : public testing::Test {
  protected:
   RegistryTest();
-  ~RegistryTest() override { registry::StartAfresh(nullptr); }
+  ~RegistryTest() override { registry::ResetRegistry(nullptr); }
 
   [[nodiscard]] std::string File(std::string_view name = "registry") const { return dir_.File(name); }
   void Given(std::string_view text, std::string_view name = "registry") const { WriteFile(File(name), text); }
   // The whole loaded tree as the text of a file.
   [[nodiscard]] static std::string Tree() { return Dump(CRegistry::MRoot); }
   // Like the end of this process and the start of another one.
-  void Restart() const { registry::StartAfresh(dir_.Path().c_str()); }
+  void Restart() const { registry::ResetRegistry(dir_.Path().c_str()); }
   // The key below HKEY_LOCAL_MACHINE that most tests work on.
   static CRegistryNode* Software() { return CRegistry("SOFTWARE", CRegistry::MLocalMachine, 0).KeepKeyHandle(); }
 

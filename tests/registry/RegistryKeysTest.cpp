@@ -217,12 +217,12 @@ TEST_F(RegistryKeys, EnumeratedNameIsCutToItsBuffer) {
   CRegistry handle;
   ASSERT_EQ(handle.CreateKey(CRegistry::MLocalMachine, "E\\abcdef", false, 0), 0);
   ASSERT_EQ(handle.Open("E", CRegistry::MLocalMachine, 0), 0);
-  for (const unsigned room : {1U, 3U, 6U, 7U, 100U}) {
+  for (const unsigned size : {1U, 3U, 6U, 7U, 100U}) {
     char name[101] = "################";
-    unsigned length = room;
+    unsigned length = size;
     EXPECT_EQ(handle.EnumKey(name, &length, 0, nullptr, nullptr), 0);
-    EXPECT_EQ(std::string(name), std::string("abcdef").substr(0, room - 1));
-    EXPECT_EQ(length, std::min(room - 1, 6U));
+    EXPECT_EQ(std::string(name), std::string("abcdef").substr(0, size - 1));
+    EXPECT_EQ(length, std::min(size - 1, 6U));
   }
   char name[3] = {'#', '#', '#'};
   unsigned length = 0;

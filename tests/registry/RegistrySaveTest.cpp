@@ -326,7 +326,7 @@ TEST_F(RegistrySave, FilesAreInTheSystemsDirectory) {
   const auto load_and_save = [] {
     qx::test::MountMemory("/etc", "");
     std::filesystem::create_directory("/etc/brollan");
-    qx::registry::StartAfresh(nullptr);
+    qx::registry::ResetRegistry(nullptr);
     qx::test::WriteFile("/etc/brollan/registry.default", kSmall);
     Change();
     return ReadFile("/etc/brollan/registry");

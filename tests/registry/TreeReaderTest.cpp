@@ -19,8 +19,8 @@ using qx::registry::LineReader;
 
 // At most `portion` bytes at a time.
 ByteSource BytesOf(std::string_view text, std::size_t portion = SIZE_MAX) {
-  return [text, portion](char* to, std::size_t room) mutable {
-    const std::size_t count = std::min({text.size(), room, portion});
+  return [text, portion](char* to, std::size_t size) mutable {
+    const std::size_t count = std::min({text.size(), size, portion});
     if (count > 0) std::memcpy(to, text.data(), count);
     text.remove_prefix(count);
     return static_cast<ssize_t>(count);

@@ -252,7 +252,7 @@ void FillAtRandom(CRegistryNode& tree, std::mt19937_64& random) {
   }
 }
 
-bool ComesBack(const CRegistryNode& tree) {
+bool LoadsAsItWasSaved(const CRegistryNode& tree) {
   std::string text;
   CRegistryNode again;
   return FormatTree(tree, text) && ParseTree(text, again) && Compare(tree, again).changes.empty();
@@ -281,7 +281,7 @@ TEST_F(TreeTools, AcceptedValuesAreReadBackAndRefusedOnesAreNot) {
     if (!refusal) {
       ++accepted;
       EXPECT_EQ(text, TextOf(tree));
-      EXPECT_TRUE(ComesBack(tree)) << text;
+      EXPECT_TRUE(LoadsAsItWasSaved(tree)) << text;
       continue;
     }
     ++refused;
@@ -293,7 +293,7 @@ TEST_F(TreeTools, AcceptedValuesAreReadBackAndRefusedOnesAreNot) {
     EXPECT_EQ(has_no_value, !ParseTree(TextOf(tree), again) && Compare(tree, again).changes.empty());
     EXPECT_EQ(is_too_long, is_too_long && HasLineOverTheLimit(TextOf(tree)));
     if (has_no_value || is_too_long) continue;
-    EXPECT_FALSE(ComesBack(tree)) << refusal->reason << "\n" << TextOf(tree);
+    EXPECT_FALSE(LoadsAsItWasSaved(tree)) << refusal->reason << "\n" << TextOf(tree);
   }
   EXPECT_GT(accepted, 2000);
   EXPECT_GT(refused, 2000);

@@ -21,7 +21,7 @@ bool Run(const char* scenario, const std::string& directory) {
   const std::string to = directory + "/to";
   if (std::strcmp(scenario, "copy") == 0) return CDirectory::CopyDir(from.c_str(), to.c_str(), "*.*", true);
   if (std::strcmp(scenario, "remove") == 0) return CDirectory::RemoveDir(from.c_str(), true);
-  qx::registry::StartAfresh(directory.c_str());
+  qx::registry::ResetRegistry(directory.c_str());
   return CReportFileBase::RestoreReportDataFiles(from);
 }
 

@@ -110,12 +110,12 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
     for (std::string line; std::getline(notes, line);) {
       const std::string name = line.substr(0, line.find('('));
       const int nth = ++counts[name];
-      if (Concerns(line) && !(IsByBlocks() && name == "copy_file_range")) calls.push_back({name, nth, line});
+      if (IsAboutTheCopy(line) && !(IsByBlocks() && name == "copy_file_range")) calls.push_back({name, nth, line});
     }
     return calls;
   }
 
-  bool Concerns(const std::string& line) const {
+  bool IsAboutTheCopy(const std::string& line) const {
     for (const std::string& own : {trace_.Path(), dir_.File("registry")}) {
       if (line.find(own) != std::string::npos) return false;
     }

@@ -26,7 +26,7 @@ struct Tally {
   int known_gaps = 0;
   int ambiguous = 0;
   int started_over = 0;
-  int outrun = 0;
+  int overrun = 0;
 };
 
 // A report with a random writer and reader. `kinds` is the number of different texts; 0: no two records are equal.
@@ -52,12 +52,12 @@ class Life {
     was_started_over_ = was_started_over_ || !follower_->Position().overlap.empty();
   }
 
-  void LetTheWriterInBetween(std::uint32_t one_in, std::uint32_t count_max) {
+  void WriteBetweenReads(std::uint32_t one_in, std::uint32_t count_max) {
     ring_.BetweenReads([this, one_in, count_max] {
       if (Below(one_in) == 0) Append(1 + Below(count_max));
     });
   }
-  void KeepTheWriterOut() { ring_.BetweenReads(nullptr); }
+  void StopWritesBetweenReads() { ring_.BetweenReads(nullptr); }
 
   // Continues as a new run of the tool does.
   void Resume() {
@@ -82,7 +82,7 @@ class Life {
       ASSERT_TRUE(follower_->Poll(1 + Below(80), poll));
       Check(poll, poll.records.size(), tally);
       follower_->Delivered(poll.records.size());
-      is_end = poll.reached_end && !poll.was_outrun;
+      is_end = poll.reached_end && !poll.was_overrun;
     }
     ASSERT_EQ(delivered_to_, ring_.All().size()) << "records were lost without an event";
   }
@@ -91,7 +91,7 @@ class Life {
   void Check(const ReportPoll& poll, std::size_t count, Tally& tally) {
     ++tally.polls;
     tally.records += static_cast<int>(poll.records.size());
-    tally.outrun += poll.was_outrun ? 1 : 0;
+    tally.overrun += poll.was_overrun ? 1 : 0;
     switch (poll.event) {
       case PollEvent::kNone:
         if (follower_->Position().overlap.empty()) delivered_to_ = StartOfRing(poll);
@@ -190,15 +190,15 @@ TEST(ReportFollowerModel, WriterBetweenTwoReadsDoesNotChangeThat) {
     life.Append(life.Below(200));
     for (int step = 0; step < 8; ++step) {
       SCOPED_TRACE("life " + std::to_string(i) + " step " + std::to_string(step));
-      life.LetTheWriterInBetween(1 + life.Below(100), 1 + life.Below(60));
+      life.WriteBetweenReads(1 + life.Below(100), 1 + life.Below(60));
       life.Poll(tally);
-      life.KeepTheWriterOut();
+      life.StopWritesBetweenReads();
       if (life.Below(2) == 0) life.Append(life.Below(150));
       if (life.Below(3) == 0) life.PollToTheEnd(tally);
       if (HasFatalFailure()) return;
     }
   }
-  EXPECT_GT(tally.outrun, 50);
+  EXPECT_GT(tally.overrun, 50);
 }
 
 // Rings with more records than the overlap: 32 random records in a row do not repeat.

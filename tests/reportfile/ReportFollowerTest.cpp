@@ -196,7 +196,7 @@ TEST(ReportFollower, WriterThatIsAlwaysFasterIsReportedWithoutADelivery) {
   ring.BetweenReads([&] { AppendNumbered(ring, 4 * ++number, 4); });
   ReportFollower follower(ring);
   const ReportPoll poll = Take(follower);
-  EXPECT_TRUE(poll.was_outrun);
+  EXPECT_TRUE(poll.was_overrun);
   EXPECT_EQ(poll.records, Texts());
   EXPECT_EQ(follower.Position(), ReportPosition());
 }

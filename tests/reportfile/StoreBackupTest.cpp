@@ -285,12 +285,12 @@ TEST_F(StoreBackup, EveryCopyOfALiveStoreIsSoundAndHasAContiguousRun) {
   for (const auto& [slots, burst] :
        std::vector<std::pair<std::uint32_t, unsigned>>{{4, 0}, {30, 0}, {100, 0}, {3001, 0}, {3000, 500}}) {
     const bool never_pauses = burst == 0;
-    const int wanted = never_pauses ? 0 : 12;
+    const int copies_min = never_pauses ? 0 : 12;
     const int tries_max = never_pauses ? 6 : 200;
     const std::string base = reports_ + "/live" + std::to_string(slots);
     const LiveWriter writer(base, slots, 0, burst);
     int copied = 0;
-    for (int copy = 0; copy < tries_max && (never_pauses || copied < wanted); ++copy) {
+    for (int copy = 0; copy < tries_max && (never_pauses || copied < copies_min); ++copy) {
       const std::string to = dir_.File("copy" + std::to_string(slots) + "-" + std::to_string(copy));
       const report::StoreCopy result = report::CopyStore(base, to);
       if (result.state == report::StoreCopyState::kNeverStill) {
@@ -303,7 +303,7 @@ TEST_F(StoreBackup, EveryCopyOfALiveStoreIsSoundAndHasAContiguousRun) {
       ASSERT_NO_FATAL_FAILURE(ExpectContiguousRun(to, slots)) << to;
       if (result.was_written) ExpectCutAtItsMoment(to);
     }
-    EXPECT_GE(copied, wanted) << slots;
+    EXPECT_GE(copied, copies_min) << slots;
   }
 }
 

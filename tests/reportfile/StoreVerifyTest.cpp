@@ -346,10 +346,10 @@ TEST(StoreVerify, DataFileBeyondItsOffsetsIsARemark) {
 
 // --- each rule
 
-StoreBytes TwoOfNine() { return StoreOf(9, Numbered(2)); }
-StoreBytes ThreeOfNine() { return StoreOf(9, Numbered(3)); }
-StoreBytes JustRestarted() { return StoreOf(3, Numbered(6)); }
-StoreBytes HundredAndFourOfHundred() { return StoreOf(100, Numbered(104)); }
+StoreBytes Ring9After2() { return StoreOf(9, Numbered(2)); }
+StoreBytes Ring9After3() { return StoreOf(9, Numbered(3)); }
+StoreBytes Ring3After6() { return StoreOf(3, Numbered(6)); }
+StoreBytes Ring100After104() { return StoreOf(100, Numbered(104)); }
 
 // A sound store, its damage, and the findings.
 struct DamagedStore {
@@ -363,16 +363,15 @@ const DamagedStore kDamagedStores[] = {
     {"no slots", SecondRound, [](StoreBytes& s) { SetField(s, 12, 0); }, "header.ring-size@12=0 index; "},
     {"more in use", SecondRound, [](StoreBytes& s) { SetField(s, 16, 4); }, "header.slots-in-use@16=4 index; "},
     {"oldest outside", SecondRound, [](StoreBytes& s) { SetField(s, 20, 3); }, "header.oldest@20=3 index; "},
-    {"oldest elsewhere", HundredAndFourOfHundred, [](StoreBytes& s) { SetField(s, 20, 9); },
-     "header.count@8=104 index; "},
-    {"oldest while filling", TwoOfNine, [](StoreBytes& s) { SetField(s, 20, 1); }, "header.oldest@20=1 index; "},
-    {"count while filling", TwoOfNine, [](StoreBytes& s) { SetField(s, 8, 3); }, "header.count@8=3 index; "},
+    {"oldest elsewhere", Ring100After104, [](StoreBytes& s) { SetField(s, 20, 9); }, "header.count@8=104 index; "},
+    {"oldest while filling", Ring9After2, [](StoreBytes& s) { SetField(s, 20, 1); }, "header.oldest@20=1 index; "},
+    {"count while filling", Ring9After2, [](StoreBytes& s) { SetField(s, 8, 3); }, "header.count@8=3 index; "},
     {"too low a position", SecondRound, [](StoreBytes& s) { SetField(s, 0, 3); }, "header.write-position@0=3 index; "},
-    {"a position just after a restart", JustRestarted, [](StoreBytes& s) { SetField(s, 0, 6); },
+    {"a position just after a restart", Ring3After6, [](StoreBytes& s) { SetField(s, 0, 6); },
      "header.write-position@0=6 index; "},
     {"file end before position", SecondRound, [](StoreBytes& s) { SetField(s, 4, 11); },
      "header.file-end@4=11 index; "},
-    {"file end while filling", TwoOfNine, [](StoreBytes& s) { SetField(s, 4, 13); }, "header.file-end@4=13 index; "},
+    {"file end while filling", Ring9After2, [](StoreBytes& s) { SetField(s, 4, 13); }, "header.file-end@4=13 index; "},
     {"index ends early", SecondRound, [](StoreBytes& s) { s.index.resize(33); }, "index.size@33=33 index; "},
     {"index is too long", SecondRound, [](StoreBytes& s) { s.index += "1234"; }, "index.size@40=40 index; "},
     {"index is empty", SecondRound, [](StoreBytes& s) { s.index.clear(); }, "index.size@0=0 index; "},
@@ -380,12 +379,12 @@ const DamagedStore kDamagedStores[] = {
      "index.size@23=23 index; "},
     {"data ends early", SecondRound, [](StoreBytes& s) { s.data.resize(35); }, "data.size@35=35 data; "},
     {"no marker", SecondRound, [](StoreBytes& s) { s.data[12] = '#'; }, "data.marker@12=35 data; "},
-    {"no marker at the very end", TwoOfNine, [](StoreBytes& s) { s.data[13] = '\0'; }, "data.marker@12=61 data; "},
-    {"a slot too many", TwoOfNine, [](StoreBytes& s) { s.index += std::string("\1\0\0\0", 4); },
+    {"no marker at the very end", Ring9After2, [](StoreBytes& s) { s.data[13] = '\0'; }, "data.marker@12=61 data; "},
+    {"a slot too many", Ring9After2, [](StoreBytes& s) { s.index += std::string("\1\0\0\0", 4); },
      "slot.in-flight@32=1 index; "},
     {"a restart elsewhere", SecondRound, [](StoreBytes& s) { SetSlot(s, 0, 2); }, "slot.round-start@24=2 index; "},
-    {"a slot backwards", ThreeOfNine, [](StoreBytes& s) { SetSlot(s, 2, 6); }, "slot.order@32=6 index; "},
-    {"a slot outside", ThreeOfNine, [](StoreBytes& s) { SetSlot(s, 2, 99); }, "slot.outside@32=99 index; "},
+    {"a slot backwards", Ring9After3, [](StoreBytes& s) { SetSlot(s, 2, 6); }, "slot.order@32=6 index; "},
+    {"a slot outside", Ring9After3, [](StoreBytes& s) { SetSlot(s, 2, 99); }, "slot.outside@32=99 index; "},
     {"an old slot outside", SecondRound, [](StoreBytes& s) { SetSlot(s, 2, 0x24); }, "slot.outside@32=36 index; "},
     {"a record without its end", SecondRound, [](StoreBytes& s) { s.data[5] = ' '; }, "record.end@4=13 data; "},
     {"an old record without its end", SecondRound, [](StoreBytes& s) { s.data[0x22] = ' '; },

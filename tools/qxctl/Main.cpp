@@ -195,6 +195,6 @@ int main(int argc, char** argv) {
   HoldStandardDescriptors();
   qx::ctl::HoldBrokenPipe();  // until everything temporary is gone
   const ExitCode code = Qxctl(argc, argv);
-  qx::ctl::DieOfInterrupt();  // everything temporary is gone by now
+  qx::ctl::EndBySignal();  // everything temporary is gone by now
   return static_cast<int>(code);
 }

@@ -154,7 +154,7 @@ pid_t Start(const std::function<void()>& body) {
 }
 
 // On standard error: the numbers, as runs.
-void Tell(const char* what, const std::deque<std::uint64_t>& numbers) {
+void PrintNumbers(const char* what, const std::deque<std::uint64_t>& numbers) {
   std::fprintf(stderr, "   %s:", what);
   for (std::size_t begin = 0, i = 1; i <= numbers.size(); ++i) {
     if (i < numbers.size() && numbers[i] == numbers[i - 1] + 1) continue;
@@ -220,8 +220,8 @@ class Model {
     }
     losses_.lost += lost;
     if (lost == 0) ++losses_.wrong_order;
-    Tell("stored", records_);
-    Tell("found", found);
+    PrintNumbers("stored", records_);
+    PrintNumbers("found", found);
   }
 
   std::deque<std::uint64_t> records_;
@@ -279,8 +279,8 @@ class BatchModel {
   void CheckNextWriter(const std::deque<std::uint64_t>& found) {
     if (found == records_) return;
     ++not_counted;
-    Tell("stored", records_);
-    Tell("found by the next writer's readers", found);
+    PrintNumbers("stored", records_);
+    PrintNumbers("found by the next writer's readers", found);
     records_ = found;
   }
 
@@ -314,8 +314,8 @@ class BatchModel {
     }
     lost += missing;
     if (missing == 0) ++wrong_order;
-    Tell("stored", records);
-    Tell("found", found);
+    PrintNumbers("stored", records);
+    PrintNumbers("found", found);
   }
 
   std::deque<std::uint64_t> records_;
@@ -346,7 +346,7 @@ class ReaderGuard {
     for (int i = 0; i < kReaders; ++i) readers_[i] = Start([i] { BeReader(SharedBlock().readers[i]); });
   }
 
-  void Look() {
+  void CheckProgress() {
     for (int i = 0; i < kReaders; ++i) {
       if (readers_[i] < 0) continue;
       if (waitpid(readers_[i], nullptr, WNOHANG) != 0) {
@@ -484,7 +484,7 @@ bool CheckKilledWriters(CrashForm form) {
     } else {
       model.Check(RecordsInStore(), SharedBlock().acknowledged, SharedBlock().attempted);
     }
-    guard.Look();
+    guard.CheckProgress();
   }
   guard.Stop();
   const Model::Losses& losses = model.Counted();
@@ -502,7 +502,7 @@ bool CheckKilledBatchWriters(CrashForm form) {
   for (int i = 0; i < kills; ++i) {
     KillSoon(Start(BeBatchWriter), random);
     CheckAfterKill(model);
-    guard.Look();
+    guard.CheckProgress();
   }
   guard.Stop();
   PrintBatchWriterRows(kills, model);

@@ -42,7 +42,7 @@ const std::string& Kept(const std::string& directory) {
 }
 
 std::string ReadTree(const std::string& directory) {
-  registry::StartAfresh(Kept(directory).c_str());
+  registry::ResetRegistry(Kept(directory).c_str());
   CRegistry::SetupTree(false);
   std::string tree;
   return registry::FormatTree(CRegistry::MRoot, tree) ? tree : "no memory";

@@ -40,7 +40,7 @@ bool is_set = false;
 
 std::string LoadedTree(const std::string& directory) {
   registry_directory = directory;
-  registry::StartAfresh(registry_directory.c_str());
+  registry::ResetRegistry(registry_directory.c_str());
   CRegistry::SetupTree(false);
   std::string tree;
   return registry::FormatTree(CRegistry::MRoot, tree) ? tree : "no memory";
@@ -66,7 +66,7 @@ void StartTrace(const std::string& directory) {
   setenv("QX_LOG_RINGBUF_DIR", directory.c_str(), 1);
   setenv("QX_LOG_DEBUG_LEVEL", "1", 1);
   (void)Debug.Init("Faults");
-  Spare(DescriptorOf(directory + "/log.faults"));
+  ExemptDescriptor(DescriptorOf(directory + "/log.faults"));
 }
 
 void OpenRegistry(const std::string& directory) {
@@ -133,7 +133,7 @@ void PrepareLoad(const std::string& directory) {
   WriteFile(directory + "/registry", kOldTree);
   WriteFile(directory + "/registry.old", kOlderTree);
   registry_directory = directory;
-  registry::StartAfresh(registry_directory.c_str());
+  registry::ResetRegistry(registry_directory.c_str());
 }
 
 void ChangeAndSave(const char* text) {
@@ -215,7 +215,7 @@ bool EditCarefully(const std::string& directory) {
       .kind = inifile::ProfileRequest::Kind::kSet, .section = "S", .key = {}, .entries = {{"k", "longer"}}};
   const inifile::ProfilePlan plan = inifile::PlanEdit(replacement.Image().bytes, request);
   if (plan.state != inifile::ProfileState::kDone) return false;
-  if (!inifile::Rehearse(plan, replacement.Image().bytes).empty()) return false;
+  if (!inifile::TryPlan(plan, replacement.Image().bytes).empty()) return false;
   if (!replacement.WriteCopy(plan.text).IsDone()) return false;
   return replacement.Commit(true).IsDone();
 }

@@ -91,7 +91,7 @@ void PrepareRestore(const std::string& directory) {
   test::WriteFile(directory + "/registry", test::RegistryWithReportRoot(directory + "/to"));
   if (chdir(directory.c_str()) != 0) std::abort();  // without a registry it goes to Reports here
   registry_directory = directory;
-  registry::StartAfresh(registry_directory.c_str());
+  registry::ResetRegistry(registry_directory.c_str());
 }
 
 void RunRestore(const std::string& directory) {
@@ -106,7 +106,7 @@ Finding JudgeRestore(const std::string& directory) {
   const bool is_whole = to == FromTree();
   const bool has_backup = TreeAt(directory + "/from") == FromTree();
   const bool is_elsewhere = TreeAt(directory + "/Reports") == FromTree();
-  registry::StartAfresh(registry_directory.c_str());
+  registry::ResetRegistry(registry_directory.c_str());
   MakeTree(directory + "/from", FromTree());
   if (!Restore(directory) || TreeAt(directory + "/to") != FromTree()) return Broken("the next restore does not work");
   if (is_whole || has_backup) return Kept();

@@ -69,7 +69,7 @@ bool HasLeftover(const std::string& directory, const char* part) {
 void RunBackup(const std::string&) { backup = report::BackupReports(reports, target); }
 
 // What of the reports the backup says that it holds.
-Tree Promised(const report::BackupResult& result) {
+Tree CopiedAsReported(const report::BackupResult& result) {
   Tree tree;
   for (const report::BackupItem& item : result.items) {
     const bool has_bytes =
@@ -92,11 +92,13 @@ Finding JudgeBackup(const std::string& directory) {
   const bool is_done = backup.has_value() && backup->state == report::BackupState::kDone;
   const bool has_target = std::filesystem::exists(target);
   if (TreeAt(reports) != before) return Broken("the reports have changed");
-  if (is_done && (!has_target || TreeAt(target) != Promised(*backup))) return Broken("not what the result says");
+  if (is_done && (!has_target || TreeAt(target) != CopiedAsReported(*backup)))
+    return Broken("not what the result says");
   if (!is_done && has_target && TreeAt(target) != before) return Broken("half a backup has the requested name");
   const report::BackupResult again = report::BackupReports(reports, target + "2");
   if (again.state != report::BackupState::kDone || TreeAt(target + "2") != before) return Broken("the next one fails");
-  if (is_done && Promised(*backup) != before) return Noted("what cannot be read is left out, and the result names it");
+  if (is_done && CopiedAsReported(*backup) != before)
+    return Noted("what cannot be read is left out, and the result names it");
   if (is_done && HasDamaged(*backup))
     return Noted("a copy that cannot be read again counts as damaged, though it is whole");
   if (is_done && HasLeftover(directory, ".partial-")) return Broken("a backup that is done leaves something over");
@@ -113,15 +115,15 @@ void PrepareRestore(const std::string& directory) {
   test::WriteFile(directory + "/registry", test::RegistryWithReportRoot(target));
   std::filesystem::current_path(directory);  // without a registry it goes to Reports here
   registry_directory = directory;
-  registry::StartAfresh(registry_directory.c_str());
+  registry::ResetRegistry(registry_directory.c_str());
 }
 
 void RunRestore(const std::string&) { restore = report::RestoreReports(reports, target, {}); }
 
-bool RestoresAfresh() {
+bool RestoresIntoEmptyDirectory() {
   std::filesystem::remove_all(target);
   std::filesystem::create_directory(target);
-  registry::StartAfresh(registry_directory.c_str());
+  registry::ResetRegistry(registry_directory.c_str());
   return report::RestoreReports(reports, target, {}).state == report::RestoreState::kDone && TreeAt(target) == before;
 }
 
@@ -133,7 +135,7 @@ Finding JudgeRestore(const std::string&) {
   const bool has_leftover = HasLeftover(target, ".restore-");
   if (TreeAt(reports) != before) return Broken("the backup has changed");
   if (is_done && !is_whole) return Broken("done, and files are missing");
-  if (!RestoresAfresh()) return Broken("the next one fails");
+  if (!RestoresIntoEmptyDirectory()) return Broken("the next one fails");
   if (is_done && has_leftover) return Broken("a restore that is done leaves something over");
   if (has_leftover) return Noted("a new file of a restore that failed could not be removed");
   if (restore.has_value() && !is_reported) return Noted("a restore that failed names the file, but no reason");

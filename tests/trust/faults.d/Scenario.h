@@ -32,10 +32,10 @@ struct Scenario {
 };
 
 // Calls on this descriptor never fail: for a log of what happened.
-void Spare(int descriptor);
+void ExemptDescriptor(int descriptor);
 
 // True if the fault of this step is one open that fails with an error that passes (EMFILE, ENFILE, ENOMEM, EINTR).
-[[nodiscard]] bool IsPassingOpenFault();
+[[nodiscard]] bool IsTransientOpenFault();
 
 std::vector<Scenario> ConfigurationScenarios();
 std::vector<Scenario> StoreScenarios();

@@ -102,7 +102,7 @@ bool HasAppendedAll() {
 }
 
 Finding JudgeAppend(const std::string& directory) {
-  if (IsPassingOpenFault() && !HasAppendedAll()) return Broken("a fault that passes kept records out");
+  if (IsTransientOpenFault() && !HasAppendedAll()) return Broken("a fault that passes kept records out");
   const std::vector<std::string> found = RecordsOf(directory);
   const Finding next = AppendMore(directory);
   if (next.kind != Finding::Kind::kKept) return next;
@@ -131,7 +131,7 @@ bool HasHeaderOfZeros(const std::string& directory) {
 }
 
 Finding JudgeCreate(const std::string& directory) {
-  if (IsPassingOpenFault() && !HasAppendedAll()) return Broken("a fault that passes kept records out");
+  if (IsTransientOpenFault() && !HasAppendedAll()) return Broken("a fault that passes kept records out");
   if (HasHeaderOfZeros(directory)) return Broken("a header that nobody wrote");
   const std::vector<std::string> found =
       test::Exists(Base(directory) + ".ind") && test::Exists(Base(directory) + ".dat") ? RecordsOf(directory)
@@ -169,7 +169,7 @@ bool IsTrueRecord(const std::string& text) {
 Finding JudgeRead(const std::string& directory) {
   const std::vector<std::string> after = RecordsOf(directory);
   if (after != Expected(kBefore)) return Broken("reading changed the store:" + Joined(after));
-  if (IsPassingOpenFault() && taken.size() != kSlots) return Broken("a fault that passes hid records");
+  if (IsTransientOpenFault() && taken.size() != kSlots) return Broken("a fault that passes hid records");
   for (const std::string& text : taken) {
     if (!IsTrueRecord(text)) return Broken("a record that is not in that slot: " + text);
   }

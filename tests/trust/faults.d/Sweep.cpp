@@ -110,7 +110,7 @@ std::vector<Fault> AllFaults(SweepForm form) {
 
 // What the child reports.
 struct Shared {
-  std::atomic<int> spared_descriptor{-1};
+  std::atomic<int> exempt_descriptor{-1};
   std::atomic<bool> is_met{false};
   std::atomic<int> kind{-1};  // of the finding; -1: it did not come that far
   char text[4000] = {};
@@ -139,14 +139,14 @@ std::string Leaked(const std::set<std::string>& before) {
   return {};
 }
 
-void Tell(const Finding& finding) {
+void StoreFinding(const Finding& finding) {
   Shared& shared = SharedBlock();
   finding.text.copy(shared.text, sizeof shared.text - 1);
   shared.kind = static_cast<int>(finding.kind);
 }
 
 // True if the scenario threw std::bad_alloc.
-bool RunMeetingFaults(const Scenario& scenario, const std::string& directory, const AllocationFault& allocation) {
+bool RunWithFaults(const Scenario& scenario, const std::string& directory, const AllocationFault& allocation) {
   bool has_thrown = false;
   const test::FailingAllocation failing(allocation);
   BeginWatched();
@@ -164,26 +164,26 @@ void RunAndJudge(const Scenario& scenario, const std::string& directory, const A
   scenario.prepare(directory);
   std::set<std::string> before = OpenDescriptors();
   before.insert(before_all.begin(), before_all.end());
-  const bool has_thrown = RunMeetingFaults(scenario, directory, allocation);
+  const bool has_thrown = RunWithFaults(scenario, directory, allocation);
   if (scenario.finish != nullptr) scenario.finish();
   const std::string leaked = Leaked(before);
   Finding finding = scenario.judge(directory);
   if (finding.kind == Finding::Kind::kKept && has_thrown)
     finding = Noted("memory ran out: std::bad_alloc for the caller");
-  Tell(leaked.empty() ? finding : Broken("still open: " + leaked));
+  StoreFinding(leaked.empty() ? finding : Broken("still open: " + leaked));
 }
 
-bool ConcernsSpared(const SystemCall& call) {
-  const int spared = SharedBlock().spared_descriptor;
-  return spared >= 0 && call.number != SYS_openat && call.number != SYS_openat2 && call.number != SYS_close &&
-         static_cast<int>(call.arguments[0]) == spared;
+bool UsesExemptDescriptor(const SystemCall& call) {
+  const int exempt = SharedBlock().exempt_descriptor;
+  return exempt >= 0 && call.number != SYS_openat && call.number != SYS_openat2 && call.number != SYS_close &&
+         static_cast<int>(call.arguments[0]) == exempt;
 }
 
 void RunInChild(const Scenario& scenario, const std::string& directory, const AllocationFault& allocation) {
   try {
     RunAndJudge(scenario, directory, allocation);
   } catch (const std::exception& error) {
-    Tell(Broken(error.what()));
+    StoreFinding(Broken(error.what()));
   }
 }
 
@@ -191,16 +191,16 @@ Watch WatchFor(const Fault& fault, long nth) {
   auto at_entry = [&fault, nth, calls = 0L](const SystemCall& call) mutable {
     const std::vector<long>& numbers = fault.kind->numbers;
     if (std::find(numbers.begin(), numbers.end(), call.number) == numbers.end()) return Treatment();
-    if (ConcernsSpared(call) || ++calls < nth || (calls > nth && !fault.lasts)) return Treatment();
+    if (UsesExemptDescriptor(call) || ++calls < nth || (calls > nth && !fault.lasts)) return Treatment();
     SharedBlock().is_met = true;
     return fault.treatment;
   };
   return {.at_entry = at_entry, .at_exit = {}};
 }
 
-bool is_passing_open_fault = false;
+bool is_transient_open_fault = false;
 
-bool IsPassingOpen(const Fault& fault) {
+bool IsTransientOpen(const Fault& fault) {
   const bool is_open = fault.kind != nullptr && fault.kind->numbers.front() == SYS_open;
   const int error = fault.treatment.error;
   return is_open && !fault.lasts && (error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR);
@@ -210,7 +210,7 @@ ChildEnd RunStep(const Scenario& scenario, const Fault& fault, long nth, const s
   new (&SharedBlock()) Shared;
   std::filesystem::remove_all(directory);
   std::filesystem::create_directory(directory);
-  is_passing_open_fault = IsPassingOpen(fault);
+  is_transient_open_fault = IsTransientOpen(fault);
   if (fault.kind == nullptr) {
     const AllocationFault allocation = {.allocator = test::Allocator::kMalloc,
                                         .nth = nth,
@@ -249,9 +249,9 @@ bool Step(const Scenario& scenario, const Fault& fault, long nth, SweepResult& r
 
 }  // namespace
 
-bool IsPassingOpenFault() { return is_passing_open_fault; }
+bool IsTransientOpenFault() { return is_transient_open_fault; }
 
-void Spare(int descriptor) { SharedBlock().spared_descriptor = descriptor; }
+void ExemptDescriptor(int descriptor) { SharedBlock().exempt_descriptor = descriptor; }
 
 SweepResult Sweep(const Scenario& scenario, SweepForm form) {
   SweepResult result;

@@ -150,7 +150,7 @@ Finding AppendTheRest(Writer& writer, std::size_t first, const std::string& dire
 }
 
 Finding JudgeWriter(const std::string& directory) {
-  if (IsPassingOpenFault() && stored != kTexts) return Broken("a fault that passes kept records out");
+  if (IsTransientOpenFault() && stored != kTexts) return Broken("a fault that passes kept records out");
   if (before != 0 && !AreInTheFiles(Newest(before + stored))) return Broken("an acknowledged record is lost");
   Writer writer;
   if (const Error error = writer.Open(base, kSlots); error.Failed()) return Broken("no next writer: " + error.text);

@@ -48,7 +48,7 @@ enum class Operation {
   kReaderReopens,
   kTransferBegins,        // one record
   kTransferBeginsInRace,  // one record, and the writer appends while it is read
-  kTransferGoesOn,        // one record
+  kTransferContinues,     // one record
   kTransferEnds,          // all that is left
 };
 constexpr int kOperations = 10;
@@ -163,12 +163,12 @@ class System {
     if (reader_.readLine(unread, model.reader.highestIndex) || unread != "as it was") return false;
     std::string runs;
     const auto taken = qx::report::RecordReader(reader_).Take(0, {model.reader.highestIndex, kChunkBytes}, &runs);
-    return taken.count == model.reader.highestIndex && runs == all && KeepsTheRing(model);
+    return taken.count == model.reader.highestIndex && runs == all && HasRecordsOf(model);
   }
 
  private:
   // The newest records, oldest first, as far as no longer record was written over them.
-  bool KeepsTheRing(const TransferModel& model) {
+  bool HasRecordsOf(const TransferModel& model) {
     CReportFileBase fresh;
     if (!fresh.OpenRead(base_.c_str()) || fresh.header().highestIndex != model.ring.size()) return false;
     for (std::uint32_t i = 0; i < model.ring.size(); ++i) {
@@ -230,7 +230,7 @@ bool Run(Operation operation, System& system, TransferModel& model) {
       return CallsAgree(system, model, 0, 1, false);
     case Operation::kTransferBeginsInRace:
       return CallsAgree(system, model, 0, 1, true);
-    case Operation::kTransferGoesOn:
+    case Operation::kTransferContinues:
       return CallsAgree(system, model, model.next, 1, false);
     default:
       return CallsAgree(system, model, model.next, kNoLimit, false);
@@ -269,7 +269,7 @@ class Search {
   }
 
   // The values that are reached last need not be kept when nothing continues from them.
-  void OneFurther(bool is_last) {
+  void AdvanceFrontier(bool is_last) {
     std::vector<TransferModel> next;
     for (const TransferModel& from : frontier_) {
       for (int i = 0; i < kOperations; ++i) {
@@ -314,7 +314,7 @@ int Check(int length, double seconds) {
   int reached = 0;
   for (double last = 0, growth = 1; reached < length && elapsed() + last * growth < seconds; ++reached) {
     const double before = elapsed();
-    search.OneFurther(reached + 1 == length);
+    search.AdvanceFrontier(reached + 1 == length);
     growth = last > 0.01 ? (elapsed() - before) / last : 8;
     last = elapsed() - before;
     std::fprintf(stderr, "model_check: length %d, %zu states, %.1f s\n", reached + 1, search.States(), elapsed());

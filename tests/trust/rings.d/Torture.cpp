@@ -60,7 +60,7 @@ pid_t Start(const std::function<void()>& work) {
   _exit(0);
 }
 
-bool EndedWell(pid_t child) {
+bool HasSucceeded(pid_t child) {
   int status = 0;
   if (waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
   std::fprintf(stderr, "torture: a process ended with status %d\n", status);
@@ -126,7 +126,7 @@ Outcome RunFor(unsigned seconds) {
 
   Outcome outcome;
   for (std::thread& thread : threads) thread.join();
-  for (const pid_t child : children) outcome.all_ended_well &= EndedWell(child);
+  for (const pid_t child : children) outcome.all_ended_well &= HasSucceeded(child);
   for (std::size_t i = 0; i < kThreads; ++i) outcome.ways[i % 2].Add(tallies[i]);
   for (std::size_t i = 0; i < kProcesses; ++i) outcome.ways[i % 2].Add(shared.tallies[i]);
   return outcome;

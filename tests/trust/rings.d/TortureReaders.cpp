@@ -34,7 +34,7 @@ struct Answer {
   int next = 0;
 };
 
-Answer Judged(const char* reply, int result, int start) {
+Answer ParsedReply(const char* reply, int result, int start) {
   CMarkup document;
   if (reply == nullptr || !document.SetDoc(reply) || !document.FindElem()) return {};
   if (result == 1 && document.GetTagName() == "Error") return {Answer::kEnd, "", start};
@@ -50,7 +50,7 @@ Answer Ask(bench::Block& block, const std::string& name, int start) {
                               "\" NrRecords=\"" + std::to_string(kRecordsACall) + "\"/>";
   char* reply = nullptr;
   const int result = module.get_reports(block.get(), request.c_str(), &reply);
-  Answer answer = Judged(reply, result, start);
+  Answer answer = ParsedReply(reply, result, start);
   module.free_reply(reply);
   return answer;
 }

@@ -150,7 +150,7 @@ void RemoveOnSignal(const std::string& directory) {
   SetHandlers();
 }
 
-void DieOfInterrupt() {
+void EndBySignal() {
   if (g_signal == 0) return;
   SetHandler(g_signal, SIG_DFL);
   (void)std::raise(g_signal);

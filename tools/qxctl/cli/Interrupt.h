@@ -40,6 +40,6 @@ class InterruptGuard {
 void RemoveOnSignal(const std::string& directory);
 
 // Ends the process with the recorded signal, if there is one, so that a shell sees why the command ended.
-void DieOfInterrupt();
+void EndBySignal();
 
 }  // namespace qx::ctl

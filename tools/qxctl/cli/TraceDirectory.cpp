@@ -58,7 +58,7 @@ Status CheckLog(const std::string& log) {
                                   ", and traces are not written through a link; remove it, or name another directory"};
 }
 
-Status Made(bool environment_is_set) {
+Status StatusOfSet(bool environment_is_set) {
   return environment_is_set ? Status() : Status(ExitCode::kIo, "no memory for the environment");
 }
 
@@ -82,7 +82,7 @@ Status TraceDirectory::Keep(const std::string& directory, int level) {
                                     " exists, and loading the module would empty it; if no service " +
                                     "writes it remove it, or name another directory"};
   }
-  if (!SetEnvironment(directory, level)) return Made(false);
+  if (!SetEnvironment(directory, level)) return StatusOfSet(false);
   is_set_ = true;
   if (!Debug.Init("qxctl")) return {ExitCode::kIo, "cannot trace into " + directory};
   Debug.SetApplInitDone();
@@ -102,7 +102,7 @@ Status TraceDirectory::ProtectService() {
   private_ = name;
   RemoveOnSignal(private_);
   is_set_ = true;
-  return Made(SetEnvironment(private_, 0));
+  return StatusOfSet(SetEnvironment(private_, 0));
 }
 
 }  // namespace qx::ctl

@@ -30,10 +30,10 @@ namespace fs = std::filesystem;
 using report::ReportStatus;
 
 std::string DirectoryFromRegistry(const DoctorPlaces& places) {
-  registry::StartAfresh(places.registry_directory.c_str());
+  registry::ResetRegistry(places.registry_directory.c_str());
   std::string directory;
   CServerControlPaths::GetServerControlReportPath(directory);
-  registry::StartAfresh(nullptr);
+  registry::ResetRegistry(nullptr);
   return directory;
 }
 
@@ -51,9 +51,9 @@ std::string DirectoryFromElsewhere(const DoctorPlaces& places) {
 
 // The settings of the registry that is checked.
 ReportSettings SettingsOf(const DoctorPlaces& places) {
-  registry::StartAfresh(places.registry_directory.c_str());
+  registry::ResetRegistry(places.registry_directory.c_str());
   ReportSettings settings = ReadReportSettings();
-  registry::StartAfresh(nullptr);
+  registry::ResetRegistry(nullptr);
   return settings;
 }
 

@@ -139,7 +139,7 @@ class RecordTarget {
   OutputFile file_;
 };
 
-Status Carry(Context& context, const Options& options, Transfer& transfer, std::uint64_t& in_slice) {
+Status TransferRecords(Context& context, const Options& options, Transfer& transfer, std::uint64_t& in_slice) {
   RecordTarget target(context, options);
   if (Status status = target.Open(); !status.IsOk()) return status;
   Status status = transfer.Run([&](const ReportReply& reply, const TransferCount& so_far) {
@@ -228,7 +228,7 @@ Status FetchReport(Context& context, const Options& options, const ModuleHost& m
   if (!options.state.empty()) return FetchResumed(context, options, worker, is_damaged);
   Transfer transfer(worker, options.report, options.chunk_records);
   std::uint64_t in_slice = 0;
-  const Status status = WithDamage(Carry(context, options, transfer, in_slice), is_damaged);
+  const Status status = WithDamage(TransferRecords(context, options, transfer, in_slice), is_damaged);
   return Summarise(context, options, transfer.Count(), in_slice, status);
 }
 

@@ -57,7 +57,7 @@ class Follow {
         filter_(options.slice),
         held_(options.slice),
         skips_(options.from_now),
-        holds_(options.slice.HoldsBack()),
+        holds_(options.slice.NeedsAllRecords()),
         is_damaged_(is_damaged),
         end_(Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(options.duration.value_or(0)))) {}
 
@@ -102,7 +102,7 @@ class Follow {
   Status Poll(bool& is_at_end) {
     report::ReportPoll poll;
     if (!follower_.Poll(RecordsToRequest(), poll)) return Retry(source_.Failure());
-    if (poll.was_outrun) return Retry(OutrunStatus(options_.report));
+    if (poll.was_overrun) return Retry(OutrunStatus(options_.report));
     failures_ = 0;
     is_missing_ = false;
     was_seen_ = true;

@@ -100,7 +100,7 @@ Status SlicedRecords::Add(std::string_view record) {
   const std::uint64_t index = printer_.Number();
   const std::optional<std::int64_t> time_ms = printer_.TimeOf(record);
   if (!filter_.Takes(TextOfRecord(record).text)) return {};
-  if (!slice_.HoldsBack()) return PrintOne(index, time_ms, record);
+  if (!slice_.NeedsAllRecords()) return PrintOne(index, time_ms, record);
   held_.Add({index, time_ms, std::string(record)});
   return {};
 }

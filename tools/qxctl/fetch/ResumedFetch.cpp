@@ -106,7 +106,7 @@ class ResumedFetch {
     for (bool reached_end = false; !reached_end;) {
       report::ReportPoll poll;
       if (!follower_->Poll(kNoLimit, poll)) return source_.Failure();
-      if (poll.was_outrun) return OutrunStatus(options_.report);
+      if (poll.was_overrun) return OutrunStatus(options_.report);
       ReportEvent(poll);
       if (Status status = Deliver(poll); !status.IsOk()) return status;
       if (poll.is_blocked) return BlockedStatus(follower_->Position().next);

@@ -114,7 +114,7 @@ Status NotSound(const std::string& file, const std::string& reason) {
 
 // Programs read the new file the next time; no note is necessary.
 Status Apply(ReplacedFile& edit, const ProfilePlan& plan, const std::string& file) {
-  if (Status status = NotSound(file, inifile::Rehearse(plan, edit.Image().bytes)); !status.IsOk()) return status;
+  if (Status status = NotSound(file, inifile::TryPlan(plan, edit.Image().bytes)); !status.IsOk()) return status;
   if (Status status = StatusOfEdit(edit.WriteCopy(plan.text)); !status.IsOk()) return status;
   return StatusOfEdit(edit.Commit(false));
 }
@@ -145,7 +145,7 @@ Status Edit(Context& context, const Values& values, const Options& options, cons
   Status done;
   if (has_changes) {
     PrintRemarks(context, plan);
-    done = options.edit.apply ? Apply(edit, plan, file) : NotSound(file, inifile::Rehearse(plan, text));
+    done = options.edit.apply ? Apply(edit, plan, file) : NotSound(file, inifile::TryPlan(plan, text));
     if (!done.IsOk() && !edit.IsInPlace()) return done;
   }
   Status shown = ShowResult(

@@ -48,7 +48,7 @@ class OpenMask {
 // --- the steps
 
 // "/a/b" => "/a", "/a/b"
-std::vector<std::string> WayTo(const std::string& path) {
+std::vector<std::string> DirectoriesTo(const std::string& path) {
   std::vector<std::string> way;
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
     way.push_back(path.substr(0, slash));
@@ -71,7 +71,7 @@ bool IsPlanned(const std::vector<SetupStep>& steps, const std::string& path) {
 }
 
 Status AddDirectory(const std::string& directory, std::vector<SetupStep>& steps) {
-  for (const std::string& path : WayTo(directory)) {
+  for (const std::string& path : DirectoriesTo(directory)) {
     if (IsPlanned(steps, path)) continue;
     struct stat status;
     const int error = file::StatusOf(path.c_str(), status);

@@ -50,9 +50,9 @@ struct Slice {
   // Whether a record's own content decides whether it is in the slice.
   [[nodiscard]] bool Filters() const { return HasTimes() || pattern != nullptr; }
   // Whether nothing can be printed before the last record is known.
-  [[nodiscard]] bool HoldsBack() const { return last.has_value() || reverse; }
+  [[nodiscard]] bool NeedsAllRecords() const { return last.has_value() || reverse; }
   // Whether it is every record in order.
-  [[nodiscard]] bool IsWhole() const { return !Filters() && !HoldsBack(); }
+  [[nodiscard]] bool IsWhole() const { return !Filters() && !NeedsAllRecords(); }
 };
 
 // Whether a record of this time is between the limits. A record without a known time is outside all limits.

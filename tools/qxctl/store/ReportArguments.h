@@ -60,17 +60,17 @@ Status ReportsOf(const Values& values, Output& output, ReportArguments& argument
 void MakeSubdirectories(const std::string& directory, const std::string& name);
 
 // Runs a command for one report after the other. Of several reports each failure is printed here, and the result has
-// the gravest code without a message.
+// the worst code without a message.
 template <typename Run>
 Status ForEachReport(Output& output, const ReportArguments& arguments, Run run) {
-  ExitCode gravest = arguments.code;
+  ExitCode worst = arguments.code;
   for (const ReportArgument& report : arguments.reports) {
     Status status = run(report);
-    if (arguments.reports.size() == 1 && status.Code() >= gravest) return status;
+    if (arguments.reports.size() == 1 && status.Code() >= worst) return status;
     output.Problem(status);
-    gravest = std::max(gravest, status.Code());
+    worst = std::max(worst, status.Code());
   }
-  return {gravest, ""};
+  return {worst, ""};
 }
 
 }  // namespace qx::ctl

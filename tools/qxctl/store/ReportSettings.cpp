@@ -62,8 +62,8 @@ std::string Joined(const std::string& above, const std::string& name) {
 }
 
 // The text of `name` or of a name near it, in the key at the end of `parts` from `first` on.
-std::string MeantBelow(const CRegistryNode* key, const std::vector<std::string>& parts, std::size_t first,
-                       std::string_view name) {
+std::string ValueOfNearName(const CRegistryNode* key, const std::vector<std::string>& parts, std::size_t first,
+                            std::string_view name) {
   for (std::size_t i = first; i < parts.size() && key != nullptr; ++i) key = registry::FindKey(*key, parts[i]);
   return ValueIn(key, name).text.value_or("");
 }
@@ -77,7 +77,7 @@ void CheckPath(const CRegistryNode& tree, const std::string& path, std::string_v
     const CRegistryNode* const next = registry::FindKey(*key, parts[i]);
     if (next == nullptr) {
       for (const std::string& near : NearNames(parts[i], NamesIn(*key).keys)) {
-        const std::string meant = MeantBelow(registry::FindKey(*key, near), parts, i + 1, value);
+        const std::string meant = ValueOfNearName(registry::FindKey(*key, near), parts, i + 1, value);
         settings.mistakes.push_back({SettingMistake::Kind::kNearKey, above, near, parts[i], meant});
       }
       return;

@@ -209,7 +209,7 @@ class SlicedEntries {
   SlicedEntries(const Slice& slice, ShowPrinter& printer) : slice_(slice), held_(slice), printer_(printer) {}
 
   Status Add(const TraceEntry& entry, const std::string& file) {
-    if (!slice_.HoldsBack()) return printer_.Entry(entry, file);
+    if (!slice_.NeedsAllRecords()) return printer_.Entry(entry, file);
     if (HasHeader(entry) || group_.file != file) Hold();
     group_.file = file;
     group_.entries.push_back(entry);

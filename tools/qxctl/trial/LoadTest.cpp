@@ -25,7 +25,7 @@ class Gate {
  public:
   explicit Gate(unsigned workers) : workers_(workers) {}
 
-  void Arrive() {
+  void WaitForRound() {
     std::unique_lock lock(mutex_);
     const unsigned round = round_;
     ++waiting_;
@@ -99,9 +99,9 @@ class LoadWorker {
     const std::uint64_t share = Share();
     const double seconds = shared_.plan.seconds;
     RunPhase(worker, script, share == 0 ? 0 : std::max(kWarmUpMin, share / 10), seconds / 10, nullptr);
-    shared_.gate.Arrive();
+    shared_.gate.WaitForRound();
     RunPhase(worker, script, share, seconds, &latency_);
-    shared_.gate.Arrive();
+    shared_.gate.WaitForRound();
   }
 
   // This thread's part of all requests; 0 if only the time counts.

@@ -66,7 +66,7 @@ unsigned long long Wide(std::uint64_t number) { return number; }
 
 // --- findings
 
-void JudgeGrowth(const char* what, std::size_t start, std::size_t end, const Options& options, LoadReport& report) {
+void CheckGrowth(const char* what, std::size_t start, std::size_t end, const Options& options, LoadReport& report) {
   const std::size_t limit = options.growth_kilobytes * kBytesPerKilobyte;
   if (end <= start || end - start <= limit) return;
   report.findings.push_back(
@@ -77,7 +77,7 @@ void JudgeGrowth(const char* what, std::size_t start, std::size_t end, const Opt
                       static_cast<double>(limit) / kBytesPerMegabyte)});
 }
 
-void JudgeDescriptors(const LoadPlan& plan, LoadReport& report) {
+void CheckDescriptors(const LoadPlan& plan, LoadReport& report) {
   constexpr std::size_t kFilesOfAReport =
       2;  // a thread in the middle of a transfer has them open, a thread at the end may not
   const LoadResult& result = report.result;
@@ -91,15 +91,15 @@ void JudgeDescriptors(const LoadPlan& plan, LoadReport& report) {
   }
 }
 
-void Judge(const Options& options, LoadReport& report) {
+void CheckResult(const Options& options, LoadReport& report) {
   const LoadResult& result = report.result;
   if (result.failures > 0) {
     report.findings.push_back({"failures", Text("%llu replies were not as expected", Wide(result.failures))});
   }
-  JudgeGrowth("the memory in use", result.memory_start.in_use_bytes, result.memory_end.in_use_bytes, options, report);
-  JudgeGrowth("the resident memory", result.memory_start.resident_bytes, result.memory_end.resident_bytes, options,
+  CheckGrowth("the memory in use", result.memory_start.in_use_bytes, result.memory_end.in_use_bytes, options, report);
+  CheckGrowth("the resident memory", result.memory_start.resident_bytes, result.memory_end.resident_bytes, options,
               report);
-  JudgeDescriptors(options.plan, report);
+  CheckDescriptors(options.plan, report);
   if (!report.is_unmapped) {
     report.findings.push_back({"unload", "the module is still mapped after dlclose"});
   }
@@ -143,7 +143,7 @@ std::string MemoryText(const LoadResult& result) {
               megabytes(result.memory_start.in_use_bytes), megabytes(result.memory_end.in_use_bytes));
 }
 
-std::string Judged(const Output& output, bool is_good, const std::string& text) {
+std::string PaintedResult(const Output& output, bool is_good, const std::string& text) {
   return output.Paint(is_good ? Style::kGood : Style::kBad, text);
 }
 
@@ -152,8 +152,8 @@ std::string ReportText(const Options& options, const LoadReport& report, const O
   const double rate = result.seconds > 0 ? static_cast<double>(result.requests) / result.seconds : 0;
   std::string text = Text("requests      %llu in %.2f s by %u threads, after %llu to warm up\n", Wide(result.requests),
                           result.seconds, options.plan.threads, Wide(result.warm_up_requests)) +
-                     "failures      " + Judged(output, result.failures == 0, std::to_string(result.failures)) + "\n" +
-                     Text("rate          %.1f requests/s\n", rate);
+                     "failures      " + PaintedResult(output, result.failures == 0, std::to_string(result.failures)) +
+                     "\n" + Text("rate          %.1f requests/s\n", rate);
   text += "latency       p50 " + TimeText(result.latency.Percentile(0.5)) + ", p90 " +
           TimeText(result.latency.Percentile(0.9)) + ", p99 " + TimeText(result.latency.Percentile(0.99)) + ", p99.9 " +
           TimeText(result.latency.Percentile(0.999)) + ", max " + TimeText(result.latency.Max()) + "\n";
@@ -161,7 +161,7 @@ std::string ReportText(const Options& options, const LoadReport& report, const O
   text += Text("descriptors   %zu before the load, %zu at the start, %zu at the end, %zu after the unload\n",
                report.descriptors_before, result.descriptors_start, result.descriptors_end, report.descriptors_after);
   const char* const unload = report.is_unmapped ? "the module is unmapped" : "still mapped";
-  return text + "unload        " + Judged(output, report.is_unmapped, unload) + "\n";
+  return text + "unload        " + PaintedResult(output, report.is_unmapped, unload) + "\n";
 }
 
 Json LatencyToJson(const LatencyHistogram& latency) {
@@ -283,7 +283,7 @@ Status LoadTest(Context& context, const Values& values) {
   if (Status status = RunUnderLoad(context, options, report); !status.IsOk()) return status;
   report.descriptors_after = OpenDescriptors();
   report.is_unmapped = !IsMapped(FindModule(options.call.module_path));
-  Judge(options, report);
+  CheckResult(options, report);
   return Show(context, values, options, report);
 }
 

@@ -120,7 +120,7 @@ std::string UnloadWithoutEnd(FaultHost& host) {
 }
 
 // Requests of one thread: each has its own number, which must be in the reply.
-unsigned MixUps(FaultHost& host, unsigned number) {
+unsigned CountWrongReplies(FaultHost& host, unsigned number) {
   constexpr unsigned kRequests = 100;
   unsigned wrong = 0;
   void* data = nullptr;
@@ -143,7 +143,7 @@ std::string Interleaved(FaultHost& host) {
   std::atomic<unsigned> wrong{0};
   std::vector<std::thread> threads;
   for (unsigned i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&host, &wrong, i] { wrong += MixUps(host, i); });
+    threads.emplace_back([&host, &wrong, i] { wrong += CountWrongReplies(host, i); });
   }
   for (std::thread& thread : threads) thread.join();
   return std::to_string(wrong) + " replies of other calls";

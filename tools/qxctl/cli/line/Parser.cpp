@@ -134,7 +134,7 @@ class LineParser {
 
   Status TakeOption(const GivenOption& given) {
     const Parameter& option = *given.option;
-    if (option.kind != ValueKind::kNone) return Give(*values_.at(&option), *given.value);
+    if (option.kind != ValueKind::kNone) return SetValue(*values_.at(&option), *given.value);
     if (given.value) {
       return {ExitCode::kUsage, ShownName(option) + " takes no value; give " + ShownName(option) + " alone"};
     }
@@ -185,7 +185,7 @@ class LineParser {
     return {};
   }
 
-  static Status Give(Value& value, std::string_view text) {
+  static Status SetValue(Value& value, std::string_view text) {
     const Parameter& parameter = *value.parameter;
     if (value.is_given && !parameter.is_repeatable) {
       return {ExitCode::kUsage, ShownName(parameter) + " is given twice; give it once"};
@@ -212,19 +212,19 @@ class LineParser {
   Status Complete(Tokens arguments) {
     const auto end = std::find(arguments.begin(), arguments.end(), kEndOfOptions);
     if (end != arguments.end()) arguments.erase(end);
-    if (Status status = GiveArguments(arguments); !status.IsOk()) return status;
+    if (Status status = SetArguments(arguments); !status.IsOk()) return status;
     for (const auto& value : line_.values.All()) {
       if (Status status = CheckRelations(value); !status.IsOk()) return status;
     }
     return {};
   }
 
-  Status GiveArguments(const Tokens& arguments) {
+  Status SetArguments(const Tokens& arguments) {
     std::size_t given = 0;
     for (const Parameter* const argument : ArgumentsOf(Reached())) {
       const std::size_t end = argument->is_repeatable ? arguments.size() : std::min(given + 1, arguments.size());
       for (; given < end; ++given) {
-        if (Status status = Give(*values_.at(argument), arguments[given]); !status.IsOk()) return status;
+        if (Status status = SetValue(*values_.at(argument), arguments[given]); !status.IsOk()) return status;
       }
     }
     if (given == arguments.size()) return {};
