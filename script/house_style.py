@@ -40,6 +40,8 @@ MODULE = set(LAYERS)
 LAYERS["base/tools"] = {"base"}
 for folder in ("debug", "inifile", "registry", "reportfile", "provider"):
     LAYERS[f"{folder}/tools"] = LAYERS[folder] | {folder, "base/tools"}
+# Work on a whole directory of reports: survey, backup, restore.
+LAYERS["reportfile/tools/directory"] = LAYERS["reportfile/tools"] | {"reportfile/tools"}
 # What agents link, above what the module consists of.
 LAYERS["sdk"] = {"base", "paths", "reportfile", "reportfile/tools"}
 FOLDER_TOOLS = set(LAYERS) - MODULE  # the programs may include sdk, too

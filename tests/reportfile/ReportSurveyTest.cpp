@@ -1,5 +1,5 @@
 // Which reports a directory has, and their states.
-#include "reportfile/tools/ReportSurvey.h"
+#include "reportfile/tools/directory/ReportSurvey.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,8 +13,8 @@
 #include <string>
 
 #include "reportfile/ReportFileBase.h"
-#include "reportfile/tools/StoreBackup.h"
 #include "reportfile/tools/WritingProcesses.h"
+#include "reportfile/tools/directory/StoreBackup.h"
 #include "tests/support/Support.h"
 
 namespace qx::test {

@@ -8,9 +8,9 @@
 #include <filesystem>
 #include <optional>
 
-#include "reportfile/tools/StoreBackup.h"
-#include "reportfile/tools/StoreRestore.h"
 #include "reportfile/tools/WritingProcesses.h"
+#include "reportfile/tools/directory/StoreBackup.h"
+#include "reportfile/tools/directory/StoreRestore.h"
 #include "tests/provider/ReportRoot.h"
 #include "tests/reportfile/StoreLife.h"
 #include "tests/support/EachAllocation.h"

@@ -1,4 +1,4 @@
-#include "reportfile/tools/StoreBackup.h"
+#include "reportfile/tools/directory/StoreBackup.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "reportfile/tools/StoreCopy.h"
+#include "reportfile/tools/directory/StoreCopy.h"
 #include "tests/reportfile/StoreLife.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FailingFileCalls.h"

@@ -14,8 +14,8 @@
 #include <string>
 
 #include "reportfile/tools/DurableFiles.h"
-#include "reportfile/tools/StoreBackup.h"
-#include "reportfile/tools/StoreRestore.h"
+#include "reportfile/tools/directory/StoreBackup.h"
+#include "reportfile/tools/directory/StoreRestore.h"
 #include "tests/reportfile/Trees.h"
 #include "tests/support/Attacker.h"
 #include "tests/support/FailingFileCalls.h"

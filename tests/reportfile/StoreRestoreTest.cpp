@@ -1,4 +1,4 @@
-#include "reportfile/tools/StoreRestore.h"
+#include "reportfile/tools/directory/StoreRestore.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -9,9 +9,9 @@
 #include "registry/RegistryPaths.h"
 #include "reportfile/RecordReader.h"
 #include "reportfile/ReportFileBase.h"
-#include "reportfile/tools/StoreBackup.h"
-#include "reportfile/tools/StoreRestore.h"
 #include "reportfile/tools/StoreSalvage.h"
+#include "reportfile/tools/directory/StoreBackup.h"
+#include "reportfile/tools/directory/StoreRestore.h"
 #include "tests/support/Support.h"
 #include "tests/trust/faults.d/Scenario.h"
 

@@ -14,7 +14,7 @@
 #include "provider/ServerControlPaths.h"
 #include "registry/RegistryPaths.h"
 #include "reportfile/StoreFormat.h"
-#include "reportfile/tools/ReportSurvey.h"
+#include "reportfile/tools/directory/ReportSurvey.h"
 #include "tools/qxctl/cli/text/Duration.h"
 #include "tools/qxctl/cli/text/Quote.h"
 #include "tools/qxctl/doctor/Doctor.h"

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "reportfile/tools/StoreBackup.h"
-#include "reportfile/tools/StoreRestore.h"
+#include "reportfile/tools/directory/StoreBackup.h"
+#include "reportfile/tools/directory/StoreRestore.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/FileStatus.h"
 #include "tools/qxctl/cli/LongStep.h"

@@ -14,9 +14,9 @@
 
 #include "base/File.h"
 #include "reportfile/StoreFormat.h"
-#include "reportfile/tools/ReportSurvey.h"
 #include "reportfile/tools/StoreSalvage.h"
 #include "reportfile/tools/StoreVerify.h"
+#include "reportfile/tools/directory/ReportSurvey.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/FileStatus.h"
 #include "tools/qxctl/cli/LongStep.h"

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "reportfile/tools/ReportSurvey.h"
+#include "reportfile/tools/directory/ReportSurvey.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"

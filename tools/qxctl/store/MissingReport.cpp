@@ -8,7 +8,7 @@
 
 #include "base/File.h"
 #include "reportfile/StoreFormat.h"
-#include "reportfile/tools/ReportSurvey.h"
+#include "reportfile/tools/directory/ReportSurvey.h"
 #include "tools/qxctl/cli/FileStatus.h"
 #include "tools/qxctl/cli/text/NearNames.h"
 #include "tools/qxctl/cli/text/Quote.h"

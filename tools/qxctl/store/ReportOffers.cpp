@@ -1,6 +1,6 @@
 #include "tools/qxctl/store/ReportOffers.h"
 
-#include "reportfile/tools/ReportSurvey.h"
+#include "reportfile/tools/directory/ReportSurvey.h"
 #include "tools/qxctl/store/ReportDirectory.h"
 
 namespace qx::ctl {

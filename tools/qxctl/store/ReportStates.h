@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "reportfile/tools/ReportSurvey.h"
+#include "reportfile/tools/directory/ReportSurvey.h"
 
 namespace qx::ctl {
 

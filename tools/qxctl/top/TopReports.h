@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "reportfile/tools/ReportSurvey.h"
+#include "reportfile/tools/directory/ReportSurvey.h"
 #include "tools/qxctl/chart/RecordFields.h"
 
 namespace qx::ctl {

@@ -9,7 +9,7 @@
 
 #include "base/File.h"
 #include "reportfile/tools/DurableFiles.h"
-#include "reportfile/tools/ReportSurvey.h"
+#include "reportfile/tools/directory/ReportSurvey.h"
 #include "tools/qxrelay/message/Message.h"
 #include "tools/qxrelay/message/Subject.h"
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "reportfile/tools/StoreBackup.h"
+#include "reportfile/tools/directory/StoreBackup.h"
 
 namespace qx::report {
 

@@ -1,4 +1,4 @@
-#include "reportfile/tools/StoreCopy.h"
+#include "reportfile/tools/directory/StoreCopy.h"
 
 #include <sys/stat.h>
 

@@ -1,4 +1,4 @@
-#include "reportfile/tools/ReportSurvey.h"
+#include "reportfile/tools/directory/ReportSurvey.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,8 +10,8 @@
 #include "reportfile/DirectoryListing.h"
 #include "reportfile/StoreFormat.h"
 #include "reportfile/tools/DurableFiles.h"
-#include "reportfile/tools/StoreBackup.h"
 #include "reportfile/tools/WritingProcesses.h"
+#include "reportfile/tools/directory/StoreBackup.h"
 
 namespace qx::report {
 

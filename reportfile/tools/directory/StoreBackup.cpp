@@ -1,4 +1,4 @@
-#include "reportfile/tools/StoreBackup.h"
+#include "reportfile/tools/directory/StoreBackup.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,8 +17,8 @@
 #include "reportfile/StoreFormat.h"
 #include "reportfile/tools/ByteSource.h"
 #include "reportfile/tools/DurableFiles.h"
-#include "reportfile/tools/StoreCopy.h"
 #include "reportfile/tools/StoreVerify.h"
+#include "reportfile/tools/directory/StoreCopy.h"
 
 namespace qx::report {
 
