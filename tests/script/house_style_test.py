@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Which lines script/house_style.py refuses: file calls outside the seam, and errno as an argument."""
+"""What script/house_style.py refuses: file calls outside the seam, errno as an argument, and too many files in a folder."""
 import pathlib
 import sys
 
@@ -41,6 +41,15 @@ ROWS = [
     ("tools/qxctl/cli/Any.cpp", "      error_(errno) {}", None),
 ]
 
+#   folder, sources and headers in it, findings
+FOLDERS = [
+    ("tools/qxctl/cli", house_style.FOLDER_FILES_MAX, 0),
+    ("tools/qxctl/cli", house_style.FOLDER_FILES_MAX + 1, 1),
+    ("reportfile/tools", house_style.FOLDER_FILES_MAX + 1, 1),
+    ("debug", house_style.FOLDER_FILES_MAX + 1, 1),
+    ("markup", house_style.FOLDER_FILES_MAX + 1, 0),
+]
+
 
 def main():
     failures = 0
@@ -49,7 +58,12 @@ def main():
         if found != ([expected] if expected else []):
             print(f"{file}: {line}\n  expected {expected}, found {found}")
             failures += 1
-    print(f"{len(ROWS)} lines, {failures} failures")
+    for folder, count, findings in FOLDERS:
+        found = list(house_style.check_folders([pathlib.Path(f"{folder}/{i}.h") for i in range(count)]))
+        if len(found) != findings:
+            print(f"{folder} with {count} files: expected {findings} findings, found {found}")
+            failures += 1
+    print(f"{len(ROWS)} lines, {len(FOLDERS)} folders, {failures} failures")
     return 1 if failures else 0
 
 
