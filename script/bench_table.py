@@ -94,9 +94,9 @@ def print_head(title, *columns):
     print(f"\n{title}\n\n| {' | '.join(columns)} |\n|{'---|' * len(columns)}")
 
 
-def section(tasks, wanted, title, *columns):
+def section(tasks, belongs, title, *columns):
     """Prints the head of a table, and measures one by one the tasks that belong to it."""
-    mine = [task for task in tasks if wanted(task)]
+    mine = [task for task in tasks if belongs(task)]
     if mine:
         print_head(title, *columns)
     for task in mine:

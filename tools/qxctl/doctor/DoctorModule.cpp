@@ -67,10 +67,10 @@ std::string Load(const std::string& path) {
     return std::string("QX102 ") + (reason != nullptr ? reason : "no reason given");
   }
   const std::string missing = MissingNames(library);
-  std::string told = "QX100 " + TextAt(library, "DreQXObjectName") + " " + TextAt(library, "DreQXObjectVersion");
-  if (!missing.empty()) told = "QX104 " + missing;
+  std::string text = "QX100 " + TextAt(library, "DreQXObjectName") + " " + TextAt(library, "DreQXObjectVersion");
+  if (!missing.empty()) text = "QX104 " + missing;
   (void)dlclose(library);
-  return told;
+  return text;
 }
 
 // The command that checks the installed module, or installs it.

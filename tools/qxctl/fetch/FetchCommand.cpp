@@ -199,8 +199,8 @@ Status FetchResumed(Context& context, const Options& options, WorkerThread& work
     return status;
   }
   const TransferCount count = {result.records, result.chunks, result.bytes, result.module_seconds};
-  const Status told = status.Message().empty() ? Status(status.Code(), result.message) : status;
-  Json summary = SummaryToJson(options, count, told);
+  const Status reported = status.Message().empty() ? Status(status.Code(), result.message) : status;
+  Json summary = SummaryToJson(options, count, reported);
   if (status.Code() == ExitCode::kFinding && status.Message().empty()) {
     summary["outcome"] = is_damaged ? "damaged" : "complete";
   }

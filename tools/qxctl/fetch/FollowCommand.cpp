@@ -121,8 +121,8 @@ class Follow {
   std::uint32_t RecordsToRequest() const {
     constexpr std::uint64_t kAll = std::numeric_limits<std::int32_t>::max();
     const bool prints_all = !skips_ && !holds_ && !options_.slice.Filters();
-    const std::uint64_t wanted = options_.count && prints_all ? *options_.count - printed_ : kAll;
-    return static_cast<std::uint32_t>(std::min(wanted, kAll));
+    const std::uint64_t records_max = options_.count && prints_all ? *options_.count - printed_ : kAll;
+    return static_cast<std::uint32_t>(std::min(records_max, kAll));
   }
 
   // A report may be missing for a moment while its agent starts it over, and a call may fail once: both are reported,

@@ -41,8 +41,8 @@ const CallJson* FieldReader::Find(const char* key) const {
   return found == object_.end() ? nullptr : &*found;
 }
 
-bool FieldReader::Wrong(const char* key, const char* wanted) const {
-  return Fails(problem_, "\"" + std::string(key) + "\" is not " + wanted);
+bool FieldReader::Wrong(const char* key, const char* kind) const {
+  return Fails(problem_, "\"" + std::string(key) + "\" is not " + kind);
 }
 
 bool FieldReader::Only(std::initializer_list<std::string_view> keys) const {

@@ -39,7 +39,7 @@ class FieldReader {
   bool OptionalNumber(const char* key, std::optional<std::uint32_t>& number) const;
 
  private:
-  bool Wrong(const char* key, const char* wanted) const;
+  bool Wrong(const char* key, const char* kind) const;
   const CallJson* Find(const char* key) const;
 
   const CallJson& object_;

@@ -42,11 +42,11 @@ void LatencyHistogram::Add(const LatencyHistogram& other) {
 }
 
 std::uint64_t LatencyHistogram::Percentile(double share) const {
-  const auto wanted = static_cast<std::uint64_t>(std::ceil(share * static_cast<double>(count_)));
+  const auto rank = static_cast<std::uint64_t>(std::ceil(share * static_cast<double>(count_)));
   std::uint64_t seen = 0;
   for (std::size_t i = 0; i < kBuckets; ++i) {
     seen += buckets_[i];
-    if (seen != 0 && seen >= wanted) return std::min(LastOf(i), max_);
+    if (seen != 0 && seen >= rank) return std::min(LastOf(i), max_);
   }
   return max_;
 }

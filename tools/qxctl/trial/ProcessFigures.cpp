@@ -48,10 +48,10 @@ std::size_t OpenDescriptors() {
 bool IsMapped(const std::string& path) {
   std::error_code error;
   const std::filesystem::path canonical = std::filesystem::canonical(path, error);
-  const std::string wanted = error ? path : canonical.string();
+  const std::string mapped_file = error ? path : canonical.string();
   std::istringstream maps(file::TextOf("/proc/self/maps"));
   for (std::string line; std::getline(maps, line);) {
-    if (line.ends_with(" " + wanted)) return true;
+    if (line.ends_with(" " + mapped_file)) return true;
   }
   return false;
 }
