@@ -199,6 +199,45 @@ TEST(Explanations, EveryErrorThatAPageNamesIsKnown) {
   }
 }
 
+// "code: meaning | cause | action", in the order of the table.
+std::vector<std::string> RowsOfExplanations() {
+  std::vector<std::string> rows;
+  for (const Explanation& one : AllExplanations()) {
+    const bool is_in_page = one.kind == ExplainedKind::kResult || one.kind == ExplainedKind::kErrorNumber ||
+                            one.kind == ExplainedKind::kFinding;
+    if (!is_in_page) continue;
+    rows.push_back(std::string(one.code) + ": " + std::string(one.meaning) + " | " + std::string(one.cause) + " | " +
+                   std::string(one.action));
+  }
+  return rows;
+}
+
+// The same from the tables of a page. The severity, which only codes of doctor have, is left out.
+//   "| `QX100` | ok | It loads | The ordinary case | Nothing |"  => "QX100: It loads | The ordinary case | Nothing"
+std::vector<std::string> RowsOfPage(const std::string& page) {
+  std::vector<std::string> rows;
+  std::istringstream lines(page);
+  bool is_in_table = false;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.ends_with("| what it means | likely cause | what to do |")) is_in_table = true;
+    if (!line.starts_with("| ")) is_in_table = is_in_table && line.starts_with("|--");
+    if (!is_in_table || line.starts_with("|--") || line.ends_with("| what to do |")) continue;
+    const bool has_severity = line.starts_with("| `");
+    const std::size_t end_of_code = line.find(" | ");
+    const std::size_t before_meaning = has_severity ? line.find(" | ", end_of_code + 3) : end_of_code;
+    rows.push_back(Replaced(line.substr(2, end_of_code - 2), "`", "") + ": " +
+                   line.substr(before_meaning + 3, line.size() - before_meaning - 5));
+  }
+  return rows;
+}
+
+TEST(Explanations, TablesOfThePageAreThoseOfExplain) {
+  const std::string page = ReadFile(std::string(QX_SOURCE_DIR) + "/docs/troubleshooting.md");
+  const std::vector<std::string> rows = RowsOfExplanations();
+  EXPECT_GT(rows.size(), 70U);
+  EXPECT_THAT(RowsOfPage(page), testing::UnorderedElementsAreArray(rows));
+}
+
 TEST(Explanations, EveryReplyMessageIsFoundAndIsInTheSources) {
   std::string sources;
   for (const auto& entry : std::filesystem::directory_iterator(std::string(QX_SOURCE_DIR) + "/provider")) {
