@@ -119,7 +119,7 @@ struct Progress {
 [[nodiscard]] int Sync(int descriptor);
 [[nodiscard]] int SyncData(int descriptor);
 [[nodiscard]] int SyncFileSystem(int descriptor);
-// Everything of every file system; there is no failure to report.
+// Syncs everything of every file system. It cannot fail.
 void SyncAllFileSystems();
 // Opens the directory, syncs it and closes it.
 [[nodiscard]] int SyncDirectory(const char* path, int directory = AT_FDCWD);
@@ -134,7 +134,7 @@ void SyncAllFileSystems();
 // Renames `from`, replacing `to`.
 [[nodiscard]] int Rename(const char* from, const char* to);
 [[nodiscard]] int Rename(int from_directory, const char* from, int to_directory, const char* to);
-// EEXIST if there is a `to`. A file system that cannot promise this is asked before the rename instead.
+// EEXIST if there is a `to`. On a file system that cannot guarantee this, the check is made before the rename.
 [[nodiscard]] int RenameWithoutReplacing(const char* from, const char* to, int from_directory = AT_FDCWD,
                                          int to_directory = AT_FDCWD);
 // Swaps two names in one step.

@@ -198,7 +198,7 @@ void CDebug::PrintToLogFile(const char* format, ...) {
   va_end(args);
 }
 
-// Target 0 means the current one, which may be 0 itself: then the entry goes nowhere.
+// Target 0 means the current target. If that is 0 as well, the entry goes nowhere.
 void CDebug::WriteEntry(std::uint32_t target, const char* format, std::va_list args, const char* module) {
   const std::uint32_t to = target != kTargetNone ? target : target_.load(std::memory_order_relaxed);
   if (to == kTargetLogFile) TraceToLogFile(format, args, module);

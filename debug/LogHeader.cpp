@@ -113,7 +113,7 @@ void CDebug::PrintVariables(std::uint32_t target) {
 
 namespace {
 
-// The header shows unsigned settings as "%d": all ones, what no source has set, reads -1.
+// The header shows unsigned settings as "%d": all ones, the value of a setting that no source has set, shows as -1.
 constexpr int AsInt(std::uint32_t value) { return static_cast<std::int32_t>(value); }
 
 }  // namespace

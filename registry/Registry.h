@@ -83,23 +83,23 @@ class CRegistry {
   // dropped; ValueSize() is then the length without the NUL. Valid until the next read through this handle.
   // [owning thread]
   unsigned char* GetValue(const char* name, CRegistryNode* node = nullptr);
-  // A value of exactly 4 bytes as a number, whatever its type: 0, 22 or 61, which a null `dword` gives, too.
+  // Reads a value of exactly 4 bytes as a number, whatever its type. 0, 22 or 61; a null `dword` also returns 61.
   // [owning thread]
   long QueryValue(unsigned* dword, const char* name, CRegistryNode* node = nullptr);
   // A string: 0, 22 or 61. [owning thread]
   long QueryValue(std::string& out, const char* name, CRegistryNode* node = nullptr);
-  // A string into `buf` of *count bytes: 0 with *count = length without the NUL; 34 when the NUL does not fit, `buf`
-  // then holding *count bytes without one. A null `buf` asks for the bytes needed. 22 and 61 as above. [owning thread]
+  // Reads a string into `buf` of *count bytes. 0: *count is its length without the NUL. 34: the NUL does not fit; `buf`
+  // has *count bytes without one. Null `buf`: *count becomes the bytes needed. 22 and 61 as above. [owning thread]
   long QueryValue(char* buf, const char* name, unsigned* count, CRegistryNode* node = nullptr);
   long QueryValue(char* buf, const char* name, unsigned count, CRegistryNode* node = nullptr);
-  // Value `index` among those of `type` (999: all), in the order of names. Name as in EnumKey. With data and data_len:
-  // a string as in QueryValue, whose result is not passed on; a number if 4 bytes fit, else *data_len = 0; of other
-  // types no data (*data_len = 0). 0, 22 or 61. [owning thread]
+  // Returns the value `index` among those of `type` (999: all), in the order of names, with its name as in EnumKey. If
+  // data and data_len are given, they get a string as in QueryValue (its result is dropped), or a number if 4 bytes
+  // fit. Otherwise, and for other types, *data_len is 0. The result is 0, 22 or 61. [owning thread]
   long EnumVal(char* name, unsigned* name_len, unsigned index, unsigned type, unsigned char* data, unsigned* data_len);
   long EnumVal(char* name, unsigned name_len, unsigned index, unsigned type, unsigned char* data, unsigned data_len);
   // Stores `size` bytes (a string without its NUL) under `name`, replacing whatever has that name, a subkey included. A
-  // null name stores nothing and is true. False: no key, unknown type, a number whose size is not 4, no data where
-  // there should be some. Even a refused call makes the next destroyed handle write the tree. [owning thread]
+  // null name stores nothing and is true. False: no key, an unknown type, a number whose size is not 4, or null data
+  // with a size. Even after a refused call, the next handle that is destroyed writes the tree. [owning thread]
   bool SetValue(const char* name, const unsigned char* data, unsigned size, unsigned type,
                 CRegistryNode* node = nullptr);
   // In the current key, as REG_DWORD and REG_SZ: 0 or 22. [owning thread]
@@ -164,7 +164,7 @@ class CRegistry {
   std::uint32_t value_size_ = 0;
   std::int32_t value_type_ = 0;
   std::uint32_t expand_ = 1;
-  // Recorded by the enumerations; every enumeration starts again from its index.
+  // One after the index of the last enumeration. Nothing reads it: each call passes its own index.
   std::uint32_t key_index_next_ = 0;
   std::uint32_t key_position_next_ = 0;
   std::uint32_t value_index_next_ = 0;

@@ -29,7 +29,8 @@ CRegistryNode* Subkey(const CRegistryNode& key, std::string_view name) {
 }
 
 // Search and creation are one step: otherwise two threads that create the same key would each get a different one. An
-// entry without a value (a hive that the file does not have) is filled. Null: the name is a value's, or no memory.
+// entry without a value (a hive that the file does not have) is filled. Null if the name is that of a value, or if
+// there is no memory.
 CRegistryNode* SubkeyOrNew(CRegistryNode& key, std::string_view name) {
   const LockScope lock(key.Lock());
   StrMapEntry* entry = key.Find(name);
@@ -50,7 +51,8 @@ CRegistryNode* SubkeyOrNew(CRegistryNode& key, std::string_view name) {
   return subkey;
 }
 
-// Takes an entry out of `key`. Nothing when the name is missing or, with `subkeys_only`, another kind of entry.
+// Takes an entry out of `key`. Returns nothing if there is no such name, or if `subkeys_only` is set and the entry is
+// not a subkey.
 OwnedValue TakeOut(CRegistryNode& key, const char* name, bool subkeys_only) {
   const LockScope lock(key.Lock());
   StrMapEntry* entry = key.Find(name);

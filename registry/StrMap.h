@@ -88,7 +88,7 @@ class CStrMap {
   void Discard();
   // Exchanges all entries with `other`; the locks stay where they are.
   void SwapEntries(CStrMap& other) noexcept;
-  // Slots for `count` entries, the capacity growing as by single insertions.
+  // Allocates slots for `count` entries. The capacity grows in the same steps as with single insertions.
   [[nodiscard]] bool Reserve(std::int32_t count);
 
   // Order is interface: other code of the suite embeds this layout.

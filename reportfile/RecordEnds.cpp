@@ -84,9 +84,10 @@ std::size_t CountTextEndBlocks(const char* at, std::size_t blocks) {
   return SumOf(counts);
 }
 
-// Thirty-two bytes a step. All bytes that count are found by one look-up: raised by one, 0xFF, 0x00, "\n" and "]" are
-// 0x00, 0x01, 0x0B and 0x5E, whose low halves differ and which are below 0x80. The look-up returns, for the low half of
-// a byte, the one byte with it that counts, and 0 for a byte from 0x80 up; so a byte counts if it comes out as itself.
+// Thirty-two bytes a step. One look-up finds all bytes that count. Raised by one, the bytes 0xFF, 0x00, "\n" and "]"
+// are 0x00, 0x01, 0x0B and 0x5E: their low halves differ, and all are below 0x80. For a raised byte below 0x80 the
+// look-up returns the one of these four with the same low half, and 0 for any other byte. So a byte counts if the
+// look-up returns the raised byte itself.
 constexpr char kNone = '\x80';
 using LookUp = char[16];
 constexpr LookUp kTextEnds = {0,     1,     kNone, kNone, kNone, kNone, kNone, kNone,

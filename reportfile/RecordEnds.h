@@ -20,8 +20,8 @@ inline constexpr std::string_view kEndOfFile = "\xFF";
 // How many bytes that end a text there are.
 [[nodiscard]] std::size_t CountTextEnds(std::string_view bytes);
 
-// How many bytes that end a text, and how many "]", there are. One pass then shows that a run of records is whole and
-// has no "]", on which a CDATA section could end.
+// Counts the bytes that end a text, and the "]". So one pass shows that a run of records is whole and has no "]", with
+// which a CDATA section could end.
 [[nodiscard]] std::size_t CountTextEndsAndBrackets(std::string_view bytes);
 
 // The same, byte by byte, and sixteen bytes a step: for processors without the faster form, and what the faster forms

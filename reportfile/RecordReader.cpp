@@ -33,7 +33,7 @@ constexpr std::size_t kBatchBytes = std::size_t{256} * 1024;
 constexpr int kSingleReadsMax = 3;
 
 // How many records at the front of `offsets` follow one another, by their slots, in at most `bytes_max`. The last
-// offset only ends its predecessor.
+// offset only marks the end of the record before it.
 //   0 10 20 30, bytes_max 100  => 3
 //   0 10 20 30, bytes_max 25   => 2
 //   0 10 5 15                  => 1
@@ -134,7 +134,7 @@ struct RecordReader::Windows {
     data_size = 0;
   }
 
-  // A text counts only if it was read after its slot, so the data window ends with the slots before.
+  // A text is used only if it was read after its slot, so new slots empty the data window.
   void LoadSlots(std::FILE* index_file, std::uint32_t slot, std::size_t requested) {
     const std::size_t slots_max = std::clamp(requested, kSlotGuessSlots, kSlotWindowSlots);
     const file::Progress progress = ReadAt(index_file, SlotOffset(slot), slots, slots_max * sizeof slots[0]);
@@ -340,8 +340,8 @@ RecordReader::Batch RecordReader::TakeBatch(std::span<const std::uint32_t> offse
   return batch;
 }
 
-// True if `bytes` is the texts of the records at `offsets`, whole and without an exception: each ends with a line feed
-// where the next begins, and there are no more text ends than records. The last offset only ends its predecessor.
+// True if `bytes` consists of the whole texts of the records at `offsets`: each ends with a line feed where the next
+// one begins, and there are no more text ends than records. The last offset only marks the end of the record before it.
 bool RecordReader::HoldsWholeRecords(std::string_view bytes, std::span<const std::uint32_t> offsets) {
   if (bytes.empty()) return false;
   for (const std::uint32_t next : offsets.subspan(1)) {
@@ -400,7 +400,8 @@ RecordReader::Batch RecordReader::AppendEqual(std::span<const std::uint32_t> off
           .ends_in_no_text = offsets.front() == 0 && count == offsets.size()};
 }
 
-// Appends the record at `offset` if its text is shorter than `bytes_max`; reads no further than to know that it is not.
+// Appends the record at `offset` if its text is shorter than `bytes_max`. Of a longer text it reads only what shows
+// that.
 RecordReader::Piece RecordReader::AppendRecordAt(std::uint32_t offset, std::size_t bytes_max, std::string* out) {
   const std::size_t size_before = out->size();
   std::int64_t at = offset;

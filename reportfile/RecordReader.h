@@ -83,8 +83,9 @@ class RecordReader {
   // [owning thread]
   [[nodiscard]] int Error() const { return error_; }
 
-  // False if nothing that was taken or read since the construction contains a "]". To know that costs nothing on the
-  // way, and the texts need not be searched again when they are put into a CDATA section. [owning thread]
+  // False if nothing that was taken or read since the construction contains a "]". The pass that finds the text ends
+  // notices this at no cost, so the texts need not be searched again when they are put into a CDATA section. [owning
+  // thread]
   [[nodiscard]] bool MayHaveTakenBracket() const { return may_have_taken_bracket_; }
 
   // Forgets the windows, as is necessary after the store was reopened. [owning thread]

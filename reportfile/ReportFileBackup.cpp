@@ -1,8 +1,8 @@
 // Restores the report directory's files from a backup directory.
 //
-// A restore is attempted once: whatever the result of the copy, the backup directory is deleted after it. So it is the
-// one operation that can lose a report. So it is refused before anything is copied if deleting the backup would delete
-// what was just restored, or if the backup cannot be listed whole.
+// A restore is attempted once: whatever the result of the copy, the backup directory is deleted after it. It is
+// therefore the one operation that can lose a report. So it is refused before anything is copied if deleting the backup
+// would delete what was just restored, or if the backup cannot be listed completely.
 #include <sys/stat.h>
 #include <unistd.h>
 

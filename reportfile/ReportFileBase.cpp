@@ -38,8 +38,8 @@ std::string_view BytesOf(const T& value) {
   return {reinterpret_cast<const char*>(&value), sizeof value};
 }
 
-// Reads `value` only if all its bytes are there; a short file leaves it as it is. The error number of a read that
-// failed.
+// Reads `value` if all its bytes are there; a short file leaves it unchanged. Returns the error number of a read that
+// failed, else 0.
 template <typename T>
 int ReadValueAt(std::FILE* file, std::int64_t offset, T& value) {
   static_assert(std::is_trivially_copyable_v<T>);

@@ -99,7 +99,7 @@ int TreeCopy::RunLevels(const std::string& destination) {
   return 0;
 }
 
-// Adds a level, unless there is nothing to copy. After an error the level is there: it is one of those that failed.
+// Adds a level, unless there is nothing to copy. After an error the level stays for the trace of the failure.
 int TreeCopy::Enter(const std::string& known, const std::string& expression, Level level) {
   QX_TRACE(5, "\nCDirectory::CopyDir() - Looking for files matching %s", (known + ForTrace(expression)).c_str());
   Found found = FindMatches(known, expression);
@@ -118,7 +118,8 @@ int TreeCopy::Enter(const std::string& known, const std::string& expression, Lev
   return error;
 }
 
-// Removes the last level, whose matches are all handled, unless its listing broke off: then it is one that failed.
+// Removes the last level, whose matches are all handled. If its listing broke off, the copy has failed, and the level
+// stays for the trace of the failure.
 int TreeCopy::Leave() {
   const int error = levels_.back().listing_error;
   if (error == 0) {
@@ -186,7 +187,7 @@ int TreeCopy::CopySubdirectory(const std::string& match, const FileKind& kind, c
 }
 
 // True for the destination, and for a directory that is being copied already and has a link to itself inside: a copy of
-// either would not end, or nearly not.
+// either would not end, or would take very long.
 bool TreeCopy::IsPartOfThisCopy(const FileId& directory) const {
   const auto is_entered = [&](const Level& level) { return level.source_id == directory; };
   return directory == destination_id_ || std::any_of(levels_.begin(), levels_.end(), is_entered);

@@ -27,8 +27,8 @@ class TreeListing {
   };
 
   // Lists `top`, without entering the directory `left_out` or a directory that a link inside it leads back to. An entry
-  // that has gone since, and a link that leads nowhere, are left out. A `top` that does not exist is empty. 0 or the
-  // error number of the first directory that cannot be listed, or of the first entry whose `stat` fails.
+  // that was removed meanwhile, and a link that leads nowhere, are left out. A `top` that does not exist is empty. 0 or
+  // the error number of the first directory that cannot be listed, or of the first entry whose `stat` fails.
   [[nodiscard]] int Read(const std::string& top, const FileId& left_out);
 
   // Null for a directory that was not listed. Valid as long as this object.

@@ -105,7 +105,7 @@ int TreeRemoval::RunLevels(const std::string& directory, bool remove_parent) {
   return 0;
 }
 
-// Adds a level; after an error, too: it is one of those that failed.
+// Adds a level and lists its directory. After an error the level stays for the trace of the failure.
 int TreeRemoval::Enter(Level level) {
   levels_.push_back(std::move(level));
   Level& entered = levels_.back();
@@ -141,7 +141,7 @@ int TreeRemoval::RemoveEntry(const std::string& name, const std::string& path) {
   return Enter({.path = path, .name = name});
 }
 
-// Removes the last level once its directory is removed, which the top one need not be.
+// Removes the directory of the last level, then the level. The top directory is removed only with `remove_parent`.
 int TreeRemoval::LeaveLevel(bool remove_parent) {
   const bool is_top = levels_.size() == 1;
   const Level& level = levels_.back();

@@ -84,9 +84,9 @@ Error StoreSnapshot::Take() {
   }
 }
 
-// Header, slots, and the header again: the slots belong to the header if it is the same. `is_steady` is false also
-// while a part is being appended to a full ring, which ends soon if its writer lives, and if one file was replaced
-// after the other one was opened.
+// Header, slots, and the header again: the slots belong to the header if it is the same. `is_steady` is also false
+// while a part is being appended to a full ring, which ends soon unless its writer was killed, and if one file was
+// replaced after the other one was opened.
 Error StoreSnapshot::TakeOnce(bool& is_steady) {
   bool was_opened = false;
   if (Error error = OpenFiles(was_opened); error.Failed()) return error;

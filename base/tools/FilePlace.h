@@ -78,8 +78,8 @@ struct FilePlace {
 [[nodiscard]] ReplaceResult OpenPlace(const FilePlace& place, int flags, mode_t mode, file::Descriptor& opened,
                                       struct stat& status);
 
-// Checks the owner of an open file: of a regular file or a named pipe. Devices, and what the kernel links, pass.
-// A reader accepts files of root and of the process's user, a writer only the latter. [any thread]
+// Checks the owner of an open file: of a regular file or a named pipe. Devices and targets of the kernel's own links
+// pass. A reader accepts files of root and of the process's user, a writer only the latter. [any thread]
 enum class FileUse { kRead, kWrite };
 [[nodiscard]] ReplaceResult CheckOwner(const FilePlace& place, const struct stat& status, FileUse use);
 

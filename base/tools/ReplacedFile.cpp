@@ -33,8 +33,8 @@ mode_t ModeThatUmaskLeaves(mode_t mode) {
   return mode & ~mask;
 }
 
-// The owner first: a change of owner clears permission bits. An output that cannot get the group gets none of the
-// permissions that were meant for that group; an edit fails, because a service may depend on them.
+// Sets the owner first, because a change of owner clears permission bits. An output that cannot get the group gets none
+// of the permissions that were meant for that group; an edit fails, because a service may depend on them.
 int TakeOver(int descriptor, const struct stat& status, bool needs_group) {
   struct stat own;
   if (const int error = file::StatusOf(descriptor, own); error != 0) return error;

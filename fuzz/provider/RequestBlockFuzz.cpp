@@ -52,7 +52,7 @@ class Builder {
   static constexpr int kDepthMax = 4;
   static constexpr int kElementsMax = 24;
 
-  // A count that its array bears: the array's length, fewer, none or negative.
+  // A count that is valid for its array: the array's length, fewer, none or negative.
   std::int32_t CountFor(std::size_t length) {
     const std::uint8_t choice = script_.Byte();
     if (choice < 200) return static_cast<std::int32_t>(length);

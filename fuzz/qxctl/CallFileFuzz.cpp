@@ -1,4 +1,5 @@
-// Recorded calls of any origin: parsing never crashes, and what is taken makes a block that reads back as the same.
+// Recorded calls of any origin: parsing never crashes, and an accepted call makes a block that is written as the same
+// call.
 #include <cstddef>
 #include <cstdint>
 #include <string>

@@ -62,7 +62,7 @@ struct ProfileContent {
 
 // By the lines of a text. [any thread]
 [[nodiscard]] ProfileContent ContentOf(std::string_view text);
-// By the class, entry for entry. A file that cannot be read counts as empty. [any thread]
+// Reads every entry with CIniFile. A file that cannot be read counts as empty. [any thread]
 [[nodiscard]] ProfileContent ReadThroughClass(const std::string& path);
 
 }  // namespace qx::inifile

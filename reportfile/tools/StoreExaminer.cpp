@@ -288,7 +288,7 @@ class Examiner {
     return before.has_value() || FollowsALineEnd(record);
   }
 
-  // For the first record of the walk; the others follow the one before them.
+  // Used for the first record of the walk only: each other record follows the one before it.
   bool FollowsALineEnd(const WalkedRecord& record) {
     const std::int64_t line_end = record.offset - kRecordBytesMin;
     if (!record.is_current && (!record.is_previous || line_end < doubtful_end_)) return true;

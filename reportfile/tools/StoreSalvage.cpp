@@ -81,7 +81,8 @@ class Salvager {
            header_.maxRecord == SlotCount();
   }
 
-  // In a full ring: the new records that the header does not count, to which the slots of the oldest records lead.
+  // Finds, in a full ring, the new records that the header does not count. The slots of the oldest records lead to
+  // them.
   void FindUncounted() {
     if (!IsFullRing()) return;
     const auto slot_at = [this](std::uint32_t slot) { return std::optional<std::uint32_t>(offsets_[slot]); };
@@ -107,8 +108,8 @@ class Salvager {
 
   // --- lines with slots
 
-  // lines_: by offset, each offset once. One search serves all offsets in a line, so that many slots into one huge line
-  // need only one read of it.
+  // Fills lines_ in the order of offsets, each offset once. One search serves all offsets in a line, so that many slots
+  // into one huge line need only one read of it.
   void FindLines() {
     std::vector<std::uint32_t> slots(SlotCount());
     for (std::uint32_t slot = 0; slot < SlotCount(); ++slot) slots[slot] = slot;

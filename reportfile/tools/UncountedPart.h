@@ -2,7 +2,7 @@
 //
 // RecordWriter writes the texts of a part, then its slots, then the header. Until the header is written, the first
 // slots of the part lead to writePosition and from there from record to record. The next writer counts these records, a
-// reader leaves them out, and a check does not take them for damage: all of them find them here.
+// reader leaves them out, and a check does not report them as damage. All of them use the functions of this file.
 #pragma once
 
 #include <cstdint>

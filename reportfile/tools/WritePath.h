@@ -1,5 +1,5 @@
-// Which texts of a report a writer could have overwritten between two headers: for readers that must know whether what
-// they read meanwhile is whole.
+// Which texts of a report a writer could have overwritten between two headers: for readers that must know whether the
+// texts that they read between the two are whole.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ enum class WritePath {
 };
 
 // The path of a writer from the header `reference` to the later header `after`, both with a plausible ring of one size.
-// Texts of the round before are in the way while `reference` leads to records of it.
+// The writer meets texts of the round before as long as slots of `reference` lead to them.
 //   data file restarted   texts of the round before
 //   no                    no                          => kAfterEveryRecord
 //   no                    yes                         => kOverOldRound

@@ -21,7 +21,7 @@ namespace qx::report {
 
 namespace {
 
-// Without std::filesystem's iterator, which ends the program if memory runs out.
+// Does not use the iterator of std::filesystem, which ends the program if memory runs out.
 std::vector<std::string> NamesIn(const std::string& directory) {
   Listing listing = ListDirectory(directory);  // fails for another user's process, or one that has ended
   if (listing.error == ENOMEM) throw std::bad_alloc();

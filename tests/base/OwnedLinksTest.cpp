@@ -135,8 +135,8 @@ TEST_F(OwnedLinks, NothingIsCreatedThroughAStrangersLink) {
   EXPECT_TRUE(qx::test::Exists(dir_.File("new")));
 }
 
-// A device may notice that it is opened, so a stranger's link must not even do that. The open of a FIFO that nobody
-// reads fails with an error of its own.
+// A device may notice that it is opened, so the target of a stranger's link must not be opened at all. The open of a
+// FIFO that nobody reads would fail with another error.
 TEST_F(OwnedLinks, TargetOfAStrangersLinkIsNotOpened) {
   ASSERT_EQ(mkfifo(dir_.File("fifo").c_str(), 0600), 0);
   const std::string link = MakeLink("link", "fifo", kUser);

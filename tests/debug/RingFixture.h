@@ -25,7 +25,7 @@ std::string UndatedEntry(std::string_view text);
 std::string RingDigits(std::size_t number);
 
 // The end of a ring's newest entry as readers find it: the write position, or the end of the one entry that was
-// completed there. 0 if it is neither.
+// completed there. 0 if there is neither.
 std::size_t EndOfNewest(std::string_view ring);
 
 // A facility at level 1 whose log never wraps and whose ring is next to it.

@@ -83,8 +83,8 @@ TEST_F(ModuleLifecycle, ThousandLoadsAndUnloadsLeakNothing) {
     if (after.descriptors != before.descriptors) {
       grown << "descriptors " << before.descriptors << " => " << after.descriptors << "\n";
     }
-    // A sanitizer keeps freed memory and its own records of every load; only its leak check at the end is useful.
-    // The kernel may split or join a few neighbouring ones; what each load left would be a thousand.
+    // A sanitizer keeps freed memory and its own records of every load; only its leak check at the end is useful. The
+    // kernel may split or join a few neighbouring mappings; if each load left one, there would be a thousand.
     constexpr int kSplitMax = 4;
     if (!kSanitized && !kCountsCoverage && after.mappings > before.mappings + kSplitMax) {
       grown << "mappings " << before.mappings << " => " << after.mappings << "\n";
@@ -258,7 +258,8 @@ TEST_F(ModuleLifecycle, HooksMayBeCalledInAnyOrder) {
               module.Symbol<QxStopRequestFunction>("__stoprequest")();
               module.Symbol<QxStopRequestFunction>("__stoprequest")();
               const auto block = BlockBuilder::Request("GetReports");
-              // No __threadbegin, after the stop, a continuation that was never begun.
+              // Calls without __threadbegin, calls after the stop request, and the continuation of a transfer that was
+              // never begun.
               std::string text =
                   module.Call("GetReports", block->Block(), "<ReportData Name=\"r1\" StartIndex=\"1\"/>");
               text += module.Call("GetReports", block->Block(), "<ReportData Name=\"r1\"/>");

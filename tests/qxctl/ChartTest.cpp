@@ -27,7 +27,7 @@ class QxctlCharts : public testing::Test, protected QxctlFixture {
     return Qxctl(arguments, start);
   }
 
-  // Of a new report with these records: a line end, the chart, and what is said about it.
+  // For a new report with these records: a line end, the chart, and the messages.
   std::string Chart(const Words& records, Words options, const std::string& locale = "C",
                     const std::string& zone = "UTC") const {
     (void)std::remove((ReportPath("load") + ".ind").c_str());

@@ -60,7 +60,7 @@ std::string QxctlPath();
 std::string ModulePath();
 std::string FakeModulePath();
 
-// A working directory with a report directory below it, where the module polls when no registry says otherwise.
+// A working directory with a report directory below it, which the module uses if no registry names another one.
 class QxctlFixture {
  public:
   QxctlFixture();

@@ -300,8 +300,8 @@ TEST_F(RecordReaderTest, BillionsOfSlotsWithATextFillOnlyOneChunk) {
 
 TEST_F(RecordReaderTest, LastPossibleSlotCanBeTaken) {
   Open({.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF}, {}, "a\r\nb\r\n");
-  // A hole, then 3 in the last two slots that can be in use and after the last possible slot, where a slot number that
-  // wraps would find it.
+  // A hole, then the offset 3 in the last two slots that can be in use, and after the last possible slot, where a slot
+  // number that wraps would find it.
   ASSERT_EQ(truncate(files_.IndexPath().c_str(), report::SlotOffset(0xFFFFFFFD)), 0);
   std::FILE* const index = std::fopen(files_.IndexPath().c_str(), "ab");
   const std::vector<std::uint32_t> threes(5, 3);

@@ -172,7 +172,7 @@ TEST(StoreVerifyBatch, SlotsWithoutTheirHeaderAreARecordInFlight) {
   }
 }
 
-// Records of any length, also such that overwrite indexed text, and such that look like the end marker.
+// Records of any length, some of which overwrite indexed text or look like the end marker.
 TEST_F(StoreVerifyLives, BatchWithoutItsSlotsOrHeaderIsNotDamage) {
   for (int life = 0; life < 200; ++life) {
     const std::uint32_t slots = 1 + Below(30);
@@ -414,9 +414,9 @@ TEST(StoreVerify, EveryFlippedBitOfTheIndexFileIsFound) {
   EXPECT_EQ(missed, "");
 }
 
-// A slot with an offset at which no record begins, next to a part that is not counted and without one. The oldest
-// record is in this round or in the previous one; the text of the latter may be overwritten, so its slot may lead into
-// new text.
+// A slot with an offset at which no record begins, in a store with a part that is not counted and in one without. The
+// oldest record is in this round or in the previous one; the text of the latter may be overwritten, so its slot may
+// lead into new text.
 TEST(StoreVerifyBatch, SlotThatIsChangedAtRandomIsFound) {
   std::mt19937_64 random{Seed("StoreVerifyBatch")};
   for (const int count : {60, 75, 120}) {

@@ -54,7 +54,7 @@ TEST_F(WriterLockOfAReport, ReaderOfAnotherProcessDoesNotCount) {
   EXPECT_FALSE(WriterLock(files_.Base()).IsHeldByAnother());
 }
 
-// The open files of every process are read only if the lock does not answer.
+// The open files of every process are read only if the lock does not show its holder.
 TEST_F(WriterLockOfAReport, HolderOfTheLockIsFoundWithoutReadingEveryProcess) {
   CReportFileBase store;
   const WaitingChild writer([&] { return store.Open(files_.Path(), 3); });

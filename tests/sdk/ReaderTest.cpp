@@ -325,7 +325,7 @@ TEST_F(SdkReader, ReportThatIsEmptiedInPlaceHasNoRecords) {
   EXPECT_THAT(All(), IsEmpty());
 }
 
-// The header is the one from before; the time of the last write is not.
+// The header is the same as before; only the time of the last write differs.
 TEST_F(SdkReader, ReportThatIsFilledAgainInPlaceIsNoticed) {
   AppendNumbered(1, 3);
   ASSERT_THAT(Opened(), SizeIs(3));

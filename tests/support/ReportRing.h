@@ -28,7 +28,7 @@ struct ReportRing {
 
   static std::string_view Bytes(const void* from, std::size_t size) { return {static_cast<const char*>(from), size}; }
 
-  // The header in the index file; without a whole one there, `header`.
+  // The header in the index file, or `header` if the file has no whole one.
   report::IndexHeader ReadHeader(report::IndexHeader header = {}) const {
     if (index.size() >= sizeof header) std::memcpy(&header, index.data(), sizeof header);
     return header;

@@ -69,7 +69,7 @@ class TraceCapture {
   // The traced texts since construction, one entry an element, without entry headers and the log's own head. An entry
   // of several lines is one element; the line feed at an entry's end is cut.
   std::vector<std::string> Entries() const;
-  // The same as "LEVEL-less" text joined by line feeds: for comparing with one literal.
+  // The same entries as one text, joined by line feeds: for a comparison with one literal.
   std::string Text() const;
 
  private:

@@ -138,8 +138,8 @@ constexpr const qx::ctl::OfferSource* kOfferSources[] = {
     &qx::ctl::kFaultOffers,         &qx::ctl::kCommandOffers,
 };
 
-// A closed standard descriptor would be taken by the next file that is opened, and what we print would land in it. The
-// stand-in is opened for the opposite access, so that its use fails like that of the closed one.
+// The next file that is opened would get the number of a closed standard descriptor, and what we print would be written
+// to that file. The stand-in is opened for the opposite access, so that its use fails like that of the closed one.
 void HoldStandardDescriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(descriptor, F_GETFD) >= 0) continue;

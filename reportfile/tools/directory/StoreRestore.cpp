@@ -35,7 +35,8 @@ std::vector<std::string> FilesOf(const RestoreItem& item) {
   return {item.name};
 }
 
-// The file of this path below the top, opened for reading; not open, with errno, through any link.
+// Opens the file of this path below the top for reading, through no link. After a failure it is not open, and errno has
+// the reason.
 FileBytes OpenBelow(DirectoriesBelow& top, const std::string& path) {
   const int directory = top.IsOpen() ? top.Containing(path) : -1;
   if (directory >= 0) return FileBytes(OpenForReading(file::NameOf(path), directory));

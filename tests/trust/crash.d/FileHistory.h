@@ -20,7 +20,7 @@ using DirectoryState = std::map<std::string, std::string>;  // name => content
 
 class FileHistory {
  public:
-  // Runs `work` on `directory`, which holds files alone and is on the disk, in a child of its own.
+  // Runs `work` on `directory`, which contains only files and is synced, in a child of its own.
   FileHistory(const std::string& directory, const std::function<void()>& prepare, const std::function<void()>& work);
 
   [[nodiscard]] std::size_t Effects() const { return effects_.size(); }

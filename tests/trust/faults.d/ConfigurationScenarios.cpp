@@ -97,7 +97,7 @@ Finding SaveAgain(const std::string& directory) {
   return Exists(directory + "/registry.new") ? Broken("the next save leaves registry.new") : Kept();
 }
 
-// A handle that could store nothing or a part of it has said so; its destruction saves what there is.
+// A handle that could store nothing or only a part has reported that; its destruction saves what there is.
 bool IsOldOrNewTree(const std::string& tree) {
   if (is_set) return tree == kOldTree || tree == NewTree();
   const std::string new_tree = NewTree();

@@ -131,7 +131,7 @@ std::set<std::string> OpenDescriptors() {
   return open;
 }
 
-// The descriptors that were not open before; of those only the ones that are open at the end.
+// The descriptors that are open now and were not open before.
 std::string Leaked(const std::set<std::string>& before) {
   for (const std::string& descriptor : OpenDescriptors()) {
     if (!before.contains(descriptor)) return descriptor;

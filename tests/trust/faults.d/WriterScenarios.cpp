@@ -132,8 +132,8 @@ std::string Joined(const std::vector<std::string>& records) {
   return text;
 }
 
-// In a ring that is not full, nobody finds records whose header failed and whose writer is gone. They are one part: one
-// record, or those of the batch before the wrap.
+// In a ring that is not full, no reader finds records whose writer ended because writing the header failed. They are
+// one part: one record, or those of the batch before the wrap.
 bool IsWithoutLastPart(const std::vector<std::string>& found) {
   if (before != 0 || found.size() >= stored || found != Newest(found.size())) return false;
   return found.size() < kSingles ? stored == found.size() + 1 : found.size() == kSingles && stored <= kSlots;

@@ -53,7 +53,8 @@ enum class Operation {
 };
 constexpr int kOperations = 10;
 
-// Short, long (over the next record and its marker) and empty; its letter distinguishes it from the others.
+// A short text, a long one (over the next record and its marker) or an empty one. Its letter distinguishes it from the
+// others.
 std::string TextOf(Operation operation, std::uint32_t number) {
   if (operation == Operation::kAppendEmpty) return "";
   return std::string(operation == Operation::kAppendLong ? 19 : 1, static_cast<char>('a' + number % 26));
@@ -167,7 +168,7 @@ class System {
   }
 
  private:
-  // The newest records, oldest first, as far as no longer record was written over them.
+  // Whether the newest records are there, oldest first, except those that a longer record has overwritten.
   bool HasRecordsOf(const TransferModel& model) {
     CReportFileBase fresh;
     if (!fresh.OpenRead(base_.c_str()) || fresh.header().highestIndex != model.ring.size()) return false;
@@ -179,7 +180,7 @@ class System {
     return true;
   }
 
-  // An object takes its header from the file when it opens, so the file holds that for a moment.
+  // An object reads its header from the file when it opens, so the file gets that header for a moment.
   void SetTo(const IndexHeader& header, CReportFileBase& store, bool writes, const std::string& index_afterwards = "") {
     files_.Index().Write(TransferModel::Bytes(&header, sizeof header));
     if (!(writes ? store.Open(base_.c_str(), 1) : store.OpenRead(base_.c_str()))) std::abort();

@@ -119,7 +119,7 @@ class Tracer {
     SetRegisters(child_, registers);
   }
 
-  // The parts are the caller's own: the length is put back at the exit.
+  // The parts belong to the caller, so the length is restored when the call returns.
   void CutFirstPart() {
     iovec part;
     const std::string bytes = BytesOf(child_, call_.arguments[1], sizeof part);

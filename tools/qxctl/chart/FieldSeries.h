@@ -25,7 +25,7 @@ class FieldSeries {
   void Add(std::uint64_t index, std::optional<std::int64_t> time_ms, std::string_view record);
 
   // kNotFound if there are records and one of the fields has a number in none of them; the message lists the fields
-  // that have. `report` is its name in the message.
+  // with numbers. `report` is its name in the message.
   [[nodiscard]] Status Check(const std::string& report) const;
 
   // x is the time if at least half of the numbers have one, and not all the same; numbers without one are left out

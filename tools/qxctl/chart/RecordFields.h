@@ -48,7 +48,8 @@ struct FieldRules {
 [[nodiscard]] std::optional<double> NumberOfColumn(std::string_view text, std::string_view separator,
                                                    std::size_t column);
 
-// That of the field of this name: of a column, if the rules have a separator and the name is a number; else of a key.
+// The number of the field of this name: of a column if the rules have a separator and the name is a number, else of a
+// key.
 [[nodiscard]] std::optional<double> NumberOfField(std::string_view text, const std::string& name,
                                                   const FieldRules& rules);
 

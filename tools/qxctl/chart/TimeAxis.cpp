@@ -71,7 +71,7 @@ Shown ShownOf(std::int64_t civil_ms) {
   return {date, time, fraction};
 }
 
-// As exact as the step is. At midnight a time of day is the day, which the other ticks of that day do not show.
+// A label as exact as the step. At midnight the label is the day, which the other ticks of that day do not show.
 std::string LabelOf(std::int64_t civil_ms, std::int64_t step_ms) {
   const Shown shown = ShownOf(civil_ms);
   if (step_ms < kSecond) return shown.time + shown.fraction;

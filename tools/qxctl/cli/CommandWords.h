@@ -21,7 +21,7 @@ Status FindCommand(Commands commands, const std::vector<std::string>& words, con
 //   "reprot" => did you mean report?     "cat" => did you mean report cat?
 Status UnknownCommand(Commands commands, const Command& command, std::string_view word);
 
-// kUsage for a group without one of its commands, which are listed.
+// The error for a line with a group but none of its commands (kUsage). The message lists them.
 Status MissingCommand(Commands commands, const Command& group);
 
 }  // namespace qx::ctl

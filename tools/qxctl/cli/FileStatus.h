@@ -8,8 +8,8 @@
 
 namespace qx::ctl {
 
-// `what`: "cannot open", "cannot create", ... A file or link of another user gives kRefused. The message says what to
-// do; for a file that is --force, which never follows a link of another user.
+// `what`: "cannot open", "cannot create", ... For a file or link of another user it is kRefused. The message says what
+// to do: for a file, to use --force, which never follows a link of another user.
 [[nodiscard]] Status StatusOfFile(const std::string& what, const ReplaceResult& result);
 
 // Like Status::Io, for opens of reports and backups: the system's text for ELOOP says neither why a link is refused nor

@@ -56,8 +56,8 @@ bool CheckFile(const std::string& path, DoctorFindings& findings) {
   return true;
 }
 
-// The first finding of each rule, and how many more there are like it. False if lines end with CR LF: what the file
-// says can be judged only after their removal.
+// The first finding of each rule, and how many more there are like it. False if lines end with CR LF: the content of
+// the file can be checked only after their removal.
 bool CheckLines(const std::string& path, DoctorFindings& findings) {
   FileImage image;
   if (!ReadFileImage(path, image).IsDone()) return true;  // reported already

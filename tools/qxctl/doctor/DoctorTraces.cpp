@@ -32,7 +32,7 @@ bool IsDecimal(const char* text) {
   return *text != '\0' && std::all_of(text, text + std::strlen(text), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-// The traces' directory; each setting that is not at its default is a finding.
+// Returns the trace directory. Adds a finding for each setting that is not at its default.
 std::string CheckSettings(const DoctorPlaces& places, DoctorFindings& findings) {
   std::string directory;
   for (const SettingSource& source : debug::ReadSettingSources(places.application, places.trace_settings_directory)) {

@@ -232,7 +232,7 @@ Status FetchReport(Context& context, const Options& options, const ModuleHost& m
   return Summarise(context, options, transfer.Count(), in_slice, status);
 }
 
-// A state and a drawing are each of one report. Several reports get a file each, in a directory.
+// A state or a drawing belongs to one report. Several reports get a file each, in a directory.
 Status CheckSeveral(const Options& options) {
   std::error_code error;
   for (const auto& [option, value] : {std::pair("--resume", options.state), std::pair("--svg", options.print.svg)}) {

@@ -177,7 +177,7 @@ class Follow {
     return {};
   }
 
-  // A record that is skipped may have the stamp of those after it.
+  // A skipped record may have the stamp that counts for the records after it.
   Status Take(std::uint64_t index, const std::string& record) {
     const std::optional<std::int64_t> time_ms = printer_.TimeOf(record);
     const bool is_in_slice = filter_.Takes(TextOfRecord(record).text);

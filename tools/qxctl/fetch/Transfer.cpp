@@ -59,8 +59,8 @@ bool Transfer::HasRecordAfterEnd() {
   return Ask(next_index_ + 1, 1, reply).IsOk() && reply.kind == ReplyKind::kRecords;
 }
 
-// A record that is cut at a NUL has no line end, so that the kept text continues with the next record: therefore the
-// prefix.
+// A record that is cut at a NUL has no line end, so the kept text may continue with the next record. Therefore only the
+// prefix is compared.
 bool Transfer::FirstRecordIsTheSame() {
   if (count_.chunks == 0) return true;
   ReportReply reply;

@@ -115,7 +115,7 @@ Status CheckReading(Context& context, const std::string& file, std::string_view 
   return {};
 }
 
-// A file that a service loads instead of one without a value, or empty.
+// The file that a service loads instead of one without a value; empty without such a file.
 std::string FallbackOf(const RegistrySource& source) {
   if (!source.file.empty()) return "";
   for (const char* const name : {"registry.old", "registry.default"}) {

@@ -30,8 +30,8 @@ struct SetupStep {
   mode_t mode = 0;
 };
 
-// Every directory that is missing comes after the one that it is in, the registry file last. kRefused if a name is
-// taken by a file, or everybody could exchange what is made.
+// A missing directory comes after the directory that contains it, and the registry file comes last. kRefused if a file
+// has the name of a directory, or if everybody could replace what is made.
 [[nodiscard]] Status PlanSteps(const SetupPlaces& places, std::vector<SetupStep>& steps);
 
 // Makes what does not exist, in the order of the steps. `text` is the registry file. A run that fails or is killed has
@@ -44,7 +44,8 @@ struct SetupStep {
 // Whether the directory has any file that a load would try.
 [[nodiscard]] bool HasRegistry(const std::string& directory);
 
-// The commands that make an existing registry name a report directory, and make the directories. None: all is well.
+// The commands that make an existing registry name a report directory, and make the directories. Empty: none is
+// missing.
 [[nodiscard]] std::vector<std::string> CommandsFor(const SetupPlaces& places);
 
 }  // namespace qx::ctl

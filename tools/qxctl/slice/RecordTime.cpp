@@ -244,7 +244,7 @@ std::optional<std::int64_t> TakeEpoch(Scanner& scanner) {
 
 bool NamesYear(std::string_view format) { return format.find_first_of("YyFDcsxGg") != std::string_view::npos; }
 
-// By a format of strptime. What it does not name is that of today at midnight.
+// Reads a stamp by a format of strptime. Parts that the format does not name are those of today at midnight.
 std::optional<RecordStamp> StampByFormat(std::string_view record, const TimeRules& rules) {
   const Civil today = DayOf(ToCivil(rules.now_ms, rules));
   tm parsed = {};
@@ -277,7 +277,7 @@ std::optional<std::int64_t> TakeStamp(Scanner& scanner, const TimeRules& rules) 
 
 TimeSpan SpanFrom(std::int64_t first_ms, std::int64_t unit_ms) { return {first_ms, first_ms + unit_ms - 1}; }
 
-// The day that begins so many days before today. Not each day has 24 hours.
+// The day that begins so many days before today. Not every day has 24 hours.
 std::optional<TimeSpan> DaySpan(int days_ago, const TimeRules& rules) {
   const std::int64_t begin = FloorTo(ToCivil(rules.now_ms, rules), kDayMs) - days_ago * kDayMs;
   return TimeSpan{ToPoint(begin, rules), ToPoint(begin + kDayMs, rules) - 1};

@@ -74,7 +74,7 @@ class SliceFilter {
   std::optional<std::int64_t> time_ms_;  // of the newest record that has one
 };
 
-// Holds back what the filter took, as far as the end decides: of `last` records no more than these are kept.
+// Keeps the items that passed the filter until the end decides which are printed. With `last`, only that many are kept.
 template <typename Item>
 class SliceBuffer {
  public:

@@ -56,7 +56,7 @@ struct ReportArguments {
 Status ReportsOf(const Values& values, Output& output, ReportArguments& arguments);
 
 // Makes the subdirectories of a name such as "disk/sda" in the directory, but not through another user's link. If one
-// cannot be made, whoever writes there fails and says so.
+// cannot be made, the later write there fails and reports it.
 void MakeSubdirectories(const std::string& directory, const std::string& name);
 
 // Runs a command for one report after the other. Of several reports each failure is printed here, and the result has

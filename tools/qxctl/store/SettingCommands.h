@@ -23,7 +23,8 @@ class SettingCommands {
 
   // "qxctl registry set --create KEY NAME VALUE --apply"
   [[nodiscard]] std::string Set(std::string_view key, std::string_view name, std::string_view value) const;
-  // Makes ReportRoot what is meant, or what "qxctl setup" would name; a value with a wrong name is deleted.
+  // Sets ReportRoot to the value that seems to be meant, or else to the one that "qxctl setup" would name. A value with
+  // a wrong name is deleted.
   [[nodiscard]] std::string Fix(const SettingMistake& mistake, const std::string& setup_key) const;
   // Takes over a file of another name: "qxctl registry import FILE --replace '' --apply"
   [[nodiscard]] std::string Import(std::string_view file) const;

@@ -25,7 +25,7 @@ constexpr std::string_view kEndOfScreen = "\033[J";
 constexpr int kLeaveMilliseconds = 500;
 
 constexpr int kScreenSignals[] = {SIGWINCH, SIGCONT, SIGTSTP};
-// Those that end a wait. They are held back between the check of what they set and the wait.
+// The signals that end a wait. They are blocked between the check of the flags that they set and the wait.
 constexpr int kWakingSignals[] = {SIGWINCH, SIGCONT, SIGTSTP, SIGINT, SIGTERM, SIGHUP};
 
 volatile std::sig_atomic_t g_is_resized = 0;
@@ -51,7 +51,7 @@ void SetHandlers(void (*handler)(int)) {
   }
 }
 
-// A terminal that accepts nothing, because its line is dead, must not keep the process.
+// A terminal that accepts nothing, because its line is disconnected, must not block the process.
 void WriteIfPossible(std::string_view bytes) {
   pollfd output{STDOUT_FILENO, POLLOUT, 0};
   const bool is_ready = poll(&output, 1, kLeaveMilliseconds) > 0 && (output.revents & POLLOUT) != 0;

@@ -1,7 +1,7 @@
 // The whole terminal as a screen that is drawn again and again, and the keys that are pressed meanwhile.
 //
-// While it is shown, the terminal has its second buffer, no cursor and no line wrap, and keys arrive at once and
-// unseen. Whatever ends the screen restores all of that: a key, a signal that InterruptGuard records, a write that
+// While it is shown, the terminal has its second buffer, no cursor and no line wrap, and keys are read at once, not
+// echoed. Whatever ends the screen restores all of that: a key, a signal that InterruptGuard records, a write that
 // fails. ^Z suspends the process with the terminal restored.
 //
 // Threads: one screen at a time, on the only thread, within an InterruptGuard.
@@ -48,7 +48,7 @@ class Screen {
 
   [[nodiscard]] static ScreenSize Size();
 
-  // Waits for at most `time`. `key`: which one was pressed; keys that send several bytes send several keys.
+  // Waits for at most `time`. `key` is the pressed key; a key that sends several bytes counts as several keys.
   [[nodiscard]] Wake Wait(std::chrono::nanoseconds time, char& key);
 
  private:

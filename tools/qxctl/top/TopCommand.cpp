@@ -1,5 +1,4 @@
-// All reports at a glance, again and again: on a terminal as a screen, otherwise as one table or document after the
-// other.
+// Shows all reports repeatedly: on a terminal as a screen, otherwise as one table or document after the other.
 #include "tools/qxctl/top/TopCommand.h"
 
 #include <algorithm>

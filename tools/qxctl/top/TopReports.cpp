@@ -18,7 +18,7 @@ using report::StoreState;
 
 constexpr std::chrono::seconds kRateWindow{60};
 
-// Without the processes that write: to search them takes longer than everything else together.
+// Does not search for processes that write: that would take longer than everything else together.
 ReportStatus StatusOfReport(const std::string& base_path) {
   ReportStatus status;
   status.base_path = base_path;

@@ -121,7 +121,7 @@ class LineParser {
     }
   }
 
-  // Those of the command, and those of qxctl that the command does not have itself.
+  // The options of the command, and those of qxctl that the command does not have itself.
   std::vector<const Parameter*> PossibleOptions() const {
     std::vector<const Parameter*> options = OptionsOf(Reached());
     for (const Parameter* const option : OptionsOf(qxctl_)) {
