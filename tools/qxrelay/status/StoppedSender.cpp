@@ -9,7 +9,7 @@
 
 #include "base/File.h"
 #include "base/tools/FileText.h"
-#include "reportfile/tools/ReportSurvey.h"
+#include "reportfile/tools/directory/ReportSurvey.h"
 #include "tools/qxrelay/message/Subject.h"
 #include "tools/qxrelay/status/SenderFlow.h"
 
