@@ -76,13 +76,36 @@ TimeMs Sender::Step(TimeMs now) {
   wake = std::min(wake, watch_.Wake());
   about_.Step(now);
   if (about_.IsSet()) wake = std::min(wake, about_.Wake());
-  for (const auto& entry : works_) {
-    if (entry->work.Wake() <= now) entry->work.Step(now);
-    entry->names.Step(now);
-    wake = std::min(wake, entry->work.Wake());
-    if (entry->names.IsSet()) wake = std::min(wake, entry->names.Wake());
+  StepDue(now);
+  return queue_.empty() ? wake : std::min(wake, queue_.begin()->first);
+}
+
+// Each report at most once, so that replies are taken between two steps of a busy one.
+void Sender::StepDue(TimeMs now) {
+  due_now_.clear();
+  for (const auto& [due, index] : queue_) {
+    if (due > now) break;
+    due_now_.push_back(index);
   }
-  return wake;
+  for (const std::size_t index : due_now_) {
+    Entry& entry = *works_[index];
+    if (entry.work.Wake() <= now) entry.work.Step(now);
+    entry.names.Step(now);
+    Queue(index);
+  }
+}
+
+void Sender::Queue(std::size_t index) {
+  Entry& entry = *works_[index];
+  const TimeMs due = entry.names.IsSet() ? std::min(entry.work.Wake(), entry.names.Wake()) : entry.work.Wake();
+  if (entry.due == due) return;
+  if (entry.due.has_value()) queue_.erase({*entry.due, index});
+  entry.due = due;
+  queue_.insert({due, index});
+}
+
+void Sender::QueueAll() {
+  for (std::size_t index = 0; index < works_.size(); ++index) Queue(index);
 }
 
 void Sender::TakeReplies(TimeMs now) {
@@ -109,6 +132,7 @@ void Sender::OnReply(TimeMs now, const StreamReply& reply) {
   Entry& entry = *works_[owner - 1];
   entry.work.OnReply(now, reply);
   entry.names.OnReply(now, reply);
+  Queue(owner - 1);
 }
 
 // The message with the labels is sent after the first look: an older sender must find it only if this one may send.
@@ -143,6 +167,7 @@ void Sender::Disconnected(TimeMs now) {
     entry->work.Disconnected();
     entry->names.Disconnected(now);
   }
+  QueueAll();
 }
 
 void Sender::Connect(TimeMs now) {
@@ -159,6 +184,7 @@ void Sender::Connect(TimeMs now) {
   context_.log("connected");
   watch_.Connected(now);
   for (const auto& entry : works_) entry->work.Connected(now);
+  QueueAll();
 }
 
 void Sender::Rescan(TimeMs now) {
@@ -170,7 +196,7 @@ void Sender::Rescan(TimeMs now) {
   for (const std::string& report : found.names) {
     if (IsSelected(context_.settings, report) && known_.insert(report).second) Add(now, report);
   }
-  for (const auto& entry : works_) ReadNames(now, *entry);
+  for (std::size_t index = 0; index < works_.size(); ++index) ReadNames(now, index);
 }
 
 void Sender::Add(TimeMs now, const std::string& report) {
@@ -183,10 +209,12 @@ void Sender::Add(TimeMs now, const std::string& report) {
   if (is_connected_) entry->work.Connected(now);
   if (has_stopped_) entry->work.Stop();
   works_.push_back(std::move(entry));
+  Queue(works_.size() - 1);
 }
 
 // Without a names file nothing is sent, unless there was one before.
-void Sender::ReadNames(TimeMs now, Entry& entry) {
+void Sender::ReadNames(TimeMs now, std::size_t index) {
+  Entry& entry = *works_[index];
   const std::string path = report::PathIn(context_.directory, entry.work.Name()) + std::string(kNamesEnding);
   struct stat status = {};
   const bool is_there = file::StatusOf(path.c_str(), status) == 0 && S_ISREG(status.st_mode);
@@ -202,6 +230,7 @@ void Sender::ReadNames(TimeMs now, Entry& entry) {
   const auto size = static_cast<std::uint32_t>(text.size());
   const MessageHead head = SideHead(context_, MessageKind::kNames, is_there ? 1 : 0, entry.work.Name());
   entry.names.Set(now, is_there ? EncodeMessage(head, {&size, 1}, text) : EncodeMessage(head));
+  Queue(index);
 }
 
 bool Sender::IsBusy() const {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/qxrelay/send/HostWatch.h"
@@ -53,12 +54,17 @@ class Sender {
   struct Entry {
     ReportWork work;
     SideMessage names;
-    std::string names_seen;  // size, times and file of the names file
+    std::string names_seen;     // size, times and file of the names file
+    std::optional<TimeMs> due;  // when it waits for its next step: its place in the queue
 
     Entry(SendContext& context, const std::string& report, const std::string& names_subject, std::size_t owner)
         : work(context, report, owner), names(context, names_subject, owner) {}
   };
 
+  // The queue has the report when it wants to be stepped. To be called after whatever changes that.
+  void Queue(std::size_t index);
+  void QueueAll();
+  void StepDue(TimeMs now);
   void TakeReplies(TimeMs now);
   void OnReply(TimeMs now, const StreamReply& reply);
   void OnRival(TimeMs now, Rival rival);
@@ -67,15 +73,18 @@ class Sender {
   void Connect(TimeMs now);
   void Rescan(TimeMs now);
   void Add(TimeMs now, const std::string& report);
-  void ReadNames(TimeMs now, Entry& entry);
+  void ReadNames(TimeMs now, std::size_t index);
   [[nodiscard]] std::string AboutMessage() const;
   void LogOnce(const std::string& text);
 
   SendContext& context_;
   std::vector<std::string> labels_;
   std::vector<std::unique_ptr<Entry>> works_;  // owner n of a token is at n - 1
-  std::set<std::string> known_;                // the names of reports, also of those that cannot be relayed
-  SideMessage about_;                          // set once no other sender was found
+  // When, and the index in works_: with thousands of reports, a step must not visit those that wait.
+  std::set<std::pair<TimeMs, std::size_t>> queue_;
+  std::vector<std::size_t> due_now_;
+  std::set<std::string> known_;  // the names of reports, also of those that cannot be relayed
+  SideMessage about_;            // set once no other sender was found
   HostWatch watch_;
   std::vector<StreamReply> replies_;
   TimeMs connect_at_;
