@@ -22,7 +22,7 @@ constexpr std::chrono::seconds kStartingMax{2};
 constexpr std::int64_t kBetweenMs = 900;
 constexpr std::int64_t kFaultMaxMs = 4000;
 constexpr std::int64_t kServerFaultMaxMs = 6000;
-constexpr std::int64_t kServerPauseMs = 8000;
+constexpr std::int64_t kServerPauseMs = 3000;
 
 std::int64_t Below(std::mt19937_64& random, std::int64_t end) {
   return std::uniform_int_distribution<std::int64_t>(0, end - 1)(random);
@@ -78,7 +78,8 @@ void ChaosFleet::AddCollector(int collector) {
   const std::string config = options_.directory + "/" + name + ".ini";
   fs::create_directory(RootOf(collector));
   test::WriteFile(config, StreamLines() + "[receive]\nname=" + name + "\nroot=" + RootOf(collector) +
-                              "\nslots=" + std::to_string(options_.collector_slots) + "\n");
+                              "\nslots=" + std::to_string(options_.collector_slots) +
+                              "\nredeliver=" + std::to_string(kRedeliverSeconds) + " s\n");
   Add(other_actors_, "collector-" + name, {options_.qxrelay, "receive", "--config", config}, collectors_);
 }
 
@@ -101,7 +102,7 @@ void ChaosFleet::Disturb(std::mt19937_64& random, std::int64_t now_ms) {
   }
   if (now_ms < next_ms_) return;
   next_ms_ = now_ms + kBetweenMs / 2 + Below(random, kBetweenMs);
-  const bool hits_server = !is_server_hit && now_ms >= next_server_ms_ && Below(random, 4) == 0;
+  const bool hits_server = !is_server_hit && now_ms >= next_server_ms_ && Below(random, 2) == 0;
   std::vector<Actor*>& group = hits_server ? server_actors_ : other_actors_;
   Actor& actor = *group[static_cast<std::size_t>(Below(random, static_cast<std::int64_t>(group.size())))];
   if (actor.state != State::kRuns) return;

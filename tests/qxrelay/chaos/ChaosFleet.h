@@ -13,6 +13,9 @@
 
 namespace qx::chaos {
 
+// After which a collector gets again what it has not acknowledged.
+inline constexpr int kRedeliverSeconds = 2;
+
 struct FleetOptions {
   std::string qxrelay;    // the program
   std::string directory;  // of everything

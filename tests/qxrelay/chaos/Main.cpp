@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -73,6 +74,7 @@ class Chaos {
     const std::string crashed = CrashedText();
     PrintStream(stream, crashed);
     bool is_kept = is_settled && stream.IsKept() && crashed.empty();
+    SettleCollectors(check);
     for (int i = 0; i < arguments_.collectors; ++i) is_kept = CheckCollector(i, check) && is_kept;
     return fleet_.EndInOrder() && is_kept;
   }
@@ -139,26 +141,27 @@ class Chaos {
     return true;
   }
 
-  // Waits until the collector has as many records as it should, then compares.
-  bool CheckCollector(int collector, StreamCheck& check) {
+  Verdict Compare(int collector, StreamCheck& check, const std::function<void(const std::string&)>& say) {
     Verdict verdict;
+    for (auto& [name, report] : check.Reports()) {
+      CheckCollected(fleet_.RootOf(collector) + "/" + name, report, say, verdict);
+    }
+    return verdict;
+  }
+
+  // Waits until the collectors have everything, and longer than what they did not acknowledge needs to come again.
+  void SettleCollectors(StreamCheck& check) {
     const auto end = steady_clock::now() + kSettleMax;
-    for (;;) {
-      std::size_t complaints = 0;
-      verdict = {};
-      for (auto& [name, report] : check.Reports()) {
-        CheckCollected(
-            fleet_.RootOf(collector) + "/" + name, report, [&](const std::string&) { ++complaints; }, verdict);
-      }
-      if (complaints == 0 || verdict.torn + verdict.repeated > 0 || steady_clock::now() > end) break;
-      std::this_thread::sleep_for(milliseconds(500));
-    }
-    if (!verdict.IsKept()) {
-      Verdict ignored;
-      for (auto& [name, report] : check.Reports()) {
-        CheckCollected(fleet_.RootOf(collector) + "/" + name, report, Say, ignored);
+    for (int i = 0; i < arguments_.collectors; ++i) {
+      while (Compare(i, check, [](const std::string&) {}).lost > 0 && steady_clock::now() < end) {
+        std::this_thread::sleep_for(milliseconds(500));
       }
     }
+    if (arguments_.collectors > 0) std::this_thread::sleep_for(seconds(2 * kRedeliverSeconds));
+  }
+
+  bool CheckCollector(int collector, StreamCheck& check) {
+    const Verdict verdict = Compare(collector, check, Say);
     std::printf(
         "| the same, the reports of collector %d | %llu records | lost %llu, repeated %llu, out of order %llu, torn "
         "%llu |\n",

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "debug/Debug.h"
+#include "reportfile/ReportFileBase.h"
 #include "sdk/Reader.h"
 #include "tests/qxrelay/chaos/ChildProcess.h"
 #include "tests/qxrelay/chaos/ServerConfigs.h"
@@ -197,10 +198,10 @@ void Print(const Figures& begin, const Figures& end) {
 }
 
 relay::SendSettings SettingsOf(int linger_ms) {
-  relay::SendSettings settings;
+  relay::SendSettings settings;  // all others as they are without a setting
   settings.linger = milliseconds(linger_ms);
   settings.spread = milliseconds(0);
-  settings.rescan = milliseconds(60'000);
+  settings.rescan = milliseconds(10'000);
   return settings;
 }
 
@@ -239,19 +240,23 @@ void Rate(const std::string& directory, int seconds, std::size_t bytes) {
   stepper.Stop();
 }
 
-// Appends one record a second to each of the reports, for ever.
-[[noreturn]] void AppendForEver(const std::string& directory, int first_host, int last_host, int reports) {
-  std::vector<std::unique_ptr<LoadReport>> all;
-  for (int host = first_host; host < last_host; ++host) {
-    for (int i = 0; i < reports; ++i) {
-      const std::string name = "h" + std::to_string(host);
-      all.push_back(std::make_unique<LoadReport>(directory, name, static_cast<std::size_t>(i), 1000));
-    }
+// Reports number `begin` to `end` of all, by host and report: one record a second to each of them, for ever.
+[[noreturn]] void AppendForEver(const std::string& directory, int begin, int end, int reports) {
+  // The class below qx::Writer: that one searches all processes for another writer, for each report.
+  std::vector<std::unique_ptr<CReportFileBase>> all;
+  for (int i = begin; i < end; ++i) {
+    const std::string host = directory + "/h" + std::to_string(i / reports);
+    std::filesystem::create_directories(host);
+    all.push_back(std::make_unique<CReportFileBase>());
+    if (!all.back()->Open((host + "/r" + std::to_string(i % reports)).c_str(), 1000)) std::abort();
   }
+  const std::string text(100, 'x');
   const double start = SecondsOf(CLOCK_MONOTONIC);
   for (std::size_t done = 0;;) {
     const auto due = static_cast<std::size_t>((SecondsOf(CLOCK_MONOTONIC) - start) * static_cast<double>(all.size()));
-    for (; done < due; ++done) all[done % all.size()]->Append(100);
+    for (; done < due; ++done) {
+      if (!all[done % all.size()]->writeLine(text.c_str())) std::abort();
+    }
     std::this_thread::sleep_for(milliseconds(5));
   }
 }
@@ -261,12 +266,11 @@ class Appenders {
  public:
   Appenders(const std::string& directory, int hosts, int reports) {
     constexpr int kReportsMax = 5000;
-    const int of_one = std::max(1, kReportsMax / reports);
-    for (int first = 0; first < hosts; first += of_one) {
+    for (int begin = 0; begin < hosts * reports; begin += kReportsMax) {
       const pid_t process = fork();
       if (process == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        AppendForEver(directory, first, std::min(hosts, first + of_one), reports);
+        AppendForEver(directory, begin, std::min(hosts * reports, begin + kReportsMax), reports);
       }
       processes_.push_back(process);
     }
@@ -302,12 +306,14 @@ void Fleet(const std::string& directory, int seconds, int host_count, int report
 // Milliseconds from an append until its record was seen.
 class Latencies {
  public:
+  // The first two seconds do not count: consumer and report are made then.
   void Take(std::string_view record) {
     std::int64_t begun = 0;
     std::from_chars(record.data(), record.data() + record.size(), begun);
+    if (first_ == 0) first_ = begun;
+    if (begun - first_ < 2'000'000'000) return;
     milliseconds_.push_back(static_cast<double>(WallNs() - begun) / 1e6);
   }
-  void Forget() { milliseconds_.clear(); }
   void Print() {
     std::sort(milliseconds_.begin(), milliseconds_.end());
     const auto at = [&](double share) {
@@ -319,6 +325,7 @@ class Latencies {
   }
 
  private:
+  std::int64_t first_ = 0;
   std::vector<double> milliseconds_;
 };
 
