@@ -78,6 +78,12 @@ TEST_F(QxctlFaults, CrashIsAFindingAndTheOtherCasesStillRun) {
   EXPECT_THAT(Findings("load-crash", {"reload", "version"}), ElementsAre(std::string("reload: ") + kCrash));
 }
 
+// The command itself handles SIGALRM while it runs.
+TEST_F(QxctlFaults, AlarmKillsACase) {
+  EXPECT_THAT(Findings("alarm-null-block", {"null-block"}),
+              ElementsAre("null-block: killed by signal 14 (Alarm clock)"));
+}
+
 TEST_F(QxctlFaults, CaseThatDoesNotEndIsAFinding) {
   EXPECT_THAT(Findings("hang-loop", {"connection-loops"}), ElementsAre("connection-loops: no end within the time"));
 }

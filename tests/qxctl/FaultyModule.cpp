@@ -9,6 +9,7 @@
 //   leak-one            one descriptor is open after the unload
 //   stay-mapped         dlclose does not unmap the module
 //   crash-null-block    a null block is read
+//   alarm-null-block    a null block raises SIGALRM
 //   crash-loop          a chain of nested blocks that loops overflows the stack
 //   hang-loop           a chain of nested blocks that loops is followed forever
 //   accept-no-thread    a block without thread id is accepted
@@ -84,6 +85,7 @@ void Leak() {
 
 void MisbehaveAsRequested(const wcs_gendata* params, char** reply) {
   if (Has("crash-null-block") && params == nullptr) Crash();
+  if (Has("alarm-null-block") && params == nullptr) (void)std::raise(SIGALRM);
   if (Has("keep-reply") && reply == nullptr) Crash();
   if (Has("crash-loop") && ConnectionLoops(params)) Crash();
   while (Has("hang-loop") && ConnectionLoops(params)) pause();

@@ -23,7 +23,7 @@ using Clock = std::chrono::steady_clock;
 [[noreturn]] void Work(const std::function<std::string()>& work, int out) {
   const rlimit no_core{0, 0};
   (void)setrlimit(RLIMIT_CORE, &no_core);  // that it crashed is all that the parent needs to know
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM})
     (void)std::signal(signal, SIG_DFL);  // a guard belongs to the parent
   const file::Descriptor null = file::Open("/dev/null", O_RDWR);
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) (void)dup2(null.Number(), descriptor);
@@ -45,6 +45,16 @@ bool ReadToEnd(int in, pid_t child, double seconds, std::string& text) {
     const file::Progress progress = file::Read(in, buffer, sizeof buffer);  // EAGAIN: no more for now
     text.append(buffer, progress.bytes);
     if (progress.bytes < sizeof buffer && progress.error != EAGAIN) return true;
+  }
+}
+
+// False if there is no such child. A signal under a guard does not end the wait.
+bool WaitForEnd(pid_t child, int& status) {
+  for (;;) {
+    const pid_t ended = waitpid(child, &status, 0);
+    const int error = errno;
+    if (ended == child) return true;
+    if (error != EINTR) return false;
   }
 }
 
@@ -72,7 +82,7 @@ ChildOutcome RunInChild(double seconds, const std::function<std::string()>& work
   const bool is_set = child > 0 && fcntl(in.Number(), F_SETFL, O_NONBLOCK) == 0;
   const bool has_ended = is_set && ReadToEnd(in.Number(), child, seconds, outcome.text);
   int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child) return {"", 0, "not run: no process"};
+  if (child < 0 || !WaitForEnd(child, status)) return {"", 0, "not run: no process"};
   if (has_ended) {
     NoteEnd(status, outcome);
   } else {
