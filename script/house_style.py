@@ -82,7 +82,8 @@ RELAY = {
 }
 for area, others in RELAY.items():
     LAYERS[f"tools/qxrelay/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxrelay/{other}" for other in others}
-LAYERS["tools/qxrelay/status"] |= {"tools/qxctl/cli/text"}
+# Numbers in records are found as qxctl finds them.
+LAYERS["tools/qxrelay/status"] |= {"tools/qxctl/chart", "tools/qxctl/slice", "tools/qxctl/store", "tools/qxctl/cli/text"}
 LAYERS["tools/qxrelay/cli"] |= {"tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/line", "tools/qxctl/cli/text"}
 LAYERS["tools/qxrelay"] = LAYERS["tools/qxrelay/cli"] | {"tools/qxrelay/cli"}
 

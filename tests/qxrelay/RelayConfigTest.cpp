@@ -46,7 +46,8 @@ TEST_F(RelayConfigFile, EachKeyIsRead) {
            "credentials_file=/c\nca_file=/ca\ncertificate_file=/cert\nkey_file=/key\nage=7 d\nbytes=2 GiB\nreplicas=1\n"
            "[host]\nname=host3\n[labels]\nsite=north 1\nrole=db\n"
            "[send]\nreports=/r\nstate=/s\ninclude=a*, b\nexclude=ab*\nlinger=5 s\nbatch_bytes=32 KiB\npoll=7ms\n"
-           "poll_idle=1 s\nspread=0 s\ntimeout=2 s\nrescan=1 min\n"),
+           "poll_idle=1 s\nspread=0 s\ntimeout=2 s\nrescan=1 min\n"
+           "[metrics]\nlisten=[::1]:9464\nreports=load, disk/*\nseries_max=7\n"),
       ConfigFindings());
   EXPECT_EQ(config_.stream.servers, (Words{"nats://a:1", "nats://b:2"}));
   EXPECT_EQ(config_.stream.name + config_.stream.prefix + config_.stream.user + config_.stream.domain, "Qq.pud");
@@ -58,6 +59,9 @@ TEST_F(RelayConfigFile, EachKeyIsRead) {
   EXPECT_EQ(config_.host.name, "host3");
   EXPECT_EQ(config_.host.labels, (Words{"site=north 1", "role=db"}));
   EXPECT_EQ(config_.send.reports + config_.send.state, "/r/s");
+  EXPECT_EQ(config_.metrics.listen, "[::1]:9464");
+  EXPECT_EQ(config_.metrics.reports, (Words{"load", "disk/*"}));
+  EXPECT_EQ(config_.metrics.series_max, 7U);
   EXPECT_EQ(config_.send.include, (Words{"a*", "b"}));
   EXPECT_EQ(config_.send.exclude, Words{"ab*"});
   EXPECT_EQ(config_.send.batch_bytes, 32768U);
@@ -67,22 +71,24 @@ TEST_F(RelayConfigFile, EachKeyIsRead) {
 }
 
 TEST_F(RelayConfigFile, WhatIsWrongIsNamedAndTheDefaultStays) {
-  EXPECT_EQ(Read("[send]\nlingr=5 s\nlinger=5\nbatch_bytes=2 "
-                 "MiB\nbatch_bytes=1\n[sent]\nx=1\n[stream]\nname=a.b\nprefix=a..b\n"
-                 "replicas=9\nservers= ,\n[host]\nname=../x\n[labels]\na.b=1\n"),
-            (ConfigFindings{
-                "section [send], key \"lingr\": there is no such key",
-                "section [send], key \"linger\": \"5\" is not a time such as \"100 ms\", \"5 s\" or \"7 d\"",
-                "section [send], key \"batch_bytes\": \"2 MiB\" is not from 1 to 1048576",
-                "section [send], key \"batch_bytes\": it is there twice",
-                "section [sent]: there is no such section",
-                "section [stream], key \"name\": \"a.b\" is not a valid name here",
-                "section [stream], key \"prefix\": \"a..b\" is not a valid name here",
-                "section [stream], key \"replicas\": \"9\" is not from 1 to 5",
-                "section [stream], key \"servers\": \",\" is an empty list",
-                "section [host], key \"name\": \"../x\" is not a valid name here",
-                "section [labels], key \"a.b\": a label is a word, and its value a short text",
-            }));
+  EXPECT_EQ(
+      Read("[send]\nlingr=5 s\nlinger=5\nbatch_bytes=2 "
+           "MiB\nbatch_bytes=1\n[sent]\nx=1\n[stream]\nname=a.b\nprefix=a..b\n"
+           "replicas=9\nservers= ,\n[host]\nname=../x\n[labels]\na.b=1\n[metrics]\nlisten=0.0.0.0:9464\n"),
+      (ConfigFindings{
+          "section [send], key \"lingr\": there is no such key",
+          "section [send], key \"linger\": \"5\" is not a time such as \"100 ms\", \"5 s\" or \"7 d\"",
+          "section [send], key \"batch_bytes\": \"2 MiB\" is not from 1 to 1048576",
+          "section [send], key \"batch_bytes\": it is there twice",
+          "section [sent]: there is no such section",
+          "section [stream], key \"name\": \"a.b\" is not a valid name here",
+          "section [stream], key \"prefix\": \"a..b\" is not a valid name here",
+          "section [stream], key \"replicas\": \"9\" is not from 1 to 5",
+          "section [stream], key \"servers\": \",\" is an empty list",
+          "section [host], key \"name\": \"../x\" is not a valid name here",
+          "section [labels], key \"a.b\": a label is a word, and its value a short text",
+          "section [metrics], key \"listen\": \"0.0.0.0:9464\" is not a loopback address such as \"127.0.0.1:9464\"",
+      }));
   EXPECT_EQ(config_.send.linger, milliseconds(100));
   EXPECT_EQ(config_.stream.name, "QX");
 }

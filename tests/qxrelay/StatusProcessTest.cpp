@@ -3,17 +3,20 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "reportfile/ReportFileBase.h"
+#include "tests/qxrelay/HttpGet.h"
 #include "tests/qxrelay/NatsServer.h"
 #include "tests/qxrelay/QxrelayProcess.h"
 #include "tools/qxrelay/stream/NatsAdmin.h"
 
 namespace {
 
+using qx::test::HttpGet;
 using qx::test::NatsServer;
 using qx::test::QxrelayProcess;
 using qx::test::Until;
@@ -23,13 +26,17 @@ class RelayStatusProcess : public testing::Test {
  protected:
   RelayStatusProcess() {
     std::filesystem::create_directory(dir_.File("reports"));
-    qx::test::WriteFile(Config(), "[stream]\nservers=" + server_.Url() +
-                                      "\nreplicas=1\nbytes=64 MiB\n[host]\nname=h\n[send]\nreports=" +
-                                      dir_.File("reports") + "\nstate=" + dir_.File("state") +
-                                      "\nspread=0 s\nlinger=5 ms\npoll=2 ms\npoll_idle=10 ms\ntimeout=1 s\n");
+    Configure();
     settings_.servers = {server_.Url()};
     settings_.replicas = 1;
     settings_.bytes = 64 * 1024 * 1024;
+  }
+
+  void Configure(const std::string& more = {}) {
+    qx::test::WriteFile(Config(), "[stream]\nservers=" + server_.Url() +
+                                      "\nreplicas=1\nbytes=64 MiB\n[host]\nname=h\n[send]\nreports=" +
+                                      dir_.File("reports") + "\nstate=" + dir_.File("state") +
+                                      "\nspread=0 s\nlinger=5 ms\npoll=2 ms\npoll_idle=10 ms\ntimeout=1 s\n" + more);
   }
 
   [[nodiscard]] std::string Config() const { return dir_.File("relay.ini"); }
@@ -37,7 +44,7 @@ class RelayStatusProcess : public testing::Test {
   void Append(int count) {
     CReportFileBase store;
     ASSERT_TRUE(store.Open(dir_.File("reports/load").c_str(), 1000));
-    for (int i = 0; i < count; ++i) ASSERT_TRUE(store.writeLine("x"));
+    for (int i = 0; i < count; ++i) ASSERT_TRUE(store.writeLine("09:00 cpu=12%"));
   }
 
   // The exit code; the output is in text_.
@@ -95,5 +102,78 @@ TEST_F(RelayStatusProcess, ShowsTheSenderAsItRunsAndAsItLeftTheReports) {
   EXPECT_EQ(Status({"--report", "other*"}), 1);
   EXPECT_THAT(text_, testing::Not(HasSubstr("load")));
 }
+
+#ifdef QX_PROMETHEUS
+// A child process with its output in a file, which dies with the test.
+class Prometheus {
+ public:
+  Prometheus(const std::string& directory, std::uint16_t port) : log_(directory + "/prometheus.log") {
+    qx::test::WriteFile(
+        directory + "/prometheus.yml",
+        "global: {scrape_interval: 100ms, scrape_timeout: 100ms}\nscrape_configs:\n- job_name: qxrelay\n"
+        "  static_configs: [{targets: [\"127.0.0.1:" +
+            std::to_string(port) + "\"]}]\n");
+    process_ = fork();
+    if (process_ != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int file = open(log_.c_str(), O_WRONLY | O_CREAT, 0644);
+    dup2(file, STDOUT_FILENO);
+    dup2(file, STDERR_FILENO);
+    execl(QX_PROMETHEUS, QX_PROMETHEUS, ("--config.file=" + directory + "/prometheus.yml").c_str(),
+          ("--storage.tsdb.path=" + directory + "/prometheus").c_str(), "--web.listen-address=127.0.0.1:0", nullptr);
+    _exit(127);
+  }
+  ~Prometheus() {
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+  }
+  Prometheus(const Prometheus&) = delete;
+  Prometheus& operator=(const Prometheus&) = delete;
+
+  [[nodiscard]] std::string Log() const { return qx::test::Exists(log_) ? qx::test::ReadFile(log_) : ""; }
+
+  // 0: it does not listen yet.
+  [[nodiscard]] std::uint16_t Port() const {
+    const std::string log = Log();
+    const std::string mark = "msg=\"Listening on\" address=127.0.0.1:";
+    const std::size_t at = log.find(mark);
+    return at != std::string::npos ? static_cast<std::uint16_t>(std::atoi(log.c_str() + at + mark.size())) : 0;
+  }
+
+  // The document with the answer to a query.
+  [[nodiscard]] std::string Ask(const std::string& query) const {
+    return qx::test::HttpGet(Port(), "/api/v1/query?query=" + query).body;
+  }
+
+ private:
+  std::string log_;
+  pid_t process_ = 0;
+};
+
+TEST_F(RelayStatusProcess, APrometheusScrapesTheSender) {
+  Configure("[metrics]\nlisten=127.0.0.1:0\nreports=lo*\n");
+  ASSERT_EQ(CreateStream(settings_), std::nullopt);
+  Append(7);
+  QxrelayProcess sender({"send", "--config", Config()}, dir_.File("log"));
+  std::uint16_t port = 0;
+  const std::string mark = "metrics are on port ";
+  ASSERT_TRUE(Until([&] {
+    const std::string log = qx::test::Exists(dir_.File("log")) ? qx::test::ReadFile(dir_.File("log")) : "";
+    const std::size_t at = log.find(mark);
+    if (at != std::string::npos) port = static_cast<std::uint16_t>(std::atoi(log.c_str() + at + mark.size()));
+    return port != 0;
+  }));
+  EXPECT_TRUE(Until([&] { return HttpGet(port, "/healthz").body == "ok\n"; }));
+  const Prometheus prometheus(dir_.Path(), port);
+  ASSERT_TRUE(Until([&] { return prometheus.Port() != 0; })) << prometheus.Log();
+  EXPECT_TRUE(Until([&] {
+    return prometheus.Ask("qxrelay_report_records_total").find(",\"7\"]") != std::string::npos;
+  })) << prometheus.Log();
+  EXPECT_THAT(prometheus.Ask("qxrelay_report_records_total"), HasSubstr("\"host\":\"h\""));
+  EXPECT_THAT(prometheus.Ask("qxrelay_report_field"), HasSubstr("\"field\":\"cpu\""));
+  EXPECT_THAT(prometheus.Ask("up"), HasSubstr(",\"1\"]"));
+  EXPECT_EQ(sender.End(SIGTERM), 0);
+}
+#endif
 
 }  // namespace

@@ -8,10 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "reportfile/tools/DurableFiles.h"
 #include "tools/qxrelay/cli/Options.h"
 #include "tools/qxrelay/cli/Service.h"
 #include "tools/qxrelay/send/Sender.h"
 #include "tools/qxrelay/status/FlowPublisher.h"
+#include "tools/qxrelay/status/MetricsService.h"
 #include "tools/qxrelay/status/SenderFlow.h"
 #include "tools/qxrelay/stream/NatsPublish.h"
 
@@ -69,8 +71,10 @@ class Service {
              .takes_over = takes_over}),
         sender_(context_, SteadyMs(), config.host.labels),
         flow_(HostNameOf(config), ReportsOf(config)),
+        metrics_(config.metrics, RulesOf(output, context_.directory), WallMs, context_.log),
         publisher_(
-            SenderFlowFile(config), [this] { return Flow(); }, [](const ServiceFlow&) {}, context_.log),
+            SenderFlowFile(config), [this] { return Flow(); }, [this](const ServiceFlow& flow) { metrics_.Show(flow); },
+            context_.log),
         started_ms_(WallMs()) {}
 
   // Until a signal asks for something else, or another sender of this host is found.
@@ -113,6 +117,13 @@ class Service {
   }
 
  private:
+  static MetricsRules RulesOf(const Context& context, const std::string& directory) {
+    MetricsRules rules;
+    rules.version = context.version;
+    rules.path_of = [directory](const ReportFlow& flow) { return report::PathIn(directory, flow.report); };
+    return rules;
+  }
+
   // Until a report has its place, the position of the state directory is the last one that is known.
   [[nodiscard]] ServiceFlow Flow() {
     std::vector<SentReport> sent = sender_.Sent();
@@ -137,6 +148,7 @@ class Service {
   SendContext context_;
   Sender sender_;
   SenderFlow flow_;
+  MetricsService metrics_;
   FlowPublisher publisher_;
   std::int64_t started_ms_;
 };

@@ -10,6 +10,7 @@
 #include <span>
 
 #include "inifile/IniFile.h"
+#include "tools/qxrelay/config/LoopbackAddress.h"
 #include "tools/qxrelay/message/Subject.h"
 
 namespace qx::relay {
@@ -108,6 +109,14 @@ SetValue List(const std::function<std::vector<std::string>&(RelayConfig&)>& memb
   };
 }
 
+SetValue Listen(const std::function<std::string&(RelayConfig&)>& member) {
+  return [=](RelayConfig& config, const std::string& text) -> std::string {
+    if (!LoopbackAddressOf(text).has_value()) return "is not a loopback address such as \"127.0.0.1:9464\"";
+    member(config) = text;
+    return {};
+  };
+}
+
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
@@ -184,6 +193,11 @@ std::vector<KeyRow> ServiceRows() {
       {"receive", "redeliver",
        Time<milliseconds>(
            [](RelayConfig & c) -> auto& { return c.receive.redeliver; }, seconds(1), seconds(3600))},
+      {"metrics", "listen", Listen([](RelayConfig & c) -> auto& { return c.metrics.listen; })},
+      {"metrics", "reports", List([](RelayConfig & c) -> auto& { return c.metrics.reports; })},
+      {"metrics", "series_max",
+       Size<std::size_t>(
+           [](RelayConfig & c) -> auto& { return c.metrics.series_max; }, 0, 1'000'000)},
   };
 }
 

@@ -62,11 +62,19 @@ struct ReceiveSettings {
   std::chrono::milliseconds redeliver{30000};       // after which what is not acknowledged comes again
 };
 
+// [metrics]
+struct MetricsSettings {
+  std::string listen;                // a LoopbackAddress; empty: there are no metrics
+  std::vector<std::string> reports;  // patterns of reports whose newest numbers are metrics, too
+  std::size_t series_max = 10'000;   // of reports and their numbers; what is more is left out, and counted
+};
+
 struct RelayConfig {
   StreamSettings stream;
   HostSettings host;
   SendSettings send;
   ReceiveSettings receive;
+  MetricsSettings metrics;
 };
 
 // What is wrong with the file: "section [send], key \"lingr\": there is no such key".
