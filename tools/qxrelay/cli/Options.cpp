@@ -8,6 +8,7 @@
 #include "sdk/Writer.h"
 #include "tools/qxctl/cli/CommandTable.h"
 #include "tools/qxrelay/message/Subject.h"
+#include "tools/qxrelay/receive/ReceiverCounters.h"
 
 namespace qx::relay {
 
@@ -58,5 +59,15 @@ std::string ReportsOf(const RelayConfig& config) {
 }
 
 std::string SenderFlowFile(const RelayConfig& config) { return config.send.state + "/status"; }
+
+std::string ReceiverFlowFile(const RelayConfig& config) {
+  return config.receive.root + "/" + std::string(kReceiverDirectory) + "/status";
+}
+
+std::string CollectorName(const RelayConfig& config) {
+  if (!config.receive.name.empty()) return config.receive.name;
+  const std::string name = config.stream.user.empty() ? HostNameOf(config) : config.stream.user;
+  return name.substr(0, name.find('.'));
+}
 
 }  // namespace qx::relay

@@ -31,8 +31,14 @@ inline constexpr ctl::Parameter kConfigOptions[] = {
 // The directory of the reports that are sent.
 [[nodiscard]] std::string ReportsOf(const RelayConfig& config);
 
-// The file in which the sender of the state directory keeps its flow (tools/qxrelay/status/FlowDocument.h).
+// The collector's name in the stream: that of the settings, the user's, or the machine's own up to its first ".":
+// "web1.example.org" => "web1", because the name of a consumer has no ".".
+[[nodiscard]] std::string CollectorName(const RelayConfig& config);
+
+// The files in which the sender of the state directory and the receiver of the root keep their flow
+// (tools/qxrelay/status/FlowDocument.h).
 [[nodiscard]] std::string SenderFlowFile(const RelayConfig& config);
+[[nodiscard]] std::string ReceiverFlowFile(const RelayConfig& config);
 
 // qxrelay itself: the options that every command has.
 extern const ctl::Command kQxrelay;

@@ -7,11 +7,15 @@
 #include <random>
 #include <string>
 
+#include "reportfile/tools/DurableFiles.h"
 #include "tools/qxrelay/cli/Options.h"
 #include "tools/qxrelay/cli/Service.h"
 #include "tools/qxrelay/receive/CollectedFiles.h"
 #include "tools/qxrelay/receive/CollectorRoot.h"
 #include "tools/qxrelay/receive/Receiver.h"
+#include "tools/qxrelay/status/FlowPublisher.h"
+#include "tools/qxrelay/status/MetricsService.h"
+#include "tools/qxrelay/status/ReceiverFlow.h"
 #include "tools/qxrelay/stream/NatsConsume.h"
 
 namespace qx::relay {
@@ -57,13 +61,6 @@ std::size_t OpenMax() {
   return std::clamp(free / CollectedFiles::kDescriptors, std::size_t{1}, kAny);
 }
 
-// "web1.example.org" => "web1": the name of a consumer has no ".".
-std::string CollectorName(const RelayConfig& config) {
-  if (!config.receive.name.empty()) return config.receive.name;
-  const std::string name = config.stream.user.empty() ? HostNameOf(config) : config.stream.user;
-  return name.substr(0, name.find('.'));
-}
-
 // A receiver with all that it borrows. The settings of one are fixed; new settings need a new one.
 class Service {
  public:
@@ -77,7 +74,13 @@ class Service {
                   .stream_settings = config.stream,
                   .settings = config.receive,
                   .open_max = OpenMax()}),
-        receiver_(context_, CollectorName(config)) {}
+        receiver_(context_, CollectorName(config)),
+        name_(CollectorName(config)),
+        metrics_(config.metrics, RulesOf(output, config.receive.root), WallMs, context_.log),
+        publisher_(
+            ReceiverFlowFile(config), [this] { return Flow(); },
+            [this](const ServiceFlow& flow) { metrics_.Show(flow); }, context_.log),
+        started_ms_(WallMs()) {}
 
   // Until a signal asks for something else.
   void Run(ServiceSignals& signals, ServiceManager& manager) {
@@ -86,6 +89,7 @@ class Service {
       const TimeMs now = SteadyMs();
       const TimeMs next = receiver_.Step(now, kWaitMs);
       manager.Alive(SteadyMs());
+      publisher_.Step(now);
       if (now >= status_at) {
         ServiceManager::Status(StatusText());
         status_at = now + kStatusMs;
@@ -96,7 +100,10 @@ class Service {
     }
   }
 
-  void Finish() { receiver_.Finish(SteadyMs()); }
+  void Finish() {
+    receiver_.Finish(SteadyMs());
+    publisher_.Finish();
+  }
 
   [[nodiscard]] std::string StatusText() const {
     const ReceiverCounters& counters = context_.counters;
@@ -116,10 +123,34 @@ class Service {
   }
 
  private:
+  static MetricsRules RulesOf(const Context& context, const std::string& root) {
+    MetricsRules rules;
+    rules.version = context.version;
+    rules.path_of = [root](const ReportFlow& flow) { return report::PathIn(root + "/" + flow.host, flow.report); };
+    return rules;
+  }
+
+  [[nodiscard]] ServiceFlow Flow() {
+    const std::vector<CollectedReport> reports = receiver_.Reports();
+    return {.kind = ServiceKind::kReceiver,
+            .name = name_,
+            .time_ms = WallMs(),
+            .started_ms = started_ms_,
+            .is_connected = receiver_.IsConnected(),
+            .problem = receiver_.Problem(),
+            .counters = CountersOf(receiver_.Counters(), reports),
+            .reports = flow_.Take(reports, SteadyMs(), WallMs())};
+  }
+
   NatsConsume stream_;
   std::mt19937_64 random_;
   ReceiveContext context_;
   Receiver receiver_;
+  std::string name_;
+  ReceiverFlow flow_;
+  MetricsService metrics_;
+  FlowPublisher publisher_;
+  std::int64_t started_ms_;
 };
 
 // The settings of the file, and what the command line says instead.

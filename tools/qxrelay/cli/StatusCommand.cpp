@@ -1,4 +1,4 @@
-// Shows what the sender of this host does: what waits in the rings, how long they last, and what was lost.
+// Shows what the sender and the receiver of this machine do: what waits, how long the rings last, and what was lost.
 #include "tools/qxrelay/cli/StatusCommand.h"
 
 #include <algorithm>
@@ -17,6 +17,7 @@
 #include "tools/qxrelay/status/FlowDocument.h"
 #include "tools/qxrelay/status/FlowPublisher.h"
 #include "tools/qxrelay/status/StoppedSender.h"
+#include "tools/qxrelay/stream/NatsAdmin.h"
 #include "tools/qxrelay/stream/NatsPublish.h"
 
 namespace qx::relay {
@@ -44,7 +45,7 @@ constexpr ctl::Parameter kParameters[] = {
      .value = "PATTERN",
      .help = "Only reports that match, such as \"disk/*\"",
      .default_value = "*"},
-    {.name = "--offline", .help = "Do not ask the servers about a sender that is not running"},
+    {.name = "--offline", .help = "Do not ask the servers about what is not running"},
     {.name = "--json", .help = "Print one JSON document"},
 };
 
@@ -76,6 +77,19 @@ ServiceFlow FlowOfStoppedSender(const RelayConfig& config, std::optional<Service
   return sender.Flow(SteadyMs(), WallMs());
 }
 
+// What waits for a receiver that is not running is known to the stream only.
+void MarkAsStopped(const RelayConfig& config, bool is_offline, ServiceFlow& flow) {
+  flow.started_ms = 0;
+  flow.is_connected = false;
+  flow.problem = "the receiver is not running";
+  std::uint64_t pending = 0;
+  if (is_offline || ReadPending(config.stream, flow.name, pending).has_value()) return;
+  flow.problem += "; " + std::to_string(pending) + " messages wait for it in the stream";
+  for (auto& [name, value] : flow.counters) {
+    if (name == "pending") value = pending;
+  }
+}
+
 Services ServicesOf(const RelayConfig& config, bool is_offline) {
   Services services;
   struct stat status = {};
@@ -83,6 +97,10 @@ Services ServicesOf(const RelayConfig& config, bool is_offline) {
     std::optional<ServiceFlow> flow = ReadFlowFile(SenderFlowFile(config));
     const bool is_running = flow.has_value() && IsRunning(*flow);
     services.push_back(is_running ? *flow : FlowOfStoppedSender(config, std::move(flow), is_offline));
+  }
+  if (std::optional<ServiceFlow> flow = ReadFlowFile(ReceiverFlowFile(config))) {
+    if (!IsRunning(*flow)) MarkAsStopped(config, is_offline, *flow);
+    services.push_back(*std::move(flow));
   }
   return services;
 }
@@ -167,8 +185,8 @@ Status Show(Context& context, const Values& values) {
   if (Status status = LoadConfig(context, values, config); !status.IsOk()) return status;
   Services services = ServicesOf(config, values.Flag("--offline"));
   if (services.empty()) {
-    return {ExitCode::kNotFound, "no sender has run with these settings: there is no " + config.send.state +
-                                     "/identity that this user may see"};
+    return {ExitCode::kNotFound, "nothing has run with these settings: there is no " + config.send.state +
+                                     "/identity and no " + ReceiverFlowFile(config) + " that this user may see"};
   }
   Select(values, services);
   const bool has_trouble = std::any_of(services.begin(), services.end(), HasTrouble);

@@ -72,12 +72,27 @@ std::optional<std::string> ReadStream(const StreamSettings& settings, StreamStat
   state.bytes = info->State.Bytes;
   state.first_sequence = info->State.FirstSeq;
   state.last_sequence = info->State.LastSeq;
+  const bool has_leader = info->Cluster != nullptr && info->Cluster->Leader != nullptr;
+  state.leader = has_leader ? info->Cluster->Leader : "";
   state.settings = settings;
   state.settings.age = std::chrono::seconds(info->Config->MaxAge / kNanosecondsInSecond);
   state.settings.bytes = static_cast<std::uint64_t>(info->Config->MaxBytes);
   state.settings.replicas = static_cast<std::uint32_t>(info->Config->Replicas);
   state.keeps_newest = info->Config->Discard == js_DiscardOld;
   state.allows_look_ups = info->Config->AllowDirect;
+  return std::nullopt;
+}
+
+std::optional<std::string> ReadPending(const StreamSettings& settings, const std::string& collector,
+                                       std::uint64_t& pending) {
+  Session session;
+  if (auto problem = OpenSession(settings, session)) return problem;
+  jsConsumerInfo* found = nullptr;
+  const natsStatus status =
+      js_GetConsumerInfo(&found, session.context.get(), settings.name.c_str(), collector.c_str(), nullptr, nullptr);
+  if (status != NATS_OK) return ProblemWithWords("cannot read the state of the consumer " + collector, status);
+  pending = found->NumPending + static_cast<std::uint64_t>(found->NumAckPending);
+  jsConsumerInfo_Destroy(found);
   return std::nullopt;
 }
 

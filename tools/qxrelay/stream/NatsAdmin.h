@@ -15,6 +15,7 @@ struct StreamState {
   std::uint64_t bytes = 0;
   std::uint64_t first_sequence = 0;
   std::uint64_t last_sequence = 0;
+  std::string leader;            // name of the server; empty: there is none now, or the server has no name
   StreamSettings settings;       // name, age, bytes and replicas; the others are those that were requested
   bool keeps_newest = false;     // discards the oldest messages, not the newest ones, when it is full
   bool allows_look_ups = false;  // DIRECT.GET, which senders use
@@ -27,6 +28,10 @@ struct StreamState {
 
 // Reads the state of the stream. [any thread]
 [[nodiscard]] std::optional<std::string> ReadStream(const StreamSettings& settings, StreamState& state);
+
+// How many messages the stream has for a collector that were not acknowledged, or not even fetched. [any thread]
+[[nodiscard]] std::optional<std::string> ReadPending(const StreamSettings& settings, const std::string& collector,
+                                                     std::uint64_t& pending);
 
 // Removes all messages of a host: of its reports, their names, and its labels. [any thread]
 [[nodiscard]] std::optional<std::string> PurgeHost(const StreamSettings& settings, const std::string& host);

@@ -99,6 +99,23 @@ std::optional<std::string> SetCredentials(natsOptions* options, const StreamSett
   return std::nullopt;
 }
 
+// What failed, and what to do about it.
+std::string ProblemOfConnect(const StreamSettings& settings, natsStatus status) {
+  if (status == NATS_CONNECTION_AUTH_FAILED) {
+    return "the servers refuse the credentials: check user, password_file and credentials_file in [stream]";
+  }
+  if (status == NATS_SSL_ERROR && settings.ca_file.empty()) {
+    return "the servers use TLS, and this machine does not know their authority: set ca_file in [stream]";
+  }
+  const std::string problem = Problem("cannot connect to the servers", status);
+  if (status == NATS_SSL_ERROR) {
+    return problem + ": check ca_file in [stream], and that the certificates name the servers";
+  }
+  // The client has finished the handshake of TLS 1.3 by then.
+  const bool may_lack_certificate = status == NATS_PROTOCOL_ERROR && settings.certificate_file.empty();
+  return problem + (may_lack_certificate ? ": if they ask for one, set certificate_file and key_file in [stream]" : "");
+}
+
 }  // namespace
 
 std::string Problem(const std::string& what, natsStatus status) { return what + ": " + natsStatus_GetText(status); }
@@ -125,10 +142,7 @@ std::optional<std::string> MakeConnection(const StreamSettings& settings, const 
     connection.reset(made);
     return std::nullopt;
   }
-  if (status == NATS_CONNECTION_AUTH_FAILED) {
-    return "the servers refuse the credentials: check user, password_file and credentials_file in [stream]";
-  }
-  return Problem("cannot connect to the servers", status);
+  return ProblemOfConnect(settings, status);
 }
 
 std::optional<std::string> MakeContext(const StreamSettings& settings, const Connection& connection, Context& context) {
