@@ -39,6 +39,7 @@ class QxrelayProcess {
   QxrelayProcess(const QxrelayProcess&) = delete;
   QxrelayProcess& operator=(const QxrelayProcess&) = delete;
 
+  [[nodiscard]] pid_t Id() const { return process_; }
   void Signal(int signal) const { kill(process_, signal); }
 
   // Sends the signal and returns the exit code, or -1 after the end by a signal.

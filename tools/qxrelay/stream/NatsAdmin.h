@@ -15,7 +15,7 @@ struct StreamState {
   std::uint64_t bytes = 0;
   std::uint64_t first_sequence = 0;
   std::uint64_t last_sequence = 0;
-  std::string leader;            // name of the server; empty: there is none now, or the server has no name
+  std::string leader;            // name of a server; empty: the stream has no leader now, or the server no name
   StreamSettings settings;       // name, age, bytes and replicas; the others are those that were requested
   bool keeps_newest = false;     // discards the oldest messages, not the newest ones, when it is full
   bool allows_look_ups = false;  // DIRECT.GET, which senders use

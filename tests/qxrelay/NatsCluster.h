@@ -1,0 +1,37 @@
+// Three nats-servers of a test's own, as a cluster with JetStream, on loopback ports that nobody uses.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include "tests/support/Support.h"
+
+namespace qx::test {
+
+// Threads: one thread. Owns: the processes, which die with the test, and their directory.
+class NatsCluster {
+ public:
+  static constexpr std::size_t kServers = 3;
+
+  NatsCluster();
+  ~NatsCluster();
+  NatsCluster(const NatsCluster&) = delete;
+  NatsCluster& operator=(const NatsCluster&) = delete;
+
+  // "nats://127.0.0.1:34567", one for each server.
+  [[nodiscard]] const std::vector<std::string>& Urls() const { return urls_; }
+
+  // Kills the server of this name. True if there is one.
+  bool Kill(const std::string& name);
+  [[nodiscard]] std::string Log() const;
+
+ private:
+  TempDir dir_;
+  std::vector<std::string> urls_;
+  std::array<pid_t, kServers> processes_ = {};
+};
+
+}  // namespace qx::test
