@@ -620,4 +620,31 @@ TEST_F(RelaySender, RandomFaultsAndKillsLoseRepeatAndReorderNothing) {
   EXPECT_GT(report.records.size(), written_.size() / 2);
 }
 
+// The watch for other senders looks every five seconds, which must not cost a message each time.
+TEST_F(RelaySender, LabelsAreSentOnceAndAgainWhenTheStreamHasLostThem) {
+  const auto labels = [&] {
+    return std::count_if(stream_.messages.begin(), stream_.messages.end(),
+                         [](const auto& message) { return message.subject == "qx.about.h"; });
+  };
+  Start();
+  Run(30'000);
+  EXPECT_EQ(labels(), 1);
+  stream_.messages.clear();
+  Run(6000);
+  EXPECT_EQ(labels(), 1);
+}
+
+TEST_F(RelaySender, ServersThatAnswerNoLookUpAreReportedOnce) {
+  Append(3);
+  stream_.faults.assign(200, FakeStream::Fault::kLost);
+  Start();
+  Run(12'000);
+  EXPECT_EQ(Lines("the servers do not answer: is there a stream QX (\"qxrelay stream create\")"), 1U);
+  EXPECT_NE(sender_->Problem(), "");
+  stream_.faults.clear();
+  Run(6000);
+  EXPECT_EQ(sender_->Problem(), "");
+  ExpectAll();
+}
+
 }  // namespace

@@ -138,7 +138,7 @@ class Service {
             .time_ms = WallMs(),
             .started_ms = started_ms_,
             .is_connected = sender_.IsConnected(),
-            .problem = RivalText().empty() ? sender_.ConnectProblem() : RivalText(),
+            .problem = sender_.Problem(),
             .counters = CountersOf(context_.counters),
             .reports = flow_.Take(sent, SteadyMs(), WallMs())};
   }

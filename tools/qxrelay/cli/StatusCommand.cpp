@@ -84,7 +84,7 @@ void MarkAsStopped(const RelayConfig& config, bool is_offline, ServiceFlow& flow
   flow.problem = "the receiver is not running";
   std::uint64_t pending = 0;
   if (is_offline || ReadPending(config.stream, flow.name, pending).has_value()) return;
-  flow.problem += "; " + std::to_string(pending) + " messages wait for it in the stream";
+  flow.problem += "; messages that wait for it in the stream: " + std::to_string(pending);
   for (auto& [name, value] : flow.counters) {
     if (name == "pending") value = pending;
   }

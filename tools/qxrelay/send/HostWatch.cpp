@@ -6,8 +6,13 @@ namespace qx::relay {
 
 // A look-up without an answer is tried again at the next time.
 void HostWatch::Step(TimeMs now) {
+  if (token_ != 0 && now >= deadline_) {
+    is_unanswered_ = true;
+    token_ = 0;
+  }
   if (now < due_) return;
   due_ = now + kPeriodMs;
+  deadline_ = now + context_.times.timeout;
   token_ = context_.NewToken(owner_);
   if (!context_.stream.LookUp(token_, subject_)) token_ = 0;
 }
@@ -20,7 +25,9 @@ void HostWatch::Connected(TimeMs now) {
 std::optional<Rival> HostWatch::OnReply(TimeMs now, const StreamReply& reply) {
   if (reply.token != token_) return std::nullopt;
   token_ = 0;
+  is_unanswered_ = false;
   due_ = now + kPeriodMs;
+  if (reply.kind == ReplyKind::kNone) session_ = 0;
   if (reply.kind == ReplyKind::kNone) return Rival::kNone;
   if (reply.kind != ReplyKind::kNewest) return std::nullopt;
   const DecodedMessage message = DecodeMessage(reply.payload);

@@ -2,6 +2,7 @@
 // its start. Reports without new records would find it only hours later.
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <string>
 
@@ -25,9 +26,13 @@ class HostWatch {
   // What a reply to its look-up shows; unset for any other reply. [owning thread]
   [[nodiscard]] std::optional<Rival> OnReply(TimeMs now, const StreamReply& reply);
 
-  // The session of the newest message. [owning thread]
+  // Whether the last look-up had no answer in time: there is no stream, it has no leader, or this host may not ask.
+  // [owning thread]
+  [[nodiscard]] bool IsUnanswered() const { return is_unanswered_; }
+
+  // The session of the newest message; 0 without one. [owning thread]
   [[nodiscard]] std::uint64_t Session() const { return session_; }
-  [[nodiscard]] TimeMs Wake() const { return due_; }
+  [[nodiscard]] TimeMs Wake() const { return token_ != 0 ? std::min(due_, deadline_) : due_; }
 
  private:
   SendContext& context_;
@@ -36,6 +41,8 @@ class HostWatch {
   std::uint64_t token_ = 0;
   std::uint64_t session_ = 0;
   TimeMs due_ = 0;
+  TimeMs deadline_ = 0;  // of the answer, if token_ is not 0
+  bool is_unanswered_ = false;
 };
 
 }  // namespace qx::relay

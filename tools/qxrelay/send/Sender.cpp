@@ -73,6 +73,7 @@ TimeMs Sender::Step(TimeMs now) {
   if (!is_connected_) return std::min(wake, connect_at_);
   if (has_stopped_) return wake;
   watch_.Step(now);
+  if (watch_.IsUnanswered()) LogOnce(SilenceText());
   wake = std::min(wake, watch_.Wake());
   about_.Step(now);
   if (about_.IsSet()) wake = std::min(wake, about_.Wake());
@@ -144,7 +145,9 @@ void Sender::OnRival(TimeMs now, Rival rival) {
     rival = Rival::kNone;
   }
   if (rival == Rival::kNone) {
-    about_.Set(now, AboutMessage());
+    // Its time differs each time, so it is made again only if the stream has not got ours.
+    const bool is_stored = about_.IsSet() && watch_.Session() == context_.state.Identity().session;
+    if (!is_stored) about_.Set(now, AboutMessage());
     return;
   }
   context_.rival = rival;
@@ -247,6 +250,18 @@ void Sender::Finish() {
 std::size_t Sender::Stopped() const {
   return static_cast<std::size_t>(
       std::count_if(works_.begin(), works_.end(), [](const auto& entry) { return entry->work.Sender().IsStopped(); }));
+}
+
+std::string Sender::Problem() const {
+  if (const std::string rival = RivalText(); !rival.empty()) return rival;
+  if (!is_connected_) return connect_problem_;
+  return watch_.IsUnanswered() ? SilenceText() : "";
+}
+
+// A server does not answer who asks for a message of a stream that it does not have.
+std::string Sender::SilenceText() const {
+  return "the servers do not answer: is there a stream " + context_.stream_settings.name +
+         " (\"qxrelay stream create\"), has it a leader, and may this host ask for its own newest messages?";
 }
 
 std::vector<SentReport> Sender::Sent() const {

@@ -44,8 +44,8 @@ class Sender {
   // [owning thread]
   [[nodiscard]] std::string RivalText() const { return TextOfRival(context_.rival, context_.host); }
   [[nodiscard]] bool IsConnected() const { return is_connected_; }
-  // Why the sender could not connect the last time; empty while it is connected. [owning thread]
-  [[nodiscard]] const std::string& ConnectProblem() const { return connect_problem_; }
+  // What keeps all reports from continuing, and what to do; empty: nothing. [owning thread]
+  [[nodiscard]] std::string Problem() const;
   // What was done for each report. [owning thread]
   [[nodiscard]] std::vector<SentReport> Sent() const;
 
@@ -75,6 +75,7 @@ class Sender {
   void Add(TimeMs now, const std::string& report);
   void ReadNames(TimeMs now, std::size_t index);
   [[nodiscard]] std::string AboutMessage() const;
+  [[nodiscard]] std::string SilenceText() const;
   void LogOnce(const std::string& text);
 
   SendContext& context_;
@@ -90,7 +91,7 @@ class Sender {
   TimeMs connect_at_;
   TimeMs rescan_at_;
   std::uint32_t connect_failures_ = 0;
-  std::string connect_problem_;
+  std::string connect_problem_;  // of the last try; empty after a success
   bool is_connected_ = false;
   bool is_stopping_ = false;
   bool has_stopped_ = false;      // for good, because of another sender
