@@ -40,7 +40,7 @@ NatsCluster::NatsCluster() {
   std::string routes;
   for (std::size_t i = 0; i < kServers; ++i) {
     urls_.push_back("nats://127.0.0.1:" + std::to_string(ports[i]));
-    routes += " \"nats-route://127.0.0.1:" + std::to_string(ports[kServers + i]) + "\"";
+    routes += (routes.empty() ? "" : ", ") + ("\"nats-route://127.0.0.1:" + std::to_string(ports[kServers + i]) + "\"");
   }
   for (std::size_t i = 0; i < kServers; ++i) {
     const std::string file = dir_.File(NameOf(i) + ".conf");

@@ -33,10 +33,12 @@ class RelayStatusProcess : public testing::Test {
   }
 
   void Configure(const std::string& more = {}) {
-    qx::test::WriteFile(Config(), "[stream]\nservers=" + server_.Url() +
-                                      "\nreplicas=1\nbytes=64 MiB\n[host]\nname=h\n[send]\nreports=" +
-                                      dir_.File("reports") + "\nstate=" + dir_.File("state") +
-                                      "\nspread=0 s\nlinger=5 ms\npoll=2 ms\npoll_idle=10 ms\ntimeout=1 s\n" + more);
+    qx::test::WriteFile(Config(),
+                        "[stream]\nservers=" + server_.Url() +
+                            "\nreplicas=1\nbytes=64 MiB\n[host]\nname=h\n[send]\nreports=" + dir_.File("reports") +
+                            "\nstate=" + dir_.File("state") +
+                            "\nspread=0 s\nlinger=5 ms\npoll=2 ms\npoll_idle=10 ms\ntimeout=1 s\n[receive]\nroot=" +
+                            dir_.File("collected") + "\nsync=10 ms\n" + more);
   }
 
   [[nodiscard]] std::string Config() const { return dir_.File("relay.ini"); }
@@ -74,7 +76,7 @@ class RelayStatusProcess : public testing::Test {
 
 TEST_F(RelayStatusProcess, ShowsTheSenderAsItRunsAndAsItLeftTheReports) {
   EXPECT_EQ(Status(), 4);
-  EXPECT_THAT(text_, HasSubstr("no sender has run with these settings"));
+  EXPECT_THAT(text_, HasSubstr("nothing has run with these settings"));
   EXPECT_EQ(Status({"--json"}), 4);
   EXPECT_EQ(Faults(), 0) << "a failure is a document, too: " << text_;
   ASSERT_EQ(CreateStream(settings_), std::nullopt);
@@ -101,6 +103,44 @@ TEST_F(RelayStatusProcess, ShowsTheSenderAsItRunsAndAsItLeftTheReports) {
   EXPECT_THAT(text_, testing::StartsWith("sender h: not connected, 1 report\nthe sender is not running\n"));
   EXPECT_EQ(Status({"--report", "other*"}), 1);
   EXPECT_THAT(text_, testing::Not(HasSubstr("load")));
+}
+
+// The port after "metrics are on port " in the log; 0 if it does not come.
+std::uint16_t MetricsPort(const std::string& log) {
+  const std::string mark = "metrics are on port ";
+  std::uint16_t port = 0;
+  (void)Until([&] {
+    const std::string text = qx::test::Exists(log) ? qx::test::ReadFile(log) : "";
+    const std::size_t at = text.find(mark);
+    if (at != std::string::npos) port = static_cast<std::uint16_t>(std::atoi(text.c_str() + at + mark.size()));
+    return port != 0;
+  });
+  return port;
+}
+
+TEST_F(RelayStatusProcess, ShowsTheReceiverAsItRunsAndWhatWaitsForIt) {
+  Configure("[metrics]\nlisten=127.0.0.1:0\nreports=load\n");
+  ASSERT_EQ(CreateStream(settings_), std::nullopt);
+  Append(7);
+  QxrelayProcess sender({"send", "--config", Config()}, dir_.File("log"));
+  QxrelayProcess receiver({"receive", "--name", "c1", "--config", Config()}, dir_.File("log2"));
+  const auto shows_records = [&](const std::string& number) {
+    const std::size_t at = text_.find("\"records\": " + number + ",", text_.find("\"reports\": ["));
+    return at != std::string::npos && text_.find("\"records\": " + number + ",", at + 1) != std::string::npos;
+  };
+  EXPECT_TRUE(Until([&] { return Status({"--json"}) == 0 && shows_records("7"); })) << text_;
+  EXPECT_THAT(text_, HasSubstr("\"service\": \"receiver\",\n      \"name\": \"c1\""));
+  EXPECT_EQ(Faults(), 0) << text_;
+  EXPECT_THAT(HttpGet(MetricsPort(dir_.File("log2")), "/metrics").body,
+              HasSubstr("qxrelay_report_field{host=\"h\",report=\"load\",field=\"cpu\"} 12\n"));
+  EXPECT_EQ(receiver.End(SIGTERM), 0);
+  Append(3);
+  EXPECT_TRUE(Until([&] {
+    return Status() == 1 && text_.find("messages that wait for it in the stream: 1\n") != std::string::npos;
+  })) << text_;
+  EXPECT_THAT(text_, HasSubstr("receiver c1: not connected, 1 report\nthe receiver is not running; "));
+  EXPECT_EQ(Status({"--offline", "--host", "h"}), 1);
+  EXPECT_THAT(text_, HasSubstr("the receiver is not running\n"));
 }
 
 #ifdef QX_PROMETHEUS
@@ -155,14 +195,8 @@ TEST_F(RelayStatusProcess, APrometheusScrapesTheSender) {
   ASSERT_EQ(CreateStream(settings_), std::nullopt);
   Append(7);
   QxrelayProcess sender({"send", "--config", Config()}, dir_.File("log"));
-  std::uint16_t port = 0;
-  const std::string mark = "metrics are on port ";
-  ASSERT_TRUE(Until([&] {
-    const std::string log = qx::test::Exists(dir_.File("log")) ? qx::test::ReadFile(dir_.File("log")) : "";
-    const std::size_t at = log.find(mark);
-    if (at != std::string::npos) port = static_cast<std::uint16_t>(std::atoi(log.c_str() + at + mark.size()));
-    return port != 0;
-  }));
+  const std::uint16_t port = MetricsPort(dir_.File("log"));
+  ASSERT_NE(port, 0);
   EXPECT_TRUE(Until([&] { return HttpGet(port, "/healthz").body == "ok\n"; }));
   const Prometheus prometheus(dir_.Path(), port);
   ASSERT_TRUE(Until([&] { return prometheus.Port() != 0; })) << prometheus.Log();
