@@ -253,7 +253,7 @@ std::size_t Sender::Stopped() const {
 }
 
 std::string Sender::Problem() const {
-  if (const std::string rival = RivalText(); !rival.empty()) return rival;
+  if (std::string rival = RivalText(); !rival.empty()) return rival;
   if (!is_connected_) return connect_problem_;
   return watch_.IsUnanswered() ? SilenceText() : "";
 }

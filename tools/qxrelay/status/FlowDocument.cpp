@@ -1,6 +1,7 @@
 #include "tools/qxrelay/status/FlowDocument.h"
 
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -70,7 +71,7 @@ ReportFlow ReportOf(const Library& object) {
   flow.trouble = TextOf(object, "trouble");
   flow.lag_records = NumberOf<std::uint64_t>(object, "lagRecords");
   const std::optional<double> lag_s = NumberOf<double>(object, "lagSeconds");
-  if (lag_s.has_value()) flow.lag_ms = static_cast<std::int64_t>(*lag_s * kMsInSecond + 0.5);
+  if (lag_s.has_value()) flow.lag_ms = std::llround(*lag_s * kMsInSecond);
   flow.records_per_second = NumberOf<double>(object, "recordsPerSecond");
   flow.overtaken_in_s = NumberOf<double>(object, "overtakenInSeconds");
   flow.ring_slots = NumberOf<std::uint64_t>(object, "ringSlots");

@@ -50,13 +50,13 @@ const ReportFlow* FindReport(const std::optional<ServiceFlow>& flow, const std::
 
 std::map<std::string, ReportState> StatesIn(const std::string& directory) {
   std::map<std::string, ReportState> states;
-  const std::string reports = directory + "/reports";
+  const std::string reports = directory + "/reports/";
   const file::Descriptor opened = file::OpenDirectory(reports.c_str());
   std::vector<std::string> names;
   if (!opened.IsOpen() || file::ListNames(opened.Number(), names) != 0) return states;
   for (const std::string& name : names) {
     if (name == "." || name == "..") continue;
-    std::optional<ReportState> state = StateOfText(file::TextOf(reports + "/" + name));
+    std::optional<ReportState> state = StateOfText(file::TextOf(reports + name));
     if (state.has_value()) states.emplace(state->report, *state);
   }
   return states;
