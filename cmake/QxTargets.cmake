@@ -12,8 +12,8 @@ set(CMAKE_C_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g1")
 set(CMAKE_C_FLAGS_RELEASE "-O2 -g1")
-# With the address sanitizer -O1 takes four times as long as -Og, as each inlined access gets its check. The threaded tests
-# run for seconds. Reports of both show lines, which needs -g1.
+# With a sanitizer each inlined access gets its check, so few optimisations compile fastest. The threaded tests run for seconds
+# without any. Reports show lines, which needs -g1.
 if(QX_SANITIZE STREQUAL "thread")
   set(CMAKE_CXX_FLAGS_DEBUG "-O0 -g1")
 elseif(QX_SANITIZE)
@@ -49,6 +49,7 @@ endif()
 if(QX_SANITIZE STREQUAL "address")
   target_compile_options(qx_flags INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
     $<$<BOOL:$<TARGET_PROPERTY:QX_COMPILE_FAST>>:-fno-sanitize=null,alignment>)
+  target_compile_definitions(qx_flags INTERFACE QX_ADDRESS_SANITIZER)
   target_link_options(qx_flags INTERFACE -fsanitize=address,undefined)
 elseif(QX_SANITIZE STREQUAL "thread")
   target_compile_options(qx_flags INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
@@ -94,10 +95,10 @@ function(qx_library name)
   qx_count_coverage(${name})
 endfunction()
 
-# The headers of nearly every test, which g++ reads once for all of them: that is a third of the work. A source still includes
-# what it names, as clang does not do this.
+# The headers of nearly every test, which the compiler reads once for all of them: that is a third of the work. A source still
+# includes what it names, because clang-release does not do this.
 function(qx_precompile_test_headers target)
-  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND NOT QX_SANITIZE)
     return()
   endif()
   if(NOT TARGET qx_test_headers)
@@ -111,6 +112,14 @@ function(qx_precompile_test_headers target)
   target_precompile_headers(${target} REUSE_FROM qx_test_headers)
 endfunction()
 
+# A program in C that links a library of ours. The sanitizer of that library needs the C++ runtime.
+function(qx_link_c_program target)
+  target_link_libraries(${target} PRIVATE qx_flags ${ARGN})
+  if(QX_SANITIZE)
+    set_target_properties(${target} PROPERTIES LINKER_LANGUAGE CXX)
+  endif()
+endfunction()
+
 # What is tested is built as it ships, or as its sanitizer wants it. The tool need not be fast, and compiles in two thirds of
 # the time with fewer optimisations, with a sanitizer in one third. There, looking for null and unaligned pointers is a quarter
 # of the work; the first end a program anyway, the second are checked in the libraries.
@@ -122,10 +131,10 @@ function(qx_compile_fast target)
   set_target_properties(${target} PROPERTIES QX_COMPILE_FAST ON)
 endfunction()
 
-# With the address sanitizer g++ reads these headers once for all of the tool: that is a third of the work. Not in other builds,
+# With the address sanitizer the compiler reads these headers once for all of the tool: a third of the work. Not in other builds,
 # so that a source still has to include what it names.
 function(qx_precompile_tool_headers target)
-  if(NOT QX_SANITIZE STREQUAL "address" OR NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  if(NOT QX_SANITIZE STREQUAL "address")
     return()
   endif()
   if(NOT TARGET qx_tool_headers)

@@ -365,7 +365,7 @@ TEST(DebugRingDamage, FileSizeLimitOfTheProcessDoesNotEndIt) {
   EXPECT_FALSE(Exists(setup.RingPath()));
 }
 
-#ifndef __SANITIZE_ADDRESS__  // it needs memory of its own
+#ifndef QX_ADDRESS_SANITIZER  // it needs memory of its own
 TEST(DebugRingDamage, FailedMappingIsReportedAndTheFileStays) {
   RingSetup setup;
   EXPECT_EQ(qx::test::TextOfChild([&]() -> std::string {

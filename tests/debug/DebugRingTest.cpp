@@ -262,7 +262,7 @@ TEST(DebugRing, NulEndsALongTextToo) {
             UndatedEntry(text + "\n") + UndatedEntry("ab\n"));
 }
 
-#ifndef __SANITIZE_ADDRESS__  // its allocator does not fail but ends the process
+#ifndef QX_ADDRESS_SANITIZER  // its allocator does not fail but ends the process
 TEST(DebugRing, LongTextWithoutMemoryIsCutAndMarkedAsCut) {
   RingSetup setup;
   ASSERT_TRUE(setup.OpenRing(24U << 20));
@@ -409,7 +409,7 @@ TEST(DebugRing, EndOfTheFacilityLeavesNoMappingAndNoDescriptor) {
 }
 
 TEST(DebugRing, InertInZeroedMemoryAndAfterItsEnd) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef QX_ADDRESS_SANITIZER
   GTEST_SKIP() << "the undefined behaviour sanitizer stops every call outside an object's life";
 #endif
   const RingSetup setup;

@@ -99,7 +99,7 @@ TEST(Debug, ConstructedInactiveAndSilent) {
 }
 
 TEST(Debug, InertInZeroedMemoryAndAfterItsEnd) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef QX_ADDRESS_SANITIZER
   GTEST_SKIP() << "the undefined behaviour sanitizer stops every call outside an object's life";
 #endif
   TraceSetup setup;
@@ -124,7 +124,7 @@ TEST(Debug, InertInZeroedMemoryAndAfterItsEnd) {
 
 // In a child: a failure would end the program.
 TEST(Debug, SettingsFilesAreNotCheckedAfterItsEnd) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef QX_ADDRESS_SANITIZER
   GTEST_SKIP() << "the undefined behaviour sanitizer stops every call outside an object's life";
 #endif
   TraceSetup setup;

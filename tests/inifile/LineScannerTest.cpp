@@ -87,7 +87,8 @@ TEST(LineScanner, CancelledThreadUnwindsFromARead) {
     LineScanner scanner(-1, window);
     std::string_view line;
     pthread_cancel(pthread_self());
-    return scanner.Next(line) ? window : nullptr;
+    (void)scanner.Next(line);
+    return nullptr;
   };
   pthread_t thread{};
   ASSERT_EQ(pthread_create(&thread, nullptr, scan, nullptr), 0);

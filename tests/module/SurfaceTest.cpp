@@ -109,8 +109,7 @@ TEST_F(ModuleFromElsewhere, LinkedProgramInPlainCReachesEveryEntryPoint) {
 TEST_F(ModuleFromElsewhere, PythonLoadsTheModuleAndCallsIt) {
   std::string preload;
   if (kSurfaceIsSanitized) {  // the address sanitizer's library must come first in a program that was built without it
-    const std::string library = OutputOf("ldd " QX_MODULE_PATH " | sed -n 's/.*=> \\(.*libasan[^ ]*\\) .*/\\1/p'");
-    preload = "ASAN_OPTIONS=detect_leaks=0 LD_PRELOAD=" + library.substr(0, library.find('\n')) + " ";
+    preload = "ASAN_OPTIONS=detect_leaks=0 LD_PRELOAD=" QX_SANITIZER_LIBRARY " ";
   }
   EXPECT_EQ(OutputOf(preload + QX_PYTHON " " QX_MODULE_TESTS "/ctypes_host.py " QX_MODULE_PATH),
             "What 0 QXRemConXfer -\n"

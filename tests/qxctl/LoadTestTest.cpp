@@ -82,8 +82,8 @@ TEST(LatencyHistogram, LongestTimeIsTheLastPercentile) {
 TEST(LatencyHistogram, SumOfHistogramsHasEveryTime) {
   LatencyHistogram one;
   LatencyHistogram other;
-  for (const std::uint64_t ns : {100, 120, 5000}) one.Add(ns);
-  for (const std::uint64_t ns : {127, 128}) other.Add(ns);
+  for (const std::uint64_t ns : {100U, 120U, 5000U}) one.Add(ns);
+  for (const std::uint64_t ns : {127U, 128U}) other.Add(ns);
   one.Add(other);
   EXPECT_EQ(one.Count(), 5U);
   const std::vector<LatencyHistogram::Bucket> octaves = one.Octaves();

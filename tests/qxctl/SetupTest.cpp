@@ -46,7 +46,7 @@ class QxctlSetup : public testing::Test, protected QxctlFixture {
     return start;
   }
 
-  Ran Setup(std::vector<std::string> more = {}) const {
+  Ran RunSetup(std::vector<std::string> more = {}) const {
     more.insert(more.begin(),
                 {"setup", "--directory", Dir().File("etc/brollan"), "--settings", Dir().File("settings")});
     return Qxctl(more, Machine());
@@ -54,7 +54,7 @@ class QxctlSetup : public testing::Test, protected QxctlFixture {
 
   Ran SetupFor(const std::string& reports, std::vector<std::string> more = {}) const {
     more.insert(more.end(), {"--reports", Dir().File(reports)});
-    return Setup(more);
+    return RunSetup(more);
   }
 
   std::string Registry() const { return Dir().File("etc/brollan/registry"); }
@@ -130,7 +130,7 @@ TEST_F(QxctlSetup, DirectoriesThatExistAreKept) {
 
 TEST_F(QxctlSetup, SecondSetupHasNothingToDo) {
   ASSERT_EQ(SetupFor("srv/reports", {"--apply"}).code, 0);
-  const Ran ran = Setup({"--apply"});
+  const Ran ran = RunSetup({"--apply"});
   EXPECT_EQ(ran.code, 0);
   EXPECT_EQ(ran.out, "");
   EXPECT_EQ(ran.err, "qxctl: there is a registry in " + Dir().File("etc/brollan") +
@@ -188,16 +188,16 @@ TEST_F(QxctlSetup, PrintedCommandsRepairEveryKindOfRegistry) {
 TEST_F(QxctlSetup, FallbackThatIsInUseIsTakenOverFirst) {
   WriteRegistry("");
   WriteFile(Registry() + ".old", FirstRegistry(Dir().File("kept")));
-  const Ran ran = Setup();
+  const Ran ran = RunSetup();
   EXPECT_THAT(ran.out, StartsWith("qxctl registry import --directory " + Dir().File("etc/brollan") + " " + Registry() +
                                   ".old --replace '' --apply\n"));
   RunInShell(ran.out);
-  EXPECT_EQ(Setup().code, 0);
+  EXPECT_EQ(RunSetup().code, 0);
   EXPECT_EQ(ReadFile(Registry()), FirstRegistry(Dir().File("kept")));
 }
 
 TEST_F(QxctlSetup, EmptyNameIsAUsageErrorAndNotTheWorkingDirectory) {
-  const Ran ran = Setup({"--reports", "", "--apply"});
+  const Ran ran = RunSetup({"--reports", "", "--apply"});
   EXPECT_EQ(ran.code, 2);
   EXPECT_EQ(ran.err, "qxctl: --reports is empty; name a directory\n");
   EXPECT_FALSE(Exists(Registry()));
@@ -260,7 +260,7 @@ TEST_F(QxctlSetup, JsonHasStepsContentAndCommands) {
   EXPECT_EQ(plan["steps"].back()["mode"], "0644");
   EXPECT_EQ(json::parse(SetupFor("r", {"--json", "--apply"}).out)["applied"], true);
   fs::remove_all(Dir().File("log"));
-  const json existing = json::parse(Setup({"--json"}).out);
+  const json existing = json::parse(RunSetup({"--json"}).out);
   EXPECT_EQ(existing["exists"], true);
   EXPECT_EQ(existing["commands"], json::array({"install -d -m 0755 " + Dir().File("log")}));
   EXPECT_EQ(existing["exitCode"], 1);

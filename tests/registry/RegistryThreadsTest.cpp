@@ -180,7 +180,7 @@ TEST_F(RegistryThreads, ChangeAfterASaveOfItsKeyMarksTheTreeAgain) {
 }
 
 // The address sanitizer does not see the unwinding of a cancelled thread and treats its dead frames as live.
-#ifdef __SANITIZE_ADDRESS__
+#ifdef QX_ADDRESS_SANITIZER
 constexpr bool kCanCancel = false;
 #else
 constexpr bool kCanCancel = true;

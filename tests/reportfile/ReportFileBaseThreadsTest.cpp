@@ -116,7 +116,7 @@ TEST_F(ReportFileBaseThreads, EveryThreadMayReadTheFilesWithItsOwnObject) {
 
 // A thread that is cancelled inside an operation unwinds its frame, which releases the lock.
 TEST_F(ReportFileBaseThreads, CancelledWriterDoesNotKeepTheLock) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef QX_ADDRESS_SANITIZER
   GTEST_SKIP() << "the address sanitizer's runtime cannot unwind a cancelled thread";
 #endif
   ASSERT_TRUE(store_.Open(files_.Path(), 10));

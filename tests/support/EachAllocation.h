@@ -18,8 +18,8 @@ template <typename Result>
 void WithEachAllocationFailing(const std::function<void()>& prepare, const std::function<Result()>& work,
                                const std::function<void(const std::optional<Result>&)>& judge) {
   constexpr long kAllocationsMax = 2000;
-  bool has_failed = true;
-  for (long nth = 1; has_failed; ++nth) {
+  bool did_fail = true;
+  for (long nth = 1; did_fail; ++nth) {
     ASSERT_LE(nth, kAllocationsMax) << "an allocation fails in every run";
     SCOPED_TRACE("allocation " + std::to_string(nth));
     prepare();
@@ -30,10 +30,10 @@ void WithEachAllocationFailing(const std::function<void()>& prepare, const std::
         result = work();
       } catch (const std::bad_alloc&) {
       }
-      has_failed = failing.HasFailed();
+      did_fail = failing.HasFailed();
     }
     judge(result);
-    EXPECT_TRUE(has_failed || result.has_value());
+    EXPECT_TRUE(did_fail || result.has_value());
   }
 }
 

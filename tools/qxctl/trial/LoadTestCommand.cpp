@@ -23,7 +23,7 @@ namespace qx::ctl {
 namespace {
 
 constexpr std::uint64_t kRequestsDefault = 10000;
-#ifdef __SANITIZE_ADDRESS__  // whose allocator uses new memory for each thread and size, and keeps freed memory
+#ifdef QX_ADDRESS_SANITIZER  // whose allocator uses new memory for each thread and size, and keeps freed memory
 constexpr std::uint64_t kGrowthDefault = std::uint64_t{512} * 1024;
 #else
 constexpr std::uint64_t kGrowthDefault = 4096;
