@@ -28,13 +28,13 @@ constexpr std::uint32_t kLevelOfBareReplies = 4;    // the trace then shows the 
 constexpr std::uint32_t kLevelOfSingleRecords = 5;  // and every record
 
 // Trace conversions and index attributes have 32 bits, whatever the number.
-constexpr int Low32(std::int64_t number) { return static_cast<int>(number); }
+constexpr int LowInt(std::int64_t number) { return static_cast<int>(number); }
 
 // An index attribute: decimal, cut to 32 bits; text that is not a number is read as 0.
 //   "12" => 12    "" => if_empty    "x" => 0    "4294967297" => 1
 std::int32_t IndexAttribute(CMarkup& in, const char* name, std::int32_t if_empty) {
   const std::string text = in.GetAttrib(name);
-  return text.empty() ? if_empty : Low32(std::strtol(text.c_str(), nullptr, 10));
+  return text.empty() ? if_empty : LowInt(std::strtol(text.c_str(), nullptr, 10));
 }
 
 TransferRequest ReadRequest(CMarkup& in) {
@@ -66,13 +66,13 @@ std::string ReportPath(const std::string& name) {
 void TraceOpened(const TransferRequest& request, std::int64_t size) {
   const bool in_bytes = size <= kSizeShownInBytesMax;
   QX_TRACE(2, "\nWCSP_QX GetReports  : Get report file \"%s\", total size: %d %s, chunk size: %d kB",
-           ShownName(request.name).c_str(), Low32(in_bytes ? size : size >> 10), in_bytes ? "Bytes" : "kB",
+           ShownName(request.name).c_str(), LowInt(in_bytes ? size : size >> 10), in_bytes ? "Bytes" : "kB",
            kChunkLimitKb);
 }
 
 void TraceSnapshot(const CThreadData& data) {
-  QX_TRACE(3, "\nWCSP_QX GetReports  :   oldest index:  %d", Low32(data.oldest_index));
-  QX_TRACE(3, "\nWCSP_QX GetReports  :   highest index: %d", Low32(data.highest_index));
+  QX_TRACE(3, "\nWCSP_QX GetReports  :   oldest index:  %d", LowInt(data.oldest_index));
+  QX_TRACE(3, "\nWCSP_QX GetReports  :   highest index: %d", LowInt(data.highest_index));
 }
 
 void TraceChunkFull() {
@@ -88,7 +88,7 @@ std::string WithoutOuterWhiteSpace(std::string_view text) {
 }
 
 // A report that could not be opened again has no size; the error number is kept instead of the size.
-int ReopenError(const CThreadData& data) { return data.data_file_size < 0 ? Low32(-data.data_file_size) : 0; }
+int ReopenError(const CThreadData& data) { return data.data_file_size < 0 ? LowInt(-data.data_file_size) : 0; }
 void NoteReopenError(CThreadData& data, int error) { data.data_file_size = -std::int64_t{std::max(error, 1)}; }
 
 TransferOptions::Path PathByTrace() {
@@ -98,7 +98,7 @@ TransferOptions::Path PathByTrace() {
 
 void TraceReply(CMarkup& out, const std::string& records) {
   QX_TRACE(4, "\nWCSP_QX GetReports  :   XML reply: \"%s\"", out.GetDoc().c_str());
-  QX_TRACE(4, "\nWCSP_QX GetReports  :   data length = %d bytes", Low32(static_cast<std::int64_t>(records.size())));
+  QX_TRACE(4, "\nWCSP_QX GetReports  :   data length = %d bytes", LowInt(static_cast<std::int64_t>(records.size())));
   QX_TRACE(4, "\nWCSP_QX GetReports  :   data:   \"%s...\"", records.substr(0, kDataTracedBytes).c_str());
 }
 
@@ -156,7 +156,7 @@ int ReportTransfer::ServeIntoReply() {
     return reader_.MayHaveTakenBracket();
   });
   if (empty) return ReplyNoText();
-  out_.SetAttrib("NextIndex", Low32(index_));
+  out_.SetAttrib("NextIndex", LowInt(index_));
   return kRecordsReturned;
 }
 
@@ -199,8 +199,8 @@ void ReportTransfer::GatherRecords(std::string& text) {
   records_at_ = text.size();
   check_ring_ = IsFirstCall();
   TakeRecords(text);
-  QX_TRACE(3, "\nWCSP_QX GetReports  : %d records read (%d bytes)", Low32(index_ - request_.start_index),
-           Low32(static_cast<std::int64_t>(GatheredBytes(text))));
+  QX_TRACE(3, "\nWCSP_QX GetReports  : %d records read (%d bytes)", LowInt(index_ - request_.start_index),
+           LowInt(static_cast<std::int64_t>(GatheredBytes(text))));
 }
 
 void ReportTransfer::TakeRecords(std::string& text) {
@@ -223,7 +223,7 @@ bool ReportTransfer::TakesSingly() const {
 
 ReportTransfer::Round ReportTransfer::TakeOne(std::string& text) {
   const std::uint32_t slot = SlotOf(index_);
-  QX_TRACE(5, "\nWCSP_QX GetReports  :   read entry #%d, index=%d", Low32(index_), Low32(slot));
+  QX_TRACE(5, "\nWCSP_QX GetReports  :   read entry #%d, index=%d", LowInt(index_), LowInt(slot));
   line_.clear();
   bool too_long = false;
   const bool was_read = reader_.Read(slot, kChunkLimitBytes - GatheredBytes(text), &line_, &too_long);
@@ -280,7 +280,8 @@ bool ReportTransfer::RingHasMoved() {
     NoteReopenError(thread_data_, error);
     return false;
   }
-  QX_TRACE(4, "\nWCSP_QX GetReports  :     compare oldest index=%d whether changed", Low32(store.header().oldestIndex));
+  QX_TRACE(4, "\nWCSP_QX GetReports  :     compare oldest index=%d whether changed",
+           LowInt(store.header().oldestIndex));
   if (store.header().oldestIndex == thread_data_.oldest_index) return false;
   thread_data_.oldest_index = store.header().oldestIndex;
   QX_TRACE(2,
@@ -352,7 +353,7 @@ void ReportTransfer::AddReplyElement(std::int64_t next_index) {
   out_.AddElem("ReportData");
   out_.SetAttrib("Name", request_.escaped_name.c_str());
   out_.SetAttrib("StartIndex", request_.start_index);
-  out_.SetAttrib("NextIndex", Low32(next_index));
+  out_.SetAttrib("NextIndex", LowInt(next_index));
 }
 
 int ReportTransfer::ReplyRecords(const std::string& records) {

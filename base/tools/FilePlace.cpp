@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kLinksMax = 40;  // as many as the kernel follows
 
-ReplaceResult Failed(const std::string& file, int error) {
+ReplaceResult FailedAt(const std::string& file, int error) {
   const bool is_missing = error == ENOENT || error == ENOTDIR;
   return is_missing ? ReplaceResult{ReplaceState::kNotFound, file, error}
                     : ReplaceResult{ReplaceState::kFailed, file, error};
@@ -63,7 +63,7 @@ class Search {
   ReplaceResult Run() {
     place_ = {};
     place_.path = path_;
-    if (path_.empty()) return Failed(path_, ENOENT);
+    if (path_.empty()) return FailedAt(path_, ENOENT);
     if (ReplaceResult begun = BeginAt(path_); !begun.IsDone()) return begun;
     while (!is_found_) {
       if (ReplaceResult step = Step(); !step.IsDone()) return step;
@@ -79,7 +79,7 @@ class Search {
     place_.directory = file::Open(path.starts_with('/') ? "/" : ".", O_PATH | O_DIRECTORY);
     if (!place_.directory.IsOpen()) {
       const int error = errno;
-      return Failed(path_, error);
+      return FailedAt(path_, error);
     }
     const std::size_t begin = rest_.find_first_not_of('/');
     rest_ = begin == std::string::npos ? "." : rest_.substr(begin);
@@ -93,10 +93,10 @@ class Search {
     const int open_error = errno;
     if (!next.IsOpen()) {
       is_found_ = is_last && open_error == ENOENT;
-      return is_found_ ? ReplaceResult() : Failed(path_, open_error);
+      return is_found_ ? ReplaceResult() : FailedAt(path_, open_error);
     }
     struct stat status = {};
-    if (const int error = file::StatusOf(next.Number(), status); error != 0) return Failed(path_, error);
+    if (const int error = file::StatusOf(next.Number(), status); error != 0) return FailedAt(path_, error);
     if (S_ISLNK(status.st_mode)) return Follow(next, status, is_last);
     is_found_ = is_last;
     if (!is_last) place_.directory = std::move(next);
@@ -105,10 +105,10 @@ class Search {
 
   ReplaceResult Follow(const file::Descriptor& link, const struct stat& status, bool is_last) {
     if (ReplaceResult checked = CheckLink(status, is_last); !checked.IsDone()) return checked;
-    if (++links_followed_ > kLinksMax) return Failed(path_, ELOOP);
+    if (++links_followed_ > kLinksMax) return FailedAt(path_, ELOOP);
     if (IsOfProc(link.Number())) return FollowKernelLink(is_last);
     std::string target;
-    if (const int error = ReadLink(link.Number(), target); error != 0) return Failed(path_, error);
+    if (const int error = ReadLink(link.Number(), target); error != 0) return FailedAt(path_, error);
     if (is_last) place_.path = Joined(place_.path, target);
     return BeginAt(is_last ? target : target + "/" + rest_);
   }
@@ -130,7 +130,7 @@ class Search {
     if (is_last) return {};
     file::Descriptor next = file::Open(place_.name.c_str(), O_PATH, 0, place_.directory.Number());
     const int error = errno;
-    if (!next.IsOpen()) return Failed(path_, error);
+    if (!next.IsOpen()) return FailedAt(path_, error);
     place_.directory = std::move(next);
     return {};
   }
@@ -174,8 +174,8 @@ ReplaceResult OpenPlace(const FilePlace& place, int flags, mode_t mode, file::De
   file::Descriptor file = file::Open(place.name.c_str(), flags | no_link, mode, place.directory.Number());
   const int open_error = errno;
   if (!file.IsOpen() && open_error == ELOOP) return {ReplaceState::kChanged, place.path};
-  if (!file.IsOpen()) return Failed(place.path, open_error);
-  if (const int error = file::StatusOf(file.Number(), status); error != 0) return Failed(place.path, error);
+  if (!file.IsOpen()) return FailedAt(place.path, open_error);
+  if (const int error = file::StatusOf(file.Number(), status); error != 0) return FailedAt(place.path, error);
   opened = std::move(file);
   return {};
 }
@@ -196,7 +196,7 @@ ReplaceResult OpenChecked(const std::string& path, int flags, mode_t mode, const
   const FileUse use = (flags & O_ACCMODE) == O_RDONLY ? FileUse::kRead : FileUse::kWrite;
   if (ReplaceResult checked = CheckOpened(place, status, use, rules); !checked.IsDone()) return checked;
   if (!S_ISREG(status.st_mode)) {
-    if (const int error = SetBlocking(file.Number()); error != 0) return Failed(path, error);
+    if (const int error = SetBlocking(file.Number()); error != 0) return FailedAt(path, error);
   }
   opened = std::move(file);
   return {};

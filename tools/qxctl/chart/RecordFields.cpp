@@ -202,7 +202,7 @@ class FieldScan {
   std::vector<RecordField> fields_;
 };
 
-std::vector<RecordField> Columns(std::string_view text, std::string_view separator) {
+std::vector<RecordField> ColumnsOf(std::string_view text, std::string_view separator) {
   std::vector<RecordField> columns;
   for (const std::string_view column : FieldsOf(text, separator, std::numeric_limits<std::size_t>::max())) {
     const std::string_view value = BareNumber(WithoutBlanks(column));
@@ -252,7 +252,7 @@ std::string_view NameOf(FieldType type) {
 }
 
 std::vector<RecordField> ParseFields(std::string_view text, const FieldRules& rules) {
-  if (!rules.separator.empty()) return Columns(text, rules.separator);
+  if (!rules.separator.empty()) return ColumnsOf(text, rules.separator);
   const std::optional<RecordStamp> stamp = StampOfRecord(text, rules.time);
   return FieldScan(text.substr(stamp ? std::min(stamp->bytes, text.size()) : 0)).Run();
 }

@@ -35,7 +35,7 @@ bool ParseHash(const std::string& text, std::uint64_t& hash) {
   return text.size() == kHashDigits && parsed.ec == std::errc() && parsed.ptr == end;
 }
 
-Library ToJson(const FetchState& state) {
+Library StateJson(const FetchState& state) {
   Library overlap = Library::array();
   for (const std::uint64_t hash : state.position.overlap) overlap.push_back(HashText(hash));
   Library document = {{"qxctlFetchState", kStateVersion}};
@@ -172,7 +172,7 @@ Status FetchStateFile::Read() {
 
 Status FetchStateFile::Save(const FetchState& state) {
   constexpr int kIndent = 2;
-  Status status = Replace(ToJson(state).dump(kIndent, ' ', false, Library::error_handler_t::replace) + "\n");
+  Status status = Replace(StateJson(state).dump(kIndent, ' ', false, Library::error_handler_t::replace) + "\n");
   if (status.IsOk()) is_fresh_ = false;
   return status;
 }

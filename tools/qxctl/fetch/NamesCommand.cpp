@@ -19,7 +19,7 @@ namespace qx::ctl {
 
 namespace {
 
-Json ToJson(const std::string& report, const std::vector<Instance>& instances) {
+Json NamesJson(const std::string& report, const std::vector<Instance>& instances) {
   Json list = Json::Array();
   for (const Instance& instance : instances) {
     Json entry;
@@ -50,7 +50,7 @@ Status Names(Context& context, const Values& values) {
   if (!status.IsOk()) return status;
 
   return ShowResult(
-      context, values, [&] { return ToJson(report, instances); }, [&] { return ToText(instances); });
+      context, values, [&] { return NamesJson(report, instances); }, [&] { return ToText(instances); });
 }
 
 constexpr Parameter kParameters[] = {

@@ -65,7 +65,7 @@ std::string Line(const Output& output, Style style, const std::string& what, con
 
 // --- backup
 
-const char* NameOfState(const BackupItem& item) {
+const char* NameOfItemState(const BackupItem& item) {
   if (item.kind == BackupItemKind::kSkipped || item.kind == BackupItemKind::kLink) return "not copied";
   switch (item.state) {
     case BackupItemState::kCopied:
@@ -92,7 +92,7 @@ Style StyleOf(const BackupItem& item) {
 std::string ToText(const Output& output, const BackupResult& result) {
   std::string text;
   for (const BackupItem& item : result.items) {
-    text += Line(output, StyleOf(item), NameOfState(item), item.name, item.kind);
+    text += Line(output, StyleOf(item), NameOfItemState(item), item.name, item.kind);
     if (item.kind == BackupItemKind::kStore) text += ", records " + std::to_string(item.records);
     if (item.was_written) text += ", written meanwhile";
     text += "\n";
@@ -106,7 +106,7 @@ Json ToJson(const BackupResult& result, const std::string& from, const std::stri
     Json entry;
     SetText(entry, "name", item.name);
     entry["kind"] = NameOfKind(item.kind);
-    entry["state"] = NameOfState(item);
+    entry["state"] = NameOfItemState(item);
     entry["records"] = item.records;
     entry["writtenMeanwhile"] = item.was_written;
     items.Append(std::move(entry));
@@ -193,7 +193,7 @@ const char* NameOfAction(RestoreAction action) {
   return "";
 }
 
-std::string WritersOf(const RestoreItem& item) {
+std::string WritersOfItem(const RestoreItem& item) {
   std::string text;
   for (const int process : item.writers) text += (text.empty() ? " by process " : ", ") + std::to_string(process);
   return text;
@@ -210,7 +210,7 @@ std::string ToText(const Output& output, const RestoreResult& result) {
     text += Line(output, StyleOf(item), NameOfAction(item.action), item.name, item.kind);
     if (item.is_link) text += ", refused because of a symbolic link";
     if (item.is_damaged) text += ", damaged in the backup";
-    if (item.is_being_written) text += ", being written" + WritersOf(item);
+    if (item.is_being_written) text += ", being written" + WritersOfItem(item);
     text += "\n";
   }
   return text;

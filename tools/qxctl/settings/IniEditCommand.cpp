@@ -92,7 +92,7 @@ Json ToJson(const ProfilePlan& plan, const std::string& file, bool is_applied) {
 
 // --- the edit
 
-Status StatusOf(const ProfilePlan& plan, const std::string& file, const ProfileRequest& request) {
+Status StatusOfPlan(const ProfilePlan& plan, const std::string& file, const ProfileRequest& request) {
   switch (plan.state) {
     case ProfileState::kDone:
       return {};
@@ -140,7 +140,7 @@ Status Edit(Context& context, const Values& values, const Options& options, cons
   }
   const std::string& text = edit.Image().bytes;
   const ProfilePlan plan = inifile::PlanEdit(text, request);
-  if (Status status = StatusOf(plan, file, request); !status.IsOk()) return status;
+  if (Status status = StatusOfPlan(plan, file, request); !status.IsOk()) return status;
   const bool has_changes = !plan.changes.empty();
   Status done;
   if (has_changes) {
@@ -157,14 +157,14 @@ Status Edit(Context& context, const Values& values, const Options& options, cons
 
 // --- the commands
 
-Status Set(Context& context, const Values& values) {
+Status RunSet(Context& context, const Values& values) {
   Options options = OptionsOf(values);
   options.create = values.Flag("--create");
   return Edit(context, values, options,
               {.section = options.section, .key = {}, .entries = {{values.Text("KEY"), values.Text("VALUE")}}});
 }
 
-Status Delete(Context& context, const Values& values) {
+Status RunDelete(Context& context, const Values& values) {
   const Options options = OptionsOf(values);
   const auto kind = values.Has("KEY") ? ProfileRequest::Kind::kDeleteKey : ProfileRequest::Kind::kDeleteSection;
   return Edit(context, values, options,
@@ -250,14 +250,14 @@ constexpr Example kIniCopyExamples[] = {
 constinit const Command kIniSetCommand = {
     .words = "ini set",
     .help = "Set one value, leaving every other line as it is",
-    .run = Set,
+    .run = RunSet,
     .parameters = {kSectionParameters, kEditParameters, kForceParameters, kSetParameters},
     .examples = kIniSetExamples};
 
 constinit const Command kIniDeleteCommand = {
     .words = "ini delete",
     .help = "Delete a key, or a section",
-    .run = Delete,
+    .run = RunDelete,
     .parameters = {kSectionParameters, kEditParameters, kForceParameters, kDeleteParameters},
     .examples = kIniDeleteExamples};
 

@@ -65,7 +65,7 @@ using Change = std::function<Status(CRegistryNode& tree)>;
 
 std::string ValueName(const Options& options) { return Visible(options.name.value_or("")); }
 
-Status StatusOf(EditState state, const Options& options) {
+Status StatusOfChange(EditState state, const Options& options) {
   const std::string key = Visible(options.key);
   switch (state) {
     case EditState::kDone:
@@ -92,7 +92,7 @@ Status StatusOf(EditState state, const Options& options) {
   return {};
 }
 
-Status StatusOf(const registry::Refusal& refusal) {
+Status StatusOfRefusal(const registry::Refusal& refusal) {
   const std::string place =
       refusal.key.empty() && refusal.name.empty()
           ? "the registry"
@@ -165,7 +165,7 @@ Status MakePlan(const FileImage& image, const Change& change, Plan& plan) {
   (void)registry::ParseTree(image.bytes, plan.before);
   (void)registry::ParseTree(image.bytes, plan.after);
   if (Status status = change(plan.after); !status.IsOk()) return status;
-  if (const auto refusal = registry::WhyNotStorable(plan.after, plan.text)) return StatusOf(*refusal);
+  if (const auto refusal = registry::WhyNotStorable(plan.after, plan.text)) return StatusOfRefusal(*refusal);
   plan.difference = registry::Compare(plan.before, plan.after);
   return {};
 }
@@ -291,7 +291,7 @@ int TypeNamed(const std::string& name) {
   return kTypes[found - std::begin(kTypeNames)];
 }
 
-Status Set(Context& context, const Values& values) {
+Status RunSet(Context& context, const Values& values) {
   Options options = OptionsOf(values);
   options.key = values.Text("KEY");
   options.name = values.Text("NAME");
@@ -301,13 +301,13 @@ Status Set(Context& context, const Values& values) {
   return Edit(context, values, options, OldTree::kNeeded, [&options](CRegistryNode& tree) {
     TreeValue value;
     if (Status status = ParseValue(options.value, TypeFor(options, tree), value); !status.IsOk()) return status;
-    return StatusOf(registry::SetValue(tree, options.key, *options.name, value), options);
+    return StatusOfChange(registry::SetValue(tree, options.key, *options.name, value), options);
   });
 }
 
 // --- delete, import
 
-Status Delete(Context& context, const Values& values) {
+Status RunDelete(Context& context, const Values& values) {
   Options options = OptionsOf(values);
   options.key = values.Text("KEY");
   if (values.Has("NAME")) options.name = values.Text("NAME");
@@ -315,7 +315,7 @@ Status Delete(Context& context, const Values& values) {
   return Edit(context, values, options, OldTree::kNeeded, [&options](CRegistryNode& tree) {
     const EditState state = options.name ? registry::DeleteValue(tree, options.key, *options.name)
                                          : registry::DeleteKey(tree, options.key, options.recursive);
-    return StatusOf(state, options);
+    return StatusOfChange(state, options);
   });
 }
 
@@ -333,7 +333,7 @@ Status Import(Context& context, const Values& values) {
   }
   return Edit(context, values, options, replaces_all ? OldTree::kReplaced : OldTree::kNeeded, [&](CRegistryNode& tree) {
     if (options.replace) registry::EmptyKey(tree, *options.replace);
-    return StatusOf(registry::MergeInto(tree, imported), options);
+    return StatusOfChange(registry::MergeInto(tree, imported), options);
   });
 }
 
@@ -393,14 +393,14 @@ constexpr Example kRegistryImportExamples[] = {
 constinit const Command kRegistrySetCommand = {
     .words = "registry set",
     .help = "Set one value, making the keys on its path",
-    .run = Set,
+    .run = RunSet,
     .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kSetParameters},
     .examples = kRegistrySetExamples};
 
 constinit const Command kRegistryDeleteCommand = {
     .words = "registry delete",
     .help = "Delete one value, or a key",
-    .run = Delete,
+    .run = RunDelete,
     .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kDeleteParameters},
     .examples = kRegistryDeleteExamples};
 

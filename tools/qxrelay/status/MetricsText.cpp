@@ -20,7 +20,7 @@ void AppendEscaped(std::string_view text, bool escapes_quotes, std::string& to) 
 }
 
 // The shortest text that is read back as the same number.
-std::string TextOf(double value) {
+std::string NumberText(double value) {
   if (std::isnan(value)) return "NaN";
   if (std::isinf(value)) return value > 0 ? "+Inf" : "-Inf";
   char digits[32];
@@ -37,7 +37,7 @@ void MetricsText::Family(std::string_view name, MetricKind kind, std::string_vie
   text_ += "\n# TYPE " + name_ + (kind == MetricKind::kCounter ? " counter\n" : " gauge\n");
 }
 
-void MetricsText::Sample(MetricLabels labels, double value) { AddSample(labels, TextOf(value)); }
+void MetricsText::Sample(MetricLabels labels, double value) { AddSample(labels, NumberText(value)); }
 
 void MetricsText::AddSample(MetricLabels labels, std::string_view value) {
   text_ += name_;
