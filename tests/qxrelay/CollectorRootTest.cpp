@@ -179,12 +179,12 @@ TEST(RelayCollectorRoot, LinksOfOtherUsersLeadNowhere) {
     const std::string link = collector.Root() + "/h/" + name;
     ASSERT_EQ(symlink(outside.c_str(), link.c_str()), 0);
     ASSERT_EQ(lchown(link.c_str(), 65534, 65534), 0);
-    const std::string report = name == "sub" ? "sub/a" : "a";
+    const std::string report = name == "sub" ? "sub/deep/a" : "a";
     FakeSender sender(collector.stream, "h", report);
     FakeSender other(collector.stream, "h", "b");
     sender.Records(2);
     other.Records(2);
-    collector.stream.Publish("qx.names.h." + std::string(name == "sub" ? "sub%2Fa" : "a"),
+    collector.stream.Publish("qx.names.h." + std::string(name == "sub" ? "sub%2Fdeep%2Fa" : "a"),
                              EncodeMessage({.kind = MessageKind::kNames, .count = 1, .report = report},
                                            std::vector<std::uint32_t>{4}, "a=1\n"));
     collector.Run();
