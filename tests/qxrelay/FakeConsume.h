@@ -34,6 +34,7 @@ class FakeConsume final : public relay::ConsumeStream {
   [[nodiscard]] std::optional<std::string> Fetch(std::size_t count_max, std::chrono::milliseconds,
                                                  std::vector<relay::StreamMessage>& taken) override {
     ++fetches;
+    count_max = std::min(count_max, fetch_max);
     if (!is_connected || problem.has_value()) return problem.value_or("not connected");
     for (; count_max > 0 && !again.empty(); --count_max) {
       const std::uint64_t sequence = again.front();
@@ -98,6 +99,7 @@ class FakeConsume final : public relay::ConsumeStream {
   std::optional<std::string> problem;
   bool is_connected = false;
   bool has_before = true;  // whether messages say which one was before them
+  std::size_t fetch_max = 1000;
   int fetches = 0;
 
  private:

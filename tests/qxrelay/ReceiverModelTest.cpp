@@ -63,6 +63,7 @@ class ReceiverModel {
   }
 
   void Happen() {
+    collector_.stream.fetch_max = 1 + Below(3);  // so that what comes in another order is also handled in it
     ModelReport& report = reports_[Below(reports_.size())];
     switch (Below(12)) {
       case 0:
@@ -92,6 +93,7 @@ class ReceiverModel {
   }
 
   void Check() {
+    collector_.stream.fetch_max = 1000;
     for (ModelReport& report : reports_) report.sender.Empty();  // so that each report was used since the last start
     for (int i = 0; i < 5; ++i) {
       Shuffle();
