@@ -98,7 +98,7 @@ class CDebug : public CDebugTraceConfig {
   void TraceToLogFile(const char* format, std::va_list args, const char* module) __attribute__((format(printf, 2, 0)));
 
   // Opens or creates the ring file at `path`, of `size` bytes (at least 4096), and makes it the target. False: the log
-  // says why, no ring is open, and entries go to the log if they went to an earlier ring. [any thread]
+  // says why, and no ring is open; if a ring was the target, the log replaces it. [any thread]
   bool InitRingBuffer(const char* path, std::uint32_t size);
 
   // Writes one entry to the ring: like TraceToLogFile, but a text of up to a tenth of the ring is written whole.

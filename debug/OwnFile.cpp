@@ -45,8 +45,8 @@ OwnFile CreateWith(const char* path, mode_t mode) {
   return created;
 }
 
-// A file with foreign readers is removed before anything is written to it, so that a user who opened it meanwhile reads
-// nothing.
+// A file with foreign readers is created again, without rights for the group. Nothing is written to the first one,
+// which a user may have opened.
 OwnFile Create(const char* path, mode_t mode) {
   OwnFile created = CreateWith(path, mode);
   if (created.error != 0 || (mode & S_IRWXG) == 0 || !HasForeignReaders(created.file.Number())) return created;

@@ -115,8 +115,8 @@ int CopyBack(const std::string& backup, const qx::report::TreeListing& listing, 
       [&] { return qx::report::TreeCopy(kEveryName, true).RunListed(backup, listing, report_directory); });
 }
 
-// The copies are on the disk before the originals are deleted: otherwise a loss of power in between would leave
-// neither. Without a descriptor every file system is synced, which needs none.
+// Syncs the copies before the originals are deleted: a power failure in between would leave neither. If the directory
+// cannot be opened, every file system is synced, which needs no descriptor.
 void SyncFileSystemOf(const std::string& directory) {
   const qx::file::Descriptor open = qx::file::OpenDirectory(directory.c_str());
   if (open.IsOpen()) {

@@ -139,8 +139,8 @@ bool ReportFollower::ReadHashes(std::uint32_t first, std::uint32_t end, Hashes& 
   return true;
 }
 
-// If there is no record before the new ones, they are read in a new snapshot. They must begin with the records that the
-// search found, and the first of them must stay until all are read.
+// Without a delivered record before the new ones, this read begins a new snapshot, which must begin with the records
+// that the search found. CheckSteady reads the first records of the attempt again.
 bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
   if (!source_.Read(attempt.place, count_max, attempt.poll.records)) return false;
   for (const std::string& record : attempt.poll.records) attempt.hashes.push_back(RecordHash(record));
@@ -173,8 +173,8 @@ bool ReportFollower::CheckSteady(Attempt& attempt) {
   return attempt.is_steady || KeepOverrun(attempt);
 }
 
-// Only the read records that are still there at the end were there all the time. Index 0 would begin a new snapshot, in
-// which indexes may mean other records.
+// Keeps the hashes of a failed attempt. Those that a second read confirms were in the ring all the time. A read at
+// index 0 would begin a new snapshot, in which an index may mean another record.
 bool ReportFollower::KeepOverrun(const Attempt& attempt) {
   overrun_.clear();
   overrun_present_ = 0;

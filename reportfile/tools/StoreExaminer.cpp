@@ -95,8 +95,8 @@ class Examiner {
 
   // --- sizes
 
-  // A store that was created and never written has two empty files; before its first record is counted, one record and
-  // a marker in the data file. Anything else has lost its index.
+  // A new store has two empty files. Until its first record is counted, the data file may have one record and a marker.
+  // Any other store without a header has lost its index.
   void CheckStoreWithoutHeader() {
     if (scan_.index_bytes == 0 && scan_.data_bytes == 0) return;
     if (scan_.index_bytes == 0 && DataIsOneRecord()) {

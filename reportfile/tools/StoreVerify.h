@@ -54,8 +54,8 @@ struct StoreScan {
 
 // One pass over the bytes as they are now.
 //
-// Costs: a read of every indexed record once; about 130 KiB of memory for any files; a header that counts more than the
-// files have ends the pass at kFindingsMax findings. Failure: bytes that cannot be read count as missing. [any thread]
+// Costs: one read of every indexed record, and about 130 KiB of memory. If the header counts more than the files have,
+// the pass ends at kFindingsMax findings. Failure: bytes that cannot be read count as missing. [any thread]
 [[nodiscard]] StoreScan ScanStore(ByteSource& index, ByteSource& data);
 
 enum class StoreState {

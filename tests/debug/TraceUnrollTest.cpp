@@ -27,8 +27,8 @@ std::string Line(int ms, const std::string& text) {
   return header + text + "\n";
 }
 
-// A log that has wrapped: `newest` after the line of the wrap, then `older`, then `last`, the entry that crossed the
-// limit; the wrap line has its stamp.
+// A log that has wrapped: the wrap line, `newest`, `older`, and `last`, the entry that crossed the limit. The wrap line
+// has the time stamp of `last`.
 std::string Wrapped(const std::string& head, int wrap_ms, const std::string& newest, const std::string& older,
                     const std::string& last) {
   const std::string size = std::to_string(head.size());

@@ -236,8 +236,7 @@ TEST_F(QxctlFetch, OutputThatCannotBeWrittenIsAnIoFailure) {
   EXPECT_THAT(nowhere.err, HasSubstr("cannot create nowhere/out: No such file or directory"));
 }
 
-// The next file that a process opens takes the lowest free descriptor: here, the module's log takes that of standard
-// output.
+// An open returns the lowest free descriptor. While standard output is closed, the module's log gets descriptor 1.
 TEST_F(QxctlFetch, ClosedStandardOutputIsAnIoFailureAndNeverAnotherFile) {
   MakeReport("load", 9, {"one"});
   Start start = StartHere();

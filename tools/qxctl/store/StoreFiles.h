@@ -17,7 +17,7 @@ namespace qx::ctl {
 // Size of a regular file. Unset with errno if it does not exist or is not a regular file.
 [[nodiscard]] std::optional<std::int64_t> FileSize(const std::string& path);
 
-// What a command that reads everything has to read; 0 for what cannot be read.
+// Bytes that a step has to read, for its progress. A file that cannot be read counts as 0.
 [[nodiscard]] std::uint64_t BytesOfReport(const std::string& base_path);
 [[nodiscard]] std::uint64_t BytesBelow(const std::string& directory);
 
