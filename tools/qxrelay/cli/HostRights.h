@@ -1,14 +1,14 @@
 // The users of the NATS servers: a part of their configuration that "qxrelay host" writes.
 //
-//   # Written by "qxrelay host". ...
+//   # Users of the relay. ...
 //   users = [
 //     {user: "host3", password: "$2a$04$...", permissions: {publish: [...], subscribe: [...]}} # qxrelay host
-//     2026-11-22
+//     ...
 //   ]
 //
 // One user is one line. Lines that "qxrelay host" did not write, such as those of other programs' users, stay as they
 // are. The servers include the file, by a path that begins at the directory of their own configuration:
-// authorization { include "../norrlek/qxrelay-users.conf" }.
+// authorization { include "norrlek/qxrelay-users.conf" }.
 //
 // Everything here is pure. Throws std::bad_alloc. [any thread]
 #pragma once
