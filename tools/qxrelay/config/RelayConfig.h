@@ -81,8 +81,7 @@ struct RelayConfig {
 using ConfigFindings = std::vector<std::string>;
 
 // Reads the file into `config`. Values with a finding keep their defaults. A file that cannot be read is one finding.
-// Nothing but the file is looked at: CheckConfig of ConfigCheck.h proves what the values name. Throws std::bad_alloc.
-// [any thread]
+// It reads nothing else: "qxrelay check" proves what the values name. Throws std::bad_alloc. [any thread]
 [[nodiscard]] ConfigFindings ReadConfig(const std::string& path, RelayConfig& config);
 
 // The subjects of JetStream's interface begin with it. [any thread]
