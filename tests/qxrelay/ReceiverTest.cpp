@@ -59,9 +59,11 @@ TEST(RelayReceiver, AFailedSyncAcknowledgesNothing) {
     collector.Run();
     EXPECT_THAT(collector.stream.acknowledged, IsEmpty());
     EXPECT_THAT(collector.Records("a"), IsEmpty()) << "its base may not be on the disk";
-    EXPECT_TRUE(collector.IsLogged("cannot sync the file system"));
+    EXPECT_THAT(collector.receiver->Problem(), HasSubstr("cannot sync the file system"));
   }
   collector.Run();
+  EXPECT_EQ(collector.receiver->Problem(), "");
+  EXPECT_TRUE(collector.IsLogged("synced again"));
   EXPECT_THAT(collector.stream.acknowledged, ElementsAre(1));
   EXPECT_EQ(collector.Records("a"), sender.sent);
 }

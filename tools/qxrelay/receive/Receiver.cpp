@@ -225,9 +225,15 @@ bool Receiver::Sync(TimeMs now) {
   ++context_.counters.syncs;
   if (error != 0) {
     ++context_.counters.failed_syncs;
-    Trouble("cannot sync the file system of " + context_.root.Path() + ": " + std::strerror(error) +
-            "; nothing is acknowledged");
+    sync_problem_ = "cannot sync the file system of " + context_.root.Path() + ": " + std::strerror(error) +
+                    "; nothing is acknowledged";
+    Trouble(sync_problem_);
     return false;
+  }
+  if (!sync_problem_.empty()) {
+    context_.log("the file system is synced again");
+    if (problem_ == sync_problem_) problem_ = context_.system_fault;
+    sync_problem_.clear();
   }
   Acknowledge();
   return true;

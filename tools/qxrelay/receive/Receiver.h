@@ -88,6 +88,7 @@ class Receiver {
   std::size_t message_bytes_ = 65'536;  // about, of the messages that came last
   bool is_connected_ = false;
   std::string problem_;
+  std::string sync_problem_;      // of the last sync; empty if it succeeded
   std::set<std::string> logged_;  // problems that are logged once; a bounded number of them
 };
 
