@@ -304,6 +304,12 @@ TEST(RelayClock, JumpsOfTheWallClockChangeNothing) {
 }
 #endif
 
+#ifdef QX_ADDRESS_SANITIZER  // it keeps freed memory for a while
+constexpr long kGrowthKibMax = 64L * 1024;
+#else
+constexpr long kGrowthKibMax = 1024;
+#endif
+
 // Processor time in milliseconds and memory in KiB of a process.
 struct Cost {
   long cpu_ms = 0;
@@ -370,7 +376,7 @@ TEST(RelayFaults, EachFaultIsReportedAndCostsNeitherTimeNorMemory) {
   for (std::size_t i = 0; i < std::size(rows); ++i) {
     const Cost after = CostOf(senders[i]->Id());
     EXPECT_LE(after.cpu_ms - before[i].cpu_ms, 300) << rows[i].reported;
-    EXPECT_LE(after.memory_kib - before[i].memory_kib, 1024) << rows[i].reported;
+    EXPECT_LE(after.memory_kib - before[i].memory_kib, kGrowthKibMax) << rows[i].reported;
     EXPECT_LE(hosts[i]->Log().size() - logged[i], 20 * 200U) << hosts[i]->Log();
     EXPECT_EQ(senders[i]->End(SIGTERM), 0);
   }
