@@ -86,13 +86,46 @@ function(qx_count_coverage target)
   endif()
 endfunction()
 
-# qx_library(NAME SOURCES a.cpp... DEPS qx_other...): a subsystem library. It sees only what it links. The flags are this
-# build's own: they do not follow an installed library into other people's programs.
+# qx_library(NAME [FAST_BUILD | SPEED_COUNTS] SOURCES a.cpp... DEPS qx_other...): a subsystem library. It sees only what it links.
+# The flags are this build's own: they do not follow an installed library into other people's programs.
 function(qx_library name)
-  cmake_parse_arguments(arg "" "" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(arg "FAST_BUILD;SPEED_COUNTS" "" "SOURCES;DEPS" ${ARGN})
   add_library(${name} STATIC ${arg_SOURCES})
   target_link_libraries(${name} PUBLIC $<BUILD_INTERFACE:qx_flags> ${arg_DEPS})
+  set(headers qx_headers)
+  if(arg_FAST_BUILD)
+    qx_compile_fast(${name})
+    set(headers qx_headers_of_tools)
+  elseif(arg_SPEED_COUNTS)
+    set_target_properties(${name} PROPERTIES QX_SPEED_COUNTS ON)
+    set(headers qx_headers_of_fast_code)
+  endif()
+  if(QX_PRECOMPILE_HEADERS AND NOT QX_COVERAGE)
+    qx_precompile_headers(${headers})
+    target_precompile_headers(${name} REUSE_FROM ${headers})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+      # g++ 12 no longer knows which code is the system's, and warns of it.
+      target_compile_options(${name} PRIVATE -Wno-array-bounds -Wno-stringop-overflow -Wno-stringop-overread -Wno-restrict)
+    endif()
+  endif()
   qx_count_coverage(${name})
+endfunction()
+
+# The compiler reads these headers once for all libraries with the same flags: that is a third of the work of a whole build.
+function(qx_precompile_headers target)
+  if(TARGET ${target})
+    return()
+  endif()
+  file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/${target}.cpp CONTENT "namespace qx {}\n")
+  add_library(${target} STATIC ${PROJECT_BINARY_DIR}/${target}.cpp)
+  target_link_libraries(${target} PRIVATE qx_flags)
+  if(target STREQUAL "qx_headers_of_tools")
+    qx_compile_fast(${target})
+  elseif(target STREQUAL "qx_headers_of_fast_code")
+    set_target_properties(${target} PROPERTIES QX_SPEED_COUNTS ON)
+  endif()
+  target_precompile_headers(${target} PRIVATE <algorithm> <array> <charconv> <chrono> <cstdint> <cstdio> <cstring>
+    <filesystem> <functional> <map> <memory> <optional> <set> <span> <string> <string_view> <utility> <vector>)
 endfunction()
 
 # The headers of nearly every test, which the compiler reads once for all of them: that is a third of the work. A source still
@@ -129,23 +162,6 @@ function(qx_compile_fast target)
     target_compile_options(${target} PRIVATE -O0 -g1)
   endif()
   set_target_properties(${target} PROPERTIES QX_COMPILE_FAST ON)
-endfunction()
-
-# With the address sanitizer the compiler reads these headers once for all of the tool: a third of the work. Not in other builds,
-# so that a source still has to include what it names.
-function(qx_precompile_tool_headers target)
-  if(NOT QX_SANITIZE STREQUAL "address")
-    return()
-  endif()
-  if(NOT TARGET qx_tool_headers)
-    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/qx_tool_headers.cpp CONTENT "namespace qx {}\n")
-    add_library(qx_tool_headers STATIC ${PROJECT_BINARY_DIR}/qx_tool_headers.cpp)
-    target_link_libraries(qx_tool_headers PRIVATE qx_flags)
-    qx_compile_fast(qx_tool_headers)
-    target_precompile_headers(qx_tool_headers PRIVATE <algorithm> <array> <charconv> <chrono> <cstdint> <cstdio> <cstring>
-      <filesystem> <functional> <map> <memory> <optional> <set> <span> <string> <string_view> <utility> <vector>)
-  endif()
-  target_precompile_headers(${target} REUSE_FROM qx_tool_headers)
 endfunction()
 
 # The tests themselves are never optimised. Line numbers, a seventh of the work, are for sanitizers and debuggers.
