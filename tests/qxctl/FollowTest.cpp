@@ -204,9 +204,9 @@ TEST_F(QxctlFollow, SignalEndsItOnATerminalThatNobodyReads) {
     const std::vector<std::string> command = {"/bin/sh", "-c", prepare + "exec \"$0\" follow load 2>&1", QxctlPath()};
     std::optional<Child> child;
     bool is_waiting = false;
-    for (int tries = 3; !is_waiting && tries > 0; --tries) {  // how full the terminal is depends on the kernel
+    for (int tries = 20; !is_waiting && tries > 0; --tries) {  // how full the terminal is depends on the kernel
       child.emplace(command, start);
-      is_waiting = child->WaitUntilItIsIn(call);
+      is_waiting = child->WaitUntilItIsIn(call, 1000);
     }
     ASSERT_TRUE(is_waiting) << call;
     child->Kill(SIGTERM);

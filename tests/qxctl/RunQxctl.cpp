@@ -103,8 +103,8 @@ void Feed(int& descriptor, std::string& input) {
 
 // Waits until `condition` is true; false after 20 seconds.
 template <typename Condition>
-bool IsSoon(Condition condition) {
-  for (int i = 0; i < 20'000; ++i) {
+bool IsSoon(Condition condition, int ms_max = 20'000) {
+  for (int i = 0; i < ms_max; ++i) {
     if (condition()) return true;
     usleep(1000);
   }
@@ -157,10 +157,10 @@ std::string Child::ReadSome() {
 
 void Child::Kill(int signal) const { (void)kill(pid_, signal); }
 
-bool Child::WaitUntilItIsIn(long call) const {
+bool Child::WaitUntilItIsIn(long call, int ms_max) const {
   const std::string start = std::to_string(call) + " ";
   const std::string path = "/proc/" + std::to_string(pid_) + "/syscall";
-  return IsSoon([&] { return ReadFile(path).starts_with(start); });
+  return IsSoon([&] { return ReadFile(path).starts_with(start); }, ms_max);
 }
 
 bool Child::WaitUntilItEnds() const {

@@ -41,7 +41,7 @@ class Child {
   std::string ReadSome();
   void Kill(int signal) const;
   // Waits, without reading, until the child is in this system call. False if that takes too long.
-  bool WaitUntilItIsIn(long call) const;
+  bool WaitUntilItIsIn(long call, int ms_max = 20'000) const;
   // Waits, without reading, until the child has ended. False if that takes too long.
   bool WaitUntilItEnds() const;
   // Reads both outputs to their end and waits.
