@@ -22,19 +22,21 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 BASE = """
 . : [ [[ apt-get awk basename bash break builtin cat cd chmod chown chroot cmp comm command continue cp cut date
 declare diff dirname dpkg dpkg-query echo env eval exec exit export false find flock fold grep groupadd gzip head
-hostname id install kill ln local ls mapfile mkdir mktemp mount mv nice nproc numfmt printf pwd read readlink readonly
+hostname id install kill ln local ls mapfile mkdir mktemp mount mv nice nproc numfmt od printf pwd read readlink readonly
 realpath return rev rm rmdir runuser sed seq set setpriv sh sha256sum shift shopt sleep sort source stat su sudo tail
 tar tee test timeout touch tr trap true umask umount uname uniq unset unshare useradd wait wc while xargs yes
 """.split()
 COMMANDS = dict.fromkeys(BASE) | {
     "abidiff": "abigail-tools", "abidw": "abigail-tools", "analyze-build-14": "clang-tools", "bats": "bats",
     "clang": "clang", "clang++": "clang", "clang-format": "clang-format", "clang-tidy": "clang-tidy", "cmake": "cmake",
-    "cpack": "cmake", "cppcheck": "cppcheck", "ctest": "cmake", "debootstrap": None, "dpkg-deb": None,
+    "cpack": "cmake", "cppcheck": "cppcheck", "ctest": "cmake", "deb-systemd-helper": None, "deb-systemd-invoke": None,
+    "debootstrap": None, "dpkg-deb": None,
     "dpkg-parsechangelog": "dpkg-dev", "fish": "fish", "g++": "g++", "gcov": "g++", "gcovr": "gcovr", "git": None, "gnuplot": "gnuplot-nox",
     "lintian": "lintian", "llvm-symbolizer": "llvm", "make": "make", "man": None, "nats-server": "nats-server", "ninja": "ninja-build",
     "nm": "binutils",
     "objdump": "binutils", "pkg-config": "pkg-config", "pkgconf": "pkg-config", "python3": "python3", "readelf": "binutils",
     "scdoc": "scdoc", "shellcheck": "shellcheck", "strace": "strace", "strings": "binutils", "strip": "binutils",
+    "systemctl": "systemd", "systemd-sysusers": "systemd",
     "zsh": "zsh",
 }
 # What a package brings along.
@@ -47,6 +49,7 @@ TIERS_OF = [
     ("tests/trust/", ["trust"]),
     ("tests/package/", ["test"]),
     ("packaging/debian/try", ["package"]),
+    ("packaging/debian/relay/", ["test"]),  # they run where the package is installed
     ("packaging/abi/", ["test"]),
     ("script/bench", ["bench", "plot"]),  # the second only for --plot
     ("script/house_style.py", ["test"]),
