@@ -176,6 +176,25 @@ TEST_F(RelayReceiveProcess, ManyReportsAreWrittenWithFewDescriptors) {
   EXPECT_EQ(Log().find("open files"), std::string::npos) << Log();
 }
 
+// What "qxrelay check" finds; empty if the settings are sound.
+std::string FindingsOfCheck(const Lines& arguments) {
+  const qx::test::TempDir dir;
+  Lines command = {"check"};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  const int code = QxrelayProcess(command, dir.File("log")).Wait();
+  const std::string text = qx::test::ReadFile(dir.File("log"));
+  EXPECT_EQ(code, text.find("are sound") == std::string::npos ? 1 : 0) << text;
+  return code == 0 ? "" : text;
+}
+
+// The settings of a collector are sound for a collector alone, and nothing is created to prove it.
+void ExpectCheckOfACollector(const std::string& config, const qx::relay::StreamSettings& of_operator) {
+  EXPECT_EQ(FindingsOfCheck({"--collector", "--config", config}), "");
+  EXPECT_THAT(FindingsOfCheck({"--config", config}), HasSubstr("cannot look up a message"));
+  std::uint64_t pending = 0;
+  EXPECT_NE(ReadPending(of_operator, "c", pending), std::nullopt) << "there is a consumer";
+}
+
 TEST(RelayReceiveRights, TheRightsOfACollectorAreEnough) {
   const qx::test::TempDir dir;
   const std::string users = dir.File("users.conf");
@@ -202,15 +221,20 @@ TEST(RelayReceiveRights, TheRightsOfACollectorAreEnough) {
   CReportFileBase store;
   ASSERT_TRUE(store.Open(dir.File("reports/load").c_str(), 10));
   ASSERT_TRUE(store.writeLine("a"));
-  const auto configure = [&](const std::string& user) {
+  const auto configure = [&](const std::string& user, const std::string& root = "root") {
     qx::test::WriteFile(config, "[stream]\nservers=" + server.Url() + "\nuser=" + user +
                                     "\npassword_file=" + dir.File(user) +
                                     "\n[host]\nname=h\n[send]\nspread=0 s\nreports=" + dir.File("reports") +
-                                    "\nstate=" + dir.File("state") + "\n[receive]\nroot=" + dir.File("root") + "\n");
+                                    "\nstate=" + dir.File("state") + "\n[receive]\nroot=" + dir.File(root) + "\n");
   };
   configure("h");
   QxrelayProcess sender({"send", "--config", config}, dir.File("log"));
   EXPECT_TRUE(Until([&] { return qx::test::Exists(dir.File("state/lock")); }));
+  configure("c");
+  ExpectCheckOfACollector(config, settings);
+  configure("c", "missing/root");
+  EXPECT_THAT(FindingsOfCheck({"--collector", "--config", config}),
+              HasSubstr("missing/root is missing, and this user"));
   configure("c");
   QxrelayProcess receiver({"receive", "--config", config}, dir.File("log"));
   EXPECT_TRUE(Until([&] { return RecordsAt(dir.File("root/h/load")) == Lines{"a\r\n"}; }))

@@ -1,4 +1,4 @@
-// Proves the settings: what they name is there, and the servers accept what a sender does.
+// Checks the settings: what they name is there, and the servers accept what a sender or a collector does.
 #include "tools/qxrelay/cli/CheckCommand.h"
 
 #include <sys/stat.h>
@@ -13,6 +13,7 @@
 #include "tools/qxrelay/cli/Options.h"
 #include "tools/qxrelay/cli/Service.h"
 #include "tools/qxrelay/message/Subject.h"
+#include "tools/qxrelay/stream/NatsAdmin.h"
 #include "tools/qxrelay/stream/NatsPublish.h"
 
 namespace qx::relay {
@@ -26,11 +27,13 @@ using Findings = std::vector<std::string>;
 constexpr std::int64_t kAnswerMs = 3000;
 
 constexpr ctl::Parameter kParameters[] = {
+    {.name = "--collector", .help = "Check the settings of a collector, not of a host that sends"},
     {.name = "--offline", .help = "Do not connect to the servers"},
 };
 
 constexpr ctl::Example kExamples[] = {
-    {"qxrelay check", "Prove the settings of this host, with its servers"},
+    {"qxrelay check", "Check the settings of this host, and its servers"},
+    {"qxrelay check --collector", "Check the settings of this collector, and its servers"},
 };
 
 void CheckFile(const std::string& key, const std::string& path, bool is_secret, Findings& findings) {
@@ -58,8 +61,15 @@ void CheckDirectory(const std::string& key, const std::string& path, int access_
   }
 }
 
-void CheckFiles(const RelayConfig& config, Findings& findings) {
-  const StreamSettings& stream = config.stream;
+// A directory that the service creates if it is missing.
+void CheckOwnDirectory(const std::string& key, const std::string& path, Findings& findings) {
+  struct stat status = {};
+  if (file::StatusOf(path.c_str(), status) != ENOENT) return CheckDirectory(key, path, R_OK | W_OK | X_OK, findings);
+  if (access(file::DirectoryOf(path).c_str(), W_OK | X_OK) == 0) return;
+  findings.push_back(key + ": " + path + " is missing, and this user cannot create it: check again as root");
+}
+
+void CheckFiles(const StreamSettings& stream, Findings& findings) {
   CheckFile("password_file", stream.password_file, true, findings);
   CheckFile("credentials_file", stream.credentials_file, true, findings);
   CheckFile("ca_file", stream.ca_file, false, findings);
@@ -68,13 +78,21 @@ void CheckFiles(const RelayConfig& config, Findings& findings) {
   if (stream.certificate_file.empty() != stream.key_file.empty()) {
     findings.emplace_back("certificate_file and key_file belong together");
   }
-  if (HostNameOf(config).empty())
+}
+
+void CheckHost(const RelayConfig& config, Findings& findings) {
+  if (HostNameOf(config).empty()) {
     findings.emplace_back("the machine's name cannot be a host's name: set name in [host]");
+  }
   CheckDirectory("reports", ReportsOf(config), R_OK | X_OK, findings);
-  struct stat status = {};
-  const bool is_new = file::StatusOf(config.send.state.c_str(), status) == ENOENT;  // the sender creates it
-  CheckDirectory("state", is_new ? file::DirectoryOf(config.send.state) : config.send.state, R_OK | W_OK | X_OK,
-                 findings);
+  CheckOwnDirectory("state", config.send.state, findings);
+}
+
+void CheckCollector(const RelayConfig& config, Findings& findings) {
+  if (!IsStreamName(CollectorName(config))) {
+    findings.emplace_back("the machine's name cannot be a collector's name: set name in [receive]");
+  }
+  CheckOwnDirectory("root", config.receive.root, findings);
 }
 
 // The reply to the token, or what the server said meanwhile.
@@ -94,7 +112,7 @@ std::optional<StreamReply> WaitForReply(NatsPublish& stream, std::uint64_t token
 }
 
 // Looks up a report, which needs the stream, its look-ups, and the rights of the host; nothing is published.
-void CheckServers(const RelayConfig& config, Findings& findings) {
+void CheckLookUp(const RelayConfig& config, Findings& findings) {
   const std::string host = HostNameOf(config);
   if (host.empty()) return;
   NatsPublish stream(config.stream, host);
@@ -110,28 +128,40 @@ void CheckServers(const RelayConfig& config, Findings& findings) {
   const bool is_fine = reply.has_value() && (reply->kind == ReplyKind::kNone || reply->kind == ReplyKind::kNewest);
   if (is_fine) return;
   if (problem.empty()) {
-    problem =
-        "no answer: is there a stream " + config.stream.name + " (\"qxrelay stream create\"), and has it a leader?";
+    problem = "no answer: is there a stream " + config.stream.name +
+              " (\"qxrelay stream create\"), and does it have a leader?";
   }
   findings.push_back("cannot look up a message of " + subject + ": " + (reply.has_value() ? reply->text : problem));
+}
+
+// Reads the state of the stream, which needs the rights of a collector; no consumer is created.
+void CheckStream(const StreamSettings& settings, Findings& findings) {
+  StreamState state;
+  if (const auto problem = ReadStream(settings, state)) findings.push_back(*problem);
 }
 
 Status Check(ctl::Context& context, const ctl::Values& values) {
   RelayConfig config;
   const std::string path = values.Text("--config", kConfigFile);
   Findings findings = ReadConfig(path, config);
-  CheckFiles(config, findings);
-  if (!values.Flag("--offline")) CheckServers(config, findings);
+  const bool is_collector = values.Flag("--collector");
+  const bool is_offline = values.Flag("--offline");
+  CheckFiles(config.stream, findings);
+  is_collector ? CheckCollector(config, findings) : CheckHost(config, findings);
+  if (!is_offline && is_collector) CheckStream(config.stream, findings);
+  if (!is_offline && !is_collector) CheckLookUp(config, findings);
   for (const std::string& finding : findings) context.output.Problem(finding);
   if (!findings.empty()) return {ExitCode::kFinding, ""};
-  context.output.Note("the settings in " + path + " are sound; this host is \"" + HostNameOf(config) + "\"");
+  context.output.Note("the settings in " + path + " are sound; this " +
+                      (is_collector ? "collector is \"" + CollectorName(config) : "host is \"" + HostNameOf(config)) +
+                      "\"");
   return {};
 }
 
 }  // namespace
 
 constinit const ctl::Command kCheckCommand = {.words = "check",
-                                              .help = "Prove the settings",
+                                              .help = "Check the settings, and the servers",
                                               .group = "Services",
                                               .run = Check,
                                               .parameters = {kParameters, kConfigOptions},

@@ -261,7 +261,7 @@ std::string Sender::Problem() const {
 // A server does not answer who asks for a message of a stream that it does not have.
 std::string Sender::SilenceText() const {
   return "the servers do not answer: is there a stream " + context_.stream_settings.name +
-         " (\"qxrelay stream create\"), has it a leader, and may this host ask for its own newest messages?";
+         " (\"qxrelay stream create\"), does it have a leader, and may this host ask for its own newest messages?";
 }
 
 std::vector<SentReport> Sender::Sent() const {
