@@ -104,7 +104,7 @@ TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
         EXPECT_EQ(report.counters.gap_records, mishap.lost);
         continue;
       }
-      EXPECT_TRUE(collector.IsLogged("report h/a: left alone: ")) << collector.log.back();
+      EXPECT_TRUE(collector.IsLogged("report h/a: left alone, its messages are skipped: ")) << collector.log.back();
       EXPECT_EQ(report.counters.skipped, 3U);
       // It stays so after a restart, until somebody removes the files. Then it continues, and counts.
       collector.Restart();

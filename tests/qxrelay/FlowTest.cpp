@@ -210,7 +210,7 @@ TEST_F(RelaySenderFlow, AStoppedSenderIsPlacedByTheNewestMessageOrItsState) {
   EXPECT_EQ(sender.Reports(), std::vector<std::string>{"load"});
   ServiceFlow flow = sender.Flow(50'000, 1'000'000);
   EXPECT_EQ(flow.problem, "the sender is not running");
-  EXPECT_EQ(flow.reports.at(0).trouble, "nothing of it has been sent");
+  EXPECT_EQ(flow.reports.at(0).trouble, "no record was sent yet");
   EXPECT_EQ(flow.reports.at(0).lag_records, std::nullopt);
   sender.states["load"].mark.next = 5;
   EXPECT_EQ(sender.Flow(50'000, 1'000'000).reports.at(0).lag_records, 3U);

@@ -41,13 +41,13 @@ class RelayReceiveProcess : public testing::Test {
     EXPECT_EQ(CreateStream(settings_), std::nullopt);
   }
 
-  void Configure(const std::string& receive_lines = {}) {
+  void Configure(const std::string& receive_lines = {}, const std::string& root = "root") {
     qx::test::WriteFile(Config(), "[stream]\nservers=" + server_.Url() +
                                       "\nreplicas=1\nbytes=64 MiB\n[host]\nname=h\n[send]\nreports=" +
                                       dir_.File("reports") + "\nstate=" + dir_.File("state") +
                                       "\nspread=0 s\nlinger=5 ms\npoll=2 ms\npoll_idle=10 ms\ntimeout=1 s\n"
                                       "rescan=50 ms\n[receive]\nname=c\nroot=" +
-                                      dir_.File("root") + "\nsync=50 ms\nredeliver=1 s\n" + receive_lines);
+                                      dir_.File(root) + "\nsync=50 ms\nredeliver=1 s\n" + receive_lines);
   }
   [[nodiscard]] std::string Config() const { return dir_.File("relay.ini"); }
   [[nodiscard]] std::string Log() const { return qx::test::ReadFile(dir_.File("log")); }
@@ -125,6 +125,9 @@ TEST_F(RelayReceiveProcess, ASighupReadsTheSettingsAgain) {
   Configure("slots=0\n");
   receiver_->Signal(SIGHUP);
   EXPECT_TRUE(Until([&] { return Log().find("the settings in force stay as they are") != std::string::npos; }));
+  Configure({}, "other");
+  receiver_->Signal(SIGHUP);
+  EXPECT_TRUE(Until([&] { return Log().find("another root needs a restart") != std::string::npos; })) << Log();
   Configure();
   Append(20);
   Send();

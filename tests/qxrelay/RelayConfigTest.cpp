@@ -79,7 +79,7 @@ TEST_F(RelayConfigFile, WhatIsWrongIsNamedAndTheDefaultStays) {
           "section [send], key \"lingr\": there is no such key",
           "section [send], key \"linger\": \"5\" is not a time such as \"100 ms\", \"5 s\" or \"7 d\"",
           "section [send], key \"batch_bytes\": \"2 MiB\" is not from 1 to 1048576",
-          "section [send], key \"batch_bytes\": it is there twice",
+          "section [send], key \"batch_bytes\": the key occurs twice",
           "section [sent]: there is no such section",
           "section [stream], key \"name\": \"a.b\" is not a valid name here",
           "section [stream], key \"prefix\": \"a..b\" is not a valid name here",

@@ -188,7 +188,8 @@ Status Send(Context& context, const Values& values) {
     if (signals.IsStopRequested()) ServiceManager::Stopping();
     service.Finish(signals, manager);
     context.output.Problem(service.StatusText());
-    if (!service.RivalText().empty()) return {ExitCode::kRefused, "another sender sends for this host"};
+    if (!service.RivalText().empty())
+      return {ExitCode::kRefused, "another sender sends for this host: end one of them, or continue with --take-over"};
     if (!signals.IsStopRequested()) Reload(context, values, config);
   }
   return {};

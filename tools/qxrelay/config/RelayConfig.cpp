@@ -265,7 +265,7 @@ void ReadSection(CIniFile& file, const std::string& section, RelayConfig& config
   (void)file.GetEnums(keys, section.c_str());  // false only for an empty list
   for (auto key = keys.begin(); key != keys.end(); ++key) {
     if (std::find(keys.begin(), key, *key) != key) {
-      findings.push_back(Place(section, *key) + "it is there twice");
+      findings.push_back(Place(section, *key) + "the key occurs twice");
     } else if (section == kLabels) {
       ReadLabel(file, *key, config, findings);
     } else {

@@ -70,7 +70,7 @@ void Receiver::Connect(TimeMs now) {
   if (!problem.has_value()) problem = context_.stream.ReadState(state);
   if (problem.has_value()) return Disconnected(now, *problem);
   if (context_.state.created != 0 && state.created != context_.state.created) {
-    context_.log("the stream is another one than before");
+    context_.log("the stream was deleted and created again");
     for (auto& [key, entry] : entries_) entry->collector.StreamReplaced();
     context_.handled.clear();
     newer_.clear();
@@ -199,7 +199,7 @@ void Receiver::Continue(TimeMs now) {
   WorkOnTouched(now);
   if (!context_.system_fault.empty()) return Pause(now);
   write_failures_ = 0;
-  context_.log("the reports are written again");
+  context_.log("writing continues");
   problem_.clear();
 }
 

@@ -231,7 +231,7 @@ ReportCollector::Outcome ReportCollector::Failed(TimeMs now, const CollectorFaul
   busy_since_.reset();
   state_ = CollectedState::kLeftAlone;
   retry_at_ = now + kLeftAloneMs;
-  Trouble("left alone: " + fault.text);
+  Trouble("left alone, its messages are skipped: " + fault.text);
   return Skip(message);
 }
 

@@ -380,7 +380,8 @@ void ReportWork::OnStored(TimeMs now, const StreamReply& reply) {
   const InFlight stored = *std::exchange(in_flight_, std::nullopt);
   if (!sender_.Stored(now, reply.token, reply.sequence)) {
     held_.reset();
-    return Trouble("the numbers of the stream do not rise: it was deleted, or its servers have lost messages");
+    return Trouble(
+        "the sequence numbers of the stream do not increase: it was deleted, or its servers have lost messages");
   }
   Count(stored);
   known_.mark = sender_.Position();

@@ -122,7 +122,7 @@ void Sender::TakeReplies(TimeMs now) {
 }
 
 void Sender::OnReply(TimeMs now, const StreamReply& reply) {
-  if (reply.kind == ReplyKind::kProblem) return LogOnce("the server complains: " + reply.text);
+  if (reply.kind == ReplyKind::kProblem) return LogOnce("the server reports: " + reply.text);
   const std::size_t owner = SendContext::OwnerOf(reply.token);
   if (owner == kAboutOwner) {
     about_.OnReply(now, reply);
@@ -164,7 +164,8 @@ void Sender::Disconnected(TimeMs now) {
   logged_.clear();
   is_connected_ = false;
   connect_at_ = now + static_cast<TimeMs>(static_cast<double>(context_.settings.spread.count()) * context_.random());
-  context_.log("the connection is lost; connecting again in " + std::to_string(connect_at_ - now) + " ms");
+  context_.log("the connection is lost; connecting again in " + std::to_string((connect_at_ - now + 999) / 1000) +
+               " s");
   about_.Disconnected(now);
   for (const auto& entry : works_) {
     entry->work.Disconnected();
@@ -204,7 +205,8 @@ void Sender::Rescan(TimeMs now) {
 
 void Sender::Add(TimeMs now, const std::string& report) {
   if (SubjectText(context_, Branch::kReport, report).empty()) {
-    context_.log("report " + report + ": its name cannot be relayed");
+    context_.log("report " + report +
+                 ": it is not sent: its name is absolute, too long, or has an empty component, \".\" or \"..\"");
     return;
   }
   const std::size_t owner = works_.size() + 1;

@@ -116,7 +116,7 @@ ServiceFlow StoppedSender::Flow(std::int64_t now, std::int64_t wall_ms) const {
       one.is_placed = true;
       one.next = state->second.mark.next;
     } else {
-      one.trouble = "nothing of it has been sent";
+      one.trouble = "no record was sent yet";
     }
     if (const ReportFlow* const before = FindReport(last, report)) {
       one.counters.records = before->records;
