@@ -170,6 +170,10 @@ function(qx_compile_as_test target)
   set_target_properties(${target} PROPERTIES QX_COMPILE_FAST ON QX_IS_TEST ON)
 endfunction()
 
+# The longest tests are started first, so that none of them is left at the end.
+set(long_tests "qxctl_module_test|qxctl_test|qxctl_records_test|docs_test|qxctl_settings_test|reportfile_test|reporttools_test|\
+debug_test|trace_tools_test|qxctl_attacks_test|report_transfer_test|qxrelay_process_test|qxrelay_cluster_test")
+
 # qx_test(NAME SOURCES a.cpp... DEPS qx_lib...): one GoogleTest program, one ctest test, run in shuffled order.
 # Under the thread sanitizer only suites whose name contains "Threads" run, as the others have one thread to watch; so
 # only the sources that have such suites are built, with what they share.
@@ -198,6 +202,9 @@ function(qx_test name)
   endif()
   add_test(NAME ${name} COMMAND ${name} --gtest_shuffle --gtest_brief=1 ${filter})
   set_tests_properties(${name} PROPERTIES TIMEOUT 600)
+  if(name MATCHES "^(${long_tests})$")
+    set_tests_properties(${name} PROPERTIES COST 100)
+  endif()
 endfunction()
 
 # Takes the test sources without a threaded suite out of the list, if any is left then. Sources that are not tests stay.
