@@ -1,8 +1,8 @@
 // The recursive lock that every layer shares, built on a plain POSIX mutex.
 //
 // The owner is kept next to the mutex, so a thread that holds the lock may take it again; only the outermost unlock
-// releases the mutex. A recursive POSIX mutex neither shows its owner nor can be released whatever its depth. The
-// clean-up of a cancelled thread and the destructor of an object with a lock need both.
+// releases the mutex. A recursive POSIX mutex does not show its owner, and cannot be released at once from any depth.
+// The clean-up of a cancelled thread and the destructor of an object with a lock need both.
 #pragma once
 
 #include <pthread.h>

@@ -7,7 +7,8 @@
 //     the error number in errno. Nothing throws, unless it says so.
 //   - Files are opened close-on-exec, never as a controlling terminal, and non-blocking: the open of a FIFO without a
 //     writer, or of a device, does not wait. Regular files do not notice.
-//   - Most of these calls are cancellation points, so none is noexcept. The destructor of a descriptor is not.
+//   - Most of these calls are cancellation points, so none is noexcept. The destructor of a descriptor is not a
+//     cancellation point.
 //
 // Policies (backups, links, owners, locks of edits) are in base/tools/ReplacedFile.h. The streams that the store class
 // owns by contract are opened on descriptors from here.
@@ -115,7 +116,8 @@ struct Progress {
 // True if both describe one file and nobody wrote to it in between, as far as size and time show.
 [[nodiscard]] bool IsUnchanged(const struct stat& before, const struct stat& now);
 
-// Data and metadata; data and what is needed to read it; everything of the file system that the file is on.
+// Sync: data and metadata. SyncData: data and what is needed to read it. SyncFileSystem: everything of the file system
+// that the file is on.
 [[nodiscard]] int Sync(int descriptor);
 [[nodiscard]] int SyncData(int descriptor);
 [[nodiscard]] int SyncFileSystem(int descriptor);

@@ -1,7 +1,7 @@
 // Opens files in directories that other users may write, without letting their symbolic links decide what is opened.
 //
-// A privileged process that follows such a link opens a file of the link's choice with its own rights. So a link counts
-// only if its owner could have reached that file anyway:
+// A privileged process that follows such a link opens the file that the link's owner chose, with the rights of the
+// process. So a link counts only if its owner could have reached that file anyway:
 //
 //   the link's owner      to write   to read
 //   root                  yes        yes

@@ -29,8 +29,8 @@
 // Owns: the log file, the ring file and the settings.
 // Failure: no call raises an error, and none changes errno: callers print it after they have traced. Failures
 // of the facility itself are reported in the system log, those of the ring file in the log file.
-// Outside its life the object is inert: in zeroed memory, as a global before its constructor, and after its destructor
-// the active flag is false and no non-virtual call prints anything.
+// Outside its lifetime the object is inert: before the constructor of a global, when its memory is zero, and after the
+// destructor, the active flag is false and no non-virtual call prints anything.
 class CDebug : public CDebugTraceConfig {
  public:
   // Trace targets, as SetTarget, PrintIt and WriteLogHeader take them.
@@ -109,8 +109,8 @@ class CDebug : public CDebugTraceConfig {
   // Sets where entries go from now on. [any thread]
   void SetTarget(std::uint32_t target);
 
-  // Off: level 0 until it is called with true, which restores the configured level, even if a settings file sets
-  // another one in between. Returns true. [any thread]
+  // With false: level 0, also while settings files set other levels. With true: the level that was configured, or that
+  // a settings file has set meanwhile. Returns true. [any thread]
   bool ForceMaxDebug(bool on);
 
   // Keeps the program's arguments, which must live as long as this object, and traces them if there are any: to the
@@ -121,8 +121,8 @@ class CDebug : public CDebugTraceConfig {
   // it is the target, has not wrapped since it was opened, and has more than 1 MiB left. [any thread]
   void SetApplInitDone();
 
-  // Writes the header block (command line, environment, settings) to `target`; with the no-header flag 0 its lines go
-  // to standard error too, but not those of a ring buffer, which repeats its header at each wrap. [any thread]
+  // Writes the header block (command line, environment, settings) to `target`; if the no-header flag is 0, the lines
+  // also go to standard error, but not those for a ring, which repeats them at each wrap. [any thread]
   void WriteLogHeader(std::uint32_t target);
 
   // Writes the header of an entry made now by this thread into `buffer`, cut to `size` with its NUL, and returns its

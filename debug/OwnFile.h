@@ -32,8 +32,9 @@ struct OwnFile {
 
 // Opens the file `path` for reading and writing, never through a symbolic link. A missing file is created with `mode`
 // less the umask, or only for its owner if the directory would give it a foreign group or an access list. A file that
-// is not our own is removed and created again, which the system log reports; so is one of our own that has not `size`
-// bytes, without a report. A file that is not regular stays and is refused. [any thread]
+// is not our own is removed and created again, and the system log reports this. A file of our own that does not have
+// `size` bytes is replaced in the same way, without a report. A file that is not regular stays and is refused. [any
+// thread]
 [[nodiscard]] OwnFile OpenOwnFile(const char* path, mode_t mode, std::optional<std::uint64_t> size = std::nullopt);
 
 }  // namespace qx::debug

@@ -4,8 +4,8 @@
 // The file outlives the process, also one that is killed in the middle of an entry. A terminator line follows the
 // newest entry, and the header has its offset. An entry becomes visible in this order: its bytes from the 17th on and
 // the new terminator after them, then its first 16 bytes in one store over the old terminator, then the new write
-// position in one store. So at any moment there is, at the offset that the header shows, either the terminator or the
-// one entry that was just completed, with the terminator after it. docs/trace-ring.md has the reader's side.
+// position in one store. So the header always shows the offset of the terminator, or of the one entry that was just
+// completed, with the terminator after it. docs/trace-ring.md has the reader's side.
 //
 // This class does not write the header block that a new cycle begins with: the writer of the entries writes it between
 // BeginWrap and EndWrap.

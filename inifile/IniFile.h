@@ -25,14 +25,14 @@ class CIniFile {
   CIniFile(const CIniFile&) = delete;
   CIniFile& operator=(const CIniFile&) = delete;
 
-  // Reads one value, or a list of names, into the `size` bytes at `buf` and returns the number of characters placed.
+  // Reads one value, or a list of names, into the `size` bytes at `buf` and returns the number of characters written.
   //   section and key given   the value of the first such entry; if it is missing or empty: `def`
   //   key null                the section's keys in file order, each followed by NUL, the list by one more
   //   section null            likewise the names of all sections, whatever `key` is
-  // A null `def` counts as empty; lists have no default. A value that was cut gives size - 1, a list that was cut
-  // size - 2 and two NULs at the end; size - 1 and size - 2 therefore mean "ask again with a larger buffer". At size 2
-  // nothing is searched and `def` comes; size 1 gives the empty text; at size 0, or with `buf` or `path` null, nothing
-  // is written and the result is 0. [any thread]
+  // A null `def` counts as empty; lists have no default. A value that was cut returns size - 1. A list that was cut
+  // ends with two NULs and returns size - 2. So after either result, call again with a larger buffer. With size 2
+  // nothing is searched, and `buf` gets the first character of `def`; with size 1 it gets the empty text. With size 0,
+  // or if `buf` or `path` is null, nothing is written and the result is 0. [any thread]
   static unsigned GetPrivateProfileString(const char* section, const char* key, const char* def, char* buf,
                                           unsigned size, const char* path);
 
@@ -43,9 +43,9 @@ class CIniFile {
   [[nodiscard]] static bool WritePrivateProfileString(const char* section, const char* key, const char* value,
                                                       const char* path);
 
-  // Replaces the bytes `from` up to `to` of `file` (open for reading and writing) by a line feed if `newlineFirst`
-  // and by the line key=value if both are given; what was at `to` follows, and the file ends where that ends. False
-  // when an offset is outside the file, `from` is after `to`, there is no space, or a stream call fails. [any
+  // Replaces the bytes `from` up to `to` of `file` (open for reading and writing) by a line feed if `newlineFirst` is
+  // true, and by the line key=value if both are given. The bytes from `to` on follow, and the file ends after them.
+  // False when an offset is outside the file, `from` is after `to`, there is no space, or a stream call fails. [any
   // thread]
   [[nodiscard]] static bool WriteLines(FILE* file, unsigned from, unsigned to, const char* key, const char* value,
                                        bool newlineFirst);

@@ -1,8 +1,8 @@
 // The writing primitive: finds the region of an edit in one walk, then moves the file's tail around it.
 //
 // The writer reads lines more strictly than the reader: no white space is skipped, so an indented header or key is not
-// found. Two oddities follow because it drops the last character of every line as the line feed: in a last line without
-// one, and in each piece of a line that was split, a character is missing.
+// found. It also drops the last character of every line, because it expects the line feed there. So a real character is
+// missing in a last line without line feed, and in each piece of a line that was split.
 #include <fcntl.h>
 #include <sys/stat.h>
 

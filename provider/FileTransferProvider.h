@@ -22,8 +22,8 @@ class CFileTransferProvider : public CKrxAdapterModule {
 
   // Adds a chunk of a report's records to `out`, or sets an error document there: docs/documents.md shows both. Returns
   // 0 records, 1 no (more) records, 12 the report could not be read, -1 the block is not valid. After a refusal (no
-  // "ReportData" in `in`, privilege missing) the call continues after the refusal's "Error" element; records make a
-  // second root after it. [any thread]
+  // "ReportData" in `in`, privilege missing) the call continues: its result follows the refusal's "Error" element, so
+  // records are a second root. [any thread]
   [[nodiscard]] int GetReports(KrxRequestParams& params, CMarkup& in, CMarkup& out);
 
   // Adds the list of a report's instance names to `out`, or sets an error document there. Returns 0 (also for a names

@@ -90,8 +90,8 @@ class KrxRequestParams {
   // empty afterwards. [owning thread]
   bool GetAvailablePrivileges(std::vector<const char*>& out) const;
 
-  // Reads the login that the client sent. What the block does not carry leaves its target as it was; an empty value
-  // clears it; of two values for one target the later one wins. True when `userId` is not empty afterwards and the
+  // Reads the login that the client sent. A target for which the block has no value is unchanged, and an empty value
+  // clears it. Of two values for one target the later one wins. True when `userId` is not empty afterwards and the
   // block has a credential list. Nothing is kept here. [owning thread]
   [[nodiscard]] bool GetUserCredentials(std::string& userId, std::string& password, std::string& domain) const;
 

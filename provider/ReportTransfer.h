@@ -113,8 +113,8 @@ class ReportTransfer {
   CMarkup& out_;
   const TransferOptions options_;
   const TransferOptions::Path path_taken_;
-  // The document has a root already, that of a refusal, so no record of it reaches the caller: any text decides the
-  // result. A trace shows how many records there are.
+  // The document already has a root, the refusal, so no record reaches the caller. The result is certain after the
+  // first record with a text. A call that is traced reads on, because the trace shows how many records there are.
   const bool stops_at_text_;
 
   TransferRequest request_{};

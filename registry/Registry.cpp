@@ -21,7 +21,7 @@ using qx::LockScope;
 using qx::registry::NodeOf;
 using qx::registry::Reading;
 
-// The two owned pointers are smart ones, for which the standard leaves `offsetof` to the compiler; both compilers
+// The class has two smart pointers. For such a class the standard does not require `offsetof`, but both compilers
 // support it.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"

@@ -2,7 +2,7 @@
 // (docs/registry-file.md).
 //
 // Keys nest as deep as a file says, so nothing here recurses: reading and writing keep their path in memory, deletion
-// keeps it in the keys that it is about to free.
+// uses pointer reversal.
 #pragma once
 
 #include <cstdio>
@@ -30,11 +30,11 @@ class CRegistryNode : public CStrMap {
   // stream is then at the end of the closing line if it can seek. [any thread]
   [[nodiscard]] bool restoreNode(FILE* stream);
 
-  // Frees all values and subkeys, but keeps the entries without a value: only for use directly before the key or its
+  // Frees all values and subkeys. The entries stay, without their values: only for use directly before the key or its
   // map is destroyed. Traces each entry that had a value. [owning thread]
   void deleteNode();
 
-  // deleteNode, and no entries afterwards. [owning thread]
+  // deleteNode, then removes the entries. [owning thread]
   void Clear();
 
   // Merges `fresh`, which no other thread can reach, into this key by name. Afterwards `fresh` has the replaced entries
@@ -44,7 +44,7 @@ class CRegistryNode : public CStrMap {
  private:
   class ContentExchange;
 
-  // Merges the entries of `fresh`, of which `new_names` are not here yet, into an array that has space for them.
+  // Merges the entries of `fresh` into an array that has space for them; `new_names` of them are not in this key yet.
   void MergeEntries(CRegistryNode& fresh, std::int32_t new_names, ContentExchange& exchange);
 };
 

@@ -20,7 +20,7 @@ struct Expansion {
 
 // Expands `known` + `expression`. The first is taken as it is, whatever characters it has; the second begins with "/"
 // and is globbed, with wildcards matching a leading dot. The first directory that cannot be opened ends the expansion
-// with its error and without paths. The first listing that ends with an error is the last one of its component.
+// with its error and without paths. If a listing ends with an error, no further directory is listed for that component.
 //   "", "/b/*"         => everything in /b
 //   "/b[1]", "/*.dat"  => what ends with ".dat" in /b[1]
 //   "/b", "/"          => nothing (ENOENT)

@@ -1,7 +1,7 @@
 // Where records end: the searches that reading consists of.
 //
-// A record's text ends with its first line feed or byte 0xFF, and in front of its first NUL. So one search for the
-// first of the three bytes finds the end of the text, and one count shows whether a run of records has an exception.
+// A record's text ends with its first line feed or byte 0xFF, and before its first NUL. So one search for the first of
+// the three bytes finds the end of the text, and one count shows whether a run of records has an exception.
 #pragma once
 
 #include <cstddef>

@@ -75,8 +75,8 @@ class RecordReader {
   // splits at the end of the ring. A slot that is not in use comes before a record that does not fit. [owning thread]
   [[nodiscard]] TakenRecords Take(std::uint32_t first_slot, const TakeLimits& limits, std::string* out);
 
-  // Reads the offsets in `first_slot` and the slots after it. A slot of which fewer than four bytes can be read reads
-  // as 0. Returns 0 or the error number. [owning thread]
+  // Reads the offsets in `first_slot` and the slots after it. A slot that cannot be read whole reads as 0. Returns 0 or
+  // the error number. [owning thread]
   [[nodiscard]] int ReadSlots(std::uint32_t first_slot, std::span<std::uint32_t> offsets);
 
   // The error number of the system, if that is why the last Read or Take could not read a record; otherwise 0.

@@ -26,9 +26,10 @@ class TreeListing {
     int error = 0;
   };
 
-  // Lists `top`, without entering the directory `left_out` or a directory that a link inside it leads back to. An entry
-  // that was removed meanwhile, and a link that leads nowhere, are left out. A `top` that does not exist is empty. 0 or
-  // the error number of the first directory that cannot be listed, or of the first entry whose `stat` fails.
+  // Lists `top`. It does not enter the directory `left_out`, nor any directory a second time through a link inside it.
+  // An entry that was removed meanwhile, and a link that leads nowhere, are left out. A `top` that does not exist is
+  // empty. 0 or the error number of the first directory that cannot be listed, or of the first entry whose `stat`
+  // fails.
   [[nodiscard]] int Read(const std::string& top, const FileId& left_out);
 
   // Null for a directory that was not listed. Valid as long as this object.

@@ -11,8 +11,8 @@
 namespace qx::report {
 
 // One removal of one tree. Each directory on the way down is a level with the names that are still to be handled.
-// Everything is removed by its name in an open directory: exchanging a directory of the tree for a link during the
-// removal does not lead it elsewhere.
+// Everything is removed by its name in an open directory. So a user who exchanges a directory of the tree for a link
+// cannot lead the removal elsewhere.
 //
 // Threads: one; an object is used for one Run.
 // Failure: an error number, 0 for success; the trace contains the steps and, for a failure, a line for each level.

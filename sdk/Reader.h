@@ -38,7 +38,7 @@ enum class ReadEvent : int {
   kStartedOver = 3,  // there are fewer records than were read: the report is a new one
 };
 
-// A record of a loop. The text is in the reader: whoever keeps it copies it.
+// A record of a loop. The text is in the reader: copy it to keep it.
 struct RecordView {
   std::string_view text = {};  // without its line end; valid until the iterator moves or the reader is used otherwise
   RecordState state = RecordState::kWhole;

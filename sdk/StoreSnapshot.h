@@ -1,7 +1,7 @@
 // Internal: the records of a report as they are at one moment, each with a judgement of its text.
 //
-// A snapshot keeps the header and the offsets of all slots. From them follows where each record has to end: where the
-// next one begins, and the newest one at the end marker. A text that ends anywhere else is not what was written there.
+// A snapshot keeps the header and the offsets of all slots. They show where each record must end: where the next one
+// begins, or, for the newest one, at the end marker. A text that ends anywhere else is not what was written there.
 // After the texts of a window are read, header and slots are read again: what a writer has replaced meanwhile is not
 // returned as good.
 //

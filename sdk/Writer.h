@@ -71,8 +71,8 @@ class Writer {
   Error Append(std::initializer_list<std::string_view> texts);
 
   // Appends copies of records as readers return them, with their line ends, so that readers of this report get the same
-  // bytes. Errors as above; kBadText for what no reader returns: a byte of those after which a record ends, and more
-  // after it. [any thread]
+  // bytes. Errors as above; kBadText for a text that no reader returns, because it continues after a byte at which a
+  // record ends. [any thread]
   Error AppendCopies(std::span<const std::string_view> records);
 
   // Makes sure that the header in the file counts everything that was appended. An append does not fail if only the

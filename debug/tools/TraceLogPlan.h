@@ -19,7 +19,7 @@ constexpr std::size_t kFingerprintBytes = 256;
 // What is kept of the last snapshot.
 struct LogHistory {
   bool has_started = false;       // there was one
-  std::string copy;               // the file; NUL bytes where an entry was held back, which therefore counts as new
+  std::string copy;               // the file; an entry that was held back is NUL bytes here, so that it counts as new
   std::string fingerprint;        // how it began
   std::uint64_t position = 0;     // everything before it, in the order of time, has been returned
   std::optional<TraceWrap> wrap;  // its last wrap
@@ -54,8 +54,9 @@ struct LogPlan {
 [[nodiscard]] std::uint64_t EndOfNew(const std::string& copy, const std::string& now, std::uint64_t begin,
                                      std::uint64_t limit);
 
-// How many bytes were overwritten unread when a log wrapped `wraps` times since `from` was the position; the oldest
-// entry that is left begins at `older_begin`. About: a cycle may end an entry after the limit.
+// About how many bytes were overwritten before they were read: `from` was the position, the log has wrapped `wraps`
+// times since, and the oldest entry that is left begins at `older_begin`. A cycle may end one entry after the limit, so
+// the number is not exact.
 //   wraps 1, from 500, older 400                 => 0
 //   wraps 1, from 500, older 700                 => 200
 //   wraps 2, limit 1000, from 600, older at 300, head of 100 => 400 + 200
@@ -65,8 +66,8 @@ struct LogPlan {
 // What is new in the snapshot `now`. Without `has_old`, entries of the first snapshot are not new.
 [[nodiscard]] LogPlan PlanLog(const LogHistory& history, const std::string& now, bool has_old);
 
-// True if a second snapshot holds the same bytes at the places that the plan was made from: a page of the first one can
-// be older than the next.
+// True if a second snapshot has the same bytes where the plan read the first one. Within one snapshot, a page can be
+// older than the page after it.
 [[nodiscard]] bool Confirms(const LogPlan& plan, const std::string& now, const std::string& again);
 
 // Where the last entry of the range begins; the begin of the range if no header is in it.

@@ -122,7 +122,7 @@ void NoteKept(KeptMarks& marks, const KeptEntry& entry, bool follows_start);
 // Marks the remaining entries of `reader`: those after the header block.
 [[nodiscard]] KeptMarks CollectKeptMarks(TraceLineReader& reader, const HeaderBlock& block);
 
-// The start of the newest cycle: its own start; else the first new entry; else the last start; else 0.
+// The start of the newest cycle: `cycle_begin`, else `first_new`, else `last_start`; 0 if no such entry exists.
 [[nodiscard]] std::uint64_t CycleBegin(const KeptMarks& marks);
 
 }  // namespace qx::debug

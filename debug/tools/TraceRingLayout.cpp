@@ -1,5 +1,6 @@
-// The layout of a ring file. Its header shows the end of the newest entry, but not the start of the newest cycle: that
-// is after the header block, or after the last "End of initialization" before the newest cycle's stamps.
+// The layout of a ring file. Its header shows the end of the newest entry, but not the start of the newest cycle. Among
+// the places where a cycle may start (after the gap, and after each entry "End of initialization"), the stamps show
+// which one it is.
 //
 //   1024                                                                                        size
 //   | header block | END | gap | kept from the start | newest entries | END | older entries | ..... |

@@ -1,7 +1,7 @@
 // Checks the two files of a report against the invariants of the store's writer.
 //
-// What a writer leaves follows from a few rules (docs/report-store.md). The count of records shows how far the ring and
-// the data file are in their round: where the round begins, which slots are rising, and where the last record ends.
+// What a writer leaves follows from a few rules (docs/report-store.md). The count of records determines which slot is
+// the oldest, how many records were written since the data file restarted, and so which slots have rising offsets.
 // Every finding names one rule, one offset and one value; docs/operations.md lists the rules. Not findings, but
 // reported as remarks: records that are just being written, records whose text longer ones have overwritten, and
 // everything else that a correct writer can leave. Nothing is changed here; StoreSalvage repairs.

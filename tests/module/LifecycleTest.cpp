@@ -83,8 +83,8 @@ TEST_F(ModuleLifecycle, ThousandLoadsAndUnloadsLeakNothing) {
     if (after.descriptors != before.descriptors) {
       grown << "descriptors " << before.descriptors << " => " << after.descriptors << "\n";
     }
-    // A sanitizer keeps freed memory and its own records of every load; only its leak check at the end is useful. The
-    // kernel may split or join a few neighbouring mappings; if each load left one, there would be a thousand.
+    // A sanitizer keeps freed memory and its own records of every load, so only its leak check at the end is useful.
+    // The kernel may split or join a few neighbouring mappings; a mapping left by each load would be a thousand.
     constexpr int kSplitMax = 4;
     if (!kSanitized && !kCountsCoverage && after.mappings > before.mappings + kSplitMax) {
       grown << "mappings " << before.mappings << " => " << after.mappings << "\n";

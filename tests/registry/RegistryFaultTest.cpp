@@ -94,8 +94,8 @@ TEST_F(RegistryFault, ReadsReportNoValue) {
            });
 }
 
-// A value line is left out, and a subkey line with everything below it, so that its content does not get into the key
-// above.
+// A skipped value line is only this line. With a skipped subkey line, everything in that subkey is skipped, too: it
+// would otherwise become content of the key above.
 TEST_F(RegistryFault, LoadWithoutMemorySkipsTheLine) {
   std::set<std::string> trees;
   FailEach([] { CRegistry::SetupTree(true); },

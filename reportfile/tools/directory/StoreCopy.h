@@ -2,9 +2,9 @@
 //
 // A copy is the store at one moment: that of the header in the copy. The index is copied first and then updated to that
 // header, slot by slot, until nothing changed meanwhile; then the data file is copied. The texts of the header's slots
-// must not have been overwritten since. The header at the end of the copy shows this: a writer only writes from its old
-// position to its new one. If it overwrote a text, the copy is made again. Nothing is locked, and the writer is not
-// delayed.
+// must not have been overwritten since. The header that the store has after the copy shows this: a writer only writes
+// from its old position to its new one. If it overwrote a text, the copy is made again. Nothing is locked, and the
+// writer is not delayed.
 #pragma once
 
 #include <fcntl.h>

@@ -14,8 +14,8 @@ struct ChartShape {
   bool unicode = false;      // eighths of blocks; otherwise ASCII
 };
 
-// The width of the terminal of standard output, else COLUMNS of the environment, else 80; Unicode if LC_ALL, LC_CTYPE
-// or LANG, the first that is set, says UTF-8.
+// Columns: the width of the terminal of standard output, else COLUMNS of the environment, else 80. Unicode: whether the
+// first of LC_ALL, LC_CTYPE and LANG that is set names UTF-8.
 [[nodiscard]] ChartShape ChartShapeHere();
 
 // One line of values as bars from left to right, several lines as points with a legend. The axis of values is at the

@@ -28,8 +28,8 @@ class FieldSeries {
   // with numbers. `report` is its name in the message.
   [[nodiscard]] Status Check(const std::string& report) const;
 
-  // x is the time if at least half of the numbers have one, and not all the same; numbers without one are left out
-  // then.
+  // x is the time if at least half of the numbers have a time, and not all times are equal. Numbers without a time are
+  // then left out.
   [[nodiscard]] ChartData ToChart(const std::string& report) const;
 
   // What the chart of ToChart does not show, a sentence each.

@@ -94,7 +94,7 @@ struct Command {
   std::string_view help;
   std::string_view group = {};  // the heading in the overview; of a first word only
   Status (*run)(Context& context, const Values& values) = nullptr;
-  std::array<std::span<const Parameter>, 8> parameters = {};  // its own, and those of several commands
+  std::array<std::span<const Parameter>, 8> parameters = {};  // its own, and groups shared by several commands
   std::span<const Example> examples = {};                     // at least one, unless it is hidden
   bool is_hidden = false;                                     // for scripts and the build, not for people
   std::string_view program = "qxctl";                         // the first word of the command line

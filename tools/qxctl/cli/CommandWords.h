@@ -16,8 +16,8 @@ const Command* FindSubcommand(Commands commands, const Command& command, std::st
 // The command or the group with these words; for none qxctl itself. kUsage if it does not exist.
 Status FindCommand(Commands commands, const std::vector<std::string>& words, const Command*& command);
 
-// kUsage for a word that no command below `command` has, with those that may have been meant. At the beginning of a
-// line this may be the last word of a command of a group.
+// kUsage for a word that no command below `command` has, with the words that may have been meant. For the first word of
+// a line, these include the last words of all commands.
 //   "reprot" => did you mean report?     "cat" => did you mean report cat?
 Status UnknownCommand(Commands commands, const Command& command, std::string_view word);
 

@@ -57,7 +57,7 @@ bool CheckFile(const std::string& path, DoctorFindings& findings) {
 }
 
 // The first finding of each rule, and how many more there are like it. False if lines end with CR LF: the content of
-// the file can be checked only after their removal.
+// the file can be checked only after each CR is removed.
 bool CheckLines(const std::string& path, DoctorFindings& findings) {
   FileImage image;
   if (!ReadFileImage(path, image).IsDone()) return true;  // reported already

@@ -82,8 +82,8 @@ class RecordPrinter {
   // Whether standard output gets something else than the records.
   bool ReplacesRecords() const { return DrawsChart() || options_.shows_fields; }
 
-  // The time of the next record, also of one that is not printed, for a chart: that of its stamp, or of the record
-  // before it.
+  // The time of the record in a chart: that of its stamp, or of the record before it. To be called for each record in
+  // turn, printed or not.
   [[nodiscard]] std::optional<std::int64_t> TimeOf(std::string_view record);
 
   // The record with this number in its output form; it is added to the chart.

@@ -21,7 +21,7 @@ constexpr bool EndsRecord(char byte) { return byte == '\n' || byte == '\xFF'; }
 // "a\r\nb\r\n" => "a\r\n"
 [[nodiscard]] std::string_view FirstRecord(std::string_view records);
 
-// Threads: those of the worker thread that it uses.
+// Threads: used by one thread, as `worker` is.
 class ReportReader {
  public:
   ReportReader(WorkerThread& worker, std::string report) : worker_(worker), report_(std::move(report)) {}
@@ -32,8 +32,9 @@ class ReportReader {
   // kChanged if a reply with records is not for `start_index`, or contradicts itself.
   Status Check(std::int32_t start_index, const ReportReply& reply) const;
 
-  // The records of a reply one by one. If one has no end, the second half is requested from the module, and so on, in
-  // the snapshot of the reply: no other request may come in between. kChanged if the replies differ.
+  // The records of a reply one by one. If a record has no end, the second half of the records is requested from the
+  // module once more, and so on by halves. These requests belong to the snapshot of the reply, so no other request may
+  // come in between. kChanged if the replies differ.
   Status Split(const ReportReply& reply, std::vector<std::string>& records);
 
   const std::string& Report() const { return report_; }

@@ -15,7 +15,7 @@ struct SourceCount {
   double module_seconds = 0;
 };
 
-// Threads: those of the worker thread that it uses.
+// Threads: used by one thread, as its worker is.
 class ReportSource : public report::RecordSource {
  public:
   // At most `chunk_records` for each call, if set.

@@ -29,10 +29,10 @@ struct TransferCount {
 //     that one is still there, so are all the others. Not noticed: a ring of equal records, where the new first record
 //     equals the old one.
 //
-// A record of 1 MiB or more does not fit into a chunk and ends a transfer as if the report ended there. A record after
-// it shows that; such a record at the very end is not noticed.
+// A record of 1 MiB or more does not fit into a chunk and ends a transfer as if the report ended there. It is noticed
+// if another record follows it, but not at the very end of a report.
 //
-// Threads: those of the worker thread that it uses.
+// Threads: used by one thread, as its worker is.
 class Transfer {
  public:
   using Sink = std::function<Status(const ReportReply& reply, const TransferCount& so_far)>;

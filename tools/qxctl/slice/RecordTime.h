@@ -20,14 +20,14 @@ struct TimeRules {
 
 [[nodiscard]] std::int64_t NowMs();
 
-// A number of milliseconds that counts as if the time were UTC, as a point in time.
+// The point in time of a civil time. A civil time is what a clock shows, in milliseconds as if the clock showed UTC.
 //   1769854830000 (2026-01-31 10:20:30), an hour east of Greenwich => 1769851230000
 [[nodiscard]] std::int64_t ToPoint(std::int64_t civil_ms, const TimeRules& rules);
 
-// The other way round: what a clock shows at a point in time, as milliseconds that count as if it were UTC.
+// The reverse: the civil time at a point in time.
 [[nodiscard]] std::int64_t ToCivil(std::int64_t point_ms, const TimeRules& rules);
 
-// The day of such milliseconds.
+// The day of a civil time.
 [[nodiscard]] std::chrono::year_month_day DayOfCivil(std::int64_t civil_ms);
 
 // A stamp at the beginning of a text.

@@ -1,4 +1,4 @@
-// A slice of records: those of a time, those that match a pattern, the last ones, in reverse order.
+// A slice of records: those of a span of time, those that match a pattern, the last ones; also in reverse order.
 //
 // Threads: one thread.
 #pragma once

@@ -49,7 +49,7 @@ inline constexpr Parameter kTraceFollowSliceParameters[] = {kSinceOption, kUntil
 inline constexpr Parameter kTraceSliceParameters[] = {kLastOption, kSinceOption,   kUntilOption,
                                                       kGrepOption, kReverseOption, kUtcOption};
 
-// What --utc and --time-format say, of a command that has both or none of them.
+// The values of --utc and --time-format, for a command that has both or neither.
 [[nodiscard]] TimeRules TimeRulesOf(const Values& values);
 
 // From a command that has some of these options. kUsage for an invalid time or pattern.

@@ -12,7 +12,7 @@ namespace qx::ctl {
 using TableRow = std::vector<std::string>;
 
 struct TableShape {
-  std::size_t left = 1;  // that many columns begin at the left, those after them end at the right
+  std::size_t left = 1;  // so many columns, the first ones, are aligned left; the others right
   // Paints a cell that has its width already; without it, cells stay as they are.
   std::function<std::string(std::size_t row, std::size_t column, const std::string& cell)> paint = {};
 };
