@@ -104,6 +104,7 @@ ServiceFlow SomeFlow() {
                       .started_ms = 1'800'000'000'000,
                       .is_connected = true,
                       .problem = "a \"problem\"\n",
+                      .findings = {"a limit was met"},
                       .counters = {{"records", 18'446'744'073'709'551'615U}, {"bytes", 2}, {"a", 1}},
                       .reports = {}};
   ReportFlow report;

@@ -138,6 +138,7 @@ class Service {
             .started_ms = started_ms_,
             .is_connected = receiver_.IsConnected(),
             .problem = receiver_.Problem(),
+            .findings = receiver_.Findings(),
             .counters = CountersOf(receiver_.Counters(), reports),
             .reports = flow_.Take(reports, SteadyMs(), WallMs())};
   }

@@ -139,6 +139,7 @@ class Service {
             .started_ms = started_ms_,
             .is_connected = sender_.IsConnected(),
             .problem = sender_.Problem(),
+            .findings = sender_.Findings(),
             .counters = CountersOf(context_.counters),
             .reports = flow_.Take(sent, SteadyMs(), WallMs())};
   }

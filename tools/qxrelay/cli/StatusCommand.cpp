@@ -116,7 +116,7 @@ void Select(const Values& values, Services& services) {
 }
 
 bool HasTrouble(const ServiceFlow& service) {
-  return !service.problem.empty() || !service.is_connected ||
+  return !service.problem.empty() || !service.is_connected || !service.findings.empty() ||
          std::any_of(service.reports.begin(), service.reports.end(),
                      [](const ReportFlow& flow) { return !flow.trouble.empty(); });
 }
@@ -157,6 +157,7 @@ std::string SummaryOf(const ServiceFlow& service) {
   }
   text += ", " + std::to_string(service.reports.size()) + (service.reports.size() == 1 ? " report\n" : " reports\n");
   if (!service.problem.empty()) text += ctl::Visible(service.problem) + "\n";
+  for (const std::string& finding : service.findings) text += ctl::Visible(finding) + "\n";
   return text;
 }
 

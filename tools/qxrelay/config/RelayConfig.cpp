@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::string_view kLabels = "labels";
 constexpr std::size_t kLabelBytesMax = 256;
+constexpr std::uint64_t kReportsMax = 1'000'000;
 
 // Sets a value of the settings. The result is what is wrong with the text, or an empty text.
 using SetValue = std::function<std::string(RelayConfig&, const std::string&)>;
@@ -180,6 +181,9 @@ std::vector<KeyRow> ServiceRows() {
       {"send", "rescan",
        Time<milliseconds>(
            [](RelayConfig & c) -> auto& { return c.send.rescan; }, milliseconds(10), seconds(3600))},
+      {"send", "reports_max",
+       Size<std::size_t>(
+           [](RelayConfig & c) -> auto& { return c.send.reports_max; }, 1, kReportsMax)},
       {"receive", "name",
        Text(
            [](RelayConfig & c) -> auto& { return c.receive.name; }, IsStreamName)},
@@ -187,6 +191,15 @@ std::vector<KeyRow> ServiceRows() {
       {"receive", "slots",
        Size<std::uint32_t>(
            [](RelayConfig & c) -> auto& { return c.receive.slots; }, 1, kSlotsMax)},
+      {"receive", "hosts_max",
+       Size<std::size_t>(
+           [](RelayConfig & c) -> auto& { return c.receive.hosts_max; }, 1, kReportsMax)},
+      {"receive", "reports_max",
+       Size<std::size_t>(
+           [](RelayConfig & c) -> auto& { return c.receive.reports_max; }, 1, kReportsMax)},
+      {"receive", "host_reports_max",
+       Size<std::size_t>(
+           [](RelayConfig & c) -> auto& { return c.receive.host_reports_max; }, 1, kReportsMax)},
       {"receive", "sync",
        Time<milliseconds>(
            [](RelayConfig & c) -> auto& { return c.receive.sync; }, milliseconds(10), seconds(60))},

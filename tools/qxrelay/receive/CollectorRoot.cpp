@@ -99,6 +99,10 @@ std::optional<std::string> CollectorRoot::Lock() {
   return std::nullopt;
 }
 
+std::string CollectorRoot::AboutPath() const {
+  return path_ + "/" + std::string(kReceiverDirectory) + "/" + std::string(kAboutDirectory);
+}
+
 std::string CollectorRoot::PathOf(const std::string& host, const std::string& report) const {
   return path_ + "/" + host + "/" + report;
 }
@@ -134,8 +138,7 @@ CollectorFault CollectorRoot::WriteNames(const std::string& host, const std::str
 }
 
 CollectorFault CollectorRoot::WriteAbout(const std::string& host, std::string_view text) const {
-  return WriteWhole(path_ + "/" + std::string(kReceiverDirectory) + "/" + std::string(kAboutDirectory) + "/" + host,
-                    text);
+  return WriteWhole(AboutPath() + "/" + host, text);
 }
 
 int CollectorRoot::Sync() const { return file::SyncFileSystem(directory_.Number()); }

@@ -46,6 +46,8 @@ class CollectorRoot {
   [[nodiscard]] std::optional<std::string> Open(const std::string& path);
 
   [[nodiscard]] const std::string& Path() const { return path_; }
+  // The directory of the hosts' labels. [owning thread]
+  [[nodiscard]] std::string AboutPath() const;
   // The path of a report without the endings of its files. Both names are valid. [owning thread]
   [[nodiscard]] std::string PathOf(const std::string& host, const std::string& report) const;
 

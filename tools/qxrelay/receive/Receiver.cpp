@@ -48,6 +48,11 @@ std::string LabelText(const std::vector<std::string_view>& labels) {
 
 }  // namespace
 
+Receiver::Receiver(ReceiveContext& context, std::string name)
+    : context_(context), name_(std::move(name)), limits_(context.settings, context.log) {
+  limits_.CountRoot(context.root);
+}
+
 TimeMs Receiver::Step(TimeMs now, TimeMs wait) {
   if (!is_connected_ && now >= connect_at_) Connect(now);
   if (!context_.system_fault.empty() && now >= continue_at_) Continue(now);
@@ -125,9 +130,16 @@ void Receiver::Sort(StreamMessage message) {
       (has_records && !std::all_of(decoded.texts.begin(), decoded.texts.end(), IsRecord))) {
     return Refuse(message, "a report cannot have such records");
   }
-  Entry& entry = EntryOf(subject->host, subject->report);
-  entry.collector.Add(std::move(message), std::move(decoded));
-  touched_.insert(&entry);
+  Entry* const entry = EntryOf(*subject, has_records ? decoded.head.count : 0);
+  if (entry == nullptr) return LeaveOut(message);
+  entry->collector.Add(std::move(message), std::move(decoded));
+  touched_.insert(entry);
+}
+
+// A message that stayed unacknowledged would stop all others sooner or later.
+void Receiver::LeaveOut(const StreamMessage& message) {
+  context_.counters.left_out = limits_.LeftOut();
+  context_.handled.push_back({.sequence = message.sequence, .receipt = message.receipt});
 }
 
 void Receiver::Refuse(const StreamMessage& message, const std::string& why) {
@@ -141,13 +153,15 @@ void Receiver::Refuse(const StreamMessage& message, const std::string& why) {
 void Receiver::TakeSide(const StreamMessage& message, const Subject& subject, const DecodedMessage& decoded) {
   CollectorFault fault;
   if (subject.branch == Branch::kAbout) {
+    if (limits_.Host(subject.host) == nullptr) return LeaveOut(message);
     fault = context_.root.WriteAbout(subject.host, LabelText(decoded.texts));
   } else {
-    Entry& entry = EntryOf(subject.host, subject.report);
-    const bool is_newer = message.sequence >= entry.names_sequence;
+    Entry* const entry = EntryOf(subject, 0);
+    if (entry == nullptr) return LeaveOut(message);
+    const bool is_newer = message.sequence >= entry->names_sequence;
     const auto bytes = decoded.head.count > 0 ? std::optional(decoded.texts[0]) : std::nullopt;
     if (is_newer) fault = context_.root.WriteNames(subject.host, subject.report, bytes);
-    if (is_newer && !fault.Failed()) entry.names_sequence = message.sequence;
+    if (is_newer && !fault.Failed()) entry->names_sequence = message.sequence;
   }
   if (fault.kind == CollectorFault::Kind::kSystem) {
     context_.system_fault = fault.text;
@@ -158,10 +172,14 @@ void Receiver::TakeSide(const StreamMessage& message, const Subject& subject, co
   context_.handled.push_back({.sequence = message.sequence, .receipt = message.receipt});
 }
 
-Receiver::Entry& Receiver::EntryOf(const std::string& host, const std::string& report) {
-  std::unique_ptr<Entry>& entry = entries_[{host, report}];
-  if (entry == nullptr) entry = std::make_unique<Entry>(context_, host, report);
-  return *entry;
+// Null if the report would be over the limits.
+Receiver::Entry* Receiver::EntryOf(const Subject& subject, std::uint64_t records) {
+  const auto found = entries_.find({subject.host, subject.report});
+  if (found != entries_.end()) return found->second.get();
+  HostLoad* const load = limits_.Report(subject.host, subject.report, records);
+  if (load == nullptr) return nullptr;
+  auto made = std::make_unique<Entry>(context_, *load, subject.host, subject.report);
+  return entries_.emplace(std::pair(subject.host, subject.report), std::move(made)).first->second.get();
 }
 
 // Works on one report, and closes another one if too many are open.

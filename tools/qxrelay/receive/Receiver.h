@@ -17,6 +17,7 @@
 #include "tools/qxrelay/message/Subject.h"
 #include "tools/qxrelay/receive/ReceiveContext.h"
 #include "tools/qxrelay/receive/ReportCollector.h"
+#include "tools/qxrelay/receive/ReportLimits.h"
 
 namespace qx::relay {
 
@@ -25,7 +26,7 @@ namespace qx::relay {
 // Failure: the log; it continues whatever fails. Throws std::bad_alloc.
 class Receiver {
  public:
-  Receiver(ReceiveContext& context, std::string name) : context_(context), name_(std::move(name)) {}
+  Receiver(ReceiveContext& context, std::string name);
 
   // Waits for messages, at most `wait` milliseconds, and does what is due. Returns when it is to be called again: now,
   // or later after a failure. [owning thread]
@@ -36,6 +37,8 @@ class Receiver {
 
   [[nodiscard]] bool IsConnected() const { return is_connected_; }
   [[nodiscard]] const ReceiverCounters& Counters() const { return context_.counters; }
+  // What the limits have left out, for the operator. [owning thread]
+  [[nodiscard]] std::vector<std::string> Findings() const { return limits_.Findings(); }
   // In the order of hosts and reports. [owning thread]
   [[nodiscard]] std::vector<CollectedReport> Reports() const;
   // What keeps all reports from continuing: no connection, or a disk that is full. Empty: nothing. [owning thread]
@@ -48,8 +51,8 @@ class Receiver {
     bool is_opened = false;
     std::uint64_t names_sequence = 0;  // of the names that were written last
 
-    Entry(ReceiveContext& context, const std::string& host, const std::string& report)
-        : collector(context, host, report) {}
+    Entry(ReceiveContext& context, HostLoad& load, const std::string& host, const std::string& report)
+        : collector(context, load, host, report) {}
   };
 
   void Connect(TimeMs now);
@@ -58,7 +61,8 @@ class Receiver {
   void Sort(StreamMessage message);
   void Refuse(const StreamMessage& message, const std::string& why);
   void TakeSide(const StreamMessage& message, const Subject& subject, const DecodedMessage& decoded);
-  [[nodiscard]] Entry& EntryOf(const std::string& host, const std::string& report);
+  void LeaveOut(const StreamMessage& message);
+  [[nodiscard]] Entry* EntryOf(const Subject& subject, std::uint64_t records);
   void WorkOn(TimeMs now, Entry& entry);
   void WorkOnTouched(TimeMs now);
   void Pause(TimeMs now);
@@ -73,6 +77,7 @@ class Receiver {
 
   ReceiveContext& context_;
   std::string name_;
+  ReportLimits limits_;
   std::map<std::pair<std::string, std::string>, std::unique_ptr<Entry>> entries_;
   std::list<Entry*> opened_;  // reports with open files, the last used one first
   std::set<Entry*> touched_;  // reports with something to do

@@ -60,6 +60,7 @@ struct ReceiverCounters {
   std::uint64_t messages = 0;      // fetched
   std::uint64_t acknowledged = 0;  // messages
   std::uint64_t refused = 0;       // messages that are no messages of a sender, and will not come again
+  std::uint64_t left_out = 0;      // records whose report would be over a limit: acknowledged and not written
   std::uint64_t redelivered = 0;   // messages that came for the second time or more
   std::uint64_t syncs = 0;         // of the file system
   std::uint64_t failed_syncs = 0;

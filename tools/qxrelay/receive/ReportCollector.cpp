@@ -17,8 +17,9 @@ std::string CountText(std::uint64_t count) { return std::to_string(count) + (cou
 
 }  // namespace
 
-ReportCollector::ReportCollector(ReceiveContext& context, std::string host, std::string report)
+ReportCollector::ReportCollector(ReceiveContext& context, HostLoad& load, std::string host, std::string report)
     : context_(context),
+      load_(load),
       host_(std::move(host)),
       report_(std::move(report)),
       files_(context.root.PathOf(host_, report_)) {
@@ -39,7 +40,8 @@ void ReportCollector::Add(StreamMessage message, DecodedMessage decoded) {
   queued.before = message.before;
   queued.head = std::move(decoded.head);
   queued.texts = std::move(decoded.texts);
-  context_.queued_bytes += queued.payload.size();
+  context_.queued_bytes += queued.Bytes();
+  load_.queued_bytes += queued.Bytes();
   seen_.store_next =
       std::max(queued.head.store_next, queued.head.incarnation == seen_.incarnation ? seen_.store_next : 0);
   seen_.ring_slots = queued.head.ring_slots;
@@ -75,10 +77,18 @@ void ReportCollector::WorkOnQueue(TimeMs now) {
 
 // What cannot be written now comes again if there is no space for it here.
 void ReportCollector::TrimQueue() {
-  while (!queue_.empty() && context_.queued_bytes > context_.queue_bytes_max) {
-    context_.queued_bytes -= queue_.rbegin()->second.payload.size();
+  const auto is_over = [&] {
+    return context_.queued_bytes > context_.queue_bytes_max || load_.queued_bytes > context_.host_queue_bytes_max;
+  };
+  while (!queue_.empty() && is_over()) {
+    Forget(queue_.rbegin()->second);
     queue_.erase(std::prev(queue_.end()));
   }
+}
+
+void ReportCollector::Forget(const Queued& message) {
+  context_.queued_bytes -= message.Bytes();
+  load_.queued_bytes -= message.Bytes();
 }
 
 ReportCollector::Outcome ReportCollector::Handle(TimeMs now, std::uint64_t sequence, Queued& message) {
@@ -254,13 +264,13 @@ bool ReportCollector::IsNext(std::uint64_t sequence, const Queued& message) cons
 
 void ReportCollector::Done(std::uint64_t sequence, Queued& message) {
   last_sequence_ = std::max(last_sequence_, sequence);
-  context_.queued_bytes -= message.payload.size();
+  Forget(message);
   context_.handled.push_back({.sequence = sequence, .receipt = std::move(message.receipt)});
   ++seen_.counters.messages;
 }
 
 void ReportCollector::StreamReplaced() {
-  for (const auto& [sequence, message] : queue_) context_.queued_bytes -= message.payload.size();
+  for (const auto& [sequence, message] : queue_) Forget(message);
   queue_.clear();
   last_sequence_ = 0;
   if (state_ == CollectedState::kWaits) state_ = CollectedState::kFollows;

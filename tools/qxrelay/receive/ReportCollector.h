@@ -17,6 +17,7 @@
 #include "tools/qxrelay/receive/CollectedFiles.h"
 #include "tools/qxrelay/receive/Decision.h"
 #include "tools/qxrelay/receive/ReceiveContext.h"
+#include "tools/qxrelay/receive/ReportLimits.h"
 
 namespace qx::relay {
 
@@ -24,7 +25,8 @@ namespace qx::relay {
 // Failure: the log, and State. Throws std::bad_alloc.
 class ReportCollector {
  public:
-  ReportCollector(ReceiveContext& context, std::string host, std::string report);
+  // `load` is that of the host, and lives as long as the collector.
+  ReportCollector(ReceiveContext& context, HostLoad& load, std::string host, std::string report);
 
   // A message of this report, as it was decoded. One that is in the queue already gets the new receipt. [owning thread]
   void Add(StreamMessage message, DecodedMessage decoded);
@@ -50,12 +52,15 @@ class ReportCollector {
     std::vector<std::string_view> texts;  // parts of the payload
     std::optional<std::uint64_t> before;
     std::uint64_t written = 0;  // records of it that were written before the system refused
+
+    [[nodiscard]] std::size_t Bytes() const { return payload.size() + texts.capacity() * sizeof(std::string_view); }
   };
 
   enum class Outcome : std::uint8_t { kDone, kWait, kStop };
 
   void WorkOnQueue(TimeMs now);
   void TrimQueue();
+  void Forget(const Queued& message);
   [[nodiscard]] Outcome Handle(TimeMs now, std::uint64_t sequence, Queued& message);
   [[nodiscard]] Outcome Skip(const Queued& message);
   [[nodiscard]] CollectorFault OpenFiles();
@@ -70,6 +75,7 @@ class ReportCollector {
   void Trouble(const std::string& text);
 
   ReceiveContext& context_;
+  HostLoad& load_;
   std::string host_;
   std::string report_;
   CollectedFiles files_;

@@ -18,6 +18,7 @@ namespace {
 
 constexpr int kActionsMax = 8;  // in one step, so that every report has its turn
 constexpr TimeMs kLookUpWaitMs = 5;
+constexpr TimeMs kMemoryWaitMs = 50;
 constexpr TimeMs kSaveMs = 10'000;
 constexpr TimeMs kNever = std::numeric_limits<TimeMs>::max();
 constexpr std::size_t kLengthBytesMax = 5;
@@ -174,9 +175,13 @@ void ReportWork::FindItsPlace(TimeMs now) {
 }
 
 void ReportWork::Examine(TimeMs now) {
-  if (held_.has_value() && held_->first == sender_.Position().next) {
-    RecordRun run = *std::exchange(held_, std::nullopt);
-    return SendRun(now, std::move(run));
+  if (held_.has_value() && held_->run.first == sender_.Position().next) {
+    HeldRun held = *std::exchange(held_, std::nullopt);
+    return SendRun(now, std::move(held.run));
+  }
+  if (context_.kept_bytes >= SendContext::kKeptBytesMax) {
+    wake_ = now + kMemoryWaitMs;
+    return;
   }
   const bool is_as_seen = IsAsLastSeen(now);
   const Examination found = is_as_seen ? seen_->found : Look();
@@ -243,7 +248,7 @@ void ReportWork::SendGap(TimeMs now, std::uint64_t oldest) {
   run.first = oldest;
   if (oldest < range_.end) run = reader_.Read(range_, oldest, BatchBytes());
   const std::uint64_t count = run.first - sender_.Position().next;
-  if (!run.lengths.empty() && run.error == 0) held_ = std::move(run);
+  if (!run.lengths.empty() && run.error == 0) Hold(std::move(run));
   PublishGap(now, count, GapReason::kOverwritten);
 }
 
@@ -255,7 +260,7 @@ void ReportWork::SendRun(TimeMs now, RecordRun run) {
   }
   if (run.first > next) {
     const std::uint64_t count = run.first - next;
-    if (!run.lengths.empty()) held_ = std::move(run);
+    if (!run.lengths.empty()) Hold(std::move(run));
     return PublishGap(now, count, GapReason::kOverwritten);
   }
   if (run.unreadable > 0) return PublishGap(now, run.unreadable, GapReason::kUnreadable);
@@ -271,6 +276,11 @@ void ReportWork::SendRun(TimeMs now, RecordRun run) {
   PublishRun(now, run);
 }
 
+void ReportWork::Hold(RecordRun run) {
+  const std::size_t bytes = run.texts.size() + run.lengths.size() * sizeof(std::uint32_t);
+  held_ = {.run = std::move(run), .kept = CountedBytes(context_.kept_bytes, bytes)};
+}
+
 void ReportWork::PublishGap(TimeMs now, std::uint64_t count, GapReason reason) {
   MessageHead head = HeadOf(MessageKind::kGap, count);
   head.reason = reason;
@@ -284,7 +294,11 @@ void ReportWork::PublishRun(TimeMs now, const RecordRun& run) {
 void ReportWork::Publish(TimeMs now, const MessageHead& head, const RecordRun& run, std::uint64_t hash_after) {
   const std::string bytes = EncodeMessage(head, run.lengths, run.texts);
   const std::uint64_t token = context_.NewToken(owner_);
-  in_flight_ = {.token = token, .head = head, .bytes = bytes.size(), .hashes = LastHashes(run)};
+  in_flight_ = {.token = token,
+                .head = head,
+                .bytes = bytes.size(),
+                .hashes = LastHashes(run),
+                .kept = CountedBytes(context_.kept_bytes, bytes.size())};
   sender_.Sent(now, token, head.Next(), hash_after);
   if (context_.stream.Publish(token, subject_, bytes, sender_.LastSequence())) return;
   in_flight_.reset();

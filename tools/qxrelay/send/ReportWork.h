@@ -52,6 +52,12 @@ class ReportWork {
     MessageHead head;
     std::size_t bytes = 0;
     std::vector<std::uint64_t> hashes;  // of its last records
+    CountedBytes kept;
+  };
+
+  struct HeldRun {
+    RecordRun run;
+    CountedBytes kept;
   };
 
   // The index file as it was when the store had nothing to send.
@@ -72,6 +78,7 @@ class ReportWork {
   void SendRecords(TimeMs now);
   void SendGap(TimeMs now, std::uint64_t oldest);
   void SendRun(TimeMs now, RecordRun run);
+  void Hold(RecordRun run);
   void PublishGap(TimeMs now, std::uint64_t count, GapReason reason);
   void PublishRun(TimeMs now, const RecordRun& run);
   void Publish(TimeMs now, const MessageHead& head, const RecordRun& run, std::uint64_t hash_after);
@@ -94,8 +101,8 @@ class ReportWork {
   RunReader reader_;
   RecordRange range_;  // of the last look
   std::optional<Seen> seen_;
-  std::optional<Mark> newest_;     // of the newest message
-  std::optional<RecordRun> held_;  // records after the gap that is in flight
+  std::optional<Mark> newest_;   // of the newest message
+  std::optional<HeldRun> held_;  // records after the gap that is in flight
   std::optional<InFlight> in_flight_;
   ReportState known_;  // the position, and the last sent records
   ReportState saved_;  // what the state directory has of it

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "tools/qxrelay/config/RelayConfig.h"
 #include "tools/qxrelay/send/Place.h"
@@ -27,9 +28,33 @@ struct SenderCounters : SentCounters {
   std::uint64_t opens = 0;  // of stores, to look for records
 };
 
+// Counts bytes that are in memory in a sum, from Count to the end of the object. The sum lives longer.
+//
+// Threads: one thread.
+class CountedBytes {
+ public:
+  CountedBytes() = default;
+  CountedBytes(std::size_t& sum, std::size_t bytes) : sum_(&sum), bytes_(bytes) { *sum_ += bytes_; }
+  CountedBytes(CountedBytes&& other) noexcept : sum_(std::exchange(other.sum_, nullptr)), bytes_(other.bytes_) {}
+  CountedBytes& operator=(CountedBytes&& other) noexcept {
+    std::swap(sum_, other.sum_);
+    std::swap(bytes_, other.bytes_);
+    return *this;
+  }
+  ~CountedBytes() {
+    if (sum_ != nullptr) *sum_ -= bytes_;
+  }
+
+ private:
+  std::size_t* sum_ = nullptr;
+  std::size_t bytes_ = 0;
+};
+
 // Threads: one thread. Owns: nothing; everything outlives the sender.
 struct SendContext {
   static constexpr unsigned kOwnerBits = 20;  // at most a million reports
+  // After a time without servers all reports have something to send. Their records wait in the rings, not in memory.
+  static constexpr std::size_t kKeptBytesMax = std::size_t{8} * 1024 * 1024;
 
   PublishStream& stream;
   SenderState& state;
@@ -49,6 +74,7 @@ struct SendContext {
   std::uint64_t last_token = 0;
   std::size_t payload_max = 0;  // of the connection
   int look_ups_free = 4;        // at once
+  std::size_t kept_bytes = 0;   // of messages in flight, and of records that are kept for the next message
 
   // A token that leads back to who used it.
   [[nodiscard]] std::uint64_t NewToken(std::size_t owner) { return ++last_token << kOwnerBits | owner; }

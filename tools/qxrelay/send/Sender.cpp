@@ -20,6 +20,7 @@ namespace {
 constexpr std::string_view kNamesEnding = ".names";
 constexpr std::size_t kAboutOwner = 0;
 constexpr std::size_t kLoggedMax = 32;
+constexpr std::size_t kNamesBytesMax = std::size_t{16} * 1024 * 1024;  // of all names files together
 
 std::string SubjectText(const SendContext& context, Branch branch, const std::string& report) {
   const Subject subject = {.branch = branch, .host = context.host, .report = report};
@@ -197,9 +198,17 @@ void Sender::Rescan(TimeMs now) {
   if (found.error != 0) {
     LogOnce("cannot list " + context_.directory + ": " + std::strerror(found.error));
   }
+  left_out_ = 0;
   for (const std::string& report : found.names) {
-    if (IsSelected(context_.settings, report) && known_.insert(report).second) Add(now, report);
+    if (!IsSelected(context_.settings, report) || known_.contains(report)) continue;
+    if (known_.size() >= context_.settings.reports_max) {
+      ++left_out_;
+      continue;
+    }
+    known_.insert(report);
+    Add(now, report);
   }
+  for (const std::string& finding : Findings()) LogOnce(finding);
   for (std::size_t index = 0; index < works_.size(); ++index) ReadNames(now, index);
 }
 
@@ -232,10 +241,24 @@ void Sender::ReadNames(TimeMs now, std::size_t index) {
     if (!file.IsOpen() || bytes_max == 0 || file::ReadWhole(file.Number(), text, bytes_max) != 0) return;
   }
   entry.names_seen = seen;
+  if (!TakeNamesBytes(entry, text.size())) return;
   const auto size = static_cast<std::uint32_t>(text.size());
   const MessageHead head = SideHead(context_, MessageKind::kNames, is_there ? 1 : 0, entry.work.Name());
   entry.names.Set(now, is_there ? EncodeMessage(head, {&size, 1}, text) : EncodeMessage(head));
   Queue(index);
+}
+
+// A names file is kept, so that it can be sent again. False if all of them together would be too large.
+bool Sender::TakeNamesBytes(Entry& entry, std::size_t bytes) {
+  names_bytes_ -= entry.names_bytes;
+  entry.names_bytes = 0;
+  if (names_bytes_ + bytes > kNamesBytesMax) {
+    ++names_left_out_;
+    return false;
+  }
+  entry.names_bytes = bytes;
+  names_bytes_ += bytes;
+  return true;
 }
 
 bool Sender::IsBusy() const {
@@ -264,6 +287,20 @@ std::string Sender::Problem() const {
 std::string Sender::SilenceText() const {
   return "the servers do not answer: is there a stream " + context_.stream_settings.name +
          " (\"qxrelay stream create\"), does it have a leader, and may this host ask for its own newest messages?";
+}
+
+std::vector<std::string> Sender::Findings() const {
+  std::vector<std::string> findings;
+  if (left_out_ > 0) {
+    findings.push_back(std::to_string(left_out_) + " reports are not sent: reports_max is " +
+                       std::to_string(context_.settings.reports_max));
+  }
+  if (names_left_out_ > 0) {
+    findings.push_back("changes of " + std::to_string(names_left_out_) +
+                       " names files are not sent: all of them together may have " + std::to_string(kNamesBytesMax) +
+                       " bytes");
+  }
+  return findings;
 }
 
 std::vector<SentReport> Sender::Sent() const {

@@ -46,6 +46,8 @@ class Sender {
   [[nodiscard]] bool IsConnected() const { return is_connected_; }
   // What keeps all reports from continuing, and what to do; empty: nothing. [owning thread]
   [[nodiscard]] std::string Problem() const;
+  // What the limits leave out, for the operator. [owning thread]
+  [[nodiscard]] std::vector<std::string> Findings() const;
   // What was done for each report. [owning thread]
   [[nodiscard]] std::vector<SentReport> Sent() const;
 
@@ -54,7 +56,8 @@ class Sender {
   struct Entry {
     ReportWork work;
     SideMessage names;
-    std::string names_seen;     // size, times and file of the names file
+    std::string names_seen;  // size, times and file of the names file
+    std::size_t names_bytes = 0;
     std::optional<TimeMs> due;  // when it waits for its next step: its place in the queue
 
     Entry(SendContext& context, const std::string& report, const std::string& names_subject, std::size_t owner)
@@ -74,6 +77,7 @@ class Sender {
   void Rescan(TimeMs now);
   void Add(TimeMs now, const std::string& report);
   void ReadNames(TimeMs now, std::size_t index);
+  [[nodiscard]] bool TakeNamesBytes(Entry& entry, std::size_t bytes);
   [[nodiscard]] std::string AboutMessage() const;
   [[nodiscard]] std::string SilenceText() const;
   void LogOnce(const std::string& text);
@@ -85,7 +89,10 @@ class Sender {
   std::set<std::pair<TimeMs, std::size_t>> queue_;
   std::vector<std::size_t> due_now_;
   std::set<std::string> known_;  // the names of reports, also of those that cannot be relayed
-  SideMessage about_;            // set once no other sender was found
+  std::size_t left_out_ = 0;     // reports over the limit, in the last scan
+  std::size_t names_bytes_ = 0;  // of all names files that are in memory
+  std::size_t names_left_out_ = 0;
+  SideMessage about_;  // set once no other sender was found
   HostWatch watch_;
   std::vector<StreamReply> replies_;
   TimeMs connect_at_;

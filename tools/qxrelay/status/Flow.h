@@ -47,7 +47,8 @@ struct ServiceFlow {
   std::int64_t time_ms = 0;     // when this was true, in milliseconds since 1970
   std::int64_t started_ms = 0;  // when the service was started; 0: it is not running
   bool is_connected = false;
-  std::string problem;  // what keeps all reports from continuing; empty: nothing
+  std::string problem;                // what keeps all reports from continuing; empty: nothing
+  std::vector<std::string> findings;  // what does not continue although reports do: limits that were met
   std::vector<std::pair<std::string, std::uint64_t>> counters;  // of the service as a whole, by their names
   std::vector<ReportFlow> reports;                              // in the order of hosts and reports
 

@@ -91,6 +91,8 @@ ServiceFlow ServiceOf(const Library& object) {
   flow.started_ms = NumberOf<std::int64_t>(object, "startedMs").value_or(0);
   flow.is_connected = object.at("isConnected").get<bool>();
   flow.problem = TextOf(object, "problem");
+  const Library findings = object.value("findings", Library::array());  // earlier versions have none
+  for (const Library& finding : findings) flow.findings.push_back(finding.get<std::string>());
   for (const auto& [name, value] : object.at("counters").items()) {
     flow.counters.emplace_back(name, value.get<std::uint64_t>());
   }
@@ -108,6 +110,8 @@ Json DocumentOf(const ServiceFlow& flow) {
   object["startedMs"] = flow.started_ms != 0 ? Json(flow.started_ms) : Json();
   object["isConnected"] = flow.is_connected;
   ctl::SetText(object, "problem", flow.problem);
+  object["findings"] = Json::Array();
+  for (const std::string& finding : flow.findings) object["findings"].Append(ctl::Visible(finding));
   Json counters;
   for (const auto& [name, value] : flow.counters) counters[name] = value;
   object["counters"] = counters;

@@ -77,6 +77,7 @@ constexpr std::pair<std::string_view, std::string_view> kCounterHelp[] = {
     {"repeats", "Records that came again and were dropped"},
     {"skipped", "Records that were not written because their report is left alone"},
     {"acknowledged", "Messages that were acknowledged"},
+    {"leftOut", "Records that were not written because their report would be over a limit"},
     {"redelivered", "Messages that came again"},
     {"syncs", "Syncs of the file system"},
     {"failedSyncs", "Syncs of the file system that failed"},
@@ -138,6 +139,8 @@ void AddService(const ServiceFlow& flow, const MetricsRules& rules, MetricsText&
   text.Sample({}, flow.is_connected ? 1U : 0U);
   text.Family("qxrelay_in_trouble", MetricKind::kGauge, "1 if nothing continues");
   text.Sample({}, flow.problem.empty() ? 0U : 1U);
+  text.Family("qxrelay_findings", MetricKind::kGauge, "Limits that were met, so that something is left out");
+  text.Sample({}, flow.findings.size());
   text.Family("qxrelay_start_time_seconds", MetricKind::kGauge, "When the service was started, since 1970");
   text.Sample({}, static_cast<double>(flow.started_ms) / kMsInSecond);
   text.Family("qxrelay_state_time_seconds", MetricKind::kGauge, "When these numbers were true, since 1970");

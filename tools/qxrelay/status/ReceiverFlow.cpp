@@ -57,6 +57,7 @@ std::vector<std::pair<std::string, std::uint64_t>> CountersOf(const ReceiverCoun
           {"skipped", sum.skipped},
           {"acknowledged", counters.acknowledged},
           {"refused", counters.refused},
+          {"leftOut", counters.left_out},
           {"redelivered", counters.redelivered},
           {"syncs", counters.syncs},
           {"failedSyncs", counters.failed_syncs},
