@@ -35,7 +35,7 @@ TEST(RelayReportLimits, AHostCannotCreateMoreReportsThanItMay) {
   EXPECT_THAT(collector.receiver->Findings(), ElementsAre(finding + "; 3 records of them skipped"));
 
   collector.Restart();
-  for (FakeSender* const sender : {&first, &second, &third}) sender->Records(2);
+  for (FakeSender* const sender : {&third, &first, &second}) sender->Records(2);
   collector.Run();
   EXPECT_EQ(collector.Records("a"), first.sent) << "reports that exist continue";
   EXPECT_EQ(collector.Records("b/c"), second.sent);
@@ -91,10 +91,10 @@ TEST(RelayReportLimits, NamesAndLabelsCountAsTheirReportsAndHosts) {
   for (const bool is_restarted : {false, true}) {
     SCOPED_TRACE(is_restarted);
     if (is_restarted) collector.Restart();
-    names("a");
-    names("b");
-    labels("h");
-    labels("g");
+    names(is_restarted ? "b" : "a");
+    names(is_restarted ? "a" : "b");
+    labels(is_restarted ? "g" : "h");
+    labels(is_restarted ? "h" : "g");
     collector.Run();
     EXPECT_TRUE(Exists(collector.PathOf("a.names")));
     EXPECT_FALSE(Exists(collector.PathOf("b.names")));

@@ -31,8 +31,8 @@ struct ReceiveContext {
   std::function<double()> random;               // from 0 up to 1
   StreamSettings stream_settings;
   ReceiveSettings settings;
-  std::size_t open_max = 300;                                       // reports with open files
-  std::size_t queue_bytes_max = std::size_t{64} * 1024 * 1024;      // of messages after a hole, of all hosts
+  std::size_t open_max = 300;                                        // reports with open files
+  std::size_t queue_bytes_max = std::size_t{64} * 1024 * 1024;       // of messages after a hole, of all hosts
   std::size_t host_queue_bytes_max = std::size_t{32} * 1024 * 1024;  // of one host
 
   ReceiverCounters counters = {};
