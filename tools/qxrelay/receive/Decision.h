@@ -58,7 +58,7 @@ struct Decision {
   std::uint64_t repeats = 0;  // records that the report has already
   std::size_t skip = 0;       // how many texts are not written, from the first one on
 
-  // Whether the position is another one than the records in the file show, before the first record is written.
+  // Whether the next record has another number than the files and their base show: then a new base is written first.
   [[nodiscard]] bool NeedsBase() const { return begins || missing > 0 || gap > 0; }
 
   friend bool operator==(const Decision&, const Decision&) = default;

@@ -52,7 +52,7 @@ using BaseLines = std::array<std::optional<ReportBase>, 2>;
 enum class BaseFit : std::uint8_t {
   kNone,          // there is no base: nothing is known of the records in the files
   kFits,          // `base` is in force, `next` follows from it
-  kShrunk,        // the files have fewer records than any base says; `base` says what was in front of them
+  kShrunk,        // the files have counted fewer records than any base says; `base` and `next` are the newest base
   kContradicted,  // the files are as they were when they contradicted a message
 };
 

@@ -125,8 +125,7 @@ RunReader::Piece RunReader::PieceFrom(const RecordRange& range, std::uint64_t fi
   return piece;
 }
 
-// Where the record ends that has `offset`, and whose successor has this age: where that one begins, or where its round
-// ended.
+// The end of the record at `offset`: where the next record, which has this age, begins, or where the round ended.
 std::int64_t RunReader::EndAfter(std::uint64_t age, std::uint32_t offset) {
   const IndexHeader& header = view_.header;
   if (age >= header.highestIndex) return header.writePosition != 0 ? header.writePosition : header.fileEnd;
