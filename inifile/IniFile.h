@@ -86,7 +86,7 @@ class CIniFile {
   bool GetSections(std::vector<std::string>& names);
   bool GetEnums(std::vector<std::string>& names, const char* section);
 
-  // As WritePrivateProfileString on the object's file. [owning thread]
+  // Like WritePrivateProfileString on the object's file. [owning thread]
   [[nodiscard]] bool SetString(const char* section, const char* key, const char* value);
   [[nodiscard]] bool SetNumber(const char* section, const char* key, unsigned number);
   [[nodiscard]] bool SetNumber(const char* section, const char* key, int number);

@@ -91,7 +91,7 @@ class Salvager {
     uncounted_ = FindUncountedPart(header_, slot_at, end_of, is_marker_at);
   }
 
-  // Of a whole line to which a slot leads.
+  // The end of the line at `begin`, if a slot leads to it and it is whole.
   std::optional<std::int64_t> EndOfLine(std::int64_t begin) const {
     const auto held = std::lower_bound(lines_.begin(), lines_.end(), begin,
                                        [](const SlotLine& line, std::int64_t at) { return line.line.begin < at; });

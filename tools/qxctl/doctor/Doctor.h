@@ -21,7 +21,7 @@ struct DoctorFinding {
   std::string command;    // what an operator can paste to see more or to repair it; empty if all is well
 };
 
-// By the code of a finding. [any thread]
+// The severity of a finding, from its code. [any thread]
 [[nodiscard]] Severity SeverityOf(std::string_view code);
 // "module", "registry", "reports", "traces", "limits"
 [[nodiscard]] const char* SectionOf(std::string_view code);

@@ -56,7 +56,7 @@ struct CollectedReport {
   CollectedCounters counters;
 };
 
-// Of the receiver as a whole.
+// The counters of the receiver as a whole.
 struct ReceiverCounters {
   std::uint64_t messages = 0;      // fetched
   std::uint64_t acknowledged = 0;  // messages

@@ -61,7 +61,7 @@ class RecordHashes {
   RecordHashes(const RecordHashes&) = delete;
   RecordHashes& operator=(const RecordHashes&) = delete;
 
-  // Of `count` records from this age on (0: the oldest in the ring). Fewer if they cannot be read.
+  // The hashes of `count` records from this age on (0: the oldest in the ring). Fewer if they cannot be read.
   [[nodiscard]] virtual std::vector<std::uint64_t> Hashes(std::uint64_t age, std::uint64_t count) = 0;
 };
 
