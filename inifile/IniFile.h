@@ -76,9 +76,9 @@ class CIniFile {
   // thread]
   const char* GetString(const char* section, const char* key, const char* def);
 
-  // The first of the section's keys (null: of the file's section names), GetNextEnum the following ones, "" at the end
-  // and from then on. A list of more than 64,509 characters counts as empty. The names belong to the object and live
-  // until the next GetEnum, GetEnums, GetSections or CopySection. [owning thread]
+  // Returns the first key of the section; with a null `section`, the first section name. GetNextEnum returns the
+  // following ones, and "" at the end and from then on. A list of more than 64,509 characters counts as empty. The
+  // names belong to the object and live until the next GetEnum, GetEnums, GetSections or CopySection. [owning thread]
   const char* GetEnum(const char* section);
   const char* GetNextEnum();
 

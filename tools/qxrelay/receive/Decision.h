@@ -8,10 +8,8 @@
 //                             other                                            => wait
 //   next is before first      nothing of the report is before it               => take: what is between is lost
 //                             other                                            => wait: an earlier message is missing
-//   next is first or later    its records before `next` are those of the file  => take: without its records before
-//   `next`
-//                             they are others                                  => another program has changed the
-//                             report
+//   next is first or later    its records before `next` are those of the file  => take: only its records from `next` on
+//                             they are others                                  => another program changed the report
 //
 // "Nothing of the report is before it" means that no message of the report before this one will come, for the first
 // time or again. Only that proves that records are lost, because after a restart messages come in another order.

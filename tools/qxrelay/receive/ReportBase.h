@@ -6,8 +6,8 @@
 // in a crash, files and base together show a position that was true at some time, and everything after it comes again.
 //
 // A base file is next to the files of its report and has two lines of kBaseLineBytes. A new base takes the place of the
-// older line: the other one stays whole. If power was lost before the records ahead of the newest base were on the
-// disk, the older line still says what the files have.
+// older line: the other one stays whole. After a loss of power, the files may lack the records before the newest base;
+// the older line then says what the files have.
 //
 //   qxrelay-base 1 GENERATION INCARNATION COUNT NEXT SEQUENCE STREAM LOST CHECK
 //

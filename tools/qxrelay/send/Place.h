@@ -14,7 +14,7 @@
 //   incarnation, not proven                          what it had, and receivers drop what they have
 //   none, or contradicted and    gone                after the state: what is between was overwritten, a gap
 //   of another incarnation
-//   gone                         none, or gone       after the message, likewise
+//   gone                         none, or gone       after the message: what is between was overwritten, a gap
 //   anything else                anything else       in a new incarnation: after the last 32 sent records if the ring
 //                                                    has them, otherwise with the oldest record that can be sent
 //
