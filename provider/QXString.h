@@ -12,7 +12,8 @@
 #include <utility>
 
 // A `String` that can be set to, or extended by, formatted text.
-// Threads: as for the string type.
+//
+// Threads: those of the string it is.
 // Failure: text that cannot be formatted (a field over 2 GiB, a wide character without an encoding) counts as empty;
 // so does a null format. An allocation that fails throws what the string throws, with the target unchanged.
 template <class String = std::string, class Char = char>

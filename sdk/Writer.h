@@ -1,7 +1,8 @@
 // Appends records to a report, and refuses what would lose or spoil records.
 //
-// A Writer is a layer above CReportFileBase (reportfile/ReportFileBase.h), which refuses nothing. It adds one writer at
-// a time, records that can be read back, many records at once, and errors with a reason. The files are the same.
+// CReportFileBase (reportfile/ReportFileBase.h) is the class below it, which refuses nothing. A Writer adds one
+// writer at a time, records that can be read back, many records at once, and errors with a reason. The files are the
+// same.
 #pragma once
 
 #if __cplusplus < 202002L

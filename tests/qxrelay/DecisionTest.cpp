@@ -185,10 +185,11 @@ TEST(RelayDecision, Table) {
   }
 }
 
-// The newest record that both have decides: another program has written to the report.
+// Each record that both have is compared: another program has written to the report, or the disk has lost a sector.
 TEST(RelayDecision, AReportWithAnotherRecordContradictsTheMessage) {
   const auto strange = [](std::uint64_t number) { return HashOfNumber(number) + 1; };
   const auto only_at_nine = [](std::uint64_t number) { return number == 9 ? HashOfNumber(9) + 1 : 0; };
+  const auto only_at_eight = [](std::uint64_t number) { return HashOfNumber(number) + (number == 8 ? 1 : 0); };
   const auto unknown = [](std::uint64_t) { return std::uint64_t{0}; };
   const std::string records[] = {DecisionRecord(8), DecisionRecord(9), DecisionRecord(10)};
   const std::vector<std::string_view> texts(std::begin(records), std::end(records));
@@ -201,6 +202,7 @@ TEST(RelayDecision, AReportWithAnotherRecordContradictsTheMessage) {
   const IncomingMessage message = {.head = head, .texts = texts, .sequence = 60, .is_next = true};
   EXPECT_EQ(Decide(At(10), message, strange).verdict, Verdict::kContradicted);
   EXPECT_EQ(Decide(At(10), message, only_at_nine).verdict, Verdict::kContradicted);
+  EXPECT_EQ(Decide(At(10), message, only_at_eight).verdict, Verdict::kContradicted);
   EXPECT_EQ(Decide(At(10), message, unknown).verdict, Verdict::kTake);
   EXPECT_EQ(Decide(At(8), message, strange).verdict, Verdict::kContradicted);
   EXPECT_EQ(Decide(At(20), message, strange).verdict, Verdict::kContradicted) << "a repeat";

@@ -31,7 +31,7 @@ struct RecordFormatOptions {
 // The names of the formats in the order of RecordFormat.
 inline constexpr std::string_view kRecordFormatNames[] = {"text", "json", "csv"};
 
-// For a command with --format and --separator.
+// From a command with --format and --separator.
 RecordFormatOptions RecordFormatOptionsOf(const Values& values);
 
 // {"index":7,"text":"a"}, "end" if it is not CR LF, and what AddFields adds.

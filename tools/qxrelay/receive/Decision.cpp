@@ -41,18 +41,20 @@ Decision DropAll(const ReportPosition& position, const MessageHead& head) {
   return decision;
 }
 
-// Compares the latest record that both the message and the report know.
+// Compares every record that both the message and the report have: after a power failure, a record in the middle may
+// be the one that the disk has lost.
 bool IsContradicted(const ReportPosition& position, const IncomingMessage& message, const HashOfRecord& hash_of) {
   const MessageHead& head = message.head;
-  const std::uint64_t end = std::min(position.next, head.Next());
-  const bool has_text = head.kind == MessageKind::kRecords && end > head.first;
-  if (!has_text && (head.first == 0 || head.hash_before == 0)) return false;
-  const std::uint64_t number = (has_text ? end : head.first) - 1;
-  const std::uint64_t in_report = hash_of(number);
-  if (in_report == 0) return false;
-  const std::uint64_t in_message =
-      has_text ? report::RecordHash(message.texts[static_cast<std::size_t>(number - head.first)]) : head.hash_before;
-  return in_report != in_message;
+  const auto differs = [&](std::uint64_t number, std::uint64_t in_message) {
+    const std::uint64_t in_report = hash_of(number);
+    return in_report != 0 && in_report != in_message;
+  };
+  if (head.first > 0 && head.hash_before != 0 && differs(head.first - 1, head.hash_before)) return true;
+  const std::uint64_t end = head.kind == MessageKind::kRecords ? std::min(position.next, head.Next()) : head.first;
+  for (std::uint64_t number = head.first; number < end; ++number) {
+    if (differs(number, report::RecordHash(message.texts[static_cast<std::size_t>(number - head.first)]))) return true;
+  }
+  return false;
 }
 
 }  // namespace

@@ -210,7 +210,7 @@ CollectorFault ReportCollector::OpenFiles() {
   return {};
 }
 
-// Checks whether open files are still as this receiver has left them.
+// Of files that are open: whether they are still those that this receiver has left.
 CollectorFault ReportCollector::ContinueFiles() {
   if (needs_confirm_) {
     if (CollectorFault fault = files_.Confirm(); fault.Failed()) return fault;

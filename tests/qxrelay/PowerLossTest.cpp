@@ -1,0 +1,94 @@
+// A collector whose power fails at any change of its files: what was not synced is lost, and nothing else.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/qxrelay/Collector.h"
+#include "tests/qxrelay/LosingDisk.h"
+
+namespace {
+
+using qx::relay::CollectedState;
+using qx::test::Collector;
+using qx::test::FakeSender;
+using qx::test::LosingDisk;
+using qx::test::Loss;
+
+// What a host sends in a life of its report: records, a gap, a new incarnation, and repeats. There is a sync between
+// most of them, and the power fails before, after, or during it.
+void SendAll(Collector& collector, FakeSender& sender) {
+  sender.next = 4;
+  sender.Records(3);
+  collector.Run(4);
+  sender.Records(2);
+  sender.Records(1);
+  collector.Run(1);
+  sender.Gap(10);
+  sender.Records(2);
+  collector.Run(4);
+  sender.incarnation = 8;
+  sender.next = 50;
+  sender.hash = 0;
+  sender.Records(2);
+  collector.Run(2);
+  sender.Records(30);
+  collector.Run(4);
+}
+
+// A whole copy, or a report that is left alone with a finding: no torn record stays unnoticed.
+void ExpectAllOrAFinding(Collector& collector, const FakeSender& sender) {
+  if (collector.Report("a/b").state == CollectedState::kLeftAlone) {
+    EXPECT_NE(collector.Report("a/b").trouble, "");
+  } else {
+    EXPECT_EQ(collector.Records("a/b"), sender.sent);
+  }
+  EXPECT_TRUE(collector.stream.pending.empty());
+}
+
+void ExpectAll(Collector& collector, const FakeSender& sender) {
+  EXPECT_EQ(collector.Records("a/b"), sender.sent);
+  EXPECT_EQ(collector.Report("a/b").counters.gap_records_ever, 10U);
+  EXPECT_EQ(collector.Report("a/b").next, 83U);
+  EXPECT_TRUE(collector.stream.pending.empty());
+}
+
+// Sends everything with the power failing after so many changes. False: it did not fail.
+bool LosePower(int changes, Loss loss, std::mt19937_64& random) {
+  Collector collector;
+  FakeSender sender(collector.stream, "h", "a/b");
+  LosingDisk disk(collector.dir.Path());
+  disk.FailAfter(changes);
+  SendAll(collector, sender);
+  const bool has_failed = disk.HasFailed();
+  collector.Kill();
+  disk.Restart(loss, random);
+  collector.Start();
+  sender.Records(1);
+  for (int i = 0; i < 3; ++i) {
+    collector.stream.Redeliver();
+    collector.Run(4);
+  }
+  loss == Loss::kOfSectors ? ExpectAllOrAFinding(collector, sender) : ExpectAll(collector, sender);
+  return has_failed;
+}
+
+void LosePowerAtEachChange(Loss loss, std::uint64_t round = 0) {
+  std::mt19937_64 random(qx::test::Seed("RelayPowerLoss") + round);
+  for (int changes = 0;; ++changes) {
+    SCOPED_TRACE("loss " + std::to_string(static_cast<int>(loss)) + " after change " + std::to_string(changes));
+    if (!LosePower(changes, loss, random) || testing::Test::HasFailure()) break;
+  }
+}
+
+TEST(RelayPowerLoss, WhatIsAcknowledgedIsOnTheDisk) {
+  LosePowerAtEachChange(Loss::kEverything);
+  LosePowerAtEachChange(Loss::kTheLast);
+  for (const std::uint64_t round : {1, 2}) LosePowerAtEachChange(Loss::kOfEachName, round);
+}
+
+// The disk may have the header, and not the records that it counts. They were not acknowledged, and come again.
+TEST(RelayPowerLoss, AReportWithALostSectorIsWholeOrAFinding) { LosePowerAtEachChange(Loss::kOfSectors); }
+
+}  // namespace
