@@ -63,7 +63,7 @@ def tasks_of(directory, regex):
 
 
 def run_row(row):
-    """Seconds of one iteration, and the row's counters. A row that measures other processes too says its time itself."""
+    """Seconds of one iteration, and the row's counters. A row that also measures other processes reports its time itself."""
     command = [row.program, f"--benchmark_filter=^{re.escape(row.name)}$", "--benchmark_format=json"]
     if is_growth(task_of(row.name)):
         command.append("--benchmark_min_time=0.1")

@@ -3,7 +3,7 @@
 
 A transcript holds commands after "$ ", each followed by its output. A command `qxctl a b --json` prints documents of the
 schema SCHEMAS/qxctl-a-b.schema.json, one after the other, or one of SCHEMAS/qxctl-failure.schema.json; with `--format json`
-those of SCHEMAS/qxctl-record.schema.json. `qxrelay` has schemas of its own, but for failures. Each fault is a line on standard output; the exit code is 1 then.
+those of SCHEMAS/qxctl-record.schema.json. `qxrelay` has schemas of its own, except for failures. Each fault is a line on standard output; the exit code is 1 then.
 """
 import json
 import pathlib

@@ -36,7 +36,7 @@ struct ModelReport {
     sender.Gap(count);
     first = sender.next;
   }
-  // As after an answer that was lost, and servers that forgot.
+  // Sends records again, as a sender does after a lost answer and after servers that lost messages.
   void SendAgain(std::uint64_t count) {
     const std::uint64_t next = sender.next;
     const std::uint64_t hash = sender.hash;
@@ -117,7 +117,7 @@ class ReceiverModel {
     std::shuffle(collector_.stream.again.begin(), collector_.stream.again.end(), random_);
   }
 
-  // Calls fail: some, and the receiver continues, or all from then on, and it is killed.
+  // Makes calls fail: either some, and the receiver continues; or all from then on, and the receiver is killed.
   void Fail(int times) {
     constexpr FileCall kCalls[] = {FileCall::kAnyWriteAt, FileCall::kOpen, FileCall::kSyncFileSystem};
     {

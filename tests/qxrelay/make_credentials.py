@@ -20,7 +20,7 @@ def openssl(*arguments, data=b""):
 
 
 def encoded(payload):
-    """With a checksum (CRC-16/XMODEM), in base32."""
+    """The bytes with a checksum (CRC-16/XMODEM), in base32."""
     crc = 0
     for byte in payload:
         crc ^= byte << 8

@@ -2,8 +2,9 @@
 """Compares what the scripts call and import with the packages of the script/bootstrap tiers that they install.
 
 A script that works here only because a package was once installed by hand fails on a fresh machine. So each command
-that a script calls must be a part of a bare Debian system, or belong to a package of the script's tiers; each module that a
-Python file imports likewise. A command that is in none of the tables below is a finding, too: add it with its package.
+that a script calls must be a part of a bare Debian system, or belong to a package of the script's tiers; the same
+holds for each module that a Python file imports. A command that is in none of the tables below is a finding, too: add it
+with its package.
 
     tiers_test.py                    compares with the lists of script/bootstrap
     tiers_test.py --installed TIER   asks this machine, on which only that tier was installed (see script/fresh-machine)
@@ -39,7 +40,7 @@ COMMANDS = dict.fromkeys(BASE) | {
     "systemctl": "systemd", "systemd-sysusers": "systemd",
     "zsh": "zsh",
 }
-# What a package brings along.
+# The other packages that a package depends on.
 BRINGS = {"g++": {"binutils"}, "clang": {"binutils"}, "clang-tools": {"python3"}, "gcovr": {"python3"},
           "dpkg-dev": {"binutils", "make"}, "python3-jsonschema": {"python3"}, "python3-clang": {"python3"}}
 MODULES = {"clang": "python3-clang", "jsonschema": "python3-jsonschema"}

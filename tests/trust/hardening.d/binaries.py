@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""binaries.py BUILD-DIR QXRemConXfer [qxctl]: what compiler and linker were asked for, looked up in the files that they built.
+"""binaries.py BUILD-DIR QXRemConXfer [qxctl]: checks in the built files what compiler and linker were asked for.
 
 Prints one table row a file and fails when a property is missing. A flag that is spelled in the build files but does not
 reach the built file (a library that someone else's flags built, a linker that ignores it) shows here only.
@@ -21,7 +21,7 @@ MODULE_NEEDS = re.compile(r"(libstdc\+\+|libgcc_s|libm|libc|ld-linux[-a-z0-9_]*)
 SHIPPED = {"base", "process", "debug", "markup", "inifile", "registry", "provider", "reportfile", "tools"}
 SPEED_COUNTS = {"debug", "markup", "provider"}
 
-# Calls whose length-checked twin exists and which nothing of ours uses with a length that the compiler cannot see.
+# Calls that have a length-checked form. None of our code passes them a length that the compiler cannot see.
 UNCHECKED = {"gets", "strcpy", "strcat", "sprintf", "vsprintf", "stpcpy"}
 
 
@@ -48,7 +48,7 @@ class BuiltFile:
 
 
 def names_no_build_folder(path, build):
-    """Paths of the machine that built a file are nobody's business, and would make two builds differ."""
+    """A built file must not contain paths of the machine that built it: they would make two builds differ."""
     contents = pathlib.Path(path).read_bytes()
     return not any(str(folder).encode() in contents for folder in (ROOT, build.resolve()))
 
@@ -98,7 +98,7 @@ def object_checks(archives):
 
 
 def command_checks(build):
-    """What leaves no trace in a built file is looked up in the commands that built it."""
+    """Checks in the commands of the build what leaves no trace in a built file."""
     for command in json.loads((build / "compile_commands.json").read_text()):
         words = command["command"].split()
         source = pathlib.Path(command["file"])

@@ -11,8 +11,8 @@ Mutant = collections.namedtuple("Mutant", "file line start end before after kind
 
 OPERATORS = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "==", "&&": "||", "||": "&&", "+": "-", "-": "+"}
 
-# Below these a change would not compile, would be one of the program's own checks, or the size of another element of the
-# same array.
+# No change is made below these nodes: it would not compile, would change one of the program's own checks, or would change
+# the size of another element of the same array.
 CLOSED = {CursorKind.STATIC_ASSERT, CursorKind.ENUM_DECL, CursorKind.INIT_LIST_EXPR, CursorKind.FIELD_DECL,
           CursorKind.TYPE_ALIAS_DECL, CursorKind.PARM_DECL, CursorKind.CXX_UNARY_EXPR}
 FUNCTIONS = {CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.CONSTRUCTOR, CursorKind.DESTRUCTOR,
@@ -73,7 +73,7 @@ class Finder:
             self.add(cursor, f"static_cast<bool>({text[1:]})", "branch")
 
     def dropped_call(self, cursor):
-        # Speed only, as a text or an array grows by itself; and what does nothing on this processor.
+        # reserve affects only speed, because a text or an array grows by itself. The others do nothing on this processor.
         if cursor.spelling not in ("reserve", "va_end", "__builtin_va_end"):
             self.add(cursor, "", "dropped call")
 

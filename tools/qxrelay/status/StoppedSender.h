@@ -19,8 +19,8 @@ namespace qx::relay {
 // What a sender kept in its directory about each report, by name. Files that are damaged are left out. [any thread]
 [[nodiscard]] std::map<std::string, ReportState> StatesIn(const std::string& directory);
 
-// The newest message of each report by its name, of those that have one. Asks a few at a time, for `time_ms` in all.
-// [any thread]
+// The newest message of each report that has one, by the report's name. Asks for a few at a time, and for `time_ms` in
+// all. [any thread]
 [[nodiscard]] std::map<std::string, MessageHead> NewestMessages(PublishStream& stream, const std::string& prefix,
                                                                 const std::string& host,
                                                                 const std::vector<std::string>& reports,

@@ -114,10 +114,10 @@ class ConsumeStream {
   [[nodiscard]] virtual std::optional<std::string> Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
                                                          std::vector<StreamMessage>& messages) = 0;
 
-  // Says that the message need not come again. The acknowledgement may be lost: then it comes again. [owning thread]
+  // Says that the message need not come again. If the acknowledgement is lost, the message comes again. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> Acknowledge(const std::string& receipt) = 0;
 
-  // Says that the message need not come again although it is of no use. [owning thread]
+  // Refuses the message: it is of no use, and need not come again. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> Refuse(const std::string& receipt) = 0;
 
   // [owning thread]
