@@ -66,6 +66,8 @@ class StoreSnapshot {
 
   // How many records there are. Records that a killed writer left, and that the header does not count, are left out.
   [[nodiscard]] std::uint32_t Count() const { return static_cast<std::uint32_t>(offsets_.size()); }
+  // The header of the snapshot; it may count more records than there are. [owning thread]
+  [[nodiscard]] const report::IndexHeader& Header() const { return header_; }
 
   // The records from `age` on (0 is the oldest one), at most `count_max`, about 256 KiB of text, at least one; none
   // after the last one. They are valid until the next call. [owning thread]

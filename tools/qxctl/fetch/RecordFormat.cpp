@@ -49,15 +49,6 @@ RecordFormatOptions RecordFormatOptionsOf(const Values& values) {
   return options;
 }
 
-Json RecordToJson(std::uint64_t index, std::string_view record, const FieldRules& rules) {
-  const RecordText parts = TextOfRecord(record);
-  Json object = {{"index", index}};
-  SetText(object, "text", std::string(parts.text));
-  if (parts.end != std::string_view("crlf")) object["end"] = parts.end;
-  AddFields(object, parts.text, rules);
-  return object;
-}
-
 std::string RecordFormatter::Format(std::uint64_t index, std::string_view record) {
   switch (options_.format) {
     case RecordFormat::kText:

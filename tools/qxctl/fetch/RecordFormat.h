@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "tools/qxctl/chart/RecordDocument.h"
 #include "tools/qxctl/chart/RecordFields.h"
 #include "tools/qxctl/chart/RecordText.h"
 #include "tools/qxctl/cli/Command.h"
@@ -33,9 +34,6 @@ inline constexpr std::string_view kRecordFormatNames[] = {"text", "json", "csv"}
 
 // From a command with --format and --separator.
 RecordFormatOptions RecordFormatOptionsOf(const Values& values);
-
-// {"index":7,"text":"a"}, "end" if it is not CR LF, and what AddFields adds.
-[[nodiscard]] Json RecordToJson(std::uint64_t index, std::string_view record, const FieldRules& rules);
 
 // Writes the records of one output.
 //

@@ -30,6 +30,7 @@
 #include "tools/qxctl/store/ReportDamage.h"
 #include "tools/qxctl/store/ReportDirectory.h"
 #include "tools/qxctl/store/StoreFiles.h"
+#include "tools/qxctl/store/StoreInfo.h"
 #include "tools/qxctl/store/StoredSlots.h"
 
 namespace qx::ctl {
@@ -244,48 +245,6 @@ Status Cat(Context& context, const Values& values) {
 
 // --- info
 
-struct StoreInfo {
-  std::string path;
-  IndexHeader header;
-  std::int64_t index_bytes;
-  std::int64_t data_bytes;
-};
-
-// "unwritten": an agent has created the store but not appended to it; the ring size is not in the file yet.
-const char* RingState(const StoreInfo& info) {
-  const IndexHeader& header = info.header;
-  if (info.index_bytes < report::SlotOffset(0)) return "unwritten";
-  if (header.highestIndex > header.maxRecord || (header.oldestIndex != 0 && header.oldestIndex >= header.maxRecord)) {
-    return "damaged";
-  }
-  if (header.highestIndex == 0) return "empty";
-  return header.highestIndex < header.maxRecord ? "filling" : "full";
-}
-
-// The number of records that can be appended before the data file starts over; unset: never.
-std::optional<std::uint32_t> RecordsUntilRestart(const IndexHeader& header) {
-  const std::uint32_t period = report::RecordsPerRound(header);
-  if (period == 0) return std::nullopt;
-  return period - report::RecordsInRound(header);
-}
-
-Json InfoToJson(const StoreInfo& info) {
-  const IndexHeader& header = info.header;
-  Json document = {{"path", info.path},
-                   {"ring", RingState(info)},
-                   {"writePosition", header.writePosition},
-                   {"fileEnd", header.fileEnd},
-                   {"elementCount", header.elementCount},
-                   {"maxRecord", header.maxRecord},
-                   {"highestIndex", header.highestIndex},
-                   {"oldestIndex", header.oldestIndex},
-                   {"recordsUntilRestart", nullptr},
-                   {"indexFileBytes", info.index_bytes},
-                   {"dataFileBytes", info.data_bytes}};
-  if (const auto records = RecordsUntilRestart(header)) document["recordsUntilRestart"] = *records;
-  return document;
-}
-
 std::string PaintedRing(const Output& output, const StoreInfo& info) {
   const bool is_damaged = RingState(info) == std::string_view("damaged");
   return is_damaged ? output.Paint(Style::kBad, RingState(info)) : RingState(info);
@@ -322,10 +281,9 @@ Status StatusOf(const StoreInfo& info) {
 Status InfoOfReport(Context& context, const Values& values, const std::string& path, bool is_alone) {
   CReportFileBase store;
   if (Status status = OpenStoreForReading(path, store); !status.IsOk()) return status;
-  const StoreInfo info = {path, store.header(), FileSize(report::IndexFileName(path)).value_or(0),
-                          FileSize(report::DataFileName(path)).value_or(0)};
+  const StoreInfo info = InfoOf(path, store);
   return ShowResult(
-      context, values, [&] { return InfoToJson(info); },
+      context, values, [&] { return ToJson(info); },
       [&] { return (is_alone ? "" : Visible(path) + ":\n") + InfoToText(context.output, info); }, StatusOf(info));
 }
 

@@ -103,8 +103,6 @@ std::vector<std::string> TopLines(const TopReports& reports, const TopView& view
   return lines;
 }
 
-namespace {
-
 Json ToJson(const TopRow& row) {
   Json entry;
   SetText(entry, "report", row.name);
@@ -128,8 +126,6 @@ Json ToJson(const TopRow& row) {
   entry["numbers"] = numbers;
   return entry;
 }
-
-}  // namespace
 
 Json ToJson(const TopReports& reports, const TopView& view, std::uint64_t round) {
   Json rows = Json::Array();

@@ -23,6 +23,7 @@ struct TopView {
 //   0 => 0    0.5 => 30/min    12.34 => 12.3/s
 [[nodiscard]] std::string RateText(const std::optional<double>& rate);
 
+[[nodiscard]] Json ToJson(const TopRow& row);
 [[nodiscard]] Json ToJson(const TopReports& reports, const TopView& view, std::uint64_t round);
 
 }  // namespace qx::ctl

@@ -1,0 +1,15 @@
+// A record as a document.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "tools/qxctl/chart/RecordFields.h"
+#include "tools/qxctl/cli/text/Json.h"
+
+namespace qx::ctl {
+
+// {"index":7,"text":"a"}, "end" if it is not CR LF, and what AddFields adds.
+[[nodiscard]] Json RecordToJson(std::uint64_t index, std::string_view record, const FieldRules& rules);
+
+}  // namespace qx::ctl
