@@ -87,6 +87,27 @@ LAYERS["tools/qxrelay/status"] |= {"tools/qxctl/chart", "tools/qxctl/slice", "to
 LAYERS["tools/qxrelay/cli"] |= {"tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/line", "tools/qxctl/cli/text"}
 LAYERS["tools/qxrelay"] = LAYERS["tools/qxrelay/cli"] | {"tools/qxrelay/cli"}
 
+# The areas of the web view. web/ has pages, no sources.
+VIEW = {
+    "work": set(),
+    "http": set(),
+    "session": {"http"},
+    "assets": {"http"},
+    "report": set(),
+    "live": {"http", "session", "report"},
+    "api": {"work", "http", "session", "assets", "report", "live"},
+    "cli": {"work", "http", "session", "assets", "report", "live", "api"},
+}
+for area, others in VIEW.items():
+    LAYERS[f"tools/qxview/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxview/{other}" for other in others} | {"tools/qxctl/cli/text"}
+# It shows what qxctl shows, in the same documents, and listens where the relay listens.
+LAYERS["tools/qxview/http"] |= {"tools/qxrelay/config"}
+for area in ("report", "live", "api"):
+    LAYERS[f"tools/qxview/{area}"] |= {f"tools/qxctl/{other}" for other in ("store", "slice", "chart")}
+LAYERS["tools/qxview/live"] |= {"tools/qxctl/top", "tools/qxctl/doctor", "tools/qxctl/trace", "tools/qxctl/cli"}
+LAYERS["tools/qxview/cli"] |= {"tools/qxctl/store", "tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/line"}
+LAYERS["tools/qxview"] = LAYERS["tools/qxview/cli"] | {"tools/qxview/cli"}
+
 TOP_FOLDERS = {layer.split("/")[0] for layer in LAYERS} - {"paths"}
 PATHS_FILES = {"QXString.h", "ServerControlPaths.h", "ServerControlPaths.cpp"}
 

@@ -11,5 +11,6 @@ std::span<const Explanation> CodeExplanations();
 std::span<const Explanation> FindingExplanations();
 std::span<const Explanation> MessageExplanations();
 std::span<const Explanation> TraceExplanations();
+std::span<const Explanation> ViewExplanations();
 
 }  // namespace qx::ctl

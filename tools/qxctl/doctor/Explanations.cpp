@@ -102,6 +102,8 @@ const char* NameOf(ExplainedKind kind) {
       return "exit code";
     case ExplainedKind::kFinding:
       return "doctor code";
+    case ExplainedKind::kView:
+      return "view code";
     case ExplainedKind::kMessage:
       return "message";
     case ExplainedKind::kTrace:
@@ -114,7 +116,7 @@ std::span<const Explanation> AllExplanations() {
   static const std::vector<Explanation> all = [] {
     std::vector<Explanation> joined;
     for (const std::span<const Explanation> table :
-         {CodeExplanations(), FindingExplanations(), MessageExplanations(), TraceExplanations()}) {
+         {CodeExplanations(), FindingExplanations(), ViewExplanations(), MessageExplanations(), TraceExplanations()}) {
       joined.insert(joined.end(), table.begin(), table.end());
     }
     return joined;

@@ -13,6 +13,7 @@ enum class ExplainedKind {
   kErrorNumber,  // "LastError" of a reply, or a system error number in a trace line
   kExitCode,     // of qxctl
   kFinding,      // of qxctl doctor
+  kView,         // of qxview
   kMessage,      // "Msg" of a reply, with its conversions (%s)
   kTrace,        // a text of a trace line or of the system log, with its conversions (%s)
 };
@@ -25,7 +26,7 @@ struct Explanation {
   std::string_view action;
 };
 
-// "result code", "error number", "exit code", "doctor code", "message", "trace text"
+// "result code", "error number", "exit code", "doctor code", "view code", "message", "trace text"
 [[nodiscard]] const char* NameOf(ExplainedKind kind);
 
 // Each kind together, in the order of codes. [any thread]

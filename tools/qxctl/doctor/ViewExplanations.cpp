@@ -1,0 +1,46 @@
+// The codes of qxview: failures of its API, and what it finds itself. A code never changes its meaning.
+#include "tools/qxctl/doctor/ExplanationTables.h"
+
+namespace qx::ctl {
+
+namespace {
+
+constexpr Explanation kCodes[] = {
+    {ExplainedKind::kView, "QX601", "The request has no valid session",
+     "The page was opened without the printed token, the session is older than 30 days, or the key was removed",
+     "Open the address that qxview has printed; SIGHUP makes it print a new one"},
+    {ExplainedKind::kView, "QX602", "The token is not valid",
+     "It was used already, is older than five minutes, or was not copied as a whole",
+     "Send SIGHUP to qxview (systemctl reload qxview), and open the new address"},
+    {ExplainedKind::kView, "QX603", "The Host header names another machine",
+     "A proxy serves the pages under a name that qxview does not know, or another page made its name lead here",
+     "Name the proxy's name with --host; otherwise do not trust the page"},
+    {ExplainedKind::kView, "QX604", "Another page than qxview's own has asked",
+     "A page of another site sent the request with this browser", "Close that page"},
+    {ExplainedKind::kView, "QX605", "There is no such page or document", "A mistyped address",
+     "See docs/qxview-api.md"},
+    {ExplainedKind::kView, "QX606", "The method is not allowed", "Anything but GET and HEAD: qxview changes nothing",
+     "Use GET; the session is the only POST"},
+    {ExplainedKind::kView, "QX607", "A parameter of the request is not valid",
+     "It is no number, is out of range, or comes too often", "Read the message, and see docs/qxview-api.md"},
+    {ExplainedKind::kView, "QX608", "There is no such report", "It was removed, or the name is not one of a report",
+     "Choose a report of the overview"},
+    {ExplainedKind::kView, "QX609", "A report cannot be read",
+     "Its permissions forbid it to the user of qxview, or its header contradicts itself",
+     "Correct the permissions, or check it with `qxctl report verify`"},
+    {ExplainedKind::kView, "QX610", "Too many requests wait", "Many pages ask for large reports at once",
+     "Ask again later, or close pages"},
+    {ExplainedKind::kView, "QX611", "The report has no instance names", "There is no file with its name and .names",
+     "Nothing; not every report has names"},
+    {ExplainedKind::kView, "QX612", "There are no traces", "The trace directory is missing or has no file log.*",
+     "See which directory `qxctl trace config` names"},
+    {ExplainedKind::kView, "QX621", "The ring of a report wraps in less than ten minutes",
+     "It has few slots for the rate of its records, so records are overwritten soon after they were written",
+     "Fetch the report more often, or give it more slots"},
+};
+
+}  // namespace
+
+std::span<const Explanation> ViewExplanations() { return kCodes; }
+
+}  // namespace qx::ctl
