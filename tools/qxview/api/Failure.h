@@ -1,0 +1,31 @@
+// The failures of the API: a status, a code that `qxctl explain` knows, and what happened.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "tools/qxview/http/HttpRequest.h"
+
+namespace qx::view {
+
+enum class Failure {
+  kNoSession,      // no valid cookie
+  kBadToken,       // used, old or wrong
+  kForeignHost,    // the Host header names another machine
+  kForeignOrigin,  // another page asks
+  kNoSuchPath,
+  kBadMethod,
+  kBadParameter,
+  kNoSuchReport,
+  kUnreadable,  // a report, or the system, fails
+  kBusy,        // too many requests wait
+  kNoNames,     // the report has no instance names
+  kNoTraces,    // there is no trace file
+};
+
+[[nodiscard]] std::string_view CodeOf(Failure failure);
+
+// {"code":"QX608","message":"..."}
+[[nodiscard]] HttpReply ReplyOf(Failure failure, std::string_view message);
+
+}  // namespace qx::view

@@ -1,0 +1,44 @@
+// Answers requests about one report from its files. Everything here runs in the thread that reads.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "tools/qxview/http/Exchange.h"
+#include "tools/qxview/http/HttpRequest.h"
+#include "tools/qxview/report/IndexCache.h"
+
+namespace qx::view {
+
+// Threads: one thread.
+// Owns: the indexes. Failure: a reply that says so. Throws std::bad_alloc.
+class Reading {
+ public:
+  explicit Reading(std::string directory) : directory_(std::move(directory)) {}
+
+  // Each of them has the parameter `report`. [owning thread]
+  [[nodiscard]] HttpReply Report(const HttpRequest& request);
+  [[nodiscard]] HttpReply Names(const HttpRequest& request);
+  [[nodiscard]] HttpReply Fields(const HttpRequest& request);
+  [[nodiscard]] HttpReply Chart(const HttpRequest& request);
+  [[nodiscard]] HttpReply Records(const HttpRequest& request);
+
+  // All records as a text that is read as it is sent. `source` is unset if the reply is a failure. [owning thread]
+  struct Download {
+    HttpReply head;
+    ReplyStream::Source source;
+  };
+  [[nodiscard]] Download Text(const HttpRequest& request) const;
+
+  // Frees what nobody uses any more. [owning thread]
+  void Trim() { indexes_.Trim(); }
+
+ private:
+  [[nodiscard]] HttpReply RecordsBetween(const HttpRequest& request, const std::string& base_path);
+
+  std::string directory_;
+  IndexCache indexes_;
+};
+
+}  // namespace qx::view

@@ -1,0 +1,10 @@
+// qxview
+#pragma once
+
+#include "tools/qxctl/cli/Command.h"
+
+namespace qx::view {
+
+extern const ctl::Command kViewCommand;
+
+}  // namespace qx::view

@@ -1,0 +1,93 @@
+// One request that waits for its reply, and a reply that never ends.
+//
+// Both belong to the thread of the server. Whoever keeps one must not count on the client: it may be gone.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "tools/qxview/http/HttpRequest.h"
+
+struct MHD_Connection;
+
+namespace qx::view {
+
+// A reply whose text is sent piece by piece as it comes: server-sent events, or a long file.
+//
+// Threads: the server's. Owns: the pieces that are not sent yet.
+class ReplyStream {
+ public:
+  using Text = HttpReply::Text;
+  // Returns the next piece; null: the text is complete.
+  using Source = std::function<Text()>;
+
+  // A client that reads more slowly than this many bytes come is dropped; it connects again.
+  static constexpr std::size_t kPendingBytesMax = std::size_t{1} << 20;
+
+  explicit ReplyStream(MHD_Connection* connection) : connection_(connection) {}
+  ReplyStream(MHD_Connection* connection, Source source) : connection_(connection), source_(std::move(source)) {}
+
+  // Sends the text. [owning thread]
+  void Send(Text text);
+  // Ends the reply after what was sent. [owning thread]
+  void End();
+  // False as soon as the client is gone, or reads too slowly. [owning thread]
+  [[nodiscard]] bool IsOpen() const { return is_open_; }
+
+  // For the server: copies up to `size` bytes of what is pending. 0: nothing is pending, and the connection is
+  // suspended; -1: the reply is complete. [owning thread]
+  [[nodiscard]] std::ptrdiff_t Take(char* to, std::size_t size);
+  void Close() { is_open_ = false; }
+
+ private:
+  void Wake();
+
+  MHD_Connection* connection_;
+  Source source_;
+  std::deque<Text> pending_;
+  std::size_t pending_bytes_ = 0;
+  std::size_t taken_ = 0;  // of the first piece
+  bool is_open_ = true;
+  bool is_complete_ = false;
+  bool is_suspended_ = false;
+};
+
+// Threads: the server's.
+class Exchange {
+ public:
+  Exchange(MHD_Connection* connection, HttpRequest request) : connection_(connection), request_(std::move(request)) {}
+
+  [[nodiscard]] const HttpRequest& Request() const { return request_; }
+
+  // Answers the request; only the first answer counts. [owning thread]
+  void Reply(HttpReply reply);
+  // Answers with a head whose text follows; `head.text` counts for nothing. [owning thread]
+  std::shared_ptr<ReplyStream> Stream(HttpReply head, ReplyStream::Source source = nullptr);
+
+  // False as soon as the client is gone. [owning thread]
+  [[nodiscard]] bool IsOpen() const { return connection_ != nullptr; }
+
+  // For the server. [owning thread]
+  [[nodiscard]] bool HasAnswer() const { return has_answer_; }
+  [[nodiscard]] const HttpReply& Answer() const { return reply_; }
+  [[nodiscard]] const std::shared_ptr<ReplyStream>& AnswerStream() const { return stream_; }
+  void Suspend();
+  void Close();
+
+ private:
+  void Resume();
+
+  MHD_Connection* connection_;
+  HttpRequest request_;
+  HttpReply reply_;
+  std::shared_ptr<ReplyStream> stream_;
+  bool has_answer_ = false;
+  bool is_suspended_ = false;
+};
+
+using ExchangePtr = std::shared_ptr<Exchange>;
+
+}  // namespace qx::view

@@ -1,0 +1,26 @@
+// The socket on which the server listens: of this machine's loopback network, or with a path. Nobody else reaches it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "base/File.h"
+
+namespace qx::view {
+
+struct Listener {
+  file::Descriptor socket;
+  std::string address;      // as a browser writes it, "127.0.0.1:8070"; "localhost" for a path
+  std::uint16_t port = 80;  // of the address
+  std::string problem;      // why there is no socket; empty if there is one
+};
+
+// `address`: "127.0.0.1:8070", "[::1]:8070"; port 0 is one that the system picks. Any other address is refused.
+// [any thread]
+[[nodiscard]] Listener ListenOnLoopback(std::string_view address, int backlog);
+
+// A socket of mode 0600. One that nobody listens on any more is replaced; no other file is. [any thread]
+[[nodiscard]] Listener ListenOnPath(const std::string& path, int backlog);
+
+}  // namespace qx::view

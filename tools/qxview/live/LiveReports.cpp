@@ -1,0 +1,84 @@
+#include "tools/qxview/live/LiveReports.h"
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include "tools/qxctl/chart/RecordText.h"
+#include "tools/qxctl/cli/text/JsonText.h"
+#include "tools/qxview/report/Documents.h"
+
+namespace qx::view {
+
+namespace {
+
+LiveEvent EventOf(const std::string& report, const RecordPage& page, const std::string& filter) {
+  return {.name = "records",
+          .cursor = TextOf(page.cursor),
+          .data = std::make_shared<const std::string>(ctl::JsonLine(RecordsDocument(report, page, filter)))};
+}
+
+// Whether a page that shows only records with the filter learns something.
+bool IsNews(const RecordPage& page, const std::string& filter) {
+  if (page.error != 0) return false;
+  if (page.is_reset || page.lost > 0 || page.omitted > 0) return true;
+  return std::any_of(page.records.begin(), page.records.end(),
+                     [&](const NumberedRecord& record) { return Shows(filter, ctl::TextOfRecord(record.text).text); });
+}
+
+// Leaves what was before a place: that is what others got already.
+void CutAt(const Cursor& end, RecordPage& page) {
+  if (page.cursor.next <= end.next) return;
+  std::erase_if(page.records, [&](const NumberedRecord& record) { return record.number >= end.next; });
+  page.cursor = end;
+}
+
+}  // namespace
+
+void LiveReports::Subscribe(StreamId stream, const ReportWatch& watch) {
+  const auto [at, is_new] = followers_.try_emplace(
+      watch.base_path,
+      Follower{.report = watch.report, .tail = RecordTail(watch.base_path), .cursor = std::nullopt, .streams = {}});
+  Follower& follower = at->second;
+  Poll(follower);
+  follower.streams[watch.filter].push_back(stream);
+  if (!watch.after.has_value() || !follower.cursor.has_value()) return;
+  RecordPage page = RecordTail(watch.base_path).Read(watch.after, kRecordsMax);
+  CutAt(*follower.cursor, page);
+  if (IsNews(page, watch.filter)) deliver_({stream}, EventOf(watch.report, page, watch.filter));
+}
+
+void LiveReports::Unsubscribe(StreamId stream) {
+  for (auto follower = followers_.begin(); follower != followers_.end();) {
+    auto& streams = follower->second.streams;
+    for (auto& [filter, ids] : streams) std::erase(ids, stream);
+    std::erase_if(streams, [](const auto& each) { return each.second.empty(); });
+    follower = streams.empty() ? followers_.erase(follower) : std::next(follower);
+  }
+}
+
+std::vector<LiveEvent> LiveReports::Changes(const ReportWatch& watch) {
+  const RecordPage page = RecordTail(watch.base_path).Read(watch.after, kRecordsMax);
+  if (!IsNews(page, watch.filter)) return {};
+  return {EventOf(watch.report, page, watch.filter)};
+}
+
+// The first time there is nothing to send: who subscribes begins with its own cursor. A report that is missing for a
+// moment, while its agent starts it over, keeps its followers.
+void LiveReports::Poll(Follower& follower) {
+  if (!follower.tail.HasMoved()) return;
+  const bool is_first = !follower.cursor.has_value();
+  const RecordPage page = follower.tail.Read(follower.cursor, is_first && follower.streams.empty() ? 0 : kRecordsMax);
+  if (page.error != 0) return;
+  follower.cursor = page.cursor;
+  for (const auto& [filter, streams] : follower.streams) {
+    if (IsNews(page, filter)) deliver_(streams, EventOf(follower.report, page, filter));
+  }
+}
+
+std::optional<std::chrono::milliseconds> LiveReports::Tick() {
+  for (auto& [base_path, follower] : followers_) Poll(follower);
+  return followers_.empty() ? std::nullopt : std::optional(kPoll);
+}
+
+}  // namespace qx::view

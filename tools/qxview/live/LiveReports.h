@@ -1,0 +1,57 @@
+// Follows the reports that pages show: one follower for each report, however many pages look at it.
+//
+// A report is checked every kPollMs. Its new records are read once and turned into one document for each filter.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/qxview/live/LiveEvent.h"
+#include "tools/qxview/report/RecordTail.h"
+
+namespace qx::view {
+
+struct ReportWatch {
+  std::string report;     // its name
+  std::string base_path;  // of its files
+  std::string filter;
+  std::optional<Cursor> after;
+};
+
+// Threads: one thread.
+// Owns: an open file for each report that is followed.
+class LiveReports {
+ public:
+  static constexpr std::chrono::milliseconds kPoll{200};
+  static constexpr std::uint32_t kRecordsMax = 500;  // of one document
+
+  explicit LiveReports(Deliver deliver) : deliver_(std::move(deliver)) {}
+
+  // Sends what is new after the cursor at once, and from then on what comes. [owning thread]
+  void Subscribe(StreamId stream, const ReportWatch& watch);
+  void Unsubscribe(StreamId stream);
+
+  // What is new after the cursor; an empty list if nothing is. [owning thread]
+  [[nodiscard]] static std::vector<LiveEvent> Changes(const ReportWatch& watch);
+
+  // Sends what is new; for Worker::Tick. [owning thread]
+  [[nodiscard]] std::optional<std::chrono::milliseconds> Tick();
+
+ private:
+  struct Follower {
+    std::string report;
+    RecordTail tail;
+    std::optional<Cursor> cursor;  // what every stream has got; unset: the report could not be read yet
+    std::map<std::string, std::vector<StreamId>> streams;  // by filter
+  };
+
+  void Poll(Follower& follower);
+
+  Deliver deliver_;
+  std::map<std::string, Follower> followers_;  // by base path
+};
+
+}  // namespace qx::view

@@ -1,0 +1,33 @@
+// The overview: a row of qxctl top for each report with what is wrong about it, worst first.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/qxctl/cli/text/Json.h"
+#include "tools/qxctl/top/TopReports.h"
+
+namespace qx::view {
+
+struct OverviewView {
+  std::string directory;
+  std::int64_t stale_seconds = 0;
+  std::int64_t time_ms = 0;
+  std::string cursor;
+};
+
+// Seconds since the newest record, if that is longer ago than allowed.
+[[nodiscard]] std::optional<std::int64_t> SilenceOf(const ctl::TopRow& row, std::int64_t stale_seconds);
+
+// Seconds until the next record replaces one that is in the ring now and that nobody may have read: those until the
+// ring is full; of a full ring those until all of it is replaced. Unset without a rate.
+[[nodiscard]] std::optional<double> SecondsToWrap(const ctl::TopRow& row);
+
+// qxview-overview
+[[nodiscard]] ctl::Json OverviewDocument(const ctl::TopReports& reports, const OverviewView& view);
+
+// The same without what changes from second to second: for a comparison.
+[[nodiscard]] std::string OverviewContent(const ctl::TopReports& reports, const OverviewView& view);
+
+}  // namespace qx::view

@@ -1,0 +1,59 @@
+#include "tools/qxview/live/StreamHub.h"
+
+#include <string>
+#include <utility>
+
+namespace qx::view {
+
+namespace {
+
+HttpReply::Text Comment() {
+  static const auto kText = std::make_shared<const std::string>(":\n\n");
+  return kText;
+}
+
+// A page that lost its stream waits so many milliseconds before it connects again.
+HttpReply::Text Beginning() {
+  static const auto kText = std::make_shared<const std::string>("retry: 1000\n\n");
+  return kText;
+}
+
+}  // namespace
+
+StreamId StreamHub::Open(Exchange& exchange, Leave leave) {
+  HttpReply head;
+  head.type = "text/event-stream";
+  head.headers = {{"Cache-Control", "no-store"}, {"X-Accel-Buffering", "no"}};
+  std::shared_ptr<ReplyStream> stream = exchange.Stream(std::move(head));
+  stream->Send(Beginning());
+  entries_.emplace(++last_, Entry{std::move(stream), std::move(leave), Clock::now()});
+  return last_;
+}
+
+void StreamHub::Send(const std::vector<StreamId>& streams, const LiveEvent& event) {
+  const HttpReply::Text text = StreamText(event);
+  for (const StreamId id : streams) {
+    const auto found = entries_.find(id);
+    if (found == entries_.end()) continue;
+    found->second.stream->Send(text);
+    found->second.last_sent = Clock::now();
+  }
+}
+
+void StreamHub::Maintain(Clock::time_point now) {
+  for (auto entry = entries_.begin(); entry != entries_.end();) {
+    auto& [stream, leave, last_sent] = entry->second;
+    if (now - last_sent >= kComment) {
+      stream->Send(Comment());
+      last_sent = now;
+    }
+    if (stream->IsOpen()) {
+      ++entry;
+      continue;
+    }
+    leave(entry->first);
+    entry = entries_.erase(entry);
+  }
+}
+
+}  // namespace qx::view

@@ -1,0 +1,38 @@
+// A place in a report: after the record before number `next`, which has this hash.
+//
+// The number of a record is how many records the report had before it. A report that was started over counts from 0
+// again, in the same files; a hash shows whether a number still means the same record. After 2^32 records the count of
+// the files begins again, and readers take that for a new report.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "reportfile/StoreFormat.h"
+
+namespace qx::view {
+
+struct Cursor {
+  std::uint64_t next = 0;
+  std::uint64_t hash = 0;  // 0: there is no record before it
+
+  friend bool operator==(const Cursor&, const Cursor&) = default;
+};
+
+// "1204-e5ad9b1904074ddb"
+[[nodiscard]] std::string TextOf(const Cursor& cursor);
+// Unset for any other text.
+[[nodiscard]] std::optional<Cursor> CursorOf(std::string_view text);
+
+// The numbers of the records in a ring: from `begin` up to and without `end`.
+struct RecordNumbers {
+  std::uint64_t begin = 0;
+  std::uint64_t end = 0;
+};
+
+// For a header with a plausible ring.
+[[nodiscard]] RecordNumbers NumbersOf(const report::IndexHeader& header);
+
+}  // namespace qx::view

@@ -1,0 +1,27 @@
+// The documents about one report.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/qxctl/cli/text/Json.h"
+#include "tools/qxctl/slice/RecordTime.h"
+#include "tools/qxview/report/RecordTail.h"
+#include "tools/qxview/report/ReportIndex.h"
+
+namespace qx::view {
+
+// Which records of a page are shown: those with this text in them, whatever the case of ASCII letters. Empty: all.
+[[nodiscard]] bool Shows(std::string_view filter, std::string_view text);
+
+// qxview-records
+[[nodiscard]] ctl::Json RecordsDocument(const std::string& report, const RecordPage& page, std::string_view filter);
+// qxview-chart
+[[nodiscard]] ctl::Json ChartDocument(const std::string& report, const std::vector<std::string>& fields,
+                                      const Chart& chart);
+// qxview-fields: the fields with numbers, in the order of the newest record that has one.
+[[nodiscard]] ctl::Json FieldsDocument(const std::string& report, const RecordPage& page);
+
+}  // namespace qx::view

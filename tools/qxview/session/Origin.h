@@ -1,0 +1,43 @@
+// Whether a request comes from our own page at an address that is ours.
+//
+// A page of elsewhere can make its own name lead to this machine (DNS rebinding), so the name in the Host header is
+// compared with a list: names of the loopback network with any port, because ssh -L changes it, and what the operator
+// names for a proxy. Browsers say where a request comes from (Origin, Sec-Fetch-Site); only our own page may ask for
+// data.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/qxview/http/HttpRequest.h"
+
+namespace qx::view {
+
+enum class OriginVerdict {
+  kOurs,
+  kForeignHost,    // the Host header names another machine, or nothing
+  kForeignOrigin,  // another page asks
+};
+
+// Threads: any number. It never changes.
+class OriginRules {
+ public:
+  // `hosts`: what Host may be besides the loopback network, with the port if it is not that of the scheme:
+  // "reports.example.org", "reports.example.org:8443".
+  explicit OriginRules(std::vector<std::string> hosts) : hosts_(std::move(hosts)) {}
+
+  // `is_page`: a page may be opened from anywhere, because it has no data. [any thread]
+  [[nodiscard]] OriginVerdict Check(const HttpRequest& request, bool is_page) const;
+
+ private:
+  [[nodiscard]] bool IsOurHost(std::string_view host) const;
+
+  std::vector<std::string> hosts_;
+};
+
+// The port of a Host header; "80" without one.
+//   "localhost:9000" => "9000"    "[::1]" => "80"
+[[nodiscard]] std::string PortOfHost(std::string_view host);
+
+}  // namespace qx::view

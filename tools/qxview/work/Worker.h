@@ -1,0 +1,50 @@
+// A thread that runs one task after the other, and between them something that is due from time to time.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+namespace qx::view {
+
+// Owns: the thread, which ends in the destructor after its current task; other tasks are dropped.
+class Worker {
+ public:
+  using Task = std::function<void()>;
+  // Runs what is due, and returns how long to wait until it is to be called again; unset: until after the next task.
+  using Tick = std::function<std::optional<std::chrono::milliseconds>()>;
+
+  static constexpr std::size_t kTasksMax = 256;
+
+  explicit Worker(Tick tick = nullptr);
+  ~Worker();
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+
+  // A task for a client; false if too many tasks wait. [any thread]
+  [[nodiscard]] bool Post(Task task);
+  // A task of our own, which is never refused. [any thread]
+  void Add(Task task);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void Run();
+  void RunTick();
+  [[nodiscard]] bool Wait(Task& task);
+
+  Tick tick_;
+  std::optional<Clock::time_point> due_;
+  std::mutex lock_;  // of the two members after it
+  std::deque<Task> tasks_;
+  bool is_ending_ = false;
+  std::condition_variable change_;
+  std::thread thread_;  // the last member: it uses the others
+};
+
+}  // namespace qx::view
