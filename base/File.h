@@ -76,11 +76,11 @@ struct Progress {
   [[nodiscard]] bool Failed() const { return error != 0; }
 };
 
-// From the file's own position.
+// Read and write at the file's own position.
 [[nodiscard]] Progress Read(int descriptor, void* to, std::size_t size);
 [[nodiscard]] Progress Write(int descriptor, std::string_view bytes);
 
-// From `offset`; the file's own position stays.
+// Read and write at `offset`; the file's own position stays.
 [[nodiscard]] Progress ReadAt(int descriptor, std::int64_t offset, void* to, std::size_t size);
 // Writes `first` and directly after it `second`: in one call, unless the system takes less than it was given.
 [[nodiscard]] Progress WriteAt(int descriptor, std::int64_t offset, std::string_view first,
@@ -108,7 +108,7 @@ struct Progress {
 
 [[nodiscard]] int Truncate(int descriptor, std::int64_t size);
 [[nodiscard]] int StatusOf(int descriptor, struct stat& status);
-// Of a name; `flags` may be AT_SYMLINK_NOFOLLOW.
+// The status of the file with this name; `flags` may be AT_SYMLINK_NOFOLLOW.
 [[nodiscard]] int StatusOf(const char* path, struct stat& status, int flags = 0, int directory = AT_FDCWD);
 
 // True if both describe one file, whatever its names.

@@ -14,7 +14,7 @@ namespace qx::file {
 
 namespace {
 
-// As many as the system follows in one path. A name that is swapped again and again counts as well.
+// The system follows as many links in one path. A name that is swapped again and again counts each time.
 constexpr int kLinksMax = 40;
 
 // What is left of a path. It fills its buffer from the end, so that the target of a link goes in front of it.

@@ -24,7 +24,7 @@ set(qx_examples_dir ${CMAKE_INSTALL_DATADIR}/doc/libqxremconxfer-dev/examples)
 install(TARGETS QXRemConXfer LIBRARY DESTINATION ${QX_MODULE_DIR} COMPONENT module)
 
 # The sources that define what the module exports describe its types, too, so that its ABI can be compared with
-# packaging/abi/QXRemConXfer.abi. The others keep to line numbers, and an installed module is stripped of both.
+# packaging/abi/QXRemConXfer.abi. The other sources have only line numbers. An installed module is stripped of both.
 set_property(SOURCE provider/Exports.cpp provider/Module.cpp TARGET_DIRECTORY qx_provider
   APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-g>)
 set_property(SOURCE reportfile/ReportFileBase.cpp TARGET_DIRECTORY qx_reportfile

@@ -11,7 +11,7 @@ set(qx_manual_dir ${PROJECT_BINARY_DIR}/man)
 set(qx_completion_dir ${PROJECT_BINARY_DIR}/completions)
 file(MAKE_DIRECTORY ${qx_manual_dir} ${qx_completion_dir})
 
-# The pages of qxrelay belong to its own package, and where it is not built, nor are they.
+# The pages of qxrelay belong to its own package, and are built only where qxrelay is.
 function(qx_component_of page component program)
   set(${component} tools PARENT_SCOPE)
   set(${program} qxctl PARENT_SCOPE)

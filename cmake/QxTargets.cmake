@@ -28,7 +28,7 @@ set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 find_package(Threads REQUIRED)
 
 add_library(qx_flags INTERFACE)
-# What is built names neither the folder of the sources nor that of the build, and so does not depend on them.
+# No built file contains the path of the sources or of the build folder, so its bytes do not depend on them.
 target_compile_options(qx_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}=.)
@@ -58,17 +58,17 @@ elseif(NOT QX_SANITIZE STREQUAL "")
   message(FATAL_ERROR "QX_SANITIZE is '${QX_SANITIZE}'; it may be empty, 'address' or 'thread'")
 else()
   target_compile_options(qx_flags INTERFACE -fstack-protector-strong -fstack-clash-protection -fcf-protection)
-  # The C library's start files carry no mark for the shadow stack, though they work with one; one file without the mark
-  # and the linker would leave it out.
+  # The C library's start files have no mark for the shadow stack, although they work with one. Without this option, the
+  # linker would therefore omit the mark.
   target_link_options(qx_flags INTERFACE -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,-z,text -Wl,-z,shstk)
   if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$")  # the C library checks lengths only where it optimises
     target_compile_definitions(qx_flags INTERFACE $<$<NOT:$<BOOL:$<TARGET_PROPERTY:QX_IS_TEST>>>:_FORTIFY_SOURCE=3>)
   endif()
   # The standard library checks indices and empty containers.
   target_compile_definitions(qx_flags INTERFACE _GLIBCXX_ASSERTIONS)
-  # A local variable never shows what was on the stack before. Libraries whose benchmarks this would slow by a fifth opt out with the
-  # property QX_SPEED_COUNTS: they copy texts through buffers on the stack. clang 14 would need a second flag for this one,
-  # which later versions lack.
+  # A local variable never shows what was on the stack before. This would slow the benchmarks of libraries that copy
+  # texts through buffers on the stack by a fifth; these libraries opt out with the property QX_SPEED_COUNTS. clang 14
+  # would need a second flag for this one, which later versions lack.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(qx_flags INTERFACE
       $<$<NOT:$<BOOL:$<TARGET_PROPERTY:QX_SPEED_COUNTS>>>:-ftrivial-auto-var-init=zero>)
@@ -79,7 +79,7 @@ if(QX_BUILD_FUZZ)
   target_link_options(qx_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# Only what is tested counts what is run of it: the tests themselves compile and run faster without.
+# Only the tested code has counters: the tests themselves compile and run faster without them.
 function(qx_count_coverage target)
   if(QX_COVERAGE)
     target_compile_options(${target} PRIVATE --coverage -fprofile-update=atomic)
@@ -153,9 +153,10 @@ function(qx_link_c_program target)
   endif()
 endfunction()
 
-# What is tested is built as it ships, or as its sanitizer wants it. The tool need not be fast, and compiles in two thirds of
-# the time with fewer optimisations, with a sanitizer in one third. There, looking for null and unaligned pointers is a quarter
-# of the work; the first end a program anyway, the second are checked in the libraries.
+# What is tested is built as it ships, or as its sanitizer wants it. The tool need not be fast, and compiles in two
+# thirds of the time with fewer optimisations, with a sanitizer in one third. Checks for null and unaligned pointers
+# would be a quarter of the sanitizer's work, so the tool has none: a null pointer ends a program anyway, and unaligned
+# ones are found in the libraries.
 function(qx_compile_fast target)
   target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-O1>)
   if(QX_SANITIZE)
@@ -265,8 +266,9 @@ function(qx_find_library name header library package tier)
   target_link_libraries(qx_${name} INTERFACE ${QX_${upper}_LIBRARY})
 endfunction()
 
-# What qxrelay links: the client library of NATS as the target qx_nats, and libmicrohttpd as qx_microhttpd. The CMake package of
-# NATS asks for development packages of its dependencies, which nobody needs who links the shared library.
+# What qxrelay links: the client library of NATS as the target qx_nats, and libmicrohttpd as qx_microhttpd. The CMake
+# package of NATS asks for development packages of its dependencies, which a program that links the shared library does not
+# need.
 function(qx_find_relay_libraries)
   qx_find_library(microhttpd microhttpd.h microhttpd libmicrohttpd-dev relay)
   if(TARGET qx_microhttpd)

@@ -10,8 +10,8 @@
 namespace qx::debug {
 
 // Formats like vsnprintf, with the same result and the same bytes in `buffer` of `size` bytes.
-//   formatted here: %s %d %u %x %X, with "l" or "z", a width and "0" for the numbers; %p; %%; text that fits into the
-//   buffer by vsnprintf:   everything else, such as precisions, "%-8s", "%m", a null text, and text that does not fit
+//   formatted here:  %s %d %u %x %X, with "l" or "z", a width and "0" for the numbers; %p; %%; if the text fits
+//   by vsnprintf:    everything else, such as precisions, "%-8s", "%m", a null text, and a text that does not fit
 int FormatText(char* buffer, std::size_t size, const char* format, std::va_list args)
     __attribute__((format(printf, 3, 0)));
 

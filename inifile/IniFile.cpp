@@ -32,8 +32,8 @@ std::unique_ptr<char[]> Copy(const char* text) {
 }
 
 // The result of a read, whatever its length up to the limit. Trying each size in turn would scan the file up to 63
-// times for the same text. So a result that does not fit the first buffer, which every value of an entry does, is read
-// again into the largest.
+// times for the same text. So a result that does not fit into the first buffer is read again into the largest one.
+// Every value of an entry fits into the first buffer.
 class ReadText {
  public:
   // False when the text is too long or there is no memory for it.

@@ -76,9 +76,9 @@ class CIniFile {
   // thread]
   const char* GetString(const char* section, const char* key, const char* def);
 
-  // The first of the section's keys (null: of the file's section names), GetNextEnum the following ones, "" at the end
-  // and from then on. A list of more than 64,509 characters counts as empty. The names belong to the object and live
-  // until the next GetEnum, GetEnums, GetSections or CopySection. [owning thread]
+  // Returns the first key of the section; with a null `section`, the first section name. GetNextEnum returns the
+  // following ones, and "" at the end and from then on. A list of more than 64,509 characters counts as empty. The
+  // names belong to the object and live until the next GetEnum, GetEnums, GetSections or CopySection. [owning thread]
   const char* GetEnum(const char* section);
   const char* GetNextEnum();
 
@@ -86,7 +86,7 @@ class CIniFile {
   bool GetSections(std::vector<std::string>& names);
   bool GetEnums(std::vector<std::string>& names, const char* section);
 
-  // As WritePrivateProfileString on the object's file. [owning thread]
+  // Like WritePrivateProfileString on the object's file. [owning thread]
   [[nodiscard]] bool SetString(const char* section, const char* key, const char* value);
   [[nodiscard]] bool SetNumber(const char* section, const char* key, unsigned number);
   [[nodiscard]] bool SetNumber(const char* section, const char* key, int number);

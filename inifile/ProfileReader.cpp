@@ -102,9 +102,9 @@ void CollectSections(LineScanner& lines, Result& result) {
   }
 }
 
-// Most lines of a large file are skipped after a check of a few characters: for another entry, the last character of
-// the requested key, since keys of one section often differ only there. A list takes every line of its section, as if
-// its key were empty.
+// Most lines of a large file are skipped after a check of a few characters. Within the section, this is the last
+// character of the requested key, because keys of one section often differ only there. A list takes every line of its
+// section, as if its key were empty.
 void SkipOtherLines(LineScanner& lines, bool is_inside, std::string_view key) {
   if (!is_inside) return lines.SkipLines({.column = 0, .byte = '['}, IsPlainText);
   if (key.empty()) return;

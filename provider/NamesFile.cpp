@@ -111,7 +111,8 @@ class NamesFile::Scan {
 };
 
 bool NamesFile::Read(const std::string& directory, const std::string& name) {
-  // O_PATH: who may look up names in the directory need not be allowed to list it. An empty path is the root directory.
+  // O_PATH, because a user who may look up names in the directory may not be allowed to list it. An empty path is the
+  // root directory.
   const file::Descriptor at = file::Open((directory + "/").c_str(), O_PATH | O_DIRECTORY);
   if (!at.IsOpen()) return false;
   const file::Descriptor file =

@@ -22,10 +22,10 @@ class NamesFile {
 
   // 0 if the file does not have one. [owning thread]
   [[nodiscard]] int Version() const { return version_; }
-  // As the file's writer recorded it; empty if it did not. [owning thread]
+  // The report's name as the file's writer recorded it; empty if it did not. [owning thread]
   [[nodiscard]] const std::string& ReportName() const { return report_name_; }
-  // In the order of the file. Quirk: a key with several entries is listed several times, each time with its first name.
-  // Empty for a version without names. The pointers live as long as this object. [owning thread]
+  // The instances in the order of the file. Quirk: a key with several entries is listed several times, each time with
+  // its first name. Empty for a version without names. The pointers live as long as this object. [owning thread]
   [[nodiscard]] const std::vector<const Instance*>& Instances() const { return instances_; }
 
   static constexpr int kVersionWithNames = 1;

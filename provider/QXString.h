@@ -12,8 +12,7 @@
 #include <utility>
 
 // A `String` that can be set to, or extended by, formatted text.
-//
-// Threads: those of the string it is.
+// Threads: as for the string type.
 // Failure: text that cannot be formatted (a field over 2 GiB, a wide character without an encoding) counts as empty;
 // so does a null format. An allocation that fails throws what the string throws, with the target unchanged.
 template <class String = std::string, class Char = char>

@@ -215,8 +215,8 @@ void ReportTransfer::TakeRecords(std::string& text) {
   }
 }
 
-// A damaged header can count billions of slots whose record has no text: after a large number in a row, the trace has
-// enough of them, and the rest is read in runs, which skip such slots at once.
+// A damaged header can count billions of slots whose record has no text. After a large number of them in a row, the
+// trace has enough, and the rest is read in runs, which skip such slots at once.
 bool ReportTransfer::TakesSingly() const {
   return path_taken_ == TransferOptions::Path::kSingly && empty_in_a_row_ < kEmptyRecordsShownMax;
 }

@@ -120,7 +120,7 @@ class ReportTransfer {
   TransferRequest request_{};
   std::string path_;  // of the report's files, without extension
 
-  // Of the reading loop.
+  // The state of the reading loop.
   report::RecordReader reader_;
   std::int64_t index_ = 0;            // age of the record to take next
   std::size_t records_at_ = 0;        // where the records begin in the text that takes them

@@ -41,9 +41,9 @@ struct CRegistry::Layout {
 };
 #pragma GCC diagnostic pop
 
-// Constructed right after Debug (priority 101) and destroyed right before it, because the destruction of the root still
-// traces; and before everything else, so that the constructor and destructor of any other static object may use the
-// registry.
+// Constructed directly after Debug (priority 101) and destroyed directly before it, because the destruction of the root
+// still traces. It is constructed before everything else, so that the constructor and destructor of any other static
+// object may use the registry.
 __attribute__((init_priority(102))) CCriticalSection CRegistry::MSpinlock;
 __attribute__((init_priority(102))) std::string CRegistry::MPRegistry;
 __attribute__((init_priority(102))) std::string CRegistry::MPRegistryOld;

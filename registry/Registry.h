@@ -102,7 +102,7 @@ class CRegistry {
   // with a size. Even after a refused call, the next handle that is destroyed writes the tree. [owning thread]
   bool SetValue(const char* name, const unsigned char* data, unsigned size, unsigned type,
                 CRegistryNode* node = nullptr);
-  // In the current key, as REG_DWORD and REG_SZ: 0 or 22. [owning thread]
+  // Stores a value in the current key, as REG_DWORD or REG_SZ: 0 or 22. [owning thread]
   long SetValue(const char* name, unsigned dword);
   long SetValue(const char* name, const char* string);
   // Removes the entry of the current key, a subkey with everything below it: 0 even if there was no entry, or 22.

@@ -79,8 +79,8 @@ bool CRegistryNode::restoreNode(FILE* stream) {
   return has_values;
 }
 
-// Pointer reversal: the slot that led down holds the key above, and the capacity of
-// a key on the path is its place in the one above. Deletion thus needs no memory and no stack, however deep the keys.
+// Pointer reversal: in each key on the path, the slot that led down has the pointer to the key above, and the capacity
+// has the key's own place in the key above. So deletion needs no memory and no stack, however deep the keys.
 void CRegistryNode::deleteNode() {
   const qx::registry::UncancellableScope no_cancellation;
   CRegistryNode* node = this;

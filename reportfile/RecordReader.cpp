@@ -15,7 +15,8 @@ namespace qx::report {
 
 namespace {
 
-// Together below the size from which allocators map memory of its own: touching fresh pages costs more than copying.
+// Together the windows are smaller than a block for which allocators map fresh pages: touching those costs more than
+// copying.
 constexpr std::size_t kDataWindowBytes = std::size_t{64} * 1024;
 constexpr std::size_t kSlotWindowSlots = 8192;
 constexpr std::size_t kCheckedSlots = 2048;
@@ -62,8 +63,7 @@ std::size_t LongestThatFits(const std::string& out, std::size_t gathered_max) {
   return space != 0 ? space - 1 : 0;
 }
 
-// Reads the offset in `slot`; a slot of which fewer than four bytes can be read reads as 0. Returns 0 or the error
-// number.
+// Reads the offset in `slot`; a slot that cannot be read whole reads as 0. Returns 0 or the error number.
 int ReadSlot(std::FILE* index_file, std::uint32_t slot, std::uint32_t* offset) {
   std::uint32_t read = 0;
   const file::Progress progress = ReadAt(index_file, SlotOffset(slot), &read, sizeof read);
@@ -400,8 +400,8 @@ RecordReader::Batch RecordReader::AppendEqual(std::span<const std::uint32_t> off
           .ends_in_no_text = offsets.front() == 0 && count == offsets.size()};
 }
 
-// Appends the record at `offset` if its text is shorter than `bytes_max`. Of a longer text it reads only what shows
-// that.
+// Appends the record at `offset` if its text is shorter than `bytes_max`. A longer text is read only until it is
+// certain that it is longer.
 RecordReader::Piece RecordReader::AppendRecordAt(std::uint32_t offset, std::size_t bytes_max, std::string* out) {
   const std::size_t size_before = out->size();
   std::int64_t at = offset;

@@ -122,7 +122,7 @@ constexpr std::uint32_t RecordsInRound(const IndexHeader& header, std::uint32_t 
   return period != 0 ? count % period : count;
 }
 
-// Of all records that were written.
+// How many of all written records are in the last round.
 constexpr std::uint32_t RecordsInRound(const IndexHeader& header) {
   return RecordsInRound(header, header.elementCount);
 }

@@ -24,8 +24,8 @@ PARSER_SOURCE = pathlib.Path("tools/qxctl/cli/line/Parser.cpp")
 # The one folder that knows the client library of NATS.
 NATS_FOLDER = pathlib.Path("tools/qxrelay/stream")
 
-# What a folder may include besides itself. "paths" is the lower floor of provider/; "debug/tools" is what programs need of
-# debug/ and the module does not.
+# What a folder may include besides itself. "paths" is the lower layer of provider/; "debug/tools" is what programs need
+# of debug/ and the module does not.
 LAYERS = {
     "base": set(),
     "process": {"base"},

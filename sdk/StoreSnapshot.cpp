@@ -266,7 +266,7 @@ std::string_view StoreSnapshot::ReadWindow(std::int64_t begin, std::int64_t end)
   return {window_.get(), progress.bytes};
 }
 
-// Up to where the texts of the record's round are overwritten.
+// The offset up to which the texts of the record's round are overwritten.
 std::int64_t StoreSnapshot::OverwrittenTo(std::uint32_t age, const IndexHeader& now) const {
   const std::int64_t written_to = std::max<std::int64_t>(now.writePosition, uncounted_end_);
   const bool is_of_old_round = age < old_round_;

@@ -47,7 +47,7 @@ Error CheckPath(const std::string& path) {
   return MakeError(ErrorCode::kBadArgument, "the path of a report contains a NUL");
 }
 
-// A report of which one file is missing would be started over, and the other one emptied.
+// A report with one missing file would be started over, and the other file emptied.
 Error CheckFiles(const FileState& index, const FileState& data, bool may_create) {
   const FileState& missing = index.is_there ? data : index;
   const FileState& other = index.is_there ? index : data;

@@ -1,8 +1,7 @@
 // Appends records to a report, and refuses what would lose or spoil records.
 //
-// CReportFileBase (reportfile/ReportFileBase.h) is the class below it, which refuses nothing. A Writer adds one
-// writer at a time, records that can be read back, many records at once, and errors with a reason. The files are the
-// same.
+// A Writer is a layer above CReportFileBase (reportfile/ReportFileBase.h), which refuses nothing. It adds one writer at
+// a time, records that can be read back, many records at once, and errors with a reason. The files are the same.
 #pragma once
 
 #if __cplusplus < 202002L

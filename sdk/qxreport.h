@@ -75,7 +75,7 @@ typedef struct qxreport_record {
   int event; /* what happened before this record */
 } qxreport_record;
 
-/* Opens a report for reading, at its oldest record (`cursor` null or empty), or where another reader stood when
+/* Opens a report for reading: at its oldest record if `cursor` is null or empty, otherwise where a reader was when
  * qxreport_cursor returned that text. */
 int qxreport_open_reader(const char* path, const char* cursor, qxreport_reader** reader, qxreport_error* error);
 

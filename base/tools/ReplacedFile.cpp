@@ -19,7 +19,7 @@ constexpr mode_t kPrivateMode = 0600;
 constexpr mode_t kModeMask = 0777;  // without set-id bits: they would make content run as the file's owner
 constexpr mode_t kGroupMask = 0070;
 const char kEditSuffix[] = ".edit";
-constexpr int kLockTriesMax = 1000;  // another edit ends, or another user exchanges the name, in each of them
+constexpr int kLockTriesMax = 1000;  // in each try another edit ended, or another user exchanged the name
 
 ReplaceResult Failed(const std::string& file, int error) { return {ReplaceState::kFailed, file, error}; }
 

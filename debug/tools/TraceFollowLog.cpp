@@ -17,8 +17,8 @@ namespace {
 constexpr std::size_t kGrowthBytes = 65536;  // the most bytes by which a file may grow while it is read
 constexpr int kReadsMax = 10;
 
-// Reads up to the end that the file has when the end is reached, not when the read began: the end of a cycle may be
-// written meanwhile, and the wrap after it is in the bytes that were read first.
+// Reads to the present end of the file, not to its end at the beginning of the read. Meanwhile the writer may append
+// the last entry of a cycle and then wrap; bytes with the wrap must have that entry, too.
 bool ReadWhole(const TraceFile& file, std::string& bytes) {
   const auto status = file.Status();
   if (!status.has_value()) return false;

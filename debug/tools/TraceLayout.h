@@ -75,7 +75,8 @@ struct TraceLayout {
   std::vector<TraceFinding> findings;
   std::optional<TraceWrap> wrap;        // of a log that has wrapped
   std::optional<TraceRingHeader> ring;  // of a ring
-  // After the newest entry. In a wrapped log after its first line: the file does not show how many more lines it has.
+  // The offset after the newest entry; in a wrapped log, after the first line of that entry, because the file does not
+  // show how many more lines it has.
   std::uint64_t newest_end = 0;
   // Where the newest cycle began: what a wrap returns to.
   std::uint64_t cycle_begin = 0;

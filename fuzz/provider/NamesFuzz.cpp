@@ -19,7 +19,7 @@ using qx::fuzz::InWorld;
 using qx::fuzz::World;
 using qx::fuzz::Wrong;
 
-// In place: some file systems write a file to the disk at once that is emptied first.
+// In place: some file systems write a file to the disk at once if it was emptied first.
 void WriteNames(const World& world, const void* bytes, std::size_t size) {
   const std::string path = world.Directory() + "/Reports/r1.names";
   const int file = open(path.c_str(), O_WRONLY | O_CLOEXEC);

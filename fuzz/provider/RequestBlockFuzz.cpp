@@ -1,9 +1,9 @@
 // Request parameter blocks of every shape a host's mistake could give them, through all accessors.
 //
 // The input is a script that a builder reads byte by byte: each element's index, type and value, null entries, counts
-// that are too small or negative, null arrays, chains that loop. What it never builds is what no reader could survive:
-// a pointer to nowhere and a count beyond its array. Every structure is in a heap block of its own, so that a read
-// outside of it is seen.
+// that are too small or negative, null arrays, chains that loop. It never builds what no reader could survive: a
+// pointer to nowhere, or a count beyond its array. Every structure is in a heap block of its own, so that a read
+// outside of it is noticed.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

@@ -60,7 +60,7 @@ struct ProfileContent {
   bool operator==(const ProfileContent&) const = default;
 };
 
-// By the lines of a text. [any thread]
+// The content of a profile file with these lines. [any thread]
 [[nodiscard]] ProfileContent ContentOf(std::string_view text);
 // Reads every entry with CIniFile. A file that cannot be read counts as empty. [any thread]
 [[nodiscard]] ProfileContent ReadThroughClass(const std::string& path);

@@ -25,7 +25,7 @@ namespace qx::report {
 struct IndexHeader;
 struct UncountedPart;
 
-// The texts of a part of more than one record have no more bytes: they are copied into one buffer, which stays in the
+// The most bytes of text in a part of more than one record: the texts are copied into one buffer, which stays in the
 // processor's cache.
 inline constexpr std::int64_t kPartBytesMax = std::int64_t{256} * 1024;
 
@@ -59,8 +59,8 @@ class RecordWriter {
   [[nodiscard]] bool IsOpenOn(const struct stat& index, const struct stat& data) const;
   // True if the header in the index file is the one in memory: nobody else has written it. [any thread]
   [[nodiscard]] bool HasHeaderInFile() const;
-  // Makes it so. An append does not fail if the last write of the header fails, because the next one writes it again.
-  // Returns 0 or the error number. [any thread]
+  // Writes the header if the one in the index file differs from the one in memory. An append does not fail if the last
+  // write of the header fails, because the next one writes it again. Returns 0 or the error number. [any thread]
   [[nodiscard]] int ConfirmHeader();
 
   // The record of this age, 0 being the newest. False: no record has this age, or it cannot be read. [any thread]

@@ -91,7 +91,7 @@ class Salvager {
     uncounted_ = FindUncountedPart(header_, slot_at, end_of, is_marker_at);
   }
 
-  // Of a whole line to which a slot leads.
+  // The end of the line at `begin`, if a slot leads to it and it is whole.
   std::optional<std::int64_t> EndOfLine(std::int64_t begin) const {
     const auto held = std::lower_bound(lines_.begin(), lines_.end(), begin,
                                        [](const SlotLine& line, std::int64_t at) { return line.line.begin < at; });
@@ -143,9 +143,9 @@ class Salvager {
     return {begin, std::max(begin, data_bytes_), false};
   }
 
-  // A slot into the middle of a line is a piece of a record. This is certain if the line's own slot is followed by one
-  // directly after the line, like a writer's slots. If it is not certain, the line feed before a real record may be
-  // damaged, and both are kept.
+  // A slot that leads into the middle of a line leads to a piece of a record. This is certain if the line has a slot of
+  // its own, and the next slot leads to the end of the line, as a writer's slots do. Otherwise the line feed before a
+  // real record may be damaged, and both texts are kept.
   void DropFragments() {
     const SlotLine* whole = nullptr;
     for (SlotLine& held : lines_) {

@@ -1,8 +1,8 @@
 // Salvages a damaged store: reads both files without trust in their content and writes the records that are still there
 // into a new store. The source is only read.
 //
-// A record can be saved if a slot has the offset of a text that ends with a line feed and has no NUL; of the header,
-// only the start of the ring is used, if it is plausible. Whole lines of the data file without a slot come after them:
+// A record can be saved if a slot has the offset of a text that ends with a line feed and has no NUL. The header only
+// shows where the ring starts, if that is plausible. Whole lines of the data file without a slot come after them:
 // records whose slots are lost, and older ones that have left the ring. Records are salvaged as readers see them, each
 // up to its first line feed.
 #pragma once

@@ -75,7 +75,7 @@ struct StoreVerdict {
 
 // Scans `base_path`.ind and `base_path`.dat until the verdict is certain: after a scan without findings it is sound,
 // also during writes; findings count if two scans, 20 ms apart, have them with the same header. After five scans it
-// gives up with kChanged. A store of which one file is missing is damaged. [any thread]
+// gives up with kChanged. A store with one missing file is damaged. [any thread]
 [[nodiscard]] StoreVerdict VerifyStore(const std::string& base_path);
 
 // The beginning of VerifyStore, for programs that are about to read or append to the report: the header, then the sizes

@@ -5,7 +5,7 @@
         report.append_many(["09:01 load 0.31", "09:02 load 0.25"])
 
     with qxreport.Reader(qxreport.path("load")) as report:
-        for record in report:          # those that there are
+        for record in report:          # all records that were not read yet
             print(record.text)
         record = report.read(1.0)      # the next one; waits up to one second
         save(report.cursor)            # Reader(path, cursor) continues there
@@ -39,7 +39,7 @@ class Code(enum.IntEnum):
 
 
 class State(enum.IntEnum):
-    """What became of a record."""
+    """The state of a record's text."""
 
     WHOLE = 0
     DAMAGED = 1
@@ -209,7 +209,7 @@ class Reader:
         return Record(ctypes.string_at(found.text, found.size), State(found.state), Event(found.event))
 
     def __iter__(self) -> Iterator[Record]:
-        """The records that there are and were not read yet."""
+        """The records that were not read yet, without waiting for new ones."""
         while (record := self.read()) is not None:
             yield record
 

@@ -291,7 +291,7 @@ TEST(DebugRingDamage, DeletedFileIsStillWrittenAndTheNextStartCreatesOne) {
 
 // --- full disks and limits --------------------------------------------------------------------------------------
 
-// The log after a ring was set up in a file system of `capacity` bytes, of which a file uses `used`.
+// The log after a ring was set up in a file system of `capacity` bytes, in which a file uses `used` bytes.
 std::string LogOfFullDisk(const std::string& capacity, std::size_t used, std::uint32_t size) {
   RingSetup setup;
   return WithPrivateMounts([&] {

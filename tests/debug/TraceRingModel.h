@@ -24,7 +24,7 @@ class RingModel {
 
   const std::string& Bytes() const { return bytes_; }
   unsigned Wraps() const { return wraps_; }
-  // The texts of the entries of which every byte is still there, in the order in which they were written.
+  // The texts of the entries that are still there whole, in the order in which they were written.
   std::vector<std::string> WholeTexts() const;
 
  private:

@@ -139,7 +139,7 @@ Row SharedHeadings(const Table& a, const Table& b) {
   return shared;
 }
 
-// Whether some table of the page has the same rows in the columns that both have, which are two at least.
+// Whether some table of the page has at least two of these columns, and the same rows in them.
 bool HasTable(const Stated& page, const Table& table) {
   return std::any_of(page.tables.begin(), page.tables.end(), [&](const Table& other) {
     const Row shared = SharedHeadings(table, other);

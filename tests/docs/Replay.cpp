@@ -15,7 +15,7 @@ namespace {
 
 const char kBetweenSessions[] = "\036\n";  // nothing that a command prints
 
-// What varies, each pattern with three groups of which the second one is hidden.
+// What varies. Each pattern has three groups, and the second one is hidden.
 struct Varying {
   const char* what;
   const char* pattern;
@@ -154,7 +154,7 @@ std::vector<std::string> Replay(const std::vector<Session>& sessions, bool on_ne
   return printed;
 }
 
-// Records end with CR LF, of which a page shows the LF.
+// Records end with CR LF; a page shows only the LF.
 std::string WithoutWhatVaries(std::string text) {
   std::erase(text, '\r');
   for (const Varying& varying : kVarying) text = Hide(text, varying.pattern);

@@ -1,4 +1,4 @@
-// Runs the sessions of a page as a reader would who types them.
+// Runs the sessions of a page as if a reader typed them.
 #pragma once
 
 #include <string>

@@ -145,7 +145,7 @@ TEST_F(DocsTable, TheTableNamesASchemaForEveryCommandWithJson) {
 }
 
 TEST_F(DocsTable, EveryCommandWithJsonHasASchemaAndEverySchemaACommand) {
-  // Of every command, and of the records that several commands print.
+  // A schema for every command, and for the records that several commands print.
   std::set<std::string> expected = {"qxctl-failure.schema.json", "qxctl-record.schema.json"};
   for (const json& row : table_) {
     if (!row["schema"].is_null()) expected.insert(row["schema"].get<std::string>() + ".schema.json");

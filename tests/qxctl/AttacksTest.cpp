@@ -280,7 +280,7 @@ TEST_F(AttacksOnQxctl, JsonOnATerminalStaysJson) {
   EXPECT_EQ(OnTerminal({"fetch", "evil", "--format", "json"}).out, "{\"index\":0,\"text\":\"a\\u007F\\u009B\"}\n");
 }
 
-// 1,073,741,823 slots, of which the first 1,018 are stored.
+// 1,073,741,823 slots; only the first 1,018 are stored.
 TEST_F(AttacksOnQxctl, HoleOfAnIndexFileIsLeftOut) {
   constexpr std::uint32_t kSlots = 0x3FFFFFFF;
   const std::uint32_t header[6] = {10, 10, kSlots, kSlots, kSlots, 0};

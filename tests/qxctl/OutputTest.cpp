@@ -19,7 +19,7 @@ using testing::Not;
 
 const char kEscape[] = "\033[";
 
-// A report "load", and runs of which each stream may be a terminal.
+// A report "load", and runs of qxctl in which each stream may be a terminal.
 class QxctlOutput : public testing::Test, protected QxctlFixture {
  protected:
   QxctlOutput() { MakeReport("load", 3, {"a"}); }

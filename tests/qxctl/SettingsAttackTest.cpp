@@ -61,8 +61,8 @@ class SettingsAttack : public testing::Test, protected QxctlFixture {
     });
   }
 
-  // Edits of `file` in the user's directory while the user exchanges the new content. `edit` runs the command with more
-  // words.
+  // Edits of `file` in the user's directory while the user exchanges the new content. `edit` runs the command with
+  // further arguments.
   template <typename Edit>
   void Race(const std::string& file, Edit edit) {
     const Attacker attacker = Exchanging(file);

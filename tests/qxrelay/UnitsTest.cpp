@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 class RelayUnits : public testing::Test {
  protected:
-  // Of systemd-analyze on a unit whose program is the built one; what it says is in Said.
+  // The exit code of systemd-analyze on a unit whose program is the built one; its output is in Said.
   int Analyze(const std::string& arguments, const std::string& unit) {
     std::string text = qx::test::ReadFile(unit);
     const std::string installed = "/usr/bin/qxrelay";

@@ -153,7 +153,7 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
     EXPECT_TRUE(has_failed_to_copy || ContentsOf(dir_.File("from")) == from_) << Log();
   }
 
-  // The trace has the error, or, where a removal leaves what it cannot check, the consequence.
+  // The trace has the error. If a removal leaves an entry that it cannot check, the trace has the consequence.
   bool IsTraced(const Call& call) const {
     const std::string log = Log();
     const bool says_not_empty = call.name == "newfstatat" && log.find(std::strerror(ENOTEMPTY)) != std::string::npos;

@@ -65,7 +65,7 @@ class Life {
     follower_ = std::make_unique<ReportFollower>(ring_, position);
   }
 
-  // One poll, of which a random part is delivered.
+  // One poll. A random part of its records is delivered.
   void Poll(Tally& tally) {
     ReportPoll poll;
     ASSERT_TRUE(follower_->Poll(1 + Below(80), poll));

@@ -26,7 +26,7 @@ void AppendNumbered(FollowedReport& ring, int first, int count) {
   for (int i = first; i < first + count; ++i) ring.Append(std::to_string(i));
 }
 
-// A poll, of which everything is delivered.
+// A poll. All its records are delivered.
 ReportPoll Take(ReportFollower& follower, std::uint32_t count_max = kAll) {
   ReportPoll poll;
   EXPECT_TRUE(follower.Poll(count_max, poll));

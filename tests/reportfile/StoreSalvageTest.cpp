@@ -103,7 +103,7 @@ TEST(StoreSalvage, RecordWithoutItsHeaderIsTheNewestOne) {
   EXPECT_THAT(Salvaged(store, false), ElementsAre("rec3", "rec4", "rec5"));
 }
 
-// The part of a killed writer, of which some slots are written.
+// The part of a killed writer that has written some of its slots.
 TEST(StoreSalvage, RecordsOfABatchWithoutItsHeaderAreTheNewestOnes) {
   const StoreBytes before = StoreOf(5, Numbered(6));
   const StoreBytes after = StoreOf(5, Numbered(9));

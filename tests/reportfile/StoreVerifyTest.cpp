@@ -239,8 +239,8 @@ TEST(StoreVerifyBatch, FreeSlotsOfSeveralKilledWritersAreNotDamage) {
   EXPECT_GT(descents, 0) << "no free slots of more than one part";
 }
 
-// Why a changed slot is accepted if it is free and leads into text that may be overwritten: a killed writer of other
-// records can have left the same files.
+// A changed slot is accepted if it is free and leads into text that may be overwritten. The reason: a killed writer of
+// other records can have left the same files.
 TEST(StoreVerifyBatch, ChangedFreeSlotIntoOverwrittenTextHasAnotherHistory) {
   const auto files_after = [](const std::vector<std::string>& killed_batch) {
     const StoreBytes killed = *KilledInBatch(9, Numbered(2), killed_batch, 3);
@@ -259,8 +259,8 @@ TEST(StoreVerifyBatch, ChangedFreeSlotIntoOverwrittenTextHasAnotherHistory) {
   EXPECT_EQ(Rules(store.Scan()), "");
 }
 
-// The same for a full ring: the text of a killed writer remains over older text that still has slots. A text that was
-// written from the start of the data file on is left out: it can be as many lines as the ring has slots, and one more.
+// The same for a full ring: the text of a killed writer remains over older text that still has slots. No writer is
+// killed at the start of the data file: its text there could be as many lines as the ring has slots, and one more.
 TEST(StoreVerifyBatch, RingAfterAKilledWriterIsNotDamage) {
   std::mt19937_64 random{Seed("StoreVerifyBatch")};
   for (int life = 0; life < 80; ++life) {
@@ -401,8 +401,7 @@ TEST(StoreVerify, EachRuleNamesFileOffsetAndValue) {
   }
 }
 
-// Only these flipped bits may be those of another sound store: bits of fileEnd and, in small rings, of a count that may
-// have wrapped.
+// A flipped bit could make another sound store only in fileEnd and, in a small ring, in a count that may have wrapped.
 TEST(StoreVerify, EveryFlippedBitOfTheIndexFileIsFound) {
   const StoreBytes sound = StoreOf(50, Numbered(120));
   std::string missed;
@@ -414,9 +413,8 @@ TEST(StoreVerify, EveryFlippedBitOfTheIndexFileIsFound) {
   EXPECT_EQ(missed, "");
 }
 
-// A slot with an offset at which no record begins, in a store with a part that is not counted and in one without. The
-// oldest record is in this round or in the previous one; the text of the latter may be overwritten, so its slot may
-// lead into new text.
+// A slot gets an offset at which no record begins, in stores with and without a part that is not counted. If the oldest
+// record is of the previous round, its text may be overwritten, so its slot may lead into new text.
 TEST(StoreVerifyBatch, SlotThatIsChangedAtRandomIsFound) {
   std::mt19937_64 random{Seed("StoreVerifyBatch")};
   for (const int count : {60, 75, 120}) {

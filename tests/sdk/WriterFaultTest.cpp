@@ -1,5 +1,5 @@
-// The writer killed at random moments, and with each of its file calls failing: the promises of the class below, and
-// its files.
+// The writer killed at random moments, and with each of its file calls failing: the promises of CReportFileBase hold,
+// and the files are those that it writes.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -152,7 +152,7 @@ TEST(SdkWriterKilled, SinglesLeaveTheFilesOfTheClassBelowAtEachWrite) {
   }
 }
 
-// The next writer appends what its reader does not find. Then the files are those of the class below without a kill.
+// The next writer appends what its reader does not find. Then the files are those of CReportFileBase without a kill.
 TEST(SdkWriterKilled, BatchesEndInTheFilesOfTheClassBelowAfterEachWrite) {
   for (const std::uint64_t before : kPhases) {
     for (int nth = 1; nth <= 6; ++nth) {
@@ -176,7 +176,7 @@ TEST(SdkWriterKilled, BatchesEndInTheFilesOfTheClassBelowAfterEachWrite) {
 }
 
 // Runs the work with the first, second, ... call of a kind failing. What is stored is what the errors say, and after
-// one more record the index and the records are those of the class below for the same records.
+// one more record the index and the records are those of CReportFileBase for the same records.
 void SweepWrites(FileCall call, int error) {
   for (int nth = 1;; ++nth) {
     SCOPED_TRACE("call " + std::to_string(nth) + ", error " + std::to_string(error));

@@ -1,5 +1,5 @@
-// The writer of a report: what it refuses, that nothing is written then, and that its files are those of the class
-// below.
+// The writer of a report: what it refuses, that nothing is written then, and that its files are those of
+// CReportFileBase.
 #include "sdk/Writer.h"
 
 #include <gmock/gmock.h>
@@ -120,7 +120,7 @@ TEST_F(SdkWriter, OpenExistingCreatesNothing) {
   EXPECT_FALSE(Exists(files_.IndexPath()));
 }
 
-// The class below would empty the file that is left.
+// CReportFileBase would empty the file that is left.
 TEST_F(SdkWriter, ReportOfWhichOneFileIsMissingIsNotStartedOver) {
   MakeReport();
   writer_.Close();
@@ -214,7 +214,7 @@ TEST_F(SdkWriter, FullDiskAtTheCreationIsAnError) {
   EXPECT_FALSE(writer_.IsOpen());
 }
 
-// The class below would let the write position wrap to the beginning of the file.
+// CReportFileBase would let the write position wrap to the beginning of the file.
 TEST_F(SdkWriter, DataFileAtFourGibIsFull) {
   constexpr std::uint32_t kNearEnd = 0xFFFFFFFF - 20;
   files_.Make({kNearEnd, kNearEnd, 2, 9, 2, 0}, {0, 3}, "a\r\nb\r\n");

@@ -61,8 +61,8 @@ struct ReportRing {
     Put(index, 0, Bytes(&writer, sizeof writer));
   }
 
-  // The record in a slot: up to its line feed or a byte 0xFF, with which the end of the file ends it as well, and cut
-  // at its first NUL.
+  // The record in a slot: up to its line feed or a byte 0xFF, and cut at its first NUL. The end of the file reads as a
+  // byte 0xFF.
   std::string Read(std::uint32_t slot) const {
     std::uint32_t at = 0;
     if (index.size() >= 28 + 4 * std::size_t{slot}) std::memcpy(&at, &index[24 + 4 * std::size_t{slot}], 4);

@@ -1,7 +1,8 @@
 // qxctl: what operators and developers do with the provider module and with reports.
 //
 // The command line is parsed first and only chooses what to run; then tracing is set up, if it was asked for; then the
-// command runs. Whatever happens ends in one exit code (Status.h), data on standard output and words on standard error.
+// command runs. Every run ends with one exit code (Status.h). Data goes to standard output, messages go to standard
+// error.
 #include <fcntl.h>
 #include <unistd.h>
 

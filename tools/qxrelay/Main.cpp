@@ -1,7 +1,7 @@
 // qxrelay: carries reports from many hosts into a stream, and from there to collectors.
 //
-// The command line is read with the table and the parser of qxctl's area cli. What a command returns ends in one exit
-// code (tools/qxctl/cli/Status.h), data on standard output and words on standard error.
+// The command line is read with the table and the parser of qxctl's area cli. Every run ends with one exit code
+// (tools/qxctl/cli/Status.h). Data goes to standard output, messages go to standard error.
 #include <span>
 #include <string>
 

@@ -27,7 +27,7 @@ struct FoundReports {
   std::vector<UnlistedDirectory> unlisted;  // in the order of names
 };
 
-// Reports of which one file is missing are included. [any thread]
+// Reports with one missing file are included. [any thread]
 [[nodiscard]] FoundReports FindReports(const std::string& directory);
 
 // The same without subdirectories. [any thread]

@@ -144,7 +144,7 @@ std::string WithoutTrailingSlashes(std::string path) {
   return path;
 }
 
-// Of a copy, which has no writer. 0 or the error number.
+// Scans a copy, which has no writer. 0 or the error number.
 int ScanCopy(const std::string& base, int directory, StoreScan* scan) {
   FileBytes index(OpenForReading(IndexFileName(base), directory));
   int error = errno;

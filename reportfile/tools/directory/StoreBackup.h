@@ -2,7 +2,7 @@
 //
 // The backup is built in a directory next to the target under a name that ends in six random characters, synced, and
 // renamed at the end. A crash or a full disk therefore never leaves a partial target. A store that could not be copied
-// consistently is left out, and the result says so. Symbolic links are left out and named: whoever may write to a
+// consistently is left out, and the result says so. Symbolic links are left out and named: a user who may write to a
 // report directory could otherwise have any file copied. For the same reason everything is read and written by names in
 // open directories.
 #pragma once

@@ -195,7 +195,7 @@ class Copier {
     return std::nullopt;
   }
 
-  // The slots of the `appended` newest records and of the one before them, which may not have been counted yet.
+  // The slots of the `appended` newest records, and of the record before them.
   void CopyRecentSlots(const IndexHeader& header, std::uint32_t appended) {
     for (std::uint32_t younger = 0; younger <= appended && younger < header.highestIndex; ++younger) {
       const std::uint32_t slot = SlotOfRecent(header, younger);

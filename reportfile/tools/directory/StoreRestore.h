@@ -1,10 +1,10 @@
 // Restores a backup: first plans what it would replace, then replaces it file by file.
 //
 // Each file is written under a private name in the directory where it belongs, and synced. When all are written, they
-// are renamed one after the other. Until the first rename nothing has changed; no reader sees a partly written file.
-// Symbolic links among the files to replace, or among directories, refuse the restore: whoever may write to a report
-// directory could otherwise have any file replaced. For the same reason everything is read and written by names in open
-// directories.
+// are renamed one after the other. Until the first rename nothing has changed; no reader sees a partly written file. If
+// there is a symbolic link among the files to replace, or among directories, the restore is refused: a user who may
+// write to a report directory could otherwise have any file replaced. For the same reason everything is read and
+// written by names in open directories.
 #pragma once
 
 #include <cstdint>

@@ -242,7 +242,7 @@ void Rate(const std::string& directory, int seconds, std::size_t bytes) {
 
 // Reports number `begin` to `end` of all, by host and report: one record a second to each of them, for ever.
 [[noreturn]] void AppendForEver(const std::string& directory, int begin, int end, int reports) {
-  // The class below qx::Writer: that one searches all processes for another writer, for each report.
+  // CReportFileBase, because qx::Writer searches all processes for another writer of each report.
   std::vector<std::unique_ptr<CReportFileBase>> all;
   for (int i = begin; i < end; ++i) {
     const std::string host = directory + "/h" + std::to_string(i / reports);

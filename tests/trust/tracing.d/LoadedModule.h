@@ -15,8 +15,8 @@ void MakeReportDirectory();
 
 class LoadedModule {
  public:
-  // Whether the module could be loaded and has made its object, which a host has to check: without memory the object is
-  // missing. If this is false, nothing else may be called.
+  // Whether the module could be loaded and has made its object. A host must check the object, because it is missing
+  // without memory. If this is false, nothing else may be called.
   [[nodiscard]] bool Load();
   ~LoadedModule() { Unload(); }
   void Unload();

@@ -19,7 +19,7 @@ namespace qx::ctl {
 //   4000 values with 40 columns         => 40 columns of 100 values
 class Columns {
  public:
-  // Of data with points.
+  // `data` must have points.
   Columns(const ChartData& data, std::size_t columns_max);
 
   [[nodiscard]] std::size_t Count() const { return count_; }

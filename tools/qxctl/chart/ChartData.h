@@ -30,7 +30,7 @@ struct ChartData {
 
   // Whether there is any point.
   [[nodiscard]] bool HasPoints() const;
-  // Of all points, of which there is at least one.
+  // The lowest and the highest x of all points. There must be at least one point.
   [[nodiscard]] std::int64_t First() const;
   [[nodiscard]] std::int64_t Last() const;
   // The values of all lines.

@@ -159,7 +159,7 @@ class FieldScan {
     }
   }
 
-  // After "=". With blanks only after it, there is no value, unless a number follows.
+  // The value after "=". If there are blanks after the "=" but not before it, only a number is a value.
   //   "a=b c" => b    "a = b" => b    "a= 5" => 5    "a= b=c" => nothing
   void TakeValue(std::string_view name, bool has_blanks_before) {
     const std::size_t blanks = CountFront(rest_, IsBlank);

@@ -31,7 +31,7 @@ struct Moved {
   std::uint64_t written = 0;
 };
 
-// Of a line "NAME: 123"; 0 if it is missing.
+// The number in a line "NAME: 123"; 0 if there is no such line.
 std::uint64_t NumberAfter(const std::string& text, const char* name) {
   const std::size_t at = text.find(name);
   return at == std::string::npos ? 0

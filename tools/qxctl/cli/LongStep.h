@@ -15,7 +15,7 @@
 
 namespace qx::ctl {
 
-// From construction to destruction. Nothing may be printed in between.
+// The step lasts from construction to destruction. Nothing may be printed in between.
 class LongStep {
  public:
   // `what` is done: "checking Reports/load". `total` returns how many bytes have to be read, 0 if that is not known; it

@@ -13,7 +13,7 @@ namespace qx::ctl {
 // Writes to a temporary file next to the target and renames it to the target's name at Commit. A target that exists and
 // is not a regular file (a pipe, a terminal, a device) is written directly; for a terminal, ForTerminal masks the text.
 // A symbolic link is followed, and its target is replaced. The new file has the permissions of the replaced one,
-// without set-id bits, or those of the umask.
+// without set-id bits; if it replaces none, those that the umask leaves.
 //
 // A file or link of another user is refused, because that user would decide what others read or run. With `force` such
 // a file is replaced, and the new one gets its owner; such a link is still refused, because its owner can lead it

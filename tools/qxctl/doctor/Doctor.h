@@ -21,7 +21,7 @@ struct DoctorFinding {
   std::string command;    // what an operator can paste to see more or to repair it; empty if all is well
 };
 
-// By the code of a finding. [any thread]
+// The severity of a finding, from its code. [any thread]
 [[nodiscard]] Severity SeverityOf(std::string_view code);
 // "module", "registry", "reports", "traces", "limits"
 [[nodiscard]] const char* SectionOf(std::string_view code);
@@ -52,8 +52,8 @@ struct Space {
 };
 [[nodiscard]] Space SpaceFor(const std::string& directory);
 
-// Each adds its findings, or a line that all is well. The traces are first: the check of the module changes the trace
-// directory in the environment.
+// Each function adds its findings, or a line that all is well. CheckTraces comes first, because the check of the module
+// changes the trace directory in the environment.
 void CheckTraces(const DoctorPlaces& places, DoctorFindings& findings);
 void CheckModule(const DoctorPlaces& places, DoctorFindings& findings);
 void CheckRegistry(const DoctorPlaces& places, DoctorFindings& findings);

@@ -32,7 +32,7 @@ struct RecordFormatOptions {
 // The names of the formats in the order of RecordFormat.
 inline constexpr std::string_view kRecordFormatNames[] = {"text", "json", "csv"};
 
-// From a command with --format and --separator.
+// For a command with --format and --separator.
 RecordFormatOptions RecordFormatOptionsOf(const Values& values);
 
 // Writes the records of one output.

@@ -61,7 +61,7 @@ inline constexpr Parameter kRecordPrintParameters[] = {
     {.name = "--force", .help = "Also write to files of other users; a file keeps its owner"},
 };
 
-// From a command with kRecordPrintParameters.
+// For a command with kRecordPrintParameters.
 RecordPrintOptions RecordPrintOptionsOf(const Values& values);
 
 // kUsage for --separator without an option that uses it, and for too many fields in a chart. `prints_json`: records are

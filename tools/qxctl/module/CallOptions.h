@@ -87,7 +87,7 @@ inline constexpr Parameter kBlockParameters[] = {
      .is_list = true},
 };
 
-// From a command with kModuleParameters and kBlockParameters.
+// For a command with kModuleParameters and kBlockParameters.
 CallOptions CallOptionsOf(const Values& values);
 
 // Loads the module that the options name, with its traces apart from those of a service.

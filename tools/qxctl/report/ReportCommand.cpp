@@ -180,7 +180,8 @@ std::uint32_t ReadableSlots(const IndexHeader& header, const std::string& path) 
   return static_cast<std::uint32_t>(std::min<std::int64_t>(header.highestIndex, slots_in_file));
 }
 
-// The first record that may be in the slice: of the last ones alone, the others need not be read.
+// The first record that may be in the slice. If only the last records are requested, those before them need not be
+// read.
 std::uint32_t FirstInSlice(const Slice& slice, std::uint32_t slots) {
   if (!slice.last || slice.Filters() || *slice.last >= slots) return 0;
   return slots - static_cast<std::uint32_t>(*slice.last);

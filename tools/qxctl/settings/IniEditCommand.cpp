@@ -35,7 +35,7 @@ struct Options {
   std::optional<std::string> to;        // copy
 };
 
-// From the parameters that all three commands have.
+// Reads the parameters that all three commands have.
 Options OptionsOf(const Values& values) {
   Options options;
   options.edit = EditOptionsOf(values);

@@ -51,7 +51,7 @@ struct Options {
   std::optional<std::string> replace;  // import
 };
 
-// From the parameters that all three commands have.
+// Reads the parameters that all three commands have.
 Options OptionsOf(const Values& values) {
   Options options;
   options.source = RegistrySourceOf(values);

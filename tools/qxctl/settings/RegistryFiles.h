@@ -33,7 +33,7 @@ inline constexpr Parameter kRegistryParameters[] = {
      .excludes = {"--directory"}},
 };
 
-// From a command with kRegistryParameters.
+// For a command with kRegistryParameters.
 RegistrySource RegistrySourceOf(const Values& values);
 
 // Loads the tree of the file, or of the first good one of the directory. `path` is the loaded file.

@@ -23,7 +23,7 @@ inline constexpr Parameter kEditParameters[] = {
     {.name = "--json", .help = "Print as JSON"},
 };
 
-// From a command with kEditParameters and --force.
+// For a command with kEditParameters and --force.
 EditOptions EditOptionsOf(const Values& values);
 
 // Why the edit failed, and what to do about it.

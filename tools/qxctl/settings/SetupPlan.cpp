@@ -151,7 +151,8 @@ std::string RepairedBytes(const SetupPlaces& places, const SettingCommands& comm
   return WithoutCarriageReturns(*bytes);
 }
 
-// Adds the command that makes the settings name a usable report directory, if there is not one; sets `directory` to it.
+// Sets `directory` to the report directory of the settings. If they do not name a usable one, adds the command that
+// sets it.
 void AddSettings(const ReportSettings& settings, const SetupPlaces& places, const SettingCommands& commands,
                  std::vector<std::string>& needed, std::string& directory) {
   directory = settings.value;

@@ -44,7 +44,7 @@ struct SetupStep {
 // Whether the directory has any file that a load would try.
 [[nodiscard]] bool HasRegistry(const std::string& directory);
 
-// The commands that make an existing registry name a report directory, and make the directories. Empty: none is
+// The commands that make an existing registry name a report directory, and make the directories. Empty if nothing is
 // missing.
 [[nodiscard]] std::vector<std::string> CommandsFor(const SetupPlaces& places);
 

@@ -110,7 +110,7 @@ class Scanner {
     return false;
   }
 
-  // Digits after a point or comma, of which three count.
+  // Digits after a point or comma; only three count.
   void Fraction(int& milliseconds) {
     if (text_.size() < 2 || (text_[0] != '.' && text_[0] != ',') || !IsDigit(text_[1])) return;
     text_.remove_prefix(1);

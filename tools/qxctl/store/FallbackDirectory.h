@@ -6,8 +6,8 @@
 
 namespace qx::ctl {
 
-// kRefused if this process is root, the registry names no report directory, and root does not own "./Reports": whoever
-// made it would choose what root reads and writes. A missing directory is accepted.
+// kRefused if this process is root, the registry names no report directory, and root does not own "./Reports": the user
+// who made it would choose what root reads and writes. A missing directory is accepted.
 //
 // Threads: the only thread; the working directory changes for a moment.
 Status CheckFallbackDirectory();

@@ -38,7 +38,7 @@ inline constexpr Parameter kReportsOrAllParameters[] = {
     {.name = "--all", .help = "Every report of the report directory, also in subdirectories"},
 };
 
-// Of a command with kReportParameter.
+// For a command with kReportParameter.
 Status BasePathOf(const Values& values, std::string& base_path);
 
 // A report of a command line: what was typed, or its name with --all, and the path of its files without their endings.
@@ -52,7 +52,8 @@ struct ReportArguments {
   ExitCode code = ExitCode::kOk;  // the result of finding them: a subdirectory that cannot be listed is printed
 };
 
-// Of a command with kReportsParameter or kReportsOrAllParameters, in the given order. kUsage without a report.
+// The reports of a command with kReportsParameter or kReportsOrAllParameters, in the given order. kUsage without a
+// report.
 Status ReportsOf(const Values& values, Output& output, ReportArguments& arguments);
 
 // Makes the subdirectories of a name such as "disk/sda" in the directory, but not through another user's link. If one

@@ -19,7 +19,7 @@ Status FindReportDirectory(std::string& directory);
 bool MayBeReportName(const std::string& argument);
 
 // The base path of a report as a command line names it: a path if it has a "/", else a name below the report directory.
-// If no file of a report has that path, but a report below the report directory has that name, it is that report. An
+// If no file of a report has that path, but a report below the report directory has that name, that report is meant. An
 // ending of one of the two files is stripped, unless a report has the full name.
 //   "./load"    => "./load"                 "load.ind"  => "/srv/reports/load"
 //   "load"      => "/srv/reports/load"      "a/b.dat"   => "a/b", or "/srv/reports/a/b" if only that exists

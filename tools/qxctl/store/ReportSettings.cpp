@@ -61,7 +61,8 @@ std::string Joined(const std::string& above, const std::string& name) {
   return above.empty() ? name : above + "/" + name;
 }
 
-// The text of `name` or of a name near it, in the key at the end of `parts` from `first` on.
+// The text of the value `name`, in the key to which the path of `parts` from `first` on leads below `key`. Empty
+// without it.
 std::string ValueOfNearName(const CRegistryNode* key, const std::vector<std::string>& parts, std::size_t first,
                             std::string_view name) {
   for (std::size_t i = first; i < parts.size() && key != nullptr; ++i) key = registry::FindKey(*key, parts[i]);
@@ -87,7 +88,8 @@ void CheckPath(const CRegistryNode& tree, const std::string& path, std::string_v
   }
 }
 
-// Sets `text` to the string `name` of the key; what seems to be meant by that name becomes a mistake.
+// Sets `text` to the string `name` of the key. Otherwise adds mistakes: a value of that name that is not a string, or
+// values with a name near it.
 bool TakeString(const CRegistryNode* key, const std::string& path, std::string_view name, std::string& text,
                 std::vector<SettingMistake>& mistakes) {
   const FoundValue value = ValueIn(key, name);

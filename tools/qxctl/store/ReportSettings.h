@@ -17,7 +17,7 @@ inline constexpr std::string_view kFileRoot = "FileRoot";
 inline constexpr std::string_view kRootPointer = "Server Control";
 inline constexpr std::string_view kPointerKey =
     "HKEY_LOCAL_MACHINE/SYSTEM/CurrentControlSet/Control/UUID/C3681B60-0D26-11D3-8319-00A0C9B61E25";
-// As the pointer has it by default, without the hive.
+// The value that the pointer has by default, without the hive.
 inline constexpr std::string_view kDefaultRoot = "SOFTWARE/Dremlor/Management/Server Control";
 
 // The report directory that "qxctl setup" names if it is not given another one.

@@ -99,7 +99,7 @@ class Top {
     }
   }
 
-  // Until the screen is to be drawn again. False if the command ends.
+  // Waits until the screen is to be drawn again. False if the command ends.
   bool WaitOnScreen(Screen& screen) {
     for (;;) {
       char key = 0;

@@ -48,7 +48,7 @@ class TopReports {
   // Reads the state of all reports of the directory.
   void Poll(TopClock::time_point now);
 
-  // Of the last poll, in the order of names.
+  // The results of the last poll, in the order of names.
   [[nodiscard]] const std::vector<TopRow>& Rows() const { return rows_; }
   [[nodiscard]] const report::FoundReports& Found() const { return found_; }
   // The sum of the rates.

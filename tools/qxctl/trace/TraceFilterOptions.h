@@ -32,7 +32,7 @@ inline constexpr Parameter kTraceFilterParameters[] = {
      .choices = kTraceLevels},
 };
 
-// From a command with kTraceFilterParameters and options of a slice.
+// For a command with kTraceFilterParameters and options of a slice.
 inline Status TraceFilterOf(const Values& values, TraceFilter& filter) {
   if (Status status = SliceOf(values, filter.slice); !status.IsOk()) return status;
   return MakeFilter({values.Texts("--module"), values.Texts("--thread"), values.Text("--level")}, filter);

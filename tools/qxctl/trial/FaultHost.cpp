@@ -43,7 +43,7 @@ void FaultHost::Load() {
 }
 
 void FaultHost::Unload() {
-  if (library_ != nullptr) (void)dlclose(library_);  // a second call checks what it should have done
+  if (library_ != nullptr) (void)dlclose(library_);  // a failure shows in the calls after the next Load
   library_ = nullptr;
 }
 

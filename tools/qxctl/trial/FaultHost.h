@@ -12,7 +12,8 @@ namespace qx::ctl {
 using provider::RawBlock;
 
 // Threads: its functions may be called on any thread between Load and Unload.
-// Failure: a module that does not load or lacks a name ends the process with kHostFailed; it is a process of its own.
+// Failure: a module that does not load or lacks a name ends the process with kHostFailed. The host has a process of its
+// own.
 class FaultHost {
  public:
   static constexpr int kHostFailed = 77;

@@ -41,7 +41,7 @@ struct Rights {
 // A file of users. What was read and what is written differ only in the lines of the changed users.
 class UsersFile {
  public:
-  // Of an empty or missing file: one without users.
+  // `text` is the content of the file; an empty or missing one has no users.
   explicit UsersFile(std::string_view text);
 
   [[nodiscard]] bool Has(const std::string& name) const;

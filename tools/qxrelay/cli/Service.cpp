@@ -63,7 +63,7 @@ ServiceManager::ServiceManager() {
   if (!has_watchdog) next_ms_ = std::numeric_limits<std::int64_t>::max();
 }
 
-// Who is not watched by a service manager need not know that a message was not sent.
+// A message that was not sent matters only to a service manager.
 void ServiceManager::Ready(const std::string& status) { (void)sd_notify(0, ("READY=1\nSTATUS=" + status).c_str()); }
 void ServiceManager::Status(const std::string& status) { (void)sd_notify(0, ("STATUS=" + status).c_str()); }
 void ServiceManager::Reloading() { (void)sd_notify(0, "RELOADING=1"); }

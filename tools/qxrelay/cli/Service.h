@@ -21,7 +21,8 @@ class ServiceSignals {
 
   // Takes what has arrived. [owning thread]
   void Take();
-  // Whether the service is to end, or to read its settings again; the second is asked once. [owning thread]
+  // Whether the service is to end, or to read its settings again. The second result is true once for each request.
+  // [owning thread]
   [[nodiscard]] bool IsStopRequested() const { return is_stop_; }
   [[nodiscard]] bool TakeReload();
 

@@ -49,7 +49,7 @@ struct SendSettings {
   std::chrono::milliseconds spread{30000};   // starts and reconnects are spread over this time
   std::chrono::milliseconds timeout{5000};   // for an acknowledgement or a look-up
   std::chrono::milliseconds rescan{5000};    // how often new reports are searched for
-  std::size_t reports_max = 10'000;          // what is more is not sent
+  std::size_t reports_max = 10'000;          // reports above this number are not sent
 };
 
 inline constexpr std::uint32_t kSlotsMax = 0x3FFFFFFF;  // of a ring
@@ -59,7 +59,7 @@ struct ReceiveSettings {
   std::string name;                                 // of the consumer; empty: the user of [stream], or this machine
   std::string root = "/var/lib/qxrelay-collected";  // one directory for each host
   std::uint32_t slots = 10'000;                     // of the ring of a new report
-  std::size_t hosts_max = 10'000;                   // what is more is not created
+  std::size_t hosts_max = 10'000;                   // further hosts are not created
   std::size_t reports_max = 10'000;                 // of all hosts
   std::size_t host_reports_max = 1000;              // of one host
   std::chrono::milliseconds sync{1000};             // how often the file system is synced, and messages acknowledged

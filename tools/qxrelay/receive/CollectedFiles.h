@@ -1,7 +1,7 @@
 // The files of one report on a collector: the report, written with the writer of the SDK, and its base (ReportBase.h).
 //
-// The position is never kept in memory alone: it follows from what the files count and the base. So whoever kills the
-// receiver, whenever, finds the position again that the files show.
+// The position is never in memory alone: it follows from the count in the files and the base. So after a kill at any
+// moment, the next receiver finds the position in the files.
 #pragma once
 
 #include <cstdint>
@@ -36,8 +36,8 @@ class CollectedFiles {
   // Whether the report has a record at all. [owning thread]
   [[nodiscard]] bool IsEmpty() const { return writer_.RecordCount() == 0; }
 
-  // From now on the next record has the number `base.next`; generation and count are filled in. It must be on the disk
-  // before the next Append. [owning thread]
+  // From now on the next record has the number `base.next`; generation and count are filled in. The base must be on the
+  // disk before the next Append. [owning thread]
   [[nodiscard]] CollectorFault WriteBase(ReportBase base);
   // Says that the files contradict the messages, until somebody changes them. [owning thread]
   [[nodiscard]] CollectorFault WriteContradiction();

@@ -23,7 +23,7 @@ constexpr std::size_t kMadeMax = 100'000;
 constexpr std::string_view kNamesSuffix = ".names";
 constexpr std::string_view kAboutDirectory = "about";
 
-// Each of them may end without anything being done to the report.
+// Failures of the system that may end without any action on the report.
 constexpr std::array kSystemErrors = {ENOSPC, EDQUOT, EIO, EROFS, ENOMEM, EMFILE, ENFILE, ENOBUFS, EAGAIN, ESTALE};
 
 std::string ErrorText(const std::string& what, const std::string& path, int error) {

@@ -8,10 +8,9 @@
 //                             other                                            => wait
 //   next is before first      nothing of the report is before it               => take: what is between is lost
 //                             other                                            => wait: an earlier message is missing
-//   next is first or later    its records before `next` are those of the file  => take: the others
-//                             one of them is another                           => another program, or a power failure,
-//                             has
-//                                                                                 changed the report
+//   next is first or later    its records before `next` are those of the file  => take: only its records from `next` on
+//                             one of them is another                           => contradicted: another program, or a
+//                                                                                 power failure, changed the report
 //
 // "Nothing of the report is before it" means that no message of the report before this one will come, for the first
 // time or again. Only that proves that records are lost, because after a restart messages come in another order.
@@ -58,7 +57,7 @@ struct Decision {
   std::uint64_t repeats = 0;  // records that the report has already
   std::size_t skip = 0;       // how many texts are not written, from the first one on
 
-  // Whether the position is another one than the records in the file show, before the first record is written.
+  // Whether the next record has another number than the files and their base show: then a new base is written first.
   [[nodiscard]] bool NeedsBase() const { return begins || missing > 0 || gap > 0; }
 
   friend bool operator==(const Decision&, const Decision&) = default;

@@ -1,7 +1,8 @@
 // What a receiver has done since its start, for all reports and for each: plain data for those who show it.
 //
-// The receiver returns it as values (Receiver::Reports, Receiver::Counters). The one who shows it decides how often,
-// and where it is kept: <root>/.qxrelay/ belongs to the receiver of a root, and no host can have that name.
+// The receiver returns it as values (Receiver::Reports, Receiver::Counters). The caller decides how often to show it,
+// and where to keep it. <root>/.qxrelay/ is a place for it: it belongs to the receiver of the root, and no host can
+// have that name.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +26,7 @@ enum class CollectedState : std::uint8_t {
 // Since the start of the receiver, except where it says otherwise.
 struct CollectedCounters {
   std::uint64_t records = 0;      // written
-  std::uint64_t messages = 0;     // handled: written, or nothing of them was missing
+  std::uint64_t messages = 0;     // handled: written, or everything in them was there already
   std::uint64_t bytes = 0;        // of the written records
   std::uint64_t gap_records = 0;  // counted as lost, for any reason
   std::uint64_t missing = 0;      // of them, because neither the stream nor the report has them any more
@@ -55,7 +56,7 @@ struct CollectedReport {
   CollectedCounters counters;
 };
 
-// Of the receiver as a whole.
+// The counters of the receiver as a whole.
 struct ReceiverCounters {
   std::uint64_t messages = 0;      // fetched
   std::uint64_t acknowledged = 0;  // messages

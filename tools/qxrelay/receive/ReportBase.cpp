@@ -87,7 +87,7 @@ FoundBase FindBase(const BaseLines& lines, std::uint32_t count) {
   const std::optional<ReportBase>& newest = lines[is_second_later ? 1 : 0];
   const std::optional<ReportBase>& older = lines[is_second_later ? 0 : 1];
   if (!newest.has_value()) return {};
-  if (newest->incarnation == 0) {  // who changes the files again takes the contradiction away
+  if (newest->incarnation == 0) {  // a later change of the files ends the contradiction
     return {.fit = newest->count == count && count != 0 ? BaseFit::kContradicted : BaseFit::kNone, .base = *newest};
   }
   for (const std::optional<ReportBase>& base : {newest, older}) {

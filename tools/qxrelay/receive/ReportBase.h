@@ -6,8 +6,8 @@
 // in a crash, files and base together show a position that was true at some time, and everything after it comes again.
 //
 // A base file is next to the files of its report and has two lines of kBaseLineBytes. A new base takes the place of the
-// older line: the other one stays whole. If power was lost before the records ahead of the newest base were on the
-// disk, the older line still says what the files have.
+// older line: the other one stays whole. After a loss of power, the files may lack the records before the newest base;
+// the older line then says what the files have.
 //
 //   qxrelay-base 1 GENERATION INCARNATION COUNT NEXT SEQUENCE STREAM LOST CHECK
 //
@@ -52,7 +52,7 @@ using BaseLines = std::array<std::optional<ReportBase>, 2>;
 enum class BaseFit : std::uint8_t {
   kNone,          // there is no base: nothing is known of the records in the files
   kFits,          // `base` is in force, `next` follows from it
-  kShrunk,        // the files have fewer records than any base says; `base` says what was in front of them
+  kShrunk,        // the files have counted fewer records than any base says; `base` and `next` are the newest base
   kContradicted,  // the files are as they were when they contradicted a message
 };
 

@@ -210,7 +210,7 @@ CollectorFault ReportCollector::OpenFiles() {
   return {};
 }
 
-// Of files that are open: whether they are still those that this receiver has left.
+// Checks whether open files are still as this receiver has left them.
 CollectorFault ReportCollector::ContinueFiles() {
   if (needs_confirm_) {
     if (CollectorFault fault = files_.Confirm(); fault.Failed()) return fault;

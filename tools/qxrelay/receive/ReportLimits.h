@@ -1,7 +1,8 @@
 // How many hosts and reports a collector creates: a host that makes up names must not fill its disk or memory.
 //
-// What is below the root at the start counts and goes on, whatever the limits are. A message of another host or report
-// that would be over a limit is acknowledged and not written; it is counted here, and Findings says so.
+// Hosts and reports that are below the root at the start count, and continue whatever the limits are. A message of
+// another host or report that would be over a limit is acknowledged and not written; it is counted here, and Findings
+// says so.
 #pragma once
 
 #include <cstddef>

@@ -14,7 +14,7 @@
 //   incarnation, not proven                          what it had, and receivers drop what they have
 //   none, or contradicted and    gone                after the state: what is between was overwritten, a gap
 //   of another incarnation
-//   gone                         none, or gone       after the message, likewise
+//   gone                         none, or gone       after the message: what is between was overwritten, a gap
 //   anything else                anything else       in a new incarnation: after the last 32 sent records if the ring
 //                                                    has them, otherwise with the oldest record that can be sent
 //
@@ -61,14 +61,14 @@ class RecordHashes {
   RecordHashes(const RecordHashes&) = delete;
   RecordHashes& operator=(const RecordHashes&) = delete;
 
-  // Of `count` records, the first of which has this age (0: the oldest in the ring). Fewer if they cannot be read.
+  // The hashes of `count` records from this age on (0: the oldest in the ring). Fewer if they cannot be read.
   [[nodiscard]] virtual std::vector<std::uint64_t> Hashes(std::uint64_t age, std::uint64_t count) = 0;
 };
 
 enum class Proof : std::uint8_t {
   kNone,          // there is no mark
   kProven,        // the ring has the record before, with this hash
-  kGone,          // the ring has not the record any more; its count does not contradict the mark
+  kGone,          // the ring no longer has the record, and its count does not contradict the mark
   kContradicted,  // it is another store
 };
 

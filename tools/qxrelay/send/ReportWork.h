@@ -25,7 +25,7 @@ class ReportWork {
   // `report` is a name with a subject (TextOfSubject), `owner` the number in its tokens.
   ReportWork(SendContext& context, std::string report, std::size_t owner);
 
-  // Does what is due. Next time from Wake on, or after a reply. [owning thread]
+  // Does what is due. To be called again at Wake, or after a reply. [owning thread]
   void Step(TimeMs now);
   [[nodiscard]] TimeMs Wake() const { return wake_; }
 
@@ -99,7 +99,7 @@ class ReportWork {
   std::string path_;
   ReportSender sender_;
   RunReader reader_;
-  RecordRange range_;  // of the last look
+  RecordRange range_;  // of the last check
   std::optional<Seen> seen_;
   std::optional<Mark> newest_;   // of the newest message
   std::optional<HeldRun> held_;  // records after the gap that is in flight

@@ -30,9 +30,9 @@ std::int64_t WrittenEnd(const IndexHeader& header) {
   return std::int64_t{header.writePosition} + static_cast<std::int64_t>(report::kEndMarker.size());
 }
 
-// The records of this header that a writer may be replacing, or has replaced and not counted yet. All slots that lead
-// to where a batch in flight would be count, also those of old records that look so by accident: a record is never sent
-// under the number of another one.
+// The records of this header that a writer may be replacing, or has replaced and not counted yet. A slot counts if it
+// leads to the place of a batch in flight, even if it is the slot of an old record and leads there by accident.
+// Otherwise a record could be sent under the number of another one.
 std::uint32_t UnsafeRecords(CReportFileBase& store) {
   const IndexHeader& header = store.header();
   if (!IsFull(header)) return 0;
@@ -125,8 +125,7 @@ RunReader::Piece RunReader::PieceFrom(const RecordRange& range, std::uint64_t fi
   return piece;
 }
 
-// Where the record ends that has `offset`, and whose successor has this age: where that one begins, or where its round
-// ended.
+// The end of the record at `offset`: where the next record, which has this age, begins, or where the round ended.
 std::int64_t RunReader::EndAfter(std::uint64_t age, std::uint32_t offset) {
   const IndexHeader& header = view_.header;
   if (age >= header.highestIndex) return header.writePosition != 0 ? header.writePosition : header.fileEnd;

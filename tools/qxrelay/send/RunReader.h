@@ -47,9 +47,9 @@ class RunReader final : public RecordHashes {
   [[nodiscard]] int Open();
   [[nodiscard]] const StoreView& View() const { return view_; }
 
-  // Reads records from number `first` on, which is in Sendable of `range`, as numbered by the last Open. Ends where the
-  // ring or the data file wraps, and before a record with which the texts would have more than `bytes_max`; one record
-  // is read whatever its length. If the ring has overwritten the first ones meanwhile, the run begins later.
+  // Reads records from number `first` on, which is in Sendable of `range`. The numbers are those of the last Open. Ends
+  // where the ring or the data file wraps, and before a record with which the texts would have more than `bytes_max`;
+  // one record is read whatever its length. If the ring has overwritten the first ones meanwhile, the run begins later.
   // [owning thread]
   [[nodiscard]] RecordRun Read(const RecordRange& range, std::uint64_t first, std::size_t bytes_max);
 

@@ -76,7 +76,7 @@ struct SendContext {
   int look_ups_free = 4;        // at once
   std::size_t kept_bytes = 0;   // of messages in flight, and of records that are kept for the next message
 
-  // A token that leads back to who used it.
+  // A token that leads a reply back to its owner.
   [[nodiscard]] std::uint64_t NewToken(std::size_t owner) { return ++last_token << kOwnerBits | owner; }
   [[nodiscard]] static std::size_t OwnerOf(std::uint64_t token) { return token & ((1U << kOwnerBits) - 1); }
 };

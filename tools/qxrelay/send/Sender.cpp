@@ -137,7 +137,8 @@ void Sender::OnReply(TimeMs now, const StreamReply& reply) {
   Queue(owner - 1);
 }
 
-// The message with the labels is sent after the first look: an older sender must find it only if this one may send.
+// The message with the labels is sent after the first check for other senders: an older sender must find it only if
+// this one may send.
 void Sender::OnRival(TimeMs now, Rival rival) {
   if (rival != Rival::kNone && context_.takes_over) {
     if (watch_.Session() >= context_.state.Identity().session) {
@@ -146,7 +147,7 @@ void Sender::OnRival(TimeMs now, Rival rival) {
     rival = Rival::kNone;
   }
   if (rival == Rival::kNone) {
-    // Its time differs each time, so it is made again only if the stream has not got ours.
+    // Each message has its own time, so it is made again only if the stream does not have ours.
     const bool is_stored = about_.IsSet() && watch_.Session() == context_.state.Identity().session;
     if (!is_stored) about_.Set(now, AboutMessage());
     return;
@@ -283,7 +284,7 @@ std::string Sender::Problem() const {
   return watch_.IsUnanswered() ? SilenceText() : "";
 }
 
-// A server does not answer who asks for a message of a stream that it does not have.
+// A server does not answer a request for a message of a stream that it does not have.
 std::string Sender::SilenceText() const {
   return "the servers do not answer: is there a stream " + context_.stream_settings.name +
          " (\"qxrelay stream create\"), does it have a leader, and may this host ask for its own newest messages?";

@@ -64,7 +64,7 @@ class Sender {
         : work(context, report, owner), names(context, names_subject, owner) {}
   };
 
-  // The queue has the report when it wants to be stepped. To be called after whatever changes that.
+  // Puts the report into the queue at the time of its next step. To be called after whatever changes that time.
   void Queue(std::size_t index);
   void QueueAll();
   void StepDue(TimeMs now);

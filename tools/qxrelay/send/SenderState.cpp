@@ -172,7 +172,7 @@ std::optional<std::string> SenderState::BeginSession(std::uint64_t session) {
   return WriteWhole(directory_ + "/session", std::to_string(identity_.session) + "\n");
 }
 
-// A long token is no file name: then a hash is, and the file names the report.
+// A token that is too long for a file name is replaced by a hash. The file contains the report's name.
 std::string SenderState::PathOf(const std::string& report) const {
   const std::string token = TokenOf(report);
   const bool fits = token.size() <= kFileNameBytesMax;

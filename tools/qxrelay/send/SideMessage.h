@@ -42,7 +42,7 @@ class SideMessage {
     due_ = now + context_.times.heartbeat;
   }
 
-  // Nothing that was sent before will be answered. [owning thread]
+  // The replies to earlier requests will not come. [owning thread]
   void Disconnected(TimeMs now) {
     if (token_ != 0) Failed(now);
   }

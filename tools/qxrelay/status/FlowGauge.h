@@ -21,8 +21,8 @@ class FlowGauge {
   // Records a second over the last minute, or since the first count; unset until a second has passed. [owning thread]
   [[nodiscard]] std::optional<double> Rate(std::int64_t now) const;
 
-  // How long ago record `next` was not there yet, for the last time that this is known: its age, or a little more. 0 if
-  // it is not there. If the first count had it already, the time since that count: its age, or less. [owning thread]
+  // The age of record `next`, or a little more: the time since the last count that did not have it. If even the first
+  // count had it, the time since that count, which is its age or less. 0 if the record is not there. [owning thread]
   [[nodiscard]] std::int64_t LagMs(std::int64_t now, std::uint64_t next) const;
 
  private:

@@ -1,7 +1,7 @@
 // The flow of a service, and the newest numbers of chosen reports, as metrics.
 //
-// A name of a report or a field that is not UTF-8 cannot be a label. Its series are left out, as those are that exceed
-// the limit: reports come before numbers, both in the order of names. How many were left out is a metric.
+// A name of a report or a field that is not UTF-8 cannot be a label. Its series are left out, like those above the
+// limit: reports come before numbers, both in the order of names. How many were left out is a metric.
 #pragma once
 
 #include <cstddef>

@@ -49,7 +49,7 @@ class MetricsService {
   std::mutex lock_;  // of the flow
   std::shared_ptr<const ServiceFlow> flow_;
 
-  // Of the server's thread.
+  // Used by the server's thread only.
   std::shared_ptr<const ServiceFlow> text_flow_;
   std::shared_ptr<const std::string> text_;
 

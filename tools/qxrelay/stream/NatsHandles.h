@@ -38,8 +38,8 @@ struct Handlers {
   void* closure = nullptr;
 };
 
-// The options of every connection: servers, TLS and credentials of the settings. The library never reconnects and so
-// never buffers: who owns a connection makes a new one. Unset: `options` is made. [any thread]
+// The options of every connection: servers, TLS and credentials of the settings. The library never reconnects, and so
+// never buffers: the owner of a connection makes a new one. Unset: `options` is made. [any thread]
 [[nodiscard]] std::optional<std::string> MakeOptions(const StreamSettings& settings, const Handlers& handlers,
                                                      Options& options);
 

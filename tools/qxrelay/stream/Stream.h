@@ -83,7 +83,7 @@ struct StreamMessage {
   std::string receipt;          // for Acknowledge
 };
 
-// Of the stream and of the consumer, at one moment.
+// The state of the stream and of the consumer, at one moment.
 struct ConsumerState {
   std::uint64_t first = 0;         // sequence of the first message that the stream still has, or of the next one
   std::uint64_t acknowledged = 0;  // no message up to this sequence will come again
@@ -93,7 +93,7 @@ struct ConsumerState {
   friend bool operator==(const ConsumerState&, const ConsumerState&) = default;
 };
 
-// The receiver's side: a durable consumer of which messages are fetched, and acknowledged one by one.
+// The receiver's side: a durable consumer, whose messages are fetched, and acknowledged one by one.
 //
 // Threads: one thread. Owns: the connection. Failure: a text for the operator.
 class ConsumeStream {

@@ -7,7 +7,7 @@
 
 namespace qx::ctl {
 
-// In one line, without a line end. Bytes that are not UTF-8 become U+FFFD.
+// The document in one line, without a line end. Bytes that are not UTF-8 become U+FFFD.
 [[nodiscard]] std::string JsonLine(const Json& document);
 
 // The same with a line end, and with the control characters masked that JSON allows and a terminal acts on.

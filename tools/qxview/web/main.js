@@ -1,0 +1,99 @@
+// Starts the pages: opens a session with the token of the address, builds the frame, and shows the view of the address.
+
+import { openSession } from "./api.js";
+import { prepareLibrary } from "./chart.js";
+import { Frame } from "./frame.js";
+import { showHealth } from "./health.js";
+import { showLogin, tokenIn } from "./login.js";
+import { showMissing } from "./missing.js";
+import { showOverview } from "./overview.js";
+import { showReport } from "./report.js";
+import { formatRoute, parseRoute } from "./route.js";
+import { showTraces } from "./traces.js";
+
+const views = { overview: showOverview, report: showReport, traces: showTraces, health: showHealth, missing: showMissing };
+
+class Pages {
+  constructor() {
+    this.frame = null;
+    this.view = null;
+    this.route = parseRoute(location.hash);
+    window.addEventListener("hashchange", () => this.follow());
+  }
+
+  async start() {
+    const problem = await this.useToken();
+    if (problem === null) this.show();
+    else this.logIn(problem);
+  }
+
+  // The token leaves the address before anything else happens. null: there was none, or it was accepted.
+  async useToken() {
+    if (!location.hash.startsWith("#token=")) return null;
+    const token = tokenIn(location.hash);
+    this.replace(parseRoute(""));
+    try {
+      await openSession(token);
+      return null;
+    } catch (error) {
+      return error.message;
+    }
+  }
+
+  logIn(problem) {
+    this.leave();
+    this.frame = null;
+    showLogin(document.body, problem, () => this.show());
+  }
+
+  leave() {
+    this.view?.close();
+    this.view = null;
+  }
+
+  show() {
+    this.leave();
+    this.frame ??= new Frame(document.body, this);
+    this.frame.enter(this.route);
+    this.view = views[this.route.view]({ root: this.frame.content, route: this.route, frame: this.frame, pages: this });
+  }
+
+  // A changed address of the same view keeps the view, which takes over what has changed.
+  async follow() {
+    if (location.hash.startsWith("#token=")) {
+      const problem = await this.useToken();
+      if (problem !== null) this.logIn(problem);
+      else this.show();
+      return;
+    }
+    const before = this.route;
+    this.route = parseRoute(location.hash);
+    if (!this.frame) return;
+    if (!this.view || before.view !== this.route.view || before.report !== this.route.report) {
+      this.show();
+      this.frame.focusContent();
+    } else {
+      this.frame.update(this.route);
+      this.view.update(this.route);
+    }
+  }
+
+  // Goes to an address of this view: as a new entry of the history, or in place of the current one.
+  go(route) {
+    location.hash = formatRoute(route);
+  }
+
+  replace(route) {
+    history.replaceState(null, "", formatRoute(route));
+    this.route = route;
+    this.frame?.update(route);
+    this.view?.update(route);
+  }
+
+  sessionEnded() {
+    this.logIn("There is no session in this browser, or it has ended.");
+  }
+}
+
+if (globalThis.Dygraph) prepareLibrary();
+new Pages().start();
