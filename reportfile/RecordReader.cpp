@@ -19,7 +19,7 @@ namespace {
 // copying.
 constexpr std::size_t kDataWindowBytes = std::size_t{64} * 1024;
 constexpr std::size_t kSlotWindowSlots = 8192;
-constexpr std::size_t kCheckedSlots = 2048;
+constexpr std::size_t kCheckedSlots = 4096;
 
 // What is read at least when the length of a record, or the number of the next requested slots, is unknown.
 constexpr std::size_t kRecordGuessBytes = 4096;
@@ -28,8 +28,10 @@ constexpr std::size_t kSlotGuessSlots = 256;
 // A run of at least this many bytes is read directly into the caller's text; a shorter one may be in the window.
 constexpr std::size_t kDirectRunBytesMin = kRecordGuessBytes;
 
-// After so much text the slots are checked.
-constexpr std::size_t kBatchBytes = std::size_t{256} * 1024;
+// A run is at most this long, so that it stays in the processor's caches; after three quarters of it the slots are
+// checked, so that most runs are a batch of their own.
+constexpr std::size_t kRunBytesMax = std::size_t{256} * 1024;
+constexpr std::size_t kBatchBytes = kRunBytesMax / 4 * 3;
 
 constexpr int kSingleReadsMax = 3;
 
@@ -326,7 +328,7 @@ RecordReader::Batch RecordReader::TakeBatch(std::span<const std::uint32_t> offse
   Batch batch;
   while (batch.next == Piece::kTaken && batch.count < offsets.size() && out->size() - size_before < bytes_max) {
     const std::size_t gathered = out->size() - size_before;
-    const std::size_t run_bytes_max = std::min(kDataWindowBytes, limits.enough_bytes - gathered);
+    const std::size_t run_bytes_max = std::min(kRunBytesMax, limits.enough_bytes - gathered);
     const std::span<const std::uint32_t> rest = offsets.subspan(batch.count);
     const std::size_t run = RisingRecords(rest, std::min(LongestThatFits(*out, limits.gathered_max), run_bytes_max));
     if (run > 0 && AppendWhole(rest.first(run + 1), out)) {
@@ -363,16 +365,17 @@ bool RecordReader::AppendWhole(std::span<const std::uint32_t> offsets, std::stri
   return true;
 }
 
-// The same for a long run, which is read directly to the end of `out`.
+// The same for a long run, which is read directly to the end of `out`. The new bytes are not filled with zeros first.
 bool RecordReader::ReadWhole(std::span<const std::uint32_t> offsets, std::string* out) {
   const std::size_t size_before = out->size();
   const std::size_t size = offsets.back() - offsets.front();
-  out->resize(size_before + size);
-  char* const to = out->data() + size_before;
-  const file::Progress progress = ReadAt(store_.data_file_, offsets.front(), to, size);
-  if (progress.bytes == size && HoldsWholeRecords({to, size}, offsets)) return true;
-  out->resize(size_before);
-  return false;
+  out->resize_and_overwrite(size_before + size, [&](char* text, std::size_t) noexcept {
+    char* const to = text + size_before;
+    const file::Progress progress = ReadAt(store_.data_file_, offsets.front(), to, size);
+    const bool is_whole = progress.bytes == size && HoldsWholeRecords({to, size}, offsets);
+    return is_whole ? size_before + size : size_before;
+  });
+  return out->size() > size_before;
 }
 
 // Takes the records at rising `offsets` one by one, up to the first that cannot be taken.
