@@ -236,6 +236,34 @@ void TransferLimit(benchmark::State& state) {
   }
 }
 
+// The system calls of a transfer and the memory of its replies, and nothing else: each chunk is read into memory that
+// is kept, its slots are read, and the chunk is copied into an allocated reply.
+void TransferBareCalls(benchmark::State& state) {
+  WriteBenchReport();
+  const std::string base = ReportDirectory() + "/bench";
+  std::vector<char> chunk(kChunkBytes);
+  std::vector<std::uint32_t> slots(kChunkBytes / (kRecordBytes + 2));
+  for (auto _ : state) {
+    const int data = open((base + ".dat").c_str(), O_RDONLY | O_CLOEXEC);
+    const int index = open((base + ".ind").c_str(), O_RDONLY | O_CLOEXEC);
+    for (std::size_t at = 0; at < kRingBytes; at += kChunkBytes) {
+      const std::size_t bytes = std::min(kChunkBytes, kRingBytes - at);
+      const std::size_t slot_bytes = bytes / (kRecordBytes + 2) * sizeof(std::uint32_t);
+      const auto slot_at = static_cast<off_t>(at / (kRecordBytes + 2) * sizeof(std::uint32_t));
+      if (pread(data, chunk.data(), bytes, static_cast<off_t>(at)) != static_cast<ssize_t>(bytes) ||
+          pread(index, slots.data(), slot_bytes, slot_at) != static_cast<ssize_t>(slot_bytes))
+        state.SkipWithError("read");
+      void* reply = std::malloc(bytes);
+      if (reply != nullptr) std::memcpy(reply, chunk.data(), bytes);
+      benchmark::DoNotOptimize(reply);
+      benchmark::ClobberMemory();
+      std::free(reply);
+    }
+    close(index);
+    close(data);
+  }
+}
+
 constexpr char kWhatRequest[] = "<What/>";
 
 void WhatQx(benchmark::State& state) {
@@ -274,6 +302,7 @@ BENCHMARK(TransferStdio)->Name("transfer/stdio_per_record")->Unit(benchmark::kMi
 #if defined(QX_HAVE_LMDB) && defined(QX_HAVE_PUGIXML)
 BENCHMARK(TransferLmdb)->Name("transfer/lmdb_pugixml")->Unit(benchmark::kMillisecond);
 #endif
+BENCHMARK(TransferBareCalls)->Name("transfer/bare_calls")->Unit(benchmark::kMillisecond);
 BENCHMARK(TransferLimit)->Name("transfer/limit")->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(TransferOnThreads, two, 2)
     ->Name("transfer_on_two_threads/qx")
