@@ -1,149 +1,44 @@
 #!/usr/bin/env python3
-"""Runs every benchmark row in a process of its own and prints the tables of docs/performance.md; with --plot it also draws
-how cost grows.
-
-A row is TASK/WHO. What a task's rows become depends on its name:
-  grow_SHAPE/SIZE    how much more ten times as much costs (linear work: ten times)
-  threads_WORK/COUNT how much more work so many threads do in the same time (real time; everything else is CPU time)
-  memory_WHAT/qx, and every row with counters: the counters
-  any other          WHO is qx, a peer, or limit (the bare system calls and copies for the same bytes): WHO's time in terms of ours
-Rows of one task run interleaved, several rounds; the median counts.
-"""
+"""Runs the benchmark programs of a directory and prints a table of each kind of row; see bench_run.py for the rows."""
 import argparse
-import collections
 import json
-import os
 import pathlib
-import platform
 import re
-import statistics
 import subprocess
 import sys
 
-ROUNDS = 5
-GROWTH_ROUNDS = 3
-SECONDS = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
-STANDARD_KEYS = {
-    "name", "family_index", "per_family_instance_index", "run_name", "run_type", "repetitions", "repetition_index", "threads",
-    "iterations", "real_time", "cpu_time", "time_unit", "items_per_second", "bytes_per_second"}
-
-Row = collections.namedtuple("Row", "program name")
-Result = collections.namedtuple("Result", "seconds counters")
+import bench_page
+import bench_run
+from bench_aims import aim_of, verdict
 
 
-def task_of(name):
-    return name.split("/")[0]
+def print_ratio(task, part, raw):
+    for who, spread in part["values"].items():
+        micro = f" ({part['seconds'][who].median * 1e6:.2f} us)" if raw else ""
+        print(f"| {task} | {who} | {bench_page.spread_text(spread)}{micro} | {bench_page.verdict_text(task, who, spread)} |")
+    if raw:
+        print(f"| {task} | qx | ({part['seconds']['qx'].median * 1e6:.2f} us) | |")
+    if part.get("instructions"):
+        print(f"| {task} | instructions | {bench_page.instructions_text(part['instructions'])} | |")
 
 
-def who_of(name):
-    return name.split("/")[1]
+def print_part(task, part, raw):
+    """The lines of one task."""
+    if "growth" in part:
+        steps = ", ".join(f"{factor:.2f} to {size:,}" for size, factor in part["growth"])
+        print(f"| {task} | doubling costs | {steps} | |")
+    elif "seconds" in part:
+        print_ratio(task, part, raw)
+    else:
+        for who, spread in part["values"].items():
+            print(f"| {task} | {who} | {bench_page.spread_text(spread)} | {bench_page.verdict_text(task, who, spread)} |")
+    sys.stdout.flush()
 
 
-def is_growth(task):
-    return task.startswith("grow_")
-
-
-def is_threads(task):
-    return task.startswith("threads_")
-
-
-def is_counted(task):
-    return task.startswith("memory_") or task.endswith("_faults")
-
-
-def tasks_of(directory, regex):
-    """The rows of each task whose name matches, in the order of the programs."""
-    tasks = {}
-    for program in sorted(pathlib.Path(directory).glob("*_bench")):
-        listed = subprocess.run([program, "--benchmark_list_tests"], capture_output=True, text=True, check=True).stdout
-        for name in listed.split():
-            if re.search(regex, task_of(name)):
-                tasks.setdefault(task_of(name), []).append(Row(program, name))
-    return tasks
-
-
-def run_row(row):
-    """Seconds of one iteration, and the row's counters. A row that also measures other processes reports its time itself."""
-    command = [row.program, f"--benchmark_filter=^{re.escape(row.name)}$", "--benchmark_format=json"]
-    if is_growth(task_of(row.name)):
-        command.append("--benchmark_min_time=0.1")
-    out = subprocess.run(command, capture_output=True, text=True, check=True).stdout
-    result = json.loads(out)["benchmarks"][0]
-    if result.get("error_occurred"):
-        raise SystemExit(f"{row.name}: {result['error_message']}")
-    clock = "real_time" if row.name.endswith(("/manual_time", "/real_time")) else "cpu_time"
-    counters = {key: value for key, value in result.items() if key not in STANDARD_KEYS and isinstance(value, float)}
-    return Result(result[clock] * SECONDS[result["time_unit"]], counters)
-
-
-def measure(task, rows):
-    """The median of each row, by WHO."""
-    samples = {row: [] for row in rows}
-    for _ in range(GROWTH_ROUNDS if is_growth(task) else ROUNDS):
-        for row in rows:
-            samples[row].append(run_row(row))
-    medians = {}
-    for row, results in samples.items():
-        seconds = statistics.median(result.seconds for result in results)
-        counters = {key: statistics.median(r.counters[key] for r in results) for key in results[0].counters}
-        medians[who_of(row.name)] = Result(seconds, counters)
-    return medians
-
-
-def print_head(title, *columns):
-    print(f"\n{title}\n\n| {' | '.join(columns)} |\n|{'---|' * len(columns)}")
-
-
-def section(tasks, belongs, title, *columns):
-    """Prints the head of a table, and measures one by one the tasks that belong to it."""
-    mine = [task for task in tasks if belongs(task)]
-    if mine:
-        print_head(title, *columns)
-    for task in mine:
-        yield task, measure(task, tasks[task])
-        sys.stdout.flush()
-
-
-def print_ratios(tasks, raw):
-    def is_ratio(task):
-        return not (is_growth(task) or is_threads(task) or is_counted(task))
-
-    for task, medians in section(tasks, is_ratio, "Time", "task", "who", "time of who / time of qx"):
-        for who, result in medians.items():
-            if who == "qx" and not raw:
-                continue
-            micro = f" ({result.seconds * 1e6:.2f} us)" if raw else ""
-            print(f"| {task} | {who} | {result.seconds / medians['qx'].seconds:.2f}{micro} |")
-
-
-def print_counters(tasks):
-    for task, medians in section(tasks, is_counted, "Memory and page faults", "task", "what", "number"):
-        for key, value in medians["qx"].counters.items():
-            print(f"| {task} | {key.replace('_', ' ')} | {value:,.0f} |" if value >= 1 else f"| {task} | {key} | {value:.2f} |")
-
-
-def print_threads(tasks):
-    """{task: {threads: how much of one thread's work}}"""
-    drawn = {}
-    for task, medians in section(tasks, is_threads, "Threads", "task", "threads", "work in the time of one thread"):
-        one = medians["1"].seconds
-        drawn[task] = {int(who): int(who) * one / result.seconds for who, result in medians.items()}
-        for count, work in drawn[task].items():
-            print(f"| {task} | {count} | {work:.2f} |")
-    return drawn
-
-
-def print_growth(tasks):
-    """{task: {size: the cost of a piece in terms of its cost at the smallest size}}"""
-    drawn = {}
-    columns = ["task", "1,000 to 10,000", "to 100,000", "to 1,000,000"]
-    for task, medians in section(tasks, is_growth, "Growth: what ten times as much costs", *columns):
-        sizes = sorted((int(who) for who in medians))
-        seconds = {size: medians[str(size)].seconds for size in sizes}
-        steps = [f"{seconds[large] / seconds[small]:.1f}" for small, large in zip(sizes, sizes[1:])]
-        print(f"| {task.removeprefix('grow_')} | {' | '.join(steps + [''] * (3 - len(steps)))} |")
-        drawn[task] = {size: seconds[size] / size / (seconds[sizes[0]] / sizes[0]) for size in sizes}
-    return drawn
+def missed_aims(document):
+    """The rows that miss their aim in every round."""
+    return [f"{task}/{who}" for task, part in document["tasks"].items() for who, spread in part.get("values", {}).items()
+            if (aim := aim_of(task, who)) and verdict(aim, spread) == "missed"]
 
 
 # File name, title, label of the x axis, and the tasks whose curves it shows.
@@ -173,35 +68,52 @@ def draw(path, title, label, axes, curves):
     subprocess.run(["gnuplot", "-"], input=script, text=True, check=True)
 
 
-def draw_all(directory, growth, threads):
-    axes = "set ylabel 'cost of one, in terms of one of 1,000'\nset logscale x\nset xrange [1000:1000000]\nset yrange [0:*]\nset format x '10^{%L}'\n"
+def curves_of(tasks, pattern):
+    """{name: {size: what doubling the input costs}}"""
+    return {task.removeprefix("grow_"): dict(part["growth"]) for task, part in tasks.items()
+            if "growth" in part and re.search(pattern, task)}
+
+
+def draw_all(directory, document):
+    axes = "set ylabel 'cost of twice the input'\nset logscale x\nset yrange [0:4]\nset format x '10^{%L}'\n"
     for name, title, label, pattern in DRAWINGS:
-        curves = {task.removeprefix("grow_"): points for task, points in growth.items() if re.search(pattern, task)}
-        if curves:
+        if curves := curves_of(document["tasks"], pattern):
             draw(directory / name, title, label, axes, curves)
+    curves = {task.removeprefix("threads_"): {int(who): spread.median for who, spread in part["values"].items()}
+              for task, part in document["tasks"].items() if task.startswith("threads_")}
     axes = "set ylabel 'work in the time of one thread'\nset yrange [0:*]\nset xtics 1\n"
-    curves = {task.removeprefix("threads_"): points for task, points in threads.items()}
     if curves:
-        draw(directory / "growth-threads.svg", f"Threads, each with its report ({os.cpu_count()} cores)", "threads", axes, curves)
+        title = f"Threads, each with its report ({document['cores']} cores)"
+        draw(directory / "growth-threads.svg", title, "threads", axes, curves)
 
 
-def main():
+def arguments():
     parser = argparse.ArgumentParser()
     parser.add_argument("bin")
     parser.add_argument("regex", nargs="?", default="")
     parser.add_argument("--raw", action="store_true", help="add the times themselves")
+    parser.add_argument("--aims", action="store_true", help="only rows with an aim; code 1 if one misses its aim in every round")
+    parser.add_argument("--json", metavar="FILE", type=pathlib.Path, help="write the figures to this file, too")
     parser.add_argument("--plot", metavar="DIR", type=pathlib.Path, help="draw growth into this directory")
-    args = parser.parse_args()
+    return parser.parse_args()
 
-    tasks = tasks_of(args.bin, args.regex)
-    print(f"{platform.machine()}, {os.cpu_count()} cores, Linux {platform.release()}; "
-          f"medians of {ROUNDS} runs a row ({GROWTH_ROUNDS} of growth), CPU time")
-    print_ratios(tasks, args.raw)
-    print_counters(tasks)
-    threads = print_threads(tasks)
-    growth = print_growth(tasks)
+
+def main():
+    args = arguments()
+    tasks = bench_run.tasks_of(args.bin, args.regex)
+    if args.aims:
+        tasks = {task: rows for task, rows in tasks.items() if bench_page.has_aim(task)}
+    print(f"{bench_page.processor_text(bench_run.processor())}; {bench_run.ROUNDS} rounds: minimum / median / maximum\n\n"
+          "| task | who | time of who / time of qx | aim |\n|---|---|---|---|")
+    document = bench_run.all_of(tasks, lambda task, part: print_part(task, part, args.raw))
+    if args.json:
+        args.json.write_text(json.dumps(document, indent=1) + "\n")
     if args.plot:
-        draw_all(args.plot, growth, threads)
+        draw_all(args.plot, document)
+    missed = missed_aims(document)
+    if args.aims and missed:
+        print(f"\nmissed in every round: {', '.join(missed)}")
+        sys.exit(1)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,188 @@
+"""Runs the rows of the benchmark programs, each in a process of its own, and takes down what they cost.
+
+A row is TASK/WHO. What a task's rows become depends on its name:
+  grow_SHAPE/SIZE    how much more twice as much input costs (linear work: twice)
+  threads_WORK/COUNT how much work so many threads do in the time of one (real time; everything else is processor time)
+  memory_WHAT/qx, and every row with counters: the counters
+  any other          WHO is qx, a peer, or a bare form of the same work: WHO's time in terms of ours
+
+The rows of a task run in turn, forwards and backwards, for several rounds. A ratio has the times of one round, so that both
+sides meet the same machine.
+"""
+import collections
+import json
+import math
+import os
+import pathlib
+import platform
+import re
+import shutil
+import statistics
+import subprocess
+import tempfile
+
+from bench_aims import Spread, aim_of, verdict
+
+ROUNDS = 7
+GROWTH_ROUNDS = 3
+SECONDS = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
+STANDARD_KEYS = {
+    "name", "family_index", "per_family_instance_index", "run_name", "run_type", "repetitions", "repetition_index", "threads",
+    "iterations", "real_time", "cpu_time", "time_unit", "items_per_second", "bytes_per_second"}
+
+Row = collections.namedtuple("Row", "program name")
+Result = collections.namedtuple("Result", "seconds counters iterations")
+
+
+def task_of(name):
+    return name.split("/")[0]
+
+
+def who_of(name):
+    return name.split("/")[1]
+
+
+def is_growth(task):
+    return task.startswith("grow_")
+
+
+def is_threads(task):
+    return task.startswith("threads_")
+
+
+def is_counted(task):
+    return task.startswith("memory_") or task.endswith("_faults")
+
+
+def tasks_of(directory, regex):
+    """The rows of each task whose name matches, in the order of the programs."""
+    tasks = {}
+    for program in sorted(pathlib.Path(directory).glob("*_bench")):
+        listed = subprocess.run([program, "--benchmark_list_tests"], capture_output=True, text=True, check=True).stdout
+        for name in listed.split():
+            if re.search(regex, task_of(name)):
+                tasks.setdefault(task_of(name), []).append(Row(program, name))
+    return tasks
+
+
+def run_row(row, prefix=(), seconds=None):
+    """One run. A row that measures other processes too says its time itself."""
+    command = [*prefix, row.program, f"--benchmark_filter=^{re.escape(row.name)}$", "--benchmark_format=json"]
+    if seconds is None and is_growth(task_of(row.name)):
+        seconds = 0.1
+    if seconds is not None:
+        command.append(f"--benchmark_min_time={seconds}")
+    out = subprocess.run(command, capture_output=True, text=True, check=True).stdout
+    result = json.loads(out)["benchmarks"][0]
+    if result.get("error_occurred"):
+        raise SystemExit(f"{row.name}: {result['error_message']}")
+    clock = "real_time" if row.name.endswith(("/manual_time", "/real_time")) else "cpu_time"
+    counters = {key: value for key, value in result.items() if key not in STANDARD_KEYS and isinstance(value, float)}
+    return Result(result[clock] * SECONDS[result["time_unit"]], counters, result["iterations"])
+
+
+def measure(task, rows):
+    """{WHO: a Result of each round}"""
+    results = {who_of(row.name): [] for row in rows}
+    for number in range(GROWTH_ROUNDS if is_growth(task) else ROUNDS):
+        for row in rows if number % 2 == 0 else reversed(rows):
+            results[who_of(row.name)].append(run_row(row))
+    return results
+
+
+def spread_of(values):
+    return Spread(min(values), statistics.median(values), max(values))
+
+
+def seconds_of(results):
+    return [result.seconds for result in results]
+
+
+def ratios_of(results):
+    """{WHO: the spread of its time in terms of ours}"""
+    ours = seconds_of(results["qx"])
+    return {who: spread_of([theirs / mine for theirs, mine in zip(seconds_of(rounds), ours)])
+            for who, rounds in results.items() if who != "qx"}
+
+
+def counters_of(results):
+    return {key: spread_of([result.counters[key] for result in results["qx"]]) for key in results["qx"][0].counters}
+
+
+def threads_of(results):
+    """{number of threads: the spread of their work in the time of one}"""
+    one = seconds_of(results["1"])
+    return {who: spread_of([int(who) * alone / time for alone, time in zip(one, seconds_of(rounds))])
+            for who, rounds in results.items()}
+
+
+def growth_of(results):
+    """[(size, twice as much from the size before costs so much more)], from the median of each size"""
+    medians = sorted((int(who), statistics.median(seconds_of(rounds))) for who, rounds in results.items())
+    return [(large, (cost / before) ** (1 / math.log2(large / small)))
+            for (small, before), (large, cost) in zip(medians, medians[1:])]
+
+
+# A row's loop lies between these two functions of the benchmark library.
+LOOP_BEGIN = "benchmark::State::StartKeepRunning()"
+LOOP_END = "benchmark::State::FinishKeepRunning()"
+
+
+def instructions_of(row):
+    """Instructions of one iteration, or None without valgrind."""
+    if shutil.which("valgrind") is None:
+        return None
+    with tempfile.TemporaryDirectory() as directory:
+        out = pathlib.Path(directory) / "counts"
+        prefix = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={out}",
+                  f"--zero-before={LOOP_BEGIN}", f"--dump-before={LOOP_END}"]
+        iterations = run_row(row, prefix, seconds=0.2).iterations
+        # Each attempt of the library with more iterations ends with a dump; the last one is the result's.
+        dumps = sorted(pathlib.Path(directory).glob("counts.*"), key=lambda path: int(path.suffix[1:]))
+        loops = [total for total in map(total_of, dumps) if total]
+    return loops[-1] / iterations if loops else None
+
+
+def total_of(dump):
+    found = re.search(r"^(?:summary|totals): (\d+)", dump.read_text(), re.MULTILINE)
+    return int(found.group(1)) if found else 0
+
+
+def processor():
+    """The processor's own name, its family and model, and the wide registers that it has."""
+    fields = dict(re.findall(r"^([^\t:]+)\t*: (.*)$", pathlib.Path("/proc/cpuinfo").read_text().split("\n\n")[0], re.MULTILINE))
+    wide = [flag for flag in ("avx2", "avx512bw", "asimd") if flag in (fields.get("flags") or fields.get("Features", "")).split()]
+    return {"name": fields.get("model name", platform.machine()), "family": fields.get("cpu family", ""),
+            "model": fields.get("model", ""), "wide": wide}
+
+
+def all_of(tasks, report):
+    """The whole document. `report` is called with each task and its part, as soon as it is measured."""
+    document = {"processor": processor(), "cores": os.cpu_count(), "kernel": platform.release(), "rounds": ROUNDS, "tasks": {}}
+    for task, rows in tasks.items():
+        part = part_of(task, measure(task, rows))
+        add_instructions(task, rows, part)
+        document["tasks"][task] = part
+        report(task, part)
+    return document
+
+
+def part_of(task, results):
+    if is_growth(task):
+        return {"growth": growth_of(results)}
+    if is_threads(task):
+        return {"values": threads_of(results)}
+    if is_counted(task):
+        return {"values": counters_of(results)}
+    return {"values": ratios_of(results), "seconds": {who: spread_of(seconds_of(rounds)) for who, rounds in results.items()}}
+
+
+def add_instructions(task, rows, part):
+    """Counts what does not depend on the machine's mood, for our row and each peer whose times do not decide its aim."""
+    if "seconds" not in part:
+        return
+    undecided = [who for who, spread in part["values"].items()
+                 if (aim := aim_of(task, who)) and verdict(aim, spread) == "undecided"]
+    if undecided:
+        counts = {who_of(row.name): instructions_of(row) for row in rows if who_of(row.name) in ["qx", *undecided]}
+        part["instructions"] = {who: count for who, count in counts.items() if count is not None}

@@ -1,0 +1,83 @@
+#!/usr/bin/env python3
+"""Tests the arithmetic of script/bench: ratios, verdicts, growth, and the tables of the page."""
+import pathlib
+import sys
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "script"))
+import bench_page  # noqa: E402
+import bench_run  # noqa: E402
+import bench_table  # noqa: E402
+from bench_aims import AIMS, Aim, Spread, verdict  # noqa: E402
+
+
+def rounds(*seconds, **counters):
+    return [bench_run.Result(time, counters, 1) for time in seconds]
+
+
+class VerdictTest(unittest.TestCase):
+    def test_spread_decides(self):
+        at_least, at_most = Aim("t", "w", at_least=2), Aim("t", "w", at_most=2)
+        for aim, spread, expected in [
+                (at_least, Spread(2, 3, 4), "reached"), (at_least, Spread(1.9, 3, 4), "undecided"),
+                (at_least, Spread(1, 1.5, 2), "undecided"), (at_least, Spread(1, 1.5, 1.9), "missed"),
+                (at_most, Spread(1, 1.5, 2), "reached"), (at_most, Spread(1, 1.5, 2.1), "undecided"),
+                (at_most, Spread(2.1, 3, 4), "missed")]:
+            with self.subTest(aim=aim, spread=spread):
+                self.assertEqual(verdict(aim, spread), expected)
+
+    def test_each_aim_is_written_once(self):
+        names = [(aim.task, aim.who) for aim in AIMS]
+        self.assertEqual(len(names), len(set(names)))
+
+
+class RunTest(unittest.TestCase):
+    def test_ratio_has_the_times_of_one_round(self):
+        # Both are slow in the same round; times of different rounds would give 0.5 and 8.
+        ratios = bench_run.ratios_of({"qx": rounds(4, 1, 2), "peer": rounds(8, 2, 4)})
+        self.assertEqual(ratios, {"peer": Spread(2, 2, 2)})
+
+    def test_growth_is_what_one_doubling_costs(self):
+        (size, factor), = bench_run.growth_of({"1000": rounds(1), "4000": rounds(9)})
+        self.assertEqual((size, round(factor, 9)), (4000, 3))
+
+    def test_threads_count_as_work_in_the_time_of_one(self):
+        self.assertEqual(bench_run.threads_of({"1": rounds(2), "2": rounds(2.5)})["2"], Spread(1.6, 1.6, 1.6))
+
+    def test_counters_keep_their_spread(self):
+        self.assertEqual(bench_run.counters_of({"qx": rounds(1, faults=3.0) + rounds(1, faults=5.0)}), {"faults": Spread(3, 4, 5)})
+
+
+def document(title, spread):
+    return {"column": title, "source": "here", "processor": {"name": title, "family": "", "model": "", "wide": []}, "cores": 2,
+            "rounds": 7, "tasks": {"what": {"values": {"pugixml": list(spread)}, "instructions": {"qx": 100, "pugixml": 150}},
+                                   "grow_x": {"growth": [[10, 2.04]]}}}
+
+
+class PageTest(unittest.TestCase):
+    def test_each_file_is_a_column(self):
+        page = "".join(f"<!-- table {name} -->\nold\n<!-- end -->\n" for name in ("sources", "values", "growth"))
+        page = bench_page.with_tables(page, [document("A", (1.3, 1.4, 1.5)), document("B", (1.1, 1.2, 1.3))])
+        self.assertNotIn("old", page)
+        self.assertIn("| what | pugixml | at least 1.2 | 1.30 / 1.40 / 1.50, instructions 1.50 "
+                      "| 1.10 / 1.20 / 1.30 **undecided**, instructions 1.50 |", page)
+        self.assertIn("| x | 2.04 | 2.04 |", page)
+
+    def test_page_without_a_mark_is_refused(self):
+        with self.assertRaises(SystemExit):
+            bench_page.with_tables("<!-- table sources -->\n<!-- end -->\n", [])
+
+    def test_page_has_the_tables_of_the_results(self):
+        before = bench_page.PAGE.read_text()
+        self.assertEqual(bench_page.with_tables(before, bench_page.documents_in(bench_page.RESULTS)), before)
+
+
+class AimsTest(unittest.TestCase):
+    def test_only_an_aim_that_every_round_misses_counts(self):
+        for most, expected in [(1.1, ["what/pugixml"]), (1.3, [])]:
+            self.assertEqual(bench_table.missed_aims({"tasks": {"what": {"values": {"pugixml": Spread(1, 1, most)}}}}), expected)
+
+
+if __name__ == "__main__":
+    unittest.main()
