@@ -302,8 +302,8 @@ void AppendBatchPeer(benchmark::State& state) {
   }
 }
 
-// All records of a full ring, in order, each one copied into a string. What is read is open already. The ring of the
-// store has wrapped in the middle.
+// Reads all records of a full ring in order and copies each into a string. The report is open before. Its ring has
+// wrapped in the middle.
 void ReadReportQx(benchmark::State& state) {
   const Directory directory;
   qx::Writer writer;

@@ -48,8 +48,8 @@ char* ReplyOf(const CMarkup& document) {
   return document.IsWellFormed() ? CKrxAdapterModule::ReplyString(document.GetDoc()) : nullptr;
 }
 
-// One request. `operation` is called with the block's parameters, the input document and the empty output document; its
-// result is the request's.
+// One request. `operation` is called with the block's parameters, the input document and the empty output document, and
+// its result is returned.
 //
 // A caller that was refused for a missing privilege never gets a record: the output then has the refusal and the
 // report, which are not one well-formed document, so that there is no reply.

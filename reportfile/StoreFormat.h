@@ -50,8 +50,8 @@ static_assert(offsetof(IndexHeader, oldestIndex) == 20);
 inline std::string IndexFileName(std::string_view base_path) { return std::string(base_path) + ".ind"; }
 inline std::string DataFileName(std::string_view base_path) { return std::string(base_path) + ".dat"; }
 
-// Where a slot is in the index file. In 64 bits: a slot number from a damaged header must not wrap back into the
-// header's bytes.
+// Where a slot is in the index file. Computed in 64 bits, because the slot number of a damaged header must not wrap
+// back into the header's bytes.
 //   slot 0           => 24
 //   slot 0xFFFFFFFF  => 0x400000014
 constexpr std::int64_t SlotOffset(std::uint32_t slot) {
@@ -63,7 +63,7 @@ constexpr std::uint32_t RingSize(std::uint32_t max_records) {
   return max_records != 0 ? max_records : kMaxRecordUnlimited;
 }
 
-// The slot of a record by age, 0 being the oldest. A header without slots (damaged) takes the sum as it is.
+// The slot of a record by age, 0 being the oldest. For a damaged header without slots the result is the sum.
 //   4 slots, oldestIndex 2, logical 0  => slot 2
 //   4 slots, oldestIndex 2, logical 2  => slot 0
 constexpr std::uint32_t SlotOfLogical(const IndexHeader& header, std::uint32_t logical) {

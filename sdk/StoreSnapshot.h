@@ -69,8 +69,8 @@ class StoreSnapshot {
   // The header of the snapshot; it may count more records than there are. [owning thread]
   [[nodiscard]] const report::IndexHeader& Header() const { return header_; }
 
-  // The records from `age` on (0 is the oldest one), at most `count_max`, about 256 KiB of text, at least one; none
-  // after the last one. They are valid until the next call. [owning thread]
+  // The records from `age` on (0 is the oldest one): at least one, at most `count_max`, and no more than about 256 KiB
+  // of text; after the last record none. They are valid until the next call. [owning thread]
   Error Read(std::uint32_t age, std::uint32_t count_max, std::span<const RecordView>& records);
 
   // True if there may be records that the snapshot does not have, or if that is not known. [owning thread]

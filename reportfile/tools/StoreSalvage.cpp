@@ -331,8 +331,8 @@ SalvageResult WriteNewStore(SourceFile& index, SourceFile& data, bool with_unind
   return error == 0 ? result : Failed(base_path, error);
 }
 
-// Renames the new store to `name` next to its private directory. The data file first, so that there is
-// never an index file without its data file.
+// Renames the new store to `name` next to its private directory: the data file first, so that there is never an index
+// file without its data file.
 int MoveStoreOut(const PrivateDirectory& directory, const std::string& name) {
   for (const auto& file : {DataFileName, IndexFileName}) {
     if (const int error = SyncName(file(kStoreName), directory.Number())) return error;

@@ -75,8 +75,9 @@ extern "C" void HandleSignal(int signal) {
   (void)raise(signal);  // kills the process when the handler returns
 }
 
-// The signal may arrive between a check and a write, and the write then waits for a terminal that nobody reads. So does
-// the status that the command prints after the signal. Therefore an alarm interrupts every wait until the process ends.
+// The signal may arrive between a check and a write, and the write then waits for a terminal that nobody reads. The
+// status that the command prints after the signal may wait in the same way. Therefore an alarm interrupts every wait
+// until the process ends.
 extern "C" void HandleAlarm(int /*signal*/) { (void)alarm(kAlarmSeconds); }
 
 // No SA_RESTART: a write that waits for a slow reader must return, otherwise ^C would have no effect.

@@ -21,8 +21,8 @@ void FlowGauge::Add(std::int64_t now, std::uint64_t end) {
   if (samples_.size() > kSamplesMax) Thin(now);
 }
 
-// The older a sample is, the fewer are needed: the age of an old record need not be known to the second. What a rate
-// needs stays.
+// The older samples are, the fewer of them stay: the age of an old record need not be known to the second. The samples
+// of the time for which a rate is computed all stay.
 void FlowGauge::Thin(std::int64_t now) {
   std::deque<Sample> kept;
   for (const Sample& sample : samples_) {

@@ -1,8 +1,8 @@
 // The times in which no record came, although records came often before and after.
 //
-// What is often follows from the report itself: nine of ten pauses between records are at most so long. A pause is a
-// gap if it is more than three times that, and at least two seconds. If there are many such pauses, records come in
-// bursts, and the pauses between bursts are no gaps.
+// The report itself shows what is usual: nine of ten pauses between its records are not longer than the usual pause. A
+// pause is a gap if it is longer than three usual ones, and longer than two seconds. If there are many such pauses,
+// records come in bursts, and the pauses between bursts are no gaps.
 #pragma once
 
 #include <array>

@@ -1,4 +1,5 @@
-// What is kept of a report while somebody looks at it: where which time is, and the reduced values of fields.
+// What is kept of a report while somebody looks at it: in which records each time is, and the reduced values of
+// fields.
 //
 // The first time all records are read, later only those that are new. A range of time for which the reduced values are
 // too coarse is read from the file, but only the blocks of records that can have such times.
