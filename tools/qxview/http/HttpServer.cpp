@@ -35,7 +35,7 @@ std::string HeaderOf(MHD_Connection* connection, const char* name) {
   return value != nullptr ? value : "";
 }
 
-// 0 without one, and the largest number for one that is not a number.
+// 0 without the header; the largest number if its value is not a number.
 std::uint64_t ContentLength(MHD_Connection* connection) {
   const std::string text = HeaderOf(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
   std::uint64_t length = 0;

@@ -20,7 +20,7 @@ struct Listener {
 // [any thread]
 [[nodiscard]] Listener ListenOnLoopback(std::string_view address, int backlog);
 
-// A socket of mode 0600. One that nobody listens on any more is replaced; no other file is. [any thread]
+// A socket of mode 0600. Replaces a socket that nobody listens on any more, but no other file. [any thread]
 [[nodiscard]] Listener ListenOnPath(const std::string& path, int backlog);
 
 }  // namespace qx::view

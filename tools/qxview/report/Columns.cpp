@@ -34,7 +34,7 @@ void Columns::Add(std::int64_t place, double value) {
   if (columns_.size() > kCountMax) Halve();
 }
 
-// Places may be far apart: one step may make no column fewer.
+// Doubles the width of the columns until there are few enough. If places are far apart, one step may join none.
 void Columns::Halve() {
   constexpr int kShiftMax = 62;
   while (columns_.size() > kCountMax && shift_ < kShiftMax) {

@@ -1,7 +1,8 @@
 // The values of one field over time, reduced: minimum, maximum and last of each column.
 //
-// A column is a row of milliseconds. When there are too many columns, two neighbours become one, so any number of
-// values needs the same memory, and no spike is lost. Everything here is pure.
+// A column covers a fixed number of milliseconds or, without times, of records. When there are too many columns, each
+// two neighbours become one, so any number of values needs the same memory, and no spike is lost. Everything here is
+// pure.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +22,7 @@ struct Column {
   double last = 0;
 };
 
-// Both ends are part of it.
+// Both ends are part of the range.
 struct PlaceRange {
   std::int64_t from = std::numeric_limits<std::int64_t>::min();
   std::int64_t to = std::numeric_limits<std::int64_t>::max();
@@ -39,7 +40,7 @@ class Columns {
   // Leaves out the columns that are wholly before `place`. [owning thread]
   void DropBefore(std::int64_t place);
 
-  // Milliseconds of a column. [owning thread]
+  // The milliseconds, or the records, that a column covers. [owning thread]
   [[nodiscard]] std::int64_t Width() const { return std::int64_t{1} << shift_; }
   [[nodiscard]] std::span<const Column> All() const { return columns_; }
   [[nodiscard]] std::size_t Bytes() const { return columns_.capacity() * sizeof(Column); }
@@ -57,7 +58,7 @@ void Merge(Column& column, std::int64_t place, double value);
 // Adds a later column to a column.
 void Merge(Column& column, const Column& later);
 
-// In which of `count` columns of the range a place is.
+// The column in which a place is, if the range has `count` columns.
 [[nodiscard]] std::size_t ColumnOf(std::int64_t place, const PlaceRange& range, std::size_t count);
 
 }  // namespace qx::view

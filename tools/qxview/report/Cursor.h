@@ -26,7 +26,7 @@ struct Cursor {
 // Unset for any other text.
 [[nodiscard]] std::optional<Cursor> CursorOf(std::string_view text);
 
-// The numbers of the records in a ring: from `begin` up to and without `end`.
+// The numbers of the records in a ring: from `begin` up to, but not including `end`.
 struct RecordNumbers {
   std::uint64_t begin = 0;
   std::uint64_t end = 0;

@@ -13,7 +13,7 @@ constexpr std::int64_t kTimesUsual = 3;
 
 bool IsLonger(const Gap& left, const Gap& right) { return left.to - left.from > right.to - right.from; }
 
-// The number i of the smallest 2^i that is not smaller.
+// The smallest i with 2^i >= length_ms.
 std::size_t SizeOf(std::int64_t length_ms) {
   return static_cast<std::size_t>(std::bit_width(static_cast<std::uint64_t>(length_ms) - 1));
 }
@@ -33,7 +33,7 @@ void Pauses::Add(std::int64_t time_ms) {
   longest_.pop_back();
 }
 
-// How long the shortest so many pauses are at most.
+// A length that the `count` shortest pauses do not exceed: a power of two.
 std::int64_t Pauses::LengthOfPart(std::uint64_t count) const {
   std::uint64_t seen = 0;
   std::size_t size = 0;

@@ -11,15 +11,15 @@
 namespace qx::view {
 
 // Threads: one thread.
-// Owns: the indexes; the ones not used for longest are dropped first. One that is used now is never dropped.
+// Owns: the indexes; those not used for longest are dropped first. The most recently used index is never dropped.
 class IndexCache {
  public:
   static constexpr std::size_t kBytesMax = std::size_t{20} << 20;
   static constexpr std::chrono::minutes kUnusedMax{5};
 
-  // The index of the report, a new one for a report without one. Valid until the next call. [owning thread]
+  // The index of the report, made if it is missing. Valid until the next call. [owning thread]
   [[nodiscard]] ReportIndex& IndexOf(const std::string& base_path);
-  // Drops what is too much, or too old. [owning thread]
+  // Drops indexes beyond kBytesMax, and those not used for kUnusedMax. [owning thread]
   void Trim();
 
  private:

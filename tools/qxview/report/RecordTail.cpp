@@ -16,7 +16,7 @@ using report::IndexHeader;
 
 constexpr std::size_t kPageBytesMax = std::size_t{1} << 20;
 
-// One open of the two files, as they are at this moment.
+// The two files of a report, opened once for one page.
 class OpenStore {
  public:
   explicit OpenStore(const std::string& base_path) {
@@ -58,7 +58,8 @@ class OpenStore {
   int error_ = 0;
 };
 
-// Whether the report still is the one that the cursor was taken of. A record that left the ring proves nothing.
+// False if the report was started over since the cursor was made, as far as the files show: if the record before the
+// cursor has left the ring, it cannot be compared, and the result is true.
 bool Continues(OpenStore& store, const Cursor& cursor) {
   if (cursor.next > store.Numbers().end) return false;
   const bool can_compare = cursor.hash != 0 && cursor.next > store.Numbers().begin;
@@ -73,7 +74,7 @@ void ReadRecords(OpenStore& store, std::uint64_t first, RecordPage& page) {
     bytes += record.text.size();
     page.records.push_back(record);
   }
-  // Texts of many long records: the newest are kept.
+  // If the texts are too long together, the newest records are kept.
   std::size_t dropped = 0;
   for (; bytes > kPageBytesMax && dropped + 1 < page.records.size(); ++dropped) {
     bytes -= page.records[dropped].text.size();

@@ -22,7 +22,7 @@ std::uint64_t HashOf(const PassedRecord& record) {
 
 std::uint64_t EndOf(const sdk::StoreSnapshot& snapshot) { return NumbersOf(snapshot.Header()).end; }
 
-// Drawn columns at equal distances, some of them empty.
+// The columns of the drawn chart, at equal distances; a column without values is left out in the end.
 class Grid {
  public:
   Grid(const PlaceRange& range, std::size_t columns, std::size_t fields)
@@ -88,7 +88,7 @@ void ReportIndex::Forget() {
   fields_.clear();
 }
 
-// Whether the snapshot has the records of this index, and perhaps more after them.
+// Finds out whether the snapshot has the records of this index, perhaps with more after them.
 Error ReportIndex::Continues(sdk::StoreSnapshot& snapshot, bool& continues) const {
   const std::uint64_t end = EndOf(snapshot);
   continues = is_known_ && cursor_.next <= end;
@@ -108,7 +108,7 @@ Error ReportIndex::FindPlaceKind(sdk::StoreSnapshot& snapshot) {
   return error;
 }
 
-// The values of fields that were not asked for before.
+// Reads the values of fields that were not asked for before.
 Error ReportIndex::AddFields(sdk::StoreSnapshot& snapshot, const std::vector<std::string>& fields) {
   ++uses_;
   std::vector<std::pair<std::string, Field*>> added;
@@ -155,7 +155,7 @@ void ReportIndex::Enter(const PassedRecord& record) {
   }
 }
 
-// What the ring has overwritten.
+// Drops what the ring has overwritten.
 void ReportIndex::DropOld() {
   while (blocks_.size() > 1 && blocks_[1].first <= begin_) blocks_.pop_front();
   const std::optional<PlaceRange> all = All();
@@ -173,7 +173,7 @@ void ReportIndex::DropUnusedFields() {
 
 // --- passes over records
 
-// The records from number `from` up to and without `to`; `place` is that of the record before them.
+// Passes the records from number `from` up to, but not including `to`. `place`: the place of the record before them.
 Error ReportIndex::Pass(sdk::StoreSnapshot& snapshot, std::uint64_t from, std::uint64_t to,
                         std::optional<std::int64_t> place, const Take& take) const {
   const std::uint64_t oldest = EndOf(snapshot) - snapshot.Count();
@@ -197,7 +197,7 @@ Error ReportIndex::Pass(sdk::StoreSnapshot& snapshot, std::uint64_t from, std::u
   return {};
 }
 
-// The records of a range, from the blocks that can have some.
+// Passes the records of a range; reads only the blocks that can have some.
 Error ReportIndex::PassBlocks(sdk::StoreSnapshot& snapshot, const PlaceRange& range, const Take& take) const {
   const PlaceRange every;
   const bool is_all = range.from == every.from && range.to == every.to;
@@ -225,7 +225,8 @@ std::optional<PlaceRange> ReportIndex::All() const {
   return all;
 }
 
-// Whether kept columns are too coarse for the drawn ones. All of a report is always drawn from what is kept.
+// Whether the kept columns are too coarse for the drawn ones. Nine tenths of a report or more are always drawn from the
+// kept columns.
 bool ReportIndex::NeedsRecords(const ChartRequest& request, const PlaceRange& range, const PlaceRange& all) const {
   const double drawn = static_cast<double>(range.to) - static_cast<double>(range.from) + 1;
   const double kept = static_cast<double>(all.to) - static_cast<double>(all.from) + 1;

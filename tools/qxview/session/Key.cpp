@@ -36,7 +36,7 @@ void MakeDirectories(const std::string& directory) {
   (void)file::MakeDirectory(directory.c_str(), kDirectoryMode);
 }
 
-// Empty if the file is ours alone.
+// Why the key is refused; empty if only the process's user can read and write it.
 std::string WhatIsWrong(const std::string& path, const file::Descriptor& key) {
   struct stat status = {};
   if (const int error = file::StatusOf(key.Number(), status); error != 0) return Because("cannot read " + path, error);

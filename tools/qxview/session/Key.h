@@ -17,7 +17,7 @@ struct LoadedKey {
 };
 
 // Reads DIRECTORY/key; makes it, and the directory, if it is missing. A file of another user, one that others may read
-// or write, a link and a file of another size are refused. [any thread]
+// or write, a link, and a file of less than 32 bytes are refused. [any thread]
 [[nodiscard]] LoadedKey LoadKey(const std::string& directory);
 
 // 64 hexadecimal digits: HMAC-SHA-256 of the text. Empty: the library failed. [any thread]

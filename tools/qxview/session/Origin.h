@@ -1,9 +1,9 @@
 // Whether a request comes from our own page at an address that is ours.
 //
-// A page of elsewhere can make its own name lead to this machine (DNS rebinding), so the name in the Host header is
-// compared with a list: names of the loopback network with any port, because ssh -L changes it, and what the operator
-// names for a proxy. Browsers say where a request comes from (Origin, Sec-Fetch-Site); only our own page may ask for
-// data.
+// Another site can make its name lead to this machine (DNS rebinding). So the name in the Host header is compared with
+// a list: the names of the loopback network with any port, because ssh -L changes the port, and the names that the
+// operator gives for a proxy. Browsers say which page sends a request (Origin, Sec-Fetch-Site); only our own page may
+// ask for data.
 #pragma once
 
 #include <string>
@@ -23,7 +23,7 @@ enum class OriginVerdict {
 // Threads: any number. It never changes.
 class OriginRules {
  public:
-  // `hosts`: what Host may be besides the loopback network, with the port if it is not that of the scheme:
+  // `hosts`: the other values that Host may have, each with the port unless it is the usual port of the scheme:
   // "reports.example.org", "reports.example.org:8443".
   explicit OriginRules(std::vector<std::string> hosts) : hosts_(std::move(hosts)) {}
 
