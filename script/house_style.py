@@ -102,6 +102,7 @@ for area, others in VIEW.items():
     LAYERS[f"tools/qxview/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxview/{other}" for other in others} | {"tools/qxctl/cli/text"}
 # It shows what qxctl shows, in the same documents, and listens where the relay listens.
 LAYERS["tools/qxview/http"] |= {"tools/qxrelay/config"}
+LAYERS["tools/qxview/cli"] |= {"tools/qxctl/trace"}
 for area in ("report", "live", "api"):
     LAYERS[f"tools/qxview/{area}"] |= {f"tools/qxctl/{other}" for other in ("store", "slice", "chart")}
 LAYERS["tools/qxview/live"] |= {"tools/qxctl/top", "tools/qxctl/doctor", "tools/qxctl/trace", "tools/qxctl/cli"}

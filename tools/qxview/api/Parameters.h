@@ -27,12 +27,12 @@ class Parameters {
   [[nodiscard]] std::string Text(std::string_view name);
   [[nodiscard]] std::vector<std::string> Texts(std::string_view name, std::size_t count_max);
 
+  // The value of a parameter is wrong for another reason. [owning thread]
+  void Refuse(std::string_view name, const std::string& why);
   // What is wrong; empty if nothing is. [owning thread]
   [[nodiscard]] const std::string& Problem() const { return problem_; }
 
  private:
-  void Refuse(std::string_view name, const std::string& why);
-
   const HttpRequest& request_;
   std::string problem_;
 };

@@ -11,7 +11,6 @@
 #include "base/File.h"
 #include "provider/NamesFile.h"
 #include "reportfile/ReportFileBase.h"
-#include "sdk/StoreSnapshot.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/store/StoreInfo.h"
 #include "tools/qxview/api/Failure.h"
@@ -32,8 +31,6 @@ constexpr std::int64_t kColumnsDefault = 800;
 constexpr std::int64_t kColumnsMax = 4000;
 constexpr std::size_t kChartFieldsMax = 8;
 constexpr std::uint32_t kFieldRecords = 24;  // that are searched for fields
-constexpr std::size_t kPieceBytes = 32'768;
-constexpr std::uint32_t kPieceRecords = 256;
 constexpr std::size_t kPageBytesMax = std::size_t{2} << 20;
 
 std::string NameOf(const HttpRequest& request) { return request.Value("report").value_or(""); }
@@ -84,34 +81,6 @@ class NewestRecords {
   std::deque<NumberedRecord> records_;
   std::size_t bytes_ = 0;
   std::uint64_t omitted_ = 0;
-};
-
-// The records of a snapshot, piece by piece.
-class RecordText {
- public:
-  explicit RecordText(const std::string& base_path) : snapshot_(base_path) {}
-
-  Error Open() { return snapshot_.Take(); }
-
-  // Null at the end. A record that was overwritten meanwhile is left out.
-  HttpReply::Text Next() {
-    auto piece = std::make_shared<std::string>();
-    std::span<const RecordView> records;
-    while (piece->size() < kPieceBytes && age_ < snapshot_.Count()) {
-      const bool is_read = !snapshot_.Read(age_, kPieceRecords, records).Failed() && !records.empty();
-      if (!is_read) break;
-      age_ += static_cast<std::uint32_t>(records.size());
-      for (const RecordView& record : records) {
-        if (record.state != RecordState::kOverwritten)
-          piece->append(record.text).append(record.IsWhole() ? "\r\n" : "");
-      }
-    }
-    return piece->empty() ? nullptr : piece;
-  }
-
- private:
-  sdk::StoreSnapshot snapshot_;
-  std::uint32_t age_ = 0;
 };
 
 // A name for a file: letters, digits and "-", "_", "." of the report's name.
@@ -219,14 +188,20 @@ HttpReply Reading::RecordsBetween(const HttpRequest& request, const std::string&
 
 Reading::Download Reading::Text(const HttpRequest& request) const {
   const auto base_path = BasePathOf(directory_, NameOf(request));
-  if (!base_path.has_value()) return {.head = NoReport(request), .source = nullptr};
-  auto text = std::make_shared<RecordText>(*base_path);
-  if (const Error error = text->Open(); error.Failed()) return {.head = ErrorReply(request, error), .source = nullptr};
+  if (!base_path.has_value()) return {.head = NoReport(request), .text = nullptr};
+  Parameters parameters(request);
+  TextWish wish = {
+      .filter = parameters.Text("filter"), .from = parameters.Number("from"), .to = parameters.Number("to")};
+  if (!parameters.Problem().empty()) {
+    return {.head = ReplyOf(Failure::kBadParameter, parameters.Problem()), .text = nullptr};
+  }
+  auto text = std::make_shared<RecordText>(*base_path, std::move(wish));
+  if (const Error error = text->Open(); error.Failed()) return {.head = ErrorReply(request, error), .text = nullptr};
   HttpReply head;
   head.type = "text/plain; charset=utf-8";
   head.headers = {{"Cache-Control", "no-store"},
                   {"Content-Disposition", "attachment; filename=\"" + FileNameOf(NameOf(request)) + "\""}};
-  return {.head = std::move(head), .source = [text] { return text->Next(); }};
+  return {.head = std::move(head), .text = std::move(text)};
 }
 
 }  // namespace qx::view

@@ -1,11 +1,10 @@
 // Answers requests about one report from its files. Everything here runs in the thread that reads.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 
-#include "tools/qxview/http/Exchange.h"
+#include "tools/qxview/api/RecordText.h"
 #include "tools/qxview/http/HttpRequest.h"
 #include "tools/qxview/report/IndexCache.h"
 
@@ -24,10 +23,10 @@ class Reading {
   [[nodiscard]] HttpReply Chart(const HttpRequest& request);
   [[nodiscard]] HttpReply Records(const HttpRequest& request);
 
-  // All records as a text that is read as it is sent. `source` is unset if the reply is a failure. [owning thread]
+  // Records as a text that is read as it is sent. `text` is null if the reply is a failure. [owning thread]
   struct Download {
     HttpReply head;
-    ReplyStream::Source source;
+    std::shared_ptr<RecordText> text;
   };
   [[nodiscard]] Download Text(const HttpRequest& request) const;
 

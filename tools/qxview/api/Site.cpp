@@ -5,16 +5,14 @@
 #include <string_view>
 #include <utility>
 
-#include "tools/qxctl/cli/text/Text.h"
-#include "tools/qxview/api/Parameters.h"
 #include "tools/qxview/http/Reply.h"
-#include "tools/qxview/report/ReportPath.h"
 
 namespace qx::view {
 
 namespace {
 
 constexpr std::string_view kApi = "/api/v1/";
+constexpr std::chrono::milliseconds kTrim{60'000};  // how often what nobody uses is freed
 constexpr std::string_view kTokenField = "token=";
 
 std::int64_t SecondsOf(clockid_t clock) {
@@ -27,38 +25,21 @@ std::string CookieName(const HttpRequest& request) { return "qxview-" + PortOfHo
 
 bool IsRead(const HttpRequest& request) { return request.method == "GET" || request.method == "HEAD"; }
 
-// A page that lost its stream names the last event that it got.
-std::string AfterOf(const HttpRequest& request) {
-  return !request.last_event_id.empty() ? request.last_event_id : request.Value("after").value_or("");
-}
-
 }  // namespace
 
 Site::Site(Loop& loop, const SiteSettings& settings)
     : loop_(loop),
-      directory_(settings.survey.directory),
       assets_(settings.dygraphs_directory),
       sessions_(settings.key),
       origins_(settings.hosts),
-      reading_(directory_),
-      live_(ToHub()),
-      survey_(settings.survey, ToHub()),
+      live_(loop, settings.survey, settings.trace_directory),
+      reading_(settings.survey.directory),
       reading_worker_([this] {
         reading_.Trim();
-        return std::optional(std::chrono::milliseconds(60'000));
-      }),
-      live_worker_([this] { return live_.Tick(); }),
-      survey_worker_([this] { return survey_.Tick(); }) {}
-
-Deliver Site::ToHub() {
-  return [this](std::vector<StreamId> streams, LiveEvent event) {
-    loop_.Post([this, streams = std::move(streams), event = std::move(event)] { hub_.Send(streams, event); });
-  };
-}
+        return std::optional(kTrim);
+      }) {}
 
 std::string Site::NewToken() { return sessions_.NewToken(SecondsOf(CLOCK_BOOTTIME)); }
-
-void Site::Maintain() { hub_.Maintain(StreamHub::Clock::now()); }
 
 // --- what comes in
 
@@ -125,30 +106,26 @@ void Site::HandleApi(const ExchangePtr& exchange, const std::string& name) {
     return exchange->Reply(
         ReplyOf(Failure::kNoSession, "open the address that qxview has printed: its token is missing"));
   }
-  const auto read = [&](HttpReply (Reading::*answer)(const HttpRequest&)) {
-    Post(reading_worker_, exchange, [this, answer](const HttpRequest& asked) { return (reading_.*answer)(asked); });
-  };
-  if (name == "report") return read(&Reading::Report);
-  if (name == "names") return read(&Reading::Names);
-  if (name == "fields") return read(&Reading::Fields);
-  if (name == "chart") return read(&Reading::Chart);
-  if (name == "records") return read(&Reading::Records);
+  if (name == "report") return Read(exchange, &Reading::Report);
+  if (name == "names") return Read(exchange, &Reading::Names);
+  if (name == "fields") return Read(exchange, &Reading::Fields);
+  if (name == "chart") return Read(exchange, &Reading::Chart);
+  if (name == "records") return Read(exchange, &Reading::Records);
   if (name == "text") return SendText(exchange);
-  if (name == "overview")
-    return Post(survey_worker_, exchange, [this](const HttpRequest&) { return survey_.Overview(); });
-  if (name == "findings")
-    return Post(survey_worker_, exchange, [this](const HttpRequest&) { return survey_.Findings(); });
-  if (name == "events") return OpenEvents(exchange);
-  if (name == "changes") return SendChanges(exchange);
+  if (name == "overview") return live_.Overview(exchange);
+  if (name == "findings") return live_.Findings(exchange);
+  if (name == "traces") return live_.Traces(exchange);
+  if (name == "events") return live_.Events(exchange);
+  if (name == "changes") return live_.Changes(exchange);
   exchange->Reply(ReplyOf(Failure::kNoSuchPath, "the API has no such document"));
 }
 
-// --- what goes to other threads
+// --- what another thread answers
 
-// The exchange goes to the worker and back without being touched there; only the request, which nobody changes, is.
-void Site::Post(Worker& worker, const ExchangePtr& exchange, Answer answer) {
+// The exchange goes to the thread and back without being touched there; only the request, which nobody changes, is.
+void Site::Read(const ExchangePtr& exchange, HttpReply (Reading::*answer)(const HttpRequest& request)) {
   const bool is_posted =
-      worker.Post([this, exchange, answer = std::move(answer)] { ReplyLater(exchange, answer(exchange->Request())); });
+      reading_worker_.Post([this, exchange, answer] { ReplyLater(exchange, (reading_.*answer)(exchange->Request())); });
   if (!is_posted) exchange->Reply(ReplyOf(Failure::kBusy, "too many requests wait; ask again later"));
 }
 
@@ -159,65 +136,28 @@ void Site::ReplyLater(const ExchangePtr& exchange, HttpReply reply) {
 void Site::SendText(const ExchangePtr& exchange) {
   const bool is_posted = reading_worker_.Post([this, exchange] {
     const Reading::Download text = reading_.Text(exchange->Request());
-    if (text.source == nullptr) return ReplyLater(exchange, text.head);
-    loop_.Post([exchange, text] { (void)exchange->Stream(text.head, text.source); });
+    if (text.text == nullptr) return ReplyLater(exchange, text.head);
+    loop_.Post([this, exchange, text] { BeginText(*exchange, text); });
   });
   if (!is_posted) exchange->Reply(ReplyOf(Failure::kBusy, "too many requests wait; ask again later"));
 }
 
-// --- what is live
-
-namespace {
-
-// Unset, and the exchange is answered, for a report that cannot be.
-std::optional<ReportWatch> WatchOf(const std::string& directory, Exchange& exchange) {
-  const HttpRequest& request = exchange.Request();
-  Parameters parameters(request);
-  ReportWatch watch = {.report = request.Value("report").value_or(""),
-                       .base_path = {},
-                       .filter = parameters.Text("filter"),
-                       .after = CursorOf(AfterOf(request))};
-  const auto base_path = BasePathOf(directory, watch.report);
-  if (base_path.has_value() && parameters.Problem().empty()) {
-    watch.base_path = *base_path;
-    return watch;
-  }
-  exchange.Reply(base_path.has_value()
-                     ? ReplyOf(Failure::kBadParameter, parameters.Problem())
-                     : ReplyOf(Failure::kNoSuchReport, "there is no report \"" + ctl::Visible(watch.report) + "\""));
-  return std::nullopt;
-}
-
-}  // namespace
-
-void Site::OpenEvents(const ExchangePtr& exchange) {
-  const std::string view = exchange->Request().Value("view").value_or("");
-  const std::string after = AfterOf(exchange->Request());
-  if (view == "overview") {
-    const StreamId id = hub_.Open(
-        *exchange, [this](StreamId stream) { survey_worker_.Add([this, stream] { survey_.Unsubscribe(stream); }); });
-    survey_worker_.Add([this, id, after] { survey_.Subscribe(id, after); });
-    return;
-  }
-  if (view != "report") return exchange->Reply(ReplyOf(Failure::kBadParameter, "the parameter view names no view"));
-  const std::optional<ReportWatch> watch = WatchOf(directory_, *exchange);
-  if (!watch.has_value()) return;
-  const StreamId id = hub_.Open(
-      *exchange, [this](StreamId stream) { live_worker_.Add([this, stream] { live_.Unsubscribe(stream); }); });
-  live_worker_.Add([this, id, watch = *watch] { live_.Subscribe(id, watch); });
-}
-
-void Site::SendChanges(const ExchangePtr& exchange) {
-  const std::string view = exchange->Request().Value("view").value_or("");
-  if (view == "overview") {
-    return Post(survey_worker_, exchange,
-                [this](const HttpRequest& request) { return ChangesReply(survey_.Changes(AfterOf(request))); });
-  }
-  if (view != "report") return exchange->Reply(ReplyOf(Failure::kBadParameter, "the parameter view names no view"));
-  const std::optional<ReportWatch> watch = WatchOf(directory_, *exchange);
-  if (!watch.has_value()) return;
-  Post(live_worker_, exchange,
-       [watch = *watch](const HttpRequest&) { return ChangesReply(LiveReports::Changes(watch)); });
+// Each time a piece was sent, the next one is read.
+void Site::BeginText(Exchange& exchange, const Reading::Download& text) {
+  auto stream = std::make_shared<std::weak_ptr<ReplyStream>>();
+  *stream = exchange.Stream(text.head, [this, stream, records = text.text] {
+    reading_worker_.Add([this, stream, records] {
+      loop_.Post([stream, piece = records->Next()] {
+        const std::shared_ptr<ReplyStream> open = stream->lock();
+        if (open == nullptr) return;
+        if (piece != nullptr) {
+          open->Send(piece);
+        } else {
+          open->End();
+        }
+      });
+    });
+  });
 }
 
 }  // namespace qx::view

@@ -17,6 +17,7 @@
 #include "tools/qxctl/cli/text/Duration.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/store/ReportDirectory.h"
+#include "tools/qxctl/trace/TracePlace.h"
 #include "tools/qxview/api/Site.h"
 #include "tools/qxview/cli/Signals.h"
 #include "tools/qxview/http/HttpServer.h"
@@ -73,6 +74,8 @@ Status OptionsOf(const Values& values, Options& options) {
   options.listen = values.Text("--listen", kListenDefault);
   options.socket = values.Text("--socket");
   options.state = StateDirectory(values);
+  options.site.trace_directory = values.Text("--traces");
+  if (options.site.trace_directory.empty()) options.site.trace_directory = ctl::TraceDirectoryHere();
   options.site.hosts = values.Texts("--host");
   options.site.dygraphs_directory = values.Text("--dygraphs", kDygraphsDirectory);
   if (values.Has("--stale")) {
@@ -174,6 +177,10 @@ constexpr ctl::Parameter kParameters[] = {
      .kind = ctl::ValueKind::kDirectory,
      .value = "DIR",
      .help = "Report directory, instead of the one that the registry names"},
+    {.name = "--traces",
+     .kind = ctl::ValueKind::kDirectory,
+     .value = "DIR",
+     .help = "Trace directory, instead of the one that the trace settings name"},
     {.name = "--stale",
      .kind = ctl::ValueKind::kText,
      .value = "TIME",

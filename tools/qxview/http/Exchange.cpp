@@ -9,13 +9,13 @@
 namespace qx::view {
 
 void ReplyStream::Send(Text text) {
-  const bool is_of_use = is_open_ && !is_complete_ && text != nullptr && !text->empty();
-  if (!is_of_use) return;
+  is_next_made_ = false;
+  if (!is_open_ || is_complete_) return;
   if (pending_bytes_ + text->size() > kPendingBytesMax) {
     pending_.clear();
     is_open_ = false;
     is_complete_ = true;
-  } else {
+  } else if (!text->empty()) {
     pending_bytes_ += text->size();
     pending_.push_back(std::move(text));
   }
@@ -33,18 +33,12 @@ void ReplyStream::Wake() {
 }
 
 std::ptrdiff_t ReplyStream::Take(char* to, std::size_t size) {
-  if (pending_.empty() && source_ != nullptr && !is_complete_) {
-    if (Text next = source_(); next != nullptr) {
-      pending_bytes_ += next->size();
-      pending_.push_back(std::move(next));
-    } else {
-      is_complete_ = true;
-    }
-  }
   if (pending_.empty()) {
     if (is_complete_) return -1;
     is_suspended_ = true;
     MHD_suspend_connection(connection_);
+    const bool is_due = drained_ != nullptr && !std::exchange(is_next_made_, true);
+    if (is_due) drained_();
     return 0;
   }
   const std::string& first = *pending_.front();
@@ -65,8 +59,8 @@ void Exchange::Reply(HttpReply reply) {
   Resume();
 }
 
-std::shared_ptr<ReplyStream> Exchange::Stream(HttpReply head, ReplyStream::Source source) {
-  auto stream = std::make_shared<ReplyStream>(connection_, std::move(source));
+std::shared_ptr<ReplyStream> Exchange::Stream(HttpReply head, ReplyStream::Drained drained) {
+  auto stream = std::make_shared<ReplyStream>(connection_, std::move(drained));
   const bool is_late = !IsOpen() || std::exchange(has_answer_, true);
   if (is_late) {
     stream->Close();

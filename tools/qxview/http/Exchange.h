@@ -21,16 +21,16 @@ namespace qx::view {
 class ReplyStream {
  public:
   using Text = HttpReply::Text;
-  // Returns the next piece; null: the text is complete.
-  using Source = std::function<Text()>;
+  // Called when everything was sent: somebody makes the next piece, and sends it later.
+  using Drained = std::function<void()>;
 
   // A client that reads more slowly than this many bytes come is dropped; it connects again.
   static constexpr std::size_t kPendingBytesMax = std::size_t{1} << 20;
 
   explicit ReplyStream(MHD_Connection* connection) : connection_(connection) {}
-  ReplyStream(MHD_Connection* connection, Source source) : connection_(connection), source_(std::move(source)) {}
+  ReplyStream(MHD_Connection* connection, Drained drained) : connection_(connection), drained_(std::move(drained)) {}
 
-  // Sends the text. [owning thread]
+  // Sends the text. An empty one only asks for another piece. [owning thread]
   void Send(Text text);
   // Ends the reply after what was sent. [owning thread]
   void End();
@@ -46,13 +46,14 @@ class ReplyStream {
   void Wake();
 
   MHD_Connection* connection_;
-  Source source_;
+  Drained drained_;
   std::deque<Text> pending_;
   std::size_t pending_bytes_ = 0;
   std::size_t taken_ = 0;  // of the first piece
   bool is_open_ = true;
   bool is_complete_ = false;
   bool is_suspended_ = false;
+  bool is_next_made_ = false;
 };
 
 // Threads: the server's.
@@ -65,7 +66,7 @@ class Exchange {
   // Answers the request; only the first answer counts. [owning thread]
   void Reply(HttpReply reply);
   // Answers with a head whose text follows; `head.text` counts for nothing. [owning thread]
-  std::shared_ptr<ReplyStream> Stream(HttpReply head, ReplyStream::Source source = nullptr);
+  std::shared_ptr<ReplyStream> Stream(HttpReply head, ReplyStream::Drained drained = nullptr);
 
   // False as soon as the client is gone. [owning thread]
   [[nodiscard]] bool IsOpen() const { return connection_ != nullptr; }

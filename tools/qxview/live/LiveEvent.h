@@ -3,7 +3,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/qxview/http/HttpRequest.h"
@@ -13,19 +15,36 @@ namespace qx::view {
 using StreamId = std::uint64_t;
 
 struct LiveEvent {
-  std::string name;      // "records", "overview", ...
-  std::string cursor;    // where a page continues after it
+  std::string name;      // "records", "overview", "findings" or "traces"
+  std::string cursor;    // where a page continues with events of this name
   HttpReply::Text data;  // a JSON document in one line
 };
 
 // Sends one event to many streams; called in the thread of the source. [any thread]
 using Deliver = std::function<void(std::vector<StreamId> streams, LiveEvent event)>;
 
-// As server-sent event.
-//   "event: records\nid: 12-abc\ndata: {...}\n\n"
-[[nodiscard]] HttpReply::Text StreamText(const LiveEvent& event);
+// What is new of one source after a cursor, and the cursor after it.
+struct LiveNews {
+  std::string name;
+  std::string cursor;
+  std::vector<LiveEvent> events;
+};
 
-// {"events":[{"event":"records","id":"12-abc","data":{...}}]}
-[[nodiscard]] HttpReply ChangesReply(const std::vector<LiveEvent>& events);
+// The cursors of a stream by the names of its events. Clients take its text for opaque.
+//
+//   "records=12-abc;overview=7f.3"   of a stream; what is not in it begins with what is new from now on
+//   "12-abc"                         of a document: that of the view's main events
+using Cursors = std::map<std::string, std::string, std::less<>>;
+[[nodiscard]] std::string TextOf(const Cursors& cursors);
+[[nodiscard]] Cursors CursorsOf(const std::string& text, const std::string& main_name);
+
+// What a stream gets of an event, after the line with its cursors.
+//   "event: records\ndata: {...}\n\n"
+[[nodiscard]] HttpReply::Text StreamText(const LiveEvent& event);
+//   "id: records=12-abc\n"
+[[nodiscard]] HttpReply::Text StreamPlace(const Cursors& cursors);
+
+// {"cursor":"...","events":[{"event":"records","id":"...","data":{...}}]}
+[[nodiscard]] HttpReply ChangesReply(const std::vector<LiveNews>& news);
 
 }  // namespace qx::view

@@ -36,9 +36,11 @@ void CutAt(const Cursor& end, RecordPage& page) {
 }  // namespace
 
 void LiveReports::Subscribe(StreamId stream, const ReportWatch& watch) {
-  const auto [at, is_new] = followers_.try_emplace(
-      watch.base_path,
-      Follower{.report = watch.report, .tail = RecordTail(watch.base_path), .cursor = std::nullopt, .streams = {}});
+  const auto [at, is_new] = followers_.try_emplace(watch.base_path, Follower{.report = watch.report,
+                                                                             .tail = RecordTail(watch.base_path),
+                                                                             .cursor = std::nullopt,
+                                                                             .time_ms = std::nullopt,
+                                                                             .streams = {}});
   Follower& follower = at->second;
   Poll(follower);
   follower.streams[watch.filter].push_back(stream);
@@ -57,10 +59,14 @@ void LiveReports::Unsubscribe(StreamId stream) {
   }
 }
 
-std::vector<LiveEvent> LiveReports::Changes(const ReportWatch& watch) {
-  const RecordPage page = RecordTail(watch.base_path).Read(watch.after, kRecordsMax);
-  if (!IsNews(page, watch.filter)) return {};
-  return {EventOf(watch.report, page, watch.filter)};
+LiveNews LiveReports::Changes(const ReportWatch& watch) {
+  const RecordPage page = RecordTail(watch.base_path).Read(watch.after, watch.after.has_value() ? kRecordsMax : 0);
+  LiveNews news = {.name = "records", .cursor = TextOf(page.cursor), .events = {}};
+  if (page.error != 0) news.cursor = watch.after.has_value() ? TextOf(*watch.after) : "";
+  if (watch.after.has_value() && IsNews(page, watch.filter)) {
+    news.events.push_back(EventOf(watch.report, page, watch.filter));
+  }
+  return news;
 }
 
 // The first time there is nothing to send: who subscribes begins with its own cursor. A report that is missing for a
@@ -68,9 +74,11 @@ std::vector<LiveEvent> LiveReports::Changes(const ReportWatch& watch) {
 void LiveReports::Poll(Follower& follower) {
   if (!follower.tail.HasMoved()) return;
   const bool is_first = !follower.cursor.has_value();
-  const RecordPage page = follower.tail.Read(follower.cursor, is_first && follower.streams.empty() ? 0 : kRecordsMax);
+  RecordPage page = follower.tail.Read(follower.cursor, is_first && follower.streams.empty() ? 1 : kRecordsMax);
   if (page.error != 0) return;
   follower.cursor = page.cursor;
+  if (!page.is_reset) page.time_before = follower.time_ms;
+  follower.time_ms = TimeAfter(page);
   for (const auto& [filter, streams] : follower.streams) {
     if (IsNews(page, filter)) deliver_(streams, EventOf(follower.report, page, filter));
   }

@@ -34,8 +34,8 @@ class LiveReports {
   void Subscribe(StreamId stream, const ReportWatch& watch);
   void Unsubscribe(StreamId stream);
 
-  // What is new after the cursor; an empty list if nothing is. [owning thread]
-  [[nodiscard]] static std::vector<LiveEvent> Changes(const ReportWatch& watch);
+  // What is new after the cursor; without one only where the report ends. [owning thread]
+  [[nodiscard]] static LiveNews Changes(const ReportWatch& watch);
 
   // Sends what is new; for Worker::Tick. [owning thread]
   [[nodiscard]] std::optional<std::chrono::milliseconds> Tick();
@@ -44,7 +44,8 @@ class LiveReports {
   struct Follower {
     std::string report;
     RecordTail tail;
-    std::optional<Cursor> cursor;  // what every stream has got; unset: the report could not be read yet
+    std::optional<Cursor> cursor;         // what every stream has got; unset: the report could not be read yet
+    std::optional<std::int64_t> time_ms;  // of the last record that has one
     std::map<std::string, std::vector<StreamId>> streams;  // by filter
   };
 

@@ -60,9 +60,11 @@ bool IsWorse(const JudgedRow& left, const JudgedRow& right) {
   return left.row->name < right.row->name;
 }
 
-std::vector<JudgedRow> JudgedRows(const ctl::TopReports& reports, std::int64_t stale_seconds) {
+std::vector<JudgedRow> JudgedRows(const ctl::TopReports& reports, const OverviewView& view) {
   std::vector<JudgedRow> rows;
-  for (const TopRow& row : reports.Rows()) rows.push_back(Judged(row, stale_seconds));
+  for (const TopRow& row : reports.Rows()) {
+    if (view.only.empty() || row.name == view.only) rows.push_back(Judged(row, view.stale_seconds));
+  }
   std::sort(rows.begin(), rows.end(), IsWorse);
   return rows;
 }
@@ -96,7 +98,7 @@ std::optional<double> SecondsToWrap(const TopRow& row) {
 
 Json OverviewDocument(const ctl::TopReports& reports, const OverviewView& view) {
   Json rows = Json::Array();
-  for (const JudgedRow& row : JudgedRows(reports, view.stale_seconds)) rows.Append(ToJson(row));
+  for (const JudgedRow& row : JudgedRows(reports, view)) rows.Append(ToJson(row));
   Json document;
   document["cursor"] = view.cursor;
   document["timeMs"] = view.time_ms;
@@ -108,9 +110,10 @@ Json OverviewDocument(const ctl::TopReports& reports, const OverviewView& view) 
 
 std::string OverviewContent(const ctl::TopReports& reports, const OverviewView& view) {
   Json rows = Json::Array();
-  for (const JudgedRow& judged : JudgedRows(reports, view.stale_seconds)) {
+  for (const JudgedRow& judged : JudgedRows(reports, view)) {
     Json row = ToJson(judged);
-    for (const std::string_view key : {"ageSeconds", "silentSeconds", "secondsToWrap", "recordsPerSecond"}) {
+    for (const std::string_view key :
+         {"ageSeconds", "silentSeconds", "secondsToWrap", "recordsPerSecond", "newRecords"}) {
       row[key] = nullptr;
     }
     rows.Append(std::move(row));

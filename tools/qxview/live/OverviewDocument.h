@@ -15,6 +15,7 @@ struct OverviewView {
   std::int64_t stale_seconds = 0;
   std::int64_t time_ms = 0;
   std::string cursor;
+  std::string only;  // a report, the only one that is listed; empty: all
 };
 
 // Seconds since the newest record, if that is longer ago than allowed.

@@ -20,13 +20,13 @@ HttpReply::Text Beginning() {
 
 }  // namespace
 
-StreamId StreamHub::Open(Exchange& exchange, Leave leave) {
+StreamId StreamHub::Open(Exchange& exchange, Cursors cursors, Leave leave) {
   HttpReply head;
   head.type = "text/event-stream";
   head.headers = {{"Cache-Control", "no-store"}, {"X-Accel-Buffering", "no"}};
   std::shared_ptr<ReplyStream> stream = exchange.Stream(std::move(head));
   stream->Send(Beginning());
-  entries_.emplace(++last_, Entry{std::move(stream), std::move(leave), Clock::now()});
+  entries_.emplace(++last_, Entry{std::move(stream), std::move(cursors), std::move(leave), Clock::now()});
   return last_;
 }
 
@@ -35,14 +35,17 @@ void StreamHub::Send(const std::vector<StreamId>& streams, const LiveEvent& even
   for (const StreamId id : streams) {
     const auto found = entries_.find(id);
     if (found == entries_.end()) continue;
-    found->second.stream->Send(text);
-    found->second.last_sent = Clock::now();
+    Entry& entry = found->second;
+    entry.cursors[event.name] = event.cursor;
+    entry.stream->Send(StreamPlace(entry.cursors));
+    entry.stream->Send(text);
+    entry.last_sent = Clock::now();
   }
 }
 
 void StreamHub::Maintain(Clock::time_point now) {
   for (auto entry = entries_.begin(); entry != entries_.end();) {
-    auto& [stream, leave, last_sent] = entry->second;
+    auto& [stream, cursors, leave, last_sent] = entry->second;
     if (now - last_sent >= kComment) {
       stream->Send(Comment());
       last_sent = now;

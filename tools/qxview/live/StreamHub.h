@@ -24,15 +24,17 @@ class StreamHub {
   static constexpr std::chrono::seconds kComment{15};
 
   // Answers the exchange with a new stream. [owning thread]
-  [[nodiscard]] StreamId Open(Exchange& exchange, Leave leave);
+  [[nodiscard]] StreamId Open(Exchange& exchange, Cursors cursors, Leave leave);
   // [owning thread]
   void Send(const std::vector<StreamId>& streams, const LiveEvent& event);
+  [[nodiscard]] std::size_t Count() const { return entries_.size(); }
   // Sends comments that are due, and forgets streams whose page is gone. [owning thread]
   void Maintain(Clock::time_point now);
 
  private:
   struct Entry {
     std::shared_ptr<ReplyStream> stream;
+    Cursors cursors;
     Leave leave;
     Clock::time_point last_sent;
   };

@@ -17,7 +17,8 @@ namespace qx::view {
 namespace {
 
 constexpr std::size_t kRunBytes = 4;
-constexpr std::chrono::milliseconds kFresh{500};  // a document that is younger is not made again for a request
+constexpr std::chrono::milliseconds kFresh{500};  // what is younger is not made again for a request
+constexpr std::chrono::seconds kUnused{60};       // a document that nobody follows or asks for is dropped
 
 // All but the module, which this process does not load: the provider's traces belong to its service.
 std::string FindingsText(const SurveySettings& settings) {
@@ -43,83 +44,122 @@ Survey::Survey(SurveySettings settings, Deliver deliver)
       run_(RandomText(kRunBytes)),
       reports_(settings_.directory, "", {}) {}
 
-std::string Survey::CursorText() const {
-  return run_ + "." + std::to_string(overview_.number) + "." + std::to_string(findings_.number);
+// --- documents
+
+std::string Survey::CursorText(const Version& version) const { return run_ + "." + std::to_string(version.number); }
+
+void Survey::PollReports() {
+  if (Clock::now() - polled_ < kFresh) return;
+  polled_ = Clock::now();
+  reports_.Poll(polled_);
 }
 
-void Survey::RefreshOverview() {
-  reports_.Poll(Clock::now());
+void Survey::RefreshOverview(const std::string& only, Version& version) {
+  const Clock::time_point now = Clock::now();
   OverviewView view = {.directory = settings_.directory,
                        .stale_seconds = settings_.stale_seconds,
                        .time_ms = ctl::NowMs(),
-                       .cursor = {}};
+                       .cursor = {},
+                       .only = only};
   std::string content = OverviewContent(reports_, view);
-  const bool is_news = content != overview_.content || Clock::now() - overview_.time >= kRefresh;
+  const bool is_news = content != version.content || now - version.changed >= kRefresh;
   if (is_news) {
-    ++overview_.number;
-    overview_.time = Clock::now();
+    version.number = ++numbers_;
+    version.changed = now;
   }
-  view.cursor = CursorText();
-  overview_.content = std::move(content);
-  overview_.text = std::make_shared<const std::string>(ctl::JsonLine(OverviewDocument(reports_, view)));
-  if (is_news) Send(OverviewEvent());
+  version.made = now;
+  version.content = std::move(content);
+  view.cursor = CursorText(version);
+  version.text = std::make_shared<const std::string>(ctl::JsonLine(OverviewDocument(reports_, view)));
+  if (is_news) Send("overview", version);
+}
+
+Survey::Version& Survey::OverviewOf(const std::string& only) {
+  PollReports();
+  Version& version = overviews_[only];
+  RefreshOverview(only, version);
+  return version;
 }
 
 void Survey::RefreshFindings() {
-  findings_.time = Clock::now();
+  findings_.made = Clock::now();
   std::string content = FindingsText(settings_);
   if (content == findings_.content) return;
-  ++findings_.number;
+  findings_.number = ++numbers_;
   findings_.content = content;
   findings_.text = std::make_shared<const std::string>(std::move(content));
-  Send(FindingsEvent());
+  Send("findings", findings_);
 }
 
-void Survey::Refresh() {
-  const bool has_findings = findings_.text != nullptr && Clock::now() - findings_.time < kFindingsRound;
-  if (!has_findings) RefreshFindings();
-  RefreshOverview();
+LiveEvent Survey::EventOf(const char* name, const Version& version) const {
+  return {.name = name, .cursor = CursorText(version), .data = version.text};
 }
 
-HttpReply Survey::Overview() {
-  Refresh();
-  return ReplyOf(overview_.text);
+void Survey::Send(const char* name, const Version& version) {
+  if (!version.streams.empty()) deliver_(version.streams, EventOf(name, version));
 }
+
+// --- requests
+
+HttpReply Survey::Overview(const std::string& only) { return ReplyOf(OverviewOf(only).text); }
 
 HttpReply Survey::Findings() {
-  const bool is_fresh = findings_.text != nullptr && Clock::now() - findings_.time < kFresh;
+  const bool is_fresh = findings_.text != nullptr && Clock::now() - findings_.made < kFresh;
   if (!is_fresh) RefreshFindings();
   return ReplyOf(findings_.text);
 }
 
-LiveEvent Survey::OverviewEvent() const { return {.name = "overview", .cursor = CursorText(), .data = overview_.text}; }
-
-LiveEvent Survey::FindingsEvent() const { return {.name = "findings", .cursor = CursorText(), .data = findings_.text}; }
-
-void Survey::Send(const LiveEvent& event) {
-  if (!streams_.empty()) deliver_(streams_, event);
+LiveNews Survey::NewsOf(const char* name, const Version& version, const std::string& after) const {
+  LiveNews news = {.name = name, .cursor = CursorText(version), .events = {}};
+  if (after != news.cursor) news.events.push_back(EventOf(name, version));
+  return news;
 }
 
-std::vector<LiveEvent> Survey::Changes(const std::string& after) {
-  Refresh();
-  std::vector<LiveEvent> events;
-  const bool is_of_this_run = after.starts_with(run_ + ".");
-  const bool has_findings = is_of_this_run && after.ends_with("." + std::to_string(findings_.number));
-  const bool has_overview = is_of_this_run && after.starts_with(run_ + "." + std::to_string(overview_.number) + ".");
-  if (!has_overview) events.push_back(OverviewEvent());
-  if (!has_findings) events.push_back(FindingsEvent());
-  return events;
+LiveNews Survey::OverviewChanges(const std::string& only, const std::string& after) {
+  return NewsOf("overview", OverviewOf(only), after);
 }
 
-void Survey::Subscribe(StreamId stream, const std::string& after) {
-  for (LiveEvent& event : Changes(after)) deliver_({stream}, std::move(event));
-  streams_.push_back(stream);
+LiveNews Survey::FindingsChanges(const std::string& after) {
+  const bool is_fresh = findings_.text != nullptr && Clock::now() - findings_.made < kFindingsRound;
+  if (!is_fresh) RefreshFindings();
+  return NewsOf("findings", findings_, after);
+}
+
+// --- followers
+
+void Survey::SubscribeOverview(StreamId stream, const std::string& only, const std::string& after) {
+  for (LiveEvent& event : OverviewChanges(only, after).events) deliver_({stream}, std::move(event));
+  overviews_[only].streams.push_back(stream);
+}
+
+void Survey::SubscribeFindings(StreamId stream, const std::string& after) {
+  for (LiveEvent& event : FindingsChanges(after).events) deliver_({stream}, std::move(event));
+  findings_.streams.push_back(stream);
+}
+
+void Survey::Unsubscribe(StreamId stream) {
+  std::erase(findings_.streams, stream);
+  for (auto& [only, version] : overviews_) std::erase(version.streams, stream);
+}
+
+void Survey::DropUnused() {
+  const Clock::time_point now = Clock::now();
+  std::erase_if(overviews_,
+                [&](const auto& each) { return each.second.streams.empty() && now - each.second.made > kUnused; });
 }
 
 std::optional<std::chrono::milliseconds> Survey::Tick() {
-  if (streams_.empty()) return std::nullopt;
-  Refresh();
-  return kRound;
+  DropUnused();
+  const bool has_followers =
+      std::any_of(overviews_.begin(), overviews_.end(), [](const auto& each) { return !each.second.streams.empty(); });
+  if (has_followers) PollReports();
+  for (auto& [only, version] : overviews_) {
+    if (!version.streams.empty()) RefreshOverview(only, version);
+  }
+  const bool is_due = Clock::now() - findings_.made >= kFindingsRound;
+  if (is_due && !findings_.streams.empty()) RefreshFindings();
+  if (has_followers || !findings_.streams.empty()) return kRound;
+  return std::nullopt;
 }
 
 }  // namespace qx::view

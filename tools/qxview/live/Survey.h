@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,41 +29,51 @@ class Survey {
 
   Survey(SurveySettings settings, Deliver deliver);
 
-  [[nodiscard]] HttpReply Overview();
+  // qxview-overview of all reports, or with one report only. [owning thread]
+  [[nodiscard]] HttpReply Overview(const std::string& only);
   [[nodiscard]] HttpReply Findings();
 
-  // Sends both documents at once, unless the page has them, and later whenever one changes. [owning thread]
-  void Subscribe(StreamId stream, const std::string& after);
-  void Unsubscribe(StreamId stream) { std::erase(streams_, stream); }
-  [[nodiscard]] std::vector<LiveEvent> Changes(const std::string& after);
+  // Sends the document at once, unless the page has it, and later whenever it changes. [owning thread]
+  void SubscribeOverview(StreamId stream, const std::string& only, const std::string& after);
+  void SubscribeFindings(StreamId stream, const std::string& after);
+  void Unsubscribe(StreamId stream);
+
+  // The document, unless the page has it. [owning thread]
+  [[nodiscard]] LiveNews OverviewChanges(const std::string& only, const std::string& after);
+  [[nodiscard]] LiveNews FindingsChanges(const std::string& after);
 
   // For Worker::Tick. [owning thread]
   [[nodiscard]] std::optional<std::chrono::milliseconds> Tick();
 
  private:
-  // A document with the number of its version.
+  // A document with the number of its version, and who follows it.
   struct Version {
     std::uint64_t number = 0;
     std::string content;  // without what changes all the time
     HttpReply::Text text;
-    Clock::time_point time;
+    Clock::time_point changed;
+    Clock::time_point made;
+    std::vector<StreamId> streams;
   };
 
-  void Refresh();
-  void RefreshOverview();
+  void PollReports();
+  void RefreshOverview(const std::string& only, Version& version);
   void RefreshFindings();
-  void Send(const LiveEvent& event);
-  [[nodiscard]] std::string CursorText() const;
-  [[nodiscard]] LiveEvent OverviewEvent() const;
-  [[nodiscard]] LiveEvent FindingsEvent() const;
+  [[nodiscard]] Version& OverviewOf(const std::string& only);
+  [[nodiscard]] LiveEvent EventOf(const char* name, const Version& version) const;
+  void Send(const char* name, const Version& version);
+  [[nodiscard]] std::string CursorText(const Version& version) const;
+  [[nodiscard]] LiveNews NewsOf(const char* name, const Version& version, const std::string& after) const;
+  void DropUnused();
 
   SurveySettings settings_;
   Deliver deliver_;
   std::string run_;  // a text that no other run of the server has
+  std::uint64_t numbers_ = 0;
   ctl::TopReports reports_;
-  Version overview_;
+  Clock::time_point polled_;
+  std::map<std::string, Version> overviews_;  // by the only report; "" has all
   Version findings_;
-  std::vector<StreamId> streams_;
 };
 
 }  // namespace qx::view

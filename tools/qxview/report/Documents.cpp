@@ -55,9 +55,14 @@ bool Shows(std::string_view filter, std::string_view text) {
 Json RecordsDocument(const std::string& report, const RecordPage& page, std::string_view filter) {
   const ctl::FieldRules rules = Rules();
   Json records = Json::Array();
+  std::optional<std::int64_t> time_ms = page.time_before;
   for (const NumberedRecord& record : page.records) {
-    if (!Shows(filter, ctl::TextOfRecord(record.text).text)) continue;
-    records.Append(ctl::RecordToJson(record.number, record.text, rules));
+    const std::string_view text = ctl::TextOfRecord(record.text).text;
+    if (const auto stamp = ctl::TimeOfRecord(text, rules.time)) time_ms = stamp;
+    if (!Shows(filter, text)) continue;
+    Json entry = ctl::RecordToJson(record.number, record.text, rules);
+    if (time_ms.has_value()) entry["timeMs"] = *time_ms;
+    records.Append(std::move(entry));
   }
   Json document;
   ctl::SetText(document, "report", report);
@@ -67,6 +72,14 @@ Json RecordsDocument(const std::string& report, const RecordPage& page, std::str
   document["omitted"] = page.omitted;
   document["records"] = std::move(records);
   return document;
+}
+
+std::optional<std::int64_t> TimeAfter(const RecordPage& page) {
+  const ctl::FieldRules rules = Rules();
+  for (auto record = page.records.rbegin(); record != page.records.rend(); ++record) {
+    if (const auto stamp = ctl::TimeOfRecord(record->text, rules.time)) return stamp;
+  }
+  return page.time_before;
 }
 
 Json ChartDocument(const std::string& report, const std::vector<std::string>& fields, const Chart& chart) {

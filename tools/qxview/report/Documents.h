@@ -16,8 +16,10 @@ namespace qx::view {
 // Which records of a page are shown: those with this text in them, whatever the case of ASCII letters. Empty: all.
 [[nodiscard]] bool Shows(std::string_view filter, std::string_view text);
 
-// qxview-records
+// qxview-records. A record without a stamp has the time of the one before it, as far as that is in the page.
 [[nodiscard]] ctl::Json RecordsDocument(const std::string& report, const RecordPage& page, std::string_view filter);
+// The time of the last record of the page, or of the one before it that has a stamp.
+[[nodiscard]] std::optional<std::int64_t> TimeAfter(const RecordPage& page);
 // qxview-chart
 [[nodiscard]] ctl::Json ChartDocument(const std::string& report, const std::vector<std::string>& fields,
                                       const Chart& chart);

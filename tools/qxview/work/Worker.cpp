@@ -20,7 +20,7 @@ bool Worker::Post(Task task) {
   {
     const std::lock_guard guard(lock_);
     if (tasks_.size() >= kTasksMax) return false;
-    tasks_.push_back(std::move(task));
+    tasks_.push_back({.task = std::move(task)});
   }
   change_.notify_one();
   return true;
@@ -29,13 +29,13 @@ bool Worker::Post(Task task) {
 void Worker::Add(Task task) {
   {
     const std::lock_guard guard(lock_);
-    tasks_.push_back(std::move(task));
+    tasks_.push_back({.task = std::move(task), .is_own = true});
   }
   change_.notify_one();
 }
 
-// False: the thread is to end. An empty task: the tick is due.
-bool Worker::Wait(Task& task) {
+// False: the thread is to end. No task: the tick is due.
+bool Worker::Wait(Waiting& next) {
   std::unique_lock guard(lock_);
   const auto has_work = [this] { return is_ending_ || !tasks_.empty(); };
   if (due_.has_value()) {
@@ -45,7 +45,7 @@ bool Worker::Wait(Task& task) {
   }
   if (is_ending_) return false;
   if (tasks_.empty()) return true;
-  task = std::move(tasks_.front());
+  next = std::move(tasks_.front());
   tasks_.pop_front();
   return true;
 }
@@ -60,10 +60,10 @@ void Worker::RunTick() {
 void Worker::Run() {
   for (;;) {
     try {
-      Task task;
-      if (!Wait(task)) return;
-      if (task != nullptr) task();
-      const bool is_due = !due_.has_value() || Clock::now() >= *due_;
+      Waiting next;
+      if (!Wait(next)) return;
+      if (next.task != nullptr) next.task();
+      const bool is_due = next.is_own || !due_.has_value() || Clock::now() >= *due_;
       if (is_due) RunTick();
     } catch (const std::bad_alloc&) {
       continue;

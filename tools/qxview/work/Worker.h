@@ -28,20 +28,25 @@ class Worker {
 
   // A task for a client; false if too many tasks wait. [any thread]
   [[nodiscard]] bool Post(Task task);
-  // A task of our own, which is never refused. [any thread]
+  // A task of our own, which is never refused; it may change what is due, so the tick comes after it. [any thread]
   void Add(Task task);
 
  private:
   using Clock = std::chrono::steady_clock;
 
+  struct Waiting {
+    Task task;
+    bool is_own = false;
+  };
+
   void Run();
   void RunTick();
-  [[nodiscard]] bool Wait(Task& task);
+  [[nodiscard]] bool Wait(Waiting& next);
 
   Tick tick_;
   std::optional<Clock::time_point> due_;
   std::mutex lock_;  // of the two members after it
-  std::deque<Task> tasks_;
+  std::deque<Waiting> tasks_;
   bool is_ending_ = false;
   std::condition_variable change_;
   std::thread thread_;  // the last member: it uses the others

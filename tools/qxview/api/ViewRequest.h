@@ -1,0 +1,41 @@
+// What a page wants to be sent as it happens.
+//
+//   view=overview                                    the overview
+//   view=health                                      doctor's findings
+//   view=report&report=R[&filter=T][&traces=1...]    new records, the report's row of the overview, and trace entries
+//   view=traces[&level=L][&filter=T]                 trace entries
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "tools/qxview/api/Failure.h"
+#include "tools/qxview/http/HttpRequest.h"
+#include "tools/qxview/live/LiveEvent.h"
+#include "tools/qxview/live/LiveReports.h"
+#include "tools/qxview/live/TraceFeed.h"
+
+namespace qx::view {
+
+struct ViewRequest {
+  Cursors after;                        // by the names of events
+  std::optional<ReportWatch> records;   // unset: none
+  std::optional<std::string> overview;  // the only report of it; empty: all
+  bool has_findings = false;
+  std::optional<TraceWatch> traces;
+
+  [[nodiscard]] std::string After(const std::string& name) const;
+};
+
+// A failure, if the request is not one of these views.
+struct ReadView {
+  ViewRequest view;
+  std::optional<HttpReply> failure;
+};
+[[nodiscard]] ReadView ViewOf(const HttpRequest& request, const std::string& directory);
+
+// `level` and `filter`, and the times of a request for traces. A problem is in the parameters.
+class Parameters;
+[[nodiscard]] TraceWish TraceWishOf(Parameters& parameters);
+
+}  // namespace qx::view
