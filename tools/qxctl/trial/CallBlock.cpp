@@ -4,7 +4,7 @@
 //   "number"      4, 5, 6 and, of any type but 8 and 512, the credential marker: a number
 //   "text"        8: a string; null for a null pointer; "textBase64" if it is not UTF-8
 //   "blocks"      512: a chain of nested blocks, an array of arrays of elements
-//   "list"        61, and 19 next to the credential marker: an element list
+//   "list"        19 and 61, whatever their type: an element list
 //   "validation"  65: validation data
 //   "pointer"     null: a pointer of the module or of the host, or no value
 #include <algorithm>
