@@ -10,6 +10,7 @@
 
 #include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 namespace qx::markup {
@@ -17,6 +18,8 @@ namespace qx::markup {
 inline constexpr std::ptrdiff_t kScanBlockBytes = 16;
 
 #if defined(__SSE2__)
+inline constexpr std::ptrdiff_t kWideBlockBytes = 4 * kScanBlockBytes;
+
 namespace detail {
 
 inline __m128i LoadBlock(const char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
@@ -32,6 +35,23 @@ int HitsIn(__m128i block) {
 inline const char* FirstHit(const char* p, int mask) { return p + std::countr_zero(static_cast<unsigned>(mask)); }
 
 }  // namespace detail
+
+// One bit per byte of the wide block at `p`, set where the byte is one of kBytes.
+template <char... kBytes>
+std::uint64_t HitsInWideBlock(const char* p) {
+  std::uint64_t hits = 0;
+  for (std::ptrdiff_t at = 0; at < kWideBlockBytes; at += kScanBlockBytes) {
+    hits |= std::uint64_t{static_cast<unsigned>(detail::HitsIn<kBytes...>(detail::LoadBlock(p + at)))} << at;
+  }
+  return hits;
+}
+
+// Copies `bytes` bytes in whole blocks: up to 15 bytes more are read and written.
+inline void CopyInBlocks(const char* from, char* to, std::ptrdiff_t bytes) {
+  for (std::ptrdiff_t at = 0; at < bytes; at += kScanBlockBytes) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to + at), detail::LoadBlock(from + at));
+  }
+}
 #endif
 
 // The plain forms: they search the tail for the fast forms, and are the oracle in tests.

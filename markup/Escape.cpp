@@ -8,17 +8,15 @@
 
 #include "markup/Ascii.h"
 #include "markup/ByteScan.h"
-#include "markup/Entities.h"
-#include "markup/Unicode.h"
 
 namespace qx::markup {
 
 namespace {
 
-constexpr std::size_t kReferenceCharsMax = 9;
-
 // How much text is escaped before it is appended.
 constexpr std::size_t kStretchBytes = 1024;
+// A stretch ends with a whole block, so it may be longer by nearly that.
+constexpr std::size_t kWidestBlockBytes = 64;
 // The longest reference that replaces one byte: "&quot;".
 constexpr std::size_t kReferenceBytesMax = 6;
 
@@ -77,47 +75,13 @@ bool BeginsReference(const char* p, const char* end) {
   return body_end != nullptr && body_end != end && *body_end == ';';
 }
 
-int DigitValue(char c) { return IsClass(c, kDigit) ? c - '0' : c - 'a' + 10; }
-
-// The code point of "#65" or "#x41" (lower-cased); 0 if it is not a number or not a character.
-int NumericReference(std::string_view code) {
-  const bool hex = code.size() > 1 && code[1] == 'x';
-  const std::string_view digits = code.substr(hex ? 2 : 1);
-  std::int64_t value = 0;  // nine digits at most
-  for (const char c : digits) {
-    if (!IsClass(c, hex ? kHexDigit : kDigit)) return 0;
-    value = value * (hex ? 16 : 10) + DigitValue(c);
-  }
-  return value <= kCodePointMax && !IsSurrogate(static_cast<int>(value)) ? static_cast<int>(value) : 0;
-}
-
-struct Reference {
-  int code = 0;               // 0: none
-  const char* end = nullptr;  // after the ";"
-};
-
-// Reads one of the five most common references in its usual, lower-case form; code 0 for anything else.
-Reference CommonReference(const char* p, const char* end) {
-  struct Common {
-    std::string_view text;
-    char code;
-  };
-  static constexpr Common kCommon[] = {{"&lt;", '<'}, {"&gt;", '>'}, {"&amp;", '&'}, {"&quot;", '"'}, {"&apos;", '\''}};
-  for (const Common& common : kCommon) {
-    if (static_cast<std::size_t>(end - p) < common.text.size()) continue;
-    if (p[1] != common.text[1] || std::memcmp(p, common.text.data(), common.text.size()) != 0) continue;
-    return {common.code, p + common.text.size()};
-  }
-  return {};
-}
-
 struct EscapeSource {
   const char* end;
   int flags;
 };
 
 // Writes the escaped form of the special byte at `p` to `to`, which must have space for eight bytes.
-char* WriteReference(const EscapeSource& source, const char* p, char* to) {
+inline char* WriteReference(const EscapeSource& source, const char* p, char* to) {
   if ((source.flags & kEscapeKeepReferences) != 0 && *p == '&' && BeginsReference(p, source.end)) {
     *to = '&';
     return to + 1;
@@ -127,12 +91,33 @@ char* WriteReference(const EscapeSource& source, const char* p, char* to) {
   return to + reference.size;
 }
 
-// Escapes about kStretchBytes from `p` on and moves `p` past them; returns the end of what was written to `to`. Each
-// step copies a whole block and keeps what comes before its first special byte.
+#if defined(__SSE2__)
+// Escapes the wide block at `block`, after which the source has at least one block more; returns the end of what was
+// written to `to`. The positions of all special bytes are found first, so no step waits for the one before.
+template <char... kSpecial>
+char* EscapeWideBlock(const EscapeSource& source, const char* block, char* to) {
+  const char* p = block;
+  for (std::uint64_t hits = HitsInWideBlock<kSpecial...>(block); hits != 0; hits &= hits - 1) {
+    const char* const special = block + std::countr_zero(hits);
+    CopyInBlocks(p, to, special - p);
+    to = WriteReference(source, special, to + (special - p));
+    p = special + 1;
+  }
+  const std::ptrdiff_t rest = block + kWideBlockBytes - p;
+  CopyInBlocks(p, to, rest);
+  return to + rest;
+}
+#endif
+
+// Escapes about kStretchBytes from `p` on and moves `p` past them; returns the end of what was written to `to`. Near
+// the end of the source, each step copies a whole block and keeps what comes before its first special byte.
 template <char... kSpecial>
 char* EscapeStretchOf(const EscapeSource& source, const char*& p, char* to) {
   const char* const stretch_end = p + std::min<std::ptrdiff_t>(source.end - p, kStretchBytes);
 #if defined(__SSE2__)
+  for (; p < stretch_end && source.end - p >= kWideBlockBytes + kScanBlockBytes; p += kWideBlockBytes) {
+    to = EscapeWideBlock<kSpecial...>(source, p, to);
+  }
   while (p < stretch_end && source.end - p >= kScanBlockBytes) {
     const __m128i block = detail::LoadBlock(p);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(to), block);
@@ -156,36 +141,6 @@ char* EscapeStretchOf(const EscapeSource& source, const char*& p, char* to) {
 char* EscapeStretch(const EscapeSource& source, const char*& p, char* to) {
   return (source.flags & kEscapeQuoteMarks) != 0 ? EscapeStretchOf<'&', '<', '>', '"', '\''>(source, p, to)
                                                  : EscapeStretchOf<'&', '<', '>'>(source, p, to);
-}
-
-// Reads the reference that begins with the "&" at `p`.
-//   "&lt;x"  => '<', end at "x"      "& &lt;"  => none      "&#0;"  => none
-Reference ReadReference(const char* p, const char* end) {
-  char code[kReferenceCharsMax];
-  std::size_t length = 0;
-  for (++p; p != end && *p != ';' && static_cast<signed char>(*p) >= 0 && length < kReferenceCharsMax; ++p) {
-    code[length++] = ToLower(*p);
-  }
-  if (p == end || *p != ';' || length == 0) return {};
-  const std::string_view body(code, length);
-  return {body.front() == '#' ? NumericReference(body) : FindPredefEntity(body), p + 1};
-}
-
-std::string HandleSpace(std::string_view text, int flags) {
-  std::string out;
-  bool pending = false;
-  const auto white = [](char c) { return IsClass(c, kWhite); };
-  const auto first = std::find_if_not(text.begin(), text.end(), white);
-  const auto last = std::find_if_not(text.rbegin(), std::make_reverse_iterator(first), white).base();
-  if ((flags & kUnescapeCollapse) == 0) return std::string(first, last);
-  for (auto at = first; at != last; ++at) {
-    if (!white(*at)) {
-      if (pending) out += ' ';
-      out += *at;
-    }
-    pending = white(*at);
-  }
-  return out;
 }
 
 }  // namespace
@@ -213,7 +168,7 @@ void AppendEscapedPlain(std::string& out, std::string_view text, int flags) {
 void AppendEscaped(std::string& out, std::string_view text, int flags) {
   const EscapeSource source{text.data() + text.size(), flags};
   for (const char* p = text.data(); p != source.end;) {
-    char buffer[EscapeBufferBytes(kStretchBytes + std::size_t{kScanBlockBytes})];
+    char buffer[EscapeBufferBytes(kStretchBytes + kWidestBlockBytes)];
     char* const to = EscapeStretch(source, p, buffer);
     out.append(buffer, static_cast<std::size_t>(to - buffer));
   }
@@ -241,30 +196,6 @@ void AppendBinary(std::string& out, std::string_view text) {
     const char reference[] = {'&', '#', 'x', kHexDigits[byte >> 4], kHexDigits[byte & 15], ';'};
     out.append(reference, sizeof reference);
     p = special + 1;
-  }
-}
-
-void AppendUnescaped(std::string& out, std::string_view text, int flags) {
-  if ((flags & (kUnescapeTrim | kUnescapeCollapse)) != 0) return AppendUnescaped(out, HandleSpace(text, flags), 0);
-
-  const char* p = text.data();
-  const char* const end = p + text.size();
-  while (p != end) {
-    const char* const ampersand = FindAnyOf<'&'>(p, end);
-    out.append(p, static_cast<std::size_t>(ampersand - p));
-    if (ampersand == end) return;
-    Reference reference = CommonReference(ampersand, end);
-    if (reference.code == 0) reference = ReadReference(ampersand, end);
-    if (reference.code == 0) {
-      out += '&';
-      p = ampersand + 1;
-    } else if (reference.code < 0x80) {
-      out += static_cast<char>(reference.code);
-      p = reference.end;
-    } else {
-      AppendUtf8(out, reference.code);
-      p = reference.end;
-    }
   }
 }
 

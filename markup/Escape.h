@@ -29,6 +29,7 @@ void AppendBinary(std::string& out, std::string_view text);
 
 // Appends the text with each known reference replaced by its character in UTF-8.
 void AppendUnescaped(std::string& out, std::string_view text, int flags);
+void AppendUnescapedPlain(std::string& out, std::string_view text);  // byte by byte: the oracle in tests
 
 inline constexpr std::string_view kCDataStart = "<![CDATA[";
 inline constexpr std::string_view kCDataEnd = "]]>";

@@ -56,18 +56,30 @@ Sequence Measure(std::string_view text) {
 
 }  // namespace
 
-void AppendUtf8(std::string& out, int code) {
+char* WriteUtf8(char* to, int code) {
   const auto c = static_cast<unsigned>(IsCharacter(code) ? code : kReplacementCharacter);
   const auto continuation = [c](unsigned shift) { return static_cast<char>(0x80 | ((c >> shift) & 0x3F)); };
   if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += {static_cast<char>(0xC0 | (c >> 6)), continuation(0)};
-  } else if (c < 0x10000) {
-    out += {static_cast<char>(0xE0 | (c >> 12)), continuation(6), continuation(0)};
-  } else {
-    out += {static_cast<char>(0xF0 | (c >> 18)), continuation(12), continuation(6), continuation(0)};
+    *to++ = static_cast<char>(c);
+    return to;
   }
+  if (c < 0x800) {
+    *to++ = static_cast<char>(0xC0 | (c >> 6));
+  } else if (c < 0x10000) {
+    *to++ = static_cast<char>(0xE0 | (c >> 12));
+    *to++ = continuation(6);
+  } else {
+    *to++ = static_cast<char>(0xF0 | (c >> 18));
+    *to++ = continuation(12);
+    *to++ = continuation(6);
+  }
+  *to++ = continuation(0);
+  return to;
+}
+
+void AppendUtf8(std::string& out, int code) {
+  char bytes[kUtf8BytesMax];
+  out.append(bytes, WriteUtf8(bytes, code));
 }
 
 void AppendUtf16(std::u16string& out, int code) {

@@ -4,6 +4,7 @@
 // UTF-16 are invalid. The single-character forms return -1 for invalid input, the whole-text forms write U+FFFD.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -14,6 +15,11 @@ inline constexpr int kReplacementCharacter = 0xFFFD;
 
 constexpr bool IsSurrogate(int code) { return code >= 0xD800 && code <= 0xDFFF; }
 constexpr bool IsCharacter(int code) { return code >= 0 && code <= kCodePointMax && !IsSurrogate(code); }
+
+// Writes the character to `to`, which must have space for kUtf8BytesMax bytes; returns the end of what was written.
+// U+FFFD if `code` is not a character.
+inline constexpr std::size_t kUtf8BytesMax = 4;
+char* WriteUtf8(char* to, int code);
 
 // Appends the character; U+FFFD if `code` is not a character.
 void AppendUtf8(std::string& out, int code);

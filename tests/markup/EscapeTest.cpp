@@ -215,6 +215,18 @@ TEST(UnescapeText, CommonReferencesAreReadLikeTableEntries) {
   }
 }
 
+TEST(UnescapeText, RandomTextsAreUnescapedLikeInThePlainForm) {
+  std::mt19937_64 random(qx::test::Seed("UnescapePlain"));
+  for (int round = 0; round < 4000; ++round) {
+    const std::string text = RandomText(random) + (random() % 2 == 0 ? "&#x1F600;&Omega;&#1114112;" : "&am");
+    std::string plain = "before";
+    qx::markup::AppendUnescapedPlain(plain, text);
+    std::string fast = "before";
+    qx::markup::AppendUnescaped(fast, text, 0);
+    ASSERT_EQ(fast, plain) << text;
+  }
+}
+
 TEST(CDataSection, NeverEndsInsideItsText) {
   EXPECT_EQ(CMarkup::x_EncodeCDATASection(""), "<![CDATA[]]>");
   EXPECT_EQ(CMarkup::x_EncodeCDATASection("<a>&"), "<![CDATA[<a>&]]>");
