@@ -42,8 +42,8 @@ struct Chart {
 
 struct ChartRequest {
   std::vector<std::string> fields;  // at most ReportIndex::kFieldsMax
-  std::optional<std::int64_t> from;
-  std::optional<std::int64_t> to;
+  std::optional<std::int64_t> from = {};
+  std::optional<std::int64_t> to = {};
   std::size_t columns = 800;
 };
 

@@ -1,9 +1,9 @@
 #include "tools/qxview/work/Loop.h"
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cstdint>
+#include <string_view>
 #include <utility>
 
 namespace qx::view {
@@ -16,12 +16,13 @@ void Loop::Post(Task task) {
     tasks_.push_back(std::move(task));
   }
   const std::uint64_t one = 1;
-  (void)write(event_.Number(), &one, sizeof one);  // it is full: then it is readable already
+  const std::string_view bytes(reinterpret_cast<const char*>(&one), sizeof one);
+  (void)file::WriteOnce(event_.Number(), bytes);  // it is full: then it is readable already
 }
 
 void Loop::RunPosted() {
   std::uint64_t count = 0;
-  (void)read(event_.Number(), &count, sizeof count);  // it is empty: then nothing was posted
+  (void)file::ReadSome(event_.Number(), &count, sizeof count);  // it is empty: then nothing was posted
   std::vector<Task> tasks;
   {
     const std::lock_guard guard(lock_);
