@@ -94,8 +94,8 @@ TEST_F(RegistryFault, ReadsReportNoValue) {
            });
 }
 
-// A skipped value line is only this line. With a skipped subkey line, everything in that subkey is skipped, too: it
-// would otherwise become content of the key above.
+// If there is no memory for a value line, the load skips only this line. For a subkey line it skips the whole subkey,
+// whose content would otherwise become content of the key above.
 TEST_F(RegistryFault, LoadWithoutMemorySkipsTheLine) {
   std::set<std::string> trees;
   FailEach([] { CRegistry::SetupTree(true); },

@@ -1,6 +1,6 @@
 // A report's store as plain values: the bytes of its two files, the header that its writer holds in memory, and the
-// records that the ring should hold. What the store does to files is done here to strings, without its arithmetic: the
-// oracle for writers and readers.
+// records that the ring should hold. It does to strings what the store does to files, and shares only the layout of the
+// header with the store's code: the oracle for writers and readers.
 #pragma once
 
 #include <cstddef>

@@ -74,8 +74,8 @@ std::vector<std::string> Expected(int before) {
   return records;
 }
 
-// The header of the last record could not be written, and its writer is gone: the record is in its slot, in the place
-// of the oldest one (in a full ring), or where no reader looks.
+// The write of the header after the last record failed, and its writer has ended. The ring is full, so the record is
+// in the slot of the oldest one. The old header still names that slot as the oldest: the newest record is read first.
 bool IsWithoutLastHeader(const std::vector<std::string>& found) {
   std::vector<std::string> expected = Expected(kBefore);
   std::rotate(expected.begin(), expected.end() - 1, expected.end());
