@@ -95,7 +95,7 @@ export class Chart {
       labels: ["x", ...panel.map((i) => `f${i}`)],
       colors: panel.map((i) => color(`--series-${i + 1}`)),
       series: Object.fromEntries(panel.map((i) => [`f${i}`, { strokePattern: strokePattern(i) }])),
-      customBars: true, fillAlpha: 0.28, strokeWidth: 1.6, connectSeparatedPoints: false, drawPoints: false, pointSize: 2,
+      customBars: true, plotter: [plotRanges, Dygraph.Plotters.linePlotter], strokeWidth: 1.6, connectSeparatedPoints: false, drawPoints: false, pointSize: 2,
       legend: "never", showLabelsOnHighlight: false, highlightCircleSize: 0, interactionModel: {}, labelsUTC: utc,
       dateWindow: [span.from, span.to], axisLabelFontSize: 11, axisLineColor: color("--line"), gridLineColor: color("--grid"),
       gridLineWidth: 1, rightGap: 12, xRangePad: 0, yRangePad: 6, xAxisHeight: isLast ? undefined : 6,
@@ -115,7 +115,7 @@ export class Chart {
   }
 
   shadeGaps(context, area, graph, isFirst, color) {
-    context.font = getComputedStyle(this.node).font;
+    context.font = `12px ${getComputedStyle(this.node).fontFamily}`;
     for (const gap of this.content.series.gaps) {
       const from = Math.max(area.x, graph.toDomXCoord(gap.from));
       const to = Math.min(area.x + area.w, graph.toDomXCoord(gap.to));
@@ -123,7 +123,8 @@ export class Chart {
       context.fillStyle = color("--gap");
       context.fillRect(from, area.y, to - from, area.h);
       context.fillStyle = color("--muted");
-      if (isFirst && to - from > 90) context.fillText("no records", from + 10, area.y + 18);
+      context.textAlign = "center";
+      if (isFirst && to - from > 90) context.fillText("no records", (from + to) / 2, area.y + area.h / 2);
     }
   }
 
@@ -149,9 +150,18 @@ export class Chart {
     return { x, y, w, h: this.plots.lastElementChild.offsetTop + last.y + last.h - y };
   }
 
+  isShown(time) {
+    return time !== null && this.isReady && time >= this.content.span.from && time <= this.content.span.to;
+  }
+
+  isInRightHalf(time) {
+    const { from, to } = this.content.span;
+    return time > (from + to) / 2;
+  }
+
   mark(time) {
     this.time = time;
-    const inside = time !== null && this.isReady && time >= this.content.span.from && time <= this.content.span.to;
+    const inside = this.isShown(time);
     this.line.hidden = !inside;
     if (inside) {
       const { y, h } = this.area;
@@ -192,6 +202,23 @@ export function prepareLibrary() {
   const { Dygraph } = globalThis;
   const { Legend, ChartLabels, RangeSelector, Annotations } = Dygraph.Plugins;
   Dygraph.PLUGINS = Dygraph.PLUGINS.filter((plugin) => ![Legend, ChartLabels, RangeSelector, Annotations].includes(plugin));
+}
+
+// A line from the lowest to the highest value of each pixel column: a single peak among many records is seen.
+function plotRanges({ drawingContext, color, plotArea, points }) {
+  const place = (share) => plotArea.y + plotArea.h * share;
+  drawingContext.save();
+  drawingContext.globalAlpha = 0.5;
+  drawingContext.strokeStyle = color;
+  drawingContext.lineWidth = 1.4;
+  drawingContext.beginPath();
+  for (const { canvasx, y_top: top, y_bottom: bottom } of points) {
+    if (!(Math.abs(bottom - top) > 0)) continue;
+    drawingContext.moveTo(canvasx, place(top));
+    drawingContext.lineTo(canvasx, place(bottom));
+  }
+  drawingContext.stroke();
+  drawingContext.restore();
 }
 
 // [10, 15, 12] and "%" => "12 % (10 to 15)"

@@ -76,7 +76,7 @@ class Health {
   }
 
   good(findings) {
-    return element("details", { class: "good", open: findings.some(({ code }) => code === this.route.params.get("code")) },
+    return element("details", { class: "good", "aria-label": "Checks without a finding", open: findings.some(({ code }) => code === this.route.params.get("code")) },
       element("summary", {}, icon("ok"), `${counted(findings.length, "check")} without a finding`),
       element("ul", { class: "findings" }, findings.map((finding) => this.finding(finding))));
   }
@@ -85,8 +85,8 @@ class Health {
     return element("li", { class: "card finding", "data-severity": severity, "data-code": code, tabindex: "-1" },
       element("div", { class: "finding-head" }, element("span", { class: `severity severity-${severity}` }, icon(severity), severityWords[severity]),
         element("span", { class: "code" }, code), element("span", { class: "section" }, section)),
-      element("p", { class: "fact" }, visibleText(fact)),
-      fix && element("p", { class: "fix" }, visibleText(fix)),
+      element("p", { class: "fact" }, withCode(fact)),
+      fix && element("p", { class: "fix" }, withCode(fix)),
       command && this.command(visibleText(command)));
   }
 
@@ -122,6 +122,11 @@ class Health {
     this.abort.abort();
     this.live?.close();
   }
+}
+
+// "See `qxctl top`" => "See ", <code>qxctl top</code>
+function withCode(text) {
+  return visibleText(text).split("`").map((part, i) => (i % 2 === 1 ? element("code", {}, part) : part));
 }
 
 // Without the clipboard (a page that is not from this machine) the command is selected, for the keys of the system.

@@ -1,8 +1,8 @@
-// The fields of a report as buttons: each chosen one has the colour and pattern of its line, and its value at the cursor
-// or, without a cursor, the newest one.
+// The fields of a report as buttons with their newest values. A chosen one has the colour and pattern of its line.
 
-import { strokePattern, valueText } from "./chart.js";
-import { element, setAttribute, setChildren, setText, svg } from "./dom.js";
+import { valueText } from "./chart.js";
+import { element, setAttribute, setChildren, setText } from "./dom.js";
+import { lineSample, paintSample } from "./readout.js";
 import { matches, visibleText } from "./text.js";
 
 export const fieldsMax = 6;
@@ -17,8 +17,7 @@ export class Legend {
     this.list = element("div", { class: "fields", role: "group", "aria-label": `Fields of the chart, at most ${fieldsMax}` });
     this.search = element("input", { type: "search", class: "fields-search", placeholder: "Find a field", "aria-label": "Find a field",
       hidden: true, oninput: () => this.filter() });
-    this.time = element("span", { class: "legend-time" });
-    this.node = element("div", { class: "legend" }, this.search, this.list, this.time);
+    this.node = element("div", { class: "legend" }, this.search, this.list);
   }
 
   // fields: [{ name, unit, newest }]
@@ -36,8 +35,7 @@ export class Legend {
   buttonOf(field) {
     let button = this.buttons.get(field.name);
     if (!button) {
-      const swatch = svg("svg", { class: "swatch", viewBox: "0 0 22 8", "aria-hidden": "true", focusable: "false" },
-        svg("line", { x1: "1", y1: "4", x2: "21", y2: "4" }));
+      const swatch = lineSample(-1);
       const value = element("span", { class: "field-value" });
       const node = element("button", { type: "button", class: "chip field-chip", onclick: () => this.toggle(field.name) }, swatch,
         element("span", { class: "field-name" }, visibleText(field.name)), value);
@@ -51,8 +49,7 @@ export class Legend {
   paint({ node, swatch }, index) {
     setAttribute(node, "aria-pressed", String(index >= 0));
     setAttribute(node, "aria-disabled", index < 0 && this.chosen.length >= fieldsMax ? "true" : null);
-    setAttribute(swatch, "class", index >= 0 ? `swatch series-${index + 1}` : "swatch");
-    setAttribute(swatch.firstChild, "stroke-dasharray", index >= 0 ? strokePattern(index)?.join(" ") : null);
+    paintSample(swatch, index);
   }
 
   toggle(name) {
@@ -67,14 +64,8 @@ export class Legend {
     }
   }
 
-  // values: name => [min, max, last] or null, of the chosen fields
-  values(values, timeText) {
-    for (const field of this.all ?? []) {
-      const known = values.has(field.name) ? values.get(field.name) : undefined;
-      const text = known === undefined ? newestText(field) : valueText(known, field.unit);
-      setText(this.buttons.get(field.name).value, text);
-    }
-    setText(this.time, timeText);
+  showNewest() {
+    for (const field of this.all ?? []) setText(this.buttons.get(field.name).value, newestText(field));
   }
 }
 

@@ -66,8 +66,12 @@ class Pages {
       else this.show();
       return;
     }
+    this.apply(parseRoute(location.hash));
+  }
+
+  apply(route) {
     const before = this.route;
-    this.route = parseRoute(location.hash);
+    this.route = route;
     if (!this.frame) return;
     if (!this.view || before.view !== this.route.view || before.report !== this.route.report) {
       this.show();
@@ -80,7 +84,8 @@ class Pages {
 
   // Goes to an address of this view: as a new entry of the history, or in place of the current one.
   go(route) {
-    location.hash = formatRoute(route);
+    if (formatRoute(route) !== location.hash) history.pushState(null, "", formatRoute(route));
+    this.apply(route);
   }
 
   replace(route) {

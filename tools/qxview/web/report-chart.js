@@ -4,6 +4,7 @@ import { Chart } from "./chart.js";
 import { element, setAttribute, setText } from "./dom.js";
 import { duration, fullTime, grouped, secondTime, zoneName } from "./format.js";
 import { Legend, fieldsMax } from "./legend.js";
+import { Readout } from "./readout.js";
 import { changed } from "./route.js";
 import { Series } from "./series.js";
 import { scaledSpan, shownSpan } from "./span.js";
@@ -28,7 +29,8 @@ export class ReportChart {
     this.spanText = element("span", { class: "span-text" });
     this.place = element("div", { class: "chart-place" });
     this.note = element("p", { class: "chart-note" });
-    this.show(this.chart.node, this.note);
+    this.readout = new Readout();
+    this.show(this.chart.node, this.note, this.readout.node);
     this.node = element("section", { class: "card chart-card", "aria-label": "Chart" },
       element("div", { class: "tools" }, this.legend.node, this.tools()), this.place,
       element("p", { class: "hidden", id: "chart-keys" }, keysText));
@@ -149,7 +151,7 @@ export class ReportChart {
     const span = this.shownSpan();
     this.drawnTo = span.to;
     if (!this.report.span.fixed && this.report.span.last !== null) this.series.dropBefore(span.from);
-    this.show(this.chart.node, this.note);
+    this.show(this.chart.node, this.note, this.readout.node);
     this.chart.show(this.series, this.fields(), span, { utc: this.report.frame.utc, axis: this.axis });
     this.showNote(span);
     this.showValues();
@@ -193,12 +195,12 @@ export class ReportChart {
   }
 
   showValues() {
-    if (!this.series) return;
-    const { utc } = this.report.frame;
+    this.legend.showNewest();
     const time = this.time ?? null;
-    const column = time === null ? null : this.series.at(time);
-    const values = new Map(column ? this.series.fields.map((name, i) => [name, column.values[i]]) : []);
-    this.legend.values(values, time === null ? "" : this.isNumbered ? `at record ${grouped(time)}` : `at ${fullTime(time, utc)}`);
+    const column = time === null ? undefined : this.series?.at(time);
+    if (!column || !this.chart.isShown(time)) return this.readout.hide();
+    const text = this.isNumbered ? `record ${grouped(time)}` : `${fullTime(time, this.report.frame.utc)}`;
+    this.readout.show(text, this.fields(), column.values, this.chart.isInRightHalf(time));
   }
 
   close() {

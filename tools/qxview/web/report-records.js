@@ -1,9 +1,9 @@
 // The part of a report's view with the records of the shown span.
 
-import { debounced, element, setAttribute, setText } from "./dom.js";
+import { debounced, element, setAttribute, setChildren, setText } from "./dom.js";
 import { counted, logTime } from "./format.js";
 import { changed, numberParam } from "./route.js";
-import { empty } from "./states.js";
+import { empty, failed } from "./states.js";
 import { markedText, matches, textOf } from "./text.js";
 import { TimeList } from "./time-list.js";
 
@@ -15,6 +15,8 @@ export class RecordsPanel {
     this.report = report;
     this.cursor = "";
     this.waiting = [];
+    this.lost = 0;
+    this.newest = -1;  // the number of the newest record of the list or of those that wait
     this.search = element("input", { type: "search", class: "filter", placeholder: "Filter records", "aria-label": "Filter records",
       oninput: () => this.filterLater() });
     this.filterLater = debounced(250, () => report.pages.replace(changed(report.route, { filter: this.search.value })));
@@ -55,21 +57,34 @@ export class RecordsPanel {
     const span = this.report.chart.isNumbered ? [] : this.report.requestedSpan();
     const amount = span.length > 0 ? [...span, ["max", this.rows]] : [["newest", this.rows]];
     this.waiting = [];
+    this.failure = null;
     const document = await this.report.ask("records", [...amount, ["filter", this.filter]]);
     this.cursor = document.cursor;
+    this.newest = document.records.at(-1)?.index ?? -1;
+    this.waiting = this.waiting.filter(({ index }) => index > this.newest);  // came while the request was under way
     this.list.rowsMax = this.rows;
     this.isCut = document.records.length >= this.rows;
     this.list.replace(document.records.reverse());
+  }
+
+  fail(error) {
+    this.failure = failed(error, () => this.report.reload(["records"]));
   }
 
   receive(records) {
     const { fixed, from, to } = this.report.span;
     const filter = this.filter;
     const place = (record) => this.report.chart.placeOf(record);
-    const shown = records.filter((record) => (!fixed || (place(record) >= from && place(record) <= to)) &&
+    const shown = records.filter((record) => record.index > this.newest && (!fixed || (place(record) >= from && place(record) <= to)) &&
       matches(record.text ?? textOf(record, "text"), filter));
+    this.newest = Math.max(this.newest, shown.at(-1)?.index ?? -1);
     this.waiting.push(...shown);
     if (this.waiting.length > this.rows) this.waiting.splice(0, this.waiting.length - this.rows);
+  }
+
+  // The ring overwrote records since the last ones that this page got.
+  noteLost(count) {
+    this.lost += count;
   }
 
   draw() {
@@ -80,17 +95,21 @@ export class RecordsPanel {
     }
     const { fixed, last } = this.report.span;
     if (!fixed && last !== null && !this.report.chart.isNumbered) this.list.dropBefore(this.report.now() - last * 1000);
-    setText(this.count, this.isCut ? `newest ${counted(this.list.size, "record")}` : counted(this.list.size, "record"));
+    const lost = this.lost > 0 ? `; ${counted(this.lost, "record")} overwritten before they were read` : "";
+    setText(this.count, `${this.isCut ? "newest " : ""}${counted(this.list.size, "record")}${lost}`);
     this.older.hidden = !this.isCut || this.rows >= 5000;
     this.showNothing();
   }
 
   showNothing() {
-    const none = this.list.size === 0;
+    const none = this.list.size === 0 || this.failure;
     this.list.scroller.hidden = none;
     this.nothing.hidden = !none;
+    if (this.failure) return setChildren(this.nothing, [this.failure]);
     const text = this.filter === "" ? "No record in this span of time." : "No record in this span of time contains the filter.";
-    if (none && this.nothing.textContent !== `No records${text}`) this.nothing.replaceChildren(empty("No records", text));
+    if (this.emptyText !== text) this.emptyState = empty("No records", text);
+    this.emptyText = text;
+    setChildren(this.nothing, none ? [this.emptyState] : []);
   }
 
   showOlder() {
@@ -98,7 +117,7 @@ export class RecordsPanel {
   }
 
   rebuild() {
-    this.list.replace(this.list.entries);
+    this.list.rebuild();
   }
 
   showControls(route) {

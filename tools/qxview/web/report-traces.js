@@ -1,10 +1,10 @@
 // The part of a report's view with the traces of the shown span, so that a step in the chart has its cause next to it.
 
 import { getDocument } from "./api.js";
-import { element, setText } from "./dom.js";
+import { element, setChildren, setText } from "./dom.js";
 import { counted } from "./format.js";
 import { addressOf, changed } from "./route.js";
-import { empty } from "./states.js";
+import { empty, failed } from "./states.js";
 import { passes, textCell, timeCell } from "./trace-cells.js";
 import { TimeList } from "./time-list.js";
 
@@ -16,6 +16,10 @@ export function levelChoice(onchange) {
     levels.map(([value, text]) => element("option", { value }, text)));
 }
 
+function keyOf({ file, timeMs, thread, text }) {
+  return [file, timeMs, thread, text].join("\n");
+}
+
 export class TracesPanel {
   constructor(report) {
     this.report = report;
@@ -24,6 +28,7 @@ export class TracesPanel {
     this.count = element("span", { class: "count", role: "status" });
     this.all = element("a", { class: "button" }, "All traces");
     this.nothing = element("div", { hidden: true });
+    this.emptyState = empty("No traces", "No trace of this level in this span of time.");
     this.list = new TimeList({
       label: "Traces", columns: ["Time", "Text"], rowsMax, cells: (entry) => [timeCell(entry, report.frame.utc), textCell(entry, "")],
       timeOf: (entry) => entry.timeMs, point: (time, pinned) => report.point(time, pinned, "traces"),
@@ -37,9 +42,15 @@ export class TracesPanel {
   async load() {
     const span = this.report.chart.isNumbered ? [] : this.report.requestedSpan();
     const amount = span.length > 0 ? [...span, ["max", rowsMax]] : [["newest", rowsMax]];
-    this.waiting = [];
+    this.failure = null;
     const { entries } = await getDocument("traces", [...amount, ["level", this.level.value]], this.report.abort.signal);
+    const known = new Set(entries.map(keyOf));
+    this.waiting = this.waiting.filter((entry) => !known.has(keyOf(entry)));  // came while the request was under way
     this.list.replace(entries.reverse());
+  }
+
+  fail(error) {
+    this.failure = failed(error, () => this.report.reload(["traces"]));
   }
 
   receive(entries) {
@@ -55,14 +66,14 @@ export class TracesPanel {
     const { fixed, last } = this.report.span;
     if (!fixed && last !== null) this.list.dropBefore(this.report.now() - last * 1000);
     setText(this.count, this.list.size === 0 ? "" : counted(this.list.size, "entry").replace("entrys", "entries"));
-    const none = this.list.size === 0;
+    const none = this.list.size === 0 || this.failure;
     this.list.scroller.hidden = none;
     this.nothing.hidden = !none;
-    if (none && !this.nothing.firstChild) this.nothing.replaceChildren(empty("No traces", "No trace of this level in this span of time."));
+    setChildren(this.nothing, [this.failure ?? this.emptyState]);
   }
 
   rebuild() {
-    this.list.replace(this.list.entries);
+    this.list.rebuild();
   }
 
   showControls(route) {

@@ -106,11 +106,22 @@ class Report {
   // The chart is first, because it decides whether the axis shows times or numbers of records. It is older than the cursor
   // of the records then, so it takes over what the records have more.
   async loadParts(parts) {
-    if (parts.includes("chart")) await this.chart.load();
+    if (parts.includes("chart")) await this.loadPart(this.chart);
     this.draw();
-    await Promise.all([parts.includes("records") && this.records.load(), parts.includes("traces") && this.traces.load()]);
+    await Promise.all(["records", "traces"].filter((part) => parts.includes(part)).map((part) => this.loadPart(this[part])));
     this.chart.addMissed(this.records.entries());
     this.draw();
+    this.mark(this.cursor.time, "load");
+  }
+
+  // A part that the server refuses shows why; the other parts are shown all the same.
+  async loadPart(part) {
+    try {
+      await part.load();
+    } catch (error) {
+      if (error.kind !== "refused") throw error;
+      part.fail(error);
+    }
   }
 
   startLive() {
@@ -136,8 +147,12 @@ class Report {
     this.show();
   }
 
+  // Records that are not the continuation of what is shown, or not all of it, are no reason to guess: the parts are read again.
   receiveRecords({ records, lost, reset, omitted }) {
-    if (reset || omitted > 0 || lost !== 0) this.reload(["records", "chart"]);
+    if (reset || omitted > 0 || lost !== 0) {
+      if (lost > 0) this.records.noteLost(lost);
+      return this.reload(["records", "chart"]);
+    }
     this.chart.receive(records);
     this.records.receive(records);
     const newest = records.at(-1)?.timeMs;
@@ -153,7 +168,6 @@ class Report {
   // The view stays when a later request fails: the live events notice a lost connection themselves.
   failLater(error) {
     if (error.kind === "session") this.pages.sessionEnded();
-    else if (error.kind === "refused") this.chart.fail(error);
   }
 
   draw() {
@@ -183,6 +197,7 @@ class Report {
   }
 
   zoom({ from, to }) {
+    this.cursor.leave("chart");
     this.pages.go(changed(this.route, { from, to }));
   }
 

@@ -26,6 +26,11 @@ export class TimeList {
   // The newest entry comes first.
   replace(entries) {
     this.entries = entries.slice(0, this.rowsMax);
+    this.scroller.scrollTop = 0;
+    this.rebuild();
+  }
+
+  rebuild() {
     this.marked = null;
     this.body.replaceChildren(...this.entries.map((entry) => this.row(entry)));
   }

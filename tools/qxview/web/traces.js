@@ -192,7 +192,7 @@ class Traces {
     this.showControls();
     const asked = ({ params }) => ["from", "to", "level", "filter", "rows"].map((name) => params.get(name)).join("\n");
     if (asked(before) !== asked(route)) this.load();
-    else this.list.replace(this.list.entries);
+    else this.list.rebuild();
     this.list.mark(this.cursor.time, false);
     this.showCount();
   }
