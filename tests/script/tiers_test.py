@@ -29,6 +29,7 @@ tar tee test timeout touch tr trap true umask umount uname uniq unset unshare us
 """.split()
 COMMANDS = dict.fromkeys(BASE) | {
     "abidiff": "abigail-tools", "abidw": "abigail-tools", "analyze-build-14": "clang-tools", "bats": "bats",
+    "chromedriver": "chromium-driver", "chromium": "chromium",
     "clang": "clang", "clang++": "clang", "clang-format": "clang-format", "clang-tidy": "clang-tidy", "cmake": "cmake",
     "cpack": "cmake", "cppcheck": "cppcheck", "ctest": "cmake", "deb-systemd-helper": None, "deb-systemd-invoke": None,
     "debootstrap": None, "dpkg-deb": None,
@@ -43,10 +44,11 @@ COMMANDS = dict.fromkeys(BASE) | {
 # The other packages that a package depends on.
 BRINGS = {"g++": {"binutils"}, "clang": {"binutils"}, "clang-tools": {"python3"}, "gcovr": {"python3"},
           "dpkg-dev": {"binutils", "make"}, "python3-jsonschema": {"python3"}, "python3-clang": {"python3"}}
-MODULES = {"clang": "python3-clang", "jsonschema": "python3-jsonschema"}
+MODULES = {"clang": "python3-clang", "jsonschema": "python3-jsonschema", "selenium": "python3-selenium"}
 
 # The tiers of files that do not call script/bootstrap themselves, by the beginning of their path.
 TIERS_OF = [
+    ("tests/qxview/browser/", ["browser"]),
     ("tests/trust/", ["trust"]),
     ("tests/package/", ["test"]),
     ("packaging/debian/try", ["package"]),
