@@ -75,6 +75,10 @@ class FakeConsume final : public relay::ConsumeStream {
     messages[last] = {subject, std::move(payload), std::exchange(newest[subject], last)};
     return last;
   }
+  // Delivers messages to a receiver that is killed before it does anything with them.
+  void DeliverToNobody(std::uint64_t count) {
+    for (; count > 0 && next <= last; --count) ++pending[next++];
+  }
   // What was delivered and not acknowledged comes again, in this order, before anything new.
   void Redeliver() {
     again.clear();

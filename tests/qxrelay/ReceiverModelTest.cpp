@@ -65,7 +65,7 @@ class ReceiverModel {
   void Happen() {
     collector_.stream.fetch_max = 1 + Below(3);  // so that what comes in another order is also handled in it
     ModelReport& report = reports_[Below(reports_.size())];
-    switch (Below(12)) {
+    switch (Below(13)) {
       case 0:
         return report.LoseSome(1 + Below(5));
       case 1:
@@ -87,6 +87,8 @@ class ReceiverModel {
         return Fail(1 + static_cast<int>(Below(2)));
       case 8:
         return collector_.Run(2);
+      case 9:
+        return KillAfterAFetch();
       default:
         return report.Send(1 + Below(5));
     }
@@ -115,6 +117,15 @@ class ReceiverModel {
   void Shuffle() {
     collector_.stream.Redeliver();
     std::shuffle(collector_.stream.again.begin(), collector_.stream.again.end(), random_);
+  }
+
+  // Messages that nobody has written come again in any order, so that there are holes.
+  void KillAfterAFetch() {
+    for (ModelReport& report : reports_) report.Send(1 + Below(3));
+    collector_.Kill();
+    collector_.stream.DeliverToNobody(2 + Below(8));
+    Shuffle();
+    collector_.Start();
   }
 
   // Makes calls fail: either some, and the receiver continues; or all from then on, and the receiver is killed.
