@@ -48,7 +48,7 @@ TEST(RelayCluster, TheSenderContinuesAfterTheLeaderOfTheStreamIsKilled) {
   Append(dir.File("reports/load"), 5);
   EXPECT_TRUE(has_messages(3)) << qx::test::ReadFile(dir.File("log"));
   EXPECT_EQ(sender.End(SIGTERM), 0);
-  EXPECT_NE(qx::test::ReadFile(dir.File("state/reports/load")).find("\nnext 10\n"), std::string::npos);
+  EXPECT_NE(qx::test::ReadFile(dir.File("state/positions")).find("\nnext 10\n"), std::string::npos);
 }
 
 }  // namespace

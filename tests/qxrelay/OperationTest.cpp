@@ -281,7 +281,7 @@ TEST(RelayNewest, WhatTheRingHasIsSentAgainAfterTheNewestMessageHasExpired) {
   })) << host.Text();
   EXPECT_THAT(host.Text(), HasSubstr("\"gapRecords\": 0,"));
   EXPECT_EQ(sender.End(SIGTERM), 0);
-  EXPECT_THAT(qx::test::ReadFile(host.File("state/reports/load")), HasSubstr("\nnext 7\n"));
+  EXPECT_THAT(qx::test::ReadFile(host.File("state/positions")), HasSubstr("\nnext 7\n"));
 }
 
 #ifdef QX_CLOCK_JUMP

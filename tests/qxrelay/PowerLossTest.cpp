@@ -1,4 +1,4 @@
-// A collector whose power fails at any change of its files: what was not synced is lost, and nothing else.
+// A collector or a sender whose power fails at any change of its files: what was not synced is lost, and nothing else.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -7,6 +7,7 @@
 
 #include "tests/qxrelay/Collector.h"
 #include "tests/qxrelay/LosingDisk.h"
+#include "tools/qxrelay/send/SenderState.h"
 
 namespace {
 
@@ -90,5 +91,44 @@ TEST(RelayPowerLoss, WhatIsAcknowledgedIsOnTheDisk) {
 
 // The disk may have the header, and not the records that it counts. They were not acknowledged, and come again.
 TEST(RelayPowerLoss, AReportWithALostSectorIsWholeOrAFinding) { LosePowerAtEachChange(Loss::kOfSectors); }
+
+// The states of two reports as a sender writes them again and again. Returns the position of the last write that
+// succeeded; 0: none did.
+std::uint64_t WriteStates(const std::string& directory) {
+  qx::relay::SenderState state;
+  std::uint64_t written = 0;
+  if (state.Open(directory, false).has_value() || state.BeginSession(0).has_value()) return written;
+  for (std::uint64_t next = 1; next <= 3; ++next) {
+    for (const char* const report : {"a", "b"}) state.Of(report).mark = {.incarnation = 7, .next = next};
+    if (state.Write().has_value()) break;
+    written = next;
+  }
+  return written;
+}
+
+TEST(RelayPowerLoss, TheStateOfASenderIsTheLastOneThatWasWritten) {
+  std::mt19937_64 random(qx::test::Seed("RelayPowerLoss"));
+  for (const Loss loss : {Loss::kEverything, Loss::kTheLast, Loss::kOfEachName, Loss::kOfSectors}) {
+    bool has_failed = true;
+    for (int changes = 0; has_failed; ++changes) {
+      SCOPED_TRACE("loss " + std::to_string(static_cast<int>(loss)) + " after change " + std::to_string(changes));
+      const qx::test::TempDir dir;
+      LosingDisk disk(dir.Path());
+      disk.FailAfter(changes);
+      const std::uint64_t written = WriteStates(dir.File("state"));
+      has_failed = disk.HasFailed();
+      disk.Restart(loss, random);
+      qx::relay::SenderState state;
+      ASSERT_EQ(state.Open(dir.File("state"), false), std::nullopt);
+      for (const char* const report : {"a", "b"}) {
+        const std::uint64_t next = state.Of(report).mark.next;
+        EXPECT_GE(next, written);
+        EXPECT_LE(next, written + 1);
+      }
+      EXPECT_EQ(state.Of("a").mark, state.Of("b").mark);
+      EXPECT_EQ(state.BeginSession(0), std::nullopt);
+    }
+  }
+}
 
 }  // namespace

@@ -129,7 +129,7 @@ TEST_F(RelaySendProcess, RecordsReachTheStreamAndASigtermEndsInOrder) {
   EXPECT_EQ(sender_->End(SIGTERM), 0);
   EXPECT_LT(steady_clock::now() - begin, milliseconds(5000));
   EXPECT_THAT(Log(), HasSubstr("1 reports, 7 records sent, 0 lost"));
-  EXPECT_THAT(qx::test::ReadFile(dir_.File("state/reports/load")), HasSubstr("\nnext 7\n"));
+  EXPECT_THAT(qx::test::ReadFile(dir_.File("state/positions")), HasSubstr("\nnext 7\n"));
 }
 
 TEST_F(RelaySendProcess, KilledSendersAndServersLoseAndRepeatNothing) {
@@ -272,7 +272,6 @@ TEST_F(RelaySendProcess, OfTwoClonesTheEarlierOneStopsWithinSeconds) {
   Begin();
   ExpectAll();
   std::filesystem::copy(dir_.File("state"), dir_.File("clone"));
-  std::filesystem::copy(dir_.File("state/reports"), dir_.File("clone/reports"));
   std::filesystem::remove(dir_.File("clone/lock"));
   const std::string text = qx::test::ReadFile(Config());
   const std::size_t at = text.find(dir_.File("state"));

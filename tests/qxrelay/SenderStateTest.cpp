@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 #include "tests/support/Support.h"
@@ -107,16 +108,56 @@ TEST_F(RelaySenderState, ADamagedIdentityIsReportedAndNotReplaced) {
   EXPECT_EQ(qx::test::ReadFile(directory_ + "/identity"), "qxrelay-identity 1\nidentity 12\n");
 }
 
-TEST_F(RelaySenderState, ReportsComeBackAlsoWithNamesThatAreNoFileNames) {
+TEST_F(RelaySenderState, AllReportsComeBackFromOneFile) {
+  const std::string names[] = {"load", "disk/sda", "", std::string(400, '/'), "a b\n%"};
+  {
+    SenderState state;
+    ASSERT_EQ(state.Open(directory_, false), std::nullopt);
+    EXPECT_EQ(state.Find("load"), nullptr);
+    for (const std::string& name : names) state.Of(name) = SomeState(name);
+    EXPECT_FALSE(state.IsTried(state.Changed()));
+    EXPECT_EQ(state.Of("new").mark.incarnation, 0U);
+    EXPECT_EQ(state.Write(), std::nullopt);
+    EXPECT_FALSE(state.HasChanges());
+  }
   SenderState state;
   ASSERT_EQ(state.Open(directory_, false), std::nullopt);
-  for (const std::string& report :
-       {std::string("load"), std::string("disk/sda"), std::string(), std::string(400, '/')}) {
-    EXPECT_EQ(state.Load(report), std::nullopt);
-    EXPECT_EQ(state.Save(SomeState(report)), std::nullopt);
-    EXPECT_EQ(state.Load(report), SomeState(report));
+  for (const std::string& name : names) {
+    ASSERT_NE(state.Find(name), nullptr);
+    EXPECT_EQ(*state.Find(name), SomeState(name));
   }
-  EXPECT_EQ(state.Load("other"), std::nullopt);
+  EXPECT_EQ(state.Find("new"), nullptr) << "without an incarnation there is nothing to keep";
+}
+
+TEST_F(RelaySenderState, ADirectoryOfAnEarlierVersionIsTakenOver) {
+  std::filesystem::create_directories(directory_ + "/reports");
+  qx::test::WriteFile(directory_ + "/reports/load", TextOfState(SomeState("load")));
+  qx::test::WriteFile(directory_ + "/reports/%hash-0123456789abcdef", TextOfState(SomeState(std::string(400, 'x'))));
+  qx::test::WriteFile(directory_ + "/reports/damaged", "qxrelay-report 1\nreport damaged\n");
+  for (const bool is_written : {false, true}) {
+    SCOPED_TRACE(is_written);
+    SenderState state;
+    ASSERT_EQ(state.Open(directory_, false), std::nullopt);
+    ASSERT_NE(state.Find("load"), nullptr);
+    EXPECT_EQ(*state.Find("load"), SomeState("load"));
+    EXPECT_NE(state.Find(std::string(400, 'x')), nullptr);
+    EXPECT_EQ(state.Find("damaged"), nullptr);
+    if (!is_written) {
+      EXPECT_EQ(state.Write(), std::nullopt);
+    }
+  }
+  EXPECT_FALSE(qx::test::Exists(directory_ + "/reports"));
+}
+
+// A file that was cut off, or damaged, has the states before that.
+TEST_F(RelaySenderState, WhatIsDamagedIsLeftOut) {
+  std::filesystem::create_directory(directory_);
+  const std::string first = TextOfState(SomeState("a"));
+  const std::string text = first + TextOfState(SomeState("b"));
+  for (std::size_t size = 0; size < text.size(); ++size) {
+    qx::test::WriteFile(directory_ + "/positions", text.substr(0, size));
+    EXPECT_EQ(qx::relay::ReadStates(directory_).size(), size >= first.size() ? 1U : 0U) << size;
+  }
 }
 
 }  // namespace

@@ -139,7 +139,7 @@ TEST_F(RelaySender, WhatServersLostAndTheRingHasNotIsACountedGap) {
   Start();
   for (int i = 0; i < 5; ++i) {
     Append(10);
-    Run(50);
+    Run(100);
   }
   stream_.messages.resize(3);  // the about message, and 20 records
   Append(1);
@@ -502,10 +502,41 @@ TEST_F(RelaySender, AStopInOrderKeepsThePositionWithoutTheStream) {
   sender_->BeginStop();
   EXPECT_FALSE(sender_->IsBusy());
   sender_->Finish();
-  const auto saved = state_->Load("load");
-  ASSERT_TRUE(saved.has_value());
-  EXPECT_EQ(saved->mark.next, 5U);
-  EXPECT_EQ(saved->overlap.size(), 5U);
+  const qx::relay::ReportStates saved = qx::relay::ReadStates(dir_.File("state"));
+  ASSERT_EQ(saved.size(), 1U);
+  EXPECT_EQ(saved.at("load").mark.next, 5U);
+  EXPECT_EQ(saved.at("load").overlap.size(), 5U);
+}
+
+TEST_F(RelaySender, TheStateHasAnIncarnationBeforeItsFirstMessage) {
+  for (const char* const report : {"a", "b", "c"}) Append(3, report);
+  Start();
+  std::size_t seen = 0;
+  for (int i = 0; i < 100 && seen < 4; ++i) {
+    Run(1);
+    const qx::relay::ReportStates saved = qx::relay::ReadStates(dir_.File("state"));
+    for (; seen < stream_.messages.size(); ++seen) {
+      const auto message = DecodeMessage(stream_.messages[seen].payload);
+      if (message.head.kind == MessageKind::kAbout) continue;
+      ASSERT_TRUE(saved.contains(message.head.report));
+      EXPECT_EQ(saved.at(message.head.report).mark.incarnation, message.head.incarnation);
+    }
+  }
+  EXPECT_EQ(seen, 4U) << "the labels and three reports";
+}
+
+// A report that waits for a look-up costs nothing until one is free.
+TEST_F(RelaySender, ReportsThatWaitForALookUpAreNotAskedAgainAndAgain) {
+  constexpr int kReports = 40;
+  for (int i = 0; i < kReports; ++i) Append(1, "r" + std::to_string(i));
+  stream_.faults.assign(6, Fault::kLost);  // all look-ups, until they count as unanswered
+  Start();
+  Run(200);
+  int steps = 0;
+  for (const TimeMs end = now_ + 700; now_ < end; ++steps) now_ = std::max(now_ + 1, sender_->Step(now_));
+  EXPECT_LT(steps, 10);
+  Run(3000);
+  for (int i = 0; i < kReports; ++i) EXPECT_EQ(Received("r" + std::to_string(i)).records.size(), 1U) << i;
 }
 
 // Random appends, faults and kills. What arrives is checked by record and by number.

@@ -128,8 +128,8 @@ class Service {
   [[nodiscard]] ServiceFlow Flow() {
     std::vector<SentReport> sent = sender_.Sent();
     for (SentReport& report : sent) {
-      const std::optional<ReportState> state = report.is_placed ? std::nullopt : context_.state.Load(report.report);
-      if (!state.has_value()) continue;
+      const ReportState* const state = report.is_placed ? nullptr : context_.state.Find(report.report);
+      if (state == nullptr) continue;
       report.is_placed = true;
       report.next = state->mark.next;
     }

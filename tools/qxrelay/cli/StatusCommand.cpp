@@ -65,7 +65,7 @@ ServiceFlow FlowOfStoppedSender(const RelayConfig& config, std::optional<Service
   StoppedSender sender = {.host = HostNameOf(config),
                           .directory = ReportsOf(config),
                           .settings = config.send,
-                          .states = StatesIn(config.send.state),
+                          .states = ReadStates(config.send.state),
                           .newest = {},
                           .last = std::move(last)};
   if (!is_offline) {

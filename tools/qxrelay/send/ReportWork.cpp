@@ -17,9 +17,8 @@ namespace qx::relay {
 namespace {
 
 constexpr int kActionsMax = 8;  // in one step, so that every report has its turn
-constexpr TimeMs kLookUpWaitMs = 5;
 constexpr TimeMs kMemoryWaitMs = 50;
-constexpr TimeMs kSaveMs = 10'000;
+constexpr TimeMs kStateWaitMs = 10;
 constexpr TimeMs kNever = std::numeric_limits<TimeMs>::max();
 constexpr std::size_t kLengthBytesMax = 5;
 constexpr TimeMs kSeenMs = 5000;
@@ -80,7 +79,8 @@ ReportWork::ReportWork(SendContext& context, std::string report, std::size_t own
       subject_(SubjectOf(context, report_)),
       path_(report::PathIn(context.directory, report_)),
       sender_(context.times, context.random),
-      reader_(path_) {}
+      reader_(path_),
+      known_(context.state.Of(report_)) {}
 
 void ReportWork::Step(TimeMs now) {
   for (int i = 0; i < kActionsMax; ++i) {
@@ -98,10 +98,6 @@ void ReportWork::Step(TimeMs now) {
     wake_ = now;
     Act(now, action);
     if (wake_ > now) break;
-  }
-  if (now >= save_at_ && has_loaded_) {
-    Save();
-    save_at_ = now + kSaveMs;
   }
 }
 
@@ -121,7 +117,9 @@ void ReportWork::Act(TimeMs now, const Action& action) {
 
 void ReportWork::LookUp(TimeMs now) {
   if (context_.look_ups_free == 0) {
-    wake_ = now + kLookUpWaitMs;
+    wake_ = kNever;
+    if (!waits_for_look_up_) context_.look_up_waiting.push_back(owner_);
+    waits_for_look_up_ = true;
     return;
   }
   --context_.look_ups_free;
@@ -139,12 +137,6 @@ void ReportWork::ReleaseLookUp() {
 }
 
 void ReportWork::FindItsPlace(TimeMs now) {
-  if (!has_loaded_) {
-    has_loaded_ = true;
-    saved_ = context_.state.Load(report_).value_or(ReportState{.report = report_, .mark = {}, .overlap = {}});
-    known_ = saved_;
-    save_at_ = now + kSaveMs;
-  }
   if (const int error = reader_.Open(); error != 0) {
     wake_ = sender_.Examined(now, {.error = error}).until;
     return Trouble(TextOfStoreError(error));
@@ -168,9 +160,11 @@ void ReportWork::FindItsPlace(TimeMs now) {
   }
   held_.reset();
   seen_.reset();
-  known_.mark = mark;
+  const bool is_new = known_.mark.incarnation != mark.incarnation;
+  if (known_.mark != mark) known_.mark = mark;
+  const std::uint64_t change = context_.state.Changed();
+  if (is_new) awaited_change_ = change;  // before the first message of an incarnation
   sender_.Placed(now, mark);
-  if (saved_.mark.incarnation != mark.incarnation) Save();  // before the first message of an incarnation
   reader_.Close();
 }
 
@@ -181,6 +175,11 @@ void ReportWork::Examine(TimeMs now) {
   }
   if (context_.kept_bytes >= SendContext::kKeptBytesMax) {
     wake_ = now + kMemoryWaitMs;
+    return;
+  }
+  if (!context_.state.IsTried(awaited_change_)) {
+    context_.needs_state = true;
+    wake_ = now + kStateWaitMs;
     return;
   }
   const bool is_as_seen = IsAsLastSeen(now);
@@ -399,6 +398,7 @@ void ReportWork::OnStored(TimeMs now, const StreamReply& reply) {
   }
   Count(stored);
   known_.mark = sender_.Position();
+  (void)context_.state.Changed();  // written with others, after some seconds
   std::vector<std::uint64_t>& overlap = known_.overlap;
   overlap.insert(overlap.end(), stored.hashes.begin(), stored.hashes.end());
   const auto surplus = static_cast<std::ptrdiff_t>(overlap.size() - std::min(overlap.size(), report::kOverlapRecords));
@@ -444,15 +444,6 @@ void ReportWork::Trouble(const std::string& text) {
   if (text == trouble_) return;
   trouble_ = text;
   context_.log("report " + report_ + ": " + text);
-}
-
-void ReportWork::Save() {
-  if (known_.mark.incarnation == 0 || known_ == saved_) return;
-  if (const auto problem = context_.state.Save(known_)) {
-    context_.log(*problem);
-    return;
-  }
-  saved_ = known_;
 }
 
 std::size_t ReportWork::TextBytesMax() const {

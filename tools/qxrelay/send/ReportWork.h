@@ -29,15 +29,17 @@ class ReportWork {
   void Step(TimeMs now);
   [[nodiscard]] TimeMs Wake() const { return wake_; }
 
+  // A look-up is free. [owning thread]
+  void LookUpFree(TimeMs now) {
+    waits_for_look_up_ = false;
+    wake_ = now;
+  }
   // Nothing is sent any more. [owning thread]
   void Stop() { sender_.Stop(); }
   void Connected(TimeMs now);
   void Disconnected();
   // The reply to a request of this report; answers to earlier tries are ignored. [owning thread]
   void OnReply(TimeMs now, const StreamReply& reply);
-
-  // Writes the position to the state directory if it has changed. [owning thread]
-  void Save();
 
   [[nodiscard]] const std::string& Name() const { return report_; }
   [[nodiscard]] const ReportSender& Sender() const { return sender_; }
@@ -104,14 +106,13 @@ class ReportWork {
   std::optional<Mark> newest_;   // of the newest message
   std::optional<HeldRun> held_;  // records after the gap that is in flight
   std::optional<InFlight> in_flight_;
-  ReportState known_;  // the position, and the last sent records
-  ReportState saved_;  // what the state directory has of it
+  ReportState& known_;  // the position, and the last sent records, in the state directory
   SentCounters sent_;
   std::string trouble_;  // logged last; empty: there is no trouble
   TimeMs wake_ = 0;
-  TimeMs save_at_ = 0;
-  bool has_loaded_ = false;
+  std::uint64_t awaited_change_ = 0;  // of the state directory, before the next message
   bool has_look_up_ = false;
+  bool waits_for_look_up_ = false;
 };
 
 }  // namespace qx::relay

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <string>
 #include <utility>
@@ -72,9 +73,11 @@ struct SendContext {
   SenderCounters counters = {};
   Rival rival = Rival::kNone;  // found by any part
   std::uint64_t last_token = 0;
-  std::size_t payload_max = 0;  // of the connection
-  int look_ups_free = 4;        // at once
-  std::size_t kept_bytes = 0;   // of messages in flight, and of records that are kept for the next message
+  std::size_t payload_max = 0;                   // of the connection
+  int look_ups_free = 4;                         // at once
+  std::deque<std::size_t> look_up_waiting = {};  // owners that wait for a free one, in order
+  bool needs_state = false;                      // a report waits until the state directory has its new incarnation
+  std::size_t kept_bytes = 0;  // of messages in flight, and of records that are kept for the next message
 
   // A token that leads a reply back to its owner.
   [[nodiscard]] std::uint64_t NewToken(std::size_t owner) { return ++last_token << kOwnerBits | owner; }

@@ -20,6 +20,11 @@ namespace {
 constexpr std::string_view kNamesEnding = ".names";
 constexpr std::size_t kAboutOwner = 0;
 constexpr std::size_t kLoggedMax = 32;
+// The state directory is written as a whole, so a longer file is written less often: about 100 KiB a second.
+constexpr TimeMs kSaveMs = 10'000;
+constexpr TimeMs kSaveBytesInMs = 100;
+constexpr TimeMs kUrgentSaveMs = 50;  // while reports get their first incarnations, ten times as often and more
+constexpr TimeMs kUrgentSaveBytesInMs = 20'000;
 constexpr std::size_t kNamesBytesMax = std::size_t{16} * 1024 * 1024;  // of all names files together
 
 std::string SubjectText(const SendContext& context, Branch branch, const std::string& report) {
@@ -52,7 +57,8 @@ Sender::Sender(SendContext& context, TimeMs now, std::vector<std::string> labels
       about_(context, SubjectText(context, Branch::kAbout, {}), kAboutOwner),
       watch_(context, SubjectText(context, Branch::kAbout, {}), kAboutOwner),
       connect_at_(now + static_cast<TimeMs>(static_cast<double>(context.settings.spread.count()) * context.random())),
-      rescan_at_(now) {}
+      rescan_at_(now),
+      saved_at_(now) {}
 
 std::string Sender::AboutMessage() const {
   std::vector<std::uint32_t> lengths;
@@ -78,8 +84,38 @@ TimeMs Sender::Step(TimeMs now) {
   wake = std::min(wake, watch_.Wake());
   about_.Step(now);
   if (about_.IsSet()) wake = std::min(wake, about_.Wake());
+  WakeForLookUps(now);
   StepDue(now);
+  if (context_.state.HasChanges()) {
+    if (now >= SaveDue()) SaveState(now);
+    wake = std::min(wake, SaveDue());
+  }
+  if (context_.look_ups_free > 0 && !context_.look_up_waiting.empty()) return now + 1;
   return queue_.empty() ? wake : std::min(wake, queue_.begin()->first);
+}
+
+TimeMs Sender::SaveDue() const {
+  const auto bytes = static_cast<TimeMs>(context_.state.FileBytes());
+  if (context_.needs_state) return saved_at_ + kUrgentSaveMs + bytes / kUrgentSaveBytesInMs;
+  return saved_at_ + std::max(kSaveMs, bytes / kSaveBytesInMs);
+}
+
+// What cannot be written does not stop the reports: the stream has the other copy of each position.
+void Sender::SaveState(TimeMs now) {
+  saved_at_ = now;
+  context_.needs_state = false;
+  if (const auto problem = context_.state.Write()) LogOnce(*problem);
+}
+
+// As many of the waiting reports as there are free look-ups. With thousands of them, asking each again and again would
+// cost more than all the rest.
+void Sender::WakeForLookUps(TimeMs now) {
+  for (int i = 0; i < context_.look_ups_free && !context_.look_up_waiting.empty(); ++i) {
+    const std::size_t index = context_.look_up_waiting.front() - 1;
+    context_.look_up_waiting.pop_front();
+    works_[index]->work.LookUpFree(now);
+    Queue(index);
+  }
 }
 
 // Each report at most once, so that replies are taken between two steps of a busy one.
@@ -268,7 +304,7 @@ bool Sender::IsBusy() const {
 }
 
 void Sender::Finish() {
-  for (const auto& entry : works_) entry->work.Save();
+  if (context_.state.HasChanges()) SaveState(saved_at_);
   context_.stream.Close();
   is_connected_ = false;
 }

@@ -67,6 +67,7 @@ class Sender {
   // Puts the report into the queue at the time of its next step. To be called after whatever changes that time.
   void Queue(std::size_t index);
   void QueueAll();
+  void WakeForLookUps(TimeMs now);
   void StepDue(TimeMs now);
   void TakeReplies(TimeMs now);
   void OnReply(TimeMs now, const StreamReply& reply);
@@ -76,6 +77,8 @@ class Sender {
   void Connect(TimeMs now);
   void Rescan(TimeMs now);
   void Add(TimeMs now, const std::string& report);
+  [[nodiscard]] TimeMs SaveDue() const;
+  void SaveState(TimeMs now);
   void ReadNames(TimeMs now, std::size_t index);
   [[nodiscard]] bool TakeNamesBytes(Entry& entry, std::size_t bytes);
   [[nodiscard]] std::string AboutMessage() const;
@@ -97,6 +100,7 @@ class Sender {
   std::vector<StreamReply> replies_;
   TimeMs connect_at_;
   TimeMs rescan_at_;
+  TimeMs saved_at_;  // when the state directory was written
   std::uint32_t connect_failures_ = 0;
   std::string connect_problem_;  // of the last try; empty after a success
   bool is_connected_ = false;

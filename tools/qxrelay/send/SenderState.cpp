@@ -19,10 +19,12 @@ namespace {
 
 constexpr std::string_view kIdentityMark = "qxrelay-identity 1";
 constexpr std::string_view kReportMark = "qxrelay-report 1";
+constexpr std::string_view kEndLine = "end\n";
 constexpr const char* kMachineFile = "/etc/machine-id";
 constexpr mode_t kDirectoryMode = 0700;
 constexpr mode_t kFileMode = 0600;
-constexpr std::size_t kFileNameBytesMax = 200;
+constexpr std::string_view kPositionsFile = "/positions";
+constexpr std::string_view kOldDirectory = "/reports";
 constexpr int kHexadecimal = 16;
 constexpr int kDecimal = 10;
 
@@ -84,12 +86,14 @@ std::optional<std::string> WriteWhole(const std::string& path, std::string_view 
   return "cannot write " + path + (result.error != 0 ? std::string(": ") + std::strerror(result.error) : "");
 }
 
-std::optional<std::string> MakeDirectories(const std::string& directory) {
-  for (const std::string& path : {directory, directory + "/reports"}) {
-    const int error = file::MakeDirectory(path.c_str(), kDirectoryMode);
-    if (error != 0 && error != EEXIST) return "cannot create " + path + ": " + std::strerror(error);
-  }
-  return std::nullopt;
+// The files of the old form, if any.
+std::vector<std::string> OldFiles(const std::string& directory) {
+  const std::string path = directory + std::string(kOldDirectory);
+  const file::Descriptor opened = file::OpenDirectory(path.c_str());
+  std::vector<std::string> files;
+  if (opened.IsOpen()) (void)file::ListNames(opened.Number(), files);  // those that come before a failure
+  for (std::string& name : files) name = path + "/" + name;
+  return files;
 }
 
 bool ReadOverlap(std::string_view text, std::vector<std::uint64_t>& overlap) {
@@ -101,18 +105,8 @@ bool ReadOverlap(std::string_view text, std::vector<std::uint64_t>& overlap) {
   return overlap.size() <= report::kOverlapRecords;
 }
 
-}  // namespace
-
-std::string TextOfState(const ReportState& state) {
-  std::string text = std::string(kReportMark) + "\nreport " + TokenOf(state.report) + "\nincarnation " +
-                     Hex(state.mark.incarnation) + "\nnext " + std::to_string(state.mark.next) + "\nhash " +
-                     Hex(state.mark.hash_before) + "\nslots " + std::to_string(state.mark.ring_slots) + "\noverlap";
-  for (const std::uint64_t hash : state.overlap) text += " " + Hex(hash);
-  return text + "\nend\n";
-}
-
-// The last line shows that the file is whole.
-std::optional<ReportState> StateOfText(std::string_view text) {
+// Takes the state at the front of the text; its last line shows that it is whole.
+std::optional<ReportState> TakeState(std::string_view& text) {
   if (Take(text, '\n') != kReportMark) return std::nullopt;
   ReportState state;
   const std::optional<std::string> report = NameOfToken(TakeValue(text, "report"));
@@ -122,13 +116,50 @@ std::optional<ReportState> StateOfText(std::string_view text) {
                         ReadNumber(TakeValue(text, "next"), kDecimal, state.mark.next) &&
                         ReadNumber(TakeValue(text, "hash"), kHexadecimal, state.mark.hash_before) &&
                         ReadNumber(TakeValue(text, "slots"), kDecimal, state.mark.ring_slots);
-  if (!has_mark || !ReadOverlap(TakeValue(text, "overlap"), state.overlap) || text != "end\n") return std::nullopt;
+  if (!has_mark || !ReadOverlap(TakeValue(text, "overlap"), state.overlap)) return std::nullopt;
+  if (!text.starts_with(kEndLine)) return std::nullopt;
+  text.remove_prefix(kEndLine.size());
   return state;
+}
+
+void AddStates(std::string_view text, ReportStates& states) {
+  while (!text.empty()) {
+    std::optional<ReportState> state = TakeState(text);
+    if (!state.has_value()) return;
+    states.insert_or_assign(state->report, *std::move(state));
+  }
+}
+
+}  // namespace
+
+std::string TextOfState(const ReportState& state) {
+  std::string text = std::string(kReportMark) + "\nreport " + TokenOf(state.report) + "\nincarnation " +
+                     Hex(state.mark.incarnation) + "\nnext " + std::to_string(state.mark.next) + "\nhash " +
+                     Hex(state.mark.hash_before) + "\nslots " + std::to_string(state.mark.ring_slots) + "\noverlap";
+  for (const std::uint64_t hash : state.overlap) text += " " + Hex(hash);
+  return text + "\n" + std::string(kEndLine);
+}
+
+std::optional<ReportState> StateOfText(std::string_view text) {
+  std::optional<ReportState> state = TakeState(text);
+  return text.empty() ? state : std::nullopt;
+}
+
+ReportStates ReadStates(const std::string& directory) {
+  ReportStates states;
+  const std::string text = file::TextOf(directory + std::string(kPositionsFile));
+  AddStates(text, states);
+  if (!text.empty()) return states;
+  for (const std::string& path : OldFiles(directory)) AddStates(file::TextOf(path), states);
+  return states;
 }
 
 std::optional<std::string> SenderState::Open(const std::string& directory, bool take_over) {
   directory_ = directory;
-  if (auto problem = MakeDirectories(directory)) return problem;
+  const int made = file::MakeDirectory(directory.c_str(), kDirectoryMode);
+  if (made != 0 && made != EEXIST) return "cannot create " + directory + ": " + std::strerror(made);
+  // A new directory that a power failure loses would cost a --take-over. One that is not the user's to sync is older.
+  if (made == 0) (void)file::SyncDirectory(file::DirectoryOf(directory).c_str());
   const std::string path = directory + "/lock";
   lock_ = file::OpenRegular(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, kFileMode);
   const int open_error = errno;
@@ -136,7 +167,10 @@ std::optional<std::string> SenderState::Open(const std::string& directory, bool 
   const int error = file::TryLock(lock_.Number());
   if (error == EWOULDBLOCK) return "another sender uses " + directory;
   if (error != 0) return "cannot lock " + path + ": " + std::strerror(error);
-  return ReadIdentity(take_over);
+  if (auto problem = ReadIdentity(take_over)) return problem;
+  states_ = ReadStates(directory);
+  has_old_form_ = file::OpenDirectory((directory + std::string(kOldDirectory)).c_str()).IsOpen();
+  return std::nullopt;
 }
 
 std::optional<std::string> SenderState::ReadIdentity(bool take_over) {
@@ -172,20 +206,35 @@ std::optional<std::string> SenderState::BeginSession(std::uint64_t session) {
   return WriteWhole(directory_ + "/session", std::to_string(identity_.session) + "\n");
 }
 
-// A token that is too long for a file name is replaced by a hash. The file contains the report's name.
-std::string SenderState::PathOf(const std::string& report) const {
-  const std::string token = TokenOf(report);
-  const bool fits = token.size() <= kFileNameBytesMax;
-  return directory_ + "/reports/" + (fits ? token : "%hash-" + Hex(report::RecordHash(report)));
+ReportState& SenderState::Of(const std::string& report) {
+  const auto [found, is_new] = states_.try_emplace(report);
+  if (is_new) found->second.report = report;
+  return found->second;
 }
 
-std::optional<ReportState> SenderState::Load(const std::string& report) const {
-  std::optional<ReportState> state = StateOfText(file::TextOf(PathOf(report)));
-  return state.has_value() && state->report == report ? state : std::nullopt;
+const ReportState* SenderState::Find(const std::string& report) const {
+  const auto found = states_.find(report);
+  const bool is_known = found != states_.end() && found->second.mark.incarnation != 0;
+  return is_known ? &found->second : nullptr;
 }
 
-std::optional<std::string> SenderState::Save(const ReportState& state) const {
-  return WriteWhole(PathOf(state.report), TextOfState(state));
+std::optional<std::string> SenderState::Write() {
+  tried_ = changes_;
+  std::string text;
+  for (const auto& [report, state] : states_) {
+    if (state.mark.incarnation != 0) text += TextOfState(state);
+  }
+  file_bytes_ = text.size();
+  if (auto problem = WriteWhole(directory_ + std::string(kPositionsFile), text)) return problem;
+  if (has_old_form_) RemoveOldForm();
+  return std::nullopt;
+}
+
+// What stays is not read any more.
+void SenderState::RemoveOldForm() {
+  for (const std::string& path : OldFiles(directory_)) (void)file::Remove(path.c_str());
+  (void)file::Remove((directory_ + std::string(kOldDirectory)).c_str(), AT_REMOVEDIR);
+  has_old_form_ = false;
 }
 
 }  // namespace qx::relay

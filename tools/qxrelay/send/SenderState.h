@@ -3,13 +3,17 @@
 //   identity        "qxrelay-identity 1", the identity (32 hexadecimal digits), and that of the machine it was made on
 //   session         the number of the last start
 //   lock            locked by the one sender that uses the directory
-//   reports/TOKEN   "qxrelay-report 1", the report's name, its mark, and the hashes of the last 32 records
+//   positions       of each report "qxrelay-report 1", its name, its mark, and the hashes of the last 32 records
+//
+// A directory of an earlier version has a file reports/TOKEN for each report instead; they are read, and removed when
+// `positions` is written.
 //
 // The newest message in the stream is the other copy of a position, and the one that counts. A directory that is lost
 // costs a new identity, for which --take-over is needed once. Every file is replaced as a whole and synced.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -37,7 +41,11 @@ struct ReportState {
 [[nodiscard]] std::string TextOfState(const ReportState& state);
 [[nodiscard]] std::optional<ReportState> StateOfText(std::string_view text);
 
-// Threads: one thread. Owns: the lock of the directory.
+// The states of all reports in the directory, by name; what is damaged is left out. [any thread]
+using ReportStates = std::map<std::string, ReportState>;
+[[nodiscard]] ReportStates ReadStates(const std::string& directory);
+
+// Threads: one thread. Owns: the lock of the directory, and the states of all reports.
 // Failure: a text for the operator. Throws std::bad_alloc.
 class SenderState {
  public:
@@ -50,18 +58,35 @@ class SenderState {
   // Begins a session that is later than `session` and every earlier one of this directory. [owning thread]
   [[nodiscard]] std::optional<std::string> BeginSession(std::uint64_t session);
 
-  // Unset if it is missing or cannot be read. [owning thread]
-  [[nodiscard]] std::optional<ReportState> Load(const std::string& report) const;
-  [[nodiscard]] std::optional<std::string> Save(const ReportState& state) const;
+  // The state of the report, to be changed in place; a new one has no incarnation. It lives as long as this object.
+  // [owning thread]
+  [[nodiscard]] ReportState& Of(const std::string& report);
+  // Null if nothing is known of the report. [owning thread]
+  [[nodiscard]] const ReportState* Find(const std::string& report) const;
+
+  // A state was changed. Returns the number of the change. [owning thread]
+  std::uint64_t Changed() { return ++changes_; }
+  [[nodiscard]] bool HasChanges() const { return tried_ != changes_; }
+  // Whether a change was written, or could not be written. [owning thread]
+  [[nodiscard]] bool IsTried(std::uint64_t change) const { return change <= tried_; }
+  // Of `positions`, when it was written last. [owning thread]
+  [[nodiscard]] std::size_t FileBytes() const { return file_bytes_; }
+  // Writes all states and syncs them, or says why not. [owning thread]
+  [[nodiscard]] std::optional<std::string> Write();
 
  private:
   [[nodiscard]] std::optional<std::string> ReadIdentity(bool take_over);
   [[nodiscard]] std::optional<std::string> MakeIdentity(const std::string& machine);
-  [[nodiscard]] std::string PathOf(const std::string& report) const;
+  void RemoveOldForm();
 
   std::string directory_;
   file::Descriptor lock_;
   SenderIdentity identity_;
+  ReportStates states_;
+  std::uint64_t changes_ = 0;
+  std::uint64_t tried_ = 0;
+  std::size_t file_bytes_ = 0;
+  bool has_old_form_ = false;
 };
 
 }  // namespace qx::relay

@@ -7,8 +7,6 @@
 #include <set>
 #include <utility>
 
-#include "base/File.h"
-#include "base/tools/FileText.h"
 #include "reportfile/tools/directory/ReportSurvey.h"
 #include "tools/qxrelay/message/Subject.h"
 #include "tools/qxrelay/status/SenderFlow.h"
@@ -47,20 +45,6 @@ const ReportFlow* FindReport(const std::optional<ServiceFlow>& flow, const std::
 }
 
 }  // namespace
-
-std::map<std::string, ReportState> StatesIn(const std::string& directory) {
-  std::map<std::string, ReportState> states;
-  const std::string reports = directory + "/reports/";
-  const file::Descriptor opened = file::OpenDirectory(reports.c_str());
-  std::vector<std::string> names;
-  if (!opened.IsOpen() || file::ListNames(opened.Number(), names) != 0) return states;
-  for (const std::string& name : names) {
-    if (name == "." || name == "..") continue;
-    std::optional<ReportState> state = StateOfText(file::TextOf(reports + name));
-    if (state.has_value()) states.emplace(state->report, *state);
-  }
-  return states;
-}
 
 // The token of a look-up is the place of its report in the list, and one more, because no token is 0.
 std::map<std::string, MessageHead> NewestMessages(PublishStream& stream, const std::string& prefix,

@@ -16,9 +16,6 @@
 
 namespace qx::relay {
 
-// What a sender kept in its directory about each report, by name. Files that are damaged are left out. [any thread]
-[[nodiscard]] std::map<std::string, ReportState> StatesIn(const std::string& directory);
-
 // The newest message of each report that has one, by the report's name. Asks for a few at a time, and for `time_ms` in
 // all. [any thread]
 [[nodiscard]] std::map<std::string, MessageHead> NewestMessages(PublishStream& stream, const std::string& prefix,
@@ -30,7 +27,7 @@ struct StoppedSender {
   std::string host;
   std::string directory;  // of the reports
   SendSettings settings;
-  std::map<std::string, ReportState> states;
+  ReportStates states;  // of its state directory
   std::map<std::string, MessageHead> newest;
   std::optional<ServiceFlow> last;  // what the sender published last
 
