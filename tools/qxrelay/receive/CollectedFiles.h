@@ -39,14 +39,16 @@ class CollectedFiles {
   // From now on the next record has the number `base.next`; generation and count are filled in. The base must be on the
   // disk before the next Append. [owning thread]
   [[nodiscard]] CollectorFault WriteBase(ReportBase base);
-  // Says that the files contradict the messages, until somebody changes them. [owning thread]
+  // Writes into the base that the files contradict the messages. This holds until somebody changes the files. [owning
+  // thread]
   [[nodiscard]] CollectorFault WriteContradiction();
 
-  // Whether the files are as the last call left them. [owning thread]
+  // Fails if the files are not as the last call left them. [owning thread]
   [[nodiscard]] CollectorFault CheckUntouched();
   // Appends records. After a failure Next says how many are stored. [owning thread]
   [[nodiscard]] CollectorFault Append(std::span<const std::string_view> records);
-  // The header in the file counts what Append has stored. Before that nothing may be acknowledged. [owning thread]
+  // Makes sure that the header in the file counts what Append has stored. Nothing may be acknowledged before that.
+  // [owning thread]
   [[nodiscard]] CollectorFault Confirm();
 
   // The hash of the record of this number; 0 if the report does not have it. [owning thread]

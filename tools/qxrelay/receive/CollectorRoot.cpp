@@ -47,7 +47,8 @@ CollectorFault WriteFault(const std::string& path, const ReplaceResult& result) 
   return {.kind = CollectorFault::Kind::kReport, .text = "cannot write " + path};
 }
 
-// The same bytes come again and again, so that they do not expire in the stream.
+// Senders repeat the same bytes, so that these do not expire in the stream: a file that has them already is not
+// written.
 CollectorFault WriteWhole(const std::string& path, std::string_view bytes) {
   if (!bytes.empty() && file::TextOf(path) == bytes) return {};
   ReplacedFile file;

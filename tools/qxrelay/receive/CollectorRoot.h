@@ -41,8 +41,8 @@ struct CollectorFault {
 // Threads: one thread. Owns: the root's directory, and the lock. Throws std::bad_alloc.
 class CollectorRoot {
  public:
-  // Creates what is missing, except the directory above the root, and takes the lock. Otherwise why not. [owning
-  // thread]
+  // Creates what is missing, except the directory above the root, and takes the lock. Returns why it failed; unset
+  // after a success. [owning thread]
   [[nodiscard]] std::optional<std::string> Open(const std::string& path);
 
   [[nodiscard]] const std::string& Path() const { return path_; }

@@ -31,7 +31,8 @@ Decision Begin(const MessageHead& head) {
   return decision;
 }
 
-// From an incarnation before the one that the report has: its records were handled before that began.
+// The message is of an earlier incarnation than the report: its records were handled before the report's incarnation
+// began.
 Decision DropAll(const ReportPosition& position, const MessageHead& head) {
   Decision decision = {.verdict = Verdict::kTake, .next = position.next};
   if (head.kind == MessageKind::kRecords) {

@@ -22,7 +22,7 @@ constexpr TimeMs kStateMs = 250;    // between two checks of what the stream sti
 constexpr std::size_t kLoggedMax = 1000;
 constexpr std::size_t kNewerMax = 1000;
 
-// A record as a store returns it: what ends a record is only at its end.
+// Whether the text is a record as a store returns it: a byte that ends a record is only at the end of the text.
 bool IsRecord(std::string_view text) {
   const std::size_t end = report::FindTextEnd(text);
   return end == text.size() || (end + 1 == text.size() && text[end] != '\0');
@@ -34,7 +34,7 @@ bool IsBranchOf(MessageKind kind, Branch branch) {
   return branch == Branch::kReport;
 }
 
-// {"site=north", "role=web"} => "site=north\nrole=web\n", without what would not be one line.
+// {"site=north", "role=web"} => "site=north\nrole=web\n". A label with a control byte is left out.
 std::string LabelText(const std::vector<std::string_view>& labels) {
   std::string text;
   for (const std::string_view label : labels) {

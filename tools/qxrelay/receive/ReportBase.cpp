@@ -13,7 +13,7 @@ namespace {
 constexpr std::string_view kMark = "qxrelay-base 1";
 constexpr std::size_t kDigits = 16;
 constexpr int kHexadecimal = 16;
-// The files' count is taken modulo 2^32: half of that is ahead, half is before.
+// Counts are modulo 2^32: up to this difference a count is ahead of another one, beyond it the count is before it.
 constexpr std::uint32_t kAheadMax = 0x7FFFFFFF;
 
 std::string Field(std::uint64_t number) {

@@ -27,8 +27,8 @@ ReportCollector::ReportCollector(ReceiveContext& context, HostLoad& load, std::s
   seen_.report = report_;
 }
 
-// The texts are parts of the payload's heap memory, which a move does not move: a message is longer than a string that
-// is kept in the object.
+// The texts point into the heap memory of the payload, which stays in place when the string is moved: a message is too
+// long for the buffer that a short string has inside the object.
 void ReportCollector::Add(StreamMessage message, DecodedMessage decoded) {
   if (const auto found = queue_.find(message.sequence); found != queue_.end()) {
     found->second.receipt = std::move(message.receipt);
@@ -75,7 +75,7 @@ void ReportCollector::WorkOnQueue(TimeMs now) {
   }
 }
 
-// What cannot be written now comes again if there is no space for it here.
+// Drops messages for which there is no memory, the newest first: they are not acknowledged, so they come again.
 void ReportCollector::TrimQueue() {
   const auto is_over = [&] {
     return context_.queued_bytes > context_.queue_bytes_max || load_.queued_bytes > context_.host_queue_bytes_max;
@@ -121,7 +121,7 @@ ReportCollector::Outcome ReportCollector::Handle(TimeMs now, std::uint64_t seque
   return Take(now, sequence, message, decision);
 }
 
-// Files without a base whose newest record is in the message, or directly before it.
+// Continues files without a base if their newest record is in the message, or directly before it. Finds the position.
 bool ReportCollector::Adopt(const Queued& message, ReportPosition& position) {
   const std::uint64_t newest = files_.NewestHash();
   std::uint64_t next = message.head.first;

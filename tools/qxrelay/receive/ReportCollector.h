@@ -32,7 +32,7 @@ class ReportCollector {
   void Add(StreamMessage message, DecodedMessage decoded);
   // Does what can be done with the queue. [owning thread]
   void Work(TimeMs now);
-  // The base is on the disk. [owning thread]
+  // To be called when the base is on the disk. [owning thread]
   void BaseSynced() { is_base_unsynced_ = false; }
   // Forgets the queue, and what the numbers of an earlier stream showed. [owning thread]
   void StreamReplaced();

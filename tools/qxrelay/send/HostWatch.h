@@ -1,5 +1,6 @@
-// Looks for another sender of this host's name, by the newest message with the host's labels: each sender sends one at
-// its start. Reports without new records would find it only hours later.
+// Finds another sender that uses this host's name. Every sender sends a message with the host's labels at its start,
+// and the newest of these messages shows who sent it. Reports without new records would show the other sender only
+// hours later.
 #pragma once
 
 #include <algorithm>
@@ -19,7 +20,7 @@ class HostWatch {
   HostWatch(SendContext& context, std::string subject, std::size_t owner)
       : context_(context), subject_(std::move(subject)), owner_(owner) {}
 
-  // Looks if it is time to. [owning thread]
+  // Requests the newest message if that is due. [owning thread]
   void Step(TimeMs now);
   void Connected(TimeMs now);
 

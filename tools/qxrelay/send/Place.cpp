@@ -36,7 +36,8 @@ Place After(const Mark& mark) {
   return {.incarnation = mark.incarnation, .next = mark.next, .hash_before = mark.hash_before};
 }
 
-// The oldest record that can be sent, or the one after the mark if that is older: what is between is lost.
+// The oldest record that can be sent, or the record after the mark if that is older: then the records between them are
+// lost.
 Place FromOldest(const Mark& mark, const StoreView& view) {
   const std::optional<RecordRange> range = RangeNear(view.header, mark.next);
   const std::uint64_t oldest = view.Sendable(*range).oldest;

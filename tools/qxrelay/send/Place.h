@@ -7,14 +7,14 @@
 // Inode and times prove nothing: a store is started over in the same file. A record's hash does.
 //
 //   mark of the newest message   mark of the state   => continue
-//   proven                       any                 after the message: that is what the stream has
-//   gone                         proven or gone,     after the message: what is between was overwritten, a gap. The
-//                                same incarnation    state may be later, if the servers lost messages
+//   proven                       any                 after the message: the stream has everything up to there
+//   gone                         proven or gone,     after the message, with a gap: the next records were
+//                                same incarnation    overwritten. The state may be later, if the servers lost messages
 //   none, or of another          proven              with the oldest record that can be sent: the stream may have lost
-//   incarnation, not proven                          what it had, and receivers drop what they have
-//   none, or contradicted and    gone                after the state: what is between was overwritten, a gap
+//   incarnation, not proven                          messages, and receivers drop records that they have already
+//   none, or contradicted and    gone                after the state, with a gap: the next records were overwritten
 //   of another incarnation
-//   gone                         none, or gone       after the message: what is between was overwritten, a gap
+//   gone                         none, or gone       after the message, with a gap: the next records were overwritten
 //   anything else                anything else       in a new incarnation: after the last 32 sent records if the ring
 //                                                    has them, otherwise with the oldest record that can be sent
 //

@@ -56,8 +56,8 @@ void ReportSender::Placed(TimeMs now, const Mark& mark) {
   not_before_ = now;
 }
 
-// A store that cannot be read now is examined again later; one that contradicts the position is another one, for which
-// a place is searched.
+// A store that cannot be read now is examined again later. If the store contradicts the position, it is another one, in
+// which a place must be found.
 Action ReportSender::Examined(TimeMs now, const Examination& found) {
   if (found.error != 0) {
     ++failures_;

@@ -41,7 +41,7 @@ enum class ActionKind : std::uint8_t {
   kWait,     // until a time, or the next event
   kLookUp,   // ask for the newest message, if a look-up is free; then LookUpSent
   kPlace,    // find the place (FindPlace); then Placed
-  kExamine,  // look at the store; then Examined
+  kExamine,  // check the store; then Examined
   kGap,      // send that records are lost; then Sent
   kRecords,  // send records; then Sent
   kEmpty,    // send an empty message; then Sent
@@ -57,7 +57,7 @@ struct Action {
   friend bool operator==(const Action&, const Action&) = default;
 };
 
-// What a sender sees of its store, next to its position.
+// What a sender needs to know of its store, apart from its own position.
 struct Examination {
   int error = 0;                 // the store cannot be read now
   Proof proof = Proof::kProven;  // of the position

@@ -196,9 +196,10 @@ void ReportWork::Examine(TimeMs now) {
   reader_.Close();
 }
 
-// A report without news is not opened at every poll. Times prove nothing about which store it is, but an index file
-// whose times and size are the same was not written, if its time was old already when it was seen: two writes within
-// one tick of the file system's clock have one time. Nothing relies on it for longer than some seconds.
+// A report without news is not opened at every poll: an index file with the same times and size as before was not
+// written. This needs a time that was old when it was read, because two writes within one tick of the file system's
+// clock get the same time. Times do not show whether it is still the same store, so it is opened every few seconds
+// anyway.
 bool ReportWork::IsAsLastSeen(TimeMs now) {
   struct stat status = {};
   if (!seen_.has_value() || now >= seen_->until) return false;
@@ -214,7 +215,7 @@ void ReportWork::RememberSeen(TimeMs now, const Examination& found) {
   if (!has_nothing || file::StatusOf(report::IndexFileName(path_).c_str(), seen.status) != 0) return;
   const std::int64_t written_ms = std::int64_t{seen.status.st_mtim.tv_sec} * 1000;
   if (context_.wall_ms() - written_ms < kSettledMs) return;
-  // What was written between the look and this status must not be taken for seen.
+  // A write between the first examination and this status must not count as seen: compare with a second examination.
   report::IndexHeader header = reader_.View().header;
   const Examination again = Look();
   if (again.error == 0 && reader_.View().header == header) seen_ = seen;
@@ -241,7 +242,7 @@ Examination ReportWork::Look() {
 
 void ReportWork::SendRecords(TimeMs now) { SendRun(now, reader_.Read(range_, sender_.Position().next, BatchBytes())); }
 
-// The records after the gap are read before the gap is sent: a fast writer would overwrite them meanwhile.
+// The records after the gap are read before the gap is sent: otherwise a fast writer could overwrite them meanwhile.
 void ReportWork::SendGap(TimeMs now, std::uint64_t oldest) {
   RecordRun run;
   run.first = oldest;

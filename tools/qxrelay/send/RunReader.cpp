@@ -30,9 +30,9 @@ std::int64_t WrittenEnd(const IndexHeader& header) {
   return std::int64_t{header.writePosition} + static_cast<std::int64_t>(report::kEndMarker.size());
 }
 
-// The records of this header that a writer may be replacing, or has replaced and not counted yet. A slot counts if it
-// leads to the place of a batch in flight, even if it is the slot of an old record and leads there by accident.
-// Otherwise a record could be sent under the number of another one.
+// How many of the oldest records of this header a writer may be replacing, or has replaced before it counts them in the
+// header. A slot is included if it leads to where the writer may be writing a batch, even if it is the slot of an old
+// record and leads there by chance. Otherwise a record could be sent under the number of another one.
 std::uint32_t UnsafeRecords(CReportFileBase& store) {
   const IndexHeader& header = store.header();
   if (!IsFull(header)) return 0;
@@ -54,7 +54,7 @@ struct RunReader::Piece {
   std::uint64_t first = 0;
   std::uint32_t slot = 0;
   std::vector<std::uint32_t> offsets;
-  std::int64_t end = 0;  // where the last record has to end
+  std::int64_t end = 0;  // where the text of the last record must end
   int error = 0;
 
   [[nodiscard]] std::size_t Count() const { return offsets.size(); }
@@ -115,7 +115,7 @@ RunReader::Piece RunReader::PieceFrom(const RecordRange& range, std::uint64_t fi
   const std::vector<std::uint32_t>& offsets = piece.offsets;
   std::size_t kept = 1;
   while (kept < count && offsets[kept] > offsets[kept - 1] && offsets[kept] - offsets[0] <= bytes_max) ++kept;
-  if (kept < count && offsets[kept] > offsets[kept - 1]) {  // the limit was reached, by the record before
+  if (kept < count && offsets[kept] > offsets[kept - 1]) {  // the record before exceeds bytes_max
     piece.end = offsets[kept];
     if (kept > 1 && static_cast<std::size_t>(piece.end - offsets[0]) > bytes_max) piece.end = offsets[--kept];
   } else {
@@ -168,8 +168,8 @@ bool RunReader::SplitWhole(const Piece& piece, RecordRun& run) const {
   return rest.empty();
 }
 
-// Leaves what is certain. The slots are checked before the header is read again: a slot that was replaced before it was
-// read for the first time is then one of those that the header counts as new, or that UnsafeRecords finds.
+// Keeps what is certain. The slots are compared first, and then the header is read again: so if a slot had been
+// replaced before it was read for the first time, the header counts it as new, or UnsafeRecords finds it.
 void RunReader::Judge(const Piece& piece, RecordRun& run) {
   std::vector<std::uint32_t> slots(piece.Count());
   const int slots_error = report::RecordReader(store_).ReadSlots(piece.slot, slots);
@@ -199,7 +199,7 @@ void RunReader::Judge(const Piece& piece, RecordRun& run) {
   run.unreadable = unreadable - begin;
 }
 
-// The range of the header as it is now; unset if it is that of another store, or cannot be read.
+// The range of the header as it is now. Unset if the header cannot be read, or is that of another store.
 std::optional<RecordRange> RunReader::RangeNow(const RecordRun& run) {
   // readPositions keeps the header of a file that was emptied, so the sizes are checked as well.
   if (store_.readPositions() != 0 || store_.header().highestIndex == 0 || CheckSizes() != 0) return std::nullopt;
@@ -208,7 +208,7 @@ std::optional<RecordRange> RunReader::RangeNow(const RecordRun& run) {
   return range.has_value() && range->end >= run.Next() ? range : std::nullopt;
 }
 
-// Leaves the records from `begin` up to and without `end`.
+// Keeps the records from `begin` up to, but not including `end`.
 void RunReader::Keep(RecordRun& run, std::size_t begin, std::size_t end) {
   const auto bytes_of = [&](std::size_t from, std::size_t to) {
     std::size_t bytes = 0;
@@ -222,10 +222,10 @@ void RunReader::Keep(RecordRun& run, std::size_t begin, std::size_t end) {
   run.lengths.erase(run.lengths.begin(), run.lengths.begin() + static_cast<std::ptrdiff_t>(begin));
 }
 
-// How far a writer may be writing the data file now. Between two appends the end marker is at the write position, and a
-// writer overwrites it first, so if it is there, nothing comes after it. Otherwise the marker after the uncounted texts
-// shows their end. Directly after a restart there is no marker at the write position, and the one of the previous round
-// is still where that ended.
+// The end of what a writer may be writing in the data file now. Between two appends the end marker is at the write
+// position, and a writer overwrites it first: if it is there, nothing is written after it. Otherwise the next marker
+// shows the end of the texts that the header does not count yet. Directly after a restart there is no marker at the
+// write position; if the next marker is that of the previous round, at the end of that round, nothing is written.
 std::int64_t RunReader::DirtyEnd(std::int64_t offset_max) {
   const IndexHeader& header = store_.header();
   const std::int64_t begin = header.writePosition;

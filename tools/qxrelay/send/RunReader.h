@@ -26,7 +26,7 @@ namespace qx::relay {
 // Records one after another.
 struct RecordRun {
   std::uint64_t first = 0;       // number of the first record, which may be later than requested: see below
-  std::uint64_t unreadable = 0;  // how many records from `first` on have no text in the files any more; then no texts
+  std::uint64_t unreadable = 0;  // records from `first` on without a text in the files; if not 0, `texts` is empty
   std::vector<std::uint32_t> lengths;  // of the texts; empty: nothing is certain now, or nothing can be read
   std::string texts;                   // with their line ends
   int error = 0;                       // of the system

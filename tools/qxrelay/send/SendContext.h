@@ -29,7 +29,7 @@ struct SenderCounters : SentCounters {
   std::uint64_t opens = 0;  // of stores, to look for records
 };
 
-// Counts bytes that are in memory in a sum, from Count to the end of the object. The sum lives longer.
+// Adds bytes of memory to a sum until the object is destroyed. The sum outlives the object.
 //
 // Threads: one thread.
 class CountedBytes {

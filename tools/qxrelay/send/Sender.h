@@ -40,8 +40,8 @@ class Sender {
   // How many reports there are, and of how many the sender is stopped. [owning thread]
   [[nodiscard]] std::size_t Reports() const { return works_.size(); }
   [[nodiscard]] std::size_t Stopped() const;
-  // What was found and what to do, if another sender was found; otherwise empty. Then nothing is sent any more.
-  // [owning thread]
+  // If another sender was found: what was found, and what to do; nothing is sent any more. Otherwise empty. [owning
+  // thread]
   [[nodiscard]] std::string RivalText() const { return TextOfRival(context_.rival, context_.host); }
   [[nodiscard]] bool IsConnected() const { return is_connected_; }
   // What keeps all reports from continuing, and what to do; empty: nothing. [owning thread]

@@ -1,4 +1,4 @@
-// What a sender keeps in its state directory: who it is, and where each report was.
+// What a sender keeps in its state directory: who it is, and up to which record each report was sent.
 //
 //   identity        "qxrelay-identity 1", the identity (32 hexadecimal digits), and that of the machine it was made on
 //   session         the number of the last start
@@ -8,7 +8,7 @@
 // A directory of an earlier version has a file reports/TOKEN for each report instead; they are read, and removed when
 // `positions` is written.
 //
-// The newest message in the stream is the other copy of a position, and the one that counts. A directory that is lost
+// The newest message of the stream also has the position, and has priority over the state. A directory that is lost
 // costs a new identity, for which --take-over is needed once. Every file is replaced as a whole and synced.
 #pragma once
 

@@ -1,5 +1,5 @@
-// A message that has a whole state and not an event: the labels of a host, or the names file of a report. The
-// newest one counts, so it is sent when the state changes and repeated before it expires.
+// A message with a complete state, not an event: the labels of a host, or the names file of a report. The newest one
+// counts, so it is sent when the state changes and repeated before it expires.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +33,7 @@ class SideMessage {
     if (!context_.stream.Publish(token_, subject_, bytes_, std::nullopt)) Failed(now);
   }
 
-  // The reply to its request, if it is one. [owning thread]
+  // Handles the reply if it answers the last request of this message. [owning thread]
   void OnReply(TimeMs now, const StreamReply& reply) {
     if (reply.token != token_) return;
     if (reply.kind != ReplyKind::kStored) return Failed(now);

@@ -17,7 +17,7 @@
 
 namespace qx::relay {
 
-// The records in the ring: from `oldest` up to and without `end`.
+// The records in the ring: from `oldest` up to, but not including `end`.
 struct RecordRange {
   std::uint64_t oldest = 0;
   std::uint64_t end = 0;
@@ -32,7 +32,8 @@ struct RecordRange {
 // not the one that `near` was read from.
 [[nodiscard]] std::optional<RecordRange> RangeNear(const report::IndexHeader& header, std::uint64_t near);
 
-// Without any known number: the count is taken as it is, or 2^32 more if it has wrapped since the ring was filled.
+// The range if no number is known: the count of the header, or 2^32 more if the count has wrapped since the oldest
+// record of the ring.
 [[nodiscard]] RecordRange FirstRange(const report::IndexHeader& header);
 
 // The number of the first record of the current round of the data file.

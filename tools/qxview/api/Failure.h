@@ -12,7 +12,7 @@ enum class Failure {
   kNoSession,      // no valid cookie
   kBadToken,       // used, old or wrong
   kForeignHost,    // the Host header names another machine
-  kForeignOrigin,  // another page asks
+  kForeignOrigin,  // a page of another origin sent the request
   kNoSuchPath,
   kBadMethod,
   kBadParameter,

@@ -107,7 +107,7 @@ void LiveDesk::Leave(StreamId stream) {
   trace_worker_.Add([this, stream] { traces_.Unsubscribe(stream); });
 }
 
-// --- the same once
+// --- changes: what a stream would send, as the reply to one request
 
 std::vector<LiveDesk::Step> LiveDesk::StepsOf(const ViewRequest& view) {
   std::vector<Step> steps;

@@ -1,4 +1,4 @@
-// Everything that is sent as it happens, and the documents that come from the same sources.
+// The event streams of pages, and the documents that come from the same sources.
 #pragma once
 
 #include <functional>

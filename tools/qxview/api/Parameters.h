@@ -20,7 +20,8 @@ class Parameters {
 
   explicit Parameters(const HttpRequest& request) : request_(request) {}
 
-  // Unset without the parameter, and if it is no such number; then there is a problem. [owning thread]
+  // Unset if the parameter is missing, or is not an integer, which is a problem. The second form returns `otherwise`
+  // for a missing parameter; a number outside the limits is a problem. [owning thread]
   [[nodiscard]] std::optional<std::int64_t> Number(std::string_view name);
   [[nodiscard]] std::int64_t Number(std::string_view name, std::int64_t min, std::int64_t max, std::int64_t otherwise);
   // Empty without the parameter. [owning thread]

@@ -30,7 +30,7 @@ constexpr std::int64_t kRecordsMax = 5000;
 constexpr std::int64_t kColumnsDefault = 800;
 constexpr std::int64_t kColumnsMax = 4000;
 constexpr std::size_t kChartFieldsMax = 8;
-constexpr std::uint32_t kFieldRecords = 24;  // that are searched for fields
+constexpr std::uint32_t kFieldRecords = 24;  // records that are searched for fields
 constexpr std::size_t kPageBytesMax = std::size_t{2} << 20;
 
 std::string NameOf(const HttpRequest& request) { return request.Value("report").value_or(""); }

@@ -13,7 +13,7 @@
 
 namespace qx::view {
 
-// Which records a download has: those of a time, both ends included, with a text in them.
+// Which records a download has: those within a range of time, both ends included, that contain a text.
 struct TextWish {
   std::string filter;
   std::optional<std::int64_t> from;  // milliseconds since 1970
@@ -29,7 +29,8 @@ class RecordText {
   RecordText(const std::string& base_path, TextWish wish);
 
   Error Open() { return snapshot_.Take(); }
-  // Empty if none of many records is requested; null at the end. [owning thread]
+  // The next piece. Empty if none of the records that were read for it is requested; null at the end, and if the files
+  // cannot be read. [owning thread]
   [[nodiscard]] HttpReply::Text Next();
 
  private:

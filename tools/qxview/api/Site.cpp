@@ -12,7 +12,7 @@ namespace qx::view {
 namespace {
 
 constexpr std::string_view kApi = "/api/v1/";
-constexpr std::chrono::milliseconds kTrim{60'000};  // how often what nobody uses is freed
+constexpr std::chrono::milliseconds kTrim{60'000};  // between two checks for memory that nobody uses
 constexpr std::string_view kTokenField = "token=";
 
 std::int64_t SecondsOf(clockid_t clock) {
@@ -122,7 +122,7 @@ void Site::HandleApi(const ExchangePtr& exchange, const std::string& name) {
 
 // --- what another thread answers
 
-// The exchange goes to the thread and back without being touched there; only the request, which nobody changes, is.
+// The thread that reads gets the exchange, but touches only its request, which nobody changes.
 void Site::Read(const ExchangePtr& exchange, HttpReply (Reading::*answer)(const HttpRequest& request)) {
   const bool is_posted =
       reading_worker_.Post([this, exchange, answer] { ReplyLater(exchange, (reading_.*answer)(exchange->Request())); });

@@ -41,7 +41,7 @@ ReadView ReportView(const HttpRequest& request, const std::string& directory) {
   view.overview = report;
   if (request.Value("traces").value_or("") == "1") {
     view.traces = TraceWatchOf(parameters, view.after);
-    view.traces->wish.filter.clear();  // it is that of the records
+    view.traces->wish.filter.clear();  // the parameter filters the records
   }
   if (!parameters.Problem().empty()) read.failure = ReplyOf(Failure::kBadParameter, parameters.Problem());
   return read;

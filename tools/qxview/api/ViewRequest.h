@@ -1,4 +1,4 @@
-// What a page wants to be sent as it happens.
+// What a page requests from its event stream.
 //
 //   view=overview                                    the overview
 //   view=health                                      doctor's findings
@@ -20,7 +20,7 @@ namespace qx::view {
 struct ViewRequest {
   Cursors after;                        // by the names of events
   std::optional<ReportWatch> records;   // unset: none
-  std::optional<std::string> overview;  // the only report of it; empty: all
+  std::optional<std::string> overview;  // the only report in it; empty: all reports
   bool has_findings = false;
   std::optional<TraceWatch> traces;
 
@@ -34,7 +34,7 @@ struct ReadView {
 };
 [[nodiscard]] ReadView ViewOf(const HttpRequest& request, const std::string& directory);
 
-// `level` and `filter`, and the times of a request for traces. A problem is in the parameters.
+// Reads the parameters `level` and `filter`. A wrong value becomes a problem of `parameters`.
 class Parameters;
 [[nodiscard]] TraceWish TraceWishOf(Parameters& parameters);
 

@@ -21,16 +21,16 @@ namespace qx::view {
 class ReplyStream {
  public:
   using Text = HttpReply::Text;
-  // Called when everything was sent: somebody makes the next piece, and sends it later.
+  // Called when everything was sent. It orders the next piece, which another thread makes; Send gets it later.
   using Drained = std::function<void()>;
 
-  // A client that reads more slowly than this many bytes come is dropped; it connects again.
+  // If more bytes than this wait for a client, the client is dropped; it connects again.
   static constexpr std::size_t kPendingBytesMax = std::size_t{1} << 20;
 
   explicit ReplyStream(MHD_Connection* connection) : connection_(connection) {}
   ReplyStream(MHD_Connection* connection, Drained drained) : connection_(connection), drained_(std::move(drained)) {}
 
-  // Sends the text. An empty one only asks for another piece. [owning thread]
+  // Sends the text. After an empty one, the next piece is ordered at once. [owning thread]
   void Send(Text text);
   // Ends the reply after what was sent. [owning thread]
   void End();
@@ -49,7 +49,7 @@ class ReplyStream {
   Drained drained_;
   std::deque<Text> pending_;
   std::size_t pending_bytes_ = 0;
-  std::size_t taken_ = 0;  // of the first piece
+  std::size_t taken_ = 0;  // bytes of the first piece that were sent
   bool is_open_ = true;
   bool is_complete_ = false;
   bool is_suspended_ = false;
@@ -65,7 +65,8 @@ class Exchange {
 
   // Answers the request; only the first answer counts. [owning thread]
   void Reply(HttpReply reply);
-  // Answers with a head whose text follows; `head.text` counts for nothing. [owning thread]
+  // Answers with the status and the headers of `head`; the stream sends the text. `head.text` is ignored. [owning
+  // thread]
   std::shared_ptr<ReplyStream> Stream(HttpReply head, ReplyStream::Drained drained = nullptr);
 
   // False as soon as the client is gone. [owning thread]

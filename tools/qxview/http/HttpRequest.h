@@ -19,7 +19,7 @@ struct HttpRequest {
   std::vector<Parameter> query;
   std::string body;  // of a POST
 
-  // Headers; empty without one.
+  // Headers; empty if the request does not have them.
   std::string host;
   std::string origin;
   std::string cookie;
@@ -27,7 +27,7 @@ struct HttpRequest {
   std::string if_none_match;
   std::string last_event_id;
 
-  // The first value of a parameter; unset without one.
+  // The first value of a parameter; unset if there is no such parameter.
   [[nodiscard]] std::optional<std::string> Value(std::string_view name) const;
   [[nodiscard]] std::vector<std::string> Values(std::string_view name) const;
 };

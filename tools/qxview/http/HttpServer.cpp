@@ -119,7 +119,7 @@ struct Incoming {
 }  // namespace
 
 struct HttpServer::Library {
-  // Since when a connection has no complete request; unset while one is answered.
+  // The time since which a connection waits for a complete request. No entry while its request is answered.
   using Waiting = std::map<MHD_Connection*, std::int64_t>;
 
   explicit Library(Handler given) : handler(std::move(given)) {}

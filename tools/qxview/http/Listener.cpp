@@ -17,7 +17,7 @@ namespace qx::view {
 
 namespace {
 
-constexpr mode_t kPrivate = 0177;  // what the mode of a socket lacks
+constexpr mode_t kPrivate = 0177;  // the umask for a socket of mode 0600
 
 Listener Refused(std::string problem) {
   Listener listener;

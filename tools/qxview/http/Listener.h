@@ -1,4 +1,5 @@
-// The socket on which the server listens: of this machine's loopback network, or with a path. Nobody else reaches it.
+// The socket on which the server listens: an address of this machine's loopback network, or a Unix socket. No other
+// machine reaches it.
 #pragma once
 
 #include <cstdint>

@@ -5,9 +5,9 @@
 
 namespace qx::view {
 
-// Records, names and traces are hostile text. Whatever of it came into a page: nothing runs but our own files, nothing
-// is loaded from or sent to elsewhere, nobody shows the page in a frame, and what would be set as HTML is set as text
-// by the pages' own policy.
+// Records, names and traces are hostile text. If some of it became part of a page, the browser would still run only our
+// own scripts, load nothing from other sites and send nothing to them, and show the page in no frame. Text that a
+// script assigns as HTML passes through the pages' own policy, which makes it plain text.
 inline constexpr std::pair<const char*, const char*> kSafeHeaders[] = {
     {"Content-Security-Policy",
      "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; base-uri 'none'; "

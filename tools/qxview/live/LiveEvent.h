@@ -30,15 +30,15 @@ struct LiveNews {
   std::vector<LiveEvent> events;
 };
 
-// The cursors of a stream by the names of its events. Clients take its text for opaque.
+// The cursors of a stream by the names of its events. Their text is opaque for clients.
 //
-//   "records=12-abc;overview=7f.3"   of a stream; what is not in it begins with what is new from now on
-//   "12-abc"                         of a document: that of the view's main events
+//   "records=12-abc;overview=7f.3"   of a stream; a name that is missing has no cursor yet
+//   "12-abc"                         of a document: the cursor of the view's main events
 using Cursors = std::map<std::string, std::string, std::less<>>;
 [[nodiscard]] std::string TextOf(const Cursors& cursors);
 [[nodiscard]] Cursors CursorsOf(const std::string& text, const std::string& main_name);
 
-// What a stream gets of an event, after the line with its cursors.
+// An event in the stream, after the line with the cursors.
 //   "event: records\ndata: {...}\n\n"
 [[nodiscard]] HttpReply::Text StreamText(const LiveEvent& event);
 //   "id: records=12-abc\n"

@@ -18,7 +18,7 @@ LiveEvent EventOf(const std::string& report, const RecordPage& page, const std::
           .data = std::make_shared<const std::string>(ctl::JsonLine(RecordsDocument(report, page, filter)))};
 }
 
-// Whether a page that shows only records with the filter learns something.
+// Whether the records are news for a page that shows only those with the filter.
 bool IsNews(const RecordPage& page, const std::string& filter) {
   if (page.error != 0) return false;
   if (page.is_reset || page.lost > 0 || page.omitted > 0) return true;
@@ -26,7 +26,7 @@ bool IsNews(const RecordPage& page, const std::string& filter) {
                      [&](const NumberedRecord& record) { return Shows(filter, ctl::TextOfRecord(record.text).text); });
 }
 
-// Leaves what was before a place: that is what others got already.
+// Leaves what is before a place: the later records come with the next event of the report.
 void CutAt(const Cursor& end, RecordPage& page) {
   if (page.cursor.next <= end.next) return;
   std::erase_if(page.records, [&](const NumberedRecord& record) { return record.number >= end.next; });
@@ -69,8 +69,9 @@ LiveNews LiveReports::Changes(const ReportWatch& watch) {
   return news;
 }
 
-// The first time there is nothing to send: who subscribes begins with its own cursor. A report that is missing for a
-// moment, while its agent starts it over, keeps its followers.
+// The first poll of a follower finds where the report ends, and sends nothing: no stream is entered yet, and Subscribe
+// sends what is new after the stream's own cursor. If the report is missing for a moment, because its agent starts it
+// over, the streams stay.
 void LiveReports::Poll(Follower& follower) {
   if (!follower.tail.HasMoved()) return;
   const bool is_first = !follower.cursor.has_value();

@@ -1,6 +1,6 @@
 // Follows the reports that pages show: one follower for each report, however many pages look at it.
 //
-// A report is checked every kPollMs. Its new records are read once and turned into one document for each filter.
+// A report is checked every kPoll. Its new records are read once and turned into one document for each filter.
 #pragma once
 
 #include <chrono>
@@ -34,7 +34,7 @@ class LiveReports {
   void Subscribe(StreamId stream, const ReportWatch& watch);
   void Unsubscribe(StreamId stream);
 
-  // What is new after the cursor; without one only where the report ends. [owning thread]
+  // What is new after the cursor. Without a cursor, no events: only the cursor of the report's end. [owning thread]
   [[nodiscard]] static LiveNews Changes(const ReportWatch& watch);
 
   // Sends what is new; for Worker::Tick. [owning thread]
@@ -44,7 +44,7 @@ class LiveReports {
   struct Follower {
     std::string report;
     RecordTail tail;
-    std::optional<Cursor> cursor;         // what every stream has got; unset: the report could not be read yet
+    std::optional<Cursor> cursor;         // after what all streams got; unset: the report could not be read yet
     std::optional<std::int64_t> time_ms;  // of the last record that has one
     std::map<std::string, std::vector<StreamId>> streams;  // by filter
   };

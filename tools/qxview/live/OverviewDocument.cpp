@@ -53,7 +53,7 @@ JudgedRow Judged(const TopRow& row, std::int64_t stale_seconds) {
   return judged;
 }
 
-// Worst first; of equally bad ones the one that is silent for longest, then by name.
+// Worst first. Equally bad rows are ordered by the time of their silence, longest first, and then by name.
 bool IsWorse(const JudgedRow& left, const JudgedRow& right) {
   if (left.severity != right.severity) return left.severity > right.severity;
   if (left.silence != right.silence) return left.silence.value_or(-1) > right.silence.value_or(-1);

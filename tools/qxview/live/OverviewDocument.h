@@ -21,8 +21,8 @@ struct OverviewView {
 // Seconds since the newest record, if that is longer ago than allowed.
 [[nodiscard]] std::optional<std::int64_t> SilenceOf(const ctl::TopRow& row, std::int64_t stale_seconds);
 
-// Seconds until the next record replaces one that is in the ring now and that nobody may have read: those until the
-// ring is full; of a full ring those until all of it is replaced. Unset without a rate.
+// Seconds, at the current rate, until the ring is full, so that new records begin to replace old ones. For a full ring:
+// until all records that are in it now are replaced. Unset without a rate.
 [[nodiscard]] std::optional<double> SecondsToWrap(const ctl::TopRow& row);
 
 // qxview-overview

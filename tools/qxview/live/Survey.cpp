@@ -17,10 +17,11 @@ namespace qx::view {
 namespace {
 
 constexpr std::size_t kRunBytes = 4;
-constexpr std::chrono::milliseconds kFresh{500};  // what is younger is not made again for a request
+constexpr std::chrono::milliseconds kFresh{500};  // a request gets a document that is not older than this
 constexpr std::chrono::seconds kUnused{60};       // a document that nobody follows or asks for is dropped
 
-// All but the module, which this process does not load: the provider's traces belong to its service.
+// All checks but that of the module. This process does not load it: the module would write trace files that belong to
+// the service.
 std::string FindingsText(const SurveySettings& settings) {
   ctl::DoctorPlaces places;
   places.report_directory = settings.directory;

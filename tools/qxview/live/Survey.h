@@ -49,7 +49,7 @@ class Survey {
   // A document with the number of its version, and who follows it.
   struct Version {
     std::uint64_t number = 0;
-    std::string content;  // without what changes all the time
+    std::string content;  // the document without ages and rates; only a change of it is news
     HttpReply::Text text;
     Clock::time_point changed;
     Clock::time_point made;
@@ -72,7 +72,7 @@ class Survey {
   std::uint64_t numbers_ = 0;
   ctl::TopReports reports_;
   Clock::time_point polled_;
-  std::map<std::string, Version> overviews_;  // by the only report; "" has all
+  std::map<std::string, Version> overviews_;  // by the only report in it; "": all reports
   Version findings_;
 };
 

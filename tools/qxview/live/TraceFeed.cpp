@@ -54,7 +54,7 @@ TraceFeed::TraceFeed(std::string directory, Deliver deliver)
 
 std::string TraceFeed::CursorText() const { return run_ + "." + std::to_string(next_); }
 
-// The number of the entry that follows; unset for a cursor of another run, or if the entries after it are not kept.
+// The number of the entry after the cursor. Unset for a cursor of another run, or if the entries after it are not kept.
 std::optional<std::uint64_t> TraceFeed::NumberOf(const std::string& cursor) const {
   if (!cursor.starts_with(run_ + ".")) return std::nullopt;
   std::uint64_t number = 0;
@@ -83,7 +83,8 @@ void TraceFeed::Poll() {
   Keep(std::move(items));
 }
 
-// Files that were there before have entries that nobody waits for; those of a new file are all new.
+// The first search follows each file from its end on, because no page waits for older entries. A file that a later
+// search finds is new, and so are all its entries.
 void TraceFeed::Search() {
   searched_ = Clock::now();
   std::vector<std::string> names;
@@ -131,7 +132,7 @@ void TraceFeed::Send(const std::vector<TraceItem>& items) {
 
 // --- requests
 
-// What is written while the files are read may be in them, in what the followers find, or in both; it is shown once.
+// An entry that is written while the files are read may be found there, by a follower, or by both; it is shown once.
 bool TraceFeed::Read(const TraceWish& wish, std::size_t count_max, TracePage& page) {
   Poll();
   const std::uint64_t before = next_;

@@ -1,8 +1,8 @@
 // Follows the trace files of a directory while pages show them.
 //
-// It keeps the newest entries that came since somebody looked, so that a page that lost its stream misses none. What is
-// older is read from the files when a page asks for it. A log of more than kFollowedMax bytes is not followed, because
-// that needs a copy of it; its entries are in what is read.
+// From the first request on, it keeps the newest entries that were written, so that a page that lost its stream misses
+// none. Older ones are read from the files when a page requests them. A log of more than kFollowedMax bytes is not
+// followed, because following needs a copy of it: its entries are only in what is read from the files.
 #pragma once
 
 #include <chrono>
@@ -53,7 +53,7 @@ class TraceFeed {
 
   // The newest entries that pass; false: there is no trace file. [owning thread]
   [[nodiscard]] bool Read(const TraceWish& wish, std::size_t count_max, TracePage& page);
-  // What came after the cursor; the newest entries if it is not known any more. [owning thread]
+  // The entries after the cursor; if the cursor is not known any more, the newest entries. [owning thread]
   [[nodiscard]] TracePage ReadAfter(const TraceWatch& watch);
 
   void Subscribe(StreamId stream, const TraceWatch& watch);

@@ -20,7 +20,7 @@ struct TraceItem {
   debug::TraceEntry entry;
 };
 
-// The same text of the same place of a file.
+// True for one entry that was read twice: the same text at the same place of the same file.
 [[nodiscard]] bool IsSame(const TraceItem& left, const TraceItem& right);
 
 // About how much memory an entry needs.

@@ -1,4 +1,5 @@
-// A place in a report: after the record before number `next`, which has this hash.
+// A place in a report: directly before the record with the number `next`. `hash` is that of the record before the
+// place.
 //
 // The number of a record is how many records the report had before it. A report that was started over counts from 0
 // again, in the same files; a hash shows whether a number still means the same record. After 2^32 records the count of

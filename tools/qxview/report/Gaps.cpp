@@ -42,7 +42,7 @@ std::int64_t Pauses::LengthOfPart(std::uint64_t count) const {
 }
 
 std::int64_t Pauses::GapMs() const {
-  constexpr std::uint64_t kSomeMax = 3;  // gaps that are no rule, however few pauses there are
+  constexpr std::uint64_t kSomeMax = 3;  // up to so many long pauses are gaps, not pauses between bursts
   const std::int64_t usual = LengthOfPart(count_ - count_ / 10);
   const std::int64_t gap = std::max(kGapMsMin, usual > INT64_MAX / kTimesUsual ? INT64_MAX : kTimesUsual * usual);
   const auto is_long = [&](const Gap& pause) { return pause.to - pause.from > gap; };

@@ -25,10 +25,10 @@ struct NumberedRecord {
 struct RecordPage {
   int error = 0;                                 // of the system; EBADMSG for files that contradict themselves
   Cursor cursor;                                 // after the last record of the report
-  bool is_reset = false;                         // the records are not the continuation of the cursor
-  std::uint64_t lost = 0;                        // the ring has overwritten so many since the cursor
+  bool is_reset = false;                         // the records do not continue after the cursor
+  std::uint64_t lost = 0;                        // records after the cursor that the ring has overwritten
   std::optional<std::int64_t> time_before = {};  // of the record before the first one, if that is known
-  std::uint64_t omitted = 0;                     // so many of the ring are left out, because there are too many
+  std::uint64_t omitted = 0;                     // records of the ring that are left out, because there are too many
   std::vector<NumberedRecord> records;
 };
 

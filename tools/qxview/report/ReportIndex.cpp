@@ -14,7 +14,7 @@ namespace {
 constexpr std::uint64_t kBlockRecords = 1024;
 constexpr std::uint32_t kReadRecords = 4096;  // of one read
 constexpr std::uint32_t kProbedRecords = 64;  // the newest ones show whether records have stamps
-constexpr std::int64_t kFineness = 2;         // a kept column is at most the so manieth part of a drawn one
+constexpr std::int64_t kFineness = 2;         // a drawn column is at least this many times as wide as a kept one
 
 std::uint64_t HashOf(const PassedRecord& record) {
   return report::RecordHash(std::string(record.text) + (record.is_whole ? "\r\n" : ""));

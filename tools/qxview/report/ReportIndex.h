@@ -1,5 +1,5 @@
-// What is kept of a report while somebody looks at it: in which records each time is, and the reduced values of
-// fields.
+// What is kept of a report while somebody looks at it: the range of times of each block of records, and the reduced
+// values of fields.
 //
 // The first time all records are read, later only those that are new. A range of time for which the reduced values are
 // too coarse is read from the file, but only the blocks of records that can have such times.
@@ -77,7 +77,7 @@ class ReportIndex {
   // Neighbouring records.
   struct Block {
     std::uint64_t first = 0;             // number of the first one
-    std::optional<std::int64_t> before;  // the place before it
+    std::optional<std::int64_t> before;  // the place of the record before the block
     std::int64_t min = std::numeric_limits<std::int64_t>::max();
     std::int64_t max = std::numeric_limits<std::int64_t>::min();
   };

@@ -17,7 +17,7 @@ namespace qx::view {
 enum class OriginVerdict {
   kOurs,
   kForeignHost,    // the Host header names another machine, or nothing
-  kForeignOrigin,  // another page asks
+  kForeignOrigin,  // a page of another origin sent the request
 };
 
 // Threads: any number. It never changes.

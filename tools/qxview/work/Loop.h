@@ -9,7 +9,7 @@
 
 namespace qx::view {
 
-// Owns: an event descriptor. Failure: without a descriptor the loop only notices at its next timeout.
+// Owns: an event descriptor. Failure: without a descriptor the loop notices new tasks only at its next timeout.
 class Loop {
  public:
   using Task = std::function<void()>;

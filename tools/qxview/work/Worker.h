@@ -1,4 +1,4 @@
-// A thread that runs one task after the other, and between them something that is due from time to time.
+// A thread that runs one task after the other and, between them, a tick whenever it is due.
 #pragma once
 
 #include <chrono>
