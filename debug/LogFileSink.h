@@ -49,8 +49,8 @@ class LogFileSink {
   void WriteCounted(std::string_view bytes) noexcept;
   void Wrap(std::string_view header) noexcept;
 
-  // Null while closed, so that an object in zeroed memory is closed. Atomic only to keep the destructor's store: the
-  // trace object is used after its end as well, and a plain store there would be dropped as dead.
+  // Null while closed, so that an object in zeroed memory is closed. Atomic, because the trace object is used after its
+  // destruction as well: the compiler would drop a plain store in the destructor as dead.
   std::atomic<std::FILE*> file_{nullptr};
   int descriptor_ = -1;  // of file_
   char path_[256] = {};

@@ -23,9 +23,9 @@ namespace qx::debug {
 // Writes entries to a mapped ring file.
 //
 // Threads: the owner of the trace facility's lock. Other processes may read the file at any time; one process writes.
-// Owns: the descriptor and the mapping.
-// Failure: Open returns what failed, and leaves the ring closed; writing cannot fail. If the file is truncated while it
-// is mapped, the next wrap notices it; a store after its end before that kills the process (SIGBUS).
+// Owns: the descriptor and the mapping. Failure: Open returns what failed, and leaves the ring closed; writing cannot
+// fail. If the file is truncated while it is mapped, the next wrap notices it. Until then, a store after the new end of
+// the file kills the process (SIGBUS).
 class RingBufferSink {
  public:
   // The step of Open that failed.

@@ -55,8 +55,8 @@ class CRegistry {
   // Makes the key at `path` below `key` (null: the current one) the current one, creating what is missing. 0, or -1
   // with the current key unchanged when a name on the path is a value's. [owning thread]
   long CreateKey(CRegistryNode* key, const char* path, bool, int access);
-  // Opens the key whose full path, from a hive in any case, is the string `value_name` of the key `pointer_key`.
-  // 0, or -1 with no current key. [owning thread]
+  // Opens a key through a pointer: the string value `value_name` of the key `pointer_key` is the full path of the key
+  // to open. The path begins with a hive, in upper or lower case. 0, or -1 with no current key. [owning thread]
   long OpenPointerKey(const char* pointer_key, const char* value_name, CRegistryNode* key, int access);
   // OpenPointerKey with the key in which the suite's products leave their pointers. [owning thread]
   long OpenUUIDPointer(const char* value_name, CRegistryNode* key, int access, const char*, bool);

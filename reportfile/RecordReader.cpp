@@ -437,8 +437,8 @@ std::span<const std::uint32_t> RecordReader::OffsetsFrom(std::uint32_t slot, std
   return {windows.slots + skipped, std::min<std::size_t>(held, requested)};
 }
 
-// The bytes at `offset` in the window; if it has none, after a read of about `requested` bytes. Empty at the end of the
-// file, and if the file cannot be read there.
+// The bytes that the window has from `offset` on. If it has none, about `requested` bytes are read into it first. Empty
+// at the end of the file, and if the file cannot be read there.
 std::string_view RecordReader::BytesAt(std::int64_t offset, std::size_t requested) {
   Windows& windows = LoadedWindows();
   if (windows.HeldAt(offset).empty()) windows.LoadData(store_.data_file_, offset, requested);

@@ -72,7 +72,8 @@ class RecordReader {
   [[nodiscard]] bool Read(std::uint32_t slot, std::size_t bytes_max, std::string* out, bool* too_long);
 
   // Appends the records of `first_slot` and the slots after it, up to the limits. Slots do not wrap around: the caller
-  // splits at the end of the ring. A slot that is not in use comes before a record that does not fit. [owning thread]
+  // splits at the end of the ring. If the next slot is not in use, Take ends with kReadFailed, even if `out` is full.
+  // [owning thread]
   [[nodiscard]] TakenRecords Take(std::uint32_t first_slot, const TakeLimits& limits, std::string* out);
 
   // Reads the offsets in `first_slot` and the slots after it. A slot that cannot be read whole reads as 0. Returns 0 or

@@ -61,7 +61,8 @@ std::string PathBelow(const std::string& path, const std::string& directory) {
   return is_below && rest != std::string::npos ? path.substr(rest) : std::string();
 }
 
-// For a path with a link that is not trusted, because the link may be above the report directory.
+// Opens the path again, beginning at the report directory. The link that is not trusted may be above that directory,
+// where links are not checked.
 file::Descriptor OpenBelowReportDirectory(const std::string& path, OpenMode mode, file::TrustedLinks trusted) {
   const std::string directory_path = NamedReportDirectory();
   const std::string rest = PathBelow(path, directory_path);

@@ -79,7 +79,8 @@ class Builder {
     return block_.Element(index, type, script_.Below(8) == 7 ? nullptr : Value(index, type, depth));
   }
 
-  // Indices whose value is a structure whatever the type are never strings: a structure has no terminator.
+  // At some indices the value is a structure whatever the type says. These never get the type of a string: a structure
+  // has no terminating NUL.
   std::int32_t Type(std::int32_t index) {
     static constexpr std::int32_t kTypes[] = {kKrxTypePointer, kKrxTypeUint8,  kKrxTypeUint16, kKrxTypeUint32,
                                               kKrxTypeNested,  kKrxTypeString, kKrxTypeString, 0};

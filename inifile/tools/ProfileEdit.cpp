@@ -213,7 +213,7 @@ class Planner {
     plan_.steps.push_back({from, to, {}, {}, {}});
   }
 
-  // All entries of the key: otherwise the second one would be read.
+  // Deletes all entries of the key: readers would otherwise find the second one.
   void DeleteKey() {
     bool has_section = false;
     for (;;) {

@@ -54,8 +54,8 @@ struct Refusal {
   std::string reason;  // a clause: "the name has a \"=\""
 };
 
-// Returns nothing if `tree`, written and read again, is the same tree, also after later additions; `text` is then the
-// file. [owning thread]
+// Returns nothing if `tree` can be written and read back unchanged, now and after later additions; `text` is then the
+// content of the file. [owning thread]
 [[nodiscard]] std::optional<Refusal> WhyNotStorable(const CRegistryNode& tree, std::string& text);
 
 }  // namespace qx::registry

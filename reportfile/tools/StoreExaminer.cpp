@@ -204,10 +204,10 @@ class Examiner {
     return std::max(end, EndOfPartAt(position).value_or(end));
   }
 
-  // The end of the last marker after whole lines at `position`. The lines are those of a part that is not counted, or
-  // of parts that killed writers left in this round, and one of them may look like a marker. So the search goes on
-  // after each marker, for as many lines as a part and the round can have. A later marker may have overwritten the
-  // first byte of a line end.
+  // The end of the last end marker that comes after whole lines at `position`. The lines belong to a part that is not
+  // counted yet, or to parts that killed writers left in this round. A line may look like a marker, so the search
+  // continues after each marker, for as many lines as a part and the round can have. It searches for line feeds only: a
+  // later marker may have overwritten the CR before one.
   std::optional<std::int64_t> EndOfPartAt(std::int64_t position) {
     const std::uint32_t lines_max = RecordsInPart(scan_.header) + RecordsInRound(scan_.header);
     std::optional<std::int64_t> end;

@@ -143,7 +143,8 @@ TEST(LineScanner, AgreesWithFgetsOnRandomBytesAcrossAnyWindow) {
   }
 }
 
-// `line` is the line in the file, including what a NUL hides; without its line feed it is a piece of a longer line.
+// `line` is the line in the file, including what a NUL hides. If it does not end in a line feed, it is a piece of a
+// longer line.
 bool MayBeSearched(std::string_view line, LineMark mark) {
   const bool is_plain = static_cast<unsigned char>(line.front()) > ' ' && line.front() != '[';
   return !is_plain || line.back() != '\n' || (mark.column < line.size() && line[mark.column] == mark.byte);

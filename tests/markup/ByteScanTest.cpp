@@ -47,7 +47,8 @@ TEST(ByteScan, TripleIsFoundAfterOverlappingBeginnings) {
   EXPECT_EQ((FindTriple<']', ']', '>'>(text.data(), text.data() + 31)) - text.data(), 28);
 }
 
-// Finds of the first byte alone: fewer and more than it takes to switch to the search for all three bytes.
+// The first byte is found alone many times. After some of these finds the function switches to a search for all three
+// bytes: the counts are below and above that number.
 TEST(ByteScan, TripleIsFoundAfterAnyNumberOfItsFirstBytes) {
   for (std::size_t brackets = 0; brackets < 60; ++brackets) {
     for (const std::string apart : {"", "x", "]x", "12345678901234567890"}) {

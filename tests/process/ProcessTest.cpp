@@ -247,7 +247,8 @@ TEST(Process, DescriptorsAreClosedOneByOneWithoutCloseRange) {
   const InheritedDescriptor descriptor;
   EXPECT_EQ(StatusOfChild([] {
               if (!ForbidCloseRange()) return 77;
-              // A limit below 256 counts as 1024, so number 207 is closed with both limits.
+              // A limit below 256 counts as 1024. So descriptor 207 is closed with the usual limit and with the limit
+              // 64.
               const rlimit limit{64, 64};
               if (InheritedDescriptor::Test(false).exit_code != 1) return 2;
               if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;

@@ -48,8 +48,8 @@ struct Model {
   CReportFileBase store;
 };
 
-// Writes in place, so that an open descriptor sees the change. Some file systems write a file that is truncated and
-// written again to the disk at once, and thousands of rounds would take minutes.
+// Writes in place, so that an open descriptor sees the change. If a file is truncated and then written, some file
+// systems write it to the disk at once: thousands of rounds would take minutes.
 void Overwrite(const std::string& path, const std::string& bytes) {
   if (qx::test::Exists(path) && ReadFile(path) == bytes) return;
   std::ofstream(path, std::ios::binary | std::ios::in | std::ios::out) << bytes;

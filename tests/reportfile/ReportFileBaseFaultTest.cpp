@@ -53,7 +53,7 @@ class ReportFileBaseFault : public testing::Test {
     EXPECT_LE(reads.Calls(), 20);
   }
 
-  // A writer on the same files: its record is at the offset of its header.
+  // A new writer on the same files appends a record. If the slot of the record can be read, it leads to that record.
   void AppendAndReadBack() {
     CReportFileBase writer;
     ASSERT_TRUE(writer.Open(files_.Path(), 3));

@@ -72,8 +72,8 @@ void MakeFullRing(const std::string& directory) {
   WriteWithTheStore(base, before);
 }
 
-// As an agent that tries each call twice, from the record on that the error names. So the stored texts are always the
-// first ones.
+// Appends like an agent that tries each call twice. The second try begins with the record that the error names, so the
+// stored texts are always the first ones.
 bool AppendTwice(Writer& writer, std::size_t end) {
   for (int attempt = 0; attempt < 2 && stored < end; ++attempt) {
     const Error error = writer.Append(std::span(texts).subspan(stored, end - stored));

@@ -24,8 +24,9 @@ class TraceDirectory {
   // of a module, which might be the service's, or a symbolic link in place of a log.
   Status Keep(const std::string& directory, int level);
 
-  // Makes sure that loading the module changes no file of a service: without a directory for traces, tracing is off,
-  // and the files that the module still opens are in a directory of mode 0700 that only this process knows.
+  // Makes sure that loading the module changes no file of a service: unless Keep or the environment names a directory,
+  // tracing is off, and the files that the module opens anyway are in a directory of mode 0700 that only this process
+  // knows.
   Status ProtectService();
 
  private:

@@ -38,7 +38,7 @@ void Transfer::CountChunk(const ReportReply& reply) {
   next_index_ = reply.next_index;
 }
 
-// The request after the end comes first: a request for the first record starts a new transfer.
+// The request for a record after the end comes first, because the request for the first record starts a new transfer.
 Status Transfer::CheckEnd() {
   const bool stopped_early = HasRecordAfterEnd();
   if (!FirstRecordIsTheSame()) {

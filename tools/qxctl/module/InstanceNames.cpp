@@ -9,7 +9,7 @@ namespace {
 
 constexpr int kResultNotFound = 12;
 
-// A reply writes a byte outside the printable characters as the character of its number.
+// In a reply, a byte outside the printable characters is written as the character with the number of the byte.
 //   U+00C3 U+00A4 => C3 A4
 std::string BytesOf(const std::string& text) {
   std::string bytes;
@@ -36,8 +36,8 @@ Status StatusOfMissingList(const CallResult& call) {
     return {ExitCode::kNotFound, reply.message + ": there is no such file next to the report in the report directory"};
   }
   if (call.result == 0 && !call.reply.has_value()) {
-    // After a refusal the list would make a document of two roots, which the module never sends; another version has no
-    // list.
+    // The list for a refused caller would be the second root of the document, and the module does not send such a
+    // document. For a names file of another version there is no list.
     return {ExitCode::kRefused,
             "the module returned no reply: the names file is not of version 1, or the caller lacks the privilege "
             "\"AccessPerformanceMgr\""};

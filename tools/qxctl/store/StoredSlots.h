@@ -15,7 +15,7 @@ class StoredSlots {
  public:
   explicit StoredSlots(const std::string& index_file);
 
-  // The first slot from `slot` on that is not in a hole, or `end` if all before it are.
+  // The first slot from `slot` on that is not in a hole of the file; `end` if all slots before `end` are in holes.
   [[nodiscard]] std::uint32_t NextFrom(std::uint32_t slot, std::uint32_t end);
 
  private:

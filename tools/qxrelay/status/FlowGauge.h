@@ -21,8 +21,9 @@ class FlowGauge {
   // Records a second over the last minute, or since the first count; unset until a second has passed. [owning thread]
   [[nodiscard]] std::optional<double> Rate(std::int64_t now) const;
 
-  // The age of record `next`, or a little more: the time since the last count that did not have it. If even the first
-  // count had it, the time since that count, which is its age or less. 0 if the record is not there. [owning thread]
+  // How long ago record `next` was appended, or a little more: the time since the last count without it. If even the
+  // first count includes it, the time since that count, which is less. 0 if the record is not appended yet. [owning
+  // thread]
   [[nodiscard]] std::int64_t LagMs(std::int64_t now, std::uint64_t next) const;
 
  private:
