@@ -85,6 +85,40 @@ TEST_F(RelayReportSender, AFullMessageDoesNotWait) {
   EXPECT_EQ(See(1020, 13, 1000), (Action{.kind = ActionKind::kRecords, .first = 10, .count = 3}));
 }
 
+TEST_F(RelayReportSender, RecordsMayHaveWaitedSinceTheLastLook) {
+  Follow();
+  (void)See(1000, 12, 1000);
+  sender_.Sent(1000, 2, 12, 1);
+  ASSERT_TRUE(sender_.Stored(1000, 2, 8));
+  EXPECT_EQ(See(1010, 12), WaitUntil(1030));
+  EXPECT_EQ(See(1090, 13), WaitUntil(1110)) << "100 ms after the last look without records";
+  EXPECT_EQ(See(1110, 14), (Action{.kind = ActionKind::kRecords, .first = 12, .count = 2}));
+}
+
+// The shortest interval is 20 ms, the longest the linger time of 100 ms. Half of a message is 500 bytes.
+TEST_F(RelayReportSender, AReportIsExaminedAsOftenAsItFillsMessagesOrItsRing) {
+  struct Row {
+    std::uint64_t bytes;
+    std::uint32_t slots;
+    std::int64_t interval;  // after the message
+  };
+  const Row rows[] = {{10, 0, 40},  {10, 0, 80},  {10, 0, 100},  {10, 0, 100}, {500, 0, 50},
+                      {500, 0, 25}, {500, 0, 20}, {10, 100, 40}, {10, 16, 20}, {10, 24, 40}};
+  Follow();
+  std::int64_t now = 2000;
+  std::uint64_t next = 10;
+  for (const Row& row : rows) {
+    next += 2;
+    (void)sender_.Examined(now, {.sendable = {1, next}, .bytes = row.bytes, .slots = row.slots});
+    now += 100;
+    const Action action = sender_.Examined(now, {.sendable = {1, next}, .bytes = row.bytes, .slots = row.slots});
+    ASSERT_EQ(action.kind, ActionKind::kRecords);
+    sender_.Sent(now, next, next, 1);
+    ASSERT_TRUE(sender_.Stored(now, next, next));
+    EXPECT_EQ(sender_.Examined(now, {.sendable = {1, next}}), WaitUntil(now + row.interval)) << next;
+  }
+}
+
 TEST_F(RelayReportSender, OneMessageIsInFlightAndTheNextComesAfterItsAcknowledgement) {
   Follow();
   (void)See(1000, 20, 5000);

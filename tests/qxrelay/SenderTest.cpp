@@ -539,6 +539,26 @@ TEST_F(RelaySender, ReportsThatWaitForALookUpAreNotAskedAgainAndAgain) {
   for (int i = 0; i < kReports; ++i) EXPECT_EQ(Received("r" + std::to_string(i)).records.size(), 1U) << i;
 }
 
+// The settings are a poll every 5 ms and a linger time of 10 ms; then a linger time of 200 ms.
+TEST_F(RelaySender, AReportWithFewRecordsIsOpenedOnceOrTwiceForEachMessage) {
+  for (const TimeMs linger : {10, 200}) {
+    Start();
+    context_->times.linger = linger;
+    Append(1);
+    Run(500);
+    const std::uint64_t opens = context_->counters.opens;
+    const std::uint64_t messages = context_->counters.messages;
+    for (int i = 0; i < 20; ++i) {
+      Append(1);
+      Run(100);
+    }
+    EXPECT_GE(context_->counters.messages - messages, linger == 10 ? 20U : 8U);
+    EXPECT_LE(context_->counters.opens - opens, 3 * 20U + 2);
+    Run(500);
+  }
+  ExpectAll();
+}
+
 // Random appends, faults and kills. What arrives is checked by record and by number.
 TEST_F(RelaySender, RandomFaultsAndKillsLoseRepeatAndReorderNothing) {
   std::mt19937_64 random(qx::test::Seed("RelaySender"));

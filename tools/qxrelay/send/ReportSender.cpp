@@ -74,20 +74,33 @@ Action ReportSender::Examined(TimeMs now, const Examination& found) {
 }
 
 Action ReportSender::ForRecords(TimeMs now, const Examination& found) {
-  if (!pending_since_.has_value()) pending_since_ = now;
+  if (!pending_since_.has_value()) pending_since_ = last_empty_.value_or(now);
   last_records_ = now;
   const TimeMs linger_end = *pending_since_ + times_.linger;
   const bool is_due = found.bytes >= times_.batch_bytes || now >= linger_end;
-  if (!is_due) return WaitFor(now, std::min(linger_end, now + times_.poll));
+  if (!is_due) return WaitFor(now, std::min(linger_end, now + std::max(interval_, times_.poll)));
+  if (adapted_at_ != now) AdaptInterval(found);
+  adapted_at_ = now;
   return {.kind = ActionKind::kRecords, .first = position_.next, .count = found.sendable.end - position_.next};
 }
 
 Action ReportSender::ForNoRecords(TimeMs now) {
   pending_since_.reset();
+  last_empty_ = now;
   const TimeMs heartbeat = last_sent_.has_value() ? *last_sent_ + times_.heartbeat : now;
   if (now >= heartbeat) return {.kind = ActionKind::kEmpty, .first = position_.next};
   const bool is_active = last_records_.has_value() && now < *last_records_ + kActiveMs;
-  return WaitFor(now, std::min(heartbeat, now + (is_active ? times_.poll : times_.poll_idle)));
+  return WaitFor(now, std::min(heartbeat, now + (is_active ? std::max(interval_, times_.poll) : times_.poll_idle)));
+}
+
+// What one message takes now shows how fast the report grows. Half a message, or an eighth of the ring, in that time is
+// a reason to look twice as often.
+void ReportSender::AdaptInterval(const Examination& found) {
+  const std::uint64_t records = found.sendable.end - position_.next;
+  const bool is_fast = found.bytes >= times_.batch_bytes / 2 || (found.slots != 0 && records >= found.slots / 8);
+  const TimeMs longest = std::max(times_.poll, std::min(times_.linger, times_.poll_idle));
+  const TimeMs wanted = is_fast ? interval_ / 2 : std::max(interval_, times_.poll) * 2;
+  interval_ = std::clamp(wanted, times_.poll, longest);
 }
 
 Action ReportSender::WaitFor(TimeMs now, TimeMs time) {
@@ -116,6 +129,7 @@ bool ReportSender::Stored(TimeMs now, std::uint64_t token, std::uint64_t sequenc
   last_sent_ = now;
   not_before_ = now;
   pending_since_.reset();
+  last_empty_ = now;
   failures_ = 0;
   return true;
 }

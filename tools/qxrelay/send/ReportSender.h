@@ -10,7 +10,10 @@
 //   - After a failed or unanswered publish it waits, looks up the newest message, and continues after that: the stream
 //     decides what it has, not the sender. The same after an acknowledgement whose sequence is not higher than the one
 //     before.
-//   - Records wait for others up to the linger time, or until a message is full.
+//   - Records wait for others up to the linger time, counted from the last examination that found none, or until a
+//     message is full.
+//   - A report with few records is examined once in the linger time, and one that fills messages or its ring more
+//   often.
 //   - Without records it sends an empty message at first, so that an earlier sender finds it, and then again and again,
 //     so that the newest message does not expire.
 //   - Once another sender was found, it stays stopped.
@@ -30,7 +33,7 @@ using TimeMs = std::int64_t;
 
 struct SenderTimes {
   TimeMs linger = 100;
-  TimeMs poll = 20;         // of a report with records within the last two seconds
+  TimeMs poll = 20;         // of a report with many records within the last two seconds
   TimeMs poll_idle = 250;   // of another one
   TimeMs timeout = 5000;    // for an acknowledgement or a look-up
   TimeMs heartbeat = 3600;  // between two messages of a report
@@ -63,6 +66,7 @@ struct Examination {
   Proof proof = Proof::kProven;  // of the position
   RecordRange sendable = {};
   std::uint64_t bytes = 0;  // of text from the position on, about
+  std::uint32_t slots = 0;  // of the ring; 0: not known
 };
 
 // Threads: one thread. Owns: nothing but its values.
@@ -120,6 +124,7 @@ class ReportSender {
   [[nodiscard]] Action WaitFor(TimeMs now, TimeMs time);
   [[nodiscard]] Action ForRecords(TimeMs now, const Examination& found);
   [[nodiscard]] Action ForNoRecords(TimeMs now);
+  void AdaptInterval(const Examination& found);
 
   SenderTimes times_;
   std::function<double()> random_;
@@ -132,7 +137,10 @@ class ReportSender {
   TimeMs deadline_ = 0;                  // of the request in flight
   std::optional<TimeMs> last_sent_;      // by this sender: its first message shows others that it is there
   std::optional<TimeMs> last_records_;   // when there were records to send
-  std::optional<TimeMs> pending_since_;  // when records were first seen that are not sent
+  std::optional<TimeMs> last_empty_;     // when the store had no record to send
+  std::optional<TimeMs> pending_since_;  // since when there may be records that are not sent
+  std::optional<TimeMs> adapted_at_;     // when the interval was changed
+  TimeMs interval_ = 0;                  // between two examinations while there are records; 0: the shortest one
   std::uint32_t failures_ = 0;           // in a row
 };
 

@@ -183,9 +183,14 @@ void ReportWork::Examine(TimeMs now) {
     return;
   }
   const bool is_as_seen = IsAsLastSeen(now);
-  const Examination found = is_as_seen ? seen_->found : Look();
+  Examination found = is_as_seen ? seen_->found : Look();
   if (!is_as_seen) RememberSeen(now, found);
-  const Action action = sender_.Examined(now, found);
+  Action action = sender_.Examined(now, found);
+  if (is_as_seen && action.kind == ActionKind::kRecords) {  // what was seen says when to send, and not what
+    found = Look();
+    RememberSeen(now, found);
+    action = sender_.Examined(now, found);
+  }
   if (found.error != 0) Trouble(TextOfStoreError(found.error));
   if (action.kind == ActionKind::kWait) wake_ = action.until;
   if (action.kind == ActionKind::kPlace) newest_ = sender_.Position();
@@ -196,29 +201,35 @@ void ReportWork::Examine(TimeMs now) {
   reader_.Close();
 }
 
-// A report without news is not opened at every poll: an index file with the same times and size as before was not
-// written. This needs a time that was old when it was read, because two writes within one tick of the file system's
-// clock get the same time. Times do not show whether it is still the same store, so it is opened every few seconds
-// anyway.
+// A report without news is not opened at every poll. Nothing relies on this for longer than some seconds:
+//   - A header that is the same counts the same records, and costs much less than an examination.
+//   - An index file with the same times and size as before was not written. This needs a time that was old when it was
+//     read, because two writes within one tick of the file system's clock get the same time. Times do not show whether
+//     it is still the same store.
 bool ReportWork::IsAsLastSeen(TimeMs now) {
-  struct stat status = {};
   if (!seen_.has_value() || now >= seen_->until) return false;
+  struct stat status = {};
   if (file::StatusOf(report::IndexFileName(path_).c_str(), status) != 0) return false;
-  return file::IsUnchanged(status, seen_->status);
+  if (seen_->status.has_value() && file::IsUnchanged(status, *seen_->status)) return true;
+  if (!IsHeaderAsSeen()) return false;
+  const std::int64_t written_ms = std::int64_t{status.st_mtim.tv_sec} * 1000;
+  if (context_.wall_ms() - written_ms >= kSettledMs) seen_->status = status;  // the header was read after this status
+  return true;
+}
+
+bool ReportWork::IsHeaderAsSeen() const {
+  const file::Descriptor index = file::OpenRegular(report::IndexFileName(path_).c_str(), O_RDONLY);
+  report::IndexHeader header;
+  if (!index.IsOpen() || file::ReadAt(index.Number(), 0, &header, sizeof header).bytes != sizeof header) return false;
+  return header == seen_->header;
 }
 
 void ReportWork::RememberSeen(TimeMs now, const Examination& found) {
   seen_.reset();
-  Seen seen = {.found = found, .status = {}, .until = now + kSeenMs};
-  const bool has_nothing =
-      found.error == 0 && found.proof == Proof::kProven && found.sendable.end == sender_.Position().next;
-  if (!has_nothing || file::StatusOf(report::IndexFileName(path_).c_str(), seen.status) != 0) return;
-  const std::int64_t written_ms = std::int64_t{seen.status.st_mtim.tv_sec} * 1000;
-  if (context_.wall_ms() - written_ms < kSettledMs) return;
-  // A write between the first examination and this status must not count as seen: compare with a second examination.
-  report::IndexHeader header = reader_.View().header;
-  const Examination again = Look();
-  if (again.error == 0 && reader_.View().header == header) seen_ = seen;
+  const std::uint64_t next = sender_.Position().next;
+  const bool has_gap = found.sendable.oldest > next || found.sendable.end < next;
+  if (found.error != 0 || found.proof != Proof::kProven || has_gap) return;
+  seen_ = {.found = found, .header = reader_.View().header, .status = std::nullopt, .until = now + kSeenMs};
 }
 
 Examination ReportWork::Look() {
@@ -235,6 +246,7 @@ Examination ReportWork::Look() {
   }
   range_ = *range;
   found.sendable = reader_.View().Sendable(range_);
+  found.slots = reader_.View().header.highestIndex != 0 ? reader_.View().header.maxRecord : 0;
   const std::uint64_t first = std::max(position.next, found.sendable.oldest);
   if (first < range_.end) found.bytes = reader_.BytesFrom(range_, first);
   return found;

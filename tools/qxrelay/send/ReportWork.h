@@ -62,11 +62,12 @@ class ReportWork {
     CountedBytes kept;
   };
 
-  // The index file as it was when the store had nothing to send.
+  // The index file as it was when the store had nothing to send, or records that wait for others.
   struct Seen {
     Examination found;
-    struct stat status = {};
-    TimeMs until = 0;  // then the store is opened whatever the file looks like
+    report::IndexHeader header;
+    std::optional<struct stat> status;  // if nothing was written for some time before
+    TimeMs until = 0;                   // then the store is opened whatever the file looks like
   };
 
   void Act(TimeMs now, const Action& action);
@@ -76,6 +77,7 @@ class ReportWork {
   void Examine(TimeMs now);
   [[nodiscard]] Examination Look();
   [[nodiscard]] bool IsAsLastSeen(TimeMs now);
+  [[nodiscard]] bool IsHeaderAsSeen() const;
   void RememberSeen(TimeMs now, const Examination& found);
   void SendRecords(TimeMs now);
   void SendGap(TimeMs now, std::uint64_t oldest);
