@@ -86,7 +86,7 @@ int CMarkup::DecodeCharUTF8(const char*& text, const char* end) {
 
 int CMarkup::DecodeCharUTF16(const char16_t*& text, const char16_t* end) {
   if (text == nullptr || text == end || (end == nullptr && *text == 0)) return -1;
-  // Without an end, the second unit may be read as well: the first one is not the NUL.
+  // If `end` is null, a NUL ends the text. The first unit is not the NUL, so the second one can be read, too.
   const std::size_t units = end != nullptr ? static_cast<std::size_t>(end - text) : 2;
   std::u16string_view rest(text, units);
   const int code = qx::markup::TakeUtf16(rest);

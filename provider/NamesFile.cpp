@@ -21,7 +21,8 @@ namespace {
 constexpr std::string_view kHeadSection = "Quaxel Report Instances";
 constexpr std::string_view kNamesSection = "Names";
 
-// What CIniFile would deliver: a list of names, each with its NUL, in a buffer of 64,512 bytes that it must not fill.
+// The longest list that CIniFile returns: names, each with its NUL, in a buffer of 64,512 bytes, which the list must
+// not fill.
 constexpr std::size_t kListBytesMax = 63 * 1024 - 3;
 // And the characters of a number.
 constexpr std::size_t kNumberCharactersMax = 31;

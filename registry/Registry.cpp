@@ -201,7 +201,7 @@ void RenameNewFile() {
   qx::registry::SyncDirectoryOf(path);
 }
 
-// An existing key whose pointer no load has set stays: other handles use it.
+// If no load has set the pointer of the hive, a key of its name that exists stays: other handles use it.
 void PutHiveEntry(const Hive& hive) {
   if (*hive.pointer == nullptr && NodeOfHive(hive.name) != nullptr) return;
   RegistryValue value;

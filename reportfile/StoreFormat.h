@@ -88,8 +88,8 @@ constexpr std::uint32_t SlotForNewRecord(const IndexHeader& header) {
   return header.highestIndex < header.maxRecord ? header.highestIndex : header.oldestIndex;
 }
 
-// Counts the record that SlotForNewRecord placed: one more slot in use, or the next oldest one. More records than one
-// must be a part (RecordsInPart).
+// Counts the record in the slot of SlotForNewRecord: one more slot is in use, or the oldest index advances. Several
+// records must be a part (RecordsInPart).
 constexpr void AdvanceRing(IndexHeader& header, std::uint32_t records = 1) {
   if (header.highestIndex < header.maxRecord) {
     header.highestIndex += records;

@@ -95,9 +95,9 @@ class Reader {
   [[nodiscard]] Iterator begin(std::uint32_t age);
   [[nodiscard]] Iterator end();
 
-  // The next record after the last one that Next returned, whatever the snapshot. Waits up to `timeout` for it. Without
-  // a value, none came in time, or an error is in LastError. A report that was started over or whose ring has
-  // overwritten records says so in the next record's `event`. [owning thread]
+  // The next record after the last one that Next returned, whatever the snapshot. Waits up to `timeout` for it. Unset
+  // if none came in time, or if LastError has an error. If the report was started over, or the ring has overwritten
+  // records, the `event` of the next record shows it. [owning thread]
   [[nodiscard]] std::optional<Record> Next(std::chrono::milliseconds timeout = std::chrono::milliseconds(0));
 
   // Where Next is: one line of at most 700 characters. After a restart Next continues there, also if the ring has

@@ -1,9 +1,9 @@
 // Reads the new records of a report, poll by poll, through an interface that numbers records from the oldest one kept.
 //
-// Each poll finds the end of the last one by the texts before it (RecordOverlap.h). It reads the new records together
-// with the overlap before them, and then the beginning of this range again. A ring replaces its oldest record first: if
-// the beginning is still there, everything after it was there during the read. Otherwise the poll starts over. Resuming
-// an interrupted fetch and following a report are the same thing at different intervals.
+// Each poll finds where the previous poll ended, by the texts before that place (RecordOverlap.h). It reads the new
+// records together with the overlap before them, and then the beginning of this range again. A ring replaces its oldest
+// record first: if the beginning is still there, everything after it was there during the read. Otherwise the poll
+// starts over. Resuming an interrupted fetch and following a report are the same thing at different intervals.
 //
 // It cannot notice that a writer has meanwhile written the whole overlap again, record for record, and that the old
 // overlap has left the ring.

@@ -162,8 +162,9 @@ class Examiner {
     if (uncounted_.records > 0) doubtful_end_ = std::max(doubtful_end_, uncounted_.end + kMarkerBytes);
   }
 
-  // After a restart there is no marker at the new beginning: a new record can only be recognised by its own marker, or,
-  // if that covers the old one, by the text before the oldest record.
+  // After a restart there is no marker at the write position. A new record is recognised by the marker after it. If
+  // that is exactly where the marker of the previous round was, the record shows only in the line end before the oldest
+  // record, which is overwritten.
   std::int64_t DoubtfulEndAfterRestart() {
     if (const auto end = EndOfNewRecordsAt(0)) return *end;
     if (scan_.header.highestIndex == 0) return 0;

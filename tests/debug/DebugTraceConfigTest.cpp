@@ -24,7 +24,8 @@ constexpr std::uint32_t kUnset = 0xFFFFFFFF;
 
 std::string AppIni(std::string_view lines) { return "[QxTrace]\n" + std::string(lines) + TraceSetup::kIniEnd; }
 
-// A path below which no file can be created, so that tests of directories leave no files.
+// The path of the log, from the message that it cannot be opened. The tests name directories in which no file can be
+// created, so they leave none.
 std::string LogPathShown(TraceSetup& setup) {
   const SyslogCapture syslog;
   EXPECT_TRUE(setup.Init());

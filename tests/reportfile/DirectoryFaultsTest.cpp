@@ -147,7 +147,7 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
     EXPECT_FALSE(EndsWriting(call));
   }
 
-  // A restore that is false either failed while it copied, or still has the backup.
+  // If a restore returns false, it failed while it copied, or the backup is still there.
   void ExpectNothingLost() const {
     const bool has_failed_to_copy = Log().find("CDirectory::CopyDir() - ## ERROR:") != std::string::npos;
     EXPECT_TRUE(has_failed_to_copy || ContentsOf(dir_.File("from")) == from_) << Log();

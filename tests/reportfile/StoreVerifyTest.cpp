@@ -499,7 +499,8 @@ TEST(StoreVerify, FindingsThatStayAreDamage) {
   EXPECT_EQ(verdict.scan.findings[0].rule, "header.file-end");
 }
 
-// One write advances the header's count between any two scans, unless the writing thread does not run meanwhile.
+// The writing thread changes the header between any two scans, unless it does not run in that time: then another try
+// follows.
 TEST(StoreVerifyThreads, FindingsInAStoreThatIsBeingWrittenAreNotDamage) {
   const StoreFiles files;
   IndexHeader header{.writePosition = 9, .fileEnd = 1, .elementCount = 3, .maxRecord = 3, .highestIndex = 3};

@@ -269,7 +269,8 @@ class Search {
     }
   }
 
-  // The values that are reached last need not be kept when nothing continues from them.
+  // Tries each operation on each model of the frontier. The new models are the next frontier; after the last step none
+  // is needed.
   void AdvanceFrontier(bool is_last) {
     std::vector<TransferModel> next;
     for (const TransferModel& from : frontier_) {

@@ -18,8 +18,8 @@ namespace {
 // More than any request needs; with a wrong file name, the memory does not fill up.
 constexpr std::size_t kInputBytesMax = std::size_t{64} << 20;
 
-// A FIFO without a writer looks like one at its end; the wait ends with the first writer. Regular files are ready at
-// once.
+// A FIFO without a writer reads as if it were at its end, so this waits for the first writer. Regular files are ready
+// at once.
 void WaitForWriter(int descriptor) {
   pollfd waited{descriptor, POLLIN, 0};
   (void)poll(&waited, 1, -1);  // the read that follows decides, whatever the result

@@ -33,7 +33,7 @@ class Values {
   Value& Add(const Parameter& parameter);
   const std::deque<Value>& All() const { return values_; }
 
-  // Whether the command has the parameter: for what several commands share in part.
+  // Whether the command has the parameter: for functions of several commands that do not all have it.
   bool Knows(std::string_view name) const;
   bool Has(std::string_view name) const;
   bool Flag(std::string_view name) const;

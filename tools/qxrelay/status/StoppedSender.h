@@ -16,8 +16,8 @@
 
 namespace qx::relay {
 
-// The newest message of each report that has one, by the report's name. Asks for a few at a time, and for `time_ms` in
-// all. [any thread]
+// The newest message of each report that has one, by the report's name. Requests a few at a time, and stops after
+// `time_ms`. [any thread]
 [[nodiscard]] std::map<std::string, MessageHead> NewestMessages(PublishStream& stream, const std::string& prefix,
                                                                 const std::string& host,
                                                                 const std::vector<std::string>& reports,
