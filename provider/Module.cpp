@@ -3,7 +3,8 @@
 //   load    1. Debug is constructed, before every object of any other source: they may trace.
 //           2. Debug is initialised; with tracing on the log gets its header.
 //           3. The module object is created.
-//           4. The trace facility learns that initialisation is over: its log wraps to this place.
+//           4. The trace facility learns that initialisation is over: later wraps of its log keep what is before this
+//           place.
 //   unload  5. ThisProvider deletes the module object.
 //           6. Debug is destroyed, after every object of any other source.
 //

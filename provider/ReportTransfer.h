@@ -5,9 +5,9 @@
 // oldest first and less than 1 MiB in all, and with the start index of the next call. docs/documents.md shows the
 // documents.
 //
-// Records are taken in runs (qx::report::RecordReader::Take) and read straight into the reply document. When the trace
-// shows every record, or while the ring has still to be checked, they are read one at a time; when it shows the reply
-// without its records, these are gathered separately first. All ways make the same reply.
+// Records are taken in runs (qx::report::RecordReader::Take) and read straight into the reply document. If the trace
+// shows every record, or while the ring has still to be checked, they are read one at a time. If the trace shows the
+// reply without its records, they are first gathered in a separate text. All ways make the same reply.
 //
 // Not here: who may read (CheckRequest), and what the caller does with a document with two roots.
 #pragma once

@@ -52,7 +52,7 @@ struct LogMarks {
   Boundary lines;                   // the first boundary with lines without a header
   Boundary drop_with_lines;         // the first boundary with both
   Boundary crossing;                // before the entry that made the writer wrap
-  std::uint64_t crossing_end = 0;   // after that entry's line above the limit; 0: it was overwritten
+  std::uint64_t crossing_end = 0;   // the end of the first line above the limit; 0: it was overwritten
   std::uint64_t last_line_end = 0;  // after the first line of the last entry
   std::optional<std::int64_t> wrap_stamp_ms;
   std::optional<std::int64_t> last_stamp_ms;  // the last one that is known

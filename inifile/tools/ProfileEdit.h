@@ -1,6 +1,6 @@
-// Careful edits of profile files, for tools. The class edits the entries that its writer finds, removes comments above
-// them, and can store values that no reader returns. Here an edit finds what readers find, changes only that line, and
-// is checked by reading everything back. The module does not link it.
+// Careful edits of profile files, for tools. CIniFile edits the entries that its writer finds, removes comments above
+// them, and can store values that no reader returns. An edit of this header finds what readers find, changes only that
+// line, and is checked by reading everything back. The module does not link it.
 #pragma once
 
 #include <cstddef>

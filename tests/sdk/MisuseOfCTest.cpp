@@ -49,7 +49,7 @@ struct MistakeInC {
   std::uint64_t record = 0;
 };
 
-// What an open that fails leaves is null.
+// A failed open must set the pointer to null, so it has another value before.
 qxreport_writer* Unset() { return reinterpret_cast<qxreport_writer*>(1); }
 
 int OpenWriter(const char* path, std::uint32_t ring_size, qxreport_error* error) {

@@ -23,7 +23,7 @@ struct AllocationFault {
   std::size_t bytes_min = 0;            // smaller allocations do not count
   std::size_t bytes_max = SIZE_MAX;     // larger ones neither
   bool lasts = false;                   // all later ones fail as well
-  bool in_all_threads = false;          // otherwise only those of the thread that gives the instruction count
+  bool in_all_threads = false;          // otherwise only those of the thread that makes the FailingAllocation
   std::atomic<bool>* failed = nullptr;  // set when one fails; may be in memory that another process sees
 };
 

@@ -20,7 +20,7 @@ struct ChartLine {
   std::vector<ChartPoint> points;  // in the order of x
 };
 
-inline constexpr std::size_t kChartLinesMax = 6;  // that a reader can distinguish
+inline constexpr std::size_t kChartLinesMax = 6;  // as many lines as a reader can distinguish
 
 struct ChartData {
   std::string title;

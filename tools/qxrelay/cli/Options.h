@@ -1,4 +1,4 @@
-// The options that commands of qxrelay share, and the settings that they lead to.
+// The options that commands of qxrelay share, and the settings that result from them.
 #pragma once
 
 #include <string>

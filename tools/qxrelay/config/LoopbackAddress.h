@@ -1,4 +1,5 @@
-// An address of this machine's loopback network with a port, on which a service may listen: nobody else reaches it.
+// An address of this machine's loopback network with a port, on which a service may listen: no other machine reaches
+// it.
 #pragma once
 
 #include <sys/socket.h>

@@ -1,6 +1,6 @@
 // The flow of the reports of a host: what was sent, compared with what their rings have now.
 //
-// The rings are read here, not by the sender, because a sender without a connection does not look at them, and a sender
+// The rings are read here, not by the sender, because a sender without a connection does not read them, and a sender
 // that is not running cannot.
 #pragma once
 

@@ -13,7 +13,7 @@ namespace {
 
 constexpr int64_t kConnectMs = 2000;
 constexpr int64_t kWriteMs = 2000;
-constexpr int64_t kPingMs = 5000;  // an unanswered ping closes the connection at the second one after it
+constexpr int64_t kPingMs = 5000;  // the connection is closed when a ping is due and two have no answer
 constexpr int kPingsUnanswered = 2;
 constexpr std::size_t kPasswordBytesMax = 4096;
 

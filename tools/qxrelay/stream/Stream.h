@@ -1,4 +1,5 @@
-// What the relay needs of a stream, as interfaces: NatsStream.h has the real ones, and tests have others.
+// What the relay needs of a stream, as interfaces. NatsPublish.h and NatsConsume.h implement them for NATS; tests have
+// their own implementations.
 //
 // A stream stores messages by subject, in one order, and numbers them: its sequence. Nothing here decides anything;
 // what to do with a reply is decided by send/ and receive/.
