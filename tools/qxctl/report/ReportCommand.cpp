@@ -25,6 +25,7 @@
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/fetch/RecordPrint.h"
+#include "tools/qxctl/report/RecordRun.h"
 #include "tools/qxctl/slice/SliceOptions.h"
 #include "tools/qxctl/store/ReportArguments.h"
 #include "tools/qxctl/store/ReportDamage.h"
@@ -198,22 +199,20 @@ Status CatRecords(Output& output, const std::string& path, const Slice& slice, R
     return printer.ReplacesRecords() ? Status() : output.Data(text);
   });
   std::uint32_t left_out = 0;
-  std::string record;
+  RecordRun run(store, path, [&](const std::string& record) { return records.Add(record); });
   const std::uint32_t first = printer.DrawsChart() ? 0 : FirstInSlice(slice, slots);  // stamps count for what follows
   for (std::uint32_t i = 0; i < first; ++i) (void)printer.Number();
-  for (std::uint32_t i = first; i < slots; ++i) {
+  for (std::uint32_t i = first; i < slots;) {
     const std::uint32_t slot = report::SlotOfLogical(header, i);
     const std::uint64_t rest_end = std::min<std::uint64_t>(std::uint64_t{slot} + (slots - i), header.highestIndex);
     const std::uint64_t run_end = std::max<std::uint64_t>(rest_end, std::uint64_t{slot} + 1);
     const std::uint32_t in_hole = stored.NextFrom(slot, static_cast<std::uint32_t>(run_end)) - slot;
     left_out += in_hole;
-    if (in_hole > 0) {
-      i += in_hole - 1;
-      continue;
-    }
-    const int error = store.readLine(record, slot) ? 0 : errno;
-    if (error != 0) return Status::Io("cannot read a record of " + path, error);
-    if (Status status = records.Add(record); !status.IsOk()) return status;
+    i += in_hole;
+    if (in_hole > 0) continue;
+    const std::uint32_t stored_end = stored.EndFrom(slot, static_cast<std::uint32_t>(run_end));
+    const std::uint32_t ring_end = header.maxRecord != 0 ? std::min(stored_end, header.maxRecord) : stored_end;
+    if (Status status = run.Pass(slot, ring_end - slot, i); !status.IsOk()) return status;
   }
   if (Status status = records.Finish(); !status.IsOk()) return status;
   if (left_out > 0) {

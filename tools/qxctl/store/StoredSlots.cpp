@@ -34,4 +34,9 @@ std::uint32_t StoredSlots::NextFrom(std::uint32_t slot, std::uint32_t end) {
   return static_cast<std::uint32_t>(std::min<std::int64_t>(slot + slots_in_hole, end));
 }
 
+std::uint32_t StoredSlots::EndFrom(std::uint32_t slot, std::uint32_t end) const {
+  const std::int64_t stored = (data_end_ - report::SlotOffset(slot)) / kSlotBytes;  // a slot may end in a hole
+  return static_cast<std::uint32_t>(std::clamp<std::int64_t>(slot + stored, std::int64_t{slot} + 1, end));
+}
+
 }  // namespace qx::ctl

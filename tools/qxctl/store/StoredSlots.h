@@ -17,6 +17,8 @@ class StoredSlots {
 
   // The first slot from `slot` on that is not in a hole of the file; `end` if all slots before `end` are in holes.
   [[nodiscard]] std::uint32_t NextFrom(std::uint32_t slot, std::uint32_t end);
+  // `slot` is what NextFrom returned. The first slot after it that may be in a hole, or `end`.
+  [[nodiscard]] std::uint32_t EndFrom(std::uint32_t slot, std::uint32_t end) const;
 
  private:
   file::Descriptor file_;
