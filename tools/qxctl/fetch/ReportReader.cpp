@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "reportfile/RecordEnds.h"
 #include "tools/qxctl/store/MissingReport.h"
 
 namespace qx::ctl {
@@ -52,7 +53,7 @@ Status ReportReader::AskOnce(std::int32_t start_index, std::optional<std::int32_
 // Each counted record of the reply ends at most one line: there cannot be more line ends than records.
 Status ReportReader::Check(std::int32_t start_index, const ReportReply& reply) const {
   const std::int64_t records = std::int64_t{reply.next_index} - reply.start_index;
-  const auto line_ends = std::count_if(reply.records.begin(), reply.records.end(), EndsRecord);
+  const auto line_ends = static_cast<std::int64_t>(report::CountTextEnds(reply.records));  // a reply has no NUL
   const bool is_consistent = reply.start_index == start_index && records > 0 && line_ends <= records;
   if (is_consistent) return {};
   return {ExitCode::kChanged, "the reply to index " + std::to_string(start_index) + " says records " +
