@@ -15,7 +15,7 @@
 
 namespace qx::load {
 
-// Milliseconds of a clock that nobody sets, and nanoseconds since 1970.
+// Milliseconds of the monotonic clock, and nanoseconds since 1970.
 [[nodiscard]] std::int64_t SteadyMs();
 [[nodiscard]] std::int64_t WallNs();
 

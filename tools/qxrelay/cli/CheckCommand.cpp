@@ -1,4 +1,4 @@
-// Checks the settings: what they name is there, and the servers accept what a sender or a collector does.
+// Checks the settings: whether what they name exists, and whether the servers accept what a sender or a collector does.
 #include "tools/qxrelay/cli/CheckCommand.h"
 
 #include <sys/stat.h>

@@ -35,7 +35,7 @@ class ServiceSignals {
 // Waits until one of the descriptors (-1: none) is readable, at most so many milliseconds. [any thread]
 void WaitForEither(int first, int second, std::int64_t time_ms);
 
-// Milliseconds of a clock that nobody sets, and of the one that people set. [any thread]
+// Milliseconds of the monotonic clock, and of the wall clock since 1970. [any thread]
 [[nodiscard]] std::int64_t SteadyMs();
 [[nodiscard]] std::int64_t WallMs();
 

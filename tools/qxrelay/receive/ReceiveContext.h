@@ -14,7 +14,7 @@
 
 namespace qx::relay {
 
-// Milliseconds of a clock that nobody sets.
+// Milliseconds of the monotonic clock.
 using TimeMs = std::int64_t;
 
 // A message with nothing left to do, once everything that was written is on the disk.

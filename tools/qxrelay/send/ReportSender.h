@@ -28,7 +28,7 @@
 
 namespace qx::relay {
 
-// Milliseconds of a clock that nobody sets.
+// Milliseconds of the monotonic clock.
 using TimeMs = std::int64_t;
 
 struct SenderTimes {

@@ -7,8 +7,8 @@
 
 namespace qx::relay {
 
-// Threads: one thread. Owns: at most kSamplesMax samples of 24 bytes. Times are milliseconds of a clock that nobody
-// sets, and only rise. Throws std::bad_alloc.
+// Threads: one thread. Owns: at most kSamplesMax samples of 24 bytes. Times are milliseconds of the monotonic clock.
+// Throws std::bad_alloc.
 class FlowGauge {
  public:
   static constexpr std::int64_t kWindowMs = 60'000;

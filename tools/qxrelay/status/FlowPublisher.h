@@ -15,15 +15,15 @@ class FlowPublisher {
  public:
   static constexpr std::int64_t kPeriodMs = 1000;
   static constexpr std::int64_t kPeriodMaxMs = 10'000;
-  // A flow of a file that is older belongs to a service that has ended.
+  // If the flow in a file is older than this, its service has ended.
   static constexpr std::int64_t kFreshMs = 3 * kPeriodMaxMs;
 
   // `file`: where the flow is kept. `take` makes it, `show` gets it.
   FlowPublisher(std::string file, std::function<ServiceFlow()> take, std::function<void(const ServiceFlow&)> show,
                 std::function<void(const std::string&)> log);
 
-  // Publishes if it is time to: once a second, or less often, so that it never takes more than a fiftieth of the time.
-  // [owning thread]
+  // Publishes if that is due: once a second, or less often, so that it takes at most a fiftieth of the time. [owning
+  // thread]
   void Step(std::int64_t now);
   // When Step is to be called again. [owning thread]
   [[nodiscard]] std::int64_t Wake() const { return due_; }

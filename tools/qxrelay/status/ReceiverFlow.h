@@ -19,7 +19,7 @@ namespace qx::relay {
 // Threads: one thread. Owns: some counts for each report. Throws std::bad_alloc.
 class ReceiverFlow {
  public:
-  // `now` is of a clock that nobody sets, `wall_ms` since 1970. [owning thread]
+  // `now` is of the monotonic clock, `wall_ms` since 1970. [owning thread]
   [[nodiscard]] std::vector<ReportFlow> Take(const std::vector<CollectedReport>& reports, std::int64_t now,
                                              std::int64_t wall_ms);
 

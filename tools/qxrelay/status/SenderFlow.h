@@ -27,7 +27,7 @@ class SenderFlow {
   // `directory` is that of the reports.
   SenderFlow(std::string host, std::string directory);
 
-  // Looks at the rings. `now` is of a clock that nobody sets, `wall_ms` since 1970. [owning thread]
+  // Reads the rings. `now` is of the monotonic clock, `wall_ms` since 1970. [owning thread]
   [[nodiscard]] std::vector<ReportFlow> Take(const std::vector<SentReport>& sent, std::int64_t now,
                                              std::int64_t wall_ms);
 

@@ -33,7 +33,7 @@ struct StoppedSender {
 
   // The names of the reports, of all sources. [any thread]
   [[nodiscard]] std::vector<std::string> Reports() const;
-  // `now` is of a clock that nobody sets, `wall_ms` since 1970. [any thread]
+  // `now` is of the monotonic clock, `wall_ms` since 1970. [any thread]
   [[nodiscard]] ServiceFlow Flow(std::int64_t now, std::int64_t wall_ms) const;
 };
 

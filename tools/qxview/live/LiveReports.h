@@ -1,4 +1,4 @@
-// Follows the reports that pages show: one follower for each report, however many pages look at it.
+// Follows the reports that pages show: one follower for each report, however many pages show it.
 //
 // A report is checked every kPoll. Its new records are read once and turned into one document for each filter.
 #pragma once

@@ -1,4 +1,4 @@
-// The indexes of the reports that somebody looks at, within a limit of memory.
+// The indexes of the reports that pages show, within a limit of memory.
 #pragma once
 
 #include <chrono>

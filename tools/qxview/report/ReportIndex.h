@@ -1,5 +1,5 @@
-// What is kept of a report while somebody looks at it: the range of times of each block of records, and the reduced
-// values of fields.
+// What is kept of a report while pages show it: the range of times of each block of records, and the reduced values of
+// fields.
 //
 // The first time all records are read, later only those that are new. A range of time for which the reduced values are
 // too coarse is read from the file, but only the blocks of records that can have such times.
