@@ -72,21 +72,27 @@ TEST_F(RelayConfigFile, EachKeyIsRead) {
 
 TEST_F(RelayConfigFile, WhatIsWrongIsNamedAndTheDefaultStays) {
   EXPECT_EQ(
-      Read("[send]\nlingr=5 s\nlinger=5\nbatch_bytes=2 "
+      Read("[send]\nlingr=5 s\nlinger=5\npoll=11 s\nbatch_bytes=2 "
            "MiB\nbatch_bytes=1\n[sent]\nx=1\n[stream]\nname=a.b\nprefix=a..b\n"
            "replicas=9\nservers= ,\n[host]\nname=../x\n[labels]\na.b=1\n[metrics]\nlisten=0.0.0.0:9464\n"),
       (ConfigFindings{
           "section [send], key \"lingr\": there is no such key",
           "section [send], key \"linger\": \"5\" is not a time such as \"100 ms\", \"5 s\" or \"7 d\"",
+          "section [send], key \"poll\": \"11 s\" is not from 1 ms to 10 s",
           "section [send], key \"batch_bytes\": \"2 MiB\" is not from 1 to 1048576",
           "section [send], key \"batch_bytes\": the key occurs twice",
           "section [sent]: there is no such section",
-          "section [stream], key \"name\": \"a.b\" is not a valid name here",
-          "section [stream], key \"prefix\": \"a..b\" is not a valid name here",
+          "section [stream], key \"name\": \"a.b\" is not a name: use 1 to 64 letters, digits, \"-\" and \"_\", "
+          "beginning with a letter or a digit",
+          "section [stream], key \"prefix\": \"a..b\" is not a prefix: use words of letters, digits, \"-\" and \"_\", "
+          "with \".\" between them",
           "section [stream], key \"replicas\": \"9\" is not from 1 to 5",
-          "section [stream], key \"servers\": \",\" is an empty list",
-          "section [host], key \"name\": \"../x\" is not a valid name here",
-          "section [labels], key \"a.b\": a label is a word, and its value a short text",
+          "section [stream], key \"servers\": \",\" is an empty list: use one value, or several with commas between "
+          "them",
+          "section [host], key \"name\": \"../x\" is not a host's name: use 1 to 64 letters, digits, \"-\", \"_\" and "
+          "\".\", beginning with a letter or a digit",
+          "section [labels], key \"a.b\": \"1\" is not a label: its key is 1 to 64 letters, digits, \"-\" and \"_\", "
+          "and its value at most 256 bytes without control characters",
           "section [metrics], key \"listen\": \"0.0.0.0:9464\" is not a loopback address such as \"127.0.0.1:9464\"",
       }));
   EXPECT_EQ(config_.send.linger, milliseconds(100));

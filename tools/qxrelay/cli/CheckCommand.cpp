@@ -82,7 +82,7 @@ void CheckFiles(const StreamSettings& stream, Findings& findings) {
 
 void CheckHost(const RelayConfig& config, Findings& findings) {
   if (HostNameOf(config).empty()) {
-    findings.emplace_back("the machine's name cannot be a host's name: set name in [host]");
+    findings.push_back(TextOfMachineName(kHostNameAllowed, "host"));
   }
   CheckDirectory("reports", ReportsOf(config), R_OK | X_OK, findings);
   CheckOwnDirectory("state", config.send.state, findings);
@@ -90,7 +90,7 @@ void CheckHost(const RelayConfig& config, Findings& findings) {
 
 void CheckCollector(const RelayConfig& config, Findings& findings) {
   if (!IsStreamName(CollectorName(config))) {
-    findings.emplace_back("the machine's name cannot be a collector's name: set name in [receive]");
+    findings.push_back(TextOfMachineName(kCollectorNameAllowed, "receive"));
   }
   CheckOwnDirectory("root", config.receive.root, findings);
 }

@@ -100,7 +100,7 @@ Status ChangeUsers(const std::string& path, Change change) {
 
 Status CheckName(const std::string& name) {
   if (IsHostName(name)) return {};
-  return {ExitCode::kUsage, "\"" + name + "\" is not a name: use up to 64 letters, digits, \"-\", \"_\" and \".\""};
+  return {ExitCode::kUsage, "\"" + name + "\" " + std::string(kHostNameAllowed)};
 }
 
 Status RandomPassword(std::string& password) {
@@ -145,7 +145,9 @@ Status Add(ctl::Context& context, const ctl::Values& values) {
   const Role role = RoleOfText(values.Text("--role", "host")).value_or(Role::kHost);
   if (Status status = CheckName(name); !status.IsOk()) return status;
   const bool is_stream_word = role != Role::kCollector || IsStreamName(name);
-  if (!is_stream_word) return {ExitCode::kUsage, "the name of a collector cannot contain \".\""};
+  if (!is_stream_word) {
+    return {ExitCode::kUsage, "\"" + name + "\" " + std::string(kCollectorNameAllowed)};
+  }
   return ChangeUsers(values.Text("--users", kUsersFile), [&](UsersFile& users) -> Status {
     if (users.Has(name)) return {ExitCode::kRefused, "there is a user " + name + " already"};
     std::string password;
@@ -190,7 +192,9 @@ Status Retire(ctl::Context& context, const ctl::Values& values) {
     return {};
   });
   if (!status.IsOk() || !values.Flag("--purge")) return status;
-  if (const auto problem = PurgeHost(config.stream, name)) return {ExitCode::kIo, *problem};
+  if (const auto problem = PurgeHost(config.stream, name)) {
+    return {ExitCode::kIo, "the rights of \"" + name + "\" are gone, but not its messages: " + *problem};
+  }
   return {};
 }
 

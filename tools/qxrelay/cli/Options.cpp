@@ -24,6 +24,11 @@ constexpr ctl::Parameter kOptions[] = {
     {.name = "--verbose", .help = "Say more about what is done", .excludes = {"--quiet"}},
 };
 
+std::string MachineName() {
+  char name[HOST_NAME_MAX + 1] = {};
+  return gethostname(name, sizeof name - 1) == 0 ? name : "";
+}
+
 }  // namespace
 
 constinit const ctl::Command kQxrelay = {.words = "",
@@ -49,9 +54,13 @@ Status LoadConfig(ctl::Context& context, const ctl::Values& values, RelayConfig&
 
 std::string HostNameOf(const RelayConfig& config) {
   if (!config.host.name.empty()) return config.host.name;
-  char name[HOST_NAME_MAX + 1] = {};
-  if (gethostname(name, sizeof name - 1) != 0) return {};
+  const std::string name = MachineName();
   return IsHostName(name) ? name : "";
+}
+
+std::string TextOfMachineName(std::string_view allowed, std::string_view section) {
+  return "the machine's name \"" + MachineName() + "\" " + std::string(allowed) + "; set name in section [" +
+         std::string(section) + "]";
 }
 
 std::string ReportsOf(const RelayConfig& config) {

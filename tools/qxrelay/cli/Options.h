@@ -28,6 +28,10 @@ inline constexpr ctl::Parameter kConfigOptions[] = {
 // The host's name in the stream: that of the settings, or the machine's own. Empty if neither is a name (IsHostName).
 [[nodiscard]] std::string HostNameOf(const RelayConfig& config);
 
+// What is wrong if the name of a host or a collector is the machine's, and no name in the stream: `allowed` is what it
+// may be, and `section` where another one can be set.
+[[nodiscard]] std::string TextOfMachineName(std::string_view allowed, std::string_view section);
+
 // The directory of the reports that are sent.
 [[nodiscard]] std::string ReportsOf(const RelayConfig& config);
 

@@ -161,7 +161,10 @@ Status LoadSettings(Context& context, const Values& values, RelayConfig& config)
   config.receive.root = values.Text("--root", config.receive.root);
   config.receive.slots = static_cast<std::uint32_t>(values.Integer("--slots", config.receive.slots));
   if (IsStreamName(CollectorName(config))) return {};
-  return {ExitCode::kFinding, "this machine's name cannot be a collector's name: set name in section [receive]"};
+  if (!config.receive.name.empty()) {
+    return {ExitCode::kUsage, "--name: \"" + config.receive.name + "\" " + std::string(kCollectorNameAllowed)};
+  }
+  return {ExitCode::kFinding, TextOfMachineName(kCollectorNameAllowed, "receive")};
 }
 
 // Settings with findings do not replace the ones in force. The root stays: its lock is held.

@@ -156,7 +156,7 @@ class Service {
 
 Status CheckSettings(const RelayConfig& config) {
   if (!HostNameOf(config).empty()) return {};
-  return {ExitCode::kFinding, "the machine's name cannot be a host's name in the stream: set name in section [host]"};
+  return {ExitCode::kFinding, TextOfMachineName(kHostNameAllowed, "host")};
 }
 
 // Settings with findings do not replace the ones in force.

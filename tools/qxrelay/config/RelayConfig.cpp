@@ -69,6 +69,16 @@ std::optional<std::uint64_t> Measure(std::string_view text, std::span<const Unit
   return number * found->factor;
 }
 
+// 5000 => "5 s", 100 => "100 ms"
+std::string TimeText(std::chrono::milliseconds time) {
+  const auto ms = static_cast<std::uint64_t>(time.count());
+  const UnitText* unit = std::begin(kTimes);
+  for (const UnitText& one : kTimes) {
+    if (ms != 0 && ms % one.factor == 0) unit = &one;
+  }
+  return std::to_string(ms / unit->factor) + " " + std::string(unit->name);
+}
+
 // What a setter needs to know of its value: the member, and the limits, both of them valid.
 template <typename Duration>
 SetValue Time(std::function<Duration&(RelayConfig&)> member, Duration min, Duration max) {
@@ -76,7 +86,7 @@ SetValue Time(std::function<Duration&(RelayConfig&)> member, Duration min, Durat
     const std::optional<std::uint64_t> value = Measure(text, kTimes);
     if (!value.has_value()) return "is not a time such as \"100 ms\", \"5 s\" or \"7 d\"";
     const auto time = std::chrono::duration_cast<Duration>(std::chrono::milliseconds(*value));
-    if (time < min || time > max) return "is not a time within its limits";
+    if (time < min || time > max) return "is not from " + TimeText(min) + " to " + TimeText(max);
     member(config) = time;
     return {};
   };
@@ -93,9 +103,22 @@ SetValue Size(std::function<Integer&(RelayConfig&)> member, std::uint64_t min, s
   };
 }
 
-SetValue Text(const std::function<std::string&(RelayConfig&)>& member, bool (*check)(std::string_view) = nullptr) {
+// What a name may be, and how the operator reads that.
+struct NameRule {
+  bool (*is_name)(std::string_view) = nullptr;
+  std::string_view allowed;
+};
+
+constexpr NameRule kAnyText;
+constexpr NameRule kWord = {
+    IsStreamName, R"(is not a name: use 1 to 64 letters, digits, "-" and "_", beginning with a letter or a digit)"};
+constexpr NameRule kHostName = {IsHostName, kHostNameAllowed};
+constexpr NameRule kPrefix = {IsPrefix,
+                              R"(is not a prefix: use words of letters, digits, "-" and "_", with "." between them)"};
+
+SetValue Text(const std::function<std::string&(RelayConfig&)>& member, NameRule rule = kAnyText) {
   return [=](RelayConfig& config, const std::string& text) -> std::string {
-    if (check != nullptr && !check(text)) return "is not a valid name here";
+    if (rule.is_name != nullptr && !rule.is_name(text)) return std::string(rule.allowed);
     member(config) = text;
     return {};
   };
@@ -104,7 +127,7 @@ SetValue Text(const std::function<std::string&(RelayConfig&)>& member, bool (*ch
 SetValue List(const std::function<std::vector<std::string>&(RelayConfig&)>& member) {
   return [=](RelayConfig& config, const std::string& text) -> std::string {
     std::vector<std::string> parts = ListOf(text);
-    if (parts.empty()) return "is an empty list";
+    if (parts.empty()) return "is an empty list: use one value, or several with commas between them";
     member(config) = std::move(parts);
     return {};
   };
@@ -126,13 +149,13 @@ std::vector<KeyRow> StreamRows() {
       {"stream", "servers", List([](RelayConfig & c) -> auto& { return c.stream.servers; })},
       {"stream", "name",
        Text(
-           [](RelayConfig & c) -> auto& { return c.stream.name; }, IsStreamName)},
+           [](RelayConfig & c) -> auto& { return c.stream.name; }, kWord)},
       {"stream", "prefix",
        Text(
-           [](RelayConfig & c) -> auto& { return c.stream.prefix; }, IsPrefix)},
+           [](RelayConfig & c) -> auto& { return c.stream.prefix; }, kPrefix)},
       {"stream", "domain",
        Text(
-           [](RelayConfig & c) -> auto& { return c.stream.domain; }, IsStreamName)},
+           [](RelayConfig & c) -> auto& { return c.stream.domain; }, kWord)},
       {"stream", "user", Text([](RelayConfig & c) -> auto& { return c.stream.user; })},
       {"stream", "password_file", Text([](RelayConfig & c) -> auto& { return c.stream.password_file; })},
       {"stream", "credentials_file", Text([](RelayConfig & c) -> auto& { return c.stream.credentials_file; })},
@@ -155,7 +178,7 @@ std::vector<KeyRow> ServiceRows() {
   return {
       {"host", "name",
        Text(
-           [](RelayConfig & c) -> auto& { return c.host.name; }, IsHostName)},
+           [](RelayConfig & c) -> auto& { return c.host.name; }, kHostName)},
       {"send", "reports", Text([](RelayConfig & c) -> auto& { return c.send.reports; })},
       {"send", "state", Text([](RelayConfig & c) -> auto& { return c.send.state; })},
       {"send", "include", List([](RelayConfig & c) -> auto& { return c.send.include; })},
@@ -186,7 +209,7 @@ std::vector<KeyRow> ServiceRows() {
            [](RelayConfig & c) -> auto& { return c.send.reports_max; }, 1, kReportsMax)},
       {"receive", "name",
        Text(
-           [](RelayConfig & c) -> auto& { return c.receive.name; }, IsStreamName)},
+           [](RelayConfig & c) -> auto& { return c.receive.name; }, kWord)},
       {"receive", "root", Text([](RelayConfig & c) -> auto& { return c.receive.root; })},
       {"receive", "slots",
        Size<std::uint32_t>(
@@ -245,7 +268,10 @@ bool IsLabelValue(std::string_view value) {
 void ReadLabel(CIniFile& file, const std::string& key, RelayConfig& config, ConfigFindings& findings) {
   const std::string value = ValueOf(file, std::string(kLabels), key);
   if (!IsLabelName(key) || !IsLabelValue(value)) {
-    findings.push_back(Place(kLabels, key) + "a label is a word, and its value a short text");
+    findings.push_back(
+        Place(kLabels, key) + "\"" + value +
+        "\" is not a label: its key is 1 to 64 letters, digits, \"-\" and \"_\", and its value at most " +
+        std::to_string(kLabelBytesMax) + " bytes without control characters");
     return;
   }
   config.host.labels.push_back(key + "=" + value);

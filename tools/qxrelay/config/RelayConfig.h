@@ -93,6 +93,14 @@ using ConfigFindings = std::vector<std::string>;
 //   hub        => $JS.hub.API
 [[nodiscard]] std::string ApiPrefix(const StreamSettings& stream);
 
+// Of a name that IsHostName refuses, after the quoted name.
+inline constexpr std::string_view kHostNameAllowed =
+    R"(is not a host's name: use 1 to 64 letters, digits, "-", "_" and ".", beginning with a letter or a digit)";
+
+// The same for a collector, whose name is one token of a subject.
+inline constexpr std::string_view kCollectorNameAllowed =
+    R"(is not a collector's name: use 1 to 64 letters, digits, "-" and "_", beginning with a letter or a digit)";
+
 // "QX" => true, "a.b" => false: a stream's name is one token of a subject. [any thread]
 [[nodiscard]] bool IsStreamName(std::string_view name);
 
