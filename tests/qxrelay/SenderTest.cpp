@@ -559,6 +559,30 @@ TEST_F(RelaySender, AReportWithFewRecordsIsOpenedOnceOrTwiceForEachMessage) {
   ExpectAll();
 }
 
+TEST_F(RelaySender, AfterATakeOverADamagedReportDoesNotStopTheOthers) {
+  Append(3, "bad");
+  written_.clear();
+  Append(3);
+  Start();
+  Run(200);
+  const std::string header = qx::test::ReadFile(Path("bad.ind"));
+  qx::test::WriteFile(Path("bad.ind"), std::string(header.size(), '\xEE'));
+  Start(true, "state2");
+  Run(500);
+  Append(2);
+  Start(false, "state2");
+  Run(500);
+  EXPECT_EQ(sender_->RivalText(), "");
+  EXPECT_EQ(sender_->Stopped(), 0U);
+  ExpectAll();
+  qx::test::WriteFile(Path("bad.ind"), header);
+  Run(6000);
+  EXPECT_EQ(DecodeMessage(stream_.messages.back().payload).head.identity, state_->Identity().identity);
+  Start(false, "state");
+  Run(500);
+  EXPECT_NE(sender_->RivalText(), "") << "the machine that was replaced";
+}
+
 // Random appends, faults and kills. What arrives is checked by record and by number.
 TEST_F(RelaySender, RandomFaultsAndKillsLoseRepeatAndReorderNothing) {
   std::mt19937_64 random(qx::test::Seed("RelaySender"));

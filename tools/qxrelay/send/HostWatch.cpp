@@ -20,6 +20,7 @@ void HostWatch::Step(TimeMs now) {
 void HostWatch::Connected(TimeMs now) {
   token_ = 0;
   due_ = now;
+  context_.are_labels_known = false;
 }
 
 std::optional<Rival> HostWatch::OnReply(TimeMs now, const StreamReply& reply) {
@@ -27,6 +28,8 @@ std::optional<Rival> HostWatch::OnReply(TimeMs now, const StreamReply& reply) {
   token_ = 0;
   is_unanswered_ = false;
   due_ = now + kPeriodMs;
+  context_.own_labels_sequence = 0;
+  context_.are_labels_known = reply.kind == ReplyKind::kNone || reply.kind == ReplyKind::kNewest;
   if (reply.kind == ReplyKind::kNone) session_ = 0;
   if (reply.kind == ReplyKind::kNone) return Rival::kNone;
   if (reply.kind != ReplyKind::kNewest) return std::nullopt;
@@ -34,6 +37,7 @@ std::optional<Rival> HostWatch::OnReply(TimeMs now, const StreamReply& reply) {
   if (message.fault != MessageFault::kNone || message.head.kind != MessageKind::kAbout) return Rival::kNone;
   session_ = message.head.session;
   const SenderIdentity& own = context_.state.Identity();
+  if (message.head.identity == own.identity) context_.own_labels_sequence = reply.sequence;
   return RivalOf(message.head, own.identity, own.session);
 }
 

@@ -353,7 +353,7 @@ void ReportWork::OnReply(TimeMs now, const StreamReply& reply) {
       break;
     case ReplyKind::kNewest:
     case ReplyKind::kNone:
-      OnNewest(reply);
+      OnNewest(now, reply);
       break;
     default:
       OnFailure(now, reply);
@@ -363,7 +363,7 @@ void ReportWork::OnReply(TimeMs now, const StreamReply& reply) {
   wake_ = now;
 }
 
-void ReportWork::OnNewest(const StreamReply& reply) {
+void ReportWork::OnNewest(TimeMs now, const StreamReply& reply) {
   ++context_.counters.look_ups;
   newest_.reset();
   if (reply.kind == ReplyKind::kNewest) {
@@ -374,7 +374,7 @@ void ReportWork::OnNewest(const StreamReply& reply) {
       sender_.Stop();
       return Trouble(std::string("stopped: the newest message is ") + std::string(TextOfFault(message.fault)));
     }
-    if (is_ours && IsRivalOfUs(message.head)) return;
+    if (is_ours && IsRivalOfUs(now, reply, message.head)) return;
     if (is_ours) {
       newest_ = MarkAfter(message);
     } else {
@@ -387,7 +387,7 @@ void ReportWork::OnNewest(const StreamReply& reply) {
 }
 
 // True: the sender is stopped, with a finding.
-bool ReportWork::IsRivalOfUs(const MessageHead& newest) {
+bool ReportWork::IsRivalOfUs(TimeMs now, const StreamReply& reply, const MessageHead& newest) {
   const SenderIdentity& own = context_.state.Identity();
   const Rival rival = RivalOf(newest, own.identity, own.session);
   if (rival == Rival::kNone) return false;
@@ -397,6 +397,9 @@ bool ReportWork::IsRivalOfUs(const MessageHead& newest) {
     if (problem.has_value()) context_.log(*problem);
     return false;
   }
+  if (!context_.are_labels_known) return sender_.Failed(now, reply.token);  // looked up again
+  // A report that could not be sent after a --take-over still has a message of the other sender.
+  if (reply.sequence < context_.own_labels_sequence) return false;
   sender_.Stop();
   context_.rival = rival;
   return true;

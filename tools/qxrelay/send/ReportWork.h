@@ -87,8 +87,8 @@ class ReportWork {
   void PublishRun(TimeMs now, const RecordRun& run);
   void Publish(TimeMs now, const MessageHead& head, const RecordRun& run, std::uint64_t hash_after);
   [[nodiscard]] MessageHead HeadOf(MessageKind kind, std::uint64_t count) const;
-  void OnNewest(const StreamReply& reply);
-  [[nodiscard]] bool IsRivalOfUs(const MessageHead& newest);
+  void OnNewest(TimeMs now, const StreamReply& reply);
+  [[nodiscard]] bool IsRivalOfUs(TimeMs now, const StreamReply& reply, const MessageHead& newest);
   void OnStored(TimeMs now, const StreamReply& reply);
   void Count(const InFlight& stored);
   void OnFailure(TimeMs now, const StreamReply& reply);

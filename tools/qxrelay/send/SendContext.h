@@ -76,7 +76,11 @@ struct SendContext {
   std::size_t payload_max = 0;                   // of the connection
   int look_ups_free = 4;                         // at once
   std::deque<std::size_t> look_up_waiting = {};  // owners that wait for a free one, in order
-  bool needs_state = false;                      // a report waits until the state directory has its new incarnation
+  // Of the newest message with the labels of this host, since the connection was made: whether it was looked up, and
+  // its sequence if it is from this identity.
+  bool are_labels_known = false;
+  std::uint64_t own_labels_sequence = 0;
+  bool needs_state = false;    // a report waits until the state directory has its new incarnation
   std::size_t kept_bytes = 0;  // of messages in flight, and of records that are kept for the next message
 
   // A token that leads a reply back to its owner.
