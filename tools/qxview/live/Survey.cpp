@@ -76,8 +76,10 @@ void Survey::RefreshOverview(const std::string& only, Version& version) {
 }
 
 Survey::Version& Survey::OverviewOf(const std::string& only) {
-  PollReports();
   Version& version = overviews_[only];
+  const bool is_fresh = version.text != nullptr && Clock::now() - version.made < kFresh;
+  if (is_fresh) return version;
+  PollReports();
   RefreshOverview(only, version);
   return version;
 }
@@ -150,6 +152,9 @@ void Survey::DropUnused() {
 }
 
 std::optional<std::chrono::milliseconds> Survey::Tick() {
+  const auto since = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - ticked_);
+  if (since < kRound) return kRound - since;
+  ticked_ = Clock::now();
   DropUnused();
   const bool has_followers =
       std::any_of(overviews_.begin(), overviews_.end(), [](const auto& each) { return !each.second.streams.empty(); });

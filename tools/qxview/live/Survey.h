@@ -72,6 +72,7 @@ class Survey {
   std::uint64_t numbers_ = 0;
   ctl::TopReports reports_;
   Clock::time_point polled_;
+  Clock::time_point ticked_;
   std::map<std::string, Version> overviews_;  // by the only report in it; "": all reports
   Version findings_;
 };

@@ -194,6 +194,8 @@ void TraceFeed::Unsubscribe(StreamId stream) {
 
 std::optional<std::chrono::milliseconds> TraceFeed::Tick() {
   if (!is_active_) return std::nullopt;
+  const auto since = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - used_);
+  if (!groups_.empty() && since < kPoll) return kPoll - since;
   if (!groups_.empty()) Poll();
   if (Clock::now() - used_ <= kUnused) return groups_.empty() ? kUnused : kPoll;
   followers_.clear();

@@ -76,8 +76,7 @@ Error ReportIndex::Refresh(sdk::StoreSnapshot& snapshot, const std::vector<std::
   }
   if (Error error = AddFields(snapshot, fields); error.Failed()) return error;
   if (Error error = TakeNew(snapshot); error.Failed()) return error;
-  DropOld();
-  return {};
+  return DropOld(snapshot);
 }
 
 void ReportIndex::Forget() {
@@ -155,13 +154,24 @@ void ReportIndex::Enter(const PassedRecord& record) {
   }
 }
 
-// Drops what the ring has overwritten.
-void ReportIndex::DropOld() {
-  while (blocks_.size() > 1 && blocks_[1].first <= begin_) blocks_.pop_front();
-  const std::optional<PlaceRange> all = All();
-  if (!all.has_value()) return;
-  for (auto& [name, field] : fields_) field.columns.DropBefore(all->from);
+// Drops what the ring has overwritten. Some records of the first block may be left.
+Error ReportIndex::DropOld(sdk::StoreSnapshot& snapshot) {
   DropUnusedFields();
+  while (blocks_.size() > 1 && blocks_[1].first <= begin_) blocks_.pop_front();
+  if (blocks_.empty() || blocks_.front().first >= begin_) return {};
+  const std::uint64_t end = blocks_.size() > 1 ? blocks_[1].first : cursor_.next;
+  Block block = {.first = begin_, .before = blocks_.front().before};
+  Error error = Pass(snapshot, begin_, end, block.before, [&](const PassedRecord& record) {
+    if (!record.place.has_value()) return;
+    block.min = std::min(block.min, *record.place);
+    block.max = std::max(block.max, *record.place);
+  });
+  blocks_.front() = block;
+  const std::optional<PlaceRange> all = All();
+  for (auto& [name, field] : fields_) {
+    if (all.has_value()) field.columns.DropBefore(all->from);
+  }
+  return error;
 }
 
 void ReportIndex::DropUnusedFields() {

@@ -92,7 +92,7 @@ class ReportIndex {
   [[nodiscard]] Error Continues(sdk::StoreSnapshot& snapshot, bool& continues) const;
   Error AddFields(sdk::StoreSnapshot& snapshot, const std::vector<std::string>& fields);
   Error TakeNew(sdk::StoreSnapshot& snapshot);
-  void DropOld();
+  Error DropOld(sdk::StoreSnapshot& snapshot);
   void DropUnusedFields();
   void Enter(const PassedRecord& record);
 

@@ -19,7 +19,8 @@ Worker::~Worker() {
 bool Worker::Post(Task task) {
   {
     const std::lock_guard guard(lock_);
-    if (tasks_.size() >= kTasksMax) return false;
+    if (client_tasks_ >= kTasksMax) return false;
+    ++client_tasks_;
     tasks_.push_back({.task = std::move(task)});
   }
   change_.notify_one();
@@ -47,6 +48,7 @@ bool Worker::Wait(Waiting& next) {
   if (tasks_.empty()) return true;
   next = std::move(tasks_.front());
   tasks_.pop_front();
+  client_tasks_ -= next.is_own ? 0 : 1;
   return true;
 }
 

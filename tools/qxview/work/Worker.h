@@ -45,8 +45,9 @@ class Worker {
 
   Tick tick_;
   std::optional<Clock::time_point> due_;
-  std::mutex lock_;  // of the two members after it
+  std::mutex lock_;  // of the three members after it
   std::deque<Waiting> tasks_;
+  std::size_t client_tasks_ = 0;  // of them
   bool is_ending_ = false;
   std::condition_variable change_;
   std::thread thread_;  // the last member: it uses the others
