@@ -5,6 +5,7 @@
 #   component library libqxreport.so.0
 #   component python  the Python module qxreport
 #   component tools   qxctl, its manual pages and shell completions
+#   component view    qxview, its manual page and unit, where libmicrohttpd-dev is installed
 #   component relay   qxrelay, its manual pages, units, user and example settings, where libnats-dev is installed
 #
 # The service looks for the module at an absolute path, so --prefix does not move it: stage with DESTDIR, or configure
@@ -132,6 +133,10 @@ if(QX_BUILD_TOOLS)
       DESTINATION lib/systemd/system COMPONENT relay)
     install(FILES packaging/systemd/qxrelay.sysusers DESTINATION lib/sysusers.d RENAME qxrelay.conf COMPONENT relay)
     install(DIRECTORY packaging/examples/qxrelay/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qxrelay/examples COMPONENT relay)
+  endif()
+  if(TARGET qxview)
+    install(TARGETS qxview RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT view)
+    install(FILES packaging/systemd/qxview.service DESTINATION lib/systemd/system COMPONENT view)
   endif()
   include(cmake/QxManual.cmake)
 endif()

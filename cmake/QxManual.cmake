@@ -18,6 +18,9 @@ function(qx_component_of page component program)
   if(page MATCHES "^qxrelay")
     set(${component} relay PARENT_SCOPE)
     set(${program} qxrelay PARENT_SCOPE)
+  elseif(page MATCHES "^qxview")
+    set(${component} view PARENT_SCOPE)
+    set(${program} qxview PARENT_SCOPE)
   endif()
 endfunction()
 
@@ -29,7 +32,7 @@ foreach(source ${qx_manual_sources})
     continue()
   endif()
   set(fill cat)
-  if(page STREQUAL "${program}.1")
+  if(page STREQUAL "${program}.1" AND NOT program STREQUAL "qxview")  # qxview has no commands
     set(fill $<TARGET_FILE:${program}> _man)
   endif()
   add_custom_command(OUTPUT ${qx_manual_dir}/${page}

@@ -3,7 +3,7 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qxremconxfer)
 set(CPACK_PACKAGE_CONTACT "QXRemConXfer developers <qxremconxfer@example.org>")
-set(CPACK_COMPONENTS_ALL module sdk library python tools)  # and relay, below
+set(CPACK_COMPONENTS_ALL module sdk library python tools)  # and relay and view, below
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_SET_DESTDIR ON)  # the module's path is absolute
@@ -78,5 +78,20 @@ set(CPACK_DEBIAN_RELAY_DESCRIPTION "carries reports of many hosts to collectors
 Sends the records of a host's reports into a JetStream stream of NATS servers,
 and writes them from there into reports on a collector: each record once and
 in order, with exact counts of what a ring overwrote.")
+
+if(TARGET qxview)
+  list(APPEND CPACK_COMPONENTS_ALL view)
+endif()
+set(CPACK_DEBIAN_VIEW_PACKAGE_NAME qxview)
+set(CPACK_DEBIAN_VIEW_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_VIEW_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_VIEW_PACKAGE_DEPENDS "libjs-dygraphs")
+set(CPACK_DEBIAN_VIEW_PACKAGE_SUGGESTS "qxctl, qxrelay")
+set(CPACK_DEBIAN_VIEW_PACKAGE_CONTROL_EXTRA ${CPACK_QX_DEBIAN_DIR}/view/postinst
+  ${CPACK_QX_DEBIAN_DIR}/view/prerm ${CPACK_QX_DEBIAN_DIR}/view/postrm)
+set(CPACK_DEBIAN_VIEW_DESCRIPTION "shows reports, traces and findings in a browser
+Serves pages and a JSON interface about the reports of this machine, or of a
+collector of the relay, on the loopback network: what is wrong first, live
+charts, records and traces. It reads and changes nothing.")
 
 include(CPack)
