@@ -274,7 +274,8 @@ TEST_F(AttacksOnFiles, EditInADirectoryThatTheUserMayWriteCanBeRefused) {
   EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kSharedDirectory);
 }
 
-// Root made the directory, in one of the user that has an access list for what is created in it.
+// Root has made the directory inside a directory of the user, whose default access list applies to everything that is
+// created there.
 TEST_F(AttacksOnFiles, EditInADirectoryWithTheUsersAccessListCanBeRefused) {
   if (!GiveDefaultAccessList(dir_.File("users"))) GTEST_SKIP() << "this file system has no access lists";
   fs::create_directory(dir_.File("users/shared"));

@@ -62,8 +62,8 @@ TEST(DebugTraceConfigFile, EveryPrefixOfACompleteFileIsIgnored) {
   EXPECT_EQ(TextOfKey(text), "1");
 }
 
-// Such a file may be in the middle of a write. Here it is a file of the kernel, which reports the size of a page but
-// has less.
+// A file that ends before its size may be in the middle of a write. The test uses a file of the kernel whose size is
+// one page but which has less.
 TEST(DebugTraceConfigFile, FileThatEndsBeforeItsSizeIsIgnored) {
   const std::string path = "/sys/kernel/uevent_seqnum";
   struct stat status {};

@@ -131,7 +131,8 @@ TEST_F(ModuleRequests, RequestWithoutReportDataHasAnErrorOfTheTransfer) {
 
 TEST_F(ModuleRequests, BlockWithoutElementOneLeaksNoThreadData) {
   Append("r1", 4, {"a"});
-  // The leak check of the address sanitizer and the descriptors show it: each call opens the report again.
+  // Each call opens the report again. The open descriptors, and the leak check of the address sanitizer, show that it
+  // is closed.
   EXPECT_EQ(InChild([] {
               const LoadedModule module;
               BlockBuilder block;

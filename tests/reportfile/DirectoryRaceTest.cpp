@@ -34,7 +34,7 @@ class DirectoryRace : public testing::Test {
   // Exchanges directory and link, and back. Creates again what was removed.
   void Step() const {
     for (int i = 0; i < 4; ++i) ExchangeAndPause(sub_.c_str(), link_.c_str());
-    // If the directory has the link's name now, it is renamed for a new link.
+    // If the directory has the link's name now, it is removed, so that the link can be made again.
     for (const char* const name : {"/a", "/b", "/c/d"}) (void)unlink((link_ + name).c_str());
     (void)rmdir((link_ + "/c").c_str());
     (void)rmdir(link_.c_str());

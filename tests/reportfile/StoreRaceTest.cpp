@@ -52,7 +52,7 @@ class StoreRace : public testing::Test {
       ExchangeAndPause(sub_.c_str(), dir_link_.c_str());
       ExchangeAndPause(file_.c_str(), file_link_.c_str());
     }
-    // If the directory has the link's name now, it is renamed for a new link.
+    // If the directory has the link's name now, it is removed, so that the link can be made again.
     for (const char* const name : {"/a", "/b/c"}) (void)unlink((dir_link_ + name).c_str());
     (void)rmdir((dir_link_ + "/b").c_str());
     (void)rmdir(dir_link_.c_str());

@@ -218,7 +218,8 @@ TEST_F(StoreTransientFaults, FirstSlotThatIsCutShortIsRemoved) {
   }
 }
 
-// A used object keeps the other store's header: a full ring whose oldest slot is 0, and one that fills.
+// An object that had another store open keeps its header when it creates a store. Here that is the header of a full
+// ring whose oldest slot is 0, and then that of a ring that still fills.
 TEST_F(StoreTransientFaults, QuirkUsedObjectWritesItsFirstSlotByItsOldHeader) {
   const StoreFiles full;
   full.Make(StoreFiles::FullRing(2), {0, 3}, "a\r\nb\r\n===>\r\n");

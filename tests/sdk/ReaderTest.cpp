@@ -277,7 +277,7 @@ void MakeReport(const StoreFiles& files, const std::vector<std::string>& texts) 
   ASSERT_FALSE(writer.Append(texts).Failed());
 }
 
-// With the same header as before: only the files are others.
+// The restored report has the same header as the old one: only the files are different ones.
 TEST_F(SdkReader, ReportThatWasRestoredIsRead) {
   AppendNumbered(1, 3);
   ASSERT_THAT(Opened(), ElementsAre("record 1", "record 2", "record 3"));
