@@ -1,6 +1,6 @@
 # What `cmake --install` puts where.
 #
-#   component module  the module, at the path that it names itself (DreQXObjectPath)
+#   component module  the module, at the path from which the service loads it
 #   component sdk     headers, static libraries, the CMake package, the pkg-config file, examples: for agents and hosts
 #   component library libqxreport.so.0
 #   component python  the Python module qxreport
@@ -8,7 +8,7 @@
 #   component view    qxview, its manual page and unit, where libmicrohttpd-dev is installed
 #   component relay   qxrelay, its manual pages, units, user and example settings, where libnats-dev is installed
 #
-# The service looks for the module at an absolute path, so --prefix does not move it: stage with DESTDIR, or configure
+# The service loads the module from an absolute path, so --prefix does not move it: stage with DESTDIR, or configure
 # with a QX_MODULE_DIR below the prefix.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)

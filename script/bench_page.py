@@ -38,7 +38,7 @@ def verdict_text(task, who, spread):
 
 
 def instructions_text(counts):
-    """"qx 1,200, pugixml 1,500 (1.25)": of one iteration, and in terms of ours."""
+    """"qx 1,200, pugixml 1,500 (1.25)": the instructions of one iteration, and their ratio to ours."""
     ours = counts["qx"]
     return ", ".join(f"{who} {count:,.0f}" + (f" ({count / ours:.2f})" if who != "qx" else "") for who, count in counts.items())
 

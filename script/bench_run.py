@@ -1,13 +1,13 @@
-"""Runs the rows of the benchmark programs, each in a process of its own, and takes down what they cost.
+"""Runs the rows of the benchmark programs, each in a process of its own, and records what they cost.
 
 A row is TASK/WHO. What a task's rows become depends on its name:
-  grow_SHAPE/SIZE    how much more twice as much input costs (linear work: twice)
-  threads_WORK/COUNT how much work so many threads do in the time of one (real time; everything else is processor time)
+  grow_SHAPE/SIZE    the factor by which the time grows when the input doubles (linear work: 2)
+  threads_WORK/COUNT how much work COUNT threads do in the time of one (real time; everything else is processor time)
   memory_WHAT/qx, and every row with counters: the counters
-  any other          WHO is qx, a peer, or a bare form of the same work: WHO's time in terms of ours
+  any other          WHO is qx, a peer, or a bare form of the same work: WHO's time divided by ours
 
-The rows of a task run in turn, forwards and backwards, for several rounds. A ratio has the times of one round, so that both
-sides meet the same machine.
+The rows of a task run in turn, forwards and backwards, for several rounds. A ratio compares times of one round, so that both
+sides have the same conditions.
 """
 import collections
 import json
@@ -66,7 +66,7 @@ def tasks_of(directory, regex):
 
 
 def run_row(row, prefix=(), seconds=None):
-    """One run. A row that measures other processes too says its time itself."""
+    """One run. A row that also measures other processes reports its time itself."""
     command = [*prefix, row.program, f"--benchmark_filter=^{re.escape(row.name)}$", "--benchmark_format=json"]
     if seconds is None and is_growth(task_of(row.name)):
         seconds = 0.1
@@ -99,7 +99,7 @@ def seconds_of(results):
 
 
 def ratios_of(results):
-    """{WHO: the spread of its time in terms of ours}"""
+    """{WHO: the spread of its time divided by ours}"""
     ours = seconds_of(results["qx"])
     return {who: spread_of([theirs / mine for theirs, mine in zip(seconds_of(rounds), ours)])
             for who, rounds in results.items() if who != "qx"}
@@ -110,20 +110,20 @@ def counters_of(results):
 
 
 def threads_of(results):
-    """{number of threads: the spread of their work in the time of one}"""
+    """{number of threads: the spread of the work that they do while one thread does 1}"""
     one = seconds_of(results["1"])
     return {who: spread_of([int(who) * alone / time for alone, time in zip(one, seconds_of(rounds))])
             for who, rounds in results.items()}
 
 
 def growth_of(results):
-    """[(size, twice as much from the size before costs so much more)], from the median of each size"""
+    """[(size, the factor by which the time grows per doubling since the size before)], from the median of each size"""
     medians = sorted((int(who), statistics.median(seconds_of(rounds))) for who, rounds in results.items())
     return [(large, (cost / before) ** (1 / math.log2(large / small)))
             for (small, before), (large, cost) in zip(medians, medians[1:])]
 
 
-# A row's loop lies between these two functions of the benchmark library.
+# A row's loop is between these two functions of the benchmark library.
 LOOP_BEGIN = "benchmark::State::StartKeepRunning()"
 LOOP_END = "benchmark::State::FinishKeepRunning()"
 
@@ -149,7 +149,7 @@ def total_of(dump):
 
 
 def processor():
-    """The processor's own name, its family and model, and the wide registers that it has."""
+    """The processor's own name, its family and model, and its wide vector extensions."""
     fields = dict(re.findall(r"^([^\t:]+)\t*: (.*)$", pathlib.Path("/proc/cpuinfo").read_text().split("\n\n")[0], re.MULTILINE))
     wide = [flag for flag in ("avx2", "avx512bw", "asimd") if flag in (fields.get("flags") or fields.get("Features", "")).split()]
     return {"name": fields.get("model name", platform.machine()), "family": fields.get("cpu family", ""),
@@ -178,7 +178,7 @@ def part_of(task, results):
 
 
 def add_instructions(task, rows, part):
-    """Counts what does not depend on the machine's mood, for our row and each peer whose times do not decide its aim."""
+    """Counts instructions, which a loaded machine does not change, for our row and each peer whose times do not decide its aim."""
     if "seconds" not in part:
         return
     undecided = [who for who, spread in part["values"].items()
