@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "tests/support/Support.h"
 
@@ -127,6 +129,56 @@ TEST_F(RelaySenderState, AllReportsComeBackFromOneFile) {
     EXPECT_EQ(*state.Find(name), SomeState(name));
   }
   EXPECT_EQ(state.Find("new"), nullptr) << "without an incarnation there is nothing to keep";
+}
+
+// Waits for the write in the background.
+std::optional<std::string> EndOfWrite(SenderState& state) {
+  std::optional<std::string> problem;
+  while (state.IsWriting()) {
+    problem = state.EndWrite();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return problem;
+}
+
+TEST_F(RelaySenderState, AWriteInTheBackgroundHasTheStatesOfItsBeginning) {
+  SenderState state;
+  ASSERT_EQ(state.Open(directory_, false), std::nullopt);
+  state.WriteInBackground();
+  state.Of("load") = SomeState("load");
+  const std::uint64_t first = state.Changed();
+  state.BeginWrite();
+  EXPECT_TRUE(state.IsWriting());
+  EXPECT_FALSE(state.IsTried(first)) << "before EndWrite nothing counts as written";
+  state.Of("disk") = SomeState("disk");
+  const std::uint64_t second = state.Changed();
+  EXPECT_EQ(EndOfWrite(state), std::nullopt);
+  EXPECT_TRUE(state.IsTried(first));
+  EXPECT_FALSE(state.IsTried(second));
+  EXPECT_EQ(qx::relay::ReadStates(directory_).size(), 1U);
+  state.BeginWrite();
+  state.Of("swap") = SomeState("swap");
+  (void)state.Changed();
+  EXPECT_EQ(state.Write(), std::nullopt);
+  EXPECT_FALSE(state.HasChanges());
+  EXPECT_FALSE(state.IsWriting()) << "a write at once waits for the one in the background";
+  EXPECT_EQ(qx::relay::ReadStates(directory_).size(), 3U);
+}
+
+TEST_F(RelaySenderState, AFailedWriteInTheBackgroundIsReportedOnce) {
+  SenderState state;
+  ASSERT_EQ(state.Open(directory_, false), std::nullopt);
+  std::filesystem::create_directory(directory_ + "/positions");
+  for (const bool is_in_background : {false, true}) {
+    SCOPED_TRACE(is_in_background);
+    if (is_in_background) state.WriteInBackground();
+    state.Of("load") = SomeState("load");
+    const std::uint64_t change = state.Changed();
+    state.BeginWrite();
+    EXPECT_TRUE(EndOfWrite(state).has_value());
+    EXPECT_TRUE(state.IsTried(change));
+    EXPECT_EQ(state.EndWrite(), std::nullopt);
+  }
 }
 
 TEST_F(RelaySenderState, ADirectoryOfAnEarlierVersionIsTakenOver) {

@@ -48,6 +48,7 @@ LoadHost::LoadHost(const std::string& directory, const std::string& name, const 
   std::filesystem::create_directories(context_.directory);
   if (const auto problem = state_.Open(directory + "/" + name + ".state", false)) throw std::runtime_error(*problem);
   if (const auto problem = state_.BeginSession(0)) throw std::runtime_error(*problem);
+  state_.WriteInBackground();
   sender_.emplace(context_, SteadyMs(), std::vector<std::string>());
 }
 

@@ -182,6 +182,7 @@ Status Send(Context& context, const Values& values) {
   const bool takes_over = values.Flag("--take-over");
   if (const auto problem = state.Open(config.send.state, takes_over)) return {ExitCode::kRefused, *problem};
   if (const auto problem = state.BeginSession(0)) return {ExitCode::kIo, *problem};
+  state.WriteInBackground();
   while (!signals.IsStopRequested()) {
     Service service(context, config, state, takes_over);
     ServiceManager::Ready(service.StatusText());

@@ -23,6 +23,7 @@ constexpr std::size_t kLoggedMax = 32;
 // The state directory is written as a whole, so a longer file is written less often: about 100 KiB a second.
 constexpr TimeMs kSaveMs = 10'000;
 constexpr TimeMs kSaveBytesInMs = 100;
+constexpr TimeMs kSavePollMs = 100;   // while a write is running
 constexpr TimeMs kUrgentSaveMs = 50;  // while reports get their first incarnations, ten times as often and more
 constexpr TimeMs kUrgentSaveBytesInMs = 20'000;
 constexpr std::size_t kNamesBytesMax = std::size_t{16} * 1024 * 1024;  // of all names files together
@@ -86,10 +87,8 @@ TimeMs Sender::Step(TimeMs now) {
   if (about_.IsSet()) wake = std::min(wake, about_.Wake());
   WakeForLookUps(now);
   StepDue(now);
-  if (context_.state.HasChanges()) {
-    if (now >= SaveDue()) SaveState(now);
-    wake = std::min(wake, SaveDue());
-  }
+  SaveState(now);
+  if (context_.state.HasChanges()) wake = std::min(wake, std::max(SaveDue(), now + kSavePollMs));
   if (context_.look_ups_free > 0 && !context_.look_up_waiting.empty()) return now + 1;
   return queue_.empty() ? wake : std::min(wake, queue_.begin()->first);
 }
@@ -102,9 +101,14 @@ TimeMs Sender::SaveDue() const {
 
 // What cannot be written does not stop the reports: the stream has the other copy of each position.
 void Sender::SaveState(TimeMs now) {
-  saved_at_ = now;
-  context_.needs_state = false;
-  if (const auto problem = context_.state.Write()) LogOnce(*problem);
+  SenderState& state = context_.state;
+  const bool is_due = state.HasChanges() && !state.IsWriting() && now >= SaveDue();
+  if (is_due) {
+    saved_at_ = now;
+    context_.needs_state = false;
+    state.BeginWrite();
+  }
+  if (const auto problem = state.EndWrite()) LogOnce(*problem);
 }
 
 // As many of the waiting reports as there are free look-ups. With thousands of them, asking each again and again would
@@ -304,7 +308,9 @@ bool Sender::IsBusy() const {
 }
 
 void Sender::Finish() {
-  if (context_.state.HasChanges()) SaveState(saved_at_);
+  if (context_.state.HasChanges()) {
+    if (const auto problem = context_.state.Write()) LogOnce(*problem);
+  }
   context_.stream.Close();
   is_connected_ = false;
 }

@@ -1,12 +1,16 @@
 #include "tools/qxrelay/send/SenderState.h"
 
+#include <pthread.h>
 #include <sys/random.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 
 #include "base/tools/FileText.h"
 #include "base/tools/ReplacedFile.h"
@@ -67,6 +71,22 @@ std::string_view TakeValue(std::string_view& text, std::string_view word) {
   std::string_view line = Take(text, '\n');
   return Take(line, ' ') == word ? line : std::string_view();
 }
+
+// Blocks all signals of the thread for the life of the object, so that a thread that is made meanwhile gets none.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    (void)sigfillset(&all);
+    (void)pthread_sigmask(SIG_SETMASK, &all, &before_);  // fails only for an unknown first argument
+  }
+  ~SignalsBlocked() { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t before_ = {};
+};
 
 std::string MachineText() {
   std::string text = file::TextOf(kMachineFile);
@@ -218,16 +238,49 @@ const ReportState* SenderState::Find(const std::string& report) const {
   return is_known ? &found->second : nullptr;
 }
 
-std::optional<std::string> SenderState::Write() {
-  tried_ = changes_;
+std::string SenderState::TextOfAll() {
   std::string text;
   for (const auto& [report, state] : states_) {
     if (state.mark.incarnation != 0) text += TextOfState(state);
   }
   file_bytes_ = text.size();
+  return text;
+}
+
+std::optional<std::string> SenderState::Write() {
+  if (IsWriting()) (void)FinishWrite();  // this write has newer states
+  tried_ = changes_;
+  const std::string text = TextOfAll();
   if (auto problem = WriteWhole(directory_ + std::string(kPositionsFile), text)) return problem;
   if (has_old_form_) RemoveOldForm();
   return std::nullopt;
+}
+
+void SenderState::BeginWrite() {
+  writing_change_ = changes_;
+  const auto write = [path = directory_ + std::string(kPositionsFile), text = TextOfAll()] {
+    return WriteWhole(path, text);
+  };
+  const SignalsBlocked blocked;  // signals are the main thread's
+  try {
+    writing_ = std::async(is_in_background_ ? std::launch::async : std::launch::deferred, write);
+  } catch (const std::system_error&) {
+    writing_ = std::async(std::launch::deferred, write);  // without a thread EndWrite writes
+  }
+}
+
+std::optional<std::string> SenderState::EndWrite() {
+  if (!IsWriting()) return std::nullopt;
+  if (writing_.wait_for(std::chrono::seconds(0)) == std::future_status::timeout) return std::nullopt;
+  return FinishWrite();
+}
+
+// Waits for the write that is running.
+SenderState::Problem SenderState::FinishWrite() {
+  Problem problem = writing_.get();
+  tried_ = writing_change_;
+  if (!problem.has_value() && has_old_form_) RemoveOldForm();
+  return problem;
 }
 
 // What stays is not read any more.

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstdint>
+#include <future>
 #include <map>
 #include <optional>
 #include <string>
@@ -45,7 +46,8 @@ struct ReportState {
 using ReportStates = std::map<std::string, ReportState>;
 [[nodiscard]] ReportStates ReadStates(const std::string& directory);
 
-// Threads: one thread. Owns: the lock of the directory, and the states of all reports.
+// Threads: one thread, and one for a write in the background.
+// Owns: the lock of the directory, the states of all reports, and the thread, which the destructor waits for.
 // Failure: a text for the operator. Throws std::bad_alloc.
 class SenderState {
  public:
@@ -74,9 +76,22 @@ class SenderState {
   // Writes all states and syncs them, or says why not. [owning thread]
   [[nodiscard]] std::optional<std::string> Write();
 
+  // From now on BeginWrite writes in the background: a busy disk can take a second for a sync, and no record has to
+  // wait for it. Without this call it writes at once. [owning thread]
+  void WriteInBackground() { is_in_background_ = true; }
+  // Begins a write of all states. Not while one is running. [owning thread]
+  void BeginWrite();
+  [[nodiscard]] bool IsWriting() const { return writing_.valid(); }
+  // Ends the write if it is done, and says why it failed, if it did. [owning thread]
+  [[nodiscard]] std::optional<std::string> EndWrite();
+
  private:
+  using Problem = std::optional<std::string>;
+
   [[nodiscard]] std::optional<std::string> ReadIdentity(bool take_over);
   [[nodiscard]] std::optional<std::string> MakeIdentity(const std::string& machine);
+  [[nodiscard]] std::string TextOfAll();
+  [[nodiscard]] Problem FinishWrite();
   void RemoveOldForm();
 
   std::string directory_;
@@ -87,6 +102,9 @@ class SenderState {
   std::uint64_t tried_ = 0;
   std::size_t file_bytes_ = 0;
   bool has_old_form_ = false;
+  bool is_in_background_ = false;
+  std::uint64_t writing_change_ = 0;
+  std::future<Problem> writing_;  // valid while a write is running
 };
 
 }  // namespace qx::relay
