@@ -53,6 +53,7 @@ TIERS_OF = [
     ("tests/package/", ["test"]),
     ("packaging/debian/try", ["package"]),
     ("packaging/debian/relay/", ["test"]),  # they run where the package is installed
+    ("packaging/debian/view/", ["test"]),
     ("packaging/abi/", ["test"]),
     ("script/bench", ["bench", "plot"]),  # the second only for --plot
     ("script/house_style.py", ["test"]),

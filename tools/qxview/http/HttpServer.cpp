@@ -122,7 +122,7 @@ struct HttpServer::Library {
   // The time since which a connection waits for a complete request. No entry while its request is answered.
   using Waiting = std::map<MHD_Connection*, std::int64_t>;
 
-  explicit Library(Handler given) : handler(std::move(given)) {}
+  Library(Handler given, HttpTimes limits) : handler(std::move(given)), times(limits) {}
 
   // Requests that wait are resumed without an answer: a suspended connection cannot be closed.
   ~Library() {
@@ -212,7 +212,7 @@ struct HttpServer::Library {
   void CloseSlow() const {
     const std::int64_t now = SteadyS();
     for (const auto& [connection, since] : waiting) {
-      if (now - since <= kRequestS) continue;
+      if (now - since <= times.request_s) continue;
       const MHD_ConnectionInfo* const info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
       if (info != nullptr) (void)shutdown(info->connect_fd, SHUT_RDWR);  // the library then reads the end
     }
@@ -221,13 +221,15 @@ struct HttpServer::Library {
   static void DropLog(void*, const char*, va_list) {}  // of requests that are not HTTP
 
   Handler handler;
+  HttpTimes times;
   MHD_Daemon* daemon = nullptr;
   Waiting waiting;
   std::vector<Incoming*> open;
   bool is_ending = false;
 };
 
-HttpServer::HttpServer(Handler handler) : library_(std::make_unique<Library>(std::move(handler))) {}
+HttpServer::HttpServer(Handler handler, HttpTimes times)
+    : library_(std::make_unique<Library>(std::move(handler), times)) {}
 
 HttpServer::~HttpServer() = default;
 
@@ -237,9 +239,9 @@ bool HttpServer::Start(file::Descriptor listener) {
   self->daemon = MHD_start_daemon(
       kFlags, 0, nullptr, nullptr, Library::OnRequest, self, MHD_OPTION_EXTERNAL_LOGGER, Library::DropLog, nullptr,
       MHD_OPTION_LISTEN_SOCKET, listener.Number(), MHD_OPTION_CONNECTION_LIMIT, kConnectionsMax,
-      MHD_OPTION_PER_IP_CONNECTION_LIMIT, kConnectionsOfAddressMax, MHD_OPTION_CONNECTION_TIMEOUT, kSilenceS,
-      MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionBytesMax, MHD_OPTION_NOTIFY_COMPLETED, Library::OnCompleted, self,
-      MHD_OPTION_NOTIFY_CONNECTION, Library::OnConnection, self, MHD_OPTION_END);
+      MHD_OPTION_PER_IP_CONNECTION_LIMIT, kConnectionsOfAddressMax, MHD_OPTION_CONNECTION_TIMEOUT,
+      self->times.silence_s, MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionBytesMax, MHD_OPTION_NOTIFY_COMPLETED,
+      Library::OnCompleted, self, MHD_OPTION_NOTIFY_CONNECTION, Library::OnConnection, self, MHD_OPTION_END);
   if (self->daemon == nullptr) return false;
   (void)listener.Release();  // the library closes it
   return true;

@@ -1,7 +1,7 @@
 // An HTTP server in one thread, with libmicrohttpd: its event loop, its parser, its limits.
 //
 // A request waits without a thread until somebody answers it (Exchange). A connection that does not complete a request
-// within kRequestS seconds is closed, however slowly it sends; so is one that is silent. The memory of a connection is
+// within request_s seconds is closed, however slowly it sends; so is one that is silent. The memory of a connection is
 // limited, and with it the headers of a request.
 #pragma once
 
@@ -16,6 +16,12 @@
 
 namespace qx::view {
 
+// After how many seconds a connection is closed.
+struct HttpTimes {
+  unsigned silence_s = 15;      // without a byte
+  std::int64_t request_s = 20;  // without a whole request
+};
+
 // Threads: one thread.
 // Owns: the listening socket and all connections.
 // Failure: a connection without memory is closed.
@@ -25,14 +31,12 @@ class HttpServer {
   static constexpr unsigned kConnectionsOfAddressMax = 550;  // all browsers of a machine have one address
   static constexpr std::size_t kConnectionBytesMax = 16'384;
   static constexpr std::size_t kBodyBytesMax = 1024;
-  static constexpr unsigned kSilenceS = 15;
-  static constexpr std::int64_t kRequestS = 20;
   static constexpr int kBacklog = 256;
 
   // Answers at once or later. [owning thread]
   using Handler = std::function<void(const ExchangePtr& exchange)>;
 
-  explicit HttpServer(Handler handler);
+  explicit HttpServer(Handler handler, HttpTimes times = {});
   ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;

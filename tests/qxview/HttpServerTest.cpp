@@ -1,0 +1,136 @@
+// The times of connections, and replies that come later.
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/qxview/ViewServer.h"
+#include "tools/qxview/http/HttpServer.h"
+#include "tools/qxview/http/Listener.h"
+
+namespace qx::view {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using test::WebConnection;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr const char* kGet = "GET /x HTTP/1.1\r\nHost: localhost\r\n\r\n";
+
+// A server in the test's own thread.
+class ViewHttp : public testing::Test {
+ protected:
+  ViewHttp() {
+    Listener listener = ListenOnLoopback("127.0.0.1:0", 16);
+    port_ = listener.port;
+    is_started_ = server_->Start(std::move(listener.socket));
+  }
+
+  // Lets the server work for so long.
+  void Serve(milliseconds time) {
+    const auto end = steady_clock::now() + time;
+    while (steady_clock::now() < end) {
+      server_->Run();
+      usleep(1000);
+    }
+  }
+  // What the connection has got so far.
+  std::string Got(WebConnection& connection) {
+    Serve(milliseconds(20));
+    (void)connection.WaitFor("nothing", milliseconds(1));
+    return connection.Text();
+  }
+
+  std::vector<ExchangePtr> asked_;
+  std::unique_ptr<HttpServer> server_ = std::make_unique<HttpServer>(
+      [this](const ExchangePtr& exchange) { asked_.push_back(exchange); }, HttpTimes{.silence_s = 2, .request_s = 1});
+  std::uint16_t port_ = 0;
+  bool is_started_ = false;
+};
+
+HttpReply TextReply(const std::string& text) {
+  return {.status = 200, .type = "text/plain", .text = std::make_shared<const std::string>(text)};
+}
+
+}  // namespace
+
+TEST_F(ViewHttp, RequestThatComesByteByByteIsCutOff) {
+  ASSERT_TRUE(is_started_);
+  WebConnection slow(port_);
+  const std::string request = "GET / HTTP/1.1\r\nX-" + std::string(4000, 'x');
+  const auto begin = steady_clock::now();
+  std::size_t sent = 0;
+  while (sent < request.size() && slow.Send(request.substr(sent, 1)) && !slow.WaitForEnd(milliseconds(0))) {
+    ++sent;
+    Serve(milliseconds(20));
+  }
+  EXPECT_LT(sent, request.size());
+  EXPECT_LT(steady_clock::now() - begin, milliseconds(4000));
+}
+
+TEST_F(ViewHttp, AnswerMayComeLaterAndOtherRequestsNeedNotWait) {
+  WebConnection first(port_);
+  WebConnection second(port_);
+  ASSERT_TRUE(first.Send(kGet) && second.Send(kGet));
+  Serve(milliseconds(30));
+  ASSERT_EQ(asked_.size(), 2U);
+  asked_[1]->Reply(TextReply("second"));
+  asked_[1]->Reply(TextReply("ignored"));
+  EXPECT_THAT(Got(second), HasSubstr("\r\n\r\nsecond"));
+  EXPECT_THAT(Got(first), IsEmpty());
+  asked_[0]->Reply(TextReply("first"));
+  EXPECT_THAT(Got(first), HasSubstr("\r\n\r\nfirst"));
+}
+
+TEST_F(ViewHttp, RequestThatWaitsIsNotCutOff) {
+  WebConnection connection(port_);
+  ASSERT_TRUE(connection.Send(kGet));
+  Serve(milliseconds(2500));
+  ASSERT_EQ(asked_.size(), 1U);
+  asked_[0]->Reply(TextReply("late"));
+  EXPECT_THAT(Got(connection), HasSubstr("late"));
+}
+
+TEST_F(ViewHttp, StreamSendsPiecesAndDropsAReaderThatIsTooSlow) {
+  WebConnection connection(port_);
+  ASSERT_TRUE(connection.Send(kGet));
+  Serve(milliseconds(30));
+  ASSERT_EQ(asked_.size(), 1U);
+  const std::shared_ptr<ReplyStream> stream = asked_[0]->Stream({.type = "text/plain", .text = nullptr});
+  stream->Send(std::make_shared<const std::string>("one"));
+  EXPECT_THAT(Got(connection), HasSubstr("one"));
+  stream->Send(std::make_shared<const std::string>("two"));
+  EXPECT_THAT(Got(connection), HasSubstr("two"));
+  const auto large = std::make_shared<const std::string>(std::size_t{1} << 18, 'x');
+  for (int i = 0; i < 200 && stream->IsOpen(); ++i) {
+    stream->Send(large);
+    server_->Run();
+  }
+  EXPECT_FALSE(stream->IsOpen());
+}
+
+TEST_F(ViewHttp, EndOfTheServerAnswersWhatWaits) {
+  WebConnection waiting(port_);
+  WebConnection streaming(port_);
+  ASSERT_TRUE(waiting.Send(kGet) && streaming.Send(kGet));
+  Serve(milliseconds(30));
+  ASSERT_EQ(asked_.size(), 2U);
+  const std::shared_ptr<ReplyStream> stream = asked_[1]->Stream({.type = "text/plain", .text = nullptr});
+  Serve(milliseconds(30));
+  server_.reset();
+  EXPECT_TRUE(waiting.WaitForEnd(milliseconds(1000)));
+  EXPECT_TRUE(streaming.WaitForEnd(milliseconds(1000)));
+  EXPECT_FALSE(stream->IsOpen());
+  EXPECT_FALSE(asked_[0]->IsOpen());
+}
+
+}  // namespace qx::view
