@@ -32,11 +32,9 @@ struct Stated {
 
 // The pages that describe in full what a manual page sums up.
 const std::map<std::string, std::vector<std::string>> kFormatPages = {
-    {"qxini.5.scd", {"ini-files.md"}},
-    {"qxnames.5.scd", {"report-names.md"}},
-    {"qxregistry.5.scd", {"registry-file.md"}},
-    {"qxreport.5.scd", {"report-store.md"}},
-    {"qxtrace.5.scd", {"trace.md", "trace-ring.md"}},
+    {"qxini.5.scd", {"ini-files.md"}},          {"qxnames.5.scd", {"report-names.md"}},
+    {"qxregistry.5.scd", {"registry-file.md"}}, {"qxrelay.ini.5.scd", {"relay.md"}},
+    {"qxreport.5.scd", {"report-store.md"}},    {"qxtrace.5.scd", {"trace.md", "trace-ring.md"}},
 };
 
 std::string Without(std::string text, std::string_view characters) {

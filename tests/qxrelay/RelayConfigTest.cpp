@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -102,6 +104,24 @@ TEST_F(RelayConfigFile, WhatIsWrongIsNamedAndTheDefaultStays) {
 TEST_F(RelayConfigFile, AMissingFileIsAFinding) {
   EXPECT_EQ(ReadConfig(dir_.File("none.ini"), config_),
             ConfigFindings{"cannot open " + dir_.File("none.ini") + ": No such file or directory"});
+}
+
+// "## [send]" begins a section of the manual page, and "*batch\\_bytes*" a key.
+TEST(RelayManual, ThePageHasEachKeyAndNoOther) {
+  std::istringstream page(qx::test::ReadFile(QX_SOURCE_DIR "/docs/man/qxrelay.ini.5.scd"));
+  std::set<std::string> in_page;
+  std::string section;
+  for (std::string line; std::getline(page, line);) {
+    std::erase(line, '\\');
+    if (line.starts_with("## [")) section = line.substr(4, line.size() - 5);
+    const bool is_key = !section.empty() && line.starts_with('*') && line.ends_with('*');
+    if (is_key && section != "labels") in_page.insert(section + " " + line.substr(1, line.size() - 2));
+  }
+  std::set<std::string> keys;
+  for (const auto& [of_section, key] : qx::relay::ConfigKeys()) {
+    keys.insert(std::string(of_section) + " " + std::string(key));
+  }
+  EXPECT_EQ(in_page, keys);
 }
 
 TEST(RelayPatterns, StarsAndQuestionMarksMatch) {

@@ -329,6 +329,12 @@ ConfigFindings ReadConfig(const std::string& path, RelayConfig& config) {
   return findings;
 }
 
+std::vector<std::pair<std::string_view, std::string_view>> ConfigKeys() {
+  std::vector<std::pair<std::string_view, std::string_view>> keys;
+  for (const KeyRow& row : Rows()) keys.emplace_back(row.section, row.key);
+  return keys;
+}
+
 std::string ApiPrefix(const StreamSettings& stream) {
   return stream.domain.empty() ? "$JS.API" : "$JS." + stream.domain + ".API";
 }

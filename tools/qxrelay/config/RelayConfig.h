@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace qx::relay {
@@ -87,6 +88,9 @@ using ConfigFindings = std::vector<std::string>;
 // Reads the file into `config`. Values with a finding keep their defaults. A file that cannot be read is one finding.
 // It reads nothing else: "qxrelay check" proves what the values name. Throws std::bad_alloc. [any thread]
 [[nodiscard]] ConfigFindings ReadConfig(const std::string& path, RelayConfig& config);
+
+// Every key with its section, in the order of the sections, except those of [labels]. [any thread]
+[[nodiscard]] std::vector<std::pair<std::string_view, std::string_view>> ConfigKeys();
 
 // The subjects of JetStream's interface begin with it. [any thread]
 //   no domain  => $JS.API
