@@ -22,6 +22,7 @@ export class LiveEvents {
     this.onState = onState;
     this.running = null;
     this.failures = 0;
+    this.isLive = false;
     this.onVisibility = () => (document.hidden ? this.pause("hidden") : this.resume());
     document.addEventListener("visibilitychange", this.onVisibility);
     if (document.hidden) this.onState({ name: "hidden" });
@@ -37,6 +38,7 @@ export class LiveEvents {
   pause(state) {
     this.running?.abort();
     this.running = null;
+    this.isLive = false;
     this.onState({ name: state });
   }
 
@@ -57,7 +59,7 @@ export class LiveEvents {
   async run(signal) {
     while (!signal.aborted) {
       try {
-        if (this.failures === 0) this.onState({ name: "connecting" });
+        if (this.failures === 0 && !this.isLive) this.onState({ name: "connecting" });
         await withStreamLock(signal, (locked) => (locked ? this.stream(signal) : this.poll(signal)));
       } catch (error) {
         if (signal.aborted) return;
@@ -70,12 +72,14 @@ export class LiveEvents {
   async waitAfter(error, signal) {
     const wait = retryMs[Math.min(this.failures, retryMs.length - 1)];
     this.failures += 1;
+    this.isLive = false;
     this.onState({ name: "lost", error, retryAt: Date.now() + wait });
     await sleep(wait, signal);
   }
 
   works() {
     this.failures = 0;
+    this.isLive = true;
     this.onState({ name: "live" });
   }
 

@@ -26,7 +26,7 @@ export function showLogin(root, problem, done) {
     element("h1", {}, "Log in with the address of this server"),
     element("p", { id: "login-help" }, "qxview prints an address when it starts, and another one on the signal HUP. Open the newest ",
       "address, or paste it here. Each is valid once, for five minutes. For a service:"),
-    element("pre", { class: "command" }, "systemctl kill --signal=HUP qxview\njournalctl --unit=qxview --lines=5"),
+    element("pre", { class: "command" }, "systemctl reload qxview\njournalctl --unit=qxview --lines=5"),
     element("form", { class: "login-form", onsubmit: submit },
       element("label", { for: "address" }, "Address printed by qxview"),
       input,

@@ -20,10 +20,11 @@ export class OverviewRow {
     this.rate = element("td", { class: "number", "data-label": "Rate" });
     this.value = element("span", { class: "value" });
     this.field = element("span", { class: "value-field" });
+    this.valueCell = element("td", { class: "column-value" }, this.field, " ", this.value);
     this.spark = sparkline();
     this.findings = element("td", { class: "column-findings" });
     this.node = element("tr", {}, this.state, element("th", { scope: "row", class: "column-report" }, this.link, this.trouble),
-      this.age, this.wrap, this.rate, element("td", { class: "column-value" }, this.field, " ", this.value),
+      this.age, this.wrap, this.rate, this.valueCell,
       element("td", { class: "column-trend" }, this.spark.picture), this.findings);
   }
 
@@ -81,6 +82,7 @@ export class OverviewRow {
     const value = report.number !== null && report.value === null ? number(report.number) : textOf(report, "value");
     setText(this.value, value === "" ? "\u2013" : value);
     setAttribute(this.value, "title", value);
+    setAttribute(this.valueCell, "data-empty", value === "" ? "" : null);
   }
 
   showFindings(report, route) {

@@ -74,6 +74,7 @@ class Report {
   }
 
   build(row, info, fields, names) {
+    this.release();
     this.head = new ReportHead();
     this.chart = new ReportChart(this);
     this.records = new RecordsPanel(this);
@@ -254,10 +255,14 @@ class Report {
   }
 
   close() {
-    this.show.cancel();
-    clearInterval(this.ticks);
     this.abort.abort();
     this.live?.close();
+    this.release();
+  }
+
+  release() {
+    this.show.cancel();
+    clearInterval(this.ticks);
     this.chart?.close();
     this.records?.close();
   }

@@ -10,7 +10,7 @@ export function passes(entry, level, filter) {
   const text = entry.text ?? textOf(entry, "text");
   const found = entry.severity;
   const levelFits = level === "" || found === "error" || (level === "warning" && found === "warning");
-  return levelFits && matches(text, filter);
+  return levelFits && (matches(text, filter) || matches(textOf(entry, "module"), filter));
 }
 
 // "/var/log/brollan/log.qxremconxfer" => "log.qxremconxfer"
