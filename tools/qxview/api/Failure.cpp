@@ -14,7 +14,7 @@ struct Row {
 // In the order of Failure.
 constexpr Row kRows[] = {
     {401, "QX601"}, {403, "QX602"}, {403, "QX603"}, {403, "QX604"}, {404, "QX605"}, {405, "QX606"},
-    {400, "QX607"}, {404, "QX608"}, {503, "QX609"}, {503, "QX610"}, {404, "QX611"}, {404, "QX612"},
+    {400, "QX607"}, {404, "QX608"}, {503, "QX609"}, {503, "QX610"}, {503, "QX611"},
 };
 
 const Row& RowOf(Failure failure) { return kRows[static_cast<std::size_t>(failure)]; }

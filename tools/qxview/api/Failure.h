@@ -19,8 +19,7 @@ enum class Failure {
   kNoSuchReport,
   kUnreadable,  // a report, or the system, fails
   kBusy,        // too many requests wait
-  kNoNames,     // the report has no instance names
-  kNoTraces,    // there is no trace file
+  kNoTraces,    // the trace directory cannot be read
 };
 
 [[nodiscard]] std::string_view CodeOf(Failure failure);

@@ -69,7 +69,7 @@ HttpReply LiveDesk::TracesReply(const HttpRequest& request) {
   if (!watch.after.empty()) return ReplyOf(TracesDocument(traces_.ReadAfter(watch)));
   TracePage page;
   if (!traces_.Read(watch.wish, count_max, page)) {
-    return ReplyOf(Failure::kNoTraces, "there are no trace files (log.*) in the trace directory");
+    return ReplyOf(Failure::kNoTraces, "the traces cannot be read");
   }
   return ReplyOf(TracesDocument(page));
 }

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <utility>
 
@@ -137,7 +138,7 @@ bool TraceFeed::Read(const TraceWish& wish, std::size_t count_max, TracePage& pa
   Poll();
   const std::uint64_t before = next_;
   ChosenTraces read = ReadTraces(directory_, wish, count_max);
-  if (read.error != 0) return false;
+  if (read.error != 0 && read.error != ENOENT) return false;
   Poll();
   TraceChoice choice(wish);
   const std::size_t new_count = std::min<std::size_t>(next_ - before, kept_.size());

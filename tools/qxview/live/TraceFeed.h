@@ -51,7 +51,8 @@ class TraceFeed {
 
   TraceFeed(std::string directory, Deliver deliver);
 
-  // The newest entries that pass; false: there is no trace file. [owning thread]
+  // The newest entries that pass; false: the directory cannot be read. Without trace files there are no entries.
+  // [owning thread]
   [[nodiscard]] bool Read(const TraceWish& wish, std::size_t count_max, TracePage& page);
   // The entries after the cursor; if the cursor is not known any more, the newest entries. [owning thread]
   [[nodiscard]] TracePage ReadAfter(const TraceWatch& watch);

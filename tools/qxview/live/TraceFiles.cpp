@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -55,6 +57,8 @@ using OpenTraces = std::vector<std::unique_ptr<OpenTrace>>;
 
 // A file that cannot be read is left out: doctor reports it.
 int OpenAll(const std::string& directory, OpenTraces& traces) {
+  std::error_code error;
+  if (!std::filesystem::exists(directory, error) && !error) return ENOENT;
   std::vector<std::string> names;
   const ctl::Status status = ctl::FindTraceFiles(directory, names);
   if (!status.IsOk()) return status.Code() == ctl::ExitCode::kIo ? EIO : ENOENT;
@@ -63,7 +67,8 @@ int OpenAll(const std::string& directory, OpenTraces& traces) {
     const bool is_open = traces.size() < kFilesMax && trace->Open(directory + "/" + name);
     if (is_open) traces.push_back(std::move(trace));
   }
-  return traces.empty() ? ENOENT : 0;
+  if (!traces.empty()) return 0;
+  return names.empty() ? ENOENT : EIO;
 }
 
 OpenTrace* Oldest(const OpenTraces& traces) {
