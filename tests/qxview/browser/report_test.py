@@ -177,6 +177,13 @@ class ReportTest(BrowserTest):
         ActionChains(self.driver).move_to_element_with_offset(self.chart(), int(0.3 * width), 0).perform()
         self.wait(lambda: self.text('[aria-label="Records"] [aria-current=true] .log-time') not in ("", time), "another marked record")
 
+    def test_cursor_before_the_loaded_records_marks_none(self):
+        self.open_machine(f"?at={int(self.moments[10].timestamp() * 1000)}")
+        self.wait(lambda: self.all(".plot-cursor:not([hidden])"), "the cursor on the chart")
+        self.assertEqual(self.all('[aria-label="Records"] [aria-current=true]'), [])
+        self.button("Show older").click()
+        self.wait(lambda: utc_text(self.moments[10] + VIEWER_OFFSET)[11:] == self.text("[aria-current=true] .log-time"), "the marked record")
+
     def test_filter_shows_matching_records_and_marks_them(self):
         self.open_machine()
         self.one(".filter").send_keys("LOAD=1.3")

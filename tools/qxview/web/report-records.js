@@ -126,8 +126,10 @@ export class RecordsPanel {
     setAttribute(this.search, "data-used", filter === "" ? null : "");
   }
 
+  // A time before the oldest record of a list that was cut marks nothing: its record is not here.
   mark(time, scroll) {
-    this.list.mark(time, scroll);
+    const oldest = this.list.size > 0 ? this.report.chart.placeOf(this.list.entries.at(-1)) : null;
+    this.list.mark(this.isCut && time < oldest ? null : time, scroll);
   }
 
   close() {
