@@ -183,11 +183,11 @@ void ReportWork::Examine(TimeMs now) {
     return;
   }
   const bool is_as_seen = IsAsLastSeen(now);
-  Examination found = is_as_seen ? seen_->found : Look();
+  Examination found = is_as_seen ? seen_->found : ExamineStore();
   if (!is_as_seen) RememberSeen(now, found);
   Action action = sender_.Examined(now, found);
   if (is_as_seen && action.kind == ActionKind::kRecords) {  // what was seen says when to send, and not what
-    found = Look();
+    found = ExamineStore();
     RememberSeen(now, found);
     action = sender_.Examined(now, found);
   }
@@ -232,7 +232,7 @@ void ReportWork::RememberSeen(TimeMs now, const Examination& found) {
   seen_ = {.found = found, .header = reader_.View().header, .status = std::nullopt, .until = now + kSeenMs};
 }
 
-Examination ReportWork::Look() {
+Examination ReportWork::ExamineStore() {
   Examination found;
   ++context_.counters.opens;
   found.error = reader_.Open();

@@ -75,7 +75,7 @@ class ReportWork {
   void ReleaseLookUp();
   void FindItsPlace(TimeMs now);
   void Examine(TimeMs now);
-  [[nodiscard]] Examination Look();
+  [[nodiscard]] Examination ExamineStore();
   [[nodiscard]] bool IsAsLastSeen(TimeMs now);
   [[nodiscard]] bool IsHeaderAsSeen() const;
   void RememberSeen(TimeMs now, const Examination& found);

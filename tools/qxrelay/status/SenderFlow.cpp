@@ -51,7 +51,7 @@ void SenderFlow::AddCount(const std::string& report, std::int64_t time, std::uin
   rings_[report].gauge.Add(time, end);
 }
 
-bool SenderFlow::Look(const std::string& report, std::int64_t wall_ms, Ring& ring) const {
+bool SenderFlow::ReadRing(const std::string& report, std::int64_t wall_ms, Ring& ring) const {
   const std::string path = report::PathIn(directory_, report);
   struct stat status = {};
   if (file::StatusOf(report::IndexFileName(path).c_str(), status) != 0) return false;
@@ -72,7 +72,7 @@ ReportFlow SenderFlow::FlowOf(const SentReport& sent, std::int64_t now, std::int
   flow.records = sent.counters.records;
   flow.gap_records = sent.counters.gap_records;
   Ring& ring = rings_[sent.report];
-  if (!Look(sent.report, wall_ms, ring)) return flow;
+  if (!ReadRing(sent.report, wall_ms, ring)) return flow;
   const report::IndexHeader& header = ring.header;
   if (header.highestIndex != 0) flow.ring_slots = header.maxRecord;
   const std::optional<RecordRange> range = sent.is_placed ? RangeNear(header, sent.next) : std::nullopt;

@@ -44,7 +44,7 @@ class SenderFlow {
     FlowGauge gauge;
   };
 
-  [[nodiscard]] bool Look(const std::string& report, std::int64_t wall_ms, Ring& ring) const;
+  [[nodiscard]] bool ReadRing(const std::string& report, std::int64_t wall_ms, Ring& ring) const;
   [[nodiscard]] ReportFlow FlowOf(const SentReport& sent, std::int64_t now, std::int64_t wall_ms);
 
   std::string host_;
