@@ -1,5 +1,5 @@
-// Which texts of a report a writer could have overwritten between two headers: for readers that must know whether the
-// texts that they read between the two are whole.
+// Which texts of a report a writer could have overwritten between two reads of the header: for readers that must know
+// whether the texts that they read in between are whole.
 #pragma once
 
 #include <cstdint>

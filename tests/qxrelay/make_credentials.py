@@ -2,7 +2,7 @@
 """make_credentials.py DIRECTORY [SUBJECT...]: keys and tokens of an operator, an account and a user, for a test's server.
 
 Writes DIRECTORY/server.conf, which a server includes, and DIRECTORY/user.creds, with which a client connects. The user
-may publish to the subjects, or to all without any. openssl makes and uses the keys; nothing of them outlives the test.
+may publish to the given subjects; without any, to all. openssl makes and uses the keys; nothing of them outlives the test.
 """
 import base64
 import json

@@ -1,7 +1,7 @@
 // The values that the tab key offers, as far as a completion script cannot know them itself: reports, keys, codes, ...
 //
-// An area defines an OfferSource for each such kind, and Main.cpp lists them. `qxctl _offers NAME -- CURRENT WORDS`
-// prints what a source returns. A source prints no messages and does not fail: the tab key must not.
+// A folder of commands defines an OfferSource for each such kind, and Main.cpp lists them. `qxctl _offers NAME --
+// CURRENT WORDS` prints what a source returns. A source prints no messages and does not fail: the tab key must not.
 #pragma once
 
 #include <string>

@@ -1,11 +1,11 @@
 // The block of a call file: from memory to JSON and back.
 //
 // An element is an object with its index, its type and one more key, which shows what its value points to:
-//   "number"      4, 5, 6 and, of any type but 8 and 512, the credential marker: a number
-//   "text"        8: a string; null for a null pointer; "textBase64" if it is not UTF-8
-//   "blocks"      512: a chain of nested blocks, an array of arrays of elements
-//   "list"        19 and 61, whatever their type: an element list
-//   "validation"  65: validation data
+//   "number"      types 4, 5, 6, and the credential marker of any type but 8 and 512: a number
+//   "text"        type 8: a string; null for a null pointer; "textBase64" if it is not UTF-8
+//   "blocks"      type 512: a chain of nested blocks, an array of arrays of elements
+//   "list"        indexes 19 and 61, whatever their type: an element list
+//   "validation"  index 65: validation data
 //   "pointer"     null: a pointer of the module or of the host, or no value
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,4 @@
-// The flow of a service as a JSON object, in a file and in the document of "qxrelay status --json".
+// The figures of a service (`ServiceFlow`) as a JSON object, in a file and in the document of "qxrelay status --json".
 //
 // A text that is not UTF-8 is null, and its key with "Base64" appended has its bytes.
 #pragma once

@@ -17,8 +17,8 @@ struct TableShape {
   std::function<std::string(std::size_t row, std::size_t column, const std::string& cell)> paint = {};
 };
 
-// Rows of one size, with columns of equal width and no blanks at the end. The last column is as it is, so it may be
-// painted already.
+// All rows have the same number of cells. Each column but the last is padded to one width; the last one is not padded
+// or painted, so its cells may have colours already. Lines have no blanks at their end.
 [[nodiscard]] std::string TableText(const std::vector<TableRow>& rows, const TableShape& shape = {});
 
 // How many columns of a terminal a text takes, if none of its characters is wide.
