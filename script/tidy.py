@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
 """clang-tidy over the sources on standard input: script/tidy.py BUILD_FOLDER [--analyser]
 
-Most of clang-tidy's time goes into the system's headers, which each source includes again. So the sources of a folder are read
-together, sixteen at a time, in a fraction of the time. With --analyser they are also analysed, along a third of the usual number
+Most of clang-tidy's time goes into the system's headers, which each source includes again. So sources are read together, up to
+thirty-two at a time, in a fraction of the time. With --analyser those of the module are also analysed, along a third of the usual number
 of paths; script/trust hardening follows them all. The analyser leaves out what a source includes, unless the name of that
 source begins with UnifiedSource.
 
-Sources that do not compile together are checked singly.
+Sources that do not compile together are checked in halves.
 """
 import collections
 import concurrent.futures
@@ -18,13 +18,10 @@ import shlex
 import subprocess
 import sys
 
+import join_sources
+
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-SOURCES_AT_A_TIME = 16
-INCLUDE = re.compile(r'^[ ]*#[ ]*include[ ]+[<"].*?[>"]', re.MULTILINE)
-UNNAMED_NAMESPACE = re.compile(r"^namespace \{$(.*?)^\}  // namespace$", re.MULTILINE | re.DOTALL)
-# A type, an alias, a constant or a function of one source, at the beginning of a line. Members ("Class::Name") are not meant.
-DEFINITION = re.compile(r"^(?:(?:struct|class|enum class|enum|union)\s+(?P<type>\w+)|using\s+(?P<alias>\w+)\s*=|"
-                        r"(?!using\b|namespace\b|extern\b)\w[\w:<>,*& \[\]]*[ *&](?P<name>\w+) ?[({=;\[])", re.MULTILINE)
+SOURCES_AT_A_TIME = 32
 
 
 def tidy(folder, source, *options):
@@ -37,83 +34,73 @@ def tidy(folder, source, *options):
     return run.stdout + "\n".join(notes)
 
 
-def definitions(text):
-    own = "".join(UNNAMED_NAMESPACE.findall(text))
-    return {name for match in DEFINITION.finditer(own) for name in match.groups() if name}
-
-
-def joined(sources):
-    """One source that includes the others, after all of their headers. A name that two of them define gets a number in each."""
-    texts = [(ROOT / source).read_text() for source in sources]
-    counts = collections.Counter(name for text in texts for name in definitions(text))
-    shared = sorted(name for name, count in counts.items() if count > 1)
-    lines = sorted({include for text in texts for include in INCLUDE.findall(text)})
-    for number, source in enumerate(sources):
-        lines += [f"#define {name} {name}_{number}" for name in shared]
-        lines.append(f'#include "{source}"  // NOLINT(bugprone-suspicious-include)')
-        lines += [f"#undef {name}" for name in shared]
-    return "\n".join(lines) + "\n"
-
-
 def groups(commands, sources):
-    """Sources of one folder with the same flags, some at a time."""
+    """Sources with the same flags, in the order of their folders, some at a time."""
     alike = collections.defaultdict(list)
-    for source in sources:
+    for source in sorted(sources):
         entry = commands[source]
         output = re.search(r" -o (\S+)", entry["command"]).group(1)
-        flags = entry["command"].replace(entry["file"], "").replace(output, "")
-        alike[(os.path.dirname(source), flags)].append(source)
+        program = source if source.endswith("/Main.cpp") else ""  # a program has one of them
+        alike[(entry["command"].replace(entry["file"], "").replace(output, ""), program)].append(source)
     for members in alike.values():
         parts = -(-len(members) // SOURCES_AT_A_TIME)
-        yield from (members[part::parts] for part in range(parts))
+        ends = [len(members) * part // parts for part in range(parts + 1)]
+        yield from (members[begin:end] for begin, end in zip(ends, ends[1:]))
 
 
-def write_joined(folder, commands, batches):
-    """One joined source for each group, and the file that says how they are compiled. Returns their paths."""
-    folder.mkdir(parents=True, exist_ok=True)
-    paths, entries = [], []
-    for number, sources in enumerate(batches):
-        path = folder / f"UnifiedSource_{number}.cpp"
-        path.write_text(joined(sources))
-        entry = commands[sources[0]]
-        arguments = [str(path) if argument == entry["file"] else argument for argument in shlex.split(entry["command"])]
-        entries.append({"directory": entry["directory"], "file": str(path), "command": shlex.join(arguments)})
-        paths.append(path)
-    (folder / "compile_commands.json").write_text(json.dumps(entries))
-    return paths
+def write_joined(folder, commands, sources):
+    """One source that includes the others, and the file that says how it is compiled. Returns its path."""
+    place = folder / f"{sources[0].replace('/', '_')}-{len(sources)}"
+    place.mkdir(parents=True, exist_ok=True)
+    path = place / "UnifiedSource.cpp"
+    path.write_text(join_sources.joined(sources, ROOT))
+    entry = commands[sources[0]]
+    arguments = [str(path) if argument == entry["file"] else argument for argument in shlex.split(entry["command"])]
+    entries = [{"directory": entry["directory"], "file": str(path), "command": shlex.join(arguments)}]
+    (place / "compile_commands.json").write_text(json.dumps(entries))
+    return path
 
 
-def check_joined(build, folder, path, sources, options):
+def check(folder, commands, sources, options):
+    """The findings in sources that are read together; if they do not compile together, those in each half."""
     filter_ = f"--header-filter=^{re.escape(str(ROOT))}/(base|process|debug|markup|inifile|registry|provider|reportfile|sdk|tools)/.*$"
-    found = tidy(folder, path, filter_, *options)
-    if "[clang-diagnostic-error]" not in found:
+    path = write_joined(folder, commands, sources)
+    found = tidy(path.parent, path, filter_, *options)
+    if "[clang-diagnostic-error]" not in found or len(sources) == 1:
         return found
-    print(f"tidy: {len(sources)} sources from {sources[0]} on do not compile together; checked singly", file=sys.stderr)
-    return "".join(tidy(build, source, *options) for source in sources)
+    print(f"tidy: {len(sources)} sources from {sources[0]} on do not compile together; checked in halves", file=sys.stderr)
+    half = len(sources) // 2
+    return "".join(check(folder, commands, part, options) for part in (sources[:half], sources[half:]))
 
 
 def options_of(analyse):
+    # A name may shadow one of another source here; the compilers check the sources that belong together.
+    options = ["--extra-arg=-Wno-shadow"]
     if not analyse:
-        return ["--checks=-clang-analyzer-*"]
+        return [*options, "--checks=-clang-analyzer-*"]
     # What .clang-tidy switches off must be switched off again after the wildcard.
     checks = "--checks=clang-analyzer-*,-clang-analyzer-valist.Uninitialized," \
              "-clang-analyzer-security.insecureAPI.DeprecatedOrUnsafeBufferHandling"
-    return [checks, *(f"--extra-arg={word}" for word in ("-Xclang", "-analyzer-config", "-Xclang", "max-nodes=75000"))]
+    limits = ("-Xclang", "-analyzer-config", "-Xclang", "max-nodes=75000")
+    return [*options, checks, *(f"--extra-arg={word}" for word in limits)]
+
+
+def is_tool(batch):
+    return batch[0].startswith("tools/")
 
 
 def main():
     build = ROOT / sys.argv[1]
-    analyse = "--analyser" in sys.argv[2:]
     sources = sys.stdin.read().split()
     commands = {os.path.relpath(entry["file"], ROOT): entry for entry in json.loads((build / "compile_commands.json").read_text())}
     missing = [source for source in sources if source not in commands]
     if missing:
         sys.exit(f"tidy: {build.name} does not build {' '.join(missing)}")
-    batches = list(groups(commands, sources))
-    folder = build / ("joined-analysed" if analyse else "joined")
     with concurrent.futures.ThreadPoolExecutor(int(os.environ.get("QX_JOBS", os.cpu_count() or 1))) as pool:
-        work = [pool.submit(check_joined, build, folder, path, batch, options_of(analyse))
-                for path, batch in zip(write_joined(folder, commands, batches), batches)]
+        work = []
+        for batch in sorted(groups(commands, sources), key=is_tool):  # the analysed ones take longest
+            analyse = "--analyser" in sys.argv[2:] and not is_tool(batch)
+            work.append(pool.submit(check, build / "joined", commands, batch, options_of(analyse)))
         found = [part.result() for part in work]
     print("".join(found), end="")
     sys.exit(1 if any(found) else 0)
