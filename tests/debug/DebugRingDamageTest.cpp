@@ -355,8 +355,7 @@ TEST(DebugRingDamage, EveryFailedWriteOfANewFileHasItsMessageAndLeavesNoFile) {
 TEST(DebugRingDamage, FileSizeLimitOfTheProcessDoesNotEndIt) {
   RingSetup setup;
   EXPECT_EQ(qx::test::TextOfChild([&]() -> std::string {
-              const rlimit small{kSize - 1, kSize - 1};
-              ::setrlimit(RLIMIT_FSIZE, &small);
+              if (!qx::test::LimitFileSize(kSize - 1)) return "no limit";
               ::signal(SIGXFSZ, SIG_DFL);
               return setup.OpenRing(kSize) ? "a ring" : "none";
             }),

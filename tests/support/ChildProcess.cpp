@@ -94,8 +94,10 @@ std::string TextOfChild(const std::function<std::string()>& body, const ChildTex
 }
 
 bool LimitFileSize(std::size_t bytes) {
-  const rlimit limit = {.rlim_cur = bytes, .rlim_max = bytes};
-  return std::signal(SIGXFSZ, SIG_IGN) != SIG_ERR && setrlimit(RLIMIT_FSIZE, &limit) == 0;
+  rlimit limit = {};
+  if (std::signal(SIGXFSZ, SIG_IGN) == SIG_ERR || getrlimit(RLIMIT_FSIZE, &limit) != 0) return false;
+  limit.rlim_cur = bytes;  // the other limit stays, for EndChild
+  return setrlimit(RLIMIT_FSIZE, &limit) == 0;
 }
 
 WaitingChild::WaitingChild(const std::function<bool()>& action) {
