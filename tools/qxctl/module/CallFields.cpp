@@ -78,12 +78,12 @@ bool FieldReader::Bytes(const char* key, std::optional<std::string>& bytes) cons
 }
 
 bool FieldReader::Integer(const char* key, std::int32_t& number) const {
-  using Limits = std::numeric_limits<std::int32_t>;
+  using Int32 = std::numeric_limits<std::int32_t>;
   const CallJson* const field = Find(key);
   if (field == nullptr || !field->is_number_integer()) return Wrong(key, "an integer");
-  const bool is_too_large = field->is_number_unsigned() && field->get<std::uint64_t>() > Limits::max();
+  const bool is_too_large = field->is_number_unsigned() && field->get<std::uint64_t>() > Int32::max();
   const std::int64_t value = is_too_large ? 0 : field->get<std::int64_t>();
-  if (is_too_large || value < Limits::min() || value > Limits::max()) return Wrong(key, "an integer of 32 bits");
+  if (is_too_large || value < Int32::min() || value > Int32::max()) return Wrong(key, "an integer of 32 bits");
   number = static_cast<std::int32_t>(value);
   return true;
 }
