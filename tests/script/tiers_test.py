@@ -57,6 +57,8 @@ TIERS_OF = [
     ("packaging/abi/", ["test"]),
     ("script/bench", ["bench", "plot"]),  # the second only for --plot
     ("script/house_style.py", ["test"]),
+    ("script/join_sources.py", ["test"]),
+    ("script/own_includes.py", ["test"]),
     ("script/plain_english.py", ["test"]),
     ("script/tidy.py", ["lint"]),
     ("tests/", ["test"]),
