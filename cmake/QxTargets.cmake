@@ -241,7 +241,7 @@ function(qx_test name)
   qx_compile_as_test(${name})
   qx_precompile_test_headers(${name})
   if(QX_JOIN_TEST_SOURCES)
-    set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+    set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 16)
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
       target_compile_options(${name} PRIVATE -Wno-subobject-linkage)  # takes a joined source for a header
     endif()
