@@ -2,9 +2,9 @@
 """clang-tidy over the sources on standard input: script/tidy.py BUILD_FOLDER [--analyser]
 
 Most of clang-tidy's time goes into the system's headers, which each source includes again. So sources are read together, up to
-thirty-two at a time, in a fraction of the time. With --analyser those of the module are also analysed, along a third of the usual number
-of paths; script/trust hardening follows them all. The analyser leaves out what a source includes, unless the name of that
-source begins with UnifiedSource.
+thirty-two at a time, in a fraction of the time. With --analyser those of the module are also analysed, along a third of the
+usual number of paths; script/trust hardening follows them all. The analyser follows included code only if the name of the
+including source begins with UnifiedSource.
 
 Sources that do not compile together are checked in halves.
 """
