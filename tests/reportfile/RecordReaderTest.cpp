@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <random>
 #include <string>
 #include <vector>
@@ -329,6 +330,15 @@ TEST_F(RecordReaderTest, RecordsOfEveryLengthAroundTheWindowsAreTakenWhole) {
     store_.Close();
     unlink(files_.IndexPath().c_str());
   }
+}
+
+TEST_F(RecordReaderTest, SlotsThatTheFileLacksReadAsZero) {
+  Open({7, 9}, "0123456a\nb\n");
+  std::vector<std::uint32_t> offsets(4, 1);
+  EXPECT_EQ(reader_.ReadSlots(1, offsets), 0);
+  EXPECT_EQ(offsets, (std::vector<std::uint32_t>{9, 0, 0, 0}));
+  store_.Close();
+  EXPECT_EQ(reader_.ReadSlots(0, offsets), EBADF);
 }
 
 TEST_F(RecordReaderTest, InterruptedAndShortReadsAreContinued) {

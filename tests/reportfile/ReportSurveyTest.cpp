@@ -8,6 +8,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <ctime>
 #include <filesystem>
 #include <string>
@@ -62,6 +63,18 @@ class ReportSurvey : public testing::Test {
 };
 
 }  // namespace
+
+TEST_F(ReportSurvey, OneDirectoryIsListedWithoutThoseBelow) {
+  Make("load", 3, {"a"});
+  Make("disk", 3, {"a"});
+  Make("below/disk", 3, {"a"});
+  WriteFile(Base("notes.txt"), "");
+  WriteFile(Base("half.dat"), "");
+  const FoundReports found = report::FindReportsIn(dir_.Path());
+  EXPECT_EQ(found.error, 0);
+  EXPECT_THAT(found.names, ElementsAre("disk", "half", "load"));
+  EXPECT_EQ(report::FindReportsIn(Base("none")).error, ENOENT);
+}
 
 TEST_F(ReportSurvey, FindsReportsOfSubdirectoriesHalfOnesAndHiddenOnes) {
   Make("load", 3, {"a"});
