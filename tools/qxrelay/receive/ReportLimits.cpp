@@ -37,7 +37,9 @@ std::set<std::string> ReportsBelow(const std::string& directory) {
   while (!waiting.empty()) {
     const std::string below = std::exchange(waiting.back(), {});
     waiting.pop_back();
-    const file::Descriptor opened = file::OpenDirectory((directory + "/" + below).c_str(), O_NOFOLLOW);
+    std::string path = directory;
+    path.append("/").append(below);
+    const file::Descriptor opened = file::OpenDirectory(path.c_str(), O_NOFOLLOW);
     std::vector<std::string> names;
     if (!opened.IsOpen() || file::ListNames(opened.Number(), names) != 0) continue;
     for (const std::string& name : names) {

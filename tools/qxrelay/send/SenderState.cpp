@@ -112,7 +112,7 @@ std::vector<std::string> OldFiles(const std::string& directory) {
   const file::Descriptor opened = file::OpenDirectory(path.c_str());
   std::vector<std::string> files;
   if (opened.IsOpen()) (void)file::ListNames(opened.Number(), files);  // those that come before a failure
-  for (std::string& name : files) name = path + "/" + name;
+  for (std::string& name : files) name.insert(0, path + "/");
   return files;
 }
 
@@ -146,7 +146,8 @@ void AddStates(std::string_view text, ReportStates& states) {
   while (!text.empty()) {
     std::optional<ReportState> state = TakeState(text);
     if (!state.has_value()) return;
-    states.insert_or_assign(state->report, *std::move(state));
+    const std::string report = state->report;
+    states.insert_or_assign(report, *std::move(state));
   }
 }
 

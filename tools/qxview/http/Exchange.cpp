@@ -3,7 +3,6 @@
 #include <microhttpd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 namespace qx::view {
@@ -43,7 +42,7 @@ std::ptrdiff_t ReplyStream::Take(char* to, std::size_t size) {
   }
   const std::string& first = *pending_.front();
   const std::size_t bytes = std::min(size, first.size() - taken_);
-  std::memcpy(to, first.data() + taken_, bytes);
+  (void)first.copy(to, bytes, taken_);
   taken_ += bytes;
   pending_bytes_ -= bytes;
   if (taken_ == first.size()) {

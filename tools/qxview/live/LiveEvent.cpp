@@ -15,7 +15,9 @@ bool IsName(std::string_view text) { return std::find(std::begin(kNames), std::e
 
 std::string TextOf(const Cursors& cursors) {
   std::string text;
-  for (const auto& [name, cursor] : cursors) text += (text.empty() ? "" : ";") + name + "=" + cursor;
+  for (const auto& [name, cursor] : cursors) {
+    text.append(text.empty() ? "" : ";").append(name).append("=").append(cursor);
+  }
   return text;
 }
 

@@ -62,9 +62,10 @@ int OpenAll(const std::string& directory, OpenTraces& traces) {
   std::vector<std::string> names;
   const ctl::Status status = ctl::FindTraceFiles(directory, names);
   if (!status.IsOk()) return status.Code() == ctl::ExitCode::kIo ? EIO : ENOENT;
+  const std::string prefix = directory + "/";
   for (const std::string& name : names) {
     auto trace = std::make_unique<OpenTrace>(name);
-    const bool is_open = traces.size() < kFilesMax && trace->Open(directory + "/" + name);
+    const bool is_open = traces.size() < kFilesMax && trace->Open(prefix + name);
     if (is_open) traces.push_back(std::move(trace));
   }
   if (!traces.empty()) return 0;
@@ -93,7 +94,7 @@ bool IsSame(const TraceItem& left, const TraceItem& right) {
 
 std::size_t BytesOf(const TraceItem& item) {
   std::size_t bytes = sizeof item + item.entry.header.size() + item.entry.stamp.size();
-  for (const std::string& line : item.entry.lines) bytes += sizeof line + line.size();
+  for (const std::string& line : item.entry.lines) bytes += sizeof(std::string) + line.size();
   return bytes;
 }
 
