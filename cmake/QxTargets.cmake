@@ -94,12 +94,13 @@ function(qx_count_coverage target)
   endif()
 endfunction()
 
-# qx_library(NAME [FAST_BUILD | SPEED_COUNTS] SOURCES a.cpp... DEPS qx_other...): a subsystem library. It sees only what it links.
+# qx_library(NAME [FAST_BUILD | SPEED_COUNTS] [APART] SOURCES a.cpp... DEPS qx_other...): a subsystem library. It sees only what
+# it links. APART: its sources are never joined, because programs link some of them without what the others need.
 # The flags are this build's own: they do not follow an installed library into other people's programs.
 function(qx_library name)
-  cmake_parse_arguments(arg "FAST_BUILD;SPEED_COUNTS" "" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(arg "FAST_BUILD;SPEED_COUNTS;APART" "" "SOURCES;DEPS" ${ARGN})
   # Without a sanitizer, what ships in the module is compiled as it ships, and shows that each source includes what it names.
-  if(QX_JOIN_SOURCES AND (arg_FAST_BUILD OR QX_SANITIZE))
+  if(QX_JOIN_SOURCES AND NOT arg_APART AND (arg_FAST_BUILD OR QX_SANITIZE))
     qx_join_sources(arg_SOURCES ${name})
   endif()
   add_library(${name} STATIC ${arg_SOURCES})
