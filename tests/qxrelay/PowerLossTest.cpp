@@ -86,7 +86,7 @@ void LosePowerAtEachChange(Loss loss, std::uint64_t round = 0) {
 TEST(RelayPowerLoss, WhatIsAcknowledgedIsOnTheDisk) {
   LosePowerAtEachChange(Loss::kEverything);
   LosePowerAtEachChange(Loss::kTheLast);
-  for (const std::uint64_t round : {1, 2}) LosePowerAtEachChange(Loss::kOfEachName, round);
+  for (const std::uint64_t round : {1U, 2U}) LosePowerAtEachChange(Loss::kOfEachName, round);
 }
 
 // The disk may have the header, and not the records that it counts. They were not acknowledged, and come again.
