@@ -10,6 +10,7 @@
 
 #include "tests/qxrelay/chaos/ServerConfigs.h"
 #include "tests/support/Support.h"
+#include "tools/qxrelay/stream/NatsAdmin.h"
 
 namespace qx::chaos {
 
@@ -102,11 +103,17 @@ void ChaosFleet::Disturb(std::mt19937_64& random, std::int64_t now_ms) {
   }
   if (now_ms < next_ms_) return;
   next_ms_ = now_ms + kBetweenMs / 2 + Below(random, kBetweenMs);
-  const bool hits_server = !is_server_hit && now_ms >= next_server_ms_ && Below(random, 2) == 0;
+  const bool hits_server = !is_server_hit && now_ms >= next_server_ms_ && Below(random, 2) == 0 && IsStreamWhole();
   std::vector<Actor*>& group = hits_server ? server_actors_ : other_actors_;
   Actor& actor = *group[static_cast<std::size_t>(Below(random, static_cast<std::int64_t>(group.size())))];
   if (actor.state != State::kRuns) return;
   Hit(actor, random, now_ms, hits_server ? kServerFaultMaxMs : kFaultMaxMs);
+}
+
+// A server that runs again, but has not caught up, counts as a fault: three copies survive one.
+bool ChaosFleet::IsStreamWhole() const {
+  relay::StreamState state;
+  return !relay::ReadStream(stream_, state).has_value() && state.whole_copies == kServers;
 }
 
 void ChaosFleet::Hit(Actor& actor, std::mt19937_64& random, std::int64_t now_ms, std::int64_t most_ms) {

@@ -70,6 +70,7 @@ class ChaosFleet {
   void AddServers();
   void AddSender(int host);
   void AddCollector(int collector);
+  [[nodiscard]] bool IsStreamWhole() const;
   void Hit(Actor& actor, std::mt19937_64& random, std::int64_t now_ms, std::int64_t most_ms);
   static void Heal(Actor& actor);
   [[nodiscard]] std::string StreamLines() const;

@@ -29,6 +29,15 @@ std::string ProblemWithWords(const std::string& what, natsStatus status) {
   return nats::Problem(what, status) + (words != nullptr && *words != '\0' ? " (" + std::string(words) + ")" : "");
 }
 
+std::uint32_t WholeCopies(const jsClusterInfo& cluster) {
+  std::uint32_t copies = 1;  // that of the leader
+  for (int i = 0; i < cluster.ReplicasLen; ++i) {
+    const jsPeerInfo& copy = *cluster.Replicas[i];
+    if (copy.Current && !copy.Offline && copy.Lag == 0) ++copies;
+  }
+  return copies;
+}
+
 }  // namespace
 
 std::optional<std::string> CreateStream(const StreamSettings& settings) {
@@ -74,6 +83,7 @@ std::optional<std::string> ReadStream(const StreamSettings& settings, StreamStat
   state.last_sequence = info->State.LastSeq;
   const bool has_leader = info->Cluster != nullptr && info->Cluster->Leader != nullptr;
   state.leader = has_leader ? info->Cluster->Leader : "";
+  state.whole_copies = has_leader ? WholeCopies(*info->Cluster) : 0;
   state.settings = settings;
   state.settings.age = std::chrono::seconds(info->Config->MaxAge / kNanosecondsInSecond);
   state.settings.bytes = static_cast<std::uint64_t>(info->Config->MaxBytes);

@@ -15,10 +15,11 @@ struct StreamState {
   std::uint64_t bytes = 0;
   std::uint64_t first_sequence = 0;
   std::uint64_t last_sequence = 0;
-  std::string leader;            // name of a server; empty: the stream has no leader now, or the server no name
-  StreamSettings settings;       // name, age, bytes and replicas; the others are those that were requested
-  bool keeps_newest = false;     // discards the oldest messages, not the newest ones, when it is full
-  bool allows_look_ups = false;  // DIRECT.GET, which senders use
+  std::string leader;              // name of a server; empty: the stream has no leader now, or the server no name
+  std::uint32_t whole_copies = 0;  // that have all messages, that of the leader included
+  StreamSettings settings;         // name, age, bytes and replicas; the others are those that were requested
+  bool keeps_newest = false;       // discards the oldest messages, not the newest ones, when it is full
+  bool allows_look_ups = false;    // DIRECT.GET, which senders use
 };
 
 // Creates the stream of the settings: all subjects below the prefix, on disk, the oldest messages are discarded first,
