@@ -89,14 +89,14 @@ LAYERS["tools/qxrelay"] = LAYERS["tools/qxrelay/cli"] | {"tools/qxrelay/cli"}
 
 # The areas of the web view. web/ has pages, no sources.
 VIEW = {
-    "work": set(),
+    "tasks": set(),
     "http": set(),
     "session": {"http"},
     "assets": {"http"},
     "report": set(),
     "live": {"http", "session", "report"},
-    "api": {"work", "http", "session", "assets", "report", "live"},
-    "cli": {"work", "http", "session", "assets", "report", "live", "api"},
+    "api": {"tasks", "http", "session", "assets", "report", "live"},
+    "cli": {"tasks", "http", "session", "assets", "report", "live", "api"},
 }
 for area, others in VIEW.items():
     LAYERS[f"tools/qxview/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxview/{other}" for other in others} | {"tools/qxctl/cli/text"}

@@ -32,7 +32,7 @@ STANDARD = {
     "unordered_set": "unordered_set", "variant": "variant monostate visit", "vector": "vector",
 }
 HEADER_OF = {name: header for header, names in STANDARD.items() for name in names.split()}
-BRINGS = {"string": {"string_view"}, "mutex": {"chrono"}}  # <string> is specified to be usable with string_view
+BRINGS = {"string": {"string_view"}, "mutex": {"chrono"}}  # <string> brings string_view, by the standard
 
 
 def code_of(text):

@@ -12,8 +12,8 @@
 #include "tools/qxview/live/StreamHub.h"
 #include "tools/qxview/live/Survey.h"
 #include "tools/qxview/live/TraceFeed.h"
-#include "tools/qxview/work/Loop.h"
-#include "tools/qxview/work/Worker.h"
+#include "tools/qxview/tasks/Loop.h"
+#include "tools/qxview/tasks/Worker.h"
 
 namespace qx::view {
 

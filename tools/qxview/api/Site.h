@@ -18,8 +18,8 @@
 #include "tools/qxview/http/Exchange.h"
 #include "tools/qxview/session/Origin.h"
 #include "tools/qxview/session/Sessions.h"
-#include "tools/qxview/work/Loop.h"
-#include "tools/qxview/work/Worker.h"
+#include "tools/qxview/tasks/Loop.h"
+#include "tools/qxview/tasks/Worker.h"
 
 namespace qx::view {
 

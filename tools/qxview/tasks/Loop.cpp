@@ -1,4 +1,4 @@
-#include "tools/qxview/work/Loop.h"
+#include "tools/qxview/tasks/Loop.h"
 
 #include <sys/eventfd.h>
 

@@ -1,4 +1,4 @@
-#include "tools/qxview/work/Worker.h"
+#include "tools/qxview/tasks/Worker.h"
 
 #include <new>
 #include <utility>
