@@ -35,13 +35,14 @@ def tidy(folder, source, *options):
 
 
 def groups(commands, sources):
-    """Sources with the same flags, in the order of their folders, some at a time."""
+    """Sources with the same flags, in the order of their folders, some at a time. The tools', which are not analysed, apart."""
     alike = collections.defaultdict(list)
     for source in sorted(sources):
         entry = commands[source]
         output = re.search(r" -o (\S+)", entry["command"]).group(1)
         program = source if source.endswith("/Main.cpp") else ""  # a program has one of them
-        alike[(entry["command"].replace(entry["file"], "").replace(output, ""), program)].append(source)
+        flags = entry["command"].replace(entry["file"], "").replace(output, "")
+        alike[(flags, program, is_tool(source))].append(source)
     for members in alike.values():
         parts = -(-len(members) // SOURCES_AT_A_TIME)
         ends = [len(members) * part // parts for part in range(parts + 1)]
@@ -85,8 +86,8 @@ def options_of(analyse):
     return [*options, checks, *(f"--extra-arg={word}" for word in limits)]
 
 
-def is_tool(batch):
-    return batch[0].startswith("tools/")
+def is_tool(source):
+    return source.startswith("tools/")
 
 
 def main():
@@ -98,8 +99,8 @@ def main():
         sys.exit(f"tidy: {build.name} does not build {' '.join(missing)}")
     with concurrent.futures.ThreadPoolExecutor(int(os.environ.get("QX_JOBS", os.cpu_count() or 1))) as pool:
         work = []
-        for batch in sorted(groups(commands, sources), key=is_tool):  # the analysed ones take longest
-            analyse = "--analyser" in sys.argv[2:] and not is_tool(batch)
+        for batch in sorted(groups(commands, sources), key=lambda batch: is_tool(batch[0])):  # the analysed ones take longest
+            analyse = "--analyser" in sys.argv[2:] and not is_tool(batch[0])
             work.append(pool.submit(check, build / "joined", commands, batch, options_of(analyse)))
         found = [part.result() for part in work]
     print("".join(found), end="")
