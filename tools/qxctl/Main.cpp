@@ -64,8 +64,7 @@ using qx::ctl::Request;
 using qx::ctl::Status;
 
 constexpr std::string_view kSettingsHeading = "Settings";
-constexpr Command kModule = {
-    .words = "module", .help = "Call the provider module, and try it hard", .group = "The module"};
+constexpr Command kModule = {.words = "module", .help = "Call the provider module, and test it", .group = "The module"};
 constexpr Command kReport = {
     .words = "report", .help = "Work on a report's files, without the module", .group = qx::ctl::kReportsHeading};
 constexpr Command kRegistry = {

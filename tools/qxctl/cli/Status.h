@@ -11,11 +11,11 @@ namespace qx::ctl {
 // The exit code of the process. Scripts rely on the numbers; docs/qxctl.md lists them.
 enum class ExitCode : int {
   kOk = 0,
-  kFinding = 1,   // done, with findings
+  kFinding = 1,   // done, and something needs attention
   kUsage = 2,     // the command line is wrong; nothing was done
-  kChanged = 3,   // the report changed while it was read
+  kChanged = 3,   // a file changed while it was read or edited
   kNotFound = 4,  // no such report, store, module or input file
-  kRefused = 5,   // the module or the store refuses
+  kRefused = 5,   // refused by the module, the store or qxctl itself
   kIo = 6,        // a read, write, load or close failed
 };
 

@@ -81,7 +81,7 @@ std::vector<Offer> Codes(const Context&, const OfferRequest&) {
 constexpr Parameter kParameters[] = {
     {.name = "TEXT",
      .kind = ValueKind::kCode,
-     .help = "Result code, error number, exit code, doctor code or trace line",
+     .help = "Result code, error number, exit code, code of doctor or qxview, or line of a trace",
      .is_repeatable = true},
     {.name = "--list", .help = "Print all codes and texts that are known, each with its meaning"},
     {.name = "--json", .help = "Print the explanations as JSON"},

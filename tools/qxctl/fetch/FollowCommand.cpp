@@ -281,12 +281,12 @@ constexpr Parameter kParameters[] = {
     {.name = "--count",
      .kind = ValueKind::kInteger,
      .value = "NUMBER",
-     .help = "End after so many records",
+     .help = "End after this number of records",
      .limits = kPositive},
     {.name = "--for",
      .kind = ValueKind::kNumber,
      .value = "SECONDS",
-     .help = "End after so many seconds",
+     .help = "End after this number of seconds",
      .limits = {0, kSecondsMax}},
     {.name = "--wait", .help = "Wait for a report that does not exist yet"},
     {.name = "--from-now", .help = "Leave out the records that the report already has", .excludes = {"--last"}},
@@ -294,7 +294,7 @@ constexpr Parameter kParameters[] = {
 
 constexpr Parameter kJsonParameters[] = {
     {.name = "--json",
-     .help = "Print records and what happens to them as lines of JSON",
+     .help = "Print records and events as lines of JSON",
      .excludes = {"--plot", "--fields", "--format"}},
 };
 

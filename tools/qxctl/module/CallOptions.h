@@ -28,7 +28,7 @@ inline constexpr Parameter kModuleParameters[] = {
     {.name = "--module",
      .kind = ValueKind::kFile,
      .value = "FILE",
-     .help = "The module (default: QX_MODULE, next to qxctl, in ../lib of it, where the suite installs it)"},
+     .help = "The module (default: QX_MODULE, else in qxctl's folder, in ../lib next to it, in the suite's folder)"},
 };
 
 // The contents of the request block.
@@ -53,7 +53,7 @@ inline constexpr Parameter kBlockParameters[] = {
     {.name = "--block-version",
      .kind = ValueKind::kInteger,
      .value = "NUMBER",
-     .help = "Version of the block, 3.4.0 being 30400",
+     .help = "Version of the block; 30400 is 3.4.0",
      .group = "Request block",
      .limits = kUint32Limits},
     {.name = "--thread-id",

@@ -156,13 +156,13 @@ constexpr Parameter kRangeParameters[] = {
     {.name = "--start",
      .kind = ValueKind::kInteger,
      .value = "INDEX",
-     .help = "Index of the first record, 0 being the oldest",
+     .help = "Index of the first record; 0 is the oldest",
      .limits = kInt32Limits,
      .excludes = {"--input"}},
     {.name = "--records",
      .kind = ValueKind::kInteger,
      .value = "NUMBER",
-     .help = "Most records in the reply",
+     .help = "Maximum number of records in the reply",
      .limits = kInt32Limits,
      .excludes = {"--input"}},
 };
@@ -190,27 +190,27 @@ constexpr Example kModuleNamesExamples[] = {
 }  // namespace
 
 constinit const Command kModuleWhatCommand = {.words = "module what",
-                                              .help = "Ask the module who it is",
+                                              .help = "Print the name and version of the module",
                                               .run = What,
                                               .parameters = {kParameters, kModuleParameters, kBlockParameters},
                                               .examples = kModuleWhatExamples};
 
 constinit const Command kModuleReflectCommand = {.words = "module reflect",
-                                                 .help = "Have a document echoed",
+                                                 .help = "Make the module echo a document",
                                                  .run = Reflect,
                                                  .parameters = {kParameters, kModuleParameters, kBlockParameters},
                                                  .examples = kModuleReflectExamples};
 
 constinit const Command kModuleReportsCommand = {
     .words = "module reports",
-    .help = "Ask for records of a report, once",
+    .help = "Request records of a report in one call",
     .run = Reports,
     .parameters = {kParameters, kModuleParameters, kBlockParameters, kNameParameters, kRangeParameters},
     .examples = kModuleReportsExamples};
 
 constinit const Command kModuleNamesCommand = {
     .words = "module names",
-    .help = "Ask for the instance names of a report",
+    .help = "Request the instance names of a report in one call",
     .run = Names,
     .parameters = {kParameters, kModuleParameters, kBlockParameters, kNameParameters},
     .examples = kModuleNamesExamples};

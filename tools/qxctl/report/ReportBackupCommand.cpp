@@ -321,7 +321,9 @@ constexpr Parameter kParameters[] = {
 
 constexpr Parameter kRestoreParameters[] = {
     {.name = "--apply", .help = "Restore; without it nothing is changed"},
-    {.name = "--force", .help = "Also if a report is damaged in the backup, or being written", .needs = "--apply"},
+    {.name = "--force",
+     .help = "Restore also if a report is damaged in the backup, or being written",
+     .needs = "--apply"},
     {.name = "--consume", .help = "Remove the backup once it is restored", .needs = "--apply"},
 };
 
@@ -336,14 +338,15 @@ constexpr Example kReportRestoreExamples[] = {
 
 }  // namespace
 
-constinit const Command kReportBackupCommand = {.words = "report backup",
-                                                .help = "Copy the report directory, each report consistent by itself",
-                                                .run = Backup,
-                                                .parameters = {kParameters},
-                                                .examples = kReportBackupExamples};
+constinit const Command kReportBackupCommand = {
+    .words = "report backup",
+    .help = "Copy the report directory, each report as it was at one moment",
+    .run = Backup,
+    .parameters = {kParameters},
+    .examples = kReportBackupExamples};
 
 constinit const Command kReportRestoreCommand = {.words = "report restore",
-                                                 .help = "Say what restoring a backup would replace, or restore it",
+                                                 .help = "Restore a backup, or show what a restore would replace",
                                                  .run = Restore,
                                                  .parameters = {kParameters, kRestoreParameters},
                                                  .examples = kReportRestoreExamples};

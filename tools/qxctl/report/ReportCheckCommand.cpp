@@ -271,7 +271,7 @@ constexpr Example kReportSalvageExamples[] = {
 }  // namespace
 
 constinit const Command kReportVerifyCommand = {.words = "report verify",
-                                                .help = "Check a report's files against what their writer leaves",
+                                                .help = "Check a report's files against the rules of their writer",
                                                 .run = Verify,
                                                 .parameters = {kReportsOrAllParameters, kParameters},
                                                 .examples = kReportVerifyExamples};

@@ -311,7 +311,7 @@ constexpr Parameter kCreateParameters[] = {
 constexpr Parameter kAppendParameters[] = {
     {.name = "TEXT",
      .kind = ValueKind::kText,
-     .help = "A record each; - appends each line of standard input",
+     .help = "The text of a record; - appends each line of standard input",
      .is_required = true,
      .is_repeatable = true},
 };

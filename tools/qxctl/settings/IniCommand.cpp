@@ -182,7 +182,7 @@ constinit const Command kIniListCommand = {.words = "ini list",
                                            .examples = kIniListExamples};
 
 constinit const Command kIniGetCommand = {.words = "ini get",
-                                          .help = "Print one value as a reader gets it",
+                                          .help = "Print one value as a program reads it",
                                           .run = Get,
                                           .parameters = {kFileParameters, kGetParameters},
                                           .examples = kIniGetExamples};

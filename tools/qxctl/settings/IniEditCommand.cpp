@@ -225,7 +225,7 @@ constexpr Parameter kDeleteParameters[] = {
 };
 
 constexpr Parameter kCopyParameters[] = {
-    {.name = "NEW", .kind = ValueKind::kIniSection, .help = "Name of the other section; without it: the same"},
+    {.name = "NEW", .kind = ValueKind::kIniSection, .help = "Name of the target section (default: the same name)"},
     {.name = "--to", .kind = ValueKind::kFile, .value = "FILE", .help = "Another file"},
     {.name = "--create", .help = "Create the file if it is missing"},
 };

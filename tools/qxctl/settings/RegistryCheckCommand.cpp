@@ -153,7 +153,7 @@ constexpr Parameter kDiffParameters[] = {
 constexpr Parameter kExportParameters[] = {
     {.name = "KEY",
      .kind = ValueKind::kRegistryKey,
-     .help = "Path of the key, from a hive on; \"\" or without it: everything"},
+     .help = "Path of the key, beginning with a hive; without it, or with \"\": everything"},
     {.name = "FILE", .kind = ValueKind::kFile, .help = "The file to write; - or without it: standard output"},
     {.name = "--force", .help = "Also write to a file of another user; it keeps its owner"},
 };

@@ -185,12 +185,17 @@ Status Get(Context& context, const Values& values) {
 }
 
 constexpr Parameter kListParameters[] = {
-    {.name = "KEY", .kind = ValueKind::kRegistryKey, .help = "Path of the key, from a hive on; without it: the root"},
-    {.name = "--recursive", .letter = "-r", .help = "Everything below the key as well"},
+    {.name = "KEY",
+     .kind = ValueKind::kRegistryKey,
+     .help = "Path of the key, beginning with a hive; without it: the root"},
+    {.name = "--recursive", .letter = "-r", .help = "Also everything below the key"},
 };
 
 constexpr Parameter kGetParameters[] = {
-    {.name = "KEY", .kind = ValueKind::kRegistryKey, .help = "Path of the key, from a hive on", .is_required = true},
+    {.name = "KEY",
+     .kind = ValueKind::kRegistryKey,
+     .help = "Path of the key, beginning with a hive",
+     .is_required = true},
     {.name = "NAME", .kind = ValueKind::kRegistryValue, .help = "Name of the value", .is_required = true},
     {.name = "--expand", .help = "Replace %NAME% in a REG_EXPAND_SZ from this environment"},
 };

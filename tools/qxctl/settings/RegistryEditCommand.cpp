@@ -344,7 +344,10 @@ constexpr Parameter kForceParameters[] = {
 };
 
 constexpr Parameter kSetParameters[] = {
-    {.name = "KEY", .kind = ValueKind::kRegistryKey, .help = "Path of the key, from a hive on", .is_required = true},
+    {.name = "KEY",
+     .kind = ValueKind::kRegistryKey,
+     .help = "Path of the key, beginning with a hive",
+     .is_required = true},
     {.name = "NAME", .kind = ValueKind::kRegistryValue, .help = "Name of the value", .is_required = true},
     {.name = "VALUE",
      .kind = ValueKind::kText,
@@ -353,14 +356,17 @@ constexpr Parameter kSetParameters[] = {
     {.name = "--type",
      .kind = ValueKind::kText,
      .value = "TYPE",
-     .help = "string, expand, dword or binary; default: as it is, or string",
+     .help = "string, expand, dword or binary (default: the present type; of a new value: string)",
      .choices = kTypeNames,
      .ignores_case = true},
-    {.name = "--create", .help = "Also if there is no registry file, or none with a value"},
+    {.name = "--create", .help = "Create the registry if no file of it has a value"},
 };
 
 constexpr Parameter kDeleteParameters[] = {
-    {.name = "KEY", .kind = ValueKind::kRegistryKey, .help = "Path of the key, from a hive on", .is_required = true},
+    {.name = "KEY",
+     .kind = ValueKind::kRegistryKey,
+     .help = "Path of the key, beginning with a hive",
+     .is_required = true},
     {.name = "NAME", .kind = ValueKind::kRegistryValue, .help = "Name of the value; without it: the key itself"},
     {.name = "--recursive", .letter = "-r", .help = "The key with everything in it", .excludes = {"NAME"}},
 };
@@ -370,7 +376,7 @@ constexpr Parameter kImportParameters[] = {
     {.name = "--replace",
      .kind = ValueKind::kRegistryKey,
      .value = "KEY",
-     .help = "Empty this key first, so that it becomes as in FILE; \"\": everything"},
+     .help = "Make this key equal to the one in FILE; with \"\" the whole registry"},
 };
 
 constexpr Example kRegistrySetExamples[] = {
@@ -392,7 +398,7 @@ constexpr Example kRegistryImportExamples[] = {
 
 constinit const Command kRegistrySetCommand = {
     .words = "registry set",
-    .help = "Set one value, making the keys on its path",
+    .help = "Set one value, and create the missing keys of its path",
     .run = RunSet,
     .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kSetParameters},
     .examples = kRegistrySetExamples};
@@ -406,7 +412,7 @@ constinit const Command kRegistryDeleteCommand = {
 
 constinit const Command kRegistryImportCommand = {
     .words = "registry import",
-    .help = "Take over the keys and values of another registry file",
+    .help = "Set the keys and values of another registry file",
     .run = Import,
     .parameters = {kRegistryParameters, kEditParameters, kForceParameters, kImportParameters},
     .examples = kRegistryImportExamples};

@@ -25,7 +25,7 @@ inline constexpr Parameter kSinceOption = {
 inline constexpr Parameter kUntilOption = {.name = "--until",
                                            .kind = ValueKind::kTime,
                                            .value = "TIME",
-                                           .help = "Only up to this time, all of the day, minute or second",
+                                           .help = "Only up to this time; a day, minute or second counts to its end",
                                            .group = kSliceGroup};
 inline constexpr Parameter kGrepOption = {.name = "--grep",
                                           .kind = ValueKind::kText,
@@ -38,7 +38,7 @@ inline constexpr Parameter kUtcOption = {
 inline constexpr Parameter kTimeFormatOption = {.name = "--time-format",
                                                 .kind = ValueKind::kText,
                                                 .value = "FORMAT",
-                                                .help = "What the stamps of the records look like, as for strptime(3)",
+                                                .help = "Format of the records' stamps, as for strptime(3)",
                                                 .group = kSliceGroup};
 
 inline constexpr Parameter kRecordSliceParameters[] = {kLastOption,    kSinceOption, kUntilOption,     kGrepOption,

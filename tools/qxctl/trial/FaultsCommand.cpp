@@ -260,7 +260,7 @@ constexpr Parameter kParameters[] = {
     {.name = "--report",
      .kind = ValueKind::kReportOrStore,
      .value = "REPORT",
-     .help = "Report that can be read, when the registry names the directory"},
+     .help = "A readable report, needed if the registry names the report directory"},
     {.name = "--timeout",
      .kind = ValueKind::kNumber,
      .value = "SECONDS",
@@ -280,10 +280,11 @@ constexpr Example kFaultsExamples[] = {
 
 constinit const OfferSource kFaultOffers = {"faults", Cases};
 
-constinit const Command kFaultsCommand = {.words = "module faults",
-                                          .help = "Call the module as a bad host would, each case in a child",
-                                          .run = Faults,
-                                          .parameters = {kParameters, kModuleParameters},
-                                          .examples = kFaultsExamples};
+constinit const Command kFaultsCommand = {
+    .words = "module faults",
+    .help = "Call the module as a faulty host would, each case in a child process",
+    .run = Faults,
+    .parameters = {kParameters, kModuleParameters},
+    .examples = kFaultsExamples};
 
 }  // namespace qx::ctl

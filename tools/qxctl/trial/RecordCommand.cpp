@@ -167,7 +167,7 @@ constexpr Parameter kParameters[] = {
      .is_required = true},
     {.name = "FUNCTION",
      .kind = ValueKind::kText,
-     .help = "What is called: what, reflect, reports, names",
+     .help = "The function: what, reflect, reports or names",
      .choices = kFunctionNames,
      .is_required = true},
     {.name = "REPORT", .kind = ValueKind::kReportOrStore, .help = kReportHelp},
@@ -178,14 +178,14 @@ constexpr Parameter kParameters[] = {
     {.name = "--start",
      .kind = ValueKind::kInteger,
      .value = "INDEX",
-     .help = "Index of the first record, 0 being the oldest",
+     .help = "Index of the first record; 0 is the oldest",
      .limits = kInt32Limits},
     {.name = "--records",
      .kind = ValueKind::kInteger,
      .value = "NUMBER",
-     .help = "Most records in the reply",
+     .help = "Maximum number of records in the reply",
      .limits = kInt32Limits},
-    {.name = "--transfer", .help = "Keep every call of a transfer, to its end"},
+    {.name = "--transfer", .help = "Store every call of a transfer, to its end"},
     {.name = "--force", .help = "Replace a file that exists"},
 };
 
@@ -197,7 +197,7 @@ constexpr Example kRecordExamples[] = {
 }  // namespace
 
 constinit const Command kRecordCommand = {.words = "module record",
-                                          .help = "Make a call and keep it as a file",
+                                          .help = "Make a call and store it as a file",
                                           .run = Record,
                                           .parameters = {kParameters, kModuleParameters, kBlockParameters},
                                           .examples = kRecordExamples};

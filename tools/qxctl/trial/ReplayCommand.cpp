@@ -212,7 +212,7 @@ constexpr Example kReplayExamples[] = {
 }  // namespace
 
 constinit const Command kReplayCommand = {.words = "module replay",
-                                          .help = "Make recorded calls again and compare what comes back",
+                                          .help = "Repeat recorded calls and compare the results",
                                           .run = Replay,
                                           .parameters = {kParameters, kModuleParameters},
                                           .examples = kReplayExamples};

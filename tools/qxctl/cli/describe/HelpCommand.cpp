@@ -50,7 +50,7 @@ constexpr Example kVersionExamples[] = {
 constinit const OfferSource kCommandOffers = {"commands", NextWords};
 
 constinit const Command kHelpCommand = {.words = "help",
-                                        .help = "Describe a command, or what every command has",
+                                        .help = "Describe a command, or the options of every command",
                                         .group = kToolHeading,
                                         .run = Help,
                                         .parameters = {kParameters},
