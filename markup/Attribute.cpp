@@ -1,8 +1,11 @@
 #include "markup/Attribute.h"
 
+#include <bit>
+#include <cstdint>
 #include <cstring>
 
 #include "markup/Ascii.h"
+#include "markup/ByteScan.h"
 #include "markup/Names.h"
 
 namespace qx::markup {
@@ -16,6 +19,81 @@ const char* SkipWhite(const char* p) {
   while (IsClass(*p, kWhite)) ++p;
   return p;
 }
+
+// The end of the attribute's name at `p`. The tag's end is at `end`, and ends the name at the latest.
+const char* AttributeNameEnd(const char* p, const char* end) {
+  p = SkipNameBytes(p, end);
+  while (!IsClass(*p, kAttribEnd)) ++p;
+  return p;
+}
+
+struct UsualAttribute {
+  const char* name;
+  const char* name_end;
+  const char* value;
+  const char* value_end;
+
+  std::string_view Name() const { return {name, static_cast<std::size_t>(name_end - name)}; }
+};
+
+// Walks attributes of the form ` name="value"`, up to the first of another form.
+//
+// In a window of 64 bytes, the positions of all quotes are known at once, so that no attribute waits for the end of the
+// one before. An attribute that does not fit into the window is read by itself.
+class UsualScan {
+ public:
+  UsualScan(const char* at, const char* end) : at_(at), end_(end) {}
+
+  bool Next(UsualAttribute& attribute) { return NextInWindow(attribute) || NextAlone(attribute); }
+  bool AtEnd() const { return at_ == end_; }
+
+ private:
+  bool NextInWindow(UsualAttribute& attribute) {
+#if defined(__SSE2__)
+    if ((quotes_ & (quotes_ - 1)) == 0 && !FillWindow()) return false;
+    const std::uint64_t closing = quotes_ & (quotes_ - 1);
+    const char* const open = window_ + std::countr_zero(quotes_);
+    const std::uint64_t later_name_ends = name_ends_ >> (at_ - window_) >> 1;
+    const char* const name_end = at_ + 1 + std::countr_zero(later_name_ends);
+    if (*at_ != ' ' || name_end + 1 != open || *name_end != '=') return false;
+    attribute = {at_ + 1, name_end, open + 1, window_ + std::countr_zero(closing)};
+    at_ = attribute.value_end + 1;
+    quotes_ = closing & (closing - 1);
+    return true;
+#else
+    return false;
+#endif
+  }
+
+#if defined(__SSE2__)
+  // False if the tag ends within the window, or it does not have two quotes.
+  bool FillWindow() {
+    if (end_ - at_ < kWideBlockBytes) return false;
+    window_ = at_;
+    quotes_ = HitsInWideBlock<'"'>(at_);
+    name_ends_ = WideHits(at_, NameEndsInBlock);
+    return (quotes_ & (quotes_ - 1)) != 0;
+  }
+#endif
+
+  bool NextAlone(UsualAttribute& attribute) {
+    quotes_ = 0;
+    if (*at_ != ' ') return false;
+    const char* const name_end = AttributeNameEnd(at_ + 1, end_);
+    if (name_end[0] != '=' || name_end[1] != '"') return false;
+    const char* const close = FindAnyOf<'"'>(name_end + 2, end_);
+    if (close == end_) return false;
+    attribute = {at_ + 1, name_end, name_end + 2, close};
+    at_ = close + 1;
+    return true;
+  }
+
+  const char* at_;
+  const char* end_;
+  const char* window_ = nullptr;
+  std::uint64_t quotes_ = 0;     // of the window, one bit for each byte, from at_ on
+  std::uint64_t name_ends_ = 0;  // and the bytes that may end a name
+};
 
 }  // namespace
 
@@ -35,8 +113,7 @@ inline void AttributeScan::ReadQuoted(AttributePos& attribute, const char* open)
 bool AttributeScan::Next(AttributePos& attribute) {
   for (at_ = SkipWhite(at_); at_ < end_; at_ = SkipWhite(at_)) {
     const char* const name = at_;
-    const char* p = name;
-    while (!IsClass(*p, kAttribEnd)) ++p;
+    const char* const p = AttributeNameEnd(name, end_);
     attribute.name_start = OffsetOf(name);
     attribute.name_end = OffsetOf(p);
     if (*p == '=' && IsQuote(p[1])) {
@@ -71,7 +148,7 @@ void AttributeScan::ReadValue(AttributePos& attribute, const char* p) {
   }
 }
 
-bool FindAttribute(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute) {
+bool FindAttributeByWalk(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute) {
   AttributeScan scan(tag);
   while (scan.Next(attribute)) {
     const std::string_view found = tag.substr(attribute.name_start, attribute.name_end - attribute.name_start);
@@ -80,9 +157,17 @@ bool FindAttribute(std::string_view tag, std::string_view name, bool ignore_case
   return false;
 }
 
-std::size_t TagClosingOffset(std::string_view tag) {
-  const bool slash = tag.size() >= 2 && tag[tag.size() - 2] == '/';
-  return tag.size() - (slash ? 2 : 1);
+// Nearly every start tag has only attributes of the usual form before the one that is searched. Any other form is left
+// to the walk.
+bool FindAttribute(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute) {
+  const auto offset = [start = tag.data()](const char* at) { return static_cast<std::size_t>(at - start); };
+  UsualScan scan(tag.data() + 1 + NameInStartTag(tag).size(), tag.data() + TagClosingOffset(tag));
+  for (UsualAttribute found; scan.Next(found);) {
+    if (found.name_end == found.name || !SameName(found.Name(), name, ignore_case)) continue;
+    attribute = {offset(found.name), offset(found.name_end), offset(found.value), offset(found.value_end), true};
+    return true;
+  }
+  return !scan.AtEnd() && FindAttributeByWalk(tag, name, ignore_case, attribute);
 }
 
 }  // namespace qx::markup

@@ -39,8 +39,13 @@ class AttributeScan {
 
 // Finds the attribute `name` of the start tag; false if the tag has no such attribute.
 bool FindAttribute(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute);
+// The same with an AttributeScan: for unusual tags, and the oracle in tests.
+bool FindAttributeByWalk(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute);
 
 // Offset of the ">" or "/>" that ends a start tag.
-std::size_t TagClosingOffset(std::string_view tag);
+inline std::size_t TagClosingOffset(std::string_view tag) {
+  const bool slash = tag.size() >= 2 && tag[tag.size() - 2] == '/';
+  return tag.size() - (slash ? 2 : 1);
+}
 
 }  // namespace qx::markup

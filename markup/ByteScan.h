@@ -36,14 +36,35 @@ inline const char* FirstHit(const char* p, int mask) { return p + std::countr_ze
 
 }  // namespace detail
 
+// One bit per byte of the block at `p`, set where the byte is one of kBytes.
+template <char... kBytes>
+unsigned HitsInBlock(const char* p) {
+  return static_cast<unsigned>(detail::HitsIn<kBytes...>(detail::LoadBlock(p)));
+}
+
+// The results of `hits_at` for the four blocks of the wide block at `p`, as one number. Written out: a loop would stay
+// one.
+template <typename HitsAt>
+std::uint64_t WideHits(const char* p, HitsAt hits_at) {
+  const std::uint64_t low = hits_at(p) | hits_at(p + kScanBlockBytes) << kScanBlockBytes;
+  const std::uint64_t high = hits_at(p + 2 * kScanBlockBytes) | hits_at(p + 3 * kScanBlockBytes) << kScanBlockBytes;
+  return low | high << (2 * kScanBlockBytes);
+}
+
 // One bit per byte of the wide block at `p`, set where the byte is one of kBytes.
 template <char... kBytes>
 std::uint64_t HitsInWideBlock(const char* p) {
-  std::uint64_t hits = 0;
-  for (std::ptrdiff_t at = 0; at < kWideBlockBytes; at += kScanBlockBytes) {
-    hits |= std::uint64_t{static_cast<unsigned>(detail::HitsIn<kBytes...>(detail::LoadBlock(p + at)))} << at;
-  }
-  return hits;
+  return WideHits(p, HitsInBlock<kBytes...>);
+}
+
+// One bit per byte of the block at `p`, set where the byte ends a name (kNameEnd, kAttribEnd), and at other bytes up to
+// "/".
+inline unsigned NameEndsInBlock(const char* p) {
+  const __m128i block = detail::LoadBlock(p);
+  const __m128i low = _mm_cmpeq_epi8(_mm_min_epu8(block, _mm_set1_epi8('/')), block);
+  const __m128i above = _mm_sub_epi8(block, _mm_set1_epi8('<'));  // "<", "=" and ">" become 0, 1 and 2
+  const __m128i angle = _mm_cmpeq_epi8(_mm_min_epu8(above, _mm_set1_epi8(2)), above);
+  return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(low, angle)));
 }
 
 // Copies `bytes` bytes in whole blocks: up to 15 bytes more are read and written.
@@ -83,6 +104,16 @@ const char* FindAnyOf(const char* p, const char* end) {
   }
 #endif
   return FindAnyOfPlain<kBytes...>(p, end);
+}
+
+// Skips up to sixteen bytes that end no name, if the range has as many. It may stop too early (see NameEndsInBlock).
+inline const char* SkipNameBytes(const char* p, const char* end) {
+#if defined(__SSE2__)
+  if (end - p >= kScanBlockBytes) p += std::countr_zero(NameEndsInBlock(p) | 1U << kScanBlockBytes);
+#else
+  (void)end;
+#endif
+  return p;
 }
 
 // Three bytes in a row:  FindTriple<']', ']', '>'>("a]]]>b") => "]]>b"

@@ -154,7 +154,8 @@ bool CMarkup::OutOfElem() {
 const ElemPos& CMarkup::Record(std::uint32_t index) const { return (*tree_)[index]; }
 
 std::string_view CMarkup::StartTag(std::uint32_t elem) const {
-  return std::string_view(document_).substr(Record(elem).start, Record(elem).StartTagLength());
+  const ElemPos& record = (*tree_)[elem];
+  return std::string_view(document_).substr(record.start, record.StartTagLength());
 }
 
 std::string_view CMarkup::TagName(std::uint32_t elem) const { return qx::markup::NameInStartTag(StartTag(elem)); }

@@ -1,5 +1,4 @@
 // The part of CMarkup that searches for elements by path.
-#include <algorithm>
 #include <vector>
 
 #include "markup/Ascii.h"
@@ -34,9 +33,11 @@ struct StepSearch {
 }  // namespace
 
 std::uint32_t CMarkup::Find(MCD_CSTR path, std::uint32_t parent, std::uint32_t after) const {
-  const std::string_view text = path == nullptr ? std::string_view() : std::string_view(path);
-  const bool plain_name = std::none_of(text.begin(), text.end(), [](char c) { return IsClass(c, kStoredEnd); });
-  return plain_name ? FindSibling(text, parent, after) : FindAlong(PathPos(text), parent, after);
+  if (path == nullptr) return NextSibling(parent, after);
+  const char* name_end = path;
+  while (!IsClass(*name_end, kStoredEnd)) ++name_end;
+  if (*name_end != '\0') return FindAlong(PathPos(path), parent, after);
+  return FindSibling({path, static_cast<std::size_t>(name_end - path)}, parent, after);
 }
 
 // Nearly every search is of this kind: for the next sibling with a name, or with any name.

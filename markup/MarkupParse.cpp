@@ -81,7 +81,7 @@ void CMarkup::ParseState::ParseElem() {
         NoteFault(ResultFor(token.fault, token.start));
         break;
       case NodeType::kEnd:
-        CloseUnended(0, token.end);
+        if (open.Depth() != 0) CloseUnended(0, token.end);
         return;
       default:
         break;

@@ -16,7 +16,7 @@ int CompareIgnoringCase(const char* a, const char* b, std::size_t length) {
 bool StoredNameMatches(std::string_view stored, std::string_view requested, bool ignore_case) {
   if (stored.size() < requested.size()) return false;
   if (stored.size() > requested.size() && !IsClass(stored[requested.size()], kStoredEnd)) return false;
-  return CompareNames(stored.data(), requested.data(), requested.size(), ignore_case) == 0;
+  return SameName(stored.substr(0, requested.size()), requested, ignore_case);
 }
 
 bool IsTagName(std::string_view name) {

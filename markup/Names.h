@@ -2,23 +2,49 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
 #include "markup/Ascii.h"
+#include "markup/ByteScan.h"
 
 namespace qx::markup {
 
 // 0 when the first `length` bytes are equal, else negative or positive like the first difference. Case means A-Z and
 // a-z only.
 int CompareIgnoringCase(const char* a, const char* b, std::size_t length);
+
+// True if the words at the beginning and at the end of two texts are equal. Words of texts that are shorter than two
+// words overlap.
+template <typename Word>
+bool SameEnds(const char* a, const char* b, std::size_t length) {
+  Word words[4];
+  std::memcpy(&words[0], a, sizeof(Word));
+  std::memcpy(&words[1], b, sizeof(Word));
+  std::memcpy(&words[2], a + length - sizeof(Word), sizeof(Word));
+  std::memcpy(&words[3], b + length - sizeof(Word), sizeof(Word));
+  return words[0] == words[1] && words[2] == words[3];
+}
+
+// Names are short: a call of memcmp would take longer than the comparison.
+inline bool SameBytes(const char* a, const char* b, std::size_t length) {
+  if (length > 16) return std::memcmp(a, b, length) == 0;
+  if (length >= 8) return SameEnds<std::uint64_t>(a, b, length);
+  if (length >= 4) return SameEnds<std::uint32_t>(a, b, length);
+  std::size_t same = 0;
+  while (same != length && a[same] == b[same]) ++same;
+  return same == length;
+}
+
 inline int CompareNames(const char* a, const char* b, std::size_t length, bool ignore_case) {
   if (ignore_case) return CompareIgnoringCase(a, b, length);
   return length == 0 ? 0 : std::memcmp(a, b, length);
 }
 
 inline bool SameName(std::string_view a, std::string_view b, bool ignore_case) {
-  return a.size() == b.size() && CompareNames(a.data(), b.data(), a.size(), ignore_case) == 0;
+  if (a.size() != b.size()) return false;
+  return ignore_case ? CompareIgnoringCase(a.data(), b.data(), a.size()) == 0 : SameBytes(a.data(), b.data(), a.size());
 }
 
 // A stored name matches a requested one if it is the same name, or begins with it and continues with NUL, space, "/",
@@ -30,8 +56,8 @@ bool StoredNameMatches(std::string_view stored, std::string_view requested, bool
 
 // The text before the first byte that ends a tag name:  "a b='1'>" => "a"
 inline std::string_view LeadingTagName(std::string_view text) {
-  const char* p = text.data();
-  const char* const end = p + text.size();
+  const char* const end = text.data() + text.size();
+  const char* p = SkipNameBytes(text.data(), end);
   while (p != end && !IsClass(*p, kNameEnd)) ++p;
   return text.substr(0, static_cast<std::size_t>(p - text.data()));
 }
@@ -39,7 +65,7 @@ inline std::string_view LeadingTagName(std::string_view text) {
 // The name in a whole start tag, from "<" to ">". The ">" ends the name at the latest, so the loop needs no other end.
 inline std::string_view NameInStartTag(std::string_view tag) {
   const char* const name = tag.data() + 1;
-  const char* p = name;
+  const char* p = SkipNameBytes(name, tag.data() + tag.size());
   while (!IsClass(*p, kNameEnd)) ++p;
   return {name, static_cast<std::size_t>(p - name)};
 }

@@ -1,5 +1,6 @@
 #include "markup/TokenPos.h"
 
+#include <bit>
 #include <cstring>
 
 #include "markup/Ascii.h"
@@ -14,6 +15,41 @@ namespace {
 constexpr std::size_t kNotFound = std::string_view::npos;
 constexpr std::string_view kDocTypeOpening = "<!DOCTYPE";
 constexpr std::string_view kCDataOpening = "<![CDATA[";
+
+// Takes the next quote or angle bracket of a start tag. True for an angle bracket outside quotes. `quote` is the open
+// quote, or NUL.
+bool EndsTag(char c, char& quote) {
+  if (quote == '\0' && (c == '>' || c == '<')) return true;
+  if (quote == '\0') {
+    quote = c;
+  } else if (c == quote) {
+    quote = '\0';
+  }
+  return false;
+}
+
+#if defined(__SSE2__)
+// The blocks of a start tag, searched in turn for angle brackets outside quotes. One bit stands for one byte.
+struct TagBlocks {
+  unsigned open = 0;      // all bits are set if the block before ends inside quotes
+  unsigned brackets = 0;  // of the current block
+
+  // Searches the block at `p` without its first `seen` bytes. False, with nothing changed, if it has a "'".
+  bool Search(const char* p, std::size_t seen) {
+    if (qx::markup::HitsInBlock<'\''>(p) >> seen != 0) return false;
+    unsigned inside = qx::markup::HitsInBlock<'"'>(p) >> seen;
+    // From each opening quote on to the byte before the closing one, all bits become set.
+    inside ^= inside << 1;
+    inside ^= inside << 2;
+    inside ^= inside << 4;
+    inside ^= inside << 8 ^ open;
+    brackets = qx::markup::HitsInBlock<'<', '>'>(p) >> seen & ~inside;
+    open = 0 - (inside >> (qx::markup::kScanBlockBytes - 1) & 1);
+    return true;
+  }
+  std::size_t FirstBracket() const { return static_cast<std::size_t>(std::countr_zero(brackets)); }
+};
+#endif
 
 }  // namespace
 
@@ -56,14 +92,30 @@ NodeType TokenPos::ParseStartTag() {
 // The offset after the ">" that ends a start tag. Everything between quotes is skipped; a "<" outside quotes means that
 // the tag is unterminated.
 std::size_t TokenPos::TagEnd(std::size_t from) const {
-  for (;;) {
-    from = Find<'>', '<', '"', '\''>(from);
-    if (from == text_.size() || text_[from] == '<') return kNotFound;
-    if (text_[from] == '>') return from + 1;
-    from = QuoteEnd(from);
-    if (from == kNotFound) return kNotFound;
+  char quote = '\0';
+#if defined(__SSE2__)
+  TagBlocks blocks;
+  const std::size_t block_bytes = qx::markup::kScanBlockBytes;
+  for (; text_.size() - from >= block_bytes; from += block_bytes) {
+    if (!blocks.Search(text_.data() + from, 0)) break;
+    if (blocks.brackets != 0) return TagEndAt(from + blocks.FirstBracket());
   }
+  // The last bytes are searched in a block that ends with the text.
+  const std::size_t seen = block_bytes - (text_.size() - from);
+  if (text_.size() - from < block_bytes && text_.size() >= block_bytes &&
+      blocks.Search(text_.data() + from - seen, seen)) {
+    return blocks.brackets != 0 ? TagEndAt(from + blocks.FirstBracket()) : kNotFound;
+  }
+  if (blocks.open != 0) quote = '"';
+#endif
+  for (; (from = Find<'>', '<', '"', '\''>(from)) < text_.size(); ++from) {
+    if (EndsTag(text_[from], quote)) return TagEndAt(from);
+  }
+  return kNotFound;
 }
+
+// `bracket` is the first angle bracket outside the quotes of a start tag.
+std::size_t TokenPos::TagEndAt(std::size_t bracket) const { return text_[bracket] == '>' ? bracket + 1 : kNotFound; }
 
 // True for exactly "</name>" with the expected name.
 bool TokenPos::IsExpectedEndTag() const {

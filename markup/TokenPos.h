@@ -73,6 +73,7 @@ class TokenPos {
   NodeType Finish(NodeType type, std::size_t node_end);
   NodeType Fail(SyntaxFault what);
   std::size_t TagEnd(std::size_t from) const;
+  std::size_t TagEndAt(std::size_t bracket) const;
   std::size_t QuoteEnd(std::size_t from) const;
   std::size_t DocTypeEnd(std::size_t from);
   std::size_t SubsetEnd(std::size_t from);

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "markup/Names.h"
 #include "markup/TokenPos.h"
 #include "tests/support/Support.h"
 
@@ -107,6 +108,58 @@ TEST(Attribute, RandomTagsHaveTheSameAttributesAsInThePlainWalk) {
   }
 }
 
+// Tags on both sides of the sizes that are searched in blocks of 16 and in windows of 64 bytes. Some have an unusual
+// attribute somewhere.
+std::string LongTag(Random& random) {
+  static constexpr std::string_view kUnusual[] = {" a='1'",     "  abc=\"1\"", " a",     " a=1", "\ta=\"1\"", " =\"1\"",
+                                                  " x-y=\"1\"", " a-\"1\"",    " b=\"x", "/",    "'"};
+  std::string tag = "<" + std::string(1 + random() % 20, 'n');
+  const std::size_t unusual_at = random() % 12;
+  for (std::size_t i = 0; i < 6; ++i) {
+    if (i == unusual_at) tag += kUnusual[random() % std::size(kUnusual)];
+    tag += " " + std::string(1 + random() % 20, static_cast<char>('a' + random() % 3)) + "=\"";
+    tag += std::string(random() % (i == 3 ? 80 : 12), random() % 2 == 0 ? '\'' : '>') + "\"";
+  }
+  return tag + (random() % 2 == 0 ? "/>" : ">");
+}
+
+// Copied to a block of its own size, so that the address sanitizer finds a read beyond it.
+void ExpectFoundAsByWalk(const std::string& tag, std::string_view name, bool ignore_case) {
+  const std::vector<char> copy(tag.begin(), tag.end());
+  const std::string_view view(copy.data(), copy.size());
+  AttributePos found;
+  AttributePos expected;
+  const bool exists = qx::markup::FindAttributeByWalk(view, name, ignore_case, expected);
+  ASSERT_EQ(qx::markup::FindAttribute(view, name, ignore_case, found), exists) << tag << " " << name;
+  ASSERT_TRUE(!exists || Same(found, expected)) << tag << " " << name << " at " << found.name_start;
+}
+
+TEST(Attribute, EachNameIsFoundWhereTheWalkFindsIt) {
+  Random random(qx::test::Seed("FindAttribute"));
+  for (int round = 0; round < 500 && !testing::Test::HasFailure(); ++round) {
+    const std::string tag = LongTag(random);
+    for (const std::string_view name : {"", "a", "x-y", "x-", "1"}) ExpectFoundAsByWalk(tag, name, false);
+    for (std::size_t size = 1; size <= 20; ++size) {
+      const std::string name(size, static_cast<char>('a' + random() % 3));
+      ExpectFoundAsByWalk(tag, name, false);
+      ExpectFoundAsByWalk(tag, std::string(size, 'A'), true);
+    }
+  }
+}
+
+TEST(Attribute, NamesOfAnySizeAreEqualOnlyIfEachByteIs) {
+  for (std::size_t size = 0; size < 40; ++size) {
+    const std::string name(size, 'n');
+    EXPECT_TRUE(qx::markup::SameName(name, std::string(size, 'n'), false));
+    for (std::size_t at = 0; at < size; ++at) {
+      std::string other = name;
+      other[at] = 'N';
+      EXPECT_FALSE(qx::markup::SameName(name, other, false)) << size << " " << at;
+      EXPECT_TRUE(qx::markup::SameName(name, other, true)) << size << " " << at;
+    }
+  }
+}
+
 struct TagNode {
   NodeType type;
   std::size_t start;
@@ -139,6 +192,39 @@ TEST(Attribute, ExpectedNameDoesNotChangeTheNodes) {
     const std::vector<TagNode> plain = Nodes(text, "");
     ASSERT_EQ(Nodes(text, "a"), plain) << text;
     ASSERT_EQ(Nodes(text, "ab"), plain) << text;
+  }
+}
+
+// Where the tag at the beginning of the text ends, byte by byte; 0: it is unterminated.
+std::size_t PlainTagEnd(std::string_view text) {
+  char quote = '\0';
+  for (std::size_t i = 2; i < text.size(); ++i) {
+    if (quote != '\0') {
+      if (text[i] == quote) quote = '\0';
+    } else if (IsIn(text[i], "<>")) {
+      return text[i] == '>' ? i + 1 : 0;
+    } else if (IsIn(text[i], "\"'")) {
+      quote = text[i];
+    }
+  }
+  return 0;
+}
+
+TEST(Attribute, TagEndsAtTheFirstBracketOutsideQuotes) {
+  Random random(qx::test::Seed("TagEnd"));
+  for (int round = 0; round < 8000; ++round) {
+    const std::string_view alphabet = round % 2 == 0 ? "\"\"\"><" : "\"'><";
+    std::vector<char> text = {'<', 'a'};
+    for (std::size_t marks = random() % 9; marks > 0; --marks) {
+      text.insert(text.end(), random() % 25, 'x');
+      text.push_back(alphabet[random() % alphabet.size()]);
+    }
+    const std::string_view view(text.data(), text.size());
+    const std::size_t expected = PlainTagEnd(view);
+    TokenPos token(view);
+    const NodeType type = token.ParseNode();
+    ASSERT_EQ(type == NodeType::kStartTag ? token.end : 0, expected) << view;
+    ASSERT_EQ(type == NodeType::kFault, expected == 0) << view;
   }
 }
 

@@ -3,6 +3,7 @@
 #include <random>
 #include <string>
 
+#include "markup/Ascii.h"
 #include "markup/ByteScan.h"
 #include "tests/support/Support.h"
 
@@ -29,6 +30,22 @@ TEST(ByteScan, FastSearchesFindTheSameAsPlainOnes) {
       EXPECT_EQ((FindAnyOf<'&', '<', '>', '"', '\''>(p, end)), (FindAnyOfPlain<'&', '<', '>', '"', '\''>(p, end)));
       EXPECT_EQ((FindTriple<']', ']', '>'>(p, end)), (FindTriplePlain<']', ']', '>'>(p, end)));
       EXPECT_EQ(FindNotPrintable(p, end), FindNotPrintablePlain(p, end));
+    }
+  }
+}
+
+// It may stop at another byte, but never passes one that ends a name.
+TEST(ByteScan, NoByteThatEndsANameIsSkipped) {
+  for (int byte = 0; byte < 256; ++byte) {
+    const bool ends = IsClass(static_cast<char>(byte), kAttribEnd) || IsClass(static_cast<char>(byte), kNameEnd);
+    const bool letter = IsClass(static_cast<char>(byte), kNameStart);
+    for (std::size_t at = 0; at < 16; ++at) {
+      std::string text(16, 'a');
+      text[at] = static_cast<char>(byte);
+      const auto skipped =
+          static_cast<std::size_t>(SkipNameBytes(text.data(), text.data() + text.size()) - text.data());
+      EXPECT_TRUE(!ends || skipped == at) << byte << " at " << at;
+      EXPECT_TRUE(!letter || skipped == 16) << byte << " at " << at;
     }
   }
 }
