@@ -24,6 +24,30 @@ namespace detail {
 
 inline __m128i LoadBlock(const char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 
+// The word at `p`.
+template <typename Word>
+std::uint64_t LoadWord(const char* p) {
+  Word word;
+  std::memcpy(&word, p, sizeof word);
+  return word;
+}
+
+// A block of the `bytes` bytes at `p`, fewer than sixteen, and zeros after them. Nothing else is read.
+inline __m128i LoadShortBlock(const char* p, std::size_t bytes) {
+  std::uint64_t low = 0;
+  std::uint64_t high = 0;
+  if (bytes >= 8) {
+    low = LoadWord<std::uint64_t>(p);
+    if (bytes > 8) high = LoadWord<std::uint64_t>(p + bytes - 8) >> 8 * (16 - bytes);
+  } else if (bytes >= 4) {
+    low = LoadWord<std::uint32_t>(p) | LoadWord<std::uint32_t>(p + bytes - 4) << 8 * (bytes - 4);
+  } else if (bytes != 0) {
+    const auto byte = [p](std::size_t at) { return LoadWord<std::uint8_t>(p + at) << 8 * at; };
+    low = byte(0) | byte(bytes / 2) | byte(bytes - 1);
+  }
+  return _mm_set_epi64x(static_cast<std::int64_t>(high), static_cast<std::int64_t>(low));
+}
+
 // One bit per byte of the block, set where the byte is one of kBytes.
 template <char... kBytes>
 int HitsIn(__m128i block) {
@@ -57,15 +81,14 @@ std::uint64_t HitsInWideBlock(const char* p) {
   return WideHits(p, HitsInBlock<kBytes...>);
 }
 
-// One bit per byte of the block at `p`, set where the byte ends a name (kNameEnd, kAttribEnd), and at other bytes up to
-// "/".
-inline unsigned NameEndsInBlock(const char* p) {
-  const __m128i block = detail::LoadBlock(p);
+// One bit per byte of the block, set where the byte ends a name (kNameEnd, kAttribEnd), and at other bytes up to "/".
+inline unsigned NameEndsIn(__m128i block) {
   const __m128i low = _mm_cmpeq_epi8(_mm_min_epu8(block, _mm_set1_epi8('/')), block);
   const __m128i above = _mm_sub_epi8(block, _mm_set1_epi8('<'));  // "<", "=" and ">" become 0, 1 and 2
   const __m128i angle = _mm_cmpeq_epi8(_mm_min_epu8(above, _mm_set1_epi8(2)), above);
   return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(low, angle)));
 }
+inline unsigned NameEndsInBlock(const char* p) { return NameEndsIn(detail::LoadBlock(p)); }
 
 // Copies `bytes` bytes in whole blocks: up to 15 bytes more are read and written.
 inline void CopyInBlocks(const char* from, char* to, std::ptrdiff_t bytes) {
@@ -106,14 +129,16 @@ const char* FindAnyOf(const char* p, const char* end) {
   return FindAnyOfPlain<kBytes...>(p, end);
 }
 
-// Skips up to sixteen bytes that end no name, if the range has as many. It may stop too early (see NameEndsInBlock).
+// Skips up to sixteen bytes that end no name. It may stop too early (see NameEndsIn).
 inline const char* SkipNameBytes(const char* p, const char* end) {
 #if defined(__SSE2__)
-  if (end - p >= kScanBlockBytes) p += std::countr_zero(NameEndsInBlock(p) | 1U << kScanBlockBytes);
+  if (end - p >= kScanBlockBytes) return p + std::countr_zero(NameEndsInBlock(p) | 1U << kScanBlockBytes);
+  // The zeros after the range count as ends.
+  return p + std::countr_zero(NameEndsIn(detail::LoadShortBlock(p, static_cast<std::size_t>(end - p))));
 #else
   (void)end;
-#endif
   return p;
+#endif
 }
 
 // Three bytes in a row:  FindTriple<']', ']', '>'>("a]]]>b") => "]]>b"

@@ -33,7 +33,10 @@ struct ElemPos {
 
   std::uint32_t StartTagLength() const { return tag_lengths & kStartTagLengthMax; }
   std::uint32_t EndTagLength() const { return tag_lengths >> 22; }
-  void SetTagLengths(std::uint32_t start_tag, std::uint32_t end_tag) { tag_lengths = start_tag | end_tag << 22; }
+  static constexpr std::uint32_t TagLengths(std::uint32_t start_tag, std::uint32_t end_tag) {
+    return start_tag | end_tag << 22;
+  }
+  void SetTagLengths(std::uint32_t start_tag, std::uint32_t end_tag) { tag_lengths = TagLengths(start_tag, end_tag); }
 
   std::uint32_t Level() const { return level_and_flags & kLevelMax; }
   void SetLevel(std::uint32_t level) { level_and_flags = (level_and_flags & ~kLevelMax) | level; }

@@ -107,6 +107,26 @@ char* EscapeWideBlock(const EscapeSource& source, const char* block, char* to) {
   CopyInBlocks(p, to, rest);
   return to + rest;
 }
+
+// Escapes the rest of the source, fewer than sixteen bytes, from a copy that has a whole block after each of them.
+template <char... kSpecial>
+char* EscapeShort(const EscapeSource& source, const char*& p, char* to) {
+  const auto bytes = static_cast<std::size_t>(source.end - p);
+  const __m128i block = detail::LoadShortBlock(p, bytes);
+  char copy[2 * kScanBlockBytes] = {};
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(copy), block);
+  const char* rest = copy;
+  for (auto hits = static_cast<unsigned>(detail::HitsIn<kSpecial...>(block)); hits != 0; hits &= hits - 1) {
+    const int at = std::countr_zero(hits);
+    CopyInBlocks(rest, to, copy + at - rest);
+    to = WriteReference(source, p + at, to + (copy + at - rest));
+    rest = copy + at + 1;
+  }
+  const std::ptrdiff_t left = copy + bytes - rest;
+  CopyInBlocks(rest, to, left);
+  p = source.end;
+  return to + left;
+}
 #endif
 
 // Escapes about kStretchBytes from `p` on and moves `p` past them; returns the end of what was written to `to`. Near
@@ -127,7 +147,8 @@ char* EscapeStretchOf(const EscapeSource& source, const char*& p, char* to) {
     to += plain;
     if (mask != 0) to = WriteReference(source, p++, to);
   }
-#endif
+  return p < stretch_end ? EscapeShort<kSpecial...>(source, p, to) : to;
+#else
   while (p < stretch_end) {
     if (((*p == kSpecial) || ...)) {
       to = WriteReference(source, p++, to);
@@ -136,6 +157,7 @@ char* EscapeStretchOf(const EscapeSource& source, const char*& p, char* to) {
     }
   }
   return to;
+#endif
 }
 
 char* EscapeStretch(const EscapeSource& source, const char*& p, char* to) {

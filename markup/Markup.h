@@ -314,7 +314,7 @@ class CMarkup {
   bool StepMatches(const PathStep& step, std::uint32_t elem) const;
 
   // Changing (MarkupEdit.cpp)
-  bool SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view value, int flags);
+  bool SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view value, int flags, bool is_number = false);
   bool SetDataOf(std::uint32_t elem, std::string_view text, int flags);
   bool ChangeTag(std::uint32_t elem, std::size_t at, std::size_t removed, qx::markup::Pieces& pieces);
   bool MayHaveData(std::uint32_t elem) const;

@@ -58,6 +58,7 @@ struct NewAttribute {
   std::string_view name;
   std::string_view value;
   int flags;
+  bool is_number;  // nothing in it is ever escaped
 };
 
 // A change within a start tag.
@@ -69,6 +70,7 @@ struct TagChange {
 };
 
 void AddValue(TagChange& change, const NewAttribute& attribute) {
+  if (attribute.is_number) return change.pieces.Add(attribute.value);
   AddEscapedText(change.pieces, attribute.value, attribute.flags | CMarkup::kEscapeQuotes, change.escaped);
 }
 
@@ -119,7 +121,7 @@ bool CMarkup::SetAttrib(MCD_CSTR name, MCD_CSTR value, int flags) {
 }
 
 bool CMarkup::SetAttrib(MCD_CSTR name, int value, int flags) {
-  return SetAttributeOf(main_position_, name, Decimal(value), flags);
+  return SetAttributeOf(main_position_, name, Decimal(value), flags, true);
 }
 
 bool CMarkup::SetChildAttrib(MCD_CSTR name, MCD_CSTR value, int flags) {
@@ -127,14 +129,14 @@ bool CMarkup::SetChildAttrib(MCD_CSTR name, MCD_CSTR value, int flags) {
 }
 
 bool CMarkup::SetChildAttrib(MCD_CSTR name, int value, int flags) {
-  return SetAttributeOf(child_position_, name, Decimal(value), flags);
+  return SetAttributeOf(child_position_, name, Decimal(value), flags, true);
 }
 
-bool CMarkup::SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view value, int flags) {
+bool CMarkup::SetAttributeOf(std::uint32_t elem, MCD_CSTR name, std::string_view value, int flags, bool is_number) {
   if (elem == 0 || name == nullptr || !qx::markup::IsAttributeName(name)) return false;
   const std::string_view tag = StartTag(elem);
   TagChange change;
-  PlaceAttribute(change, tag, {name, value, flags}, IgnoresCase());
+  PlaceAttribute(change, tag, {name, value, flags, is_number}, IgnoresCase());
   return ChangeTag(elem, change.at, change.removed, change.pieces);
 }
 
@@ -368,12 +370,14 @@ std::uint32_t CMarkup::CommitInsertion(Insertion& insertion) {
   ElemPosTree& tree = *tree_;
   const std::uint32_t elem = TakeRecord();
   const std::uint32_t parent = insertion.parent;
-  tree[elem] = {};
-  tree[elem].start = Low32(insertion.at + insertion.lead);
-  tree[elem].length = Low32(insertion.length);
-  tree[elem].SetTagLengths(Low32(insertion.start_tag_length), Low32(insertion.end_tag_length));
-  tree[elem].SetLevel(parent == 0 ? 0 : tree[parent].Level() + 1);
-  tree[elem].parent = parent;
+  tree[elem] = {.start = Low32(insertion.at + insertion.lead),
+                .length = Low32(insertion.length),
+                .tag_lengths = ElemPos::TagLengths(Low32(insertion.start_tag_length), Low32(insertion.end_tag_length)),
+                .level_and_flags = parent == 0 ? 0 : tree[parent].Level() + 1,
+                .parent = parent,
+                .first_child = 0,
+                .next = 0,
+                .previous = 0};
   if (insertion.removed != 0) {
     const std::uint32_t start_tag = tree[parent].StartTagLength() - Low32(insertion.removed - 1);
     tree[parent].SetTagLengths(start_tag, Low32(insertion.parent_name.size() + 3));
@@ -459,13 +463,21 @@ void CMarkup::Shift(std::uint32_t elem, std::uint32_t delta) {
 // If much new text precedes a short rest, the new text and then the rest are appended. A large section is thus copied
 // once; std::string::replace would fill the space with zeros first.
 void CMarkup::Splice(std::size_t offset, std::size_t removed, Pieces& pieces) {
-  const std::span<const qx::markup::Piece> all = pieces.All();
   const std::size_t added = pieces.Bytes();
   const std::size_t tail_bytes = document_.size() - offset - removed;
   const std::size_t needed = document_.size() - removed + added;
   if (needed > document_.capacity())
     document_.reserve(std::max({needed, 2 * document_.capacity(), kFirstCapacityBytes}));
 
+  if (tail_bytes <= kShortTailBytes) {
+    const std::string_view text = pieces.TextBefore({document_.data() + offset + removed, tail_bytes});
+    if (text.data() != nullptr) {
+      document_.resize(offset);
+      document_.append(text);
+      return;
+    }
+  }
+  const std::span<const qx::markup::Piece> all = pieces.All();
   if (added < kMuchTextBytes || tail_bytes > kShortTailBytes) {
     if (all.size() == 1) {
       document_.replace(offset, removed, all.front().data, added);

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <span>
 #include <string_view>
@@ -14,6 +15,30 @@ struct Piece {
   const char* data;
   std::size_t size;
 };
+
+// Copies the first and the last word of a text. They overlap if the text is shorter than two words.
+template <typename Word>
+void CopyEnds(const char* from, char* to, std::size_t bytes) {
+  Word first;
+  Word last;
+  std::memcpy(&first, from, sizeof first);
+  std::memcpy(&last, from + bytes - sizeof last, sizeof last);
+  std::memcpy(to, &first, sizeof first);
+  std::memcpy(to + bytes - sizeof last, &last, sizeof last);
+}
+
+// Copies a text that is mostly short: a call of memcpy would take longer than the copy.
+inline void CopyBytes(const char* from, char* to, std::size_t bytes) {
+  if (bytes > 16) {
+    std::memcpy(to, from, bytes);
+  } else if (bytes >= 8) {
+    CopyEnds<std::uint64_t>(from, to, bytes);
+  } else if (bytes >= 4) {
+    CopyEnds<std::uint32_t>(from, to, bytes);
+  } else {
+    for (std::size_t i = 0; i < bytes; ++i) to[i] = from[i];
+  }
+}
 
 // Collects the pieces of a change. Short pieces are copied into the object's own buffer, so that most changes end as
 // one piece and need no allocation. A long piece is kept as a view. A CDATA section has two more pieces for each "]]>".
@@ -29,7 +54,7 @@ class Pieces {
   void Add(std::string_view piece) {
     char* const to = SpaceFor(piece.size());
     if (to == nullptr) return AddView(piece);
-    if (!piece.empty()) std::memcpy(to, piece.data(), piece.size());
+    CopyBytes(piece.data(), to, piece.size());
     AddWritten(piece.size());
   }
   template <typename... More>
@@ -47,6 +72,14 @@ class Pieces {
   }
 
   std::size_t Bytes() const { return bytes_; }
+  // The whole text if it fits into the buffer, with a copy of `tail` after it; otherwise an empty text. Ends the use of
+  // the object.
+  std::string_view TextBefore(std::string_view tail) {
+    char* const to = SpaceFor(tail.size());
+    if (to == nullptr || count_ != 0) return {};
+    CopyBytes(tail.data(), to, tail.size());
+    return {text_.data(), text_size_ + tail.size()};
+  }
   // All pieces; valid until the next one is added.
   std::span<const Piece> All() {
     EndText();

@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <random>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "markup/Ascii.h"
 #include "markup/ByteScan.h"
+#include "markup/Pieces.h"
 #include "tests/support/Support.h"
 
 namespace {
@@ -32,6 +36,33 @@ TEST(ByteScan, FastSearchesFindTheSameAsPlainOnes) {
       EXPECT_EQ(FindNotPrintable(p, end), FindNotPrintablePlain(p, end));
     }
   }
+}
+
+#if defined(__SSE2__)
+// Each text has a block of memory of its own size, so that the address sanitizer finds a read beyond it.
+TEST(ByteScan, ShortBlockHasTheBytesAndThenZeros) {
+  for (std::size_t size = 0; size < 16; ++size) {
+    std::vector<char> text(size);
+    std::iota(text.begin(), text.end(), '\x81');
+    std::string block(16, 'x');
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(block.data()), detail::LoadShortBlock(text.data(), size));
+    EXPECT_EQ(block, std::string(text.begin(), text.end()) + std::string(16 - size, '\0')) << size;
+  }
+}
+#endif
+
+TEST(ByteScan, PiecesOfAnySizeFollowOneAnother) {
+  Pieces pieces;
+  std::string expected;
+  for (std::size_t size = 0; size < 40; ++size) {
+    std::vector<char> text(size);
+    std::iota(text.begin(), text.end(), 'A');
+    pieces.Add(std::string_view(text.data(), size));
+    expected.append(text.begin(), text.end());
+  }
+  EXPECT_EQ(pieces.Bytes(), expected.size());
+  EXPECT_EQ(pieces.TextBefore("tail"), expected + "tail");
+  EXPECT_EQ(pieces.TextBefore(std::string(1024, 't')).data(), nullptr);
 }
 
 // It may stop at another byte, but never passes one that ends a name.
