@@ -21,7 +21,7 @@
 #include "tools/qxrelay/cli/StatusCommand.h"
 #include "tools/qxrelay/cli/StreamCommand.h"
 
-// Inert: qxrelay has no traces of its own.
+// Never initialised: qxrelay writes no traces.
 __attribute__((init_priority(101))) CDebug Debug;
 
 namespace {
@@ -82,7 +82,7 @@ Status Run(Context& context, const CommandLine& line) {
   return line.command->run(context, line.values);
 }
 
-// A program that asked for JSON finds a failure on standard output, unless the command has printed a document.
+// With --json a failure is a document on standard output, unless the command has printed another one.
 void PrintFailure(Context& context, const CommandLine& line, const Status& status) {
   const bool is_needed = line.asks_for_json && !status.IsOk() && !status.Message().empty() && !context.output.HasData();
   if (!is_needed) return;

@@ -1,4 +1,5 @@
-// Checks the settings: whether what they name exists, and whether the servers accept what a sender or a collector does.
+// Checks the settings: whether the named files and directories exist, and whether the servers accept the requests of a
+// sender or a collector.
 #include "tools/qxrelay/cli/CheckCommand.h"
 
 #include <sys/stat.h>
@@ -95,7 +96,7 @@ void CheckCollector(const RelayConfig& config, Findings& findings) {
   CheckOwnDirectory("root", config.receive.root, findings);
 }
 
-// The reply to the token, or what the server said meanwhile.
+// The reply to the request of this token, or the problem that the server reported meanwhile.
 std::optional<StreamReply> WaitForReply(NatsPublish& stream, std::uint64_t token, std::string& problem) {
   const std::int64_t end = SteadyMs() + kAnswerMs;
   for (std::int64_t now = SteadyMs(); now < end; now = SteadyMs()) {
@@ -111,7 +112,7 @@ std::optional<StreamReply> WaitForReply(NatsPublish& stream, std::uint64_t token
   return std::nullopt;
 }
 
-// Looks up a report, which needs the stream, its look-ups, and the rights of the host; nothing is published.
+// Looks up a report. This proves that the stream exists and that the host has its rights, and publishes nothing.
 void CheckLookUp(const RelayConfig& config, Findings& findings) {
   const std::string host = HostNameOf(config);
   if (host.empty()) return;
@@ -134,7 +135,7 @@ void CheckLookUp(const RelayConfig& config, Findings& findings) {
   findings.push_back("cannot look up a message of " + subject + ": " + (reply.has_value() ? reply->text : problem));
 }
 
-// Reads the state of the stream, which needs the rights of a collector; no consumer is created.
+// Reads the state of the stream. This proves the rights of a collector, and creates no consumer.
 void CheckStream(const StreamSettings& settings, Findings& findings) {
   StreamState state;
   if (const auto problem = ReadStream(settings, state)) findings.push_back(*problem);

@@ -1,4 +1,4 @@
-// Gives hosts and collectors their users on the servers, changes them and takes them away.
+// Adds, renames and removes the users of hosts, collectors and operators on the servers.
 #include "tools/qxrelay/cli/HostCommand.h"
 
 #include <crypt.h>
@@ -82,7 +82,7 @@ Status StatusOf(const std::string& what, const ReplaceResult& result) {
   return {ExitCode::kRefused, what + ": the file or its directory belongs to another user, or it is being changed"};
 }
 
-// Reads the file of users, lets `change` change it, and replaces it.
+// Reads the file of users, calls `change`, and writes the file.
 template <typename Change>
 Status ChangeUsers(const std::string& path, Change change) {
   ReplacedFile file;
@@ -137,7 +137,7 @@ Status WritePassword(const std::string& path, const std::string& password) {
   return StatusOf("cannot write " + path, result);
 }
 
-// The password is written first: a user whose password nobody has would be of no use.
+// The password is written first. If the second write fails, there is no user whose password is lost.
 Status Add(ctl::Context& context, const ctl::Values& values) {
   RelayConfig config;
   if (Status status = LoadConfig(context, values, config); !status.IsOk()) return status;

@@ -6,9 +6,9 @@
 //     ...
 //   ]
 //
-// One user is one line. Lines that "qxrelay host" did not write, such as those of other programs' users, stay as they
-// are. The servers include the file, by a path that begins at the directory of their own configuration:
-// authorization { include "norrlek/qxrelay-users.conf" }.
+// One user is one line. Lines that "qxrelay host" did not write, such as those of other programs' users, do not change.
+// The servers include the file; the path is relative to the directory of their configuration:
+//   authorization { include "norrlek/qxrelay-users.conf" }
 //
 // Everything here is pure. Throws std::bad_alloc. [any thread]
 #pragma once
@@ -38,14 +38,14 @@ struct Rights {
 
 [[nodiscard]] Rights RightsOf(Role role, const StreamSettings& stream, const std::string& name);
 
-// A file of users. What was read and what is written differ only in the lines of the changed users.
+// A file of users. A change writes all other lines as they were read.
 class UsersFile {
  public:
   // `text` is the content of the file; an empty or missing one has no users.
   explicit UsersFile(std::string_view text);
 
   [[nodiscard]] bool Has(const std::string& name) const;
-  // The role and password of a user that this file had from us.
+  // The role and the hashed password of a user that "qxrelay host" wrote.
   [[nodiscard]] std::optional<Role> RoleOfUser(const std::string& name) const;
   [[nodiscard]] std::string PasswordOf(const std::string& name) const;
 

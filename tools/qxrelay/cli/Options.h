@@ -28,8 +28,8 @@ inline constexpr ctl::Parameter kConfigOptions[] = {
 // The host's name in the stream: that of the settings, or the machine's own. Empty if neither is a name (IsHostName).
 [[nodiscard]] std::string HostNameOf(const RelayConfig& config);
 
-// What is wrong if the name of a host or a collector is the machine's, and no name in the stream: `allowed` is what it
-// may be, and `section` where another one can be set.
+// The finding if the machine's name cannot be the name of a host or a collector: `allowed` says what a name may be, and
+// another name can be set in `section`.
 [[nodiscard]] std::string TextOfMachineName(std::string_view allowed, std::string_view section);
 
 // The directory of the reports that are sent.
@@ -39,8 +39,7 @@ inline constexpr ctl::Parameter kConfigOptions[] = {
 // "web1.example.org" => "web1", because the name of a consumer has no ".".
 [[nodiscard]] std::string CollectorName(const RelayConfig& config);
 
-// The files in which the sender of the state directory and the receiver of the root keep their flow
-// (tools/qxrelay/status/FlowDocument.h).
+// The status files of the sender and of the receiver (tools/qxrelay/status/FlowDocument.h).
 [[nodiscard]] std::string SenderFlowFile(const RelayConfig& config);
 [[nodiscard]] std::string ReceiverFlowFile(const RelayConfig& config);
 

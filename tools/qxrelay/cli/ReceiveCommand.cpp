@@ -61,7 +61,7 @@ std::size_t OpenMax() {
   return std::clamp(free / CollectedFiles::kDescriptors, std::size_t{1}, kAny);
 }
 
-// A receiver with all that it borrows. The settings of one are fixed; new settings need a new one.
+// A receiver with everything that it borrows. Its settings are fixed: new settings need a new receiver.
 class Service {
  public:
   Service(Context& output, const RelayConfig& config, CollectorRoot& root)
@@ -82,7 +82,7 @@ class Service {
             [this](const ServiceFlow& flow) { metrics_.Show(flow); }, context_.log),
         started_ms_(WallMs()) {}
 
-  // Until a signal asks for something else.
+  // Runs until a signal requests the end, or new settings.
   void Run(ServiceSignals& signals, ServiceManager& manager) {
     TimeMs status_at = SteadyMs() + kStatusMs;
     for (;;) {
@@ -154,7 +154,7 @@ class Service {
   std::int64_t started_ms_;
 };
 
-// The settings of the file, and what the command line says instead.
+// The settings of the file, changed by the options of the command line.
 Status LoadSettings(Context& context, const Values& values, RelayConfig& config) {
   if (Status status = LoadConfig(context, values, config); !status.IsOk()) return status;
   config.receive.name = values.Text("--name", config.receive.name);
@@ -167,7 +167,7 @@ Status LoadSettings(Context& context, const Values& values, RelayConfig& config)
   return {ExitCode::kFinding, TextOfMachineName(kCollectorNameAllowed, "receive")};
 }
 
-// Settings with findings do not replace the ones in force. The root stays: its lock is held.
+// Settings with findings do not replace the old ones. A new root is not used, because the lock of the old one is held.
 void Reload(Context& context, const Values& values, RelayConfig& config) {
   ServiceManager::Reloading();
   RelayConfig changed;

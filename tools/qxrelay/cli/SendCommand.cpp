@@ -50,7 +50,7 @@ SenderTimes TimesOf(const RelayConfig& config) {
           .batch_bytes = config.send.batch_bytes};
 }
 
-// A sender with all that it borrows. The settings of one are fixed; new settings need a new one.
+// A sender with everything that it borrows. Its settings are fixed: new settings need a new sender.
 class Service {
  public:
   Service(Context& output, const RelayConfig& config, SenderState& state, bool takes_over)
@@ -77,7 +77,7 @@ class Service {
             context_.log),
         started_ms_(WallMs()) {}
 
-  // Until a signal asks for something else, or another sender of this host is found.
+  // Runs until a signal requests the end or new settings, or until another sender of this host is found.
   void Run(ServiceSignals& signals, ServiceManager& manager) {
     TimeMs status_at = SteadyMs() + kStatusMs;
     for (;;) {
@@ -95,7 +95,7 @@ class Service {
     }
   }
 
-  // Waits for what is in flight, and saves.
+  // Waits for the messages in flight, and saves the positions.
   void Finish(ServiceSignals& signals, ServiceManager& manager) {
     sender_.BeginStop();
     const TimeMs end = SteadyMs() + kStopMs;
@@ -124,7 +124,7 @@ class Service {
     return rules;
   }
 
-  // Until a report has its place, the position of the state directory is the last one that is known.
+  // Before the place of a report is found, its last known position is the one in the state directory.
   [[nodiscard]] ServiceFlow Flow() {
     std::vector<SentReport> sent = sender_.Sent();
     for (SentReport& report : sent) {
@@ -159,7 +159,7 @@ Status CheckSettings(const RelayConfig& config) {
   return {ExitCode::kFinding, TextOfMachineName(kHostNameAllowed, "host")};
 }
 
-// Settings with findings do not replace the ones in force.
+// Settings with findings do not replace the old ones.
 void Reload(Context& context, const Values& values, RelayConfig& config) {
   ServiceManager::Reloading();
   RelayConfig changed;

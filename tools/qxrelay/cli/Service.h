@@ -1,4 +1,4 @@
-// What a daemon needs of the system: signals as events, and the messages to the service manager.
+// What a daemon needs from the system: signals as events, and messages to the service manager.
 #pragma once
 
 #include <csignal>
@@ -9,17 +9,17 @@
 
 namespace qx::relay {
 
-// SIGTERM, SIGINT and SIGHUP arrive here, in no signal handler. Make it before any thread starts: threads inherit that
-// these signals are blocked.
+// Receives SIGTERM, SIGINT and SIGHUP without a signal handler. It blocks these signals; create it before any thread
+// starts, because threads inherit this.
 //
-// Threads: one thread. Owns: a descriptor. Failure: without a descriptor the signals keep their effect.
+// Threads: one thread. Owns: a descriptor. Failure: without a descriptor the signals keep their usual effect.
 class ServiceSignals {
  public:
   ServiceSignals();
 
   [[nodiscard]] int Descriptor() const { return file_.Number(); }
 
-  // Takes what has arrived. [owning thread]
+  // Reads the signals that have arrived. [owning thread]
   void Take();
   // Whether the service is to end, or to read its settings again. The second result is true once for each request.
   // [owning thread]
@@ -32,14 +32,14 @@ class ServiceSignals {
   bool is_reload_ = false;
 };
 
-// Waits until one of the descriptors (-1: none) is readable, at most so many milliseconds. [any thread]
+// Waits until one of the descriptors (-1: no descriptor) is readable, or until the time is over. [any thread]
 void WaitForEither(int first, int second, std::int64_t time_ms);
 
 // Milliseconds of the monotonic clock, and of the wall clock since 1970. [any thread]
 [[nodiscard]] std::int64_t SteadyMs();
 [[nodiscard]] std::int64_t WallMs();
 
-// Says what the service does, in the form of sd_notify. Nothing happens without a service manager.
+// Sends the state of the service to systemd (sd_notify). Nothing happens without a service manager.
 //
 // Threads: one thread.
 class ServiceManager {
@@ -50,7 +50,7 @@ class ServiceManager {
   static void Status(const std::string& status);
   static void Reloading();
   static void Stopping();
-  // Reports to the watchdog that the service is alive, as often as it expects it. [owning thread]
+  // Reports to the watchdog that the service is alive. Sends nothing before this is due. [owning thread]
   void Alive(std::int64_t now_ms);
   // When Alive is to be called again. [owning thread]
   [[nodiscard]] std::int64_t NextAlive() const { return next_ms_; }

@@ -1,4 +1,5 @@
-// Shows what the sender and the receiver of this machine do: what waits, how long the rings last, and what was lost.
+// Shows the state of the sender and the receiver of this machine: the records that wait, how long the rings last, and
+// the lost records.
 #include "tools/qxrelay/cli/StatusCommand.h"
 
 #include <algorithm>
@@ -77,7 +78,7 @@ ServiceFlow FlowOfStoppedSender(const RelayConfig& config, std::optional<Service
   return sender.Flow(SteadyMs(), WallMs());
 }
 
-// What waits for a receiver that is not running is known to the stream only.
+// If the receiver is not running, only the stream knows how many messages wait for it.
 void MarkAsStopped(const RelayConfig& config, bool is_offline, ServiceFlow& flow) {
   flow.started_ms = 0;
   flow.is_connected = false;

@@ -1,5 +1,4 @@
-// An address of this machine's loopback network with a port, on which a service may listen: no other machine reaches
-// it.
+// A loopback address with a port, on which a service may listen. No other machine can connect to it.
 #pragma once
 
 #include <sys/socket.h>
@@ -15,8 +14,8 @@ struct LoopbackAddress {
   [[nodiscard]] bool IsV6() const { return address.ss_family == AF_INET6; }
 };
 
-// "127.0.0.1:9464", "[::1]:9464"; port 0 is one that the system picks. Unset for anything else, also for names.
-// [any thread]
+// "127.0.0.1:9464", "[::1]:9464". For port 0 the system chooses a port. Unset for other texts, also for names. [any
+// thread]
 [[nodiscard]] std::optional<LoopbackAddress> LoopbackAddressOf(std::string_view text);
 
 }  // namespace qx::relay

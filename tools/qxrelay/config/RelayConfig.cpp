@@ -21,7 +21,7 @@ constexpr std::string_view kLabels = "labels";
 constexpr std::size_t kLabelBytesMax = 256;
 constexpr std::uint64_t kReportsMax = 1'000'000;
 
-// Sets a value of the settings. The result is what is wrong with the text, or an empty text.
+// Sets a value of the settings. Returns what is wrong with the value, or an empty text.
 using SetValue = std::function<std::string(RelayConfig&, const std::string&)>;
 
 struct KeyRow {
@@ -79,7 +79,7 @@ std::string TimeText(std::chrono::milliseconds time) {
   return std::to_string(ms / unit->factor) + " " + std::string(unit->name);
 }
 
-// What a setter needs to know of its value: the member, and the limits, both of them valid.
+// What a setter needs: the member that it sets, and the limits of its value, which are valid values.
 template <typename Duration>
 SetValue Time(std::function<Duration&(RelayConfig&)> member, Duration min, Duration max) {
   return [=](RelayConfig& config, const std::string& text) -> std::string {
@@ -103,7 +103,7 @@ SetValue Size(std::function<Integer&(RelayConfig&)> member, std::uint64_t min, s
   };
 }
 
-// What a name may be, and how the operator reads that.
+// The test of a name, and the text for the operator that describes a valid one.
 struct NameRule {
   bool (*is_name)(std::string_view) = nullptr;
   std::string_view allowed;
@@ -341,7 +341,7 @@ std::string ApiPrefix(const StreamSettings& stream) {
 
 bool IsStreamName(std::string_view name) { return IsHostName(name) && name.find('.') == std::string_view::npos; }
 
-// The classic walk with one place to return to: after a mismatch the last "*" takes one byte more.
+// After a mismatch, the last "*" matches one more byte. It is enough to remember this "*", not the earlier ones.
 bool MatchesPattern(std::string_view pattern, std::string_view name) {
   std::size_t at = 0;
   std::size_t in_name = 0;

@@ -1,7 +1,7 @@
 // The settings of qxrelay: one INI file for all its parts, read with CIniFile.
 //
-// A key that the table in RelayConfig.cpp does not list is a finding, and so is a value that its key cannot have: a
-// misspelt key must not silently leave a default in force. Lists are separated by commas.
+// A key that is not in the table of RelayConfig.cpp is a finding, because a misspelt key must not leave a default in
+// force. A value that its key cannot have is a finding, too. Commas separate the elements of a list.
 #pragma once
 
 #include <chrono>
@@ -14,7 +14,7 @@
 
 namespace qx::relay {
 
-// [stream]: where the records go, on servers and in them.
+// [stream]: the servers, and the stream on them.
 struct StreamSettings {
   std::vector<std::string> servers = {"nats://127.0.0.1:4222"};  // tried in a random order
   std::string name = "QX";                                       // of the JetStream stream
@@ -86,18 +86,19 @@ struct RelayConfig {
 using ConfigFindings = std::vector<std::string>;
 
 // Reads the file into `config`. Values with a finding keep their defaults. A file that cannot be read is one finding.
-// It reads nothing else: "qxrelay check" proves what the values name. Throws std::bad_alloc. [any thread]
+// The files and servers that the values name are not checked here, but by "qxrelay check". Throws std::bad_alloc. [any
+// thread]
 [[nodiscard]] ConfigFindings ReadConfig(const std::string& path, RelayConfig& config);
 
 // Every key with its section, in the order of the sections, except those of [labels]. [any thread]
 [[nodiscard]] std::vector<std::pair<std::string_view, std::string_view>> ConfigKeys();
 
-// The subjects of JetStream's interface begin with it. [any thread]
+// The first tokens of the subjects for requests to JetStream. [any thread]
 //   no domain  => $JS.API
 //   hub        => $JS.hub.API
 [[nodiscard]] std::string ApiPrefix(const StreamSettings& stream);
 
-// Of a name that IsHostName refuses, after the quoted name.
+// The rest of a finding that begins with the quoted name, if IsHostName refuses it.
 inline constexpr std::string_view kHostNameAllowed =
     R"(is not a host's name: use 1 to 64 letters, digits, "-", "_" and ".", beginning with a letter or a digit)";
 

@@ -10,7 +10,7 @@ inline constexpr std::int64_t kBackoffMinMs = 50;
 inline constexpr std::int64_t kBackoffMaxMs = 5000;
 
 // The wait after the nth failure in a row, counted from 1. `random` is from 0 up to 1. Half of the wait is fixed, so
-// that nobody waits almost nothing, and half is random, so that many hosts do not come back together. [any thread]
+// that no wait is very short. The other half is random, so that many hosts do not connect together. [any thread]
 //   failure 1, random 0    => 50
 //   failure 3, random 0.5  => 150
 //   failure 9, random 0    => 2500

@@ -43,7 +43,7 @@ void PutHead(std::string& bytes, const MessageHead& head) {
   bytes += head.report;
 }
 
-// Takes fields off the front of bytes that the caller has checked to be there.
+// Reads one field after another. The caller has checked that there are enough bytes.
 class FieldReader {
  public:
   explicit FieldReader(std::string_view bytes) : bytes_(bytes) {}
@@ -143,7 +143,7 @@ MessageFault ReadHead(FieldReader& reader, MessageHead& head) {
                                                                                  : MessageFault::kValue;
 }
 
-// Each text has a length of at least one byte, so the bytes that are left bound the number of texts.
+// The length of each text takes at least one byte, so there are not more texts than bytes left.
 MessageFault ReadLengths(FieldReader& reader, std::uint64_t count, std::vector<std::uint32_t>& lengths) {
   if (count > reader.Rest().size()) return MessageFault::kTruncated;
   lengths.reserve(static_cast<std::size_t>(count));

@@ -1,4 +1,4 @@
-// What a message of the stream consists of, as bytes and back.
+// The bytes of a message of the stream: encoding and decoding.
 //
 //   offset  bytes
 //   0       3   "QXR"
@@ -18,9 +18,9 @@
 //   84      4   zeros
 //   88          the report's name, the length of each text as a varint, the texts
 //
-// Integers are little-endian. A varint has seven bits a byte, the lowest first, and the highest bit in all bytes but
-// the last; it has no more bytes than it needs. The texts of records are the bytes of the data file, with their line
-// ends.
+// Integers are little-endian. A varint has seven bits in each byte, the lowest ones first. The highest bit is set in
+// all bytes except the last one. A varint has no more bytes than it needs. The texts of records are the bytes of the
+// data file, with their line ends.
 //
 //   kind     first, count           texts
 //   records  those of the records   the records
@@ -29,8 +29,8 @@
 //   names    0, 1                   the whole file; count 0 without a text if there is no file
 //   about    0, n                   n labels, each "name=value"
 //
-// The decoder trusts no byte: each length is checked against what is there before it is used, and a message is refused
-// as a whole. A refused message costs no memory.
+// The decoder trusts no byte: before a length is used, it is compared with the number of bytes that are left. A message
+// is refused as a whole. For a refused message no memory is allocated.
 //
 // Everything here is pure and never throws anything but std::bad_alloc. [any thread]
 #pragma once
@@ -51,7 +51,7 @@ inline constexpr std::size_t kHeadBytes = 88;
 inline constexpr std::size_t kReportNameBytesMax = 4096;
 // The largest message that is decoded. Servers refuse more than 1 MiB by default, and 64 MiB at most.
 inline constexpr std::size_t kMessageBytesMax = std::size_t{64} * 1024 * 1024;
-// The bytes of a message with one text are those of the name and the text, and at most this many more.
+// A message with one text is at most this many bytes longer than the name and the text.
 inline constexpr std::size_t kOverheadBytesMax = kHeadBytes + 5;
 
 enum class MessageKind : std::uint8_t { kRecords = 1, kGap = 2, kEmpty = 3, kNames = 4, kAbout = 5 };
@@ -65,7 +65,7 @@ enum class GapReason : std::uint8_t {
 
 using HostIdentity = std::array<std::uint8_t, 16>;
 
-// Everything of a message but its texts. For the fields see the table above.
+// A message without its texts. The table above describes the fields.
 struct MessageHead {
   MessageKind kind = MessageKind::kEmpty;
   GapReason reason = GapReason::kNone;
@@ -97,7 +97,7 @@ enum class MessageFault : std::uint8_t {
   kValue,      // a field has a value that no sender writes
 };
 
-// "the bytes end before their lengths say": for findings and logs
+// A text for findings and logs, such as "the bytes end before their lengths say".
 [[nodiscard]] std::string_view TextOfFault(MessageFault fault);
 
 struct DecodedMessage {
@@ -106,8 +106,8 @@ struct DecodedMessage {
   std::vector<std::string_view> texts;  // parts of the decoded bytes; valid as long as they are
 };
 
-// `texts` one after another, with the length of each in `lengths`. The sum of the lengths must be texts.size(), and the
-// number of the lengths must be that of the kind.
+// `texts` are all texts without separators, and `lengths` their lengths. The sum of the lengths must be texts.size(),
+// and their number must be the one that the kind of the message requires.
 [[nodiscard]] std::string EncodeMessage(const MessageHead& head, std::span<const std::uint32_t> lengths = {},
                                         std::string_view texts = {});
 

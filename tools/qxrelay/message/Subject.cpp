@@ -17,7 +17,7 @@ bool IsAlphanumeric(char byte) {
 
 bool IsPlain(char byte) { return IsAlphanumeric(byte) || byte == '-' || byte == '_'; }
 
-// Takes the text up to the next separator off the front, and drops the separator.
+// Returns the text up to the next separator, and removes both from the front of `text`.
 std::string_view TakePart(std::string_view& text, char separator) {
   const std::size_t end = std::min(text.find(separator), text.size());
   const std::string_view part = text.substr(0, end);

@@ -5,8 +5,8 @@
 //   PREFIX.about.HOST           the labels of a host
 //
 // A subject consists of tokens with "." between them. A name becomes one token: letters, digits, "-" and "_" stay,
-// every other byte becomes "%" with two upper-case hexadecimal digits, and the empty name becomes "%". Each name has
-// exactly one token, and each token that has another form than that is refused.
+// every other byte becomes "%" with two upper-case hexadecimal digits, and the empty name becomes "%". So each name has
+// exactly one token. All other tokens are refused.
 //
 //   load        => load
 //   disk/sda 1  => disk%2Fsda%201
@@ -27,8 +27,8 @@ namespace qx::relay {
 inline constexpr std::size_t kTokenBytesMax = 1500;
 inline constexpr std::size_t kHostNameBytesMax = 64;
 
-// True for a name that may become a path below the directory of the collector, in one way only: no NUL, not absolute,
-// and no component "..", "." or "" (the last component may be empty: the report "a/" has the file "a/.ind").
+// True if the name can be a path below the directory of the collector, and no other name is the same path: no NUL, not
+// absolute, and no component "..", "." or "" (the last component may be empty: the report "a/" has the file "a/.ind").
 [[nodiscard]] bool IsReportName(std::string_view name);
 
 // True for 1 to 64 letters, digits, "-", "_" and ".", beginning with a letter or a digit.

@@ -13,7 +13,7 @@ namespace qx::relay {
 namespace {
 
 constexpr mode_t kBaseMode = 0644;
-// A base is renewed long before the files' count of 32 bits is ambiguous.
+// A new base is written long before the 32-bit count of the files becomes ambiguous.
 constexpr std::uint32_t kAheadMax = 0x40000000;
 
 std::string BaseError(const std::string& path, int error) {

@@ -1,7 +1,7 @@
 // The files of one report on a collector: the report, written with the writer of the SDK, and its base (ReportBase.h).
 //
-// The position is never in memory alone: it follows from the count in the files and the base. So after a kill at any
-// moment, the next receiver finds the position in the files.
+// The position follows from the base and the count in the files. So after a kill at any moment, the next receiver finds
+// the position in the files.
 #pragma once
 
 #include <cstdint>
@@ -29,15 +29,15 @@ class CollectedFiles {
   void Close() { writer_.Close(); }
   [[nodiscard]] bool IsOpen() const { return writer_.IsOpen(); }
 
-  // As Open has found it. kFits: the number of the next record is Next(). [owning thread]
+  // The base as Open has found it. With kFits, the number of the next record is Next(). [owning thread]
   [[nodiscard]] BaseFit Fit() const { return found_.fit; }
   [[nodiscard]] const ReportBase& Base() const { return found_.base; }
   [[nodiscard]] std::uint64_t Next() const { return found_.next; }
   // Whether the report has a record at all. [owning thread]
   [[nodiscard]] bool IsEmpty() const { return writer_.RecordCount() == 0; }
 
-  // From now on the next record has the number `base.next`; generation and count are filled in. The base must be on the
-  // disk before the next Append. [owning thread]
+  // Writes a new base: the next record has the number `base.next`. Sets generation and count itself. The base must be
+  // on the disk before the next Append. [owning thread]
   [[nodiscard]] CollectorFault WriteBase(ReportBase base);
   // Writes into the base that the files contradict the messages. This holds until somebody changes the files. [owning
   // thread]
@@ -53,7 +53,7 @@ class CollectedFiles {
 
   // The hash of the record of this number; 0 if the report does not have it. [owning thread]
   [[nodiscard]] std::uint64_t HashOf(std::uint64_t number);
-  // The same of the newest record, whatever its number. [owning thread]
+  // The hash of the newest record, whatever its number. [owning thread]
   [[nodiscard]] std::uint64_t NewestHash();
 
  private:

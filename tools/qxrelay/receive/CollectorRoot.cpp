@@ -23,7 +23,7 @@ constexpr std::size_t kMadeMax = 100'000;
 constexpr std::string_view kNamesSuffix = ".names";
 constexpr std::string_view kAboutDirectory = "about";
 
-// Failures of the system that may end without any action on the report.
+// Failures of the system that may end without a change of the report.
 constexpr std::array kSystemErrors = {ENOSPC, EDQUOT, EIO, EROFS, ENOMEM, EMFILE, ENFILE, ENOBUFS, EAGAIN, ESTALE};
 
 std::string ErrorText(const std::string& what, const std::string& path, int error) {
@@ -47,8 +47,8 @@ CollectorFault WriteFault(const std::string& path, const ReplaceResult& result) 
   return {.kind = CollectorFault::Kind::kReport, .text = "cannot write " + path};
 }
 
-// Senders repeat the same bytes, so that these do not expire in the stream: a file that has them already is not
-// written.
+// Senders repeat the same bytes, so that they do not expire in the stream. If the file has these bytes already, it is
+// not written.
 CollectorFault WriteWhole(const std::string& path, std::string_view bytes) {
   if (!bytes.empty() && file::TextOf(path) == bytes) return {};
   ReplacedFile file;

@@ -1,4 +1,4 @@
-// The directory of a collector: one directory for each host, with the reports of that host as they are there.
+// The directory of a collector. It has one directory for each host, with the reports of the host under their names.
 //
 //   ROOT/HOST/REPORT.ind, .dat     the report
 //   ROOT/HOST/REPORT.relay         which number its records have (ReportBase.h)
@@ -21,7 +21,7 @@
 
 namespace qx::relay {
 
-// An operation that failed: for the operator, and whether it may work later without anybody's help.
+// A failed operation: a text for the operator, and the kind, which decides whether it is tried again.
 struct CollectorFault {
   enum class Kind : std::uint8_t {
     kNone,
@@ -60,7 +60,7 @@ class CollectorRoot {
   // Replaces the labels of a host. [owning thread]
   [[nodiscard]] CollectorFault WriteAbout(const std::string& host, std::string_view text) const;
 
-  // Everything that was written below the root is on the disk, if this returns 0. [owning thread]
+  // Syncs everything that was written below the root. Returns 0 or the error number. [owning thread]
   [[nodiscard]] int Sync() const;
 
  private:

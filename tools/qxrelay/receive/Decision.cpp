@@ -31,8 +31,8 @@ Decision Begin(const MessageHead& head) {
   return decision;
 }
 
-// The message is of an earlier incarnation than the report: its records were handled before the report's incarnation
-// began.
+// The message is from an earlier incarnation than the report. All its records were handled before the present
+// incarnation began.
 Decision DropAll(const ReportPosition& position, const MessageHead& head) {
   Decision decision = {.verdict = Verdict::kTake, .next = position.next};
   if (head.kind == MessageKind::kRecords) {
@@ -42,8 +42,8 @@ Decision DropAll(const ReportPosition& position, const MessageHead& head) {
   return decision;
 }
 
-// Compares every record that both the message and the report have: after a power failure, a record in the middle may
-// be the one that the disk has lost.
+// Compares every record that both the message and the report have, because a power failure may have damaged any of
+// them.
 bool IsContradicted(const ReportPosition& position, const IncomingMessage& message, const HashOfRecord& hash_of) {
   const MessageHead& head = message.head;
   const auto differs = [&](std::uint64_t number, std::uint64_t in_message) {

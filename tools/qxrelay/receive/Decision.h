@@ -1,4 +1,4 @@
-// What a collector does with a message of a report, decided from the numbers of the message and the report's position.
+// Decides what a collector does with a message, from the numbers of the message and the position of its report.
 //
 //   position                  message                                          => decision
 //   unknown                   first 0, or nothing of the report is before it   => take: the report begins
@@ -12,8 +12,8 @@
 //                             one of them is another                           => contradicted: another program, or a
 //                                                                                 power failure, changed the report
 //
-// "Nothing of the report is before it" means that no message of the report before this one will come, for the first
-// time or again. Only that proves that records are lost, because after a restart messages come in another order.
+// "Nothing of the report is before it" means that no earlier message of the report will come, neither for the first
+// time nor again. Only then are the missing records lost: after a restart, messages can come in another order.
 //
 // Everything here is pure. Throws std::bad_alloc. [any thread]
 #pragma once

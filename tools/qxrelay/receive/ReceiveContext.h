@@ -17,7 +17,7 @@ namespace qx::relay {
 // Milliseconds of the monotonic clock.
 using TimeMs = std::int64_t;
 
-// A message with nothing left to do, once everything that was written is on the disk.
+// A message that can be acknowledged after the next sync.
 struct HandledMessage {
   std::uint64_t sequence = 0;
   std::string receipt;

@@ -22,7 +22,7 @@ constexpr TimeMs kStateMs = 250;    // between two checks of what the stream sti
 constexpr std::size_t kLoggedMax = 1000;
 constexpr std::size_t kNewerMax = 1000;
 
-// Whether the text is a record as a store returns it: a byte that ends a record is only at the end of the text.
+// Whether the text is a record as a store returns it: only its last byte ends a record.
 bool IsRecord(std::string_view text) {
   const std::size_t end = report::FindTextEnd(text);
   return end == text.size() || (end + 1 == text.size() && text[end] != '\0');
@@ -111,7 +111,7 @@ void Receiver::Fetch(TimeMs now, TimeMs wait) {
   if (problem.has_value()) Disconnected(now, *problem);
 }
 
-// Finds who the message is for, and refuses what no sender sends.
+// Finds the report of the message, and refuses messages that no sender sends.
 void Receiver::Sort(StreamMessage message) {
   const std::optional<Subject> subject = SubjectOfText(context_.stream_settings.prefix, message.subject);
   if (!subject.has_value()) return Refuse(message, "its subject is not one of the relay");
@@ -148,8 +148,8 @@ void Receiver::Refuse(const StreamMessage& message, const std::string& why) {
   (void)context_.stream.Refuse(message.receipt);  // if this is lost, it comes and is refused again
 }
 
-// The newest state counts. Acknowledgements are sent in the order of the stream, so an older message never comes again
-// after a newer one was acknowledged.
+// The newest message replaces the state. Acknowledgements are sent in the order of the stream, so an older message
+// never comes again after a newer one was acknowledged.
 void Receiver::TakeSide(const StreamMessage& message, const Subject& subject, const DecodedMessage& decoded) {
   CollectorFault fault;
   if (subject.branch == Branch::kAbout) {
@@ -210,7 +210,7 @@ void Receiver::Pause(TimeMs now) {
   Trouble(context_.system_fault);
 }
 
-// Tries again what the system refused.
+// Repeats the writes that the system refused.
 void Receiver::Continue(TimeMs now) {
   context_.system_fault.clear();
   for (StreamMessage& message : std::exchange(sides_, {})) Sort(std::move(message));
@@ -221,7 +221,7 @@ void Receiver::Continue(TimeMs now) {
   problem_.clear();
 }
 
-// Bases of many reports go to the disk together, and then their records are written.
+// Syncs the bases of many reports together, and then writes their records.
 void Receiver::SyncBases(TimeMs now) {
   if (!context_.needs_base_sync || now < synced_at_ + kBaseSyncMs || !Sync(now)) return;
   for (Entry* const entry : touched_) entry->collector.BaseSynced();
@@ -268,7 +268,7 @@ void Receiver::Acknowledge() {
   handled.clear();
 }
 
-// What the stream still has can prove that a missing message will not come.
+// The state of the stream can prove that a missing message will not come.
 void Receiver::ReadState(TimeMs now) {
   const bool is_waiting = std::any_of(touched_.begin(), touched_.end(),
                                       [](const Entry* entry) { return entry->collector.WaitsForProof(); });

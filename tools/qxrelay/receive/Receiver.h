@@ -1,7 +1,7 @@
 // The receiver of a collector: fetches the messages of all hosts and writes their reports below one root.
 //
-// It has no thread and no clock of its own: Step fetches, writes, syncs and acknowledges what is due. Nothing is
-// acknowledged before the file system was synced after it was written.
+// It has no thread and no clock of its own: Step fetches, writes, syncs and acknowledges what is due. A message is
+// acknowledged only after its records were written and the file system was synced.
 #pragma once
 
 #include <cstdint>
@@ -41,7 +41,7 @@ class Receiver {
   [[nodiscard]] std::vector<std::string> Findings() const { return limits_.Findings(); }
   // In the order of hosts and reports. [owning thread]
   [[nodiscard]] std::vector<CollectedReport> Reports() const;
-  // What keeps all reports from continuing: no connection, or a disk that is full. Empty: nothing. [owning thread]
+  // What stops all reports, such as a lost connection or a full disk. Empty if nothing does. [owning thread]
   [[nodiscard]] const std::string& Problem() const { return problem_; }
 
  private:

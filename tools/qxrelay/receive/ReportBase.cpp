@@ -13,7 +13,7 @@ namespace {
 constexpr std::string_view kMark = "qxrelay-base 1";
 constexpr std::size_t kDigits = 16;
 constexpr int kHexadecimal = 16;
-// Counts are modulo 2^32: up to this difference a count is ahead of another one, beyond it the count is before it.
+// Counts are modulo 2^32: a count is after another one if the difference is at most this number, otherwise before it.
 constexpr std::uint32_t kAheadMax = 0x7FFFFFFF;
 
 std::string Field(std::uint64_t number) {
@@ -22,7 +22,7 @@ std::string Field(std::uint64_t number) {
   return digits;
 }
 
-// " 000000000000002a..." => 42, and drops it.
+// " 000000000000002a..." => 42; removes it from the text.
 std::optional<std::uint64_t> TakeField(std::string_view& line) {
   if (line.size() <= kDigits || line[0] != ' ') return std::nullopt;
   const std::string_view digits = line.substr(1, kDigits);

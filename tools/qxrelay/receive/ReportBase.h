@@ -1,13 +1,13 @@
 // The base of a report on a collector: which number the records of its files have.
 //
 // The files count their records, modulo 2^32. A base says "when the files had counted `count` records, the next one had
-// number `next`", so the position of a report is next + (records counted now - count). A base is written once for each
-// incarnation and each gap, and it is on the disk before the first record that needs it. So whatever the system loses
-// in a crash, files and base together show a position that was true at some time, and everything after it comes again.
+// number `next`". So the position of a report is next + (records counted now - count). A base is written for each
+// incarnation and each gap, and is on the disk before the first record that needs it. So after a crash, files and base
+// together show a position that was true at some time. Everything after it comes again.
 //
-// A base file is next to the files of its report and has two lines of kBaseLineBytes. A new base takes the place of the
-// older line: the other one stays whole. After a loss of power, the files may lack the records before the newest base;
-// the older line then says what the files have.
+// A base file is next to the files of its report and has two lines of kBaseLineBytes. A new base replaces the older
+// line; the other line stays whole. After a loss of power, the files may lack the records before the newest base: then
+// the older line is in force.
 //
 //   qxrelay-base 1 GENERATION INCARNATION COUNT NEXT SEQUENCE STREAM LOST CHECK
 //
@@ -42,11 +42,11 @@ struct ReportBase {
 
 [[nodiscard]] std::string TextOfBase(const ReportBase& base);
 
-// The lines that are whole, in the places that they have in the file.
+// The two lines of the file, in their order; unset for a line that is not whole.
 using BaseLines = std::array<std::optional<ReportBase>, 2>;
 [[nodiscard]] BaseLines BasesOfText(std::string_view text);
 
-// Where the next base goes: not where `kept` is, the one that is in force.
+// The line of the next base: not the line of `kept`, the base that is in force.
 [[nodiscard]] std::size_t PlaceOfNextBase(const BaseLines& lines, const std::optional<ReportBase>& kept);
 
 enum class BaseFit : std::uint8_t {
@@ -64,7 +64,7 @@ struct FoundBase {
   friend bool operator==(const FoundBase&, const FoundBase&) = default;
 };
 
-// What the lines say of files that have counted `count` records.
+// The base that is in force for files that have counted `count` records.
 //   newest next 100 at count 40   older next 20 at count 20   count 45 => next 105
 //                                                             count 30 => next 30, of the older one
 //                                                             count 5  => shrunk, next 100

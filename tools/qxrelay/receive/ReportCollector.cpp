@@ -27,8 +27,8 @@ ReportCollector::ReportCollector(ReceiveContext& context, HostLoad& load, std::s
   seen_.report = report_;
 }
 
-// The texts point into the heap memory of the payload, which stays in place when the string is moved: a message is too
-// long for the buffer that a short string has inside the object.
+// The texts point into the memory of the payload. It does not move with the string object, because a message is too
+// long for the buffer inside the object.
 void ReportCollector::Add(StreamMessage message, DecodedMessage decoded) {
   if (const auto found = queue_.find(message.sequence); found != queue_.end()) {
     found->second.receipt = std::move(message.receipt);
@@ -75,7 +75,7 @@ void ReportCollector::WorkOnQueue(TimeMs now) {
   }
 }
 
-// Drops messages for which there is no memory, the newest first: they are not acknowledged, so they come again.
+// Drops the newest messages until the queue is small enough. They are not acknowledged, so they come again.
 void ReportCollector::TrimQueue() {
   const auto is_over = [&] {
     return context_.queued_bytes > context_.queue_bytes_max || load_.queued_bytes > context_.host_queue_bytes_max;
@@ -121,7 +121,7 @@ ReportCollector::Outcome ReportCollector::Handle(TimeMs now, std::uint64_t seque
   return Take(now, sequence, message, decision);
 }
 
-// Continues files without a base if their newest record is in the message, or directly before it. Finds the position.
+// Finds the position of files that have no base: their newest record must be in the message, or directly before it.
 bool ReportCollector::Adopt(const Queued& message, ReportPosition& position) {
   const std::uint64_t newest = files_.NewestHash();
   std::uint64_t next = message.head.first;

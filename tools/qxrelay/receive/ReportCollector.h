@@ -1,5 +1,5 @@
-// Writes the messages of one report: decides with Decide, writes with CollectedFiles, and keeps what cannot be decided
-// or written yet.
+// Writes the messages of one report: decides with Decide, writes with CollectedFiles, and keeps messages that cannot be
+// decided or written yet.
 //
 //   message --> queue --decided--> base, if needed --on the disk--> records --> header confirmed --> handled
 //                 |
@@ -28,13 +28,14 @@ class ReportCollector {
   // `load` is that of the host, and lives as long as the collector.
   ReportCollector(ReceiveContext& context, HostLoad& load, std::string host, std::string report);
 
-  // A message of this report, as it was decoded. One that is in the queue already gets the new receipt. [owning thread]
+  // Adds a message of this report to the queue. If the queue has it already, it gets the new receipt. [owning thread]
   void Add(StreamMessage message, DecodedMessage decoded);
-  // Does what can be done with the queue. [owning thread]
+  // Handles the messages of the queue as far as possible. [owning thread]
   void Work(TimeMs now);
-  // To be called when the base is on the disk. [owning thread]
+  // Must be called when the base is on the disk. [owning thread]
   void BaseSynced() { is_base_unsynced_ = false; }
-  // Forgets the queue, and what the numbers of an earlier stream showed. [owning thread]
+  // The stream was created again: drops the queue, and what is known from the sequences of the earlier stream. [owning
+  // thread]
   void StreamReplaced();
   void CloseFiles() { files_.Close(); }
 

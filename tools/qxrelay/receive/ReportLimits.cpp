@@ -30,7 +30,7 @@ std::vector<std::string> NamesIn(const std::string& directory) {
   return names;
 }
 
-// The reports below a host's directory, by any file that a receiver makes for them. Links are not entered.
+// The reports below a host's directory. Any file that a receiver writes for a report counts. Links are not entered.
 std::set<std::string> ReportsBelow(const std::string& directory) {
   std::set<std::string> reports;
   std::vector<std::string> waiting = {""};

@@ -1,8 +1,8 @@
-// How many hosts and reports a collector creates: a host that makes up names must not fill its disk or memory.
+// Limits the hosts and reports of a collector: a host that invents names must not fill its disk or memory.
 //
-// Hosts and reports that are below the root at the start count, and continue whatever the limits are. A message of
-// another host or report that would be over a limit is acknowledged and not written; it is counted here, and Findings
-// says so.
+// Hosts and reports that are below the root at the start count, and continue whatever the limits are. Another host or
+// report above a limit is not created: its messages are acknowledged and not written. They are counted here, and
+// Findings reports them.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@
 
 namespace qx::relay {
 
-// What a receiver has of one host.
+// What a receiver keeps for one host.
 struct HostLoad {
   std::set<std::string> reports;  // on the collector
   std::size_t queued_bytes = 0;   // of messages that wait in memory
@@ -28,7 +28,7 @@ struct HostLoad {
 // Throws std::bad_alloc.
 class ReportLimits {
  public:
-  // `log` gets one line for each limit that is met, and for each host that meets it.
+  // `log` gets one line for each limit and each host that reaches it.
   ReportLimits(const ReceiveSettings& settings, std::function<void(const std::string&)> log)
       : settings_(settings), log_(std::move(log)) {}
 
@@ -41,7 +41,7 @@ class ReportLimits {
   // counted as left out. [owning thread]
   [[nodiscard]] HostLoad* Report(const std::string& host, const std::string& report, std::uint64_t records);
 
-  // A line for each limit that was met, and what it has cost so far. A bounded number of lines. [owning thread]
+  // A line for each limit that was reached, with the number of lost records. A bounded number of lines. [owning thread]
   [[nodiscard]] std::vector<std::string> Findings() const;
   // Records that were left out. [owning thread]
   [[nodiscard]] std::uint64_t LeftOut() const { return left_out_; }

@@ -4,7 +4,7 @@
 
 namespace qx::relay {
 
-// A look-up without an answer is tried again at the next time.
+// A look-up without an answer is repeated after the usual period.
 void HostWatch::Step(TimeMs now) {
   if (token_ != 0 && now >= deadline_) {
     is_unanswered_ = true;

@@ -1,6 +1,5 @@
-// Finds another sender that uses this host's name. Every sender sends a message with the host's labels at its start,
-// and the newest of these messages shows who sent it. Reports without new records would show the other sender only
-// hours later.
+// Finds another sender that uses this host's name. Every sender sends the labels of its host when it starts, and the
+// newest message with labels shows which sender is newer. Messages of reports come too rarely for this check.
 #pragma once
 
 #include <algorithm>
@@ -20,14 +19,14 @@ class HostWatch {
   HostWatch(SendContext& context, std::string subject, std::size_t owner)
       : context_(context), subject_(std::move(subject)), owner_(owner) {}
 
-  // Requests the newest message if that is due. [owning thread]
+  // Looks up the newest message with labels when it is time. [owning thread]
   void Step(TimeMs now);
   void Connected(TimeMs now);
 
-  // What a reply to its look-up shows; unset for any other reply. [owning thread]
+  // Whether the reply to its look-up shows another sender; unset for any other reply. [owning thread]
   [[nodiscard]] std::optional<Rival> OnReply(TimeMs now, const StreamReply& reply);
 
-  // Whether the last look-up had no answer in time: there is no stream, it has no leader, or this host may not ask.
+  // Whether the last look-up had no answer in time: there is no stream, it has no leader, or this host lacks the right.
   // [owning thread]
   [[nodiscard]] bool IsUnanswered() const { return is_unanswered_; }
 

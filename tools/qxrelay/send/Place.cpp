@@ -8,7 +8,7 @@ namespace qx::relay {
 
 namespace {
 
-// A longer ring is searched from its newest records on.
+// At most this many records are searched, the newest ones.
 constexpr std::uint64_t kSearchedRecordsMax = 1'000'000;
 
 // The place after the last sent records, if the ring has them.
@@ -36,8 +36,8 @@ Place After(const Mark& mark) {
   return {.incarnation = mark.incarnation, .next = mark.next, .hash_before = mark.hash_before};
 }
 
-// The oldest record that can be sent, or the record after the mark if that is older: then the records between them are
-// lost.
+// The place after the mark. If the ring no longer has the record after the mark, the records in between are lost, and
+// become a gap.
 Place FromOldest(const Mark& mark, const StoreView& view) {
   const std::optional<RecordRange> range = RangeNear(view.header, mark.next);
   const std::uint64_t oldest = view.Sendable(*range).oldest;

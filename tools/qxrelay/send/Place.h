@@ -1,10 +1,10 @@
-// Where a sender continues in a store, decided from what the newest message of the stream and the state directory say.
+// Decides where a sender continues in a store, from the newest message of the stream and from the state directory.
 //
 //   incarnation   a random number for one life of a store. It is the same as long as the numbers of its
-//                 records continue. A store that was started over, or replaced by a backup, has a new one.
+//                 records continue. A store that was started over, or replaced by a backup, gets a new one.
 //   mark          "the record before number `next` of this incarnation has this hash"
 //
-// Inode and times prove nothing: a store is started over in the same file. A record's hash does.
+// Inode and times prove nothing, because a store can be started over in the same files. The hash of a record does.
 //
 //   mark of the newest message   mark of the state   => continue
 //   proven                       any                 after the message: the stream has everything up to there
@@ -41,12 +41,12 @@ struct Mark {
   friend bool operator==(const Mark&, const Mark&) = default;
 };
 
-// What a sender sees of a store.
+// The state of a store that the decision needs.
 struct StoreView {
   report::IndexHeader header;
   std::uint32_t unsafe = 0;  // how many of the oldest records a writer may be replacing
 
-  // The records of a range that can be sent.
+  // The part of the range that can be sent: without the records that a writer may be replacing.
   [[nodiscard]] RecordRange Sendable(RecordRange range) const {
     range.oldest += unsafe < range.Count() ? unsafe : range.Count();
     return range;
@@ -95,7 +95,7 @@ enum class Rival : std::uint8_t {
   kLaterSession,  // this identity, but a later start than ours: a second sender is running, or the state was restored
 };
 
-// For the operator: what was found, and what to do. Empty for kNone.
+// A text for the operator: which other sender was found, and what to do. Empty for kNone.
 [[nodiscard]] std::string TextOfRival(Rival rival, const std::string& host);
 
 [[nodiscard]] Rival RivalOf(const MessageHead& newest, const HostIdentity& identity, std::uint64_t session);

@@ -7,15 +7,15 @@
 //
 // Rules that its tables in tests/qxrelay/ReportSenderTest.cpp show:
 //   - One message is in flight at a time, and nothing is sent before everything before it is stored.
-//   - After a failed or unanswered publish it waits, looks up the newest message, and continues after that: the stream
-//     decides what it has, not the sender. The same after an acknowledgement whose sequence is not higher than the one
-//     before.
-//   - Records wait for others up to the linger time, counted from the last examination that found none, or until a
-//     message is full.
+//   - After a failed or unanswered publish it waits, looks up the newest message, and continues after this message: the
+//     stream decides what it has, not the sender. The same happens if the sequence of an acknowledgement is not higher
+//     than the one before.
+//   - Records wait for others until a message is full, or until the linger time is over. It begins at the last
+//     examination that found no record.
 //   - A report with few records is examined once in the linger time, and one that fills messages or its ring more
 //   often.
-//   - Without records it sends an empty message at first, so that an earlier sender finds it, and then again and again,
-//     so that the newest message does not expire.
+//   - Without records it sends an empty message at first, so that an earlier sender notices this one. It repeats the
+//     message, so that the newest message of the report does not expire.
 //   - Once another sender was found, it stays stopped.
 #pragma once
 
@@ -69,8 +69,8 @@ struct Examination {
   std::uint32_t slots = 0;  // of the ring; 0: not known
 };
 
-// Threads: one thread. Owns: nothing but its values.
-// Times only rise. An event of a token that is not the current one is ignored: it is the answer to an earlier try.
+// Threads: one thread. Owns: nothing but its values. The times of the calls must not decrease. An event with another
+// token than the current one answers an earlier request, and is ignored.
 class ReportSender {
  public:
   // `random` returns a number from 0 up to 1.

@@ -48,7 +48,7 @@ std::vector<std::uint64_t> LastHashes(const RecordRun& run) {
   return hashes;
 }
 
-// The position after a message, as the message itself proves it.
+// The position after a message, from its own fields.
 Mark MarkAfter(const DecodedMessage& message) {
   const MessageHead& head = message.head;
   Mark mark = {.incarnation = head.incarnation, .next = head.Next(), .hash_before = 0, .ring_slots = head.ring_slots};
@@ -201,11 +201,11 @@ void ReportWork::Examine(TimeMs now) {
   reader_.Close();
 }
 
-// A report without news is not opened at every poll. Nothing relies on this for longer than some seconds:
-//   - A header that is the same counts the same records, and costs much less than an examination.
-//   - An index file with the same times and size as before was not written. This needs a time that was old when it was
-//     read, because two writes within one tick of the file system's clock get the same time. Times do not show whether
-//     it is still the same store.
+// A report without new records is not opened at every poll. Two checks replace an examination, for some seconds:
+//   - If the header is the same, the store has no new records.
+//   - If times and size of the index file are the same, the file was not written. The times must have been old when
+//     they were read, because two writes within one tick of the file system's clock get the same time. This check does
+//     not notice another store.
 bool ReportWork::IsAsLastSeen(TimeMs now) {
   if (!seen_.has_value() || now >= seen_->until) return false;
   struct stat status = {};
@@ -254,7 +254,8 @@ Examination ReportWork::ExamineStore() {
 
 void ReportWork::SendRecords(TimeMs now) { SendRun(now, reader_.Read(range_, sender_.Position().next, BatchBytes())); }
 
-// The records after the gap are read before the gap is sent: otherwise a fast writer could overwrite them meanwhile.
+// The records after the gap are read before the gap is sent. Otherwise a fast writer could overwrite them meanwhile,
+// and the count of the gap would be wrong.
 void ReportWork::SendGap(TimeMs now, std::uint64_t oldest) {
   RecordRun run;
   run.first = oldest;
@@ -386,7 +387,7 @@ void ReportWork::OnNewest(TimeMs now, const StreamReply& reply) {
   (void)sender_.NewestFound(reply.token, reply.sequence);  // the token is the current one
 }
 
-// True: the sender is stopped, with a finding.
+// True if the message is from another sender: then this sender is stopped, with a finding.
 bool ReportWork::IsRivalOfUs(TimeMs now, const StreamReply& reply, const MessageHead& newest) {
   const SenderIdentity& own = context_.state.Identity();
   const Rival rival = RivalOf(newest, own.identity, own.session);
@@ -467,7 +468,7 @@ std::size_t ReportWork::TextBytesMax() const {
   return context_.payload_max > overhead ? context_.payload_max - overhead : 0;
 }
 
-// The lengths of short records need space, too.
+// A message also contains the length of each record, which takes as much space as a short record.
 std::size_t ReportWork::BatchBytes() const { return std::min(context_.settings.batch_bytes, TextBytesMax() / 2); }
 
 }  // namespace qx::relay

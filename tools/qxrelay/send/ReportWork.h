@@ -1,6 +1,6 @@
 // The sender of one report: carries out what ReportSender decides.
 //
-// It opens the store for each step, so it always sees the files that have the path now, and no file stays open.
+// It opens the store for each step, so it always reads the files that have the path now. No file stays open.
 #pragma once
 
 #include <sys/stat.h>
@@ -48,7 +48,7 @@ class ReportWork {
   [[nodiscard]] SentReport Sent() const;
 
  private:
-  // What becomes true when the message in flight is stored.
+  // What is done when the message in flight is stored.
   struct InFlight {
     std::uint64_t token = 0;
     MessageHead head;

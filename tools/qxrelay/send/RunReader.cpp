@@ -19,20 +19,20 @@ using report::IndexHeader;
 
 constexpr std::uint64_t kRunRecordsMax = 8192;
 constexpr std::int64_t kRecordBytesMin = 2;  // its line end
-// A writer may have written this much after the end marker that the header shows: a part, or one long record.
+// The most that a writer may have written after the end marker that the header shows: a part, or one long record.
 constexpr std::int64_t kUncountedBytesMax = report::kPartBytesMax + 0x100000;
 
 bool IsFull(const IndexHeader& header) { return header.highestIndex != 0 && header.highestIndex == header.maxRecord; }
 
-// What the current round of the data file has overwritten of the previous one.
+// Which records of the previous round the current round of the data file has overwritten.
 std::int64_t WrittenEnd(const IndexHeader& header) {
   if (header.writePosition == 0) return 0;
   return std::int64_t{header.writePosition} + static_cast<std::int64_t>(report::kEndMarker.size());
 }
 
-// How many of the oldest records of this header a writer may be replacing, or has replaced before it counts them in the
-// header. A slot is included if it leads to where the writer may be writing a batch, even if it is the slot of an old
-// record and leads there by chance. Otherwise a record could be sent under the number of another one.
+// How many of the oldest records of this header a writer may be replacing now, or has replaced without writing the
+// header yet. A slot counts as replaced if it leads to a place where the writer may be writing a batch, even if an old
+// record is at this place by chance. Otherwise a record could be sent under the number of another one.
 std::uint32_t UnsafeRecords(CReportFileBase& store) {
   const IndexHeader& header = store.header();
   if (!IsFull(header)) return 0;
@@ -154,7 +154,7 @@ int RunReader::ReadTexts(const Piece& piece, RecordRun& run) {
   return 0;
 }
 
-// Splits the text where the slots say that the records end. False if one of them ends elsewhere.
+// Splits the text at the ends of the records that the slots show. False if a record ends elsewhere.
 bool RunReader::SplitWhole(const Piece& piece, RecordRun& run) const {
   std::string_view rest = run.texts;
   for (std::size_t i = 0; i < piece.Count(); ++i) {
@@ -168,8 +168,8 @@ bool RunReader::SplitWhole(const Piece& piece, RecordRun& run) const {
   return rest.empty();
 }
 
-// Keeps what is certain. The slots are compared first, and then the header is read again: so if a slot had been
-// replaced before it was read for the first time, the header counts it as new, or UnsafeRecords finds it.
+// Keeps the certain records. The slots are compared first, then the header is read again. So if a slot was replaced
+// before it was read for the first time, the new header counts it, or UnsafeRecords finds it.
 void RunReader::Judge(const Piece& piece, RecordRun& run) {
   std::vector<std::uint32_t> slots(piece.Count());
   const int slots_error = report::RecordReader(store_).ReadSlots(piece.slot, slots);
@@ -222,10 +222,12 @@ void RunReader::Keep(RecordRun& run, std::size_t begin, std::size_t end) {
   run.lengths.erase(run.lengths.begin(), run.lengths.begin() + static_cast<std::ptrdiff_t>(begin));
 }
 
-// The end of what a writer may be writing in the data file now. Between two appends the end marker is at the write
-// position, and a writer overwrites it first: if it is there, nothing is written after it. Otherwise the next marker
-// shows the end of the texts that the header does not count yet. Directly after a restart there is no marker at the
-// write position; if the next marker is that of the previous round, at the end of that round, nothing is written.
+// The end of the part of the data file that a writer may be writing now.
+//
+// Between two appends the end marker is at the write position. A writer overwrites it first, so if it is there, nothing
+// is written after it. Otherwise the next marker shows the end of the texts that the header does not count yet.
+// Directly after a restart there is no marker at the write position. If the next marker is then the one at the end of
+// the previous round, nothing is written.
 std::int64_t RunReader::DirtyEnd(std::int64_t offset_max) {
   const IndexHeader& header = store_.header();
   const std::int64_t begin = header.writePosition;

@@ -1,11 +1,12 @@
-// Reads runs of records from a store that a writer may be appending to, and returns only what is certain.
+// Reads runs of records from a store that a writer may be appending to, and returns only certain records.
 //
-// A run is certain if what is read after its texts shows that no writer can have touched them:
-//   - its slots still have the offsets that the texts were read from;
-//   - the header, read again, still counts its records as in the ring. The oldest slot of a full ring is never used,
-//     because a writer replaces it before the header, and neither are those that a batch has replaced already;
-//   - a record of the previous round of the data file is not where the current round has written, or is writing now.
-// Everything else is left out: it is read again later, or it is lost and becomes a gap.
+// After the texts, slots and header are read again. A record is certain if they show that no writer can have touched
+// its text:
+//   - its slot still has the offset from which the text was read;
+//   - the new header still counts the record as in the ring. The oldest slot of a full ring is never used, because a
+//     writer replaces it before it writes the header. Slots that a batch has replaced already are not used either;
+//   - if it belongs to the previous round of the data file, the current round has not reached its text.
+// All other records are left out: they are read again later, or they are lost and become a gap.
 #pragma once
 
 #include <cstddef>
@@ -42,19 +43,19 @@ class RunReader final : public RecordHashes {
  public:
   explicit RunReader(std::string path) : path_(std::move(path)) {}
 
-  // Opens the files that have the path now and reads the header. 0 or the error number; after a failure View is that of
-  // a store without records. [owning thread]
+  // Opens the files that have the path now and reads the header. Returns 0 or the error number; after a failure View
+  // shows no records. [owning thread]
   [[nodiscard]] int Open();
   [[nodiscard]] const StoreView& View() const { return view_; }
 
-  // Reads records from number `first` on, which is in Sendable of `range`. The numbers are those of the last Open. Ends
-  // where the ring or the data file wraps, and before a record with which the texts would have more than `bytes_max`;
-  // one record is read whatever its length. If the ring has overwritten the first ones meanwhile, the run begins later.
-  // [owning thread]
+  // Reads records from number `first` on, which must be in Sendable of `range`. Numbers count as at the last Open. The
+  // run ends where the ring or the data file wraps, and before the record with which the texts would exceed
+  // `bytes_max`; a single record may be longer. If the ring has overwritten the first records meanwhile, the run begins
+  // later. [owning thread]
   [[nodiscard]] RecordRun Read(const RecordRange& range, std::uint64_t first, std::size_t bytes_max);
 
-  // How many bytes of text wait from `first` on, as the slots show; more than there are if the data file wrapped.
-  // [owning thread]
+  // How many bytes of text there are from `first` on, as the slots show. Too many if the data file wrapped. [owning
+  // thread]
   [[nodiscard]] std::uint64_t BytesFrom(const RecordRange& range, std::uint64_t first);
 
   [[nodiscard]] std::vector<std::uint64_t> Hashes(std::uint64_t age, std::uint64_t count) override;

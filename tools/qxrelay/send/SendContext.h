@@ -54,7 +54,7 @@ class CountedBytes {
 // Threads: one thread. Owns: nothing; everything outlives the sender.
 struct SendContext {
   static constexpr unsigned kOwnerBits = 20;  // at most a million reports
-  // After a time without servers all reports have something to send. Their records wait in the rings, not in memory.
+  // Bounds the memory: after a time without servers all reports have records to send, and these wait in the rings.
   static constexpr std::size_t kKeptBytesMax = std::size_t{8} * 1024 * 1024;
 
   PublishStream& stream;

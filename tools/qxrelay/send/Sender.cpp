@@ -20,7 +20,7 @@ namespace {
 constexpr std::string_view kNamesEnding = ".names";
 constexpr std::size_t kAboutOwner = 0;
 constexpr std::size_t kLoggedMax = 32;
-// The state directory is written as a whole, so a longer file is written less often: about 100 KiB a second.
+// The file of positions is written as a whole. So a longer file is written less often: about 100 KiB a second.
 constexpr TimeMs kSaveMs = 10'000;
 constexpr TimeMs kSaveBytesInMs = 100;
 constexpr TimeMs kSavePollMs = 100;   // while a write is running
@@ -99,7 +99,7 @@ TimeMs Sender::SaveDue() const {
   return saved_at_ + std::max(kSaveMs, bytes / kSaveBytesInMs);
 }
 
-// What cannot be written does not stop the reports: the stream has the other copy of each position.
+// A failed write does not stop the reports: the stream has another copy of each position.
 void Sender::SaveState(TimeMs now) {
   SenderState& state = context_.state;
   const bool is_due = state.HasChanges() && !state.IsWriting() && now >= SaveDue();
@@ -111,8 +111,8 @@ void Sender::SaveState(TimeMs now) {
   if (const auto problem = state.EndWrite()) LogOnce(*problem);
 }
 
-// As many of the waiting reports as there are free look-ups. With thousands of them, asking each again and again would
-// cost more than all the rest.
+// Wakes as many waiting reports as there are free look-ups. With thousands of waiting reports, it would cost too much
+// to wake all of them each time.
 void Sender::WakeForLookUps(TimeMs now) {
   for (int i = 0; i < context_.look_ups_free && !context_.look_up_waiting.empty(); ++i) {
     const std::size_t index = context_.look_up_waiting.front() - 1;
@@ -122,7 +122,7 @@ void Sender::WakeForLookUps(TimeMs now) {
   }
 }
 
-// Each report at most once, so that replies are taken between two steps of a busy one.
+// Each report gets at most one step, so that replies are handled between two steps of a busy report.
 void Sender::StepDue(TimeMs now) {
   due_now_.clear();
   for (const auto& [due, index] : queue_) {
@@ -177,8 +177,8 @@ void Sender::OnReply(TimeMs now, const StreamReply& reply) {
   Queue(owner - 1);
 }
 
-// The message with the labels is sent after the first check for other senders: an older sender must find it only if
-// this one may send.
+// The labels are sent after the first check for other senders: they end an older sender, so they may be sent only if
+// this sender may send.
 void Sender::OnRival(TimeMs now, Rival rival) {
   if (rival != Rival::kNone && context_.takes_over) {
     if (watch_.Session() >= context_.state.Identity().session) {
@@ -187,7 +187,8 @@ void Sender::OnRival(TimeMs now, Rival rival) {
     rival = Rival::kNone;
   }
   if (rival == Rival::kNone) {
-    // Each message has its own time, so it is made again only if the stream does not have ours.
+    // Each message contains its time. So the message is made again only if the stream does not have the one of this
+    // sender.
     const bool is_stored = about_.IsSet() && watch_.Session() == context_.state.Identity().session;
     if (!is_stored) about_.Set(now, AboutMessage());
     return;
@@ -289,7 +290,7 @@ void Sender::ReadNames(TimeMs now, std::size_t index) {
   Queue(index);
 }
 
-// A names file is kept, so that it can be sent again. False if all of them together would be too large.
+// Names files are kept in memory, to be sent again. False if all of them together would be too large.
 bool Sender::TakeNamesBytes(Entry& entry, std::size_t bytes) {
   names_bytes_ -= entry.names_bytes;
   entry.names_bytes = 0;
@@ -326,7 +327,7 @@ std::string Sender::Problem() const {
   return watch_.IsUnanswered() ? SilenceText() : "";
 }
 
-// A server does not answer a request for a message of a stream that it does not have.
+// If the stream does not exist, no server answers a look-up.
 std::string Sender::SilenceText() const {
   return "the servers do not answer: is there a stream " + context_.stream_settings.name +
          " (\"qxrelay stream create\"), does it have a leader, and may this host ask for its own newest messages?";
@@ -353,7 +354,8 @@ std::vector<SentReport> Sender::Sent() const {
   return reports;
 }
 
-// Until the next loss of a connection. A server may complain about each of thousands of reports.
+// Each text is logged once until the connection is lost, because a server may report the same problem for thousands of
+// reports.
 void Sender::LogOnce(const std::string& text) {
   if (logged_.size() < kLoggedMax && logged_.insert(text).second) context_.log(text);
 }

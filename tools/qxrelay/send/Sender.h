@@ -1,6 +1,6 @@
 // The sender of a host: follows the reports of a directory and sends them to the stream.
 //
-// It has no thread and no clock of its own: Step does what is due and says when it wants to be called again.
+// It has no thread and no clock of its own: Step does what is due and returns the time of its next call.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,7 @@ namespace qx::relay {
 // Failure: the log; it continues whatever fails. Throws std::bad_alloc.
 class Sender {
  public:
-  // The first connect comes within the spread time, at random. `labels` are those of the settings.
+  // It connects at a random time within the spread time. `labels` are those of the settings.
   Sender(SendContext& context, TimeMs now, std::vector<std::string> labels);
 
   // Handles replies and does what is due. Returns when it is to be called again, unless there are replies before.
@@ -40,13 +40,13 @@ class Sender {
   // How many reports there are, and of how many the sender is stopped. [owning thread]
   [[nodiscard]] std::size_t Reports() const { return works_.size(); }
   [[nodiscard]] std::size_t Stopped() const;
-  // If another sender was found: what was found, and what to do; nothing is sent any more. Otherwise empty. [owning
+  // If another sender was found, a text that says so and what to do; nothing is sent any more. Otherwise empty. [owning
   // thread]
   [[nodiscard]] std::string RivalText() const { return TextOfRival(context_.rival, context_.host); }
   [[nodiscard]] bool IsConnected() const { return is_connected_; }
-  // What keeps all reports from continuing, and what to do; empty: nothing. [owning thread]
+  // What stops all reports, and what to do; empty if nothing does. [owning thread]
   [[nodiscard]] std::string Problem() const;
-  // What the limits leave out, for the operator. [owning thread]
+  // One text for the operator for each limit that leaves something out. [owning thread]
   [[nodiscard]] std::vector<std::string> Findings() const;
   // What was done for each report. [owning thread]
   [[nodiscard]] std::vector<SentReport> Sent() const;
@@ -64,7 +64,7 @@ class Sender {
         : work(context, report, owner), names(context, names_subject, owner) {}
   };
 
-  // Puts the report into the queue at the time of its next step. To be called after whatever changes that time.
+  // Puts the report into the queue at the time of its next step. Must be called after each change of this time.
   void Queue(std::size_t index);
   void QueueAll();
   void WakeForLookUps(TimeMs now);

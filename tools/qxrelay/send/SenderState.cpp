@@ -72,7 +72,7 @@ std::string_view TakeValue(std::string_view& text, std::string_view word) {
   return Take(line, ' ') == word ? line : std::string_view();
 }
 
-// Blocks all signals of the thread for the life of the object, so that a thread that is made meanwhile gets none.
+// Blocks all signals of the thread for the life of the object, so that a thread that starts meanwhile receives none.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -125,7 +125,7 @@ bool ReadOverlap(std::string_view text, std::vector<std::uint64_t>& overlap) {
   return overlap.size() <= report::kOverlapRecords;
 }
 
-// Takes the state at the front of the text; its last line shows that it is whole.
+// Removes the first state from the text and returns it. Its last line shows that it is complete.
 std::optional<ReportState> TakeState(std::string_view& text) {
   if (Take(text, '\n') != kReportMark) return std::nullopt;
   ReportState state;
@@ -179,7 +179,8 @@ std::optional<std::string> SenderState::Open(const std::string& directory, bool 
   directory_ = directory;
   const int made = file::MakeDirectory(directory.c_str(), kDirectoryMode);
   if (made != 0 && made != EEXIST) return "cannot create " + directory + ": " + std::strerror(made);
-  // A new directory that a power failure loses would cost a --take-over. One that is not the user's to sync is older.
+  // Without this sync, a power failure could lose a new directory, and --take-over would be needed. A directory that
+  // this user may not sync is not new.
   if (made == 0) (void)file::SyncDirectory(file::DirectoryOf(directory).c_str());
   const std::string path = directory + "/lock";
   lock_ = file::OpenRegular(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, kFileMode);
@@ -284,7 +285,7 @@ SenderState::Problem SenderState::FinishWrite() {
   return problem;
 }
 
-// What stays is not read any more.
+// Failures are ignored: files that stay are not read any more.
 void SenderState::RemoveOldForm() {
   for (const std::string& path : OldFiles(directory_)) (void)file::Remove(path.c_str());
   (void)file::Remove((directory_ + std::string(kOldDirectory)).c_str(), AT_REMOVEDIR);

@@ -5,11 +5,11 @@
 //   lock            locked by the one sender that uses the directory
 //   positions       of each report "qxrelay-report 1", its name, its mark, and the hashes of the last 32 records
 //
-// A directory of an earlier version has a file reports/TOKEN for each report instead; they are read, and removed when
-// `positions` is written.
+// Earlier versions had a file reports/TOKEN for each report instead. These files are read, and removed when `positions`
+// is written.
 //
-// The newest message of the stream also has the position, and has priority over the state. A directory that is lost
-// costs a new identity, for which --take-over is needed once. Every file is replaced as a whole and synced.
+// The newest message of the stream also has the position, and has priority over the state. If the directory is lost,
+// the sender gets a new identity, and needs --take-over once. Every file is replaced as a whole and synced.
 #pragma once
 
 #include <cstdint>
@@ -66,23 +66,23 @@ class SenderState {
   // Null if nothing is known of the report. [owning thread]
   [[nodiscard]] const ReportState* Find(const std::string& report) const;
 
-  // A state was changed. Returns the number of the change. [owning thread]
+  // Must be called after a state was changed. Returns the number of the change. [owning thread]
   std::uint64_t Changed() { return ++changes_; }
   [[nodiscard]] bool HasChanges() const { return tried_ != changes_; }
   // Whether a change was written, or could not be written. [owning thread]
   [[nodiscard]] bool IsTried(std::uint64_t change) const { return change <= tried_; }
-  // Of `positions`, when it was written last. [owning thread]
+  // The size of `positions` when it was last written. [owning thread]
   [[nodiscard]] std::size_t FileBytes() const { return file_bytes_; }
   // Writes all states and syncs them, or says why not. [owning thread]
   [[nodiscard]] std::optional<std::string> Write();
 
-  // From now on BeginWrite writes in the background: a busy disk can take a second for a sync, and no record has to
-  // wait for it. Without this call it writes at once. [owning thread]
+  // From now on BeginWrite writes in the background. A busy disk can take a second for a sync, and no record should
+  // wait for it. Without this call, BeginWrite writes before it returns. [owning thread]
   void WriteInBackground() { is_in_background_ = true; }
   // Begins a write of all states. Not while one is running. [owning thread]
   void BeginWrite();
   [[nodiscard]] bool IsWriting() const { return writing_.valid(); }
-  // Ends the write if it is done, and says why it failed, if it did. [owning thread]
+  // Ends the write if it is complete. Returns why it failed; unset after a success. [owning thread]
   [[nodiscard]] std::optional<std::string> EndWrite();
 
  private:

@@ -1,4 +1,4 @@
-// What a sender has done for a report since its start: plain data for those who show it.
+// What a sender has done for a report since it started: plain data for status and metrics.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// A message with a complete state, not an event: the labels of a host, or the names file of a report. The newest one
-// counts, so it is sent when the state changes and repeated before it expires.
+// A message that contains a whole state: the labels of a host, or the names file of a report. The newest message
+// replaces the earlier ones. It is sent when the state changes, and repeated before it expires.
 #pragma once
 
 #include <cstdint>

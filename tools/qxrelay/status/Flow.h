@@ -1,5 +1,5 @@
-// What is known of the records that one service of the relay carries: plain data, the same for a sender and a receiver.
-// The command status shows it, a file keeps it, and the metrics are made of it.
+// The figures of a sender or a receiver and of its reports ("flow"): plain data. The command `status` shows them, the
+// status file contains them, and the metrics are made from them.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ enum class ServiceKind : std::uint8_t { kSender, kReceiver };
   return kind == ServiceKind::kSender ? "sender" : "receiver";
 }
 
-// A report. Counts are since the start of the service; what a service cannot know is unset.
+// A report. Counts begin at the start of the service. A figure that the service cannot know is unset.
 struct ReportFlow {
   std::string host;
   std::string report;
@@ -36,8 +36,8 @@ struct ReportFlow {
   friend bool operator==(const ReportFlow&, const ReportFlow&) = default;
 };
 
-// Sets overtaken_in_s from ring, lag and rate. The oldest record of a full ring is not sent, because the writer may be
-// replacing it. Without a rate nothing overtakes anything. [any thread]
+// Sets overtaken_in_s from ring, lag and rate; unset without a rate. The oldest record of a full ring counts as
+// overwritten, because the writer may be replacing it. [any thread]
 //   4 slots, 1 record waits, 2 records a second => 1 s    4 slots, 3 or more wait => 0 s
 void SetOvertaken(ReportFlow& flow);
 

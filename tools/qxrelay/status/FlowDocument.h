@@ -19,7 +19,7 @@ namespace qx::relay {
 // Unset for what TextOfFlow does not return.
 [[nodiscard]] std::optional<ServiceFlow> FlowOfText(std::string_view text);
 
-// The file in which a service keeps its flow: replaced by a rename, not synced, and readable only for its user.
+// Writes the status file of a service. A rename replaces the file. It is not synced, and only its user can read it.
 //
 // Unset: written. Otherwise what failed, for the operator. [any thread]
 [[nodiscard]] std::optional<std::string> WriteFlowFile(const std::string& path, const ServiceFlow& flow);

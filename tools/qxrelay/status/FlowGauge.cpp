@@ -21,8 +21,8 @@ void FlowGauge::Add(std::int64_t now, std::uint64_t end) {
   if (samples_.size() > kSamplesMax) Thin(now);
 }
 
-// The older samples are, the fewer of them stay: the age of an old record need not be known to the second. The samples
-// of the time for which a rate is computed all stay.
+// Drops some of the old samples, more of the older ones: the age of an old record need not be exact to the second. All
+// samples of the time for which a rate is computed stay.
 void FlowGauge::Thin(std::int64_t now) {
   std::deque<Sample> kept;
   for (const Sample& sample : samples_) {

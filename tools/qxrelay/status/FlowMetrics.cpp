@@ -58,7 +58,7 @@ constexpr ReportMetric kReportMetrics[] = {
      [](const ReportFlow& flow) { return std::optional(static_cast<double>(flow.repeats)); }},
 };
 
-// What the counters of services mean, by their names in ServiceFlow.
+// The descriptions of the counters of services, by their names in ServiceFlow.
 constexpr std::pair<std::string_view, std::string_view> kCounterHelp[] = {
     {"records", "Records that were sent, or written on the collector"},
     {"messages", "Messages that were sent, or fetched"},
@@ -92,7 +92,7 @@ struct FieldSeries {
   double value;
 };
 
-// The series that are shown, and how many are not.
+// The series that are shown, and the number of the others.
 struct Series {
   std::vector<const ReportFlow*> reports;
   std::vector<FieldSeries> fields;
@@ -156,7 +156,7 @@ std::string HelpOf(std::string_view counter) {
   return std::string(found->second);
 }
 
-// The number of pending messages rises and falls.
+// The number of pending messages is a gauge, because it rises and falls.
 void AddCounters(const ServiceFlow& flow, MetricsText& text) {
   for (const auto& [name, value] : flow.counters) {
     const bool is_gauge = name == "pending";

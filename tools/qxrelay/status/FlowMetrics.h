@@ -1,7 +1,7 @@
 // The flow of a service, and the newest numbers of chosen reports, as metrics.
 //
-// A name of a report or a field that is not UTF-8 cannot be a label. Its series are left out, like those above the
-// limit: reports come before numbers, both in the order of names. How many were left out is a metric.
+// A report or a field whose name is not UTF-8 cannot have series, because a label is UTF-8. Series above the limit are
+// left out, too. Reports come before numbers, both in the order of names. The number of missing series is a metric.
 #pragma once
 
 #include <cstddef>

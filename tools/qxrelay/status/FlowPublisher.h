@@ -1,4 +1,4 @@
-// Publishes the flow of a running service: in its file, and to whoever else takes it.
+// Publishes the flow of a running service: writes its status file, and passes the flow to the metrics.
 #pragma once
 
 #include <cstdint>
@@ -22,8 +22,8 @@ class FlowPublisher {
   FlowPublisher(std::string file, std::function<ServiceFlow()> take, std::function<void(const ServiceFlow&)> show,
                 std::function<void(const std::string&)> log);
 
-  // Publishes if that is due: once a second, or less often, so that it takes at most a fiftieth of the time. [owning
-  // thread]
+  // Publishes when it is time: once a second, or less often if this would take more than a fiftieth of the time.
+  // [owning thread]
   void Step(std::int64_t now);
   // When Step is to be called again. [owning thread]
   [[nodiscard]] std::int64_t Wake() const { return due_; }

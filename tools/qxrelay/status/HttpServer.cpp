@@ -48,7 +48,7 @@ struct HttpServer::Library {
     return result;
   }
 
-  // MHD_NO closes the connection: for a request with a body, and without memory.
+  // Returns MHD_NO, which closes the connection, for a request with a body, or if there is no memory.
   static MHD_Result OnRequest(void* closure, MHD_Connection* connection, const char* path, const char* method,
                               const char* /*version*/, const char* /*body*/, std::size_t* body_bytes,
                               void** /*state*/) {

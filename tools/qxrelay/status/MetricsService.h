@@ -1,9 +1,8 @@
-// Serves the metrics of a service and whether it is well: /metrics for Prometheus, /healthz for whoever watches.
+// Serves the metrics and the health of a service: /metrics for Prometheus, /healthz for other monitors.
 //
-//   /healthz  200 "ok", or 503 with what is wrong: the service does not step any more, is not connected, or cannot
-//             continue
+//   /healthz 200 "ok", or 503 and a text: the service hangs, is not connected, or cannot continue
 //
-// The text of the metrics is made when somebody asks, at most once for each flow that the service shows.
+// The text of the metrics is made at a request, at most once for each flow that the service shows.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
-// The flow of the reports of a collector, from what its receiver counts.
+// The flow of the reports of a collector, from the counts of its receiver.
 //
-// What the ring of a host has is known from the newest message of the report only, so a lag is that of the moment when
+// A receiver knows the ring of a host only from the newest message of the report. So the lag is that of the moment when
 // the message was sent.
 #pragma once
 
@@ -29,7 +29,7 @@ class ReceiverFlow {
   std::map<std::pair<std::string, std::string>, FlowGauge> gauges_;  // by host and report
 };
 
-// The counters of a receiver by the names that documents have for them; some are sums over the reports. [any thread]
+// The counters of a receiver, with their names in documents. Some are sums over the reports. [any thread]
 [[nodiscard]] std::vector<std::pair<std::string, std::uint64_t>> CountersOf(
     const ReceiverCounters& counters, const std::vector<CollectedReport>& reports);
 

@@ -14,7 +14,8 @@ namespace qx::relay {
 namespace {
 
 constexpr std::int64_t kMsInSecond = 1000;
-// Two writes within one tick of the file system's clock have one time, so a younger file is read again.
+// Two writes within one tick of the file system's clock have the same time. So a file that is younger than this is read
+// again.
 constexpr std::int64_t kSettledMs = 3000;
 
 }  // namespace

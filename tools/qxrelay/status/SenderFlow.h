@@ -1,4 +1,4 @@
-// The flow of the reports of a host: what was sent, compared with what their rings have now.
+// The flow of the reports of a host: the sent records, compared with the records that the rings have now.
 //
 // The rings are read here, not by the sender, because a sender without a connection does not read them, and a sender
 // that is not running cannot.
@@ -31,8 +31,8 @@ class SenderFlow {
   [[nodiscard]] std::vector<ReportFlow> Take(const std::vector<SentReport>& sent, std::int64_t now,
                                              std::int64_t wall_ms);
 
-  // A record count of the past, from another source than the ring: `end` was the number of the next record at `time`.
-  // [owning thread]
+  // Adds an older count that does not come from the ring: at `time`, the next record had the number `end`. [owning
+  // thread]
   void AddCount(const std::string& report, std::int64_t time, std::uint64_t end);
 
  private:
@@ -52,7 +52,7 @@ class SenderFlow {
   std::map<std::string, Ring> rings_;
 };
 
-// The counters of a sender by the names that documents have for them. [any thread]
+// The counters of a sender, with their names in documents. [any thread]
 [[nodiscard]] std::vector<std::pair<std::string, std::uint64_t>> CountersOf(const SenderCounters& counters);
 
 }  // namespace qx::relay

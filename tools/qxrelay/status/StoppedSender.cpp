@@ -22,7 +22,7 @@ std::int64_t NowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
-// Until there are replies, a tenth of a second, or the end.
+// Waits until there are replies, at most a tenth of a second, and not beyond the end.
 void WaitFor(PublishStream& stream, std::int64_t end) {
   constexpr std::int64_t kWaitMs = 100;
   pollfd waiting = {stream.Descriptor(), POLLIN, 0};
@@ -46,7 +46,7 @@ const ReportFlow* FindReport(const std::optional<ServiceFlow>& flow, const std::
 
 }  // namespace
 
-// The token of a look-up is the place of its report in the list, and one more, because no token is 0.
+// The token of a look-up is the index of its report in the list plus one, because no token is 0.
 std::map<std::string, MessageHead> NewestMessages(PublishStream& stream, const std::string& prefix,
                                                   const std::string& host, const std::vector<std::string>& reports,
                                                   std::int64_t time_ms) {
@@ -83,7 +83,7 @@ std::vector<std::string> StoppedSender::Reports() const {
   return {names.begin(), names.end()};
 }
 
-// The stream decides where a report is: its newest message, or, without one, what the sender has kept.
+// The position of a report is that of its newest message in the stream, or without one that of the state directory.
 ServiceFlow StoppedSender::Flow(std::int64_t now, std::int64_t wall_ms) const {
   SenderFlow flow(host, directory);
   std::vector<SentReport> sent;

@@ -1,5 +1,5 @@
-// The flow of a sender that is not running, from what it left: its state directory, the rings, and, if servers can be
-// asked, the newest message of each report.
+// The flow of a sender that is not running, from its state directory, the rings, and the newest message of each report
+// if the servers can be reached.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +31,7 @@ struct StoppedSender {
   std::map<std::string, MessageHead> newest;
   std::optional<ServiceFlow> last;  // what the sender published last
 
-  // The names of the reports, of all sources. [any thread]
+  // The names of the reports, from all these sources. [any thread]
   [[nodiscard]] std::vector<std::string> Reports() const;
   // `now` is of the monotonic clock, `wall_ms` since 1970. [any thread]
   [[nodiscard]] ServiceFlow Flow(std::int64_t now, std::int64_t wall_ms) const;

@@ -21,8 +21,8 @@ std::optional<std::string> OpenSession(const StreamSettings& settings, Session& 
   return nats::MakeContext(settings, session.connection, session.context);
 }
 
-// "cannot create the stream QX: Error (insufficient storage resources available)": the library keeps the server's
-// words.
+// "cannot create the stream QX: Error (insufficient storage resources available)": the part in brackets is the server's
+// text.
 std::string ProblemWithWords(const std::string& what, natsStatus status) {
   natsStatus ignored = NATS_OK;
   const char* const words = nats_GetLastError(&ignored);

@@ -1,4 +1,4 @@
-// What an operator does with the stream as a whole. It needs rights that hosts do not have.
+// Operations on the stream as a whole. They need the rights of an operator or a collector.
 #pragma once
 
 #include <cstdint>
@@ -22,15 +22,15 @@ struct StreamState {
   bool allows_look_ups = false;    // DIRECT.GET, which senders use
 };
 
-// Creates the stream of the settings: all subjects below the prefix, on disk, the oldest messages are discarded first,
-// look-ups are allowed. If the stream exists, its limits become those of the settings; the number of its replicas, too.
-// Unset: done. Otherwise what failed, for the operator. [any thread]
+// Creates the stream of the settings: it has all subjects below the prefix, is on disk, discards the oldest messages
+// first, and allows look-ups. An existing stream gets the limits and the number of replicas of the settings. Unset:
+// done. Otherwise what failed, for the operator. [any thread]
 [[nodiscard]] std::optional<std::string> CreateStream(const StreamSettings& settings);
 
 // Reads the state of the stream. [any thread]
 [[nodiscard]] std::optional<std::string> ReadStream(const StreamSettings& settings, StreamState& state);
 
-// How many messages the stream has for a collector that were not acknowledged, or not even fetched. [any thread]
+// How many messages of the stream a collector has not acknowledged yet, fetched or not. [any thread]
 [[nodiscard]] std::optional<std::string> ReadPending(const StreamSettings& settings, const std::string& collector,
                                                      std::uint64_t& pending);
 

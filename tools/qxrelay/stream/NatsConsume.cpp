@@ -96,8 +96,8 @@ std::optional<std::string> NatsConsume::Connect(const std::string& name, std::si
   return std::nullopt;
 }
 
-// The library asks for what is there first, and waits only if that is nothing. (A request of our own with NoWait would
-// wait until it expires.)
+// The library first requests the messages that are available, and waits only if there are none. (A NoWait request of
+// our own would wait until it expires.)
 std::optional<std::string> NatsConsume::Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
                                               std::vector<StreamMessage>& messages) {
   if (parts_ == nullptr) return "not connected";

@@ -31,15 +31,15 @@ using StreamInfo = std::unique_ptr<jsStreamInfo, Destroyer<jsStreamInfo_Destroy>
 // What the library says about a failed call: "cannot connect: No server available for connection".
 [[nodiscard]] std::string Problem(const std::string& what, natsStatus status);
 
-// Receives what the library reports on its own, in threads of the library.
+// Receives problems that the library reports outside a call, in threads of the library.
 struct Handlers {
   natsErrHandler on_error = nullptr;
   natsConnectionHandler on_closed = nullptr;
   void* closure = nullptr;
 };
 
-// The options of every connection: servers, TLS and credentials of the settings. The library never reconnects, and so
-// never buffers: the owner of a connection makes a new one. Unset: `options` is made. [any thread]
+// Makes the options of a connection: servers, TLS and credentials of the settings. The library must not reconnect,
+// because it would buffer messages: the owner makes a new connection instead. Unset: `options` is made. [any thread]
 [[nodiscard]] std::optional<std::string> MakeOptions(const StreamSettings& settings, const Handlers& handlers,
                                                      Options& options);
 
@@ -47,7 +47,7 @@ struct Handlers {
 [[nodiscard]] std::optional<std::string> MakeConnection(const StreamSettings& settings, const Handlers& handlers,
                                                         Connection& connection);
 
-// JetStream of the settings' domain. Unset: `context` is made. [any thread]
+// Makes the JetStream context of the settings' domain. Unset: `context` is made. [any thread]
 [[nodiscard]] std::optional<std::string> MakeContext(const StreamSettings& settings, const Connection& connection,
                                                      Context& context);
 

@@ -70,7 +70,7 @@ StreamReply ReplyToLookUp(std::uint64_t token, natsMsg* message) {
   return reply;
 }
 
-// "INBOX.p17" => 17; the mark says what was asked.
+// "INBOX.p17" => 17; the letter before the number shows the kind of the request.
 std::optional<std::uint64_t> TokenOfInbox(std::string_view subject, char& mark) {
   const std::string_view last = subject.substr(subject.rfind('.') + 1);
   if (last.empty()) return std::nullopt;
@@ -82,8 +82,8 @@ std::optional<std::uint64_t> TokenOfInbox(std::string_view subject, char& mark) 
 
 std::string InboxPrefix(std::string_view host) { return "_INBOX_" + TokenOf(host); }
 
-// Callbacks of the library run in its threads, and one or two of them after the connection was destroyed. So they get a
-// number instead of an address, and find nothing under the number of parts that are gone.
+// Callbacks run in threads of the library, and some of them after the connection was destroyed. So they get a number
+// instead of an address. The number of a destroyed connection leads to nothing.
 struct NatsPublish::Parts {
   file::Descriptor event;
   std::mutex lock;
@@ -132,7 +132,7 @@ struct NatsPublish::Parts {
     if (const auto parts = Find(closure)) parts->OnReply(raw);
   }
 
-  // The parts of all open connections by their number, which is the closure of the callbacks.
+  // The parts of all open connections, by the number that callbacks get.
   struct Table {
     std::mutex lock;
     std::uintptr_t next = 1;

@@ -1,7 +1,7 @@
 // The sender's connection to JetStream.
 //
-// Requests carry an inbox subject of their own, so a reply belongs to exactly one of them, also after a timeout.
-// Replies come in a thread of the library, which puts them into a queue.
+// Each request has its own inbox subject. So a reply belongs to exactly one request, even after a timeout. A thread of
+// the library receives the replies and puts them into a queue.
 #pragma once
 
 #include <memory>

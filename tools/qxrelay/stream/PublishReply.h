@@ -1,4 +1,4 @@
-// What the server's answer to a publish means.
+// Reads the server's answer to a publish.
 //
 //   {"stream":"QX","seq":7}                                       => kStored, 7
 //   {"error":{"code":400,"err_code":10071,"description":"..."}}   => kWrongLast
@@ -13,7 +13,7 @@
 
 namespace qx::relay {
 
-// Bytes that are no such answer count as a refusal, which is tried again. [any thread]
+// Other bytes count as a refusal; the message is then sent again. [any thread]
 [[nodiscard]] StreamReply ReplyToPublish(std::uint64_t token, std::string_view answer);
 
 }  // namespace qx::relay

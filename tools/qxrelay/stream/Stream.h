@@ -1,8 +1,8 @@
-// What the relay needs of a stream, as interfaces. NatsPublish.h and NatsConsume.h implement them for NATS; tests have
-// their own implementations.
+// The interfaces of a stream. NatsPublish.h and NatsConsume.h implement them for NATS; tests have their own
+// implementations.
 //
-// A stream stores messages by subject, in one order, and numbers them: its sequence. Nothing here decides anything;
-// what to do with a reply is decided by send/ and receive/.
+// A stream stores messages with subjects, in one order. The number of a message in this order is its sequence. The
+// implementations only transport: send/ and receive/ decide what to do with a reply.
 #pragma once
 
 #include <chrono>
@@ -34,7 +34,7 @@ struct StreamReply {
   std::string text;
 };
 
-// The sender's side: requests that are answered later, or never.
+// The sender's connection: requests that are answered later, or never.
 //
 // Threads: one thread; implementations receive replies in threads of their own.
 // Owns: the connection. Failure: a false result means that the request was not sent and will have no reply.
@@ -45,20 +45,20 @@ class PublishStream {
   PublishStream(const PublishStream&) = delete;
   PublishStream& operator=(const PublishStream&) = delete;
 
-  // Connects to one of the servers, within some seconds. Unset: connected. Otherwise why not, for the operator. What
-  // was connected before is closed, and its replies are dropped. [owning thread]
+  // Connects to one of the servers, within some seconds. Unset: connected. Otherwise why not, for the operator. An
+  // earlier connection is closed, and its replies are dropped. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> Connect() = 0;
 
   // The largest payload that the server accepts. [owning thread]
   [[nodiscard]] virtual std::size_t PayloadBytesMax() const = 0;
 
-  // Stores `payload`. If `expected_last` has a value, only if that is the sequence of the subject's newest message (0:
-  // no message). `token` is not 0 and comes back with the reply. [owning thread]
+  // Requests that the stream stores `payload`. If `expected_last` is set, the stream stores it only if this is the
+  // sequence of the subject's newest message (0: no message). `token`, not 0, is repeated in the reply. [owning thread]
   [[nodiscard]] virtual bool Publish(std::uint64_t token, const std::string& subject, std::string_view payload,
                                      std::optional<std::uint64_t> expected_last) = 0;
 
-  // Asks for the newest message of the subject. With several replicas, any of them answers, so the message may be an
-  // older one for a moment. [owning thread]
+  // Requests the newest message of the subject. Any replica may answer, so for a moment the answer may be an older
+  // message. [owning thread]
   [[nodiscard]] virtual bool LookUp(std::uint64_t token, const std::string& subject) = 0;
 
   // Readable when there are replies; -1 if the implementation has no descriptor. [owning thread]
@@ -71,13 +71,13 @@ class PublishStream {
   virtual void Close() = 0;
 };
 
-// A message of the stream as a consumer gets it.
+// A message of the stream as a receiver gets it.
 struct StreamMessage {
   std::string subject;
   std::string payload;
   std::uint64_t sequence = 0;  // in the stream
-  // The sequence of the subject's message before this one, as the sender expected it and the server proved it; 0: this
-  // is the first one. Unset if the message does not say.
+  // The sequence of the message before this one in its subject; 0: this is the first one. The sender names it, and the
+  // server stores the message only if it is right. Unset if the message does not name it.
   std::optional<std::uint64_t> before = std::nullopt;
   std::uint64_t delivered = 0;  // how often it was delivered, 1 for the first time
   std::uint64_t pending = 0;    // how many messages the consumer has after this one
@@ -94,7 +94,7 @@ struct ConsumerState {
   friend bool operator==(const ConsumerState&, const ConsumerState&) = default;
 };
 
-// The receiver's side: a durable consumer, whose messages are fetched, and acknowledged one by one.
+// The receiver's connection: a durable consumer, whose messages are fetched, and acknowledged one by one.
 //
 // Threads: one thread. Owns: the connection. Failure: a text for the operator.
 class ConsumeStream {
@@ -104,21 +104,21 @@ class ConsumeStream {
   ConsumeStream(const ConsumeStream&) = delete;
   ConsumeStream& operator=(const ConsumeStream&) = delete;
 
-  // Connects and finds the durable consumer `name`, or creates it for all subjects of the stream, beginning with the
-  // first message. `unacknowledged_max` messages may be fetched and not acknowledged; one that is not acknowledged
-  // within `redeliver_after` comes again. [owning thread]
+  // Connects to the durable consumer `name`. Creates it if it is missing: for all subjects of the stream, from the
+  // first message on. At most `unacknowledged_max` messages may be fetched and not acknowledged. A message that is not
+  // acknowledged within `redeliver_after` comes again. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> Connect(const std::string& name, std::size_t unacknowledged_max,
                                                            std::chrono::milliseconds redeliver_after) = 0;
 
-  // Appends up to `count_max` messages that come within `timeout`; returns early when
-  // there are some and no more for now. No message in time is not a failure. [owning thread]
+  // Appends up to `count_max` messages that come within `timeout`. Returns earlier if there are some and no more at the
+  // moment. It is not a failure if no message comes. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
                                                          std::vector<StreamMessage>& messages) = 0;
 
-  // Says that the message need not come again. If the acknowledgement is lost, the message comes again. [owning thread]
+  // Acknowledges the message, so that it does not come again. If the acknowledgement is lost, it does. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> Acknowledge(const std::string& receipt) = 0;
 
-  // Refuses the message: it is of no use, and need not come again. [owning thread]
+  // Refuses the message: it is not usable, and must not come again. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> Refuse(const std::string& receipt) = 0;
 
   // [owning thread]
