@@ -45,7 +45,7 @@ class Collector {
     context->open_max = open_max;
     receiver = std::make_unique<relay::Receiver>(*context, "c");
   }
-  // As after a kill: nothing is finished, and everything that was not acknowledged comes again.
+  // Kills the receiver and starts another one: messages that were not acknowledged come again.
   void Restart() {
     Kill();
     stream.Redeliver();
@@ -58,7 +58,7 @@ class Collector {
   }
 
   relay::TimeMs Step() { return receiver->Step(now, 10); }
-  // Until nothing comes any more: steps of half a second.
+  // Steps of half a second until no message comes any more.
   void Run(int steps = 12) {
     for (; steps > 0; --steps) {
       (void)Step();

@@ -28,7 +28,7 @@ void WriteStrangeRecord(const std::string& path, const std::string& text) {
   ASSERT_TRUE(store.writeLine(text.c_str()));
 }
 
-// What happens to report "a" while its receiver is running or stopped, and what has to come out.
+// A change of report "a" while its receiver is running or stopped, and the expected result.
 struct Mishap {
   const char* name;
   std::function<void(const std::string& path)> happen;
@@ -106,7 +106,8 @@ TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
       }
       EXPECT_TRUE(collector.IsLogged("report h/a: left alone, its messages are skipped: ")) << collector.log.back();
       EXPECT_EQ(report.counters.skipped, 3U);
-      // It stays so after a restart, until somebody removes the files. Then it continues, and counts.
+      // The report stays left alone after a restart, until the files are removed. Then it continues, and the lost
+      // records are counted.
       collector.Restart();
       sender.Records(1);
       collector.Run(6);
@@ -122,7 +123,7 @@ TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
   }
 }
 
-// An operator appends to a report, or restores it: that does not take long.
+// An operator appends to a report, or restores it, within the time for which the receiver waits.
 TEST(RelayCollectorRoot, AReportThatIsBusyIsWrittenLaterOrLeftAlone) {
   for (const bool is_long : {false, true}) {
     SCOPED_TRACE(is_long);
@@ -167,7 +168,7 @@ TEST(RelayCollectorRoot, ARootOfAnotherUserIsRefused) {
   EXPECT_THAT(root.Open(dir.Path()).value_or(""), HasSubstr("belongs to another user"));
 }
 
-// Another user may write a directory below the root, and puts links there.
+// Another user, who may write in a directory below the root, creates links in it.
 TEST(RelayCollectorRoot, LinksOfOtherUsersLeadNowhere) {
   if (geteuid() != 0) GTEST_SKIP() << "needs another user's links";
   for (const std::string name : {"a.ind", "a.dat", "a.relay", "a.names", "sub"}) {
@@ -239,7 +240,7 @@ TEST(RelayCollectorRoot, HostileMessagesAreRefusedAndDoNotComeAgain) {
                                  "root/h/a.dat", "root/h/a.ind", "root/h/a.relay"));
 }
 
-// What a later version sends is not lost: it comes again after the upgrade.
+// A message of a later version is not lost: it comes again after the upgrade.
 TEST(RelayCollectorRoot, AMessageOfALaterVersionWaitsForTheUpgrade) {
   Collector collector;
   FakeSender sender(collector.stream, "h", "a");

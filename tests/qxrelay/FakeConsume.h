@@ -75,16 +75,16 @@ class FakeConsume final : public relay::ConsumeStream {
     messages[last] = {subject, std::move(payload), std::exchange(newest[subject], last)};
     return last;
   }
-  // Delivers messages to a receiver that is killed before it does anything with them.
+  // Delivers messages to a receiver that is killed before it handles them.
   void DeliverToNobody(std::uint64_t count) {
     for (; count > 0 && next <= last; --count) ++pending[next++];
   }
-  // What was delivered and not acknowledged comes again, in this order, before anything new.
+  // Messages that were delivered and not acknowledged come again, in this order, before new ones.
   void Redeliver() {
     again.clear();
     for (const auto& [sequence, count] : pending) again.push_back(sequence);
   }
-  // The messages up to this one are not in the stream any more.
+  // Removes the messages up to this one from the stream.
   void Expire(std::uint64_t sequence) {
     messages.erase(messages.begin(), messages.upper_bound(sequence));
     pending.erase(pending.begin(), pending.upper_bound(sequence));

@@ -1,4 +1,4 @@
-// A stream in memory, with the faults of real servers, and a receiver that keeps what a collector would keep.
+// A stream in memory with the faults of real servers, and a model of what a collector gets from it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -138,7 +138,7 @@ class FakeStream final : public relay::PublishStream {
     return true;
   }
 
-  // Late messages were published without an expectation by the worst of senders: they are stored whatever is newest.
+  // In the worst case a late message names no expected sequence. Then it is stored whatever message is the newest.
   void StoreLate() {
     for (Stored& late : late_) (void)Store(late.subject, std::move(late.payload));
     late_.clear();
@@ -148,7 +148,7 @@ class FakeStream final : public relay::PublishStream {
   std::vector<Stored> late_;
 };
 
-// What a collector has of one report after all messages of the stream, in order.
+// The report on a collector that has received all messages of the stream in order.
 struct ReceivedReport {
   std::uint64_t incarnation = 0;
   std::vector<std::uint64_t> incarnations;
@@ -185,7 +185,7 @@ struct ReceivedReport {
   }
 };
 
-// All messages of a subject, as a collector takes them.
+// Passes all messages of a subject to the model of a collector.
 inline ReceivedReport Receive(const FakeStream& stream, const std::string& subject) {
   ReceivedReport report;
   for (const FakeStream::Stored& stored : stream.messages) {

@@ -45,7 +45,7 @@ struct DiskFile {
 };
 using FilePointer = std::shared_ptr<DiskFile>;
 
-// A name that leads to a file (or to a directory, without one), or, without both, a name that is gone.
+// A change of a name: it leads to a file or to a directory, or it was removed.
 struct NameChange {
   std::uint64_t order = 0;
   std::string path;
@@ -66,7 +66,7 @@ struct Disk {
 
 Disk* the_disk = nullptr;
 
-// False: the power has failed.
+// False if the power has failed.
 bool Change() {
   if (the_disk == nullptr) return true;
   if (the_disk->changes_left == 0) return false;
@@ -144,7 +144,7 @@ void SyncNames(const std::string& directory) {
   std::erase_if(the_disk->changes, is_synced);
 }
 
-// The real call would wait for the disk of the machine, and nothing here depends on it.
+// The real call is left out: it would wait for the disk of the machine, and no test depends on it.
 int SyncDescriptor(int descriptor) {
   if (!Change()) return NoPower();
   struct stat status = {};
@@ -154,7 +154,7 @@ int SyncDescriptor(int descriptor) {
   return 0;
 }
 
-// What the directory has now is what the disk has.
+// The disk gets the present state of the directory.
 void Scan() {
   the_disk->synced.clear();
   the_disk->changes.clear();
@@ -173,7 +173,7 @@ void Scan() {
   }
 }
 
-// The contents of a file of which each sector, and the size, lost all changes after a random one.
+// The contents of a file after each sector, and the size, has lost all changes after a random one.
 std::string LoseSectors(const DiskFile& file, std::mt19937_64& random) {
   std::string whole = file.synced;
   std::string size = file.synced;
@@ -205,7 +205,7 @@ std::string ContentsOf(const DiskFile& file, Loss loss, std::uint64_t last, std:
   return bytes;
 }
 
-// No change up to this one can be lost.
+// From now on, the changes up to this one cannot be lost.
 std::uint64_t SyncedOrder() {
   std::uint64_t first = the_disk->order + 1;
   for (const NameChange& change : the_disk->changes) first = std::min(first, change.order);

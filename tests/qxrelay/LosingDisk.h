@@ -1,5 +1,4 @@
-// A disk that loses what was not synced: a test program that links LosingDisk.cpp has it in place of
-// base/FileCalls.cpp.
+// A disk that loses changes that were not synced. A test program links LosingDisk.cpp in place of base/FileCalls.cpp.
 //
 //   LosingDisk disk(dir.Path());       what is below the directory now is on the disk
 //   disk.FailAfter(7);                 the power fails at the 8th change: it and all later ones fail with EIO
@@ -16,12 +15,12 @@
 
 namespace qx::test {
 
-// What of the changes that were not synced is lost.
+// Which of the changes that were not synced are lost.
 enum class Loss : std::uint8_t {
   kEverything,
   kTheLast,  // all changes after a random one
-  // Of each file all changes or none; two files that differ in the ending .ind or .dat lose the same. File systems with
-  // a journal keep a name before what is written to its file.
+  // Each file loses all its changes or keeps them all. The two files of a report lose or keep theirs together. File
+  // systems with a journal keep a new name before the bytes of its file.
   kOfEachName,
   kOfSectors,  // the same for each sector and for the size of each file
 };
@@ -34,11 +33,12 @@ class LosingDisk {
   LosingDisk(const LosingDisk&) = delete;
   LosingDisk& operator=(const LosingDisk&) = delete;
 
-  // So many changes and syncs succeed from now on. [owning thread]
+  // From now on this many changes and syncs succeed; all later ones fail. [owning thread]
   void FailAfter(int changes);
   [[nodiscard]] bool HasFailed() const;
 
-  // The directory gets what the disk has. Nobody has a file open below it. Then everything works again. [owning thread]
+  // Restores the directory to the state of the disk. No file below it may be open. Then all calls work again. [owning
+  // thread]
   void Restart(Loss loss, std::mt19937_64& random);
 };
 

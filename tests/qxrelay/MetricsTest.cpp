@@ -233,7 +233,7 @@ TEST(RelayMetricsService, ShowsMetricsAndHealth) {
   service.Show(flow);
   EXPECT_THAT(HttpGet(port, "/metrics").body, HasSubstr("\nqxrelay_in_trouble 0\n"));
 
-  // A port that another one has is reported once, and tried again.
+  // If another program uses the port, this is reported once, and the service tries again.
   log.clear();
   settings.listen = "[::1]:" + std::to_string(port);
   MetricsService second(

@@ -1,4 +1,4 @@
-// Three nats-servers of a test's own, as a cluster with JetStream, on loopback ports that nobody uses.
+// A cluster of three nats-servers with JetStream for one test, on free loopback ports.
 #pragma once
 
 #include <sys/types.h>

@@ -1,4 +1,4 @@
-// A nats-server of a test's own, with JetStream, on a loopback port that the system picks.
+// A nats-server with JetStream for one test, on a loopback port that the system chooses.
 #pragma once
 
 #include <sys/types.h>
@@ -27,9 +27,9 @@ class NatsServer {
   // Starts it again on the same port with the same files, with another configuration if one is given.
   void Restart();
   void Restart(std::string config);
-  // Forgets everything that was stored, while the server is not running.
+  // Removes everything that the server stored. The server must not be running.
   void EraseStore();
-  // Stops the process without ending it, and lets it continue.
+  // Stop the process with SIGSTOP, and let it continue.
   void Pause();
   void Continue();
 

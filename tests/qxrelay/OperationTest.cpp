@@ -1,5 +1,5 @@
-// What an operator does and what goes wrong, with servers and processes that are real: TLS, tokens, rights, names,
-// clocks, and what a fault costs.
+// The work of an operator, and its faults, with real servers and processes: TLS, tokens, rights, names, clocks, and the
+// costs of a fault.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -93,7 +93,8 @@ bool HasMessages(const StreamSettings& settings, std::uint64_t count) {
 
 int Shell(const std::string& command) { return std::system(("{ " + command + "; } >/dev/null 2>&1").c_str()); }
 
-// Keys that the test makes: an authority, certificates of a server and a client that it has signed, and a stranger's.
+// Keys that the test makes: an authority, certificates of a server and of a client that the authority has signed, and a
+// certificate of a stranger.
 class Certificates {
  public:
   Certificates() {

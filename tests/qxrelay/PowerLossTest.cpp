@@ -1,4 +1,4 @@
-// A collector or a sender whose power fails at any change of its files: what was not synced is lost, and nothing else.
+// The power of a collector or a sender fails at any change of its files. Only changes that were not synced may be lost.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -17,8 +17,8 @@ using qx::test::FakeSender;
 using qx::test::LosingDisk;
 using qx::test::Loss;
 
-// What a host sends in a life of its report: records, a gap, a new incarnation, and repeats. There is a sync between
-// most of them, and the power fails before, after, or during it.
+// The messages of a report: records, a gap, a new incarnation, and repeats. There is a sync between most of them, and
+// the power fails before, after, or during it.
 void SendAll(Collector& collector, FakeSender& sender) {
   sender.next = 4;
   sender.Records(3);
@@ -38,7 +38,7 @@ void SendAll(Collector& collector, FakeSender& sender) {
   collector.Run(4);
 }
 
-// A whole copy, or a report that is left alone with a finding: no torn record stays unnoticed.
+// The report is a complete copy, or it is left alone with a finding. So no torn record stays unnoticed.
 void ExpectAllOrAFinding(Collector& collector, const FakeSender& sender) {
   if (collector.Report("a/b").state == CollectedState::kLeftAlone) {
     EXPECT_NE(collector.Report("a/b").trouble, "");
@@ -55,7 +55,7 @@ void ExpectAll(Collector& collector, const FakeSender& sender) {
   EXPECT_TRUE(collector.stream.pending.empty());
 }
 
-// Sends everything with the power failing after so many changes. False: it did not fail.
+// Sends everything, and the power fails after this many changes. False if there were fewer changes.
 bool LosePower(int changes, Loss loss, std::mt19937_64& random) {
   Collector collector;
   FakeSender sender(collector.stream, "h", "a/b");
@@ -89,7 +89,7 @@ TEST(RelayPowerLoss, WhatIsAcknowledgedIsOnTheDisk) {
   for (const std::uint64_t round : {1U, 2U}) LosePowerAtEachChange(Loss::kOfEachName, round);
 }
 
-// The disk may have the header, and not the records that it counts. They were not acknowledged, and come again.
+// The disk may have the header, but not the records that it counts. These were not acknowledged, and come again.
 TEST(RelayPowerLoss, AReportWithALostSectorIsWholeOrAFinding) { LosePowerAtEachChange(Loss::kOfSectors); }
 
 // The states of two reports as a sender writes them again and again. Returns the position of the last write that

@@ -59,7 +59,7 @@ class QxrelayProcess {
   pid_t process_ = 0;
 };
 
-// Asks again until it is true, or too much time has passed.
+// Tests the condition again and again until it is true, or too much time has passed.
 template <typename Condition>
 bool Until(Condition condition) {
   constexpr std::chrono::seconds kLongest{20};

@@ -1,4 +1,4 @@
-// Random messages, orders, kills and failures, against what the reports have to be in the end.
+// Random messages, orders, kills and failures. In the end the reports are compared with a model.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -17,7 +17,7 @@ using qx::test::FailingCall;
 using qx::test::FakeSender;
 using qx::test::FileCall;
 
-// A sender with what its report on the collector has to be.
+// A sender, and the expected content of its report on the collector.
 struct ModelReport {
   std::string name;
   FakeSender sender;
@@ -54,7 +54,7 @@ struct ModelReport {
   }
 };
 
-// Threads: one thread. What happens is decided by the seed.
+// Threads: one thread. The seed decides what happens.
 class ReceiverModel {
  public:
   explicit ReceiverModel(std::uint64_t seed) : random_(seed) {
@@ -119,7 +119,7 @@ class ReceiverModel {
     std::shuffle(collector_.stream.again.begin(), collector_.stream.again.end(), random_);
   }
 
-  // Messages that nobody has written come again in any order, so that there are holes.
+  // Messages that are not written yet come again in any order, so that there are holes.
   void KillAfterAFetch() {
     for (ModelReport& report : reports_) report.Send(1 + Below(3));
     collector_.Kill();
@@ -128,7 +128,8 @@ class ReceiverModel {
     collector_.Start();
   }
 
-  // Makes calls fail: either some, and the receiver continues; or all from then on, and the receiver is killed.
+  // Makes calls fail. Either some calls fail, and the receiver continues; or all later calls fail, and the receiver is
+  // killed.
   void Fail(int times) {
     constexpr FileCall kCalls[] = {FileCall::kAnyWriteAt, FileCall::kOpen, FileCall::kSyncFileSystem};
     {

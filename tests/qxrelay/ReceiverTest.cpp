@@ -203,8 +203,8 @@ TEST(RelayReceiver, AStreamThatIsReplacedContinuesByNumbers) {
   EXPECT_EQ(collector.Report("a").incarnation, 9U);
 }
 
-// Whatever call fails from some point on, as for a process that is killed there: the next start continues where the
-// files are, and nothing is lost, repeated or counted twice.
+// All calls fail from some call on, as for a process that is killed there. The next start must continue from the files:
+// no record is lost, repeated or counted twice.
 TEST(RelayReceiver, AKillAtAnyFileCallLosesNothing) {
   for (const FileCall call : {FileCall::kAnyWriteAt, FileCall::kOpen, FileCall::kSyncFileSystem}) {
     for (int nth = 1;; ++nth) {
@@ -240,7 +240,7 @@ TEST(RelayReceiver, AKillAtAnyFileCallLosesNothing) {
   }
 }
 
-// The same for calls that fail once or three times in a row: the receiver itself continues.
+// The same for calls that fail once or three times in a row. Here the receiver itself continues.
 TEST(RelayReceiver, AFailureAtAnyWriteIsTriedAgain) {
   for (const int times : {1, 3}) {
     for (int nth = 1;; ++nth) {

@@ -1,4 +1,4 @@
-// The settings of the relay as they are read, and what is said about wrong ones.
+// Reading the settings of the relay, and the findings about wrong ones.
 #include "tools/qxrelay/config/RelayConfig.h"
 
 #include <gtest/gtest.h>

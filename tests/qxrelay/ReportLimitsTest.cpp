@@ -1,4 +1,4 @@
-// What hosts may make a collector create and keep in memory.
+// The limits of what a collector creates and keeps in memory for hosts.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -104,7 +104,7 @@ TEST(RelayReportLimits, NamesAndLabelsCountAsTheirReportsAndHosts) {
   }
 }
 
-// A host with a hole in each report may fill its own share of the memory, and no more.
+// A host whose reports all have holes can use only its own share of the memory.
 TEST(RelayReportLimits, TheMessagesOfAHostThatWaitInMemoryAreBounded) {
   Collector collector;
   collector.context->host_queue_bytes_max = 100'000;

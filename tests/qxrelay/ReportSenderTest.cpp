@@ -1,4 +1,4 @@
-// What the sender of a report does next, as tables of events.
+// The state machine of a report's sender, as tables of events.
 #include "tools/qxrelay/send/ReportSender.h"
 
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ class RelayReportSender : public testing::Test {
     sender_.Placed(1000, {.incarnation = 5, .next = 10, .hash_before = 99, .ring_slots = 50});
   }
 
-  // The store has the records up to `end`, with about so many bytes from the position on.
+  // The store has the records up to `end`, and about `bytes` bytes from the position on.
   Action See(std::int64_t now, std::uint64_t end, std::uint64_t bytes = 1, std::uint64_t oldest = 1) {
     EXPECT_EQ(sender_.Next(now).kind, ActionKind::kExamine) << now;
     return sender_.Examined(now, {.sendable = {oldest, end}, .bytes = bytes});

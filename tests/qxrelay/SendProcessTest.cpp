@@ -72,7 +72,7 @@ class RelaySendProcess : public testing::Test {
     return qx::test::Exists(dir_.File("log")) ? qx::test::ReadFile(dir_.File("log")) : "";
   }
 
-  // Everything that the stream has of the report, as a collector takes it.
+  // The report that a collector gets from all messages of the stream.
   ReceivedReport Received(const std::string& report = "load") {
     ReceivedReport received;
     qx::relay::NatsConsume consumer(settings_);
@@ -310,7 +310,7 @@ TEST_F(RelaySendProcess, TheServiceManagerIsInformed) {
   close(listener);
 }
 
-// A host's rights are enough for a sender, and for nothing of another host.
+// The rights of a host suffice for its sender, and allow nothing on the subjects of another host.
 TEST(RelayRights, AHostMaySendItsOwnReportsAndNothingElse) {
   const qx::test::TempDir dir;
   const std::string users = dir.File("users.conf");

@@ -201,7 +201,7 @@ TEST_F(RelaySenderState, ADirectoryOfAnEarlierVersionIsTakenOver) {
   EXPECT_FALSE(qx::test::Exists(directory_ + "/reports"));
 }
 
-// A file that was cut off, or damaged, has the states before that.
+// From a file that was cut off or damaged, the states before the damage are read.
 TEST_F(RelaySenderState, WhatIsDamagedIsLeftOut) {
   std::filesystem::create_directory(directory_);
   const std::string first = TextOfState(SomeState("a"));

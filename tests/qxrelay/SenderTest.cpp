@@ -1,4 +1,4 @@
-// The sender of a host with a stream in memory and a clock that the test moves: each fault, and what must come of it.
+// The sender of a host, with a stream in memory and a clock that the test sets. Each fault has its expected result.
 #include "tools/qxrelay/send/Sender.h"
 
 #include <gmock/gmock.h>
@@ -583,7 +583,7 @@ TEST_F(RelaySender, AfterATakeOverADamagedReportDoesNotStopTheOthers) {
   EXPECT_NE(sender_->RivalText(), "") << "the machine that was replaced";
 }
 
-// Random appends, faults and kills. What arrives is checked by record and by number.
+// Random appends, faults and kills. The text and the number of each record that arrives are checked.
 TEST_F(RelaySender, RandomFaultsAndKillsLoseRepeatAndReorderNothing) {
   std::mt19937_64 random(qx::test::Seed("RelaySender"));
   slots_ = 400;
@@ -611,7 +611,7 @@ TEST_F(RelaySender, RandomFaultsAndKillsLoseRepeatAndReorderNothing) {
   EXPECT_GT(report.records.size(), written_.size() / 2);
 }
 
-// The watch for other senders looks every five seconds, which must not cost a message each time.
+// The check for other senders runs every five seconds, and must not send a message each time.
 TEST_F(RelaySender, LabelsAreSentOnceAndAgainWhenTheStreamHasLostThem) {
   const auto labels = [&] {
     return std::count_if(stream_.messages.begin(), stream_.messages.end(),

@@ -27,7 +27,7 @@ class SendingHost : public testing::Test {
     settings_.rescan = std::chrono::milliseconds(1000);
   }
 
-  // A sender process begins. The one before ends without any last word, as if it was killed.
+  // Starts a sender. The one before ends without saving anything, as if it was killed.
   void Start(bool takes_over = false, const std::string& state = "state") {
     sender_.reset();
     context_.reset();
@@ -52,7 +52,7 @@ class SendingHost : public testing::Test {
     sender_ = std::make_unique<relay::Sender>(*context_, now_, labels_);
   }
 
-  // Lets the sender work for so long.
+  // Lets the sender work for this time.
   void Run(relay::TimeMs time) {
     for (const relay::TimeMs end = now_ + time; now_ < end;) {
       const relay::TimeMs wake = sender_->Step(now_);
@@ -75,7 +75,7 @@ class SendingHost : public testing::Test {
     return Receive(stream_, "qx.report.h." + report);
   }
 
-  // Everything that was written arrived once, in order.
+  // Checks that each record that was written arrived once, and in order.
   void ExpectAll() const {
     const ReceivedReport report = Received();
     EXPECT_EQ(report.records, written_);

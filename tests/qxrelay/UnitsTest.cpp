@@ -1,4 +1,4 @@
-// The units of systemd: sound, and closed to what the services do not need.
+// The units of systemd are valid, and deny what the services do not need.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

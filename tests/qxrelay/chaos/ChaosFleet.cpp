@@ -19,7 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kStartingMax{2};
-// Faults follow each other after so many milliseconds, and last so long.
+// The times between two faults, and the times that a fault lasts.
 constexpr std::int64_t kBetweenMs = 900;
 constexpr std::int64_t kFaultMaxMs = 4000;
 constexpr std::int64_t kServerFaultMaxMs = 6000;
@@ -63,7 +63,7 @@ std::string ChaosFleet::RootOf(int collector) const {
   return options_.directory + "/c" + std::to_string(collector + 1);
 }
 
-// Starts are not spread over 30 seconds here, and everything else is quick.
+// Short times: for example, starts are not spread over 30 seconds.
 void ChaosFleet::AddSender(int host) {
   const std::string name = "h" + std::to_string(host + 1);
   const std::string config = options_.directory + "/" + name + ".ini";

@@ -1,4 +1,4 @@
-// Three servers, hosts with senders, collectors, and what is done to them.
+// Three servers, hosts with senders, and collectors; and the faults of these processes.
 #pragma once
 
 #include <cstdint>
@@ -31,10 +31,10 @@ class ChaosFleet {
 
   // Starts the servers and creates the stream, then starts everything else.
   void Start();
-  // Does to some process whatever `random` decides, and ends what was done before when its time has come. Called about
-  // ten times a second. At most one server is disturbed at once.
+  // Begins a fault of a process that `random` chooses, and ends earlier faults whose time is over. Must be called about
+  // ten times a second. At most one server at a time has a fault.
   void Disturb(std::mt19937_64& random, std::int64_t now_ms);
-  // Everything runs again.
+  // Ends all faults: all processes run again.
   void Heal();
   // Ends senders and receivers in order. False if one did not end in time, or with another code than 0.
   [[nodiscard]] bool EndInOrder();
@@ -57,7 +57,7 @@ class ChaosFleet {
  private:
   enum class State { kRuns, kStopped, kDead };
 
-  // A process and what was done to it.
+  // A process and its fault.
   struct Actor {
     std::string name;
     ChildProcess process;

@@ -1,5 +1,5 @@
-// Records that name themselves: report, number, length and a checksum of it all are in the text, so that whoever reads
-// one knows whether it is whole, and where it belongs.
+// Records that name themselves: the text contains report, number, length and a checksum. So a check of one record shows
+// whether it is whole, and where it belongs.
 #pragma once
 
 #include <cstdint>

@@ -70,7 +70,7 @@ void ChaosWriter::Run(double rate) {
   while (!is_stopping_) {
     for (ChaosReport* const report : reports_) {
       if (chance(random_) >= batches) continue;
-      // A burst goes beyond the ring of a small report: that is a gap without any fault.
+      // A burst has more records than the ring of a small report, which causes a gap without any fault.
       const std::uint32_t batch = size(random_);
       const std::uint32_t repeats = burst(random_) == 1 ? std::min(report->Slots(), 2000U) / kBatchMax * 2 : 1;
       for (std::uint32_t i = 0; i < repeats; ++i) report->Append(batch);

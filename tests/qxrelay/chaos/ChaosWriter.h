@@ -1,6 +1,6 @@
 // The reports of one host and the thread that appends to them, through qx::Writer.
 //
-// Next to the reports it keeps when each append began. So a check knows for every moment what a ring still held.
+// It also stores when each append began. So a check can calculate which records a ring had at any moment.
 #pragma once
 
 #include <atomic>

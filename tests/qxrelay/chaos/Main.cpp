@@ -1,8 +1,8 @@
 // qxrelay_chaos QXRELAY SECONDS [SEED [COLLECTORS]] : kills, stops, continues and restarts senders, receivers and
-// servers at random while writers append records that name themselves. Then it lets everything settle, and checks the
-// stream and every collector's reports: nothing lost, repeated, out of order or torn, and gaps only for records that
-// the ring had overwritten. Prints rows of script/trust; ends with 1 if a promise is not kept, and keeps the files
-// then.
+// servers at random while writers append records that name themselves. Then it ends all faults, and checks the stream
+// and the reports of each collector: no record may be lost, repeated, out of order or torn, and there may be gaps only
+// for records that the ring had overwritten. Prints rows for script/trust. If a promise is broken, it ends with 1 and
+// keeps the files.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -149,7 +149,7 @@ class Chaos {
     return verdict;
   }
 
-  // Waits until the collectors have everything, and longer than what they did not acknowledge needs to come again.
+  // Waits until the collectors have everything, and then until unacknowledged messages have come again.
   void SettleCollectors(StreamCheck& check) {
     const auto end = steady_clock::now() + kSettleMax;
     for (int i = 0; i < arguments_.collectors; ++i) {

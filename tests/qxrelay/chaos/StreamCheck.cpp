@@ -21,7 +21,7 @@ std::string Place(const ChaosReport& report, std::uint64_t number) {
 
 void ReportCheck::Take(const MessageHead& head, const std::vector<std::string_view>& texts, Verdict& verdict) {
   if (incarnation_ == 0) {
-    // What the ring had overwritten before a sender first saw the report is in no message.
+    // Records that the ring overwrote before a sender first read the report are in no message.
     incarnation_ = head.incarnation;
     if (head.first > 0) TakeLoss(head.first, head, verdict);
   }

@@ -1,4 +1,4 @@
-// What the stream has, judged message by message in the order of the stream, and then report by report.
+// Checks the messages in the order of the stream, and then each report.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@
 
 namespace qx::chaos {
 
-// Faults that must not be, and what happened besides.
+// Broken promises, and counts of allowed events.
 struct Verdict {
   std::uint64_t lost = 0;          // records that a ring held until the end, or when a gap was sent for them
   std::uint64_t repeated = 0;      // records twice in a collector's report
@@ -47,7 +47,7 @@ class ReportCheck {
   void Take(const relay::MessageHead& head, const std::vector<std::string_view>& texts, Verdict& verdict);
   // Whether the stream has or counts everything that was written.
   [[nodiscard]] bool IsComplete() { return next_ == report_.Count(); }
-  // Records that were written last and are not in the stream.
+  // How many of the newest records are not in the stream.
   void Finish(Verdict& verdict);
 
   [[nodiscard]] const std::vector<Range>& Gaps() const { return gaps_; }

@@ -25,7 +25,7 @@ class LoadHost {
   LoadHost(const std::string& directory, const std::string& name, const relay::StreamSettings& stream,
            const relay::SendSettings& settings);
 
-  // Does what is due, and returns when it wants to be called again. [owning thread]
+  // Does what is due, and returns the time of its next call. [owning thread]
   [[nodiscard]] relay::TimeMs Step(relay::TimeMs now) { return sender_->Step(now); }
   [[nodiscard]] int Descriptor() const { return stream_.Descriptor(); }
   [[nodiscard]] const relay::SenderCounters& Counters() const { return context_.counters; }

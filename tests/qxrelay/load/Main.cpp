@@ -159,7 +159,7 @@ class Stepper {
   std::thread thread_;
 };
 
-// What was used and done between two moments.
+// Processor time and messages between two moments.
 struct Figures {
   double time = SecondsOf(CLOCK_MONOTONIC);
   double sender = 0;
@@ -303,7 +303,7 @@ void Fleet(const std::string& directory, int seconds, int host_count, int report
   stepper.Stop();
 }
 
-// Milliseconds from an append until its record was seen.
+// Milliseconds from an append until its record was read.
 class Latencies {
  public:
   // The first two seconds do not count: consumer and report are made then.

@@ -96,8 +96,8 @@ std::optional<std::string> NatsConsume::Connect(const std::string& name, std::si
   return std::nullopt;
 }
 
-// The library first requests the messages that are available, and waits only if there are none. (A NoWait request of
-// our own would wait until it expires.)
+// The library first requests the messages that are available now, and waits only without one. (A NoWait request of our
+// own would wait until it expires.)
 std::optional<std::string> NatsConsume::Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
                                               std::vector<StreamMessage>& messages) {
   if (parts_ == nullptr) return "not connected";
