@@ -1,5 +1,5 @@
-// Character classes of markup text. They are fixed tables over single bytes and ignore the process's locale: what
-// counts as a name or as white space must not depend on the host that loads the library.
+// Character classes of markup text: fixed tables of single bytes. They ignore the process's locale, because names and
+// white space must be the same in every host that loads the library.
 #pragma once
 
 #include <array>

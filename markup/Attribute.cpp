@@ -157,8 +157,8 @@ bool FindAttributeByWalk(std::string_view tag, std::string_view name, bool ignor
   return false;
 }
 
-// Nearly every start tag has only attributes of the usual form before the one that is searched. Any other form is left
-// to the walk.
+// In nearly every start tag, all attributes before the requested one have the usual form. If one has another form,
+// AttributeScan searches.
 bool FindAttribute(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute) {
   const auto offset = [start = tag.data()](const char* at) { return static_cast<std::size_t>(at - start); };
   UsualScan scan(tag.data() + 1 + NameInStartTag(tag).size(), tag.data() + TagClosingOffset(tag));

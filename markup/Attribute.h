@@ -33,13 +33,13 @@ class AttributeScan {
 
   std::string_view tag_;
   const char* at_;
-  // The ">" or "/>". It is neither white space nor part of a name, so every scan over those stops here at the latest.
+  // The ">" or "/>". It is neither white space nor part of a name, so every scan over these bytes stops here.
   const char* end_;
 };
 
 // Finds the attribute `name` of the start tag; false if the tag has no such attribute.
 bool FindAttribute(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute);
-// The same with an AttributeScan: for unusual tags, and the oracle in tests.
+// The same with an AttributeScan: for unusual tags, and as the oracle in tests.
 bool FindAttributeByWalk(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute);
 
 // Offset of the ">" or "/>" that ends a start tag.

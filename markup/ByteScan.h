@@ -66,8 +66,8 @@ unsigned HitsInBlock(const char* p) {
   return static_cast<unsigned>(detail::HitsIn<kBytes...>(detail::LoadBlock(p)));
 }
 
-// The results of `hits_at` for the four blocks of the wide block at `p`, as one number. Written out: a loop would stay
-// one.
+// The results of `hits_at` for the four blocks of the wide block at `p`, as one number. There is no loop, because the
+// compiler would not unroll it.
 template <typename HitsAt>
 std::uint64_t WideHits(const char* p, HitsAt hits_at) {
   const std::uint64_t low = hits_at(p) | hits_at(p + kScanBlockBytes) << kScanBlockBytes;
@@ -98,7 +98,7 @@ inline void CopyInBlocks(const char* from, char* to, std::ptrdiff_t bytes) {
 }
 #endif
 
-// The plain forms: they search the tail for the fast forms, and are the oracle in tests.
+// The plain forms. The fast forms use them for the last bytes of a range; tests use them as the oracle.
 template <char... kBytes>
 const char* FindAnyOfPlain(const char* p, const char* end) {
   while (p != end && !((*p == kBytes) || ...)) ++p;
@@ -142,8 +142,8 @@ inline const char* SkipNameBytes(const char* p, const char* end) {
 }
 
 // Three bytes in a row:  FindTriple<']', ']', '>'>("a]]]>b") => "]]>b"
-// The C library's search for the first byte is fastest while that byte is rare. After kFailedFindsMax finds of it
-// alone, the search for all three bytes at once takes over.
+// The C library's search for the first byte is fastest while this byte is rare. After it was found kFailedFindsMax
+// times without the other two, all three bytes are searched at once.
 template <char kFirst, char kSecond, char kThird>
 const char* FindTriple(const char* p, const char* end) {
   constexpr int kFailedFindsMax = 16;

@@ -68,8 +68,8 @@ void ElemStack::BuildIndex() {
   for (std::size_t depth = 0; depth < depth_; ++depth) AddToIndex(tags_[depth].name);
 }
 
-// The hash is a polynomial modulo a prime, computed byte by byte. Computing the hash of a name therefore also yields
-// the hash of each of its prefixes.
+// The hash is a polynomial modulo a prime, computed byte by byte. So the computation also passes the hash of each
+// prefix of the name.
 ElemStack::Hash ElemStack::Step(Hash hash, char c) const {
   const char folded = ignore_case_ ? qx::markup::ToLower(c) : c;
   const Wide next = Wide{hash} * factor_ + static_cast<unsigned char>(folded) + 1;

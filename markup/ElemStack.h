@@ -37,8 +37,8 @@ class ElemStack {
   }
 
   // Depth of the innermost open tag that matches the name, or kNone. With a match the cost is one comparison for each
-  // tag above it. Without a match it is only the length of the name, so a text of lone end tags does not cause a walk
-  // over all open tags for each of them.
+  // tag above it. Without a match the cost is only the length of the name, so lone end tags do not cause a search of
+  // all open tags.
   static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
   std::size_t FindInnermost(std::string_view name);
 
@@ -60,9 +60,10 @@ class ElemStack {
   std::size_t capacity_ = 0;
   bool ignore_case_;
 
-  // How many open tags each name would match, by the name's hash. Built at the first end tag that does not close the
-  // innermost tag, so that a document without faults has no cost. If two names have the same hash, a walk over the open
-  // tags may find no match; the result is still correct. The random factor prevents a sender from preparing such names.
+  // For the hash of each name: how many open tags the name would match. Built at the first end tag that does not close
+  // the innermost tag, so that a document without faults has no cost. If two names have the same hash, a search of the
+  // open tags may find no match; the result is still correct. Because of the random factor, a sender cannot prepare
+  // such names.
   Hash factor_ = 0;
   std::unique_ptr<std::unordered_map<Hash, std::uint32_t>> matches_;
 };

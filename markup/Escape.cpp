@@ -13,9 +13,9 @@ namespace qx::markup {
 
 namespace {
 
-// How much text is escaped before it is appended.
+// How much text is escaped before it is appended: a stretch.
 constexpr std::size_t kStretchBytes = 1024;
-// A stretch ends with a whole block, so it may be longer by nearly that.
+// A stretch ends with a whole block, so it may be nearly one block longer.
 constexpr std::size_t kWidestBlockBytes = 64;
 // The longest reference that replaces one byte: "&quot;".
 constexpr std::size_t kReferenceBytesMax = 6;
@@ -185,8 +185,8 @@ void AppendEscapedPlain(std::string& out, std::string_view text, int flags) {
   }
 }
 
-// Escapes the text in stretches, into a buffer that is large enough for the longest reference for every byte. No size
-// check per byte is therefore needed.
+// Escapes the text in stretches, into a buffer with space for the longest reference for every byte. So no byte needs a
+// check of the size.
 void AppendEscaped(std::string& out, std::string_view text, int flags) {
   const EscapeSource source{text.data() + text.size(), flags};
   for (const char* p = text.data(); p != source.end;) {

@@ -17,8 +17,8 @@ inline constexpr int kUnescapeCollapse = 0x200;  // trim, and replace each run o
 void AppendEscaped(std::string& out, std::string_view text, int flags);
 void AppendEscapedPlain(std::string& out, std::string_view text, int flags);  // byte by byte: the oracle in tests
 
-// Adds the text, escaped, to the buffer of the pieces. False, with nothing added, when the text is longer than a
-// stretch or its escaped form might not fit into the buffer.
+// Adds the text, escaped, to the buffer of the pieces. Returns false and adds nothing if the text is longer than
+// kStretchBytes, or if its escaped form might not fit into the buffer.
 bool AddEscaped(Pieces& pieces, std::string_view text, int flags);
 
 // True if the text has a character that AppendEscaped may replace.

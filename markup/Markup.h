@@ -1,9 +1,9 @@
-// CMarkup: one XML document, held as its serialised text, with a tree of element positions over it.
+// CMarkup: one XML document, as its text and a tree of records with the offsets of the elements in the text.
 //
-// The text is the only copy of the content. Reading copies pieces out of it. Every change is spliced into it at once,
-// so GetDoc always returns the whole document. An element is identified by the 32-bit index of its 32-byte record
-// (ElemPosTree.h), which contains offsets. docs/markup.md describes what the parser accepts, how it recovers from
-// faults and where new text is inserted.
+// The text is the only copy of the content. Reading copies parts of it, and each change is made in it at once. So
+// GetDoc always returns the whole document. An element is identified by the 32-bit index of its 32-byte record
+// (ElemPosTree.h). docs/markup.md describes what the parser accepts, how it recovers from faults, and where new text is
+// inserted.
 //
 // Deliberately not here: reading or writing files in parts, navigation to nodes that are not elements, saved positions,
 // namespaces, and anything that a document type declaration could define or fetch.
@@ -41,9 +41,9 @@ struct BomTableRow {
 
 // An XML document with a current position in it.
 //
-// The position is three elements: the parent, the main element, and the child (an element in the main element). 0 means
-// the document (as a parent) or no element. Operations named ...Child... work on the child, the others on the main
-// element.
+// The position is three elements: the parent, the main element, and the child (an element in the main element). As the
+// parent, 0 means the document; otherwise 0 means no element. Functions named ...Child... work on the child, the others
+// on the main element.
 //
 // Threads: an object belongs to one thread at a time; the static members may be called by any thread.
 // Owns: the text and the records.
@@ -169,8 +169,8 @@ class CMarkup {
   // False without an element, for a name that an attribute cannot have, and over a limit. [owning thread]
   bool SetAttrib(MCD_CSTR name, MCD_CSTR value, int flags = 0);
   bool SetAttrib(MCD_CSTR name, int value, int flags = 0);
-  // Calls SetAttrib for each attribute in turn, or inserts all at once where the result is the same. False if one of
-  // them is refused; the others are set. [owning thread]
+  // Sets attributes with the result of one SetAttrib call for each, but inserts all at once if possible. False if one
+  // of them is refused; the others are set. [owning thread]
   struct AttributeText {
     MCD_CSTR name;
     MCD_CSTR value;

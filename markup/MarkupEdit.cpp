@@ -39,8 +39,8 @@ std::string_view ViewOf(MCD_CSTR text) { return text == nullptr ? std::string_vi
 // A difference of offsets is an unsigned 32-bit number that wraps, so adding it moves an offset in either direction.
 constexpr std::uint32_t Low32(std::size_t value) { return static_cast<std::uint32_t>(value); }
 
-// Adds the text, escaped. `escaped` stores the escaped form if the pieces need to refer to it; it must live as long as
-// they do.
+// Adds the text, escaped. If the pieces are views of the escaped form, `escaped` contains it, and must live as long as
+// the pieces.
 void AddEscapedText(Pieces& pieces, std::string_view text, int flags, std::string& escaped) {
   if (qx::markup::AddEscaped(pieces, text, flags)) return;
   if (!qx::markup::NeedsEscape(text, flags)) return pieces.Add(text);
@@ -460,8 +460,8 @@ void CMarkup::Shift(std::uint32_t elem, std::uint32_t delta) {
 
 // Replaces `removed` bytes at `offset` by the pieces. If memory runs out, nothing has changed.
 //
-// If much new text precedes a short rest, the new text and then the rest are appended. A large section is thus copied
-// once; std::string::replace would fill the space with zeros first.
+// If the new text is long and only a short rest follows it, the rest is cut off, and new text and rest are appended. So
+// a large text is copied once; std::string::replace would fill the space with zeros first.
 void CMarkup::Splice(std::size_t offset, std::size_t removed, Pieces& pieces) {
   const std::size_t added = pieces.Bytes();
   const std::size_t tail_bytes = document_.size() - offset - removed;

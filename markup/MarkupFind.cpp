@@ -40,7 +40,7 @@ std::uint32_t CMarkup::Find(MCD_CSTR path, std::uint32_t parent, std::uint32_t a
   return FindSibling({path, static_cast<std::size_t>(name_end - path)}, parent, after);
 }
 
-// Nearly every search is of this kind: for the next sibling with a name, or with any name.
+// Nearly every search is for the next sibling of a name or of any name.
 std::uint32_t CMarkup::FindSibling(std::string_view name, std::uint32_t parent, std::uint32_t after) const {
   std::uint32_t elem = NextSibling(parent, after);
   if (name.empty()) return elem;

@@ -1,4 +1,4 @@
-// The part of CMarkup that parses: makes records from the scanner's nodes and repairs the structure where tags are
+// The part of CMarkup that parses. It makes records from the scanner's nodes, and repairs the structure if tags are
 // missing or in the wrong order.
 #include <algorithm>
 #include <utility>

@@ -77,7 +77,8 @@ bool TextEncoding::Step(std::string_view& input, std::string& out) {
   return result != static_cast<std::size_t>(-1) || error == E2BIG;
 }
 
-// Skips what could not be converted and appends "?": a whole UTF-8 character that the target lacks, otherwise one unit.
+// Skips input that could not be converted, and appends "?". The input is a whole UTF-8 character that the target lacks,
+// or one unit of faulty input.
 void TextEncoding::Replace(std::string_view& input, std::string& out) {
   ++failed_chars_;
   out.append(replacement_);

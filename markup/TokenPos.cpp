@@ -16,7 +16,7 @@ constexpr std::size_t kNotFound = std::string_view::npos;
 constexpr std::string_view kDocTypeOpening = "<!DOCTYPE";
 constexpr std::string_view kCDataOpening = "<![CDATA[";
 
-// Takes the next quote or angle bracket of a start tag. True for an angle bracket outside quotes. `quote` is the open
+// Handles the next quote or angle bracket of a start tag. True for an angle bracket outside quotes. `quote` is the open
 // quote, or NUL.
 bool EndsTag(char c, char& quote) {
   if (quote == '\0' && (c == '>' || c == '<')) return true;
@@ -38,7 +38,7 @@ struct TagBlocks {
   bool Search(const char* p, std::size_t seen) {
     if (qx::markup::HitsInBlock<'\''>(p) >> seen != 0) return false;
     unsigned inside = qx::markup::HitsInBlock<'"'>(p) >> seen;
-    // From each opening quote on to the byte before the closing one, all bits become set.
+    // Sets all bits from each opening quote to the byte before the closing one.
     inside ^= inside << 1;
     inside ^= inside << 2;
     inside ^= inside << 4;
@@ -169,8 +169,8 @@ NodeType TokenPos::ParseCData() {
   return Finish(NodeType::kCData, CDataEnd(start + kCDataOpening.size()));
 }
 
-// After one faulty declaration every further one counts as faulty, unread: a document has only one, and a text of
-// thousands of incomplete declarations must not be scanned to its end for each of them.
+// After one faulty declaration every further one counts as faulty without being read. A document has only one, and a
+// text of thousands of incomplete declarations must not be scanned to its end for each of them.
 NodeType TokenPos::ParseDocType() {
   switch (TextBegins(start, kDocTypeOpening)) {
     case Begins::kNo:
@@ -248,8 +248,8 @@ std::size_t TokenPos::QuoteEnd(std::size_t from) const {
 }
 
 // The offset after the terminator, searched from `from` on. `missing_from` is the lowest offset from which a search has
-// failed so far; a search from there on fails at once. After a faulty declaration the next node may begin before that
-// offset, so the offsets are compared.
+// failed so far. A search from this offset or a later one fails at once. (After a faulty declaration, the next node may
+// begin before it.)
 template <char kFirst, char kSecond, char kThird>
 std::size_t TokenPos::TerminatorEnd(std::size_t from, std::size_t& missing_from) const {
   if (from >= missing_from || from > text_.size()) return kNotFound;

@@ -18,8 +18,8 @@ namespace {
 
 constexpr std::size_t kReferenceCharsMax = 9;
 
-// How much text is unescaped before it is appended, and how much more may be written then: the rest of a wide block, a
-// reference that begins in it, and a whole block of 16 bytes. No character is longer than its reference.
+// The length of text that is unescaped before it is appended, and the most that may be written after it: the rest of a
+// wide block, a reference that begins in it, and a whole block of 16 bytes. No character is longer than its reference.
 constexpr std::size_t kStretchBytes = 1024;
 constexpr std::size_t kOverrunBytes = 128;
 
@@ -177,7 +177,7 @@ void AppendUnescapedPlain(std::string& out, std::string_view text) {
   }
 }
 
-// Most texts have no reference. The others are unescaped in stretches, into a buffer that is large enough for each.
+// Most texts have no reference. The others are unescaped in stretches, into a buffer with space for the longest one.
 void AppendUnescaped(std::string& out, std::string_view text, int flags) {
   if ((flags & (kUnescapeTrim | kUnescapeCollapse)) != 0) return AppendUnescaped(out, HandleSpace(text, flags), 0);
   const char* const end = text.data() + text.size();

@@ -5,8 +5,8 @@
 
 namespace qx::registry {
 
-// Sets the hive pointers that point to the key in `value`, which is about to be destroyed, to null.
-// [lock held: CRegistry::MSpinlock]
+// Must be called before the key in `value` is destroyed: sets hive pointers to it to null. [lock held:
+// CRegistry::MSpinlock]
 void ForgetHive(const RegistryValue& value);
 
 // Holds MSpinlock while an entry of the root is removed, so that no thread sets the pointer of a hive that is being

@@ -1,8 +1,8 @@
 // The registry: handles on the keys of one tree per process, and the functions that load the tree from its file and
 // write it back (docs/registry-file.md).
 //
-// The first handle loads the tree; every destroyed handle writes it back if something has changed. Processes do not see
-// each other's changes: the last save is kept.
+// The first handle loads the tree. When a handle is destroyed, it writes the tree if something has changed. Processes
+// do not see each other's changes: a save replaces the file of an earlier save.
 #pragma once
 
 #include <atomic>
@@ -31,17 +31,17 @@ class CRegistry {
   explicit CRegistry(CRegistryNode*& key);
   // A handle on the key that Open finds, or without one. [any thread]
   CRegistry(const char* path, CRegistryNode*& key, int access);
-  // The same current key and a copy of the key path; a value that was read is not copied. A value that the target has
-  // read stays valid until the target's next read. [owning thread]
+  // The copy has the same current key and a copy of the key path, but no value that was read. A value that the target
+  // has read stays valid until the target's next read. [owning thread]
   CRegistry(CRegistry& other);
   CRegistry& operator=(CRegistry& other);
   // Writes the tree if it has changed. [any thread]
   ~CRegistry();
 
-  // Resets the handle, loads the tree if no load has succeeded yet, and makes sure that the root has entries for the
-  // five hives (without keys where the file had none). Every constructor runs it. [owning thread]
+  // Resets the handle, and loads the tree if no load has succeeded yet. Adds missing entries of the five hives to the
+  // root; such an entry has no key. Every constructor calls it. [owning thread]
   void InitClass();
-  // Frees what the handle owns and writes the tree if it has changed. The destructor runs it. [owning thread]
+  // Frees what the handle owns, and writes the tree if it has changed. The destructor calls it. [owning thread]
   void FreeClass();
 
   // Returns the current key and drops it from the handle. [owning thread]
@@ -52,15 +52,15 @@ class CRegistry {
   // Makes the key at `path` below `key` (null: the root, whose subkeys are the hives) the current one. An empty path is
   // `key` itself. 0, or -1 with no current key. `access` is ignored, here and below. [owning thread]
   long Open(const char* path, CRegistryNode* key, int access);
-  // Makes the key at `path` below `key` (null: the current one) the current one, creating what is missing. 0, or -1
-  // with the current key unchanged when a name on the path is a value's. [owning thread]
+  // Creates the missing keys of `path` below `key` (null: the current key), and makes the last one the current key. 0,
+  // or -1 with the current key unchanged if a name on the path is that of a value. [owning thread]
   long CreateKey(CRegistryNode* key, const char* path, bool, int access);
   // Opens a key through a pointer: the string value `value_name` of the key `pointer_key` is the full path of the key
   // to open. The path begins with a hive, in upper or lower case. 0, or -1 with no current key. [owning thread]
   long OpenPointerKey(const char* pointer_key, const char* value_name, CRegistryNode* key, int access);
   // OpenPointerKey with the key in which the suite's products leave their pointers. [owning thread]
   long OpenUUIDPointer(const char* value_name, CRegistryNode* key, int access, const char*, bool);
-  // The string `value_name` of that key below MLocalMachine; tried twice. [any thread]
+  // The string `value_name` of the products' pointer key below MLocalMachine; tried twice. [any thread]
   [[nodiscard]] static bool GetProductRegistryRoot(std::string& out, const char* value_name);
 
   // The number of subkeys of the current key: 0 or 22. [owning thread]
@@ -73,7 +73,7 @@ class CRegistry {
   // Destroys a direct subkey with everything below it: 0, or 22 if there is not one. [owning thread]
   long DeleteKey(const char* name);
 
-  // Below, a null `node` means the current key.
+  // In the functions below, a null `node` means the current key.
 
   // Bytes that GetValue would return: strings with their NUL and not expanded; 0 when there is no value or no byte.
   // [owning thread]
@@ -136,8 +136,8 @@ class CRegistry {
   static CRegistryNode* MUsers;
   static CRegistryNode* MClassesRoot;
   static CRegistryNode* MCurrentConfig;
-  // Read without a lock for early returns. Loads and saves synchronise through MSpinlock; these only show whether there
-  // is something to do.
+  // Read without a lock, to return early if there is nothing to load or save. Loads and saves themselves hold
+  // MSpinlock.
   static std::atomic<bool> MIsSetup;
   static std::atomic<bool> MIsDirty;
   static CCriticalSection MSpinlock;

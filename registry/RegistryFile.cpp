@@ -74,7 +74,7 @@ long long SizeOf(const file::Descriptor& file) {
 }
 
 bool WriteThrough(file::Descriptor& file, std::string_view text) {
-  // Before the file gets its name, so that no process finds it with the mode of an unusual umask.
+  // The mode is set before the file gets its name, so that no process finds the file with the mode of an unusual umask.
   (void)fchmod(file.Number(), kFileMode);  // a file system without modes still stores the registry
   const bool is_stored = !file::Write(file.Number(), text).Failed() && file::Sync(file.Number()) == 0;
   return file.Close() == 0 && is_stored;
@@ -101,7 +101,7 @@ ByteSource BytesOf(const file::Descriptor& file) {
 void KeepUnread(const char* path) {
   const NextTo kept(path, "registry.unread");
   if (file::Link(path, kept.Path()) == 0) return;
-  // A file system without hard links: the name moves instead, and like a link it never replaces.
+  // On a file system without hard links, the file is renamed instead; this rename does not replace a file either.
   (void)file::RenameWithoutReplacing(path, kept.Path());
 }
 

@@ -32,8 +32,8 @@ namespace qx::registry {
 // True if `path` leads to a file that is not empty, or if `stat` fails: such a file is kept like one with content.
 [[nodiscard]] bool MayHoldBytes(const char* path);
 
-// Gives the file at `path`, which could not be read, the second name "registry.unread" in its directory, unless there
-// is such a file already: the first file that was kept is the important one.
+// Links the file at `path`, which could not be read, to the name "registry.unread" in its directory. Does nothing if
+// this name exists already: the first file that was kept is the important one.
 void KeepUnread(const char* path);
 
 // Syncs the directory of `path`.

@@ -28,8 +28,8 @@ CRegistryNode* Subkey(const CRegistryNode& key, std::string_view name) {
   return entry != nullptr ? NodeOf(entry->value) : nullptr;
 }
 
-// Search and creation are one step: otherwise two threads that create the same key would each get a different one. An
-// entry without a value (a hive that the file does not have) is filled. Null if the name is that of a value, or if
+// Search and creation are one step under the lock: otherwise two threads that create the same key could get two keys.
+// An entry without a value (a hive that the file does not have) gets a key. Null if the name is that of a value, or if
 // there is no memory.
 CRegistryNode* SubkeyOrNew(CRegistryNode& key, std::string_view name) {
   const LockScope lock(key.Lock());

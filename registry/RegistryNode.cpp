@@ -13,8 +13,8 @@
 using qx::registry::FreeValue;
 using qx::registry::NodeOf;
 
-// Exchanges the content of keys that stay in the tree with that of freshly read ones; the old content is freed with the
-// fresh keys. So a handle stays valid if the new file has its key, too.
+// Exchanges the content of keys that stay in the tree with that of keys that were just read. The old content is freed
+// with the latter. So a handle stays valid if the new file has its key, too.
 class CRegistryNode::ContentExchange {
  public:
   // False without memory; the caller then replaces the key itself.
@@ -38,7 +38,7 @@ class CRegistryNode::ContentExchange {
   }
 
  private:
-  // Subkeys of the same name change places first, so that the exchange of the entries restores them.
+  // Subkeys of the same name are exchanged first. The exchange of all entries then returns them to their keys.
   void KeepSubkeys(CRegistryNode& kept, CRegistryNode& fresh) {
     auto fresh_entries = fresh.Entries();
     std::size_t at = 0;
@@ -79,8 +79,8 @@ bool CRegistryNode::restoreNode(FILE* stream) {
   return has_values;
 }
 
-// Pointer reversal: in each key on the path, the slot that led down has the pointer to the key above, and the capacity
-// has the key's own place in the key above. So deletion needs no memory and no stack, however deep the keys.
+// Pointer reversal: in each key on the path, the slot of the subkey contains the pointer to the key above, and the
+// capacity contains the key's own index in the key above. So deletion needs no memory and no stack at any depth.
 void CRegistryNode::deleteNode() {
   const qx::registry::UncancellableScope no_cancellation;
   CRegistryNode* node = this;
@@ -129,7 +129,7 @@ bool CRegistryNode::Merge(CRegistryNode& fresh) {
   return true;
 }
 
-// Both lists are in order, so they are merged from their ends into the slots after the existing entries.
+// Both lists are sorted. They are merged from their ends, into the array's free slots at its end.
 void CRegistryNode::MergeEntries(CRegistryNode& fresh, std::int32_t new_names, ContentExchange& exchange) {
   std::int32_t old = count_;
   std::int32_t place = count_ + new_names;

@@ -1,8 +1,8 @@
 // A registry key: its values and its subkeys in one sorted map, written to and read from the registry file's format
 // (docs/registry-file.md).
 //
-// Keys nest as deep as a file says, so nothing here recurses: reading and writing keep their path in memory, deletion
-// uses pointer reversal.
+// A file may nest keys to any depth, so no function recurses: reading and writing keep their path in memory, and
+// deletion uses pointer reversal.
 #pragma once
 
 #include <cstdio>
@@ -10,7 +10,7 @@
 
 #include "registry/StrMap.h"
 
-// A key. It is exactly a CStrMap: a value and a subkey cannot share a name.
+// A key is a CStrMap without further members. So a value and a subkey cannot have the same name.
 //
 // Threads: as CStrMap; the three operations take the locks they need themselves. dumpNode holds the locks of the whole
 // path from this key down to the one being written, parent before child.
@@ -24,14 +24,14 @@ class CRegistryNode : public CStrMap {
   // stream; a write error shows in the stream's state. [any thread]
   void dumpNode(FILE* stream) const;
 
-  // Reads lines up to the empty line that closes the key, or to the end, and merges them by name into the key: a value
-  // or subkey of the same name is replaced whole. Keys that keep their path keep their object, so handles on them stay
-  // usable. True when at least one value line was recognised here or below; false on a null stream or a read error. The
-  // stream is then at the end of the closing line if it can seek. [any thread]
+  // Reads lines up to the empty line that closes the key, or to the end, and adds their entries to the key: a value or
+  // subkey of the same name is replaced as a whole. A key that was there before keeps its object, so handles on it stay
+  // usable. True if at least one line was a valid value, here or below; false for a null stream or a read error. If the
+  // stream can seek, it is at the end of the closing line afterwards. [any thread]
   [[nodiscard]] bool restoreNode(FILE* stream);
 
-  // Frees all values and subkeys. The entries stay, without their values: only for use directly before the key or its
-  // map is destroyed. Traces each entry that had a value. [owning thread]
+  // Frees all values and subkeys. The entries stay without values, so the key or its map must be destroyed directly
+  // afterwards. Traces each entry that had a value. [owning thread]
   void deleteNode();
 
   // deleteNode, then removes the entries. [owning thread]

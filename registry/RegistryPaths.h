@@ -1,7 +1,7 @@
 // Internal: where the registry's files are.
 //
-// The directory is fixed for users of the system. Tests of every folder that reads the registry, and tools that read a
-// copy of it, set another directory.
+// The directory is fixed for programs of the system. Only tests, and tools that read a copy of the registry, set
+// another one.
 #pragma once
 
 namespace qx::registry {

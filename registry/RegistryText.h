@@ -10,7 +10,7 @@
 
 namespace qx::registry {
 
-// What a trace line shows for a text that may be missing.
+// The text that a trace line shows, also if `text` is null.
 [[nodiscard]] inline const char* TextOrNull(const char* text) { return text != nullptr ? text : "<null>"; }
 
 // ASCII only, whatever the locale: hive names are ASCII.

@@ -33,7 +33,7 @@ void FreeValue(RegistryValue& value);
 // view points into the value. Empty for a subkey and for an entry without data.
 [[nodiscard]] std::string_view StoredBytes(const RegistryValue& value);
 
-// A value on its way into a map: freed at the end of the scope unless released.
+// Owns a value until it is put into a map: frees it at the end of the scope unless it was released.
 class OwnedValue {
  public:
   OwnedValue() = default;
@@ -52,7 +52,7 @@ class OwnedValue {
 
   [[nodiscard]] bool IsPresent() const { return value_.IsPresent(); }
   [[nodiscard]] const RegistryValue& Get() const { return value_; }
-  // For a function that returns a value to free.
+  // Owns a value that a function returned to be freed.
   [[nodiscard]] RegistryValue& Place() { return value_; }
   RegistryValue Release() { return std::exchange(value_, {}); }
 

@@ -82,7 +82,7 @@ unsigned CRegistry::GetValueSize(const char* name, CRegistryNode* node) {
   return entry != nullptr ? static_cast<unsigned>(StoredBytes(entry->value).size()) : 0;
 }
 
-// Size and bytes come from one snapshot of the entry, so a change by another thread cannot fall between them.
+// Size and bytes are read under one lock, so that no other thread can change the entry in between.
 bool CRegistry::TakeStoredValue(const char* name, const CRegistryNode* key) {
   value_size_ = 0;
   if (key == nullptr || name == nullptr) return false;
@@ -125,7 +125,7 @@ bool CRegistry::ReadString(const char* name, CRegistryNode* node) {
   return GetValue(name, node) != nullptr && (value_type_ == REG_SZ || value_type_ == REG_EXPAND_SZ);
 }
 
-// Quirk: only the size is tested, so a string of three characters is a number too.
+// Quirk: only the size is checked, so a string of three characters is accepted as a number, too.
 long CRegistry::QueryValue(unsigned* dword, const char* name, CRegistryNode* node) {
   if (KeyOr(node) == nullptr) return EINVAL;
   const unsigned char* bytes = GetValue(name, node);

@@ -30,8 +30,9 @@ namespace {
 constexpr std::int32_t kGrowthSlots = 16;
 constexpr std::int32_t kCapacityMax = INT_MAX - kGrowthSlots;
 
-// The memory of an array of `capacity` slots is rounded up to a power of two. The capacity itself grows by 16, as
-// users of the map may count on; growing the memory by as little would copy a key of many values thousands of times.
+// The memory of an array of `capacity` slots is rounded up to a power of two. The capacity itself grows by 16, because
+// other code of the suite may rely on it. If the memory grew by 16 slots, too, a key of many values would be copied
+// thousands of times.
 std::size_t SlotsAllocated(std::int32_t capacity) { return std::bit_ceil(static_cast<std::size_t>(capacity)); }
 
 // Growing happens when the array is full, and then by 16:

@@ -1,9 +1,8 @@
 // The sorted map of names to typed values that every registry key is made of.
 //
-// One array, kept in the byte order of the names and searched by halving. A new name is moved into its place, so the
-// array is always sorted; a registry file names its entries in order, which makes appending the common case. The map
-// owns names and array, never the values: the data of a value depends on its type, and only the key
-// (registry/RegistryNode.h) can free it.
+// The map is one array, always sorted by the bytes of the names, with a binary search. A registry file has its entries
+// in this order, so most insertions append. The map owns the names and the array, never the values: the data of a value
+// depends on its type, and only the key (registry/RegistryNode.h) can free it.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +27,7 @@ struct RegistryValue {
     std::int32_t number;  // REG_DWORD
   };
 
-  // True when there is something to read, write or free: any number, any non-null pointer.
+  // True if the entry has data: any number, or a pointer that is not null.
   [[nodiscard]] bool IsPresent() const { return type == REG_DWORD || slot.pointer != nullptr; }
 
   Slot slot{nullptr};
@@ -43,8 +42,8 @@ struct StrMapEntry {
 
 // A map from names to typed values.
 //
-// Threads: any thread, as long as it holds Lock() around each step and around the use of what the step returned. A map
-// that no other thread can reach yet needs no lock.
+// Threads: any thread that holds Lock() during each call and while it uses the result. A map that no other thread can
+// reach yet needs no lock.
 // Owns: the array and the names, not the values.
 // Failure: an operation that finds no memory returns false and leaves the map unchanged.
 class CStrMap {
@@ -78,8 +77,8 @@ class CStrMap {
   // [lock held: Lock()]
   [[nodiscard]] RegistryValue Remove(StrMapEntry* entry);
 
-  // Bulk loading, for a map that no other thread can reach: append in any order and with repetitions, then restore the
-  // order once. Among equal names the value appended last stays, and the others are freed. [owning thread]
+  // Loading many entries into a map that no other thread can reach: append them in any order and with repetitions, then
+  // sort once. Of equal names, the value that was appended last stays, and the others are freed. [owning thread]
   [[nodiscard]] bool Append(std::string_view name, const RegistryValue& value);
   void SortAppended();
 

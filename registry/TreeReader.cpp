@@ -35,7 +35,7 @@ class NumberText {
 
 OwnedValue StringValue(std::int32_t type, std::string_view data) { return {type, NewText(data)}; }
 
-// Only the form that a save writes: an optional minus sign and digits, to the end of the line and within 32 bits.
+// Reads only the form that a save writes: an optional minus sign and digits up to the end of the line, within 32 bits.
 std::optional<std::int32_t> PlainNumber(std::string_view data) {
   std::int32_t number = 0;
   const char* end = data.data() + data.size();
@@ -74,8 +74,8 @@ std::size_t TakePlainBytes(std::string_view data, LineBytes& bytes) {
 }
 
 // Numbers one after another, of each the low 8 bits: "0a ff " => 0a ff   "1ff 2" => ff 02   "" => an empty block
-// Quirk: numbers need not have two digits nor a space between them ("+1+2" is two), so a line can hold more of them
-// than a third of its length; the block has as many bytes as there are numbers.
+// Quirk: a number may have one digit, and no space needs to follow it ("+1+2" are two numbers). So a line can have more
+// numbers than a third of its length. The block has as many bytes as there are numbers.
 OwnedValue BinaryValue(std::string_view data) {
   LineBytes bytes;
   std::size_t count = TakePlainBytes(data, bytes);
@@ -125,9 +125,9 @@ class TreeBuilder {
   }
 
  private:
-  // The entry is made before the content is read. Nothing else is added to this key meanwhile, so it is at the same
-  // position as if it were made afterwards. Without memory the key is skipped with its content; its values must not get
-  // into the key above.
+  // The entry is made before the content of its key is read. Nothing else is added to the key above meanwhile, so the
+  // position is the same as if the entry were made afterwards. Without memory the key is skipped with its content: its
+  // values must not get into the key above.
   void OpenKey(std::string_view name) {
     CRegistryNode* key = skipped_keys_ == 0 ? AppendKey(name) : nullptr;
     if (key != nullptr) {

@@ -1,8 +1,8 @@
 // Internal: the registry file's format, reading (docs/registry-file.md).
 //
-// Lines are taken from windows of the input. They are the lines that a reader with a buffer of 1024 bytes sees: at most
-// 1023 characters, the rest of a longer line being the next line, and nothing after a NUL. Existing files depend on
-// that, so it holds wherever a window ends.
+// The input is read in windows. A line has at most 1023 characters, and the rest of a longer line is the next line. The
+// part of a line after a NUL is ignored. Existing files depend on these rules, so the end of a window must not change
+// them.
 #pragma once
 
 #include <sys/types.h>

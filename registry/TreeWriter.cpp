@@ -13,7 +13,7 @@ namespace qx::registry {
 
 namespace {
 
-// The keys from the top to the one being written, each locked.
+// The keys from the first one down to the one that is being written. All of them are locked.
 class LockedPath {
  public:
   struct Step {

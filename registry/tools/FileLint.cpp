@@ -21,7 +21,7 @@ bool Holds(std::string_view text, char c) { return text.find(c) != std::string_v
 
 bool IsBlank(std::string_view text) { return text.find_first_not_of(" \t\r\v\f") == std::string_view::npos; }
 
-// Names of the file in messages: control bytes would move the cursor.
+// A name of the file for a message, without control bytes, which would move the cursor.
 std::string Quoted(std::string_view text) {
   constexpr std::size_t kCharsMax = 40;
   std::string quoted = "\"";
@@ -71,7 +71,7 @@ BlockReading ReadBlock(std::string_view data) {
   return reading;
 }
 
-// Follows the reader through the file: the same pieces of lines, the same open keys.
+// Reads the file as a load does: with the same pieces of lines and the same open keys.
 class Linter {
  public:
   explicit Linter(std::string_view bytes) : rest_(bytes) { keys_.emplace_back(); }
@@ -179,7 +179,7 @@ class Linter {
     keys_.emplace_back();
   }
 
-  // The last of several entries of a name is kept.
+  // If a name has several entries, a load keeps the last one.
   void Remember(std::string_view name, bool is_key) {
     const auto [place, is_new] = keys_.back().try_emplace(name, Seen{line_, is_key});
     if (is_new) return;
@@ -288,7 +288,7 @@ class Linter {
     Keep({line, rule, LintSeverity::kError, std::move(explanation), std::move(fix)});
   }
 
-  // The rest of a long line is not a line that anybody wrote: it gets no findings of its own.
+  // The rest of a long line gets no findings of its own, because nobody wrote it as a line.
   void Warn(std::uint64_t line, const char* rule, std::string explanation, std::string fix) {
     if (is_rest_of_line_) return;
     ++result_.warnings;

@@ -1,4 +1,4 @@
-// What a load of a registry file would drop, change or misread: for tools. The module does not link it.
+// Finds what a load of a registry file would drop, change or misread. Only tools use it.
 #pragma once
 
 #include <cstddef>
@@ -22,7 +22,7 @@ struct LintFinding {
   std::string fix;
 };
 
-// More findings are counted but not kept.
+// Findings above this number are counted, but not kept.
 inline constexpr std::size_t kLintFindingsMax = 100;
 
 struct LintResult {

@@ -193,8 +193,8 @@ bool ParseTree(std::string_view bytes, CRegistryNode& tree) {
   return RestoreFrom(lines, tree) != Reading::kFailed;
 }
 
-// A load of the file decides. Single entries are checked first: their reasons are better, and a line that fills a
-// reader's buffer does harm as soon as a line follows it.
+// In the end a load of the file decides. Single entries are checked first, because their reasons are clearer. Besides,
+// a line that fills a reader's buffer does harm only when another line is added after it.
 std::optional<Refusal> WhyNotStorable(const CRegistryNode& tree, std::string& text) {
   std::string formatted;
   if (!FormatTree(tree, formatted)) return Refusal{{}, {}, "there is not enough memory"};

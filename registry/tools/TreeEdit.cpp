@@ -98,7 +98,7 @@ EditState CheckValue(std::string_view key, std::string_view name, const TreeValu
   return is_text || value.type == REG_BINARY ? EditState::kDone : EditState::kBadType;
 }
 
-// A key at the root that is not a hive stays, but nothing new is stored in it: no program reads it.
+// A key at the root that is not a hive stays. Nothing new is stored in it, because no program reads it.
 bool BeginsWithHive(const CRegistryNode& tree, std::string_view path) {
   const std::string_view name = TakeName(path);
   return FindPresent(tree, name) != nullptr || std::find(kHives.begin(), kHives.end(), name) != kHives.end();
@@ -109,7 +109,7 @@ std::pair<std::string_view, std::string_view> SplitLast(std::string_view path) {
   if (path.ends_with('/') || path.ends_with('\\')) path.remove_suffix(1);
   const std::size_t separator = path.find_last_of("\\/");
   if (separator == std::string_view::npos) return {{}, path};
-  // With its separator: without it a path such as "/A", whose first name is empty, would be that of the root.
+  // The separator is part of the result: without it, the path of the empty name in "/A" would be the path of the root.
   return {path.substr(0, separator + 1), path.substr(separator + 1)};
 }
 

@@ -1,5 +1,5 @@
-// Changes to a separate registry tree, for tools: each function returns why it changed nothing, and never removes more
-// than was requested. A handle (CRegistry) would also save the system's registry. The module does not link it.
+// Changes of a separate registry tree, for tools: each function returns why it changed nothing, and never removes more
+// than was requested. Handles (CRegistry) are not used, because they would save the system's registry.
 #pragma once
 
 #include <string>
@@ -22,9 +22,9 @@ enum class EditState {
   kNoMemory,
 };
 
-// No other thread uses the trees. A path is that of CRegistry: names separated by "\" or "/", from a hive on, and the
-// path may end with a separator. Unless the result is kDone, the tree is unchanged, except for new keys above a value
-// for which there was no memory. [owning thread]
+// No other thread may use the trees. A path has the form of CRegistry: it begins with a hive, "\" or "/" separates the
+// names, and it may end with a separator. If the result is not kDone, the tree is unchanged; only if there was no
+// memory for a value, new keys above it may stay. [owning thread]
 
 // Stores a value and makes the missing keys of its path.
 [[nodiscard]] EditState SetValue(CRegistryNode& tree, std::string_view key, std::string_view name,

@@ -1,7 +1,7 @@
 // Visits the keys of a registry tree in the order of its file. The module does not link this.
 //
-// A file can nest keys as deep as it has lines, and the paths of a chain of keys grow with the square of its length. So
-// the walk keeps one path and a few bytes for each level, and ends at limits far above those of any registry in use.
+// A file can nest keys as deep as it has lines, and the paths of nested keys together grow with the square of the
+// depth. So the walk keeps one path and a few bytes for each level, and ends at limits that no real registry reaches.
 #pragma once
 
 #include <cstddef>
