@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
-// Texts this short are copied next to each other: that costs less than a vectored write.
+// Two texts that together are at most this long are copied into one buffer: that costs less than a vectored write.
 constexpr std::size_t kShortWriteBytes = 512;
 
 constexpr std::size_t kBlockBytes = 65536;
@@ -38,7 +38,8 @@ int ErrorOf(Call call) {
   return Uninterrupted(call) == 0 ? 0 : errno;
 }
 
-// Calls `move(done)` for what is left of `size` bytes until all are done, nothing more comes, or it fails.
+// Calls `move(done)`, which moves bytes from `done` on, until all `size` bytes are moved, a call moves none, or one
+// fails.
 template <typename Move>
 Progress MoveAll(std::size_t size, Move move) {
   Progress progress;
@@ -60,7 +61,7 @@ Progress MoveOnce(Call call) {
   return count < 0 ? Progress{.bytes = 0, .error = errno} : Progress{.bytes = static_cast<std::size_t>(count)};
 }
 
-// A write that takes nothing and reports no error would be repeated forever.
+// An incomplete write without an error number counts as EIO: a caller that repeated it would never end.
 Progress CheckWritten(Progress progress, std::size_t size) {
   if (progress.bytes < size && progress.error == 0) progress.error = EIO;
   if (progress.error != 0) errno = progress.error;
@@ -100,7 +101,7 @@ void AppendNames(const char* bytes, std::size_t size, std::vector<std::string>& 
   }
 }
 
-// Closes without being a cancellation point: an exit of the thread inside a destructor would end the program.
+// Closes without being a cancellation point: a thread that is cancelled inside a destructor would end the program.
 void CloseQuietly(int number) {
   const int error = errno;
   int state = 0;

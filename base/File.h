@@ -46,7 +46,8 @@ class Descriptor {
   [[nodiscard]] int Number() const { return number_; }
   // The caller owns the number from here on.
   [[nodiscard]] int Release() noexcept;
-  // Closes it, once: after EINTR the number is free, and may already be another thread's file. 0 if none was open.
+  // Calls close once, even after EINTR: the number is then free, and may already be another thread's file. 0 if none
+  // was open.
   [[nodiscard]] int Close();
 
  private:
@@ -87,7 +88,7 @@ struct Progress {
                                std::string_view second = {});
 
 // One read of up to `size` bytes, repeated only after EINTR. Fewer bytes do not mean the end of the file; 0 bytes do.
-// For walks through a window that often find what they look for before the end. ReadSomeAt reads from `offset`.
+// For searches that often end before the buffer is full. ReadSomeAt reads from `offset`.
 [[nodiscard]] Progress ReadSome(int descriptor, void* to, std::size_t size);
 [[nodiscard]] Progress ReadSomeAt(int descriptor, std::int64_t offset, void* to, std::size_t size);
 

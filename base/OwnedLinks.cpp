@@ -14,7 +14,7 @@ namespace qx::file {
 
 namespace {
 
-// The system follows as many links in one path. A name that is swapped again and again counts each time.
+// The system follows the same number of links in one path. A name that is swapped again and again counts each time.
 constexpr int kLinksMax = 40;
 
 // What is left of a path. It fills its buffer from the end, so that the target of a link goes in front of it.
@@ -106,7 +106,7 @@ class Walk {
     return !progress.Failed() && GoTo({target, progress.bytes});
   }
 
-  // Two links of two strangers cannot both belong to the owner of one file.
+  // A stranger's link is trusted only if the stranger owns the file: so links of two strangers are never trusted.
   [[nodiscard]] bool Trusts(uid_t owner) {
     if (owner == 0 || owner == geteuid()) return true;
     if (trusted_ == TrustedLinks::kToWrite || (has_stranger_ && owner != stranger_)) return false;

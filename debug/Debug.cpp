@@ -283,7 +283,7 @@ void CDebug::CheckDynamicUpdate(std::time_t now) {
   if (RereadConfigFiles(app_name_)) TakeUpdatedLevel();
 }
 
-// A clock that went back makes a check due: otherwise the next one could be that much later.
+// A clock that went back makes a check due: otherwise the next check would be late by the same time.
 bool CDebug::IsUpdateDue(std::time_t now) const noexcept {
   const std::int64_t passed = now - last_check_.load(std::memory_order_relaxed);
   const std::uint32_t interval = settings_.update_interval.load(std::memory_order_relaxed);

@@ -1,9 +1,9 @@
 // The trace facility through which every layer of the module reports what it does.
 //
-// Entries carry a level and are dropped above the current one; the others go to the log file "log.NAME", which wraps in
-// place, or to the ring file "log.NAME_a", which is mapped and outlives the process. Callers write QX_TRACE(level,
-// "\nMODULE Function   : text %d", value): one flag is tested before anything is computed. Files, environment and
-// output format are described in docs/trace.md.
+// An entry has a level, and is dropped if that is above the current level. The other entries go to the log file
+// "log.NAME", which wraps in place, or to the ring file "log.NAME_a", which is mapped and outlives the process. Callers
+// write QX_TRACE(level, "\nMODULE Function   : text %d", value): one flag is tested before anything is computed. Files,
+// environment and output format are described in docs/trace.md.
 #pragma once
 
 #include <sys/types.h>
@@ -66,7 +66,7 @@ class CDebug : public CDebugTraceConfig {
   // Relaxed: a thread that sees a change late traces one entry more or less, nothing else depends on it.
   [[nodiscard]] bool IsActive() const noexcept { return active_.load(std::memory_order_relaxed); }
 
-  // True when an entry of `level` (above 0) would be written: for work that depends on what the trace shows.
+  // True when an entry of `level` (above 0) would be written: for code that works in another way if a trace shows it.
   // [any thread]
   [[nodiscard]] bool IsActive(std::uint32_t level) const noexcept {
     return current_level_.load(std::memory_order_relaxed) >= level;
@@ -78,7 +78,7 @@ class CDebug : public CDebugTraceConfig {
   // not such a failure. [any thread]
   bool Init(const char* app_name);
 
-  // Reads the settings files and the environment for Init; true. [lock held: trace]
+  // Reads the settings files and the environment for Init. Returns true. [lock held: trace]
   bool ReadDebugConfig(const char* app_name);
 
   // Puts every setting and counter to its initial value and closes log and ring. [lock held: trace]
@@ -213,8 +213,8 @@ class CDebug : public CDebugTraceConfig {
   qx::debug::RingBufferSink ring_;
 };
 
-// One per binary, defined in that binary's own source with init_priority(101): it lives before and after everything
-// that traces.
+// One object for each binary, defined in a source of that binary with init_priority(101): it lives before and after
+// everything that traces.
 extern CDebug Debug;
 
 // Traces at `level` when tracing is on; the arguments are not evaluated otherwise.

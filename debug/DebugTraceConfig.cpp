@@ -165,7 +165,7 @@ constexpr std::string_view kDefaultDirectory = "/var/log/brollan";
 
 int HasIniInName(const dirent* entry) { return std::strstr(entry->d_name, ".ini") != nullptr; }
 
-// Byte order, not the host's collation: which file wins must not depend on the locale.
+// Byte order, not the host's collation: the locale must not decide which file is used.
 int InByteOrder(const dirent** a, const dirent** b) { return std::strcmp((*a)->d_name, (*b)->d_name); }
 
 // The allocations of scandir. Freed even if there is no memory for the names.

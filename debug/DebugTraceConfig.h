@@ -113,7 +113,7 @@ struct TraceSettings {
 
 // Every setting of the trace facility: the values in the files, and the values in force.
 //
-// Threads: the owner of the trace facility's lock, but for the atomic interval.
+// Threads: the owner of the trace facility's lock. Every thread may read the atomic interval.
 // Owns: the two settings files in use.
 // Failure: a source that is missing, incomplete or without a key falls back to the next source without a message.
 class CDebugTraceConfig {

@@ -100,7 +100,7 @@ std::size_t KeptHeader::At(const timeval& now, std::uint32_t thread, const char*
   return length_;
 }
 
-// The header is not formatted with snprintf: with "%s [%08X] %-13s " an entry would take half as long again.
+// The header is not formatted with snprintf: with "%s [%08X] %-13s " an entry would take 1.5 times as long.
 std::size_t FormatEntryHeader(char* buffer, std::size_t size, const EntryHeaderParts& parts) noexcept {
   if (size == 0) return 0;
   FieldWriter header(buffer, size - 1);

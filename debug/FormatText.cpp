@@ -26,7 +26,7 @@ struct Conversion {
   char letter = '\0';
 };
 
-// Reads a conversion and moves after it. An unknown one gets a letter without a conversion.
+// Reads a conversion and moves `p` past it. Of an unknown conversion, `letter` is one that PutConversion does not know.
 Conversion ReadConversion(const char*& p) {
   Conversion conversion;
   if (*p == '0') {

@@ -76,7 +76,7 @@ void LogFileSink::WriteCounted(std::string_view bytes) noexcept {
   byte_count_ += static_cast<std::uint32_t>(file::Write(descriptor_, bytes).bytes);
 }
 
-// The line shows the count before the line itself: the size of the head.
+// The line shows the count without the line itself: the size of the head.
 void LogFileSink::Wrap(std::string_view header) noexcept {
   if (::lseek(descriptor_, wrap_position_, SEEK_SET) < 0) {
     const int error = errno;

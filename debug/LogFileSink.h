@@ -2,7 +2,7 @@
 //
 // The head is the content of the file at MarkInitEnd (the log header and the traces of the start); it is never
 // overwritten. A wrap clears nothing: the newest entry is followed by the rest of the previous cycle. A reader finds
-// its end by the "------ WRAP -----" line and the stamps. This class does not read the file back.
+// the end of the newest entry by the "------ WRAP -----" line and the stamps. This class does not read the file back.
 #pragma once
 
 #include <atomic>

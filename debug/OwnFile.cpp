@@ -11,10 +11,10 @@ namespace qx::debug {
 
 namespace {
 
-// Each try ends because another user swapped the file meanwhile. A user who always does this gets no file to read.
+// A try fails only if another user swaps the file meanwhile. If a user does this in every try, no file is opened.
 constexpr int kTriesMax = 16;
 
-// 0 for a regular file; else the error number of opening anything else.
+// 0 for a regular file; for anything else the error number that an open reports.
 int RefusalOf(mode_t mode) noexcept {
   if (S_ISREG(mode)) return 0;
   return S_ISDIR(mode) ? EISDIR : S_ISLNK(mode) ? ELOOP : EINVAL;
@@ -27,8 +27,8 @@ OwnFile Failure(int error, bool is_refused = false) {
   return failure;
 }
 
-// True if the file may be readable for others whom the directory's owner chose: through a group other than the
-// process's (set-group-id), or through a default access list. Also true if `stat` fails.
+// True if users whom the directory's owner chose may be able to read the file: through a group other than the process's
+// (set-group-id), or through a default access list. Also true if `stat` fails.
 bool HasForeignReaders(int descriptor) {
   struct stat status {};
   if (file::StatusOf(descriptor, status) != 0) return true;

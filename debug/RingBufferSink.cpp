@@ -33,7 +33,7 @@ void StoreAtOnce(char* to, const char* from) noexcept {
   *reinterpret_cast<volatile SixteenBytes*>(to) = bytes;
 }
 
-// Release order of the stores, for a reader in another process and for a kill.
+// Keeps the order of the stores (release order) for readers in other processes, and for the case of a kill.
 void KeepStoreOrder() noexcept { std::atomic_thread_fence(std::memory_order_release); }
 
 // False with the error number in errno.
@@ -53,7 +53,7 @@ file::Descriptor OpenOrCreate(const char* path, std::uint32_t size, bool& is_new
 }
 
 // Takes disk blocks for the whole file, without giving it that size: a store into a mapped hole of a full disk would
-// kill the process. True also where the file system cannot do this ahead of the writes.
+// kill the process. True also if the file system cannot reserve blocks.
 bool ReserveBlocks(int descriptor, std::uint32_t size) noexcept {
   int result = 0;
   do {
@@ -158,7 +158,7 @@ RingBufferSink::OpenResult RingBufferSink::Create(const Source& source) noexcept
   return {failure, error};
 }
 
-// The failure of a write, with its error number in errno.
+// Writes the whole new file. Returns the step that failed, with its error number in errno.
 RingBufferSink::Failure RingBufferSink::WriteWhole(const Source& source) const noexcept {
   if (!IsWithinFileLimit(size_)) {
     errno = EFBIG;
@@ -202,8 +202,9 @@ void RingBufferSink::TakeOver(const Source& source) noexcept {
   std::memcpy(At(0), header, sizeof header);
 }
 
-// The end of the previous run; if the header does not have it, the end of the file, so that the next entry wraps. A
-// writer that was killed between an entry and its position has left that entry after the position.
+// The position at which the previous run ended; if the header does not have it, the end of the file, so that the next
+// entry wraps. A writer that was killed after it stored an entry, and before it stored the position, has left that
+// entry after the position.
 std::size_t RingBufferSink::StoredPosition() const noexcept {
   const std::size_t stored = ReadRingNumber(Bytes(kRingPositionOffset, kRingNumberDigits)).value_or(0);
   if (stored < kRingFirstEntry || stored > size_) return size_;

@@ -79,7 +79,7 @@ class RingBufferSink {
   // first entry if `entry_size` bytes do not fit there.
   void EndWrap(std::size_t entry_size) noexcept;
 
-  // Leaves a gap after the header block of a new file; the entries begin with a block of the file.
+  // Leaves a gap after the header block of a new file; the entries begin at the start of a block of the file.
   void LeaveGap() noexcept;
 
   // Whether the start's entries can be kept: no wrap yet and more than 1 MiB left.

@@ -11,7 +11,7 @@ namespace {
 
 bool IsAbsolute(const char* path) { return path != nullptr && *path == '/'; }
 
-// The operation's result, with its error number in errno.
+// True if the operation succeeds. Otherwise its error number is in errno.
 template <typename Operation>
 bool Succeeds(const Operation& operation) {
   const int error = qx::report::ErrorOfOperation(operation);

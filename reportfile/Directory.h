@@ -14,18 +14,19 @@ class CDirectory {
  public:
   CDirectory() = delete;
 
-  // Copies the entries of the directory `source` that `pattern` matches, and from each matched subdirectory again only
-  // what it matches, into the directory `destination`. That is created (mode 0711, with all directories above it) once
-  // there is something to copy. Both paths are absolute. "*.*" and "*" match every name, hidden ones included.
+  // Copies entries of the directory `source` into the directory `destination`: those that `pattern` matches, and of
+  // each matched subdirectory again those that it matches. The destination is created (mode 0711, with all directories
+  // above it) once there is something to copy. Both paths are absolute. "*.*" and "*" match every name, hidden ones
+  // included.
   //   source  /b with a.dat, sub/x     pattern "*.*"    => destination gets a.dat and sub/x
   //   source  /b with a.dat, sub/x     pattern "*.dat"  => a.dat
   //   source  /b, which is empty or missing             => true, and no destination
-  // `source` is itself part of the expression that is expanded: EscapedForGlobbing (reportfile/NameExpansion.h) takes a
-  // path as it is. Symbolic links are followed; those that lead nowhere are left out. Without `overwrite`, files and
-  // directories that exist in the destination are not changed, which is not a failure; with it, files are replaced in
-  // place and directories are filled up. A file that is its own target is left alone. The destination is never copied
-  // into itself, nor a directory into a copy of itself. False: the first thing that could not be copied ended the copy;
-  // what was copied before it stays. EINVAL for a path that is not absolute and for what is neither file nor directory;
+  // Wildcards in `source` are expanded as well; EscapedForGlobbing (reportfile/NameExpansion.h) escapes those of a
+  // path. Symbolic links are followed; those that lead nowhere are left out. Without `overwrite`, files and directories
+  // that exist in the destination are not changed, which is not a failure; with it, files are replaced in place and
+  // directories are filled up. A file that is its own target is left alone. The destination is never copied into
+  // itself, nor a directory into a copy of itself. False: the first thing that could not be copied ended the copy; what
+  // was copied before it stays. EINVAL for a path that is not absolute and for what is neither file nor directory;
   // ENAMETOOLONG for a directory to be made whose path has more than 259 characters. [any thread]
   static bool CopyDir(const char* source, const char* destination, const char* pattern, bool overwrite);
 

@@ -30,7 +30,7 @@ int CopyBlocks(int from, int to) {
 }
 
 // Lets the system copy. If it cannot, or finds nothing in a file that only seems empty (such as those of /proc), the
-// rest is copied in blocks, which also hits every real error again and reports it.
+// rest is copied in blocks. A real error occurs there again, and is reported.
 int CopyContents(int from, int to) {
   bool has_copied = false;
   for (;;) {
@@ -48,7 +48,7 @@ int CopyAndClose(int from, file::Descriptor to) {
   return error != 0 ? error : close_error;
 }
 
-// The errors of what can be opened for writing: 0 for a regular file.
+// 0 for a regular file, which may be overwritten; the error number for anything else.
 int KindError(const struct stat& status) {
   if (S_ISREG(status.st_mode)) return 0;
   return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;

@@ -15,13 +15,13 @@ namespace qx::report {
 
 namespace {
 
-// Together the windows are smaller than a block for which allocators map fresh pages: touching those costs more than
-// copying.
+// Together the windows are smaller than a block for which an allocator maps fresh pages. The first use of such pages
+// costs more than the copying.
 constexpr std::size_t kDataWindowBytes = std::size_t{64} * 1024;
 constexpr std::size_t kSlotWindowSlots = 8192;
 constexpr std::size_t kCheckedSlots = 4096;
 
-// What is read at least when the length of a record, or the number of the next requested slots, is unknown.
+// The least that is read if the length of a record, or the number of the next requested slots, is unknown.
 constexpr std::size_t kRecordGuessBytes = 4096;
 constexpr std::size_t kSlotGuessSlots = 256;
 

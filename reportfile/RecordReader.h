@@ -31,7 +31,8 @@ namespace qx::report {
 [[nodiscard]] int ReadRecord(std::FILE* index_file, std::FILE* data_file, std::uint32_t slot, std::size_t bytes_max,
                              std::string* out, bool* too_long);
 
-// Appends the text at `at` in an open data file, whatever leads there. The rest is as for ReadRecord. [any thread]
+// Appends the text at `at` in an open data file, whether or not a slot leads there. The rest is as for ReadRecord. [any
+// thread]
 [[nodiscard]] int ReadTextAt(int data_file, std::int64_t at, std::size_t bytes_max, std::string* out, bool* too_long);
 
 // Why Take stopped: all requested records are taken, or text enough; the next record does not fit; the next record

@@ -85,7 +85,7 @@ class [[gnu::visibility("default")]] CReportFileBase {
   // Backs nothing up: always false. Only the trace says why. [any thread]
   static bool BackupReportDataFiles(const std::string& backupPath);
 
-  // The operations on the index file that the ones above are made of. They take no lock.
+  // The operations on the index file that the functions above use. They take no lock.
 
   // Reads the header into memory; a file that is too short leaves it as it was, with result 0. -1: the index file is
   // not open, or cannot be read. [owning thread]

@@ -63,7 +63,8 @@ constexpr std::uint32_t RingSize(std::uint32_t max_records) {
   return max_records != 0 ? max_records : kMaxRecordUnlimited;
 }
 
-// The slot of a record by age, 0 being the oldest. For a damaged header without slots the result is the sum.
+// The slot of the record with the age `logical`; 0 is the oldest. For a damaged header without slots the result is the
+// sum of both.
 //   4 slots, oldestIndex 2, logical 0  => slot 2
 //   4 slots, oldestIndex 2, logical 2  => slot 0
 constexpr std::uint32_t SlotOfLogical(const IndexHeader& header, std::uint32_t logical) {

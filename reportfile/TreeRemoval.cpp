@@ -36,7 +36,7 @@ bool IsHidden(const std::string& name) { return name.starts_with('.'); }
 
 bool ComesBefore(const std::string& a, const std::string& b) { return std::strcoll(a.c_str(), b.c_str()) < 0; }
 
-// What no path can name is not removed either, although a descriptor would reach it.
+// An entry whose path is too long for any call is left, although it could be removed through a descriptor.
 bool HasNameablePath(const std::string& path) { return path.size() < PATH_MAX; }
 
 // Sets the mode through a descriptor, for which the file has to be readable.
@@ -113,7 +113,7 @@ int TreeRemoval::Enter(Level level) {
   int error = Open(entered);
   if (error == 0) error = file::ListNames(cursor_.Number(), entered.names);
   if (error != 0) {
-    // Quirk: the line shows no path, because it has the place of an entry's path and there is no entry yet.
+    // Quirk: the line shows an empty path, because it shows the path of an entry, and there is no entry yet.
     QX_TRACE(3, "\nCDirectory          : scandir for directory \"%s\" failed; ## ERROR: %s", "", ErrorText(error));
     return error;
   }

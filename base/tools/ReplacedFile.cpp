@@ -261,7 +261,8 @@ ReplaceResult ReplacedFile::Commit(bool with_backup) {
   return RenameCopy();
 }
 
-// A user who may write the directory can put another file under the name, which would then be renamed instead of ours.
+// A user who may write the directory can put another file under the name of the copy: it would be renamed instead of
+// ours.
 bool ReplacedFile::IsCopyNamed() const {
   struct stat own;
   struct stat named;

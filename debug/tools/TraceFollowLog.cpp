@@ -17,8 +17,8 @@ namespace {
 constexpr std::size_t kGrowthBytes = 65536;  // the most bytes by which a file may grow while it is read
 constexpr int kReadsMax = 10;
 
-// Reads to the present end of the file, not to its end at the beginning of the read. Meanwhile the writer may append
-// the last entry of a cycle and then wrap; bytes with the wrap must have that entry, too.
+// Reads until the end of the file is reached, even if the file grows during the read. Meanwhile the writer may append
+// the last entry of a cycle and then wrap: a snapshot with the wrap must have that entry, too.
 bool ReadWhole(const TraceFile& file, std::string& bytes) {
   const auto status = file.Status();
   if (!status.has_value()) return false;

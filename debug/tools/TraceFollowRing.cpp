@@ -105,8 +105,8 @@ class RingFollower final : public TraceFileFollower {
     return pieces;
   }
 
-  // Within one cycle the writer only writes after the read entries. It reaches the older entries later: they are valid
-  // if a second read returns the same bytes.
+  // Within one cycle the writer writes only after the newest entries that were read. It may overwrite older entries
+  // meanwhile: these are valid if a second read returns the same bytes.
   static bool IsUnchanged(const TraceFile& file, const TraceRingHeader& header, const std::vector<Piece>& pieces) {
     const auto is_same = [&](const Piece& piece) {
       return piece.range.part != TracePart::kOlder ||

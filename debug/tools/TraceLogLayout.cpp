@@ -1,5 +1,5 @@
-// The layout of a log. Nothing in the file marks the end of the newest entry: it is where the stamps go back, and the
-// lines between there and the last header before it are undecided.
+// The layout of a log. Nothing in the file marks the end of the newest entry: it is before the first entry whose stamp
+// is lower. Lines without a header before that entry may belong to the newest entry, or to an overwritten one.
 #include <charconv>
 
 #include "debug/tools/TraceLayout.h"

@@ -21,7 +21,7 @@ TraceRange NewRange(std::uint64_t begin, std::uint64_t end) {
   return {TraceRange::Kind::kEntries, TracePart::kNewest, begin, end};
 }
 
-// Lines that may belong to the newest entry: a later snapshot returns them after the next entry decides.
+// Lines that may belong to the newest entry. A later snapshot returns them, when the next entry shows whether they do.
 bool IsUndecided(const TraceRange& range) {
   return range.kind == TraceRange::Kind::kPiece && range.part == TracePart::kNewest;
 }

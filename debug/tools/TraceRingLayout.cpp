@@ -42,8 +42,8 @@ bool IsTerminatorAt(const TraceSource& source, std::uint64_t offset) {
   return source.BytesAt(offset, kRingTerminator.size()) == kRingTerminator;
 }
 
-// The last run of "." of a ring that has wrapped, which begins a line: it fills the space that was too small for the
-// next entry.
+// Where the dots at the end of a ring that has wrapped begin. They begin a line, and fill the space that was too small
+// for the next entry.
 std::uint64_t FillBegin(const TraceSource& source, std::uint64_t floor) {
   std::uint64_t at = source.Size();
   while (at > floor) {

@@ -22,7 +22,7 @@ bool IsFiller(const TraceEntry& entry) {
 }
 
 // If the writer of a wrapped log continues, the bytes after the wrap line change; the line itself changes at the next
-// wrap. A ring's header changes with every entry; this matters after a wrap.
+// wrap. A ring's header changes with every entry; but before the first wrap, no entry overwrites another.
 std::string MarkOf(const TraceSource& source, const TraceLayout& layout) {
   constexpr std::size_t kBeginBytes = 256;
   if (layout.format == TraceFormat::kRing) {

@@ -149,8 +149,8 @@ bool RecordWriter::ReadBack(std::uint32_t age, std::string& record) const {
   return store_.readLine(record, SlotOfAge(header, header.highestIndex - 1 - age));
 }
 
-// The slot of the oldest record leads to where the next record goes only if that record is written there. A free slot
-// that was written leads nowhere, as long as the header does not count it.
+// In a full ring, the slot of the oldest record leads to writePosition only if the next record was written there. In a
+// ring with free slots there is nothing to find: nobody reads a slot that the header does not count.
 UncountedPart RecordWriter::FindUncounted() const {
   std::string text;
   const auto end_of = [&](std::uint32_t slot, std::int64_t begin) -> std::optional<std::int64_t> {

@@ -107,7 +107,7 @@ void ReportFollower::Settle(const OverlapPlace& found, std::uint32_t window_star
   if (found.verdict == OverlapVerdict::kAmbiguous) attempt.poll.event = PollEvent::kAmbiguous;
 }
 
-// A report never loses records, so with fewer records than before it is another one.
+// A report never loses records: if it has fewer than before, it is another report.
 void ReportFollower::SettleMissing(const Hashes& window, Attempt& attempt) const {
   const bool has_shrunk = window.size() < position_.next;
   attempt.poll.event = has_shrunk ? PollEvent::kStartedOver : PollEvent::kGap;
@@ -152,7 +152,8 @@ bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
   return true;
 }
 
-// No record at an index means the end, or a record that is too long for a reply: then there is one after it.
+// If no record is returned for an index, the report ends there, or the record is too long for a reply. In the second
+// case there is a record after it.
 bool ReportFollower::SearchForward(Attempt& attempt) {
   ReportPoll& poll = attempt.poll;
   const std::uint32_t next = attempt.place + static_cast<std::uint32_t>(poll.records.size());

@@ -87,7 +87,7 @@ class Examiner {
     return true;
   }
 
-  // The first record's slot is written before any header, after 24 bytes that are not written yet.
+  // Older agents write the first record's slot before any header: the 24 bytes before the slot then read as zeros.
   bool IsFirstRecordInFlight() {
     constexpr IndexHeader kUnwritten = {.maxRecord = 0};
     return scan_.header == kUnwritten && scan_.index_bytes <= SlotOffset(1) && lines_.SlotAt(0).value_or(0) == 0;
@@ -144,7 +144,7 @@ class Examiner {
     }
   }
 
-  // Sets doubtful_end_: indexed text of an earlier round before it may be overwritten.
+  // Sets doubtful_end_: indexed text of an earlier round may be overwritten if it begins before this offset.
   void CheckMarker() {
     const IndexHeader& header = scan_.header;
     const std::int64_t position = header.writePosition;

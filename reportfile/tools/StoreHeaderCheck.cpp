@@ -14,7 +14,7 @@ namespace {
 constexpr std::int64_t kOffsetLimit = std::int64_t{1} << 32;
 constexpr std::int64_t kRecordBytesMin = kLineEnd.size();
 
-// More rounds of the 32-bit count than any machine can write.
+// The 32-bit count of no real report can wrap this often.
 constexpr std::uint64_t kCountWrapsMax = 4;
 
 class HeaderCheck {

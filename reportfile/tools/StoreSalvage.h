@@ -16,7 +16,7 @@ namespace qx::report {
 
 class ByteSource;
 
-// Slots after these are not read: an index file may count any number of them.
+// Further slots are not read: a damaged index file may count any number of them.
 inline constexpr std::uint32_t kSalvageSlotsMax = std::uint32_t{1} << 20;
 
 struct SalvageCounts {
