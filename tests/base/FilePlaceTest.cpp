@@ -32,7 +32,7 @@ using qx::test::WriteFile;
 
 constexpr int kTries = 3000;
 
-// A race is tried kTries times, and longer if both outcomes have not been seen yet, as on a busy machine.
+// A race is tried kTries times, and more often on a busy machine, until both outcomes have been seen.
 bool HasTriesLeft(int tries, bool was_open) { return tries < kTries || (!was_open && tries < 100 * kTries); }
 
 ReplaceState Open(const std::string& path, int flags, const FileRules& rules = {}) {

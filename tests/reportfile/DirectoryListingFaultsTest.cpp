@@ -1,4 +1,4 @@
-// Listings that fail or end early: a restore then changes nothing, and a copy is false.
+// Listings that fail or end early: a restore then changes nothing, and a copy returns false.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>

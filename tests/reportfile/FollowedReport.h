@@ -1,5 +1,5 @@
-// A report as a list of all records ever written and the ring model over the last of them, read as a module reads one:
-// what a follower is compared with.
+// The oracle of a follower: a list of all records ever written, and the ring model over the last of them. It is read as
+// the module reads a report.
 #pragma once
 
 #include <cstdint>

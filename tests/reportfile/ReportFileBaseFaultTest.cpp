@@ -32,7 +32,7 @@ class ReportFileBaseFault : public testing::Test {
     for (const char* text : {"a", "b", "c", "d"}) ASSERT_TRUE(store_.writeLine(text));
   }
 
-  // Reading damaged files ends, and runs of records are those of readLine.
+  // Reads damaged files: every read ends, and runs of records are those that readLine returns.
   void ReadEverythingThatEnds() {
     CReportFileBase reader;
     ASSERT_TRUE(reader.OpenRead(files_.Path()));

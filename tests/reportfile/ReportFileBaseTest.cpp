@@ -295,7 +295,8 @@ TEST_F(ReportFileBase, DataFileSizeBeyondFourGigabytesIsExact) {
   EXPECT_EQ(store_.GetDataFileSize(), 0x123456789);
 }
 
-// A hole of gigabytes reads as NUL bytes: a record there has no text, and one read between those of the slot shows it.
+// A hole of gigabytes reads as NUL bytes, so a record there has no text. One read of it shows that, between the two
+// reads of the slot.
 TEST_F(ReportFileBase, RecordInAHoleIsEmptyAndReadAtOnce) {
   files_.Make(StoreFiles::FullRing(1), {100}, "a\r\n");
   ASSERT_EQ(truncate(files_.DataPath().c_str(), 0x200000000), 0);

@@ -67,7 +67,7 @@ TEST_F(WriterLockOfAReport, HolderOfTheLockIsFoundWithoutReadingEveryProcess) {
   EXPECT_EQ(reads.Calls(), 0);
 }
 
-// A process that only inherited the lock: the list of locks still has the one that took it.
+// A process that only inherited the lock: the list of locks still names the process that took it.
 TEST_F(WriterLockOfAReport, HolderOfALockWhoseTakerHasEndedIsNamed) {
   CReportFileBase store;
   int ends[2];

@@ -138,8 +138,9 @@ constexpr const qx::ctl::OfferSource* kOfferSources[] = {
     &qx::ctl::kFaultOffers,         &qx::ctl::kCommandOffers,
 };
 
-// The next file that is opened would get the number of a closed standard descriptor, and what we print would be written
-// to that file. The stand-in is opened for the opposite access, so that its use fails like that of the closed one.
+// If a standard descriptor is closed, the next opened file would get its number, and our output would go into that
+// file. So /dev/null is opened in its place, for the opposite access: its use then fails like that of a closed
+// descriptor.
 void HoldStandardDescriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(descriptor, F_GETFD) >= 0) continue;

@@ -23,7 +23,7 @@ constexpr Cells kUpwardAscii = {" ", ".", ".", ".", ":", ":", ":", ":", "#"};
 constexpr Cells kDownward = {" ", "▔", "▔", "▔", "▀", "▀", "▀", "▀", "█"};
 constexpr Cells kDownwardAscii = {" ", "'", "'", "'", "\"", "\"", "\"", "\"", "#"};
 
-// What the values of one column reach.
+// The lowest and the highest value of one column.
 struct Bar {
   bool has_value = false;
   double low = 0;

@@ -20,8 +20,8 @@ struct ChartShape {
 
 // One line of values as bars from left to right, several lines as points with a legend. The axis of values is at the
 // left, with a line at zero if there are values on both sides of it; below is the axis of times or records. If there
-// are more values than columns, each bar shows the highest of its values. Ends with a line end. `output` colours what
-// is drawn if it colours anything.
+// are more values than columns, each bar shows the highest of its values. Ends with a line end. The chart is coloured
+// if `output` uses colours.
 [[nodiscard]] std::string TextChart(const ChartData& data, const ChartShape& shape, const Output& output);
 
 // A complete document: a line over the values of each field, axes with numbers, the title above; with several fields a

@@ -7,8 +7,8 @@
 
 namespace qx::ctl {
 
-// The legend, and the points above one axis. Of the values of a column, the highest and the lowest have a point. Where
-// two fields meet, the first one of the legend is drawn.
+// The legend, and the points above one axis. In each column the highest and the lowest value are drawn. Where two
+// fields meet, the first one of the legend is drawn.
 [[nodiscard]] std::string PointChart(const ChartData& data, const ChartShape& shape, const Output& output);
 
 }  // namespace qx::ctl

@@ -83,7 +83,8 @@ std::string_view BareValue(std::string_view text) {
   return WithoutClosingBrackets(text.substr(0, static_cast<std::size_t>(end - text.begin())));
 }
 
-// What may be a number; empty otherwise. The limit keeps a scan of hostile text linear.
+// The value that the text begins with if it is a number; empty otherwise. The limit keeps a scan of hostile text
+// linear.
 std::string_view BareNumber(std::string_view text) {
   const std::string_view value = BareValue(text.substr(0, kNumberBytesMax));
   return value.size() < kNumberBytesMax && ParseNumber(value) ? value : std::string_view();
@@ -130,7 +131,7 @@ class FieldScan {
  private:
   void Skip(std::size_t bytes) { rest_.remove_prefix(std::min(bytes, rest_.size())); }
 
-  // What is no name: a word such as 10.0.0.1, or a text in quotes.
+  // The bytes at the beginning that are no name: a word such as 10.0.0.1, or a text in quotes.
   [[nodiscard]] std::size_t SkippedBytes() {
     const std::optional<std::string_view> quoted = Quoted();
     return quoted ? quoted->size() + 2 : CountFront(rest_, IsNamePart);
@@ -178,7 +179,7 @@ class FieldScan {
     Skip(value.size() + (quoted ? 2 : 0));
   }
 
-  // A number after so many bytes and blanks. False, and nothing is taken, if something else follows.
+  // Takes the number after `bytes` bytes and any blanks. False, and nothing is taken, if there is no number.
   bool TakeNumber(std::string_view name, std::size_t bytes) {
     const std::string_view value = BareNumber(WithoutBlanks(rest_.substr(bytes)));
     if (value.empty()) return false;

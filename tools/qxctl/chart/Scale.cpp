@@ -9,7 +9,7 @@ namespace qx::ctl {
 
 namespace {
 
-// The largest of 1, 2 and 5 times a power of ten, and the next power, that is at least `width`.
+// The smallest number that is at least `width`, and is 1, 2 or 5 times a power of ten.
 double RoundStep(double width) {
   const double power = std::pow(10, std::floor(std::log10(width)));
   for (const double factor : {1, 2, 5}) {

@@ -25,7 +25,7 @@ constexpr double kLegendHeight = 20;         // of an entry
 constexpr std::size_t kLabelChars = 90;      // that have space next to each other on the axis
 constexpr std::size_t kPointPairsMax = 700;  // two points for each unit of width show every peak
 
-// A reader can also distinguish the lines without colours.
+// A colour, and dashes by which a reader can distinguish the lines without colours.
 struct Stroke {
   const char* color;
   const char* dashes;
@@ -119,7 +119,7 @@ std::string Labels(const ChartData& data, const Range& range) {
   return data.has_times ? TimeLabels(range, data.time) : RecordLabels(range);
 }
 
-// Over the grid.
+// Drawn over the grid.
 std::string Axes(const Scale& scale) {
   const std::string axes =
       LineBetween(kLeft, kTop, kLeft, kBottom, "#333") + LineBetween(kLeft, kBottom, kRight, kBottom, "#333");
@@ -144,7 +144,7 @@ std::string LineOf(const ChartLine& line, const Stroke& stroke, const Scale& sca
          DashesOf(stroke) + " points=\"" + points + "\"/>\n";
 }
 
-// A piece of the line of each field, and what it is.
+// For each field a piece of its line, and the text that explains it.
 std::string Legend(const std::vector<ChartLine>& lines) {
   std::string svg;
   for (std::size_t i = 0; i < lines.size(); ++i) {

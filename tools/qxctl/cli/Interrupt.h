@@ -25,8 +25,8 @@ void RememberBrokenPipe();
 // and remembered as a broken pipe.
 Status WaitWhileOutputIsRead(std::chrono::nanoseconds time);
 
-// During its lifetime those signals are recorded and do not kill the process. Threads: one guard at a time, on the only
-// thread.
+// During its lifetime the signals of InterruptSignal are recorded and do not kill the process. Threads: one guard at a
+// time, on the only thread.
 class InterruptGuard {
  public:
   InterruptGuard();

@@ -47,7 +47,7 @@ class HeldSignals {
   sigset_t before_ = {};
 };
 
-// Traces are never written through a link, so there would be none.
+// Traces are never written through a link: if the log were one, there would be no traces.
 Status CheckLog(const std::string& log) {
   struct stat status;
   const bool is_link = file::StatusOf(log.c_str(), status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
@@ -66,7 +66,7 @@ Status StatusOfSet(bool environment_is_set) {
 
 TraceDirectory::~TraceDirectory() {
   if (private_.empty()) return;
-  std::error_code ignored;  // a file that stays in the temporary directory is nobody's data
+  std::error_code ignored;  // a file that cannot be removed contains nobody's data
   std::filesystem::remove_all(private_, ignored);
   RemoveOnSignal("");
 }

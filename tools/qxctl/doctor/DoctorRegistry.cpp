@@ -75,7 +75,7 @@ bool CheckLines(const std::string& path, DoctorFindings& findings) {
     const std::string fact = "line " + std::to_string(finding.line) + " of " + InQuotes(path) + ": " +
                              std::string(rule) + ": " + finding.explanation +
                              (more > 0 ? " (and " + std::to_string(more) + " more lines)" : "");
-    if (has_crlf && rule != kCarriageReturn) continue;  // they follow from it
+    if (has_crlf && rule != kCarriageReturn) continue;  // those findings follow from the CRs
     if (rule == kCarriageReturn) {
       findings.push_back({"QX212", fact, RemoveCarriageReturnsCommand(path)});
     } else {

@@ -12,7 +12,7 @@
 
 namespace qx::ctl {
 
-// Call files are read as well as written.
+// The JSON library itself, because call files are also read.
 using CallJson = nlohmann::ordered_json;
 
 // Sets the reason and is false.

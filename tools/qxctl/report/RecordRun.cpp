@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kTextBytesMax = std::size_t{256} * 1024;
 
-// True if the text is so many lines, and nothing in it but a line feed ends a record.
+// True if the text has `count` lines, and nothing but their line feeds ends a record.
 bool IsLines(std::string_view text, std::uint32_t count) {
   const bool has_other_end = text.find('\xFF') != std::string_view::npos || text.find('\0') != std::string_view::npos;
   return text.ends_with('\n') && !has_other_end && report::CountTextEnds(text) == count;

@@ -115,7 +115,7 @@ std::string CountText(std::size_t count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
-// What needs attention, the worst first.
+// The finding that is reported: reports that are not in order come before an incomplete list.
 Status StatusOf(const Shown& shown) {
   const auto bad = static_cast<std::size_t>(std::count_if(shown.reports.begin(), shown.reports.end(), NeedsAttention));
   if (bad > 0) {

@@ -132,7 +132,7 @@ void PrintRemarks(Context& context, const ProfilePlan& plan) {
 
 Status Edit(Context& context, const Values& values, const Options& options, const ProfileRequest& request) {
   const std::string& file = options.to ? *options.to : options.file;
-  const InterruptGuard guard;  // a signal ends the command when the edit is through
+  const InterruptGuard guard;  // a signal ends the command only after the edit
   ReplacedFile edit;
   if (Status status = BeginEdit(edit, file, options.edit, options.create); !status.IsOk()) {
     const bool may_help = status.Code() == ExitCode::kNotFound && request.kind == ProfileRequest::Kind::kSet;
@@ -171,7 +171,7 @@ Status RunDelete(Context& context, const Values& values) {
               {.kind = kind, .section = options.section, .key = values.Text("KEY"), .entries = {}});
 }
 
-// If a key is there twice, the entry that programs read.
+// Reads the entries as programs do: of a key that is there twice, the first one.
 Status ReadSection(const Options& options, std::vector<inifile::ProfileEntry>& entries) {
   FileImage image;
   if (Status status = StatusOfEdit(ReadFileImage(options.file, image)); !status.IsOk()) return status;

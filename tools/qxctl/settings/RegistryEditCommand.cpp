@@ -126,7 +126,7 @@ std::string FallbackOf(const RegistrySource& source) {
   return "";
 }
 
-// A first value may be set where no file loads; it must not hide the settings that services work on.
+// A first value may be set if no registry file loads. If an older file loads, a new registry would hide its settings.
 Status CheckFirst(const Options& options) {
   const std::string fallback = FallbackOf(options.source);
   if (fallback.empty()) return {};
@@ -204,7 +204,7 @@ Status CheckOldTree(Context& context, const std::string& path, const FileImage& 
 }
 
 Status Edit(Context& context, const Values& values, const Options& options, OldTree old_tree, const Change& change) {
-  const InterruptGuard guard;  // a signal ends the command when the edit is through
+  const InterruptGuard guard;  // a signal ends the command only after the edit
   const std::string path = options.source.Path();
   if (Status status = CheckDirectory(options); !status.IsOk()) return status;
   ReplacedFile edit;

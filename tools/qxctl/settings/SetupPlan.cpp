@@ -32,8 +32,8 @@ constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kFileMode = 0644;
 constexpr const char* kRegistryNames[] = {"registry", "registry.old", "registry.default"};
 
-// Directories get the mode that is shown, whatever the caller's mask; ended by the destructor. The mask is the
-// process's, so no other thread may make files meanwhile.
+// Sets the umask until destruction, so that directories get the mode that is shown, whatever the caller's umask is. The
+// umask belongs to the process, so no other thread may make files meanwhile.
 class OpenMask {
  public:
   OpenMask() : before_(umask(S_IWGRP | S_IWOTH)) {}

@@ -61,15 +61,15 @@ std::string Joined(const std::string& above, const std::string& name) {
   return above.empty() ? name : above + "/" + name;
 }
 
-// The text of the value `name`, in the key to which the path of `parts` from `first` on leads below `key`. Empty
-// without it.
+// The text of the value `name` in a key below `key`; the names on the way to that key are `parts` from `first` on.
+// Empty if there is no such value.
 std::string ValueOfNearName(const CRegistryNode* key, const std::vector<std::string>& parts, std::size_t first,
                             std::string_view name) {
   for (std::size_t i = first; i < parts.size() && key != nullptr; ++i) key = registry::FindKey(*key, parts[i]);
   return ValueIn(key, name).text.value_or("");
 }
 
-// The first key on the path that is missing but has a name near it.
+// Searches the first missing key of the path among keys with similar names.
 void CheckPath(const CRegistryNode& tree, const std::string& path, std::string_view value, ReportSettings& settings) {
   const std::vector<std::string> parts = PartsOf(path);
   std::string above;

@@ -93,7 +93,7 @@ void Screen::Enter() {
     mode.c_cc[VQUIT] = _POSIX_VDISABLE;
     mode.c_cc[VMIN] = 1;
     mode.c_cc[VTIME] = 0;
-    (void)tcsetattr(STDIN_FILENO, TCSANOW, &mode);  // without it keys are seen, and need a line end
+    (void)tcsetattr(STDIN_FILENO, TCSANOW, &mode);  // if it fails, keys are echoed, and need a line end
   }
   WriteIfPossible(kEnter);
 }

@@ -203,7 +203,8 @@ Status PrintGroup(const EntryGroup& group, ShowPrinter& printer) {
   return {};
 }
 
-// Takes entries in the order of time, and prints those of the slice: at once, or at the end if that decides.
+// Takes entries in the order of time, and prints those of the slice: at once, or at the end if only the end decides
+// which.
 class SlicedEntries {
  public:
   SlicedEntries(const Slice& slice, ShowPrinter& printer) : slice_(slice), held_(slice), printer_(printer) {}
@@ -270,7 +271,7 @@ ExitCode CollectFindings(Context& context, const Files& files, std::vector<Json>
   return code;
 }
 
-// Nobody named the directory, so the message says who did.
+// The command line did not name the directory, so the message says how to find the setting that did.
 Status WithoutPath(const Status& status) {
   if (status.Code() != ExitCode::kNotFound && status.Code() != ExitCode::kIo) return status;
   return {status.Code(), status.Message() + "; \"qxctl trace config\" shows what names that directory, or give a PATH"};

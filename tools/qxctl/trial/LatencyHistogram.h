@@ -8,8 +8,8 @@
 
 namespace qx::ctl {
 
-// A log-linear histogram of times in nanoseconds: 32 buckets of equal width for each power of two, so the error of a
-// time is at most a thirty-second. 15 KiB, from one nanosecond to centuries.
+// A log-linear histogram of times in nanoseconds: 32 buckets of equal width for each power of two, so a time is at most
+// 1/32 too high or too low. 15 KiB, from one nanosecond to centuries.
 //
 // Threads: one thread; each worker has its own, and they are added at the end.
 class LatencyHistogram {

@@ -208,7 +208,7 @@ class LineParser {
     return {ExitCode::kUsage, what + SeeHelp()};
   }
 
-  // What is missing, and what cannot be together.
+  // Finds parameters that are missing, and parameters that exclude each other.
   Status Complete(Tokens arguments) {
     const auto end = std::find(arguments.begin(), arguments.end(), kEndOfOptions);
     if (end != arguments.end()) arguments.erase(end);

@@ -25,7 +25,7 @@ bool EqualIgnoringCase(std::string_view a, std::string_view b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
 }
 
-// Makes `text` what the table calls the choice.
+// Sets `text` to the choice as the table writes it.
 Status CheckChoice(const Parameter& parameter, std::string_view& text) {
   for (const std::string_view choice : parameter.choices) {
     if (choice != text && !(parameter.ignores_case && EqualIgnoringCase(choice, text))) continue;
