@@ -54,7 +54,7 @@ _qxctl_offer() {
     *) mapfile -t COMPREPLY < <(compgen -W "${1//|/ }" -- "$2") ;;
   esac
   if [[ $1 == @* ]]; then
-    COMPREPLY=("${COMPREPLY[@]/#-/./-}")  # a name that begins with "-" would be taken for an option
+    COMPREPLY=("${COMPREPLY[@]/#-/./-}")  # a name that begins with "-" would be read as an option
     compopt -o filenames 2>/dev/null
   fi
   return 0

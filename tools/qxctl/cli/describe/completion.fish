@@ -47,7 +47,7 @@ function __qxctl_offer
     end
 end
 
-# A name that begins with "-" would be taken for an option.
+# A name that begins with "-" would be read as an option.
 function __qxctl_offer_safely
     if string match -q '@*' -- $argv[1]
         __qxctl_offer $argv | string replace -r '^-' './-'

@@ -15,7 +15,7 @@
 typeset -gA _qxctl_words _qxctl_options _qxctl_values _qxctl_arguments
 #@TABLES@
 
-# Names in the working directory that begin with "-", with "./" in front: they would be taken for options. $1 is a glob
+# Names in the working directory that begin with "-", with "./" in front: they would be read as options. $1 is a glob
 # qualifier.
 _qxctl_dashed() {
   local -a found
