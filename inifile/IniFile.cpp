@@ -31,9 +31,9 @@ std::unique_ptr<char[]> Copy(const char* text) {
   return copy;
 }
 
-// The result of a read, whatever its length up to the limit. Trying each size in turn would scan the file up to 63
-// times for the same text. So a result that does not fit into the first buffer is read again into the largest one.
-// Every value of an entry fits into the first buffer.
+// The result of a read of any length up to the limit. A result that does not fit into the first buffer is read again
+// into the largest one: with buffers of all sizes between them, the file would be scanned up to 63 times. Every value
+// of an entry fits into the first buffer.
 class ReadText {
  public:
   // False when the text is too long or there is no memory for it.
@@ -49,7 +49,7 @@ class ReadText {
     return !MayBeCut(length_, kTextSizeMax);
   }
 
-  // The text and the NUL after it; of a list the names with their NULs.
+  // The text and the NUL after it; for a list, the names with their NULs.
   [[nodiscard]] const char* Text() const { return text_; }
   [[nodiscard]] unsigned Length() const { return length_; }
 

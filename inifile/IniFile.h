@@ -1,8 +1,8 @@
 // Profile files: sections in brackets, lines of key=value. See docs/ini-files.md for the syntax as read and as written.
 //
-// There is no cache: every read opens the file, walks through it and closes it, every write edits the file in place.
-// The static primitives follow the familiar private-profile calling conventions, the members wrap them for one file
-// name. Two writers at once are not prevented, and nothing is escaped: the file gets exactly what a caller passes.
+// There is no cache: every read opens the file, reads it once and closes it; every write edits the file in place. The
+// static primitives follow the familiar private-profile calling conventions. The members call them for one file name.
+// Two writers at once are not prevented. Nothing is escaped: the file gets exactly what a caller passes.
 #pragma once
 
 #include <cstdint>
@@ -13,11 +13,11 @@
 
 // One profile file.
 //
-// Threads: an object belongs to one thread at a time. Any number of objects and primitives may read one file at once;
-// writers of one file are serialised by their callers, among themselves and against readers.
-// Owns: its copy of the file name and the two buffers whose pointers it hands out. No file stays open between calls.
-// Failure: while the object is not open or has no file name, every member except the name handling does nothing and
-// returns false, 0, the default or the empty string. Only regular files can be opened.
+// Threads: an object belongs to one thread at a time. Any number of threads may read one file at once. While a thread
+// writes a file, the callers must keep all other readers and writers of this file away. Owns: its copy of the file name
+// and the two buffers to which it returns pointers. No file stays open between calls. Failure: while the object is not
+// open or has no file name, every member except the name handling does nothing and returns false, 0, the default or the
+// empty string. Only regular files can be opened.
 class CIniFile {
  public:
   CIniFile();
@@ -37,9 +37,9 @@ class CIniFile {
                                           unsigned size, const char* path);
 
   // Writes `value` under `key`; a null `key` deletes the section, a null `value` the key. Creates the file with mode
-  // 0644 if it is missing. False when there was nothing to delete in an existing file, without `section` or `path`,
-  // and when the file could not be opened or written. An edit that fails half-way leaves the file as far as it was
-  // written. [any thread]
+  // 0644 if it is missing. False if an existing file has nothing to delete, if `section` or `path` is null, or if the
+  // file could not be opened or written. After an edit that fails half-way, the file may be partly written. [any
+  // thread]
   [[nodiscard]] static bool WritePrivateProfileString(const char* section, const char* key, const char* value,
                                                       const char* path);
 
@@ -56,8 +56,8 @@ class CIniFile {
   // The name, or "" when none is set. Lives until the name is replaced. [owning thread]
   [[nodiscard]] const char* GetFileName() const;
 
-  // Makes the object usable if it has a name and, with `mustExist`, the file can be opened for reading. Nothing stays
-  // open. IsOpen returns the result again. [owning thread]
+  // Opens the object: true if it has a name, and, with `mustExist`, if the file can be opened for reading. No file
+  // stays open. IsOpen returns the same result. [owning thread]
   bool Open(bool mustExist);
   bool Open(const char* name, bool mustExist);
   [[nodiscard]] bool IsOpen() const;
@@ -82,7 +82,7 @@ class CIniFile {
   const char* GetEnum(const char* section);
   const char* GetNextEnum();
 
-  // Appends the names up to the first empty one to `names`; true when there was at least one. [owning thread]
+  // Appends the names up to the first empty one to `names`; true if there is at least one. [owning thread]
   bool GetSections(std::vector<std::string>& names);
   bool GetEnums(std::vector<std::string>& names, const char* section);
 
@@ -93,8 +93,8 @@ class CIniFile {
   [[nodiscard]] bool DeleteSection(const char* section);
   [[nodiscard]] bool DeleteKey(const char* section, const char* key);
 
-  // Writes each key of `from` with its value under the same key of `to`. True whenever the object is open, whether
-  // or not the writes succeeded; without both names nothing is written. [owning thread]
+  // Copies each key of section `from` with its value to section `to`. True if the object is open, even if a write
+  // fails. If one of the names is null, nothing is written. [owning thread]
   [[nodiscard]] bool CopySection(const char* from, const char* to);
 
   // There is nothing to flush: only traces a warning while the object is open. [owning thread]

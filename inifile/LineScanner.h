@@ -1,12 +1,12 @@
-// Walks the lines of an open file through one fixed window, without an allocation a line.
+// Reads the lines of an open file through one fixed window. No line needs an allocation.
 //
 // A line is what fgets into a buffer of 1024 bytes leaves there as a C string:
 //   "key=1\n"               => "key=1\n"
 //   "key=1" at the end      => "key=1"            the last line may lack its line feed
 //   "ke\0y=1\n"             => "ke"               a NUL hides the rest, line feed included
 //   1500 times "x", "\n"    => 1023 times "x", then 477 times "x" and "\n"
-// The position counts the bytes of the file, hidden ones included. The scanner does not open or write files, nor
-// interpret lines.
+// The position counts all bytes of the file, also those after a NUL. The scanner does not open or write files, and does
+// not interpret lines.
 #pragma once
 
 #include <cstddef>
@@ -28,16 +28,17 @@ class LineScanner {
   static constexpr std::size_t kLineBytesMax = 1023;
   static constexpr std::size_t kWindowBytes = 16384;
 
-  // Starts at the file's first byte whatever the descriptor's own position, which stays as it is. `window` has space
-  // for at least kLineBytesMax bytes. [owning thread]
+  // Starts at the first byte of the file; the position of the descriptor does not matter and does not change. `window`
+  // has space for at least kLineBytesMax bytes. [owning thread]
   LineScanner(int descriptor, std::span<char> window) noexcept;
 
   // The next line, or false at the end. `line` lives until the next call and is unchanged on false. [owning thread]
   [[nodiscard]] bool Next(std::string_view& line);
 
-  // Skips lines as long as `can_skip` returns true for them. It gets each line without its line feed, but with what a
-  // NUL hides. It must return true for plain text without the mark (inifile/MarkedLine.h), which is skipped without a
-  // call. The scan may stop before any line: SkipLines only saves calls of Next. [owning thread]
+  // Skips lines while `can_skip` returns true for them. `can_skip` gets each line without its line feed, but with the
+  // bytes after a NUL. Plain lines without the mark (inifile/MarkedLine.h) are skipped without a call, so `can_skip`
+  // would have to return true for them. The scan may stop before any line: SkipLines only saves calls of Next. [owning
+  // thread]
   template <typename Predicate>
   void SkipLines(LineMark mark, Predicate can_skip) noexcept {
     std::string_view rest = unread_;
@@ -55,7 +56,7 @@ class LineScanner {
   // Offset in the file of the byte after the line taken last. [owning thread]
   [[nodiscard]] std::uint64_t Position() const noexcept { return position_; }
 
-  // Whether the file ended because it could not be read on. [owning thread]
+  // Whether the lines ended because of a read error. [owning thread]
   [[nodiscard]] bool HasFailed() const noexcept { return has_failed_; }
 
  private:

@@ -12,9 +12,9 @@ struct LineMark {
   char byte;
 };
 
-// `text` begins with the line feed of some line. Returns the number of bytes up to and including a later line feed.
-// Every line between the two is plain text without the mark: it begins neither with "[" nor with a blank or control
-// character, and is no longer than the scanner's lines. More such lines may follow; 1 is always a correct result.
+// `text` begins with the line feed of a line. Returns the number of bytes up to and including a later line feed. Every
+// line between these two line feeds can be skipped: it has no mark, does not begin with "[", a blank or a control
+// character, and is not longer than the scanner's lines. More such lines may follow; 1 is always a correct result.
 [[nodiscard]] std::size_t BytesToMarkedLine(std::string_view text, LineMark mark) noexcept;
 
 }  // namespace qx::inifile

@@ -56,8 +56,8 @@ class Result {
   }
 
  private:
-  // Copies what fits into `size_max` bytes and ends it with NUL; there is always one more byte for it. The buffer's
-  // last byte becomes NUL as well, however short the text is.
+  // Copies at most `size_max` bytes and a NUL after them; there is always space for the NUL. The buffer's last byte
+  // also becomes NUL, even after a short text.
   void Copy(std::string_view text, std::size_t size_max) {
     const std::size_t length = text.copy(buf_ + count_, size_max);
     buf_[count_ + length] = '\0';
@@ -76,7 +76,7 @@ std::optional<std::string_view> NameInHeader(std::string_view line) {
   return line.substr(1, end - 1);
 }
 
-// True for plain text that cannot be an entry of `key`, since it does not begin with it.
+// True for plain text that does not begin with `key`, and so cannot be an entry of this key.
 //   "name=x", "key" => yes     "keys=x", "key" => no, though it is not one either
 bool IsOtherEntry(std::string_view line, std::string_view key) { return IsPlainText(line) && !line.starts_with(key); }
 
@@ -102,9 +102,9 @@ void CollectSections(LineScanner& lines, Result& result) {
   }
 }
 
-// Most lines of a large file are skipped after a check of a few characters. Within the section, this is the last
-// character of the requested key, because keys of one section often differ only there. A list takes every line of its
-// section, as if its key were empty.
+// Most lines of a large file are skipped after a check of a few characters. Within the section, the last character of
+// the requested key is checked first, because keys of one section often differ only there. A list uses every line of
+// its section, as if the key were empty.
 void SkipOtherLines(LineScanner& lines, bool is_inside, std::string_view key) {
   if (!is_inside) return lines.SkipLines({.column = 0, .byte = '['}, IsPlainText);
   if (key.empty()) return;

@@ -1,4 +1,4 @@
-// The writing primitive: finds the region of an edit in one walk, then moves the file's tail around it.
+// The writing primitive: finds the region of an edit in one scan, writes the edit, and moves the rest of the file.
 //
 // The writer reads lines more strictly than the reader: no white space is skipped, so an indented header or key is not
 // found. It also drops the last character of every line, because it expects the line feed there. So a real character is
@@ -49,8 +49,8 @@ bool Closed(Stream stream) { return std::fclose(stream.release()) == 0; }
 
 enum class PlaceKind { kEntry, kNextHeader, kEndOfFile, kUnreadable };
 
-// The end of the walk. A region begins after the line handled before it, so the empty and comment lines directly above
-// a line belong to that line's region.
+// The state at the end of the scan. A region begins after the last line with content before it. So the empty lines and
+// comment lines directly above a line belong to the region of this line.
 struct Place {
   PlaceKind kind = PlaceKind::kEndOfFile;
   bool has_section = false;
@@ -78,7 +78,7 @@ bool NextRegion(LineScanner& lines, Place& place, std::string_view& line) {
   return is_found;
 }
 
-// White space before the key is part of it here.
+// Here, white space before the key is part of the key.
 bool IsEntryOf(std::string_view line, std::string_view key) {
   const std::size_t equals = line.find('=');
   return equals != std::string_view::npos && WithoutTrailing(line.substr(0, equals), " \t") == key;
@@ -110,7 +110,7 @@ Place FindPlace(const file::Descriptor& file, const Edit& edit) {
   std::array<char, LineScanner::kWindowBytes> window;
   LineScanner lines(file.Number(), window);
   Place place = FindPlace(lines, edit);
-  // The section may be after a failed read: an append would make a second one.
+  // After a failed read, the section may be in the part that was not read. An append would make a second one.
   if (lines.HasFailed()) place.kind = PlaceKind::kUnreadable;
   return place;
 }
@@ -132,7 +132,8 @@ std::unique_ptr<char[]> ReadTail(FILE* stream, std::uint64_t offset, std::uint64
   return tail;
 }
 
-// Removes what a failed write left after `old_end`. The write has failed anyway, so its result is the one to report.
+// Removes the bytes that a failed write left after `old_end`. A failure is ignored, because the failed write is
+// reported.
 void CutBack(int descriptor, off_t old_end) { (void)file::Truncate(descriptor, old_end); }
 
 // Reserves the space that an edit needs before it overwrites anything, so that a full disk leaves the file unchanged.
@@ -211,8 +212,8 @@ void TraceAppendError(const Edit& edit) {
   QX_TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n", edit.path);
 }
 
-// Quirk: nothing ends a last line without line feed first, so an entry that is appended without a header becomes part
-// of it.
+// Quirk: no line feed is added to a last line without one, so an entry that is appended without a header becomes part
+// of this line.
 bool Append(const Edit& edit, bool with_header, bool is_new) {
   const int flags = O_WRONLY | O_APPEND | (is_new ? O_CREAT : 0);
   file::Descriptor file = file::OpenRegular(edit.path, flags, kNewFileMode);

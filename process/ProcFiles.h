@@ -15,7 +15,7 @@ namespace qx::process {
 // A number of bytes in units of 1024 to the power of `unit`, rounded down.
 [[nodiscard]] unsigned long InUnit(unsigned long bytes, int unit);
 
-// The process id that a directory under /proc is named after, or nothing: "17" => 17; "self", "0", "17x" => nothing.
+// The process id of a directory under /proc with this name: "17" => 17; "self", "0", "17x" => nothing.
 [[nodiscard]] std::optional<int> PidOfDirectoryName(std::string_view name);
 
 }  // namespace qx::process

@@ -103,7 +103,7 @@ std::optional<unsigned> WaitForExitStatus(pid_t pid) {
   return static_cast<unsigned>(WEXITSTATUS(status));
 }
 
-// kill and waitpid take 0 and negative numbers for whole groups of processes.
+// kill and waitpid read 0 and negative numbers as groups of processes.
 bool NamesOneProcess(unsigned pid) { return pid != 0 && pid <= static_cast<unsigned>(INT_MAX); }
 
 bool WaitAndStoreExitCode(unsigned pid, unsigned& exit_code) {

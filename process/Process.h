@@ -1,8 +1,8 @@
 // Processes of the local Linux system: starts commands and waits for them, finds processes, reads their figures from
 // /proc, and reads and changes the working directory.
 //
-// It traces nothing and keeps no state, because the trace facility itself calls it for the memory figure in entry
-// headers. There is no shell, no capture of output and no time limit on a wait.
+// It traces nothing and keeps no state, because the trace facility calls it for the memory size in entry headers. It
+// uses no shell, does not capture output, and waits without a time limit.
 #pragma once
 
 #include <string>
@@ -17,17 +17,17 @@ class CProcess {
  public:
   CProcess() = delete;
 
-  // Starts `cmd` and, unless `async`, waits for its end. The command line is split at white space: no quoting, no
-  // escapes, no shell; the first word is looked up along PATH. Standard input, output and error are inherited; other
-  // descriptors only with `inherit_handles`, and only if they are not close-on-exec.
+  // Starts `cmd`, and waits for its end if `async` is false. The command line is split at white space: no quoting, no
+  // escapes, no shell. The first word is searched for along PATH. The child inherits standard input, output and error.
+  // With `inherit_handles` it also inherits all other descriptors that are not close-on-exec.
   //
   // `dir`: the command's working directory. Null, empty or the current directory means no change. If the directory
   // cannot be entered, nothing is started. The unnamed bool is ignored.
   // `pid`: the child's id, or 0xFFFFFFFF if no child was started.
   // `exit_code`: the exit status 0 to 255 of a synchronous command that exited (255 also if the program could not be
   // started), otherwise 0xFFFFFFFF.
-  // Returns: synchronous, true for exit status 0; asynchronous, true if the child was started. False as well if the
-  // working directory could not be changed back, and for a command without words. The caller must reap an asynchronous
+  // Returns: synchronous, true for exit status 0; asynchronous, true if the child was started. Also false if the
+  // working directory could not be changed back, or if the command has no words. The caller must reap an asynchronous
   // child (WaitForExit). [any thread]
   [[nodiscard]] static bool execute_command(const char* cmd, unsigned& pid, unsigned& exit_code, const char* dir, bool,
                                             bool async, bool inherit_handles);

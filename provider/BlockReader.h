@@ -1,5 +1,5 @@
-// Loads values from the service's parameter block. Nothing in the block need be aligned, so a structure or a number is
-// copied before it is used; the compiler turns the copy into loads of the fields used.
+// Loads values from the service's parameter block. The parts of the block need no alignment, so a structure or a number
+// is copied before it is used. The compiler turns the copy into loads of the used fields.
 #pragma once
 
 #include <cstddef>

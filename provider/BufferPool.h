@@ -1,9 +1,9 @@
 // Big text buffers that the module keeps between calls.
 //
-// A megabyte of fresh memory costs far more than filling it: the kernel clears every page of it at its first touch,
-// and takes it back as soon as it is freed. So the buffers in which a reply is built are kept
-// and used again; only the reply itself is allocated for each call. The pool is capped in number and size, and empty
-// again when the module is unloaded.
+// A megabyte of new memory costs far more than filling it: the kernel clears every page at its first use, and gets it
+// back as soon as it is freed. So the buffers in which replies are built are kept and used again; only the reply itself
+// is allocated for each call. The number and the sizes of the buffers are limited. All are freed when the module is
+// unloaded.
 #pragma once
 
 #include <cstddef>
@@ -31,8 +31,8 @@ class BufferPool {
   BufferPool(const BufferPool&) = delete;
   BufferPool& operator=(const BufferPool&) = delete;
 
-  // An empty string with space for `bytes`: the smallest spare buffer that has it, or a new one. Fewer than
-  // kKeptBytesMin bytes never cost a spare buffer. [any thread]
+  // An empty string with space for `bytes`: the smallest spare buffer that is large enough, or a new one. Requests for
+  // fewer than kKeptBytesMin bytes do not use a spare buffer. [any thread]
   [[nodiscard]] std::string Take(std::size_t bytes);
 
   // Keeps `buffer` for a later Take if the caps allow it, and frees it otherwise. [any thread]
@@ -57,7 +57,7 @@ class BufferPool {
 // The module's pool.
 extern BufferPool transfer_buffers;
 
-// A buffer of the pool for the length of a scope.
+// A buffer of the pool until the end of a scope.
 class PooledBuffer {
  public:
   explicit PooledBuffer(std::size_t bytes) : text_(transfer_buffers.Take(bytes)) {}

@@ -23,8 +23,8 @@ namespace {
 
 constexpr int kFailed = -1;
 
-// Calls `run`; after an exception the result is `on_failure`. A forced unwinding (the service cancels its thread) must
-// reach the end of the thread's stack: a handler that ends it would abort the process. It is not a C++ exception.
+// Calls `run`; after a C++ exception the result is `on_failure`. If the service cancels its thread, the unwinding is
+// not a C++ exception, and must reach the end of the thread's stack: a handler that ends it would abort the process.
 template <typename Run>
 auto Guarded(decltype(std::declval<Run>()()) on_failure, Run run) {
   try {

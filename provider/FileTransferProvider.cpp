@@ -26,8 +26,8 @@ constexpr char kReportPrivilege[] = "AccessPerformanceMgr";
 
 static_assert(sizeof(CFileTransferProvider) == sizeof(CKrxAdapterModule), "the module object has no state of its own");
 
-// The thread's data during one call. Data that the block could not take is freed when the call ends, because no later
-// call could find it.
+// The thread's data during one call. If the block could not store the pointer to the data, the data is freed when the
+// call ends, because no later call could find it.
 class ThreadDataOfCall {
  public:
   explicit ThreadDataOfCall(const KrxRequestParams& params) : params_(params) {}

@@ -5,7 +5,7 @@
 
 class CThreadData;
 
-// Hands the reports of this machine to remote clients.
+// Returns the reports of this machine to remote clients.
 //
 // Threads: one object serves all service threads at once and holds no state of its own; a transfer keeps its state
 // between calls in the CThreadData of the service thread, whose address is in the thread's request blocks. Owns:
@@ -20,14 +20,14 @@ class CFileTransferProvider : public CKrxAdapterModule {
   // in use any more. [any thread]
   void __threadend(void* userData) override;
 
-  // Adds a chunk of a report's records to `out`, or sets an error document there: docs/documents.md shows both. Returns
-  // 0 records, 1 no (more) records, 12 the report could not be read, -1 the block is not valid. After a refusal (no
-  // "ReportData" in `in`, privilege missing) the call continues: its result follows the refusal's "Error" element, so
-  // records are a second root. [any thread]
+  // Adds a chunk of a report's records to `out`, or replaces `out` by an error document (docs/documents.md). Returns 0
+  // records, 1 no (more) records, 12 the report could not be read, -1 the block is not valid. After a refusal (no
+  // "ReportData" in `in`, privilege missing) the call continues. Records are then a second root after the "Error"
+  // element of the refusal. [any thread]
   [[nodiscard]] int GetReports(KrxRequestParams& params, CMarkup& in, CMarkup& out);
 
-  // Adds the list of a report's instance names to `out`, or sets an error document there. Returns 0 (also for a names
-  // file of a version that has no list, which adds nothing), 12 no names file, -1 the block is not valid. After a
+  // Adds the list of a report's instance names to `out`, or replaces `out` by an error document. Returns 0, 12 no names
+  // file, -1 the block is not valid. For a names file of another version, it adds nothing and returns 0. After a
   // refusal the call continues as in GetReports. [any thread]
   [[nodiscard]] int GetReportInstanceNames(KrxRequestParams& params, CMarkup& in, CMarkup& out);
 

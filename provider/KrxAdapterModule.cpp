@@ -57,8 +57,8 @@ void AssignIfGiven(std::string& to, const char* text) {
   if (text != nullptr) to = text;
 }
 
-// Makes `name` the root element of an empty document. Quirk: "N/A", the name of a module without one, is not a name
-// that an element can have; the parser reads it as the name N and ignores the rest.
+// Makes `name` the root element of an empty document. Quirk: a module without a name is called "N/A", which cannot be
+// the name of an element; the parser reads it as the name N and ignores the rest.
 void AddRootElement(CMarkup& out, const std::string& name) {
   if (out.AddElem(name.c_str())) return;
   (void)out.SetDoc("<" + name + "/>\n");  // a name that even the parser refuses leaves no well-formed document

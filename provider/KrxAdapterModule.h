@@ -1,4 +1,4 @@
-// The module object: the replies of every provider to the KRX service through the exported functions.
+// The module object: it makes the replies that the exported functions return to the KRX service.
 //
 // One object serves all threads. It is created while the library is loaded, reached through pAdapterModule and deleted
 // while the library is unloaded. A provider derives from it and adds its own request functions.

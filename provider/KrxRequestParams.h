@@ -1,9 +1,9 @@
 // One call's request parameter block with typed access by parameter index, and the security results of the caller.
 //
-// The block (provider/KrxGenData.h) belongs to the service and outlives the object. An accessor never fails loudly:
-// for a missing element, one of another type and a null value it returns its empty value. Counts and pointers in the
-// block are trusted as far as they can be: a negative count counts as 0, a null array is empty, a null entry is
-// skipped, a chain that loops ends; a count larger than its array cannot be noticed.
+// The block (provider/KrxGenData.h) belongs to the service and outlives the object. An accessor reports no error: if
+// the element is missing, has another type or is null, it returns its empty value. Counts and pointers are checked as
+// far as possible: a negative count counts as 0, a null array is empty, a null entry is skipped, and a search in a
+// chain that loops ends. A count that is larger than the array cannot be noticed.
 #pragma once
 
 #include <cstdint>

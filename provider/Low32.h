@@ -1,5 +1,5 @@
-// Trace lines print addresses and thread ids through 32-bit conversions. Which half of the 64 bits they show is written
-// out here instead of being left to the calling convention.
+// Trace lines print addresses and thread ids with 32-bit conversions. This function selects the half of the 64 bits
+// that they show; otherwise the calling convention would decide.
 #pragma once
 
 #include <pthread.h>

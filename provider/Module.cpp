@@ -1,4 +1,4 @@
-// What happens when QXRemConXfer.so is loaded and unloaded: every load-time object of the module, in its order.
+// Loading and unloading of QXRemConXfer.so: the module's load-time objects, in their order.
 //
 //   load    1. Debug is constructed, before every object of any other source: they may trace.
 //           2. Debug is initialised; with tracing on the log gets its header.

@@ -36,7 +36,7 @@ std::string FileName(std::string_view name) {
 
 }  // namespace
 
-// Takes the lines of the file, front to back. Of each section only the first of its name counts.
+// Handles the lines of the file, front to back. If several sections have one name, only the first one counts.
 class NamesFile::Scan {
  public:
   explicit Scan(NamesFile& file) : file_(file) {}

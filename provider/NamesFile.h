@@ -1,4 +1,4 @@
-// A report's instance names file: what a call needs of it, read in one walk.
+// A report's instance names file. Everything that a call needs is read in one scan.
 //
 // The file is a profile file (docs/ini-files.md) next to the report's store; docs/report-names.md describes it.
 // CIniFile would open and search it once for each key.

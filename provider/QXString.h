@@ -1,7 +1,7 @@
 // A standard string with printf-style formatting that sizes the text exactly.
 //
-// The text is measured first and then printed into a buffer of that length, so it is never cut and no guess at a size
-// is made. It is built separately and moved into the target last, so the target itself may be an argument.
+// The length of the text is computed first, and then the text is printed into a buffer of that length, so it is never
+// cut. The text is built separately and moved into the target last, so the target itself may be an argument.
 #pragma once
 
 #include <cstdarg>

@@ -27,7 +27,7 @@ constexpr std::uint32_t kEmptyRecordsShownMax = 100000;
 constexpr std::uint32_t kLevelOfBareReplies = 4;    // the trace then shows the reply before it has its records
 constexpr std::uint32_t kLevelOfSingleRecords = 5;  // and every record
 
-// Trace conversions and index attributes have 32 bits, whatever the number.
+// Trace conversions and index attributes show 32 bits of a number.
 constexpr int LowInt(std::int64_t number) { return static_cast<int>(number); }
 
 // An index attribute: decimal, cut to 32 bits; text that is not a number is read as 0.
@@ -144,8 +144,8 @@ int ReportTransfer::ServeGathered() {
   return records.empty() ? ReplyNoText() : ReplyRecords(records);
 }
 
-// The reply's tag comes before its records, so the next index is first estimated. An estimate with as many digits as
-// the index costs nothing; any other moves the records by the difference.
+// The tag with the next index comes before the records, so the next index is estimated first. If the estimate has as
+// many digits as the index, the index just replaces it; otherwise the records are moved by the difference.
 int ReportTransfer::ServeIntoReply() {
   ReserveReply(SpaceForRecords());
   AddReplyElement(LikelyNextIndex());
@@ -264,10 +264,10 @@ void ReportTransfer::NoteFailedRead() {
   read_error_ = error != 0 ? error : ReopenError(thread_data_);
 }
 
-// Whether the writer has advanced the ring since the transfer's snapshot. The record just read may then be another one
-// than that of its index; from here on the new oldest slot is used. Checked once in a transfer, after the first read:
-// later the transfer returns what it finds. If the report cannot be opened again, the record is used, and the store
-// stays closed.
+// Whether the writer has advanced the ring since the transfer began. Then the record that was just read may not be the
+// one of its index, and from now on the new oldest slot is used. This is checked once in a transfer, after the first
+// read; later the transfer returns the records that it finds. If the report cannot be opened again, the record is used,
+// and the store stays closed.
 bool ReportTransfer::RingHasMoved() {
   check_ring_ = false;
   if (options_.first_record_read != nullptr) options_.first_record_read(options_.context);
@@ -347,8 +347,8 @@ void ReportTransfer::ReserveReply(std::size_t records_bytes) {
   out_.SetDoc(transfer_buffers.Take(records_bytes + 2 * request_.escaped_name.size() + kMarkupBytes));
 }
 
-// A refused caller's document has an "Error" root already: the element added here is its second one, and a document
-// with two roots leaves the module as no reply at all.
+// If the caller was refused, the document has an "Error" root already. The element that is added here is the second
+// root, and for a document with two roots the reply is null.
 void ReportTransfer::AddReplyElement(std::int64_t next_index) {
   out_.AddElem("ReportData");
   out_.SetAttrib("Name", request_.escaped_name.c_str());
@@ -364,7 +364,7 @@ int ReportTransfer::ReplyRecords(const std::string& records) {
   return kRecordsReturned;
 }
 
-// The next index if a chunk takes as many records as the data file's size and the number of slots suggest.
+// An estimate of the next index, from the size of the data file and the number of slots.
 std::int64_t ReportTransfer::LikelyNextIndex() const {
   const std::int64_t highest = std::max<std::int64_t>(thread_data_.highest_index, 1);
   const std::int64_t record_bytes = std::max<std::int64_t>(thread_data_.data_file_size / highest, 1);

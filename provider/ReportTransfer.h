@@ -5,9 +5,10 @@
 // oldest first and less than 1 MiB in all, and with the start index of the next call. docs/documents.md shows the
 // documents.
 //
-// Records are taken in runs (qx::report::RecordReader::Take) and read straight into the reply document. If the trace
-// shows every record, or while the ring has still to be checked, they are read one at a time. If the trace shows the
-// reply without its records, they are first gathered in a separate text. All ways make the same reply.
+// Records are read in runs (qx::report::RecordReader::Take), directly into the reply document. There are two
+// exceptions. If the trace shows every record, or until the ring has been checked, they are read one at a time. If the
+// trace shows the reply without its records, they are first collected in a separate text. The reply is the same in each
+// case.
 //
 // Not here: who may read (CheckRequest), and what the caller does with a document with two roots.
 #pragma once
@@ -113,8 +114,8 @@ class ReportTransfer {
   CMarkup& out_;
   const TransferOptions options_;
   const TransferOptions::Path path_taken_;
-  // The document already has a root, the refusal, so no record reaches the caller. The result is certain after the
-  // first record with a text. A call that is traced reads on, because the trace shows how many records there are.
+  // The document already has a root, the refusal, so no record reaches the caller. After the first record with a text,
+  // the result is certain. A traced call continues to read, because the trace shows the number of records.
   const bool stops_at_text_;
 
   TransferRequest request_{};

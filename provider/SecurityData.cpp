@@ -69,8 +69,8 @@ void KrxRequestParams::ReadAuthorization(const krx_authorization_data* authoriza
     if (department != nullptr && ReadDepartment(i, department)) has_privileges = true;
   }
   if (!has_privileges) {
-    // Quirk: the user id goes through a numeric conversion, so the line shows a number (half of the text's address)
-    // where readers expect the name.
+    // Quirk: the user id is printed with a numeric conversion, so the line shows a number (half of the text's address)
+    // in place of the name.
     QX_TRACE(1, "\nKrxReqestParams     : ## ERROR! No privileges found for user \"%d\" (something wrong here)!",
              static_cast<int>(Low32(auth_user_id_.c_str())));
   }

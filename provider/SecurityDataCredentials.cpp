@@ -30,8 +30,8 @@ bool HoldsCredentials(const krx_nested_block* block) noexcept {
 
 // The first block of the chain that holds the credentials; null when the chain ends or loops without one.
 const krx_nested_block* FindCredentialsBlock(const krx_nested_block* first) noexcept {
-  // Brent's search for a loop: `anchor` moves to the walker after 1, 2, 4, ... steps, so a walker in a loop reaches
-  // it, and only after it has seen every block.
+  // Brent's search for a loop: `anchor` moves to the present block after 1, 2, 4, ... steps. In a loop, the search
+  // reaches `anchor` again, but only after it has visited every block.
   const krx_nested_block* anchor = nullptr;
   std::uint64_t steps_to_next_anchor = 1;
   std::uint64_t steps = 0;

@@ -17,8 +17,8 @@ bool OpenBelowLocalMachine(CRegistry& registry, const char* key) {
   return registry.Open(key, CRegistry::MLocalMachine, kReadAccess) == 0;
 }
 
-// The string of the pointer value, read into a buffer of the stored value's size: a value that outgrows it by
-// expansion is not read. False if there is no such string.
+// The string of the pointer value, read into a buffer of the stored value's size. If the expanded value is longer, it
+// is not read. False if there is no such string.
 bool ReadRootPointer(CRegistry& registry, std::string& root) {
   if (!OpenBelowLocalMachine(registry, kUuidKey)) return false;
   unsigned size = registry.GetValueSize(kRootPointer, nullptr);

@@ -1,8 +1,8 @@
 // Finds the directory of the suite's reports.
 //
-// The registry names the directory. A per-product pointer value names the suite's registry root; the root's "Setup" key
-// holds "ReportRoot", the report directory itself, or "FileRoot", the directory above "Reports". Without either it is
-// "Reports" below the working directory. Nothing is cached: every call reads the registry.
+// The registry names the directory. A pointer value of the product names the suite's root in the registry. The "Setup"
+// key of this root has "ReportRoot", the report directory itself, or "FileRoot", the directory above "Reports". Without
+// both, the report directory is "Reports" in the working directory. Nothing is cached: every call reads the registry.
 #pragma once
 
 #include <string>
@@ -10,7 +10,7 @@
 // A set of static operations; no object of it is ever made.
 //
 // Threads: every operation may run on any thread.
-// Failure: none is reported; each failed step falls through to the next source.
+// Failure: not reported; after a failed step, the next source is tried.
 class CServerControlPaths {
  public:
   CServerControlPaths() = delete;

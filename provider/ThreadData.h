@@ -1,9 +1,9 @@
 // The state that the report functions keep for one service thread between calls.
 //
-// A client reads a report in several calls on one service thread; between them, the open report and the ring's state at
-// the first call are kept here. The object's address is in the request block (element 1): the service keeps it with its
-// thread and passes it in every later block of the thread, and to __threadend at the end. Nothing is kept in
-// thread-local storage.
+// A client reads a report in several calls on one service thread. Between the calls, this object keeps the open report
+// and the state that the ring had at the first call. The object's address is in the request block (element 1): the
+// service keeps it with its thread, and passes it in every later block of the thread, and to __threadend at the end.
+// Nothing is kept in thread-local storage.
 #pragma once
 
 #include <cstdint>

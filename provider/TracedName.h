@@ -1,4 +1,4 @@
-// Report names in the trace: they come from clients and may have any byte except NUL.
+// Report names in the trace. They come from clients, and may have any byte except NUL.
 #pragma once
 
 #include <cstdint>

@@ -74,9 +74,9 @@ constexpr Hive kHives[] = {
     {"HKEY_CURRENT_CONFIG", &CRegistry::MCurrentConfig},
 };
 
-// Both under MSpinlock. Until a load has read the whole of `registry`, it may have content that is nowhere else, so the
-// first save keeps it. Neither MIsSetup nor the success of a load shows this: another of the three files may have been
-// loaded.
+// Both under MSpinlock. Until a load has read the whole of `registry`, this file may have content that no other file
+// has, so the first save keeps it. MIsSetup and the success of a load do not show this: the load may have used another
+// one of the three files.
 constinit bool registry_is_unread = true;
 constinit const char* files_directory = qx::registry::kSystemDirectory;
 
@@ -128,7 +128,7 @@ bool LoadFirstGoodFile() {
   return false;
 }
 
-// Other threads read the pointers without a lock, so one that is right is not written again.
+// Other threads read the pointers without a lock, so a pointer that is correct is not written again.
 void SetHivePointer(const Hive& hive) {
   CRegistryNode* key = NodeOfHive(hive.name);
   if (*hive.pointer != key) *hive.pointer = key;
@@ -176,7 +176,8 @@ int ExchangeFiles(const char* path) {
 }
 
 // For a file system that cannot exchange names.
-// Quirk: there is no registry file between the two renames; a crash just then makes the next load take the backup.
+// Quirk: there is no registry file between the two renames. After a crash at this moment, the next load uses the
+// backup.
 void RenameFiles(const char* path) {
   (void)qx::file::Rename(path, CRegistry::MPRegistryOld.c_str());
   (void)qx::file::Rename(CRegistry::MPRegistryTemp.c_str(), path);

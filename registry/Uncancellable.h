@@ -1,7 +1,7 @@
-// Internal: code in which the calling thread is not cancelled.
+// Internal: a scope in which the calling thread is not cancelled.
 //
-// Writing a trace line or a file is a cancellation point. The unwinding must not leave a destructor, which would end
-// the whole process, nor leave a partly freed tree.
+// Writing a trace line or a file is a cancellation point. If a thread were unwound out of a destructor, the process
+// would end; and a tree could stay partly freed.
 #pragma once
 
 #include <pthread.h>

@@ -12,7 +12,7 @@ namespace {
 constexpr std::string_view kMark = "qx1";
 constexpr std::size_t kHashDigits = 16;
 
-// Takes the text up to the next space off the front.
+// Returns the text up to the next space, and removes both from the front of `text`.
 std::string_view TakeWord(std::string_view& text) {
   const std::size_t end = std::min(text.find(' '), text.size());
   const std::string_view word = text.substr(0, end);

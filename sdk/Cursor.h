@@ -1,4 +1,4 @@
-// Internal: a reader's place as one line of text, and back.
+// Internal: a reader's position as one line of text, and back.
 //
 //   "qx1 NEXT DELIVERED HASH..."   one space between
 //

@@ -1,4 +1,4 @@
-// What the classes of sdk/ return: nothing, or the reason for a failure.
+// The result of calls of the classes in sdk/: success, or the reason for a failure.
 //
 //   if (const qx::Error error = report.Append(text); error.Failed()) std::fputs(error.text.c_str(), stderr);
 #pragma once
@@ -12,7 +12,7 @@
 
 namespace qx {
 
-// The numbers are those of sdk/qxreport.h and stay.
+// The numbers are those of sdk/qxreport.h, and do not change.
 enum class ErrorCode : int {
   kNone = 0,
   kBadArgument = 1,  // an empty path, a ring without slots, a cursor that is not one, a record that is not there

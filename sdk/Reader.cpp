@@ -25,8 +25,8 @@ using std::chrono::steady_clock;
 constexpr std::uint32_t kWindowRecords = 4096;
 constexpr milliseconds kPauseMax{20};
 
-// A record as the follower compares it: one digit for the state, then the text. Without the state, an overwritten
-// record could be equal to a whole one with the same text.
+// The form of a record for the follower's comparisons: one digit for the state, then the text. Without the state, an
+// overwritten record could be equal to a whole record with the same text.
 std::string Encoded(const RecordView& record) {
   std::string text;
   text.reserve(1 + record.text.size());

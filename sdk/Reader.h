@@ -1,4 +1,4 @@
-// Reads the records of a report: those of this moment, or what is new since the last time.
+// Reads the records of a report: all records that it has now, or only the new ones.
 //
 //   qx::Reader report;
 //   if (report.Open(path).Failed()) ...
@@ -56,7 +56,7 @@ struct Record {
   [[nodiscard]] bool IsWhole() const { return state == RecordState::kWhole; }
 };
 
-// A report, open for reading. It needs no agreement with the writer.
+// A report that is open for reading. Reader and writer need no coordination.
 //
 // Threads: one thread.
 // Owns: the open files; four bytes for each record of the snapshot, and about 350 KiB for texts; the same once more as
@@ -72,12 +72,12 @@ class Reader {
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
 
-  // Opens the report and takes a snapshot of it; Next begins at the oldest record. Errors: kBadArgument, kNotFound,
-  // kDamaged, kSystem, kNoMemory. [owning thread]
+  // Opens the report and takes a snapshot of its records. Next begins at the oldest record. Errors: kBadArgument,
+  // kNotFound, kDamaged, kSystem, kNoMemory. [owning thread]
   Error Open(const std::string& path);
 
-  // The same; Next continues after the last record that it returned before `cursor` was taken. kBadArgument if it is
-  // not a cursor. An empty one begins at the oldest record. [owning thread]
+  // The same, but Next continues after the last record that it returned before `cursor` was taken. With an empty
+  // cursor, Next begins at the oldest record. kBadArgument if the text is not a cursor. [owning thread]
   Error Open(const std::string& path, std::string_view cursor);
 
   // Takes a new snapshot. After an error it is empty. [owning thread]
@@ -100,8 +100,8 @@ class Reader {
   // records, the `event` of the next record shows it. [owning thread]
   [[nodiscard]] std::optional<Record> Next(std::chrono::milliseconds timeout = std::chrono::milliseconds(0));
 
-  // Where Next is: one line of at most 700 characters. After a restart Next continues there, also if the ring has
-  // moved: the place is found by the texts before it. [owning thread]
+  // The position of Next, as one line of at most 700 characters. After a restart, Next continues at this position, even
+  // if the ring has got new records: it compares the texts of the last records. [owning thread]
   [[nodiscard]] std::string Cursor() const;
 
   // Why the last loop or Next ended; kNone if there was no error. [owning thread]

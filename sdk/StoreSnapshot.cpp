@@ -84,9 +84,9 @@ Error StoreSnapshot::Take() {
   }
 }
 
-// Header, slots, and the header again: the slots belong to the header if it is the same. `is_steady` is also false
-// while a part is being appended to a full ring, which ends soon unless its writer was killed, and if one file was
-// replaced after the other one was opened.
+// Reads the header, the slots, and the header again. If both headers are the same, the slots belong to it, and
+// `is_steady` is true. It is also false while a part is being appended to a full ring (this ends soon unless the writer
+// was killed), and if one file was replaced after the other one was opened.
 Error StoreSnapshot::TakeOnce(bool& is_steady) {
   bool was_opened = false;
   if (Error error = OpenFiles(was_opened); error.Failed()) return error;
@@ -152,8 +152,8 @@ int StoreSnapshot::ReadAllSlots() {
   return 0;
 }
 
-// The slots of a part that is being appended to a full ring, or that a killed writer left: they lead to the texts after
-// the write position, and the header does not count them.
+// Drops the slots of a part that the header does not count: it is being appended to a full ring, or a killed writer
+// left it. These slots lead to texts after the write position.
 void StoreSnapshot::DropUncounted() {
   uncounted_ = 0;
   uncounted_end_ = 0;
@@ -182,7 +182,7 @@ bool StoreSnapshot::IsMarkerAt(std::int64_t offset) const {
 
 std::uint32_t StoreSnapshot::SlotOf(std::uint32_t age) const { return report::SlotOfAge(header_, age + uncounted_); }
 
-// Where the record has to end. The last one of a round ends where the round ended.
+// The offset at which the record must end. The last record of a round ends at the end of the round.
 std::int64_t StoreSnapshot::EndOf(std::uint32_t age) const {
   if (age + 1 < Count()) return offsets_[age + 1] > offsets_[age] ? offsets_[age + 1] : header_.fileEnd;
   return header_.writePosition != 0 ? header_.writePosition : header_.fileEnd;
@@ -219,7 +219,7 @@ int StoreSnapshot::ReadTexts(std::uint32_t age, std::uint32_t count) {
   return is_all && TakeWhole(age, count, window) ? 0 : TakeEach(age, count, window);
 }
 
-// Splits the run where its records have to end. False if one of them ends elsewhere.
+// Splits the run at the offsets where its records must end. False if one of them ends elsewhere.
 bool StoreSnapshot::TakeWhole(std::uint32_t age, std::uint32_t count, std::string_view window) {
   if (report::CountTextEnds(window) != count) return false;
   records_.resize(count);
@@ -237,7 +237,8 @@ bool StoreSnapshot::TakeWhole(std::uint32_t age, std::uint32_t count, std::strin
   return true;
 }
 
-// The same for a run with an exception. A text that does not end in the window is damaged, or longer than a window.
+// The same for a run in which a record ends elsewhere. A text that does not end in the window is damaged, or longer
+// than a window.
 int StoreSnapshot::TakeEach(std::uint32_t age, std::uint32_t count, std::string_view window) {
   records_.resize(count);
   for (std::uint32_t i = 0; i < count; ++i) {
@@ -257,7 +258,7 @@ int StoreSnapshot::TakeEach(std::uint32_t age, std::uint32_t count, std::string_
   return 0;
 }
 
-// What can be read of the bytes; nothing if they are more than a window.
+// The bytes that can be read; empty if they are more than a window.
 std::string_view StoreSnapshot::ReadWindow(std::int64_t begin, std::int64_t end) {
   const std::int64_t size = end - begin;
   if (size <= 0 || size > kWindowBytesMax) return {};
@@ -276,8 +277,8 @@ std::int64_t StoreSnapshot::OverwrittenTo(std::uint32_t age, const IndexHeader& 
   return is_any ? written_to + static_cast<std::int64_t>(report::kEndMarker.size()) : 0;
 }
 
-// What longer records have overwritten, and what a writer has replaced since the snapshot, is not good, whatever its
-// text looks like. The records are a run, so all of them are of one round.
+// Records are not whole if longer records have overwritten them, or if a writer has replaced them since the snapshot.
+// Their text cannot show this. The records are a run, so all of them belong to one round.
 void StoreSnapshot::CheckAfterReading(std::uint32_t age) {
   slots_now_.resize(records_.size());
   IndexHeader now;
@@ -292,8 +293,8 @@ void StoreSnapshot::CheckAfterReading(std::uint32_t age) {
   }
 }
 
-// The time of the last write is coarse, so the header is compared as well. The header alone does not show a report that
-// was started over and has as many bytes as before.
+// The time of the last write is coarse, so the header is compared, too. The header alone is not enough: a report that
+// was started over may have the same header again.
 bool StoreSnapshot::HasMoved() const {
   if (index_.IsTouched() || data_.IsReplaced()) return true;
   IndexHeader now;

@@ -1,9 +1,9 @@
-// Internal: the records of a report as they are at one moment, each with a judgement of its text.
+// Internal: the records of a report at one moment, and for each whether its text is whole.
 //
-// A snapshot keeps the header and the offsets of all slots. They show where each record must end: where the next one
-// begins, or, for the newest one, at the end marker. A text that ends anywhere else is not what was written there.
-// After the texts of a window are read, header and slots are read again: what a writer has replaced meanwhile is not
-// returned as good.
+// A snapshot keeps the header and the offsets of all slots. They show where each record must end: at the beginning of
+// the next record, or, for the newest one, at the end marker. A text that ends elsewhere is not the text that was
+// written. After the texts of a window are read, header and slots are read again: records that a writer has replaced
+// meanwhile are not returned as whole.
 //
 // The files stay open from one snapshot to the next. They are opened again if the path leads to other files.
 #pragma once
@@ -61,7 +61,7 @@ class StoreSnapshot {
  public:
   explicit StoreSnapshot(const std::string& path);
 
-  // Takes a new snapshot, of the files that have the path now. After an error it has no records. [owning thread]
+  // Takes a new snapshot of the files that have the path now. After an error it has no records. [owning thread]
   Error Take();
 
   // How many records there are. Records that a killed writer left, and that the header does not count, are left out.
@@ -69,8 +69,8 @@ class StoreSnapshot {
   // The header of the snapshot; it may count more records than there are. [owning thread]
   [[nodiscard]] const report::IndexHeader& Header() const { return header_; }
 
-  // The records from `age` on (0 is the oldest one): at least one, at most `count_max`, and no more than about 256 KiB
-  // of text; after the last record none. They are valid until the next call. [owning thread]
+  // The records from `age` on (0 is the oldest one): at least one, at most `count_max`, and about 256 KiB of text at
+  // most. Empty after the last record. They are valid until the next call. [owning thread]
   Error Read(std::uint32_t age, std::uint32_t count_max, std::span<const RecordView>& records);
 
   // True if there may be records that the snapshot does not have, or if that is not known. [owning thread]

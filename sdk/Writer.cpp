@@ -24,10 +24,10 @@ namespace {
 using sdk::MakeError;
 using sdk::SystemError;
 
-// The data file can be reached up to here; the end marker must fit in as well.
+// Texts must end before this offset: the end marker must also fit into the 4 GiB that a slot can reach.
 constexpr std::int64_t kDataBytesMax = std::int64_t{0xFFFFFFFF} - static_cast<std::int64_t>(report::kEndMarker.size());
 
-// What is known of one of a report's files before it is opened.
+// The state of one of a report's files before it is opened.
 struct FileState {
   std::string path;
   bool is_there = false;
@@ -58,7 +58,7 @@ Error CheckFiles(const FileState& index, const FileState& data, bool may_create)
                                             " holds something; remove it or move it away to start the report over");
 }
 
-// Two writers that create one report at the same time both get this far, and then one of them gets the lock.
+// If two writers create one report at the same time, both reach this point. Then only one of them gets the lock.
 Error CreateIndex(const std::string& path) {
   const file::Descriptor index = report::OpenStoreFile(path, report::OpenMode::kCreate);
   const int error = errno;
@@ -116,7 +116,7 @@ std::size_t TextsThatFit(report::IndexHeader header, std::span<const std::string
   return fitting;
 }
 
-// True if no text of the batch can reach the limit, whatever the ring does.
+// True if no text of the batch can reach the limit, wherever the ring and the data file wrap.
 bool StaysBelowLimit(const report::IndexHeader& header, std::span<const std::string_view> texts) {
   constexpr std::size_t kFarFromFull = std::size_t{1} << 31;
   constexpr std::size_t kTextsMax = kFarFromFull / (kRecordTextMax + report::kLineEnd.size());
@@ -127,8 +127,8 @@ bool StaysBelowLimit(const report::IndexHeader& header, std::span<const std::str
   return bytes < kFarFromFull;
 }
 
-// Records as they have to be appended so that they read back as they are: without the line end that an append adds, and
-// with a NUL where the record had one, which readers drop.
+// The texts to append so that readers return the given records again: without the line end that an append adds, and
+// with the NUL that readers dropped.
 class CopiedTexts {
  public:
   Error Add(std::string_view record, std::size_t number) {

@@ -1,7 +1,8 @@
-// Appends records to a report, and refuses what would lose or spoil records.
+// Appends records to a report, and refuses calls that would lose or damage records.
 //
-// A Writer is a layer above CReportFileBase (reportfile/ReportFileBase.h), which refuses nothing. It adds one writer at
-// a time, records that can be read back, many records at once, and errors with a reason. The files are the same.
+// A Writer uses CReportFileBase (reportfile/ReportFileBase.h), which refuses nothing. A Writer allows only one writer
+// at a time, stores only records that can be read back, appends many records at once, and returns errors with a reason.
+// The files are the same.
 #pragma once
 
 #if __cplusplus < 202002L
@@ -48,8 +49,8 @@ class Writer {
   Writer& operator=(const Writer&) = delete;
 
   // Opens `path`.ind and `path`.dat, or creates a report with space for `ring_size` records. A report that exists keeps
-  // its own ring size (RingSize). Closes what is open first. Errors: kBadArgument; kOtherWriter; kDamaged for a header
-  // that no writer leaves, or if one file is missing and the other one holds something; kSystem. If a killed writer
+  // its own ring size (RingSize). An open report is closed first. Errors: kBadArgument; kOtherWriter; kDamaged if no
+  // writer leaves such a header, or if one file is missing and the other one is not empty; kSystem. If a killed writer
   // left records that the header does not count, they are counted now. [owning thread]
   Error Open(const std::string& path, std::uint32_t ring_size, WriterCheck check = WriterCheck::kEveryProcess);
 
@@ -62,20 +63,20 @@ class Writer {
   Error Append(std::string_view text);
   Error Append(std::nullptr_t) = delete;
 
-  // Appends many records, at least twenty times as fast. All texts are checked before anything is written; the error's
-  // `record` is the text that it is about. After kFull, kSystem and kNoMemory the texts before `record` are stored, and
-  // no others. [any thread]
+  // Appends many records, at least twenty times as fast as one by one. All texts are checked before anything is
+  // written; the error's `record` is the index of the refused text. After kFull, kSystem and kNoMemory exactly the
+  // texts before `record` are stored. [any thread]
   Error Append(std::span<const std::string_view> texts);
   Error Append(std::span<const std::string> texts);
   Error Append(std::initializer_list<std::string_view> texts);
 
-  // Appends copies of records as readers return them, with their line ends, so that readers of this report get the same
+  // Appends copies of records, with their line ends, as readers returned them. Readers of this report get the same
   // bytes. Errors as above; kBadText for a text that no reader returns, because it continues after a byte at which a
   // record ends. [any thread]
   Error AppendCopies(std::span<const std::string_view> records);
 
-  // Makes sure that the header in the file counts everything that was appended. An append does not fail if only the
-  // last write of the header fails. Errors: kNotOpen, kSystem. [any thread]
+  // Writes the header if the one in the file does not count everything that was appended: an append succeeds even if
+  // its write of the header fails. Errors: kNotOpen, kSystem. [any thread]
   Error Confirm();
 
   // Whether the report is as this writer left it. Errors: kNotOpen; kNotFound if the path has other files now, or none;

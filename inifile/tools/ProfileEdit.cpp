@@ -104,7 +104,7 @@ std::string WhyNotLists(const ProfileContent& before, const ProfileContent& afte
 
 // --- planning
 
-// Builds the text step by step, like the class.
+// Builds the text step by step, with the results that CIniFile would have.
 class Planner {
  public:
   Planner(const std::string& text, const ProfileRequest& request) : request_(request) { plan_.text = text; }
@@ -230,7 +230,7 @@ class Planner {
     if (plan_.changes.empty()) plan_.state = has_section ? ProfileState::kNoKey : ProfileState::kNoSection;
   }
 
-  // All sections of the name, for the same reason.
+  // Deletes all sections of the name: readers would otherwise find the second one.
   void DeleteSections() {
     for (;;) {
       const Lines lines = LinesOf(plan_.text);
@@ -288,7 +288,7 @@ bool HoldsText(const std::string& path, const std::string& text) {
   return file.IsOpen() && file::ReadWhole(file.Number(), bytes, text.size()) == 0 && bytes == text;
 }
 
-// An anonymous file that can be opened by name.
+// A file in memory that has a path.
 struct MemoryFile {
   MemoryFile() : file(memfd_create("profile", MFD_CLOEXEC)) {}
   [[nodiscard]] std::string Path() const { return "/proc/self/fd/" + std::to_string(file.Number()); }

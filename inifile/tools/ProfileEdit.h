@@ -1,6 +1,6 @@
 // Careful edits of profile files, for tools. CIniFile edits the entries that its writer finds, removes comments above
-// them, and can store values that no reader returns. An edit of this header finds what readers find, changes only that
-// line, and is checked by reading everything back. The module does not link it.
+// them, and can store values that no reader returns. An edit of this header changes the entry that readers find, and
+// only its line. Then the whole file is read back and checked.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@
 
 namespace qx::inifile {
 
-// The request, with the names of section and key that programs use.
+// The requested edit. Names of section and key are those that programs use.
 struct ProfileRequest {
   enum class Kind { kSet, kDeleteKey, kDeleteSection };
   Kind kind = Kind::kSet;
@@ -38,7 +38,7 @@ struct ProfileChange {
   bool is_section = false;
 };
 
-// One call of the class.
+// One call of CIniFile.
 struct ProfileStep {
   std::size_t from = 0;
   std::size_t to = 0;

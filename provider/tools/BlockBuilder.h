@@ -78,7 +78,7 @@ class BlockElements {
     }
     return array_;
   }
-  // Brings count and array of every nested block up to date.
+  // Updates the count and the array of every nested block.
   void FinishNested();
 
   std::shared_ptr<RawBlock> raw_;

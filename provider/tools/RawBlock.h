@@ -1,5 +1,5 @@
-// A request block of any shape, also of shapes that no service makes: for programs that call a module, for tests,
-// benchmarks and fuzz targets. BlockBuilder.h makes good blocks of it.
+// A request block of any shape, also an invalid one: for programs that call a module, tests, benchmarks and fuzz
+// targets. BlockBuilder.h uses it to make valid blocks.
 //
 // Every structure, array, number and text is a heap block of its exact size, so that the address sanitizer sees a read
 // of one byte too many.

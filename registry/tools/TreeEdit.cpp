@@ -104,7 +104,7 @@ bool BeginsWithHive(const CRegistryNode& tree, std::string_view path) {
   return FindPresent(tree, name) != nullptr || std::find(kHives.begin(), kHives.end(), name) != kHives.end();
 }
 
-// "A/B/C" => "A/B" and "C"; a separator at the end is ignored
+// "A/B/C" => "A/B/" and "C"; a separator at the end is ignored
 std::pair<std::string_view, std::string_view> SplitLast(std::string_view path) {
   if (path.ends_with('/') || path.ends_with('\\')) path.remove_suffix(1);
   const std::size_t separator = path.find_last_of("\\/");
