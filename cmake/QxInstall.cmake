@@ -1,4 +1,4 @@
-# What `cmake --install` puts where.
+# The files that `cmake --install` installs, and their places.
 #
 #   component module  the module, at the path from which the service loads it
 #   component sdk     headers, static libraries, the CMake package, the pkg-config file, examples: for agents and hosts
@@ -24,8 +24,9 @@ set(qx_examples_dir ${CMAKE_INSTALL_DATADIR}/doc/libqxremconxfer-dev/examples)
 
 install(TARGETS QXRemConXfer LIBRARY DESTINATION ${QX_MODULE_DIR} COMPONENT module)
 
-# The sources that define what the module exports describe its types, too, so that its ABI can be compared with
-# packaging/abi/QXRemConXfer.abi. The other sources have only line numbers. An installed module is stripped of both.
+# The sources that define the module's exports are compiled with a description of their types, so that the ABI can be
+# compared with packaging/abi/QXRemConXfer.abi. The other sources have only line numbers. An installed module has
+# neither.
 set_property(SOURCE provider/Exports.cpp provider/Module.cpp TARGET_DIRECTORY qx_provider
   APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-g>)
 set_property(SOURCE reportfile/ReportFileBase.cpp TARGET_DIRECTORY qx_reportfile
@@ -33,7 +34,7 @@ set_property(SOURCE reportfile/ReportFileBase.cpp TARGET_DIRECTORY qx_reportfile
 set_property(SOURCE sdk/QxReport.cpp TARGET_DIRECTORY qxreport
   APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-g>)
 
-# The headers that agents and hosts include, and after the empty line those that these include.
+# The headers that agents and hosts include; after the empty line, the headers that these include.
 set(qx_public_headers
   base/CriticalSection.h
   debug/Debug.h
@@ -71,7 +72,7 @@ foreach(header ${qx_public_headers})
   install(FILES ${header} DESTINATION ${qx_include_dir}/${folder} COMPONENT sdk)
 endforeach()
 
-# Each archive defines what the ones before it lack: also the order of the pkg-config file.
+# Each archive defines symbols that the archives before it need. The pkg-config file has the same order.
 set(qx_public_libraries
   qx_sdk qx_reportfile_tools qx_provider qx_reportfile qx_paths qx_markup qx_inifile qx_registry qx_trace_object qx_debug qx_process
   qx_base_tools qx_base)
@@ -89,7 +90,7 @@ endforeach()
 install(TARGETS ${qx_public_libraries} EXPORT QXRemConXferTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT sdk)
 
-# libqxreport.so.0 for programs, its plain name for those who link them, and the Python module that loads it.
+# libqxreport.so.0 for programs, the link without the version for the linker, and the Python module that loads it.
 set_target_properties(qxreport PROPERTIES EXPORT_NAME qxreport)
 target_include_directories(qxreport INTERFACE $<INSTALL_INTERFACE:${qx_include_dir}>)
 install(TARGETS qxreport EXPORT QXRemConXferTargets
@@ -105,7 +106,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/QXRemConXferConfigVersion
 install(FILES ${PROJECT_BINARY_DIR}/QXRemConXferConfig.cmake ${PROJECT_BINARY_DIR}/QXRemConXferConfigVersion.cmake
   DESTINATION ${qx_config_dir} COMPONENT sdk)
 
-# The pkg-config file finds its prefix from its own place, so a tree may be moved as a whole.
+# The pkg-config file computes the prefix from its own path, so a tree may be moved as a whole.
 set(qx_pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH qx_pc_to_prefix /prefix/${qx_pc_dir} /prefix/)
 string(REGEX REPLACE "/$" "" qx_pc_to_prefix ${qx_pc_to_prefix})

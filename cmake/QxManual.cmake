@@ -1,6 +1,6 @@
-# Manual pages of qxctl and qxrelay, and shell completions of qxctl. Each program knows its commands and options best, so it
-# fills them into its page, and writes the page of each command and the completion scripts itself. None of them is built where scdoc is missing
-# or a sanitizer slows the tool.
+# Manual pages of qxctl and qxrelay, and shell completions of qxctl. Each program writes its commands and options into
+# its page, and writes the page of each command; qxctl also writes the completion scripts. Without scdoc, and with a
+# sanitizer (which slows the programs), nothing of this is built.
 find_program(QX_SCDOC scdoc)
 file(GLOB qx_manual_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.scd)
 if(NOT QX_SCDOC OR NOT qx_manual_sources OR QX_SANITIZE)

@@ -1,5 +1,5 @@
-# Debian packages by CPack, one a component; script/package builds and checks them. What the packages hold is decided in
-# QxInstall.cmake; packaging/debian/finish.cmake adds what only a package has.
+# Debian packages by CPack, one for each component; script/package builds and checks them. QxInstall.cmake decides what
+# they contain; packaging/debian/finish.cmake adds what only a package has.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qxremconxfer)
 set(CPACK_PACKAGE_CONTACT "QXRemConXfer developers <qxremconxfer@example.org>")

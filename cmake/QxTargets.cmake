@@ -1,5 +1,5 @@
-# How this project's targets are made. Every target gets the warnings, the sanitizer and the hardening of the build;
-# a folder's CMakeLists.txt only says what the target consists of and what it may see.
+# Functions that make this project's targets. Every target gets the warnings, the sanitizer and the hardening of the
+# build. A folder's CMakeLists.txt only lists the sources of a target and the libraries that it links.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -42,7 +42,7 @@ target_include_directories(qx_flags INTERFACE ${PROJECT_SOURCE_DIR})
 target_link_libraries(qx_flags INTERFACE Threads::Threads)
 
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # A unique symbol would keep the module mapped forever after dlclose.
+  # With unique symbols (GNU_UNIQUE), the module would stay mapped after dlclose.
   target_compile_options(qx_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fno-gnu-unique>)
 endif()
 
@@ -58,8 +58,8 @@ elseif(NOT QX_SANITIZE STREQUAL "")
   message(FATAL_ERROR "QX_SANITIZE is '${QX_SANITIZE}'; it may be empty, 'address' or 'thread'")
 else()
   target_compile_options(qx_flags INTERFACE -fstack-protector-strong -fstack-clash-protection -fcf-protection)
-  # The C library's start files have no mark for the shadow stack, although they work with one. Without this option, the
-  # linker would therefore omit the mark.
+  # The C library's start files are not marked for the shadow stack, although they work with it. Without this option,
+  # the linker would not mark the program either.
   target_link_options(qx_flags INTERFACE -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,-z,text -Wl,-z,shstk)
   if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$")  # the C library checks lengths only where it optimises
     target_compile_definitions(qx_flags INTERFACE $<$<NOT:$<BOOL:$<TARGET_PROPERTY:QX_IS_TEST>>>:_FORTIFY_SOURCE=3>)
@@ -87,7 +87,7 @@ if(QX_BUILD_FUZZ)
   target_link_options(qx_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# Only the tested code has counters: the tests themselves compile and run faster without them.
+# Only the tested code gets the counters of coverage: the tests themselves compile and run faster without them.
 function(qx_count_coverage target)
   if(QX_COVERAGE)
     target_compile_options(${target} PRIVATE --coverage -fprofile-update=atomic)
@@ -96,7 +96,7 @@ endfunction()
 
 # qx_library(NAME [FAST_BUILD | SPEED_COUNTS] [APART] SOURCES a.cpp... DEPS qx_other...): a subsystem library. It sees only what
 # it links. APART: its sources are never joined, because programs link some of them without what the others need.
-# The flags are this build's own: they do not follow an installed library into other people's programs.
+# The flags are used only in this build: programs that link an installed library do not get them.
 function(qx_library name)
   cmake_parse_arguments(arg "FAST_BUILD;SPEED_COUNTS;APART" "" "SOURCES;DEPS" ${ARGN})
   # Without a sanitizer, what ships in the module is compiled as it ships, and shows that each source includes what it names.
@@ -117,7 +117,7 @@ function(qx_library name)
     qx_precompile_headers(${headers})
     target_precompile_headers(${name} REUSE_FROM ${headers})
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-      # g++ 12 no longer knows which code is the system's, and warns of it.
+      # Here g++ 12 does not recognise code of system headers, and reports warnings in it.
       target_compile_options(${name} PRIVATE -Wno-array-bounds -Wno-stringop-overflow -Wno-stringop-overread -Wno-restrict)
     endif()
   endif()
@@ -209,10 +209,10 @@ function(qx_link_c_program target)
   endif()
 endfunction()
 
-# What is tested is built as it ships, or as its sanitizer wants it. The tool need not be fast, and compiles in two
-# thirds of the time with fewer optimisations, with a sanitizer in one third. Checks for null and unaligned pointers
-# would be a quarter of the sanitizer's work, so the tool has none: a null pointer ends a program anyway, and unaligned
-# ones are found in the libraries.
+# Tested code is built as it ships, or with the optimisation for its sanitizer. The tool need not be fast: with fewer
+# optimisations it compiles in two thirds of the time, with a sanitizer in one third. Checks for null and unaligned
+# pointers would be a quarter of the sanitizer's work, so the tool has none: a null pointer ends a program anyway, and
+# unaligned ones are found in the libraries.
 function(qx_compile_fast target)
   target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-O1>)
   if(QX_SANITIZE)
@@ -221,7 +221,7 @@ function(qx_compile_fast target)
   set_target_properties(${target} PROPERTIES QX_COMPILE_FAST ON)
 endfunction()
 
-# The tests themselves are never optimised. Line numbers, a seventh of the work, are for sanitizers and debuggers.
+# The tests themselves are not optimised. Line numbers, a seventh of the work, are only for sanitizers and debuggers.
 function(qx_compile_as_test target)
   target_compile_options(${target} PRIVATE -O0 $<IF:$<CONFIG:Release>,-g0,-g1>)
   set_target_properties(${target} PROPERTIES QX_COMPILE_FAST ON QX_IS_TEST ON)
@@ -264,7 +264,7 @@ function(qx_test name)
   endif()
 endfunction()
 
-# Takes the test sources without a threaded suite out of the list, if any is left then. Sources that are not tests stay.
+# Removes test sources without a threaded suite from the list, unless all would be removed. Other sources stay.
 function(qx_keep_threaded_tests sources has_threads)
   set(kept)
   set(found FALSE)
@@ -323,8 +323,7 @@ function(qx_find_library name header library package tier)
 endfunction()
 
 # What qxrelay links: the client library of NATS as the target qx_nats, and libmicrohttpd as qx_microhttpd. The CMake
-# package of NATS asks for development packages of its dependencies, which a program that links the shared library does not
-# need.
+# package of NATS is not used: it requires development packages that a program with the shared library does not need.
 function(qx_find_relay_libraries)
   qx_find_library(microhttpd microhttpd.h microhttpd libmicrohttpd-dev relay)
   if(TARGET qx_microhttpd)
@@ -332,7 +331,7 @@ function(qx_find_relay_libraries)
   endif()
 endfunction()
 
-# What qxview links: libmicrohttpd, and GnuTLS, which that links as well.
+# What qxview links: libmicrohttpd, and GnuTLS, which libmicrohttpd links, too.
 function(qx_find_view_libraries)
   qx_find_library(microhttpd microhttpd.h microhttpd libmicrohttpd-dev view)
   qx_find_library(gnutls gnutls/gnutls.h gnutls libgnutls28-dev view)

@@ -123,7 +123,7 @@ def growth_of(results):
             for (small, before), (large, cost) in zip(medians, medians[1:])]
 
 
-# A row's loop is between these two functions of the benchmark library.
+# The benchmark library calls these two functions before and after the loop of a row.
 LOOP_BEGIN = "benchmark::State::StartKeepRunning()"
 LOOP_END = "benchmark::State::FinishKeepRunning()"
 
@@ -137,7 +137,8 @@ def instructions_of(row):
         prefix = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={out}",
                   f"--zero-before={LOOP_BEGIN}", f"--dump-before={LOOP_END}"]
         iterations = run_row(row, prefix, seconds=0.2).iterations
-        # Each attempt of the library with more iterations ends with a dump; the last one is the result's.
+        # The library tries again with more iterations, and each attempt ends with a dump. The last dump belongs to the
+        # result.
         dumps = sorted(pathlib.Path(directory).glob("counts.*"), key=lambda path: int(path.suffix[1:]))
         loops = [total for total in map(total_of, dumps) if total]
     return loops[-1] / iterations if loops else None

@@ -24,8 +24,8 @@ PARSER_SOURCE = pathlib.Path("tools/qxctl/cli/line/Parser.cpp")
 # The one folder that knows the client library of NATS.
 NATS_FOLDER = pathlib.Path("tools/qxrelay/stream")
 
-# What a folder may include besides itself. "paths" is the lower layer of provider/; "debug/tools" is what programs need
-# of debug/ and the module does not.
+# The folders that a folder may include besides itself. "paths" is the lower layer of provider/. "debug/tools" is the
+# part of debug/ that only programs need.
 LAYERS = {
     "base": set(),
     "process": {"base"},
@@ -43,7 +43,7 @@ for folder in ("debug", "inifile", "registry", "reportfile", "provider"):
     LAYERS[f"{folder}/tools"] = LAYERS[folder] | {folder, "base/tools"}
 # Work on a whole directory of reports: survey, backup, restore.
 LAYERS["reportfile/tools/directory"] = LAYERS["reportfile/tools"] | {"reportfile/tools"}
-# What agents link, above what the module consists of.
+# The library for agents, a layer above the module's folders.
 LAYERS["sdk"] = {"base", "paths", "reportfile", "reportfile/tools"}
 FOLDER_TOOLS = set(LAYERS) - MODULE  # the programs may include sdk, too
 
@@ -64,7 +64,7 @@ AREAS = {
 }
 for area, others in AREAS.items():
     LAYERS[f"tools/qxctl/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{other}" for other in [*others, "cli/text"]}
-# Of the area cli as well: texts and documents, what describes the commands, and what reads a command line.
+# The area cli has three parts: texts and documents, the descriptions of commands, and the reader of a command line.
 LAYERS["tools/qxctl/cli/text"] = {"markup"}
 LAYERS["tools/qxctl/cli/describe"] = {"tools/qxctl/cli", "tools/qxctl/cli/text"}
 LAYERS["tools/qxctl/cli/line"] = {"tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/text"}
@@ -132,7 +132,7 @@ FILE_CALLS = [
 ]
 FILE_CALLERS = {
     "base/FileCalls.cpp": set(FILE_CALL_NAMES.split()),
-    # The interface has these files as streams, on descriptors from base/File.h.
+    # These sources use files as streams, because the interface requires it. The descriptors come from base/File.h.
     "debug/LogFileSink.cpp": {"fdopen"},
     "inifile/ProfileWriter.cpp": {"fdopen"},
     "inifile/tools/ProfileEdit.cpp": {"fdopen"},
@@ -141,10 +141,10 @@ FILE_CALLERS = {
     "tools/qxctl/cli/Interrupt.cpp": {"unlinkat"},
 }
 
-# The value may change before an argument next to it is evaluated, or by the conversion of another argument.
+# errno as an argument: the evaluation or the conversion of another argument may change its value first.
 ERRNO_ARGUMENT = (r"(,\s*errno\b(?!\s*[=!<>]))|(\berrno\s*,)|^\s*errno\s*\)", "copy errno in the statement after the call, and pass the copy")
 
-# In some folders more is banned: a document must not parse differently under a host's locale.
+# Further calls are banned in some folders, because a host's locale must not change how a document is parsed.
 BANNED_IN = {
     "markup": [(r"\b(is(alnum|alpha|cntrl|digit|graph|lower|print|punct|space|upper|xdigit)|to(lower|upper)|"
                 r"str(n?casecmp|coll|xfrm))\s*\(", "asks the locale; use markup/Ascii.h")],

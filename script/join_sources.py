@@ -11,7 +11,8 @@ import sys
 INCLUDE = re.compile(r'^[ ]*#[ ]*include[ ]+[<"].*?[>"]', re.MULTILINE)
 OWN_INCLUDE = re.compile(r'^#include "(.*?)"', re.MULTILINE)
 UNNAMED_NAMESPACE = re.compile(r"^namespace \{$(.*?)^\}  // namespace$", re.MULTILINE | re.DOTALL)
-# A type, an alias, a constant or a function of one source, at the beginning of a line. Members ("Class::Name") are not meant.
+# A type, an alias, a constant or a function of one source, at the beginning of a line. Members ("Class::Name") are left
+# out.
 DEFINITION = re.compile(r"^(?:(?:struct|class|enum class|enum|union)\s+(?P<type>\w+)|using\s+(?P<alias>\w+)\s*=|"
                         r"(?!using\b|namespace\b|extern\b)\w[\w:<>,*& \[\]]*[ *&](?P<name>\w+) ?[({=;\[])", re.MULTILINE)
 

@@ -17,7 +17,7 @@ import join_sources
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 CODE = re.compile(r'//[^\n]*|R"\((?:.|\n)*?\)"|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'')
 INCLUDE = re.compile(r'^#include ([<"])(.*?)[>"]', re.MULTILINE)
-# What a header defines: in a namespace, so at the beginning of a line.
+# The names that a header defines: in a namespace, and so at the beginning of a line.
 DEFINED = re.compile(r"^(?:template <.*>\s*)?(?:\[\[nodiscard\]\] )?(?:(?:struct|class|enum class|enum)\s+(\w+)(?!\w*;)|using\s+(\w+)\s*=|"
                      r"(?!using|namespace|class|struct|enum|return|#)[A-Za-z_][\w:<>,*& ]*[ *&](\w+) ?[({=;\[])", re.MULTILINE)
 STANDARD = {
@@ -74,7 +74,8 @@ def findings(text, headers):
             yield f"names std::{name} and does not include <{HEADER_OF[name]}>"
     here = set().union(*map(words_of, own)) if own else set()
     types, others = join_sources.definitions(text)
-    # A capital and a small letter: the names of types, functions and constants of this project. Members are not looked at.
+    # The names of types, functions and constants of this project begin with a capital and a small letter. Members are
+    # not checked.
     named = set(re.findall(r"(?<![\w.>])k?[A-Z]\w*[a-z]\w*", code)) - here - types - others
     for name in sorted(named):
         places = [header for header in headers if name in defined_in(header)]

@@ -75,11 +75,11 @@ def check(folder, commands, sources, options):
 
 
 def options_of(analyse):
-    # A name may shadow one of another source here; the compilers check the sources that belong together.
+    # Here a name may shadow a name of another source, because the sources are joined. The compilers check each source.
     options = ["--extra-arg=-Wno-shadow"]
     if not analyse:
         return [*options, "--checks=-clang-analyzer-*"]
-    # What .clang-tidy switches off must be switched off again after the wildcard.
+    # The wildcard enables all checks of the analyser, so those that .clang-tidy disables are disabled again after it.
     checks = "--checks=clang-analyzer-*,-clang-analyzer-valist.Uninitialized," \
              "-clang-analyzer-security.insecureAPI.DeprecatedOrUnsafeBufferHandling"
     limits = ("-Xclang", "-analyzer-config", "-Xclang", "max-nodes=75000")
