@@ -7,7 +7,7 @@ import urllib.request
 
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.keys import Keys
-from support import VIEWER_OFFSET, BrowserTest, now, utc_text
+from support import VIEWER_OFFSET, BrowserTest, local_text, now, utc_text
 
 RECORDS = 600
 
@@ -167,7 +167,7 @@ class ReportTest(BrowserTest):
         row = self.all('[aria-label="Records"] .log tbody tr')[7]
         ActionChains(self.driver).move_to_element(row).perform()
         self.wait(lambda: self.all(".plot-cursor:not([hidden])"), "the cursor on the chart")
-        time = row.text.split()[0]
+        time = row.find_element("css selector", ".log-time").text
         self.assertIn(time, self.text(".readout-time"))
         self.assertEqual(self.text('[aria-label="Records"] [aria-current=true] .log-time'), time)
         self.assertEqual(len(self.all('[aria-label="Traces"] [aria-current=true]')), 1)
@@ -182,7 +182,7 @@ class ReportTest(BrowserTest):
         self.wait(lambda: self.all(".plot-cursor:not([hidden])"), "the cursor on the chart")
         self.assertEqual(self.all('[aria-label="Records"] [aria-current=true]'), [])
         self.button("Show older").click()
-        self.wait(lambda: utc_text(self.moments[10] + VIEWER_OFFSET)[11:] == self.text("[aria-current=true] .log-time"), "the marked record")
+        self.wait(lambda: local_text(self.moments[10]) == self.text("[aria-current=true] .log-time"), "the marked record")
 
     def test_filter_shows_matching_records_and_marks_them(self):
         self.open_machine()
@@ -235,6 +235,25 @@ class ReportTest(BrowserTest):
         self.wait(lambda: any(utc_text(newest)[11:] in row for row in self.rows()), "the time in UTC")
         self.assertIn("utc=1", self.address)
         self.assertIn("UTC", self.text(".span-text"))
+
+    def times(self):
+        return self.texts('[aria-label="Records"] .log-time')
+
+    def test_record_of_another_day_is_shown_with_its_day(self):
+        self.site.fill("chart/days", 1, numbers, end=now() - datetime.timedelta(days=2))
+        moments = self.site.fill("chart/days", 1, numbers)
+        old = utc_text(moments[0] - datetime.timedelta(days=2) + VIEWER_OFFSET)
+        self.open_report("chart/days")
+        self.wait(lambda: len(self.rows()) == 2, "both records")
+        self.assertEqual(self.times()[0], local_text(moments[0]))
+        self.assertEqual(self.times()[1][:16], old[:16])
+
+    def test_times_get_their_day_when_midnight_passes(self):
+        moments = self.site.fill("chart/midnight", 2, numbers)[::-1]
+        self.open_report("chart/midnight")
+        self.wait(lambda: self.times() == [local_text(moment) for moment in moments], "the times of today")
+        self.script("const now = Date.now; Date.now = () => now() + 86400000;")
+        self.wait(lambda: self.times() == [utc_text(moment + VIEWER_OFFSET) for moment in moments], "the times with their day")
 
     def test_facts_and_names_are_shown(self):
         self.open_machine()

@@ -27,8 +27,7 @@ sys.path.insert(0, str(ROOT / "sdk/python"))
 import qxreport  # noqa: E402  (found in the folder above)
 
 WEB = ROOT / "tools/qxview/web"
-VIEWER_ZONE = "Asia/Kolkata"  # the browser's; the server has UTC
-VIEWER_OFFSET = datetime.timedelta(hours=5, minutes=30)
+MINUTE = datetime.timedelta(minutes=1)
 START_SECONDS = 20
 HIGHEST_INDEX_OFFSET = 16  # in the header of an index file
 
@@ -40,6 +39,39 @@ def utc_text(moment):
 
 def now():
     return datetime.datetime.now(datetime.timezone.utc)
+
+
+def viewer_offset():
+    """How far the viewer's clock is ahead of UTC, where the server is.
+
+    Half an hour off, and never near midnight: the pages show the day of a record that is not of today, so the hour at which the
+    tests run would change what they see. QX_VIEWER_CLOCK=23:59 lets the viewer's clock show that time at the start instead.
+    """
+    clock = os.environ.get("QX_VIEWER_CLOCK")
+    if clock is None:
+        offset = datetime.timedelta(hours=5, minutes=30)
+        is_near_midnight = not 2 <= (now() + offset).hour < 22
+        return offset - datetime.timedelta(hours=12) if is_near_midnight else offset
+    hour, minute = clock.split(":")
+    started = now().replace(second=0, microsecond=0)
+    offset = started.replace(hour=int(hour), minute=int(minute)) - started
+    return offset if offset >= -12 * 60 * MINUTE else offset + datetime.timedelta(days=1)
+
+
+VIEWER_OFFSET = viewer_offset()
+
+
+def zone_name(offset):
+    """GMT+05:30"""
+    minutes = offset // MINUTE
+    return f"GMT{'-' if minutes < 0 else '+'}{abs(minutes) // 60:02}:{abs(minutes) % 60:02}"
+
+
+def local_text(moment):
+    """A time as the pages show it in a list: with its day, unless that is today."""
+    local = utc_text(moment + VIEWER_OFFSET)
+    is_today = local[:10] == utc_text(now() + VIEWER_OFFSET)[:10]
+    return local[11:] if is_today else local
 
 
 def stamped(moment, text):
@@ -153,7 +185,7 @@ def new_browser():
                      "--force-color-profile=srgb", "--window-size=1360,900"):
         options.add_argument(argument)
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-    service = Service(shutil.which("chromedriver"), env=dict(os.environ, TZ=VIEWER_ZONE))
+    service = Service(shutil.which("chromedriver"))
     driver = webdriver.Chrome(service=service, options=options)
     driver.set_page_load_timeout(START_SECONDS)
     driver.set_script_timeout(START_SECONDS)
@@ -180,6 +212,7 @@ class BrowserTest(unittest.TestCase):
         self.expected_errors = []
         self.media()
         self.screen()
+        self.command("Emulation.setTimezoneOverride", timezoneId=zone_name(VIEWER_OFFSET))
         self.log_in()
         self.console()
 

@@ -28,10 +28,15 @@ export function clockTime(ms, utc) {
   return fullTime(ms, utc).slice(11, 19);
 }
 
+// 2026-01-31
+export function logDay(ms, utc) {
+  return fullTime(ms, utc).slice(0, 10);
+}
+
 // Today the date says nothing: 10:20:30.123, or 2026-01-31 10:20:30.123 for another day.
 export function logTime(ms, utc) {
   const text = fullTime(ms, utc);
-  return text.slice(0, 10) === fullTime(Date.now(), utc).slice(0, 10) ? text.slice(11) : text;
+  return text.startsWith(logDay(Date.now(), utc)) ? text.slice(11) : text;
 }
 
 // What the label of an axis needs if the labels are `step` milliseconds apart.

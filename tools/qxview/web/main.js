@@ -2,6 +2,7 @@
 
 import { openSession } from "./api.js";
 import { prepareLibrary } from "./chart.js";
+import { logDay } from "./format.js";
 import { Frame } from "./frame.js";
 import { showHealth } from "./health.js";
 import { showLogin, tokenIn } from "./login.js";
@@ -18,7 +19,9 @@ class Pages {
     this.frame = null;
     this.view = null;
     this.route = parseRoute(location.hash);
+    this.day = logDay(Date.now(), false);
     window.addEventListener("hashchange", () => this.follow());
+    setInterval(() => this.followDay(), 1000);
   }
 
   async start() {
@@ -38,6 +41,14 @@ class Pages {
     } catch (error) {
       return error.message;
     }
+  }
+
+  // Times of today are shown without their day, so they are shown again when the day changes.
+  followDay() {
+    const day = logDay(Date.now(), this.frame?.utc);
+    if (this.day === day) return;
+    this.day = day;
+    this.view?.redrawTexts?.();
   }
 
   logIn(problem) {

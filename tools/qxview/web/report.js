@@ -225,7 +225,7 @@ class Report {
     else this.redrawTexts();
   }
 
-  // The zone of the times may have changed.
+  // The zone of the times, or the day, may have changed.
   redrawTexts() {
     this.records.rebuild();
     this.traces.rebuild();

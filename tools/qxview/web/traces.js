@@ -192,9 +192,14 @@ class Traces {
     this.showControls();
     const asked = ({ params }) => ["from", "to", "level", "filter", "rows"].map((name) => params.get(name)).join("\n");
     if (asked(before) !== asked(route)) this.load();
-    else this.list.rebuild();
-    this.list.mark(this.cursor.time, false);
+    else this.redrawTexts();
     this.showCount();
+  }
+
+  // The zone of the times, or the day, may have changed.
+  redrawTexts() {
+    this.list.rebuild();
+    this.list.mark(this.cursor.time, false);
   }
 
   showControls() {
