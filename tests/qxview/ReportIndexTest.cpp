@@ -118,9 +118,9 @@ class ViewReport : public testing::Test {
  protected:
   [[nodiscard]] std::string Path() const { return dir_.File("load"); }
 
-  void Append(int first, int end, const std::string& stamp = "2026-01-31 10:") {
+  void Append(int first, int end, const std::string& stamp = "2026-01-31 10:", std::uint32_t slots = kSlots) {
     CReportFileBase store;
-    ASSERT_TRUE(store.Open(Path().c_str(), kSlots));
+    ASSERT_TRUE(store.Open(Path().c_str(), slots));
     for (int i = first; i < end; ++i) ASSERT_TRUE(store.writeLine(TextOf(i, stamp).c_str()));
   }
 
@@ -131,14 +131,28 @@ class ViewReport : public testing::Test {
   }
 
   Chart Draw(ReportIndex& index, const ChartRequest& request) {
-    Chart chart;
-    const Error error = index.Draw(request, chart);
-    EXPECT_FALSE(error.Failed()) << error.text;
-    return chart;
+    Drawing drawing = {.request = request};
+    while (!drawing.work.is_done) Step(index, drawing);
+    return drawing.chart;
+  }
+
+  template <typename Work>
+  void Step(ReportIndex& index, Work& work) {
+    const Error error = work.work.is_done ? Error() : index.Step(work, ++steps_ % 3 == 0);
+    ASSERT_FALSE(error.Failed()) << error.text;
+  }
+
+  // The files may be damaged.
+  [[nodiscard]] std::size_t RowsOfAnyFile() const {
+    ReportIndex index(Path());
+    Drawing drawing = {.request = {.fields = {"cpu"}}};
+    while (!drawing.work.is_done && !index.Step(drawing, true).Failed()) continue;
+    return drawing.chart.rows.size();
   }
 
   static constexpr std::uint32_t kSlots = 100;
   test::TempDir dir_;
+  int steps_ = 0;  // every third one is the last of a turn
 };
 
 // All values of a chart whose columns have one value each.
@@ -148,6 +162,13 @@ std::vector<double> ValuesOf(const Chart& chart, std::size_t field = 0) {
     if (row.values[field].has_value()) values.push_back(row.values[field]->last);
   }
   return values;
+}
+
+// The numbers from the oldest one that was there up to the last one.
+void ExpectSuccessive(const std::vector<double>& values, std::uint64_t end) {
+  ASSERT_FALSE(values.empty());
+  EXPECT_EQ(values.back() + 1, static_cast<double>(end));
+  for (std::size_t i = 1; i < values.size(); ++i) ASSERT_EQ(values[i], values[i - 1] + 1) << i;
 }
 
 }  // namespace
@@ -206,12 +227,67 @@ TEST_F(ViewReport, RangeIsDrawnFromItsRecords) {
   const Chart chart = Draw(index, {.fields = {"cpu"}, .from = from, .to = from + 4000});
   EXPECT_THAT(ValuesOf(chart), ElementsAre(20, 21, 22, 23, 24));
   std::vector<std::uint64_t> numbers;
-  Cursor cursor;
-  const Error error = index.ReadRange(
-      {.fields = {}, .from = from, .to = from + 2000},
-      [&](const PassedRecord& record) { numbers.push_back(record.number); }, cursor);
-  EXPECT_FALSE(error.Failed());
+  RangeReading reading = {.range = {.from = from, .to = from + 2000},
+                          .begin = [&] { numbers.clear(); },
+                          .take = [&](const PassedRecord& record) { numbers.push_back(record.number); }};
+  while (!reading.work.is_done) Step(index, reading);
+  EXPECT_EQ(reading.cursor.next, 100U);
   EXPECT_THAT(numbers, ElementsAre(20, 21, 22));
+}
+
+// Requests for one report, a step of each in turn, while it grows and its ring wraps.
+TEST_F(ViewReport, InterleavedRequestsGetWhatEachWouldGetAlone) {
+  Append(0, 60);
+  ReportIndex index(Path(), 7);
+  std::vector<double> numbers;
+  RangeReading reading = {
+      .range = {},
+      .begin = [&] { numbers.clear(); },
+      .take = [&](const PassedRecord& record) { numbers.push_back(static_cast<double>(record.number)); }};
+  std::vector<Drawing> drawings = {{.request = {.fields = {"cpu"}}}};
+  int rounds = 0;
+  for (int end = 60; end < 220; end += 8) {
+    if (end == 92 || end == 188) drawings.push_back({.request = {.fields = {"load", "cpu"}}});
+    drawings.push_back({.request = {.fields = {"cpu"}}});
+    for (Drawing& drawing : drawings) Step(index, drawing);
+    Step(index, reading);
+    rounds += drawings.front().work.is_done ? 0 : 1;
+    Append(end, end + 8);
+  }
+  EXPECT_GT(rounds, 2) << "the work takes several steps";
+  for (Drawing& drawing : drawings) {
+    while (!drawing.work.is_done) Step(index, drawing);
+    const std::vector<double> values = ValuesOf(drawing.chart, drawing.request.fields.size() - 1);
+    ExpectSuccessive(values, drawing.chart.cursor.next);
+    if (drawing.request.fields.size() < 2) continue;
+    const std::vector<double> loads = ValuesOf(drawing.chart);
+    ASSERT_EQ(loads.size(), values.size());
+    for (std::size_t i = 0; i < loads.size(); ++i) EXPECT_EQ(loads[i], std::fmod(values[i], 10) / 10);
+  }
+  while (!reading.work.is_done) Step(index, reading);
+  ExpectSuccessive(numbers, reading.cursor.next);
+}
+
+TEST_F(ViewReport, StartOverBetweenTwoStepsBeginsTheWorkAgain) {
+  Append(0, 2500, "2026-01-31 10:", 3000);
+  ReportIndex index(Path(), 100);
+  std::vector<std::uint64_t> numbers;
+  Drawing drawing = {.request = {.fields = {"cpu"}}};
+  RangeReading reading = {.range = {},
+                          .begin = [&] { numbers.clear(); },
+                          .take = [&](const PassedRecord& record) { numbers.push_back(record.number); }};
+  while (!reading.work.is_passing) Step(index, reading);
+  ASSERT_FALSE(reading.work.is_done);
+  Step(index, drawing);
+  std::filesystem::remove(Path() + ".ind");
+  std::filesystem::remove(Path() + ".dat");
+  Append(60, 90, "2026-02-01 11:");
+  while (!reading.work.is_done) Step(index, reading);
+  while (!drawing.work.is_done) Step(index, drawing);
+  EXPECT_EQ(reading.work.begins, 2);
+  EXPECT_EQ(numbers.size(), 30U);
+  EXPECT_EQ(ValuesOf(drawing.chart).front(), 60);
+  EXPECT_EQ(ValuesOf(drawing.chart).size(), 30U);
 }
 
 TEST_F(ViewReport, HostileFilesAreAFailureOrAnEmptyChart) {
@@ -222,16 +298,13 @@ TEST_F(ViewReport, HostileFilesAreAFailureOrAnEmptyChart) {
       std::string changed = index_bytes;
       changed[byte] = value;
       test::WriteFile(Path() + ".ind", changed);
-      Chart chart;
-      (void)ReportIndex(Path()).Draw({.fields = {"cpu"}}, chart);
-      EXPECT_LE(chart.rows.size(), 100U);
+      EXPECT_LE(RowsOfAnyFile(), 100U);
       EXPECT_LE(RecordTail(Path()).Read(std::nullopt, 50).records.size(), 50U);
     }
   }
   for (std::size_t size = 0; size < index_bytes.size(); size += 7) {
     test::WriteFile(Path() + ".ind", index_bytes.substr(0, size));
-    Chart chart;
-    (void)ReportIndex(Path()).Draw({.fields = {"cpu"}}, chart);
+    (void)RowsOfAnyFile();
     (void)RecordTail(Path()).Read(std::nullopt, 50);
   }
 }

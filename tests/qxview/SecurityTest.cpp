@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "reportfile/ReportFileBase.h"
+#include "sdk/Writer.h"
 #include "tests/qxview/ViewServer.h"
 #include "tests/support/Support.h"
 
@@ -231,6 +233,28 @@ TEST_F(ViewSecurity, IdleConnectionsAndStreamsDoNotDelayOthers) {
   for (int i = 201; i < 400; i += 2)
     EXPECT_TRUE(connections[static_cast<std::size_t>(i)].WaitFor("cpu=99%", milliseconds(5000)));
   EXPECT_LT(server.PeakKb(), 64 * 1024);
+}
+
+// Without steps, the first of the others would wait until the chart is complete.
+TEST_F(ViewSecurity, FirstChartOfALargeReportDoesNotDelayOthers) {
+  constexpr std::uint32_t kRecords = 200'000;
+  Writer writer;
+  ASSERT_FALSE(writer.Open(dir_.File("reports/large"), kRecords).Failed());
+  const std::vector<std::string> texts(kRecords, "2026-01-31 10:20:30 cpu=12%");
+  ASSERT_FALSE(writer.Append(texts).Failed());
+  ViewServer server(Arguments());
+  (void)server.LogIn();
+  WebConnection large(server.Port());
+  ASSERT_TRUE(large.Send(server.Bytes({.target = "/api/v1/chart?report=large&field=cpu"})));
+  std::vector<steady_clock::duration> delays;
+  do {
+    const auto begin = steady_clock::now();
+    EXPECT_EQ(server.Get(delays.size() % 2 == 0 ? "records?report=load" : "chart?report=load&field=cpu").status, 200);
+    delays.push_back(steady_clock::now() - begin);
+  } while (!large.WaitFor("[12.0,12.0,12.0]", milliseconds(1)) && delays.size() < 10'000);
+  ASSERT_GE(delays.size(), 2U) << large.Text();
+  std::sort(delays.begin(), delays.end());
+  EXPECT_LT(delays[delays.size() / 2], milliseconds(100));
 }
 
 TEST_F(ViewSecurity, StreamsAreLimitedAndOthersAreAnsweredThen) {

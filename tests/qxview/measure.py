@@ -2,7 +2,8 @@
 """measure.py QXVIEW QXCTL [SECONDS]: measures qxview for docs/performance.md.
 
 Prints how long charts of 1,000,000 records take, how much memory the server needs, how much processor time 50 open pages with
-20 live reports cost, and how long a record takes from its append to the event that a page gets.
+20 live reports cost, how long a record takes from its append to the event that a page gets, and how long other requests take
+while the first chart of 10,000,000 records is made.
 """
 import http.client
 import json
@@ -11,10 +12,12 @@ import selectors
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import urllib.parse
 
 RECORDS = 1_000_000
+HUGE_RECORDS = 10_000_000
 REPORTS = 20
 PAGES = 50
 APPENDS_PER_SECOND = 5  # of each report
@@ -60,27 +63,54 @@ def qxctl(program, *arguments, **options):
     subprocess.run([program, *arguments], check=True, **options)
 
 
+def fill(program, base, count):
+    """A report of records that are one second apart. Returns the time after the last one."""
+    qxctl(program, "report", "create", base, "--slots", str(count))
+    begin = 1_760_000_000
+    for part in range(0, count, RECORDS):
+        lines = "".join(time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(begin + i)) + f" cpu={i * 7 % 100}% load={i % 300 / 100}\n"
+                        for i in range(part, min(part + RECORDS, count)))
+        qxctl(program, "report", "append", base, "-", input=lines, text=True)
+    return begin + count
+
+
 def measure_chart(qxview, program, directory):
     reports = directory / "large"
     reports.mkdir()
     base = str(reports / "big")
-    qxctl(program, "report", "create", base, "--slots", str(RECORDS))
-    begin = 1_760_000_000
-    lines = "".join(time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(begin + i)) + f" cpu={i * 7 % 100}% load={i % 300 / 100}\n"
-                    for i in range(RECORDS))
-    qxctl(program, "report", "append", base, "-", input=lines, text=True)
+    end = fill(program, base, RECORDS)
     for count in (1, 2):
         fields = "&field=cpu&field=load"[: 10 * count + count - 1]
         server = Server(qxview, str(reports), str(directory / "state"))
         first, first_s = server.get("chart?report=big" + fields)
         cpu = server.seconds()
-        qxctl(program, "report", "append", base, time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(begin + RECORDS)) + " cpu=1% load=1")
+        qxctl(program, "report", "append", base, time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(end)) + " cpu=1% load=1")
         again, again_s = server.get("chart?report=big" + fields)
         middle = (first["from"] + first["to"]) // 2
         _, zoom_s = server.get(f"chart?report=big{fields}&from={middle}&to={middle + 3_600_000}")
         assert len(first["columns"]) == 800 and again["cursor"] != first["cursor"]
         print(f"chart of {RECORDS} records, {count} field(s): first {first_s:.2f} s ({cpu:.2f} s of processor time), "
               f"after one more record {again_s * 1000:.0f} ms, an hour of it {zoom_s * 1000:.0f} ms, memory {server.peak_mib():.0f} MiB")
+        server.end()
+
+
+def measure_delay(qxview, program, directory):
+    reports = directory / "huge"
+    reports.mkdir()
+    fill(program, str(reports / "big"), HUGE_RECORDS)
+    fill(program, str(reports / "small"), 100)
+    for name, target in (("first chart", "chart?report=big&field=cpu"), ("search", "records?report=big&filter=nothing")):
+        server = Server(qxview, str(reports), str(directory / "state"))
+        taken = []
+        large = threading.Thread(target=lambda: taken.append(server.get(target)[1]))
+        large.start()
+        delays = {}
+        while large.is_alive():
+            for other in ("findings", "overview", "records?report=small", "chart?report=small&field=cpu", "records?report=big&newest=10"):
+                delays.setdefault(other, []).append(server.get(other)[1] * 1000)
+        large.join()
+        print(f"{name} of {HUGE_RECORDS} records: {taken[0]:.2f} s, memory {server.peak_mib():.0f} MiB; others meanwhile, longest of "
+              f"{len(delays['overview'])}: " + ", ".join(f"{other} {max(some):.0f} ms" for other, some in delays.items()))
         server.end()
 
 
@@ -133,6 +163,7 @@ def main():
     with tempfile.TemporaryDirectory() as name:
         measure_chart(qxview, program, pathlib.Path(name))
         measure_live(qxview, program, pathlib.Path(name), seconds)
+        measure_delay(qxview, program, pathlib.Path(name))
 
 
 if __name__ == "__main__":

@@ -57,7 +57,7 @@ HttpReply ErrorReply(const HttpRequest& request, const Error& error) {
 // Leaves the newest of what is added, within limits.
 class NewestRecords {
  public:
-  NewestRecords(std::size_t count_max, std::string_view filter) : count_max_(count_max), filter_(filter) {}
+  NewestRecords(std::size_t count_max, std::string filter) : count_max_(count_max), filter_(std::move(filter)) {}
 
   void Add(const PassedRecord& record) {
     if (!Shows(filter_, record.text)) return;
@@ -77,11 +77,15 @@ class NewestRecords {
 
  private:
   std::size_t count_max_;
-  std::string_view filter_;
+  std::string filter_;
   std::deque<NumberedRecord> records_;
   std::size_t bytes_ = 0;
   std::uint64_t omitted_ = 0;
 };
+
+Reading::Steps AtOnce(HttpReply reply) {
+  return [reply = std::move(reply)](bool) { return reply; };
+}
 
 // A name for a file: letters, digits and "-", "_", "." of the report's name.
 std::string FileNameOf(std::string name) {
@@ -131,57 +135,70 @@ HttpReply Reading::Fields(const HttpRequest& request) {
   return ReplyOf(FieldsDocument(NameOf(request), page));
 }
 
-HttpReply Reading::Chart(const HttpRequest& request) {
+Reading::Steps Reading::Chart(const HttpRequest& request) {
   const auto base_path = BasePathOf(directory_, NameOf(request));
-  if (!base_path.has_value()) return NoReport(request);
+  if (!base_path.has_value()) return AtOnce(NoReport(request));
   Parameters parameters(request);
   ChartRequest wanted;
   wanted.fields = parameters.Texts("field", kChartFieldsMax);
   wanted.from = parameters.Number("from");
   wanted.to = parameters.Number("to");
   wanted.columns = static_cast<std::size_t>(parameters.Number("columns", 1, kColumnsMax, kColumnsDefault));
-  if (!parameters.Problem().empty()) return ReplyOf(Failure::kBadParameter, parameters.Problem());
-  view::Chart chart;
-  const Error error = indexes_.IndexOf(*base_path).Draw(wanted, chart);
-  Trim();
-  if (error.Failed()) return ErrorReply(request, error);
-  return ReplyOf(ChartDocument(NameOf(request), wanted.fields, chart));
+  if (!parameters.Problem().empty()) return AtOnce(ReplyOf(Failure::kBadParameter, parameters.Problem()));
+  return [this, request, base_path = *base_path,
+          drawing = Drawing{.request = std::move(wanted)}](bool is_last_of_turn) mutable {
+    const Error error = indexes_.IndexOf(base_path).Step(drawing, is_last_of_turn);
+    return StepOf(request, drawing.work, error,
+                  [&] { return ChartDocument(NameOf(request), drawing.request.fields, drawing.chart); });
+  };
 }
 
-HttpReply Reading::Records(const HttpRequest& request) {
+std::optional<HttpReply> Reading::StepOf(const HttpRequest& request, const IndexWork& work, const Error& error,
+                                         const std::function<Json()>& document) {
+  if (!error.Failed() && !work.is_done) return std::nullopt;
+  Trim();
+  return error.Failed() ? ErrorReply(request, error) : ReplyOf(document());
+}
+
+Reading::Steps Reading::Records(const HttpRequest& request) {
   const auto base_path = BasePathOf(directory_, NameOf(request));
-  if (!base_path.has_value()) return NoReport(request);
+  if (!base_path.has_value()) return AtOnce(NoReport(request));
   Parameters parameters(request);
   const std::string filter = parameters.Text("filter");
   const bool has_times = request.Value("from").has_value() || request.Value("to").has_value();
   const bool is_search = !filter.empty() && !request.Value("after").has_value();
   if (has_times || is_search) return RecordsBetween(request, *base_path);
   const auto newest = static_cast<std::uint32_t>(parameters.Number("newest", 1, kRecordsMax, kRecordsDefault));
-  if (!parameters.Problem().empty()) return ReplyOf(Failure::kBadParameter, parameters.Problem());
+  if (!parameters.Problem().empty()) return AtOnce(ReplyOf(Failure::kBadParameter, parameters.Problem()));
   const std::string after = request.Value("after").value_or("");
   const RecordPage page = RecordTail(*base_path).Read(CursorOf(after), newest);
-  if (page.error != 0) return ErrorReply(request, page.error);
-  return ReplyOf(RecordsDocument(NameOf(request), page, filter));
+  return AtOnce(page.error != 0 ? ErrorReply(request, page.error)
+                                : ReplyOf(RecordsDocument(NameOf(request), page, filter)));
 }
 
-HttpReply Reading::RecordsBetween(const HttpRequest& request, const std::string& base_path) {
+Reading::Steps Reading::RecordsBetween(const HttpRequest& request, const std::string& base_path) {
   Parameters parameters(request);
-  ChartRequest wanted;
-  wanted.from = parameters.Number("from");
-  wanted.to = parameters.Number("to");
+  const auto from = parameters.Number("from");
+  const auto to = parameters.Number("to");
   const std::string filter = parameters.Text("filter");
   const std::int64_t newest_max = parameters.Number("newest", 1, kRecordsMax, kRecordsDefault);
   const auto count_max = static_cast<std::size_t>(parameters.Number("max", 1, kRecordsMax, newest_max));
-  if (!parameters.Problem().empty()) return ReplyOf(Failure::kBadParameter, parameters.Problem());
-  NewestRecords newest(count_max, filter);
-  RecordPage page;
-  page.is_reset = true;
-  const Error error = indexes_.IndexOf(base_path).ReadRange(
-      wanted, [&](const PassedRecord& record) { newest.Add(record); }, page.cursor);
-  Trim();
-  if (error.Failed()) return ErrorReply(request, error);
-  newest.TakeInto(page);
-  return ReplyOf(RecordsDocument(NameOf(request), page, ""));
+  if (!parameters.Problem().empty()) return AtOnce(ReplyOf(Failure::kBadParameter, parameters.Problem()));
+  const auto newest = std::make_shared<NewestRecords>(count_max, filter);
+  const PlaceRange every;
+  RangeReading reading = {.range = {.from = from.value_or(every.from), .to = to.value_or(every.to)},
+                          .begin = [newest, count_max, filter] { *newest = NewestRecords(count_max, filter); },
+                          .take = [newest](const PassedRecord& record) { newest->Add(record); }};
+  return [this, request, base_path, newest, reading = std::move(reading)](bool is_last_of_turn) mutable {
+    const Error error = indexes_.IndexOf(base_path).Step(reading, is_last_of_turn);
+    return StepOf(request, reading.work, error, [&] {
+      RecordPage page;
+      page.is_reset = true;
+      page.cursor = reading.cursor;
+      newest->TakeInto(page);
+      return RecordsDocument(NameOf(request), page, "");
+    });
+  };
 }
 
 Reading::Download Reading::Text(const HttpRequest& request) const {

@@ -1,9 +1,13 @@
 // Answers requests about one report from its files. Everything here runs in the thread that reads.
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 
+#include "tools/qxctl/cli/text/Json.h"
 #include "tools/qxview/api/RecordText.h"
 #include "tools/qxview/http/HttpRequest.h"
 #include "tools/qxview/report/IndexCache.h"
@@ -16,12 +20,15 @@ class Reading {
  public:
   explicit Reading(std::string directory) : directory_(std::move(directory)) {}
 
+  // Does the next step of an answer. The reply comes after the last one.
+  using Steps = std::function<std::optional<HttpReply>(bool is_last_of_turn)>;
+
   // Each of them has the parameter `report`. [owning thread]
   [[nodiscard]] HttpReply Report(const HttpRequest& request);
   [[nodiscard]] HttpReply Names(const HttpRequest& request);
   [[nodiscard]] HttpReply Fields(const HttpRequest& request);
-  [[nodiscard]] HttpReply Chart(const HttpRequest& request);
-  [[nodiscard]] HttpReply Records(const HttpRequest& request);
+  [[nodiscard]] Steps Chart(const HttpRequest& request);
+  [[nodiscard]] Steps Records(const HttpRequest& request);
 
   // Records as a text that is read as it is sent. `text` is null if the reply is a failure. [owning thread]
   struct Download {
@@ -34,7 +41,10 @@ class Reading {
   void Trim() { indexes_.Trim(); }
 
  private:
-  [[nodiscard]] HttpReply RecordsBetween(const HttpRequest& request, const std::string& base_path);
+  [[nodiscard]] Steps RecordsBetween(const HttpRequest& request, const std::string& base_path);
+
+  [[nodiscard]] std::optional<HttpReply> StepOf(const HttpRequest& request, const IndexWork& work, const Error& error,
+                                                const std::function<ctl::Json()>& document);
 
   std::string directory_;
   IndexCache indexes_;

@@ -109,8 +109,8 @@ void Site::HandleApi(const ExchangePtr& exchange, const std::string& name) {
   if (name == "report") return Read(exchange, &Reading::Report);
   if (name == "names") return Read(exchange, &Reading::Names);
   if (name == "fields") return Read(exchange, &Reading::Fields);
-  if (name == "chart") return Read(exchange, &Reading::Chart);
-  if (name == "records") return Read(exchange, &Reading::Records);
+  if (name == "chart") return ReadInSteps(exchange, &Reading::Chart);
+  if (name == "records") return ReadInSteps(exchange, &Reading::Records);
   if (name == "text") return SendText(exchange);
   if (name == "overview") return live_.Overview(exchange);
   if (name == "findings") return live_.Findings(exchange);
@@ -126,6 +126,17 @@ void Site::HandleApi(const ExchangePtr& exchange, const std::string& name) {
 void Site::Read(const ExchangePtr& exchange, HttpReply (Reading::*answer)(const HttpRequest& request)) {
   const bool is_posted =
       reading_worker_.Post([this, exchange, answer] { ReplyLater(exchange, (reading_.*answer)(exchange->Request())); });
+  if (!is_posted) exchange->Reply(ReplyOf(Failure::kBusy, "too many requests wait; ask again later"));
+}
+
+void Site::ReadInSteps(const ExchangePtr& exchange, Reading::Steps (Reading::*begin)(const HttpRequest& request)) {
+  const bool is_posted =
+      reading_worker_.PostSteps([this, exchange, begin, steps = Reading::Steps()](bool is_last) mutable {
+        if (steps == nullptr) steps = (reading_.*begin)(exchange->Request());
+        std::optional<HttpReply> reply = steps(is_last);
+        if (reply.has_value()) ReplyLater(exchange, std::move(*reply));
+        return reply.has_value();
+      });
   if (!is_posted) exchange->Reply(ReplyOf(Failure::kBusy, "too many requests wait; ask again later"));
 }
 

@@ -2,7 +2,7 @@
 //
 //   thread    does
 //   server    connections, sessions, files of the pages, event streams
-//   reading   one request about a report after the other: charts, records, downloads
+//   reading   requests about reports: charts, records, downloads; large reports in steps, so that others need not wait
 //   LiveDesk  three threads: reports that pages show, the overview and doctor's findings, and traces
 //
 // Nobody but the server's thread touches a connection, and no thread touches what another one owns.
@@ -52,6 +52,7 @@ class Site {
   [[nodiscard]] bool HasSession(const HttpRequest& request) const;
 
   void Read(const ExchangePtr& exchange, HttpReply (Reading::*answer)(const HttpRequest& request));
+  void ReadInSteps(const ExchangePtr& exchange, Reading::Steps (Reading::*begin)(const HttpRequest& request));
   void ReplyLater(const ExchangePtr& exchange, HttpReply reply);
   void SendText(const ExchangePtr& exchange);
   void BeginText(Exchange& exchange, const Reading::Download& text);

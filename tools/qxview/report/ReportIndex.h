@@ -4,17 +4,23 @@
 // The first time all records are read, later only those that are new. A range of time for which the reduced values are
 // too coarse is read from the file, but only the blocks of records that can have such times.
 //
+// A large report takes seconds. So the work for a request is done in steps, and between two of them the index may work
+// for another request.
+//
 // A record without a stamp has the time of the one before it. If no record has a stamp, a place is a record's number.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <limits>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "sdk/StoreSnapshot.h"
@@ -55,21 +61,53 @@ struct PassedRecord {
   bool is_whole = true;               // it ends in CR LF
 };
 
-// Threads: one thread.
-// Owns: 48 bytes for each 1024 records, and at most 330 KiB for each field. The files are open during a call.
-// Failure: an Error of the store; then nothing is known of the report. Throws std::bad_alloc.
-class ReportIndex {
- public:
-  static constexpr std::size_t kFieldsMax = 16;  // that are kept; those not used for longest are dropped
+// How far the work for a request has come.
+struct IndexWork {
+  std::uint64_t run = 0;  // of the index; 0: the work has not begun
+  int begins = 0;
+  std::uint64_t end = 0;    // the number after the newest record that the request is about
+  bool is_current = false;  // the index has these records
+  bool is_passing = false;
+  std::uint64_t next = 0;  // the record to be passed next
+  bool is_done = false;
+};
 
+struct Drawing {
+  ChartRequest request;
+  Chart chart = {};  // complete when the work is done
+  bool needs_records = false;
+  IndexWork work = {};
+};
+
+struct RangeReading {
+  using Begin = std::function<void()>;
   using Take = std::function<void(const PassedRecord& record)>;
 
-  explicit ReportIndex(std::string base_path) : base_path_(std::move(base_path)) {}
+  PlaceRange range;
+  Begin begin;  // called before the first record, and again if the report was started over: what was taken is void then
+  Take take;    // gets the records of the range, oldest first
+  Cursor cursor = {};  // after the newest record of the report
+  IndexWork work = {};
+};
 
-  // [owning thread]
-  Error Draw(const ChartRequest& request, Chart& chart);
-  // Passes the records of a range to `take`, oldest first; `cursor` is after the newest of the report. [owning thread]
-  Error ReadRange(const ChartRequest& request, const Take& take, Cursor& cursor);
+// Threads: one thread.
+// Owns: 48 bytes for each 1024 records, and at most 330 KiB for each field. Until a turn is over, also the open files
+// and four bytes for each record. Failure: an Error of the store; then nothing is known of the report. Throws
+// std::bad_alloc.
+class ReportIndex {
+ public:
+  static constexpr std::size_t kFieldsMax = 16;          // that are kept; those not used for longest are dropped
+  static constexpr std::uint64_t kStepRecords = 16'384;  // are read in one step, in about five milliseconds
+  static constexpr int kBeginsMax = 4;                   // of work for a report that is started over again and again
+
+  using Take = RangeReading::Take;
+
+  explicit ReportIndex(std::string base_path, std::uint64_t step_records = kStepRecords);
+
+  // Does the next step of the work. The index need not be the one of the step before. After the last step of a turn,
+  // the work for another report may be next, and the files are closed. [owning thread]
+  Error Step(Drawing& drawing, bool is_last_of_turn);
+  Error Step(RangeReading& reading, bool is_last_of_turn);
 
   [[nodiscard]] std::size_t Bytes() const;
 
@@ -83,28 +121,43 @@ class ReportIndex {
   };
   struct Field {
     Columns columns;
+    std::uint64_t next = 0;              // the record whose value is entered next
+    std::optional<std::int64_t> before;  // the place of the record before that
     std::uint64_t last_use = 0;
   };
+  using FieldRef = std::pair<const std::string, Field>*;
 
-  Error Refresh(sdk::StoreSnapshot& snapshot, const std::vector<std::string>& fields);
+  Error TakeSnapshot();
   void Forget();
-  Error FindPlaceKind(sdk::StoreSnapshot& snapshot);
-  [[nodiscard]] Error Continues(sdk::StoreSnapshot& snapshot, bool& continues) const;
-  Error AddFields(sdk::StoreSnapshot& snapshot, const std::vector<std::string>& fields);
-  Error TakeNew(sdk::StoreSnapshot& snapshot);
-  Error DropOld(sdk::StoreSnapshot& snapshot);
-  void DropUnusedFields();
-  void Enter(const PassedRecord& record);
+  Error FindPlaceKind();
+  [[nodiscard]] Error Continues(bool& continues) const;
 
-  Error Pass(sdk::StoreSnapshot& snapshot, std::uint64_t from, std::uint64_t to, std::optional<std::int64_t> place,
-             const Take& take) const;
-  Error PassBlocks(sdk::StoreSnapshot& snapshot, const PlaceRange& range, const Take& take) const;
+  Error CatchUp(IndexWork& work, const std::vector<std::string>& fields);
+  std::vector<FieldRef> UseFields(const std::vector<std::string>& names);
+  Error ReadOldValues(const std::vector<FieldRef>& fields);
+  Error TakeNew(std::uint64_t end);
+  void Enter(const PassedRecord& record, const std::vector<FieldRef>& fields);
+  Error DropOld();
+  void DropUnusedFields();
+  [[nodiscard]] std::uint64_t NextOf(const Field& field) const { return std::max(field.next, begin_); }
+
+  void Begin(Drawing& drawing) const;
+  void DrawColumns(Drawing& drawing) const;
+  Error DrawRecords(Drawing& drawing);
+  [[nodiscard]] Error EndStep(const IndexWork& work, bool is_last_of_turn, Error error);
+
+  Error Pass(std::uint64_t from, std::uint64_t to, std::optional<std::int64_t> place, const Take& take) const;
+  Error PassBlocks(IndexWork& work, const PlaceRange& range, const Take& take);
 
   [[nodiscard]] std::optional<PlaceRange> All() const;
   [[nodiscard]] bool NeedsRecords(const ChartRequest& request, const PlaceRange& range, const PlaceRange& all) const;
 
   std::string base_path_;
   ctl::TimeRules time_;
+  std::unique_ptr<sdk::StoreSnapshot> snapshot_;  // null between turns
+  std::uint64_t step_records_;
+  std::uint64_t budget_ = 0;  // records that the step may still read
+  std::uint64_t run_;         // another one after each start of the report; no two indexes share one
   bool is_known_ = false;
   bool has_times_ = true;
   std::uint64_t begin_ = 0;            // the oldest record of the ring

@@ -16,29 +16,33 @@ Worker::~Worker() {
   thread_.join();
 }
 
-bool Worker::Post(Task task) {
+bool Worker::Enqueue(Waiting waiting) {
   {
     const std::lock_guard guard(lock_);
     if (client_tasks_ >= kTasksMax) return false;
     ++client_tasks_;
-    tasks_.push_back({.task = std::move(task)});
+    tasks_.push_back(std::move(waiting));
   }
   change_.notify_one();
   return true;
 }
 
+bool Worker::Post(Task task) { return Enqueue({.task = std::move(task), .steps = nullptr}); }
+
+bool Worker::PostSteps(Steps steps) { return Enqueue({.task = nullptr, .steps = std::move(steps)}); }
+
 void Worker::Add(Task task) {
   {
     const std::lock_guard guard(lock_);
-    tasks_.push_back({.task = std::move(task), .is_own = true});
+    tasks_.push_back({.task = std::move(task), .steps = nullptr, .is_own = true});
   }
   change_.notify_one();
 }
 
-// False: the thread is to end. No task: the tick is due.
+// False: the thread is to end. No task: the tick is due, or a long task has its next step.
 bool Worker::Wait(Waiting& next) {
   std::unique_lock guard(lock_);
-  const auto has_work = [this] { return is_ending_ || !tasks_.empty(); };
+  const auto has_work = [this] { return is_ending_ || !tasks_.empty() || !long_tasks_.empty(); };
   if (due_.has_value()) {
     (void)change_.wait_until(guard, *due_, has_work);
   } else {
@@ -48,8 +52,40 @@ bool Worker::Wait(Waiting& next) {
   if (tasks_.empty()) return true;
   next = std::move(tasks_.front());
   tasks_.pop_front();
-  client_tasks_ -= next.is_own ? 0 : 1;
+  const bool is_counted = !next.is_own && next.steps == nullptr;
+  client_tasks_ -= is_counted ? 1 : 0;
   return true;
+}
+
+// A step that runs out of memory is the last one.
+void Worker::RunStep(Steps steps, bool is_last_of_turn) {
+  bool is_done = true;
+  try {
+    is_done = steps(is_last_of_turn);
+    if (!is_done && is_last_of_turn) long_tasks_.push_back(std::move(steps));
+    if (!is_done && !is_last_of_turn) long_tasks_.push_front(std::move(steps));
+  } catch (const std::bad_alloc&) {
+    is_done = true;
+  }
+  if (!is_done) return;
+  const std::lock_guard guard(lock_);
+  --client_tasks_;
+}
+
+// A task that is alone keeps its turn.
+void Worker::RunLongTask() {
+  if (long_tasks_.empty()) return;
+  Steps steps = std::move(long_tasks_.front());
+  long_tasks_.pop_front();
+  const bool is_last_of_turn = ++turn_steps_ >= kTurnSteps && !long_tasks_.empty();
+  if (is_last_of_turn) turn_steps_ = 0;
+  RunStep(std::move(steps), is_last_of_turn);
+}
+
+void Worker::RunNext(Waiting& next) {
+  if (next.task != nullptr) return next.task();
+  if (next.steps != nullptr) return RunStep(std::move(next.steps), !long_tasks_.empty());
+  RunLongTask();
 }
 
 void Worker::RunTick() {
@@ -64,7 +100,7 @@ void Worker::Run() {
     try {
       Waiting next;
       if (!Wait(next)) return;
-      if (next.task != nullptr) next.task();
+      RunNext(next);
       const bool is_due = next.is_own || !due_.has_value() || Clock::now() >= *due_;
       if (is_due) RunTick();
     } catch (const std::bad_alloc&) {
