@@ -17,6 +17,8 @@ def numbers(i):
 
 
 class ReportTest(BrowserTest):
+    fingers = {}  # that are on the chart
+
     @classmethod
     def setUpClass(cls):
         cls.moments = None
@@ -107,6 +109,51 @@ class ReportTest(BrowserTest):
         self.drag(0.7, 0.3, Keys.SHIFT)
         self.wait(lambda: self.span()[0] > begin + 15000, "a later span")
         self.assertAlmostEqual(self.span()[1] - self.span()[0], 60000, delta=2)
+
+    def touch(self, *steps):
+        """What fingers do on the chart: each step has the places of the fingers by their numbers, as shares of its width and height."""
+        box = self.script("const box = arguments[0].getBoundingClientRect(); return [box.left, box.top, box.width, box.height]", self.chart())
+        for step in steps:
+            before, self.fingers = self.fingers, {i: {"id": i, "x": box[0] + x * box[2], "y": box[1] + y * box[3]} for i, (x, y) in step.items()}
+            lifted = [point for i, point in before.items() if i not in step]
+            if lifted:
+                self.command("Input.dispatchTouchEvent", type="touchEnd", touchPoints=lifted if step else [])
+            else:
+                kind = "touchMove" if len(step) == len(before) else "touchStart"
+                self.command("Input.dispatchTouchEvent", type=kind, touchPoints=list(self.fingers.values()))
+
+    def open_minute(self):
+        """Opens the chart with 60 seconds of it, and returns where they begin."""
+        begin = int(self.moments[320].timestamp() * 1000)
+        self.open_machine(f"?from={begin}&to={begin + 60000}")
+        return begin
+
+    def test_one_finger_pans(self):
+        begin = self.open_minute()
+        self.touch(*({0: (x, 0.5)} for x in (0.7, 0.6, 0.5, 0.4, 0.3)), {})
+        self.wait(lambda: self.span()[0] > begin + 15000, "a later span")
+        self.assertAlmostEqual(self.span()[1] - self.span()[0], 60000, delta=2)
+        self.assertIn(f"from={self.span()[0]}", self.address)
+
+    def test_two_fingers_zoom(self):
+        begin = self.open_minute()
+        self.touch({0: (0.4, 0.5)}, *({0: (0.4 - by, 0.5), 1: (0.6 + by, 0.5)} for by in (0, 0.1, 0.2)), {1: (0.8, 0.5)})
+        self.wait(lambda: self.span()[1] - self.span()[0] < 25000, "a third of the span")
+        zoomed = self.span()
+        self.assertGreater(zoomed[0], begin)
+        self.touch({1: (0.6, 0.5)}, {1: (0.5, 0.5)}, {})
+        self.assertEqual(self.span(), zoomed, "the other finger moves nothing")
+        self.touch(*({0: (x, 0.5)} for x in (0.7, 0.5, 0.3)), {})
+        self.wait(lambda: self.span()[0] > zoomed[0], "one finger pans again")
+
+    def test_tap_pins_the_cursor_and_a_vertical_swipe_scrolls_the_page(self):
+        begin = self.open_minute()
+        self.touch({0: (0.5, 0.5)}, {})
+        self.wait(lambda: "at=" in self.address, "the pinned cursor")
+        self.screen(height=500)
+        self.touch(*({0: (0.5, y)} for y in (0.9, 0.7, 0.5, 0.3, 0.1)), {})
+        self.wait(lambda: self.script("return window.scrollY") > 0, "the scrolled page")
+        self.assertEqual(self.span(), [begin, begin + 60000])
 
     def test_keys_move_the_cursor_zoom_and_pan(self):
         self.open_machine()

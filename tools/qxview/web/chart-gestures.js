@@ -14,7 +14,7 @@ export class ChartGestures {
     const node = chart.node;
     const listeners = {
       pointerdown: (event) => this.down(event), pointermove: (event) => this.move(event), pointerup: (event) => this.up(event),
-      pointercancel: (event) => this.cancel(event), pointerleave: () => this.actions.leave(),
+      pointercancel: (event) => this.abandon(event), pointerleave: () => this.actions.leave(),
       dblclick: () => this.actions.reset(), keydown: (event) => this.key(event),
     };
     for (const [name, listener] of Object.entries(listeners)) node.addEventListener(name, listener);
@@ -45,6 +45,7 @@ export class ChartGestures {
   move(event) {
     if (!this.ready) return;
     const x = this.xOf(event);
+    if (!this.drag && this.pointers.size > 0) return;  // one finger of a pinch is left
     if (!this.drag) return this.actions.hover(this.snapped(x));
     this.pointers.set(event.pointerId, x);
     if (Math.abs(x - this.drag.x) > dragPixels) this.drag.moved = true;
@@ -80,9 +81,11 @@ export class ChartGestures {
 
   up(event) {
     const drag = this.drag;
-    if (!this.ready || !drag || !this.pointers.has(event.pointerId)) return;
-    const x = this.xOf(event);
+    const known = this.pointers.has(event.pointerId);
     this.cancel(event);
+    if (!this.ready || !drag || !known) return;
+    if (drag.pinch !== null) this.drag = null;
+    const x = this.xOf(event);
     if (!drag.moved) this.actions.pin(this.snapped(x));
     else if (drag.mode === "zoom") this.zoomTo(this.chart.timeAt(Math.min(drag.x, x)), this.chart.timeAt(Math.max(drag.x, x)));
     else if (drag.preview) this.actions.zoom(drag.preview);
@@ -90,6 +93,12 @@ export class ChartGestures {
 
   zoomTo(from, to) {
     if (to - from >= 1) this.actions.zoom({ from: Math.floor(from), to: Math.max(Math.ceil(to), Math.floor(from) + 10) });
+  }
+
+  // The browser takes over the finger, to scroll the page.
+  abandon(event) {
+    if (this.drag?.preview) this.preview(this.drag.span);
+    this.cancel(event);
   }
 
   cancel(event) {
