@@ -1,4 +1,5 @@
 """Hostile text in records, names and traces runs nothing; the pages contain nothing that turns text into HTML."""
+import os
 import re
 import unittest
 import urllib.parse
@@ -55,6 +56,21 @@ class HostileTest(BrowserTest):
         self.site.append("hostile/marks", stamped(now(), "cpu=1% \x1b[31mred \u202egnp.exe"))
         self.open_report("hostile/marks")
         self.wait(lambda: "\\x1B[31mred \\u202Egnp.exe" in self.text(".log"), "the escapes")
+
+    def test_report_name_that_is_not_utf8_is_shown_and_followed(self):
+        name = os.fsdecode(b"hostile/caf\xe9")
+        self.site.fill(name, 3, lambda i: f"cpu={i}%")
+        self.open("#/?search=hostile/caf")
+        self.wait(lambda: self.texts(".report-link") == ["hostile/caf\ufffd"], "the name with a replacement character")
+        self.one(".report-link").click()
+        self.wait(lambda: self.text("h1") == "hostile/caf\ufffd", "the report")
+        self.wait_live()
+        self.assertTrue(self.address.endswith("%E9"), self.address)
+        self.wait(lambda: len(self.all('[aria-label="Records"] .log tbody tr')) == 3 and self.all(".chart canvas"), "its records and its chart")
+        self.site.append(name, stamped(now(), "cpu=9% live"))
+        self.wait(lambda: "live" in self.text('[aria-label="Records"] .log'), "a live record")
+        reply = self.script("return fetch(document.querySelector('a[download]').href).then((reply) => reply.text())")
+        self.assertIn("cpu=9% live", reply)
 
     def test_hostile_address_is_text(self):
         self.expect_error("404|400")

@@ -124,7 +124,10 @@ HttpReply Reading::Names(const HttpRequest& request) {
     ctl::SetText(entry, "name", instance->second);
     list.Append(std::move(entry));
   }
-  return ReplyOf(Json{{"report", name}, {"instances", std::move(list)}});
+  Json document;
+  ctl::SetText(document, "report", name);
+  document["instances"] = std::move(list);
+  return ReplyOf(document);
 }
 
 HttpReply Reading::Fields(const HttpRequest& request) {
