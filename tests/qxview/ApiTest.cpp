@@ -146,6 +146,30 @@ TEST_F(ViewApi, EveryDocumentMatchesItsSchema) {
   EXPECT_THAT(Faults(), HasSubstr("failed")) << "a fault is noticed";
 }
 
+TEST_F(ViewApi, ReportNameNeedNotBeUtf8) {
+  Append(0, 5, "host1/caf\xe9");
+  Start();
+  const std::string name = "report=host1/caf%E9";
+  const std::string base64 = "aG9zdDEvY2Fm6Q==";
+  const json row = Get("qxview-overview", "overview")["reports"][0];
+  EXPECT_EQ(row["report"], nullptr);
+  EXPECT_EQ(row["reportBase64"], base64);
+  EXPECT_EQ(Get("qxview-overview", "overview?" + name)["reports"].size(), 1U);
+  EXPECT_EQ(Get("qxview-fields", "fields?" + name)["fields"].size(), 2U);
+  EXPECT_EQ(Get("qxview-chart", "chart?field=cpu&" + name)["reportBase64"], base64);
+  EXPECT_THAT(Indices(Get("qxview-records", "records?" + name)), ElementsAre(0, 1, 2, 3, 4));
+  EXPECT_EQ(Get("qxctl-names", "names?" + name)["reportBase64"], base64);
+  Get("qxctl-report-info", "report?" + name);
+  Get("qxview-changes", "changes?view=report&after=0-0&" + name);
+  Get("qxview-failure", "chart?report=no%E9");
+  EXPECT_EQ(Faults(), "");
+  const WebReply text = server_->Get("text?" + name);
+  EXPECT_EQ(text.Header("Content-Disposition"), "attachment; filename=\"host1_caf_.txt\"");
+  EXPECT_THAT(text.body, HasSubstr("cpu=4%"));
+  WebConnection stream = server_->Events("view=report&after=0-0&" + name);
+  EXPECT_EQ(Next(stream, "records")["reportBase64"], base64);
+}
+
 TEST_F(ViewApi, ChartHasMinimumMaximumAndLastOfEachColumn) {
   Append(0, 40);
   Start();
@@ -271,6 +295,63 @@ TEST_F(ViewApi, TracesOfAllFilesAreMergedAndFollowed) {
   EXPECT_EQ(after["entries"].size(), 1U);
   EXPECT_EQ(Get("qxview-traces", "traces?after=0.0")["reset"], true) << "a cursor of another run";
   EXPECT_EQ(Faults(), "");
+}
+
+// Only the newest entry of a log may come again, because its follower waits until it is complete.
+TEST_F(ViewApi, EntriesOfANewTraceFileAreShownOnce) {
+  Trace("10:20:30.100", "first");
+  Start();
+  (void)Get("qxview-traces", "traces");  // from now on the files are followed
+  const std::string head = "2026-01-31 10:20:31.100 [0A1B2C3D] Other         ";
+  WriteFile(dir_.File("traces/log.two"), head + "second\n" + head + "newest\n");
+  const json all = Get("qxview-traces", "traces");
+  EXPECT_EQ(all["entries"].size(), 3U);
+  WebConnection stream = server_->Events("view=traces&after=" + all["cursor"].get<std::string>());
+  WriteFile(dir_.File("traces/log.three"), head + "third\n");
+  ASSERT_TRUE(stream.WaitFor("third", kSoon)) << "after the next search for files";
+  EXPECT_THAT(stream.Text(), Not(HasSubstr("second")));
+}
+
+// Two files whose entries alternate; 250 entries of each have the same millisecond as one of the other.
+TEST_F(ViewApi, MoreThanAThousandTracesArePagedBackToTheOldest) {
+  std::string logs[2];
+  std::vector<std::string> expected;
+  for (int i = 0; i < 2500; ++i) {
+    char line[80];
+    const int ms = i - (i % 10 == 1 ? 1 : 0);
+    std::snprintf(line, sizeof line, "2026-01-31 10:20:%02d.%03d [0A1B2C3D] QxTrace       entry %d\n", ms / 1000,
+                  ms % 1000, i);
+    logs[i % 2] += line;
+    expected.push_back("entry " + std::to_string(i));
+  }
+  WriteFile(dir_.File("traces/log.a"), logs[0]);
+  WriteFile(dir_.File("traces/log.b"), logs[1]);
+  Start();
+  std::vector<std::string> texts;
+  int requests = 0;
+  for (json page = Get("qxview-traces", "traces?newest=1000");;
+       page = Get("qxview-traces", "traces?newest=1000&before=" + page["before"].get<std::string>())) {
+    std::vector<std::string> found;
+    for (const json& entry : page["entries"]) found.push_back(entry["text"]);
+    texts.insert(texts.begin(), found.begin(), found.end());
+    Trace("10:30:00.000", "later");
+    if (++requests > 3 || !page.contains("before")) break;
+  }
+  EXPECT_EQ(requests, 3);
+  EXPECT_EQ(texts, expected);
+  EXPECT_EQ(server_->Get("traces?before=1.2.x").status, 400);
+  EXPECT_EQ(Faults(), "");
+}
+
+TEST_F(ViewApi, PlaceOfAnOverwrittenTraceIsItsTime) {
+  for (int i = 0; i < 6; ++i) Trace("10:20:3" + std::to_string(i) + ".000", "entry " + std::to_string(i));
+  WriteFile(dir_.File("traces/log.two"), "2026-01-31 10:20:33.500 [0A1B2C3D] Other         in between\n");
+  Start();
+  const std::string before = Get("qxview-traces", "traces?newest=3")["before"];
+  std::filesystem::remove(dir_.File("traces/log.two"));
+  const json page = Get("qxview-traces", "traces?newest=3&level=&before=" + before);
+  EXPECT_EQ(page["entries"].size(), 3U);
+  EXPECT_EQ(page["entries"][2]["text"], "entry 3");
 }
 
 TEST_F(ViewApi, DownloadHasEveryRecordOfTheReport) {

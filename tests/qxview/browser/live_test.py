@@ -1,8 +1,9 @@
 """Live events: delay, wrap, restart of the server, hidden pages, many tabs."""
+import datetime
 import time
 import unittest
 
-from support import BrowserTest, Site, now, stamped
+from support import BrowserTest, Site, now, stamped, utc_text
 
 WATCH = """
 window.seen = {};
@@ -138,6 +139,34 @@ class LiveTest(BrowserTest):
         self.assertIn("level=error", self.address)
         self.one('[aria-label="Filter traces"]').send_keys("nothing has this")
         self.wait(lambda: "No traces" in self.text(".place"), "the empty state")
+
+    def test_more_than_a_thousand_traces_are_paged(self):
+        start = now() - datetime.timedelta(hours=1)
+        for i in range(2600):
+            self.site.trace(f"paged {i}", start + datetime.timedelta(milliseconds=i), "log.paged")
+        self.open("#/traces?filter=paged")
+        self.wait_live()
+        rows = lambda: self.texts(".log tbody tr .log-text")
+        self.assertEqual(rows(), [f"paged {i}" for i in range(2599, 2099, -1)])
+        for count in (1000, 2000, 2600):
+            self.button("Show older").click()
+            self.wait(lambda: len(rows()) == count, f"{count} rows")
+        self.assertEqual(rows(), [f"paged {i}" for i in range(2599, -1, -1)])
+        self.assertFalse(self.one(".log-end button").is_displayed())
+        self.assertIn("rows=4000", self.address)
+        self.site.trace("paged live", name="log.paged")
+        self.wait(lambda: rows()[0] == "paged live", "the new entry")
+
+    def test_list_of_traces_that_is_full_leads_to_older_ones(self):
+        start = now() - datetime.timedelta(hours=2)
+        with open(self.site.traces / "log.full", "a", encoding="utf-8") as log:
+            for i in range(10500):
+                log.write(f"{utc_text(start + datetime.timedelta(milliseconds=i))} [0A1B2C3D] QXRemConXfer  full {i}\n")
+        self.open("#/traces?filter=full&rows=10000")
+        self.wait(lambda: len(self.all(".log tbody tr")) == 10000, "as many rows as may be")
+        self.button("Go to older").click()
+        self.wait(lambda: "full 500" in self.text(".log tbody tr .log-text"), "the list goes on at its end")
+        self.assertEqual(len(self.all(".log tbody tr")), 500)
 
     def test_paused_traces_hold_new_entries(self):
         self.site.trace("before the pause")

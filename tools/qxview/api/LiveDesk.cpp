@@ -65,13 +65,15 @@ HttpReply LiveDesk::TracesReply(const HttpRequest& request) {
   watch.wish.to = parameters.Number("to");
   const std::int64_t newest = parameters.Number("newest", 1, kEntriesMax, kEntriesDefault);
   const auto count_max = static_cast<std::size_t>(parameters.Number("max", 1, kEntriesMax, newest));
+  const std::string before = parameters.Text("before");
+  const std::optional<TracePlace> place = TracePlaceOf(before);
+  if (!before.empty() && !place.has_value()) parameters.Refuse("before", "is not one of a document of traces");
   if (!parameters.Problem().empty()) return ReplyOf(Failure::kBadParameter, parameters.Problem());
   if (!watch.after.empty()) return ReplyOf(TracesDocument(traces_.ReadAfter(watch)));
   TracePage page;
-  if (!traces_.Read(watch.wish, count_max, page)) {
-    return ReplyOf(Failure::kNoTraces, "the traces cannot be read");
-  }
-  return ReplyOf(TracesDocument(page));
+  const bool is_read = place.has_value() ? traces_.ReadBefore(*place, watch.wish, count_max, page)
+                                         : traces_.Read(watch.wish, count_max, page);
+  return is_read ? ReplyOf(TracesDocument(page)) : ReplyOf(Failure::kNoTraces, "the traces cannot be read");
 }
 
 // --- streams

@@ -41,13 +41,21 @@ void Limit(TracePage& page) {
   page.omitted += dropped;
 }
 
+void TakeRead(ChosenTraces& read, TracePage& page) {
+  page.omitted = read.omitted;
+  page.oldest = read.oldest;
+  page.items.assign(std::make_move_iterator(read.items.begin()), std::make_move_iterator(read.items.end()));
+}
+
 }  // namespace
 
 ctl::Json TracesDocument(const TracePage& page) {
   ctl::Json entries = ctl::Json::Array();
   for (const TraceItem& item : page.items) entries.Append(ToJson(item));
-  return {
+  ctl::Json document = {
       {"cursor", page.cursor}, {"reset", page.is_reset}, {"omitted", page.omitted}, {"entries", std::move(entries)}};
+  if (page.oldest.has_value()) document["before"] = TextOf(*page.oldest);
+  return document;
 }
 
 TraceFeed::TraceFeed(std::string directory, Deliver deliver)
@@ -67,9 +75,9 @@ std::optional<std::uint64_t> TraceFeed::NumberOf(const std::string& cursor) cons
 
 // --- the files
 
-void TraceFeed::Poll() {
+void TraceFeed::Poll(bool searches) {
   used_ = Clock::now();
-  if (!is_active_ || used_ - searched_ >= kSearch) Search();
+  if (searches || !is_active_ || used_ - searched_ >= kSearch) Search();
   std::vector<TraceItem> items;
   for (auto& [file, follower] : followers_) {
     if (follower == nullptr) continue;
@@ -121,7 +129,7 @@ void TraceFeed::Keep(std::vector<TraceItem> items) {
 void TraceFeed::Send(const std::vector<TraceItem>& items) {
   next_ += items.size();
   for (auto& [key, group] : groups_) {
-    TracePage page = {.cursor = CursorText(), .is_reset = false, .omitted = 0, .items = {}};
+    TracePage page = {.cursor = CursorText(), .is_reset = false, .omitted = 0, .oldest = {}, .items = {}};
     for (const TraceItem& item : items) {
       if (group.choice.Takes(item)) page.items.push_back(item);
     }
@@ -133,13 +141,14 @@ void TraceFeed::Send(const std::vector<TraceItem>& items) {
 
 // --- requests
 
-// An entry that is written while the files are read may be found there, by a follower, or by both; it is shown once.
+// An entry that is written while the files are read may be found there, by a follower, or by both; it is shown once. So
+// that this holds for the entries of new files, too, these are followed before anything is read from them.
 bool TraceFeed::Read(const TraceWish& wish, std::size_t count_max, TracePage& page) {
-  Poll();
+  Poll(true);
   const std::uint64_t before = next_;
   ChosenTraces read = ReadTraces(directory_, wish, count_max);
   if (read.error != 0 && read.error != ENOENT) return false;
-  Poll();
+  Poll(true);
   TraceChoice choice(wish);
   const std::size_t new_count = std::min<std::size_t>(next_ - before, kept_.size());
   for (auto item = kept_.end() - static_cast<std::ptrdiff_t>(new_count); item != kept_.end(); ++item) {
@@ -149,14 +158,21 @@ bool TraceFeed::Read(const TraceWish& wish, std::size_t count_max, TracePage& pa
   }
   page.cursor = CursorText();
   page.is_reset = true;
-  page.omitted = read.omitted;
-  page.items.assign(std::make_move_iterator(read.items.begin()), std::make_move_iterator(read.items.end()));
+  TakeRead(read, page);
+  return true;
+}
+
+bool TraceFeed::ReadBefore(const TracePlace& place, const TraceWish& wish, std::size_t count_max, TracePage& page) {
+  ChosenTraces read = ReadTraces(directory_, wish, count_max, place);
+  if (read.error != 0 && read.error != ENOENT) return false;
+  page.cursor = CursorText();
+  TakeRead(read, page);
   return true;
 }
 
 TracePage TraceFeed::ReadAfter(const TraceWatch& watch) {
   Poll();
-  TracePage page = {.cursor = CursorText(), .is_reset = false, .omitted = 0, .items = {}};
+  TracePage page = {.cursor = CursorText(), .is_reset = false, .omitted = 0, .oldest = {}, .items = {}};
   if (watch.after.empty()) return page;
   const std::optional<std::uint64_t> number = NumberOf(watch.after);
   if (!number.has_value()) {

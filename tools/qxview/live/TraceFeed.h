@@ -29,6 +29,7 @@ struct TracePage {
   std::string cursor;
   bool is_reset = false;
   std::uint64_t omitted = 0;
+  std::optional<TracePlace> oldest = {};  // before which there are more
   std::vector<TraceItem> items;
 };
 
@@ -54,6 +55,8 @@ class TraceFeed {
   // The newest entries that pass; false: the directory cannot be read. Without trace files there are no entries.
   // [owning thread]
   [[nodiscard]] bool Read(const TraceWish& wish, std::size_t count_max, TracePage& page);
+  // The newest of the entries before a place. [owning thread]
+  [[nodiscard]] bool ReadBefore(const TracePlace& place, const TraceWish& wish, std::size_t count_max, TracePage& page);
   // The entries after the cursor; if the cursor is not known any more, the newest entries. [owning thread]
   [[nodiscard]] TracePage ReadAfter(const TraceWatch& watch);
 
@@ -70,7 +73,7 @@ class TraceFeed {
     std::vector<StreamId> streams;
   };
 
-  void Poll();
+  void Poll(bool searches = false);
   void Search();
   void Take(const std::string& file, const debug::TracePoll& poll, std::vector<TraceItem>& items);
   void Keep(std::vector<TraceItem> items);

@@ -2,12 +2,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <cinttypes>
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <system_error>
 #include <utility>
 #include <vector>
 
+#include "reportfile/tools/RecordOverlap.h"
 #include "tools/qxctl/slice/RecordTime.h"
 #include "tools/qxctl/trace/TracePlace.h"
 #include "tools/qxview/report/Documents.h"
@@ -35,12 +39,11 @@ class OpenTrace {
 
   void Advance() {
     has_entry_ = unroller_->Next(item_.entry);
-    if (item_.entry.stamp_ms.has_value()) order_ms_ = *item_.entry.stamp_ms;
+    if (item_.entry.stamp_ms.has_value()) item_.order_ms = *item_.entry.stamp_ms;
   }
 
   [[nodiscard]] bool HasEntry() const { return has_entry_; }
   [[nodiscard]] const TraceItem& Item() const { return item_; }
-  [[nodiscard]] std::int64_t OrderMs() const { return order_ms_; }
   [[nodiscard]] bool BelongsToLast() const {
     return has_entry_ && (item_.entry.kind == TraceEntry::Kind::kPiece || item_.entry.kind == TraceEntry::Kind::kRest);
   }
@@ -50,7 +53,6 @@ class OpenTrace {
   std::unique_ptr<debug::TraceUnroller> unroller_;
   TraceItem item_;
   bool has_entry_ = false;
-  std::int64_t order_ms_ = 0;
 };
 
 using OpenTraces = std::vector<std::unique_ptr<OpenTrace>>;
@@ -75,9 +77,64 @@ int OpenAll(const std::string& directory, OpenTraces& traces) {
 OpenTrace* Oldest(const OpenTraces& traces) {
   OpenTrace* oldest = nullptr;
   for (const auto& trace : traces) {
-    if (trace->HasEntry() && (oldest == nullptr || trace->OrderMs() < oldest->OrderMs())) oldest = trace.get();
+    if (trace->HasEntry() && (oldest == nullptr || trace->Item().order_ms < oldest->Item().order_ms))
+      oldest = trace.get();
   }
   return oldest;
+}
+
+TracePlace PlaceOf(const TraceItem& item) {
+  return {.order_ms = item.order_ms, .begin = item.entry.begin, .file = report::RecordHash(item.file)};
+}
+
+// Where a pass ends: at the entry of a place, or after its time.
+struct TraceEnd {
+  std::optional<TracePlace> place;
+  std::optional<std::int64_t> order_ms;
+};
+
+// The newest of what is added, within limits.
+class NewestTraces {
+ public:
+  NewestTraces(std::size_t count_max, ChosenTraces& chosen) : count_max_(count_max), chosen_(chosen) {}
+
+  void Add(const TraceItem& item) {
+    std::deque<TraceItem>& items = chosen_.items;
+    items.push_back(item);
+    bytes_ += BytesOf(item);
+    while (items.size() > count_max_ || (bytes_ > kBytesMax && items.size() > 1)) {
+      bytes_ -= BytesOf(items.front());
+      items.pop_front();
+      ++chosen_.omitted;
+    }
+  }
+
+ private:
+  std::size_t count_max_;
+  ChosenTraces& chosen_;
+  std::size_t bytes_ = 0;
+};
+
+// `is_found`: the entry of the end's place was there.
+ChosenTraces ReadUntil(const std::string& directory, const TraceWish& wish, std::size_t count_max, const TraceEnd& end,
+                       bool& is_found) {
+  ChosenTraces chosen;
+  OpenTraces traces;
+  chosen.error = OpenAll(directory, traces);
+  TraceChoice choice(wish);
+  NewestTraces newest(count_max, chosen);
+  OpenTrace* trace = Oldest(traces);
+  while (trace != nullptr) {
+    const TraceItem& item = trace->Item();
+    is_found = end.place.has_value() && PlaceOf(item) == *end.place;
+    if (is_found) break;
+    const bool is_late = end.order_ms.has_value() && item.order_ms > *end.order_ms;
+    if (choice.Takes(item) && !is_late) newest.Add(item);
+    trace->Advance();
+    if (!trace->BelongsToLast()) trace = Oldest(traces);
+  }
+  if (chosen.omitted > 0) chosen.oldest = PlaceOf(chosen.items.front());
+  return chosen;
 }
 
 std::optional<std::int64_t> TimeOf(const TraceEntry& entry) {
@@ -116,27 +173,32 @@ bool TraceChoice::Takes(const TraceItem& item) {
   return last->second;
 }
 
-ChosenTraces ReadTraces(const std::string& directory, const TraceWish& wish, std::size_t count_max) {
-  ChosenTraces chosen;
-  OpenTraces traces;
-  chosen.error = OpenAll(directory, traces);
-  TraceChoice choice(wish);
-  std::size_t bytes = 0;
-  OpenTrace* trace = Oldest(traces);
-  while (trace != nullptr) {
-    if (choice.Takes(trace->Item())) {
-      chosen.items.push_back(trace->Item());
-      bytes += BytesOf(trace->Item());
-    }
-    while (chosen.items.size() > count_max || (bytes > kBytesMax && chosen.items.size() > 1)) {
-      bytes -= BytesOf(chosen.items.front());
-      chosen.items.pop_front();
-      ++chosen.omitted;
-    }
-    trace->Advance();
-    if (!trace->BelongsToLast()) trace = Oldest(traces);
-  }
-  return chosen;
+std::string TextOf(const TracePlace& place) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%" PRId64 ".%" PRIu64 ".%016" PRIx64, place.order_ms, place.begin, place.file);
+  return text;
+}
+
+std::optional<TracePlace> TracePlaceOf(std::string_view text) {
+  TracePlace place;
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  const auto take = [&](auto& number, int base, bool is_last) {
+    const auto [next, error] = std::from_chars(at, end, number, base);
+    const bool is_good = error == std::errc() && (is_last ? next == end : next != end && *next == '.');
+    at = is_last ? next : next + 1;
+    return is_good;
+  };
+  const bool is_good = take(place.order_ms, 10, false) && take(place.begin, 10, false) && take(place.file, 16, true);
+  return is_good ? std::optional(place) : std::nullopt;
+}
+
+ChosenTraces ReadTraces(const std::string& directory, const TraceWish& wish, std::size_t count_max,
+                        const std::optional<TracePlace>& before) {
+  bool is_found = false;
+  ChosenTraces chosen = ReadUntil(directory, wish, count_max, {.place = before, .order_ms = {}}, is_found);
+  if (!before.has_value() || is_found) return chosen;
+  return ReadUntil(directory, wish, count_max, {.place = {}, .order_ms = before->order_ms}, is_found);
 }
 
 ctl::Json ToJson(const TraceItem& item) {

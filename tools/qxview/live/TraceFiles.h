@@ -18,6 +18,7 @@ namespace qx::view {
 struct TraceItem {
   std::string file;
   debug::TraceEntry entry;
+  std::int64_t order_ms = 0;  // the time by which it is merged: that of the entry, or of the one before it in its file
 };
 
 // True for one entry that was read twice: the same text at the same place of the same file.
@@ -49,13 +50,30 @@ class TraceChoice {
   std::map<std::string, bool, std::less<>> last_;  // by file
 };
 
+// The place of an entry in the merged order.
+struct TracePlace {
+  std::int64_t order_ms = 0;
+  std::uint64_t begin = 0;  // in its file
+  std::uint64_t file = 0;   // the hash of its name
+
+  friend bool operator==(const TracePlace&, const TracePlace&) = default;
+};
+// "1769854830100.4096.e5ad9b1904074ddb"
+[[nodiscard]] std::string TextOf(const TracePlace& place);
+// Unset for any other text.
+[[nodiscard]] std::optional<TracePlace> TracePlaceOf(std::string_view text);
+
 // The newest entries that pass, oldest first, within limits.
 struct ChosenTraces {
   int error = 0;  // of the directory; ENOENT: there is no trace file
   std::deque<TraceItem> items;
-  std::uint64_t omitted = 0;  // passing entries that are older than these
+  std::uint64_t omitted = 0;              // passing entries that are older than these
+  std::optional<TracePlace> oldest = {};  // of these, if older ones are omitted
 };
-[[nodiscard]] ChosenTraces ReadTraces(const std::string& directory, const TraceWish& wish, std::size_t count_max);
+// With a place, only the entries before it. If the entry of the place was overwritten meanwhile, those that are not
+// later than it are taken, so entries of its own millisecond may come twice.
+[[nodiscard]] ChosenTraces ReadTraces(const std::string& directory, const TraceWish& wish, std::size_t count_max,
+                                      const std::optional<TracePlace>& before = std::nullopt);
 
 // The entry as in `qxctl trace show --json`, with "severity" and "timeMs".
 [[nodiscard]] ctl::Json ToJson(const TraceItem& item);

@@ -5,7 +5,7 @@ import { element, setChildren, setText } from "./dom.js";
 import { counted } from "./format.js";
 import { addressOf, changed } from "./route.js";
 import { empty, failed } from "./states.js";
-import { passes, textCell, timeCell } from "./trace-cells.js";
+import { passes, ReadEntries, textCell, timeCell } from "./trace-cells.js";
 import { TimeList } from "./time-list.js";
 
 const rowsMax = 300;
@@ -16,14 +16,11 @@ export function levelChoice(onchange) {
     levels.map(([value, text]) => element("option", { value }, text)));
 }
 
-function keyOf({ file, timeMs, thread, text }) {
-  return [file, timeMs, thread, text].join("\n");
-}
-
 export class TracesPanel {
   constructor(report) {
     this.report = report;
     this.waiting = [];
+    this.read = new ReadEntries();
     this.level = levelChoice(() => report.pages.replace(changed(report.route, { level: this.level.value })));
     this.count = element("span", { class: "count", role: "status" });
     this.all = element("a", { class: "button" }, "All traces");
@@ -44,8 +41,8 @@ export class TracesPanel {
     const amount = span.length > 0 ? [...span, ["max", rowsMax]] : [["newest", rowsMax]];
     this.failure = null;
     const { entries } = await getDocument("traces", [...amount, ["level", this.level.value]], this.report.abort.signal);
-    const known = new Set(entries.map(keyOf));
-    this.waiting = this.waiting.filter((entry) => !known.has(keyOf(entry)));  // came while the request was under way
+    this.read = new ReadEntries(entries);
+    this.waiting = this.read.withoutThese(this.waiting);  // came while the request was under way
     this.list.replace(entries.reverse());
   }
 
@@ -56,7 +53,7 @@ export class TracesPanel {
   receive(entries) {
     const { fixed, from, to } = this.report.span;
     if (fixed && this.report.chart.isNumbered) return;
-    this.waiting.push(...entries.filter((entry) => (!fixed || (entry.timeMs >= from && entry.timeMs <= to)) &&
+    this.waiting.push(...this.read.withoutThese(entries).filter((entry) => (!fixed || (entry.timeMs >= from && entry.timeMs <= to)) &&
       passes(entry, this.level.value, "")));
   }
 

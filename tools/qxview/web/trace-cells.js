@@ -5,6 +5,23 @@ import { logTime } from "./format.js";
 import { icon } from "./icons.js";
 import { markedText, matches, textOf, visibleText } from "./text.js";
 
+const repeatMs = 2000;
+
+// The entries of a document, of which the newest ones may come again as live events: those that were being written.
+export class ReadEntries {
+  constructor(entries = []) {
+    this.keys = new Set(entries.map(keyOf));
+    this.readAt = performance.now();
+  }
+
+  withoutThese(entries) {
+    return performance.now() - this.readAt < repeatMs ? entries.filter((entry) => !this.keys.has(keyOf(entry))) : entries;
+  }
+}
+
+function keyOf({ file, timeMs, thread, text }) {
+  return [file, timeMs, thread, text].join("\n");
+}
 
 export function passes(entry, level, filter) {
   const text = entry.text ?? textOf(entry, "text");

@@ -10,10 +10,12 @@ import { levelChoice } from "./report-traces.js";
 import { changed, numberParam } from "./route.js";
 import { empty, failed, loading } from "./states.js";
 import { textOf, visibleText } from "./text.js";
-import { fileName, passes, textCell, timeCell } from "./trace-cells.js";
+import { fileName, passes, ReadEntries, textCell, timeCell } from "./trace-cells.js";
 import { TimeList } from "./time-list.js";
 
 const rowsAtFirst = 500;
+const rowsAtMost = 10000;
+const rowsOfRequest = 1000;
 
 export function showTraces(context) {
   return new Traces(context);
@@ -25,6 +27,7 @@ class Traces {
     this.abort = new AbortController();
     this.waiting = [];
     this.held = 0;
+    this.read = new ReadEntries();
     this.cursor = new TimeCursor();
     this.filterLater = debounced(250, () => this.setParams({ filter: this.search.value }));
     this.show = throttled(200, () => this.draw());
@@ -40,7 +43,7 @@ class Traces {
     this.pause = element("button", { type: "button", class: "pause", onclick: () => this.togglePause() });
     this.count = element("p", { class: "where", role: "status" });
     this.place = element("div", { class: "place" });
-    this.older = element("button", { type: "button", onclick: () => this.setParams({ rows: this.rows * 2 }) }, "Show older");
+    this.older = element("button", { type: "button", onclick: () => this.showOlder() });
     this.list = new TimeList({
       label: "Traces", columns: ["Time", "File", "Module", "Thread", "Text"], rowsMax: rowsAtFirst,
       cells: (entry) => this.cells(entry), timeOf: (entry) => entry.timeMs, point: (time, pinned) => this.point(time, pinned),
@@ -55,7 +58,7 @@ class Traces {
   }
 
   get rows() {
-    return Math.min(5000, Math.max(rowsAtFirst, numberParam(this.route, "rows") ?? 0));
+    return Math.min(rowsAtMost, Math.max(rowsAtFirst, numberParam(this.route, "rows") ?? 0));
   }
 
   get filter() {
@@ -105,18 +108,36 @@ class Traces {
     this.startLive();
   }
 
+  // A request returns a limited number of entries, so many rows need several.
   async fetch() {
     const { from, to } = this.span;
-    const amount = to !== null ? [["from", from ?? 0], ["to", to], ["max", this.rows]] : [["newest", this.rows]];
+    const span = to === null ? [] : [["from", from ?? 0], ["to", to]];
     const request = this.requests = (this.requests ?? 0) + 1;
-    const document = await getDocument("traces", [...amount, ["level", this.level.value], ["filter", this.filter]], this.abort.signal);
-    if (request !== this.requests) return;
-    this.startCursor = document.cursor;
+    const entries = [];
+    let document = {};
+    do {
+      const count = Math.min(rowsOfRequest, this.rows - entries.length);
+      document = await getDocument("traces", [...span, ["newest", count], ["before", document.before], ["level", this.level.value],
+        ["filter", this.filter]], this.abort.signal);
+      if (request !== this.requests) return;
+      if (entries.length === 0) {
+        this.startCursor = document.cursor;
+        this.read = new ReadEntries(document.entries);
+      }
+      entries.push(...document.entries.reverse());
+    } while (document.before && entries.length < this.rows);
     this.waiting = [];
     this.held = 0;
     this.list.rowsMax = this.rows;
-    this.isCut = document.entries.length >= this.rows;
-    this.list.replace(document.entries.reverse());
+    this.isCut = Boolean(document.before);
+    this.list.replace(entries);
+  }
+
+  // A list that is as long as may be ends where the next one begins.
+  showOlder() {
+    if (this.rows < rowsAtMost) return this.setParams({ rows: this.rows * 2 });
+    const oldest = this.list.entries.findLast(({ timeMs }) => typeof timeMs === "number");
+    if (oldest) this.setParams({ to: oldest.timeMs, rows: null });
   }
 
   startLive() {
@@ -143,7 +164,7 @@ class Traces {
 
   receive(type, { entries }) {
     if (type !== "traces") return;
-    const shown = entries.filter((entry) => passes(entry, this.level.value, this.filter));
+    const shown = this.read.withoutThese(entries).filter((entry) => passes(entry, this.level.value, this.filter));
     if (this.paused) this.held += shown.length;
     else this.waiting.push(...shown);
     this.show();
@@ -157,7 +178,8 @@ class Traces {
     this.waiting = [];
     const none = this.list.size === 0;
     this.card.hidden = none;
-    this.older.hidden = !this.isCut || this.rows >= 5000;
+    this.older.hidden = !this.isCut;
+    setText(this.older, this.rows < rowsAtMost ? "Show older" : "Go to older");
     this.showCount();
     this.showPause();
     if (!none) this.place.replaceChildren();
