@@ -29,8 +29,8 @@
 // Owns: the log file, the ring file and the settings.
 // Failure: no call raises an error, and none changes errno: callers print it after they have traced. Failures
 // of the facility itself are reported in the system log, those of the ring file in the log file.
-// Outside its lifetime the object is inert: before the constructor of a global, when its memory is zero, and after the
-// destructor, the active flag is false and no non-virtual call prints anything.
+// Outside its lifetime the object is inert: the active flag is false, and no non-virtual call prints anything. So it is
+// before the constructor, when the memory of a global is zero, and after the destructor.
 class CDebug : public CDebugTraceConfig {
  public:
   // Trace targets, as SetTarget, PrintIt and WriteLogHeader take them.

@@ -64,9 +64,9 @@ struct ReportPoll {
 };
 
 // Threads: one thread.
-// Costs: the first poll reads all records before the next one, so that a second match is noticed; later ones read
-// kNearRecords and the overlap, as long as they contain the position. Memory: one reply of the source, and eight bytes
-// for each compared record.
+// Costs: the first poll reads all records before the next one, so that a second match is noticed; later ones read only
+// kNearRecords and the overlap, if the position is among these. Memory: one reply of the source, and eight bytes for
+// each compared record.
 class ReportFollower {
  public:
   static constexpr std::uint32_t kNearRecords = 1024;

@@ -163,8 +163,8 @@ class Examiner {
   }
 
   // After a restart there is no marker at the write position. A new record is recognised by the marker after it. If
-  // that is exactly where the marker of the previous round was, the record shows only in the line end before the oldest
-  // record, which is overwritten.
+  // this marker is exactly where the marker of the previous round was, only one thing shows the new record: it has
+  // overwritten the line end before the oldest record.
   std::int64_t DoubtfulEndAfterRestart() {
     if (const auto end = EndOfNewRecordsAt(0)) return *end;
     if (scan_.header.highestIndex == 0) return 0;

@@ -143,9 +143,9 @@ class Salvager {
     return {begin, std::max(begin, data_bytes_), false};
   }
 
-  // A slot that leads into the middle of a line leads to a piece of a record. This is certain if the line has a slot of
-  // its own, and the next slot leads to the end of the line, as a writer's slots do. Otherwise the line feed before a
-  // real record may be damaged, and both texts are kept.
+  // Drops slots that certainly lead into the middle of a record: the line has a slot of its own, and the next slot
+  // leads to the end of the line, as a writer's slots do. Otherwise the line feed before a real record may be damaged,
+  // and both texts are kept.
   void DropFragments() {
     const SlotLine* whole = nullptr;
     for (SlotLine& held : lines_) {

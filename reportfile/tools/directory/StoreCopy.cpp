@@ -176,7 +176,8 @@ class Copier {
     return true;
   }
 
-  // Updates the copied index to a header during which nothing changed while the slots since the last scan were read.
+  // Copies the slots of newer records until the header is the same before and after their read. The copied index then
+  // gets this header, which is returned.
   std::optional<IndexHeader> CatchUp(IndexHeader seen) {
     for (int spins = 0; spins < kSpinsMax; ++spins) {
       const std::optional<IndexHeader> now = live_.Header();
@@ -203,8 +204,8 @@ class Copier {
     }
   }
 
-  // A header whose writePosition is after every written byte: either no record is being written, which the marker
-  // shows, or that record was counted since.
+  // Waits for a header that shows how far the writer has written: the marker is at its writePosition, so no record is
+  // being written, or the record that was being written is counted now.
   std::optional<IndexHeader> HeaderAfterTheCopiedPart(const IndexHeader& reference) {
     std::optional<IndexHeader> first;
     std::optional<IndexHeader> now;
@@ -220,7 +221,7 @@ class Copier {
     return now == reference ? now : std::nullopt;
   }
 
-  // True if text of a slot of `reference` was overwritten up to `after`.
+  // True if the writer has overwritten the text of a slot of `reference` when its header is `after`.
   bool IsTouched(const IndexHeader& reference, const IndexHeader& after) const {
     switch (WritePathBetween(reference, after)) {
       case WritePath::kNowhere:
