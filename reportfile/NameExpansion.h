@@ -11,7 +11,7 @@
 
 namespace qx::report {
 
-// What an expression names, in the order of the system: never "." and "..".
+// The paths that an expression names, in the order of the system, without "." and "..".
 struct Expansion {
   std::vector<std::string> paths;
   int error = 0;          // why there is no path; 0 if there are some

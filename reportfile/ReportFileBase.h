@@ -61,10 +61,10 @@ class [[gnu::visibility("default")]] CReportFileBase {
   // of the text may be in the data file, where nothing points at them. [any thread]
   [[nodiscard]] bool writeLine(const char* text);
 
-  // Reads the record in `slot` up to and including its first line feed, so normally with its "\r\n". A byte 0xFF ends
-  // the record too and is part of it; so does the end of the file, which adds a byte 0xFF; a NUL ends the text and is
-  // not part of it. False leaves `out` unchanged: a slot that is not in use, a store that is not open, or a read that
-  // failed; the next call reads again. [any thread]
+  // Reads the record in `slot` up to and including its first line feed, so normally with its "\r\n". A byte 0xFF also
+  // ends the record, and is part of it. The end of the file reads as such a byte. A NUL ends the text, and is not part
+  // of it. False leaves `out` unchanged: a slot that is not in use, a store that is not open, or a read that failed;
+  // the next call reads again. [any thread]
   [[nodiscard]] bool readLine(std::string & out, unsigned int slot);
 
   // The size of the data file in bytes, 0 when it is not open. [owning thread]

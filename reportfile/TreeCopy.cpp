@@ -21,8 +21,8 @@ bool IsDirectory(const char* path) {
   return file::StatusOf(path, status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// What exists is accepted as it is, even a file: the first copy into it fails. An existing directory for which the
-// system reports another error than EEXIST (automounters do) is accepted as well. 0 or the error number.
+// Whatever has this name already is accepted, even a file: then the first copy into it fails. An existing directory for
+// which the system reports another error than EEXIST (automounters do) is accepted as well. 0 or the error number.
 int MakeDirectory(const std::string& path) {
   const int error = file::MakeDirectory(path.c_str(), kDirectoryMode);
   if (error == 0 || error == EEXIST) return 0;

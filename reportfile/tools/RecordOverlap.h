@@ -42,8 +42,8 @@ struct OverlapPlace {
 };
 
 // Searches for `overlap` (oldest first, not empty) in `window`. `from_oldest` says whether the window begins with the
-// oldest record of the ring: only then may the beginning of the overlap have left the ring, so that a part of it is
-// enough.
+// oldest record of the ring: if so, the first records of the overlap may have left the ring, and a match of the others
+// is enough.
 //
 // A part counts as found only if no two records of the overlap are equal: if records repeat, one or two of them match
 // anywhere. [any thread]

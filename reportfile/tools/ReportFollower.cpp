@@ -139,8 +139,8 @@ bool ReportFollower::ReadHashes(std::uint32_t first, std::uint32_t end, Hashes& 
   return true;
 }
 
-// Without a delivered record before the new ones, this read begins a new snapshot, which must begin with the records
-// that the search found. CheckSteady reads the first records of the attempt again.
+// If no delivered record is before the new ones, this read starts at index 0 and begins a new snapshot: that must begin
+// with the records that the search found. CheckSteady reads the first records of the attempt again.
 bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
   if (!source_.Read(attempt.place, count_max, attempt.poll.records)) return false;
   for (const std::string& record : attempt.poll.records) attempt.hashes.push_back(RecordHash(record));

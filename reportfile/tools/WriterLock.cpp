@@ -30,8 +30,8 @@ int ProcessThatWrites(const std::string& base_path) {
   return 0;
 }
 
-// The process that took the lock of the open file; empty if the system's list of locks does not show it. A process that
-// has ended may have left the lock to another one.
+// The process that took the lock of the open file; empty if the system's list of locks does not show it. If it has
+// ended, another process that inherited the open file may still hold the lock.
 std::optional<int> ProcessWithTheLock(int file) {
   struct stat status = {};
   if (file::StatusOf(file, status) != 0) return std::nullopt;

@@ -191,8 +191,8 @@ TEST_F(QxctlFollow, SignalEndsItWithTheSummary) {
   }
 }
 
-// Records and summary go to the same terminal. One that is nearly full lets `poll` return, and then the write waits.
-// One that is full keeps the summary waiting.
+// Records and summary go to the same terminal. If it is nearly full, `poll` returns, and then the write waits. If it is
+// full, the summary waits.
 TEST_F(QxctlFollow, SignalEndsItOnATerminalThatNobodyReads) {
   MakeReport("load", 500, Texts(500, std::string(1000, 'x')));
   Start start = StartHere();

@@ -1,5 +1,5 @@
-// Slices of records through the commands: the same records whatever command prints them, and which command has which
-// option.
+// Slices of records through the commands: each command prints the same records, and has the options that the page
+// shows.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -218,8 +218,8 @@ TEST_F(StoreTransientFaults, FirstSlotThatIsCutShortIsRemoved) {
   }
 }
 
-// An object that had another store open keeps its header when it creates a store. Here that is the header of a full
-// ring whose oldest slot is 0, and then that of a ring that still fills.
+// An object that had another store open keeps that store's header when it creates a store. The test uses the header of
+// a full ring whose oldest slot is 0, and then that of a ring that still fills.
 TEST_F(StoreTransientFaults, QuirkUsedObjectWritesItsFirstSlotByItsOldHeader) {
   const StoreFiles full;
   full.Make(StoreFiles::FullRing(2), {0, 3}, "a\r\nb\r\n===>\r\n");

@@ -278,8 +278,8 @@ class Backup {
     return error == 0;
   }
 
-  // This step makes it a backup. It replaces an empty directory at the target; anything else appeared after the check
-  // and stays.
+  // This rename makes the directory a backup. It replaces an empty directory at the target. Anything else there
+  // appeared after the check: then the rename fails, and it stays.
   void RenameIntoPlace(PrivateDirectory& directory) {
     if (const int error = directory.RenameTo(file::NameOf(target_)); error != 0) {
       (void)Failed(error, target_);

@@ -13,7 +13,7 @@
 
 namespace qx::ctl {
 
-// The columns of a chart: as many as there are values at their usual distance, and no more than fit.
+// The columns of a chart: one for each usual distance between two values, but no more than fit.
 //   x 0, 1, 2, 3 with 80 columns        => 4 columns, one for each
 //   every minute, but one is missing    => one column stays empty
 //   4000 values with 40 columns         => 40 columns of 100 values

@@ -58,7 +58,7 @@ std::optional<Number> ParseNumber(std::string_view text) {
   return is_whole ? std::optional(number) : std::nullopt;
 }
 
-// A bracket that the value does not open belongs to what is around it.
+// A closing bracket whose opening bracket is not in the value does not belong to it.
 //   "12%)" => "12%"    "a(b)" => "a(b)"    "(a))" => "(a)"
 std::string_view WithoutClosingBrackets(std::string_view value) {
   constexpr std::string_view kOpening = "([{";
@@ -137,7 +137,7 @@ class FieldScan {
     return quoted ? quoted->size() + 2 : CountFront(rest_, IsNamePart);
   }
 
-  // The text in quotes that the rest begins with. After a quote that is not closed, none is searched for.
+  // The text in quotes that the rest begins with. After a quote without its end, no other quote is searched for.
   std::optional<std::string_view> Quoted() {
     if (!rest_.starts_with('"') || !may_have_quotes_) return std::nullopt;
     const std::optional<std::string_view> quoted = QuotedValue(rest_);

@@ -38,7 +38,8 @@ struct FieldRules {
 //   "load 0.12, free: 7 GB, path=\"a b\""  => load 0.12 (number), free 7 (integer), path "a b" (text)
 //   "09:00;7", separator ";"             => 1 "09:00" (text), 2 "7" (integer)
 // After "=" a value may be anything, after ":" or a blank it is a number. A number may have a unit of letters, "%" and
-// "/". A value ends at a blank, a comma, a semicolon or a bracket that it does not open; in quotes it may have these.
+// "/". A value ends at a blank, a comma, a semicolon, or a closing bracket without its opening one; in quotes it may
+// have these.
 [[nodiscard]] std::vector<RecordField> ParseFields(std::string_view text, const FieldRules& rules);
 
 // The number after a key, or that of a column.

@@ -56,7 +56,7 @@ bool CheckFile(const std::string& path, DoctorFindings& findings) {
   return true;
 }
 
-// The first finding of each rule, and how many more there are like it. False if lines end with CR LF: the content of
+// Adds the first finding of each rule, with the number of further ones. False if lines end with CR LF: the content of
 // the file can be checked only after each CR is removed.
 bool CheckLines(const std::string& path, DoctorFindings& findings) {
   FileImage image;

@@ -244,8 +244,8 @@ Status CheckSeveral(const Options& options) {
   return {ExitCode::kUsage, "--output: " + Visible(options.output) + " is not a directory; several reports need one"};
 }
 
-// Each chunk is allocated and freed several times. Without this the system would take the memory back each time, and
-// touching it again would take as long as the rest of the transfer.
+// Each chunk is allocated and freed several times. By default the system takes the memory back each time, and the next
+// use of it takes as long as the rest of the transfer.
 void KeepFreedMemory() {
   constexpr int kKeptBytes = 64 << 20;
   constexpr int kMappedBytes = 32 << 20;  // smaller blocks come from the heap

@@ -65,7 +65,7 @@ Status ReportReader::Split(const ReportReply& reply, std::vector<std::string>& r
   return SplitRange(reply.start_index, reply.next_index, reply.records, records);
 }
 
-// A record without an end continues into the next one, so the number of pieces shows whether there is one.
+// A record without an end runs into the next one: then there are fewer pieces than records.
 Status ReportReader::SplitRange(std::int32_t start, std::int32_t end, std::string_view text,
                                 std::vector<std::string>& records) {
   std::vector<std::string> pieces = CutAtEnds(text);

@@ -15,14 +15,14 @@ namespace qx::ctl {
 // The JSON library itself, because call files are also read.
 using CallJson = nlohmann::ordered_json;
 
-// Sets the reason and is false.
+// Sets `problem` to the reason, and returns false.
 bool Fails(std::string& problem, std::string reason);
 
 // Sets `key` to `bytes`, or, if they are not UTF-8, `key`Base64 to their base64.
 void SetBytes(CallJson& object, const std::string& key, const std::string& bytes);
 
-// Reads one object. Every function is false with a reason in `problem` if the field is missing or of another kind; its
-// output is then unchanged.
+// Reads one object. Every function returns false, with the reason in `problem`, if the field is missing or of another
+// kind; its output is then unchanged.
 class FieldReader {
  public:
   FieldReader(const CallJson& object, std::string& problem) : object_(object), problem_(problem) {}

@@ -112,7 +112,7 @@ std::vector<std::string_view> TakeLines(std::string_view& text) {
 }
 
 // The lines of each read are appended together, so a line on a pipe is appended when it comes. A line that is too long
-// to be a record is not waited for.
+// for a record is refused before its end has come.
 Status AppendStandardInput(Writer& report) {
   constexpr std::size_t kReadBytes = std::size_t{256} << 10;
   std::string text;

@@ -1,7 +1,7 @@
 // The values of the registry that name the report directory, and what looks like one of them but is not read.
 //
-// The pointer "Server Control" of one key names the suite's root; the key "Setup" below that root has ReportRoot, the
-// report directory itself, or FileRoot, the directory above "Reports" (provider/ServerControlPaths.h).
+// The value "Server Control" of one key, the pointer, names the suite's root; the key "Setup" below that root has
+// ReportRoot, the report directory itself, or FileRoot, the directory above "Reports" (provider/ServerControlPaths.h).
 #pragma once
 
 #include <string>

@@ -5,8 +5,8 @@
 
 namespace qx::ctl {
 
-// The first file or directory on the way to `path`, with its symbolic links followed too, that everybody may write; a
-// directory with the sticky bit protects what is in it. Empty if there is no such file or directory.
+// The first file or directory on the way to `path` that everybody may write; symbolic links are followed. A directory
+// with the sticky bit does not count, because it protects its entries. Empty if there is no such file or directory.
 [[nodiscard]] std::string WritableByOthers(const std::string& path);
 
 }  // namespace qx::ctl

@@ -12,7 +12,7 @@ namespace qx::ctl {
 //   "90s" => 90    "10m" => 600    "2h" => 7200    "10" => unset
 [[nodiscard]] std::optional<std::int64_t> ParseDuration(std::string_view text);
 
-// A length of time in the largest unit that it has at least twice, rounded down; a negative length counts as 0.
+// A length of time in the largest unit of which it has at least two, rounded down; a negative length counts as 0.
 //   0 => 0 s    119 => 119 s    120 => 2 min    7199 => 119 min    7200 => 2 h    172800 => 2 d
 [[nodiscard]] std::string DurationText(std::int64_t seconds);
 

@@ -17,7 +17,7 @@ bool IsPlain(char c) {
   return is_letter || is_digit || std::string_view("/._-+:,@%=").find(c) != std::string_view::npos;
 }
 
-// Each byte that the quotes $'...' do not take as it is.
+// A byte as it is written in the quotes $'...'.
 std::string EscapedForBash(char c) {
   if (c == '\'' || c == '\\') return std::string("\\") + c;
   if (!IsControl(c)) return std::string(1, c);
