@@ -65,6 +65,7 @@ const Command* const kCommands[] = {
     &qx::relay::kStatusCommand,
     &kStream,
     &qx::relay::kStreamCreateCommand,
+    &qx::relay::kStreamShowCommand,
     &kHost,
     &qx::relay::kHostAddCommand,
     &qx::relay::kHostRenameCommand,

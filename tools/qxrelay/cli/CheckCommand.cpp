@@ -138,7 +138,8 @@ void CheckLookUp(const RelayConfig& config, Findings& findings) {
 // Reads the state of the stream. This proves the rights of a collector, and creates no consumer.
 void CheckStream(const StreamSettings& settings, Findings& findings) {
   StreamState state;
-  if (const auto problem = ReadStream(settings, state)) findings.push_back(*problem);
+  if (const auto problem = ReadStream(settings, state)) return findings.push_back(*problem);
+  if (const std::string missing = TextOfMissingCopies(state); !missing.empty()) findings.push_back(missing);
 }
 
 Status Check(ctl::Context& context, const ctl::Values& values) {

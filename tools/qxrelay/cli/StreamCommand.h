@@ -1,4 +1,4 @@
-// qxrelay stream create
+// qxrelay stream create, qxrelay stream show
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"
@@ -6,5 +6,6 @@
 namespace qx::relay {
 
 extern const ctl::Command kStreamCreateCommand;
+extern const ctl::Command kStreamShowCommand;
 
 }  // namespace qx::relay

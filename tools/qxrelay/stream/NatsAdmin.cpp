@@ -40,6 +40,13 @@ std::uint32_t WholeCopies(const jsClusterInfo& cluster) {
 
 }  // namespace
 
+std::string TextOfMissingCopies(const StreamState& state) {
+  if (state.whole_copies == 0) return "the stream " + state.settings.name + " has no leader";
+  if (state.whole_copies >= state.settings.replicas) return "";
+  return "only " + std::to_string(state.whole_copies) + " of " + std::to_string(state.settings.replicas) +
+         " copies of the stream " + state.settings.name + " have all messages: do not stop another server now";
+}
+
 std::optional<std::string> CreateStream(const StreamSettings& settings) {
   Session session;
   if (auto problem = OpenSession(settings, session)) return problem;

@@ -22,6 +22,9 @@ struct StreamState {
   bool allows_look_ups = false;    // DIRECT.GET, which senders use
 };
 
+// What is wrong with the copies of the stream, for the operator. Empty: it has a leader, and each copy has all messages.
+[[nodiscard]] std::string TextOfMissingCopies(const StreamState& state);
+
 // Creates the stream of the settings: it has all subjects below the prefix, is on disk, discards the oldest messages
 // first, and allows look-ups. An existing stream gets the limits and the number of replicas of the settings. Unset:
 // done. Otherwise what failed, for the operator. [any thread]
