@@ -32,9 +32,10 @@ void WriteStrangeRecord(const std::string& path, const std::string& text) {
 struct Mishap {
   const char* name;
   std::function<void(const std::string& path)> happen;
-  bool is_left_alone;   // otherwise it continues
-  std::size_t records;  // that it has in the end
-  std::uint64_t lost;   // that are counted as lost
+  bool is_left_alone;           // otherwise it continues
+  std::size_t records;          // that it has in the end
+  std::uint64_t lost;           // that are counted as lost
+  bool is_whole_later = false;  // of one that is left alone: once its files are removed, all records come again
 };
 
 TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
@@ -44,7 +45,7 @@ TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
          fs::remove(path + ".ind");
          fs::remove(path + ".dat");
        },
-       false, 3, 5},
+       false, 8, 0},
       {"deleted with its base", [](const std::string& path) { fs::remove_all(fs::path(path).parent_path()); }, false, 3,
        0},
       {"emptied in place",
@@ -52,17 +53,17 @@ TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
          fs::resize_file(path + ".ind", 0);
          fs::resize_file(path + ".dat", 0);
        },
-       false, 3, 5},
-      {"its index file is deleted", [](const std::string& path) { fs::remove(path + ".ind"); }, true, 0, 0},
+       false, 8, 0},
+      {"its index file is deleted", [](const std::string& path) { fs::remove(path + ".ind"); }, true, 0, 0, true},
       {"its header is damaged",
-       [](const std::string& path) { qx::test::WriteFile(path + ".ind", std::string(60, '\xEE')); }, true, 0, 0},
+       [](const std::string& path) { qx::test::WriteFile(path + ".ind", std::string(60, '\xEE')); }, true, 0, 0, true},
       {"appended to by a stranger", [](const std::string& path) { WriteStrangeRecord(path, "strange"); }, true, 6, 0},
       {"restored from an older backup",
        [](const std::string& path) {
          fs::copy_file(path + ".ind.bak", path + ".ind", fs::copy_options::overwrite_existing);
          fs::copy_file(path + ".dat.bak", path + ".dat", fs::copy_options::overwrite_existing);
        },
-       false, 5, 3},
+       false, 8, 0},
       {"its base is deleted", [](const std::string& path) { fs::remove(path + ".relay"); }, false, 8, 0},
       {"replaced by another report",
        [](const std::string& path) {
@@ -106,8 +107,8 @@ TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
       }
       EXPECT_TRUE(collector.IsLogged("report h/a: left alone, its messages are skipped: ")) << collector.log.back();
       EXPECT_EQ(report.counters.skipped, 3U);
-      // The report stays left alone after a restart, until the files are removed. Then it continues, and the lost
-      // records are counted.
+      // The report stays left alone after a restart, until the files are removed. Then it continues: with everything
+      // that the stream still has, if its base shows where it was.
       collector.Restart();
       sender.Records(1);
       collector.Run(6);
@@ -117,7 +118,11 @@ TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
       collector.now += 10'000;
       sender.Records(2);
       collector.Run(6);
-      EXPECT_THAT(collector.Records("a"), ElementsAre(sender.Text(9), sender.Text(10)));
+      if (mishap.is_whole_later) {
+        EXPECT_EQ(collector.Records("a"), sender.sent);
+      } else {
+        EXPECT_THAT(collector.Records("a"), ElementsAre(sender.Text(9), sender.Text(10)));
+      }
       EXPECT_EQ(collector.Report("a").state, CollectedState::kFollows);
     }
   }
@@ -148,8 +153,8 @@ TEST(RelayCollectorRoot, AReportThatIsBusyIsWrittenLaterOrLeftAlone) {
     sender.Records(1);
     collector.Run();
     EXPECT_THAT(collector.stream.acknowledged, ElementsAre(1, 2, 3, 4));
-    EXPECT_EQ(collector.Records("a").size(), is_long ? 3U : 6U);
-    EXPECT_EQ(collector.Report("a").counters.gap_records, is_long ? 3U : 0U);
+    EXPECT_EQ(collector.Records("a"), sender.sent) << "what was skipped is read again from the stream";
+    EXPECT_EQ(collector.Report("a").counters.gap_records, 0U);
     EXPECT_EQ(collector.Report("a").counters.skipped, is_long ? 3U : 0U);
   }
 }

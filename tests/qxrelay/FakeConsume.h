@@ -67,6 +67,21 @@ class FakeConsume final : public relay::ConsumeStream {
     sequence = messages.empty() ? 0 : messages.begin()->first;
     return std::nullopt;
   }
+  // The consumer's copy first, then the other one.
+  [[nodiscard]] std::size_t Copies() const override { return 2; }
+  [[nodiscard]] relay::CopyAnswer ReadFromCopy(std::size_t copy, std::uint64_t sequence,
+                                               relay::StreamMessage& message) override {
+    ++copy_reads;
+    if (copy == 1 && is_other_copy_silent) return relay::CopyAnswer::kUnknown;
+    const std::map<std::uint64_t, Stored>& all = copy == 0 ? messages : other_copy;
+    const auto found = all.find(sequence);
+    if (found == all.end()) return relay::CopyAnswer::kNone;
+    message = {.subject = found->second.subject,
+               .payload = found->second.payload,
+               .sequence = sequence,
+               .before = found->second.before};
+    return relay::CopyAnswer::kMessage;
+  }
   void Close() override { is_connected = false; }
 
   // Stores a message. Returns its sequence.
@@ -74,6 +89,11 @@ class FakeConsume final : public relay::ConsumeStream {
     ++last;
     messages[last] = {subject, std::move(payload), std::exchange(newest[subject], last)};
     return last;
+  }
+  // From now on only the other copy has the message; the consumer's copy has `instead` with the same sequence.
+  void MoveToOtherCopy(std::uint64_t sequence, const std::string& instead) {
+    other_copy[sequence] = messages.at(sequence);
+    messages.at(sequence) = messages.at(newest.at(instead));
   }
   // Delivers messages to a receiver that is killed before it handles them.
   void DeliverToNobody(std::uint64_t count) {
@@ -92,6 +112,9 @@ class FakeConsume final : public relay::ConsumeStream {
   }
 
   std::map<std::uint64_t, Stored> messages;
+  std::map<std::uint64_t, Stored> other_copy;  // messages that the consumer's copy lacks
+  bool is_other_copy_silent = false;
+  int copy_reads = 0;
   std::map<std::string, std::uint64_t> newest;     // of a subject
   std::map<std::uint64_t, std::uint64_t> pending;  // delivered and not acknowledged: how often it was delivered
   std::deque<std::uint64_t> again;

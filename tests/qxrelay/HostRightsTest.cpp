@@ -23,8 +23,9 @@ TEST(RelayHostRights, EachRoleHasWhatItNeeds) {
   EXPECT_EQ(host.subscribe, Words{"_INBOX_a%2Eb.>"});
   const Rights collector = RightsOf(Role::kCollector, stream, "c1");
   EXPECT_EQ(collector.publish,
-            (Words{"$JS.API.STREAM.NAMES", "$JS.API.STREAM.INFO.QX", "$JS.API.CONSUMER.INFO.QX.c1",
-                   "$JS.API.CONSUMER.DURABLE.CREATE.QX.c1", "$JS.API.CONSUMER.MSG.NEXT.QX.c1", "$JS.ACK.QX.c1.>"}));
+            (Words{"$JS.API.STREAM.NAMES", "$JS.API.STREAM.INFO.QX", "$JS.API.STREAM.MSG.GET.QX",
+                   "$JS.API.DIRECT.GET.QX", "$JS.API.CONSUMER.INFO.QX.c1", "$JS.API.CONSUMER.DURABLE.CREATE.QX.c1",
+                   "$JS.API.CONSUMER.MSG.NEXT.QX.c1", "$JS.ACK.QX.c1.>"}));
   EXPECT_EQ(RightsOf(Role::kOperator, stream, "op").publish, Words{"$JS.API.>"});
 }
 
@@ -32,7 +33,7 @@ TEST(RelayHostRights, DomainIsInTheSubjectsOfTheInterface) {
   StreamSettings stream;
   stream.domain = "hub";
   EXPECT_EQ(RightsOf(Role::kHost, stream, "h").publish.back(), "$JS.hub.API.DIRECT.GET.QX.qx.about.h");
-  EXPECT_EQ(RightsOf(Role::kCollector, stream, "c1").publish[3], "$JS.hub.API.CONSUMER.DURABLE.CREATE.QX.c1");
+  EXPECT_EQ(RightsOf(Role::kCollector, stream, "c1").publish[5], "$JS.hub.API.CONSUMER.DURABLE.CREATE.QX.c1");
   EXPECT_EQ(RightsOf(Role::kOperator, stream, "op").publish, Words{"$JS.hub.API.>"});
 }
 

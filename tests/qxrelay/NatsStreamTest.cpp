@@ -123,7 +123,8 @@ TEST_F(RelayNats, AConsumerGetsWhatItHasNotAcknowledged) {
   ASSERT_EQ(CreateStream(settings_), std::nullopt);
   NatsPublish stream(settings_, "h");
   ASSERT_EQ(stream.Connect(), std::nullopt);
-  for (std::uint64_t i = 1; i <= 3; ++i) (void)PublishAndWait(stream, i, Subject("a"), "text " + std::to_string(i));
+  for (std::uint64_t i = 1; i <= 3; ++i)
+    (void)PublishAndWait(stream, i, Subject("a"), "text " + std::to_string(i), i - 1);
   NatsConsume consumer(settings_);
   ASSERT_EQ(consumer.Connect("c1", 100, milliseconds(30000)), std::nullopt);
   std::vector<StreamMessage> messages;
@@ -134,10 +135,20 @@ TEST_F(RelayNats, AConsumerGetsWhatItHasNotAcknowledged) {
   EXPECT_EQ(messages[1].sequence, 2U);
   EXPECT_EQ(messages[1].delivered, 1U);
   EXPECT_EQ(messages[1].pending, 1U);
+  const std::optional<std::uint64_t> before = messages[1].before;
   EXPECT_EQ(consumer.Acknowledge(messages[0].receipt), std::nullopt);
   messages.clear();
   EXPECT_EQ(consumer.Fetch(10, milliseconds(20), messages), std::nullopt);
   EXPECT_TRUE(messages.empty());
+  for (std::size_t copy = 0; copy < consumer.Copies(); ++copy) {
+    StreamMessage read;
+    ASSERT_EQ(consumer.ReadFromCopy(copy, 2, read), qx::relay::CopyAnswer::kMessage) << copy;
+    EXPECT_EQ(read.subject, Subject("a"));
+    EXPECT_EQ(read.payload, "text 2");
+    EXPECT_EQ(read.before, before);
+    EXPECT_EQ(read.receipt, "");
+    EXPECT_EQ(consumer.ReadFromCopy(copy, 4, read), qx::relay::CopyAnswer::kNone) << copy;
+  }
   std::uint64_t first = 0;
   EXPECT_EQ(consumer.FirstSequence(first), std::nullopt);
   EXPECT_EQ(first, 1U);

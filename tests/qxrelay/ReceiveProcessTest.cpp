@@ -198,6 +198,18 @@ void ExpectCheckOfACollector(const std::string& config, const qx::relay::StreamS
   EXPECT_NE(ReadPending(of_operator, "c", pending), std::nullopt) << "there is a consumer";
 }
 
+void ExpectCopiesCanBeRead(qx::relay::StreamSettings settings, const std::string& collector,
+                           const std::string& password) {
+  settings.user = collector;
+  settings.password_file = password;
+  qx::relay::NatsConsume consumer(settings);
+  ASSERT_EQ(consumer.Connect(collector, 100, std::chrono::seconds(30)), std::nullopt);
+  for (std::size_t copy = 0; copy < consumer.Copies(); ++copy) {
+    qx::relay::StreamMessage message;
+    EXPECT_EQ(consumer.ReadFromCopy(copy, 1, message), qx::relay::CopyAnswer::kMessage) << copy;
+  }
+}
+
 TEST(RelayReceiveRights, TheRightsOfACollectorAreEnough) {
   const qx::test::TempDir dir;
   const std::string users = dir.File("users.conf");
@@ -243,6 +255,7 @@ TEST(RelayReceiveRights, TheRightsOfACollectorAreEnough) {
   EXPECT_TRUE(Until([&] { return RecordsAt(dir.File("root/h/load")) == Lines{"a\r\n"}; }))
       << qx::test::ReadFile(dir.File("log"));
   EXPECT_EQ(receiver.End(SIGTERM), 0);
+  ExpectCopiesCanBeRead(settings, "c", dir.File("c"));
 }
 
 TEST(RelayReceiveConsumer, ChangedSettingsOfTheConsumerAreUsed) {

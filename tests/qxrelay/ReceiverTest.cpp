@@ -20,6 +20,7 @@ using qx::test::Collector;
 using qx::test::FailingCall;
 using qx::test::FakeSender;
 using qx::test::FileCall;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -106,6 +107,67 @@ TEST(RelayReceiver, AHoleWaitsForTheMissingMessage) {
   EXPECT_EQ(collector.Report("a").state, CollectedState::kFollows);
 }
 
+// The consumer reads the copy of a server that was stopped, and has other messages with the same sequences.
+TEST(RelayReceiver, MessagesThatOneCopyLacksAreTakenFromAnother) {
+  Collector collector;
+  FakeSender other(collector.stream, "h", "b");
+  other.Records(3);
+  FakeSender sender(collector.stream, "h", "a");
+  sender.Records(2);
+  collector.Run();
+  const std::uint64_t gap = sender.Gap(5);
+  const std::uint64_t records = sender.Records(2);
+  const std::uint64_t last = sender.Records(2);
+  for (const std::uint64_t sequence : {gap, records}) collector.stream.MoveToOtherCopy(sequence, other.Subject());
+  collector.Run();
+  EXPECT_EQ(collector.Records("a"), sender.sent);
+  EXPECT_EQ(collector.Report("a").counters.gap_records, 5U);
+  EXPECT_EQ(collector.Report("a").counters.missing, 0U);
+  EXPECT_EQ(collector.receiver->Counters().read_again, 2U);
+  EXPECT_THAT(collector.stream.acknowledged, Contains(last));
+  EXPECT_EQ(collector.Records("b"), other.sent);
+}
+
+TEST(RelayReceiver, AMessageThatNoCopyHasIsLostAfterThreeTries) {
+  Collector collector;
+  FakeSender sender(collector.stream, "h", "a");
+  sender.Records(2);
+  collector.Run();
+  collector.stream.messages.erase(sender.Records(3));
+  sender.Records(2);
+  collector.Run(4);
+  EXPECT_EQ(collector.Report("a").state, CollectedState::kWaits);
+  EXPECT_EQ(collector.Report("a").counters.missing, 0U);
+  collector.Run();
+  EXPECT_EQ(collector.Report("a").counters.missing, 3U);
+  EXPECT_EQ(collector.Report("a").next, 7U);
+  EXPECT_EQ(collector.stream.copy_reads, 3 * 2);
+}
+
+TEST(RelayReceiver, AMessageWaitsAMinuteForACopyThatDoesNotAnswer) {
+  Collector collector;
+  FakeSender sender(collector.stream, "h", "a");
+  sender.Records(2);
+  collector.Run();
+  const std::uint64_t records = sender.Records(3);
+  sender.Records(2);
+  collector.stream.other_copy[records] = collector.stream.messages.at(records);
+  collector.stream.messages.erase(records);
+  collector.stream.is_other_copy_silent = true;
+  collector.Run(100);
+  EXPECT_EQ(collector.Report("a").counters.missing, 0U);
+  EXPECT_EQ(collector.Report("a").waiting_messages, 1U);
+  collector.stream.is_other_copy_silent = false;
+  collector.Run();
+  EXPECT_EQ(collector.Records("a"), sender.sent);
+  const std::uint64_t lost = sender.Records(3);
+  sender.Records(2);
+  collector.stream.messages.erase(lost);
+  collector.stream.is_other_copy_silent = true;
+  collector.Run(130);
+  EXPECT_EQ(collector.Report("a").counters.missing, 3U);
+}
+
 TEST(RelayReceiver, WhatIsGoneFromTheStreamIsCountedAsLost) {
   for (const bool has_before : {true, false}) {
     SCOPED_TRACE(has_before);
@@ -124,7 +186,7 @@ TEST(RelayReceiver, WhatIsGoneFromTheStreamIsCountedAsLost) {
     EXPECT_EQ(collector.Report("a").next, 14U);
     EXPECT_EQ(collector.Records("a").size(), 5U);
     EXPECT_EQ(collector.Records("a").back(), sender.Text(13));
-    EXPECT_TRUE(collector.IsLogged("report h/a: 9 records from number 3 on are lost"));
+    EXPECT_TRUE(collector.IsLogged("report h/a: 9 records are lost from number 3 on"));
     collector.Restart();
     sender.Records(1);
     collector.Run();

@@ -59,9 +59,10 @@ Rights RightsOf(Role role, const StreamSettings& stream, const std::string& name
   if (role == Role::kOperator) return {.publish = {api + ".>"}, .subscribe = {"_INBOX.>"}};
   if (role == Role::kCollector) {
     const std::string consumer = stream.name + "." + name;
-    return {.publish = {api + ".STREAM.NAMES", api + ".STREAM.INFO." + stream.name, api + ".CONSUMER.INFO." + consumer,
-                        api + ".CONSUMER.DURABLE.CREATE." + consumer, api + ".CONSUMER.MSG.NEXT." + consumer,
-                        "$JS.ACK." + consumer + ".>"},
+    return {.publish = {api + ".STREAM.NAMES", api + ".STREAM.INFO." + stream.name,
+                        api + ".STREAM.MSG.GET." + stream.name, api + ".DIRECT.GET." + stream.name,
+                        api + ".CONSUMER.INFO." + consumer, api + ".CONSUMER.DURABLE.CREATE." + consumer,
+                        api + ".CONSUMER.MSG.NEXT." + consumer, "$JS.ACK." + consumer + ".>"},
             .subscribe = {"_INBOX.>"}};
   }
   const std::string reports = stream.prefix + ".report." + token + ".*";

@@ -19,6 +19,8 @@ constexpr std::size_t kFetchMin = 16;
 constexpr std::size_t kFetchMax = 1024;
 constexpr TimeMs kBaseSyncMs = 50;  // between two syncs, if a report waits for its base
 constexpr TimeMs kStateMs = 250;    // between two checks of what the stream still has
+constexpr TimeMs kSeekMs = 1000;    // until a message is sought again that no copy of the stream has
+constexpr int kSoughtMax = 64;      // messages that are sought in one step
 constexpr std::size_t kLoggedMax = 1000;
 constexpr std::size_t kNewerMax = 1000;
 
@@ -64,6 +66,7 @@ TimeMs Receiver::Step(TimeMs now, TimeMs wait) {
   SyncBases(now);
   SyncIfDue(now);
   ReadState(now);
+  SeekInCopies(now);
   if (!context_.system_fault.empty() && now >= continue_at_) Pause(now);
   if (!is_connected_) return std::min(connect_at_, context_.handled.empty() ? connect_at_ : now + wait);
   return context_.system_fault.empty() ? now : continue_at_;
@@ -262,6 +265,7 @@ void Receiver::Acknowledge() {
   std::sort(handled.begin(), handled.end(),
             [](const HandledMessage& left, const HandledMessage& right) { return left.sequence < right.sequence; });
   for (const HandledMessage& message : handled) {
+    if (message.receipt.empty()) continue;  // from a copy of the stream, not from the consumer
     if (context_.stream.Acknowledge(message.receipt).has_value()) break;  // the rest comes again
     ++context_.counters.acknowledged;
   }
@@ -277,6 +281,38 @@ void Receiver::ReadState(TimeMs now) {
   ConsumerState state;
   if (const auto problem = context_.stream.ReadState(state)) return Disconnected(now, *problem);
   context_.state = state;
+}
+
+// Reads the messages of holes from the copies of the stream.
+void Receiver::SeekInCopies(TimeMs now) {
+  if (!is_connected_ || !context_.system_fault.empty() || now < seek_at_) return;
+  for (int i = 0; i < kSoughtMax; ++i) {
+    const auto entry = std::find_if(touched_.begin(), touched_.end(),
+                                    [](Entry* each) { return each->collector.Holes().Sought().has_value(); });
+    if (entry == touched_.end()) return;
+    const bool is_found = SeekFor(now, **entry, *(*entry)->collector.Holes().Sought());
+    WorkOnTouched(now);
+    if (is_found) continue;
+    seek_at_ = now + kSeekMs;
+    return;
+  }
+}
+
+bool Receiver::SeekFor(TimeMs now, Entry& entry, std::uint64_t sequence) {
+  const std::string subject = entry.collector.SubjectText();
+  bool is_certain = true;
+  for (std::size_t copy = 0; copy < context_.stream.Copies(); ++copy) {
+    StreamMessage message;
+    const CopyAnswer answer = context_.stream.ReadFromCopy(copy, sequence, message);
+    if (answer == CopyAnswer::kUnknown) is_certain = false;
+    if (answer != CopyAnswer::kMessage || message.subject != subject) continue;
+    ++context_.counters.read_again;
+    entry.collector.Holes().Found();
+    Sort(std::move(message));
+    return true;
+  }
+  entry.collector.Holes().NotFound(now, is_certain);
+  return false;
 }
 
 void Receiver::Finish(TimeMs now) {

@@ -72,6 +72,8 @@ class Receiver {
   [[nodiscard]] bool Sync(TimeMs now);
   void Acknowledge();
   void ReadState(TimeMs now);
+  void SeekInCopies(TimeMs now);
+  [[nodiscard]] bool SeekFor(TimeMs now, Entry& entry, std::uint64_t sequence);
   void Trouble(const std::string& problem);
   void LogOnce(const std::string& text);
 
@@ -88,6 +90,7 @@ class Receiver {
   TimeMs continue_at_ = 0;  // after the system refused to write
   TimeMs synced_at_ = 0;
   TimeMs state_at_ = 0;
+  TimeMs seek_at_ = 0;
   std::uint32_t failures_ = 0;  // of connects, in a row
   std::uint32_t write_failures_ = 0;
   std::size_t message_bytes_ = 65'536;  // about, of the messages that came last

@@ -32,7 +32,7 @@ struct CollectedCounters {
   std::uint64_t missing = 0;      // of them, because neither the stream nor the report has them any more
   std::uint64_t repeats = 0;      // records that came again and were dropped
   std::uint64_t skipped = 0;      // records that were acknowledged and not written, because the report is left alone;
-                                  // once it can be written again, they are counted as a gap
+                                  // once it can be written again, they are read again or counted as a gap
   std::uint64_t gap_records_ever = 0;  // like gap_records, since the report is on this collector
 
   friend bool operator==(const CollectedCounters&, const CollectedCounters&) = default;
@@ -63,6 +63,7 @@ struct ReceiverCounters {
   std::uint64_t refused = 0;       // messages that are no messages of a sender, and will not come again
   std::uint64_t left_out = 0;      // records whose report would be over a limit: acknowledged and not written
   std::uint64_t redelivered = 0;   // messages that came for the second time or more
+  std::uint64_t read_again = 0;    // messages before a hole that the consumer lacked and a copy of the stream had
   std::uint64_t syncs = 0;         // of the file system
   std::uint64_t failed_syncs = 0;
   std::uint64_t connects = 0;

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "reportfile/tools/RecordOverlap.h"
+#include "tools/qxrelay/message/Subject.h"
 
 namespace qx::relay {
 
@@ -13,7 +14,10 @@ constexpr TimeMs kBusyMs = 500;         // between two tries of a report that an
 constexpr TimeMs kPatienceMs = 20'000;  // until it is left alone
 constexpr TimeMs kLeftAloneMs = 5000;   // between two tries of a report that cannot be written
 
-std::string CountText(std::uint64_t count) { return std::to_string(count) + (count == 1 ? " record" : " records"); }
+// "1 record is lost", "2 records are lost"
+std::string LostText(std::uint64_t count) {
+  return std::to_string(count) + (count == 1 ? " record is lost" : " records are lost");
+}
 
 }  // namespace
 
@@ -55,6 +59,7 @@ void ReportCollector::Work(TimeMs now) {
 }
 
 void ReportCollector::WorkOnQueue(TimeMs now) {
+  holes_.BeginPass();
   for (bool is_again = true; is_again;) {
     is_again = false;
     bool has_waiting = false;
@@ -70,6 +75,7 @@ void ReportCollector::WorkOnQueue(TimeMs now) {
       at = queue_.erase(at);
       is_again = has_waiting;
     }
+    if (!has_waiting) holes_.EndHole();
     if (state_ == CollectedState::kWaits && !has_waiting) state_ = CollectedState::kFollows;
     if (has_waiting && state_ == CollectedState::kFollows) state_ = CollectedState::kWaits;
   }
@@ -113,6 +119,7 @@ ReportCollector::Outcome ReportCollector::Handle(TimeMs now, std::uint64_t seque
       .head = message.head, .texts = message.texts, .sequence = sequence, .is_next = IsNext(sequence, message)};
   const Decision decision = Decide(position, incoming, [this](std::uint64_t number) { return files_.HashOf(number); });
   if (decision.verdict == Verdict::kWait) return Outcome::kWait;
+  if (decision.missing > 0 && MayBeElsewhere(message)) return Outcome::kWait;
   if (decision.verdict == Verdict::kContradicted) {
     return Contradicted(now, message,
                         "its newest record is not the one that the host has sent: another program has changed it; "
@@ -153,13 +160,13 @@ ReportCollector::Outcome ReportCollector::Take(TimeMs now, std::uint64_t sequenc
     seen_.counters.gap_records += decision.missing + decision.gap;
     seen_.counters.missing += decision.missing;
     if (decision.missing > 0) {
-      context_.log("report " + host_ + "/" + report_ + ": " + CountText(decision.missing) + " from number " +
+      context_.log("report " + host_ + "/" + report_ + ": " + LostText(decision.missing) + " from number " +
                    std::to_string(message.head.first - decision.missing) +
-                   " on are lost: neither the stream nor the report has them");
+                   " on: neither the stream nor the report has them");
     }
     if (decision.gap > 0) {
-      context_.log("report " + host_ + "/" + report_ + ": " + CountText(decision.gap) +
-                   " are lost: the host's ring has overwritten them");
+      context_.log("report " + host_ + "/" + report_ + ": " + LostText(decision.gap) +
+                   ": the host's ring has overwritten them");
     }
   }
   seen_.is_placed = true;
@@ -262,6 +269,17 @@ bool ReportCollector::IsNext(std::uint64_t sequence, const Queued& message) cons
   return before < context_.state.first || before <= last_sequence_ || before <= context_.state.acknowledged;
 }
 
+// The consumer says that nothing will come before this message. But its copy of the stream may lack a message that the
+// others have, or the files have lost what was in them.
+bool ReportCollector::MayBeElsewhere(const Queued& message) {
+  return message.before.has_value() && *message.before >= context_.state.first && holes_.Seek(*message.before);
+}
+
+std::string ReportCollector::SubjectText() const {
+  const Subject subject = {.branch = Branch::kReport, .host = host_, .report = report_};
+  return TextOfSubject(context_.stream_settings.prefix, subject).value_or("");
+}
+
 void ReportCollector::Done(std::uint64_t sequence, Queued& message) {
   last_sequence_ = std::max(last_sequence_, sequence);
   Forget(message);
@@ -273,6 +291,7 @@ void ReportCollector::StreamReplaced() {
   for (const auto& [sequence, message] : queue_) Forget(message);
   queue_.clear();
   last_sequence_ = 0;
+  holes_ = {};
   if (state_ == CollectedState::kWaits) state_ = CollectedState::kFollows;
 }
 

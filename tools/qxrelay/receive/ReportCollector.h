@@ -16,6 +16,7 @@
 #include "tools/qxrelay/message/Message.h"
 #include "tools/qxrelay/receive/CollectedFiles.h"
 #include "tools/qxrelay/receive/Decision.h"
+#include "tools/qxrelay/receive/HoleSearch.h"
 #include "tools/qxrelay/receive/ReceiveContext.h"
 #include "tools/qxrelay/receive/ReportLimits.h"
 
@@ -43,6 +44,10 @@ class ReportCollector {
   [[nodiscard]] bool HasQueue() const { return !queue_.empty(); }
   [[nodiscard]] bool WaitsForBase() const { return is_base_unsynced_; }
   [[nodiscard]] bool WaitsForProof() const { return state_ == CollectedState::kWaits; }
+  // The search for messages before a hole. [owning thread]
+  [[nodiscard]] HoleSearch& Holes() { return holes_; }
+  // The subject of the report's messages. [owning thread]
+  [[nodiscard]] std::string SubjectText() const;
   [[nodiscard]] CollectedReport Report() const;
 
  private:
@@ -72,6 +77,7 @@ class ReportCollector {
   [[nodiscard]] Outcome Failed(TimeMs now, const CollectorFault& fault, const Queued& message);
   [[nodiscard]] Outcome Contradicted(TimeMs now, const Queued& message, const std::string& text);
   [[nodiscard]] bool IsNext(std::uint64_t sequence, const Queued& message) const;
+  [[nodiscard]] bool MayBeElsewhere(const Queued& message);
   void Done(std::uint64_t sequence, Queued& message);
   void Trouble(const std::string& text);
 
@@ -82,6 +88,7 @@ class ReportCollector {
   CollectedFiles files_;
   std::map<std::uint64_t, Queued> queue_;  // by sequence
   std::uint64_t last_sequence_ = 0;        // no message before it has records that the report needs
+  HoleSearch holes_;
   CollectedState state_ = CollectedState::kFollows;
   std::string trouble_;
   TimeMs retry_at_ = 0;               // of a report that is left alone, or busy

@@ -79,6 +79,7 @@ constexpr std::pair<std::string_view, std::string_view> kCounterHelp[] = {
     {"acknowledged", "Messages that were acknowledged"},
     {"leftOut", "Records that were not written because their report would be over a limit"},
     {"redelivered", "Messages that came again"},
+    {"readAgain", "Messages before a hole that were read from any copy of the stream"},
     {"syncs", "Syncs of the file system"},
     {"failedSyncs", "Syncs of the file system that failed"},
     {"opens", "Opens of reports"},

@@ -59,6 +59,7 @@ std::vector<std::pair<std::string, std::uint64_t>> CountersOf(const ReceiverCoun
           {"refused", counters.refused},
           {"leftOut", counters.left_out},
           {"redelivered", counters.redelivered},
+          {"readAgain", counters.read_again},
           {"syncs", counters.syncs},
           {"failedSyncs", counters.failed_syncs},
           {"connects", counters.connects},

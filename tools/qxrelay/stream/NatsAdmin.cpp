@@ -29,10 +29,13 @@ std::string ProblemWithWords(const std::string& what, natsStatus status) {
   return nats::Problem(what, status) + (words != nullptr && *words != '\0' ? " (" + std::string(words) + ")" : "");
 }
 
-std::uint32_t WholeCopies(const jsClusterInfo& cluster) {
+// `cluster` is null if there is one server alone.
+std::uint32_t WholeCopies(const jsClusterInfo* cluster) {
+  if (cluster == nullptr) return 1;
+  if (cluster->Leader == nullptr) return 0;
   std::uint32_t copies = 1;  // that of the leader
-  for (int i = 0; i < cluster.ReplicasLen; ++i) {
-    const jsPeerInfo& copy = *cluster.Replicas[i];
+  for (int i = 0; i < cluster->ReplicasLen; ++i) {
+    const jsPeerInfo& copy = *cluster->Replicas[i];
     if (copy.Current && !copy.Offline && copy.Lag == 0) ++copies;
   }
   return copies;
@@ -90,7 +93,7 @@ std::optional<std::string> ReadStream(const StreamSettings& settings, StreamStat
   state.last_sequence = info->State.LastSeq;
   const bool has_leader = info->Cluster != nullptr && info->Cluster->Leader != nullptr;
   state.leader = has_leader ? info->Cluster->Leader : "";
-  state.whole_copies = has_leader ? WholeCopies(*info->Cluster) : 0;
+  state.whole_copies = WholeCopies(info->Cluster);
   state.settings = settings;
   state.settings.age = std::chrono::seconds(info->Config->MaxAge / kNanosecondsInSecond);
   state.settings.bytes = static_cast<std::uint64_t>(info->Config->MaxBytes);

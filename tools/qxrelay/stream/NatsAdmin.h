@@ -16,13 +16,14 @@ struct StreamState {
   std::uint64_t first_sequence = 0;
   std::uint64_t last_sequence = 0;
   std::string leader;              // name of a server; empty: the stream has no leader now, or the server no name
-  std::uint32_t whole_copies = 0;  // that have all messages, that of the leader included
+  std::uint32_t whole_copies = 0;  // that have all messages, that of the leader included; 0 without a leader
   StreamSettings settings;         // name, age, bytes and replicas; the others are those that were requested
   bool keeps_newest = false;       // discards the oldest messages, not the newest ones, when it is full
   bool allows_look_ups = false;    // DIRECT.GET, which senders use
 };
 
-// What is wrong with the copies of the stream, for the operator. Empty: it has a leader, and each copy has all messages.
+// What is wrong with the copies of the stream, for the operator. Empty: it has a leader, and each copy has all
+// messages.
 [[nodiscard]] std::string TextOfMissingCopies(const StreamState& state);
 
 // Creates the stream of the settings: it has all subjects below the prefix, is on disk, discards the oldest messages

@@ -16,6 +16,7 @@ constexpr std::string_view kRefused = "+TERM";
 constexpr const char* kExpectedLast = "Nats-Expected-Last-Subject-Sequence";
 constexpr const char* kSourceHeader = "Nats-Stream-Source";  // then the sequences are those of another stream
 constexpr int64_t kFlushMs = 1000;
+constexpr int64_t kCopyAnswerMs = 1000;
 constexpr std::int64_t kNanosecondsInMs = 1'000'000;
 
 using MetaData = std::unique_ptr<jsMsgMetaData, nats::Destroyer<jsMsgMetaData_Destroy>>;
@@ -45,6 +46,32 @@ void AppendMessage(natsMsg* raw, std::vector<StreamMessage>& messages) {
                       .delivered = meta->NumDelivered,
                       .pending = meta->NumPending,
                       .receipt = receipt != nullptr ? receipt : ""});
+}
+
+natsStatus ReadFromLeader(jsCtx* context, const std::string& stream, std::uint64_t sequence, natsMsg*& found) {
+  jsOptions options;
+  if (const natsStatus status = jsOptions_Init(&options); status != NATS_OK) return status;
+  options.Wait = kCopyAnswerMs;
+  return js_GetMsg(&found, context, stream.c_str(), sequence, &options, nullptr);
+}
+
+// A server passes the request to its own copy, if it has one.
+natsStatus ReadFromServer(StreamSettings settings, const std::string& server, std::uint64_t sequence, natsMsg*& found) {
+  settings.servers = {server};
+  nats::Connection connection;
+  nats::Context context;
+  if (nats::MakeConnection(settings, {}, connection).has_value()) return NATS_NO_SERVER;
+  if (nats::MakeContext(settings, connection, context).has_value()) return NATS_NO_SERVER;
+  jsOptions options;
+  jsDirectGetMsgOptions message;
+  natsStatus status = jsOptions_Init(&options);
+  if (status == NATS_OK) status = jsDirectGetMsgOptions_Init(&message);
+  if (status != NATS_OK) return status;
+  options.Wait = kCopyAnswerMs;
+  message.Sequence = sequence;
+  status = js_DirectGetMsg(&found, context.get(), settings.name.c_str(), &options, &message);
+  natsConnection_Close(connection.get());
+  return status;
 }
 
 }  // namespace
@@ -143,6 +170,21 @@ std::optional<std::string> NatsConsume::ReadState(ConsumerState& state) {
            .created = stream->Created,
            .pending = consumer->NumPending};
   return std::nullopt;
+}
+
+CopyAnswer NatsConsume::ReadFromCopy(std::size_t copy, std::uint64_t sequence, StreamMessage& message) {
+  if (parts_ == nullptr) return CopyAnswer::kUnknown;
+  natsMsg* found = nullptr;
+  const natsStatus status = copy == 0 ? ReadFromLeader(parts_->context.get(), settings_.name, sequence, found)
+                                      : ReadFromServer(settings_, settings_.servers.at(copy - 1), sequence, found);
+  const nats::Message owner(found);
+  if (status == NATS_NOT_FOUND) return CopyAnswer::kNone;
+  if (status != NATS_OK) return CopyAnswer::kUnknown;
+  message = {.subject = natsMsg_GetSubject(found),
+             .payload = {natsMsg_GetData(found), static_cast<std::size_t>(natsMsg_GetDataLength(found))},
+             .sequence = sequence,
+             .before = SequenceBefore(found)};
+  return CopyAnswer::kMessage;
 }
 
 std::optional<std::string> NatsConsume::FirstSequence(std::uint64_t& sequence) {

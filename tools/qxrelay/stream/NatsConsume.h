@@ -24,6 +24,9 @@ class NatsConsume final : public ConsumeStream {
   [[nodiscard]] std::optional<std::string> Acknowledge(const std::string& receipt) override;
   [[nodiscard]] std::optional<std::string> Refuse(const std::string& receipt) override;
   [[nodiscard]] std::optional<std::string> ReadState(ConsumerState& state) override;
+  // The copy of the stream's leader, and those of the servers in the settings: a server answers from its own copy.
+  [[nodiscard]] std::size_t Copies() const override { return 1 + settings_.servers.size(); }
+  [[nodiscard]] CopyAnswer ReadFromCopy(std::size_t copy, std::uint64_t sequence, StreamMessage& message) override;
   [[nodiscard]] std::optional<std::string> FirstSequence(std::uint64_t& sequence) override;
   void Close() override;
 

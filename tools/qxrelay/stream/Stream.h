@@ -81,7 +81,7 @@ struct StreamMessage {
   std::optional<std::uint64_t> before = std::nullopt;
   std::uint64_t delivered = 0;  // how often it was delivered, 1 for the first time
   std::uint64_t pending = 0;    // how many messages the consumer has after this one
-  std::string receipt;          // for Acknowledge
+  std::string receipt = {};     // for Acknowledge
 };
 
 // The state of the stream and of the consumer, at one moment.
@@ -93,6 +93,9 @@ struct ConsumerState {
 
   friend bool operator==(const ConsumerState&, const ConsumerState&) = default;
 };
+
+// What a server says about a message of its copy of the stream.
+enum class CopyAnswer : std::uint8_t { kMessage, kNone, kUnknown };  // kUnknown: it does not answer
 
 // The receiver's connection: a durable consumer, whose messages are fetched, and acknowledged one by one.
 //
@@ -123,6 +126,13 @@ class ConsumeStream {
 
   // [owning thread]
   [[nodiscard]] virtual std::optional<std::string> ReadState(ConsumerState& state) = 0;
+
+  // How many copies of the stream can be asked for a message. [owning thread]
+  [[nodiscard]] virtual std::size_t Copies() const = 0;
+  // Asks one of them for the message of this sequence. A consumer reads one copy. After a server was stopped or killed,
+  // its copy can have other messages than the other servers' copies, with the same sequences: check the subject.
+  // `message` gets no receipt, because nobody waits for its acknowledgement. [owning thread]
+  [[nodiscard]] virtual CopyAnswer ReadFromCopy(std::size_t copy, std::uint64_t sequence, StreamMessage& message) = 0;
 
   // The sequence of the first message that the stream still has; 0 if it is empty. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> FirstSequence(std::uint64_t& sequence) = 0;

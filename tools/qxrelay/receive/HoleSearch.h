@@ -1,0 +1,41 @@
+// Which message before a hole is read again from the stream, and when that is given up.
+//
+// A consumer reads one copy of the stream. After a server was stopped or killed, its copy can lack messages that the
+// other servers have. Each message names the one before it, so a hole is closed from its end to its beginning.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "tools/qxrelay/receive/ReceiveContext.h"
+
+namespace qx::relay {
+
+// Threads: one thread. Owns: values.
+class HoleSearch {
+ public:
+  // The queue is read from its front: the first hole in it counts. [owning thread]
+  void BeginPass() { sought_.reset(); }
+  // Whether the message of this sequence is to be awaited, because a copy of the stream may have it. [owning thread]
+  [[nodiscard]] bool Seek(std::uint64_t sequence);
+  // The queue has no hole any more. [owning thread]
+  void EndHole() { found_ = 0; }
+
+  [[nodiscard]] std::optional<std::uint64_t> Sought() const { return sought_; }
+  // A copy has the sought message. [owning thread]
+  void Found();
+  // No copy has it; `is_certain`: each of them said so. [owning thread]
+  void NotFound(TimeMs now, bool is_certain);
+
+ private:
+  void GiveUp();
+
+  std::optional<std::uint64_t> sought_;
+  std::optional<std::uint64_t> found_last_;
+  std::optional<std::uint64_t> given_up_;
+  std::optional<TimeMs> sought_since_;
+  int found_ = 0;      // messages of this hole
+  int not_found_ = 0;  // times that no copy had the sought message
+};
+
+}  // namespace qx::relay
