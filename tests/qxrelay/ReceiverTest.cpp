@@ -144,6 +144,19 @@ TEST(RelayReceiver, AMessageThatNoCopyHasIsLostAfterThreeTries) {
   EXPECT_EQ(collector.stream.copy_reads, 3 * 2);
 }
 
+TEST(RelayReceiver, AHoleThatNoMessageExplainsIsReadOnce) {
+  Collector collector;
+  FakeSender sender(collector.stream, "h", "a");
+  sender.Records(2);
+  collector.Run();
+  sender.next += 3;  // no sender does this
+  sender.hash = 0;
+  sender.Records(2);
+  collector.Run(1);
+  EXPECT_EQ(collector.Report("a").counters.missing, 3U);
+  EXPECT_EQ(collector.stream.copy_reads, 2);
+}
+
 TEST(RelayReceiver, AMessageWaitsAMinuteForACopyThatDoesNotAnswer) {
   Collector collector;
   FakeSender sender(collector.stream, "h", "a");
