@@ -35,7 +35,7 @@ namespace qx::report {
 // thread]
 [[nodiscard]] int ReadTextAt(int data_file, std::int64_t at, std::size_t bytes_max, std::string* out, bool* too_long);
 
-// Why Take stopped: all requested records are taken, or text enough; the next record does not fit; the next record
+// Why Take stopped: all requested records are taken, or enough text; the next record does not fit; the next record
 // cannot be read (the slot is not in use, the store is not open, or the system reports an error).
 enum class TakeEnd { kCountReached, kEnough, kChunkFull, kReadFailed };
 

@@ -91,7 +91,7 @@ FileId IdAt(const std::string& path) {
 // The names in the backup, before anything is copied: a copy that finds too few of them would be followed by the
 // deletion of them all. 0 or the error number.
 int ListBackup(const std::string& backup, const std::string& report_directory, qx::report::TreeListing& listing) {
-  if (!backup.starts_with('/')) return 0;  // the copy is refused, and the deletion is not
+  if (!backup.starts_with('/')) return 0;  // CopyBack refuses such a path; the deletion does not
   return qx::report::ErrorOfOperation([&] { return listing.Read(backup, IdAt(report_directory)); });
 }
 

@@ -193,7 +193,7 @@ void CReportFileBase::printAllRecords() {
     errno = 0;
     const bool is_read = readLine(text, SlotOfLogical(header_, i));
     if (!is_read && errno == ENOMEM) break;
-    std::printf("%d::%s", static_cast<int>(i), text.c_str());  // Quirk: after a failed read the previous record again
+    std::printf("%d::%s", static_cast<int>(i), text.c_str());  // Quirk: after a failed read the previous text
   }
   std::printf("===\n");
 }

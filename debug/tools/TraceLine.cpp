@@ -48,8 +48,8 @@ std::optional<std::uint64_t> TakeResident(std::string_view& rest) {
   return kilobytes;
 }
 
-// The start of the text after the module column. A longer name moves it; the name then ends at its first blank, or at
-// the greatest length of a header.
+// The number of characters of the module column. A longer name ends at its first blank, or at the greatest length of a
+// header.
 std::size_t ModuleChars(std::string_view rest, std::size_t chars_max) {
   const std::size_t blank = rest.find(' ', std::min(kModuleColumnChars, rest.size()));
   return std::min({blank, rest.size(), chars_max});

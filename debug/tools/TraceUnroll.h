@@ -26,7 +26,7 @@ struct TraceEntry {
   TracePart part = TracePart::kNewest;
   std::uint64_t begin = 0;               // offset in the file
   std::uint64_t end = 0;                 // after the last line
-  std::string stamp;                     // as it is in the file; empty but for kEntry and kWrap, as are the next four
+  std::string stamp;                     // as it is in the file; only kEntry and kWrap have this and the next four
   std::optional<std::int64_t> stamp_ms;  // that local time as milliseconds since 1970-01-01 00:00; unset: unknown
   std::uint32_t thread = 0;
   std::optional<std::uint64_t> resident_kb;

@@ -4,9 +4,9 @@
 // Each part is three writes, as a single record is, in the same order: the texts with the end marker after them, the
 // slots, the header. The files are byte for byte those that CReportFileBase::writeLine leaves for the same records.
 //
-// What differs is a crash or kill between slots and header. Then the slots of the oldest records, as many as the part
-// has, already lead to the new records, and the header does not count them. FinishInterrupted, called by the next
-// writer, counts them.
+// Only a crash or kill between slots and header has another effect. The slots of the oldest records, as many as the
+// part has, then already lead to the new records, and the header does not count them. FinishInterrupted, called by the
+// next writer, counts them.
 #pragma once
 
 #include <sys/stat.h>

@@ -176,7 +176,7 @@ TEST(SysLogTraces, NameIsThatOfTheProgramWithoutItsDirectory) {
 int OpenSockets() {
   int count = 0;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;  // the descriptor of this listing
+    std::error_code gone;  // set for the descriptor of this listing, which is not a link any more
     count += std::filesystem::read_symlink(entry.path(), gone).string().starts_with("socket:") ? 1 : 0;
   }
   return count;

@@ -69,7 +69,7 @@ std::string WithoutStamps(std::string_view log) {
 
 int DescriptorOf(const std::string& path) {
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;  // the descriptor of this listing
+    std::error_code gone;  // set for the descriptor of this listing, which is not a link any more
     if (std::filesystem::read_symlink(entry.path(), gone) == path) return std::stoi(entry.path().filename());
   }
   return -1;

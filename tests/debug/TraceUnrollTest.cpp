@@ -94,8 +94,8 @@ std::size_t EntriesIn(const std::string& bytes) {
   return count;
 }
 
-// The entries must be the texts in their order: the head, then, without a gap, those up to the newest. Further lines of
-// the newest entry, and of the one that crossed the limit, may be in the piece after them.
+// The entries must be the written ones in their order: first the head; then, without a gap, those up to the newest one.
+// Further lines of the newest entry, and of the one that crossed the limit, may be in the piece after these entries.
 void ExpectHeadAndNewest(const ReadBack& read, const LogModel& model) {
   std::vector<std::size_t> numbers;
   for (std::size_t i = 0; i < read.entries.size(); ++i) {

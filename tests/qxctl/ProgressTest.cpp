@@ -41,7 +41,7 @@ class QxctlProgress : public testing::Test, protected QxctlFixture {
   }
 };
 
-// Shown and wiped again. `total` is how many of the bytes have to be read, if that is known.
+// Standard error with a progress line that was wiped again. `total`: how much has to be read, if that is known.
 std::string Shown(const std::string& what, const std::string& total = " of 0.3") {
   return "(.|\n)*\r\033.K" + what + ": 1 s, [0-9.]+" + total + " MB read, [0-9.]+ MB written(.|\n)*\r\033.K";
 }

@@ -46,7 +46,7 @@ class StoreRace : public testing::Test {
     Step();
   }
 
-  // Exchanges both, and back. Creates what is missing.
+  // Exchanges the directory and the file for the links, and back. Creates what is missing.
   void Step() const {
     for (int i = 0; i < 4; ++i) {
       ExchangeAndPause(sub_.c_str(), dir_link_.c_str());

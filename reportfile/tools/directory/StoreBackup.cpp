@@ -95,7 +95,7 @@ BackupItem Unlisted(const std::string& path, int error) {
 // 0 or the error number of a directory that ends the walk.
 int FindNames(int directory, Unlistable unlistable, FoundNames* found) {
   DirectoryCursor cursor;
-  file::Descriptor top = file::OpenDirectory(".", 0, directory);  // a position of its own
+  file::Descriptor top = file::OpenDirectory(".", 0, directory);  // with a read position of its own
   if (!top.IsOpen()) return errno;
   if (const int error = cursor.Begin(std::move(top)); error != 0) return error;
   std::vector<Level> levels(1);

@@ -24,7 +24,7 @@ class FieldSeries {
   // `time_ms`: that of the record, or of the one before it that has a stamp.
   void Add(std::uint64_t index, std::optional<std::int64_t> time_ms, std::string_view record);
 
-  // kNotFound if there are records and one of the fields has a number in none of them; the message lists the fields
+  // kNotFound if there are records, but none of them has a number in one of the fields; the message lists the fields
   // with numbers. `report` is its name in the message.
   [[nodiscard]] Status Check(const std::string& report) const;
 

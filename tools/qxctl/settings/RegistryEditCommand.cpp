@@ -115,7 +115,7 @@ Status CheckReading(Context& context, const std::string& file, std::string_view 
   return {};
 }
 
-// The file that a service loads instead of one without a value; empty without such a file.
+// The file that a service loads if the registry file has no value; empty if there is no such file.
 std::string FallbackOf(const RegistrySource& source) {
   if (!source.file.empty()) return "";
   for (const char* const name : {"registry.old", "registry.default"}) {

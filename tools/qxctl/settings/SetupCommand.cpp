@@ -152,7 +152,7 @@ Status PlanNew(Context& context, bool apply, Setup& setup) {
   if (Status status = FirstRegistry(setup.places, setup.text); !status.IsOk()) return status;
   if (Status status = PlanSteps(setup.places, setup.steps); !status.IsOk()) return status;
   if (!apply) return {ExitCode::kOk, "nothing was changed; --apply makes what is missing"};
-  const InterruptGuard guard;  // a signal ends the command when the registry is whole
+  const InterruptGuard guard;  // a signal ends the command only after the registry was made
   if (Status status = MakeSteps(setup.steps, setup.text); !status.IsOk()) return status;
   setup.is_applied = true;
   context.output.Note("qxctl: done; make a report with \"qxctl report create " +

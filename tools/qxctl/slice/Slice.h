@@ -58,8 +58,8 @@ struct Slice {
 // Whether a record of this time is between the limits. A record without a known time is outside all limits.
 [[nodiscard]] bool IsInTime(const Slice& slice, std::optional<std::int64_t> time_ms);
 
-// Which records are in the slice by their own content, one after the other, the oldest first: a record without a time
-// has that of the record before it.
+// Decides for one record after the other, the oldest first, whether its own content is in the slice. A record without a
+// time has that of the record before it.
 class SliceFilter {
  public:
   explicit SliceFilter(const Slice& slice) : slice_(slice) {}

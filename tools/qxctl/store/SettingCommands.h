@@ -14,7 +14,7 @@ namespace qx::ctl {
 // "sed -i 's/\r$//' FILE"
 [[nodiscard]] std::string RemoveCarriageReturnsCommand(std::string_view file);
 
-// Commands that change the registry in one directory. The option --directory is left out for the system's.
+// Commands that change the registry in one directory. The option --directory is left out for the system's directory.
 //
 // Threads: any number.
 class SettingCommands {

@@ -82,8 +82,8 @@ Screen::~Screen() {
   SetHandlers(SIG_DFL);
 }
 
-// ^C and ^Z still send their signals. ^\ would end the process without a chance to restore the terminal, and ^S would
-// stop the output.
+// ^C and ^Z still send their signals. ^\ and ^S have no effect: the first would end the process without a chance to
+// restore the terminal, the second would stop the output.
 void Screen::Enter() {
   is_entered_ = true;
   if (before_) {

@@ -134,7 +134,7 @@ Status MakeFilter(const TraceFilterOptions& options, TraceFilter& filter) {
   return {};
 }
 
-// The slice sees each entry, because a later one may have its time.
+// Each entry is passed to the slice, even one that is not printed: a later entry without a time has its time.
 bool TraceSelection::Passes(const TraceEntry& entry) {
   const TraceFilter& filter = *filter_;
   const std::optional<std::int64_t> time =

@@ -79,7 +79,7 @@ void CheckGrowth(const char* what, std::size_t start, std::size_t end, const Opt
 
 void CheckDescriptors(const LoadPlan& plan, LoadReport& report) {
   constexpr std::size_t kFilesOfAReport =
-      2;  // a thread in the middle of a transfer has them open, a thread at the end may not
+      2;  // open in the middle of a transfer; a thread at its end may have none open
   const LoadResult& result = report.result;
   if (result.descriptors_end > result.descriptors_start + kFilesOfAReport * plan.threads) {
     report.findings.push_back({"descriptors", Text("%zu descriptors were open at the end of the load, %zu at its start",

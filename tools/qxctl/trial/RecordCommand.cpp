@@ -52,7 +52,7 @@ bool IsDirectory(const std::string& path) {
   return stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
-// "DIR/0001-GetReports.json": the numbers make the order of the names that of the calls.
+// "DIR/0001-GetReports.json": the names are in the order of the calls.
 std::string NextFile(const std::string& directory, RequestFunction function) {
   int last = 0;
   std::error_code error;

@@ -7,6 +7,6 @@ namespace qx::ctl {
 
 extern const Command kCompletionCommand;
 extern const Command kTableCommand;  // _table: the commands as a JSON document
-extern const Command kManCommand;    // _man COMMAND: its page; without COMMAND that on standard input, filled in
+extern const Command kManCommand;    // _man COMMAND: its page; without COMMAND the page on standard input, filled in
 
 }  // namespace qx::ctl

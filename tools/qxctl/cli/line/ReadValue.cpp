@@ -78,7 +78,7 @@ Status CheckNumber(const Parameter& parameter, std::string_view text, Number& nu
 
 Status ReadInteger(std::string_view text, Value& value) {
   std::int64_t number = 0;
-  const bool is_choice = !value.parameter->choices.empty();  // which is a number without limits
+  const bool is_choice = !value.parameter->choices.empty();  // the choices of an integer have no limits
   Status status = is_choice ? Status() : CheckNumber(*value.parameter, text, number);
   if (!status.IsOk()) return status;
   if (is_choice) (void)ParseNumber(text, number);

@@ -12,7 +12,7 @@ namespace qx::ctl {
 using TableRow = std::vector<std::string>;
 
 struct TableShape {
-  std::size_t left = 1;  // so many columns, the first ones, are aligned left; the others right
+  std::size_t left = 1;  // how many columns, from the first on, are aligned left; the others are aligned right
   // Paints a cell that has its width already; without it, cells stay as they are.
   std::function<std::string(std::size_t row, std::size_t column, const std::string& cell)> paint = {};
 };
