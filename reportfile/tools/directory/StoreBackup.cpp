@@ -119,19 +119,6 @@ int FindNames(int directory, Unlistable unlistable, FoundNames* found) {
   return 0;
 }
 
-void AddFiles(const std::vector<std::string>& files, std::vector<BackupItem>* items) {
-  std::map<std::string, unsigned> stores;
-  for (const std::string& file : files) {
-    const Ending ending = EndingOf(file);
-    if (ending.bit == 0) items->push_back({.name = file, .kind = BackupItemKind::kFile});
-    if (ending.bit != 0) stores[ending.base] |= ending.bit;
-  }
-  for (const auto& [base, bits] : stores) {
-    const std::string name = bits == kHasIndex ? IndexFileName(base) : bits == kHasData ? DataFileName(base) : base;
-    items->push_back({.name = name, .kind = bits == kHasBoth ? BackupItemKind::kStore : BackupItemKind::kHalfStore});
-  }
-}
-
 bool IsMissingOrEmptyDirectory(const std::string& path) {
   std::error_code error;
   if (!fs::exists(fs::symlink_status(path, error))) return true;
@@ -157,8 +144,10 @@ int ScanCopy(const std::string& base, int directory, StoreScan* scan) {
 
 class Backup {
  public:
-  Backup(std::string source, std::string target)
-      : source_(WithoutTrailingSlashes(std::move(source))), target_(WithoutTrailingSlashes(std::move(target))) {}
+  Backup(std::string source, std::string target, const BackupForm& form)
+      : source_(WithoutTrailingSlashes(std::move(source))),
+        target_(WithoutTrailingSlashes(std::move(target))),
+        form_(form) {}
 
   BackupResult Run() {
     file::Descriptor top = OpenNamedDirectory(source_);
@@ -171,11 +160,12 @@ class Backup {
     PrivateDirectory directory(target_ + ".partial-");
     if (directory.Error() != 0) return Failed(directory.Error(), directory.Path());
     DirectoriesBelow from(std::move(top));
-    file::Descriptor copy = file::OpenDirectory(".", 0, directory.Number());
+    file::Descriptor copy = OpenForCopies(directory.Number());
     const int copy_error = errno;
     if (!copy.IsOpen()) return Failed(copy_error, directory.Path());
     DirectoriesBelow to(std::move(copy));
-    if (CopyTree(from, to) && FinishDirectories(from, to, status.st_mode)) RenameIntoPlace(directory);
+    const bool is_copied = CopyTree(from, to) && FinishDirectories(from, to, status.st_mode);
+    if (is_copied && FinishTarget(directory.Number())) RenameIntoPlace(directory);
     return result_;
   }
 
@@ -191,6 +181,15 @@ class Backup {
     return End(BackupState::kFailed);
   }
 
+  // After a failure it is not open, and errno has the reason.
+  file::Descriptor OpenForCopies(int target) const {
+    if (form_.folder.empty()) return file::OpenDirectory(".", 0, target);
+    const int error = file::MakeDirectory(form_.folder.c_str(), S_IRWXU, target);
+    if (error == 0) return file::OpenDirectory(form_.folder.c_str(), O_NOFOLLOW, target);
+    errno = error;
+    return {};
+  }
+
   bool CopyTree(DirectoriesBelow& from, DirectoriesBelow& to) {
     ReportTree tree = ListReports(from.Top());
     if (tree.error != 0) return Failed(tree.error, source_), false;
@@ -200,9 +199,21 @@ class Backup {
       const int error = above < 0 ? errno : file::MakeDirectory(file::NameOf(path).c_str(), S_IRWXU, above);
       if (error != 0) return Failed(error, PathIn(target_, path)), false;
     }
-    for (BackupItem& item : tree.items) {
-      if (!Copy(item, from, to)) return false;
-      result_.items.push_back(std::move(item));
+    // The last one first: with `after_copy`, the copy of "a" may get the name of "a.x", which then has another one.
+    for (auto item = tree.items.rbegin(); item != tree.items.rend(); ++item) {
+      if (!Copy(*item, from, to) || !AfterCopy(*item, to)) return false;
+    }
+    result_.items = std::move(tree.items);
+    return true;
+  }
+
+  bool AfterCopy(const BackupItem& item, DirectoriesBelow& to) {
+    const bool has_copy = item.state == BackupItemState::kCopied || item.state == BackupItemState::kDamaged;
+    if (!form_.after_copy || !has_copy) return true;
+    for (const std::string& path : FilesOf(item.kind, item.name)) {
+      const int directory = to.Containing(path);
+      const int error = directory < 0 ? errno : form_.after_copy(file::NameOf(path), directory);
+      if (error != 0) return Failed(error, PathIn(target_, path)), false;
     }
     return true;
   }
@@ -278,6 +289,13 @@ class Backup {
     return error == 0;
   }
 
+  bool FinishTarget(int target) {
+    int error = form_.finish ? form_.finish(result_, target) : 0;
+    if (error == 0 && !form_.folder.empty()) error = file::Sync(target);
+    if (error != 0) (void)Failed(error, target_);
+    return error == 0;
+  }
+
   // This rename makes the directory a backup. It replaces an empty directory at the target. Anything else there
   // appeared after the check: then the rename fails, and it stays.
   void RenameIntoPlace(PrivateDirectory& directory) {
@@ -290,14 +308,34 @@ class Backup {
 
   const std::string source_;
   const std::string target_;
+  const BackupForm& form_;
   std::vector<std::string> directories_;
   BackupResult result_;
 };
 
 }  // namespace
 
-BackupResult BackupReports(const std::string& report_directory, const std::string& target) {
-  return Backup(report_directory, target).Run();
+BackupResult BackupReports(const std::string& report_directory, const std::string& target, const BackupForm& form) {
+  return Backup(report_directory, target, form).Run();
+}
+
+std::vector<std::string> FilesOf(BackupItemKind kind, const std::string& name) {
+  if (kind == BackupItemKind::kStore) return {IndexFileName(name), DataFileName(name)};
+  if (kind == BackupItemKind::kSkipped || kind == BackupItemKind::kLink) return {};
+  return {name};
+}
+
+void AddFiles(const std::vector<std::string>& files, std::vector<BackupItem>* items) {
+  std::map<std::string, unsigned> stores;
+  for (const std::string& file : files) {
+    const Ending ending = EndingOf(file);
+    if (ending.bit == 0) items->push_back({.name = file, .kind = BackupItemKind::kFile});
+    if (ending.bit != 0) stores[ending.base] |= ending.bit;
+  }
+  for (const auto& [base, bits] : stores) {
+    const std::string name = bits == kHasIndex ? IndexFileName(base) : bits == kHasData ? DataFileName(base) : base;
+    items->push_back({.name = name, .kind = bits == kHasBoth ? BackupItemKind::kStore : BackupItemKind::kHalfStore});
+  }
 }
 
 ReportTree ListReports(int directory, Unlistable unlistable) {

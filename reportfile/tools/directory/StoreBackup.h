@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -52,8 +53,24 @@ struct BackupResult {
   std::string file;               // ... and the file
 };
 
+// What a backup consists of besides the copies. Every function returns 0, or the error number that makes the backup
+// fail.
+struct BackupForm {
+  // The copies are made in this directory of the target; empty: in the target itself.
+  std::string folder = {};
+  // Called for each copied file, once it is checked: its name in the open directory. It may replace the file by
+  // another one, whose name begins with the same name.
+  std::function<int(const std::string& name, int directory)> after_copy = {};
+  // Called when everything is copied, with the open target: the last files are written here.
+  std::function<int(const BackupResult& result, int target)> finish = {};
+};
+
 // [any thread]
-[[nodiscard]] BackupResult BackupReports(const std::string& report_directory, const std::string& target);
+[[nodiscard]] BackupResult BackupReports(const std::string& report_directory, const std::string& target,
+                                         const BackupForm& form = {});
+
+// The files of an item, by name below the report directory; none if it has no bytes. [any thread]
+[[nodiscard]] std::vector<std::string> FilesOf(BackupItemKind kind, const std::string& name);
 
 // What a report directory, or a backup of one, contains: reports, other files, directories, each by name below it. An
 // item that was removed while it was listed is kGone, one whose `stat` fails kUnreadable.
@@ -68,6 +85,9 @@ enum class Unlistable {
   kEndsTheList,  // its error number becomes that of the tree
   kIsAnItem,     // it is an item that is kSkipped and kUnreadable, and the list continues after it
 };
+
+// Adds the items of these regular files: two files of a report become one item. [any thread]
+void AddFiles(const std::vector<std::string>& files, std::vector<BackupItem>* items);
 
 // Lists the open `directory` and everything below it, hidden names included, without following links; each directory
 // before what it contains. [any thread]

@@ -28,12 +28,7 @@ namespace fs = std::filesystem;
 constexpr long kBetweenChecksNanoseconds = 250'000'000;
 constexpr mode_t kReportDirectoryMode = 0711;
 
-// The files of an item, below its directory.
-std::vector<std::string> FilesOf(const RestoreItem& item) {
-  if (item.kind == BackupItemKind::kStore) return {IndexFileName(item.name), DataFileName(item.name)};
-  if (item.kind == BackupItemKind::kSkipped || item.kind == BackupItemKind::kLink) return {};
-  return {item.name};
-}
+std::vector<std::string> FilesOf(const RestoreItem& item) { return report::FilesOf(item.kind, item.name); }
 
 // Opens the file of this path below the top for reading, through no link. After a failure it is not open, and errno has
 // the reason.
@@ -124,7 +119,8 @@ struct Directories {
 
 class Planner {
  public:
-  explicit Planner(Directories& directories) : directories_(directories) {}
+  // Empty `names`: everything.
+  Planner(Directories& directories, const std::vector<std::string>& names) : directories_(directories), names_(names) {}
 
   RestoreResult Run() {
     const auto& [backup_name, reports_name, backup, backup_error, reports, reports_error] = directories_;
@@ -137,8 +133,9 @@ class Planner {
     for (const BackupItem& found : tree.items) {
       if (found.state == BackupItemState::kUnreadable) return Failed(found.error, PathIn(backup_name, found.name));
       const bool is_restored = found.kind != BackupItemKind::kSkipped && found.state == BackupItemState::kCopied;
-      if (is_restored) result_.items.push_back(Planned(found));
+      if (is_restored && IsSelected(found.name)) result_.items.push_back(Planned(found));
     }
+    if (const std::string* const name = NameWithoutItem()) return MissingName(*name);
     FindLiveReports();
     return End(RestoreState::kPlanned);
   }
@@ -153,6 +150,24 @@ class Planner {
     result_.error = error;
     result_.file = std::move(file);
     return End(RestoreState::kFailed);
+  }
+
+  RestoreResult MissingName(std::string name) {
+    result_.file = std::move(name);
+    return End(RestoreState::kNoSuchItem);
+  }
+
+  bool IsSelected(const std::string& name) const {
+    return names_.empty() || std::find(names_.begin(), names_.end(), name) != names_.end();
+  }
+
+  // A name that the backup lacks; null if it has all of them.
+  const std::string* NameWithoutItem() const {
+    const auto name = std::find_if(names_.begin(), names_.end(), [this](const std::string& each) {
+      return std::none_of(result_.items.begin(), result_.items.end(),
+                          [&each](const RestoreItem& item) { return item.name == each; });
+    });
+    return name != names_.end() ? &*name : nullptr;
   }
 
   RestoreItem Planned(const BackupItem& found) const {
@@ -229,6 +244,7 @@ class Planner {
   }
 
   Directories& directories_;
+  const std::vector<std::string>& names_;
   RestoreResult result_;
 };
 
@@ -337,12 +353,21 @@ class StagedFiles {
   std::vector<std::string> made_;
 };
 
-// Sets the file that failed. 0 or the error number.
-int StageBackup(const RestoreResult& plan, Directories& directories, StagedFiles& staged, std::string* failed) {
+// True if an item of the plan is below the directory.
+bool IsAboveAnItem(const std::string& directory, const RestoreResult& plan) {
+  return std::any_of(plan.items.begin(), plan.items.end(),
+                     [below = directory + "/"](const RestoreItem& item) { return item.name.starts_with(below); });
+}
+
+// Without `is_whole`, only the directories of the plan's items are made. Sets the file that failed. 0 or the error
+// number.
+int StageBackup(const RestoreResult& plan, bool is_whole, Directories& directories, StagedFiles& staged,
+                std::string* failed) {
   const ReportTree tree = ListReports(directories.backup.Top());
   *failed = directories.backup_name;
   if (tree.error != 0) return tree.error;
   for (const std::string& path : tree.directories) {
+    if (!is_whole && !IsAboveAnItem(path, plan)) continue;
     *failed = PathIn(directories.reports_name, path);
     if (const int error = staged.AddDirectory(path); error != 0) return error;
   }
@@ -400,7 +425,7 @@ RestoreState CheckPlan(const RestoreResult& plan, bool is_forced) {
 }
 
 // Stages and renames. The result of the plan, with what failed.
-RestoreResult ApplyPlan(RestoreResult result, Directories& directories) {
+RestoreResult ApplyPlan(RestoreResult result, bool is_whole, Directories& directories) {
   std::string failed = directories.reports_name;
   if (!directories.reports.IsOpen()) {
     int error = MakeDirectories(directories.reports_name);
@@ -410,7 +435,7 @@ RestoreResult ApplyPlan(RestoreResult result, Directories& directories) {
     if (error != 0) return Failed(std::move(result), error, failed);
   }
   StagedFiles staged(directories);
-  if (const int error = StageBackup(result, directories, staged, &failed); error != 0) {
+  if (const int error = StageBackup(result, is_whole, directories, staged, &failed); error != 0) {
     return Failed(std::move(result), error, failed);
   }
   if (const int error = staged.RenameIntoPlace(&failed); error != 0) {
@@ -423,19 +448,20 @@ RestoreResult ApplyPlan(RestoreResult result, Directories& directories) {
 
 }  // namespace
 
-RestoreResult PlanRestore(const std::string& backup_directory, const std::string& report_directory) {
+RestoreResult PlanRestore(const std::string& backup_directory, const std::string& report_directory,
+                          const std::vector<std::string>& names) {
   Directories directories(AbsoluteWithoutSlash(backup_directory), AbsoluteWithoutSlash(report_directory));
-  return Planner(directories).Run();
+  return Planner(directories, names).Run();
 }
 
 RestoreResult RestoreReports(const std::string& backup_directory, const std::string& report_directory,
                              const RestoreOptions& options) {
   Directories directories(AbsoluteWithoutSlash(backup_directory), AbsoluteWithoutSlash(report_directory));
-  RestoreResult result = Planner(directories).Run();
+  RestoreResult result = Planner(directories, options.names).Run();
   if (result.state != RestoreState::kPlanned) return result;
   result.state = CheckPlan(result, options.force);
   if (result.state != RestoreState::kPlanned) return result;
-  result = ApplyPlan(std::move(result), directories);
+  result = ApplyPlan(std::move(result), options.names.empty(), directories);
   if (result.state != RestoreState::kDone || !options.consume) return result;
   if (const int error = RemoveBackup(directories); error != 0) {
     return Failed(std::move(result), error, directories.backup_name);

@@ -33,13 +33,14 @@ struct RestoreItem {
 };
 
 enum class RestoreState {
-  kPlanned,   // nothing was changed
-  kDone,      // every file of the backup is in the report directory, compared byte for byte
-  kNotFound,  // the backup is not a directory
-  kRefused,   // one of the two directories is in the other
-  kLinked,    // nothing was changed: an item is or is below a symbolic link
-  kBlocked,   // nothing was changed: an item is damaged or being written
-  kFailed,    // the backup cannot be read or copied (nothing was changed), or not all of it was renamed into place
+  kPlanned,     // nothing was changed
+  kDone,        // every file of the backup is in the report directory, compared byte for byte
+  kNotFound,    // the backup is not a directory
+  kNoSuchItem,  // nothing was changed: the backup lacks a requested name, which is `file`
+  kRefused,     // one of the two directories is in the other
+  kLinked,      // nothing was changed: an item is or is below a symbolic link
+  kBlocked,     // nothing was changed: an item is damaged or being written
+  kFailed,      // the backup cannot be read or copied (nothing was changed), or not all of it was renamed into place
 };
 
 struct RestoreResult {
@@ -49,13 +50,15 @@ struct RestoreResult {
   std::string file;                // ... and the file
 };
 
-// Returns what a restore of `backup_directory` into `report_directory` would do. Takes a quarter of a second, between
-// two checks of the reports that would be replaced. [any thread]
-[[nodiscard]] RestoreResult PlanRestore(const std::string& backup_directory, const std::string& report_directory);
+// Returns what a restore of `backup_directory` into `report_directory` would do: of everything, or of the items with
+// these names. Takes a quarter of a second, between two checks of the reports that would be replaced. [any thread]
+[[nodiscard]] RestoreResult PlanRestore(const std::string& backup_directory, const std::string& report_directory,
+                                        const std::vector<std::string>& names = {});
 
 struct RestoreOptions {
-  bool force = false;    // also if items are damaged or being written
-  bool consume = false;  // removes the backup after a restore that is done
+  bool force = false;                   // also if items are damaged or being written
+  bool consume = false;                 // removes the backup after a restore that is done
+  std::vector<std::string> names = {};  // of the items; empty: everything
 };
 
 // Plans, then restores. A file that is replaced keeps its owner and permissions; a new one gets those of the backup.
