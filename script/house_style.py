@@ -43,6 +43,8 @@ for folder in ("debug", "inifile", "registry", "reportfile", "provider"):
     LAYERS[f"{folder}/tools"] = LAYERS[folder] | {folder, "base/tools"}
 # Work on a whole directory of reports: survey, backup, restore.
 LAYERS["reportfile/tools/directory"] = LAYERS["reportfile/tools"] | {"reportfile/tools"}
+# Dated backups, with the libraries for compression and checksums.
+LAYERS["reportfile/tools/backup"] = LAYERS["reportfile/tools"] | {"reportfile/tools", "reportfile/tools/directory"}
 # The library for agents, a layer above the module's folders.
 LAYERS["sdk"] = {"base", "paths", "reportfile", "reportfile/tools"}
 FOLDER_TOOLS = set(LAYERS) - MODULE  # the programs may include sdk, too

@@ -1,0 +1,74 @@
+// Verifies a backup, and makes its files readable for a restore.
+//
+// A dated backup has a checksum for each file. Every file is read and compared with it; then each report is checked as
+// `report verify` does. Files of a compressed backup are expanded for that, one report at a time, in a private
+// directory. A plain copy has no checksums, so only its reports are checked.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "reportfile/tools/DurableFiles.h"
+#include "reportfile/tools/backup/BackupFiles.h"
+#include "reportfile/tools/directory/StoreBackup.h"
+
+namespace qx::report {
+
+enum class VerifiedState {
+  kSound,
+  kDamaged,   // a report with findings, or half a report; it was so when it was copied
+  kChanged,   // a file differs from its checksum, or cannot be expanded
+  kMissing,   // a file of the list of checksums
+  kUnlisted,  // a file that is not in the list
+  kUnreadable,
+};
+
+struct VerifiedItem {
+  std::string name;  // as BackupItem's
+  BackupItemKind kind = BackupItemKind::kFile;
+  VerifiedState state = VerifiedState::kSound;
+  int error = 0;              // kUnreadable
+  std::uint64_t records = 0;  // of a report
+};
+
+struct VerifiedBackup {
+  int error = 0;     // of opening or listing the backup (see BackupFiles::Error), or of the private directory ...
+  std::string file;  // ... and the file
+  bool has_checksums = false;
+  bool is_compressed = false;
+  std::vector<VerifiedItem> items;    // by name
+  std::vector<std::string> left_out;  // what the backup lacks
+};
+
+// Reads every file. `temporary` is a directory for the private one. [any thread]
+[[nodiscard]] VerifiedBackup VerifyBackup(const std::string& directory, const std::string& temporary);
+
+// A backup whose requested files were compared with their checksums and are expanded.
+//
+// Owns: the private directory of expanded files, which is removed at the end of the scope.
+class RestorableBackup {
+ public:
+  // Empty `names`: everything.
+  RestorableBackup(const std::string& directory, const std::vector<std::string>& names, const std::string& temporary);
+
+  // 0; EBADMSG if a file of the backup is not as its checksum says; otherwise the error number. `Failed` is the file.
+  [[nodiscard]] int Error() const { return error_; }
+  [[nodiscard]] const std::string& Failed() const { return failed_; }
+  [[nodiscard]] bool IsDated() const { return is_dated_; }
+  // The directory to restore from.
+  [[nodiscard]] const std::string& Path() const { return path_; }
+
+ private:
+  void Prepare(BackupFiles& files, const std::vector<std::string>& names, const std::string& temporary);
+  void Fail(int error, std::string file);
+
+  int error_ = 0;
+  std::string failed_;
+  bool is_dated_ = false;
+  std::string path_;
+  std::optional<PrivateDirectory> expanded_;
+};
+
+}  // namespace qx::report
