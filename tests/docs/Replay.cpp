@@ -28,6 +28,7 @@ constexpr Varying kVarying[] = {
     {"the time of a round", "(, )([0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2})(\n)"},
     {"an age in a table", "( -)( +[0-9]+ s)( )"},
     {"the name of an unfinished backup", "(\\.partial-)([A-Za-z0-9]{6})(:)"},
+    {"the time of a backup", "(backups/|\n|\": \")([0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}-[0-9]{2}-[0-9]{2}Z)()"},
     {"version and date of the build", R"(( version=\\?"| date=\\?")([-0-9./:]+)(\\?"))"},
     {"the name of a backup of the registry", R"((is kept in /etc/brollan/registry\.)([-0-9]+)(\.bak))"},
     {"the version of the module", "(loads: QXRemConXfer )([0-9.]+)()"},

@@ -120,7 +120,8 @@ const std::vector<WrongLine> kWrongLines = {
     {{"serve"}, "there is no command \"serve\"; \"qxctl help\" lists the commands"},
     {{"new\nline"}, "there is no command \"new\\x0Aline\"; \"qxctl help\" lists the commands"},
     {{"report"},
-     "report needs one of its commands: list, status, create, append, cat, info, verify, salvage, backup or restore"},
+     "report needs one of its commands: list, status, create, append, cat, info, verify, salvage, backup, backups, "
+     "verify-backup or restore"},
     {{"trace", "shwo"}, "trace has no command \"shwo\"; did you mean show?"},
     {{"ini", "edit"}, "ini has no command \"edit\"; give one of list, get, set, delete and copy"},
     {{"help", "fecth"}, "there is no command \"fecth\"; did you mean fetch?"},

@@ -113,8 +113,8 @@ class QxctlCompletion : public testing::Test, protected QxctlFixture {
 TEST_F(QxctlCompletion, CommandsAndSubcommands) {
   EXPECT_THAT(Offers({""}), IsSupersetOf({"report", "fetch", "completion"}));
   EXPECT_THAT(Offers({"re"}), Contains("report"));
-  EXPECT_THAT(Offers({"report", "ver"}), ElementsAre("verify"));
-  EXPECT_THAT(Offers({"--color", "never", "--quiet", "report", "ver"}), ElementsAre("verify"));
+  EXPECT_THAT(Offers({"report", "sal"}), ElementsAre("salvage"));
+  EXPECT_THAT(Offers({"--color", "never", "--quiet", "report", "sal"}), ElementsAre("salvage"));
 }
 
 TEST_F(QxctlCompletion, HiddenCommandsAreNotOffered) {
@@ -266,7 +266,7 @@ TEST_F(QxctlCompletion, ZshTakesItsScript) {
 }
 
 TEST_F(QxctlCompletion, ZshOffersCommandsOptionsReportsAndFiles) {
-  EXPECT_THAT(ZshOffers("qxctl report ver"), ElementsAre("verify"));
+  EXPECT_THAT(ZshOffers("qxctl report sal"), ElementsAre("salvage"));
   EXPECT_THAT(ZshOffers("qxctl report salvage --in"), IsSupersetOf({"--into", "--indexed-only"}));
   EXPECT_THAT(ZshOffers("qxctl fetch lo"), ElementsAre("load", "lost\\ and\\ found"));
   EXPECT_THAT(ZshOffers("qxctl fetch --color=al"), ElementsAre("always"));
@@ -289,8 +289,8 @@ TEST_F(QxctlCompletion, FishTakesItsScript) {
 }
 
 TEST_F(QxctlCompletion, FishOffersCommandsOptionsReportsAndFiles) {
-  EXPECT_THAT(FishOffers("qxctl report ver"), ElementsAre("verify"));
-  EXPECT_THAT(FishOffers("qxctl --color never --quiet report ver"), ElementsAre("verify"));
+  EXPECT_THAT(FishOffers("qxctl report sal"), ElementsAre("salvage"));
+  EXPECT_THAT(FishOffers("qxctl --color never --quiet report sal"), ElementsAre("salvage"));
   EXPECT_THAT(FishOffers("qxctl report salvage --in"), ElementsAre("--indexed-only", "--into"));
   EXPECT_THAT(FishOffers("qxctl fetch lo"), ElementsAre("load", "lost and found"));
   EXPECT_THAT(FishOffers("qxctl report verify load lo"), Contains("lost and found"));

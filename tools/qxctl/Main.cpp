@@ -28,6 +28,7 @@
 #include "tools/qxctl/fetch/FollowCommand.h"
 #include "tools/qxctl/fetch/NamesCommand.h"
 #include "tools/qxctl/module/ModuleCommand.h"
+#include "tools/qxctl/report/BackupsCommand.h"
 #include "tools/qxctl/report/ReportBackupCommand.h"
 #include "tools/qxctl/report/ReportCheckCommand.h"
 #include "tools/qxctl/report/ReportCommand.h"
@@ -98,6 +99,8 @@ constexpr const Command* kCommands[] = {
     &qx::ctl::kReportVerifyCommand,
     &qx::ctl::kReportSalvageCommand,
     &qx::ctl::kReportBackupCommand,
+    &qx::ctl::kReportBackupsCommand,
+    &qx::ctl::kReportVerifyBackupCommand,
     &qx::ctl::kReportRestoreCommand,
     &qx::ctl::kNamesCommand,
     &kRegistry,

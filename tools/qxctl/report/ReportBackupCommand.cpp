@@ -1,12 +1,16 @@
-// Backs up and restores the whole report directory.
+// Backs up the report directory, and restores all of it or some reports.
 #include "tools/qxctl/report/ReportBackupCommand.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "reportfile/tools/backup/BackupVerify.h"
+#include "reportfile/tools/backup/DatedBackups.h"
 #include "reportfile/tools/directory/StoreBackup.h"
 #include "reportfile/tools/directory/StoreRestore.h"
 #include "tools/qxctl/cli/Context.h"
@@ -15,6 +19,7 @@
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
 #include "tools/qxctl/cli/text/Text.h"
+#include "tools/qxctl/report/BackupItems.h"
 #include "tools/qxctl/store/MissingReport.h"
 #include "tools/qxctl/store/ReportDirectory.h"
 #include "tools/qxctl/store/StoreFiles.h"
@@ -38,22 +43,6 @@ struct Options {
   bool apply = false;
   report::RestoreOptions restore;
 };
-
-const char* NameOfKind(BackupItemKind kind) {
-  switch (kind) {
-    case BackupItemKind::kStore:
-      return "report";
-    case BackupItemKind::kFile:
-      return "file";
-    case BackupItemKind::kHalfStore:
-      return "half a report";
-    case BackupItemKind::kLink:
-      return "symbolic link";
-    case BackupItemKind::kSkipped:
-      return "neither file nor directory";
-  }
-  return "";
-}
 
 // "copied        load, report", the first word in the colour of what it means
 std::string Line(const Output& output, Style style, const std::string& what, const std::string& name,
@@ -100,7 +89,8 @@ std::string ToText(const Output& output, const BackupResult& result) {
   return text;
 }
 
-Json ToJson(const BackupResult& result, const std::string& from, const std::string& to, ExitCode code) {
+Json ToJson(const BackupResult& result, const std::string& from, const std::string& to,
+            const std::vector<std::string>& removed, ExitCode code) {
   Json items = Json::Array();
   for (const BackupItem& item : result.items) {
     Json entry;
@@ -115,6 +105,8 @@ Json ToJson(const BackupResult& result, const std::string& from, const std::stri
   SetText(document, "reportDirectory", from);
   SetText(document, "backup", to);
   document["items"] = std::move(items);
+  document["removed"] = Json::Array();
+  for (const std::string& name : removed) document["removed"].Append(name);
   document["exitCode"] = static_cast<int>(code);
   return document;
 }
@@ -162,21 +154,59 @@ Status StatusOf(const BackupResult& result, const std::string& from, const std::
   return {};
 }
 
-BackupResult BackupWithProgress(const Output& output, const std::string& from, const std::string& to) {
-  const LongStep step(output, "copying " + from, [&] { return BytesBelow(from); });
-  return report::BackupReports(from, to);
+Status BackupTo(Context& context, const Values& values, const std::string& from, const std::string& to) {
+  const BackupResult result = [&] {
+    const LongStep step(context.output, "copying " + from, [&] { return BytesBelow(from); });
+    return report::BackupReports(from, to);
+  }();
+  Status status = StatusOf(result, from, to);
+  if (result.state != BackupState::kDone) return status;
+  return ShowResult(
+      context, values, [&] { return ToJson(result, from, to, {}, status.Code()); },
+      [&] { return ToText(context.output, result); }, status);
+}
+
+std::string ToText(const Output& output, const report::DatedBackup& made, const std::string& to) {
+  std::string text = ToText(output, made.copy);
+  text += output.Paint(Style::kGood, "made          ") + Visible(to) + "\n";
+  for (const std::string& name : made.removed) {
+    text += output.Paint(Style::kWarning, "removed       ") + Visible(name) + "\n";
+  }
+  return text;
+}
+
+Status StatusOf(const report::DatedBackup& made, const std::string& from, const std::string& directory) {
+  if (made.is_busy) {
+    return {ExitCode::kRefused, "another process makes a backup in " + directory + "; try again when it has ended"};
+  }
+  if (made.removal_error != 0) {
+    return Status::Io("the backup is made, but the old one " + made.removal_name + " is not removed",
+                      made.removal_error);
+  }
+  return StatusOf(made.copy, from, directory);
+}
+
+Status BackupDated(Context& context, const Values& values, const std::string& from, const std::string& directory) {
+  const report::DatedBackupOptions options = {.is_compressed = values.Flag("--compress"),
+                                              .keep = static_cast<std::size_t>(values.Integer("--keep", 0)),
+                                              .now = std::time(nullptr)};
+  const report::DatedBackup made = [&] {
+    const LongStep step(context.output, "copying " + from, [&] { return BytesBelow(from); });
+    return report::MakeDatedBackup(from, directory, options);
+  }();
+  Status status = StatusOf(made, from, directory);
+  if (made.name.empty()) return status;
+  const std::string to = directory + "/" + made.name;
+  return ShowResult(
+      context, values, [&] { return ToJson(made.copy, from, to, made.removed, status.Code()); },
+      [&] { return ToText(context.output, made, to); }, status);
 }
 
 Status Backup(Context& context, const Values& values) {
   std::string from;
   if (Status found = FindReportDirectory(from); !found.IsOk()) return found;
   const std::string to = values.Text("DIR");
-  const BackupResult result = BackupWithProgress(context.output, from, to);
-  Status status = StatusOf(result, from, to);
-  if (result.state != BackupState::kDone) return status;
-  return ShowResult(
-      context, values, [&] { return ToJson(result, from, to, status.Code()); },
-      [&] { return ToText(context.output, result); }, status);
+  return values.Flag("--dated") ? BackupDated(context, values, from, to) : BackupTo(context, values, from, to);
 }
 
 // --- restore
@@ -270,6 +300,8 @@ Status StatusOf(const RestoreResult& result, const Options& options, const std::
       return {};
     case RestoreState::kNotFound:
       return {ExitCode::kNotFound, "there is no backup directory " + options.directory};
+    case RestoreState::kNoSuchItem:
+      return {ExitCode::kNotFound, options.directory + " has no report or file " + result.file};
     case RestoreState::kRefused:
       return {ExitCode::kRefused, options.directory + " and the report directory " + to + " contain one another"};
     case RestoreState::kLinked:
@@ -288,14 +320,30 @@ Options OptionsOf(const Values& values) {
   options.apply = values.Flag("--apply");
   options.restore.force = values.Flag("--force");
   options.restore.consume = values.Flag("--consume");
+  options.restore.names = values.Texts("--report");
   return options;
 }
 
-RestoreResult RestoreWithProgress(const Output& output, const Options& options, const std::string& to) {
-  const LongStep step(output, (options.apply ? "restoring " : "comparing ") + to,
-                      [&] { return BytesBelow(options.directory); });
-  return options.apply ? report::RestoreReports(options.directory, to, options.restore)
-                       : report::PlanRestore(options.directory, to);
+Status StatusOf(const report::RestorableBackup& backup, const Options& options) {
+  const std::string& directory = options.directory;
+  if (backup.Error() == ENOENT || backup.Error() == ENOTDIR) {
+    return {ExitCode::kNotFound, "there is no backup directory " + directory};
+  }
+  if (backup.Error() == EBADMSG) {
+    return {ExitCode::kRefused, "nothing was changed: " + backup.Failed() + " in " + directory +
+                                    " is not as it was when the backup was made; \"qxctl report verify-backup\" names "
+                                    "everything that differs, --report restores what does not"};
+  }
+  if (backup.Error() != 0) return StatusOfReportFile("nothing was changed: " + backup.Failed(), backup.Error());
+  if (!backup.IsDated() || !options.restore.consume) return {};
+  return {ExitCode::kRefused, "--consume does not remove a dated backup; \"qxctl report backup --dated --keep\" does"};
+}
+
+RestoreResult RestoreWithProgress(const Output& output, const Options& options, const std::string& from,
+                                  const std::string& to) {
+  const LongStep step(output, (options.apply ? "restoring " : "comparing ") + to, [&] { return BytesBelow(from); });
+  return options.apply ? report::RestoreReports(from, to, options.restore)
+                       : report::PlanRestore(from, to, options.restore.names);
 }
 
 Status Restore(Context& context, const Values& values) {
@@ -303,9 +351,12 @@ Status Restore(Context& context, const Values& values) {
   std::string to;
   if (Status found = FindReportDirectory(to); !found.IsOk()) return found;
   if (to.empty()) return {ExitCode::kNotFound, "the registry names no report directory"};
-  const RestoreResult result = RestoreWithProgress(context.output, options, to);
+  const report::RestorableBackup backup(options.directory, options.restore.names, TemporaryDirectory());
+  if (Status usable = StatusOf(backup, options); !usable.IsOk()) return usable;
+  const RestoreResult result = RestoreWithProgress(context.output, options, backup.Path(), to);
   Status status = StatusOf(result, options, to);
-  const bool has_items = result.state != RestoreState::kNotFound && result.state != RestoreState::kRefused;
+  const bool has_items = result.state != RestoreState::kNotFound && result.state != RestoreState::kRefused &&
+                         result.state != RestoreState::kNoSuchItem;
   if (!has_items) return status;
   return ShowResult(
       context, values, [&] { return ToJson(result, options, to, status.Code()); },
@@ -319,21 +370,42 @@ constexpr Parameter kParameters[] = {
     {.name = "--json", .help = "Print the result as JSON"},
 };
 
+constexpr Parameter kBackupParameters[] = {
+    {.name = "--dated", .help = "Make the backup in DIR, with the time as its name, and with checksums"},
+    {.name = "--compress", .help = "Compress each file", .needs = "--dated"},
+    {.name = "--keep",
+     .kind = ValueKind::kInteger,
+     .value = "N",
+     .help = "Then remove the oldest backups in DIR, so that N are left",
+     .limits = kPositiveInt32,
+     .needs = "--dated"},
+};
+
 constexpr Parameter kRestoreParameters[] = {
+    {.name = "--report",
+     .kind = ValueKind::kText,
+     .value = "NAME",
+     .help = "Only the report or file of this name; may be given again",
+     .is_repeatable = true},
     {.name = "--apply", .help = "Restore; without it nothing is changed"},
     {.name = "--force",
      .help = "Restore also if a report is damaged in the backup, or being written",
      .needs = "--apply"},
-    {.name = "--consume", .help = "Remove the backup once it is restored", .needs = "--apply"},
+    {.name = "--consume",
+     .help = "Remove the backup once it is restored",
+     .needs = "--apply",
+     .excludes = {"--report"}},
 };
 
 constexpr Example kReportBackupExamples[] = {
     {"qxctl report backup backups/monday", "Copy the report directory"},
+    {"qxctl report backup backups --dated --compress --keep 7", "Make a compressed backup, and keep the last seven"},
 };
 
 constexpr Example kReportRestoreExamples[] = {
     {"qxctl report restore backups/monday", "Show what would be restored"},
     {"qxctl report restore backups/monday --apply", "Restore it"},
+    {"qxctl report restore backups/2026-01-31T10-00-00Z --report load --apply", "Restore one report"},
 };
 
 }  // namespace
@@ -342,7 +414,7 @@ constinit const Command kReportBackupCommand = {
     .words = "report backup",
     .help = "Copy the report directory, each report as it was at one moment",
     .run = Backup,
-    .parameters = {kParameters},
+    .parameters = {kParameters, kBackupParameters},
     .examples = kReportBackupExamples};
 
 constinit const Command kReportRestoreCommand = {.words = "report restore",
