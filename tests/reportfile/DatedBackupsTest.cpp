@@ -50,7 +50,8 @@ void MakeBackedUpStore(const std::string& base_path, std::uint32_t slots, const 
 class DatedBackups : public testing::Test {
  protected:
   DatedBackups() {
-    for (const char* const name : {"reports", "reports/disk", "backups", "tmp"}) fs::create_directory(dir_.File(name));
+    for (const char* const name : {"reports", "reports/disk", "reports/other", "backups", "tmp"})
+      fs::create_directory(dir_.File(name));
     MakeBackedUpStore(reports_ + "/load", 3, Numbered(8));
     MakeBackedUpStore(reports_ + "/disk/sda", 9, {"a", std::string(5000, 'b')});
     WriteFile(reports_ + "/load.names", "[Quaxel Report Instances]\n");
@@ -164,6 +165,7 @@ TEST_F(DatedBackups, SingleReportIsRestoredAloneWithItsDirectory) {
   for (const bool is_compressed : {false, true}) {
     const std::string backup = MakeIn(is_compressed);
     ASSERT_EQ(Restore(backup, {"disk/sda"}), 0);
+    EXPECT_FALSE(Exists(dir_.File("restored/other")));
     EXPECT_THAT(FilesBelow(dir_.File("restored")), ElementsAre(EndsWith("disk/sda.dat"), EndsWith("disk/sda.ind")));
     EXPECT_EQ(ReadFile(dir_.File("restored/disk/sda.dat")), ReadFile(reports_ + "/disk/sda.dat"));
     fs::remove_all(dir_.File("restored"));
