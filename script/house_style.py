@@ -48,6 +48,7 @@ LAYERS["reportfile/tools/backup"] = LAYERS["reportfile/tools"] | {"reportfile/to
 # The library for agents, a layer above the module's folders.
 LAYERS["sdk"] = {"base", "paths", "reportfile", "reportfile/tools"}
 FOLDER_TOOLS = set(LAYERS) - MODULE  # the programs may include sdk, too
+LAYERS["agent"] = {"base", "sdk"}
 
 # The areas of the command line tool, and which of the others each may include.
 AREAS = {

@@ -1,0 +1,30 @@
+// The reports of the agent: each is opened when its first record comes.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "sdk/Writer.h"
+
+namespace qx::agent {
+
+// Threads: one thread.
+// Owns: the open reports.
+// Failure: a report that fails is closed, and opened again for its next record.
+class Reports {
+ public:
+  // `directory` is the path of the agent's directory; a new report gets `slots` records.
+  Reports(std::string directory, std::uint32_t slots) : directory_(std::move(directory)), slots_(slots) {}
+
+  // Appends a record to the report of this name, which may contain "/". [owning thread]
+  [[nodiscard]] Error Append(const std::string& name, const std::string& text);
+
+ private:
+  std::string directory_;
+  std::uint32_t slots_;
+  std::map<std::string, Writer> writers_;
+};
+
+}  // namespace qx::agent
