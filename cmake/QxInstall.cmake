@@ -6,6 +6,7 @@
 #   component python  the Python module qxreport
 #   component tools   qxctl, its manual pages and shell completions
 #   component view    qxview, its manual page and unit, where libmicrohttpd-dev is installed
+#   component agent   qxagent, its manual page, unit, user and directories, where libsystemd-dev is installed
 #   component relay   qxrelay, its manual pages, units, user and example settings, where libnats-dev is installed
 #
 # The service loads the module from an absolute path, so --prefix does not move it: stage with DESTDIR, or configure
@@ -128,6 +129,15 @@ install(DIRECTORY examples/ DESTINATION ${qx_examples_dir} COMPONENT sdk
 
 if(QX_BUILD_TOOLS)
   install(TARGETS qxctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  foreach(unit qxctl-backup.service qxctl-backup.timer qxctl-fetch@.service qxctl-fetch@.timer)
+    install(FILES packaging/systemd/${unit} DESTINATION lib/systemd/system COMPONENT tools)
+  endforeach()
+  if(TARGET qxagent)
+    install(TARGETS qxagent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT agent)
+    install(FILES packaging/systemd/qxagent.service DESTINATION lib/systemd/system COMPONENT agent)
+    install(FILES packaging/systemd/qxagent.sysusers DESTINATION lib/sysusers.d RENAME qxagent.conf COMPONENT agent)
+    install(FILES packaging/systemd/qxagent.tmpfiles DESTINATION lib/tmpfiles.d RENAME qxagent.conf COMPONENT agent)
+  endif()
   if(TARGET qxrelay)
     install(TARGETS qxrelay RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT relay)
     install(FILES packaging/systemd/qxrelay-send.service packaging/systemd/qxrelay-receive.service

@@ -21,6 +21,9 @@ function(qx_component_of page component program)
   elseif(page MATCHES "^qxview")
     set(${component} view PARENT_SCOPE)
     set(${program} qxview PARENT_SCOPE)
+  elseif(page MATCHES "^qxagent")
+    set(${component} agent PARENT_SCOPE)
+    set(${program} qxagent PARENT_SCOPE)
   endif()
 endfunction()
 
@@ -32,7 +35,7 @@ foreach(source ${qx_manual_sources})
     continue()
   endif()
   set(fill cat)
-  if(page STREQUAL "${program}.1" AND NOT program STREQUAL "qxview")  # qxview has no commands
+  if(page STREQUAL "${program}.1" AND NOT program MATCHES "^(qxview|qxagent)$")  # these have no commands
     set(fill $<TARGET_FILE:${program}> _man)
   endif()
   add_custom_command(OUTPUT ${qx_manual_dir}/${page}

@@ -3,7 +3,7 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qxremconxfer)
 set(CPACK_PACKAGE_CONTACT "QXRemConXfer developers <qxremconxfer@example.org>")
-set(CPACK_COMPONENTS_ALL module sdk library python tools)  # and relay and view, below
+set(CPACK_COMPONENTS_ALL module sdk library python tools)  # and others, below
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_SET_DESTDIR ON)  # the module's path is absolute
@@ -63,6 +63,24 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION "works with reports and the provider module
 Fetches reports through the provider module as a remote client would, checks,
 backs up, restores and repairs report files, reads traces, and shows and
 changes the registry and INI files.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${CPACK_QX_DEBIAN_DIR}/tools/postinst
+  ${CPACK_QX_DEBIAN_DIR}/tools/prerm ${CPACK_QX_DEBIAN_DIR}/tools/postrm)
+
+if(TARGET qxagent)
+  list(APPEND CPACK_COMPONENTS_ALL agent)
+endif()
+set(CPACK_DEBIAN_AGENT_PACKAGE_NAME qxagent)
+set(CPACK_DEBIAN_AGENT_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_AGENT_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_AGENT_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers | systemd-sysusers, systemd | systemd-standalone-tmpfiles | systemd-tmpfiles")
+set(CPACK_DEBIAN_AGENT_PACKAGE_RECOMMENDS qxremconxfer)
+set(CPACK_DEBIAN_AGENT_PACKAGE_SUGGESTS qxctl)
+set(CPACK_DEBIAN_AGENT_PACKAGE_CONTROL_EXTRA ${CPACK_QX_DEBIAN_DIR}/agent/postinst
+  ${CPACK_QX_DEBIAN_DIR}/agent/prerm ${CPACK_QX_DEBIAN_DIR}/agent/postrm)
+set(CPACK_DEBIAN_AGENT_DESCRIPTION "samples a machine into reports
+Writes load, memory, disks and network of this machine into reports, which
+the report provider transfers. Runs as a service of its own user.")
 
 if(TARGET qxrelay)
   list(APPEND CPACK_COMPONENTS_ALL relay)
