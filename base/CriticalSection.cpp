@@ -4,7 +4,14 @@
 
 static_assert(sizeof(std::atomic<pthread_t>) == sizeof(pthread_t), "the owner word keeps the width of a thread id");
 static_assert(std::is_standard_layout_v<CCriticalSection>);
-static_assert(sizeof(CCriticalSection) == 56, "mutex 40, owner 8, count 4, valid 1, padding 3");
+
+// The mutex is the C library's: its size depends on the processor, and with it the members after each lock.
+#if defined(__x86_64__)
+static_assert(sizeof(pthread_mutex_t) == 40 && sizeof(CCriticalSection) == 56);
+#elif defined(__aarch64__)
+static_assert(sizeof(pthread_mutex_t) == 48 && sizeof(CCriticalSection) == 64);
+#endif
+static_assert(sizeof(CCriticalSection) == sizeof(pthread_mutex_t) + 16, "owner 8, count 4, valid 1, padding 3");
 
 CCriticalSection::CCriticalSection() noexcept { valid_ = pthread_mutex_init(&mutex_, nullptr) == 0; }
 

@@ -91,7 +91,8 @@ CReportFileBase::CReportFileBase() {
   static_assert(offsetof(CReportFileBase, index_file_) == 8);
   static_assert(offsetof(CReportFileBase, header_) == 16);
   static_assert(offsetof(CReportFileBase, lock_) == 40);
-  static_assert(sizeof(CReportFileBase) == 96);
+  // 96 bytes on x86-64, 104 on arm64.
+  static_assert(sizeof(CReportFileBase) == 40 + sizeof(CCriticalSection));
 }
 
 // The lock's own destructor releases it if the caller still holds it.

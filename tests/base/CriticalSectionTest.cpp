@@ -75,9 +75,13 @@ TEST(CriticalSection, CleanupHandlerFreesTheLockWhateverItsDepth) {
 // A lock in plain memory, whose fields can be read, also after the lock's end.
 class LockInMemory {
  public:
+#if defined(__aarch64__)
+  static constexpr std::size_t kOwnerOffset = 48;
+#else
   static constexpr std::size_t kOwnerOffset = 40;
-  static constexpr std::size_t kCountOffset = 48;
-  static constexpr std::size_t kValidOffset = 52;
+#endif
+  static constexpr std::size_t kCountOffset = kOwnerOffset + 8;
+  static constexpr std::size_t kValidOffset = kOwnerOffset + 12;
 
   CCriticalSection& Lock() { return *lock_; }
   void End() { lock_->~CCriticalSection(); }

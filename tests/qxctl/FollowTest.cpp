@@ -199,7 +199,12 @@ TEST_F(QxctlFollow, SignalEndsItOnATerminalThatNobodyReads) {
   start.out_is_terminal = true;
   const std::string fill =
       "for size in 4096 1; do dd if=/dev/zero of=/proc/self/fd/1 oflag=nonblock bs=$size; done 2>&-; ";
-  const std::pair<std::string, long> terminals[] = {{"", SYS_write}, {fill, SYS_poll}};
+#if defined(SYS_poll)
+  constexpr long kPollCall = SYS_poll;
+#else
+  constexpr long kPollCall = SYS_ppoll;
+#endif
+  const std::pair<std::string, long> terminals[] = {{"", SYS_write}, {fill, kPollCall}};
   for (const auto& [prepare, call] : terminals) {
     const std::vector<std::string> command = {"/bin/sh", "-c", prepare + "exec \"$0\" follow load 2>&1", QxctlPath()};
     std::optional<Child> child;
