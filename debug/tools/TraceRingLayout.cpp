@@ -6,6 +6,7 @@
 //   | header block | END | gap | kept from the start | newest entries | END | older entries | ..... |
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "debug/RingFormat.h"
 #include "debug/tools/TraceLayout.h"
@@ -155,12 +156,26 @@ void LayOutWrapped(TraceLayout& layout, const Front& front, std::uint64_t write_
   layout.cycle_begin = cycle;
 }
 
+// The header as two reads in a row found it: the processor may show the halves of a number's store one after the other.
+// A writer that never pauses for so long changes the header with each entry; then the last read counts.
+std::string HeaderText(const TraceSource& source) {
+  constexpr std::size_t kHeaderBytes = kLabels.size() * kRingLineBytes;
+  constexpr int kReadsMax = 10;
+  std::string header = source.BytesAt(0, kHeaderBytes);
+  for (int reads = 1; reads < kReadsMax; ++reads) {
+    std::string again = source.BytesAt(0, kHeaderBytes);
+    if (again == header) return header;
+    header = std::move(again);
+  }
+  return header;
+}
+
 }  // namespace
 
 bool IsTraceRing(const TraceSource& source) { return source.BytesAt(0, kLabelBytes) == kLabels[0]; }
 
 TraceRingHeader ReadTraceRingHeader(const TraceSource& source) {
-  const std::string header = source.BytesAt(0, kLabels.size() * kRingLineBytes);
+  const std::string header = HeaderText(source);
   return {.first_open = TextValue(header, 1),
           .last_open = TextValue(header, 2),
           .opens = NumberValue(header, 3),

@@ -1,6 +1,7 @@
 #include "debug/tools/TraceSource.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -34,8 +35,12 @@ std::optional<struct stat> TraceFile::Status() const noexcept {
   return status;
 }
 
+// The writer of a ring stores into a mapping, in release order. So that a later read never shows an older state of the
+// file, the reads of one call come before those of the next.
 std::size_t TraceFile::ReadAt(std::uint64_t offset, char* to, std::size_t size) const noexcept {
-  return file::ReadAt(file_.Number(), static_cast<std::int64_t>(offset), to, size).bytes;
+  const std::size_t bytes = file::ReadAt(file_.Number(), static_cast<std::int64_t>(offset), to, size).bytes;
+  std::atomic_thread_fence(std::memory_order_acquire);
+  return bytes;
 }
 
 std::size_t TraceMemory::ReadAt(std::uint64_t offset, char* to, std::size_t size) const noexcept {

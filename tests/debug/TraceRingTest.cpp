@@ -5,7 +5,11 @@
 
 #include <algorithm>
 #include <random>
+#include <utility>
 
+#include "debug/RingFormat.h"
+#include "debug/tools/TraceLayout.h"
+#include "debug/tools/TraceSource.h"
 #include "debug/tools/TraceUnroll.h"
 #include "tests/debug/TraceClock.h"
 #include "tests/debug/TraceFixture.h"
@@ -81,6 +85,34 @@ TEST(TraceRing, RingThatHasNotWrappedIsReadAsItWasWritten) {
             "newest: header 0\nnewest: header 1\nnewest: # End of header.\nnewest: one|more of one\n"
             "newest: two\n");
   EXPECT_THAT(read.findings, IsEmpty());
+}
+
+// The first read of the header gets the write position with eight new digits and eight old ones.
+class RingInTheMiddleOfAStore final : public debug::TraceSource {
+ public:
+  RingInTheMiddleOfAStore(std::string before, std::string after)
+      : before_(std::move(before)), after_(std::move(after)) {}
+  [[nodiscard]] std::uint64_t Size() const noexcept override { return after_.size(); }
+  [[nodiscard]] std::size_t ReadAt(std::uint64_t offset, char* to, std::size_t size) const noexcept override {
+    const std::size_t bytes = debug::TraceMemory(after_).ReadAt(offset, to, size);
+    constexpr std::size_t kSecondHalf = debug::kRingPositionOffset + 8;
+    if (offset == 0 && reads_++ == 0) before_.copy(to + kSecondHalf, 8, kSecondHalf);
+    return bytes;
+  }
+
+ private:
+  std::string before_;
+  std::string after_;
+  mutable int reads_ = 0;
+};
+
+TEST(TraceRing, HalfStoredWritePositionIsReadAgain) {
+  RingModel ring(8192);
+  ring.Create(0);
+  const std::string before = ring.Bytes();
+  ring.Put("one");
+  const auto position = [](const debug::TraceSource& source) { return ReadTraceRingHeader(source).write_position; };
+  EXPECT_EQ(position(RingInTheMiddleOfAStore(before, ring.Bytes())), position(debug::TraceMemory(ring.Bytes())));
 }
 
 TEST(TraceRing, WholeEntriesAreInTheOrderOfTimeAfterEveryEntry) {
