@@ -57,10 +57,18 @@ elseif(QX_SANITIZE STREQUAL "thread")
 elseif(NOT QX_SANITIZE STREQUAL "")
   message(FATAL_ERROR "QX_SANITIZE is '${QX_SANITIZE}'; it may be empty, 'address' or 'thread'")
 else()
-  target_compile_options(qx_flags INTERFACE -fstack-protector-strong -fstack-clash-protection -fcf-protection)
-  # The C library's start files are not marked for the shadow stack, although they work with it. Without this option,
-  # the linker would not mark the program either.
-  target_link_options(qx_flags INTERFACE -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,-z,text -Wl,-z,shstk)
+  target_compile_options(qx_flags INTERFACE -fstack-protector-strong -fstack-clash-protection)
+  target_link_options(qx_flags INTERFACE -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,-z,text)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
+    target_compile_options(qx_flags INTERFACE -fcf-protection)
+    # The C library's start files are not marked for the shadow stack, although they work with it. Without this option,
+    # the linker would not mark the program either.
+    target_link_options(qx_flags INTERFACE -Wl,-z,shstk)
+  elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
+    # Signed return addresses and landing pads. The linker does not mark the program for landing pads, because the C
+    # library's start files have none.
+    target_compile_options(qx_flags INTERFACE -mbranch-protection=standard)
+  endif()
   if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$")  # the C library checks lengths only where it optimises
     target_compile_definitions(qx_flags INTERFACE $<$<NOT:$<BOOL:$<TARGET_PROPERTY:QX_IS_TEST>>>:_FORTIFY_SOURCE=3>)
   endif()
@@ -256,11 +264,30 @@ function(qx_test name)
   set(filter)
   if(QX_SANITIZE STREQUAL "thread")
     set(filter --gtest_filter=*Threads*)
+  elseif(CMAKE_CROSSCOMPILING)
+    qx_leave_out_emulated_tests(${name} filter)
   endif()
   add_test(NAME ${name} COMMAND ${name} --gtest_shuffle --gtest_brief=1 ${filter})
   set_tests_properties(${name} PROPERTIES TIMEOUT 600)
   if(name MATCHES "^(${long_tests})$")
     set_tests_properties(${name} PROPERTIES COST 100)
+  endif()
+endfunction()
+
+# Tests that the emulator cannot run are in a list, each with its reason: PROGRAM TEST REASON... The filter leaves out those of one
+# program. A whole program is left out by script/test.
+function(qx_leave_out_emulated_tests name filter)
+  set(list ${PROJECT_SOURCE_DIR}/tests/not-emulated.txt)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${list})
+  file(STRINGS ${list} lines REGEX "^${name} ")
+  set(left_out)
+  foreach(line ${lines})
+    string(REGEX REPLACE "^[^ ]+ +([^ ]+) .*" "\\1" test ${line})
+    list(APPEND left_out ${test})
+  endforeach()
+  list(JOIN left_out ":" left_out)
+  if(left_out)
+    set(${filter} --gtest_filter=-${left_out} PARENT_SCOPE)
   endif()
 endfunction()
 

@@ -56,6 +56,7 @@ TIERS_OF = [
     ("packaging/debian/view/", ["test"]),
     ("packaging/abi/", ["test"]),
     ("script/bench", ["bench", "plot"]),  # the second only for --plot
+    ("script/emulated", ["arm64"]),
     ("script/house_style.py", ["test"]),
     ("script/join_sources.py", ["test"]),
     ("script/own_includes.py", ["test"]),
@@ -172,7 +173,7 @@ def python_findings(path, text, packages):
 
 def tiers_of(path, text):
     code = re.sub(r"(^|\s)#.*", "", text)
-    named = {tier for line in re.findall(r"script/bootstrap\"?((?: +[a-z]+)+)", code) for tier in line.split()}
+    named = {tier for line in re.findall(r"script/bootstrap\"?((?: +[a-z][a-z0-9-]*)+)", code) for tier in line.split()}
     if named:
         return sorted(named)
     return next((tiers for beginning, tiers in TIERS_OF if str(path).startswith(beginning)), [])
