@@ -1,7 +1,7 @@
 # Run by CPack between staging and packing: adds to each component what only a Debian package has (copyright, changelog,
 # lintian overrides, the trace directory), compresses manual pages and strips binaries, the way debhelper does.
 
-find_program(QX_STRIP strip REQUIRED)
+find_program(QX_STRIP NAMES ${CPACK_QX_STRIP} strip REQUIRED)
 find_program(QX_GZIP gzip REQUIRED)
 set(qx_file_mode FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
   DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
