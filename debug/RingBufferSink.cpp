@@ -34,8 +34,8 @@ void StoreAtOnce(char* to, const char* from) noexcept {
   *reinterpret_cast<volatile SixteenBytes*>(to) = bytes;
 }
 
-// Keeps the order of the stores (release order) for readers in other processes, and for the case of a kill. x86-64 keeps
-// this order anyway, so there it only binds the compiler; on arm64 it is an instruction.
+// Keeps the order of the stores (release order) for readers in other processes, and for the case of a kill. x86-64
+// keeps this order anyway, so there it only binds the compiler; on arm64 it is an instruction.
 void KeepStoreOrder() noexcept { std::atomic_thread_fence(std::memory_order_release); }
 
 // False with the error number in errno.
