@@ -219,7 +219,7 @@ TEST(RelayMetricsService, ShowsMetricsAndHealth) {
   EXPECT_EQ(HttpGet(port, "/healthz").body, "ok\n");
   EXPECT_EQ(HttpGet(port, "/healthz").status, 200);
   now += FlowPublisher::kFreshMs + 5000;
-  EXPECT_EQ(HttpGet(port, "/healthz").body, "the service has not stepped for 35 s\n");
+  EXPECT_EQ(HttpGet(port, "/healthz").body, "the service has hung for 35 s\n");
   flow.time_ms = now;
   flow.problem = "why";
   service.Show(flow);

@@ -176,7 +176,7 @@ Status Rename(ctl::Context& context, const ctl::Values& values) {
     users.Add(*role, config.stream, changed, password);
     context.output.Note(
         "set user in [stream] and name in [host] to " + changed +
-        " on the host, and let the servers read the file again. Under that name its reports are new ones, "
+        " on the host, and let the servers read the file again. With the new name its reports begin again, "
         "with the records that its rings still have.");
     return {};
   });

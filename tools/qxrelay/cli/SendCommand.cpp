@@ -32,7 +32,7 @@ constexpr TimeMs kStatusMs = 10000;  // between two lines for the service manage
 
 constexpr ctl::Parameter kParameters[] = {
     {.name = "--take-over",
-     .help = "Continue although another sender was found: a replaced machine, or a state directory that was lost"},
+     .help = "Continue although another sender was found, for a replaced machine or a lost state directory"},
 };
 
 constexpr ctl::Example kExamples[] = {

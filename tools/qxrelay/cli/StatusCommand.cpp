@@ -46,13 +46,13 @@ constexpr ctl::Parameter kParameters[] = {
      .value = "PATTERN",
      .help = "Only reports that match, such as \"disk/*\"",
      .default_value = "*"},
-    {.name = "--offline", .help = "Do not ask the servers about what is not running"},
+    {.name = "--offline", .help = "Do not connect to the servers, even if a service is not running"},
     {.name = "--json", .help = "Print one JSON document"},
 };
 
 constexpr ctl::Example kExamples[] = {
-    {"qxrelay status", "Show what waits in the rings, and how long they last"},
-    {"qxrelay status --report \"disk/*\" --json", "Some reports, for a script"},
+    {"qxrelay status", "Show the records that wait in the rings, and how long the rings last"},
+    {"qxrelay status --report \"disk/*\" --json", "Show some reports, for a script"},
 };
 
 using Services = std::vector<ServiceFlow>;
@@ -200,7 +200,7 @@ Status Show(Context& context, const Values& values) {
 }  // namespace
 
 constinit const ctl::Command kStatusCommand = {.words = "status",
-                                               .help = "Show what waits in the rings, and what was lost",
+                                               .help = "Show the records that wait in the rings, and the lost ones",
                                                .group = "Services",
                                                .run = Show,
                                                .parameters = {kParameters, kConfigOptions},

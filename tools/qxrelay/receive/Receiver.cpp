@@ -125,13 +125,13 @@ void Receiver::Sort(StreamMessage message) {
   }
   if (decoded.fault != MessageFault::kNone) return Refuse(message, std::string(TextOfFault(decoded.fault)));
   if (!IsBranchOf(decoded.head.kind, subject->branch) || decoded.head.report != subject->report) {
-    return Refuse(message, "its contents are not those of its subject");
+    return Refuse(message, "its content does not fit its subject");
   }
   if (subject->branch != Branch::kReport) return TakeSide(message, *subject, decoded);
   const bool has_records = decoded.head.kind == MessageKind::kRecords;
   if (decoded.head.incarnation == 0 ||
       (has_records && !std::all_of(decoded.texts.begin(), decoded.texts.end(), IsRecord))) {
-    return Refuse(message, "a report cannot have such records");
+    return Refuse(message, "it has records that no report can have");
   }
   Entry* const entry = EntryOf(*subject, has_records ? decoded.head.count : 0);
   if (entry == nullptr) return LeaveOut(message);

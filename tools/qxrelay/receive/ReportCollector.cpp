@@ -211,7 +211,7 @@ CollectorFault ReportCollector::OpenFiles() {
   const bool is_behind = files_.Fit() == BaseFit::kFits && seen_.is_placed && files_.Next() != seen_.next;
   if (is_shrunk || is_behind) {
     context_.log("report " + host_ + "/" + report_ +
-                 ": the files were removed, emptied or replaced; it continues with what they have");
+                 ": the files were removed, emptied or replaced; the report continues with the records that they have");
   }
   seen_.counters.gap_records_ever = files_.Base().lost;
   return {};

@@ -155,7 +155,7 @@ void ReportWork::FindItsPlace(TimeMs now) {
     if (!place.is_recognised) known_.overlap.clear();
     if (had_one) {
       context_.log("report " + report_ + ": the store was started over or replaced" +
-                   (place.is_recognised ? "; the records that were sent are recognised" : ""));
+                   (place.is_recognised ? "; it still has the last sent records" : ""));
     }
   }
   held_.reset();

@@ -24,7 +24,7 @@ constexpr std::size_t kLoggedMax = 32;
 constexpr TimeMs kSaveMs = 10'000;
 constexpr TimeMs kSaveBytesInMs = 100;
 constexpr TimeMs kSavePollMs = 100;   // while a write is running
-constexpr TimeMs kUrgentSaveMs = 50;  // while reports get their first incarnations, ten times as often and more
+constexpr TimeMs kUrgentSaveMs = 50;  // while reports wait until their new incarnation is saved
 constexpr TimeMs kUrgentSaveBytesInMs = 20'000;
 constexpr std::size_t kNamesBytesMax = std::size_t{16} * 1024 * 1024;  // of all names files together
 

@@ -37,18 +37,19 @@ std::optional<double> LagSeconds(const ReportFlow& flow) {
 }
 
 constexpr ReportMetric kReportMetrics[] = {
-    {"qxrelay_report_lag_records", MetricKind::kGauge, "Records in the host's ring that the service has not got yet",
+    {"qxrelay_report_lag_records", MetricKind::kGauge,
+     "Records in the host's ring that are not sent, or not on the collector, yet",
      [](const ReportFlow& flow) { return Known(flow.lag_records); }},
-    {"qxrelay_report_lag_seconds", MetricKind::kGauge, "How old the oldest of these records is, about", LagSeconds},
+    {"qxrelay_report_lag_seconds", MetricKind::kGauge, "Approximate age of the oldest of these records", LagSeconds},
     {"qxrelay_report_ring_left_seconds", MetricKind::kGauge,
-     "How long the ring lasts at the rate of the last minute if nothing is sent",
+     "Time until the ring overwrites an unsent record, at the rate of the last minute, if nothing is sent",
      [](const ReportFlow& flow) { return flow.overtaken_in_s; }},
     {"qxrelay_report_appended_records_per_second", MetricKind::kGauge,
-     "What the writer on the host appends, over the last minute",
+     "Records that the host's writer appends per second, over the last minute",
      [](const ReportFlow& flow) { return flow.records_per_second; }},
     {"qxrelay_report_in_trouble", MetricKind::kGauge, "1 if the report does not continue",
      [](const ReportFlow& flow) { return std::optional(flow.trouble.empty() ? 0.0 : 1.0); }},
-    {"qxrelay_report_missing_records", MetricKind::kGauge, "Records that are missing and not proven to be lost",
+    {"qxrelay_report_missing_records", MetricKind::kGauge, "Missing records that may still come",
      [](const ReportFlow& flow) { return std::optional(static_cast<double>(flow.holes)); }},
     {"qxrelay_report_records_total", MetricKind::kCounter, "Records that were sent, or written on the collector",
      [](const ReportFlow& flow) { return std::optional(static_cast<double>(flow.records)); }},
@@ -65,12 +66,12 @@ constexpr std::pair<std::string_view, std::string_view> kCounterHelp[] = {
     {"bytes", "Bytes of sent messages, or of written records"},
     {"gapRecords", "Records that were counted as lost"},
     {"overLimit", "Lost records that are larger than a message may be"},
-    {"unreadable", "Lost records that the files do not have any more"},
+    {"unreadable", "Lost records that are no longer in the files"},
     {"refused", "Messages that a server, or the receiver, refused"},
     {"conflicts", "Refused messages because the newest one was not the expected one"},
     {"unanswered", "Requests without an answer in time"},
     {"lookUps", "Answered look-ups of a newest message"},
-    {"incarnations", "Stores that were found to be new ones"},
+    {"incarnations", "Incarnations that the sender began"},
     {"foreign", "Newest messages that are not from a sender"},
     {"connects", "Connections that were made"},
     {"missing", "Lost records that neither the stream nor the collector has"},
@@ -83,7 +84,7 @@ constexpr std::pair<std::string_view, std::string_view> kCounterHelp[] = {
     {"syncs", "Syncs of the file system"},
     {"failedSyncs", "Syncs of the file system that failed"},
     {"opens", "Opens of reports"},
-    {"pending", "Messages that the stream has for the collector"},
+    {"pending", "Messages in the stream that the collector has not fetched yet"},
 };
 
 // A number in the newest record of a report.
@@ -134,17 +135,17 @@ void ChooseFields(const ReportFlow& flow, const MetricsRules& rules, Series& ser
 }
 
 void AddService(const ServiceFlow& flow, const MetricsRules& rules, MetricsText& text) {
-  text.Family("qxrelay_info", MetricKind::kGauge, "1, with what runs here");
+  text.Family("qxrelay_info", MetricKind::kGauge, "Always 1; the labels show the service, its name and its version");
   text.Sample({{"service", NameOf(flow.kind)}, {"name", flow.name}, {"version", rules.version}}, 1U);
   text.Family("qxrelay_connected", MetricKind::kGauge, "1 if the service is connected to the servers");
   text.Sample({}, flow.is_connected ? 1U : 0U);
   text.Family("qxrelay_in_trouble", MetricKind::kGauge, "1 if nothing continues");
   text.Sample({}, flow.problem.empty() ? 0U : 1U);
-  text.Family("qxrelay_findings", MetricKind::kGauge, "Limits that were met, so that something is left out");
+  text.Family("qxrelay_findings", MetricKind::kGauge, "Limits that leave something out");
   text.Sample({}, flow.findings.size());
-  text.Family("qxrelay_start_time_seconds", MetricKind::kGauge, "When the service was started, since 1970");
+  text.Family("qxrelay_start_time_seconds", MetricKind::kGauge, "Start of the service, in seconds since 1970");
   text.Sample({}, static_cast<double>(flow.started_ms) / kMsInSecond);
-  text.Family("qxrelay_state_time_seconds", MetricKind::kGauge, "When these numbers were true, since 1970");
+  text.Family("qxrelay_state_time_seconds", MetricKind::kGauge, "Time of these figures, in seconds since 1970");
   text.Sample({}, static_cast<double>(flow.time_ms) / kMsInSecond);
   text.Family("qxrelay_reports", MetricKind::kGauge, "Reports that the service knows");
   text.Sample({}, flow.reports.size());

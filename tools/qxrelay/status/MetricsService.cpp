@@ -70,7 +70,7 @@ HttpAnswer MetricsService::Health() {
   const std::shared_ptr<const ServiceFlow> flow = Flow();
   const std::int64_t age = wall_ms_() - flow->time_ms;
   if (age > FlowPublisher::kFreshMs) {
-    return TextAnswer(kUnavailable, "the service has not stepped for " + std::to_string(age / 1000) + " s");
+    return TextAnswer(kUnavailable, "the service has hung for " + std::to_string(age / 1000) + " s");
   }
   if (!flow->problem.empty()) return TextAnswer(kUnavailable, flow->problem);
   if (!flow->is_connected) return TextAnswer(kUnavailable, "not connected to the servers");
