@@ -1,5 +1,4 @@
-// The reading primitive in its plainest form, fgets and C strings, with which the tests compare the results of the
-// windowed reader.
+// The oracle of the reading primitive: its plainest form, with fgets and C strings.
 #pragma once
 
 #include <cstdio>

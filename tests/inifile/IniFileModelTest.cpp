@@ -146,7 +146,7 @@ struct Step {
   std::string value;
 };
 
-// One random write on both; the results must agree, the bytes are compared by the caller.
+// Makes one random write on both. The results must agree; the caller compares the bytes.
 void WriteBoth(CIniFile& ini, LineList& model, Dice& dice, const Step& step) {
   const auto& [section, key, value] = step;
   const auto number = static_cast<int>(dice.Below(2000)) - 1000;
@@ -211,7 +211,8 @@ double MillisecondsPerEnum(const std::string& path) {
   return best;
 }
 
-// Eight times the keys need about eight times the time; a walk of the list for each of its names would need 64 times.
+// Eight times as many keys need about eight times the time. If the list were scanned for each name, they would need 64
+// times the time.
 TEST_F(IniFileModel, EnumerationCostGrowsInProportionToTheList) {
   const auto write = [&](int keys) {
     std::string text = "[S]\n";

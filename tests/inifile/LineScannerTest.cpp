@@ -80,7 +80,7 @@ TEST(LineScanner, ReadErrorEndsTheFile) {
   EXPECT_EQ(scanner.Position(), 0U);
 }
 
-// A read is a cancellation point: the end of a host's thread there must not end the process.
+// A read is a cancellation point. If a host cancels its thread there, the process must continue.
 TEST(LineScanner, CancelledThreadUnwindsFromARead) {
   const auto scan = [](void*) -> void* {
     char window[LineScanner::kLineBytesMax];
@@ -150,8 +150,8 @@ bool MayBeSearched(std::string_view line, LineMark mark) {
   return !is_plain || line.back() != '\n' || (mark.column < line.size() && line[mark.column] == mark.byte);
 }
 
-// Skipped lines, returned lines and plain lines without the mark are together all lines, each once and in order, for
-// every window.
+// For every window, skipped lines, returned lines and plain lines without the mark are together all lines, each once
+// and in order.
 TEST(LineScanner, SkippingLosesNoLineAndNoPosition) {
   std::mt19937_64 random(qx::test::Seed("LineScanner passing over"));
   const qx::test::MemoryFile file;

@@ -43,7 +43,7 @@ ProfileRequest DeleteSection(const std::string& section) {
   return {.kind = ProfileRequest::Kind::kDeleteSection, .section = section, .key = {}, .entries = {}};
 }
 
-// The file after an edit that must succeed, by the class and as planned.
+// The file after an edit that must succeed. The result of the class must be the planned text.
 std::string After(const std::string& text, const ProfileRequest& request) {
   const ProfilePlan plan = PlanEdit(text, request);
   EXPECT_EQ(plan.state, ProfileState::kDone) << plan.reason;

@@ -123,7 +123,7 @@ std::string LongTag(Random& random) {
   return tag + (random() % 2 == 0 ? "/>" : ">");
 }
 
-// Copied to a block of its own size, so that the address sanitizer finds a read beyond it.
+// The text is copied to a block of exactly its size, so that the address sanitizer finds a read beyond its end.
 void ExpectFoundAsByWalk(const std::string& tag, std::string_view name, bool ignore_case) {
   const std::vector<char> copy(tag.begin(), tag.end());
   const std::string_view view(copy.data(), copy.size());
@@ -195,7 +195,7 @@ TEST(Attribute, ExpectedNameDoesNotChangeTheNodes) {
   }
 }
 
-// Where the tag at the beginning of the text ends, byte by byte; 0: it is unterminated.
+// The end of the tag at the beginning of the text, searched byte by byte; 0: it is unterminated.
 std::size_t PlainTagEnd(std::string_view text) {
   char quote = '\0';
   for (std::size_t i = 2; i < text.size(); ++i) {

@@ -39,7 +39,7 @@ TEST(ByteScan, FastSearchesFindTheSameAsPlainOnes) {
 }
 
 #if defined(__SSE2__)
-// Each text has a block of memory of its own size, so that the address sanitizer finds a read beyond it.
+// Each text is in a block of exactly its size, so that the address sanitizer finds a read beyond its end.
 TEST(ByteScan, ShortBlockHasTheBytesAndThenZeros) {
   for (std::size_t size = 0; size < 16; ++size) {
     std::vector<char> text(size);
@@ -65,7 +65,7 @@ TEST(ByteScan, PiecesOfAnySizeFollowOneAnother) {
   EXPECT_EQ(pieces.TextBefore(std::string(1024, 't')).data(), nullptr);
 }
 
-// It may stop at another byte, but never passes one that ends a name.
+// The function may stop at another byte, but must not skip a byte that ends a name.
 TEST(ByteScan, NoByteThatEndsANameIsSkipped) {
   for (int byte = 0; byte < 256; ++byte) {
     const bool ends = IsClass(static_cast<char>(byte), kAttribEnd) || IsClass(static_cast<char>(byte), kNameEnd);
@@ -95,8 +95,8 @@ TEST(ByteScan, TripleIsFoundAfterOverlappingBeginnings) {
   EXPECT_EQ((FindTriple<']', ']', '>'>(text.data(), text.data() + 31)) - text.data(), 28);
 }
 
-// The first byte is found alone many times. After some of these finds the function switches to a search for all three
-// bytes: the counts are below and above that number.
+// The first byte is found many times without the other two. After some of these finds, the function searches for all
+// three bytes at once. The counts are below and above this number.
 TEST(ByteScan, TripleIsFoundAfterAnyNumberOfItsFirstBytes) {
   for (std::size_t brackets = 0; brackets < 60; ++brackets) {
     for (const std::string apart : {"", "x", "]x", "12345678901234567890"}) {

@@ -205,7 +205,8 @@ class Pair {
     ASSERT_TRUE(markup_.CheckInvariants(&why)) << why << "\n" << markup_.GetDoc();
     ASSERT_EQ(markup_.GetTagName(), main_ == nullptr ? "" : main_->name);
     ASSERT_EQ(markup_.GetChildTagName(), child_ == nullptr ? "" : child_->name);
-    // An element without end tag may get its parent's end tag if both have the same name, so a new parse can differ.
+    // If an element without end tag has the name of its parent, a new parse can use the parent's end tag for it. So a
+    // new parse may differ.
     if (is_ill_formed_) {
       ASSERT_FALSE(markup_.IsWellFormed());
       return;

@@ -256,7 +256,7 @@ TEST(MarkupParse, EveryPrefixOfAGoodDocumentIsParsedAndNotWellFormed) {
   }
 }
 
-// A document without a root has a result, but no fault that stays.
+// A document without a root has a result, but this result is not a fault: a root can be added later.
 TEST(MarkupParse, AddingARootMakesADocumentWithoutOneWellFormed) {
   for (const std::string text : {"", "text", "<!-- c -->", "<?xml version='1.0'?>"}) {
     CMarkup markup(text);

@@ -1,4 +1,4 @@
-// On a system that refuses to start a process, nothing runs and everything stays as before.
+// If the system refuses to start a process, no command runs, and outputs and working directory stay as before.
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>

@@ -1,4 +1,4 @@
-// The exported functions, linked statically so that their module object can be made to fail.
+// The exported functions. They are linked statically, so that the test can use a module object that fails.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>

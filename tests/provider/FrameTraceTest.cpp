@@ -21,7 +21,7 @@ using qx::test::Upto;
 using Lines = qx::test::TraceLines;
 using namespace qx::test::transfer;
 
-// What differs from run to run: the characters of `set` after `prefix` are replaced by `mark`.
+// Hides what differs from run to run: replaces the characters of `set` after `prefix` by `mark`.
 struct Varying {
   std::string prefix;
   const char* set;
@@ -291,7 +291,7 @@ const Lines kNoSecurityData = {
     {3, "WCSP_QX GetReports  :   WS-TRUST security validation data not found - no authorization required"},
 };
 
-// Such input is not traced, and the caller needs no privilege.
+// Input that is not well formed is not traced, and needs no privilege.
 TEST_F(FrameTrace, ReportsForInputThatIsNotWellFormed) {
   Expect(Lines{{2, "WCSP_QX GetReports  : Transfer report data file"}} + kBlockIsGood + RequestOf("", "", 0) +
              PathOfReport(BasePath("")) + NotReadableLine("") + kReplyAndFree,

@@ -502,7 +502,7 @@ TEST(CheckRequestParams, RefusedTagIsNotDumped) {
   EXPECT_EQ(trace.Text(), "WCSP CheckParams    : Check KRX request parameters...\n");
 }
 
-// The virtual slots by number, as a caller that was compiled against another build of this class uses them.
+// Calls virtual functions by slot number, as a caller does that was compiled with another build of this class.
 using Slot = void (*)();
 
 Slot SlotAt(const CKrxAdapterModule& module, std::size_t number) {

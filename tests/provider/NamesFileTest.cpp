@@ -1,4 +1,4 @@
-// Names files read in one walk: the same as what CIniFile finds, key by key.
+// Names files read in one scan must have the content that CIniFile finds key by key.
 #include "provider/NamesFile.h"
 
 #include <gtest/gtest.h>

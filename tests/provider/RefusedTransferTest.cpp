@@ -1,4 +1,4 @@
-// How much work a refused caller, or a report with billions of records, can cause.
+// Limits of the work that a refused caller, or a report with billions of records, can cause.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -119,7 +119,7 @@ TEST_F(RefusedTransfer, RecordsWithoutTextAreSearchedForText) {
   EXPECT_EQ(refused.Ask("r1", 0).result, 0);
 }
 
-// With a trace, a refused call reads on; its result and its state are the same.
+// With a trace, a refused call continues to read. Its result and its state are the same.
 TEST_F(RefusedTransfer, StoppingEarlyChangesNeitherResultNorState) {
   std::mt19937_64 random(qx::test::Seed("RefusedTransfer"));
   for (int round = 0; round < 60; ++round) {

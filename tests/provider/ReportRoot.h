@@ -1,4 +1,4 @@
-// The test's own registry, which names the report directory and leaves the system's registry alone.
+// A registry for one test, which names the report directory. The system's registry is not used.
 #pragma once
 
 #include <string>

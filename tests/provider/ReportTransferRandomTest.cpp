@@ -40,7 +40,7 @@ struct RandomRequest {
   int limit;  // -1: no limit
 };
 
-// The state of one transfer as the slow form keeps it.
+// The state of one transfer in the plain model.
 struct Model {
   std::uint32_t calls = 0;
   std::int64_t oldest = -1;
@@ -63,7 +63,7 @@ std::string AsCdataText(std::string text) {
   return text;
 }
 
-// One call in the plainest form: one readLine for each record, every step as the documents describe it.
+// One call of the plain model: one readLine for each record, in the steps of docs/documents.md.
 Reply ModelCall(Model& model, const std::string& path, const RandomRequest& request,
                 const std::function<void()>& meanwhile) {
   if (request.start == 0) {

@@ -1,5 +1,5 @@
-// What the tests of the report functions share: the test's own report directory with its reports, service threads with
-// their blocks, and the request and reply documents.
+// Shared by the tests of the report functions: a report directory with reports, service threads with their blocks, and
+// request and reply documents.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ inline std::ostream& operator<<(std::ostream& out, const Reply& reply) {
   return out << reply.result << (reply.is_well_formed ? " " : " (not well formed) ") << reply.document;
 }
 
-// The reply that carries `records`, whose text needs no splitting.
+// The reply with `records`, whose text does not contain "]]>".
 inline Reply Records(const std::string& name, int start, int next, const std::string& records) {
   return {0,
           "<ReportData Name=\"" + name + "\" StartIndex=\"" + std::to_string(start) + "\" NextIndex=\"" +
@@ -54,7 +54,7 @@ inline Reply NotReadable(const std::string& escaped_twice, int error_number) {
           true};
 }
 
-// One thread of the service: the block it sends and the thread data that its block carries from call to call.
+// One thread of the service: its block, and its thread data, whose address the block has in every call.
 class ServiceThread {
  public:
   ServiceThread() : block_(BlockBuilder::Request("GetReports")) {}

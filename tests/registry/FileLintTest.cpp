@@ -137,7 +137,7 @@ TEST(FileLint, OnlyAHundredFindingsAreKeptAndAllAreCounted) {
   EXPECT_FALSE(result.IsComplete());
 }
 
-// A load reads everything of a file without findings: written again, the file has the same lines.
+// A file without findings is loaded without any loss: written again, it has the same lines.
 TEST(FileLint, FileWithoutFindingsIsReadWhole) {
   constexpr const char* kLines[] = {"[HKEY_USERS]\n", "[A]\n",      "[B]\n",    "a=d=1\n", "b=s=x\n",
                                     "c=b=0a \n",      "d=es=%A%\n", "\n",       "\n",      "\n",

@@ -1,5 +1,4 @@
-// The registry's tree and its reader in their plainest form: maps, recursion, fgets. The tests compare the real ones
-// with them.
+// The oracle of the registry: a tree and a reader in their plainest form, with maps, recursion and fgets.
 #pragma once
 
 #include <cstdio>
@@ -35,7 +34,7 @@ struct PlainKey {
     values[name] = value;
   }
 
-  // Reads one key's content; true when a value line was recognised.
+  // Reads one key's content; true if a line was a valid value.
   bool Read(FILE* stream) {
     bool has_values = false;
     char line[1024];

@@ -36,13 +36,13 @@ class RegistryTest : public testing::Test {
   void Given(std::string_view text, std::string_view name = "registry") const { WriteFile(File(name), text); }
   // The whole loaded tree as the text of a file.
   [[nodiscard]] static std::string Tree() { return Dump(CRegistry::MRoot); }
-  // Like the end of this process and the start of another one.
+  // Has the effect of the end of this process and the start of another one.
   void Restart() const { registry::ResetRegistry(dir_.Path().c_str()); }
   // The key below HKEY_LOCAL_MACHINE that most tests work on.
   static CRegistryNode* Software() { return CRegistry("SOFTWARE", CRegistry::MLocalMachine, 0).KeepKeyHandle(); }
 
  private:
-  // In memory if the system has such a directory: otherwise every save waits for the disk.
+  // In a file system in memory if there is one: otherwise every save would wait for the disk.
   ScopedEnv place_;
   TempDir dir_;
 };

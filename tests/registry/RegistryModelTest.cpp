@@ -118,7 +118,7 @@ class RegistryModel : public RegistryTest {
 
 TEST_F(RegistryModel, ThousandsOfChangesWithSavesAndLoadsAgreeWithAPlainTree) {
   for (int step = 0; step < 6000; ++step) {
-    // Most handles are destroyed without a save: the test is not one of the disk.
+    // Most handles are destroyed without a save, so that the test does not wait for the disk.
     if (Below(100) != 0) {
       if (Below(3) == 0) {
         CreateOne();

@@ -232,7 +232,7 @@ double CpuSeconds() {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
-// Names in the order that is furthest from sorted.
+// Names in reverse order.
 double SecondsToLoad(const std::string& path, unsigned values) {
   std::string text;
   for (unsigned i = 0; i < values; ++i) text += std::to_string(i * 2654435761U) + "=d=1\n";
@@ -247,7 +247,8 @@ double SecondsToLoad(const std::string& path, unsigned values) {
   return best;
 }
 
-// Four times the values in one key need about four times the time; a sorted insertion of each would need sixteen times.
+// Four times as many values in one key need about four times the time. If each were inserted in order, they would need
+// sixteen times the time.
 TEST_F(Registry, LoadingUnsortedValuesOfOneKeyIsNotQuadratic) {
   double ratio = 0;
   for (int attempt = 0; attempt < 4; ++attempt) {

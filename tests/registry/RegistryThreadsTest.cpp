@@ -31,7 +31,7 @@ class RegistryThreads : public RegistryTest {
 
 constexpr int kRounds = 60;
 
-// Each handle that is destroyed saves; so the changes of every thread race with the saves of all others.
+// Each handle saves when it is destroyed. So the changes of every thread race with the saves of all others.
 TEST_F(RegistryThreads, FourThreadsSettingReadingAndSavingLoseNothing) {
   Run(4, [](int thread) {
     const std::string path = "T" + std::to_string(thread) + "\\Deep";

@@ -128,7 +128,7 @@ TEST_F(RegistryTransient, StatusThatFailsDuringASaveStillMakesABackup) {
   EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\nnew=d=1\n\n\n");
 }
 
-// As if another process had just renamed a new file of the same name.
+// Has the effect of another process that has just renamed a new file to the same name.
 TEST_F(RegistryTransient, MissingNewFileLeavesTheRegistryUnchanged) {
   { const CRegistry handle; }
   const FailingCall gone({.call = FileCall::kRename, .path = "/registry.new", .times = 2, .error = ENOENT});

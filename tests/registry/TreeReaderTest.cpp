@@ -33,7 +33,7 @@ std::vector<std::string> AllLines(LineReader lines) {
   return taken;
 }
 
-// The lines that a reader with a buffer of 1024 bytes reads: the plain form of the same rules.
+// The oracle: the lines that fgets with a buffer of 1024 bytes returns.
 std::vector<std::string> LinesByBuffer(const std::string& text) {
   std::vector<std::string> taken;
   FILE* stream = fmemopen(const_cast<char*>(text.data()), text.size(), "r");

@@ -223,7 +223,7 @@ std::string RandomText(std::mt19937_64& random, bool may_be_long) {
   const std::size_t roll = random() % 40;
   std::string text(may_be_long && roll == 0 ? 1005 + random() % 20 : random() % 4, 'x');
   for (std::size_t i = 0; i < 3 && !text.empty(); ++i) {
-    // Most bytes are harmless: otherwise nothing would be accepted.
+    // Most bytes are ordinary letters: otherwise no name or text would be accepted.
     text[random() % text.size()] = kBytes[random() % (random() % 4 == 0 ? sizeof kBytes : 3)];
   }
   return text;

@@ -1,5 +1,5 @@
-// What a program needs that copies reports: records byte for byte, a header that is surely in the file, and whether
-// anybody else has changed the report.
+// Functions for programs that copy reports: appending records byte for byte, confirming the header in the file, and
+// checking whether another program has changed the report.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-// What the reader allocates, and what it does without memory.
+// The allocations of the reader, and its results if memory runs out.
 #include <gtest/gtest.h>
 
 #include <optional>

@@ -426,7 +426,7 @@ TEST_F(SdkReaderThreads, WaitEndsWithTheRecordThatIsAppended) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, kLong);
 }
 
-// Under a writer that never pauses, whatever is returned as whole was appended as it is.
+// A writer never pauses. Each record that is returned as whole must be a record that it appended.
 TEST_F(SdkReaderThreads, WholeRecordsUnderAWriterAreTrueRecords) {
   slots_ = 64;
   Append({"0 0"});

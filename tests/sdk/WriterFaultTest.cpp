@@ -53,7 +53,8 @@ std::vector<std::uint64_t> NumbersIn(const StoreFiles& files) {
   return numbers;
 }
 
-// Before the next writer: the records of at most one part are in place of the oldest ones, and all others are there.
+// Before the next writer opens the report, the records of at most one part are in place of the oldest ones, and all
+// other records are there.
 void ExpectAtMostOnePartMisplaced(const std::vector<std::uint64_t>& numbers, std::uint64_t acknowledged) {
   std::size_t first = 0;
   while (first < numbers.size() && numbers[first] > acknowledged) ++first;
@@ -175,8 +176,8 @@ TEST(SdkWriterKilled, BatchesEndInTheFilesOfTheClassBelowAfterEachWrite) {
   }
 }
 
-// Runs the work with the first, second, ... call of a kind failing. What is stored is what the errors say, and after
-// one more record the index and the records are those of CReportFileBase for the same records.
+// Runs the work with the first, second, ... call of a kind failing. The stored records must be those that the errors
+// name. After one more record, index and records must be those of CReportFileBase for the same records.
 void SweepWrites(FileCall call, int error) {
   for (int nth = 1;; ++nth) {
     SCOPED_TRACE("call " + std::to_string(nth) + ", error " + std::to_string(error));
