@@ -58,7 +58,7 @@ std::optional<std::string> WaitForCopies(const StreamSettings& settings, std::in
   }
 }
 
-Status Show(ctl::Context& context, const ctl::Values& values) {
+Status ShowStream(ctl::Context& context, const ctl::Values& values) {
   RelayConfig config;
   if (Status status = LoadConfig(context, values, config); !status.IsOk()) return status;
   StreamState state;
@@ -88,7 +88,7 @@ constinit const ctl::Command kStreamCreateCommand = {.words = "stream create",
 
 constinit const ctl::Command kStreamShowCommand = {.words = "stream show",
                                                    .help = "Show the stream, and how many of its copies are whole",
-                                                   .run = Show,
+                                                   .run = ShowStream,
                                                    .parameters = {kShowParameters, kConfigOptions},
                                                    .examples = kShowExamples,
                                                    .program = kProgram};
