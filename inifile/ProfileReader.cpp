@@ -1,4 +1,4 @@
-// The reading primitive: one open, one walk, nothing allocated.
+// The reading primitive: opens the file once, reads it once, and allocates nothing.
 #include <fcntl.h>
 
 #include <array>

@@ -109,7 +109,7 @@ class CMarkup {
   // update it. [owning thread]
   std::string GetError() const;
 
-  // The same as markup: <lone_end_tag tagname="b" offset="12"/>... [owning thread]
+  // The results of the last parse as XML elements: <lone_end_tag tagname="b" offset="12"/>... [owning thread]
   const std::string& GetResult() const { return result_; }
 
   // kDocIgnoreCase or 0; applies from the next parse or search on. [owning thread]
@@ -138,9 +138,9 @@ class CMarkup {
   //   "b[@x]"  "b[@x='1']"  "b/@x"    a b with the attribute x (with that value)
   bool FindElem(MCD_CSTR path = nullptr);
 
-  // The same among the children of the main element, after the child. The match becomes the child, and its parent the
-  // main element. Without a main element, first calls FindElem(): the element that it finds stays the main element even
-  // if the result is false. [owning thread]
+  // Like FindElem, but searches the children of the main element, after the child. The match becomes the child, and its
+  // parent the main element. Without a main element, first calls FindElem() without a path: the element that this call
+  // finds stays the main element even if the result is false. [owning thread]
   bool FindChildElem(MCD_CSTR path = nullptr);
 
   // One level down: the main element becomes the parent, the child the main element. [owning thread]

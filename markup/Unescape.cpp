@@ -72,7 +72,8 @@ std::string HandleSpace(std::string_view text, int flags) {
   return out;
 }
 
-// One of the five most common references in its lower-case form: its bytes, and which of eight bytes they are.
+// One of the five most common references in its lower-case form: its bytes, and a mask that selects as many of eight
+// bytes.
 struct CommonReference {
   std::uint64_t text = 1;  // no eight bytes with all bits masked out are this
   std::uint64_t mask = 0;

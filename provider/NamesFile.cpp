@@ -24,7 +24,7 @@ constexpr std::string_view kNamesSection = "Names";
 // The longest list that CIniFile returns: names, each with its NUL, in a buffer of 64,512 bytes, which the list must
 // not fill.
 constexpr std::size_t kListBytesMax = 63 * 1024 - 3;
-// And the characters of a number.
+// At most this many characters of a number are read.
 constexpr std::size_t kNumberCharactersMax = 31;
 
 // The path of the names file below the report directory: a name may begin with "/".

@@ -55,7 +55,7 @@ class CQXString : public String {
   }
 
  private:
-  // Ends an argument list on every path, a failing allocation included.
+  // Calls va_end at the end of the scope, even if an allocation fails.
   struct ArgsScope {
     va_list& args;
     ~ArgsScope() { va_end(args); }

@@ -29,7 +29,7 @@ bool ReadNamesFile(NamesFile& file, const std::string& name) {
   return StaysInReportDirectory(name) && file.Read(directory, name);
 }
 
-// The name in the file is its writer's; only the trace shows it.
+// The name in the file comes from its writer. Only the trace shows it.
 void TraceHead(const NamesFile& file) {
   QX_TRACE(3, "\nWCSP_QX GetInstances:   instance file existing");
   QX_TRACE(3, "\nWCSP_QX GetInstances:   version=%d, report name=%s", file.Version(),
@@ -83,7 +83,7 @@ int ReplyInstanceNames(CKrxAdapterModule& module, CMarkup& in, CMarkup& out) {
   if (!ReadNamesFile(file, name)) return ReplyNotFound(module, out, name);
 
   TraceHead(file);
-  // Quirk: another version is no error. There is no list, and after a refusal its element stays as it is.
+  // Quirk: another version is not an error. No list is added; after a refusal the "Error" element stays.
   if (file.Version() == NamesFile::kVersionWithNames) AddList(file, out, name);
   TraceReply(out, file.Version());
   return kRecordsReturned;

@@ -85,7 +85,7 @@ RELAY = {
 }
 for area, others in RELAY.items():
     LAYERS[f"tools/qxrelay/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxrelay/{other}" for other in others}
-# Numbers in records are found as qxctl finds them.
+# The metrics find numbers in records with the code of qxctl.
 LAYERS["tools/qxrelay/status"] |= {"tools/qxctl/chart", "tools/qxctl/slice", "tools/qxctl/store", "tools/qxctl/cli/text"}
 LAYERS["tools/qxrelay/cli"] |= {"tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/line", "tools/qxctl/cli/text"}
 LAYERS["tools/qxrelay"] = LAYERS["tools/qxrelay/cli"] | {"tools/qxrelay/cli"}

@@ -30,8 +30,8 @@ class RawBlock {
  public:
   using Elements = std::vector<krx_element*>;  // entries may be null
 
-  // A valid header without elements: tag "KRX", version 3.4.0. `host_fill` is what the host's own fields of elements
-  // and validation data hold; they may hold anything.
+  // A valid header without elements: tag "KRX", version 3.4.0. `host_fill` is the value of the fields of elements and
+  // validation data that belong to the host; these may have any value.
   explicit RawBlock(std::uint64_t host_fill = 0) : host_fill_(host_fill), header_(Keep(GoodHeader())) {}
   RawBlock(const RawBlock&) = delete;
   RawBlock& operator=(const RawBlock&) = delete;

@@ -404,7 +404,7 @@ TEST(RelayReceiver, SlotsAreThoseOfNewReports) {
   EXPECT_EQ(collector.Report("a").next, 8U);
 }
 
-// A record is stored as the host's readers return it, whatever ended it there.
+// A record is stored with the bytes that the host's readers return, whatever byte ends it.
 TEST(RelayReceiver, UnusualRecordsAreCopiedByteForByte) {
   Collector collector;
   FakeSender sender(collector.stream, "h", "a");

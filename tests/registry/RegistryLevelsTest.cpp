@@ -1,4 +1,4 @@
-// What the registry traces at each level: every line at its own level and above, not below.
+// Each line of the registry's trace appears at its own level and above, not below.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 

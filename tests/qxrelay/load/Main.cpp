@@ -261,7 +261,7 @@ void Rate(const std::string& directory, int seconds, std::size_t bytes) {
   }
 }
 
-// Processes that append, because one may not open the files of all reports.
+// Several processes append, because one process may not open the files of all reports.
 class Appenders {
  public:
   Appenders(const std::string& directory, int hosts, int reports) {

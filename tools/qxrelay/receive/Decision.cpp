@@ -10,7 +10,7 @@ namespace {
 
 Decision Wait() { return {.verdict = Verdict::kWait}; }
 
-// Everything from `next` on.
+// Takes everything from `next` on.
 Decision TakeFrom(std::uint64_t next, const MessageHead& head) {
   Decision decision = {.verdict = Verdict::kTake, .next = next};
   const std::uint64_t known = next > head.first ? std::min(next - head.first, head.count) : 0;

@@ -24,7 +24,7 @@ constexpr std::int64_t kUncountedBytesMax = report::kPartBytesMax + 0x100000;
 
 bool IsFull(const IndexHeader& header) { return header.highestIndex != 0 && header.highestIndex == header.maxRecord; }
 
-// Which records of the previous round the current round of the data file has overwritten.
+// The end of the part of the data file that the current round has overwritten.
 std::int64_t WrittenEnd(const IndexHeader& header) {
   if (header.writePosition == 0) return 0;
   return std::int64_t{header.writePosition} + static_cast<std::int64_t>(report::kEndMarker.size());

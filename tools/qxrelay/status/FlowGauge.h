@@ -1,4 +1,4 @@
-// How fast a report grows, and how long its oldest record has waited, from counts that are seen now and then.
+// Computes how fast a report grows, and how long its oldest record has waited, from counts at some moments.
 #pragma once
 
 #include <cstdint>
