@@ -143,7 +143,7 @@ int RemoveTree(const std::string& name, int directory) {
   return file::Remove(name.c_str(), AT_REMOVEDIR, directory);
 }
 
-// First takes the name of a backup away, so that a crash never leaves a part of it under that name.
+// Renames the backup before it is removed, so that a crash never leaves a part of it under its name.
 int RemoveBackup(const std::string& name, int directory) {
   const std::string removed = WithRandomEnd(name + std::string(kRemovedMark));
   int error = file::RenameWithoutReplacing(name.c_str(), removed.c_str(), directory, directory);
