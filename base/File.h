@@ -61,8 +61,8 @@ class Descriptor {
 // it empties it with Truncate. [any thread]
 [[nodiscard]] Descriptor OpenRegular(const char* path, int flags, mode_t mode = 0, int directory = AT_FDCWD);
 
-// The same, but ELOOP if any component of the path is a symbolic link; ENOSYS or EPERM where the kernel or a sandbox
-// does not know that open. Programs use base/OwnedLinks.h. [any thread]
+// Like OpenRegular, but ELOOP if any component of the path is a symbolic link; ENOSYS or EPERM where the kernel or a
+// sandbox does not know that open. Programs use base/OwnedLinks.h. [any thread]
 [[nodiscard]] Descriptor OpenRegularWithoutLinks(const char* path, int flags, mode_t mode = 0,
                                                  int directory = AT_FDCWD);
 

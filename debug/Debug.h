@@ -54,7 +54,7 @@ class CDebug : public CDebugTraceConfig {
   virtual void PrintAlways(const char* format, ...) __attribute__((format(printf, 2, 3)));
   virtual void PrintAlways(std::uint32_t level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
-  // The same with `module` as the module column; null: the application's name. [any thread]
+  // PrintAlways with `module` as the module column; null: the application's name. [any thread]
   virtual void PrintAlwaysV(const char* format, std::va_list args, const char* module)
       __attribute__((format(printf, 2, 0)));
 

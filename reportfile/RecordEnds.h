@@ -24,8 +24,8 @@ inline constexpr std::string_view kEndOfFile = "\xFF";
 // which a CDATA section could end.
 [[nodiscard]] std::size_t CountTextEndsAndBrackets(std::string_view bytes);
 
-// The same in slower forms, byte by byte and sixteen bytes a step: for processors without the faster form, and as the
-// oracle of its tests.
+// The three functions above in slower forms, byte by byte and sixteen bytes a step: for processors without the faster
+// form, and as the oracle of its tests.
 [[nodiscard]] std::size_t FindTextEndPlain(std::string_view bytes);
 [[nodiscard]] std::size_t CountTextEndsPlain(std::string_view bytes);
 [[nodiscard]] std::size_t CountTextEndsAndBracketsPlain(std::string_view bytes);

@@ -365,7 +365,8 @@ bool RecordReader::AppendWhole(std::span<const std::uint32_t> offsets, std::stri
   return true;
 }
 
-// The same for a long run, which is read directly to the end of `out`. The new bytes are not filled with zeros first.
+// AppendWhole for a long run, which is read directly to the end of `out`. The new bytes are not filled with zeros
+// first.
 bool RecordReader::ReadWhole(std::span<const std::uint32_t> offsets, std::string* out) {
   const std::size_t size_before = out->size();
   const std::size_t size = offsets.back() - offsets.front();

@@ -72,7 +72,7 @@ constexpr std::uint32_t SlotOfLogical(const IndexHeader& header, std::uint32_t l
   return header.maxRecord != 0 ? slot % header.maxRecord : slot;
 }
 
-// The same in 64 bits, for a plausible header: in a ring of more than 2^31 slots the 32-bit sum would wrap.
+// SlotOfLogical in 64 bits, for a plausible header: in a ring of more than 2^31 slots the 32-bit sum would wrap.
 constexpr std::uint32_t SlotOfAge(const IndexHeader& header, std::uint32_t age) {
   return static_cast<std::uint32_t>((std::uint64_t{age} + header.oldestIndex) % header.maxRecord);
 }

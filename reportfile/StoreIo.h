@@ -22,9 +22,10 @@ enum class OpenMode {
 // waited for (a FIFO without a writer). Follows every link. [any thread]
 [[nodiscard]] file::Descriptor OpenRegularFile(const std::string& path, OpenMode mode);
 
-// The same for a file of a store: ELOOP if its path leads through a link that base/OwnedLinks.h does not trust. Links
-// above the report directory that the registry names are trusted, because somebody who may write the registry chose
-// them. Transient errors (EMFILE, ENFILE, ENOMEM) are tried three times in all. Throws std::bad_alloc. [any thread]
+// Opens a file of a store like OpenRegularFile, but ELOOP if its path leads through a link that base/OwnedLinks.h does
+// not trust. Links above the report directory that the registry names are trusted, because somebody who may write the
+// registry chose them. Transient errors (EMFILE, ENFILE, ENOMEM) are tried three times in all. Throws std::bad_alloc.
+// [any thread]
 [[nodiscard]] file::Descriptor OpenStoreFile(const std::string& path, OpenMode mode);
 
 // The two files of a store as streams; null if not open.

@@ -79,7 +79,8 @@ struct FilePlace {
                                       struct stat& status);
 
 // Checks the owner of an open file: of a regular file or a named pipe. Devices and targets of the kernel's own links
-// are accepted. A reader accepts files of root and of the process's user, a writer only the latter. [any thread]
+// are accepted. A reader accepts files of root and of the process's user, a writer only those of the process's user.
+// [any thread]
 enum class FileUse { kRead, kWrite };
 [[nodiscard]] ReplaceResult CheckOwner(const FilePlace& place, const struct stat& status, FileUse use);
 

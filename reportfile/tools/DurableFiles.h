@@ -56,7 +56,7 @@ class DirectoriesBelow {
   [[nodiscard]] int Top() const { return top_.Number(); }
   // The open directory of this path below the top; "" is the top. -1 with errno. Valid until the next call.
   [[nodiscard]] int At(const std::string& path);
-  // The same for the directory that contains `path`: "a/b/c" => a/b, "c" => the top.
+  // Like At, for the directory that contains `path`: "a/b/c" => a/b, "c" => the top.
   [[nodiscard]] int Containing(const std::string& path) { return At(Above(path)); }
 
   // "a/b/c" => "a/b"   "c" => ""

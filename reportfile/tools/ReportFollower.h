@@ -5,8 +5,8 @@
 // record first: if the beginning is still there, everything after it was there during the read. Otherwise the poll
 // starts over. Resuming an interrupted fetch and following a report are the same thing at different intervals.
 //
-// It cannot notice that a writer has meanwhile written the whole overlap again, record for record, and that the old
-// overlap has left the ring.
+// A follower cannot notice that a writer has meanwhile written the whole overlap again, record for record, and that the
+// old overlap has left the ring.
 #pragma once
 
 #include <cstddef>

@@ -28,7 +28,8 @@ class WriterLock {
 
   // True if another process, or another object of this one, has the report open for writing.
   [[nodiscard]] bool IsHeldByAnother() const { return is_held_; }
-  // That process; 0 if it is not known, because only root sees the files of other users' processes.
+  // The process that has the report open; 0 if it is not known, because only root sees the files of other users'
+  // processes.
   [[nodiscard]] int Process() const { return process_; }
 
  private:

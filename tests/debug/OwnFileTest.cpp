@@ -237,7 +237,7 @@ TEST_F(OwnFileAttack, GroupThatTheUserChoseCannotReadTheLog) {
   ExpectOwn(LogPath());
 }
 
-// The same with an access list that new files inherit.
+// The directory has an access list that new files inherit.
 TEST_F(OwnFileAttack, AccessListThatTheUserChoseDoesNotShowTheLog) {
   if (!qx::test::GiveDefaultAccessList(service_.LogDir().Path())) {
     GTEST_SKIP() << "this file system has no access lists";

@@ -212,7 +212,7 @@ std::vector<std::string> RowsOfExplanations() {
   return rows;
 }
 
-// The same from the tables of a page. The severity, which only codes of doctor have, is left out.
+// RowsOfExplanations, from the tables of a page. The severity, which only codes of doctor have, is left out.
 //   "| `QX100` | ok | It loads | The ordinary case | Nothing |"  => "QX100: It loads | The ordinary case | Nothing"
 std::vector<std::string> RowsOfPage(const std::string& page) {
   std::vector<std::string> rows;

@@ -165,7 +165,8 @@ TEST_F(QxctlOutput, PipeGetsNoColour) {
   EXPECT_THAT(Run(missing_).err, Not(HasSubstr(kEscape)));
 }
 
-// If only the data is redirected, the problems still appear on the terminal in colour, and vice versa.
+// If only the data is redirected, the problems still appear on the terminal in colour. If only the problems are, the
+// data does.
 TEST_F(QxctlOutput, EachStreamIsCheckedByItself) {
   Start start = StartHere();
   start.environment["NO_COLOR"] = "";

@@ -27,7 +27,7 @@ OverlapPlace Ambiguous(std::size_t index, std::size_t compared) {
   return {OverlapVerdict::kAmbiguous, index, compared};
 }
 
-// The same rules in their plain form: one position after another, letter by letter.
+// The rules of FindOverlap in their plain form: one position after another, letter by letter.
 OverlapPlace FindPlainly(const std::string& overlap, const std::string& window, bool from_oldest) {
   std::vector<OverlapPlace> places;
   for (std::size_t index = 0; index <= window.size(); ++index) {

@@ -259,8 +259,8 @@ TEST(StoreVerifyBatch, ChangedFreeSlotIntoOverwrittenTextHasAnotherHistory) {
   EXPECT_EQ(Rules(store.Scan()), "");
 }
 
-// The same for a full ring: the text of a killed writer remains over older text that still has slots. No writer is
-// killed at the start of the data file: its text there could be as many lines as the ring has slots, and one more.
+// In a full ring the text of a killed writer remains over older text that still has slots. No writer is killed at the
+// start of the data file: its text there could be as many lines as the ring has slots, and one more.
 TEST(StoreVerifyBatch, RingAfterAKilledWriterIsNotDamage) {
   std::mt19937_64 random{Seed("StoreVerifyBatch")};
   for (int life = 0; life < 80; ++life) {

@@ -147,7 +147,7 @@ constexpr const qx::ctl::OfferSource* kOfferSources[] = {
 void HoldStandardDescriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(descriptor, F_GETFD) >= 0) continue;
-    // It takes the lowest free number, and stays open.
+    // /dev/null gets the lowest free number, and stays open.
     (void)qx::file::Open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY).Release();
   }
 }

@@ -30,7 +30,7 @@ struct FoundReports {
 // Reports with one missing file are included. [any thread]
 [[nodiscard]] FoundReports FindReports(const std::string& directory);
 
-// The same without subdirectories. [any thread]
+// Like FindReports, without subdirectories. [any thread]
 [[nodiscard]] FoundReports FindReportsIn(const std::string& directory);
 
 // How much of a report is read.

@@ -14,7 +14,7 @@ namespace qx::ctl {
 // terminal may get a part of a piece.
 [[nodiscard]] file::Progress WriteUntilInterrupted(int descriptor, std::string_view bytes);
 
-// The same; `name` is the name of the file in the message.
+// WriteUntilInterrupted with a status; `name` is the name of the file in the message.
 Status WriteAll(int descriptor, std::string_view bytes, const std::string& name);
 
 }  // namespace qx::ctl

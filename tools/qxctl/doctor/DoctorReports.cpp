@@ -37,7 +37,7 @@ std::string DirectoryFromRegistry(const DoctorPlaces& places) {
   return directory;
 }
 
-// The same in another working directory. It differs only if the directory is the default.
+// The report directory that another working directory leads to. It differs only if the directory is the default.
 std::string DirectoryFromElsewhere(const DoctorPlaces& places) {
   std::error_code error;
   const fs::path here = fs::current_path(error);

@@ -29,7 +29,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
-constexpr int kFailuresMax = 5;  // so many failures in a row end the command
+constexpr int kFailuresMax = 5;  // this number of failures in a row ends the command
 constexpr double kSecondsMax = 1e6;
 constexpr double kIntervalMin = 0.01;
 

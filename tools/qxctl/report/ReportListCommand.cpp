@@ -151,7 +151,7 @@ Status FindAll(const Values& values, ReportCheck check, Shown& shown) {
   return {};
 }
 
-// Those that the command line names.
+// Finds the reports that the command line names.
 Status FindNamed(const std::vector<std::string>& arguments, Shown& shown) {
   shown.directory = ReportDirectory();
   std::vector<std::string> base_paths;

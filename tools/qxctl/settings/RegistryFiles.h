@@ -39,7 +39,7 @@ RegistrySource RegistrySourceOf(const Values& values);
 // Loads the tree of the file, or of the first good one of the directory. `path` is the loaded file.
 Status LoadTree(const RegistrySource& source, CRegistryNode& tree, std::string& path);
 
-// The same; if it was not the first file of the directory, a note says so.
+// Like LoadTree above, with a note if the loaded file is not the first file of the directory.
 Status LoadTree(Context& context, const RegistrySource& source, CRegistryNode& tree);
 
 // Reads a tree from a file or, for "-", from standard input. `bytes` are the bytes that were read.

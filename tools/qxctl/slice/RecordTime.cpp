@@ -87,7 +87,7 @@ class Scanner {
     return true;
   }
 
-  // Exactly so many digits, with any character after them.
+  // Exactly `count` digits, with any character after them.
   bool Digits(std::size_t count, int& number) {
     if (text_.size() < count) return false;
     int value = 0;
@@ -277,7 +277,7 @@ std::optional<std::int64_t> TakeStamp(Scanner& scanner, const TimeRules& rules) 
 
 TimeSpan SpanFrom(std::int64_t first_ms, std::int64_t unit_ms) { return {first_ms, first_ms + unit_ms - 1}; }
 
-// The day that begins so many days before today. Not every day has 24 hours.
+// The day `days_ago` days before today. Not every day has 24 hours.
 std::optional<TimeSpan> DaySpan(int days_ago, const TimeRules& rules) {
   const std::int64_t begin = FloorTo(ToCivil(rules.now_ms, rules), kDayMs) - days_ago * kDayMs;
   return TimeSpan{ToPoint(begin, rules), ToPoint(begin + kDayMs, rules) - 1};

@@ -14,7 +14,7 @@ namespace qx::ctl {
 // [the only thread]
 [[nodiscard]] Status NoSuchReport(const std::string& name);
 
-// The same for the path of a report's files without their endings. Only its own directory is searched. If that
+// NoSuchReport for the path of a report's files without their endings. Only its own directory is searched. If that
 // directory does not exist, but the path is near the name of a report, the message is that of NoSuchReport.
 //   no report laod in ./Reports; did you mean load?
 //   no report disk/sdb in /srv/reports; did you mean disk/sda? (...)

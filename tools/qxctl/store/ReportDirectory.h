@@ -10,8 +10,8 @@ namespace qx::ctl {
 // The directory that the registry names; empty if it names an empty one.
 std::string ReportDirectory();
 
-// The same for a command that reads or writes there: kRefused if an ordinary user made the directory for root (see
-// store/FallbackDirectory.h).
+// ReportDirectory for a command that reads or writes there: kRefused if an ordinary user made the directory for root
+// (see store/FallbackDirectory.h).
 Status FindReportDirectory(std::string& directory);
 
 // Whether an argument with a "/" may be the name of a report: "disk/sda", but not "/disk/sda", "./sda" or
@@ -26,10 +26,10 @@ bool MayBeReportName(const std::string& argument);
 // A name is refused as by FindReportDirectory.
 Status FindBasePath(const std::string& name_or_path, std::string& path);
 
-// The same for a report that is to be made: an argument with a "/" is always a path.
+// FindBasePath for a report that is to be made: an argument with a "/" is always a path.
 Status FindNewBasePath(const std::string& name_or_path, std::string& path);
 
-// The same as the name under which the module transfers the report. A path must be below the report directory
+// FindBasePath, as the name under which the module transfers the report. A path must be below the report directory
 // (kNotFound); if no file of a report is there, it is passed on as a name.
 //   "/srv/reports/disk/sda" => "disk/sda"
 Status FindReportName(const std::string& name_or_path, std::string& name);

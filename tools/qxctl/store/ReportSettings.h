@@ -51,7 +51,7 @@ struct ReportSettings {
 // What a process that loads this tree reads. No other thread may use the tree meanwhile. [owning thread]
 [[nodiscard]] ReportSettings ReadReportSettings(const CRegistryNode& tree);
 
-// The same for the registry of this process, as CServerControlPaths reads it. [the only thread]
+// The settings in the registry of this process, as CServerControlPaths reads it. [the only thread]
 [[nodiscard]] ReportSettings ReadReportSettings();
 
 // Which value names the report directory, as a clause for a message.

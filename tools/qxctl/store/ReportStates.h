@@ -12,7 +12,7 @@ namespace qx::ctl {
 // "sound", "damaged", "changed", "unreadable", "not found"
 [[nodiscard]] const char* NameOfState(report::StoreState state);
 
-// The same; "empty" for a sound report without records.
+// NameOfState of the report, but "empty" for a sound report without records.
 [[nodiscard]] const char* StateOf(const report::ReportStatus& status);
 
 // True for a report that needs attention: damaged, unreadable, or changed each time it was read.

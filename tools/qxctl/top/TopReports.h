@@ -1,7 +1,7 @@
 // All reports of a directory as they change: how many records come, and what the newest ones say.
 //
-// It reads header and sizes of each report in every round, and its newest records only if the header has changed.
-// Nothing is locked.
+// Each round reads header and sizes of each report, and its newest records only if the header has changed. Nothing is
+// locked.
 #pragma once
 
 #include <chrono>

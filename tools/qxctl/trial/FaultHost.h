@@ -33,7 +33,7 @@ class FaultHost {
   //   result 0, <ReportData>               any other document, by its root
   //   result 0, no document                a reply that is not well formed
   std::string Ask(RequestFunction function, const wcs_gendata* block, const char* input) const;
-  // The same with a null reply pointer: "result 0".
+  // Ask with a null reply pointer: "result 0".
   std::string AskWithoutReply(RequestFunction function, const wcs_gendata* block, const char* input) const;
 
   void BeginThread() const { thread_begin_(); }

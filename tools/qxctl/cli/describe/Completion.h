@@ -11,10 +11,10 @@ namespace qx::ctl {
 // reports: see Offers.h.
 std::string BashCompletion(Commands commands);
 
-// The same for zsh: sourced, or as a file _qxctl in a directory of fpath.
+// The script for zsh: sourced, or as a file _qxctl in a directory of fpath.
 std::string ZshCompletion(Commands commands);
 
-// The same for fish 3: sourced, or as the file qxctl.fish in a directory of completions.
+// The script for fish 3: sourced, or as the file qxctl.fish in a directory of completions.
 std::string FishCompletion(Commands commands);
 
 }  // namespace qx::ctl

@@ -10,7 +10,7 @@ namespace qx::ctl {
 // The document in one line, without a line end. Bytes that are not UTF-8 become U+FFFD.
 [[nodiscard]] std::string JsonLine(const Json& document);
 
-// The same with a line end, and with the control characters masked that JSON allows and a terminal acts on.
+// JsonLine with a line end. Control characters that JSON allows, but a terminal acts on, are masked.
 [[nodiscard]] std::string JsonLineOf(const Json& document);
 
 // Indented by two spaces, without a line end. Bytes that are not UTF-8 become U+FFFD.
