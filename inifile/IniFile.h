@@ -38,15 +38,15 @@ class CIniFile {
 
   // Writes `value` under `key`; a null `key` deletes the section, a null `value` the key. Creates the file with mode
   // 0644 if it is missing. False if an existing file has nothing to delete, if `section` or `path` is null, or if the
-  // file could not be opened or written. After an edit that fails half-way, the file may be partly written. [any
-  // thread]
+  // file could not be opened or written. After an edit that fails half-way, the file may be partly written.
+  // [any thread]
   [[nodiscard]] static bool WritePrivateProfileString(const char* section, const char* key, const char* value,
                                                       const char* path);
 
   // Replaces the bytes `from` up to `to` of `file` (open for reading and writing) by a line feed if `newlineFirst` is
   // true, and by the line key=value if both are given. The bytes from `to` on follow, and the file ends after them.
-  // False when an offset is outside the file, `from` is after `to`, there is no space, or a stream call fails. [any
-  // thread]
+  // False when an offset is outside the file, `from` is after `to`, there is no space, or a stream call fails.
+  // [any thread]
   [[nodiscard]] static bool WriteLines(FILE* file, unsigned from, unsigned to, const char* key, const char* value,
                                        bool newlineFirst);
 
@@ -72,8 +72,8 @@ class CIniFile {
   bool GetString(std::string& out, const char* section, const char* key, const char* def);
 
   // The same; the text belongs to the object and lives until its next call of this form. A text that is too long, or
-  // for which there is no memory, gives the pointer `def`. `key` and `def` may be texts returned before. [owning
-  // thread]
+  // for which there is no memory, gives the pointer `def`. `key` and `def` may be texts returned before.
+  // [owning thread]
   const char* GetString(const char* section, const char* key, const char* def);
 
   // Returns the first key of the section; with a null `section`, the first section name. GetNextEnum returns the

@@ -37,8 +37,8 @@ class LineScanner {
 
   // Skips lines while `can_skip` returns true for them. `can_skip` gets each line without its line feed, but with the
   // bytes after a NUL. Plain lines without the mark (inifile/MarkedLine.h) are skipped without a call, so `can_skip`
-  // would have to return true for them. The scan may stop before any line: SkipLines only saves calls of Next. [owning
-  // thread]
+  // would have to return true for them. The scan may stop before any line: SkipLines only saves calls of Next.
+  // [owning thread]
   template <typename Predicate>
   void SkipLines(LineMark mark, Predicate can_skip) noexcept {
     std::string_view rest = unread_;

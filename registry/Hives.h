@@ -5,8 +5,8 @@
 
 namespace qx::registry {
 
-// Must be called before the key in `value` is destroyed: sets hive pointers to it to null. [lock held:
-// CRegistry::MSpinlock]
+// Must be called before the key in `value` is destroyed: sets hive pointers to it to null.
+// [lock held: CRegistry::MSpinlock]
 void ForgetHive(const RegistryValue& value);
 
 // Holds MSpinlock while an entry of the root is removed, so that no thread sets the pointer of a hive that is being

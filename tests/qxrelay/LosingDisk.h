@@ -37,8 +37,8 @@ class LosingDisk {
   void FailAfter(int changes);
   [[nodiscard]] bool HasFailed() const;
 
-  // Restores the directory to the state of the disk. No file below it may be open. Then all calls work again. [owning
-  // thread]
+  // Restores the directory to the state of the disk. No file below it may be open. Then all calls work again.
+  // [owning thread]
   void Restart(Loss loss, std::mt19937_64& random);
 };
 

@@ -14,8 +14,8 @@ struct LoopbackAddress {
   [[nodiscard]] bool IsV6() const { return address.ss_family == AF_INET6; }
 };
 
-// "127.0.0.1:9464", "[::1]:9464". For port 0 the system chooses a port. Unset for other texts, also for names. [any
-// thread]
+// "127.0.0.1:9464", "[::1]:9464". For port 0 the system chooses a port. Unset for other texts, also for names.
+// [any thread]
 [[nodiscard]] std::optional<LoopbackAddress> LoopbackAddressOf(std::string_view text);
 
 }  // namespace qx::relay

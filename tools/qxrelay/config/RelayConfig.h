@@ -86,8 +86,8 @@ struct RelayConfig {
 using ConfigFindings = std::vector<std::string>;
 
 // Reads the file into `config`. Values with a finding keep their defaults. A file that cannot be read is one finding.
-// The files and servers that the values name are not checked here, but by "qxrelay check". Throws std::bad_alloc. [any
-// thread]
+// The files and servers that the values name are not checked here, but by "qxrelay check". Throws std::bad_alloc.
+// [any thread]
 [[nodiscard]] ConfigFindings ReadConfig(const std::string& path, RelayConfig& config);
 
 // Every key with its section, in the order of the sections, except those of [labels]. [any thread]

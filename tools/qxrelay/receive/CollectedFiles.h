@@ -39,8 +39,8 @@ class CollectedFiles {
   // Writes a new base: the next record has the number `base.next`. Sets generation and count itself. The base must be
   // on the disk before the next Append. [owning thread]
   [[nodiscard]] CollectorFault WriteBase(ReportBase base);
-  // Writes into the base that the files contradict the messages. This holds until somebody changes the files. [owning
-  // thread]
+  // Writes into the base that the files contradict the messages. This holds until somebody changes the files.
+  // [owning thread]
   [[nodiscard]] CollectorFault WriteContradiction();
 
   // Fails if the files are not as the last call left them. [owning thread]

@@ -35,8 +35,8 @@ class ReportCollector {
   void Work(TimeMs now);
   // Must be called when the base is on the disk. [owning thread]
   void BaseSynced() { is_base_unsynced_ = false; }
-  // The stream was created again: drops the queue, and what is known from the sequences of the earlier stream. [owning
-  // thread]
+  // The stream was created again: drops the queue, and what is known from the sequences of the earlier stream.
+  // [owning thread]
   void StreamReplaced();
   void CloseFiles() { files_.Close(); }
 

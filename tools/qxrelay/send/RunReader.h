@@ -54,8 +54,8 @@ class RunReader final : public RecordHashes {
   // later. [owning thread]
   [[nodiscard]] RecordRun Read(const RecordRange& range, std::uint64_t first, std::size_t bytes_max);
 
-  // How many bytes of text there are from `first` on, as the slots show. Too many if the data file wrapped. [owning
-  // thread]
+  // How many bytes of text there are from `first` on, as the slots show. Too many if the data file wrapped.
+  // [owning thread]
   [[nodiscard]] std::uint64_t BytesFrom(const RecordRange& range, std::uint64_t first);
 
   [[nodiscard]] std::vector<std::uint64_t> Hashes(std::uint64_t age, std::uint64_t count) override;

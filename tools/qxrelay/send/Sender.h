@@ -40,8 +40,8 @@ class Sender {
   // How many reports there are, and of how many the sender is stopped. [owning thread]
   [[nodiscard]] std::size_t Reports() const { return works_.size(); }
   [[nodiscard]] std::size_t Stopped() const;
-  // If another sender was found, a text that says so and what to do; nothing is sent any more. Otherwise empty. [owning
-  // thread]
+  // If another sender was found, a text that says so and what to do; nothing is sent any more. Otherwise empty.
+  // [owning thread]
   [[nodiscard]] std::string RivalText() const { return TextOfRival(context_.rival, context_.host); }
   [[nodiscard]] bool IsConnected() const { return is_connected_; }
   // What stops all reports, and what to do; empty if nothing does. [owning thread]

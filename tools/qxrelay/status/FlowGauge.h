@@ -22,8 +22,8 @@ class FlowGauge {
   [[nodiscard]] std::optional<double> Rate(std::int64_t now) const;
 
   // How long ago record `next` was appended, or a little more: the time since the last count without it. If even the
-  // first count includes it, the time since that count, which is less. 0 if the record is not appended yet. [owning
-  // thread]
+  // first count includes it, the time since that count, which is less. 0 if the record is not appended yet.
+  // [owning thread]
   [[nodiscard]] std::int64_t LagMs(std::int64_t now, std::uint64_t next) const;
 
  private:

@@ -37,8 +37,8 @@ class HttpServer {
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
-  // Starts the server; must be called only once. The threads of the library get the signal mask of the caller. [owning
-  // thread]
+  // Starts the server; must be called only once. The threads of the library get the signal mask of the caller.
+  // [owning thread]
   [[nodiscard]] std::optional<std::string> Start(const LoopbackAddress& address);
   // The port on which it listens. [owning thread]
   [[nodiscard]] std::uint16_t Port() const;

@@ -31,8 +31,8 @@ class SenderFlow {
   [[nodiscard]] std::vector<ReportFlow> Take(const std::vector<SentReport>& sent, std::int64_t now,
                                              std::int64_t wall_ms);
 
-  // Adds an older count that does not come from the ring: at `time`, the next record had the number `end`. [owning
-  // thread]
+  // Adds an older count that does not come from the ring: at `time`, the next record had the number `end`.
+  // [owning thread]
   void AddCount(const std::string& report, std::int64_t time, std::uint64_t end);
 
  private:
