@@ -260,8 +260,8 @@ class Examiner {
     return WalkedRecord{age, slot, *offset, is_current, is_previous, in_round == 0, in_round};
   }
 
-  // The end of the text of the record's round: writePosition, or the end of the previous round. Unset: overwritten
-  // since.
+  // The end of the texts of the record's round: writePosition, or the end of the previous round. Unset if the end was
+  // overwritten since.
   std::optional<std::int64_t> EndOfRound(const WalkedRecord& record) const {
     const IndexHeader& header = scan_.header;
     if (record.is_current) return header.writePosition;

@@ -28,7 +28,7 @@ class StoreLines {
   [[nodiscard]] std::int64_t FindLineFeed(std::int64_t at);
   // The offset after the line feed of the line at `begin`, if it ends with CR LF and has no NUL.
   [[nodiscard]] std::optional<std::int64_t> EndOfLine(std::int64_t begin);
-  // The offset of CR LF and a marker from `at` on, without a NUL before them, or -1. No writer leaves a NUL, and huge
+  // The offset of CR LF and a marker from `at` on, or -1. The search ends at a NUL: no writer leaves one, and huge
   // holes need not be searched.
   [[nodiscard]] std::int64_t FindLineEndAndMarker(std::int64_t at);
 

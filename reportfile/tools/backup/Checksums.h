@@ -12,8 +12,8 @@ struct Checksum {
   std::string hex;  // 64 characters, lower case
 };
 
-// Sets `hex`. The file begins at the open directory, and is not read through a link. 0 or the error number.
-// [any thread]
+// Sets `hex` to the checksum of the file. `name` begins at the open directory, and is not read through a link. 0 or the
+// error number. [any thread]
 [[nodiscard]] int ChecksumOf(const std::string& name, int directory, std::string* hex);
 
 // One line for each file. A name with a line feed, a carriage return or a backslash is escaped, and its line begins

@@ -11,7 +11,7 @@ namespace qx::ctl {
 
 namespace {
 
-// Cuts after each end. The rest has no end.
+// Cuts the text after the end of each record. The last piece may have no end.
 //   "a\r\nb\xFF" => "a\r\n", "b\xFF"
 std::vector<std::string> CutAtEnds(std::string_view text) {
   std::vector<std::string> records;

@@ -18,7 +18,7 @@ namespace qx::ctl {
 // True for a report that needs attention: damaged, unreadable, or changed each time it was read.
 [[nodiscard]] bool NeedsAttention(const report::ReportStatus& status);
 
-// The processes that write it; empty without a writer.
+// The processes that write the report; empty without a writer.
 //   => "being written by process 4711 (agentd)"    "being written by processes 1, 2"    "being written"
 [[nodiscard]] std::string WritersOf(const report::ReportStatus& status);
 
