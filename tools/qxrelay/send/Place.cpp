@@ -36,8 +36,8 @@ Place After(const Mark& mark) {
   return {.incarnation = mark.incarnation, .next = mark.next, .hash_before = mark.hash_before};
 }
 
-// The place after the mark. If the ring no longer has the record after the mark, the records in between are lost, and
-// become a gap.
+// The place of the oldest record that can be sent. If the ring no longer has the record after the mark, the place after
+// the mark: the records in between are lost, and become a gap.
 Place FromOldest(const Mark& mark, const StoreView& view) {
   const std::optional<RecordRange> range = RangeNear(view.header, mark.next);
   const std::uint64_t oldest = view.Sendable(*range).oldest;

@@ -67,9 +67,9 @@ class RecordHashes {
 
 enum class Proof : std::uint8_t {
   kNone,          // there is no mark
-  kProven,        // the ring has the record before, with this hash
-  kGone,          // the ring no longer has the record, and its count does not contradict the mark
-  kContradicted,  // it is another store
+  kProven,        // the ring has the record before `next`, with this hash
+  kGone,          // the ring no longer has this record, and its count does not contradict the mark
+  kContradicted,  // another store: its record or its count contradicts the mark
 };
 
 [[nodiscard]] Proof ProveMark(const std::optional<Mark>& mark, const StoreView& view, RecordHashes& hashes);
@@ -78,7 +78,7 @@ struct Place {
   std::uint64_t incarnation = 0;  // 0: a new one is needed
   std::uint64_t next = 0;
   std::uint64_t hash_before = 0;
-  bool is_recognised = false;  // a new incarnation that continues after the last sent records
+  bool is_recognised = false;  // a new incarnation, but the ring has the last sent records
 
   friend bool operator==(const Place&, const Place&) = default;
 };

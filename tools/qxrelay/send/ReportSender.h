@@ -33,8 +33,8 @@ using TimeMs = std::int64_t;
 
 struct SenderTimes {
   TimeMs linger = 100;
-  TimeMs poll = 20;         // of a report with many records within the last two seconds
-  TimeMs poll_idle = 250;   // of another one
+  TimeMs poll = 20;         // between two checks of a busy report
+  TimeMs poll_idle = 250;   // the same for a report without records for two seconds
   TimeMs timeout = 5000;    // for an acknowledgement or a look-up
   TimeMs heartbeat = 3600;  // between two messages of a report
   std::uint64_t batch_bytes = 65'536;
@@ -48,14 +48,14 @@ enum class ActionKind : std::uint8_t {
   kGap,      // send that records are lost; then Sent
   kRecords,  // send records; then Sent
   kEmpty,    // send an empty message; then Sent
-  kStopped,  // nothing any more
+  kStopped,  // nothing is sent any more
 };
 
 struct Action {
   ActionKind kind = ActionKind::kWait;
   TimeMs until = 0;         // of kWait
-  std::uint64_t first = 0;  // of what is sent: its first record,
-  std::uint64_t count = 0;  // and how many are lost, or how many there are at most
+  std::uint64_t first = 0;  // number of the first record to send, or of the gap
+  std::uint64_t count = 0;  // records of the gap, or the most records to send
 
   friend bool operator==(const Action&, const Action&) = default;
 };
@@ -135,10 +135,10 @@ class ReportSender {
   std::uint64_t last_sequence_ = 0;
   TimeMs not_before_ = 0;                // of the next action
   TimeMs deadline_ = 0;                  // of the request in flight
-  std::optional<TimeMs> last_sent_;      // by this sender: its first message shows others that it is there
+  std::optional<TimeMs> last_sent_;      // by this sender; unset: its first message is still to be sent
   std::optional<TimeMs> last_records_;   // when there were records to send
   std::optional<TimeMs> last_empty_;     // when the store had no record to send
-  std::optional<TimeMs> pending_since_;  // since when there may be records that are not sent
+  std::optional<TimeMs> pending_since_;  // the time since when there may be unsent records
   std::optional<TimeMs> adapted_at_;     // when the interval was changed
   TimeMs interval_ = 0;                  // between two examinations while there are records; 0: the shortest one
   std::uint32_t failures_ = 0;           // in a row

@@ -23,14 +23,14 @@ struct ReportFlow {
   std::string host;
   std::string report;
   std::string trouble;                       // why the report does not continue; empty if it does
-  std::optional<std::uint64_t> lag_records;  // in the host's ring, and not yet where the service puts them
-  std::optional<std::int64_t> lag_ms;        // how old the oldest of them is, about; 0 without one
-  std::optional<double> records_per_second;  // that the writer on the host appends
-  std::optional<double> overtaken_in_s;      // until the ring overwrites a record that was not sent, if nothing is sent
+  std::optional<std::uint64_t> lag_records;  // in the host's ring, not sent or not collected yet
+  std::optional<std::int64_t> lag_ms;        // approximate age of the oldest of these; 0 without one
+  std::optional<double> records_per_second;  // appended by the host's writer
+  std::optional<double> overtaken_in_s;      // until the ring overwrites an unsent record, if nothing is sent
   std::optional<std::uint64_t> ring_slots;   // of the host's ring
   std::uint64_t records = 0;                 // sent, or written on the collector
   std::uint64_t gap_records = 0;             // lost, and counted as lost
-  std::uint64_t holes = 0;                   // of a receiver: records that are missing and not proven to be lost
+  std::uint64_t holes = 0;                   // of a receiver: missing records that may still come
   std::uint64_t repeats = 0;                 // of a receiver: records that came again and were dropped
 
   friend bool operator==(const ReportFlow&, const ReportFlow&) = default;
@@ -44,11 +44,11 @@ void SetOvertaken(ReportFlow& flow);
 struct ServiceFlow {
   ServiceKind kind = ServiceKind::kSender;
   std::string name;             // of the host or the collector
-  std::int64_t time_ms = 0;     // when this was true, in milliseconds since 1970
+  std::int64_t time_ms = 0;     // time of these figures, in milliseconds since 1970
   std::int64_t started_ms = 0;  // when the service was started; 0: it is not running
   bool is_connected = false;
-  std::string problem;                // what keeps all reports from continuing; empty: nothing
-  std::vector<std::string> findings;  // what does not continue although reports do: limits that were met
+  std::string problem;                                          // what stops all reports; empty: nothing
+  std::vector<std::string> findings;                            // one text for each limit that leaves something out
   std::vector<std::pair<std::string, std::uint64_t>> counters;  // of the service as a whole, by their names
   std::vector<ReportFlow> reports;                              // in the order of hosts and reports
 
