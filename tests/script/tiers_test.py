@@ -38,7 +38,8 @@ COMMANDS = dict.fromkeys(BASE) | {
     "nm": "binutils",
     "objdump": "binutils", "pkg-config": "pkg-config", "pkgconf": "pkg-config", "python3": "python3", "readelf": "binutils",
     "scdoc": "scdoc", "shellcheck": "shellcheck", "strace": "strace", "strings": "binutils", "strip": "binutils",
-    "systemctl": "systemd", "systemd-sysusers": "systemd",
+    "systemctl": "systemd", "systemd-sysusers": "systemd", "systemd-tmpfiles": "systemd",
+    "qxagent": None, "qxctl": None, "qxview": None,  # of the packages that a script tests
     "zsh": "zsh",
 }
 # The other packages that a package depends on.
@@ -52,7 +53,12 @@ TIERS_OF = [
     ("tests/trust/", ["trust"]),
     ("tests/package/", ["test"]),
     ("packaging/debian/try", ["package"]),
-    ("packaging/debian/relay/", ["test"]),  # they run where the package is installed
+    ("packaging/book/", ["package"]),
+    ("packaging/debian/held-module.py", ["test"]),  # these run where the packages are installed
+    ("packaging/debian/tests/", ["test"]),
+    ("packaging/debian/agent/", ["test"]),
+    ("packaging/debian/relay/", ["test"]),
+    ("packaging/debian/tools/", ["test"]),
     ("packaging/debian/view/", ["test"]),
     ("packaging/abi/", ["test"]),
     ("script/bench", ["bench", "plot"]),  # the second only for --plot
@@ -163,6 +169,7 @@ def python_findings(path, text, packages):
         for name in (name.split(".")[0] for name in names):
             if name in sys.stdlib_module_names or list(ROOT.glob(f"tests/**/{name}.py")) \
                     or (ROOT / f"sdk/python/{name}.py").exists() \
+                    or list(ROOT.glob(f"examples/**/{name}.py")) \
                     or (ROOT / f"script/{name}.py").exists():
                 continue
             if MODULES.get(name) not in packages:
