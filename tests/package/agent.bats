@@ -8,6 +8,9 @@ setup() {
   debian=$QX_SOURCE_DIR/packaging/debian
 }
 
+# The arguments of qxctl in a unit.
+command_of() { sed -n 's|^ExecStart=/usr/bin/qxctl \(.*\)|\1|p' "$QX_PREFIX/lib/systemd/system/$1"; }
+
 @test "the program names its version, and its page has every option" {
   [ "$("$QX_PREFIX/bin/qxagent" --version)" = "qxagent $QX_VERSION" ]
   command -v scdoc || skip "there is no scdoc"
@@ -39,15 +42,15 @@ setup() {
 @test "the commands of the timers do what their units say" {
   mkdir -p Reports backups
   "$QX_PREFIX/bin/qxagent" --directory Reports/host --count 2 --interval 10
-  backup=$(sed -n 's|^ExecStart=/usr/bin/qxctl \(.*\)|\1|p' "$QX_PREFIX/lib/systemd/system/qxctl-backup.service")
-  apart "$QX_PREFIX/bin/qxctl" ${backup//\/var\/lib\/qxctl-backup/backups}
+  read -ra backup <<<"$(command_of qxctl-backup.service)"
+  apart "$QX_PREFIX/bin/qxctl" "${backup[@]/#\/var\/lib\/qxctl-backup/backups}"
   apart "$QX_PREFIX/bin/qxctl" report verify-backup backups/2*
-  [[ "$backup" == *"--keep 7"* ]]
-  fetch=$(sed -n 's|^ExecStart=/usr/bin/qxctl \(.*\)|\1|p' "$QX_PREFIX/lib/systemd/system/qxctl-fetch@.service")
+  [[ "${backup[*]}" == *"--keep 7" ]]
+  read -ra fetch <<<"$(command_of qxctl-fetch@.service)"
   export QX_MODULE=$QX_MODULE_FILE QX_LOG_RINGBUF_DIR=$PWD
-  apart "$QX_PREFIX/bin/qxctl" ${fetch//%I/host/load}
+  apart "$QX_PREFIX/bin/qxctl" "${fetch[@]/#%I/host/load}"
   "$QX_PREFIX/bin/qxagent" --directory Reports/host --count 1
-  apart "$QX_PREFIX/bin/qxctl" ${fetch//%I/host/load}
+  apart "$QX_PREFIX/bin/qxctl" "${fetch[@]/#%I/host/load}"
   [ "$(grep -c 'load1=' records)" -eq 3 ]
 }
 
