@@ -6,6 +6,7 @@
 #   component python  the Python module qxreport
 #   component tools   qxctl, its manual pages and shell completions
 #   component view    qxview, its manual page and unit, where libmicrohttpd-dev is installed
+#   component book    the pages of docs/ as HTML, with QX_BUILD_BOOK
 #   component agent   qxagent, its manual page, unit, user and directories, where libsystemd-dev is installed
 #   component relay   qxrelay, its manual pages, units, user and example settings, where libnats-dev is installed
 #
@@ -151,3 +152,5 @@ if(QX_BUILD_TOOLS)
   endif()
   include(cmake/QxManual.cmake)
 endif()
+
+include(cmake/QxBook.cmake)

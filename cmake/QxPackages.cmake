@@ -73,6 +73,16 @@ changes the registry and INI files.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${CPACK_QX_DEBIAN_DIR}/tools/postinst
   ${CPACK_QX_DEBIAN_DIR}/tools/prerm ${CPACK_QX_DEBIAN_DIR}/tools/postrm)
 
+if(QX_BUILD_BOOK)
+  list(APPEND CPACK_COMPONENTS_ALL book)
+endif()
+set(CPACK_DEBIAN_BOOK_PACKAGE_NAME qxremconxfer-doc)
+set(CPACK_DEBIAN_BOOK_PACKAGE_SECTION doc)
+set(CPACK_DEBIAN_BOOK_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_BOOK_DESCRIPTION "book of the report provider and its tools
+How to use the report provider, its tools and its libraries: setting up a
+machine, operations, security, file formats and interfaces, as HTML pages.")
+
 if(TARGET qxagent)
   list(APPEND CPACK_COMPONENTS_ALL agent)
 endif()
