@@ -1,4 +1,4 @@
-// Trace lines print addresses and thread ids with 32-bit conversions. This function selects the half of the 64 bits
+// Trace lines print addresses and thread ids with 32-bit conversions. Low32 selects the half of the 64 bits
 // that they show; otherwise the calling convention would decide.
 #pragma once
 
