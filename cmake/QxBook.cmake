@@ -14,9 +14,9 @@ foreach(page ${qx_pages})
   get_filename_component(name ${page} NAME_WE)
   string(REGEX REPLACE "^README$" "index" name ${name})
   add_custom_command(OUTPUT ${qx_book}/${name}.html
-    COMMAND ${QX_PANDOC} --from gfm --to html5 --standalone --toc --toc-depth 2 --css book.css
-      --lua-filter ${qx_book_sources}/links.lua --metadata lang=en --output ${name}.html ${page}
-    DEPENDS ${page} ${qx_book_sources}/links.lua WORKING_DIRECTORY ${qx_book} VERBATIM)
+    COMMAND ${QX_PANDOC} --from gfm --to html5 --template ${qx_book_sources}/page.html --toc --toc-depth 2 --no-highlight
+      --lua-filter ${qx_book_sources}/links.lua --output ${name}.html ${page}
+    DEPENDS ${page} ${qx_book_sources}/links.lua ${qx_book_sources}/page.html WORKING_DIRECTORY ${qx_book} VERBATIM)
   list(APPEND qx_book_pages ${qx_book}/${name}.html)
 endforeach()
 add_custom_target(qx_book ALL DEPENDS ${qx_book_pages})
