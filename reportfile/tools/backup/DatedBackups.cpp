@@ -45,7 +45,7 @@ bool IsUnfinishedName(std::string_view name) {
 std::string FreeName(std::time_t now, int directory) {
   const std::string name = NameOfTime(now);
   for (int count = 1; count <= kNamesOfASecondMax; ++count) {
-    const std::string tried = count == 1 ? name : name + "-" + std::to_string(count);
+    std::string tried = count == 1 ? name : name + "-" + std::to_string(count);
     struct stat status = {};
     if (file::StatusOf(tried.c_str(), status, AT_SYMLINK_NOFOLLOW, directory) == ENOENT) return tried;
   }
