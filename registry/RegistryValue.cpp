@@ -21,12 +21,16 @@ char* NewText(std::string_view text) {
   return copy;
 }
 
+char* NewBlockOf(std::size_t size) {
+  const auto length = static_cast<BlockLength>(size);
+  char* block = new (std::nothrow) char[sizeof length + size];
+  if (block != nullptr) std::memcpy(block, &length, sizeof length);
+  return block;
+}
+
 char* NewBlock(std::string_view bytes) {
-  const auto length = static_cast<BlockLength>(bytes.size());
-  char* block = new (std::nothrow) char[sizeof length + bytes.size()];
-  if (block == nullptr) return nullptr;
-  std::memcpy(block, &length, sizeof length);
-  if (!bytes.empty()) std::memcpy(block + sizeof length, bytes.data(), bytes.size());
+  char* block = NewBlockOf(bytes.size());
+  if (block != nullptr && !bytes.empty()) std::memcpy(BytesIn(block), bytes.data(), bytes.size());
   return block;
 }
 

@@ -4,6 +4,7 @@
 // throws: without memory a maker gives a null pointer.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 #include <utility>
@@ -19,6 +20,9 @@ namespace qx::registry {
 
 // A block of these bytes, or null.
 [[nodiscard]] char* NewBlock(std::string_view bytes);
+// A block of `size` bytes, which the caller writes to BytesIn(block), or null.
+[[nodiscard]] char* NewBlockOf(std::size_t size);
+[[nodiscard]] inline char* BytesIn(char* block) { return block + sizeof(std::uint32_t); }
 
 // The bytes of a block, without the length.
 [[nodiscard]] std::string_view BlockBytes(const void* block);
@@ -48,7 +52,9 @@ class OwnedValue {
   }
   OwnedValue(OwnedValue&& other) noexcept : value_(other.Release()) {}
   OwnedValue& operator=(OwnedValue&&) = delete;
-  ~OwnedValue() { FreeValue(value_); }
+  ~OwnedValue() {
+    if (value_.type != 0) FreeValue(value_);
+  }
 
   [[nodiscard]] bool IsPresent() const { return value_.IsPresent(); }
   [[nodiscard]] const RegistryValue& Get() const { return value_; }

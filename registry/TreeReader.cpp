@@ -53,34 +53,37 @@ OwnedValue NumberValue(std::string_view data) {
   return OwnedValue(static_cast<std::int32_t>(number));
 }
 
-// The value of a digit as a save writes it, or 16.
-unsigned LowercaseDigit(char c) {
-  if (c >= '0' && c <= '9') return static_cast<unsigned>(c - '0');
-  return c >= 'a' && c <= 'f' ? static_cast<unsigned>(c - 'a') + 10 : 16;
-}
-
-using LineBytes = std::array<char, kLineCharsMax>;
-
-// Reads the numbers at the front of `data` in the form of a save, two digits and a space, and returns their count.
-std::size_t TakePlainBytes(std::string_view data, LineBytes& bytes) {
-  std::size_t count = 0;
-  for (; data.size() >= 3 && data[2] == ' '; data.remove_prefix(3)) {
-    const unsigned high = LowercaseDigit(data[0]);
-    const unsigned low = LowercaseDigit(data[1]);
-    if (high > 15 || low > 15) break;
-    bytes[count++] = static_cast<char>(high << 4U | low);
+// The value of each digit as a save writes it; 0x80 for any other byte.
+consteval std::array<std::uint8_t, 256> MakeDigitValues() {
+  std::array<std::uint8_t, 256> values{};
+  values.fill(0x80);
+  for (std::uint8_t digit = 0; digit < 16; ++digit) {
+    values[static_cast<unsigned char>("0123456789abcdef"[digit])] = digit;
   }
-  return count;
+  return values;
 }
 
-// Numbers one after another, of each the low 8 bits: "0a ff " => 0a ff   "1ff 2" => ff 02   "" => an empty block
+constexpr std::array<std::uint8_t, 256> kDigitValues = MakeDigitValues();
+
+// Converts numbers in the form of a save, two digits and a space. False if one of them has another form.
+//   "0a ff "  => 0a ff
+bool ConvertPlainBytes(std::string_view data, char* to) {
+  unsigned strange = 0;
+  for (std::size_t at = 0; at < data.size(); at += 3) {
+    const unsigned high = kDigitValues[static_cast<unsigned char>(data[at])];
+    const unsigned low = kDigitValues[static_cast<unsigned char>(data[at + 1])];
+    strange |= ((high | low) & 0x80U) | (static_cast<unsigned char>(data[at + 2]) ^ static_cast<unsigned>(' '));
+    *to++ = static_cast<char>(high << 4U | low);
+  }
+  return strange == 0;
+}
+
+// Numbers one after another, of each the low 8 bits:  "1ff 2" => ff 02
 // Quirk: a number may have one digit, and no space needs to follow it ("+1+2" are two numbers). So a line can have more
 // numbers than a third of its length. The block has as many bytes as there are numbers.
-OwnedValue BinaryValue(std::string_view data) {
-  LineBytes bytes;
-  std::size_t count = TakePlainBytes(data, bytes);
-  data.remove_prefix(3 * count);
-  if (data.empty()) return {REG_BINARY, NewBlock({bytes.data(), count})};
+char* NewBlockOfNumbers(std::string_view data) {
+  std::array<char, kLineCharsMax> bytes;
+  std::size_t count = 0;
   const NumberText numbers(data);
   const char* at = numbers.Text();
   for (;;) {
@@ -90,7 +93,15 @@ OwnedValue BinaryValue(std::string_view data) {
     bytes[count++] = static_cast<char>(number);
     at = end;
   }
-  return {REG_BINARY, NewBlock({bytes.data(), count})};
+  return NewBlock({bytes.data(), count});
+}
+
+OwnedValue BinaryValue(std::string_view data) {
+  if (data.size() % 3 != 0) return {REG_BINARY, NewBlockOfNumbers(data)};
+  char* block = NewBlockOf(data.size() / 3);
+  if (block == nullptr || ConvertPlainBytes(data, BytesIn(block))) return {REG_BINARY, block};
+  delete[] block;
+  return {REG_BINARY, NewBlockOfNumbers(data)};
 }
 
 // Builds keys that no other thread can reach yet; they are merged into the tree after all lines are read.
@@ -206,7 +217,7 @@ std::optional<std::string_view> LineReader::Next() {
     if (ahead.empty() || failed_) return std::nullopt;
     begin_ += feed == std::string_view::npos ? ahead.size() : feed + 1;
     const std::string_view line = ahead.substr(0, feed);
-    return line.substr(0, line.find('\0'));
+    return may_have_nul_ ? line.substr(0, line.find('\0')) : line;
   }
 }
 
@@ -216,7 +227,9 @@ void LineReader::Refill() {
   const ssize_t got = source_(window_.get() + end_, window_bytes_ - end_);
   failed_ = got < 0;
   at_end_ = got <= 0;
-  if (got > 0) end_ += static_cast<std::size_t>(got);
+  if (got <= 0) return;
+  may_have_nul_ = may_have_nul_ || std::memchr(window_.get() + end_, '\0', static_cast<std::size_t>(got)) != nullptr;
+  end_ += static_cast<std::size_t>(got);
 }
 
 // The end of the input closes all keys that are open. An empty line closes one, and at the outermost level it ends the

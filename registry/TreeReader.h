@@ -48,6 +48,7 @@ class LineReader {
   std::unique_ptr<char[]> window_;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
+  bool may_have_nul_ = false;  // a NUL has been read; most files have none, and their lines need no search for one
   bool at_end_ = false;
   bool failed_ = false;
 };

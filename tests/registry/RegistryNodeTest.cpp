@@ -171,6 +171,11 @@ TEST(RegistryNode, BinaryNumbersAreHexadecimalAndKeepTheirLowEightBits) {
   EXPECT_EQ(Reread("x=b=0A fF\n"), "x=b=0a ff \n\n");
   EXPECT_EQ(Reread("x=b=  1\t\t2 q 3\n"), "x=b=01 02 \n\n");
   EXPECT_EQ(Reread("x=b=-1 0x1f\n"), "x=b=ff 1f \n\n");
+  // As long as in the form of a save, but with another byte where a digit or a space is expected.
+  EXPECT_EQ(Reread("x=b=0A FF \n"), "x=b=0a ff \n\n");
+  EXPECT_EQ(Reread("x=b=01 1g 02 \n"), "x=b=01 01 \n\n");
+  EXPECT_EQ(Reread("x=b=01 g1 02 \n"), "x=b=01 \n\n");
+  EXPECT_EQ(Reread("x=b=01 02,03 \n"), "x=b=01 02 \n\n");
 }
 
 TEST(RegistryNode, BinaryLineWithMoreNumbersThanAThirdOfItsLengthKeepsAllOfThem) {
