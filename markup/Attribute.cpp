@@ -61,6 +61,7 @@ class UsualScan {
     quotes_ = closing & (closing - 1);
     return true;
 #else
+    (void)attribute;
     return false;
 #endif
   }
