@@ -1,11 +1,17 @@
 // Texts for messages: quotes, lengths of time.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
+#include <unistd.h>
 
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "base/File.h"
 #include "tests/qxctl/RunQxctl.h"
+#include "tools/qxctl/cli/WriteAll.h"
 #include "tools/qxctl/cli/text/Duration.h"
 #include "tools/qxctl/cli/text/Quote.h"
 
@@ -16,8 +22,36 @@ namespace {
 using ctl::DurationText;
 using ctl::ParseDuration;
 using ctl::ShellWord;
+using ctl::WriteUntilInterrupted;
+
+// How many calls of write and its like this process has made.
+long WriteCalls() {
+  std::ifstream io("/proc/self/io");
+  std::string key;
+  for (long value = 0; io >> key >> value;) {
+    if (key == "syscw:") return value;
+  }
+  return -1;
+}
 
 }  // namespace
+
+TEST(WriteUntilInterrupted, EmptyPipeIsFilledByOneWriteAndAnyOtherByShortOnes) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const file::Descriptor reader(ends[0]);
+  const file::Descriptor writer(ends[1]);
+  const int capacity = fcntl(writer.Number(), F_GETPIPE_SZ);
+  ASSERT_GE(capacity, 4 * PIPE_BUF);
+  const std::string text(static_cast<std::size_t>(capacity), 'x');
+  const long before = WriteCalls();
+  EXPECT_EQ(WriteUntilInterrupted(writer.Number(), text).bytes, text.size());
+  EXPECT_EQ(WriteCalls() - before, 1);
+  std::string read(3 * PIPE_BUF, ' ');
+  ASSERT_EQ(file::ReadSome(reader.Number(), read.data(), read.size()).bytes, read.size());
+  EXPECT_EQ(WriteUntilInterrupted(writer.Number(), text.substr(0, 2 * PIPE_BUF)).bytes, 2UL * PIPE_BUF);
+  EXPECT_EQ(WriteCalls() - before, 3);
+}
 
 TEST(ShellWords, EveryTextIsOneWordForTheShell) {
   const std::vector<std::string> texts = {"load", "a b",   "it's", "",   "a\nb",    "$HOME", "~",     "a\\b",     "=x",

@@ -1,7 +1,10 @@
 #include "tools/qxctl/cli/WriteAll.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,21 +38,40 @@ file::Progress WritePiece(int descriptor, std::string_view piece) {
   return progress;
 }
 
-std::size_t PieceBytes(int descriptor) {
-  struct stat status;
-  const bool is_regular = file::StatusOf(descriptor, status) == 0 && S_ISREG(status.st_mode);
-  return is_regular ? std::string_view::npos : PIPE_BUF;
-}
+// Knows how many bytes a descriptor that accepts some takes without waiting.
+class Piece {
+ public:
+  explicit Piece(int descriptor) : descriptor_(descriptor) {
+    struct stat status;
+    const bool is_known = file::StatusOf(descriptor, status) == 0;
+    is_regular_ = is_known && S_ISREG(status.st_mode);
+    if (is_known && S_ISFIFO(status.st_mode)) pipe_bytes_ = std::max(fcntl(descriptor, F_GETPIPE_SZ), PIPE_BUF);
+  }
+
+  // An empty pipe takes as many bytes as it can hold. The free space of one that holds some is not known: its memory is
+  // divided into pages, which may be partly filled.
+  [[nodiscard]] std::size_t Bytes() const {
+    if (is_regular_) return std::string_view::npos;
+    int unread = 0;
+    const bool is_empty = pipe_bytes_ > PIPE_BUF && ioctl(descriptor_, FIONREAD, &unread) == 0 && unread == 0;
+    return static_cast<std::size_t>(is_empty ? pipe_bytes_ : PIPE_BUF);
+  }
+
+ private:
+  int descriptor_;
+  bool is_regular_ = false;
+  int pipe_bytes_ = 0;
+};
 
 }  // namespace
 
 file::Progress WriteUntilInterrupted(int descriptor, std::string_view bytes) {
-  const std::size_t piece_bytes = PieceBytes(descriptor);
+  const Piece next(descriptor);
   const int known = InterruptSignal();  // after the first signal a command still prints its status
   file::Progress progress;
   while (progress.bytes < bytes.size() && !progress.Failed()) {
     if (!WaitUntilWritable(descriptor, known)) return {progress.bytes, EINTR};
-    const file::Progress piece = WritePiece(descriptor, bytes.substr(progress.bytes, piece_bytes));
+    const file::Progress piece = WritePiece(descriptor, bytes.substr(progress.bytes, next.Bytes()));
     progress = {progress.bytes + piece.bytes, piece.error};
   }
   // If the reader of standard error is gone, problems are lost and the command continues.
