@@ -33,7 +33,9 @@ write_records() {
 @test "the agents in C and Python write what the one in C++ writes" {
   mkdir Reports
   mapfile -t texts <<<"$records"
-  for agent in "$EXAMPLES/agent-c/build/agent" "$EXAMPLES/agent-c/agent" "$EXAMPLES/agent-python/agent.py"; do
+  agents=("$EXAMPLES/agent-c/build/agent" "$EXAMPLES/agent-c/agent")
+  [ -n "$QX_CROSS" ] || agents+=("$EXAMPLES/agent-python/agent.py")
+  for agent in "${agents[@]}"; do
     rm -f Reports/*
     LD_LIBRARY_PATH=$QX_LIBRARIES PYTHONPATH=$QX_PREFIX/lib/python3/dist-packages PYTHONDONTWRITEBYTECODE=1 \
       apart "$agent" "${texts[@]}"
@@ -54,6 +56,7 @@ write_records() {
 }
 
 @test "the Python client prints what the agent writes" {
+  needs_own_python
   write_records
   run apart "$client" example "$QX_MODULE_FILE"
   [ "$status" -eq 0 ]
@@ -80,14 +83,14 @@ write_records() {
   "$QX_PREFIX/bin/qxctl" report cat Reports/long | tr -d '\r' >expected
   [ "$(wc -c <expected)" -gt 3000000 ]
   apart "$host" long "$QX_MODULE_FILE" | cmp - expected
-  apart "$client" long "$QX_MODULE_FILE" | cmp - expected
+  [ -n "$QX_CROSS" ] || apart "$client" long "$QX_MODULE_FILE" | cmp - expected
 }
 
 @test "a host does not change the trace directory and leaves nothing" {
   write_records
   mkdir traces && echo kept >traces/log.qxremconxfer
   QX_LOG_RINGBUF_DIR=$PWD/traces apart "$host" example "$QX_MODULE_FILE"
-  QX_LOG_RINGBUF_DIR=$PWD/traces apart "$client" example "$QX_MODULE_FILE"
+  [ -n "$QX_CROSS" ] || QX_LOG_RINGBUF_DIR=$PWD/traces apart "$client" example "$QX_MODULE_FILE"
   [ "$(cat traces/log.qxremconxfer)" = kept ]
   [ -z "$(ls -A "$TMPDIR")" ]
 }
@@ -96,6 +99,7 @@ write_records() {
   run apart "$host" none
   [ "$status" -eq 1 ]
   [[ "$output" == *"result 12, <Error Msg="*"could not be read"*"LastError=\"2\""* ]]
+  [ -z "$QX_CROSS" ] || return 0
   run apart "$client" none "$QX_MODULE_FILE"
   [ "$status" -eq 1 ]
   [[ "$output" == "fetch_report.py: "*"could not be read" ]]

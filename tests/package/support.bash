@@ -14,3 +14,8 @@ apart() {
   [ "$(id -u)" -eq 0 ] || flags=(--user --map-root-user --mount)
   unshare "${flags[@]}" sh -c 'mount -t tmpfs none /etc/brollan && exec "$@"' sh "$@"
 }
+
+# Python runs as this machine's, also where the tested programs are for another processor.
+needs_own_python() {
+  [ -z "$QX_CROSS" ] || skip "this machine's Python cannot load a library for another processor"
+}
