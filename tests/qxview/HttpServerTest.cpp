@@ -43,6 +43,13 @@ class ViewHttp : public testing::Test {
       usleep(1000);
     }
   }
+  // Sends a request, and returns its exchange; null if the server did not get it.
+  ExchangePtr Ask(const WebConnection& connection) {
+    const std::size_t before = asked_.size();
+    if (!connection.Send(kGet)) return nullptr;
+    Serve(milliseconds(30));
+    return asked_.size() == before + 1 ? asked_.back() : nullptr;
+  }
   // What the connection has got so far.
   std::string Got(WebConnection& connection) {
     Serve(milliseconds(20));
@@ -80,32 +87,31 @@ TEST_F(ViewHttp, RequestThatComesByteByByteIsCutOff) {
 TEST_F(ViewHttp, AnswerMayComeLaterAndOtherRequestsNeedNotWait) {
   WebConnection first(port_);
   WebConnection second(port_);
-  ASSERT_TRUE(first.Send(kGet) && second.Send(kGet));
-  Serve(milliseconds(30));
-  ASSERT_EQ(asked_.size(), 2U);
-  asked_[1]->Reply(TextReply("second"));
-  asked_[1]->Reply(TextReply("ignored"));
+  const ExchangePtr one = Ask(first);
+  const ExchangePtr other = Ask(second);
+  ASSERT_TRUE(one != nullptr && other != nullptr);
+  other->Reply(TextReply("second"));
+  other->Reply(TextReply("ignored"));
   EXPECT_THAT(Got(second), HasSubstr("\r\n\r\nsecond"));
   EXPECT_THAT(Got(first), IsEmpty());
-  asked_[0]->Reply(TextReply("first"));
+  one->Reply(TextReply("first"));
   EXPECT_THAT(Got(first), HasSubstr("\r\n\r\nfirst"));
 }
 
 TEST_F(ViewHttp, RequestThatWaitsIsNotCutOff) {
   WebConnection connection(port_);
-  ASSERT_TRUE(connection.Send(kGet));
+  const ExchangePtr exchange = Ask(connection);
+  ASSERT_NE(exchange, nullptr);
   Serve(milliseconds(2500));
-  ASSERT_EQ(asked_.size(), 1U);
-  asked_[0]->Reply(TextReply("late"));
+  exchange->Reply(TextReply("late"));
   EXPECT_THAT(Got(connection), HasSubstr("late"));
 }
 
 TEST_F(ViewHttp, StreamSendsPiecesAndDropsAReaderThatIsTooSlow) {
   WebConnection connection(port_);
-  ASSERT_TRUE(connection.Send(kGet));
-  Serve(milliseconds(30));
-  ASSERT_EQ(asked_.size(), 1U);
-  const std::shared_ptr<ReplyStream> stream = asked_[0]->Stream({.type = "text/plain", .text = nullptr});
+  const ExchangePtr exchange = Ask(connection);
+  ASSERT_NE(exchange, nullptr);
+  const std::shared_ptr<ReplyStream> stream = exchange->Stream({.type = "text/plain", .text = nullptr});
   stream->Send(std::make_shared<const std::string>("one"));
   EXPECT_THAT(Got(connection), HasSubstr("one"));
   stream->Send(std::make_shared<const std::string>("two"));
@@ -121,16 +127,16 @@ TEST_F(ViewHttp, StreamSendsPiecesAndDropsAReaderThatIsTooSlow) {
 TEST_F(ViewHttp, EndOfTheServerAnswersWhatWaits) {
   WebConnection waiting(port_);
   WebConnection streaming(port_);
-  ASSERT_TRUE(waiting.Send(kGet) && streaming.Send(kGet));
-  Serve(milliseconds(30));
-  ASSERT_EQ(asked_.size(), 2U);
-  const std::shared_ptr<ReplyStream> stream = asked_[1]->Stream({.type = "text/plain", .text = nullptr});
+  const ExchangePtr exchange = Ask(waiting);
+  const ExchangePtr begun = Ask(streaming);
+  ASSERT_TRUE(exchange != nullptr && begun != nullptr);
+  const std::shared_ptr<ReplyStream> stream = begun->Stream({.type = "text/plain", .text = nullptr});
   Serve(milliseconds(30));
   server_.reset();
   EXPECT_TRUE(waiting.WaitForEnd(milliseconds(1000)));
   EXPECT_TRUE(streaming.WaitForEnd(milliseconds(1000)));
   EXPECT_FALSE(stream->IsOpen());
-  EXPECT_FALSE(asked_[0]->IsOpen());
+  EXPECT_FALSE(exchange->IsOpen());
 }
 
 }  // namespace qx::view

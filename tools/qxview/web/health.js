@@ -5,7 +5,7 @@ import { element, setAttribute, setText } from "./dom.js";
 import { clockTime, counted } from "./format.js";
 import { icon } from "./icons.js";
 import { LiveEvents } from "./live.js";
-import { severityWords } from "./overview-row.js";
+import { severityBadge } from "./overview-row.js";
 import { severities } from "./overview-rows.js";
 import { empty, failed, loading } from "./states.js";
 import { visibleText } from "./text.js";
@@ -83,8 +83,7 @@ class Health {
 
   finding({ section, code, severity, fact, fix, command }) {
     return element("li", { class: "card finding", "data-severity": severity, "data-code": code, tabindex: "-1" },
-      element("div", { class: "finding-head" }, element("span", { class: `severity severity-${severity}` }, icon(severity), severityWords[severity]),
-        element("span", { class: "code" }, code), element("span", { class: "section" }, section)),
+      element("div", { class: "finding-head" }, severityBadge(severity), element("span", { class: "code" }, code), element("span", { class: "section" }, section)),
       element("p", { class: "fact" }, withCode(fact)),
       fix && element("p", { class: "fix" }, withCode(fix)),
       command && this.command(visibleText(command)));

@@ -10,6 +10,11 @@ import { encodedName, textOf } from "./text.js";
 export const severityWords = { error: "Error", warning: "Warning", info: "Note", ok: "Good" };
 const soonSeconds = 3600;
 
+// A sign and a word, so that nothing depends on the colour.
+export function severityBadge(severity) {
+  return element("span", { class: `severity severity-${severity}` }, icon(severity), severityWords[severity]);
+}
+
 export class OverviewRow {
   constructor() {
     this.state = element("td", { class: "column-state" });
@@ -61,7 +66,7 @@ export class OverviewRow {
     if (this.severity === `${severity} ${state}`) return;
     this.severity = `${severity} ${state}`;
     setAttribute(this.node, "data-severity", severity);
-    this.state.replaceChildren(element("span", { class: `severity severity-${severity}` }, icon(severity), severityWords[severity]),
+    this.state.replaceChildren(severityBadge(severity),
       state === "sound" ? "" : element("span", { class: "state-word" }, state));
   }
 
