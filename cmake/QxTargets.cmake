@@ -132,6 +132,18 @@ function(qx_library name)
   qx_count_coverage(${name})
 endfunction()
 
+# qx_area(PROGRAM NAME [FAST_BUILD] SOURCES a.cpp... DEPS qx_other...): the library PROGRAM_NAME of a program's area, whose sources
+# are in the folder NAME. FAST_BUILD: the program waits there for files or for others, so it need not be fast.
+function(qx_area program name)
+  cmake_parse_arguments(arg "FAST_BUILD" "" "SOURCES;DEPS" ${ARGN})
+  list(TRANSFORM arg_SOURCES PREPEND ${name}/)
+  set(speed)
+  if(arg_FAST_BUILD)
+    set(speed FAST_BUILD)
+  endif()
+  qx_library(${program}_${name} ${speed} SOURCES ${arg_SOURCES} DEPS ${arg_DEPS})
+endfunction()
+
 # Replaces the sources in the list by joined ones, which include up to ten of them each: a third of the work. A source that was
 # given options of its own before stays alone.
 function(qx_join_sources sources name)

@@ -67,11 +67,13 @@ AREAS = {
 }
 for area, others in AREAS.items():
     LAYERS[f"tools/qxctl/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{other}" for other in [*others, "cli/text"]}
-# The area cli has three parts: texts and documents, the descriptions of commands, and the reader of a command line.
+# The area cli has four parts: texts and documents, the descriptions of commands, the reader of a command line, and what programs
+# with such a command line have in common.
 LAYERS["tools/qxctl/cli/text"] = {"markup"}
 LAYERS["tools/qxctl/cli/describe"] = {"tools/qxctl/cli", "tools/qxctl/cli/text"}
 LAYERS["tools/qxctl/cli/line"] = {"tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/text"}
-LAYERS["tools/qxctl"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{area}" for area in [*AREAS, "cli/describe", "cli/line", "cli/text"]}
+LAYERS["tools/qxctl/cli/program"] = {"base", "tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/line", "tools/qxctl/cli/text"}
+LAYERS["tools/qxctl"] = MODULE | FOLDER_TOOLS | {f"tools/qxctl/{area}" for area in [*AREAS, "cli/describe", "cli/line", "cli/program", "cli/text"]}
 
 # The areas of the relay. Only stream/ knows the library of NATS, and only its interfaces are used elsewhere.
 RELAY = {
@@ -87,7 +89,7 @@ for area, others in RELAY.items():
     LAYERS[f"tools/qxrelay/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxrelay/{other}" for other in others}
 # The metrics find numbers in records with the code of qxctl.
 LAYERS["tools/qxrelay/status"] |= {"tools/qxctl/chart", "tools/qxctl/slice", "tools/qxctl/store", "tools/qxctl/cli/text"}
-LAYERS["tools/qxrelay/cli"] |= {"tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/line", "tools/qxctl/cli/text"}
+LAYERS["tools/qxrelay/cli"] |= {f"tools/qxctl/{part}" for part in ("cli", "cli/describe", "cli/line", "cli/program", "cli/text")}
 LAYERS["tools/qxrelay"] = LAYERS["tools/qxrelay/cli"] | {"tools/qxrelay/cli"}
 
 # The areas of the web view. web/ has pages, no sources.
@@ -109,7 +111,7 @@ LAYERS["tools/qxview/cli"] |= {"tools/qxctl/trace"}
 for area in ("report", "live", "api"):
     LAYERS[f"tools/qxview/{area}"] |= {f"tools/qxctl/{other}" for other in ("store", "slice", "chart")}
 LAYERS["tools/qxview/live"] |= {"tools/qxctl/top", "tools/qxctl/doctor", "tools/qxctl/trace", "tools/qxctl/cli"}
-LAYERS["tools/qxview/cli"] |= {"tools/qxctl/store", "tools/qxctl/cli", "tools/qxctl/cli/describe", "tools/qxctl/cli/line"}
+LAYERS["tools/qxview/cli"] |= {f"tools/qxctl/{part}" for part in ("store", "cli", "cli/describe", "cli/line", "cli/program")}
 LAYERS["tools/qxview"] = LAYERS["tools/qxview/cli"] | {"tools/qxview/cli"}
 
 TOP_FOLDERS = {layer.split("/")[0] for layer in LAYERS} - {"paths"}

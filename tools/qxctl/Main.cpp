@@ -6,21 +6,17 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <string>
+#include <string_view>
 
 #include "base/File.h"
 #include "debug/Debug.h"
-#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/GlobalOptions.h"
 #include "tools/qxctl/cli/Interrupt.h"
 #include "tools/qxctl/cli/describe/CompletionCommand.h"
 #include "tools/qxctl/cli/describe/HelpCommand.h"
-#include "tools/qxctl/cli/describe/HelpText.h"
 #include "tools/qxctl/cli/line/OffersCommand.h"
 #include "tools/qxctl/cli/line/ParseCommand.h"
-#include "tools/qxctl/cli/line/Parser.h"
-#include "tools/qxctl/cli/text/JsonText.h"
+#include "tools/qxctl/cli/program/Program.h"
 #include "tools/qxctl/doctor/DoctorCommand.h"
 #include "tools/qxctl/doctor/ExplainCommand.h"
 #include "tools/qxctl/fetch/FetchCommand.h"
@@ -58,11 +54,6 @@ __attribute__((init_priority(101))) CDebug Debug;
 namespace {
 
 using qx::ctl::Command;
-using qx::ctl::CommandLine;
-using qx::ctl::Context;
-using qx::ctl::ExitCode;
-using qx::ctl::Request;
-using qx::ctl::Status;
 
 constexpr std::string_view kSettingsHeading = "Settings";
 constexpr Command kModule = {.words = "module", .help = "Call the provider module, and test it", .group = "The module"};
@@ -152,53 +143,18 @@ void HoldStandardDescriptors() {
   }
 }
 
-// A program that asked for JSON finds a failure on standard output, unless the command has printed a document.
-Status PrintFailure(Context& context, const CommandLine& line, const Status& status) {
-  const bool is_needed = line.asks_for_json && !status.IsOk() && !status.Message().empty() && !context.output.HasData();
-  if (!is_needed) return {};
-  return context.output.Data(qx::ctl::JsonLineOf({{"command", FullName(*line.command)},
-                                                  {"problem", status.Message()},
-                                                  {"exitCode", static_cast<int>(status.Code())}}));
-}
-
-// If the reader of standard output is gone, failures are not reported.
-bool IsReaderGone() { return qx::ctl::InterruptSignal() == SIGPIPE; }
-
-ExitCode Finish(Context& context, const CommandLine& line, const Status& status) {
-  if (!IsReaderGone()) context.output.Problem(status);
-  (void)PrintFailure(context, line, status);  // Finish below reports that it failed
-  const Status finished = context.output.Finish();
-  const bool is_said = finished.Message() == status.Message();
-  if (!is_said && !IsReaderGone()) context.output.Problem(finished);
-  return finished.IsOk() ? status.Code() : finished.Code();
-}
-
-Status Run(Context& context, const CommandLine& line) {
-  if (line.request == Request::kVersion) return context.output.Data("qxctl " + std::string(context.version) + "\n");
-  if (line.request == Request::kOverview) return context.output.Data(OverviewText(context.commands));
-  if (line.request == Request::kHelp) return context.output.Data(HelpText(context.commands, *line.command));
-  if (Status status = ApplyGlobalOptions(context, line.values); !status.IsOk()) return status;
-  return line.command->run(context, line.values);
-}
-
-ExitCode Qxctl(int argc, char** argv) {
-  Context context;
-  context.commands = kCommands;
-  context.offer_sources = kOfferSources;
-  context.version = QX_VERSION;
-  CommandLine line;
-  if (Status status = ParseCommandLine(kCommands, argc, argv, line); !status.IsOk())
-    return Finish(context, line, status);
-  return Finish(context, line, Run(context, line));
-}
-
 }  // namespace
 
 // NOLINTNEXTLINE(bugprone-exception-escape): when memory runs out, ending here is all that is left to do.
 int main(int argc, char** argv) {
   HoldStandardDescriptors();
   qx::ctl::HoldBrokenPipe();  // until everything temporary is gone
-  const ExitCode code = Qxctl(argc, argv);
+  const qx::ctl::ExitCode code = qx::ctl::RunProgram({.name = "qxctl",
+                                                      .version = QX_VERSION,
+                                                      .commands = kCommands,
+                                                      .offer_sources = kOfferSources,
+                                                      .prepare = qx::ctl::ApplyGlobalOptions},
+                                                     argc, argv);
   qx::ctl::EndBySignal();  // everything temporary is gone by now
   return static_cast<int>(code);
 }

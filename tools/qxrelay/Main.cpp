@@ -3,16 +3,13 @@
 // The command line is read with the table and the parser of qxctl's area cli. Every run ends with one exit code
 // (tools/qxctl/cli/Status.h). Data goes to standard output, messages go to standard error.
 #include <span>
-#include <string>
+#include <string_view>
 
 #include "debug/Debug.h"
-#include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Interrupt.h"
 #include "tools/qxctl/cli/describe/CompletionCommand.h"
 #include "tools/qxctl/cli/describe/HelpCommand.h"
-#include "tools/qxctl/cli/describe/HelpText.h"
-#include "tools/qxctl/cli/line/Parser.h"
-#include "tools/qxctl/cli/text/JsonText.h"
+#include "tools/qxctl/cli/program/Program.h"
 #include "tools/qxrelay/cli/CheckCommand.h"
 #include "tools/qxrelay/cli/HostCommand.h"
 #include "tools/qxrelay/cli/Options.h"
@@ -27,11 +24,6 @@ __attribute__((init_priority(101))) CDebug Debug;
 namespace {
 
 using qx::ctl::Command;
-using qx::ctl::CommandLine;
-using qx::ctl::Context;
-using qx::ctl::ExitCode;
-using qx::ctl::Request;
-using qx::ctl::Status;
 
 constexpr std::string_view kServersHeading = "Servers";
 
@@ -75,42 +67,12 @@ const Command* const kCommands[] = {
     &kMan,
 };
 
-Status Run(Context& context, const CommandLine& line) {
-  if (line.request == Request::kVersion) return context.output.Data("qxrelay " + std::string(context.version) + "\n");
-  if (line.request == Request::kOverview) return context.output.Data(OverviewText(context.commands));
-  if (line.request == Request::kHelp) return context.output.Data(HelpText(context.commands, *line.command));
-  if (Status status = qx::relay::ApplyOptions(context, line.values); !status.IsOk()) return status;
-  return line.command->run(context, line.values);
-}
-
-// With --json a failure is a document on standard output, unless the command has printed another one.
-void PrintFailure(Context& context, const CommandLine& line, const Status& status) {
-  const bool is_needed = line.asks_for_json && !status.IsOk() && !status.Message().empty() && !context.output.HasData();
-  if (!is_needed) return;
-  const std::string failure = qx::ctl::JsonLineOf({{"command", FullName(*line.command)},
-                                                   {"problem", status.Message()},
-                                                   {"exitCode", static_cast<int>(status.Code())}});
-  (void)context.output.Data(failure);  // Output::Finish reports that it failed
-}
-
-ExitCode Finish(Context& context, const CommandLine& line, const Status& status) {
-  context.output.Problem(status);
-  PrintFailure(context, line, status);
-  const Status finished = context.output.Finish();
-  return finished.IsOk() ? status.Code() : finished.Code();
-}
-
 }  // namespace
 
 // NOLINTNEXTLINE(bugprone-exception-escape): when memory runs out, ending here is all that is left to do.
 int main(int argc, char** argv) {
   qx::ctl::HoldBrokenPipe();
-  Context context;
-  context.commands = kCommands;
-  context.version = QX_VERSION;
-  context.output.SetProgram(qx::relay::kProgram);
-  CommandLine line;
-  Status status = ParseCommandLine(kCommands, argc, argv, line);
-  if (status.IsOk()) status = Run(context, line);
-  return static_cast<int>(Finish(context, line, status));
+  return static_cast<int>(qx::ctl::RunProgram(
+      {.name = qx::relay::kProgram, .version = QX_VERSION, .commands = kCommands, .prepare = qx::relay::ApplyOptions},
+      argc, argv));
 }

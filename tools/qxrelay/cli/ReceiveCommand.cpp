@@ -8,6 +8,7 @@
 #include <string>
 
 #include "reportfile/tools/DurableFiles.h"
+#include "tools/qxctl/cli/program/ServiceSignals.h"
 #include "tools/qxrelay/cli/Options.h"
 #include "tools/qxrelay/cli/Service.h"
 #include "tools/qxrelay/receive/CollectedFiles.h"
@@ -24,6 +25,7 @@ namespace {
 
 using ctl::Context;
 using ctl::ExitCode;
+using ctl::ServiceSignals;
 using ctl::Status;
 using ctl::Values;
 

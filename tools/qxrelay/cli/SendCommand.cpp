@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "reportfile/tools/DurableFiles.h"
+#include "tools/qxctl/cli/program/ServiceSignals.h"
 #include "tools/qxrelay/cli/Options.h"
 #include "tools/qxrelay/cli/Service.h"
 #include "tools/qxrelay/send/Sender.h"
@@ -23,6 +24,7 @@ namespace {
 
 using ctl::Context;
 using ctl::ExitCode;
+using ctl::ServiceSignals;
 using ctl::Status;
 using ctl::Values;
 

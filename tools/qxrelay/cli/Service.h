@@ -1,36 +1,10 @@
-// What a daemon needs from the system: signals as events, and messages to the service manager.
+// What a daemon needs from the system: waiting, clocks, and messages to the service manager.
 #pragma once
 
-#include <csignal>
 #include <cstdint>
 #include <string>
 
-#include "base/File.h"
-
 namespace qx::relay {
-
-// Receives SIGTERM, SIGINT and SIGHUP without a signal handler. It blocks these signals; create it before any thread
-// starts, because threads inherit this.
-//
-// Threads: one thread. Owns: a descriptor. Failure: without a descriptor the signals keep their usual effect.
-class ServiceSignals {
- public:
-  ServiceSignals();
-
-  [[nodiscard]] int Descriptor() const { return file_.Number(); }
-
-  // Reads the signals that have arrived. [owning thread]
-  void Take();
-  // Whether the service is to end, or to read its settings again. The second result is true once for each request.
-  // [owning thread]
-  [[nodiscard]] bool IsStopRequested() const { return is_stop_; }
-  [[nodiscard]] bool TakeReload();
-
- private:
-  file::Descriptor file_;
-  bool is_stop_ = false;
-  bool is_reload_ = false;
-};
 
 // Waits until one of the descriptors (-1: no descriptor) is readable, or until the time is over. [any thread]
 void WaitForEither(int first, int second, std::int64_t time_ms);

@@ -14,12 +14,12 @@
 #include "tools/qxctl/cli/CommandTable.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/Values.h"
+#include "tools/qxctl/cli/program/ServiceSignals.h"
 #include "tools/qxctl/cli/text/Duration.h"
 #include "tools/qxctl/cli/text/Text.h"
 #include "tools/qxctl/store/ReportDirectory.h"
 #include "tools/qxctl/trace/TracePlace.h"
 #include "tools/qxview/api/Site.h"
-#include "tools/qxview/cli/Signals.h"
 #include "tools/qxview/http/HttpServer.h"
 #include "tools/qxview/http/Listener.h"
 #include "tools/qxview/session/Key.h"
@@ -30,6 +30,7 @@ namespace {
 
 using ctl::Context;
 using ctl::ExitCode;
+using ctl::ServiceSignals;
 using ctl::Status;
 using ctl::Values;
 
@@ -99,7 +100,7 @@ class Service {
         site_(loop_, options.site),
         server_([this](const ExchangePtr& exchange) { site_.Handle(exchange); }) {}
 
-  Status Run(Signals& signals, Listener listener) {
+  Status Run(ServiceSignals& signals, Listener listener) {
     address_ = listener.address;
     if (!server_.Start(std::move(listener.socket))) return {ExitCode::kIo, "the library for HTTP does not start"};
     if (Status status = PrintAddress(); !status.IsOk()) return status;
@@ -109,7 +110,7 @@ class Service {
       loop_.RunPosted();
       server_.Run();
       site_.Maintain();
-      if (!signals.TakeTokenRequest()) continue;
+      if (!signals.TakeReload()) continue;
       if (Status status = PrintAddress(); !status.IsOk()) return status;
     }
     return {};
@@ -127,7 +128,7 @@ class Service {
     return context_.output.Show();
   }
 
-  void Wait(const Signals& signals) const {
+  void Wait(const ServiceSignals& signals) const {
     pollfd files[] = {
         {server_.Descriptor(), POLLIN, 0}, {loop_.Descriptor(), POLLIN, 0}, {signals.Descriptor(), POLLIN, 0}};
     (void)poll(files, std::size(files), std::min(server_.TimeoutMs(), kTickMs));  // a failure is a short wait
@@ -150,7 +151,7 @@ Status RunView(Context& context, const Values& values) {
                                              : ListenOnPath(options.socket, HttpServer::kBacklog);
   if (!listener.problem.empty()) return {ExitCode::kIo, listener.problem};
   RaiseFileLimit();
-  Signals signals;
+  ServiceSignals signals;
   Status status = Service(context, options).Run(signals, std::move(listener));
   if (!options.socket.empty()) (void)file::Remove(options.socket.c_str());  // the next start would replace it
   return status;

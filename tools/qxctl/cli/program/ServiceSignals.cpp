@@ -1,13 +1,13 @@
-#include "tools/qxview/cli/Signals.h"
+#include "tools/qxctl/cli/program/ServiceSignals.h"
 
 #include <sys/signalfd.h>
 
 #include <csignal>
 #include <utility>
 
-namespace qx::view {
+namespace qx::ctl {
 
-Signals::Signals() {
+ServiceSignals::ServiceSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, signal);
@@ -16,14 +16,14 @@ Signals::Signals() {
   if (!file_.IsOpen()) (void)pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);  // then they end the process
 }
 
-void Signals::Take() {
+void ServiceSignals::Take() {
   signalfd_siginfo info = {};
   while (file_.IsOpen() && file::ReadSome(file_.Number(), &info, sizeof info).bytes == sizeof info) {
-    const bool is_token = info.ssi_signo == static_cast<std::uint32_t>(SIGHUP);
-    (is_token ? is_token_ : is_stop_) = true;
+    const bool is_reload = info.ssi_signo == static_cast<std::uint32_t>(SIGHUP);
+    (is_reload ? is_reload_ : is_stop_) = true;
   }
 }
 
-bool Signals::TakeTokenRequest() { return std::exchange(is_token_, false); }
+bool ServiceSignals::TakeReload() { return std::exchange(is_reload_, false); }
 
-}  // namespace qx::view
+}  // namespace qx::ctl
