@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 
+#include "bench/support/Doublings.h"
 #include "bench/support/MemoryDirectory.h"
 #include "inifile/IniFile.h"
 #ifdef QX_HAVE_GLIB
@@ -163,7 +164,7 @@ const bool kRegistered = [] {
   benchmark::RegisterBenchmark("ini_read/inih", ReadInih);
 #endif
   benchmark::RegisterBenchmark("ini_read/limit", ReadLimit);
-  for (std::int64_t keys = 1000; keys <= 1000000; keys *= 10) {
+  for (const std::int64_t keys : qx::bench::kDoublings) {
     benchmark::RegisterBenchmark(("grow_ini_scan/" + std::to_string(keys)).c_str(),
                                  [keys](benchmark::State& state) { ReadFrom(state, Sample(keys)); });
   }

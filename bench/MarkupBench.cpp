@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "bench/support/Doublings.h"
 #include "markup/Markup.h"
 #ifdef QX_HAVE_PUGIXML
 #include <pugixml.hpp>
@@ -342,14 +343,14 @@ void GrowSetAttributes(benchmark::State& state, std::int64_t count) {
 }
 
 void RegisterGrowth() {
-  for (std::int64_t count = 1000; count <= 1000000; count *= 10) {
+  for (const std::int64_t count : qx::bench::kDoublings) {
     const std::string size = "/" + std::to_string(count);
     for (const Shape& shape : kShapes) {
       benchmark::RegisterBenchmark(("grow_" + std::string(shape.name) + size).c_str(),
                                    [&shape, count](benchmark::State& state) { GrowParse(state, shape, count); });
     }
     benchmark::RegisterBenchmark(("grow_appended" + size).c_str(), GrowAppend, count);
-    if (count <= 10000) benchmark::RegisterBenchmark(("grow_set_attributes" + size).c_str(), GrowSetAttributes, count);
+    if (count <= 20000) benchmark::RegisterBenchmark(("grow_set_attributes" + size).c_str(), GrowSetAttributes, count);
   }
 }
 

@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+#include "bench/support/Doublings.h"
 #include "bench/support/MemoryDirectory.h"
 #include "bench/support/RegistrySample.h"
 #include "registry/Registry.h"
@@ -223,7 +224,7 @@ const bool kRegistered = [] {
   benchmark::RegisterBenchmark("registry_save/qx", SaveQx);
   benchmark::RegisterBenchmark("registry_save/fprintf", SaveFprintf);
   benchmark::RegisterBenchmark("registry_save/limit", SaveLimit);
-  for (std::int64_t values = 1000; values <= 1000000; values *= 10) RegisterGrowth(values);
+  for (const std::int64_t values : qx::bench::kDoublings) RegisterGrowth(values);
   return true;
 }();
 

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/support/Doublings.h"
 #include "bench/support/MemoryDirectory.h"
 #include "bench/support/ServiceHost.h"
 #ifdef QX_HAVE_LMDB
@@ -319,8 +320,9 @@ BENCHMARK(WhatPugixml)->Name("what/pugixml");
 #endif
 
 const bool kGrowthRegistered = [] {
-  for (std::uint32_t records = 1000; records <= 1000000; records *= 10) {
-    benchmark::RegisterBenchmark(("grow_transfer_records/" + std::to_string(records)).c_str(), GrowRecords, records);
+  for (const std::int64_t records : qx::bench::kDoublings) {
+    benchmark::RegisterBenchmark(("grow_transfer_records/" + std::to_string(records)).c_str(), GrowRecords,
+                                 static_cast<std::uint32_t>(records));
   }
   for (int threads = 1; threads <= 4; ++threads) {
     benchmark::RegisterBenchmark(("threads_transfer/" + std::to_string(threads)).c_str(), TransferOnThreads, threads)

@@ -1,7 +1,7 @@
 """Runs the rows of the benchmark programs, each in a process of its own, and records what they cost.
 
 A row is TASK/WHO. What a task's rows become depends on its name:
-  grow_SHAPE/SIZE    the factor by which the time grows when the input doubles (linear work: 2)
+  grow_SHAPE/SIZE    the factor by which the time grows when the input doubles (linear work: 2), to each size whose half is a row
   threads_WORK/COUNT how much work COUNT threads do in the time of one (real time; everything else is processor time)
   memory_WHAT/qx, and every row with counters: the counters
   any other          WHO is qx, a peer, or a bare form of the same work: WHO's time divided by ours
@@ -11,7 +11,6 @@ sides have the same conditions.
 """
 import collections
 import json
-import math
 import os
 import pathlib
 import platform
@@ -116,11 +115,11 @@ def threads_of(results):
             for who, rounds in results.items()}
 
 
-def growth_of(results):
-    """[(size, the factor by which the time grows per doubling since the size before)], from the median of each size"""
-    medians = sorted((int(who), statistics.median(seconds_of(rounds))) for who, rounds in results.items())
-    return [(large, (cost / before) ** (1 / math.log2(large / small)))
-            for (small, before), (large, cost) in zip(medians, medians[1:])]
+def growth_of(results, choose=statistics.median):
+    """[(size, the factor by which the time grows to it from half of it)]: `choose` takes one of the factors of each round"""
+    times = {int(who): seconds_of(rounds) for who, rounds in results.items()}
+    return [(size, choose([large / small for small, large in zip(times[size // 2], times[size])]))
+            for size in sorted(times) if size % 2 == 0 and size // 2 in times]
 
 
 # The benchmark library calls these two functions before and after the loop of a row.
@@ -170,7 +169,7 @@ def all_of(tasks, report):
 
 def part_of(task, results):
     if is_growth(task):
-        return {"growth": growth_of(results)}
+        return {"growth": growth_of(results), "growth_least": growth_of(results, min)}
     if is_threads(task):
         return {"values": threads_of(results)}
     if is_counted(task):

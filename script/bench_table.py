@@ -9,7 +9,7 @@ import sys
 
 import bench_page
 import bench_run
-from bench_aims import aim_of, verdict
+from bench_aims import aim_of, growth_missed, verdict
 
 
 def print_ratio(task, part, raw):
@@ -25,7 +25,8 @@ def print_ratio(task, part, raw):
 def print_part(task, part, raw):
     """The lines of one task."""
     if "growth" in part:
-        steps = ", ".join(f"{factor:.2f} to {size:,}" for size, factor in part["growth"])
+        missed = {size for size, factor in part["growth_least"] if growth_missed(task, factor)}
+        steps = ", ".join(f"{factor:.2f} to {size:,}{' **missed**' if size in missed else ''}" for size, factor in part["growth"])
         print(f"| {task} | doubling costs | {steps} | |")
     elif "seconds" in part:
         print_ratio(task, part, raw)
@@ -36,9 +37,11 @@ def print_part(task, part, raw):
 
 
 def missed_aims(document):
-    """The rows that miss their aim in every round."""
-    return [f"{task}/{who}" for task, part in document["tasks"].items() for who, spread in part.get("values", {}).items()
-            if (aim := aim_of(task, who)) and verdict(aim, spread) == "missed"]
+    """The rows and sizes that miss their aim in every round."""
+    missed = [f"{task}/{who}" for task, part in document["tasks"].items() for who, spread in part.get("values", {}).items()
+              if (aim := aim_of(task, who)) and verdict(aim, spread) == "missed"]
+    return missed + [f"{task}/{size}" for task, part in document["tasks"].items() for size, factor in part.get("growth_least", [])
+                     if growth_missed(task, factor)]
 
 
 # File name, title, label of the x axis, and the tasks whose curves it shows.
@@ -102,7 +105,7 @@ def main():
     args = arguments()
     tasks = bench_run.tasks_of(args.bin, args.regex)
     if args.aims:
-        tasks = {task: rows for task, rows in tasks.items() if bench_page.has_aim(task)}
+        tasks = {task: rows for task, rows in tasks.items() if bench_page.has_aim(task) or bench_run.is_growth(task)}
     print(f"{bench_page.processor_text(bench_run.processor())}; {bench_run.ROUNDS} rounds: minimum / median / maximum\n\n"
           "| task | who | time of who / time of qx | aim |\n|---|---|---|---|")
     document = bench_run.all_of(tasks, lambda task, part: print_part(task, part, args.raw))

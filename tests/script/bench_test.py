@@ -38,9 +38,11 @@ class RunTest(unittest.TestCase):
         ratios = bench_run.ratios_of({"qx": rounds(4, 1, 2), "peer": rounds(8, 2, 4)})
         self.assertEqual(ratios, {"peer": Spread(2, 2, 2)})
 
-    def test_growth_is_what_one_doubling_costs(self):
-        (size, factor), = bench_run.growth_of({"1000": rounds(1), "4000": rounds(9)})
-        self.assertEqual((size, round(factor, 9)), (4000, 3))
+    def test_growth_is_the_factor_of_each_real_doubling(self):
+        # The third round was slow, and one row in the second; times of one round are compared. 3000 is not twice a size.
+        results = {"1000": rounds(1, 1, 10), "2000": rounds(2.1, 22, 22), "3000": rounds(9, 9, 9), "4000": rounds(6.3, 66, 44)}
+        self.assertEqual([(size, round(factor, 9)) for size, factor in bench_run.growth_of(results)], [(2000, 2.2), (4000, 3)])
+        self.assertEqual([(size, round(factor, 9)) for size, factor in bench_run.growth_of(results, min)], [(2000, 2.1), (4000, 2)])
 
     def test_threads_count_as_work_in_the_time_of_one(self):
         self.assertEqual(bench_run.threads_of({"1": rounds(2), "2": rounds(2.5)})["2"], Spread(1.6, 1.6, 1.6))
@@ -74,6 +76,11 @@ class PageTest(unittest.TestCase):
 
 
 class AimsTest(unittest.TestCase):
+    def test_growth_over_the_limit_is_missed(self):
+        tasks = {"grow_fast": {"growth_least": [(2000, 2.3)]}, "grow_slow": {"growth_least": [(2000, 2.0), (20000, 2.31)]},
+                 "grow_set_attributes": {"growth_least": [(2000, 4.0)]}}
+        self.assertEqual(bench_table.missed_aims({"tasks": tasks}), ["grow_slow/20000"])
+
     def test_only_an_aim_that_every_round_misses_counts(self):
         for most, expected in [(1.1, ["what/pugixml"]), (1.3, [])]:
             self.assertEqual(bench_table.missed_aims({"tasks": {"what": {"values": {"pugixml": Spread(1, 1, most)}}}}), expected)
