@@ -15,6 +15,7 @@
 #include "tests/qxrelay/Collector.h"
 #include "tests/qxrelay/NatsServer.h"
 #include "tests/qxrelay/QxrelayProcess.h"
+#include "tools/qxrelay/message/Message.h"
 #include "tools/qxrelay/stream/NatsAdmin.h"
 #include "tools/qxrelay/stream/NatsConsume.h"
 #include "tools/qxrelay/stream/NatsPublish.h"
@@ -61,9 +62,9 @@ class RelayReceiveProcess : public testing::Test {
     receiver_ = std::make_unique<QxrelayProcess>(arguments, dir_.File("log"), environment);
   }
 
-  void Append(std::uint64_t count, const std::string& report = "load") {
+  void Append(std::uint64_t count, const std::string& report = "load", std::uint32_t slots = 1000) {
     CReportFileBase store;
-    ASSERT_TRUE(store.Open(dir_.File("reports/" + report).c_str(), 1000));
+    ASSERT_TRUE(store.Open(dir_.File("reports/" + report).c_str(), slots));
     for (std::uint64_t i = 0; i < count; ++i) {
       const std::string text = report + " " + std::to_string(written_++);
       ASSERT_TRUE(store.writeLine(text.c_str()));
@@ -101,6 +102,50 @@ TEST_F(RelayReceiveProcess, KilledReceiversAndServersLoseAndRepeatNothing) {
   EXPECT_EQ(receiver_->End(SIGTERM), 0);
   EXPECT_LT(steady_clock::now() - begin, milliseconds(5000));
   EXPECT_THAT(Log(), HasSubstr("0 lost, 0 messages refused"));
+}
+
+// The number of records in all gap messages of the stream.
+std::uint64_t GapRecordsOfStream(const qx::relay::StreamSettings& settings) {
+  qx::relay::NatsConsume consumer(settings);
+  EXPECT_EQ(consumer.Connect("checker", 100, std::chrono::seconds(30)), std::nullopt);
+  std::vector<qx::relay::StreamMessage> messages;
+  EXPECT_EQ(consumer.Fetch(1000, std::chrono::milliseconds(200), messages), std::nullopt);
+  std::uint64_t count = 0;
+  for (const qx::relay::StreamMessage& message : messages) {
+    const qx::relay::DecodedMessage decoded = qx::relay::DecodeMessage(message.payload);
+    if (decoded.head.kind == qx::relay::MessageKind::kGap) count += decoded.head.count;
+  }
+  return count;
+}
+
+// A ring of 10 slots gets 35 records; the last 30 while the stream cannot be reached. The oldest slot of a full ring is
+// never sent, so 9 of them arrive.
+TEST_F(RelayReceiveProcess, AGapHasTheSameCountInStreamCollectorAndStatus) {
+  constexpr std::uint64_t kLost = 30 - 9;
+  Append(5, "load", 10);
+  Send();
+  Receive();
+  EXPECT_TRUE(Until([&] { return RecordsAt(dir_.File("root/h/load")).size() == 5; })) << Log();
+  server_.Kill();
+  Append(30, "load", 10);
+  server_.Restart();
+  EXPECT_TRUE(Until([&] { return RecordsAt(dir_.File("root/h/load")).size() == 5 + 9; })) << Log();
+  Lines expected;
+  for (std::uint64_t number = 0; number < 35; ++number) {
+    if (number < 5 || number >= 5 + kLost) expected.push_back("load " + std::to_string(number) + "\r\n");
+  }
+  EXPECT_EQ(RecordsAt(dir_.File("root/h/load")), expected);
+  EXPECT_EQ(GapRecordsOfStream(settings_), kLost);
+  std::string text;
+  const auto both_have_the_count = [&] {
+    std::filesystem::remove(dir_.File("status"));
+    (void)QxrelayProcess({"status", "--json", "--config", Config()}, dir_.File("status")).Wait();
+    text = qx::test::ReadFile(dir_.File("status"));
+    const std::string count = "\"gapRecords\": " + std::to_string(kLost) + ",";
+    const std::size_t at = text.find(count);
+    return at != std::string::npos && text.find(count, at + 1) != std::string::npos;
+  };
+  EXPECT_TRUE(Until(both_have_the_count)) << text;
 }
 
 TEST_F(RelayReceiveProcess, ASecondCollectorIsASecondCopy) {
