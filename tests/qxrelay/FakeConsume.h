@@ -90,10 +90,10 @@ class FakeConsume final : public relay::ConsumeStream {
     messages[last] = {subject, std::move(payload), std::exchange(newest[subject], last)};
     return last;
   }
-  // From now on only the other copy has the message; the consumer's copy has `instead` with the same sequence.
-  void MoveToOtherCopy(std::uint64_t sequence, const std::string& instead) {
+  // From now on only the other copy has the message; the consumer's copy has an earlier one with its sequence.
+  void MoveToOtherCopy(std::uint64_t sequence, std::uint64_t earlier) {
     other_copy[sequence] = messages.at(sequence);
-    messages.at(sequence) = messages.at(newest.at(instead));
+    messages.at(sequence) = messages.at(earlier);
   }
   // Delivers messages to a receiver that is killed before it handles them.
   void DeliverToNobody(std::uint64_t count) {

@@ -9,8 +9,8 @@
 #include <exception>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -21,6 +21,7 @@
 #include "tests/qxrelay/chaos/ChaosWriter.h"
 #include "tests/qxrelay/chaos/StreamCheck.h"
 #include "tests/support/Support.h"
+#include "tools/qxrelay/message/Message.h"
 #include "tools/qxrelay/stream/NatsConsume.h"
 
 // Inert: this program has no traces.
@@ -138,7 +139,6 @@ class Chaos {
       if (message.sequence != last + 1) Say("the checker misses message " + std::to_string(last + 1));
       last = message.sequence;
       TakeFromCopies(consumer, message, check);
-      newest_[message.subject] = message.sequence;
       check.Take(message);
     }
     return true;
@@ -147,24 +147,25 @@ class Chaos {
   // The consumer reads one copy of the stream, and a server that was stopped may have another copy than the others.
   // What is missing before the message is taken from a copy that has it.
   void TakeFromCopies(relay::NatsConsume& consumer, const relay::StreamMessage& message, StreamCheck& check) {
-    std::vector<relay::StreamMessage> missing;
-    const std::uint64_t newest = newest_[message.subject];
-    for (std::uint64_t before = message.before.value_or(0); before > newest;) {
-      std::optional<relay::StreamMessage> found = ReadFromAnyCopy(consumer, before, message.subject);
+    std::vector<relay::StreamMessage> missing = {message};
+    while (check.IsHoleBefore(missing.back())) {
+      std::optional<relay::StreamMessage> found = ReadBefore(consumer, missing.back());
       if (!found.has_value()) break;
-      before = found->before.value_or(0);
       missing.push_back(std::move(*found));
     }
-    from_other_copies_ += missing.size();
-    for (auto at = missing.rbegin(); at != missing.rend(); ++at) check.Take(*at);
+    from_other_copies_ += missing.size() - 1;
+    for (auto at = missing.rbegin(); at + 1 != missing.rend(); ++at) check.Take(*at);
   }
 
-  static std::optional<relay::StreamMessage> ReadFromAnyCopy(relay::NatsConsume& consumer, std::uint64_t sequence,
-                                                             const std::string& subject) {
-    for (std::size_t copy = 0; copy < consumer.Copies(); ++copy) {
+  // The message of the same report directly before this one, from any copy that has it.
+  static std::optional<relay::StreamMessage> ReadBefore(relay::NatsConsume& consumer,
+                                                        const relay::StreamMessage& next) {
+    const relay::MessageHead head = relay::DecodeMessage(next.payload).head;
+    for (std::size_t copy = 0; copy < consumer.Copies() && next.before.value_or(0) != 0; ++copy) {
       relay::StreamMessage message;
-      const bool has_it = consumer.ReadFromCopy(copy, sequence, message) == relay::CopyAnswer::kMessage;
-      if (has_it && message.subject == subject) return message;
+      const relay::CopyAnswer answer = consumer.ReadFromCopy(copy, *next.before, message);
+      if (answer != relay::CopyAnswer::kMessage || message.subject != next.subject) continue;
+      if (relay::DecodeMessage(message.payload).head.Next() >= head.first) return message;
     }
     return std::nullopt;
   }
@@ -234,7 +235,6 @@ class Chaos {
   ChaosFleet fleet_;
   std::vector<std::unique_ptr<ChaosReport>> reports_;
   std::vector<std::unique_ptr<ChaosWriter>> writers_;
-  std::map<std::string, std::uint64_t> newest_;  // sequence of the subject's newest message that was taken
   std::uint64_t from_other_copies_ = 0;
 };
 

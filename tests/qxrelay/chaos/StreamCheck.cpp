@@ -88,6 +88,15 @@ StreamCheck::StreamCheck(const std::vector<ChaosReport*>& reports, std::function
   for (ChaosReport* const report : reports) reports_.try_emplace(report->FullName(), *report, say_);
 }
 
+bool StreamCheck::IsHoleBefore(const relay::StreamMessage& stored) const {
+  const std::optional<relay::Subject> subject = relay::SubjectOfText(kPrefix, stored.subject);
+  const relay::DecodedMessage message = relay::DecodeMessage(stored.payload);
+  if (!subject.has_value() || message.fault != relay::MessageFault::kNone) return false;
+  if (subject->branch != relay::Branch::kReport) return false;
+  const auto report = reports_.find(subject->host + "/" + subject->report);
+  return report != reports_.end() && report->second.IsHoleBefore(message.head);
+}
+
 void StreamCheck::Take(const relay::StreamMessage& stored) {
   ++verdict_.messages;
   const std::optional<relay::Subject> subject = relay::SubjectOfText(kPrefix, stored.subject);

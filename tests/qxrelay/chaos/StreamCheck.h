@@ -45,6 +45,10 @@ class ReportCheck {
       : report_(report), say_(std::move(say)) {}
 
   void Take(const relay::MessageHead& head, const std::vector<std::string_view>& texts, Verdict& verdict);
+  // Whether records before the message are missing.
+  [[nodiscard]] bool IsHoleBefore(const relay::MessageHead& head) const {
+    return head.incarnation == incarnation_ && head.first > next_;
+  }
   // Whether the stream has or counts everything that was written.
   [[nodiscard]] bool IsComplete() { return next_ == report_.Count(); }
   // How many of the newest records are not in the stream.
@@ -70,6 +74,7 @@ class StreamCheck {
  public:
   StreamCheck(const std::vector<ChaosReport*>& reports, std::function<void(const std::string&)> say);
 
+  [[nodiscard]] bool IsHoleBefore(const relay::StreamMessage& message) const;
   // A message in the order of the stream.
   void Take(const relay::StreamMessage& message);
   [[nodiscard]] bool IsComplete();

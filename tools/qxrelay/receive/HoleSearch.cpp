@@ -10,10 +10,17 @@ constexpr int kFoundMax = 1000;     // messages of one hole that are read again
 
 }  // namespace
 
-bool HoleSearch::Seek(std::uint64_t sequence) {
+bool HoleSearch::Seek(std::uint64_t sequence, const MessageHead& next) {
   if (sequence == given_up_) return false;
-  if (!sought_.has_value()) sought_ = sequence;
+  if (sought_.has_value()) return true;
+  sought_ = sequence;
+  incarnation_ = next.incarnation;
+  first_ = next.first;
   return true;
+}
+
+bool HoleSearch::IsSought(const MessageHead& head) const {
+  return head.incarnation == incarnation_ && head.Next() >= first_;
 }
 
 void HoleSearch::Found() {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "tools/qxrelay/message/Message.h"
 #include "tools/qxrelay/receive/ReceiveContext.h"
 
 namespace qx::relay {
@@ -14,14 +15,17 @@ namespace qx::relay {
 // Threads: one thread. Owns: values.
 class HoleSearch {
  public:
-  // The queue is read from its front: the first hole in it counts. [owning thread]
+  // Starts a pass over the queue, in which the first hole counts. [owning thread]
   void BeginPass() { sought_.reset(); }
-  // Whether the message of this sequence is to be awaited, because a copy of the stream may have it. [owning thread]
-  [[nodiscard]] bool Seek(std::uint64_t sequence);
+  // Whether the message of this sequence, directly before `next`, is to be awaited, because a copy of the stream may
+  // have it. [owning thread]
+  [[nodiscard]] bool Seek(std::uint64_t sequence, const MessageHead& next);
   // The queue has no hole any more. [owning thread]
   void EndHole() { found_ = 0; }
 
   [[nodiscard]] std::optional<std::uint64_t> Sought() const { return sought_; }
+  // Whether a message of the sought sequence is the sought one: a copy that differs has another one. [owning thread]
+  [[nodiscard]] bool IsSought(const MessageHead& head) const;
   // A copy has the sought message. [owning thread]
   void Found();
   // No copy has it; `is_certain`: each of them said so. [owning thread]
@@ -31,6 +35,8 @@ class HoleSearch {
   void GiveUp();
 
   std::optional<std::uint64_t> sought_;
+  std::uint64_t incarnation_ = 0;  // of the message after the hole
+  std::uint64_t first_ = 0;        // the number of its first record
   std::optional<std::uint64_t> found_last_;
   std::optional<std::uint64_t> given_up_;
   std::optional<TimeMs> sought_since_;

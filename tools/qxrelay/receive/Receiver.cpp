@@ -306,6 +306,8 @@ bool Receiver::SeekFor(TimeMs now, Entry& entry, std::uint64_t sequence) {
     const CopyAnswer answer = context_.stream.ReadFromCopy(copy, sequence, message);
     if (answer == CopyAnswer::kUnknown) is_certain = false;
     if (answer != CopyAnswer::kMessage || message.subject != subject) continue;
+    const DecodedMessage decoded = DecodeMessage(message.payload);
+    if (decoded.fault != MessageFault::kNone || !entry.collector.Holes().IsSought(decoded.head)) continue;
     ++context_.counters.read_again;
     entry.collector.Holes().Found();
     Sort(std::move(message));

@@ -272,7 +272,8 @@ bool ReportCollector::IsNext(std::uint64_t sequence, const Queued& message) cons
 // The consumer says that nothing will come before this message. But its copy of the stream may lack a message that the
 // others have, or the files have lost what was in them.
 bool ReportCollector::MayBeElsewhere(const Queued& message) {
-  return message.before.has_value() && *message.before >= context_.state.first && holes_.Seek(*message.before);
+  return message.before.has_value() && *message.before >= context_.state.first &&
+         holes_.Seek(*message.before, message.head);
 }
 
 std::string ReportCollector::SubjectText() const {
