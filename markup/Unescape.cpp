@@ -20,7 +20,7 @@ constexpr std::size_t kReferenceCharsMax = 9;
 
 // The length of text that is unescaped before it is appended, and the most that may be written after it: the rest of a
 // wide block, a reference that begins in it, and a whole block of 16 bytes. No character is longer than its reference.
-constexpr std::size_t kStretchBytes = 1024;
+constexpr std::size_t kUnescapeBytes = 1024;
 constexpr std::size_t kOverrunBytes = 128;
 
 int DigitValue(char c) { return IsClass(c, kDigit) ? c - '0' : c - 'a' + 10; }
@@ -148,9 +148,9 @@ char* UnescapeWideBlock(const char*& p, const char* end, char* to) {
 }
 #endif
 
-// Unescapes about kStretchBytes from `p` on and moves `p` past them; returns the end of what was written to `to`.
+// Unescapes about kUnescapeBytes from `p` on and moves `p` past them; returns the end of what was written to `to`.
 char* UnescapeStretch(const char*& p, const char* end, char* to) {
-  const char* const stretch_end = p + std::min<std::ptrdiff_t>(end - p, kStretchBytes);
+  const char* const stretch_end = p + std::min<std::ptrdiff_t>(end - p, kUnescapeBytes);
 #if defined(__SSE2__)
   while (p < stretch_end && end - p >= kWideBlockBytes + kScanBlockBytes) to = UnescapeWideBlock(p, end, to);
 #endif
@@ -185,7 +185,7 @@ void AppendUnescaped(std::string& out, std::string_view text, int flags) {
   const char* p = FindAnyOf<'&'>(text.data(), end);
   out.append(text.data(), p);
   while (p != end) {
-    char buffer[kStretchBytes + kOverrunBytes];
+    char buffer[kUnescapeBytes + kOverrunBytes];
     char* const to = UnescapeStretch(p, end, buffer);
     out.append(buffer, to);
   }
