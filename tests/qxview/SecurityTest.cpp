@@ -272,15 +272,35 @@ TEST_F(ViewSecurity, StreamsAreLimitedAndOthersAreAnsweredThen) {
   EXPECT_EQ(server.Get("overview").status, 200);
 }
 
+// The exit code of qxview with these words after the state directory; what it says is in `problem`.
+int StartRefused(const TempDir& dir, const std::string& words, std::string& problem) {
+  const std::string command =
+      std::string(QX_QXVIEW) + " --state " + dir.File("state") + " " + words + " 2>" + dir.File("problem");
+  const int status = std::system(("exec timeout 20 " + command).c_str());
+  problem = ReadFile(dir.File("problem"));
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 TEST_F(ViewSecurity, ForeignAddressesAreRefusedAtTheStart) {
+  std::string problem;
   for (const char* const address :
        {"0.0.0.0:8070", "192.0.2.1:8070", "[::]:8070", "localhost:8070", "8070", "127.0.0.1:x"}) {
-    const std::string command = std::string(QX_QXVIEW) + " --reports " + dir_.File("reports") + " --state " +
-                                dir_.File("state") + " --listen " + address + " 2>" + dir_.File("problem");
-    EXPECT_NE(std::system(command.c_str()), 0);
-    EXPECT_THAT(ReadFile(dir_.File("problem")), HasSubstr("is no address of this machine's loopback network"))
-        << address;
+    EXPECT_NE(StartRefused(dir_, "--reports " + dir_.File("reports") + " --listen " + address, problem), 0);
+    EXPECT_THAT(problem, HasSubstr("is no address of this machine's loopback network")) << address;
   }
+}
+
+TEST_F(ViewSecurity, RefusedStartSaysWhichOptionToChange) {
+  const ViewServer server(Arguments());
+  const std::string port = std::to_string(server.Port());
+  const std::string reports = "--reports " + dir_.File("reports");
+  std::string problem;
+  EXPECT_EQ(StartRefused(dir_, reports + " --listen 127.0.0.1:" + port, problem), 6);
+  EXPECT_THAT(problem, HasSubstr("Address already in use; give another one with --listen (port 0: any free one)"));
+  EXPECT_EQ(StartRefused(dir_, "--reports " + dir_.File("none"), problem), 4);
+  EXPECT_THAT(problem, HasSubstr("there is no directory " + dir_.File("none") + "; --reports names another one"));
+  EXPECT_EQ(StartRefused(dir_, reports + " --socket ''", problem), 2);
+  EXPECT_THAT(problem, HasSubstr("--socket: the path is empty"));
 }
 
 }  // namespace qx::test

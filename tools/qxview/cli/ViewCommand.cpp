@@ -65,7 +65,7 @@ Status FindDirectory(const Values& values, std::string& directory) {
   }
   std::error_code error;
   if (!std::filesystem::is_directory(directory, error)) {
-    return {ExitCode::kNotFound, "there is no directory " + ctl::Visible(directory)};
+    return {ExitCode::kNotFound, "there is no directory " + ctl::Visible(directory) + "; --reports names another one"};
   }
   directory = std::filesystem::absolute(directory, error).string();
   return {};
@@ -74,6 +74,7 @@ Status FindDirectory(const Values& values, std::string& directory) {
 Status OptionsOf(const Values& values, Options& options) {
   options.listen = values.Text("--listen", kListenDefault);
   options.socket = values.Text("--socket");
+  if (values.Has("--socket") && options.socket.empty()) return {ExitCode::kUsage, "--socket: the path is empty"};
   options.state = StateDirectory(values);
   options.site.trace_directory = values.Text("--traces");
   if (options.site.trace_directory.empty()) options.site.trace_directory = ctl::TraceDirectoryHere();

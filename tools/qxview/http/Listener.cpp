@@ -25,9 +25,10 @@ Listener Refused(std::string problem) {
   return listener;
 }
 
-Listener Failed(const std::string& what) {
+Listener Failed(const std::string& what, std::string_view option) {
   const int error = errno;
-  return Refused("cannot listen on " + what + ": " + std::strerror(error));
+  const std::string advice = error == EADDRINUSE ? "; give another one with " + std::string(option) : "";
+  return Refused("cannot listen on " + what + ": " + std::strerror(error) + advice);
 }
 
 file::Descriptor NewSocket(int family) {
@@ -87,7 +88,7 @@ Listener ListenOnLoopback(std::string_view address, int backlog) {
   const auto* const name = reinterpret_cast<const sockaddr*>(&loopback->address);
   const bool is_open = listener.socket.IsOpen() && bind(listener.socket.Number(), name, size) == 0 &&
                        listen(listener.socket.Number(), backlog) == 0;
-  if (!is_open) return Failed(text);
+  if (!is_open) return Failed(text, "--listen (port 0: any free one)");
   listener.port = PortOf(listener.socket.Number());
   listener.address = text.substr(0, text.rfind(':') + 1) + std::to_string(listener.port);
   return listener;
@@ -101,7 +102,7 @@ Listener ListenOnPath(const std::string& path, int backlog) {
   listener.socket = NewSocket(AF_UNIX);
   const bool is_open = listener.socket.IsOpen() && BindPrivate(listener.socket.Number(), *address) &&
                        listen(listener.socket.Number(), backlog) == 0;
-  if (!is_open) return Failed(path);
+  if (!is_open) return Failed(path, "--socket");
   listener.address = "localhost";
   return listener;
 }
