@@ -86,20 +86,33 @@ void LiveDesk::Events(const ExchangePtr& exchange) {
   Subscribe(stream, read.view);
 }
 
+// The stream begins when each worker knows it: otherwise a page could miss what happens directly after the beginning.
 void LiveDesk::Subscribe(StreamId stream, const ViewRequest& view) {
+  std::vector<std::pair<Worker*, Worker::Task>> tasks;
   if (view.records.has_value()) {
-    report_worker_.Add([this, stream, watch = *view.records] { reports_.Subscribe(stream, watch); });
+    tasks.emplace_back(&report_worker_, [this, stream, watch = *view.records] { reports_.Subscribe(stream, watch); });
   }
   if (view.overview.has_value()) {
-    survey_worker_.Add([this, stream, only = *view.overview, after = view.After("overview")] {
+    tasks.emplace_back(&survey_worker_, [this, stream, only = *view.overview, after = view.After("overview")] {
       survey_.SubscribeOverview(stream, only, after);
     });
   }
   if (view.has_findings) {
-    survey_worker_.Add([this, stream, after = view.After("findings")] { survey_.SubscribeFindings(stream, after); });
+    tasks.emplace_back(&survey_worker_,
+                       [this, stream, after = view.After("findings")] { survey_.SubscribeFindings(stream, after); });
   }
   if (view.traces.has_value()) {
-    trace_worker_.Add([this, stream, watch = *view.traces] { traces_.Subscribe(stream, watch); });
+    tasks.emplace_back(&trace_worker_, [this, stream, watch = *view.traces] { traces_.Subscribe(stream, watch); });
+  }
+  if (tasks.empty()) return hub_.Begin(stream);
+  const auto left = std::make_shared<std::size_t>(tasks.size());  // of the server's thread
+  for (auto& [worker, task] : tasks) {
+    worker->Add([this, stream, left, subscribe = std::move(task)] {
+      subscribe();
+      loop_.Post([this, stream, left] {
+        if (--*left == 0) hub_.Begin(stream);
+      });
+    });
   }
 }
 

@@ -24,10 +24,13 @@ StreamId StreamHub::Open(Exchange& exchange, Cursors cursors, Leave leave) {
   HttpReply head;
   head.type = "text/event-stream";
   head.headers = {{"Cache-Control", "no-store"}, {"X-Accel-Buffering", "no"}};
-  std::shared_ptr<ReplyStream> stream = exchange.Stream(std::move(head));
-  stream->Send(Beginning());
-  entries_.emplace(++last_, Entry{std::move(stream), std::move(cursors), std::move(leave), Clock::now()});
+  entries_.emplace(++last_,
+                   Entry{exchange.Stream(std::move(head)), std::move(cursors), std::move(leave), Clock::now()});
   return last_;
+}
+
+void StreamHub::Begin(StreamId stream) {
+  if (const auto found = entries_.find(stream); found != entries_.end()) found->second.stream->Send(Beginning());
 }
 
 void StreamHub::Send(const std::vector<StreamId>& streams, const LiveEvent& event) {

@@ -25,6 +25,8 @@ class StreamHub {
 
   // Answers the exchange with a new stream. [owning thread]
   [[nodiscard]] StreamId Open(Exchange& exchange, Cursors cursors, Leave leave);
+  // Writes the first line of the stream. The page gets whatever happens from then on. [owning thread]
+  void Begin(StreamId stream);
   // [owning thread]
   void Send(const std::vector<StreamId>& streams, const LiveEvent& event);
   [[nodiscard]] std::size_t Count() const { return entries_.size(); }
