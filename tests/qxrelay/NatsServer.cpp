@@ -68,7 +68,10 @@ void NatsServer::Restart(std::string config) {
 
 void NatsServer::EraseStore() { std::filesystem::remove_all(dir_.File("store")); }
 
-void NatsServer::Pause() { kill(process_, SIGSTOP); }
+void NatsServer::Pause() {
+  kill(process_, SIGSTOP);
+  waitpid(process_, nullptr, WUNTRACED);  // its threads may run on for a moment
+}
 
 void NatsServer::Continue() { kill(process_, SIGCONT); }
 

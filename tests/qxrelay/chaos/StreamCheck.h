@@ -55,6 +55,9 @@ class ReportCheck {
   void Finish(Verdict& verdict);
 
   [[nodiscard]] const std::vector<Range>& Gaps() const { return gaps_; }
+  // Whether a gap message has these records, which another copy of the stream has. A leader that was stopped may have
+  // stored them alone: a collector that reads another copy has the gap.
+  [[nodiscard]] bool IsGapOfACopy(std::uint64_t first, std::uint64_t next) const;
   [[nodiscard]] ChaosReport& Report() const { return report_; }
 
  private:
@@ -67,6 +70,7 @@ class ReportCheck {
   std::uint64_t incarnation_ = 0;
   std::uint64_t next_ = 0;
   std::vector<Range> gaps_;
+  std::vector<Range> gaps_of_copies_;  // of gap messages for records that were taken before
 };
 
 // All reports. Threads: one thread.

@@ -62,8 +62,8 @@ void Worker::RunStep(Steps steps, bool is_last_of_turn) {
   bool is_done = true;
   try {
     is_done = steps(is_last_of_turn);
-    if (!is_done && is_last_of_turn) long_tasks_.push_back(std::move(steps));
-    if (!is_done && !is_last_of_turn) long_tasks_.push_front(std::move(steps));
+    const auto place = is_last_of_turn ? long_tasks_.end() : long_tasks_.begin();
+    if (!is_done) long_tasks_.insert(place, std::move(steps));
   } catch (const std::bad_alloc&) {
     is_done = true;
   }
