@@ -64,6 +64,17 @@ TEST(RelayHoleSearch, AHoleOfTooManyMessagesIsGivenUp) {
   EXPECT_TRUE(search.Seek(sequence - 1, Head(1, 2)));
 }
 
+TEST(RelayHoleSearch, EachHoleMayHaveAThousandMessages) {
+  HoleSearch search;
+  for (std::uint64_t sequence = 1; sequence <= 1500; ++sequence) {
+    if (sequence == 750) search.EndHole();
+    search.BeginPass();
+    ASSERT_TRUE(search.Seek(sequence, Head(sequence, sequence + 1)));
+    search.Found();
+    EXPECT_TRUE(search.Seek(sequence, Head(sequence, sequence + 1))) << "message " << sequence << " is given up";
+  }
+}
+
 TEST(RelayHoleSearch, AMessageThatNoCopyHasIsGivenUpInTime) {
   for (const bool is_certain : {true, false}) {
     HoleSearch search;
