@@ -152,7 +152,10 @@ void CheckCollected(const std::string& path, ReportCheck& report, const std::fun
     skip_gaps();
     const std::optional<std::uint64_t> number = NumberOfRecord(name, record.text);
     ++verdict.records;
-    if (number > next && report.IsGapOfACopy(next, *number)) next = *number;
+    if (number > next && report.IsGapOfACopy(next, *number)) {
+      next = *number;
+      while (gap != report.Gaps().end() && gap->first < next) ++gap;
+    }
     if (number == next) {
       ++next;
       continue;
