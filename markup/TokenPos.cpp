@@ -29,7 +29,7 @@ bool EndsTag(char c, char& quote) {
 }
 
 #if defined(__SSE2__)
-// The blocks of a start tag, searched in turn for angle brackets outside quotes. One bit stands for one byte.
+// Searches a start tag, block by block, for angle brackets outside quotes. Each bit is for one byte of the block.
 struct TagBlocks {
   unsigned open = 0;      // all bits are set if the block before ends inside quotes
   unsigned brackets = 0;  // of the current block
