@@ -21,26 +21,28 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 # Which package has a command. None: every Debian system has it (an essential package, or the shell itself).
 BASE = """
-. : [ [[ apt-get awk basename bash break builtin cat cd chmod chown chroot cmp comm command continue cp cut date
+. : [ [[ apt-cache apt-get awk basename bash break builtin cat cd chmod chown chroot cmp comm command continue cp cut date
 declare diff dirname dpkg dpkg-query echo env eval exec exit export false find flock fold grep groupadd gzip head
 hostname id install kill ln local ls mapfile mkdir mktemp mount mv nice nproc numfmt od printf pwd read readlink readonly
 realpath return rev rm rmdir runuser sed seq set setpriv sh sha256sum shift shopt sleep sort source stat su sudo tail
 tar tee test timeout touch tr trap true umask umount uname uniq unset unshare useradd wait wc while xargs yes
 """.split()
 COMMANDS = dict.fromkeys(BASE) | {
+    "aarch64-linux-gnu-g++": "g++-aarch64-linux-gnu",
     "abidiff": "abigail-tools", "abidw": "abigail-tools", "analyze-build-14": "clang-tools", "bats": "bats",
     "chromedriver": "chromium-driver", "chromium": "chromium",
     "clang": "clang", "clang++": "clang", "clang-format": "clang-format", "clang-tidy": "clang-tidy", "cmake": "cmake",
     "cpack": "cmake", "cppcheck": "cppcheck", "ctest": "cmake", "deb-systemd-helper": None, "deb-systemd-invoke": None,
     "debootstrap": None, "dpkg-deb": None,
     "dpkg-parsechangelog": "dpkg-dev", "fish": "fish", "g++": "g++", "gcov": "g++", "gcovr": "gcovr", "git": None, "gnuplot": "gnuplot-nox",
+    "ip": "iproute2",
     "lintian": "lintian", "llvm-symbolizer": "llvm", "make": "make", "man": None, "nats-server": "nats-server", "ninja": "ninja-build",
     "nm": "binutils",
     "objdump": "binutils", "pkg-config": "pkg-config", "pkgconf": "pkg-config", "python3": "python3", "readelf": "binutils",
     "scdoc": "scdoc", "skip": "bats", "shellcheck": "shellcheck", "strace": "strace", "strings": "binutils", "strip": "binutils",
     "systemctl": "systemd", "systemd-sysusers": "systemd", "systemd-tmpfiles": "systemd",
     "qxagent": None, "qxctl": None, "qxview": None,  # of the packages that a script tests
-    "zsh": "zsh",
+    "xz": "xz-utils", "zsh": "zsh",
 }
 # The other packages that a package depends on.
 BRINGS = {"g++": {"binutils"}, "clang": {"binutils"}, "clang-tools": {"python3"}, "gcovr": {"python3"},
@@ -64,6 +66,7 @@ TIERS_OF = [
     ("script/bench", ["bench", "plot"]),  # the second only for --plot
     ("script/emulated", ["arm64"]),
     ("script/house_style.py", ["test"]),
+    ("script/release", ["release", "arm64"]),
     ("script/join_sources.py", ["test"]),
     ("script/own_includes.py", ["test"]),
     ("script/plain_english.py", ["test"]),
