@@ -17,6 +17,7 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "agent/Reports.h"
 #include "agent/Samples.h"
@@ -206,7 +207,9 @@ class Agent {
   bool TakeSample(double seconds_since) {
     const std::string stamp = Stamp();
     bool is_stored = true;
-    for (const qx::agent::Sample& sample : samples_.Take(ReadProc(), seconds_since)) {
+    const std::vector<qx::agent::Sample> samples = samples_.Take(ReadProc(), seconds_since);
+    reports_.CloseOthers(samples);
+    for (const qx::agent::Sample& sample : samples) {
       const qx::Error error = reports_.Append(sample.report, stamp + sample.text);
       if (!error.Failed()) continue;
       is_stored = false;

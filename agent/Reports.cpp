@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "base/File.h"
 
 namespace qx::agent {
@@ -29,6 +31,13 @@ Error Reports::Append(const std::string& name, const std::string& text) {
   Error error = report.Append(text);
   if (error.Failed()) report.Close();
   return error;
+}
+
+void Reports::CloseOthers(const std::vector<Sample>& samples) {
+  std::erase_if(writers_, [&samples](const auto& writer) {
+    return std::none_of(samples.begin(), samples.end(),
+                        [&writer](const Sample& sample) { return sample.report == writer.first; });
+  });
 }
 
 }  // namespace qx::agent

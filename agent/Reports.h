@@ -1,11 +1,13 @@
-// The reports of the agent: each is opened when its first record comes.
+// The reports of the agent: each is opened when its first record comes, and closed when its device is gone.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "agent/Samples.h"
 #include "sdk/Writer.h"
 
 namespace qx::agent {
@@ -20,6 +22,9 @@ class Reports {
 
   // Appends a record to the report of this name, which may contain "/". [owning thread]
   [[nodiscard]] Error Append(const std::string& name, const std::string& text);
+
+  // Closes the reports that have no record in this sample: names of devices come and go. [owning thread]
+  void CloseOthers(const std::vector<Sample>& samples);
 
  private:
   std::string directory_;

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
+#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -106,6 +107,13 @@ bool IsReportName(std::string_view name) {
   return is_plain && !name.empty() && name.size() <= kNameBytesMax && name.front() != '.';
 }
 
+// Docker names the bridge of a network "br-" and twelve digits of its number.
+bool IsContainerBridge(std::string_view name) {
+  constexpr std::size_t kBytes = 15;
+  return name.starts_with("br-") && name.size() == kBytes &&
+         name.find_first_not_of("0123456789abcdef", 3) == std::string_view::npos;
+}
+
 // How much each counter grew; empty if there was no counter before, or one of them fell: it began again.
 std::vector<double> Growth(const std::vector<std::uint64_t>& before, const std::vector<std::uint64_t>& now) {
   if (before.size() != now.size()) return {};
@@ -150,7 +158,10 @@ bool IsSampledDisk(std::string_view name) {
 }
 
 bool IsSampledInterface(std::string_view name) {
-  return IsReportName(name) && name != "lo" && !name.starts_with("veth");
+  constexpr std::string_view kOfGuests[] = {"veth", "vnet", "tap", "cali"};
+  const auto begins_name = [name](std::string_view prefix) { return name.starts_with(prefix); };
+  return IsReportName(name) && name != "lo" && !IsContainerBridge(name) &&
+         std::none_of(std::begin(kOfGuests), std::end(kOfGuests), begins_name);
 }
 
 std::vector<Sample> Samples::Take(const ProcTexts& texts, double seconds) {

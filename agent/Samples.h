@@ -48,7 +48,7 @@ class Samples {
 };
 
 // Whether a device gets a report: its name can be that of a report, and it is not a loop device, a RAM disk, a loopback
-// or a virtual interface of a container. [any thread]
+// or an interface of a container or virtual machine: these get a new name with each start. [any thread]
 [[nodiscard]] bool IsSampledDisk(std::string_view name);
 [[nodiscard]] bool IsSampledInterface(std::string_view name);
 

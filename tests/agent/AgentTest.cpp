@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/Reports.h"
 #include "agent/Samples.h"
 #include "reportfile/ReportFileBase.h"
 #include "tests/qxctl/RunQxctl.h"
@@ -136,11 +137,13 @@ TEST(AgentSamples, OnlyNamesOfReportsAreSampled) {
   for (const char* const name : {"", ".", "..", "../x", "a/b", "loop1", "ram0", "a\nb"}) {
     EXPECT_FALSE(agent::IsSampledDisk(name)) << name;
   }
-  for (const char* const name : {"eth0", "enp3s0", "br-lan", "eth0.7", "eth0:1"}) {
+  for (const char* const name :
+       {"eth0", "enp3s0", "br-lan", "br-facade", "br-00000000000x", "docker0", "eth0.7", "eth0:1"}) {
     EXPECT_TRUE(agent::IsSampledInterface(name)) << name;
   }
-  for (const char* const name : {"lo", "veth12", "..", "a/b", ""})
+  for (const char* const name : {"lo", "veth12", "vnet3", "tap0", "cali12", "br-0123456789ab", "..", "a/b", ""}) {
     EXPECT_FALSE(agent::IsSampledInterface(name)) << name;
+  }
 }
 
 TEST(AgentSamples, NumberOfDevicesIsBounded) {
@@ -149,6 +152,20 @@ TEST(AgentSamples, NumberOfDevicesIsBounded) {
   for (int i = 0; i < 100; ++i) disks += "8 0 sd" + std::to_string(i) + " 9 0 2048 5 9 0 1000 7 0 100 99\n";
   (void)samples.Take({.diskstats = disks}, 0);
   EXPECT_EQ(samples.Take({.diskstats = disks}, 1).size(), agent::kDevicesMax);
+}
+
+TEST_F(QxAgent, ReportsOfDevicesThatAreGoneAreClosed) {
+  agent::Reports reports(dir_.File("host"), 10);
+  const std::size_t before = OpenDescriptors();
+  for (int device = 0; device < 100; ++device) {
+    const std::string name = "disk/sd" + std::to_string(device);
+    reports.CloseOthers({{"load", "1"}, {name, "2"}});
+    ASSERT_FALSE(reports.Append("load", "1").Failed());
+    ASSERT_FALSE(reports.Append(name, "2").Failed());
+  }
+  EXPECT_LE(OpenDescriptors(), before + 6) << "two reports, with two files each, and their locks";
+  EXPECT_EQ(RecordsOfReport(dir_.File("host/load")).size(), 10U);
+  EXPECT_EQ(RecordsOfReport(dir_.File("host/disk/sd7")), std::vector<std::string>({"2\r\n"}));
 }
 
 TEST_F(QxAgent, ServiceManagerHearsWhatTheAgentDoes) {

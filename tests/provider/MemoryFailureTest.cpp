@@ -78,7 +78,7 @@ TEST_F(MemoryFailure, FailedAllocationLeavesTheTransferIntact) {
   const std::string input = "<ReportData Name=\"r1\" StartIndex=\"0\"/>";
   ServiceThread thread;
   const Reply whole = thread.GetReports(input);
-  const std::ptrdiff_t open = OpenDescriptors();
+  const std::size_t open = OpenDescriptors();
   int nth = 0;
   for (bool failed = true; failed; ++nth) {
     CMarkup in;
@@ -108,7 +108,7 @@ TEST_F(MemoryFailure, FailedAllocationInAListOfNamesLeaksNothing) {
   qx::test::WriteFile(directory_.File("r1.names"), "[Quaxel Report Instances]\nVersion=1\n[Names]\n1=a\n2=b\n");
   ServiceThread thread;
   (void)thread.Ask("none", 1);
-  const std::ptrdiff_t open = OpenDescriptors();
+  const std::size_t open = OpenDescriptors();
   int nth = 0;
   for (bool failed = true; failed; ++nth) {
     CMarkup in;

@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <filesystem>
-#include <iterator>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -99,11 +97,6 @@ inline void AppendRecords(const std::string& base_path, unsigned slots, const st
   CReportFileBase store;
   ASSERT_TRUE(store.Open(base_path.c_str(), slots));
   for (const std::string& record : records) ASSERT_TRUE(store.writeLine(record.c_str()));
-}
-
-// The number of open descriptors of this process.
-inline std::ptrdiff_t OpenDescriptors() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
 }
 
 class TransferFixture : public testing::Test {

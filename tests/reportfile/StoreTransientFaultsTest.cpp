@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <string>
 
 #include "base/File.h"
@@ -46,10 +45,6 @@ class StoreTransientFaults : public testing::Test {
     EXPECT_EQ(OpenDescriptors(), before);
     EXPECT_FALSE(store.writeLine("lost"));
     return error;
-  }
-  static std::size_t OpenDescriptors() {
-    const std::filesystem::directory_iterator begin("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin, {}));
   }
 
   StoreFiles files_;

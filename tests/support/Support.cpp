@@ -96,6 +96,11 @@ void WriteFile(const std::string& path, std::string_view bytes) {
   if (!out) throw std::runtime_error("cannot write " + path);
 }
 
+std::size_t OpenDescriptors() {
+  const std::filesystem::directory_iterator begin("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin, {}));
+}
+
 bool Exists(const std::string& path) { return std::filesystem::exists(std::filesystem::symlink_status(path)); }
 
 std::string HexDump(std::string_view bytes) {

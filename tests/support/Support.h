@@ -29,6 +29,9 @@ std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, std::string_view bytes);
 bool Exists(const std::string& path);
 
+// The number of open descriptors of this process. Counting opens one more, always the same.
+std::size_t OpenDescriptors();
+
 // A registry file that says that the reports are in `directory`.
 std::string RegistryWithReportRoot(const std::string& directory);
 
