@@ -46,6 +46,12 @@ TEST_F(QxctlNames, BytesOfANameArePrintedAndControlBytesAreMadeVisible) {
   EXPECT_EQ(instances[2], json({{"number", "3"}, {"name", nullptr}, {"nameBase64", "5A=="}}));
 }
 
+TEST_F(QxctlNames, NameOfAReportThatIsNotUtf8IsInBase64) {
+  WriteFile(ReportPath("d\xE4") + ".names", "[Quaxel Report Instances]\nVersion=1\n[Names]\n");
+  EXPECT_EQ(json::parse(Qxctl({"names", "d\xE4", "--json"}).out),
+            json({{"report", nullptr}, {"reportBase64", "ZOQ="}, {"instances", json::array()}}));
+}
+
 TEST_F(QxctlNames, ReportWithoutNamesFileIsNotFound) {
   const Ran ran = Qxctl({"names", "disk"});
   EXPECT_EQ(ran.code, 4);

@@ -53,6 +53,17 @@ class QxctlResume : public testing::Test, protected QxctlFixture {
 
 }  // namespace
 
+TEST_F(QxctlResume, NamesThatAreNotUtf8AreKeptInTheState) {
+  MakeReport("d\xE4", 9, {"a", "b"});
+  const Texts command = {"fetch", "d\xE4", "--resume", "state", "-o", "out\xE4"};
+  EXPECT_EQ(Qxctl(command).code, 0);
+  Append("d\xE4", {"c"});
+  const Ran second = Qxctl(command);
+  EXPECT_EQ(second.code, 0) << second.err;
+  EXPECT_EQ(File("out\xE4"), "a\r\nb\r\nc\r\n");
+  EXPECT_EQ(State()["reportBase64"], "ZOQ=");
+}
+
 TEST_F(QxctlResume, FirstRunPrintsEveryRecordAndLaterRunsNewOnes) {
   MakeReport("load", 9, {"a", "b"});
   const Ran first = Resume();

@@ -7,10 +7,12 @@
 #include <cstdio>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <utility>
 
 #include "base/tools/ReplacedFile.h"
 #include "tools/qxctl/cli/FileStatus.h"
+#include "tools/qxctl/module/CallFields.h"
 
 namespace qx::ctl {
 
@@ -39,11 +41,11 @@ Library StateJson(const FetchState& state) {
   Library overlap = Library::array();
   for (const std::uint64_t hash : state.position.overlap) overlap.push_back(HashText(hash));
   Library document = {{"qxctlFetchState", kStateVersion}};
-  document["report"] = state.report;
+  SetBytes(document, "report", state.report);
   document["format"] = NameOf(state.format.format);
   document["fields"] = state.format.separator;
   document["columns"] = state.columns;
-  document["output"] = state.output;
+  SetBytes(document, "output", state.output);
   document["outputBytes"] = nullptr;
   if (state.output_bytes) document["outputBytes"] = *state.output_bytes;
   document["next"] = state.position.next;
@@ -85,13 +87,21 @@ Number NumberAt(const Library& document, const char* key) {
   return value.get<Number>();
 }
 
+// A text under `key`, or bytes that are not UTF-8 under `key`Base64.
+bool ParseBytes(const Library& document, const char* key, std::string& bytes) {
+  std::optional<std::string> parsed;
+  std::string problem;
+  if (!FieldReader(document, problem).Bytes(key, parsed) || !parsed) return false;
+  bytes = *std::move(parsed);
+  return true;
+}
+
 // Throws the JSON library's exception if a key is missing or of another type.
 bool ParseState(const Library& document, FetchState& state) {
   if (NumberAt<int>(document, "qxctlFetchState") != kStateVersion) return false;
-  state.report = document.at("report").get<std::string>();
+  if (!ParseBytes(document, "report", state.report) || !ParseBytes(document, "output", state.output)) return false;
   state.format.separator = document.at("fields").get<std::string>();
   state.columns = NumberAt<std::uint32_t>(document, "columns");
-  state.output = document.at("output").get<std::string>();
   if (!document.at("outputBytes").is_null()) state.output_bytes = NumberAt<std::uint64_t>(document, "outputBytes");
   state.position.next = NumberAt<std::uint32_t>(document, "next");
   state.position.delivered = NumberAt<std::uint64_t>(document, "delivered");

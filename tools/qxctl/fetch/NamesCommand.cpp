@@ -27,7 +27,10 @@ Json NamesJson(const std::string& report, const std::vector<Instance>& instances
     SetText(entry, "name", instance.name);
     list.Append(std::move(entry));
   }
-  return {{"report", report}, {"instances", std::move(list)}};
+  Json document;
+  SetText(document, "report", report);
+  document["instances"] = std::move(list);
+  return document;
 }
 
 std::string ToText(const std::vector<Instance>& instances) {

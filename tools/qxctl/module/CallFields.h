@@ -1,4 +1,4 @@
-// Internal: reads and checks the fields of a call file's objects.
+// Internal: reads and checks the fields of objects in a call file or the state of a fetch.
 #pragma once
 
 #include <cstdint>
