@@ -91,8 +91,8 @@ TEST_F(QxctlMissingReport, WithoutARegistryTheMessageLeadsToSetup) {
   const Ran ran = Qxctl({"report", "verify", "laod"});
   EXPECT_EQ(ran.err,
             "qxctl: no report laod in " + Reports() +
-                "; did you mean load? (no registry value names a report directory, so it is \"Reports\" in the "
-                "working directory; \"qxctl setup\" names one)\n");
+                "; did you mean load? (no registry value sets the report directory, so \"Reports\" in the working "
+                "directory is used; \"qxctl setup\" sets one)\n");
 }
 
 TEST_F(QxctlMissingReport, MissingOrEmptyDirectoryGetsTheCommandThatHelps) {

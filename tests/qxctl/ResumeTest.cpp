@@ -136,7 +136,7 @@ TEST_F(QxctlResume, RestartedReportIsReported) {
   const Ran ran = Resume();
   EXPECT_EQ(ran.code, 1);
   EXPECT_EQ(ran.out, "x\r\n");
-  EXPECT_THAT(ran.err, HasSubstr("qxctl: load: started over: it holds fewer records"));
+  EXPECT_THAT(ran.err, HasSubstr("qxctl: load: started over: it has fewer records than before"));
 }
 
 TEST_F(QxctlResume, MissingReportCreatesNoStateAndKeepsAnOldOne) {
@@ -157,7 +157,8 @@ TEST_F(QxctlResume, StateOfAnotherReportIsRefused) {
   const std::string state = File("state");
   const Ran report = Qxctl({"fetch", "other", "--resume", "state"});
   EXPECT_EQ(report.code, 5);
-  EXPECT_THAT(report.err, HasSubstr("state is the state of report \"load\"; give the same, or another state file"));
+  EXPECT_THAT(report.err, HasSubstr("state belongs to a fetch of report \"load\"; repeat that fetch, or name another "
+                                    "state file"));
   EXPECT_EQ(Resume({"-o", "out"}).code, 5);
   EXPECT_EQ(Resume({"--format", "json"}).code, 5);
   EXPECT_EQ(File("state"), state);

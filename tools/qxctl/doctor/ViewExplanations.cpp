@@ -7,7 +7,8 @@ namespace {
 
 constexpr Explanation kCodes[] = {
     {ExplainedKind::kView, "QX601", "The request has no valid session",
-     "The page was opened without the printed token, the session is older than 30 days, or the key was removed",
+     "The page was opened without the printed token, the session is older than 30 days, or the file STATE/key was "
+     "removed",
      "Open the address that qxview has printed; SIGHUP makes it print a new one"},
     {ExplainedKind::kView, "QX602", "The token is not valid",
      "It was used already, is older than five minutes, or was not copied as a whole",
@@ -20,8 +21,7 @@ constexpr Explanation kCodes[] = {
     {ExplainedKind::kView, "QX605", "There is no such page or document", "A mistyped address",
      "See docs/qxview-api.md"},
     {ExplainedKind::kView, "QX606", "The method is not allowed",
-     "The request was neither GET nor HEAD. As qxview changes nothing, it has no other method",
-     "Use GET; only the request for a session is a POST"},
+     "The request was neither GET nor HEAD, and not the POST for a session", "Use GET"},
     {ExplainedKind::kView, "QX607", "A parameter of the request is not valid",
      "It is not a number, is out of range, or is given too often", "Read the message, and see docs/qxview-api.md"},
     {ExplainedKind::kView, "QX608", "There is no such report", "It was removed, or no report has this name",

@@ -38,8 +38,7 @@ std::string EventText(const std::string& report, const ReportPoll& poll) {
       return report + ": ambiguous: records repeat, so it is not certain which are new; some may be missing, none is " +
              "printed twice";
     case PollEvent::kStartedOver:
-      return report +
-             ": started over: it holds fewer records than were printed, so it is a new report; records of the " +
+      return report + ": started over: it has fewer records than before, so it is a new report; records of the " +
              "old one that had not been printed are lost";
   }
   return "";

@@ -63,19 +63,21 @@ class ResumedFetch {
 
   // One state belongs to one report and one output.
   Status CheckState() const {
-    if (state_.report != options_.report) return NotOfThisRun("report \"" + state_.report + "\"");
+    if (state_.report != options_.report) return NotOfThisRun("of report \"" + state_.report + "\"");
     if (state_.output != options_.output) {
-      return NotOfThisRun(state_.output.empty() ? "standard output" : "the output file " + state_.output);
+      return NotOfThisRun(state_.output.empty() ? "to standard output" : "to the output file " + state_.output);
     }
     if (state_.format.format != options_.format.format || state_.format.separator != options_.format.separator) {
-      return NotOfThisRun(std::string("--format ") + NameOf(state_.format.format) +
-                          (state_.format.separator.empty() ? "" : " with --fields"));
+      return NotOfThisRun(std::string("with --format ") + NameOf(state_.format.format) +
+                          (state_.format.separator.empty() ? "" : " and --separator"));
     }
     return {};
   }
 
-  Status NotOfThisRun(const std::string& of) const {
-    return {ExitCode::kRefused, options_.state + " is the state of " + of + "; give the same, or another state file"};
+  // `how`: what distinguishes the fetch that left the state, such as "to standard output".
+  Status NotOfThisRun(const std::string& how) const {
+    return {ExitCode::kRefused,
+            options_.state + " belongs to a fetch " + how + "; repeat that fetch, or name another state file"};
   }
 
   Status OpenOutputFile() {

@@ -161,8 +161,8 @@ std::string WhatNamesTheDirectory(const ReportSettings& settings) {
       break;
   }
   const std::string none =
-      "no registry value names a report directory, so it is \"Reports\" in the working directory; ";
-  if (settings.mistakes.empty()) return none + "\"qxctl setup\" names one";
+      "no registry value sets the report directory, so \"Reports\" in the working directory is used; ";
+  if (settings.mistakes.empty()) return none + "\"qxctl setup\" sets one";
   const SettingMistake& first = settings.mistakes.front();
   const bool is_typo = first.kind != SettingMistake::Kind::kNoString;
   return none + Visible(first.found) + (is_typo ? " is nearly " + first.expected : " is not a string") +

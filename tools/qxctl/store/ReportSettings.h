@@ -56,7 +56,7 @@ struct ReportSettings {
 
 // Which value names the report directory, as a clause for a message.
 //   ReportRoot => "ReportRoot in HKEY_LOCAL_MACHINE/.../Setup names that directory"
-//   neither    => "no registry value names a report directory, so it is "Reports" in the working directory; ..."
+//   neither    => "no registry value sets the report directory, so "Reports" in the working directory is used; ..."
 [[nodiscard]] std::string WhatNamesTheDirectory(const ReportSettings& settings);
 
 }  // namespace qx::ctl
