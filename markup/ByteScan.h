@@ -1,7 +1,7 @@
 // Searches in text, sixteen bytes per step where the processor has SSE2 (every x86-64 has). A plain loop searches the
-// last bytes of a range, so nothing from `end` on is ever read.
+// last bytes of a range.
 //
-// All of them return `end` when they find nothing.
+// The functions Find... return `end` if they find nothing, and read nothing from `end` on.
 #pragma once
 
 #if defined(__SSE2__)

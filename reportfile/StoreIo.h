@@ -1,5 +1,5 @@
-// A store's files: which are accepted, and how they become the streams that the class owns. Reads and writes go through
-// base/File.h, on the descriptors of the streams.
+// A store's files: which are accepted, and how they become the streams that CReportFileBase owns. Reads and writes go
+// through base/File.h, on the descriptors of the streams.
 #pragma once
 
 #include <cstddef>

@@ -35,7 +35,7 @@ enum class ReadEvent : int {
   kNone = 0,
   kGap = 1,          // the ring has overwritten records that were not read yet
   kAmbiguous = 2,    // the records repeat, so that the place is not certain; some may be missing, none comes twice
-  kStartedOver = 3,  // there are fewer records than were read: the report is a new one
+  kStartedOver = 3,  // there are fewer records than before: the report is a new one
 };
 
 // A record of a loop. The text is in the reader: copy it to keep it.

@@ -18,7 +18,7 @@
 
 namespace qx::debug {
 
-// A file of more than this many bytes cannot be followed: a log is kept in memory twice.
+// A file of more than this many bytes cannot be followed: up to three copies of a log are in memory.
 constexpr std::uint64_t kFollowedBytesMax = std::uint64_t{256} << 20;
 
 // The time for which the newest entry of a log must be unchanged: a writer can be preempted in the middle of a write

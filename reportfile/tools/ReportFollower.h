@@ -51,7 +51,7 @@ enum class PollEvent {
   kNone,
   kGap,        // the last delivered records are gone: others may have been written and replaced meanwhile
   kAmbiguous,  // the records repeat, so that the position is not certain; records may be missing, but none comes twice
-  kStartedOver,  // there are fewer records than were delivered: the report is a new one
+  kStartedOver,  // there are fewer records than before: the report is a new one
 };
 
 struct ReportPoll {

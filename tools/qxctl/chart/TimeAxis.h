@@ -15,8 +15,8 @@ struct TimeTick {
   std::string label;
 };
 
-// Round times from `first_ms` to `last_ms`: as many as have labels that fit into `characters`, with at least one blank
-// between two labels.
+// The ticks of the axis: times from `first_ms` to `last_ms` that are round numbers. There are as many as fit: their
+// labels, with at least one blank between two of them, take at most `characters`.
 //   10:20:30 to 10:49:00 the same day, 40  => 10:25, 10:30, 10:35, 10:40, 10:45
 //   two days from 10:20 on, 40             => 12:00, 01-31, 12:00, 02-01
 //   a month, 40                            => 2026-02-12, 2026-02-26

@@ -1,5 +1,5 @@
 // Finds the slots of an index file that are stored. A sparse file of 4 KiB can have a hole of billions of slots, which
-// all read as offset 0. A writer leaves no hole, because only one of its records is at offset 0.
+// all read as offset 0. A writer leaves no such hole: in its file at most one record is at offset 0.
 #pragma once
 
 #include <cstdint>

@@ -33,8 +33,8 @@ ReportStatus StatusOfReport(const std::string& base_path) {
   return status;
 }
 
-// How many records were written between two headers. The count wraps at 2^32; a count that is smaller by less than half
-// of that belongs to a report that was started over.
+// How many records were written between two headers. The count wraps at 2^32. If it is lower than before by at most
+// 2^31, the report was started over, and all its records are new.
 //   10, then 12 => 2    4294967295, then 1 => 2    10, then 3 => 3
 std::uint64_t RecordsBetween(const IndexHeader& before, const IndexHeader& now) {
   const std::uint32_t written = now.elementCount - before.elementCount;

@@ -146,8 +146,8 @@ Json FileToJson(const ShownFile& file) {
   return object;
 }
 
-// Prints entries one by one, so that a file of any size needs little memory. The document is also written in
-// pieces.
+// Prints entries one by one, so that a file of any size needs little memory. The JSON document, too, is written entry
+// by entry.
 class ShowPrinter {
  public:
   ShowPrinter(Context& context, const Options& options, bool is_directory)

@@ -1,5 +1,5 @@
-// Shows the state of the sender and the receiver of this machine: the records that wait, how long the rings last, and
-// the lost records.
+// Shows the state of the sender and the receiver of this machine: the records that wait, how long it takes until the
+// rings overwrite them, and the lost records.
 #include "tools/qxrelay/cli/StatusCommand.h"
 
 #include <algorithm>

@@ -20,8 +20,8 @@ struct Program {
   Status (*prepare)(Context& context, const Values& values) = nullptr;
 };
 
-// The command line is parsed first and only chooses what to run; then the command runs. Every run ends with one exit
-// code (Status.h). Data goes to standard output, messages go to standard error. [owning thread]
+// Parses the command line, which has no effect but to choose the command, and then runs this command. Every run ends
+// with one exit code (Status.h). Data goes to standard output, messages go to standard error. [owning thread]
 [[nodiscard]] ExitCode RunProgram(const Program& program, int argc, char** argv);
 
 }  // namespace qx::ctl
