@@ -192,10 +192,11 @@ class Chaos {
   bool CheckCollector(int collector, StreamCheck& check) {
     const Verdict verdict = Compare(collector, check, Say);
     std::printf(
-        "| the same, the reports of collector %d | %llu records | lost %llu, repeated %llu, out of order %llu, torn "
-        "%llu |\n",
-        collector + 1, Number(verdict.records), Number(verdict.lost), Number(verdict.repeated),
-        Number(verdict.out_of_order), Number(verdict.torn));
+        "| the same, the reports of collector %d | %llu records, %llu of them in gaps of the stream's other copies | "
+        "lost "
+        "%llu, repeated %llu, out of order %llu, torn %llu |\n",
+        collector + 1, Number(verdict.records), Number(verdict.of_one_copy), Number(verdict.lost),
+        Number(verdict.repeated), Number(verdict.out_of_order), Number(verdict.torn));
     return verdict.IsKept();
   }
 

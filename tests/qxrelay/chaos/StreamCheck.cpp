@@ -1,6 +1,7 @@
 #include "tests/qxrelay/chaos/StreamCheck.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "sdk/Reader.h"
 #include "tests/qxrelay/chaos/ChaosRecord.h"
@@ -14,6 +15,68 @@ using relay::MessageHead;
 using relay::MessageKind;
 
 constexpr std::string_view kPrefix = "qx";
+
+// Compares the records of a collector's report with the records and gaps of the stream.
+class CollectedCheck {
+ public:
+  CollectedCheck(ReportCheck& report, std::function<void(const std::string&)> say, Verdict& verdict)
+      : report_(report), say_(std::move(say)), verdict_(verdict), gap_(report.Gaps().begin()) {}
+
+  void Take(std::string_view text) {
+    ++verdict_.records;
+    SkipGaps();
+    const std::optional<std::uint64_t> number = NumberOfRecord(report_.Report().FullName(), text);
+    if (!number.has_value()) return TakeTorn();
+    if (*number < end_) {
+      ++verdict_.repeated;
+      return Say(std::to_string(*number));
+    }
+    end_ = *number + 1;
+    if (*number < next_) {
+      ++verdict_.of_one_copy;
+    } else {
+      Advance(*number);
+    }
+  }
+
+  void Finish() {
+    SkipGaps();
+    const std::uint64_t count = report_.Report().Count();
+    if (next_ == count) return;
+    verdict_.lost += count - next_;
+    say_("ends at " + std::to_string(next_) + " of " + std::to_string(count));
+  }
+
+ private:
+  void Say(const std::string& what) const { say_("record " + std::to_string(next_) + " is " + what); }
+
+  void SkipGaps() {
+    for (; gap_ != report_.Gaps().end() && gap_->first == next_; ++gap_) next_ = gap_->next;
+  }
+
+  void TakeTorn() {
+    ++verdict_.torn;
+    Say("torn");
+    ++next_;
+  }
+
+  // The records before `number` are lost, unless another copy of the stream has a gap for them.
+  void Advance(std::uint64_t number) {
+    if (number > next_ && !report_.IsGapOfACopy(next_, number)) {
+      verdict_.lost += number - next_;
+      Say(std::to_string(number));
+    }
+    next_ = number + 1;
+    while (gap_ != report_.Gaps().end() && gap_->first < next_) ++gap_;
+  }
+
+  ReportCheck& report_;
+  std::function<void(const std::string&)> say_;
+  Verdict& verdict_;
+  std::vector<Range>::const_iterator gap_;
+  std::uint64_t next_ = 0;  // the next number of the stream, after the gaps
+  std::uint64_t end_ = 0;   // the number after that of the newest record
+};
 
 std::string Place(const ChaosReport& report, std::uint64_t number) {
   return report.FullName() + " record " + std::to_string(number);
@@ -137,45 +200,15 @@ const Verdict& StreamCheck::Finish() {
 
 void CheckCollected(const std::string& path, ReportCheck& report, const std::function<void(const std::string&)>& say,
                     Verdict& verdict) {
-  const std::string name = report.Report().FullName();
   Reader reader;
   if (const Error error = reader.Open(path); error.Failed()) {
     verdict.lost += report.Report().Count();
     return say(path + ": " + error.text);
   }
-  std::uint64_t next = 0;
-  auto gap = report.Gaps().begin();
-  const auto skip_gaps = [&] {
-    while (gap != report.Gaps().end() && gap->first == next) next = (gap++)->next;
-  };
-  for (const RecordView& record : reader) {
-    skip_gaps();
-    const std::optional<std::uint64_t> number = NumberOfRecord(name, record.text);
-    ++verdict.records;
-    if (number > next && report.IsGapOfACopy(next, *number)) {
-      next = *number;
-      while (gap != report.Gaps().end() && gap->first < next) ++gap;
-    }
-    if (number == next) {
-      ++next;
-      continue;
-    }
-    if (!number.has_value()) {
-      ++verdict.torn;
-      ++next;
-    }
-    if (number.has_value() && *number < next) ++verdict.repeated;
-    if (number.has_value() && *number > next) verdict.lost += *number - next;
-    say(path + ": record " + std::to_string(next) + " is " + (number ? std::to_string(*number) : "torn"));
-    if (number.has_value() && *number > next) {
-      next = *number + 1;
-      while (gap != report.Gaps().end() && gap->first < next) ++gap;
-    }
-  }
-  skip_gaps();
-  if (next == report.Report().Count()) return;
-  verdict.lost += report.Report().Count() - next;
-  say(path + ": ends at " + std::to_string(next) + " of " + std::to_string(report.Report().Count()));
+  CollectedCheck check(
+      report, [&](const std::string& text) { say(path + ": " + text); }, verdict);
+  for (const RecordView& record : reader) check.Take(record.text);
+  check.Finish();
 }
 
 }  // namespace qx::chaos
