@@ -149,7 +149,7 @@ TEST(FileTransferProviderThreadData, ThreadEndFreesTheDataAndClosesItsReport) {
   const std::string base = directory.File("r1");
   qx::test::AppendRecords(base, 10, {"x"});
   auto* const data = new CThreadData;
-  const std::ptrdiff_t before = OpenDescriptors();
+  const std::size_t before = OpenDescriptors();
   ASSERT_TRUE(data->report_file.OpenRead(base.c_str()));
   EXPECT_EQ(OpenDescriptors(), before + 2);
 
@@ -304,7 +304,7 @@ TEST_F(FileTransferProviderCall, DataThatTheBlockCannotStoreIsFreedAfterTheCall)
     return Reply{result, out.GetDoc(), out.IsWellFormed()};
   };
   const Reply first = ask("<ReportData Name=\"r1\" NrRecords=\"1\"/>");
-  const std::ptrdiff_t before = OpenDescriptors();
+  const std::size_t before = OpenDescriptors();
   for (int call = 0; call < 20; ++call) EXPECT_EQ(ask("<ReportData Name=\"r1\" NrRecords=\"1\"/>"), first);
   EXPECT_EQ(OpenDescriptors(), before);
   EXPECT_EQ(first, Records("r1", 0, 1, "a\r\n"));
