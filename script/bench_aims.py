@@ -36,7 +36,7 @@ AIMS = [
 ]
 
 
-# The time for twice the input, in each row of growth except those whose work is known not to be linear.
+# The time and the system calls for twice the input, in each row of growth except those whose work is known not to be linear.
 GROWTH_AT_MOST = 2.3
 GROWTH_WITHOUT_AIM = {"grow_set_attributes"}
 

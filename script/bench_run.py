@@ -1,7 +1,8 @@
 """Runs the rows of the benchmark programs, each in a process of its own, and records what they cost.
 
 A row is TASK/WHO. What a task's rows become depends on its name:
-  grow_SHAPE/SIZE    the factor by which the time grows when the input doubles (linear work: 2), to each size whose half is a row
+  grow_SHAPE/SIZE    the factor by which the time and the number of system calls grow when the input doubles (linear work: 2),
+                     to each size whose half is a row
   threads_WORK/COUNT how much work COUNT threads do in the time of one (real time; everything else is processor time)
   memory_WHAT/qx, and every row with counters: the counters
   any other          WHO is qx, a peer, or a bare form of the same work: WHO's time divided by ours
@@ -20,10 +21,10 @@ import statistics
 import subprocess
 import tempfile
 
-from bench_aims import Spread, aim_of, verdict
+from bench_aims import Spread, aim_of, growth_missed, verdict
 
 ROUNDS = 7
-GROWTH_ROUNDS = 3
+GROWTH_ROUNDS = 5
 SECONDS = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
 STANDARD_KEYS = {
     "name", "family_index", "per_family_instance_index", "run_name", "run_type", "repetitions", "repetition_index", "threads",
@@ -115,11 +116,59 @@ def threads_of(results):
             for who, rounds in results.items()}
 
 
-def growth_of(results, choose=statistics.median):
-    """[(size, the factor by which the time grows to it from half of it)]: `choose` takes one of the factors of each round"""
+def doublings(times):
+    """[(size, the factor by which the time grows to it from half of it)]"""
+    return [(size, times[size] / times[size // 2]) for size in sorted(times) if size % 2 == 0 and size // 2 in times]
+
+
+def growth_of(results):
+    """The factors of the least time of each size: other work on the machine only adds to a time."""
+    return doublings({int(who): min(seconds_of(rounds)) for who, rounds in results.items()})
+
+
+def least_growth_of(results):
+    """The least factor of any round, for each size."""
     times = {int(who): seconds_of(rounds) for who, rounds in results.items()}
-    return [(size, choose([large / small for small, large in zip(times[size // 2], times[size])]))
-            for size in sorted(times) if size % 2 == 0 and size // 2 in times]
+    by_round = [doublings({size: rounds[number] for size, rounds in times.items()}) for number in range(len(next(iter(times.values()))))]
+    return [(steps[0][0], min(factor for _, factor in steps)) for steps in zip(*by_round)]
+
+
+# A doubled input may cause some calls for memory that is larger at once. Fewer calls than this count as this many.
+FEW_CALLS = 10
+
+
+def call_growth_of(counts):
+    """[(size, the factor by which the number of system calls grows to it from half of it)]"""
+    return doublings({size: max(count, FEW_CALLS) for size, count in counts.items()})
+
+
+# The benchmark library reads this clock when it starts or stops the time of a row. The kernel answers, so the calls of the
+# timed part are those between two reads.
+TIMER_READ = "clock_gettime(CLOCK_THREAD_CPUTIME_ID,"
+
+
+def timed_calls(trace):
+    """The number of system calls in the timed parts of a trace of strace."""
+    reads = 0
+    calls = 0
+    for line in trace.splitlines():
+        if line.startswith(TIMER_READ):
+            reads += 1
+        elif reads % 2 == 1 and re.match(r"\w+\(", line):
+            calls += 1
+    if reads == 0 or reads % 2 == 1:
+        raise SystemExit(f"strace shows {reads} reads of the clock; there must be pairs")
+    return calls
+
+
+def calls_of(row):
+    """System calls of the first iteration, or None without strace."""
+    if shutil.which("strace") is None:
+        return None
+    with tempfile.TemporaryDirectory() as directory:
+        out = pathlib.Path(directory) / "calls"
+        run_row(row, ["strace", "-qq", "-o", str(out)], seconds=0)
+        return timed_calls(out.read_text())
 
 
 # The benchmark library calls these two functions before and after the loop of a row.
@@ -127,15 +176,15 @@ LOOP_BEGIN = "benchmark::State::StartKeepRunning()"
 LOOP_END = "benchmark::State::FinishKeepRunning()"
 
 
-def instructions_of(row):
-    """Instructions of one iteration, or None without valgrind."""
+def instructions_of(row, seconds=0.2):
+    """Instructions of one iteration, or None without valgrind. With `seconds` 0 there is only one iteration."""
     if shutil.which("valgrind") is None:
         return None
     with tempfile.TemporaryDirectory() as directory:
         out = pathlib.Path(directory) / "counts"
         prefix = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={out}",
                   f"--zero-before={LOOP_BEGIN}", f"--dump-before={LOOP_END}"]
-        iterations = run_row(row, prefix, seconds=0.2).iterations
+        iterations = run_row(row, prefix, seconds).iterations
         # The library tries again with more iterations, and each attempt ends with a dump. The last dump belongs to the
         # result.
         dumps = sorted(pathlib.Path(directory).glob("counts.*"), key=lambda path: int(path.suffix[1:]))
@@ -161,7 +210,7 @@ def all_of(tasks, report):
     document = {"processor": processor(), "cores": os.cpu_count(), "kernel": platform.release(), "rounds": ROUNDS, "tasks": {}}
     for task, rows in tasks.items():
         part = part_of(task, measure(task, rows))
-        add_instructions(task, rows, part)
+        add_counts(task, rows, part)
         document["tasks"][task] = part
         report(task, part)
     return document
@@ -169,7 +218,7 @@ def all_of(tasks, report):
 
 def part_of(task, results):
     if is_growth(task):
-        return {"growth": growth_of(results), "growth_least": growth_of(results, min)}
+        return {"growth": growth_of(results), "growth_least": least_growth_of(results)}
     if is_threads(task):
         return {"values": threads_of(results)}
     if is_counted(task):
@@ -177,12 +226,30 @@ def part_of(task, results):
     return {"values": ratios_of(results), "seconds": {who: spread_of(seconds_of(rounds)) for who, rounds in results.items()}}
 
 
-def add_instructions(task, rows, part):
-    """Counts instructions, which a loaded machine does not change, for our row and each peer whose times do not decide its aim."""
-    if "seconds" not in part:
-        return
+def add_counts(task, rows, part):
+    """Adds what a loaded machine does not change: counts of instructions and of system calls."""
+    by_who = {who_of(row.name): row for row in rows}
+    if is_growth(task):
+        add_growth_counts(task, {int(size): row for size, row in by_who.items()}, part)
+    elif "seconds" in part:
+        add_instructions(task, by_who, part)
+
+
+def add_instructions(task, by_who, part):
+    """For our row and each peer whose times do not decide its aim."""
     undecided = [who for who, spread in part["values"].items()
                  if (aim := aim_of(task, who)) and verdict(aim, spread) == "undecided"]
     if undecided:
-        counts = {who_of(row.name): instructions_of(row) for row in rows if who_of(row.name) in ["qx", *undecided]}
+        counts = {who: instructions_of(row) for who, row in by_who.items() if who in ["qx", *undecided]}
         part["instructions"] = {who: count for who, count in counts.items() if count is not None}
+
+
+def add_growth_counts(task, by_size, part):
+    """The system calls of each size, and the growth of the instructions where that of the time is over its aim."""
+    calls = {size: calls_of(row) for size, row in by_size.items()}
+    if None not in calls.values():
+        part["calls"] = sorted(calls.items())
+    slow = [size for size, factor in part["growth"] if growth_missed(task, factor)]
+    counts = {size: instructions_of(by_size[size], seconds=0) for large in slow for size in (large // 2, large)}
+    if slow and None not in counts.values():
+        part["instruction_growth"] = [(size, counts[size] / counts[size // 2]) for size in slow]

@@ -22,12 +22,28 @@ def print_ratio(task, part, raw):
         print(f"| {task} | instructions | {bench_page.instructions_text(part['instructions'])} | |")
 
 
+def print_steps(task, what, steps, missed=()):
+    texts = [f"{factor:.2f} to {size:,}{' **missed**' if size in missed else ''}" for size, factor in steps]
+    print(f"| {task} | {what} | {', '.join(texts)} | |")
+
+
+def missed_sizes(task, steps):
+    return [size for size, factor in steps if growth_missed(task, factor)]
+
+
+def print_growth(task, part):
+    print_steps(task, "doubling costs", part["growth"], missed_sizes(task, part["growth_least"]))
+    if part.get("instruction_growth"):
+        print_steps(task, "instructions", part["instruction_growth"])
+    if part.get("calls"):
+        growth = bench_run.call_growth_of(dict(part["calls"]))
+        print_steps(task, "system calls", growth, missed_sizes(task, growth))
+
+
 def print_part(task, part, raw):
     """The lines of one task."""
     if "growth" in part:
-        missed = {size for size, factor in part["growth_least"] if growth_missed(task, factor)}
-        steps = ", ".join(f"{factor:.2f} to {size:,}{' **missed**' if size in missed else ''}" for size, factor in part["growth"])
-        print(f"| {task} | doubling costs | {steps} | |")
+        print_growth(task, part)
     elif "seconds" in part:
         print_ratio(task, part, raw)
     else:
@@ -40,8 +56,11 @@ def missed_aims(document):
     """The rows and sizes that miss their aim in every round."""
     missed = [f"{task}/{who}" for task, part in document["tasks"].items() for who, spread in part.get("values", {}).items()
               if (aim := aim_of(task, who)) and verdict(aim, spread) == "missed"]
-    return missed + [f"{task}/{size}" for task, part in document["tasks"].items() for size, factor in part.get("growth_least", [])
-                     if growth_missed(task, factor)]
+    for task, part in document["tasks"].items():
+        missed += [f"{task}/{size}" for size in missed_sizes(task, part.get("growth_least", []))]
+        missed += [f"{task}/{size} (system calls)"
+                   for size in missed_sizes(task, bench_run.call_growth_of(dict(part.get("calls", []))))]
+    return missed
 
 
 # File name, title, label of the x axis, and the tasks whose curves it shows.

@@ -39,10 +39,30 @@ class RunTest(unittest.TestCase):
         self.assertEqual(ratios, {"peer": Spread(2, 2, 2)})
 
     def test_growth_is_the_factor_of_each_real_doubling(self):
-        # The third round was slow, and one row in the second; times of one round are compared. 3000 is not twice a size.
-        results = {"1000": rounds(1, 1, 10), "2000": rounds(2.1, 22, 22), "3000": rounds(9, 9, 9), "4000": rounds(6.3, 66, 44)}
-        self.assertEqual([(size, round(factor, 9)) for size, factor in bench_run.growth_of(results)], [(2000, 2.2), (4000, 3)])
-        self.assertEqual([(size, round(factor, 9)) for size, factor in bench_run.growth_of(results, min)], [(2000, 2.1), (4000, 2)])
+        # 3000 is not twice a size. Each size has its least time in another round.
+        results = {"1000": rounds(1, 2, 2), "2000": rounds(22, 2.2, 22), "3000": rounds(9, 9, 9), "4000": rounds(44, 8.8, 5.5)}
+        self.assertEqual([(size, round(factor, 9)) for size, factor in bench_run.growth_of(results)], [(2000, 2.2), (4000, 2.5)])
+        self.assertEqual([(size, round(factor, 9)) for size, factor in bench_run.least_growth_of(results)],
+                         [(2000, 1.1), (4000, 0.25)])
+
+    def test_calls_of_the_timed_parts_count(self):
+        trace = "\n".join([
+            'execve("bench", ...) = 0', 'openat(AT_FDCWD, "before", O_RDONLY) = 3',
+            "clock_gettime(CLOCK_THREAD_CPUTIME_ID, {tv_sec=0}) = 0", 'read(3, "a\\nread(", 8) = 8', "--- SIGUSR1 {} ---",
+            "close(3) = 0", "clock_gettime(CLOCK_THREAD_CPUTIME_ID, {tv_sec=0}) = 0", "munmap(0x7f, 4096) = 0",
+            "clock_gettime(CLOCK_THREAD_CPUTIME_ID, {tv_sec=0}) = 0", "brk(0x5555) = 0x5555",
+            "clock_gettime(CLOCK_REALTIME, {tv_sec=0}) = 0",
+            "clock_gettime(CLOCK_THREAD_CPUTIME_ID, {tv_sec=0}) = 0", "exit_group(0) = ?", "+++ exited with 0 +++"])
+        self.assertEqual(bench_run.timed_calls(trace), 4)
+
+    def test_trace_without_pairs_of_clock_reads_is_refused(self):
+        for trace in ["", "read(3) = 0", bench_run.TIMER_READ + " {}) = 0"]:
+            with self.subTest(trace=trace), self.assertRaises(SystemExit):
+                bench_run.timed_calls(trace)
+
+    def test_growth_of_calls_is_that_of_each_doubling(self):
+        counts = {1000: 0, 2000: 3, 3000: 99, 10000: 4, 20000: 25, 100000: 16, 200000: 36, 2000000: 99}
+        self.assertEqual(bench_run.call_growth_of(counts), [(2000, 1), (20000, 2.5), (200000, 2.25)])
 
     def test_threads_count_as_work_in_the_time_of_one(self):
         self.assertEqual(bench_run.threads_of({"1": rounds(2), "2": rounds(2.5)})["2"], Spread(1.6, 1.6, 1.6))
@@ -54,7 +74,8 @@ class RunTest(unittest.TestCase):
 def document(title, spread):
     return {"column": title, "source": "here", "processor": {"name": title, "family": "", "model": "", "wide": []}, "cores": 2,
             "rounds": 7, "tasks": {"what": {"values": {"pugixml": list(spread)}, "instructions": {"qx": 100, "pugixml": 150}},
-                                   "grow_x": {"growth": [[10, 2.04]]}}}
+                                   "grow_x": {"growth": [[10, 2.04], [20, 2.41]], "instruction_growth": [[20, 2.02]],
+                                              "calls": [[5, 16], [10, 16], [20, 36]]}}}
 
 
 class PageTest(unittest.TestCase):
@@ -64,7 +85,7 @@ class PageTest(unittest.TestCase):
         self.assertNotIn("old", page)
         self.assertIn("| what | pugixml | at least 1.2 | 1.30 / 1.40 / 1.50, instructions 1.50 "
                       "| 1.10 / 1.20 / 1.30 **undecided**, instructions 1.50 |", page)
-        self.assertIn("| x | 2.04 | 2.04 |", page)
+        self.assertIn("| x |" + 2 * " 2.04, 2.41 (instructions 2.02); calls 2.25 |", page)
 
     def test_page_without_a_mark_is_refused(self):
         with self.assertRaises(SystemExit):
@@ -80,6 +101,11 @@ class AimsTest(unittest.TestCase):
         tasks = {"grow_fast": {"growth_least": [(2000, 2.3)]}, "grow_slow": {"growth_least": [(2000, 2.0), (20000, 2.31)]},
                  "grow_set_attributes": {"growth_least": [(2000, 4.0)]}}
         self.assertEqual(bench_table.missed_aims({"tasks": tasks}), ["grow_slow/20000"])
+
+    def test_growth_of_system_calls_has_the_same_limit(self):
+        tasks = {"grow_x": {"growth_least": [(20, 2.0)], "calls": [(10, 10), (20, 24)]},
+                 "grow_y": {"growth_least": [(20, 2.0)], "calls": [(10, 10), (20, 23)]}}
+        self.assertEqual(bench_table.missed_aims({"tasks": tasks}), ["grow_x/20 (system calls)"])
 
     def test_only_an_aim_that_every_round_misses_counts(self):
         for most, expected in [(1.1, ["what/pugixml"]), (1.3, [])]:
