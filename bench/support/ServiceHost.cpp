@@ -5,14 +5,17 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "bench/support/MemoryDirectory.h"
-#include "reportfile/ReportFileBase.h"
+#include "sdk/Writer.h"
 
 namespace qx::bench {
 
@@ -73,9 +76,15 @@ std::string Record(std::uint32_t number) {
 void WriteReport(const std::string& name, std::uint32_t slots) {
   const std::string path = ReportDirectory() + "/" + name;
   if (std::filesystem::exists(path + ".ind")) return;
-  CReportFileBase store;
-  Must(store.Open(path.c_str(), slots), "create the store");
-  for (std::uint32_t i = 0; i < slots + slots / 2; ++i) Must(store.writeLine(Record(i).c_str()), "append");
+  qx::Writer writer;
+  Must(!writer.Open(path, slots, qx::WriterCheck::kLock).Failed(), "create the store");
+  constexpr std::uint32_t kBatch = 1000;
+  const std::uint32_t records = slots + slots / 2;
+  for (std::uint32_t first = 0; first < records; first += kBatch) {
+    std::vector<std::string> batch;
+    for (std::uint32_t i = first; i < std::min(first + kBatch, records); ++i) batch.push_back(Record(i));
+    Must(!writer.Append(batch).Failed(), "append");
+  }
 }
 
 Module::Module() {
