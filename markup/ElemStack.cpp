@@ -2,11 +2,14 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <ctime>
+#include <new>
+#include <type_traits>
 
 #include "markup/Ascii.h"
 #include "markup/Names.h"
+
+static_assert(std::is_trivially_copyable_v<OpenTag>, "entries are moved as bytes");
 
 namespace {
 
@@ -42,30 +45,32 @@ void ElemStack::RemoveFromIndex(std::string_view name) {
 
 std::size_t ElemStack::FindInnermost(std::string_view name) {
   if (depth_ == 0) return kNone;
-  if (qx::markup::StoredNameMatches(Top().name, name, ignore_case_)) return depth_ - 1;
+  if (qx::markup::StoredNameMatches(Top().Name(), name, ignore_case_)) return depth_ - 1;
 
   if (matches_ == nullptr) BuildIndex();
   Hash hash = 0;
   for (const char c : name) hash = Step(hash, c);
   if (matches_->find(hash) == matches_->end()) return kNone;
   for (std::size_t depth = depth_ - 1; depth-- > 0;) {
-    if (qx::markup::StoredNameMatches(tags_[depth].name, name, ignore_case_)) return depth;
+    if (qx::markup::StoredNameMatches(tags_[depth].Name(), name, ignore_case_)) return depth;
   }
   return kNone;
 }
 
+// The memory of a deep document is megabytes, of which realloc moves the pages and copies nothing.
 void ElemStack::Grow() {
   const std::size_t capacity = capacity_ == 0 ? kFirstEntries : 2 * capacity_;
-  auto grown = std::make_unique<OpenTag[]>(capacity);
-  std::copy_n(tags_.get(), depth_, grown.get());
-  tags_ = std::move(grown);
+  void* const grown = std::realloc(tags_.get(), capacity * sizeof(OpenTag));
+  if (grown == nullptr) throw std::bad_alloc();
+  (void)tags_.release();  // realloc has freed or moved it
+  tags_.reset(static_cast<OpenTag*>(grown));
   capacity_ = capacity;
 }
 
 void ElemStack::BuildIndex() {
   factor_ = RandomFactor();
   matches_ = std::make_unique<std::unordered_map<Hash, std::uint32_t>>();
-  for (std::size_t depth = 0; depth < depth_; ++depth) AddToIndex(tags_[depth].name);
+  for (std::size_t depth = 0; depth < depth_; ++depth) AddToIndex(tags_[depth].Name());
 }
 
 // The hash is a polynomial modulo a prime, computed byte by byte. So the computation also passes the hash of each

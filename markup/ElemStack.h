@@ -4,13 +4,18 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string_view>
 #include <unordered_map>
 
+// It is small and left uninitialised in a new array: in a deep document there are as many as elements.
 struct OpenTag {
-  std::string_view name;  // in the document's text
+  const char* name_begin;  // in the document's text
+  std::uint32_t name_bytes;
   std::uint32_t elem;
+
+  std::string_view Name() const { return {name_begin, name_bytes}; }
 };
 
 // The stack of open tags of one parse.
@@ -28,12 +33,12 @@ class ElemStack {
   // The capacity is 7 at first, and doubles whenever the stack is full.
   void Push(std::string_view name, std::uint32_t elem) {
     if (depth_ == capacity_) Grow();
-    tags_[depth_++] = {name, elem};
+    tags_[depth_++] = {name.data(), static_cast<std::uint32_t>(name.size()), elem};
     if (matches_ != nullptr) AddToIndex(name);
   }
   void Pop() {
     --depth_;
-    if (matches_ != nullptr) RemoveFromIndex(tags_[depth_].name);
+    if (matches_ != nullptr) RemoveFromIndex(tags_[depth_].Name());
   }
 
   // Depth of the innermost open tag that matches the name, or kNone. With a match the cost is one comparison for each
@@ -55,7 +60,11 @@ class ElemStack {
   template <typename Visit>
   void ForEachMatch(std::string_view stored, Visit visit) const;
 
-  std::unique_ptr<OpenTag[]> tags_;
+  struct Freed {
+    void operator()(OpenTag* tags) const { std::free(tags); }
+  };
+
+  std::unique_ptr<OpenTag[], Freed> tags_;
   std::size_t depth_ = 0;
   std::size_t capacity_ = 0;
   bool ignore_case_;

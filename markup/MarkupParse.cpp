@@ -128,7 +128,7 @@ void CMarkup::ParseState::CloseElement() {
   record.length = Low32(token.end) - record.start;
   record.SetTagLengths(record.StartTagLength(), Low32(token.end - token.start));
   open.Pop();
-  token.expected_name = open.Depth() == 0 ? std::string_view() : open.Top().name;
+  token.expected_name = open.Depth() == 0 ? std::string_view() : open.Top().Name();
 }
 
 // Closes the open elements from `depth` upwards, all without end tag. They and their children become siblings, in the
@@ -141,7 +141,7 @@ void CMarkup::ParseState::CloseUnended(std::size_t depth, std::size_t expected_a
   for (std::size_t i = open.Depth(); i-- > depth;) {
     const OpenTag& tag = open[i];
     const Result result = {
-        .name = "unended_start_tag", .value = tag.name, .offset = tree[tag.elem].start, .offset2 = expected_at};
+        .name = "unended_start_tag", .value = tag.Name(), .offset = tree[tag.elem].start, .offset2 = expected_at};
     if (!AddResult(doc.result_, result)) break;
   }
   for (std::size_t i = depth; i < open.Depth(); ++i) MoveChildrenAfter(open[i].elem, parent);
