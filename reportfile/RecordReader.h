@@ -122,6 +122,7 @@ class RecordReader {
   bool HoldsWholeRecords(std::string_view bytes, std::span<const std::uint32_t> offsets);
   bool AppendWhole(std::span<const std::uint32_t> offsets, std::string* out);
   bool ReadWhole(std::span<const std::uint32_t> offsets, std::string* out);
+  bool CopyThroughWindow(std::int64_t offset, char* to, std::size_t size);
   Batch AppendEach(std::span<const std::uint32_t> offsets, std::size_t gathered_max, std::string* out);
   Batch AppendEqual(std::span<const std::uint32_t> offsets, std::size_t gathered_max, std::string* out);
   Piece AppendRecordAt(std::uint32_t offset, std::size_t bytes_max, std::string* out);

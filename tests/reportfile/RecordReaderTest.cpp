@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <random>
 #include <string>
 #include <vector>
@@ -202,6 +203,25 @@ TEST_F(RecordReaderTest, LongRunWithAnExceptionIsTakenRecordByRecord) {
   Open(slots, data);
   for (const std::string held : {"", "held"}) ExpectTakeAgrees(0, 2000, kNoLimit, held);
   ExpectTakeAgrees(3, 1990, 100000, "held");
+}
+
+// A run for a place that the kernel copies to slowly is read through the window, in three parts.
+TEST_F(RecordReaderTest, LongRunIsTheSameAtEveryOffsetInAPage) {
+  OpenAppended(1500, 98);
+  const std::string expected = TakeAll();
+  int direct_reads = 0;
+  for (const std::size_t ahead : {0U, 1U, 8U, 15U, 16U}) {
+    std::string out;
+    out.reserve(4096 + expected.size());
+    out.resize((ahead - reinterpret_cast<std::uintptr_t>(out.data())) % 4096, 'x');
+    const std::size_t before = out.size();
+    reader_.Drop();
+    const CountedCalls reads(FileCall::kReadAt);
+    EXPECT_EQ(reader_.Take(0, {1500, kNoLimit}, &out), (TakenRecords{1500, TakeEnd::kCountReached}));
+    EXPECT_TRUE(out.substr(before) == expected) << ahead;
+    if (ahead == 0) direct_reads = reads.Calls();
+    EXPECT_EQ(reads.Calls(), direct_reads + (ahead == 0 || ahead == 16 ? 0 : 2)) << ahead;
+  }
 }
 
 TEST_F(RecordReaderTest, WindowsAreKeptUntilDropped) {
