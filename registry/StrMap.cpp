@@ -47,6 +47,13 @@ std::string_view NameOf(const StrMapEntry& entry) { return entry.name; }
 
 bool Precedes(const StrMapEntry& left, const StrMapEntry& right) { return CStrMap::compare(&left, &right) < 0; }
 
+// True if each entry precedes the next one.
+template <typename Iterator>
+bool AreInOrder(Iterator begin, Iterator end) {
+  const auto is_out_of_order = [](const StrMapEntry& left, const StrMapEntry& right) { return !Precedes(left, right); };
+  return std::adjacent_find(begin, end, is_out_of_order) == end;
+}
+
 }  // namespace
 
 CStrMap::~CStrMap() { Discard(); }
@@ -100,8 +107,11 @@ bool CStrMap::Append(std::string_view name, const RegistryValue& value) {
 
 void CStrMap::SortAppended() {
   const auto entries = Entries();
-  const auto in_order = [](const StrMapEntry& left, const StrMapEntry& right) { return !Precedes(left, right); };
-  if (std::adjacent_find(entries.begin(), entries.end(), in_order) == entries.end()) return;
+  if (AreInOrder(entries.begin(), entries.end())) return;
+  if (AreInOrder(entries.rbegin(), entries.rend())) {
+    std::reverse(entries.begin(), entries.end());
+    return;
+  }
 
   std::stable_sort(entries.begin(), entries.end(), Precedes);
   std::size_t kept = 0;

@@ -118,6 +118,21 @@ TEST(StrMap, LastOfAppendedEqualNamesStays) {
   EXPECT_EQ(map.Find("c")->value.slot.number, 4);
 }
 
+TEST(StrMap, NamesAppendedInFallingOrderAreSorted) {
+  CStrMap falling;
+  int number = 0;
+  for (const char* name : {"d", "c", "b", "a"}) ASSERT_TRUE(falling.Append(name, Number(++number)));
+  falling.SortAppended();
+  EXPECT_EQ(Names(falling), "a b c d ");
+  EXPECT_EQ(falling.Find("a")->value.slot.number, 4);
+
+  CStrMap with_equal_names;
+  for (const char* name : {"d", "c", "c", "a"}) ASSERT_TRUE(with_equal_names.Append(name, Number(++number)));
+  with_equal_names.SortAppended();
+  EXPECT_EQ(Names(with_equal_names), "a c d ");
+  EXPECT_EQ(with_equal_names.Find("c")->value.slot.number, 7);
+}
+
 TEST(StrMap, DroppedDuplicatesAreFreed) {
   CStrMap map;
   for (int i = 0; i < 3; ++i) {
