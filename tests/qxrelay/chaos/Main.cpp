@@ -3,6 +3,7 @@
 // and the reports of each collector: no record may be lost, repeated, out of order or torn, and there may be gaps only
 // for records that the ring had overwritten. Prints rows for script/trust. If a promise is broken, it ends with 1 and
 // keeps the files.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "debug/Debug.h"
@@ -38,6 +40,7 @@ using std::chrono::steady_clock;
 constexpr double kRate = 100;  // records a second of a report
 constexpr seconds kSettleMax{120};
 constexpr std::size_t kComplaintsMax = 40;
+constexpr std::uint64_t kSequencesMax = 2000;  // that are read from each copy for one gap
 
 struct Arguments {
   std::string qxrelay;
@@ -170,10 +173,26 @@ class Chaos {
     return std::nullopt;
   }
 
+  std::vector<relay::StreamMessage> ReadFromCopies(Range sequences) {
+    std::vector<relay::StreamMessage> messages;
+    relay::NatsConsume consumer(fleet_.Stream());
+    if (consumer.Connect("checker", 10000, seconds(30)).has_value()) return messages;
+    const std::uint64_t next = std::min(sequences.next, sequences.first + kSequencesMax);
+    for (std::size_t copy = 1; copy < consumer.Copies(); ++copy) {  // 0 is the leader, which is one of the servers
+      for (std::uint64_t sequence = sequences.first; sequence < next; ++sequence) {
+        relay::StreamMessage message;
+        const relay::CopyAnswer answer = consumer.ReadFromCopy(copy, sequence, message);
+        if (answer == relay::CopyAnswer::kMessage) messages.push_back(std::move(message));
+      }
+    }
+    return messages;
+  }
+
   Verdict Compare(int collector, StreamCheck& check, const std::function<void(const std::string&)>& say) {
     Verdict verdict;
+    const ReadCopies read_copies = [this](Range sequences) { return ReadFromCopies(sequences); };
     for (auto& [name, report] : check.Reports()) {
-      CheckCollected(fleet_.RootOf(collector) + "/" + name, report, say, verdict);
+      CheckCollected(fleet_.RootOf(collector) + "/" + name, report, read_copies, say, verdict);
     }
     return verdict;
   }

@@ -19,8 +19,13 @@ constexpr std::string_view kPrefix = "qx";
 // Compares the records of a collector's report with the records and gaps of the stream.
 class CollectedCheck {
  public:
-  CollectedCheck(ReportCheck& report, std::function<void(const std::string&)> say, Verdict& verdict)
-      : report_(report), say_(std::move(say)), verdict_(verdict), gap_(report.Gaps().begin()) {}
+  CollectedCheck(ReportCheck& report, const ReadCopies& read_copies, std::function<void(const std::string&)> say,
+                 Verdict& verdict)
+      : report_(report),
+        read_copies_(read_copies),
+        say_(std::move(say)),
+        verdict_(verdict),
+        gap_(report.Gaps().begin()) {}
 
   void Take(std::string_view text) {
     ++verdict_.records;
@@ -62,6 +67,7 @@ class CollectedCheck {
 
   // The records before `number` are lost, unless another copy of the stream has a gap for them.
   void Advance(std::uint64_t number) {
+    if (number > next_ && !report_.IsGapOfACopy(next_, number)) TakeGapsOfCopies(number);
     if (number > next_ && !report_.IsGapOfACopy(next_, number)) {
       verdict_.lost += number - next_;
       Say(std::to_string(number));
@@ -70,7 +76,19 @@ class CollectedCheck {
     while (gap_ != report_.Gaps().end() && gap_->first < next_) ++gap_;
   }
 
+  // Another copy may have a gap under the sequence under which the checked copy has the records.
+  void TakeGapsOfCopies(std::uint64_t number) {
+    for (const relay::StreamMessage& stored : read_copies_(report_.SequencesAround(next_, number))) {
+      const std::optional<relay::Subject> subject = relay::SubjectOfText(kPrefix, stored.subject);
+      const relay::DecodedMessage message = relay::DecodeMessage(stored.payload);
+      if (!subject.has_value() || message.fault != relay::MessageFault::kNone) continue;
+      if (subject->host + "/" + subject->report != report_.Report().FullName()) continue;
+      if (message.head.kind == MessageKind::kGap) report_.TakeGapOfACopy(message.head, verdict_);
+    }
+  }
+
   ReportCheck& report_;
+  const ReadCopies& read_copies_;
   std::function<void(const std::string&)> say_;
   Verdict& verdict_;
   std::vector<Range>::const_iterator gap_;
@@ -84,7 +102,8 @@ std::string Place(const ChaosReport& report, std::uint64_t number) {
 
 }  // namespace
 
-void ReportCheck::Take(const MessageHead& head, const std::vector<std::string_view>& texts, Verdict& verdict) {
+void ReportCheck::Take(const MessageHead& head, const std::vector<std::string_view>& texts, std::uint64_t sequence,
+                       Verdict& verdict) {
   if (incarnation_ == 0) {
     // Records that the ring overwrote before a sender first read the report are in no message.
     incarnation_ = head.incarnation;
@@ -100,16 +119,31 @@ void ReportCheck::Take(const MessageHead& head, const std::vector<std::string_vi
   }
   if (head.kind == MessageKind::kGap) TakeGap(head, verdict);
   if (head.kind == MessageKind::kRecords) TakeRecords(head, texts, verdict);
+  messages_[sequence] = {head.first, head.Next()};
 }
 
 void ReportCheck::TakeGap(const MessageHead& head, Verdict& verdict) {
-  if (head.first < next_) {  // it came again, or one copy of the stream has the records
-    gaps_of_copies_.push_back({head.first, head.Next()});
-    for (std::uint64_t number = head.first; number < head.Next(); ++number) {
-      if (!report_.WasLost(number, head.sent_ms)) ++verdict.lost;
-    }
-  }
+  if (head.first < next_) TakeGapOfACopy(head, verdict);  // it came again, or one copy of the stream has the records
   if (head.Next() > next_) TakeLoss(head.Next(), head, verdict);
+}
+
+void ReportCheck::TakeGapOfACopy(const MessageHead& head, Verdict& verdict) {
+  const Range gap = {head.first, head.Next()};
+  if (std::find(gaps_of_copies_.begin(), gaps_of_copies_.end(), gap) != gaps_of_copies_.end()) return;
+  gaps_of_copies_.push_back(gap);
+  for (std::uint64_t number = gap.first; number < gap.next; ++number) {
+    if (!report_.WasLost(number, head.sent_ms)) ++verdict.lost;
+  }
+}
+
+Range ReportCheck::SequencesAround(std::uint64_t first, std::uint64_t next) const {
+  Range around = {1, 1};
+  for (const auto& [sequence, records] : messages_) {
+    if (records.next <= first) around.first = sequence + 1;
+    around.next = sequence;
+    if (records.first >= next) break;
+  }
+  return around;
 }
 
 bool ReportCheck::IsGapOfACopy(std::uint64_t first, std::uint64_t next) const {
@@ -183,7 +217,7 @@ void StreamCheck::Take(const relay::StreamMessage& stored) {
     ++verdict_.foreign;
     return say_("a foreign message: " + stored.subject);
   }
-  report->second.Take(message.head, message.texts, verdict_);
+  report->second.Take(message.head, message.texts, stored.sequence, verdict_);
 }
 
 bool StreamCheck::IsComplete() {
@@ -198,15 +232,15 @@ const Verdict& StreamCheck::Finish() {
   return verdict_;
 }
 
-void CheckCollected(const std::string& path, ReportCheck& report, const std::function<void(const std::string&)>& say,
-                    Verdict& verdict) {
+void CheckCollected(const std::string& path, ReportCheck& report, const ReadCopies& read_copies,
+                    const std::function<void(const std::string&)>& say, Verdict& verdict) {
   Reader reader;
   if (const Error error = reader.Open(path); error.Failed()) {
     verdict.lost += report.Report().Count();
     return say(path + ": " + error.text);
   }
   CollectedCheck check(
-      report, [&](const std::string& text) { say(path + ": " + text); }, verdict);
+      report, read_copies, [&](const std::string& text) { say(path + ": " + text); }, verdict);
   for (const RecordView& record : reader) check.Take(record.text);
   check.Finish();
 }

@@ -45,7 +45,10 @@ class ReportCheck {
   ReportCheck(ChaosReport& report, std::function<void(const std::string&)> say)
       : report_(report), say_(std::move(say)) {}
 
-  void Take(const relay::MessageHead& head, const std::vector<std::string_view>& texts, Verdict& verdict);
+  void Take(const relay::MessageHead& head, const std::vector<std::string_view>& texts, std::uint64_t sequence,
+            Verdict& verdict);
+  // A gap message that only other copies of the stream have.
+  void TakeGapOfACopy(const relay::MessageHead& head, Verdict& verdict);
   // Whether records before the message are missing.
   [[nodiscard]] bool IsHoleBefore(const relay::MessageHead& head) const {
     return head.incarnation == incarnation_ && head.first > next_;
@@ -59,6 +62,8 @@ class ReportCheck {
   // Whether a gap message has these records, which another copy of the stream has. A leader that was stopped may have
   // stored them alone: a collector that reads another copy has the gap.
   [[nodiscard]] bool IsGapOfACopy(std::uint64_t first, std::uint64_t next) const;
+  // The sequences between the messages that are before and after these records.
+  [[nodiscard]] Range SequencesAround(std::uint64_t first, std::uint64_t next) const;
   [[nodiscard]] ChaosReport& Report() const { return report_; }
 
  private:
@@ -71,7 +76,8 @@ class ReportCheck {
   std::uint64_t incarnation_ = 0;
   std::uint64_t next_ = 0;
   std::vector<Range> gaps_;
-  std::vector<Range> gaps_of_copies_;  // of gap messages for records that were taken before
+  std::vector<Range> gaps_of_copies_;        // of gap messages for records that were taken before
+  std::map<std::uint64_t, Range> messages_;  // the records in each message, by its sequence
 };
 
 // All reports. Threads: one thread.
@@ -93,9 +99,12 @@ class StreamCheck {
   Verdict verdict_;
 };
 
+// The messages that the servers' copies of the stream have under these sequences.
+using ReadCopies = std::function<std::vector<relay::StreamMessage>(Range sequences)>;
+
 // A collector's report must have the records that are not in a gap, in order. It may have some of a gap as well, if the
 // collector read a copy of the stream that has them.
-void CheckCollected(const std::string& path, ReportCheck& report, const std::function<void(const std::string&)>& say,
-                    Verdict& verdict);
+void CheckCollected(const std::string& path, ReportCheck& report, const ReadCopies& read_copies,
+                    const std::function<void(const std::string&)>& say, Verdict& verdict);
 
 }  // namespace qx::chaos
