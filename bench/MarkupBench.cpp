@@ -335,9 +335,16 @@ void AppendElements(std::int64_t count) {
   benchmark::DoNotOptimize(markup);
 }
 
+// Each document takes new memory from the system. Otherwise the allocator would keep the memory of small documents and
+// return that of large ones.
 void GrowAppend(benchmark::State& state, std::int64_t count) {
   AppendElements(count);
-  for (auto _ : state) AppendElements(count);
+  for (auto _ : state) {
+    state.PauseTiming();
+    (void)malloc_trim(0);
+    state.ResumeTiming();
+    AppendElements(count);
+  }
 }
 
 // `count` different attributes on one element.
