@@ -187,7 +187,7 @@ class Linter {
     if (is_key && earlier.is_key) {
       Error(line_, "duplicate-key",
             "the key " + Quoted(name) + " replaces the one of " + At(earlier.line) + " with everything in it",
-            "put the content of both under one line");
+            "put the content of both keys under one of them");
     } else if (is_key != earlier.is_key) {
       Error(line_, "name-taken", Quoted(name) + " replaces what " + At(earlier.line) + " stores under that name",
             "give the value or the key another name");
@@ -226,7 +226,8 @@ class Linter {
     const bool is_key = piece[first] == '[';
     Warn(line_, "no-value",
          is_key ? "the line is meant to open a key, but is not read" : "the line has no \"=\" and is not read",
-         is_key ? "write \"[\" in the first column and a \"]\" after the name" : "remove it; the next save does");
+         is_key ? "write \"[\" in the first column and a \"]\" after the name"
+                : "remove the line; the next save removes it, too");
   }
 
   void TakeEntry(std::string_view name) {

@@ -273,7 +273,7 @@ TEST_F(QxctlExplain, TraceLineMayBeOneOrSeveralArguments) {
 TEST_F(QxctlExplain, UnknownTextIsNotFound) {
   const Ran ran = Qxctl({"explain", "4711"});
   EXPECT_EQ(ran.code, 4);
-  EXPECT_EQ(ran.err, "qxctl: nothing is known about \"4711\"; --list shows what is\n");
+  EXPECT_EQ(ran.err, "qxctl: nothing is known about \"4711\"; --list shows what is known\n");
   EXPECT_EQ(Qxctl({"explain"}).code, 2);
   EXPECT_EQ(Qxctl({"explain", "1", "--list"}).code, 2);
 }

@@ -305,7 +305,8 @@ TEST_F(QxctlRegistryEdit, LintPrintsLineRuleSeverityAndFix) {
   const Ran ran = Run({"lint", "--file", "odd"});
   EXPECT_EQ(ran.code, 1);
   EXPECT_EQ(ran.out,
-            "odd:1: warning: no-value: the line has no \"=\" and is not read\n    remove it; the next save does\n");
+            "odd:1: warning: no-value: the line has no \"=\" and is not read\n    remove the line; the next save "
+            "removes it, too\n");
   EXPECT_EQ(ran.err, "qxctl: 0 error(s), 1 warning(s)\n");
   const json document = json::parse(Run({"lint", "--file", "odd", "--json"}).out);
   EXPECT_EQ(document["findings"][0]["rule"], "no-value");

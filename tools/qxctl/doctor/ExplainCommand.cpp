@@ -59,7 +59,7 @@ Status ExplainAll(Context& context, const Values& values) {
     found = Explain(text);
   }
   if (found.empty()) {
-    return {ExitCode::kNotFound, "nothing is known about \"" + Visible(text) + "\"; --list shows what is"};
+    return {ExitCode::kNotFound, "nothing is known about \"" + Visible(text) + "\"; --list shows what is known"};
   }
   return ShowResult(
       context, values, [&] { return ToJson(found); }, [&] { return ToText(found, is_list); });

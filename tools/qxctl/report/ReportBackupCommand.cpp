@@ -126,7 +126,7 @@ Status StatusOfItems(const BackupResult& result) {
     return Status::Io("the backup lacks " + item->name, item->error);
   }
   if (const BackupItem* const item = has(BackupItemState::kNeverStill)) {
-    return {ExitCode::kChanged, "the backup lacks " + item->name + ": it never held still; try again"};
+    return {ExitCode::kChanged, "the backup lacks " + item->name + ": it changed during each attempt; try again"};
   }
   if (const BackupItem* const item = has(BackupItemState::kDamaged)) {
     return {ExitCode::kFinding, item->name + " is damaged and was copied as it is"};

@@ -121,7 +121,7 @@ Status Apply(ReplacedFile& edit, const ProfilePlan& plan, const std::string& fil
 
 void PrintRemarks(Context& context, const ProfilePlan& plan) {
   if (plan.completes_last_line) {
-    context.output.Note("qxctl: the last line has no line feed, so that an entry would run into it; it gets one");
+    context.output.Note("qxctl: the last line has no line feed, so a new entry would continue it; one is added");
   }
   for (const ProfileChange& change : plan.changes) {
     if (change.is_section || !change.after || !change.after->empty()) continue;
