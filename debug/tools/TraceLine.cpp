@@ -67,12 +67,12 @@ std::string_view TraceLineReader::Available() const {
 
 void TraceLineReader::Refill() {
   const std::string_view kept = Available();
-  if (window_.empty()) window_.resize(kWindowBytes);
+  if (window_.empty()) window_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(kWindowBytes, end_ - at_)));
   if (!kept.empty()) std::memmove(window_.data(), kept.data(), kept.size());
   window_begin_ = at_;
   window_bytes_ = kept.size();
   const std::uint64_t from = window_begin_ + window_bytes_;
-  const std::uint64_t requested = std::min<std::uint64_t>(kWindowBytes - window_bytes_, end_ - from);
+  const std::uint64_t requested = std::min<std::uint64_t>(window_.size() - window_bytes_, end_ - from);
   window_bytes_ += source_->ReadAt(from, window_.data() + window_bytes_, static_cast<std::size_t>(requested));
 }
 
