@@ -89,6 +89,11 @@ if(QX_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND NOT QX_BUILD_FUZZ)
   if(QX_LLD)
     target_link_options(qx_flags INTERFACE -fuse-ld=lld)
   endif()
+  # The tests start programs thousands of times. At fixed addresses, and without unused sections, a program needs a third fewer
+  # pages until it has ended.
+  if(QX_SANITIZE STREQUAL "address")
+    string(APPEND CMAKE_EXE_LINKER_FLAGS " -no-pie -Wl,--gc-sections")
+  endif()
 endif()
 if(QX_BUILD_FUZZ)
   target_compile_options(qx_flags INTERFACE -fsanitize=fuzzer-no-link)
