@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """clang-tidy over the sources on standard input: script/tidy.py BUILD_FOLDER [--analyser]
 
-Most of clang-tidy's time goes into the system's headers, which each source includes again. So sources are read together, up to
+Most of clang-tidy's time goes into the system's headers, which each source includes again. So sources are read together, about
 thirty-two at a time, in a fraction of the time. With --analyser those of the module are also analysed, along a third of the
 usual number of paths; script/trust hardening follows them all. The analyser follows included code only if the name of the
 including source begins with UnifiedSource.
@@ -22,6 +22,8 @@ import join_sources
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 SOURCES_AT_A_TIME = 32
+# Optimisation, debug information, the version's text, and whether a program or a library is built.
+ALIKE = re.compile(r"-O\d|-g\d?|-fPI[CE]|-DQX_VERSION=.*|-D\w+_EXPORTS")
 
 
 def tidy(folder, source, *options):
@@ -34,19 +36,26 @@ def tidy(folder, source, *options):
     return run.stdout + "\n".join(notes)
 
 
+def flags_of(entry):
+    """What decides whether two sources can be read together: all flags except those that change nothing for clang-tidy."""
+    output = re.search(r" -o (\S+)", entry["command"]).group(1)
+    words = entry["command"].replace(entry["file"], "").replace(output, "").split()
+    return " ".join(word for word in words if not ALIKE.fullmatch(word))
+
+
 def groups(commands, sources):
     """Sources with the same flags, in the order of their folders, some at a time. The tools', which are not analysed, apart."""
     alike = collections.defaultdict(list)
     for source in sorted(sources):
-        entry = commands[source]
-        output = re.search(r" -o (\S+)", entry["command"]).group(1)
-        program = source if source.endswith("/Main.cpp") else ""  # a program has one of them
-        flags = entry["command"].replace(entry["file"], "").replace(output, "")
-        alike[(flags, program, is_tool(source))].append(source)
+        alike[(flags_of(commands[source]), is_tool(source))].append(source)
     for members in alike.values():
-        parts = -(-len(members) // SOURCES_AT_A_TIME)
-        ends = [len(members) * part // parts for part in range(parts + 1)]
-        yield from (members[begin:end] for begin, end in zip(ends, ends[1:]))
+        # A program has one main function. Its source comes first, because the first source's flags are used for all of them.
+        mains = [source for source in members if source.endswith("/Main.cpp")]
+        others = [source for source in members if source not in mains]
+        parts = max(-(-len(members) // SOURCES_AT_A_TIME), len(mains))
+        ends = [len(others) * part // parts for part in range(parts + 1)]
+        for part, (begin, end) in enumerate(zip(ends, ends[1:])):
+            yield mains[part:part + 1] + others[begin:end]
 
 
 def write_joined(folder, commands, sources):
