@@ -13,6 +13,7 @@ ElemPosTree::ElemPosTree(const ElemPosTree& other, std::uint32_t count) : ElemPo
 
 void ElemPosTree::Grow(std::int64_t records) {
   if (records <= capacity_) return;
+  if (records <= kFewRecords) return UseFewRecords(static_cast<std::int32_t>(records));
 
   const std::int32_t segments_used = SegmentsUsed();
   records = std::min<std::int64_t>(records, std::int64_t{segments_used + 1} * kSegmentRecords);
@@ -27,6 +28,12 @@ void ElemPosTree::Grow(std::int64_t records) {
   ResizeSegment(segment, segment < segments_used ? records_in_last : 0,
                 static_cast<std::int32_t>(records - std::int64_t{segment} * kSegmentRecords));
   capacity_ = static_cast<std::int32_t>(records);
+}
+
+void ElemPosTree::UseFewRecords(std::int32_t records) {
+  segments_[0] = few_records_.data();
+  segment_table_size_ = kFewSegments;
+  capacity_ = records;
 }
 
 void ElemPosTree::RemoveAll() {
@@ -55,10 +62,6 @@ void ElemPosTree::GrowSegmentTable(std::int32_t segments) {
 
 // New records are not initialised, so a large segment uses memory only for the pages that are filled.
 void ElemPosTree::ResizeSegment(std::int32_t segment, std::int32_t records_used, std::int32_t records) {
-  if (segment == 0 && records <= kFewRecords) {
-    segments_[0] = few_records_.data();
-    return;
-  }
   auto* const grown = new ElemPos[static_cast<std::size_t>(records)];
   std::copy_n(segments_[segment], records_used, grown);
   Free(std::exchange(segments_[segment], grown));

@@ -89,6 +89,7 @@ class ElemPosTree {
 
  private:
   std::int32_t SegmentsUsed() const { return (capacity_ + kSegmentRecords - 1) / kSegmentRecords; }
+  void UseFewRecords(std::int32_t records);
   void GrowSegmentTable(std::int32_t segments);
   void ResizeSegment(std::int32_t segment, std::int32_t records_used, std::int32_t records);
   void Free(ElemPos* segment) noexcept;
