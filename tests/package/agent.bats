@@ -41,7 +41,7 @@ command_of() { sed -n 's|^ExecStart=/usr/bin/qxctl \(.*\)|\1|p' "$QX_PREFIX/lib/
 
 @test "the commands of the timers do what their units say" {
   mkdir -p Reports backups
-  "$QX_PREFIX/bin/qxagent" --directory Reports/host --count 2 --interval 10
+  "$QX_PREFIX/bin/qxagent" --directory Reports/host --count 1
   read -ra backup <<<"$(command_of qxctl-backup.service)"
   apart "$QX_PREFIX/bin/qxctl" "${backup[@]/#\/var\/lib\/qxctl-backup/backups}"
   apart "$QX_PREFIX/bin/qxctl" report verify-backup backups/2*
@@ -49,9 +49,10 @@ command_of() { sed -n 's|^ExecStart=/usr/bin/qxctl \(.*\)|\1|p' "$QX_PREFIX/lib/
   read -ra fetch <<<"$(command_of qxctl-fetch@.service)"
   export QX_MODULE=$QX_MODULE_FILE QX_LOG_RINGBUF_DIR=$PWD
   apart "$QX_PREFIX/bin/qxctl" "${fetch[@]/#%I/host/load}"
-  "$QX_PREFIX/bin/qxagent" --directory Reports/host --count 1
+  # A second record of the agent can be equal to the first one. Then no fetch would know which is new.
+  "$QX_PREFIX/bin/qxctl" report append ./Reports/host/load 'load1=next'
   apart "$QX_PREFIX/bin/qxctl" "${fetch[@]/#%I/host/load}"
-  [ "$(grep -c 'load1=' records)" -eq 3 ]
+  [ "$(grep -c 'load1=' records)" -eq 2 ]
 }
 
 @test "scripts start nothing, and use no service manager that does not run" {
