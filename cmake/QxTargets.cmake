@@ -129,10 +129,7 @@ function(qx_library name)
   if(QX_PRECOMPILE_HEADERS AND NOT QX_COVERAGE)
     qx_precompile_headers(${headers})
     target_precompile_headers(${name} REUSE_FROM ${headers})
-    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-      # Here g++ 12 does not recognise code of system headers, and reports warnings in it.
-      target_compile_options(${name} PRIVATE -Wno-array-bounds -Wno-stringop-overflow -Wno-stringop-overread -Wno-restrict)
-    endif()
+    qx_ignore_warnings_in_precompiled_headers(${name})
   endif()
   qx_count_coverage(${name})
 endfunction()
@@ -192,6 +189,14 @@ function(qx_join_sources sources name)
   set(${sources} ${joined} ${alone} PARENT_SCOPE)
 endfunction()
 
+# g++ 12 does not recognise precompiled code as that of system headers. Where it optimises, it reports warnings in it.
+function(qx_ignore_warnings_in_precompiled_headers target)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(${target} PRIVATE
+      -Wno-array-bounds -Wno-stringop-overflow -Wno-stringop-overread -Wno-restrict)
+  endif()
+endfunction()
+
 # The compiler reads these headers once for all libraries with the same flags: that is a third of the work of a whole build.
 function(qx_precompile_headers target)
   if(TARGET ${target})
@@ -224,6 +229,9 @@ function(qx_precompile_test_headers target)
       <fstream> <functional> <map> <memory> <optional> <random> <sstream> <string> <thread> <vector>)
   endif()
   target_precompile_headers(${target} REUSE_FROM qx_test_headers)
+  if(CMAKE_CROSSCOMPILING)  # others are not optimised
+    qx_ignore_warnings_in_precompiled_headers(${target})
+  endif()
 endfunction()
 
 # A program in C that links a library of ours. The sanitizer of that library needs the C++ runtime.
@@ -246,9 +254,10 @@ function(qx_compile_fast target)
   set_target_properties(${target} PROPERTIES QX_COMPILE_FAST ON)
 endfunction()
 
-# The tests themselves are not optimised. Line numbers, a seventh of the work, are only for sanitizers and debuggers.
+# The tests themselves are not optimised, unless an emulator runs them. Line numbers, a seventh of the work, are only for sanitizers
+# and debuggers.
 function(qx_compile_as_test target)
-  target_compile_options(${target} PRIVATE -O0 $<IF:$<CONFIG:Release>,-g0,-g1>)
+  target_compile_options(${target} PRIVATE $<IF:$<BOOL:${CMAKE_CROSSCOMPILING}>,-O1,-O0> $<IF:$<CONFIG:Release>,-g0,-g1>)
   set_target_properties(${target} PROPERTIES QX_COMPILE_FAST ON QX_IS_TEST ON)
 endfunction()
 
