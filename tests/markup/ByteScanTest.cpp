@@ -75,8 +75,9 @@ TEST(ByteScan, NoByteThatEndsANameIsSkipped) {
       text[at] = static_cast<char>(byte);
       const auto skipped =
           static_cast<std::size_t>(SkipNameBytes(text.data(), text.data() + text.size()) - text.data());
-      EXPECT_TRUE(!ends || skipped == at) << byte << " at " << at;
+      EXPECT_TRUE(!ends || skipped <= at) << byte << " at " << at;
 #if defined(__SSE2__)
+      EXPECT_TRUE(!ends || skipped == at) << byte << " at " << at;
       EXPECT_TRUE(!letter || skipped == 16) << byte << " at " << at;
 #else
       (void)letter;  // the caller's loop skips it
