@@ -10,7 +10,7 @@ import re
 import sys
 
 from bench_aims import AIMS, Spread, aim_of, text_of, verdict
-from bench_run import call_growth_of
+from bench_run import call_growth_of, is_threads
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PAGE = ROOT / "docs" / "performance.md"
@@ -63,6 +63,18 @@ def cell_of(document, task, who):
     return spread_text(spread) + said + counted
 
 
+# How the table names what a row is compared with, if the benchmark's own name is not clear to a reader.
+WHO_TEXTS = {"cp_a": "`cp -a`", "glib": "GLib", "sqlite": "SQLite", "lmdb": "LMDB", "lmdb_pugixml": "LMDB and pugixml",
+             "strftime_snprintf": "strftime, snprintf", "strftime_snprintf_fflush": "strftime, snprintf, fflush",
+             "by_one_thread": "one after the other"}
+
+
+def who_text(task, who):
+    if is_threads(task):
+        return "1 thread" if who == "1" else f"{who} threads"
+    return WHO_TEXTS.get(who, who.replace("_", " "))
+
+
 def rows_of(documents, key):
     """Each (task, who) of any document, those of one task together."""
     found = {}
@@ -82,9 +94,9 @@ def columns(documents):
 
 
 def values_table(documents):
-    rows = [(task, who.replace("_", " "), text_of(aim) if (aim := aim_of(task, who)) else "",
+    rows = [(task, who_text(task, who), text_of(aim) if (aim := aim_of(task, who)) else "",
              *(cell_of(document, task, who) for document in documents)) for task, who in rows_of(documents, "values")]
-    return table(["task", "who or what", "aim", *columns(documents)], rows)
+    return table(["task", "compared with, or counted", "aim", *columns(documents)], rows)
 
 
 def steps_text(part):
@@ -98,6 +110,7 @@ def steps_text(part):
 
 
 def growth_table(documents):
+    documents = [document for document in documents if any("growth" in part for part in document["tasks"].values())]
     tasks = {task: True for document in documents for task, part in document["tasks"].items() if "growth" in part}
     return table(["task", *columns(documents)],
                  [(task.removeprefix("grow_"), *(steps_text(document["tasks"].get(task, {})) for document in documents))

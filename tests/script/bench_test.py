@@ -87,6 +87,16 @@ class PageTest(unittest.TestCase):
                       "| 1.10 / 1.20 / 1.30 **undecided**, instructions 1.50 |", page)
         self.assertIn("| x |" + 2 * " 2.04, 2.41 (instructions 2.02); calls 2.25 |", page)
 
+    def test_document_without_growth_is_no_column_of_growth(self):
+        without = document("A", (1, 2, 3))
+        del without["tasks"]["grow_x"]
+        table = bench_page.growth_table([without, document("B", (1, 2, 3))])
+        self.assertEqual(table.splitlines()[0], "| task | B |")
+
+    def test_rows_have_readable_names(self):
+        names = {("threads_transfer", "1"): "1 thread", ("threads_transfer", "2"): "2 threads", ("a", "cp_a"): "`cp -a`", ("a", "b_c"): "b c"}
+        self.assertEqual({row: bench_page.who_text(*row) for row in names}, names)
+
     def test_page_without_a_mark_is_refused(self):
         with self.assertRaises(SystemExit):
             bench_page.with_tables("<!-- table sources -->\n<!-- end -->\n", [])
