@@ -41,8 +41,8 @@ std::vector<Bar> BarsOf(const ChartLine& line, const Columns& columns) {
   return bars;
 }
 
-// How many rows there are above and below the line at zero, or above the lower end of the axis. With values on both
-// sides, a step of the axis has the same number of rows on both.
+// How many rows there are above and below the line at zero; without this line, above the lower end of the axis. If
+// there are values on both sides, a step of the axis has the same number of rows on both sides.
 struct Rows {
   int up = kRows;
   int down = 0;
@@ -95,7 +95,7 @@ class Drawing {
     return line;
   }
 
-  // Without a line at zero even the lowest value has a visible bar.
+  // If there is no line at zero, even the lowest value has a visible bar.
   [[nodiscard]] int HeightOf(const Bar& bar) const {
     if (!bar.has_value) return 0;
     if (rows_.down == 0) return Eighths(scale_.Share(bar.high), rows_.up, 1);
@@ -122,7 +122,7 @@ class Drawing {
     return Painted(text);
   }
 
-  // Without the blanks at its end.
+  // The cells in the colour of the bars, without the blanks at their end.
   [[nodiscard]] std::string Painted(const std::string& cells) const {
     return output_.Paint(Style::kLine1, cells.substr(0, cells.find_last_not_of(' ') + 1));
   }

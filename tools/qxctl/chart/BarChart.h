@@ -1,4 +1,4 @@
-// Internal: the values of one field as bars of characters.
+// Internal: draws the values of one field as bars of characters.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace qx::ctl {
 
-// Bars from the line at zero up and down; if no value is near zero, from the lower end of the axis.
+// Bars up and down from the line at zero or, if no value is near zero, up from the lower end of the axis.
 [[nodiscard]] std::string BarChart(const ChartData& data, const ChartShape& shape, const Output& output);
 
 }  // namespace qx::ctl

@@ -1,4 +1,4 @@
-// A chart of numbers, in characters and as SVG.
+// Draws a chart of numbers in characters or as SVG.
 #pragma once
 
 #include <cstddef>
@@ -14,18 +14,18 @@ struct ChartShape {
   bool unicode = false;      // eighths of blocks; otherwise ASCII
 };
 
-// Columns: the width of the terminal of standard output, else COLUMNS of the environment, else 80. Unicode: whether the
-// first of LC_ALL, LC_CTYPE and LANG that is set names UTF-8.
+// The width is that of the terminal of standard output, else COLUMNS of the environment, else 80. `unicode` is set if
+// the first of LC_ALL, LC_CTYPE and LANG that is set names UTF-8.
 [[nodiscard]] ChartShape ChartShapeHere();
 
-// One line of values as bars from left to right, several lines as points with a legend. The axis of values is at the
-// left, with a line at zero if there are values on both sides of it; below is the axis of times or records. If there
-// are more values than columns, each bar shows the highest of its values. Ends with a line end. The chart is coloured
-// if `output` uses colours.
+// Draws one line of values as bars from left to right, several lines as points with a legend. The axis of values is at
+// the left, with a line at zero if there are values on both sides of it; the axis of times or records is below. If
+// there are more values than columns, each bar shows the highest of its values. The text ends with a line end, and has
+// colours if `output` uses them.
 [[nodiscard]] std::string TextChart(const ChartData& data, const ChartShape& shape, const Output& output);
 
-// A complete document: a line over the values of each field, axes with numbers, the title above; with several fields a
-// legend below.
+// A complete SVG document: a line over the values of each field, axes with numbers, the title above, and, if there are
+// several fields, a legend below.
 [[nodiscard]] std::string SvgChart(const ChartData& data);
 
 }  // namespace qx::ctl

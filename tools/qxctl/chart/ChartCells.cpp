@@ -14,7 +14,7 @@ std::string PadLeft(const std::string& text, std::size_t width) {
   return std::string(width - std::min(width, text.size()), ' ') + text;
 }
 
-// The median of the distances between neighbours that differ; 1 without one.
+// The median of the distances between neighbours that are not equal; 1 without such neighbours.
 double UsualDistance(const ChartData& data) {
   std::vector<std::int64_t> xs;
   for (const ChartLine& line : data.lines) {
@@ -33,7 +33,7 @@ double UsualDistance(const ChartData& data) {
 // A line of blanks into which texts are written.
 class LabelLine {
  public:
-  // False, and nothing is written, if it would touch another text.
+  // Writes the text at column `at`. False, and nothing is written, if it would touch another text.
   bool Write(std::size_t at, const std::string& text) {
     if (at < end_) return false;
     line_.resize(at, ' ');

@@ -1,5 +1,5 @@
-// Internal: what the charts in characters share. A chart is rows of cells to the right of the axis of values, above the
-// axis of times or records.
+// Internal: the common parts of the charts in characters. A chart is rows of cells to the right of the axis of values
+// and above the axis of times or records.
 #pragma once
 
 #include <algorithm>
@@ -13,7 +13,7 @@
 
 namespace qx::ctl {
 
-// The columns of a chart: one for each usual distance between two values, but no more than fit.
+// The columns of a chart: one for each usual distance between two values, but not more than there is space for.
 //   x 0, 1, 2, 3 with 80 columns        => 4 columns, one for each
 //   every minute, but one is missing    => one column stays empty
 //   4000 values with 40 columns         => 40 columns of 100 values
@@ -27,23 +27,23 @@ class Columns {
 
  private:
   std::int64_t first_;
-  double distance_;  // the usual one of two neighbours
-  double range_;     // with half a distance on both sides
+  double distance_;  // the usual distance of two neighbours
+  double range_;     // from the first to the last value, and half a distance on both sides
   std::size_t count_;
 };
 
-// The rows of a chart from the top to the bottom, and what is written on the axis of values next to each.
+// A row of a chart, and its label on the axis of values. The first row is at the top.
 struct ChartRow {
   std::string label;
   std::string cells;     // painted, without blanks that are not needed
   bool is_zero = false;  // the line at zero, or a row with it
 };
 
-// The rows, the axis below, and what is written under it.
+// The whole chart: the rows, the axis below them, and the labels below the axis.
 [[nodiscard]] std::string ChartText(const std::vector<ChartRow>& rows, const std::string& low_label,
                                     const ChartData& data, const Columns& columns, const ChartShape& shape);
 
-// The columns that are left for cells by an axis of values with these labels.
+// The number of columns for cells that an axis of values with labels of this width leaves.
 [[nodiscard]] std::size_t ColumnsForCells(std::size_t label_width, const ChartShape& shape);
 
 }  // namespace qx::ctl

@@ -1,4 +1,4 @@
-// What a chart shows: one line for each field.
+// The data of a chart: one line for each field.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +25,7 @@ inline constexpr std::size_t kChartLinesMax = 6;  // as many lines as a reader c
 struct ChartData {
   std::string title;
   std::vector<ChartLine> lines;  // at least one, at most kChartLinesMax
-  bool has_times = false;        // what x is
+  bool has_times = false;        // whether x is a time
   TimeRules time;                // how times are shown
 
   // Whether there is any point.

@@ -43,7 +43,7 @@ void FieldSeries::Add(std::uint64_t index, std::optional<std::int64_t> time_ms, 
   if (lacks_number) LearnFields(text);
 }
 
-// Only for the message about an unknown field, which no record has: some records are enough.
+// Collects names for the message about an unknown field. No record has this field, so some records are enough.
 void FieldSeries::LearnFields(std::string_view text) {
   if (learned_++ >= kLearnedMax) return;
   for (const RecordField& field : ParseFields(text, rules_)) AddOnce(field.IsNumber() ? known_ : texts_, field.name);

@@ -1,4 +1,4 @@
-// The fields of one record as a table for people.
+// Shows the fields of one record as a table for people.
 #pragma once
 
 #include <string>
@@ -8,8 +8,8 @@
 
 namespace qx::ctl {
 
-// Name, type and value of each field, with a heading; the stamp is the row "(stamp)". Control bytes are escaped. Empty
-// for a text without fields.
+// The name, type and value of each field, below a heading; the row of the stamp has the name "(stamp)". Control bytes
+// are escaped. Empty for a text without fields.
 //   field    type     value
 //   (stamp)  time     2026-01-31 10:20
 //   cpu      integer  12%

@@ -31,7 +31,7 @@ int RowOf(double value, const Scale& scale) {
   return std::clamp(static_cast<int>(std::lround((1 - scale.Share(value)) * (kRows - 1))), 0, kRows - 1);
 }
 
-// The highest and the lowest value of each column.
+// Draws the highest and the lowest value of each column.
 void DrawLine(const ChartLine& line, std::size_t number, const Columns& columns, const Scale& scale, Grid& grid) {
   struct Reach {
     int top = kRows;
@@ -97,7 +97,7 @@ class Drawing {
   [[nodiscard]] std::string RowText(const std::vector<std::size_t>& cells, bool is_zero) const {
     const char* const between = !is_zero ? " " : shape_.unicode ? "─" : "-";
     std::string text;
-    std::string blanks;  // which a row does not end with
+    std::string blanks;  // not yet added, because a row does not end with blanks
     for (const std::size_t cell : cells) {
       const std::string sign = cell != kNoLine ? SignOf(cell) : between;
       if (sign == " ") {

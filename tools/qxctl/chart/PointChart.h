@@ -1,4 +1,4 @@
-// Internal: the values of several fields as points, each field with a sign of its own.
+// Internal: draws the values of several fields as points, with a sign for each field.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace qx::ctl {
 
-// The legend, and the points above one axis. In each column the highest and the lowest value are drawn. Where two
-// fields meet, the first one of the legend is drawn.
+// The legend, and the points above one axis. In each column the highest and the lowest value of a field are drawn. If
+// two fields have the same cell, it shows the field that comes first in the legend.
 [[nodiscard]] std::string PointChart(const ChartData& data, const ChartShape& shape, const Output& output);
 
 }  // namespace qx::ctl

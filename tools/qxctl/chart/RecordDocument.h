@@ -1,4 +1,4 @@
-// A record as a document.
+// Writes a record as a JSON document.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace qx::ctl {
 
-// {"index":7,"text":"a"}, "end" if it is not CR LF, and what AddFields adds.
+// {"index":7,"text":"a"}, with "end" if the record does not end with CR LF, and with the members that AddFields adds.
 [[nodiscard]] Json RecordToJson(std::uint64_t index, std::string_view record, const FieldRules& rules);
 
 }  // namespace qx::ctl

@@ -19,7 +19,7 @@ namespace {
 constexpr std::size_t kNumberBytesMax = 400;  // with its unit
 constexpr std::size_t kFieldsMax = 1000;      // of a record without a separator
 
-// ASCII only: the limits of a word must not depend on the locale.
+// These functions know only ASCII: the end of a word must not depend on the locale.
 bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsBeyondAscii(char c) { return static_cast<unsigned char>(c) >= 0x80; }
@@ -44,7 +44,7 @@ struct Number {
   std::size_t bytes = 0;  // without the unit
 };
 
-// A whole text as a number with a unit, or without.
+// The number that the whole text is, with or without a unit; unset for any other text.
 //   "12%" => 12    "+2e3kB" => 2000    "3" => 3    "0x1F", "5m30s", "10.0.0.1", "nan" => unset
 std::optional<Number> ParseNumber(std::string_view text) {
   const std::size_t sign = text.starts_with('+') ? 1 : 0;
@@ -77,20 +77,21 @@ std::string_view WithoutClosingBrackets(std::string_view value) {
   return value;
 }
 
-// Up to a blank, a comma or a semicolon.
+// The value at the beginning of the text: up to a blank, a comma or a semicolon.
 std::string_view BareValue(std::string_view text) {
   const auto end = std::find_if(text.begin(), text.end(), EndsValue);
   return WithoutClosingBrackets(text.substr(0, static_cast<std::size_t>(end - text.begin())));
 }
 
-// The value that the text begins with if it is a number; empty otherwise. The limit keeps a scan of hostile text
-// linear.
+// The value at the beginning of the text if it is a number; empty otherwise. The limit of its length keeps a scan of
+// hostile text linear.
 std::string_view BareNumber(std::string_view text) {
   const std::string_view value = BareValue(text.substr(0, kNumberBytesMax));
   return value.size() < kNumberBytesMax && ParseNumber(value) ? value : std::string_view();
 }
 
-// The bytes between the quote that the text begins with and the next one that no backslash precedes; unset without one.
+// The bytes between the quote at the beginning of the text and the next quote that has no backslash before it; unset if
+// there is no such quote.
 std::optional<std::string_view> QuotedValue(std::string_view text) {
   for (std::size_t i = 1; i < text.size(); ++i) {
     if (text[i] == '\\') {
@@ -112,7 +113,7 @@ RecordField FieldOf(std::string name, std::string_view value) {
   return field;
 }
 
-// Finds names with values from the left to the right.
+// Finds names with values, from the left to the right.
 class FieldScan {
  public:
   explicit FieldScan(std::string_view text) : rest_(text) {}
@@ -131,13 +132,14 @@ class FieldScan {
  private:
   void Skip(std::size_t bytes) { rest_.remove_prefix(std::min(bytes, rest_.size())); }
 
-  // The bytes at the beginning that are no name: a word such as 10.0.0.1, or a text in quotes.
+  // The number of bytes at the beginning that are not a name: a word such as 10.0.0.1, or a text in quotes.
   [[nodiscard]] std::size_t SkippedBytes() {
     const std::optional<std::string_view> quoted = Quoted();
     return quoted ? quoted->size() + 2 : CountFront(rest_, IsNamePart);
   }
 
-  // The text in quotes that the rest begins with. After a quote without its end, no other quote is searched for.
+  // The text in quotes at the beginning of the rest. Once a quote without its end was found, no other quote is searched
+  // for.
   std::optional<std::string_view> Quoted() {
     if (!rest_.starts_with('"') || !may_have_quotes_) return std::nullopt;
     const std::optional<std::string_view> quoted = QuotedValue(rest_);
@@ -179,7 +181,8 @@ class FieldScan {
     Skip(value.size() + (quoted ? 2 : 0));
   }
 
-  // Takes the number after `bytes` bytes and any blanks. False, and nothing is taken, if there is no number.
+  // Takes the number that follows after `bytes` bytes and any blanks. False, and nothing is taken, if there is no
+  // number.
   bool TakeNumber(std::string_view name, std::size_t bytes) {
     const std::string_view value = BareNumber(WithoutBlanks(rest_.substr(bytes)));
     if (value.empty()) return false;

@@ -1,4 +1,4 @@
-// The text of a record, and its parts.
+// Splits a record into its text and its end, and the text into columns.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@ struct RecordText {
 };
 [[nodiscard]] RecordText TextOfRecord(std::string_view record);
 
-// "a b c", " " => "a", "b", "c"; with `count_max` 2: "a", "b c". An empty separator: the text.
+// "a b c", " " => "a", "b", "c"; with `count_max` 2: "a", "b c". With an empty separator the whole text.
 [[nodiscard]] std::vector<std::string_view> FieldsOf(std::string_view text, std::string_view separator,
                                                      std::size_t count_max);
 

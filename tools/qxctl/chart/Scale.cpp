@@ -20,7 +20,7 @@ double RoundStep(double width) {
 
 }  // namespace
 
-// Differences are computed from halves: the difference of two large numbers may overflow.
+// Differences are computed from halves, because the difference of two large numbers may overflow.
 Scale ScaleOf(const std::vector<double>& values, int steps) {
   if (values.empty()) return {};
   const auto [lowest, highest] = std::minmax_element(values.begin(), values.end());

@@ -1,4 +1,4 @@
-// The axis of values of a chart.
+// Chooses the range of the axis of values of a chart.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@ struct Scale {
   [[nodiscard]] double Share(double value) const { return (value / 2 - low / 2) / (high / 2 - low / 2); }
 };
 
-// About `steps` steps of 1, 2 or 5 times a power of ten. It begins at 0 if the values are not far from it.
+// A scale of about `steps` steps, each 1, 2 or 5 times a power of ten. It begins at 0 if the values are not far from 0.
 //   0.12 to 0.31  => 0 to 0.4 by 0.1
 [[nodiscard]] Scale ScaleOf(const std::vector<double>& values, int steps);
 

@@ -13,7 +13,7 @@ constexpr std::size_t kMiddle = 3;
 constexpr std::array<const char*, kHeights> kBars = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
 constexpr std::array<const char*, kHeights> kAsciiBars = {"_", ".", ",", "-", "=", "+", "*", "#"};
 
-// Computed from halves: the difference of two large numbers may overflow.
+// The difference is computed from halves, because the difference of two large numbers may overflow.
 std::size_t HeightOf(double value, double low, double high) {
   if (low == high) return kMiddle;
   const double share = (value / 2 - low / 2) / (high / 2 - low / 2);

@@ -1,4 +1,4 @@
-// A row of numbers as small as a word.
+// Draws a row of numbers as small as a word.
 #pragma once
 
 #include <cstddef>

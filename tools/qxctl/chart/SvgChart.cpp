@@ -22,10 +22,10 @@ constexpr double kTop = 40;
 constexpr double kBottom = 340;
 constexpr int kSteps = 5;
 constexpr double kLegendHeight = 20;         // of an entry
-constexpr std::size_t kLabelChars = 90;      // that have space next to each other on the axis
+constexpr std::size_t kLabelChars = 90;      // the characters of labels for which the axis has space
 constexpr std::size_t kPointPairsMax = 700;  // two points for each unit of width show every peak
 
-// A colour, and dashes by which a reader can distinguish the lines without colours.
+// A colour, and dashes that distinguish the lines without colours.
 struct Stroke {
   const char* color;
   const char* dashes;
@@ -33,7 +33,8 @@ struct Stroke {
 constexpr std::array<Stroke, kChartLinesMax> kStrokes = {
     {{"#06c", ""}, {"#c30", "8 3"}, {"#083", "2 3"}, {"#909", "8 3 2 3"}, {"#960", "14 4"}, {"#055", "4 2"}}};
 
-// For texts of others: markup is escaped, control bytes are made visible, and bytes that are not UTF-8 are replaced.
+// Prepares a text that others have written: markup is escaped, control bytes are made visible, and bytes that are not
+// UTF-8 are replaced.
 std::string XmlText(const std::string& text) { return CMarkup::EscapeText(std::string_view(ValidUtf8(Visible(text)))); }
 
 std::string Coordinate(double value) {
@@ -55,7 +56,7 @@ struct Range {
 
 double YOf(double value, const Scale& scale) { return kBottom - scale.Share(value) * (kBottom - kTop); }
 
-// The points to draw: all, or those with the lowest and the highest value of each share, in their order.
+// The points to draw: all points; or, if they are too many, the lowest and the highest of each share, in their order.
 std::vector<ChartPoint> PointsToDraw(const std::vector<ChartPoint>& all) {
   const bool draws_all = all.size() <= 2 * kPointPairsMax;
   if (draws_all) return all;
@@ -81,7 +82,8 @@ std::string LineBetween(double x1, double y1, double x2, double y2, const char* 
          Coordinate(y2) + "\" stroke=\"" + color + "\"/>\n";
 }
 
-// The number at a step of the axis, counted from its nearer end and in halves, so that no number overflows.
+// The number at a step of the axis. It is computed from the nearer end of the axis and from halves, so that no number
+// overflows.
 double StepValue(const Scale& scale, int step, int steps) {
   if (step <= steps / 2) return (scale.low / 2 + step * (scale.step / 2)) * 2;
   return (scale.high / 2 - (steps - step) * (scale.step / 2)) * 2;
@@ -119,7 +121,7 @@ std::string Labels(const ChartData& data, const Range& range) {
   return data.has_times ? TimeLabels(range, data.time) : RecordLabels(range);
 }
 
-// Drawn over the grid.
+// The two axes and the line at zero. They are drawn over the grid.
 std::string Axes(const Scale& scale) {
   const std::string axes =
       LineBetween(kLeft, kTop, kLeft, kBottom, "#333") + LineBetween(kLeft, kBottom, kRight, kBottom, "#333");
@@ -144,7 +146,7 @@ std::string LineOf(const ChartLine& line, const Stroke& stroke, const Scale& sca
          DashesOf(stroke) + " points=\"" + points + "\"/>\n";
 }
 
-// For each field a piece of its line, and the text that explains it.
+// For each field a piece of its line, and its name with the lowest and the highest value.
 std::string Legend(const std::vector<ChartLine>& lines) {
   std::string svg;
   for (std::size_t i = 0; i < lines.size(); ++i) {

@@ -50,7 +50,7 @@ constexpr std::int64_t kSteps[] = {1,
                                    3640 * kDay,
                                    36400 * kDay};
 
-// What a clock shows, in characters.
+// The parts of a civil time, as text.
 struct Shown {
   std::string date;      // 2026-01-31
   std::string time;      // 10:20:30
@@ -71,7 +71,8 @@ Shown ShownOf(std::int64_t civil_ms) {
   return {date, time, fraction};
 }
 
-// A label as exact as the step. At midnight the label is the day, which the other ticks of that day do not show.
+// A label as exact as the step. At midnight the label is the day, because the other labels of that day show only the
+// time.
 std::string LabelOf(std::int64_t civil_ms, std::int64_t step_ms) {
   const Shown shown = ShownOf(civil_ms);
   if (step_ms < kSecond) return shown.time + shown.fraction;
@@ -80,7 +81,7 @@ std::string LabelOf(std::int64_t civil_ms, std::int64_t step_ms) {
   return shown.time == "00:00:00" ? shown.date.substr(5) : shown.time.substr(0, 5);
 }
 
-// The smallest step with which all labels fit.
+// The smallest step with which all labels have enough space; 0 if there is none.
 std::int64_t StepFor(std::int64_t range_ms, std::size_t characters) {
   for (const std::int64_t step : kSteps) {
     const std::size_t width = LabelOf(0, step).size() + 1;

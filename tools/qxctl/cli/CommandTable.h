@@ -1,4 +1,4 @@
-// The queries of the command table that help, manual page and completion use.
+// Queries of the command table, for help, manual pages and completion.
 #pragma once
 
 #include <span>

@@ -1,4 +1,4 @@
-// The words of commands, and what is said about one that does not exist.
+// Finds commands by their words, and writes the message about a word that no command has.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ namespace qx::ctl {
 // The command one word below `command`, hidden ones included; null if it does not exist.
 const Command* FindSubcommand(Commands commands, const Command& command, std::string_view word);
 
-// The command or the group with these words; for none qxctl itself. kUsage if it does not exist.
+// The command or the group with these words; qxctl itself if there are no words. kUsage if it does not exist.
 Status FindCommand(Commands commands, const std::vector<std::string>& words, const Command*& command);
 
 // kUsage for a word that no command below `command` has, with the words that may have been meant. For the first word of

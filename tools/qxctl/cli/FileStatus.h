@@ -1,4 +1,4 @@
-// Messages that say why a file was not opened or replaced.
+// Writes the messages that say why a file was not opened or replaced.
 #pragma once
 
 #include <string>
@@ -8,12 +8,13 @@
 
 namespace qx::ctl {
 
-// `what`: "cannot open", "cannot create", ... For a file or link of another user it is kRefused. The message says what
-// to do: for a file, to use --force, which never follows a link of another user.
+// The status of an open or a replacement. `what`: "cannot open", "cannot create", ... It is kRefused for a file or link
+// of another user. The message then says what to do: for a file, to use --force; for a link, which --force does not
+// follow, to name the file itself.
 [[nodiscard]] Status StatusOfFile(const std::string& what, const ReplaceResult& result);
 
-// Like Status::Io, for opens of reports and backups: the system's text for ELOOP says neither why a link is refused nor
-// what to do.
+// Status::Io for opens of reports and backups. For ELOOP it also says why a link is refused and what to do; the
+// system's text says neither.
 [[nodiscard]] Status StatusOfReportFile(const std::string& what, int error);
 
 }  // namespace qx::ctl

@@ -15,11 +15,11 @@ namespace qx::ctl {
 
 namespace {
 
-// More than any request needs; with a wrong file name, the memory does not fill up.
+// More than any request needs. The limit keeps a wrong file from filling the memory.
 constexpr std::size_t kInputBytesMax = std::size_t{64} << 20;
 
-// A FIFO without a writer reads as if it were at its end, so this waits for the first writer. Regular files are ready
-// at once.
+// Waits for the first writer of a FIFO: without one, a FIFO reads as if it were at its end. Regular files are ready at
+// once.
 void WaitForWriter(int descriptor) {
   pollfd waited{descriptor, POLLIN, 0};
   (void)poll(&waited, 1, -1);  // the read that follows decides, whatever the result

@@ -1,4 +1,4 @@
-// Input that a command takes from files or from standard input.
+// Reads the input of a command from files or from standard input.
 #pragma once
 
 #include <string>
@@ -8,13 +8,13 @@
 
 namespace qx::ctl {
 
-// An argument that is a text, or "@FILE" for the file's content, or "-" or "@-" for standard input. A file or link of
-// another user than root and the process's own is refused unless `force`: that user would choose what this process
-// reads.
+// Sets `text` from an argument: "@FILE" means the content of the file, "-" and "@-" mean standard input, and any other
+// argument is the text itself. A file or link of another user than root and the process's own is refused unless
+// `force`: that user would choose what this process reads.
 Status ReadArgument(const std::string& argument, std::string& text, bool force = false);
 
-// Standard input as a regular file in memory, for readers that need a path. It is valid while `file` is open. kIo for
-// more than 64 MiB.
+// Copies standard input to a regular file in memory, for readers that need a path. The path is valid while `file` is
+// open. kIo for more than 64 MiB.
 Status StandardInputAsFile(file::Descriptor& file, std::string& path);
 
 }  // namespace qx::ctl

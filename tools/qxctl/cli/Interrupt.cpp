@@ -32,7 +32,8 @@ char g_directory[PATH_MAX] = "";
 volatile std::sig_atomic_t g_directory_number = -1;
 pid_t g_directory_process = 0;  // a child of this process must not remove it
 
-// The kernel's layout: readdir may allocate, which a signal handler must not do.
+// A directory entry as the system call getdents64 returns it. The signal handler uses this call because readdir may
+// allocate, which a signal handler must not do.
 struct DirectoryEntry {
   unsigned long number;
   long offset;
@@ -113,7 +114,7 @@ void RememberBrokenPipe() {
   if (!g_parent_ignores_pipe && g_signal == 0) g_signal = SIGPIPE;
 }
 
-// The signals are held back between the check and the wait: one that arrives there would otherwise not end the wait.
+// The signals are blocked between the check and the wait: otherwise one that arrives there would not end the wait.
 Status WaitWhileOutputIsRead(std::chrono::nanoseconds time) {
   constexpr std::int64_t kSecond = 1'000'000'000;
   const timespec limit{static_cast<time_t>(time.count() / kSecond), static_cast<long>(time.count() % kSecond)};

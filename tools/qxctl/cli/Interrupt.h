@@ -13,12 +13,12 @@ namespace qx::ctl {
 // 0.
 int InterruptSignal();
 
-// For the beginning of the program: from now on a write without a reader fails with EPIPE and does not kill the
-// process.
+// To be called at the start of the program. From then on a write to a pipe without a reader fails with EPIPE and does
+// not kill the process.
 void HoldBrokenPipe();
 
-// Remembers that a write failed because its reader is gone, unless the parent process ignores SIGPIPE: then the failed
-// write is an error like any other.
+// Remembers that a write failed because the reader is gone. If the parent process ignores SIGPIPE, nothing is
+// remembered: the failed write is then an error like any other.
 void RememberBrokenPipe();
 
 // Waits for `time`. Returns early when a signal arrives, and when the reader of standard output is gone: that is kIo,

@@ -61,7 +61,7 @@ std::string ReadText(std::uint64_t read, std::uint64_t total) {
 
 void Show(const std::string& text) { (void)file::Write(STDERR_FILENO, text); }
 
-// A thread that takes no signal: those are for the thread that does the work.
+// Starts a thread that takes no signals: the thread that does the work takes them.
 template <typename Work>
 std::thread ThreadWithoutSignals(Work work) {
   sigset_t all;

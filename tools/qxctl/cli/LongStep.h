@@ -1,7 +1,7 @@
-// A step of a command that may take long and prints nothing meanwhile: after a second, a line of progress shows how
-// long it has taken and what it has read and written.
+// Shows the progress of a step that may take long and prints nothing: from the first second on, a line shows how long
+// the step has taken, and what it has read and written.
 //
-// Threads: one of its own, only if progress is shown; it reads no data of the command.
+// Threads: one of its own, only if progress is shown; this thread reads no data of the command.
 #pragma once
 
 #include <condition_variable>
@@ -18,8 +18,8 @@ namespace qx::ctl {
 // The step lasts from construction to destruction. Nothing may be printed in between.
 class LongStep {
  public:
-  // `what` is done: "checking Reports/load". `total` returns how many bytes have to be read, 0 if that is not known; it
-  // is called on the thread of the progress.
+  // `what` names the work: "checking Reports/load". `total` returns how many bytes have to be read, 0 if that is not
+  // known; it is called on the thread of the progress.
   LongStep(const Output& output, std::string what, std::function<std::uint64_t()> total = {});
   ~LongStep();
   LongStep(const LongStep&) = delete;

@@ -1,7 +1,9 @@
-// The values that the tab key offers, as far as a completion script cannot know them itself: reports, keys, codes, ...
+// The sources of the values that the tab key offers and a completion script cannot know itself: reports, keys, codes,
+// ...
 //
 // A folder of commands defines an OfferSource for each such kind, and Main.cpp lists them. `qxctl _offers NAME --
-// CURRENT WORDS` prints what a source returns. A source prints no messages and does not fail: the tab key must not.
+// CURRENT WORDS` prints what a source returns. A source prints no messages and does not fail, because nobody expects
+// either of the tab key.
 #pragma once
 
 #include <string>
@@ -19,7 +21,7 @@ struct Offer {
   std::string help = {};
 };
 
-// What is on the command line. `before` has the values of the command as far as it could be parsed.
+// The words of the command line. `before` has the values of the command as far as the line could be parsed.
 struct OfferRequest {
   std::string current;  // the word to complete
   Values before;

@@ -64,7 +64,7 @@ const char* SequenceOf(Style style) {
 
 constexpr char kPlain[] = "\033[0m";
 
-// 128 random bits in hexadecimal digits, so that no other text contains them.
+// 128 random bits in hexadecimal digits, so that no text from elsewhere contains them.
 std::string RandomMark() {
   std::array<unsigned char, 16> bytes = {};
   if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))

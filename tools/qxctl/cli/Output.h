@@ -42,15 +42,16 @@ class Output {
   // One JSON document on standard output, indented, with a line end. Bytes that are not UTF-8 become U+FFFD.
   Status Document(const Json& document);
 
-  // `text` for standard output, with the escape sequences of a colour around it if colour is on there. Never for a JSON
-  // document. Pad before painting: the sequences have bytes, but no width on the screen.
+  // Returns `text` for standard output, with the escape sequences of a colour around it if standard output has colours.
+  // Texts of a JSON document must not be painted. Pad before painting: the sequences have bytes, but no width on the
+  // screen.
   std::string Paint(Style style, std::string_view text) const;
 
   // What Data writes for these bytes, for a command that draws on the terminal itself.
   [[nodiscard]] std::string ForScreen(std::string_view bytes) const;
 
-  // A line of explanation on standard error, after the data so far if both go to one terminal. Not with --quiet, so it
-  // must not be something that an operator has to know.
+  // Prints a line of explanation on standard error. If both outputs go to one terminal, the data so far is written
+  // first. With --quiet nothing is printed, so the line must not be something that an operator has to know.
   void Note(std::string_view line);
 
   // A note that is printed only with --verbose.
@@ -60,8 +61,8 @@ class Output {
   void Problem(std::string_view message);
   void Problem(const Status& status);
 
-  // A line that replaces the previous progress line; shown only if standard error is a terminal, ten times a second at
-  // most, and not with --quiet. The next Note or Problem wipes it.
+  // Prints a line that replaces the previous progress line. It is shown only if standard error is a terminal, at most
+  // ten times a second, and not with --quiet. The next Note or Problem wipes it.
   void Progress(const std::string& line);
 
   // Whether progress is shown at all.

@@ -1,4 +1,4 @@
-// The end of a command of qxctl: its exit code, and a sentence for the operator, or none.
+// The result of a command of qxctl: its exit code, and a sentence for the operator or an empty text.
 #pragma once
 
 #include <cerrno>

@@ -30,7 +30,8 @@ bool SetEnvironment(const std::string& directory, int level) {
          setenv("QX_LOG_FILE_MAX_SIZE", kLogBytesMax, 0) == 0;
 }
 
-// Blocks the signals that end the program until the directory is one that a signal removes.
+// Blocks the signals that end the program during the lifetime: a signal arrives only when the directory that it has to
+// remove is known.
 class HeldSignals {
  public:
   HeldSignals() {

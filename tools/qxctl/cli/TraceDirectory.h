@@ -7,9 +7,9 @@
 
 namespace qx::ctl {
 
-// Loading the module opens, and so empties, the log of the module's name in the trace directory. A service may be
-// writing the same file, so the trace directory is changed before anything is loaded: to a private one, or to one that
-// the operator named.
+// When the module is loaded, it opens, and so empties, the log of its name in the trace directory. A service may be
+// writing the same file. So the trace directory is changed before the module is loaded: to a private one, or to one
+// that the operator named.
 //
 // Threads: used by the only thread; it changes the environment.
 // Owns: the private directory, which is removed with its files at destruction, so unload the module before.

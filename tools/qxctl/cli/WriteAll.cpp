@@ -19,7 +19,7 @@ namespace {
 constexpr int kWaitMilliseconds = 100;
 
 // Waits until the descriptor accepts bytes. False if a signal under an InterruptGuard ends the wait: one that
-// interrupts it, or one that is newer than `known`. The write reports what is wrong with the descriptor.
+// interrupts it, or one that is newer than `known`. An error of the descriptor gives true: the write reports it.
 bool WaitUntilWritable(int descriptor, int known) {
   for (;;) {
     if (InterruptSignal() != known) return false;
@@ -38,7 +38,7 @@ file::Progress WritePiece(int descriptor, std::string_view piece) {
   return progress;
 }
 
-// Knows how many bytes a descriptor that accepts some takes without waiting.
+// Determines how many bytes a descriptor takes without waiting, once it accepts some.
 class Piece {
  public:
   explicit Piece(int descriptor) : descriptor_(descriptor) {
@@ -48,8 +48,8 @@ class Piece {
     if (is_known && S_ISFIFO(status.st_mode)) pipe_bytes_ = std::max(fcntl(descriptor, F_GETPIPE_SZ), PIPE_BUF);
   }
 
-  // An empty pipe takes as many bytes as it can hold. The free space of one that holds some is not known: its memory is
-  // divided into pages, which may be partly filled.
+  // An empty pipe takes as many bytes as it can hold. The free memory of a pipe that has unread bytes is not known,
+  // because its pages may be partly filled.
   [[nodiscard]] std::size_t Bytes() const {
     if (is_regular_) return std::string_view::npos;
     int unread = 0;

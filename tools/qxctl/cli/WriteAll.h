@@ -1,4 +1,4 @@
-// Writes to a descriptor: every failure is returned, and a signal can end the write.
+// Writes to a descriptor. Every failure is returned, and a signal can end the write.
 #pragma once
 
 #include <string>
@@ -9,10 +9,10 @@
 
 namespace qx::ctl {
 
-// Writes every byte, unless it fails or a signal arrives under an InterruptGuard (EINTR). A pipe gets only what it
-// takes without waiting: PIPE_BUF bytes at a time, or as many as it can hold while it is empty, and each such piece
-// whole or not at all. So a signal ends the write while it waits for a slow reader. A terminal may get a part of a
-// piece.
+// Writes every byte, unless it fails or a signal arrives under an InterruptGuard (EINTR). A pipe gets pieces that it
+// takes without waiting, each whole or not at all: PIPE_BUF bytes, or, while it is empty, as many as it can hold. So
+// the call waits only between pieces, where a signal can end it, even if the reader is slow. A terminal may take a part
+// of a piece.
 [[nodiscard]] file::Progress WriteUntilInterrupted(int descriptor, std::string_view bytes);
 
 // WriteUntilInterrupted with a status; `name` is the name of the file in the message.

@@ -1,4 +1,4 @@
-// Result codes, error numbers and exit codes.
+// The explanations of result codes, error numbers and exit codes.
 #include "tools/qxctl/doctor/ExplanationTables.h"
 
 namespace qx::ctl {

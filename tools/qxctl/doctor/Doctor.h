@@ -1,4 +1,4 @@
-// Checks everything that the module needs to serve, and changes nothing.
+// Checks everything that the module needs to serve requests, and changes nothing.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +26,8 @@ struct DoctorFinding {
 // "module", "registry", "reports", "traces", "limits"
 [[nodiscard]] const char* SectionOf(std::string_view code);
 
-// The checked directories and files; all except the module can be replaced, for a copy of another machine's files and
-// for tests.
+// The checked directories and files. All except the module can be replaced, so that tests, and checks of files copied
+// from another machine, can use other ones.
 struct DoctorPlaces {
   std::string module;
   std::string registry_directory = registry::kSystemDirectory;
@@ -43,7 +43,7 @@ using DoctorFindings = std::vector<DoctorFinding>;
 // "PATH", as facts show it.
 [[nodiscard]] inline std::string InQuotes(const std::string& path) { return "\"" + path + "\""; }
 
-// How much space the file system of a directory has for an ordinary user.
+// The free space that the file system of a directory has for an ordinary user.
 enum class SpaceState { kEnough, kLow, kFull };
 struct Space {
   SpaceState state = SpaceState::kEnough;  // also if the system does not show it
@@ -52,8 +52,8 @@ struct Space {
 };
 [[nodiscard]] Space SpaceFor(const std::string& directory);
 
-// Each function adds its findings, or a line that all is well. CheckTraces comes first, because the check of the module
-// changes the trace directory in the environment.
+// Each function adds its findings, or one finding that all is well. CheckTraces must be called first, because
+// CheckModule changes the trace directory in the environment.
 void CheckTraces(const DoctorPlaces& places, DoctorFindings& findings);
 void CheckModule(const DoctorPlaces& places, DoctorFindings& findings);
 void CheckRegistry(const DoctorPlaces& places, DoctorFindings& findings);

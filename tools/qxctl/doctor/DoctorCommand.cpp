@@ -67,7 +67,7 @@ const char* NameOf(MonitorCode code) {
   return kNames[static_cast<std::size_t>(code)];
 }
 
-// What this user may not read might be in order.
+// Whether this user may not read something; it might be in order.
 bool IsUnreadable(const DoctorFinding& finding) { return finding.code == "QX203" || finding.code == "QX303"; }
 
 MonitorCode CodeOf(const DoctorFinding& finding) {
@@ -77,7 +77,7 @@ MonitorCode CodeOf(const DoctorFinding& finding) {
   return IsUnreadable(finding) ? MonitorCode::kUnknown : MonitorCode::kCritical;
 }
 
-// The most serious code that a finding has: critical before unknown, unknown before warning.
+// The most serious code of any finding: critical before unknown, unknown before warning.
 MonitorCode CodeOf(const DoctorFindings& findings) {
   for (const MonitorCode code : {MonitorCode::kCritical, MonitorCode::kUnknown, MonitorCode::kWarning}) {
     const auto has_code = [&](const DoctorFinding& finding) { return CodeOf(finding) == code; };
@@ -100,7 +100,7 @@ std::string MonitorLine(const DoctorFindings& findings, MonitorCode code) {
 
 Status MonitorStatus(MonitorCode code) { return {static_cast<ExitCode>(code), ""}; }
 
-// Why there is no result, in the line that a monitor shows.
+// Prints the line of a monitor for a check that has no result: it says why.
 Status Unknown(Context& context, const Status& why) {
   const std::string line = "QXRemConXfer UNKNOWN: " + Visible(why.Message()) + "\n";
   if (Status printed = context.output.Data(line); !printed.IsOk()) return printed;

@@ -1,4 +1,4 @@
-// qxctl doctor
+// The command "qxctl doctor".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -1,4 +1,4 @@
-// The findings of a check as a document.
+// Writes the findings of a check as a JSON document.
 #pragma once
 
 #include "tools/qxctl/cli/Status.h"

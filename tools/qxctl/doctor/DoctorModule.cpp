@@ -1,4 +1,4 @@
-// The module: installed, built for this machine, complete, and protected from other users.
+// Checks the module: whether it is installed, built for this machine, complete, and protected from other users.
 #include <dlfcn.h>
 #include <elf.h>
 #include <unistd.h>
@@ -32,7 +32,7 @@ ElfHead HeadOf(const std::string& path) {
   return is_read ? head : ElfHead();
 }
 
-// Empty if the file is a library that this machine could load.
+// Why the file is not a library that this machine could load; empty if it is one.
 std::string WrongKind(const std::string& path) {
   const ElfHead head = HeadOf(path);
   const ElfHead own = HeadOf("/proc/self/exe");
@@ -59,7 +59,7 @@ std::string TextAt(void* library, const char* name) {
   return variable != nullptr && *variable != nullptr ? *variable : "?";
 }
 
-// "QX102 REASON", "QX104 NAMES", or "QX100 NAME VERSION" of a module that loads.
+// Loads the module, and returns "QX102 REASON", "QX104 NAMES", or, if it is complete, "QX100 NAME VERSION".
 std::string Load(const std::string& path) {
   void* const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) {
@@ -73,7 +73,7 @@ std::string Load(const std::string& path) {
   return text;
 }
 
-// The command that checks the installed module, or installs it.
+// The command that checks the installed module; if no module is installed, the command that installs it.
 std::string InstalledInstead() {
   if (access(kInstalledModule, F_OK) != 0) return "apt-get install qxremconxfer";
   return std::string("qxctl doctor --module ") + kInstalledModule;

@@ -1,4 +1,4 @@
-// The registry: which of its files is used, and whether it is protected and whole.
+// Checks the registry: which of its files is used, and whether this file is protected and whole.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,8 +56,8 @@ bool CheckFile(const std::string& path, DoctorFindings& findings) {
   return true;
 }
 
-// Adds the first finding of each rule, with the number of further ones. False if lines end with CR LF: the content of
-// the file can be checked only after each CR is removed.
+// Adds the first finding of each rule, and how many more there are of this rule. False if lines end with CR LF: the
+// content of the file can be checked only after each CR is removed.
 bool CheckLines(const std::string& path, DoctorFindings& findings) {
   FileImage image;
   if (!ReadFileImage(path, image).IsDone()) return true;  // reported already
@@ -75,7 +75,7 @@ bool CheckLines(const std::string& path, DoctorFindings& findings) {
     const std::string fact = "line " + std::to_string(finding.line) + " of " + InQuotes(path) + ": " +
                              std::string(rule) + ": " + finding.explanation +
                              (more > 0 ? " (and " + std::to_string(more) + " more lines)" : "");
-    if (has_crlf && rule != kCarriageReturn) continue;  // those findings follow from the CRs
+    if (has_crlf && rule != kCarriageReturn) continue;  // they follow from the CRs
     if (rule == kCarriageReturn) {
       findings.push_back({"QX212", fact, RemoveCarriageReturnsCommand(path)});
     } else {

@@ -1,4 +1,4 @@
-// The report directory: its path, who may write there, and whether its reports are whole.
+// Checks the report directory: its path, who may write there, and whether its reports are whole.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,7 +37,8 @@ std::string DirectoryFromRegistry(const DoctorPlaces& places) {
   return directory;
 }
 
-// The report directory that another working directory leads to. It differs only if the directory is the default.
+// The report directory that the module would use in the working directory "/". It differs from the present one only if
+// the registry names none.
 std::string DirectoryFromElsewhere(const DoctorPlaces& places) {
   std::error_code error;
   const fs::path here = fs::current_path(error);
@@ -62,7 +63,7 @@ std::string RegistryFile(const DoctorPlaces& places) { return places.registry_di
 
 bool HasCarriageReturn(const std::string& text) { return text.find('\r') != std::string::npos; }
 
-// Makes the registry name a directory, as "qxctl setup" does.
+// The command that makes the registry name a report directory, as "qxctl setup" does.
 std::string NameCommand(const DoctorPlaces& places) {
   const ReportSettings settings = SettingsOf(places);
   const SettingCommands commands(places.registry_directory);
@@ -71,7 +72,7 @@ std::string NameCommand(const DoctorPlaces& places) {
   return commands.Set(settings.setup_key, kReportRoot, kDefaultReportDirectory);
 }
 
-// The directory as the module would find it here and now.
+// The report directory that the module would use now, in this working directory.
 std::string DirectoryOf(const DoctorPlaces& places, DoctorFindings& findings) {
   if (!places.report_directory.empty()) return places.report_directory;
   std::string directory = DirectoryFromRegistry(places);
@@ -107,7 +108,7 @@ void CheckDamage(const ReportStatus& report, DoctorFindings& findings) {
            : "rm -i " + ShellWord(index)});
 }
 
-// When the report last changed: its newest record, or without one the creation of its index file.
+// The seconds since the report changed: the age of its newest record or, without a record, of its index file.
 std::optional<std::int64_t> SilenceOf(const ReportStatus& report) {
   if (const auto age = AgeOf(report)) return age;
   struct stat index;
@@ -156,14 +157,15 @@ void CheckDirectory(const DoctorPlaces& places, const std::string& directory, co
   }
 }
 
-// The command that makes the directory if the registry or the operator names it; else the command that names one.
+// The command that makes the directory, if the registry or the operator names it; else the command that makes the
+// registry name one.
 std::string CommandForMissing(const DoctorPlaces& places, const std::string& directory) {
   const bool is_named = !places.report_directory.empty() || SettingsOf(places).source != ReportSettings::Source::kNone;
   return is_named && !directory.empty() ? MakeDirectoryCommand(directory) : NameCommand(places);
 }
 
-// Whether the section of the registry has reported why no value names the report directory: a misspelt name, a value of
-// another type, or CR LF. Findings about the directory that is used instead would only repeat that.
+// Whether the check of the registry has reported why no value names the report directory: a misspelt name, a value of
+// another type, or CR LF. Findings about the directory that is used instead would only repeat it.
 bool HasCauseInRegistry(const DoctorPlaces& places) {
   if (!places.report_directory.empty()) return false;
   const ReportSettings settings = SettingsOf(places);

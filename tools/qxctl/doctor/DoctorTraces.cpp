@@ -1,4 +1,4 @@
-// The traces: the source of each setting, whether they can be written, and which processes write them.
+// Checks the traces: the source of each setting, whether they can be written, and which processes write them.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -50,7 +50,8 @@ std::string CheckSettings(const DoctorPlaces& places, DoctorFindings& findings) 
   return directory;
 }
 
-// "QX_LOG_DEBUG_LEVEL", "0x10" => export QX_LOG_DEBUG_LEVEL=16
+// The command that sets the variable to the same number in decimal; for a text that is not a number, that unsets it.
+//   "QX_LOG_DEBUG_LEVEL", "0x10" => export QX_LOG_DEBUG_LEVEL=16
 std::string InDecimal(const std::string& name, const char* value) {
   char* end = nullptr;
   const unsigned long number = std::strtoul(value, &end, 0);
@@ -71,7 +72,7 @@ void CheckVariables(DoctorFindings& findings) {
   }
 }
 
-// The last "[...]" of the file must be "[EndOfFile]", in letters of either case.
+// Whether the file is complete: its last "[...]" must be "[EndOfFile]", in letters of either case.
 bool IsComplete(const fs::path& path) {
   const std::string text = file::TextOf(path);
   const std::size_t end = text.rfind(']');
@@ -95,7 +96,7 @@ void CheckSettingsFiles(const DoctorPlaces& places, DoctorFindings& findings) {
   }
 }
 
-// False if no file can be written there.
+// False if no file can be written in the directory.
 bool CheckDirectory(const std::string& directory, DoctorFindings& findings) {
   struct stat found;
   if (stat(directory.c_str(), &found) != 0) {
@@ -119,7 +120,7 @@ bool CheckDirectory(const std::string& directory, DoctorFindings& findings) {
   return true;
 }
 
-// Which processes have which log or ring file of the directory open.
+// Finds the processes that have a log or a ring file of the directory open.
 class OpenFiles {
  public:
   explicit OpenFiles(const std::string& directory) {
@@ -143,7 +144,7 @@ class OpenFiles {
   void CheckDescriptors(const fs::path& descriptors, const std::string& process) {
     std::error_code error;
     fs::directory_iterator at(descriptors, error);
-    if (error && error != std::errc::no_such_file_or_directory) ++unseen_;  // an ended process does not count
+    if (error && error != std::errc::no_such_file_or_directory) ++unseen_;  // a process that has ended does not count
     for (const fs::directory_iterator end; !error && at != end; at.increment(error)) {
       std::error_code gone;
       const std::string target = fs::read_symlink(at->path(), gone).string();

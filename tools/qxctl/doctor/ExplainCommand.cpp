@@ -1,4 +1,4 @@
-// The meaning of a code or a trace line, its cause and the action to take.
+// Prints the meaning of a code or a trace line, its cause and the action to take.
 #include "tools/qxctl/doctor/ExplainCommand.h"
 
 #include <cstring>

@@ -1,4 +1,4 @@
-// qxctl explain
+// The command "qxctl explain".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"
@@ -8,7 +8,7 @@ namespace qx::ctl {
 
 extern const Command kExplainCommand;
 
-// Codes and their meanings, for the tab key; error numbers also by name.
+// Offers codes with their meanings to the tab key; error numbers also by name.
 extern const OfferSource kCodeOffers;
 
 }  // namespace qx::ctl

@@ -12,7 +12,7 @@ namespace qx::ctl {
 
 namespace {
 
-constexpr std::size_t kFixedCharsMin = 8;  // a shorter text is only a word
+constexpr std::size_t kFixedCharsMin = 8;  // a shorter text is only a word, and many lines have it
 
 // The fixed parts of a format: the text between its conversions.
 //   "a %s (0x%02X)"  => "a ", " (0x", ")"
@@ -27,7 +27,7 @@ std::vector<std::string_view> FixedParts(std::string_view format) {
   return parts;
 }
 
-// The number of fixed characters of `format` if `line` is one of its texts, else 0.
+// The number of characters in the fixed parts of `format`, if all these parts are in `line` in their order; else 0.
 std::size_t FixedCharsIn(std::string_view line, std::string_view format) {
   std::size_t chars = 0;
   std::size_t at = 0;
@@ -67,7 +67,7 @@ std::string Upper(std::string_view text) {
   return upper;
 }
 
-// The decimal form of an error number that is its name or in hexadecimal digits; else empty.
+// The decimal form of an error number that is given by its name or in hexadecimal digits; empty for another text.
 //   "ENOENT" => "2"    "0X521" => "1313"
 std::string ErrorNumberOf(const std::string& code) {
   constexpr int kErrorMax = 4095;  // the largest that a system call can return

@@ -29,12 +29,12 @@ struct Explanation {
 // "result code", "error number", "exit code", "doctor code", "view code", "message", "trace text"
 [[nodiscard]] const char* NameOf(ExplainedKind kind);
 
-// Each kind together, in the order of codes. [any thread]
+// All explanations, by kind; those of one kind in the order of codes. [any thread]
 [[nodiscard]] std::span<const Explanation> AllExplanations();
 
-// Finds `text`: a code, the name or the hexadecimal form of an error number, a whole line that contains a trace text or
-// a message with any values, or part of such a text. Empty if it is not known. Of several texts in one line, a trace
-// text counts before a message, and the one with the longest fixed part before others.
+// Finds the explanations of `text`: a code, the name or the hexadecimal form of an error number, a whole line that
+// contains a trace text or a message with any values, or a part of such a text. Empty if it is not known. If a line
+// contains several texts, a trace text is preferred to a message, and a text with a longer fixed part to a shorter one.
 //   "12"                                         => the result code 12 and the error number 12
 //   "ENOENT"                                     => the error number 2
 //   "0x521"                                      => the error number 1313

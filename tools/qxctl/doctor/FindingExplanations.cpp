@@ -1,4 +1,4 @@
-// The codes of qxctl doctor. A code never changes its meaning.
+// The explanations of the codes of qxctl doctor. A code never changes its meaning.
 #include "tools/qxctl/doctor/ExplanationTables.h"
 
 namespace qx::ctl {

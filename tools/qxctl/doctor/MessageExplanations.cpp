@@ -1,4 +1,4 @@
-// The texts ("Msg") of the Error elements in replies, as the sources have them.
+// The explanations of the texts ("Msg") of the Error elements in replies. The texts are those of the sources.
 #include "tools/qxctl/doctor/ExplanationTables.h"
 
 namespace qx::ctl {

@@ -1,4 +1,5 @@
-// The texts that mark an error or a warning in traces and in the system log, as the sources have them.
+// The explanations of the texts that mark an error or a warning in traces and in the system log. The texts are those of
+// the sources.
 #include "tools/qxctl/doctor/ExplanationTables.h"
 
 namespace qx::ctl {

@@ -1,4 +1,4 @@
-// The codes of qxview: failures of its API, and what it finds itself. A code never changes its meaning.
+// The explanations of the codes of qxview: failures of its API, and its own findings. A code never changes its meaning.
 #include "tools/qxctl/doctor/ExplanationTables.h"
 
 namespace qx::ctl {

@@ -1,4 +1,4 @@
-// A whole report through the module, to standard output or into a file.
+// Fetches a whole report through the module, and writes it to standard output or into a file.
 #include "tools/qxctl/fetch/FetchCommand.h"
 
 #include <malloc.h>
@@ -118,8 +118,8 @@ class RecordTarget {
 
   std::uint64_t InSlice() const { return records_.Count(); }
 
-  // A file is renamed into place only if the transfer reached its end; a changed or shortened report is better than
-  // none.
+  // The file gets its name only if the transfer reached the end of the report. This includes a transfer that ends with
+  // kChanged or kFinding: its records are better than no file.
   Status Finish(bool reached_end) {
     if (Status status = records_.Finish(); !status.IsOk()) return status;
     if (Status status = printer_.ShowFields(options_.report, options_.are_several); !status.IsOk()) return status;
@@ -154,7 +154,8 @@ Status TransferRecords(Context& context, const Options& options, Transfer& trans
   return finished.IsOk() ? status : finished;
 }
 
-// A shortened transfer has a message; the warning of damage was printed before it began.
+// Whether the report was damaged before the transfer began: a warning is already printed, and the status has no
+// message. If the transfer was cut short, the status has one.
 bool IsDamaged(const Status& status) { return status.Code() == ExitCode::kFinding && status.Message().empty(); }
 
 Status Summarise(Context& context, const Options& options, const TransferCount& count, std::uint64_t in_slice,
@@ -234,7 +235,7 @@ Status FetchReport(Context& context, const Options& options, const ModuleHost& m
   return Summarise(context, options, transfer.Count(), in_slice, status);
 }
 
-// A state or a drawing belongs to one report. Several reports get a file each, in a directory.
+// A state or a drawing belongs to one report. Several reports are written to one file each, in a directory.
 Status CheckSeveral(const Options& options) {
   std::error_code error;
   for (const auto& [option, value] : {std::pair("--resume", options.state), std::pair("--svg", options.print.svg)}) {
@@ -244,8 +245,8 @@ Status CheckSeveral(const Options& options) {
   return {ExitCode::kUsage, "--output: " + Visible(options.output) + " is not a directory; several reports need one"};
 }
 
-// Each chunk is allocated and freed several times. By default the system takes the memory back each time, and the next
-// use of it takes as long as the rest of the transfer.
+// Each chunk is allocated and freed several times. By default the C library returns the memory to the system each time,
+// and the next use of it takes as long as the rest of the transfer.
 void KeepFreedMemory() {
   constexpr int kKeptBytes = 64 << 20;
   constexpr int kMappedBytes = 32 << 20;  // smaller blocks come from the heap

@@ -1,4 +1,4 @@
-// qxctl fetch
+// The command "qxctl fetch".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

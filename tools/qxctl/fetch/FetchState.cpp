@@ -87,7 +87,7 @@ Number NumberAt(const Library& document, const char* key) {
   return value.get<Number>();
 }
 
-// A text under `key`, or bytes that are not UTF-8 under `key`Base64.
+// The bytes under `key`: a text, or, if they are not UTF-8, their base64 under `key`Base64.
 bool ParseBytes(const Library& document, const char* key, std::string& bytes) {
   std::optional<std::string> parsed;
   std::string problem;
@@ -134,8 +134,8 @@ Status FetchStateFile::Open(const std::string& path, bool force) {
   return Read();
 }
 
-// The run that has the lock may rename a new file to this name in the meantime: a lock is valid only if the file still
-// has the name.
+// Another run may rename a new file to this name between the open and the lock here. So the lock counts only if the
+// locked file still has the name.
 Status FetchStateFile::Lock() {
   constexpr int kAttempts = 100;
   for (int i = 0; i < kAttempts; ++i) {

@@ -17,14 +17,14 @@ struct FetchState {
   std::string report;
   RecordFormatOptions format;
   std::size_t columns = 0;                    // of the written CSV header
-  std::string output;                         // the file that the records go to; empty: standard output
+  std::string output;                         // of the file that the records are written to; empty: standard output
   std::optional<std::uint64_t> output_bytes;  // its size after the last delivered record
   report::ReportPosition position;
   std::uint64_t in_flight = 0;  // records of a write that was begun and may not be finished
 };
 
-// The file is locked from Open on, so that two runs do not deliver the same records. It is replaced as a whole, and the
-// new file is locked before it gets the name.
+// The open state file. It is locked from Open until destruction, so that two runs do not deliver the same records. Save
+// replaces the file as a whole, and locks the new file before it gets the name.
 //
 // Threads: used by one thread. Owns: the lock, released at destruction.
 // Failure: after a failed Save the file has the old state.

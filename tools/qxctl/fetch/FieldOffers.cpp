@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::uint32_t kRecords = 20;
 
-// After a comma the next field of a list is completed.
+// Completes the field after the last comma of a list.
 //   "cpu,lo" => "cpu,load"
 std::vector<Offer> Fields(const Context&, const OfferRequest& request) {
   std::vector<Offer> offers;

@@ -1,4 +1,4 @@
-// The fields with numbers of the report that the command line names, for the tab key.
+// Offers, for the tab key, the fields with numbers in the records of the report that the command line names.
 #pragma once
 
 #include "tools/qxctl/cli/Offers.h"

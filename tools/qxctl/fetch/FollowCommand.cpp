@@ -1,4 +1,4 @@
-// The records of a report as they appear, through the module, until ^C.
+// Prints the records of a report as they appear, read through the module, until ^C.
 #include "tools/qxctl/fetch/FollowCommand.h"
 
 #include <algorithm>
@@ -138,7 +138,7 @@ class Follow {
     }
     ++failures_in_all_;
     ++failures_;
-    // An unreadable report may become readable again; the operator gets one message.
+    // An unreadable report may become readable again, so it never ends the command; only the first failure is printed.
     const bool may_pass = failure.Code() == ExitCode::kIo;
     if (!may_pass && failures_ >= kFailuresMax) return failure;
     if (may_pass && failures_ > 1) return {};
@@ -151,7 +151,8 @@ class Follow {
     return Line({{"kind", "missing"}});
   }
 
-  // Records that repeat are ambiguous in every poll: that is reported when it begins, and whenever records may be lost.
+  // If the records of a report repeat, every poll is ambiguous. Such a poll is counted if it is the first one, or if it
+  // has records, because others may be lost; only the first one is printed.
   Status ReportEvent(const report::ReportPoll& poll) {
     const bool is_ambiguous = poll.event == report::PollEvent::kAmbiguous;
     const bool is_news =
@@ -177,7 +178,7 @@ class Follow {
     return {};
   }
 
-  // A skipped record may have the stamp that counts for the records after it.
+  // Skipped records are read for their time, too: a record without a stamp has the time of the record before it.
   Status Take(std::uint64_t index, const std::string& record) {
     const std::optional<std::int64_t> time_ms = printer_.TimeOf(record);
     const bool is_in_slice = filter_.Takes(TextOfRecord(record).text);
@@ -235,7 +236,7 @@ class Follow {
   int failures_ = 0;
   std::uint64_t failures_in_all_ = 0;
   SliceFilter filter_;
-  SliceBuffer<Numbered> held_;  // of the first scan
+  SliceBuffer<Numbered> held_;  // records of the first scan, printed at its end
   bool skips_;
   bool holds_;
   bool was_seen_ = false;

@@ -1,4 +1,4 @@
-// qxctl follow
+// The command "qxctl follow".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

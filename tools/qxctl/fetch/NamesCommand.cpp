@@ -1,4 +1,4 @@
-// The instance names of a report, through the module.
+// Prints the instance names of a report, read through the module.
 #include "tools/qxctl/fetch/NamesCommand.h"
 
 #include <memory>

@@ -1,4 +1,4 @@
-// qxctl names
+// The command "qxctl names".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -1,4 +1,4 @@
-// The messages about the polls of a report.
+// Counts the events of the polls of a report, and writes messages about them.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace qx::ctl {
 
-// The number of each event.
+// How often each event has occurred.
 struct PollTally {
   std::uint64_t gaps = 0;
   std::optional<std::uint64_t> lost = 0;  // records in all gaps; unset: unknown

@@ -1,4 +1,4 @@
-// Records as text, JSON lines or CSV.
+// Writes records as text, JSON lines or CSV.
 #pragma once
 
 #include <cstdint>
@@ -37,8 +37,8 @@ RecordFormatOptions RecordFormatOptionsOf(const Values& values);
 
 // Writes the records of one output.
 //
-// CSV begins with a header line. It is written with the first record, whose fields determine the number of columns. A
-// shorter record leaves the last columns empty; the last column of a longer one has the rest of its text.
+// CSV begins with a header line. It is written with the first record, whose fields determine the number of columns. If
+// a record has fewer fields, its last columns are empty; if it has more, the last column has the rest of its text.
 class RecordFormatter {
  public:
   // `columns`: the number that the output already has; 0: nothing was written yet.

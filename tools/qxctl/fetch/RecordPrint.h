@@ -1,4 +1,4 @@
-// Prints records in a format, as a chart of some of their fields, or the fields of the newest one.
+// Prints records in a format, or as a chart of some of their fields, or prints the fields of the newest record.
 #pragma once
 
 #include <cstdint>
@@ -64,7 +64,7 @@ inline constexpr Parameter kRecordPrintParameters[] = {
 RecordPrintOptions RecordPrintOptionsOf(const Values& values);
 
 // kUsage for --separator without an option that uses it, and for too many fields in a chart. `prints_json`: records are
-// printed as JSON whatever the format is.
+// printed as JSON, whatever the format is.
 [[nodiscard]] Status CheckRecordPrintOptions(const RecordPrintOptions& options, bool prints_json = false);
 
 // Threads: used by one thread.
@@ -72,7 +72,7 @@ class RecordPrinter {
  public:
   RecordPrinter(Output& output, const RecordPrintOptions& options);
 
-  // The number of the next record, whether or not it is printed.
+  // Returns the number of the next record and counts it, whether or not it is printed.
   [[nodiscard]] std::uint64_t Number() { return index_++; }
 
   // Whether records are printed as they are stored, so that nothing has to split them.
@@ -81,8 +81,8 @@ class RecordPrinter {
   // Whether standard output gets something else than the records.
   bool ReplacesRecords() const { return DrawsChart() || options_.shows_fields; }
 
-  // The time of the record in a chart: that of its stamp, or of the record before it. To be called for each record in
-  // turn, printed or not.
+  // The time of the record in a chart: that of its stamp, or of the newest stamp before it. Call it for each record in
+  // order, printed or not.
   [[nodiscard]] std::optional<std::int64_t> TimeOf(std::string_view record);
 
   // The record with this number in its output form; it is added to the chart.
@@ -119,7 +119,7 @@ class SlicedRecords {
 
   // The next record, the oldest first.
   Status Add(std::string_view record);
-  // Prints what was held back.
+  // Prints the records that could not be printed before the last one was known.
   Status Finish();
 
   // How many were printed.

@@ -1,4 +1,4 @@
-// Writes records one by one and knows how many were written.
+// Writes records one by one, and counts those that were written.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,9 @@ namespace qx::ctl {
 // Threads: used by one thread. Owns: the file's descriptor.
 class RecordSink {
  public:
-  // From now on appends to `path`, which is created if it is missing. Without this call, records go to standard output.
-  // A file of another user, and a file with several names, is refused unless `force`; a link of another user always.
+  // From now on records are appended to `path`, which is created if it is missing. Without this call they go to
+  // standard output. A file of another user, or with several names, is refused unless `force`; a link of another user
+  // is always refused.
   Status OpenFile(const std::string& path, bool force = false);
 
   // Size of the file; unset for standard output and for a file that is not regular.
@@ -26,9 +27,9 @@ class RecordSink {
   // Cuts the file to `bytes`.
   Status Shorten(std::uint64_t bytes);
 
-  // Writes the pieces in order. `taken`: the number of pieces that were written whole. A pipe takes a group of up to
-  // 4096 bytes whole or not at all. So a signal under an InterruptGuard ends the write without a partly written short
-  // piece.
+  // Writes the pieces in order. `taken`: the number of pieces that were written whole. Short pieces are written in
+  // groups of up to 4096 bytes, which a pipe takes whole or not at all. So a signal under an InterruptGuard never
+  // leaves a part of a short piece in a pipe.
   Status Write(std::span<const std::string> pieces, std::size_t& taken);
 
   // Syncs the written pieces, if they are on a disk.

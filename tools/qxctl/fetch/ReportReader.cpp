@@ -11,7 +11,7 @@ namespace qx::ctl {
 
 namespace {
 
-// Cuts the text after the end of each record. The last piece may have no end.
+// Cuts the text after the end of each record. The last piece may lack an end.
 //   "a\r\nb\xFF" => "a\r\n", "b\xFF"
 std::vector<std::string> CutAtEnds(std::string_view text) {
   std::vector<std::string> records;
@@ -38,7 +38,8 @@ Status ReportReader::Ask(std::int32_t start_index, std::optional<std::int32_t> r
   }
 }
 
-// A report that is missing in the middle of a transfer existed at its start: the transfer cannot continue.
+// If a report is missing in the middle of a transfer, it existed at its start. The status then says which file could
+// not be opened, not that there is no such report.
 Status ReportReader::AskOnce(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply) {
   const std::string request = RequestText({report_, start_index, record_count});
   const CallResult call = worker_.Call(RequestFunction::kGetReports, request);
@@ -65,7 +66,7 @@ Status ReportReader::Split(const ReportReply& reply, std::vector<std::string>& r
   return SplitRange(reply.start_index, reply.next_index, reply.records, records);
 }
 
-// A record without an end runs into the next one: then there are fewer pieces than records.
+// A record without an end runs into the next one, so there are fewer pieces than records.
 Status ReportReader::SplitRange(std::int32_t start, std::int32_t end, std::string_view text,
                                 std::vector<std::string>& records) {
   std::vector<std::string> pieces = CutAtEnds(text);

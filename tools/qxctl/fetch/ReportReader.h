@@ -21,20 +21,21 @@ constexpr bool EndsRecord(char byte) { return byte == '\n' || byte == '\xFF'; }
 // "a\r\nb\r\n" => "a\r\n"
 [[nodiscard]] std::string_view FirstRecord(std::string_view records);
 
-// Threads: used by one thread, as `worker` is.
+// Threads: one thread, the one that also uses `worker`.
 class ReportReader {
  public:
   ReportReader(WorkerThread& worker, std::string report) : worker_(worker), report_(std::move(report)) {}
 
-  // One call, or more if the report cannot be read: kIo after the third. Start index 0 begins a new snapshot.
+  // Calls the module, up to three times if the report cannot be read; kIo if the third call fails, too. Start index 0
+  // begins a new snapshot.
   Status Ask(std::int32_t start_index, std::optional<std::int32_t> record_count, ReportReply& reply);
 
   // kChanged if a reply with records is not for `start_index`, or contradicts itself.
   Status Check(std::int32_t start_index, const ReportReply& reply) const;
 
   // The records of a reply one by one. If a record has no end, the second half of the records is requested from the
-  // module once more, and so on by halves. These requests belong to the snapshot of the reply, so no other request may
-  // come in between. kChanged if the replies differ.
+  // module once more, and so on by halves. These requests read the snapshot of the reply, so no other request may be
+  // made between Ask and Split. kChanged if the replies differ.
   Status Split(const ReportReply& reply, std::vector<std::string>& records);
 
   const std::string& Report() const { return report_; }

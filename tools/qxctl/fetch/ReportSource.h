@@ -1,4 +1,4 @@
-// A report of the module as a follower reads it.
+// Reads a report through the module for a ReportFollower.
 #pragma once
 
 #include <optional>
@@ -15,7 +15,7 @@ struct SourceCount {
   double module_seconds = 0;
 };
 
-// Threads: used by one thread, as its worker is.
+// Threads: one thread, the one that also uses `worker`.
 class ReportSource : public report::RecordSource {
  public:
   // At most `chunk_records` for each call, if set.

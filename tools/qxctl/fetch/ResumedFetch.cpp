@@ -1,6 +1,6 @@
-// The order of the steps makes all runs together deliver each record once. Before a chunk is written, the state records
-// it (inFlight); afterwards the state records how much was written. If a run is killed in between, inFlight stays set,
-// and the next run cuts the output file to the size in the state, or, if it cannot be cut, reports that records may be
+// Fetches a report in several runs that together deliver each record once. Before a chunk is written, the state records
+// it (inFlight); afterwards the state records how much was written. If a run is killed in between, inFlight stays set.
+// The next run then cuts the output file to the size in the state, or, if it cannot be cut, reports that records may be
 // printed twice.
 #include "tools/qxctl/fetch/ResumedFetch.h"
 
@@ -61,7 +61,7 @@ class ResumedFetch {
     return state;
   }
 
-  // One state belongs to one report and one output.
+  // A state belongs to one report, one output and one format.
   Status CheckState() const {
     if (state_.report != options_.report) return NotOfThisRun("of report \"" + state_.report + "\"");
     if (state_.output != options_.output) {
@@ -148,7 +148,7 @@ class ResumedFetch {
     return written;
   }
 
-  // A record that was written only in part is written whole by the next run.
+  // A record that was written only in part is removed, and written by the next run.
   Status CutToWholeRecords(std::span<const std::string> taken) {
     if (!state_.output_bytes) return {};
     for (const std::string& piece : taken) *state_.output_bytes += piece.size();

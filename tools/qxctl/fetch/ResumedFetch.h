@@ -1,4 +1,4 @@
-// qxctl fetch --resume: a report is fetched in several runs, each of which prints the new records.
+// Runs qxctl fetch --resume: a report is fetched in several runs, each of which prints the new records.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +33,7 @@ struct ResumeResult {
   std::string message;  // the last finding
 };
 
-// Runs it. Findings are printed at once; the status is then kFinding without a message.
+// Fetches the new records. Findings are printed at once; the status is then kFinding without a message.
 Status RunResumedFetch(Context& context, const ResumeOptions& options, WorkerThread& worker, ResumeResult& result);
 
 }  // namespace qx::ctl

@@ -21,18 +21,18 @@ struct TransferCount {
 
 // Requests records from index 0, then from each reply's NextIndex, until the module has no more.
 //
-// The writer of a report may append while it is read. The module promises the records that existed at the start, but
-// reads them when they are requested, and the replies do not show whether a record was replaced meanwhile. Two changes
-// are still noticed:
-//   - replies that contradict the request or themselves, and
-//   - a different first record after the end than at the start: a full ring replaces its oldest record first, so if
-//     that one is still there, so are all the others. Not noticed: a ring of equal records, where the new first record
-//     equals the old one.
+// The writer of a report may append while the transfer reads. The module promises the records that existed at the
+// start, but it reads them when they are requested, and the replies do not show whether a record was replaced
+// meanwhile. A replacement is noticed in two cases:
+//   - A reply contradicts the request or itself.
+//   - The first record of the report, which is requested again at the end, is not the one that the transfer began with.
+//     A full ring replaces its oldest record first: if that one is still there, so are all others. A replacement is not
+//     noticed if the new first record equals the old one.
 //
-// A record of 1 MiB or more does not fit into a chunk and ends a transfer as if the report ended there. It is noticed
-// if another record follows it, but not at the very end of a report.
+// A record of 1 MiB or more does not fit into a chunk and ends a transfer as if the report ended there. Such a record
+// is noticed if another record follows it; as the last record of a report it is not.
 //
-// Threads: used by one thread, as its worker is.
+// Threads: one thread, the one that also uses `worker`.
 class Transfer {
  public:
   using Sink = std::function<Status(const ReportReply& reply, const TransferCount& so_far)>;
@@ -44,7 +44,7 @@ class Transfer {
   // above; other codes are those of the module or of the sink.
   Status Run(const Sink& sink);
 
-  // The records of the reply that the sink just got, one by one.
+  // The records of the reply that was just passed to the sink, one by one.
   Status Split(const ReportReply& reply, std::vector<std::string>& records) { return reader_.Split(reply, records); }
 
   // Whether the module reported its end: the sink then has every record of the report that fits into a reply.

@@ -12,7 +12,7 @@
 
 namespace qx::ctl {
 
-// The JSON library itself, because call files are also read.
+// The type of the JSON library, because class Json cannot parse.
 using CallJson = nlohmann::ordered_json;
 
 // Sets `problem` to the reason, and returns false.
@@ -31,7 +31,7 @@ class FieldReader {
   bool Only(std::initializer_list<std::string_view> keys) const;
 
   bool Text(const char* key, std::string& text) const;
-  // A text, its base64, or null.
+  // The value is a text or null; if there is no such key, `key`Base64 has the base64 of the bytes.
   bool Bytes(const char* key, std::optional<std::string>& bytes) const;
   bool Integer(const char* key, std::int32_t& number) const;
   bool Number(const char* key, std::uint32_t& number) const;

@@ -1,4 +1,4 @@
-// The options that every command with a call into the module shares.
+// The options that all commands with a call into the module have.
 #pragma once
 
 #include <memory>
@@ -90,10 +90,11 @@ inline constexpr Parameter kBlockParameters[] = {
 // For a command with kModuleParameters and kBlockParameters.
 CallOptions CallOptionsOf(const Values& values);
 
-// Loads the module that the options name, with its traces apart from those of a service.
+// Loads the module that the options name. Before, TraceDirectory makes sure that its traces do not change files of a
+// service.
 Status LoadModule(const CallOptions& options, TraceDirectory& traces, std::unique_ptr<ModuleHost>& host);
 
-// "[DEPARTMENT:]NAME"
+// Parses "[DEPARTMENT:]NAME".
 //   "Operations:AccessPerformanceMgr"  => department "Operations"
 //   "AccessPerformanceMgr"             => department ""
 Privilege ParsePrivilege(const std::string& text);

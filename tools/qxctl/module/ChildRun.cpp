@@ -22,7 +22,7 @@ using Clock = std::chrono::steady_clock;
 
 [[noreturn]] void Work(const std::function<std::string()>& work, int out) {
   const rlimit no_core{0, 0};
-  (void)setrlimit(RLIMIT_CORE, &no_core);  // that it crashed is all that the parent needs to know
+  (void)setrlimit(RLIMIT_CORE, &no_core);  // the parent needs no core file
   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM})
     (void)std::signal(signal, SIG_DFL);  // a guard belongs to the parent
   const file::Descriptor null = file::Open("/dev/null", O_RDWR);
@@ -30,7 +30,7 @@ using Clock = std::chrono::steady_clock;
   _exit(WriteAll(out, work(), "the parent").IsOk() ? 0 : 1);
 }
 
-// Reads to the end. At the deadline the child is killed, and the result is false.
+// Reads until the child closes the pipe. At the deadline the child is killed, and the result is false.
 bool ReadToEnd(int in, pid_t child, double seconds, std::string& text) {
   const auto time = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
   const auto deadline = Clock::now() + time;
@@ -48,7 +48,8 @@ bool ReadToEnd(int in, pid_t child, double seconds, std::string& text) {
   }
 }
 
-// False if there is no such child. A signal under a guard does not end the wait.
+// Waits until the child has ended. False if there is no such child. A signal under an InterruptGuard does not end the
+// wait.
 bool WaitForEnd(pid_t child, int& status) {
   for (;;) {
     const pid_t ended = waitpid(child, &status, 0);

@@ -9,7 +9,8 @@ namespace {
 
 constexpr int kResultNotFound = 12;
 
-// In a reply, a byte outside the printable characters is written as the character with the number of the byte.
+// The bytes of a name in a reply: the module writes each byte outside the printable characters as the character whose
+// number is the byte.
 //   U+00C3 U+00A4 => C3 A4
 std::string BytesOf(const std::string& text) {
   std::string bytes;
@@ -36,8 +37,8 @@ Status StatusOfMissingList(const CallResult& call) {
     return {ExitCode::kNotFound, reply.message + ": there is no such file next to the report in the report directory"};
   }
   if (call.result == 0 && !call.reply.has_value()) {
-    // The list for a refused caller would be the second root of the document, and the module does not send such a
-    // document. For a names file of another version there is no list.
+    // The module sends no document with two roots: the list for a refused caller would be the second one. For a names
+    // file of another version it has no list.
     return {ExitCode::kRefused,
             "the module returned no reply: the names file is not of version 1, or the caller lacks the privilege "
             "\"AccessPerformanceMgr\""};

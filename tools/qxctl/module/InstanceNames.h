@@ -1,4 +1,4 @@
-// The documents of a request for a report's instance names: the request and the reply.
+// Writes a request for a report's instance names, and parses the reply.
 #pragma once
 
 #include <string>
@@ -11,13 +11,13 @@ namespace qx::ctl {
 
 struct Instance {
   std::string number;
-  std::string name;  // the bytes in the names file
+  std::string name;  // as the bytes in the names file
 };
 
 // <ReportInstanceNames Name="disk"/>
 std::string NamesRequestText(const std::string& report);
 
-// The outcome of a GetReportInstanceNames call. `instances` is set on kOk.
+// The outcome of a GetReportInstanceNames call. `instances` is set if the result is kOk.
 Status InstancesOf(const CallResult& call, std::vector<Instance>& instances);
 
 }  // namespace qx::ctl

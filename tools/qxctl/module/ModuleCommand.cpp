@@ -1,4 +1,4 @@
-// One call into the module, with the reply, the result and its time.
+// Makes one call into the module, and prints the reply, the result and the time.
 #include "tools/qxctl/module/ModuleCommand.h"
 
 #include <cstdio>

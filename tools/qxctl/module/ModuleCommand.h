@@ -1,4 +1,4 @@
-// qxctl module what|reflect|reports|names
+// The commands "qxctl module what|reflect|reports|names".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

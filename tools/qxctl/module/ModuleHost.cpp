@@ -46,7 +46,7 @@ Status ModuleHost::Load(const std::string& path, std::unique_ptr<ModuleHost>& ho
 }
 
 ModuleHost::~ModuleHost() {
-  (void)dlclose(library_);  // a library that stays mapped does no harm to a process that ends soon
+  (void)dlclose(library_);  // if it fails, the library stays mapped, which does no harm
 }
 
 template <typename Function>

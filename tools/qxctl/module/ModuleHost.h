@@ -1,4 +1,4 @@
-// The service's part: loads a provider module and calls it on a worker thread.
+// Does the service's work: loads a provider module and calls it on a worker thread.
 #pragma once
 
 #include <array>
@@ -20,13 +20,13 @@ const char* NameOf(RequestFunction function);
 struct CallResult {
   int result = 0;
   std::optional<std::string> reply;  // unset: the module returned no reply
-  double seconds = 0;                // of only the call
+  double seconds = 0;                // of the call alone
 };
 
 // A loaded module.
 //
 // Threads: one thread, like the rest of the tool; the module itself allows many.
-// Owns: the loaded library, closed at destruction. Set another trace directory before loading (TraceDirectory).
+// Owns: the loaded library, closed at destruction. Before Load, set another trace directory (TraceDirectory).
 class ModuleHost {
  public:
   // Loads `path`. If there is no file, the code is kNotFound; if the file is not a provider module, kIo.
@@ -42,7 +42,7 @@ class ModuleHost {
  private:
   explicit ModuleHost(void* library) : library_(library) {}
 
-  // False with the first missing name.
+  // False if a name is missing; `missing` is the first one.
   bool FindEntryPoints(std::string& missing);
   template <typename Function>
   bool Find(const char* name, Function& function, std::string& missing);
@@ -54,12 +54,12 @@ class ModuleHost {
   QxFreeFunction free_ = nullptr;
 };
 
-// The path of the module: `given`, else QX_MODULE of the environment, else next to the executable, else in its ../lib,
-// else where the suite installs it.
+// The path of the module: `given`, else QX_MODULE of the environment, else the module next to the executable, else the
+// one in its ../lib, else the path where the suite installs it.
 std::string FindModule(const std::string& given);
 
-// One worker thread of the service from its begin hook to its end hook. All calls use one block, whose element 1 keeps
-// the module's data between them, so a transfer needs one such object.
+// One worker thread of the service, from its begin hook to its end hook. All calls use one block. Its element 1 keeps
+// the module's data between the calls, so all calls of a transfer need one WorkerThread.
 class WorkerThread {
  public:
   WorkerThread(const ModuleHost& module, BlockValues values);

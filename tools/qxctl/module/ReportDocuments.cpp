@@ -74,8 +74,8 @@ Status StatusOfReports(const CallResult& call, const ReportReply& reply) {
   if (IsEndOfReport(call)) return {};
   if (call.result == 0 && reply.kind == ReplyKind::kRecords) return {};
   if (call.result == 0 && !call.reply.has_value()) {
-    // The records were read, but after the refusal they would make a document of two roots, which the module never
-    // sends.
+    // The module has read the records, but after the refusal they would be the second root of the document, and the
+    // module sends no such document.
     return {ExitCode::kRefused, "the module refuses: the caller lacks the privilege \"AccessPerformanceMgr\""};
   }
   if (call.result == kResultRefusedOrNotFound) return StatusOfFailedOpen(reply);

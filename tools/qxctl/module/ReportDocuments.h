@@ -1,4 +1,4 @@
-// The documents of a report request: the request and the reply.
+// Writes a request for records of a report, and parses the reply.
 #pragma once
 
 #include <cstdint>

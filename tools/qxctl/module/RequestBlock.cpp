@@ -30,7 +30,7 @@ void RequestBlock::SetFunctionId(std::string_view name) {
 
 void* RequestBlock::ProviderData() const { return provider_data_ != nullptr ? provider_data_->value : nullptr; }
 
-// The new element, or null if it is to be left out.
+// Adds an element and returns it; null if it is to be left out.
 krx_element* RequestBlock::Add(BlockElements& to, krx_index index, krx_type type, const void* value) {
   if (values_.omitted.contains(index)) return nullptr;
   ++element_count_;

@@ -1,4 +1,4 @@
-// The raw parameter block of a call, as the service lays it out.
+// Builds the raw parameter block of a call as the service does.
 #pragma once
 
 #include <cstdint>
@@ -50,7 +50,7 @@ class RequestBlock {
   // Sets the function of the next call, unless the values name one for all calls.
   void SetFunctionId(std::string_view name);
 
-  // The module's value in element 1; null if the element is omitted.
+  // The pointer that the module keeps in element 1; null if the element is omitted.
   void* ProviderData() const;
 
  private:

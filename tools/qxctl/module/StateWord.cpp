@@ -13,7 +13,7 @@ constexpr std::size_t kStateWordOffset = 4;  // after the thread's number
 
 }  // namespace
 
-// The kernel reads: it returns EFAULT where our own read would end the process.
+// The kernel reads the memory: for an invalid address it returns EFAULT, where a read of this process would end it.
 std::optional<std::uint32_t> StateWordOf(const void* provider_data) {
   if (provider_data == nullptr) return std::nullopt;
   int ends[2];

@@ -1,4 +1,4 @@
-// What the commands of backups share.
+// Functions that several commands for backups use.
 #pragma once
 
 #include <string>
@@ -10,7 +10,7 @@ namespace qx::ctl {
 // "report", "file", ...
 [[nodiscard]] const char* NameOfKind(report::BackupItemKind kind);
 
-// Where compressed files are expanded: the environment variable TMPDIR, or /var/tmp.
+// The directory in which compressed files are expanded: that of the environment variable TMPDIR, or /var/tmp.
 [[nodiscard]] std::string TemporaryDirectory();
 
 }  // namespace qx::ctl

@@ -1,4 +1,4 @@
-// qxctl report backups|verify-backup
+// The commands "qxctl report backups|verify-backup".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -44,7 +44,7 @@ struct Options {
   report::RestoreOptions restore;
 };
 
-// "copied        load, report", the first word in the colour of what it means
+// "copied        load, report", with the first word in the colour of its meaning
 std::string Line(const Output& output, Style style, const std::string& what, const std::string& name,
                  BackupItemKind kind) {
   char padded[24];

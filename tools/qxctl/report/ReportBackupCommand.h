@@ -1,4 +1,4 @@
-// qxctl report backup|restore
+// The commands "qxctl report backup|restore".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -47,7 +47,7 @@ std::string FileOf(const Finding& finding, const std::string& path) {
   return finding.file == report::StoreFile::kIndex ? report::IndexFileName(path) : report::DataFileName(path);
 }
 
-// The remarks that apply, as text.
+// The remarks that apply to the report, as texts.
 std::vector<std::string> RemarksOf(const StoreScan& scan) {
   std::vector<std::string> remarks;
   if (scan.record_in_flight) remarks.emplace_back("a record is being written, or its writer was killed");
@@ -108,8 +108,8 @@ Json ToJson(const StoreVerdict& verdict, const std::string& path, ExitCode code)
   return document;
 }
 
-// The first finding of each rule, and the number of its further ones: a damaged ring contradicts the same rule in every
-// slot.
+// The first finding of each rule, and how many more there are of this rule: a damaged ring contradicts the same rule in
+// every slot.
 std::string ToText(const std::vector<Finding>& findings, const std::string& path) {
   std::string text;
   std::vector<std::string_view> shown;
@@ -173,7 +173,7 @@ bool IsDirectory(const std::string& path) {
   return std::filesystem::is_directory(path, error);
 }
 
-// In a directory, the new store gets the name of the report; with --all that may have a "/".
+// In a directory, the new store gets the name of the report; with --all this name may contain a "/".
 std::string TargetOf(const std::string& into, const ReportArgument& report, bool is_all) {
   if (!IsDirectory(into)) return into;
   return into + "/" + (is_all ? report.text : file::NameOf(report.base_path));

@@ -1,4 +1,4 @@
-// qxctl report verify|salvage
+// The commands "qxctl report verify|salvage".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -1,4 +1,4 @@
-// The files of a report, without the module.
+// Creates, extends, prints and describes a report through its files, without the module.
 #include "tools/qxctl/report/ReportCommand.h"
 
 #include <unistd.h>
@@ -54,7 +54,7 @@ Status Create(Context&, const Values& values) {
   const bool is_open = store.Open(path.c_str(), static_cast<std::uint32_t>(values.Integer("--slots", 0)));
   const int open_error = errno;
   if (!is_open) return StatusOfReportFile("cannot create " + path, open_error);
-  // The header stores the ring size in the file; without it the next writer would use its own default.
+  // The ring size is part of the header. Without it in the file, the next writer would use its own default.
   const bool is_written = store.writePositionsToFile() == 0;
   const int write_error = errno;
   return is_written ? Status() : Status::Io("cannot write " + report::IndexFileName(path), write_error);
@@ -84,7 +84,7 @@ Status AppendError(const Error& error, const std::string& what) {
   return {ExitCode::kIo, "cannot append " + what + ": " + error.text};
 }
 
-// Appends the lines. `lines_before` is how many came before them.
+// Appends the lines. `lines_before`: the number of lines that were appended before them.
 Status AppendLines(Writer& report, std::span<const std::string_view> lines, std::uint64_t lines_before) {
   const Error error = report.Append(lines);
   if (!error.Failed()) return {};
@@ -101,7 +101,7 @@ std::string_view WithoutLineEnd(std::string_view line) {
   return line;
 }
 
-// Takes the whole lines off the front of the text; what is left over is the beginning of one.
+// Takes the whole lines from the beginning of the text; the beginning of an incomplete line remains.
 std::vector<std::string_view> TakeLines(std::string_view& text) {
   std::vector<std::string_view> lines;
   for (std::size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
@@ -111,8 +111,8 @@ std::vector<std::string_view> TakeLines(std::string_view& text) {
   return lines;
 }
 
-// The lines of each read are appended together, so a line on a pipe is appended when it comes. A line that is too long
-// for a record is refused before its end has come.
+// The lines of each read are appended together, so a line from a pipe is appended as soon as it arrives. A line that is
+// too long for a record is refused before its end is read.
 Status AppendStandardInput(Writer& report) {
   constexpr std::size_t kReadBytes = std::size_t{256} << 10;
   std::string text;
@@ -181,8 +181,7 @@ std::uint32_t ReadableSlots(const IndexHeader& header, const std::string& path) 
   return static_cast<std::uint32_t>(std::min<std::int64_t>(header.highestIndex, slots_in_file));
 }
 
-// The first record that may be in the slice. If only the last records are requested, those before them need not be
-// read.
+// The first record that may be in the slice. If the slice is the newest N records, those before them are not read.
 std::uint32_t FirstInSlice(const Slice& slice, std::uint32_t slots) {
   if (!slice.last || slice.Filters() || *slice.last >= slots) return 0;
   return slots - static_cast<std::uint32_t>(*slice.last);

@@ -1,4 +1,4 @@
-// qxctl report create|append|cat|info
+// The commands "qxctl report create|append|cat|info".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

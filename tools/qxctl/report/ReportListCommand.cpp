@@ -1,6 +1,6 @@
 // Lists the reports of a directory and their states.
 //
-// `list` reads the header and the sizes of each report, `status` every record too. Neither locks or changes anything.
+// `list` reads the header and the sizes of each report, `status` also every record. Neither locks or changes anything.
 #include "tools/qxctl/report/ReportListCommand.h"
 
 #include <algorithm>
@@ -29,7 +29,7 @@ using report::FoundReports;
 using report::ReportCheck;
 using report::ReportStatus;
 
-// The reports that a command shows: each with the name that a user gives it.
+// The reports that a command shows, each with the name that a user gives it.
 struct Shown {
   std::string directory;
   FoundReports found;
@@ -115,7 +115,7 @@ std::string CountText(std::size_t count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
-// The finding that is reported: reports that are not in order come before an incomplete list.
+// The status of the command. Reports that need attention are reported rather than an incomplete list.
 Status StatusOf(const Shown& shown) {
   const auto bad = static_cast<std::size_t>(std::count_if(shown.reports.begin(), shown.reports.end(), NeedsAttention));
   if (bad > 0) {

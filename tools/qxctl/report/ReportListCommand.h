@@ -1,4 +1,4 @@
-// qxctl report list|status
+// The commands "qxctl report list|status".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

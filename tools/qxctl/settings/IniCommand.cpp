@@ -25,7 +25,8 @@ struct Options {
   std::string key;
 };
 
-// Without empty names, which no command can give.
+// The names in the section or, if `section` is null, the sections. Empty names are left out, because no command can
+// give one.
 std::vector<std::string> NamesOf(const Options& options, const char* section) {
   std::vector<std::string> names = inifile::NamesIn(inifile::ReadWhole(options.file, section, nullptr));
   std::erase(names, "");
@@ -44,7 +45,7 @@ Status CheckFile(const Options& options) {
   return {ExitCode::kNotFound, "there is no file " + options.name};
 }
 
-// Sets the file. `input` holds standard input, if that is the file.
+// Sets the path of the file. If the file is standard input, `input` keeps a copy of it open.
 Status FindFile(Options& options, file::Descriptor& input) {
   options.file = options.name;
   if (options.name == "-") return StandardInputAsFile(input, options.file);
@@ -103,7 +104,7 @@ std::string ToText(const std::vector<ListedEntry>& entries) {
   return lines;
 }
 
-// A key that occurs twice is listed twice, each time with the value that a reader gets: the first one.
+// If a key occurs twice, it is listed twice, each time with the value that a reader gets: the first one.
 Status ListEntries(Context& context, const Values& values, const Options& options) {
   if (Status status = CheckSection(options); !status.IsOk()) return status;
   std::vector<ListedEntry> entries;

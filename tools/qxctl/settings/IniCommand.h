@@ -1,4 +1,4 @@
-// qxctl ini list|get
+// The commands "qxctl ini list|get".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -1,4 +1,4 @@
-// Careful edits of profile files. Without --apply they only show what would change.
+// Edits profile files. Without --apply, the commands only show what would change.
 #include "tools/qxctl/settings/IniEditCommand.h"
 
 #include <map>
@@ -112,7 +112,7 @@ Status NotSound(const std::string& file, const std::string& reason) {
   return {ExitCode::kIo, file + " was not changed: " + reason};
 }
 
-// Programs read the new file the next time; no note is necessary.
+// Programs read the new file at the next access, so no note about a restart is printed.
 Status Apply(ReplacedFile& edit, const ProfilePlan& plan, const std::string& file) {
   if (Status status = NotSound(file, inifile::TryPlan(plan, edit.Image().bytes)); !status.IsOk()) return status;
   if (Status status = StatusOfEdit(edit.WriteCopy(plan.text)); !status.IsOk()) return status;
@@ -171,7 +171,7 @@ Status RunDelete(Context& context, const Values& values) {
               {.kind = kind, .section = options.section, .key = values.Text("KEY"), .entries = {}});
 }
 
-// Reads the entries as programs do: of a key that is there twice, the first one.
+// Reads the entries as programs do: if a key occurs twice, the first value counts.
 Status ReadSection(const Options& options, std::vector<inifile::ProfileEntry>& entries) {
   FileImage image;
   if (Status status = StatusOfEdit(ReadFileImage(options.file, image)); !status.IsOk()) return status;

@@ -1,4 +1,4 @@
-// qxctl ini set|delete|copy
+// The commands "qxctl ini set|delete|copy".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

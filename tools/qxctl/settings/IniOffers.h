@@ -1,4 +1,4 @@
-// Sections and keys of the profile file that the command line names, for the tab key.
+// Offers, for the tab key, the sections and keys of the profile file that the command line names.
 #pragma once
 
 #include "tools/qxctl/cli/Offers.h"

@@ -1,4 +1,4 @@
-// Compares registry files, exports parts of one, and shows how a load reads one.
+// Compares registry files, exports parts of a registry file, and shows how a load reads a registry file.
 #include "tools/qxctl/settings/RegistryCheckCommand.h"
 
 #include <memory>

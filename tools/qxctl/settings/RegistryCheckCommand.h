@@ -1,4 +1,4 @@
-// qxctl registry diff|export|lint
+// The commands "qxctl registry diff|export|lint".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -1,4 +1,4 @@
-// Keys and values of the registry, as a process that loads it now reads them.
+// Lists keys and values of the registry as a process that loads it now reads them.
 #include "tools/qxctl/settings/RegistryCommand.h"
 
 #include <algorithm>
@@ -96,7 +96,7 @@ std::string ContentToText(const KeyContent& content, bool is_recursive) {
 
 // --- the commands
 
-// A hostile file could otherwise be listed without end.
+// A listing that is cut is a finding. Without a limit, a hostile file could be listed without end.
 Status StatusOfWalk(const registry::TreeWalk& walk) {
   if (walk.IsCut()) {
     return {ExitCode::kFinding, "the listing is not complete: the paths take more than 64 MiB; list one key below " +
@@ -145,7 +145,7 @@ Status List(Context& context, const Values& values) {
       StatusOfWalk(walk));
 }
 
-// The handle does the expansion, as for every reader.
+// Reads the value through the handle, which expands variables as for every reader.
 Status ReadValue(const Options& options, CRegistry& handle, Value& value) {
   const KeyContent content = ContentOf(options.key, *handle.CurrentKey());
   const auto found = std::find_if(content.values.begin(), content.values.end(),

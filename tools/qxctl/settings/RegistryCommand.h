@@ -1,4 +1,4 @@
-// qxctl registry ls|get
+// The commands "qxctl registry ls|get".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

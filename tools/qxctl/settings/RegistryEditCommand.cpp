@@ -1,7 +1,7 @@
-// Changes to a registry file. Without --apply they only show what would change.
+// Changes a registry file. Without --apply, the commands only show what would change.
 //
-// The new text comes from the library's own writer, and is parsed by its reader and compared before it replaces the old
-// one. A handle does not save it, because a handle hides failures.
+// The new text comes from the library's own writer. Before it replaces the old file, it is parsed by the library's
+// reader and compared with the new tree. It is not saved through a CRegistry handle, because that hides failures.
 #include "tools/qxctl/settings/RegistryEditCommand.h"
 
 #include <algorithm>
@@ -100,7 +100,7 @@ Status StatusOfRefusal(const registry::Refusal& refusal) {
   return {ExitCode::kRefused, "the file cannot store " + place + ": " + refusal.reason};
 }
 
-// After a save, everything that the load left out or misread is lost.
+// Refuses a file that a load misreads, and warns of lines that it does not read: a save would make both final.
 Status CheckReading(Context& context, const std::string& file, std::string_view bytes, const Options& options) {
   const registry::LintResult lint = registry::LintFile(bytes);
   const std::string hint = "; check it with qxctl registry lint --file " + file;
@@ -115,7 +115,7 @@ Status CheckReading(Context& context, const std::string& file, std::string_view 
   return {};
 }
 
-// The file that a service loads if the registry file has no value; empty if there is no such file.
+// The older or default copy that a service loads if the registry file has no value; empty if there is no such copy.
 std::string FallbackOf(const RegistrySource& source) {
   if (!source.file.empty()) return "";
   for (const char* const name : {"registry.old", "registry.default"}) {
@@ -126,7 +126,8 @@ std::string FallbackOf(const RegistrySource& source) {
   return "";
 }
 
-// A first value may be set if no registry file loads. If an older file loads, a new registry would hide its settings.
+// Whether a first value may be set although the registry file does not load. If a copy loads, a new registry would hide
+// the settings of that copy.
 Status CheckFirst(const Options& options) {
   const std::string fallback = FallbackOf(options.source);
   if (fallback.empty()) return {};
@@ -134,7 +135,7 @@ Status CheckFirst(const Options& options) {
                                   SettingCommands(options.source.directory).Import(fallback) + "\""};
 }
 
-// The directory that a new registry needs.
+// Checks that the directory of a new registry exists.
 Status CheckDirectory(const Options& options) {
   std::error_code error;
   const std::string directory = file::DirectoryOf(options.source.Path());
@@ -229,7 +230,7 @@ Status Edit(Context& context, const Values& values, const Options& options, OldT
 
 // --- set
 
-// Numbers as the registry shows them, and as 32 bits without a sign: "-5", "4294967295", "0x1F".
+// Parses a number of 32 bits, with or without a sign: "-5", "4294967295", "0x1F".
 bool ParseNumber(std::string_view text, std::string& bytes) {
   const bool is_hexadecimal = text.starts_with("0x") || text.starts_with("0X");
   if (is_hexadecimal) text.remove_prefix(2);

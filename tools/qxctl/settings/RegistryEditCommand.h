@@ -1,4 +1,4 @@
-// qxctl registry set|delete|import
+// The commands "qxctl registry set|delete|import".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -1,4 +1,4 @@
-// The registry files that a command works on.
+// Loads the registry files that a command works on.
 #pragma once
 
 #include <string>
@@ -36,10 +36,10 @@ inline constexpr Parameter kRegistryParameters[] = {
 // For a command with kRegistryParameters.
 RegistrySource RegistrySourceOf(const Values& values);
 
-// Loads the tree of the file, or of the first good one of the directory. `path` is the loaded file.
+// Loads the tree of the file, or of the first file of the directory that loads. `path` is the loaded file.
 Status LoadTree(const RegistrySource& source, CRegistryNode& tree, std::string& path);
 
-// Like LoadTree above, with a note if the loaded file is not the first file of the directory.
+// LoadTree that prints a note if the loaded file is not the first file of the directory.
 Status LoadTree(Context& context, const RegistrySource& source, CRegistryNode& tree);
 
 // Reads a tree from a file or, for "-", from standard input. `bytes` are the bytes that were read.

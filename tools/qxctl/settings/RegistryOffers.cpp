@@ -17,7 +17,7 @@ bool HasKeys(const CRegistryNode& key) {
   return false;
 }
 
-// The names in a key that are subkeys, or those that are values.
+// The names of the subkeys of a key, or those of its values.
 std::vector<Offer> NamesIn(const CRegistryNode& key, const std::string& path, bool are_keys) {
   std::vector<Offer> offers;
   const qx::LockScope lock(key.Lock());

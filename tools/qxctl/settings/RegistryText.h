@@ -1,4 +1,4 @@
-// Registry values and changes as qxctl shows them: the notation of the registry file, or JSON.
+// Writes registry values and changes in the notation of the registry file, or as JSON.
 #pragma once
 
 #include <string>
@@ -8,19 +8,19 @@
 
 namespace qx::ctl {
 
-// A string with its control bytes masked, a number in decimal, "0a ff".
+// The value alone: a string with its control bytes masked, a number in decimal, or a block such as "0a ff".
 [[nodiscard]] std::string TextOf(const registry::TreeValue& value);
 
-// "Name=s=text"   "Count=d=-5"   "Blob=b=0a ff"   of a subkey: "[Sub]"
+// The line of a value: "Name=s=text", "Count=d=-5", "Blob=b=0a ff"; of a subkey: "[Sub]".
 [[nodiscard]] std::string LineOf(const std::string& name, const registry::TreeValue& value);
 
-// Sets `type` and `value`; of a subkey the type "key" alone.
+// Sets `type` and `value`; for a subkey only the type, which is "key".
 void SetValueJson(Json& object, const registry::TreeValue& value);
 
 // One group of lines for each key, as in `registry ls -r`.
 [[nodiscard]] std::string ChangesToText(const Output& output, const registry::TreeDifference& difference);
 
-// A list for "changes".
+// The array for the member "changes".
 [[nodiscard]] Json ChangesToJson(const registry::TreeDifference& difference);
 
 }  // namespace qx::ctl

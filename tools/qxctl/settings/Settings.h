@@ -1,5 +1,5 @@
-// The common part of the commands that change settings (registry, ini): a dry run unless --apply is given, the careful
-// replacement of the file, and changes as lines with "-" and "+".
+// The common part of the commands that change settings (registry, ini): the dry run without --apply, the replacement of
+// the file, and the changes as lines with "-" and "+".
 #pragma once
 
 #include <string>
@@ -32,7 +32,7 @@ Status StatusOfEdit(const ReplaceResult& result);
 // Reads the file, and locks it for an edit unless this is a dry run.
 Status BeginEdit(ReplacedFile& edit, const std::string& path, const EditOptions& options, bool may_be_missing);
 
-// The message after a dry run, an edit that changed something, or one that had nothing to change.
+// The message after a dry run, after an edit that changed something, or after one that had nothing to change.
 Status EditDone(const EditOptions& options, bool has_changes);
 
 // "- line" and "+ line", coloured if colour is on.

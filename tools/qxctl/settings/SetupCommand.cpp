@@ -33,15 +33,15 @@ const char kApplication[] = "QXRemConXfer";
 struct Setup {
   SetupPlaces places;
   bool exists = false;
-  std::vector<SetupStep> steps;       // without a registry
-  std::string text;                   // of the registry that is made
-  std::vector<std::string> commands;  // for a registry that exists
+  std::vector<SetupStep> steps;       // if there is no registry
+  std::string text;                   // of the first registry
+  std::vector<std::string> commands;  // if there is a registry
   bool is_applied = false;
 };
 
 // --- where
 
-// Absolute, without "." and ".." and without a "/" at its end.
+// An absolute path without "." and "..", and without a "/" at its end.
 std::string Absolute(const std::string& path) {
   std::error_code error;
   std::string absolute = std::filesystem::absolute(path, error).lexically_normal().string();
@@ -141,7 +141,7 @@ Status PlanExisting(Setup& setup) {
                                   (setup.commands.size() == 1 ? "this command sets" : "these commands set") + " it up"};
 }
 
-// setup does not know the users of the agents, so the report directory belongs to its own user.
+// The report directory belongs to the user who runs setup, because setup does not know the users of the agents.
 void NoteAgents(Output& output, const Setup& setup) {
   output.Note("qxctl: only " + UserName(geteuid()) +
               " may write reports; an agent of another user needs \"chown USER " + ShellWord(setup.places.reports) +
@@ -162,7 +162,7 @@ Status PlanNew(Context& context, bool apply, Setup& setup) {
   return {};
 }
 
-// An empty name, such as that of an unset variable, would be the working directory.
+// Refuses empty names: that of an unset variable would mean the working directory.
 Status CheckNames(const Values& values) {
   for (const char* const option : {"--reports", "--directory", "--settings"}) {
     const bool is_empty = values.Has(option) && values.Text(option).empty();

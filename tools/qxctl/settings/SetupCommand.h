@@ -1,4 +1,4 @@
-// qxctl setup
+// The command "qxctl setup".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -32,8 +32,8 @@ constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kFileMode = 0644;
 constexpr const char* kRegistryNames[] = {"registry", "registry.old", "registry.default"};
 
-// Sets the umask until destruction, so that directories get the mode that is shown, whatever the caller's umask is. The
-// umask belongs to the process, so no other thread may make files meanwhile.
+// Sets the umask until destruction, so that directories get the mode that is shown, not one that depends on the
+// caller's umask. The umask belongs to the process, so no other thread may make files meanwhile.
 class OpenMask {
  public:
   OpenMask() : before_(umask(S_IWGRP | S_IWOTH)) {}
@@ -110,7 +110,7 @@ Status MakeFile(const SetupStep& step, const std::string& text) {
 
 // --- an existing registry
 
-// The bytes of a file that loads; unset otherwise.
+// The bytes of a registry file; unset if it does not load.
 std::optional<std::string> LoadableBytes(const std::string& path) {
   FileImage image;
   if (!ReadFileImage(path, image).IsDone()) return std::nullopt;
@@ -135,7 +135,7 @@ std::string WithoutCarriageReturns(std::string_view bytes) {
   return text;
 }
 
-// The registry file as it is after its repair. Adds the commands of the repair to `needed`.
+// The bytes of the registry file after its repair. Adds the commands of the repair to `needed`.
 std::string RepairedBytes(const SetupPlaces& places, const SettingCommands& commands,
                           std::vector<std::string>& needed) {
   const std::string path = places.RegistryFile();

@@ -1,4 +1,4 @@
-// What "qxctl setup" makes on a machine without a registry, and what an existing registry lacks.
+// Plans and makes a first registry with its directories, or finds what an existing registry lacks.
 #pragma once
 
 #include <sys/types.h>
@@ -31,20 +31,21 @@ struct SetupStep {
 };
 
 // A missing directory comes after the directory that contains it, and the registry file comes last. kRefused if a file
-// has the name of a directory, or if everybody could replace what is made.
+// has the name of a directory, or if every user could replace a file or directory that is made.
 [[nodiscard]] Status PlanSteps(const SetupPlaces& places, std::vector<SetupStep>& steps);
 
-// Makes what does not exist, in the order of the steps. `text` is the registry file. A run that fails or is killed has
-// made no registry, so it can be repeated. [the only thread]
+// Makes the missing directories and the registry file in the order of the steps. `text` is the content of the registry
+// file. If a run fails or is killed, there is no registry yet, so setup can be repeated. [the only thread]
 [[nodiscard]] Status MakeSteps(const std::vector<SetupStep>& steps, const std::string& text);
 
 // The text of a first registry: the pointer to the suite's root, and ReportRoot.
 [[nodiscard]] Status FirstRegistry(const SetupPlaces& places, std::string& text);
 
-// Whether the directory has any file that a load would try.
+// Whether the directory has any file that a load of the registry would try.
 [[nodiscard]] bool HasRegistry(const std::string& directory);
 
-// The commands that make an existing registry name a report directory, and make the directories. Empty if nothing is
+// The commands that make an existing registry name a report directory, and that make the missing directories. Empty if
+// nothing is missing.
 // missing.
 [[nodiscard]] std::vector<std::string> CommandsFor(const SetupPlaces& places);
 

@@ -39,7 +39,8 @@ struct Civil {
   std::optional<int> east_minutes = {};  // the zone, if one was given
   std::int64_t unit_ms = kDayMs;
 
-  // The milliseconds as if it were UTC; unset for the 30th of February.
+  // The milliseconds as if the time were UTC; unset for a date or time that does not exist, such as the 30th of
+  // February.
   [[nodiscard]] std::optional<std::int64_t> Count() const {
     const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
                                            std::chrono::day(static_cast<unsigned>(day))};
@@ -68,7 +69,7 @@ Civil DayOf(std::int64_t civil_ms) {
           .day = static_cast<int>(static_cast<unsigned>(date.day()))};
 }
 
-// Takes pieces from the beginning of a text. A piece that is not there takes nothing.
+// Takes pieces from the beginning of a text. If the requested piece is not there, nothing is taken.
 class Scanner {
  public:
   explicit Scanner(std::string_view text) : text_(text) {}
@@ -127,7 +128,7 @@ class Scanner {
   std::string_view text_;
 };
 
-// "Z", "+01:00", "+0100", " +0100"; whatever else follows belongs to the record.
+// "Z", "+01:00", "+0100", " +0100"; anything else belongs to the record.
 void TakeZone(Scanner& scanner, Civil& civil) {
   if (scanner.Char('Z')) {
     civil.east_minutes = 0;
@@ -208,7 +209,7 @@ bool TakeCompact(Scanner& scanner, Civil& civil) {
   return true;
 }
 
-// A date without a year is the newest one that is not more than a day ahead: clocks differ.
+// The time of a date without a year: the newest such date that is at most a day in the future, because clocks differ.
 std::optional<std::int64_t> NewestPoint(Civil civil, const TimeRules& rules) {
   civil.year = DayOf(ToCivil(rules.now_ms, rules)).year;
   const std::optional<std::int64_t> point = PointOf(civil, rules);
@@ -244,7 +245,7 @@ std::optional<std::int64_t> TakeEpoch(Scanner& scanner) {
 
 bool NamesYear(std::string_view format) { return format.find_first_of("YyFDcsxGg") != std::string_view::npos; }
 
-// Reads a stamp by a format of strptime. Parts that the format does not name are those of today at midnight.
+// Reads a stamp by a format of strptime. What the format does not name is that of today at midnight.
 std::optional<RecordStamp> StampByFormat(std::string_view record, const TimeRules& rules) {
   const Civil today = DayOf(ToCivil(rules.now_ms, rules));
   tm parsed = {};

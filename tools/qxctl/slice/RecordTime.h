@@ -1,6 +1,6 @@
-// The time of a record: a stamp at the beginning of its text. And times as people write them on a command line.
+// Reads the time of a record, which is a stamp at the beginning of its text, and times of a command line.
 //
-// A time is milliseconds since 1970 in UTC. What has no zone is local time, or UTC if the rules say so.
+// A time is milliseconds since 1970 in UTC. A text without a zone is local time, or UTC if the rules say so.
 #pragma once
 
 #include <chrono>
@@ -13,9 +13,9 @@
 namespace qx::ctl {
 
 struct TimeRules {
-  bool is_utc = false;      // what a time without a zone is
+  bool is_utc = false;      // whether a time without a zone is UTC
   std::string format = {};  // of the stamps, for strptime; empty: the recognised ones
-  std::int64_t now_ms = 0;  // for what is relative, and for stamps without a year
+  std::int64_t now_ms = 0;  // for relative times, and for stamps without a year
 };
 
 [[nodiscard]] std::int64_t NowMs();
@@ -39,12 +39,12 @@ struct RecordStamp {
 // The recognised stamps, each also after a "[":
 //   2026-01-31 10:20:30.123        2026/01/31 10:20         2026-01-31T10:20:30Z     2026-01-31 10:20:30 +0100
 //   31.01.2026 10:20:30            31/Jan/2026:10:20:30     20260131T102030          2026-01-31
-//   Jan 31 10:20:30 (of the last twelve months)             1769854830.123 (seconds since 1970)
+//   Jan 31 10:20:30 (the newest such date, at most a day ahead)     1769854830.123 (seconds since 1970)
 // Unset for anything else. A time of day alone is no stamp: it does not name a day.
 [[nodiscard]] std::optional<RecordStamp> StampOfRecord(std::string_view record, const TimeRules& rules);
 [[nodiscard]] std::optional<std::int64_t> TimeOfRecord(std::string_view record, const TimeRules& rules);
 
-// What a text of the command line covers: a day, a minute, a second or a millisecond, both ends included.
+// The span that a time on the command line covers: a day, a minute, a second or a millisecond, both ends included.
 struct TimeSpan {
   std::int64_t first_ms = 0;
   std::int64_t last_ms = 0;

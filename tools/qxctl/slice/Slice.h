@@ -1,4 +1,5 @@
-// A slice of records: those of a span of time, those that match a pattern, the last ones; also in reverse order.
+// Chooses a slice of records: those of a span of time, those that match a pattern, the newest ones; also in reverse
+// order.
 //
 // Threads: one thread.
 #pragma once
@@ -37,7 +38,7 @@ class RecordPattern {
   bool is_compiled_ = false;
 };
 
-// What the options say.
+// The slice that the options request.
 struct Slice {
   std::optional<std::uint64_t> last;
   std::optional<std::int64_t> since_ms;
@@ -64,9 +65,9 @@ class SliceFilter {
  public:
   explicit SliceFilter(const Slice& slice) : slice_(slice) {}
 
-  // With the time at the beginning of the text.
+  // Takes the time from the beginning of the text.
   bool Takes(std::string_view text);
-  // With a time that is known otherwise.
+  // For a record whose time is known in another way.
   bool Takes(std::string_view text, std::optional<std::int64_t> time_ms);
 
  private:
@@ -74,7 +75,7 @@ class SliceFilter {
   std::optional<std::int64_t> time_ms_;  // of the newest record that has one
 };
 
-// Keeps the items that passed the filter until the end decides which are printed. With `last`, only that many are kept.
+// Keeps the items that passed the filter until the last record is known. With `last`, only that many are kept.
 template <typename Item>
 class SliceBuffer {
  public:

@@ -19,7 +19,7 @@ std::string ReportDirectoryHere() {
   return CServerControlPaths::GetServerControlReportPath(directory);
 }
 
-// Only the fallback depends on the working directory.
+// Whether the directory is the fallback: from another working directory, only the fallback is a different one.
 bool IsFallback(const std::string& directory) {
   const file::Descriptor here = file::Open(".", O_PATH | O_DIRECTORY);
   if (!here.IsOpen() || chdir("/") != 0) return true;

@@ -1,5 +1,5 @@
-// The fallback of the report directory: if the registry names none, reports are in the directory "Reports" of the
-// working directory.
+// Checks the fallback of the report directory: if the registry names no directory, reports are in the directory
+// "Reports" of the working directory.
 #pragma once
 
 #include "tools/qxctl/cli/Status.h"

@@ -24,7 +24,7 @@ using report::FoundReports;
 
 std::string Counted(std::size_t count) { return std::to_string(count) + (count == 1 ? " report" : " reports"); }
 
-// What there is instead. `list` is the command that shows it.
+// The end of the message: near names, or how to list or make reports. `list` is the command that lists them.
 std::string Advice(const std::string& name, const FoundReports& found, const std::string& list) {
   if (found.error != 0) return std::string("; that directory cannot be read: ") + std::strerror(found.error);
   if (found.names.empty()) return ", which has no reports; \"qxctl report create\" makes one";

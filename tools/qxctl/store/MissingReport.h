@@ -1,5 +1,5 @@
-// The one message about a report that does not exist: where it was searched, near names, and which value of the
-// registry names that place.
+// Writes the message about a report that does not exist: the directory that was searched, the registry value that names
+// this directory, and reports with near names.
 #pragma once
 
 #include <string>

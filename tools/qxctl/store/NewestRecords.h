@@ -1,4 +1,4 @@
-// The newest records of a report, read from its files.
+// Reads the newest records of a report from its files.
 #pragma once
 
 #include <cstdint>

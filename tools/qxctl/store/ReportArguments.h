@@ -1,4 +1,4 @@
-// The reports that a command line names.
+// Finds the reports that a command line names.
 #pragma once
 
 #include <algorithm>
@@ -41,7 +41,7 @@ inline constexpr Parameter kReportsOrAllParameters[] = {
 // For a command with kReportParameter.
 Status BasePathOf(const Values& values, std::string& base_path);
 
-// A report of a command line: what was typed, or its name with --all, and the path of its files without their endings.
+// A report of a command line: what was typed, or with --all its name, and the path of its files without their endings.
 struct ReportArgument {
   std::string text;
   std::string base_path;
@@ -49,7 +49,7 @@ struct ReportArgument {
 
 struct ReportArguments {
   std::vector<ReportArgument> reports;
-  ExitCode code = ExitCode::kOk;  // the result of finding them: a subdirectory that cannot be listed is printed
+  ExitCode code = ExitCode::kOk;  // worse if a subdirectory could not be listed, which is printed
 };
 
 // The reports of a command with kReportsParameter or kReportsOrAllParameters, in the given order. kUsage without a
@@ -60,7 +60,7 @@ Status ReportsOf(const Values& values, Output& output, ReportArguments& argument
 // cannot be made, the later write there fails and reports it.
 void MakeSubdirectories(const std::string& directory, const std::string& name);
 
-// Runs a command for one report after the other. Of several reports each failure is printed here, and the result has
+// Runs a command for one report after the other. If there are several, each failure is printed here, and the result has
 // the worst code without a message.
 template <typename Run>
 Status ForEachReport(Output& output, const ReportArguments& arguments, Run run) {

@@ -9,7 +9,7 @@ bool WarnOfDamage(Output& output, const std::string& base_path) {
   const report::StoreVerdict verdict = report::VerifyHeader(base_path);
   if (verdict.state != report::StoreState::kDamaged || verdict.scan.findings.empty()) return false;
   const report::Finding& first = verdict.scan.findings.front();
-  if (first.rule == "file.missing") return false;  // the open reports it
+  if (first.rule == "file.missing") return false;  // the command that opens the report reports it
   output.Problem("warning: " + base_path + " is damaged (" + std::string(first.rule) + ": " + first.explanation +
                  "), so its records may be wrong; \"qxctl report verify\" shows more");
   return true;

@@ -1,5 +1,5 @@
-// A damaged report can be read like a sound one, but its records are wrong. Commands that read or extend a report check
-// its header first.
+// Warns of a damaged report before a command reads or extends it: it can be read like a sound one, but its records are
+// wrong.
 #pragma once
 
 #include <string>
@@ -9,11 +9,11 @@
 
 namespace qx::ctl {
 
-// Checks header and sizes of the report at `base_path`. If two checks find the same contradiction, prints a warning
-// that names "qxctl report verify". True if it did; a report that is missing or cannot be read is not damaged.
+// Checks header and sizes of the report at `base_path`. Returns true and prints a warning that names "qxctl report
+// verify" if two checks find the same contradiction. A report that is missing or cannot be read is not damaged.
 [[nodiscard]] bool WarnOfDamage(Output& output, const std::string& base_path);
 
-// Code 1 without a message for a success with a damaged report; any other status as it is.
+// kFinding without a message if `status` is a success and the report is damaged; else `status`.
 [[nodiscard]] Status WithDamage(Status status, bool is_damaged);
 
 }  // namespace qx::ctl

@@ -24,7 +24,8 @@ std::string WithoutEnding(const std::string& base_path) {
   return has_ending && !HasFiles(base_path) ? base_path.substr(0, base_path.size() - kEndingChars) : base_path;
 }
 
-// The path of the report below the directory; empty if it is not below it. Links among the directories do not matter.
+// The path of the report relative to the directory; empty if it is not below it. Symbolic links in both paths are
+// resolved first.
 std::string NameBelow(const std::string& directory, const std::string& base_path) {
   std::error_code error;
   const std::filesystem::path file(base_path);
@@ -77,7 +78,7 @@ Status FindBasePath(const std::string& name_or_path, std::string& path) {
   if (Status status = FindNewBasePath(name_or_path, path); !status.IsOk()) return status;
   const bool is_found = !HasSlash(name_or_path) || HasFiles(path) || !MayBeReportName(name_or_path);
   std::string directory;
-  // Without a report directory that may be used, the argument stays a path.
+  // If there is no report directory that may be used, the argument stays a path.
   if (is_found || !FindReportDirectory(directory).IsOk()) return {};
   const std::string below = BasePathBelow(directory, name_or_path);
   if (HasFiles(below)) path = below;

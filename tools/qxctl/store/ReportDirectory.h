@@ -1,4 +1,4 @@
-// Where reports are.
+// Finds the report directory, and the reports that arguments name.
 #pragma once
 
 #include <string>
@@ -7,11 +7,11 @@
 
 namespace qx::ctl {
 
-// The directory that the registry names; empty if it names an empty one.
+// The directory that the registry names (empty if its value is empty), or the fallback: see store/FallbackDirectory.h.
 std::string ReportDirectory();
 
-// ReportDirectory for a command that reads or writes there: kRefused if an ordinary user made the directory for root
-// (see store/FallbackDirectory.h).
+// ReportDirectory for a command that reads or writes there: kRefused if the fallback would be used, this process is
+// root, and the directory belongs to an ordinary user (see store/FallbackDirectory.h).
 Status FindReportDirectory(std::string& directory);
 
 // Whether an argument with a "/" may be the name of a report: "disk/sda", but not "/disk/sda", "./sda" or
@@ -23,14 +23,15 @@ bool MayBeReportName(const std::string& argument);
 // ending of one of the two files is stripped, unless a report has the full name.
 //   "./load"    => "./load"                 "load.ind"  => "/srv/reports/load"
 //   "load"      => "/srv/reports/load"      "a/b.dat"   => "a/b", or "/srv/reports/a/b" if only that exists
-// A name is refused as by FindReportDirectory.
+// For a name, kRefused as from FindReportDirectory.
 Status FindBasePath(const std::string& name_or_path, std::string& path);
 
 // FindBasePath for a report that is to be made: an argument with a "/" is always a path.
 Status FindNewBasePath(const std::string& name_or_path, std::string& path);
 
-// FindBasePath, as the name under which the module transfers the report. A path must be below the report directory
-// (kNotFound); if no file of a report is there, it is passed on as a name.
+// The name under which the module transfers the report that an argument means. If the argument is the path of a
+// report's files, they must be below the report directory (kNotFound). Any other argument is a name, even if no report
+// has it.
 //   "/srv/reports/disk/sda" => "disk/sda"
 Status FindReportName(const std::string& name_or_path, std::string& name);
 

@@ -1,4 +1,4 @@
-// The reports of the report directory, for the tab key.
+// Offers the reports of the report directory to the tab key.
 #pragma once
 
 #include "tools/qxctl/cli/Offers.h"

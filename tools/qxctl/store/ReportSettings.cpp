@@ -61,15 +61,15 @@ std::string Joined(const std::string& above, const std::string& name) {
   return above.empty() ? name : above + "/" + name;
 }
 
-// The text of the value `name` in a key below `key`; the names on the way to that key are `parts` from `first` on.
-// Empty if there is no such value.
+// The text of the value `name` in a key below `key`. The names of the keys on the way to it are those of `parts`, from
+// `first` on. Empty if there is no such value.
 std::string ValueOfNearName(const CRegistryNode* key, const std::vector<std::string>& parts, std::size_t first,
                             std::string_view name) {
   for (std::size_t i = first; i < parts.size() && key != nullptr; ++i) key = registry::FindKey(*key, parts[i]);
   return ValueIn(key, name).text.value_or("");
 }
 
-// Searches the first missing key of the path among keys with similar names.
+// Finds the first key of the path that is missing, and adds a mistake for each key there with a similar name.
 void CheckPath(const CRegistryNode& tree, const std::string& path, std::string_view value, ReportSettings& settings) {
   const std::vector<std::string> parts = PartsOf(path);
   std::string above;
@@ -88,8 +88,8 @@ void CheckPath(const CRegistryNode& tree, const std::string& path, std::string_v
   }
 }
 
-// Sets `text` to the string `name` of the key. Otherwise adds mistakes: a value of that name that is not a string, or
-// values with a name near it.
+// Sets `text` to the string `name` of the key. If there is no such string, adds mistakes: a value of that name that is
+// not a string, or values with similar names.
 bool TakeString(const CRegistryNode* key, const std::string& path, std::string_view name, std::string& text,
                 std::vector<SettingMistake>& mistakes) {
   const FoundValue value = ValueIn(key, name);

@@ -1,4 +1,4 @@
-// The values of the registry that name the report directory, and what looks like one of them but is not read.
+// Finds the values of the registry that name the report directory, and values that seem to be meant but are not read.
 //
 // The value "Server Control" of one key, the pointer, names the suite's root; the key "Setup" below that root has
 // ReportRoot, the report directory itself, or FileRoot, the directory above "Reports" (provider/ServerControlPaths.h).
@@ -34,14 +34,14 @@ struct SettingMistake {
   std::string key;
   std::string found;
   std::string expected;
-  std::string value;  // what is meant, as far as it is known: the string of `found`, or of the value below it
+  std::string value;  // that is meant, as far as it is known: the string of `found`, or of the value below it
 };
 
 struct ReportSettings {
   enum class Source { kDirectory, kDirectoryAbove, kNone };
   Source source = Source::kNone;
   std::string setup_key;  // from its hive on
-  std::string value;      // the one that counts, as the registry has it
+  std::string value;      // the text of the value that counts, as the registry has it
   std::vector<SettingMistake> mistakes;
 
   // "ReportRoot", "FileRoot"; empty if neither is there.

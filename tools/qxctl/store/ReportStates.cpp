@@ -14,7 +14,7 @@ namespace {
 using report::ReportStatus;
 using report::StoreState;
 
-// The name of a process, with a space and in parentheses; empty if it has ended.
+// The name of a process in parentheses, after a space; empty if the process has ended.
 std::string NameOf(int process) {
   const std::string text = file::TextOf("/proc/" + std::to_string(process) + "/comm");
   if (text.empty()) return "";

@@ -1,4 +1,4 @@
-// The state of a report in words, for the commands that show many reports.
+// Describes the state of a report in words, for the commands that show many reports.
 #pragma once
 
 #include <cstdint>

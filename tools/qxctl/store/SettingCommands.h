@@ -1,4 +1,4 @@
-// Commands that an operator can paste: they set what the registry lacks, and make the directories that it names.
+// Writes commands that an operator can paste: they set what the registry lacks, and make the directories that it names.
 #pragma once
 
 #include <string>

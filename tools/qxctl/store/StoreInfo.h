@@ -18,7 +18,7 @@ struct StoreInfo {
   std::int64_t data_bytes;
 };
 
-// Of a store that is open.
+// The header and the sizes of an open store.
 [[nodiscard]] StoreInfo InfoOf(const std::string& path, const CReportFileBase& store);
 
 // "unwritten", "empty", "filling", "full", "damaged". Unwritten: an agent has created the store but not appended to it;

@@ -1,5 +1,5 @@
-// Finds the slots of an index file that are stored. A sparse file of 4 KiB can have a hole of billions of slots, which
-// all read as offset 0. A writer leaves no such hole: in its file at most one record is at offset 0.
+// Finds the slots of an index file that are stored. A sparse file of 4 KiB can have a hole of billions of slots, all of
+// which read as offset 0. A writer leaves no such hole: in its file at most one record is at offset 0.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ class StoredSlots {
 
   // The first slot from `slot` on that is not in a hole of the file; `end` if all slots before `end` are in holes.
   [[nodiscard]] std::uint32_t NextFrom(std::uint32_t slot, std::uint32_t end);
-  // `slot` is what NextFrom returned. The first slot after it that may be in a hole, or `end`.
+  // The first slot after `slot` that may be in a hole, or `end`. `slot` is a result of NextFrom.
   [[nodiscard]] std::uint32_t EndFrom(std::uint32_t slot, std::uint32_t end) const;
 
  private:

@@ -1,4 +1,4 @@
-// Files and directories that other users may exchange.
+// Finds files and directories that other users may exchange.
 #pragma once
 
 #include <string>

@@ -16,7 +16,7 @@ namespace qx::ctl {
 
 namespace {
 
-// The second buffer, no cursor, no line wrap; and the reverse.
+// kEnter selects the second buffer, hides the cursor and turns line wrap off; kLeave does the reverse.
 constexpr std::string_view kEnter = "\033[?1049h\033[?25l\033[?7l";
 constexpr std::string_view kLeave = "\033[?7h\033[?25h\033[?1049l";
 constexpr std::string_view kTop = "\033[H";
@@ -51,7 +51,7 @@ void SetHandlers(void (*handler)(int)) {
   }
 }
 
-// A terminal that accepts nothing, because its line is disconnected, must not block the process.
+// Does not wait for long: a terminal whose line is disconnected accepts nothing, and must not block the process.
 void WriteIfPossible(std::string_view bytes) {
   pollfd output{STDOUT_FILENO, POLLOUT, 0};
   const bool is_ready = poll(&output, 1, kLeaveMilliseconds) > 0 && (output.revents & POLLOUT) != 0;
@@ -82,8 +82,8 @@ Screen::~Screen() {
   SetHandlers(SIG_DFL);
 }
 
-// ^C and ^Z still send their signals. ^\ and ^S have no effect: the first would end the process without a chance to
-// restore the terminal, the second would stop the output.
+// ^C and ^Z still send their signals. ^\ and ^S have no effect: ^\ would end the process before it can restore the
+// terminal, and ^S would stop the output.
 void Screen::Enter() {
   is_entered_ = true;
   if (before_) {

@@ -1,8 +1,8 @@
-// The whole terminal as a screen that is drawn again and again, and the keys that are pressed meanwhile.
+// Uses the whole terminal as a screen that is drawn again and again, and reads the keys that are pressed meanwhile.
 //
-// While it is shown, the terminal has its second buffer, no cursor and no line wrap, and keys are read at once, not
-// echoed. Whatever ends the screen restores all of that: a key, a signal that InterruptGuard records, a write that
-// fails. ^Z suspends the process with the terminal restored.
+// While the screen is shown, the terminal has its second buffer, no cursor and no line wrap, and keys are read at once,
+// not echoed. At the end of the screen all of this is restored, also after a signal that InterruptGuard records or a
+// write that fails. ^Z suspends the process with the terminal restored.
 //
 // Threads: one screen at a time, on the only thread, within an InterruptGuard.
 #pragma once
@@ -29,7 +29,7 @@ struct ScreenSize {
 enum class Wake {
   kTime,    // the time is over
   kKey,     // a key was pressed
-  kRedraw,  // the size has changed, or the process goes on after ^Z
+  kRedraw,  // the size has changed, or the process continues after ^Z
   kSignal   // InterruptSignal()
 };
 

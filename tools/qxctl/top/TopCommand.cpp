@@ -121,7 +121,7 @@ class Top {
     }
   }
 
-  // The last line of a screen that has no space for all reports is about the others.
+  // The number of reports on a page. If the screen has no space for all reports, its last line says so.
   static std::size_t RowsOnPage() {
     constexpr std::size_t kOtherLines = kHeadLines + 1;
     return std::max(Screen::Size().lines, kOtherLines + 1) - kOtherLines;
@@ -135,7 +135,7 @@ class Top {
     return lines;
   }
 
-  // After the last page the first one follows.
+  // The page after the last one is the first one.
   void ShowPage(std::vector<std::string>& lines) {
     const std::size_t rows = lines.size() - kHeadLines;
     if (first_row_ >= rows) first_row_ = 0;
@@ -174,7 +174,7 @@ class Top {
   const TopView view_;
   TopReports reports_;
   std::uint64_t round_ = 0;
-  std::size_t first_row_ = 0;  // on the screen, if not all reports fit
+  std::size_t first_row_ = 0;  // of the page that is shown, if not all reports fit
   TopClock::time_point next_;
 };
 

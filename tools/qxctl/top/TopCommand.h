@@ -1,4 +1,4 @@
-// qxctl top
+// The command "qxctl top".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

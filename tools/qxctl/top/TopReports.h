@@ -1,7 +1,7 @@
-// All reports of a directory as they change: how many records come, and what the newest ones say.
+// Reads all reports of a directory again and again: how many records are written, and what the newest ones say.
 //
-// Each round reads header and sizes of each report, and its newest records only if the header has changed. Nothing is
-// locked.
+// Each round reads the header and the sizes of each report, and its newest records only if the header has changed.
+// Nothing is locked.
 #pragma once
 
 #include <chrono>
@@ -20,7 +20,7 @@ namespace qx::ctl {
 
 using TopClock = std::chrono::steady_clock;
 
-inline constexpr std::uint32_t kTopValues = 24;  // numbers that are kept of a report
+inline constexpr std::uint32_t kTopValues = 24;  // numbers of a report that are kept
 
 // What the newest records of a report say.
 struct TopValue {
@@ -42,7 +42,7 @@ struct TopRow {
 // Threads: one thread.
 class TopReports {
  public:
-  // `field`: the one that is shown of each report; empty: the first one with a number. `rules`: how fields are found.
+  // `field`: the field that is shown of each report; empty: the first one with a number. `rules`: how fields are found.
   TopReports(std::string directory, std::string field, FieldRules rules);
 
   // Reads the state of all reports of the directory.
@@ -59,7 +59,7 @@ class TopReports {
     TopClock::time_point time;
     std::uint64_t records;  // since the first round
   };
-  // What is kept from round to round.
+  // The data of a report that is kept from round to round.
   struct Known {
     std::optional<report::IndexHeader> header;
     std::optional<timespec> newest;

@@ -20,7 +20,7 @@ constexpr std::size_t kValueWidth = 60;
 constexpr std::size_t kSparkColumn = 4;
 constexpr double kSecondsOfMinute = 60;
 
-// Control bytes escaped, and cut to the width of a column; a character is not cut in two.
+// The text with control bytes escaped, cut to the width of a column. No character is cut in two.
 std::string Shortened(std::string_view text, std::size_t width) {
   std::string shown = ForTerminal(Visible(text.substr(0, 4 * width)));
   if (WidthOf(shown) <= width) return shown;

@@ -1,4 +1,4 @@
-// A round of qxctl top as a table for people, and as a document.
+// Shows a round of qxctl top as a table for people, and as a document.
 #pragma once
 
 #include <string>
@@ -19,7 +19,7 @@ struct TopView {
 // and records are escaped; painted by `output`.
 [[nodiscard]] std::vector<std::string> TopLines(const TopReports& reports, const TopView& view, const Output& output);
 
-// Records a second, or a minute below one a second; "-" if it is not known.
+// The rate as records a second, or as records a minute if it is below one a second; "-" if it is not known.
 //   0 => 0    0.5 => 30/min    12.34 => 12.3/s
 [[nodiscard]] std::string RateText(const std::optional<double>& rate);
 

@@ -1,4 +1,4 @@
-// Each setting of the traces with the file, section or variable that it comes from.
+// Prints each setting of the traces with the file and section, or the environment variable, that it comes from.
 #include "tools/qxctl/trace/TraceConfigCommand.h"
 
 #include <filesystem>

@@ -1,4 +1,4 @@
-// qxctl trace config
+// The command "qxctl trace config".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

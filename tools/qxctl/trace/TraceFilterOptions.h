@@ -1,4 +1,4 @@
-// The options that choose entries of a trace by what is in them, for the commands that print some.
+// The options with which a command chooses trace entries by their content.
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

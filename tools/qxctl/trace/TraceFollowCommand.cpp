@@ -1,4 +1,4 @@
-// The entries of a trace file as they are written, across wraps and restarts, until ^C.
+// Prints the entries of a trace file as they are written, across wraps and restarts, until ^C.
 #include "tools/qxctl/trace/TraceFollowCommand.h"
 
 #include <algorithm>

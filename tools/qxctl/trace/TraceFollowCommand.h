@@ -1,4 +1,4 @@
-// qxctl trace follow
+// The command "qxctl trace follow".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

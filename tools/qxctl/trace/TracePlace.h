@@ -1,4 +1,4 @@
-// Where trace files are.
+// Finds the trace directory and its files.
 #pragma once
 
 #include <string>

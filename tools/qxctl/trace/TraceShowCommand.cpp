@@ -1,4 +1,4 @@
-// The entries of one trace file, or of all in a directory, in the order of time.
+// Prints the entries of one trace file, or of all in a directory, in the order of time.
 #include "tools/qxctl/trace/TraceShowCommand.h"
 
 #include <sys/stat.h>
@@ -77,7 +77,8 @@ class ShownFile {
   const std::string& Name() const { return name_; }
   bool HasEntry() const { return has_entry_; }
   const TraceEntry& Entry() const { return entry_; }
-  // The time for the merge: that of the entry, or else of the previous one.
+  // The time of the next entry, for the order among the files; for an entry without a time, that of the entry before
+  // it.
   std::int64_t OrderMs() const { return order_ms_; }
   bool BelongsToLast() const {
     return has_entry_ && (entry_.kind == TraceEntry::Kind::kPiece || entry_.kind == TraceEntry::Kind::kRest);
@@ -190,7 +191,7 @@ class ShowPrinter {
   bool is_first_ = true;
 };
 
-// An entry with what belongs to it, which stays with it in a slice.
+// An entry with the further lines and pieces that belong to it. A slice has all of them or none.
 struct EntryGroup {
   std::string file;
   std::vector<TraceEntry> entries;
@@ -203,8 +204,8 @@ Status PrintGroup(const EntryGroup& group, ShowPrinter& printer) {
   return {};
 }
 
-// Takes entries in the order of time, and prints those of the slice: at once, or at the end if only the end decides
-// which.
+// Takes entries in the order of time, and prints those of the slice: at once, or, if the slice depends on the last
+// entry, at the end.
 class SlicedEntries {
  public:
   SlicedEntries(const Slice& slice, ShowPrinter& printer) : slice_(slice), held_(slice), printer_(printer) {}
@@ -271,7 +272,7 @@ ExitCode CollectFindings(Context& context, const Files& files, std::vector<Json>
   return code;
 }
 
-// The command line did not name the directory, so the message says how to find the setting that did.
+// If the command line has no path, the message says how to find the setting that names the directory.
 Status WithoutPath(const Status& status) {
   if (status.Code() != ExitCode::kNotFound && status.Code() != ExitCode::kIo) return status;
   return {status.Code(), status.Message() + "; \"qxctl trace config\" shows what names that directory, or give a PATH"};

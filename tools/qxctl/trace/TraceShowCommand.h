@@ -1,4 +1,4 @@
-// qxctl trace show
+// The command "qxctl trace show".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -134,7 +134,8 @@ Status MakeFilter(const TraceFilterOptions& options, TraceFilter& filter) {
   return {};
 }
 
-// Each entry is passed to the slice, even one that is not printed: a later entry without a time has its time.
+// Each entry is passed to the slice, even one that is not printed: a later entry without a time has the time of this
+// one.
 bool TraceSelection::Passes(const TraceEntry& entry) {
   const TraceFilter& filter = *filter_;
   const std::optional<std::int64_t> time =

@@ -1,4 +1,4 @@
-// The choice and the print of trace entries.
+// Chooses trace entries, and writes them as text or JSON.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +22,7 @@ std::string VisibleText(std::string_view text);
 enum class TraceSeverity : std::uint8_t { kNone, kWarning, kError };
 [[nodiscard]] TraceSeverity SeverityOf(const debug::TraceEntry& entry);
 
-// The choice of the options.
+// The entries that the options choose.
 struct TraceFilter {
   std::set<std::string, std::less<>> modules;  // empty: all
   std::set<std::uint32_t> threads;             // empty: all
@@ -40,11 +40,11 @@ struct TraceFilterOptions {
   std::string level;
 };
 
-// kUsage for a thread that is not a hexadecimal number. The slice is set already.
+// Sets the filter, except its slice, which is set already. kUsage for a thread that is not a hexadecimal number.
 Status MakeFilter(const TraceFilterOptions& options, TraceFilter& filter);
 
-// Decides for entry after entry of a file whether it is printed; the further lines of an entry follow its choice. An
-// entry whose time is unknown has the time of the one before.
+// Decides for one entry of a file after the other whether it is printed; the further lines of an entry follow its
+// choice. An entry without a time has the time of the one before.
 class TraceSelection {
  public:
   explicit TraceSelection(const TraceFilter& filter) : filter_(&filter), slice_(filter.slice) {}
@@ -61,8 +61,8 @@ class TraceSelection {
 // Whether an entry begins with a header, so that other lines may belong to it.
 [[nodiscard]] bool HasHeader(const debug::TraceEntry& entry);
 
-// The entry as lines of text, each begun with `prefix`, in the colour of its severity; without stamp, thread and module
-// if `with_header` is false.
+// The entry as lines of text in the colour of its severity, each with `prefix` before it; without stamp, thread and
+// module if `with_header` is false.
 std::string EntryToText(const Output& output, const debug::TraceEntry& entry, std::string_view prefix,
                         bool with_header = true);
 

@@ -1,4 +1,4 @@
-// Blocks that no service makes: what is missing, null, mistyped, miscounted or looped.
+// Blocks that no service makes: parts are missing, null, of a wrong type or count, or form a loop.
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -160,7 +160,7 @@ std::string AskWithExtraElement(FaultHost& host, RawBlock& block, krx_element* e
   return AskWithElements(host, block, elements);
 }
 
-// The outcomes of all four functions.
+// The outcomes of all four functions for a null block.
 std::string NullBlock(FaultHost& host) {
   std::string text;
   for (const RequestFunction function : {RequestFunction::kWhat, RequestFunction::kReflect,
@@ -192,7 +192,7 @@ std::string ConnectionInsideItself(FaultHost& host) {
   return AskWithExtraElement(host, block, connection);
 }
 
-// A million null entries before the elements.
+// A block with a million null entries before the elements.
 std::string ManyNullEntries(FaultHost& host) {
   constexpr std::size_t kEntries = 1000000;
   RawBlock block;
@@ -202,7 +202,7 @@ std::string ManyNullEntries(FaultHost& host) {
   return AskWithElements(host, block, elements);
 }
 
-// Header, array and elements at odd addresses.
+// A block whose header, array and elements are at odd addresses.
 std::string Unaligned(FaultHost& host) {
   RawBlock block;
   const RawBlock::Elements good = GoodElements(block);

@@ -1,4 +1,4 @@
-// The block of a call file: from memory to JSON and back.
+// Writes the block of a call file from memory to JSON, and builds it in memory from JSON.
 //
 // An element is an object with its index, its type and one more key, which shows what its value points to:
 //   "number"      types 4, 5, 6, and the credential marker of any type but 8 and 512: a number
@@ -80,8 +80,8 @@ std::uint32_t NumberAt(const void* value, std::size_t bytes) {
   return number;
 }
 
-// The number of bytes of a number in this element; 0: it is not a number. Blocks stay blocks even in the element of the
-// credential marker: a module that reads the marker takes the first bytes of any value there.
+// The number of bytes of a number in this element; 0 if it is not a number. A nested block is not a number even in the
+// credential marker, although a module that reads the marker takes the first bytes of any value there.
 std::size_t NumberBytes(std::int32_t index, std::int32_t type) {
   if (type == kKrxTypeNested) return 0;
   if (type == kKrxTypeUint8) return 1;
@@ -123,7 +123,7 @@ struct NamedDepartment {
   std::vector<std::string> privileges;
 };
 
-// Pointers into `departments`.
+// The same departments as pointers into `departments`.
 std::vector<provider::BlockDepartment> PointersOf(const std::vector<NamedDepartment>& departments) {
   std::vector<provider::BlockDepartment> pointers;
   for (const NamedDepartment& from : departments) {
@@ -169,7 +169,7 @@ class BlockParser {
                                    : block_.Element(index, type, nullptr);
   }
 
-  // Whether a module reads a value of this element without a check of the pointer. (A null string is checked.)
+  // Whether a module reads a value of this element without a check of the pointer. (It checks the pointer of a string.)
   static bool IsReadable(std::int32_t index, std::int32_t type) {
     return !IsList(index) && index != kKrxValidationData && NumberBytes(index, type) > 0;
   }
@@ -252,7 +252,7 @@ class BlockParser {
     return true;
   }
 
-  // A module uses the value of such an element as the address of a structure.
+  // Whether a module uses the value of such an element as the address of a structure.
   static bool IsPointerKind(std::int32_t index, std::int32_t type) {
     const bool is_marker = index == kKrxCredentialMarker && type == kKrxTypePointer;
     return IsList(index) || index == kKrxValidationData || type == kKrxTypeString || type == kKrxTypeNested ||

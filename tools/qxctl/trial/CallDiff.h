@@ -1,4 +1,4 @@
-// The difference of a call's reply from the recorded one.
+// Shows the difference between a call's reply and the recorded one.
 #pragma once
 
 #include <optional>

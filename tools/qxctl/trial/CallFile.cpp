@@ -21,7 +21,7 @@ bool IsFunction(const std::string& name) {
   return false;
 }
 
-// A document of brackets alone must not grow into a tree that fills the memory.
+// Parses JSON with a limit of its depth: a document of brackets alone must not grow into a tree that fills the memory.
 CallJson ParseBounded(const std::string& text) {
   bool is_too_deep = false;
   const auto keep = [&](int depth, CallJson::parse_event_t, CallJson&) {

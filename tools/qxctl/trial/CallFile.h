@@ -1,4 +1,4 @@
-// A call into a module as a file: the arguments, and the results. docs/testing-modules.md has the format.
+// Stores a call into a module, its arguments and its results, as a file. docs/testing-modules.md has the format.
 //
 // Such a file may come from anywhere. Reading it costs time and memory in proportion to its size, at most kCallFileMax
 // bytes, whatever its content.
@@ -25,7 +25,7 @@ struct RecordedCall {
   CallJson block;        // in the form of the file
   std::string input;
   int result = 0;
-  std::optional<std::uint32_t> state_word;  // of GetReports: what the module keeps in element 1
+  std::optional<std::uint32_t> state_word;  // of GetReports: the state word in the module's data
   std::optional<std::string> reply;
 };
 
@@ -35,11 +35,12 @@ struct RecordedCall {
 // False with the reason, for an operator, if `text` is not such a file; `call` is then undefined.
 [[nodiscard]] bool ParseCallFile(const std::string& text, RecordedCall& call, std::string& problem);
 
-// A block of the host in the form of the file; pointers that only a module understands become null. The block must be
-// one that a module could read: true counts, terminated texts; at most 64 blocks of a chain are written.
+// A block of the host in the form of the file; pointers that only a module understands become null. A module must be
+// able to read the block: its counts are right, and its texts end with a NUL. Of a chain, at most 64 blocks are
+// written.
 [[nodiscard]] CallJson BlockToJson(const wcs_gendata& block);
 
-// Makes the block. False with the reason if `json` does not have the form of the file.
+// Builds the block. False with the reason if `json` does not have the form of the file.
 [[nodiscard]] bool BlockFromJson(const CallJson& json, RawBlock& block, std::string& problem);
 
 }  // namespace qx::ctl

@@ -1,4 +1,4 @@
-// Request documents that no client sends on purpose: cut short, damaged, outsized.
+// Request documents that no client sends on purpose: they are cut short, damaged or too large.
 #include <string>
 #include <utility>
 
@@ -33,7 +33,8 @@ std::string Repeated(const std::string& text, std::size_t count) {
 // A document and its reply.
 std::string Pair(std::string document, const std::string& answer) { return document.append(": ").append(answer); }
 
-// Records, an end or an error: anything but a failure of the call itself, always with a document.
+// Whether the outcome is records, an end or an error, always with a document: anything but a failure of the call
+// itself.
 bool IsAnswer(const std::string& text) {
   for (const char* const answer : {"result 0, <ReportData>", "result 1, error none ", "result 12, error "}) {
     if (text.starts_with(answer)) return true;
@@ -41,7 +42,7 @@ bool IsAnswer(const std::string& text) {
   return false;
 }
 
-// Every prefix of a request, and the request with each byte changed.
+// Sends every prefix of a request, and the request with each byte changed.
 std::string Damaged(FaultHost& host) {
   const std::string good =
       "<?xml version=\"1.0\"?>\n<ReportData Name='../qx&amp;ctl' StartIndex=\"0\" NrRecords=\"5\"/>\n";

@@ -1,4 +1,4 @@
-// What a bad host does, one fault for each case, and what a module must do.
+// The faults of a bad host, one for each case, and how a module must react.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ struct BlockShape {
   RequestFunction function = RequestFunction::kGetReports;
   const char* tag = nullptr;               // null: "KRX"
   std::optional<std::int32_t> count = {};  // the header's element count, with a null array
-  bool has_good_elements = false;          // before the others
+  bool has_good_elements = false;          // before `elements`
   std::span<const ElementShape> elements = {};
 };
 
@@ -46,19 +46,19 @@ void AddSecurityFaults(std::vector<FaultCase>& cases);
 void AddDocumentFaults(std::vector<FaultCase>& cases);
 void AddOrderFaults(std::vector<FaultCase>& cases);
 
-// --- what several cases use
+// --- for several cases
 
-// A request for a report that never exists in any report directory, and its outcome.
+// A request for a report that does not exist in any report directory, and its outcome.
 inline constexpr char kNoReportRequest[] = "<ReportData Name=\"../qxctl\"/>";
 inline constexpr char kNoReportOutcome[] = "result 12, error 2 \"Report data for report '../qxctl' could not be read\"";
 
 // Elements 1 to 5 of a good block.
 RawBlock::Elements GoodElements(RawBlock& block, std::uint32_t thread_id = 1);
 
-// Passes the block with the request for the report that never exists.
+// Builds the block, and passes it with the request for the report that does not exist.
 std::string AskBlock(FaultHost& host, const BlockShape& shape);
 
-// Asks for the report that never exists with this block.
+// Passes this block with the request for the report that does not exist.
 std::string AskNoReport(FaultHost& host, const RawBlock& block);
 
 }  // namespace qx::ctl

@@ -55,7 +55,7 @@ void FaultHost::Find(const char* name, Function& function) {
 
 std::string FaultHost::Ask(RequestFunction function, const wcs_gendata* block, const char* input) const {
   char nothing[] = "";
-  char* reply = nothing;  // so that a reply pointer that is never written is found
+  char* reply = nothing;  // so that it shows if the module does not set the reply pointer
   const int result = requests_[static_cast<std::size_t>(function)](block, input, &reply);
   std::string text = "result " + std::to_string(result) + ", ";
   if (reply == nothing) return text + "the reply pointer is not set";

@@ -26,7 +26,7 @@ class FaultHost {
   void Load();
   void Unload();
 
-  // A call, with its outcome as text:
+  // Makes a call and returns its outcome as text:
   //   result -1, no reply
   //   result 12, error 2 "Report data for report '../x' could not be read"
   //   result 0, echo                       the reply is the input

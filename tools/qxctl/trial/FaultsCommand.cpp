@@ -1,4 +1,4 @@
-// A bad host. Each case runs in its own process, so that a crash is only a finding.
+// Runs the cases of a bad host. Each case runs in its own process, so that a crash is only a finding.
 #include "tools/qxctl/trial/FaultsCommand.h"
 
 #include <unistd.h>
@@ -103,7 +103,7 @@ class FaultPlace {
     return error_of_change == 0 ? Status() : Status::Io("cannot enter " + path_, error_of_change);
   }
 
-  // The name of the report, if the module will find it.
+  // The name of the report, if the module will find it; else empty.
   std::string Report() const {
     std::string directory;
     CServerControlPaths::GetServerControlReportPath(directory);
@@ -172,7 +172,7 @@ bool IsRequested(const Options& options, const FaultCase& fault) {
   });
 }
 
-// Loads the module once in a child: if it cannot be loaded, the operator gets the reason before all cases fail.
+// Loads the module once in a child. If it cannot be loaded, the operator gets the reason, and no case runs.
 Status CheckModule(const Options& options, const std::string& path) {
   const FaultCase loads{"order", "load", "Loads the module", "loaded",
                         [](FaultHost&) { return std::string("loaded"); }};

@@ -1,4 +1,4 @@
-// qxctl module faults
+// The command "qxctl module faults".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"
@@ -8,7 +8,7 @@ namespace qx::ctl {
 
 extern const Command kFaultsCommand;
 
-// Groups and cases, for the tab key.
+// Offers groups and cases to the tab key.
 extern const OfferSource kFaultOffers;
 
 }  // namespace qx::ctl

@@ -1,4 +1,4 @@
-// The times of any number of calls, in bounded memory.
+// Collects the times of any number of calls in bounded memory.
 #pragma once
 
 #include <array>
@@ -9,7 +9,7 @@
 namespace qx::ctl {
 
 // A log-linear histogram of times in nanoseconds: 32 buckets of equal width for each power of two, so a time is at most
-// 1/32 too high or too low. 15 KiB, from one nanosecond to centuries.
+// 1/32 too high or too low. It takes 15 KiB, and covers one nanosecond to centuries.
 //
 // Threads: one thread; each worker has its own, and they are added at the end.
 class LatencyHistogram {
@@ -37,7 +37,8 @@ class LatencyHistogram {
   static constexpr unsigned kSubBucketBits = 5;
   static constexpr std::size_t kBuckets = (64 - kSubBucketBits) * 32 + 32;
 
-  // 0..63 are exact; above, 5 bits after the leading one count:  64,65 => 64   66,67 => 65   128..131 => 96
+  // 0 to 63 have a bucket each. Above, the five bits after the leading one choose it:  64,65 => 64   66,67 => 65
+  // 128..131 => 96
   static std::size_t BucketOf(std::uint64_t nanoseconds);
   static std::uint64_t LastOf(std::size_t bucket);
 

@@ -23,7 +23,7 @@ ExpectedReplies::Print PrintOf(const std::string& reply) {
   return {reply.size(), std::hash<std::string_view>()(reply)};
 }
 
-// "GetReports: result 12, reply <Error Msg=..." shows an operator the reply that came instead
+// "GetReports: result 12, reply <Error Msg=...": the failure with the reply that came instead, for the operator.
 std::string FailureText(RequestFunction function, const CallResult& call, const std::string& why) {
   constexpr std::size_t kReplyCharsMax = 120;
   std::string text = std::string(NameOf(function)) + ": " + why + "; result " + std::to_string(call.result);
@@ -45,7 +45,7 @@ bool Includes(const LoadPlan& plan, RequestFunction function) {
   return false;
 }
 
-// One transfer from beginning to end, or only its first reply if nothing is compared byte for byte.
+// Makes one transfer from beginning to end; if nothing is compared byte for byte, only its first call.
 Status AskForRecords(WorkerThread& worker, const LoadPlan& plan, ExpectedReplies& expected) {
   for (std::int32_t start = 0;;) {
     const CallResult call = worker.Call(RequestFunction::kGetReports, RequestAt(plan, start));
@@ -108,7 +108,7 @@ std::string LoadScript::StepWhat(WorkerThread& worker, double& seconds) {
   return FailureText(RequestFunction::kWhat, call, "another reply than the first time");
 }
 
-// The document has the thread and the number, so that a reply of another call is found.
+// The document contains the thread and the number of the request, so that a reply of another call is found.
 std::string LoadScript::StepReflect(WorkerThread& worker, double& seconds) {
   char document[128];
   std::snprintf(document, sizeof document, "<Load Thread=\"%u\" Request=\"%llu\"><Text>a &amp; b</Text></Load>\n",
@@ -134,7 +134,7 @@ std::string LoadScript::StepReports(WorkerThread& worker, double& seconds) {
   return wrong;
 }
 
-// The end of a transfer; the next request starts another one.
+// Checks the reply to the last request of a transfer; the next request starts another transfer.
 std::string LoadScript::CheckEnd(const CallResult& call) {
   const bool may_end = next_index_ > 0 || expected_.report_is_empty;
   const bool is_where_the_first_ended = !plan_.exact || !expected_.transfers.contains(next_index_);

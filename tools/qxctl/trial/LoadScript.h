@@ -1,4 +1,4 @@
-// The requests of one thread of a load test, and the expected replies.
+// Makes the requests of one thread of a load test, and compares the replies with the expected ones.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 namespace qx::ctl {
 
-// The module's replies before the load. A reply is kept as its length and hash: a transfer may be large.
+// The module's replies before the load. Of a transfer only lengths and hashes are kept, because it may be large.
 struct ExpectedReplies {
   struct Print {
     std::size_t bytes = 0;
@@ -25,8 +25,8 @@ struct ExpectedReplies {
   bool report_is_empty = false;
 };
 
-// Makes every request of the plan once. Fails with the reason if the replies cannot be used for comparison: a missing
-// report, a refusal.
+// Makes every request of the plan once. Fails with the reason if the replies cannot be used for a comparison, because a
+// report is missing or the module refuses.
 Status AskForExpected(const ModuleHost& module, const LoadPlan& plan, ExpectedReplies& expected);
 
 // Threads: belongs to one worker thread; the plan and the expected replies are shared and not changed.

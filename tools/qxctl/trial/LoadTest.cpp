@@ -33,7 +33,7 @@ class Gate {
     changed_.wait(lock, [&] { return round_ != round; });
   }
 
-  // False if not all of them arrive in time.
+  // False if not all workers arrive in time.
   bool WaitForAll(std::chrono::milliseconds time) {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, time, [&] { return waiting_ == workers_; });
@@ -62,7 +62,7 @@ struct Shared {
   std::atomic<bool> stop{false};
 };
 
-// A worker thread of the service: warms up, waits, makes its calls, waits, ends.
+// A worker thread of the service: it warms up, waits, makes its calls, waits again, and ends.
 class LoadWorker {
  public:
   LoadWorker(Shared& shared, unsigned number) : shared_(shared), number_(number) {}
@@ -76,10 +76,10 @@ class LoadWorker {
     thread_ = std::thread([this] { Run(); });
   }
 
-  // The measuring thread reads it while this one runs.
+  // The number of requests so far. The measuring thread reads it while this thread runs.
   std::uint64_t Requests() const { return requests_.load(std::memory_order_relaxed); }
 
-  // To be read after the thread's last call.
+  // To be called after the thread's last call.
   void AddTo(LoadResult& result) const {
     result.requests += latency_.Count();
     result.warm_up_requests += Requests() - latency_.Count();
@@ -104,7 +104,7 @@ class LoadWorker {
     shared_.gate.WaitForRound();
   }
 
-  // This thread's part of all requests; 0 if only the time counts.
+  // The number of requests that this thread makes; 0 if the plan has only a time.
   std::uint64_t Share() const {
     const std::uint64_t all = shared_.plan.requests;
     const unsigned threads = shared_.plan.threads;

@@ -1,4 +1,4 @@
-// What the module does under the load of many threads, and what it leaves afterwards.
+// Shows what the module does under the load of many threads, and whether memory or descriptors are left afterwards.
 #include "tools/qxctl/trial/LoadTestCommand.h"
 
 #include <cstdarg>

@@ -1,4 +1,4 @@
-// qxctl module load-test
+// The command "qxctl module load-test".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -1,4 +1,4 @@
-// Calls in an order that no service uses: ends before beginnings, calls made twice, threads mixed up.
+// Calls in an order that no service uses: an end before a beginning, a call made twice, the data of another thread.
 #include <atomic>
 #include <string>
 #include <thread>
@@ -19,7 +19,7 @@ std::string AskWhat(FaultHost& host) {
   return host.Ask(RequestFunction::kWhat, block.Raw(), "");
 }
 
-// A request of a thread with the module's data `data`, which the request updates.
+// Makes a request of a thread whose module data is `data`; the request updates `data`.
 std::string AskWithData(FaultHost& host, void*& data) {
   RawBlock block;
   block.SetElements(GoodElements(block));
@@ -49,7 +49,7 @@ std::string BeginTwice(FaultHost& host) {
   return text;
 }
 
-// Without data nothing may be freed, however often.
+// The end of a thread without data must free nothing, even if it is called twice.
 std::string EndTwice(FaultHost& host) {
   host.EndThread(nullptr);
   host.BeginThread();
@@ -65,7 +65,7 @@ std::string AskWithoutBegin(FaultHost& host) {
   return text;
 }
 
-// Another thread continues with one thread's data, as if a host gave its threads new numbers.
+// One thread continues with another thread's data, as if a host gave its threads new numbers.
 std::string DataOfAnotherThread(FaultHost& host) {
   void* data = nullptr;
   std::thread([&] { (void)AskWithData(host, data); }).join();
@@ -110,7 +110,7 @@ std::string Reload(FaultHost& host) {
   return text;
 }
 
-// The data of a thread that never ended is not freed.
+// Unloads the module while a thread has not ended, so its data is not freed.
 std::string UnloadWithoutEnd(FaultHost& host) {
   void* data = nullptr;
   (void)AskWithData(host, data);
@@ -119,7 +119,7 @@ std::string UnloadWithoutEnd(FaultHost& host) {
   return AskWhat(host);
 }
 
-// Requests of one thread: each has its own number, which must be in the reply.
+// Makes requests of one thread. Each document contains the thread's number, which must be in the reply.
 unsigned CountWrongReplies(FaultHost& host, unsigned number) {
   constexpr unsigned kRequests = 100;
   unsigned wrong = 0;
@@ -138,7 +138,7 @@ unsigned CountWrongReplies(FaultHost& host, unsigned number) {
   return wrong;
 }
 
-// Threads that call, end and call again at the same time, without a begin.
+// Threads call, end and call again at the same time, without a begin.
 std::string Interleaved(FaultHost& host) {
   std::atomic<unsigned> wrong{0};
   std::vector<std::thread> threads;

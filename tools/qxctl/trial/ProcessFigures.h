@@ -1,4 +1,4 @@
-// The resources of this process now: memory, descriptors, mapped files.
+// Measures the resources of this process: memory, descriptors, mapped files.
 #pragma once
 
 #include <cstddef>

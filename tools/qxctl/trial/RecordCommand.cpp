@@ -106,7 +106,7 @@ RecordedCall MakeCall(WorkerThread& worker, RequestFunction function, const std:
   return call;
 }
 
-// All calls of one transfer, up to the one that finds no more records.
+// Records all calls of one transfer, up to the one that finds no more records.
 Status RecordTransfer(Context& context, Options options, WorkerThread& worker) {
   for (;;) {
     const RecordedCall call = MakeCall(worker, RequestFunction::kGetReports, RequestText(options.request));

@@ -1,4 +1,4 @@
-// qxctl module record
+// The command "qxctl module record".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -1,4 +1,4 @@
-// Makes the calls of files again and compares the results byte for byte.
+// Makes the calls of call files again, and compares the results byte for byte.
 #include "tools/qxctl/trial/ReplayCommand.h"
 
 #include <algorithm>
@@ -22,7 +22,7 @@ namespace qx::ctl {
 namespace {
 
 struct Options {
-  CallOptions call;  // only the module; the block is that of the file
+  CallOptions call;  // only the module; the block is that of the call file
   std::vector<std::string> paths;
   std::vector<std::string> ignored;  // attributes
   bool force = false;
@@ -76,7 +76,7 @@ class ReplayThread {
   ReplayThread(const ReplayThread&) = delete;
   ReplayThread& operator=(const ReplayThread&) = delete;
 
-  // The parser has already built the block once, so this succeeds.
+  // The parser has built the block once already, so BlockFromJson succeeds.
   RecordedCall Call(const RecordedCall& recorded) {
     RawBlock block;
     std::string ignored;

@@ -1,4 +1,4 @@
-// qxctl module replay
+// The command "qxctl module replay".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -10,7 +10,8 @@ namespace {
 
 constexpr std::string_view kPlaceOfTables = "#@TABLES@\n";
 
-// The kinds that the scripts know; completion.bash lists them. "@codes" is what the source of offers "codes" returns.
+// The kind of a value as the scripts write it; completion.bash lists the kinds. "@codes" means the offers of the source
+// "codes".
 std::string KindOf(const Parameter& parameter) {
   if (!parameter.choices.empty()) return Joined({parameter.choices.begin(), parameter.choices.end()}, "|");
   switch (parameter.kind) {
@@ -61,7 +62,7 @@ std::string KindsOfArguments(const Command& command) {
   return Joined(kinds);
 }
 
-// The options of a command, including those of every command.
+// The options of a command, and those that every command has.
 std::vector<const Parameter*> AllOptionsOf(const Command& command, const Command& qxctl) {
   std::vector<const Parameter*> options = OptionsOf(command);
   if (&command == &qxctl) return options;

@@ -1,4 +1,4 @@
-// Completion scripts for shells: completion.bash, .zsh and .fish with tables that are made from the command table.
+// Makes the completion scripts for shells: completion.bash, .zsh and .fish with tables from the command table.
 #pragma once
 
 #include <string>
@@ -7,14 +7,14 @@
 
 namespace qx::ctl {
 
-// For bash 4 or newer, which sources it. `qxctl _offers` prints what it cannot know itself, such as names of
-// reports: see Offers.h.
+// The script for bash 4 or newer, to be sourced. It asks `qxctl _offers` for what it cannot know itself, such as names
+// of reports (see Offers.h).
 std::string BashCompletion(Commands commands);
 
-// The script for zsh: sourced, or as a file _qxctl in a directory of fpath.
+// The script for zsh, to be sourced, or to be installed as _qxctl in a directory of fpath.
 std::string ZshCompletion(Commands commands);
 
-// The script for fish 3: sourced, or as the file qxctl.fish in a directory of completions.
+// The script for fish 3, to be sourced, or to be installed as qxctl.fish in a directory of completions.
 std::string FishCompletion(Commands commands);
 
 }  // namespace qx::ctl

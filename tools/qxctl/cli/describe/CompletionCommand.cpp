@@ -30,7 +30,7 @@ Status PrintCompletion(Context& context, const Values& values) {
 
 Status PrintTable(Context& context, const Values&) { return context.output.Document(ToJson(context.commands)); }
 
-// qxctl(1): the page on standard input with its sections filled in.
+// Prints qxctl(1): the page on standard input, with the sections from the command table filled in.
 Status PrintOverviewPage(Context& context) {
   std::string page;
   if (Status status = ReadArgument("@-", page); !status.IsOk()) return status;

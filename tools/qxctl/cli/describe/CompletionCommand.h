@@ -1,4 +1,5 @@
-// qxctl completion SHELL, and the output for the build and the tests: the table and the manual pages.
+// The command "qxctl completion SHELL", and two hidden commands for the build and the tests: they print the command
+// table and the manual pages.
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

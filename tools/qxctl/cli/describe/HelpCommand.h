@@ -1,4 +1,4 @@
-// qxctl help [COMMAND], qxctl version
+// The commands "qxctl help [COMMAND]" and "qxctl version".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

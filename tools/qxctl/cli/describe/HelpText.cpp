@@ -53,7 +53,7 @@ std::string ArgumentLines(const Command& command) {
   return text.empty() ? "" : "\nArguments:\n" + text;
 }
 
-// "Options" has no name in the table.
+// The group without a name in the table has the heading "Options".
 std::string OptionLines(const Command& command) {
   std::string text;
   for (const OptionGroup& group : OptionGroupsOf(command)) {

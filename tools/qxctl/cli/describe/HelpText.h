@@ -1,4 +1,4 @@
-// The output of --help, made from the command table.
+// Writes the output of --help from the command table.
 #pragma once
 
 #include <string>
@@ -10,7 +10,7 @@ namespace qx::ctl {
 // The page of one command: its help, its usage line, its arguments, its options by group, its subcommands, examples.
 std::string HelpText(Commands commands, const Command& command);
 
-// What qxctl alone prints: the commands by heading, with the commands of each group.
+// The output of qxctl without arguments: the commands by heading, with the commands of each group.
 std::string OverviewText(Commands commands);
 
 // "qxctl report cat PATH [OPTIONS]"

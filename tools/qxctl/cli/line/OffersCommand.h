@@ -1,5 +1,5 @@
-// The hidden command _offers NAME -- CURRENT WORDS for the completion scripts: the values for the word CURRENT after
-// the words WORDS. Each is a line; after a tab comes its help.
+// The hidden command `_offers NAME -- CURRENT WORDS` for the completion scripts. It prints what the source NAME offers
+// for the word CURRENT after the words WORDS: a line for each value, with its help after a tab.
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -1,5 +1,5 @@
-// The hidden command _parse -- WORDS: whether the words are a valid command line. Nothing is run. The tests check the
-// examples of the command table with it.
+// The hidden command `_parse -- WORDS`: checks whether the words are a valid command line, and runs nothing. The tests
+// check the examples of the command table with it.
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -32,10 +32,10 @@ struct GivenOption {
 struct SplitLine {
   std::vector<GivenOption> options;  // in the order of the line
   Tokens others;                     // arguments, "--", and options that do not exist
-  bool lacks_value = false;          // the line ends with an option that needs one
+  bool lacks_value = false;          // the line ends with an option whose value is missing
 };
 
-// "-" is an argument, and so is what looks like a number below zero.
+// "-" is an argument, and so is a text that looks like a negative number.
 bool LooksLikeOption(std::string_view token) {
   if (token.size() < 2 || token[0] != '-' || token == kEndOfOptions) return false;
   return (token[1] < '0' || token[1] > '9') && token[1] != '.';
@@ -64,8 +64,8 @@ GivenOption Given(const Parameter& option, const std::string& result) {
   return {&option, Unmarked(result)};
 }
 
-// CLI11 does not know the arguments of the command, because it would read "-.5" as an option and "[a,b]" as two
-// arguments. It returns the tokens that belong to no option in their order.
+// CLI11 gets only the options of the command. It must not read the arguments, because it would read "-.5" as an option
+// and "[a,b]" as two arguments. It returns the tokens that belong to no option in their order.
 SplitLine Split(const std::vector<const Parameter*>& options, const Tokens& tokens, bool ends_at_word) {
   CLI::App app;
   app.set_help_flag();  // --help is one of `options`
@@ -90,9 +90,9 @@ SplitLine Split(const std::vector<const Parameter*>& options, const Tokens& toke
 
 std::string ShownName(const Parameter& parameter) { return std::string(parameter.name); }
 
-// CLI11 splits what follows the words of a command into options and other tokens. For a group it stops at the next
-// word, which selects the command that reads the rest. No word of a command is searched among arguments, so a report
-// may have the name of a command.
+// Reads a line from its first word on. After the words of a command, CLI11 splits the rest of the line into options and
+// other tokens. After the words of a group it stops at the next word, which selects the command of the group. Arguments
+// are never compared with words of commands, so a report may have the name of a command.
 class LineParser {
  public:
   LineParser(Commands commands, CommandLine& line) : commands_(commands), qxctl_(*commands.front()), line_(line) {
@@ -159,7 +159,7 @@ class LineParser {
     return UnknownOption(token.substr(0, token.starts_with("--") ? token.find('=') : 2));
   }
 
-  // The last token is "--output", "-o", or "-ro".
+  // The error for a line whose last token is an option without its value: "--output", "-o", or "-ro".
   Status MissingValue(const std::string& token) const {
     const std::string name = token.starts_with("--") ? token : std::string("-") + token.back();
     const std::vector<const Parameter*> options = PossibleOptions();

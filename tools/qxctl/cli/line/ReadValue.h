@@ -1,4 +1,4 @@
-// One text of the command line as the value of its parameter.
+// Reads one text of the command line as the value of its parameter.
 #pragma once
 
 #include <string_view>

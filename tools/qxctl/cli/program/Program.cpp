@@ -21,7 +21,7 @@ Status PrintFailure(Context& context, const CommandLine& line, const Status& sta
                                          {"exitCode", static_cast<int>(status.Code())}}));
 }
 
-// If the reader of standard output is gone, failures are not reported.
+// If the reader of standard output is gone, standard error gets no message about a failure.
 bool IsReaderGone() { return InterruptSignal() == SIGPIPE; }
 
 ExitCode Finish(Context& context, const CommandLine& line, const Status& status) {

@@ -1,4 +1,4 @@
-// What the programs have in common: from the command line to the exit code.
+// Runs a program with commands, from the command line to the exit code.
 #pragma once
 
 #include <span>
@@ -20,8 +20,8 @@ struct Program {
   Status (*prepare)(Context& context, const Values& values) = nullptr;
 };
 
-// Parses the command line, which has no effect but to choose the command, and then runs this command. Every run ends
-// with one exit code (Status.h). Data goes to standard output, messages go to standard error. [owning thread]
+// Parses the whole command line, then applies the common options, then runs the command. Every run ends with one exit
+// code (Status.h). Data goes to standard output, messages go to standard error. [owning thread]
 [[nodiscard]] ExitCode RunProgram(const Program& program, int argc, char** argv);
 
 }  // namespace qx::ctl

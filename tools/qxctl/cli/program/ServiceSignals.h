@@ -1,12 +1,12 @@
-// The signals of a service as events, in no signal handler.
+// Receives the signals of a service through a descriptor, without a signal handler.
 #pragma once
 
 #include "base/File.h"
 
 namespace qx::ctl {
 
-// Receives SIGTERM, SIGINT and SIGHUP without a signal handler. It blocks these signals; create it before any thread
-// starts, because threads inherit this.
+// Receives SIGTERM, SIGINT and SIGHUP. Its constructor blocks these signals for the calling thread; create it before
+// any other thread starts, because a thread inherits the blocked signals.
 //
 // Threads: one thread. Owns: a descriptor. Failure: without a descriptor the signals keep their usual effect.
 class ServiceSignals {
@@ -19,8 +19,8 @@ class ServiceSignals {
   void Take();
   // Whether the service is to end (SIGTERM, SIGINT). [owning thread]
   [[nodiscard]] bool IsStopRequested() const { return is_stop_; }
-  // Whether it is to do what SIGHUP means to it, such as to read its settings again; true once for each request.
-  // [owning thread]
+  // Whether SIGHUP has arrived since the previous call. The service then does what SIGHUP means to it, such as to read
+  // its settings again. [owning thread]
   [[nodiscard]] bool TakeReload();
 
  private:

@@ -1,4 +1,4 @@
-// Lengths of time as people write and read them.
+// Parses lengths of time such as "10m", and writes them for people.
 #pragma once
 
 #include <cstdint>

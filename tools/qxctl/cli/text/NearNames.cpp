@@ -39,7 +39,7 @@ std::size_t Distance(std::string_view a, std::string_view b) {
   return rows[a.size()][b.size()];
 }
 
-// Otherwise every other word would be near a word of one character.
+// The largest distance of a near name. For a word of one character it is 0: otherwise every such word would be near.
 std::size_t DistanceMax(std::size_t chars) { return chars < 2 ? 0 : chars < 6 ? 1 : chars < 10 ? 2 : 3; }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The names that may be meant by a mistyped word.
+// Finds the names that may be meant by a mistyped word.
 #pragma once
 
 #include <string>

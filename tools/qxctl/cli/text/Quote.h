@@ -1,4 +1,4 @@
-// Paths and names in messages, and as words of a command that an operator can paste into a shell.
+// Quotes paths and names for messages, and as words of a command that an operator can paste into a shell.
 #pragma once
 
 #include <string>

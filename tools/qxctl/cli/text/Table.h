@@ -1,4 +1,4 @@
-// Columns of text for people.
+// Aligns texts in columns.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// Prepares texts of others for a terminal or for JSON: they may have any byte.
+// Prepares texts that others have written for a terminal or for JSON. Such a text may contain any byte.
 #pragma once
 
 #include <string>
@@ -8,13 +8,13 @@
 
 namespace qx::ctl {
 
-// Control bytes as \xHH, so that no text moves the cursor or looks like another line; "\" is doubled.
+// `text` with control bytes as \xHH, so that no text moves the cursor or looks like another line; "\" is doubled.
 //   "a\tb" => a\x09b    "C:\x" => C:\\x
 [[nodiscard]] std::string Visible(std::string_view text);
 
-// Masks the bytes that control a terminal, as \xHH: control bytes, DEL, and the control characters U+0080 to U+009F,
-// encoded or as single bytes. Line feeds, tabs, the CR of a CR LF and all other UTF-8 stay. A JSON text stays valid
-// when DEL and U+0080 to U+009F are masked as \u00HH.
+// Masks the bytes that control a terminal as \xHH: control bytes, DEL, and the control characters U+0080 to U+009F,
+// encoded or as single bytes. Line feeds, tabs, the CR of a CR LF and all other UTF-8 stay. kJson masks DEL and U+0080
+// to U+009F as \u00HH instead, so a JSON text stays valid.
 //   "a\033[2Jb\r\n" => a\x1B[2Jb, and the line end
 enum class Masking { kText, kJson };
 [[nodiscard]] std::string ForTerminal(std::string_view text, Masking masking = Masking::kText);
