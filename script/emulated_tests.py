@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""What of the tests runs under the emulator, from tests/not-emulated.txt.
+"""Reports which tests run under the emulator, from the list tests/not-emulated.txt.
 
-    emulated_tests.py programs       prints the programs that are left out whole, as a regular expression for ctest
+    emulated_tests.py programs       prints the programs of which all tests are left out, as a regular expression for ctest
     emulated_tests.py report BUILD   prints how many tests the last ctest of BUILD ran, and each test that was left out with
-                                     its reason. Fails if a line of the list names no test. Run it below script/emulated.
+                                     its reason. Fails if a line of the list names no test. Run it with script/emulated:
+                                     script/emulated script/emulated_tests.py report BUILD
 """
 import fnmatch
 import pathlib
@@ -15,7 +16,7 @@ LIST = pathlib.Path(__file__).resolve().parents[1] / "tests/not-emulated.txt"
 
 
 def entries(text):
-    """(program, test, reason) of each line."""
+    """The program, the test and the reason of each line of the list."""
     for line in text.splitlines():
         if line and not line.startswith("#"):
             program, test, reason = line.split(maxsplit=2)
@@ -23,7 +24,7 @@ def entries(text):
 
 
 def names_in(listing):
-    """The full names in the output of --gtest_list_tests: "Suite." at the left, its tests below."""
+    """The full names in the output of --gtest_list_tests: "Suite." without blanks before it, its tests below, with blanks."""
     suite = ""
     for line in listing.splitlines():
         name = line.split("#")[0].rstrip()
@@ -38,7 +39,7 @@ def matches(pattern, names):
 
 
 def counts_in(log):
-    """Tests that ran and that passed, of all programs of GoogleTest in a log of ctest."""
+    """The number of tests that ran, and of those that passed, in all programs of GoogleTest in a log of ctest."""
     return tuple(sum(map(int, re.findall(shape, log, flags=re.M)))
                  for shape in (r"^\[=+\] (\d+) tests? from .* ran\.", r"^\[  PASSED  \] (\d+) tests?\."))
 

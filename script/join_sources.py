@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Writes one source that includes others: script/join_sources.py OUTPUT SOURCE...
 
-The compiler reads the headers of all of them once, which is most of the work of a source. The names that a source
-defines for itself, in a namespace without a name, get a number, so that they do not meet those of another one.
+The compiler then reads the common headers only once; reading them is most of the work of compiling one source. The
+names in the unnamed namespace of each source get a number, so that they do not conflict with those of another source.
 """
 import pathlib
 import re
@@ -18,7 +18,7 @@ DEFINITION = re.compile(r"^(?:(?:struct|class|enum class|enum|union)\s+(?P<type>
 
 
 def definitions(text):
-    """The types of its own that a source defines, and its functions and constants."""
+    """The names in the unnamed namespaces of a source: its types; and its functions and constants."""
     own = "".join(UNNAMED_NAMESPACE.findall(text))
     matches = list(DEFINITION.finditer(own))
     return {match["type"] or match["alias"] for match in matches} - {None}, {match["name"] for match in matches} - {None}
@@ -36,10 +36,11 @@ def header_words(text, root, seen):
 
 
 def numbered_names(texts, root):
-    """For each text, which of its own names get a number.
+    """For each text, the names that get a number.
 
-    A macro does that, and changes each place where the name occurs. So a name is left alone that the text also uses of another
-    scope ("file::Name", "value.Name"; only in the first text that does), or that may be another form of a header's function.
+    A macro adds the number, at each place where the name occurs. So two kinds of names keep their form: a name that the text also
+    uses from another scope ("file::Name", "value.Name"), but only in the first text that does so; and the name of a function
+    that a header of the text also contains, because it may be an overload.
     """
     kept = set()
     for text in texts:

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""check_documents.py SCHEMAS <TRANSCRIPT: the JSON documents of console sessions against their schemas.
+"""Checks the JSON documents of console sessions against their schemas: check_documents.py SCHEMAS < TRANSCRIPT
 
-A transcript holds commands after "$ ", each followed by its output. A command `qxctl a b --json` prints documents of the
+A transcript has commands after "$ ", each followed by its output. A command `qxctl a b --json` prints documents of the
 schema SCHEMAS/qxctl-a-b.schema.json, one after the other, or one of SCHEMAS/qxctl-failure.schema.json; with `--format json`
-those of SCHEMAS/qxctl-record.schema.json. `qxrelay` has schemas of its own, except for failures. Each fault is a line on standard output; the exit code is 1 then.
+those of SCHEMAS/qxctl-record.schema.json. `qxrelay` has schemas of its own, except for failures. Each fault is a line on standard output; with a fault the exit code is 1.
 """
 import json
 import pathlib

@@ -27,8 +27,8 @@ std::string Hive(const std::string& content) { return "[HKEY_LOCAL_MACHINE]\n" +
 // A registry file with these lines in the Setup key of the default root.
 std::string DefaultSetup(const std::string& lines) { return Hive(kDefaultKey + lines + "\n\n\n\n\n"); }
 
-// A registry file in which the pointer value names the root SOFTWARE\Other. Its Setup key says /other, that of the
-// default root says /default.
+// A registry file with `pointer_line` as the pointer value. ReportRoot is /default in the Setup key of the default
+// root, and /other in that of the root SOFTWARE\Other.
 std::string PointedSetup(const std::string& pointer_line) {
   return Hive(
       std::string("[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Control]\n[Setup]\nReportRoot=s=/default\n\n\n\n\n") +

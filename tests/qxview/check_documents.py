@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""check_documents.py SCHEMAS <LINES: documents of the API against their schemas.
+"""Checks documents of qxview's API against their schemas: check_documents.py SCHEMAS < LINES
 
-A line is the name of a schema, a blank and a document. Each fault is a line on standard output; the exit code is 1 then.
+A line is the name of a schema, a blank and a document. Each fault is a line on standard output; with a fault the exit code
+is 1.
 """
 import json
 import pathlib

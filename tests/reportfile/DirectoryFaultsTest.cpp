@@ -1,8 +1,8 @@
-// Every system call of a copy, a removal and a restore fails once.
+// Makes every system call of a copy, a removal and a restore fail once.
 //
-// strace records the calls of a small program that concern the two directories; then the program runs again for each
-// call, which fails. In every case no other file is changed, the trace reports the failure, and a result of true is
-// correct.
+// strace records the calls of a small program that concern its directories "from" and "to". Then the program runs again
+// once for each of these calls, and this call fails. In every run no other file is changed. If the result is false, the
+// trace reports the failure; if it is true, everything was done, or the trace reports what was not.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>

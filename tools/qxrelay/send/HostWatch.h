@@ -1,5 +1,6 @@
 // Finds another sender that uses this host's name. Every sender sends the labels of its host when it starts, and the
-// newest message with labels shows which sender is newer. Messages of reports come too rarely for this check.
+// newest message with labels shows which sender is newer. The messages of reports are not enough for this check: a
+// report without new records gets one only every quarter of `age`.
 #pragma once
 
 #include <algorithm>
