@@ -146,7 +146,7 @@ std::string LineOf(const ChartLine& line, const Stroke& stroke, const Scale& sca
          DashesOf(stroke) + " points=\"" + points + "\"/>\n";
 }
 
-// For each field a piece of its line, and its name with the lowest and the highest value.
+// For each field a piece of its line, and its text of the legend.
 std::string Legend(const std::vector<ChartLine>& lines) {
   std::string svg;
   for (std::size_t i = 0; i < lines.size(); ++i) {

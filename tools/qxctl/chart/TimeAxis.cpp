@@ -81,7 +81,7 @@ std::string LabelOf(std::int64_t civil_ms, std::int64_t step_ms) {
   return shown.time == "00:00:00" ? shown.date.substr(5) : shown.time.substr(0, 5);
 }
 
-// The smallest step with which all labels have enough space; 0 if there is none.
+// The smallest step with which all labels have enough space; 0 if no step is large enough.
 std::int64_t StepFor(std::int64_t range_ms, std::size_t characters) {
   for (const std::int64_t step : kSteps) {
     const std::size_t width = LabelOf(0, step).size() + 1;

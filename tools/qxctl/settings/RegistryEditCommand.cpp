@@ -230,7 +230,7 @@ Status Edit(Context& context, const Values& values, const Options& options, OldT
 
 // --- set
 
-// Parses a number of 32 bits, with or without a sign: "-5", "4294967295", "0x1F".
+// Parses a number from -2147483648 to 4294967295. A hexadecimal number, such as "0x1F", has no sign.
 bool ParseNumber(std::string_view text, std::string& bytes) {
   const bool is_hexadecimal = text.starts_with("0x") || text.starts_with("0X");
   if (is_hexadecimal) text.remove_prefix(2);
