@@ -62,7 +62,7 @@ void CheckDirectory(const std::string& key, const std::string& path, int access_
   }
 }
 
-// A directory that the service creates if it is missing.
+// Checks a directory that the service creates if it is missing.
 void CheckOwnDirectory(const std::string& key, const std::string& path, Findings& findings) {
   struct stat status = {};
   if (file::StatusOf(path.c_str(), status) != ENOENT) return CheckDirectory(key, path, R_OK | W_OK | X_OK, findings);
@@ -96,7 +96,7 @@ void CheckCollector(const RelayConfig& config, Findings& findings) {
   CheckOwnDirectory("root", config.receive.root, findings);
 }
 
-// The reply to the request of this token, or the problem that the server reported meanwhile.
+// Waits for the reply to the request of this token. Unset with the problem that the server reported meanwhile.
 std::optional<StreamReply> WaitForReply(NatsPublish& stream, std::uint64_t token, std::string& problem) {
   const std::int64_t end = SteadyMs() + kAnswerMs;
   for (std::int64_t now = SteadyMs(); now < end; now = SteadyMs()) {
@@ -112,7 +112,7 @@ std::optional<StreamReply> WaitForReply(NatsPublish& stream, std::uint64_t token
   return std::nullopt;
 }
 
-// Looks up a report. This proves that the stream exists and that the host has its rights, and publishes nothing.
+// Looks up a report. This proves that the stream exists and that the host has its rights; it publishes nothing.
 void CheckLookUp(const RelayConfig& config, Findings& findings) {
   const std::string host = HostNameOf(config);
   if (host.empty()) return;
@@ -135,7 +135,7 @@ void CheckLookUp(const RelayConfig& config, Findings& findings) {
   findings.push_back("cannot look up a message of " + subject + ": " + (reply.has_value() ? reply->text : problem));
 }
 
-// Reads the state of the stream. This proves the rights of a collector, and creates no consumer.
+// Reads the state of the stream. This proves the rights of a collector; it creates no consumer.
 void CheckStream(const StreamSettings& settings, Findings& findings) {
   StreamState state;
   if (const auto problem = ReadStream(settings, state)) return findings.push_back(*problem);

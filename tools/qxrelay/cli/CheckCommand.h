@@ -1,4 +1,4 @@
-// qxrelay check
+// The command "qxrelay check".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -24,7 +24,7 @@ using ctl::ValueKind;
 constexpr std::string_view kUsersFile = "/etc/norrlek/qxrelay-users.conf";
 constexpr std::string_view kRoles[] = {"host", "collector", "operator"};
 constexpr std::size_t kPasswordBytes = 24;
-// The password is random, so the hash need not be slow; a server checks thousands of them after a restart.
+// The password is random, so the hash need not be slow; after a restart, a server checks thousands of passwords.
 constexpr unsigned long kHashCost = 4;
 constexpr const char* kHashPrefix = "$2a$";
 constexpr mode_t kPasswordMode = 0600;
@@ -137,7 +137,7 @@ Status WritePassword(const std::string& path, const std::string& password) {
   return StatusOf("cannot write " + path, result);
 }
 
-// The password is written first. If the second write fails, there is no user whose password is lost.
+// The password file is written first. So if the second write fails, there is no user without a known password.
 Status Add(ctl::Context& context, const ctl::Values& values) {
   RelayConfig config;
   if (Status status = LoadConfig(context, values, config); !status.IsOk()) return status;

@@ -1,4 +1,4 @@
-// qxrelay host add|rename|retire
+// The commands "qxrelay host add|rename|retire".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -95,7 +95,7 @@ std::string UsersFile::PasswordOf(const std::string& name) const {
   return line->substr(at, line->find('"', at) - at);
 }
 
-// New users come last: before the line that ends the list.
+// Adds the user before the line that ends the list.
 void UsersFile::Add(Role role, const StreamSettings& stream, const std::string& name, const std::string& password) {
   const Rights rights = RightsOf(role, stream, name);
   const std::string line = UserStart(name) + std::string(kPassword) + password +

@@ -1,4 +1,4 @@
-// The users of the NATS servers: a part of their configuration that "qxrelay host" writes.
+// Edits the users of the NATS servers: a part of the servers' configuration that "qxrelay host" writes.
 //
 //   # Users of the relay. ...
 //   users = [
@@ -6,7 +6,8 @@
 //     ...
 //   ]
 //
-// One user is one line. Lines that "qxrelay host" did not write, such as those of other programs' users, do not change.
+// Each user is one line. Lines that "qxrelay host" did not write, such as those of other programs' users, do not
+// change.
 // The servers include the file; the path is relative to the directory of their configuration:
 //   authorization { include "norrlek/qxrelay-users.conf" }
 //
@@ -26,7 +27,7 @@ namespace qx::relay {
 enum class Role : std::uint8_t {
   kHost,       // publishes to its own subjects, reads its own newest messages, and has its own inbox
   kCollector,  // makes and uses the consumer of its name
-  kOperator,   // everything: creates streams and purges hosts
+  kOperator,   // all subjects: creates streams and purges hosts
 };
 
 [[nodiscard]] std::optional<Role> RoleOfText(std::string_view text);
@@ -41,11 +42,11 @@ struct Rights {
 // A file of users. A change writes all other lines as they were read.
 class UsersFile {
  public:
-  // `text` is the content of the file; an empty or missing one has no users.
+  // `text` is the content of the file; if it is empty, there are no users.
   explicit UsersFile(std::string_view text);
 
   [[nodiscard]] bool Has(const std::string& name) const;
-  // The role and the hashed password of a user that "qxrelay host" wrote.
+  // The role and the hashed password of a user, if "qxrelay host" wrote it.
   [[nodiscard]] std::optional<Role> RoleOfUser(const std::string& name) const;
   [[nodiscard]] std::string PasswordOf(const std::string& name) const;
 

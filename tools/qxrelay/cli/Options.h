@@ -1,4 +1,4 @@
-// The options that commands of qxrelay share, and the settings that result from them.
+// The options that commands of qxrelay have in common, and the settings that follow from them.
 #pragma once
 
 #include <string>
@@ -22,13 +22,13 @@ inline constexpr ctl::Parameter kConfigOptions[] = {
      .default_value = kConfigFile},
 };
 
-// The settings of --config. kFinding with every finding as a problem, if the file has any. [any thread]
+// Reads the settings of --config. If the file has findings, prints each as a problem and returns kFinding. [any thread]
 [[nodiscard]] ctl::Status LoadConfig(ctl::Context& context, const ctl::Values& values, RelayConfig& config);
 
 // The host's name in the stream: that of the settings, or the machine's own. Empty if neither is a name (IsHostName).
 [[nodiscard]] std::string HostNameOf(const RelayConfig& config);
 
-// The finding if the machine's name cannot be the name of a host or a collector: `allowed` says what a name may be, and
+// The finding for a machine whose name cannot be the name of a host or a collector: `allowed` says what a name may be;
 // another name can be set in `section`.
 [[nodiscard]] std::string TextOfMachineName(std::string_view allowed, std::string_view section);
 

@@ -29,7 +29,7 @@ using ctl::ServiceSignals;
 using ctl::Status;
 using ctl::Values;
 
-constexpr TimeMs kWaitMs = 100;      // the longest wait for messages: signals are noticed between two
+constexpr TimeMs kWaitMs = 100;      // the longest wait for messages; signals are noticed after it
 constexpr TimeMs kStatusMs = 10000;  // between two lines for the service manager
 constexpr std::size_t kOtherDescriptors = 64;
 
@@ -63,7 +63,7 @@ std::size_t OpenMax() {
   return std::clamp(free / CollectedFiles::kDescriptors, std::size_t{1}, kAny);
 }
 
-// A receiver with everything that it borrows. Its settings are fixed: new settings need a new receiver.
+// A receiver with the objects that it borrows. Its settings are fixed: new settings need a new receiver.
 class Service {
  public:
   Service(Context& output, const RelayConfig& config, CollectorRoot& root)
@@ -84,7 +84,7 @@ class Service {
             [this](const ServiceFlow& flow) { metrics_.Show(flow); }, context_.log),
         started_ms_(WallMs()) {}
 
-  // Runs until a signal requests the end, or new settings.
+  // Runs until a signal requests the end or new settings.
   void Run(ServiceSignals& signals, ServiceManager& manager) {
     TimeMs status_at = SteadyMs() + kStatusMs;
     for (;;) {
@@ -169,7 +169,8 @@ Status LoadSettings(Context& context, const Values& values, RelayConfig& config)
   return {ExitCode::kFinding, TextOfMachineName(kCollectorNameAllowed, "receive")};
 }
 
-// Settings with findings do not replace the old ones. A new root is not used, because the lock of the old one is held.
+// Reads the settings again. Settings with findings do not replace the old ones. A new root is not used, because the
+// lock of the old root is held.
 void Reload(Context& context, const Values& values, RelayConfig& config) {
   ServiceManager::Reloading();
   RelayConfig changed;

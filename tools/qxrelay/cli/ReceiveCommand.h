@@ -1,4 +1,4 @@
-// qxrelay receive
+// The command "qxrelay receive".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

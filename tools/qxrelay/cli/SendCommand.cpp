@@ -28,7 +28,7 @@ using ctl::ServiceSignals;
 using ctl::Status;
 using ctl::Values;
 
-constexpr TimeMs kStopMs = 5000;     // the longest wait for what is in flight
+constexpr TimeMs kStopMs = 5000;     // the longest wait for messages in flight
 constexpr TimeMs kWaitMs = 1000;     // the longest sleep
 constexpr TimeMs kStatusMs = 10000;  // between two lines for the service manager
 
@@ -52,7 +52,7 @@ SenderTimes TimesOf(const RelayConfig& config) {
           .batch_bytes = config.send.batch_bytes};
 }
 
-// A sender with everything that it borrows. Its settings are fixed: new settings need a new sender.
+// A sender with the objects that it borrows. Its settings are fixed: new settings need a new sender.
 class Service {
  public:
   Service(Context& output, const RelayConfig& config, SenderState& state, bool takes_over)
@@ -161,12 +161,12 @@ Status CheckSettings(const RelayConfig& config) {
   return {ExitCode::kFinding, TextOfMachineName(kHostNameAllowed, "host")};
 }
 
-// Settings with findings do not replace the old ones.
+// Reads the settings again. Settings with findings do not replace the old ones.
 void Reload(Context& context, const Values& values, RelayConfig& config) {
   ServiceManager::Reloading();
   RelayConfig changed;
   if (LoadConfig(context, values, changed).IsOk() && CheckSettings(changed).IsOk()) {
-    changed.send.spread = std::chrono::milliseconds(0);  // one operator reloads one host
+    changed.send.spread = std::chrono::milliseconds(0);  // the operator reloads one host, not all at once
     config = changed;
     context.output.Problem("the settings were read again");
   } else {

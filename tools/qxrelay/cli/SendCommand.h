@@ -1,4 +1,4 @@
-// qxrelay send
+// The command "qxrelay send".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -39,7 +39,7 @@ ServiceManager::ServiceManager() {
   if (!has_watchdog) next_ms_ = std::numeric_limits<std::int64_t>::max();
 }
 
-// The results are ignored: without a service manager there is no receiver.
+// The results are ignored: if there is no service manager, nobody receives the messages.
 void ServiceManager::Ready(const std::string& status) { (void)sd_notify(0, ("READY=1\nSTATUS=" + status).c_str()); }
 void ServiceManager::Status(const std::string& status) { (void)sd_notify(0, ("STATUS=" + status).c_str()); }
 void ServiceManager::Reloading() { (void)sd_notify(0, "RELOADING=1"); }

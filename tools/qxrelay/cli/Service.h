@@ -1,4 +1,4 @@
-// What a daemon needs from the system: waiting, clocks, and messages to the service manager.
+// Waits, clocks, and messages to the service manager, for the commands that run as a service.
 #pragma once
 
 #include <cstdint>

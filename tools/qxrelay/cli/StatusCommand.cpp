@@ -78,7 +78,7 @@ ServiceFlow FlowOfStoppedSender(const RelayConfig& config, std::optional<Service
   return sender.Flow(SteadyMs(), WallMs());
 }
 
-// If the receiver is not running, only the stream knows how many messages wait for it.
+// Sets the figures of a receiver that is not running. Only the stream knows how many messages wait for it.
 void MarkAsStopped(const RelayConfig& config, bool is_offline, ServiceFlow& flow) {
   flow.started_ms = 0;
   flow.is_connected = false;

@@ -1,4 +1,4 @@
-// qxrelay status
+// The command "qxrelay status".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

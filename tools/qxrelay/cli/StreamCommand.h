@@ -1,4 +1,4 @@
-// qxrelay stream create, qxrelay stream show
+// The commands "qxrelay stream create" and "qxrelay stream show".
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

@@ -57,7 +57,7 @@ constexpr UnitText kTimes[] = {{"ms", 1}, {"s", 1000}, {"min", 60'000}, {"h", 3'
 constexpr std::uint64_t kMiB = 1'048'576;
 constexpr UnitText kSizes[] = {{"", 1}, {"KiB", 1024}, {"MiB", kMiB}, {"GiB", 1024 * kMiB}};
 
-// "5 s" => 5000 with kTimes. Unset for another unit, and beyond 2^53.
+// The number of a text with one of these units: "5 s" => 5000 with kTimes. Unset for another unit, and beyond 2^53.
 std::optional<std::uint64_t> Measure(std::string_view text, std::span<const UnitText> units) {
   std::uint64_t number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -69,7 +69,7 @@ std::optional<std::uint64_t> Measure(std::string_view text, std::span<const Unit
   return number * found->factor;
 }
 
-// 5000 => "5 s", 100 => "100 ms"
+// The time in its largest whole unit: 5000 => "5 s", 100 => "100 ms"
 std::string TimeText(std::chrono::milliseconds time) {
   const auto ms = static_cast<std::uint64_t>(time.count());
   const UnitText* unit = std::begin(kTimes);
@@ -79,7 +79,7 @@ std::string TimeText(std::chrono::milliseconds time) {
   return std::to_string(ms / unit->factor) + " " + std::string(unit->name);
 }
 
-// What a setter needs: the member that it sets, and the limits of its value, which are valid values.
+// Makes the setter of a time. `member` returns the member that it sets; `min` and `max` are valid values, too.
 template <typename Duration>
 SetValue Time(std::function<Duration&(RelayConfig&)> member, Duration min, Duration max) {
   return [=](RelayConfig& config, const std::string& text) -> std::string {
@@ -103,7 +103,7 @@ SetValue Size(std::function<Integer&(RelayConfig&)> member, std::uint64_t min, s
   };
 }
 
-// The test of a name, and the text for the operator that describes a valid one.
+// The check of a name, and the text for the operator that describes a valid name.
 struct NameRule {
   bool (*is_name)(std::string_view) = nullptr;
   std::string_view allowed;
@@ -237,7 +237,7 @@ std::vector<KeyRow> ServiceRows() {
   };
 }
 
-// Every key but those of [labels].
+// The rows of all keys except those of [labels].
 const std::vector<KeyRow>& Rows() {
   static const std::vector<KeyRow> kRows = [] {
     std::vector<KeyRow> rows = StreamRows();

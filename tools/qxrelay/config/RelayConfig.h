@@ -1,4 +1,4 @@
-// The settings of qxrelay: one INI file for all its parts, read with CIniFile.
+// Reads the settings of qxrelay: one INI file for all its parts, read with CIniFile.
 //
 // A key that is not in the table of RelayConfig.cpp is a finding, because a misspelt key must not leave a default in
 // force. A value that its key cannot have is a finding, too. Commas separate the elements of a list.
@@ -31,7 +31,7 @@ struct StreamSettings {
   std::uint32_t replicas = 3;
 };
 
-// [host] and [labels]: who sends.
+// [host] and [labels]: the name of the sending host, and its labels.
 struct HostSettings {
   std::string name;                 // of the host in the stream; empty: the host's own name
   std::vector<std::string> labels;  // "site=north", in the order of the file
@@ -46,7 +46,7 @@ struct SendSettings {
   std::chrono::milliseconds linger{100};     // how long the first of the gathered records waits for others
   std::size_t batch_bytes = 65'536;          // of records, for a message
   std::chrono::milliseconds poll{20};        // how often a report that is being written is checked
-  std::chrono::milliseconds poll_idle{250};  // how often others are
+  std::chrono::milliseconds poll_idle{250};  // the same for a report that is not being written
   std::chrono::milliseconds spread{30000};   // starts and reconnects are spread over this time
   std::chrono::milliseconds timeout{5000};   // for an acknowledgement or a look-up
   std::chrono::milliseconds rescan{5000};    // how often new reports are searched for
@@ -64,14 +64,14 @@ struct ReceiveSettings {
   std::size_t reports_max = 10'000;                 // of all hosts
   std::size_t host_reports_max = 1000;              // of one host
   std::chrono::milliseconds sync{1000};             // how often the file system is synced, and messages acknowledged
-  std::chrono::milliseconds redeliver{30000};       // after which what is not acknowledged comes again
+  std::chrono::milliseconds redeliver{30000};       // after this time, a message that is not acknowledged comes again
 };
 
 // [metrics]
 struct MetricsSettings {
   std::string listen;                // a LoopbackAddress; empty: there are no metrics
   std::vector<std::string> reports;  // patterns of reports whose newest numbers are metrics, too
-  std::size_t series_max = 10'000;   // of reports and their numbers; what is more is left out, and counted
+  std::size_t series_max = 10'000;   // of reports and their numbers; further ones are left out, and counted
 };
 
 struct RelayConfig {
@@ -82,7 +82,7 @@ struct RelayConfig {
   MetricsSettings metrics;
 };
 
-// What is wrong with the file: "section [send], key \"lingr\": there is no such key".
+// The findings about the file: "section [send], key \"lingr\": there is no such key".
 using ConfigFindings = std::vector<std::string>;
 
 // Reads the file into `config`. Values with a finding keep their defaults. A file that cannot be read is one finding.
@@ -98,15 +98,15 @@ using ConfigFindings = std::vector<std::string>;
 //   hub        => $JS.hub.API
 [[nodiscard]] std::string ApiPrefix(const StreamSettings& stream);
 
-// The rest of a finding that begins with the quoted name, if IsHostName refuses it.
+// The end of the finding about a name that IsHostName refuses; its beginning is the quoted name.
 inline constexpr std::string_view kHostNameAllowed =
     R"(is not a host's name: use 1 to 64 letters, digits, "-", "_" and ".", beginning with a letter or a digit)";
 
-// The same for a collector, whose name is one token of a subject.
+// The same for the name of a collector, which is one token of a subject.
 inline constexpr std::string_view kCollectorNameAllowed =
     R"(is not a collector's name: use 1 to 64 letters, digits, "-" and "_", beginning with a letter or a digit)";
 
-// "QX" => true, "a.b" => false: a stream's name is one token of a subject. [any thread]
+// Whether the name can be that of a stream, which is one token of a subject: "QX" => true, "a.b" => false. [any thread]
 [[nodiscard]] bool IsStreamName(std::string_view name);
 
 // Whether a pattern of `include` or `exclude` matches the whole name. "*" matches any bytes, "?" one byte.

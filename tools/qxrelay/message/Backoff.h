@@ -1,4 +1,5 @@
-// How long a service waits after a failure: 50 ms, twice as long each time, at most 5 s, with jitter.
+// Computes how long a service waits after a failure: 50 ms, twice as long after each further failure, at most 5 s, with
+// jitter.
 #pragma once
 
 #include <algorithm>

@@ -64,7 +64,7 @@ class FieldReader {
     return static_cast<Integer>(value);
   }
 
-  // Unset at the end of the bytes, and for a number that has more bytes than it needs or more than 32 bits.
+  // Takes a varint of at most 32 bits. Unset if the bytes end before it does, or if it has more bytes than it needs.
   std::optional<std::uint32_t> TakeVarint() {
     std::uint64_t value = 0;
     for (unsigned i = 0; i < kVarintBytesMax && i < bytes_.size(); ++i) {
@@ -143,7 +143,7 @@ MessageFault ReadHead(FieldReader& reader, MessageHead& head) {
                                                                                  : MessageFault::kValue;
 }
 
-// The length of each text takes at least one byte, so there are not more texts than bytes left.
+// The length of each text takes at least one byte, so there cannot be more texts than bytes left.
 MessageFault ReadLengths(FieldReader& reader, std::uint64_t count, std::vector<std::uint32_t>& lengths) {
   if (count > reader.Rest().size()) return MessageFault::kTruncated;
   lengths.reserve(static_cast<std::size_t>(count));

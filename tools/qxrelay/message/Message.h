@@ -1,4 +1,4 @@
-// The bytes of a message of the stream: encoding and decoding.
+// Encodes and decodes the messages of the stream. The bytes of a message:
 //
 //   offset  bytes
 //   0       3   "QXR"
@@ -10,7 +10,7 @@
 //   24      8   incarnation of the store, a random number
 //   32      8   session of the sender; a later one has a larger number
 //   40      8   number of the first record, counted from 0 at the creation of the store
-//   48      8   how many records: those in the message, or those that a gap has lost
+//   48      8   number of records: those in the message, or those that a gap has lost
 //   56      8   hash of the record before the first (RecordHash of reportfile/tools/RecordOverlap.h); 0: not known
 //   64      8   number of the record that the store's writer appends next, when the message was made
 //   72      8   when the message was made, in milliseconds since 1970
@@ -24,8 +24,8 @@
 //
 //   kind     first, count           texts
 //   records  those of the records   the records
-//   gap      the lost records       none
-//   empty    the next record, 0     none
+//   gap      the lost records       no text
+//   empty    the next record, 0     no text
 //   names    0, 1                   the whole file; count 0 without a text if there is no file
 //   about    0, n                   n labels, each "name=value"
 //
@@ -89,11 +89,11 @@ struct MessageHead {
 // Why bytes are not a message. The receiver counts each kind.
 enum class MessageFault : std::uint8_t {
   kNone,
-  kForeign,    // does not begin as a message does
-  kVersion,    // of a version that this program does not know: receivers are upgraded first
-  kTruncated,  // ends before what its lengths announce
-  kTrailing,   // has bytes after what its lengths announce
-  kTooLong,    // of more than kMessageBytesMax
+  kForeign,    // does not begin with "QXR"
+  kVersion,    // the version is not known to this program: receivers are upgraded first
+  kTruncated,  // the bytes end before the lengths say
+  kTrailing,   // there are bytes after the end that the lengths say
+  kTooLong,    // more than kMessageBytesMax
   kValue,      // a field has a value that no sender writes
 };
 
@@ -106,12 +106,12 @@ struct DecodedMessage {
   std::vector<std::string_view> texts;  // parts of the decoded bytes; valid as long as they are
 };
 
-// `texts` are all texts without separators, and `lengths` their lengths. The sum of the lengths must be texts.size(),
-// and their number must be the one that the kind of the message requires.
+// `texts` is all texts without separators, and `lengths` has the length of each. The sum of the lengths must be
+// texts.size(), and their number must be the one that the kind of the message requires.
 [[nodiscard]] std::string EncodeMessage(const MessageHead& head, std::span<const std::uint32_t> lengths = {},
                                         std::string_view texts = {});
 
-// After a fault `head` and `texts` are empty.
+// If there is a fault, `head` and `texts` are empty.
 [[nodiscard]] DecodedMessage DecodeMessage(std::string_view bytes);
 
 }  // namespace qx::relay

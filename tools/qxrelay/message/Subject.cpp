@@ -44,7 +44,7 @@ bool IsPrefixToken(std::string_view token) {
   return !token.empty() && std::all_of(token.begin(), token.end(), IsPlain);
 }
 
-// "qx" and "qx.report.h.load" => "report.h.load"
+// The text after the prefix and a ".": "qx" and "qx.report.h.load" => "report.h.load"
 std::optional<std::string_view> AfterPrefix(std::string_view prefix, std::string_view text) {
   if (text.size() <= prefix.size() || !text.starts_with(prefix) || text[prefix.size()] != '.') return std::nullopt;
   return text.substr(prefix.size() + 1);

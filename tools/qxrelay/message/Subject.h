@@ -1,4 +1,4 @@
-// The subjects of the stream, and how names of hosts and reports become parts of them.
+// Converts names of hosts and reports to subjects of the stream, and back.
 //
 //   PREFIX.report.HOST.REPORT   records, gaps and empty messages of a report
 //   PREFIX.names.HOST.REPORT    the instance-names file of a report
@@ -23,7 +23,7 @@
 
 namespace qx::relay {
 
-// The servers accept control lines of 4,096 bytes, which contain the subject twice in the worst case.
+// A server accepts control lines of 4,096 bytes. In the worst case such a line contains the subject twice.
 inline constexpr std::size_t kTokenBytesMax = 1500;
 inline constexpr std::size_t kHostNameBytesMax = 64;
 
@@ -37,10 +37,10 @@ inline constexpr std::size_t kHostNameBytesMax = 64;
 // True for one token or several, of letters, digits, "-" and "_", with "." between them.
 [[nodiscard]] bool IsPrefix(std::string_view prefix);
 
-// The token of any bytes.
+// Converts a name of any bytes to its token.
 [[nodiscard]] std::string TokenOf(std::string_view name);
 
-// The name of a token; unset for what TokenOf does not return.
+// The name of a token; unset for a text that TokenOf does not return.
 [[nodiscard]] std::optional<std::string> NameOfToken(std::string_view token);
 
 enum class Branch : std::uint8_t { kReport, kNames, kAbout };
@@ -53,10 +53,11 @@ struct Subject {
   friend bool operator==(const Subject&, const Subject&) = default;
 };
 
-// Unset if host or report cannot be relayed (IsHostName, IsReportName), or the token is too long.
+// Unset if the host or the report has a name that cannot be relayed (IsHostName, IsReportName), or if the token is too
+// long.
 [[nodiscard]] std::optional<std::string> TextOfSubject(std::string_view prefix, const Subject& subject);
 
-// Unset for a subject that TextOfSubject does not return.
+// The parts of a subject; unset for a text that TextOfSubject does not return.
 [[nodiscard]] std::optional<Subject> SubjectOfText(std::string_view prefix, std::string_view text);
 
 }  // namespace qx::relay

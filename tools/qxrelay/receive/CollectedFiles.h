@@ -1,4 +1,4 @@
-// The files of one report on a collector: the report, written with the writer of the SDK, and its base (ReportBase.h).
+// Writes the files of one report on a collector: the report, with the writer of the SDK, and its base (ReportBase.h).
 //
 // The position follows from the base and the count in the files. So after a kill at any moment, the next receiver finds
 // the position in the files.
@@ -24,31 +24,32 @@ class CollectedFiles {
 
   static constexpr std::size_t kDescriptors = 3;
 
-  // Opens the report, or creates it with `slots` slots, and finds what its base says. [owning thread]
+  // Opens the report, or creates it with `slots` slots, and finds its base. [owning thread]
   [[nodiscard]] CollectorFault Open(std::uint32_t slots);
   void Close() { writer_.Close(); }
   [[nodiscard]] bool IsOpen() const { return writer_.IsOpen(); }
 
-  // The base as Open has found it. With kFits, the number of the next record is Next(). [owning thread]
+  // How the base fits the files, as Open has found it. If it is kFits, the number of the next record is Next(). [owning
+  // thread]
   [[nodiscard]] BaseFit Fit() const { return found_.fit; }
   [[nodiscard]] const ReportBase& Base() const { return found_.base; }
   [[nodiscard]] std::uint64_t Next() const { return found_.next; }
-  // Whether the report has a record at all. [owning thread]
+  // Whether the report has no record. [owning thread]
   [[nodiscard]] bool IsEmpty() const { return writer_.RecordCount() == 0; }
 
-  // Writes a new base: the next record has the number `base.next`. Sets generation and count itself. The base must be
+  // Writes a new base: the next record has the number `base.next`. Generation and count are set here. The base must be
   // on the disk before the next Append. [owning thread]
   [[nodiscard]] CollectorFault WriteBase(ReportBase base);
-  // Writes into the base that the files contradict the messages. This holds until somebody changes the files.
-  // [owning thread]
+  // Writes into the base that the files contradict the messages. This remains so until the files change. [owning
+  // thread]
   [[nodiscard]] CollectorFault WriteContradiction();
 
-  // Fails if the files are not as the last call left them. [owning thread]
+  // Fails if the files have changed since the last call. [owning thread]
   [[nodiscard]] CollectorFault CheckUntouched();
-  // Appends records. After a failure Next says how many are stored. [owning thread]
+  // Appends records. After a failure, Next shows how many are stored. [owning thread]
   [[nodiscard]] CollectorFault Append(std::span<const std::string_view> records);
-  // Makes sure that the header in the file counts what Append has stored. Nothing may be acknowledged before that.
-  // [owning thread]
+  // Makes sure that the header in the file counts the records that Append has stored. Nothing may be acknowledged
+  // before this. [owning thread]
   [[nodiscard]] CollectorFault Confirm();
 
   // The hash of the record of this number; 0 if the report does not have it. [owning thread]
@@ -69,7 +70,7 @@ class CollectedFiles {
   std::uint64_t newest_next_ = 0;
 };
 
-// The failure of a call of the SDK.
+// Converts a failure of the SDK.
 [[nodiscard]] CollectorFault FaultOf(const Error& error);
 
 }  // namespace qx::relay

@@ -23,14 +23,14 @@ constexpr std::size_t kMadeMax = 100'000;
 constexpr std::string_view kNamesSuffix = ".names";
 constexpr std::string_view kAboutDirectory = "about";
 
-// Failures of the system that may end without a change of the report.
+// Failures of the system that may end although the report does not change.
 constexpr std::array kSystemErrors = {ENOSPC, EDQUOT, EIO, EROFS, ENOMEM, EMFILE, ENFILE, ENOBUFS, EAGAIN, ESTALE};
 
 std::string ErrorText(const std::string& what, const std::string& path, int error) {
   return what + " " + path + ": " + std::strerror(error);
 }
 
-// Creates the directory if it is missing, and opens it if it is no link.
+// Creates the directory if it is missing, and opens it unless it is a symbolic link.
 int EnterDirectory(const char* name, file::Descriptor& directory) {
   const int error = file::MakeDirectory(name, kDirectoryMode, directory.Number());
   if (error != 0 && error != EEXIST) return error;
@@ -47,8 +47,8 @@ CollectorFault WriteFault(const std::string& path, const ReplaceResult& result) 
   return {.kind = CollectorFault::Kind::kReport, .text = "cannot write " + path};
 }
 
-// Senders repeat the same bytes, so that they do not expire in the stream. If the file has these bytes already, it is
-// not written.
+// Writes the file, unless it has these bytes already: senders repeat the same bytes, so that they do not expire in the
+// stream.
 CollectorFault WriteWhole(const std::string& path, std::string_view bytes) {
   if (!bytes.empty() && file::TextOf(path) == bytes) return {};
   ReplacedFile file;

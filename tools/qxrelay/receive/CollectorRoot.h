@@ -1,4 +1,5 @@
-// The directory of a collector. It has one directory for each host, with the reports of the host under their names.
+// Manages the directory of a collector. It has one directory for each host, with the reports of the host under their
+// names.
 //
 //   ROOT/HOST/REPORT.ind, .dat     the report
 //   ROOT/HOST/REPORT.relay         which number its records have (ReportBase.h)
@@ -21,7 +22,7 @@
 
 namespace qx::relay {
 
-// A failed operation: a text for the operator, and the kind, which decides whether it is tried again.
+// A failed operation: a text for the operator, and its kind. The kind decides whether the operation is tried again.
 struct CollectorFault {
   enum class Kind : std::uint8_t {
     kNone,
@@ -54,7 +55,7 @@ class CollectorRoot {
   // Creates the directories of a report. [owning thread]
   [[nodiscard]] CollectorFault MakeDirectories(const std::string& host, const std::string& report);
 
-  // Replaces the report's names file, or removes it (no value). [owning thread]
+  // Replaces the report's names file, or removes it if `bytes` is unset. [owning thread]
   [[nodiscard]] CollectorFault WriteNames(const std::string& host, const std::string& report,
                                           std::optional<std::string_view> bytes);
   // Replaces the labels of a host. [owning thread]
@@ -69,7 +70,7 @@ class CollectorRoot {
   std::string path_;
   file::Descriptor directory_;
   file::Descriptor lock_;
-  std::set<std::string> made_;  // directories below the root that are there; emptied when it becomes large
+  std::set<std::string> made_;  // directories below the root that exist; emptied when it becomes large
 };
 
 }  // namespace qx::relay

@@ -10,7 +10,7 @@ namespace {
 
 Decision Wait() { return {.verdict = Verdict::kWait}; }
 
-// Takes everything from `next` on.
+// Takes the records of the message from number `next` on.
 Decision TakeFrom(std::uint64_t next, const MessageHead& head) {
   Decision decision = {.verdict = Verdict::kTake, .next = next};
   const std::uint64_t known = next > head.first ? std::min(next - head.first, head.count) : 0;
@@ -31,8 +31,8 @@ Decision Begin(const MessageHead& head) {
   return decision;
 }
 
-// The message is from an earlier incarnation than the report. All its records were handled before the present
-// incarnation began.
+// Takes no record: the message is from an earlier incarnation than the report. All its records were handled before the
+// present incarnation began.
 Decision DropAll(const ReportPosition& position, const MessageHead& head) {
   Decision decision = {.verdict = Verdict::kTake, .next = position.next};
   if (head.kind == MessageKind::kRecords) {

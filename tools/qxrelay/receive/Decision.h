@@ -28,7 +28,7 @@
 
 namespace qx::relay {
 
-// Which records a report has.
+// The position of a report.
 struct ReportPosition {
   bool is_known = false;
   std::uint64_t incarnation = 0;
@@ -43,7 +43,7 @@ struct IncomingMessage {
   const MessageHead& head;
   std::span<const std::string_view> texts;
   std::uint64_t sequence = 0;  // in the stream
-  bool is_next = false;        // nothing of the report is before it
+  bool is_next = false;        // no earlier message of the report will come
 };
 
 enum class Verdict : std::uint8_t { kTake, kWait, kContradicted };
@@ -51,13 +51,13 @@ enum class Verdict : std::uint8_t { kTake, kWait, kContradicted };
 struct Decision {
   Verdict verdict = Verdict::kWait;
   bool begins = false;        // the report, or a new incarnation of it, begins with number `next`
-  std::uint64_t next = 0;     // number of the first record that is written; of the record after a gap if nothing is
-  std::uint64_t missing = 0;  // records before the message that are lost
-  std::uint64_t gap = 0;      // records that the message says are lost, without those that are known already
-  std::uint64_t repeats = 0;  // records that the report has already
-  std::size_t skip = 0;       // how many texts are not written, from the first one on
+  std::uint64_t next = 0;     // number of the first record that is written, or, if none is, of the record after the gap
+  std::uint64_t missing = 0;  // lost records before the message
+  std::uint64_t gap = 0;      // records that the message says are lost, without those that were known already
+  std::uint64_t repeats = 0;  // records that the report already has
+  std::size_t skip = 0;       // the number of texts, from the first one on, that are not written
 
-  // Whether the next record has another number than the files and their base show: then a new base is written first.
+  // Whether the next record has another number than the files and their base show. If so, a new base is written first.
   [[nodiscard]] bool NeedsBase() const { return begins || missing > 0 || gap > 0; }
 
   friend bool operator==(const Decision&, const Decision&) = default;

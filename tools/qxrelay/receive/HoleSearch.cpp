@@ -4,8 +4,8 @@ namespace qx::relay {
 
 namespace {
 
-constexpr TimeMs kSeekMs = 60'000;  // until a message is given up that a silent server may have
-constexpr int kNotFoundMax = 3;     // times that no copy has a message, until it is given up
+constexpr TimeMs kSeekMs = 60'000;  // for this time a message is sought that a silent server may have
+constexpr int kNotFoundMax = 3;     // after this number of searches in which no copy has a message, it is given up
 constexpr int kFoundMax = 1000;     // messages of one hole that are read again
 
 }  // namespace
@@ -26,7 +26,7 @@ bool HoleSearch::IsSought(const MessageHead& head) const {
 void HoleSearch::Found() {
   not_found_ = 0;
   sought_since_.reset();
-  const bool is_again = sought_ == found_last_;  // it was found before, and did not close the hole
+  const bool is_again = sought_ == found_last_;  // it was found before, but did not close the hole
   found_last_ = sought_;
   if (is_again || ++found_ >= kFoundMax) GiveUp();
 }

@@ -1,4 +1,4 @@
-// What all parts of a receiver share: the stream's state, the root, the settings, counters, and the log.
+// The data that all parts of a receiver use: the stream's state, the root, the settings, the counters, and the log.
 #pragma once
 
 #include <cstddef>
@@ -23,7 +23,7 @@ struct HandledMessage {
   std::string receipt;
 };
 
-// Threads: one thread. Owns: nothing but values; everything outlives the receiver.
+// Threads: one thread. Owns: values only; the objects that it refers to outlive the receiver.
 struct ReceiveContext {
   ConsumeStream& stream;
   CollectorRoot& root;
@@ -40,7 +40,7 @@ struct ReceiveContext {
   std::vector<HandledMessage> handled = {};  // since the last sync
   std::size_t queued_bytes = 0;
   bool needs_base_sync = false;   // a report waits for its base to be on the disk
-  std::string system_fault = {};  // since the last sync that succeeded; empty: none
+  std::string system_fault = {};  // since the last sync that succeeded; empty: no fault
 };
 
 }  // namespace qx::relay

@@ -18,8 +18,8 @@ constexpr std::size_t kFetchBytes = std::size_t{8} * 1024 * 1024;
 constexpr std::size_t kFetchMin = 16;
 constexpr std::size_t kFetchMax = 1024;
 constexpr TimeMs kBaseSyncMs = 50;  // between two syncs, if a report waits for its base
-constexpr TimeMs kStateMs = 250;    // between two checks of what the stream still has
-constexpr TimeMs kSeekMs = 1000;    // until a message is sought again that no copy of the stream has
+constexpr TimeMs kStateMs = 250;    // between two reads of the stream's state
+constexpr TimeMs kSeekMs = 1000;    // between two searches for a message that no copy of the stream has
 constexpr int kSoughtMax = 64;      // messages that are sought in one step
 constexpr std::size_t kLoggedMax = 1000;
 constexpr std::size_t kNewerMax = 1000;
@@ -36,7 +36,7 @@ bool IsBranchOf(MessageKind kind, Branch branch) {
   return branch == Branch::kReport;
 }
 
-// {"site=north", "role=web"} => "site=north\nrole=web\n". A label with a control byte is left out.
+// {"site=north", "role=web"} => "site=north\nrole=web\n". Labels with control bytes are left out.
 std::string LabelText(const std::vector<std::string_view>& labels) {
   std::string text;
   for (const std::string_view label : labels) {
@@ -120,7 +120,7 @@ void Receiver::Sort(StreamMessage message) {
   if (!subject.has_value()) return Refuse(message, "its subject is not one of the relay");
   DecodedMessage decoded = DecodeMessage(message.payload);
   if (decoded.fault == MessageFault::kVersion && newer_.size() < kNewerMax) {
-    newer_.insert(message.sequence);  // it comes again, and then this program may have been upgraded
+    newer_.insert(message.sequence);  // it comes again, possibly after an upgrade of this program
     return LogOnce(message.subject + ": " + std::string(TextOfFault(decoded.fault)));
   }
   if (decoded.fault != MessageFault::kNone) return Refuse(message, std::string(TextOfFault(decoded.fault)));
@@ -139,7 +139,8 @@ void Receiver::Sort(StreamMessage message) {
   touched_.insert(entry);
 }
 
-// A message that stayed unacknowledged would stop all others sooner or later.
+// Acknowledges a message above a limit without writing it. If it stayed unacknowledged, it would stop all others sooner
+// or later.
 void Receiver::LeaveOut(const StreamMessage& message) {
   context_.counters.left_out = limits_.LeftOut();
   context_.handled.push_back({.sequence = message.sequence, .receipt = message.receipt});
@@ -148,11 +149,11 @@ void Receiver::LeaveOut(const StreamMessage& message) {
 void Receiver::Refuse(const StreamMessage& message, const std::string& why) {
   ++context_.counters.refused;
   LogOnce("a message of " + message.subject + " is refused: " + why);
-  (void)context_.stream.Refuse(message.receipt);  // if this is lost, it comes and is refused again
+  (void)context_.stream.Refuse(message.receipt);  // if the refusal is lost, the message comes and is refused again
 }
 
-// The newest message replaces the state. Acknowledgements are sent in the order of the stream, so an older message
-// never comes again after a newer one was acknowledged.
+// Writes the names or labels of a message: the newest message replaces the state. Acknowledgements are sent in the
+// order of the stream, so an older message never comes again after a newer one was acknowledged.
 void Receiver::TakeSide(const StreamMessage& message, const Subject& subject, const DecodedMessage& decoded) {
   CollectorFault fault;
   if (subject.branch == Branch::kAbout) {
@@ -175,7 +176,7 @@ void Receiver::TakeSide(const StreamMessage& message, const Subject& subject, co
   context_.handled.push_back({.sequence = message.sequence, .receipt = message.receipt});
 }
 
-// Null if the report would be over the limits.
+// The entry of a report; null if the report would be above the limits.
 Receiver::Entry* Receiver::EntryOf(const Subject& subject, std::uint64_t records) {
   const auto found = entries_.find({subject.host, subject.report});
   if (found != entries_.end()) return found->second.get();
@@ -213,7 +214,7 @@ void Receiver::Pause(TimeMs now) {
   Trouble(context_.system_fault);
 }
 
-// Repeats the writes that the system refused.
+// Continues after the system refused a write: repeats the writes.
 void Receiver::Continue(TimeMs now) {
   context_.system_fault.clear();
   for (StreamMessage& message : std::exchange(sides_, {})) Sort(std::move(message));
@@ -266,13 +267,13 @@ void Receiver::Acknowledge() {
             [](const HandledMessage& left, const HandledMessage& right) { return left.sequence < right.sequence; });
   for (const HandledMessage& message : handled) {
     if (message.receipt.empty()) continue;  // from a copy of the stream, not from the consumer
-    if (context_.stream.Acknowledge(message.receipt).has_value()) break;  // the rest comes again
+    if (context_.stream.Acknowledge(message.receipt).has_value()) break;  // the others come again
     ++context_.counters.acknowledged;
   }
   handled.clear();
 }
 
-// The state of the stream can prove that a missing message will not come.
+// Reads the state of the stream, which can prove that a missing message will not come.
 void Receiver::ReadState(TimeMs now) {
   const bool is_waiting = std::any_of(touched_.begin(), touched_.end(),
                                       [](const Entry* entry) { return entry->collector.WaitsForProof(); });

@@ -1,4 +1,4 @@
-// The receiver of a collector: fetches the messages of all hosts and writes their reports below one root.
+// Runs the receiver of a collector: fetches the messages of all hosts, and writes their reports below one root.
 //
 // It has no thread and no clock of its own: Step fetches, writes, syncs and acknowledges what is due. A message is
 // acknowledged only after its records were written and the file system was synced.
@@ -23,13 +23,13 @@ namespace qx::relay {
 
 // Threads: one thread.
 // Owns: the collectors of the reports. Borrows the context.
-// Failure: the log; it continues whatever fails. Throws std::bad_alloc.
+// Failure: the log; the receiver continues after every failure. Throws std::bad_alloc.
 class Receiver {
  public:
   Receiver(ReceiveContext& context, std::string name);
 
-  // Waits for messages, at most `wait` milliseconds, and does what is due. Returns when it is to be called again: now,
-  // or later after a failure. [owning thread]
+  // Waits for messages, at most `wait` milliseconds, and does what is due. Returns the time of the next call: now, or
+  // later after a failure. [owning thread]
   [[nodiscard]] TimeMs Step(TimeMs now, TimeMs wait);
 
   // Writes, syncs and acknowledges what was fetched, as far as it can, and closes everything. [owning thread]
@@ -37,11 +37,12 @@ class Receiver {
 
   [[nodiscard]] bool IsConnected() const { return is_connected_; }
   [[nodiscard]] const ReceiverCounters& Counters() const { return context_.counters; }
-  // What the limits have left out, for the operator. [owning thread]
+  // A text for the operator for each limit that has left something out. [owning thread]
   [[nodiscard]] std::vector<std::string> Findings() const { return limits_.Findings(); }
-  // In the order of hosts and reports. [owning thread]
+  // All reports, in the order of hosts and reports. [owning thread]
   [[nodiscard]] std::vector<CollectedReport> Reports() const;
-  // What stops all reports, such as a lost connection or a full disk. Empty if nothing does. [owning thread]
+  // The problem that stops all reports, such as a lost connection or a full disk. Empty if there is no such problem.
+  // [owning thread]
   [[nodiscard]] const std::string& Problem() const { return problem_; }
 
  private:
@@ -93,7 +94,7 @@ class Receiver {
   TimeMs seek_at_ = 0;
   std::uint32_t failures_ = 0;  // of connects, in a row
   std::uint32_t write_failures_ = 0;
-  std::size_t message_bytes_ = 65'536;  // about, of the messages that came last
+  std::size_t message_bytes_ = 65'536;  // approximate size of a message, from those that came last
   bool is_connected_ = false;
   std::string problem_;
   std::string sync_problem_;      // of the last sync; empty if it succeeded

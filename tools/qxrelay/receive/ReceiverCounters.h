@@ -1,4 +1,4 @@
-// What a receiver has done since its start, for all reports and for each: plain data for those who show it.
+// The counters of a receiver since its start, for all reports together and for each: plain data for those who show it.
 //
 // The receiver returns it as values (Receiver::Reports, Receiver::Counters). The caller decides how often to show it,
 // and where to keep it. <root>/.qxrelay/ is a place for it: it belongs to the receiver of the root, and no host can
@@ -12,24 +12,24 @@
 
 namespace qx::relay {
 
-// The directory below the root that has what is not a report: the lock, the labels of the hosts (about/HOST, one
-// "name=value" for each line), and the file that shows what the receiver does.
+// The directory below the root for everything that is not a report: the lock, the labels of the hosts (about/HOST, one
+// "name=value" for each line), and the status file of the receiver.
 inline constexpr std::string_view kReceiverDirectory = ".qxrelay";
 
 enum class CollectedState : std::uint8_t {
-  kFollows,    // what comes is written
+  kFollows,    // new messages are written
   kWaits,      // an earlier message is missing: the later ones are neither written nor acknowledged
   kHeld,       // the system refuses to write (a full disk): nothing is acknowledged, and it is tried again
   kLeftAlone,  // the files are not what the receiver left: its messages are acknowledged and not written
 };
 
-// Since the start of the receiver, except where it says otherwise.
+// Counters of a report since the start of the receiver, unless a comment says otherwise.
 struct CollectedCounters {
   std::uint64_t records = 0;      // written
-  std::uint64_t messages = 0;     // handled: written, or everything in them was there already
+  std::uint64_t messages = 0;     // handled: written, or all their records were in the report already
   std::uint64_t bytes = 0;        // of the written records
   std::uint64_t gap_records = 0;  // counted as lost, for any reason
-  std::uint64_t missing = 0;      // of them, because neither the stream nor the report has them any more
+  std::uint64_t missing = 0;      // of the lost records: neither the stream nor the report has them any more
   std::uint64_t repeats = 0;      // records that came again and were dropped
   std::uint64_t skipped = 0;      // records that were acknowledged and not written, because the report is left alone;
                                   // once it can be written again, they are read again or counted as a gap
@@ -68,7 +68,7 @@ struct ReceiverCounters {
   std::uint64_t failed_syncs = 0;
   std::uint64_t connects = 0;
   std::uint64_t opens = 0;    // of reports
-  std::uint64_t pending = 0;  // messages that the stream has for this collector after the last one that was fetched
+  std::uint64_t pending = 0;  // messages of the stream after the last one that this collector has fetched
 };
 
 }  // namespace qx::relay

@@ -1,9 +1,9 @@
-// The base of a report on a collector: which number the records of its files have.
+// Reads and writes the base of a report on a collector: it shows which number the records of its files have.
 //
 // The files count their records, modulo 2^32. A base says "when the files had counted `count` records, the next one had
 // number `next`". So the position of a report is next + (records counted now - count). A base is written for each
 // incarnation and each gap, and is on the disk before the first record that needs it. So after a crash, files and base
-// together show a position that was true at some time. Everything after it comes again.
+// together show a position that was true at some time, and all messages after this position come again.
 //
 // A base file is next to the files of its report and has two lines of kBaseLineBytes. A new base replaces the older
 // line; the other line stays whole. After a loss of power, the files may lack the records before the newest base: then
@@ -34,19 +34,19 @@ struct ReportBase {
   std::uint32_t count = 0;
   std::uint64_t next = 0;
   std::uint64_t sequence = 0;  // of the message with which the incarnation began here
-  std::uint64_t stream = 0;    // of that sequence: when the stream was created
-  std::uint64_t lost = 0;      // records in gaps, since the report is here
+  std::uint64_t stream = 0;    // when the stream of that sequence was created
+  std::uint64_t lost = 0;      // records in gaps, since the report is on this collector
 
   friend bool operator==(const ReportBase&, const ReportBase&) = default;
 };
 
 [[nodiscard]] std::string TextOfBase(const ReportBase& base);
 
-// The two lines of the file, in their order; unset for a line that is not whole.
+// The bases in the two lines of the file, in their order; unset for a line that is damaged or missing.
 using BaseLines = std::array<std::optional<ReportBase>, 2>;
 [[nodiscard]] BaseLines BasesOfText(std::string_view text);
 
-// The line of the next base: not the line of `kept`, the base that is in force.
+// The index of the line for the next base. It is not the line of `kept`, the base that is in force.
 [[nodiscard]] std::size_t PlaceOfNextBase(const BaseLines& lines, const std::optional<ReportBase>& kept);
 
 enum class BaseFit : std::uint8_t {

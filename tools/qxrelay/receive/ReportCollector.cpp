@@ -11,7 +11,7 @@ namespace qx::relay {
 namespace {
 
 constexpr TimeMs kBusyMs = 500;         // between two tries of a report that another program writes
-constexpr TimeMs kPatienceMs = 20'000;  // until it is left alone
+constexpr TimeMs kPatienceMs = 20'000;  // then the report is left alone
 constexpr TimeMs kLeftAloneMs = 5000;   // between two tries of a report that cannot be written
 
 // "1 record is lost", "2 records are lost"
@@ -31,8 +31,8 @@ ReportCollector::ReportCollector(ReceiveContext& context, HostLoad& load, std::s
   seen_.report = report_;
 }
 
-// The texts point into the memory of the payload. It does not move with the string object, because a message is too
-// long for the buffer inside the object.
+// The texts point into the memory of the payload. This memory does not move with the string object, because a message
+// is too long for the buffer inside the object.
 void ReportCollector::Add(StreamMessage message, DecodedMessage decoded) {
   if (const auto found = queue_.find(message.sequence); found != queue_.end()) {
     found->second.receipt = std::move(message.receipt);
@@ -128,7 +128,8 @@ ReportCollector::Outcome ReportCollector::Handle(TimeMs now, std::uint64_t seque
   return Take(now, sequence, message, decision);
 }
 
-// Finds the position of files that have no base: their newest record must be in the message, or directly before it.
+// Finds the position of files that have no base: their newest record must be in the message, or be the one directly
+// before it.
 bool ReportCollector::Adopt(const Queued& message, ReportPosition& position) {
   const std::uint64_t newest = files_.NewestHash();
   std::uint64_t next = message.head.first;
@@ -217,7 +218,7 @@ CollectorFault ReportCollector::OpenFiles() {
   return {};
 }
 
-// Checks whether open files are still as this receiver has left them.
+// Checks whether the open files are still as this receiver has left them.
 CollectorFault ReportCollector::ContinueFiles() {
   if (needs_confirm_) {
     if (CollectorFault fault = files_.Confirm(); fault.Failed()) return fault;
@@ -269,8 +270,8 @@ bool ReportCollector::IsNext(std::uint64_t sequence, const Queued& message) cons
   return before < context_.state.first || before <= last_sequence_ || before <= context_.state.acknowledged;
 }
 
-// The consumer says that nothing will come before this message. But its copy of the stream may lack a message that the
-// others have, or the files have lost what was in them.
+// The consumer shows that no earlier message will come. But its copy of the stream may lack a message that the other
+// copies have, or the files have lost the records of an earlier message.
 bool ReportCollector::MayBeElsewhere(const Queued& message) {
   return message.before.has_value() && *message.before >= context_.state.first &&
          holes_.Seek(*message.before, message.head);

@@ -26,17 +26,17 @@ namespace qx::relay {
 // Failure: the log, and State. Throws std::bad_alloc.
 class ReportCollector {
  public:
-  // `load` is that of the host, and lives as long as the collector.
+  // `load` belongs to the host, and lives as long as the collector.
   ReportCollector(ReceiveContext& context, HostLoad& load, std::string host, std::string report);
 
   // Adds a message of this report to the queue. If the queue has it already, it gets the new receipt. [owning thread]
   void Add(StreamMessage message, DecodedMessage decoded);
   // Handles the messages of the queue as far as possible. [owning thread]
   void Work(TimeMs now);
-  // Must be called when the base is on the disk. [owning thread]
+  // Must be called after a sync: the base is then on the disk. [owning thread]
   void BaseSynced() { is_base_unsynced_ = false; }
-  // The stream was created again: drops the queue, and what is known from the sequences of the earlier stream.
-  // [owning thread]
+  // Must be called if the stream was created again: drops the queue, and everything that is known from the sequences of
+  // the earlier stream. [owning thread]
   void StreamReplaced();
   void CloseFiles() { files_.Close(); }
 
@@ -57,7 +57,7 @@ class ReportCollector {
     MessageHead head;
     std::vector<std::string_view> texts;  // parts of the payload
     std::optional<std::uint64_t> before;
-    std::uint64_t written = 0;  // records of it that were written before the system refused
+    std::uint64_t written = 0;  // records of the message that were written before the system refused
 
     [[nodiscard]] std::size_t Bytes() const { return payload.size() + texts.capacity() * sizeof(std::string_view); }
   };
@@ -91,12 +91,12 @@ class ReportCollector {
   HoleSearch holes_;
   CollectedState state_ = CollectedState::kFollows;
   std::string trouble_;
-  TimeMs retry_at_ = 0;               // of a report that is left alone, or busy
+  TimeMs retry_at_ = 0;               // of a report that is left alone, or that another program writes
   std::optional<TimeMs> busy_since_;  // since another program writes it
   bool is_base_unsynced_ = false;
   bool needs_confirm_ = false;  // the last header may not be in the file
-  bool needs_base_ = false;     // the files have another count than the base that was found, so a new one is written
-  CollectedReport seen_;        // what Report shows
+  bool needs_base_ = false;     // the base does not fit the count of the files, so a new base is written
+  CollectedReport seen_;        // the figures that Report returns
 };
 
 }  // namespace qx::relay

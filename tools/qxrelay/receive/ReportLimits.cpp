@@ -30,7 +30,8 @@ std::vector<std::string> NamesIn(const std::string& directory) {
   return names;
 }
 
-// The reports below a host's directory. Any file that a receiver writes for a report counts. Links are not entered.
+// The names of the reports below a host's directory: of every file that a receiver writes for a report. Links are not
+// followed.
 std::set<std::string> ReportsBelow(const std::string& directory) {
   std::set<std::string> reports;
   std::vector<std::string> waiting = {""};

@@ -18,7 +18,7 @@
 
 namespace qx::relay {
 
-// What a receiver keeps for one host.
+// The data of one host that a receiver keeps in memory.
 struct HostLoad {
   std::set<std::string> reports;  // on the collector
   std::size_t queued_bytes = 0;   // of messages that wait in memory
@@ -32,16 +32,17 @@ class ReportLimits {
   ReportLimits(const ReceiveSettings& settings, std::function<void(const std::string&)> log)
       : settings_(settings), log_(std::move(log)) {}
 
-  // Counts what is below the root. [owning thread]
+  // Counts the hosts and reports below the root. [owning thread]
   void CountRoot(const CollectorRoot& root);
 
-  // The host, if it is known or one more may be created; null: its messages are left out. [owning thread]
+  // The host, if it is known or one more may be created; otherwise null, and its messages are left out. [owning thread]
   [[nodiscard]] HostLoad* Host(const std::string& host);
   // The host of the report, if the report is known or one more may be created. Otherwise null, and `records` of it are
   // counted as left out. [owning thread]
   [[nodiscard]] HostLoad* Report(const std::string& host, const std::string& report, std::uint64_t records);
 
-  // A line for each limit that was reached, with the number of lost records. A bounded number of lines. [owning thread]
+  // A line for each limit that was reached, with the number of lost records. The number of lines is limited. [owning
+  // thread]
   [[nodiscard]] std::vector<std::string> Findings() const;
   // Records that were left out. [owning thread]
   [[nodiscard]] std::uint64_t LeftOut() const { return left_out_; }
@@ -58,7 +59,7 @@ class ReportLimits {
   std::function<void(const std::string&)> log_;
   std::map<std::string, HostLoad> hosts_;
   std::size_t reports_ = 0;            // of all hosts
-  std::map<std::string, Cost> costs_;  // by the host; the empty name has those that concern no host that is known
+  std::map<std::string, Cost> costs_;  // by the host; the empty name has the cost of hosts that are not known
   std::uint64_t left_out_ = 0;
 };
 

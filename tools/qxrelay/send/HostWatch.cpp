@@ -4,7 +4,7 @@
 
 namespace qx::relay {
 
-// A look-up without an answer is repeated after the usual period.
+// If a look-up has no answer, the next one is made after the usual period.
 void HostWatch::Step(TimeMs now) {
   if (token_ != 0 && now >= deadline_) {
     is_unanswered_ = true;

@@ -20,18 +20,18 @@ class HostWatch {
   HostWatch(SendContext& context, std::string subject, std::size_t owner)
       : context_(context), subject_(std::move(subject)), owner_(owner) {}
 
-  // Looks up the newest message with labels when it is time. [owning thread]
+  // Looks up the newest message with labels, if it is time for that. [owning thread]
   void Step(TimeMs now);
   void Connected(TimeMs now);
 
-  // Whether the reply to its look-up shows another sender; unset for any other reply. [owning thread]
+  // Whether the reply to the last look-up shows another sender; unset for any other reply. [owning thread]
   [[nodiscard]] std::optional<Rival> OnReply(TimeMs now, const StreamReply& reply);
 
   // Whether the last look-up had no answer in time: there is no stream, it has no leader, or this host lacks the right.
   // [owning thread]
   [[nodiscard]] bool IsUnanswered() const { return is_unanswered_; }
 
-  // The session of the newest message; 0 without one. [owning thread]
+  // The session of the newest message with labels; 0 if there is no such message. [owning thread]
   [[nodiscard]] std::uint64_t Session() const { return session_; }
   [[nodiscard]] TimeMs Wake() const { return token_ != 0 ? std::min(due_, deadline_) : due_; }
 

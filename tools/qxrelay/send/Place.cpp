@@ -8,10 +8,10 @@ namespace qx::relay {
 
 namespace {
 
-// At most this many records are searched, the newest ones.
+// Only this number of records is searched, the newest ones.
 constexpr std::uint64_t kSearchedRecordsMax = 1'000'000;
 
-// The place after the last sent records, if the ring has them.
+// The place after the last records that were sent, if the ring still has them.
 std::optional<std::uint64_t> Recognise(const RecordRange& range, const RecordRange& sendable,
                                        const std::vector<std::uint64_t>& overlap, RecordHashes& hashes) {
   if (overlap.empty()) return std::nullopt;
@@ -36,8 +36,8 @@ Place After(const Mark& mark) {
   return {.incarnation = mark.incarnation, .next = mark.next, .hash_before = mark.hash_before};
 }
 
-// The place of the oldest record that can be sent. If the ring no longer has the record after the mark, the place after
-// the mark: the records in between are lost, and become a gap.
+// The place of the oldest record that can be sent. If the ring no longer has the record after the mark, it is the place
+// after the mark: the records between this place and the oldest one are lost, and become a gap.
 Place FromOldest(const Mark& mark, const StoreView& view) {
   const std::optional<RecordRange> range = RangeNear(view.header, mark.next);
   const std::uint64_t oldest = view.Sendable(*range).oldest;

@@ -4,7 +4,7 @@
 //                 records continue. A store that was started over, or replaced by a backup, gets a new one.
 //   mark          "the record before number `next` of this incarnation has this hash"
 //
-// Inode and times prove nothing, because a store can be started over in the same files. The hash of a record does.
+// Inode and times prove nothing, because a store can be started over in the same files. The hash of a record proves it.
 //
 //   mark of the newest message   mark of the state   => continue
 //   proven                       any                 after the message: the stream has everything up to there
@@ -44,9 +44,9 @@ struct Mark {
 // The state of a store that the decision needs.
 struct StoreView {
   report::IndexHeader header;
-  std::uint32_t unsafe = 0;  // how many of the oldest records a writer may be replacing
+  std::uint32_t unsafe = 0;  // the number of the oldest records that a writer may be replacing
 
-  // The part of the range that can be sent: without the records that a writer may be replacing.
+  // The part of `range` that can be sent: the records that a writer may be replacing are left out.
   [[nodiscard]] RecordRange Sendable(RecordRange range) const {
     range.oldest += unsafe < range.Count() ? unsafe : range.Count();
     return range;
@@ -61,7 +61,7 @@ class RecordHashes {
   RecordHashes(const RecordHashes&) = delete;
   RecordHashes& operator=(const RecordHashes&) = delete;
 
-  // The hashes of `count` records from this age on (0: the oldest in the ring). Fewer if they cannot be read.
+  // The hashes of `count` records from this age on (0: the oldest in the ring). Fewer hashes if records cannot be read.
   [[nodiscard]] virtual std::vector<std::uint64_t> Hashes(std::uint64_t age, std::uint64_t count) = 0;
 };
 
@@ -88,11 +88,11 @@ struct Place {
                               const std::optional<Mark>& state, const std::vector<std::uint64_t>& overlap,
                               RecordHashes& hashes);
 
-// Whether a newest message shows another sender.
+// Whether the newest message shows another sender.
 enum class Rival : std::uint8_t {
   kNone,
   kOtherMachine,  // the identity of another machine: a cloned host, or two hosts of one name
-  kLaterSession,  // this identity, but a later start than ours: a second sender is running, or the state was restored
+  kLaterSession,  // this identity, but a later session than ours: a second sender is running, or the state was restored
 };
 
 // A text for the operator: which other sender was found, and what to do. Empty for kNone.

@@ -56,8 +56,8 @@ void ReportSender::Placed(TimeMs now, const Mark& mark) {
   not_before_ = now;
 }
 
-// A store that cannot be read now is examined again later. A store that contradicts the position is another store: its
-// place must be found first.
+// A store that cannot be read now is examined again later. If the store contradicts the position, it is another store:
+// its place must be found first.
 Action ReportSender::Examined(TimeMs now, const Examination& found) {
   if (found.error != 0) {
     ++failures_;
@@ -93,8 +93,8 @@ Action ReportSender::ForNoRecords(TimeMs now) {
   return WaitFor(now, std::min(heartbeat, now + (is_active ? std::max(interval_, times_.poll) : times_.poll_idle)));
 }
 
-// If half a message, or an eighth of the ring, has come since the last examination, the report grows fast, and the
-// interval is halved. Otherwise the interval is doubled.
+// If there are new records of half a message, or of an eighth of the ring, since the last sent one, the report grows
+// fast, and the interval is halved. Otherwise the interval is doubled.
 void ReportSender::AdaptInterval(const Examination& found) {
   const std::uint64_t records = found.sendable.end - position_.next;
   const bool is_fast = found.bytes >= times_.batch_bytes / 2 || (found.slots != 0 && records >= found.slots / 8);

@@ -1,22 +1,22 @@
-// What the sender of one report does next: a state machine without any input or output.
+// Decides what the sender of one report does next. It is a state machine without any input or output.
 //
 //   Waiting ----Connected----> LookUp ----newest or none----> Place ----Placed----> Follow <---+
 //      ^                         ^                              ^                     |        | Stored
 //      |                         |  a failure: after a pause    |  another store      v        |
 //      +----Disconnected---- any state                          +---------------- Examined -> Send
 //
-// Rules that its tables in tests/qxrelay/ReportSenderTest.cpp show:
+// Its rules, which the tables in tests/qxrelay/ReportSenderTest.cpp show:
 //   - One message is in flight at a time, and nothing is sent before everything before it is stored.
-//   - After a failed or unanswered publish it waits, looks up the newest message, and continues after this message: the
-//     stream decides what it has, not the sender. The same happens if the sequence of an acknowledgement is not higher
-//     than the one before.
-//   - Records wait for others until a message is full, or until the linger time is over. It begins at the last
-//     examination that found no record.
-//   - A report with few records is examined once in the linger time, and one that fills messages or its ring more
-//   often.
-//   - Without records it sends an empty message at first, so that an earlier sender notices this one. It repeats the
-//     message, so that the newest message of the report does not expire.
-//   - Once another sender was found, it stays stopped.
+//   - After a failed or unanswered publish the sender waits, looks up the newest message, and continues after this
+//     message: the stream decides what it has, not the sender. The same happens if the sequence of an acknowledgement
+//     is not higher than that of the previous one.
+//   - Records wait for others until a message is full, or until the linger time is over. The linger time begins at the
+//     last examination that found no record.
+//   - A report with few records is examined once in the linger time; a report that fills messages or its ring is
+//     examined more often.
+//   - If there are no records, the first message is an empty one, so that an earlier sender notices this one. It is
+//     repeated, so that the newest message of the report does not expire.
+//   - Once another sender was found, the sender stays stopped.
 #pragma once
 
 #include <cstdint>
@@ -60,47 +60,47 @@ struct Action {
   friend bool operator==(const Action&, const Action&) = default;
 };
 
-// What a sender needs to know of its store, apart from its own position.
+// The state of the store that the sender needs for its decision.
 struct Examination {
   int error = 0;                 // the store cannot be read now
   Proof proof = Proof::kProven;  // of the position
   RecordRange sendable = {};
-  std::uint64_t bytes = 0;  // of text from the position on, about
+  std::uint64_t bytes = 0;  // of text from the position on, approximately
   std::uint32_t slots = 0;  // of the ring; 0: not known
 };
 
-// Threads: one thread. Owns: nothing but its values. The times of the calls must not decrease. An event with another
-// token than the current one answers an earlier request, and is ignored.
+// Threads: one thread. Owns: values only. The times of the calls must not decrease. An event whose token is not the
+// current one answers an earlier request, and is ignored.
 class ReportSender {
  public:
   // `random` returns a number from 0 up to 1.
   ReportSender(const SenderTimes& times, std::function<double()> random) : times_(times), random_(std::move(random)) {}
 
-  // What to do now. A request without an answer in time counts as failed here. [owning thread]
+  // The next action. A request that has no answer in time counts as failed here. [owning thread]
   [[nodiscard]] Action Next(TimeMs now);
 
   void Connected(TimeMs now);
   void Disconnected();
   void LookUpSent(TimeMs now, std::uint64_t token);
-  // The newest message of the subject (0: no message). True if the token is the current one: then Next is
-  // kPlace.
+  // The newest message of the subject was found (`sequence` 0: there is no message). True if the token is the current
+  // one: the next action is then kPlace.
   bool NewestFound(std::uint64_t token, std::uint64_t sequence);
-  // Continues at this place. [owning thread]
+  // From now on the sender continues at this place. [owning thread]
   void Placed(TimeMs now, const Mark& mark);
-  // What to send, or how long to wait. [owning thread]
+  // The next action after an examination: to send something, or to wait. [owning thread]
   [[nodiscard]] Action Examined(TimeMs now, const Examination& found);
-  // What Examined requested is on its way; `next` and `hash` are the position after it. [owning thread]
+  // The message that Examined requested is in flight; `next` and `hash` are the position after it. [owning thread]
   void Sent(TimeMs now, std::uint64_t token, std::uint64_t next, std::uint64_t hash);
-  // True if the token is the current one and the message is stored. [owning thread]
+  // The message is stored. True if the token is the current one. [owning thread]
   bool Stored(TimeMs now, std::uint64_t token, std::uint64_t sequence);
   // A request was refused or could not be sent. True if the token is the current one. [owning thread]
   bool Failed(TimeMs now, std::uint64_t token);
-  // What should be sent cannot be read: the store is examined again later. [owning thread]
+  // The records that Examined requested cannot be read: the store is examined again later. [owning thread]
   void NotSent(TimeMs now);
   void Stop() { phase_ = Phase::kStopped; }
 
   [[nodiscard]] const Mark& Position() const { return position_; }
-  // For Publish: the sequence of the newest message of the subject, as far as it is known.
+  // For Publish: the sequence of the newest message of the subject, as far as the sender knows it.
   [[nodiscard]] std::uint64_t LastSequence() const { return last_sequence_; }
   // Whether a reply with this token answers the request in flight.
   [[nodiscard]] bool IsCurrent(std::uint64_t token) const { return IsInFlight() && token == token_; }
@@ -137,7 +137,7 @@ class ReportSender {
   TimeMs deadline_ = 0;                  // of the request in flight
   std::optional<TimeMs> last_sent_;      // by this sender; unset: its first message is still to be sent
   std::optional<TimeMs> last_records_;   // when there were records to send
-  std::optional<TimeMs> last_empty_;     // when the store had no record to send
+  std::optional<TimeMs> last_empty_;     // when an examination found no record to send
   std::optional<TimeMs> pending_since_;  // the time since when there may be unsent records
   std::optional<TimeMs> adapted_at_;     // when the interval was changed
   TimeMs interval_ = 0;                  // between two examinations while there are records; 0: the shortest one

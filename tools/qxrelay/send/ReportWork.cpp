@@ -16,7 +16,7 @@ namespace qx::relay {
 
 namespace {
 
-constexpr int kActionsMax = 8;  // in one step, so that every report has its turn
+constexpr int kActionsMax = 8;  // in one step, so that other reports are not delayed
 constexpr TimeMs kMemoryWaitMs = 50;
 constexpr TimeMs kStateWaitMs = 10;
 constexpr TimeMs kNever = std::numeric_limits<TimeMs>::max();
@@ -85,7 +85,7 @@ ReportWork::ReportWork(SendContext& context, std::string report, std::size_t own
 void ReportWork::Step(TimeMs now) {
   for (int i = 0; i < kActionsMax; ++i) {
     const Action action = sender_.Next(now);
-    if (in_flight_.has_value() && !sender_.IsInFlight()) {  // without an answer in time
+    if (in_flight_.has_value() && !sender_.IsInFlight()) {  // there was no answer in time
       ++context_.counters.unanswered;
       in_flight_.reset();
       Trouble("the servers do not acknowledge: is the stream there, and may this host publish to " + subject_ + "?");
@@ -163,7 +163,7 @@ void ReportWork::FindItsPlace(TimeMs now) {
   const bool is_new = known_.mark.incarnation != mark.incarnation;
   if (known_.mark != mark) known_.mark = mark;
   const std::uint64_t change = context_.state.Changed();
-  if (is_new) awaited_change_ = change;  // before the first message of an incarnation
+  if (is_new) awaited_change_ = change;  // the first message of an incarnation is sent after it
   sender_.Placed(now, mark);
   reader_.Close();
 }
@@ -186,7 +186,7 @@ void ReportWork::Examine(TimeMs now) {
   Examination found = is_as_seen ? seen_->found : ExamineStore();
   if (!is_as_seen) RememberSeen(now, found);
   Action action = sender_.Examined(now, found);
-  if (is_as_seen && action.kind == ActionKind::kRecords) {  // what was seen says when to send, and not what
+  if (is_as_seen && action.kind == ActionKind::kRecords) {  // the last examination shows when to send, but not what
     found = ExamineStore();
     RememberSeen(now, found);
     action = sender_.Examined(now, found);
@@ -201,7 +201,8 @@ void ReportWork::Examine(TimeMs now) {
   reader_.Close();
 }
 
-// A report without new records is not opened at every poll. Two checks replace an examination, for some seconds:
+// A report without new records is not opened at every poll. For some seconds, one of two checks replaces an
+// examination:
 //   - If the header is the same, the store has no new records.
 //   - If times and size of the index file are the same, the file was not written. The times must have been old when
 //     they were read, because two writes within one tick of the file system's clock get the same time. This check does
@@ -387,7 +388,7 @@ void ReportWork::OnNewest(TimeMs now, const StreamReply& reply) {
   (void)sender_.NewestFound(reply.token, reply.sequence);  // the token is the current one
 }
 
-// True if the message is from another sender: then this sender is stopped, with a finding.
+// True if the message is from another sender. This sender is then stopped, with a finding.
 bool ReportWork::IsRivalOfUs(TimeMs now, const StreamReply& reply, const MessageHead& newest) {
   const SenderIdentity& own = context_.state.Identity();
   const Rival rival = RivalOf(newest, own.identity, own.session);
@@ -415,7 +416,7 @@ void ReportWork::OnStored(TimeMs now, const StreamReply& reply) {
   }
   Count(stored);
   known_.mark = sender_.Position();
-  (void)context_.state.Changed();  // written with others, after some seconds
+  (void)context_.state.Changed();  // it is written with other changes, after some seconds
   std::vector<std::uint64_t>& overlap = known_.overlap;
   overlap.insert(overlap.end(), stored.hashes.begin(), stored.hashes.end());
   const auto surplus = static_cast<std::ptrdiff_t>(overlap.size() - std::min(overlap.size(), report::kOverlapRecords));
@@ -449,7 +450,7 @@ void ReportWork::OnFailure(TimeMs now, const StreamReply& reply) {
   ++context_.counters.refused;
   if (reply.kind == ReplyKind::kWrongLast) {
     ++context_.counters.conflicts;
-    return;  // a late message of our own, or another sender: the look-up shows it
+    return;  // a late message of our own, or one of another sender: the look-up shows which
   }
   const std::string stream = context_.stream_settings.name;
   Trouble(reply.kind == ReplyKind::kNoStream ? "no stream takes " + subject_ + ": \"qxrelay stream create\" creates " +
@@ -468,7 +469,8 @@ std::size_t ReportWork::TextBytesMax() const {
   return context_.payload_max > overhead ? context_.payload_max - overhead : 0;
 }
 
-// A message also contains the length of each record, which takes as much space as a short record.
+// The limit of the texts of a message: the message also contains a length for each record, which can take as much
+// memory as a short record.
 std::size_t ReportWork::BatchBytes() const { return std::min(context_.settings.batch_bytes, TextBytesMax() / 2); }
 
 }  // namespace qx::relay

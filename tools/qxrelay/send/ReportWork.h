@@ -1,6 +1,6 @@
-// The sender of one report: carries out what ReportSender decides.
+// Runs the sender of one report: carries out what ReportSender decides.
 //
-// It opens the store for each step, so it always reads the files that have the path now. No file stays open.
+// It opens the store for each step, so it always reads the files that have the path at this moment. No file stays open.
 #pragma once
 
 #include <sys/stat.h>
@@ -18,18 +18,18 @@
 
 namespace qx::relay {
 
-// Threads: one thread. Owns: between a gap and the records after it, these records.
+// Threads: one thread. Owns: the records after a gap, until the gap is stored.
 // Failure: the log, and the counters. Throws std::bad_alloc.
 class ReportWork {
  public:
   // `report` is a name with a subject (TextOfSubject), `owner` the number in its tokens.
   ReportWork(SendContext& context, std::string report, std::size_t owner);
 
-  // Does what is due. To be called again at Wake, or after a reply. [owning thread]
+  // Carries out the actions that are due. To be called again at Wake, or after a reply. [owning thread]
   void Step(TimeMs now);
   [[nodiscard]] TimeMs Wake() const { return wake_; }
 
-  // A look-up is free. [owning thread]
+  // Must be called when a look-up is free for this report. [owning thread]
   void LookUpFree(TimeMs now) {
     waits_for_look_up_ = false;
     wake_ = now;
@@ -44,11 +44,11 @@ class ReportWork {
   [[nodiscard]] const std::string& Name() const { return report_; }
   [[nodiscard]] const ReportSender& Sender() const { return sender_; }
   [[nodiscard]] bool IsPublishing() const { return in_flight_.has_value(); }
-  // What was done for the report since the start of the sender. [owning thread]
+  // The counters of the report since the start of the sender. [owning thread]
   [[nodiscard]] SentReport Sent() const;
 
  private:
-  // What is done when the message in flight is stored.
+  // The data of the message in flight that is needed when it is stored.
   struct InFlight {
     std::uint64_t token = 0;
     MessageHead head;
@@ -62,12 +62,12 @@ class ReportWork {
     CountedBytes kept;
   };
 
-  // The index file as it was when the store had nothing to send, or records that wait for others.
+  // The state of the index file when the store had nothing to send, or only records that wait for others.
   struct Seen {
     Examination found;
     report::IndexHeader header;
     std::optional<struct stat> status;  // if nothing was written for some time before
-    TimeMs until = 0;                   // then the store is opened whatever the file looks like
+    TimeMs until = 0;                   // from then on the store is opened, even if the file looks the same
   };
 
   void Act(TimeMs now, const Action& action);
@@ -103,7 +103,7 @@ class ReportWork {
   std::string path_;
   ReportSender sender_;
   RunReader reader_;
-  RecordRange range_;  // of the last check
+  RecordRange range_;  // of the last examination
   std::optional<Seen> seen_;
   std::optional<Mark> newest_;   // of the newest message
   std::optional<HeldRun> held_;  // records after the gap that is in flight

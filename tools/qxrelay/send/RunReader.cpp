@@ -19,7 +19,7 @@ using report::IndexHeader;
 
 constexpr std::uint64_t kRunRecordsMax = 8192;
 constexpr std::int64_t kRecordBytesMin = 2;  // its line end
-// The most that a writer may have written after the end marker that the header shows: a part, or one long record.
+// The most bytes that a writer may have written after the end marker that the header shows: a part, or one long record.
 constexpr std::int64_t kUncountedBytesMax = report::kPartBytesMax + 0x100000;
 
 bool IsFull(const IndexHeader& header) { return header.highestIndex != 0 && header.highestIndex == header.maxRecord; }
@@ -30,8 +30,8 @@ std::int64_t WrittenEnd(const IndexHeader& header) {
   return std::int64_t{header.writePosition} + static_cast<std::int64_t>(report::kEndMarker.size());
 }
 
-// How many of the oldest records of this header a writer may be replacing now, or has replaced without writing the
-// header yet. A slot counts as replaced if it leads to a place where the writer may be writing a batch, even if an old
+// How many of the oldest records of this header a writer may be replacing now, or may have replaced without a new
+// header. A slot counts as replaced if it refers to a place where the writer may be writing a batch, even if an old
 // record is at this place by chance. Otherwise a record could be sent under the number of another one.
 std::uint32_t UnsafeRecords(CReportFileBase& store) {
   const IndexHeader& header = store.header();
@@ -49,7 +49,7 @@ std::uint32_t UnsafeRecords(CReportFileBase& store) {
 
 }  // namespace
 
-// Records with neighbouring slots and rising offsets, as the slots were before the texts were read.
+// Records with neighbouring slots and rising offsets. The offsets are those before the texts were read.
 struct RunReader::Piece {
   std::uint64_t first = 0;
   std::uint32_t slot = 0;
@@ -77,7 +77,7 @@ int RunReader::Open() {
   return 0;
 }
 
-// A damaged header may count billions of records that are not there.
+// Compares the header with the sizes of the files: a damaged header may count billions of records that are not there.
 int RunReader::CheckSizes() const {
   const IndexHeader& header = store_.header();
   if (header.highestIndex == 0) return 0;
@@ -125,7 +125,8 @@ RunReader::Piece RunReader::PieceFrom(const RecordRange& range, std::uint64_t fi
   return piece;
 }
 
-// The end of the record at `offset`: where the next record, which has this age, begins, or where the round ended.
+// The end of the record at `offset`: the place where the record of this age begins, which is the next one, or the end
+// of the round.
 std::int64_t RunReader::EndAfter(std::uint64_t age, std::uint32_t offset) {
   const IndexHeader& header = view_.header;
   if (age >= header.highestIndex) return header.writePosition != 0 ? header.writePosition : header.fileEnd;
@@ -168,8 +169,8 @@ bool RunReader::SplitWhole(const Piece& piece, RecordRun& run) const {
   return rest.empty();
 }
 
-// Keeps the certain records. The slots are compared first, then the header is read again. So if a slot was replaced
-// before it was read for the first time, the new header counts it, or UnsafeRecords finds it.
+// Keeps the certain records. The slots are compared first; then the header is read again. So if a slot was replaced
+// before it was read for the first time, the new header counts this, or UnsafeRecords finds it.
 void RunReader::Judge(const Piece& piece, RecordRun& run) {
   std::vector<std::uint32_t> slots(piece.Count());
   const int slots_error = report::RecordReader(store_).ReadSlots(piece.slot, slots);
@@ -199,7 +200,7 @@ void RunReader::Judge(const Piece& piece, RecordRun& run) {
   run.unreadable = unreadable - begin;
 }
 
-// The range of the header as it is now. Unset if the header cannot be read, or is that of another store.
+// The range of the header as it is now. Unset if the header cannot be read, or is the header of another store.
 std::optional<RecordRange> RunReader::RangeNow(const RecordRun& run) {
   // readPositions keeps the header of a file that was emptied, so the sizes are checked as well.
   if (store_.readPositions() != 0 || store_.header().highestIndex == 0 || CheckSizes() != 0) return std::nullopt;
@@ -224,10 +225,10 @@ void RunReader::Keep(RecordRun& run, std::size_t begin, std::size_t end) {
 
 // The end of the part of the data file that a writer may be writing now.
 //
-// Between two appends the end marker is at the write position. A writer overwrites it first, so if it is there, nothing
-// is written after it. Otherwise the next marker shows the end of the texts that the header does not count yet.
-// Directly after a restart there is no marker at the write position. If the next marker is then the one at the end of
-// the previous round, nothing is written.
+// Between two appends the end marker is at the write position, and a writer overwrites it first. So if it is there,
+// nothing was written after it. Otherwise the next marker shows the end of the texts that the header does not count
+// yet. Directly after a restart of the data file there is no marker at the write position. If the next marker is then
+// the one at the end of the previous round, nothing was written.
 std::int64_t RunReader::DirtyEnd(std::int64_t offset_max) {
   const IndexHeader& header = store_.header();
   const std::int64_t begin = header.writePosition;

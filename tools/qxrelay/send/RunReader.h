@@ -1,12 +1,12 @@
 // Reads runs of records from a store that a writer may be appending to, and returns only certain records.
 //
-// After the texts, slots and header are read again. A record is certain if they show that no writer can have touched
-// its text:
-//   - its slot still has the offset from which the text was read;
-//   - the new header still counts the record as in the ring. The oldest slot of a full ring is never used, because a
-//     writer replaces it before it writes the header. Slots that a batch has replaced already are not used either;
-//   - if it belongs to the previous round of the data file, the current round has not reached its text.
-// All other records are left out: they are read again later, or they are lost and become a gap.
+// After the texts, slots and header are read again. A record is certain if they show all of the following, so that no
+// writer can have changed its text:
+//   - Its slot still has the offset from which the text was read.
+//   - The new header still counts the record as in the ring. The oldest slot of a full ring is never used, because a
+//     writer replaces it before it writes the header; nor is a slot that a batch has replaced already.
+//   - If the record belongs to the previous round of the data file, the current round has not reached its text.
+// All other records are left out. They are read again later, or they are lost and become a gap.
 #pragma once
 
 #include <cstddef>
@@ -24,11 +24,11 @@
 
 namespace qx::relay {
 
-// Records one after another.
+// Consecutive records of a ring.
 struct RecordRun {
-  std::uint64_t first = 0;       // number of the first record, which may be later than requested: see below
+  std::uint64_t first = 0;       // number of the first record, which may be later than requested
   std::uint64_t unreadable = 0;  // records from `first` on without a text in the files; if not 0, `texts` is empty
-  std::vector<std::uint32_t> lengths;  // of the texts; empty: nothing is certain now, or nothing can be read
+  std::vector<std::uint32_t> lengths;  // of the texts; empty: no record is certain now, or none can be read
   std::string texts;                   // with their line ends
   int error = 0;                       // of the system
 
@@ -43,7 +43,7 @@ class RunReader final : public RecordHashes {
  public:
   explicit RunReader(std::string path) : path_(std::move(path)) {}
 
-  // Opens the files that have the path now and reads the header. Returns 0 or the error number; after a failure View
+  // Opens the files that have the path now, and reads the header. Returns 0 or the error number; after a failure, View
   // shows no records. [owning thread]
   [[nodiscard]] int Open();
   [[nodiscard]] const StoreView& View() const { return view_; }
@@ -54,7 +54,7 @@ class RunReader final : public RecordHashes {
   // later. [owning thread]
   [[nodiscard]] RecordRun Read(const RecordRange& range, std::uint64_t first, std::size_t bytes_max);
 
-  // How many bytes of text there are from `first` on, as the slots show. Too many if the data file wrapped.
+  // The number of bytes of text from `first` on, as the slots show. If the data file has wrapped, it is too high.
   // [owning thread]
   [[nodiscard]] std::uint64_t BytesFrom(const RecordRange& range, std::uint64_t first);
 

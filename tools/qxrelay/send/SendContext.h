@@ -1,4 +1,4 @@
-// What all parts of a sender share: the stream, the state directory, the settings, counters, and the log.
+// The data that all parts of a sender use: the stream, the state directory, the settings, the counters, and the log.
 #pragma once
 
 #include <cstdint>
@@ -16,17 +16,17 @@
 
 namespace qx::relay {
 
-// Since the start of the sender, for all its reports.
+// Counters of a sender since its start, over all reports.
 struct SenderCounters : SentCounters {
   std::uint64_t bytes = 0;         // of stored messages
   std::uint64_t refused = 0;       // messages that a server refused
-  std::uint64_t conflicts = 0;     // of them, because the newest message was another one than expected
+  std::uint64_t conflicts = 0;     // of `refused`: the newest message was another one than expected
   std::uint64_t unanswered = 0;    // requests
   std::uint64_t look_ups = 0;      // answered
   std::uint64_t incarnations = 0;  // begun
   std::uint64_t foreign = 0;       // newest messages that are not messages of the relay
   std::uint64_t connects = 0;
-  std::uint64_t opens = 0;  // of stores, to look for records
+  std::uint64_t opens = 0;  // of stores, to search for records
 };
 
 // Adds bytes of memory to a sum until the object is destroyed. The sum outlives the object.
@@ -54,7 +54,7 @@ class CountedBytes {
 // Threads: one thread. Owns: nothing; everything outlives the sender.
 struct SendContext {
   static constexpr unsigned kOwnerBits = 20;  // at most a million reports
-  // Bounds the memory: after a time without servers all reports have records to send, and these wait in the rings.
+  // Limits the memory: after a time without servers all reports have records to send; these records stay in the rings.
   static constexpr std::size_t kKeptBytesMax = std::size_t{8} * 1024 * 1024;
 
   PublishStream& stream;
@@ -76,14 +76,14 @@ struct SendContext {
   std::size_t payload_max = 0;                   // of the connection
   int look_ups_free = 4;                         // at once
   std::deque<std::size_t> look_up_waiting = {};  // owners that wait for a free one, in order
-  // Of the newest message with the labels of this host, since the connection was made: whether it was looked up, and
-  // its sequence if it is from this identity.
+  // The newest message with the labels of this host, since the connection was made: whether it was looked up, and its
+  // sequence if it has this identity.
   bool are_labels_known = false;
   std::uint64_t own_labels_sequence = 0;
   bool needs_state = false;    // a report waits until the state directory has its new incarnation
   std::size_t kept_bytes = 0;  // of messages in flight, and of records that are kept for the next message
 
-  // A token that leads a reply back to its owner.
+  // A new token for a request of this owner.
   [[nodiscard]] std::uint64_t NewToken(std::size_t owner) { return ++last_token << kOwnerBits | owner; }
   [[nodiscard]] static std::size_t OwnerOf(std::uint64_t token) { return token & ((1U << kOwnerBits) - 1); }
 };

@@ -20,7 +20,7 @@ namespace {
 constexpr std::string_view kNamesEnding = ".names";
 constexpr std::size_t kAboutOwner = 0;
 constexpr std::size_t kLoggedMax = 32;
-// The file of positions is written as a whole. So a longer file is written less often: about 100 KiB a second.
+// The file of positions is written as a whole. So a larger file is written less often: about 100 KiB a second.
 constexpr TimeMs kSaveMs = 10'000;
 constexpr TimeMs kSaveBytesInMs = 100;
 constexpr TimeMs kSavePollMs = 100;   // while a write is running
@@ -33,7 +33,7 @@ std::string SubjectText(const SendContext& context, Branch branch, const std::st
   return TextOfSubject(context.stream_settings.prefix, subject).value_or(std::string());
 }
 
-// Differs whenever the file was changed or replaced.
+// A text that differs whenever the file was changed or replaced.
 std::string SeenText(const struct stat& status) {
   return std::to_string(status.st_dev) + " " + std::to_string(status.st_ino) + " " + std::to_string(status.st_size) +
          " " + std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
@@ -99,7 +99,7 @@ TimeMs Sender::SaveDue() const {
   return saved_at_ + std::max(kSaveMs, bytes / kSaveBytesInMs);
 }
 
-// A failed write does not stop the reports: the stream has another copy of each position.
+// If the write fails, the reports continue: the stream also has each position.
 void Sender::SaveState(TimeMs now) {
   SenderState& state = context_.state;
   const bool is_due = state.HasChanges() && !state.IsWriting() && now >= SaveDue();
@@ -111,8 +111,8 @@ void Sender::SaveState(TimeMs now) {
   if (const auto problem = state.EndWrite()) LogOnce(*problem);
 }
 
-// Wakes as many waiting reports as there are free look-ups. With thousands of waiting reports, it would cost too much
-// to wake all of them each time.
+// Wakes as many waiting reports as there are free look-ups. If thousands of reports wait, it would cost too much to
+// wake all of them each time.
 void Sender::WakeForLookUps(TimeMs now) {
   for (int i = 0; i < context_.look_ups_free && !context_.look_up_waiting.empty(); ++i) {
     const std::size_t index = context_.look_up_waiting.front() - 1;
@@ -156,7 +156,7 @@ void Sender::TakeReplies(TimeMs now) {
   for (const StreamReply& reply : replies_) {
     if (reply.kind == ReplyKind::kDisconnect) {
       Disconnected(now);
-      return;  // what comes after it belongs to a connection that is gone
+      return;  // the replies after this one belong to a connection that is closed
     }
     OnReply(now, reply);
   }
@@ -177,7 +177,7 @@ void Sender::OnReply(TimeMs now, const StreamReply& reply) {
   Queue(owner - 1);
 }
 
-// The labels are sent after the first check for other senders: they end an older sender, so they may be sent only if
+// The labels are sent after the first check for other senders. They stop an older sender, so they may be sent only if
 // this sender may send.
 void Sender::OnRival(TimeMs now, Rival rival) {
   if (rival != Rival::kNone && context_.takes_over) {
@@ -187,8 +187,7 @@ void Sender::OnRival(TimeMs now, Rival rival) {
     rival = Rival::kNone;
   }
   if (rival == Rival::kNone) {
-    // Each message contains its time. So the message is made again only if the stream does not have the one of this
-    // sender.
+    // Each message contains its time, so a new message is made only if the stream does not have that of this session.
     const bool is_stored = about_.IsSet() && watch_.Session() == context_.state.Identity().session;
     if (!is_stored) about_.Set(now, AboutMessage());
     return;
@@ -268,7 +267,7 @@ void Sender::Add(TimeMs now, const std::string& report) {
   Queue(works_.size() - 1);
 }
 
-// Without a names file nothing is sent, unless there was one before.
+// A report without a names file gets no message about it, unless it had a names file before.
 void Sender::ReadNames(TimeMs now, std::size_t index) {
   Entry& entry = *works_[index];
   const std::string path = report::PathIn(context_.directory, entry.work.Name()) + std::string(kNamesEnding);
@@ -290,7 +289,8 @@ void Sender::ReadNames(TimeMs now, std::size_t index) {
   Queue(index);
 }
 
-// Names files are kept in memory, to be sent again. False if all of them together would be too large.
+// Counts the bytes of a names file, which is kept in memory to be sent again. False if all of them together would be
+// too large.
 bool Sender::TakeNamesBytes(Entry& entry, std::size_t bytes) {
   names_bytes_ -= entry.names_bytes;
   entry.names_bytes = 0;
@@ -327,7 +327,7 @@ std::string Sender::Problem() const {
   return watch_.IsUnanswered() ? SilenceText() : "";
 }
 
-// If the stream does not exist, no server answers a look-up.
+// The finding if no look-up is answered: for a stream that does not exist, no server answers.
 std::string Sender::SilenceText() const {
   return "the servers do not answer: is there a stream " + context_.stream_settings.name +
          " (\"qxrelay stream create\"), does it have a leader, and may this host ask for its own newest messages?";

@@ -1,4 +1,4 @@
-// The sender of a host: follows the reports of a directory and sends them to the stream.
+// Runs the sender of a host: follows the reports of a directory and sends them to the stream.
 //
 // It has no thread and no clock of its own: Step does what is due and returns the time of its next call.
 #pragma once
@@ -20,13 +20,14 @@ namespace qx::relay {
 
 // Threads: one thread.
 // Owns: the senders of the reports. Borrows the context.
-// Failure: the log; it continues whatever fails. Throws std::bad_alloc.
+// Failure: the log; the sender continues after every failure. Throws std::bad_alloc.
 class Sender {
  public:
-  // It connects at a random time within the spread time. `labels` are those of the settings.
+  // Connects at a random time within the spread time. `labels` are those of the settings.
   Sender(SendContext& context, TimeMs now, std::vector<std::string> labels);
 
-  // Handles replies and does what is due. Returns when it is to be called again, unless there are replies before.
+  // Handles replies and does what is due. Returns the time of the next call; replies that come earlier need an earlier
+  // call.
   // [owning thread]
   [[nodiscard]] TimeMs Step(TimeMs now);
 
@@ -37,28 +38,28 @@ class Sender {
   // Writes the positions to the state directory and closes the connection. [owning thread]
   void Finish();
 
-  // How many reports there are, and of how many the sender is stopped. [owning thread]
+  // The number of reports, and the number of those whose sender is stopped. [owning thread]
   [[nodiscard]] std::size_t Reports() const { return works_.size(); }
   [[nodiscard]] std::size_t Stopped() const;
-  // If another sender was found, a text that says so and what to do; nothing is sent any more. Otherwise empty.
+  // If another sender was found, and so nothing is sent any more, a text that says so and what to do. Otherwise empty.
   // [owning thread]
   [[nodiscard]] std::string RivalText() const { return TextOfRival(context_.rival, context_.host); }
   [[nodiscard]] bool IsConnected() const { return is_connected_; }
-  // What stops all reports, and what to do; empty if nothing does. [owning thread]
+  // The problem that stops all reports, and what to do; empty if there is no such problem. [owning thread]
   [[nodiscard]] std::string Problem() const;
   // One text for the operator for each limit that leaves something out. [owning thread]
   [[nodiscard]] std::vector<std::string> Findings() const;
-  // What was done for each report. [owning thread]
+  // The counters of each report. [owning thread]
   [[nodiscard]] std::vector<SentReport> Sent() const;
 
  private:
-  // A report with what is sent for it.
+  // A report, and the message with its names file.
   struct Entry {
     ReportWork work;
     SideMessage names;
     std::string names_seen;  // size, times and file of the names file
     std::size_t names_bytes = 0;
-    std::optional<TimeMs> due;  // when it waits for its next step: its place in the queue
+    std::optional<TimeMs> due;  // the time of its next step, under which it is in the queue
 
     Entry(SendContext& context, const std::string& report, const std::string& names_subject, std::size_t owner)
         : work(context, report, owner), names(context, names_subject, owner) {}
@@ -88,14 +89,14 @@ class Sender {
   SendContext& context_;
   std::vector<std::string> labels_;
   std::vector<std::unique_ptr<Entry>> works_;  // owner n of a token is at n - 1
-  // When, and the index in works_: with thousands of reports, a step must not visit those that wait.
+  // The time of the next step of each report, and its index in works_. A step must not visit the thousands that wait.
   std::set<std::pair<TimeMs, std::size_t>> queue_;
   std::vector<std::size_t> due_now_;
   std::set<std::string> known_;  // the names of reports, also of those that cannot be relayed
   std::size_t left_out_ = 0;     // reports over the limit, in the last scan
   std::size_t names_bytes_ = 0;  // of all names files that are in memory
   std::size_t names_left_out_ = 0;
-  SideMessage about_;  // set once no other sender was found
+  SideMessage about_;  // set after the first check, if it found no other sender
   HostWatch watch_;
   std::vector<StreamReply> replies_;
   TimeMs connect_at_;

@@ -58,7 +58,7 @@ bool ReadIdentityText(std::string_view text, HostIdentity& identity) {
   return true;
 }
 
-// Takes the text up to the next separator off the front.
+// Removes the text up to the next separator from the front, and returns it without the separator.
 std::string_view Take(std::string_view& text, char separator) {
   const std::size_t end = std::min(text.find(separator), text.size());
   const std::string_view taken = text.substr(0, end);
@@ -72,7 +72,7 @@ std::string_view TakeValue(std::string_view& text, std::string_view word) {
   return Take(line, ' ') == word ? line : std::string_view();
 }
 
-// Blocks all signals of the thread for the life of the object, so that a thread that starts meanwhile receives none.
+// Blocks all signals for this thread until destruction, so that a thread that starts meanwhile receives no signals.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -106,7 +106,7 @@ std::optional<std::string> WriteWhole(const std::string& path, std::string_view 
   return "cannot write " + path + (result.error != 0 ? std::string(": ") + std::strerror(result.error) : "");
 }
 
-// The files of the old form, if any.
+// The files of reports that an earlier version wrote.
 std::vector<std::string> OldFiles(const std::string& directory) {
   const std::string path = directory + std::string(kOldDirectory);
   const file::Descriptor opened = file::OpenDirectory(path.c_str());
@@ -250,7 +250,7 @@ std::string SenderState::TextOfAll() {
 }
 
 std::optional<std::string> SenderState::Write() {
-  if (IsWriting()) (void)FinishWrite();  // this write has newer states
+  if (IsWriting()) (void)FinishWrite();  // the write below has newer states
   tried_ = changes_;
   const std::string text = TextOfAll();
   if (auto problem = WriteWhole(directory_ + std::string(kPositionsFile), text)) return problem;
@@ -263,7 +263,7 @@ void SenderState::BeginWrite() {
   const auto write = [path = directory_ + std::string(kPositionsFile), text = TextOfAll()] {
     return WriteWhole(path, text);
   };
-  const SignalsBlocked blocked;  // signals are the main thread's
+  const SignalsBlocked blocked;  // the main thread receives the signals
   try {
     writing_ = std::async(is_in_background_ ? std::launch::async : std::launch::deferred, write);
   } catch (const std::system_error&) {
@@ -285,7 +285,7 @@ SenderState::Problem SenderState::FinishWrite() {
   return problem;
 }
 
-// Failures are ignored: files that stay are not read any more.
+// Removes the files of an earlier version. Failures are ignored: files that stay are not read any more.
 void SenderState::RemoveOldForm() {
   for (const std::string& path : OldFiles(directory_)) (void)file::Remove(path.c_str());
   (void)file::Remove((directory_ + std::string(kOldDirectory)).c_str(), AT_REMOVEDIR);

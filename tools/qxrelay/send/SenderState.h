@@ -1,6 +1,6 @@
-// What a sender keeps in its state directory: who it is, and up to which record each report was sent.
+// Reads and writes the state directory of a sender: its identity, and up to which record each report was sent.
 //
-//   identity        "qxrelay-identity 1", the identity (32 hexadecimal digits), and that of the machine it was made on
+//   identity        "qxrelay-identity 1", the identity (32 hexadecimal digits), and the identity of the machine
 //   session         the number of the last start
 //   lock            locked by the one sender that uses the directory
 //   positions       of each report "qxrelay-report 1", its name, its mark, and the hashes of the last 32 records
@@ -38,16 +38,16 @@ struct ReportState {
   friend bool operator==(const ReportState&, const ReportState&) = default;
 };
 
-// The text of a report's state, and back. Unset for what is not such a text. [any thread]
+// Converts the state of a report to text, and back. Unset for a text that TextOfState does not return. [any thread]
 [[nodiscard]] std::string TextOfState(const ReportState& state);
 [[nodiscard]] std::optional<ReportState> StateOfText(std::string_view text);
 
-// The states of all reports in the directory, by name; what is damaged is left out. [any thread]
+// Reads the states of all reports in the directory, by name; damaged states are left out. [any thread]
 using ReportStates = std::map<std::string, ReportState>;
 [[nodiscard]] ReportStates ReadStates(const std::string& directory);
 
-// Threads: one thread, and one for a write in the background.
-// Owns: the lock of the directory, the states of all reports, and the thread, which the destructor waits for.
+// Threads: one thread, and one more for a write in the background.
+// Owns: the lock of the directory, the states of all reports, and the thread, for which the destructor waits.
 // Failure: a text for the operator. Throws std::bad_alloc.
 class SenderState {
  public:
@@ -57,29 +57,29 @@ class SenderState {
 
   [[nodiscard]] const SenderIdentity& Identity() const { return identity_; }
 
-  // Begins a session that is later than `session` and every earlier one of this directory. [owning thread]
+  // Begins a session with a number above `session` and above all earlier sessions of this directory. [owning thread]
   [[nodiscard]] std::optional<std::string> BeginSession(std::uint64_t session);
 
-  // The state of the report, to be changed in place; a new one has no incarnation. It lives as long as this object.
-  // [owning thread]
+  // The state of the report, which the caller may change; that of an unknown report has no incarnation. The reference
+  // is valid as long as this object. [owning thread]
   [[nodiscard]] ReportState& Of(const std::string& report);
-  // Null if nothing is known of the report. [owning thread]
+  // The state of the report; null if nothing is known of it. [owning thread]
   [[nodiscard]] const ReportState* Find(const std::string& report) const;
 
   // Must be called after a state was changed. Returns the number of the change. [owning thread]
   std::uint64_t Changed() { return ++changes_; }
   [[nodiscard]] bool HasChanges() const { return tried_ != changes_; }
-  // Whether a change was written, or could not be written. [owning thread]
+  // Whether the write of this change has succeeded or failed. [owning thread]
   [[nodiscard]] bool IsTried(std::uint64_t change) const { return change <= tried_; }
   // The size of `positions` when it was last written. [owning thread]
   [[nodiscard]] std::size_t FileBytes() const { return file_bytes_; }
-  // Writes all states and syncs them, or says why not. [owning thread]
+  // Writes all states and syncs them. Returns why it failed; unset after a success. [owning thread]
   [[nodiscard]] std::optional<std::string> Write();
 
   // From now on BeginWrite writes in the background. A busy disk can take a second for a sync, and no record should
   // wait for it. Without this call, BeginWrite writes before it returns. [owning thread]
   void WriteInBackground() { is_in_background_ = true; }
-  // Begins a write of all states. Not while one is running. [owning thread]
+  // Begins a write of all states. Must not be called while a write is running. [owning thread]
   void BeginWrite();
   [[nodiscard]] bool IsWriting() const { return writing_.valid(); }
   // Ends the write if it is complete. Returns why it failed; unset after a success. [owning thread]

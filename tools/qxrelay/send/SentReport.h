@@ -1,4 +1,4 @@
-// What a sender has done for a report since it started: plain data for status and metrics.
+// The counters of a sender for one report since its start: plain data for status and metrics.
 #pragma once
 
 #include <cstdint>
@@ -6,13 +6,13 @@
 
 namespace qx::relay {
 
-// Stored messages only.
+// Counters of stored messages.
 struct SentCounters {
   std::uint64_t records = 0;
   std::uint64_t messages = 0;
   std::uint64_t gap_records = 0;  // counted as lost, for any reason
-  std::uint64_t over_limit = 0;   // of them, because they are larger than a message may be
-  std::uint64_t unreadable = 0;   // of them, because the files have no text of them
+  std::uint64_t over_limit = 0;   // of the lost records: they are larger than a message may be
+  std::uint64_t unreadable = 0;   // of the lost records: the files have no text of them
 
   friend bool operator==(const SentCounters&, const SentCounters&) = default;
 };

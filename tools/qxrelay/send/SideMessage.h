@@ -1,5 +1,5 @@
-// A message that contains a whole state: the labels of a host, or the names file of a report. The newest message
-// replaces the earlier ones. It is sent when the state changes, and repeated before it expires.
+// Sends a message that contains a whole state: the labels of a host, or the names file of a report. The newest such
+// message replaces the earlier ones. It is sent when the state changes, and repeated before it expires.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ class SideMessage {
   SideMessage(SendContext& context, std::string subject, std::size_t owner)
       : context_(context), subject_(std::move(subject)), owner_(owner) {}
 
-  // From now on this is the message. [owning thread]
+  // Sets the message. [owning thread]
   void Set(TimeMs now, std::string bytes) {
     if (bytes == bytes_) return;
     bytes_ = std::move(bytes);
@@ -24,7 +24,7 @@ class SideMessage {
     token_ = 0;
   }
 
-  // Sends it if it is due. [owning thread]
+  // Sends the message if it is due. [owning thread]
   void Step(TimeMs now) {
     if (bytes_.empty() || now < due_) return;
     if (token_ != 0) return Failed(now);  // without an answer in time
@@ -42,7 +42,7 @@ class SideMessage {
     due_ = now + context_.times.heartbeat;
   }
 
-  // The replies to earlier requests will not come. [owning thread]
+  // Must be called when the connection is lost: the replies to earlier requests will not come. [owning thread]
   void Disconnected(TimeMs now) {
     if (token_ != 0) Failed(now);
   }

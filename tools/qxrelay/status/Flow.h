@@ -18,15 +18,15 @@ enum class ServiceKind : std::uint8_t { kSender, kReceiver };
   return kind == ServiceKind::kSender ? "sender" : "receiver";
 }
 
-// A report. Counts begin at the start of the service. A figure that the service cannot know is unset.
+// The figures of a report. Counts begin at the start of the service. A figure that the service cannot know is unset.
 struct ReportFlow {
   std::string host;
   std::string report;
   std::string trouble;                       // why the report does not continue; empty if it does
   std::optional<std::uint64_t> lag_records;  // in the host's ring, not sent or not collected yet
-  std::optional<std::int64_t> lag_ms;        // approximate age of the oldest of these; 0 without one
+  std::optional<std::int64_t> lag_ms;        // approximate age of the oldest of these records; 0 if no record waits
   std::optional<double> records_per_second;  // appended by the host's writer
-  std::optional<double> overtaken_in_s;      // until the ring overwrites an unsent record, if nothing is sent
+  std::optional<double> overtaken_in_s;      // until the ring overwrites an unsent record, if nothing is sent meanwhile
   std::optional<std::uint64_t> ring_slots;   // of the host's ring
   std::uint64_t records = 0;                 // sent, or written on the collector
   std::uint64_t gap_records = 0;             // lost, and counted as lost
@@ -47,7 +47,7 @@ struct ServiceFlow {
   std::int64_t time_ms = 0;     // time of these figures, in milliseconds since 1970
   std::int64_t started_ms = 0;  // when the service was started; 0: it is not running
   bool is_connected = false;
-  std::string problem;                                          // what stops all reports; empty: nothing
+  std::string problem;                                          // the problem that stops all reports; empty: no problem
   std::vector<std::string> findings;                            // one text for each limit that leaves something out
   std::vector<std::pair<std::string, std::uint64_t>> counters;  // of the service as a whole, by their names
   std::vector<ReportFlow> reports;                              // in the order of hosts and reports

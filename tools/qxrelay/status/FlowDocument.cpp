@@ -91,7 +91,7 @@ ServiceFlow ServiceOf(const Library& object) {
   flow.started_ms = NumberOf<std::int64_t>(object, "startedMs").value_or(0);
   flow.is_connected = object.at("isConnected").get<bool>();
   flow.problem = TextOf(object, "problem");
-  const Library findings = object.value("findings", Library::array());  // earlier versions have none
+  const Library findings = object.value("findings", Library::array());  // earlier versions have no findings
   for (const Library& finding : findings) flow.findings.push_back(finding.get<std::string>());
   for (const auto& [name, value] : object.at("counters").items()) {
     flow.counters.emplace_back(name, value.get<std::uint64_t>());
@@ -134,7 +134,7 @@ std::optional<ServiceFlow> FlowOfText(std::string_view text) {
 
 std::optional<std::string> WriteFlowFile(const std::string& path, const ServiceFlow& flow) {
   const std::string copy = path + ".new";
-  (void)file::Remove(copy.c_str());  // of a service that was killed
+  (void)file::Remove(copy.c_str());  // left by a service that was killed
   file::Descriptor file = file::OpenRegular(copy.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kFileMode);
   int error = file.IsOpen() ? 0 : errno;
   if (error == 0) error = file::Write(file.Number(), TextOfFlow(flow)).error;

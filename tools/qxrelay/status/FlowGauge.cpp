@@ -7,7 +7,7 @@ namespace qx::relay {
 namespace {
 
 constexpr std::int64_t kMsInSecond = 1000;
-constexpr std::int64_t kSamplesOfAge = 16;  // the time between two old samples is this part of their age
+constexpr std::int64_t kSamplesOfAge = 16;  // the time between two old samples is at least their age divided by this
 
 }  // namespace
 
@@ -21,8 +21,8 @@ void FlowGauge::Add(std::int64_t now, std::uint64_t end) {
   if (samples_.size() > kSamplesMax) Thin(now);
 }
 
-// Drops some of the old samples, more of the older ones: the age of an old record need not be exact to the second. All
-// samples of the time for which a rate is computed stay.
+// Drops some of the old samples, and more of the older ones: the age of an old record need not be exact to the second.
+// The samples of the time for which a rate is computed stay.
 void FlowGauge::Thin(std::int64_t now) {
   std::deque<Sample> kept;
   for (const Sample& sample : samples_) {

@@ -14,20 +14,20 @@ class FlowGauge {
   static constexpr std::int64_t kWindowMs = 60'000;
   static constexpr std::size_t kSamplesMax = 256;
 
-  // The number of the record that the writer appends next. A smaller one than before begins again: the store is another
-  // one. [owning thread]
+  // Adds a count: the number of the record that the writer appends next. If it is smaller than before, the store is
+  // another one, and the samples begin again. [owning thread]
   void Add(std::int64_t now, std::uint64_t end);
 
   // Records a second over the last minute, or since the first count; unset until a second has passed. [owning thread]
   [[nodiscard]] std::optional<double> Rate(std::int64_t now) const;
 
-  // How long ago record `next` was appended, or a little more: the time since the last count without it. If even the
-  // first count includes it, the time since that count, which is less. 0 if the record is not appended yet.
-  // [owning thread]
+  // How long ago the record `next` was appended, or a little more: the time since the last count without it. If already
+  // the first count includes it, the time since that count, which is less. 0 if the record is not appended yet. [owning
+  // thread]
   [[nodiscard]] std::int64_t LagMs(std::int64_t now, std::uint64_t next) const;
 
  private:
-  // A count, and from when to when it was seen.
+  // A count, and the time from the first to the last moment at which it was seen.
   struct Sample {
     std::int64_t from = 0;
     std::int64_t until = 0;

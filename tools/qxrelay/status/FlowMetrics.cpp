@@ -18,7 +18,7 @@ namespace {
 
 constexpr double kMsInSecond = 1000;
 
-// One series of each report. The value is unset where it is not known.
+// A metric that each report has. Its value is unset if it is not known.
 struct ReportMetric {
   std::string_view name;
   MetricKind kind;

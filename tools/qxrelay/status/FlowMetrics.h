@@ -1,7 +1,8 @@
-// The flow of a service, and the newest numbers of chosen reports, as metrics.
+// Writes the flow of a service, and the newest numbers of chosen reports, as metrics.
 //
 // A report or a field whose name is not UTF-8 cannot have series, because a label is UTF-8. Series above the limit are
-// left out, too. Reports come before numbers, both in the order of names. The number of missing series is a metric.
+// left out, too: those of reports come before those of fields, both in the order of names. The number of missing series
+// is a metric.
 #pragma once
 
 #include <cstddef>

@@ -18,12 +18,12 @@ class FlowPublisher {
   // If the flow in a file is older than this, its service has ended.
   static constexpr std::int64_t kFreshMs = 3 * kPeriodMaxMs;
 
-  // `file`: where the flow is kept. `take` makes it, `show` gets it.
+  // `file` is the status file. `take` returns the flow, and `show` receives it.
   FlowPublisher(std::string file, std::function<ServiceFlow()> take, std::function<void(const ServiceFlow&)> show,
                 std::function<void(const std::string&)> log);
 
-  // Publishes when it is time: once a second, or less often if this would take more than a fiftieth of the time.
-  // [owning thread]
+  // Publishes if it is time: once a second, or less often if this would take more than a fiftieth of the time. [owning
+  // thread]
   void Step(std::int64_t now);
   // When Step is to be called again. [owning thread]
   [[nodiscard]] std::int64_t Wake() const { return due_; }

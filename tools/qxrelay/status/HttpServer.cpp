@@ -18,7 +18,7 @@ using Text = std::shared_ptr<const std::string>;
 
 void ReleaseText(void* text) { delete static_cast<Text*>(text); }
 
-// The text lives as long as the library sends it. Null: there is no memory.
+// The answer as the library sends it; the text lives until it is sent. Null if there is no memory.
 MHD_Response* ResponseOf(const HttpAnswer& answer) {
   auto text = std::make_unique<Text>(answer.text != nullptr ? answer.text : std::make_shared<const std::string>());
   const std::string& bytes = **text;

@@ -1,7 +1,7 @@
 // Answers HTTP requests for short texts, on a loopback address, with libmicrohttpd.
 //
-// Only GET and HEAD are answered. At most kConnectionsMax connections are open, each with little memory, and one that
-// is silent for kSilenceS seconds is closed.
+// Only GET and HEAD are answered. At most kConnectionsMax connections are open, each with little memory. A connection
+// that is silent for kSilenceS seconds is closed.
 #pragma once
 
 #include <cstdint>

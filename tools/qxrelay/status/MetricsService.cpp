@@ -77,7 +77,7 @@ HttpAnswer MetricsService::Health() {
   return TextAnswer(200, "ok");
 }
 
-// There is one before the server is started.
+// The last flow that Show received; Show is called before the server starts.
 std::shared_ptr<const ServiceFlow> MetricsService::Flow() {
   const std::lock_guard guard(lock_);
   return flow_;

@@ -24,7 +24,7 @@ class MetricsService {
  public:
   static constexpr std::int64_t kRetryMs = 10'000;
 
-  // Without an address in the settings it does nothing. `wall_ms` is called in the server's thread, too.
+  // Without an address in the settings the object does nothing. `wall_ms` is called in the server's thread, too.
   MetricsService(const MetricsSettings& settings, MetricsRules rules, std::function<std::int64_t()> wall_ms,
                  std::function<void(const std::string&)> log);
 

@@ -7,7 +7,7 @@ namespace qx::relay {
 
 namespace {
 
-// Quotes are escaped in the values of labels only.
+// Escapes backslashes and line feeds; quotes only in the values of labels.
 void AppendEscaped(std::string_view text, bool escapes_quotes, std::string& to) {
   for (const char byte : text) {
     if (byte == '\n') {

@@ -1,4 +1,4 @@
-// The text that Prometheus reads.
+// Writes metrics as the text that Prometheus reads.
 //
 //   # HELP qxrelay_report_lag_records Records that wait
 //   # TYPE qxrelay_report_lag_records gauge

@@ -1,7 +1,7 @@
-// The flow of the reports of a collector, from the counts of its receiver.
+// Computes the flow of the reports of a collector from the counters of its receiver.
 //
-// A receiver knows the ring of a host only from the newest message of the report. So the lag is that of the moment when
-// the message was sent.
+// A receiver knows the ring of a host only from the newest message of the report, so it knows the lag only for the
+// moment when this message was sent.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ namespace qx::relay {
 // Threads: one thread. Owns: some counts for each report. Throws std::bad_alloc.
 class ReceiverFlow {
  public:
-  // `now` is of the monotonic clock, `wall_ms` since 1970. [owning thread]
+  // `now` is a time of the monotonic clock, `wall_ms` the time since 1970. [owning thread]
   [[nodiscard]] std::vector<ReportFlow> Take(const std::vector<CollectedReport>& reports, std::int64_t now,
                                              std::int64_t wall_ms);
 

@@ -77,7 +77,7 @@ ReportFlow SenderFlow::FlowOf(const SentReport& sent, std::int64_t now, std::int
   const report::IndexHeader& header = ring.header;
   if (header.highestIndex != 0) flow.ring_slots = header.maxRecord;
   const std::optional<RecordRange> range = sent.is_placed ? RangeNear(header, sent.next) : std::nullopt;
-  if (!range.has_value() || range->end < sent.next) return flow;  // another store, until the sender has noticed
+  if (!range.has_value() || range->end < sent.next) return flow;  // another store, which the sender has not noticed yet
   ring.gauge.Add(now, range->end);
   flow.lag_records = range->end - sent.next;
   flow.lag_ms = ring.gauge.LagMs(now, sent.next);

@@ -1,4 +1,4 @@
-// The flow of the reports of a host: the sent records, compared with the records that the rings have now.
+// Computes the flow of the reports of a host: compares the sent records with the records that the rings have now.
 //
 // The rings are read here, not by the sender, because a sender without a connection does not read them, and a sender
 // that is not running cannot.
@@ -27,7 +27,7 @@ class SenderFlow {
   // `directory` is that of the reports.
   SenderFlow(std::string host, std::string directory);
 
-  // Reads the rings. `now` is of the monotonic clock, `wall_ms` since 1970. [owning thread]
+  // Reads the rings. `now` is a time of the monotonic clock, `wall_ms` the time since 1970. [owning thread]
   [[nodiscard]] std::vector<ReportFlow> Take(const std::vector<SentReport>& sent, std::int64_t now,
                                              std::int64_t wall_ms);
 
@@ -40,7 +40,7 @@ class SenderFlow {
     report::IndexHeader header;
     struct stat status = {};
     bool is_read = false;
-    bool is_settled = false;  // an index file that looks the same has the same header
+    bool is_settled = false;  // an index file with the same status has the same header
     FlowGauge gauge;
   };
 

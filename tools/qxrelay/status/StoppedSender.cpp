@@ -22,7 +22,7 @@ std::int64_t NowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
-// Waits until there are replies, at most a tenth of a second, and not beyond the end.
+// Waits until there are replies, at most a tenth of a second, and at most until `end`.
 void WaitFor(PublishStream& stream, std::int64_t end) {
   constexpr std::int64_t kWaitMs = 100;
   pollfd waiting = {stream.Descriptor(), POLLIN, 0};
@@ -83,7 +83,8 @@ std::vector<std::string> StoppedSender::Reports() const {
   return {names.begin(), names.end()};
 }
 
-// The position of a report is that of its newest message in the stream, or without one that of the state directory.
+// The position of a report is that of its newest message in the stream, or, without a message, that of the state
+// directory.
 ServiceFlow StoppedSender::Flow(std::int64_t now, std::int64_t wall_ms) const {
   SenderFlow flow(host, directory);
   std::vector<SentReport> sent;

@@ -1,5 +1,5 @@
-// The flow of a sender that is not running, from its state directory, the rings, and the newest message of each report
-// if the servers can be reached.
+// Computes the flow of a sender that is not running, from its state directory and the rings, and, if the servers can be
+// reached, from the newest message of each report.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,8 @@
 
 namespace qx::relay {
 
-// The newest message of each report that has one, by the report's name. Requests a few at a time, and stops after
-// `time_ms`. [any thread]
+// The newest message of each report that has one, by the report's name. A few requests are in flight at a time; after
+// `time_ms` the call returns what it has. [any thread]
 [[nodiscard]] std::map<std::string, MessageHead> NewestMessages(PublishStream& stream, const std::string& prefix,
                                                                 const std::string& host,
                                                                 const std::vector<std::string>& reports,
@@ -29,11 +29,11 @@ struct StoppedSender {
   SendSettings settings;
   ReportStates states;  // of its state directory
   std::map<std::string, MessageHead> newest;
-  std::optional<ServiceFlow> last;  // what the sender published last
+  std::optional<ServiceFlow> last;  // the figures that the sender published last
 
   // The names of the reports, from all these sources. [any thread]
   [[nodiscard]] std::vector<std::string> Reports() const;
-  // `now` is of the monotonic clock, `wall_ms` since 1970. [any thread]
+  // `now` is a time of the monotonic clock, `wall_ms` the time since 1970. [any thread]
   [[nodiscard]] ServiceFlow Flow(std::int64_t now, std::int64_t wall_ms) const;
 };
 

@@ -21,15 +21,15 @@ std::optional<std::string> OpenSession(const StreamSettings& settings, Session& 
   return nats::MakeContext(settings, session.connection, session.context);
 }
 
-// "cannot create the stream QX: Error (insufficient storage resources available)": the part in brackets is the server's
-// text.
+// The problem, with the server's text in brackets: "cannot create the stream QX: Error (insufficient storage resources
+// available)".
 std::string ProblemWithWords(const std::string& what, natsStatus status) {
   natsStatus ignored = NATS_OK;
   const char* const words = nats_GetLastError(&ignored);
   return nats::Problem(what, status) + (words != nullptr && *words != '\0' ? " (" + std::string(words) + ")" : "");
 }
 
-// `cluster` is null if there is one server alone.
+// The number of copies that have all messages. `cluster` is null if there is only one server.
 std::uint32_t WholeCopies(const jsClusterInfo* cluster) {
   if (cluster == nullptr) return 1;
   if (cluster->Leader == nullptr) return 0;

@@ -36,7 +36,7 @@ std::optional<std::uint64_t> SequenceBefore(natsMsg* message) {
 
 void AppendMessage(natsMsg* raw, std::vector<StreamMessage>& messages) {
   jsMsgMetaData* found = nullptr;
-  if (natsMsg_GetMetaData(&found, raw) != NATS_OK) return;  // not of a stream: nobody waits for an acknowledgement
+  if (natsMsg_GetMetaData(&found, raw) != NATS_OK) return;  // not from a stream: it needs no acknowledgement
   const MetaData meta(found);
   const char* const receipt = natsMsg_GetReply(raw);
   messages.push_back({.subject = natsMsg_GetSubject(raw),
@@ -55,7 +55,7 @@ natsStatus ReadFromLeader(jsCtx* context, const std::string& stream, std::uint64
   return js_GetMsg(&found, context, stream.c_str(), sequence, &options, nullptr);
 }
 
-// A server passes the request to its own copy, if it has one.
+// Reads a message through a server, which answers from its own copy if it has one.
 natsStatus ReadFromServer(StreamSettings settings, const std::string& server, std::uint64_t sequence, natsMsg*& found) {
   settings.servers = {server};
   nats::Connection connection;
@@ -107,7 +107,7 @@ std::optional<std::string> NatsConsume::Connect(const std::string& name, std::si
   const std::string subjects = settings_.prefix + ".>";
   jsCtx* const context = parts->context.get();
   status = js_PullSubscribe(&subscription, context, subjects.c_str(), name.c_str(), nullptr, &options, nullptr);
-  if (status == NATS_ERR) {  // also for a consumer that has other limits: then they are changed
+  if (status == NATS_ERR) {  // also if the consumer exists with other limits: these are changed
     options.Config.FilterSubject = subjects.c_str();
     jsConsumerInfo* changed = nullptr;
     status = js_AddConsumer(&changed, context, settings_.name.c_str(), &options.Config, nullptr, nullptr);
@@ -123,8 +123,8 @@ std::optional<std::string> NatsConsume::Connect(const std::string& name, std::si
   return std::nullopt;
 }
 
-// The library first requests the messages that are available now, and waits only without one. (A NoWait request of our
-// own would wait until it expires.)
+// The library first requests the messages that are available now, and waits only if there is no message. (A NoWait
+// request of our own would wait until it expires.)
 std::optional<std::string> NatsConsume::Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
                                               std::vector<StreamMessage>& messages) {
   if (parts_ == nullptr) return "not connected";

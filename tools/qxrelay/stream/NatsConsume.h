@@ -11,7 +11,7 @@
 
 namespace qx::relay {
 
-// Threads and Owns: as ConsumeStream. After a failed Fetch or Acknowledge the connection may be lost: Connect again.
+// Threads, Owns: as ConsumeStream. A failed Fetch or Acknowledge may mean that the connection is lost: Connect again.
 class NatsConsume final : public ConsumeStream {
  public:
   explicit NatsConsume(StreamSettings settings);
@@ -24,7 +24,7 @@ class NatsConsume final : public ConsumeStream {
   [[nodiscard]] std::optional<std::string> Acknowledge(const std::string& receipt) override;
   [[nodiscard]] std::optional<std::string> Refuse(const std::string& receipt) override;
   [[nodiscard]] std::optional<std::string> ReadState(ConsumerState& state) override;
-  // The copy of the stream's leader, and those of the servers in the settings: a server answers from its own copy.
+  // The number of copies that can be asked: that of the stream's leader, and those of the servers in the settings.
   [[nodiscard]] std::size_t Copies() const override { return 1 + settings_.servers.size(); }
   [[nodiscard]] CopyAnswer ReadFromCopy(std::size_t copy, std::uint64_t sequence, StreamMessage& message) override;
   [[nodiscard]] std::optional<std::string> FirstSequence(std::uint64_t& sequence) override;

@@ -35,7 +35,7 @@ class Calls {
   std::optional<std::string> problem_;
 };
 
-// The first line of the file.
+// Reads the first line of the file.
 std::optional<std::string> ReadPassword(const std::string& path, std::string& password) {
   const file::Descriptor file = file::OpenRegular(path.c_str(), O_RDONLY);
   const int open_error = errno;
@@ -99,7 +99,7 @@ std::optional<std::string> SetCredentials(natsOptions* options, const StreamSett
   return std::nullopt;
 }
 
-// What failed, and what to do about it.
+// A text for the operator: what failed, and what to do about it.
 std::string ProblemOfConnect(const StreamSettings& settings, natsStatus status) {
   if (status == NATS_CONNECTION_AUTH_FAILED) {
     return "the servers refuse the credentials: check user, password_file and credentials_file in [stream]";
@@ -111,7 +111,7 @@ std::string ProblemOfConnect(const StreamSettings& settings, natsStatus status) 
   if (status == NATS_SSL_ERROR) {
     return problem + ": check ca_file in [stream], and that the certificates name the servers";
   }
-  // The client has finished the handshake of TLS 1.3 by then.
+  // With TLS 1.3 the client has finished its handshake before the server checks the certificate.
   const bool may_lack_certificate = status == NATS_PROTOCOL_ERROR && settings.certificate_file.empty();
   return problem + (may_lack_certificate ? ": if they ask for one, set certificate_file and key_file in [stream]" : "");
 }

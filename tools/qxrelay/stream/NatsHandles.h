@@ -28,10 +28,10 @@ using Message = std::unique_ptr<natsMsg, Destroyer<natsMsg_Destroy>>;
 using Context = std::unique_ptr<jsCtx, Destroyer<jsCtx_Destroy>>;
 using StreamInfo = std::unique_ptr<jsStreamInfo, Destroyer<jsStreamInfo_Destroy>>;
 
-// What the library says about a failed call: "cannot connect: No server available for connection".
+// The text of the library for a failed call: "cannot connect: No server available for connection".
 [[nodiscard]] std::string Problem(const std::string& what, natsStatus status);
 
-// Receives problems that the library reports outside a call, in threads of the library.
+// Callbacks for problems that the library reports outside a call, in threads of the library.
 struct Handlers {
   natsErrHandler on_error = nullptr;
   natsConnectionHandler on_closed = nullptr;
@@ -39,7 +39,8 @@ struct Handlers {
 };
 
 // Makes the options of a connection: servers, TLS and credentials of the settings. The library must not reconnect,
-// because it would buffer messages: the owner makes a new connection instead. Unset: `options` is made. [any thread]
+// because it would buffer messages: the owner makes a new connection instead. Returns why it failed; unset after a
+// success. [any thread]
 [[nodiscard]] std::optional<std::string> MakeOptions(const StreamSettings& settings, const Handlers& handlers,
                                                      Options& options);
 
@@ -47,7 +48,7 @@ struct Handlers {
 [[nodiscard]] std::optional<std::string> MakeConnection(const StreamSettings& settings, const Handlers& handlers,
                                                         Connection& connection);
 
-// Makes the JetStream context of the settings' domain. Unset: `context` is made. [any thread]
+// Makes the JetStream context of the settings' domain. Returns why it failed; unset after a success. [any thread]
 [[nodiscard]] std::optional<std::string> MakeContext(const StreamSettings& settings, const Connection& connection,
                                                      Context& context);
 

@@ -70,7 +70,7 @@ StreamReply ReplyToLookUp(std::uint64_t token, natsMsg* message) {
   return reply;
 }
 
-// "INBOX.p17" => 17; the letter before the number shows the kind of the request.
+// The token of an inbox: "INBOX.p17" => 17; `mark` is the letter before it, which shows the kind of the request.
 std::optional<std::uint64_t> TokenOfInbox(std::string_view subject, char& mark) {
   const std::string_view last = subject.substr(subject.rfind('.') + 1);
   if (last.empty()) return std::nullopt;
@@ -82,8 +82,8 @@ std::optional<std::uint64_t> TokenOfInbox(std::string_view subject, char& mark) 
 
 std::string InboxPrefix(std::string_view host) { return "_INBOX_" + TokenOf(host); }
 
-// Callbacks run in threads of the library, and some of them after the connection was destroyed. So they get a number
-// instead of an address. The number of a destroyed connection leads to nothing.
+// Callbacks run in threads of the library, some of them after the connection was destroyed. So they get the number of
+// the parts instead of their address. For a destroyed connection the number finds nothing.
 struct NatsPublish::Parts {
   file::Descriptor event;
   std::mutex lock;
@@ -114,7 +114,7 @@ struct NatsPublish::Parts {
 
   void OnProblem(natsConnection* where, natsStatus status) {
     const char* text = nullptr;
-    (void)natsConnection_GetLastError(where, &text);  // without a text the status says enough
+    (void)natsConnection_GetLastError(where, &text);  // if there is no text, the status is enough
     const bool has_text = text != nullptr && *text != '\0';
     Put({.token = 0,
          .kind = ReplyKind::kProblem,
@@ -139,7 +139,8 @@ struct NatsPublish::Parts {
     std::map<std::uintptr_t, std::weak_ptr<Parts>> parts;
   };
 
-  // Never destroyed: a thread of the library may report that a connection is closed while the process ends.
+  // The table is never destroyed: a thread of the library may report that a connection is closed while the process
+  // ends.
   static Table& TheTable() {
     static Table* const table = new Table;
     return *table;

@@ -1,4 +1,4 @@
-// The sender's connection to JetStream.
+// The sender's connection to JetStream: publishes messages, and looks up the newest ones.
 //
 // Each request has its own inbox subject. So a reply belongs to exactly one request, even after a timeout. A thread of
 // the library receives the replies and puts them into a queue.

@@ -31,7 +31,7 @@ StreamReply ReplyToPublish(std::uint64_t token, std::string_view answer) {
       }
     }
   } catch (const nlohmann::json::exception&) {
-    // A member has a wrong type: the answer counts as a refusal, below.
+    // A member has a wrong type: the answer counts as a refusal.
   }
   return {.token = token,
           .kind = ReplyKind::kRefused,

@@ -22,8 +22,8 @@ enum class ReplyKind : std::uint8_t {
   kNewest,      // of LookUp: `payload` and `sequence` of the newest message of the subject
   kNone,        // of LookUp: the stream has no message of the subject
   kNoStream,    // of Publish: no stream takes the message now; a look-up then has no reply
-  kProblem,     // of no request (token 0): the server or the library complains, and `text` says about what
-  kDisconnect,  // of no request: the connection is closed; no reply to an earlier request will come
+  kProblem,     // for no request (token 0): the server or the library reports a problem, which `text` describes
+  kDisconnect,  // for no request: the connection is closed; no reply to an earlier request will come
 };
 
 struct StreamReply {
@@ -34,7 +34,7 @@ struct StreamReply {
   std::string text;
 };
 
-// The sender's connection: requests that are answered later, or never.
+// The sender's connection. Its requests are answered later, or never.
 //
 // Threads: one thread; implementations receive replies in threads of their own.
 // Owns: the connection. Failure: a false result means that the request was not sent and will have no reply.
@@ -45,15 +45,16 @@ class PublishStream {
   PublishStream(const PublishStream&) = delete;
   PublishStream& operator=(const PublishStream&) = delete;
 
-  // Connects to one of the servers, within some seconds. Unset: connected. Otherwise why not, for the operator. An
-  // earlier connection is closed, and its replies are dropped. [owning thread]
+  // Connects to one of the servers, within some seconds. An earlier connection is closed, and its replies are dropped.
+  // Returns why it failed, for the operator; unset after a success. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> Connect() = 0;
 
   // The largest payload that the server accepts. [owning thread]
   [[nodiscard]] virtual std::size_t PayloadBytesMax() const = 0;
 
-  // Requests that the stream stores `payload`. If `expected_last` is set, the stream stores it only if this is the
-  // sequence of the subject's newest message (0: no message). `token`, not 0, is repeated in the reply. [owning thread]
+  // Requests that the stream stores `payload`. If `expected_last` is set, the stream stores it only if the subject's
+  // newest message has this sequence (0: no message). The reply has the same `token`, which must not be 0. [owning
+  // thread]
   [[nodiscard]] virtual bool Publish(std::uint64_t token, const std::string& subject, std::string_view payload,
                                      std::optional<std::uint64_t> expected_last) = 0;
 
@@ -76,15 +77,15 @@ struct StreamMessage {
   std::string subject;
   std::string payload;
   std::uint64_t sequence = 0;  // in the stream
-  // The sequence of the message before this one in its subject; 0: this is the first one. The sender names it, and the
+  // The sequence of the previous message of the same subject; 0 if this is the first one. The sender names it, and the
   // server stores the message only if it is right. Unset if the message does not name it.
   std::optional<std::uint64_t> before = std::nullopt;
   std::uint64_t delivered = 0;  // how often it was delivered, 1 for the first time
-  std::uint64_t pending = 0;    // how many messages the consumer has after this one
+  std::uint64_t pending = 0;    // the number of messages that the consumer has after this one
   std::string receipt = {};     // for Acknowledge
 };
 
-// The state of the stream and of the consumer, at one moment.
+// The state of the stream and of the consumer at one moment.
 struct ConsumerState {
   std::uint64_t first = 0;         // sequence of the first message that the stream still has, or of the next one
   std::uint64_t acknowledged = 0;  // no message up to this sequence will come again
@@ -94,7 +95,7 @@ struct ConsumerState {
   friend bool operator==(const ConsumerState&, const ConsumerState&) = default;
 };
 
-// What a server says about a message of its copy of the stream.
+// The answer of a server to the question for a message in its copy of the stream.
 enum class CopyAnswer : std::uint8_t { kMessage, kNone, kUnknown };  // kUnknown: it does not answer
 
 // The receiver's connection: a durable consumer, whose messages are fetched, and acknowledged one by one.
@@ -113,12 +114,13 @@ class ConsumeStream {
   [[nodiscard]] virtual std::optional<std::string> Connect(const std::string& name, std::size_t unacknowledged_max,
                                                            std::chrono::milliseconds redeliver_after) = 0;
 
-  // Appends up to `count_max` messages that come within `timeout`. Returns earlier if there are some and no more at the
-  // moment. It is not a failure if no message comes. [owning thread]
+  // Appends up to `count_max` messages that come within `timeout`. If there are some, and no more at the moment, it
+  // returns at once. It is not a failure if no message comes. [owning thread]
   [[nodiscard]] virtual std::optional<std::string> Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
                                                          std::vector<StreamMessage>& messages) = 0;
 
-  // Acknowledges the message, so that it does not come again. If the acknowledgement is lost, it does. [owning thread]
+  // Acknowledges the message, so that it does not come again. If the acknowledgement is lost, it comes again. [owning
+  // thread]
   [[nodiscard]] virtual std::optional<std::string> Acknowledge(const std::string& receipt) = 0;
 
   // Refuses the message: it is not usable, and must not come again. [owning thread]
@@ -127,11 +129,11 @@ class ConsumeStream {
   // [owning thread]
   [[nodiscard]] virtual std::optional<std::string> ReadState(ConsumerState& state) = 0;
 
-  // How many copies of the stream can be asked for a message. [owning thread]
+  // The number of copies of the stream that can be asked for a message. [owning thread]
   [[nodiscard]] virtual std::size_t Copies() const = 0;
-  // Asks one of them for the message of this sequence. A consumer reads one copy. After a server was stopped or killed,
-  // its copy can have other messages than the other servers' copies, with the same sequences: check the subject.
-  // `message` gets no receipt, because nobody waits for its acknowledgement. [owning thread]
+  // Asks one of the copies for the message of this sequence. A consumer reads only one copy. After a server was stopped
+  // or killed, its copy can have other messages than the other servers' copies, with the same sequences: check the
+  // subject. `message` gets no receipt, because it needs no acknowledgement. [owning thread]
   [[nodiscard]] virtual CopyAnswer ReadFromCopy(std::size_t copy, std::uint64_t sequence, StreamMessage& message) = 0;
 
   // The sequence of the first message that the stream still has; 0 if it is empty. [owning thread]
