@@ -94,7 +94,8 @@ class PageTest(unittest.TestCase):
         self.assertEqual(table.splitlines()[0], "| task | B |")
 
     def test_rows_have_readable_names(self):
-        names = {("threads_transfer", "1"): "1 thread", ("threads_transfer", "2"): "2 threads", ("a", "cp_a"): "`cp -a`", ("a", "b_c"): "b c"}
+        names = {("threads_transfer", "1"): "1 thread", ("threads_transfer", "2"): "2 threads", ("a", "cp_a"): "`cp -a`",
+                 ("a", "b_c"): "b c"}
         self.assertEqual({row: bench_page.who_text(*row) for row in names}, names)
 
     def test_page_without_a_mark_is_refused(self):
