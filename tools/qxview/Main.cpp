@@ -1,4 +1,4 @@
-// qxview: shows the reports of this machine, or of a collector, in a browser. It reads, and changes nothing.
+// qxview: shows the reports of this machine, or of a collector, in a browser. It only reads; it changes nothing.
 //
 // The command line is read with the table and the parser of qxctl's area cli. The exit codes are those of qxctl.
 #include "debug/Debug.h"
@@ -6,7 +6,7 @@
 #include "tools/qxctl/cli/program/Program.h"
 #include "tools/qxview/cli/ViewCommand.h"
 
-// Inert: qxview has no traces of its own.
+// The module's classes need this object. It writes nothing: qxview has no traces of its own.
 __attribute__((init_priority(101))) CDebug Debug;
 
 namespace {

@@ -1,4 +1,4 @@
-// The failures of the API: a status, a code that `qxctl explain` knows, and what happened.
+// The failures of the API. Each has a status, a code that `qxctl explain` knows, and a message that says what happened.
 #pragma once
 
 #include <string>

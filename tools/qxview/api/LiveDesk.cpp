@@ -86,7 +86,7 @@ void LiveDesk::Events(const ExchangePtr& exchange) {
   Subscribe(stream, read.view);
 }
 
-// The stream begins when each worker knows it: otherwise a page could miss what happens directly after the beginning.
+// The stream begins when each worker knows it. Otherwise a page could miss an event directly after the beginning.
 void LiveDesk::Subscribe(StreamId stream, const ViewRequest& view) {
   std::vector<std::pair<Worker*, Worker::Task>> tasks;
   if (view.records.has_value()) {
@@ -122,7 +122,7 @@ void LiveDesk::Leave(StreamId stream) {
   trace_worker_.Add([this, stream] { traces_.Unsubscribe(stream); });
 }
 
-// --- changes: what a stream would send, as the reply to one request
+// --- changes: the events that a stream would send, as the reply to one request
 
 std::vector<LiveDesk::Step> LiveDesk::StepsOf(const ViewRequest& view) {
   std::vector<Step> steps;
@@ -150,7 +150,7 @@ void LiveDesk::Changes(const ExchangePtr& exchange) {
   Continue(std::make_shared<Walk>(Walk{exchange, StepsOf(read.view), {}}));
 }
 
-// Asks one source after the other, and answers after the last one.
+// Asks the next source, one after the other; after the last one it answers.
 void LiveDesk::Continue(const std::shared_ptr<Walk>& walk) {
   const std::size_t asked = walk->news.size();
   if (asked == walk->steps.size()) return walk->exchange->Reply(ChangesReply(walk->news));

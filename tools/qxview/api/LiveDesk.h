@@ -1,4 +1,4 @@
-// The event streams of pages, and the documents that come from the same sources.
+// Serves the event streams of pages, and the documents that come from the same sources.
 #pragma once
 
 #include <functional>
@@ -24,7 +24,7 @@ class LiveDesk {
 
   LiveDesk(Loop& loop, const SurveySettings& settings, const std::string& trace_directory);
 
-  // Each answers the exchange, at once or later. [owning thread]
+  // Each of these functions answers the exchange, at once or later. [owning thread]
   void Events(const ExchangePtr& exchange);
   void Changes(const ExchangePtr& exchange);
   void Overview(const ExchangePtr& exchange);
@@ -35,7 +35,7 @@ class LiveDesk {
   void Maintain() { hub_.Maintain(StreamHub::Clock::now()); }
 
  private:
-  // A source that is asked for what is new, in its thread.
+  // A question to one source: what is new. It is asked in the thread of the source.
   struct Step {
     Worker* worker;
     std::function<LiveNews()> ask;

@@ -1,4 +1,4 @@
-// The parameters of a request: hostile texts that become values within limits, or a failure.
+// Reads the parameters of a request. They are hostile texts: each becomes a value within limits, or the request fails.
 #pragma once
 
 #include <cstdint>
@@ -20,17 +20,18 @@ class Parameters {
 
   explicit Parameters(const HttpRequest& request) : request_(request) {}
 
-  // Unset if the parameter is missing, or is not an integer, which is a problem. The second form returns `otherwise`
-  // for a missing parameter; a number outside the limits is a problem. [owning thread]
+  // The integer of a parameter; unset if it is missing. A text that is not an integer is a problem. The second form
+  // returns `otherwise` if the parameter is missing; for it, a number outside the limits is a problem, too. [owning
+  // thread]
   [[nodiscard]] std::optional<std::int64_t> Number(std::string_view name);
   [[nodiscard]] std::int64_t Number(std::string_view name, std::int64_t min, std::int64_t max, std::int64_t otherwise);
-  // Empty without the parameter. [owning thread]
+  // The text of a parameter; empty if it is missing. [owning thread]
   [[nodiscard]] std::string Text(std::string_view name);
   [[nodiscard]] std::vector<std::string> Texts(std::string_view name, std::size_t count_max);
 
-  // The value of a parameter is wrong for another reason. [owning thread]
+  // Records a problem: the value of this parameter is wrong for another reason. [owning thread]
   void Refuse(std::string_view name, const std::string& why);
-  // What is wrong; empty if nothing is. [owning thread]
+  // The first problem; empty if there is no problem. [owning thread]
   [[nodiscard]] const std::string& Problem() const { return problem_; }
 
  private:

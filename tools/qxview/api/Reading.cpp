@@ -54,7 +54,7 @@ HttpReply ErrorReply(const HttpRequest& request, const Error& error) {
   return Unreadable(request, "its header contradicts itself");
 }
 
-// Leaves the newest of what is added, within limits.
+// Keeps the newest of the records that are added, within limits.
 class NewestRecords {
  public:
   NewestRecords(std::size_t count_max, std::string filter) : count_max_(count_max), filter_(std::move(filter)) {}
@@ -116,7 +116,7 @@ HttpReply Reading::Names(const HttpRequest& request) {
   const auto base_path = BasePathOf(directory_, name);
   if (!base_path.has_value()) return NoReport(request);
   provider::NamesFile file;
-  (void)file.Read(directory_, name);  // most reports have no such file, and so no instances
+  (void)file.Read(directory_, name);  // most reports have no such file
   Json list = Json::Array();
   for (const provider::NamesFile::Instance* instance : file.Instances()) {
     Json entry;

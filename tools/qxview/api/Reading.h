@@ -1,4 +1,4 @@
-// Answers requests about one report from its files. Everything here runs in the thread that reads.
+// Answers requests about one report from its files. All functions run in the reading thread.
 #pragma once
 
 #include <functional>
@@ -15,29 +15,29 @@
 namespace qx::view {
 
 // Threads: one thread.
-// Owns: the indexes. Failure: a reply that says so. Throws std::bad_alloc.
+// Owns: the indexes. Failure: a reply that says what failed. Throws std::bad_alloc.
 class Reading {
  public:
   explicit Reading(std::string directory) : directory_(std::move(directory)) {}
 
-  // Does the next step of an answer. The reply comes after the last one.
+  // A function that does the next step of an answer. The last step returns the reply.
   using Steps = std::function<std::optional<HttpReply>(bool is_last_of_turn)>;
 
-  // Each of them has the parameter `report`. [owning thread]
+  // Each of these requests has the parameter `report`. [owning thread]
   [[nodiscard]] HttpReply Report(const HttpRequest& request);
   [[nodiscard]] HttpReply Names(const HttpRequest& request);
   [[nodiscard]] HttpReply Fields(const HttpRequest& request);
   [[nodiscard]] Steps Chart(const HttpRequest& request);
   [[nodiscard]] Steps Records(const HttpRequest& request);
 
-  // Records as a text that is read as it is sent. `text` is null if the reply is a failure. [owning thread]
+  // Records as a text that is read while it is sent. `text` is null if the reply is a failure. [owning thread]
   struct Download {
     HttpReply head;
     std::shared_ptr<RecordText> text;
   };
   [[nodiscard]] Download Text(const HttpRequest& request) const;
 
-  // Frees what nobody uses any more. [owning thread]
+  // Frees indexes that are not used any more. [owning thread]
   void Trim() { indexes_.Trim(); }
 
  private:

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t kPieceBytes = 32'768;
 constexpr std::uint32_t kReadRecords = 256;
-constexpr std::uint32_t kPieceRecordsMax = 32'768;  // read for a piece: other requests wait meanwhile
+constexpr std::uint32_t kPieceRecordsMax = 32'768;  // read for one piece: other requests wait meanwhile
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// The records of a report as a text, piece by piece: for downloads.
+// Reads the records of a report as a text, piece by piece, for downloads.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace qx::view {
 
-// Which records a download has: those within a range of time, both ends included, that contain a text.
+// The records that a download has: those within a range of time, both ends included, that contain a text.
 struct TextWish {
   std::string filter;
   std::optional<std::int64_t> from;  // milliseconds since 1970
@@ -23,14 +23,14 @@ struct TextWish {
 };
 
 // Threads: one thread.
-// Owns: a snapshot with four bytes for each record. A record that was overwritten meanwhile is left out.
+// Owns: a snapshot with four bytes for each record. A record that is overwritten before it is read is left out.
 class RecordText {
  public:
   RecordText(const std::string& base_path, TextWish wish);
 
   Error Open() { return snapshot_.Take(); }
-  // The next piece. Empty if none of the records that were read for it is requested; null at the end, and if the files
-  // cannot be read. [owning thread]
+  // The next piece. Empty if none of the records that were read for it belongs to the download; null at the end, and if
+  // the files cannot be read. [owning thread]
   [[nodiscard]] HttpReply::Text Next();
 
  private:

@@ -41,7 +41,7 @@ Site::Site(Loop& loop, const SiteSettings& settings)
 
 std::string Site::NewToken() { return sessions_.NewToken(SecondsOf(CLOCK_BOOTTIME)); }
 
-// --- what comes in
+// --- requests
 
 void Site::Handle(const ExchangePtr& exchange) {
   const HttpRequest& request = exchange->Request();
@@ -120,9 +120,9 @@ void Site::HandleApi(const ExchangePtr& exchange, const std::string& name) {
   exchange->Reply(ReplyOf(Failure::kNoSuchPath, "the API has no such document"));
 }
 
-// --- what another thread answers
+// --- answers of another thread
 
-// The thread that reads gets the exchange, but touches only its request, which nobody changes.
+// The reading thread gets the exchange, but uses only its request, which does not change.
 void Site::Read(const ExchangePtr& exchange, HttpReply (Reading::*answer)(const HttpRequest& request)) {
   const bool is_posted =
       reading_worker_.Post([this, exchange, answer] { ReplyLater(exchange, (reading_.*answer)(exchange->Request())); });
@@ -153,7 +153,7 @@ void Site::SendText(const ExchangePtr& exchange) {
   if (!is_posted) exchange->Reply(ReplyOf(Failure::kBusy, "too many requests wait; ask again later"));
 }
 
-// Each time a piece was sent, the next one is read.
+// The next piece is read each time a piece was sent.
 void Site::BeginText(Exchange& exchange, const Reading::Download& text) {
   auto stream = std::make_shared<std::weak_ptr<ReplyStream>>();
   *stream = exchange.Stream(text.head, [this, stream, records = text.text] {

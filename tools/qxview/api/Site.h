@@ -5,7 +5,7 @@
 //   reading   requests about reports: charts, records, downloads; large reports in steps, so that others need not wait
 //   LiveDesk  three threads: reports that pages show, the overview and doctor's findings, and traces
 //
-// Nobody but the server's thread touches a connection, and no thread touches what another one owns.
+// Only the server's thread uses connections, and no thread uses data of another one.
 #pragma once
 
 #include <string>
@@ -26,7 +26,7 @@ namespace qx::view {
 struct SiteSettings {
   SurveySettings survey;
   std::string trace_directory;
-  std::vector<std::string> hosts;  // that the Host header may name besides the loopback network
+  std::vector<std::string> hosts;  // that the Host header may name, in addition to the loopback network
   std::string dygraphs_directory{kDygraphsDirectory};
   KeyBytes key = {};
 };
@@ -39,7 +39,7 @@ class Site {
   // For HttpServer. [owning thread]
   void Handle(const ExchangePtr& exchange);
 
-  // A new token, printed by the caller. [owning thread]
+  // A new token, which the caller prints. [owning thread]
   [[nodiscard]] std::string NewToken();
 
   // To be called about once a second. [owning thread]
@@ -63,7 +63,7 @@ class Site {
   OriginRules origins_;
   LiveDesk live_;
   Reading reading_;
-  Worker reading_worker_;  // the last member: its thread uses the one before
+  Worker reading_worker_;  // the last member: its thread uses reading_
 };
 
 }  // namespace qx::view

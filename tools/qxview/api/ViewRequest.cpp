@@ -10,7 +10,7 @@ namespace qx::view {
 
 namespace {
 
-// A page that lost its stream names the last event that it got.
+// The cursor of a page that connects again: the last event that it got.
 std::string AfterText(const HttpRequest& request) {
   return !request.last_event_id.empty() ? request.last_event_id : request.Value("after").value_or("");
 }

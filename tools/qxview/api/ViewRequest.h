@@ -1,4 +1,4 @@
-// What a page requests from its event stream.
+// The view that a page requests from its event stream.
 //
 //   view=overview                                    the overview
 //   view=health                                      doctor's findings
@@ -19,7 +19,7 @@ namespace qx::view {
 
 struct ViewRequest {
   Cursors after;                        // by the names of events
-  std::optional<ReportWatch> records;   // unset: none
+  std::optional<ReportWatch> records;   // unset: no records
   std::optional<std::string> overview;  // the only report in it; empty: all reports
   bool has_findings = false;
   std::optional<TraceWatch> traces;
@@ -27,7 +27,7 @@ struct ViewRequest {
   [[nodiscard]] std::string After(const std::string& name) const;
 };
 
-// A failure, if the request is not one of these views.
+// The view, or a failure if the request does not name a view.
 struct ReadView {
   ViewRequest view;
   std::optional<HttpReply> failure;

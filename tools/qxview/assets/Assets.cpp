@@ -42,7 +42,7 @@ std::string TagOf(std::string_view bytes) {
   return tag;
 }
 
-// Empty if the file cannot be read.
+// The bytes of the file; empty if it cannot be read.
 std::string ReadFile(const std::string& path) {
   std::string bytes;
   const file::Descriptor file = file::OpenRegular(path.c_str(), O_RDONLY);

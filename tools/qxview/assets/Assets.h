@@ -1,5 +1,5 @@
-// The files of the web pages: those of tools/qxview/web, which the build embeds, and those of dygraphs, which are read
-// from Debian's package when the server starts.
+// Serves the files of the web pages: those of tools/qxview/web, which the build embeds, and those of dygraphs, which
+// are read from Debian's package when the server starts.
 #pragma once
 
 #include <map>
@@ -21,15 +21,15 @@ extern const unsigned long kEmbeddedFileCount;
 
 inline constexpr std::string_view kDygraphsDirectory = "/usr/share/javascript/dygraphs";
 
-// Threads: any number, once it is made.
+// Threads: any number, after construction.
 // Owns: the texts of all files.
 class Assets {
  public:
   // Files of dygraphs that are missing are not served; the pages say what to install.
   explicit Assets(const std::string& dygraphs_directory);
 
-  // The reply to a path, with the tag of its content; 304 without content if the browser has it already. Null: there is
-  // no such file.
+  // The reply to a path, with the tag of its content; null if there is no such file. ReplyOf returns 304 without
+  // content if the browser has this content already.
   //   "/" => index.html     "/assets/app.js" => app.js
   [[nodiscard]] const HttpReply* Find(std::string_view path) const;
   [[nodiscard]] static HttpReply ReplyOf(const HttpReply& file, const std::string& if_none_match);

@@ -45,7 +45,7 @@ struct Options {
   SiteSettings site;
 };
 
-// Where the key is: what the service manager made, or below the user's home.
+// The directory of the key: the one that the service manager made, or one below the user's home.
 std::string StateDirectory(const Values& values) {
   if (values.Has("--state")) return values.Text("--state");
   const auto text_of = [](const char* name) {
@@ -86,7 +86,7 @@ Status OptionsOf(const Values& values, Options& options) {
   return FindDirectory(values, options.site.survey.directory);
 }
 
-// Many connections need many descriptors; with fewer, some connections are not accepted.
+// Many connections need many descriptors. If the limit stays too low, some connections are not accepted.
 void RaiseFileLimit() {
   rlimit limit = {};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;

@@ -1,4 +1,4 @@
-// qxview
+// The command of qxview.
 #pragma once
 
 #include "tools/qxctl/cli/Command.h"

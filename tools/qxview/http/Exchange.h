@@ -1,6 +1,6 @@
-// One request that waits for its reply, and a reply that never ends.
+// A request that waits for its reply, and a reply that is sent piece by piece.
 //
-// Both belong to the thread of the server. Whoever keeps one must not count on the client: it may be gone.
+// Both belong to the thread of the server. The client of either may be gone at any time.
 #pragma once
 
 #include <cstddef>
@@ -15,29 +15,29 @@ struct MHD_Connection;
 
 namespace qx::view {
 
-// A reply whose text is sent piece by piece as it comes: server-sent events, or a long file.
+// A reply whose text is sent piece by piece as it is made: server-sent events, or a long file.
 //
 // Threads: the server's. Owns: the pieces that are not sent yet.
 class ReplyStream {
  public:
   using Text = HttpReply::Text;
-  // Called when everything was sent. It orders the next piece, which another thread makes; Send gets it later.
+  // Called when everything was sent, to request the next piece. Another thread makes it, and Send gets it later.
   using Drained = std::function<void()>;
 
-  // If more bytes than this wait for a client, the client is dropped; it connects again.
+  // If more bytes than this wait for a client, the connection is closed; the client connects again.
   static constexpr std::size_t kPendingBytesMax = std::size_t{1} << 20;
 
   explicit ReplyStream(MHD_Connection* connection) : connection_(connection) {}
   ReplyStream(MHD_Connection* connection, Drained drained) : connection_(connection), drained_(std::move(drained)) {}
 
-  // Sends the text. After an empty one, the next piece is ordered at once. [owning thread]
+  // Sends the text. If it is empty, the next piece is requested at once. [owning thread]
   void Send(Text text);
-  // Ends the reply after what was sent. [owning thread]
+  // Ends the reply after the texts that were passed to Send. [owning thread]
   void End();
-  // False as soon as the client is gone, or reads too slowly. [owning thread]
+  // False as soon as the client is gone or reads too slowly. [owning thread]
   [[nodiscard]] bool IsOpen() const { return is_open_; }
 
-  // For the server: copies up to `size` bytes of what is pending. 0: nothing is pending, and the connection is
+  // For the server: copies up to `size` bytes of the pending text. 0: nothing is pending, and the connection is
   // suspended; -1: the reply is complete. [owning thread]
   [[nodiscard]] std::ptrdiff_t Take(char* to, std::size_t size);
   void Close() { is_open_ = false; }

@@ -1,4 +1,4 @@
-// A request and a reply, as the areas above http/ see them.
+// A request and a reply, in the form in which the areas above http/ use them.
 #pragma once
 
 #include <memory>
@@ -10,7 +10,7 @@
 
 namespace qx::view {
 
-// Everything in it was written by the client, and is therefore hostile text.
+// A request. The client has written everything in it, so it is hostile text.
 struct HttpRequest {
   using Parameter = std::pair<std::string, std::string>;
 

@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t kStreamBlockBytes = 8192;
 constexpr unsigned kTooLarge = MHD_HTTP_CONTENT_TOO_LARGE;
-constexpr int kTickMs = 1000;  // the age of connections is checked this often
+constexpr int kTickMs = 1000;  // the longest time between two checks of the age of connections
 
 using Text = HttpReply::Text;
 using StreamPtr = std::shared_ptr<ReplyStream>;
@@ -35,7 +35,7 @@ std::string HeaderOf(MHD_Connection* connection, const char* name) {
   return value != nullptr ? value : "";
 }
 
-// 0 without the header; the largest number if its value is not a number.
+// The length of the body; 0 without the header, and the largest number if its value is not a number.
 std::uint64_t ContentLength(MHD_Connection* connection) {
   const std::string text = HeaderOf(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
   std::uint64_t length = 0;
@@ -67,7 +67,7 @@ HttpRequest RequestOf(MHD_Connection* connection, const char* path, const char* 
 
 void ReleaseText(void* text) { delete static_cast<Text*>(text); }
 
-// The text lives as long as the library sends it.
+// A response with the text. The text lives until the library has sent it.
 MHD_Response* ResponseOf(const Text& text) {
   auto kept = std::make_unique<Text>(text != nullptr ? text : std::make_shared<const std::string>());
   const std::string& bytes = **kept;
@@ -97,7 +97,7 @@ MHD_Response* ResponseOf(const StreamPtr& stream) {
   return response;
 }
 
-// Null: there is no memory.
+// The response to a request; null if there is no memory.
 MHD_Response* ResponseOf(const Exchange& exchange) {
   const HttpReply& reply = exchange.Answer();
   MHD_Response* const response =
@@ -109,7 +109,7 @@ MHD_Response* ResponseOf(const Exchange& exchange) {
   return response;
 }
 
-// A request while it is read and answered.
+// A request that is being read or answered.
 struct Incoming {
   ExchangePtr exchange;
   HttpRequest request;
@@ -119,12 +119,12 @@ struct Incoming {
 }  // namespace
 
 struct HttpServer::Library {
-  // The time since which a connection waits for a complete request. No entry while its request is answered.
+  // The time since which a connection has waited for a complete request. It has no entry while its request is answered.
   using Waiting = std::map<MHD_Connection*, std::int64_t>;
 
   Library(Handler given, HttpTimes limits) : handler(std::move(given)), times(limits) {}
 
-  // Requests that wait are resumed without an answer: a suspended connection cannot be closed.
+  // Requests that wait are resumed without an answer, because a suspended connection cannot be closed.
   ~Library() {
     if (daemon == nullptr) return;
     is_ending = true;
@@ -157,7 +157,7 @@ struct HttpServer::Library {
     return begun.is_too_large ? Complete(connection, begun) : MHD_YES;  // the body is not read
   }
 
-  // False for a body of unknown length that is too large.
+  // Adds a part of the body. False if a body of unknown length becomes too large.
   static bool TakeBody(Incoming& incoming, const char* body, std::size_t bytes) {
     if (incoming.request.body.size() + bytes > kBodyBytesMax) return false;
     incoming.request.body.append(body, bytes);
@@ -177,7 +177,7 @@ struct HttpServer::Library {
     return MHD_YES;
   }
 
-  // MHD_NO closes the connection: without memory, and for a body that is too large.
+  // Returns MHD_NO, which closes the connection, if there is no memory, and for a body that is too large.
   static MHD_Result OnRequest(void* closure, MHD_Connection* connection, const char* path, const char* method,
                               const char* /*version*/, const char* body, std::size_t* body_bytes, void** state) {
     auto* const self = static_cast<Library*>(closure);
@@ -208,7 +208,8 @@ struct HttpServer::Library {
     if (code == MHD_CONNECTION_NOTIFY_CLOSED) self->waiting.erase(connection);
   }
 
-  // The library only knows how long a connection was silent. One that sends a byte from time to time is never silent.
+  // Closes connections without a whole request. The library only knows how long a connection was silent, and a client
+  // that sends a byte from time to time is never silent.
   void CloseSlow() const {
     const std::int64_t now = SteadyS();
     for (const auto& [connection, since] : waiting) {
@@ -260,7 +261,7 @@ int HttpServer::TimeoutMs() const {
 
 void HttpServer::Run() {
   library_->CloseSlow();
-  (void)MHD_run(library_->daemon);  // what it cannot do, it does at the next call
+  (void)MHD_run(library_->daemon);  // what it cannot do now, it does at the next call
 }
 
 }  // namespace qx::view

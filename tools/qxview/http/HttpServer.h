@@ -1,8 +1,8 @@
-// An HTTP server in one thread, with libmicrohttpd: its event loop, its parser, its limits.
+// Runs an HTTP server in one thread: libmicrohttpd with its event loop, its parser and its limits.
 //
-// A request waits without a thread until somebody answers it (Exchange). A connection that does not complete a request
-// within request_s seconds is closed, however slowly it sends; so is one that is silent. The memory of a connection is
-// limited, and with it the headers of a request.
+// A request waits without a thread until it is answered (Exchange). A connection is closed if it does not complete a
+// request within request_s seconds, however slowly it sends, or if it is silent for silence_s seconds. The memory of a
+// connection is limited, and so are the headers of a request.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@
 
 namespace qx::view {
 
-// After how many seconds a connection is closed.
+// The times after which a connection is closed.
 struct HttpTimes {
   unsigned silence_s = 15;      // without a byte
   std::int64_t request_s = 20;  // without a whole request
@@ -33,7 +33,7 @@ class HttpServer {
   static constexpr std::size_t kBodyBytesMax = 1024;
   static constexpr int kBacklog = 256;
 
-  // Answers at once or later. [owning thread]
+  // Answers the exchange, at once or later. [owning thread]
   using Handler = std::function<void(const ExchangePtr& exchange)>;
 
   explicit HttpServer(Handler handler, HttpTimes times = {});
@@ -41,14 +41,14 @@ class HttpServer {
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
-  // Serves on a socket that listens. False: the library failed. [owning thread]
+  // Serves on a socket that listens. False if the library fails. [owning thread]
   [[nodiscard]] bool Start(file::Descriptor listener);
 
   // Readable when Run has something to do. [owning thread]
   [[nodiscard]] int Descriptor() const;
-  // How long to wait for that at most, in milliseconds. [owning thread]
+  // The longest time to wait for the descriptor, in milliseconds. [owning thread]
   [[nodiscard]] int TimeoutMs() const;
-  // Handles what has arrived. [owning thread]
+  // Handles the requests and the data that have arrived. [owning thread]
   void Run();
 
   struct Library;

@@ -52,7 +52,7 @@ std::optional<sockaddr_un> PathAddress(const std::string& path) {
   return address;
 }
 
-// Whether the path is a socket that refuses connections: its server was killed.
+// Whether the path is a socket that refuses connections, because its server was killed.
 bool IsAbandoned(const std::string& path, const sockaddr_un& address) {
   struct stat status = {};
   if (file::StatusOf(path.c_str(), status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISSOCK(status.st_mode)) return false;
@@ -97,7 +97,7 @@ Listener ListenOnLoopback(std::string_view address, int backlog) {
 Listener ListenOnPath(const std::string& path, int backlog) {
   const std::optional<sockaddr_un> address = PathAddress(path);
   if (!address.has_value()) return Refused("the path of the socket is empty or too long: \"" + path + "\"");
-  if (IsAbandoned(path, *address)) (void)file::Remove(path.c_str());  // if that fails, bind says so
+  if (IsAbandoned(path, *address)) (void)file::Remove(path.c_str());  // if this fails, bind reports it
   Listener listener;
   listener.socket = NewSocket(AF_UNIX);
   const bool is_open = listener.socket.IsOpen() && BindPrivate(listener.socket.Number(), *address) &&

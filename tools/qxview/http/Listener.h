@@ -1,5 +1,5 @@
-// The socket on which the server listens: an address of this machine's loopback network, or a Unix socket. No other
-// machine reaches it.
+// Opens the socket on which the server listens: an address of this machine's loopback network, or a Unix socket. No
+// other machine can connect to it.
 #pragma once
 
 #include <cstdint>
@@ -17,11 +17,12 @@ struct Listener {
   std::string problem;      // why there is no socket; empty if there is one
 };
 
-// `address`: "127.0.0.1:8070", "[::1]:8070"; port 0 is one that the system picks. Any other address is refused.
-// [any thread]
+// Listens on `address`: "127.0.0.1:8070", "[::1]:8070". For port 0 the system chooses a port. Any other address is
+// refused. [any thread]
 [[nodiscard]] Listener ListenOnLoopback(std::string_view address, int backlog);
 
-// A socket of mode 0600. Replaces a socket that nobody listens on any more, but no other file. [any thread]
+// Listens on a Unix socket of mode 0600. A socket on which nobody listens any more is replaced, but no other file. [any
+// thread]
 [[nodiscard]] Listener ListenOnPath(const std::string& path, int backlog);
 
 }  // namespace qx::view

@@ -1,4 +1,4 @@
-// A document as a reply.
+// Makes a reply from a document.
 #pragma once
 
 #include "tools/qxctl/cli/text/Json.h"
@@ -6,9 +6,9 @@
 
 namespace qx::view {
 
-// What the API returns is never kept by a browser.
+// A reply that no browser stores.
 [[nodiscard]] HttpReply ReplyOf(const ctl::Json& document);
-// The same with a document that is a text already.
+// The same for a document that is a text already.
 [[nodiscard]] HttpReply ReplyOf(HttpReply::Text document);
 
 }  // namespace qx::view

@@ -1,4 +1,4 @@
-// Headers of every reply: what a browser may do with it.
+// Headers of every reply, which limit what a browser does with it.
 #pragma once
 
 #include <utility>

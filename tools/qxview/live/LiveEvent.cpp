@@ -45,7 +45,7 @@ HttpReply::Text StreamPlace(const Cursors& cursors) {
   return std::make_shared<const std::string>("id: " + TextOf(cursors) + "\n");
 }
 
-// Names and cursors are our own texts without quotes; the documents are JSON already.
+// Names and cursors are texts of this program and have no quotes; the documents are JSON already.
 HttpReply ChangesReply(const std::vector<LiveNews>& news) {
   Cursors cursors;
   for (const LiveNews& each : news) {

@@ -1,4 +1,4 @@
-// What a page is sent without asking again.
+// The events that the server sends to a page.
 #pragma once
 
 #include <cstdint>
@@ -23,14 +23,14 @@ struct LiveEvent {
 // Sends one event to many streams; called in the thread of the source. [any thread]
 using Deliver = std::function<void(std::vector<StreamId> streams, LiveEvent event)>;
 
-// What is new of one source after a cursor, and the cursor after it.
+// The news of one source after a cursor, and the new cursor.
 struct LiveNews {
   std::string name;
   std::string cursor;
   std::vector<LiveEvent> events;
 };
 
-// The cursors of a stream by the names of its events. Their text is opaque for clients.
+// The cursors of a stream, by the names of its events. A client must not interpret their text.
 //
 //   "records=12-abc;overview=7f.3"   of a stream; a name that is missing has no cursor yet
 //   "12-abc"                         of a document: the cursor of the view's main events
@@ -38,7 +38,7 @@ using Cursors = std::map<std::string, std::string, std::less<>>;
 [[nodiscard]] std::string TextOf(const Cursors& cursors);
 [[nodiscard]] Cursors CursorsOf(const std::string& text, const std::string& main_name);
 
-// An event in the stream, after the line with the cursors.
+// The text of an event in the stream; it follows the line with the cursors.
 //   "event: records\ndata: {...}\n\n"
 [[nodiscard]] HttpReply::Text StreamText(const LiveEvent& event);
 //   "id: records=12-abc\n"

@@ -18,7 +18,7 @@ LiveEvent EventOf(const std::string& report, const RecordPage& page, const std::
           .data = std::make_shared<const std::string>(ctl::JsonLine(RecordsDocument(report, page, filter)))};
 }
 
-// Whether the records are news for a page that shows only those with the filter.
+// Whether the records are news for a page that shows only records with the filter.
 bool IsNews(const RecordPage& page, const std::string& filter) {
   if (page.error != 0) return false;
   if (page.is_reset || page.lost > 0 || page.omitted > 0) return true;
@@ -26,7 +26,7 @@ bool IsNews(const RecordPage& page, const std::string& filter) {
                      [&](const NumberedRecord& record) { return Shows(filter, ctl::TextOfRecord(record.text).text); });
 }
 
-// Leaves what is before a place: the later records come with the next event of the report.
+// Removes the records at and after a place: they come with the next event of the report.
 void CutAt(const Cursor& end, RecordPage& page) {
   if (page.cursor.next <= end.next) return;
   std::erase_if(page.records, [&](const NumberedRecord& record) { return record.number >= end.next; });
@@ -69,9 +69,9 @@ LiveNews LiveReports::Changes(const ReportWatch& watch) {
   return news;
 }
 
-// The first poll of a follower finds where the report ends, and sends nothing: no stream is entered yet, and Subscribe
-// sends what is new after the stream's own cursor. If the report is missing for a moment, because its agent starts it
-// over, the streams stay.
+// The first poll of a follower finds the end of the report and sends nothing: there is no stream yet, and Subscribe
+// sends the records after the stream's own cursor. A report may be missing for a moment, while its agent starts it
+// over; its streams stay.
 void LiveReports::Poll(Follower& follower) {
   if (!follower.tail.HasMoved()) return;
   const bool is_first = !follower.cursor.has_value();

@@ -30,14 +30,15 @@ class LiveReports {
 
   explicit LiveReports(Deliver deliver) : deliver_(std::move(deliver)) {}
 
-  // Sends what is new after the cursor at once, and from then on what comes. [owning thread]
+  // Sends the records after the cursor at once, and from then on new records. [owning thread]
   void Subscribe(StreamId stream, const ReportWatch& watch);
   void Unsubscribe(StreamId stream);
 
-  // What is new after the cursor. Without a cursor, no events: only the cursor of the report's end. [owning thread]
+  // The records after the cursor. Without a cursor there are no events, only the cursor of the report's end. [owning
+  // thread]
   [[nodiscard]] static LiveNews Changes(const ReportWatch& watch);
 
-  // Sends what is new; for Worker::Tick. [owning thread]
+  // Sends new records; for Worker::Tick. [owning thread]
   [[nodiscard]] std::optional<std::chrono::milliseconds> Tick();
 
  private:
@@ -45,7 +46,7 @@ class LiveReports {
     std::string report;
     RecordTail tail;
     std::optional<Cursor> cursor;         // after what all streams got; unset: the report could not be read yet
-    std::optional<std::int64_t> time_ms;  // of the last record that has one
+    std::optional<std::int64_t> time_ms;  // of the last record that has a time
     std::map<std::string, std::vector<StreamId>> streams;  // by filter
   };
 

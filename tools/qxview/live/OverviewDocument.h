@@ -1,4 +1,4 @@
-// The overview: a row of qxctl top for each report with what is wrong about it, worst first.
+// Writes the overview: for each report a row of qxctl top, with what is wrong about it, the worst first.
 #pragma once
 
 #include <cstdint>
@@ -18,17 +18,17 @@ struct OverviewView {
   std::string only;  // a report, the only one that is listed; empty: all
 };
 
-// Seconds since the newest record, if that is longer ago than allowed.
+// Seconds since the newest record, if it is older than `stale_seconds`; else unset.
 [[nodiscard]] std::optional<std::int64_t> SilenceOf(const ctl::TopRow& row, std::int64_t stale_seconds);
 
 // Seconds, at the current rate, until the ring is full, so that new records begin to replace old ones. For a full ring:
-// until all records that are in it now are replaced. Unset without a rate.
+// until all its present records are replaced. Unset without a rate.
 [[nodiscard]] std::optional<double> SecondsToWrap(const ctl::TopRow& row);
 
-// qxview-overview
+// The document qxview-overview.
 [[nodiscard]] ctl::Json OverviewDocument(const ctl::TopReports& reports, const OverviewView& view);
 
-// The same without what changes from second to second: for a comparison.
+// The overview without the values that change from second to second, to compare two overviews.
 [[nodiscard]] std::string OverviewContent(const ctl::TopReports& reports, const OverviewView& view);
 
 }  // namespace qx::view

@@ -12,7 +12,7 @@ HttpReply::Text Comment() {
   return kText;
 }
 
-// A page that lost its stream waits so many milliseconds before it connects again.
+// The first text of a stream: the milliseconds after which a page that lost its stream connects again.
 HttpReply::Text Beginning() {
   static const auto kText = std::make_shared<const std::string>("retry: 1000\n\n");
   return kText;

@@ -1,7 +1,7 @@
-// The event streams that are open, in the thread of the server.
+// Manages the open event streams, in the thread of the server.
 //
-// A page has one stream. The hub sends it what the sources deliver, and a comment every kComment when nothing comes:
-// that keeps proxies from closing it, and shows when the page is gone.
+// A page has one stream. The hub sends it the events of the sources. If there are no events, it sends a comment every
+// kComment, so that proxies do not close the stream, and so that a page that is gone is noticed.
 #pragma once
 
 #include <chrono>
@@ -25,12 +25,12 @@ class StreamHub {
 
   // Answers the exchange with a new stream. [owning thread]
   [[nodiscard]] StreamId Open(Exchange& exchange, Cursors cursors, Leave leave);
-  // Writes the first line of the stream. The page gets whatever happens from then on. [owning thread]
+  // Writes the first line of the stream. From then on the page gets every event. [owning thread]
   void Begin(StreamId stream);
   // [owning thread]
   void Send(const std::vector<StreamId>& streams, const LiveEvent& event);
   [[nodiscard]] std::size_t Count() const { return entries_.size(); }
-  // Sends comments that are due, and forgets streams whose page is gone. [owning thread]
+  // Sends the comments that are due, and removes the streams of pages that are gone. [owning thread]
   void Maintain(Clock::time_point now);
 
  private:

@@ -18,10 +18,10 @@ namespace {
 
 constexpr std::size_t kRunBytes = 4;
 constexpr std::chrono::milliseconds kFresh{500};  // a request gets a document that is not older than this
-constexpr std::chrono::seconds kUnused{60};       // a document that nobody follows or asks for is dropped
+constexpr std::chrono::seconds kUnused{60};       // a document that nobody follows or requests is dropped
 
-// All checks but that of the module. This process does not load it: the module would write trace files that belong to
-// the service.
+// Makes all checks except that of the module. This process does not load the module, because the module would write
+// trace files that belong to the service.
 std::string FindingsText(const SurveySettings& settings) {
   ctl::DoctorPlaces places;
   places.report_directory = settings.directory;

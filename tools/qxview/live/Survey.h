@@ -1,4 +1,4 @@
-// All reports of the directory, worst first, and doctor's findings: for pages that show them, once a second.
+// Surveys all reports of the directory, and doctor's findings, for the pages that show them.
 #pragma once
 
 #include <chrono>
@@ -29,16 +29,16 @@ class Survey {
 
   Survey(SurveySettings settings, Deliver deliver);
 
-  // qxview-overview of all reports, or with one report only. [owning thread]
+  // The document qxview-overview of all reports, or of one report only. [owning thread]
   [[nodiscard]] HttpReply Overview(const std::string& only);
   [[nodiscard]] HttpReply Findings();
 
-  // Sends the document at once, unless the page has it, and later whenever it changes. [owning thread]
+  // Sends the document at once, unless the page has it already, and again whenever it changes. [owning thread]
   void SubscribeOverview(StreamId stream, const std::string& only, const std::string& after);
   void SubscribeFindings(StreamId stream, const std::string& after);
   void Unsubscribe(StreamId stream);
 
-  // The document, unless the page has it. [owning thread]
+  // The document, unless the page has it already. [owning thread]
   [[nodiscard]] LiveNews OverviewChanges(const std::string& only, const std::string& after);
   [[nodiscard]] LiveNews FindingsChanges(const std::string& after);
 
@@ -46,7 +46,7 @@ class Survey {
   [[nodiscard]] std::optional<std::chrono::milliseconds> Tick();
 
  private:
-  // A document with the number of its version, and who follows it.
+  // A document, the number of its version, and the streams that follow it.
   struct Version {
     std::uint64_t number = 0;
     std::string content;  // the document without ages and rates; only a change of it is news

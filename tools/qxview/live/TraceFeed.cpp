@@ -33,7 +33,7 @@ LiveEvent EventOf(const TracePage& page) {
           .data = std::make_shared<const std::string>(ctl::JsonLine(TracesDocument(page)))};
 }
 
-// Leaves the newest entries of a page.
+// Keeps only the newest entries of a page.
 void Limit(TracePage& page) {
   if (page.items.size() <= TraceFeed::kEntriesMax) return;
   const std::size_t dropped = page.items.size() - TraceFeed::kEntriesMax;
@@ -63,7 +63,8 @@ TraceFeed::TraceFeed(std::string directory, Deliver deliver)
 
 std::string TraceFeed::CursorText() const { return run_ + "." + std::to_string(next_); }
 
-// The number of the entry after the cursor. Unset for a cursor of another run, or if the entries after it are not kept.
+// The number of the entry after the cursor. Unset for a cursor of another run, or if the entries after it are not kept
+// any more.
 std::optional<std::uint64_t> TraceFeed::NumberOf(const std::string& cursor) const {
   if (!cursor.starts_with(run_ + ".")) return std::nullopt;
   std::uint64_t number = 0;
@@ -92,8 +93,8 @@ void TraceFeed::Poll(bool searches) {
   Keep(std::move(items));
 }
 
-// The first search follows each file from its end on, because no page waits for older entries. A file that a later
-// search finds is new, and so are all its entries.
+// The first search follows each file from its end on, because no page waits for older entries. A later search follows a
+// new file from its beginning.
 void TraceFeed::Search() {
   searched_ = Clock::now();
   std::vector<std::string> names;
@@ -141,8 +142,8 @@ void TraceFeed::Send(const std::vector<TraceItem>& items) {
 
 // --- requests
 
-// An entry that is written while the files are read may be found there, by a follower, or by both; it is shown once. So
-// that this holds for the entries of new files, too, these are followed before anything is read from them.
+// An entry that is written while the files are read may come from the files, from a follower, or from both; it is shown
+// only once. For this to hold for new files, too, they are followed before any file is read.
 bool TraceFeed::Read(const TraceWish& wish, std::size_t count_max, TracePage& page) {
   Poll(true);
   const std::uint64_t before = next_;
@@ -176,7 +177,7 @@ TracePage TraceFeed::ReadAfter(const TraceWatch& watch) {
   if (watch.after.empty()) return page;
   const std::optional<std::uint64_t> number = NumberOf(watch.after);
   if (!number.has_value()) {
-    if (!Read(watch.wish, kEntriesMax, page)) page.is_reset = true;  // there is nothing any more
+    if (!Read(watch.wish, kEntriesMax, page)) page.is_reset = true;  // nothing can be read any more
     return page;
   }
   TraceChoice choice(watch.wish);
@@ -216,7 +217,7 @@ std::optional<std::chrono::milliseconds> TraceFeed::Tick() {
   if (!groups_.empty()) Poll();
   if (Clock::now() - used_ <= kUnused) return groups_.empty() ? kUnused : kPoll;
   followers_.clear();
-  next_ += 1;  // whoever comes back with an old cursor may have missed something
+  next_ += 1;  // a client with an old cursor may have missed entries
   kept_.clear();
   kept_bytes_ = 0;
   is_active_ = false;

@@ -1,8 +1,8 @@
 // Follows the trace files of a directory while pages show them.
 //
-// From the first request on, it keeps the newest entries that were written, so that a page that lost its stream misses
-// none. Older ones are read from the files when a page requests them. A log of more than kFollowedMax bytes is not
-// followed, because following needs a copy of it: its entries are only in what is read from the files.
+// From the first request on, the newest entries that are written are kept, so that a page that lost its stream misses
+// none of them. Older entries are read from the files when a page requests them. A log of more than kFollowedMax bytes
+// is not followed, because following needs a copy of it; its entries are only read from the file.
 #pragma once
 
 #include <chrono>
@@ -22,18 +22,18 @@ namespace qx::view {
 
 struct TraceWatch {
   TraceWish wish;     // without times
-  std::string after;  // a cursor; empty: from now on
+  std::string after;  // a cursor; empty: only entries that are written from now on
 };
 
 struct TracePage {
   std::string cursor;
   bool is_reset = false;
   std::uint64_t omitted = 0;
-  std::optional<TracePlace> oldest = {};  // before which there are more
+  std::optional<TracePlace> oldest = {};  // set if there are older entries before it
   std::vector<TraceItem> items;
 };
 
-// qxview-traces
+// The document qxview-traces.
 [[nodiscard]] ctl::Json TracesDocument(const TracePage& page);
 
 // Threads: one thread.
@@ -52,12 +52,13 @@ class TraceFeed {
 
   TraceFeed(std::string directory, Deliver deliver);
 
-  // The newest entries that pass; false: the directory cannot be read. Without trace files there are no entries.
+  // The newest entries that pass. False if the directory cannot be read; if it has no trace files, there are no
+  // entries.
   // [owning thread]
   [[nodiscard]] bool Read(const TraceWish& wish, std::size_t count_max, TracePage& page);
-  // The newest of the entries before a place. [owning thread]
+  // The newest of the entries before this place. [owning thread]
   [[nodiscard]] bool ReadBefore(const TracePlace& place, const TraceWish& wish, std::size_t count_max, TracePage& page);
-  // The entries after the cursor; if the cursor is not known any more, the newest entries. [owning thread]
+  // The entries after the cursor; the newest entries if the cursor is not known any more. [owning thread]
   [[nodiscard]] TracePage ReadAfter(const TraceWatch& watch);
 
   void Subscribe(StreamId stream, const TraceWatch& watch);

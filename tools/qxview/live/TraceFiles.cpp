@@ -25,7 +25,7 @@ using debug::TraceEntry;
 constexpr std::size_t kBytesMax = std::size_t{2} << 20;
 constexpr std::size_t kFilesMax = 64;
 
-// A file with its next entry.
+// A trace file that is read, with its next entry.
 class OpenTrace {
  public:
   explicit OpenTrace(std::string name) { item_.file = std::move(name); }
@@ -57,7 +57,7 @@ class OpenTrace {
 
 using OpenTraces = std::vector<std::unique_ptr<OpenTrace>>;
 
-// A file that cannot be read is left out: doctor reports it.
+// Opens all trace files. A file that cannot be read is left out; doctor reports it.
 int OpenAll(const std::string& directory, OpenTraces& traces) {
   std::error_code error;
   if (!std::filesystem::exists(directory, error) && !error) return ENOENT;
@@ -87,13 +87,13 @@ TracePlace PlaceOf(const TraceItem& item) {
   return {.order_ms = item.order_ms, .begin = item.entry.begin, .file = report::RecordHash(item.file)};
 }
 
-// Where a pass ends: at the entry of a place, or after its time.
+// The end of a pass: the entry of a place, or the first entry after a time.
 struct TraceEnd {
   std::optional<TracePlace> place;
   std::optional<std::int64_t> order_ms;
 };
 
-// The newest of what is added, within limits.
+// Keeps the newest of the entries that are added, within limits.
 class NewestTraces {
  public:
   NewestTraces(std::size_t count_max, ChosenTraces& chosen) : count_max_(count_max), chosen_(chosen) {}
@@ -115,7 +115,7 @@ class NewestTraces {
   std::size_t bytes_ = 0;
 };
 
-// `is_found`: the entry of the end's place was there.
+// Reads the entries before the end. `is_found`: whether the entry of the end's place is in the files.
 ChosenTraces ReadUntil(const std::string& directory, const TraceWish& wish, std::size_t count_max, const TraceEnd& end,
                        bool& is_found) {
   ChosenTraces chosen;

@@ -1,4 +1,4 @@
-// The entries of all trace files of a directory, merged in the order of time.
+// Reads the entries of all trace files of a directory, merged in the order of time.
 #pragma once
 
 #include <cstdint>
@@ -18,16 +18,16 @@ namespace qx::view {
 struct TraceItem {
   std::string file;
   debug::TraceEntry entry;
-  std::int64_t order_ms = 0;  // the time by which it is merged: that of the entry, or of the one before it in its file
+  std::int64_t order_ms = 0;  // the time for the order: that of the entry, or of the one before it in its file
 };
 
-// True for one entry that was read twice: the same text at the same place of the same file.
+// True for one entry that was read twice: it has the same text at the same place of the same file.
 [[nodiscard]] bool IsSame(const TraceItem& left, const TraceItem& right);
 
-// About how much memory an entry needs.
+// The approximate memory that an entry needs.
 [[nodiscard]] std::size_t BytesOf(const TraceItem& item);
 
-// Which entries are shown.
+// The entries that are shown.
 struct TraceWish {
   ctl::TraceSeverity severity = ctl::TraceSeverity::kNone;  // at least
   std::string filter;                                       // in the text, whatever the case of ASCII letters
@@ -35,7 +35,7 @@ struct TraceWish {
   std::optional<std::int64_t> to;
 };
 
-// Decides for one entry after the other. Lines that belong to an entry follow its choice.
+// Decides for one entry after the other whether it is shown. Lines that belong to an entry are shown with it.
 //
 // Threads: one thread.
 class TraceChoice {
@@ -60,18 +60,18 @@ struct TracePlace {
 };
 // "1769854830100.4096.e5ad9b1904074ddb"
 [[nodiscard]] std::string TextOf(const TracePlace& place);
-// Unset for any other text.
+// The place of such a text; unset for any other text.
 [[nodiscard]] std::optional<TracePlace> TracePlaceOf(std::string_view text);
 
-// The newest entries that pass, oldest first, within limits.
+// The newest entries that pass, the oldest of them first, within limits.
 struct ChosenTraces {
   int error = 0;  // of the directory; ENOENT: there is no trace file
   std::deque<TraceItem> items;
-  std::uint64_t omitted = 0;              // passing entries that are older than these
-  std::optional<TracePlace> oldest = {};  // of these, if older ones are omitted
+  std::uint64_t omitted = 0;              // entries that pass, but are older than these
+  std::optional<TracePlace> oldest = {};  // of these entries, if older ones are omitted
 };
-// With a place, only the entries before it. If the entry of the place was overwritten meanwhile, those that are not
-// later than it are taken, so entries of its own millisecond may come twice.
+// Reads the newest entries; with `before`, only entries before this place. If the entry of the place was overwritten
+// meanwhile, all entries up to its millisecond are read, so entries of this millisecond may come twice.
 [[nodiscard]] ChosenTraces ReadTraces(const std::string& directory, const TraceWish& wish, std::size_t count_max,
                                       const std::optional<TracePlace>& before = std::nullopt);
 

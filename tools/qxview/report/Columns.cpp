@@ -34,7 +34,8 @@ void Columns::Add(std::int64_t place, double value) {
   if (columns_.size() > kCountMax) Halve();
 }
 
-// Doubles the width of the columns until there are few enough. If places are far apart, one step may join none.
+// Doubles the width of the columns until there are few enough. If the places are far apart, one doubling may not join
+// any.
 void Columns::Halve() {
   constexpr int kShiftMax = 62;
   while (columns_.size() > kCountMax && shift_ < kShiftMax) {

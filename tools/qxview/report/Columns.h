@@ -1,8 +1,8 @@
-// The values of one field over time, reduced: minimum, maximum and last of each column.
+// Reduces the values of one field over time to the minimum, maximum and last value of each column.
 //
 // A column covers a fixed number of milliseconds or, without times, of records. When there are too many columns, each
-// two neighbours become one, so any number of values needs the same memory, and no spike is lost. Everything here is
-// pure.
+// two neighbours become one column. So any number of values needs the same memory, and no peak is lost. Everything here
+// is pure.
 #pragma once
 
 #include <cstddef>
@@ -13,16 +13,16 @@
 
 namespace qx::view {
 
-// What a chart draws at one place.
+// The values of a chart at one place.
 struct Column {
-  std::int64_t first = 0;  // the smallest place of a value in it: milliseconds, or a record's number
-  std::int64_t place = 0;  // of its last value
+  std::int64_t first = 0;  // the smallest place of a value in the column: milliseconds, or a record's number
+  std::int64_t place = 0;  // of the last value
   double min = 0;
   double max = 0;
   double last = 0;
 };
 
-// Both ends are part of the range.
+// A range of places; both ends are part of it.
 struct PlaceRange {
   std::int64_t from = std::numeric_limits<std::int64_t>::min();
   std::int64_t to = std::numeric_limits<std::int64_t>::max();
@@ -37,7 +37,7 @@ class Columns {
 
   // Adds a value; most come in the order of places. [owning thread]
   void Add(std::int64_t place, double value);
-  // Leaves out the columns that are wholly before `place`. [owning thread]
+  // Removes the columns whose values are all before `place`. [owning thread]
   void DropBefore(std::int64_t place);
 
   // The milliseconds, or the records, that a column covers. [owning thread]

@@ -1,9 +1,9 @@
-// A place in a report: directly before the record with the number `next`. `hash` is that of the record before the
+// A place in a report: directly before the record with the number `next`. `hash` is the hash of the record before this
 // place.
 //
-// The number of a record is how many records the report had before it. A report that was started over counts from 0
-// again, in the same files; a hash shows whether a number still means the same record. After 2^32 records the count of
-// the files begins again, and readers take that for a new report.
+// The number of a record is the number of records that the report had before it. A report that was started over counts
+// from 0 again, in the same files; the hash shows whether a number still means the same record. After 2^32 records the
+// count of the files begins again; readers treat this as a new report.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ struct Cursor {
 
 // "1204-e5ad9b1904074ddb"
 [[nodiscard]] std::string TextOf(const Cursor& cursor);
-// Unset for any other text.
+// The cursor of such a text; unset for any other text.
 [[nodiscard]] std::optional<Cursor> CursorOf(std::string_view text);
 
 // The numbers of the records in a ring: from `begin` up to, but not including `end`.
@@ -33,7 +33,7 @@ struct RecordNumbers {
   std::uint64_t end = 0;
 };
 
-// For a header with a plausible ring.
+// `header` must have a plausible ring.
 [[nodiscard]] RecordNumbers NumbersOf(const report::IndexHeader& header);
 
 }  // namespace qx::view

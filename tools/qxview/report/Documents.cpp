@@ -31,7 +31,7 @@ Json ToJson(const ChartRow& row, std::size_t fields) {
   return {{"timeMs", row.place}, {"values", std::move(values)}};
 }
 
-// What follows the digits of a number: "12%" => "%".
+// The text after the digits of a number: "12%" => "%".
 std::string UnitOf(std::string_view value) {
   const std::size_t end = value.find_last_of("0123456789.");
   return std::string(value.substr(end == std::string_view::npos ? value.size() : end + 1));

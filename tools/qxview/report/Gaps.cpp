@@ -13,7 +13,7 @@ constexpr std::int64_t kTimesUsual = 3;
 
 bool IsLonger(const Gap& left, const Gap& right) { return left.to - left.from > right.to - right.from; }
 
-// The smallest i with 2^i >= length_ms.
+// The smallest i for which 2^i is at least length_ms.
 std::size_t SizeOf(std::int64_t length_ms) {
   return static_cast<std::size_t>(std::bit_width(static_cast<std::uint64_t>(length_ms) - 1));
 }
@@ -33,7 +33,7 @@ void Pauses::Add(std::int64_t time_ms) {
   longest_.pop_back();
 }
 
-// A length that the `count` shortest pauses do not exceed: a power of two.
+// A length, a power of two, that is not exceeded by the `count` shortest pauses.
 std::int64_t Pauses::LengthOfPart(std::uint64_t count) const {
   std::uint64_t seen = 0;
   std::size_t size = 0;
@@ -42,7 +42,7 @@ std::int64_t Pauses::LengthOfPart(std::uint64_t count) const {
 }
 
 std::int64_t Pauses::GapMs() const {
-  constexpr std::uint64_t kSomeMax = 3;  // up to so many long pauses are gaps, not pauses between bursts
+  constexpr std::uint64_t kSomeMax = 3;  // more long pauses than this are pauses between bursts, not gaps
   const std::int64_t usual = LengthOfPart(count_ - count_ / 10);
   const std::int64_t gap = std::max(kGapMsMin, usual > INT64_MAX / kTimesUsual ? INT64_MAX : kTimesUsual * usual);
   const auto is_long = [&](const Gap& pause) { return pause.to - pause.from > gap; };

@@ -1,8 +1,8 @@
-// The times in which no record came, although records came often before and after.
+// Finds the gaps in a report: times without records, although records came often before and after.
 //
-// The report itself shows what is usual: nine of ten pauses between its records are not longer than the usual pause. A
-// pause is a gap if it is longer than three usual ones, and longer than two seconds. If there are many such pauses,
-// records come in bursts, and the pauses between bursts are no gaps.
+// The usual pause of a report comes from its records: nine of ten pauses between them are not longer. A pause is a gap
+// if it is longer than three usual ones and longer than two seconds. If there are many such pauses, records come in
+// bursts, and the pauses between bursts are not gaps.
 #pragma once
 
 #include <array>
@@ -22,10 +22,10 @@ struct Gap {
 // Threads: one thread.
 class Pauses {
  public:
-  // The next record has this time. [owning thread]
+  // Adds the time of the next record. [owning thread]
   void Add(std::int64_t time_ms);
 
-  // In the order of times. [owning thread]
+  // The gaps in the order of time. [owning thread]
   [[nodiscard]] std::vector<Gap> Gaps() const;
 
  private:

@@ -1,4 +1,4 @@
-// The indexes of the reports that pages show, within a limit of memory.
+// Keeps the indexes of the reports that pages show, within a limit of memory.
 #pragma once
 
 #include <chrono>
@@ -11,15 +11,15 @@
 namespace qx::view {
 
 // Threads: one thread.
-// Owns: the indexes; those not used for longest are dropped first. The most recently used index is never dropped.
+// Owns: the indexes. The least recently used ones are dropped first; the most recently used one is never dropped.
 class IndexCache {
  public:
   static constexpr std::size_t kBytesMax = std::size_t{20} << 20;
   static constexpr std::chrono::minutes kUnusedMax{5};
 
-  // The index of the report, made if it is missing. Valid until the next call. [owning thread]
+  // The index of the report; it is made if it is missing. Valid until the next call. [owning thread]
   [[nodiscard]] ReportIndex& IndexOf(const std::string& base_path);
-  // Drops indexes beyond kBytesMax, and those not used for kUnusedMax. [owning thread]
+  // Drops indexes above kBytesMax, and those that were not used for kUnusedMax. [owning thread]
   void Trim();
 
  private:

@@ -16,7 +16,7 @@ using report::IndexHeader;
 
 constexpr std::size_t kPageBytesMax = std::size_t{1} << 20;
 
-// The two files of a report, opened once for one page.
+// The two files of a report, opened for one page of records.
 class OpenStore {
  public:
   explicit OpenStore(const std::string& base_path) {
@@ -33,7 +33,7 @@ class OpenStore {
   [[nodiscard]] int Error() const { return error_; }
   [[nodiscard]] const RecordNumbers& Numbers() const { return numbers_; }
 
-  // False: the record is not there any more, or cannot be read.
+  // False if the record does not exist any more, or cannot be read.
   [[nodiscard]] bool Read(std::uint64_t number, std::string& text) {
     const auto age = static_cast<std::uint32_t>(number - numbers_.begin);
     bool is_too_long = false;
@@ -58,8 +58,8 @@ class OpenStore {
   int error_ = 0;
 };
 
-// False if the report was started over since the cursor was made, as far as the files show: if the record before the
-// cursor has left the ring, it cannot be compared, and the result is true.
+// False if the report was started over since the cursor was made, as far as the files show this. If the record before
+// the cursor has left the ring, it cannot be compared, and the result is true.
 bool Continues(OpenStore& store, const Cursor& cursor) {
   if (cursor.next > store.Numbers().end) return false;
   const bool can_compare = cursor.hash != 0 && cursor.next > store.Numbers().begin;
@@ -70,11 +70,11 @@ void ReadRecords(OpenStore& store, std::uint64_t first, RecordPage& page) {
   std::size_t bytes = 0;
   NumberedRecord record;
   for (record.number = first; record.number < store.Numbers().end; ++record.number) {
-    if (!store.Read(record.number, record.text)) continue;  // its writer was faster
+    if (!store.Read(record.number, record.text)) continue;  // its writer has overwritten it
     bytes += record.text.size();
     page.records.push_back(record);
   }
-  // If the texts are too long together, the newest records are kept.
+  // If the texts together are too long, only the newest records are kept.
   std::size_t dropped = 0;
   for (; bytes > kPageBytesMax && dropped + 1 < page.records.size(); ++dropped) {
     bytes -= page.records[dropped].text.size();

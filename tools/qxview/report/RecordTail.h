@@ -1,6 +1,6 @@
-// The newest records of a report: those after a cursor, or the last ones. Reads nothing else.
+// Reads the newest records of a report: those after a cursor, or the last ones. It reads no other records.
 //
-// For whoever follows a report: HasMoved costs two system calls.
+// Those who follow a report call HasMoved first, which costs two system calls.
 #pragma once
 
 #include <sys/stat.h>
@@ -27,8 +27,8 @@ struct RecordPage {
   Cursor cursor;                                 // after the last record of the report
   bool is_reset = false;                         // the records do not continue after the cursor
   std::uint64_t lost = 0;                        // records after the cursor that the ring has overwritten
-  std::optional<std::int64_t> time_before = {};  // of the record before the first one, if that is known
-  std::uint64_t omitted = 0;                     // records of the ring that are left out, because there are too many
+  std::optional<std::int64_t> time_before = {};  // of the record before the first one, if it is known
+  std::uint64_t omitted = 0;                     // records of the ring that are left out because of the limits
   std::vector<NumberedRecord> records;
 };
 
@@ -40,10 +40,10 @@ class RecordTail {
 
   explicit RecordTail(std::string base_path) : base_path_(std::move(base_path)) {}
 
-  // Whether there may be records that no page has had yet. [owning thread]
+  // Whether there may be records that Read has not returned yet. [owning thread]
   [[nodiscard]] bool HasMoved();
 
-  // The records after the cursor, at most the newest `count_max` of them; without a cursor the newest ones.
+  // The records after the cursor, at most the newest `count_max` of them; without a cursor, the newest records.
   // [owning thread]
   [[nodiscard]] RecordPage Read(const std::optional<Cursor>& after, std::uint32_t count_max);
 

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::uint64_t kBlockRecords = 1024;
 constexpr std::uint32_t kReadRecords = 4096;  // of one read
-constexpr std::uint32_t kProbedRecords = 64;  // the newest ones show whether records have stamps
+constexpr std::uint32_t kProbedRecords = 64;  // the newest records, which show whether records have stamps
 constexpr std::int64_t kFineness = 2;         // a drawn column is at least this many times as wide as a kept one
 
 std::uint64_t HashOf(const PassedRecord& record) {
@@ -29,7 +29,7 @@ void AddValue(const PassedRecord& record, NamedField& field) {
   if (record.place.has_value() && value.has_value()) field.second.columns.Add(*record.place, *value);
 }
 
-// Adds a value to the columns of a drawn chart, which are at equal distances.
+// Adds a value to the columns of a drawn chart. All these columns are equally wide.
 void AddTo(Drawing& drawing, std::size_t field, const Column& column) {
   std::vector<ChartRow>& rows = drawing.chart.rows;
   ChartRow& row = rows[ColumnOf(column.place, drawing.chart.range, rows.size())];
@@ -53,7 +53,7 @@ std::uint64_t NewRun() {
 ReportIndex::ReportIndex(std::string base_path, std::uint64_t step_records)
     : base_path_(std::move(base_path)), step_records_(step_records), run_(NewRun()) {}
 
-// --- keeping up with the report
+// --- reading new records
 
 Error ReportIndex::TakeSnapshot() {
   time_.now_ms = ctl::NowMs();
@@ -86,7 +86,7 @@ void ReportIndex::Forget() {
   fields_.clear();
 }
 
-// Finds out whether the snapshot has the records of this index, perhaps with more after them.
+// Finds out whether the snapshot continues the records of this index.
 Error ReportIndex::Continues(bool& continues) const {
   const std::uint64_t end = EndOf(*snapshot_);
   continues = is_known_ && cursor_.next <= end;
@@ -106,7 +106,7 @@ Error ReportIndex::FindPlaceKind() {
   return error;
 }
 
-// Enters, as far as the budget goes, the records that the work needs. It begins again if the report was started over.
+// Adds, within the budget, the records that the work needs. If the report was started over, the index begins again.
 Error ReportIndex::CatchUp(IndexWork& work, const std::vector<std::string>& fields) {
   if (work.run == 0 || snapshot_ == nullptr) {
     if (Error error = TakeSnapshot(); error.Failed()) return error;
@@ -140,8 +140,8 @@ std::vector<ReportIndex::FieldRef> ReportIndex::UseFields(const std::vector<std:
   return used;
 }
 
-// Reads the values that are in records before the cursor: those of fields that were not requested before. Each pass is
-// for the fields that lack most.
+// Reads the values of records before the cursor, for fields that were not requested before. Each pass is for the fields
+// that lack most values.
 Error ReportIndex::ReadOldValues(const std::vector<FieldRef>& fields) {
   while (budget_ > 0) {
     std::uint64_t from = cursor_.next;
@@ -169,7 +169,8 @@ Error ReportIndex::ReadOldValues(const std::vector<FieldRef>& fields) {
   return {};
 }
 
-// Enters records up to, but not including the number `end`. Values are entered of the fields that have those before.
+// Adds records up to, but not including the number `end`. A value is added for the fields that have the values before
+// it.
 Error ReportIndex::TakeNew(std::uint64_t end) {
   const std::uint64_t from = std::max(cursor_.next, begin_);
   const std::uint64_t to = std::min(std::max(from, end), from + budget_);
@@ -204,7 +205,7 @@ void ReportIndex::Enter(const PassedRecord& record, const std::vector<FieldRef>&
   for (const FieldRef field : fields) AddValue(record, *field);
 }
 
-// Drops what the ring has overwritten. Some records of the first block may be left.
+// Drops the records that the ring has overwritten. Some of them may stay in the first block.
 Error ReportIndex::DropOld() {
   DropUnusedFields();
   while (blocks_.size() > 1 && blocks_[1].first <= begin_) blocks_.pop_front();
@@ -233,7 +234,7 @@ void ReportIndex::DropUnusedFields() {
 
 // --- passes over records
 
-// Passes the records from number `from` up to, but not including `to`. `place`: the place of the record before them.
+// Passes the records from number `from` up to, but not including `to`. `place`: the place of the record before `from`.
 Error ReportIndex::Pass(std::uint64_t from, std::uint64_t to, std::optional<std::int64_t> place,
                         const Take& take) const {
   const std::uint64_t oldest = EndOf(*snapshot_) - snapshot_->Count();
@@ -257,7 +258,7 @@ Error ReportIndex::Pass(std::uint64_t from, std::uint64_t to, std::optional<std:
   return {};
 }
 
-// Passes, as far as the budget goes, the records of a range; reads only the blocks that can have some.
+// Passes, within the budget, the records of a range; only the blocks that can have such records are read.
 Error ReportIndex::PassBlocks(IndexWork& work, const PlaceRange& range, const Take& take) {
   const PlaceRange every;
   const bool is_all = range.from == every.from && range.to == every.to;
@@ -290,8 +291,8 @@ std::optional<PlaceRange> ReportIndex::All() const {
   return all;
 }
 
-// Whether the kept columns are too coarse for the drawn ones. Nine tenths of a report or more are always drawn from the
-// kept columns.
+// Whether the kept columns are too coarse for the drawn ones. If the range is more than nine tenths of the report, the
+// kept columns are always used.
 bool ReportIndex::NeedsRecords(const ChartRequest& request, const PlaceRange& range, const PlaceRange& all) const {
   const double drawn = static_cast<double>(range.to) - static_cast<double>(range.from) + 1;
   const double kept = static_cast<double>(all.to) - static_cast<double>(all.from) + 1;

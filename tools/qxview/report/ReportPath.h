@@ -1,4 +1,4 @@
-// The files of a report that a client names.
+// Finds the files of a report that a client names.
 #pragma once
 
 #include <optional>

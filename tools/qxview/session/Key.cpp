@@ -28,7 +28,8 @@ std::string HexOf(std::span<const unsigned char> bytes) {
 
 std::string Because(const std::string& what, int error) { return what + ": " + std::strerror(error); }
 
-// Makes the directory and those above it. If that fails, the file cannot be made either, and that is reported.
+// Makes the directory and those above it. Failures are ignored: then the file cannot be made either, and this is
+// reported.
 void MakeDirectories(const std::string& directory) {
   const std::string parent = file::DirectoryOf(directory);
   struct stat status = {};

@@ -1,9 +1,9 @@
-// Whether a request comes from our own page at an address that is ours.
+// Checks whether a request comes from a page of this server, at an address of this server.
 //
 // Another site can make its name lead to this machine (DNS rebinding). So the name in the Host header is compared with
 // a list: the names of the loopback network with any port, because ssh -L changes the port, and the names that the
-// operator gives for a proxy. Browsers say which page sends a request (Origin, Sec-Fetch-Site); only our own page may
-// ask for data.
+// operator gives for a proxy. Browsers say which page sends a request (Origin, Sec-Fetch-Site); only a page of this
+// server may request data.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@ namespace qx::view {
 
 enum class OriginVerdict {
   kOurs,
-  kForeignHost,    // the Host header names another machine, or nothing
+  kForeignHost,    // the Host header names another machine, or is missing
   kForeignOrigin,  // a page of another origin sent the request
 };
 
@@ -27,7 +27,7 @@ class OriginRules {
   // "reports.example.org", "reports.example.org:8443".
   explicit OriginRules(std::vector<std::string> hosts) : hosts_(std::move(hosts)) {}
 
-  // `is_page`: a page may be opened from anywhere, because it has no data. [any thread]
+  // `is_page`: the request is for a page, which may be opened from anywhere, because it has no data. [any thread]
   [[nodiscard]] OriginVerdict Check(const HttpRequest& request, bool is_page) const;
 
  private:
@@ -36,7 +36,7 @@ class OriginRules {
   std::vector<std::string> hosts_;
 };
 
-// The port of a Host header; "80" without one.
+// The port of a Host header; "80" if it has no port.
 //   "localhost:9000" => "9000"    "[::1]" => "80"
 [[nodiscard]] std::string PortOfHost(std::string_view host);
 

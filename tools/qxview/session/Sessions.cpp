@@ -23,7 +23,7 @@ std::optional<std::int64_t> ExpiryOf(std::string_view head) {
   return is_number ? std::optional(expiry) : std::nullopt;
 }
 
-// Takes the part before the separator off the text.
+// Removes the part before the separator, and the separator, from the text, and returns the part.
 std::string_view TakePart(std::string_view& text, char separator) {
   const std::size_t end = std::min(text.find(separator), text.size());
   const std::string_view part = text.substr(0, end);

@@ -1,4 +1,5 @@
-// Who may ask: a token that is printed at start, and the signed cookie that a browser gets for it.
+// Decides who may request data: checks the token that is printed at the start, and the signed cookie that a browser
+// gets for it.
 //
 //   token    64 hexadecimal digits; valid once, for five minutes
 //   cookie   "1.EXPIRY.NONCE.MAC": the time in seconds since 1970 until which it is valid, 16 random digits, and the
@@ -24,9 +25,9 @@ class Sessions {
 
   explicit Sessions(const KeyBytes& key) : key_(key) {}
 
-  // A new token, in place of the one before. Empty: there are no random numbers. [owning thread]
+  // Makes a new token, which replaces the earlier one. Empty: there are no random numbers. [owning thread]
   [[nodiscard]] std::string NewToken(std::int64_t steady_s);
-  // True once. [owning thread]
+  // Whether this is the token. A token is accepted only once. [owning thread]
   [[nodiscard]] bool TakeToken(std::string_view token, std::int64_t steady_s);
 
   // The value of a new cookie. Empty: there are no random numbers. [owning thread]
@@ -39,7 +40,7 @@ class Sessions {
   [[nodiscard]] std::string Mac(const std::string& name, std::string_view head) const;
 
   KeyBytes key_;
-  std::string token_;  // empty: none is valid
+  std::string token_;  // empty: no token is valid
   std::int64_t token_end_s_ = 0;
 };
 

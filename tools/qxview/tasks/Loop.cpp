@@ -17,12 +17,12 @@ void Loop::Post(Task task) {
   }
   const std::uint64_t one = 1;
   const std::string_view bytes(reinterpret_cast<const char*>(&one), sizeof one);
-  (void)file::WriteOnce(event_.Number(), bytes);  // it is full: then it is readable already
+  (void)file::WriteOnce(event_.Number(), bytes);  // if it is full, it is readable already
 }
 
 void Loop::RunPosted() {
   std::uint64_t count = 0;
-  (void)file::ReadSome(event_.Number(), &count, sizeof count);  // it is empty: then nothing was posted
+  (void)file::ReadSome(event_.Number(), &count, sizeof count);  // if it is empty, nothing was posted
   std::vector<Task> tasks;
   {
     const std::lock_guard guard(lock_);

@@ -1,4 +1,4 @@
-// The main thread's list of things to do, to which every thread may add.
+// The main thread's list of tasks, to which every thread may add.
 #pragma once
 
 #include <functional>
@@ -16,12 +16,12 @@ class Loop {
 
   Loop();
 
-  // Runs the task in the main thread, soon. [any thread]
+  // Adds a task, which the main thread runs soon. [any thread]
   void Post(Task task);
 
-  // Readable when there is something to do. [owning thread]
+  // Readable when there are tasks. [owning thread]
   [[nodiscard]] int Descriptor() const { return event_.Number(); }
-  // Runs what was posted. [owning thread]
+  // Runs the tasks that were posted. [owning thread]
   void RunPosted();
 
  private:

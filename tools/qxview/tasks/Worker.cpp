@@ -39,7 +39,8 @@ void Worker::Add(Task task) {
   change_.notify_one();
 }
 
-// False: the thread is to end. No task: the tick is due, or a long task has its next step.
+// Waits for the next task. False if the thread must end. If `next` has no task, the tick or a step of a long task is
+// due.
 bool Worker::Wait(Waiting& next) {
   std::unique_lock guard(lock_);
   const auto has_work = [this] { return is_ending_ || !tasks_.empty() || !long_tasks_.empty(); };
@@ -57,7 +58,7 @@ bool Worker::Wait(Waiting& next) {
   return true;
 }
 
-// A step that runs out of memory is the last one.
+// Runs a step of a long task. If it runs out of memory, the task is dropped.
 void Worker::RunStep(Steps steps, bool is_last_of_turn) {
   bool is_done = true;
   try {
@@ -72,7 +73,7 @@ void Worker::RunStep(Steps steps, bool is_last_of_turn) {
   --client_tasks_;
 }
 
-// A task that is alone keeps its turn.
+// Runs the next step of the long task that has the turn. If it is the only long task, it keeps the turn.
 void Worker::RunLongTask() {
   if (long_tasks_.empty()) return;
   Steps steps = std::move(long_tasks_.front());
@@ -94,7 +95,7 @@ void Worker::RunTick() {
   due_ = pause.has_value() ? std::optional(Clock::now() + *pause) : std::nullopt;
 }
 
-// A task that runs out of memory is dropped: its client waits until it gives up.
+// Runs tasks until the end. A task that runs out of memory is dropped; its client waits until its own timeout.
 void Worker::Run() {
   for (;;) {
     try {

@@ -1,6 +1,6 @@
 // A thread that runs one task after the other and, between them, a tick whenever it is due.
 //
-// A long task is done in steps. New tasks come before its next step, so none of them waits for more than a step.
+// A long task is done in steps. New tasks run before its next step, so none of them waits for longer than a step.
 #pragma once
 
 #include <chrono>
@@ -18,11 +18,11 @@ namespace qx::view {
 class Worker {
  public:
   using Task = std::function<void()>;
-  // Runs what is due, and returns how long to wait until it is to be called again; unset: until after the next task.
+  // Does what is due, and returns the time until its next call; unset: it is called after the next task.
   using Tick = std::function<std::optional<std::chrono::milliseconds>()>;
 
-  // Does the next step of a long task, and returns whether that was its last one. After the last step of a turn,
-  // another long task has the next step.
+  // Does the next step of a long task, and returns whether it was the last step of the task. After the last step of a
+  // turn, another long task gets the turn.
   using Steps = std::function<bool(bool is_last_of_turn)>;
 
   static constexpr int kTurnSteps = 128;
@@ -33,11 +33,12 @@ class Worker {
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
 
-  // A task for a client; false if too many tasks wait. [any thread]
+  // Adds a task for a client; false if too many tasks wait. [any thread]
   [[nodiscard]] bool Post(Task task);
-  // The same for a long task. [any thread]
+  // Adds a long task for a client; false if too many tasks wait. [any thread]
   [[nodiscard]] bool PostSteps(Steps steps);
-  // A task of our own, which is never refused; it may change what is due, so the tick comes after it. [any thread]
+  // Adds a task of the program itself, which is never refused. The tick runs after it, because the task may change what
+  // is due. [any thread]
   void Add(Task task);
 
  private:
@@ -59,11 +60,11 @@ class Worker {
 
   Tick tick_;
   std::optional<Clock::time_point> due_;
-  std::deque<Steps> long_tasks_;  // that have begun; the first one has the turn; only the thread uses them
-  int turn_steps_ = 0;            // of this turn
-  std::mutex lock_;               // of the three members after it
+  std::deque<Steps> long_tasks_;  // long tasks that have begun; the first one has the turn; used by the thread only
+  int turn_steps_ = 0;            // steps of the present turn
+  std::mutex lock_;               // protects the three members after it
   std::deque<Waiting> tasks_;
-  std::size_t client_tasks_ = 0;  // of them and of the long tasks
+  std::size_t client_tasks_ = 0;  // tasks of clients in tasks_ and long_tasks_
   bool is_ending_ = false;
   std::condition_variable change_;
   std::thread thread_;  // the last member: it uses the others

@@ -1,4 +1,4 @@
-// Requests to the server. Each failure is an ApiError; `kind` decides what the page shows.
+// Sends requests to the server. Each failure is an ApiError, whose `kind` decides what the page shows.
 
 export class ApiError extends Error {
   // kind: "session" (log in again), "connection" (no answer), "refused" (an error document)
@@ -10,7 +10,8 @@ export class ApiError extends Error {
   }
 }
 
-// Parameters are [name, value] pairs; values of null and "" are left out. A report is encoded already.
+// Parameters are [name, value] pairs; those with the value null or "" are left out. The name of a report is encoded
+// already.
 export function pathOf(name, parameters = []) {
   const parts = parameters
     .filter(([, value]) => value !== null && value !== undefined && value !== "")

@@ -1,5 +1,5 @@
-// What pointer and keys do on a chart: point, drag to zoom, drag with shift or one finger to pan, pinch, and the same by
-// keys. The chart itself changes only when the address does.
+// Handles pointer and keys on a chart: point, drag to zoom, drag with shift or one finger to pan, pinch, and the same
+// with keys. A gesture changes the address; the chart follows the address.
 
 import { movedSpan, scaledSpan } from "./span.js";
 
@@ -45,7 +45,7 @@ export class ChartGestures {
   move(event) {
     if (!this.ready) return;
     const x = this.xOf(event);
-    if (!this.drag && this.pointers.size > 0) return;  // one finger of a pinch is left
+    if (!this.drag && this.pointers.size > 0) return;  // one finger of a pinch is still down
     if (!this.drag) return this.actions.hover(this.snapped(x));
     this.pointers.set(event.pointerId, x);
     if (Math.abs(x - this.drag.x) > dragPixels) this.drag.moved = true;
@@ -95,7 +95,7 @@ export class ChartGestures {
     if (to - from >= 1) this.actions.zoom({ from: Math.floor(from), to: Math.max(Math.ceil(to), Math.floor(from) + 10) });
   }
 
-  // The browser takes over the finger, to scroll the page.
+  // The browser takes over the gesture, to scroll the page.
   abandon(event) {
     if (this.drag?.preview) this.preview(this.drag.span);
     this.cancel(event);

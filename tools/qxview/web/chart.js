@@ -1,7 +1,8 @@
-// The chart of a report: lines drawn by dygraphs, everything else by this page (pointer, keys, cursor, legend), because
-// the library's own legend and titles set HTML, and its own gestures leave no address.
+// The chart of a report. dygraphs draws the lines; this page does everything else (pointer, keys, cursor, legend),
+// because the library's own legend and titles set HTML, and its own gestures do not change the address.
 //
-// Fields of one unit and size share a plot. Others have a plot of their own below it, with the same time axis.
+// Fields of the same unit and size share a plot. Other fields have a plot of their own below it, with the same time
+// axis.
 
 import { ChartGestures } from "./chart-gestures.js";
 import { element, setAttribute } from "./dom.js";
@@ -133,7 +134,7 @@ export class Chart {
     this.mark(this.time ?? null);
   }
 
-  // Pixels from the left edge of the chart, and back.
+  // Converts a time to pixels from the left edge of the chart, and back.
   timeAt(x) {
     const { from, to } = this.content.span;
     return Math.min(to, Math.max(from, this.graphs[0].toDataXCoord(x)));
@@ -197,14 +198,15 @@ export class Chart {
   }
 }
 
-// The parts of the library that set HTML and inline styles are never used, and so never created.
+// These plugins of the library set HTML and inline styles, so they are not used and not created.
 export function prepareLibrary() {
   const { Dygraph } = globalThis;
   const { Legend, ChartLabels, RangeSelector, Annotations } = Dygraph.Plugins;
   Dygraph.PLUGINS = Dygraph.PLUGINS.filter((plugin) => ![Legend, ChartLabels, RangeSelector, Annotations].includes(plugin));
 }
 
-// A line from the lowest to the highest value of each pixel column: a single peak among many records is seen.
+// Draws a line from the lowest to the highest value of each pixel column, so that a single peak among many records is
+// visible.
 function plotRanges({ drawingContext, color, plotArea, points }) {
   const place = (share) => plotArea.y + plotArea.h * share;
   drawingContext.save();

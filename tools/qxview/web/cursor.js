@@ -1,4 +1,4 @@
-// The time that chart, records and traces point at together. A pinned time stays when the pointer leaves.
+// The time that chart, records and traces show together. A pinned time stays when the pointer leaves.
 
 export class TimeCursor {
   constructor() {

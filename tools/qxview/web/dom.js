@@ -23,7 +23,7 @@ function fill(node, properties, children) {
   return node;
 }
 
-// An unchanged text stays untouched, so that a selection in it survives.
+// A text that has not changed is not set again, so that a selection in it stays.
 export function setText(node, text) {
   if (node.textContent !== text) node.textContent = text;
 }
@@ -33,7 +33,8 @@ export function setAttribute(node, name, value) {
   else if (node.getAttribute(name) !== String(value)) node.setAttribute(name, value);
 }
 
-// Makes `nodes` the children of `parent` in this order. Nodes that are in place are not moved, so focus stays.
+// Makes `nodes` the children of `parent` in this order. Nodes that are at their place already are not moved, so focus
+// stays.
 export function setChildren(parent, nodes) {
   let next = parent.firstChild;
   for (const node of nodes) {
@@ -47,7 +48,7 @@ export function setChildren(parent, nodes) {
   }
 }
 
-// Calls `run` at most once in `milliseconds`, and always after the last request.
+// Calls `run` at most once in `milliseconds`, and always once after the last request.
 export function throttled(milliseconds, run) {
   let timer = 0;
   let last = 0;

@@ -1,4 +1,4 @@
-// Times, durations and numbers as people read them.
+// Writes times, durations and numbers for people.
 
 const pad = (number, digits = 2) => String(number).padStart(digits, "0");
 
@@ -33,13 +33,13 @@ export function logDay(ms, utc) {
   return fullTime(ms, utc).slice(0, 10);
 }
 
-// Today the date says nothing: 10:20:30.123, or 2026-01-31 10:20:30.123 for another day.
+// Without the date for a time of today: 10:20:30.123; otherwise 2026-01-31 10:20:30.123.
 export function logTime(ms, utc) {
   const text = fullTime(ms, utc);
   return text.startsWith(logDay(Date.now(), utc)) ? text.slice(11) : text;
 }
 
-// What the label of an axis needs if the labels are `step` milliseconds apart.
+// The text of a label on an axis whose labels are `step` milliseconds apart.
 export function axisTime(ms, step, utc) {
   const [year, month, day, hour, minute, second, rest] = partsOf(ms, utc);
   const date = `${pad(month)}-${pad(day)}`;
@@ -51,7 +51,7 @@ export function axisTime(ms, step, utc) {
   return `${pad(hour)}:${pad(minute)}:${pad(second)}.${pad(rest, 3)}`;
 }
 
-// "UTC+01:00" for the viewer's zone at that time.
+// The viewer's zone at that time: "UTC+01:00".
 export function zoneName(ms, utc) {
   if (utc) return "UTC";
   const offset = -new Date(ms).getTimezoneOffset();

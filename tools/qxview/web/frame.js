@@ -1,4 +1,4 @@
-// What surrounds every view: the name, the links to the views, the state of the connection, and the zone of all times.
+// The frame of every view: the name, the links to the views, the state of the connection, and the zone of all times.
 
 import { element, setAttribute, setText } from "./dom.js";
 import { clockTime, zoneName } from "./format.js";
@@ -78,7 +78,7 @@ export class Frame {
     this.pages.replace(changed(this.pages.route, { utc: this.utc ? null : "1" }));
   }
 
-  // The state of LiveEvents, or { name: "idle" } for a view without live events, { name: "paused" }.
+  // Shows a state of LiveEvents, or { name: "idle" } for a view without live events, or { name: "paused" }.
   state(state, retry = null) {
     if (state.name === "session") return this.pages.sessionEnded();
     this.retry = retry;

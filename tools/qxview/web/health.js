@@ -1,4 +1,5 @@
-// What doctor found, worst first, each with what to do and a command to copy. The page itself changes nothing.
+// The findings of doctor, the worst first, each with the action to take and a command to copy. The page changes
+// nothing.
 
 import { getDocument } from "./api.js";
 import { element, setAttribute, setText } from "./dom.js";
@@ -55,7 +56,7 @@ class Health {
     else this.show();
   }
 
-  // The order of the document is that of codes; the worst come first here.
+  // The document has the order of codes; here the worst findings come first.
   show() {
     const { findings } = this.document;
     const bySeverity = severities.map((severity) => [severity, findings.filter((finding) => finding.severity === severity)]);
@@ -128,7 +129,8 @@ function withCode(text) {
   return visibleText(text).split("`").map((part, i) => (i % 2 === 1 ? element("code", {}, part) : part));
 }
 
-// Without the clipboard (a page that is not from this machine) the command is selected, for the keys of the system.
+// Without the clipboard (on a page that is not from this machine) the command is selected, so that it can be copied by
+// keys.
 async function copyText(code, button) {
   try {
     await navigator.clipboard.writeText(code.textContent);

@@ -1,4 +1,5 @@
-// The fields of a report as buttons with their newest values. A chosen one has the colour and pattern of its line.
+// Shows the fields of a report as buttons with their newest values. A chosen field has the colour and pattern of its
+// line.
 
 import { valueText } from "./chart.js";
 import { element, setAttribute, setChildren, setText } from "./dom.js";
@@ -25,7 +26,7 @@ export class Legend {
     this.fields = fields;
     this.chosen = chosen;
     this.search.hidden = fields.length < searchFrom;
-    // Fields of the address that the newest record lacks keep their button.
+    // Fields of the address that the newest record does not have keep their button.
     const missing = chosen.filter((name) => !fields.some((field) => field.name === name)).map((name) => ({ name, unit: "" }));
     this.all = [...fields, ...missing];
     setChildren(this.list, this.all.map((field) => this.buttonOf(field)));

@@ -1,8 +1,9 @@
-// The live events of a page: one stream, closed while the page is hidden, opened again by itself after the last cursor.
+// Receives the live events of a page: one stream, which is closed while the page is hidden, and opened again after the
+// last cursor.
 //
-// A browser allows six connections to one server. So only a few pages of a browser hold a stream, as holders of a lock;
-// the others ask for the same events at intervals. The stream is read with fetch, because EventSource hides both the
-// status of a refusal and the comments by which a dead connection is noticed.
+// A browser allows six connections to one server. So only a few pages of a browser have a stream: those that hold a
+// lock. The others request the same events at intervals. The stream is read with fetch, because EventSource hides the
+// status of a refusal, and the comments by which a dead connection is noticed.
 
 import { ApiError, getDocument, pathOf, request } from "./api.js";
 
@@ -141,7 +142,8 @@ class Watchdog {
   }
 }
 
-// Holds a free lock while `run` runs. Without the interface (a page that is not from this machine) there is no stream.
+// Holds a free lock while `run` runs. If the browser has no locks (on a page that is not from this machine), there is
+// no stream.
 async function withStreamLock(signal, run) {
   for (const name of navigator.locks ? streamLocks : []) {
     let held = false;

@@ -1,10 +1,11 @@
-// The page without a session. The program prints an address with a token when it starts; a token is valid once.
+// The page for a browser without a session. The program prints an address with a token when it starts; a token is valid
+// once.
 
 import { openSession } from "./api.js";
 import { element, setText } from "./dom.js";
 import { icon } from "./icons.js";
 
-// "http://127.0.0.1:8070/#token=abc" => "abc"; a token alone is accepted, too.
+// The token of an address: "http://127.0.0.1:8070/#token=abc" => "abc". A token alone is accepted, too.
 export function tokenIn(text) {
   const [, token] = /(?:^|[#?&])token=([^&\s]+)/.exec(text.trim()) ?? [];
   if (token !== undefined) return token;

@@ -30,7 +30,7 @@ class Pages {
     else this.logIn(problem);
   }
 
-  // The token leaves the address before anything else happens. null: there was none, or it was accepted.
+  // The token is removed from the address before anything else happens. null: there was no token, or it was accepted.
   async useToken() {
     if (!location.hash.startsWith("#token=")) return null;
     const token = tokenIn(location.hash);
@@ -69,7 +69,7 @@ class Pages {
     this.view = views[this.route.view]({ root: this.frame.content, route: this.route, frame: this.frame, pages: this });
   }
 
-  // A changed address of the same view keeps the view, which takes over what has changed.
+  // If the address of a view changes, the view stays and changes only the parts that differ.
   async follow() {
     if (location.hash.startsWith("#token=")) {
       const problem = await this.useToken();

@@ -1,4 +1,4 @@
-// The view for an address that names none.
+// The view for an address that is not the address of a view.
 
 import { element } from "./dom.js";
 import { addressOf } from "./route.js";

@@ -48,7 +48,7 @@ export class OverviewRow {
     this.showFindings(report, route);
   }
 
-  // The age of the newest record grows while nothing comes from the server.
+  // The age of the newest record grows, although the server sends nothing.
   showTimes(now) {
     const { ageSeconds, silentSeconds } = this.report;
     const passed = Math.max(0, (now - this.timeMs) / 1000);

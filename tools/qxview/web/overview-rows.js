@@ -1,4 +1,4 @@
-// Which reports the overview shows, and in which order.
+// Chooses the reports that the overview shows, and their order.
 
 import { matches, textOf } from "./text.js";
 

@@ -1,4 +1,4 @@
-// All reports, worst first: what is silent, what wraps soon, what doctor found.
+// Shows all reports, the worst first: those that are silent, those that wrap soon, and those with findings of doctor.
 
 import { getDocument } from "./api.js";
 import { debounced, element, setAttribute, setChildren, setText } from "./dom.js";
@@ -147,7 +147,7 @@ class Overview {
     return row.node;
   }
 
-  // The server sends no event only because time passes.
+  // Ages are updated here, because the server sends no event if only time passes.
   tick() {
     if (document.hidden || !this.document || this.frame.isLost) return;
     const now = Date.now() + this.clockOffset;

@@ -1,5 +1,5 @@
-// The values at the cursor, in a box on the chart: at the side where the cursor is not, so that it hides no value that is
-// pointed at, and nothing on the page moves when it appears.
+// Shows the values at the cursor in a box on the chart. The box is on the other side of the chart than the cursor, so
+// that it does not hide these values, and nothing on the page moves when it appears.
 
 import { strokePattern, valueText } from "./chart.js";
 import { element, setAttribute, setText, svg } from "./dom.js";

@@ -1,4 +1,5 @@
-// The part of a report's view with the chart: fields, spans to choose from, the legend with the values at the cursor.
+// The part of a report's view with the chart: the fields, the spans to choose from, and the legend with the values at
+// the cursor.
 
 import { Chart } from "./chart.js";
 import { element, setAttribute, setText } from "./dom.js";
@@ -85,7 +86,7 @@ export class ReportChart {
     return this.axis === "number";
   }
 
-  // Records that are newer than the chart, in any order.
+  // The records that are newer than the chart, in any order.
   addMissed(records) {
     if (!this.series) return;
     const newest = this.series.newestMs ?? -1;
@@ -93,7 +94,7 @@ export class ReportChart {
     for (const record of missed.sort((a, b) => this.placeOf(a) - this.placeOf(b))) this.merge(record);
   }
 
-  // Where a record is on the axis.
+  // The place of a record on the axis.
   placeOf(record) {
     return this.isNumbered ? record.index : record.timeMs;
   }

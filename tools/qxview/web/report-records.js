@@ -82,7 +82,7 @@ export class RecordsPanel {
     if (this.waiting.length > this.rows) this.waiting.splice(0, this.waiting.length - this.rows);
   }
 
-  // The ring overwrote records since the last ones that this page got.
+  // Called when the ring has overwritten records after the last ones that this page got.
   noteLost(count) {
     this.lost += count;
   }
@@ -126,7 +126,7 @@ export class RecordsPanel {
     setAttribute(this.search, "data-used", filter === "" ? null : "");
   }
 
-  // A time before the oldest record of a list that was cut marks nothing: its record is not here.
+  // A time before the oldest record of a list that was cut marks no row: its record is not in the list.
   mark(time, scroll) {
     const oldest = this.list.size > 0 ? this.report.chart.placeOf(this.list.entries.at(-1)) : null;
     this.list.mark(this.isCut && time < oldest ? null : time, scroll);

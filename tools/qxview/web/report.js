@@ -99,13 +99,13 @@ class Report {
     return spanOf(this.route);
   }
 
-  // Only the chart knows numbers of records as a span.
+  // Only the chart can show a span of record numbers.
   requestedSpan() {
     return requestedSpan(this.span, this.now());
   }
 
-  // The chart is first, because it decides whether the axis shows times or numbers of records. It is older than the cursor
-  // of the records then, so it takes over what the records have more.
+  // The chart is read first, because it decides whether the axis shows times or numbers of records. So it can be older
+  // than the records, and then gets the newer records from them.
   async loadParts(parts) {
     if (parts.includes("chart")) await this.loadPart(this.chart);
     this.draw();
@@ -115,7 +115,7 @@ class Report {
     this.mark(this.cursor.time, "load");
   }
 
-  // A part that the server refuses shows why; the other parts are shown all the same.
+  // A part that the server refuses shows the reason; the other parts are still shown.
   async loadPart(part) {
     try {
       await part.load();
@@ -148,7 +148,7 @@ class Report {
     this.show();
   }
 
-  // Records that are not the continuation of what is shown, or not all of it, are no reason to guess: the parts are read again.
+  // If the new records do not continue the shown ones, or are incomplete, the parts are read again.
   receiveRecords({ records, lost, reset, omitted }) {
     if (reset || omitted > 0 || lost !== 0) {
       if (lost > 0) this.records.noteLost(lost);
@@ -166,7 +166,7 @@ class Report {
     this.loadParts(parts).catch((error) => this.failLater(error));
   }
 
-  // The view stays when a later request fails: the live events notice a lost connection themselves.
+  // The view stays when a later request fails, because the live events notice a lost connection.
   failLater(error) {
     if (error.kind === "session") this.pages.sessionEnded();
   }
@@ -190,7 +190,7 @@ class Report {
     this.traces.mark(time, source !== "traces");
   }
 
-  // Called by the parts: the user points at a time. A pinned time is in the address.
+  // Called by the parts when the user points at a time. A pinned time is in the address.
   point(time, pinned, source) {
     if (!pinned) return this.cursor.hover(time, source);
     this.cursor.pin(time, source);
@@ -225,7 +225,7 @@ class Report {
     else this.redrawTexts();
   }
 
-  // The zone of the times, or the day, may have changed.
+  // Shows the times again: their zone, or the day, may have changed.
   redrawTexts() {
     this.records.rebuild();
     this.traces.rebuild();

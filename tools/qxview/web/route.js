@@ -1,10 +1,10 @@
-// Addresses of views. A view is the fragment of the address, so the server never sees it.
+// Reads and makes the addresses of views. A view is the fragment of the address, so the server never gets it.
 //
 //   #/?sort=silent&search=host1              { view: "overview", report: "", params }
 //   #/report/hostA/cpu%20load?field=user     { view: "report", report: "hostA/cpu%20load", params }
 //   #/traces?level=error                     { view: "traces", report: "", params }
 //
-// A report is kept in its encoded form, because a name need not be UTF-8.
+// The name of a report stays encoded, because it need not be UTF-8.
 
 const views = ["traces", "health"];
 
@@ -35,14 +35,14 @@ export function changed(route, changes) {
   return { ...route, params };
 }
 
-// The address of a view. What concerns all views goes along.
+// The address of a view. Parameters that belong to all views are kept.
 export function addressOf(view, current, changes = {}, report = "") {
   const kept = new URLSearchParams();
   if (current.params.get("utc") === "1") kept.set("utc", "1");
   return formatRoute(changed({ view, report, params: kept }, changes));
 }
 
-// A time or a count from an address; null if it is missing or no number.
+// A time or a count of an address; null if it is missing or not a number.
 export function numberParam(route, name) {
   const text = route.params.get(name);
   return text !== null && /^\d{1,15}$/.test(text) ? Number(text) : null;

@@ -20,7 +20,7 @@ export class Series {
     this.panels = panelsOf(units, this.fields.map((_, i) => this.extent(i)));
   }
 
-  // Merges a record. False: the chart has to be requested again, because there is a gap or there are too many columns.
+  // Merges a record. False if the chart must be requested again, because there is a gap or there are too many columns.
   add(timeMs, values) {
     const last = this.columns.at(-1);
     this.newestMs = Math.max(this.newestMs ?? timeMs, timeMs);
@@ -100,7 +100,8 @@ function usualDistance(columns) {
   return distances[distances.length >> 1] ?? 0;
 }
 
-// Which fields share a plot: those of one unit whose numbers are of one size. Indices of fields, in the order of the fields.
+// Groups the fields that share a plot: those of the same unit and size. Each group has the indices of its fields, in
+// their order.
 export function panelsOf(units, extents) {
   const sizes = extents.map((extent) => (extent ? Math.max(Math.abs(extent[0]), Math.abs(extent[1]), 1e-9) : null));
   const alike = (a, b) => units[a] === units[b] && (sizes[a] === null || sizes[b] === null ||

@@ -10,13 +10,13 @@ export function spanOf(route) {
   return { fixed: false, from: null, to: null, last };
 }
 
-// What requests ask for, `now` being the server's time.
+// The span that requests name. `now` is the server's time.
 export function requestedSpan(span, now) {
   if (span.fixed) return [["from", span.from], ["to", span.to]];
   return span.last === null ? [] : [["from", now - span.last * 1000]];
 }
 
-// The edges of the chart. A live chart ends now, so that a silence is seen.
+// The edges of the chart. A live chart ends now, so that a silence is visible.
 export function shownSpan(span, series, now) {
   if (span.fixed) return { from: span.from, to: span.to };
   const newest = series.newestMs ?? now;
@@ -25,7 +25,7 @@ export function shownSpan(span, series, now) {
   return { from, to };
 }
 
-// A span of the same middle, or with `anchor` at its place, that is `factor` times as long.
+// A span that is `factor` times as long, with the same middle, or with `anchor` at the same place.
 export function scaledSpan({ from, to }, factor, anchor = (from + to) / 2) {
   const length = Math.max((to - from) * factor, 100);
   const share = (anchor - from) / (to - from);

@@ -1,4 +1,4 @@
-// A small line of the newest numbers of a report, without axes. The numbers are next to it as text.
+// Draws the newest numbers of a report as a small line without axes. The numbers are next to it as text.
 
 import { setAttribute, svg } from "./dom.js";
 

@@ -1,4 +1,4 @@
-// What a part of a page shows when it has no content: it is loading, it is empty, or it failed.
+// The text of a part of a page without content: it is loading, it is empty, or it failed.
 
 import { element } from "./dom.js";
 import { icon } from "./icons.js";

@@ -1,4 +1,4 @@
-// Hostile text made visible, and text filters.
+// Makes hostile text visible, and finds filters in texts.
 
 // Control characters, invisible characters and marks that change the direction of text. A tab and a line feed may stay.
 const unseen = /[\u0000-\u0008\u000b-\u001f\u007f-\u009f\u00ad\u061c\u200b-\u200f\u2028-\u202e\u2060-\u206f\ufeff]/g;
@@ -12,7 +12,7 @@ export function visibleText(text) {
   });
 }
 
-// A document has a text as KEY, or as null with its bytes in base64 as KEYBase64 if it is not UTF-8.
+// The text KEY of a document. If it is not UTF-8, KEY is null, and KEYBase64 has its bytes in base64.
 export function textOf(object, key) {
   if (typeof object[key] === "string") return visibleText(object[key]);
   const base64 = object[`${key}Base64`];
@@ -31,7 +31,7 @@ export function encodeName(name) {
   return encodeURIComponent(name).replaceAll("%2F", "/");
 }
 
-// For the eye: "hostA/cpu%20load" => "hostA/cpu load"; bytes that are not UTF-8 become U+FFFD.
+// The name of a report for people: "hostA/cpu%20load" => "hostA/cpu load"; bytes that are not UTF-8 become U+FFFD.
 export function decodedName(encoded) {
   const bytes = [];
   for (let i = 0; i < encoded.length; ++i) {

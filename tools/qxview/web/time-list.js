@@ -35,7 +35,7 @@ export class TimeList {
     this.body.replaceChildren(...this.entries.map((entry) => this.row(entry)));
   }
 
-  // Adds entries above the others. What is scrolled to stays where it is.
+  // Adds entries above the others. The rows that are visible stay at their place.
   prepend(entries) {
     const added = entries.slice(0, this.rowsMax);
     const before = this.scroller.scrollHeight;
@@ -69,7 +69,7 @@ export class TimeList {
     if (time !== null && time !== undefined) this.point(time, pinned);
   }
 
-  // Moves the mark, and scrolls to it if another part of the page has moved the cursor.
+  // Moves the mark, and scrolls to it if the cursor was moved in another part of the page.
   mark(time, scroll) {
     const row = time === null ? null : this.body.rows[this.indexAt(time)] ?? null;
     if (row !== this.marked) {
@@ -107,7 +107,7 @@ export class TimeList {
     this.markRow(this.body.rows[index]);
   }
 
-  // Several entries may have one time; the keys go to each of them.
+  // Several entries may have the same time; the keys reach each of them.
   markRow(row) {
     if (this.marked) setAttribute(this.marked, "aria-current", null);
     this.marked = row;

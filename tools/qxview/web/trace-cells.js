@@ -1,4 +1,4 @@
-// A trace entry as cells of a row.
+// Shows a trace entry as cells of a row.
 
 import { element } from "./dom.js";
 import { logTime } from "./format.js";
@@ -7,7 +7,7 @@ import { markedText, matches, textOf, visibleText } from "./text.js";
 
 const repeatMs = 2000;
 
-// The entries of a document, of which the newest ones may come again as live events: those that were being written.
+// The entries of a document. The newest of them may come again as live events, because they were being written.
 export class ReadEntries {
   constructor(entries = []) {
     this.keys = new Set(entries.map(keyOf));

@@ -1,4 +1,4 @@
-// All traces of the machine: logs and rings, merged in order of time.
+// Shows all traces of the machine: logs and rings, merged in the order of time.
 
 import { getDocument } from "./api.js";
 import { TimeCursor } from "./cursor.js";
@@ -108,7 +108,7 @@ class Traces {
     this.startLive();
   }
 
-  // A request returns a limited number of entries, so many rows need several.
+  // A request returns a limited number of entries, so a long list needs several requests.
   async fetch() {
     const { from, to } = this.span;
     const span = to === null ? [] : [["from", from ?? 0], ["to", to]];
@@ -133,7 +133,7 @@ class Traces {
     this.list.replace(entries);
   }
 
-  // A list that is as long as may be ends where the next one begins.
+  // Shows more rows. If the list has reached its limit, shows instead the entries up to the oldest time of the list.
   showOlder() {
     if (this.rows < rowsAtMost) return this.setParams({ rows: this.rows * 2 });
     const oldest = this.list.entries.findLast(({ timeMs }) => typeof timeMs === "number");
@@ -218,7 +218,7 @@ class Traces {
     this.showCount();
   }
 
-  // The zone of the times, or the day, may have changed.
+  // Shows the times again: their zone, or the day, may have changed.
   redrawTexts() {
     this.list.rebuild();
     this.list.mark(this.cursor.time, false);
