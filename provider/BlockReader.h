@@ -16,13 +16,13 @@ template <typename T>
 [[nodiscard]] T Load(const T* from) noexcept {
   static_assert(std::is_trivially_copyable_v<T>);
   T value;
-  // NOLINTNEXTLINE(bugprone-sizeof-expression): where the block holds a pointer, it is the pointer that is loaded.
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): if T is a pointer type, the pointer itself is loaded.
   std::memcpy(static_cast<void*>(&value), static_cast<const void*>(from), sizeof value);
   return value;
 }
 
-// An array of pointers from the block. A negative count and a null array are both an empty
-// array. Entries may be null.
+// An array of pointers from the block. With a negative count or a null array it is empty: Count() is then 0 or less.
+// Entries may be null.
 template <typename T>
 class PointerArray {
  public:
@@ -49,7 +49,7 @@ template <typename Block>
   return {header.element_count, header.elements};
 }
 
-// The first element with the index, or null. Index 0 is never found, null entries are skipped.
+// The first element with this index, or null if no element has it. Index 0 is never found; null entries are skipped.
 [[nodiscard]] inline const krx_element* FindElement(const ElementArray& elements, std::int32_t index) noexcept {
   if (index == 0) return nullptr;
   for (std::int32_t i = 0; i < elements.Count(); ++i) {
@@ -63,7 +63,7 @@ template <typename Block>
   return element != nullptr && Load(element).type == static_cast<std::int32_t>(type);
 }
 
-// The value field of an element as a pointer to T; null without an element.
+// The value field of an element as a pointer to T; null if `element` is null.
 template <typename T>
 [[nodiscard]] const T* ValueOf(const krx_element* element) noexcept {
   return element != nullptr ? static_cast<const T*>(Load(element).value) : nullptr;

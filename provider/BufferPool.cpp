@@ -4,7 +4,8 @@
 
 namespace qx::provider {
 
-// Built without a constructor call, so it can be used while the module is loaded; freed when it is unloaded.
+// Initialised without a constructor call, so it can be used while the module is being loaded. Its buffers are freed
+// when the module is unloaded.
 constinit BufferPool transfer_buffers;
 
 std::string BufferPool::Take(std::size_t bytes) {
@@ -26,7 +27,7 @@ std::string BufferPool::Take(std::size_t bytes) {
 
 void BufferPool::Return(std::string buffer) noexcept {
   buffer.clear();
-  if (buffer.capacity() < kKeptBytesMin) return;  // the reply of every request but a transfer
+  if (buffer.capacity() < kKeptBytesMin) return;  // only transfers have larger replies
   const std::lock_guard lock(mutex_);
   if (!MayKeepLocked(buffer.capacity())) return;
   kept_bytes_ += buffer.capacity();

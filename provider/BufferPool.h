@@ -1,4 +1,4 @@
-// Big text buffers that the module keeps between calls.
+// Keeps big text buffers between calls, so that the module can use them again.
 //
 // A megabyte of new memory costs far more than filling it: the kernel clears every page at its first use, and gets it
 // back as soon as it is freed. So the buffers in which replies are built are kept and used again; only the reply itself
@@ -20,8 +20,8 @@ namespace qx::provider {
 // Failure: Take throws std::bad_alloc; Return frees what it does not keep.
 class BufferPool {
  public:
-  // Spare buffers kept at most, bytes in one of them, and bytes in all of them. A buffer that is smaller than
-  // kKeptBytesMin is as cheap to allocate.
+  // Limits: the number of spare buffers, the smallest and the largest size of a spare buffer, and the bytes of all of
+  // them. A buffer that is smaller than kKeptBytesMin is cheap to allocate, so it is not kept.
   static constexpr std::size_t kKeptCountMax = 16;
   static constexpr std::size_t kKeptBytesMin = std::size_t{64} << 10;
   static constexpr std::size_t kKeptBytesMax = std::size_t{3} << 20;
@@ -35,13 +35,13 @@ class BufferPool {
   // fewer than kKeptBytesMin bytes do not use a spare buffer. [any thread]
   [[nodiscard]] std::string Take(std::size_t bytes);
 
-  // Keeps `buffer` for a later Take if the caps allow it, and frees it otherwise. [any thread]
+  // Keeps `buffer` for a later Take if the limits allow it, and frees it otherwise. [any thread]
   void Return(std::string buffer) noexcept;
 
   // Frees all spare buffers. [any thread]
   void Clear() noexcept;
 
-  // The buffers that are kept now. [any thread]
+  // The number of spare buffers now, and the bytes of all of them. [any thread]
   [[nodiscard]] std::size_t KeptCount() const;
   [[nodiscard]] std::size_t KeptBytes() const;
 

@@ -1,7 +1,7 @@
-// The exported functions: from the service's raw call to the module object and back.
+// The exported functions: each passes a raw call of the service to the module object, and the result back.
 //
-// Each request goes the same way: wrap the block, parse the input, run the operation, duplicate the reply. This is also
-// the one place where an exception stops; the service gets -1 and a null reply.
+// Each request function does the same: it wraps the block, parses the input, runs the operation and duplicates the
+// reply. Exceptions are caught only in this file; the service then gets -1 and a null reply.
 #include <exception>
 #include <memory>
 #include <utility>
@@ -23,8 +23,8 @@ namespace {
 
 constexpr int kFailed = -1;
 
-// Calls `run`; after a C++ exception the result is `on_failure`. If the service cancels its thread, the unwinding is
-// not a C++ exception, and must reach the end of the thread's stack: a handler that ends it would abort the process.
+// Returns the result of `run`, or `on_failure` after a C++ exception. If the service cancels its thread, the unwinding
+// is not a C++ exception, and must reach the end of the thread's stack: a handler that ends it would abort the process.
 template <typename Run>
 auto Guarded(decltype(std::declval<Run>()()) on_failure, Run run) {
   try {
@@ -43,13 +43,13 @@ void GuardedHook(Run run) {
   });
 }
 
-// The document's text for the service, or null when it is not one well-formed document.
+// A copy of the document's text for the service; null if the text is not one well-formed document.
 char* ReplyOf(const CMarkup& document) {
   return document.IsWellFormed() ? CKrxAdapterModule::ReplyString(document.GetDoc()) : nullptr;
 }
 
-// One request. `operation` is called with the block's parameters, the input document and the empty output document, and
-// its result is returned.
+// Runs one request. `operation` is called with the block's parameters, the input document and the empty output
+// document, and its result is returned.
 //
 // A caller that was refused for a missing privilege never gets a record: the output then has the refusal and the
 // report, which are not one well-formed document, so that there is no reply.
@@ -69,7 +69,7 @@ int RunRequest(const wcs_gendata* params, const char* input, char** reply, Opera
     } else {
       CKrxAdapterModule::FreeReplyString(text);
     }
-    qx::provider::transfer_buffers.Return(out.ReleaseDoc());  // worth keeping if it held a chunk of records
+    qx::provider::transfer_buffers.Return(out.ReleaseDoc());  // the pool keeps it if it is large
     return result;
   });
 }

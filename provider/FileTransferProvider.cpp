@@ -43,7 +43,7 @@ class ThreadDataOfCall {
   const KrxRequestParams& params_;
 };
 
-// Counts a call of the transfer at its end, whatever its outcome.
+// Counts the call in the thread's data when the call ends, whatever its result.
 class TransferCallCount {
  public:
   explicit TransferCallCount(const ThreadDataOfCall& thread) : thread_(thread) {}
@@ -57,7 +57,7 @@ class TransferCallCount {
   const ThreadDataOfCall& thread_;
 };
 
-// The service returns the data on the thread that it belongs to. A mismatch is only traced.
+// The service should pass the data only on the thread that the data belongs to. A mismatch is only traced.
 void TraceKeptThreadData(const CThreadData& data) {
   QX_TRACE(5, "\nWCSP_QX GetThrdData : CThreadData exists for this thread (0x%p) - use its data, saved threadId=%d",
            static_cast<const void*>(&data), static_cast<int>(data.thread_id));
@@ -131,7 +131,8 @@ int CFileTransferProvider::CheckRequest(KrxRequestParams& params, CMarkup& in, C
   unsigned code = 0;
   if (!CheckRequestParams(params, text, code)) return Refuse(out, text.c_str(), code, kRequestFatal);
 
-  // Quirk: such input is not an error. The call continues with an empty document, and so with an empty report name.
+  // Quirk: input that is not well formed is not an error. The call continues with an empty document, and so with an
+  // empty report name.
   if (!in.IsWellFormed()) {
     in.ResetPos();
     return kCheckPassed;
@@ -164,7 +165,7 @@ int CFileTransferProvider::CheckPrivilege(KrxRequestParams& params, CMarkup& out
   return kCheckPassed;
 }
 
-// Quirk: the trace line names another module's column; log readers know it by that.
+// Quirk: the trace line begins like those of another module; readers of logs know the line in this form.
 int CFileTransferProvider::Refuse(CMarkup& out, const char* text, unsigned code, int result) {
   QX_TRACE(1, "\nWCSP_SCCI Detach    : ## ERROR! %s (0x%02X)", text, code);
   SetRequestError(out, text, code);

@@ -14,7 +14,7 @@ constexpr std::size_t kRowBytes = 16;
 
 char Shown(char byte) { return byte >= 32 && byte <= 126 ? byte : '.'; }
 
-// One row: numbers, then characters. `cells` is the width of both columns, in bytes shown.
+// Appends one row: numbers, then characters. Both columns are as wide as for `cells` bytes.
 void AppendRow(CQXString<>& dump, std::string_view row, std::size_t cells) {
   std::string characters(cells, ' ');
   std::transform(row.begin(), row.end(), characters.begin(), Shown);

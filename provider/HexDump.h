@@ -1,4 +1,4 @@
-// The hex dump in which names appear in the trace: names may have any byte, and a text alone would not show them.
+// Formats a name as a hex dump for the trace: a name may have any byte, and a text does not show every byte.
 #pragma once
 
 #include <string>

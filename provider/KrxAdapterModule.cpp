@@ -202,7 +202,7 @@ bool CKrxAdapterModule::CheckRequestParams(KrxRequestParams& params, std::string
 }
 
 void CKrxAdapterModule::SetRequestError(CMarkup& out, const char* message, unsigned code) {
-  (void)out.SetDoc("");  // an empty document is never well formed; false is its result
+  (void)out.SetDoc("");  // the result is false: an empty document is never well formed
   (void)out.AddElem("Error");
   (void)out.SetAttrib("Msg", message != nullptr ? message : "");
   if (code != 0) (void)out.SetAttrib("LastError", std::to_string(code).c_str());

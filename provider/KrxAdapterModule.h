@@ -29,7 +29,7 @@ class CKrxAdapterModule {
   CKrxAdapterModule(const CKrxAdapterModule&) = delete;
   CKrxAdapterModule& operator=(const CKrxAdapterModule&) = delete;
 
-  // Order is interface: the virtual slots, after the two of the destructor.
+  // Order is interface: the slots of the virtual functions, after the two of the destructor.
   virtual ~CKrxAdapterModule();
   // Called once after Init; the result is ignored. [load/unload]
   virtual bool OnLoad();
@@ -37,20 +37,23 @@ class CKrxAdapterModule {
   virtual void OnUnload();
   // Called when the service announces its stop. [any thread]
   virtual void OnServiceStop();
-  // Identification: `out` becomes an element named after the module with its version texts. Returns 0. [any thread]
+  // Identifies the module: `out` becomes an element that is named after the module and has its version texts. Returns
+  // 0. [any thread]
   virtual int What(KrxRequestParams& params, CMarkup& in, CMarkup& out);
-  // Echo: `out` becomes a copy of `in` if that is well formed, and is unchanged otherwise. Returns 0. [any thread]
+  // Echoes the input: `out` becomes a copy of `in` if `in` is well formed, and is unchanged otherwise. Returns 0. [any
+  // thread]
   virtual int Reflect(KrxRequestParams& params, CMarkup& in, CMarkup& out);
   // Frees a reply text of ReplyString or AllocReplyString; null is allowed. [any thread]
   virtual void __free(void* p);
   virtual void __threadbegin();  // [any thread]
-  // `userData` is the per-thread state that a provider keeps in the block's element 1; the base has none. [any thread]
+  // `userData` is the per-thread state that a provider keeps in the block's element 1; this base class has none. [any
+  // thread]
   virtual void __threadend(void* userData);
   // The frame's version, 30400. [any thread]
   virtual int __handle_version();
 
-  // Takes the version texts from the DreQX* variables; a null one leaves "N/A" ("0.00.00" for the version, an empty
-  // milestone). `path` is read as text and not kept; null is allowed. Always true. [load/unload]
+  // Takes the version texts from the DreQX* variables. If a variable is null, its text is "N/A"; the version is then
+  // "0.00.00", and the milestone is empty. `path` is ignored. Always true. [load/unload]
   bool Init(void* path);
   // Marks the service stop and calls OnServiceStop; the module keeps serving. [any thread]
   void __stoprequest();
@@ -65,7 +68,7 @@ class CKrxAdapterModule {
   // A copy of `text` for the service, to be freed with __free; null for null and when memory is short.
   // [any thread]
   [[nodiscard]] static char* ReplyString(const char* text);
-  // The same for a text whose size is known, so that the length of a megabyte is not computed again. [any thread]
+  // The same for a string. Its length is known, and so need not be searched for in a megabyte of text. [any thread]
   [[nodiscard]] static char* ReplyString(const std::string& text);
   // Space for a reply of `size` bytes, to be freed with __free; null when memory is short. [any thread]
   [[nodiscard]] static void* AllocReplyString(std::size_t size);

@@ -23,8 +23,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/* How an element's value field is to be read. Other codes are the host's; the module reads such elements as absent
- * values. */
+/* Types of elements: how the value field is to be read. Other codes belong to the host; the module reads an element of
+ * such a type as one without a value. */
 enum krx_type {
   kKrxTypePointer = 3,  /* the value field itself is the datum; it may be overwritten */
   kKrxTypeUint8 = 4,    /* value points to one byte */
@@ -61,7 +61,7 @@ enum krx_index {
   kKrxRequestMethod = 80,       /* string */
 };
 
-/* One parameter, 40 bytes. The host's own fields may hold anything. */
+/* One parameter, 40 bytes. The fields of the host may have any value. */
 struct krx_element {
   uint64_t host_field_0;
   int32_t index; /* enum krx_index */
@@ -73,7 +73,7 @@ struct krx_element {
   void* value;
 };
 
-/* The block's header, 24 bytes; more of the host's may follow it. */
+/* The block's header, 24 bytes; further fields of the host may follow it. */
 struct krx_gendata {
   uint32_t version;      /* major * 10000 + minor * 100 + patch: 3.4.0 is 30400 */
   int32_t size;          /* of the whole block, in bytes */

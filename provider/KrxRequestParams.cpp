@@ -17,7 +17,7 @@ using qx::provider::ValueOf;
 
 namespace qx::provider {
 
-// Pins what "Order is interface" in the class promises.
+// Checks the order that "Order is interface" in the class promises.
 struct KrxRequestParamsLayout {
   static_assert(offsetof(KrxRequestParams, gen_data_) == 0);
   static_assert(offsetof(KrxRequestParams, validation_data_) == 8);
@@ -34,7 +34,7 @@ struct KrxRequestParamsLayout {
 namespace {
 
 // The tag as a text.
-//   "KRX\0" => "KRX"      "\0..\0" => ""      "KRXX" => "???": nothing ends it, what follows is the element count
+//   "KRX\0" => "KRX"      "\0..\0" => ""      "KRXX" => "???": no NUL ends the tag
 std::string SignatureOf(const krx_gendata& header) {
   if (header.tag[sizeof header.tag - 1] != '\0') return "???";
   return header.tag;

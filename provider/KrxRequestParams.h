@@ -1,9 +1,9 @@
-// One call's request parameter block with typed access by parameter index, and the security results of the caller.
+// Typed access to the request parameter block of one call, by parameter index, and to the caller's security data.
 //
 // The block (provider/KrxGenData.h) belongs to the service and outlives the object. An accessor reports no error: if
 // the element is missing, has another type or is null, it returns its empty value. Counts and pointers are checked as
-// far as possible: a negative count counts as 0, a null array is empty, a null entry is skipped, and a search in a
-// chain that loops ends. A count that is larger than the array cannot be noticed.
+// far as possible: a negative count counts as 0, a null array is empty, a null entry is skipped, and a search ends even
+// if the chain of nested blocks is a loop. A count that is larger than the array cannot be noticed.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ struct KrxRequestParamsLayout;
 // Failure: empty values; see the file's head.
 class KrxRequestParams {
  public:
-  // Without a block: no accessor may be called. [any thread]
+  // An object without a block: no accessor may be called. [any thread]
   KrxRequestParams() = default;
   // `gen_data` must not be null and must outlive the object; its tag is read at once. [any thread]
   explicit KrxRequestParams(const wcs_gendata* gen_data);
@@ -42,7 +42,7 @@ class KrxRequestParams {
   // Byte-wise comparison of the whole signature. [owning thread]
   [[nodiscard]] bool CheckSignature(const char* expected) const noexcept;
 
-  // Generic access by index. Of several elements with one index only the first is seen; index 0 is never found.
+  // Generic access by index. Of several elements with the same index only the first is used; index 0 is never found.
   // [owning thread]
 
   // Copy of a type 8 element's text; empty otherwise.
@@ -74,25 +74,26 @@ class KrxRequestParams {
   [[nodiscard]] std::string GetRequestMode() const { return GetParamString(kKrxRequestMode); }
   [[nodiscard]] std::string GetRequestMethod() const { return GetParamString(kKrxRequestMethod); }
 
-  // Address of the client. The first form leaves `out` as it was when the block has none, and always returns false: the
-  // result carries no information. [owning thread]
+  // Address of the client. If the block has none, the first form leaves `out` unchanged. It always returns false, so
+  // its result means nothing. [owning thread]
   bool GetRequestorAddress(std::string& out) const;
   [[nodiscard]] std::string GetRequestorAddress() const;
 
   // Looks for the security validation data and fills user id and privileges from it. True when there is such data, even
-  // if it grants nothing. May be called again: nothing grows. [owning thread]
+  // if it grants nothing. May be called again, with the same effect. [owning thread]
   bool FindSecurityValidationData();
-  // The same; a request without such data is not subject to authorisation. [owning thread]
+  // The same as FindSecurityValidationData. A request without such data needs no privilege. [owning thread]
   [[nodiscard]] bool IsSecurityDataAvailable();
-  // Whether the caller holds the privilege; exact bytes. Call FindSecurityValidationData first. [owning thread]
+  // Whether the caller has the privilege; names are compared byte for byte. Call FindSecurityValidationData first.
+  // [owning thread]
   [[nodiscard]] bool HasSecurityPrivilege(const std::string& name) const;
   // Appends the privilege names in ascending byte order; they are valid while the object lives. True when `out` is not
   // empty afterwards. [owning thread]
   bool GetAvailablePrivileges(std::vector<const char*>& out) const;
 
-  // Reads the login that the client sent. A target for which the block has no value is unchanged, and an empty value
-  // clears it. Of two values for one target the later one wins. True when `userId` is not empty afterwards and the
-  // block has a credential list. Nothing is kept here. [owning thread]
+  // Reads the login that the client sent. A target is unchanged if the block has no value for it, and becomes empty if
+  // the value is empty. Of two values for one target the later one counts. True when `userId` is not empty afterwards
+  // and the block has a credential list. The object keeps no copy. [owning thread]
   [[nodiscard]] bool GetUserCredentials(std::string& userId, std::string& password, std::string& domain) const;
 
  private:

@@ -1,5 +1,5 @@
-// Trace lines print addresses and thread ids with 32-bit conversions. Low32 selects the half of the 64 bits
-// that they show; otherwise the calling convention would decide.
+// Low32 returns the low half of an address or a thread id, for trace lines with 32-bit conversions. If such a line got
+// all 64 bits, the calling convention would decide which half it shows.
 #pragma once
 
 #include <pthread.h>

@@ -1,10 +1,10 @@
-// Loading and unloading of QXRemConXfer.so: the module's load-time objects, in their order.
+// Loads and unloads QXRemConXfer.so: the objects that are made with the module and destroyed with it, in this order:
 //
-//   load    1. Debug is constructed, before every object of any other source: they may trace.
-//           2. Debug is initialised; with tracing on the log gets its header.
+//   load    1. Debug is constructed, before every object of any other source, because these may trace.
+//           2. Debug is initialised; if tracing is on, the log gets its header.
 //           3. The module object is created.
-//           4. The trace facility learns that initialisation is over: later wraps of its log keep what is before this
-//           place.
+//           4. The trace facility learns that initialisation is over: when its log wraps later, what is before this
+//           place in the log is kept.
 //   unload  5. ThisProvider deletes the module object.
 //           6. Debug is destroyed, after every object of any other source.
 //
@@ -31,7 +31,7 @@ class ProviderDLL {
  public:
   ProviderDLL() {
     StartTracing();
-    // The path is read only; the entry point's type is older than const.
+    // The path is not changed. The type of the entry point has no const, because it is older than const.
     (void)CreateModule(const_cast<char*>(DreQXObjectPath));  // a failure leaves pAdapterModule null for the host to see
     Debug.SetApplInitDone();
   }

@@ -52,22 +52,23 @@ QX_EXPORT extern CKrxAdapterModule* pAdapterModule;
 /* Request functions. `params` is the service's block, valid for the call. `input` is the request document as
  * NUL-terminated text; null counts as empty. `*reply` receives the reply document, to be freed with __free, or
  * null if there is no reply (the reply is not one well-formed document, memory ran out, the call failed with -1 before
- * it had a reply). With a null `reply` the text is dropped and the result is kept.
+ * it had a reply). If `reply` is null, the reply is dropped; the result is the same.
  *
- * Result: the operation's own; -1 also when `params` is null or the operation could not be completed.
+ * Result: that of the operation; -1 also when `params` is null or the operation could not be completed.
  * [any thread] */
 
 /* Identifies the module: <QXRemConXfer version="..." date="..." company="..." milestone="-"/>. Always 0. */
 QX_EXPORT int What(const wcs_gendata* params, const char* input, char** reply);
 
-/* Echoes a well-formed `input`; a null reply otherwise. Always 0. */
+/* Echoes `input` if it is well formed; otherwise the reply is null. Always 0. */
 QX_EXPORT int Reflect(const wcs_gendata* params, const char* input, char** reply);
 
-/* Returns a chunk of a report's records: 0 records, 1 no more, 12 refused or not readable, -1 invalid block. */
+/* Returns a chunk of a report's records. 0: records; 1: no more records; 12: refused or not readable; -1: invalid
+ * block. */
 QX_EXPORT int GetReports(const wcs_gendata* params, const char* input, char** reply);
 
-/* Lists the instance names of a report: 0 listed (or a names file of another version: no reply), 12 refused or no names
- * file, -1 invalid block. */
+/* Lists the instance names of a report. 0: listed (for a names file of another version the reply is null); 12: refused,
+ * or no names file; -1: invalid block. */
 QX_EXPORT int GetReportInstanceNames(const wcs_gendata* params, const char* input, char** reply);
 
 /* The service's worker thread starts to make calls. [any thread] */
@@ -99,7 +100,7 @@ QX_EXPORT extern const char* DreQXObjectDescription;    /* "Quaxel QXRemConXfer 
 QX_EXPORT extern const char* DreQXObjectProductName;    /* the product that the module belongs to */
 QX_EXPORT extern const char* DreQXObjectLegalCopyright; /* copyright line */
 
-/* The types of the entry points, for what dlsym returns. */
+/* The types of the entry points: what dlsym returns is cast to them. */
 typedef int (*QxRequestFunction)(const wcs_gendata* params, const char* input, char** reply);
 typedef void (*QxThreadBeginFunction)(void);
 typedef void (*QxThreadEndFunction)(void* user_data);

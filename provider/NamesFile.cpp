@@ -21,13 +21,13 @@ namespace {
 constexpr std::string_view kHeadSection = "Quaxel Report Instances";
 constexpr std::string_view kNamesSection = "Names";
 
-// The longest list that CIniFile returns: names, each with its NUL, in a buffer of 64,512 bytes, which the list must
-// not fill.
+// The size of the longest list of names, each with its NUL, that CIniFile returns. CIniFile reads a list into 64,512
+// bytes. If fewer than three of them stay unused, the list may have been cut, and counts as empty.
 constexpr std::size_t kListBytesMax = 63 * 1024 - 3;
-// At most this many characters of a number are read.
+// The number of characters of a number that are read; the rest is ignored.
 constexpr std::size_t kNumberCharactersMax = 31;
 
-// The path of the names file below the report directory: a name may begin with "/".
+// The path of the names file relative to the report directory. A "/" at the start of a name is ignored.
 //   "r" => "r.names"    "//sub/r" => "sub/r.names"    "" => ".names"
 std::string FileName(std::string_view name) {
   name.remove_prefix(std::min(name.find_first_not_of('/'), name.size()));
@@ -36,7 +36,7 @@ std::string FileName(std::string_view name) {
 
 }  // namespace
 
-// Handles the lines of the file, front to back. If several sections have one name, only the first one counts.
+// Handles the lines of the file in their order. If several sections have the same name, only the first one counts.
 class NamesFile::Scan {
  public:
   explicit Scan(NamesFile& file) : file_(file) {}
@@ -112,8 +112,8 @@ class NamesFile::Scan {
 };
 
 bool NamesFile::Read(const std::string& directory, const std::string& name) {
-  // O_PATH, because a user who may look up names in the directory may not be allowed to list it. An empty path is the
-  // root directory.
+  // O_PATH, because a user who may look up names in the directory may not be allowed to list it. An empty `directory`
+  // is the root directory.
   const file::Descriptor at = file::Open((directory + "/").c_str(), O_PATH | O_DIRECTORY);
   if (!at.IsOpen()) return false;
   const file::Descriptor file =

@@ -1,7 +1,7 @@
-// A report's instance names file. Everything that a call needs is read in one scan.
+// Reads a report's instance names file. One scan of the file finds everything that a call needs.
 //
 // The file is a profile file (docs/ini-files.md) next to the report's store; docs/report-names.md describes it.
-// CIniFile would open and search it once for each key.
+// CIniFile would open and search the file once for each key.
 #pragma once
 
 #include <map>
@@ -11,16 +11,17 @@
 namespace qx::provider {
 
 // Threads: one thread at a time.
-// Owns: its texts; nothing stays open.
+// Owns: its texts. The file is open only during Read.
 class NamesFile {
  public:
   using Instance = std::map<std::string, std::string>::value_type;  // key and name
 
   // Reads `name` and ".names" below `directory`. False if the file cannot be opened, is not a regular file or cannot be
-  // read to the end; links count as for a reader of reports. May throw std::bad_alloc. [owning thread]
+  // read to the end; the links that are followed are those of TrustedLinks::kToRead (base/OwnedLinks.h). May throw
+  // std::bad_alloc. [owning thread]
   [[nodiscard]] bool Read(const std::string& directory, const std::string& name);
 
-  // 0 if the file does not have one. [owning thread]
+  // The version in the file; 0 if the file has none. [owning thread]
   [[nodiscard]] int Version() const { return version_; }
   // The report's name as the file's writer recorded it; empty if it did not. [owning thread]
   [[nodiscard]] const std::string& ReportName() const { return report_name_; }

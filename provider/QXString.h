@@ -1,7 +1,7 @@
-// A standard string with printf-style formatting that sizes the text exactly.
+// A standard string with printf-style formatting that never cuts the text.
 //
-// The length of the text is computed first, and then the text is printed into a buffer of that length, so it is never
-// cut. The text is built separately and moved into the target last, so the target itself may be an argument.
+// The length of the text is computed first, and then the text is printed into a buffer of that length. The text is
+// built separately and moved into the target last, so the target itself may be an argument.
 #pragma once
 
 #include <cstdarg>
@@ -46,7 +46,7 @@ class CQXString : public String {
     return *this;
   }
 
-  // The same on any string, with an argument list; what `args` holds afterwards is not to be used. [owning thread]
+  // Format and AppendFormat for any string, with an argument list. `args` must not be used afterwards. [owning thread]
   static void FormatV(String& target, const char* format, va_list args) __attribute__((format(printf, 2, 0))) {
     target = Formatted(format, args);
   }

@@ -14,7 +14,7 @@ namespace qx::provider {
 
 namespace {
 
-constexpr unsigned kErrorFileNotFound = 2;  // whatever the system says about the file
+constexpr unsigned kErrorFileNotFound = 2;  // whatever error the system reported
 
 std::string ReadName(const CMarkup& in) {
   std::string name = in.GetAttrib("Name");
@@ -29,7 +29,7 @@ bool ReadNamesFile(NamesFile& file, const std::string& name) {
   return StaysInReportDirectory(name) && file.Read(directory, name);
 }
 
-// The name in the file comes from its writer. Only the trace shows it.
+// The report name in the file was chosen by its writer. It is shown only in the trace.
 void TraceHead(const NamesFile& file) {
   QX_TRACE(3, "\nWCSP_QX GetInstances:   instance file existing");
   QX_TRACE(3, "\nWCSP_QX GetInstances:   version=%d, report name=%s", file.Version(),

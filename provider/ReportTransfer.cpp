@@ -87,7 +87,7 @@ std::string WithoutOuterWhiteSpace(std::string_view text) {
   return std::string(text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1));
 }
 
-// A report that could not be opened again has no size; the error number is kept instead of the size.
+// If a report could not be opened again, the negated error number is kept in the place of its size.
 int ReopenError(const CThreadData& data) { return data.data_file_size < 0 ? LowInt(-data.data_file_size) : 0; }
 void NoteReopenError(CThreadData& data, int error) { data.data_file_size = -std::int64_t{std::max(error, 1)}; }
 
@@ -169,8 +169,8 @@ void ReportTransfer::StartOver() {
 
 bool ReportTransfer::IsFirstCall() const { return thread_data_.state_word == 0; }
 
-// Opens the report and notes its state. False: `error_number` is the system's, the snapshot of the thread's
-// previous transfer stays, and reads find the store closed.
+// Opens the report and notes its state. False: `error_number` is that of the system, the thread's data still has the
+// state of the previous transfer, and later reads find the store closed.
 bool ReportTransfer::OpenReport(int* error_number) {
   if (!StaysInReportDirectory(request_.name)) {
     *error_number = ENOENT;
@@ -209,14 +209,14 @@ void ReportTransfer::TakeRecords(std::string& text) {
       QX_TRACE(3, "\nWCSP_QX GetReports  :   index higher that highest index - exit reading");
       return;
     }
-    // After the record limit the next record is still read: which of the limits is reported depends on it.
+    // When the record limit is reached, the next record is still read: it decides which limit ends the reading.
     round = TakesSingly() || check_ring_ || LimitReached() ? TakeOne(text) : TakeRun(text);
     if (stops_at_text_ && GatheredBytes(text) != 0) return;
   }
 }
 
-// A damaged header can count billions of slots whose record has no text. After a large number of them in a row, the
-// trace has enough, and the rest is read in runs, which skip such slots at once.
+// A damaged header can count billions of slots whose record has no text. After a large number of them in a row, further
+// lines in the trace are of no use. The rest is read in runs, which skip such slots at once.
 bool ReportTransfer::TakesSingly() const {
   return path_taken_ == TransferOptions::Path::kSingly && empty_in_a_row_ < kEmptyRecordsShownMax;
 }
@@ -264,10 +264,10 @@ void ReportTransfer::NoteFailedRead() {
   read_error_ = error != 0 ? error : ReopenError(thread_data_);
 }
 
-// Whether the writer has advanced the ring since the transfer began. Then the record that was just read may not be the
-// one of its index, and from now on the new oldest slot is used. This is checked once in a transfer, after the first
-// read; later the transfer returns the records that it finds. If the report cannot be opened again, the record is used,
-// and the store stays closed.
+// Whether the writer has advanced the ring since the transfer began. If so, the record that was just read may not be
+// the one of its index, and from now on the new oldest slot is used. This is checked once in a transfer, after the
+// first read; later the transfer returns the records that it finds. If the report cannot be opened again, the record is
+// used, and the store stays closed.
 bool ReportTransfer::RingHasMoved() {
   check_ring_ = false;
   if (options_.first_record_read != nullptr) options_.first_record_read(options_.context);
@@ -294,8 +294,8 @@ bool ReportTransfer::LimitReached() const {
   return request_.record_limit >= 0 && index_ - request_.start_index >= request_.record_limit;
 }
 
-// How many records from index_ on are requested, are part of the transfer, and are in slots that follow one another. At
-// least one, because the index is below the highest one and the limit is not reached.
+// The number of records from index_ on that are requested, are part of the transfer, and are in slots that follow one
+// another. It is at least one, because index_ is below the highest index and the limit is not reached.
 std::uint32_t ReportTransfer::CountOfRun() const {
   const auto highest = static_cast<std::uint32_t>(thread_data_.highest_index);
   const auto sum = static_cast<std::uint32_t>(index_ + thread_data_.oldest_index);
@@ -339,8 +339,8 @@ int ReportTransfer::ReplyNoMoreRecords() {
   return kNoMoreRecords;
 }
 
-// An empty document takes the reply in a kept buffer: its text is as large as the records, and the caller returns
-// the buffer to the pool (BufferPool::Return of ReleaseDoc).
+// Gives an empty document a buffer of the pool, large enough for the reply. The caller returns the buffer to the pool
+// (BufferPool::Return of ReleaseDoc).
 void ReportTransfer::ReserveReply(std::size_t records_bytes) {
   constexpr std::size_t kMarkupBytes = 256;  // tags, indices and the start and end of the section
   if (!out_.GetDoc().empty()) return;

@@ -1,14 +1,14 @@
-// One call of a report transfer, from the checked request to the reply document.
+// Serves one call of a report transfer, from the checked request to the reply document.
 //
-// A transfer is a sequence of calls of one service thread. The call with start index 0 (or the thread's first one)
-// opens the report and notes the state of its ring. Every call replies with whole records from its start index on,
-// oldest first and less than 1 MiB in all, and with the start index of the next call. docs/documents.md shows the
+// A transfer is a sequence of calls of one service thread. The call with start index 0 (or the first call of the
+// thread) opens the report and notes the state of its ring. Every call replies with whole records from its start index
+// on, oldest first and less than 1 MiB in all, and with the start index of the next call. docs/documents.md shows the
 // documents.
 //
 // Records are read in runs (qx::report::RecordReader::Take), directly into the reply document. There are two
-// exceptions. If the trace shows every record, or until the ring has been checked, they are read one at a time. If the
-// trace shows the reply without its records, they are first collected in a separate text. The reply is the same in each
-// case.
+// exceptions. Records are read one at a time if the trace shows every record, and, in the first call, until the ring
+// has been checked. They are first collected in a separate text if the trace shows the reply without its records. The
+// reply is the same in each case.
 //
 // Not here: who may read (CheckRequest), and what the caller does with a document with two roots.
 #pragma once
@@ -36,17 +36,17 @@ inline constexpr int kNoMoreRecords = 1;
 inline constexpr int kRequestRefused = 12;
 inline constexpr int kPrivilegeMissing = 401;
 
-// How a transfer reads; other than the defaults only in tests.
+// How a transfer reads. Only tests change the defaults.
 struct TransferOptions {
   enum class Path {
-    kByTrace,    // one of the others, as the trace needs it
+    kByTrace,    // one of the others, chosen by the level of the trace
     kSingly,     // gathered one at a time, then set in the reply
     kInRuns,     // gathered in runs, then set in the reply
     kIntoReply,  // in runs, read into the reply
   };
   Path path = Path::kByTrace;
-  // Called where a writer may write in between: after the read of a transfer's first record, before the report is
-  // opened again to check whether the ring has advanced.
+  // Called after the read of a transfer's first record, and before the report is opened again to check whether the ring
+  // has advanced. So a test can write at this point.
   void (*first_record_read)(void* context) = nullptr;
   void* context = nullptr;
 };
@@ -59,13 +59,14 @@ struct TransferRequest {
   std::int32_t record_limit;  // negative = none; -1 when not given
 };
 
-// True if a client's report name has no ".." component. Any other name counts as a report that does not exist.
+// True if a client's report name has no ".." component. A name with such a component counts as a report that does not
+// exist.
 //   r1, sub/r1, a..b, (empty)  => yes
 //   .., ../r1, sub/../r1       => no
 // [any thread]
 [[nodiscard]] bool StaysInReportDirectory(std::string_view name);
 
-// One GetReports call after its checks.
+// One GetReports call whose request has passed the checks.
 //
 // Threads: the service thread that makes the call. Owns: nothing that outlives the call.
 // Failure: an error document in `out`; std::bad_alloc passes through with the transfer's state intact.
@@ -74,8 +75,8 @@ class ReportTransfer {
   ReportTransfer(CKrxAdapterModule& module, CThreadData& thread_data, CMarkup& out,
                  const TransferOptions& options = {});
 
-  // Serves the request in the current element of `in`. Returns 0 with the records after whatever `out` contained, or 1
-  // or 12 with an error document in its place. The caller counts the state word. [owning thread]
+  // Serves the request in the current element of `in`. Returns 0, with the records after what `out` contained, or 1 or
+  // 12, with an error document in place of what `out` contained. The caller increments the state word. [owning thread]
   [[nodiscard]] int Run(CMarkup& in);
 
  private:
@@ -114,8 +115,9 @@ class ReportTransfer {
   CMarkup& out_;
   const TransferOptions options_;
   const TransferOptions::Path path_taken_;
-  // The document already has a root, the refusal, so no record reaches the caller. After the first record with a text,
-  // the result is certain. A traced call continues to read, because the trace shows the number of records.
+  // True if the document already has a root (the refusal) and nothing is traced. Then no record reaches the caller, and
+  // the result is certain after the first record with a text. A traced call continues to read, because the trace shows
+  // the number of records.
   const bool stops_at_text_;
 
   TransferRequest request_{};

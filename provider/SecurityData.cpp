@@ -1,4 +1,4 @@
-// The security layer's data about the caller: the security half of KrxRequestParams.
+// Reads the security layer's data about the caller: the functions of KrxRequestParams for privileges.
 //
 //   element 61 --> list, element 65 --> validation data --> authorisation data: user id
 //                                                                             + departments --> privilege names
@@ -41,7 +41,7 @@ bool KrxRequestParams::FindSecurityValidationData() {
   return true;  // data that grants nothing still counts as data: every privilege check then fails
 }
 
-// Stores the value of element 65 in the list of element 61. The types of both elements are not checked.
+// Finds element 65 in the list of element 61, and keeps its value. The types of both elements are not checked.
 bool KrxRequestParams::LocateValidationData() {
   const krx_element* interceptor = FindElement(ElementsOf(gen_data_), kKrxSecurityInterceptor);
   if (interceptor == nullptr) return false;

@@ -1,4 +1,4 @@
-// The credentials that a client sent: KrxRequestParams::GetUserCredentials.
+// Reads the credentials that a client sent: KrxRequestParams::GetUserCredentials.
 //
 //   element 14 --> nested block --next--> nested block --next--> ...
 //                    the first one with element 16 --> word 1: element 19 --> list of credentials 25, 26, 29, 30, 31
@@ -15,7 +15,7 @@ using qx::provider::ValueOf;
 namespace {
 
 constexpr std::uint16_t kHoldsCredentials = 1;
-constexpr const char* kPasswordMask = "******";  // what a trace shows of any password
+constexpr const char* kPasswordMask = "******";  // shown by a trace instead of any password
 
 struct Credentials {
   std::string& user_id;

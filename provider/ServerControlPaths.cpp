@@ -17,8 +17,8 @@ bool OpenBelowLocalMachine(CRegistry& registry, const char* key) {
   return registry.Open(key, CRegistry::MLocalMachine, kReadAccess) == 0;
 }
 
-// The string of the pointer value, read into a buffer of the stored value's size. If the expanded value is longer, it
-// is not read. False if there is no such string.
+// Reads the string of the pointer value, with a buffer of the stored value's size. False if there is no such string, or
+// if the string with its variables expanded is longer than the stored one.
 bool ReadRootPointer(CRegistry& registry, std::string& root) {
   if (!OpenBelowLocalMachine(registry, kUuidKey)) return false;
   unsigned size = registry.GetValueSize(kRootPointer, nullptr);
@@ -36,7 +36,7 @@ std::string SetupKey() {
   return root + "\\" + "Setup";
 }
 
-// A directory that the Setup key names. Finds the suite's root each time, with its own handles.
+// Reads a directory name from the Setup key. Each call finds the suite's root again, with handles of its own.
 bool ReadSetupDirectory(const char* name, std::string& directory) {
   const std::string key = SetupKey();
   CRegistry registry;
@@ -65,7 +65,7 @@ const char* CServerControlPaths::GetServerControlReportPath(std::string& path) {
     StripTrailingSlash(directory);
     path = directory;
   } else {
-    (void)CProcess::GetCurrentDir(path);  // unknown: the path stays as the caller gave it
+    (void)CProcess::GetCurrentDir(path);  // if it is unknown, `path` is what the caller passed
   }
   path += "/Reports";
   return path.c_str();

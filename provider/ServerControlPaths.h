@@ -1,8 +1,9 @@
 // Finds the directory of the suite's reports.
 //
 // The registry names the directory. A pointer value of the product names the suite's root in the registry. The "Setup"
-// key of this root has "ReportRoot", the report directory itself, or "FileRoot", the directory above "Reports". Without
-// both, the report directory is "Reports" in the working directory. Nothing is cached: every call reads the registry.
+// key of this root has "ReportRoot", the report directory itself, or "FileRoot", the directory above "Reports". If the
+// key has neither, the report directory is "Reports" in the working directory. Nothing is cached: every call reads the
+// registry.
 #pragma once
 
 #include <string>

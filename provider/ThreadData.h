@@ -26,10 +26,10 @@ class CThreadData {
 
   // Low 32 bits of pthread_self() of the thread that created the object.
   std::uint32_t thread_id;
-  // Calls since the transfer began; the report is opened while it is 0.
+  // Number of calls since the transfer began; a call that finds 0 opens the report.
   std::uint32_t state_word = 0;
   // Size of the data file in bytes, taken when the report was opened. Below 0: the report is closed, because it could
-  // not be opened again after the transfer's first record; this is minus the error number.
+  // not be opened again after the transfer's first record; the value is the negated error number.
   std::int64_t data_file_size = 0;
   // Slot of the oldest record and number of slots in use, as this transfer found them; -1 before the first transfer. A
   // transfer covers the records that existed when it began: records appended later do not change these two.

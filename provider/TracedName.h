@@ -1,4 +1,4 @@
-// Report names in the trace. They come from clients, and may have any byte except NUL.
+// Prepares report names for the trace: they come from clients, and may have any byte except NUL.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ namespace qx::provider {
 // [any thread]
 [[nodiscard]] std::string ShownName(std::string_view name);
 
-// Traces the hex dump of a name. It is long, so it is made only for a trace that shows `level`. [any thread]
+// Traces the hex dump of a name. The dump is long, so it is made only if the trace shows `level`. [any thread]
 void TraceNameDump(std::uint32_t level, const std::string& name);
 
 }  // namespace qx::provider

@@ -6,7 +6,7 @@
 //   block.Security("admin", {{"Operations", {"AccessPerformanceMgr"}}});
 //   GetReports(block.Block(), input, &reply);
 //
-// Everything is copied, and lives as long as the builder.
+// Numbers and texts are copied; the copies live as long as the builder. Pointers are stored as they are.
 #pragma once
 
 #include <cstddef>
@@ -30,7 +30,7 @@ class BlockElements {
   BlockElements(const BlockElements&) = delete;
   BlockElements& operator=(const BlockElements&) = delete;
 
-  // An element without a copy: `value` itself is stored.
+  // Adds an element in which `value` itself is stored, not a copy of what it points to.
   BlockElements& Raw(std::int32_t index, std::int32_t type, const void* value) {
     entries_.push_back(raw_->Element(index, type, value));
     return *this;
@@ -46,31 +46,31 @@ class BlockElements {
   BlockElements& Text(std::int32_t index, std::string_view text) {
     return Raw(index, kKrxTypeString, raw_->KeepText(text));
   }
-  // An array entry that points nowhere.
+  // Adds a null pointer to the array.
   BlockElements& NullEntry() {
     entries_.push_back(nullptr);
     return *this;
   }
-  // An element of type 512 with a new nested block, which is returned to be filled. The same bytes serve where an
+  // Adds an element with a new nested block, which is returned to be filled. The block can also be used where an
   // element list without a chain is expected.
   NestedBuilder& Nested(std::int32_t index, std::int32_t type = kKrxTypeNested);
 
-  // The caller's validation data, for an element. A null `user_id` stays null.
+  // Makes the caller's validation data, without an element that leads to it. A null `user_id` stays null.
   const krx_validation_data* Validation(const char* user_id, const std::vector<BlockDepartment>& departments) {
     return raw_->Validation(raw_->Authorization(user_id, departments));
   }
-  // Element 61 with the caller's validation data.
+  // Adds element 61 with the caller's validation data.
   BlockElements& Security(const char* user_id, const std::vector<BlockDepartment>& departments) {
     return ValidationData(Validation(user_id, departments));
   }
-  // Element 61 with the given pointer as validation data.
+  // Adds element 61 with the given pointer as validation data.
   BlockElements& ValidationData(const void* validation_data);
 
   std::size_t Count() const { return entries_.size(); }
   krx_element* Entry(std::size_t i) const { return entries_[i]; }
 
  protected:
-  // The array in a piece of its exact size, made again when entries were added since.
+  // The array, in a heap block of its exact size. It is made again if entries were added since the last call.
   krx_element** Array() {
     if (array_ == nullptr || array_count_ != entries_.size()) {
       array_ = raw_->KeepArray(entries_);
@@ -97,7 +97,7 @@ class NestedBuilder : public BlockElements {
 
   // The nested block. BlockBuilder::Block brings its count and array up to date.
   krx_nested_block* Block() { return block_; }
-  // Another block after this one in the chain.
+  // Adds another block after this one in the chain.
   NestedBuilder& Next() {
     next_ = std::make_unique<NestedBuilder>(raw_);
     block_->next_block = next_->block_;

@@ -1,5 +1,5 @@
-// A request block of any shape, also an invalid one: for programs that call a module, tests, benchmarks and fuzz
-// targets. BlockBuilder.h uses it to make valid blocks.
+// Builds request blocks of any shape, also invalid ones, for tests, benchmarks, fuzz targets and other programs that
+// call a module. BlockBuilder.h uses it to make valid blocks.
 //
 // Every structure, array, number and text is a heap block of its exact size, so that the address sanitizer sees a read
 // of one byte too many.
@@ -22,8 +22,9 @@ struct BlockDepartment {
   std::vector<const char*> privileges;
 };
 
-// Owns everything that the block points to, at fixed addresses until destruction. Everything that is made belongs to
-// the block, but the module finds it only after it was put into the header or into a part that the header points to.
+// Owns everything that the block points to, at fixed addresses until destruction. Every part that a function makes
+// belongs to the block, but a module finds the part only if the header, or something that the header leads to, points
+// to it.
 //
 // Threads: one thread.
 class RawBlock {
@@ -57,7 +58,7 @@ class RawBlock {
     return pieces_.back().get();
   }
 
-  // `value` is stored as it is, the others are copied.
+  // Makes an element in which `value` is stored as it is. Number and Text store a pointer to a copy.
   krx_element* Element(std::int32_t index, std::int32_t type, const void* value) {
     krx_element element{};
     element.host_field_0 = host_fill_;
@@ -67,7 +68,7 @@ class RawBlock {
     element.value = const_cast<void*>(value);
     return Keep(element);
   }
-  // Four bytes whatever the type: little-endian, so its low bytes come first.
+  // Stores four bytes, whatever the type. The low bytes come first, so a narrower type reads the low part.
   krx_element* Number(std::int32_t index, std::int32_t type, std::uint32_t number) {
     return Element(index, type, Keep(number));
   }
