@@ -28,8 +28,8 @@ int DirectoryCursor::Enter(const std::string& name) {
   return 0;
 }
 
-// The directory above is still open, so the current one, whose search may be forbidden, is not searched. Only ".." of
-// the directory above is opened, which was searched on the way down.
+// The directory above is still open, so ".." is not looked up in the current directory, whose search may be forbidden.
+// It is looked up only in the directory above, which was searched on the way down.
 int DirectoryCursor::Leave() {
   way_.pop_back();
   current_ = std::move(above_);

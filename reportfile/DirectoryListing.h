@@ -1,4 +1,4 @@
-// Internal: the names in a directory.
+// Internal: lists the names in a directory.
 #pragma once
 
 #include <string>
@@ -10,13 +10,14 @@ namespace qx::report {
 struct Listing {
   std::vector<std::string> names;
   int error = 0;
-  bool is_open = false;  // false: `error` is that of opening it. With an error, `names` contains what came before it.
+  bool is_open = false;  // false: opening failed with `error`. If reading failed, `names` is not complete.
 };
 
-// Lists the directory at `path`; a symbolic link at its end is followed. Only a directory is ever opened. [any thread]
+// Lists the directory at `path`; a symbolic link at its end is followed. Anything else than a directory is not opened.
+// [any thread]
 [[nodiscard]] Listing ListDirectory(const std::string& path);
 
-// The system's text for an error number, in its own language.
+// The system's text for an error number, in the language of the program's locale.
 [[nodiscard]] const char* ErrorText(int error);
 
 }  // namespace qx::report

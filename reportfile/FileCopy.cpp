@@ -18,7 +18,7 @@ constexpr mode_t kModeOfUnknown = 0600;
 constexpr std::size_t kRangeBytes = std::size_t{1} << 22;
 constexpr std::size_t kBlockBytes = std::size_t{1} << 14;
 
-// The bytes before a failed read are written.
+// Copies the rest in blocks. The bytes before a failed read are written.
 int CopyBlocks(int from, int to) {
   char block[kBlockBytes];
   for (;;) {
@@ -29,8 +29,8 @@ int CopyBlocks(int from, int to) {
   }
 }
 
-// Lets the system copy. If it cannot, or finds nothing in a file that only seems empty (such as those of /proc), the
-// rest is copied in blocks. A real error occurs there again, and is reported.
+// Lets the system copy. If it cannot, or finds nothing in a file that only seems empty (such as a file of /proc), the
+// rest is copied in blocks. A real error occurs then again, and is reported.
 int CopyContents(int from, int to) {
   bool has_copied = false;
   for (;;) {
@@ -48,13 +48,13 @@ int CopyAndClose(int from, file::Descriptor to) {
   return error != 0 ? error : close_error;
 }
 
-// 0 for a regular file, which may be overwritten; the error number for anything else.
+// 0 for a regular file; only such a file may be overwritten. The error number for anything else.
 int KindError(const struct stat& status) {
   if (S_ISREG(status.st_mode)) return 0;
   return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
 }
 
-// An open source: what is known about it by its descriptor, or at least by its name.
+// An open source. Its kind comes from its descriptor, or, if that `stat` fails, from its name.
 struct Source {
   int descriptor;
   FileKind kind;
@@ -62,7 +62,8 @@ struct Source {
   struct stat status = {};
 };
 
-// The target's kind is checked before it is opened: opening a device can act on it, and a FIFO's reader would notice.
+// The target's kind is checked before the target is opened: opening a device can have an effect on the device, and the
+// reader of a FIFO would notice.
 int OverwriteFile(const Source& source, const char* target) {
   struct stat status;
   if (const int error = file::StatusOf(target, status); error != 0) return error;
@@ -73,18 +74,18 @@ int OverwriteFile(const Source& source, const char* target) {
   if (!to.IsOpen()) return errno;
   if (const int error = file::StatusOf(to.Number(), status); error != 0) return error;
   if (const int error = KindError(status); error != 0) return error;
-  if (IdOf(status) == source.kind.id) return 0;  // emptying it would lose what is to be copied
+  if (IdOf(status) == source.kind.id) return 0;  // the target is the source: emptying it would lose the contents
   if (const int error = file::Truncate(to.Number(), 0); error != 0) return error;
   return CopyAndClose(source.descriptor, std::move(to));
 }
 
-// EEXIST when there is something at `target` already.
+// Returns EEXIST if something exists at `target` already.
 int CreateFile(const Source& source, const char* target) {
   const mode_t mode = source.has_status ? source.status.st_mode & kPermissionBits : kModeOfUnknown;
   file::Descriptor to = file::Open(target, O_WRONLY | O_CREAT | O_EXCL | O_TRUNC, mode);
   if (!to.IsOpen()) return errno;
   if (source.has_status) {
-    // Ordinary users may not give files away; theirs then stay their own.
+    // An ordinary user may not change the owner; the copy then belongs to this user.
     [[maybe_unused]] const int ignored = fchown(to.Number(), source.status.st_uid, source.status.st_gid);
   }
   return CopyAndClose(source.descriptor, std::move(to));

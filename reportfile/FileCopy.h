@@ -1,4 +1,4 @@
-// Internal: one regular file copied to a new or an existing one.
+// Internal: copies one regular file to a new or an existing file.
 #pragma once
 
 #include <sys/stat.h>
@@ -26,10 +26,10 @@ struct FileKind {
 inline FileKind KindOf(const struct stat& status) { return {.id = IdOf(status), .mode = status.st_mode}; }
 
 // Copies the contents of `source`, which is of `kind`, into `target`. A new file gets permission bits (less the
-// file-creation mask) and, where the system allows it, owner and group of the source; an existing one keeps its own.
-// A target that is the source itself stays as it is. Returns 0 or the error number:
+// file-creation mask) and, where the system allows it, owner and group of the source; an existing one keeps its own. If
+// the target is the source itself, nothing happens. Returns 0 or the error number:
 //   EEXIST  the target exists and `overwrite` is false; it was not touched
-//   EINVAL  one of the two is neither a regular file nor a directory; it was not waited for
+//   EINVAL  source or target is of another kind, such as a FIFO, which was not waited for; or the source is a directory
 // After any other error the target may contain a part of the contents.
 [[nodiscard]] int CopyFile(const char* source, const FileKind& kind, const char* target, bool overwrite);
 

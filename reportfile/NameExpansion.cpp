@@ -50,8 +50,8 @@ void AppendMatches(const std::string& directory, const Listing& listing, const s
   }
 }
 
-// Replaces the paths by what `pattern` matches in them. Where several directories are listed, a path that is not a
-// directory only adds nothing. 0 or the error of the first directory that cannot be opened.
+// Replaces each path by the entries below it that `pattern` matches. If there are several paths, one that is missing or
+// not a directory adds nothing. Returns 0 or the error of the first directory that cannot be opened.
 int ExpandComponent(const std::string& pattern, Expansion& expansion) {
   std::vector<std::string> found;
   for (const std::string& directory : expansion.paths) {
@@ -73,7 +73,7 @@ bool DoesNotExist(const std::string& path) {
   return file::StatusOf(path.c_str(), ignored, AT_SYMLINK_NOFOLLOW) != 0;
 }
 
-// Nothing, a directory itself or its parent: copying it would copy a directory into itself.
+// True for "", "." and "..": copying these would copy a directory into itself.
 bool IsNoEntry(std::string_view name) { return name.empty() || name == "." || name == ".."; }
 
 }  // namespace
@@ -93,7 +93,7 @@ Expansion ExpandNames(const std::string& known, std::string_view expression) {
       for (std::string& path : expansion.paths) path += "/" + Unescaped(component);
     }
   }
-  if (!is_listed) std::erase_if(expansion.paths, DoesNotExist);  // names without wildcards are not checked yet
+  if (!is_listed) std::erase_if(expansion.paths, DoesNotExist);  // without wildcards nothing was checked yet
   expansion.error = expansion.paths.empty() ? ENOENT : 0;
   return expansion;
 }

@@ -14,13 +14,14 @@ namespace qx::report {
 // The paths that an expression names, in the order of the system, without "." and "..".
 struct Expansion {
   std::vector<std::string> paths;
-  int error = 0;          // why there is no path; 0 if there are some
+  int error = 0;          // why there is no path; 0 if there is a path
   int listing_error = 0;  // a listing ended with this error: there may be more than `paths`
 };
 
-// Expands `known` + `expression`. The first is taken as it is, whatever characters it has; the second begins with "/"
-// and is globbed, with wildcards matching a leading dot. The first directory that cannot be opened ends the expansion
-// with its error and without paths. If a listing ends with an error, no further directory is listed for that component.
+// Expands the path `known` followed by `expression`. No character of `known` is a wildcard. `expression` begins with
+// "/" and is globbed; its wildcards also match a leading dot. The first directory that cannot be opened ends the
+// expansion with its error and without paths. If a listing breaks off with an error, no further directory is listed for
+// that component.
 //   "", "/b/*"         => everything in /b
 //   "/b[1]", "/*.dat"  => what ends with ".dat" in /b[1]
 //   "/b", "/"          => nothing (ENOENT)
@@ -31,11 +32,11 @@ struct Expansion {
 //   /b/*.*.*    => /b/*.*
 [[nodiscard]] std::string WithEveryNameAsStar(std::string expression);
 
-// `path` as an expression that matches this path only.
+// An expression that matches only `path`.
 //   /b[1]  => /b\[1]
 [[nodiscard]] std::string EscapedForGlobbing(std::string_view path);
 
-// The expression as a trace shows it: its directory without escapes.
+// The expression as a trace shows it: without escapes, except those in its last component.
 //   /b\[1]/*    => /b[1]/*
 //   /b/a\[1]    => /b/a\[1]
 [[nodiscard]] std::string ForTrace(std::string_view expression);

@@ -1,4 +1,4 @@
-// Internal: how an operation on a directory tree runs.
+// Internal: runs an operation on a directory tree to its end.
 #pragma once
 
 #include <cerrno>

@@ -34,7 +34,7 @@ namespace {
 
 constexpr std::size_t kBlock = sizeof(__m128i);
 
-// 0xFF in each of the 16 bytes at `at` that ends a text, 0 in the others.
+// For each of the 16 bytes at `at`: 0xFF if it ends a text, otherwise 0.
 __m128i TextEnds(const char* at) {
   const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
   const __m128i is_line_feed = _mm_cmpeq_epi8(block, _mm_set1_epi8('\n'));
@@ -63,10 +63,10 @@ std::size_t FindTextEnd(std::string_view bytes) {
 
 namespace {
 
-constexpr std::size_t kBlocksPerSum = 255;  // as many as a byte can count
+constexpr std::size_t kBlocksPerSum = 255;  // the highest count of a byte
 
-// Calls count_blocks(at, blocks) for stretches of whole blocks and sums up; the bytes that are left over are counted
-// one by one.
+// Returns the sum of count_blocks(at, blocks) over stretches of whole blocks, and of count_plain for the bytes after
+// them.
 template <std::size_t kBlockBytes, typename CountBlocks, typename CountPlain>
 std::size_t CountInStretches(std::string_view bytes, CountBlocks count_blocks, CountPlain count_plain) {
   std::size_t count = 0;
@@ -84,10 +84,11 @@ std::size_t CountTextEndBlocks(const char* at, std::size_t blocks) {
   return SumOf(counts);
 }
 
-// Thirty-two bytes a step. One look-up finds all bytes that count. Raised by one, the bytes 0xFF, 0x00, "\n" and "]"
-// are 0x00, 0x01, 0x0B and 0x5E: their low halves differ, and all are below 0x80. For a raised byte below 0x80 the
-// look-up returns the one of these four with the same low half, and 0 for any other byte. So a byte counts if the
-// look-up returns the raised byte itself.
+// The tables for thirty-two bytes a step. One look-up finds all bytes that count. Raised by one, the bytes 0xFF, 0x00,
+// "
+// " and "]" are 0x00, 0x01, 0x0B and 0x5E: their low halves differ, and all are below 0x80. For a raised byte below
+// 0x80 the look-up returns the one of these four with the same low half, and 0 for any other byte. So a byte counts if
+// the look-up returns the raised byte itself.
 constexpr char kNone = '\x80';
 using LookUp = char[16];
 constexpr LookUp kTextEnds = {0,     1,     kNone, kNone, kNone, kNone, kNone, kNone,

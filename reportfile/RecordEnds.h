@@ -1,7 +1,8 @@
-// Where records end: the searches that reading consists of.
+// Searches for the ends of records.
 //
 // A record's text ends with its first line feed or byte 0xFF, and before its first NUL. So one search for the first of
-// the three bytes finds the end of the text, and one count shows whether a run of records has an exception.
+// the three bytes finds the end of the text, and one count shows whether every record of a run ends with its only such
+// byte.
 #pragma once
 
 #include <cstddef>
@@ -17,15 +18,15 @@ inline constexpr std::string_view kEndOfFile = "\xFF";
 // The offset of the first byte that ends a text; bytes.size() without one.
 [[nodiscard]] std::size_t FindTextEnd(std::string_view bytes);
 
-// How many bytes that end a text there are.
+// The number of bytes that end a text.
 [[nodiscard]] std::size_t CountTextEnds(std::string_view bytes);
 
-// Counts the bytes that end a text, and the "]". So one pass shows that a run of records is whole and has no "]", with
-// which a CDATA section could end.
+// Counts the bytes that end a text, and the "]". So one pass can show that every record of a run has one text end, and
+// that no record has a "]", with which a CDATA section could end.
 [[nodiscard]] std::size_t CountTextEndsAndBrackets(std::string_view bytes);
 
-// The three functions above in slower forms, byte by byte and sixteen bytes a step: for processors without the faster
-// form, and as the oracle of its tests.
+// The three functions above in slower forms: byte by byte ("Plain") and sixteen bytes a step ("Narrow"). They are for
+// processors without the faster form, and the tests compare the faster form with them.
 [[nodiscard]] std::size_t FindTextEndPlain(std::string_view bytes);
 [[nodiscard]] std::size_t CountTextEndsPlain(std::string_view bytes);
 [[nodiscard]] std::size_t CountTextEndsAndBracketsPlain(std::string_view bytes);

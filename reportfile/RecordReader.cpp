@@ -16,28 +16,29 @@ namespace qx::report {
 
 namespace {
 
-// Together the windows are smaller than a block for which an allocator maps fresh pages. The first use of such pages
-// costs more than the copying.
+// Together the windows are smaller than a block for which an allocator maps new pages. The first use of such pages
+// costs more than the copying of the records.
 constexpr std::size_t kDataWindowBytes = std::size_t{64} * 1024;
 constexpr std::size_t kSlotWindowSlots = 8192;
 constexpr std::size_t kCheckedSlots = 4096;
 
-// The least that is read if the length of a record, or the number of the next requested slots, is unknown.
+// The least that is read at once, because the length of the next record, or the number of slots that will be requested,
+// is unknown.
 constexpr std::size_t kRecordGuessBytes = 4096;
 constexpr std::size_t kSlotGuessSlots = 256;
 
-// A run of at least this many bytes is read directly into the caller's text; a shorter one may be in the window.
+// A run of at least this many bytes is read directly into the caller's text; a shorter one is taken from the window.
 constexpr std::size_t kDirectRunBytesMin = kRecordGuessBytes;
 
-// A run is at most this long, so that it stays in the processor's caches; after three quarters of it the slots are
-// checked, so that most runs are a batch of their own.
+// A run is at most this long, so that it stays in the processor's caches. A batch ends, and its slots are checked,
+// after three quarters of this length; so most long runs are a batch of their own.
 constexpr std::size_t kRunBytesMax = std::size_t{256} * 1024;
 constexpr std::size_t kBatchBytes = kRunBytesMax / 4 * 3;
 
 constexpr int kSingleReadsMax = 3;
 
-// How many records at the front of `offsets` follow one another, by their slots, in at most `bytes_max`. The last
-// offset only marks the end of the record before it.
+// The number of records at the front of `offsets` whose offsets rise, within at most `bytes_max` bytes. The last offset
+// only marks the end of the record before it.
 //   0 10 20 30, bytes_max 100  => 3
 //   0 10 20 30, bytes_max 25   => 2
 //   0 10 5 15                  => 1
@@ -50,8 +51,9 @@ std::size_t RisingRecords(std::span<const std::uint32_t> offsets, std::size_t by
   return count;
 }
 
-// True if the kernel's copy of a page of the file to this place is slow: some processors (family 25 of AMD) take six
-// times as long if the offset in its page is one to fifteen bytes greater than that of the source.
+// True if the kernel is slow when it copies from this offset of the file to this address: some processors (family 25 of
+// AMD) take six times as long if the target's offset in its page is one to fifteen bytes greater than the source's
+// offset in its page.
 bool CopiesSlowly(std::int64_t file_offset, const char* to) {
   constexpr std::uintptr_t kPageBytes = 4096;
   const std::uintptr_t ahead =
@@ -65,7 +67,7 @@ std::size_t EqualAtFront(std::span<const std::uint32_t> offsets) {
   return static_cast<std::size_t>(std::find_if(offsets.begin(), offsets.end(), differs) - offsets.begin());
 }
 
-// How much of `gathered_max` is left; a record's text must be shorter than that.
+// The number of bytes left below `gathered_max`. A record fits if its text is shorter.
 std::size_t SpaceIn(const std::string& out, std::size_t gathered_max) {
   return gathered_max > out.size() ? gathered_max - out.size() : 0;
 }
@@ -128,7 +130,7 @@ struct RecordReader::Windows {
   std::uint32_t first_slot;
   std::uint32_t slot_count;
   int slots_error;  // why there is no slot in the window; 0: the index file ends there
-  int data_error;   // the same of the data
+  int data_error;   // why there are no bytes in the data window; 0: the data file ends there
   std::int64_t data_offset;
   std::size_t data_size;
   std::uint32_t slots[kSlotWindowSlots];
@@ -238,7 +240,8 @@ TakenRecords RecordReader::TakeReadable(std::uint32_t first_slot, const TakeLimi
   return {taken, TakeEnd::kCountReached};
 }
 
-// Takes some records of slots that are all in use, at least one. kCountReached: there may be more to take.
+// Takes at least one record of slots that are all in use, unless it reports another end than kCountReached. With
+// kCountReached there may be more to take.
 TakenRecords RecordReader::TakeChecked(std::uint32_t first_slot, const TakeLimits& limits, std::string* out) {
   const std::span<const std::uint32_t> offsets = OffsetsFrom(first_slot, limits.count_max);
   if (offsets.empty()) {
@@ -277,8 +280,8 @@ TakenRecords RecordReader::TakeSingly(std::uint32_t first_slot, std::uint32_t co
   return {count, TakeEnd::kCountReached};
 }
 
-// Slots after the end of the index file all read as offset 0. A header that claims billions of them must not keep the
-// caller busy: if that one record has no text, all of them are taken at once.
+// Takes records of slots after the end of the index file; all of these read as offset 0. A header may claim billions of
+// them. So if the record at offset 0 has no text, all of them are taken at once.
 TakenRecords RecordReader::TakeMissingSlots(std::uint32_t first_slot, const TakeLimits& limits, std::string* out) {
   const std::size_t size_before = out->size();
   std::uint32_t taken = 0;
@@ -306,9 +309,9 @@ bool RecordReader::SlotIsMissing(std::uint32_t slot) const {
   return !progress.Failed() && progress.bytes < sizeof offset;
 }
 
-// How many slots from `slot` on are in a hole of the index file, or after its end. They all read as offset 0: a small
-// file can claim billions of them. 0 if the file system does not know its holes. The call moves the position of the
-// descriptor, which nothing uses.
+// The number of slots from `slot` on that are in a hole of the index file, or after its end. They all read as offset 0:
+// a small file can claim billions of them. The result is 0 if the file system does not report holes. The call moves the
+// position of the descriptor, which nothing uses.
 std::uint32_t RecordReader::EmptySlotsFrom(std::uint32_t slot) const {
   constexpr std::int64_t kAll = std::numeric_limits<std::uint32_t>::max();
   const std::int64_t at = SlotOffset(slot);
@@ -317,7 +320,7 @@ std::uint32_t RecordReader::EmptySlotsFrom(std::uint32_t slot) const {
   return static_cast<std::uint32_t>(std::min((data_at - at) / std::int64_t{sizeof slot}, kAll));
 }
 
-// True if the slots from `first_slot` on have these offsets now.
+// True if a new read of the slots from `first_slot` on returns these offsets.
 bool RecordReader::AreSlotsUnchanged(std::uint32_t first_slot, std::span<const std::uint32_t> offsets) {
   std::uint32_t* const now = windows_->checked_slots;
   while (!offsets.empty()) {
@@ -330,7 +333,7 @@ bool RecordReader::AreSlotsUnchanged(std::uint32_t first_slot, std::span<const s
   return true;
 }
 
-// Takes records from the windows until there is text enough for a check of the slots.
+// Takes records until there is enough text for a check of the slots.
 RecordReader::Batch RecordReader::TakeBatch(std::span<const std::uint32_t> offsets, const TakeLimits& limits,
                                             std::string* out) {
   const std::size_t size_before = out->size();
@@ -365,7 +368,8 @@ bool RecordReader::HoldsWholeRecords(std::string_view bytes, std::span<const std
   return CountTextEnds(bytes) == records;
 }
 
-// Takes the run of records between `offsets` if the file holds all of it and it has no exception.
+// Takes the run of records between `offsets` if the file has all its bytes, and every record of it ends where the next
+// one begins.
 bool RecordReader::AppendWhole(std::span<const std::uint32_t> offsets, std::string* out) {
   const std::size_t size = offsets.back() - offsets.front();
   if (size >= kDirectRunBytesMin) return ReadWhole(offsets, out);
@@ -415,7 +419,8 @@ RecordReader::Batch RecordReader::AppendEach(std::span<const std::uint32_t> offs
   return batch;
 }
 
-// Takes the record at the first of `offsets`. If it has no text, neither have those after it with the same offset.
+// Takes the record at the first of `offsets`. If this record has no text, the next records with the same offset have
+// none either, and are taken with it.
 RecordReader::Batch RecordReader::AppendEqual(std::span<const std::uint32_t> offsets, std::size_t gathered_max,
                                               std::string* out) {
   const std::size_t size_before = out->size();

@@ -1,10 +1,11 @@
-// Reads the records of an open store through large windows. This is what moves a report; readLine fetches one record.
+// Reads the records of an open store through large windows. A transfer of a report uses this; readLine reads one
+// record.
 //
-// Slots are read some thousands at a time. Where their offsets rise, the records follow one another in the data file.
-// Such a run is read at once, searched once, and taken whole if every record ends where the next one begins and nowhere
-// sooner. Everything else (a line feed inside a record, a NUL, a byte 0xFF, slots out of order, overlapping records, a
-// short file) is taken record by record from the same window. The offsets are only a hint at where a record ends: the
-// results are those of readLine for each slot in turn.
+// Slots are read some thousands at a time. As long as their offsets rise, the records follow one another in the data
+// file. Such a run of records is read at once and searched once. It is taken whole if every record ends where the next
+// one begins, and not before. In all other cases (a line feed inside a record, a NUL, a byte 0xFF, slots out of order,
+// overlapping records, a short file) records are taken one by one from the window. The next offset is only a hint at
+// where a record ends: the results are those of readLine for each slot.
 //
 // A writer may be at work. It replaces a slot before it overwrites the text that the slot named, so a text is whole if
 // its slot is the same before and after the text was read. Slots are therefore read again after the texts. If one has
@@ -24,19 +25,20 @@ class CReportFileBase;
 
 namespace qx::report {
 
-// Appends the text of the record in `slot` to `out` if it is shorter than `bytes_max`, without any window: slot, text,
-// and the slot again, at most three times until both reads of the slot agree. After that, the text is taken as it is.
-// Returns 0, or the error number of the read that failed; `out` is then unchanged and `too_long` is false. A text that
-// is not shorter sets `too_long` and appends nothing; reading stops as soon as that is certain. [any thread]
+// Appends the text of the record in `slot` to `out` if it is shorter than `bytes_max`, without any window: it reads the
+// slot, the text, and the slot again, until both reads of the slot agree, but at most three times. The text of the
+// third time is taken even if they do not agree. Returns 0, or the error number of the read that failed; `out` is then
+// unchanged and `too_long` is false. If the text is not shorter, `too_long` is set and nothing is appended; reading
+// stops as soon as that is certain. [any thread]
 [[nodiscard]] int ReadRecord(std::FILE* index_file, std::FILE* data_file, std::uint32_t slot, std::size_t bytes_max,
                              std::string* out, bool* too_long);
 
-// Appends the text at `at` in an open data file, whether or not a slot leads there. The rest is as for ReadRecord. [any
-// thread]
+// Appends the text at offset `at` of an open data file, whether or not a slot leads there. `bytes_max`, `too_long` and
+// the result are as for ReadRecord. [any thread]
 [[nodiscard]] int ReadTextAt(int data_file, std::int64_t at, std::size_t bytes_max, std::string* out, bool* too_long);
 
-// Why Take stopped: all requested records are taken, or enough text; the next record does not fit; the next record
-// cannot be read (the slot is not in use, the store is not open, or the system reports an error).
+// Why Take stopped, in this order: all requested records are taken; enough text is taken; the next record does not fit;
+// the next record cannot be read (its slot is not in use, the store is not open, or the system reports an error).
 enum class TakeEnd { kCountReached, kEnough, kChunkFull, kReadFailed };
 
 struct TakenRecords {
@@ -44,13 +46,13 @@ struct TakenRecords {
   TakeEnd end;
 };
 
-// What Take takes at most.
+// The limits of Take.
 struct TakeLimits {
   static constexpr std::size_t kUnlimited = std::numeric_limits<std::size_t>::max();
 
   std::uint32_t count_max;                // records
   std::size_t gathered_max;               // out->size() stays below this
-  std::size_t enough_bytes = kUnlimited;  // Take ends after the record with which it has this much text
+  std::size_t enough_bytes = kUnlimited;  // Take ends after the record that completes this much text
 };
 
 // A reader over one store.
@@ -58,8 +60,8 @@ struct TakeLimits {
 // Threads: one reader belongs to one thread; each call holds the store's lock.
 // Owns: the windows, about 100 KiB whatever the files contain, allocated at the first Take. Borrows the store, which
 // must outlive it.
-// Failure: an error of the system in a window makes Take read that record singly, without a window. If this fails as
-// well, Take stops before the record, and Error returns the error number.
+// Failure: if filling a window fails with an error of the system, Take reads the next record singly, without a window.
+// If this fails as well, Take stops before the record, and Error returns the error number.
 // Freshness: Take sees the files as they are at its construction or later; the windows are kept until Drop.
 class RecordReader {
  public:
@@ -68,8 +70,8 @@ class RecordReader {
   RecordReader(const RecordReader&) = delete;
   RecordReader& operator=(const RecordReader&) = delete;
 
-  // ReadRecord of a slot that is in use. False if the slot is not in use, if the store is not open, and if the system
-  // reports an error: nothing is appended, and `too_long` is false. [owning thread]
+  // Reads the record in `slot` with ReadRecord. False if the slot is not in use, the store is not open, or the system
+  // reports an error; then nothing is appended, and `too_long` is false. [owning thread]
   [[nodiscard]] bool Read(std::uint32_t slot, std::size_t bytes_max, std::string* out, bool* too_long);
 
   // Appends the records of `first_slot` and the slots after it, up to the limits. Slots do not wrap around: the caller
@@ -90,18 +92,18 @@ class RecordReader {
   // thread]
   [[nodiscard]] bool MayHaveTakenBracket() const { return may_have_taken_bracket_; }
 
-  // Forgets the windows, as is necessary after the store was reopened. [owning thread]
+  // Empties the windows. Necessary after the store was reopened. [owning thread]
   void Drop();
 
  private:
   struct Windows;
-  // How the record at an offset was taken from the data window.
+  // Whether the record at an offset was taken from the data window, or why not.
   enum class Piece { kTaken, kTooLong, kUnreadable };
-  // Some records of a row of slots, taken from the windows without a check of their slots.
+  // Records of neighbouring slots that were taken without a check of their slots.
   struct Batch {
     std::uint32_t count = 0;       // records taken
-    Piece next = Piece::kTaken;    // otherwise why the record after them was not taken
-    bool ends_in_no_text = false;  // the last slot has offset 0, where no text is
+    Piece next = Piece::kTaken;    // if not kTaken: why the record after them was not taken
+    bool ends_in_no_text = false;  // the last slot has offset 0, and the record there has no text
   };
 
   Windows& LoadedWindows();

@@ -1,8 +1,8 @@
 // Restores the report directory's files from a backup directory.
 //
 // A restore is attempted once: whatever the result of the copy, the backup directory is deleted after it. It is
-// therefore the one operation that can lose a report. So it is refused before anything is copied if deleting the backup
-// would delete what was just restored, or if the backup cannot be listed completely.
+// therefore the one operation that can lose a report. So a restore is refused, before anything is copied, if deleting
+// the backup would delete the restored files, or if the backup cannot be listed completely.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,7 +26,7 @@ namespace {
 
 using qx::report::FileId;
 
-// False, traced, if the registry names no report directory.
+// False, with a line in the trace, if no report directory is known.
 bool FindReportDirectory(std::string& directory) {
   (void)CServerControlPaths::GetServerControlReportPath(directory);
   if (!directory.empty()) return true;
@@ -39,7 +39,7 @@ bool IsSameFile(const std::filesystem::path& path, const FileId& id) {
   return qx::file::StatusOf(path.c_str(), status) == 0 && qx::report::IdOf(status) == id;
 }
 
-// Whether `directory`, or a directory on the way to it, is the one of this id.
+// Whether `directory`, or a directory on the way to it, has this id.
 //   /a/b/c  => checks /a/b/c, /a/b, /a and /
 bool LeadsThrough(std::filesystem::path directory, const FileId& id) {
   while (!IsSameFile(directory, id)) {
@@ -49,8 +49,8 @@ bool LeadsThrough(std::filesystem::path directory, const FileId& id) {
   return true;
 }
 
-// The absolute `path` with every link resolved. Components that do not exist yet count as the directories that a copy
-// would make, so ".." leads back out of them.
+// The absolute `path` with every link resolved. A component that does not exist counts as a directory, which a copy
+// would make; a ".." after it leads back to the directory above.
 std::filesystem::path Resolved(const std::filesystem::path& path) {
   std::filesystem::path resolved = "/";
   for (const std::filesystem::path& name : path.relative_path()) {
@@ -88,8 +88,8 @@ FileId IdAt(const std::string& path) {
   return qx::file::StatusOf(path.c_str(), status) == 0 ? qx::report::IdOf(status) : FileId();
 }
 
-// The names in the backup, before anything is copied: a copy that finds too few of them would be followed by the
-// deletion of them all. 0 or the error number.
+// Lists the backup before anything is copied: a copy that found only some of the names would be followed by the
+// deletion of all of them. Returns 0 or the error number.
 int ListBackup(const std::string& backup, const std::string& report_directory, qx::report::TreeListing& listing) {
   if (!backup.starts_with('/')) return 0;  // CopyBack refuses such a path; the deletion does not
   return qx::report::ErrorOfOperation([&] { return listing.Read(backup, IdAt(report_directory)); });
@@ -105,7 +105,8 @@ void TraceNotCopied(int error, const std::string& backup, const std::string& rep
            static_cast<unsigned>(error), backup.c_str(), report_directory.c_str());
 }
 
-// Copies what was listed; a path that is not absolute is refused as CDirectory refuses it. 0 or the error number.
+// Copies what was listed. A path that is not absolute is passed to CDirectory, which refuses it. Returns 0 or the error
+// number.
 int CopyBack(const std::string& backup, const qx::report::TreeListing& listing, const std::string& report_directory) {
   constexpr const char* kEveryName = "*.*";
   if (!backup.starts_with('/') || !report_directory.starts_with('/')) {
@@ -115,8 +116,8 @@ int CopyBack(const std::string& backup, const qx::report::TreeListing& listing, 
       [&] { return qx::report::TreeCopy(kEveryName, true).RunListed(backup, listing, report_directory); });
 }
 
-// Syncs the copies before the originals are deleted: a power failure in between would leave neither. If the directory
-// cannot be opened, every file system is synced, which needs no descriptor.
+// Syncs the copies before the originals are deleted. Otherwise a power failure after the deletion could lose both. If
+// the directory cannot be opened, every file system is synced, which needs no descriptor.
 void SyncFileSystemOf(const std::string& directory) {
   const qx::file::Descriptor open = qx::file::OpenDirectory(directory.c_str());
   if (open.IsOpen()) {
@@ -126,7 +127,7 @@ void SyncFileSystemOf(const std::string& directory) {
   }
 }
 
-// Its result is only in the trace.
+// Deletes the backup. The result is only in the trace.
 void DeleteBackup(const std::string& backup, const std::string& report_directory) {
   if (backup.empty()) return;
   if (access(backup.c_str(), F_OK) == 0) SyncFileSystemOf(report_directory);
@@ -163,7 +164,7 @@ bool CReportFileBase::RestoreReportDataFiles(const std::string& backupPath) {
   }
 }
 
-// Quirk: treats every report directory as a drive, so there never is a backup.
+// Quirk: every report directory counts as a drive, so no backup is ever made.
 bool CReportFileBase::BackupReportDataFiles(const std::string& backupPath) {
   if (backupPath.empty()) return false;
   std::string report_directory;

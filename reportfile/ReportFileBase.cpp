@@ -38,8 +38,8 @@ std::string_view BytesOf(const T& value) {
   return {reinterpret_cast<const char*>(&value), sizeof value};
 }
 
-// Reads `value` if all its bytes are there; a short file leaves it unchanged. Returns the error number of a read that
-// failed, else 0.
+// Reads `value` if the file has all its bytes; otherwise `value` is unchanged. Returns the error number of a read that
+// failed, otherwise 0.
 template <typename T>
 int ReadValueAt(std::FILE* file, std::int64_t offset, T& value) {
   static_assert(std::is_trivially_copyable_v<T>);
@@ -49,24 +49,24 @@ int ReadValueAt(std::FILE* file, std::int64_t offset, T& value) {
   return progress.error;
 }
 
-// Writes the record and, in the same call, the end marker after it. A marker that was cut short does no harm: only text
-// with a slot is read.
+// Writes the record and, in the same call, the end marker after it. A marker that was cut short does no harm, because
+// readers read only texts that a slot leads to.
 bool WriteRecordAt(std::FILE* file, std::uint32_t offset, std::string_view text) {
   return WriteAt(file, offset, text, kLineEndAndMarker) >= text.size() + kLineEnd.size();
 }
 
-// Header and slot 0 in one write: a kill never leaves a slot after 24 bytes that nobody wrote, which would read as a
-// ring without slots. A write that is cut short is undone.
+// Writes header and slot 0 in one write. With two writes, a kill between them could leave slot 0 after 24 zero bytes,
+// which read as a header of a ring without slots. A write that is cut short is undone.
 bool WriteFirstSlot(std::FILE* index_file, std::int64_t size, const IndexHeader& header, std::uint32_t position) {
   if (WriteAt(index_file, 0, BytesOf(header), BytesOf(position)) == sizeof header + sizeof position) return true;
   const int error = errno;
-  (void)Truncate(fileno(index_file), size);  // at worst the file holds a part of a header, which reads as none
+  (void)Truncate(fileno(index_file), size);  // if this fails, the part of a header counts as no header
   errno = error;
   return false;
 }
 
-// Runs `action`; without memory the result is false with ENOMEM. No exception leaves the store: agents are built by
-// others. The forced unwinding of a cancelled thread is not a std::exception, and passes.
+// Runs `action`; if memory runs out, the result is false, with ENOMEM. No exception may leave the store, because agents
+// are built by others. The forced unwinding of a cancelled thread is not a std::exception, and passes.
 template <typename Action>
 bool WithoutExceptions(Action action) {
   try {
@@ -79,7 +79,7 @@ bool WithoutExceptions(Action action) {
 
 void CloseStream(std::FILE*& stream) {
   if (stream == nullptr) return;
-  (void)std::fclose(stream);  // nothing is ever buffered in it, so there is nothing left that could fail to be written
+  (void)std::fclose(stream);  // nothing is buffered in the stream, so no write can fail here
   stream = nullptr;
 }
 
@@ -110,7 +110,7 @@ bool CReportFileBase::Open(const char* path, unsigned int maxRecords) {
       header_.maxRecord = RingSize(maxRecords);
       return true;
     }
-    if (readPositions() != 0) return CloseAfterReadError();  // with a short file, the object's header stays
+    if (readPositions() != 0) return CloseAfterReadError();  // if the file is too short, header_ is unchanged
     TraceHeader(header_);
     return true;
   });
@@ -151,7 +151,7 @@ bool CReportFileBase::writeLine(const char* text) {
   const std::string_view record = text != nullptr ? text : "";
   const std::uint32_t record_offset = header_.writePosition;
 
-  // In this order, so that a reader or a crash between two of the calls never finds a slot without its record.
+  // Record, slot, header: in this order a reader, or a crash between two writes, never finds a slot without its record.
   if (!WriteRecordAt(data_file_, record_offset, record)) return false;
   const std::uint32_t slot = SlotForNewRecord(header_);
   const IndexHeader after = HeaderAfterRecords(header_, 1, MarkerOffset(record_offset, record.size()));
@@ -163,7 +163,7 @@ bool CReportFileBase::writeLine(const char* text) {
   }
   if (!setPositionInIndexFile(slot, record_offset)) return false;
 
-  // The record is indexed now: a header that cannot be written does not change the result.
+  // The record is indexed now, so the result is true even if the header cannot be written.
   header_ = after;
   (void)writePositionsToFile();  // the next record writes it again
   return true;

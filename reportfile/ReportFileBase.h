@@ -1,10 +1,10 @@
 // The record store of a report: a bounded log of text records in a data file, with a binary index file next to it.
 //
-// A writer appends with writeLine; once all slots of the ring are in use, each record takes over the slot of the oldest
-// one, and the data file is rewritten from its start at regular intervals, so neither file grows without bound. A
+// A writer appends with writeLine. Once all slots of the ring are in use, each new record replaces the oldest one.
+// After a fixed number of records the data file is written from its start again, so neither file grows without bound. A
 // reader opens the files read-only and fetches records by slot. docs/report-store.md maps the bytes and describes what
 // readers in other processes may see. Not here: protection against a second writer, repair of damaged files, and any
-// check that a rewritten data file still has the text of old slots.
+// check whether the text of an old slot was overwritten.
 #pragma once
 
 #if __cplusplus < 202002L
@@ -25,9 +25,9 @@ class RecordWriter;
 // One report's store, open for writing, open for reading, or closed. Exported: the agents that keep reports use it.
 //
 // Threads: writeLine and readLine may be called from several threads at the same time; everything else belongs to the
-// thread that owns the object, while no other uses it. The lock protects this object only, not the files against other
-// processes.
-// Owns: both streams, which serve as handles; all access is positioned reads and writes on their descriptors.
+// thread that owns the object, while no other thread uses the object. The lock protects this object only, not the files
+// against other processes.
+// Owns: both streams. They only own the descriptors; all access is by positioned reads and writes on these.
 // Failure: a false or zero result, with errno set by the system call that failed, or ENOMEM; the store traces no
 // errors. No exception leaves it; the forced unwinding of a cancelled thread passes.
 class [[gnu::visibility("default")]] CReportFileBase {
@@ -37,14 +37,14 @@ class [[gnu::visibility("default")]] CReportFileBase {
   CReportFileBase(const CReportFileBase&) = delete;
   CReportFileBase& operator=(const CReportFileBase&) = delete;
 
-  // Opens `path`.ind and `path`.dat for reading and writing. If both exist, they are used with the ring size that they
-  // were created with; `maxRecords` is ignored. If either is missing, the store is started over with mode 0644 and
-  // `maxRecords` slots (0: 1,073,741,823), and the content of the other file is lost. The header of a new store is
-  // written with its first record. Takes the advisory lock of the index file if it is free.
-  // False: a null or empty path (nothing happens); a file that exists but cannot be opened or read (neither file is
-  // changed: try again later, do not delete it); or one that cannot be created. errno is that of the first file that
-  // failed: EINVAL for what is not a regular file, ELOOP for the link of another owner. Nothing is open then. What is
-  // still open is closed first. [owning thread]
+  // Opens `path`.ind and `path`.dat for reading and writing. If both files exist, they keep their ring size, and
+  // `maxRecords` is ignored. If either is missing, the store is started over, with mode 0644 and `maxRecords` slots (0:
+  // 1,073,741,823), and the content of the other file is lost. The header of a new store is written with its first
+  // record. Takes the advisory lock of the index file if it is free. False: a null or empty path (nothing happens); a
+  // file that exists but cannot be opened or read (neither file is changed: try again later, do not delete it); or one
+  // that cannot be created. errno is that of the first file that failed: EINVAL for what is not a regular file, ELOOP
+  // for a link that is not trusted (base/OwnedLinks.h). Nothing is open then. A store that the object has open is
+  // closed first, except for a null or empty path. [owning thread]
   [[nodiscard]] bool Open(const char* path, unsigned int maxRecords);
 
   // Opens an existing store for reading and reads its header, once: records written later are seen after another
@@ -61,28 +61,29 @@ class [[gnu::visibility("default")]] CReportFileBase {
   // of the text may be in the data file, where nothing points at them. [any thread]
   [[nodiscard]] bool writeLine(const char* text);
 
-  // Reads the record in `slot` up to and including its first line feed, so normally with its "\r\n". A byte 0xFF also
-  // ends the record, and is part of it. The end of the file reads as such a byte. A NUL ends the text, and is not part
-  // of it. False leaves `out` unchanged: a slot that is not in use, a store that is not open, or a read that failed;
-  // the next call reads again. [any thread]
+  // Reads the record in `slot` up to and including its first line feed, so normally with its "\r
+  // ". A byte 0xFF also ends the record, and is part of it. The end of the file reads as such a byte. A NUL ends the
+  // record, and is not part of it. False, with `out` unchanged: the slot is not in use, the store is not open, or a
+  // read failed; a later call may succeed. [any thread]
   [[nodiscard]] bool readLine(std::string & out, unsigned int slot);
 
   // The size of the data file in bytes, 0 when it is not open. [owning thread]
   long GetDataFileSize();
 
-  // Prints every record, oldest first, as its age, "::" and its text, then a line "===", to standard output. A record
-  // that cannot be read prints the previous one's text; without memory the rest is left out. [owning thread]
+  // Prints every record, oldest first, as its age, "::" and its text, then a line "===", to standard output. For a
+  // record that cannot be read, the text of the previous one is printed. If memory runs out, the rest is left out.
+  // [owning thread]
   void printAllRecords();
 
   // Copies everything in the directory `backupPath` into the report directory that the registry names, over what is
   // there. Then deletes `backupPath` with everything in it but its hidden entries, even if the copy failed: a restore
-  // is attempted once. docs/directories.md has the rules of both steps. Static; needs no store.
-  // True: the copy succeeded, also when there was no backup. False: the copy failed, errno being its error; or no
-  // report directory is known, or deleting the backup would delete the report directory (EINVAL), and nothing happened.
-  // [any thread]
+  // is attempted once. docs/directories.md has the rules of both steps. Static; needs no store. True: the copy
+  // succeeded, or there was no backup. False: the copy failed, and errno is its error; or nothing was copied or
+  // deleted, because no report directory is known, the backup cannot be listed, or deleting it would delete the report
+  // directory (EINVAL). [any thread]
   static bool RestoreReportDataFiles(const std::string& backupPath);
 
-  // Backs nothing up: always false. Only the trace says why. [any thread]
+  // Makes no backup and always returns false. Only the trace says why. [any thread]
   static bool BackupReportDataFiles(const std::string& backupPath);
 
   // The operations on the index file that the functions above use. They take no lock.

@@ -1,8 +1,9 @@
-// The bytes of a report's two files and their arithmetic; docs/report-store.md describes them for other programs.
+// Defines the format of a report's two files and the arithmetic of their positions; docs/report-store.md describes the
+// format for other programs.
 //
-// The data file has record lines ("text\r\n") one after another, with an end marker after the newest. The index file
-// has a 24-byte header and then one 32-bit data file offset for each slot; the slots form a ring. Everything here is
-// pure: no file is touched.
+// The data file has record lines ("text\r
+// ") one after another, with an end marker after the newest. The index file has a 24-byte header and then one 32-bit
+// data file offset for each slot; the slots form a ring. No function here opens a file.
 #pragma once
 
 #include <bit>
@@ -14,8 +15,8 @@
 
 namespace qx::report {
 
-// What follows a record's text in the data file: the record's own line end, then the marker that says "nothing
-// newer follows". The next record overwrites the marker.
+// After a record's text, the data file has the record's line end. After the newest record it has the end marker as
+// well: nothing newer follows. The next record overwrites the marker.
 inline constexpr std::string_view kLineEnd = "\r\n";
 inline constexpr std::string_view kEndMarker = "===>\r\n";
 inline constexpr std::string_view kLineEndAndMarker = "\r\n===>\r\n";
@@ -23,11 +24,11 @@ inline constexpr std::string_view kLineEndAndMarker = "\r\n===>\r\n";
 inline constexpr std::uint32_t kMaxRecordDefault = 10000;
 inline constexpr std::uint32_t kMaxRecordUnlimited = 0x3FFFFFFF;
 
-// The header of the index file, byte for byte, in the byte order of the host. Default values are those of a new store
-// object.
+// The header of the index file, byte for byte, in the byte order of the host. The default values are those of a new
+// CReportFileBase.
 struct IndexHeader {
-  std::uint32_t writePosition = 0;  // data file offset of the end marker, where the next record goes
-  std::uint32_t fileEnd = 0;        // end of the text at the last restart, or the highest writePosition since
+  std::uint32_t writePosition = 0;  // data file offset of the end marker, where the next record is written
+  std::uint32_t fileEnd = 0;        // end of the text at the last restart, or a higher writePosition since then
   std::uint32_t elementCount = 0;   // records ever written, modulo 2^32
   std::uint32_t maxRecord = kMaxRecordDefault;  // slots in the ring
   std::uint32_t highestIndex = 0;               // slots in use: grows to maxRecord and stays there
@@ -58,13 +59,13 @@ constexpr std::int64_t SlotOffset(std::uint32_t slot) {
   return std::int64_t{sizeof(IndexHeader)} + std::int64_t{4} * slot;
 }
 
-// The ring size of a new store: a request for 0 slots is one for the largest ring of the format.
+// The ring size of a new store. A request for 0 slots means the largest ring of the format.
 constexpr std::uint32_t RingSize(std::uint32_t max_records) {
   return max_records != 0 ? max_records : kMaxRecordUnlimited;
 }
 
-// The slot of the record with the age `logical`; 0 is the oldest. For a damaged header without slots the result is the
-// sum of both.
+// The slot of the record with the age `logical`; 0 is the oldest. For a damaged header with maxRecord 0, the result is
+// the sum of `logical` and oldestIndex.
 //   4 slots, oldestIndex 2, logical 0  => slot 2
 //   4 slots, oldestIndex 2, logical 2  => slot 0
 constexpr std::uint32_t SlotOfLogical(const IndexHeader& header, std::uint32_t logical) {
@@ -77,20 +78,21 @@ constexpr std::uint32_t SlotOfAge(const IndexHeader& header, std::uint32_t age) 
   return static_cast<std::uint32_t>((std::uint64_t{age} + header.oldestIndex) % header.maxRecord);
 }
 
-// True for a header that a writer can have left, as far as the ring is concerned. It has at least one slot.
+// True if a writer can have left such a header, as far as its three fields of the ring show. The ring has at least one
+// slot then.
 constexpr bool HasPlausibleRing(const IndexHeader& header) {
   return header.maxRecord != 0 && header.highestIndex <= header.maxRecord && header.oldestIndex < header.maxRecord;
 }
 
-// The ring fills its free slots first, then replaces its oldest record.
+// The slot of the next record: a free one first; in a full ring, that of the oldest record.
 //   3 slots, 2 used                    => slot 2
 //   3 slots, all used, oldestIndex 1   => slot 1
 constexpr std::uint32_t SlotForNewRecord(const IndexHeader& header) {
   return header.highestIndex < header.maxRecord ? header.highestIndex : header.oldestIndex;
 }
 
-// Counts the record in the slot of SlotForNewRecord: one more slot is in use, or the oldest index advances. Several
-// records must be a part (RecordsInPart).
+// Counts a new record in the slot of SlotForNewRecord: one more slot is in use, or the oldest index advances. If
+// `records` is more than 1, the records must be one part (RecordsInPart).
 constexpr void AdvanceRing(IndexHeader& header, std::uint32_t records = 1) {
   if (header.highestIndex < header.maxRecord) {
     header.highestIndex += records;
@@ -100,21 +102,21 @@ constexpr void AdvanceRing(IndexHeader& header, std::uint32_t records = 1) {
   header.oldestIndex = next < header.maxRecord ? next : 0;
 }
 
-// The low 32 bits: offsets of the format are no wider, whatever the file has grown to.
+// The low 32 bits: the offsets of the format have no more, however large the file is.
 constexpr std::uint32_t Low32(std::int64_t offset) { return static_cast<std::uint32_t>(offset); }
 
-// Where the end marker goes after a record of `text_bytes` at `record_offset`.
+// The offset of the end marker after a record of `text_bytes` at `record_offset`.
 constexpr std::int64_t MarkerOffset(std::uint32_t record_offset, std::size_t text_bytes) {
   return std::int64_t{record_offset} + static_cast<std::int64_t>(text_bytes + kLineEnd.size());
 }
 
-// How many records are written from one restart of the data file to the next: a round. Computed in 32 bits; 0 (a ring
-// of 2^31 slots, a damaged header) means that the file never restarts.
+// The number of records in a round: from one restart of the data file to the next. It has 32 bits; 0 (for a ring of
+// 2^31 slots, or a damaged header) means that the data file never restarts.
 //   3 slots     => 6
 //   2^31 slots  => 0
 constexpr std::uint32_t RecordsPerRound(const IndexHeader& header) { return 2 * header.maxRecord; }
 
-// How many of the first `count` records are in the last round, if the data file is restarted as `header` says.
+// The number of records of the last round among the first `count` records, for the ring size of `header`.
 //   3 slots, count 5   => 5
 //   3 slots, count 6   => 0
 //   3 slots, count 13  => 1
@@ -123,25 +125,25 @@ constexpr std::uint32_t RecordsInRound(const IndexHeader& header, std::uint32_t 
   return period != 0 ? count % period : count;
 }
 
-// How many of all written records are in the last round.
+// The number of records of the last round among all written records.
 constexpr std::uint32_t RecordsInRound(const IndexHeader& header) {
   return RecordsInRound(header, header.elementCount);
 }
 
-// Quirk: the data file restarts after a round, whatever the length of its records, so a run of longer records can
-// overwrite text that is still indexed.
+// Quirk: the data file restarts after a round, whatever the length of the records. So longer records of the next round
+// can overwrite texts that slots still lead to.
 constexpr bool DataFileRestarts(const IndexHeader& header) {
   return RecordsPerRound(header) != 0 && RecordsInRound(header) == 0;
 }
 
-// Sends the next record to the start of the data file; what follows it there is the remains of older records.
+// Makes the next record go to the start of the data file. After it, the rest of older records stays in the file.
 constexpr void RestartDataFile(IndexHeader& header) {
   header.fileEnd = header.writePosition;
   header.writePosition = 0;
 }
 
-// How many of the next records are a part at most: records whose slots are neighbours, and between which the data file
-// does not restart. Such records can be appended at once. At least 1; for a header that no writer leaves always 1.
+// The largest number of next records that can be one part: their slots are neighbours, and the data file does not
+// restart between them. Such records can be appended at once. At least 1; for a header that is not plausible always 1.
 //   5 slots, 3 used                     => 2, then the ring wraps
 //   5 slots, all used, oldestIndex 1    => 4
 //   5 slots, all used, 9 records so far => 1, then the data file restarts
@@ -156,7 +158,7 @@ constexpr std::uint32_t RecordsInPart(const IndexHeader& header) {
   return to_end < to_count_wrap ? to_end : to_count_wrap;
 }
 
-// The header as it is after the next `records` records, which are a part, with the marker at `marker_offset`.
+// The header after the next `records` records, which must be one part; the end marker after them is at `marker_offset`.
 constexpr IndexHeader HeaderAfterRecords(IndexHeader header, std::uint32_t records, std::int64_t marker_offset) {
   AdvanceRing(header, records);
   header.writePosition = Low32(marker_offset);

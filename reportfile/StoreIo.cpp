@@ -32,7 +32,7 @@ int OpenFlags(OpenMode mode) {
 
 mode_t ModeOfNewFile(OpenMode mode) { return mode == OpenMode::kCreate ? kStoreFileMode : 0; }
 
-// For directories, sockets and devices without a driver, `open` itself fails in this way.
+// `open` fails with these errors for directories, sockets and devices without a driver.
 bool MeansNotARegularFile(int error) { return error == EISDIR || error == ENXIO || error == ENODEV; }
 
 bool IsTransient(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
@@ -42,8 +42,8 @@ file::Descriptor WithStoreError(file::Descriptor file, int error) {
   return file;
 }
 
-// The report directory if the registry names it: links above it are trusted. Empty for the default, "Reports" in the
-// working directory.
+// The report directory, if the registry names it: links above that directory are trusted. Empty for the default, which
+// is "Reports" in the working directory.
 std::string NamedReportDirectory() {
   std::string directory;
   std::string working_directory;
@@ -61,8 +61,8 @@ std::string PathBelow(const std::string& path, const std::string& directory) {
   return is_below && rest != std::string::npos ? path.substr(rest) : std::string();
 }
 
-// Opens the path again, beginning at the report directory. The link that is not trusted may be above that directory,
-// where links are not checked.
+// Opens the path again, beginning at the report directory. For a path below it, links above it are not checked: the
+// link that was not trusted may be one of these.
 file::Descriptor OpenBelowReportDirectory(const std::string& path, OpenMode mode, file::TrustedLinks trusted) {
   const std::string directory_path = NamedReportDirectory();
   const std::string rest = PathBelow(path, directory_path);
@@ -82,7 +82,7 @@ file::Descriptor TryToOpen(const std::string& path, OpenMode mode) {
   return OpenBelowReportDirectory(path, mode, trusted);
 }
 
-// A stream that owns the descriptor. Null with errno set without memory; the descriptor stays then.
+// Makes a stream that owns the descriptor. If memory runs out: null with errno set, and `descriptor` still owns it.
 std::FILE* StreamOf(file::Descriptor& descriptor, const char* mode) {
   if (!descriptor.IsOpen()) return nullptr;
   std::FILE* const file = fdopen(descriptor.Number(), mode);
@@ -90,7 +90,7 @@ std::FILE* StreamOf(file::Descriptor& descriptor, const char* mode) {
   return file;
 }
 
-// A file of a store that is opened to write.
+// A file of a store that is opened for writing.
 struct StoreFileToWrite {
   file::Descriptor file;
   int error;
@@ -99,12 +99,12 @@ struct StoreFileToWrite {
     error = file.IsOpen() ? 0 : errno;
   }
   [[nodiscard]] bool IsMissing() const { return error == ENOENT; }
-  // False with errno: it exists and cannot be opened, or it cannot be created.
+  // False with errno: the file exists and cannot be opened, or it cannot be created.
   [[nodiscard]] bool CreateIfMissing(const std::string& path) {
     if (IsMissing()) file = OpenStoreFile(path, OpenMode::kCreate);
     return file.IsOpen();
   }
-  // False with errno if it is there and cannot be used.
+  // False with errno if the file exists and cannot be used.
   [[nodiscard]] bool IsUsableOrMissing() const {
     if (error != 0 && !IsMissing()) errno = error;
     return error == 0 || IsMissing();
@@ -113,7 +113,7 @@ struct StoreFileToWrite {
 
 bool EmptyFile(std::FILE* file) {
   if (file::Truncate(fileno(file), 0) != 0) return false;
-  (void)fchmod(fileno(file), kStoreFileMode);  // the file of another owner keeps its mode, but is empty
+  (void)fchmod(fileno(file), kStoreFileMode);  // a file of another owner keeps its mode
   return true;
 }
 
@@ -171,8 +171,9 @@ StoreStreams OpenToWrite(const std::string& base_path) {
   StoreStreams streams{.data = nullptr, .index = StreamOf(index.file, "r+b"), .is_new = is_new};
   if (streams.index != nullptr) streams.data = StreamOf(data.file, "r+b");
   if (streams.data == nullptr) return CloseBoth(streams);
-  (void)file::TryLock(fileno(streams.index));  // a writer that does not know of the lock may be at work: continue
-  // Half a store is of no use: without its index the data cannot be found, without its data the index points nowhere.
+  (void)file::TryLock(fileno(streams.index));  // the result is ignored: some writers do not take the lock
+  // Half a store is of no use: records cannot be found without the index, and an index without the data file leads to
+  // no text.
   if (is_new && (!EmptyFile(streams.index) || !EmptyFile(streams.data))) return CloseBoth(streams);
   return streams;
 }

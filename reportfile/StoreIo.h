@@ -1,5 +1,5 @@
-// A store's files: which are accepted, and how they become the streams that CReportFileBase owns. Reads and writes go
-// through base/File.h, on the descriptors of the streams.
+// Opens a store's files as the streams that CReportFileBase owns, and checks which files are accepted. Reads and writes
+// use base/File.h, on the descriptors of the streams.
 #pragma once
 
 #include <cstddef>
@@ -18,14 +18,14 @@ enum class OpenMode {
   kCreate,  // created with mode 0644 if it is missing; read and write
 };
 
-// Opens a regular file, close-on-exec. Not open, with errno set: EINVAL for anything but a regular file, which is not
-// waited for (a FIFO without a writer). Follows every link. [any thread]
+// Opens a regular file, close-on-exec. After a failure the descriptor is not open, and errno is set: EINVAL for
+// anything but a regular file. Does not wait for the writer of a FIFO. Follows every link. [any thread]
 [[nodiscard]] file::Descriptor OpenRegularFile(const std::string& path, OpenMode mode);
 
-// Opens a file of a store like OpenRegularFile, but ELOOP if its path leads through a link that base/OwnedLinks.h does
-// not trust. Links above the report directory that the registry names are trusted, because somebody who may write the
-// registry chose them. Transient errors (EMFILE, ENFILE, ENOMEM) are tried three times in all. Throws std::bad_alloc.
-// [any thread]
+// Opens a file of a store like OpenRegularFile, but fails with ELOOP if its path leads through a link that
+// base/OwnedLinks.h does not trust. Links above the report directory that the registry names are trusted, because
+// somebody who may write the registry chose them. After a transient error (EMFILE, ENFILE, ENOMEM) it tries again,
+// three times in all. Throws std::bad_alloc. [any thread]
 [[nodiscard]] file::Descriptor OpenStoreFile(const std::string& path, OpenMode mode);
 
 // The two files of a store as streams; null if not open.
@@ -35,13 +35,13 @@ struct StoreStreams {
   bool is_new = false;  // both are empty, and have just been given mode 0644
 };
 
-// Opens both files to read. A file that cannot be opened stays null; errno is that of the first that failed, the index
-// file before the data file. Throws std::bad_alloc, with nothing left open. [any thread]
+// Opens both files for reading. A file that cannot be opened stays null; errno is that of the index file if its open
+// failed, otherwise that of the data file. Throws std::bad_alloc, with nothing left open. [any thread]
 [[nodiscard]] StoreStreams OpenToRead(const std::string& base_path);
 
-// Opens both files to write. If one is missing, both are created or emptied; neither is emptied before both are open
-// and checked. Takes the advisory lock of the index file if it is free. All or nothing: both are null if any step
-// failed, with the error number of that step in errno. Throws as OpenToRead. [any thread]
+// Opens both files for reading and writing. If one is missing, both are created or emptied; neither is emptied before
+// both are open and checked. Takes the advisory lock of the index file if it is free. If any step fails, both are null,
+// with the error number of that step in errno. Throws as OpenToRead. [any thread]
 [[nodiscard]] StoreStreams OpenToWrite(const std::string& base_path);
 
 // True, with the file's size, for an index file that holds no header yet. [any thread]

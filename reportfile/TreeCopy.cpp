@@ -21,8 +21,8 @@ bool IsDirectory(const char* path) {
   return file::StatusOf(path, status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// Whatever has this name already is accepted, even a file: then the first copy into it fails. An existing directory for
-// which the system reports another error than EEXIST (automounters do) is accepted as well. 0 or the error number.
+// Anything that already has this name is accepted. If it is a file, the first copy into it fails. An existing directory
+// is also accepted if the system reports another error than EEXIST, as automounters do. 0 or the error number.
 int MakeDirectory(const std::string& path) {
   const int error = file::MakeDirectory(path.c_str(), kDirectoryMode);
   if (error == 0 || error == EEXIST) return 0;
@@ -110,7 +110,7 @@ int TreeCopy::Enter(const std::string& known, const std::string& expression, Lev
   level.matches = std::move(found.matches);
   level.listing_error = found.listing_error;
   levels_.push_back(std::move(level));
-  if (levels_.back().matches.empty()) return 0;  // its listing failed before the first name
+  if (levels_.back().matches.empty()) return 0;  // the listing of the directory failed before the first name
   const int error = MakeDirectories(levels_.back().destination);
   if (error != 0) {
     QX_TRACE(1, "\nCDirectory::CopyDir() - ## ERROR: Could not create destination dir. Error: %s", ErrorText(error));
@@ -118,8 +118,8 @@ int TreeCopy::Enter(const std::string& known, const std::string& expression, Lev
   return error;
 }
 
-// Removes the last level, whose matches are all handled. If its listing broke off, the copy has failed, and the level
-// stays for the trace of the failure.
+// Removes the last level after all its matches are handled. If the listing of its directory broke off, the copy has
+// failed, and the level stays for the trace of the failure.
 int TreeCopy::Leave() {
   const int error = levels_.back().listing_error;
   if (error == 0) {
@@ -186,8 +186,8 @@ int TreeCopy::CopySubdirectory(const std::string& match, const FileKind& kind, c
   return Enter(match, WithEveryNameAsStar("/" + pattern_), {.destination = target, .source_id = kind.id});
 }
 
-// True for the destination, and for a directory that is being copied already and has a link to itself inside: a copy of
-// either would not end, or would take very long.
+// True for the destination, and for a directory on the way down, to which a link in it can lead. A copy of either would
+// not end, or would take very long.
 bool TreeCopy::IsPartOfThisCopy(const FileId& directory) const {
   const auto is_entered = [&](const Level& level) { return level.source_id == directory; };
   return directory == destination_id_ || std::any_of(levels_.begin(), levels_.end(), is_entered);

@@ -1,4 +1,4 @@
-// Internal: the walk of CDirectory::CopyDir and of a restore.
+// Internal: copies a directory tree, for CDirectory::CopyDir and for a restore.
 #pragma once
 
 #include <cstddef>
@@ -35,9 +35,9 @@ class TreeCopy {
     std::vector<Match> matches = {};
     std::size_t next = 0;
     FileId source_id = {};
-    int listing_error = 0;  // there may be more than `matches`
+    int listing_error = 0;  // if not 0, `matches` may not be complete
   };
-  // What a directory has to copy, or why there is nothing.
+  // What is to be copied from a directory, or why there is nothing.
   struct Found {
     std::vector<Match> matches;
     int error = 0;

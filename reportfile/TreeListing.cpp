@@ -12,7 +12,7 @@ namespace qx::report {
 
 namespace {
 
-// Gone, or a link that leads nowhere or in a circle.
+// True if the entry was removed, or is a link that leads nowhere or to itself.
 bool IsAbsent(int error) { return error == ENOENT || error == ELOOP; }
 
 // A directory whose subdirectories are still to be listed. The pointer stays valid: a map does not move its values.
@@ -41,7 +41,7 @@ int AddEntries(const std::string& directory, const std::vector<std::string>& nam
   return 0;
 }
 
-// Lists one directory. 0 or the error number; `is_top`: one that is not a directory is empty.
+// Lists one directory. If `is_top`, a path that is not a directory counts as empty. Returns 0 or the error number.
 int ReadDirectory(const std::string& path, bool is_top, TreeListing::Directory& directory) {
   const Listing listing = ListDirectory(path);
   const bool is_absent = IsAbsent(listing.error) || (is_top && listing.error == ENOTDIR);

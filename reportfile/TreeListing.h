@@ -1,4 +1,4 @@
-// Internal: everything in a directory tree, listed before anything is copied from it.
+// Internal: lists everything in a directory tree, before anything is copied from it.
 #pragma once
 
 #include <string>
@@ -26,10 +26,10 @@ class TreeListing {
     int error = 0;
   };
 
-  // Lists `top`. It does not enter the directory `left_out`, nor any directory a second time through a link inside it.
-  // An entry that was removed meanwhile, and a link that leads nowhere, are left out. A `top` that does not exist is
-  // empty. 0 or the error number of the first directory that cannot be listed, or of the first entry whose `stat`
-  // fails.
+  // Lists `top` and everything below it. Does not enter the directory `left_out`, and does not enter a directory again
+  // through a link inside that directory. Entries that were removed during the walk, and links that lead nowhere, are
+  // left out. A `top` that does not exist is empty. 0 or the error number of the first directory that cannot be listed,
+  // or of the first entry whose `stat` fails.
   [[nodiscard]] int Read(const std::string& top, const FileId& left_out);
 
   // Null for a directory that was not listed. Valid as long as this object.

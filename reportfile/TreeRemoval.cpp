@@ -39,14 +39,15 @@ bool ComesBefore(const std::string& a, const std::string& b) { return std::strco
 // An entry whose path is too long for any call is left, although it could be removed through a descriptor.
 bool HasNameablePath(const std::string& path) { return path.size() < PATH_MAX; }
 
-// Sets the mode through a descriptor, for which the file has to be readable.
+// Sets the mode through a descriptor. This is possible only if the file is readable.
 int SetModeOfReadable(const char* name, int directory) {
   const file::Descriptor file = file::Open(name, O_RDONLY | O_NOFOLLOW, 0, directory);
   if (!file.IsOpen()) return 0;  // not a failure: a removal does not need the mode
   return fchmod(file.Number(), kRemovableMode) == 0 ? 0 : errno;
 }
 
-// Follows no link: one that has replaced the file meanwhile could lead anywhere. The C library needs /proc for this.
+// Does not follow a link that has replaced the file meanwhile: it could lead anywhere. The C library needs /proc for
+// this.
 int SetMode(const char* name, int directory) {
   if (fchmodat(directory, name, kRemovableMode, AT_SYMLINK_NOFOLLOW) == 0) return 0;
   const int error = errno;
@@ -61,7 +62,7 @@ void TraceFailedMode(const char* path, int error) {
   QX_TRACE(1, "\nCDirectory          : ERROR cannot change mode of file \"%s\": %s", path, ErrorText(error));
 }
 
-// A file or a link, which has no mode of its own. 0 or the error number.
+// Removes a file or a link. A link has no mode to change. Returns 0 or the error number.
 int RemoveFile(const char* name, int directory, const char* path, EntryKind kind) {
   QX_TRACE(2, "\nCDirectory          : Found file: \"%s\"", path);
   const int mode_error = kind == EntryKind::kFile ? SetMode(name, directory) : 0;
@@ -122,8 +123,8 @@ int TreeRemoval::Enter(Level level) {
   return 0;
 }
 
-// The top may be a link; the directory that it leads to is emptied. The directory above is opened here once, and stays
-// the one from which the name is removed.
+// The top may be a link; then the directory that it leads to is emptied. The directory that contains the top's name is
+// opened here once, and the name is later removed from it.
 int TreeRemoval::Open(const Level& level) {
   if (levels_.size() > 1) return cursor_.Enter(level.name);
   if (!HasNameablePath(level.path)) return ENAMETOOLONG;

@@ -1,4 +1,4 @@
-// Internal: the walk of CDirectory::RemoveDir.
+// Internal: removes a directory tree, for CDirectory::RemoveDir.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// Bytes that are read by offset: a file of a store, or a piece of memory.
+// Reads bytes by offset, from a file of a store or from memory.
 //
 // The tools read stores through this, so that the same checks run on files that another process writes to and, in tests
 // and fuzz programs, on bytes in memory.
@@ -33,11 +33,12 @@ class ByteSource {
   // The number of bytes now. [owning thread]
   [[nodiscard]] virtual std::int64_t Size() = 0;
 
-  // Reads up to `size` bytes at `offset`; returns the number of bytes before the end or an error. [owning thread]
+  // Reads up to `size` bytes at `offset`; returns the number of bytes that were read before the end of the source or an
+  // error. [owning thread]
   [[nodiscard]] virtual std::size_t ReadAt(std::int64_t offset, void* to, std::size_t size) = 0;
 
-  // The first run of stored bytes at or after `offset`; empty if only a hole or nothing follows. Its end may be beyond
-  // that of the source. [owning thread]
+  // The first run of stored bytes at or after `offset`; empty if only a hole or nothing follows. The end of the run may
+  // be after the end of the source. [owning thread]
   [[nodiscard]] virtual DataRun DataFrom(std::int64_t offset) {
     return {.begin = offset, .end = std::numeric_limits<std::int64_t>::max()};
   }
@@ -48,7 +49,7 @@ class ByteSource {
   ByteSource& operator=(const ByteSource&) = default;
 };
 
-// Borrows the bytes.
+// A source of bytes in memory. Borrows the bytes.
 class MemoryBytes final : public ByteSource {
  public:
   explicit MemoryBytes(std::string_view bytes) : bytes_(bytes) {}
@@ -65,7 +66,7 @@ class MemoryBytes final : public ByteSource {
   std::string_view bytes_;
 };
 
-// Owns the open file.
+// A source that reads an open file. Owns the file.
 class FileBytes final : public ByteSource {
  public:
   // Takes an open regular file; one that is not open reads as empty.
@@ -85,7 +86,7 @@ class FileBytes final : public ByteSource {
   int error_ = 0;
 };
 
-// Reads a source through one window, for readers whose offsets mostly rise.
+// Reads a source through one buffer of kWindowBytes, for readers whose offsets mostly rise.
 class WindowedBytes {
  public:
   static constexpr std::size_t kWindowBytes = std::size_t{64} << 10;

@@ -24,7 +24,8 @@ constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
 constexpr int kNameTriesMax = 100;
 constexpr int kLinksMax = 40;  // as many as the kernel follows
 
-// The directory that contains `path`. A symbolic link of another user would choose where root makes files: ELOOP.
+// Opens the directory that contains `path`. ELOOP for a symbolic link of another user, which would choose where root
+// makes files.
 int OpenAbove(const std::string& path, file::Descriptor& above) {
   FilePlace place;
   const ReplaceResult found = FindPlace(path, LinkRule::kTrusted, place);
@@ -179,7 +180,8 @@ NewFile::~NewFile() {
   if (is_made_ && !(is_finished_ && error_ == 0)) (void)file::Remove(path_.c_str(), 0, directory_);
 }
 
-// The size is read before the runs, so that bytes that are appended in between are copied and not treated as a hole.
+// The size is read before the runs of data. So bytes that are appended between the two reads are copied, and not
+// treated as a hole.
 void NewFile::CopyFrom(ByteSource& source) {
   const auto block = std::make_unique_for_overwrite<char[]>(kBlockBytes);
   Shorten(0);
@@ -274,7 +276,7 @@ PrivateDirectory::PrivateDirectory(const std::string& prefix) : path_(WithRandom
   if (error_ != 0) (void)file::Remove(name_.c_str(), AT_REMOVEDIR, above_.Number());
 }
 
-// What cannot be removed stays under its temporary name.
+// What cannot be removed stays under the temporary name.
 PrivateDirectory::~PrivateDirectory() {
   if (error_ != 0 || !directory_.IsOpen()) return;
   (void)RemoveContents(directory_.Number());

@@ -1,8 +1,8 @@
-// Files that are written as a whole or not at all: private directories, copies and removals for the store tools.
+// Writes files as a whole or not at all: private directories, copies and removals for the store tools.
 //
 // Everything here reports an error number, 0 for success. A tool writes under a temporary name, syncs, and renames at
-// the end; a crash before that leaves the real names unchanged. In a directory that others may write, everything is
-// done by names in open directories, and never through a symbolic link.
+// the end; a crash before that leaves the real names unchanged. Files in a directory that other users may write are
+// reached only by names in open directories, and never through a symbolic link.
 #pragma once
 
 #include <fcntl.h>
@@ -25,26 +25,26 @@ class ByteSource;
   return directory.empty() ? name : directory + "/" + name;
 }
 
-// Opens a regular file for reading. Below an open directory a symbolic link at the end of `name` is not followed
-// (ELOOP). [any thread]
+// Opens a regular file for reading. In an open directory a symbolic link at the end of `name` is not followed (ELOOP).
+// With AT_FDCWD the links are checked as by OpenStoreFile. [any thread]
 [[nodiscard]] file::Descriptor OpenForReading(const std::string& name, int directory);
 
-// Opens the directory that an operator or the registry names. A symbolic link in its place, or in the place of what
-// such a link leads to, is followed only if root or the effective user owns it (ELOOP otherwise): the link of another
-// user would choose what root reads or replaces. [any thread]
+// Opens the directory that an operator or the registry names. If `path` is a symbolic link, or leads to another link,
+// each of these links is followed only if root or the effective user owns it (ELOOP otherwise): a link of another user
+// would choose what root reads or replaces. [any thread]
 [[nodiscard]] file::Descriptor OpenNamedDirectory(const std::string& path);
 
 // Syncs the file or directory of this name. [any thread]
 [[nodiscard]] int SyncName(const std::string& name, int directory = AT_FDCWD);
 
-// Removes everything in the open `directory`, without following links. What cannot be removed is left, and the
-// first error number returned. [any thread]
+// Removes everything in the open `directory`, without following links. What cannot be removed is left, and the first
+// error number is returned. [any thread]
 [[nodiscard]] int RemoveContents(int directory);
 
 // An unused name: `prefix` and six random characters. [any thread]
 [[nodiscard]] std::string WithRandomEnd(const std::string& prefix);
 
-// The directories below an open one. Each is opened by its name in the one above it, never through a link.
+// Opens the directories below an open one. Each is opened by its name in the one above it, never through a link.
 //
 // Threads: one thread.
 // Owns: the top and the last requested directory.
@@ -54,7 +54,8 @@ class DirectoriesBelow {
 
   [[nodiscard]] bool IsOpen() const { return top_.IsOpen(); }
   [[nodiscard]] int Top() const { return top_.Number(); }
-  // The open directory of this path below the top; "" is the top. -1 with errno. Valid until the next call.
+  // The open directory of this path below the top; "" is the top. -1 with errno after a failure. Valid until the next
+  // call.
   [[nodiscard]] int At(const std::string& path);
   // Like At, for the directory that contains `path`: "a/b/c" => a/b, "c" => the top.
   [[nodiscard]] int Containing(const std::string& path) { return At(Above(path)); }
@@ -80,8 +81,8 @@ class NewFile {
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
 
-  // Copies the contents of `source` up to its present end. Holes stay holes. The source reports a read error; here it
-  // has the effect of an early end. [owning thread]
+  // Copies the contents of `source` up to its present end. Holes stay holes. A read error ends the copy as the end of
+  // the source does; only the source reports the error. [owning thread]
   void CopyFrom(ByteSource& source);
   // [owning thread]
   void WriteAt(std::int64_t offset, std::string_view bytes);
@@ -114,14 +115,15 @@ struct CopiedFile {
   struct stat status = {};       // of the source when the copy began
 };
 
-// Copies the regular file `name` of one open directory to `new_name` in another, which must not exist. It gets the
-// permissions, owner and times of `like`; null: those of the source. A symbolic link is not followed. [any thread]
+// Copies the regular file `name` of one open directory to `new_name` in another, which must not exist. The new file
+// gets the permissions, owner and times of `like`, or those of the source if `like` is null. A symbolic link is not
+// followed. [any thread]
 [[nodiscard]] CopiedFile CopyRegularFile(const std::string& name, int directory, const std::string& new_name,
                                          int new_directory, const struct stat* like = nullptr);
 
 // A new directory, mode 0700, whose name is the prefix and six random characters; removed with everything in it at the
-// end of the scope unless it was renamed. Symbolic links in it are removed, not followed. It is not made where a link
-// of another user leads (ELOOP).
+// end of the scope unless it was renamed. Symbolic links in it are removed, not followed. If the path leads through a
+// link of another user, the directory is not made (ELOOP).
 //
 // Owns: the open directory, and the open directory that contains it.
 class PrivateDirectory {

@@ -24,12 +24,12 @@ class FindingList {
     if (!IsFull()) findings_.push_back({rule, file, offset, value, std::move(explanation)});
   }
 
-  // `member` is the offset of a field of the header.
+  // Adds a finding about the header field at the offset `member`.
   void AddHeader(std::string_view rule, std::size_t member, std::uint32_t value, std::string explanation) {
     Add(rule, StoreFile::kIndex, static_cast<std::int64_t>(member), value, std::move(explanation));
   }
 
-  // A size is found at the end of the file.
+  // Adds a finding about the size of a file. Its offset is the end of the file.
   void AddSize(std::string_view rule, StoreFile file, std::int64_t size, std::string explanation) {
     Add(rule, file, size, static_cast<std::uint64_t>(size), std::move(explanation));
   }

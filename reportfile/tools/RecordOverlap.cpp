@@ -24,7 +24,7 @@ bool Fits(std::span<const std::uint64_t> tail, std::span<const std::uint64_t> wi
   return std::equal(tail.rbegin(), tail.rend(), before.rbegin());
 }
 
-// Whether the one matching position is certain, as far as texts can show.
+// Whether the only matching position is certain, as far as texts can show this.
 bool CanDecide(std::span<const std::uint64_t> overlap, std::size_t compared) {
   if (compared < overlap.size()) return AllDifferent(overlap);
   return overlap.size() == 1 || !AllEqual(overlap);

@@ -1,13 +1,13 @@
 // Finds the last delivered record in a ring that may have advanced.
 //
-// A record's index counts from the oldest record that is kept, so an index means another record as soon as a full ring
-// has advanced. Only the text stays. A reader therefore keeps the hashes of the last delivered records, the overlap,
-// and searches for the position after them:
+// A record's index counts from the oldest record in the ring. So as soon as a full ring has advanced, an index means
+// another record. Only the record's text stays the same. A reader therefore keeps the hashes of the last delivered
+// records, the overlap, and searches for the position after these records:
 //
 //   delivered   a b c d            overlap a b c d, next index 4
 //   ring now    c d e f g h        place 2: c d are before it, a b have left the ring; e f g h are new
 //
-// Everything here is pure; ReportFollower does the reading.
+// No function here reads a report; ReportFollower does.
 #pragma once
 
 #include <cstddef>
@@ -18,35 +18,34 @@
 
 namespace qx::report {
 
-// The number of the last delivered records that are kept. With more, a coincidence is less likely, and a reader that
-// polls every second reads only a few kilobytes more for each poll.
+// The number of the last delivered records that are kept. The more are kept, the less likely is a match by chance. A
+// reader that polls every second reads only a few kilobytes more for them in each poll.
 inline constexpr std::size_t kOverlapRecords = 32;
 
-// 64-bit FNV-1a of a record's bytes, with its line end. State files store it, so it never changes.
+// 64-bit FNV-1a of a record's bytes, with its line end. State files contain such hashes, so the function never changes.
 //   ""      => cbf29ce484222325
 //   "a\r\n" => e5ad9b1904074ddb
 [[nodiscard]] std::uint64_t RecordHash(std::string_view record);
 
 enum class OverlapVerdict {
   kFound,      // one position matches, and the records before it distinguish it from others
-  kAmbiguous,  // several positions match, or one after only equal records
+  kAmbiguous,  // several positions match, or only equal records are before the one that matches
   kMissing,    // no position matches
 };
 
 struct OverlapPlace {
   OverlapVerdict verdict = OverlapVerdict::kMissing;
-  std::size_t index = 0;     // in the window, of the record after the last delivered one; the last if several match
-  std::size_t compared = 0;  // the number of compared records before it
+  std::size_t index = 0;     // in the window, of the record after the last delivered one; the last of several matches
+  std::size_t compared = 0;  // the number of records before `index` that were compared
 
   friend bool operator==(const OverlapPlace&, const OverlapPlace&) = default;
 };
 
-// Searches for `overlap` (oldest first, not empty) in `window`. `from_oldest` says whether the window begins with the
-// oldest record of the ring: if so, the first records of the overlap may have left the ring, and a match of the others
-// is enough.
+// Searches for `overlap` (oldest first, not empty) in `window`. `from_oldest`: the window begins with the oldest record
+// of the ring. Then the first records of the overlap may have left the ring, and a match of the other ones is enough.
 //
-// A part counts as found only if no two records of the overlap are equal: if records repeat, one or two of them match
-// anywhere. [any thread]
+// If only a part of the overlap matches, it counts as found only if no two records of the overlap are equal: one or two
+// repeated records would match in many places. [any thread]
 [[nodiscard]] OverlapPlace FindOverlap(std::span<const std::uint64_t> overlap, std::span<const std::uint64_t> window,
                                        bool from_oldest);
 

@@ -41,7 +41,7 @@ AppendedRecords RecordWriter::Append(std::span<const std::string_view> texts) {
   return {stored, 0};
 }
 
-// Decides which records the part has, and where they go. Returns where the end marker goes.
+// Decides which records are the next part, and their offsets. Returns the offset of the end marker after them.
 std::int64_t RecordWriter::LayOut(std::span<const std::string_view> texts) {
   const std::int64_t start = store_.header_.writePosition;
   const std::size_t records_max = std::min<std::size_t>(texts.size(), RecordsInPart(store_.header_));
@@ -63,8 +63,8 @@ std::int64_t RecordWriter::EndOf(std::size_t record, std::int64_t end) const {
   return record + 1 < offsets_.size() ? offsets_[record + 1] : end;
 }
 
-// As in writeLine, a record is good once its text and line end are in the data file, and it is indexed once its slot is
-// written. What is good before an error is kept.
+// As in writeLine, a record is good if its text and line end are in the data file, and it is stored if its slot is
+// written as well. After an error, slots are still written for the records that are good.
 AppendedRecords RecordWriter::AppendPart(std::span<const std::string_view> texts) {
   const std::uint32_t slot = SlotForNewRecord(store_.header_);
   std::int64_t index_size = 0;
@@ -88,7 +88,7 @@ AppendedRecords RecordWriter::AppendPart(std::span<const std::string_view> texts
   return {stored, stored < offsets_.size() ? error : 0};
 }
 
-// The first record of a new store: its slot and the header are one write, which must not be cut in the middle of slots.
+// Appends the first record of a new store. writeLine writes its slot and the header in one write.
 AppendedRecords RecordWriter::AppendFirst(std::string_view text) {
   const bool is_written = store_.writeLine(std::string(text).c_str());
   const int error = errno;

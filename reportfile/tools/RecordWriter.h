@@ -1,12 +1,13 @@
 // Appends many records at once to an open store.
 //
-// The records are split into parts: a part ends where the ring or the data file wraps, and after about 256 KiB of text.
-// Each part is three writes, as a single record is, in the same order: the texts with the end marker after them, the
-// slots, the header. The files are byte for byte those that CReportFileBase::writeLine leaves for the same records.
+// The records are split into parts: a part ends where the ring wraps or the data file restarts, and after about 256 KiB
+// of text. Each part is written with three writes, in the same order as a single record: the texts with the end marker
+// after them, the slots, the header. The files are byte for byte those that CReportFileBase::writeLine leaves for the
+// same records.
 //
-// Only a crash or kill between slots and header has another effect. The slots of the oldest records, as many as the
-// part has, then already lead to the new records, and the header does not count them. FinishInterrupted, called by the
-// next writer, counts them.
+// Only a crash or kill between the writes of slots and header has another effect: in a full ring, the slots of the
+// oldest records then already lead to all new records of the part, and the header does not count these.
+// FinishInterrupted, called by the next writer, counts them.
 #pragma once
 
 #include <sys/stat.h>
@@ -25,11 +26,11 @@ namespace qx::report {
 struct IndexHeader;
 struct UncountedPart;
 
-// The most bytes of text in a part of more than one record: the texts are copied into one buffer, which stays in the
-// processor's cache.
+// The largest size of the texts in a part of more than one record. The texts are copied into one buffer, which then
+// fits into the processor's cache.
 inline constexpr std::int64_t kPartBytesMax = std::int64_t{256} * 1024;
 
-// How many of the texts are records now, counted from the first, and why the next one is not.
+// The number of texts, from the first on, that are records now, and why the next one is not.
 struct AppendedRecords {
   std::size_t stored = 0;
   int error = 0;  // the error number; 0: all are stored
@@ -38,29 +39,32 @@ struct AppendedRecords {
 // Threads: Append may be called from several threads at the same time; it holds the store's lock. The rest belongs to
 // one thread.
 // Owns: buffers of at most 300 KiB. Borrows the store, which must outlive it.
-// Failure: an error number. A record that is not stored leaves header and slots as writeLine does.
+// Failure: an error number. A record that is not stored leaves header and slots unchanged, as in writeLine.
 class RecordWriter {
  public:
   explicit RecordWriter(CReportFileBase& store) : store_(store) {}
 
-  // Appends the texts in order. A text that holds a line feed, a NUL or a byte 0xFF is stored like any other, and is
-  // not read back whole: the caller checks. EBADF for a store that is not open, ENOMEM without memory. [any thread]
+  // Appends the texts in order. The caller checks that no text has a line feed, a NUL or a byte 0xFF: such a text is
+  // stored, but readers get only a part of it. EBADF for a store that is not open, ENOMEM if memory runs out. [any
+  // thread]
   [[nodiscard]] AppendedRecords Append(std::span<const std::string_view> texts);
 
-  // Gives a store whose index file holds no header yet a ring of `slots` slots, and writes the header. Another store
-  // stays as it is. Returns 0 or the error number. [owning thread]
+  // If the index file has no header yet, sets the ring to `slots` slots and writes the header. A store with a header is
+  // unchanged. Returns 0 or the error number. [owning thread]
   [[nodiscard]] int StartRing(std::uint32_t slots);
 
-  // Counts the records of a part that a killed writer left in a full ring: their slots are written, and the header is
-  // not. Returns how many; 0 also if the files cannot be read. Only for the one writer of the store. [owning thread]
+  // Counts the records of a part that a killed writer left in a full ring: their slots were written, and the header was
+  // not. Returns the number of records, or 0 if the files cannot be read. Only the one writer of the store may call
+  // this. [owning thread]
   [[nodiscard]] std::uint32_t FinishInterrupted();
 
   // True if these are the files that the store has open. [any thread]
   [[nodiscard]] bool IsOpenOn(const struct stat& index, const struct stat& data) const;
-  // True if the header in the index file is the one in memory: nobody else has written it. [any thread]
+  // True if the header in the index file equals the one in memory, so that no other writer has changed it. [any thread]
   [[nodiscard]] bool HasHeaderInFile() const;
-  // Writes the header if the one in the index file differs from the one in memory. An append does not fail if the last
-  // write of the header fails, because the next one writes it again. Returns 0 or the error number. [any thread]
+  // Writes the header if the one in the index file differs from the one in memory. This is for the last append: an
+  // append does not fail if its write of the header fails, because the next append writes the header again. Returns 0
+  // or the error number. [any thread]
   [[nodiscard]] int ConfirmHeader();
 
   // The record of this age, 0 being the newest. False: no record has this age, or it cannot be read. [any thread]

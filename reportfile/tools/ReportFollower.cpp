@@ -12,7 +12,7 @@ using Hashes = std::vector<std::uint64_t>;
 
 constexpr int kAttempts = 8;
 constexpr int kAttemptsAtFullSize = 2;
-constexpr std::uint32_t kSmallCount = 256;  // a small reply is read before a fast writer has advanced far
+constexpr std::uint32_t kSmallCount = 256;  // while a small reply is read, a fast writer does not advance far
 
 std::span<const std::uint64_t> Last(const Hashes& hashes, std::size_t count) {
   return std::span(hashes).last(std::min(count, hashes.size()));
@@ -50,7 +50,7 @@ void ReportFollower::Delivered(std::size_t count) { position_ = PositionAfter(co
 ReportPosition ReportFollower::PositionAfter(std::size_t count) const {
   const bool has_read = last_.is_steady;
   const bool continues = last_.poll.event == PollEvent::kNone || last_.poll.event == PollEvent::kAmbiguous;
-  if (!has_read || (!continues && count == 0 && !last_.hashes.empty())) return position_;  // to be reported once more
+  if (!has_read || (!continues && count == 0 && !last_.hashes.empty())) return position_;  // report it again
   ReportPosition position;
   position.next = last_.place + static_cast<std::uint32_t>(count);
   position.delivered = position_.delivered + count;
@@ -85,8 +85,8 @@ bool ReportFollower::Locate(Attempt& attempt) {
   return true;
 }
 
-// A full ring advances by the number of written records, so the position is never after `next`, and mostly just before
-// it.
+// A full ring advances by the number of written records. So the position is never after `next`, and mostly shortly
+// before it.
 bool ReportFollower::LocateNear(Attempt& attempt, bool& is_located) {
   const std::size_t reach = position_.overlap.size() + kNearRecords;
   if (position_.next <= reach) return true;
@@ -116,8 +116,8 @@ void ReportFollower::SettleMissing(const Hashes& window, Attempt& attempt) const
                           window.begin() + static_cast<std::ptrdiff_t>(std::min(window.size(), kOverlapRecords)));
 }
 
-// The records that an earlier attempt read after the delivered ones show how far the ring has advanced beyond them, if
-// some of them are still there.
+// The number of lost records, if it is known. An earlier attempt has read records after the delivered ones. If some of
+// them are still in the ring, they show how far the ring has advanced.
 //   read after the last delivered one   a b c d e
 //   ring now                            d e f g      => a b c are lost: 5 - 2
 std::optional<std::uint64_t> ReportFollower::LostRecords(const Hashes& window) const {
@@ -139,8 +139,8 @@ bool ReportFollower::ReadHashes(std::uint32_t first, std::uint32_t end, Hashes& 
   return true;
 }
 
-// If no delivered record is before the new ones, this read starts at index 0 and begins a new snapshot: that must begin
-// with the records that the search found. CheckSteady reads the first records of the attempt again.
+// If no delivered record is before the new ones, this read starts at index 0 and so begins a new snapshot. The snapshot
+// must begin with the records that the search found. CheckSteady later reads the first records of the attempt again.
 bool ReportFollower::ReadNew(std::uint32_t count_max, Attempt& attempt) {
   if (!source_.Read(attempt.place, count_max, attempt.poll.records)) return false;
   for (const std::string& record : attempt.poll.records) attempt.hashes.push_back(RecordHash(record));
@@ -174,8 +174,9 @@ bool ReportFollower::CheckSteady(Attempt& attempt) {
   return attempt.is_steady || KeepOverrun(attempt);
 }
 
-// Keeps the hashes of a failed attempt. Those that a second read confirms were in the ring all the time. A read at
-// index 0 would begin a new snapshot, in which an index may mean another record.
+// Keeps the hashes of a failed attempt. The records that a second read confirms were in the ring all the time. Nothing
+// is kept if this read would start at index 0: it would begin a new snapshot, in which an index may mean another
+// record.
 bool ReportFollower::KeepOverrun(const Attempt& attempt) {
   overrun_.clear();
   overrun_present_ = 0;

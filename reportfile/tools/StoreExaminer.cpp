@@ -27,7 +27,7 @@ bool HasFewerBytesChangedThanKept(std::string_view bytes, std::string_view origi
   return 2 * kept > original.size();
 }
 
-// A record by its slot, as the walk in age order finds it.
+// A record that the walk in the order of age finds.
 struct WalkedRecord {
   std::uint32_t age;  // 0 is the oldest
   std::uint32_t slot;
@@ -87,7 +87,8 @@ class Examiner {
     return true;
   }
 
-  // Older agents write the first record's slot before any header: the 24 bytes before the slot then read as zeros.
+  // Older agents write the slot of the first record before the header. Until the header is written, the 24 bytes before
+  // the slot read as zeros.
   bool IsFirstRecordInFlight() {
     constexpr IndexHeader kUnwritten = {.maxRecord = 0};
     return scan_.header == kUnwritten && scan_.index_bytes <= SlotOffset(1) && lines_.SlotAt(0).value_or(0) == 0;
@@ -95,8 +96,8 @@ class Examiner {
 
   // --- sizes
 
-  // A new store has two empty files. Until its first record is counted, the data file may have one record and a marker.
-  // Any other store without a header has lost its index.
+  // A new store has two empty files. While its first record is written, the data file may already have this record and
+  // a marker. Any other store without a header has lost its index.
   void CheckStoreWithoutHeader() {
     if (scan_.index_bytes == 0 && scan_.data_bytes == 0) return;
     if (scan_.index_bytes == 0 && DataIsOneRecord()) {
@@ -115,7 +116,7 @@ class Examiner {
 
   // --- what is at writePosition
 
-  // The slots of the next records already have their offsets. In a full ring those were the oldest records' slots.
+  // Finds slots that already lead to the next records. In a full ring these slots were those of the oldest records.
   void FindUncounted() {
     uncounted_ = FindUncountedPart(
         scan_.header, [this](std::uint32_t slot) { return lines_.SlotAt(slot); },
@@ -124,10 +125,10 @@ class Examiner {
     scan_.record_in_flight = uncounted_.slots > 0;
   }
 
-  // Slots after those in use are of records that are not counted yet, or of killed writers. The next writers have
-  // overwritten texts of killed ones, up to doubtful_end_, and several killed writers leave slots in any order. So a
-  // slot may lead into the middle of an overwritten text: every offset can be the result of some records. Nobody reads
-  // these slots, and each is written again before it is used.
+  // A slot after those in use belongs to a record that is not counted yet, or was left by a killed writer. Later
+  // writers have overwritten texts of killed ones, up to doubtful_end_, and several killed writers leave slots in any
+  // order. So below doubtful_end_ such a slot may have any offset, even inside a text. No reader uses these slots, and
+  // each is written again before it is in use.
   void CheckFreeSlots() {
     const IndexHeader& header = scan_.header;
     if (header.highestIndex == header.maxRecord) return;
@@ -144,7 +145,8 @@ class Examiner {
     }
   }
 
-  // Sets doubtful_end_: indexed text of an earlier round may be overwritten if it begins before this offset.
+  // Checks what is at writePosition, and sets doubtful_end_: an indexed text of the previous round that begins before
+  // this offset may be overwritten.
   void CheckMarker() {
     const IndexHeader& header = scan_.header;
     const std::int64_t position = header.writePosition;
@@ -152,7 +154,7 @@ class Examiner {
     if (RecordsInRound(header) == 0) {  // just restarted
       doubtful_end_ = DoubtfulEndAfterRestart();
     } else if (there == kEndMarker) {
-      doubtful_end_ = EndOfPartAt(position).value_or(position + kMarkerBytes);  // a record may look like the marker
+      doubtful_end_ = EndOfPartAt(position).value_or(position + kMarkerBytes);  // a record may have the marker's text
     } else if (there.size() < kEndMarker.size() && kEndMarker.starts_with(there)) {
       scan_.marker_cut_short = true;
       doubtful_end_ = scan_.data_bytes;
@@ -162,9 +164,9 @@ class Examiner {
     if (uncounted_.records > 0) doubtful_end_ = std::max(doubtful_end_, uncounted_.end + kMarkerBytes);
   }
 
-  // After a restart there is no marker at the write position. A new record is recognised by the marker after it. If
-  // this marker is exactly where the marker of the previous round was, only one thing shows the new record: it has
-  // overwritten the line end before the oldest record.
+  // After a restart there is no marker at writePosition. A new record is recognised by the marker after it. If this
+  // marker is exactly where the marker of the previous round was, only one thing shows that there is a new record: the
+  // line end before the oldest record is overwritten.
   std::int64_t DoubtfulEndAfterRestart() {
     if (const auto end = EndOfNewRecordsAt(0)) return *end;
     if (scan_.header.highestIndex == 0) return 0;
@@ -174,8 +176,9 @@ class Examiner {
     return is_as_it_was ? 0 : scan_.data_bytes;
   }
 
-  // Instead of the marker there is something else: the next record, whole or cut short, or damage. A new record may end
-  // just before the marker of the previous round, so only bytes that resemble a marker, or cannot be text, are damage.
+  // Handles bytes at writePosition that are not the marker: the next record, whole or cut short, or damage. A new
+  // record may end just before the marker of the previous round. So these bytes count as damage only if they resemble a
+  // marker, or have a NUL and therefore cannot be text.
   void CheckTextAtWritePosition(std::string_view there) {
     const std::int64_t position = scan_.header.writePosition;
     if (const auto end = EndOfNewRecordsAt(position)) {
@@ -197,7 +200,7 @@ class Examiner {
                   "neither the end marker nor a new record is at writePosition");
   }
 
-  // The end of the marker after the records at `position` that are not counted yet.
+  // The end of the marker after the records at `position` that are not counted yet; unset if there are no such records.
   std::optional<std::int64_t> EndOfNewRecordsAt(std::int64_t position) {
     const std::int64_t line_end = lines_.FindLineEndAndMarker(position);
     if (line_end < 0 || IsEndOfPreviousRound(line_end + kRecordBytesMin)) return std::nullopt;
@@ -207,8 +210,8 @@ class Examiner {
 
   // The end of the last end marker that comes after whole lines at `position`. The lines belong to a part that is not
   // counted yet, or to parts that killed writers left in this round. A line may look like a marker, so the search
-  // continues after each marker, for as many lines as a part and the round can have. It searches for line feeds only: a
-  // later marker may have overwritten the CR before one.
+  // continues after each marker, for as many lines as a part and the round can have. Only line feeds are searched for:
+  // a later marker may have overwritten the CR before a line feed.
   std::optional<std::int64_t> EndOfPartAt(std::int64_t position) {
     const std::uint32_t lines_max = RecordsInPart(scan_.header) + RecordsInRound(scan_.header);
     std::optional<std::int64_t> end;
@@ -219,12 +222,12 @@ class Examiner {
       at = line_feed + 1;
       if (!lines_.At(at, kMarkerBytes).starts_with(kEndMarker)) continue;
       end = at + kMarkerBytes;
-      lines = 0;  // there may be the rest of an older text
+      lines = 0;  // the rest of an older text may follow
     }
     return end;
   }
 
-  // The marker of the previous round is there: it is not the one after new records.
+  // True if the marker at `offset` is the one of the previous round, and so not one after new records.
   bool IsEndOfPreviousRound(std::int64_t offset) const {
     return scan_.header.writePosition < scan_.header.fileEnd && offset == scan_.header.fileEnd;
   }
@@ -236,7 +239,7 @@ class Examiner {
     std::optional<WalkedRecord> before;
     for (std::uint32_t age = 0; age < in_use && !findings_.IsFull(); ++age) {
       const bool is_replaced = age < uncounted_.slots && in_use == scan_.header.maxRecord;
-      if (is_replaced) continue;  // a new record, not the oldest one
+      if (is_replaced) continue;  // the slot already leads to a new record
       std::optional<WalkedRecord> record = RecordOfAge(age);
       if (!record.has_value()) return;  // the file became shorter while it was read
       record->is_reported = !CheckSlot(*record, before);
@@ -260,8 +263,8 @@ class Examiner {
     return WalkedRecord{age, slot, *offset, is_current, is_previous, in_round == 0, in_round};
   }
 
-  // The end of the texts of the record's round: writePosition, or the end of the previous round. Unset if the end was
-  // overwritten since.
+  // The end of the texts of the record's round: writePosition, or the end of the previous round. Unset if the end of
+  // that round is not known, because newer text has overwritten it.
   std::optional<std::int64_t> EndOfRound(const WalkedRecord& record) const {
     const IndexHeader& header = scan_.header;
     if (record.is_current) return header.writePosition;
@@ -289,7 +292,8 @@ class Examiner {
     return before.has_value() || FollowsALineEnd(record);
   }
 
-  // Used for the first record of the walk only: each other record follows the one before it.
+  // True if a line end is before the record, or if this cannot be known. Used only for the first record of the walk;
+  // each other record is checked against the one before it.
   bool FollowsALineEnd(const WalkedRecord& record) {
     const std::int64_t line_end = record.offset - kRecordBytesMin;
     if (!record.is_current && (!record.is_previous || line_end < doubtful_end_)) return true;
@@ -303,7 +307,8 @@ class Examiner {
     return EndOfRound(record);
   }
 
-  // A record ends with CR LF where the next one begins, and has no NUL: a writer's texts end at their first NUL.
+  // Checks that the record ends with CR LF where the next one begins, and has no NUL: a writer ends each text before
+  // its first NUL.
   void CheckText(const WalkedRecord& record, std::optional<std::int64_t> end) {
     if (record.is_reported) return;
     const bool may_be_overwritten = !record.is_current && (!record.is_previous || record.offset < doubtful_end_);
@@ -313,7 +318,7 @@ class Examiner {
     }
     const std::int64_t begin = record.offset;
     const std::int64_t text_end = *end - kRecordBytesMin;
-    if (text_end < begin) return;  // the slots are out of order there, which is reported already
+    if (text_end < begin) return;  // slots out of order, which are reported already
     const std::string_view line_end = lines_.At(text_end, kRecordBytesMin).substr(0, kRecordBytesMin);
     if (line_end != kLineEnd) {
       findings_.Add("record.end", StoreFile::kData, text_end,

@@ -1,4 +1,4 @@
-// Internal: one pass over the two files of a store. ScanStore (StoreVerify.h) is the whole pass.
+// Internal: checks the header of a store in one pass. ScanStore (StoreVerify.h) is the pass over everything.
 #pragma once
 
 #include "reportfile/tools/StoreVerify.h"
@@ -7,7 +7,7 @@ namespace qx::report {
 
 class ByteSource;
 
-// Only header and sizes: of the data file nothing is read. [any thread] Throws std::bad_alloc.
+// Checks only the header and the sizes of the files; no text is read. [any thread] Throws std::bad_alloc.
 [[nodiscard]] StoreScan ScanHeader(ByteSource& index, ByteSource& data);
 
 }  // namespace qx::report

@@ -14,7 +14,7 @@ namespace {
 constexpr std::int64_t kOffsetLimit = std::int64_t{1} << 32;
 constexpr std::int64_t kRecordBytesMin = kLineEnd.size();
 
-// The 32-bit count of no real report can wrap this often.
+// The 32-bit count of a real report wraps less often than this.
 constexpr std::uint64_t kCountWrapsMax = 4;
 
 class HeaderCheck {
@@ -77,7 +77,7 @@ class HeaderCheck {
 
   void CheckPositions() {
     const IndexHeader& header = scan_.header;
-    if (scan_.beyond_offsets) return;  // both are cut to 32 bits
+    if (scan_.beyond_offsets) return;  // then both positions are cut to 32 bits
     const std::uint32_t in_round = RecordsInRound(header);
     const bool is_too_low = header.writePosition < kRecordBytesMin * in_round;
     if (is_too_low || (in_round == 0 && header.writePosition != 0)) {

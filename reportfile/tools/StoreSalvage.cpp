@@ -58,7 +58,7 @@ class Salvager {
   // --- the index
 
   void ReadIndex() {
-    (void)index_.ReadAt(0, &header_, sizeof header_);  // nothing in it is trusted
+    (void)index_.ReadAt(0, &header_, sizeof header_);  // the header is not trusted
     const std::int64_t whole = std::max<std::int64_t>(index_.Size() - SlotOffset(0), 0) / 4;
     counts_.is_cut_short = whole > kSalvageSlotsMax;
     offsets_.resize(static_cast<std::size_t>(std::min<std::int64_t>(whole, kSalvageSlotsMax)));
@@ -68,8 +68,8 @@ class Salvager {
 
   std::uint32_t SlotCount() const { return static_cast<std::uint32_t>(offsets_.size()); }
 
-  // The slot of the oldest record. If the header does not show it, the slot after the one whose record ends at
-  // writePosition; if there is no such slot, the first.
+  // The slot of the oldest record. If the header's oldestIndex is not a slot, it is the slot after the one whose record
+  // ends at writePosition, or the first slot.
   std::uint32_t OldestSlot() const {
     if (SlotCount() == 0) return 0;
     if (header_.oldestIndex >= SlotCount()) return SlotAfterNewest();
@@ -91,7 +91,7 @@ class Salvager {
     uncounted_ = FindUncountedPart(header_, slot_at, end_of, is_marker_at);
   }
 
-  // The end of the line at `begin`, if a slot leads to it and it is whole.
+  // The end of the line at `begin`, if a slot leads to this line and the line is whole.
   std::optional<std::int64_t> EndOfLine(std::int64_t begin) const {
     const auto held = std::lower_bound(lines_.begin(), lines_.end(), begin,
                                        [](const SlotLine& line, std::int64_t at) { return line.line.begin < at; });
@@ -108,8 +108,8 @@ class Salvager {
 
   // --- lines with slots
 
-  // Fills lines_ in the order of offsets, each offset once. One search serves all offsets in a line, so that many slots
-  // into one huge line need only one read of it.
+  // Fills lines_ in the order of offsets, each offset once. The end of a line is searched for only once, also if many
+  // slots lead into the same huge line.
   void FindLines() {
     std::vector<std::uint32_t> slots(SlotCount());
     for (std::uint32_t slot = 0; slot < SlotCount(); ++slot) slots[slot] = slot;
@@ -124,12 +124,12 @@ class Salvager {
   Line LineOfSlot(std::uint32_t slot) {
     const std::int64_t begin = offsets_[slot];
     if (lines_.empty() || begin >= lines_.back().line.end) return LineAt(begin);
-    Line line = lines_.back().line;  // begins inside it
+    Line line = lines_.back().line;  // this one begins inside it
     line.begin = begin;
     return line;
   }
 
-  // A line from `begin` to its first line feed; it is cut at a NUL and at the end of the file.
+  // The line from `begin` to its first line feed. A NUL or the end of the file cuts the line.
   Line LineAt(std::int64_t begin) {
     for (std::int64_t at = begin; at < data_bytes_;) {
       const std::string_view bytes = BytesAt(at);
@@ -143,9 +143,9 @@ class Salvager {
     return {begin, std::max(begin, data_bytes_), false};
   }
 
-  // Drops slots that certainly lead into the middle of a record: the line has a slot of its own, and the next slot
-  // leads to the end of the line, as a writer's slots do. Otherwise the line feed before a real record may be damaged,
-  // and both texts are kept.
+  // Drops slots that certainly lead into the middle of a record: another slot leads to the beginning of the line, and
+  // the slot after that one leads to the end of the line, as a writer's slots do. In other cases the line feed before a
+  // real record may be damaged, and both texts are kept.
   void DropFragments() {
     const SlotLine* whole = nullptr;
     for (SlotLine& held : lines_) {
@@ -188,7 +188,8 @@ class Salvager {
     return true;
   }
 
-  // Whole lines without a slot. The line after an end marker may be the rest of a line that the marker overwrote.
+  // Passes whole lines without a slot to the sink. The line after an end marker is left out: it may be the rest of a
+  // line that the marker overwrote.
   void EmitUnindexed() {
     bool is_after_marker = false;
     auto next_slot = lines_.begin();
@@ -210,7 +211,7 @@ class Salvager {
     }
   }
 
-  // After a NUL, the next line begins after the next line feed.
+  // The offset after the next line feed, where the next line begins after a NUL.
   std::int64_t AfterGarbage(std::int64_t at) {
     while (at < data_bytes_) {
       const std::string_view bytes = BytesAt(at);
@@ -280,7 +281,7 @@ SalvageResult Failed(std::string file, int error) {
   return result;
 }
 
-// A file of the source; one that is missing reads as empty.
+// A file of the source. A missing file reads as empty.
 struct SourceFile {
   explicit SourceFile(const std::string& name) : path(name), bytes(OpenStoreFile(name, OpenMode::kRead)) {
     open_error = bytes.IsOpen() ? 0 : errno;
@@ -293,7 +294,7 @@ struct SourceFile {
   int open_error = 0;
 };
 
-// The old ring size if a writer could have chosen it, with slots for every record.
+// The size of the new ring: the old size if a writer could have chosen it, but at least a slot for every record.
 std::uint32_t NewRingSize(ByteSource& index, std::uint64_t records) {
   IndexHeader header = {.maxRecord = 0};
   (void)index.ReadAt(0, &header, sizeof header);
@@ -327,7 +328,7 @@ SalvageResult WriteNewStore(SourceFile& index, SourceFile& data, bool with_unind
     return error == 0;
   };
   result.counts = SalvageRecords(index.bytes, data.bytes, with_unindexed, append);
-  if (error == 0 && store.writePositionsToFile() != 0) error = errno;  // a record's own header write is not checked
+  if (error == 0 && store.writePositionsToFile() != 0) error = errno;  // writeLine ignores errors of this write
   return error == 0 ? result : Failed(base_path, error);
 }
 

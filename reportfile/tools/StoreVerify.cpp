@@ -20,7 +20,7 @@ constexpr long kPauseNanoseconds = 20'000'000;
 
 void Pause() {
   const timespec pause = {.tv_sec = 0, .tv_nsec = kPauseNanoseconds};
-  (void)nanosleep(&pause, nullptr);  // a shorter pause only adds a scan
+  (void)nanosleep(&pause, nullptr);  // a shorter pause does no harm
 }
 
 // An open file of the store, or the error of its open.
@@ -39,7 +39,7 @@ Finding MissingFile(StoreFile file) {
   return {"file.missing", file, 0, 0, "the next writer that opens this report starts it over"};
 }
 
-// Set when the files cannot be checked.
+// The verdict if the files cannot be checked; unset if both can be read.
 std::optional<StoreVerdict> VerdictOnOpening(const Opened& index, const Opened& data) {
   const bool is_index_missing = index.error == ENOENT;
   const bool is_data_missing = data.error == ENOENT;

@@ -1,8 +1,9 @@
-// The slots of a part that are written while the header does not count them yet.
+// Finds the slots of a part that are written, but that the header does not count yet.
 //
-// RecordWriter writes the texts of a part, then its slots, then the header. Until the header is written, the first
-// slots of the part lead to writePosition and from there from record to record. The next writer counts these records, a
-// reader leaves them out, and a check does not report them as damage. All of them use the functions of this file.
+// RecordWriter writes the texts of a part, then its slots, then the header. Until the header is written, the first slot
+// of the part leads to writePosition, and each next slot to the end of the record before it. The next writer counts
+// these records, a reader leaves them out, and a check does not report them as damage. All three use the function of
+// this file.
 #pragma once
 
 #include <cstdint>
@@ -13,17 +14,18 @@
 namespace qx::report {
 
 struct UncountedPart {
-  std::uint32_t slots = 0;    // lead to where the line before them ends
-  std::uint32_t records = 0;  // of them, from the first on, those that certainly are records of the part
+  std::uint32_t slots = 0;    // the number of slots that lead to writePosition or to the end of the line before
+  std::uint32_t records = 0;  // the number of these slots, from the first on, that certainly lead to records
   std::int64_t end = 0;       // after the last of these records
 };
 
 // `slot_at(slot)` returns the offset in a slot, `end_of(slot, offset)` the end of the record there; both return
 // std::optional, unset if nothing is there. `is_marker_at(offset)` says whether the end marker's bytes are there.
 //
-// The end marker follows the part. An old slot may lead to it: then the marker looks like one more record of the part,
-// and so may the old text after it. Therefore the records end at the first end marker. A record with the text of the
-// marker, and those after it in its part, are left out: their writer was never informed that they are stored.
+// The end marker is after the last record of the part. An old slot may lead to the marker: then the marker looks like
+// one more record of the part, and so may the old text after it. Therefore the records end at the first end marker. If
+// a record has the text of the marker, this record and the ones after it in the part are left out. This is allowed,
+// because their writer was not informed that they are stored.
 //   "a", marker, old text     slots to "a", to the marker, to the old text  => 3 slots, 1 record
 //   "a", "===>", "b", marker  slots to "a", to "===>", to "b"               => 3 slots, 1 record
 // [any thread]

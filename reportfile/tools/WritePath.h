@@ -1,5 +1,5 @@
-// Which texts of a report a writer could have overwritten between two reads of the header: for readers that must know
-// whether the texts that they read in between are whole.
+// Finds out which texts of a report a writer could have overwritten between two reads of the header. Readers use it to
+// check that the texts that they read in between are whole.
 #pragma once
 
 #include <cstdint>
@@ -10,22 +10,22 @@ namespace qx::report {
 
 enum class WritePath {
   kNowhere,           // nothing was appended
-  kAfterEveryRecord,  // the data file grew; no text was in the way
-  kOverOldRound,      // up to the new position, through the texts of the round before
-  kOverThisRound,     // the data file was restarted: from its start up to the new position, through texts of this round
-  kEverywhere,        // through the texts of the round before, then from the start again; or a whole round
+  kAfterEveryRecord,  // the data file grew; no text was overwritten
+  kOverOldRound,      // from the old writePosition to the new one, over texts of the round before
+  kOverThisRound,     // after a restart: from the start of the data file, over texts of the round of `reference`
+  kEverywhere,        // over texts of the round before, and after a restart from the start again; or a whole round
 };
 
-// The path of a writer from the header `reference` to the later header `after`, both with a plausible ring of one size.
-// The writer meets texts of the round before as long as slots of `reference` lead to them.
+// The path of a writer from the header `reference` to the later header `after`, both with a plausible ring of the same
+// size. Texts of the round before are in the way of the writer as long as slots of `reference` lead to such texts.
 //   data file restarted   texts of the round before
 //   no                    no                          => kAfterEveryRecord
 //   no                    yes                         => kOverOldRound
 //   yes                   no                          => kOverThisRound
 //   yes                   yes                         => kEverywhere
-// Example: a ring of 3, so 6 records a round.
+// Examples, for a ring of 3 slots and so 6 records in a round; the numbers are elementCount:
 //   2 records => 5    => kAfterEveryRecord
-//   7 records => 8    => kOverOldRound: two of the ring's three are of the round before
+//   7 records => 8    => kOverOldRound: two of the three records are of the round before
 //   5 records => 7    => kOverThisRound
 //   7 records => 12   => kEverywhere
 [[nodiscard]] constexpr WritePath WritePathBetween(const IndexHeader& reference, const IndexHeader& after) {

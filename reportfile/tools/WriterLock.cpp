@@ -16,8 +16,8 @@ namespace qx::report {
 
 namespace {
 
-// A process that has one of the files open for writing, other than this one, or 0. Reads the descriptors of every
-// process of the machine.
+// Another process that has one of the files open for writing, or 0. Reads the list of open files of every process of
+// the machine.
 int ProcessThatWrites(const std::string& base_path) {
   std::set<FileKey> files;
   for (const std::string& path : {IndexFileName(base_path), DataFileName(base_path)}) {
@@ -30,8 +30,8 @@ int ProcessThatWrites(const std::string& base_path) {
   return 0;
 }
 
-// The process that took the lock of the open file; empty if the system's list of locks does not show it. If it has
-// ended, another process that inherited the open file may still hold the lock.
+// The process that took the lock of the open file; empty if the system's list of locks does not show it, or if this
+// process has ended: then another process that inherited the open file holds the lock.
 std::optional<int> ProcessWithTheLock(int file) {
   struct stat status = {};
   if (file::StatusOf(file, status) != 0) return std::nullopt;

@@ -1,8 +1,8 @@
-// Checks whether another process writes a report: for programs that append to a report, or replace it, next to agents.
+// Checks whether another process writes a report, for programs that append to or replace reports of agents.
 //
 // A writer holds the advisory lock of the index file while it has the report open (CReportFileBase::Open), and the
-// system's list of locks names it. Agents that were built before the lock existed do not take it. So if the lock is
-// free, or the list does not show who holds it, the open files of all processes of this machine are checked.
+// system's list of locks names the writer. Agents that were built before the lock existed do not take it. So if the
+// lock is free, or the list does not show its holder, the open files of all processes of this machine are checked.
 #pragma once
 
 #include <string>
@@ -13,20 +13,20 @@ namespace qx::report {
 
 // What counts as a writer.
 enum class WriterSearch {
-  kEveryProcess,  // who holds the lock, and who has the files open: agents from before the lock do not take it
-  kLock,          // who holds the lock: for a directory in which every writer takes it
+  kEveryProcess,  // the holder of the lock, or a process that has a file open for writing
+  kLock,          // only the holder of the lock: for a directory in which every writer takes the lock
 };
 
-// Takes the lock of the report at `base_path` for its own lifetime, if nobody writes the report. CReportFileBase::Open
-// then continues without taking the lock.
+// Takes the lock of the report at `base_path`, if the lock is free, and holds it as long as this object exists.
+// Meanwhile CReportFileBase::Open works without the lock.
 //
-// Threads: one thread. Owns: the index file, opened for reading; nothing is changed. Failure: what cannot be opened
-// counts as free; the open that follows reports it. Throws std::bad_alloc.
+// Threads: one thread. Owns: the index file, opened for reading; nothing is changed. Failure: a report that cannot be
+// opened counts as free; the caller's own open reports the error. Throws std::bad_alloc.
 class WriterLock {
  public:
   explicit WriterLock(const std::string& base_path, WriterSearch search = WriterSearch::kEveryProcess);
 
-  // True if another process, or another object of this one, has the report open for writing.
+  // True if another process, or another object of this process, has the report open for writing.
   [[nodiscard]] bool IsHeldByAnother() const { return is_held_; }
   // The process that has the report open; 0 if it is not known, because only root sees the files of other users'
   // processes.

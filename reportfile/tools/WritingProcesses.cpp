@@ -21,7 +21,8 @@ namespace qx::report {
 
 namespace {
 
-// Does not use the iterator of std::filesystem, which ends the program if memory runs out.
+// The names in the directory. The iterator of std::filesystem is not used, because it ends the program if memory runs
+// out.
 std::vector<std::string> NamesIn(const std::string& directory) {
   Listing listing = ListDirectory(directory);  // fails for another user's process, or one that has ended
   if (listing.error == ENOMEM) throw std::bad_alloc();

@@ -11,7 +11,7 @@
 
 namespace qx::report {
 
-// Device and inode: two paths with one key are one file.
+// Device and inode: two paths with the same key lead to the same file.
 using FileKey = std::pair<dev_t, ino_t>;
 
 // The key of the file at the path; empty if there is no file. [any thread]

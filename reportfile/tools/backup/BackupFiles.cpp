@@ -37,8 +37,8 @@ BackupFiles BackupFiles::OpenIn(const std::string& name, int directory) {
   return files;
 }
 
-// A directory without a list of checksums, or without its folder, is a plain copy, unless its name is that of a dated
-// backup.
+// A directory without a list of checksums, or without a folder of reports, is a plain copy, unless it has the name of a
+// dated backup.
 void BackupFiles::ReadDated(const std::string& name) {
   const int top = tree_.Top();
   const int error = ReadChecksums(top);

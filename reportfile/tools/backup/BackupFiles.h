@@ -1,4 +1,4 @@
-// One backup, open for reading: a plain copy of a report directory, or a dated backup with its checksums.
+// Opens a backup for reading: a plain copy of a report directory, or a dated backup with its checksums.
 #pragma once
 
 #include <map>
@@ -19,8 +19,8 @@ class BackupFiles {
   // Opens the directory of this name in an open one; a symbolic link is refused (ELOOP).
   [[nodiscard]] static BackupFiles OpenIn(const std::string& name, int directory);
 
-  // 0, or why it cannot be opened: ENOENT and ENOTDIR if there is no such directory, EBADMSG for a dated backup without
-  // a list of checksums that can be read. `Failed` is the file.
+  // 0, or why it cannot be opened: ENOENT and ENOTDIR if there is no such directory, EBADMSG for a dated backup whose
+  // list of checksums, or folder of reports, is missing or damaged. Failed() is the file.
   [[nodiscard]] int Error() const { return error_; }
   [[nodiscard]] const std::string& Failed() const { return failed_; }
 
@@ -29,9 +29,9 @@ class BackupFiles {
   // The folder of the reports in the backup; empty for a plain copy.
   [[nodiscard]] const std::string& Folder() const { return folder_; }
   [[nodiscard]] DirectoriesBelow& Tree() { return tree_; }
-  // By stored path below the tree: "load.ind", "load.ind.zst". Empty for a plain copy.
+  // The checksums by the path of the stored file below the tree: "load.ind", "load.ind.zst". Empty for a plain copy.
   [[nodiscard]] const std::map<std::string, std::string>& Checksums() const { return checksums_; }
-  // The lines of the file of items that were left out.
+  // The lines of the file "left-out": the items that were not copied.
   [[nodiscard]] const std::vector<std::string>& LeftOut() const { return left_out_; }
 
  private:

@@ -26,8 +26,8 @@ std::string WithoutCompressedEnding(const std::string& path) {
   return path.substr(0, path.size() - std::string_view(kCompressedEnding).size());
 }
 
-// The items of the files that are stored. In a compressed backup the file "load.ind.zst" is "load.ind"; a file without
-// the ending is not one of the backup.
+// The items of the files that are stored. In a compressed backup the file "load.ind.zst" counts as "load.ind", and a
+// file without the ending ".zst" does not belong to the backup.
 std::vector<BackupItem> ItemsOf(const ReportTree& tree, bool is_compressed) {
   if (!is_compressed) return tree.items;
   std::vector<BackupItem> items;
@@ -50,7 +50,7 @@ VerifiedState StateOfError(int error) {
   return error == 0 ? VerifiedState::kSound : error == EBADMSG ? VerifiedState::kChanged : VerifiedState::kUnreadable;
 }
 
-// One backup while it is being checked. The files that were compared are remembered.
+// Checks one backup, and remembers which files were compared.
 class Verifier {
  public:
   // `expanded` is the open directory for expanded files.
@@ -73,7 +73,7 @@ class Verifier {
     return item;
   }
 
-  // The files of the list of checksums that were not found.
+  // The files in the list of checksums that were not found in the backup.
   std::vector<VerifiedItem> Missing() const {
     std::vector<VerifiedItem> items;
     for (const auto& [path, hex] : files_.Checksums()) {
@@ -82,7 +82,8 @@ class Verifier {
     return items;
   }
 
-  // Makes the directory of this path with the permissions of the backup's, and those above it. 0 or the error number.
+  // Makes the directory of this path and those above it, with the permissions that they have in the backup. Returns 0
+  // or the error number.
   int MakeDirectories(const std::string& path, DirectoriesBelow& to) {
     if (path.empty()) return 0;
     if (const int error = MakeDirectories(DirectoriesBelow::Above(path), to); error != 0) return error;
@@ -96,7 +97,8 @@ class Verifier {
     return error == EEXIST ? 0 : error;
   }
 
-  // Expands the files of an item, with the directories above them. Sets the file that failed. 0 or the error number.
+  // Expands the files of an item, and makes the directories above them. Sets the file that failed. Returns 0 or the
+  // error number.
   int Expand(BackupItemKind kind, const std::string& name, DirectoriesBelow& to, std::string* failed) {
     for (const std::string& path : FilesOf(kind, name)) {
       *failed = StoredPath(path);
@@ -121,7 +123,7 @@ class Verifier {
     return files_.IsCompressed() ? path + kCompressedEnding : path;
   }
 
-  // Compares a stored file with its checksum; the first trouble of an item stays.
+  // Compares a stored file with its checksum. An item keeps the state of its first file that is not sound.
   void CompareFile(const std::string& path, VerifiedItem* item) {
     if (!files_.IsDated()) return;
     compared_.insert(path);
@@ -180,7 +182,7 @@ class Verifier {
   std::set<std::string> compared_;
 };
 
-// The error number of an item that cannot be restored; damaged reports can.
+// The error number of an item that cannot be restored, otherwise 0. Damaged reports can be restored.
 int ErrorOf(const VerifiedItem& item) {
   if (item.state == VerifiedState::kUnreadable) return item.error;
   const bool is_link = item.kind == BackupItemKind::kLink;  // the plan of the restore names it

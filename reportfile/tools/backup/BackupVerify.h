@@ -1,8 +1,8 @@
 // Verifies a backup, and makes its files readable for a restore.
 //
-// A dated backup has a checksum for each file. Every file is read and compared with it; then each report is checked as
-// `report verify` does. Files of a compressed backup are expanded for that, one report at a time, in a private
-// directory. A plain copy has no checksums, so only its reports are checked.
+// A dated backup has a checksum for each file. Every file is read and compared with its checksum; then each report is
+// checked as by `report verify`. For this check the files of a compressed backup are expanded in a private directory,
+// one report at a time. A plain copy has no checksums, so only its reports are checked.
 #pragma once
 
 #include <cstdint>
@@ -18,15 +18,15 @@ namespace qx::report {
 
 enum class VerifiedState {
   kSound,
-  kDamaged,   // a report with findings, or half a report; it was so when it was copied
+  kDamaged,   // a report with findings, or half a report; it was damaged when it was copied
   kChanged,   // a file differs from its checksum, or cannot be expanded
-  kMissing,   // a file of the list of checksums
-  kUnlisted,  // a file that is not in the list
+  kMissing,   // a file is in the list of checksums, but not in the backup
+  kUnlisted,  // a file is in the backup, but not in the list
   kUnreadable,
 };
 
 struct VerifiedItem {
-  std::string name;  // as BackupItem's
+  std::string name;  // as in BackupItem
   BackupItemKind kind = BackupItemKind::kFile;
   VerifiedState state = VerifiedState::kSound;
   int error = 0;              // kUnreadable
@@ -42,7 +42,7 @@ struct VerifiedBackup {
   std::vector<std::string> left_out;  // what the backup lacks
 };
 
-// Reads every file. `temporary` is a directory for the private one. [any thread]
+// Reads and checks every file. `temporary` is the directory in which the private directory is made. [any thread]
 [[nodiscard]] VerifiedBackup VerifyBackup(const std::string& directory, const std::string& temporary);
 
 // A backup whose requested files were compared with their checksums and are expanded.
@@ -50,10 +50,10 @@ struct VerifiedBackup {
 // Owns: the private directory of expanded files, which is removed at the end of the scope.
 class RestorableBackup {
  public:
-  // Empty `names`: everything.
+  // With empty `names`, everything is prepared.
   RestorableBackup(const std::string& directory, const std::vector<std::string>& names, const std::string& temporary);
 
-  // 0; EBADMSG if a file of the backup is not as its checksum says; otherwise the error number. `Failed` is the file.
+  // 0; EBADMSG if a file of the backup does not have its checksum; otherwise the error number. Failed() is the file.
   [[nodiscard]] int Error() const { return error_; }
   [[nodiscard]] const std::string& Failed() const { return failed_; }
   [[nodiscard]] bool IsDated() const { return is_dated_; }

@@ -39,7 +39,7 @@ std::string Escaped(std::string_view name) {
   return escaped;
 }
 
-// The reverse. False if a backslash is followed by anything else.
+// The reverse of Escaped. False if a backslash is followed by anything but a backslash, "n" or "r".
 bool Unescape(std::string_view escaped, std::string* name) {
   for (std::size_t i = 0; i < escaped.size(); ++i) {
     if (escaped[i] != '\\') {

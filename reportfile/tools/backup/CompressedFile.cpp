@@ -30,13 +30,14 @@ bool SetUp(ZSTD_CCtx* context, std::int64_t size) {
          ZSTD_isError(ZSTD_CCtx_setPledgedSrcSize(context, static_cast<unsigned long long>(size))) == 0;
 }
 
-// Writes what the library has for now: one block, or, for the last input, as many as it takes. 0 or the error number.
+// Compresses `bytes`, and writes what the library returns so far; for the last input, everything up to the end of the
+// frame. Returns 0 or the error number.
 int WriteFrame(ZSTD_CCtx* context, std::string_view bytes, bool is_last, char* block, NewFile& to, std::int64_t* at) {
   ZSTD_inBuffer in = {bytes.data(), bytes.size(), 0};
   for (;;) {
     ZSTD_outBuffer out = {block, kBlockBytes, 0};
     const std::size_t left = ZSTD_compressStream2(context, &out, &in, is_last ? ZSTD_e_end : ZSTD_e_continue);
-    if (ZSTD_isError(left) != 0) return EIO;  // more or fewer bytes than the file had
+    if (ZSTD_isError(left) != 0) return EIO;  // such as more or fewer bytes than the pledged size
     to.WriteAt(*at, {block, out.pos});
     *at += static_cast<std::int64_t>(out.pos);
     const bool is_done = is_last ? left == 0 : in.pos == in.size;
@@ -59,12 +60,12 @@ int Compress(FileBytes& source, std::int64_t size, NewFile& to) {
   }
 }
 
-// Each byte equals the one before it, and the first one is 0.
+// True if the first byte is 0 and each byte equals the one before it.
 bool IsAllZeros(std::string_view bytes) {
   return bytes.empty() || (bytes[0] == '\0' && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
-// Writes the content of one frame.
+// Expands one frame into a file.
 class Expander {
  public:
   Expander(FileBytes& source, NewFile& to) : source_(source), window_(source), to_(to) {}
@@ -95,7 +96,7 @@ class Expander {
   // Sets how many bytes the library expects next; 0 at the end of the frame.
   int ExpandBlocks(ZSTD_DCtx* context, std::string_view bytes, std::size_t* expected) {
     ZSTD_inBuffer in = {bytes.data(), bytes.size(), 0};
-    bool is_block_full = true;  // then the library may have more
+    bool is_block_full = true;  // if it is full, the library may have more
     while (*expected != 0 && (in.pos < in.size || is_block_full)) {
       ZSTD_outBuffer out = {block_.get(), kBlockBytes, 0};
       *expected = ZSTD_decompressStream(context, &out, &in);

@@ -32,7 +32,8 @@ std::string NameOfTime(std::time_t now) {
   return {name, std::strftime(name, sizeof name, "%Y-%m-%dT%H-%M-%SZ", &parts)};
 }
 
-// What a killed process left: a backup's name, and one of the two marks with random characters.
+// True for the name of what a killed process left: the name of a backup, followed by one of the two marks and random
+// characters.
 bool IsUnfinishedName(std::string_view name) {
   for (const std::string_view mark : {kPartialMark, kRemovedMark}) {
     const std::size_t at = name.find(mark);
@@ -41,7 +42,7 @@ bool IsUnfinishedName(std::string_view name) {
   return false;
 }
 
-// The first name of this second that is free; empty if none is.
+// The first free name of this second; empty if all are in use.
 std::string FreeName(std::time_t now, int directory) {
   const std::string name = NameOfTime(now);
   for (int count = 1; count <= kNamesOfASecondMax; ++count) {
@@ -83,7 +84,7 @@ int WriteText(const char* name, int directory, std::string_view text) {
   return file.Finish(like);
 }
 
-// Writes the list of checksums of everything in the folder. It is read back from the files.
+// Writes the list of checksums of everything in the folder. The checksums are computed from the written files.
 int WriteChecksums(const char* folder, int target) {
   DirectoriesBelow tree(file::OpenDirectory(folder, O_NOFOLLOW, target));
   if (!tree.IsOpen()) return errno;
@@ -110,21 +111,21 @@ int FinishBackup(const char* folder, const BackupResult& result, int target) {
   return WriteChecksums(folder, target);
 }
 
-// True if nothing that a repetition could copy is missing. Symbolic links and pipes are never copied.
+// True if no item is missing that another backup could copy. Symbolic links and pipes are never copied.
 bool HasEveryItem(const BackupResult& result) {
   return std::none_of(result.items.begin(), result.items.end(), [](const BackupItem& item) {
     return item.state == BackupItemState::kNeverStill || item.state == BackupItemState::kUnreadable;
   });
 }
 
-// A directory of this process's user, not a link.
+// True for a directory that the user of this process owns; false for a link.
 bool IsOwnDirectory(const std::string& name, int directory) {
   struct stat status = {};
   return file::StatusOf(name.c_str(), status, AT_SYMLINK_NOFOLLOW, directory) == 0 && S_ISDIR(status.st_mode) &&
          status.st_uid == geteuid();
 }
 
-// The names that the user of this process owns, sorted.
+// The names, sorted, of the requested directories that the user of this process owns.
 std::vector<std::string> OwnNames(int directory, bool (*is_requested)(std::string_view)) {
   std::vector<std::string> names;
   const file::Descriptor position = file::OpenDirectory(".", 0, directory);
@@ -151,7 +152,7 @@ int RemoveBackup(const std::string& name, int directory) {
   return error == 0 ? RemoveTree(removed, directory) : error;
 }
 
-// Keeps the new backup, and the newest of the others.
+// Keeps `keep` backups: the new one, and the newest of the others. Removes the rest.
 void RemoveOldBackups(std::size_t keep, int directory, DatedBackup* made) {
   std::vector<std::string> names = OwnNames(directory, IsBackupName);
   std::erase(names, made->name);
@@ -255,7 +256,7 @@ BackupList ListBackups(const std::string& backups) {
   if (list.error != 0) return list;
   std::erase_if(names, [](const std::string& name) { return !IsBackupName(name) && !IsUnfinishedName(name); });
   std::sort(names.begin(), names.end());
-  // The names are read before any backup is opened by a name in the directory.
+  // All names are read before the first backup is opened.
   for (const std::string& name : names) list.backups.push_back(ListOne(name, directory.Number()));
   return list;
 }

@@ -1,11 +1,13 @@
-// Backups of a report directory in one directory, each with the time at which it was made as its name.
+// Makes backups of a report directory in one directory, lists them, and removes old ones. The name of a backup is the
+// time at which it was made.
 //
 //   backups/2026-01-31T10-00-00Z/backup.sha256   the checksum of each file
-//   backups/2026-01-31T10-00-00Z/left-out        one line for each item that the backup lacks; only if there is one
+//   backups/2026-01-31T10-00-00Z/left-out        one line for each item that the backup lacks, if there are such items
 //   backups/2026-01-31T10-00-00Z/reports/        the report directory; if it is compressed, reports.zst/
 //
-// A backup is made under a temporary name, synced and renamed, and is removed in the reverse order. So a directory with
-// a time as its name is a whole backup, whatever crashed. One process at a time works on the directory of backups.
+// A backup is made under a temporary name, synced and renamed. Before it is removed, it is renamed again. So a
+// directory with a time as its name is a whole backup, whatever crashed. One process at a time works on the directory
+// of backups.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +25,7 @@ inline constexpr const char* kLeftOutFile = "left-out";
 inline constexpr const char* kPlainFolder = "reports";
 inline constexpr const char* kCompressedFolder = "reports.zst";
 
-// Over this size the two files above are not read: a million names need a tenth of it.
+// The files backup.sha256 and left-out are not read if they are larger than this. A million names need a tenth of it.
 inline constexpr std::size_t kBackupTextBytesMax = std::size_t{1} << 30;
 
 struct DatedBackupOptions {
@@ -34,7 +36,7 @@ struct DatedBackupOptions {
 
 struct DatedBackup {
   BackupResult copy;
-  bool is_busy = false;              // nothing was done: another process works on the directory
+  bool is_busy = false;              // nothing was done, because another process works on the directory
   std::string name;                  // of the new backup in the directory; empty: nothing was made
   std::vector<std::string> removed;  // the backups that were removed, oldest first
   int removal_error = 0;             // an old backup could not be removed: the error number ...
@@ -47,10 +49,10 @@ struct DatedBackup {
                                           const DatedBackupOptions& options);
 
 enum class ListedState {
-  kWhole,       // every file is there; VerifyBackup reads them as well
-  kIncomplete,  // every file is there, and items were left out when it was made
-  kDamaged,     // files are missing, or the list of checksums is
-  kUnfinished,  // what a process left that was killed while it made or removed a backup
+  kWhole,       // every file of the list of checksums exists; only VerifyBackup also reads the files
+  kIncomplete,  // every file exists, but items were left out when the backup was made
+  kDamaged,     // files or the list of checksums are missing, or the list is damaged
+  kUnfinished,  // the rest of a backup whose process was killed while it made or removed the backup
 };
 
 struct ListedBackup {
@@ -67,7 +69,7 @@ struct BackupList {
   std::vector<ListedBackup> backups;  // oldest first
 };
 
-// Reads names and sizes, and no contents of reports. [any thread]
+// Reads names, sizes and lists of checksums, but no contents of reports. [any thread]
 [[nodiscard]] BackupList ListBackups(const std::string& backups);
 
 // "2026-01-31T10-00-00Z", and "2026-01-31T10-00-00Z-2" for the second one of a second

@@ -1,4 +1,4 @@
-// Finds the reports of a directory and the status of each: one walk for every tool that shows or checks all reports.
+// Finds the reports of a directory and the status of each, for all tools that show or check all reports.
 //
 // The walk includes subdirectories and hidden names. It enters no directory through a symbolic link; a file that is a
 // link counts as the file that it leads to, if a reader of the store accepts it.
@@ -22,12 +22,12 @@ struct UnlistedDirectory {
 };
 
 struct FoundReports {
-  int error = 0;                            // of the directory itself; the reports found before are kept
-  std::vector<std::string> names;           // below the directory and without the endings, in order: "load", "disk/sda"
+  int error = 0;                            // of the directory itself; reports that were found before it stay
+  std::vector<std::string> names;           // paths below the directory without the endings, sorted: "load", "disk/sda"
   std::vector<UnlistedDirectory> unlisted;  // in the order of names
 };
 
-// Reports with one missing file are included. [any thread]
+// Finds the reports in `directory` and below it, also those with one missing file. [any thread]
 [[nodiscard]] FoundReports FindReports(const std::string& directory);
 
 // Like FindReports, without subdirectories. [any thread]
@@ -36,7 +36,7 @@ struct FoundReports {
 // How much of a report is read.
 enum class ReportCheck {
   kHeader,   // the header and the sizes (VerifyHeader)
-  kRecords,  // every record too (VerifyStore)
+  kRecords,  // the header, the sizes and every record (VerifyStore)
 };
 
 struct ReportStatus {
@@ -46,10 +46,10 @@ struct ReportStatus {
   std::optional<std::uint32_t> slots;  // of the ring; unset if the file has no header yet
   std::int64_t bytes = 0;              // of both files
   std::optional<timespec> newest;      // when the index file was last written; unset without a record
-  bool is_written = false;             // a process has the report open to write
-  std::vector<int> processes;          // those that are known, in order
+  bool is_written = false;             // a process has the report open for writing
+  std::vector<int> processes;          // those of the writing processes that are known, sorted
 
-  // No record, and nothing wrong.
+  // True if the report is sound and has no record.
   [[nodiscard]] bool IsEmpty() const { return verdict.state == StoreState::kSound && records == 0; }
 };
 

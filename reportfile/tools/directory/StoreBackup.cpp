@@ -80,7 +80,8 @@ struct Level {
   std::vector<std::string> names = {};
 };
 
-// Enters a subdirectory and lists it; one that was removed since is empty. 0 or the error number.
+// Enters a subdirectory and lists it. A subdirectory that was removed meanwhile counts as empty. Returns 0 or the error
+// number.
 int EnterAndList(DirectoryCursor* cursor, const std::string& name, const std::string& path,
                  std::vector<Level>* levels) {
   if (const int error = cursor->Enter(name); error != 0) return error == ENOENT ? 0 : error;
@@ -131,7 +132,7 @@ std::string WithoutTrailingSlashes(std::string path) {
   return path;
 }
 
-// Scans a copy, which has no writer. 0 or the error number.
+// Checks a copy, which has no writer. Returns 0 or the error number.
 int ScanCopy(const std::string& base, int directory, StoreScan* scan) {
   FileBytes index(OpenForReading(IndexFileName(base), directory));
   int error = errno;
@@ -181,7 +182,7 @@ class Backup {
     return End(BackupState::kFailed);
   }
 
-  // After a failure it is not open, and errno has the reason.
+  // Opens the directory for the copies. After a failure the result is not open, and errno has the reason.
   file::Descriptor OpenForCopies(int target) const {
     if (form_.folder.empty()) return file::OpenDirectory(".", 0, target);
     const int error = file::MakeDirectory(form_.folder.c_str(), S_IRWXU, target);
@@ -199,7 +200,8 @@ class Backup {
       const int error = above < 0 ? errno : file::MakeDirectory(file::NameOf(path).c_str(), S_IRWXU, above);
       if (error != 0) return Failed(error, PathIn(target_, path)), false;
     }
-    // The last one first: with `after_copy`, the copy of "a" may get the name of "a.x", which then has another one.
+    // The last item is copied first: `after_copy` may rename the copy of "a" to "a.x", after the item "a.x" was
+    // renamed.
     for (auto item = tree.items.rbegin(); item != tree.items.rend(); ++item) {
       if (!Copy(*item, from, to) || !AfterCopy(*item, to)) return false;
     }
@@ -271,7 +273,7 @@ class Backup {
     return true;
   }
 
-  // Permissions and syncs from the innermost directory outwards.
+  // Sets permissions and syncs, from the innermost directory outwards.
   bool FinishDirectories(DirectoriesBelow& from, DirectoriesBelow& to, mode_t mode) {
     for (auto path = directories_.rbegin(); path != directories_.rend(); ++path) {
       struct stat status = {};
@@ -296,8 +298,8 @@ class Backup {
     return error == 0;
   }
 
-  // This rename makes the directory a backup. It replaces an empty directory at the target. Anything else there
-  // appeared after the check: then the rename fails, and it stays.
+  // This rename makes the directory a backup. It replaces an empty directory at the target. If something else has
+  // appeared there since the check, the rename fails, and what is there stays.
   void RenameIntoPlace(PrivateDirectory& directory) {
     if (const int error = directory.RenameTo(file::NameOf(target_)); error != 0) {
       (void)Failed(error, target_);

@@ -1,10 +1,11 @@
-// Copies a report directory while its writers continue: every store consistent by itself, every other file as it is.
+// Copies a report directory while its writers continue. Each store is copied in a consistent state; every other file is
+// copied as it is.
 //
 // The backup is built in a directory next to the target under a name that ends in six random characters, synced, and
 // renamed at the end. A crash or a full disk therefore never leaves a partial target. A store that could not be copied
-// consistently is left out, and the result says so. Symbolic links are left out and named: a user who may write to a
-// report directory could otherwise have any file copied. For the same reason everything is read and written by names in
-// open directories.
+// consistently is left out, and is named in the result. Symbolic links are left out, and are named in the result: a
+// user who may write to a report directory could otherwise have any file copied. For the same reason everything is read
+// and written by names in open directories.
 #pragma once
 
 #include <cstdint>
@@ -34,16 +35,16 @@ struct BackupItem {
   std::string name;  // below the report directory; of a store without the endings
   BackupItemKind kind = BackupItemKind::kFile;
   BackupItemState state = BackupItemState::kCopied;
-  bool was_written = false;  // records were appended during the copy, which does not have them
+  bool was_written = false;  // records were appended during the copy; the copy does not have them
   int error = 0;             // kUnreadable
   std::uint64_t records = 0;
 };
 
 enum class BackupState {
-  kDone,      // the target holds every item whose state says so
+  kDone,      // the target has every item whose state is kCopied or kDamaged
   kNotFound,  // no report directory
   kRefused,   // the target exists and is not an empty directory, or is in the report directory
-  kFailed,    // the report directory cannot be listed, or the target not written; there is no target
+  kFailed,    // the report directory cannot be listed, or the target cannot be written; there is no target
 };
 
 struct BackupResult {
@@ -53,15 +54,15 @@ struct BackupResult {
   std::string file;               // ... and the file
 };
 
-// What a backup consists of besides the copies. Every function returns 0, or the error number that makes the backup
-// fail.
+// The form of a backup, and what it has in addition to the copies. Every function returns 0, or the error number that
+// makes the backup fail.
 struct BackupForm {
   // The copies are made in this directory of the target; empty: in the target itself.
   std::string folder = {};
-  // Called for each copied file, once it is checked: its name in the open directory. It may replace the file by
-  // another one, whose name begins with the same name.
+  // Called for each copied file after its check, with its name in the open directory. The function may replace the file
+  // by another one whose name begins with this name.
   std::function<int(const std::string& name, int directory)> after_copy = {};
-  // Called when everything is copied, with the open target: the last files are written here.
+  // Called when everything is copied, with the open target. The function can write further files there.
   std::function<int(const BackupResult& result, int target)> finish = {};
 };
 
@@ -72,10 +73,10 @@ struct BackupForm {
 // The files of an item, by name below the report directory; none if it has no bytes. [any thread]
 [[nodiscard]] std::vector<std::string> FilesOf(BackupItemKind kind, const std::string& name);
 
-// What a report directory, or a backup of one, contains: reports, other files, directories, each by name below it. An
-// item that was removed while it was listed is kGone, one whose `stat` fails kUnreadable.
+// The contents of a report directory, or of a backup of one: reports, other files and directories, by their names below
+// it. An item that was removed during the listing is kGone; an item whose `stat` fails is kUnreadable.
 struct ReportTree {
-  int error = 0;  // of listing it; what was listed before stays
+  int error = 0;  // of the listing; what was listed before the error stays
   std::vector<std::string> directories;
   std::vector<BackupItem> items;
 };
@@ -86,7 +87,7 @@ enum class Unlistable {
   kIsAnItem,     // it is an item that is kSkipped and kUnreadable, and the list continues after it
 };
 
-// Adds the items of these regular files: two files of a report become one item. [any thread]
+// Adds the items of these regular files. The two files of a report become one item. [any thread]
 void AddFiles(const std::vector<std::string>& files, std::vector<BackupItem>* items);
 
 // Lists the open `directory` and everything below it, hidden names included, without following links; each directory

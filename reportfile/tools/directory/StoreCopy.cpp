@@ -28,10 +28,10 @@ constexpr std::int64_t kMarkerBytes = kEndMarker.size();
 
 void Pause(long nanoseconds) {
   const timespec pause = {.tv_sec = 0, .tv_nsec = nanoseconds};
-  (void)nanosleep(&pause, nullptr);  // a shorter pause only makes another try
+  (void)nanosleep(&pause, nullptr);  // a shorter pause does no harm
 }
 
-// The slot of the record with `younger` newer records.
+// The slot of the record for which there are `younger` newer records.
 std::uint32_t SlotOfRecent(const IndexHeader& header, std::uint32_t younger) {
   return SlotOfAge(header, header.highestIndex - 1 - younger);
 }
@@ -48,7 +48,8 @@ class LiveStore {
   int IndexError() const { return index_.IsOpen() ? 0 : index_error_; }
   int DataError() const { return data_.IsOpen() ? 0 : data_error_; }
 
-  // Read twice, so that a header in the middle of a write is not used. Unset: the file is shorter.
+  // Reads the header twice, so that a header in the middle of a write is not used. Unset if the file is shorter than a
+  // header, or if no two reads agree.
   std::optional<IndexHeader> Header() {
     for (int spins = 0; spins < kSpinsMax; ++spins) {
       IndexHeader first;
@@ -84,7 +85,7 @@ class LiveStore {
  private:
   static struct stat StatusOf(const FileBytes& file) {
     struct stat status = {};
-    (void)file::StatusOf(file.Number(), status);  // of an open file; at worst the copy keeps no permissions
+    (void)file::StatusOf(file.Number(), status);  // if it fails, the copy has no permissions
     return status;
   }
 
@@ -155,7 +156,8 @@ class Copier {
     return TryEnd::kFailed;
   }
 
-  // A store without a header, or with one that no writer can have left: the copy is good only if nothing changed.
+  // Copies a store without a header, or with one that no writer can have left. The copy is good only if header and
+  // sizes did not change.
   bool CopyAsItIs(const std::optional<IndexHeader>& before) {
     const std::int64_t index_bytes = live_.Index().Size();
     const std::int64_t data_bytes = live_.Data().Size();
@@ -176,8 +178,8 @@ class Copier {
     return true;
   }
 
-  // Copies the slots of newer records until the header is the same before and after their read. The copied index then
-  // gets this header, which is returned.
+  // Copies the slots of newer records until the header is the same before and after these slots are read. The copied
+  // index then gets this header, which is returned.
   std::optional<IndexHeader> CatchUp(IndexHeader seen) {
     for (int spins = 0; spins < kSpinsMax; ++spins) {
       const std::optional<IndexHeader> now = live_.Header();
@@ -196,7 +198,7 @@ class Copier {
     return std::nullopt;
   }
 
-  // The slots of the `appended` newest records, and of the record before them.
+  // Copies the slots of the `appended` newest records, and of the record before them.
   void CopyRecentSlots(const IndexHeader& header, std::uint32_t appended) {
     for (std::uint32_t younger = 0; younger <= appended && younger < header.highestIndex; ++younger) {
       const std::uint32_t slot = SlotOfRecent(header, younger);
@@ -204,8 +206,8 @@ class Copier {
     }
   }
 
-  // Waits for a header that shows how far the writer has written: the marker is at its writePosition, so no record is
-  // being written, or the record that was being written is counted now.
+  // Waits for a header that shows how far the writer has written. Either the marker is at the writePosition of this
+  // header, so no record is being written; or the record that was being written is counted in it.
   std::optional<IndexHeader> HeaderAfterTheCopiedPart(const IndexHeader& reference) {
     std::optional<IndexHeader> first;
     std::optional<IndexHeader> now;
@@ -217,7 +219,8 @@ class Copier {
       if (RecordsInRound(*now) != 0 && live_.HasMarkerAt(now->writePosition) && live_.Header() == now) return now;
       Pause(kSpinNanoseconds);
     }
-    // A killed writer, or a data file that was just restarted and has no writer: nothing changes any more.
+    // The writer was killed, or the data file was just restarted and has no writer. If the header is unchanged, nothing
+    // is being written.
     return now == reference ? now : std::nullopt;
   }
 

@@ -30,8 +30,8 @@ constexpr mode_t kReportDirectoryMode = 0711;
 
 std::vector<std::string> FilesOf(const RestoreItem& item) { return report::FilesOf(item.kind, item.name); }
 
-// Opens the file of this path below the top for reading, through no link. After a failure it is not open, and errno has
-// the reason.
+// Opens the file of this path below the top for reading, without following a link. After a failure the file is not
+// open, and errno has the reason.
 FileBytes OpenBelow(DirectoriesBelow& top, const std::string& path) {
   const int directory = top.IsOpen() ? top.Containing(path) : -1;
   if (directory >= 0) return FileBytes(OpenForReading(file::NameOf(path), directory));
@@ -89,11 +89,11 @@ Snapshot SnapshotOf(DirectoriesBelow& reports, const std::string& path) {
   Snapshot snapshot;
   FileBytes file = OpenBelow(reports, path);
   if (!file.IsOpen() || file::StatusOf(file.Number(), snapshot.status) != 0) return snapshot;
-  (void)file.ReadAt(0, &snapshot.header, sizeof snapshot.header);  // a short one is compared as far as it is
+  (void)file.ReadAt(0, &snapshot.header, sizeof snapshot.header);  // a shorter file is compared up to its end
   return snapshot;
 }
 
-// If a writer holds the lock of the index file, this lock fails.
+// True if a writer holds the lock of the file.
 bool IsLocked(DirectoriesBelow& reports, const std::string& path) {
   const FileBytes file = OpenBelow(reports, path);
   return file.IsOpen() && file::TryLock(file.Number()) == EWOULDBLOCK;
@@ -119,7 +119,7 @@ struct Directories {
 
 class Planner {
  public:
-  // Empty `names`: everything.
+  // With empty `names`, everything is restored.
   Planner(Directories& directories, const std::vector<std::string>& names) : directories_(directories), names_(names) {}
 
   RestoreResult Run() {
@@ -161,7 +161,7 @@ class Planner {
     return names_.empty() || std::find(names_.begin(), names_.end(), name) != names_.end();
   }
 
-  // A name that the backup lacks; null if it has all of them.
+  // A requested name that the backup lacks; null if it has all of them.
   const std::string* NameWithoutItem() const {
     const auto name = std::find_if(names_.begin(), names_.end(), [this](const std::string& each) {
       return std::none_of(result_.items.begin(), result_.items.end(),
@@ -187,7 +187,8 @@ class Planner {
     return item;
   }
 
-  // A backup has no writer.
+  // True if the report in the backup has findings or cannot be read. One scan is enough, because a backup has no
+  // writer.
   bool IsDamaged(const std::string& base_path) const {
     FileBytes index = OpenBelow(directories_.backup, IndexFileName(base_path));
     FileBytes data = OpenBelow(directories_.backup, DataFileName(base_path));
@@ -209,7 +210,8 @@ class Planner {
     return FileKey(status.st_dev, status.st_ino);
   }
 
-  // An agent keeps the header in memory: its next record would damage the restored files.
+  // Finds reports that an agent has open. An agent keeps the header in memory, so its next record would damage the
+  // restored files.
   void FindLiveReports() {
     std::set<FileKey> keys;
     for (const RestoreItem& item : result_.items) {
@@ -265,8 +267,8 @@ int MakeDirectories(const std::string& path) {
   return error == EEXIST ? 0 : error;
 }
 
-// The new files next to the ones that they replace, under private names until they are renamed. At the end, files that
-// were not renamed are removed, and so are new directories that are empty.
+// The new files, in the directories of the files that they replace, under private names until they are renamed. The
+// destructor removes files that were not renamed, and new directories that are empty.
 class StagedFiles {
  public:
   StagedFiles(Directories& directories) : directories_(directories), prefix_(WithRandomEnd(".restore-")) {}
@@ -277,7 +279,7 @@ class StagedFiles {
   StagedFiles(const StagedFiles&) = delete;
   StagedFiles& operator=(const StagedFiles&) = delete;
 
-  // Makes the directory of this path, with the permissions of the backup's. 0 or the error number.
+  // Makes the directory of this path, with the permissions that it has in the backup. Returns 0 or the error number.
   [[nodiscard]] int AddDirectory(const std::string& path) {
     struct stat status = {};
     const int source = directories_.backup.At(path);
@@ -303,7 +305,7 @@ class StagedFiles {
       return S_ISDIR(like.st_mode) ? EISDIR : S_ISLNK(like.st_mode) ? ELOOP : EINVAL;
     if (error == ENOENT) error = file::StatusOf(name.c_str(), like, AT_SYMLINK_NOFOLLOW, from);
     if (error != 0) return error;
-    like.st_atim = {.tv_sec = 0, .tv_nsec = UTIME_NOW};  // it is written now, and followers must see that
+    like.st_atim = {.tv_sec = 0, .tv_nsec = UTIME_NOW};  // followers must notice that the file was written
     like.st_mtim = like.st_atim;
     const std::string new_name = prefix_ + "-" + std::to_string(files_.size());
     files_.reserve(files_.size() + 1);
@@ -312,7 +314,7 @@ class StagedFiles {
     return copy.error;
   }
 
-  // Renames every file to its own name, and syncs the directories. Sets the file that failed. 0 or the error number.
+  // Renames every file to its final name, and syncs the directories. Sets the file that failed. 0 or the error number.
   [[nodiscard]] int RenameIntoPlace(std::string* failed) {
     made_.clear();
     std::set<std::string> directories;
@@ -353,14 +355,14 @@ class StagedFiles {
   std::vector<std::string> made_;
 };
 
-// True if an item of the plan is below the directory.
+// True if an item of the plan is in the directory or below it.
 bool IsAboveAnItem(const std::string& directory, const RestoreResult& plan) {
   return std::any_of(plan.items.begin(), plan.items.end(),
                      [below = directory + "/"](const RestoreItem& item) { return item.name.starts_with(below); });
 }
 
-// Without `is_whole`, only the directories of the plan's items are made. Sets the file that failed. 0 or the error
-// number.
+// Makes the directories, and copies the files under private names. Without `is_whole`, only the directories of the
+// plan's items are made. Sets the file that failed. Returns 0 or the error number.
 int StageBackup(const RestoreResult& plan, bool is_whole, Directories& directories, StagedFiles& staged,
                 std::string* failed) {
   const ReportTree tree = ListReports(directories.backup.Top());
@@ -380,7 +382,7 @@ int StageBackup(const RestoreResult& plan, bool is_whole, Directories& directori
   return 0;
 }
 
-// The first file that is not in its place; empty if all are.
+// The first file of the plan that does not have the bytes of the backup; unset if all have.
 std::optional<std::string> FileNotRestored(const RestoreResult& plan, Directories& directories) {
   for (const RestoreItem& item : plan.items) {
     for (const std::string& path : FilesOf(item)) {
@@ -390,7 +392,7 @@ std::optional<std::string> FileNotRestored(const RestoreResult& plan, Directorie
   return std::nullopt;
 }
 
-// Removes the directory that was restored from, and its name if it is still that of this directory.
+// Removes the backup. Fails if the backup's name no longer leads to the directory that was restored.
 int RemoveBackup(Directories& directories) {
   const std::string name = file::NameOf(directories.backup_name);
   const file::Descriptor above = file::Open(file::DirectoryOf(directories.backup_name).c_str(), O_PATH | O_DIRECTORY);
@@ -424,7 +426,8 @@ RestoreState CheckPlan(const RestoreResult& plan, bool is_forced) {
   return is_blocked && !is_forced ? RestoreState::kBlocked : RestoreState::kPlanned;
 }
 
-// Stages and renames. The result of the plan, with what failed.
+// Copies the files under private names, then renames them. Returns `result` with its new state, and the file that
+// failed.
 RestoreResult ApplyPlan(RestoreResult result, bool is_whole, Directories& directories) {
   std::string failed = directories.reports_name;
   if (!directories.reports.IsOpen()) {
