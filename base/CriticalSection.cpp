@@ -5,7 +5,7 @@
 static_assert(sizeof(std::atomic<pthread_t>) == sizeof(pthread_t), "the owner word keeps the width of a thread id");
 static_assert(std::is_standard_layout_v<CCriticalSection>);
 
-// The mutex is the C library's: its size depends on the processor, and with it the members after each lock.
+// The size of the C library's mutex depends on the processor. So do the offsets of members after a lock.
 #if defined(__x86_64__)
 static_assert(sizeof(pthread_mutex_t) == 40 && sizeof(CCriticalSection) == 56);
 #elif defined(__aarch64__)

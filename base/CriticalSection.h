@@ -1,8 +1,8 @@
 // The recursive lock that every layer shares, built on a plain POSIX mutex.
 //
 // The owner is kept next to the mutex, so a thread that holds the lock may take it again; only the outermost unlock
-// releases the mutex. A recursive POSIX mutex does not show its owner, and cannot be released at once from any depth.
-// The clean-up of a cancelled thread and the destructor of an object with a lock need both.
+// releases the mutex. A recursive POSIX mutex is not used: it does not show its owner, and cannot be released at once
+// if it is held several times. The clean-up of a cancelled thread, and the destructor of this class, need both.
 #pragma once
 
 #include <pthread.h>
@@ -14,8 +14,8 @@
 //
 // Threads: any thread may lock and unlock; construction and destruction belong to the owner of the enclosing object.
 // Owns: the POSIX mutex.
-// Failure: a mutex that cannot be initialised leaves the lock invalid; it then locks nothing and its users run
-// unlocked.
+// Failure: a mutex that cannot be initialised leaves the lock invalid; Lock and Unlock then have no effect, and the
+// users of the lock run without protection.
 class CCriticalSection {
  public:
   CCriticalSection() noexcept;
@@ -23,7 +23,8 @@ class CCriticalSection {
   CCriticalSection(const CCriticalSection&) = delete;
   CCriticalSection& operator=(const CCriticalSection&) = delete;
 
-  // Takes the lock, or counts one more entry if the caller holds it. Waits while another thread holds it. [any thread]
+  // Takes the lock, or counts one more Lock if the calling thread holds it. Waits while another thread holds it. [any
+  // thread]
   void Lock() noexcept;
 
   // Undoes one Lock; the outermost Unlock releases the lock. A call by a thread that does not hold the lock is ignored.
@@ -33,11 +34,11 @@ class CCriticalSection {
   // True while the calling thread holds the lock. [any thread]
   [[nodiscard]] bool IsHeldByCaller() const noexcept;
 
-  // Releases the lock whatever its depth, if the calling thread holds it. [any thread]
+  // Releases the lock if the calling thread holds it, even if Lock was called several times. [any thread]
   void ReleaseIfHeld() noexcept;
 
-  // Releases the lock at `critical_section` (a CCriticalSection*) whatever its depth: for pthread_cleanup_push in a
-  // thread that may be cancelled while it holds the lock. [lock held]
+  // Releases the lock at `critical_section` (a CCriticalSection*), even if Lock was called several times. For
+  // pthread_cleanup_push in a thread that may be cancelled while it holds the lock. [lock held]
   static void CleanupHandlerForCritSecMutex(void* critical_section) noexcept;
 
  private:
@@ -45,7 +46,7 @@ class CCriticalSection {
 
   // Order is interface: other code of the suite embeds this layout.
   pthread_mutex_t mutex_;
-  // Read without the mutex: a thread can only ever find its own id here if it wrote it itself, so relaxed order is
+  // Is read without the mutex. A thread finds its own id here only if it has written it itself, so relaxed order is
   // enough.
   std::atomic<pthread_t> owner_{0};
   std::int32_t count_ = 0;

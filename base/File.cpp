@@ -18,13 +18,13 @@ namespace {
 
 constexpr int kAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
-// Two texts that together are at most this long are copied into one buffer: that costs less than a vectored write.
+// Two texts that together are at most this long are copied into one buffer: this costs less than a vectored write.
 constexpr std::size_t kShortWriteBytes = 512;
 
 constexpr std::size_t kBlockBytes = 65536;
 constexpr std::size_t kEntriesBytes = 32768;
 
-// Repeats `call` while a signal interrupts it.
+// Repeats `call` as long as it fails with EINTR.
 template <typename Call>
 auto Uninterrupted(Call call) {
   auto result = call();
@@ -38,7 +38,7 @@ int ErrorOf(Call call) {
   return Uninterrupted(call) == 0 ? 0 : errno;
 }
 
-// Calls `move(done)`, which moves bytes from `done` on, until all `size` bytes are moved, a call moves none, or one
+// Calls `move(done)`, which moves bytes from `done` on, until all `size` bytes are moved, or a call moves no byte or
 // fails.
 template <typename Move>
 Progress MoveAll(std::size_t size, Move move) {
@@ -61,7 +61,7 @@ Progress MoveOnce(Call call) {
   return count < 0 ? Progress{.bytes = 0, .error = errno} : Progress{.bytes = static_cast<std::size_t>(count)};
 }
 
-// An incomplete write without an error number counts as EIO: a caller that repeated it would never end.
+// An incomplete write without an error number counts as EIO, because a caller that repeats it might never end.
 Progress CheckWritten(Progress progress, std::size_t size) {
   if (progress.bytes < size && progress.error == 0) progress.error = EIO;
   if (progress.error != 0) errno = progress.error;
@@ -101,7 +101,8 @@ void AppendNames(const char* bytes, std::size_t size, std::vector<std::string>& 
   }
 }
 
-// Closes without being a cancellation point: a thread that is cancelled inside a destructor would end the program.
+// Closes the descriptor without a cancellation point: a thread that is cancelled inside a destructor would end the
+// program.
 void CloseQuietly(int number) {
   const int error = errno;
   int state = 0;
@@ -111,14 +112,14 @@ void CloseQuietly(int number) {
   errno = error;
 }
 
-// True, with EINVAL, for an open that would empty a file before it is checked.
+// True, with EINVAL in errno, for an open that would empty the file before it is checked.
 bool EmptiesUnchecked(int flags) {
   if ((flags & O_TRUNC) == 0) return false;
   errno = EINVAL;
   return true;
 }
 
-// The file if it is a regular one; EINVAL otherwise.
+// Returns the file if it is a regular file; otherwise a descriptor that is not open, with EINVAL.
 Descriptor RequireRegular(Descriptor file) {
   struct stat status;
   if (!file.IsOpen() || StatusOf(file.Number(), status) != 0) return {};
@@ -187,7 +188,7 @@ Progress ReadAt(int descriptor, std::int64_t offset, void* to, std::size_t size)
 Progress WriteAt(int descriptor, std::int64_t offset, std::string_view first, std::string_view second) {
   if (second.empty()) return WriteOneAt(descriptor, offset, first);
   if (first.size() + second.size() > kShortWriteBytes) return WriteTwoAt(descriptor, offset, first, second);
-  // Left uninitialised, whatever the compiler's options: filling it would take longer than the copies.
+  // Never initialised, whatever the compiler's options: filling the array would take longer than the copies.
   __attribute__((uninitialized)) char both[kShortWriteBytes];
   first.copy(both, first.size());
   second.copy(both + first.size(), second.size());
@@ -306,7 +307,7 @@ int Rename(int from_directory, const char* from, int to_directory, const char* t
 int RenameWithoutReplacing(const char* from, const char* to, int from_directory, int to_directory) {
   const int error = ErrorOf([&] { return calls::RenameAt(from_directory, from, to_directory, to, RENAME_NOREPLACE); });
   if (error != EINVAL && error != ENOSYS) return error;
-  // This file system does not know the flag: a check before the rename is the best there is.
+  // This file system does not support the flag, so a check before the rename has to be enough.
   struct stat status;
   const int status_error = StatusOf(to, status, AT_SYMLINK_NOFOLLOW, to_directory);
   if (status_error == 0) return EEXIST;

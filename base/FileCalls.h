@@ -1,8 +1,9 @@
-// The system's file calls, one function each. base/File.cpp is the only caller, and adds the rules; nobody else
-// includes this. A test program that has to make a call fail links another implementation of these functions
-// (tests/support/FailingFileCalls.cpp); the module has no switch for it.
+// Declares one function for each of the system's file calls. Only base/File.cpp calls these functions; it adds the
+// rules of base/File.h. A test program that has to make a call fail links another implementation of these functions
+// (tests/support/FailingFileCalls.cpp), so the module needs no switch for such tests.
 //
-// Each function does what the call of its name does: -1 and errno on failure, no repetition after EINTR.
+// Each function makes one call of the system. After a failure it returns -1 with errno; after EINTR it does not repeat
+// the call.
 #pragma once
 
 #include <sys/stat.h>

@@ -14,21 +14,22 @@ namespace qx::file {
 
 namespace {
 
-// The system follows the same number of links in one path. A name that is swapped again and again counts each time.
+// The kernel follows the same number of links in one path. A name that is exchanged again and again counts each time.
 constexpr int kLinksMax = 40;
 
-// What is left of a path. It fills its buffer from the end, so that the target of a link goes in front of it.
+// The part of a path that the walk has not reached yet. The text is at the end of the buffer, so that the target of a
+// link can be added in front of it.
 class PathRest {
  public:
   [[nodiscard]] bool IsEmpty() const { return begin_ == PATH_MAX; }
 
-  // "c/d" and "/a/b" => "/a/b/c/d". ENAMETOOLONG if that is longer than a path may be.
+  // "c/d" and "/a/b" => "/a/b/c/d". ENAMETOOLONG if the result is longer than a path may be.
   [[nodiscard]] int Prepend(std::string_view front) {
     const std::size_t slash = IsEmpty() ? 0 : 1;
     if (front.size() + slash > begin_) return ENAMETOOLONG;
     if (slash != 0) text_[--begin_] = '/';
     begin_ -= front.size();
-    std::char_traits<char>::move(text_ + begin_, front.data(), front.size());  // may be a part of the buffer
+    std::char_traits<char>::move(text_ + begin_, front.data(), front.size());  // `front` may be a part of the buffer
     return 0;
   }
 
@@ -46,7 +47,7 @@ class PathRest {
   std::size_t begin_ = PATH_MAX;
 };
 
-// One walk along a path, from descriptor to descriptor.
+// Walks along a path, from descriptor to descriptor.
 //
 // Threads: one thread. Failure: the walk ends with the error number in errno.
 class Walk {
@@ -71,7 +72,7 @@ class Walk {
         if (!IsOwnerOfLinks(status.st_uid)) return Failed(ELOOP);  // before the open, which a device would notice
         Descriptor file = OpenRegular(name, flags | O_NOFOLLOW, mode, At());
         if (file.IsOpen()) return Checked(std::move(file));
-        if (errno != ELOOP || !GoTo(name)) return {};  // ELOOP: it has become a link since
+        if (errno != ELOOP || !GoTo(name)) return {};  // ELOOP: the name has become a link meanwhile
       }
     }
   }
@@ -84,7 +85,7 @@ class Walk {
 
   [[nodiscard]] int At() const { return directory_.IsOpen() ? directory_.Number() : start_; }
 
-  // Continues with `path` in front of what is left.
+  // Puts `path` in front of the rest. If it is absolute, continues at the root directory.
   [[nodiscard]] bool GoTo(std::string_view path) {
     const int error = path.empty() ? ENOENT : ++paths_ > kLinksMax + 1 ? ELOOP : rest_.Prepend(path);
     if (error != 0) {
@@ -106,7 +107,8 @@ class Walk {
     return !progress.Failed() && GoTo({target, progress.bytes});
   }
 
-  // A stranger's link is trusted only if the stranger owns the file: so links of two strangers are never trusted.
+  // A stranger is any user but root and the effective user. A stranger's link is trusted only if this stranger also
+  // owns the file; so a path with links of two strangers is never trusted.
   [[nodiscard]] bool Trusts(uid_t owner) {
     if (owner == 0 || owner == geteuid()) return true;
     if (trusted_ == TrustedLinks::kToWrite || (has_stranger_ && owner != stranger_)) return false;
@@ -130,10 +132,10 @@ class Walk {
   Descriptor directory_;  // not open: at the start
   int paths_ = 0;
   bool has_stranger_ = false;
-  uid_t stranger_ = 0;  // the owner of the links that are neither root's nor ours
+  uid_t stranger_ = 0;  // the owner of the links of neither root nor the effective user
 };
 
-// The kernel or a sandbox does not know the call, or it cannot decide.
+// True if the path has a link, or if the kernel or a sandbox does not know the call or cannot decide.
 bool NeedsWalk(int error) { return error == ELOOP || error == ENOSYS || error == EPERM || error == EAGAIN; }
 
 }  // namespace

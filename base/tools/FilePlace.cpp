@@ -49,13 +49,14 @@ int ReadLink(int link, std::string& target) {
   return 0;
 }
 
-// The kernel's own links to open files and processes: their text is not a path.
+// True for a link of /proc to an open file or a process: the text of such a link is not a path.
 bool IsOfProc(int descriptor) {
   struct statfs status;
   return fstatfs(descriptor, &status) == 0 && status.f_type == PROC_SUPER_MAGIC;
 }
 
-// The search for one path. Each step opens the next name as it is, and only then decides what it is.
+// Searches along one path. Each step opens the next name without following it, and then decides by the status of what
+// was opened.
 class Search {
  public:
   Search(const std::string& path, LinkRule links, FilePlace& place) : path_(path), links_(links), place_(place) {}
@@ -72,7 +73,7 @@ class Search {
   }
 
  private:
-  // Sets the directory in which `path` begins, and what is left of it.
+  // Sets the directory in which `path` begins, and the rest of the path.
   ReplaceResult BeginAt(const std::string& path) {
     rest_ = path;
     if (!path.starts_with('/') && place_.directory.IsOpen()) return {};
@@ -143,8 +144,8 @@ class Search {
   bool is_found_ = false;
 };
 
-// Files whose owner decides what a reader gets. A terminal does not count: its owner is the user who logged in, even if
-// root works there.
+// True for files whose owner decides what a reader gets. A terminal does not count: its owner is the user who logged
+// in, even if root works there.
 bool HasOwner(const struct stat& status) { return S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode); }
 
 int SetBlocking(int descriptor) {

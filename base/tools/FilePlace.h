@@ -1,12 +1,12 @@
-// Where a path leads, found step by step through descriptors, so that no other user can redirect a tool that runs as
-// root: a symbolic link counts only if root or the process's user owns it.
+// Finds out where a path leads, step by step through descriptors, so that no other user can redirect a tool that runs
+// as root. By default a symbolic link is followed only if root or the process's user owns it.
 //
 //   out/load.csv           => the directory "out", open, and the name "load.csv" in it
-//   l.csv -> out/load.csv  => the same, if root or the process's user made the link; otherwise refused
-//   /dev/stdout            => the process's own output: the kernel makes this link, and no other user can change it
+//   l.csv -> out/load.csv  => the same, if root or the process's user owns the link; otherwise refused
+//   /dev/stdout            => the process's own output: this link of the kernel cannot be changed by another user
 //
-// After the search every call names a file relative to the open directory. A directory or link that is exchanged later
-// changes nothing. The module does not use any of this.
+// After the search every call names a file relative to the open directory. So it has no effect if a directory or a link
+// of the path is exchanged later. The module does not use any of this.
 #pragma once
 
 #include <sys/stat.h>
@@ -26,7 +26,7 @@ enum class ReplaceState {
   kForeignLink,      // it is a symbolic link of another user
   kForeignOwner,     // it belongs to another user
   kSharedDirectory,  // users other than root and the process's own may write its directory
-  kSeveralNames,     // it has another name, which may be another user's
+  kSeveralNames,     // it has a second name (hard link), which may belong to another user
   kBusy,             // another process holds its lock
   kChanged,          // it is no longer the file that was read
   kFailed,           // a call failed
@@ -51,15 +51,15 @@ enum class LinkRule {
 // Which files may be opened.
 struct FileRules {
   LinkRule links = LinkRule::kTrusted;
-  bool accept_foreign = false;  // files of any owner, and files with several names; never links of other users
-  bool only_special = false;    // pipes, terminals and devices: a regular file fails with kChanged
+  bool accept_foreign = false;  // accept files of any owner, and with several names; `links` is checked even so
+  bool only_special = false;    // accept only pipes, terminals and devices: a regular file fails with kChanged
 };
 
-// A name in an open directory. There need not be a file of that name.
+// A name in an open directory. A file of this name need not exist.
 struct FilePlace {
   file::Descriptor directory;
   std::string name;
-  std::string path;             // for messages: the path as it was given, or what the links at its end lead to
+  std::string path;             // for messages: the path of the caller, or the path that the links at its end lead to
   bool is_kernel_link = false;  // the name is a link of /proc to an open file
 
   // The path of a name next to this one, for messages.
@@ -84,9 +84,9 @@ struct FilePlace {
 enum class FileUse { kRead, kWrite };
 [[nodiscard]] ReplaceResult CheckOwner(const FilePlace& place, const struct stat& status, FileUse use);
 
-// Finds, opens and checks in one step. A regular file that is opened for writing must have one name only. A pipe, a
-// terminal or a device that was accepted is then set to block, because its reader or writer may be slow; the open of a
-// FIFO without a reader fails with ENXIO. [any thread]
+// Finds, opens and checks a file. Unless `rules` accept foreign files, a regular file that is opened for writing must
+// have only one name. Reads and writes of an accepted pipe, terminal or device will wait for the other side. But the
+// open does not wait: the open of a FIFO without a reader for writing fails with ENXIO. [any thread]
 [[nodiscard]] ReplaceResult OpenChecked(const std::string& path, int flags, mode_t mode, const FileRules& rules,
                                         file::Descriptor& opened);
 

@@ -16,10 +16,10 @@ namespace qx {
 namespace {
 
 constexpr mode_t kPrivateMode = 0600;
-constexpr mode_t kModeMask = 0777;  // without set-id bits: they would make content run as the file's owner
+constexpr mode_t kModeMask = 0777;  // no set-id bits: with these the new content could run as the file's owner
 constexpr mode_t kGroupMask = 0070;
 const char kEditSuffix[] = ".edit";
-constexpr int kLockTriesMax = 1000;  // in each try another edit ended, or another user exchanged the name
+constexpr int kLockTriesMax = 1000;  // a try fails if another edit has just ended, or a user exchanges the name
 
 ReplaceResult Failed(const std::string& file, int error) { return {ReplaceState::kFailed, file, error}; }
 
@@ -33,8 +33,8 @@ mode_t ModeThatUmaskLeaves(mode_t mode) {
   return mode & ~mask;
 }
 
-// Sets the owner first, because a change of owner clears permission bits. An output that cannot get the group gets none
-// of the permissions that were meant for that group; an edit fails, because a service may depend on them.
+// Sets the owner first, because a change of owner clears permission bits. If an output cannot get the group, the
+// group's permissions are cleared. In the same case an edit fails, because a service may depend on these permissions.
 int TakeOver(int descriptor, const struct stat& status, bool needs_group) {
   struct stat own;
   if (const int error = file::StatusOf(descriptor, own); error != 0) return error;
@@ -48,7 +48,8 @@ int TakeOver(int descriptor, const struct stat& status, bool needs_group) {
   return fchmod(descriptor, mode) == 0 ? 0 : errno;
 }
 
-// "registry" => "registry.20261121-101500.bak"; the second one of that second is "registry.20261121-101500-2.bak".
+// "registry" => "registry.20261121-101500.bak"; the second backup in the same second is
+// "registry.20261121-101500-2.bak".
 std::string BackupSuffix(const std::tm& time, int attempt) {
   std::array<char, 64> name;
   (void)std::strftime(name.data(), name.size(), ".%Y%m%d-%H%M%S", &time);
@@ -61,7 +62,7 @@ std::string RandomSuffix(int attempt) {
   constexpr std::string_view kCharacters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
   std::array<unsigned char, 6> bytes = {};
   const ssize_t size = getrandom(bytes.data(), bytes.size(), 0);
-  if (size != static_cast<ssize_t>(bytes.size())) {  // then the names are tried in order; O_EXCL keeps them safe
+  if (size != static_cast<ssize_t>(bytes.size())) {  // names that can be guessed are safe because of O_EXCL
     bytes = {static_cast<unsigned char>(attempt), static_cast<unsigned char>(attempt / 256)};
   }
   std::string suffix = ".";
@@ -69,7 +70,7 @@ std::string RandomSuffix(int attempt) {
   return suffix;
 }
 
-// Creates a file under a name that is still free. The name is that of `place` and a suffix from `suffix_of(attempt)`.
+// Creates a file under a name that is still free. The name is the name of `place` and the suffix suffix_of(attempt).
 template <typename SuffixOf>
 file::Descriptor CreateNext(const FilePlace& place, std::string& suffix, SuffixOf suffix_of) {
   constexpr int kAttemptsMax = 1000;
@@ -94,14 +95,16 @@ int FillBackup(file::Descriptor& backup, const FileImage& image) {
   return backup.Close();
 }
 
-// A killed edit may have left a file of that name, which this edit then uses. Any other file is refused.
+// Accepts the file of a killed edit, which this edit then uses: a regular file of this user with one name. Any other
+// file is refused (EEXIST).
 int CheckOwnFile(int descriptor, struct stat& status) {
   if (const int error = file::StatusOf(descriptor, status); error != 0) return error;
   const bool is_ours = S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink <= 1;
   return is_ours ? 0 : EEXIST;
 }
 
-// With an access list, the permissions of the group are the most that any of its entries has.
+// True if the directory may have an access list. Then the group's permission bits are the most that any entry of the
+// list has.
 bool HasAccessList(int directory) {
   const file::Descriptor readable = file::OpenDirectory(".", 0, directory);
   return !readable.IsOpen() || fgetxattr(readable.Number(), "system.posix_acl_access", nullptr, 0) > 0;
@@ -151,7 +154,7 @@ ReplacedFile::~ReplacedFile() {
     if (!backup_suffix_.empty()) (void)file::Remove(NameOf(backup_suffix_).c_str(), 0, directory);
     if (copy_.IsOpen() && IsCopyNamed()) (void)file::Remove(NameOf(copy_suffix_).c_str(), 0, directory);
   } catch (const std::bad_alloc&) {
-    return;  // without memory for a name the files stay, as after a kill
+    return;  // if there is no memory for a name, the files stay, as after a kill
   }
 }
 
@@ -159,7 +162,7 @@ ReplaceResult ReplacedFile::Begin(const std::string& path, Options options) {
   options_ = options;
   ReplaceResult found = FindPlace(path, options.links, place_);
   if (found.state == ReplaceState::kNotFound && options.may_be_missing)
-    return Failed(path, found.error);  // no directory
+    return Failed(path, found.error);  // the directory is missing
   if (!found.IsDone()) return found;
   if (ReplaceResult checked = CheckDirectory(); !checked.IsDone()) return checked;
   if (ReplaceResult checked = CheckTarget(); !checked.IsDone()) return checked;
@@ -196,8 +199,8 @@ ReplaceResult ReplacedFile::CheckTarget() {
   return {};
 }
 
-// An edit renames or removes the file at its end, and then releases the lock. So a lock counts only while the name
-// still leads to the locked file.
+// At its end, an edit renames or removes the file and then releases the lock. So a lock counts only if the name still
+// leads to the locked file.
 ReplaceResult ReplacedFile::LockCopy() {
   const std::string name = NameOf(kEditSuffix);
   copy_suffix_ = kEditSuffix;
@@ -261,8 +264,8 @@ ReplaceResult ReplacedFile::Commit(bool with_backup) {
   return RenameCopy();
 }
 
-// A user who may write the directory can put another file under the name of the copy: it would be renamed instead of
-// ours.
+// True if the name of the copy still leads to the copy. A user who may write the directory can give the name to another
+// file, which would then be renamed instead of the copy.
 bool ReplacedFile::IsCopyNamed() const {
   struct stat own;
   struct stat named;
@@ -297,7 +300,7 @@ ReplaceResult ReplacedFile::WriteBackup() {
   return FailedUnlessDone(backup_path_, error);
 }
 
-// Without a sync of the directory a crash could restore the old file, which is whole as well.
+// If the sync of the directory fails, a crash can bring back the old file, which is whole as well.
 ReplaceResult ReplacedFile::RenameCopy() {
   const int directory = place_.directory.Number();
   int error = file::Rename(directory, NameOf(copy_suffix_).c_str(), directory, place_.name.c_str());

@@ -1,14 +1,15 @@
-// Replaces a whole file: the new content is made next to the file and takes its name in one step. The tools write every
-// output, state and edit this way.
+// Replaces a whole file: the new content is written into a new file next to the old one, which is then renamed to the
+// old name in one step. The tools write every output, state and edit in this way.
 //
 //   registry                       the file
 //   registry.edit                  the new content of an edit, locked, so that a second edit is refused
 //   load.csv.k3XbQ9                the new content of an output
-//   registry.20261121-101500.bak   the backup of what the edit replaced
+//   registry.20261121-101500.bak   the backup of the file that the edit replaced
 //
-// The new file never has more than the permissions 0777 of the old one: no set-user-id, set-group-id or sticky bit. All
-// names are relative to the open directory (base/tools/FilePlace.h). A process that is killed leaves the old file or
-// the new one, and perhaps the new content under its own name; the next edit takes over a "registry.edit".
+// The new file gets at most the permission bits (mode & 0777) of the old one, never a set-user-id, set-group-id or
+// sticky bit. All names are relative to the directory of the file, which is open (base/tools/FilePlace.h). A process
+// that is killed leaves the old file or the new one, and perhaps the new content under its temporary name. The next
+// edit uses a left "registry.edit" again.
 //
 // The module does not use any of this.
 #pragma once
@@ -31,19 +32,19 @@ struct FileImage {
   bool exists = false;
 };
 
-// Larger files are not configuration: reading one fails with EFBIG.
+// Larger files cannot be configuration: reading such a file fails with EFBIG.
 inline constexpr std::size_t kFileImageBytesMax = std::size_t{64} << 20;
 
 // Reads the regular file at `path`. `image` is unchanged on failure. [any thread]
 [[nodiscard]] ReplaceResult ReadFileImage(const std::string& path, FileImage& image,
                                           const FileRules& rules = {.links = LinkRule::kAny, .accept_foreign = true});
 
-// One replacement of one file.
+// Replaces one file once.
 //
 // Threads: one thread.
-// Owns: the new content until Commit, and the backup until the file is replaced; both are removed otherwise.
+// Owns: the file with the new content, and the backup. The destructor removes both unless the file was replaced.
 // Failure: after any failure the file is unchanged, unless IsInPlace() shows that only the last sync failed. A
-// "registry.edit" that cannot be locked is left, because it may be another process's.
+// "registry.edit" that cannot be locked is not removed, because it may belong to another process.
 class ReplacedFile {
  public:
   struct Options {
@@ -53,10 +54,10 @@ class ReplacedFile {
     bool accept_foreign = true;            // replace a file of another user; the new file gets its owner
     bool refuse_shared_directory = false;  // kSharedDirectory if other users may write the directory
     bool is_edit = true;                   // lock "NAME.edit", and read the file; false: the old content is not needed
-    mode_t new_mode = 0644;                // of a file that was missing
+    mode_t new_mode = 0644;                // the mode of a new file if the old one is missing
   };
 
-  // What an output of a tool asks for.
+  // The options for an output of a tool.
   [[nodiscard]] static Options ForOutput(bool accept_foreign);
 
   ReplacedFile() = default;
@@ -64,32 +65,32 @@ class ReplacedFile {
   ReplacedFile(const ReplacedFile&) = delete;
   ReplacedFile& operator=(const ReplacedFile&) = delete;
 
-  // Makes an empty file for the new content; an edit also reads the old one. Once for each object. [owning thread]
+  // Makes an empty file for the new content; an edit also reads the old file. With `read_only`, only the old file is
+  // read. May be called once for each object. [owning thread]
   [[nodiscard]] ReplaceResult Begin(const std::string& path, Options options);
 
   // The file as Begin read it; without its bytes if this is not an edit. [owning thread]
   [[nodiscard]] const FileImage& Image() const { return image_; }
   // The new content, empty at first, open for reading and writing. [owning thread]
   [[nodiscard]] int CopyDescriptor() const { return copy_.Number(); }
-  // The name of the new content, for messages only: who may write the directory decides what a name leads to.
-  // [owning thread]
+  // The name of the new content, only for messages: a user who may write the directory can change what the name leads
+  // to. [owning thread]
   [[nodiscard]] std::string CopyName() const { return place_.NextTo(copy_suffix_); }
 
   // Replaces what was written so far. [owning thread]
   [[nodiscard]] ReplaceResult WriteCopy(std::string_view bytes);
-  // Appends to what was written by these two calls. [owning thread]
+  // Appends to what WriteCopy and AppendToCopy have written. [owning thread]
   [[nodiscard]] ReplaceResult AppendToCopy(std::string_view bytes);
 
   // Gives the new content the owner and the permissions of the old file, syncs it, and renames it to the file's name.
-  // An edit fails with kChanged if the file is no longer the one that was read, and any replacement if the name of the
-  // new content leads to another file. `with_backup` keeps the old file with its owner, permissions and times.
-  // [owning thread]
+  // Fails with kChanged if the name of the new content leads to another file; an edit also if the old file is no longer
+  // the one that was read. `with_backup` keeps the old file with its owner, permissions and times. [owning thread]
   [[nodiscard]] ReplaceResult Commit(bool with_backup);
 
   [[nodiscard]] bool IsInPlace() const { return is_in_place_; }
   // Empty if there is no backup. [owning thread]
   [[nodiscard]] const std::string& BackupPath() const { return backup_path_; }
-  // The file that took the name, still open and locked if it was locked. After Commit. [owning thread]
+  // After Commit: the new file, still open, and locked if it was an edit. [owning thread]
   [[nodiscard]] file::Descriptor TakeDescriptor() { return std::move(copy_); }
 
  private:
