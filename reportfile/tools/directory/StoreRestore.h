@@ -25,10 +25,9 @@ struct RestoreItem {
   std::string name;  // as in BackupItem
   BackupItemKind kind = BackupItemKind::kFile;
   RestoreAction action = RestoreAction::kAdd;
-  bool is_damaged = false;  // the store in the backup has findings
-  bool is_link = false;     // a link in the backup, or a file to replace or a directory above it is a link
-  bool is_being_written =
-      false;  // the report to replace changed between two checks, is locked, or is open for writing
+  bool is_damaged = false;        // the store in the backup has findings
+  bool is_link = false;           // a link in the backup, or a file to replace or a directory above it is a link
+  bool is_being_written = false;  // the report to replace changed between two checks, is locked, or is open for writing
   std::vector<int> writers = {};  // processes that have it open for writing, as far as this user can see
 };
 
