@@ -12,7 +12,8 @@ constexpr char kRootPointer[] = "Server Control";
 constexpr char kDefaultRoot[] = "SOFTWARE\\Dremlor\\Management\\Server Control";
 constexpr int kReadAccess = 0;  // the registry ignores it
 
-// A key below the local machine's hive. Handles load the tree when they are made, so the hive is read only here.
+// Opens a key below the local machine's hive. The construction of a handle loads the tree, so MLocalMachine is read
+// here, when `registry` exists.
 bool OpenBelowLocalMachine(CRegistry& registry, const char* key) {
   return registry.Open(key, CRegistry::MLocalMachine, kReadAccess) == 0;
 }
