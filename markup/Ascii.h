@@ -1,5 +1,5 @@
-// Character classes of markup text: fixed tables of single bytes. They ignore the process's locale, because names and
-// white space must be the same in every host that loads the library.
+// Defines the character classes of markup text, in a fixed table of single bytes. The table ignores the process's
+// locale, because names and white space must be the same in every host that loads the library.
 #pragma once
 
 #include <array>
@@ -16,7 +16,7 @@ enum CharClass : std::uint8_t {
   kHexDigit = 16,
   kRefName = 32,     // allowed in "&name;" after the first character
   kStoredEnd = 64,   // NUL, space, "/", "=", "[" and "]": a stored name matches up to one of these
-  kAttribEnd = 128,  // what ends a tag name, and "=": these end an attribute's name
+  kAttribEnd = 128,  // the bytes that end a tag name, and "=": these end an attribute's name
 };
 
 namespace detail {

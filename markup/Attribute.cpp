@@ -20,7 +20,7 @@ const char* SkipWhite(const char* p) {
   return p;
 }
 
-// The end of the attribute's name at `p`. The tag's end is at `end`, and ends the name at the latest.
+// The end of the attribute's name at `p`. The name ends at `end`, the tag's end, at the latest.
 const char* AttributeNameEnd(const char* p, const char* end) {
   p = SkipNameBytes(p, end);
   while (!IsClass(*p, kAttribEnd)) ++p;
@@ -38,8 +38,8 @@ struct UsualAttribute {
 
 // Walks attributes of the form ` name="value"`, up to the first of another form.
 //
-// In a window of 64 bytes, the positions of all quotes are known at once, so that no attribute waits for the end of the
-// one before. An attribute that does not fit into the window is read by itself.
+// In a window of 64 bytes, the positions of all quotes are known at once, so that the search for an attribute does not
+// have to wait for the end of the one before. An attribute that does not fit into the window is read alone.
 class UsualScan {
  public:
   UsualScan(const char* at, const char* end) : at_(at), end_(end) {}
@@ -67,7 +67,7 @@ class UsualScan {
   }
 
 #if defined(__SSE2__)
-  // False if the tag ends within the window, or it does not have two quotes.
+  // False if fewer than 64 bytes are left in the tag, or if the window does not have two quotes.
   bool FillWindow() {
     if (end_ - at_ < kWideBlockBytes) return false;
     window_ = at_;
@@ -92,8 +92,8 @@ class UsualScan {
   const char* at_;
   const char* end_;
   const char* window_ = nullptr;
-  std::uint64_t quotes_ = 0;     // of the window, one bit for each byte, from at_ on
-  std::uint64_t name_ends_ = 0;  // and the bytes that may end a name
+  std::uint64_t quotes_ = 0;     // one bit for each quote of the window, from at_ on
+  std::uint64_t name_ends_ = 0;  // one bit for each byte of the window that may end a name
 };
 
 }  // namespace
@@ -158,8 +158,8 @@ bool FindAttributeByWalk(std::string_view tag, std::string_view name, bool ignor
   return false;
 }
 
-// In nearly every start tag, all attributes before the requested one have the usual form. If one has another form,
-// AttributeScan searches.
+// In nearly every start tag, all attributes before the requested one have the form ` name="value"`. If one has another
+// form, AttributeScan searches.
 bool FindAttribute(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute) {
   const auto offset = [start = tag.data()](const char* at) { return static_cast<std::size_t>(at - start); };
   UsualScan scan(tag.data() + 1 + NameInStartTag(tag).size(), tag.data() + TagClosingOffset(tag));

@@ -39,7 +39,8 @@ class AttributeScan {
 
 // Finds the attribute `name` of the start tag; false if the tag has no such attribute.
 bool FindAttribute(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute);
-// The same with an AttributeScan: for unusual tags, and as the oracle in tests.
+// FindAttribute with an AttributeScan: for attributes of other forms than ` name="value"`. Tests compare FindAttribute
+// with it.
 bool FindAttributeByWalk(std::string_view tag, std::string_view name, bool ignore_case, AttributePos& attribute);
 
 // Offset of the ">" or "/>" that ends a start tag.

@@ -1,4 +1,5 @@
-// Hash tables of names, built at compile time. A bucket is one C string of entries without gaps:
+// Builds hash tables of names at compile time. A bucket is one C string, in which the entries follow one another
+// without gaps:
 //
 //   length of the name (digits) | number (digits) | name in lower case
 #pragma once
@@ -12,7 +13,7 @@
 
 namespace qx::markup {
 
-// The sum of the bytes as signed characters, modulo `size`. Negative for some texts with bytes above 127.
+// The sum of the bytes as signed characters, modulo `size`. The result is negative for some texts with bytes above 127.
 constexpr int Hash(std::string_view text, int size) {
   std::int64_t sum = 0;
   for (const char c : text) sum += static_cast<signed char>(c);
@@ -62,7 +63,7 @@ constexpr int HashLower(std::string_view name, int size) {
 
 }  // namespace detail
 
-// Rows of one bucket keep the order of the list.
+// Builds the buckets. Rows in the same bucket keep the order of the list.
 template <std::size_t kBytes, std::size_t kBuckets, typename Row, std::size_t kRows>
 consteval BucketPool<kBytes, kBuckets> MakeBucketPool(const Row (&rows)[kRows], BucketFormat format) {
   BucketPool<kBytes, kBuckets> pool;
@@ -89,7 +90,7 @@ constexpr std::array<const char*, kBuckets> PointersInto(const BucketPool<kBytes
   return buckets;
 }
 
-// The number of the first entry with that (lower-case) name; `missing` if no entry has it.
+// The number of the first entry with this lower-case name; `missing` if no entry has the name.
 template <std::size_t kBuckets>
 constexpr int FindInBuckets(const std::array<const char*, kBuckets>& buckets, BucketFormat format,
                             std::string_view name, int missing) {

@@ -1,7 +1,7 @@
-// Searches in text, sixteen bytes per step where the processor has SSE2 (every x86-64 has). A plain loop searches the
-// last bytes of a range.
+// Searches in text, sixteen bytes per step if the processor has SSE2, as every x86-64 processor has. A plain loop
+// searches the last bytes of a range.
 //
-// The functions Find... return `end` if they find nothing, and read nothing from `end` on.
+// The functions Find... return `end` if they find nothing, and do not read the byte at `end` or any later byte.
 #pragma once
 
 #if defined(__SSE2__)
@@ -81,7 +81,8 @@ std::uint64_t HitsInWideBlock(const char* p) {
   return WideHits(p, HitsInBlock<kBytes...>);
 }
 
-// One bit per byte of the block, set where the byte ends a name (kNameEnd, kAttribEnd), and at other bytes up to "/".
+// One bit per byte of the block, set where the byte ends a name (kNameEnd, kAttribEnd), but also for some other bytes
+// up to "/".
 inline unsigned NameEndsIn(__m128i block) {
   const __m128i low = _mm_cmpeq_epi8(_mm_min_epu8(block, _mm_set1_epi8('/')), block);
   const __m128i above = _mm_sub_epi8(block, _mm_set1_epi8('<'));  // "<", "=" and ">" become 0, 1 and 2
@@ -98,7 +99,8 @@ inline void CopyInBlocks(const char* from, char* to, std::ptrdiff_t bytes) {
 }
 #endif
 
-// The plain forms. The fast forms use them for the last bytes of a range; tests use them as the oracle.
+// The plain forms of the searches. The fast forms use them for the last bytes of a range; tests compare the fast forms
+// with them.
 template <char... kBytes>
 const char* FindAnyOfPlain(const char* p, const char* end) {
   while (p != end && !((*p == kBytes) || ...)) ++p;
@@ -129,7 +131,7 @@ const char* FindAnyOf(const char* p, const char* end) {
   return FindAnyOfPlain<kBytes...>(p, end);
 }
 
-// Skips up to sixteen bytes that end no name. It may stop too early (see NameEndsIn).
+// Skips up to sixteen bytes that do not end a name. May stop too early (see NameEndsIn).
 inline const char* SkipNameBytes(const char* p, const char* end) {
 #if defined(__SSE2__)
   if (end - p >= kScanBlockBytes) return p + std::countr_zero(NameEndsInBlock(p) | 1U << kScanBlockBytes);
@@ -141,9 +143,9 @@ inline const char* SkipNameBytes(const char* p, const char* end) {
 #endif
 }
 
-// Three bytes in a row:  FindTriple<']', ']', '>'>("a]]]>b") => "]]>b"
-// The C library's search for the first byte is fastest while this byte is rare. After it was found kFailedFindsMax
-// times without the other two, all three bytes are searched at once.
+// Three bytes in a row: FindTriple<']', ']', '>'>("a]]]>b") => "]]>b" The C library's search for the first byte is
+// fastest while this byte is rare. After this byte was found kFailedFindsMax times without the other two, all three
+// bytes are searched for at once.
 template <char kFirst, char kSecond, char kThird>
 const char* FindTriple(const char* p, const char* end) {
   constexpr int kFailedFindsMax = 16;

@@ -1,7 +1,8 @@
-// The records of a document's elements: 32 bytes each, addressed by a 32-bit index, kept in segments of 65,536.
+// Stores the records of a document's elements: 32 bytes each, addressed by a 32-bit index, in segments of 65,536
+// records.
 //
-// A record contains no text, only offsets into the document's one string. With segments, a tree that grows is not
-// copied as a whole. All segments but the last are full, so that index arithmetic is a shift and a mask.
+// A record contains no text, only offsets into the document's one string. Because of the segments, a tree that grows is
+// not copied as a whole. All segments but the last are full, so that index arithmetic is a shift and a mask.
 #pragma once
 
 #include <array>
@@ -13,10 +14,10 @@
 // Flags of a record, in the high half of its level word.
 inline constexpr std::uint32_t kElemFirst = 0x80000;           // the first child of its parent
 inline constexpr std::uint32_t kElemNoEnd = 0x100000;          // a start tag without end tag
-inline constexpr std::uint32_t kElemUnendedInside = 0x200000;  // its content has a lone end tag or bad syntax
+inline constexpr std::uint32_t kElemUnendedInside = 0x200000;  // its content has a lone end tag or a syntax fault
 inline constexpr std::uint32_t kElemIllFormed = 0x800000;      // on record 0: the document is not well formed
 
-// One element. Record 0 is the holder of the document: its first child is the root element.
+// One element. Record 0 stands for the document: its first child is the root element.
 struct ElemPos {
   static constexpr std::uint32_t kStartTagLengthMax = (1U << 22) - 1;
   static constexpr std::uint32_t kEndTagLengthMax = (1U << 10) - 1;
@@ -60,14 +61,14 @@ static_assert(offsetof(ElemPos, next) == 24 && offsetof(ElemPos, previous) == 28
 
 // The records of one document, by index.
 //
-// Threads: it is used by one thread at a time, the one that uses its document.
+// Threads: one thread at a time, the one that uses the document.
 // Owns: the segments.
 // Failure: Grow throws std::bad_alloc. Records in use keep their values, and the tree stays usable.
 class ElemPosTree {
  public:
   static constexpr std::int32_t kSegmentRecords = 65536;
 
-  // Not "= default": value initialisation would then write zeros into few_records_.
+  // Not "= default", because value initialisation would then write zeros into few_records_.
   ElemPosTree() noexcept {}  // NOLINT(modernize-use-equals-default)
   // Copies the first `count` records of `other`; the capacity becomes that of `other`.
   ElemPosTree(const ElemPosTree& other, std::uint32_t count);
@@ -78,7 +79,7 @@ class ElemPosTree {
   ElemPos& operator[](std::uint32_t index) { return segments_[index >> 16][index & 0xFFFF]; }
   const ElemPos& operator[](std::uint32_t index) const { return segments_[index >> 16][index & 0xFFFF]; }
 
-  // Raises the capacity to `records`, but by at most one segment: a larger request fills the next segment completely.
+  // Raises the capacity to `records`, but by at most one segment: after a larger request, the next segment is complete.
   // New records are not initialised. A request below the capacity does nothing.
   void Grow(std::int64_t records);
 

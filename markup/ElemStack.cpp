@@ -57,7 +57,7 @@ std::size_t ElemStack::FindInnermost(std::string_view name) {
   return kNone;
 }
 
-// The memory of a deep document is megabytes, of which realloc moves the pages and copies nothing.
+// The stack of a deep document has megabytes. realloc moves their pages without a copy.
 void ElemStack::Grow() {
   const std::size_t capacity = capacity_ == 0 ? kFirstEntries : 2 * capacity_;
   void* const grown = std::realloc(tags_.get(), capacity * sizeof(OpenTag));

@@ -1,5 +1,5 @@
-// The start tags that are open while a document is parsed, innermost last. It also finds the open tag that an end tag
-// closes.
+// A stack of the start tags that are open while a document is parsed, innermost last. It also finds the open tag that
+// an end tag closes.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,8 @@
 #include <string_view>
 #include <unordered_map>
 
-// It is small and left uninitialised in a new array: in a deep document there are as many as elements.
+// An entry of the stack. Entries are small and not initialised in a new array: a deep document has one for each
+// element.
 struct OpenTag {
   const char* name_begin;  // in the document's text
   std::uint32_t name_bytes;
@@ -20,7 +21,7 @@ struct OpenTag {
 
 // The stack of open tags of one parse.
 //
-// Threads: it is used by one thread at a time. Owns: its entries; the names are views into the document.
+// Threads: one thread at a time. Owns: its entries; the names are views into the document.
 class ElemStack {
  public:
   explicit ElemStack(bool ignore_case) : ignore_case_(ignore_case) {}
@@ -41,9 +42,9 @@ class ElemStack {
     if (matches_ != nullptr) RemoveFromIndex(tags_[depth_].Name());
   }
 
-  // Depth of the innermost open tag that matches the name, or kNone. With a match the cost is one comparison for each
-  // tag above it. Without a match the cost is only the length of the name, so lone end tags do not cause a search of
-  // all open tags.
+  // Depth of the innermost open tag that matches the name, or kNone. If there is a match, the cost is one comparison
+  // for each tag above it. Otherwise the cost depends only on the length of the name, so lone end tags do not cause a
+  // search of all open tags.
   static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
   std::size_t FindInnermost(std::string_view name);
 
@@ -55,8 +56,8 @@ class ElemStack {
   void AddToIndex(std::string_view name);
   void RemoveFromIndex(std::string_view name);
   Hash Step(Hash hash, char c) const;
-  // Calls visit(hash) for each text that matches the stored name: the whole name, and each prefix that is followed by
-  // a byte that may follow a match.
+  // Calls visit(hash) for each text that matches the stored name: the whole name, and each prefix that is followed by a
+  // byte of kStoredEnd.
   template <typename Visit>
   void ForEachMatch(std::string_view stored, Visit visit) const;
 
@@ -69,9 +70,9 @@ class ElemStack {
   std::size_t capacity_ = 0;
   bool ignore_case_;
 
-  // For the hash of each name: how many open tags the name would match. Built at the first end tag that does not close
-  // the innermost tag, so that a document without faults has no cost. If two names have the same hash, a search of the
-  // open tags may find no match; the result is still correct. Because of the random factor, a sender cannot prepare
+  // For the hash of each name: the number of open tags that the name would match. Built at the first end tag that does
+  // not close the innermost tag, so a document without faults has no cost. If two names have the same hash, a search of
+  // the open tags may find no match; the result is still correct. Because of the random factor, a sender cannot prepare
   // such names.
   Hash factor_ = 0;
   std::unique_ptr<std::unordered_map<Hash, std::uint32_t>> matches_;

@@ -1,4 +1,4 @@
-// Names of encodings and their code page numbers: the names that declarations use and their usual aliases.
+// Lists names of encodings with their code page numbers: the names that XML declarations use, and their usual aliases.
 #pragma once
 
 #include <string_view>

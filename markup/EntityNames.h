@@ -1,5 +1,5 @@
-// The named character entities of HTML 4 and XML's "apos", in the order of the entries of a bucket. Where two names
-// differ only in case, the one with more capitals comes first.
+// Lists the named character entities of HTML 4 and "apos" of XML. Entries of the same bucket are stored in the order of
+// this list. Of two names that differ only in case, the one with more capitals comes first.
 #pragma once
 
 #include <string_view>

@@ -13,9 +13,9 @@ namespace qx::markup {
 
 namespace {
 
-// How much text is escaped before it is appended: a stretch.
+// The size of a stretch: the text that is escaped before the result is appended.
 constexpr std::size_t kStretchBytes = 1024;
-// A stretch ends with a whole block, so it may be nearly one block longer.
+// A stretch ends with a whole block, so it may be longer by nearly one block.
 constexpr std::size_t kWidestBlockBytes = 64;
 // The longest reference that replaces one byte: "&quot;".
 constexpr std::size_t kReferenceBytesMax = 6;
@@ -53,7 +53,7 @@ consteval std::array<PaddedReference, 32> MakeReferences() {
 
 constexpr std::array<PaddedReference, 32> kReferences = MakeReferences();
 
-// The end of the reference body that begins at `p` (name, #65 or #x41); null if none begins there.
+// The end of the body of a reference (name, #65 or #x41) that begins at `p`; null if there is no such body.
 const char* ReferenceBodyEnd(const char* p, const char* end) {
   const char* body = p;
   CharClass allowed = kRefName;
@@ -69,7 +69,7 @@ const char* ReferenceBodyEnd(const char* p, const char* end) {
   return at == body ? nullptr : at;
 }
 
-// `p` points to an "&".
+// Whether a whole reference begins at `p`, which points to an "&".
 bool BeginsReference(const char* p, const char* end) {
   const char* const body_end = ReferenceBodyEnd(p + 1, end);
   return body_end != nullptr && body_end != end && *body_end == ';';
@@ -93,7 +93,7 @@ inline char* WriteReference(const EscapeSource& source, const char* p, char* to)
 
 #if defined(__SSE2__)
 // Escapes the wide block at `block`, after which the source has at least one block more; returns the end of what was
-// written to `to`. The positions of all special bytes are found first, so no step waits for the one before.
+// written to `to`. The positions of all special bytes are found first, so no step has to wait for the one before.
 template <char... kSpecial>
 char* EscapeWideBlock(const EscapeSource& source, const char* block, char* to) {
   const char* p = block;
@@ -108,7 +108,8 @@ char* EscapeWideBlock(const EscapeSource& source, const char* block, char* to) {
   return to + rest;
 }
 
-// Escapes the rest of the source, fewer than sixteen bytes, from a copy that has a whole block after each of them.
+// Escapes the rest of the source, fewer than sixteen bytes, from a copy of these bytes that is padded with zeros, so
+// that whole blocks can be read.
 template <char... kSpecial>
 char* EscapeShort(const EscapeSource& source, const char*& p, char* to) {
   const auto bytes = static_cast<std::size_t>(source.end - p);
@@ -130,7 +131,7 @@ char* EscapeShort(const EscapeSource& source, const char*& p, char* to) {
 #endif
 
 // Escapes about kStretchBytes from `p` on and moves `p` past them; returns the end of what was written to `to`. Near
-// the end of the source, each step copies a whole block and keeps what comes before its first special byte.
+// the end of the source, each step copies a whole block, but only the bytes before its first special byte count.
 template <char... kSpecial>
 char* EscapeStretchOf(const EscapeSource& source, const char*& p, char* to) {
   const char* const stretch_end = p + std::min<std::ptrdiff_t>(source.end - p, kStretchBytes);
@@ -185,8 +186,8 @@ void AppendEscapedPlain(std::string& out, std::string_view text, int flags) {
   }
 }
 
-// Escapes the text in stretches, into a buffer with space for the longest reference for every byte. So no byte needs a
-// check of the size.
+// Escapes the text in stretches, into a buffer that is large enough even if every byte becomes the longest reference.
+// So the size is not checked for each byte.
 void AppendEscaped(std::string& out, std::string_view text, int flags) {
   const EscapeSource source{text.data() + text.size(), flags};
   for (const char* p = text.data(); p != source.end;) {

@@ -15,10 +15,10 @@ inline constexpr int kUnescapeCollapse = 0x200;  // trim, and replace each run o
 
 // Appends the text, escaped.
 void AppendEscaped(std::string& out, std::string_view text, int flags);
-void AppendEscapedPlain(std::string& out, std::string_view text, int flags);  // byte by byte: the oracle in tests
+void AppendEscapedPlain(std::string& out, std::string_view text, int flags);  // byte by byte; tests compare with it
 
-// Adds the text, escaped, to the buffer of the pieces. Returns false and adds nothing if the text is longer than
-// kStretchBytes, or if its escaped form might not fit into the buffer.
+// Adds the text, escaped, to the buffer of the pieces. Returns false and adds nothing if the text is longer than 1024
+// bytes, or if its escaped form might not fit into the buffer.
 bool AddEscaped(Pieces& pieces, std::string_view text, int flags);
 
 // True if the text has a character that AppendEscaped may replace.
@@ -29,7 +29,7 @@ void AppendBinary(std::string& out, std::string_view text);
 
 // Appends the text with each known reference replaced by its character in UTF-8.
 void AppendUnescaped(std::string& out, std::string_view text, int flags);
-void AppendUnescapedPlain(std::string& out, std::string_view text);  // byte by byte: the oracle in tests
+void AppendUnescapedPlain(std::string& out, std::string_view text);  // byte by byte; tests compare with it
 
 inline constexpr std::string_view kCDataStart = "<![CDATA[";
 inline constexpr std::string_view kCDataEnd = "]]>";

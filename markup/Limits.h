@@ -1,4 +1,4 @@
-// The limits that follow from the width of the record fields.
+// Checks the limits that follow from the width of the fields of a record.
 #pragma once
 
 #include <cstddef>

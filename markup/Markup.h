@@ -1,9 +1,9 @@
-// CMarkup: one XML document, as its text and a tree of records with the offsets of the elements in the text.
+// CMarkup is one XML document: its text, and a tree of records with the offsets of the elements in the text.
 //
-// The text is the only copy of the content. Reading copies parts of it, and each change is made in it at once. So
-// GetDoc always returns the whole document. An element is identified by the 32-bit index of its 32-byte record
-// (ElemPosTree.h). docs/markup.md describes what the parser accepts, how it recovers from faults, and where new text is
-// inserted.
+// The text is the only copy of the content. Functions that read copy parts of the text, and each change is made in the
+// text at once. So GetDoc always returns the whole document. An element is identified by the 32-bit index of its
+// 32-byte record (ElemPosTree.h). docs/markup.md describes what the parser accepts, how it recovers from faults, and
+// where new text is inserted.
 //
 // Deliberately not here: reading or writing files in parts, navigation to nodes that are not elements, saved positions,
 // namespaces, and anything that a document type declaration could define or fetch.
@@ -49,12 +49,12 @@ struct BomTableRow {
 // Owns: the text and the records.
 // Failure: an operation that returns false has changed nothing, except where its comment says otherwise (SetDoc,
 // SetAttribs, FindChildElem). If memory runs out, std::bad_alloc is thrown; the document is then as it was before the
-// call, except that SetDoc leaves it empty.
-// Limits: a start tag below 4 MiB, a tag name of at most 1,020 bytes, levels 0 to 65,535, a document below 4 GiB. A
-// text that exceeds one of them is not well formed; a change that would exceed one is refused.
+// call, except that SetDoc leaves it empty. Limits: a start tag below 4 MiB, a tag name of at most 1,020 bytes, levels
+// 0 to 65,535, a document below 4 GiB. A text that exceeds one of these limits is not well formed; a change that would
+// exceed one is refused.
 class CMarkup {
  public:
-  // For adding elements, setting data and attributes, and escaping. Bits may be combined.
+  // Flags for the functions that add elements, set data and attributes, and escape. They may be combined.
   enum MarkupFlags : int {
     kAddCData = 1,          // data goes into a CDATA section:     <a><![CDATA[1<2]]></a>
     kAddNoLines = 2,        // no line feed after the element
@@ -65,17 +65,18 @@ class CMarkup {
     kAddChild = 0x4000,     // AddElem works as AddChildElem
   };
 
-  // Flags of the document. The file modes are not implemented: SetDocFlags drops their bits.
+  // Flags of the document. The file modes (kDocReadFile, kDocWriteFile) are not implemented: SetDocFlags drops their
+  // bits.
   enum DocFlags : int {
     kDocIgnoreCase = 8,  // names that differ only in the case of A-Z are equal
     kDocReadFile = 16,
     kDocWriteFile = 32,
   };
 
-  // For UnescapeText. They apply to white space in the text itself, not to white space that a reference encodes.
+  // Flags for UnescapeText. They apply to white space in the text itself, not to white space that a reference encodes.
   enum UnescapeFlags : int {
-    kTrimSpace = 0x100,      // remove it at both ends
-    kCollapseSpace = 0x200,  // trim, and replace each run of it by one space
+    kTrimSpace = 0x100,      // remove white space at both ends
+    kCollapseSpace = 0x200,  // trim, and replace each run of white space by one space
   };
 
   CMarkup();
@@ -93,7 +94,7 @@ class CMarkup {
 
   // Replaces the document, parses it and returns IsWellFormed(). The C string ends at its NUL; the other forms keep NUL
   // bytes, which count as ordinary characters. A null pointer gives an empty document and frees the records. The old
-  // document is gone whatever the result. [owning thread]
+  // document is lost even if the result is false. [owning thread]
   bool SetDoc(MCD_CSTR text);
   bool SetDoc(const std::string& text);
   bool SetDoc(std::string&& text);
@@ -106,7 +107,7 @@ class CMarkup {
   [[nodiscard]] bool IsWellFormed() const;
 
   // The results of the last parse as text: one phrase per result, separated by spaces, or "". Later changes do not
-  // update it. [owning thread]
+  // change this text. [owning thread]
   std::string GetError() const;
 
   // The results of the last parse as XML elements: <lone_end_tag tagname="b" offset="12"/>... [owning thread]
@@ -166,11 +167,12 @@ class CMarkup {
   // Changing ---------------------------------------------------------------------------------------------------------
 
   // Sets an attribute; a null value means an empty one. The value is escaped, quotes included; kKeepReferences applies.
-  // False without an element, for a name that an attribute cannot have, and over a limit. [owning thread]
+  // False if there is no element, if an attribute cannot have this name, and if a limit would be exceeded. [owning
+  // thread]
   bool SetAttrib(MCD_CSTR name, MCD_CSTR value, int flags = 0);
   bool SetAttrib(MCD_CSTR name, int value, int flags = 0);
-  // Sets attributes with the result of one SetAttrib call for each, but inserts all at once if possible. False if one
-  // of them is refused; the others are set. [owning thread]
+  // Has the same effect as SetAttrib for each attribute in turn, but inserts all at once if possible. False if an
+  // attribute is refused; the others are set all the same. [owning thread]
   struct AttributeText {
     MCD_CSTR name;
     MCD_CSTR value;
@@ -181,37 +183,38 @@ class CMarkup {
   bool SetChildAttrib(MCD_CSTR name, int value, int flags = 0);
 
   // Adds an element after the main element (child form: after the child), or after the last sibling if there is no such
-  // element. The new element becomes the main element (child form: the child). False for a name that a tag cannot have,
-  // for kAddNoEnd with data, without a main element (child form), under an element without end tag, and over a limit.
-  // [owning thread]
+  // element. The new element becomes the main element (child form: the child). False if a tag cannot have this name,
+  // for kAddNoEnd with data, if there is no main element (child form), if the parent has no end tag, and if a limit
+  // would be exceeded. [owning thread]
   bool AddElem(MCD_CSTR name, MCD_CSTR data = nullptr, int flags = 0);
   bool AddChildElem(MCD_CSTR name, MCD_CSTR data = nullptr, int flags = 0);
 
   // Replaces everything between the element's tags; `<a/>` gets an end tag first. `text` must not be part of this
-  // document. False without an element, for an element with child elements or without end tag, and over a limit.
-  // [owning thread]
+  // document. False if there is no element, if the element has child elements or no end tag, and if a limit would be
+  // exceeded. [owning thread]
   bool SetData(MCD_CSTR text, int flags = 0);
   bool SetData(std::string_view text, int flags = 0);
   bool SetChildData(MCD_CSTR text, int flags = 0);
   bool SetChildData(std::string_view text, int flags = 0);
 
-  // Appends text to `text` and changes nothing else in it. Returns true if the appended text may contain "]]>"; false
-  // saves the search for it.
+  // A function that appends to `text` and changes nothing else in it. It returns true if the appended text may contain
+  // "]]>"; with false, the text is not searched for "]]>".
   using DataWriter = std::function<bool(std::string& text)>;
 
   // Like SetData with kAddCData, but `write` appends the data directly to the document, so a long text is not copied.
-  // An exception from `write` passes through, with the document as it was. [owning thread]
+  // An exception from `write` passes through; the document is then unchanged. [owning thread]
   bool SetCDataBy(const DataWriter& write);
 
   // Removes the element's text, from its "<" to its last ">". The previous sibling becomes the main element (child
-  // form: the child); if there is not one, the position becomes 0. False without an element. [owning thread]
+  // form: the child); if there is no previous sibling, this position becomes 0. False if there is no element to remove.
+  // [owning thread]
   bool RemoveElem();
   bool RemoveChildElem();
 
   // Text services ----------------------------------------------------------------------------------------------------
 
-  // Writes "&", "<" and ">" as references, with kEscapeQuotes also both quotes. kKeepReferences keeps an "&" that
-  // begins a reference. [any thread]
+  // Writes "&", "<" and ">" as references; with kEscapeQuotes also both quotes. With kKeepReferences an "&" that begins
+  // a reference stays. [any thread]
   static std::string EscapeText(MCD_CSTR text, int flags = 0);
   static std::string EscapeText(std::string_view text, int flags = 0);
 
@@ -233,7 +236,8 @@ class CMarkup {
   static void EncodeCharUTF16(int code, char16_t* buffer, int& length);
 
   // Returns the character at `text` and moves `text` past it. For an invalid byte or unit, returns -1 and moves past
-  // that alone. At `end`, returns -1 and does not move; a null `end` means that the text ends with NUL. [any thread]
+  // this byte or unit only. At `end`, returns -1 and does not move; a null `end` means that the text ends with NUL.
+  // [any thread]
   static int DecodeCharUTF8(const char*& text, const char* end = nullptr);
   static int DecodeCharUTF16(const char16_t*& text, const char16_t* end = nullptr);
 
@@ -246,18 +250,19 @@ class CMarkup {
   // if `cut_off` is not null, otherwise as invalid. [any thread]
   static bool DetectUTF8(const char* text, int length, int* non_ascii = nullptr, bool* cut_off = nullptr);
 
-  // Convert to and from the character set of the process's locale. What cannot be converted becomes "?" and is counted
-  // in `lost`. [any thread]
+  // Convert to and from the character set of the process's locale. Each character that cannot be converted becomes "?";
+  // `lost` is set to their number. [any thread]
   static std::string UTF8ToA(MCD_CSTR text, int* lost = nullptr);
   static std::string AToUTF8(MCD_CSTR text, int* lost = nullptr);
 
-  // The code page number of an encoding (its name in any case); -1 for an unknown name. [any thread]
+  // The code page number of an encoding; upper and lower case in its name are equal. -1 for an unknown name. [any
+  // thread]
   static int GetEncodingCodePage(MCD_CSTR name);
 
   // The byte-order marks. [any thread]
   static const std::array<BomTableRow, 4> BomTable;
 
-  // Writes "=" at the end and no line breaks. [any thread]
+  // Encodes in Base64, with "=" at the end and without line breaks. [any thread]
   static std::string EncodeBase64(const unsigned char* bytes, std::size_t count);
   // Returns the number of decoded bytes, or -1 for a text that is not base64 or needs more than `size` bytes. White
   // space is skipped. A null buffer only counts. [any thread]
@@ -266,7 +271,7 @@ class CMarkup {
   // The sum of the bytes as signed characters, modulo size. [any thread]
   static int x_Hash(MCD_CSTR text, int size);
 
-  // 0 if the first `length` bytes are equal. [any thread]
+  // Compares the first `length` bytes: 0 if they are equal. [any thread]
   static int x_StrNCmp(MCD_CSTR a, MCD_CSTR b, int length, bool ignore_case = false);
 
   // Checks -----------------------------------------------------------------------------------------------------------
@@ -340,7 +345,7 @@ class CMarkup {
   std::uint32_t child_position_ = 0;
   std::uint32_t next_unused_ = 0;  // 0: there are no records
   std::uint32_t free_list_ = 0;
-  std::int32_t node_type_ = 0;  // 0: the position is an element, or none
+  std::int32_t node_type_ = 0;  // 0: the position is an element, or there is no position
   std::int32_t node_offset_ = 0;
   std::int32_t node_length_ = 0;
   std::uint32_t document_flags_ = 0;

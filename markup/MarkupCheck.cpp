@@ -1,4 +1,4 @@
-// CMarkup's check of its own records against the text, for tests and fuzzing.
+// Checks the records of a CMarkup against its text, for tests and fuzzing.
 #include <vector>
 
 #include "markup/ElemPosTree.h"
@@ -74,7 +74,7 @@ bool CheckLinks(Checker& check, std::uint32_t elem) {
   return check.fault.empty();
 }
 
-// The length of the free list. The count stops at the number of records, in case the list is a loop.
+// The length of the list of released records. The count stops at the number of records, in case the list is a loop.
 std::uint32_t CountReleased(const Checker& check, std::uint32_t head) {
   std::uint32_t count = 0;
   for (std::uint32_t i = head; i != 0 && i < check.record_count && count < check.record_count; i = check.tree[i].next) {

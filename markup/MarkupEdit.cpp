@@ -1,5 +1,5 @@
-// The part of CMarkup that changes documents. Each change replaces a part of the text and then adjusts the records of
-// the elements after and around it.
+// Changes documents: a part of CMarkup. Each change replaces a part of the text and then adjusts the records of the
+// elements after and around it.
 #include <algorithm>
 #include <charconv>
 #include <span>
@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::size_t kMuchTextBytes = 4096;
 constexpr std::size_t kShortTailBytes = 1024;
-constexpr std::size_t kFirstCapacityBytes = 255;  // of a document that is built: most replies fit
+constexpr std::size_t kFirstCapacityBytes = 255;  // of a new document; most replies fit
 
 // The decimal form of a number.
 class Decimal {
@@ -39,8 +39,8 @@ std::string_view ViewOf(MCD_CSTR text) { return text == nullptr ? std::string_vi
 // A difference of offsets is an unsigned 32-bit number that wraps, so adding it moves an offset in either direction.
 constexpr std::uint32_t Low32(std::size_t value) { return static_cast<std::uint32_t>(value); }
 
-// Adds the text, escaped. If the pieces are views of the escaped form, `escaped` contains it, and must live as long as
-// the pieces.
+// Adds the text, escaped. `escaped` may get the escaped text, of which the pieces are then views; so it must live as
+// long as the pieces.
 void AddEscapedText(Pieces& pieces, std::string_view text, int flags, std::string& escaped) {
   if (qx::markup::AddEscaped(pieces, text, flags)) return;
   if (!qx::markup::NeedsEscape(text, flags)) return pieces.Add(text);
@@ -58,7 +58,7 @@ struct NewAttribute {
   std::string_view name;
   std::string_view value;
   int flags;
-  bool is_number;  // nothing in it is ever escaped
+  bool is_number;  // the value needs no escaping
 };
 
 // A change within a start tag.
@@ -95,7 +95,7 @@ void PlaceAttribute(TagChange& change, std::string_view tag, const NewAttribute&
 }
 
 // Adds the text of new attributes, ` a="1" b="2"`. False if two names are equal, a name is not valid, or a value might
-// not fit into the buffer of the pieces; the pieces must not be used then.
+// not fit into the buffer of the pieces; then the pieces must not be used.
 bool AddNewAttributes(Pieces& pieces, std::span<const CMarkup::AttributeText> attributes, int flags, bool ignore_case) {
   for (std::size_t i = 0; i < attributes.size(); ++i) {
     const std::string_view name = ViewOf(attributes[i].name);
@@ -250,7 +250,7 @@ bool CMarkup::SetCDataBy(const DataWriter& write) {
     document_.append(qx::markup::kCDataEnd).append(place.end_tag).append(rest, place.removed);
     fits = qx::markup::DocumentFits(document_.size());
   } catch (...) {
-    document_.replace(place.at, std::string::npos, rest);  // cannot fail: the capacity sufficed for it before
+    document_.replace(place.at, std::string::npos, rest);  // cannot fail: the capacity was large enough before
     throw;
   }
   if (!fits) {
@@ -461,7 +461,8 @@ void CMarkup::Shift(std::uint32_t elem, std::uint32_t delta) {
 // Replaces `removed` bytes at `offset` by the pieces. If memory runs out, nothing has changed.
 //
 // If the new text is long and only a short rest follows it, the rest is cut off, and new text and rest are appended. So
-// a large text is copied once; std::string::replace would fill the space with zeros first.
+// a large text is copied once. To combine several pieces with std::string::replace, the space would first be filled
+// with zeros.
 void CMarkup::Splice(std::size_t offset, std::size_t removed, Pieces& pieces) {
   const std::size_t added = pieces.Bytes();
   const std::size_t tail_bytes = document_.size() - offset - removed;

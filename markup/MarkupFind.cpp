@@ -1,4 +1,4 @@
-// The part of CMarkup that searches for elements by path.
+// Searches for elements by path: a part of CMarkup.
 #include <vector>
 
 #include "markup/Ascii.h"
@@ -26,8 +26,8 @@ bool HasAttribute(std::string_view tag, const PathAttribute& requested, bool ign
 
 // The state of the search for one step of a path.
 struct StepSearch {
-  std::uint32_t elem;         // the element that was checked last; 0: none yet
-  std::uint32_t matches = 0;  // how many elements have matched, for a position predicate
+  std::uint32_t elem;         // the element that was checked last; 0: no element yet
+  std::uint32_t matches = 0;  // the number of elements that have matched, for a position such as [2]
 };
 
 }  // namespace
@@ -40,7 +40,7 @@ std::uint32_t CMarkup::Find(MCD_CSTR path, std::uint32_t parent, std::uint32_t a
   return FindSibling({path, static_cast<std::size_t>(name_end - path)}, parent, after);
 }
 
-// Nearly every search is for the next sibling of a name or of any name.
+// Finds the next sibling with this name, or with any name if `name` is empty. Nearly every search is of this kind.
 std::uint32_t CMarkup::FindSibling(std::string_view name, std::uint32_t parent, std::uint32_t after) const {
   std::uint32_t elem = NextSibling(parent, after);
   if (name.empty()) return elem;
@@ -49,8 +49,8 @@ std::uint32_t CMarkup::FindSibling(std::string_view name, std::uint32_t parent, 
 }
 
 // A depth-first search along the steps: a step's element is kept while the following steps try all of its children.
-// Each element is checked at most once per step, because only the first step can search deeper than a parent's own
-// children.
+// Each element is checked at most once per step, because only the first step can search in more than the children of
+// one element.
 std::uint32_t CMarkup::FindAlong(const PathPos& path, std::uint32_t parent, std::uint32_t after) const {
   if (!path.IsValid()) return 0;
   const std::vector<PathStep>& steps = path.Steps();

@@ -1,4 +1,4 @@
-// The part of CMarkup that parses. It makes records from the scanner's nodes, and repairs the structure if tags are
+// Parses documents: a part of CMarkup. Makes records from the scanner's nodes, and repairs the structure if tags are
 // missing or in the wrong order.
 #include <algorithm>
 #include <utility>
@@ -131,10 +131,10 @@ void CMarkup::ParseState::CloseElement() {
   token.expected_name = open.Depth() == 0 ? std::string_view() : open.Top().Name();
 }
 
-// Closes the open elements from `depth` upwards, all without end tag. They and their children become siblings, in the
-// order of the text:
+// Closes the open elements from `depth` on; none of them has an end tag. They and their children become siblings, in
+// the order of the text:
 //   <m><a><x/><b><y/></m>   =>   the children of m are a, x, b, y
-// Each element moves directly to its final parent, so the time to repair a whole document is linear.
+// Each element gets its final parent at once, so the time to repair a whole document is linear.
 void CMarkup::ParseState::CloseUnended(std::size_t depth, std::size_t expected_at) {
   if (depth >= open.Depth()) return;
   const std::uint32_t parent = depth == 0 ? 0 : open[depth - 1].elem;

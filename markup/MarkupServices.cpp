@@ -1,4 +1,4 @@
-// CMarkup's static text services. Each checks its arguments and calls the function that does the work.
+// The static text functions of CMarkup. Each checks its arguments and calls the function that does the work.
 #include <climits>
 #include <cstring>
 

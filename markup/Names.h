@@ -1,4 +1,4 @@
-// Comparing tag and attribute names.
+// Compares and checks tag and attribute names.
 #pragma once
 
 #include <cstddef>
@@ -11,12 +11,12 @@
 
 namespace qx::markup {
 
-// 0 when the first `length` bytes are equal, else negative or positive like the first difference. Case means A-Z and
-// a-z only.
+// 0 if the first `length` bytes are equal; otherwise negative or positive, as for the first different byte. Only the
+// case of A-Z and a-z is ignored.
 int CompareIgnoringCase(const char* a, const char* b, std::size_t length);
 
-// True if the words at the beginning and at the end of two texts are equal. Words of texts that are shorter than two
-// words overlap.
+// True if two texts of the same length begin with the same word and end with the same word. In a text that is shorter
+// than two words, these words overlap.
 template <typename Word>
 bool SameEnds(const char* a, const char* b, std::size_t length) {
   Word words[4];
@@ -27,7 +27,7 @@ bool SameEnds(const char* a, const char* b, std::size_t length) {
   return words[0] == words[1] && words[2] == words[3];
 }
 
-// Names are short: a call of memcmp would take longer than the comparison.
+// Compares without memcmp if possible: names are short, and the call would take longer than the comparison.
 inline bool SameBytes(const char* a, const char* b, std::size_t length) {
   if (length > 16) return std::memcmp(a, b, length) == 0;
   if (length >= 8) return SameEnds<std::uint64_t>(a, b, length);
@@ -62,7 +62,8 @@ inline std::string_view LeadingTagName(std::string_view text) {
   return text.substr(0, static_cast<std::size_t>(p - text.data()));
 }
 
-// The name in a whole start tag, from "<" to ">". The ">" ends the name at the latest, so the loop needs no other end.
+// The name in a whole start tag, from "<" to ">". The name ends at the ">" at the latest, so the loop needs no other
+// end.
 inline std::string_view NameInStartTag(std::string_view tag) {
   const char* const name = tag.data() + 1;
   const char* p = SkipNameBytes(name, tag.data() + tag.size());
@@ -73,7 +74,7 @@ inline std::string_view NameInStartTag(std::string_view tag) {
 // True if a start tag can have this name, so that a parse reads it back whole.
 bool IsTagName(std::string_view name);
 
-// The same for the name of an attribute, which must not contain "=" either.
+// True if an attribute can have this name.
 bool IsAttributeName(std::string_view name);
 
 }  // namespace qx::markup

@@ -19,7 +19,7 @@ bool PathPos::Parse() {
   return rest_.empty();
 }
 
-// A step without name needs a predicate, unless it is the whole path.
+// A step without a name needs a predicate in "[ ]", unless the step is the whole path.
 bool PathPos::ParseStep() {
   PathStep step;
   step.name = TakeName();

@@ -1,4 +1,4 @@
-// An element path, parsed into its steps:  /a/b[2][@x='1']/@y
+// Parses an element path into its steps: /a/b[2][@x='1']/@y
 #pragma once
 
 #include <cstdint>
@@ -9,20 +9,20 @@
 struct PathAttribute {
   std::string_view name;
   bool any_value = true;
-  std::string_view value;  // the unescaped text; unused with any_value
+  std::string_view value;  // the unescaped text; only used if any_value is false
 };
 
 struct PathStep {
-  std::string_view name;  // empty: any
+  std::string_view name;  // empty: any name
   std::vector<PathAttribute> attributes;
-  // Which of the elements that match the rest of the step is meant, counted from 1 in the order of the search; 0: no
-  // such predicate.
+  // The number in a predicate such as [2]: it selects one of the elements that match the rest of the step, counted from
+  // 1 in the order of the search. 0: no such predicate.
   std::uint32_t position = 0;
 };
 
 // A parsed element path.
 //
-// Threads: it is used by one thread at a time. Owns: the steps; names and values are views of the path's text.
+// Threads: one thread at a time. Owns: the steps; names and values are views of the path's text.
 class PathPos {
  public:
   // An empty path is one step that matches any element.

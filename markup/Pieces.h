@@ -1,4 +1,4 @@
-// New text for a document, as a sequence of pieces that follow one another.
+// Collects new text for a document, as a sequence of pieces that follow one another.
 #pragma once
 
 #include <array>
@@ -27,7 +27,7 @@ void CopyEnds(const char* from, char* to, std::size_t bytes) {
   std::memcpy(to + bytes - sizeof last, &last, sizeof last);
 }
 
-// Copies a text that is mostly short: a call of memcpy would take longer than the copy.
+// Copies without memcpy if the text is short: the call would take longer than the copy.
 inline void CopyBytes(const char* from, char* to, std::size_t bytes) {
   if (bytes > 16) {
     std::memcpy(to, from, bytes);
@@ -40,14 +40,13 @@ inline void CopyBytes(const char* from, char* to, std::size_t bytes) {
   }
 }
 
-// Collects the pieces of a change. Short pieces are copied into the object's own buffer, so that most changes end as
-// one piece and need no allocation. A long piece is kept as a view. A CDATA section has two more pieces for each "]]>".
+// The pieces of a change. Short pieces are copied into the object's own buffer, so that most changes become one piece
+// and need no allocation. A long piece is kept as a view. A CDATA section has two more pieces for each "]]>".
 //
-// Threads: it is used by one thread at a time. Owns: its buffer and the list of pieces, not the text that views refer
-// to.
+// Threads: one thread at a time. Owns: its buffer and the list of pieces, but not the texts of the views.
 class Pieces {
  public:
-  Pieces() = default;  // text_ and few_ stay uninitialised: only what was added is ever read
+  Pieces() = default;  // text_ and few_ are not initialised: only added parts are read
   Pieces(const Pieces&) = delete;
   Pieces& operator=(const Pieces&) = delete;
 
@@ -63,7 +62,7 @@ class Pieces {
     (Add(std::string_view(more)), ...);
   }
 
-  // The free part of the buffer if it has at least `bytes` bytes, else null.
+  // The free part of the buffer if it has at least `bytes` bytes, otherwise null.
   char* SpaceFor(std::size_t bytes) { return bytes > text_.size() - text_size_ ? nullptr : text_.data() + text_size_; }
   // Adds the first `bytes` bytes of the free part, which the caller has written.
   void AddWritten(std::size_t bytes) {
@@ -72,8 +71,8 @@ class Pieces {
   }
 
   std::size_t Bytes() const { return bytes_; }
-  // The whole text if it fits into the buffer, with a copy of `tail` after it; otherwise an empty text. Ends the use of
-  // the object.
+  // The whole text if it fits into the buffer, with a copy of `tail` after it; otherwise an empty text. The object must
+  // not be used afterwards.
   std::string_view TextBefore(std::string_view tail) {
     char* const to = SpaceFor(tail.size());
     if (to == nullptr || count_ != 0) return {};

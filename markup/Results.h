@@ -1,4 +1,5 @@
-// The results of a parse: one empty element per fault, all in one text, and the phrases that describe them to readers.
+// Builds the results of a parse: one text with an empty element for each fault. Also has the phrases that describe the
+// faults to readers.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +8,7 @@
 
 namespace qx::markup {
 
-// No result is added to a text longer than this.
+// If the text is longer than this, no further result is added.
 inline constexpr std::size_t kResultTextBytesMax = 999;
 inline constexpr std::size_t kNoOffset = static_cast<std::size_t>(-1);
 

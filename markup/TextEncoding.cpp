@@ -28,7 +28,7 @@ TextEncoding::TextEncoding(const char* to, const char* from)
       source_is_utf8_(qx::markup::SameName(from, "UTF-8", true)) {
   const iconv_t question = iconv_open(to, "ASCII");
   if (question == reinterpret_cast<iconv_t>(-1)) return;
-  // The first converted character may begin with a byte-order mark; the second one is "?" alone.
+  // The first converted character may have a byte-order mark before it; the second one has no mark.
   char marks[] = "??";
   char out[32];
   for (char* in = marks; in < marks + 2;) {
@@ -62,8 +62,8 @@ std::string TextEncoding::Convert(std::string_view input) {
   return out;
 }
 
-// Converts until one output chunk is full or the input ends; false if a character stops it, which then is at the front
-// of the input.
+// Converts until one output chunk is full or the input ends. False if a character cannot be converted; this character
+// is then at the front of the input.
 bool TextEncoding::Step(std::string_view& input, std::string& out) {
   char chunk[kOutputChunkBytes];
   char* to = chunk;

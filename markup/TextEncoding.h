@@ -1,4 +1,4 @@
-// One conversion between character sets, with the C library's iconv.
+// Converts texts between character sets with the C library's iconv.
 #pragma once
 
 #include <iconv.h>
@@ -7,11 +7,11 @@
 #include <string>
 #include <string_view>
 
-// Converts texts from one encoding to another. A character that the target lacks, and input that is not a character,
-// become "?" and are counted. In faulty input one unit is skipped at a time. The unit is 2 bytes for "UTF-16",
-// "UTF-16LE" and "UTF-16BE", 4 for "UTF-32" (names in any case), and 1 for every other encoding.
+// One conversion, from one encoding to another. Each character that the target lacks becomes "?" and is counted; so
+// does each unit of input that is not a character. The unit is 2 bytes for "UTF-16", "UTF-16LE" and "UTF-16BE", 4 for
+// "UTF-32" (names in any case), and 1 for every other encoding.
 //
-// Threads: it is used by one thread at a time. Owns: the conversion descriptor.
+// Threads: one thread at a time. Owns: the conversion descriptor.
 // Failure: IsOpen() is false for an encoding that the C library does not know; Convert then returns an empty text.
 class TextEncoding {
  public:
@@ -25,10 +25,10 @@ class TextEncoding {
   // Converts one whole text. May be called again for other texts.
   std::string Convert(std::string_view input);
 
-  // Characters of the last text that could not be converted.
+  // The number of "?" that the last Convert has written for what it could not convert.
   int FailedChars() const { return failed_chars_; }
 
-  // Bytes of the smallest unit: 1, 2 or 4.
+  // The number of bytes in a unit of the encoding: 1, 2 or 4.
   static std::size_t UnitBytes(std::string_view encoding);
 
  private:

@@ -16,8 +16,8 @@ constexpr std::size_t kNotFound = std::string_view::npos;
 constexpr std::string_view kDocTypeOpening = "<!DOCTYPE";
 constexpr std::string_view kCDataOpening = "<![CDATA[";
 
-// Handles the next quote or angle bracket of a start tag. True for an angle bracket outside quotes. `quote` is the open
-// quote, or NUL.
+// Handles the next quote or angle bracket of a start tag. True for an angle bracket outside quotes. `quote` is the
+// quote that is open, or NUL.
 bool EndsTag(char c, char& quote) {
   if (quote == '\0' && (c == '>' || c == '<')) return true;
   if (quote == '\0') {
@@ -31,10 +31,10 @@ bool EndsTag(char c, char& quote) {
 #if defined(__SSE2__)
 // Searches a start tag, block by block, for angle brackets outside quotes. Each bit is for one byte of the block.
 struct TagBlocks {
-  unsigned open = 0;      // all bits are set if the block before ends inside quotes
+  unsigned open = 0;      // all bits are set if the previous block ends inside quotes
   unsigned brackets = 0;  // of the current block
 
-  // Searches the block at `p` without its first `seen` bytes. False, with nothing changed, if it has a "'".
+  // Searches the block at `p` without its first `seen` bytes. False, with nothing changed, if there is a "'" in it.
   bool Search(const char* p, std::size_t seen) {
     if (qx::markup::HitsInBlock<'\''>(p) >> seen != 0) return false;
     unsigned inside = qx::markup::HitsInBlock<'"'>(p) >> seen;
@@ -53,7 +53,7 @@ struct TagBlocks {
 
 }  // namespace
 
-// The offset of the first of the bytes at or after `from`, or the size of the text.
+// The offset of the first byte at or after `from` that is one of kBytes, or the size of the text.
 template <char... kBytes>
 std::size_t TokenPos::Find(std::size_t from) const {
   const char* const data = text_.data();
@@ -114,7 +114,7 @@ std::size_t TokenPos::TagEnd(std::size_t from) const {
   return kNotFound;
 }
 
-// `bracket` is the first angle bracket outside the quotes of a start tag.
+// The end of a start tag whose first angle bracket outside quotes is at `bracket`.
 std::size_t TokenPos::TagEndAt(std::size_t bracket) const { return text_[bracket] == '>' ? bracket + 1 : kNotFound; }
 
 // True for exactly "</name>" with the expected name.
@@ -169,8 +169,8 @@ NodeType TokenPos::ParseCData() {
   return Finish(NodeType::kCData, CDataEnd(start + kCDataOpening.size()));
 }
 
-// After one faulty declaration every further one counts as faulty without being read. A document has only one, and a
-// text of thousands of incomplete declarations must not be scanned to its end for each of them.
+// After a faulty declaration every further one counts as faulty without a scan. A well-formed document has only one,
+// and a text with thousands of incomplete declarations must not be scanned to its end for each of them.
 NodeType TokenPos::ParseDocType() {
   switch (TextBegins(start, kDocTypeOpening)) {
     case Begins::kNo:
@@ -247,9 +247,9 @@ std::size_t TokenPos::QuoteEnd(std::size_t from) const {
   return close == text_.size() ? kNotFound : close + 1;
 }
 
-// The offset after the terminator, searched from `from` on. `missing_from` is the lowest offset from which a search has
-// failed so far. A search from this offset or a later one fails at once. (After a faulty declaration, the next node may
-// begin before it.)
+// The offset after the terminator, which is searched for from `from` on. `missing_from` is the lowest offset from which
+// a search has failed so far; a search from this offset or a later one fails at once. (After a faulty declaration, the
+// next node may begin before `missing_from`.)
 template <char kFirst, char kSecond, char kThird>
 std::size_t TokenPos::TerminatorEnd(std::size_t from, std::size_t& missing_from) const {
   if (from >= missing_from || from > text_.size()) return kNotFound;

@@ -1,8 +1,8 @@
-// The node scanner: divides a document's text, from front to back, into start and end tags, other nodes and plain text.
+// Scans a document's text from front to back, and divides it into nodes: start and end tags, plain text and others.
 //
-// It finds where each construct begins and ends; it does not know the structure of the elements. It never fails: a
-// faulty construct becomes a fault node that ends at the next "<", and scanning continues there. The time of a whole
-// scan is linear for any text: a search for a terminator that has once failed is not repeated from a later offset.
+// The scanner finds where each node begins and ends, but does not know the structure of the elements. It never fails:
+// faulty text becomes a fault node that ends at the next "<", and the scan continues there. The time of a whole scan is
+// linear for any text, because a search for a terminator that has failed is not repeated from a later offset.
 #pragma once
 
 #include <cstddef>
@@ -25,22 +25,22 @@ enum class NodeType : std::uint8_t {
 enum class SyntaxFault : std::uint8_t {
   kNone,
   kFirstTag,      // "<" or "</" before a byte that cannot begin a name
-  kExclamation,   // "<!" not before "DOCTYPE", "[" or "-"
+  kExclamation,   // "<!" without "DOCTYPE", "[" or "-" after it
   kDocType,       // a wrong byte in the subset of a declaration; any declaration after a faulty one
-  kComment,       // "<!-" not before "-"
-  kCData,         // "<![" not before "CDATA["
+  kComment,       // "<!-" without "-" after it
+  kCData,         // "<![" without "CDATA[" after it
   kUnterminated,  // the text ends, or another tag begins, inside a tag
   kStartTagSize,  // a start tag of 4 MiB or more
   kEndTagSize,    // an end tag of 1,024 bytes or more
   kNameSize,      // a tag name of more than 1,020 bytes
 };
 
-// The longest tag name: its end tag has three more characters, and that length still fits into the record.
+// The length of the longest tag name. The length of its end tag, which is greater by three, still fits into the record.
 inline constexpr std::size_t kTagNameBytesMax = 1020;
 
-// The scanner and its current node.
+// A scanner and its current node.
 //
-// Threads: it is used by one thread at a time. Owns: nothing; the text must outlive it and must not change.
+// Threads: one thread at a time. Owns: nothing; the text must outlive it and must not change.
 class TokenPos {
  public:
   explicit TokenPos(std::string_view text, bool ignore_case = false) : text_(text), ignore_case_(ignore_case) {}
@@ -48,8 +48,8 @@ class TokenPos {
   // Moves to the next node. The members below then describe it.
   NodeType ParseNode();
 
-  // Set by the caller: the name that the next end tag most likely has, or "". If the end tag has this name, `name` is
-  // the same view (the same pointer), so that the caller need not compare the names again.
+  // Set by the caller: the expected name of the next end tag, or "". If the end tag has this name, `name` has the same
+  // pointer, so that the caller need not compare the names again.
   std::string_view expected_name;
 
   std::size_t start = 0;                   // offset of the node's first byte
@@ -94,7 +94,7 @@ class TokenPos {
 
   std::string_view text_;
   bool ignore_case_;
-  // There is no "-->", "?>" or "]]>" from these offsets on.
+  // The offsets from which searches for "-->", "?>" and "]]>" have failed.
   std::size_t no_comment_end_from_ = std::string_view::npos;
   std::size_t no_instruction_end_from_ = std::string_view::npos;
   std::size_t no_cdata_end_from_ = std::string_view::npos;

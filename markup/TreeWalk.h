@@ -1,5 +1,5 @@
-// Walks over a document's records, and changes of the links between them. Nothing here recurses, however deep the
-// document is.
+// Walks over a document's records, and changes the links between them. No function recurses, so a document may be of
+// any depth.
 #pragma once
 
 #include <cstdint>
@@ -46,7 +46,7 @@ inline std::uint32_t PreviousSibling(const ElemPosTree& tree, std::uint32_t elem
   return tree[elem].Has(kElemFirst) ? 0 : tree[elem].previous;
 }
 
-// Links an element that has no links yet as the first child.
+// Makes `elem`, which has no links yet, the first child of `parent`.
 inline void LinkFirst(ElemPosTree& tree, std::uint32_t parent, std::uint32_t elem) {
   const std::uint32_t next = tree[parent].first_child;
   tree[elem].next = next;
@@ -59,7 +59,7 @@ inline void LinkFirst(ElemPosTree& tree, std::uint32_t parent, std::uint32_t ele
   tree[parent].first_child = elem;
 }
 
-// Links an element that has no links yet after a sibling.
+// Makes `elem`, which has no links yet, the next sibling of `previous`.
 inline void LinkAfter(ElemPosTree& tree, std::uint32_t previous, std::uint32_t elem) {
   const std::uint32_t next = tree[previous].next;
   tree[previous].next = elem;

@@ -18,8 +18,9 @@ namespace {
 
 constexpr std::size_t kReferenceCharsMax = 9;
 
-// The length of text that is unescaped before it is appended, and the most that may be written after it: the rest of a
-// wide block, a reference that begins in it, and a whole block of 16 bytes. No character is longer than its reference.
+// kUnescapeBytes of text are unescaped before the result is appended. Up to kOverrunBytes more may be written: the rest
+// of a wide block, a reference that begins in it, and a whole block of 16 bytes. No character is longer than its
+// reference.
 constexpr std::size_t kUnescapeBytes = 1024;
 constexpr std::size_t kOverrunBytes = 128;
 
@@ -38,7 +39,7 @@ int NumericReference(std::string_view code) {
 }
 
 struct Reference {
-  int code = 0;               // 0: none
+  int code = 0;               // 0: no reference
   const char* end = nullptr;  // after the ";"
 };
 
@@ -72,10 +73,10 @@ std::string HandleSpace(std::string_view text, int flags) {
   return out;
 }
 
-// One of the five most common references in its lower-case form: its bytes, and a mask that selects as many of eight
-// bytes.
+// One of the five most common references, in lower case: its bytes, and a mask that selects the same number of bytes
+// from eight.
 struct CommonReference {
-  std::uint64_t text = 1;  // no eight bytes with all bits masked out are this
+  std::uint64_t text = 1;  // equals no eight bytes under the mask 0
   std::uint64_t mask = 0;
   std::uint32_t size = 0;
   char code = '\0';
@@ -110,8 +111,8 @@ consteval std::array<CommonReference, 16> MakeCommonReferences() {
 
 constexpr std::array<CommonReference, 16> kCommonReferences = MakeCommonReferences();
 
-// Reads the reference at `p` and writes its character to `to`, or "&" if nothing begins there. Moves `p` past what it
-// read.
+// Reads the reference at `p` and writes its character to `to`, or "&" if no reference begins there. Moves `p` past what
+// was read.
 inline char* ReplaceReference(const char*& p, const char* end, char* to) {
   constexpr std::size_t kEight = 8;
   if (end - p >= std::ptrdiff_t{kEight}) {
@@ -130,8 +131,8 @@ inline char* ReplaceReference(const char*& p, const char* end, char* to) {
 }
 
 #if defined(__SSE2__)
-// Unescapes the wide block at `p`, after which the text has at least one block more, and a reference that begins in it.
-// Moves `p` past them; returns the end of what was written to `to`.
+// Unescapes the wide block at `p`, after which the text has at least one block more, and also the end of a reference
+// that begins in the block. Moves `p` past the text that was read; returns the end of what was written to `to`.
 char* UnescapeWideBlock(const char*& p, const char* end, char* to) {
   const char* const block = p;
   for (std::uint64_t hits = HitsInWideBlock<'&'>(block); hits != 0; hits &= hits - 1) {
@@ -178,7 +179,8 @@ void AppendUnescapedPlain(std::string& out, std::string_view text) {
   }
 }
 
-// Most texts have no reference. The others are unescaped in stretches, into a buffer with space for the longest one.
+// Most texts have no reference, and are only appended. The others are unescaped in stretches, into a buffer that is
+// large enough for any stretch.
 void AppendUnescaped(std::string& out, std::string_view text, int flags) {
   if ((flags & (kUnescapeTrim | kUnescapeCollapse)) != 0) return AppendUnescaped(out, HandleSpace(text, flags), 0);
   const char* const end = text.data() + text.size();

@@ -11,7 +11,7 @@ namespace {
 
 bool IsContinuation(char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80; }
 
-// Length of the sequence that a lead byte announces; 0 if the byte is not a lead byte.
+// The length of the sequence that begins with this lead byte; 0 if the byte is not a lead byte.
 //   00..7F => 1    C2..DF => 2    E0..EF => 3    F0..F4 => 4
 std::size_t SequenceLength(unsigned lead) {
   if (lead < 0x80) return 1;
@@ -19,7 +19,7 @@ std::size_t SequenceLength(unsigned lead) {
   return lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
 }
 
-// Checking the second byte excludes overlong forms, surrogates and codes above U+10FFFF.
+// Checks the second byte. This excludes overlong forms, surrogates and codes above U+10FFFF.
 bool IsSecondByte(unsigned lead, char c) {
   if (!IsContinuation(c)) return false;
   const auto second = static_cast<unsigned char>(c);
@@ -38,7 +38,7 @@ bool IsSecondByte(unsigned lead, char c) {
 }
 
 struct Sequence {
-  std::size_t length = 0;  // announced by the first byte, 0 if that is not a lead byte
+  std::size_t length = 0;  // the length by the first byte; 0 if this is not a lead byte
   std::size_t valid = 0;   // valid bytes from the start; the sequence is complete if this equals `length`
 };
 

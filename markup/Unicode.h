@@ -1,7 +1,8 @@
-// UTF-8 and UTF-16, one character or a whole text at a time.
+// Encodes, decodes and checks UTF-8 and UTF-16, one character or a whole text at a time.
 //
-// Valid are complete, shortest-form sequences of characters up to U+10FFFF; surrogates in UTF-8 and lone surrogates in
-// UTF-16 are invalid. The single-character forms return -1 for invalid input, the whole-text forms write U+FFFD.
+// A sequence is valid if it is complete, in its shortest form, and a character up to U+10FFFF. Surrogates in UTF-8 and
+// lone surrogates in UTF-16 are invalid. For invalid input, functions for one character return -1, and functions for
+// whole texts write U+FFFD.
 #pragma once
 
 #include <cstddef>
@@ -25,8 +26,8 @@ char* WriteUtf8(char* to, int code);
 void AppendUtf8(std::string& out, int code);
 void AppendUtf16(std::u16string& out, int code);
 
-// Removes one character from the front of the text and returns its code. For an invalid byte or unit, removes only that
-// and returns -1. Returns -1 for an empty text.
+// Removes one character from the front of the text and returns its code. For an invalid byte or unit, removes only this
+// one and returns -1. Returns -1 for an empty text.
 int TakeUtf8(std::string_view& text);
 int TakeUtf16(std::u16string_view& text);
 
