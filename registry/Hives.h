@@ -5,7 +5,7 @@
 
 namespace qx::registry {
 
-// Must be called before the key in `value` is destroyed: sets hive pointers to it to null.
+// Sets the hive pointer to the key in `value`, if there is one, to null. Must be called before the key is destroyed.
 // [lock held: CRegistry::MSpinlock]
 void ForgetHive(const RegistryValue& value);
 

@@ -1,4 +1,4 @@
-// The state of the class: loading, saving, the hives; and the life of a handle.
+// The part of CRegistry that loads and saves the tree, keeps the hive pointers, and makes and destroys handles.
 #include "registry/Registry.h"
 
 #include <algorithm>
@@ -41,9 +41,9 @@ struct CRegistry::Layout {
 };
 #pragma GCC diagnostic pop
 
-// Constructed directly after Debug (priority 101) and destroyed directly before it, because the destruction of the root
-// still traces. It is constructed before everything else, so that the constructor and destructor of any other static
-// object may use the registry.
+// These objects are constructed directly after Debug (priority 101) and destroyed directly before it, because the
+// destruction of the root still traces. They are constructed before all other static objects, so that the constructor
+// and destructor of any of these may use the registry.
 __attribute__((init_priority(102))) CCriticalSection CRegistry::MSpinlock;
 __attribute__((init_priority(102))) std::string CRegistry::MPRegistry;
 __attribute__((init_priority(102))) std::string CRegistry::MPRegistryOld;
@@ -74,13 +74,13 @@ constexpr Hive kHives[] = {
     {"HKEY_CURRENT_CONFIG", &CRegistry::MCurrentConfig},
 };
 
-// Both under MSpinlock. Until a load has read the whole of `registry`, this file may have content that no other file
-// has, so the first save keeps it. MIsSetup and the success of a load do not show this: the load may have used another
-// one of the three files.
+// These two variables are used only under MSpinlock. Until a load has read the whole file `registry`, this file may
+// have content that no other file has, so the first save keeps a copy of it. MIsSetup is not enough to show this: the
+// load may have used another one of the three files.
 constinit bool registry_is_unread = true;
 constinit const char* files_directory = qx::registry::kSystemDirectory;
 
-// A hive entry that is not a subkey counts as absent.
+// The key of a hive; null if its entry is missing or not a subkey.
 CRegistryNode* NodeOfHive(const char* name) {
   const LockScope lock(CRegistry::MRoot.Lock());
   const StrMapEntry* entry = CRegistry::MRoot.Find(name);
@@ -138,14 +138,14 @@ void SetHivePointers() {
   for (const Hive& hive : kHives) SetHivePointer(hive);
 }
 
-// A failed load leaves the pointers as they are, except for a hive that its file has replaced by a value.
+// After a failed load the hive pointers stay, except that of a hive that the file has replaced by a value.
 void ClearLostHivePointers() {
   for (const Hive& hive : kHives) {
     if (*hive.pointer != nullptr) SetHivePointer(hive);
   }
 }
 
-// The approximate length of the new file: that of the file it replaces, unless its size is not that of a registry.
+// An estimate of the length of the new file: a little more than the old file has, but at most 64 MiB.
 std::size_t BytesExpected() {
   constexpr std::size_t kMargin = 4096;
   constexpr std::size_t kMax = 64UL << 20;
@@ -159,18 +159,17 @@ bool WriteNewFile() {
   std::string text;
   if (qx::registry::FormatTree(CRegistry::MRoot, text, BytesExpected()) && qx::registry::WriteThrough(file, text))
     return true;
-  (void)qx::file::Remove(path);  // a leftover is never read, and the next save removes it
+  (void)qx::file::Remove(path);  // a file that is left is never read, and the next save removes it
   return false;
 }
 
-// The new file and the old one exchange their names in one step, and then the old one becomes the backup. So there is a
-// good file under the first name at every moment, and a damaged one never replaces the backup before the new file is in
-// use.
-// Returns 0 or the error number of the exchange.
+// The new file and the old one exchange their names in one step, and then the old one becomes the backup. So at every
+// moment there is a good file named `registry`, or an old one that was damaged before; and a damaged file never
+// replaces the backup before the new file is in use. Returns 0 or the error number of the exchange.
 int ExchangeFiles(const char* path) {
   const char* temporary = CRegistry::MPRegistryTemp.c_str();
   if (const int error = qx::file::Exchange(temporary, path); error != 0) return error;
-  // If the backup cannot get its name, the old file is removed, as if the new one were renamed over it.
+  // If the old file cannot become the backup, it is removed, as if the new file had been renamed over it.
   if (qx::file::Rename(temporary, CRegistry::MPRegistryOld.c_str()) != 0) (void)qx::file::Remove(temporary);
   return 0;
 }
@@ -189,7 +188,7 @@ void ReplaceRegistry(const char* path) {
     (void)qx::file::Rename(CRegistry::MPRegistryTemp.c_str(), path);
     return;
   }
-  // ENOENT: another process has moved or removed one of the two. If it is the new one, the old one must stay.
+  // ENOENT: another process has moved or removed one of the two files. If it is the new one, the old one must stay.
   const int error = ExchangeFiles(path);
   if (error == ENOENT) (void)qx::file::Rename(CRegistry::MPRegistryTemp.c_str(), path);
   if (error != 0 && error != ENOENT) RenameFiles(path);
@@ -202,14 +201,14 @@ void RenameNewFile() {
   qx::registry::SyncDirectoryOf(path);
 }
 
-// If no load has set the pointer of the hive, a key of its name that exists stays: other handles use it.
+// If no load has set the hive's pointer, an existing key of this name stays, because other handles may use it.
 void PutHiveEntry(const Hive& hive) {
   if (*hive.pointer == nullptr && NodeOfHive(hive.name) != nullptr) return;
   RegistryValue value;
   value.type = REG_NODE;
   value.slot.pointer = *hive.pointer;
   RegistryValue displaced;
-  (void)CRegistry::MRoot.Put(hive.name, value, displaced);  // without memory the next handle tries again
+  (void)CRegistry::MRoot.Put(hive.name, value, displaced);  // if memory runs out, the next handle tries again
   if (displaced.type != REG_NODE) qx::registry::FreeValue(displaced);
 }
 
@@ -263,7 +262,7 @@ void CRegistry::SetupTree(bool force_setup) {
       return;
     }
     SetHivePointers();
-  } catch (const std::exception&) {  // all that can be thrown here, but not the unwinding of a cancelled thread
+  } catch (const std::exception&) {  // every exception, but not the unwinding of a cancelled thread
     QX_TRACE(2, "CRegistry: SetupTree(): ## ERROR during Setup\n");
   }
   MIsSetup = true;
@@ -273,7 +272,7 @@ void CRegistry::SaveTree() {
   if (!MIsDirty) return;
   const qx::registry::UncancellableScope no_cancellation;
   const LockScope lock(MSpinlock);
-  // Cleared before the tree is written: a change that is too late for the file sets it again.
+  // The flag is cleared before the tree is written: a change that is too late for the file sets it again.
   if (!MIsDirty.exchange(false)) return;
   if (!WriteNewFile()) {
     QX_TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", MPRegistryTemp.c_str());
@@ -292,7 +291,7 @@ CRegistry::CRegistry(CRegistryNode*& key) {
 
 CRegistry::CRegistry(const char* path, CRegistryNode*& key, int access) {
   InitClass();
-  (void)Open(path, key, access);  // the handle then has no key, which every call on it reports
+  (void)Open(path, key, access);  // after a failure the handle has no key, which every call reports
 }
 
 CRegistry::CRegistry(CRegistry& other) { CopyHandle(other); }
@@ -304,7 +303,7 @@ CRegistry& CRegistry::operator=(CRegistry& other) {
 
 CRegistry::~CRegistry() { FreeClass(); }
 
-// The value buffer stays: a value that GetValue returned before an assignment may still be in use.
+// The value buffer stays, because a value that GetValue returned before an assignment may still be in use.
 void CRegistry::InitClass() {
   status_ = 0;
   value_size_ = 0;

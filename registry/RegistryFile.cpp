@@ -18,7 +18,7 @@ constexpr mode_t kFileMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
 // A lack of descriptors or memory is temporary, and so are many errors of a network file system.
 constexpr int kTries = 3;
 
-// A missing file is not a failure. Most systems have no registry and should not need three opens.
+// A missing file is not retried: most systems have no registry, and should not need three opens.
 bool IsMissing(int error) { return error == ENOENT || error == ENOTDIR; }
 
 file::Descriptor OpenWithRetries(const char* path, int flags) {
@@ -42,7 +42,7 @@ class NextTo {
   NextTo(const char* path, const char* name) {
     const char* slash = std::strrchr(path, '/');
     const int directory_chars = slash != nullptr ? static_cast<int>(slash - path) + 1 : 0;
-    (void)std::snprintf(path_, sizeof path_, "%.*s%s", directory_chars, path, name);  // too long: no such file then
+    (void)std::snprintf(path_, sizeof path_, "%.*s%s", directory_chars, path, name);  // too long: no such file
   }
   [[nodiscard]] const char* Path() const { return path_; }
 
@@ -101,12 +101,12 @@ ByteSource BytesOf(const file::Descriptor& file) {
 void KeepUnread(const char* path) {
   const NextTo kept(path, "registry.unread");
   if (file::Link(path, kept.Path()) == 0) return;
-  // On a file system without hard links, the file is renamed instead; this rename does not replace a file either.
+  // On a file system without hard links, the file is renamed instead. This does not replace an existing file either.
   (void)file::RenameWithoutReplacing(path, kept.Path());
 }
 
 void SyncDirectoryOf(const char* path) {
-  (void)file::SyncDirectory(NextTo(path, ".").Path());  // the names are set; only a crash now could undo them
+  (void)file::SyncDirectory(NextTo(path, ".").Path());  // if it fails, only a crash could undo the renames
 }
 
 }  // namespace qx::registry

@@ -13,8 +13,8 @@ namespace qx::registry {
 // Opens a regular file. Anything else (a directory, a FIFO without a writer) counts as a failed open. If `fstat` fails,
 // the file is accepted.
 [[nodiscard]] file::Descriptor OpenToRead(const char* path);
-// Creates the file at `path`. An existing file of that name is removed, unless it is a directory: it may be a link that
-// another user prepared.
+// Creates the file at `path`. An existing file of this name, which may be a link that another user prepared, is
+// removed; a directory is not removed.
 [[nodiscard]] file::Descriptor CreateToWrite(const char* path);
 
 // Bytes of the open file, or -1 if `fstat` fails.
@@ -24,16 +24,17 @@ namespace qx::registry {
 // False if one of these fails.
 [[nodiscard]] bool WriteThrough(file::Descriptor& file, std::string_view text);
 
-// The bytes of an open file, from its own position.
+// A source of the bytes of an open file, from its own position on.
 [[nodiscard]] ByteSource BytesOf(const file::Descriptor& file);
 
 // The size of the file at `path`, or 0 if there is no file.
 [[nodiscard]] std::size_t BytesAt(const char* path);
-// True if `path` leads to a file that is not empty, or if `stat` fails: such a file is kept like one with content.
+// True if `path` leads to a file that is not empty, or if `stat` fails with another error than a missing file: then the
+// file may have content.
 [[nodiscard]] bool MayHoldBytes(const char* path);
 
 // Links the file at `path`, which could not be read, to the name "registry.unread" in its directory. Does nothing if
-// this name exists already: the first file that was kept is the important one.
+// this name exists already: the first unread file is the important one.
 void KeepUnread(const char* path);
 
 // Syncs the directory of `path`.

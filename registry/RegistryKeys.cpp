@@ -1,4 +1,4 @@
-// Handles on keys: paths, creation, pointer keys, enumeration of subkeys, deletion.
+// The part of CRegistry that works on keys: paths, creation, pointer keys, enumeration of subkeys, deletion.
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -29,8 +29,8 @@ CRegistryNode* Subkey(const CRegistryNode& key, std::string_view name) {
 }
 
 // Search and creation are one step under the lock: otherwise two threads that create the same key could get two keys.
-// An entry without a value (a hive that the file does not have) gets a key. Null if the name is that of a value, or if
-// there is no memory.
+// An entry without a value (a hive that the file does not have) gets a key. Null if a value has this name, or if memory
+// runs out.
 CRegistryNode* SubkeyOrNew(CRegistryNode& key, std::string_view name) {
   const LockScope lock(key.Lock());
   StrMapEntry* entry = key.Find(name);
@@ -47,12 +47,12 @@ CRegistryNode* SubkeyOrNew(CRegistryNode& key, std::string_view name) {
     if (!key.Put(name, created.Get(), displaced)) return nullptr;
     (void)created.Release();
   }
-  CRegistry::MIsDirty = true;  // again: a save may have cleared the flag between the first time and the change
+  CRegistry::MIsDirty = true;  // again, because a save may have cleared the flag before the change
   return subkey;
 }
 
-// Takes an entry out of `key`. Returns nothing if there is no such name, or if `subkeys_only` is set and the entry is
-// not a subkey.
+// Removes an entry from `key` and returns its value. Returns an empty value if there is no such entry, or if
+// `subkeys_only` is set and the entry is not a subkey.
 OwnedValue TakeOut(CRegistryNode& key, const char* name, bool subkeys_only) {
   const LockScope lock(key.Lock());
   StrMapEntry* entry = key.Find(name);

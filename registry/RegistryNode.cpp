@@ -14,10 +14,10 @@ using qx::registry::FreeValue;
 using qx::registry::NodeOf;
 
 // Exchanges the content of keys that stay in the tree with that of keys that were just read. The old content is freed
-// with the latter. So a handle stays valid if the new file has its key, too.
+// together with the keys that were read. So a handle stays valid if the new file also has its key.
 class CRegistryNode::ContentExchange {
  public:
-  // False without memory; the caller then replaces the key itself.
+  // False if memory runs out; the caller then replaces the whole key.
   bool Add(CRegistryNode* kept, CRegistryNode* fresh) {
     try {
       pairs_.emplace_back(kept, fresh);
@@ -38,7 +38,8 @@ class CRegistryNode::ContentExchange {
   }
 
  private:
-  // Subkeys of the same name are exchanged first. The exchange of all entries then returns them to their keys.
+  // Exchanges the pointers to subkeys of the same name first. The exchange of all entries then returns the old subkeys
+  // to the old key.
   void KeepSubkeys(CRegistryNode& kept, CRegistryNode& fresh) {
     auto fresh_entries = fresh.Entries();
     std::size_t at = 0;
@@ -75,7 +76,7 @@ bool CRegistryNode::restoreNode(FILE* stream) {
   const bool has_values = qx::registry::RestoreFrom(lines, *this) != qx::registry::Reading::kFailed;
   const auto unread = static_cast<off_t>(lines.UnreadBytes());
   if (unread > 0)
-    (void)fseeko(stream, -unread, SEEK_CUR);  // a pipe cannot seek; then the bytes that were read ahead are lost
+    (void)fseeko(stream, -unread, SEEK_CUR);  // a pipe cannot seek, and loses the bytes that were read ahead
   return has_values;
 }
 
@@ -106,7 +107,7 @@ void CRegistryNode::deleteNode() {
     at = done->capacity_;
     above = static_cast<CRegistryNode*>(std::exchange(node->entries_[at].value, {}).slot.pointer);
     ++at;
-    delete done;  // it has no values any more, so this does not recurse
+    delete done;  // the key has no values any more, so this does not recurse
   }
 }
 
@@ -129,7 +130,7 @@ bool CRegistryNode::Merge(CRegistryNode& fresh) {
   return true;
 }
 
-// Both lists are sorted. They are merged from their ends, into the array's free slots at its end.
+// Merges two sorted lists from their ends, into the free slots at the end of the array.
 void CRegistryNode::MergeEntries(CRegistryNode& fresh, std::int32_t new_names, ContentExchange& exchange) {
   std::int32_t old = count_;
   std::int32_t place = count_ + new_names;

@@ -1,7 +1,7 @@
-// Internal: making, reading and freeing the data of a value slot.
+// Internal: makes, reads and frees the data of a value slot.
 //
 // Strings and blocks are arrays of char; a block begins with its length as a 32-bit number in host order. Nothing here
-// throws: without memory a maker gives a null pointer.
+// throws: if memory runs out, the functions New... return a null pointer.
 #pragma once
 
 #include <cstddef>
@@ -58,7 +58,7 @@ class OwnedValue {
 
   [[nodiscard]] bool IsPresent() const { return value_.IsPresent(); }
   [[nodiscard]] const RegistryValue& Get() const { return value_; }
-  // Owns a value that a function returned to be freed.
+  // The place for a value that a function returns and that is to be freed.
   [[nodiscard]] RegistryValue& Place() { return value_; }
   RegistryValue Release() { return std::exchange(value_, {}); }
 

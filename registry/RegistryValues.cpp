@@ -1,4 +1,4 @@
-// Handles on values: reading, expanding, enumerating, storing.
+// The part of CRegistry that reads, expands, enumerates and stores values.
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -64,7 +64,7 @@ bool Store(CRegistryNode& key, const char* name, OwnedValue value) {
     if (!key.Put(name, value.Get(), displaced.Place())) return false;
     (void)value.Release();
   }
-  CRegistry::MIsDirty = true;  // again: a save may have cleared the flag before the change
+  CRegistry::MIsDirty = true;  // again, because a save may have cleared the flag before the change
   if (displaced.IsPresent()) {
     change.Forget(displaced.Get());
     QX_TRACE(2, "CRegistry::SetValue oEntry = %p\n", displaced.Get().slot.pointer);
@@ -125,7 +125,7 @@ bool CRegistry::ReadString(const char* name, CRegistryNode* node) {
   return GetValue(name, node) != nullptr && (value_type_ == REG_SZ || value_type_ == REG_EXPAND_SZ);
 }
 
-// Quirk: only the size is checked, so a string of three characters is accepted as a number, too.
+// Quirk: only the size is checked, so a string of three characters is read as a number as well.
 long CRegistry::QueryValue(unsigned* dword, const char* name, CRegistryNode* node) {
   if (KeyOr(node) == nullptr) return EINVAL;
   const unsigned char* bytes = GetValue(name, node);
@@ -206,7 +206,7 @@ bool CRegistry::SetValue(const char* name, const unsigned char* data, unsigned s
                          CRegistryNode* node) {
   CRegistryNode* key = KeyOr(node);
   if (key == nullptr) return false;
-  MIsDirty = true;  // Quirk: a refused call, too, makes the next destroyed handle write the tree.
+  MIsDirty = true;  // Quirk: even after a refused call the next destroyed handle writes the tree.
   QX_TRACE(2, "CRegistry::SetValue \"%s\" %d %d\n", TextOrNull(name), static_cast<int>(size), static_cast<int>(type));
   OwnedValue value = NewValue(data, size, type);
   if (!value.IsPresent()) return false;

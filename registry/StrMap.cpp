@@ -35,7 +35,7 @@ constexpr std::int32_t kCapacityMax = INT_MAX - kGrowthSlots;
 // thousands of times.
 std::size_t SlotsAllocated(std::int32_t capacity) { return std::bit_ceil(static_cast<std::size_t>(capacity)); }
 
-// Growing happens when the array is full, and then by 16:
+// The capacity grows only if the array is full, in steps of 16:
 //   capacity 0, 1 entry => 16     capacity 16, 17 entries => 32
 std::int32_t GrownCapacity(std::int32_t capacity, std::int32_t count) {
   if (count <= capacity) return capacity;

@@ -1,4 +1,4 @@
-// The sorted map of names to typed values that every registry key is made of.
+// A sorted map of names to typed values. Every registry key is such a map.
 //
 // The map is one array, always sorted by the bytes of the names, with a binary search. A registry file has its entries
 // in this order, so most insertions append. The map owns the names and the array, never the values: the data of a value
@@ -20,7 +20,7 @@ enum : std::int32_t {
   REG_NODE = 666,     // a subkey; never the type of a value
 };
 
-// A value as a map slot holds it. Order is interface.
+// The value in a slot of the map. Order is interface.
 struct RegistryValue {
   union Slot {
     void* pointer;        // string, block or CRegistryNode; null: an entry without a value
@@ -42,28 +42,28 @@ struct StrMapEntry {
 
 // A map from names to typed values.
 //
-// Threads: any thread that holds Lock() during each call and while it uses the result. A map that no other thread can
-// reach yet needs no lock.
+// Threads: any thread, but it must hold Lock() during each call and while it uses the result. A map that no other
+// thread can reach yet needs no lock.
 // Owns: the array and the names, not the values.
-// Failure: an operation that finds no memory returns false and leaves the map unchanged.
+// Failure: if memory runs out, an operation returns false and leaves the map unchanged.
 class CStrMap {
  public:
   CStrMap() noexcept = default;
-  // Frees names and array; values belong to the owner.
+  // Frees the names and the array, not the values.
   ~CStrMap();
   CStrMap(const CStrMap&) = delete;
   CStrMap& operator=(const CStrMap&) = delete;
 
   // Orders two StrMapEntry by the bytes of their names, upper case before lower; an entry without a name comes after
-  // every named one and equals another one without a name. Less than, equal to or greater than 0, as sorting routines
-  // expect. [any thread]
+  // every entry with a name, and equals another entry without a name. The result is less than, equal to or greater than
+  // 0, as for qsort. [any thread]
   [[nodiscard]] static int compare(const void* left, const void* right);
 
   [[nodiscard]] CCriticalSection& Lock() const { return lock_; }
 
   // All entries in order, valid until the next change of the map. [lock held: Lock()]
   [[nodiscard]] std::span<StrMapEntry> Entries() const { return {entries_, static_cast<std::size_t>(count_)}; }
-  // Slots of the array; it grows by 16 above the number of entries. [lock held: Lock()]
+  // The number of slots of the array. It grows in steps of 16. [lock held: Lock()]
   [[nodiscard]] std::int32_t Capacity() const { return capacity_; }
 
   // The entry of exactly this name, or null. Valid until the next change of the map. [lock held: Lock()]
@@ -73,19 +73,19 @@ class CStrMap {
   // frees; an existing entry keeps its slot and its name. [lock held: Lock()]
   [[nodiscard]] bool Put(std::string_view name, const RegistryValue& value, RegistryValue& displaced);
 
-  // Removes `entry` (from Find), frees its name and returns its value, which the caller frees.
-  // [lock held: Lock()]
+  // Removes `entry`, which Find has returned, and frees its name. Returns its value, which the caller frees. [lock
+  // held: Lock()]
   [[nodiscard]] RegistryValue Remove(StrMapEntry* entry);
 
-  // Loading many entries into a map that no other thread can reach: append them in any order and with repetitions, then
-  // sort once. Of equal names, the value that was appended last stays, and the others are freed. [owning thread]
+  // To load many entries into a map that no other thread can reach: append them, in any order and with repeated names,
+  // then sort once. Of equal names, the value that was appended last stays, and the others are freed. [owning thread]
   [[nodiscard]] bool Append(std::string_view name, const RegistryValue& value);
   void SortAppended();
 
  protected:
-  // Frees names and array and is empty afterwards.
+  // Frees the names and the array; the map is empty afterwards.
   void Discard();
-  // Exchanges all entries with `other`; the locks stay where they are.
+  // Exchanges all entries with `other`, but not the locks.
   void SwapEntries(CStrMap& other) noexcept;
   // Allocates slots for `count` entries. The capacity grows in the same steps as with single insertions.
   [[nodiscard]] bool Reserve(std::int32_t count);

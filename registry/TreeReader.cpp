@@ -65,7 +65,7 @@ consteval std::array<std::uint8_t, 256> MakeDigitValues() {
 
 constexpr std::array<std::uint8_t, 256> kDigitValues = MakeDigitValues();
 
-// Converts numbers in the form of a save, two digits and a space. False if one of them has another form.
+// Converts numbers in the form that a save writes: two digits and a space. False if a number has another form.
 //   "0a ff "  => 0a ff
 bool ConvertPlainBytes(std::string_view data, char* to) {
   unsigned strange = 0;
@@ -78,9 +78,9 @@ bool ConvertPlainBytes(std::string_view data, char* to) {
   return strange == 0;
 }
 
-// Numbers one after another, of each the low 8 bits:  "1ff 2" => ff 02
-// Quirk: a number may have one digit, and no space needs to follow it ("+1+2" are two numbers). So a line can have more
-// numbers than a third of its length. The block has as many bytes as there are numbers.
+// Makes a block from hexadecimal numbers, of each the low 8 bits: "1ff 2" => ff 02 Quirk: a number may have one digit,
+// and a space need not follow it ("+1+2" are two numbers). So a line can have more numbers than a third of its length.
+// The block has as many bytes as there are numbers.
 char* NewBlockOfNumbers(std::string_view data) {
   std::array<char, kLineCharsMax> bytes;
   std::size_t count = 0;
@@ -104,7 +104,7 @@ OwnedValue BinaryValue(std::string_view data) {
   return {REG_BINARY, NewBlockOfNumbers(data)};
 }
 
-// Builds keys that no other thread can reach yet; they are merged into the tree after all lines are read.
+// Builds keys that no other thread can reach yet. The keys are merged into the tree after all lines are read.
 class TreeBuilder {
  public:
   explicit TreeBuilder(CRegistryNode& top) : current_(&top) {}
@@ -117,7 +117,7 @@ class TreeBuilder {
     if (equals != std::string_view::npos) TakeValue(line.substr(0, equals), line.substr(equals));
   }
 
-  // False if it was the outermost key.
+  // Closes the current key. False if it was the outermost key.
   bool CloseKey() {
     if (skipped_keys_ > 0) {
       --skipped_keys_;
@@ -136,9 +136,9 @@ class TreeBuilder {
   }
 
  private:
-  // The entry is made before the content of its key is read. Nothing else is added to the key above meanwhile, so the
-  // position is the same as if the entry were made afterwards. Without memory the key is skipped with its content: its
-  // values must not get into the key above.
+  // Makes the entry before the content of its key is read. Meanwhile nothing else is added to the key above, so the
+  // order of the entries does not change. If memory runs out, the key is skipped with its content, so that its values
+  // do not get into the key above.
   void OpenKey(std::string_view name) {
     CRegistryNode* key = skipped_keys_ == 0 ? AppendKey(name) : nullptr;
     if (key != nullptr) {
@@ -170,7 +170,8 @@ class TreeBuilder {
     has_values_ = true;  // Quirk: a number line without digits stores nothing, but the file still counts as good.
   }
 
-  // Without memory the line is skipped. A number without digits has no type.
+  // If memory runs out, the line is skipped. The value of a number line without digits has type 0, and does not count
+  // as skipped.
   void Store(std::string_view name, OwnedValue value) {
     if (!value.IsPresent() || !current_->Append(name, value.Get())) {
       if (value.Get().type != 0) has_skipped_lines_ = true;
@@ -191,7 +192,7 @@ class TreeBuilder {
 
   CRegistryNode* current_;
   std::vector<CRegistryNode*> above_;
-  std::size_t skipped_keys_ = 0;  // open ones among those for which there was no memory
+  std::size_t skipped_keys_ = 0;  // the number of open keys for which there was no memory
   bool has_values_ = false;
   bool has_skipped_lines_ = false;
 };
@@ -232,8 +233,8 @@ void LineReader::Refill() {
   end_ += static_cast<std::size_t>(got);
 }
 
-// The end of the input closes all keys that are open. An empty line closes one, and at the outermost level it ends the
-// reading, whatever follows.
+// The end of the input closes all keys that are open. An empty line closes one key. At the outermost level it ends the
+// reading, even if further lines follow.
 Reading RestoreFrom(LineReader& lines, CRegistryNode& node) {
   CRegistryNode fresh;
   TreeBuilder builder(fresh);

@@ -1,8 +1,8 @@
-// Internal: the registry file's format, reading (docs/registry-file.md).
+// Internal: reads the format of the registry file (docs/registry-file.md).
 //
 // The input is read in windows. A line has at most 1023 characters, and the rest of a longer line is the next line. The
-// part of a line after a NUL is ignored. Existing files depend on these rules, so the end of a window must not change
-// them.
+// part of a line after a NUL is ignored. Existing files depend on these rules, so the result must not depend on where a
+// window ends.
 #pragma once
 
 #include <sys/types.h>
@@ -23,10 +23,10 @@ inline constexpr std::size_t kWindowBytes = 64UL * 1024;
 // Reads up to `size` bytes like read(2): the number of bytes, 0 at the end, -1 on an error.
 using ByteSource = std::function<ssize_t(char* to, std::size_t size)>;
 
-// The lines of an input, one after another.
+// Reads the lines of an input, one after another.
 class LineReader {
  public:
-  // A window is at least one line long.
+  // A window has at least the size of the longest line, even if `window_bytes` is smaller.
   explicit LineReader(ByteSource source, std::size_t window_bytes = kWindowBytes);
 
   // The next line without its line feed, valid until the next call; nothing at the end or after an error. It is empty
@@ -37,7 +37,7 @@ class LineReader {
   [[nodiscard]] std::optional<std::string_view> Next();
 
   [[nodiscard]] bool HasFailed() const { return failed_; }
-  // Bytes taken from the source that no line has used.
+  // The number of bytes that were read from the source and are not part of a returned line.
   [[nodiscard]] std::size_t UnreadBytes() const { return end_ - begin_; }
 
  private:
@@ -48,7 +48,7 @@ class LineReader {
   std::unique_ptr<char[]> window_;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
-  bool may_have_nul_ = false;  // a NUL has been read; most files have none, and their lines need no search for one
+  bool may_have_nul_ = false;  // a NUL was read: only then the lines are searched for it
   bool at_end_ = false;
   bool failed_ = false;
 };

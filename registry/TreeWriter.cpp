@@ -89,8 +89,8 @@ void AppendValue(std::string& text, const StrMapEntry& entry) {
   text += '\n';
 }
 
-// Names and data are spread over all the memory of the tree. Those of an entry some entries ahead are fetched while the
-// entries before it are written.
+// Names and data are spread over the memory of the tree, so each access would wait for memory. While one entry is
+// written, the name and the data of the entry eight places later are prefetched.
 void FetchAhead(std::span<const StrMapEntry> entries, std::size_t current) {
   constexpr std::size_t kAhead = 8;
   if (entries.size() - current <= kAhead) return;

@@ -1,7 +1,7 @@
-// Internal: a scope in which the calling thread is not cancelled.
+// Internal: makes a scope in which the calling thread cannot be cancelled.
 //
-// Writing a trace line or a file is a cancellation point. If a thread were unwound out of a destructor, the process
-// would end; and a tree could stay partly freed.
+// Writing a trace line or a file is a cancellation point. If a thread were cancelled inside a destructor, the process
+// would end. If it were cancelled while a tree is freed, a part of the tree would stay.
 #pragma once
 
 #include <pthread.h>

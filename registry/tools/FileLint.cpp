@@ -21,7 +21,7 @@ bool Holds(std::string_view text, char c) { return text.find(c) != std::string_v
 
 bool IsBlank(std::string_view text) { return text.find_first_not_of(" \t\r\v\f") == std::string_view::npos; }
 
-// A name of the file for a message, without control bytes, which would move the cursor.
+// A name from the registry file, in quotes for a message. Control bytes, which could move the cursor, become "?".
 std::string Quoted(std::string_view text) {
   constexpr std::size_t kCharsMax = 40;
   std::string quoted = "\"";
@@ -31,11 +31,11 @@ std::string Quoted(std::string_view text) {
 
 std::string At(std::uint64_t line) { return "line " + std::to_string(line); }
 
-// How strtol reads the text after "=d=".
+// The result of strtol for the text after "=d=".
 struct NumberReading {
   bool has_digits;
-  bool is_whole;  // there is nothing after the digits
-  bool fits;      // in 32 bits, signed
+  bool is_whole;  // nothing is after the digits
+  bool fits;      // the number has 32 bits with its sign
 };
 
 NumberReading ReadNumber(std::string_view data) {
@@ -48,11 +48,11 @@ NumberReading ReadNumber(std::string_view data) {
           .fits = errno == 0 && number >= INT32_MIN && number <= INT32_MAX};
 }
 
-// How the text after "=b=" is read: numbers in base 16 up to the first text that is not one.
+// The numbers in base 16 after "=b=", up to the first text that is not a number.
 struct BlockReading {
   std::size_t count = 0;
   bool is_whole = false;  // only blanks are after the last number
-  bool fits = true;       // each fits into a byte
+  bool fits = true;       // each number fits into a byte
 };
 
 BlockReading ReadBlock(std::string_view data) {
@@ -71,7 +71,7 @@ BlockReading ReadBlock(std::string_view data) {
   return reading;
 }
 
-// Reads the file as a load does: with the same pieces of lines and the same open keys.
+// Reads the file as a load does: long lines are split into the same pieces, and the same keys are open at each line.
 class Linter {
  public:
   explicit Linter(std::string_view bytes) : rest_(bytes) { keys_.emplace_back(); }
@@ -289,7 +289,7 @@ class Linter {
     Keep({line, rule, LintSeverity::kError, std::move(explanation), std::move(fix)});
   }
 
-  // The rest of a long line gets no findings of its own, because nobody wrote it as a line.
+  // For the rest of a long line there are no warnings, because nobody wrote it as a line.
   void Warn(std::uint64_t line, const char* rule, std::string explanation, std::string fix) {
     if (is_rest_of_line_) return;
     ++result_.warnings;

@@ -1,4 +1,4 @@
-// Finds what a load of a registry file would drop, change or misread. Only tools use it.
+// Finds the lines of a registry file that a load would drop, change or misread. Only tools use it.
 #pragma once
 
 #include <cstddef>
@@ -10,8 +10,8 @@
 namespace qx::registry {
 
 enum class LintSeverity {
-  kWarning,  // a load leaves it out, or it is unusual
-  kError,    // a load misreads it or loses it
+  kWarning,  // a load skips the line, or the line is unusual or replaces an earlier value
+  kError,    // a load misreads the line or loses content
 };
 
 struct LintFinding {
@@ -34,7 +34,7 @@ struct LintResult {
   [[nodiscard]] bool IsComplete() const { return findings.size() == errors + warnings; }
 };
 
-// `bytes` are those of a whole file. Time and memory are in proportion to the file, whatever its content. [any thread]
+// Checks `bytes`, the content of a whole file. Time and memory grow only in proportion to its size. [any thread]
 [[nodiscard]] LintResult LintFile(std::string_view bytes);
 
 }  // namespace qx::registry

@@ -14,9 +14,10 @@ namespace {
 
 constexpr std::size_t kNoParent = static_cast<std::size_t>(-1);
 
-// A key that one tree, or both, have at one path. The paths of keys without changes are never built.
+// The keys that the two trees have at the same path; one of them may be missing. Paths are built only for keys with
+// changes.
 struct Pair {
-  const CRegistryNode* before;  // null: that tree lacks the key
+  const CRegistryNode* before;  // null: the tree lacks the key
   const CRegistryNode* after;
   std::size_t parent;
   std::string_view name;
@@ -37,7 +38,7 @@ using Entries = std::span<StrMapEntry>;
 
 Entries EntriesOf(const CRegistryNode* key) { return key != nullptr ? key->Entries() : Entries(); }
 
-// Takes the entry at the front if it is the one of `name` and has a value.
+// Removes the front entry if it has this name. Returns the entry, or null if it has another name or no value.
 const StrMapEntry* TakeIf(Entries& entries, std::string_view name) {
   if (entries.empty() || name != entries.front().name) return nullptr;
   const StrMapEntry& entry = entries.front();
@@ -123,7 +124,7 @@ std::size_t LineChars(const StrMapEntry& entry, const TreeValue& value) {
   if (value.type == REG_NODE) return name_chars + 2;
   const std::size_t marked = name_chars + kMarkerChars[value.type];
   if (value.type == REG_BINARY) return marked + 3 * value.bytes.size();
-  return marked + (value.type == REG_DWORD ? 1 : value.bytes.size());  // no number makes a line too long
+  return marked + (value.type == REG_DWORD ? 1 : value.bytes.size());  // a number is too short to matter
 }
 
 std::string TooLong(std::size_t chars) {
@@ -148,7 +149,7 @@ std::string WhyNotAsValue(std::string_view name, const TreeValue& value) {
   return {};
 }
 
-// Empty if nothing is wrong with it.
+// Why the entry cannot be stored; empty if it can.
 std::string WhyNot(const StrMapEntry& entry) {
   const TreeValue value = ValueOf(entry.value);
   std::string reason = value.type == REG_NODE ? WhyNotAsKey(entry.name) : WhyNotAsValue(entry.name, value);
@@ -157,7 +158,7 @@ std::string WhyNot(const StrMapEntry& entry) {
   return chars >= kLineCharsMax ? TooLong(chars) : "";
 }
 
-// The first entry that cannot be stored by itself.
+// The first entry that cannot be stored.
 std::optional<Refusal> FindFault(const CRegistryNode& tree) {
   std::vector<Pair> pairs = {{&tree, nullptr, kNoParent, {}}};
   for (std::size_t at = 0; at < pairs.size(); ++at) {
@@ -193,8 +194,8 @@ bool ParseTree(std::string_view bytes, CRegistryNode& tree) {
   return RestoreFrom(lines, tree) != Reading::kFailed;
 }
 
-// In the end a load of the file decides. Single entries are checked first, because their reasons are clearer. Besides,
-// a line that fills a reader's buffer does harm only when another line is added after it.
+// A tree is storable if a load of its text returns the same tree. Single entries are checked before that: their reasons
+// are clearer, and a line that just fills a reader's buffer would do harm only after another line is added.
 std::optional<Refusal> WhyNotStorable(const CRegistryNode& tree, std::string& text) {
   std::string formatted;
   if (!FormatTree(tree, formatted)) return Refusal{{}, {}, "there is not enough memory"};

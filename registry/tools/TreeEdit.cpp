@@ -63,7 +63,7 @@ OwnedValue NewValue(const TreeValue& value) {
   }
 }
 
-// The old value is freed.
+// Stores the value; an old value of the name is freed.
 EditState Put(CRegistryNode& key, std::string_view name, OwnedValue value) {
   OwnedValue displaced;
   if (!value.IsPresent() || !key.Put(name, value.Get(), displaced.Place())) return EditState::kNoMemory;
@@ -98,7 +98,8 @@ EditState CheckValue(std::string_view key, std::string_view name, const TreeValu
   return is_text || value.type == REG_BINARY ? EditState::kDone : EditState::kBadType;
 }
 
-// A key at the root that is not a hive stays. Nothing new is stored in it, because no program reads it.
+// True if the path begins with a hive or with an existing entry of the root. Other keys are not made at the root,
+// because no program would read them.
 bool BeginsWithHive(const CRegistryNode& tree, std::string_view path) {
   const std::string_view name = TakeName(path);
   return FindPresent(tree, name) != nullptr || std::find(kHives.begin(), kHives.end(), name) != kHives.end();

@@ -1,5 +1,5 @@
-// Changes of a separate registry tree, for tools: each function returns why it changed nothing, and never removes more
-// than was requested. Handles (CRegistry) are not used, because they would save the system's registry.
+// Changes registry trees that belong to a tool. If a function changes nothing, it returns the reason, and it never
+// removes more than was requested. Handles (CRegistry) are not used, because they would save the system's registry.
 #pragma once
 
 #include <string>
@@ -14,30 +14,30 @@ enum class EditState {
   kNoHive,    // the path does not begin with a hive
   kNoKey,     // there is no such key
   kNoValue,   // the key has no such value
-  kIsValue,   // a name on the path is that of a value
-  kIsKey,     // the name is that of a subkey
+  kIsValue,   // a name on the path belongs to a value
+  kIsKey,     // the name belongs to a subkey
   kNotEmpty,  // the key is not empty
   kHoldsNul,  // a name or a text has a NUL
   kBadType,   // there is no such type, or a number does not have 4 bytes
   kNoMemory,
 };
 
-// No other thread may use the trees. A path has the form of CRegistry: it begins with a hive, "\" or "/" separates the
-// names, and it may end with a separator. If the result is not kDone, the tree is unchanged; only if there was no
-// memory for a value, new keys above it may stay. [owning thread]
+// Rules for all functions: no other thread may use the trees. A path has the form of CRegistry: it begins with a hive,
+// its names are separated by "\" or "/", and it may end with a separator. If the result is not kDone, the tree is
+// unchanged, except after kNoMemory: then new keys on the path, or a part of a merge, may stay. [owning thread]
 
-// Stores a value and makes the missing keys of its path.
+// Stores a value, and makes the missing keys of its path.
 [[nodiscard]] EditState SetValue(CRegistryNode& tree, std::string_view key, std::string_view name,
                                  const TreeValue& value);
 [[nodiscard]] EditState DeleteValue(CRegistryNode& tree, std::string_view key, std::string_view name);
-// Deletes the key, and its content only if `recursive`.
+// Deletes the key. If it is not empty, it is deleted only if `recursive` is true, together with its content.
 [[nodiscard]] EditState DeleteKey(CRegistryNode& tree, std::string_view key, bool recursive);
 
 // The key at `key`, or null. An empty path is the root.
 [[nodiscard]] const CRegistryNode* FindKey(const CRegistryNode& tree, std::string_view key);
 
-// Copies every value and key of `from` into `tree`; what `from` does not have stays. A value replaces a subkey of its
-// name, and vice versa.
+// Copies every value and key of `from` into `tree`; other entries of `tree` stay. A value replaces a subkey of the same
+// name, and a subkey replaces a value.
 [[nodiscard]] EditState MergeInto(CRegistryNode& tree, const CRegistryNode& from);
 
 // Removes the content of the key at `key` (empty: the root), if the key exists.

@@ -1,7 +1,8 @@
-// Visits the keys of a registry tree in the order of its file. The module does not link this.
+// Visits the keys of a registry tree in the order of the registry file. The module does not link this.
 //
 // A file can nest keys as deep as it has lines, and the paths of nested keys together grow with the square of the
-// depth. So the walk keeps one path and a few bytes for each level, and ends at limits that no real registry reaches.
+// depth. So the walk stores only one path and a few bytes for each level, and it has limits that no real registry
+// reaches.
 #pragma once
 
 #include <cstddef>
@@ -17,24 +18,25 @@ struct WalkLimits {
   std::size_t path_bytes = std::size_t{64} << 20;  // of all paths together
 };
 
-// The walk over one key and everything below it.
+// A walk over one key and everything below it.
 //
 // Threads: one thread; no other thread changes the tree during the walk. Owns: the path.
 class TreeWalk {
  public:
   TreeWalk(const CRegistryNode& first, std::string path, WalkLimits limits = {});
 
-  // Goes to the next key, at first to the first one; false at the end, or if the limit of the paths ends the walk.
-  // [owning thread]
+  // Moves to the next key; the first call moves to the first key. False at the end, or if the limit of the paths ends
+  // the walk. [owning thread]
   [[nodiscard]] bool Next();
 
   // [owning thread]
   [[nodiscard]] const CRegistryNode& Key() const { return *levels_.back().key; }
   [[nodiscard]] const std::string& Path() const { return path_; }
 
-  // Keys at the limit of depth that were not visited, each with everything below it. [owning thread]
+  // The number of keys below the limit of depth that were not visited; what is below them is not counted. [owning
+  // thread]
   [[nodiscard]] std::size_t KeysTooDeep() const { return keys_too_deep_; }
-  // The limit of the paths has ended the walk. [owning thread]
+  // True if the limit of the paths has ended the walk. [owning thread]
   [[nodiscard]] bool IsCut() const { return is_cut_; }
 
  private:
