@@ -29,8 +29,8 @@ std::uint64_t PageSize() {
   return size < 1 ? 4096 : static_cast<std::uint64_t>(size);
 }
 
-// factor * weight * page size * 256 bytes; 0, for no ring, if a number is negative or the product has more than 32
-// bits.
+// The size of the ring: factor * weight * page size * 256 bytes. 0 (no ring) if a number is negative or the product has
+// more than 32 bits.
 std::uint32_t RingBytes(std::int32_t factor, std::int32_t weight) {
   if (factor < 0 || weight < 0) return 0;
   const std::uint64_t pages = static_cast<std::uint64_t>(factor) * static_cast<std::uint64_t>(weight) * 256;
@@ -44,7 +44,7 @@ CDebug::CDebug() { ClassInit(); }
 CDebug::~CDebug() {
   const LockScope scope(lock_);
   StopLocked();
-  // A trace call after the end would otherwise check settings files whose paths are gone.
+  // Otherwise a trace call after the destruction would check settings files whose paths no longer exist.
   settings_.update_interval.store(0, std::memory_order_relaxed);
 }
 
@@ -84,7 +84,7 @@ bool CDebug::Init(const char* app_name) {
       return true;
     }
   } catch (const std::bad_alloc&) {
-    // Falls through to the failure below: a host must not end because of its tracing.
+    // Continues with the failure below: a host must not end because of its tracing.
   }
   ::syslog(LOG_ERR, "ERROR: Error during initialization of the CDebug instance.\n");
   StopLocked();
@@ -104,7 +104,7 @@ void CDebug::StartLocked(const char* app_name) {
   ComputeRing(app_name);
   OpenLog();
   SetLevel(settings_.level);
-  if (IsActive() && ring_size_ != 0) (void)SetUpRing();  // the log has a failure, and tracing continues there
+  if (IsActive() && ring_size_ != 0) (void)SetUpRing();  // a failure is written to the log, and tracing continues there
 }
 
 bool CDebug::ReadDebugConfig(const char* app_name) {
@@ -164,7 +164,7 @@ void CDebug::PrintAlwaysV(const char* format, std::va_list args, const char* mod
   WriteToAll(format, args, module);
 }
 
-// Not virtual: outside the object's life there is no virtual table to call through.
+// Not virtual, because before the constructor and after the destructor no virtual function can be called.
 void CDebug::WriteToAll(const char* format, std::va_list args, const char* module) {
   const LockScope scope(lock_);
   const bool goes_to_ring = target_.load(std::memory_order_relaxed) == kTargetRingBuffer && ring_.IsOpen();
@@ -174,7 +174,7 @@ void CDebug::WriteToAll(const char* format, std::va_list args, const char* modul
     TraceToRingBuffer(format, for_ring, module);
     va_end(for_ring);
   }
-  if (goes_to_ring && !ring_.IsOpen()) return;  // given up for this entry, which is in the log now
+  if (goes_to_ring && !ring_.IsOpen()) return;  // the ring was given up, and the entry written to the log
   TraceToLogFile(format, args, module);
 }
 
@@ -198,7 +198,7 @@ void CDebug::PrintToLogFile(const char* format, ...) {
   va_end(args);
 }
 
-// Target 0 means the current target. If that is 0 as well, the entry goes nowhere.
+// Target 0 means the current target. If the current target is 0 as well, the entry is dropped.
 void CDebug::WriteEntry(std::uint32_t target, const char* format, std::va_list args, const char* module) {
   const std::uint32_t to = target != kTargetNone ? target : target_.load(std::memory_order_relaxed);
   if (to == kTargetLogFile) TraceToLogFile(format, args, module);
@@ -218,10 +218,10 @@ CDebug::Entry CDebug::FormatEntry(const char* format, std::va_list args, const c
   const std::size_t header_length = PutEntryHeaderLocked(entry_, qx::debug::kEntryHeaderCharsMax + 1, module);
   char* const text = entry_ + header_length;
 
-  errno = callers_errno;  // what "%m" means
+  errno = callers_errno;  // for "%m" in the format
   const int full_length = FormatText(text, kEntryTextCharsMax + 1, qx::debug::WithoutLeadingLineFeeds(format), args);
   if (full_length < 0) text[0] = '\0';
-  std::size_t length = std::strlen(text);  // a NUL out of "%c" ends the entry
+  std::size_t length = std::strlen(text);  // a NUL from "%c" ends the entry
   const bool is_cut = length == kEntryTextCharsMax && static_cast<std::size_t>(full_length) > length;
   if (length == 0 || text[length - 1] != '\n') text[length++] = '\n';
   return {{entry_, header_length + length}, header_length, is_cut ? static_cast<std::size_t>(full_length) : 0};
@@ -283,14 +283,14 @@ void CDebug::CheckDynamicUpdate(std::time_t now) {
   if (RereadConfigFiles(app_name_)) TakeUpdatedLevel();
 }
 
-// A clock that went back makes a check due: otherwise the next check would be late by the same time.
+// If the clock was set back, a check is due as well: otherwise the next check would be late by the same time.
 bool CDebug::IsUpdateDue(std::time_t now) const noexcept {
   const std::int64_t passed = now - last_check_.load(std::memory_order_relaxed);
   const std::uint32_t interval = settings_.update_interval.load(std::memory_order_relaxed);
   return interval != 0 && (passed < 0 || passed >= interval);
 }
 
-// Forced off stays off: the new level is the one that ForceMaxDebug(true) brings back.
+// If tracing was switched off by ForceMaxDebug(false), it stays off. ForceMaxDebug(true) then sets the new level.
 void CDebug::TakeUpdatedLevel() noexcept {
   saved_level_.store(settings_.level, std::memory_order_relaxed);
   if (!is_forced_off_) SetLevel(settings_.level);

@@ -1,9 +1,9 @@
-// The trace facility through which every layer of the module reports what it does.
+// The trace facility, with which every layer of the module reports what it does.
 //
-// An entry has a level, and is dropped if that is above the current level. The other entries go to the log file
-// "log.NAME", which wraps in place, or to the ring file "log.NAME_a", which is mapped and outlives the process. Callers
-// write QX_TRACE(level, "\nMODULE Function   : text %d", value): one flag is tested before anything is computed. Files,
-// environment and output format are described in docs/trace.md.
+// An entry has a level, and is dropped if its level is above the current one. The other entries go to the log file
+// "log.NAME", which wraps in place, or to the ring file "log.NAME_a", which is mapped into memory and stays after the
+// process. Callers write QX_TRACE(level, " MODULE Function : text %d", value): only one flag is tested if tracing is
+// off. Files, environment and output format are described in docs/trace.md.
 #pragma once
 
 #include <sys/types.h>
@@ -24,26 +24,26 @@
 
 // The trace facility. Constructed inactive; Init starts it.
 //
-// Threads: any thread may trace; one recursive lock guards output and configuration, so tracing from within a traced
-// operation is fine. Init may be called again: it closes the earlier files.
+// Threads: any thread may trace; one recursive lock guards output and configuration, so a thread that is inside a trace
+// call may trace. Init may be called again: it closes the earlier files.
 // Owns: the log file, the ring file and the settings.
-// Failure: no call raises an error, and none changes errno: callers print it after they have traced. Failures
-// of the facility itself are reported in the system log, those of the ring file in the log file.
-// Outside its lifetime the object is inert: the active flag is false, and no non-virtual call prints anything. So it is
-// before the constructor, when the memory of a global is zero, and after the destructor.
+// Failure: no call raises an error or changes errno, because callers print errno after they have traced it. Failures of
+// the facility itself are reported in the system log, those of the ring file in the log file. Before the constructor
+// (when the memory of a global is zero) and after the destructor, the object does nothing: the active flag is false,
+// and no non-virtual call prints anything.
 class CDebug : public CDebugTraceConfig {
  public:
-  // Trace targets, as SetTarget, PrintIt and WriteLogHeader take them.
+  // Trace targets, for SetTarget, PrintIt and WriteLogHeader.
   static constexpr std::uint32_t kTargetNone = 0;
   static constexpr std::uint32_t kTargetLogFile = 1;
   static constexpr std::uint32_t kTargetRingBuffer = 2;
 
   CDebug();
 
-  // Order is interface: the destructor, then these six, are the first slots of the virtual table.
+  // Order is interface: the destructor and the six virtual functions after it are the first slots of the virtual table.
   ~CDebug() override;
 
-  // Whether this object leads its trace: always true. [any thread]
+  // Always true. [any thread]
   virtual bool IsMaster();
 
   // Writes an entry to the current target unless `level` is above the current level. [any thread]
@@ -62,20 +62,21 @@ class CDebug : public CDebugTraceConfig {
   virtual void ClientPrintV(const char* format, std::va_list args, const char* module)
       __attribute__((format(printf, 2, 0)));
 
-  // True when the current level is not 0. The flag that is tested before a trace call is prepared. [any thread]
-  // Relaxed: a thread that sees a change late traces one entry more or less, nothing else depends on it.
+  // True when the current level is not 0. QX_TRACE tests this flag before it evaluates its arguments. [any thread]
+  // Relaxed order: if a thread sees a change late, it traces some entries more or fewer, and nothing else depends on
+  // it.
   [[nodiscard]] bool IsActive() const noexcept { return active_.load(std::memory_order_relaxed); }
 
-  // True when an entry of `level` (above 0) would be written: for code that works in another way if a trace shows it.
-  // [any thread]
+  // True when an entry of `level` (above 0) would be written. For code that must do more, or work differently, for a
+  // trace. [any thread]
   [[nodiscard]] bool IsActive(std::uint32_t level) const noexcept {
     return current_level_.load(std::memory_order_relaxed) >= level;
   }
 
   // Starts the facility for the application `app_name`: reads files and environment, opens the log and, when tracing is
-  // on and a ring configured, the ring file, which then is the target. Files take the name in lower case. False:
-  // `app_name` is null or memory ran out, and tracing is off; a log or ring file that cannot be opened is
-  // not such a failure. [any thread]
+  // on and a ring is configured, the ring file, which is then the target. The names of the files have `app_name` in
+  // lower case. False: `app_name` is null or memory ran out; tracing is off then. If a log or ring file cannot be
+  // opened, the result is still true. [any thread]
   bool Init(const char* app_name);
 
   // Reads the settings files and the environment for Init. Returns true. [lock held: trace]
@@ -87,50 +88,53 @@ class CDebug : public CDebugTraceConfig {
   // Writes an entry to the current target unless `level` is above the current level. [any thread]
   void PrintV(std::uint32_t level, const char* format, std::va_list args) __attribute__((format(printf, 3, 0)));
 
-  // Writes an entry to `target`, or to the current one for 0, whatever the level. [lock held: trace]
+  // Writes an entry to `target`, or to the current target if `target` is 0, whatever the level. [lock held: trace]
   void PrintIt(std::uint32_t target, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
   // Writes an entry to the log file only, whatever the level. [any thread]
   void PrintToLogFile(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
   // Writes one entry to the log file: header, text of at most 1024 characters, line feed. Leading line feeds of the
-  // format are skipped, unless it has nothing else. Nothing when no log is open or `format` is null. [lock held: trace]
+  // format are skipped, unless it has nothing else. Writes nothing when no log is open or `format` is null. [lock held:
+  // trace]
   void TraceToLogFile(const char* format, std::va_list args, const char* module) __attribute__((format(printf, 2, 0)));
 
   // Opens or creates the ring file at `path`, of `size` bytes (at least 4096), and makes it the target. False: the log
   // says why, and no ring is open; if a ring was the target, the log replaces it. [any thread]
   bool InitRingBuffer(const char* path, std::uint32_t size);
 
-  // Writes one entry to the ring: like TraceToLogFile, but a text of up to a tenth of the ring is written whole.
-  // Nothing when no ring is open or `format` is null. [lock held: trace]
+  // Writes one entry to the ring: like TraceToLogFile, but a text of up to a tenth of the ring is written whole. Writes
+  // nothing when no ring is open or `format` is null. [lock held: trace]
   void TraceToRingBuffer(const char* format, std::va_list args, const char* module)
       __attribute__((format(printf, 2, 0)));
 
-  // Sets where entries go from now on. [any thread]
+  // Sets the target of all later entries. [any thread]
   void SetTarget(std::uint32_t target);
 
-  // With false: level 0, also while settings files set other levels. With true: the level that was configured, or that
-  // a settings file has set meanwhile. Returns true. [any thread]
+  // With false, sets level 0, which stays even if settings files set other levels. With true, sets the configured
+  // level, or the one that a settings file has set meanwhile. Returns true. [any thread]
   bool ForceMaxDebug(bool on);
 
   // Keeps the program's arguments, which must live as long as this object, and traces them if there are any: to the
   // log, and to the ring when that is the target, but never to standard error. [any thread]
   void SetMainParams(int argc, char** argv);
 
-  // Ends the start: the present content of the log is its head, which wraps never overwrite. The same for the ring if
-  // it is the target, has not wrapped since it was opened, and has more than 1 MiB left. [any thread]
+  // Ends the start of the application: the present content of the log becomes its head, which a wrap never overwrites.
+  // The same happens for the ring, if it is the target, has not wrapped since it was opened, and has more than 1 MiB
+  // left. [any thread]
   void SetApplInitDone();
 
-  // Writes the header block (command line, environment, settings) to `target`; if the no-header flag is 0, the lines
-  // also go to standard error, but not those for a ring, which repeats them at each wrap. [any thread]
+  // Writes the header block (command line, environment, settings) to `target`; If the no-header flag is 0, the lines
+  // are also written to standard error, except the lines for a ring, because these are repeated at each wrap. [any
+  // thread]
   void WriteLogHeader(std::uint32_t target);
 
   // Writes the header of an entry made now by this thread into `buffer`, cut to `size` with its NUL, and returns its
   // length. `module` null: the application's name. [any thread]
   std::size_t SetEntryHeader(char* buffer, std::size_t size, const char* module);
 
-  // Appends "_" and `app_name` in upper case to the text in `buffer` of `size` bytes: cut to fit, always ended with
-  // NUL. Nothing for a null or empty name. [any thread]
+  // Appends "_" and `app_name` in upper case to the text in `buffer` of `size` bytes: the result is cut to fit, and
+  // always ends with NUL. Does nothing for a null or empty name. [any thread]
   static void BuildAppVarName(char* buffer, std::size_t size, const char* app_name);
 
   // Lower-cases the ASCII letters of `text` in place; null is allowed. [any thread]
@@ -142,7 +146,7 @@ class CDebug : public CDebugTraceConfig {
 
  private:
   static constexpr std::size_t kEntryTextCharsMax = 1024;
-  static constexpr std::size_t kTruncationCharsMax = 64;  // of the line that reports a cut text in the ring
+  static constexpr std::size_t kTruncationCharsMax = 64;  // of the message about a cut text in the ring
   static constexpr std::size_t kEntryBytesMax =
       qx::debug::kEntryHeaderCharsMax + kEntryTextCharsMax + kTruncationCharsMax;
 
@@ -150,9 +154,9 @@ class CDebug : public CDebugTraceConfig {
   static constexpr std::uint32_t kTargetAll = ~std::uint32_t{0};
 
   struct Entry {
-    std::string_view text;  // in entry_, except for a long one
+    std::string_view text;  // in entry_, unless the entry is long
     std::size_t header_length;
-    std::size_t whole_length;  // of the text, if that was cut; else 0
+    std::size_t whole_length;  // of the text, if the text was cut; otherwise 0
   };
 
   void StartLocked(const char* app_name);
@@ -187,8 +191,8 @@ class CDebug : public CDebugTraceConfig {
   void PrintInternalValues(std::uint32_t target);
   [[nodiscard]] bool GoesToStderr(std::uint32_t target) const noexcept;
 
-  // The levels, the flag, the target and the time of the last check are read without the lock. None depends on another,
-  // so relaxed order is enough.
+  // The levels, the flag, the target and the time of the last check are read without the lock. None of them depends on
+  // another, so relaxed order is enough.
   std::atomic<std::uint32_t> current_level_{0};
   std::atomic<std::uint32_t> saved_level_{0};
   std::atomic<bool> active_{false};
@@ -213,7 +217,7 @@ class CDebug : public CDebugTraceConfig {
   qx::debug::RingBufferSink ring_;
 };
 
-// One object for each binary, defined in a source of that binary with init_priority(101): it lives before and after
+// One object for each binary, defined in a source of that binary with init_priority(101): so it exists before and after
 // everything that traces.
 extern CDebug Debug;
 

@@ -1,4 +1,4 @@
-// The trace facility's second target: what it writes to the ring file, and when.
+// The part of CDebug that writes to its second target, the ring file.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -18,7 +18,7 @@ using Failure = qx::debug::RingBufferSink::Failure;
 
 namespace {
 
-// A text longer than this part of the ring is cut: one entry must not push out all others.
+// A text longer than this part of the ring is cut, so that one entry does not replace all others.
 constexpr std::size_t kLongTextShare = 10;
 
 // The space that a long entry needs in addition to its text: header, line feed, NUL, and a reserve.
@@ -66,7 +66,7 @@ bool CDebug::SetUpRing() {
   return ring_.IsOpen();  // the file may have been cut meanwhile
 }
 
-// From here on, entries for the ring go to the log.
+// Closes the ring. From now on entries for the ring are written to the log.
 void CDebug::LeaveRing() noexcept {
   ring_.Close();
   if (target_.load(std::memory_order_relaxed) == kTargetRingBuffer) SetTarget(kTargetLogFile);
@@ -97,13 +97,13 @@ void CDebug::TraceToRingBuffer(const char* format, std::va_list args, const char
   if (entry.whole_length == 0) {
     PutIntoRing(entry);
   } else {
-    errno = errno_scope.Saved();  // "%m" means the caller's error
+    errno = errno_scope.Saved();  // for "%m" in the format
     WriteLongEntry(entry, format, again);
   }
   va_end(again);
 }
 
-// `entry` has the header and the first 1024 characters of a longer text.
+// Writes a text of more than 1024 characters. `entry` has the header and the first 1024 characters.
 void CDebug::WriteLongEntry(const Entry& entry, const char* format, std::va_list args) {
   if (entry.whole_length > ring_.Size() / kLongTextShare) {
     PutIntoRing(TruncatedEntry(entry, "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!\n"));
@@ -137,11 +137,11 @@ void CDebug::PutIntoRing(const Entry& entry) {
   }
 }
 
-// While the header block of a new cycle is being written, the ring must not wrap again: a line that does not fit is
-// dropped.
+// Wraps the ring and writes the entry. While the header block of a new cycle is being written, the ring must not wrap
+// again: an entry that does not fit is dropped then.
 void CDebug::PutAfterWrap(Entry entry) {
   if (ring_.IsWrapping()) return;
-  char kept[kEntryBytesMax];  // the header block is formatted where the entry is
+  char kept[kEntryBytesMax];  // the lines of the header block are formatted in entry_
   if (entry.text.data() == entry_) entry.text = {kept, entry.text.copy(kept, sizeof kept)};
   if (WrapRing(entry.text.size())) {
     ring_.Write(entry.text);
@@ -157,7 +157,8 @@ bool CDebug::WrapRing(std::size_t entry_size) {
   return true;
 }
 
-// The ring file was truncated while it was mapped. A store after its end would kill the process.
+// Closes a ring file that was truncated while it was mapped, because a store after its end would kill the process. The
+// entry is written to the log.
 void CDebug::GiveUpRing(const Entry& entry) {
   const NoCancelScope no_cancel;
   LeaveRing();

@@ -27,7 +27,7 @@ bool IsReadable(const struct stat& status) {
          static_cast<std::uint64_t>(status.st_size) <= CDebugTraceConfigFile::kFileBytesMax;
 }
 
-// The line feed is not a blank here: an empty "Key=" would otherwise take the next line as its value.
+// A line feed is not a blank here: otherwise the value of an empty "Key=" would be the next line.
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; }
 
 std::string_view WithoutLeadingBlanks(std::string_view text) {
@@ -79,7 +79,7 @@ bool CDebugTraceConfigFile::ReadText(std::string_view text) {
 }
 
 bool CDebugTraceConfigFile::Load() {
-  // Anything but a regular file is not even opened: opening a device can act on it.
+  // Anything but a regular file is not opened, because opening a device can have an effect on it.
   struct stat status {};
   if (path_.empty() || qx::file::StatusOf(path_.c_str(), status) != 0 || !IsReadable(status)) return false;
   const qx::file::Descriptor file = qx::file::Open(path_.c_str(), O_RDONLY);
@@ -92,7 +92,7 @@ bool CDebugTraceConfigFile::FillFrom(int descriptor) noexcept {
   if (qx::file::StatusOf(descriptor, status) != 0 || !IsReadable(status)) return false;
   if (!TakeBuffer(static_cast<std::size_t>(status.st_size))) return false;
   modified_ = status.st_mtim;
-  // A file that has become shorter meanwhile is being written.
+  // If the file has become shorter meanwhile, a program is writing it.
   return qx::file::Read(descriptor, text_, file_size_).bytes == file_size_;
 }
 
@@ -130,8 +130,8 @@ bool CDebugTraceConfigFile::FindSection(std::string_view name) noexcept {
   return false;
 }
 
-// Quirk: the key is searched as plain text, so its first occurrence wins, in a comment or inside a longer word as well,
-// and the value is what follows the next "=", even lines later.
+// Quirk: the key is searched for as plain text. So its first occurrence counts, even in a comment or inside a longer
+// word, and the value is the text after the next "=", even if that is lines later.
 //   "FileDebugLevel=3"                     => "3"
 //   ";FileDebugLevel=1\nFileDebugLevel=3"  => "1"
 //   "FileDebugLevel\nTraceFlags=8"         => "8"
@@ -165,10 +165,10 @@ constexpr std::string_view kDefaultDirectory = "/var/log/brollan";
 
 int HasIniInName(const dirent* entry) { return std::strstr(entry->d_name, ".ini") != nullptr; }
 
-// Byte order, not the host's collation: the locale must not decide which file is used.
+// Compares in byte order, so that the locale does not decide which file is used.
 int InByteOrder(const dirent** a, const dirent** b) { return std::strcmp((*a)->d_name, (*b)->d_name); }
 
-// The allocations of scandir. Freed even if there is no memory for the names.
+// The result of scandir, freed at the end of the scope.
 struct Entries {
   dirent** list = nullptr;
   int count = 0;
@@ -182,7 +182,7 @@ struct Entries {
   Entries& operator=(const Entries&) = delete;
 };
 
-// The names in `directory` that contain ".ini", in alphabetical order; an empty list if it cannot be listed.
+// The names in `directory` that contain ".ini", in byte order; an empty list if the directory cannot be listed.
 std::vector<std::string> IniFileNames(const char* directory) {
   Entries entries;
   entries.count = std::max(0, ::scandir(directory, &entries.list, HasIniInName, InByteOrder));
@@ -192,13 +192,14 @@ std::vector<std::string> IniFileNames(const char* directory) {
   return names;
 }
 
-// Every variable that is set is used: the empty text, and any text that is not a number, are read as 0.
+// The number in the environment variable if it is set, otherwise `file_value` if it is set, otherwise `fallback`. A
+// variable with an empty text, or a text that is not a number, counts as 0.
 std::uint32_t FromEnvironment(const char* variable, std::uint32_t file_value, std::uint32_t fallback) {
   if (const char* text = std::getenv(variable)) return static_cast<std::uint32_t>(std::strtol(text, nullptr, 10));
   return file_value != kUnset ? file_value : fallback;
 }
 
-// Takes the number of `key` if the file has one; all ones means "no value" and is not used.
+// Reads the number of `key` if the file has one. A number of all ones means "no value" and is not used.
 bool TakeNumber(const CDebugTraceConfigFile& file, std::string_view key, std::uint32_t& value) {
   std::uint32_t number = kUnset;
   if (!file.ReadNumber(key, number) || number == kUnset) return false;
@@ -266,8 +267,8 @@ void CDebugTraceConfig::ApplySources() {
 
   CopyText(settings_.trace_directory, directory_from("QX_LOG_FILE_DIR"));
   settings_.log_max_size = FromEnvironment("QX_LOG_FILE_MAX_SIZE", kUnset, qx::debug::kLogMaxSizeDefault);
-  // Quirk: this replaces the directory above in every case, so log and ring share one directory and QX_LOG_FILE_DIR has
-  // no lasting effect.
+  // Quirk: this always replaces the directory that was set above. So log and ring are in the same directory, and
+  // QX_LOG_FILE_DIR has no effect.
   CopyText(settings_.trace_directory, directory_from("QX_LOG_RINGBUF_DIR"));
   settings_.level = FromEnvironment("QX_LOG_DEBUG_LEVEL", file_values_.level, 0);
   settings_.ring_factor = FromEnvironment("TraceFileLimit", file_values_.ring_factor, 0);

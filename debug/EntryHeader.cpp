@@ -17,7 +17,7 @@ constexpr std::size_t kSecondBytes = 22;  // "yyyy-mm-dd hh:mm:ss", years of up 
 constexpr const char* kUnknownStamp = "yyyy-mm-dd hh:mm:ss.mmm";
 constexpr std::size_t kModuleColumnChars = 13;
 
-// Three digits.
+// Writes the milliseconds as three digits.
 void PutMilliseconds(char* to, const timeval& now) noexcept {
   const unsigned milliseconds = static_cast<unsigned>(now.tv_usec) / 1000;
   to[0] = static_cast<char>('0' + milliseconds / 100 % 10);
@@ -25,7 +25,7 @@ void PutMilliseconds(char* to, const timeval& now) noexcept {
   to[2] = static_cast<char>('0' + milliseconds % 10);
 }
 
-// Appends texts to a buffer and drops what does not fit.
+// Appends texts to a buffer; the part that does not fit is dropped.
 class FieldWriter {
  public:
   FieldWriter(char* buffer, std::size_t chars_max) noexcept : begin_(buffer), at_(buffer), end_(buffer + chars_max) {}
@@ -36,7 +36,7 @@ class FieldWriter {
     at_ += length;
   }
 
-  // At least `width` characters, with blanks after a shorter text.
+  // Appends at least `width` characters: blanks follow a shorter text.
   void PutPadded(std::string_view text, std::size_t width) noexcept {
     Put(text);
     if (text.size() >= width) return;
@@ -45,7 +45,7 @@ class FieldWriter {
     at_ += blanks;
   }
 
-  // Eight capital hexadecimal digits.
+  // Appends eight hexadecimal digits, in capital letters.
   void PutHex(std::uint32_t number) noexcept {
     char digits[8];
     for (std::size_t i = sizeof digits; i > 0; number >>= 4) digits[--i] = "0123456789ABCDEF"[number & 0xF];
@@ -125,7 +125,7 @@ std::size_t ResidentKilobytes(std::int32_t pid) noexcept try {
       CProcess::GetProcessMemorySpecificInfo(static_cast<unsigned>(pid), &kilobytes, "VmRSS:", kInKilobytes);
   return is_read ? kilobytes : 0;
 } catch (const std::exception&) {
-  return 0;  // out of memory: tracing raises nothing
+  return 0;  // out of memory; tracing must not throw
 }
 
 void FormatStartTime(std::time_t time, char (&text)[32]) noexcept {

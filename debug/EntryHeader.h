@@ -1,9 +1,9 @@
-// The fixed-width text that starts every trace entry.
+// Formats the header of a trace entry: the text with which every entry begins.
 //
 //   2026-01-31 10:20:30.123 [0A1B2C3D] QXRemConXfer  text
 //   2026-01-31 10:20:30.123 [0A1B2C3D]    51234 KB !QXRemConXfer  text
 //
-// The second form is that of memory traces.
+// The second form is used if memory traces are on.
 #pragma once
 
 #include <sys/time.h>
@@ -22,8 +22,8 @@ constexpr std::size_t kEntryHeaderCharsMax = 128;
 // Threads: the owner of the trace facility's lock.
 class StampText {
  public:
-  // "yyyy-mm-dd hh:mm:ss.mmm" in local time; exactly this text when the time cannot be formatted. It lives until the
-  // next call.
+  // "yyyy-mm-dd hh:mm:ss.mmm" in local time; exactly this text when the time cannot be formatted. Valid until the next
+  // call.
   const char* At(const timeval& now) noexcept;
 
   // The number of characters before the "." of the milliseconds in the last text; 0 when the time could not be
@@ -43,20 +43,20 @@ struct EntryHeaderParts {
   const char* stamp;
   std::uint32_t thread;  // the low 32 bits of the thread's id
   const char* module;
-  const std::size_t* resident_kilobytes;  // null: without memory traces
+  const std::size_t* resident_kilobytes;  // null if memory traces are off
 };
 
 // Writes the header and a NUL into `buffer`, cut to `size`, and returns its length.
 std::size_t FormatEntryHeader(char* buffer, std::size_t size, const EntryHeaderParts& parts) noexcept;
 
-// The header of entries without a module or memory size of their own. It is kept, and formatted again only when
-// second or thread change: in most entries three digits are new.
+// The header of entries without a module or memory size of their own. It is formatted again only if the second or the
+// thread has changed. In most entries only the three digits of the milliseconds are new.
 //
 // Threads: the owner of the trace facility's lock.
 class KeptHeader {
  public:
-  // Writes the header of an entry made at `now` and a NUL into `buffer`, which is large enough for the longest one, and
-  // returns its length. `module` is the same in every call since Forget.
+  // Writes the header of an entry made at `now` and a NUL into `buffer`, which is large enough for the longest header,
+  // and returns its length. `module` must be the same in every call until Forget is called.
   std::size_t At(const timeval& now, std::uint32_t thread, const char* module, char* buffer) noexcept;
   void Forget() noexcept { length_ = 0; }
 

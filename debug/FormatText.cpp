@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t kWidthMax = 64;
 
-// A list of arguments that can be passed by reference; std::va_list, an array on some machines, cannot.
+// A list of arguments that can be passed by reference. A std::va_list cannot, because on some machines it is an array.
 struct Arguments {
   std::va_list list;
 };
@@ -26,7 +26,8 @@ struct Conversion {
   char letter = '\0';
 };
 
-// Reads a conversion and moves `p` past it. Of an unknown conversion, `letter` is one that PutConversion does not know.
+// Reads a conversion and moves `p` past it. For an unknown conversion, `letter` is one that PutConversion does not
+// know.
 Conversion ReadConversion(const char*& p) {
   Conversion conversion;
   if (*p == '0') {
@@ -45,7 +46,7 @@ Conversion ReadConversion(const char*& p) {
   return conversion;
 }
 
-// Appends to a buffer. Text that does not fit is not written, and nothing after it.
+// Appends to a buffer. Put and PutFill return false, and write nothing, if the text does not fit.
 class TextWriter {
  public:
   TextWriter(char* buffer, std::size_t size) : begin_(buffer), at_(buffer), end_(buffer + size) {}
@@ -75,7 +76,7 @@ class TextWriter {
   char* end_;
 };
 
-// The digits of a number, without its sign.
+// Writes a number from its sign and digits, filled up to the width.
 bool PutDigits(TextWriter& out, const Conversion& conversion, std::string_view sign, std::string_view digits) {
   const std::size_t length = sign.size() + digits.size();
   const std::size_t fill = conversion.width > length ? conversion.width - length : 0;
@@ -118,7 +119,7 @@ std::int64_t NextSigned(Arguments& arguments, bool is_long) {
   return is_long ? va_arg(arguments.list, long) : va_arg(arguments.list, int);
 }
 
-// False for conversions that are left to vsnprintf.
+// Writes one argument. False for a conversion or text that only vsnprintf can write.
 bool PutConversion(TextWriter& out, const Conversion& conversion, Arguments& arguments) {
   switch (conversion.letter) {
     case 's':

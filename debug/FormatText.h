@@ -1,7 +1,7 @@
-// The text of a trace entry from its format and arguments.
+// Formats the text of a trace entry.
 //
-// Nearly all traces use a handful of plain conversions, and the C library's formatter takes most of the time of an
-// entry for them. Those are formatted here; a format with anything else goes to the C library as a whole.
+// Nearly all traces use only a few plain conversions. If the C library formatted these, it would take most of the time
+// of an entry. So they are formatted here; a format with any other conversion is passed to the C library as a whole.
 #pragma once
 
 #include <cstdarg>
@@ -9,7 +9,7 @@
 
 namespace qx::debug {
 
-// Formats like vsnprintf, with the same result and the same bytes in `buffer` of `size` bytes.
+// Formats like vsnprintf: with the same result, and the same bytes in `buffer`, which has `size` bytes.
 //   formatted here:  %s %d %u %x %X, with "l" or "z", a width and "0" for the numbers; %p; %%; if the text fits
 //   by vsnprintf:    everything else, such as precisions, "%-8s", "%m", a null text, and a text that does not fit
 int FormatText(char* buffer, std::size_t size, const char* format, std::va_list args)

@@ -16,8 +16,8 @@ namespace {
 
 constexpr mode_t kLogFileMode = 0640;  // less the umask
 
-// Opens as "w+" does, but only a file of our own: otherwise an ordinary user who prepared the log could read the
-// traces.
+// Opens the file as fopen with "w+", but only a file of this process's own (OwnFile.h): otherwise an ordinary user who
+// prepared the log could read the traces.
 std::FILE* OpenTruncated(const char* path) {
   OwnFile log = OpenOwnFile(path, kLogFileMode);
   if (!log.file.IsOpen() || file::Truncate(log.file.Number(), 0) != 0) return nullptr;
@@ -54,7 +54,7 @@ void LogFileSink::Close() noexcept {
   if (file != nullptr) std::fclose(file);
 }
 
-// False for a path that does not fit: its beginning would name another file.
+// False if the path is too long: a cut path would name another file.
 bool LogFileSink::SetPath(const char* directory, const char* lower_case_name) noexcept {
   const int length = std::snprintf(path_, sizeof path_, "%s/log.%s", directory, lower_case_name);
   return length >= 0 && static_cast<std::size_t>(length) < sizeof path_;
@@ -71,17 +71,17 @@ void LogFileSink::MarkInitEnd() noexcept {
   bytes_at_init_end_ = byte_count_;
 }
 
-// The stream's own buffer stays unused, so that an entry is one system call and in the file when the call returns.
+// Does not use the stream's buffer, so that an entry is one system call, and is in the file when this call returns.
 void LogFileSink::WriteCounted(std::string_view bytes) noexcept {
   byte_count_ += static_cast<std::uint32_t>(file::Write(descriptor_, bytes).bytes);
 }
 
-// The line shows the count without the line itself: the size of the head.
+// The WRAP line shows the count before the line itself is written: the size of the head.
 void LogFileSink::Wrap(std::string_view header) noexcept {
   if (::lseek(descriptor_, wrap_position_, SEEK_SET) < 0) {
     const int error = errno;
     ::syslog(LOG_ERR, "ERROR: fseek failed for %s (errno=%d) --> rewind it\n", path_, error);
-    (void)::lseek(descriptor_, 0, SEEK_SET);  // if this fails too, writing continues where it is
+    (void)::lseek(descriptor_, 0, SEEK_SET);  // if this fails as well, the position does not change
   }
   ++wrap_cycle_;
   byte_count_ = bytes_at_init_end_;

@@ -1,8 +1,9 @@
-// The log file: one entry after another, and back to the end of the head when the file has reached its size.
+// Writes the log file: one entry after another. When the file has reached its size, writing continues at the end of its
+// head.
 //
 // The head is the content of the file at MarkInitEnd (the log header and the traces of the start); it is never
-// overwritten. A wrap clears nothing: the newest entry is followed by the rest of the previous cycle. A reader finds
-// the end of the newest entry by the "------ WRAP -----" line and the stamps. This class does not read the file back.
+// overwritten. A wrap clears nothing, so the rest of the previous cycle follows the newest entry. A reader finds the
+// end of the newest entry by the "------ WRAP -----" line and the stamps. This class does not read the file back.
 #pragma once
 
 #include <atomic>
@@ -17,8 +18,8 @@ namespace qx::debug {
 //
 // Threads: the owner of the trace facility's lock.
 // Owns: the open file.
-// Failure: writing never reports one; an entry that does not fit on the disk is lost. A file that cannot be opened or a
-// wrap that cannot seek goes to the system log.
+// Failure: writing never reports a failure; an entry that does not fit on the disk is lost. If the file cannot be
+// opened, or a wrap cannot set the position, the system log gets a message.
 class LogFileSink {
  public:
   LogFileSink() noexcept = default;
@@ -35,10 +36,11 @@ class LogFileSink {
   void Close() noexcept;
   [[nodiscard]] bool IsOpen() const noexcept { return file_.load(std::memory_order_relaxed) != nullptr; }
 
-  // Writes `entry`, whose first `header_length` bytes are its header, and wraps when the file is now over its size.
+  // Writes `entry`, whose first `header_length` bytes are its header, and wraps if more than the maximum size is
+  // written now.
   void Write(std::string_view entry, std::size_t header_length) noexcept;
 
-  // Makes the present content of the file its head: later wraps go back to its end.
+  // Makes the present content of the file its head: after a later wrap, writing continues at the end of the head.
   void MarkInitEnd() noexcept;
 
   [[nodiscard]] const char* Path() const noexcept { return path_; }

@@ -1,4 +1,4 @@
-// The header block: the beginning of the log file, and of the ring after each wrap.
+// Writes the header block, with which the log file begins, and the ring after each wrap.
 #include "debug/LogHeader.h"
 
 #include <unistd.h>
@@ -156,7 +156,7 @@ void CDebug::PrintHeaderLine(std::uint32_t target, const char* format, ...) {
     va_copy(again, args);
     const std::string_view line = FormatEntry(format, again, nullptr).text;
     va_end(again);
-    (void)!::write(STDERR_FILENO, line.data(), line.size());  // there is no other place to report to
+    (void)!::write(STDERR_FILENO, line.data(), line.size());  // a failure could not be reported anywhere
   }
   if (target == kTargetAll) {
     WriteToAll(format, args, nullptr);

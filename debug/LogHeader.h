@@ -1,4 +1,4 @@
-// The environment variables that the log header shows.
+// Reads the environment variables that the header of the log shows.
 #pragma once
 
 #include <cstddef>
@@ -7,8 +7,8 @@
 
 namespace qx::debug {
 
-// The values of the header's variables, taken once: the header of a later ring wrap shows what the process started
-// with.
+// The values of these variables. They are read once, so the header after a later wrap of the ring shows the values at
+// the start.
 //
 // Threads: the owner of the trace facility's lock.
 class HeaderVariables {

@@ -1,7 +1,7 @@
-// Defers the cancellation of the calling thread: a trace call ends before a cancelled thread unwinds.
+// Defers the cancellation of the calling thread until a trace call has ended.
 //
-// Reads, writes and syslog are cancellation points, and the sinks are noexcept: a thread that unwound inside them would
-// end the process.
+// Reads, writes and syslog are cancellation points, and the sinks are noexcept: if a thread were cancelled inside them,
+// the process would end.
 #pragma once
 
 #include <pthread.h>

@@ -11,10 +11,10 @@ namespace qx::debug {
 
 namespace {
 
-// A try fails only if another user swaps the file meanwhile. If a user does this in every try, no file is opened.
+// A try fails only if another user exchanges the file meanwhile. If a user does this in every try, no file is opened.
 constexpr int kTriesMax = 16;
 
-// 0 for a regular file; for anything else the error number that an open reports.
+// 0 for a regular file; otherwise the error number for this kind of file.
 int RefusalOf(mode_t mode) noexcept {
   if (S_ISREG(mode)) return 0;
   return S_ISDIR(mode) ? EISDIR : S_ISLNK(mode) ? ELOOP : EINVAL;
@@ -27,8 +27,8 @@ OwnFile Failure(int error, bool is_refused = false) {
   return failure;
 }
 
-// True if users whom the directory's owner chose may be able to read the file: through a group other than the process's
-// (set-group-id), or through a default access list. Also true if `stat` fails.
+// True if users whom the directory's owner has chosen may be able to read the file: through a group that is not the
+// process's (the directory is set-group-id), or through a default access list. Also true if `stat` fails.
 bool HasForeignReaders(int descriptor) {
   struct stat status {};
   if (file::StatusOf(descriptor, status) != 0) return true;
@@ -45,8 +45,8 @@ OwnFile CreateWith(const char* path, mode_t mode) {
   return created;
 }
 
-// A file with foreign readers is created again, without rights for the group. Nothing is written to the first one,
-// which a user may have opened.
+// A file with foreign readers is created again, without rights for the group. Nothing is written to the first file,
+// because such a user may have opened it.
 OwnFile Create(const char* path, mode_t mode) {
   OwnFile created = CreateWith(path, mode);
   if (created.error != 0 || (mode & S_IRWXG) == 0 || !HasForeignReaders(created.file.Number())) return created;
@@ -54,8 +54,8 @@ OwnFile Create(const char* path, mode_t mode) {
   return error == 0 ? CreateWith(path, mode & S_IRWXU) : Failure(error);
 }
 
-// The existing file. `status` is that of the path before, and of the open file after the call. A file that is not
-// regular is not opened: opening a device can act on it.
+// Opens an existing file. `status` is that of the path before the call, and of the open file after it. A file that is
+// not regular is not opened, because opening a device can have an effect on it.
 OwnFile OpenExisting(const char* path, struct stat& status) {
   const int refusal = RefusalOf(status.st_mode);
   if (refusal != 0) return Failure(refusal, true);
@@ -75,7 +75,7 @@ void ReportReplaced(const char* path, const struct stat& status) {
            status.st_uid, static_cast<unsigned>(status.st_nlink), status.st_mode & 07777U);
 }
 
-// True if the path now names another file: the next try opens that one.
+// True if the path leads to another file now, which the next try opens.
 bool IsSwapped(const OwnFile& tried) noexcept {
   if (tried.is_new) return tried.error == EEXIST;
   return !tried.is_refused && (tried.error == ENOENT || tried.error == ELOOP);
@@ -93,7 +93,7 @@ bool IsOwnFile(const struct stat& status, uid_t user) noexcept {
 }
 
 OwnFile OpenOwnFile(const char* path, mode_t mode, std::optional<std::uint64_t> size) {
-  std::optional<struct stat> refused;  // the last file that was removed because it is not our own
+  std::optional<struct stat> refused;  // the last file that was removed because it was not this process's own
   for (int i = 0; i < kTriesMax; ++i) {
     struct stat status {};
     const int status_error = file::StatusOf(path, status, AT_SYMLINK_NOFOLLOW);

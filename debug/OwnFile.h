@@ -1,8 +1,8 @@
 // Opens the files that the trace facility writes, so that no other user can read or change their content.
 //
 // A process that traces often runs as root, in a directory that other users may write. Such a user may prepare the log
-// or the ring, keep a second name of it, or exchange it while it is opened, but must get neither the traces nor a file
-// that can be cut while the writer maps it.
+// or the ring file, keep a second name of it, or exchange it while it is opened. But the user must not be able to read
+// the traces, or to cut a file that the writer has mapped.
 #pragma once
 
 #include <sys/stat.h>
@@ -26,15 +26,15 @@ namespace qx::debug {
 struct OwnFile {
   file::Descriptor file;
   bool is_new = false;
-  int error = 0;            // why none is open
+  int error = 0;            // why no file is open
   bool is_refused = false;  // no file is open because of the kind of the file at the path
 };
 
 // Opens the file `path` for reading and writing, never through a symbolic link. A missing file is created with `mode`
-// less the umask, or only for its owner if the directory would give it a foreign group or an access list. A file that
-// is not our own is removed and created again, and the system log reports this. A file of our own that does not have
-// `size` bytes is replaced in the same way, without a report. A file that is not regular stays and is refused. [any
-// thread]
+// less the umask, or only for its owner if the directory would give it a foreign group or an access list. A file for
+// which IsOwnFile is false is removed and created again, and the system log reports this. An own file that does not
+// have `size` bytes is replaced in the same way, without a report. A file that is not regular stays and is refused.
+// [any thread]
 [[nodiscard]] OwnFile OpenOwnFile(const char* path, mode_t mode, std::optional<std::uint64_t> size = std::nullopt);
 
 }  // namespace qx::debug
