@@ -1,4 +1,4 @@
-// The worked examples of docs/documents.md, rebuilt by the functions that the page describes.
+// Rebuilds the worked examples of docs/documents.md with the functions that the page describes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,7 +15,7 @@ using qx::test::HexDump;
 using qx::test::Reply;
 using qx::test::ServiceThread;
 
-// The text as a page shows it.
+// The text without CR, as a page shows it.
 std::string WithoutCr(std::string text) {
   text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
   return text;

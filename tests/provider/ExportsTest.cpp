@@ -1,4 +1,4 @@
-// The exported functions. They are linked statically, so that the test can use a module object that fails.
+// Tests the exported functions. They are linked statically, so that a test can use a module object that fails.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -45,7 +45,7 @@ class CurrentModule {
   CKrxAdapterModule* old_;
 };
 
-// The result and the reply of one call. Before the call, the reply pointer is garbage.
+// One call, with its result and its reply. Before the call, the reply pointer is garbage.
 struct Called {
   Called(QxRequestFunction function, const wcs_gendata* params, const char* input) {
     char garbage = 0;
@@ -211,7 +211,7 @@ TEST_F(Exports, EveryFailedAllocationOfARequestEndsInMinusOneOrTheWholeReply) {
 constexpr char kNoDuplicate[] =
     "WCSP_MAIN           : ## FATAL ERROR in ReplyString(): strdup() failed when returning reply data";
 
-// The first malloc of exactly `bytes` bytes fails.
+// An instruction: the first malloc of exactly `bytes` bytes fails.
 qx::test::AllocationFault MallocOf(std::size_t bytes) {
   return {.allocator = qx::test::Allocator::kMalloc, .bytes_min = bytes, .bytes_max = bytes};
 }
@@ -245,7 +245,7 @@ TEST_F(Exports, TextThatCannotBeDuplicatedIsNullAndTracedAsFatal) {
   }
 }
 
-// A service that cancels its thread in the middle of a request: the unwinding must reach the thread's first frame.
+// A service cancels its thread in the middle of a request: the unwinding must reach the first frame of the thread.
 TEST_F(Exports, ForcedUnwindingPassesThroughARequest) {
   class Exiting : public CKrxAdapterModule {
    public:
@@ -318,7 +318,7 @@ TEST_F(Exports, CreateModuleMakesANewObjectCurrentAndKeepsTheEarlierOne) {
   std::snprintf(line, sizeof line, "WCSP_MAIN Create    : CreateModule - allocate pAdapterModule = 0x%08X",
                 Low32(pAdapterModule));
   EXPECT_EQ(trace.Entries().back(), line);
-  EXPECT_EQ(before->__handle_version(), 30400);  // still alive
+  EXPECT_EQ(before->__handle_version(), 30400);  // the module object still exists
   DeleteModule();
   EXPECT_EQ(pAdapterModule, nullptr);
 }

@@ -40,7 +40,7 @@ std::string Address(const void* p) {
 
 std::string ThisThread() { return std::to_string(static_cast<int>(CurrentThreadLow32())); }
 
-// A check alone, with everything that it may write.
+// The check of a request alone, with everything that it may change.
 struct Check {
   explicit Check(BlockBuilder& block) : params(block.Block()) {}
   ~Check() {
@@ -166,7 +166,7 @@ TEST(FileTransferProviderThreadData, ThreadEndFreesTheDataAndClosesItsReport) {
                   "WCSP_QX ThreadEnd   :   deleting CThreadData instance...\n"
                   "WCSP_QX ThreadEnd   : thread-specific data deleted\n");
   }
-  EXPECT_LE(OpenDescriptors(), before + 1);  // the trace log may still be open
+  EXPECT_LE(OpenDescriptors(), before + 1);  // the trace log may also be open
 }
 
 TEST(FileTransferProviderThreadData, ThreadEndWithoutDataOnlyTraces) {
@@ -338,7 +338,7 @@ TEST_F(FileTransferProviderCall, CallerWithThePrivilegeReads) {
   EXPECT_EQ(ServiceThread({kPrivilege}).Ask("r1", 0), Records("r1", 0, 1, "a\r\n"));
 }
 
-// Records that would close the section, the element and the refusal before them if they could.
+// The records try to close the section, the element and the refusal before them.
 TEST_F(FileTransferProviderCall, RefusedCallerNeverGetsAReplyWithARecord) {
   const std::vector<std::string> hostile = {
       "a",  "]]></ReportData>",     "]]>",       "</Error>",     "<!--",    "-->", "<?x",
@@ -373,7 +373,7 @@ TEST_F(FileTransferProviderCall, OtherRepliesToARefusedCallerAreTransferErrors) 
   EXPECT_EQ(thread.Ask("r1", 0, 0), NoMoreRecords());
 }
 
-// The big buffer of a chunk, its document, is in the pool again when the exported function returns.
+// When the exported function returns, the large buffer of the chunk, its document, is in the pool again.
 TEST_F(FileTransferProviderCall, BigBufferOfACallIsKeptForTheNext) {
   const std::string half(400000, 'h');
   Append("r1", 10, {half, half});

@@ -1,4 +1,4 @@
-// What the frame traces around and in the operations at each level: every line at its own level and above, not below.
+// Tests the traces of the frame around the operations and in them: each line is written at its own level and above.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -48,7 +48,7 @@ std::string Marked(std::string text) {
   return text;
 }
 
-// The captured lines without the registry's, with the marks.
+// The captured lines, except those of the registry. Varying parts are replaced by marks.
 std::string Seen(const TraceCapture& trace) {
   std::string text;
   for (const std::string& entry : trace.Entries()) {
@@ -61,7 +61,7 @@ class FrameTrace : public qx::test::TransferFixture {
  protected:
   ~FrameTrace() override { pAdapterModule = nullptr; }
 
-  // Runs `call` at every level with a module object that was made before, and a block of its own.
+  // Runs `call` at every level, each time with a new module object and a new block. The module object is made before.
   static void Expect(const Lines& lines, const std::function<void(BlockBuilder&)>& call,
                      const std::function<void(BlockBuilder&)>& prepare = {}) {
     for (int level = 0; level <= 6; ++level) {
@@ -82,7 +82,7 @@ class FrameTrace : public qx::test::TransferFixture {
     }
   }
 
-  // One request as the service makes it; its reply is freed.
+  // One request as the service makes it. Its reply is freed.
   static std::function<void(BlockBuilder&)> Call(QxRequestFunction function, const std::string& input, int result) {
     return [=](BlockBuilder& block) {
       char* reply = nullptr;
@@ -253,7 +253,7 @@ const Lines kBlockIsGood = {
     {4, "WCSP CheckParams    : All checks OK"},
 };
 
-// The check of the request writes the other function's name into its column.
+// The check of the request writes the name of the other function into its column.
 TEST_F(FrameTrace, InstanceNames) {
   const std::string input = "<ReportInstanceNames Name=\"r1\"/>";
   const std::string reply =

@@ -1,4 +1,4 @@
-// The worked example of docs/provider-interface.md, rebuilt and then read.
+// Rebuilds the worked example of docs/provider-interface.md, and reads it.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace {
 
-// A whole block in one piece of memory, with the pointers that it has at the address `base`.
+// A whole block in one piece of memory. Its pointers are those that it has at the address `base`.
 class BlockImage {
  public:
   explicit BlockImage(char* bytes, std::uint64_t base) : bytes_(bytes), base_(base) {}

@@ -1,4 +1,4 @@
-// The generic operations of the module object, called as a host that holds the object would.
+// Tests the generic operations of the module object, which a host that has the object calls.
 #include "provider/KrxAdapterModule.h"
 
 #include <gmock/gmock.h>
@@ -310,7 +310,7 @@ TEST_F(AdapterModule, StopRequestCallsTheHookAndIsTraced) {
   EXPECT_EQ(trace.Entries().at(0), "WCSP StopRequest    : ## Service shutdown initiated");
 }
 
-// The address of the table, five texts, the flag.
+// After the address of the table and five texts comes the flag.
 TEST_F(AdapterModule, StopRequestSetsTheFlagAfterTheFiveTexts) {
   const auto flag = [this] {
     return static_cast<int>(
@@ -502,7 +502,7 @@ TEST(CheckRequestParams, RefusedTagIsNotDumped) {
   EXPECT_EQ(trace.Text(), "WCSP CheckParams    : Check KRX request parameters...\n");
 }
 
-// Calls virtual functions by slot number, as a caller does that was compiled with another build of this class.
+// Calls virtual functions by slot number, like a caller that was compiled with another build of this class.
 using Slot = void (*)();
 
 Slot SlotAt(const CKrxAdapterModule& module, std::size_t number) {

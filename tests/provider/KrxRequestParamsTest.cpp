@@ -249,7 +249,7 @@ TEST(KrxRequestParams, NullEntriesAreSkipped) {
 }
 
 TEST(KrxRequestParams, WholeBlockNeedsNoAlignment) {
-  // The header, array and element of a block are copied to odd addresses.
+  // The header, the array and the element of a block are at odd addresses.
   BlockBuilder block;
   block.Text(3, "text");
   char element_bytes[sizeof(krx_element) + 1];
@@ -304,7 +304,7 @@ TEST(KrxRequestParams, NamedAccessorsOfAnEmptyBlockReturnEmptyValues) {
   EXPECT_EQ(params.GetRequestMethod(), "");
 }
 
-// What GetRequestorAddress(out) leaves in an `out` that was "before"; its result is always false.
+// The text that GetRequestorAddress(out) leaves in an `out` that was "before". The function always returns false.
 std::string AddressOver(BlockBuilder& block) {
   std::string out = "before";
   EXPECT_FALSE(KrxRequestParams(block.Block()).GetRequestorAddress(out));

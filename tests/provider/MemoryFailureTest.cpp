@@ -1,4 +1,4 @@
-// The report functions when memory runs out.
+// Tests the report functions when there is no memory.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -56,7 +56,7 @@ TEST_F(MemoryFailure, WithoutThreadDataACallIsFatalAndNothingIsCounted) {
   EXPECT_EQ(out.GetDoc(), "<Error Msg=\"\"/>\n");
 }
 
-// The hex dump of a name of 1 MB takes several MB: it is made only for a trace that shows it.
+// The hex dump of a name of 1 MB takes several MB. It must be made only for a trace that shows it.
 TEST_F(MemoryFailure, NameDumpIsOnlyMadeForTheLevelThatShowsIt) {
   constexpr std::size_t kDumpBytes = 4000000;
   const std::string name(1000000, 'n');
@@ -72,7 +72,8 @@ TEST_F(MemoryFailure, NameDumpIsOnlyMadeForTheLevelThatShowsIt) {
   }
 }
 
-// Every allocation of a call fails once: the call throws or continues, is counted, and loses or leaves open nothing.
+// Each allocation of a call fails once: the call throws or continues, the failure is counted, and no record or
+// descriptor is lost.
 TEST_F(MemoryFailure, FailedAllocationLeavesTheTransferIntact) {
   Append("r1", 10, {"a", "b", std::string(300, 'c')});
   const std::string input = "<ReportData Name=\"r1\" StartIndex=\"0\"/>";
@@ -103,7 +104,7 @@ TEST_F(MemoryFailure, FailedAllocationLeavesTheTransferIntact) {
   EXPECT_GT(nth, 5);
 }
 
-// The same for the list of instance names, which is not counted.
+// The same for the list of instance names; these calls are not counted.
 TEST_F(MemoryFailure, FailedAllocationInAListOfNamesLeaksNothing) {
   qx::test::WriteFile(directory_.File("r1.names"), "[Quaxel Report Instances]\nVersion=1\n[Names]\n1=a\n2=b\n");
   ServiceThread thread;

@@ -1,4 +1,4 @@
-// Names files read in one scan must have the content that CIniFile finds key by key.
+// Compares the scan of names files with CIniFile: both must find the same content.
 #include "provider/NamesFile.h"
 
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ struct Names {
   friend bool operator==(const Names&, const Names&) = default;
 };
 
-// One search of the file for each key.
+// Reads the file with one search for each key.
 Names ReadKeyByKey(const std::string& path) {
   constexpr char kHeadSection[] = "Quaxel Report Instances";
   CIniFile file;
@@ -135,7 +135,7 @@ TEST_F(NamesFileTest, RandomFilesAreReadAsKeyByKey) {
   EXPECT_GT(listed, 5000U);
 }
 
-// The keys of a list, each with its NUL, have 64,512 bytes of space and may use 64,509 of them.
+// The keys of a list, each with its NUL, have a buffer of 64,512 bytes, of which they may use 64,509.
 TEST_F(NamesFileTest, ListOverItsLimitIsEmptyAndOneByteLessIsNot) {
   for (std::size_t bytes = 64500; bytes <= 64520; ++bytes) {
     std::string file = std::string(kHead) + "[Names]\n";
@@ -156,7 +156,8 @@ TEST_F(NamesFileTest, HeadAfterAListOverItsLimitIsStillRead) {
   EXPECT_EQ(names, (Names{1, "late", {}}));
 }
 
-// A line has 1023 characters; the rest of a longer one is a line of its own. So no name comes near 65,536.
+// A line has at most 1023 characters; the rest of a longer line is a line of its own. So no name comes near 65,536
+// characters.
 TEST_F(NamesFileTest, NameIsTheRestOfItsLine) {
   for (const std::size_t length : {1020U, 1021U, 1022U, 2000U, 70000U}) {
     const Names names = Read(std::string(kHead) + "[Names]\n1=" + std::string(length, 'v') + "\n2=x\n");

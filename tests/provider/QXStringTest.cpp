@@ -85,7 +85,7 @@ TEST(QXString, FormatMayBeTheStringItself) {
   EXPECT_EQ(text, "100% sure");
 }
 
-// In the C locale no byte encodes the character, and vsnprintf fails with -1.
+// In the C locale the character has no encoding, so vsnprintf fails with -1.
 TEST(QXString, TextThatCannotBeFormattedCountsAsEmpty) {
   Text text("old");
   text.Format("a%ls", L"\x100");

@@ -1,4 +1,4 @@
-// Limits of the work that a refused caller, or a report with billions of records, can cause.
+// Limits the work that a refused caller, or a report with billions of records, can cause.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -27,7 +27,7 @@ static_assert(sizeof kRequest - 1 == 25);
 
 class RefusedTransfer : public qx::test::TransferFixture {
  protected:
-  // An index file whose header counts the most slots possible. The file has `bytes` bytes; only the header is written.
+  // An index file of `bytes` bytes whose header counts as many slots as possible. Only the header is written.
   void SparseReport(std::int64_t bytes, const std::string& data) const {
     qx::report::IndexHeader header;
     header.maxRecord = header.highestIndex = 0xFFFFFFFF;
@@ -36,7 +36,7 @@ class RefusedTransfer : public qx::test::TransferFixture {
     ASSERT_EQ(truncate((BasePath("big") + ".ind").c_str(), bytes), 0);
   }
 
-  // How often a refused call from `start` on reads. If that is not the first record, it continues a transfer.
+  // The number of reads of a refused call from `start` on. If `start` is not 0, the call continues a transfer.
   static int CallsOfRefused(const std::string& name, int start) {
     ServiceThread refused(kNotEnough);
     if (start > 0) (void)refused.Ask(name, 0);
@@ -89,8 +89,8 @@ TEST_F(RefusedTransfer, RefusedCallReadsOneRecordWithText) {
   EXPECT_EQ(refused.Ask("r1", 20000), NoMoreRecords());
 }
 
-// A call that takes the only record of a report needs as many reads as a refused one of a large report. Both files are
-// longer than what is read, so that no read ends early.
+// A refused call of a large report needs as many reads as a call that returns the only record of a report. Both files
+// are longer than the bytes that are read, so no read ends early.
 TEST_F(RefusedTransfer, RefusedCallReadsNoMoreOfALargeReportThanOfOneRecord) {
   for (const std::size_t bytes : {std::size_t{98}, std::size_t{5000}, std::size_t{70000}}) {
     for (const int start : {0, 1}) {
@@ -119,7 +119,7 @@ TEST_F(RefusedTransfer, RecordsWithoutTextAreSearchedForText) {
   EXPECT_EQ(refused.Ask("r1", 0).result, 0);
 }
 
-// With a trace, a refused call continues to read. Its result and its state are the same.
+// With a trace, a refused call continues to read. Its result and its state must be the same as without a trace.
 TEST_F(RefusedTransfer, StoppingEarlyChangesNeitherResultNorState) {
   std::mt19937_64 random(qx::test::Seed("RefusedTransfer"));
   for (int round = 0; round < 60; ++round) {

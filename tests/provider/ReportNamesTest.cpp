@@ -1,4 +1,4 @@
-// The instance names of a report: the reply to a call for each kind of names file, and its trace.
+// Tests the instance names of a report: the reply to a call for each kind of names file, and its trace.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -291,7 +291,7 @@ TEST_F(ReportNamesThreads, CallsOnManyThreadsReturnTheirOwnReplies) {
 
 class ReportNamesTrace : public ReportNames {
  protected:
-  // Calls at every level and expects the lines of this function, in their order, up to that level.
+  // Calls at every level. At each level the lines of this function up to that level must be traced, in their order.
   static void Expect(const TraceLines& lines, const std::string& input) {
     for (int level = 0; level <= 6; ++level) {
       ServiceThread thread;
@@ -307,7 +307,7 @@ class ReportNamesTrace : public ReportNames {
     }
   }
 
-  // A call with the request for the report r1, up to the open of its file.
+  // The trace lines of a request for the report r1, up to the open of its file.
   TraceLines RequestOfR1() const {
     return {{2, "WCSP_QX GetInstances: Get report instance names"},
             {4, "WCSP_QX GetInstances:   XML input string: \"" + Request("r1") + "\""},

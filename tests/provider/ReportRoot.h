@@ -1,4 +1,4 @@
-// A registry for one test, which names the report directory. The system's registry is not used.
+// Sets a registry for one test, which names the report directory. The system's registry is not used.
 #pragma once
 
 #include <string>
@@ -9,8 +9,8 @@
 
 namespace qx::test {
 
-// The registry has the content of `file`, the text of a registry file, until the end of the scope. No other registry
-// handle may exist at its beginning and at its end.
+// The registry has the content of `file`, the text of a registry file, until the end of the scope. There must be no
+// other registry handle at the beginning and at the end of the scope.
 class RegistryContent {
  public:
   explicit RegistryContent(std::string_view file) {

@@ -1,5 +1,5 @@
-// Random stores and random requests: reading record by record, reading in runs, reading into the reply, and a plain
-// model over readLine must return the same replies and leave the same state.
+// Compares four ways to answer random requests about random stores: record by record, in runs, directly into the reply,
+// and by a plain model over readLine. Replies and states must be the same.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -48,8 +48,8 @@ struct Model {
   CReportFileBase store;
 };
 
-// Writes in place, so that an open descriptor sees the change. If a file is truncated and then written, some file
-// systems write it to the disk at once: thousands of rounds would take minutes.
+// Writes in place, so that an open descriptor sees the change. Some file systems write a file that is truncated and
+// then written to the disk at once; thousands of rounds would take minutes.
 void Overwrite(const std::string& path, const std::string& bytes) {
   if (qx::test::Exists(path) && ReadFile(path) == bytes) return;
   std::ofstream(path, std::ios::binary | std::ios::in | std::ios::out) << bytes;
@@ -63,7 +63,7 @@ std::string AsCdataText(std::string text) {
   return text;
 }
 
-// One call of the plain model: one readLine for each record, in the steps of docs/documents.md.
+// One call of the plain model. It calls readLine for each record, in the steps of docs/documents.md.
 Reply ModelCall(Model& model, const std::string& path, const RandomRequest& request,
                 const std::function<void()>& meanwhile) {
   if (request.start == 0) {
@@ -119,7 +119,7 @@ class ReportTransferRandom : public qx::test::TransferFixture {
     Overwrite(Path() + ".ind", bytes.index);
     Overwrite(Path() + ".dat", bytes.data);
   }
-  // No store, and no file that would have to be emptied.
+  // Removes the files of the store, so that the next store need not empty one.
   void RemoveStore() const {
     std::filesystem::remove(Path() + ".ind");
     std::filesystem::remove(Path() + ".dat");
@@ -141,8 +141,8 @@ class ReportTransferRandom : public qx::test::TransferFixture {
     return {result, out.GetDoc(), out.IsWellFormed()};
   }
 
-  // A transfer of some calls over the store. `change`, if there is one, is applied to the store between the calls and,
-  // often, after the first read.
+  // A transfer of several calls. `change`, if it is set, changes the store between the calls and, often, after the
+  // first read.
   void CompareTransfer(Random& random, const std::vector<RandomRequest>& requests,
                        const std::function<void(std::uint64_t)>& change);
 };
@@ -163,7 +163,7 @@ void AppendRandomRecords(Random& random, const std::string& path, std::int64_t c
   for (; count > 0; --count) ASSERT_TRUE(store.writeLine(RandomRecord(random).c_str()));
 }
 
-// Toggles a bit, cuts off the end, or inserts a NUL.
+// Damages the bytes: toggles a bit, cuts off the end, or inserts a NUL.
 void Damage(Random& random, std::string& bytes) {
   if (bytes.empty()) return;
   auto at = static_cast<std::size_t>(Pick(random, 0, static_cast<std::int64_t>(bytes.size()) - 1));

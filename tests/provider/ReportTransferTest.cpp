@@ -23,7 +23,7 @@ using qx::test::WriteFile;
 
 class ReportTransfer : public qx::test::TransferFixture {
  protected:
-  // A store whose data file is exactly `data`, and whose ring has the given offsets and is not full.
+  // A store whose data file is exactly `data`. Its ring has slots with these offsets and is not full.
   void WriteStore(const std::string& name, const std::string& data, const std::vector<std::uint32_t>& offsets) {
     qx::report::IndexHeader header;
     header.maxRecord = 100;
@@ -302,7 +302,7 @@ class RingDuringTransfer : public qx::test::TransferInRace {
   using Path = qx::provider::TransferOptions::Path;
 };
 
-// Two billion slots that the index file does not have; each is a record that is empty because of its first NUL.
+// Two billion slots, which the index file does not have. Each is a record that is empty because its first byte is NUL.
 TEST_F(RingDuringTransfer, DamagedHeaderIsAnsweredAtOnceInEveryWayOfReading) {
   qx::report::IndexHeader header;
   header.maxRecord = header.highestIndex = 0x7FFFFFFF;
@@ -360,7 +360,7 @@ TEST_F(RingDuringTransfer, AfterAFailedReopenTheFirstRecordIsUsedAndTheNextReadF
   }
 }
 
-// The next transfer does not depend on it, even if its report cannot be opened either.
+// The next transfer is independent of this one, even if its report cannot be opened either.
 TEST_F(RingDuringTransfer, FailedReopenIsForgottenByTheNextTransfer) {
   for (const Path path : {Path::kSingly, Path::kInRuns, Path::kIntoReply}) {
     Append("r1", 5, {"1", "2", "3"});

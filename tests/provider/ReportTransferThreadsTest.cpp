@@ -1,4 +1,4 @@
-// Sixteen service threads at once, as the service runs them: one module object, a block and thread data for each
+// Runs sixteen service threads at once, like the service: one module object, and a block and thread data for each
 // thread.
 #include <gtest/gtest.h>
 
@@ -24,7 +24,7 @@ std::string Record(int report, int number) {
   return "report " + std::to_string(report) + " record " + std::to_string(number) + std::string(100, '.');
 }
 
-// Records first..last-1 as a reply shows them.
+// The records from `first` up to, but not including `last`, as a reply shows them.
 std::string Text(int report, int first, int last) {
   std::string text;
   for (int number = first; number < last; ++number) text += Record(report, number) + "\r\n";

@@ -1,4 +1,4 @@
-// What a call of the report transfer traces: every line, its position and its level.
+// Tests the traces of a call of the report transfer: every line, its position and its level.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -73,7 +73,7 @@ class ReportTransferTrace : public qx::test::TransferFixture {
  protected:
   using Before = std::function<void(ServiceThread&)>;
 
-  // Runs `call` on its own service thread at every trace level, after `before` without a trace.
+  // Runs `call` on a service thread of its own at every trace level. `before` runs first, without a trace.
   static void Expect(const Lines& lines, const std::function<void(ServiceThread&)>& call, const Before& before = {},
                      const std::vector<const char*>* privileges = nullptr) {
     for (int level = 1; level <= kLevelMax; ++level) {
@@ -231,7 +231,7 @@ TEST_F(ReportTransferTrace, SizeIsShownInBytesUpTo10239) {
             "WCSP_QX GetReports  : Get report file \"r2\", total size: 10 kB, chunk size: 1024 kB\n");
 }
 
-// The same for a transfer of the report r1 during which a writer appends "3" after the first read, at one level.
+// The same, but a writer appends "3" to the report r1 after the first read of the transfer. At one level.
 class ReportTransferTraceInRace : public ReportTransferTrace {
  protected:
   std::string SeenAt(int level) {

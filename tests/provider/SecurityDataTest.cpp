@@ -1,4 +1,4 @@
-// The security half of KrxRequestParams: validation data, privileges, credentials.
+// Tests the functions of KrxRequestParams for security: validation data, privileges, credentials.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -301,7 +301,7 @@ TEST(SecurityData, Low32KeepsTheLowHalfOfAnAddress) {
   EXPECT_EQ(qx::provider::Low32(static_cast<const void*>(nullptr)), 0U);
 }
 
-// The three texts after GetUserCredentials; each was "?" before.
+// The three texts that GetUserCredentials has set; each was "?" before.
 struct Login {
   explicit Login(BlockBuilder& block) : Login(block.Block()) {}
   explicit Login(const wcs_gendata* block)

@@ -21,7 +21,7 @@ constexpr char kDefaultKey[] = "[SOFTWARE]\n[Dremlor]\n[Management]\n[Server Con
 constexpr char kUuidKey[] =
     "[SYSTEM]\n[CurrentControlSet]\n[Control]\n[UUID]\n[C3681B60-0D26-11D3-8319-00A0C9B61E25]\n";
 
-// The local machine's hive around keys that `content` opens and closes itself.
+// A registry file with the hive of the local machine. `content` opens and closes the keys in it.
 std::string Hive(const std::string& content) { return "[HKEY_LOCAL_MACHINE]\n" + content + "\n\n"; }
 
 // A registry file with these lines in the Setup key of the default root.

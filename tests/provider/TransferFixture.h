@@ -1,5 +1,5 @@
-// Shared by the tests of the report functions: a report directory with reports, service threads with their blocks, and
-// request and reply documents.
+// Helpers for the tests of the report functions: a report directory with reports, service threads with their blocks,
+// and the documents of requests and replies.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ inline std::ostream& operator<<(std::ostream& out, const Reply& reply) {
   return out << reply.result << (reply.is_well_formed ? " " : " (not well formed) ") << reply.document;
 }
 
-// The reply with `records`, whose text does not contain "]]>".
+// A reply with `records`. Their text must not contain "]]>".
 inline Reply Records(const std::string& name, int start, int next, const std::string& records) {
   return {0,
           "<ReportData Name=\"" + name + "\" StartIndex=\"" + std::to_string(start) + "\" NextIndex=\"" +
@@ -56,7 +56,7 @@ inline Reply NotReadable(const std::string& escaped_twice, int error_number) {
 class ServiceThread {
  public:
   ServiceThread() : block_(BlockBuilder::Request("GetReports")) {}
-  // A caller that the security layer describes.
+  // A thread with a caller that has these privileges.
   explicit ServiceThread(const std::vector<const char*>& privileges) : ServiceThread() {
     block_->Security("operator", {{"Operations", privileges}});
   }
@@ -81,7 +81,7 @@ class ServiceThread {
     return {result, out.GetDoc(), out.IsWellFormed()};
   }
 
-  // A request for `limit` records (-1: no limit) from `start` on.
+  // Requests `limit` records (-1: no limit) from `start` on.
   Reply Ask(const std::string& name, int start, int limit = -1) {
     std::string input = "<ReportData Name=\"" + name + "\" StartIndex=\"" + std::to_string(start) + "\"";
     if (limit != -1) input += " NrRecords=\"" + std::to_string(limit) + "\"";
@@ -112,10 +112,10 @@ class TransferFixture : public testing::Test {
   ReportRoot root_;
 };
 
-// Transfers of the report r1 in each way of reading, by a thread whose data belongs to the test.
+// Transfers of the report r1 in each way of reading, by a thread whose data belong to the test.
 class TransferInRace : public TransferFixture {
  protected:
-  // One call from `start` on, with `meanwhile` after the first read of a transfer and before the check of the ring.
+  // One call from `start` on. `meanwhile` runs after the first read of a transfer, before the check of the ring.
   template <typename Meanwhile>
   Reply Ask(Meanwhile meanwhile, int start, provider::TransferOptions::Path path, CThreadData& data) {
     CMarkup in;

@@ -1,5 +1,5 @@
-// The trace lines of a report transfer, in the groups in which calls write them. A test puts a whole trace together
-// from these groups and the lines that make its case special.
+// The trace lines of a report transfer, in the groups in which calls write them. A test makes a whole trace from these
+// groups and from the lines of its own case.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,8 @@
 
 namespace qx::test::transfer {
 
-// The request names a report; `dump` is its name as hexadecimal text. A call from the first record on starts over.
+// The lines of a request that names a report; `dump` is the name in hexadecimal digits. A call from the first record on
+// starts a new transfer.
 inline TraceLines RequestOf(const std::string& name, const std::string& dump, int start) {
   TraceLines lines = {{4, dump}};
   if (start == 0) lines.push_back({3, "WCSP_QX GetReports  : New call (StartIndex=0) ==> reset class"});
@@ -29,7 +30,7 @@ inline TraceLines NotReadableLine(const std::string& name) {
   return {{1, "WCSP_QX GetReports  : ## ERROR! Could not read data file for report \"" + name + "\" (0x00000002)"}};
 }
 
-// The first call of a transfer opens the report; `size` is the size of its data file ("18 Bytes").
+// The line of the first call of a transfer, which opens the report; `size` is the size of its data file ("18 Bytes").
 inline TraceLines OpenedReport(const std::string& name, const std::string& size) {
   return {{2, "WCSP_QX GetReports  : Get report file \"" + name + "\", total size: " + size + ", chunk size: 1024 kB"}};
 }
@@ -43,12 +44,12 @@ inline TraceLines ReadEntry(int number, int slot) {
   return {{5, "WCSP_QX GetReports  :   read entry #" + std::to_string(number) + ", index=" + std::to_string(slot)}};
 }
 
-// After the first read of a transfer.
+// The line after the first read of a transfer.
 inline TraceLines CompareOldest(int oldest) {
   return {{4, "WCSP_QX GetReports  :     compare oldest index=" + std::to_string(oldest) + " whether changed"}};
 }
 
-// A record that goes into the reply. The trace cuts an entry at 1024 characters.
+// The line of a record that the reply gets. The trace cuts an entry at 1024 characters.
 inline TraceLines TakenEntry(const std::string& text) {
   const std::string line = "WCSP_QX GetReports  :   --> entry: " + text;
   return {{5, line.substr(0, 1024)}};
@@ -67,7 +68,8 @@ inline TraceLines RecordsRead(int count, std::size_t bytes) {
       {3, "WCSP_QX GetReports  : " + std::to_string(count) + " records read (" + std::to_string(bytes) + " bytes)"}};
 }
 
-// A reply with `text`, of which the first 256 characters are traced; `before` is what precedes the root element.
+// The line of a reply with `text`, of which the first 256 characters are traced; `before` is the text before the root
+// element.
 inline TraceLines RepliedRecords(const std::string& name, int start, int next, const std::string& text,
                                  const std::string& before = {}) {
   return {{4, "WCSP_QX GetReports  :   XML reply: \"" + before + "<ReportData Name=\"" + name + "\" StartIndex=\"" +

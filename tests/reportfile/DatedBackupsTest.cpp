@@ -63,10 +63,10 @@ class DatedBackups : public testing::Test {
     return report::MakeDatedBackup(reports_, backups_, {.is_compressed = is_compressed, .keep = keep, .now = now});
   }
 
-  // The directory of a new backup.
+  // Makes a backup, and returns its directory.
   std::string MakeIn(bool is_compressed) const { return backups_ + "/" + Make(is_compressed).name; }
 
-  // "name: state" of everything that is not sound.
+  // "name: state" of each file that is not sound.
   std::vector<std::string> Faults(const std::string& backup) const {
     const report::VerifiedBackup verified = report::VerifyBackup(backup, tmp_);
     if (verified.error != 0) return {verified.file + ": error " + std::to_string(verified.error)};
@@ -80,7 +80,8 @@ class DatedBackups : public testing::Test {
     return faults;
   }
 
-  // Restores into the new directory "restored". The error number of the backup, or -1 if the restore itself failed.
+  // Restores into the new directory "restored". Returns the error number of the backup, or -1 if the restore itself
+  // failed.
   int Restore(const std::string& backup, const std::vector<std::string>& names = {}) const {
     const RestorableBackup source(backup, names, tmp_);
     if (source.Error() != 0) return source.Error();
@@ -121,7 +122,7 @@ std::string FrameOf(const std::string& content, bool has_size = true) {
   return frame;
 }
 
-// Backups that an earlier version made: tests/reportfile/backups.
+// A backup of tests/reportfile/backups, which an earlier version has made.
 std::string EarlierBackup(const std::string& name) { return QX_SOURCE_DIR "/tests/reportfile/backups/" + name; }
 
 }  // namespace
@@ -174,7 +175,7 @@ TEST_F(DatedBackups, SingleReportIsRestoredAloneWithItsDirectory) {
   }
 }
 
-// --- every failure leaves a whole backup, or none that the list shows as one
+// --- every failure leaves a whole backup, or no backup that the list shows as whole
 
 TEST_F(DatedBackups, EveryFailedCallLeavesNoBackupUnderItsName) {
   for (const FileCall call : {FileCall::kAnyWriteAt, FileCall::kSync, FileCall::kMakeDirectory, FileCall::kRename}) {
@@ -188,7 +189,7 @@ TEST_F(DatedBackups, EveryFailedCallLeavesNoBackupUnderItsName) {
       }
       const bool is_made = !made.name.empty();
       EXPECT_EQ(is_made, made.copy.state == BackupState::kDone);
-      // The last sync is that of the directory of backups; the backup is whole in both cases.
+      // The last sync is that of the directory of backups. The backup is whole whether or not it fails.
       EXPECT_TRUE(!is_made || !has_failed || call == FileCall::kSync) << static_cast<int>(call) << " " << nth;
       EXPECT_EQ(NamesOfBackups().size(), is_made ? 1U : 0U) << "nothing unfinished is left";
       EXPECT_TRUE(!is_made || Faults(backups_ + "/" + made.name).empty());
@@ -199,7 +200,7 @@ TEST_F(DatedBackups, EveryFailedCallLeavesNoBackupUnderItsName) {
 }
 
 TEST_F(DatedBackups, KilledProcessLeavesAWholeBackupOrAnUnfinishedOne) {
-  fs::remove_all(reports_ + "/disk");  // now the list of checksums is the longest file, and the last one
+  fs::remove_all(reports_ + "/disk");  // the list of checksums is now the longest file, and the last one
   bool is_killed = true;
   for (rlim_t bytes = 0; is_killed; bytes += 30) {
     // SIGXFSZ is not ignored: the first write over the limit kills the process in the middle.
@@ -361,7 +362,7 @@ TEST_F(DatedBackups, BackupsOfAnEarlierVersionAreRestored) {
   }
 }
 
-// An earlier version reads what it would have written itself.
+// Reports and backups must have the bytes that an earlier version writes, so that it can read them.
 TEST_F(DatedBackups, ReportsAndBackupsAreByteForByteThoseOfAnEarlierVersion) {
   fs::remove_all(reports_);
   fs::create_directories(reports_ + "/disk");

@@ -1,8 +1,9 @@
-// One copy, removal or restore in its own process, so that strace can make its system calls fail.
+// Does one copy, removal or restore in its own process, so that strace can make its system calls fail.
 //
 //   directory_faults_program copy|remove|restore DIRECTORY
 //
-// works on "from" and "to" in DIRECTORY; restore also reads the registry there. Exits with 0 for true, 1 for false.
+// It works on "from" and "to" in DIRECTORY; restore also reads the registry there. The exit code is 0 for true, 1 for
+// false.
 #include <csignal>
 #include <cstring>
 #include <string>

@@ -33,7 +33,7 @@ struct Call {
   std::string line;
 };
 
-// The error of a failing call of this name; the others fail with EIO.
+// The error with which a call of this name fails; calls that are not in the table fail with EIO.
 const char* ErrorOf(const std::string& call) {
   static const std::map<std::string, const char*> kErrors = {
       {"openat", "EMFILE"}, {"write", "ENOSPC"}, {"mkdirat", "ENOSPC"}, {"unlinkat", "EBUSY"},
@@ -74,7 +74,7 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
   std::string Scenario() const { return std::string(GetParam()).substr(0, std::string(GetParam()).find(' ')); }
   bool IsByBlocks() const { return std::strstr(GetParam(), "blocks") != nullptr; }
 
-  // Each restore waits for the disk, so fewer of them run.
+  // Each restore waits for the disk, so its tree is smaller, and fewer calls are tested.
   static Tree TreeOf(const std::string& scenario) {
     Tree tree = {{"b.dat", "new b"}, {"sub/", ""}, {"sub/c.dat", "c"}};
     if (scenario != "restore") tree.insert({{"a.dat", std::string(40000, 'a')}, {"empty", ""}});
@@ -87,7 +87,7 @@ class DirectoryFaults : public testing::TestWithParam<const char*> {
     MakeTree(dir_.File("to"), to_);
   }
 
-  // Runs the scenario under strace with more options, from the same initial files; its calls are stored in calls_.
+  // Runs the scenario under strace with more options, from the same initial files; the calls are in Notes().
   int RunUnderStrace(const std::vector<std::string>& options) const {
     Prepare();
     std::vector<std::string> command = {"strace", "-y", "-s", "4096", "-o", Notes()};
@@ -210,7 +210,7 @@ TEST_P(DirectoryFaultsOnce, FileOfSizeZeroIsReadBlockByBlock) {
   EXPECT_EQ(ContentsOf(dir_.File("to")), expected);
 }
 
-// The limit is within a block, so that the write of the block is short; the write of the rest fails with the error.
+// The limit is within a block, so the first write of the block is short. The write of the rest fails with the error.
 TEST_P(DirectoryFaultsOnce, ErrorOfAShortWriteIsTraced) {
   EXPECT_EQ(RunUnderStrace({"-e", "inject=copy_file_range:error=EXDEV", "prlimit", "--fsize=20000"}), 1);
   EXPECT_THAT(Log(), HasSubstr(std::string("## ERROR: Could not copy file. ") + std::strerror(EFBIG)));

@@ -1,4 +1,4 @@
-// Listings that fail or end early: a restore then changes nothing, and a copy returns false.
+// Tests listings that fail or end early: a restore then changes nothing, and a copy returns false.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -23,7 +23,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// So many long names that one directory needs several calls.
+// A tree with so many long names that one directory needs several calls.
 Tree ManyFiles(const std::string& directory) {
   Tree tree;
   for (int i = 0; i < 300; ++i) tree[directory + std::string(200, 'n') + std::to_string(i)] = "x";
@@ -96,7 +96,8 @@ TEST_F(ListingFaults, BackupThatMayNotBeReadIsRefusedAndKept) {
   EXPECT_EQ(ContentsOf(from_), (Tree{{"a.dat", "1"}}));
 }
 
-// After each single failure, the backup is kept, or everything is restored, or the trace says that a copy failed.
+// After each single failure, the backup still exists, or everything is restored, or the trace reports that a copy
+// failed.
 TEST_F(ListingFaults, OneFailedCallOfARestoreLosesNothing) {
   const Tree from = {{"a.dat", "1"}, {"sub/", ""}, {"sub/b.dat", "2"}, {"sub/deep/", ""}, {"sub/deep/c", "3"}};
   for (const FileCall call : {FileCall::kOpen, FileCall::kStatusAt, FileCall::kStatus, FileCall::kReadEntries}) {

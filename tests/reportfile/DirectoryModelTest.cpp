@@ -1,4 +1,4 @@
-// Random trees: after copies and removals, they must equal those of a plain model.
+// Compares random copies and removals of random trees with a plain model.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -64,7 +64,7 @@ void ModelCopy(const Model& from, Model& to, const std::string& directory, const
   }
 }
 
-// False: an entry could not be removed, and the removal ended there.
+// Returns false if an entry could not be removed. The removal ends there.
 bool ModelRemove(Model& model, const std::string& directory, bool with_parent) {
   for (const std::string& name : NamesIn(model, directory)) {
     const std::string path = Joined(directory, name);
@@ -87,7 +87,7 @@ class RandomTrees {
 
   std::size_t Below(std::size_t end) { return random_() % end; }
 
-  // Files and directories never share a name, so that one tree can always be copied over another.
+  // A file and a directory never have the same name, so any tree can be copied over any other.
   Model Tree(bool with_hidden) {
     Model model = {{"", {true, 0755, ""}}};
     std::vector<std::string> directories = {""};
@@ -109,7 +109,7 @@ class RandomTrees {
   static inline const std::vector<std::string> kDirectoryNames = {"d1", "fd.1", "[a-z]", "*.*", ".d1", ".fd"};
   static constexpr mode_t kModes[] = {0600, 0644, 0640, 0755, 0666};
 
-  // The last two of each list are hidden.
+  // Picks a name. The last two names of each list are hidden.
   std::string PickName(const std::vector<std::string>& names, bool with_hidden) {
     return names[Below(names.size() - (with_hidden ? 0 : 2))];
   }

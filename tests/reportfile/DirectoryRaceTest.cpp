@@ -1,5 +1,5 @@
-// An ordinary user exchanges directories of a tree for links to root's while root removes it: no file of root's is
-// removed.
+// Attacks a removal by root: an ordinary user exchanges directories of the tree for links to root's. No file of root's
+// may be removed.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -31,7 +31,7 @@ class DirectoryRace : public testing::Test {
     MakeLink(dir_.File("ours"), dir_.File("theirs/link"));
   }
 
-  // Exchanges directory and link, and back. Creates again what was removed.
+  // Exchanges the directory and the link, and back; then makes again what root has removed.
   void Step() const {
     for (int i = 0; i < 4; ++i) ExchangeAndPause(sub_.c_str(), link_.c_str());
     // If the directory has the link's name now, it is removed, so that the link can be made again.
@@ -65,7 +65,7 @@ TEST_F(DirectoryRace, RemovalNeverLeavesTheTree) {
   EXPECT_EQ(ModeOf(dir_.File("ours/a")), 0644U);
 }
 
-// The user exchanges a file for a link to root's file: a removal sets the mode of each file first.
+// A removal sets the mode of each file first. The user exchanges such a file for a link to root's file.
 TEST_F(DirectoryRace, ModeOfRootsFileStays) {
   const std::string file = top_ + "/file";
   const std::string link = dir_.File("theirs/filelink");
@@ -85,7 +85,7 @@ TEST_F(DirectoryRace, ModeOfRootsFileStays) {
   EXPECT_GT(removed, 0);
 }
 
-// The directory that root is in is moved elsewhere: its ".." is no directory of the tree any more.
+// The current directory of the walk is moved to another place, so its ".." is not a directory of the tree any more.
 TEST_F(DirectoryRace, WalkEndsInADirectoryThatWasMoved) {
   MakeTree(dir_.Path(), {{"theirs/top/sub/below/", ""}, {"shared/", ""}});
   report::DirectoryCursor cursor;

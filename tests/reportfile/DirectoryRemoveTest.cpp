@@ -1,4 +1,4 @@
-// Removals of directory trees: what is removed, what stays, and every line of the trace.
+// Tests removals of directory trees: which files are removed, which stay, and every line of the trace.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -245,7 +245,7 @@ TEST_F(DirectoryRemove, RelativePathsAndSlashesAtTheEndAreAccepted) {
   EXPECT_FALSE(Exists(dir_.File("top")));
 }
 
-// Five hundred levels on a stack that is too small for a function that calls itself for each.
+// A tree of five hundred levels. The stack is too small for a function that calls itself for each level.
 TEST_F(DirectoryRemove, DeepTreeNeedsNoDeepStack) {
   std::string path = top_;
   for (; path.size() < 4000; path += "/ddddddd") ASSERT_EQ(mkdir(path.c_str(), 0700), 0);

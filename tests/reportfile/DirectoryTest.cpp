@@ -1,4 +1,4 @@
-// Copies of directory trees: what is copied where, and every line of the trace.
+// Tests copies of directory trees: which files are copied where, and every line of the trace.
 #include "reportfile/Directory.h"
 
 #include <gmock/gmock.h>

@@ -1,5 +1,5 @@
-// The oracle of a follower: a list of all records ever written, and the ring model over the last of them. It is read as
-// the module reads a report.
+// The oracle of a follower: a list of all records that were ever written, and the ring model with the last of them. The
+// follower reads it as it reads a report of the module.
 #pragma once
 
 #include <cstdint>
@@ -20,15 +20,15 @@ class FollowedReport : public report::RecordSource {
   // Empties the report and forgets its records.
   void StartOver();
 
-  // All records since the start, and how many of the first ones have been replaced.
+  // All records since the start, and the number of the first ones that have been replaced.
   const std::vector<std::string>& All() const { return all_; }
   std::size_t Gone() const { return all_.size() - ring_.ring.size(); }
 
-  // The most records of one reply.
+  // Sets the largest number of records in one reply.
   void LimitAnswers(std::uint32_t records) { answer_max_ = records; }
-  // Called before each record is read: here a writer can append.
+  // Sets a function that is called before each record is read; it can append records.
   void BetweenReads(std::function<void()> step) { between_ = std::move(step); }
-  // The n-th call from now on (1: the next) fails.
+  // Makes the nth call from now on fail (1: the next one).
   void FailCall(int n) { fail_in_ = n; }
   int Calls() const { return calls_; }
 

@@ -36,7 +36,7 @@ TEST(RecordEnds, PieceOfARecord) {
   }
 }
 
-// Each of the 256 byte values at each position of buffers of each small length: each end is found.
+// Each of the 256 byte values is at each position of buffers of each small length: each end is found.
 TEST(RecordEnds, EveryByteValueAtEveryPositionAgreesWithThePlainForm) {
   for (std::size_t size = 1; size <= 40; ++size) {
     for (std::size_t place = 0; place < size; ++place) {

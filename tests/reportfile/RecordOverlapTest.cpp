@@ -1,4 +1,4 @@
-// Hashes alone find the record up to which a reader has read.
+// Tests whether hashes alone find the record up to which a reader has read.
 #include "reportfile/tools/RecordOverlap.h"
 
 #include <gtest/gtest.h>

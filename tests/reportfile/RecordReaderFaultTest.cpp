@@ -1,4 +1,4 @@
-// Records that change, or cannot be read, during a read of many.
+// Tests records that change, or cannot be read, while many records are read.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -15,7 +15,7 @@ namespace {
 class RecordReaderRace : public RecordReaderTest {};
 
 // A writer replaces the first record while it is read: it stores the new text, then the slot, and later overwrites the
-// old text. Before whichever read this happens, the result is one of the two records, whole.
+// old text. Whichever read this comes before, the result must be one of the two records, whole.
 TEST_F(RecordReaderRace, RecordReplacedBeforeAnyReadIsWhole) {
   for (const std::size_t text_bytes : {1U, 100U, 5000U, 70000U}) {
     for (const char* const end : {"\r\n", "\nrest\r\n"}) {  // read in runs, and one by one
@@ -55,7 +55,7 @@ TEST_F(RecordReaderRace, SlotsThatAreWrittenDuringTheReadAreUsed) {
   }
 }
 
-// A new window of slots needs newer texts: a text that was read before its slot is dropped.
+// When a new window of slots is read, a text that was read before it is dropped, because the slots are newer.
 TEST_F(RecordReaderRace, TextThatWasReadBeforeItsSlotIsReadAgain) {
   Open(std::vector<std::uint32_t>(300, 0), "a\r\na\r\n");
   std::string out;
@@ -66,7 +66,7 @@ TEST_F(RecordReaderRace, TextThatWasReadBeforeItsSlotIsReadAgain) {
   EXPECT_EQ(out, "a\r\nz\r\n");
 }
 
-// Slots that change during every read: slot, text and slot are read three times, and then the text is returned.
+// The slot changes during every read: slot, text and slot are read three times, and then the last text is returned.
 TEST_F(RecordReaderRace, ThirdReadOfAChangingSlotIsUsed) {
   Open({0}, "a\r\nb\r\n");
   const BeforeEachRead hook([&](int call) { files_.WriteSlot(0, call % 2 == 0 ? 0 : 3); });
@@ -103,7 +103,8 @@ TEST_F(RecordReaderRace, ChangedSlotDropsOnlyTheTextsOfItsBatch) {
   EXPECT_TRUE(TakeAll() == data);
 }
 
-// Each read fails once, then all later reads fail: records are whole, in order, and never returned twice.
+// First each read fails once; then each read and all later reads fail. The returned records must be whole, in order,
+// and none may be returned twice.
 class RecordReaderFault : public RecordReaderTest {
  protected:
   void ExpectPrefix(const TakenRecords& taken, const std::string& out, const std::vector<std::string>& records) {
@@ -122,13 +123,14 @@ class RecordReaderFault : public RecordReaderTest {
     }
   }
 
-  // Keeps the memory, and overwrites what an earlier read left there: it must not pass as the result of the next one.
+  // Overwrites the bytes of an earlier read and keeps the memory, so that they cannot pass as the result of the next
+  // read.
   static void Empty(std::string& out) {
     out.assign(out.size(), '?');
     out.clear();
   }
 
-  // Records of `text_bytes`; `end` decides whether they can be read in runs.
+  // Makes and opens records of `text_bytes`; `end` decides whether they can be read in runs.
   std::vector<std::string> OpenRecords(std::size_t count, std::size_t text_bytes, const std::string& end) {
     std::vector<std::string> records;
     std::vector<std::uint32_t> slots;

@@ -1,4 +1,4 @@
-// A store, a reader over it, and Take in its plainest form.
+// A store, a reader of it, and a plain form of Take, for the tests of RecordReader.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Records through windows: for all files, the results must be those of readLine for each slot in turn.
+// Compares the reads of RecordReader, which go through windows, with readLine for each slot.
 #include "reportfile/RecordReader.h"
 
 #include <gmock/gmock.h>
@@ -192,7 +192,7 @@ TEST_F(RecordReaderTest, BracketInATakenRecordIsReported) {
   }
 }
 
-// A long run with an exception near its end: what was read before must not be in the caller's text.
+// A long run has an exception near its end. The part that was read before must not be in the caller's text.
 TEST_F(RecordReaderTest, LongRunWithAnExceptionIsTakenRecordByRecord) {
   const std::string line = std::string(98, 'x') + "\r\n";
   std::string data;
@@ -262,7 +262,7 @@ TEST_F(RecordReaderTest, RecordsWithLineFeedsDoNotNeedOneReadEach) {
   EXPECT_LE(reads.Calls(), 20);
 }
 
-// Billions of slots that the index file does not have; each is a record without text.
+// Billions of slots, which the index file does not have. Each is a record without text.
 TEST_F(RecordReaderTest, HeaderThatClaimsBillionsOfSlotsIsAnsweredAtOnce) {
   Open({.maxRecord = 0xFFFFFFFF, .highestIndex = 0xFFFFFFFF}, {2}, "\0a\n"s);
   const CountedCalls reads(FileCall::kReadAt);
@@ -340,7 +340,7 @@ TEST_F(RecordReaderTest, RecordsAfterFourGigabytesOfDataAreOutOfReachOfSlots) {
   EXPECT_EQ(TakeAll(), "a\r\n");
 }
 
-// Around the edges of both windows: a record across the end of a window is read like any other.
+// Records around the edges of both windows: a record across the end of a window is read like any other.
 TEST_F(RecordReaderTest, RecordsOfEveryLengthAroundTheWindowsAreTakenWhole) {
   for (const std::size_t text_bytes : {0U, 1U, 4093U, 4094U, 4095U, 32766U, 65533U, 65534U, 65535U, 70000U}) {
     OpenAppended(text_bytes < 10 ? 3 * kWindowSlots + 5 : 40, text_bytes);
@@ -382,7 +382,7 @@ class RandomStore {
 
   std::uint32_t Below(std::size_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
 
-  // Appends records of odd texts, wraps included, as a writer would, and then damages the files a little.
+  // Appends records of odd texts as a writer would, also across wraps, and then damages the files a little.
   void Build(const StoreFiles& files) {
     CReportFileBase writer;
     const std::uint32_t slots = 1 + Below(Below(10) == 0 ? 1000 : 40);
@@ -410,7 +410,7 @@ class RandomStore {
     WriteFile(path, bytes);
   }
 
-  // Slots out of order, equal, overlapping, after the end.
+  // Damages slots: they are out of order, equal, overlapping, or lead beyond the end of the data file.
   void DamageSlots(const StoreFiles& files) {
     std::vector<std::uint32_t> slots = files.Slots();
     if (slots.empty()) return;

@@ -1,4 +1,5 @@
-// Batches of records against the same records one at a time: the files must have the same bytes, also when writes fail.
+// Compares a batch of records with the same records appended one by one: the files must have the same bytes, also when
+// writes fail.
 #include "reportfile/tools/RecordWriter.h"
 
 #include <gmock/gmock.h>
@@ -73,7 +74,7 @@ TEST(RecordWriter, BatchesLeaveTheFilesOfSingleAppends) {
   }
 }
 
-// Headers that no writer leaves, and counts and offsets near the ends of their fields.
+// Headers that no writer leaves, and headers whose counts and offsets are near the limits of their fields.
 TEST(RecordWriter, BatchesToDamagedStoresLeaveTheFilesOfSingleAppends) {
   constexpr std::uint32_t kLast = std::numeric_limits<std::uint32_t>::max();
   const std::vector<IndexHeader> headers = {
@@ -226,7 +227,7 @@ TEST(RecordWriterRing, NewStoreKeepsItsSizeBeforeTheFirstRecord) {
   EXPECT_EQ(files.Header(), (IndexHeader{0, 0, 0, 7, 0, 0}));
 }
 
-// A writer that ended after `records` slots of its next part.
+// The files of a writer that ended after it had written `slots` slots of its next part.
 class RecordWriterInterrupted : public RecordWriterFault {
  protected:
   void InterruptAfterSlots(const Texts& texts, std::size_t slots) {
@@ -279,14 +280,14 @@ TEST_F(RecordWriterInterrupted, SoundStoresAreLeftAlone) {
   EXPECT_TRUE(files_.DataBytes().starts_with(data.substr(0, before_.writePosition)));
 }
 
-// A slot that leads to the marker by chance, as after longer records.
+// A slot leads to the end marker by chance, as it may after longer records.
 TEST_F(RecordWriterInterrupted, TheEndMarkerIsNotARecordOfAKilledWriter) {
   files_.WriteSlot(before_.oldestIndex, before_.writePosition);
   EXPECT_EQ(Finish(), 0U);
   EXPECT_EQ(files_.Header(), before_);
 }
 
-// The new record ends where the text of an old one begins, so that record's slot leads to the new end marker.
+// The new record ends where the text of an old one begins, so the slot of the old record leads to the new end marker.
 TEST_F(RecordWriterInterrupted, OldSlotThatLeadsToTheNewEndMarkerIsNotCounted) {
   const StoreFiles files;
   const StoreFiles single_files;
@@ -338,7 +339,7 @@ TEST_F(RecordWriterInterrupted, EachPartIsCountedAsItWasWritten) {
   EXPECT_GT(counted, 500);
 }
 
-// Also at every phase of ring and data file: nothing is in flight between two appends.
+// Between two appends no part is in flight, at every phase of the ring and the data file.
 TEST_F(RecordWriterInterrupted, NothingIsCountedBetweenTwoAppends) {
   for (const unsigned slots : {1U, 2U, 5U}) {
     const StoreFiles files;

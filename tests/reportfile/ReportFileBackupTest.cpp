@@ -1,4 +1,5 @@
-// Restores of the report directory: what is copied, what is deleted afterwards, and when nothing happens.
+// Tests restores of the report directory: which files are copied, which are deleted afterwards, and when nothing is
+// done.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -28,7 +29,7 @@ bool IsAboutRestoring(const std::string& line) {
 
 class ReportFileBackup : public testing::Test {
  protected:
-  // With this report directory in the registry; "" for none.
+  // Restores the backup. The registry names the report directory; "" means that it names none.
   bool Restore(const std::string& backup) { return RestoreTo(reports_, backup); }
   static bool RestoreTo(const std::string& reports, const std::string& backup) {
     const ReportRoot root(reports);

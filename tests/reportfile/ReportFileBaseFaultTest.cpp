@@ -1,4 +1,4 @@
-// Failing writes, damaged index files and killed writers: the promises of the store hold.
+// Tests the promises of the store after failed writes, with damaged index files, and after writers were killed.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -89,7 +89,7 @@ TEST_F(ReportFileBaseFault, RecordThatCannotBeWrittenLeavesHeaderAndSlotsUnchang
   EXPECT_EQ(files_.DataBytes(), data_before_);
 }
 
-// "new\r\n" are five bytes; with fewer of them in the file the record is lost, and the written part does no harm.
+// "new\r\n" has five bytes. If fewer of them are in the file, the record is lost, and the written part does no harm.
 TEST_F(ReportFileBaseFault, RecordThatIsCutShortIsNotIndexed) {
   for (std::uint64_t some = 1; some < 5; ++some) {
     const FullDisk fault(1, some);
@@ -120,7 +120,7 @@ TEST_F(ReportFileBaseFault, RecordWhoseMarkerIsCutShortIsGood) {
   }
 }
 
-// Long records are written in two parts: the write may stop in either of them or between them.
+// Long records are written in two parts. The write may stop in either part or between them.
 TEST_F(ReportFileBaseFault, LongRecordsCutShortAreHandledLikeShortOnes) {
   const std::string record(2000, 'r');
   const std::string record_and_marker = record + "\r\n===>\r\n";
@@ -223,8 +223,8 @@ TEST_F(ReportFileBaseFault, IndexThatCannotBeReadLeavesTheFieldsUnchanged) {
   EXPECT_EQ(text, "unchanged");
 }
 
-// With a real limit: a child process whose files may not grow beyond `limit` appends six records. Returns one bit for
-// each append that was true.
+// Uses a real limit: a child process whose files may not grow beyond `limit` appends six records. Returns one bit for
+// each append; it is 1 if the append returned true.
 int AppendUnderLimit(const StoreFiles& files, rlim_t limit) {
   if (!LimitFileSize(limit)) return 0xFF;
   CReportFileBase writer;
@@ -253,7 +253,7 @@ TEST_F(ReportFileBaseFault, WriterAtAFileSizeLimitStoresExactlyWhatItAcknowledge
   EXPECT_GT(partly, 10);
 }
 
-// Toggles every bit of a small index file: reading ends soon and harms nothing.
+// Toggles every bit of a small index file: every read must end soon and do no harm.
 TEST_F(ReportFileBaseFault, EveryFlippedBitOfAnIndexFileIsReadWithoutHarm) {
   store_.Close();
   const std::string index = files_.IndexBytes();
@@ -299,7 +299,7 @@ class ForkedWriter {
     return true;
   }
 
-  // Kills the writer at any point and reads the acknowledgements that it still sent.
+  // Kills the writer at any point, and reads the acknowledgements that it has sent.
   void Kill() {
     kill(child_, SIGKILL);
     waitpid(child_, nullptr, 0);
@@ -328,8 +328,8 @@ class ReportFileBaseKilledWriter : public testing::Test {
  protected:
   static constexpr std::uint32_t kSlots = 8;
 
-  // While the writer runs, a record may be replaced during the read, even by the end marker; but every read ends, and
-  // its text is not longer than a record.
+  // While the writer runs, it may replace a record during the read, even by the end marker. But every read must end,
+  // and its text must not be longer than a record.
   static void ExpectReadable(const StoreFiles& files) {
     CReportFileBase reader;
     ASSERT_TRUE(reader.OpenRead(files.Path()));
@@ -340,8 +340,8 @@ class ReportFileBaseKilledWriter : public testing::Test {
     }
   }
 
-  // If the writer is killed between slot and header, the ring's oldest record is already replaced; all newer ones are
-  // there, in order.
+  // If the writer is killed between slot and header, it has already replaced the oldest record of the ring. All newer
+  // records must be there, in order.
   static void ExpectAcknowledgedRecords(const StoreFiles& files, std::uint32_t newest) {
     const std::uint32_t oldest = newest + 1 > kSlots ? newest + 2 - kSlots : 1;
     std::vector<std::string> expected;

@@ -1,4 +1,5 @@
-// Random operations on a store and on the plain model of its ring: the records and the bytes of the files are equal.
+// Compares random operations on a store with the plain model of its ring: the records and the bytes of the files must
+// be equal.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -32,7 +33,7 @@ class ReportFileBaseModel : public testing::Test {
     ASSERT_EQ(TakeInAgeOrder(store), expected);
   }
 
-  // As a transfer reads them: from the oldest slot to the ring's end, then from its beginning.
+  // Reads the records as a transfer does: from the oldest slot to the end of the ring, then from its beginning.
   static std::string TakeInAgeOrder(CReportFileBase& store) {
     const report::IndexHeader& header = store.header();
     const std::uint32_t oldest = header.oldestIndex;

@@ -1,4 +1,4 @@
-// Writing and reading: rings, restarts of the data file, odd record texts, printing.
+// Tests writing and reading: rings, restarts of the data file, odd record texts, printing.
 #include "reportfile/ReportFileBase.h"
 
 #include <gmock/gmock.h>
@@ -295,8 +295,8 @@ TEST_F(ReportFileBase, DataFileSizeBeyondFourGigabytesIsExact) {
   EXPECT_EQ(store_.GetDataFileSize(), 0x123456789);
 }
 
-// A hole of gigabytes reads as NUL bytes, so a record there has no text. One read of it shows that, between the two
-// reads of the slot.
+// A hole of gigabytes reads as NUL bytes, so a record in it has no text. One read of the text, between the two reads of
+// the slot, is enough to find this.
 TEST_F(ReportFileBase, RecordInAHoleIsEmptyAndReadAtOnce) {
   files_.Make(StoreFiles::FullRing(1), {100}, "a\r\n");
   ASSERT_EQ(truncate(files_.DataPath().c_str(), 0x200000000), 0);

@@ -1,4 +1,4 @@
-// One store object used by many threads at once, and many objects over the same files.
+// Tests one store object that many threads use at once, and many objects of the same files.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -20,7 +20,7 @@ constexpr int kWriters = 4;
 constexpr int kReaders = 4;
 constexpr int kRecordsEach = 400;
 
-// "writer 2 record 00017": all of one length, so that a restarted data file never cuts an indexed record.
+// "writer 2 record 00017": all records have the same length, so a restarted data file never cuts an indexed record.
 std::string Text(int writer, int number) {
   std::string digits = std::to_string(number);
   return "writer " + std::to_string(writer) + " record " + std::string(5 - digits.size(), '0') + digits;

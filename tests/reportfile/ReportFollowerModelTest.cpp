@@ -1,5 +1,6 @@
-// A follower is compared with the list of all records ever written: thousands of reports of random sizes, appends and
-// polls, with and without a writer between two reads. No record may be lost or delivered twice without an event.
+// Compares a follower with the list of all records that were ever written: thousands of reports of random sizes, with
+// random appends and polls, with and without a writer between two reads. No record may be lost or delivered twice
+// without an event.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -29,7 +30,7 @@ struct Tally {
   int overrun = 0;
 };
 
-// A report with a random writer and reader. `kinds` is the number of different texts; 0: no two records are equal.
+// A report with a random writer and reader. `kinds` is the number of different texts; with 0 no two records are equal.
 class Life {
  public:
   Life(std::uint64_t seed, std::uint32_t slots, unsigned kinds)
@@ -65,7 +66,7 @@ class Life {
     follower_ = std::make_unique<ReportFollower>(ring_, position);
   }
 
-  // One poll. A random part of its records is delivered.
+  // Polls once, and delivers a random part of the records.
   void Poll(Tally& tally) {
     ReportPoll poll;
     ASSERT_TRUE(follower_->Poll(1 + Below(80), poll));
@@ -117,7 +118,7 @@ class Life {
     delivered_to_ += count;
   }
 
-  // After a gap, the records are the ring from its oldest one on.
+  // After a gap, the poll must have the records of the ring from the oldest one on.
   void SkipGap(const ReportPoll& poll, Tally& tally) {
     const std::size_t start = StartOfRing(poll);
     ASSERT_GE(start, delivered_to_) << "records are delivered twice";
@@ -136,7 +137,7 @@ class Life {
   }
 
   // The position, in the list of all records, of a poll that begins with the ring's oldest record. A writer may have
-  // replaced that record by now, but its text shows the position.
+  // replaced this record in the meantime, but its text shows the position.
   std::size_t StartOfRing(const ReportPoll& poll) const {
     if (kinds_ != 0) return ring_.Gone();
     if (poll.records.empty()) return delivered_to_;

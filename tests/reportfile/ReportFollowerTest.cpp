@@ -1,4 +1,4 @@
-// What a follower delivers and reports, poll by poll.
+// Tests which records a follower delivers and which events it reports, poll by poll.
 #include "reportfile/tools/ReportFollower.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ void AppendNumbered(FollowedReport& ring, int first, int count) {
   for (int i = first; i < first + count; ++i) ring.Append(std::to_string(i));
 }
 
-// A poll. All its records are delivered.
+// Polls once, and delivers all records.
 ReportPoll Take(ReportFollower& follower, std::uint32_t count_max = kAll) {
   ReportPoll poll;
   EXPECT_TRUE(follower.Poll(count_max, poll));
@@ -177,7 +177,8 @@ TEST(ReportFollower, GapThatAppearsDuringAPollHasASize) {
   Take(follower, 40);
   const int before = ring.Calls();
   ring.BetweenReads([&, is_done = false]() mutable {
-    // The position is found and the new records are read; then the ring advances over the overlap and two of them.
+    // The follower finds its position and reads the new records; then the ring advances over the overlap and two of
+    // them.
     if (ring.Calls() < before + 3 || is_done) return;
     is_done = true;
     AppendNumbered(ring, 50, 42);

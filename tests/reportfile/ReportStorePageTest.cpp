@@ -1,4 +1,4 @@
-// The worked example of docs/report-store.md, rebuilt.
+// Rebuilds the worked example of docs/report-store.md.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

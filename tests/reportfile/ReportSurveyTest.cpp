@@ -1,4 +1,4 @@
-// Which reports a directory has, and their states.
+// Tests which reports a directory has, and their states.
 #include "reportfile/tools/directory/ReportSurvey.h"
 
 #include <gmock/gmock.h>
@@ -183,7 +183,7 @@ TEST_F(ReportSurvey, HolderOfTheLockIsFoundAmongTheLocksOfTheSystem) {
   EXPECT_THAT(report::FindLockingProcesses({key}, Base("none")), IsEmpty());
 }
 
-// The lock of a report that this process cannot see in /proc/PID/fd: here one that is open only to read.
+// The report has a lock that this process cannot find in /proc/PID/fd: its file is open only for reading.
 TEST_F(ReportSurvey, ReportWhoseLockIsHeldIsBeingWritten) {
   Make("load", 3, {"a"});
   const int index = ::open(Base("load.ind").c_str(), O_RDONLY | O_CLOEXEC);

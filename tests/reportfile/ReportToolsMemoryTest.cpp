@@ -1,4 +1,4 @@
-// The report tools without memory: the caller gets an error, and nothing is lost.
+// Tests the report tools when there is no memory: the caller gets an error, and nothing is lost.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -25,16 +25,16 @@ using report::RestoreState;
 using testing::ElementsAre;
 using testing::IsSubsetOf;
 
-// In memory if possible: hundreds of syncs to a disk are not part of the test.
+// Uses files in memory if possible: hundreds of syncs to a disk are not part of the test.
 [[maybe_unused]] const bool is_in_memory = access("/dev/shm", W_OK) == 0 && setenv("TMPDIR", "/dev/shm", 0) == 0;
 
 class ReportToolsMemory : public testing::Test {
  protected:
-  // If memory for the lines of the registry is missing, the report directory is "Reports" in the working directory.
+  // If there is no memory for the lines of the registry, the report directory is "Reports" in the working directory.
   ReportToolsMemory() { fs::current_path(dir_.Path()); }
   ~ReportToolsMemory() override { fs::current_path("/"); }
 
-  // Only one report, with a directory below it, in `directory`.
+  // Makes only one report, with a directory below it, in `directory`.
   void MakeReports(const std::string& directory) const {
     fs::remove_all(world_);
     fs::create_directories(directory + "/sub/deep");

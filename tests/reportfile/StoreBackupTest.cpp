@@ -30,15 +30,15 @@ using testing::IsEmpty;
 
 namespace fs = std::filesystem;
 
-// "record 00000042 ......": the text shows which one it is, and never overwrites another.
+// "record 00000042 ......": the text contains the number of the record. All records have the same length.
 std::string SelfDescribing(unsigned number, std::size_t body_bytes = 0) {
   char text[32];
   (void)std::snprintf(text, sizeof text, "record %08u %8u", number, number % 97);
   return text + std::string(body_bytes, static_cast<char>('a' + number % 26));
 }
 
-// A process that appends as fast as it can, from construction to destruction; with `burst` it pauses for two
-// milliseconds after that many records.
+// A process that appends as fast as it can, from construction to destruction. With `burst` it pauses for two
+// milliseconds after each `burst` records.
 class LiveWriter {
  public:
   LiveWriter(const std::string& base_path, std::uint32_t slots, std::size_t body_bytes = 0, unsigned burst = 0) {
@@ -84,7 +84,7 @@ class StoreBackup : public testing::Test {
     for (const std::string& text : texts) ASSERT_TRUE(store.writeLine(text.c_str()));
   }
 
-  // Every name below the test's directory: no temporary file may be left.
+  // Every name below the test's directory, to check that no temporary file is left.
   std::vector<std::string> NamesBelow(const std::string& directory) const {
     std::vector<std::string> names;
     for (const auto& entry : fs::recursive_directory_iterator(directory)) {
@@ -99,7 +99,7 @@ class StoreBackup : public testing::Test {
   const std::string target_ = dir_.File("backup");
 };
 
-// The records of a store, each checked to be the one after its predecessor.
+// Reads the records of a store, and checks that each is the successor of the previous one.
 void ExpectContiguousRun(const std::string& base_path, std::size_t count, std::size_t body_bytes = 0) {
   EXPECT_EQ(Rules(report::VerifyStore(base_path).scan), "");
   CReportFileBase store;
@@ -113,7 +113,7 @@ void ExpectContiguousRun(const std::string& base_path, std::size_t count, std::s
   }
 }
 
-// A copy ends with its marker, like a store without a writer, although the writer continued.
+// A copy ends with its marker, like a store without a writer, although the writer has continued.
 void ExpectCutAtItsMoment(const std::string& base_path) {
   const StoreBytes copy = {ReadFile(base_path + ".ind"), ReadFile(base_path + ".dat")};
   const std::uint32_t position = copy.Header().writePosition;
@@ -280,8 +280,8 @@ TEST_F(StoreBackup, FullDiskLeavesNoTarget) {
 // --- while a writer appends as fast as it can
 
 TEST_F(StoreBackup, EveryCopyOfALiveStoreIsSoundAndHasAContiguousRun) {
-  // Each append to a full ring overwrites its oldest record, so a copy needs a pause of the writer. A store whose
-  // writer pauses must be copied.
+  // Each append to a full ring overwrites its oldest record, so a copy succeeds only during a pause of the writer. A
+  // store whose writer pauses must be copied.
   for (const auto& [slots, burst] :
        std::vector<std::pair<std::uint32_t, unsigned>>{{4, 0}, {30, 0}, {100, 0}, {3001, 0}, {3000, 500}}) {
     const bool never_pauses = burst == 0;
@@ -307,7 +307,7 @@ TEST_F(StoreBackup, EveryCopyOfALiveStoreIsSoundAndHasAContiguousRun) {
   }
 }
 
-// Records so long that a copy needs many reads, with appends between them.
+// The records are so long that a copy needs many reads, and the writer appends between them.
 TEST_F(StoreBackup, EveryCopyOfALiveStoreHasLongRecordsWhole) {
   constexpr std::size_t kBodyBytes = 100000;
   const std::string base = reports_ + "/long";

@@ -1,4 +1,4 @@
-// A report's two files in a private directory, which tests make, read and damage.
+// A report's two files in a private directory, for tests that make, read and damage them.
 #pragma once
 
 #include <fcntl.h>
@@ -35,7 +35,7 @@ class StoreFiles {
     WriteFile(DataPath(), data);
   }
 
-  // Writes in place, as a writer does: readers that have the files open see it. The file grows if it has to.
+  // Writes in place, as a writer does, so that readers that have the files open see it. The file grows if necessary.
   void WriteSlot(std::uint32_t slot, std::uint32_t offset) const {
     WriteAt(IndexPath(), report::SlotOffset(slot), {reinterpret_cast<const char*>(&offset), sizeof offset});
   }
@@ -82,7 +82,7 @@ class StoreFiles {
   std::string base_ = dir_.File("r1");
 };
 
-// A file of 8 MiB with data at its beginning, in its middle and a hole at its end.
+// Makes a file of 8 MiB with data at its beginning and in its middle, and a hole at its end.
 inline void MakeSparseFile(const std::string& path) {
   constexpr std::int64_t kMiB = std::int64_t{1} << 20;
   const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);

@@ -1,4 +1,4 @@
-// Stores of the real writer, as bytes in memory: the input for the tests of the store tools.
+// Makes stores with the real writer, and holds them as bytes in memory: the input for the tests of the store tools.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,5 @@
-// Links in place of a store's files and directories: an ordinary user makes them, root writes or reads the report.
+// Tests links in place of a store's files and directories: an ordinary user makes them, and root writes or reads the
+// report.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -137,7 +138,7 @@ TEST_F(StoreLinks, FilesOfOtherOwnersStayWritable) {
   EXPECT_EQ(ErrorOfOpen(Name("r")), 0);
 }
 
-// The administrator chose the path of the report directory, whoever owns the links in it.
+// The administrator has chosen the path of the report directory, so its links are followed, whoever owns them.
 TEST_F(StoreLinks, LinksAboveTheNamedReportDirectoryAreNotChecked) {
   const ReportRoot root(dir_.File("way/reports"));
   ASSERT_EQ(mkdir(dir_.File("real").c_str(), 0755), 0);
@@ -178,7 +179,7 @@ TEST_F(StoreLinks, LinkThatIsSwappedDuringOpenNeverReachesTheSecret) {
   const Attacker attacker([&] { Exchange(mine.c_str(), bait.c_str()); });
   int refused = 0;
   int opened = 0;
-  // On a busy machine the attacker may not run for a while.
+  // On a busy machine the attacker may not run for a while, so the number of tries is not fixed.
   for (int tries = 0; tries < 5000 || (std::min(refused, opened) < 100 && tries < 500000); ++tries) {
     (void)unlink(Name("x.ind").c_str());
     const int error = ErrorOfOpen(Name("x"));

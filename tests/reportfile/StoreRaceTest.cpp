@@ -1,5 +1,5 @@
-// An ordinary user exchanges files and directories for links to root's while root backs up, restores and removes: no
-// byte of root's secret is copied, and no file of root's is written or removed.
+// Attacks backups, restores and removals by root: an ordinary user exchanges files and directories for links to root's.
+// No byte of root's secret may be copied, and no file of root's may be written or removed.
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -30,7 +30,7 @@ constexpr int kRoundsMin = 100;
 constexpr int kRemovalsMin = 20000;
 constexpr long kStepsMin = 5000;
 
-// In memory if possible: thousands of syncs to a disk are not part of the test.
+// Uses files in memory if possible: thousands of syncs to a disk are not part of the test.
 [[maybe_unused]] const bool is_in_memory = access("/dev/shm", W_OK) == 0 && setenv("TMPDIR", "/dev/shm", 0) == 0;
 
 // "ours" is root's directory with a secret; "theirs" belongs to the user. In "theirs/top" the directory "sub" and the
@@ -66,7 +66,7 @@ class StoreRace : public testing::Test {
     (void)symlink(secret_.c_str(), file_link_.c_str());
   }
 
-  // Runs `work` again and again while the user swaps.
+  // Runs `work` again and again while the user runs `user_step`.
   void Race(const std::function<void()>& user_step, const std::function<void()>& work, int rounds = kRoundsMin) {
     GiveTreeToOrdinaryUser(dir_.File("theirs"));
     const Attacker user(user_step);
@@ -123,7 +123,7 @@ TEST_F(StoreRace, BackupNeverContainsTheTargetOfALink) {
   EXPECT_TRUE(fs::is_empty(dir_.File("root")));
 }
 
-// The user's backup into root's reports: root's files are not read through it.
+// Root restores the user's backup into root's reports. No file of root's may be read through a link in the backup.
 TEST_F(StoreRace, RestoreReadsNothingThroughALinkInTheBackup) {
   const std::string reports = dir_.File("root/reports");
   int done = 0;
@@ -136,8 +136,8 @@ TEST_F(StoreRace, RestoreReadsNothingThroughALinkInTheBackup) {
   EXPECT_GT(done, 0);
 }
 
-// Root's backup into the user's reports: nothing is written to the target of a link. The user removes what was
-// restored, so that the next restore does not wait for writers.
+// Root restores root's backup into the user's reports. Nothing may be written to the target of a link. The user removes
+// the restored files, so that the next restore does not wait for writers.
 TEST_F(StoreRace, RestoreWritesNothingThroughALinkAmongTheReports) {
   const std::string backup = dir_.File("root/backup");
   MakeTree(backup, {{"file", "new"}, {"sub/a", "new"}, {"sub/b/c", "new"}, {"sub/new", "new"}});
@@ -154,7 +154,7 @@ TEST_F(StoreRace, RestoreWritesNothingThroughALinkAmongTheReports) {
   EXPECT_GT(done, 0);
 }
 
-// Root's backup goes to a directory of the user's, who exchanges the unfinished one for a link to root's directory.
+// Root backs up into a directory of the user, who exchanges the unfinished backup for a link to root's directory.
 TEST_F(StoreRace, BackupIntoADirectoryOfTheUsersWritesNothingThroughALink) {
   const std::string reports = dir_.File("root/reports");
   MakeTree(reports, {{"a", "new"}, {"b/c", "new"}, {"new", "new"}});
@@ -181,8 +181,8 @@ TEST_F(StoreRace, BackupIntoADirectoryOfTheUsersWritesNothingThroughALink) {
   EXPECT_GT(done, 0);
 }
 
-// Between the creation of the private directory and its open, the user puts another directory, or a link to root's, in
-// its place.
+// The user replaces the private directory between its creation and its open, by another directory or by a link to
+// root's.
 TEST_F(StoreRace, PrivateDirectoryIsNeverAnotherOne) {
   const std::string theirs = dir_.File("theirs");
   GiveTreeToOrdinaryUser(theirs);

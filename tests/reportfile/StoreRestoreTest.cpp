@@ -38,7 +38,8 @@ class StoreRestore : public testing::Test {
     for (const std::string& text : texts) ASSERT_TRUE(store.writeLine(text.c_str()));
   }
 
-  // A backup of "load" (two records) and its names, over a report directory with a longer "load" and with "other".
+  // Makes a backup of "load" (two records) and of its names, and a report directory with a longer "load" and with
+  // "other".
   void MakeBoth() const {
     MakeStore(backup_ + "/load", {"a", "b"});
     WriteFile(backup_ + "/load.names", "[Quaxel Report Instances]\n");
@@ -63,7 +64,7 @@ class StoreRestore : public testing::Test {
     return ReadAll(store);
   }
 
-  // The files are those of MakeBoth, with these names and no others.
+  // The reports must be those of MakeBoth, with these names and no others.
   void ExpectReportsUnchanged(const std::vector<std::string>& names) const {
     EXPECT_EQ(NamesIn(reports_), names);
     EXPECT_THAT(RecordsOf(reports_ + "/load"), ElementsAre("a\r\n", "b\r\n", "c\r\n"));
@@ -187,7 +188,7 @@ TEST_F(StoreRestore, ListingThatEndsEarlyFailsBeforeAnythingIsChanged) {
   EXPECT_THAT(NamesIn(backup_), ElementsAre("load.dat", "load.ind", "load.names"));
 }
 
-// Until the last file is written and synced, no target has changed, and no temporary file is left.
+// If a call fails before the last file is written and synced, no target has changed, and no temporary file is left.
 TEST_F(StoreRestore, FailureBeforeTheFirstRenameChangesNothing) {
   MakeBoth();
   fs::create_directory(backup_ + "/sub");
@@ -300,7 +301,7 @@ TEST_F(StoreRestore, LinkOfAnotherUserInPlaceOfADirectoryIsRefused) {
   ExpectReportsUnchanged({"load.dat", "load.ind", "other.dat", "other.ind"});
 }
 
-// Root's link leads to a directory of the user, who replaces it by a link.
+// Root's link leads to a directory of the user, who replaces this directory by a link.
 TEST_F(StoreRestore, LinkOfAnotherUserAfterALinkOfRootIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can make a link of another owner";
   MakeBoth();

@@ -43,7 +43,7 @@ void SetSlotOf(StoreBytes& store, std::uint32_t slot, std::uint32_t offset) {
 
 }  // namespace
 
-// Otherwise a salvage would treat such a file as empty and succeed.
+// If a failed `stat` counted as an empty file, a salvage would succeed without any record.
 TEST(FileBytes, FileWhoseStatFailsIsAnErrorAndNotAnEmptyFile) {
   const TempDir dir;
   WriteFile(dir.File("data"), "some bytes");
@@ -64,8 +64,8 @@ TEST(StoreSalvage, SoundStoreIsSalvagedInAgeOrder) {
   EXPECT_EQ(counts.unindexed + counts.lost, 0U);
 }
 
-// rec7 has overwritten rec1, and the marker rec2. rec3 may be the rest of a longer record, so it is left out; rec4 is
-// whole, because a line end is before it.
+// rec7 has overwritten rec1, and the end marker has overwritten rec2. rec3 may be the rest of a longer record, so it is
+// left out. rec4 is whole, because there is a line end before it.
 TEST(StoreSalvage, WholeLinesAfterTheEndMarkerFollowTheIndexedRecords) {
   SalvageCounts counts;
   const StoreBytes store = StoreOf(3, Numbered(7));
@@ -103,7 +103,7 @@ TEST(StoreSalvage, RecordWithoutItsHeaderIsTheNewestOne) {
   EXPECT_THAT(Salvaged(store, false), ElementsAre("rec3", "rec4", "rec5"));
 }
 
-// The part of a killed writer that has written some of its slots.
+// A killed writer has written some of the slots of a part.
 TEST(StoreSalvage, RecordsOfABatchWithoutItsHeaderAreTheNewestOnes) {
   const StoreBytes before = StoreOf(5, Numbered(6));
   const StoreBytes after = StoreOf(5, Numbered(9));
@@ -133,7 +133,7 @@ TEST(StoreSalvage, RecordWithANulOrWithoutItsEndIsLost) {
   EXPECT_THAT(Salvaged(store), ElementsAre("rec1"));
 }
 
-// As readers see it: up to its first line feed. The rest is salvaged as a line without a slot.
+// A reader sees a record only up to its first line feed. The rest is salvaged as a line without a slot.
 TEST(StoreSalvage, RecordOfTwoLinesIsSalvagedAsItsFirst) {
   EXPECT_THAT(Salvaged(StoreOf(9, {"one\ntwo", "three"}), false), ElementsAre("one", "three"));
   EXPECT_THAT(Salvaged(StoreOf(9, {"one\ntwo", "three"})), ElementsAre("one", "three", "two"));
@@ -156,7 +156,8 @@ class StoreSalvageOracle : public testing::Test {
  protected:
   std::uint32_t Below(std::size_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
 
-  // One-line records of one length, so that none overwrites another, in a ring that may have wrapped many times.
+  // A store of one-line records of one length, so that no record overwrites another. Its ring may have wrapped many
+  // times.
   StoreBytes AnyStore() {
     const std::uint32_t slots = 1 + Below(9);
     const std::size_t length = 1 + Below(12);
@@ -217,7 +218,7 @@ class StoreSalvageOracle : public testing::Test {
            after.data.compare(record.offset, record.line.size(), record.line) == 0;
   }
 
-  // In the order of the ring if only texts are damaged.
+  // If only texts are damaged, the records must be in the order of the ring.
   static void ExpectSurvivors(const StoreBytes& before, const StoreBytes& after, int round) {
     const Texts salvaged = Salvaged(after, false);
     const std::multiset<std::string> found(salvaged.begin(), salvaged.end());
@@ -258,7 +259,7 @@ TEST_F(StoreSalvageOracle, SoundStoreIsSalvagedWholeAndInOrder) {
       if (newest.size() > slots) newest.erase(newest.begin());
     }
     if (newest.size() > slots) newest.erase(newest.begin());
-    // With one slot, the marker after a restart overwrites the record; it cannot be salvaged.
+    // In a ring of one slot, the end marker after a restart overwrites the record, so it cannot be salvaged.
     ASSERT_EQ(Salvaged(life.Bytes(), false), newest) << slots;
   }
 }

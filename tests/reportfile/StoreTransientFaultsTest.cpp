@@ -1,5 +1,5 @@
-// Calls that fail once, or for a while: an existing store is never treated as missing, and unread data is never
-// invented.
+// Tests calls that fail once, or for a while: an existing store must never be treated as missing, and bytes that could
+// not be read must never be invented.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -166,7 +166,7 @@ TEST_F(StoreTransientFaults, SlotOrTextThatCannotBeReadIsFalseAndReadAgain) {
   EXPECT_EQ(text, "b\r\n");
 }
 
-// The text of a long record is read window by window.
+// The text of a long record is read in several windows.
 TEST_F(StoreTransientFaults, LongTextWithAFailedReadIsNotReturnedInPart) {
   CReportFileBase store;
   ASSERT_TRUE(store.Open(files_.Path(), 3));
@@ -213,8 +213,8 @@ TEST_F(StoreTransientFaults, FirstSlotThatIsCutShortIsRemoved) {
   }
 }
 
-// An object that had another store open keeps that store's header when it creates a store. The test uses the header of
-// a full ring whose oldest slot is 0, and then that of a ring that still fills.
+// If an object that had another store open creates a store, it keeps the header of the other one. The test uses the
+// header of a full ring whose oldest slot is 0, and then the header of a ring that is not full.
 TEST_F(StoreTransientFaults, QuirkUsedObjectWritesItsFirstSlotByItsOldHeader) {
   const StoreFiles full;
   full.Make(StoreFiles::FullRing(2), {0, 3}, "a\r\nb\r\n===>\r\n");

@@ -39,8 +39,8 @@ void AppendBatch(CReportFileBase& store, const std::vector<std::string>& texts) 
   (void)report::RecordWriter(store).Append(views);
 }
 
-// A store of `texts` whose writer is killed in a batch, before write `write` of it, counted from 1. The texts are
-// short, so that each write is one call of one kind. Unset: the batch has fewer writes.
+// A store of `texts` whose writer is killed in a batch, before its write number `write`, counted from 1. The texts are
+// short, so each write is one call of one kind. Unset if the batch has fewer writes.
 std::optional<StoreBytes> KilledInBatch(std::uint32_t slots, const std::vector<std::string>& texts,
                                         const std::vector<std::string>& batch, int write) {
   const StoreFiles files;
@@ -53,7 +53,7 @@ std::optional<StoreBytes> KilledInBatch(std::uint32_t slots, const std::vector<s
   return StoreBytes{files.IndexBytes(), files.DataBytes()};
 }
 
-// The records of `after` without the header that counts them.
+// The store with the records of `after` and the header of `before`, which does not count the new ones.
 StoreBytes Uncounted(const StoreBytes& before, const StoreBytes& after) {
   StoreBytes store = after;
   store.index.replace(0, kHeaderBytes, before.index, 0, kHeaderBytes);
@@ -101,8 +101,8 @@ TEST_F(StoreVerifyLives, EveryStoreOfTheWriterIsSound) {
   }
 }
 
-// The files while a record is written, or after a writer was killed: the record without its slot, and both without the
-// header.
+// The files while a record is being written, or after a writer was killed: first without its slot and the header, then
+// without the header.
 TEST_F(StoreVerifyLives, RecordWithoutItsHeaderIsNotDamage) {
   for (int life = 0; life < 100; ++life) {
     StoreLife store(1 + Below(6));

@@ -72,7 +72,7 @@ void GiveTreeToOrdinaryUser(const std::string& directory) {
   GiveToOrdinaryUser(directory);
   for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
     struct stat status;
-    // What a test gave to another user on purpose keeps its owner.
+    // A file that the test gave to another user keeps this owner.
     if (lstat(entry.path().c_str(), &status) == 0 && status.st_uid == 0) GiveToOrdinaryUser(entry.path());
   }
 }
@@ -89,7 +89,8 @@ bool HardLinkByOrdinaryUser(const std::string& file, const std::string& link) {
   return true;
 }
 
-// Version 2, then tag, permissions and id of each entry: owner, user, group, mask, others.
+// An access list in its binary form: version 2, then tag, permissions and id of each entry: owner, user, group, mask,
+// others.
 bool GiveDefaultAccessList(const std::string& directory) {
   struct Entry {
     std::uint16_t tag;

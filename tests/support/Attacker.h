@@ -13,19 +13,19 @@ namespace qx::test {
 
 inline constexpr uid_t kOrdinaryUser = 65534;
 
-// True if this process is root: only then there is another user who can attack it.
+// True if this process is root. Only then is there another user who can attack it.
 [[nodiscard]] bool IsRoot();
 
-// Gives up root's user, group and further groups for good; for a child process of root. False if that fails.
+// Gives up root's user, group and further groups for good. To be called in a child process of root. False if it fails.
 [[nodiscard]] bool BecomeOrdinaryUser();
 
-// What `action` returns in a child process that runs as the ordinary user; if this process is not root, in this
-// process. A test fails (by exception) if there is no such child.
+// Runs `action` as the ordinary user in a child process, and returns its result; if this process is not root, runs it
+// here. If there is no such child, the test fails by an exception.
 bool AsOrdinaryUser(const std::function<bool()>& action);
 
-// The same, after GiveTreeToOrdinaryUser(directory) if this process is root.
+// AsOrdinaryUser after GiveTreeToOrdinaryUser(directory), which is left out if this process is not root.
 bool AsOrdinaryUser(const std::string& directory, const std::function<bool()>& action);
-// How often a race is tried: `quick` times, or as often as the environment variable QX_RACE_TRIES says.
+// The number of tries of a race: `quick`, or the value of the environment variable QX_RACE_TRIES.
 int RaceTries(int quick);
 
 // Prints the result of a race, for script/trust attacks: "tries: 400 commands, 31 refused".
@@ -34,15 +34,15 @@ void PrintTries(const std::string& what);
 // Gives a file, link or directory to the ordinary user.
 void GiveToOrdinaryUser(const std::string& path);
 
-// Gives root's own `directory`, and everything in it that is root's, to the ordinary user.
+// Gives root's own `directory`, and everything in it that belongs to root, to the ordinary user.
 void GiveTreeToOrdinaryUser(const std::string& directory);
 
-// Makes a hard link to root's `file` as the ordinary user. Where fs.protected_hardlinks forbids it, the link is made
-// while root's file is open to all for a moment, as after a wrong umask. Returns whether the setting forbids it.
+// Makes a hard link to root's `file` as the ordinary user. If fs.protected_hardlinks forbids this, root's file is open
+// to all while the link is made, as after a wrong umask. Returns whether the setting forbids it.
 bool HardLinkByOrdinaryUser(const std::string& file, const std::string& link);
 
-// Lets the ordinary user read and write whatever is created in `directory` from now on, whoever creates it, by an
-// access list. False: the file system has none.
+// Sets an access list of `directory`: from now on the ordinary user can read and write whatever anybody creates in it.
+// False if the file system has no access lists.
 bool GiveDefaultAccessList(const std::string& directory);
 
 // Repeats `step` as the ordinary user until the end of the scope, as fast as possible. The step must not throw, nor
@@ -54,7 +54,7 @@ class Attacker {
   Attacker(const Attacker&) = delete;
   Attacker& operator=(const Attacker&) = delete;
 
-  // How many steps are done.
+  // The number of steps so far.
   [[nodiscard]] long Steps() const;
 
  private:
@@ -65,7 +65,7 @@ class Attacker {
 // Swaps two names in one step, if both exist.
 void Exchange(const char* left, const char* right);
 
-// The same, then leaves them so for some microseconds: as long as root's calls take.
+// Exchange, and then a pause of some microseconds: as long as root's calls take.
 void ExchangeAndPause(const char* left, const char* right);
 
 }  // namespace qx::test

@@ -1,4 +1,5 @@
-// The blocks of the tests: fields that belong to the host are filled, and Request has what every call needs.
+// Builds the blocks of the tests: the fields of the host are filled, and Request adds the elements that every call
+// needs.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Child processes of a test: for work that changes the whole process, and for other processes that hold something.
+// Child processes of a test, for work that changes the whole process, or as other processes that hold a lock or a file.
 #pragma once
 
 #include <sys/types.h>
@@ -14,19 +14,19 @@ namespace qx::test {
 int StatusOfChild(const std::function<int()>& body);
 
 struct ChildText {
-  bool with_errors = false;              // the child's standard error belongs to the text
+  bool with_errors = false;              // the child's standard error is part of the text
   std::function<int()> status_at_end{};  // the exit status of the child; empty: 0
 };
 
-// What `body` returns in a forked child; then "[signal N]" or "[status N]" if the child fails. An exception's text is
-// "[exception: ...]".
+// The text that `body` returns in a forked child, with "[signal N]" or "[status N]" after it if the child fails. If
+// `body` throws, the text is "[exception: ...]".
 std::string TextOfChild(const std::function<std::string()>& body, const ChildText& options = {});
 
-// For a child: no file may grow over `bytes`. A write beyond that writes what fits, or fails with EFBIG, as on a full
-// disk.
+// To be called in a child: no file may grow above `bytes`. A write beyond this size writes a part, or fails with EFBIG,
+// like the writes to a full disk.
 [[nodiscard]] bool LimitFileSize(std::size_t bytes);
 
-// A child that has done `action` and waits until the end of the scope. Throws std::runtime_error if the action returns
+// A child that does `action` and then waits until the end of the scope. Throws std::runtime_error if the action returns
 // false.
 class WaitingChild {
  public:
@@ -36,7 +36,7 @@ class WaitingChild {
   WaitingChild& operator=(const WaitingChild&) = delete;
 
   int Id() const { return id_; }
-  // Ends it now.
+  // Ends the child now.
   void End();
 
  private:

@@ -1,4 +1,4 @@
-// Runs a piece of work with each of its allocations failing in turn. The program replaces operator new.
+// Runs a function repeatedly, with each of its allocations failing in turn. The program must replace operator new.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,8 +12,9 @@
 
 namespace qx::test {
 
-// Prepares and works again and again, with the first, second, ... allocation of the work failing, until none fails.
-// The result is judged each time; there is no result when the work has thrown std::bad_alloc.
+// Calls `prepare` and `work` again and again: in the first run the first allocation of `work` fails, in the second run
+// the second one, until `work` makes all its allocations. `judge` gets each result; unset if `work` has thrown
+// std::bad_alloc.
 template <typename Result>
 void WithEachAllocationFailing(const std::function<void()>& prepare, const std::function<Result()>& work,
                                const std::function<void(const std::optional<Result>&)>& judge) {

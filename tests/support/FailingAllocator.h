@@ -1,4 +1,4 @@
-// Makes allocations fail on demand. What a program links next to this decides which allocations it counts:
+// Makes allocations fail on demand. The source that a program links decides which allocations are counted:
 //
 //   FailingNew.cpp            operator new
 //   FailingMalloc.cpp         malloc and strdup of the program's own objects; needs --wrap=malloc,--wrap=strdup
@@ -19,15 +19,15 @@ enum class Allocator { kNew, kMalloc };
 
 struct AllocationFault {
   Allocator allocator = Allocator::kNew;
-  long nth = 1;                         // counted from 1; 0: none fails
+  long nth = 1;                         // counted from 1; 0: no allocation fails
   std::size_t bytes_min = 0;            // smaller allocations do not count
-  std::size_t bytes_max = SIZE_MAX;     // larger ones neither
+  std::size_t bytes_max = SIZE_MAX;     // larger ones do not count either
   bool lasts = false;                   // all later ones fail as well
-  bool in_all_threads = false;          // otherwise only those of the thread that makes the FailingAllocation
-  std::atomic<bool>* failed = nullptr;  // set when one fails; may be in memory that another process sees
+  bool in_all_threads = false;          // otherwise only allocations of the thread that makes the FailingAllocation
+  std::atomic<bool>* failed = nullptr;  // set when an allocation fails; may be in memory that another process sees
 };
 
-// One instruction, from construction to the end of the scope. There is at most one.
+// An instruction to fail, in force from construction to the end of the scope. There is at most one at a time.
 class FailingAllocation {
  public:
   explicit FailingAllocation(const AllocationFault& fault);
@@ -35,13 +35,13 @@ class FailingAllocation {
   FailingAllocation(const FailingAllocation&) = delete;
   FailingAllocation& operator=(const FailingAllocation&) = delete;
 
-  // Whether an allocation has failed because of it.
+  // Whether an allocation has failed because of this instruction.
   [[nodiscard]] bool HasFailed() const;
-  // How many allocations it has counted, while none has failed.
+  // The number of counted allocations, as long as no allocation has failed.
   [[nodiscard]] long Allocations() const;
 };
 
-// For the functions that replace an allocator: whether this call is to fail. Sets errno then.
+// For the functions that replace an allocator: whether this call must fail. If so, sets errno.
 [[nodiscard]] bool AllocationFails(Allocator allocator, std::size_t bytes) noexcept;
 
 }  // namespace qx::test

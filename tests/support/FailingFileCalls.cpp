@@ -43,7 +43,7 @@ bool Includes(FileCall kind, FileCall call) {
   return kind == call || (kind == FileCall::kAnyWriteAt && is_write_at);
 }
 
-// The instruction that makes this call fail, or null.
+// The instruction by which this call fails, or null.
 const FileFault* FaultOf(FileCall call, const char* path = "") {
   const FileFault* found = nullptr;
   for (Instruction& instruction : instructions) {
@@ -62,7 +62,7 @@ int Fail(const FileFault& fault) {
   return -1;
 }
 
-// Runs `real(size)` unless an instruction says otherwise: a failure, or fewer bytes.
+// Runs `real(size)`, unless an instruction requires a failure or fewer bytes.
 template <typename Real>
 ssize_t Move(FileCall call, std::size_t size, Real real) {
   const FileFault* const fault = FaultOf(call);
@@ -79,7 +79,7 @@ void RunActionBeforeRead(off_t offset) {
   before_read = action;
 }
 
-// pread, up to the unreadable byte.
+// Reads like pread, up to the unreadable byte.
 ssize_t ReadReadable(int descriptor, void* to, std::size_t size, off_t offset) {
   if (unreadable < offset || unreadable >= offset + static_cast<off_t>(size)) {
     return ::pread(descriptor, to, size, offset);
@@ -89,7 +89,7 @@ ssize_t ReadReadable(int descriptor, void* to, std::size_t size, off_t offset) {
   return -1;
 }
 
-// pwritev of the first `size` bytes of the parts.
+// Writes the first `size` bytes of the parts with pwritev.
 ssize_t WriteFirst(int descriptor, std::span<const iovec> parts, std::size_t size, off_t offset) {
   std::vector<iovec> cut;
   for (const iovec& part : parts) {
@@ -159,7 +159,7 @@ ssize_t ReadLinkAt(int directory, const char* path, char* to, std::size_t size) 
   return ::readlinkat(directory, path, to, size);
 }
 
-// The descriptor is still closed, as by the system.
+// Closes the descriptor even if the call fails, as the system does.
 int Close(int descriptor) {
   const auto* const fault = FaultOf(FileCall::kClose);
   const int result = ::close(descriptor);

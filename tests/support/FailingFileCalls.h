@@ -1,11 +1,11 @@
-// Makes file calls fail on demand: a test program that links FailingFileCalls.cpp has it in place of
-// base/FileCalls.cpp. Without an instruction each call goes to the system.
+// Makes file calls fail on demand. A test program links FailingFileCalls.cpp in place of base/FileCalls.cpp. Without an
+// instruction each call goes to the system.
 //
 //   const FailingCall fault({.call = FileCall::kSync, .nth = 2, .error = EIO});   the second sync fails once
 //   const FailingCall fault({.call = FileCall::kOpen, .path = "r1.ind", .times = 3, .error = ENFILE});
 //
-// Calls of one kind are counted from the construction of the instruction; with a path, only those whose path ends in
-// it.
+// The calls of one kind are counted from the construction of the instruction. With a path, only calls whose path ends
+// with it are counted.
 //
 // This covers only the calls through base/File.h. tests/trust/faults makes every system call of a traced process fail.
 #pragma once
@@ -47,14 +47,15 @@ struct FileFault {
   FileCall call = FileCall::kOpen;
   std::string path = {};  // the end of the (first) path of a call that has one; empty: any
   int nth = 1;            // the first call that fails, counted from 1
-  int times = 1;          // how many in a row
+  int times = 1;          // the number of calls in a row that fail
   int error = 0;          // the error number; 0: a read or write that handles only `bytes` bytes
   std::size_t bytes = 0;
 };
 
 inline constexpr int kAlways = INT_MAX;
 
-// One instruction, from construction to the end of the scope. Several may be in force; the first that applies decides.
+// An instruction, in force from construction to the end of the scope. Several may be in force; the first one that
+// applies decides.
 //
 // Threads: constructed and destroyed while no other thread makes file calls; the calls may come from any thread.
 class FailingCall {
@@ -64,7 +65,7 @@ class FailingCall {
   FailingCall(const FailingCall&) = delete;
   FailingCall& operator=(const FailingCall&) = delete;
 
-  // How many calls matched so far, failed or not.
+  // The number of calls so far that matched, failed or not.
   [[nodiscard]] int Calls() const;
   // True if a call failed because of this instruction.
   [[nodiscard]] bool HasFailed() const { return Calls() >= nth_; }
@@ -84,7 +85,7 @@ class CountedCalls {
   FailingCall counter_;
 };
 
-// A disk that becomes full: the `nth` write at an offset handles only `bytes` bytes, and the `failing` ones after it
+// A disk that becomes full: the `nth` write at an offset writes only `bytes` bytes, and the `failing` writes after it
 // fail with ENOSPC.
 class FullDisk {
  public:
@@ -96,9 +97,9 @@ class FullDisk {
   FailingCall rest_;
 };
 
-// Runs an action before every read at an offset, like a writer in another process. The action gets the number of the
-// read, counted from 1 at the construction. Reads of the action itself run no action and are not numbered. There is at
-// most one such object.
+// Runs an action before every read at an offset, in place of a writer in another process. The action gets the number of
+// the read, counted from 1 at the construction. Reads by the action are not counted and run no action. There is at most
+// one such object.
 class BeforeEachRead {
  public:
   explicit BeforeEachRead(std::function<void(int read)> action);
@@ -111,8 +112,8 @@ class BeforeEachRead {
   [[nodiscard]] off_t Offset() const;
 };
 
-// An unreadable offset, in any file: a read at an offset ends before the byte at `offset`, and fails with EIO at it.
-// There is at most one such object.
+// A byte that cannot be read, in any file: a read at an offset ends before the byte at `offset`, and a read that begins
+// there fails with EIO. There is at most one such object.
 class UnreadableByte {
  public:
   explicit UnreadableByte(off_t offset);

@@ -1,4 +1,4 @@
-// malloc and strdup of the program's own objects. The program is linked with --wrap for both.
+// Replaces malloc and strdup for the program's own objects. The program is linked with --wrap for both.
 #include <cstring>
 
 #include "tests/support/FailingAllocator.h"

@@ -1,4 +1,5 @@
-// The program's operator new and delete. A source of its own, so that the compiler cannot see through them.
+// Replaces operator new and delete of the program. They are in a source of their own, so that the compiler cannot
+// inline them.
 #include <cstdlib>
 #include <new>
 

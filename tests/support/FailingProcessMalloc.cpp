@@ -1,4 +1,4 @@
-// malloc and its relatives of the whole process: a loaded module and the C library call the functions of the program.
+// Replaces malloc and its relatives in the whole process: a loaded module and the C library call these functions, too.
 #include <cerrno>
 #include <cstddef>
 

@@ -1,4 +1,5 @@
-// Every test program's main and its own Debug object, which stays uninitialised unless a test captures traces.
+// The main function of every test program, and its own Debug object, which stays uninitialised unless a test captures
+// traces.
 #include <gtest/gtest.h>
 
 #include "debug/Debug.h"

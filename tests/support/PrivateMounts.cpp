@@ -20,7 +20,7 @@ constexpr const char* kAdvice =
     "kernel.unprivileged_userns_clone=1 and user.max_user_namespaces > 0, with AppArmor also "
     "kernel.apparmor_restrict_unprivileged_userns=0); in a container also mount in its seccomp profile]";
 
-// For root, a mount namespace is enough; other users also get a user namespace, in which they keep their id.
+// Enters a mount namespace. A user other than root also gets a user namespace, in which the user keeps the id.
 bool EnterNamespace() {
   const uid_t user = ::geteuid();
   const gid_t group = ::getegid();

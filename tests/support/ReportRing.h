@@ -1,6 +1,6 @@
-// A report's store as plain values: the bytes of its two files, the header that its writer holds in memory, and the
-// records that the ring should hold. It does to strings what the store does to files, and shares only the layout of the
-// header with the store's code: the oracle for writers and readers.
+// The oracle for writers and readers of a report: a store as plain values. It has the bytes of the two files, the
+// header that the writer holds in memory, and the records that the ring must have. It does with strings what the store
+// does with files, and shares only the layout of the header with the store's code.
 #pragma once
 
 #include <cstddef>
@@ -61,7 +61,7 @@ struct ReportRing {
     Put(index, 0, Bytes(&writer, sizeof writer));
   }
 
-  // The record in a slot: up to its line feed or a byte 0xFF, and cut at its first NUL. The end of the file reads as a
+  // The record in a slot: up to its line feed or a byte 0xFF, and cut at its first NUL. The end of the file counts as a
   // byte 0xFF.
   std::string Read(std::uint32_t slot) const {
     std::uint32_t at = 0;
@@ -71,7 +71,7 @@ struct ReportRing {
     return line.c_str();
   }
 
-  // A record of the ring by age, 0 being the oldest.
+  // The record of this age; age 0 is the oldest.
   const Kept& OfAge(std::size_t age) const { return ring[(age + writer.oldestIndex) % ring.size()]; }
 
  private:

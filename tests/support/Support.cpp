@@ -31,7 +31,7 @@ bool StartsEntry(std::string_view line) {
   return true;
 }
 
-// What follows "[thread] MODULE-COLUMN ": the module column is 13 characters wide, or as long as the name.
+// The text after "[thread] MODULE-COLUMN ". The module column is 13 characters wide, or as long as the name.
 std::string_view WithoutHeader(std::string_view line) {
   std::size_t at = line.find("] ");
   if (at == std::string_view::npos) return line;
@@ -57,7 +57,8 @@ std::vector<std::string_view> Lines(std::string_view text) {
 
 void EndChild(int status) {
 #ifdef QX_COUNTS_COVERAGE
-  // A cut file of counts would stop all later processes from adding theirs.
+  // Raises the limit of the file size, so that the file of the coverage counts is written whole. A cut file would stop
+  // all later processes from adding their counts.
   rlimit limit = {};
   if (getrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(status);
   limit.rlim_cur = limit.rlim_max;
@@ -74,7 +75,7 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-  std::error_code ignored;  // what cannot be removed stays
+  std::error_code ignored;  // files that cannot be removed stay
   std::filesystem::remove_all(path_, ignored);
 }
 

@@ -1,4 +1,4 @@
-// What tests of several folders share: private directories, whole files, worked examples of the docs, trace capture.
+// Helpers for tests of several folders: private directories, whole files, worked examples of the docs, trace capture.
 #pragma once
 
 #include <cstddef>
@@ -24,12 +24,12 @@ class TempDir {
   std::string path_;
 };
 
-// A test fails (by exception) when the file cannot be read or written whole.
+// If the file cannot be read or written whole, the test fails by an exception.
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, std::string_view bytes);
 bool Exists(const std::string& path);
 
-// The number of open descriptors of this process. Counting opens one more, always the same.
+// The number of open descriptors of this process. The count includes the one that it opens itself.
 std::size_t OpenDescriptors();
 
 // A registry file that says that the reports are in `directory`.
@@ -41,10 +41,10 @@ std::string HexDump(std::string_view bytes);
 // The text of the fenced block that follows the line "<!-- example: NAME -->" in docs/PAGE, without the fences.
 std::string DocExample(const std::string& page, const std::string& name);
 
-// A seed for randomised tests: QX_TEST_SEED if set, else a fixed number, printed once for each caller.
+// The seed of a randomised test: QX_TEST_SEED if it is set, else a fixed number. It is printed once for each caller.
 std::uint64_t Seed(const char* who);
 
-// Ends a forked child without the parent's clean-up. A coverage build keeps what the child has run.
+// Ends a forked child without the parent's clean-up. In a coverage build the counts of the child are written.
 [[noreturn]] void EndChild(int status);
 
 // Sets an environment variable (null: unsets it) and restores the old value at the end of the scope.
@@ -61,7 +61,8 @@ class ScopedEnv {
   bool had_old_;
 };
 
-// Turns the test program's own Debug on at `level` with its log in a private directory, and off again at the end.
+// Turns on the test program's own Debug object at `level`, with its log in a private directory, and off at the end of
+// the scope.
 class TraceCapture {
  public:
   explicit TraceCapture(int level);
@@ -69,8 +70,8 @@ class TraceCapture {
   TraceCapture(const TraceCapture&) = delete;
   TraceCapture& operator=(const TraceCapture&) = delete;
 
-  // The traced texts since construction, one entry an element, without entry headers and the log's own head. An entry
-  // of several lines is one element; the line feed at an entry's end is cut.
+  // The texts traced since construction, one element for each entry, without entry headers and without the head of the
+  // log. An entry of several lines is one element. The line feed at the end of an entry is left out.
   std::vector<std::string> Entries() const;
   // The same entries as one text, joined by line feeds: for a comparison with one literal.
   std::string Text() const;

@@ -1,4 +1,4 @@
-// The version variables of programs that link the provider library without the module's load-time objects.
+// Defines the version variables for programs that link the provider library without the module's load-time objects.
 #include "provider/ModuleExports.h"
 
 const char* DreQXObjectName = "QXRemConXfer";
