@@ -29,8 +29,8 @@ constexpr int kIo = 6;
 constexpr char kRegistry[] = "[HKEY_LOCAL_MACHINE]\nx=s=old\n\n\n";
 constexpr char kProfile[] = "[S]\nx=old\n";
 
-// In the working directory of root: "roots" is root's private directory, "theirs" that of an ordinary user, "sticky"
-// one like /tmp. Paths of the rows are relative to it.
+// The directories in which root runs qxctl: "roots" is a private directory of root, "theirs" one of an ordinary user,
+// and "sticky" one like /tmp. The paths of the rows are relative to the directory that contains these.
 struct Place {
   explicit Place(const QxctlFixture& fixture) : qxctl(fixture) {}
 
@@ -66,8 +66,8 @@ struct Row {
   std::function<void(const Place&)> prepare;
   Words command;
   int code;
-  Words says = {};                                   // all of it is in the message
-  std::function<void(const Place&)> then = nullptr;  // what holds afterwards
+  Words says = {};                                   // the message contains all of these words
+  std::function<void(const Place&)> then = nullptr;  // checks the files after the run
 };
 
 void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }

@@ -1,4 +1,5 @@
-// An ordinary user prepares files, links, pipes and records; root runs qxctl. The user gains nothing.
+// Tests attacks on qxctl: an ordinary user prepares files, links, pipes and records, root runs qxctl, and the user
+// gains nothing.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -53,7 +54,7 @@ class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
     return path;
   }
 
-  // Puts a link to root's file in place of each file in the directory, and removes it after a moment.
+  // Replaces each file in the directory by a link to root's file, and removes the link after a moment.
   void ExchangeWhatIsIn(const std::string& directory) const {
     const std::string link = directory + "/.link";
     std::error_code error;
@@ -65,7 +66,7 @@ class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
     usleep(2000);
   }
 
-  // Every command that writes a file.
+  // Every command that writes to a file.
   std::vector<std::vector<std::string>> Writers(const std::string& path) const {
     return {{"fetch", "load", "-o", path},
             {"fetch", "load", "--resume", "state", "-o", path},
@@ -74,7 +75,7 @@ class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
             {"registry", "export", "--file", roots_registry_, "", path},
             {"module", "record", path, "what"}};
   }
-  // Every command that reads one.
+  // Every command that reads a file.
   static std::vector<std::vector<std::string>> Readers(const std::string& path) {
     return {{"module", "reflect", "--input", "@" + path},
             {"module", "record", "call.json", "reflect", "--input", "@" + path},
@@ -94,7 +95,7 @@ class AttacksOnQxctl : public testing::Test, protected QxctlFixture {
     EXPECT_EQ(ran.code, kRefused) << testing::PrintToString(command) << ran.err;
     EXPECT_THAT(ran.err, HasSubstr("--force")) << testing::PrintToString(command);
   }
-  // Also with --force: the user could exchange a file that root has seen for a link.
+  // Both without and with --force: the user could exchange a file that root has checked for a link.
   void ExpectLinkRefused(std::vector<std::string> command) const {
     for (int i = 0; i < 2; ++i) {
       const Ran ran = Qxctl(command);
@@ -280,7 +281,7 @@ TEST_F(AttacksOnQxctl, JsonOnATerminalStaysJson) {
   EXPECT_EQ(OnTerminal({"fetch", "evil", "--format", "json"}).out, "{\"index\":0,\"text\":\"a\\u007F\\u009B\"}\n");
 }
 
-// 1,073,741,823 slots; only the first 1,018 are stored.
+// The index file has 1,073,741,823 slots, of which only the first 1,018 are stored.
 TEST_F(AttacksOnQxctl, HoleOfAnIndexFileIsLeftOut) {
   constexpr std::uint32_t kSlots = 0x3FFFFFFF;
   const std::uint32_t header[6] = {10, 10, kSlots, kSlots, kSlots, 0};
@@ -297,7 +298,7 @@ TEST_F(AttacksOnQxctl, HoleOfAnIndexFileIsLeftOut) {
   EXPECT_LE(fs::file_size(Dir().File("printed")), 2048U * 10);
 }
 
-// The reply does not fit into the pipe, so that the process waits for a reader that never comes.
+// The reply does not fit into the pipe, so the process waits for a reader that never reads.
 TEST_F(AttacksOnQxctl, SignalRemovesThePrivateDirectory) {
   WriteFile(Dir().File("big.xml"), "<a>" + std::string(200000, 'x') + "</a>");
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {

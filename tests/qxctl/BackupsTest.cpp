@@ -1,4 +1,4 @@
-// qxctl report backup --dated, backups and verify-backup, end to end; JSON documents against their schemas.
+// Tests qxctl report backup --dated, backups and verify-backup, end to end, and their documents against the schemas.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -25,7 +25,8 @@ class QxctlBackups : public testing::Test, protected QxctlFixture {
     MakeReport("other", 3, {"x"});
   }
 
-  // Runs with --json after the arguments; the document's exitCode is the process's, and its schema is that of `words`.
+  // Runs the command with --json. The exit code in the document must be that of the process; its schema is that of
+  // `words`.
   json Document(const std::string& words, std::vector<std::string> arguments, int code) {
     arguments.emplace_back("--json");
     const Ran ran = Qxctl(arguments);
@@ -36,7 +37,7 @@ class QxctlBackups : public testing::Test, protected QxctlFixture {
     return document;
   }
 
-  // What is wrong with the documents so far.
+  // The faults of the documents so far, by their schemas.
   std::string SchemaFaults() const {
     const std::string source = QX_SOURCE_DIR;
     const std::vector<std::string> command = {"/usr/bin/python3", source + "/tests/docs/check_documents.py",

@@ -1,4 +1,4 @@
-// Recorded calls as files: their bytes, what is refused, and how a difference is shown.
+// Tests recorded calls as files: their bytes, which files are refused, and how a difference is shown.
 #include "tools/qxctl/trial/CallFile.h"
 
 #include <gmock/gmock.h>

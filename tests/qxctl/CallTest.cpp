@@ -1,4 +1,4 @@
-// qxctl module what, reflect and reports, the options that all calls share, and the command line itself.
+// Tests qxctl module what, reflect and reports, the options that all calls have, and the command line itself.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -20,7 +20,8 @@ using testing::StartsWith;
 
 class QxctlCall : public testing::Test, protected QxctlFixture {
  protected:
-  // One call into the fake module; what it saw, without load and thread hooks.
+  // Makes one call into the fake module. Returns the lines that the module wrote, without those of load and thread
+  // hooks.
   std::string SeenByModule(std::vector<std::string> arguments) const {
     std::filesystem::create_directory(Dir().File("fake"));
     Start start = StartHere();

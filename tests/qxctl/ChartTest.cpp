@@ -1,4 +1,5 @@
-// Charts of fields, the table of the fields, and fields in documents: the whole output of report cat, fetch and follow.
+// Tests charts of fields, the table of fields, and fields in documents: the whole output of report cat, fetch and
+// follow.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -18,7 +19,7 @@ using Words = std::vector<std::string>;
 
 class QxctlCharts : public testing::Test, protected QxctlFixture {
  protected:
-  // With this locale, 60 columns and UTC as the local time.
+  // Runs qxctl with this locale, 60 columns, and `zone` as the local time.
   Ran Run(const Words& arguments, const std::string& locale = "C", const std::string& zone = "UTC") const {
     Start start = StartHere();
     start.environment["LC_ALL"] = locale;
@@ -27,7 +28,7 @@ class QxctlCharts : public testing::Test, protected QxctlFixture {
     return Qxctl(arguments, start);
   }
 
-  // For a new report with these records: a line end, the chart, and the messages.
+  // Makes a new report with these records, and returns a line end, the chart, and the messages.
   std::string Chart(const Words& records, Words options, const std::string& locale = "C",
                     const std::string& zone = "UTC") const {
     (void)std::remove((ReportPath("load") + ".ind").c_str());

@@ -1,4 +1,4 @@
-// All command lines: what --help shows, and what is refused before a command runs.
+// Tests all command lines: the output of --help, and which lines are refused before a command runs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -87,7 +87,7 @@ TEST_F(QxctlCommandLine, HelpThatCannotBeWrittenIsAnIoFailure) {
 
 TEST_F(QxctlCommandLine, VersionIsOneLine) { EXPECT_THAT(Qxctl({"--version"}).out, StartsWith("qxctl 0.")); }
 
-// --- what is shown without a command
+// --- output without a command
 
 TEST_F(QxctlCommandLine, QxctlAloneShowsTheGroupsOfCommands) {
   const Ran ran = Qxctl({});
@@ -112,7 +112,7 @@ TEST_F(QxctlCommandLine, HelpAndVersionAreAlsoCommands) {
   EXPECT_EQ(Qxctl({"version"}).out, Qxctl({"--version"}).out);
 }
 
-// --- what is refused
+// --- lines that are refused
 
 const std::vector<WrongLine> kWrongLines = {
     {{"reprot"}, "there is no command \"reprot\"; did you mean report?"},
@@ -192,7 +192,7 @@ TEST_F(QxctlCommandLine, FailureUnderJsonIsADocument) {
   EXPECT_THAT(Qxctl({"fetch", "--jsn", "--json"}).out, HasSubstr("\"exitCode\":2}\n"));
 }
 
-// The document of the command says what happened; a second one would be in the way.
+// The document of the command shows the failure already, so there must be no second document.
 TEST_F(QxctlCommandLine, FailureWithADocumentOfItsOwnHasNoSecondOne) {
   WriteFile(ReportPath("load") + ".dat", "");
   const Ran damaged = Qxctl({"report", "verify", "Reports/load", "--json"});
@@ -206,7 +206,7 @@ TEST_F(QxctlCommandLine, RefusedLineMakesNoTraceDirectory) {
   EXPECT_FALSE(Exists(Dir().File("traces")));
 }
 
-// --- what is accepted
+// --- lines that are accepted
 
 TEST_F(QxctlCommandLine, ReportMayHaveTheNameOfACommand) {
   MakeReport("report", 3, {"a"});

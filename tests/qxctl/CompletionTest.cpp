@@ -1,4 +1,4 @@
-// What a real bash, a real zsh and a real fish offer for the tab key, and that the table is complete.
+// Tests what a real bash, a real zsh and a real fish offer for the tab key, and that the table of commands is complete.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -50,7 +50,7 @@ class QxctlCompletion : public testing::Test, protected QxctlFixture {
     WriteFile(Dir().File("registry"), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\nCount=d=5\n[Server Control]\nx=s=y\n\n\n\n\n");
   }
 
-  // What bash offers for the last of these words, after it has split the line.
+  // The offers of bash for the last of these words; bash has split the line already.
   std::vector<std::string> Offers(const std::vector<std::string>& words) const {
     std::string script = "source ./bash\nCOMP_WORDS=(" + Quoted(QxctlPath());
     for (const std::string& word : words) script += " " + Quoted(word);
@@ -61,7 +61,8 @@ class QxctlCompletion : public testing::Test, protected QxctlFixture {
     return LinesOf(ran.out);
   }
 
-  // What zsh offers for this command line. An interactive zsh runs on its own terminal, with a compadd that prints.
+  // The offers of zsh for this command line. An interactive zsh runs on a terminal of its own, with a compadd that
+  // prints.
   std::vector<std::string> ZshOffers(const std::string& line) const {
     const std::string inner =
         "PROMPT=\nautoload -Uz compinit && compinit -D -u\nsource ./zsh\n"
@@ -90,7 +91,7 @@ class QxctlCompletion : public testing::Test, protected QxctlFixture {
     return LinesOf(ran.out);
   }
 
-  // What fish offers for this command line, without the help.
+  // The offers of fish for this command line, without the help.
   std::vector<std::string> FishOffers(const std::string& line) const {
     const std::string script = "source ./fish; complete -C " + Quoted(line);
     Start start = StartHere();
@@ -219,7 +220,7 @@ TEST_F(QxctlCompletion, OffersOfAnUnknownKindAreEmpty) {
   EXPECT_EQ(ran.out + ran.err, "");
 }
 
-// Two parameters may have the same name: what is offered depends on their kind.
+// Two parameters may have the same name. The offers depend on their kind.
 TEST_F(QxctlCompletion, ArgumentNamedLikeAReportIsCompletedByItsKind) {
   EXPECT_THAT(Offers({"module", "reflect", "--user", "lo"}), IsEmpty());
   EXPECT_THAT(Offers({"module", "load-test", "--report", "loa"}), ElementsAre("load"));
@@ -249,7 +250,7 @@ TEST_F(QxctlCompletion, SourcedScriptIsRegistered) {
   EXPECT_EQ(ran.out, "complete -F _qxctl qxctl\n");
 }
 
-// Both the template and the script that a user gets.
+// Checks both the template and the script that a user gets.
 TEST_F(QxctlCompletion, ShellcheckFindsNothingInTheBashScript) {
   const std::string source = QX_SOURCE_DIR "/tools/qxctl/cli/describe/completion.bash";
   for (const std::string& script : {source, Dir().File("bash")}) {

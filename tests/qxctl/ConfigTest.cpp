@@ -1,4 +1,4 @@
-// qxctl registry ls|get and ini list|get: they show the configuration and do not change it.
+// Tests qxctl registry ls|get and ini list|get: they show the configuration and do not change it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

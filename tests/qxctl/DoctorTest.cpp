@@ -1,4 +1,4 @@
-// qxctl doctor: a private tree provokes each of its codes, and the page on troubleshooting lists them.
+// Tests qxctl doctor: a private tree provokes each of its codes, and the page on troubleshooting has each code.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,7 +31,7 @@ const char kGoodRegistry[] =
     "Control]\n[Setup]\nReportRoot=s=%s\n\n\n\n\n\n\n"
     "\n";
 
-// A machine in a directory: registry, reports, traces, settings and processes without a problem.
+// A machine in a directory: its registry, reports, traces, settings and processes have no problem.
 class QxctlDoctor : public testing::Test, protected QxctlFixture {
  protected:
   QxctlDoctor() {
@@ -77,7 +77,7 @@ class QxctlDoctor : public testing::Test, protected QxctlFixture {
 
   std::vector<std::string> FoundWith(Start start) const { return Lines(Qxctl(Command({"--json"}), std::move(start))); }
 
-  // The number of warnings and errors, with the first code.
+  // Whether the findings have no warning and no error.
   static bool OnlyInfos(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
       if (line.find(" warning ") == 5 || line.find(" error ") == 5) return false;
@@ -85,7 +85,7 @@ class QxctlDoctor : public testing::Test, protected QxctlFixture {
     return true;
   }
 
-  // As facts show a path.
+  // A path in quotes, as facts show it.
   std::string Q(const std::string& name) const { return "\"" + Dir().File(name) + "\""; }
 
   struct Finding {
@@ -435,7 +435,7 @@ TEST_F(QxctlDoctor, Qx308ADirectoryWithoutReportsIsSilent) {
               Has("QX308 warning there is no report in " + Q("srv")));
 }
 
-// File systems of a few pages, in a mount namespace of their own.
+// The file systems have only a few pages, and are in a mount namespace of their own.
 TEST_F(QxctlDoctor, Qx309And310And411SpaceThatIsLeft) {
   const auto found_with = [&](const std::string& size) {
     std::vector<std::string> command = {"unshare", "--mount"};
@@ -457,7 +457,7 @@ TEST_F(QxctlDoctor, ReportsOfSubdirectoriesAreChecked) {
   EXPECT_THAT(Found(), Has("QX304 warning " + Q("Reports/disk/half.dat") + " exists, "));
 }
 
-// A broken machine: every finding that needs attention has a command, and a shell can read each.
+// On a broken machine, every finding that needs attention has a command, and a shell can parse each command.
 TEST_F(QxctlDoctor, EveryFindingThatNeedsAttentionEndsWithACommand) {
   Replace("etc/registry", "ReportRoot", "ReportRot");
   WriteFile(Dir().File("etc/registry"), ReadFile(Dir().File("etc/registry")) + "x=s=y\n");
@@ -529,7 +529,7 @@ TEST_F(QxctlDoctor, NothingIsChanged) {
   EXPECT_EQ(listing(), before);
 }
 
-// Every code is tested, and the page says what to do about it.
+// Every code has a test, and a line in the page that says what to do.
 TEST(DoctorCodes, EachHasATestAndALineInTroubleshooting) {
   const std::string tests = ReadFile(std::string(QX_SOURCE_DIR) + "/tests/qxctl/DoctorTest.cpp");
   const std::string page = ReadFile(std::string(QX_SOURCE_DIR) + "/docs/troubleshooting.md");

@@ -1,4 +1,4 @@
-// Scripts rely on the exit codes: one test for each.
+// Tests each exit code once, because scripts rely on them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -48,7 +48,7 @@ TEST_F(QxctlExitCode, TwoSaysTheCommandLineIsWrong) {
   EXPECT_EQ(CodeOf({"report", "create", "Reports/new", "--slots", "0"}), 2);
 }
 
-// The pipe is too small for the report: qxctl waits for its reader while the ring advances.
+// The pipe is too small for the report, so qxctl waits for its reader while the ring advances.
 TEST_F(QxctlExitCode, ThreeMeansTheReportChangedMeanwhile) {
   const std::string text(1000, 'x');
   std::vector<std::string> texts;

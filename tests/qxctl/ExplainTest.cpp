@@ -1,4 +1,4 @@
-// qxctl explain: it knows every code and every error text of the sources, and nothing else.
+// Tests qxctl explain: it knows every code and every error text of the sources, and nothing else.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -31,7 +31,7 @@ std::string Replaced(std::string text, const std::string& from, const std::strin
   return text;
 }
 
-// Joins adjacent literals and drops comments.
+// The source with adjacent literals joined and without comments.
 std::string Joined(const std::string& source) {
   std::string joined;
   std::istringstream lines(source);
@@ -66,7 +66,7 @@ bool MarksAnError(const std::string& literal) {
          literal.find("has been cut") != std::string::npos;
 }
 
-// The text as a log shows it: without line feeds and without the marks of the source.
+// The text of a literal as a log shows it: without line feeds and without the escapes of the source.
 std::string AsTraced(std::string literal) {
   literal = Replaced(literal, "\\n", "");
   return Replaced(literal, "\\\"", "\"");
@@ -102,7 +102,7 @@ bool IsErrorName(const std::string& text) {
   return false;
 }
 
-// The names of errors, and the numbers after "LastError=".
+// The names of errors in a page, and the numbers after "LastError=".
 //   "EACCES or LastError=\"13\"" => "EACCES", "13"
 std::vector<std::string> ErrorsIn(const std::string& page) {
   constexpr char kLetters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
@@ -212,7 +212,7 @@ std::vector<std::string> RowsOfExplanations() {
   return rows;
 }
 
-// RowsOfExplanations, from the tables of a page. The severity, which only codes of doctor have, is left out.
+// The rows of RowsOfExplanations from the tables of a page. The severity, which only codes of doctor have, is left out.
 //   "| `QX100` | ok | It loads | The ordinary case | Nothing |"  => "QX100: It loads | The ordinary case | Nothing"
 std::vector<std::string> RowsOfPage(const std::string& page) {
   std::vector<std::string> rows;

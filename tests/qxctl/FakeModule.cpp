@@ -1,9 +1,9 @@
-// A provider module that follows instructions and writes down how it is called: for replies that no good module sends,
-// and for the service's side of the contract.
+// A provider module that follows instructions and records its calls: for replies that no good module sends, and to
+// check the service's side of the contract.
 //
-// Its directory is named by QX_FAKE. The n-th request (from 1) is answered by the file "reply.n": the result on the
-// first line, the reply document after it, or no reply if nothing follows. Without the file the result is 1 and there
-// is no reply. Each call is appended to the file "calls" as a line.
+// QX_FAKE names its directory. The nth request (from 1) is answered by the file "reply.n": the first line is the
+// result, the rest is the reply; without a rest there is no reply. Without the file, the result is 1 and there is no
+// reply. Each call adds a line to the file "calls".
 #include <pthread.h>
 
 #include <cstdio>

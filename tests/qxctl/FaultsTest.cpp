@@ -1,4 +1,5 @@
-// qxctl module faults: the real module survives what a bad host does, and each fault of a bad module is found.
+// Tests qxctl module faults: the real module survives the faults of a bad host, and each fault of a bad module is
+// found.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -78,7 +79,7 @@ TEST_F(QxctlFaults, CrashIsAFindingAndTheOtherCasesStillRun) {
   EXPECT_THAT(Findings("load-crash", {"reload", "version"}), ElementsAre(std::string("reload: ") + kCrash));
 }
 
-// The command itself handles SIGALRM while it runs.
+// The command itself handles SIGALRM while it runs; its cases do not.
 TEST_F(QxctlFaults, AlarmKillsACase) {
   EXPECT_THAT(Findings("alarm-null-block", {"null-block"}),
               ElementsAre("null-block: killed by signal 14 (Alarm clock)"));

@@ -1,5 +1,5 @@
-// A provider module that hands every call to the real one, but has the one fault that QX_FAULT names. A check of
-// modules must find exactly that fault.
+// A provider module that passes every call to the real one, and has one fault, which QX_FAULT names. A check of modules
+// must find exactly this fault.
 //
 // QX_REAL_MODULE is the file of the real module.
 //

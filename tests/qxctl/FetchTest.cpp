@@ -1,4 +1,4 @@
-// qxctl fetch: a whole report through the module.
+// Tests qxctl fetch: a whole report through the module.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -54,7 +54,7 @@ std::vector<std::string> Numbered(int count, const std::string& text) {
   return texts;
 }
 
-// Texts of every byte that a record can have, with many characters that are special in markup.
+// Texts of every byte that a record can have, with many strings that are special in markup.
 std::vector<std::string> RandomTexts(std::size_t bytes) {
   std::mt19937_64 random(Seed("QxctlFetch"));
   const std::vector<std::string> pieces = {"]]>", "<![CDATA[", "]]",    ">",   "&amp;",         "<Error/>",
@@ -210,7 +210,7 @@ TEST_F(QxctlFetch, BlockWithoutThreadIdIsRefused) {
   EXPECT_EQ(ran.err, "qxctl: the module refuses with result -1: krx_gendata thread id is 0\n");
 }
 
-// Without element 1 the module keeps no state between calls: each call with an index opens the report again.
+// Without element 1 the module has no state between calls: each call with an index opens the report again.
 TEST_F(QxctlFetch, WithoutElementOneTheRecordsStillArrive) {
   const std::vector<std::string> texts = Numbered(5, "text");
   MakeReport("load", 9, texts);
@@ -236,7 +236,7 @@ TEST_F(QxctlFetch, OutputThatCannotBeWrittenIsAnIoFailure) {
   EXPECT_THAT(nowhere.err, HasSubstr("cannot create nowhere/out: No such file or directory"));
 }
 
-// An open returns the lowest free descriptor. While standard output is closed, the module's log gets descriptor 1.
+// An open returns the lowest free descriptor, so while standard output is closed, the module's log gets descriptor 1.
 TEST_F(QxctlFetch, ClosedStandardOutputIsAnIoFailureAndNeverAnotherFile) {
   MakeReport("load", 9, {"one"});
   Start start = StartHere();
@@ -271,7 +271,8 @@ TEST_F(QxctlFetch, SymbolicLinkStaysAndItsTargetIsReplaced) {
   EXPECT_EQ(ReadFile(Dir().File("target")), "one\r\n");
 }
 
-// The pipe takes 64 KiB of the first chunk's MiB; while qxctl waits for its reader, the writer of the report continues.
+// The pipe takes 64 KiB of the first chunk's 1 MiB. While qxctl waits for its reader, the writer of the report
+// continues.
 TEST_F(QxctlFetch, RingThatAdvancesMeanwhileIsNoticedAtTheEnd) {
   const std::string text(1000, 'x');
   MakeReport("load", 3000, Numbered(3000, text));

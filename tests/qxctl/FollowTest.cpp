@@ -1,4 +1,4 @@
-// qxctl follow: records as they appear, and what happens to the report meanwhile.
+// Tests qxctl follow: records as they appear, and changes of the report meanwhile.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -191,8 +191,8 @@ TEST_F(QxctlFollow, SignalEndsItWithTheSummary) {
   }
 }
 
-// Records and summary go to the same terminal. If it is nearly full, `poll` returns, and then the write waits. If it is
-// full, the summary waits.
+// Records and summary go to the same terminal. If the terminal is nearly full, `poll` returns at once, and the write
+// waits. If it is full, the summary waits.
 TEST_F(QxctlFollow, SignalEndsItOnATerminalThatNobodyReads) {
   MakeReport("load", 500, Texts(500, std::string(1000, 'x')));
   Start start = StartHere();
@@ -227,7 +227,7 @@ TEST_F(QxctlFollow, UnwritableOutputEndsIt) {
   EXPECT_EQ(Qxctl(Arguments({"--for", "5"}), start).code, 6);
 }
 
-// Nothing is written after the record, so only the end of the reader itself can end qxctl.
+// Nothing is written after the record, so qxctl must notice the end of the reader itself.
 TEST_F(QxctlFollow, ReaderThatGoesAwayEndsItWithoutWaitingForARecord) {
   MakeReport("load", 9, {"a"});
   for (const std::string more : {"", " --json"}) {
@@ -277,7 +277,7 @@ const char kFailure[] = "12\n<Error Msg=\"Report data for report 'load' could no
 
 }  // namespace
 
-// A read is tried three times, and the report is read again at the next interval.
+// A read is tried three times; then the report is read again at the next interval.
 TEST_F(QxctlFollowOfAFakeModule, FailedReadsAreReportedOnceAndTriedAgain) {
   for (int i = 1; i <= 18; ++i) Reply(i, kFailure);
   Reply(19, kOneRecord);

@@ -1,4 +1,4 @@
-// Documents as commands build them, and their text.
+// Tests documents as commands build them, and their text.
 #include <gtest/gtest.h>
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// qxctl module load-test: a good module passes, and each fault of a bad one is found.
+// Tests qxctl module load-test: a good module passes, and each fault of a bad module is found.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -32,7 +32,7 @@ class QxctlLoadTestThreads : public testing::Test, protected QxctlFixture {
     return Qxctl(arguments, start);
   }
 
-  // The kinds of what was found.
+  // The kinds of the findings.
   std::vector<std::string> Findings(const std::string& fault, std::vector<std::string> arguments = {}) const {
     arguments.insert(arguments.end(), {"--requests", "2000", "--json"});
     const Ran ran = LoadTest(arguments, fault);

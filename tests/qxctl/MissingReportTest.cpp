@@ -1,4 +1,4 @@
-// Messages about reports that do not exist, and the values of the registry that name the report directory.
+// Tests the messages about reports that do not exist, and the values of the registry that name the report directory.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -53,7 +53,7 @@ class QxctlMissingReport : public testing::Test, protected QxctlFixture {
     for (const char* const name : {"load", "memory", "disk"}) MakeReport(name, 3, {"a"});
   }
 
-  // With a registry that has these values.
+  // Runs qxctl with a registry that has these values.
   Ran QxctlWith(const std::string& values, std::vector<std::string> arguments) const {
     WriteFile(Dir().File("registry"), RegistryWith(values));
     arguments.insert(arguments.begin(), QxctlPath());
@@ -125,7 +125,7 @@ TEST_F(QxctlMissingReport, ReportWithoutInstanceNamesIsNotCalledMissing) {
             "qxctl: the report load has no instance names: there is no file " + ReportPath("load") + ".names\n");
 }
 
-// The module's code finds the directory (CServerControlPaths), the tool the value that names it: both must agree.
+// The module's code (CServerControlPaths) finds the directory, the tool finds the value that names it. Both must agree.
 TEST(ReportSettingsOfARegistry, AgreeWithTheModuleOnWhichValueCounts) {
   struct Row {
     std::string file;

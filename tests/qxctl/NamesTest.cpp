@@ -1,4 +1,4 @@
-// qxctl names, and module names: the instance names of a report as the module lists them.
+// Tests qxctl names and module names: the instance names of a report, as the module lists them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

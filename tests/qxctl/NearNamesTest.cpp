@@ -1,4 +1,4 @@
-// Which names are near a mistyped word, and how they are offered.
+// Tests which names are near a mistyped word, and how a message offers them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-// All commands: how much they print, and in which colour.
+// Tests the output of all commands: its amount, and its colours.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -165,8 +165,8 @@ TEST_F(QxctlOutput, PipeGetsNoColour) {
   EXPECT_THAT(Run(missing_).err, Not(HasSubstr(kEscape)));
 }
 
-// If only the data is redirected, the problems still appear on the terminal in colour. If only the problems are, the
-// data does.
+// If only the data is redirected, problems still have colours on the terminal. If only the problems are redirected, the
+// data still has colours.
 TEST_F(QxctlOutput, EachStreamIsCheckedByItself) {
   Start start = StartHere();
   start.environment["NO_COLOR"] = "";

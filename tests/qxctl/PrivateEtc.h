@@ -1,4 +1,4 @@
-// Runs a command with an /etc of its own that has nothing but a registry: qxctl as on another machine.
+// Runs a command with a private /etc that has nothing but a registry: qxctl as on another machine.
 #pragma once
 
 #include <string>
@@ -6,9 +6,9 @@
 
 namespace qx::test {
 
-// `command` in a private mount namespace whose /etc has only /etc/brollan, and there the file `registry_file` as
-// "registry" (empty: no file). What it mounts is seen by nobody else. Where namespaces are not allowed, the command
-// fails and says so.
+// The command line that runs `command` in a private mount namespace. Its /etc has only /etc/brollan with the file
+// `registry_file` as "registry" (empty: no file). No other process sees these mounts. If namespaces are not allowed,
+// the command fails with a message.
 std::vector<std::string> WithPrivateEtc(const std::string& registry_file, const std::vector<std::string>& command);
 
 }  // namespace qx::test

@@ -1,5 +1,5 @@
-// Steps that take over a second show progress on a terminal. strace makes a call on the report's data file take that
-// long.
+// Tests the progress of steps that take over a second on a terminal. strace delays a call on the report's data file by
+// this time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -41,7 +41,8 @@ class QxctlProgress : public testing::Test, protected QxctlFixture {
   }
 };
 
-// Standard error with a progress line that was wiped again. `total`: how much has to be read, if that is known.
+// A pattern of standard error with a progress line that was wiped again. `total`: the bytes to be read, if they are
+// known.
 std::string Shown(const std::string& what, const std::string& total = " of 0.3") {
   return "(.|\n)*\r\033.K" + what + ": 1 s, [0-9.]+" + total + " MB read, [0-9.]+ MB written(.|\n)*\r\033.K";
 }

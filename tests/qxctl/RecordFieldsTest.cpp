@@ -1,4 +1,4 @@
-// The fields of records and the axis of time: example tables.
+// Tests the fields of records and the axis of time with tables of examples.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -89,7 +89,7 @@ TEST(RecordFields, ColumnsBySeparator) {
   EXPECT_EQ(FieldsText("09:00;7; 8% ;x y;", ";"), "1 text 09:00 | 2 integer 7 | 3 integer 8% | 4 text x y | 5 text ");
 }
 
-// A chart finds the number of a field by its name alone.
+// A chart finds the number of a field by its name alone, so the name must find it.
 TEST(RecordFields, NumberOfAFieldIsTheOneThatItsNameFinds) {
   for (const std::string_view text :
        {"09:00 cpu=12% load 0.12 free: 7 GB, used : 3", "a=-2 b=+3 c=1e3 (d=5) e =6", "disk/sda=7kB/s cpu%=3"}) {

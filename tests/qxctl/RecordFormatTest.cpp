@@ -1,4 +1,4 @@
-// How fetch and report cat write records: formats, columns and charts.
+// Tests how fetch and report cat write records: formats, columns and charts.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,7 +19,7 @@ using Texts = std::vector<std::string>;
 
 class QxctlRecordFormat : public testing::Test, protected QxctlFixture {
  protected:
-  // What cat prints, which is what fetch prints.
+  // The output of cat, which must be that of fetch.
   std::string Print(const Texts& options) const {
     Texts cat = {"report", "cat", "Reports/load"};
     Texts fetch = {"fetch", "load"};
@@ -76,7 +76,7 @@ TEST_F(QxctlRecordFormat, JsonHasALineForEachRecordAndEveryByte) {
   EXPECT_EQ(lines[5]["text"], "\xC3\xA4");
 }
 
-// The reply does not show where a record without an end byte ends.
+// A reply does not show where a record without an end byte ends.
 TEST_F(QxctlRecordFormat, RecordsCutAtANulAreSeparatedByTheModule) {
   Texts texts;
   for (int i = 0; i < 20; ++i) texts.push_back("abcdef" + std::to_string(i));

@@ -1,4 +1,4 @@
-// Reading many records at once gives the records that readLine reads one by one, whatever bytes the file has.
+// Compares reading many records at once with readLine for each record, whatever bytes the file has.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -33,7 +33,7 @@ std::vector<std::string> InRuns(CReportFileBase& store, std::uint32_t slots) {
   return records;
 }
 
-// A ring that has wrapped, with bytes that end a record where they should not.
+// Writes a ring that has wrapped. Its texts contain bytes that end a record.
 void WriteSpoiltReport(const std::string& path, std::mt19937_64& random, std::uint32_t slots) {
   CReportFileBase store;
   ASSERT_TRUE(store.Open(path.c_str(), slots));
@@ -71,7 +71,7 @@ TEST(RecordRun, LongRecordIsReadAlone) {
   EXPECT_EQ(InRuns(store, 3), OneByOne(store, 3));
 }
 
-// 64 KiB are stored, then a hole of 64 KiB, then a page: blocks of any usual file system.
+// The file has 64 KiB of data, a hole of 64 KiB, and one page: these are whole blocks of any usual file system.
 TEST(StoredSlots, RunEndsWhereTheHoleBegins) {
   const test::TempDir directory;
   const std::string file = directory.File("r.ind");

@@ -1,4 +1,4 @@
-// qxctl module record and replay: a recorded call has the same result in a replay, and each difference is shown.
+// Tests qxctl module record and replay: a replayed call has the recorded result, and each difference is shown.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -55,7 +55,7 @@ TEST_F(QxctlRecord, HyphenIsStandardOutputOfRecordAndStandardInputOfReplay) {
   EXPECT_FALSE(Exists(Dir().File("-")));
 }
 
-// The page shows the module's own reply.
+// The page shows the reply of the module itself.
 TEST_F(QxctlRecord, WorkedExampleOfThePageIsReplayedUnchanged) {
   WriteFile(Dir().File("example.json"), DocExample("testing-modules.md", "call-file"));
   const Ran ran = Qxctl({"module", "replay", "example.json"});

@@ -1,4 +1,4 @@
-// How a report is named on the command line: by name, by path, with an ending, several at once, all.
+// Tests how a command line names reports: by name, by path, with an ending, several at once, or all.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -111,7 +111,7 @@ TEST_F(QxctlReportArguments, FetchOfSeveralReportsWritesAFileForEach) {
   EXPECT_FALSE(Exists(Dir().File("state")));
 }
 
-// The working directory may have a path like the name of a report.
+// A path in the working directory may equal the name of a report.
 TEST_F(QxctlReportArguments, FetchOfAllReadsNamesAndNotPaths) {
   std::filesystem::create_directories(Dir().File("disk"));
   MakeReport("../disk/sda", 3, {"another"});

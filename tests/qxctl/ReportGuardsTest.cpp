@@ -1,4 +1,4 @@
-// What qxctl checks before it reads or extends a report: damage, and other writers.
+// Tests the checks of qxctl before it reads or extends a report: for damage, and for other writers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -19,7 +19,7 @@ using testing::Not;
 
 class QxctlReportGuards : public testing::Test, protected QxctlFixture {
  protected:
-  // A header that counts more slots than the index file has.
+  // Cuts the index file, so that the header counts more slots than the file has.
   void CutIndex(const std::string& name) const { std::filesystem::resize_file(ReportPath(name) + ".ind", 24 + 4); }
   std::string Warning(const std::string& name) const {
     return "warning: " + Dir().Path() + "/Reports/" + name + " is damaged (index.size: ";

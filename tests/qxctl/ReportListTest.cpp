@@ -1,4 +1,4 @@
-// qxctl report list, report status and report verify --all.
+// Tests qxctl report list, report status and report verify --all.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,7 +35,7 @@ class QxctlReportList : public testing::Test, protected QxctlFixture {
     ASSERT_EQ(utimensat(AT_FDCWD, (ReportPath(name) + ".ind").c_str(), times, 0), 0);
   }
 
-  // The index file then claims that slot 9 is the oldest.
+  // Damages the header: it says that slot 9 is the oldest.
   void Damage(const std::string& name) const {
     std::string index = ReadFile(ReportPath(name) + ".ind");
     index[20] = 9;
@@ -118,7 +118,7 @@ TEST_F(QxctlReportList, StatusOfNamesPathsAndAll) {
   EXPECT_EQ(all["reports"].size(), 2U);
 }
 
-// Whatever "report list" shows can be given to another command.
+// A name that "report list" shows is accepted by other commands.
 TEST_F(QxctlReportList, NameWithASlashFromTheListIsAccepted) {
   EXPECT_THAT(Qxctl({"report", "list"}).out, HasSubstr("\ndisk/sda "));
   const Ran both = Qxctl({"report", "status", "load", "disk/sda"});

@@ -1,4 +1,4 @@
-// qxctl report create, append, cat and info: the commands on a report's own files.
+// Tests qxctl report create, append, cat and info: the commands for a report's own files.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -138,7 +138,7 @@ TEST_F(QxctlReport, LineThatIsTooLongForAReplyIsAFinding) {
   EXPECT_EQ(ReadFile(ReportPath("r") + ".dat"), longest + "\r\n===>\r\n");
 }
 
-// A line that is typed, or comes from a program that waits for the next event, is not held back until a batch is full.
+// A line that is typed, or that a program writes before it waits, must be appended before a batch is full.
 TEST_F(QxctlReport, LineOnAPipeIsAppendedAtOnce) {
   ASSERT_EQ(Qxctl({"report", "create", "Reports/r", "--slots", "9"}).code, 0);
   std::FILE* const pipe = popen((QxctlPath() + " report append " + ReportPath("r") + " -").c_str(), "w");

@@ -1,4 +1,4 @@
-// qxctl report verify, salvage, backup and restore, end to end.
+// Tests qxctl report verify, salvage, backup and restore, end to end.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 
 class QxctlReportTools : public testing::Test, protected QxctlFixture {
  protected:
-  // Runs with --json after the arguments; the document's exitCode is the process's.
+  // Runs the command with --json. The exit code in the document must be that of the process.
   json Document(std::vector<std::string> arguments, int code) const {
     arguments.emplace_back("--json");
     const Ran ran = Qxctl(arguments);
@@ -32,7 +32,7 @@ class QxctlReportTools : public testing::Test, protected QxctlFixture {
     return document;
   }
 
-  // oldestIndex outside the ring.
+  // Sets oldestIndex to a slot outside the ring.
   void Damage(const std::string& name) const {
     std::string index = ReadFile(ReportPath(name) + ".ind");
     index[20] = 9;

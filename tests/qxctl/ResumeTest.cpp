@@ -1,4 +1,5 @@
-// qxctl fetch --resume: several runs print each record of a report once and report what they cannot print.
+// Tests qxctl fetch --resume: several runs print each record of a report once, and report the records that they cannot
+// print.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -87,7 +88,7 @@ TEST_F(QxctlResume, AdvancedRingPrintsOnlyTheNewRecords) {
   EXPECT_EQ(ran.out, Stored(Numbered(50, 30)));
 }
 
-// The pipe is much smaller than the report, so the reader gets only a part of it.
+// The pipe is much smaller than the report, so the reader gets only a part of the report.
 TEST_F(QxctlResume, ReaderThatEndsLeavesAStateThatCanBeResumed) {
   MakeReport("load", 4000, Numbered(0, 4000, std::string(100, 'x')));
   const std::string script = "(\"$0\" fetch load --resume state; echo \"code $?\" >&2) | head -c 1";
@@ -291,7 +292,7 @@ TEST_F(QxctlResume, AfterSigkillTheOutputFileHasTheReportOnce) {
   EXPECT_TRUE(File("out") == Stored(texts));
 }
 
-// What a killed run wrote to a pipe cannot be removed: it may come again, and then a message says so.
+// The records that a killed run has written to a pipe cannot be removed. They may come again; then a message says so.
 TEST_F(QxctlResume, AfterSigkillARunToAPipeReportsWhatMayComeTwice) {
   MakeReport("load", 500, Numbered(0, 500, std::string(1000, 'x')));
   Child child(Command(), StartHere());
@@ -306,7 +307,7 @@ TEST_F(QxctlResume, AfterSigkillARunToAPipeReportsWhatMayComeTwice) {
   EXPECT_EQ(Resume().code, 0);
 }
 
-// While the first chunk waits for its reader, the ring advances.
+// The ring advances while the first chunk waits for its reader.
 TEST_F(QxctlResume, RingThatAdvancesBetweenTwoChunksLosesNothing) {
   const std::string text(1000, 'x');
   MakeReport("load", 3000, Numbered(0, 3000, text));

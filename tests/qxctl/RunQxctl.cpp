@@ -35,7 +35,7 @@ Pipe MakePipe() {
   return {ends[0], ends[1]};
 }
 
-// A terminal instead of a pipe. Its read end returns what was written and then an error, which is the end.
+// Makes a terminal in place of a pipe. Its read end returns the written bytes, and then an error, which is the end.
 Pipe MakeTerminal() {
   termios raw = {};
   cfmakeraw(&raw);
@@ -52,7 +52,7 @@ Pipe MakeTerminal() {
   _exit(kStartFailed);
 }
 
-// With a registry of this machine, the module would use another report directory: hide it from the child.
+// Hides this machine's registry from the child: with it, the module would use another report directory.
 void HideRegistry() {
   if (access(kRegistryDirectory, F_OK) != 0) return;
   if (unshare(geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0) {
@@ -81,7 +81,7 @@ void SetUp(const Start& start) {
   Fail("exec");
 }
 
-// False at the end.
+// Reads some bytes. False at the end.
 bool ReadInto(int descriptor, std::string& text) {
   char buffer[65536];
   const ssize_t count = read(descriptor, buffer, sizeof buffer);
@@ -94,7 +94,7 @@ void CloseIfOpen(int& descriptor) {
   descriptor = -1;
 }
 
-// Writes what the pipe takes; closes it when all is written or the reader is gone.
+// Writes the bytes that the pipe takes. Closes it when all is written or the reader is gone.
 void Feed(int& descriptor, std::string& input) {
   const ssize_t count = input.empty() ? -1 : write(descriptor, input.data(), input.size());
   if (count > 0) input.erase(0, static_cast<std::size_t>(count));
@@ -111,7 +111,7 @@ bool IsSoon(Condition condition, int ms_max = 20'000) {
   return false;
 }
 
-// The tested file: the built one, unless the environment names an installed one.
+// The tested file: the built one, unless the environment names another one, such as an installed one.
 std::string Chosen(const char* variable, const char* built) {
   const char* named = std::getenv(variable);
   return named != nullptr ? named : built;
@@ -201,7 +201,7 @@ void QxctlFixture::MakeReport(const std::string& name, unsigned slots, const std
 }
 
 void QxctlFixture::Append(const std::string& name, const std::vector<std::string>& texts) const {
-  MakeReport(name, 0, texts);  // an existing report keeps its ring
+  MakeReport(name, 0, texts);  // an existing report keeps its ring size
 }
 
 Ran QxctlFixture::Qxctl(const std::vector<std::string>& arguments, const std::string& input) const {

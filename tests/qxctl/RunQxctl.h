@@ -18,7 +18,7 @@ struct Ran {
   std::string err;
 };
 
-// How a child is started. Each output is a pipe unless `Start` says otherwise.
+// The way to start a child. Each output is a pipe unless `Start` names another target.
 struct Start {
   std::string directory;
   std::string input = {};
@@ -29,7 +29,7 @@ struct Start {
   bool err_is_terminal = false;
 };
 
-// A started child. Its error text is collected when it is waited for.
+// A started child. Wait returns its error text.
 class Child {
  public:
   Child(const std::vector<std::string>& command, const Start& start);
@@ -40,11 +40,11 @@ class Child {
   // Waits for the first output and returns some of it.
   std::string ReadSome();
   void Kill(int signal) const;
-  // Waits, without reading, until the child is in this system call. False if that takes too long.
+  // Waits, without reading, until the child is in this system call. False if it takes too long.
   bool WaitUntilItIsIn(long call, int ms_max = 20'000) const;
-  // Waits, without reading, until the child has ended. False if that takes too long.
+  // Waits, without reading, until the child has ended. False if it takes too long.
   bool WaitUntilItEnds() const;
-  // Reads both outputs to their end and waits.
+  // Reads both outputs to their end, and waits for the end of the child.
   Ran Wait();
 
  private:
@@ -55,7 +55,7 @@ class Child {
   std::string input_;
 };
 
-// The paths of what was built.
+// The paths of the tested files.
 std::string QxctlPath();
 std::string ModulePath();
 std::string FakeModulePath();
@@ -68,12 +68,12 @@ class QxctlFixture {
   const TempDir& Dir() const { return dir_; }
   std::string ReportPath(std::string_view name) const { return dir_.File("Reports/" + std::string(name)); }
 
-  // Makes a report through the store class and appends.
+  // Makes a report through the store class, and appends the texts.
   void MakeReport(const std::string& name, unsigned slots, const std::vector<std::string>& texts) const;
   void Append(const std::string& name, const std::vector<std::string>& texts) const;
 
   Ran Qxctl(const std::vector<std::string>& arguments, const std::string& input = "") const;
-  // With `start`, except for the directory.
+  // Runs qxctl with `start`, in the fixture's directory.
   Ran Qxctl(const std::vector<std::string>& arguments, Start start) const;
   Start StartHere() const { return {.directory = dir_.Path(), .environment = {{"QX_MODULE", ModulePath()}}}; }
 

@@ -1,4 +1,4 @@
-// The JSON of the commands that test and show modules is checked against docs/schemas/.
+// Checks the JSON documents of the commands that test and show modules against docs/schemas/.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@ namespace {
 
 class QxctlSchema : public testing::Test, protected QxctlFixture {
  protected:
-  // What is wrong with the document that the command prints.
+  // The faults of the document that the command prints.
   std::string Faults(std::vector<std::string> arguments, const std::string& fault = "") const {
     Start start = StartHere();
     start.environment["ASAN_OPTIONS"] = "detect_leaks=0";

@@ -1,4 +1,4 @@
-// registry set and ini set of root, in a directory that an ordinary user may write.
+// Attacks registry set and ini set, which root runs in a directory that an ordinary user may write.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -49,8 +49,8 @@ class SettingsAttack : public testing::Test, protected QxctlFixture {
     return Qxctl(words);
   }
 
-  // As soon as the file for the new content exists, the user replaces it by a link to root's file, long enough for a
-  // write.
+  // As soon as the file for the new content exists, the user replaces it by a link to root's file, for as long as a
+  // write takes.
   [[nodiscard]] Attacker Exchanging(const std::string& file) const {
     return Attacker([copy = file + ".edit", link = file + ".link", victim = victim_] {
       (void)symlink(victim.c_str(), link.c_str());
@@ -61,8 +61,8 @@ class SettingsAttack : public testing::Test, protected QxctlFixture {
     });
   }
 
-  // Edits of `file` in the user's directory while the user exchanges the new content. `edit` runs the command with
-  // further arguments.
+  // Edits `file` in the user's directory while the user exchanges the new file. `edit` runs the command with further
+  // arguments.
   template <typename Edit>
   void Race(const std::string& file, Edit edit) {
     const Attacker attacker = Exchanging(file);

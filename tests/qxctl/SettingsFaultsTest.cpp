@@ -1,7 +1,7 @@
-// Every system call of an edit fails once, and the edit is killed at each of them.
+// Makes every system call of an edit fail once, and kills the edit at each of them.
 //
-// strace records the calls of one edit that concern its directory; then the edit runs again for each call, which
-// fails or kills it. In every case the whole file is the old one or the new one.
+// strace records the calls of one edit that concern its directory. Then the edit runs again for each of these calls:
+// once the call fails, once it kills the edit. In every run the file is either the old one or the new one, and whole.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -120,8 +120,8 @@ class SettingsFaults : public testing::TestWithParam<Scenario> {
     return false;
   }
 
-  // A temporary file stays if it cannot be removed. If it cannot be locked, it may be another process's and stays
-  // empty.
+  // A temporary file stays if it cannot be removed. If it cannot be locked, it stays and is empty, because it may
+  // belong to another process.
   bool MayLeaveCopy(const Call& call) const {
     const bool is_before_the_lock = call.name == "flock" || call.name == "newfstatat" || call.name == "fstat";
     return call.name == "unlinkat" || (is_before_the_lock && ReadFile(Path() + ".edit").empty());

@@ -1,4 +1,4 @@
-// qxctl registry set|delete|import|export|diff|lint and ini set|delete|copy.
+// Tests qxctl registry set|delete|import|export|diff|lint and ini set|delete|copy.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
@@ -49,7 +49,7 @@ class QxctlRegistryEdit : public testing::Test, protected QxctlFixture {
     return Run(arguments);
   }
   std::string Registry() const { return ReadFile(Dir().File("registry")); }
-  // Every file of the directory that the fixture did not make.
+  // Every file of the directory that the fixture has not made.
   std::multiset<std::string> Names() const {
     std::multiset<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(Dir().Path())) {

@@ -1,4 +1,5 @@
-// qxctl setup: a first registry with its directories, and what an existing one lacks. Also registry set --create.
+// Tests qxctl setup, which makes a first registry with its directories or shows what an existing one lacks, and
+// registry set --create.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -32,7 +33,7 @@ std::string FirstRegistry(const std::string& reports) {
          "Server Control=s=SOFTWARE\\Dremlor\\Management\\Server Control\n\n\n\n\n\n\n\n";
 }
 
-// A machine in a directory: etc for the registry, log for traces; nothing of it exists at first.
+// A machine in a directory: etc for the registry, log for the traces. At first none of these directories exists.
 class QxctlSetup : public testing::Test, protected QxctlFixture {
  protected:
   QxctlSetup() {
@@ -152,7 +153,7 @@ TEST_F(QxctlSetup, ExistingRegistryIsNotChangedAndGetsCommands) {
   EXPECT_EQ(ReadFile(Registry()), "[HKEY_LOCAL_MACHINE]\nx=s=y\n\n\n");
 }
 
-// The commands are what an operator pastes: afterwards nothing is left to do.
+// An operator pastes the printed commands. After them, nothing is missing any more.
 TEST_F(QxctlSetup, PrintedCommandsRepairEveryKindOfRegistry) {
   std::string crlf = FirstRegistry(Dir().File("r"));
   for (std::size_t at = crlf.find('\n'); at != std::string::npos; at = crlf.find('\n', at + 2))
@@ -266,7 +267,7 @@ TEST_F(QxctlSetup, JsonHasStepsContentAndCommands) {
   EXPECT_EQ(existing["exitCode"], 1);
 }
 
-// The made registry is what the module reads.
+// The module reads the registry that was made.
 TEST_F(QxctlSetup, ModuleFindsAReportInTheMadeDirectory) {
   ASSERT_EQ(SetupFor("Reports", {"--apply"}).code, 0);
   MakeReport("load", 3, {"a"});

@@ -1,5 +1,4 @@
-// Slices of records through the commands: each command prints the same records, and has the options that the page
-// shows.
+// Tests slices of records in commands: each command prints the same records, and has the options that the page shows.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -49,7 +48,7 @@ class QxctlSlices : public testing::Test, protected QxctlFixture {
     return words;
   }
 
-  // By report cat and by fetch, which must print the same.
+  // The slice that report cat prints. The slice of fetch must be the same.
   std::string Slice(const Texts& options, const std::string& zone = "UTC") const {
     Texts cat = {"report", "cat", "load"};
     Texts fetch = {"fetch", "load", "--quiet"};

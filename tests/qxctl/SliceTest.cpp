@@ -1,4 +1,4 @@
-// The times of records, times of the command line, and which records a slice takes: example tables.
+// Tests the times of records, the times of the command line, and the records of a slice, with tables of examples.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -24,7 +24,7 @@ constexpr std::int64_t kNow = kStamp + 2 * kHour;   // 12:20:30
 
 const TimeRules kUtc = {.is_utc = true, .now_ms = kNow};
 
-// A zone of the process for the life of the object.
+// Sets the zone of the process until the end of the scope.
 class Zone {
  public:
   explicit Zone(const char* name) {

@@ -1,4 +1,4 @@
-// Texts for messages: quotes, lengths of time.
+// Tests texts of messages: quotes and lengths of time.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -24,7 +24,7 @@ using ctl::ParseDuration;
 using ctl::ShellWord;
 using ctl::WriteUntilInterrupted;
 
-// How many calls of write and its like this process has made.
+// The number of calls of write and similar functions that this process has made.
 long WriteCalls() {
   std::ifstream io("/proc/self/io");
   std::string key;

@@ -1,4 +1,4 @@
-// qxctl top: on a terminal of its own, in a pipe, and as documents.
+// Tests qxctl top: on a terminal of its own, in a pipe, and its documents.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -77,7 +77,7 @@ class TerminalRun {
     master_ = -1;
   }
 
-  // Reads until the text has come: everything since the last call up to its end.
+  // Reads until `text` has come. Returns everything after the previous call, up to the end of `text`.
   std::string ReadUntil(const std::string& text) {
     std::size_t at = unread_.find(text);
     for (; at == std::string::npos; at = unread_.find(text)) {
@@ -90,7 +90,7 @@ class TerminalRun {
     return read;
   }
 
-  // Reads the rest and waits: the exit code, or minus the signal.
+  // Reads the rest and waits. Returns the exit code, or minus the signal.
   int Wait(std::string* rest = nullptr) {
     int status = 0;
     std::string read = std::exchange(unread_, {});
@@ -101,7 +101,7 @@ class TerminalRun {
     return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
   }
 
-  // "icanon echo ixon", as far as they are on.
+  // Which of the modes "icanon echo ixon" are on.
   std::string Modes() const {
     termios mode = {};
     EXPECT_EQ(tcgetattr(slave_, &mode), 0);
@@ -128,7 +128,7 @@ class TerminalRun {
     _exit(127);
   }
 
-  // False at the end, and if nothing comes in time.
+  // Reads some bytes. False at the end, and if nothing comes in time.
   bool ReadSome(std::string& text, int wait_ms = kWaitMaxMs) const {
     pollfd waited{master_, POLLIN, 0};
     if (poll(&waited, 1, wait_ms) <= 0) return false;
@@ -165,7 +165,7 @@ std::string WithoutTimes(std::string text, const std::string& directory) {
 
 class QxctlTop : public testing::Test, protected QxctlFixture {
  protected:
-  // "load" with numbers, "jobs" with texts, "empty", all an hour old.
+  // Makes "load" with numbers, "jobs" with texts, and "empty"; all are an hour old.
   void MakeReports() const {
     MakeReport("load", 3, {"2026-01-31 10:00 cpu=1%", "cpu=5%", "cpu=2%", "2026-01-31 10:03:00 cpu=9% load 0.5"});
     MakeReport("jobs", 9, {"2026-01-31 09:59:00 backup \033[2J done"});
@@ -222,7 +222,7 @@ time_t TimeInHead(const std::string& table) {
   return timegm(&time);
 }
 
-// What a screen shows for some lines. The terminal puts a CR before each LF.
+// The bytes that show some lines on a screen. The terminal writes a CR before each LF.
 std::string Frame(const std::string& text) {
   std::string frame = "\033[H";
   std::istringstream stream(text);
@@ -431,7 +431,7 @@ TEST_F(QxctlTop, TerminalThatIsGoneEndsIt) {
   EXPECT_EQ(run.Wait(), -SIGHUP);
 }
 
-// Standard output is another terminal than the one with the keys, so that no SIGHUP comes first.
+// Standard output is another terminal than the one with the keys. So the write fails before a SIGHUP comes.
 TEST_F(QxctlTop, FailedWriteRestoresTheTerminal) {
   int master = -1;
   int slave = -1;

@@ -1,4 +1,4 @@
-// qxctl trace: trace files in the order of time.
+// Tests qxctl trace: trace files in the order of time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -20,7 +20,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-// An entry as it is in a file; its time is the millisecond.
+// An entry as it is in a file, with the time 10:20:30 and this millisecond.
 std::string Entry(int ms, const std::string& text, const std::string& module = "QxTrace", int thread = 0xA1) {
   char header[80];
   std::snprintf(header, sizeof header, "2026-01-31 10:20:30.%03d [%08X] %-13s ", ms, static_cast<unsigned>(thread),
@@ -42,7 +42,7 @@ std::string WrappedLog() {
   return head + wrap(std::to_string((head + wrap("999") + rest).size() + 1)) + rest + last;
 }
 
-// Addresses and thread ids differ from run to run: removes hexadecimal digits after "0x" and long numbers.
+// Removes hexadecimal digits after "0x" and long numbers, because addresses and thread ids differ from run to run.
 std::vector<std::string> WithoutNumbers(std::vector<std::string> lines) {
   constexpr std::size_t kShortMax = 6;
   const auto is_hex = [](char c) { return c == 'x' || std::isxdigit(static_cast<unsigned char>(c)) != 0; };

@@ -1,4 +1,4 @@
-// A sender with a cluster of three servers that loses the leader of the stream.
+// Tests a sender with a cluster of three servers that loses the leader of the stream.
 #include <gtest/gtest.h>
 #include <signal.h>
 

@@ -1,4 +1,4 @@
-// What other programs, other users and hostile senders do to the root of a collector.
+// Tests what other programs, other users and hostile senders can do to the root of a collector.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -33,9 +33,9 @@ struct Mishap {
   const char* name;
   std::function<void(const std::string& path)> happen;
   bool is_left_alone;           // otherwise it continues
-  std::size_t records;          // that it has in the end
+  std::size_t records;          // that the report has in the end
   std::uint64_t lost;           // that are counted as lost
-  bool is_whole_later = false;  // of one that is left alone: once its files are removed, all records come again
+  bool is_whole_later = false;  // of a report that is left alone: once its files are removed, all records come again
 };
 
 TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
@@ -107,8 +107,8 @@ TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
       }
       EXPECT_TRUE(collector.IsLogged("report h/a: left alone, its messages are skipped: ")) << collector.log.back();
       EXPECT_EQ(report.counters.skipped, 3U);
-      // The report stays left alone after a restart, until the files are removed. Then it continues: with everything
-      // that the stream still has, if its base shows where it was.
+      // The report is left alone, also after a restart, until its files are removed. Then it continues with everything
+      // that the stream still has, provided that its base shows the position.
       collector.Restart();
       sender.Records(1);
       collector.Run(6);
@@ -128,7 +128,7 @@ TEST(RelayCollectorRoot, WhatHappensToAReportConcernsNoOther) {
   }
 }
 
-// An operator appends to a report, or restores it, within the time for which the receiver waits.
+// An operator appends to a report or restores it. This takes a shorter or a longer time than the receiver waits.
 TEST(RelayCollectorRoot, AReportThatIsBusyIsWrittenLaterOrLeftAlone) {
   for (const bool is_long : {false, true}) {
     SCOPED_TRACE(is_long);
@@ -173,7 +173,7 @@ TEST(RelayCollectorRoot, ARootOfAnotherUserIsRefused) {
   EXPECT_THAT(root.Open(dir.Path()).value_or(""), HasSubstr("belongs to another user"));
 }
 
-// Another user, who may write in a directory below the root, creates links in it.
+// Another user, who may write to a directory below the root, makes links in it.
 TEST(RelayCollectorRoot, LinksOfOtherUsersLeadNowhere) {
   if (geteuid() != 0) GTEST_SKIP() << "needs another user's links";
   for (const std::string name : {"a.ind", "a.dat", "a.relay", "a.names", "sub"}) {

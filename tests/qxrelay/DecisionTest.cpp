@@ -1,4 +1,4 @@
-// Decide: what a collector does with a message, as a table; and the bases, as text and as positions.
+// Tests Decide, with tables of messages and decisions, and the bases, as text and as positions.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -185,7 +185,8 @@ TEST(RelayDecision, Table) {
   }
 }
 
-// Each record that both have is compared: another program has written to the report, or the disk has lost a sector.
+// Each record that both the message and the report have is compared: another program may have written to the report, or
+// the disk may have lost a sector.
 TEST(RelayDecision, AReportWithAnotherRecordContradictsTheMessage) {
   const auto strange = [](std::uint64_t number) { return HashOfNumber(number) + 1; };
   const auto only_at_nine = [](std::uint64_t number) { return number == 9 ? HashOfNumber(9) + 1 : 0; };

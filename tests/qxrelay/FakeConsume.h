@@ -1,4 +1,4 @@
-// A stream with one durable consumer in memory. A test publishes, lets messages come again, and expires them.
+// A stream in memory with one durable consumer. A test publishes messages, lets them come again, and lets them expire.
 #pragma once
 
 #include <algorithm>
@@ -67,7 +67,7 @@ class FakeConsume final : public relay::ConsumeStream {
     sequence = messages.empty() ? 0 : messages.begin()->first;
     return std::nullopt;
   }
-  // The consumer's copy first, then the other one.
+  // Copy 0 is the consumer's copy, copy 1 the other one.
   [[nodiscard]] std::size_t Copies() const override { return 2; }
   [[nodiscard]] relay::CopyAnswer ReadFromCopy(std::size_t copy, std::uint64_t sequence,
                                                relay::StreamMessage& message) override {
@@ -90,7 +90,7 @@ class FakeConsume final : public relay::ConsumeStream {
     messages[last] = {subject, std::move(payload), std::exchange(newest[subject], last)};
     return last;
   }
-  // From now on only the other copy has the message; the consumer's copy has an earlier one with its sequence.
+  // From now on only the other copy has the message; the consumer's copy has an earlier message under its sequence.
   void MoveToOtherCopy(std::uint64_t sequence, std::uint64_t earlier) {
     other_copy[sequence] = messages.at(sequence);
     messages.at(sequence) = messages.at(earlier);
@@ -143,13 +143,13 @@ class FakeConsume final : public relay::ConsumeStream {
   }
 };
 
-// A sender's messages of one report.
+// The messages that a sender sends for one report.
 class FakeSender {
  public:
   FakeSender(FakeConsume& stream, std::string host, std::string report)
       : stream_(stream), host_(std::move(host)), report_(std::move(report)) {}
 
-  // The next `count` records: "INCARNATION.NUMBER\r\n". Returns the sequence of the message.
+  // Sends the next `count` records: "INCARNATION.NUMBER\r\n". Returns the sequence of the message.
   std::uint64_t Records(std::uint64_t count) {
     std::vector<std::string> texts;
     for (std::uint64_t i = 0; i < count; ++i) texts.push_back(Text(next + i));

@@ -1,4 +1,4 @@
-// A stream in memory with the faults of real servers, and a model of what a collector gets from it.
+// A stream in memory with the faults of real servers, and a model of the report that a collector makes of it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,18 +24,18 @@ class FakeStream final : public relay::PublishStream {
     std::uint64_t sequence = 0;
   };
 
-  // What happens to the next requests. Each fault is used once, in order; then everything works.
+  // The faults of the next requests. Each is used once, in order; then everything works.
   enum class Fault : std::uint8_t {
     kNone,
     kLost,        // the request does not arrive
-    kLostAnswer,  // it arrives, and the answer is lost
-    kLate,        // it arrives after the next request that works; no answer
-    kRefused,     // the server says no
+    kLostAnswer,  // the request arrives, and the answer is lost
+    kLate,        // the request arrives after the next one that works; it has no answer
+    kRefused,     // the server refuses the request
     kNoStream,
-    kDisconnect,        // it does not arrive, and the connection is lost
-    kDisconnectStored,  // it arrives, and the connection is lost before the answer
+    kDisconnect,        // the request does not arrive, and the connection is lost
+    kDisconnectStored,  // the request arrives, and the connection is lost before the answer
     kStale,             // of a look-up: the answer is the message before the newest
-    kNotSent            // the library says no
+    kNotSent            // the library refuses the request
   };
 
   [[nodiscard]] std::optional<std::string> Connect() override {
@@ -138,7 +138,8 @@ class FakeStream final : public relay::PublishStream {
     return true;
   }
 
-  // In the worst case a late message names no expected sequence. Then it is stored whatever message is the newest.
+  // Stores the late messages. In the worst case a late message has no expected sequence: it is stored whatever the
+  // newest message is.
   void StoreLate() {
     for (Stored& late : late_) (void)Store(late.subject, std::move(late.payload));
     late_.clear();

@@ -1,4 +1,4 @@
-// What is shown of a sender and a receiver: rates, ages, how long a ring lasts, and the file that keeps it.
+// Tests the figures of a sender and a receiver: rates, ages, how long a ring lasts, and the status file.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-// Which message before a hole is sought, and when it is given up.
+// Tests which message before a hole is sought, and when the search ends.
 #include "tools/qxrelay/receive/HoleSearch.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// The users of the servers as lines of a file.
+// Tests the file of the servers' users.
 #include "tools/qxrelay/cli/HostRights.h"
 
 #include <gtest/gtest.h>

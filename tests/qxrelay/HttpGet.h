@@ -1,4 +1,4 @@
-// An HTTP request of a test to a port of the loopback network.
+// Sends an HTTP request of a test to a port of the loopback network.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ struct HttpReply {
   std::string body;
 };
 
-// A connection to the port: IPv6, or else IPv4. -1 if nobody listens.
+// Opens a connection to the port, with IPv6 or else IPv4. -1 if nobody listens.
 int ConnectTo(std::uint16_t port);
 
 HttpReply HttpGet(std::uint16_t port, const std::string& path, const std::string& method = "GET");

@@ -32,7 +32,7 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kSectorBytes = 512;
 
-// The bytes from `offset` on; without bytes: the file ends at `offset`.
+// A change of a file: these bytes were written at `offset`; without bytes, the file was cut at `offset`.
 struct DataChange {
   std::uint64_t order = 0;
   std::size_t offset = 0;
@@ -66,7 +66,7 @@ struct Disk {
 
 Disk* the_disk = nullptr;
 
-// False if the power has failed.
+// Counts a change. False if the power has failed.
 bool Change() {
   if (the_disk == nullptr) return true;
   if (the_disk->changes_left == 0) return false;
@@ -154,7 +154,7 @@ int SyncDescriptor(int descriptor) {
   return 0;
 }
 
-// The disk gets the present state of the directory.
+// Takes the present state of the directory as the state of the disk.
 void Scan() {
   the_disk->synced.clear();
   the_disk->changes.clear();
@@ -173,7 +173,7 @@ void Scan() {
   }
 }
 
-// The contents of a file after each sector, and the size, has lost all changes after a random one.
+// The contents of a file of which each sector, and the size, has lost all changes after a random one.
 std::string LoseSectors(const DiskFile& file, std::mt19937_64& random) {
   std::string whole = file.synced;
   std::string size = file.synced;
@@ -205,7 +205,7 @@ std::string ContentsOf(const DiskFile& file, Loss loss, std::uint64_t last, std:
   return bytes;
 }
 
-// From now on, the changes up to this one cannot be lost.
+// The number up to which the changes cannot be lost any more.
 std::uint64_t SyncedOrder() {
   std::uint64_t first = the_disk->order + 1;
   for (const NameChange& change : the_disk->changes) first = std::min(first, change.order);
@@ -266,13 +266,13 @@ void LosingDisk::Restart(Loss loss, std::mt19937_64& random) {
   };
   const std::uint64_t last = loss == Loss::kOfEachName ? disk.order : any_last();
   std::map<std::string, std::uint64_t> last_of_report;
-  the_disk = nullptr;  // what follows changes the directory itself
+  the_disk = nullptr;  // the calls below change the directory itself
   Names names = disk.synced;
   for (const NameChange& change : disk.changes) {
     if (change.order <= last) Apply(change, names);
   }
   for (const fs::directory_entry& entry : fs::directory_iterator(disk.directory)) fs::remove_all(entry.path());
-  for (const auto& [path, file] : names) {  // a directory comes before what is below it
+  for (const auto& [path, file] : names) {  // a directory comes before its entries
     if (!fs::exists(fs::path(path).parent_path())) continue;
     if (file == nullptr) {
       fs::create_directory(path);

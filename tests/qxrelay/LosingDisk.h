@@ -15,12 +15,12 @@
 
 namespace qx::test {
 
-// Which of the changes that were not synced are lost.
+// Which changes that were not synced are lost.
 enum class Loss : std::uint8_t {
   kEverything,
   kTheLast,  // all changes after a random one
-  // Each file loses all its changes or keeps them all. The two files of a report lose or keep theirs together. File
-  // systems with a journal keep a new name before the bytes of its file.
+  // Each file loses all its changes, or keeps all of them. The two files of a report are treated alike. A file system
+  // with a journal may keep the new name of a file without its bytes.
   kOfEachName,
   kOfSectors,  // the same for each sector and for the size of each file
 };

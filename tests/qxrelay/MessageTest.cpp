@@ -1,4 +1,4 @@
-// Messages as bytes and back, and bytes that are no messages.
+// Tests the encoding and decoding of messages, and bytes that are not messages.
 #include "tools/qxrelay/message/Message.h"
 
 #include <gtest/gtest.h>

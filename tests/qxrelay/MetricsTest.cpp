@@ -1,4 +1,4 @@
-// The metrics as text, and the server that shows them.
+// Tests the text of the metrics, and the server that serves it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -53,7 +53,7 @@ TEST(RelayMetricsText, LabelsAndHelpAreEscapedAndNumbersAreExact) {
             "# HELP b b\n# TYPE b gauge\nb -Inf\n");
 }
 
-// Two reports with hostile names and records, of a sender.
+// A sender with two reports that have hostile names and records.
 class RelayMetrics : public testing::Test {
  protected:
   RelayMetrics() {
@@ -233,7 +233,7 @@ TEST(RelayMetricsService, ShowsMetricsAndHealth) {
   service.Show(flow);
   EXPECT_THAT(HttpGet(port, "/metrics").body, HasSubstr("\nqxrelay_in_trouble 0\n"));
 
-  // If another program uses the port, this is reported once, and the service tries again.
+  // If another program uses the port, the log gets one line, and the service tries again.
   log.clear();
   settings.listen = "[::1]:" + std::to_string(port);
   MetricsService second(

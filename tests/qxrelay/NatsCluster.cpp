@@ -13,7 +13,7 @@ namespace qx::test {
 
 namespace {
 
-// Ports that are free now. All of them are open at the same time, so that no port is chosen twice.
+// Ports that are free now. They are all open at the same time, so that no port is chosen twice.
 std::vector<int> FreePorts(std::size_t count) {
   std::vector<int> sockets;
   std::vector<int> ports;

@@ -21,10 +21,10 @@ class NatsCluster {
   NatsCluster(const NatsCluster&) = delete;
   NatsCluster& operator=(const NatsCluster&) = delete;
 
-  // "nats://127.0.0.1:34567", one for each server.
+  // The address of each server: "nats://127.0.0.1:34567".
   [[nodiscard]] const std::vector<std::string>& Urls() const { return urls_; }
 
-  // Kills the server of this name. True if there is one.
+  // Kills the server of this name. False if there is no such server.
   bool Kill(const std::string& name);
   [[nodiscard]] std::string Log() const;
 

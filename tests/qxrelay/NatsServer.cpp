@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::chrono::seconds kStartMax{20};
 
-// Tests the condition every 5 ms until it is true; throws after kStartMax, naming `what`.
+// Checks the condition every 5 ms until it is true. After kStartMax it throws an exception that names `what`.
 template <typename Condition>
 void WaitFor(const char* what, Condition condition) {
   const auto end = std::chrono::steady_clock::now() + kStartMax;
@@ -96,7 +96,7 @@ void NatsServer::Start() {
   WaitUntilReady();
 }
 
-// {"nats":["nats://127.0.0.1:34567"]}
+// Reads the port from the server's file: {"nats":["nats://127.0.0.1:34567"]}
 int NatsServer::ReadPort() const {
   const std::string file = dir_.File("nats-server_" + std::to_string(process_) + ".ports");
   if (!Exists(file)) return -1;

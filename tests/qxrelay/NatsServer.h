@@ -19,17 +19,17 @@ class NatsServer {
   NatsServer(const NatsServer&) = delete;
   NatsServer& operator=(const NatsServer&) = delete;
 
-  // "nats://127.0.0.1:34567"; it stays the same after Restart.
+  // The address, such as "nats://127.0.0.1:34567". It stays the same after Restart.
   [[nodiscard]] std::string Url() const { return "nats://127.0.0.1:" + std::to_string(port_); }
 
-  // Kills the server at once. What it has written stays.
+  // Kills the server at once. The data that it has written stays.
   void Kill();
-  // Starts it again on the same port with the same files, with another configuration if one is given.
+  // Starts the server again on the same port with the same files, and with the new configuration if one is given.
   void Restart();
   void Restart(std::string config);
-  // Removes everything that the server stored. The server must not be running.
+  // Removes all data that the server has stored. The server must not be running.
   void EraseStore();
-  // Stop the process with SIGSTOP, and let it continue.
+  // Pause stops the process with SIGSTOP, and Continue lets it run again.
   void Pause();
   void Continue();
 

@@ -1,4 +1,4 @@
-// The connections to JetStream against a real server.
+// Tests the connections to JetStream with a real server.
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -31,7 +31,7 @@ StreamSettings SettingsOf(const NatsServer& server) {
   return settings;
 }
 
-// The next reply; a kProblem "no reply" after ten seconds.
+// The next reply; after ten seconds without one, a kProblem with the text "no reply".
 StreamReply NextReply(NatsPublish& stream) {
   for (int i = 0; i < 100; ++i) {
     std::vector<StreamReply> replies;

@@ -1,5 +1,5 @@
-// The work of an operator, and its faults, with real servers and processes: TLS, tokens, rights, names, clocks, and the
-// costs of a fault.
+// Tests the work of an operator, and its mistakes, with real servers and processes: TLS, tokens, rights, names, clocks,
+// and the costs of a fault.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -93,8 +93,8 @@ bool HasMessages(const StreamSettings& settings, std::uint64_t count) {
 
 int Shell(const std::string& command) { return std::system(("{ " + command + "; } >/dev/null 2>&1").c_str()); }
 
-// Keys that the test makes: an authority, certificates of a server and of a client that the authority has signed, and a
-// certificate of a stranger.
+// Keys and certificates that the test makes: an authority, a server and a client whose certificates the authority has
+// signed, and a stranger.
 class Certificates {
  public:
   Certificates() {
@@ -214,7 +214,7 @@ class RelayUsers : public testing::Test {
   void ConfigureAs(const std::string& name) {
     host_.Configure("servers=" + server_->Url() + "\nuser=" + name + "\npassword_file=" + host_.File("h"), {}, name);
   }
-  // For commands of the operator.
+  // Sets the operator's user in the settings, for commands of the operator.
   void ConfigureAsOperator() {
     host_.Configure("servers=" + server_->Url() + "\nuser=op\npassword_file=" + host_.File("op"));
   }
@@ -331,7 +331,7 @@ Cost CostOf(pid_t process) {
           .memory_kib = static_cast<long>(pages) * sysconf(_SC_PAGESIZE) / 1024};
 }
 
-// Each fault has a server and a sender of 20 reports; all of them run at the same time.
+// Each fault has a server and a sender of 20 reports of its own; all of them run at the same time.
 TEST(RelayFaults, EachFaultIsReportedAndCostsNeitherTimeNorMemory) {
   struct Row {
     std::string server;  // configuration

@@ -1,4 +1,5 @@
-// The power of a collector or a sender fails at any change of its files. Only changes that were not synced may be lost.
+// Tests power failures of a collector or a sender at any change of its files. Only changes that were not synced may be
+// lost.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -38,7 +39,7 @@ void SendAll(Collector& collector, FakeSender& sender) {
   collector.Run(4);
 }
 
-// The report is a complete copy, or it is left alone with a finding. So no torn record stays unnoticed.
+// The report must be a complete copy, or be left alone with a finding. So no torn record stays unnoticed.
 void ExpectAllOrAFinding(Collector& collector, const FakeSender& sender) {
   if (collector.Report("a/b").state == CollectedState::kLeftAlone) {
     EXPECT_NE(collector.Report("a/b").trouble, "");
@@ -55,7 +56,7 @@ void ExpectAll(Collector& collector, const FakeSender& sender) {
   EXPECT_TRUE(collector.stream.pending.empty());
 }
 
-// Sends everything, and the power fails after this many changes. False if there were fewer changes.
+// Sends everything; the power fails after `changes` changes. False if there were fewer changes.
 bool LosePower(int changes, Loss loss, std::mt19937_64& random) {
   Collector collector;
   FakeSender sender(collector.stream, "h", "a/b");
@@ -89,11 +90,12 @@ TEST(RelayPowerLoss, WhatIsAcknowledgedIsOnTheDisk) {
   for (const std::uint64_t round : {1U, 2U}) LosePowerAtEachChange(Loss::kOfEachName, round);
 }
 
-// The disk may have the header, but not the records that it counts. These were not acknowledged, and come again.
+// The disk may have the header, but not the records that it counts. These records were not acknowledged, so they come
+// again.
 TEST(RelayPowerLoss, AReportWithALostSectorIsWholeOrAFinding) { LosePowerAtEachChange(Loss::kOfSectors); }
 
-// The states of two reports as a sender writes them again and again. Returns the position of the last write that
-// succeeded; 0: none did.
+// Writes the states of two reports again and again, like a sender. Returns the position of the last write that
+// succeeded; 0 if there was no such write.
 std::uint64_t WriteStates(const std::string& directory) {
   qx::relay::SenderState state;
   std::uint64_t written = 0;

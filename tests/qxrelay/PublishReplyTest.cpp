@@ -1,4 +1,4 @@
-// What the server's answers to a publish mean.
+// Tests how the server's answers to a publish are understood.
 #include "tools/qxrelay/stream/PublishReply.h"
 
 #include <gtest/gtest.h>

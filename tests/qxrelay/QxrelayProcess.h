@@ -1,4 +1,4 @@
-// qxrelay as a child process of a test.
+// Runs qxrelay as a child process of a test.
 #pragma once
 
 #include <fcntl.h>
@@ -42,7 +42,7 @@ class QxrelayProcess {
   [[nodiscard]] pid_t Id() const { return process_; }
   void Signal(int signal) const { kill(process_, signal); }
 
-  // Sends the signal and returns the exit code, or -1 after the end by a signal.
+  // Sends the signal, and waits. Returns the exit code, or -1 if a signal has ended the process.
   int End(int signal) {
     if (process_ == 0) return 0;
     kill(process_, signal);
@@ -59,7 +59,7 @@ class QxrelayProcess {
   pid_t process_ = 0;
 };
 
-// Tests the condition again and again until it is true, or too much time has passed.
+// Checks the condition again and again until it is true. False if it takes too long.
 template <typename Condition>
 bool Until(Condition condition) {
   constexpr std::chrono::seconds kLongest{20};

@@ -1,4 +1,4 @@
-// "qxrelay receive" as a process, with a real server and a real sender.
+// Tests "qxrelay receive" as a process, with a real server and a real sender.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -118,8 +118,8 @@ std::uint64_t GapRecordsOfStream(const qx::relay::StreamSettings& settings) {
   return count;
 }
 
-// A ring of 10 slots gets 35 records; the last 30 while the stream cannot be reached. The oldest slot of a full ring is
-// never sent, so 9 of them arrive.
+// A ring of 10 slots gets 35 records; the last 30 come while the stream cannot be reached. The oldest slot of a full
+// ring is never sent, so 9 of these records arrive.
 TEST_F(RelayReceiveProcess, AGapHasTheSameCountInStreamCollectorAndStatus) {
   constexpr std::uint64_t kLost = 30 - 9;
   Append(5, "load", 10);
@@ -207,7 +207,7 @@ TEST_F(RelayReceiveProcess, TheServiceManagerIsInformed) {
   close(listener);
 }
 
-// Each report needs three descriptors.
+// Each report needs three descriptors, and there are not enough for all reports at once.
 TEST_F(RelayReceiveProcess, ManyReportsAreWrittenWithFewDescriptors) {
   constexpr int kReports = 60;
   for (int i = 0; i < kReports; ++i) Append(2, "r" + std::to_string(i));
@@ -225,7 +225,7 @@ TEST_F(RelayReceiveProcess, ManyReportsAreWrittenWithFewDescriptors) {
   EXPECT_EQ(Log().find("open files"), std::string::npos) << Log();
 }
 
-// What "qxrelay check" finds; empty if the settings are sound.
+// The findings of "qxrelay check"; empty if the settings are sound.
 std::string FindingsOfCheck(const Lines& arguments) {
   const qx::test::TempDir dir;
   Lines command = {"check"};
@@ -236,7 +236,7 @@ std::string FindingsOfCheck(const Lines& arguments) {
   return code == 0 ? "" : text;
 }
 
-// The settings of a collector are sound for a collector alone, and nothing is created to prove it.
+// The settings are sound for a collector, but not for a host. The check must not create anything.
 void ExpectCheckOfACollector(const std::string& config, const qx::relay::StreamSettings& of_operator) {
   EXPECT_EQ(FindingsOfCheck({"--collector", "--config", config}), "");
   EXPECT_THAT(FindingsOfCheck({"--config", config}), HasSubstr("cannot look up a message"));

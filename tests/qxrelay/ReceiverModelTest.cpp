@@ -1,4 +1,4 @@
-// Random messages, orders, kills and failures. In the end the reports are compared with a model.
+// Compares a receiver with a model, after random messages, orders, kills and failures.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -22,7 +22,7 @@ struct ModelReport {
   std::string name;
   FakeSender sender;
   std::vector<std::string> records = {};
-  std::uint64_t first = 0;  // of the incarnation, or after its last gap: what may be sent again
+  std::uint64_t first = 0;  // the first record that may be sent again: of the incarnation, or after its last gap
   std::uint64_t lost = 0;
 
   ModelReport(Collector& collector, const std::string& report) : name(report), sender(collector.stream, "h", report) {}
@@ -54,7 +54,7 @@ struct ModelReport {
   }
 };
 
-// Threads: one thread. The seed decides what happens.
+// Threads: one thread. The seed determines all events.
 class ReceiverModel {
  public:
   explicit ReceiverModel(std::uint64_t seed) : random_(seed) {
@@ -63,7 +63,7 @@ class ReceiverModel {
   }
 
   void Happen() {
-    collector_.stream.fetch_max = 1 + Below(3);  // so that what comes in another order is also handled in it
+    collector_.stream.fetch_max = 1 + Below(3);  // so that messages that come in another order are also handled in it
     ModelReport& report = reports_[Below(reports_.size())];
     switch (Below(13)) {
       case 0:
@@ -96,7 +96,7 @@ class ReceiverModel {
 
   void Check() {
     collector_.stream.fetch_max = 1000;
-    for (ModelReport& report : reports_) report.sender.Empty();  // so that each report was used since the last start
+    for (ModelReport& report : reports_) report.sender.Empty();  // so that each report is used after the last start
     for (int i = 0; i < 5; ++i) {
       Shuffle();
       collector_.now += 5000;
@@ -119,7 +119,7 @@ class ReceiverModel {
     std::shuffle(collector_.stream.again.begin(), collector_.stream.again.end(), random_);
   }
 
-  // Messages that are not written yet come again in any order, so that there are holes.
+  // Kills the receiver after it has fetched messages. They come again in any order, so there are holes.
   void KillAfterAFetch() {
     for (ModelReport& report : reports_) report.Send(1 + Below(3));
     collector_.Kill();
@@ -128,7 +128,7 @@ class ReceiverModel {
     collector_.Start();
   }
 
-  // Makes calls fail. Either some calls fail, and the receiver continues; or all later calls fail, and the receiver is
+  // Makes calls fail. Either a few calls fail, and the receiver continues; or all later calls fail, and the receiver is
   // killed.
   void Fail(int times) {
     constexpr FileCall kCalls[] = {FileCall::kAnyWriteAt, FileCall::kOpen, FileCall::kSyncFileSystem};

@@ -1,4 +1,5 @@
-// The receiver, with a stream in memory and a private root: what is written, and when it is acknowledged.
+// Tests the receiver with a stream in memory and a private root: which records are written, and when messages are
+// acknowledged.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -107,7 +108,7 @@ TEST(RelayReceiver, AHoleWaitsForTheMissingMessage) {
   EXPECT_EQ(collector.Report("a").state, CollectedState::kFollows);
 }
 
-// The consumer reads the copy of a server that was stopped, and has other messages with the same sequences.
+// The consumer reads the copy of a server that was stopped. This copy has other messages with the same sequences.
 TEST(RelayReceiver, MessagesThatOneCopyLacksAreTakenFromAnother) {
   Collector collector;
   FakeSender other(collector.stream, "h", "b");
@@ -279,7 +280,7 @@ TEST(RelayReceiver, AStreamThatIsReplacedContinuesByNumbers) {
   EXPECT_EQ(collector.Report("a").incarnation, 9U);
 }
 
-// All calls fail from some call on, as for a process that is killed there. The next start must continue from the files:
+// All calls from some call on fail, as for a process that is killed there. The next start must continue from the files:
 // no record is lost, repeated or counted twice.
 TEST(RelayReceiver, AKillAtAnyFileCallLosesNothing) {
   for (const FileCall call : {FileCall::kAnyWriteAt, FileCall::kOpen, FileCall::kSyncFileSystem}) {
@@ -316,7 +317,7 @@ TEST(RelayReceiver, AKillAtAnyFileCallLosesNothing) {
   }
 }
 
-// The same for calls that fail once or three times in a row. Here the receiver itself continues.
+// The same for calls that fail once or three times in a row. Here the receiver is not restarted.
 TEST(RelayReceiver, AFailureAtAnyWriteIsTriedAgain) {
   for (const int times : {1, 3}) {
     for (int nth = 1;; ++nth) {
@@ -405,7 +406,7 @@ TEST(RelayReceiver, SlotsAreThoseOfNewReports) {
   EXPECT_EQ(collector.Report("a").next, 8U);
 }
 
-// A record is stored with the bytes that the host's readers return, whatever byte ends it.
+// A record is stored with the bytes that the host's readers return, whichever byte ends it.
 TEST(RelayReceiver, UnusualRecordsAreCopiedByteForByte) {
   Collector collector;
   FakeSender sender(collector.stream, "h", "a");

@@ -1,4 +1,4 @@
-// Reading the settings of the relay, and the findings about wrong ones.
+// Tests reading the settings of the relay, and the findings about wrong settings.
 #include "tools/qxrelay/config/RelayConfig.h"
 
 #include <gtest/gtest.h>

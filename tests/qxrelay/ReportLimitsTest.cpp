@@ -1,4 +1,4 @@
-// The limits of what a collector creates and keeps in memory for hosts.
+// Tests the limits for hosts: of the reports that a collector creates, and of the messages that it keeps in memory.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -104,7 +104,7 @@ TEST(RelayReportLimits, NamesAndLabelsCountAsTheirReportsAndHosts) {
   }
 }
 
-// A host whose reports all have holes can use only its own share of the memory.
+// If all reports of a host have holes, the host can use only its own share of the memory.
 TEST(RelayReportLimits, TheMessagesOfAHostThatWaitInMemoryAreBounded) {
   Collector collector;
   collector.context->host_queue_bytes_max = 100'000;

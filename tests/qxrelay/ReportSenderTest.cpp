@@ -1,4 +1,4 @@
-// The state machine of a report's sender, as tables of events.
+// Tests the state machine of a report's sender with tables of events.
 #include "tools/qxrelay/send/ReportSender.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ constexpr SenderTimes kTimes = {
 
 class RelayReportSender : public testing::Test {
  protected:
-  // Follows at number 10, with the newest message at sequence 7, at the time 1000.
+  // Puts the sender into the state Follow at record 10 and time 1000, with the newest message at sequence 7.
   void Follow() {
     sender_.Connected(1000);
     sender_.LookUpSent(1000, 1);
@@ -32,7 +32,7 @@ class RelayReportSender : public testing::Test {
     sender_.Placed(1000, {.incarnation = 5, .next = 10, .hash_before = 99, .ring_slots = 50});
   }
 
-  // The store has the records up to `end`, and about `bytes` bytes from the position on.
+  // Examines the store: it has the records up to `end`, and about `bytes` bytes from the position on.
   Action See(std::int64_t now, std::uint64_t end, std::uint64_t bytes = 1, std::uint64_t oldest = 1) {
     EXPECT_EQ(sender_.Next(now).kind, ActionKind::kExamine) << now;
     return sender_.Examined(now, {.sendable = {oldest, end}, .bytes = bytes});
@@ -95,7 +95,7 @@ TEST_F(RelayReportSender, RecordsMayHaveWaitedSinceTheLastLook) {
   EXPECT_EQ(See(1110, 14), (Action{.kind = ActionKind::kRecords, .first = 12, .count = 2}));
 }
 
-// The shortest interval is 20 ms, the longest the linger time of 100 ms. Half of a message is 500 bytes.
+// The shortest interval is 20 ms, the longest one is the linger time of 100 ms. Half of a message is 500 bytes.
 TEST_F(RelayReportSender, AReportIsExaminedAsOftenAsItFillsMessagesOrItsRing) {
   struct Row {
     std::uint64_t bytes;

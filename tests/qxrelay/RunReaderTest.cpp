@@ -1,4 +1,4 @@
-// Runs of records from stores that a writer changes before, between and after the reads.
+// Tests reading runs of records from stores that a writer changes before, between and after the reads.
 #include "tools/qxrelay/send/RunReader.h"
 
 #include <gtest/gtest.h>
@@ -38,7 +38,7 @@ using Words = std::vector<std::string>;
 
 class RelayRunReader : public testing::Test {
  protected:
-  // Does not use qx::Writer, which searches for other writers at each open.
+  // Appends records. It does not use qx::Writer, which searches for other writers at each open.
   void Append(std::uint64_t count, std::size_t length = 0) {
     CReportFileBase store;
     ASSERT_TRUE(store.Open(path_.c_str(), slots_));
@@ -142,7 +142,7 @@ TEST_F(RelayRunReader, RecordsThatTheRingReplacedMeanwhileAreSkipped) {
   EXPECT_EQ(reader.Read({0, 10}, 4, kBytesMax).lengths.size(), 0U);
 }
 
-// A writer of a batch has replaced three slots, but not the header yet.
+// The writer of a batch has replaced three slots, but not yet the header.
 TEST_F(RelayRunReader, SlotsOfABatchInFlightAreUnsafe) {
   Append(12);
   const IndexHeader before = Header();
@@ -169,8 +169,8 @@ TEST_F(RelayRunReader, OverwrittenTextIsUnreadableAndTheRestIsRead) {
   EXPECT_EQ(TextsOf(Read(7)), Words{"r7\r\n"});
 }
 
-// The texts of a batch are written, but not its slots and the header. The records that they overwrite are not lost yet,
-// and must not be sent.
+// The texts of a batch are written, but not its slots and the header. The records under these texts are not lost yet,
+// but must not be sent.
 TEST_F(RelayRunReader, TextUnderAnUncountedBatchIsNotSent) {
   slots_ = 4;
   Append(8);
@@ -216,7 +216,7 @@ TEST_F(RelayRunReader, HashesAreThoseOfTheRecords) {
             (std::vector<std::uint64_t>{qx::report::RecordHash("r1\r\n"), qx::report::RecordHash("r2\r\n")}));
 }
 
-// Each record contains its own number, so that a torn or misplaced one is noticed.
+// Each record contains its own number, so a torn or misplaced record is noticed.
 TEST(RelayRunReaderThreads, NothingTornIsReadUnderAWriterOfBatches) {
   const qx::test::TempDir dir;
   const std::string path = dir.File("load");

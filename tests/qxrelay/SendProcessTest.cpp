@@ -1,4 +1,4 @@
-// "qxrelay send" as a process, against a real server: kills, stops, refusals, reloads.
+// Tests "qxrelay send" as a process with a real server: kills, stops, refusals, reloads.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -163,7 +163,7 @@ TEST_F(RelaySendProcess, AStreamThatIsCreatedLaterOrLostGetsWhatTheRingHas) {
   ASSERT_EQ(CreateStream(settings_), std::nullopt);
   ExpectAll();
   server_.Kill();
-  server_.EraseStore();  // what no server had synced before the power went
+  server_.EraseStore();  // the messages that no server had synced before the power failed
   server_.Restart();
   Append(3);
   EXPECT_TRUE(Until([&] { return Log().find("the connection is lost") != std::string::npos; })) << Log();
@@ -182,7 +182,7 @@ TEST_F(RelaySendProcess, APurgedStreamGetsTheRecordsAgain) {
   ExpectAll();
 }
 
-// A stream that an operator made with "discard new" refuses messages when it is full.
+// A stream that an operator has made with "discard new" refuses messages when it is full.
 TEST_F(RelaySendProcess, AFullStreamIsReportedAndContinuesWhenThereIsSpace) {
   Configure();
   qx::relay::NatsPublish raw(settings_, "h");
@@ -240,7 +240,7 @@ TEST_F(RelaySendProcess, ASecondSenderWithTheSameStateIsRefused) {
   EXPECT_EQ(qx::test::ReadFile(dir_.File("log2")), "qxrelay: another sender uses " + dir_.File("state") + "\n");
 }
 
-// The user may subscribe to its inbox and publish nothing.
+// The user may subscribe to its inbox, but may not publish.
 class RelayRefusedProcess : public RelaySendProcess {
  protected:
   RelayRefusedProcess()
@@ -264,7 +264,7 @@ TEST_F(RelayRefusedProcess, WrongCredentialsAndMissingRightsAreReportedOnce) {
   EXPECT_EQ(sender_->End(SIGTERM), 0);
 }
 
-// A clone of the machine has the state directory, too.
+// A clone of the machine also has a clone of the state directory.
 TEST_F(RelaySendProcess, OfTwoClonesTheEarlierOneStopsWithinSeconds) {
   Configure();
   ASSERT_EQ(CreateStream(settings_), std::nullopt);
@@ -310,7 +310,7 @@ TEST_F(RelaySendProcess, TheServiceManagerIsInformed) {
   close(listener);
 }
 
-// The rights of a host suffice for its sender, and allow nothing on the subjects of another host.
+// The rights of a host are enough for its sender, and allow nothing on the subjects of another host.
 TEST(RelayRights, AHostMaySendItsOwnReportsAndNothingElse) {
   const qx::test::TempDir dir;
   const std::string users = dir.File("users.conf");

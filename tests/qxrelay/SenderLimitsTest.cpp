@@ -1,4 +1,4 @@
-// What a sender keeps in memory, and how many reports it follows.
+// Tests the memory that a sender needs, and the number of reports that it follows.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -29,7 +29,7 @@ TEST_F(RelaySenderLimits, ReportsOverTheLimitAreNotSentAndAFindingSaysSo) {
   EXPECT_EQ(Lines("reports are not sent"), 1U);
 }
 
-// After a time without servers every report has a full message to send.
+// After a time without servers, every report has a full message to send.
 TEST_F(RelaySenderLimits, MessagesInFlightAreBoundedAndEverythingArrives) {
   batch_ = 256 * 1024;
   constexpr int kReports = 24;

@@ -1,4 +1,4 @@
-// The state directory of a sender.
+// Tests the state directory of a sender.
 #include "tools/qxrelay/send/SenderState.h"
 
 #include <gtest/gtest.h>
@@ -25,7 +25,7 @@ ReportState SomeState(const std::string& report) {
 
 class RelaySenderState : public testing::Test {
  protected:
-  // A second start in the same directory.
+  // Opens the directory again, as a second start does.
   [[nodiscard]] std::optional<std::string> OpenAgain(SenderState& state, bool take_over = false) const {
     return state.Open(directory_, take_over);
   }
@@ -201,7 +201,7 @@ TEST_F(RelaySenderState, ADirectoryOfAnEarlierVersionIsTakenOver) {
   EXPECT_FALSE(qx::test::Exists(directory_ + "/reports"));
 }
 
-// From a file that was cut off or damaged, the states before the damage are read.
+// If a file was cut or damaged, the states before the damage are read.
 TEST_F(RelaySenderState, WhatIsDamagedIsLeftOut) {
   std::filesystem::create_directory(directory_);
   const std::string first = TextOfState(SomeState("a"));

@@ -1,4 +1,5 @@
-// The sender of a host, with a stream in memory and a clock that the test sets. Each fault has its expected result.
+// Tests the sender of a host, with a stream in memory and a clock that the test sets. Each fault has its expected
+// result.
 #include "tools/qxrelay/send/Sender.h"
 
 #include <gmock/gmock.h>
@@ -291,7 +292,8 @@ TEST_F(RelaySender, AnotherMachinesMessageStopsTheReportUntilItIsTakenOver) {
   ExpectAll();
 }
 
-// Two senders with one state directory, restored or cloned with its identity: the later start wins.
+// Two senders have the same state directory, restored or cloned with its identity. The sender that started later
+// continues.
 TEST_F(RelaySender, ALaterSessionStopsTheEarlierOneWithinSeconds) {
   Append(5);
   Start();
@@ -310,7 +312,7 @@ TEST_F(RelaySender, ALaterSessionStopsTheEarlierOneWithinSeconds) {
   EXPECT_EQ(stream_.requests, requests + 1) << "one message, which is refused";
 }
 
-// A report without new records: the labels of the later sender are found.
+// The report has no new records. The earlier sender finds the labels of the later one.
 TEST_F(RelaySender, ALaterSenderIsFoundWithinSecondsWithoutAnyRecord) {
   Append(5);
   Start();
@@ -525,7 +527,7 @@ TEST_F(RelaySender, TheStateHasAnIncarnationBeforeItsFirstMessage) {
   EXPECT_EQ(seen, 4U) << "the labels and three reports";
 }
 
-// A report that waits for a look-up costs nothing until one is free.
+// A report that waits for a free look-up is not asked again until then.
 TEST_F(RelaySender, ReportsThatWaitForALookUpAreNotAskedAgainAndAgain) {
   constexpr int kReports = 40;
   for (int i = 0; i < kReports; ++i) Append(1, "r" + std::to_string(i));
@@ -539,7 +541,7 @@ TEST_F(RelaySender, ReportsThatWaitForALookUpAreNotAskedAgainAndAgain) {
   for (int i = 0; i < kReports; ++i) EXPECT_EQ(Received("r" + std::to_string(i)).records.size(), 1U) << i;
 }
 
-// The settings are a poll every 5 ms and a linger time of 10 ms; then a linger time of 200 ms.
+// Two settings: a poll every 5 ms with a linger time of 10 ms, and with a linger time of 200 ms.
 TEST_F(RelaySender, AReportWithFewRecordsIsOpenedOnceOrTwiceForEachMessage) {
   for (const TimeMs linger : {10, 200}) {
     Start();

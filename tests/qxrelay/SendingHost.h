@@ -1,5 +1,5 @@
 // A host for tests: a sender with private reports, a private state directory, a stream in memory, and a clock that the
-// test moves.
+// test sets.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -27,7 +27,7 @@ class SendingHost : public testing::Test {
     settings_.rescan = std::chrono::milliseconds(1000);
   }
 
-  // Starts a sender. The one before ends without saving anything, as if it was killed.
+  // Starts a sender. The previous sender ends without saving anything, as if it were killed.
   void Start(bool takes_over = false, const std::string& state = "state") {
     sender_.reset();
     context_.reset();

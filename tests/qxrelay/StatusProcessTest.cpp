@@ -1,4 +1,4 @@
-// "qxrelay status" with a sender and a server that are real.
+// Tests "qxrelay status" with a real sender and a real server.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -49,7 +49,7 @@ class RelayStatusProcess : public testing::Test {
     for (int i = 0; i < count; ++i) ASSERT_TRUE(store.writeLine("09:00 cpu=12%"));
   }
 
-  // The exit code; the output is in text_.
+  // Runs the command and returns its exit code; its output is in text_.
   int Status(const std::vector<std::string>& more = {}) {
     std::vector<std::string> arguments = {"status", "--config", Config()};
     arguments.insert(arguments.end(), more.begin(), more.end());
@@ -59,7 +59,7 @@ class RelayStatusProcess : public testing::Test {
     return code;
   }
 
-  // What is wrong with the document, according to docs/schemas/.
+  // Checks the document against docs/schemas/. Returns 0 if it has no faults.
   int Faults() {
     qx::test::WriteFile(dir_.File("transcript"), "$ qxrelay status --json\n" + text_);
     const std::string source = QX_SOURCE_DIR;
@@ -106,7 +106,7 @@ TEST_F(RelayStatusProcess, ShowsTheSenderAsItRunsAndAsItLeftTheReports) {
   EXPECT_THAT(text_, testing::Not(HasSubstr("load")));
 }
 
-// The port after "metrics are on port " in the log; 0 if it does not come.
+// Reads the port after "metrics are on port " from the log; 0 if it does not come.
 std::uint16_t MetricsPort(const std::string& log) {
   const std::string mark = "metrics are on port ";
   std::uint16_t port = 0;
@@ -145,7 +145,7 @@ TEST_F(RelayStatusProcess, ShowsTheReceiverAsItRunsAndWhatWaitsForIt) {
 }
 
 #ifdef QX_PROMETHEUS
-// A child process with its output in a file, which dies with the test.
+// Prometheus as a child process, which dies with the test. Its output goes to a file.
 class Prometheus {
  public:
   Prometheus(const std::string& directory, std::uint16_t port) : log_(directory + "/prometheus.log") {
@@ -173,7 +173,7 @@ class Prometheus {
 
   [[nodiscard]] std::string Log() const { return qx::test::Exists(log_) ? qx::test::ReadFile(log_) : ""; }
 
-  // 0: it does not listen yet.
+  // The port; 0 if it does not listen yet.
   [[nodiscard]] std::uint16_t Port() const {
     const std::string log = Log();
     const std::string mark = "msg=\"Listening on\" address=127.0.0.1:";

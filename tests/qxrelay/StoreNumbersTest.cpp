@@ -1,4 +1,4 @@
-// 64-bit record numbers, and where a sender continues.
+// Tests 64-bit record numbers, and the place where a sender continues.
 #include "tools/qxrelay/send/StoreNumbers.h"
 
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ using qx::report::IndexHeader;
 
 constexpr std::uint64_t kModulus = std::uint64_t{1} << 32U;
 
-// A ring of `slots` slots after `count` records.
+// The header of a ring of `slots` slots after `count` records.
 IndexHeader HeaderAfter(std::uint64_t count, std::uint32_t slots) {
   const auto used = static_cast<std::uint32_t>(count < slots ? count : slots);
   return {.writePosition = 1000,
@@ -34,7 +34,7 @@ IndexHeader HeaderAfter(std::uint64_t count, std::uint32_t slots) {
           .oldestIndex = used == slots ? static_cast<std::uint32_t>(count % slots) : 0};
 }
 
-// The record with number n has the hash n + 1000, unless another one is set. Ages count from `oldest`.
+// The record with number n has the hash n + 1000, unless another `shift` is given. Ages count from `oldest`.
 class PlainHashes final : public qx::relay::RecordHashes {
  public:
   explicit PlainHashes(std::uint64_t oldest, std::uint64_t shift = 1000) : oldest_(oldest), shift_(shift) {}
@@ -166,7 +166,7 @@ TEST(RelayPlace, TheTableOfMarksHolds) {
   }
 }
 
-// The store was salvaged into a new one: the same records have other numbers.
+// The store was salvaged into a new one, so the same records have other numbers.
 TEST(RelayPlace, WithoutAProofTheLastSentRecordsAreRecognised) {
   const StoreView view = {.header = HeaderAfter(8, 10), .unsafe = 0};
   PlainHashes hashes(0, 1017);  // record 0 has the hash of record 17

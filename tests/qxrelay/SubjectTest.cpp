@@ -1,4 +1,4 @@
-// Names of hosts and reports as parts of subjects, and back.
+// Tests how names of hosts and reports become parts of subjects, and how these become names again.
 #include "tools/qxrelay/message/Subject.h"
 
 #include <gtest/gtest.h>

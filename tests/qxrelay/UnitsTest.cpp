@@ -1,4 +1,4 @@
-// The units of systemd are valid, and deny what the services do not need.
+// Tests the units of systemd: they must be valid, and deny what the services do not need.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 
 class RelayUnits : public testing::Test {
  protected:
-  // All units next to each other, because a timer needs its service. Their program is a built one, whichever.
+  // Puts all units into one directory, because a timer needs its service. Their program is any built program.
   RelayUnits() {
     for (const fs::directory_entry& entry : fs::directory_iterator(std::string(QX_SOURCE_DIR) + "/packaging/systemd")) {
       const fs::path extension = entry.path().extension();
@@ -31,7 +31,7 @@ class RelayUnits : public testing::Test {
     }
   }
 
-  // The exit code of systemd-analyze; its output is in Said.
+  // Runs systemd-analyze and returns its exit code; its output is in Said.
   int Analyze(const std::string& arguments, const std::string& unit) {
     const std::string command =
         "systemd-analyze " + arguments + " " + dir_.File(unit) + " >" + dir_.File("said") + " 2>&1";

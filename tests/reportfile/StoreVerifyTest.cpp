@@ -145,7 +145,7 @@ TEST(StoreVerifyBatch, BatchThatIsCutAtAnyWriteIsNotDamage) {
   EXPECT_GT(uncounted, 500);
 }
 
-// The slots of a part are one write, which may be cut between two slots.
+// The slots of a part are written by one call, which may end between two slots.
 TEST(StoreVerifyBatch, SlotsWithoutTheirHeaderAreARecordInFlight) {
   struct Case {
     const char* what;
@@ -172,7 +172,7 @@ TEST(StoreVerifyBatch, SlotsWithoutTheirHeaderAreARecordInFlight) {
   }
 }
 
-// Records of any length, some of which overwrite indexed text or look like the end marker.
+// The records have any length; some of them overwrite indexed text, or look like the end marker.
 TEST_F(StoreVerifyLives, BatchWithoutItsSlotsOrHeaderIsNotDamage) {
   for (int life = 0; life < 200; ++life) {
     const std::uint32_t slots = 1 + Below(30);
@@ -196,8 +196,8 @@ TEST_F(StoreVerifyLives, BatchWithoutItsSlotsOrHeaderIsNotDamage) {
   }
 }
 
-// While the ring fills, the next writer appends where the killed one began, and slots of its part remain after those in
-// use.
+// While the ring fills, the next writer appends where the killed one began. Slots of the killed writer's part remain
+// after the slots in use.
 TEST(StoreVerifyBatch, FreeSlotsOfAKilledWriterAreNotDamage) {
   const StoreFiles files;
   const StoreBytes killed = Uncounted(StoreOf(9, Numbered(2)), StoreOf(9, Numbered(8)));
@@ -213,7 +213,7 @@ TEST(StoreVerifyBatch, FreeSlotsOfAKilledWriterAreNotDamage) {
   }
 }
 
-// Each writer appends a batch or is killed in it. Slots of several parts remain, and older ones lead into newer text.
+// Each writer appends a batch or is killed in it. Slots of several parts remain, and older slots lead into newer text.
 TEST(StoreVerifyBatch, FreeSlotsOfSeveralKilledWritersAreNotDamage) {
   std::mt19937_64 random{Seed("StoreVerifyBatch")};
   int descents = 0;
@@ -239,7 +239,7 @@ TEST(StoreVerifyBatch, FreeSlotsOfSeveralKilledWritersAreNotDamage) {
   EXPECT_GT(descents, 0) << "no free slots of more than one part";
 }
 
-// A changed slot is accepted if it is free and leads into text that may be overwritten. The reason: a killed writer of
+// A changed slot is accepted if it is free and leads into text that may be overwritten, because a killed writer of
 // other records can have left the same files.
 TEST(StoreVerifyBatch, ChangedFreeSlotIntoOverwrittenTextHasAnotherHistory) {
   const auto files_after = [](const std::vector<std::string>& killed_batch) {
@@ -259,8 +259,8 @@ TEST(StoreVerifyBatch, ChangedFreeSlotIntoOverwrittenTextHasAnotherHistory) {
   EXPECT_EQ(Rules(store.Scan()), "");
 }
 
-// In a full ring the text of a killed writer remains over older text that still has slots. No writer is killed at the
-// start of the data file: its text there could be as many lines as the ring has slots, and one more.
+// In a full ring, the text of a killed writer remains over older text that still has slots. No writer is killed at the
+// start of the data file, because its text there could have one more line than the ring has slots.
 TEST(StoreVerifyBatch, RingAfterAKilledWriterIsNotDamage) {
   std::mt19937_64 random{Seed("StoreVerifyBatch")};
   for (int life = 0; life < 80; ++life) {
@@ -321,7 +321,7 @@ TEST(StoreVerify, RecordsThatReadersCutAreARemark) {
   EXPECT_EQ(scan.cut_records, 2U);
 }
 
-// After 2^32 records the count starts over, and no longer determines the oldest slot alone.
+// After 2^32 records the count starts over. Then it alone does not determine the oldest slot any more.
 TEST(StoreVerify, CountThatHasWrappedIsARemark) {
   StoreBytes store = StoreOf(10, Numbered(12));
   SetField(store, offsetof(IndexHeader, elementCount), 6);  // 2^32 + 6 is 2 modulo 10 as well
@@ -401,7 +401,7 @@ TEST(StoreVerify, EachRuleNamesFileOffsetAndValue) {
   }
 }
 
-// A flipped bit could make another sound store only in fileEnd and, in a small ring, in a count that may have wrapped.
+// Only in fileEnd, and in a small ring in a count that may have wrapped, a flipped bit could make another sound store.
 TEST(StoreVerify, EveryFlippedBitOfTheIndexFileIsFound) {
   const StoreBytes sound = StoreOf(50, Numbered(120));
   std::string missed;
@@ -413,8 +413,8 @@ TEST(StoreVerify, EveryFlippedBitOfTheIndexFileIsFound) {
   EXPECT_EQ(missed, "");
 }
 
-// A slot gets an offset at which no record begins, in stores with and without a part that is not counted. If the oldest
-// record is of the previous round, its text may be overwritten, so its slot may lead into new text.
+// A slot gets an offset at which no record begins, in stores with and without a part that is not counted. The oldest
+// record may be of the previous round; then its text may be overwritten, and its slot may lead into new text.
 TEST(StoreVerifyBatch, SlotThatIsChangedAtRandomIsFound) {
   std::mt19937_64 random{Seed("StoreVerifyBatch")};
   for (const int count : {60, 75, 120}) {
@@ -437,7 +437,7 @@ TEST(StoreVerifyBatch, SlotThatIsChangedAtRandomIsFound) {
   }
 }
 
-// Slots 3 to 8 are left over. A record begins at each line start after the text that the next writer has written.
+// Slots 3 to 8 remain of a killed writer. After the text of the next writer, a record begins at the start of each line.
 TEST(StoreVerifyBatch, FreeSlotThatLeadsNowhereIsFound) {
   StoreBytes sound = Uncounted(StoreOf(9, Numbered(2)), StoreOf(9, Numbered(9)));
   const StoreBytes next = StoreOf(9, {"rec1", "rec2", "r"});
@@ -499,8 +499,7 @@ TEST(StoreVerify, FindingsThatStayAreDamage) {
   EXPECT_EQ(verdict.scan.findings[0].rule, "header.file-end");
 }
 
-// The writing thread changes the header between any two scans, unless it does not run in that time: then another try
-// follows.
+// The writing thread changes the header between any two scans. If it does not run in that time, another try follows.
 TEST(StoreVerifyThreads, FindingsInAStoreThatIsBeingWrittenAreNotDamage) {
   const StoreFiles files;
   IndexHeader header{.writePosition = 9, .fileEnd = 1, .elementCount = 3, .maxRecord = 3, .highestIndex = 3};
@@ -554,7 +553,7 @@ TEST(VerifyHeader, RingOfBillionsThatTheFileDoesNotHaveIsFound) {
   EXPECT_THAT(verdict.scan.findings, testing::Contains(testing::Field(&report::Finding::rule, "index.size")));
 }
 
-// Each scan finds another contradiction, so something was written in between.
+// Each scan finds another contradiction, so a writer was active in between.
 TEST(VerifyHeaderThreads, FindingsThatChangeBetweenTwoScansAreNotDamage) {
   const StoreFiles files;
   const StoreBytes store = SecondRound();
@@ -570,7 +569,7 @@ TEST(VerifyHeaderThreads, FindingsThatChangeBetweenTwoScansAreNotDamage) {
   for (int i = 0; i < 10; ++i) damaged += report::VerifyHeader(files.Base()).state == StoreState::kDamaged ? 1 : 0;
   is_done = true;
   writer.join();
-  EXPECT_LT(damaged, 8);  // by chance both scans see the same size
+  EXPECT_LT(damaged, 8);  // by chance both scans can see the same size
 }
 
 TEST(StoreVerify, StoreWithOneFileIsDamagedAndWithoutFilesNotFound) {

@@ -1,4 +1,4 @@
-// The oracle of RecordReader::Take.
+// The oracle of RecordReader::Take: its result, record by record.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 namespace qx::test {
 
-// Take in its plainest form: one readLine for each slot.
+// Take in its plainest form, with one readLine for each slot.
 inline report::TakenRecords TakeOneByOne(CReportFileBase& store, std::uint32_t first, std::uint32_t count_max,
                                          std::size_t gathered_max, std::string* out) {
   for (std::uint32_t taken = 0; taken < count_max; ++taken) {

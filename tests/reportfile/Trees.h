@@ -1,4 +1,4 @@
-// Directory trees as tests make and compare them: a map from path to contents.
+// Makes and compares directory trees. A tree is a map from path to contents.
 #pragma once
 
 #include <sys/types.h>
@@ -11,8 +11,8 @@
 
 namespace qx::test {
 
-// "sub/" is a directory, "sub/a" a file with these contents. A link appears as its target; a dangling link does not
-// appear.
+// "sub/" is a directory, "sub/a" a file with these contents. A link is shown as its target; a link without a target is
+// left out.
 using Tree = std::map<std::string, std::string>;
 
 inline Tree::value_type Pair(std::string path, std::string contents) { return {std::move(path), std::move(contents)}; }
@@ -20,18 +20,18 @@ inline Tree::value_type Pair(std::string path, std::string contents) { return {s
 // Makes the entries below `root`, and every directory that they need.
 void MakeTree(const std::string& root, const Tree& entries);
 
-// A symbolic link at `path`.
+// Makes a symbolic link at `path`.
 void MakeLink(const std::string& target, const std::string& path);
 
-// The entries below `root`, in the same form; links to directories are not entered. Empty when there is no `root`.
+// The entries below `root`; links to directories are not followed. Empty if there is no `root`.
 Tree ContentsOf(const std::string& root);
 
 mode_t ModeOf(const std::string& path);
 
-// The lines with every `directory` in them as "T".
+// The lines, with "T" in place of every `directory` in them.
 std::vector<std::string> Shortened(std::vector<std::string> lines, const std::string& directory);
 
-// Runs `work` to its end in a thread with a stack of 192 KiB.
+// Runs `work` to its end in a thread whose stack has 192 KiB.
 void RunOnSmallStack(const std::function<void()>& work);
 
 class ScopedUmask {
@@ -45,7 +45,7 @@ class ScopedUmask {
   mode_t old_;
 };
 
-// Allows `count` open files more than are open now.
+// Until the end of the scope, only `count` more files can be opened.
 class ScopedDescriptorLimit {
  public:
   explicit ScopedDescriptorLimit(unsigned count);

@@ -1,4 +1,4 @@
-// Which texts a writer reaches between two headers of a report.
+// Tests which texts a writer can overwrite between two headers of a report.
 #include "reportfile/tools/WritePath.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 namespace qx::report {
 namespace {
 
-// As a writer leaves it after `count` records; where the texts are does not matter here.
+// The header of a ring after `count` records. The places of the texts do not matter here.
 IndexHeader HeaderAfter(std::uint32_t ring, std::uint32_t count) {
   IndexHeader header;
   header.maxRecord = ring;

@@ -1,4 +1,4 @@
-// Reports that another process has open, with and without the lock.
+// Tests reports that another process has open, with and without the lock.
 #include "reportfile/tools/WriterLock.h"
 
 #include <fcntl.h>
@@ -54,7 +54,7 @@ TEST_F(WriterLockOfAReport, ReaderOfAnotherProcessDoesNotCount) {
   EXPECT_FALSE(WriterLock(files_.Base()).IsHeldByAnother());
 }
 
-// The open files of every process are read only if the lock does not show its holder.
+// If the lock shows its holder, the open files of the processes are not read.
 TEST_F(WriterLockOfAReport, HolderOfTheLockIsFoundWithoutReadingEveryProcess) {
   CReportFileBase store;
   const WaitingChild writer([&] { return store.Open(files_.Path(), 3); });
@@ -67,7 +67,7 @@ TEST_F(WriterLockOfAReport, HolderOfTheLockIsFoundWithoutReadingEveryProcess) {
   EXPECT_EQ(reads.Calls(), 0);
 }
 
-// A process that only inherited the lock: the list of locks still names the process that took it.
+// A process has inherited the lock. The list of locks still names the process that took it.
 TEST_F(WriterLockOfAReport, HolderOfALockWhoseTakerHasEndedIsNamed) {
   CReportFileBase store;
   int ends[2];
@@ -89,7 +89,7 @@ TEST_F(WriterLockOfAReport, HolderOfALockWhoseTakerHasEndedIsNamed) {
   kill(heir, SIGKILL);
 }
 
-// An agent that does not know the lock.
+// An agent that does not take the lock is found by its open file.
 TEST_F(WriterLockOfAReport, WriterWithoutTheLockIsFoundByItsOpenFile) {
   const WaitingChild writer([&] { return open(files_.DataPath().c_str(), O_RDWR | O_CLOEXEC) >= 0; });
   const WriterLock lock(files_.Base());

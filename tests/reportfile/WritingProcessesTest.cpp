@@ -24,7 +24,7 @@ class WritingProcesses : public testing::Test {
  protected:
   WritingProcesses() { WriteFile(report_, "records"); }
 
-  // PID/fd/N is a link to `file`, PID/fdinfo/N has `flags`.
+  // Makes PID/fd/N, a link to `file`, and PID/fdinfo/N, which has `flags`.
   void AddDescriptor(const std::string& process, int number, const std::string& file, const std::string& flags) const {
     const std::string directory = processes_ + "/" + process;
     fs::create_directories(directory + "/fd");

@@ -63,7 +63,7 @@ std::string ChaosFleet::RootOf(int collector) const {
   return options_.directory + "/c" + std::to_string(collector + 1);
 }
 
-// Short times: for example, starts are not spread over 30 seconds.
+// The times in the settings are short; for example, starts are not spread over 30 seconds.
 void ChaosFleet::AddSender(int host) {
   const std::string name = "h" + std::to_string(host + 1);
   const std::string config = options_.directory + "/" + name + ".ini";
@@ -110,7 +110,8 @@ void ChaosFleet::Disturb(std::mt19937_64& random, std::int64_t now_ms) {
   Hit(actor, random, now_ms, hits_server ? kServerFaultMaxMs : kFaultMaxMs);
 }
 
-// A server that runs again, but has not caught up, counts as a fault: three copies survive one.
+// Whether all servers have the whole stream. A server that runs again but has not caught up counts as a fault: three
+// copies survive one fault.
 bool ChaosFleet::IsStreamWhole() const {
   relay::StreamState state;
   return !relay::ReadStream(stream_, state).has_value() && state.whole_copies == kServers;

@@ -1,4 +1,4 @@
-// Three servers, hosts with senders, and collectors; and the faults of these processes.
+// Runs three servers, hosts with senders, and collectors, and makes faults of these processes.
 #pragma once
 
 #include <cstdint>
@@ -13,15 +13,15 @@
 
 namespace qx::chaos {
 
-// After which a collector gets again what it has not acknowledged.
+// After this time a collector gets again the messages that it has not acknowledged.
 inline constexpr int kRedeliverSeconds = 2;
 
 struct FleetOptions {
   std::string qxrelay;    // the program
-  std::string directory;  // of everything
+  std::string directory;  // of all files
   int hosts = 4;
   int collectors = 2;
-  std::uint32_t collector_slots = 0;  // rings that keep everything
+  std::uint32_t collector_slots = 0;  // the rings keep everything
 };
 
 // Threads: one thread. Owns: all processes. Failure: an exception.
@@ -29,14 +29,15 @@ class ChaosFleet {
  public:
   explicit ChaosFleet(FleetOptions options);
 
-  // Starts the servers and creates the stream, then starts everything else.
+  // Starts the servers and creates the stream, then starts all other processes.
   void Start();
   // Begins a fault of a process that `random` chooses, and ends earlier faults whose time is over. Must be called about
   // ten times a second. At most one server at a time has a fault.
   void Disturb(std::mt19937_64& random, std::int64_t now_ms);
   // Ends all faults: all processes run again.
   void Heal();
-  // Ends senders and receivers in order. False if one did not end in time, or with another code than 0.
+  // Ends senders and receivers by a signal. False if one of them does not end in time, or ends with another code than
+  // 0.
   [[nodiscard]] bool EndInOrder();
   // Processes that ended by themselves, by name.
   [[nodiscard]] std::vector<std::string> Crashed();

@@ -11,7 +11,7 @@ constexpr std::size_t kChecksumBytes = 8;
 constexpr std::size_t kLengthMin = 60;
 constexpr std::size_t kLengths = 121;
 
-// FNV-1a.
+// The checksum FNV-1a.
 std::uint32_t Checksum(std::string_view text) {
   std::uint32_t sum = 2166136261U;
   for (const char c : text) sum = (sum ^ static_cast<unsigned char>(c)) * 16777619U;

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPause{20};
 constexpr std::uint32_t kBatchMax = 20;
-constexpr int kBurstIn = 400;  // one of so many appends is a burst
+constexpr int kBurstIn = 400;  // one of this number of appends is a burst
 
 // The writers are never killed, so a failure is a defect of the library or of the machine.
 void Require(const Error& error, const std::string& report) {
@@ -70,7 +70,7 @@ void ChaosWriter::Run(double rate) {
   while (!is_stopping_) {
     for (ChaosReport* const report : reports_) {
       if (chance(random_) >= batches) continue;
-      // A burst has more records than the ring of a small report, which causes a gap without any fault.
+      // A burst has more records than the ring of a small report, so it causes a gap without any fault.
       const std::uint32_t batch = size(random_);
       const std::uint32_t repeats = burst(random_) == 1 ? std::min(report->Slots(), 2000U) / kBatchMax * 2 : 1;
       for (std::uint32_t i = 0; i < repeats; ++i) report->Append(batch);

@@ -1,6 +1,6 @@
 // The reports of one host and the thread that appends to them, through qx::Writer.
 //
-// It also stores when each append began. So a check can calculate which records a ring had at any moment.
+// It also stores when each append began, so that a check can compute which records a ring had at any moment.
 #pragma once
 
 #include <atomic>
@@ -31,8 +31,8 @@ class ChaosReport {
   [[nodiscard]] std::string FullName() const { return host_ + "/" + name_; }
   [[nodiscard]] std::uint32_t Slots() const { return slots_; }
   [[nodiscard]] std::uint64_t Count();
-  // Whether the ring had lost record `number`, or was about to, at a time in milliseconds since 1970. The oldest record
-  // of a full ring counts as lost: its slot is the next that the writer replaces.
+  // Whether the ring had lost record `number`, or was about to lose it, at a time in milliseconds since 1970. The
+  // oldest record of a full ring counts as lost: the writer replaces its slot next.
   [[nodiscard]] bool WasLost(std::uint64_t number, std::int64_t time_ms);
 
  private:

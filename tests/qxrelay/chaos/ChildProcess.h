@@ -1,4 +1,4 @@
-// A program that the chaos kills, stops, continues and starts again.
+// Runs a program that the chaos test kills, stops, continues and starts again.
 #pragma once
 
 #include <sys/types.h>
@@ -22,11 +22,11 @@ class ChildProcess {
 
   void Start();
   void Signal(int signal) const;
-  // Sends the signal and waits for the end, at most ten seconds; then the process is killed. The exit code, or the
-  // number of the signal that ended it as a negative number.
+  // Sends the signal and waits for the end, at most ten seconds; then it kills the process. Returns the exit code or,
+  // as a negative number, the signal that ended the process.
   int End(int signal);
   [[nodiscard]] std::chrono::steady_clock::duration Age() const { return std::chrono::steady_clock::now() - started_; }
-  // The exit code if the process has ended by itself.
+  // The exit code, if the process has ended by itself; else unset.
   [[nodiscard]] std::optional<int> Ended();
 
   [[nodiscard]] bool IsRunning() const { return process_ != 0; }

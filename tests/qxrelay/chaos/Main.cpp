@@ -1,8 +1,9 @@
-// qxrelay_chaos QXRELAY SECONDS [SEED [COLLECTORS]] : kills, stops, continues and restarts senders, receivers and
-// servers at random while writers append records that name themselves. Then it ends all faults, and checks the stream
-// and the reports of each collector: no record may be lost, repeated, out of order or torn, and there may be gaps only
-// for records that the ring had overwritten. Prints rows for script/trust. If a promise is broken, it ends with 1 and
-// keeps the files.
+// Tests the relay with random faults: qxrelay_chaos QXRELAY SECONDS [SEED [COLLECTORS]]
+//
+// It kills, stops, continues and restarts senders, receivers and servers while writers append records that identify
+// themselves. Then it ends all faults, and checks the stream and the reports of each collector: no record may be lost,
+// repeated, out of order or torn, and there may be gaps only for records that the ring had overwritten. It prints rows
+// for script/trust. If a promise is broken, it exits with 1 and keeps the files.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -26,7 +27,7 @@
 #include "tools/qxrelay/message/Message.h"
 #include "tools/qxrelay/stream/NatsConsume.h"
 
-// Inert: this program has no traces.
+// The module's classes need this object. It writes nothing: this program has no traces.
 __attribute__((init_priority(101))) CDebug Debug;
 
 namespace qx::chaos {
@@ -49,7 +50,7 @@ struct Arguments {
   int collectors = 2;
 };
 
-// Rings that wrap within a second, within some, and never.
+// One ring wraps within a second, one within some seconds, and one never.
 constexpr std::uint32_t kSlots[] = {60, 500, 1000000};
 
 void Say(const std::string& text) {
@@ -115,7 +116,7 @@ class Chaos {
     return all;
   }
 
-  // Takes the whole stream from its beginning until it has everything that was written.
+  // Reads the whole stream from its beginning, until it has everything that was written.
   bool Settle(StreamCheck& check) {
     const auto end = steady_clock::now() + kSettleMax;
     relay::NatsConsume consumer(fleet_.Stream());
@@ -147,8 +148,8 @@ class Chaos {
     return true;
   }
 
-  // The consumer reads one copy of the stream, and a server that was stopped may have another copy than the others.
-  // What is missing before the message is taken from a copy that has it.
+  // Takes the messages before this one that are missing from a copy of the stream that has them: the consumer reads one
+  // copy, and a server that was stopped may have another copy than the others.
   void TakeFromCopies(relay::NatsConsume& consumer, const relay::StreamMessage& message, StreamCheck& check) {
     std::vector<relay::StreamMessage> missing = {message};
     while (check.IsHoleBefore(missing.back())) {
@@ -160,7 +161,7 @@ class Chaos {
     for (auto at = missing.rbegin(); at + 1 != missing.rend(); ++at) check.Take(*at);
   }
 
-  // The message of the same report directly before this one, from any copy that has it.
+  // The message of the same report directly before `next`, from any copy that has it.
   static std::optional<relay::StreamMessage> ReadBefore(relay::NatsConsume& consumer,
                                                         const relay::StreamMessage& next) {
     const relay::MessageHead head = relay::DecodeMessage(next.payload).head;
@@ -197,7 +198,7 @@ class Chaos {
     return verdict;
   }
 
-  // Waits until the collectors have everything, and then until unacknowledged messages have come again.
+  // Waits until the collectors have everything, and until unacknowledged messages have come again.
   void SettleCollectors(StreamCheck& check) {
     const auto end = steady_clock::now() + kSettleMax;
     for (int i = 0; i < arguments_.collectors; ++i) {

@@ -1,4 +1,4 @@
-// Configurations of three NATS servers on loopback ports that nobody uses.
+// Makes the configurations of three NATS servers on loopback ports that nobody uses.
 #pragma once
 
 #include <string>
@@ -15,14 +15,14 @@ struct ServerConfig {
   std::string log;
 };
 
-// Three copies, so each server has everything.
+// The stream has three copies, so each server has all messages.
 inline constexpr std::uint32_t kServers = 3;
 
-// Writes the configurations into the directory, in which the servers also store, and adds their addresses to the
-// settings.
+// Writes the configurations into the directory, in which the servers also store their data. Adds the addresses of the
+// servers to the settings.
 [[nodiscard]] std::vector<ServerConfig> WriteServerConfigs(const std::string& directory, relay::StreamSettings& stream);
 
-// Creates the stream as soon as the servers take it. An exception after a minute.
+// Creates the stream as soon as the servers accept it. Throws an exception after a minute.
 void CreateStreamOfNewServers(const relay::StreamSettings& stream);
 
 }  // namespace qx::chaos

@@ -65,7 +65,7 @@ class CollectedCheck {
     ++next_;
   }
 
-  // The records before `number` are lost, unless another copy of the stream has a gap for them.
+  // Counts the records before `number` as lost, unless another copy of the stream has a gap for them.
   void Advance(std::uint64_t number) {
     if (number > next_ && !report_.IsGapOfACopy(next_, number)) TakeGapsOfCopies(number);
     if (number > next_ && !report_.IsGapOfACopy(next_, number)) {
@@ -76,7 +76,8 @@ class CollectedCheck {
     while (gap_ != report_.Gaps().end() && gap_->first < next_) ++gap_;
   }
 
-  // Another copy may have a gap under the sequence under which the checked copy has the records.
+  // Reads the gaps of other copies: such a copy may have a gap under the sequence under which the checked copy has the
+  // records.
   void TakeGapsOfCopies(std::uint64_t number) {
     for (const relay::StreamMessage& stored : read_copies_(report_.SequencesAround(next_, number))) {
       const std::optional<relay::Subject> subject = relay::SubjectOfText(kPrefix, stored.subject);
@@ -105,7 +106,7 @@ std::string Place(const ChaosReport& report, std::uint64_t number) {
 void ReportCheck::Take(const MessageHead& head, const std::vector<std::string_view>& texts, std::uint64_t sequence,
                        Verdict& verdict) {
   if (incarnation_ == 0) {
-    // Records that the ring overwrote before a sender first read the report are in no message.
+    // The records that the ring had overwritten before a sender first read the report are in no message.
     incarnation_ = head.incarnation;
     if (head.first > 0) TakeLoss(head.first, head, verdict);
   }
@@ -151,7 +152,7 @@ bool ReportCheck::IsGapOfACopy(std::uint64_t first, std::uint64_t next) const {
                      [&](const Range& gap) { return gap.first <= first && next <= gap.next; });
 }
 
-// The records up to `next` are lost: the ring must have overwritten them when the message was made.
+// The records up to `next` are counted as lost. The ring must have overwritten them when the message was made.
 void ReportCheck::TakeLoss(std::uint64_t next, const MessageHead& head, Verdict& verdict) {
   gaps_.push_back({next_, next});
   ++verdict.gaps;

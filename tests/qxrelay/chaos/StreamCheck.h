@@ -14,12 +14,12 @@
 
 namespace qx::chaos {
 
-// Broken promises, and counts of allowed events.
+// The number of broken promises, and of events that are allowed.
 struct Verdict {
   std::uint64_t lost = 0;          // records that a ring held until the end, or when a gap was sent for them
-  std::uint64_t repeated = 0;      // records of a collector's report that are not after the one before
+  std::uint64_t repeated = 0;      // records of a collector's report that do not follow the one before
   std::uint64_t out_of_order = 0;  // records, or messages that begin after the next record
-  std::uint64_t torn = 0;          // records that are not what their writer appended
+  std::uint64_t torn = 0;          // records whose text is not the one that their writer appended
   std::uint64_t foreign = 0;       // messages that no sender sends, incarnations that nobody began
   std::uint64_t records = 0;
   std::uint64_t messages = 0;
@@ -39,7 +39,7 @@ struct Range {
   friend bool operator==(const Range&, const Range&) = default;
 };
 
-// One report as the stream has it. Threads: one thread.
+// One report in the stream. Threads: one thread.
 class ReportCheck {
  public:
   ReportCheck(ChaosReport& report, std::function<void(const std::string&)> say)
@@ -47,15 +47,15 @@ class ReportCheck {
 
   void Take(const relay::MessageHead& head, const std::vector<std::string_view>& texts, std::uint64_t sequence,
             Verdict& verdict);
-  // A gap message that only other copies of the stream have.
+  // Takes a gap message that only other copies of the stream have.
   void TakeGapOfACopy(const relay::MessageHead& head, Verdict& verdict);
   // Whether records before the message are missing.
   [[nodiscard]] bool IsHoleBefore(const relay::MessageHead& head) const {
     return head.incarnation == incarnation_ && head.first > next_;
   }
-  // Whether the stream has or counts everything that was written.
+  // Whether the stream has, or counts as lost, everything that was written.
   [[nodiscard]] bool IsComplete() { return next_ == report_.Count(); }
-  // How many of the newest records are not in the stream.
+  // Checks how many of the newest records are not in the stream.
   void Finish(Verdict& verdict);
 
   [[nodiscard]] const std::vector<Range>& Gaps() const { return gaps_; }
