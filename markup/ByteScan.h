@@ -143,9 +143,9 @@ inline const char* SkipNameBytes(const char* p, const char* end) {
 #endif
 }
 
-// Three bytes in a row: FindTriple<']', ']', '>'>("a]]]>b") => "]]>b" The C library's search for the first byte is
-// fastest while this byte is rare. After this byte was found kFailedFindsMax times without the other two, all three
-// bytes are searched for at once.
+// The first place with these three bytes in a row:  FindTriple<']', ']', '>'>("a]]]>b") => "]]>b"
+// The C library's search for the first byte is fastest while this byte is rare. After this byte was found
+// kFailedFindsMax times without the other two, all three bytes are searched for at once.
 template <char kFirst, char kSecond, char kThird>
 const char* FindTriple(const char* p, const char* end) {
   constexpr int kFailedFindsMax = 16;
