@@ -24,8 +24,9 @@ constexpr std::size_t kGapBytes = 2048;
 constexpr std::size_t kAtomicBytes = 16;
 static_assert(kRingTerminator.size() == kAtomicBytes && kRingNumberDigits == kAtomicBytes);
 
-// Sixteen bytes at any address in one store: a process can be killed before or after it, never inside. A reader on
-// another processor may see it in two parts, because neither x86-64 nor arm64 promises more at any address.
+// Stores sixteen bytes at any address in one store: a process can be killed before or after the store, never inside. A
+// reader on another processor may see it in two parts, because neither x86-64 nor arm64 guarantees more for every
+// address.
 using SixteenBytes __attribute__((vector_size(kAtomicBytes), aligned(1), may_alias)) = unsigned char;
 
 void StoreAtOnce(char* to, const char* from) noexcept {
@@ -34,18 +35,20 @@ void StoreAtOnce(char* to, const char* from) noexcept {
   *reinterpret_cast<volatile SixteenBytes*>(to) = bytes;
 }
 
-// Keeps the order of the stores (release order) for readers in other processes, and for the case of a kill. x86-64
-// keeps this order anyway, so there it only binds the compiler; on arm64 it is an instruction.
+// Keeps the order of the stores (release order), for readers in other processes and in case the process is killed. An
+// x86-64 processor always keeps this order, so there the fence affects only the compiler; on arm64 it is an
+// instruction.
 void KeepStoreOrder() noexcept { std::atomic_thread_fence(std::memory_order_release); }
 
-// False with the error number in errno.
+// Writes all bytes. False with the error number in errno.
 bool WriteAll(int descriptor, const char* bytes, std::size_t size) noexcept {
   return !file::Write(descriptor, {bytes, size}).Failed();
 }
 
 // Opens the ring file, or creates one. On failure the descriptor is not open, and errno has the reason. A file of
 // another size is removed from the directory, not cut: another process may have it mapped, and a store after its end
-// would kill that process. A creation that was killed also leaves such a file, because the size is set last.
+// would kill that process. If a process is killed while it creates the file, the file that stays has another size as
+// well.
 file::Descriptor OpenOrCreate(const char* path, std::uint32_t size, bool& is_new) noexcept {
   OwnFile ring = OpenOwnFile(path, kRingFileMode, size);
   is_new = ring.is_new;
@@ -54,8 +57,8 @@ file::Descriptor OpenOrCreate(const char* path, std::uint32_t size, bool& is_new
   return std::move(ring.file);
 }
 
-// Takes disk blocks for the whole file, without giving it that size: a store into a mapped hole of a full disk would
-// kill the process. True also if the file system cannot reserve blocks.
+// Reserves disk blocks for the whole file, without a change of its size: a store into a mapped hole of a full disk
+// would kill the process. True also if the file system cannot reserve blocks.
 bool ReserveBlocks(int descriptor, std::uint32_t size) noexcept {
   int result = 0;
   do {
@@ -64,7 +67,8 @@ bool ReserveBlocks(int descriptor, std::uint32_t size) noexcept {
   return result == 0 || errno == EOPNOTSUPP || errno == ENOSYS;
 }
 
-// A write beyond the file size limit of the process would raise a signal that ends it.
+// True if the file size limit of the process allows `size`. A write beyond the limit would raise a signal that ends the
+// process.
 bool IsWithinFileLimit(std::uint32_t size) noexcept {
   rlimit limit{};
   return ::getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur >= size;
@@ -90,8 +94,8 @@ bool WriteBlankBlock(int descriptor) noexcept {
   return WriteAll(descriptor, block, sizeof block);
 }
 
-// Fills the file with blocks of an entry header, "_" and a line feed. Written in big pieces: a ring of 1 GiB has a
-// million blocks.
+// Fills the file with blocks of an entry header, "_" and a line feed. It writes big pieces, because a ring of 1 GiB has
+// a million blocks.
 bool WriteBlocks(int descriptor, std::uint32_t size, std::string_view entry_header) noexcept {
   if (!ReserveBlocks(descriptor, size)) return false;
   char blocks[16 * kRingBlockBytes];
@@ -120,7 +124,7 @@ bool BeginsEntry(std::string_view line) noexcept {
          });
 }
 
-// The length of the one entry that `text` begins with, if the terminator comes before any other entry; else 0.
+// The length of the entry at the beginning of `text`, if the terminator follows it before any other entry; otherwise 0.
 std::size_t LengthOfLastEntry(std::string_view text) noexcept {
   if (!BeginsEntry(text)) return 0;
   for (std::size_t at = text.find('\n') + 1; at != 0; at = text.find('\n', at) + 1) {
@@ -151,7 +155,7 @@ RingBufferSink::OpenResult RingBufferSink::Open(const Source& source) noexcept {
   return result;
 }
 
-// A file that cannot be written whole is removed: otherwise the disk would stay full.
+// Writes a new file. If it cannot be written whole, it is removed, so that the disk does not stay full.
 RingBufferSink::OpenResult RingBufferSink::Create(const Source& source) noexcept {
   const Failure failure = WriteWhole(source);
   if (failure == Failure::kNone) return {};
@@ -182,7 +186,7 @@ RingBufferSink::OpenResult RingBufferSink::Map(const Source& source) noexcept {
   return {};
 }
 
-// Writes the header lines again, so that they are whole again if another program changed them.
+// Continues an existing file. All header lines are written again, in case another program has changed them.
 void RingBufferSink::TakeOver(const Source& source) noexcept {
   const auto number_at = [&](std::size_t offset) { return ReadRingNumber(Bytes(offset, kRingNumberDigits)); };
   opens_ = number_at(kRingOpensOffset).value_or(0) + 1;
@@ -205,8 +209,8 @@ void RingBufferSink::TakeOver(const Source& source) noexcept {
 }
 
 // The position at which the previous run ended; if the header does not have it, the end of the file, so that the next
-// entry wraps. A writer that was killed after it stored an entry, and before it stored the position, has left that
-// entry after the position.
+// entry wraps. If the last writer was killed after it stored an entry and before it stored the position, this entry is
+// after the stored position, and is counted here.
 std::size_t RingBufferSink::StoredPosition() const noexcept {
   const std::size_t stored = ReadRingNumber(Bytes(kRingPositionOffset, kRingNumberDigits)).value_or(0);
   if (stored < kRingFirstEntry || stored > size_) return size_;
@@ -244,8 +248,9 @@ void RingBufferSink::StoreNumber(std::size_t offset, std::uint32_t number) noexc
   StoreAtOnce(At(offset), digits);
 }
 
-// The terminator of the ended cycle stays until the first entry of the new one has its own. The count rises before the
-// position goes back: otherwise a reader would treat the text of the old cycle as bytes that were never written.
+// The terminator of the ended cycle stays until the first entry of the new cycle has a terminator after it. The number
+// of wraps is increased before the position goes back: otherwise a reader would treat the text of the old cycle as
+// bytes that were never written.
 bool RingBufferSink::BeginWrap() noexcept {
   struct stat status {};
   if (file::StatusOf(descriptor_, status) != 0 || static_cast<std::uint64_t>(status.st_size) < size_) return false;

@@ -1,14 +1,14 @@
-// The ring file: entries are copied into a mapped file of fixed size; when it is full, writing continues after its
-// preserved part.
+// Writes the ring file: entries are copied into a mapped file of fixed size. When the file is full, writing continues
+// after its preserved part.
 //
-// The file outlives the process, also one that is killed in the middle of an entry. A terminator line follows the
-// newest entry, and the header has its offset. An entry becomes visible in this order: its bytes from the 17th on and
-// the new terminator after them, then its first 16 bytes in one store over the old terminator, then the new write
-// position in one store. So the header always shows the offset of the terminator, or of the one entry that was just
-// completed, with the terminator after it. docs/trace-ring.md has the reader's side.
+// The file stays after the process, even if the process is killed in the middle of an entry. A terminator line follows
+// the newest entry, and the header has the offset of this line. An entry becomes visible in this order: its bytes from
+// the 17th on and the new terminator after them, then its first 16 bytes in one store over the old terminator, then the
+// new write position in one store. So the header always has the offset of the terminator, or of an entry that was just
+// completed and has the terminator after it. docs/trace-ring.md describes the file for readers.
 //
-// This class does not write the header block that a new cycle begins with: the writer of the entries writes it between
-// BeginWrap and EndWrap.
+// This class does not write the header block at the beginning of a new cycle. The writer of the entries writes it
+// between BeginWrap and EndWrap.
 #pragma once
 
 #include <atomic>
@@ -23,9 +23,9 @@ namespace qx::debug {
 // Writes entries to a mapped ring file.
 //
 // Threads: the owner of the trace facility's lock. Other processes may read the file at any time; one process writes.
-// Owns: the descriptor and the mapping. Failure: Open returns what failed, and leaves the ring closed; writing cannot
-// fail. If the file is truncated while it is mapped, the next wrap notices it. Until then, a store after the new end of
-// the file kills the process (SIGBUS).
+// Owns: the descriptor and the mapping. Failure: Open returns the step that failed, and leaves the ring closed; writing
+// cannot fail. If the file is truncated while it is mapped, the next wrap notices it. Until then, a store after the new
+// end of the file kills the process (SIGBUS).
 class RingBufferSink {
  public:
   // The step of Open that failed.
@@ -40,7 +40,7 @@ class RingBufferSink {
     const char* path;
     std::uint32_t size;             // of the whole file, at least kRingBytesMin
     std::string_view start_time;    // without a line feed
-    std::string_view entry_header;  // begins each block of a new file
+    std::string_view entry_header;  // the beginning of each block of a new file
   };
 
   RingBufferSink() noexcept = default;
@@ -53,7 +53,7 @@ class RingBufferSink {
   // Anything but a regular file is refused.
   [[nodiscard]] OpenResult Open(const Source& source) noexcept;
 
-  // Sets every counter to its initial value, too.
+  // Closes the file and sets every counter to its initial value.
   void Close() noexcept;
 
   [[nodiscard]] bool IsOpen() const noexcept { return map_.load(std::memory_order_relaxed) != nullptr; }
@@ -71,18 +71,20 @@ class RingBufferSink {
   void Write(std::string_view entry) noexcept;
 
   // Ends the cycle: the rest of the file becomes dots, and writing continues at the offset of the first entry, for the
-  // header block. False: the file is no longer as long as its mapping, and must be closed.
+  // header block. False: the file has become shorter than its mapping, and must be closed.
   [[nodiscard]] bool BeginWrap() noexcept;
   [[nodiscard]] bool IsWrapping() const noexcept { return is_wrapping_; }
 
-  // The header block is written: continues at the wrap start or, without one, after the block; or at the offset of the
-  // first entry if `entry_size` bytes do not fit there.
+  // Called after the header block is written. Writing continues at the end of the preserved part or, if nothing is
+  // preserved, after the header block and a gap. If `entry_size` bytes do not fit there, it continues at the offset of
+  // the first entry.
   void EndWrap(std::size_t entry_size) noexcept;
 
-  // Leaves a gap after the header block of a new file; the entries begin at the start of a block of the file.
+  // Leaves a gap after the header block. The entries begin at the start of a block of the file.
   void LeaveGap() noexcept;
 
-  // Whether the start's entries can be kept: no wrap yet and more than 1 MiB left.
+  // Whether the entries of the start can be preserved: the ring has not wrapped since it was opened, and more than 1
+  // MiB is left.
   [[nodiscard]] bool CanKeepInit() const noexcept;
 
   // From now on wraps preserve everything before the write position.
@@ -101,13 +103,13 @@ class RingBufferSink {
   void StoreNumber(std::size_t offset, std::uint32_t number) noexcept;
   void EraseStaleTerminator() noexcept;
 
-  // Null while closed, so that an object in zeroed memory is closed. Atomic only to keep the destructor's store: the
-  // trace object is used after its end as well, and a plain store there would be dropped as dead.
+  // Null while closed, so that an object in zeroed memory is closed. Atomic, because the trace object is used after its
+  // destruction as well: the compiler would drop a plain store in the destructor as dead.
   std::atomic<char*> map_{nullptr};
   int descriptor_ = -1;
   std::uint32_t size_ = 0;
   std::size_t position_ = 0;
-  std::size_t wrap_start_ = 0;  // 0: none
+  std::size_t wrap_start_ = 0;  // 0: nothing is preserved
   std::uint32_t wraps_ = 0;
   std::uint32_t opens_ = 0;
   std::size_t stale_terminator_ = 0;  // the offset of the ended cycle's terminator, or 0

@@ -11,13 +11,13 @@ namespace {
 
 static_assert(kRingValueColumn + kRingValueChars + 2 == kRingLineBytes, "the value, the bar and the line feed");
 
-// Two digits at a time, for speed: the write position is formatted for every entry.
+// Writes two digits at a time, for speed: the write position is formatted for every entry.
 void PutPair(char* to, std::uint32_t number) {
   to[0] = static_cast<char>('0' + number / 10);
   to[1] = static_cast<char>('0' + number % 10);
 }
 
-// Writes one line, `label` with its colon in column 33, and returns where the next one begins.
+// Writes one line, in which `label` has its colon in column 33, and returns the place of the next line.
 char* PutLine(char* to, const char* label, std::string_view value) {
   char line[kRingLineBytes + 1];
   const int shown = static_cast<int>(std::min(value.size(), kRingValueChars));

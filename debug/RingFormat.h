@@ -1,4 +1,4 @@
-// The bytes of a ring file: eight header lines, a blank block, and entries from offset 1024 on.
+// Defines the format of a ring file: eight header lines, a blank block, and entries from offset 1024 on.
 //
 //   0     "FilePath                         : /var/log/brollan/log.app_a                  |\n"   80 bytes
 //         ... six more lines of a label, a value of at most 43 characters and "|" ...
@@ -6,7 +6,7 @@
 //   640   383 blanks and a line feed
 //   1024  entries, one after another; the terminator line follows the newest one
 //
-// docs/trace-ring.md is the page of this format: who may rely on what, and in which order the bytes are stored.
+// docs/trace-ring.md describes this format, and the order in which the bytes are stored.
 #pragma once
 
 #include <cstddef>
@@ -34,10 +34,10 @@ constexpr std::size_t kRingPositionOffset = 6 * kRingLineBytes + kRingValueColum
 static_assert(kRingOpensOffset == 275 && kRingWrapsOffset == 355 && kRingSizeOffset == 435 &&
               kRingPositionOffset == 515);
 
-// Follows the newest entry; the next entry overwrites it.
+// The line after the newest entry; the next entry overwrites it.
 constexpr std::string_view kRingTerminator = "## TRACE-END ##\n";
 
-// The smallest ring that holds its header and the longest plain entry; a configured ring has 256 pages at least.
+// The size of the smallest ring: its header and the longest plain entry fit. A configured ring has at least 256 pages.
 constexpr std::uint32_t kRingBytesMin = 4096;
 
 struct RingHeader {

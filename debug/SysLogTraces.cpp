@@ -14,10 +14,10 @@ namespace {
 
 constexpr std::size_t kMessageBytes = 1024;
 
-// The memory of the one object: its construction cannot fail, and nothing must be freed.
+// The memory of the only object. So its construction cannot fail, and nothing is freed.
 alignas(SysLogTraces) constinit unsigned char instance_memory[sizeof(SysLogTraces)] = {};
 
-// "100% done" => "100%% done": so that syslog shows the text as it is.
+// "100% done" => "100%% done": syslog then shows the text as it was.
 void DoublePercents(const char* text, char (&to)[2 * kMessageBytes]) {
   char* at = to;
   for (; *text != '\0'; ++text) {

@@ -1,4 +1,5 @@
-// Small text helpers of the trace facility: ASCII letters only, fixed fields always terminated.
+// Small functions on texts for the trace facility. They change only ASCII letters, and end each field of fixed size
+// with NUL.
 #pragma once
 
 #include <algorithm>
@@ -16,8 +17,8 @@ constexpr bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
                     [](char x, char y) { return LowerAscii(x) == LowerAscii(y); });
 }
 
-// The header of an entry starts its line, so the line feeds at the beginning of most formats are skipped. A format of
-// line feeds alone is kept.
+// The format without the line feeds at its beginning, because the header of an entry begins the line. A format of line
+// feeds only is unchanged.
 //   "\n\nabc" => "abc"
 //   "\n"      => "\n"
 constexpr const char* WithoutLeadingLineFeeds(const char* format) {

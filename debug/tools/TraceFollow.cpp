@@ -22,7 +22,7 @@ int TraceFollower::Open() {
   return 0;
 }
 
-// An empty file can still become either.
+// Decides whether the file is a log or a ring. An empty file can still become either.
 void TraceFollower::ChooseKind() {
   file_->TakeSize();
   if (file_->Size() != 0) {
@@ -39,7 +39,7 @@ TracePoll TraceFollower::Poll() {
   const bool is_last = !is_same && !poll.is_missing;
   if (follower_ != nullptr) follower_->Poll(*file_, is_last, poll);
   if (!is_last) return poll;
-  if (poll.is_pending) follower_->Poll(*file_, is_last, poll);  // a ring that was still being created
+  if (poll.is_pending) follower_->Poll(*file_, is_last, poll);  // for a ring that was still being created
   if (Open() != 0) return poll;
   TraceFollowEvent restart;
   restart.kind = TraceFollowEvent::Kind::kRestart;

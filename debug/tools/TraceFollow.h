@@ -1,8 +1,9 @@
-// Follows the writer of a trace file: returns what is new since the last snapshot, across wraps and restarts.
+// Follows the writer of a trace file, also across wraps and restarts: returns the entries that are new since the last
+// snapshot.
 //
-// A log does not show its write position, so the follower keeps a copy of the file and compares: what differs from the
-// copy is new. The newest entry of a log is returned only when it has been unchanged for a while, or another one
-// follows it: a snapshot can fall into the middle of a write. A ring's header has its write position.
+// A log does not show its write position, so the follower keeps a copy of the file, and bytes that differ from the copy
+// are new. The newest entry of a log is returned only when it has been unchanged for a while, or another one follows
+// it: a snapshot can fall into the middle of a write. A ring's header has its write position.
 #pragma once
 
 #include <sys/types.h>
@@ -18,7 +19,7 @@
 
 namespace qx::debug {
 
-// A file of more than this many bytes cannot be followed: up to three copies of a log are in memory.
+// A larger file cannot be followed, because up to three copies of a log are in memory.
 constexpr std::uint64_t kFollowedBytesMax = std::uint64_t{256} << 20;
 
 // The time for which the newest entry of a log must be unchanged: a writer can be preempted in the middle of a write
@@ -27,9 +28,9 @@ constexpr std::chrono::milliseconds kSettled{50};
 
 struct TraceFollowEvent {
   enum class Kind {
-    kEntry,    // something new: `entry`
+    kEntry,    // `entry` is new
     kRestart,  // the file was started over; its entries that were not read are lost
-    kLost,     // the writer was faster: about `bytes` bytes were overwritten before they were read
+    kLost,     // the writer was faster than the reader: about `bytes` bytes were overwritten before they were read
   };
   Kind kind = Kind::kEntry;
   TraceEntry entry;
@@ -44,7 +45,7 @@ struct TracePoll {
   int error = 0;            // the file cannot be read any more: EFBIG for one that is too large
 };
 
-// Follows a file of one kind, which stays open.
+// Follows a log or a ring.
 class TraceFileFollower {
  public:
   TraceFileFollower() = default;
@@ -56,12 +57,12 @@ class TraceFileFollower {
   virtual void Poll(const TraceFile& file, bool is_last, TracePoll& poll) = 0;
 };
 
-// Follows the file that a path names.
+// Follows the file at a path.
 //
-// Threads: none of its own.
+// Threads: one thread.
 // Owns: the open file and a copy of it.
-// Failure: bytes that are not entries come as pieces; a writer that is faster than the snapshots is reported with
-// kLost.
+// Failure: bytes that are not entries are returned as entries of kind kPiece. If the writer is faster than the
+// snapshots, kLost reports it.
 class TraceFollower {
  public:
   // With `from_now`, the entries of the first snapshot are not returned. `settled` is the time for which the newest
@@ -72,7 +73,7 @@ class TraceFollower {
   // Opens the file; 0 or the error number. [owning thread]
   [[nodiscard]] int Open();
 
-  // What is new since the last call. [owning thread]
+  // Takes a snapshot, and returns what is new since the last call. [owning thread]
   TracePoll Poll();
 
  private:

@@ -1,4 +1,4 @@
-// Following a log: the file is read whole for each snapshot, and compared with the previous snapshot (TraceLogPlan.h).
+// Follows a log: reads the whole file for each snapshot, and compares it with the previous snapshot (TraceLogPlan.h).
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -18,7 +18,7 @@ constexpr std::size_t kGrowthBytes = 65536;  // the most bytes by which a file m
 constexpr int kReadsMax = 10;
 
 // Reads until the end of the file is reached, even if the file grows during the read. Meanwhile the writer may append
-// the last entry of a cycle and then wrap: a snapshot with the wrap must have that entry, too.
+// the last entry of a cycle and then wrap: a snapshot with the wrap must also have that entry.
 bool ReadWhole(const TraceFile& file, std::string& bytes) {
   const auto status = file.Status();
   if (!status.has_value()) return false;
@@ -51,7 +51,8 @@ class LogFollower final : public TraceFileFollower {
   }
 
  private:
-  // Modification times are coarse: a second change within a second may have the same time.
+  // False only if the file is unchanged and its modification time is more than a second old: these times are coarse, so
+  // two changes may have the same time.
   bool HasChanged(const TraceFile& file) {
     const auto status = file.Status();
     const bool is_unchanged = status.has_value() && file::IsUnchanged(last_, *status);
@@ -93,7 +94,8 @@ class LogFollower final : public TraceFileFollower {
     Keep(plan, std::move(now), end, std::move(held));
   }
 
-  // True if the newest entry was held back before, and for long enough; otherwise the time starts again.
+  // True if the same newest entry was held back before, and for at least settled_. If it is another entry, the time
+  // starts again.
   bool IsSettled(std::uint64_t begin, const std::string& newest) {
     const auto time = std::chrono::steady_clock::now();
     if (begin == history_.position && newest == held_) return time - held_since_ >= settled_;
@@ -135,7 +137,7 @@ class LogFollower final : public TraceFileFollower {
   bool from_now_;
   std::chrono::milliseconds settled_;
   LogHistory history_;
-  std::string held_;  // the newest entry, seen and not returned yet
+  std::string held_;  // the newest entry if it was not returned yet
   std::chrono::steady_clock::time_point held_since_;
   struct stat last_ {};
   std::int64_t last_poll_s_ = 0;

@@ -1,4 +1,4 @@
-// Following a ring: its header has the write position and the number of wraps.
+// Follows a ring with the write position and the number of wraps in its header.
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -14,7 +14,7 @@ constexpr int kReadsMax = 10;
 
 std::uint64_t Minus(std::uint64_t a, std::uint64_t b) { return a > b ? a - b : 0; }
 
-// A range of the file with its bytes, read before the writer can reach it again.
+// A range of the file and its bytes.
 struct Piece {
   TraceRange range;
   std::string bytes;
@@ -72,7 +72,7 @@ class RingFollower final : public TraceFileFollower {
     return plan;
   }
 
-  // A new ring counts from 1 and has a new time of the first start.
+  // True if the file is a new ring: it has another time of the first start, or one of its numbers is lower than before.
   bool HasRestarted(const TraceRingHeader& header) const {
     const std::uint64_t wraps = header.wraps.value_or(0);
     return header.first_open != first_open_ || header.opens.value_or(0) < opens_ || wraps < wraps_ ||
@@ -106,7 +106,7 @@ class RingFollower final : public TraceFileFollower {
   }
 
   // Within one cycle the writer writes only after the newest entries that were read. It may overwrite older entries
-  // meanwhile: these are valid if a second read returns the same bytes.
+  // meanwhile, so older entries count only if a second read returns the same bytes.
   static bool IsUnchanged(const TraceFile& file, const TraceRingHeader& header, const std::vector<Piece>& pieces) {
     const auto is_same = [&](const Piece& piece) {
       return piece.range.part != TracePart::kOlder ||

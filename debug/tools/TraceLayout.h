@@ -1,4 +1,4 @@
-// Finds the entries of a trace file and their order of time, once, before they are read.
+// Finds out where the entries of a trace file are, and in which order they were written.
 //
 // A log that has wrapped and a ring are written in a circle, so their bytes are not in the order of time. A layout
 // lists the ranges of the file in that order. docs/trace-reading.md describes how they are found, and what a file does
@@ -19,7 +19,7 @@ enum class TraceFormat { kLog, kRing };
 
 // Which part of the circle a range belongs to.
 enum class TracePart {
-  kHead,    // kept from the start: never overwritten by a wrap
+  kHead,    // the beginning of the file, which a wrap never overwrites
   kOlder,   // the rest of the previous cycle
   kNewest,  // written since the last wrap; all of a file that has not wrapped
 };
@@ -27,8 +27,8 @@ enum class TracePart {
 struct TraceRange {
   enum class Kind {
     kEntries,
-    kPiece,  // lines that may belong to one entry or to another
-    kGap,    // no bytes: entries of this time were overwritten
+    kPiece,  // lines of which it is not known to which entry they belong
+    kGap,    // no bytes; the entries of this time were overwritten
   };
   Kind kind;
   TracePart part;
@@ -39,7 +39,7 @@ struct TraceRange {
 // A finding about a file, for an operator.
 struct TraceFinding {
   enum class Kind {
-    kNoEntries,      // bytes, but no entry
+    kNoEntries,      // the file has bytes, but no entry
     kHole,           // NUL bytes between lines
     kCutEnd,         // the last line has no line feed
     kStampsAlike,    // the stamps do not show where the newest entry of a log is
@@ -51,7 +51,7 @@ struct TraceFinding {
   std::string text;
 };
 
-// The line that a log's wrap leaves at the end of the head.
+// The line that a wrap of a log writes at the end of the head.
 struct TraceWrap {
   std::int64_t cycle = 0;
   std::uint64_t position = 0;  // of the line: the size of the head
@@ -59,7 +59,7 @@ struct TraceWrap {
   std::uint64_t max_bytes = 0;  // the first entry that ended after this offset was the last of its cycle
 };
 
-// The header of a ring file. A number that is not 16 digits is unset.
+// The header of a ring file. A number that does not have 16 digits is unset.
 struct TraceRingHeader {
   std::string first_open;
   std::string last_open;
@@ -78,11 +78,12 @@ struct TraceLayout {
   // The offset after the newest entry; in a wrapped log, after the first line of that entry, because the file does not
   // show how many more lines it has.
   std::uint64_t newest_end = 0;
-  // Where the newest cycle began: what a wrap returns to.
+  // The offset at which the newest cycle began, and to which the next wrap returns.
   std::uint64_t cycle_begin = 0;
 };
 
-// Finds the layout of a log or a ring with any bytes. Memory is bounded for a file of any size. [any thread]
+// Finds the layout of a log or a ring, whatever its bytes. The needed memory is limited, however large the file is.
+// [any thread]
 TraceLayout FindTraceLayout(const TraceSource& source);
 
 // Whether the source begins like a ring file. [any thread]

@@ -1,4 +1,4 @@
-// The lines of a trace file and the header that begins an entry, as they are read back.
+// Reads the lines of a trace file, and the header with which an entry begins.
 #pragma once
 
 #include <cstddef>
@@ -11,18 +11,18 @@
 
 namespace qx::debug {
 
-// A line, or a part of one that is longer than 64 KiB.
+// A line, or a part of a line that is longer than 64 KiB.
 struct TraceLine {
   std::uint64_t begin;    // offset of its first byte
   std::uint64_t end;      // offset after its line feed
-  std::string_view text;  // without the line feed; lives until the next line is read
-  bool has_end;           // false: no line feed, the bytes or this part end here
-  bool is_rest;           // a part after the first
+  std::string_view text;  // without the line feed; valid until the next line is read
+  bool has_end;           // false: no line feed follows, because the bytes or this part end here
+  bool is_rest;           // a later part of a long line
 };
 
-// Splits a range of a source into lines, through one window of bounded size. No text of the facility has a NUL: NUL
-// bytes at the beginning of a line are a hole, which a log gets if another program shortens it during a write, and are
-// skipped.
+// Splits a range of a source into lines, through one window of bounded size. NUL bytes at the beginning of a line are
+// skipped, because no trace text has a NUL: they are a hole, which a log gets if another program shortens the file
+// while it is written.
 class TraceLineReader {
  public:
   // Reads [begin, end) of `source`, which must outlive the reader. [owning thread]
@@ -52,10 +52,10 @@ class TraceLineReader {
 // The fields of an entry's header.
 struct TraceHeader {
   std::string_view stamp;                    // as it is in the file
-  std::optional<std::int64_t> stamp_ms;      // that local time as milliseconds since 1970-01-01 00:00; unset: unknown
+  std::optional<std::int64_t> stamp_ms;      // the stamp as milliseconds since 1970-01-01 00:00 local time; or unset
   std::uint32_t thread;                      // the low 32 bits of the thread's id
   std::optional<std::uint64_t> resident_kb;  // only with memory traces
-  std::string_view module;                   // without the blanks of its column
+  std::string_view module;                   // without the blanks that fill its column
   std::size_t length;                        // of the whole header; the text follows
 };
 

@@ -1,5 +1,6 @@
-// The layout of a log. Nothing in the file marks the end of the newest entry: it is before the first entry whose stamp
-// is lower. Lines without a header before that entry may belong to the newest entry, or to an overwritten one.
+// Finds the layout of a log. Nothing in the file marks the end of the newest entry, but the next entry in the file has
+// a lower stamp. Lines without a header before that next entry may belong to the newest entry, or to an overwritten
+// one.
 #include <charconv>
 
 #include "debug/tools/TraceLayout.h"
@@ -24,8 +25,8 @@ bool TakeNumber(std::string_view& text, Number& number) {
   return true;
 }
 
-// The wrap that wrote `line`; unset if the line is a trace text that only resembles one. A wrap's line is at the end of
-// the head, as the line states it, or at the beginning of the file if the wrap could not go there.
+// The wrap that wrote `line`; unset if the line is a trace text that only resembles one. The line of a wrap is at the
+// offset that it states, the end of the head, or at the beginning of the file if the wrap could not set that position.
 std::optional<TraceWrap> WrapOf(const TraceLine& line) {
   const auto header = ParseTraceHeader(line.text);
   if (!header.has_value() || line.is_rest || !line.has_end) return std::nullopt;

@@ -21,12 +21,13 @@ TraceRange NewRange(std::uint64_t begin, std::uint64_t end) {
   return {TraceRange::Kind::kEntries, TracePart::kNewest, begin, end};
 }
 
-// Lines that may belong to the newest entry. A later snapshot returns them, when the next entry shows whether they do.
+// Lines that may belong to the newest entry. A later snapshot returns these lines, when the next entry shows whether
+// they belong to it.
 bool IsUndecided(const TraceRange& range) {
   return range.kind == TraceRange::Kind::kPiece && range.part == TracePart::kNewest;
 }
 
-// Everything in the file.
+// Plans to return everything in the file, or nothing if `has_old` is false.
 void PlanAll(const std::string& now, bool has_old, LogPlan& plan) {
   const TraceMemory source(now);
   const TraceLayout layout = FindLogLayout(source);
@@ -39,7 +40,8 @@ void PlanAll(const std::string& now, bool has_old, LogPlan& plan) {
   }
 }
 
-// The rest of the cycle that was read, and the newest entries; `from` is the end of the read part.
+// Plans to return the rest of the cycle that was read before, and the newest entries. `from` is the end of the part
+// that was read.
 void PlanOverwritten(const std::string& now, std::int64_t wraps, std::uint64_t from, LogPlan& plan) {
   const TraceMemory source(now);
   const TraceLayout layout = FindLogLayout(source);

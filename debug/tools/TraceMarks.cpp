@@ -9,7 +9,7 @@ namespace {
 constexpr std::string_view kTerminatorText = "## TRACE-END ##";
 constexpr std::string_view kEndOfInitText = "### End of initialization. ###";
 
-// The blocks that fill a new ring: a header and "_" up to the end of a block.
+// True for a block that fills a new ring: a header, and "_" up to the end of the block.
 bool IsFiller(const TraceLine& line, std::string_view text) {
   return IsFillerText(text) && line.end % kRingBlockBytes == 0;
 }
@@ -63,7 +63,7 @@ void NoteEntry(LogMarks& marks, const EntryMark& entry) {
 
 LogMarks CollectLogMarks(TraceLineReader& reader, const TraceWrap& wrap, std::optional<std::int64_t> wrap_stamp_ms) {
   LogMarks marks = StartLogMarks(wrap, wrap_stamp_ms);
-  Boundary before_entry;  // the one whose lines are read
+  Boundary before_entry;  // before the entry whose lines are being read
   bool has_lines = false;
   for (TraceLine line{}; reader.Next(line); marks.end = line.end) {
     const auto header = HeaderOf(line);
@@ -123,7 +123,7 @@ KeptMarks CollectKeptMarks(TraceLineReader& reader, const HeaderBlock& block) {
   bool follows_start = false;
   for (TraceLine line{}; reader.Next(line);) {
     if (IsTerminator(line) && line.end <= GapEnd(block.end)) {
-      // The block was longer before: the text between its old and its new end is not an entry any more.
+      // This is the end of an older, longer block: what was found before it is the rest of that block, not entries.
       marks = KeptMarks{};
       is_start = true;
       continue;

@@ -1,6 +1,6 @@
-// The layout of a ring file. Its header shows the end of the newest entry, but not the start of the newest cycle. Among
-// the places where a cycle may start (after the gap, and after each entry "End of initialization"), the stamps show
-// which one it is.
+// Finds the layout of a ring file. The file's header shows the end of the newest entry, but not the start of the newest
+// cycle. A cycle may start after the gap, and after each entry "End of initialization"; the stamps show which of these
+// places it is.
 //
 //   1024                                                                                        size
 //   | header block | END | gap | kept from the start | newest entries | END | older entries | ..... |
@@ -43,8 +43,8 @@ bool IsTerminatorAt(const TraceSource& source, std::uint64_t offset) {
   return source.BytesAt(offset, kRingTerminator.size()) == kRingTerminator;
 }
 
-// Where the dots at the end of a ring that has wrapped begin. They begin a line, and fill the space that was too small
-// for the next entry.
+// The offset of the dots at the end of a ring that has wrapped. The dots begin a line, and fill the space that was too
+// small for the next entry.
 std::uint64_t FillBegin(const TraceSource& source, std::uint64_t floor) {
   std::uint64_t at = source.Size();
   while (at > floor) {
@@ -57,7 +57,7 @@ std::uint64_t FillBegin(const TraceSource& source, std::uint64_t floor) {
   return floor;
 }
 
-// True if there are entries, other than the filling of a new file.
+// True if there is an entry; the blocks that fill a new file do not count.
 bool HasEntries(const TraceSource& source, std::uint64_t begin, std::uint64_t end) {
   TraceLineReader reader(source, begin, end);
   for (TraceLine line{}; reader.Next(line);) {
@@ -70,8 +70,8 @@ bool HasEntries(const TraceSource& source, std::uint64_t begin, std::uint64_t en
 // The entries before the write position.
 struct Front {
   std::uint64_t block_end = 0;    // after the header block
-  std::uint64_t kept_begin = 0;   // the first entry after the gap; 0: none
-  std::uint64_t cycle_begin = 0;  // the first entry of the newest cycle; 0: none
+  std::uint64_t kept_begin = 0;   // the first entry after the gap; 0: no entry
+  std::uint64_t cycle_begin = 0;  // the first entry of the newest cycle; 0: no entry
 };
 
 Front ScanFront(const TraceSource& source, std::uint64_t write_position) {
@@ -82,8 +82,8 @@ Front ScanFront(const TraceSource& source, std::uint64_t write_position) {
   return {.block_end = block.end, .kept_begin = marks.first, .cycle_begin = CycleBegin(marks)};
 }
 
-// The end of the entry at `begin`, if a terminator follows it before any other entry; else 0. A writer stores an entry
-// before the position after it, and may have been killed between the two.
+// The end of the entry at `begin`, if a terminator follows it before any other entry; otherwise 0. A writer stores an
+// entry and then its end in the header, and may have been killed between the two stores.
 std::uint64_t EndOfUncountedEntry(const TraceSource& source, std::uint64_t begin) {
   TraceLineReader reader(source, begin, source.Size());
   bool is_first = true;
@@ -110,7 +110,8 @@ std::uint64_t SearchTerminator(const TraceSource& source) {
   return found != 0 ? found : first;
 }
 
-// The end of the newest entry: the position in the header if a terminator is there, else that of the last terminator.
+// The end of the newest entry: the position in the header, if a terminator is there or after one more entry; otherwise
+// the position of the last terminator.
 std::uint64_t FindWritePosition(const TraceSource& source, TraceLayout& layout) {
   const auto stored = layout.ring->write_position;
   if (stored.has_value() && *stored >= kRingFirstEntry && *stored < source.Size()) {
@@ -139,7 +140,8 @@ void AddRange(TraceLayout& layout, TracePart part, std::uint64_t begin, std::uin
   if (begin < end) layout.ranges.push_back({TraceRange::Kind::kEntries, part, begin, end});
 }
 
-// Never wrapped: all in the order of the file, without the gap after the header block.
+// Lays out a ring that has never wrapped: all entries in the order of the file. The gap after the header block is left
+// out.
 void LayOutFilling(TraceLayout& layout, const Front& front, std::uint64_t write_position) {
   AddRange(layout, TracePart::kNewest, kRingFirstEntry, front.block_end);
   AddRange(layout, TracePart::kNewest, front.kept_begin != 0 ? front.kept_begin : write_position, write_position);
@@ -156,8 +158,8 @@ void LayOutWrapped(TraceLayout& layout, const Front& front, std::uint64_t write_
   layout.cycle_begin = cycle;
 }
 
-// The header as two reads in a row found it: the processor may show the halves of a number's store one after the other.
-// A writer that never pauses for so long changes the header with each entry; then the last read counts.
+// Reads the header until two reads in a row are equal: during one read, only half of a number's store may be visible.
+// If a fast writer changes the header between all reads, the last one counts.
 std::string HeaderText(const TraceSource& source) {
   constexpr std::size_t kHeaderBytes = kLabels.size() * kRingLineBytes;
   constexpr int kReadsMax = 10;

@@ -17,7 +17,7 @@ using Kind = SettingSource::Kind;
 
 constexpr std::int32_t kFactorMax = 2;
 
-// Reads files and environment like the facility, but without its output: no log is opened, so no log is emptied.
+// Reads files and environment as the trace facility does, but opens no log, because that would empty it.
 class SettingsReader : public CDebugTraceConfig {
  public:
   SettingsReader(const std::string& directory, const std::string& app_name) {
@@ -34,13 +34,13 @@ class SettingsReader : public CDebugTraceConfig {
 std::string Decimal(std::uint32_t value) { return std::to_string(value); }
 std::string Signed(std::uint32_t value) { return std::to_string(static_cast<std::int32_t>(value)); }
 
-// Adds settings one after another, each with the first source that has it.
+// A list of settings, each with the first source that has it.
 class SourceList {
  public:
   SourceList(const std::string& directory, const std::string& application_file, const std::string& app_name)
       : global_file_(directory + "/global_trace.ini"), application_file_(application_file), app_name_(app_name) {}
 
-  // `variables` in order of priority, ended by null.
+  // `variables` are in the order of their priority.
   void Add(const char* setting, const std::string& value, std::initializer_list<const char*> variables, const char* key,
            bool is_in_file) {
     SettingSource source{

@@ -1,4 +1,4 @@
-// The settings of the trace facility with the source of each.
+// Finds the settings of the trace facility, and the source of each setting.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 
 namespace qx::debug {
 
-// One setting, as a program that starts now in this environment uses it.
+// One setting, with the value for a program that starts now in this environment.
 struct SettingSource {
   enum class Kind {
     kDefault,
@@ -25,8 +25,7 @@ struct SettingSource {
 constexpr const char* kTraceConfigDirectory = "/etc/norrlek/QuaxelSuite/TraceConfig";
 
 // The settings that the application `app_name` reads from the environment of this process and from the settings files
-// in `directory`. Nothing is opened but these files. Throws std::bad_alloc. [any thread that does not change the
-// environment]
+// in `directory`. No other files are opened. Throws std::bad_alloc. [any thread that does not change the environment]
 std::vector<SettingSource> ReadSettingSources(const std::string& app_name,
                                               const std::string& directory = kTraceConfigDirectory);
 

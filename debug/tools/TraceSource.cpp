@@ -35,8 +35,8 @@ std::optional<struct stat> TraceFile::Status() const noexcept {
   return status;
 }
 
-// The writer of a ring stores into a mapping, in release order. So that a later read never shows an older state of the
-// file, the reads of one call come before those of the next.
+// The writer of a ring stores into a mapping, in release order. This fence keeps the reads of one call before those of
+// the next, so that a later read never returns an older state of the file.
 std::size_t TraceFile::ReadAt(std::uint64_t offset, char* to, std::size_t size) const noexcept {
   const std::size_t bytes = file::ReadAt(file_.Number(), static_cast<std::int64_t>(offset), to, size).bytes;
   std::atomic_thread_fence(std::memory_order_acquire);

@@ -1,4 +1,4 @@
-// The source of a trace file's bytes: an open file, or memory.
+// Reads the bytes of a trace file, from an open file or from memory.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,7 +13,7 @@
 
 namespace qx::debug {
 
-// Bytes that can be read at any offset. Readers never rely on the size: a file may shrink meanwhile.
+// Bytes that can be read at any offset. Readers must not rely on the size, because a file may become shorter meanwhile.
 class TraceSource {
  public:
   TraceSource() = default;
@@ -25,7 +25,7 @@ class TraceSource {
   [[nodiscard]] virtual std::uint64_t Size() const noexcept = 0;
 
   // Reads up to `size` bytes from `offset` on and returns the number of read bytes: fewer only at the end of the file
-  // or after a read error, which are treated alike. [owning thread]
+  // or after a read error. [owning thread]
   [[nodiscard]] virtual std::size_t ReadAt(std::uint64_t offset, char* to, std::size_t size) const noexcept = 0;
 
   // The bytes from `offset` on, at most `size` of them. [owning thread]

@@ -14,15 +14,16 @@ constexpr std::size_t kEntryLinesMax = 4096;
 
 bool IsHeaderLine(const TraceLine& line) { return !line.is_rest && ParseTraceHeader(line.text).has_value(); }
 
-// The blocks that fill a new ring: a header and "_" up to the end of a block.
+// True for a block that fills a new ring: a header, and "_" up to the end of the block.
 bool IsFiller(const TraceEntry& entry) {
   return entry.kind == TraceEntry::Kind::kEntry && entry.lines.size() == 1 && !entry.lines[0].empty() &&
          entry.end % kRingBlockBytes == 0 && entry.end - entry.begin == kRingBlockBytes &&
          entry.lines[0].find_first_not_of('_') == std::string::npos;
 }
 
-// If the writer of a wrapped log continues, the bytes after the wrap line change; the line itself changes at the next
-// wrap. A ring's header changes with every entry; but before the first wrap, no entry overwrites another.
+// Bytes that change if the writer overwrites an entry. In a log that has wrapped, the bytes after the newest entry
+// change, and the line of the wrap changes at the next wrap. In a ring, the header changes with every entry; but before
+// the first wrap no entry is overwritten, so only the number of wraps is used.
 std::string MarkOf(const TraceSource& source, const TraceLayout& layout) {
   constexpr std::size_t kBeginBytes = 256;
   if (layout.format == TraceFormat::kRing) {
@@ -95,7 +96,7 @@ void TraceEntryReader::StartEntry(TraceEntry& entry) {
   entry.header = line_.text.substr(0, header->length);
 }
 
-// Takes the first line and all following lines without a header, up to the greatest size of an entry.
+// Adds the current line and all following lines without a header to the entry, up to the greatest size of an entry.
 void TraceEntryReader::TakeLines(TraceEntry& entry) {
   std::size_t bytes = 0;
   const bool takes_headers = range_.kind == TraceRange::Kind::kPiece;
@@ -140,7 +141,8 @@ bool TraceUnroller::Next(TraceEntry& entry) {
     if (!reader_.Next(entry)) return false;
   } while (layout_.format == TraceFormat::kRing && IsFiller(entry));
   has_entries_ = has_entries_ || entry.kind == TraceEntry::Kind::kEntry;
-  // The wrap's line is the first of its range; a text that only resembles it is an ordinary entry.
+  // Only the first line of the newest range is the line of the wrap; another text that resembles it is an ordinary
+  // entry.
   if (layout_.wrap.has_value() && entry.part == TracePart::kNewest && entry.begin == layout_.wrap->position) {
     entry.kind = TraceEntry::Kind::kWrap;
   }
