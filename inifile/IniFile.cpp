@@ -15,10 +15,10 @@
 namespace {
 
 constexpr unsigned kTextStep = 1024;
-// The last of the sizes 1024, 2048, ... that a text may take.
+// The size of the largest buffer for a text.
 constexpr unsigned kTextSizeMax = 63 * kTextStep;
 
-// A read that ends this close to the buffer's end may have been cut.
+// True if the result of a read fills the buffer so far that it may have been cut.
 bool MayBeCut(unsigned length, unsigned size) { return length == size - 1 || length == size - 2; }
 
 std::unique_ptr<char[]> NewBytes(std::size_t size) { return std::unique_ptr<char[]>(new (std::nothrow) char[size]); }
@@ -31,12 +31,12 @@ std::unique_ptr<char[]> Copy(const char* text) {
   return copy;
 }
 
-// The result of a read of any length up to the limit. A result that does not fit into the first buffer is read again
-// into the largest one: with buffers of all sizes between them, the file would be scanned up to 63 times. Every value
-// of an entry fits into the first buffer.
+// Reads a text of any length up to the limit. A text that does not fit into the first buffer is read again into the
+// largest one, without steps between the two sizes, because each step would scan the file again. Every value of an
+// entry fits into the first buffer; lists and defaults may be longer.
 class ReadText {
  public:
-  // False when the text is too long or there is no memory for it.
+  // False if the text is too long, or if memory runs out.
   [[nodiscard]] bool Read(const char* section, const char* key, const char* def, const char* path) {
     text_ = first_.data();
     length_ = CIniFile::GetPrivateProfileString(section, key, def, first_.data(), kTextStep, path);
@@ -125,7 +125,7 @@ void CIniFile::ForgetString() {
   string_size_ = 0;
 }
 
-// The buffer only grows, in the steps of the read.
+// Copies the text into the object's buffer, which only grows, in steps of 1024 bytes.
 const char* CIniFile::KeepString(const char* text, unsigned length) {
   const unsigned needed = length + 1;
   if (needed > string_size_) {
@@ -156,7 +156,7 @@ const char* CIniFile::GetEnum(const char* section) {
   return enum_cursor_;
 }
 
-// An empty name can be inside a list (an entry "=value"); only the list's own end stops the cursor.
+// A list may contain an empty name (of an entry "=value"), so only the end of the list stops the cursor.
 const char* CIniFile::GetNextEnum() {
   if (enum_cursor_ == nullptr || !is_open_) return "";
   const char* const next = enum_cursor_ + std::strlen(enum_cursor_) + 1;
@@ -203,12 +203,12 @@ bool CIniFile::CopySection(const char* from, const char* to) {
   if (!IsUsable()) return false;
   if (from == nullptr || to == nullptr) return is_open_;
   for (const char* key = GetEnum(from); *key != '\0'; key = GetNextEnum()) {
-    (void)SetString(to, key, GetString(from, key, ""));  // the result shows only whether the object is open
+    (void)SetString(to, key, GetString(from, key, ""));  // CopySection does not return the result of a write
   }
   return is_open_;
 }
 
 void CIniFile::Flush() {
   if (!is_open_) return;
-  (void)WritePrivateProfileString(nullptr, nullptr, nullptr, file_name_.get());  // traces the warning, and is false
+  (void)WritePrivateProfileString(nullptr, nullptr, nullptr, file_name_.get());  // traces the warning and returns false
 }

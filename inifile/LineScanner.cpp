@@ -31,7 +31,7 @@ bool LineScanner::Next(std::string_view& line) {
   return true;
 }
 
-// 0 while more bytes are needed, and at the end of the file.
+// The length of the line at the front; 0 if more bytes are needed, and at the end of the file.
 std::size_t LineScanner::LengthOfLineAtFront() const noexcept {
   const std::string_view longest = unread_.substr(0, kLineBytesMax);
   const std::size_t line_feed = longest.find('\n');
@@ -40,7 +40,7 @@ std::size_t LineScanner::LengthOfLineAtFront() const noexcept {
   return is_whole ? longest.size() : 0;
 }
 
-// Less than a line is unread here, so there is space after it once it is at the window's front.
+// Moves the unread bytes, which are fewer than a line, to the front of the window, and reads more after them.
 void LineScanner::ReadMore() {
   const std::size_t kept = unread_.size();
   if (kept > 0) std::memmove(window_.data(), unread_.data(), kept);

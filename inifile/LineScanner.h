@@ -1,9 +1,9 @@
 // Reads the lines of an open file through one fixed window. No line needs an allocation.
 //
-// A line is what fgets into a buffer of 1024 bytes leaves there as a C string:
+// A line is the C string that fgets would read into a buffer of 1024 bytes:
 //   "key=1\n"               => "key=1\n"
-//   "key=1" at the end      => "key=1"            the last line may lack its line feed
-//   "ke\0y=1\n"             => "ke"               a NUL hides the rest, line feed included
+//   "key=1" at the end      => "key=1"            the last line may have no line feed
+//   "ke\0y=1\n"             => "ke"               a NUL hides the rest of the line and its line feed
 //   1500 times "x", "\n"    => 1023 times "x", then 477 times "x" and "\n"
 // The position counts all bytes of the file, also those after a NUL. The scanner does not open or write files, and does
 // not interpret lines.
@@ -18,11 +18,11 @@
 
 namespace qx::inifile {
 
-// The lines of one file, front to back.
+// Reads the lines of one file, from front to back.
 //
 // Threads: one thread at a time.
-// Owns: nothing; the descriptor and the window stay the caller's and outlive the scanner.
-// Failure: a read that fails ends the file there; HasFailed shows it.
+// Owns: nothing; the descriptor and the window belong to the caller and must outlive the scanner.
+// Failure: if a read fails, the lines end there, and HasFailed returns true.
 class LineScanner {
  public:
   static constexpr std::size_t kLineBytesMax = 1023;
@@ -32,13 +32,14 @@ class LineScanner {
   // has space for at least kLineBytesMax bytes. [owning thread]
   LineScanner(int descriptor, std::span<char> window) noexcept;
 
-  // The next line, or false at the end. `line` lives until the next call and is unchanged on false. [owning thread]
+  // The next line, or false at the end. `line` is valid until the next call; if the result is false, it is unchanged.
+  // [owning thread]
   [[nodiscard]] bool Next(std::string_view& line);
 
   // Skips lines while `can_skip` returns true for them. `can_skip` gets each line without its line feed, but with the
-  // bytes after a NUL. Plain lines without the mark (inifile/MarkedLine.h) are skipped without a call, so `can_skip`
-  // would have to return true for them. The scan may stop before any line: SkipLines only saves calls of Next.
-  // [owning thread]
+  // bytes after a NUL. Lines that BytesToMarkedLine (inifile/MarkedLine.h) skips are skipped without a call of
+  // `can_skip`, so it must be correct to skip them. The scan may stop before any line: SkipLines only saves calls of
+  // Next. [owning thread]
   template <typename Predicate>
   void SkipLines(LineMark mark, Predicate can_skip) noexcept {
     std::string_view rest = unread_;
@@ -53,7 +54,7 @@ class LineScanner {
     unread_ = rest;
   }
 
-  // Offset in the file of the byte after the line taken last. [owning thread]
+  // The offset in the file of the first byte that was neither returned nor skipped. [owning thread]
   [[nodiscard]] std::uint64_t Position() const noexcept { return position_; }
 
   // Whether the lines ended because of a read error. [owning thread]

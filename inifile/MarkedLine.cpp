@@ -15,12 +15,12 @@ namespace qx::inifile {
 namespace {
 
 constexpr std::size_t kStep = sizeof(__m128i);
-// Steps without a line feed after which the line may be longer than the scanner's lines.
+// After this many bytes without a line feed, the line may be longer than a line of the scanner.
 constexpr std::size_t kLongLine = LineScanner::kLineBytesMax - 3 * kStep;
 
 __m128i Load(const char* at) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at)); }
 
-// The byte after a line feed is the first of a line: 0xFF where that line is a header or begins with a blank.
+// For each byte that is the first of a line: 0xFF if the line is a header or begins with a blank or control character.
 __m128i HeadersAndBlanks(__m128i first) {
   const __m128i headers = _mm_cmpeq_epi8(first, _mm_set1_epi8('['));
   const __m128i blanks = _mm_cmpeq_epi8(first, _mm_min_epu8(first, _mm_set1_epi8(' ')));

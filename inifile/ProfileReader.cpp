@@ -1,4 +1,4 @@
-// The reading primitive: opens the file once, reads it once, and allocates nothing.
+// GetPrivateProfileString: opens the file once, reads it once, and allocates nothing.
 #include <fcntl.h>
 
 #include <array>
@@ -16,7 +16,7 @@ namespace qx::inifile {
 
 namespace {
 
-// The request of a read. Without a section or key it is a list.
+// The request of a read. If section or key is null, a list is requested.
 struct Query {
   const char* section;
   const char* key;
@@ -24,7 +24,7 @@ struct Query {
   [[nodiscard]] bool IsList() const { return section == nullptr || key == nullptr; }
 };
 
-// The caller's buffer of at least two bytes. `count` exceeds the buffer if a text was cut.
+// The caller's buffer, of at least two bytes. If a text was cut, count_ is larger than the buffer.
 class Result {
  public:
   Result(char* buf, std::size_t size) : buf_(buf), size_(size) {}
@@ -76,11 +76,11 @@ std::optional<std::string_view> NameInHeader(std::string_view line) {
   return line.substr(1, end - 1);
 }
 
-// True for plain text that does not begin with `key`, and so cannot be an entry of this key.
-//   "name=x", "key" => yes     "keys=x", "key" => no, though it is not one either
+// True for a plain line that does not begin with `key`, and so cannot be an entry of this key.
+//   "name=x", "key" => yes     "keys=x", "key" => no, although it is not an entry of "key"
 bool IsOtherEntry(std::string_view line, std::string_view key) { return IsPlainText(line) && !line.starts_with(key); }
 
-// False if the entry ends the search.
+// Handles a line of the section. False if the search ends with it.
 bool TakeEntry(std::string_view line, const Query& query, Result& result) {
   const std::optional<Entry> entry = ParseEntry(line);
   if (!entry) return true;
@@ -112,7 +112,7 @@ void SkipOtherLines(LineScanner& lines, bool is_inside, std::string_view key) {
                   [key](std::string_view line) { return IsOtherEntry(line, key); });
 }
 
-// Only the first section of the name is read: the next header, of any name, ends the search.
+// Only the first section with the name is read: the next header, whatever its name, ends the search.
 void SearchSection(LineScanner& lines, const Query& query, Result& result) {
   const std::string_view section = query.section;
   const std::string_view key = query.key != nullptr ? query.key : "";
@@ -169,6 +169,6 @@ unsigned CIniFile::GetPrivateProfileString(const char* section, const char* key,
                                            unsigned size, const char* path) {
   if (buf == nullptr || path == nullptr || size == 0) return 0;
   buf[0] = '\0';
-  if (size == 1) return 0;  // size - 2 would wrap: the search would never be full
+  if (size == 1) return 0;  // size - 2 would wrap
   return qx::inifile::Read({.section = section, .key = key}, def, buf, size, path);
 }

@@ -1,4 +1,4 @@
-// The syntax that readers and writers of profile files share: white space, section headers, comments and entries.
+// Parses the lines of profile files, for readers and writers: white space, section headers, comments and entries.
 #pragma once
 
 #include <optional>
@@ -6,7 +6,7 @@
 
 namespace qx::inifile {
 
-// White space in the ASCII sense, whatever the locale: a byte above 127 is always text.
+// ASCII white space, whatever the locale: a byte above 127 is always text.
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 
 inline std::string_view WithoutTrailing(std::string_view text, std::string_view characters) noexcept {
@@ -20,7 +20,7 @@ inline std::string_view WithoutLeadingWhiteSpace(std::string_view text) noexcept
 
 inline bool IsHeader(std::string_view line) noexcept { return line.starts_with('['); }
 
-// A header names a section when that name and "]" follow its "[" at once.
+// True if the line is the header of the section: the name and "]" follow directly after "[".
 //   "[Sec] text", "Sec" => yes
 //   "[ Sec]", "[sec]", "[Second]", "[Sec" with "Sec" => no
 //   "[a]b]", "a]b" => yes
@@ -29,7 +29,7 @@ inline bool IsHeaderOf(std::string_view line, std::string_view section) noexcept
   return IsHeader(line) && name.starts_with(section) && name.substr(section.size()).starts_with(']');
 }
 
-// A ";" starts a comment wherever it is, in values too.
+// The line without its comment. A ";" begins a comment anywhere, even in a value.
 inline std::string_view WithoutComment(std::string_view line) noexcept {
   return WithoutTrailing(line.substr(0, line.find(';')), kWhiteSpace);
 }
@@ -47,7 +47,8 @@ inline std::optional<Entry> ParseEntry(std::string_view line) noexcept {
                .value = WithoutLeadingWhiteSpace(line.substr(equals + 1))};
 }
 
-// True for a line that is plainly not a header. After leading blanks and control characters, it may be one.
+// True for a line that certainly is not a header: it begins neither with "[" nor with a blank or control character,
+// after which a header may follow.
 inline bool IsPlainText(std::string_view line) noexcept {
   return !line.empty() && static_cast<unsigned char>(line.front()) > ' ' && line.front() != '[';
 }

@@ -1,8 +1,9 @@
-// The writing primitive: finds the region of an edit in one scan, writes the edit, and moves the rest of the file.
+// WritePrivateProfileString and WriteLines: find the region of an edit in one scan, write the edit, and move the rest
+// of the file.
 //
-// The writer reads lines more strictly than the reader: no white space is skipped, so an indented header or key is not
-// found. It also drops the last character of every line, because it expects the line feed there. So a real character is
-// missing in a last line without line feed, and in each piece of a line that was split.
+// Quirk: the writer skips no white space at the beginning of a line, so it does not find an indented header or key,
+// which the reader finds. It drops the last character of every line, where it expects the line feed. So a character is
+// missing in a last line without line feed, and in each piece of a long line.
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -29,7 +30,7 @@ namespace {
 
 constexpr mode_t kNewFileMode = 0644;
 
-// The edit. Without a key the section is removed, without a value the key.
+// The requested edit. If `key` is null, the section is removed; if `value` is null, the key.
 struct Edit {
   const char* section;
   const char* key;
@@ -49,15 +50,15 @@ bool Closed(Stream stream) { return std::fclose(stream.release()) == 0; }
 
 enum class PlaceKind { kEntry, kNextHeader, kEndOfFile, kUnreadable };
 
-// The state at the end of the scan. A region begins after the last line with content before it. So the empty lines and
-// comment lines directly above a line belong to the region of this line.
+// The state at the end of the scan. The region of a line begins with the empty lines and comment lines directly above
+// it.
 struct Place {
   PlaceKind kind = PlaceKind::kEndOfFile;
   bool has_section = false;
-  std::uint64_t section_begin = 0;  // of the region of the section's header
-  unsigned section_lines = 0;       // handled since that header, including the one at `begin`
+  std::uint64_t section_begin = 0;  // where the region of the section's header begins
+  unsigned section_lines = 0;       // lines with content since that header, with the one at `begin`
   std::uint64_t begin = 0;
-  std::uint64_t end = 0;  // after the line at which the walk ended
+  std::uint64_t end = 0;  // after the line at which the scan ended
 };
 
 std::string_view WithoutLastCharacter(std::string_view line) {
@@ -66,7 +67,7 @@ std::string_view WithoutLastCharacter(std::string_view line) {
 
 bool IsEmptyOrComment(std::string_view line) { return line.empty() || line.front() == ';'; }
 
-// Reads lines up to and including the first meaningful one; `place` is then their range.
+// Reads lines up to the first line with content, and sets the region in `place`. False at the end of the file.
 bool NextRegion(LineScanner& lines, Place& place, std::string_view& line) {
   place.begin = lines.Position();
   bool is_found = false;
@@ -78,7 +79,7 @@ bool NextRegion(LineScanner& lines, Place& place, std::string_view& line) {
   return is_found;
 }
 
-// Here, white space before the key is part of the key.
+// True if the line is an entry of `key`. White space before the key counts as a part of the key.
 bool IsEntryOf(std::string_view line, std::string_view key) {
   const std::size_t equals = line.find('=');
   return equals != std::string_view::npos && WithoutTrailing(line.substr(0, equals), " \t") == key;
@@ -110,7 +111,7 @@ Place FindPlace(const file::Descriptor& file, const Edit& edit) {
   std::array<char, LineScanner::kWindowBytes> window;
   LineScanner lines(file.Number(), window);
   Place place = FindPlace(lines, edit);
-  // After a failed read, the section may be in the part that was not read. An append would make a second one.
+  // After a failed read, the section may be in the part that was not read. To append it would make a second section.
   if (lines.HasFailed()) place.kind = PlaceKind::kUnreadable;
   return place;
 }
@@ -137,7 +138,7 @@ std::unique_ptr<char[]> ReadTail(FILE* stream, std::uint64_t offset, std::uint64
 void CutBack(int descriptor, off_t old_end) { (void)file::Truncate(descriptor, old_end); }
 
 // Reserves the space that an edit needs before it overwrites anything, so that a full disk leaves the file unchanged.
-// Only a lack of space counts: if space cannot be reserved for another reason, the writes themselves show the error.
+// False only if there is too little space. If the reservation fails for another reason, the writes will show an error.
 bool ReserveSpace(FILE* stream, std::uint64_t old_size, std::uint64_t new_size) {
   if (new_size <= old_size) return true;
   const auto old_end = static_cast<off_t>(old_size);
@@ -168,15 +169,15 @@ bool Splice(FILE* stream, std::uint64_t begin, std::uint64_t end, std::string_vi
   return WriteAll(stream, text) && WriteAll(stream, kept) && TruncateHere(stream);
 }
 
-// Offsets in WriteLines have 32 bits: an edit after 4 GiB is refused, never made elsewhere.
+// Calls WriteLines. Its offsets have 32 bits, so an edit after 4 GiB is refused.
 bool WriteRegion(FILE* stream, std::uint64_t from, std::uint64_t to, const Edit& edit, bool new_line_first) {
   if (to > std::numeric_limits<unsigned>::max()) return false;
   return CIniFile::WriteLines(stream, static_cast<unsigned>(from), static_cast<unsigned>(to), edit.key, edit.value,
                               new_line_first);
 }
 
-// Quirk: an entry that is its section's first line gets a line feed before it. This keeps the empty line that the
-// writer adds after a header, or adds a missing one; if the entry is deleted, the empty line stays.
+// Quirk: if the entry is the first line of its section, a line feed is written before it. So the empty line that the
+// writer makes after a header stays, or is added. If the entry is deleted, this line stays as well.
 bool EditPlace(FILE* stream, const Place& place, const Edit& edit) {
   if (place.kind == PlaceKind::kEntry) {
     return WriteRegion(stream, place.begin, place.end, edit, place.section_lines < 2);
@@ -199,7 +200,7 @@ bool EditInPlace(file::Descriptor file, const Place& place, const Edit& edit) {
   return result;
 }
 
-// A partial append is removed: otherwise the next line would be appended to a partial one.
+// Appends the text. If the append fails half-way, the part is removed: otherwise the next line would be appended to it.
 bool AppendText(file::Descriptor file, std::string_view text) {
   struct stat before;
   if (file::StatusOf(file.Number(), before) != 0) return false;
@@ -221,7 +222,7 @@ bool Append(const Edit& edit, bool with_header, bool is_new) {
     TraceAppendError(edit);
     return false;
   }
-  if (is_new) (void)fchmod(file.Number(), kNewFileMode);  // whatever the umask; some file systems have no modes
+  if (is_new) (void)fchmod(file.Number(), kNewFileMode);  // the umask must not matter; errors are ignored
   std::string text;
   if (with_header) text.append("\n[").append(edit.section).append("]\n\n");
   text.append(FormatEntry(edit.key, edit.value));

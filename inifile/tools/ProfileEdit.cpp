@@ -16,7 +16,8 @@ namespace qx::inifile {
 
 namespace {
 
-// The longest list of GetEnum and similar calls: names with their NULs. A longer list counts as empty.
+// The size of the longest list that GetEnum and similar calls return: names with their NULs. A longer list counts as
+// empty.
 constexpr std::size_t kListCharsMax = 64509;
 
 bool Holds(std::string_view text, char c) { return text.find(c) != std::string_view::npos; }
@@ -57,7 +58,7 @@ std::string WhyNotValue(std::string_view value) {
 
 std::string WhyNotRequest(const ProfileRequest& request) {
   std::string reason = WhyNotSection(request.section);
-  if (request.kind != ProfileRequest::Kind::kSet) return {};  // a name that no file can have is simply not found
+  if (request.kind != ProfileRequest::Kind::kSet) return {};  // a deletion does not find a name that no file can have
   for (const ProfileEntry& entry : request.entries) {
     if (reason.empty()) reason = WhyNotKey(entry.key);
     if (reason.empty()) reason = WhyNotValue(entry.value);
@@ -65,7 +66,7 @@ std::string WhyNotRequest(const ProfileRequest& request) {
   return reason;
 }
 
-// Lines that readers would change.
+// Why readers would not read the lines of the text as they are, or empty.
 std::string WhyNotText(std::string_view text) {
   if (Holds(text, '\0')) return "the file holds a NUL, which hides the rest of its line";
   std::size_t number = 1;
@@ -104,7 +105,7 @@ std::string WhyNotLists(const ProfileContent& before, const ProfileContent& afte
 
 // --- planning
 
-// Builds the text step by step, with the results that CIniFile would have.
+// Builds the plan, and the text after each step, which CIniFile will then produce.
 class Planner {
  public:
   Planner(const std::string& text, const ProfileRequest& request) : request_(request) { plan_.text = text; }
@@ -153,7 +154,8 @@ class Planner {
     });
   }
 
-  // After the last meaningful line of the section: what follows belongs to the next header.
+  // The line after the last line with content of the section. The empty lines and comments there belong to the next
+  // header.
   static Place EndOfSection(Place header, Place end) {
     const Place next =
         std::find_if(header + 1, end, [](const ProfileLine& line) { return line.kind == LineKind::kHeader; });
@@ -186,14 +188,14 @@ class Planner {
     plan_.steps.push_back({.section = request_.section, .key = entry.key, .value = entry.value});
   }
 
-  // After a line that ends with a carriage return, the new one also ends with one.
+  // Inserts the entry below the line `above`. If that line ends with a carriage return, so does the new one.
   void Insert(const ProfileLine& above, const ProfileEntry& entry) {
     plan_.changes.push_back({request_.section, entry.key, {}, entry.value});
     const bool has_return = plan_.text.compare(above.end - 2, 2, "\r\n") == 0;
     Splice(above.end, above.end, entry.key, entry.value + (has_return ? "\r" : ""));
   }
 
-  // Blanks and comment of the line stay.
+  // Replaces the value; the blanks and the comment of the line stay.
   void Replace(const ProfileLine& line, const ProfileEntry& entry) {
     plan_.changes.push_back({request_.section, entry.key, std::string(line.value), entry.value});
     const std::string& text = plan_.text;
@@ -242,7 +244,7 @@ class Planner {
         if (line->kind != LineKind::kEntry) continue;
         plan_.changes.push_back({request_.section, std::string(line->key), std::string(line->value), {}});
       }
-      Place begin = header;  // the empty lines above it separate it
+      Place begin = header;  // the empty lines above are removed as well
       while (begin != lines.begin() && (begin - 1)->kind == LineKind::kEmpty) --begin;
       Remove(begin->begin, (end - 1)->end);
     }
@@ -288,7 +290,7 @@ bool HoldsText(const std::string& path, const std::string& text) {
   return file.IsOpen() && file::ReadWhole(file.Number(), bytes, text.size()) == 0 && bytes == text;
 }
 
-// A file in memory that has a path.
+// A file in memory with a path in /proc.
 struct MemoryFile {
   MemoryFile() : file(memfd_create("profile", MFD_CLOEXEC)) {}
   [[nodiscard]] std::string Path() const { return "/proc/self/fd/" + std::to_string(file.Number()); }

@@ -18,7 +18,7 @@ void TakeHeader(std::string_view text, ProfileLine& line) {
   if (line.has_name) line.name = text.substr(1, bracket - 1);
 }
 
-// `text` begins at `offset`.
+// Sets the fields of an entry; `text` begins at `offset` of the file.
 void TakeEntry(std::string_view text, std::size_t offset, std::size_t equals, ProfileLine& line) {
   line.kind = LineKind::kEntry;
   line.key = WithoutTrailing(text.substr(0, equals), kWhiteSpace);
@@ -99,7 +99,7 @@ std::vector<ProfileLine> LinesOf(std::string_view text) {
 ProfileContent ContentOf(std::string_view text) {
   ProfileContent content;
   std::vector<ProfileEntry>* entries = nullptr;
-  std::map<std::string_view, std::string_view> values;  // of the section that `entries` belongs to
+  std::map<std::string_view, std::string_view> values;  // of the section of `entries`
   for (const ProfileLine& line : LinesOf(text)) {
     if (line.kind == LineKind::kHeader) {
       entries = nullptr;

@@ -1,5 +1,5 @@
-// A profile file as its readers see it, for tools that edit one: where each entry is, and what every read
-// returns. The module does not link it.
+// Shows a profile file as its readers see it, for tools that edit such files: the place of each entry, and the result
+// of every read. The module does not link this.
 #pragma once
 
 #include <cstddef>
@@ -10,18 +10,18 @@
 
 namespace qx::inifile {
 
-// Characters of a line without its line feed: readers take longer lines in pieces.
+// The largest number of characters in a line, without its line feed: readers read a longer line in pieces.
 inline constexpr std::size_t kLineCharsMax = 1023;
 
 enum class LineKind {
   kEmpty,    // nothing, or blanks
   kComment,  // begins with ";"
-  kHeader,   // begins with "[": ends the section before, and opens one if there is a "]"
+  kHeader,   // begins with "[": ends the previous section, and opens a section if there is a "]"
   kEntry,
   kOther,  // text that is not read
 };
 
-// One line of a text. The views are into the text; offsets are from its beginning.
+// One line of a text. The views point into the text; offsets count from its beginning.
 struct ProfileLine {
   LineKind kind = LineKind::kOther;
   std::size_t begin = 0;
@@ -36,10 +36,10 @@ struct ProfileLine {
   [[nodiscard]] bool HasContent() const { return kind != LineKind::kEmpty && kind != LineKind::kComment; }
 };
 
-// The reading primitive of CIniFile with a buffer that grows until nothing is cut. With a null `key` the result is the
-// list of keys, with a null `section` that of the sections. [any thread]
+// Calls CIniFile::GetPrivateProfileString with a buffer that grows until nothing is cut. With a null `key` the result
+// is the list of keys, with a null `section` the list of sections. [any thread]
 [[nodiscard]] std::string ReadWhole(const std::string& path, const char* section, const char* key);
-// The names of such a list. Each name has its NUL, an empty one too.
+// The names in such a list. A NUL follows each name, also an empty one.
 [[nodiscard]] std::vector<std::string> NamesIn(const std::string& list);
 
 // The lines of a text without NUL bytes and without lines that are too long. [any thread]
@@ -52,15 +52,15 @@ struct ProfileEntry {
   bool operator==(const ProfileEntry&) const = default;
 };
 
-// Everything that reads of a profile file can return.
+// Everything that programs can read from a profile file.
 struct ProfileContent {
   std::vector<std::string> sections;                         // in file order, repetitions included
-  std::map<std::string, std::vector<ProfileEntry>> entries;  // of the first section of each name; keys likewise
+  std::map<std::string, std::vector<ProfileEntry>> entries;  // of the first section of each name
 
   bool operator==(const ProfileContent&) const = default;
 };
 
-// The content of a profile file with these lines. [any thread]
+// The content of a profile file with this text. [any thread]
 [[nodiscard]] ProfileContent ContentOf(std::string_view text);
 // Reads every entry with CIniFile. A file that cannot be read counts as empty. [any thread]
 [[nodiscard]] ProfileContent ReadThroughClass(const std::string& path);
