@@ -1,4 +1,4 @@
-// Internal: reads the texts under /proc. It opens no files, so that tests can pass any text.
+// Internal: parses texts of files under /proc. Opens no files, so that tests can pass any text.
 #pragma once
 
 #include <optional>

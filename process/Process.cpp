@@ -24,8 +24,8 @@ constexpr std::size_t kPathBytesMax = 4096;
 constexpr std::size_t kProcFileBytesMax = 1U << 20;
 constexpr int kFirstDescriptorToClose = 3;
 
-// What the child needs, prepared before the fork. After the fork only async-signal-safe calls are allowed, because
-// another thread of the parent may have held any lock at that moment (such as the allocator's).
+// The data that the child needs, prepared before the fork. After the fork only async-signal-safe calls are allowed,
+// because another thread of the parent may have held any lock at that moment (such as the allocator's).
 class ChildPlan {
  public:
   ChildPlan(const char* cmd, bool inherit_handles) : inherit_handles_(inherit_handles), words_(Words(cmd)) {
@@ -49,7 +49,7 @@ class ChildPlan {
   }
 
  private:
-  // "prog 'a b'" => prog, 'a, b': the words that stream extraction would read, without quoting.
+  // "prog 'a b'" => prog, 'a, b': words separated by white space, without quoting.
   static std::vector<std::string> Words(std::string_view text) {
     constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
     std::vector<std::string> words;
@@ -103,7 +103,7 @@ std::optional<unsigned> WaitForExitStatus(pid_t pid) {
   return static_cast<unsigned>(WEXITSTATUS(status));
 }
 
-// kill and waitpid read 0 and negative numbers as groups of processes.
+// True if the id is that of one process: for kill and waitpid, 0 and negative numbers mean groups of processes.
 bool NamesOneProcess(unsigned pid) { return pid != 0 && pid <= static_cast<unsigned>(INT_MAX); }
 
 bool WaitAndStoreExitCode(unsigned pid, unsigned& exit_code) {
@@ -117,8 +117,8 @@ struct CloseDirectory {
 
 std::string ProcPath(long long pid, const char* file) { return "/proc/" + std::to_string(pid) + "/" + file; }
 
-// Reads up to and including the block with the first `stop` (0: none), to the end, or to the limit. Nothing if the file
-// cannot be opened or read.
+// Reads blocks until one has the character `stop` (if that is not 0), until the end, or until the limit. Unset if the
+// file cannot be opened or read.
 std::optional<std::string> ReadProcFile(const std::string& path, char stop) {
   const qx::file::Descriptor file = qx::file::Open(path.c_str(), O_RDONLY);
   if (!file.IsOpen()) return std::nullopt;

@@ -1,18 +1,18 @@
-// Processes of the local Linux system: starts commands and waits for them, finds processes, reads their figures from
-// /proc, and reads and changes the working directory.
+// Starts commands and waits for them, finds processes, reads their figures from /proc, and reads and changes the
+// working directory.
 //
-// It traces nothing and keeps no state, because the trace facility calls it for the memory size in entry headers. It
-// uses no shell, does not capture output, and waits without a time limit.
+// The class traces nothing and has no state, because the trace facility calls it for the memory size in entry headers.
+// It uses no shell, does not capture output, and waits without a time limit.
 #pragma once
 
 #include <string>
 
 // A set of static operations; there are no objects of this class.
 //
-// Threads: every operation may run on any thread. Running a command with a directory changes the working directory of
-// the whole process while the command is started (and, for a synchronous one, until it ends). Callers that do so from
-// several threads must serialise these calls.
-// Failure: `false`; outputs are then as they were before the call, unless a comment says otherwise.
+// Threads: every operation may run on any thread. A command with a directory changes the working directory of the whole
+// process until the command is started; a synchronous one until it ends. Callers that do so from several threads must
+// serialise these calls.
+// Failure: `false`; then the outputs are unchanged, unless a comment says otherwise.
 class CProcess {
  public:
   CProcess() = delete;
@@ -37,15 +37,15 @@ class CProcess {
   [[nodiscard]] static bool ExecuteCmd(const char* cmd, unsigned& pid, unsigned& exit_code, const char* dir, bool,
                                        bool inherit_handles);
 
-  // execute_command, asynchronous. The form without `pid` leaves a child that only a wait for any child can reap.
-  // [any thread]
+  // execute_command, asynchronous. After the form without `pid`, only a wait for any child can reap the child. [any
+  // thread]
   [[nodiscard]] static bool ExecuteCmdAsync(const char* cmd, const char* dir, bool, bool inherit_handles);
   [[nodiscard]] static bool ExecuteCmdAsync(const char* cmd, unsigned& pid, const char* dir, bool,
                                             bool inherit_handles);
 
   // Waits, without limit, for the child `pid`. True if it exited with status 0. `exit_code` is its exit status, or
   // 0xFFFFFFFF if it was killed or is not a child of this process. `timeout` is ignored. Ids 0 and above INT_MAX are
-  // refused, because the system would take them for groups of processes. [any thread]
+  // refused, because for the system they mean groups of processes. [any thread]
   [[nodiscard]] static bool WaitForExit(unsigned pid, unsigned& exit_code, unsigned timeout);
 
   // Kills `pid` at once (SIGKILL); true if the signal was delivered. `exit_code` is ignored. Ids 0 and above INT_MAX
@@ -53,7 +53,7 @@ class CProcess {
   [[nodiscard]] static bool TerminateProcess(unsigned pid, unsigned exit_code);
 
   // The first process, in the order of /proc, whose short name is exactly `name`. The system keeps 15 bytes of a name,
-  // so a longer one never matches. No match: `pid` is 0xFFFFFFFF and the result false. [any thread]
+  // so a longer one never matches. If no process matches, `pid` is 0xFFFFFFFF and the result is false. [any thread]
   [[nodiscard]] static bool FindProcess(unsigned& pid, const char* name);
 
   // The short name of a process (at most 15 bytes). [any thread]
@@ -62,8 +62,8 @@ class CProcess {
   // The path of a process's executable. Needs permission to read the link /proc/PID/exe. [any thread]
   [[nodiscard]] static bool GetProcessPath(std::string& path, unsigned pid);
 
-  // Name and path. If only the path cannot be read, the result is false, and `name` is set. If the name cannot be read,
-  // neither is set. [any thread]
+  // Reads name and path. If only the path cannot be read, the result is false, and `name` is set. If the name cannot be
+  // read, neither is set. [any thread]
   [[nodiscard]] static bool GetProcessInfo(unsigned pid, std::string& name, std::string& path);
 
   // The number on the line `key` (such as "VmSize:") of /proc/pid/status, in the unit `unit`: 0 bytes, 1 KiB, 2 MiB,
@@ -72,8 +72,8 @@ class CProcess {
   [[nodiscard]] static bool GetProcessMemorySpecificInfo(unsigned pid, unsigned long* value, std::string key, int unit);
 
   // Memory figures in bytes: the address space, its peak, the swapped-out part, always 0, the address space without
-  // libraries. A figure that the system does not show is 0, whatever the result. True if size and peak are known.
-  // [any thread]
+  // libraries. A figure that the system does not show is 0, even if the result is false. True if size and peak are
+  // known. [any thread]
   [[nodiscard]] static bool GetProcessMemoryInfo(unsigned pid, unsigned long* vm_size, unsigned long* vm_peak,
                                                  unsigned long* vm_swap, unsigned long* reserved,
                                                  unsigned long* private_size);
