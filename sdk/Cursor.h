@@ -1,6 +1,6 @@
-// Internal: a reader's position as one line of text, and back.
+// Internal: converts a reader's position to one line of text (a cursor) and back.
 //
-//   "qx1 NEXT DELIVERED HASH..."   one space between
+//   "qx1 NEXT DELIVERED HASH..."   with single spaces
 //
 // NEXT is the index of the next record, DELIVERED the number of records returned so far. Up to 32 hashes of the last
 // records follow, each of 16 hexadecimal digits.

@@ -15,23 +15,23 @@ namespace qx {
 // The numbers are those of sdk/qxreport.h, and do not change.
 enum class ErrorCode : int {
   kNone = 0,
-  kBadArgument = 1,  // an empty path, a ring without slots, a cursor that is not one, a record that is not there
+  kBadArgument = 1,  // such as an empty path, a ring without slots, an invalid cursor, a record that does not exist
   kBadText = 2,      // a line feed, a NUL or a byte 0xFF, at which readers would end the record
   kTooLong = 3,      // a record that fits into no reply of the module
   kNotOpen = 4,      // not opened, or closed
   kOtherWriter = 5,  // another writer has the report open; the text names the process if it can be found
   kNotFound = 6,     // there is no such report
-  kDamaged = 7,      // the files contradict each other; "qxctl report verify" shows how
-  kFull = 8,         // the data file has reached 4 GiB, which is as far as the format reaches
+  kDamaged = 7,      // the files are damaged, or one is missing; "qxctl report verify" shows more
+  kFull = 8,         // the data file has reached 4 GiB, the limit of the format
   kSystem = 9,       // a system call failed: `system_error` is its error number
   kNoMemory = 10,
 };
 
-// Threads: as any value. Owns: the text.
+// The result of a call. Owns: the text.
 struct [[nodiscard]] Error {
   ErrorCode code = ErrorCode::kNone;
-  int system_error = 0;    // the error number of the system, where there is one
-  std::size_t record = 0;  // the text of a batch that the error is about, counted from 0
+  int system_error = 0;    // the error number of the system, if there is one
+  std::size_t record = 0;  // the index, in a batch, of the text that the error is about
   std::string text = {};   // for people: what failed and why, without a line end
 
   [[nodiscard]] bool Failed() const { return code != ErrorCode::kNone; }

@@ -1,4 +1,4 @@
-// Internal: how errors of sdk/ are made.
+// Internal: makes the errors of sdk/.
 #pragma once
 
 #include <cstring>
@@ -21,7 +21,8 @@ namespace qx::sdk {
   return {.code = code, .text = std::move(text)};
 }
 
-// Runs `action`; without memory the result is kNoMemory, whose text needs no allocation. No exception leaves.
+// Runs `action` and returns its result. If memory runs out, the result is kNoMemory, whose text needs no allocation. No
+// exception leaves the function.
 template <typename Action>
 [[nodiscard]] Error WithoutExceptions(Action action) {
   try {

@@ -1,4 +1,4 @@
-// The C interface over Writer and Reader. No exception leaves a function.
+// Implements the C interface with Writer and Reader. No exception leaves a function.
 #include "sdk/qxreport.h"
 
 #include <algorithm>

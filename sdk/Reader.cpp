@@ -54,7 +54,7 @@ ReadEvent EventOf(PollEvent event) {
   return ReadEvent::kNone;
 }
 
-// The files of a report as the follower reads them.
+// Reads the files of a report for the follower.
 class FileSource : public report::RecordSource {
  public:
   explicit FileSource(const std::string& path) : snapshot_(path) {}
@@ -93,8 +93,8 @@ struct Reader::Parts {
 
   FileSource source;
   report::ReportFollower follower;
-  ReportPoll poll;           // what Next has read ...
-  std::size_t returned = 0;  // ... and how many of its records it has returned
+  ReportPoll poll;           // the records that Next has read ...
+  std::size_t returned = 0;  // ... and the number of them that it has returned
   bool has_reached_end = false;
   ReadEvent event = ReadEvent::kNone;  // of the next record
   std::optional<std::uint64_t> lost;
@@ -105,7 +105,7 @@ struct Reader::Parts {
   [[nodiscard]] Record TakeNext();
 };
 
-// Polls until there are new records, or the time is over.
+// Polls until there are new records, or `end` is reached.
 Error Reader::Parts::PollUntil(steady_clock::time_point end) {
   for (milliseconds pause{1};; pause = std::min(2 * pause, kPauseMax)) {
     if (!has_reached_end || source.HasMoved()) {
@@ -118,7 +118,8 @@ Error Reader::Parts::PollUntil(steady_clock::time_point end) {
   }
 }
 
-// All records of the last poll have been returned. An event without records is reported with the next record.
+// Called when all records of the last poll have been returned. An event of a poll without records is reported with the
+// next record.
 bool Reader::Parts::Poll() {
   follower.Delivered(returned);
   poll = {};
@@ -199,7 +200,7 @@ const RecordView* Reader::ReadWindowAt(std::uint32_t age) {
 Reader::Iterator Reader::begin() { return begin(0); }
 
 Reader::Iterator Reader::begin(std::uint32_t age) {
-  window_ = {};  // each loop sees the files as they are now
+  window_ = {};  // each loop reads the files again
   return {this, age};
 }
 

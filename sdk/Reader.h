@@ -1,10 +1,10 @@
-// Reads the records of a report: all records that it has now, or only the new ones.
+// Reads the records of a report: all records of one moment, or each record once, as it is appended.
 //
 //   qx::Reader report;
 //   if (report.Open(path).Failed()) ...
 //   for (const qx::RecordView& record : report) ...                      the records of this moment, oldest first
 //   while (auto record = report.Next(std::chrono::seconds(1))) ...       each record once, as they are appended
-//   SaveSomewhere(report.Cursor());                                      Open(path, cursor) continues after a restart
+//   SaveSomewhere(report.Cursor());                                      Open(path, cursor) continues there later
 #pragma once
 
 #if __cplusplus < 202002L
@@ -25,22 +25,22 @@
 namespace qx {
 
 enum class RecordState : int {
-  kWhole = 0,    // what its writer appended
-  kDamaged = 1,  // the text ends elsewhere than the record: a line feed, a NUL or a byte 0xFF in it, or damaged files
-  kOverwritten = 2,  // a writer has replaced the record, or overwritten its text with longer records: there is no text
+  kWhole = 0,        // the text is the one that was appended
+  kDamaged = 1,      // the text does not end where the record must end, or a file is damaged
+  kOverwritten = 2,  // a writer has replaced the record, or longer records have overwritten its text: there is no text
 };
 
 // What happened since the last record that Next returned.
 enum class ReadEvent : int {
   kNone = 0,
   kGap = 1,          // the ring has overwritten records that were not read yet
-  kAmbiguous = 2,    // the records repeat, so that the place is not certain; some may be missing, none comes twice
+  kAmbiguous = 2,    // records repeat, so the position is not certain; some may be missing, but none is returned twice
   kStartedOver = 3,  // there are fewer records than before: the report is a new one
 };
 
-// A record of a loop. The text is in the reader: copy it to keep it.
+// A record in a loop over the reader. The text belongs to the reader, so copy it to keep it.
 struct RecordView {
-  std::string_view text = {};  // without its line end; valid until the iterator moves or the reader is used otherwise
+  std::string_view text = {};  // without its line end; valid until the iterator moves or the reader is used
   RecordState state = RecordState::kWhole;
 
   [[nodiscard]] bool IsWhole() const { return state == RecordState::kWhole; }
@@ -50,18 +50,18 @@ struct RecordView {
 struct Record {
   std::string text = {};  // without its line end
   RecordState state = RecordState::kWhole;
-  ReadEvent event = ReadEvent::kNone;                // of Next: what happened before this record
-  std::optional<std::uint64_t> lost = std::nullopt;  // kGap: how many records are missing, if that is known
+  ReadEvent event = ReadEvent::kNone;                // only from Next: what happened before this record
+  std::optional<std::uint64_t> lost = std::nullopt;  // kGap: the number of missing records, if it is known
 
   [[nodiscard]] bool IsWhole() const { return state == RecordState::kWhole; }
 };
 
-// A report that is open for reading. Reader and writer need no coordination.
+// A report that is open for reading. Writers may write the report at the same time.
 //
 // Threads: one thread.
-// Owns: the open files; four bytes for each record of the snapshot, and about 350 KiB for texts; the same once more as
-// soon as Next is used. The files stay open until Close. If the path leads to other files, because the report was made
-// again or restored, Refresh, Next and a loop after Refresh read those.
+// Owns: the open files; four bytes for each record of the snapshot, and about 350 KiB for texts; and the same again
+// when Next is used. The files stay open until Close. If the path leads to other files meanwhile, because the report
+// was made again or restored, Refresh and Next read the new files, and so do Read and loops after Refresh.
 // Failure: an Error, or the end of the records with the reason in LastError. No exception leaves the class.
 class Reader {
  public:
@@ -76,35 +76,36 @@ class Reader {
   // kNotFound, kDamaged, kSystem, kNoMemory. [owning thread]
   Error Open(const std::string& path);
 
-  // The same, but Next continues after the last record that it returned before `cursor` was taken. With an empty
-  // cursor, Next begins at the oldest record. kBadArgument if the text is not a cursor. [owning thread]
+  // The same, but Next continues where it was when Cursor returned `cursor`. With an empty cursor, Next begins at the
+  // oldest record. kBadArgument if the text is not a cursor. [owning thread]
   Error Open(const std::string& path, std::string_view cursor);
 
-  // Takes a new snapshot. After an error it is empty. [owning thread]
+  // Takes a new snapshot. After an error the snapshot is empty. [owning thread]
   Error Refresh();
 
-  // How many records the snapshot has. [owning thread]
+  // The number of records in the snapshot. [owning thread]
   [[nodiscard]] std::uint32_t Count() const;
 
-  // The record of this age in the snapshot, 0 being the oldest. kBadArgument from Count on. [owning thread]
+  // Reads the record of this age in the snapshot; 0 is the oldest. kBadArgument if `age` is Count() or more. [owning
+  // thread]
   Error Read(std::uint32_t age, Record& record);
 
-  // The records of the snapshot, oldest first, or from an age on. They are read from the files in runs; nothing is
-  // allocated for a record. After an error the loop ends (LastError). [owning thread]
+  // Iterators over the records of the snapshot, from the oldest one or from `age` on. Many records are read at once,
+  // and no memory is allocated for each record. After an error the loop ends; LastError has the error. [owning thread]
   [[nodiscard]] Iterator begin();
   [[nodiscard]] Iterator begin(std::uint32_t age);
   [[nodiscard]] Iterator end();
 
-  // The next record after the last one that Next returned, whatever the snapshot. Waits up to `timeout` for it. Unset
-  // if none came in time, or if LastError has an error. If the report was started over, or the ring has overwritten
-  // records, the `event` of the next record shows it. [owning thread]
+  // The record after the last one that Next returned; the snapshot does not matter. Waits up to `timeout` for it. Unset
+  // if no record was appended in time, or after an error, which LastError returns. If the report was started over, or
+  // the ring has overwritten records, the `event` of the next record shows it. [owning thread]
   [[nodiscard]] std::optional<Record> Next(std::chrono::milliseconds timeout = std::chrono::milliseconds(0));
 
-  // The position of Next, as one line of at most 700 characters. After a restart, Next continues at this position, even
-  // if the ring has got new records: it compares the texts of the last records. [owning thread]
+  // The position of Next, as one line of at most 700 characters. After a restart of the program, Next can continue at
+  // this position, even if the ring has advanced: the cursor has hashes of the last records. [owning thread]
   [[nodiscard]] std::string Cursor() const;
 
-  // Why the last loop or Next ended; kNone if there was no error. [owning thread]
+  // The error of the last loop or Next; kNone if there was no error. [owning thread]
   [[nodiscard]] const Error& LastError() const;
 
   void Close();

@@ -30,7 +30,8 @@ Error OpenError(const std::string& path, int error) {
   return SystemError("cannot open " + path, error);
 }
 
-// A text without its line end, if it is whole.
+// A record with its text, without the line end. It is whole if the text ends after `bytes_expected` bytes with a line
+// end.
 RecordView RecordOf(std::string_view text, std::int64_t bytes_expected) {
   const bool has_line_end = text.ends_with(report::kLineEnd);
   const bool is_whole = has_line_end && static_cast<std::int64_t>(text.size()) == bytes_expected;
@@ -84,9 +85,9 @@ Error StoreSnapshot::Take() {
   }
 }
 
-// Reads the header, the slots, and the header again. If both headers are the same, the slots belong to it, and
-// `is_steady` is true. It is also false while a part is being appended to a full ring (this ends soon unless the writer
-// was killed), and if one file was replaced after the other one was opened.
+// Reads the header, the slots, and the header again. If both headers are equal, the slots belong to this header, and
+// `is_steady` is true. `is_steady` is also false while a part is being appended to a full ring (this ends soon unless
+// the writer was killed), and if one file was replaced after the other one was opened.
 Error StoreSnapshot::TakeOnce(bool& is_steady) {
   bool was_opened = false;
   if (Error error = OpenFiles(was_opened); error.Failed()) return error;
@@ -111,7 +112,7 @@ Error StoreSnapshot::OpenFiles(bool& was_opened) {
   return error != 0 ? OpenError(path_, error) : Error();
 }
 
-// An index file that is too short reads as an empty report.
+// Reads the header. If the index file is too short, `header` is that of an empty report.
 file::Progress StoreSnapshot::ReadHeader(IndexHeader& header) const {
   header = {};
   IndexHeader read;
@@ -132,7 +133,7 @@ Error StoreSnapshot::CheckHeader() const {
   return {};
 }
 
-// Slots that the file does not have read as 0.
+// Reads slots; those that the file does not have read as 0.
 int StoreSnapshot::ReadSlots(std::uint32_t slot, std::span<std::uint32_t> offsets) const {
   const file::Progress progress = index_.ReadAt(report::SlotOffset(slot), offsets.data(), offsets.size_bytes());
   for (std::uint32_t& missing : offsets.subspan(progress.bytes / sizeof offsets[0])) missing = 0;
@@ -152,8 +153,8 @@ int StoreSnapshot::ReadAllSlots() {
   return 0;
 }
 
-// Drops the slots of a part that the header does not count: it is being appended to a full ring, or a killed writer
-// left it. These slots lead to texts after the write position.
+// Drops the slots of a part that the header does not count, because the part is being appended to a full ring, or was
+// left by a killed writer. These slots lead to texts after the write position.
 void StoreSnapshot::DropUncounted() {
   uncounted_ = 0;
   uncounted_end_ = 0;
@@ -188,7 +189,7 @@ std::int64_t StoreSnapshot::EndOf(std::uint32_t age) const {
   return header_.writePosition != 0 ? header_.writePosition : header_.fileEnd;
 }
 
-// How many records from `age` on have neighbouring slots and rising offsets, within a window.
+// The number of records from `age` on that have neighbouring slots and rising offsets, and fit into a window.
 std::uint32_t StoreSnapshot::RunFrom(std::uint32_t age, std::uint32_t count_max) const {
   const std::uint32_t to_ring_end = header_.maxRecord - SlotOf(age);
   const std::uint32_t limit = std::min({count_max, Count() - age, to_ring_end});
@@ -210,7 +211,7 @@ Error StoreSnapshot::Read(std::uint32_t age, std::uint32_t count_max, std::span<
   return {};
 }
 
-// Takes the texts of a run from one read.
+// Reads the texts of a run with one read.
 int StoreSnapshot::ReadTexts(std::uint32_t age, std::uint32_t count) {
   const std::int64_t begin = offsets_[age];
   const std::int64_t end = EndOf(age + count - 1);
@@ -237,8 +238,8 @@ bool StoreSnapshot::TakeWhole(std::uint32_t age, std::uint32_t count, std::strin
   return true;
 }
 
-// The same for a run in which a record ends elsewhere. A text that does not end in the window is damaged, or longer
-// than a window.
+// Splits a run in which a record ends elsewhere. If a text does not end in the window, because it is damaged or longer
+// than the window, it is read separately.
 int StoreSnapshot::TakeEach(std::uint32_t age, std::uint32_t count, std::string_view window) {
   records_.resize(count);
   for (std::uint32_t i = 0; i < count; ++i) {
@@ -258,7 +259,7 @@ int StoreSnapshot::TakeEach(std::uint32_t age, std::uint32_t count, std::string_
   return 0;
 }
 
-// The bytes that can be read; empty if they are more than a window.
+// Reads the bytes from `begin` to `end`, as far as possible; empty if they do not fit into a window.
 std::string_view StoreSnapshot::ReadWindow(std::int64_t begin, std::int64_t end) {
   const std::int64_t size = end - begin;
   if (size <= 0 || size > kWindowBytesMax) return {};
@@ -277,8 +278,8 @@ std::int64_t StoreSnapshot::OverwrittenTo(std::uint32_t age, const IndexHeader& 
   return is_any ? written_to + static_cast<std::int64_t>(report::kEndMarker.size()) : 0;
 }
 
-// Records are not whole if longer records have overwritten them, or if a writer has replaced them since the snapshot.
-// Their text cannot show this. The records are a run, so all of them belong to one round.
+// Marks records as overwritten if longer records have overwritten them, or if a writer has replaced them since the
+// snapshot. Their texts do not show this. The records are a run, so all of them belong to the same round.
 void StoreSnapshot::CheckAfterReading(std::uint32_t age) {
   slots_now_.resize(records_.size());
   IndexHeader now;
@@ -293,8 +294,8 @@ void StoreSnapshot::CheckAfterReading(std::uint32_t age) {
   }
 }
 
-// The time of the last write is coarse, so the header is compared, too. The header alone is not enough: a report that
-// was started over may have the same header again.
+// The time of the last write is coarse, so the header is compared as well. The header alone is not enough, because a
+// report that was started over may have the same header again.
 bool StoreSnapshot::HasMoved() const {
   if (index_.IsTouched() || data_.IsReplaced()) return true;
   IndexHeader now;

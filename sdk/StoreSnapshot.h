@@ -1,9 +1,9 @@
-// Internal: the records of a report at one moment, and for each whether its text is whole.
+// Internal: reads the records of a report at one moment, and decides for each record whether its text is whole.
 //
-// A snapshot keeps the header and the offsets of all slots. They show where each record must end: at the beginning of
-// the next record, or, for the newest one, at the end marker. A text that ends elsewhere is not the text that was
-// written. After the texts of a window are read, header and slots are read again: records that a writer has replaced
-// meanwhile are not returned as whole.
+// A snapshot keeps the header and the offsets of all slots. These show where each record must end: at the beginning of
+// the next record; the newest one at the end marker. A text that ends elsewhere is not the one that was appended. After
+// the texts of a window are read, header and slots are read again: so records that a writer has replaced meanwhile are
+// not returned as whole.
 //
 // The files stay open from one snapshot to the next. They are opened again if the path leads to other files.
 #pragma once
@@ -32,13 +32,13 @@ class KeptFile {
  public:
   explicit KeptFile(std::string path) : path_(std::move(path)) {}
 
-  // Opens the file that has the path now, unless it is open already. `was_opened` becomes true if it was opened. After
-  // an error nothing is open. [owning thread]
+  // Opens the file to which the path leads now, unless it is open already. `was_opened` becomes true if this opens a
+  // file. [owning thread]
   [[nodiscard]] int Follow(bool& was_opened);
 
-  // True if the path leads to another file, or to none. [owning thread]
+  // True if the path leads to another file, or to no file. [owning thread]
   [[nodiscard]] bool IsReplaced() const;
-  // The same, and true if the file was written since Follow, as far as size and time show. [owning thread]
+  // True if IsReplaced is true, or if the file was written since Follow, as far as size and time show. [owning thread]
   [[nodiscard]] bool IsTouched() const;
 
   // Reads up to `size` bytes. [owning thread]
@@ -51,7 +51,7 @@ class KeptFile {
  private:
   std::string path_;
   file::Descriptor file_;
-  struct stat status_ = {};  // at Follow
+  struct stat status_ = {};  // at the last Follow
 };
 
 // Threads: one thread.
@@ -61,19 +61,22 @@ class StoreSnapshot {
  public:
   explicit StoreSnapshot(const std::string& path);
 
-  // Takes a new snapshot of the files that have the path now. After an error it has no records. [owning thread]
+  // Takes a new snapshot of the files to which the path leads now. After an error the snapshot has no records. [owning
+  // thread]
   Error Take();
 
-  // How many records there are. Records that a killed writer left, and that the header does not count, are left out.
+  // The number of records. Records that the header does not count are left out; so are the oldest records whose slots
+  // they have taken.
   [[nodiscard]] std::uint32_t Count() const { return static_cast<std::uint32_t>(offsets_.size()); }
-  // The header of the snapshot; it may count more records than there are. [owning thread]
+  // The header of the snapshot. It may count more records than Count(). [owning thread]
   [[nodiscard]] const report::IndexHeader& Header() const { return header_; }
 
-  // The records from `age` on (0 is the oldest one): at least one, at most `count_max`, and about 256 KiB of text at
-  // most. Empty after the last record. They are valid until the next call. [owning thread]
+  // Reads the records from `age` on (0 is the oldest one): at least one, at most `count_max`, and at most about 256 KiB
+  // of text if there is more than one. Empty after the last record. The records are valid until the next call. [owning
+  // thread]
   Error Read(std::uint32_t age, std::uint32_t count_max, std::span<const RecordView>& records);
 
-  // True if there may be records that the snapshot does not have, or if that is not known. [owning thread]
+  // True if there may be records that are not in the snapshot. [owning thread]
   [[nodiscard]] bool HasMoved() const;
 
  private:
@@ -100,12 +103,12 @@ class StoreSnapshot {
   KeptFile index_;
   KeptFile data_;
   report::IndexHeader header_;
-  std::uint32_t uncounted_ = 0;         // records at the oldest end that are left out ...
+  std::uint32_t uncounted_ = 0;         // the number of new records that the header does not count ...
   std::int64_t uncounted_end_ = 0;      // ... and where their texts end
-  std::uint32_t old_round_ = 0;         // records of the round before the last restart
+  std::uint32_t old_round_ = 0;         // the number of records of the round before the last restart
   std::vector<std::uint32_t> offsets_;  // of the records, oldest first
 
-  // What Read returned last.
+  // The result of the last Read.
   std::vector<RecordView> records_;
   std::unique_ptr<char[]> window_;      // their texts ...
   std::deque<std::string> long_texts_;  // ... and those that are not in the window

@@ -24,10 +24,11 @@ namespace {
 using sdk::MakeError;
 using sdk::SystemError;
 
-// Texts must end before this offset: the end marker must also fit into the 4 GiB that a slot can reach.
+// A text may end at most at this offset, because the end marker must also fit into the 4 GiB that an offset in a slot
+// can reach.
 constexpr std::int64_t kDataBytesMax = std::int64_t{0xFFFFFFFF} - static_cast<std::int64_t>(report::kEndMarker.size());
 
-// The state of one of a report's files before it is opened.
+// The state of a file of the report before the file is opened.
 struct FileState {
   std::string path;
   bool is_there = false;
@@ -36,7 +37,7 @@ struct FileState {
   explicit FileState(std::string file) : path(std::move(file)) {
     struct stat status = {};
     const int error = file::StatusOf(path.c_str(), status);
-    is_there = error != ENOENT;  // whatever else is wrong with it, the open reports
+    is_there = error != ENOENT;  // any other error is reported by the open
     holds_something = error == 0 && status.st_size > 0;
   }
 };
@@ -47,7 +48,7 @@ Error CheckPath(const std::string& path) {
   return MakeError(ErrorCode::kBadArgument, "the path of a report contains a NUL");
 }
 
-// A report with one missing file would be started over, and the other file emptied.
+// Refuses a report with one missing file, because it would be started over, and the other file emptied.
 Error CheckFiles(const FileState& index, const FileState& data, bool may_create) {
   const FileState& missing = index.is_there ? data : index;
   const FileState& other = index.is_there ? index : data;
@@ -58,7 +59,8 @@ Error CheckFiles(const FileState& index, const FileState& data, bool may_create)
                                             " holds something; remove it or move it away to start the report over");
 }
 
-// If two writers create one report at the same time, both reach this point. Then only one of them gets the lock.
+// Creates the index file, so that the writer can take its lock: if two writers create the same report at the same time,
+// only one of them gets the lock.
 Error CreateIndex(const std::string& path) {
   const file::Descriptor index = report::OpenStoreFile(path, report::OpenMode::kCreate);
   const int error = errno;
@@ -103,8 +105,8 @@ Error CheckText(std::string_view text, std::size_t record) {
                   ", at which readers would end it"};
 }
 
-// How many of the texts are stored before the data file is full. The file restarts only at the end of a round, so a
-// text beyond the limit would overwrite the beginning of the file, and its slot would lead there.
+// The number of texts that can be stored before the data file is full. The file restarts only at the end of a round. So
+// the offset of a text beyond the limit would wrap to the beginning of the file.
 std::size_t TextsThatFit(report::IndexHeader header, std::span<const std::string_view> texts) {
   std::size_t fitting = 0;
   for (const std::string_view text : texts) {
@@ -127,8 +129,8 @@ bool StaysBelowLimit(const report::IndexHeader& header, std::span<const std::str
   return bytes < kFarFromFull;
 }
 
-// The texts to append so that readers return the given records again: without the line end that an append adds, and
-// with the NUL that readers dropped.
+// The texts to append so that readers return the same records again: without the line end, which an append adds, and
+// with the NUL that readers have dropped.
 class CopiedTexts {
  public:
   Error Add(std::string_view record, std::size_t number) {
@@ -176,7 +178,7 @@ struct Writer::Parts {
   std::optional<report::WriterLock> lock;
   CReportFileBase store;
   report::RecordWriter records{store};
-  CCriticalSection batches;  // a batch stays together, and its check of the space holds until it is written
+  CCriticalSection batches;  // keeps the records of a batch together, and its check of the space valid
   std::string path;
   bool is_open = false;
 
@@ -300,7 +302,7 @@ Error Writer::OpenGuarded(const std::string& path, std::uint32_t ring_size, bool
   Close();
   return sdk::WithoutExceptions([&]() -> Error {
     if (Error error = CheckPath(path); error.Failed()) return error;
-    parts_ = std::make_unique<Parts>();  // a store object that was open before would keep an old header
+    parts_ = std::make_unique<Parts>();  // a new store object, because one that was open before has an old header
     Error error = parts_->Open(path, ring_size, may_create, check);
     if (error.Failed()) parts_->Close();
     return error;

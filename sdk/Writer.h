@@ -1,8 +1,8 @@
-// Appends records to a report, and refuses calls that would lose or damage records.
+// Appends records to a report. Calls that would lose or damage records are refused.
 //
 // A Writer uses CReportFileBase (reportfile/ReportFileBase.h), which refuses nothing. A Writer allows only one writer
 // at a time, stores only records that can be read back, appends many records at once, and returns errors with a reason.
-// The files are the same.
+// The files have the same format.
 #pragma once
 
 #if __cplusplus < 202002L
@@ -31,16 +31,16 @@ inline constexpr std::size_t kRecordTextMax = 0x100000 - 3;
 
 // How a Writer finds out whether another writer has the report open.
 enum class WriterCheck {
-  kEveryProcess,  // by the lock, and by the open files of all processes: agents from before the lock do not take it
-  kLock,          // by the lock alone, which costs less: for a directory in which every writer takes it
+  kEveryProcess,  // by the lock, and by the open files of all processes, because old agents do not take the lock
+  kLock,          // only by the lock, which takes less time: for a directory in which every writer takes the lock
 };
 
-// The one writer of a report.
+// The only writer of a report.
 //
 // Threads: Append may be called from several threads at the same time, and a batch stays together; the rest belongs to
 // one thread.
 // Owns: the report's files and their advisory lock, until Close or the end of the scope.
-// Failure: an Error. No exception leaves the class. A refused call has written nothing.
+// Failure: an Error. No exception leaves the class. A refused call writes nothing.
 class Writer {
  public:
   Writer();
@@ -57,9 +57,9 @@ class Writer {
   // The same for a report that must exist (kNotFound); nothing is created. [owning thread]
   Error OpenExisting(const std::string& path);
 
-  // Appends one record, which takes the place of the oldest one if the ring is full. Without an error the record is in
-  // both files; it is not synced to the disk. The text needs no line end. Errors: kBadText, kTooLong, kNotOpen, kFull;
-  // kSystem and kNoMemory, after which the report is as before. [any thread]
+  // Appends one record, which replaces the oldest one if the ring is full. Without an error the record is in both
+  // files; it is not synced to the disk. The text needs no line end. Errors: kBadText, kTooLong, kNotOpen, kFull;
+  // kSystem and kNoMemory, after which the record is not in the report. [any thread]
   Error Append(std::string_view text);
   Error Append(std::nullptr_t) = delete;
 
@@ -70,31 +70,31 @@ class Writer {
   Error Append(std::span<const std::string> texts);
   Error Append(std::initializer_list<std::string_view> texts);
 
-  // Appends copies of records, with their line ends, as readers returned them. Readers of this report get the same
+  // Appends copies of records as readers returned them, with their line ends. Readers of this report then get the same
   // bytes. Errors as above; kBadText for a text that no reader returns, because it continues after a byte at which a
   // record ends. [any thread]
   Error AppendCopies(std::span<const std::string_view> records);
 
-  // Writes the header if the one in the file does not count everything that was appended: an append succeeds even if
-  // its write of the header fails. Errors: kNotOpen, kSystem. [any thread]
+  // Writes the header if the one in the file does not count every appended record: an append succeeds even if its write
+  // of the header fails. Errors: kNotOpen, kSystem. [any thread]
   Error Confirm();
 
-  // Whether the report is as this writer left it. Errors: kNotOpen; kNotFound if the path has other files now, or none;
-  // kOtherWriter if the header is not the one that this writer wrote. [any thread]
+  // Checks that nobody else has changed the report. Errors: kNotOpen; kNotFound if the path leads to other files now,
+  // or to no files; kOtherWriter if the header is not the one that this writer wrote. [any thread]
   Error CheckUntouched();
 
-  // The record of this age as readers return it, 0 being the newest. Errors: kNotOpen; kBadArgument if there is no
-  // record that can be read. [any thread]
+  // Reads the record of this age (0 is the newest one) as readers return it. Errors: kNotOpen; kBadArgument if there is
+  // no record that can be read. [any thread]
   Error ReadBack(std::uint32_t age, std::string& record);
 
-  // Closes the files and gives up the lock. [owning thread]
+  // Closes the files and releases the lock. [owning thread]
   void Close();
 
   [[nodiscard]] bool IsOpen() const;
-  // How many records the ring of the open report keeps; 0 if none is open. [owning thread]
+  // The number of slots in the ring of the open report; 0 if no report is open. [owning thread]
   [[nodiscard]] std::uint32_t RingSize() const;
-  // How many records were appended to the open report since it was created, modulo 2^32; 0 if none is open.
-  // [owning thread]
+  // The number of records that were appended to the open report since it was created, modulo 2^32; 0 if no report is
+  // open. [owning thread]
   [[nodiscard]] std::uint32_t RecordCount() const;
 
  private:

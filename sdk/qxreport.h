@@ -1,7 +1,7 @@
-/* Writing and reading reports from C and from other languages: the interface of libqxreport.so.0.
+/* Writes and reads reports from C and from other languages: the interface of libqxreport.so.0.
  *
- * It is that of sdk/Writer.h and sdk/Reader.h, with the same rules and the same errors. Every function that can fail
- * returns a code, QXREPORT_OK or one of the others, and fills `error` unless that is null. Paths and texts are bytes.
+ * The rules and errors are those of sdk/Writer.h and sdk/Reader.h. Every function that can fail returns QXREPORT_OK or
+ * another code, and fills `error` unless it is null. Paths and texts are bytes.
  *
  * Threads: qxreport_append and qxreport_append_many may be called from several threads at the same time; the other
  * calls on one object belong to one thread at a time.
@@ -41,7 +41,7 @@ typedef struct qxreport_error {
 typedef struct qxreport_writer qxreport_writer;
 typedef struct qxreport_reader qxreport_reader;
 
-/* The path of the report `name` in the report directory of this machine, for the calls below. */
+/* Writes into `path` the path of the report `name` in the report directory of this machine, for the calls below. */
 int qxreport_path(const char* name, char* path, size_t path_size, qxreport_error* error);
 
 /* Opens a report for writing, or creates it with space for `ring_size` records. *writer is null after an error. */
@@ -75,15 +75,16 @@ typedef struct qxreport_record {
   int event; /* what happened before this record */
 } qxreport_record;
 
-/* Opens a report for reading: at its oldest record if `cursor` is null or empty, otherwise where a reader was when
- * qxreport_cursor returned that text. */
+/* Opens a report for reading. It begins at the oldest record if `cursor` is null or empty, otherwise at the position
+ * for which qxreport_cursor returned that text. */
 int qxreport_open_reader(const char* path, const char* cursor, qxreport_reader** reader, qxreport_error* error);
 
-/* The next record, each one once. Waits up to `timeout_ms` milliseconds for it; if none comes, record->text is null and
- * the code is QXREPORT_OK. */
+/* Reads the next record; each record is read once. Waits up to `timeout_ms` milliseconds for it. If no record is
+ * appended in time, record->text is null and the code is QXREPORT_OK. */
 int qxreport_read(qxreport_reader* reader, uint32_t timeout_ms, qxreport_record* record, qxreport_error* error);
 
-/* Where the reader is: a line of text to be saved. Valid until the next call with this reader; null without memory. */
+/* The position of the reader, as a line of text that can be saved. Valid until the next call with this reader; null if
+ * memory runs out. */
 const char* qxreport_cursor(qxreport_reader* reader);
 
 /* Closes the files and frees the reader; null is allowed. */

@@ -7,7 +7,7 @@
     with qxreport.Reader(qxreport.path("load")) as report:
         for record in report:          # all records that were not read yet
             print(record.text)
-        record = report.read(1.0)      # the next one; waits up to one second
+        record = report.read(1.0)      # the next record; waits up to one second
         save(report.cursor)            # Reader(path, cursor) continues there
 """
 from __future__ import annotations
@@ -56,7 +56,7 @@ class Event(enum.IntEnum):
 
 
 class ReportError(Exception):
-    """A call failed. `record` is the text of a batch that the error is about, counted from 0."""
+    """A call failed. `record` is the index, in a batch, of the text that the error is about."""
 
     def __init__(self, code: Code, system_error: int, record: int, text: str) -> None:
         super().__init__(text)
@@ -67,7 +67,7 @@ class ReportError(Exception):
 
 @dataclass(frozen=True)
 class Record:
-    """A record: its bytes without the line end, and whether they are what was appended."""
+    """A record: its bytes without the line end, and whether they are the bytes that were appended."""
 
     data: bytes
     state: State
@@ -75,7 +75,7 @@ class Record:
 
     @property
     def text(self) -> str:
-        """The bytes as UTF-8; bytes that are not become surrogate escapes."""
+        """The bytes as UTF-8; bytes that are not UTF-8 become surrogate escapes."""
         return self.data.decode("utf-8", "surrogateescape")
 
 
@@ -149,7 +149,7 @@ def path(name: Text) -> str:
 
 
 class Writer:
-    """The one writer of a report."""
+    """The only writer of a report."""
 
     def __init__(self, report_path: Text, ring_size: int) -> None:
         self._writer = ctypes.c_void_p()
@@ -167,7 +167,7 @@ class Writer:
         _check(_library.qxreport_append(self._writer, data, len(data), ctypes.byref(error)), error)
 
     def append_many(self, texts: Iterable[Text]) -> None:
-        """Appends many records at once. All are checked before anything is written."""
+        """Appends many records at once. All texts are checked before anything is written."""
         if isinstance(texts, (str, bytes)):
             raise TypeError("append_many appends a list of texts; append appends one text")
         data = [_bytes(text) for text in texts]
@@ -177,7 +177,7 @@ class Writer:
         _check(_library.qxreport_append_many(self._writer, pointers, sizes, len(data), ctypes.byref(error)), error)
 
     def close(self) -> None:
-        """Closes the files; append fails from here on."""
+        """Closes the files; append fails afterwards."""
         _library.qxreport_close(self._writer)
         self._writer = ctypes.c_void_p()
 
@@ -215,14 +215,14 @@ class Reader:
 
     @property
     def cursor(self) -> str:
-        """Where the reader is: a line of text to be saved."""
+        """The position of the reader, as a line of text that can be saved."""
         text = _library.qxreport_cursor(self._reader)
         if text is None:
             raise ReportError(Code.NOT_OPEN, 0, 0, "no report is open")
         return text.decode()
 
     def close(self) -> None:
-        """Closes the files; read fails from here on."""
+        """Closes the files; read fails afterwards."""
         _library.qxreport_close_reader(self._reader)
         self._reader = ctypes.c_void_p()
 
