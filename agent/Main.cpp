@@ -1,7 +1,7 @@
 // qxagent: samples load, memory, disks and network of this machine into reports.
 //
-// It is also an example of an agent as a service: it writes through sdk/Writer.h, says to the service manager when it
-// is ready and that it is alive, and ends on SIGTERM. It does not daemonize, log to files or read settings.
+// qxagent is also an example of an agent as a service: it writes with sdk/Writer.h, informs the service manager when it
+// is ready and that it is alive, and ends on SIGTERM. It does not become a daemon, log to files or read settings files.
 #include <getopt.h>
 #include <systemd/sd-daemon.h>
 
@@ -56,7 +56,7 @@ struct Options {
   std::uint32_t count = std::numeric_limits<std::uint32_t>::max();
 };
 
-// False if the text is not a whole number between these two.
+// Reads a whole number. False if the text is not a number from `min` to `max`.
 bool ReadNumber(std::string_view text, std::uint32_t min, std::uint32_t max, std::uint32_t* number) {
   std::uint32_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -94,12 +94,12 @@ bool SetOption(int code, const char* value, Options* options) {
   }
 }
 
-// The exit code if the program is to end; -1 if it is to go on.
+// The exit code if the program must end; -1 if it continues.
 int ReadOptions(int argc, char** argv, Options* options) {
   for (int code = 0; (code = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
     if (code == kHelpOption) return std::fputs(kHelp, stdout) < 0 ? kFailed : 0;
     if (code == kVersionOption) return std::puts("qxagent " QX_VERSION) < 0 ? kFailed : 0;
-    if (code == '?') return kWrongUsage;  // getopt has said why
+    if (code == '?') return kWrongUsage;  // getopt has printed the reason
     if (!SetOption(code, optarg, options)) {
       std::fprintf(stderr, "qxagent: \"%s\" is not a value of its option; see qxagent --help\n", optarg);
       return kWrongUsage;
@@ -110,7 +110,7 @@ int ReadOptions(int argc, char** argv, Options* options) {
   return kWrongUsage;
 }
 
-// Empty if the file cannot be read.
+// The content of the file; empty if it cannot be read.
 std::string TextOf(const char* path) {
   const qx::file::Descriptor file = qx::file::Open(path, O_RDONLY);
   std::string text;
@@ -134,7 +134,7 @@ std::string Stamp() {
   return {text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S ", &parts)};
 }
 
-// The signals that end the agent. They are blocked, and taken while it waits.
+// The signals that end the agent. They are blocked, and accepted only while the agent waits.
 class EndSignals {
  public:
   EndSignals() {
@@ -143,7 +143,7 @@ class EndSignals {
     (void)sigprocmask(SIG_BLOCK, &signals_, nullptr);  // fails only for a wrong argument
   }
 
-  // Waits until `time`. True if a signal came.
+  // Waits until `time`. True if a signal has arrived.
   [[nodiscard]] bool ArriveBefore(Clock::time_point time) const {
     for (;;) {
       const auto left = std::max(Clock::duration::zero(), time - Clock::now());
@@ -160,7 +160,8 @@ class EndSignals {
   sigset_t signals_ = {};
 };
 
-// A third of the time after which the service manager takes the agent for dead; a day without a watchdog.
+// A third of the time after which the service manager ends an agent that does not report that it is alive; a day if
+// there is no watchdog.
 Clock::duration WatchdogPeriod() {
   std::uint64_t period = 0;
   if (sd_watchdog_enabled(0, &period) <= 0) return std::chrono::hours(24);
@@ -171,7 +172,7 @@ class Agent {
  public:
   explicit Agent(const Options& options) : options_(options), reports_(options.directory, options.slots) {}
 
-  // The exit code.
+  // Samples until the end. Returns the exit code.
   int Run() {
     if (!TakeSample(0)) return kFailed;
     (void)sd_notify(0, ("READY=1\nSTATUS=Samples into " + options_.directory).c_str());
@@ -190,7 +191,7 @@ class Agent {
   }
 
  private:
-  // True if the agent is to end.
+  // Waits until `time`, and reports meanwhile that the agent is alive. True if the agent must end.
   bool WaitUntil(Clock::time_point time) {
     for (;;) {
       const Clock::time_point now = Clock::now();
@@ -203,7 +204,8 @@ class Agent {
     }
   }
 
-  // False if a record was not stored; the others are. The first failure of many is reported.
+  // Stores one sample of each report. False if a record was not stored; the others are stored all the same. Of several
+  // failures in a row only the first is reported.
   bool TakeSample(double seconds_since) {
     const std::string stamp = Stamp();
     bool is_stored = true;

@@ -12,7 +12,7 @@ namespace {
 
 constexpr mode_t kDirectoryMode = 0755;
 
-// Creates the missing directories above `path`. If one cannot be created, opening the report fails.
+// Creates the missing directories above `path`. If a directory cannot be created, opening the report will fail.
 void MakeDirectoriesAbove(const std::string& path) {
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
     (void)file::MakeDirectory(path.substr(0, slash).c_str(), kDirectoryMode);

@@ -1,4 +1,5 @@
-// The reports of the agent: each is opened when its first record comes, and closed when its device is gone.
+// Writes the reports of the agent. Each report is opened for its first record, and closed when its device no longer
+// exists.
 #pragma once
 
 #include <cstdint>
@@ -17,13 +18,13 @@ namespace qx::agent {
 // Failure: a report that fails is closed, and opened again for its next record.
 class Reports {
  public:
-  // `directory` is the path of the agent's directory; a new report gets `slots` records.
+  // `directory` is the path of the agent's directory; a new report has space for `slots` records.
   Reports(std::string directory, std::uint32_t slots) : directory_(std::move(directory)), slots_(slots) {}
 
   // Appends a record to the report of this name, which may contain "/". [owning thread]
   [[nodiscard]] Error Append(const std::string& name, const std::string& text);
 
-  // Closes the reports that have no record in this sample: names of devices come and go. [owning thread]
+  // Closes the reports without a record in these samples, because their devices no longer exist. [owning thread]
   void CloseOthers(const std::vector<Sample>& samples);
 
  private:

@@ -107,14 +107,14 @@ bool IsReportName(std::string_view name) {
   return is_plain && !name.empty() && name.size() <= kNameBytesMax && name.front() != '.';
 }
 
-// Docker names the bridge of a network "br-" and twelve digits of its number.
+// True for the name of a bridge that Docker makes for a network: "br-" and twelve hexadecimal digits.
 bool IsContainerBridge(std::string_view name) {
   constexpr std::size_t kBytes = 15;
   return name.starts_with("br-") && name.size() == kBytes &&
          name.find_first_not_of("0123456789abcdef", 3) == std::string_view::npos;
 }
 
-// How much each counter grew; empty if there was no counter before, or one of them fell: it began again.
+// The growth of each counter; empty if there were no counters before, or if one has become lower, because it was reset.
 std::vector<double> Growth(const std::vector<std::uint64_t>& before, const std::vector<std::uint64_t>& now) {
   if (before.size() != now.size()) return {};
   std::vector<double> growth;
