@@ -1,4 +1,4 @@
-// The agent: records of given /proc texts, and the program with a service manager that the test plays.
+// Tests the agent: its records of given /proc texts, and the program with a service manager that the test imitates.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>

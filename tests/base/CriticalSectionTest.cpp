@@ -72,7 +72,7 @@ TEST(CriticalSection, CleanupHandlerFreesTheLockWhateverItsDepth) {
   EXPECT_TRUE(OtherThreadCanLock(lock));
 }
 
-// A lock in plain memory, whose fields can be read, also after the lock's end.
+// A lock in plain memory. Its fields can be read, even after the end of the lock.
 class LockInMemory {
  public:
 #if defined(__aarch64__)
@@ -91,7 +91,7 @@ class LockInMemory {
   bool IsValid() const { return memory_[kValidOffset] != 0; }
   void SetValid(bool valid) { memory_[kValidOffset] = valid ? 1 : 0; }
 
-  // The result of taking the mutex, which is then released: 0, EBUSY, or EINVAL for a destroyed one.
+  // Tries to take the mutex, and releases it. Returns 0, EBUSY, or EINVAL for a destroyed mutex.
   int TryMutex() {
     auto* mutex = reinterpret_cast<pthread_mutex_t*>(memory_);
     const int result = pthread_mutex_trylock(mutex);

@@ -1,4 +1,4 @@
-// Where a path leads, and what an ordinary user can do to a path that root uses.
+// Tests where a path leads, and what an ordinary user can do to a path that root uses.
 #include "base/tools/FilePlace.h"
 
 #include <fcntl.h>
@@ -32,7 +32,8 @@ using qx::test::WriteFile;
 
 constexpr int kTries = 3000;
 
-// A race is tried kTries times, and more often on a busy machine, until both outcomes have been seen.
+// Whether a race is tried again: at least kTries times, and on a busy machine more often, until both outcomes were
+// seen.
 bool HasTriesLeft(int tries, bool was_open) { return tries < kTries || (!was_open && tries < 100 * kTries); }
 
 ReplaceState Open(const std::string& path, int flags, const FileRules& rules = {}) {
@@ -274,8 +275,8 @@ TEST_F(AttacksOnFiles, EditInADirectoryThatTheUserMayWriteCanBeRefused) {
   EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kSharedDirectory);
 }
 
-// Root has made the directory inside a directory of the user, whose default access list applies to everything that is
-// created there.
+// Root has made the directory inside a directory of the user. The default access list of the user's directory applies
+// to everything that is created there.
 TEST_F(AttacksOnFiles, EditInADirectoryWithTheUsersAccessListCanBeRefused) {
   if (!GiveDefaultAccessList(dir_.File("users"))) GTEST_SKIP() << "this file system has no access lists";
   fs::create_directory(dir_.File("users/shared"));
@@ -296,7 +297,8 @@ TEST_F(AttacksOnFiles, EditInADirectoryOfTheUsersGroupCanBeRefused) {
   EXPECT_EQ(Replace(roots_, {.refuse_shared_directory = true}), ReplaceState::kSharedDirectory);
 }
 
-// The user exchanges a directory and a link to root's directory, as fast as possible, while root opens what is in it.
+// While root opens a file in the directory, the user exchanges the directory and a link to root's directory as fast as
+// possible.
 TEST_F(AttacksOnFiles, AnExchangedDirectoryNeverLeadsToRootsFile) {
   WriteFile(dir_.File("users/real/file"), "of root, in the user's directory");
   const std::string real = dir_.File("users/real");
@@ -331,7 +333,7 @@ TEST_F(AttacksOnFiles, AnExchangedFileNeverLeadsToRootsFile) {
   ExpectRootsFileUntouched();
 }
 
-// The user keeps the prepared file open, and could write it after the edit; or it is another name of root's file.
+// The prepared file is one that the user keeps open and could write after the edit, or another name of root's file.
 TEST_F(AttacksOnFiles, APreparedCopyOfAnEditIsNeverUsed) {
   const std::string path = dir_.File("users/registry");
   const std::string copy = path + ".edit";
@@ -352,7 +354,7 @@ TEST_F(AttacksOnFiles, APreparedCopyOfAnEditIsNeverUsed) {
   ExpectRootsFileUntouched();
 }
 
-// Gives an attacker the time to exchange a file: until its name leads elsewhere or nowhere, at most a tenth of a
+// Waits until the attacker has exchanged the file, so that its name leads elsewhere or nowhere, at most a tenth of a
 // second.
 void AwaitExchange(const std::string& path) {
   struct stat before = {};

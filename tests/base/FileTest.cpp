@@ -342,7 +342,7 @@ TEST(FileRename, WithoutReplacingKeepsAnExistingTarget) {
   WriteFile(dir.File("to"), "old");
   EXPECT_EQ(RenameWithoutReplacing(dir.File("from").c_str(), dir.File("to").c_str()), EEXIST);
   EXPECT_EQ(ReadFile(dir.File("to")), "old");
-  // A file system that does not know the flag.
+  // The call fails as on a file system that does not know the flag.
   const FailingCall fault({.call = FileCall::kRename, .error = EINVAL});
   EXPECT_EQ(RenameWithoutReplacing(dir.File("from").c_str(), dir.File("to").c_str()), EEXIST);
   EXPECT_EQ(ReadFile(dir.File("to")), "old");

@@ -1,5 +1,5 @@
-// Which links are followed: links of several owners, opened by root and by an ordinary user, and links that are
-// exchanged meanwhile. Links of other owners can only be made by root.
+// Tests which links are followed: links of several owners, opened by root and by an ordinary user, and links that are
+// exchanged meanwhile. Only root can make links of other owners.
 #include "base/OwnedLinks.h"
 
 #include <gtest/gtest.h>
@@ -34,14 +34,14 @@ constexpr uid_t kRoot = 0;
 constexpr uid_t kUser = qx::test::kOrdinaryUser;
 constexpr uid_t kOther = 65533;
 
-// 0, or the error number of the open.
+// 0 if the path can be opened, else the error number.
 int Opened(const std::string& path, TrustedLinks trusted, int flags = -1) {
   const int access = trusted == TrustedLinks::kToWrite ? O_RDWR : O_RDONLY;
   const Descriptor file = OpenThroughOwnedLinks(path.c_str(), flags == -1 ? access : flags, 0644, trusted);
   return file.IsOpen() ? 0 : errno;
 }
 
-// What `action` returns in a child that runs as `user`.
+// Runs `action` in a child as `user`, and returns its result.
 template <typename Action>
 int As(uid_t user, Action action) {
   return qx::test::StatusOfChild([&] { return setresuid(user, user, user) == 0 ? action() : 255; });
@@ -61,7 +61,7 @@ class OwnedLinks : public testing::Test {
     return dir_.File(name);
   }
   std::string MakeLink(const char* name, const std::string& target, uid_t owner) const {
-    (void)unlink(dir_.File(name).c_str());  // of the case before
+    (void)unlink(dir_.File(name).c_str());  // left by the previous case
     EXPECT_EQ(symlink(target.c_str(), dir_.File(name).c_str()), 0);
     EXPECT_EQ(lchown(dir_.File(name).c_str(), owner, owner), 0);
     return dir_.File(name);
@@ -136,7 +136,7 @@ TEST_F(OwnedLinks, NothingIsCreatedThroughAStrangersLink) {
 }
 
 // A device may notice that it is opened, so the target of a stranger's link must not be opened at all. The open of a
-// FIFO that nobody reads would fail with another error.
+// FIFO that nobody reads would fail with another error than this one.
 TEST_F(OwnedLinks, TargetOfAStrangersLinkIsNotOpened) {
   ASSERT_EQ(mkfifo(dir_.File("fifo").c_str(), 0600), 0);
   const std::string link = MakeLink("link", "fifo", kUser);
@@ -161,7 +161,7 @@ TEST_F(OwnedLinks, ErrorsWithoutALinkAreThoseOfAnOpen) {
   EXPECT_EQ(Opened(MakeLink("dangling", "missing", kRoot), TrustedLinks::kToRead), ENOENT);
 }
 
-// Old kernels and sandboxes refuse the open that follows no links; then every path is walked.
+// Old kernels and sandboxes refuse an open that follows no links. Then every path is walked.
 TEST_F(OwnedLinks, WalkAloneHasTheSameResults) {
   const std::string file = MakeFile("file", kRoot);
   const std::string link = MakeLink("link", file, kUser);
@@ -184,7 +184,7 @@ TEST_F(OwnedLinks, RelativePathsBeginAtTheGivenDirectory) {
   }
 }
 
-// The user's own file and the user's link to root's file change places.
+// The user exchanges the user's own file and the user's link to root's file.
 TEST_F(OwnedLinks, LinkThatIsSwappedDuringTheWalkGainsNothing) {
   const std::string secret = MakeFile("secret", kRoot, 0600);
   const std::string mine = MakeFile("mine", kUser);
@@ -194,7 +194,7 @@ TEST_F(OwnedLinks, LinkThatIsSwappedDuringTheWalkGainsNothing) {
   ASSERT_EQ(stat(secret.c_str(), &secret_status), 0);
   int opened = 0;
   int refused = 0;
-  // On a busy machine the attacker may wait for a while.
+  // On a busy machine the attacker may not run for a while, so the number of tries is not fixed.
   for (int tries = 0; tries < 20000 || (std::min(refused, opened) < 100 && tries < 2000000); ++tries) {
     const auto trusted = tries % 2 == 0 ? TrustedLinks::kToWrite : TrustedLinks::kToRead;
     const Descriptor file = OpenThroughOwnedLinks(mine.c_str(), O_RDONLY, 0, trusted);
@@ -210,7 +210,7 @@ TEST_F(OwnedLinks, LinkThatIsSwappedDuringTheWalkGainsNothing) {
   EXPECT_GE(std::min(refused, opened), 100);
 }
 
-// The user's link leads to the user's own file, which changes places with one of root's in the same directory.
+// The user's link leads to the user's own file. This file is exchanged with a file of root's in the same directory.
 TEST_F(OwnedLinks, TargetThatIsSwappedDuringTheWalkGainsNothing) {
   const std::string secret = MakeFile("secret", kRoot, 0600);
   const std::string mine = MakeFile("mine", kUser);

@@ -1,4 +1,4 @@
-// Files that are replaced whole.
+// Tests files that are replaced as a whole.
 #include "base/tools/ReplacedFile.h"
 
 #include <fcntl.h>
@@ -205,7 +205,7 @@ TEST_F(ReplacedFileTest, SecondEditAtTheSameTimeIsRefused) {
   EXPECT_EQ(ReadFile(path_), "next");
 }
 
-// The new content of the first edit becomes the file itself while the second waits between open and lock.
+// While the second edit waits between open and lock, the new content of the first edit becomes the file itself.
 TEST_F(ReplacedFileTest, EditThatWaitedForTheLockOfAnotherBeginsAgain) {
   const std::string copy = dir_.File("registry.edit");
   const pid_t second = fork();

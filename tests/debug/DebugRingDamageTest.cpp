@@ -1,4 +1,4 @@
-// Damaged ring files, and paths that cannot be a ring: tracing continues, and the log has the reason.
+// Tests damaged ring files, and paths that cannot be a ring: tracing continues, and the log has the reason.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -39,7 +39,7 @@ std::string OpenFailed(const RingSetup& setup, int error) {
                       "; " + std::strerror(error) + ") ###\n");
 }
 
-// Opens a ring that cannot be made: the log must have `message` and the entries after it.
+// Opens a ring that cannot be made. The log must have `message`, and the entries after it.
 void ExpectNoRing(RingSetup& setup, const std::string& message) {
   EXPECT_FALSE(setup.OpenRing(kSize));
   setup.Trace().Print(1, "goes on");
@@ -291,7 +291,7 @@ TEST(DebugRingDamage, DeletedFileIsStillWrittenAndTheNextStartCreatesOne) {
 
 // --- full disks and limits --------------------------------------------------------------------------------------
 
-// The log after a ring was set up in a file system of `capacity` bytes, in which a file uses `used` bytes.
+// The log after the set-up of a ring in a file system of `capacity` bytes, in which another file uses `used` bytes.
 std::string LogOfFullDisk(const std::string& capacity, std::size_t used, std::uint32_t size) {
   RingSetup setup;
   return WithPrivateMounts([&] {

@@ -1,4 +1,4 @@
-// A writer that is killed at any moment leaves a ring that can be read up to its newest entry.
+// Tests that a writer that is killed at any moment leaves a ring that can be read up to its newest entry.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -57,7 +57,7 @@ int NumberOfEntryBefore(const std::string& ring, std::size_t end) {
   return line.substr(kEntryShape.size()) == TextOf(number) + "\n" ? number : -1;
 }
 
-// From the newest entry back: how many numbered entries are whole and in order.
+// The number of numbered entries, from the newest one back, that are whole and in order.
 int WholeEntriesBefore(const std::string& ring, std::size_t end, int newest) {
   int count = 0;
   while (newest - count > 0 && NumberOfEntryBefore(ring, end) == newest - count) {
@@ -93,7 +93,7 @@ TEST(DebugRingKill, KilledWriterLeavesAcknowledgedEntriesAndValidNumbers) {
     ASSERT_NE(end, 0U) << "round " << round;
     if (*acknowledged == before) continue;  // killed while it started
     const int newest = NumberOfEntryBefore(ring, end);
-    if (newest == -1) {  // inside a wrap: the header block follows the position
+    if (newest == -1) {  // the writer was killed inside a wrap: the header block follows the position
       ASSERT_LT(end, 12288U) << "round " << round;
       continue;
     }

@@ -1,4 +1,4 @@
-// A reader checks the ring after every machine instruction of its writer: its guarantees hold after each.
+// Checks the ring after every machine instruction of its writer: the guarantees of the ring must hold after each.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -48,7 +48,7 @@ class Reader {
   }
 
  private:
-  // The bytes before the end of the newest entry; empty if that cannot be found.
+  // The bytes before the end of the newest entry; empty if this end cannot be found.
   std::string_view Text() const { return bytes_.substr(0, qx::test::EndOfNewest(bytes_)); }
 
   std::string_view bytes_;
@@ -117,7 +117,7 @@ TEST(DebugRingStep, NewestEntryIsFoundAfterEveryInstructionOfAWrap) {
   SteppedWriter writer(setup);
   bool has_left = false;
   while (writer.Step()) {
-    // The count rises before the position is set back: otherwise the old cycle would count as bytes that were never
+    // The count rises before the position is set back. Otherwise the old cycle would count as bytes that were never
     // written.
     has_left = has_left || reader.Position() != old_position;
     ASSERT_TRUE(!has_left || reader.Wraps() == 1);

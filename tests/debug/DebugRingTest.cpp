@@ -1,4 +1,4 @@
-// The bytes of the ring file when it is made, filled, wrapped and opened again.
+// Tests the bytes of the ring file when it is made, filled, wrapped and opened again.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -31,7 +31,7 @@ using qx::test::UndatedEntry;
 constexpr std::uint32_t kSmall = 32768;  // enough for the header block, of about 8 KiB, and some entries
 constexpr std::uint32_t kLarge = 2U << 20;
 
-// The first difference of the ring's bytes from the model's, as a readable text. A digit of a stamp that was partly
+// The first difference between the ring's bytes and the model's, as a text. A digit of a stamp that was partly
 // overwritten is shown as it is in the ring.
 std::string Difference(const std::string& ring, const std::string& model) {
   if (ring.size() != model.size()) return "sizes";

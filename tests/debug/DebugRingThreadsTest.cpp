@@ -1,4 +1,4 @@
-// Many threads trace into the ring while the settings files change under them: no entry is lost or torn.
+// Tests many threads that trace into the ring while the settings files change: no entry may be lost or torn.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -74,7 +74,7 @@ TEST(DebugRingThreads, WrapsKeepEveryEntryWhole) {
   const std::string ring = setup.Ring();
   const std::size_t position = setup.Position();
   EXPECT_EQ(ring.substr(position, 16), kTerminator);
-  // Every entry here has 58 bytes: from the newest one back to the start of the cycle there is no gap.
+  // Every entry of this test has 58 bytes, so from the newest one back to the start of the cycle there is no gap.
   constexpr std::size_t kEntryBytes = RingSetup::kHeaderBytes + 9;
   std::size_t begin = position;
   while (StartsWithShape(ring.substr(begin - kEntryBytes, kEntryBytes),

@@ -33,7 +33,7 @@ using testing::IsEmpty;
 // The formats are arguments of the tests, so the compiler cannot check them.
 void PrintText(CDebug& debug, const char* format) { debug.Print(1, format, 0); }
 
-// Counts the writes; none fails.
+// Counts the writes. No write fails.
 const qx::test::FileFault kCountedWrites{.call = FileCall::kWrite, .nth = qx::test::kAlways};
 
 std::string Entry(std::string_view text) { return "S [T] QxTrace       " + std::string(text); }
@@ -61,7 +61,7 @@ std::ptrdiff_t SlotOf(Member member) {
   return (words[0] & ~std::ptrdiff_t{1}) / static_cast<std::ptrdiff_t>(sizeof(void*));
 }
 
-// While in scope, this process can open nothing.
+// Until the end of the scope, this process cannot open anything.
 class NoMoreDescriptors {
  public:
   NoMoreDescriptors() {
@@ -122,7 +122,7 @@ TEST(Debug, InertInZeroedMemoryAndAfterItsEnd) {
   EXPECT_EQ(setup.PlainLog(), Entry("alive\n"));
 }
 
-// In a child: a failure would end the program.
+// Runs in a child, because a failure would end the program.
 TEST(Debug, SettingsFilesAreNotCheckedAfterItsEnd) {
 #ifdef QX_ADDRESS_SANITIZER
   GTEST_SKIP() << "the undefined behaviour sanitizer stops every call outside an object's life";

@@ -1,4 +1,4 @@
-// Many threads trace while the settings change under them: every entry is in the log once, whole and in its order.
+// Tests many threads that trace while the settings change: every entry must be in the log once, whole and in its order.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -91,7 +91,7 @@ TEST(DebugThreads, SixteenThreadsLoseNoEntryWhileTheSettingsFilesChange) {
   qx::test::ExpectEntriesOfAllThreads(setup.PlainLog(), kThreads * kEntriesEach);
 }
 
-// How many lines are neither a whole "t00 e000" entry, nor the head, nor a wrap line.
+// The number of lines that are neither a whole "t00 e000" entry, nor the head, nor a wrap line.
 int TornLines(const std::string& log) {
   const auto is_whole = [](std::string line) {
     if (line == "S [T] QxTrace       head") return true;

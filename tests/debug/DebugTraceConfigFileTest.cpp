@@ -62,8 +62,8 @@ TEST(DebugTraceConfigFile, EveryPrefixOfACompleteFileIsIgnored) {
   EXPECT_EQ(TextOfKey(text), "1");
 }
 
-// A file that ends before its size may be in the middle of a write. The test uses a file of the kernel whose size is
-// one page but which has less.
+// A file that is shorter than its size may be in the middle of a write. The test uses a file of the kernel whose size
+// is one page, but which has fewer bytes.
 TEST(DebugTraceConfigFile, FileThatEndsBeforeItsSizeIsIgnored) {
   const std::string path = "/sys/kernel/uevent_seqnum";
   struct stat status {};
@@ -231,7 +231,7 @@ TEST(DebugTraceConfigFile, IsReadThroughASymbolicLink) {
   EXPECT_TRUE(file.Read());
 }
 
-// The rules in their plainest form, with a NUL-terminated copy and C string calls.
+// A plain form of the rules, with a NUL-terminated copy and C string functions.
 std::string SlowTextOfKey(std::string text) {
   const std::size_t end = text.rfind(']');
   const std::size_t begin = end == std::string::npos ? end : text.rfind('[', end);

@@ -1,4 +1,4 @@
-// The source of every setting, and what a check of the files changes while the program runs.
+// Tests the source of every setting, and which settings change when the files are checked while the program runs.
 #include "debug/DebugTraceConfig.h"
 
 #include <gmock/gmock.h>
@@ -24,8 +24,8 @@ constexpr std::uint32_t kUnset = 0xFFFFFFFF;
 
 std::string AppIni(std::string_view lines) { return "[QxTrace]\n" + std::string(lines) + TraceSetup::kIniEnd; }
 
-// The path of the log, from the message that it cannot be opened. The tests name directories in which no file can be
-// created, so they leave none.
+// The path of the log, taken from the message that the log cannot be opened. The tests name directories in which no
+// file can be created, so they leave no files.
 std::string LogPathShown(TraceSetup& setup) {
   const SyslogCapture syslog;
   EXPECT_TRUE(setup.Init());

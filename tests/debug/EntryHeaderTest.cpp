@@ -14,7 +14,7 @@ namespace {
 using qx::debug::EntryHeaderParts;
 using qx::debug::StampText;
 
-// While in scope, local time is that of TZ.
+// Until the end of the scope, local time is that of TZ.
 class ScopedZone {
  public:
   explicit ScopedZone(const char* zone) : zone_("TZ", zone) { ::tzset(); }

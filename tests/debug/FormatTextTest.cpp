@@ -21,7 +21,7 @@ namespace {
 using qx::debug::FormatText;
 using Random = std::mt19937_64;
 
-// A result and the text that came with it, in a buffer with guards after its end.
+// A result, and the text in the buffer. Guards after the end of the buffer show whether the function stayed inside.
 struct Formatted {
   int result = 0;
   std::string text;
@@ -46,7 +46,7 @@ Formatted FormatBy(Formatter formatter, std::size_t size, const char* format, st
   return formatted;
 }
 
-// The result of FormatText, which must be that of vsnprintf.
+// Calls FormatText and vsnprintf, which must have the same result. Returns the result.
 Formatted ExpectSame(std::size_t size, const char* format, ...) {
   std::va_list args;
   std::va_list again;

@@ -29,7 +29,7 @@ using testing::IsEmpty;
 
 std::string LoggedEntry(std::string_view text) { return "S [T] QxTrace       " + std::string(text); }
 
-// The bytes that a text of `n` characters has in the log of TraceSetup, with its line feed.
+// The number of bytes that a text of `n` characters takes in the log of TraceSetup, with its line feed.
 constexpr std::size_t EntryBytes(std::size_t n) { return TraceSetup::kHeaderBytes + n + 1; }
 
 TEST(LogFileSink, EntryThatCrossesTheLimitIsWholeAndTheHeadStays) {
@@ -119,7 +119,7 @@ TEST(LogFileSink, LimitOfZeroWrapsAtEveryEntry) {
 // The length of the longest wrap line at a limit below 1000 bytes.
 constexpr std::size_t kWrapLineBytesMax = 124;
 
-// The bytes by which the file may exceed its limit: the wrap line and one entry, and below 120 bytes a second wrap
+// The file may exceed its limit by the wrap line and one entry; if the limit is below 120 bytes, also by a second wrap
 // line.
 TEST(LogFileSink, SmallLimitsAreExceededByTwoWrapLinesAndAnEntryAtMost) {
   const std::size_t entry = EntryBytes(20);

@@ -1,4 +1,4 @@
-// The header block, line by line.
+// Tests the header block, line by line.
 #include "debug/LogHeader.h"
 
 #include <fcntl.h>
@@ -59,8 +59,8 @@ constexpr const char* kVariables[] = {"LD_LIBRARY_PATH",
                                       "WaitForVrmdTerm",
                                       "InvAgtPollNetUtilization"};
 
-// Matches the block of a setup of this file. "@" is the beginning of each line, "DIR" the log's directory, "PID" the
-// process id.
+// A pattern of the header block that a setup of this file writes. "@" is the beginning of each line, "DIR" the log's
+// directory, "PID" the process id.
 constexpr const char* kBlock = R"(@QxTrace Command Line Options:
 @argv[0] = "agent"
 @argv[1] = "-x"

@@ -69,7 +69,7 @@ struct stat StatusOf(const std::string& path) {
   return status;
 }
 
-// Runs `body` as an ordinary user; its text.
+// Runs `body` as an ordinary user, and returns its text.
 std::string AsOrdinaryUser(const std::function<std::string()>& body) {
   return qx::test::TextOfChild([&]() -> std::string {
     if (!qx::test::BecomeOrdinaryUser()) return "cannot become an ordinary user";
@@ -90,8 +90,8 @@ class OwnFileAttack : public testing::Test {
     ASSERT_EQ(AsOrdinaryUser([&] { return std::string(body() ? "" : std::strerror(errno)); }), "");
   }
 
-  // The user's hard link to a file of root. Where fs.protected_hardlinks forbids it, it is made while the file is open
-  // to all for a moment.
+  // Makes the user's hard link to a file of root. If fs.protected_hardlinks forbids this, the file is open to all while
+  // the link is made.
   static void LinkByUser(const std::string& file, const std::string& link) {
     const bool is_protected = qx::test::HardLinkByOrdinaryUser(file, link);
     ASSERT_EQ(is_protected, ReadFile("/proc/sys/fs/protected_hardlinks") != "0\n");
@@ -179,7 +179,7 @@ TEST_F(OwnFileAttack, SecondNameOfTheLogOrTheRingDoesNotShowTheTraces) {
   }
 }
 
-// Root's own files, but everybody may write them, for example because of an earlier umask.
+// The files belong to root, but every user may write them, for example because of an earlier umask.
 TEST_F(OwnFileAttack, FileThatOthersMayWriteIsCreatedAgain) {
   ASSERT_TRUE(service_.OpenRing(kRingBytes));
   for (const std::string& path : {LogPath(), RingPath()}) ASSERT_EQ(::chmod(path.c_str(), 0622), 0);
@@ -273,7 +273,7 @@ TEST_F(OwnFileAttack, OrdinaryErrorOfTheRingIsNotReportedInTheSystemLog) {
   EXPECT_THAT(syslog.Messages(), IsEmpty());
 }
 
-// One step of the user who swaps what the name leads to.
+// One step of the user, who replaces the file under this name.
 void Swap(const std::string& path, const std::string& own, const std::string& theirs, std::uint32_t size) {
   (void)::rename(path.c_str(), theirs.c_str());  // the service's file, if it exists
   (void)MakeFile(own, 0604, size);
@@ -284,8 +284,8 @@ void Swap(const std::string& path, const std::string& own, const std::string& th
   (void)::unlink(own.c_str());
 }
 
-// The service opens the file while the user swaps it: 10,000 times, and until the user's file was found ten times.
-// Every file that the service gets is its own. `size` as for OpenOwnFile.
+// The service opens the file while the user replaces it: 10,000 times, and until the user's file was found ten times.
+// Every file that the service gets must be its own. `size` as for OpenOwnFile.
 void RaceWithSwapper(const std::string& path, std::optional<std::uint64_t> size) {
   const SyslogCapture syslog;  // one message for each file of the user
   const Attacker attacker([&path, own = path + ".own", theirs = path + ".theirs",
@@ -307,7 +307,7 @@ void RaceWithSwapper(const std::string& path, std::optional<std::uint64_t> size)
   EXPECT_GE(syslog.Messages().size(), 10U);
 }
 
-// The service's own log changes places with the user's link to another file of root's, which looks like a log.
+// The user exchanges the service's own log and a link to another file of root's, which looks like a log.
 TEST_F(OwnFileAttack, SwappedLinkNeverLeadsToAFileOfRootsInTenThousandTries) {
   const std::string victim = service_.LogDir().File("victim");
   const std::string bait = service_.LogDir().File("bait");

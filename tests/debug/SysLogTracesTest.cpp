@@ -1,5 +1,5 @@
-// The messages to the system log, as the test's own socket at /dev/log receives them. Each test runs in its own child,
-// because a process connects only once.
+// Tests the messages to the system log. The test's own socket at /dev/log receives them. Each test runs in its own
+// child, because a process connects to the socket only once.
 #include "debug/SysLogTraces.h"
 
 #include <dlfcn.h>
@@ -75,7 +75,7 @@ void LogVa(const char* format, ...) {
   va_end(args);
 }
 
-// What the system log receives from `body`.
+// The messages that the system log receives from `body`.
 std::string LoggedBy(const std::function<void()>& body) {
   return WithPrivateMounts([&] {
     const DevLog log;

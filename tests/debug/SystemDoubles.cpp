@@ -1,4 +1,4 @@
-// Replaces the C library's syslog in this test program: the system log is a list that tests read.
+// Replaces the C library's syslog in this test program: messages go to a list that tests read.
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -30,7 +30,7 @@ void syslog(int priority, const char* format, ...) {
   va_end(args);
 }
 
-// The name of syslog in a fortified build.
+// syslog has this name in a fortified build.
 void __syslog_chk(int priority, int, const char* format, ...) {
   std::va_list args;
   va_start(args, format);

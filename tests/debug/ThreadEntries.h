@@ -1,4 +1,4 @@
-// Entries of several threads, "tT eE xxx": thread, number and a text whose length follows from the number.
+// Checks entries of several threads, "tT eE xxx": thread, number, and a text whose length follows from the number.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@ namespace qx::test {
 
 inline std::string TextOfEntry(int entry) { return std::string(static_cast<std::size_t>(entry % 97), 'x'); }
 
-// `log` (without stamps) has `count` entries, and each thread's entries once, whole and in their order.
+// `log`, without stamps, must have `count` entries: each thread's entries once, whole and in their order.
 inline void ExpectEntriesOfAllThreads(const std::string& log, int count) {
   std::istringstream lines(log);
   std::map<int, int> next_of_thread;

@@ -1,11 +1,11 @@
-// The clock of this test program replaces the C library's: entries get the times that a test sets.
+// Replaces the C library's clock in this test program: entries get the times that a test sets.
 #pragma once
 
 #include <cstdint>
 
 namespace qx::test {
 
-// Is 2026-01-31 10:20:30.000 local time at the beginning of the scope; the real clock is used outside of it.
+// From construction to the end of the scope, the time is fixed: at first 2026-01-31 10:20:30.000 local time.
 class TraceClock {
  public:
   TraceClock();

@@ -1,4 +1,4 @@
-// What the trace tests share: their own facility with a private settings directory and a private log, and a double for
+// Helpers for the trace tests: a facility with a private settings directory and a private log, and a replacement for
 // the system log.
 #pragma once
 
@@ -36,7 +36,7 @@ class TraceSetup {
 
   TraceSetup();
 
-  // Writes a settings file whose modification time is later than that of all earlier ones.
+  // Writes a settings file with a modification time after those of all earlier ones.
   void WriteIni(const std::string& name, std::string_view text);
   std::string IniPath(std::string_view name) const { return config_.File(name); }
 
@@ -44,12 +44,12 @@ class TraceSetup {
 
   TestDebug& Trace() { return debug_; }
   bool Init() { return debug_.Init(kAppName); }
-  // Starts at `level`, whatever the files have.
+  // Starts the facility at `level`, whatever the files say.
   bool InitAtLevel(int level);
 
   const TempDir& LogDir() const { return logs_; }
   std::string LogPath() const { return logs_.File("log.qxtrace"); }
-  // The log as it is, and with "S [T]" for the stamp and thread of each entry.
+  // The log as it is; and the log with "S [T]" in place of the stamp and thread of each entry.
   std::string Log() const { return ReadFile(LogPath()); }
   std::string PlainLog() const;
 
@@ -67,10 +67,10 @@ bool StartsWithShape(std::string_view text, std::string_view shape);
 // "2026-01-31 10:20:30.123 [0123ABCD] QxTrace" => "S [T] QxTrace", at the start of every line.
 std::string WithoutStamps(std::string_view log);
 
-// The descriptor under which this process holds `path` open, or -1.
+// The descriptor under which this process has `path` open, or -1.
 int DescriptorOf(const std::string& path);
 
-// While in scope, collects what this process sends to the system log, as "PRIORITY text".
+// Until the end of the scope, collects the messages of this process to the system log, as "PRIORITY text".
 class SyslogCapture {
  public:
   SyslogCapture();

@@ -1,4 +1,4 @@
-// A follower returns every entry of a live writer once and in order, across wraps and restarts.
+// Tests that a follower returns every entry of a live writer once and in order, across wraps and restarts.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -48,7 +48,7 @@ class Followed {
   const std::vector<std::string>& Texts() const { return texts_; }
   int Restarts() const { return restarts_; }
   std::uint64_t LostBytes() const { return lost_bytes_; }
-  // True if entries were lost after the text of that index, or lines belong to no known entry.
+  // True if entries were lost after the text of this index, or if lines belong to no known entry.
   bool HasLossAfter(std::size_t index) const { return losses_after_.contains(index + 1); }
   void Forget() { texts_.clear(); }
 
@@ -116,7 +116,8 @@ class Writer {
   int next_ = 0;
 };
 
-// Every text was written, is in order and comes once; exactly the missing texts were reported.
+// Every text must have been written, and must come once and in order. Exactly the missing texts must be reported as
+// lost.
 void ExpectInOrderAndLossesReported(const Followed& followed, const std::vector<std::string>& written) {
   std::size_t next = 0;
   for (std::size_t i = 0; i < followed.Texts().size(); ++i) {
@@ -321,7 +322,7 @@ TEST(TraceFollowRestart, NewestEntryOfAReplacedFileIsReturned) {
   EXPECT_THAT(followed.Texts(), ElementsAre("entry 1\n", "entry 2\n"));
 }
 
-// A log grows while it is read: its earlier size is too small. Files of /proc report a size of 0.
+// A log can grow while it is read, so its size may be too small. Files of /proc have a size of 0.
 TEST(TraceFollowRestart, LogIsReadToItsEndWhateverItsReportedSize) {
   debug::TraceFile file;
   ASSERT_EQ(file.Open("/proc/version"), 0);
@@ -358,12 +359,12 @@ TEST(TraceFollowRestart, EntryOverOlderBytesIsReturnedOnceItIsWhole) {
   EXPECT_THAT(followed.Texts(), ElementsAre(writer.Written().back()));
 }
 
-// The writer never waits for the reader: the reader returns each entry once and in order, and losses are reported.
+// The writer never waits for the reader. The reader must return each entry once and in order, or report it as lost.
 class TraceFollowThreads : public testing::TestWithParam<Setting> {};
 
 TEST_P(TraceFollowThreads, LiveWriterIsFollowedWithoutRepeatsOrSilentLosses) {
   Writer writer(GetParam().log_bytes, GetParam().ring_bytes);
-  // Not kSettled: if other processes use the processor, a writer may stay in the middle of a write for longer.
+  // The time is longer than kSettled: if other processes use the processor, a writer may stay in the middle of a write.
   Followed followed(writer.Path(), false, std::chrono::seconds(1));
   std::atomic<bool> is_done{false};
   std::thread thread([&] {

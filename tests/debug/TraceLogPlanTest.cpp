@@ -1,4 +1,4 @@
-// Which bytes of a log are new for a follower: the tables of TraceLogPlan.h.
+// Tests which bytes of a log are new for a follower, with the tables of TraceLogPlan.h.
 #include "debug/tools/TraceLogPlan.h"
 
 #include <gmock/gmock.h>
@@ -65,7 +65,7 @@ TEST(LogPlan, NewBytesEndAfterTheLineOfTheLastDifference) {
   for (const Row& row : rows) EXPECT_EQ(EndOfNew(row.copy, row.now, row.begin, row.limit), row.end) << row.now;
 }
 
-// Old text of an earlier cycle may differ far after the newest entry: it is not new.
+// Text of an earlier cycle may differ far after the newest entry; it is not new.
 TEST(LogPlan, ComparisonEndsAfterALongRunOfEqualBytes) {
   const std::string same(4096, 's');
   EXPECT_EQ(EndOfNew("a\n" + same.substr(1) + "x\n", "b\n" + same.substr(1) + "y\n", 0, 4099), 2U);

@@ -1,4 +1,4 @@
-// The marks of a trace file's lines and the decisions from them: the tables of TraceMarks.h.
+// Tests the marks of a trace file's lines and the decisions from them, with the tables of TraceMarks.h.
 #include "debug/tools/TraceMarks.h"
 
 #include <gmock/gmock.h>
@@ -23,8 +23,8 @@ using debug::NoteKept;
 constexpr std::uint64_t kWrapEnd = 100;
 constexpr std::int64_t kWrapStamp = 5;
 
-// The marks of entries that begin at 200, 210, ... Each character is a stamp, or "?" for an unknown one; "+" before it
-// means lines without a header.
+// The marks of entries that begin at 200, 210, ... Each character is a stamp, or "?" for an unknown one. A "+" before
+// it means that there are lines without a header before the entry.
 LogMarks MarksOf(const std::string& entries) {
   LogMarks marks = debug::StartLogMarks({.cycle = 1, .position = 50, .line_end = kWrapEnd}, kWrapStamp);
   std::uint64_t begin = 200;
@@ -88,7 +88,7 @@ TEST(LogMarks, OneStampMeansEveryEntryHasThatOfTheWrap) {
 TEST(LogMarks, NewestEntryEndsAtTheStrongestBoundary) {
   struct Row {
     const char* entries;
-    int crossing;  // the entry that crossed the limit; -1: it is not there
+    int crossing;  // index of the entry that crossed the limit; -1: there is no such entry
     Boundary newest;
   };
   const Row rows[] = {
@@ -138,7 +138,7 @@ TEST(LogMarks, LinesWithoutAHeaderAtTheEndAreABoundary) {
   EXPECT_EQ(marks.crossing_end, 0U);
 }
 
-// The marks of entries at 1, 2, ... S: a start, N: new, B: both, -: neither.
+// The marks of entries that begin at 1, 2, ... S: a start, N: new, B: both, -: neither.
 KeptMarks KeptOf(const std::string& entries) {
   KeptMarks marks;
   bool follows_start = false;
@@ -154,7 +154,7 @@ KeptMarks KeptOf(const std::string& entries) {
 TEST(KeptMarks, CycleBeginsAtAStartThatIsNewOrIsFollowedByANewEntry) {
   struct Row {
     const char* entries;
-    std::uint64_t cycle;  // the result of CycleBegin, counted from 1; 0: no entry
+    std::uint64_t cycle;  // the result of CycleBegin, counted from 1; 0: it found no entry
   };
   const Row rows[] = {{"--BN", 3}, {"SNN", 1}, {"S-NBN", 4}, {"S-NN", 3}, {"S--S-", 4},
                       {"B", 1},    {"S", 1},   {"--", 0},    {"", 0},     {"BNB", 1}};

@@ -1,4 +1,4 @@
-// The trace settings when memory runs out.
+// Tests the trace settings when there is no memory.
 #include <gtest/gtest.h>
 
 #include "debug/tools/TraceSettingSources.h"
@@ -7,7 +7,7 @@
 
 namespace qx::test {
 
-// A leak shows under the address sanitizer.
+// The address sanitizer finds a leak.
 TEST(TraceSettingsMemory, FailedAllocationThrowsAndLeaksNothing) {
   const TempDir directory;
   for (const char* name : {"a.ini", "b.ini", "c.ini"}) WriteFile(directory.File(name), "[Other]\n[EndOfFile]\n");

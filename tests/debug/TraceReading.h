@@ -21,7 +21,8 @@ ReadBack Unroll(const std::string& bytes);
 // The lines of an entry, each with its line feed.
 std::string TextOf(const debug::TraceEntry& entry);
 
-// "older: first line|second line\n" for each entry; "gap", "wrap" and "piece: text" for the rest.
+// The entries as text: "older: first line|second line\n" for each entry; "gap", "wrap" and "piece: text" for other
+// results.
 std::string Shown(const ReadBack& read);
 
 std::vector<debug::TraceFinding::Kind> Kinds(const ReadBack& read);

@@ -1,5 +1,5 @@
-// A plain writer of ring files for tests, which does not use the facility's own: the bytes are in a string, and each
-// entry is kept until one of its bytes is overwritten.
+// A plain writer of ring files for tests, which uses nothing of the facility. It holds the bytes in a string, and each
+// entry until one of its bytes is overwritten.
 #pragma once
 
 #include <cstdint>
@@ -13,18 +13,18 @@ class RingModel {
  public:
   explicit RingModel(std::size_t size) : bytes_(size, '\0') {}
 
-  // Writes a new file whose header block has `header_lines` lines and its end.
+  // Makes a new file whose header block has `header_lines` lines and its end mark.
   void Create(int header_lines);
-  // Another run: it continues at the write position.
+  // Begins another run, which continues at the write position.
   void Reopen();
   void Put(const std::string& text);
-  // Keeps what was written so far across wraps.
+  // Keeps everything that was written so far across wraps.
   void EndInit();
   void Advance(int milliseconds) { now_ms_ += milliseconds; }
 
   const std::string& Bytes() const { return bytes_; }
   unsigned Wraps() const { return wraps_; }
-  // The texts of the entries that are still there whole, in the order in which they were written.
+  // The texts of the entries that are still whole, in the order in which they were written.
   std::vector<std::string> WholeTexts() const;
 
  private:

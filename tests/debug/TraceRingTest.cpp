@@ -1,5 +1,5 @@
-// A ring file is read in the order of time: one of a plain writer of these tests, which knows the whole entries, and
-// one of the facility itself.
+// Tests that a ring file is read in the order of time: files of a plain writer of these tests, which knows the whole
+// entries, and files of the facility itself.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -87,7 +87,7 @@ TEST(TraceRing, RingThatHasNotWrappedIsReadAsItWasWritten) {
   EXPECT_THAT(read.findings, IsEmpty());
 }
 
-// The first read of the header gets the write position with eight new digits and eight old ones.
+// The first read of the header gets a write position that has eight new digits and eight old ones.
 class RingInTheMiddleOfAStore final : public debug::TraceSource {
  public:
   RingInTheMiddleOfAStore(std::string before, std::string after)

@@ -1,4 +1,4 @@
-// The reported settings are those that the facility uses.
+// Tests that the reported settings are those that the facility uses.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -35,7 +35,7 @@ std::string HeaderValue(const std::string& log, const std::string& label) {
   return log.substr(begin, log.find('\n', begin) - begin);
 }
 
-// Chooses one of the values, or none (null).
+// Chooses one of the values, or null.
 const char* Choose(std::mt19937_64& random, std::initializer_list<const char*> values) {
   const std::size_t index = random() % (values.size() + 1);
   return index == values.size() ? nullptr : *(values.begin() + static_cast<std::ptrdiff_t>(index));
@@ -43,7 +43,7 @@ const char* Choose(std::mt19937_64& random, std::initializer_list<const char*> v
 
 constexpr std::initializer_list<const char*> kNumbers = {"",     "0",   "1",   "2",     "3",          "-1",
                                                          "0x10", "010", "abc", "51200", "99999999999"};
-// With these a ring stays small.
+// With these values a ring stays small.
 constexpr std::initializer_list<const char*> kRingNumbers = {"", "0", "1", "-1", "-7", "abc", "99999999999"};
 
 std::string RandomIni(std::mt19937_64& random, const std::string& directory) {

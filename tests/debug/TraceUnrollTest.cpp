@@ -1,4 +1,4 @@
-// A log that CDebug has written through many wraps is read in the order of time.
+// Tests that a log that CDebug has written through many wraps is read in the order of time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -40,7 +40,7 @@ std::string Wrapped(const std::string& head, int wrap_ms, const std::string& new
   return head + wrap(std::to_string(before_last.size() + 1)) + newest + older + last;
 }
 
-// A writer that uses the facility and records what it has written and what a reader must return.
+// A writer that uses the facility, and records what it has written and which entries a reader must return.
 class LogModel {
  public:
   explicit LogModel(std::uint64_t seed) : random_(seed) {}
@@ -94,8 +94,9 @@ std::size_t EntriesIn(const std::string& bytes) {
   return count;
 }
 
-// The entries must be the written ones in their order: first the head; then, without a gap, those up to the newest one.
-// Further lines of the newest entry, and of the one that crossed the limit, may be in the piece after these entries.
+// The entries must be the written ones in their order: first the head, and then, without a gap, the entries up to the
+// newest one. Further lines of the newest entry, and of the one that crossed the limit, may be in the piece after these
+// entries.
 void ExpectHeadAndNewest(const ReadBack& read, const LogModel& model) {
   std::vector<std::size_t> numbers;
   for (std::size_t i = 0; i < read.entries.size(); ++i) {
@@ -157,7 +158,7 @@ TEST(TraceUnroll, ContinuationLinesStayWithTheirEntryInEveryPart) {
   EXPECT_EQ(Shown(read), "head: head|h2\ngap\nolder: old|o2\nolder: last\nwrap\nnewest: new|n2\nnewest: newest\n");
 }
 
-// An entry of an earlier cycle may have ended further on than the one that ended the last cycle.
+// An entry of an earlier cycle may have ended after the end of the last cycle.
 TEST(TraceUnroll, LinesAfterTheEntryThatCrossedTheLimitAreAPiece) {
   const ReadBack read =
       Unroll(Wrapped(Line(1, "head"), 5, Line(7, "newest"), Line(4, "old"), Line(5, "last") + "of a cycle before\n"));

@@ -1,4 +1,4 @@
-// The application's own weight variable has at most 47 characters, whatever the application's name.
+// Tests the application's own weight variable, which has at most 47 characters, whatever the application's name.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,7 +11,7 @@ using qx::test::TraceSetup;
 
 constexpr std::size_t kNameMax = 47;
 
-// The weight that an application of this name starts with if only a variable `name` is 3.
+// The weight with which an application of this name starts, if only the variable `name` is set, to 3.
 std::uint32_t WeightFrom(const std::string& name, const std::string& app_name) {
   TraceSetup setup;
   setup.SetEnv(name.c_str(), "3");

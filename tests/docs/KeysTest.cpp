@@ -1,4 +1,4 @@
-// The keys of JSON documents: docs/json-documents.md describes those of the schemas, and no others.
+// Compares the keys of JSON documents: docs/json-documents.md must describe those of the schemas, and no others.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -39,7 +39,7 @@ std::set<std::string> KeysOfSchemas() {
   return keys;
 }
 
-// What is between backticks in `text`.
+// The words between backticks in `text`.
 std::set<std::string> CodeIn(const std::string& text) {
   std::set<std::string> words;
   std::istringstream rest(text);

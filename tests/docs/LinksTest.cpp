@@ -1,4 +1,4 @@
-// The pages hold together: every link leads somewhere, every page is found from the index.
+// Checks the links of the pages: every link leads to a file and a heading, and every page can be found from the index.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -32,7 +32,7 @@ bool HasAnchor(const std::string& page, const std::string& anchor) {
   return std::find(anchors.begin(), anchors.end(), anchor) != anchors.end();
 }
 
-// Why the link leads nowhere; empty if it does not.
+// The reason why the link leads nowhere; empty if it is valid.
 std::string FaultOf(const std::string& page, const std::string& target) {
   if (IsOfTheWeb(target)) return "";
   const std::string path = PathOf(page, target);
@@ -50,7 +50,7 @@ std::set<std::string> PagesLinkedFrom(const std::string& page) {
   return pages;
 }
 
-// The code of every test, one text.
+// The code of all tests as one text.
 std::string TestSources() {
   std::string text;
   for (const fs::directory_entry& entry : fs::recursive_directory_iterator(fs::path(QX_SOURCE_DIR) / "tests")) {

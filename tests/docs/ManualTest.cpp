@@ -1,4 +1,4 @@
-// Manual pages of section 5 against the format pages: what both state is equal.
+// Compares manual pages of section 5 with the format pages: facts that are in both must be equal.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -23,14 +23,14 @@ using testing::Contains;
 using Row = std::vector<std::string>;
 using Table = std::vector<Row>;  // the first row has the headings
 
-// What a page states in a form that can be compared.
+// The parts of a page in a form that can be compared.
 struct Stated {
   std::vector<std::string> blocks;  // fenced ones, without the fences
   std::vector<Table> tables;
   std::string prose;  // everything else
 };
 
-// The pages that describe in full what a manual page sums up.
+// The pages that describe in full what a manual page summarises.
 const std::map<std::string, std::vector<std::string>> kFormatPages = {
     {"qxini.5.scd", {"ini-files.md"}},          {"qxnames.5.scd", {"report-names.md"}},
     {"qxregistry.5.scd", {"registry-file.md"}}, {"qxrelay.ini.5.scd", {"relay.md"}},
@@ -137,7 +137,7 @@ Row SharedHeadings(const Table& a, const Table& b) {
   return shared;
 }
 
-// Whether some table of the page has at least two of these columns, and the same rows in them.
+// Whether a table of the page has at least two of these columns, with the same rows.
 bool HasTable(const Stated& page, const Table& table) {
   return std::any_of(page.tables.begin(), page.tables.end(), [&](const Table& other) {
     const Row shared = SharedHeadings(table, other);

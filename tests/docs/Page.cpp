@@ -29,7 +29,7 @@ std::string ReasonIn(std::string_view line) {
   return std::string(line);
 }
 
-// As sites that show such pages make anchors: lower case, blanks as hyphens, no other signs.
+// The anchor that sites which show such pages make of a heading: lower case, hyphens for blanks, no other signs.
 //   "What `fetch` does, and when"  => "what-fetch-does-and-when"
 std::string AnchorOf(std::string_view heading) {
   std::string anchor;
@@ -44,7 +44,7 @@ std::string AnchorOf(std::string_view heading) {
   return anchor;
 }
 
-// Text between backticks is code, in which nothing is a link.
+// The line without the code between backticks, because a link in code is not a link.
 std::string WithoutCode(std::string_view line) {
   std::string text;
   bool is_code = false;
@@ -55,7 +55,7 @@ std::string WithoutCode(std::string_view line) {
   return text;
 }
 
-// The text of a heading: "[a](b)" shows as "a".
+// The text of a heading without the targets of its links: "[a](b)" is shown as "a".
 std::string WithoutTargets(std::string text) {
   for (std::size_t at = text.find("]("); at != std::string::npos; at = text.find("](")) {
     const std::size_t end = std::min(text.find(')', at), text.size() - 1);
@@ -100,7 +100,7 @@ class Reader {
     }
   }
 
-  // Later headings of one text get "-1", "-2" appended.
+  // If headings have the same text, the anchors of the later ones end with "-1", "-2".
   void Heading(const std::string& text) {
     std::string anchor = AnchorOf(WithoutTargets(text));
     const int before = seen_[anchor]++;

@@ -1,4 +1,4 @@
-// The pages of docs/, README.md and examples/, as far as tests read them: sessions, links, headings.
+// Reads the pages of docs/, README.md and examples/ for tests: their sessions, links and headings.
 #pragma once
 
 #include <string>

@@ -15,7 +15,7 @@ namespace {
 
 const char kBetweenSessions[] = "\036\n";  // nothing that a command prints
 
-// What varies. Each pattern has three groups, and the second one is hidden.
+// A part of the output that varies. Each pattern has three groups, and the second one is hidden.
 struct Varying {
   const char* what;
   const char* pattern;
@@ -36,7 +36,7 @@ constexpr Varying kVarying[] = {
     {"the working directory", R"(("reportDirectory": ")(/[^"]*)("))"},
 };
 
-// (The standard library's expressions do not compile cleanly under the sanitizers.)
+// (The regular expressions of the standard library do not compile without warnings under the sanitizers.)
 std::string Hide(const std::string& text, const char* pattern) {
   regex_t compiled;
   EXPECT_EQ(regcomp(&compiled, pattern, REG_EXTENDED), 0) << pattern;
@@ -54,7 +54,7 @@ bool NeedsMoreLines(const std::string& command) {
   return command.ends_with('\\') || command.find("<<") != std::string::npos;
 }
 
-// Shows the command as it was typed, runs it, and shows its exit code.
+// The shell text that shows the command as it was typed, runs it, and shows its exit code.
 std::string Step(const std::string& shown, const std::string& command) {
   return "cat <<'EOF_OF_COMMAND'\n" + shown + "EOF_OF_COMMAND\n{ " + command + "} 2>&1 || echo \"exit code $?\"\n";
 }

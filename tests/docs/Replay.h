@@ -1,4 +1,4 @@
-// Runs the sessions of a page as if a reader typed them.
+// Runs the sessions of a page as if a reader had typed them.
 #pragma once
 
 #include <string>
@@ -8,16 +8,17 @@
 
 namespace qx::test {
 
-// What the sessions print, one text for each, in the form of the page: each command after "$ ",
-// with its output on both streams below it, and "exit code N" if that is not 0. One shell runs all of them in one fresh
-// directory, with qxctl in its PATH and the built module in QX_MODULE. Those marked as not run are left out (empty).
+// Runs the sessions, and returns the output of each in the form of the page: each command after "$ ", with its output
+// on both streams below it, and "exit code N" if the code is not 0. One shell runs all sessions in one new directory,
+// with qxctl in its PATH and the built module in QX_MODULE. A session that is marked as not run has an empty text.
 //
 // A command continues in the next line, after "> ", if it ends with a backslash or begins a here-document.
 //
-// On a new machine the root has programs, the module in its place and qxctl, and nothing else; the directory is /root.
+// With `on_new_machine`, the root directory has programs, the module in its place and qxctl, and nothing else; the
+// working directory is /root.
 std::vector<std::string> Replay(const std::vector<Session>& sessions, bool on_new_machine = false);
 
-// `text` with "N" in the place of everything that differs from run to run.
+// The text with "N" in place of everything that differs from run to run.
 std::string WithoutWhatVaries(std::string text);
 
 }  // namespace qx::test

@@ -1,4 +1,4 @@
-// Every console session of every page is run as written, and prints what the page shows.
+// Runs every console session of every page as written, and compares its output with the page.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -31,7 +31,7 @@ std::string TestNameOf(const testing::TestParamInfo<std::string>& info) {
   return name;
 }
 
-// What is wrong with the JSON documents that the sessions print, according to docs/schemas/.
+// The faults of the JSON documents that the sessions print, according to docs/schemas/.
 Ran CheckDocuments(const std::string& transcript) {
   const std::string source = QX_SOURCE_DIR;
   const std::vector<std::string> command = {"/usr/bin/python3", source + "/tests/docs/check_documents.py",
@@ -43,7 +43,7 @@ class DocsSessions : public testing::TestWithParam<std::string> {};
 
 }  // namespace
 
-// A later session uses what an earlier one of its page made.
+// A later session of a page uses files that an earlier one has made.
 TEST_P(DocsSessions, PrintWhatThePageShows) {
   const Page page = ReadPage(GetParam());
   const std::vector<std::string> printed = Replay(page.sessions, page.is_of_new_machine);
@@ -86,7 +86,7 @@ TEST(DocsSessionsFound, PagesWithSessionsAreFound) {
   EXPECT_THAT(PagesWithSessions(), testing::IsSupersetOf({"docs/operations.md", "docs/qxctl.md"}));
 }
 
-// Sessions that this suite cannot run, as "PAGE: REASON". Nothing checks what they show.
+// The sessions that this suite cannot run, as "PAGE: REASON". Nothing checks their output.
 TEST(DocsSessionsFound, OnlyKnownSessionsAreNotRun) {
   const std::vector<std::string> known = {};
   std::vector<std::string> found;

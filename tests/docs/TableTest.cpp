@@ -1,4 +1,4 @@
-// Pages, manual pages and schemas describe exactly what the command table has.
+// Compares pages, manual pages and schemas with the command table: they must describe exactly its commands and options.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -28,7 +28,7 @@ class DocsTable : public testing::Test, protected QxctlFixture {
  protected:
   DocsTable() : table_(json::parse(Qxctl({"_table"}).out)) {}
 
-  // "qxctl report info", ...: what can be run, or only what has this option.
+  // The commands that can be run, such as "qxctl report info"; with `option`, only those that have this option.
   std::set<std::string> Commands(const std::string& option = "") const {
     std::set<std::string> commands;
     for (const json& row : table_) {
@@ -61,7 +61,8 @@ class DocsTable : public testing::Test, protected QxctlFixture {
 
 std::string Name(const json& option) { return option["names"].back(); }
 
-// scdoc begins a paragraph in places where it has no effect. mandoc reports each one; nothing is wrong there.
+// The report without mandoc's remarks on paragraphs. scdoc begins a paragraph in places where it has no effect, which
+// is not a fault.
 std::string WithoutParagraphRemarks(const std::string& report) {
   std::string text;
   std::istringstream lines(report);
@@ -77,7 +78,7 @@ std::string PageName(std::string command) {
   return command;
 }
 
-// The names of the files that begin as said.
+// The names of the schema files that begin with the name of the program.
 std::set<std::string> Schemas(const std::string& program = {}) {
   std::set<std::string> names;
   for (const fs::directory_entry& entry : fs::directory_iterator(InSource("docs/schemas"))) {
@@ -145,7 +146,8 @@ TEST_F(DocsTable, TheTableNamesASchemaForEveryCommandWithJson) {
 }
 
 TEST_F(DocsTable, EveryCommandWithJsonHasASchemaAndEverySchemaACommand) {
-  // A schema for every command, and for the records that several commands print.
+  // There must be a schema for every command with a document, for failures, and for the records that several commands
+  // print.
   std::set<std::string> expected = {"qxctl-failure.schema.json", "qxctl-record.schema.json"};
   for (const json& row : table_) {
     if (!row["schema"].is_null()) expected.insert(row["schema"].get<std::string>() + ".schema.json");
@@ -202,7 +204,7 @@ TEST_F(DocsTable, PageOfAGroupListsItsCommands) {
   EXPECT_THAT(page, HasSubstr("\n*qxctl-report-cat*(1)\n\tPrint the records, oldest first.\n"));
 }
 
-// A shell splits each line, with a qxctl that only parses.
+// A shell splits each line. In this shell, qxctl only parses its words.
 TEST_F(DocsTable, EveryExampleIsAValidCommandLine) {
   std::string script = "qxctl() { " + QxctlPath() + " _parse -- \"$@\" || echo \"in: $*\"; }\nHOME=$PWD\n";
   script += "vmstat() { :; }\nmkdir -p .config/fish/completions\n";

@@ -1,4 +1,4 @@
-// The oracle of the reading primitive: its plainest form, with fgets and C strings.
+// The oracle of the reading primitive: a plain form of it with fgets and C strings.
 #pragma once
 
 #include <cstdio>
@@ -30,7 +30,7 @@ inline std::vector<PlainLine> FgetsLines(const std::string& path) {
 
 inline bool IsSpaceByte(char c) { return std::strchr(" \t\n\v\f\r", c) != nullptr && c != '\0'; }
 
-// Skips blanks, cuts the comment, cuts blanks at the end, all in place.
+// Removes in place the blanks at the beginning, the comment, and the blanks at the end.
 inline char* TrimInPlace(char* line) {
   while (IsSpaceByte(*line)) ++line;
   if (char* comment = std::strchr(line, ';')) *comment = '\0';
@@ -95,7 +95,7 @@ struct FgetsRead {
   }
 };
 
-// Like CIniFile::GetPrivateProfileString, for sizes from 2.
+// Does the same as CIniFile::GetPrivateProfileString, for sizes from 2.
 inline unsigned FgetsGetString(const char* section, const char* key, const char* def, char* buf, unsigned size,
                                const std::string& path) {
   buf[0] = '\0';

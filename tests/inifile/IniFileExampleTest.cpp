@@ -1,4 +1,4 @@
-// The worked examples of docs/ini-files.md, rebuilt.
+// Rebuilds the worked examples of docs/ini-files.md.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -20,7 +20,7 @@ std::string Block(const std::string& example, const std::string& title) {
   return example.substr(begin + mark.size(), end - begin - mark.size());
 }
 
-// A name with blanks at its ends is shown in quotation marks.
+// The names with ", " between them. A name with blanks at its ends is in quotation marks.
 std::string Joined(const std::vector<std::string>& names) {
   std::string text;
   for (const std::string& name : names) {
@@ -32,7 +32,7 @@ std::string Joined(const std::vector<std::string>& names) {
 
 class IniFileExample : public testing::Test {
  protected:
-  // One step of an example: its title, and then the whole file after the step.
+  // Adds a step of the example: its title, and the whole file after it.
   void Step(const std::string& title, bool result) {
     EXPECT_TRUE(result) << title;
     rebuilt_ += "--- " + title + "\n" + qx::test::ReadFile(path_);

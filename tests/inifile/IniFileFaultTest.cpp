@@ -1,4 +1,5 @@
-// Files that cannot be opened or written: the result is false, and the file is unchanged.
+// Tests files that cannot be opened or written: the result is false, and the file is unchanged unless a write fails in
+// the middle.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -42,7 +43,7 @@ class IniFileFault : public testing::Test {
   const std::string path_ = dir_.File("profile.ini");
 };
 
-// Each limit from 0 to the size that the edit needs: the write fails at every byte in turn.
+// The limit takes each value from 0 to the size that the edit needs, so the write fails at each byte.
 TEST_F(IniFileFault, EditOnAFullDiskIsFalseAndLeavesTheFileUnchanged) {
   const std::string before = "[S]\nx=0\nk=1\nb=2\n";
   const std::string after = "[S]\nx=0\nk=longer\nb=2\n";
@@ -83,8 +84,8 @@ TEST_F(IniFileFault, ShrinkingEditNeedsNoSpace) {
   EXPECT_EQ(qx::test::ReadFile(path_), "[S]\nx=0\nk=1\n[T]\n");
 }
 
-// With a limit below the file's size, the write of the first byte after the limit fails: the file is partly written,
-// and the result is false.
+// The limit is below the size of the file, so the write of the first byte after the limit fails: the file is partly
+// written, and the result is false.
 TEST_F(IniFileFault, WriteThatFailsInTheMiddleIsFalse) {
   const std::string tail(20000, 't');
   qx::test::WriteFile(path_, "[S]\nx=0\nk=long\n" + tail);
@@ -162,8 +163,8 @@ TEST_F(IniFileFault, NoDescriptorStaysOpen) {
   EXPECT_EQ(open_descriptors(), before);
 }
 
-// Offsets of an edit have 32 bits: at a larger offset an edit is refused, never made elsewhere. The file is in memory,
-// so that its hole of four gibibytes is not in the page cache.
+// Offsets of an edit have 32 bits. At a larger offset an edit must be refused, and never be made elsewhere. The file is
+// in memory, so that its hole of four gibibytes is not in the page cache.
 #ifdef __OPTIMIZE__
 TEST_F(IniFileFault, OffsetAfterFourGibibytesIsNotEdited) {
   const qx::test::MemoryFile file;

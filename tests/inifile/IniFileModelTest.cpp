@@ -1,4 +1,4 @@
-// Random files and operations against two oracles: the fgets form of the reading primitive, and a list of lines.
+// Compares random files and operations with two oracles: the fgets form of the reading primitive, and a list of lines.
 #include <gtest/gtest.h>
 
 #include <time.h>
@@ -133,7 +133,7 @@ void ExpectReadsAgree(CIniFile& ini, const LineList& model, const std::string& s
   ASSERT_EQ(ini.GetString(section.c_str(), key.c_str(), "default"), value);
 }
 
-// CopySection writes to the file at once, so it may read what it wrote before.
+// Copies a section in the model. CopySection writes to the file at once, so it may read what it has just written.
 void CopyInModel(LineList& model, const std::string& from, const std::string& to) {
   for (const std::string& key : qx::test::UpToAnEmptyName(model.Keys(from))) {
     (void)model.Write(to, key, model.Value(from, key, ""));
@@ -146,7 +146,7 @@ struct Step {
   std::string value;
 };
 
-// Makes one random write on both. The results must agree; the caller compares the bytes.
+// Makes one random write in both. The results must be equal; the caller compares the bytes.
 void WriteBoth(CIniFile& ini, LineList& model, Dice& dice, const Step& step) {
   const auto& [section, key, value] = step;
   const auto number = static_cast<int>(dice.Below(2000)) - 1000;
@@ -191,7 +191,7 @@ TEST_F(IniFileModel, RandomOperationsLeaveTheBytesOfAListOfLines) {
   }
 }
 
-// Processor time, so that other programs of the machine do not count.
+// The processor time of this thread, so that other programs of the machine do not count.
 double MillisecondsOfCpu() {
   timespec time = {};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -211,8 +211,8 @@ double MillisecondsPerEnum(const std::string& path) {
   return best;
 }
 
-// Eight times as many keys need about eight times the time. If the list were scanned for each name, they would need 64
-// times the time.
+// Eight times as many keys must need about eight times the time. If the list were scanned for each name, they would
+// need 64 times the time.
 TEST_F(IniFileModel, EnumerationCostGrowsInProportionToTheList) {
   const auto write = [&](int keys) {
     std::string text = "[S]\n";

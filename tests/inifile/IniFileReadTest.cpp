@@ -1,4 +1,4 @@
-// The reading primitive: syntax as read, counts, buffers.
+// Tests the reading primitive: the syntax that it accepts, counts, buffers.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -23,7 +23,7 @@ struct Outcome {
   unsigned result;
   std::string buffer;
 
-  // The text and the NUL after it.
+  // The text, and the NUL after it.
   std::string Text() const { return buffer.substr(0, result + 1); }
 };
 
@@ -44,7 +44,7 @@ class IniFileRead : public testing::Test {
     return outcome.buffer.c_str();
   }
 
-  // The value of key "k" in section "S" of a file with only these lines.
+  // The value of key "k" in section "S" of a file with this section and these lines.
   std::string ValueIn(std::string_view lines) {
     Write("[S]\n" + std::string(lines));
     return Value("S", "k");

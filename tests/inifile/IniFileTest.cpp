@@ -1,4 +1,4 @@
-// The members: one file name, growing buffers, numbers, enumeration.
+// Tests the members of the class: one file name, growing buffers, numbers, enumeration.
 #include "inifile/IniFile.h"
 
 #include <gtest/gtest.h>
@@ -289,7 +289,7 @@ TEST_F(IniFile, ListsAreAppendedAndReturnWhetherTheyHadANewName) {
   EXPECT_EQ(names, (Names{"kept", "S", "T", "a", "b"}));
 }
 
-// Names of 99 characters count 100 each; the last one fills up to `total`.
+// A section whose keys count `total`. Names of 99 characters count 100 each; the last name makes up the rest.
 std::string SectionWithKeysCounting(std::size_t total) {
   std::string text = "[S]\n";
   while (total > 200) {

@@ -1,4 +1,4 @@
-// Every trace text, in its order and at its level.
+// Tests every trace text, in its order and at its level.
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
@@ -17,7 +17,7 @@ using Entries = std::vector<std::string>;
 
 class IniFileTrace : public testing::Test {
  protected:
-  // What `action` traces at `level`.
+  // The entries that `action` traces at `level`.
   template <typename Action>
   Entries Traced(int level, Action action) {
     const qx::test::TraceCapture capture(level);

@@ -1,4 +1,4 @@
-// The writing primitive and its in-place edit. Each case shows the whole file before and after.
+// Tests the writing primitive and its in-place edit. Each case shows the whole file before and after.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>

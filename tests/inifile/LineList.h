@@ -1,4 +1,4 @@
-// A profile file as a plain list of lines: the oracle of random files and operations.
+// The oracle of random files and operations: a profile file as a plain list of lines.
 //
 // Everything works on whole vectors of strings, with indices instead of file positions; after each edit the list is
 // joined and split again, because an edit can join the pieces of a long line.
@@ -53,7 +53,7 @@ class LineList {
     return keys;
   }
 
-  // The first entry of the key decides, even if it is empty.
+  // The value of the first entry with this key; `def` if this value is empty, or without such an entry.
   std::string Value(const std::string& section, const std::string& key, const std::string& def) const {
     for (const Entry& entry : Entries(section)) {
       if (entry.key == key) return entry.value.empty() ? def : entry.value;
@@ -87,7 +87,7 @@ class LineList {
  private:
   static constexpr const char* kBlanks = " \t\n\v\f\r";
 
-  // The lines after one meaningful line up to the next one, including that one.
+  // A line with meaning, and the lines before it back to the previous such line.
   struct Region {
     std::string bytes;
     std::string said;
@@ -142,8 +142,8 @@ class LineList {
     return regions;
   }
 
-  // The regions from `first` to before `last` become `text`; with `to_the_end`, what follows the last region is
-  // removed, too.
+  // Replaces the regions from `first` up to, but not including `last`, by `text`. With `to_the_end`, the lines after
+  // the last region are removed, too.
   bool Replace(const std::vector<Region>& regions, std::size_t first, std::size_t last, bool to_the_end,
                const std::string& text) {
     std::size_t begin = 0;
@@ -163,7 +163,7 @@ class LineList {
   std::string bytes_;
 };
 
-// What the class returns of a list of names: it ends at an empty one.
+// The names that the class returns of a list: those before the first empty one.
 inline std::vector<std::string> UpToAnEmptyName(std::vector<std::string> names) {
   names.erase(std::find(names.begin(), names.end(), ""), names.end());
   return names;

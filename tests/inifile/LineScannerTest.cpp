@@ -123,7 +123,8 @@ std::string RandomBytes(std::mt19937_64& random) {
   return bytes;
 }
 
-// Windows of one line, of a line and a byte, and the real one: the end of a window may be anywhere in a line.
+// The windows have space for one line, for a line and a byte, or their real size, so the end of a window may be
+// anywhere in a line.
 TEST(LineScanner, AgreesWithFgetsOnRandomBytesAcrossAnyWindow) {
   std::mt19937_64 random(qx::test::Seed("LineScanner"));
   const qx::test::MemoryFile file;
@@ -143,15 +144,15 @@ TEST(LineScanner, AgreesWithFgetsOnRandomBytesAcrossAnyWindow) {
   }
 }
 
-// `line` is the line in the file, including what a NUL hides. If it does not end in a line feed, it is a piece of a
-// longer line.
+// `line` is the line in the file, including the bytes after a NUL. If it does not end with a line feed, it is a piece
+// of a longer line.
 bool MayBeSearched(std::string_view line, LineMark mark) {
   const bool is_plain = static_cast<unsigned char>(line.front()) > ' ' && line.front() != '[';
   return !is_plain || line.back() != '\n' || (mark.column < line.size() && line[mark.column] == mark.byte);
 }
 
-// For every window, skipped lines, returned lines and plain lines without the mark are together all lines, each once
-// and in order.
+// For every window, the skipped lines, the returned lines and the plain lines without the mark are together all lines,
+// each once and in order.
 TEST(LineScanner, SkippingLosesNoLineAndNoPosition) {
   std::mt19937_64 random(qx::test::Seed("LineScanner passing over"));
   const qx::test::MemoryFile file;

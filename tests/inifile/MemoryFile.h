@@ -1,4 +1,4 @@
-// A file in memory that can be opened by name: thousands of random files do not wait for a disk.
+// A file in memory that can be opened by name, so that thousands of random files do not wait for a disk.
 #pragma once
 
 #include <sys/mman.h>

@@ -1,4 +1,4 @@
-// Careful edits of profile files.
+// Tests planned edits of profile files.
 #include "inifile/tools/ProfileEdit.h"
 
 #include <gmock/gmock.h>
@@ -220,7 +220,7 @@ ProfileRequest RandomRequest(std::mt19937_64& random) {
   }
 }
 
-// What programs must read afterwards, computed from the request alone.
+// The content that programs must read after the edit. It is computed from the request alone.
 ProfileContent Expected(ProfileContent content, const ProfileRequest& request) {
   std::vector<ProfileEntry>& entries = content.entries[request.section];
   if (request.kind == ProfileRequest::Kind::kDeleteSection) {
@@ -265,7 +265,7 @@ TEST(ProfileEdit, AcceptedEditChangesOnlyWhatWasRequested) {
   EXPECT_GT(accepted, 2000);
 }
 
-// A refused value would be read back as a different one.
+// Each value that is refused would be read back as a different one.
 TEST(ProfileEdit, RefusedValueWouldNotBeReadBack) {
   std::mt19937_64 random(qx::test::Seed("profile-refused"));
   int refused = 0;
@@ -277,7 +277,7 @@ TEST(ProfileEdit, RefusedValueWouldNotBeReadBack) {
     const qx::test::MemoryFile file;
     file.Write("\n[" + request.section + "]\n\n" + entry.key + "=" + entry.value + "\n");
     const ProfileContent requested = Expected({}, request);
-    // An empty name is read back, but not in the lists of the class: it ends them.
+    // An empty name is read back, but not in the lists of the class, because it ends them.
     const bool ends_lists = entry.key.empty() || request.section.empty();
     EXPECT_TRUE(ends_lists || ReadThroughClass(file.Path()) != requested) << file.Read();
   }

@@ -1,4 +1,4 @@
-// Attributes of unusual start tags, and expected end tags: the fast forms are compared with plain ones.
+// Compares the fast forms for attributes of unusual start tags, and for expected end tags, with plain forms.
 #include "markup/Attribute.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ using Random = std::mt19937_64;
 
 bool IsIn(char c, std::string_view set) { return set.find(c) != std::string_view::npos; }
 
-// The same walk with offsets, one byte at a time. Each byte is checked against the end.
+// The same walk in a plain form: with offsets, one byte at a time, each compared with the end.
 class PlainScan {
  public:
   explicit PlainScan(std::string_view tag) : tag_(tag), end_(qx::markup::TagClosingOffset(tag)) {
@@ -108,8 +108,8 @@ TEST(Attribute, RandomTagsHaveTheSameAttributesAsInThePlainWalk) {
   }
 }
 
-// Tags on both sides of the sizes that are searched in blocks of 16 and in windows of 64 bytes. Some have an unusual
-// attribute somewhere.
+// A tag whose size is near the limit of a search in blocks of 16 bytes or in windows of 64 bytes. Some tags have an
+// unusual attribute.
 std::string LongTag(Random& random) {
   static constexpr std::string_view kUnusual[] = {" a='1'",     "  abc=\"1\"", " a",     " a=1", "\ta=\"1\"", " =\"1\"",
                                                   " x-y=\"1\"", " a-\"1\"",    " b=\"x", "/",    "'"};
@@ -195,7 +195,7 @@ TEST(Attribute, ExpectedNameDoesNotChangeTheNodes) {
   }
 }
 
-// The end of the tag at the beginning of the text, searched byte by byte; 0: it is unterminated.
+// The end of the tag at the beginning of the text, searched byte by byte; 0 if the tag has no end.
 std::size_t PlainTagEnd(std::string_view text) {
   char quote = '\0';
   for (std::size_t i = 2; i < text.size(); ++i) {

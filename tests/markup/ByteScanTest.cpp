@@ -100,8 +100,8 @@ TEST(ByteScan, TripleIsFoundAfterOverlappingBeginnings) {
   EXPECT_EQ((FindTriple<']', ']', '>'>(text.data(), text.data() + 31)) - text.data(), 28);
 }
 
-// The first byte is found many times without the other two. After some of these finds, the function searches for all
-// three bytes at once. The counts are below and above this number.
+// The first byte is found many times without the other two. After a number of such finds, the function searches for all
+// three bytes at once. The counts of this test are below and above this number.
 TEST(ByteScan, TripleIsFoundAfterAnyNumberOfItsFirstBytes) {
   for (std::size_t brackets = 0; brackets < 60; ++brackets) {
     for (const std::string apart : {"", "x", "]x", "12345678901234567890"}) {

@@ -21,7 +21,7 @@ TEST(ElemStack, CapacityIsSevenAndDoublesWhenFull) {
   EXPECT_EQ(stack[3].elem, 3U);
 }
 
-// The plain walk compares the name with every open tag, innermost first.
+// The plain walk compares the name with every open tag, the innermost first.
 TEST(ElemStack, InnermostMatchIsThatOfAPlainWalk) {
   std::mt19937_64 random(qx::test::Seed("ElemStack"));
   const std::string names[] = {

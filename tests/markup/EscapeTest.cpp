@@ -133,7 +133,7 @@ TEST(UnescapeText, ReversesEscapeText) {
   }
 }
 
-// Texts whose sizes are near those of a block and of a stretch, with few or many characters to escape.
+// A text whose size is near that of a block or a stretch, with few or many characters to escape.
 std::string RandomText(std::mt19937_64& random) {
   static constexpr std::string_view kPieces[] = {"&",     "<",     ">",         "\"",   "'", "&lt;",
                                                  "&amp;", "&#65;", "&no such;", "\xE4", ";"};
@@ -198,7 +198,7 @@ TEST(Pieces, RandomPiecesFollowOneAnotherHoweverTheyAreAdded) {
   }
 }
 
-// In capitals the five common references are looked up in the table like all others.
+// In capitals, the five common references are found in the table, like all others.
 TEST(UnescapeText, CommonReferencesAreReadLikeTableEntries) {
   std::mt19937_64 random(qx::test::Seed("Unescape"));
   for (int round = 0; round < 4000; ++round) {

@@ -1,4 +1,4 @@
-// The worked examples of docs/markup.md, rebuilt.
+// Rebuilds the worked examples of docs/markup.md.
 #include <gtest/gtest.h>
 
 #include "markup/Markup.h"
@@ -22,7 +22,7 @@ TEST(MarkupDocs, RecoveryExampleIsWhatTheParserMakesOfIt) {
 }
 
 TEST(MarkupDocs, InsertionExampleIsWhatItsCallsBuild) {
-  // The calls are repeated here, so that this test fails if the page changes them.
+  // The calls are repeated here, so that this test fails if those of the page change.
   ASSERT_EQ(Trimmed(DocExample("markup.md", "markup-insert-calls")),
             "AddElem(\"List\")\n"
             "AddChildElem(\"Item\", \"a < b\")\n"

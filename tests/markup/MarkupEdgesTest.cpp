@@ -1,4 +1,4 @@
-// Cases that the other markup tests do not cover: edits in the second segment of records, and complete alphabets.
+// Tests cases that the other markup tests do not cover: edits in the second segment of records, and complete alphabets.
 #include <gtest/gtest.h>
 
 #include <cstdint>

@@ -19,7 +19,7 @@ namespace {
 using qx::test::Outline;
 using qx::test::Records;
 
-// The records agree with the changed text, and parsing the text again gives the same records.
+// The records must agree with the changed text: to parse the text again must give the same records.
 void ExpectSound(const CMarkup& markup) {
   std::string why;
   EXPECT_TRUE(markup.CheckInvariants(&why)) << markup.GetDoc() << ": " << why;
@@ -248,7 +248,7 @@ TEST(MarkupEdit, RefusedAttributeDoesNotPreventTheOthers) {
   ExpectRows({{"<a/>", [&](CMarkup& m) { return m.SetAttribs(texts); }, false, "<a x=\"5\" y=\"4\"/>"}});
 }
 
-// Names that repeat, differ in case, are not valid, or exist already; values of all lengths.
+// The names repeat, differ in case, are not valid, or exist already; the values have all lengths.
 TEST(MarkupEdit, RandomAttributesAreSetAtOnceAsIfOneByOne) {
   static constexpr const char* kDocuments[] = {"<a/>",       "<a />",           "<a//>",
                                                "<a></a>\n",  "<r><a/><c/></r>", "<a b/>x",
@@ -464,7 +464,7 @@ TEST(MarkupEdit, ChangeOverALimitIsRefusedAndChangesNothing) {
   ExpectSound(markup);
 }
 
-// The tag <a n=""/> has 9 bytes without the value.
+// The tag <a n=""/> has 9 bytes, and the value comes in addition.
 TEST(MarkupEdit, AttributeThatMakesAStartTagOf4MiBIsRefused) {
   const std::string fits((1U << 22) - 1 - 9, 'v');
   const std::string escaped_fits = fits.substr(5) + "<";  // "&lt;" and two spare bytes

@@ -14,7 +14,7 @@ constexpr const char* kDocument =
     "<ab id='4'/>"
     "</r>";
 
-// The names and the id and n attributes of all elements that repeated calls find.
+// The names, and the attributes id and n, of all elements that repeated calls find.
 std::string FindAll(CMarkup& markup, const char* path) {
   std::string found;
   for (int i = 0; i < 20 && markup.FindElem(path); ++i) {
@@ -67,7 +67,7 @@ TEST(MarkupFind, FailedChildSearchKeepsTheMainElementThatItFound) {
   EXPECT_EQ(markup.GetTagName(), "r");
   EXPECT_EQ(markup.ChildPosition(), 0U);
 
-  // The same below the document level: the first element in r becomes the main element.
+  // The same one level below the document: the first element in r becomes the main element.
   ASSERT_TRUE(markup.IntoElem());
   ASSERT_EQ(markup.MainPosition(), 0U);
   EXPECT_FALSE(markup.FindChildElem("no-such-child"));

@@ -115,7 +115,7 @@ std::string DataText(const std::string& data, int flags) {
   return (flags & CMarkup::kAddCData) != 0 ? InCData(data) : Escaped(data, (flags & CMarkup::kEscapeQuotes) != 0);
 }
 
-// Inserts after `previous` (null: after the last child) and returns the new node, or null if it is refused.
+// Inserts a node after `previous` (null: after the last child). Returns the new node, or null if it is refused.
 Node* InsertInto(Node& parent, Node* previous, const std::string& name, const std::string& data, int flags, bool root) {
   if ((flags & CMarkup::kAddNoEnd) != 0 && !data.empty()) return nullptr;
   if (parent.no_end) return nullptr;
@@ -205,8 +205,8 @@ class Pair {
     ASSERT_TRUE(markup_.CheckInvariants(&why)) << why << "\n" << markup_.GetDoc();
     ASSERT_EQ(markup_.GetTagName(), main_ == nullptr ? "" : main_->name);
     ASSERT_EQ(markup_.GetChildTagName(), child_ == nullptr ? "" : child_->name);
-    // If an element without end tag has the name of its parent, a new parse can use the parent's end tag for it. So a
-    // new parse may differ.
+    // If an element without end tag has the name of its parent, a new parse may use the parent's end tag for it. So the
+    // result of a new parse may differ.
     if (is_ill_formed_) {
       ASSERT_FALSE(markup_.IsWellFormed());
       return;

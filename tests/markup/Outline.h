@@ -1,5 +1,5 @@
-// The elements of a document as one line, read from the records:  a(b,c!,d?(e))  "!" marks an element without end tag,
-// "?" an element with faults inside.
+// Writes the elements of a document as one line, from the records:  a(b,c!,d?(e))  "!" marks an element without end
+// tag, "?" an element with faults inside.
 #pragma once
 
 #include <string>
@@ -41,7 +41,7 @@ inline std::string Outline(const CMarkup& markup) {
   return text;
 }
 
-// All records in the order of the text, to compare two documents exactly.
+// All records in the order of the text. Two documents with the same records are equal.
 inline std::string Records(const CMarkup& markup) {
   std::string text;
   if (markup.RecordCount() == 0) return text;

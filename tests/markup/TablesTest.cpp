@@ -66,7 +66,7 @@ TEST(PredefEntityTable, FirstOfTwoNamesThatDifferInCaseWins) {
   for (const auto& row : qx::markup::kEntityNames) {
     EXPECT_EQ(qx::markup::FindPredefEntity(Lower(row.name)), first[Lower(row.name)]) << row.name;
   }
-  // The one with more capitals comes first.
+  // Of two names that differ only in case, the one with more capitals comes first.
   std::map<std::string, long> capitals;
   for (const auto& row : qx::markup::kEntityNames) {
     const long count = std::count_if(row.name.begin(), row.name.end(), [](char c) { return c >= 'A' && c <= 'Z'; });

@@ -163,7 +163,7 @@ void ExpectSameTokens(const std::string& text) {
   }
 }
 
-// Random texts from pieces that the scanner knows, so that most of them are nearly correct.
+// A random text of pieces that the scanner knows, so that most texts are nearly correct.
 std::string RandomNodes(std::mt19937_64& random) {
   static const std::string_view kPieces[] = {"<",       "</",        "a",
                                              "b1",      ">",         "/>",

@@ -1,5 +1,5 @@
-// A collector's reports through the built module, the tool and a reader: none of them knows where the records come
-// from.
+// Tests the reports of a collector with the built module, the tool and a reader: none of them knows where the records
+// come from.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ using qx::test::ServiceThread;
 
 class ModuleCollectedReports : public qx::test::ModuleTest {
  protected:
-  // What three hosts have sent is below the report directory now.
+  // Fills the report directory with the reports that three hosts have sent.
   static void Collect() {
     qx::test::FakeConsume stream;
     for (const std::string host : {"host1", "host2", "host3"}) {

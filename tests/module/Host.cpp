@@ -14,7 +14,7 @@
 #include "reportfile/ReportFileBase.h"
 #include "tests/support/ChildProcess.h"
 
-// Defined only under the address sanitizer.
+// This function exists only under the address sanitizer.
 extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
 
 namespace qx::test {
@@ -44,7 +44,8 @@ std::string StatusText(int status) {
   return {};
 }
 
-// What differs from run to run: a run of `characters` after `prefix`. Only zeros (a null pointer) never differ.
+// A part of a line that differs from run to run: a sequence of `characters` after `prefix`. A sequence of zeros (a null
+// pointer) never differs.
 struct Variable {
   std::string_view prefix;
   std::string_view characters;

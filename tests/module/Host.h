@@ -1,7 +1,7 @@
-// A host for the built module: loads it in a child process with dlopen, as the service does, and calls what it exports.
+// A host for the built module: loads it in a child process with dlopen, as the service does, and calls its functions.
 //
-// The test program itself never loads the module: each test forks, lets the child do the work, and compares the text
-// that the child reports. A crash, a sanitizer's finding or a failed load shows as a last line "[...]".
+// The test program itself never loads the module. Each test forks, the child does the work, and the test compares the
+// text that the child returns. A crash, a finding of a sanitizer or a failed load is a last line "[...]".
 #pragma once
 
 #include <functional>
@@ -31,13 +31,13 @@ class LoadedModule {
     return reinterpret_cast<Pointer>(Find(name));
   }
 
-  // One request: "RESULT REPLY", with "(null)" for no reply. Returns the reply through __free.
+  // Makes one request. Returns "RESULT REPLY", with "(null)" for no reply; the module's reply is freed with __free.
   std::string Call(const char* function, const wcs_gendata* block, const char* input) const;
 
   std::string What(const wcs_gendata* block) const { return Call("What", block, ""); }
   void ThreadBegin() const { Symbol<QxThreadBeginFunction>("__threadbegin")(); }
   void ThreadEnd(void* user_data) const { Symbol<QxThreadEndFunction>("__threadend")(user_data); }
-  // The variables' addresses in the module.
+  // The addresses of the module's variables.
   const char** Text(const char* variable) const { return Symbol<const char**>(variable); }
   CKrxAdapterModule*& Object() const { return *Symbol<CKrxAdapterModule**>("pAdapterModule"); }
 
@@ -46,14 +46,14 @@ class LoadedModule {
   void* handle_;
 };
 
-// What `body` returns in a forked child, whose standard error follows it. The child ends without running the test
-// program's own clean-up; under the address sanitizer it looks for leaks first.
+// The text that `body` returns in a forked child, followed by the child's standard error. The child ends without the
+// test program's own clean-up; under the address sanitizer it searches for leaks first.
 std::string InChild(const std::function<std::string()>& body);
 
-// What a command prints, standard error included, and "[status N]" after it if N is not 0.
+// The output of a command, including standard error, with "[status N]" after it if N is not 0.
 std::string OutputOf(const std::string& command);
 
-// The requests of one service thread: its block and the thread data that the module leaves in it.
+// The requests of one service thread: its block, and the thread data that the module stores in it.
 class ServiceThread {
  public:
   explicit ServiceThread(const LoadedModule& module, const std::vector<BlockDepartment>* departments = nullptr);
@@ -71,8 +71,8 @@ class ServiceThread {
   std::unique_ptr<BlockBuilder> block_;
 };
 
-// A test of the module with its trace in a private directory (level 0 by default), an empty trace configuration and a
-// registry that names `Reports()` as the report directory. Every fixed path is empty again for each test.
+// A test of the module. The trace is in a private directory (level 0 by default), the trace configuration is empty, and
+// the registry names `Reports()` as the report directory. For each test, every fixed path is empty again.
 class ModuleTest : public testing::Test {
  protected:
   ModuleTest();
@@ -88,8 +88,7 @@ class ModuleTest : public testing::Test {
     environment_.push_back(std::make_unique<ScopedEnv>(name, value.c_str()));
   }
   std::string LogPath() const { return logs_.File("log.qxremconxfer"); }
-  // The log with placeholders for what differs from run to run: <STAMP>, <THREAD>, <ID>, <ADDRESS>, <LOW32>, <VERSION>,
-  // <DATE>.
+  // The log with placeholders for varying parts: <STAMP>, <THREAD>, <ID>, <ADDRESS>, <LOW32>, <VERSION>, <DATE>.
   std::string NormalisedLog() const;
   // The entries of the log after its header block.
   std::string LogEntries() const;

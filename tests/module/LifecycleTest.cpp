@@ -1,4 +1,5 @@
-// Load, unload, and what a host may do in between: creating objects, changing version texts, calling in odd orders.
+// Tests load, unload, and the calls of a host in between: creating objects, changing version texts, calls in unusual
+// orders.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -38,7 +39,7 @@ struct Resources {
   long resident_kilobytes = 0;
 };
 
-// A coverage build writes its counts at every unload, and allocates memory for that.
+// A coverage build writes its counts at every unload, which needs memory.
 #ifdef QX_COUNTS_COVERAGE
 constexpr bool kCountsCoverage = true;
 #else
@@ -61,7 +62,7 @@ Resources ResourcesNow() {
   return now;
 }
 
-// One life of the module with a request of each kind in it.
+// Loads the module, makes a request of each kind, and unloads it.
 void LoadServeUnload() {
   const LoadedModule module;
   ServiceThread thread(module);
@@ -84,7 +85,7 @@ TEST_F(ModuleLifecycle, ThousandLoadsAndUnloadsLeakNothing) {
       grown << "descriptors " << before.descriptors << " => " << after.descriptors << "\n";
     }
     // A sanitizer keeps freed memory and its own records of every load, so only its leak check at the end is useful.
-    // The kernel may split or join a few neighbouring mappings; a mapping left by each load would be a thousand.
+    // The kernel may split or join a few neighbouring mappings; a mapping left by each load would make a thousand.
     constexpr int kSplitMax = 4;
     if (!kSanitized && !kCountsCoverage && after.mappings > before.mappings + kSplitMax) {
       grown << "mappings " << before.mappings << " => " << after.mappings << "\n";

@@ -1,5 +1,5 @@
-// The main of the module's tests. They run in a mount namespace with a private /etc and /var/log (private_etc.c), which
-// the program enters itself.
+// The main function of the module's tests. They run in a mount namespace with a private /etc and /var/log, which the
+// program enters itself (private_etc.c).
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -11,7 +11,7 @@
 
 #include "debug/Debug.h"
 
-// For the report store that the tests link to write reports; the module has its own.
+// The report store that the tests link needs this object, to write reports. The module has an object of its own.
 __attribute__((init_priority(101))) CDebug Debug;
 
 namespace {

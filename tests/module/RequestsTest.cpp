@@ -1,4 +1,4 @@
-// Requests through the built module, whole replies and whole logs.
+// Tests requests through the built module: whole replies and whole logs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -131,8 +131,8 @@ TEST_F(ModuleRequests, RequestWithoutReportDataHasAnErrorOfTheTransfer) {
 
 TEST_F(ModuleRequests, BlockWithoutElementOneLeaksNoThreadData) {
   Append("r1", 4, {"a"});
-  // Each call opens the report again. The open descriptors, and the leak check of the address sanitizer, show that it
-  // is closed.
+  // Each call opens the report again. The number of open descriptors, and the leak check of the address sanitizer, show
+  // that it is closed.
   EXPECT_EQ(InChild([] {
               const LoadedModule module;
               BlockBuilder block;
@@ -164,7 +164,7 @@ TEST_F(ModuleRequests, ReportIsClosedByThreadEnd) {
             "open closed ");
 }
 
-// A whole session at the highest level, line by line. QX_UPDATE_GOLDEN writes the file again.
+// A whole session at the highest level must be logged line by line. QX_UPDATE_GOLDEN writes the expected file again.
 TEST_F(ModuleRequests, WholeSessionAtLevelSixIsLoggedLineByLine) {
   Append("r1", 10, {"first", "second <2>", "third"});
   SetLevel(6);

@@ -1,5 +1,5 @@
-// The built file from outside: its symbols, the libraries that it needs, its hardening, and the use of its headers and
-// its block from C and Python.
+// Tests the built file from outside: its symbols, the libraries that it needs, its hardening, and the use of its
+// headers and its block from C and Python.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

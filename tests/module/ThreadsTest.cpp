@@ -1,4 +1,4 @@
-// The module on many of the service's worker threads at once.
+// Tests the module on many of the service's worker threads at once.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -18,7 +18,7 @@ constexpr int kThreads = 16;
 
 class ModuleThreads : public qx::test::ModuleTest {};
 
-// Everything that one worker thread does, twice; returns a text for the first wrong reply.
+// Does everything that one worker thread does, twice. Returns a text about the first wrong reply.
 std::string WorkOf(const LoadedModule& module, int number) {
   const std::string report = "r" + std::to_string(number % 4);
   for (int round = 0; round < 2; ++round) {

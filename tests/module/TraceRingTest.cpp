@@ -1,4 +1,5 @@
-// The module with a trace ring: the environment alone turns it on, and the unload leaves nothing in the process.
+// Tests the module with a trace ring: the environment alone turns it on, and after the unload the process has nothing
+// of it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -28,7 +29,7 @@ class ModuleTraceRing : public qx::test::ModuleTest {
   std::string RingPath() const { return logs_.File("log.qxremconxfer_a"); }
 };
 
-// The ring's mappings and descriptors of this process.
+// The mappings and descriptors of the ring in this process.
 std::string ResourcesOf(const std::string& path) {
   int mappings = 0;
   int descriptors = 0;

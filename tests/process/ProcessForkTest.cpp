@@ -1,4 +1,4 @@
-// If the system refuses to start a process, no command runs, and outputs and working directory stay as before.
+// Tests a system that refuses to start a process: no command runs, and outputs and working directory stay as before.
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -21,7 +21,7 @@ namespace {
 
 constexpr unsigned kNoHandles = 0xFFFFFFFFU;
 
-// Makes a system call of this process fail with EAGAIN from now on, as fork does at the limit of processes.
+// Makes a system call of this process fail with EAGAIN from now on. fork fails in this way at the limit of processes.
 bool Forbid(long call) {
   sock_filter program[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -47,7 +47,7 @@ bool ForbidForks() {
   return is_forbidden && fork() < 0;
 }
 
-// The exit status of a child that runs `body` and cannot start processes itself.
+// The exit status of a child that runs `body` and cannot start processes.
 int StatusWithoutForks(const std::function<int()>& body) {
   return qx::test::StatusOfChild([&] { return ForbidForks() ? body() : 77; });
 }

@@ -79,7 +79,7 @@ TEST(Process, CommandLineIsSplitAtWhiteSpaceWithoutQuoting) {
   EXPECT_EQ(ReadFile(script.File("words")), "'a\nb'\n\\\n$HOME\n*\n\"\"\n");
 }
 
-// "prog 'a b' $HOME  =>  prog | 'a | b' | $HOME": a script takes the place of prog.
+// "prog 'a b' $HOME  =>  prog | 'a | b' | $HOME": a script is used in place of prog.
 TEST(Process, WorkedExampleOfThePageIsWhatTheProgramGets) {
   const std::string example = qx::test::DocExample("processes.md", "command-words");
   const std::size_t arrow = example.find("  =>  ");
@@ -247,8 +247,8 @@ TEST(Process, DescriptorsAreClosedOneByOneWithoutCloseRange) {
   const InheritedDescriptor descriptor;
   EXPECT_EQ(StatusOfChild([] {
               if (!ForbidCloseRange()) return 77;
-              // A limit below 256 counts as 1024. So descriptor 207 is closed with the usual limit and with the limit
-              // 64.
+              // A limit below 256 counts as 1024. So descriptor 207 is closed both with the usual limit and with the
+              // limit 64.
               const rlimit limit{64, 64};
               if (InheritedDescriptor::Test(false).exit_code != 1) return 2;
               if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
@@ -294,7 +294,7 @@ TEST(Process, WaitForExitOfAKilledProcessIsFalse) {
   EXPECT_FALSE(CProcess::TerminateProcess(pid, 5));  // the process no longer exists
 }
 
-// Runs in a child that leads its own process group: if the id is not refused, the test program must survive.
+// Runs in a child that leads its own process group, so that the test program survives if the id is not refused.
 TEST(Process, IdOfAProcessGroupIsRefused) {
   EXPECT_EQ(StatusOfChild([] {
               setpgid(0, 0);

@@ -1,4 +1,4 @@
-// The documents of the API, and what is sent as it happens.
+// Tests the documents of the API, and the events that the server sends.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -63,7 +63,7 @@ class ViewApi : public testing::Test {
     }
   }
 
-  // A document that matches its schema.
+  // Requests a document, and adds it to those whose schema is checked.
   json Get(const std::string& schema, const std::string& target) {
     const WebReply reply = server_->Get(target);
     documents_ += schema + " " + reply.body + (reply.body.ends_with('\n') ? "" : "\n");
@@ -72,13 +72,13 @@ class ViewApi : public testing::Test {
     return document;
   }
 
-  // A stream of a report that begins after its newest record.
+  // Opens a stream of a report that begins after the newest record.
   WebConnection Follow(const std::string& report, const std::string& more = "") {
     const std::string cursor = Get("qxview-records", "records?report=" + report)["cursor"];
     return server_->Events("view=report&report=" + report + "&after=" + cursor + more);
   }
 
-  // What is wrong with the documents so far.
+  // The faults of the documents so far, according to their schemas.
   [[nodiscard]] std::string Faults() const {
     WriteFile(dir_.File("documents"), documents_);
     const std::string source = QX_SOURCE_DIR;
@@ -88,7 +88,7 @@ class ViewApi : public testing::Test {
     return ReadFile(dir_.File("faults")) + (code == 0 ? "" : "failed");
   }
 
-  // The data of the next event of this name.
+  // The data of the next event with this name.
   static json Next(WebConnection& stream, const std::string& name) {
     const std::string head = "event: " + name + "\ndata: ";
     if (!stream.WaitFor(head, kSoon)) return {};
@@ -297,7 +297,7 @@ TEST_F(ViewApi, TracesOfAllFilesAreMergedAndFollowed) {
   EXPECT_EQ(Faults(), "");
 }
 
-// Only the newest entry of a log may come again, because its follower waits until it is complete.
+// Only the newest entry of a log may come again, because a follower waits until this entry is complete.
 TEST_F(ViewApi, EntriesOfANewTraceFileAreShownOnce) {
   Trace("10:20:30.100", "first");
   Start();
@@ -312,7 +312,7 @@ TEST_F(ViewApi, EntriesOfANewTraceFileAreShownOnce) {
   EXPECT_THAT(stream.Text(), Not(HasSubstr("second")));
 }
 
-// Two files whose entries alternate; 250 entries of each have the same millisecond as one of the other.
+// The entries of two files alternate; 250 entries of each have the same millisecond as an entry of the other.
 TEST_F(ViewApi, MoreThanAThousandTracesArePagedBackToTheOldest) {
   std::string logs[2];
   std::vector<std::string> expected;

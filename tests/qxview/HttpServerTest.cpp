@@ -1,4 +1,4 @@
-// The times of connections, and replies that come later.
+// Tests the time limits of connections, and replies that come later.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ using testing::IsEmpty;
 
 constexpr const char* kGet = "GET /x HTTP/1.1\r\nHost: localhost\r\n\r\n";
 
-// A server in the test's own thread.
+// A server that runs in the test's own thread.
 class ViewHttp : public testing::Test {
  protected:
   ViewHttp() {
@@ -35,7 +35,7 @@ class ViewHttp : public testing::Test {
     is_started_ = server_->Start(std::move(listener.socket));
   }
 
-  // Lets the server work for so long.
+  // Lets the server work for this time.
   void Serve(milliseconds time) {
     const auto end = steady_clock::now() + time;
     while (steady_clock::now() < end) {
@@ -50,7 +50,7 @@ class ViewHttp : public testing::Test {
     Serve(milliseconds(30));
     return asked_.size() == before + 1 ? asked_.back() : nullptr;
   }
-  // What the connection has got so far.
+  // The text that the connection has received so far.
   std::string Got(WebConnection& connection) {
     Serve(milliseconds(20));
     (void)connection.WaitFor("nothing", milliseconds(1));

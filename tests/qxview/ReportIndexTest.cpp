@@ -1,4 +1,4 @@
-// What is kept of a report, against a plain list of its records.
+// Compares the index of a report with a plain list of its records.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -142,7 +142,7 @@ class ViewReport : public testing::Test {
     ASSERT_FALSE(error.Failed()) << error.text;
   }
 
-  // The files may be damaged.
+  // The number of rows of a chart. The files may be damaged.
   [[nodiscard]] std::size_t RowsOfAnyFile() const {
     ReportIndex index(Path());
     Drawing drawing = {.request = {.fields = {"cpu"}}};
@@ -152,7 +152,7 @@ class ViewReport : public testing::Test {
 
   static constexpr std::uint32_t kSlots = 100;
   test::TempDir dir_;
-  int steps_ = 0;  // every third one is the last of a turn
+  int steps_ = 0;  // every third step is the last one of a turn
 };
 
 // All values of a chart whose columns have one value each.
@@ -164,7 +164,7 @@ std::vector<double> ValuesOf(const Chart& chart, std::size_t field = 0) {
   return values;
 }
 
-// The numbers from the oldest one that was there up to the last one.
+// The values must be successive numbers, up to the last one before `end`.
 void ExpectSuccessive(const std::vector<double>& values, std::uint64_t end) {
   ASSERT_FALSE(values.empty());
   EXPECT_EQ(values.back() + 1, static_cast<double>(end));
@@ -235,7 +235,7 @@ TEST_F(ViewReport, RangeIsDrawnFromItsRecords) {
   EXPECT_THAT(numbers, ElementsAre(20, 21, 22));
 }
 
-// Requests for one report, a step of each in turn, while it grows and its ring wraps.
+// Several requests for one report take steps in turn, while the report grows and its ring wraps.
 TEST_F(ViewReport, InterleavedRequestsGetWhatEachWouldGetAlone) {
   Append(0, 60);
   ReportIndex index(Path(), 7);

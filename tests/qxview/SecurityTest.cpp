@@ -1,4 +1,4 @@
-// What a hostile page, a hostile client and hostile files cannot do.
+// Tests that hostile pages, hostile clients and hostile files cannot do harm.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -235,7 +235,7 @@ TEST_F(ViewSecurity, IdleConnectionsAndStreamsDoNotDelayOthers) {
   EXPECT_LT(server.PeakKb(), 64 * 1024);
 }
 
-// Without steps, the first of the others would wait until the chart is complete.
+// If the work were not done in steps, the first of the other requests would wait until the chart is complete.
 TEST_F(ViewSecurity, FirstChartOfALargeReportDoesNotDelayOthers) {
   constexpr std::uint32_t kRecords = 200'000;
   Writer writer;
@@ -272,7 +272,7 @@ TEST_F(ViewSecurity, StreamsAreLimitedAndOthersAreAnsweredThen) {
   EXPECT_EQ(server.Get("overview").status, 200);
 }
 
-// The exit code of qxview with these words after the state directory; what it says is in `problem`.
+// Starts qxview with these words after the state directory. Returns its exit code; `problem` gets its message.
 int StartRefused(const TempDir& dir, const std::string& words, std::string& problem) {
   const std::string command =
       std::string(QX_QXVIEW) + " --state " + dir.File("state") + " " + words + " 2>" + dir.File("problem");

@@ -1,4 +1,4 @@
-// Tokens, cookies, the key file, and which requests come from our own page.
+// Tests tokens, cookies, the key file, and which requests count as requests of our own pages.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>

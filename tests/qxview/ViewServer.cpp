@@ -134,7 +134,7 @@ ViewServer::~ViewServer() {
   close(output_);
 }
 
-// "http://127.0.0.1:PORT/#token=TOKEN\n"
+// Reads the line "http://127.0.0.1:PORT/#token=TOKEN\n".
 void ViewServer::ReadAddress() {
   std::string line;
   char byte = 0;

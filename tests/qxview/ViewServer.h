@@ -1,4 +1,4 @@
-// qxview as a child process of a test, and what a browser or an attacker sends it.
+// Runs qxview as a child process of a test, and sends what a browser or an attacker sends.
 #pragma once
 
 #include <sys/types.h>
@@ -17,7 +17,7 @@ struct WebReply {
   std::string head;
   std::string body;
 
-  // The value of a header; empty without it.
+  // The value of a header; empty if the reply does not have it.
   [[nodiscard]] std::string Header(const std::string& name) const;
 };
 
@@ -38,11 +38,11 @@ class WebConnection {
   WebConnection& operator=(const WebConnection&) = delete;
 
   [[nodiscard]] bool IsOpen() const { return socket_ >= 0; }
-  // False: the server has closed it.
+  // False if the server has closed the connection.
   [[nodiscard]] bool Send(std::string_view bytes) const;
-  // Waits until the text comes; false if it does not in time. What was read stays in Text.
+  // Waits until the text comes; false if it does not come in time. Text returns everything that was read.
   bool WaitFor(std::string_view text, std::chrono::milliseconds time);
-  // Waits until the server closes the connection; false if it does not in time.
+  // Waits until the server closes the connection; false if this does not happen in time.
   bool WaitForEnd(std::chrono::milliseconds time);
   [[nodiscard]] const std::string& Text() const { return text_; }
   void Clear() { text_.clear(); }
@@ -60,7 +60,7 @@ class ViewServer {
  public:
   using Words = std::vector<std::string>;
 
-  // Starts it, and waits until it has printed its address.
+  // Starts the server, and waits until it has printed its address.
   explicit ViewServer(Words arguments);
   ~ViewServer();
   ViewServer(const ViewServer&) = delete;
@@ -70,9 +70,9 @@ class ViewServer {
   [[nodiscard]] const std::string& Token() const { return token_; }
   [[nodiscard]] std::string Host() const { return "127.0.0.1:" + std::to_string(port_); }
 
-  // Turns the token into a cookie, which later requests have.
+  // Exchanges the token for a cookie, which later requests have.
   WebReply LogIn();
-  // As another run of the server would be asked.
+  // Uses this cookie, such as one of another run of the server.
   void UseCookie(const std::string& cookie) { cookie_ = cookie; }
   [[nodiscard]] const std::string& Cookie() const { return cookie_; }
 
@@ -81,7 +81,7 @@ class ViewServer {
   WebReply Get(const std::string& target) const { return Ask({.target = "/api/v1/" + target}); }
   // The bytes of a request.
   [[nodiscard]] std::string Bytes(const WebRequest& request) const;
-  // An event stream that has begun.
+  // Opens an event stream, and waits until it has begun.
   [[nodiscard]] WebConnection Events(const std::string& query) const;
 
   // Sends SIGHUP and waits for the new token.
@@ -89,7 +89,7 @@ class ViewServer {
   // Sends the signal and returns the exit code, or -1 after the end by a signal.
   int End(int signal);
   [[nodiscard]] pid_t Id() const { return process_; }
-  // The most memory that the process had, in KiB.
+  // The largest memory of the process so far, in KiB.
   [[nodiscard]] long PeakKb() const;
 
  private:

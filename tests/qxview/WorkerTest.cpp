@@ -1,4 +1,4 @@
-// The order in which a thread does short and long tasks.
+// Tests the order in which a thread does short and long tasks.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,14 +19,14 @@ using testing::ElementsAre;
 
 class ViewWorker : public testing::Test {
  protected:
-  // A task of some steps, which notes each.
+  // A long task of some steps. Each step adds its name to done_.
   Worker::Steps Long(const std::string& name, int steps) {
     return [this, name, steps, done = 0](bool is_last_of_turn) mutable {
       done_.push_back(name + std::to_string(++done) + (is_last_of_turn ? "." : ""));
       return done == steps;
     };
   }
-  // Lets the thread do what `begin` posts, all of it known to the thread before it does the first task.
+  // Lets the thread do what `begin` posts. The thread has all these tasks before it does the first one.
   void Run(const std::function<void()>& begin) {
     std::promise<void> is_begun;
     std::promise<void> is_posted;
@@ -39,7 +39,7 @@ class ViewWorker : public testing::Test {
     is_posted.set_value();
     is_done_.get_future().wait();
   }
-  // The last long task: its end comes after those of the others, which have fewer steps.
+  // The last long task. It ends after the others, because they have fewer steps.
   Worker::Steps End() {
     return [this, done = 0](bool) mutable {
       if (++done <= 3 * Worker::kTurnSteps) return false;

@@ -1,4 +1,4 @@
-// What a check of a registry file finds.
+// Tests the findings of a check of a registry file.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,7 +19,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-// "LINE rule" for each finding, errors with a "!".
+// "LINE rule" for each finding, with "!" for errors.
 std::vector<std::string> Lint(std::string_view bytes) {
   std::vector<std::string> found;
   for (const LintFinding& finding : LintFile(bytes).findings) {
@@ -137,7 +137,7 @@ TEST(FileLint, OnlyAHundredFindingsAreKeptAndAllAreCounted) {
   EXPECT_FALSE(result.IsComplete());
 }
 
-// A file without findings is loaded without any loss: written again, it has the same lines.
+// If a file has no findings, it is loaded without loss: written again, it has the same lines.
 TEST(FileLint, FileWithoutFindingsIsReadWhole) {
   constexpr const char* kLines[] = {"[HKEY_USERS]\n", "[A]\n",      "[B]\n",    "a=d=1\n", "b=s=x\n",
                                     "c=b=0a \n",      "d=es=%A%\n", "\n",       "\n",      "\n",

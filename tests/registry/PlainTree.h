@@ -1,4 +1,4 @@
-// The oracle of the registry: a tree and a reader in their plainest form, with maps, recursion and fgets.
+// The oracle of the registry: a tree and a reader in a plain form, with maps, recursion and fgets.
 #pragma once
 
 #include <cstdio>
@@ -34,7 +34,7 @@ struct PlainKey {
     values[name] = value;
   }
 
-  // Reads one key's content; true if a line was a valid value.
+  // Reads the content of one key. True if a line was a valid value.
   bool Read(FILE* stream) {
     bool has_values = false;
     char line[1024];

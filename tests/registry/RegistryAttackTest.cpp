@@ -1,4 +1,4 @@
-// An ordinary user may write the directory of the registry and attacks a save of root.
+// Attacks a save of root: an ordinary user may write the directory of the registry.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// Every allocation of an operation fails once: no crash, no leak, and no partial change.
+// Makes each allocation of an operation fail once: there must be no crash, no leak, and no partial change.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -94,8 +94,8 @@ TEST_F(RegistryFault, ReadsReportNoValue) {
            });
 }
 
-// If there is no memory for a value line, the load skips only this line. For a subkey line it skips the whole subkey,
-// whose content would otherwise become content of the key above.
+// If there is no memory for a value line, the load skips only this line. If there is not enough for a subkey line, it
+// skips the whole subkey; otherwise the content of the subkey would become content of the key above.
 TEST_F(RegistryFault, LoadWithoutMemorySkipsTheLine) {
   std::set<std::string> trees;
   FailEach([] { CRegistry::SetupTree(true); },

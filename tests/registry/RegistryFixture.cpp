@@ -33,7 +33,7 @@ std::string Reread(std::string_view text) {
   return Dump(key);
 }
 
-// The mutex is the first field of the lock.
+// Tries to take the mutex, which is the first field of the lock.
 bool IsHeld(const CRegistryNode& key) {
   auto* mutex = reinterpret_cast<pthread_mutex_t*>(&key.Lock());
   if (pthread_mutex_trylock(mutex) != 0) return true;

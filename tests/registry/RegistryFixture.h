@@ -1,4 +1,4 @@
-// Registries in a private directory, and keys as texts.
+// Helpers for the registry tests: registries in a private directory, and keys as texts.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,9 +14,9 @@ namespace qx::test {
 
 // The content of a key as dumpNode writes it.
 std::string Dump(const CRegistryNode& key);
-// restoreNode over these bytes.
+// The result of restoreNode for these bytes.
 bool Restore(CRegistryNode& key, std::string_view text);
-// The dump of a new key after it has read these bytes, without the result of the read.
+// The dump of a new key after it has read these bytes. The result of the read is ignored.
 std::string Reread(std::string_view text);
 
 // True while any thread, including this one, holds the key's lock.
@@ -36,13 +36,13 @@ class RegistryTest : public testing::Test {
   void Given(std::string_view text, std::string_view name = "registry") const { WriteFile(File(name), text); }
   // The whole loaded tree as the text of a file.
   [[nodiscard]] static std::string Tree() { return Dump(CRegistry::MRoot); }
-  // Has the effect of the end of this process and the start of another one.
+  // Has the same effect as the end of this process and the start of another one.
   void Restart() const { registry::ResetRegistry(dir_.Path().c_str()); }
   // The key below HKEY_LOCAL_MACHINE that most tests work on.
   static CRegistryNode* Software() { return CRegistry("SOFTWARE", CRegistry::MLocalMachine, 0).KeepKeyHandle(); }
 
  private:
-  // In a file system in memory if there is one: otherwise every save would wait for the disk.
+  // The directory is in memory if possible; otherwise every save would wait for the disk.
   ScopedEnv place_;
   TempDir dir_;
 };

@@ -14,7 +14,7 @@ class RegistryKeys : public RegistryTest {
  protected:
   RegistryKeys() { Given("[HKEY_LOCAL_MACHINE]\n[A]\nv=s=text\n[B]\n[C]\nx=d=1\n\n\n[b]\n\n\n[a]\n\n\n\n"); }
 
-  // The key path after opening this path below HKEY_LOCAL_MACHINE; "-1" if the open fails.
+  // Opens this path below HKEY_LOCAL_MACHINE, and returns the key path; "-1" if the open fails.
   static std::string Opened(const char* path) {
     CRegistry handle(path, CRegistry::MLocalMachine, 0);
     return handle.Status() == 0 ? handle.KeyPath() : std::to_string(handle.Status());

@@ -1,4 +1,4 @@
-// Each line of the registry's trace appears at its own level and above, not below.
+// Tests that each line of the registry's trace is written at its own level and above, not below.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -27,7 +27,7 @@ constexpr const char* kSetup = "CRegistry: SetupTree(): ForceSetup=0, MIsSetup=0
 class RegistryLevels : public RegistryTest {
  protected:
   // Runs `work` at every level, each time with files that `prepare` writes and a tree that is not loaded. `work`
-  // returns the expected lines, with the addresses of that run.
+  // returns the expected lines, with the addresses of this run.
   void Expect(const std::function<void()>& prepare, const std::function<Lines()>& work) {
     for (int level = 0; level <= 6; ++level) {
       prepare();

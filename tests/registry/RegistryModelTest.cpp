@@ -1,4 +1,4 @@
-// Random operations are compared with a plain model of the tree, with saves and loads in between.
+// Compares random operations, with saves and loads in between, with a plain model of the tree.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -139,7 +139,7 @@ TEST_F(RegistryModel, ThousandsOfChangesWithSavesAndLoadsAgreeWithAPlainTree) {
   }
 }
 
-// Lines of the grammar in any order, some of them damaged, are compared with the plain reader.
+// Compares the load of random lines of the grammar, some of them damaged, with the plain reader.
 TEST(RegistryReading, RandomFilesAreReadAsByThePlainReader) {
   std::mt19937_64 random(qx::test::Seed("RegistryReading"));
   const auto below = [&random](std::size_t limit) { return random() % limit; };
@@ -173,7 +173,8 @@ TEST(RegistryReading, RandomFilesAreReadAsByThePlainReader) {
   }
 }
 
-// Numbers and bytes as a save writes them, and in forms that only strtol accepts, are compared with the plain reader.
+// Compares the load of random numbers and bytes, in the form of a save and in forms that only strtol accepts, with the
+// plain reader.
 TEST(RegistryReading, RandomNumbersAndBytesAreReadAsByThePlainReader) {
   constexpr std::string_view kCharacters = "0123456789abcdefABF +-xg\t";
   std::mt19937_64 random(qx::test::Seed("RegistryNumbers"));

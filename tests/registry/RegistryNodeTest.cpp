@@ -171,7 +171,7 @@ TEST(RegistryNode, BinaryNumbersAreHexadecimalAndKeepTheirLowEightBits) {
   EXPECT_EQ(Reread("x=b=0A fF\n"), "x=b=0a ff \n\n");
   EXPECT_EQ(Reread("x=b=  1\t\t2 q 3\n"), "x=b=01 02 \n\n");
   EXPECT_EQ(Reread("x=b=-1 0x1f\n"), "x=b=ff 1f \n\n");
-  // As long as in the form of a save, but with another byte where a digit or a space is expected.
+  // The data is as long as in the form of a save, but has another byte in place of a digit or a space.
   EXPECT_EQ(Reread("x=b=0A FF \n"), "x=b=0a ff \n\n");
   EXPECT_EQ(Reread("x=b=01 1g 02 \n"), "x=b=01 01 \n\n");
   EXPECT_EQ(Reread("x=b=01 g1 02 \n"), "x=b=01 \n\n");
@@ -285,7 +285,7 @@ std::string NestedKeys(int depth) {
   return text + std::string(static_cast<std::size_t>(depth) + 1, '\n');
 }
 
-// Nothing here may recurse: each level of the file would need a stack frame.
+// No function may call itself here: each level of the file would need a stack frame.
 TEST(RegistryNode, HundredThousandKeysDeepIsReadWrittenMergedAndDestroyed) {
   const std::string text = NestedKeys(100000);
   CRegistryNode key;
@@ -300,7 +300,7 @@ TEST(RegistryNode, BytesAbove127AreBytesLikeOthers) {
   EXPECT_EQ(Reread(text), text);
 }
 
-// Every prefix of a file is read without an error, and the tree, written again, makes a file with the same tree.
+// Every prefix of a file must be read without an error. The tree, written again, must make a file with the same tree.
 TEST(RegistryNode, EveryPrefixOfAGoodFileIsRead) {
   const std::string text =
       std::string(kExample.substr(0, kExample.size() - 1)) + "[H2]\na=es=%X%\n[[b]\n=b=01 02 \n\n\n\n";

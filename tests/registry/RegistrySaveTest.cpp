@@ -1,4 +1,4 @@
-// Saves: which file replaces which, and the files after a failure.
+// Tests saves: which file replaces which, and the files after a failure.
 #include "registry/Registry.h"
 
 #include <fcntl.h>
@@ -100,7 +100,8 @@ class MovedNames {
   int events_;
 };
 
-// Otherwise a crash between two renames would leave the damaged file as the backup, and nothing else to load.
+// Otherwise a crash between two renames would leave the damaged file as the backup, and there would be no other file to
+// load.
 TEST_F(RegistrySave, DamagedFileBecomesTheBackupOnlyAfterTheSave) {
   Given("damaged\n");
   Given(kSmall, "registry.old");
@@ -159,7 +160,7 @@ TEST_F(RegistrySave, FifoInPlaceOfTheTemporaryFileIsRemoved) {
   EXPECT_FALSE(Exists(File("registry.new")));
 }
 
-// With a limit on the size of files, writes fail as on a full disk.
+// Limits the size of files, so that writes fail as on a full disk.
 class FileSizeLimit {
  public:
   explicit FileSizeLimit(rlim_t bytes) {
@@ -236,7 +237,7 @@ TEST_F(RegistrySave, EmptyUnreadableFileIsNotKept) {
   EXPECT_FALSE(Exists(File("registry.unread")));
 }
 
-// The second save after it replaces the backup, too.
+// The test saves twice after the load: the second save replaces the backup, too.
 TEST_F(RegistrySave, UnreadableFileIsKeptAlsoWhenAnOlderOneIsLoaded) {
   for (const char* loaded : {"registry.old", "registry.default"}) {
     Given("not a registry\n");

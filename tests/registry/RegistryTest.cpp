@@ -1,4 +1,4 @@
-// Loads and the hives.
+// Tests loads and the hives.
 #include "registry/Registry.h"
 
 #include <gtest/gtest.h>
@@ -232,7 +232,7 @@ double CpuSeconds() {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
-// Names in reverse order.
+// The time to load a file of values whose names are not sorted.
 double SecondsToLoad(const std::string& path, unsigned values) {
   std::string text;
   for (unsigned i = 0; i < values; ++i) text += std::to_string(i * 2654435761U) + "=d=1\n";
@@ -247,8 +247,8 @@ double SecondsToLoad(const std::string& path, unsigned values) {
   return best;
 }
 
-// Four times as many values in one key need about four times the time. If each were inserted in order, they would need
-// sixteen times the time.
+// Four times as many values in one key must need about four times the time. If each value were inserted at its place in
+// order, they would need sixteen times the time.
 TEST_F(Registry, LoadingUnsortedValuesOfOneKeyIsNotQuadratic) {
   double ratio = 0;
   for (int attempt = 0; attempt < 4; ++attempt) {

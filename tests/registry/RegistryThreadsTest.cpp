@@ -31,7 +31,7 @@ class RegistryThreads : public RegistryTest {
 
 constexpr int kRounds = 60;
 
-// Each handle saves when it is destroyed. So the changes of every thread race with the saves of all others.
+// Each handle saves when it is destroyed, so the changes of every thread race with the saves of all others.
 TEST_F(RegistryThreads, FourThreadsSettingReadingAndSavingLoseNothing) {
   Run(4, [](int thread) {
     const std::string path = "T" + std::to_string(thread) + "\\Deep";
@@ -141,7 +141,7 @@ TEST_F(RegistryThreads, SaveHoldsTheLocksOfAWholeDeepPathAndReleasesThem) {
   EXPECT_EQ(Dump(CRegistry::MRoot), text);
 }
 
-// Without the lock of the key above, the key could be deleted while it is written.
+// If the key above were not locked, the key could be deleted while it is written.
 TEST_F(RegistryThreads, SaveHoldsTheKeysAboveWhileItWaitsForOneBelow) {
   Given("[HKEY_LOCAL_MACHINE]\n[A]\n[B]\nx=d=1\n\n\n\n\n");
   const CRegistry top("", CRegistry::MLocalMachine, 0);
@@ -159,7 +159,7 @@ TEST_F(RegistryThreads, SaveHoldsTheKeysAboveWhileItWaitsForOneBelow) {
   EXPECT_FALSE(IsHeld(CRegistry::MRoot) || IsHeld(*top.CurrentKey()) || IsHeld(*middle.CurrentKey()));
 }
 
-// A save clears the flag and writes the key while the change still waits for the key's lock.
+// A save clears the flag and writes the key while a change still waits for the key's lock.
 TEST_F(RegistryThreads, ChangeAfterASaveOfItsKeyMarksTheTreeAgain) {
   const CRegistry key("", CRegistry::MLocalMachine, 0);
   const std::function<void()> changes[] = {
@@ -179,7 +179,7 @@ TEST_F(RegistryThreads, ChangeAfterASaveOfItsKeyMarksTheTreeAgain) {
   }
 }
 
-// The address sanitizer does not see the unwinding of a cancelled thread and treats its dead frames as live.
+// The address sanitizer does not notice that a cancelled thread unwinds, and treats its ended frames as live.
 #ifdef QX_ADDRESS_SANITIZER
 constexpr bool kCanCancel = false;
 #else

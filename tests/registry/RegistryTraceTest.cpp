@@ -1,4 +1,4 @@
-// The whole trace of the registry: every line of a load with all its fallbacks, of changes and of a save.
+// Tests the whole trace of the registry: every line of a load with all its fallbacks, of changes and of a save.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 

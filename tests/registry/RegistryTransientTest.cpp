@@ -1,4 +1,4 @@
-// Calls that fail once, or a few times in a row: nothing is lost.
+// Tests calls that fail once, or a few times in a row: nothing may be lost.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -128,7 +128,7 @@ TEST_F(RegistryTransient, StatusThatFailsDuringASaveStillMakesABackup) {
   EXPECT_EQ(ReadFile(File()), "[HKEY_LOCAL_MACHINE]\nchanged=d=1\nnew=d=1\n\n\n");
 }
 
-// Has the effect of another process that has just renamed a new file to the same name.
+// Another process that renames a new file to the same name has this effect.
 TEST_F(RegistryTransient, MissingNewFileLeavesTheRegistryUnchanged) {
   { const CRegistry handle; }
   const FailingCall gone({.call = FileCall::kRename, .path = "/registry.new", .times = 2, .error = ENOENT});

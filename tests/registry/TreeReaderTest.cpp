@@ -17,7 +17,7 @@ using qx::registry::ByteSource;
 using qx::registry::kLineCharsMax;
 using qx::registry::LineReader;
 
-// At most `portion` bytes at a time.
+// A source that returns the text, at most `portion` bytes at a time.
 ByteSource BytesOf(std::string_view text, std::size_t portion = SIZE_MAX) {
   return [text, portion](char* to, std::size_t size) mutable {
     const std::size_t count = std::min({text.size(), size, portion});

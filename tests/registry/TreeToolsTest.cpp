@@ -1,4 +1,4 @@
-// Comparison of trees, changes to a tree, and what a registry file cannot hold.
+// Tests the comparison of trees, changes to a tree, and which trees a registry file cannot store.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -170,7 +170,7 @@ TEST_F(TreeTools, PartIsTheKeyAtItsPath) {
   EXPECT_EQ(TextOf(tree_), "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n\n\n\n");
 }
 
-// --- what the file cannot have
+// --- what the file cannot store
 
 TEST_F(TreeTools, ValuesThatAreReadBackMayBeStored) {
   EXPECT_EQ(ReasonAgainst("a", Text("b=c[d]")), "");
@@ -216,14 +216,14 @@ TEST_F(TreeTools, TreeWithoutValuesIsRefused) {
 
 namespace {
 
-// Names and texts with every byte that is special in the file.
+// Names and texts that may contain every byte with a meaning in the file.
 std::string RandomText(std::mt19937_64& random, bool may_be_long) {
   constexpr char kBytes[] = {'a',  'b',    'A', '=', '[', ']', '\n', '\r',  ' ',
                              '\t', '\xFF', '%', ';', 's', 'd', '/',  '\x01'};
   const std::size_t roll = random() % 40;
   std::string text(may_be_long && roll == 0 ? 1005 + random() % 20 : random() % 4, 'x');
   for (std::size_t i = 0; i < 3 && !text.empty(); ++i) {
-    // Most bytes are ordinary letters: otherwise no name or text would be accepted.
+    // Most bytes are ordinary letters; otherwise hardly any name or text would be accepted.
     text[random() % text.size()] = kBytes[random() % (random() % 4 == 0 ? sizeof kBytes : 3)];
   }
   return text;
@@ -247,7 +247,7 @@ void FillAtRandom(CRegistryNode& tree, std::mt19937_64& random) {
   for (std::size_t i = 0; i < count; ++i) {
     std::string key = random() % 2 == 0 ? "HKEY_USERS" : "HKEY_LOCAL_MACHINE";
     for (std::size_t depth = random() % 3; depth > 0; --depth) key += "\\" + RandomText(random, random() % 8 == 0);
-    // A subkey of that name, or a value on the way, leaves the tree as it is.
+    // If a subkey has this name, or a value is on the path, the tree stays as it is.
     (void)SetValue(tree, key, RandomText(random, random() % 8 == 0), RandomValue(random));
   }
 }
@@ -287,7 +287,7 @@ TEST_F(TreeTools, AcceptedValuesAreReadBackAndRefusedOnesAreNot) {
     ++refused;
     EXPECT_FALSE(refusal->reason.empty());
     const bool has_no_value = refusal->reason.find("no value is left") != std::string::npos;
-    // A line over the limit is refused even if only a blank would be cut off.
+    // A line over the limit is refused, even if only a blank would be cut off.
     const bool is_too_long = refusal->reason.find("at most 1022") != std::string::npos;
     CRegistryNode again;
     EXPECT_EQ(has_no_value, !ParseTree(TextOf(tree), again) && Compare(tree, again).changes.empty());

@@ -59,7 +59,7 @@ TEST(TreeWalk, LimitOfThePathsEndsTheWalk) {
   EXPECT_FALSE(Walk(kTree, {.path_bytes = 13}).is_cut);
 }
 
-// A million levels: all paths together would be a terabyte.
+// The tree has a million levels. All its paths together would take a terabyte.
 TEST(TreeWalk, HostileChainEndsAtTheDepth) {
   const Walked walked = Walk(Chain(1'000'000));
   EXPECT_EQ(walked.paths.size(), 1001U);
