@@ -1,4 +1,4 @@
-"""What the benchmarks aim at, and what a measured spread says about an aim.
+"""The aims of the benchmarks, and whether a measured spread reaches an aim.
 
 A ratio is the time of WHO for the work of TASK in terms of ours: above 1, ours is faster. WHO "limit" and "bare_calls" do only
 the necessary calls and copies.

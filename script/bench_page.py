@@ -63,7 +63,7 @@ def cell_of(document, task, who):
     return spread_text(spread) + said + counted
 
 
-# How the table names what a row is compared with, if the benchmark's own name is not clear to a reader.
+# The names of peers in the tables, where the benchmark's own name is not clear to a reader.
 WHO_TEXTS = {"cp_a": "`cp -a`", "glib": "GLib", "sqlite": "SQLite", "lmdb": "LMDB", "lmdb_pugixml": "LMDB and pugixml",
              "strftime_snprintf": "strftime, snprintf", "strftime_snprintf_fflush": "strftime, snprintf, fflush",
              "by_one_thread": "one after the other"}

@@ -1,6 +1,6 @@
 """Runs the rows of the benchmark programs, each in a process of its own, and records what they cost.
 
-A row is TASK/WHO. What a task's rows become depends on its name:
+A row is TASK/WHO. The name of a task determines the result of its rows:
   grow_SHAPE/SIZE    the factor by which the time and the number of system calls grow when the input doubles (linear work: 2),
                      to each size whose half is a row
   threads_WORK/COUNT how much work COUNT threads do in the time of one (real time; everything else is processor time)
@@ -66,7 +66,7 @@ def tasks_of(directory, regex):
 
 
 def run_row(row, prefix=(), seconds=None):
-    """One run. A row that also measures other processes reports its time itself."""
+    """Runs a row once. A row that also measures other processes reports its time itself."""
     command = [*prefix, row.program, f"--benchmark_filter=^{re.escape(row.name)}$", "--benchmark_format=json"]
     if seconds is None and is_growth(task_of(row.name)):
         seconds = 0.1
@@ -227,7 +227,7 @@ def part_of(task, results):
 
 
 def add_counts(task, rows, part):
-    """Adds what a loaded machine does not change: counts of instructions and of system calls."""
+    """Adds figures that do not depend on the load of the machine: counts of instructions and of system calls."""
     by_who = {who_of(row.name): row for row in rows}
     if is_growth(task):
         add_growth_counts(task, {int(size): row for size, row in by_who.items()}, part)
@@ -236,7 +236,7 @@ def add_counts(task, rows, part):
 
 
 def add_instructions(task, by_who, part):
-    """For our row and each peer whose times do not decide its aim."""
+    """Counts the instructions of our row, and of each peer whose times do not decide its aim."""
     undecided = [who for who, spread in part["values"].items()
                  if (aim := aim_of(task, who)) and verdict(aim, spread) == "undecided"]
     if undecided:

@@ -63,7 +63,7 @@ def missed_aims(document):
     return missed
 
 
-# File name, title, label of the x axis, and the tasks whose curves it shows.
+# The charts: file name, title, label of the x axis, and the tasks whose curves the chart shows.
 DRAWINGS = [
     ("growth-transfer.svg", "A record of a whole transfer", "records in the report", r"^grow_transfer"),
     ("growth-markup.svg", "A piece of a parsed document", "pieces in the document", r"^grow_(?!transfer|registry|ini|set_attr)"),
@@ -81,7 +81,7 @@ set grid
 
 
 def draw(path, title, label, axes, curves):
-    """One SVG. `curves` is {name: {x: y}}; gnuplot writes the same bytes for the same numbers."""
+    """Draws one SVG. `curves` is {name: {x: y}}; gnuplot writes the same bytes for the same numbers."""
     script = GNUPLOT_HEAD.format(path=path, title=title, label=label) + axes
     for number, points in enumerate(curves.values()):
         script += f"$curve{number} << EOD\n" + "".join(f"{x} {y:.4f}\n" for x, y in sorted(points.items())) + "EOD\n"

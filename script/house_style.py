@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks what neither compiler nor formatter sees: line and function length, banned calls, include layers, words.
+"""Checks rules that neither compiler nor formatter checks: line and function length, banned calls, include layers, words.
 
 Runs with the tests. Prints one line for each finding, and exits 1 if there are any.
 """
@@ -41,7 +41,7 @@ MODULE = set(LAYERS)
 LAYERS["base/tools"] = {"base"}
 for folder in ("debug", "inifile", "registry", "reportfile", "provider"):
     LAYERS[f"{folder}/tools"] = LAYERS[folder] | {folder, "base/tools"}
-# Work on a whole directory of reports: survey, backup, restore.
+# Code for a whole directory of reports: survey, backup, restore.
 LAYERS["reportfile/tools/directory"] = LAYERS["reportfile/tools"] | {"reportfile/tools"}
 # Dated backups, with the libraries for compression and checksums.
 LAYERS["reportfile/tools/backup"] = LAYERS["reportfile/tools"] | {"reportfile/tools", "reportfile/tools/directory"}
@@ -50,7 +50,7 @@ LAYERS["sdk"] = {"base", "paths", "reportfile", "reportfile/tools"}
 FOLDER_TOOLS = set(LAYERS) - MODULE  # the programs may include sdk, too
 LAYERS["agent"] = {"base", "sdk"}
 
-# The areas of the command line tool, and which of the others each may include.
+# The areas of the command line tool, and the other areas that each may include.
 AREAS = {
     "cli": set(),
     "store": {"cli"},
@@ -105,7 +105,7 @@ VIEW = {
 }
 for area, others in VIEW.items():
     LAYERS[f"tools/qxview/{area}"] = MODULE | FOLDER_TOOLS | {f"tools/qxview/{other}" for other in others} | {"tools/qxctl/cli/text"}
-# It shows what qxctl shows, in the same documents, and listens where the relay listens.
+# The web view shows the documents of qxctl, and listens on the same addresses as the relay.
 LAYERS["tools/qxview/http"] |= {"tools/qxrelay/config"}
 LAYERS["tools/qxview/cli"] |= {"tools/qxctl/trace"}
 for area in ("report", "live", "api"):
@@ -142,14 +142,14 @@ FILE_CALLERS = {
     "inifile/ProfileWriter.cpp": {"fdopen"},
     "inifile/tools/ProfileEdit.cpp": {"fdopen"},
     "reportfile/StoreIo.cpp": {"fdopen"},
-    # In a signal handler.
+    # These calls are in a signal handler.
     "tools/qxctl/cli/Interrupt.cpp": {"unlinkat"},
 }
 
 # errno as an argument: the evaluation or the conversion of another argument may change its value first.
 ERRNO_ARGUMENT = (r"(,\s*errno\b(?!\s*[=!<>]))|(\berrno\s*,)|^\s*errno\s*\)", "copy errno in the statement after the call, and pass the copy")
 
-# Further calls are banned in some folders, because a host's locale must not change how a document is parsed.
+# Some folders may not call these functions, because a host's locale must not change how a document is parsed.
 BANNED_IN = {
     "markup": [(r"\b(is(alnum|alpha|cntrl|digit|graph|lower|print|punct|space|upper|xdigit)|to(lower|upper)|"
                 r"str(n?casecmp|coll|xfrm))\s*\(", "asks the locale; use markup/Ascii.h")],
@@ -233,7 +233,7 @@ def check_nats(path, lines):
 
 
 def check_folders(paths):
-    """Folders that have more sources and headers than a reader can survey."""
+    """Finds folders with more than FOLDER_FILES_MAX sources and headers."""
     counts = collections.Counter(path.parent for path in paths if path.parts[0] in SURVEYED)
     for folder, count in sorted(counts.items()):
         if count > FOLDER_FILES_MAX:
@@ -241,7 +241,8 @@ def check_folders(paths):
 
 
 def check_functions(path, lines):
-    """A definition starts in column 0, its body opens with '{' at a line's end and closes with a lone '}' in column 0."""
+    """Finds functions over the limit. A definition starts in column 0; its body begins with '{' at the end of a line and ends
+    with a single '}' in column 0."""
     start = None
     is_open = False
     for number, line in enumerate(lines, 1):

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Checks that each source of the tools includes what it names, itself or through the project's headers.
+"""Checks that each source of the tools includes the headers of the names that it uses, itself or through the project's headers.
 
-The compiler does not notice it where sources are compiled together (QX_JOIN_SOURCES). Two kinds of names are looked at: those of the
-standard library in the table below, and types, functions and constants that only headers define which the source does not reach.
-It cannot see that a header is reached only through another one.
+If sources are compiled together (QX_JOIN_SOURCES), the compiler does not notice a missing header. Two kinds of names are checked:
+names of the standard library in the table below; and types, functions and constants that are defined only in headers which the
+source does not include. The script does not notice if a header is included only through another one.
 Prints one line for each finding, and exits 1 if there are any.
 """
 import functools
@@ -17,7 +17,7 @@ import join_sources
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 CODE = re.compile(r'//[^\n]*|R"\((?:.|\n)*?\)"|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'')
 INCLUDE = re.compile(r'^#include ([<"])(.*?)[>"]', re.MULTILINE)
-# The names that a header defines: in a namespace, and so at the beginning of a line.
+# A name that a header defines. It is in a namespace, so its definition begins at the start of a line.
 DEFINED = re.compile(r"^(?:template <.*>\s*)?(?:\[\[nodiscard\]\] )?(?:(?:struct|class|enum class|enum)\s+(\w+)(?!\w*;)|using\s+(\w+)\s*=|"
                      r"(?!using|namespace|class|struct|enum|return|#)[A-Za-z_][\w:<>,*& ]*[ *&](\w+) ?[({=;\[])", re.MULTILINE)
 STANDARD = {
@@ -32,7 +32,7 @@ STANDARD = {
     "unordered_set": "unordered_set", "variant": "variant monostate visit", "vector": "vector",
 }
 HEADER_OF = {name: header for header, names in STANDARD.items() for name in names.split()}
-BRINGS = {"string": {"string_view"}, "mutex": {"chrono"}}  # <string> brings string_view, by the standard
+BRINGS = {"string": {"string_view"}, "mutex": {"chrono"}}  # by the standard, <string> defines string_view
 
 
 def code_of(text):

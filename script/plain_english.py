@@ -9,8 +9,8 @@ TEST_NAME_MAX = 80
 # The string literals of these folders may be prescribed texts.
 MODULE_FOLDERS = {"base", "debug", "inifile", "markup", "process", "provider", "registry", "reportfile"}
 
-# Allowed for what is left over or lags, for what a link leads to, and in a name such as text-behind-bracket, which is
-# part of an interface. In any other sense, "after" is the word.
+# The word that this expression excepts is allowed after words such as "left" and "lags", before the target of a link, and in a name such as
+# text-behind-bracket, which is part of an interface. In any other sense, the word is "after".
 ALLOWED_BEFORE_BEHIND = re.compile(r"\b(?:left|leav(?:e|es|ing)|lag(?:s|ging)?|falls?|fell)\s+$", re.IGNORECASE)
 BEHIND = r"(?<!-)behind(?!-)(?!\s+(?:a|the|each|every|any|this|that)\s+(?:symbolic\s+|dangling\s+)?link)"
 WORDS = {
@@ -39,7 +39,7 @@ HUMP = re.compile(r"(?<=[a-z0-9])(?=[A-Z])|(?<=[A-Z])(?=[A-Z][a-z])")
 
 
 def masked(text, spans):
-    """The text with everything outside the spans replaced: a phrase goes across a line end, but not across code."""
+    """The text with everything outside the spans replaced, so that a phrase can continue in the next line, but not across code."""
     parts, at = [], 0
     for begin, end in spans:
         parts += [NOT_SPACE.sub("\0", text[at:begin]), text[begin:end]]

@@ -1,6 +1,6 @@
 #!/usr/bin/env bats
-# The module's exported surface against the description of its processor in packaging/abi, and that the comparison sees what it
-# has to see.
+# Compares the module's exported surface with the description for its processor in packaging/abi, and checks that the comparison
+# notices changes.
 
 setup() {
   load support
@@ -10,12 +10,12 @@ setup() {
   processor=${QX_CROSS:+-arm64}
 }
 
-# What the comparison sees does not depend on the processor.
+# The changes that the comparison notices do not depend on the processor.
 needs_own_processor() {
   [ -z "$QX_CROSS" ] || skip "checked with the compiler of this machine"
 }
 
-# A library of the record store alone: store OUTPUT HEADERS FLAGS... The layout checks in its source are left out: they
+# Builds a library of the record store alone: store OUTPUT HEADERS FLAGS... The layout checks in its source are left out: they
 # would notice a changed class before the comparison can.
 store() {
   local output=$1 headers=$2

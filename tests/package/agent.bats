@@ -1,5 +1,5 @@
 #!/usr/bin/env bats
-# What the package of the agent has, the timers of qxctl, and what their scripts do in a root of their own.
+# Tests the content of the agent's package, the timers of qxctl, and the package scripts in a root directory of their own.
 
 setup() {
   load support

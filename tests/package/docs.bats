@@ -1,5 +1,5 @@
 #!/usr/bin/env bats
-# The sources that docs/sdk.md shows are the files of examples/, and the configurations in docs/relay.md those of the package.
+# Checks that the sources in docs/sdk.md are the files of examples/, and the configurations in docs/relay.md those of the package.
 
 # The text of the fenced block after a line "<!-- example: NAME -->" in a page, docs/sdk.md if none is named.
 shown() {

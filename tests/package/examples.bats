@@ -1,5 +1,5 @@
 #!/usr/bin/env bats
-# The examples, built against the staged tree the way their readers do, and run.
+# Builds the examples against the staged tree as their readers do, and runs them.
 
 setup_file() {
   load support

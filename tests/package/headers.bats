@@ -1,5 +1,5 @@
 #!/usr/bin/env bats
-# Every installed header in a translation unit of its own, under the strictest warnings, with each compiler there is.
+# Compiles every installed header in a translation unit of its own, with the strictest warnings, with each installed compiler.
 
 setup() {
   load support

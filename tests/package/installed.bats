@@ -1,5 +1,5 @@
 #!/usr/bin/env bats
-# Where things are, and that they find each other.
+# Tests the places of the installed files, and that the programs find the module and the libraries.
 
 setup() {
   load support

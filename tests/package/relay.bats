@@ -1,5 +1,5 @@
 #!/usr/bin/env bats
-# What the package of the relay has: program, services, user, manual pages, examples that their readers accept.
+# Tests the content of the relay's package: program, services, user, manual pages, and examples that their programs accept.
 
 setup() {
   load support

@@ -1,4 +1,4 @@
-# What the suites share. The environment names the staged tree (see CMakeLists.txt).
+# Helpers for all suites. The environment names the staged tree (see CMakeLists.txt).
 
 export PKG_CONFIG_PATH=$QX_LIBRARIES/pkgconfig
 include_dir=$QX_PREFIX/include/qxremconxfer
@@ -15,7 +15,7 @@ apart() {
   unshare "${flags[@]}" sh -c 'mount -t tmpfs none /etc/brollan && exec "$@"' sh "$@"
 }
 
-# Python runs as this machine's, also where the tested programs are for another processor.
+# Runs this machine's Python, even if the tested programs are for another processor.
 needs_own_python() {
   [ -z "$QX_CROSS" ] || skip "this machine's Python cannot load a library for another processor"
 }

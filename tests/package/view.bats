@@ -1,5 +1,5 @@
 #!/usr/bin/env bats
-# What the package of the web view has: program, service, manual page.
+# Tests the content of the web view's package: program, service, manual page.
 
 setup() {
   load support

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""make_credentials.py DIRECTORY [SUBJECT...]: keys and tokens of an operator, an account and a user, for a test's server.
+"""Makes keys and tokens of an operator, an account and a user for a test's server: make_credentials.py DIRECTORY [SUBJECT...]
 
 Writes DIRECTORY/server.conf, which a server includes, and DIRECTORY/user.creds, with which a client connects. The user
 may publish to the given subjects; without any, to all. openssl makes and uses the keys; nothing of them outlives the test.

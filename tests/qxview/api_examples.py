@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""api_examples.py QXVIEW QXCTL SOURCE: runs the examples of docs/qxview-api.md against a server of its own.
+"""Runs the examples of docs/qxview-api.md with a server of its own: api_examples.py QXVIEW QXCTL SOURCE
 
 Every line that calls curl must succeed. After "#" it names the schema of what it prints, and the status if that is not 200.
 """

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""measure.py QXVIEW QXCTL [SECONDS]: measures qxview for docs/performance.md.
+"""Measures qxview for docs/performance.md: measure.py QXVIEW QXCTL [SECONDS]
 
 Prints how long charts of 1,000,000 records take, how much memory the server needs, how much processor time 50 open pages with
 20 live reports cost, how long a record takes from its append to the event that a page gets, and how long other requests take
@@ -64,7 +64,7 @@ def qxctl(program, *arguments, **options):
 
 
 def fill(program, base, count):
-    """A report of records that are one second apart. Returns the time after the last one."""
+    """Makes a report of records that are one second apart. Returns the time after the last one."""
     qxctl(program, "report", "create", base, "--slots", str(count))
     begin = 1_760_000_000
     for part in range(0, count, RECORDS):

@@ -1,4 +1,4 @@
-"""For people: accessible names, order of focus, visible focus, contrast in both schemes, small screens, little motion."""
+"""Tests accessibility: accessible names, order of focus, visible focus, contrast in both schemes, small screens, little motion."""
 import math
 import unittest
 
@@ -41,7 +41,7 @@ return { tag: node.tagName, text: (node.getAttribute('aria-label') ?? node.inner
 
 
 def blended(colors):
-    """The colour that is seen of a list of colours, the nearest one first."""
+    """The visible colour of layers, of which the nearest one is the first."""
     seen = [255, 255, 255]
     for r, g, b, a in reversed(colors):
         seen = [a * new + (1 - a) * old for new, old in zip((r, g, b), seen)]
@@ -103,7 +103,7 @@ class AccessTest(BrowserTest):
         self.assertEqual(len(set(dashes)), 2, "two lines with one pattern")
 
     def tabbed(self):
-        """What the tab key reaches, in its order, from the start of the page."""
+        """The elements that the tab key reaches, in its order, from the start of the page."""
         found = []
         while len(found) < 200:
             ActionChains(self.driver).send_keys(Keys.TAB).perform()

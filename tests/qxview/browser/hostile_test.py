@@ -1,4 +1,4 @@
-"""Hostile text in records, names and traces runs nothing; the pages contain nothing that turns text into HTML."""
+"""Tests hostile text in records, names and traces: it must not run, and the pages must not turn text into HTML."""
 import os
 import re
 import unittest

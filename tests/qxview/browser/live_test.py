@@ -1,4 +1,4 @@
-"""Live events: delay, wrap, restart of the server, hidden pages, many tabs."""
+"""Tests live events: delay, wrap, restart of the server, hidden pages, many tabs."""
 import datetime
 import time
 import unittest

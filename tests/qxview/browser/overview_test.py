@@ -1,4 +1,4 @@
-"""The overview: worst first, search, order, and addresses that restore the view."""
+"""Tests the overview: the worst reports first, search, order, and addresses that restore the view."""
 import datetime
 import unittest
 

@@ -1,4 +1,4 @@
-"""A report: fields, zoom, cursor, filter, pause, download, and an address that restores the view."""
+"""Tests the view of a report: fields, zoom, cursor, filter, pause, download, and an address that restores the view."""
 import datetime
 import math
 import re
@@ -47,7 +47,7 @@ class ReportTest(BrowserTest):
         return self.chart().get_attribute("aria-valuetext")
 
     def span(self):
-        """[from, to] of the chart in milliseconds"""
+        """The limits of the chart, [from, to], in milliseconds."""
         return [int(self.chart().get_attribute(name)) for name in ("aria-valuemin", "aria-valuemax")]
 
     def open_machine(self, query=""):
@@ -111,7 +111,7 @@ class ReportTest(BrowserTest):
         self.assertAlmostEqual(self.span()[1] - self.span()[0], 60000, delta=2)
 
     def touch(self, *steps):
-        """What fingers do on the chart: each step has the places of the fingers by their numbers, as shares of its width and height."""
+        """Moves fingers on the chart: each step has the places of the fingers by their numbers, as shares of its width and height."""
         box = self.script("const box = arguments[0].getBoundingClientRect(); return [box.left, box.top, box.width, box.height]", self.chart())
         for step in steps:
             before, self.fingers = self.fingers, {i: {"id": i, "x": box[0] + x * box[2], "y": box[1] + y * box[3]} for i, (x, y) in step.items()}
@@ -123,7 +123,7 @@ class ReportTest(BrowserTest):
                 self.command("Input.dispatchTouchEvent", type=kind, touchPoints=list(self.fingers.values()))
 
     def open_minute(self):
-        """Opens the chart with 60 seconds of it, and returns where they begin."""
+        """Opens the report with a span of 60 seconds, and returns the start of the span."""
         begin = int(self.moments[320].timestamp() * 1000)
         self.open_machine(f"?from={begin}&to={begin + 60000}")
         return begin

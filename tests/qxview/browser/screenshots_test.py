@@ -1,4 +1,4 @@
-"""The pictures of the book. With QX_SCREENSHOTS=FOLDER they are stored there; without it they are only made and checked."""
+"""Makes the pictures of the book. With QX_SCREENSHOTS=FOLDER they are stored there; otherwise they are only made and checked."""
 import base64
 import datetime
 import math
@@ -13,7 +13,7 @@ BYTES_MAX = 90 * 1024
 
 
 class BookSite(Site):
-    """What an operator of three hosts would see."""
+    """Makes reports like those of an operator with three hosts."""
 
     def __init__(self):
         super().__init__()

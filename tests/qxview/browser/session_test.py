@@ -1,4 +1,4 @@
-"""The session: the printed address, the login page, a used token."""
+"""Tests the session: the printed address, the login page, a used token."""
 import unittest
 
 from selenium.webdriver.common.keys import Keys

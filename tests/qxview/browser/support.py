@@ -1,4 +1,4 @@
-"""What the browser tests share: a server with reports and traces of its own, and one Chromium for all tests.
+"""Helpers of the browser tests: a server with reports and traces of its own, and one Chromium for all tests.
 
 The programs come from the environment, which script/test sets: QX_VIEW (the program), and LD_LIBRARY_PATH for the
 library of sdk/python/qxreport.py.
@@ -42,7 +42,7 @@ def now():
 
 
 def viewer_offset():
-    """How far the viewer's clock is ahead of UTC, where the server is.
+    """The difference between the viewer's clock and UTC, which the server uses.
 
     Half an hour off, and never near midnight: the pages show the day of a record that is not of today, so the hour at which the
     tests run would change what they see. QX_VIEWER_CLOCK=23:59 lets the viewer's clock show that time at the start instead.
@@ -122,7 +122,7 @@ class Site:
         return re.findall(r"http://\S+#token=\S+", (self.folder / "output").read_text(encoding="utf-8"))
 
     def printed_address(self, count):
-        """The address that is printed as number `count` since the start."""
+        """The address number `count` of those that the server has printed since its start."""
         end = time.monotonic() + START_SECONDS
         while time.monotonic() < end and self.server.poll() is None:
             found = self.printed()
@@ -160,13 +160,13 @@ class Site:
         return moments
 
     def age(self, name, duration):
-        """Makes a report as old as if nobody had written it for that long."""
+        """Sets the time of a report's files back, as if nobody had written it for this time."""
         old = (now() - duration).timestamp()
         for suffix in (".dat", ".ind"):
             os.utime(self.reports / (name + suffix), (old, old))
 
     def damage(self, name):
-        """Makes the index file contradict itself: more slots in use than it has."""
+        """Damages the index file: the header counts more slots in use than there are."""
         with open(self.reports / (name + ".ind"), "r+b") as index:
             index.seek(HIGHEST_INDEX_OFFSET)
             index.write(b"\xff\xff\xff\x00")
@@ -256,7 +256,7 @@ class BrowserTest(unittest.TestCase):
         self.site.start()
 
     def open(self, fragment):
-        """Opens a view from scratch, as from a bookmark."""
+        """Loads the page of a view, as if from a bookmark."""
         self.driver.get("about:blank")
         self.driver.get(f"{self.site.base}/{fragment}")
         self.wait(lambda: not self.all(".state-loading") and self.all("h1"), f"the view {fragment}")
