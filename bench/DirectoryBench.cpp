@@ -32,7 +32,7 @@ void RemoveAll(const std::string& path) {
   std::filesystem::remove_all(path, ignored);
 }
 
-// The directory to copy, created once and removed at the end of the process.
+// Returns the directory to copy. It is created once and removed at the end of the process.
 const std::string& Source() {
   static const std::string source = [] {
     std::string path = Directory() + "/from";
@@ -60,7 +60,7 @@ double OwnSeconds() {
   return Seconds(usage);
 }
 
-// The processor time in seconds; negative if the copy failed.
+// Returns the processor time in seconds; negative if the copy failed.
 double CopyByQx(const std::string& to) {
   const double before = OwnSeconds();
   if (!CDirectory::CopyDir(Source().c_str(), to.c_str(), "*.*", true)) return -1;

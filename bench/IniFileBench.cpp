@@ -69,7 +69,8 @@ void TrimEnd(char* begin, char* end) {
   *end = '\0';
 }
 
-// The same rules in plain code: lines of at most 1023 characters; comments and blanks are removed in the buffer.
+// Reads the value by the same rules in plain code: lines of at most 1023 characters; comments and blanks are removed in
+// the buffer.
 bool ReadWithFgets(std::FILE* file, const char* section, const char* key, std::string& value) {
   const std::size_t section_chars = std::strlen(section);
   bool is_inside = false;
@@ -143,7 +144,7 @@ void ReadInih(benchmark::State& state) {
 }
 #endif
 
-// The least that a reader has to do: open the file, read it in windows, close it.
+// Does the least that a reader has to do: opens the file, reads it in windows, closes it.
 void ReadLimit(benchmark::State& state) {
   const Sample sample;
   char window[16384];

@@ -122,7 +122,7 @@ void ParseLibxml2(benchmark::State& state, const std::string& task) {
 }
 #endif
 
-// The least that a parser has to do: copy the bytes once and scan them once.
+// Does the least that a parser has to do: copies the bytes once and scans them once.
 void ParseLimit(benchmark::State& state, const std::string& task) {
   const std::string document = DocumentOf(task);
   std::string copy;
@@ -213,7 +213,7 @@ void BuildChildrenTinyxml2(benchmark::State& state) {
 }
 #endif
 
-// The least that a builder has to do: copy the records into a document and duplicate that for the host.
+// Does the least that a builder has to do: copies the records into a document and duplicates the document for the host.
 void BuildCDataLimit(benchmark::State& state) {
   const std::string records = RecordText(kMiB);
   std::string document;
@@ -225,7 +225,7 @@ void BuildCDataLimit(benchmark::State& state) {
   }
 }
 
-// 1 MiB of text with something to escape every few words.
+// Makes 1 MiB of text with something to escape every few words.
 std::string SpecialText() {
   std::string text;
   while (text.size() < kMiB) text += "a plain stretch of text, then <tag> & \"more\" of it; ";
@@ -242,7 +242,7 @@ void UnescapeQx(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(CMarkup::UnescapeText(std::string_view(text)));
 }
 
-// The least that escaping has to do: copy the text and scan it once.
+// Does the least that escaping has to do: copies the text and scans it once.
 void EscapeLimit(benchmark::State& state) {
   const std::string text = SpecialText();
   for (auto _ : state) {
@@ -319,8 +319,8 @@ void ParseShape(CMarkup& markup, const std::string& document) {
   if (markup.FindElem()) benchmark::DoNotOptimize(markup.GetData());
 }
 
-// The first parse is not timed: it is the only one that needs new memory for text and records, and a large document is
-// parsed only once or twice.
+// The first parse is not timed. It is the only one that needs new memory for text and records, which would show in the
+// result, because a large document is parsed only once or twice.
 void GrowParse(benchmark::State& state, const Shape& shape, std::int64_t count) {
   const std::string document = shape.make(count);
   CMarkup markup;
@@ -335,8 +335,8 @@ void AppendElements(std::int64_t count) {
   benchmark::DoNotOptimize(markup);
 }
 
-// Each document takes new memory from the system. Otherwise the allocator would keep the memory of small documents and
-// return that of large ones.
+// Every document takes new memory from the system. Otherwise the allocator would keep the memory of small documents and
+// return the memory of large ones.
 void GrowAppend(benchmark::State& state, std::int64_t count) {
   AppendElements(count);
   for (auto _ : state) {
@@ -347,7 +347,7 @@ void GrowAppend(benchmark::State& state, std::int64_t count) {
   }
 }
 
-// `count` different attributes on one element.
+// Sets `count` different attributes of one element.
 void GrowSetAttributes(benchmark::State& state, std::int64_t count) {
   for (auto _ : state) {
     CMarkup markup;
@@ -369,7 +369,7 @@ void RegisterGrowth() {
   }
 }
 
-// The memory that a parsed element needs in addition to the text.
+// Measures the memory that a parsed element needs in addition to the text.
 void MemoryPerElement(benchmark::State& state) {
   const std::string document = ChildrenDocument();
   CMarkup markup;

@@ -1,4 +1,4 @@
-// How much memory the module allocates, counted at the allocator: the peak of one transfer call, and the peak and the
+// Counts at the allocator how much memory the module allocates: the peak of one transfer call, and the peak and the
 // final size of a loaded registry and of a parsed document. The results are the counters of these rows; their times
 // include the cost of counting.
 #include <benchmark/benchmark.h>
@@ -20,7 +20,7 @@ namespace {
 using qx::bench::Block;
 using qx::bench::Must;
 
-// The memory that `work` allocates: its peak, and what is still allocated after it has returned.
+// The bytes that `work` allocates: the peak, and the bytes that are still allocated after `work` has returned.
 struct Use {
   double peak;
   double kept;

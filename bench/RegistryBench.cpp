@@ -37,7 +37,7 @@ using qx::bench::Must;
 using qx::bench::RegistryText;
 using qx::bench::Value;
 
-// One key with its names in descending order: a save never writes this, but an editor may.
+// Makes one key with its names in descending order. A save never writes this order, but an editor may.
 std::string FallingText(std::int64_t values) {
   std::string text = "[HKEY_LOCAL_MACHINE]\n";
   for (std::int64_t number = values; number-- > 0;) {
@@ -51,8 +51,9 @@ constexpr std::size_t kLargeRequestBytes = 64UL * 1024;
 
 std::size_t BytesInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
 
-// glibc only marks small chunks as free. It joins them with their neighbours at the next large request, which would
-// otherwise be within the next load: the time of that would contain half of what destroying the tree takes.
+// Makes glibc join the free chunks of a destroyed tree. glibc only marks small chunks as free, and joins them with
+// their neighbours at the next large request. Without this call that request would be part of the next load, and half
+// the time that destroying the tree takes would count as load time.
 void JoinFreeChunks() {
   void* large = std::malloc(kLargeRequestBytes);
   benchmark::DoNotOptimize(large);
@@ -110,7 +111,7 @@ void LoadGlib(benchmark::State& state) {
 }
 #endif
 
-// The least that a load has to do: read the file into a buffer that exists already.
+// Does the least that a load has to do: reads the file into a buffer that exists already.
 void LoadLimit(benchmark::State& state) {
   const MemoryDirectory directory;
   const std::string text = RegistryText(kValues, kValuesPerKey);
@@ -124,7 +125,7 @@ void LoadLimit(benchmark::State& state) {
   }
 }
 
-// The whole save: new file, backup, directory. In a memory file system the sync calls do nothing, but they are made.
+// Times the whole save: new file, backup, directory. The sync calls are made, but do nothing in a memory file system.
 void SaveQx(benchmark::State& state) {
   const MemoryDirectory directory;
   (void)directory.FileWith("registry", RegistryText(kValues, kValuesPerKey));
@@ -137,7 +138,7 @@ void SaveQx(benchmark::State& state) {
   qx::registry::ResetRegistry(nullptr);
 }
 
-// 0a ff => "0a ff ". One fprintf per byte would double the time of the whole dump.
+// Formats 0a ff as "0a ff ". One fprintf per byte would double the time of the whole dump.
 std::string Hexadecimal(std::string_view bytes) {
   constexpr char kDigits[] = "0123456789abcdef";
   std::string text;
@@ -188,7 +189,7 @@ void SaveFprintf(benchmark::State& state) {
   }
 }
 
-// The least that a save has to do: write the finished text.
+// Does the least that a save has to do: writes the finished text.
 void SaveLimit(benchmark::State& state) {
   const MemoryDirectory directory;
   const std::string text = RegistryText(kValues, kValuesPerKey);
@@ -200,8 +201,8 @@ void SaveLimit(benchmark::State& state) {
   }
 }
 
-// Each load takes new memory from the system, as the one load of a process does. Otherwise the allocator would keep the
-// memory of small trees and return that of large ones.
+// Every load takes new memory from the system, like the only load of a process. Otherwise the allocator would keep the
+// memory of small trees and return the memory of large ones.
 void GrowLoad(benchmark::State& state, const std::string& text, std::int64_t values) {
   const MemoryDirectory directory;
   const std::string path = directory.FileWith("registry", text);

@@ -116,7 +116,7 @@ void AppendStdio(benchmark::State& state) {
 }
 
 #ifdef QX_HAVE_SQLITE3
-// The ring as a table: one row per slot, replaced in turn.
+// Stores the ring as a table: each slot is a row, and the rows are replaced in turn.
 class Sqlite {
  public:
   explicit Sqlite(const std::string& file) {
@@ -136,7 +136,7 @@ class Sqlite {
   Sqlite(const Sqlite&) = delete;
   Sqlite& operator=(const Sqlite&) = delete;
 
-  // A transaction of its own, unless one is open.
+  // Appends one record, in a separate transaction unless one is open.
   bool Append() {
     sqlite3_bind_int64(insert_, 1, slot_);
     sqlite3_bind_text(insert_, 2, kRecord.data(), static_cast<int>(kRecord.size()), SQLITE_STATIC);
@@ -195,7 +195,7 @@ void AppendSqlite(benchmark::State& state) {
 #endif
 
 #ifdef QX_HAVE_LMDB
-// The ring as a map from slot to record.
+// Stores the ring as a map from slot to record.
 class Lmdb {
  public:
   explicit Lmdb(const std::string& file) {
@@ -247,7 +247,7 @@ class Lmdb {
 };
 #endif
 
-// The least that an append has to do: three system calls, for record, slot and header.
+// Does the least that an append has to do: three system calls, for record, slot and header.
 void AppendLimit(benchmark::State& state) {
   const Directory directory;
   const int data = open(directory.File("r.dat").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -269,7 +269,7 @@ void AppendLimit(benchmark::State& state) {
   close(index);
 }
 
-// A hundred records a call, and the same through single calls.
+// The rows append_batch append this many records in one call, or in single calls for comparison.
 constexpr std::size_t kBatch = 100;
 
 void AppendBatchQx(benchmark::State& state) {
@@ -302,8 +302,8 @@ void AppendBatchPeer(benchmark::State& state) {
   }
 }
 
-// Reads all records of a full ring in order and copies each into a string. The report is open before. Its ring has
-// wrapped in the middle.
+// Reads all records of a full ring in order and copies each one into a string. The report is already open, and its
+// oldest record is in the middle of the slots.
 void ReadReportQx(benchmark::State& state) {
   const Directory directory;
   qx::Writer writer;
@@ -325,7 +325,7 @@ void ReadReportQx(benchmark::State& state) {
   }
 }
 
-// The same records through Next, each one once, as a reader that follows the report.
+// Reads the same records with Next, each one once, like a reader that follows the report.
 void FollowReportQx(benchmark::State& state) {
   const Directory directory;
   qx::Writer writer;

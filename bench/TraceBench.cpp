@@ -80,7 +80,7 @@ void OffQx(benchmark::State& state) {
   TraceEntries(state);
 }
 
-// The least that a trace call does when tracing is off: test a flag. The loop counter is included.
+// Does the least that a trace call has to do when tracing is off: tests a flag. The time includes the loop counter.
 void OffLimit(benchmark::State& state) {
   static std::atomic<bool> flag{false};
   benchmark::DoNotOptimize(&flag);
@@ -120,7 +120,7 @@ void LogSpdlog(benchmark::State& state) {
 }
 #endif
 
-// The line made with C library calls, with its time formatted again for each line.
+// Formats the line with C library calls; the time is formatted again for each line.
 std::size_t FormatLine(char (&line)[512], int record) {
   timeval now{};
   ::gettimeofday(&now, nullptr);

@@ -76,7 +76,7 @@ void TransferMany(const std::string& name, int count) {
 
 std::string ReportOfThread(int number) { return "bench" + std::to_string(number); }
 
-// `count` threads at once, each with its own report.
+// Transfers on `count` threads at once, each with its own report.
 void TransferOnThreads(benchmark::State& state, int count) {
   for (int i = 0; i < count; ++i) qx::bench::WriteReport(ReportOfThread(i), kSlots);
   for (auto _ : state) {
@@ -86,8 +86,8 @@ void TransferOnThreads(benchmark::State& state, int count) {
   }
 }
 
-// The work of two threads, one after the other. If threads waited for each other by spinning, two at once would need
-// more processor time than this.
+// Does the work of two threads, one after the other. If threads waited for each other by spinning, two threads at once
+// would need more processor time than this row.
 void TransferOneAfterTheOther(benchmark::State& state) {
   for (int i = 0; i < 2; ++i) qx::bench::WriteReport(ReportOfThread(i), kSlots);
   for (auto _ : state) {
@@ -95,7 +95,7 @@ void TransferOneAfterTheOther(benchmark::State& state) {
   }
 }
 
-// One transfer of a report with `records` records. The first one, which also loads the module, is not timed.
+// Times the transfer of a report with `records` records. The first transfer, which also loads the module, is not timed.
 void GrowRecords(benchmark::State& state, std::uint32_t records) {
   qx::bench::WriteReport("grow", records);
   Block block;
@@ -110,7 +110,7 @@ std::string Reply(long start, long next, const std::string& records) {
          "\"><![CDATA[" + records + "]]></ReportData>\n";
 }
 
-// The plain form: a seek in each file, the slot, then the record byte by byte.
+// Reads a record in the plain form: a seek in each file, the slot, then the record byte by byte.
 std::string StdioRecord(FILE* index, FILE* data, std::uint32_t slot) {
   std::uint32_t position = 0;
   std::fseek(index, 24 + 4L * slot, SEEK_SET);
@@ -151,7 +151,7 @@ void TransferStdio(benchmark::State& state) {
 }
 
 #if defined(QX_HAVE_LMDB) && defined(QX_HAVE_PUGIXML)
-// The ring's records in a database, in order of age.
+// Keeps the ring's records in a database, in order of age.
 class Lmdb {
  public:
   Lmdb() {
@@ -217,7 +217,7 @@ void TransferLmdb(benchmark::State& state) {
 }
 #endif
 
-// The least that a transfer has to do: read the bytes, copy them into a document, duplicate that for the host.
+// Does the least that a transfer has to do: reads the bytes, copies them into a document, duplicates it for the host.
 void TransferLimit(benchmark::State& state) {
   WriteBenchReport();
   const std::string path = ReportDirectory() + "/bench.dat";
@@ -238,7 +238,7 @@ void TransferLimit(benchmark::State& state) {
   }
 }
 
-// The system calls of a transfer and the memory of its replies, and nothing else: each chunk is read into memory that
+// Makes the system calls of a transfer and allocates its replies, and nothing else: each chunk is read into memory that
 // is kept, its slots are read, and the chunk is copied into an allocated reply.
 void TransferBareCalls(benchmark::State& state) {
   WriteBenchReport();

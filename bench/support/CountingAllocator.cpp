@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-// The C library's own functions, which the functions below call.
+// These are the C library's own functions, which the functions below call.
 extern "C" {
 void* __libc_malloc(std::size_t size);                     // NOLINT(bugprone-reserved-identifier)
 void* __libc_calloc(std::size_t count, std::size_t size);  // NOLINT(bugprone-reserved-identifier)

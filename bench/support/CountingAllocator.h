@@ -1,4 +1,4 @@
-// How much memory is allocated in the process now, and the peak since the last reset. In a program that links
+// Counts how much memory is allocated in the process now, and the peak since the last reset. In a program that links
 // CountingAllocator.cpp, every malloc, calloc, realloc, free and new counts, also those of the libraries it loads.
 // Exception: an over-aligned allocation (aligned_alloc, posix_memalign, new with std::align_val_t) is not added when it
 // is made, but is subtracted when it is freed.
@@ -8,7 +8,7 @@
 
 namespace qx::bench {
 
-// Usable bytes: with the allocator's rounding, without its bookkeeping. [any thread]
+// The functions count usable bytes: with the allocator's rounding, without its bookkeeping. [any thread]
 std::size_t BytesHeld();
 std::size_t PeakBytesHeld();
 void ResetPeakBytesHeld();  // the peak becomes the present amount

@@ -1,4 +1,4 @@
-// The sizes of the rows that measure growth: each second one is twice the one before it.
+// Lists the sizes of the rows that measure growth. The second size of each pair is twice the first.
 #pragma once
 
 #include <cstdint>

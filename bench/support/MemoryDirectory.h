@@ -1,5 +1,5 @@
-// A directory for the files of one row. It is in a memory file system if there is one, because the rows do not compare
-// disks.
+// Creates a directory for the files of one row. It is in a memory file system if there is one, because the rows do not
+// compare disks.
 #pragma once
 
 #include <unistd.h>
@@ -18,7 +18,7 @@ inline void Must(bool ok, const char* what) {
   std::exit(1);
 }
 
-// The directory is created empty, and removed with everything in it.
+// The constructor creates an empty directory; the destructor removes it with everything in it.
 class MemoryDirectory {
  public:
   MemoryDirectory() : path_(Parent() / ("qx-bench-" + std::to_string(getpid()))) {

@@ -1,4 +1,4 @@
-// The text of a pugixml document, as its programs get it.
+// Collects the text of a pugixml document, the way programs that use pugixml do.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// The content of the registry files and of the key files that they are compared with.
+// Makes the content of the registry files, and of the key files that are compared with them.
 //
 // Of ten values, six are strings of about 40 characters, two are numbers, one is a string to expand and one is a block
 // of 16 bytes.
@@ -16,7 +16,7 @@ constexpr int kValues = kKeys * kValuesPerKey;
 
 constexpr std::string_view kBytes = "00 11 22 33 44 55 66 77 88 99 aa bb cc dd ee ff ";
 
-// 42 => "0000042": all names have the same length, so they sort like their numbers.
+// Formats 42 as "0000042": all names have the same length, so they sort like their numbers.
 inline std::string Digits(std::int64_t number) {
   const std::string digits = std::to_string(number);
   return std::string(7 - digits.size(), '0') + digits;
@@ -41,7 +41,7 @@ inline Value MakeValue(std::int64_t number) {
   }
 }
 
-// The content that both formats have: keys with `per_key` values each; all values are numbered in sequence.
+// Makes the content that both formats have: keys with `per_key` values each; all values are numbered in sequence.
 template <typename OpenKey, typename TakeValue>
 void ForEachValue(std::int64_t values, std::int64_t per_key, OpenKey open_key, TakeValue take_value) {
   for (std::int64_t number = 0; number < values; ++number) {

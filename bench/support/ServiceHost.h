@@ -1,7 +1,7 @@
-// What a benchmark needs to call the module like the service does: a private mount namespace with a small registry at
-// the fixed path, full and wrapped rings in the report directory, the loaded module, and a request block.
+// Prepares what a benchmark needs to call the module like the service does: a private mount namespace with a small
+// registry at the fixed path, full and wrapped rings in the report directory, the loaded module, and a request block.
 //
-// There is a registry because without one each request makes a dozen failed opens.
+// The registry exists because each request would try to open a dozen missing files without it.
 #pragma once
 
 #include <cstddef>
@@ -24,14 +24,14 @@ const std::string& ReportDirectory();
 // on failure.
 void PrepareService();
 
-// Record `number` of every report: kRecordBytes long, without line end.
+// Returns the record `number` of every report: kRecordBytes long, without line end.
 std::string Record(std::uint32_t number);
 
 // Creates a ring of `slots` slots and writes one and a half times as many records: the ring is full, and its oldest
 // record is in the middle of the slots. An existing report is left as it is.
 void WriteReport(const std::string& name, std::uint32_t slots);
 
-// The module. The first call of TheModule loads it; it stays loaded until the process ends.
+// The loaded module. The first call of TheModule loads it; it stays loaded until the process ends.
 class Module {
  public:
   Module();
@@ -65,7 +65,7 @@ class Block {
 // after the last.
 long FetchChunk(Block& block, const std::string& name, long first);
 
-// One whole transfer, chunk by chunk as a client requests it; returns the number of records received.
+// Does one whole transfer, chunk by chunk as a client requests it; returns the number of records received.
 long TransferOnce(Block& block, const std::string& name);
 
 }  // namespace qx::bench
