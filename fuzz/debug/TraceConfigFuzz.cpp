@@ -1,4 +1,5 @@
-// Any bytes as a trace settings file: every value is within its bounds, and nothing is read outside the text.
+// Reads any bytes as a trace settings file. Every value must be within its bounds, and nothing is read outside the
+// text.
 #include <cstddef>
 #include <cstdint>
 #include <string_view>

@@ -1,4 +1,4 @@
-// Any bytes as a log or a ring file: a read ends, and returns only bytes of the file and no byte twice.
+// Reads any bytes as a log or a ring file. The read must end, return only bytes of the file, and return no byte twice.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -12,7 +12,7 @@ namespace {
 using qx::debug::TraceEntry;
 using qx::fuzz::Require;
 
-// The lines of an entry are bytes of the file from its offset on, without the holes between them.
+// Requires that the lines of an entry fit into the bytes from the entry's begin to its end.
 void CheckEntry(std::string_view bytes, const TraceEntry& entry) {
   Require(entry.begin <= entry.end && entry.end <= bytes.size());
   if (entry.kind == TraceEntry::Kind::kGap) return;

@@ -1,5 +1,6 @@
-// The first line is a request, "KIND SECTION KEY VALUE" in single characters; the rest is a profile file. The class can
-// carry out an accepted plan, and the result is read back as planned.
+// Plans and tries an edit of a profile file. The first line is a request: one character each for the kind, the section
+// and the key, then the value. The rest is the file. CIniFile must be able to carry out an accepted plan, and the
+// result must be read back as planned.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

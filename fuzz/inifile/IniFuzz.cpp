@@ -1,4 +1,4 @@
-// Reads and edits a profile file; a list of lines and the fgets form must have the same content after each step.
+// Reads and edits a profile file. CIniFile must agree with a plain list of lines and with a reader that uses fgets.
 //
 // An input is a script and a file. The script is the first line, with three characters for each step: an action, and
 // one of a few section and key names. The bytes after that line are the file.
@@ -68,7 +68,7 @@ void CheckLists(CIniFile& ini, const LineList& model, const std::string& section
 
 void Copy(CIniFile& ini, LineList& model, const std::string& from, const std::string& to) {
   const std::vector<std::string> keys = model.Keys(from);
-  if (keys.size() > 100) return;  // each one is a write of the whole file
+  if (keys.size() > 100) return;  // for each key the whole file is written
   Demand(ini.CopySection(from.c_str(), to.c_str()), "the copy");
   for (const std::string& key : UpToAnEmptyName(keys)) (void)model.Write(to, key, model.Value(from, key, ""));
 }

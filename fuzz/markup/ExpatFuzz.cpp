@@ -1,7 +1,8 @@
-// A document that a strict parser accepts must be well formed for CMarkup, with the same elements at the same depths.
-// The reverse does not hold: CMarkup accepts much that XML forbids (docs/markup.md, "Well-formed here").
+// Compares CMarkup with a strict parser. A document that the strict parser accepts must be well formed for CMarkup,
+// with the same elements at the same depths. The reverse does not hold: CMarkup accepts much that XML forbids
+// (docs/markup.md, "Well-formed here").
 //
-// Not compared, because the two differ there on purpose:
+// Some things are not compared, because the two parsers differ on purpose:
 // - Other encodings: CMarkup reads a document as bytes, so the strict parser is set to UTF-8 for all documents.
 // - Internal subsets of a document type: their declarations have no effect on CMarkup.
 // - Documents over a limit of the records (name over 1,020 bytes, end tag over 1,023, start tag of 4 MiB, depth over
@@ -54,7 +55,7 @@ void BeginDoctype(void* context, const XML_Char*, const XML_Char*, const XML_Cha
   static_cast<Strict*>(context)->left_out |= has_internal_subset != 0;
 }
 
-// True if the strict parser accepts the document; `strict` then has its elements.
+// Returns true if the strict parser accepts the document; `strict` then has its elements.
 bool ParseStrictly(const std::string& text, Strict& strict) {
   XML_ParserReset(strict.parser, "UTF-8");
   XML_SetUserData(strict.parser, &strict);

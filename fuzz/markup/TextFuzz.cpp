@@ -1,4 +1,4 @@
-// Passes any bytes through the text services: what they write must read back unchanged.
+// Passes any bytes through the text services of CMarkup. Encoded text must be decoded to the same bytes.
 #include <cstddef>
 #include <cstdint>
 #include <string>

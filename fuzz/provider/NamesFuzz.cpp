@@ -1,4 +1,5 @@
-// Any bytes as the instance names file of a report: the list that a client gets is well formed, and as long as it says.
+// Uses any bytes as the instance names file of a report. The reply must be well formed, with as many names as it
+// states.
 //
 // Input: the file.
 #include <fcntl.h>
@@ -19,7 +20,7 @@ using qx::fuzz::InWorld;
 using qx::fuzz::World;
 using qx::fuzz::Wrong;
 
-// In place: some file systems write a file to the disk at once if it was emptied first.
+// Writes the file in place: some file systems write a file to the disk at once if it was emptied first.
 void WriteNames(const World& world, const void* bytes, std::size_t size) {
   const std::string path = world.Directory() + "/Reports/r1.names";
   const int file = open(path.c_str(), O_WRONLY | O_CLOEXEC);

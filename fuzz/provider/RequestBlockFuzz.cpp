@@ -1,9 +1,9 @@
-// Request parameter blocks of every shape a host's mistake could give them, through all accessors.
+// Passes request parameter blocks of every shape that a host's mistake could give them through all accessors.
 //
 // The input is a script that a builder reads byte by byte: each element's index, type and value, null entries, counts
-// that are too small or negative, null arrays, chains that loop. It never builds what no reader could survive: a
-// pointer to nowhere, or a count beyond its array. Every structure is in a heap block of its own, so that a read
-// outside of it is noticed.
+// that are too small or negative, null arrays, chains that loop. The builder never makes what no reader could survive:
+// a pointer to nowhere, or a count beyond its array. Each structure is in a separate heap block, so that a read outside
+// of it is noticed.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -23,7 +23,7 @@ using qx::provider::RawBlock;
 class Script {
  public:
   Script(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-  // The next byte; 0 after the end, which ends every list.
+  // Returns the next byte; 0 after the end, which ends every list.
   std::uint8_t Byte() { return at_ < size_ ? data_[at_++] : std::uint8_t{0}; }
   std::uint8_t Below(unsigned limit) { return static_cast<std::uint8_t>(Byte() % limit); }
   bool IsOver() const { return at_ >= size_; }
@@ -52,7 +52,7 @@ class Builder {
   static constexpr int kDepthMax = 4;
   static constexpr int kElementsMax = 24;
 
-  // A count that is valid for its array: the array's length, fewer, none or negative.
+  // Returns a count that is valid for an array of `length`: the length, half of it, 0 or negative.
   std::int32_t CountFor(std::size_t length) {
     const std::uint8_t choice = script_.Byte();
     if (choice < 200) return static_cast<std::int32_t>(length);
@@ -79,8 +79,8 @@ class Builder {
     return block_.Element(index, type, script_.Below(8) == 7 ? nullptr : Value(index, type, depth));
   }
 
-  // At some indices the value is a structure whatever the type says. These never get the type of a string: a structure
-  // has no terminating NUL.
+  // Returns an element type. At some indices the value is a structure whatever the type says. Such an element never
+  // gets the type of a string, because a structure has no terminating NUL.
   std::int32_t Type(std::int32_t index) {
     static constexpr std::int32_t kTypes[] = {kKrxTypePointer, kKrxTypeUint8,  kKrxTypeUint16, kKrxTypeUint32,
                                               kKrxTypeNested,  kKrxTypeString, kKrxTypeString, 0};
@@ -95,7 +95,7 @@ class Builder {
     if (index == 65) return ValidationData();
     if (index == 14 || index == 19 || index == 61 || type == kKrxTypeNested) return Chain(depth + 1);
     if (type == kKrxTypeUint8 && index != 16) return block_.Keep(script_.Byte());
-    return Text();  // at least four bytes, so it serves as a number of any width, too
+    return Text();  // at least four bytes, so it can also be read as a number of any width
   }
 
   static bool IsCredential(std::int32_t index) { return index >= 25 && index <= 31; }
@@ -107,7 +107,7 @@ class Builder {
     return static_cast<char*>(block_.KeepBytes(text.data(), text.size()));
   }
 
-  // Up to five nested blocks; the last may lead back to any of them.
+  // Makes up to five nested blocks; the last one may lead back to any of them.
   krx_nested_block* Chain(int depth) {
     std::vector<krx_nested_block*> blocks;
     const int length = 1 + script_.Below(5);

@@ -1,7 +1,6 @@
-// Request documents of every kind through the exported functions, from the raw call to the reply, against a small
-// report.
+// Passes request documents of every kind to the exported functions, which read a small report, and checks the replies.
 //
-// Input: one byte that picks the function and whether the caller was refused, then the document.
+// Input: one byte that selects the function and whether the caller lacks the privilege, then the document.
 #include <cstddef>
 #include <cstdint>
 #include <string>

@@ -1,5 +1,4 @@
-// What the fuzz programs of the exported functions call them in: a report directory of their own, and the module
-// object.
+// Prepares what a fuzz program needs to call the exported functions: a private report directory and the module object.
 #pragma once
 
 #include <fcntl.h>
@@ -16,8 +15,8 @@
 
 namespace qx::fuzz {
 
-// A directory with a report "r1" and its instance names below "Reports", where the module looks below its working
-// directory when the configuration names no other; and the module object.
+// Creates the module object and a directory with the report "r1" and its instance names in "Reports". The module uses
+// "Reports" in its working directory if the configuration names no other directory.
 class World {
  public:
   World() {
@@ -38,7 +37,7 @@ class World {
   }
   ~World() {
     DeleteModule();
-    std::error_code ignored;  // a directory left in /tmp harms nobody
+    std::error_code ignored;  // a directory that is left over in /tmp does no harm
     std::filesystem::remove_all(directory_, ignored);
   }
   const std::string& Directory() const { return directory_; }
@@ -47,7 +46,7 @@ class World {
   std::string directory_;
 };
 
-// The world's directory as the working directory for the length of a scope: the driver's own paths may be relative.
+// Makes the world's directory the working directory until the end of a scope. libFuzzer's own paths may be relative.
 class InWorld {
  public:
   explicit InWorld(const World& world) : old_(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {

@@ -1,5 +1,5 @@
-// Recorded calls of any origin: parsing never crashes, and an accepted call makes a block that is written as the same
-// call.
+// Parses any bytes as a recorded call. Parsing must not crash, and an accepted call must make a block that is written
+// as the same call.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -14,7 +14,7 @@ using qx::fuzz::Require;
 using Json = qx::ctl::CallJson;
 using qx::ctl::RecordedCall;
 
-// What the module does with a block: every accessor, over memory that the address sanitizer watches.
+// Reads a block like the module: calls every accessor, over memory that the address sanitizer watches.
 void ReadLikeAModule(const wcs_gendata* raw) {
   KrxRequestParams params(raw);
   (void)params.CheckSignature("KRX");

@@ -1,5 +1,5 @@
-// Settings of any origin: reading never crashes, and values stay within the limits that the rest of the relay relies
-// on.
+// Reads any bytes as relay settings. Reading must not crash, and the values must be within the limits that the rest of
+// the relay relies on.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>

@@ -1,4 +1,5 @@
-// Messages of any origin: decoding never crashes, texts are inside the bytes, and what is accepted encodes to the same.
+// Decodes any bytes as a relay message. Decoding must not crash, texts must be inside the bytes, and encoding an
+// accepted message must give the same bytes.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// Subjects and names of any origin: a name comes back from its token, and only legal subjects of the relay are
-// accepted.
+// Reads any bytes as a name and as a subject. The token of a name must give the name back, and only legal subjects of
+// the relay are accepted.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

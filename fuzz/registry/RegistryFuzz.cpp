@@ -48,7 +48,7 @@ bool HasLongLine(std::string_view text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size == 0) return 0;  // a stream over 0 bytes cannot be opened
+  if (size == 0) return 0;  // fmemopen cannot open a stream of 0 bytes
   std::string bytes(reinterpret_cast<const char*>(data), size);
   FILE* stream = fmemopen(bytes.data(), bytes.size(), "r");
   if (stream == nullptr) return 0;

@@ -1,5 +1,5 @@
-// Reads bytes as a registry file with the tools. The check and the load agree on whether it loads; a tree that may be
-// stored is read back unchanged; a tree does not differ from itself, nor from a merge with itself.
+// Reads bytes as a registry file with the tools. The check and the load must agree on whether the file loads; a tree
+// that may be stored must be read back unchanged; a copy made by a merge must not differ from the tree.
 #include <cstdint>
 #include <string>
 #include <string_view>

@@ -1,8 +1,8 @@
-// Arbitrary index and data bytes: opening and reading must end, and runs taken through windows must be what readLine
-// gives slot by slot.
+// Opens and reads a report with arbitrary index and data bytes. Both must end, and runs taken through windows must be
+// what readLine returns slot by slot.
 //
-// Input: one byte n and four bytes that steer Take, then n bytes of the index file (all there are, if fewer), then the
-// data file.
+// Input: one byte n and four bytes that steer Take, then n bytes of the index file (or all bytes that follow, if these
+// are fewer), then the data file.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -25,9 +25,9 @@ using qx::report::TakenRecords;
 using qx::test::TakeOneByOne;
 
 constexpr std::size_t kSteeringBytes = 5;
-constexpr std::uint32_t kSlotsMax = 40;  // more would only repeat what the first ones do
+constexpr std::uint32_t kSlotsMax = 40;  // more slots would not test anything else
 
-// A report's two files in a directory of their own that is in memory.
+// Creates the two files of a report in a private directory, which is in memory.
 class ReportFiles {
  public:
   ReportFiles() {
@@ -86,7 +86,7 @@ void CompareRead(CReportFileBase& store, RecordReader& reader, std::uint32_t slo
   Require(read == (is_there && !too_long ? "held" + expected : "held"), "Read reads otherwise than readLine");
 }
 
-// A run from the first slot to the end of those in use ends soon whatever their number: the chunk is bounded.
+// Takes a run of all slots in use. The run must end soon, however many slots there are, because the chunk is bounded.
 void TakeWhole(CReportFileBase& store, RecordReader& reader) {
   constexpr std::size_t kChunkBytes = 4096;
   std::string chunk;

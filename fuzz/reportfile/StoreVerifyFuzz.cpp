@@ -1,7 +1,7 @@
-// Arbitrary index and data bytes: a check and a salvage must end, stay in their bounds, and what was salvaged must make
-// a sound store.
+// Checks and salvages a report with arbitrary index and data bytes. Both must end and stay in their bounds, and the
+// salvaged records must make a sound store.
 //
-// Input: one byte n, then n bytes of the index file (all there are, if fewer), then the data file.
+// Input: one byte n, then n bytes of the index file (or all bytes that follow, if these are fewer), then the data file.
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -40,7 +40,7 @@ std::vector<std::string> Salvage(std::string_view index, std::string_view data, 
   return texts;
 }
 
-// The store that a writer makes of these texts, in memory.
+// Makes the store that a writer would make of these texts, in memory, and requires that it is sound.
 void RequireSound(const std::vector<std::string>& texts) {
   IndexHeader header = {.maxRecord = static_cast<std::uint32_t>(std::max<std::size_t>(texts.size(), 1))};
   std::string slots;

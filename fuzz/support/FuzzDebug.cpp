@@ -1,4 +1,4 @@
-// The Debug object of a fuzz program: never initialised, so that runs are not slowed by tracing.
+// Defines the Debug object of a fuzz program. It is never initialised, so tracing does not slow the runs.
 #include "debug/Debug.h"
 
 __attribute__((init_priority(101))) CDebug Debug;

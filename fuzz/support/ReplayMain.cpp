@@ -1,5 +1,5 @@
-// Runs a fuzz entry over every file of the directories given on the command line, and over every prefix and a set of
-// single-byte changes of the small ones, so that an ordinary test run keeps what fuzzing once found.
+// Runs a fuzz entry over every file of the given directories; and for small files also over every prefix and some
+// changes of single bytes. So an ordinary test run repeats what fuzzing once found.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -46,5 +46,5 @@ int main(int argc, char** argv) {
     }
   }
   std::printf("%zu files, %zu runs\n", files, runs);
-  return files > 0 ? 0 : 1;  // a corpus that is not there would be a test that cannot fail
+  return files > 0 ? 0 : 1;  // without a corpus the test could not fail
 }

@@ -1,4 +1,4 @@
-// How a fuzz program reports that something is wrong: a message, and an end that libFuzzer notices.
+// Reports that something is wrong in a fuzz program: prints a message and aborts, which libFuzzer notices.
 #pragma once
 
 #include <cstdio>
@@ -11,12 +11,12 @@ namespace qx::fuzz {
   std::abort();
 }
 
-// `fault` is what is wrong if it does not hold.
+// Ends the program unless `holds` is true. `fault` says what is wrong then.
 inline void Require(bool holds, const char* fault = "a property does not hold") {
   if (!holds) Wrong(fault);
 }
 
-// `property` is what has to hold.
+// Ends the program unless `holds` is true. `property` says what has to hold.
 inline void Demand(bool holds, const char* property) {
   if (holds) return;
   std::fprintf(stderr, "does not hold: %s\n", property);
