@@ -1,4 +1,4 @@
-/* An agent in C: appends each argument as one record to the report "example".
+/* This agent in C appends each argument as one record to the report "example".
  *
  *   agent TEXT...
  */

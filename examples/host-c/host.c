@@ -1,4 +1,4 @@
-/* A host in plain C: loads the module, fetches a report like a remote client, and prints its records.
+/* This host in plain C loads the module, fetches a report like a remote client, and prints its records.
  *
  *   host REPORT [MODULE]
  */
@@ -10,8 +10,8 @@
 
 #include "provider/ModuleExports.h"
 
-/* The block of every call. It has the number of the calling thread (not 0), and an element in which the module stores
- * its data between the calls of this thread. */
+/* Every call passes this block. It has the number of the calling thread (not 0), and an element in which the module
+ * stores its data between the calls of this thread. */
 static unsigned thread_number = 1;
 static struct krx_element provider_data = {.index = kKrxProviderData, .type = kKrxTypePointer};
 static struct krx_element thread_id = {.index = kKrxThreadId, .type = kKrxTypeUint32, .value = &thread_number};
