@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""check.py DIRECTORY: every link of the book leads to a file of it, and to a place that the file has. Prints those that do not."""
+"""check.py DIRECTORY: prints the links of the book that lead to no file of the book, or to no place in that file."""
 import html.parser
 import pathlib
 import sys
@@ -23,7 +23,7 @@ class Page(html.parser.HTMLParser):
 
 
 def wrong_links(folder):
-    """Lines "page: link" for what leads nowhere."""
+    """Yields a line "page: link" for each link that leads nowhere."""
     pages = {path: Page(path) for path in sorted(folder.glob("*.html"))}
     for path, page in pages.items():
         for link in page.links:

@@ -1,5 +1,5 @@
--- For pandoc: links between the pages of docs/ lead to the pages of the book. "README.md" is its first page; what is not in
--- docs/ is named, without a link.
+-- Changes links for pandoc: links between the pages of docs/ lead to the pages of the book; "README.md" is the first page.
+-- A link to a file outside docs/ becomes plain text.
 local function target_of(target)
   if target:match("^%a+:") or target:match("^#") then return target end
   if target:match("^%.%./") then return nil end

@@ -1,5 +1,6 @@
-# Run by CPack between staging and packing: adds to each component what only a Debian package has (copyright, changelog,
-# lintian overrides, the trace directory), compresses manual pages and strips binaries, the way debhelper does.
+# CPack runs this script between staging and packing. It adds to each component what only a Debian package has
+# (copyright, changelog, lintian overrides, the trace directory), compresses manual pages and strips binaries, the way
+# debhelper does.
 
 find_program(QX_STRIP NAMES ${CPACK_QX_STRIP} strip REQUIRED)
 find_program(QX_GZIP gzip REQUIRED)
@@ -39,13 +40,13 @@ function(qx_strip root)
   endforeach()
   foreach(binary ${binaries})
     if(IS_SYMLINK ${binary})
-      continue()  # what it leads to may be in another package
+      continue()  # the target may be in another package
     endif()
     qx_run(${QX_STRIP} --strip-unneeded --remove-section=.comment --remove-section=.note ${binary})
   endforeach()
 endfunction()
 
-# Traces hold user names and requests: only root may put files where the service writes them.
+# Makes the trace directory, which only root may write: traces contain user names and requests.
 function(qx_add_trace_directory root)
   file(MAKE_DIRECTORY ${root}/var/log/brollan)
   qx_run(chmod 0755 ${root}/var ${root}/var/log ${root}/var/log/brollan)

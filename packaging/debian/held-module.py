@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""held-module.py EXAMPLES REPORT: a host that keeps the module loaded, while its package is replaced.
+"""held-module.py EXAMPLES REPORT: keeps the module loaded, like a host, while its package is replaced.
 
-Loads the installed module and fetches the report. After each line of standard input it fetches it again, says whether the file
-that it has mapped still has its name, and prints the records.
+Loads the installed module and fetches the report. After each line of standard input, fetches the report again.
+Each time it prints whether the mapped file was replaced, and the records.
 """
 import os
 import sys
@@ -13,7 +13,7 @@ import fetch_report  # noqa: E402: the path is an argument
 
 
 def show(module):
-    """One line: whether the mapped file was replaced, and the records."""
+    """Prints one line: whether the mapped file was replaced, and the records."""
     with open("/proc/self/maps", encoding="utf-8") as maps:
         is_replaced = "QXRemConXfer.so (deleted)" in maps.read()
     records = "".join(fetch_report.records(module, sys.argv[2])).split("\n")[:-1]

@@ -1,5 +1,5 @@
-# Run by CPack after packing: takes the scripts out that CPack adds to a package with a shared library. They call
-# ldconfig, which dpkg does by itself because of the package's triggers.
+# CPack runs this script after packing. It removes the scripts that CPack adds to a package with a shared library. Those
+# scripts call ldconfig, which dpkg does anyway because of the package's triggers.
 
 find_program(QX_DPKG_DEB dpkg-deb REQUIRED)
 
