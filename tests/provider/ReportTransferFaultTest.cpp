@@ -1,4 +1,4 @@
-// Transfers whose files cannot be read, or change while they are read.
+// Tests transfers whose files cannot be read, or change while they are read.
 #include <gtest/gtest.h>
 
 #include <cstdint>

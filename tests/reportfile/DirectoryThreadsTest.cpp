@@ -1,4 +1,5 @@
-// Several threads copy and remove at once: each thread changes only its own tree, and every trace line is whole.
+// Tests several threads that copy and remove at once: each thread changes only its own tree, and every trace line is
+// whole.
 #include <gtest/gtest.h>
 
 #include <string>

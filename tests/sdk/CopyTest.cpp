@@ -1,5 +1,5 @@
-// Functions for programs that copy reports: appending records byte for byte, confirming the header in the file, and
-// checking whether another program has changed the report.
+// Tests the functions for programs that copy reports: appending records byte for byte, confirming the header in the
+// file, and checking whether another program has changed the report.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -61,7 +61,8 @@ TEST_F(SdkCopies, WhatNoReaderReturnsIsRefusedAndNothingIsWritten) {
   }
 }
 
-// The last write of a batch is that of the header. Without it the records are stored, and not yet counted in the file.
+// The last write of a batch is that of the header. If it fails, the records are stored, but not yet counted in the
+// file.
 TEST_F(SdkCopies, ConfirmWritesAHeaderThatAnAppendCouldNotWrite) {
   MakeCopy();
   int writes = 0;

@@ -1,4 +1,4 @@
-// The C interface: exported symbols, a C99 program, the Python module.
+// Tests the C interface: exported symbols, a C99 program, the Python module.
 #include <gtest/gtest.h>
 
 #include <array>

@@ -1,5 +1,6 @@
-// Every mistake that the C interface refuses: the code, the whole reason, and that nothing is written. The mistakes
-// that Writer and Reader refuse themselves are in MisuseTest.cpp; here are one of each kind, and the null pointers.
+// Tests every mistake that the C interface refuses: the code, the whole reason, and that nothing is written. The
+// mistakes that Writer and Reader themselves refuse are in MisuseTest.cpp; this file has one of each kind, and the null
+// pointers.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -49,7 +50,7 @@ struct MistakeInC {
   std::uint64_t record = 0;
 };
 
-// A failed open must set the pointer to null, so it has another value before.
+// A pointer that is not null: a failed open must set it to null.
 qxreport_writer* Unset() { return reinterpret_cast<qxreport_writer*>(1); }
 
 int OpenWriter(const char* path, std::uint32_t ring_size, qxreport_error* error) {

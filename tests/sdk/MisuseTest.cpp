@@ -1,4 +1,4 @@
-// Every mistake that the classes of the SDK refuse: the error, its whole reason, and that nothing is written.
+// Tests every mistake that the classes of the SDK refuse: the error, its whole reason, and that nothing is written.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -48,7 +48,7 @@ struct Scene {
     return all;
   }
 
-  // With BASE for the path of the report and PROCESS for the number of the other process.
+  // The text with BASE for the path of the report and PROCESS for the number of the other process.
   std::string Shown(std::string text) const {
     const auto replace = [&text](const std::string& what, const char* with) {
       for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what)) {
@@ -144,7 +144,7 @@ std::vector<Mistake> MistakesOfWriters() {
   const auto start_agent = [](Scene& scene) {
     scene.StartProcess([&scene] { return scene.agent.Open(scene.base.c_str(), 3); });
   };
-  const auto start_old_agent = [](Scene& scene) {  // does not take the lock
+  const auto start_old_agent = [](Scene& scene) {  // an agent that does not take the lock
     scene.StartProcess([&scene] { return open((scene.base + ".dat").c_str(), O_RDWR | O_CLOEXEC) >= 0; });
   };
   constexpr const char* kThisProcess =

@@ -1,4 +1,4 @@
-// The allocations of the reader, and its results if memory runs out.
+// Tests the allocations of the reader, and its results when there is no memory.
 #include <gtest/gtest.h>
 
 #include <optional>

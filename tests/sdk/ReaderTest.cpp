@@ -1,4 +1,5 @@
-// The reader of a report: records of a snapshot, torn and damaged ones, what is new, cursors that survive restarts.
+// Tests the reader of a report: records of a snapshot, torn and damaged records, new records, cursors that survive
+// restarts.
 #include "sdk/Reader.h"
 
 #include <fcntl.h>
@@ -265,7 +266,7 @@ TEST_F(SdkReader, ReportThatIsStartedOverIsReported) {
   EXPECT_EQ(record->event, ReadEvent::kStartedOver);
 }
 
-// The files of a report, next to those of the fixture, that are renamed over them: as a restore does it.
+// Renames the files of another report over those of the fixture, as a restore does.
 void RestoreFrom(const StoreFiles& backup, const StoreFiles& files) {
   ASSERT_EQ(rename(backup.IndexPath().c_str(), files.IndexPath().c_str()), 0);
   ASSERT_EQ(rename(backup.DataPath().c_str(), files.DataPath().c_str()), 0);
@@ -277,7 +278,7 @@ void MakeReport(const StoreFiles& files, const std::vector<std::string>& texts) 
   ASSERT_FALSE(writer.Append(texts).Failed());
 }
 
-// The restored report has the same header as the old one: only the files are different ones.
+// The restored report has the same header as the old one; only its files are other files.
 TEST_F(SdkReader, ReportThatWasRestoredIsRead) {
   AppendNumbered(1, 3);
   ASSERT_THAT(Opened(), ElementsAre("record 1", "record 2", "record 3"));
@@ -325,7 +326,7 @@ TEST_F(SdkReader, ReportThatIsEmptiedInPlaceHasNoRecords) {
   EXPECT_THAT(All(), IsEmpty());
 }
 
-// The header is the same as before; only the time of the last write differs.
+// The header is the same as before; only the time of the last write is different.
 TEST_F(SdkReader, ReportThatIsFilledAgainInPlaceIsNoticed) {
   AppendNumbered(1, 3);
   ASSERT_THAT(Opened(), SizeIs(3));
@@ -355,7 +356,7 @@ TEST_F(SdkReader, FilesStayOpenAcrossRefreshAndWait) {
   EXPECT_EQ(opens.Calls() + data_opens.Calls(), 0);
 }
 
-// Header and slots, then three reads for each 256 KiB of text.
+// The reader reads header and slots, and then needs three reads for each 256 KiB of text.
 TEST_F(SdkReader, LoopReadsWholeRuns) {
   slots_ = 20000;
   Append(std::vector<std::string>(20000, std::string(50, 'x')));

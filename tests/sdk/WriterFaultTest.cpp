@@ -1,5 +1,5 @@
-// The writer killed at random moments, and with each of its file calls failing: the promises of CReportFileBase hold,
-// and the files are those that it writes.
+// Tests writers that are killed at random moments, and writers whose file calls fail: the promises of CReportFileBase
+// must hold, and the files must be those that CReportFileBase writes.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -53,8 +53,8 @@ std::vector<std::uint64_t> NumbersIn(const StoreFiles& files) {
   return numbers;
 }
 
-// Before the next writer opens the report, the records of at most one part are in place of the oldest ones, and all
-// other records are there.
+// Before the next writer opens the report, the records of at most one part may be in place of the oldest ones. All
+// other records must be there.
 void ExpectAtMostOnePartMisplaced(const std::vector<std::uint64_t>& numbers, std::uint64_t acknowledged) {
   std::size_t first = 0;
   while (first < numbers.size() && numbers[first] > acknowledged) ++first;
@@ -65,7 +65,7 @@ void ExpectAtMostOnePartMisplaced(const std::vector<std::uint64_t>& numbers, std
   }
 }
 
-// The next writer has counted them: the newest records, whole, in order and without a gap.
+// The next writer has counted the records: a reader finds the newest ones, whole, in order and without a gap.
 void ExpectNewestInOrder(const std::vector<std::uint64_t>& numbers, std::uint64_t acknowledged) {
   ASSERT_FALSE(numbers.empty());
   EXPECT_GE(numbers.back(), acknowledged);
@@ -99,7 +99,7 @@ TEST(SdkWriterKilled, LosesNoAcknowledgedRecordAndMisplacesAtMostOnePart) {
   EXPECT_GT(next, 300U);
 }
 
-// A writer that is killed before its nth write: nothing is written from there on, and nothing is cut back.
+// A writer that is killed before its nth write. From then on nothing is written, and nothing is cut.
 class KilledBefore {
  public:
   explicit KilledBefore(int nth)
@@ -128,7 +128,7 @@ void AppendWithTheClassBelow(const StoreFiles& files, const std::vector<std::str
 
 std::string BothFiles(const StoreFiles& files) { return files.IndexBytes() + "|" + files.DataBytes(); }
 
-// Records before the kill: a ring of five that fills, is full, wraps, and a data file that restarts.
+// The number of records before the kill: a ring of five that fills, is full, wraps, and whose data file restarts.
 constexpr std::uint64_t kPhases[] = {1, 4, 5, 7, 9, 10, 12};
 
 TEST(SdkWriterKilled, SinglesLeaveTheFilesOfTheClassBelowAtEachWrite) {
@@ -153,7 +153,8 @@ TEST(SdkWriterKilled, SinglesLeaveTheFilesOfTheClassBelowAtEachWrite) {
   }
 }
 
-// The next writer appends what its reader does not find. Then the files are those of CReportFileBase without a kill.
+// The next writer appends the records that its reader does not find. Then the files must be those of CReportFileBase
+// without a kill.
 TEST(SdkWriterKilled, BatchesEndInTheFilesOfTheClassBelowAfterEachWrite) {
   for (const std::uint64_t before : kPhases) {
     for (int nth = 1; nth <= 6; ++nth) {
@@ -176,8 +177,9 @@ TEST(SdkWriterKilled, BatchesEndInTheFilesOfTheClassBelowAfterEachWrite) {
   }
 }
 
-// Runs the work with the first, second, ... call of a kind failing. The stored records must be those that the errors
-// name. After one more record, index and records must be those of CReportFileBase for the same records.
+// Runs the work again and again: first its first call of a kind fails, then its second one, and so on. The stored
+// records must be those that the errors name. After one more record, index and records must be those of CReportFileBase
+// for the same records.
 void SweepWrites(FileCall call, int error) {
   for (int nth = 1;; ++nth) {
     SCOPED_TRACE("call " + std::to_string(nth) + ", error " + std::to_string(error));

@@ -1,5 +1,5 @@
-// The writer of a report: what it refuses, that nothing is written then, and that its files are those of
-// CReportFileBase.
+// Tests the writer of a report: the records that it refuses, that nothing is written then, and that its files are those
+// of CReportFileBase.
 #include "sdk/Writer.h"
 
 #include <gmock/gmock.h>
@@ -120,7 +120,7 @@ TEST_F(SdkWriter, OpenExistingCreatesNothing) {
   EXPECT_FALSE(Exists(files_.IndexPath()));
 }
 
-// CReportFileBase would empty the file that is left.
+// CReportFileBase would empty the other file.
 TEST_F(SdkWriter, ReportOfWhichOneFileIsMissingIsNotStartedOver) {
   MakeReport();
   writer_.Close();

@@ -1,4 +1,4 @@
-// qxctl: what operators and developers do with the provider module and with reports.
+// qxctl: the tool with which operators and developers work on the provider module and on reports.
 //
 // The command line is parsed first and only chooses what to run; then tracing is set up, if it was asked for; then the
 // command runs. Every run ends with one exit code (Status.h). Data goes to standard output, messages go to standard

@@ -1,9 +1,12 @@
-// qxrelay_load rate SECONDS BYTES                        one report, as fast as its sender follows
-// qxrelay_load latency SECONDS RATE [COLLECTED]          one report at a rate; from the append to a consumer, or to the
-//                                                        report of a collector (the program qxrelay)
-// qxrelay_load fleet SECONDS HOSTS REPORTS LINGER_MS     many hosts whose reports get one record a second each
+// Measures the relay under load: three servers on this machine have the stream, in three copies. Prints one line of
+// figures.
 //
-// Three servers on this machine have the stream, in three copies. Prints one line of figures.
+//   qxrelay_load rate SECONDS BYTES                        one report, as fast as its sender follows
+//   qxrelay_load latency SECONDS RATE [COLLECTED]          one report with RATE records a second: the time from the
+//   append
+//                                                          to a consumer or, with the program qxrelay as COLLECTED, to
+//                                                          the report of a collector
+//   qxrelay_load fleet SECONDS HOSTS REPORTS LINGER_MS     many hosts whose reports get one record a second each
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
@@ -37,7 +40,7 @@
 #include "tools/qxrelay/message/Message.h"
 #include "tools/qxrelay/stream/NatsConsume.h"
 
-// Inert: this program has no traces.
+// The module's classes need this object. It writes nothing: this program has no traces.
 __attribute__((init_priority(101))) CDebug Debug;
 
 namespace qx::load {
@@ -52,7 +55,7 @@ double SecondsOf(clockid_t clock) {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-// Processor seconds of a process until now.
+// The processor seconds of a process until now.
 double ProcessorSeconds(pid_t process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/stat");
   const std::string text((std::istreambuf_iterator<char>(file)), {});
@@ -64,7 +67,7 @@ double ProcessorSeconds(pid_t process) {
   return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-// Three servers with a stream.
+// Three servers, and a stream on them.
 class Servers {
  public:
   explicit Servers(const std::string& directory) {
@@ -88,7 +91,7 @@ class Servers {
   std::vector<std::unique_ptr<chaos::ChildProcess>> processes_;
 };
 
-// Steps the senders of all hosts in a thread.
+// Runs the steps of all hosts' senders in a thread.
 class Stepper {
  public:
   explicit Stepper(std::vector<std::unique_ptr<LoadHost>>& hosts) : hosts_(hosts), thread_([this] { Run(); }) {}
@@ -159,7 +162,7 @@ class Stepper {
   std::thread thread_;
 };
 
-// Processor time and messages between two moments.
+// The processor time and the messages at one moment. The difference of two such figures is a result.
 struct Figures {
   double time = SecondsOf(CLOCK_MONOTONIC);
   double sender = 0;
@@ -198,7 +201,7 @@ void Print(const Figures& begin, const Figures& end) {
 }
 
 relay::SendSettings SettingsOf(int linger_ms) {
-  relay::SendSettings settings;  // all others as they are without a setting
+  relay::SendSettings settings;  // the other settings have their defaults
   settings.linger = milliseconds(linger_ms);
   settings.spread = milliseconds(0);
   settings.rescan = milliseconds(10'000);
@@ -212,7 +215,7 @@ void WaitForConnections(const Stepper& stepper, std::size_t count) {
   if (stepper.Connected() < count) throw std::runtime_error("not all hosts are connected");
 }
 
-// The writer is never more than half of the ring ahead.
+// The writer is never ahead of the sender by more than half of the ring.
 void Rate(const std::string& directory, int seconds, std::size_t bytes) {
   constexpr std::uint32_t kSlots = 200'000;
   constexpr std::size_t kBatch = 500;
@@ -240,9 +243,9 @@ void Rate(const std::string& directory, int seconds, std::size_t bytes) {
   stepper.Stop();
 }
 
-// Reports number `begin` to `end` of all, by host and report: one record a second to each of them, for ever.
+// Appends one record a second to each of the reports number `begin` to `end` of all, by host and report, for ever.
 [[noreturn]] void AppendForEver(const std::string& directory, int begin, int end, int reports) {
-  // CReportFileBase, because qx::Writer searches all processes for another writer of each report.
+  // It uses CReportFileBase, because qx::Writer searches all processes for another writer of each report.
   std::vector<std::unique_ptr<CReportFileBase>> all;
   for (int i = begin; i < end; ++i) {
     const std::string host = directory + "/h" + std::to_string(i / reports);
@@ -306,7 +309,7 @@ void Fleet(const std::string& directory, int seconds, int host_count, int report
 // Milliseconds from an append until its record was read.
 class Latencies {
  public:
-  // The first two seconds do not count: consumer and report are made then.
+  // The records of the first two seconds do not count, because consumer and report are made in this time.
   void Take(std::string_view record) {
     std::int64_t begun = 0;
     std::from_chars(record.data(), record.data() + record.size(), begun);

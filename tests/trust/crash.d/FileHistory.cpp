@@ -64,7 +64,7 @@ class FileHistory::Recorder {
  private:
   static int Number(const SystemCall& call) { return static_cast<int>(call.arguments[0]); }
 
-  // A call that the model does not know would make the states incomplete without a word.
+  // Refuses a call that the model does not know: it would silently make the states incomplete.
   static void RefuseUnknown(long number) {
     for (const long other : {SYS_writev, SYS_pwritev, SYS_renameat, SYS_linkat, SYS_fallocate, SYS_creat, SYS_truncate,
                              SYS_copy_file_range, SYS_sendfile, SYS_symlink, SYS_syncfs, SYS_open}) {
@@ -168,7 +168,7 @@ bool FileHistory::IsOfNames(const Effect& effect) {
          effect.kind == Kind::kLink || effect.kind == Kind::kRemove;
 }
 
-// False when what it works on is not there.
+// False if the name that the effect changes does not exist.
 bool FileHistory::ApplyToNames(const Effect& effect, std::map<std::string, int>& names) {
   if (effect.kind == Effect::Kind::kCreate) return names.try_emplace(effect.to, effect.file).second;
   if (!IsOfNames(effect)) return true;

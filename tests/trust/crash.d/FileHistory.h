@@ -1,7 +1,8 @@
-// What a piece of work does to the files of one directory, call by call, and every state of that directory which a kill
-// or a loss of power in the middle can leave.
+// Records the changes that a function makes to the files of one directory, call by call, and computes every state of
+// the directory that a kill or a loss of power during these calls can leave.
 //
-// A kill leaves what was done before it; an interrupted write may be complete up to any page.
+// A kill leaves everything that was done before it. An interrupted write may have stored any number of its pages, from
+// the first one on.
 //
 // A loss of power leaves the synced content of a file, and any number of the pages written since, from the first one
 // on; after them the file ends, or has zeros up to its new length. Each name that was made, moved or removed since the
@@ -24,7 +25,7 @@ class FileHistory {
   FileHistory(const std::string& directory, const std::function<void()>& prepare, const std::function<void()>& work);
 
   [[nodiscard]] std::size_t Effects() const { return effects_.size(); }
-  // Every different state, the one before the first call and the one after the last included.
+  // Every different state, including the one before the first call and the one after the last.
   [[nodiscard]] std::set<DirectoryState> StatesOfAKill() const;
   [[nodiscard]] std::set<DirectoryState> StatesOfAPowerCut() const;
 

@@ -1,6 +1,6 @@
-// A writer is killed at random moments, again and again, on one store, while readers transfer it through the loaded
-// module: no acknowledged record is lost, no reader dies or hangs, and the next writer continues. One form appends with
-// CReportFileBase, the other one batches with qx::Writer.
+// Kills a writer at random moments, again and again, on one store, while readers transfer it through the loaded module:
+// no acknowledged record may be lost, no reader may die or hang, and the next writer must continue. One form appends
+// with CReportFileBase, the other one appends batches with qx::Writer.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -47,12 +47,12 @@ struct ReaderCounts {
   std::atomic<std::uint64_t> records{0};
   std::atomic<std::uint64_t> mixed{0};     // records that were never written: overwritten while read
   std::atomic<std::uint64_t> refusals{0};  // no more records, or the store being created
-  std::atomic<std::uint64_t> bad{0};       // anything else
+  std::atomic<std::uint64_t> bad{0};       // any other reply
 };
 
 struct Shared {
   std::atomic<std::uint64_t> attempted{0};     // the number of the last record that was given to writeLine or Append
-  std::atomic<std::uint64_t> acknowledged{0};  // and of the last one that was stored
+  std::atomic<std::uint64_t> acknowledged{0};  // the number of the last record that was stored
   std::atomic<bool> is_refused{false};         // Open, writeLine or Append failed
   std::atomic<bool> is_over{false};
   ReaderCounts readers[kReaders];
@@ -65,7 +65,7 @@ Shared& SharedBlock() {
 
 std::string Base() { return std::string(kReportDirectory) + "/" + kReport; }
 
-// Records of different lengths, whose text says whether it is whole: "000000012345 xxxxxxx 000000012345".
+// A record whose text shows whether it is whole; the lengths differ: "000000012345 xxxxxxx 000000012345".
 std::string TextOf(std::uint64_t number) {
   char digits[16];
   std::snprintf(digits, sizeof digits, "%012llu", static_cast<unsigned long long>(number));
@@ -153,7 +153,7 @@ pid_t Start(const std::function<void()>& body) {
   return child;
 }
 
-// On standard error: the numbers, as runs.
+// Prints the numbers on standard error, as runs.
 void PrintNumbers(const char* what, const std::deque<std::uint64_t>& numbers) {
   std::fprintf(stderr, "   %s:", what);
   for (std::size_t begin = 0, i = 1; i <= numbers.size(); ++i) {
@@ -165,19 +165,19 @@ void PrintNumbers(const char* what, const std::deque<std::uint64_t>& numbers) {
   std::fputc('\n', stderr);
 }
 
-// What the store has to hold: the records that readers would find, oldest first.
+// The records that the store must have: those that readers would find, oldest first.
 class Model {
  public:
   struct Losses {
-    std::uint64_t lost = 0;          // acknowledged records that are not there
+    std::uint64_t lost = 0;          // acknowledged records that the store does not have
     std::uint64_t wrong_order = 0;   // rounds whose records were there, but not in order
     std::uint64_t half_headers = 0;  // rounds that left an index file of some other size than a header and its slots
     std::uint64_t unwritten = 0;     // rounds that left a store without a first record
     std::uint64_t oldest_gone = 0;   // rounds in which the record that was not counted yet had the oldest one's place
   };
 
-  // After a kill: `found` is what a reader finds, and records up to `attempted` were tried, up to `acknowledged`
-  // stored.
+  // Checks the store after a kill: `found` are the records that a reader finds. The writer had tried records up to
+  // `attempted`, and stored them up to `acknowledged`.
   void Check(const std::deque<std::uint64_t>& found, std::uint64_t acknowledged, std::uint64_t attempted) {
     while (next_ <= acknowledged) Push(next_++);
     const std::uint64_t in_flight = attempted > acknowledged ? attempted : 0;
@@ -197,7 +197,8 @@ class Model {
     records_ = found;
   }
 
-  // After a kill before the first record was indexed, and the removal of the files. Nothing was acknowledged.
+  // Begins again after a kill before the first record was indexed, and the removal of the files. Nothing was
+  // acknowledged.
   void StartOver(bool is_empty, std::uint64_t acknowledged, std::uint64_t attempted) {
     ++(is_empty ? losses_.unwritten : losses_.half_headers);
     losses_.lost += records_.size() + (acknowledged >= next_ ? acknowledged + 1 - next_ : 0);
@@ -240,7 +241,8 @@ std::deque<std::uint64_t> RecordsInStore() {
   return found;
 }
 
-// The ring size is stored with the first record: a store without one would get 10,000 slots from the next writer.
+// Whether a kill has left a store without ring size, which is stored with the first record. The next writer would give
+// such a store 10,000 slots.
 bool HasNoRingSize() {
   CReportFileBase store;
   return store.OpenRead(Base().c_str()) && store.header().maxRecord != kSlots;
@@ -250,17 +252,17 @@ void RemoveStore() {
   for (const char* ending : {".ind", ".dat"}) std::filesystem::remove(Base() + ending);
 }
 
-// The same for batches. A kill may leave records of one part that the header does not count yet: they have the places
-// of the oldest ones.
+// The same for batches. A kill may leave records of one part that the header does not count yet, in the places of the
+// oldest records.
 class BatchModel {
  public:
-  std::uint64_t lost = 0;         // acknowledged records that are not there
-  std::uint64_t wrong_order = 0;  // rounds whose records were there, but not as a kill may leave them
+  std::uint64_t lost = 0;         // acknowledged records that the store does not have
+  std::uint64_t wrong_order = 0;  // rounds whose records were not as a kill may leave them
   std::uint64_t misplaced = 0;    // rounds in which records of a part had the places of the oldest ones
   std::uint64_t misplaced_max = 0;
   std::uint64_t not_counted = 0;  // of these rounds, those after which the next writer did not count the records
 
-  // After a kill. A part that was not counted yet has at most `part_max` records.
+  // Checks the store after a kill. A part that was not counted yet has at most `part_max` records.
   void Check(const std::deque<std::uint64_t>& found, std::uint32_t part_max, std::uint64_t acknowledged,
              std::uint64_t attempted) {
     while (next_ <= acknowledged) Push(next_++);
@@ -275,7 +277,7 @@ class BatchModel {
     records_ = found;
   }
 
-  // After the next writer has opened the store.
+  // Checks the store after the next writer has opened it.
   void CheckNextWriter(const std::deque<std::uint64_t>& found) {
     if (found == records_) return;
     ++not_counted;
@@ -322,7 +324,7 @@ class BatchModel {
   std::uint64_t next_ = 1;
 };
 
-// Printed on standard error, because standard output is a table.
+// The seed is printed on standard error, because standard output is a table.
 std::uint64_t Seed(const char* who) {
   const char* const given = std::getenv("QX_TEST_SEED");
   const std::uint64_t seed = given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device()();
@@ -330,7 +332,7 @@ std::uint64_t Seed(const char* who) {
   return seed;
 }
 
-// Kills fall into the opening of the store, into its first records, and into any later one.
+// Kills the writer during the opening of the store, during its first records, or during a later record.
 void KillSoon(pid_t writer, std::mt19937_64& random) {
   const auto end =
       steady_clock::now() + std::chrono::microseconds(random() % 4 == 0 ? random() % 300 : random() % 2500);

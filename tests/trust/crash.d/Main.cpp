@@ -1,4 +1,5 @@
-// trust_crash quick|long [saves|writers|batches]: prints table rows; broken promises go to standard error.
+// The program of the crash tests: trust_crash quick|long [saves|writers|batches]. It prints table rows; broken promises
+// go to standard error.
 #include <cstring>
 
 #include "debug/Debug.h"

@@ -1,4 +1,4 @@
-// The parts of the crash oracle. Each prints its table rows and returns whether its promises were kept.
+// The parts of the crash tests. Each prints its table rows, and returns whether its promises were kept.
 #pragma once
 
 namespace qx::trust {

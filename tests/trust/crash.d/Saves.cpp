@@ -1,4 +1,4 @@
-// Saves of the registry and careful edits of files: whatever a crash leaves is the old content or the new one.
+// Tests saves of the registry and edits of files: after a crash, the content is the old one or the new one.
 #include <unistd.h>
 
 #include <cstdio>
@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::size_t kReportsMax = 3;
 
-// What is written, and how a state of the directory is read.
+// The change to be tested, and how a state of the directory is read.
 struct Case {
   const char* name;
   DirectoryState before;
@@ -50,7 +50,7 @@ std::string ReadTree(const std::string& directory) {
 
 void LoadTree(const std::string& directory) { (void)ReadTree(directory); }
 
-// As many values as make the file `pages` pages long.
+// Sets so many values that the file becomes `pages` pages long.
 void Change(std::size_t pages) {
   CRegistry handle("A", CRegistry::MLocalMachine, 0);
   bool is_set = handle.SetValue("a", "new") == 0;
@@ -128,7 +128,7 @@ void Report(const Case& which, const char* crash, const DirectoryState& state, c
   std::fprintf(stderr, "\n");
 }
 
-// `contents`: the old one and the new one.
+// Counts the states with the old content, those with the new one, and those with any other content.
 Verdict Judge(const Case& which, const char* crash, const std::string& directory,
               const std::set<DirectoryState>& states, const std::string& old_content, const std::string& new_content) {
   Verdict verdict = {.states = states.size()};
@@ -174,7 +174,7 @@ bool CheckCase(const std::string& what, const Case& which) {
          is_kept;
 }
 
-// A tree without values does not load: the next process loads the backup, which is the old tree.
+// A tree without values does not load, so the next process loads the backup, which is the old tree.
 bool CheckTreeWithoutValues() {
   const std::string directory = "/var/log/crash." + std::to_string(getpid());
   const Case which = {

@@ -1,4 +1,4 @@
-// The registry's file and profile files: edits.
+// Scenarios for edits of the registry's file and of profile files.
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -22,7 +22,7 @@ using test::Exists;
 using test::ReadFile;
 using test::WriteFile;
 
-// More than one page and one buffer of any kind.
+// The text is longer than a page and any buffer.
 const std::string long_text(900, 'n');
 constexpr const char* kOldTree = "[HKEY_LOCAL_MACHINE]\n[A]\na=s=old\nb=b=01 02 \nc=d=7\n\n\n\n";
 constexpr const char* kOlderTree = "[HKEY_LOCAL_MACHINE]\n[A]\na=s=older\n\n\n\n";
@@ -33,7 +33,7 @@ std::string NewTree() {
   return tree + "\n\n\n";
 }
 
-// Global, because the registry keeps a pointer to the text.
+// The variables are global, because the registry keeps a pointer to the text.
 std::string registry_directory;
 std::unique_ptr<CRegistry> handle;
 bool is_set = false;
@@ -88,7 +88,7 @@ void RunSave(const std::string&) {
 
 void StopTrace() { (void)Debug.ForceMaxDebug(false), Debug.ClassInit(); }
 
-// Without a fault the edit that failed works, whatever the failed one left.
+// Tries the edit again without a fault. It must work, whatever the failed edit has left.
 Finding SaveAgain(const std::string& directory) {
   OpenRegistry(directory);
   const bool is_set_now = SetAll();
@@ -97,7 +97,7 @@ Finding SaveAgain(const std::string& directory) {
   return Exists(directory + "/registry.new") ? Broken("the next save leaves registry.new") : Kept();
 }
 
-// A handle that could store nothing or only a part has reported that; its destruction saves what there is.
+// A handle that could not store everything has reported this; its destruction saves the values that it has.
 bool IsOldOrNewTree(const std::string& tree) {
   if (is_set) return tree == kOldTree || tree == NewTree();
   const std::string new_tree = NewTree();
@@ -127,7 +127,8 @@ Finding JudgeSave(const std::string& directory) {
   return is_saved || is_reported ? Kept() : Broken("a failed save was not reported");
 }
 
-// A load and two saves. The first save moves the old file to registry.old, and the second one replaces that, too.
+// A load and two saves. The first save renames the old file to registry.old, and the second one replaces this file,
+// too.
 
 void PrepareLoad(const std::string& directory) {
   WriteFile(directory + "/registry", kOldTree);
@@ -162,7 +163,7 @@ Finding JudgeLoadAndSaves(const std::string& directory) {
 // Profile files.
 
 bool is_edited = false;
-std::string profile_path;  // made before the faults: what the caller allocates is not part of the sweep
+std::string profile_path;  // made before the faults, because the caller's allocations are not tested
 
 std::string ProfileTail() {
   std::string tail;

@@ -1,4 +1,4 @@
-// Directory trees: copy and restore.
+// Scenarios for directory trees: copy and restore.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -22,7 +22,7 @@ bool is_done = false;
 int error_number = 0;
 std::string registry_directory;
 
-// Made before the faults: the sweep is not about what the caller allocates.
+// These texts are made before the faults, because the caller's allocations are not tested.
 std::string from_path;
 std::string to_path;
 
@@ -47,7 +47,7 @@ Tree TreeAt(const std::string& directory) {
   return tree;
 }
 
-// Each file of the copy: whole, a part from its start on, or unchanged.
+// Each file of the copy must be whole, a part from its start on, or unchanged.
 bool IsPartOfCopy(const Tree& to) {
   const Tree from = FromTree();
   for (const auto& [name, text] : to) {

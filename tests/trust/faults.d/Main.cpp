@@ -1,5 +1,5 @@
-// trust_faults quick|long [WORD]: prints a table row a scenario; broken promises go to standard error. With WORD only
-// the scenarios with WORD in their name.
+// The program of the fault tests: trust_faults quick|long [WORD]. It prints a table row for each scenario, or only for
+// those with WORD in their name; broken promises go to standard error.
 #include <unistd.h>
 
 #include <chrono>

@@ -1,4 +1,4 @@
-// The built module: its load with the first calls, and a transfer.
+// Scenarios for the built module: its load with the first calls, and a transfer.
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kRecords = 40;
 
-// Never destroyed, so the end of the process makes no calls into the module.
+// The object is never destroyed, so the end of the process makes no calls into the module.
 LoadedModule& module_object = *new LoadedModule;
 bool is_loaded = false;
 int result = 0;

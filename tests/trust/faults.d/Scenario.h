@@ -1,4 +1,4 @@
-// One piece of the system's work that is tried with every fault, and what it promises whatever fails.
+// A scenario: a function of the system that is tried with every fault, and its promise, which must hold whatever fails.
 #pragma once
 
 #include <string>
@@ -6,12 +6,12 @@
 
 namespace qx::trust {
 
-// What was found after a fault.
+// The result of a check after a fault.
 struct Finding {
   enum class Kind {
     kKept,
     kNoted,   // documented, though not ideal; counted by `text`
-    kBroken,  // `text` says what
+    kBroken,  // `text` describes it
   };
   Kind kind = Kind::kKept;
   std::string text = {};
@@ -31,10 +31,11 @@ struct Scenario {
   Finding (*judge)(const std::string& directory);  // checks the state, and tries again without a fault
 };
 
-// Calls on this descriptor never fail: for a log of what happened.
+// Calls on this descriptor never fail, so that a log can use it.
 void ExemptDescriptor(int descriptor);
 
-// True if the fault of this step is one open that fails with an error that passes (EMFILE, ENFILE, ENOMEM, EINTR).
+// True if the fault of this step is a single open that fails with an error that may pass (EMFILE, ENFILE, ENOMEM,
+// EINTR).
 [[nodiscard]] bool IsTransientOpenFault();
 
 std::vector<Scenario> ConfigurationScenarios();

@@ -1,4 +1,4 @@
-// The record store: appending and reading.
+// Scenarios for the record store: appending and reading.
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -21,7 +21,7 @@ std::string Text(int number) {
   return "record " + std::to_string(100 + number) + (number % 2 == 0 ? " long" : " text");
 }
 
-// Made before the faults: what the caller allocates is not part of the sweep.
+// These texts are made before the faults, because the caller's allocations are not tested.
 std::string base;
 std::vector<std::string> texts;
 
@@ -63,7 +63,7 @@ std::vector<std::string> RecordsOf(const std::string& directory) {
   return records;
 }
 
-// What must be there: the newest eight of the records that were stored.
+// The records that must be there: the newest eight of those that were stored.
 std::vector<std::string> Expected(int before) {
   std::vector<std::string> records;
   for (int i = 0; i < before; ++i) records.push_back(Text(i));
@@ -74,8 +74,9 @@ std::vector<std::string> Expected(int before) {
   return records;
 }
 
-// The write of the header after the last record failed, and its writer has ended. The ring is full, so the record is
-// in the slot of the oldest one. The old header still names that slot as the oldest: the newest record is read first.
+// The write of the header after the last record has failed, and the writer has ended. The ring is full, so the record
+// is in the slot of the oldest one. The old header still names this slot as the oldest, so the newest record is read
+// first.
 bool IsWithoutLastHeader(const std::vector<std::string>& found) {
   std::vector<std::string> expected = Expected(kBefore);
   std::rotate(expected.begin(), expected.end() - 1, expected.end());
@@ -124,7 +125,7 @@ Finding JudgeAppend(const std::string& directory) {
   return Broken("records differ:" + Joined(found) + "\nexpected:" + Joined(Expected(kBefore)));
 }
 
-// The first slot and the header are one write, so the ring size is never missing.
+// The first slot and the header are written by one call, so the ring size is never missing.
 bool HasHeaderOfZeros(const std::string& directory) {
   const std::string index = test::Exists(Base(directory) + ".ind") ? test::ReadFile(Base(directory) + ".ind") : "";
   return index.starts_with(std::string(24, '\0'));

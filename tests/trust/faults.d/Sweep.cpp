@@ -67,7 +67,7 @@ const std::vector<CallKind>& CallKinds() {
   return kinds;
 }
 
-// One fault. Without a kind of call, allocations fail.
+// One fault. If it has no kind of call, allocations fail.
 struct Fault {
   const CallKind* kind = nullptr;
   Treatment treatment;
@@ -82,7 +82,7 @@ struct Fault {
   }
 };
 
-// close has closed the descriptor even if it reports an error.
+// A failing close has closed the descriptor nevertheless.
 Treatment::Kind FailureOf(const CallKind& kind) {
   return kind.numbers.front() == SYS_close ? Treatment::Kind::kMakeAndFail : Treatment::Kind::kRefuse;
 }
@@ -108,7 +108,7 @@ std::vector<Fault> AllFaults(SweepForm form) {
   return faults;
 }
 
-// What the child reports.
+// The results of the child.
 struct Shared {
   std::atomic<int> exempt_descriptor{-1};
   std::atomic<bool> is_met{false};
@@ -145,7 +145,7 @@ void StoreFinding(const Finding& finding) {
   shared.kind = static_cast<int>(finding.kind);
 }
 
-// True if the scenario threw std::bad_alloc.
+// Runs the scenario. True if it has thrown std::bad_alloc.
 bool RunWithFaults(const Scenario& scenario, const std::string& directory, const AllocationFault& allocation) {
   bool has_thrown = false;
   const test::FailingAllocation failing(allocation);
@@ -228,7 +228,7 @@ void Report(SweepResult& result, const std::string& text) {
   if (result.reports.size() < kReportsMax) result.reports.push_back(text);
 }
 
-// False if the fault did not happen: the scenario has no nth call of the kind.
+// Runs one step. False if the fault did not occur, because the scenario has no nth call of this kind.
 bool Step(const Scenario& scenario, const Fault& fault, long nth, SweepResult& result) {
   const std::string directory = "/var/log/faults." + std::to_string(getpid());
   const ChildEnd end = RunStep(scenario, fault, nth, directory);

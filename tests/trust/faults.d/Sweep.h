@@ -1,5 +1,5 @@
-// Tries a scenario with every fault of a plan: the first, second, ... call of a kind fails, until no call is left to
-// fail.
+// Tries a scenario with every fault of a plan: the first, second, ... call of a kind fails, until there are no further
+// calls.
 #pragma once
 
 #include <map>
@@ -11,7 +11,7 @@
 namespace qx::trust {
 
 struct SweepResult {
-  long steps = 0;   // runs in which the fault happened
+  long steps = 0;   // runs in which the fault occurred
   long broken = 0;  // of those, runs that broke a promise
   std::map<std::string, long> noted;
   std::vector<std::string> reports;  // the first ones of those that broke a promise

@@ -1,4 +1,4 @@
-// The trace facility: its start, and what it does when a log or a ring is full.
+// Scenarios for the trace facility: its start, and a log or a ring that is full.
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -70,7 +70,7 @@ bool IsWholeRing(const std::string& path) {
   return position && ring.compare(*position, debug::kRingTerminator.size(), debug::kRingTerminator) == 0;
 }
 
-// True if others may write the file, or it has a second name: such a file must not be in use.
+// True if others may write the file, or if it has a second name. Such a file must not be used.
 bool IsForeign(const std::string& path) {
   struct stat status {};
   return ::lstat(path.c_str(), &status) == 0 && (status.st_nlink != 1 || (status.st_mode & 022) != 0);
@@ -120,7 +120,7 @@ void PrepareRingWrap(const std::string& directory) {
   if (!Debug.InitRingBuffer(SmallRing(directory).c_str(), kRingBytes)) std::abort();
 }
 
-// Each entry goes to ring and log; the ring is given up where its size cannot be read.
+// Each entry goes to ring and log. If the size of the ring cannot be read, the ring is not used any more.
 void RunRingWrap(const std::string&) {
   for (int i = 1; i < 150; ++i) {
     errno = kCallersErrno;

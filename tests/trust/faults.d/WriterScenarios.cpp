@@ -1,4 +1,4 @@
-// qx::Writer: records one by one, and a batch that wraps the ring.
+// Scenarios for qx::Writer: records one by one, and a batch that wraps the ring.
 #include "sdk/Writer.h"
 
 #include <sched.h>
@@ -27,15 +27,15 @@ constexpr std::size_t kInFullRing = 14;  // two records later the data file rest
 constexpr std::size_t kSingles = 3;
 constexpr std::size_t kTexts = kSingles + 10;  // the rest is one batch, of two parts
 
-// Made before the faults: what the caller allocates is not part of the sweep.
+// These texts are made before the faults, because the caller's allocations are not tested.
 std::string base;
 std::vector<std::string> sequence;    // the records before the faults, and those that are appended
-std::vector<std::string_view> texts;  // those that are appended
+std::vector<std::string_view> texts;  // the records that are appended
 std::size_t before = 0;
-std::size_t stored = 0;  // of the texts, as the results say
+std::size_t stored = 0;  // of the texts, according to the results
 
-// A writer checks whether any process of the machine writes the report. Here it finds only itself, so that the number
-// of calls does not depend on what else runs.
+// Hides other processes: a writer checks whether any process of the machine writes the report. Here it finds only
+// itself, so the number of calls does not depend on other programs.
 void HideOtherProcesses(const std::string& directory) {
   if (unshare(CLONE_NEWNS) != 0) return;  // an ordinary user: the sweep only takes longer
   const std::string process = std::to_string(getpid());
@@ -58,7 +58,7 @@ void PrepareTexts(const std::string& directory) {
   texts.assign(sequence.begin() + static_cast<std::ptrdiff_t>(before), sequence.end());
 }
 
-// What CReportFileBase leaves for the first `count` records of the sequence.
+// Writes the files that CReportFileBase makes of the first `count` records of the sequence.
 void WriteWithTheStore(const std::string& path, std::size_t count) {
   CReportFileBase store;
   bool is_made = store.Open(path.c_str(), kSlots);
@@ -91,7 +91,7 @@ void RunWriter(const std::string&) {
   (void)AppendTwice(writer, kTexts);
 }
 
-// The newest ones of the first `count` records of the sequence.
+// The newest records of the first `count` of the sequence.
 std::vector<std::string> Newest(std::size_t count) {
   const std::size_t first = count > kSlots ? count - kSlots : 0;
   return {sequence.begin() + static_cast<std::ptrdiff_t>(first), sequence.begin() + static_cast<std::ptrdiff_t>(count)};
@@ -106,7 +106,7 @@ std::vector<std::string> WholeRecords() {
   return records;
 }
 
-// Slot by slot, as readers of the files find them, in whatever order.
+// Whether the files have these records, slot by slot and in any order.
 bool AreInTheFiles(const std::vector<std::string>& records) {
   CReportFileBase store;
   std::vector<std::string> found(kSlots);
@@ -132,14 +132,14 @@ std::string Joined(const std::vector<std::string>& records) {
   return text;
 }
 
-// In a ring that is not full, no reader finds records whose writer ended because writing the header failed. They are
-// one part: one record, or those of the batch before the wrap.
+// If writing the header failed and the writer has ended, no reader of a ring that is not full finds the last records.
+// They are one part: one record, or the records of the batch before the wrap.
 bool IsWithoutLastPart(const std::vector<std::string>& found) {
   if (before != 0 || found.size() >= stored || found != Newest(found.size())) return false;
   return found.size() < kSingles ? stored == found.size() + 1 : found.size() == kSingles && stored <= kSlots;
 }
 
-// The next writer appends what is missing. Then the files are those of an agent without a fault.
+// The next writer appends the missing records. Then the files must be those of an agent without a fault.
 Finding AppendTheRest(Writer& writer, std::size_t first, const std::string& directory) {
   if (const Error error = writer.Append(std::span(texts).subspan(first)); error.Failed()) {
     return Broken("the next writer cannot append: " + error.text);

@@ -1,6 +1,6 @@
 // Included before every source that has mutants. A mutant is an expression of the form
 //   (qx_mutant(17) ? changed : original)
-// and the environment variable QX_MUTANT chooses the active one, so that one build contains all mutants.
+// The environment variable QX_MUTANT names the active mutant, so that one build contains all mutants.
 #pragma once
 
 #ifdef __cplusplus

@@ -1,10 +1,11 @@
-// model_check LENGTH SECONDS : every sequence of operations on a report up to LENGTH (or as far as the time goes), on
-// rings of one to three slots, against the plain model.
+// Compares reports with the plain model: model_check LENGTH SECONDS
 //
-// The result of an operation depends only on the files and on what the writer, the reader and the transfer keep in
-// memory; all of that is one value of the model. So sequences that lead to equal values are continued once. For each
-// value that can be reached, files and objects are set to it, each operation is tried, and files and objects must then
-// equal the model's new value. Reached values are remembered as 128-bit hashes.
+// It tries every sequence of up to LENGTH operations, as far as SECONDS allow, on rings of one to three slots.
+//
+// The result of an operation depends only on the files and on the data that the writer, the reader and the transfer
+// keep in memory. A value of the model contains all of these. So sequences that lead to equal values are continued only
+// once. For each value that can be reached, files and objects are set to it, and each operation is tried; files and
+// objects must then equal the model's new value. Values that were reached are stored as 128-bit hashes.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -49,12 +50,12 @@ enum class Operation {
   kTransferBegins,        // one record
   kTransferBeginsInRace,  // one record, and the writer appends while it is read
   kTransferContinues,     // one record
-  kTransferEnds,          // all that is left
+  kTransferEnds,          // all records that remain
 };
 constexpr int kOperations = 10;
 
-// A short text, a long one (over the next record and its marker) or an empty one. Its letter distinguishes it from the
-// others.
+// A short text, a long one, which overwrites the next record and its marker, or an empty one. Its letter distinguishes
+// it from other texts.
 std::string TextOf(Operation operation, std::uint32_t number) {
   if (operation == Operation::kAppendEmpty) return "";
   return std::string(operation == Operation::kAppendLong ? 19 : 1, static_cast<char>('a' + number % 26));
@@ -98,7 +99,7 @@ class ReportFiles {
   HeldFile data_{base_ + ".dat"};
 };
 
-// Files and objects set to a model's value.
+// Files and objects that are set to a value of the model.
 class System {
  public:
   System(const ReportFiles& files, const TransferModel& model) : files_(files) {
@@ -152,7 +153,8 @@ class System {
            thread_.highest_index == model.highest;
   }
 
-  // What the reader gets of each slot, one by one and in runs, and whether whole records of the ring come back.
+  // Whether the reader gets the texts of the model from each slot, one by one and in runs, and whole records of the
+  // ring.
   bool ReadsAs(const TransferModel& model) {
     std::string all;
     for (std::uint32_t slot = 0; slot < model.reader.highestIndex; ++slot) {
@@ -209,7 +211,7 @@ bool CallsAgree(System& system, TransferModel& model, std::int32_t start, std::i
   return system.Call(start, limit, in_race ? &text : nullptr) == ReplyOf(records, start, model.next);
 }
 
-// Does the operation to both; false when their results differ.
+// Runs the operation on the system and on the model. False if their results differ.
 bool Run(Operation operation, System& system, TransferModel& model) {
   const std::string text = TextOf(operation, model.writer.elementCount);
   switch (operation) {
@@ -257,7 +259,7 @@ Key KeyOf(const TransferModel& model) {
   return {std::hash<std::string>()(bytes), std::hash<std::string>()(bytes + "once more")};
 }
 
-// The values that can be reached from new stores, one operation further each time.
+// Finds the values that can be reached from new stores, with one more operation in each step.
 class Search {
  public:
   explicit Search(const std::string& directory) : files_(directory) {
@@ -269,8 +271,8 @@ class Search {
     }
   }
 
-  // Tries each operation on each model of the frontier. The new models are the next frontier; after the last step none
-  // is needed.
+  // Tries each operation on each model of the frontier. The new models become the next frontier, except after the last
+  // step.
   void AdvanceFrontier(bool is_last) {
     std::vector<TransferModel> next;
     for (const TransferModel& from : frontier_) {

@@ -1,6 +1,8 @@
-// torture SECONDS : one process appends to a small ring without a pause; eight threads and four further processes read
-// it, half of them through the store, half through the module. Prints, for each way, how many records per million were
-// torn, stepped forward over lost ones or stepped back.
+// Measures reads of a ring that is written without a pause: torture SECONDS
+//
+// One process appends to a small ring. Eight threads and four other processes read it, half of them through the store,
+// half through the module. For each way the program prints how many records per million were torn, stepped forward over
+// lost ones, or stepped back.
 //
 // The store promises readers in other processes no more than that they end and get text (docs/report-store.md); what is
 // promised here is no crash, no hang, and no reply that is not well formed. The rates are measured, not promised.
@@ -38,7 +40,7 @@ constexpr int kProcesses = 4;
 constexpr unsigned kGraceSeconds = 60;  // a process that has not ended by then hangs
 const char* const kName = "torture";
 
-// What all processes see.
+// The memory that all processes share.
 struct Shared {
   std::atomic<bool> stop{false};
   std::atomic<std::uint32_t> written{0};
@@ -77,7 +79,7 @@ void Write() {
   }
 }
 
-// The ring is full before anybody reads.
+// Fills the ring before the readers start.
 void FillTheRing() {
   CReportFileBase store;
   if (!store.Open(BasePath().c_str(), kSlots)) std::abort();

@@ -12,7 +12,8 @@ namespace {
 
 constexpr int kRecordsACall = 300;
 
-// The first record is read twice if the ring moved while it was read, as docs/documents.md says of transfers.
+// If the ring has moved while the first record was read, this record is read again, as docs/documents.md says of
+// transfers.
 void ReadOnce(CReportFileBase& store, const std::string& base_path, Tally& tally) {
   TransferJudge judge(tally);
   std::string text;

@@ -1,4 +1,4 @@
-// The two ways to read a report while its writer works, each with the steps that are prescribed for it.
+// Reads a report while its writer works, in two ways, each with the steps that the documentation requires.
 #pragma once
 
 #include <atomic>

@@ -11,7 +11,7 @@ namespace {
 constexpr std::size_t kHeadBytes = 16;  // "0000000000 0000 "
 constexpr std::size_t kChecksumBytes = 8;
 
-// FNV-1a.
+// The checksum FNV-1a.
 std::uint32_t Checksum(std::string_view text) {
   std::uint32_t sum = 2166136261U;
   for (const char c : text) sum = (sum ^ static_cast<unsigned char>(c)) * 16777619U;

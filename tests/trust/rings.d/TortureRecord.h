@@ -1,5 +1,5 @@
-// Records with their identity: number, length and checksum are in the text, so that a reader can tell a whole record
-// from a mixture of two, and a transfer's order from its neighbours' numbers.
+// Records that identify themselves: number, length and checksum are in the text. So a reader can distinguish a whole
+// record from a mixture of two, and check the order of a transfer.
 #pragma once
 
 #include <cstdint>
@@ -8,14 +8,15 @@
 
 namespace qx::trust {
 
-// Record `number`: 40 to 420 characters, no line end; some hold what ends a CDATA section.
+// The text of record `number`: 40 to 420 characters without a line end. Some texts contain the end of a CDATA section.
 std::string TortureRecord(std::uint32_t number);
 
-// The number of a whole record, or -1 for anything else.
+// The number of a whole record; -1 for any other text.
 std::int64_t NumberOf(std::string_view text);
 
 // Counts of the records that readers got. A record steps forward if its number is more than one above that of the
-// record before it (the records between them were lost to this transfer), and back if it is not above it.
+// previous record (the records between them were lost to this transfer); it steps back if its number is not above that
+// of the previous record.
 struct Tally {
   std::uint64_t transfers = 0;
   std::uint64_t records = 0;
@@ -33,12 +34,12 @@ class TransferJudge {
   explicit TransferJudge(Tally& tally) : tally_(tally) { ++tally_.transfers; }
 
   void Take(std::string_view text);
-  // A text of many records, each with its line end.
+  // Judges a text of many records, each with its line end.
   void TakeLines(std::string_view text);
 
  private:
   Tally& tally_;
-  std::int64_t last_ = -1;  // -1: none that could be read yet
+  std::int64_t last_ = -1;  // -1: no record could be read yet
 };
 
 }  // namespace qx::trust

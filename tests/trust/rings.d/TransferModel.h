@@ -1,4 +1,5 @@
-// The ring model with a reader and a transfer: what their open objects hold in memory, and what a call returns.
+// The ring model with a reader and a transfer: the data that their open objects keep in memory, and the results of
+// calls.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +13,7 @@ namespace qx::trust {
 struct TransferModel : test::ReportRing {
   report::IndexHeader reader;    // what the open object holds in memory
   bool called = false;           // of the transfer: whether its next call continues with an open report
-  report::IndexHeader transfer;  // the report that it holds open
+  report::IndexHeader transfer;  // the header of the report that the transfer has open
   std::int64_t oldest = -1, highest = -1;
   std::int32_t next = 0;  // where the client continues
 

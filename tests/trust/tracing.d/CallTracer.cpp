@@ -119,7 +119,7 @@ class Tracer {
     SetRegisters(child_, registers);
   }
 
-  // The parts belong to the caller, so the length is restored when the call returns.
+  // Shortens the first part. The parts belong to the caller, so the length is restored when the call returns.
   void CutFirstPart() {
     iovec part;
     const std::string bytes = BytesOf(child_, call_.arguments[1], sizeof part);
@@ -204,7 +204,7 @@ std::string BytesOf(pid_t process, std::uint64_t address, std::size_t size) {
   return bytes;
 }
 
-// Byte by byte: the page after the NUL may not be mapped.
+// The text is read byte by byte, because the page after the NUL may not be mapped.
 std::string TextOf(pid_t process, std::uint64_t address) {
   std::string text;
   for (;; ++address) {

@@ -1,5 +1,5 @@
-// Runs a part of a child process call by call: each system call can be watched, refused with an error, or cut short,
-// also those that the C library makes inside of stdio and of the dynamic linker. Written for x86-64 Linux.
+// Runs a part of a child process call by call. Each system call can be watched, refused with an error, or cut short,
+// also the calls that the C library makes within stdio and the dynamic linker. Written for x86-64 Linux.
 #pragma once
 
 #include <sys/types.h>
@@ -18,13 +18,13 @@ struct SystemCall {
   long result = 0;  // at the exit: what the caller sees, -errno for an error
 };
 
-// What happens to a call.
+// The treatment of a call.
 struct Treatment {
   enum class Kind {
     kPass,
-    kRefuse,       // it is not made, and fails with `error`
-    kMakeAndFail,  // it is made, but fails: like close
-    kCutShort,     // it is made for `bytes` bytes only
+    kRefuse,       // the call is not made, and fails with `error`
+    kMakeAndFail,  // the call is made, but returns a failure, like close
+    kCutShort,     // the call is made, but only for `bytes` bytes
   };
   Kind kind = Kind::kPass;
   int error = 0;
@@ -39,20 +39,20 @@ struct Watch {
 // How a child ended.
 struct ChildEnd {
   int exit_status = -1;  // -1: a signal killed it
-  int signal = 0;        // SIGALRM: it took longer than it may
+  int signal = 0;        // SIGALRM: it took too long
   [[nodiscard]] bool IsGood() const { return exit_status == 0; }
   [[nodiscard]] std::string Text() const;
 };
 
-// For the child: the calls between the two are watched.
+// To be called in the child: the calls between these two are watched.
 void BeginWatched();
 void EndWatched();
 
-// Forks, runs `body` in the child and ends the child. With a `watch` the calls between BeginWatched and EndWatched go
-// through it; without one the two do nothing. A child that takes longer than `seconds` is killed.
+// Forks, runs `body` in the child, and ends the child. With a `watch`, the calls between BeginWatched and EndWatched go
+// through it; without one, these two functions do nothing. A child that takes longer than `seconds` is killed.
 ChildEnd RunChild(const std::function<void()>& body, const Watch* watch, unsigned seconds);
 
-// The text at `address` of the process, up to its NUL, and `size` bytes there.
+// TextOf: the text at `address` of the process, up to its NUL. BytesOf: `size` bytes at this address.
 std::string TextOf(pid_t process, std::uint64_t address);
 std::string BytesOf(pid_t process, std::uint64_t address, std::size_t size);
 

@@ -1,4 +1,4 @@
-// The built module as the service has it: loaded with dlopen, called by one thread.
+// Uses the built module as the service does: it is loaded with dlopen, and one thread calls it.
 #pragma once
 
 #include <memory>
@@ -8,22 +8,22 @@
 
 namespace qx::trust {
 
-// Where the module looks for everything: run these programs under host_paths, which sets up an /etc of their own.
+// The paths of the module are fixed, so these programs run under host_paths, which sets up an /etc of their own.
 inline constexpr const char* kReportDirectory = "/etc/brollan/reports";
-// Writes the registry that says so, and makes the directory.
+// Writes a registry that names this directory, and makes the directory.
 void MakeReportDirectory();
 
 class LoadedModule {
  public:
-  // Whether the module could be loaded and has made its object. A host must check the object, because it is missing
-  // without memory. If this is false, nothing else may be called.
+  // Loads the module. Returns whether it could be loaded and has made its object. A host must check the object, because
+  // it is missing if there was no memory. If this returns false, no other function may be called.
   [[nodiscard]] bool Load();
   ~LoadedModule() { Unload(); }
   void Unload();
 
-  // The call's result; `reply` is the text, or "(null)".
+  // Makes a call and returns its result; `reply` is the text, or "(null)".
   int Call(const char* function, const std::string& input, std::string& reply);
-  // A transfer of `report` from `start` on.
+  // Transfers `report` from `start` on.
   int Fetch(const std::string& report, long start, std::string& reply);
 
  private:

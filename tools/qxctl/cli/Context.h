@@ -1,4 +1,4 @@
-// What every command gets in addition to its values.
+// The data that every command gets in addition to its values.
 #pragma once
 
 #include <span>

@@ -1,4 +1,4 @@
-// qxctl itself, with the options that every command has.
+// Defines the command `qxctl` itself, with the options that every command has.
 #pragma once
 
 #include "tools/qxctl/cli/Context.h"

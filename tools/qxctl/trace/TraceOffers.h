@@ -1,4 +1,4 @@
-// The files of the trace directory, for the tab key.
+// Offers the files of the trace directory to the tab key.
 #pragma once
 
 #include "tools/qxctl/cli/Offers.h"

@@ -1,7 +1,8 @@
-// The 64-bit numbers of the records in a ring.
+// Computes the 64-bit numbers of the records in a ring.
 //
-// A store counts its records in 32 bits. A sender knows a number near the current one, because it stored a message that
-// names it, and so completes the count. The number of a record is how many records the store had before it.
+// A store counts its records in 32 bits. A sender knows a number near the current one from a message that it has
+// stored, and so it can complete the count. The number of a record is the number of records that the store had before
+// it.
 //
 //   header count 7, near 5                    => the next record is number 7
 //   header count 3, near 2^32 - 2             => the next record is number 2^32 + 3
@@ -28,8 +29,8 @@ struct RecordRange {
   friend bool operator==(const RecordRange&, const RecordRange&) = default;
 };
 
-// For a header with HasPlausibleRing, or without records. Unset if no number within 2^31 of `near` fits: the store is
-// not the one that `near` was read from.
+// The range of a ring, from a number near its end. The header must have records with HasPlausibleRing, or no records.
+// Unset if no number within 2^31 of `near` fits: then `near` comes from another store.
 [[nodiscard]] std::optional<RecordRange> RangeNear(const report::IndexHeader& header, std::uint64_t near);
 
 // The range if no number is known: the count of the header, or 2^32 more if the count has wrapped since the oldest

@@ -1,4 +1,4 @@
-// JSON documents and texts in UTF-8.
+// Writes JSON documents as text, and checks texts for UTF-8.
 #pragma once
 
 #include <string>
