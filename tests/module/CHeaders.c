@@ -1,10 +1,10 @@
-/* The two C headers as a C program sees them. */
+/* Uses the two C headers in a C program. */
 #include "provider/KrxGenData.h"
 #include "provider/ModuleExports.h"
 
 const char* CheckHeadersFromC(void);
 
-/* Says what is wrong with a block put together in C, or "". */
+/* Returns what is wrong with a block that is built in C, or "". */
 const char* CheckHeadersFromC(void) {
   unsigned thread = 77;
   struct krx_element element = {.index = kKrxThreadId, .type = kKrxTypeUint32, .value = &thread};

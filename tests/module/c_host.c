@@ -1,4 +1,4 @@
-/* A host in plain C that is linked with the module. Prints what the entry points return. */
+/* A host in plain C that is linked with the module. It prints the results of the entry points. */
 #include <stdio.h>
 #include <string.h>
 
@@ -28,7 +28,7 @@ int main(void) {
   __threadend(thread_data.value);
   printf("version %d\n", __handle_version());
   __stoprequest();
-  DeleteModule(); /* the load-time object, or it would be lost */
+  DeleteModule(); /* otherwise the object that was made at load time would be lost */
   printf("create %d\n", CreateModule((void*)DreQXObjectPath));
   at_load = pAdapterModule;
   pAdapterModule = ProviderClassFactory(NULL);

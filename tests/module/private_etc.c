@@ -2,8 +2,8 @@
  *
  * The module reads and writes fixed system paths: /etc/norrlek (trace settings), /etc/brollan (registry) and
  * /var/log/brollan (trace output). In the program's private mount namespace /etc is a small file system in memory that
- * holds links to everything of the real one but these directories, which start empty and belong to the caller. Nothing
- * of it is visible outside or outlives the program. Works as root and as an ordinary user.
+ * has links to all entries of the real /etc except these directories. They are empty at first and belong to the caller.
+ * No other process sees this /etc, and it ends with the program. Works as root and as an ordinary user.
  *
  * Built without sanitizers: their helper threads would keep the process from entering a user namespace.
  */
@@ -36,7 +36,7 @@ static void WriteText(const char* path, const char* text) {
   close(file);
 }
 
-/* As root a mount namespace is enough; anybody else gets one inside a user namespace in which he keeps his id. */
+/* For root, a mount namespace is enough; other users also get a user namespace, in which they keep their id. */
 static void EnterNamespace(void) {
   char map[64];
   const uid_t user = geteuid();

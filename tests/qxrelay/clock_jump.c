@@ -1,5 +1,5 @@
-/* Preloaded into a process: its wall clock is as many seconds off as the file $QX_CLOCK_JUMP says. Clocks that nobody
-   sets stay as they are. */
+/* Changes the wall clock of a process into which it is preloaded, by the number of seconds in the file $QX_CLOCK_JUMP.
+   Clocks that cannot be set stay as they are. */
 #define _GNU_SOURCE
 #include <stdio.h>
 #include <stdlib.h>

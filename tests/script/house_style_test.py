@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What script/house_style.py refuses: file calls outside the seam, errno as an argument, and too many files in a folder."""
+"""Tests what script/house_style.py refuses: file calls outside the seam, errno as an argument, and too many files in a folder."""
 import pathlib
 import sys
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What script/own_includes.py finds in a source that does not include what it names."""
+"""Tests what script/own_includes.py finds in a source that does not include the headers of the names that it uses."""
 import pathlib
 import sys
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Tests script/plain_english.py: which texts it refuses, and where it says that they are."""
+"""Tests script/plain_english.py: which texts it refuses, and which lines it reports."""
 import pathlib
 import sys
 import unittest

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""script/release in small repositories: what it writes, and which trees it refuses to release."""
+"""Tests script/release in small repositories: what it writes, and which trees it refuses to release."""
 import datetime
 import pathlib
 import shutil

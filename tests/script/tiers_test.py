@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compares what the scripts call and import with the packages of the script/bootstrap tiers that they install.
+"""Compares the commands and modules that the scripts use with the packages of the script/bootstrap tiers that they install.
 
 A script that works here only because a package was once installed by hand fails on a fresh machine. So each command
 that a script calls must be a part of a bare Debian system, or belong to a package of the script's tiers; the same
@@ -19,7 +19,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
-# Which package has a command. None: every Debian system has it (an essential package, or the shell itself).
+# The package of each command. None: every Debian system has the command (from an essential package or the shell).
 BASE = """
 . : [ [[ apt-cache apt-get awk basename bash break builtin cat cd chmod chown chroot cmp comm command continue cp cut date
 declare diff dirname dpkg dpkg-query echo env eval exec exit export false find flock fold grep groupadd gzip head
@@ -88,7 +88,7 @@ def packages_of(tiers):
 
 
 def without_quotes(text):
-    """The script without what is quoted, but with the commands that a quoted text substitutes."""
+    """The script without its quoted texts, but with the commands that these texts substitute."""
     out, closers, i = [], [], 0
     while i < len(text):
         char = text[i]
@@ -201,7 +201,7 @@ def scripts():
 
 
 def missing_here(tier):
-    """What this machine lacks of what the tier's scripts call and import."""
+    """The commands and modules that the tier's scripts use and this machine does not have."""
     for path, text, is_python in scripts():
         if path.suffix == ".bats" or tier not in tiers_of(path, text):
             continue

@@ -1,4 +1,4 @@
-/* The C interface as a C99 program uses it: prints what it gets. c_program PATH */
+/* Uses the C interface in a C99 program, and prints the results: c_program PATH */
 #include <stdio.h>
 #include <string.h>
 

@@ -2,10 +2,9 @@
 // figures.
 //
 //   qxrelay_load rate SECONDS BYTES                        one report, as fast as its sender follows
-//   qxrelay_load latency SECONDS RATE [COLLECTED]          one report with RATE records a second: the time from the
-//   append
-//                                                          to a consumer or, with the program qxrelay as COLLECTED, to
-//                                                          the report of a collector
+//   qxrelay_load latency SECONDS RATE [COLLECTED]          one report with RATE records a second: from the append to a
+//                                                          consumer or, with the program qxrelay as COLLECTED, to the
+//                                                          report of a collector
 //   qxrelay_load fleet SECONDS HOSTS REPORTS LINGER_MS     many hosts whose reports get one record a second each
 #include <signal.h>
 #include <sys/epoll.h>

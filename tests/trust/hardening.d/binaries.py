@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""binaries.py BUILD-DIR QXRemConXfer [qxctl]: checks in the built files what compiler and linker were asked for.
+"""Checks whether built files have the requested protections: binaries.py BUILD-DIR QXRemConXfer [qxctl]
 
-Prints one table row a file and fails when a property is missing. A flag that is spelled in the build files but does not
-reach the built file (a library that someone else's flags built, a linker that ignores it) shows here only.
+Prints one table row for each file, and fails if a property is missing. Only this script notices a flag that is in the build
+files but has no effect (for a library that was built with other flags, or with a linker that ignores the flag).
 """
 import json
 import pathlib
@@ -13,7 +13,7 @@ import sys
 ROOT = pathlib.Path(__file__).resolve().parents[3]
 SYMBOLS = ROOT / "tests/module/exported-symbols.txt"
 
-# What the module may need: the language's and the system's own libraries.
+# The libraries that the module may need: those of the language and the system.
 MODULE_NEEDS = re.compile(r"(libstdc\+\+|libgcc_s|libm|libc|ld-linux[-a-z0-9_]*)\.so\.\d+")
 
 # The folders whose sources ship, and those of them whose local variables are not zeroed first: their benchmarks would be a
@@ -98,7 +98,7 @@ def object_checks(archives):
 
 
 def command_checks(build):
-    """Checks in the commands of the build what leaves no trace in a built file."""
+    """Checks in the commands of the build the flags that leave no trace in a built file."""
     for command in json.loads((build / "compile_commands.json").read_text()):
         words = command["command"].split()
         source = pathlib.Path(command["file"])

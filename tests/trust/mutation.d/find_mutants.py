@@ -1,5 +1,5 @@
-"""Where the module's sources can be changed on purpose, and how: found in clang's syntax tree, so that what is changed is an
-expression and not a comment, a macro or a constant that the compiler needs."""
+"""Finds the places where the module's sources can be changed on purpose, and the changes. They are found in clang's syntax tree,
+so each place is an expression, and not a comment, a macro or a constant that the compiler needs."""
 import collections
 import json
 import shlex
@@ -43,7 +43,7 @@ class Finder:
                                      self.function))
 
     def is_constant(self, cursor):
-        """A constexpr variable or function has to stay one."""
+        """Whether this is a constexpr variable or function, which must stay constexpr."""
         for token in cursor.get_tokens():
             if token.spelling in ("constexpr", "consteval", "constinit"):
                 return True
@@ -107,7 +107,7 @@ class Finder:
 
 
 def find(build, file):
-    """The places of one source, none of them in what a macro stands for."""
+    """The places of one source; none of them is in the text of a macro."""
     arguments = compile_arguments(build, file)
     if arguments is None:
         return []
