@@ -77,7 +77,7 @@ class ViewServer {
   [[nodiscard]] const std::string& Cookie() const { return cookie_; }
 
   WebReply Ask(WebRequest request) const;
-  // Of the API: "overview", "records?report=load".
+  // Requests a document of the API: "overview", "records?report=load".
   WebReply Get(const std::string& target) const { return Ask({.target = "/api/v1/" + target}); }
   // The bytes of a request.
   [[nodiscard]] std::string Bytes(const WebRequest& request) const;

@@ -13,7 +13,7 @@
 
 namespace qx::test {
 
-// Both files of a store in memory.
+// The bytes of both files of a store.
 struct StoreBytes {
   std::string index;
   std::string data;

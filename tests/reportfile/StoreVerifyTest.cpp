@@ -124,8 +124,8 @@ TEST_F(StoreVerifyLives, RecordWithoutItsHeaderIsNotDamage) {
   }
 }
 
-// At every phase of a small ring and its data file, so that a part ends where the ring wraps, where the data file
-// restarts, and at the end of the batch.
+// The batch is cut at every phase of a small ring and its data file, so that a part ends where the ring wraps, where
+// the data file restarts, and at the end of the batch.
 TEST(StoreVerifyBatch, BatchThatIsCutAtAnyWriteIsNotDamage) {
   constexpr std::uint32_t kSlots = 5;
   int uncounted = 0;

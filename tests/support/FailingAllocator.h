@@ -41,7 +41,7 @@ class FailingAllocation {
   [[nodiscard]] long Allocations() const;
 };
 
-// For the functions that replace an allocator: whether this call must fail. If so, sets errno.
+// Whether this call of an allocator must fail; if so, errno is set. The functions that replace an allocator call it.
 [[nodiscard]] bool AllocationFails(Allocator allocator, std::size_t bytes) noexcept;
 
 }  // namespace qx::test

@@ -73,7 +73,7 @@ class TraceCapture {
   // The texts traced since construction, one element for each entry, without entry headers and without the head of the
   // log. An entry of several lines is one element. The line feed at the end of an entry is left out.
   std::vector<std::string> Entries() const;
-  // The same entries as one text, joined by line feeds: for a comparison with one literal.
+  // The same entries as one text with line feeds between them, to compare them with one literal.
   std::string Text() const;
 
  private:

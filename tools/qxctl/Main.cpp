@@ -65,7 +65,7 @@ constexpr Command kIni = {.words = "ini", .help = "Show and change a profile fil
 constexpr Command kTrace = {
     .words = "trace", .help = "Read traces back, and show where their settings come from", .group = "Traces"};
 
-// In the order of the help and the manual.
+// The commands, in the order of the help and the manual.
 constexpr const Command* kCommands[] = {
     &qx::ctl::kQxctl,
     &kModule,
@@ -125,7 +125,7 @@ constexpr const Command* kCommands[] = {
     &qx::ctl::kOffersCommand,
 };
 
-// What the tab key offers.
+// The sources of what the tab key offers.
 constexpr const qx::ctl::OfferSource* kOfferSources[] = {
     &qx::ctl::kReportOffers,        &qx::ctl::kFieldOffers,      &qx::ctl::kTraceOffers,  &qx::ctl::kRegistryKeyOffers,
     &qx::ctl::kRegistryValueOffers, &qx::ctl::kIniSectionOffers, &qx::ctl::kIniKeyOffers, &qx::ctl::kCodeOffers,

@@ -292,7 +292,8 @@ class BatchModel {
     if (records_.size() > kSlots) records_.pop_front();
   }
 
-  // Then these records are the newest ones of the next writer.
+  // Whether a reader finds the uncounted part, in place of the oldest records. The next writer then counts its records
+  // as the newest.
   bool IsFoundWithPart(const std::deque<std::uint64_t>& found, std::uint32_t part_max, std::uint64_t first) {
     const std::uint64_t part_end = records_.size() < kSlots ? first : std::min(next_, first + part_max);
     std::deque<std::uint64_t> expected = records_;

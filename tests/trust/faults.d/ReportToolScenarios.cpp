@@ -1,4 +1,4 @@
-// What operators do with reports: a backup of the directory, its restore, and saving the records of a damaged store.
+// Scenarios for reports: a backup of the directory, its restore, and saving the records of a damaged store.
 #include <algorithm>
 #include <filesystem>
 #include <map>
@@ -68,7 +68,7 @@ bool HasLeftover(const std::string& directory, const char* part) {
 
 void RunBackup(const std::string&) { backup = report::BackupReports(reports, target); }
 
-// What of the reports the backup says that it holds.
+// The files of the reports that are in the backup, according to its result.
 Tree CopiedAsReported(const report::BackupResult& result) {
   Tree tree;
   for (const report::BackupItem& item : result.items) {

@@ -159,7 +159,8 @@ void RunRead(const std::string&) {
   (void)reader.Take(0, {kSlots, std::size_t{1} << 20}, &taken_at_once);
 }
 
-// In slot order: slots 0 to 5 hold the records 8 to 13, slots 6 and 7 the records 6 and 7.
+// Whether the text is a record of the ring before the faults. Slots 0 to 5 have the records 8 to 13, slots 6 and 7 the
+// records 6 and 7.
 bool IsTrueRecord(const std::string& text) {
   for (int i = kBefore - static_cast<int>(kSlots); i < kBefore; ++i) {
     if (text == Text(i) + "\r\n") return true;

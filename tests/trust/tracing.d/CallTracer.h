@@ -36,7 +36,7 @@ struct Watch {
   std::function<void(const SystemCall&)> at_exit;  // may be empty
 };
 
-// How a child ended.
+// The end of a child.
 struct ChildEnd {
   int exit_status = -1;  // -1: a signal killed it
   int signal = 0;        // SIGALRM: it took too long

@@ -41,8 +41,8 @@ std::vector<Bar> BarsOf(const ChartLine& line, const Columns& columns) {
   return bars;
 }
 
-// How many rows there are above and below the line at zero; without this line, above the lower end of the axis. If
-// there are values on both sides, a step of the axis has the same number of rows on both sides.
+// The number of rows above and below the line at zero; without this line, the number above the lower end of the axis.
+// If there are values on both sides, a step of the axis has the same number of rows on both sides.
 struct Rows {
   int up = kRows;
   int down = 0;

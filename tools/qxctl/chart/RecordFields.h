@@ -27,7 +27,7 @@ struct RecordField {
   [[nodiscard]] bool IsNumber() const { return type != FieldType::kText; }
 };
 
-// How the fields of a record are found.
+// The rules by which the fields of a record are found.
 struct FieldRules {
   std::string separator;  // of columns; empty: names with values
   TimeRules time;         // of the stamp, which is not a field

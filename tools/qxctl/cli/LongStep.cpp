@@ -25,7 +25,7 @@ constexpr std::chrono::milliseconds kNext{200};
 constexpr std::size_t kStatusBytesMax = 4096;
 constexpr char kWiped[] = "\r\033[K";
 
-// What this process has read and written so far.
+// The bytes that this process has read and written so far.
 struct Moved {
   std::uint64_t read = 0;
   std::uint64_t written = 0;
@@ -72,7 +72,7 @@ std::thread ThreadWithoutSignals(Work work) {
   try {
     thread = std::thread(std::move(work));
   } catch (const std::system_error&) {
-    // Without a thread there is no progress, and the step is done all the same.
+    // Without a thread there is no progress, but the step is done.
   }
   (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return thread;

@@ -9,7 +9,7 @@
 
 namespace qx::ctl {
 
-// What goes to standard error in addition to problems: nothing, notes and progress, or also details.
+// The amount of text on standard error in addition to problems: none, notes and progress, or also details.
 enum class Verbosity { kQuiet, kNormal, kVerbose };
 
 // kAuto: only for a stream that is a terminal, and never when NO_COLOR is set and not empty.
@@ -29,7 +29,7 @@ class Output {
   // The name before problems, if the program is not qxctl.
   void SetProgram(std::string_view name) { program_ = name; }
 
-  // From now on data goes to a terminal byte for byte as well: for --raw.
+  // From now on all bytes of the data go to standard output unchanged, even to a terminal. For --raw.
   void ShowRaw();
 
   // Data for standard output, byte for byte. If that is a terminal, control bytes are masked (ForTerminal in
@@ -47,7 +47,7 @@ class Output {
   // screen.
   std::string Paint(Style style, std::string_view text) const;
 
-  // What Data writes for these bytes, for a command that draws on the terminal itself.
+  // The bytes that Data writes to standard output for `bytes`. For a command that draws on the terminal itself.
   [[nodiscard]] std::string ForScreen(std::string_view bytes) const;
 
   // Prints a line of explanation on standard error. If both outputs go to one terminal, the data so far is written

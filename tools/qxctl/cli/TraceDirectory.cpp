@@ -20,7 +20,7 @@ namespace {
 constexpr mode_t kModePrivate = 0700;
 const char kModuleLog[] = "/log.qxremconxfer";
 const char kOwnLog[] = "/log.qxctl";
-// Without a setting, a log wraps at 50 KiB, which is a few calls at level 5.
+// The limit of a log. The default would be 50 KiB, which is enough for a few calls at level 5.
 const char kLogBytesMax[] = "67108864";
 
 bool SetEnvironment(const std::string& directory, int level) {

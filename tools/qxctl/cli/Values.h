@@ -29,7 +29,7 @@ struct Value {
 // Threads: any number may read.
 class Values {
  public:
-  // For the parser. The address is valid during the life of this object.
+  // Adds a value; called by the parser. The reference is valid during the life of this object.
   Value& Add(const Parameter& parameter);
   const std::deque<Value>& All() const { return values_; }
 

@@ -132,7 +132,7 @@ void CheckReport(const DoctorPlaces& places, const ReportStatus& report, DoctorF
   if (places.stale_seconds) CheckSilence(report, *places.stale_seconds, findings);
 }
 
-// For printed commands, which must work in another working directory, too.
+// The absolute path, for printed commands, which must work in another working directory, too.
 std::string AbsolutePath(const std::string& path) {
   std::error_code error;
   return fs::absolute(path, error).string();

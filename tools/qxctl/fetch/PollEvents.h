@@ -10,7 +10,7 @@
 
 namespace qx::ctl {
 
-// How often each event has occurred.
+// The number of polls with each event.
 struct PollTally {
   std::uint64_t gaps = 0;
   std::optional<std::uint64_t> lost = 0;  // records in all gaps; unset: unknown

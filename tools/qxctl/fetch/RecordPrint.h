@@ -122,7 +122,7 @@ class SlicedRecords {
   // Prints the records that could not be printed before the last one was known.
   Status Finish();
 
-  // How many were printed.
+  // The number of records that were printed.
   std::uint64_t Count() const { return count_; }
 
  private:

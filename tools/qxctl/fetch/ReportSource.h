@@ -18,7 +18,7 @@ struct SourceCount {
 // Threads: one thread, the one that also uses `worker`.
 class ReportSource : public report::RecordSource {
  public:
-  // At most `chunk_records` for each call, if set.
+  // `chunk_records`: the largest number of records of a call; unset: as many as fit into a chunk.
   ReportSource(WorkerThread& worker, const std::string& report, std::optional<std::int32_t> chunk_records)
       : reader_(worker, report), chunk_records_(chunk_records) {}
 

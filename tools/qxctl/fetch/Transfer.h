@@ -37,7 +37,7 @@ class Transfer {
  public:
   using Sink = std::function<Status(const ReportReply& reply, const TransferCount& so_far)>;
 
-  // At most `chunk_records` for each call, if set.
+  // `chunk_records`: the largest number of records of a call; unset: as many as fit into a chunk.
   Transfer(WorkerThread& worker, std::string report, std::optional<std::int32_t> chunk_records);
 
   // Passes each reply with records to `sink`, whose failure ends the transfer. kChanged and kFinding are explained

@@ -27,7 +27,7 @@ std::int64_t FloorTo(std::int64_t ms, std::int64_t unit) {
   return ms - (rest < 0 ? rest + unit : rest);
 }
 
-// What a clock on the wall shows, and how exactly it was given.
+// A date and a time as a clock shows them, and their unit.
 struct Civil {
   int year = 0;
   int month = 1;

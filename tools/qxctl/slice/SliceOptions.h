@@ -52,7 +52,7 @@ inline constexpr Parameter kTraceSliceParameters[] = {kLastOption, kSinceOption,
 // The values of --utc and --time-format, for a command that has both or neither.
 [[nodiscard]] TimeRules TimeRulesOf(const Values& values);
 
-// For a command that has some of these options. kUsage for an invalid time or pattern.
+// Sets the slice from those of these options that the command has. kUsage for an invalid time or pattern.
 Status SliceOf(const Values& values, Slice& slice);
 
 }  // namespace qx::ctl

@@ -20,7 +20,7 @@ namespace qx::ctl {
 //   no report disk/sdb in /srv/reports; did you mean disk/sda? (...)
 [[nodiscard]] Status NoSuchReportAt(const std::string& base_path);
 
-// For an argument: a NAME, or a PATH if it has a "/".
+// NoSuchReport for an argument that is a NAME, or NoSuchReportAt for a PATH, which has a "/".
 [[nodiscard]] Status NoSuchReportNamed(const std::string& name_or_path);
 
 // kNotFound for the names file of a report of the report directory: NoSuchReport if there is no such report either.

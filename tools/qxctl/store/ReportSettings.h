@@ -48,7 +48,7 @@ struct ReportSettings {
   [[nodiscard]] std::string_view Name() const;
 };
 
-// What a process that loads this tree reads. No other thread may use the tree meanwhile. [owning thread]
+// The settings that a process reads if it loads this tree. No other thread may use the tree meanwhile. [owning thread]
 [[nodiscard]] ReportSettings ReadReportSettings(const CRegistryNode& tree);
 
 // The settings in the registry of this process, as CServerControlPaths reads it. [the only thread]

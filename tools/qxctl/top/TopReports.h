@@ -22,7 +22,7 @@ using TopClock = std::chrono::steady_clock;
 
 inline constexpr std::uint32_t kTopValues = 24;  // numbers of a report that are kept
 
-// What the newest records of a report say.
+// The values in the newest records of a report.
 struct TopValue {
   std::string field;  // empty: no field with a number
   std::string text;   // the value of the field with its unit; without a field the text of the newest record

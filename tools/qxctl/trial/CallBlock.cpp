@@ -123,7 +123,7 @@ struct NamedDepartment {
   std::vector<std::string> privileges;
 };
 
-// The same departments as pointers into `departments`.
+// Pointers to the names and privileges in `departments`.
 std::vector<provider::BlockDepartment> PointersOf(const std::vector<NamedDepartment>& departments) {
   std::vector<provider::BlockDepartment> pointers;
   for (const NamedDepartment& from : departments) {

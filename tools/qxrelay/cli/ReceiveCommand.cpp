@@ -53,7 +53,7 @@ constexpr ctl::Example kExamples[] = {
     {"qxrelay receive --name second --root /srv/copy", "Keep a second full copy of them"},
 };
 
-// How many reports may have open files.
+// The number of reports that may have open files.
 std::size_t OpenMax() {
   rlimit limit = {};
   constexpr std::size_t kAny = 10'000;

@@ -49,10 +49,10 @@ struct CollectedReport {
   std::uint64_t next = 0;              // number of the record after the last one that is written or counted as lost
   std::uint64_t waiting_messages = 0;  // messages after a hole
   std::uint64_t waiting_first = 0;     // number of the first record after the hole: `next` up to here are missing
-  // From the newest message of the report; 0 before the first message since the start.
+  // These three are from the newest message of the report; 0 before the first message since the start.
   std::uint64_t store_next = 0;  // number of the record that the host's writer appended next
   std::uint32_t ring_slots = 0;  // of the host's ring
-  std::int64_t sent_ms = 0;      // when it was sent, in milliseconds since 1970, by the host's clock
+  std::int64_t sent_ms = 0;      // when the message was sent, in milliseconds since 1970, by the host's clock
   CollectedCounters counters;
 };
 

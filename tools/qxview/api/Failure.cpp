@@ -11,7 +11,7 @@ struct Row {
   std::string_view code;
 };
 
-// In the order of Failure.
+// The status and the code of each failure, in the order of Failure.
 constexpr Row kRows[] = {
     {401, "QX601"}, {403, "QX602"}, {403, "QX603"}, {403, "QX604"}, {404, "QX605"}, {405, "QX606"},
     {400, "QX607"}, {404, "QX608"}, {503, "QX609"}, {503, "QX610"}, {503, "QX611"},

@@ -36,7 +36,7 @@ class Site {
  public:
   Site(Loop& loop, const SiteSettings& settings);
 
-  // For HttpServer. [owning thread]
+  // Handles a request; called by HttpServer. [owning thread]
   void Handle(const ExchangePtr& exchange);
 
   // A new token, which the caller prints. [owning thread]

@@ -8,7 +8,7 @@ namespace qx::view {
 
 // A reply that no browser stores.
 [[nodiscard]] HttpReply ReplyOf(const ctl::Json& document);
-// The same for a document that is a text already.
+// ReplyOf for a document that is a text already.
 [[nodiscard]] HttpReply ReplyOf(HttpReply::Text document);
 
 }  // namespace qx::view

@@ -6,7 +6,7 @@
 
 namespace qx::ctl {
 
-// For a message: in double quotes, control bytes as \xHH.
+// The text for a message: in double quotes, with control bytes as \xHH.
 //   /srv/my reports => "/srv/my reports"
 [[nodiscard]] std::string Quoted(std::string_view text);
 

@@ -21,7 +21,7 @@ struct TableShape {
 // or painted, so its cells may have colours already. Lines have no blanks at their end.
 [[nodiscard]] std::string TableText(const std::vector<TableRow>& rows, const TableShape& shape = {});
 
-// How many columns of a terminal a text takes, if none of its characters is wide.
+// The number of columns of a terminal that a text takes, if none of its characters is wide.
 //   "größe" => 5
 [[nodiscard]] std::size_t WidthOf(std::string_view text);
 
