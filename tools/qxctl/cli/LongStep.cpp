@@ -52,7 +52,7 @@ std::string Megabytes(std::uint64_t bytes) {
   return text;
 }
 
-// "12.3 MB", "12.3 of 40.0 MB". A step that reads something twice exceeds its total, which is then left out.
+// "12.3 MB", "12.3 of 40.0 MB". If a step reads some bytes twice, it can exceed the total, which is then left out.
 std::string ReadText(std::uint64_t read, std::uint64_t total) {
   constexpr std::uint64_t kOtherReads = 65536;  // of this progress itself
   const bool has_total = total > 0 && read <= total + kOtherReads;

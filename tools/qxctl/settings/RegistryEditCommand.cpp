@@ -162,7 +162,7 @@ struct Plan {
 };
 
 Status MakePlan(const FileImage& image, const Change& change, Plan& plan) {
-  // A file that does not load was accepted before, or counts as empty.
+  // A file that does not load counts as empty. If it must load, an earlier check has refused it.
   (void)registry::ParseTree(image.bytes, plan.before);
   (void)registry::ParseTree(image.bytes, plan.after);
   if (Status status = change(plan.after); !status.IsOk()) return status;

@@ -95,7 +95,7 @@ struct ConsumerState {
   friend bool operator==(const ConsumerState&, const ConsumerState&) = default;
 };
 
-// The answer of a server to the question for a message in its copy of the stream.
+// The answer of a server to a request for a message in its copy of the stream.
 enum class CopyAnswer : std::uint8_t { kMessage, kNone, kUnknown };  // kUnknown: it does not answer
 
 // The receiver's connection: a durable consumer, whose messages are fetched, and acknowledged one by one.
