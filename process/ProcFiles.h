@@ -6,7 +6,7 @@
 
 namespace qx::process {
 
-// The number on the line whose first word is `key`, in bytes.
+// The number on the line whose first word is `key`. A number with a unit, such as kB, is converted to bytes.
 //   "VmSwap:\t       2 MB\n"  VmSwap:  => 2097152
 //   "Threads:\t5\n"           Threads: => 5
 //   "Name:\tcat\n"            Name:    => nothing

@@ -17,8 +17,9 @@ namespace {
 constexpr std::size_t kGrowthBytes = 65536;  // the most bytes by which a file may grow while it is read
 constexpr int kReadsMax = 10;
 
-// Reads until the end of the file is reached, even if the file grows during the read. Meanwhile the writer may append
-// the last entry of a cycle and then wrap: a snapshot with the wrap must also have that entry.
+// Reads until the end of the file is reached, even if the file grows during the read. The writer may append the last
+// entry of a cycle during the read, and then wrap. A snapshot that shows the wrap must have that entry. So the read
+// does not stop at the size that the file had at first.
 bool ReadWhole(const TraceFile& file, std::string& bytes) {
   const auto status = file.Status();
   if (!status.has_value()) return false;

@@ -117,8 +117,8 @@ TEST(DebugRingStep, NewestEntryIsFoundAfterEveryInstructionOfAWrap) {
   SteppedWriter writer(setup);
   bool has_left = false;
   while (writer.Step()) {
-    // The count rises before the position is set back. Otherwise the old cycle would count as bytes that were never
-    // written.
+    // The number of wraps rises before the position is set back. Otherwise a reader would treat the old cycle as bytes
+    // that were never written.
     has_left = has_left || reader.Position() != old_position;
     ASSERT_TRUE(!has_left || reader.Wraps() == 1);
     ASSERT_NE(reader.Newest(), "") << "at " << reader.Position();

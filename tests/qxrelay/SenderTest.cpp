@@ -1,5 +1,5 @@
-// Tests the sender of a host, with a stream in memory and a clock that the test sets. Each fault has its expected
-// result.
+// Tests the sender of a host, with a stream in memory and a clock that the test sets. Some tests make the stream fail,
+// and check what the sender does then.
 #include "tools/qxrelay/send/Sender.h"
 
 #include <gmock/gmock.h>

@@ -2,7 +2,7 @@
 """Checks whether built files have the requested protections: binaries.py BUILD-DIR QXRemConXfer [qxctl]
 
 Prints one table row for each file, and fails if a property is missing. Only this script notices a flag that is in the build
-files but has no effect (for a library that was built with other flags, or with a linker that ignores the flag).
+files but has no effect, because a library was built with other flags or the linker ignores the flag.
 """
 import json
 import pathlib

@@ -1,8 +1,8 @@
 // Computes the 64-bit numbers of the records in a ring.
 //
-// A store counts its records in 32 bits. A sender knows a number near the current one from a message that it has
-// stored, and so it can complete the count. The number of a record is the number of records that the store had before
-// it.
+// The number of a record is the number of records that the store had before it. A store counts its records in 32 bits.
+// From the messages that it sent, a sender knows a 64-bit number near the present count ("near" in the examples). The
+// 64-bit count is the number nearest to "near" whose lower 32 bits are the count of the store.
 //
 //   header count 7, near 5                    => the next record is number 7
 //   header count 3, near 2^32 - 2             => the next record is number 2^32 + 3

@@ -1,4 +1,5 @@
-// Computes the flow of the reports of a host: compares the sent records with the records that the rings have now.
+// Computes the figures of the reports of a host (Flow.h): compares the sent records with the records that the rings
+// have now.
 //
 // The rings are read here, not by the sender, because a sender without a connection does not read them, and a sender
 // that is not running cannot.

@@ -17,8 +17,8 @@ struct TableShape {
   std::function<std::string(std::size_t row, std::size_t column, const std::string& cell)> paint = {};
 };
 
-// All rows have the same number of cells. Each column but the last is padded to one width; the last one is not padded
-// or painted, so its cells may have colours already. Lines have no blanks at their end.
+// All rows have the same number of cells. The cells of a column are padded to the same width. The cells of the last
+// column are neither padded nor painted, so they may be painted already. Lines have no blanks at their end.
 [[nodiscard]] std::string TableText(const std::vector<TableRow>& rows, const TableShape& shape = {});
 
 // The number of columns of a terminal that a text takes, if none of its characters is wide.
