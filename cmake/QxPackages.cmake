@@ -23,6 +23,8 @@ set(CPACK_POST_BUILD_SCRIPTS ${CPACK_QX_DEBIAN_DIR}/repack.cmake)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_HOMEPAGE https://example.org/qxremconxfer)
+# Maintainer scripts get the same permissions, whatever the umask was when the sources were checked out.
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(qx_same_version "(= ${CPACK_QX_VERSION})")
 
