@@ -17,7 +17,7 @@ inline constexpr std::uint32_t kElemNoEnd = 0x100000;          // a start tag wi
 inline constexpr std::uint32_t kElemUnendedInside = 0x200000;  // its content has a lone end tag or a syntax fault
 inline constexpr std::uint32_t kElemIllFormed = 0x800000;      // on record 0: the document is not well formed
 
-// One element. Record 0 stands for the document: its first child is the root element.
+// One element. Record 0 represents the document: its first child is the root element.
 struct ElemPos {
   static constexpr std::uint32_t kStartTagLengthMax = (1U << 22) - 1;
   static constexpr std::uint32_t kEndTagLengthMax = (1U << 10) - 1;
