@@ -145,8 +145,7 @@ void ReadInih(benchmark::State& state) {
 #endif
 
 // Does the least that a reader has to do: opens the file, reads it in windows, closes it.
-void ReadLimit(benchmark::State& state) {
-  const Sample sample;
+void ReadLimitOf(benchmark::State& state, const Sample& sample) {
   char window[16384];
   for (auto _ : state) {
     const int file = open(sample.path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -154,6 +153,8 @@ void ReadLimit(benchmark::State& state) {
     close(file);
   }
 }
+
+void ReadLimit(benchmark::State& state) { ReadLimitOf(state, Sample()); }
 
 const bool kRegistered = [] {
   benchmark::RegisterBenchmark("ini_read/qx", ReadQx);
@@ -168,6 +169,8 @@ const bool kRegistered = [] {
   for (const std::int64_t keys : qx::bench::kDoublings) {
     benchmark::RegisterBenchmark(("grow_ini_scan/" + std::to_string(keys)).c_str(),
                                  [keys](benchmark::State& state) { ReadFrom(state, Sample(keys)); });
+    benchmark::RegisterBenchmark(("grow_ini_limit/" + std::to_string(keys)).c_str(),
+                                 [keys](benchmark::State& state) { ReadLimitOf(state, Sample(keys)); });
   }
   return true;
 }();
