@@ -37,7 +37,7 @@ AIMS = [
 
 
 # The time and the system calls for twice the input, in each row of growth except for work that is known not to be linear, and
-# for the bare reads of an INI file: they show what the caches of the machine do to `grow_ini_scan`.
+# for the bare reads, which are no work of ours.
 GROWTH_AT_MOST = 2.3
 GROWTH_WITHOUT_AIM = {"grow_set_attributes", "grow_ini_limit"}
 

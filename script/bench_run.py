@@ -24,7 +24,7 @@ import tempfile
 from bench_aims import Spread, aim_of, growth_missed, verdict
 
 ROUNDS = 7
-GROWTH_ROUNDS = 5
+GROWTH_ROUNDS = 11
 SECONDS = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
 STANDARD_KEYS = {
     "name", "family_index", "per_family_instance_index", "run_name", "run_type", "repetitions", "repetition_index", "threads",
