@@ -6,10 +6,10 @@ Runs with the tests. Prints one line for each finding, and exits 1 if there are 
 import collections
 import pathlib
 import re
-import subprocess
 import sys
 
 import plain_english
+from own_files import own_files
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 LINE_MAX = 120
@@ -157,9 +157,7 @@ BANNED_IN = {
 
 
 def tracked(*patterns):
-    out = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard", "--", *patterns], cwd=ROOT,
-                         capture_output=True, text=True, check=True).stdout
-    return [pathlib.Path(line) for line in out.splitlines() if (ROOT / line).exists()]
+    return [pathlib.Path(path) for path in own_files(*patterns)]
 
 
 def layer_of(path):

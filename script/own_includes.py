@@ -9,10 +9,10 @@ Prints one line for each finding, and exits 1 if there are any.
 import functools
 import pathlib
 import re
-import subprocess
 import sys
 
 import join_sources
+from own_files import own_files
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 CODE = re.compile(r'//[^\n]*|R"\((?:.|\n)*?\)"|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'')
@@ -83,18 +83,8 @@ def findings(text, headers):
             yield f"names {name} and does not include {' or '.join(places)}"
 
 
-def sources():
-    """All headers and the sources of the tools. The source archive of a release is no clone, and has no other files."""
-    if not (ROOT / ".git").exists():
-        found = [*ROOT.rglob("*.h"), *(ROOT / "tools").rglob("*.cpp")]
-        return [name for name in (str(file.relative_to(ROOT)) for file in found) if not name.startswith("build/")]
-    tracked = ["git", "ls-files", "--cached", "--others", "--exclude-standard", "--", "*.h", "tools/*.cpp"]
-    files = subprocess.run(tracked, cwd=ROOT, capture_output=True, text=True, check=True).stdout.split()
-    return [file for file in files if (ROOT / file).exists()]
-
-
 def main():
-    files = sources()
+    files = own_files("*.h", "tools/*.cpp")
     headers = [file for file in files if file.endswith(".h") and not file.startswith(("tests/", "bench/", "fuzz/"))]
     found = [f"{file}: {finding}" for file in files if file.endswith(".cpp") for finding in findings(content(file), headers)]
     print("\n".join(found) if found else f"includes: {sum(file.endswith('.cpp') for file in files)} sources include what they name")

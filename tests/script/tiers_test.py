@@ -68,6 +68,7 @@ TIERS_OF = [
     ("script/house_style.py", ["test"]),
     ("script/release", ["release", "arm64"]),
     ("script/join_sources.py", ["test"]),
+    ("script/own_files.py", ["test"]),
     ("script/own_includes.py", ["test"]),
     ("script/plain_english.py", ["test"]),
     ("script/tidy.py", ["lint"]),
