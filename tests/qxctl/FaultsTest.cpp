@@ -20,7 +20,6 @@ class QxctlFaults : public testing::Test, protected QxctlFixture {
  protected:
   Ran Faults(std::vector<std::string> arguments, const std::string& fault = "") const {
     Start start = StartHere();
-    start.environment["ASAN_OPTIONS"] = "detect_leaks=0";
     if (!fault.empty()) {
       start.environment["QX_REAL_MODULE"] = ModulePath();
       start.environment["QX_MODULE"] = QX_FAULTY_MODULE;

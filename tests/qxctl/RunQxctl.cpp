@@ -204,6 +204,12 @@ void QxctlFixture::Append(const std::string& name, const std::vector<std::string
   MakeReport(name, 0, texts);  // an existing report keeps its ring size
 }
 
+Start QxctlFixture::StartHere() const {
+  const char* const options = std::getenv("ASAN_OPTIONS");
+  const std::string without_leaks = std::string(options != nullptr ? options : "") + ":detect_leaks=0";
+  return {.directory = dir_.Path(), .environment = {{"QX_MODULE", ModulePath()}, {"ASAN_OPTIONS", without_leaks}}};
+}
+
 Ran QxctlFixture::Qxctl(const std::vector<std::string>& arguments, const std::string& input) const {
   Start start = StartHere();
   start.input = input;

@@ -13,7 +13,6 @@ class QxctlSchema : public testing::Test, protected QxctlFixture {
   // The faults of the document that the command prints.
   std::string Faults(std::vector<std::string> arguments, const std::string& fault = "") const {
     Start start = StartHere();
-    start.environment["ASAN_OPTIONS"] = "detect_leaks=0";
     start.environment["QX_REAL_MODULE"] = ModulePath();
     start.environment["QX_FAULT"] = fault;
     if (!fault.empty()) start.environment["QX_MODULE"] = QX_FAULTY_MODULE;
