@@ -358,8 +358,8 @@ TEST_F(QxctlDoctor, Qx501And502LimitsThatAreTooLow) {
   std::vector<std::string> command = {"/bin/bash", "-c", line, QxctlPath()};
   for (const std::string& argument : Command({"--json"})) command.push_back(argument);
   const std::vector<std::string> lines = Lines(Child(command, start).Wait());
-  EXPECT_THAT(lines, Has("QX501 warning this process may open 64 files"));
-  EXPECT_THAT(lines, Has("QX502 warning files of this process may have 102400000 bytes"));
+  EXPECT_THAT(lines, Has("QX501 warning this process may open at most 64 files"));
+  EXPECT_THAT(lines, Has("QX502 warning a file of this process may have at most 102400000 bytes"));
 }
 
 TEST_F(QxctlDoctor, Qx209And213LinesThatALoadMisreads) {
@@ -424,7 +424,7 @@ TEST_F(QxctlDoctor, Qx308SilenceIsAFindingOnlyIfItIsRequested) {
   ASSERT_EQ(utimensat(AT_FDCWD, Dir().File("Reports/load.ind").c_str(), times, 0), 0);
   EXPECT_THAT(Found(), Not(Has("QX308")));
   EXPECT_THAT(Found({"--stale", "3h"}), Not(Has("QX308")));
-  EXPECT_THAT(Found({"--stale", "10m"}), Has("QX308 warning " + Q("Reports/load") + " has no new record for 2 h"));
+  EXPECT_THAT(Found({"--stale", "10m"}), Has("QX308 warning " + Q("Reports/load") + " has had no new record for 2 h"));
   const Ran wrong = Doctor({"--stale", "10"});
   EXPECT_EQ(wrong.code, 2);
   EXPECT_THAT(wrong.err, HasSubstr(": a length of time has a unit, such as 90s, 10m, 2h or 1d"));

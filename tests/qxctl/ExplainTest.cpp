@@ -257,8 +257,9 @@ TEST_F(QxctlExplain, CodeIsPrintedWithMeaningCauseAndWhatToDo) {
   EXPECT_EQ(ran.code, 0);
   EXPECT_EQ(ran.out,
             "error number 1313\n"
-            "  meaning  The caller lacks the privilege that the request needs\n"
-            "  cause    Security data without AccessPerformanceMgr\n"
+            "  meaning  The caller lacks the privilege AccessPerformanceMgr\n"
+            "  cause    Security data without the privilege, in a trace (0x521) or in a reply for a names file whose "
+            "version is not 1\n"
             "  to do    Give the user the privilege AccessPerformanceMgr\n");
   EXPECT_THAT(Qxctl({"explain", "-1"}).out, HasSubstr("result code -1\n"));
   EXPECT_THAT(Qxctl({"explain", "12"}).out, HasSubstr("error number 12\n"));

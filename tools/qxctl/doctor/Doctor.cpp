@@ -65,10 +65,10 @@ void CheckLimits(DoctorFindings& findings) {
   (void)getrlimit(RLIMIT_FSIZE, &bytes);
   if (files.rlim_cur < kFilesMin) {
     findings.push_back(
-        {"QX501", "this process may open " + std::to_string(files.rlim_cur) + " files", "ulimit -n 1024"});
+        {"QX501", "this process may open at most " + std::to_string(files.rlim_cur) + " files", "ulimit -n 1024"});
   }
   if (bytes.rlim_cur != RLIM_INFINITY) {
-    findings.push_back({"QX502", "files of this process may have " + std::to_string(bytes.rlim_cur) + " bytes",
+    findings.push_back({"QX502", "a file of this process may have at most " + std::to_string(bytes.rlim_cur) + " bytes",
                         "ulimit -f unlimited"});
   }
   if (findings.size() == before)

@@ -119,7 +119,7 @@ std::optional<std::int64_t> SilenceOf(const ReportStatus& report) {
 void CheckSilence(const ReportStatus& report, std::int64_t stale_seconds, DoctorFindings& findings) {
   const auto silence = SilenceOf(report);
   if (!silence || *silence <= stale_seconds) return;
-  findings.push_back({"QX308", InQuotes(report.base_path) + " has no new record for " + DurationText(*silence),
+  findings.push_back({"QX308", InQuotes(report.base_path) + " has had no new record for " + DurationText(*silence),
                       "qxctl report status " + ShellWord(report.base_path)});
 }
 
