@@ -63,7 +63,7 @@ constexpr Command kRegistry = {
     .words = "registry", .help = "Show, check and change the registry", .group = kSettingsHeading};
 constexpr Command kIni = {.words = "ini", .help = "Show and change a profile file", .group = kSettingsHeading};
 constexpr Command kTrace = {
-    .words = "trace", .help = "Read traces back, and show where their settings come from", .group = "Traces"};
+    .words = "trace", .help = "Read traces, and show where their settings come from", .group = "Traces"};
 
 // The commands, in the order of the help and the manual.
 constexpr const Command* kCommands[] = {

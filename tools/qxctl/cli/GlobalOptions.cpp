@@ -17,7 +17,7 @@ constexpr Limits kTraceLevels = {0, 6};
 constexpr Parameter kAnswered[] = {kVersionOption};
 
 constexpr Parameter kOptions[] = {
-    {.name = "--quiet", .help = "Leave out notes and progress, not problems", .group = kOutput},
+    {.name = "--quiet", .help = "Print no notes and no progress; problems are still printed", .group = kOutput},
     {.name = "--verbose", .help = "Print more details", .group = kOutput, .excludes = {"--quiet"}},
     {.name = "--color",
      .kind = ValueKind::kText,

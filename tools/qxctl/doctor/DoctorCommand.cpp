@@ -158,7 +158,8 @@ constexpr Parameter kParameters[] = {
     {.name = "--module",
      .kind = ValueKind::kFile,
      .value = "FILE",
-     .help = "The module (default: QX_MODULE, else in qxctl's folder, in ../lib next to it, in the suite's folder)"},
+     .help = "The module (default: QX_MODULE; otherwise the first one in qxctl's folder, in ../lib, in the suite's "
+             "folder)"},
     {.name = "--directory",
      .kind = ValueKind::kDirectory,
      .value = "DIR",
@@ -180,21 +181,23 @@ constexpr Parameter kParameters[] = {
     {.name = "--stale",
      .kind = ValueKind::kText,
      .value = "TIME",
-     .help = "Also find reports without a new record for this long: 90s, 10m, 2h, 1d",
+     .help = "Warn about reports that have had no new record for this time: 90s, 10m, 2h, 1d",
      .check = CheckStale},
-    {.name = "--monitor", .help = "Print one line; the code is 0 OK, 1 warning, 2 critical, 3 unknown"},
+    {.name = "--monitor",
+     .help = "Print one line for a monitoring system; the exit code is 0 OK, 1 warning, 2 critical, 3 unknown"},
     {.name = "--json", .help = "Print the findings as JSON", .excludes = {"--monitor"}},
 };
 
 constexpr Example kDoctorExamples[] = {
     {"qxctl doctor", "Check everything and print commands that repair what is wrong"},
-    {"qxctl doctor --monitor --stale 10m", "Print one line for a monitoring system, silence included"},
+    {"qxctl doctor --monitor --stale 10m",
+     "Print one line for a monitoring system, and warn about reports without new records"},
 };
 
 }  // namespace
 
 constinit const Command kDoctorCommand = {.words = "doctor",
-                                          .help = "Check everything that the module needs to serve",
+                                          .help = "Check everything that the module needs to serve reports",
                                           .group = kTroubleHeading,
                                           .run = Doctor,
                                           .parameters = {kParameters},

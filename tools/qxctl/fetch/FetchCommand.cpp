@@ -291,7 +291,7 @@ constexpr Parameter kParameters[] = {
     {.name = "--chunk-records",
      .kind = ValueKind::kInteger,
      .value = "NUMBER",
-     .help = "Maximum number of records in a call",
+     .help = "Maximum number of records in one call of the module",
      .limits = kPositiveInt32},
     {.name = "--json",
      .help = "Print the summary as JSON on standard output",
@@ -303,7 +303,7 @@ constexpr Parameter kResumeParameters[] = {
     {.name = "--resume",
      .kind = ValueKind::kFile,
      .value = "STATE",
-     .help = "Fetch only what is new since the run that left this state file",
+     .help = "Fetch only what is new since the last run with this state file; the first run creates it",
      .excludes = {"--plot", "--fields", "--last", "--since", "--until", "--grep", "--reverse"}},
 };
 

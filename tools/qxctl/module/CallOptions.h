@@ -28,7 +28,8 @@ inline constexpr Parameter kModuleParameters[] = {
     {.name = "--module",
      .kind = ValueKind::kFile,
      .value = "FILE",
-     .help = "The module (default: QX_MODULE, else in qxctl's folder, in ../lib next to it, in the suite's folder)"},
+     .help = "The module (default: QX_MODULE; otherwise the first one in qxctl's folder, in ../lib, in the suite's "
+             "folder)"},
 };
 
 // The contents of the request block.

@@ -253,9 +253,9 @@ constexpr Parameter kSalvageParameters[] = {
     {.name = "--into",
      .kind = ValueKind::kFile,
      .value = "DIR|PATH",
-     .help = "Directory for the new report, or its path without endings",
+     .help = "Directory for the new report, or its path without .ind and .dat",
      .is_required = true},
-    {.name = "--indexed-only", .help = "Leave out lines that no slot leads to"},
+    {.name = "--indexed-only", .help = "Leave out lines of the data file that no slot leads to"},
 };
 
 constexpr Example kReportVerifyExamples[] = {
@@ -271,7 +271,7 @@ constexpr Example kReportSalvageExamples[] = {
 }  // namespace
 
 constinit const Command kReportVerifyCommand = {.words = "report verify",
-                                                .help = "Check a report's files against the rules of their writer",
+                                                .help = "Check whether a report's files are as a writer leaves them",
                                                 .run = Verify,
                                                 .parameters = {kReportsOrAllParameters, kParameters},
                                                 .examples = kReportVerifyExamples};

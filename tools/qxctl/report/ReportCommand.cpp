@@ -315,7 +315,7 @@ constexpr Parameter kAppendParameters[] = {
      .is_repeatable = true},
 };
 
-constexpr Parameter kInfoParameters[] = {{.name = "--json", .help = "Print them as JSON"}};
+constexpr Parameter kInfoParameters[] = {{.name = "--json", .help = "Print the header and the sizes as JSON"}};
 
 constexpr Example kReportCreateExamples[] = {
     {"qxctl report create load --slots 1000", "Make a report of the report directory"},

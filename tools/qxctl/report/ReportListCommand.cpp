@@ -201,20 +201,20 @@ constexpr Parameter kListParameters[] = {
      .kind = ValueKind::kDirectory,
      .value = "DIR",
      .help = "Report directory, instead of the one that the registry names"},
-    {.name = "--json", .help = "Print them as JSON"},
+    {.name = "--json", .help = "Print the reports as JSON"},
 };
 
 constexpr Parameter kStatusParameters[] = {
     {.name = "REPORT",
      .kind = ValueKind::kReportOrStore,
-     .help = "A report of the report directory, or its files without endings; without it: all reports",
+     .help = "A name below the report directory, or a path (with a /); without it: all reports",
      .is_repeatable = true},
     {.name = "--reports",
      .kind = ValueKind::kDirectory,
      .value = "DIR",
      .help = "All reports of this directory, instead of the one that the registry names",
      .excludes = {"REPORT"}},
-    {.name = "--json", .help = "Print it as JSON"},
+    {.name = "--json", .help = "Print the result as JSON"},
 };
 
 constexpr Example kReportListExamples[] = {

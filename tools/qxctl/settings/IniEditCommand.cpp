@@ -212,7 +212,9 @@ constexpr Parameter kSectionParameters[] = {
      .is_required = true},
 };
 
-constexpr Parameter kForceParameters[] = {{.name = "--force", .help = "Also if the file is a symbolic link"}};
+constexpr Parameter kForceParameters[] = {
+    {.name = "--force",
+     .help = "Change the file even if it is a symbolic link, or if other users may write its directory"}};
 
 constexpr Parameter kSetParameters[] = {
     {.name = "KEY", .kind = ValueKind::kIniKey, .help = "The key's name", .is_required = true},
@@ -226,7 +228,7 @@ constexpr Parameter kDeleteParameters[] = {
 
 constexpr Parameter kCopyParameters[] = {
     {.name = "NEW", .kind = ValueKind::kIniSection, .help = "Name of the target section (default: the same name)"},
-    {.name = "--to", .kind = ValueKind::kFile, .value = "FILE", .help = "Another file"},
+    {.name = "--to", .kind = ValueKind::kFile, .value = "FILE", .help = "Target file (default: the same file)"},
     {.name = "--create", .help = "Create the file if it is missing"},
 };
 

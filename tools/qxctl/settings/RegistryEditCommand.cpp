@@ -341,7 +341,9 @@ Status Import(Context& context, const Values& values) {
 // --- the commands
 
 constexpr Parameter kForceParameters[] = {
-    {.name = "--force", .help = "Also if the file is a symbolic link, or would be misread"},
+    {.name = "--force",
+     .help = "Change the file even if it is a symbolic link or would be misread, or if other users may write its "
+             "directory"},
 };
 
 constexpr Parameter kSetParameters[] = {
@@ -369,7 +371,7 @@ constexpr Parameter kDeleteParameters[] = {
      .help = "Path of the key, beginning with a hive",
      .is_required = true},
     {.name = "NAME", .kind = ValueKind::kRegistryValue, .help = "Name of the value; without it: the key itself"},
-    {.name = "--recursive", .letter = "-r", .help = "The key with everything in it", .excludes = {"NAME"}},
+    {.name = "--recursive", .letter = "-r", .help = "Delete the key with everything in it", .excludes = {"NAME"}},
 };
 
 constexpr Parameter kImportParameters[] = {

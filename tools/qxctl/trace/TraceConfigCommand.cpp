@@ -86,7 +86,7 @@ constexpr Parameter kParameters[] = {
      .kind = ValueKind::kDirectory,
      .value = "DIR",
      .help = "Directory of the settings files, instead of the system's"},
-    {.name = "--json", .help = "Print them as JSON"},
+    {.name = "--json", .help = "Print the settings as JSON"},
 };
 
 constexpr Example kTraceConfigExamples[] = {
