@@ -79,7 +79,8 @@ const Words kLinkOfAnother = {"is a symbolic link of another user (uid 65534)",
                               "name the file itself, or make the link"};
 const Words kShared = {"other users may write the directory of",
                        "change the mode or the owner of the directory, or use"};
-const Words kUntrustedLink = {"a symbolic link on the way", "make the link again as root, or put what it leads to"};
+const Words kUntrustedLink = {"a symbolic link of the path",
+                              "make the link again as root, or replace it by what it leads to"};
 
 std::function<void(const Place&)> Holds(const std::string& file, const std::string& text, uid_t owner) {
   return [=](const Place& at) {
@@ -552,7 +553,7 @@ const Row kTraces[] = {
      },
      kTraced,
      kRefusedCode,
-     {"t/log.qxremconxfer exists", "if no service writes it remove it, or name another directory"}},
+     {"t/log.qxremconxfer exists", "remove it if no service writes it, or name another directory"}},
 };
 
 class Administrator : public testing::TestWithParam<Row>, protected QxctlFixture {

@@ -203,9 +203,12 @@ TEST(CallFile, InvalidCallFileIsRefusedWithTheReason) {
 }
 
 TEST(CallFile, ElementThatWouldMisleadAModuleIsRefused) {
-  EXPECT_THAT(Problem(WithElement(R"({"index": 61, "type": 3, "number": 4096})")), HasSubstr("something else"));
-  EXPECT_THAT(Problem(WithElement(R"({"index": 3, "type": 8, "number": 4096})")), HasSubstr("something else"));
-  EXPECT_THAT(Problem(WithElement(R"({"index": 14, "type": 512, "number": 1})")), HasSubstr("something else"));
+  EXPECT_THAT(Problem(WithElement(R"({"index": 61, "type": 3, "number": 4096})")),
+              HasSubstr("a module reads a pointer"));
+  EXPECT_THAT(Problem(WithElement(R"({"index": 3, "type": 8, "number": 4096})")),
+              HasSubstr("a module reads a pointer"));
+  EXPECT_THAT(Problem(WithElement(R"({"index": 14, "type": 512, "number": 1})")),
+              HasSubstr("a module reads a pointer"));
   EXPECT_THAT(Problem(WithElement(R"({"index": 2, "type": 6, "pointer": null})")), HasSubstr("needs a value"));
   EXPECT_THAT(Problem(WithElement(R"({"index": 2, "type": 6, "text": "1"})")), HasSubstr("another type than 8"));
   EXPECT_THAT(Problem(WithElement(R"({"index": 61, "type": 512, "blocks": [[]]})")),

@@ -115,7 +115,7 @@ TEST_F(QxctlResume, GapIsReportedAndTheRestIsPrinted) {
   const Ran ran = Resume();
   EXPECT_EQ(ran.code, 1);
   EXPECT_EQ(ran.out, "e\r\nf\r\ng\r\n");
-  EXPECT_THAT(ran.err, HasSubstr("qxctl: load: gap: none of the records printed last is in the ring any more"));
+  EXPECT_THAT(ran.err, HasSubstr("qxctl: load: gap: the ring has none of the records that were printed last"));
   EXPECT_EQ(Resume().code, 0) << "reported once";
 }
 
@@ -241,7 +241,7 @@ TEST_F(QxctlResume, OutputFileThatContradictsTheStateIsRefused) {
     WriteFile(Dir().File("out"), changed);
     const Ran ran = Resume({"-o", "out"});
     EXPECT_EQ(ran.code, 5);
-    EXPECT_THAT(ran.err, HasSubstr("bytes and not the 3 of state"));
+    EXPECT_THAT(ran.err, HasSubstr("bytes, but state says 3;"));
     EXPECT_EQ(File("out"), changed);
   }
 }

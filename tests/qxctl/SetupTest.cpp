@@ -218,7 +218,7 @@ TEST_F(QxctlSetup, DirectoryThatEverybodyMayWriteIsRefused) {
   (void)chmod(Dir().File("open").c_str(), 0777);
   const Ran ran = SetupFor("open/reports", {"--apply"});
   EXPECT_EQ(ran.code, 5);
-  EXPECT_EQ(ran.err, "qxctl: " + Dir().File("open") + " can be written by everybody, who could exchange " +
+  EXPECT_EQ(ran.err, "qxctl: " + Dir().File("open") + " can be written by everybody, so others could replace " +
                          Dir().File("open/reports") + "; \"chmod o-w " + Dir().File("open") + "\" prevents that\n");
 }
 
@@ -312,7 +312,8 @@ TEST_F(QxctlRegistryCreate, FallbackThatServicesWorkOnIsNotHidden) {
   const Ran ran = Set({"--create", "--apply"});
   EXPECT_EQ(ran.code, 5);
   EXPECT_THAT(ran.err,
-              HasSubstr("services work on " + Registry() + ".old; take it over first: \"qxctl registry import "));
+              HasSubstr("services load " + Registry() +
+                        ".old, because the registry file does not load; import it first: \"qxctl registry import "));
   EXPECT_EQ(ReadFile(Registry()), "");
 }
 

@@ -57,9 +57,10 @@ Status StatusOfFile(const std::string& what, const ReplaceResult& result) {
 Status StatusOfReportFile(const std::string& what, int error) {
   Status status = Status::Io(what, error);
   if (error != ELOOP) return status;
-  return {status.Code(), status.Message() +
-                             ": a symbolic link on the way has no end, or belongs to a user who is not trusted; make "
-                             "the link again as root, or put what it leads to in its place"};
+  return {status.Code(),
+          status.Message() +
+              ": a symbolic link of the path leads back to itself, or belongs to a user who is not trusted; "
+              "make the link again as root, or replace it by what it leads to"};
 }
 
 }  // namespace qx::ctl

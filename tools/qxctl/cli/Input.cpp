@@ -27,7 +27,7 @@ void WaitForWriter(int descriptor) {
 
 Status ReadToEnd(int descriptor, const std::string& name, std::string& text) {
   const int error = file::ReadWhole(descriptor, text, kInputBytesMax);
-  if (error == EFBIG) return {ExitCode::kIo, name + " has more than 64 MiB"};
+  if (error == EFBIG) return {ExitCode::kIo, name + " has more than 64 MiB, which is the limit"};
   return error == 0 ? Status() : Status::Io("cannot read " + name, error);
 }
 
@@ -54,9 +54,9 @@ Status StandardInputAsFile(file::Descriptor& file, std::string& path) {
   if (Status status = ReadToEnd(STDIN_FILENO, "standard input", text); !status.IsOk()) return status;
   file = file::Descriptor(memfd_create("qxctl", MFD_CLOEXEC));
   const int error = errno;
-  if (!file.IsOpen()) return Status::Io("cannot keep standard input", error);
+  if (!file.IsOpen()) return Status::Io("cannot store the standard input in memory", error);
   const file::Progress written = file::Write(file.Number(), text);
-  if (written.Failed()) return Status::Io("cannot keep standard input", written.error);
+  if (written.Failed()) return Status::Io("cannot store the standard input in memory", written.error);
   path = "/proc/self/fd/" + std::to_string(file.Number());
   return {};
 }

@@ -80,8 +80,8 @@ Status TraceDirectory::Keep(const std::string& directory, int level) {
   }
   if (access((directory + kModuleLog).c_str(), F_OK) == 0) {
     return {ExitCode::kRefused, directory + kModuleLog +
-                                    " exists, and loading the module would empty it; if no service " +
-                                    "writes it remove it, or name another directory"};
+                                    " exists, and loading the module would empty it; remove it if " +
+                                    "no service writes it, or name another directory"};
   }
   if (!SetEnvironment(directory, level)) return StatusOfSet(false);
   is_set_ = true;
@@ -98,7 +98,7 @@ Status TraceDirectory::ProtectService() {
   const bool is_made = mkdtemp(name.data()) != nullptr;
   const int error = errno;
   if (!is_made) {
-    return Status::Io("cannot make a private trace directory " + name + " (TMPDIR names another place)", error);
+    return Status::Io("cannot make a private trace directory " + name + " (TMPDIR can name another place)", error);
   }
   private_ = name;
   RemoveOnSignal(private_);

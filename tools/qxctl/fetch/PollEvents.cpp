@@ -28,12 +28,12 @@ std::string EventText(const std::string& report, const ReportPoll& poll) {
       return "";
     case PollEvent::kGap:
       if (poll.lost) {
-        return report + ": gap: the ring has moved over " + std::to_string(*poll.lost) +
-               " records that had not been printed";
+        return report + ": gap: " + std::to_string(*poll.lost) + (*poll.lost == 1 ? " record was" : " records were") +
+               " overwritten before they could be printed";
       }
       return report +
-             ": gap: none of the records printed last is in the ring any more; how many were written and lost " +
-             "meanwhile is not known";
+             ": gap: the ring has none of the records that were printed last; records may be lost, and their number " +
+             "is not known";
     case PollEvent::kAmbiguous:
       return report + ": ambiguous: records repeat, so it is not certain which are new; some may be missing, none is " +
              "printed twice";

@@ -57,9 +57,10 @@ Status ReportReader::Check(std::int32_t start_index, const ReportReply& reply) c
   const auto line_ends = static_cast<std::int64_t>(report::CountTextEnds(reply.records));  // a reply has no NUL
   const bool is_consistent = reply.start_index == start_index && records > 0 && line_ends <= records;
   if (is_consistent) return {};
-  return {ExitCode::kChanged, "the reply to index " + std::to_string(start_index) + " says records " +
-                                  std::to_string(reply.start_index) + " to " + std::to_string(reply.next_index) +
-                                  " and holds " + std::to_string(line_ends) + "; fetch the report again"};
+  return {ExitCode::kChanged, "the reply to index " + std::to_string(start_index) +
+                                  " contradicts itself: the records " + std::to_string(reply.start_index) + " to " +
+                                  std::to_string(reply.next_index) + " in " + std::to_string(line_ends) +
+                                  " lines; fetch the report again"};
 }
 
 Status ReportReader::Split(const ReportReply& reply, std::vector<std::string>& records) {

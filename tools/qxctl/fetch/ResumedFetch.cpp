@@ -90,9 +90,8 @@ class ResumedFetch {
                    std::to_string(known) + " bytes");
       if (Status status = sink_.Shorten(known); !status.IsOk()) return status;
     } else if (*bytes != known) {
-      return {ExitCode::kRefused, options_.output + " has " + std::to_string(*bytes) + " bytes and not the " +
-                                      std::to_string(known) + " of " + options_.state +
-                                      "; move it away together with the state file to start again"};
+      return {ExitCode::kRefused, options_.output + " has " + std::to_string(*bytes) + " bytes, but " + options_.state +
+                                      " says " + std::to_string(known) + "; to start again, move both files away"};
     }
     state_.output_bytes = known;
     return {};

@@ -66,7 +66,11 @@ Status StatusOfCall(RequestFunction function, const CallResult& call) {
     std::vector<Instance> instances;
     return InstancesOf(call, instances);
   }
-  if (call.result != 0) return {ExitCode::kRefused, "the module refuses with result " + std::to_string(call.result)};
+  if (call.result != 0) {
+    const std::string result = std::to_string(call.result);
+    return {ExitCode::kRefused,
+            "the module refuses with result " + result + "; \"qxctl explain " + result + "\" shows why"};
+  }
   if (call.reply.has_value()) return {};
   return {ExitCode::kFinding, function == RequestFunction::kReflect ? "no reply: the input is not well-formed markup"
                                                                     : "the module returned no reply"};

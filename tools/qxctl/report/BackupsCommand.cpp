@@ -175,7 +175,8 @@ Status StatusOf(const VerifiedBackup& verified) {
     return {ExitCode::kFinding, item->name + " is " + NameOfState(item->state)};
   }
   if (!verified.left_out.empty()) {
-    return {ExitCode::kFinding, "the backup is as it was made, but it lacks something"};
+    return {ExitCode::kFinding,
+            "the files are as they were copied, but the backup is not complete: \"left out\" names what it lacks"};
   }
   return {};
 }

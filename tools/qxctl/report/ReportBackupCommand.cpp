@@ -147,9 +147,10 @@ Status StatusOf(const BackupResult& result, const std::string& from, const std::
     case BackupState::kNotFound:
       return NoReportDirectory(from);
     case BackupState::kRefused:
-      return {ExitCode::kRefused, to + " exists and is not empty, or is in the report directory"};
+      return {ExitCode::kRefused,
+              to + " exists and is not empty, or is in the report directory; name another directory"};
     case BackupState::kFailed:
-      return StatusOfReportFile("there is no backup: " + result.file, result.error);
+      return StatusOfReportFile("no backup was made: " + result.file, result.error);
   }
   return {};
 }
@@ -180,7 +181,7 @@ Status StatusOf(const report::DatedBackup& made, const std::string& from, const 
     return {ExitCode::kRefused, "another process makes a backup in " + directory + "; try again when it has ended"};
   }
   if (made.removal_error != 0) {
-    return Status::Io("the backup is made, but the old one " + made.removal_name + " is not removed",
+    return Status::Io("the backup was made, but the old one " + made.removal_name + " could not be removed",
                       made.removal_error);
   }
   return StatusOf(made.copy, from, directory);
@@ -303,7 +304,8 @@ Status StatusOf(const RestoreResult& result, const Options& options, const std::
     case RestoreState::kNoSuchItem:
       return {ExitCode::kNotFound, options.directory + " has no report or file " + result.file};
     case RestoreState::kRefused:
-      return {ExitCode::kRefused, options.directory + " and the report directory " + to + " contain one another"};
+      return {ExitCode::kRefused, "one of the directories " + options.directory + " and " + to +
+                                      " contains the other; they must be separate"};
     case RestoreState::kLinked:
       return RefusedLink(result, ExitCode::kRefused);
     case RestoreState::kBlocked:

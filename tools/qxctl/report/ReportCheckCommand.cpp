@@ -184,14 +184,15 @@ Status StatusOf(const report::SalvageResult& result, const std::string& report) 
     case report::SalvageState::kDone:
       break;
     case report::SalvageState::kTargetExists:
-      return {ExitCode::kRefused, result.file + " exists already; a salvage never replaces a file"};
+      return {ExitCode::kRefused,
+              result.file + " exists already, and a salvage never replaces a file; name another target"};
     case report::SalvageState::kNotFound:
       return NoSuchReportNamed(report);
     case report::SalvageState::kFailed:
       return StatusOfReportFile("cannot salvage: " + result.file, result.error);
   }
   if (result.counts.is_cut_short) {
-    return {ExitCode::kFinding, "the files count more than they can have; not everything was checked"};
+    return {ExitCode::kFinding, "the report has more slots or more text than a salvage reads; the rest was left out"};
   }
   if (result.counts.lost == 0) return {};
   return {ExitCode::kFinding, Counted(result.counts.lost, "slot leads", "slots lead") + " to no record"};

@@ -65,12 +65,11 @@ Status Create(Context&, const Values& values) {
 // A reader ends a record at each of these bytes, so the text after one could never be read.
 Status RefusedText(const Error& error, const std::string& what) {
   if (error.code == ErrorCode::kBadText) {
-    return {ExitCode::kFinding, what +
-                                    " has a line feed, a NUL or a byte 0xFF, which end a record when it is read; it " +
-                                    "was not appended, and nothing after it was"};
+    return {ExitCode::kFinding, what + " has a line feed, a NUL or a byte 0xFF, which end a record when it is read; " +
+                                    "neither it nor what follows it was appended"};
   }
   return {ExitCode::kFinding,
-          what + " is longer than a reply of the module can hold; it was not appended, and nothing " + "after it was"};
+          what + " is longer than a reply of the module can hold; neither it nor what follows it was appended"};
 }
 
 bool IsRefusedText(const Error& error) {

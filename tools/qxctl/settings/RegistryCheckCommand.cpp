@@ -87,7 +87,7 @@ Status Export(Context& context, const Values& values) {
   }
   std::string text;
   if (const auto refusal = registry::WhyNotStorable(part, text)) {
-    return {ExitCode::kRefused, "no file can store this: " + refusal->reason};
+    return {ExitCode::kRefused, "a registry file cannot store this: " + refusal->reason};
   }
   const std::string file = values.Text("FILE", "-");
   return file != "-" ? WriteTo(file, text, values.Flag("--force")) : context.output.Data(text);

@@ -84,8 +84,11 @@ Status StatusOfChange(EditState state, const Options& options) {
     case EditState::kNotEmpty:
       return {ExitCode::kRefused, "the key " + key + " is not empty; --recursive deletes it with everything in it"};
     case EditState::kHoldsNul:
+      return {ExitCode::kRefused, "the registry cannot store a name or a text with a NUL byte"};
     case EditState::kBadType:
-      return {ExitCode::kRefused, "this cannot be a value of the registry"};
+      return {ExitCode::kRefused,
+              "the registry cannot store this value: its type is not known, or it is a number of "
+              "another size than 4 bytes"};
     case EditState::kNoMemory:
       return {ExitCode::kIo, "there is not enough memory"};
   }
@@ -105,12 +108,12 @@ Status CheckReading(Context& context, const std::string& file, std::string_view 
   const registry::LintResult lint = registry::LintFile(bytes);
   const std::string hint = "; check it with qxctl registry lint --file " + file;
   if (lint.errors > 0 && !options.edit.force) {
-    return {ExitCode::kRefused, file + " would be misread in " + std::to_string(lint.errors) +
-                                    " place(s), and a save would make that final" + hint + ", or use --force"};
+    return {ExitCode::kRefused, "a load misreads " + std::to_string(lint.errors) + " line(s) of " + file +
+                                    ", and a save would store what was misread" + hint + ", or use --force"};
   }
   if (lint.warnings > 0) {
-    context.output.Problem("there are " + std::to_string(lint.warnings) + " oddities in " + file +
-                           ", and a save drops lines that are not read" + hint);
+    context.output.Problem(std::to_string(lint.warnings) + " line(s) of " + file +
+                           " are unusual or are not read, and a save drops lines that are not read" + hint);
   }
   return {};
 }
@@ -131,7 +134,8 @@ std::string FallbackOf(const RegistrySource& source) {
 Status CheckFirst(const Options& options) {
   const std::string fallback = FallbackOf(options.source);
   if (fallback.empty()) return {};
-  return {ExitCode::kRefused, "services work on " + fallback + "; take it over first: \"" +
+  return {ExitCode::kRefused, "services load " + fallback +
+                                  ", because the registry file does not load; import it first: \"" +
                                   SettingCommands(options.source.directory).Import(fallback) + "\""};
 }
 

@@ -46,7 +46,8 @@ Status StatusOfEdit(const ReplaceResult& result) {
     case ReplaceState::kBusy:
       return {ExitCode::kRefused, "another qxctl is changing " + result.file + "; try again when it is done"};
     case ReplaceState::kChanged:
-      return {ExitCode::kChanged, result.file + " was written meanwhile and is unchanged; try again"};
+      return {ExitCode::kChanged,
+              result.file + " was written by another program meanwhile, so it was not changed here; try again"};
     case ReplaceState::kSharedDirectory:
       return {ExitCode::kRefused, "other users may write the directory of " + result.file +
                                       ", so they can replace it at any time; change the mode or the owner of the "

@@ -62,7 +62,7 @@ Status NotADirectory(const std::string& path) {
 }
 
 Status OpenToAll(const std::string& open, const std::string& path) {
-  return {ExitCode::kRefused, Visible(open) + " can be written by everybody, who could exchange " + Visible(path) +
+  return {ExitCode::kRefused, Visible(open) + " can be written by everybody, so others could replace " + Visible(path) +
                                   "; \"chmod o-w " + ShellWord(open) + "\" prevents that"};
 }
 

@@ -70,7 +70,8 @@ Status OpenStoreForReading(const std::string& base_path, CReportFileBase& store)
 Status CheckNotWritten(const std::string& base_path, const report::WriterLock& lock) {
   if (!lock.IsHeldByAnother()) return {};
   const std::string writer = lock.Process() != 0 ? "process " + std::to_string(lock.Process()) : "another program";
-  return {ExitCode::kRefused, base_path + " is written by " + writer + "; two writers overwrite each other's records"};
+  return {ExitCode::kRefused, base_path + " is written by " + writer +
+                                  "; stop it first, because two writers overwrite each other's records"};
 }
 
 }  // namespace qx::ctl

@@ -177,7 +177,7 @@ class BlockParser {
   krx_element* Number(const FieldReader& fields, std::int32_t index, std::int32_t type) {
     std::uint32_t number = 0;
     if (!fields.Number("number", number)) return nullptr;
-    if (IsPointerKind(index, type)) return Refuse("a number is in an element of which a module reads something else");
+    if (IsPointerKind(index, type)) return Refuse("an element has a number, but a module reads a pointer from it");
     return block_.Number(index, type, number);
   }
 

@@ -183,7 +183,7 @@ Status CheckModule(const Options& options, const std::string& path) {
   }
   std::unique_ptr<ModuleHost> module;  // it cannot be loaded, so this only returns the reason
   if (Status status = ModuleHost::Load(path, module); !status.IsOk()) return status;
-  return {ExitCode::kIo, path + " lacks a name that hosts look up"};
+  return {ExitCode::kIo, path + " does not export a function that hosts call"};
 }
 
 Status TryAll(Context& context, const Options& options, const std::string& module, std::vector<FaultResult>& results,
@@ -227,7 +227,7 @@ Status Faults(Context& context, const Values& values) {
   if (options.list) return List(context, cases);
   const auto is_asked = [&](const FaultCase& fault) { return IsRequested(options, fault); };
   if (std::none_of(cases.begin(), cases.end(), is_asked))
-    return {ExitCode::kUsage, "there is no such case; see --list"};
+    return {ExitCode::kUsage, "there is no such case; --list shows the cases"};
   if (Status status = context.traces.ProtectService(); !status.IsOk()) return status;
   (void)setenv("QX_LOG_DEBUG_LEVEL", "6", 1);  // into the private directory: the traces read the whole block
   std::error_code error;

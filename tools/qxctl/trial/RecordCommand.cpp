@@ -127,7 +127,9 @@ Status RecordTransfer(Context& context, Options options, WorkerThread& worker) {
 Status CheckTransfer(const Options& options) {
   if (!options.transfer) return {};
   if (options.function != "reports" || options.request.name.empty() || !IsDirectory(options.target)) {
-    return {ExitCode::kUsage, "--transfer needs a directory for the files, reports, and the report's name"};
+    return {
+        ExitCode::kUsage,
+        "--transfer stores the calls of one transfer: give a directory, the word \"reports\" and the name of a report"};
   }
   return {};
 }
