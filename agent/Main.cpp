@@ -96,17 +96,18 @@ bool SetOption(int code, const char* value, Options* options) {
 
 // The exit code if the program must end; -1 if it continues.
 int ReadOptions(int argc, char** argv, Options* options) {
-  for (int code = 0; (code = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+  int option = 0;
+  for (int code = 0; (code = getopt_long(argc, argv, "", kOptions, &option)) != -1;) {
     if (code == kHelpOption) return std::fputs(kHelp, stdout) < 0 ? kFailed : 0;
     if (code == kVersionOption) return std::puts("qxagent " QX_VERSION) < 0 ? kFailed : 0;
     if (code == '?') return kWrongUsage;  // getopt has printed the reason
     if (!SetOption(code, optarg, options)) {
-      std::fprintf(stderr, "qxagent: \"%s\" is not a value of its option; see qxagent --help\n", optarg);
+      std::fprintf(stderr, "qxagent: --%s: \"%s\" is not valid; see qxagent --help\n", kOptions[option].name, optarg);
       return kWrongUsage;
     }
   }
   if (optind == argc) return -1;
-  std::fprintf(stderr, "qxagent: there is no argument \"%s\"; see qxagent --help\n", argv[optind]);
+  std::fprintf(stderr, "qxagent: \"%s\" is not an option; see qxagent --help\n", argv[optind]);
   return kWrongUsage;
 }
 

@@ -210,6 +210,7 @@ TEST_F(QxAgent, WrongCommandLineEndsWithCodeTwo) {
     const Ran ran = Child(Command(line), {.directory = dir_.Path()}).Wait();
     EXPECT_EQ(ran.code, 2) << line[0];
     EXPECT_THAT(ran.err, HasSubstr("qxagent: ")) << line[0];
+    EXPECT_THAT(ran.err, HasSubstr(line[0])) << "the message names the wrong argument";
   }
   EXPECT_THAT(Child(Command({"--help"}), {.directory = dir_.Path()}).Wait().out, HasSubstr("Usage: qxagent"));
 }
