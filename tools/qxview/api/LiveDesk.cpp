@@ -67,7 +67,7 @@ HttpReply LiveDesk::TracesReply(const HttpRequest& request) {
   const auto count_max = static_cast<std::size_t>(parameters.Number("max", 1, kEntriesMax, newest));
   const std::string before = parameters.Text("before");
   const std::optional<TracePlace> place = TracePlaceOf(before);
-  if (!before.empty() && !place.has_value()) parameters.Refuse("before", "is not one of a document of traces");
+  if (!before.empty() && !place.has_value()) parameters.Refuse("before", "is not a value from a document of traces");
   if (!parameters.Problem().empty()) return ReplyOf(Failure::kBadParameter, parameters.Problem());
   if (!watch.after.empty()) return ReplyOf(TracesDocument(traces_.ReadAfter(watch)));
   TracePage page;

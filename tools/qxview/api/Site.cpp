@@ -69,7 +69,7 @@ bool Site::IsRefused(const ExchangePtr& exchange, bool is_page) {
                               "NAME\" allows another name"));
       return true;
     case OriginVerdict::kForeignOrigin:
-      exchange->Reply(ReplyOf(Failure::kForeignOrigin, "only the server's own page may ask"));
+      exchange->Reply(ReplyOf(Failure::kForeignOrigin, "only a page of this server may send this request"));
       return true;
   }
   return true;

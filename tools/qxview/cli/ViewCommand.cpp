@@ -103,7 +103,7 @@ class Service {
 
   Status Run(ServiceSignals& signals, Listener listener) {
     address_ = listener.address;
-    if (!server_.Start(std::move(listener.socket))) return {ExitCode::kIo, "the library for HTTP does not start"};
+    if (!server_.Start(std::move(listener.socket))) return {ExitCode::kIo, "cannot start the HTTP library"};
     if (Status status = PrintAddress(); !status.IsOk()) return status;
     while (!signals.IsStopRequested()) {
       Wait(signals);
@@ -197,7 +197,7 @@ constexpr ctl::Parameter kParameters[] = {
     {.name = "--state",
      .kind = ctl::ValueKind::kDirectory,
      .value = "DIR",
-     .help = "Directory of the key that signs sessions (default: STATE_DIRECTORY, or qxview in the user's state)"},
+     .help = "Directory of the key that signs sessions (default: STATE_DIRECTORY, else ~/.local/state/qxview)"},
     {.name = "--dygraphs",
      .kind = ctl::ValueKind::kDirectory,
      .value = "DIR",

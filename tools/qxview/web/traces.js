@@ -197,7 +197,7 @@ class Traces {
   showNothing() {
     const filtered = this.filter !== "" || this.level.value !== "";
     const text = filtered ? "No trace of this level contains the filter." :
-      "The trace directory has no entries. A service traces from the level 1 on, which its settings choose.";
+      "The trace directory has no entries. A service writes traces only if its settings choose level 1 or higher.";
     const action = filtered ? element("button", { type: "button", onclick: () => this.clear() }, "Show all traces") :
       element("code", { class: "command" }, "qxctl trace config");
     if (!this.place.textContent.includes(text)) this.place.replaceChildren(empty("No traces", text, action));
