@@ -173,7 +173,7 @@ TEST_F(RelayReceiveProcess, ASighupReadsTheSettingsAgain) {
   EXPECT_TRUE(Until([&] { return Log().find("the settings in force stay as they are") != std::string::npos; }));
   Configure({}, "other");
   receiver_->Signal(SIGHUP);
-  EXPECT_TRUE(Until([&] { return Log().find("another root needs a restart") != std::string::npos; })) << Log();
+  EXPECT_TRUE(Until([&] { return Log().find("a change of root needs a restart") != std::string::npos; })) << Log();
   Configure();
   Append(20);
   Send();

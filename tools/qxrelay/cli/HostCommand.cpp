@@ -34,7 +34,7 @@ constexpr ctl::Parameter kUsersOptions[] = {
     {.name = "--users",
      .kind = ValueKind::kFile,
      .value = "FILE",
-     .help = "Change this file, which the servers include",
+     .help = "File of users that the servers include",
      .default_value = kUsersFile},
 };
 
@@ -79,7 +79,8 @@ constexpr ctl::Example kRetireExamples[] = {
 Status StatusOf(const std::string& what, const ReplaceResult& result) {
   if (result.IsDone()) return {};
   if (result.error != 0) return Status::Io(what, result.error);
-  return {ExitCode::kRefused, what + ": the file or its directory belongs to another user, or it is being changed"};
+  return {ExitCode::kRefused,
+          what + ": the file or its directory belongs to another user, or another program is changing the file"};
 }
 
 // Reads the file of users, calls `change`, and writes the file.
@@ -193,7 +194,8 @@ Status Retire(ctl::Context& context, const ctl::Values& values) {
   });
   if (!status.IsOk() || !values.Flag("--purge")) return status;
   if (const auto problem = PurgeHost(config.stream, name)) {
-    return {ExitCode::kIo, "the rights of \"" + name + "\" are gone, but not its messages: " + *problem};
+    return {ExitCode::kIo,
+            "the user \"" + name + "\" was removed, but its messages are still in the stream: " + *problem};
   }
   return {};
 }

@@ -20,8 +20,8 @@ using ctl::Status;
 constexpr ctl::Parameter kAnswered[] = {ctl::kVersionOption};
 
 constexpr ctl::Parameter kOptions[] = {
-    {.name = "--quiet", .help = "Leave out notes, not problems"},
-    {.name = "--verbose", .help = "Say more about what is done", .excludes = {"--quiet"}},
+    {.name = "--quiet", .help = "Print no notes; problems are still printed"},
+    {.name = "--verbose", .help = "Print more details", .excludes = {"--quiet"}},
 };
 
 std::string MachineName() {

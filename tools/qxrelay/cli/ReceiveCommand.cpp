@@ -176,7 +176,7 @@ void Reload(Context& context, const Values& values, RelayConfig& config) {
   RelayConfig changed;
   const bool is_sound = LoadSettings(context, values, changed).IsOk();
   const bool has_other_root = is_sound && changed.receive.root != config.receive.root;
-  if (has_other_root) context.output.Problem("another root needs a restart");
+  if (has_other_root) context.output.Problem("a change of root needs a restart");
   if (is_sound && !has_other_root) {
     config = changed;
     context.output.Problem("the settings were read again");

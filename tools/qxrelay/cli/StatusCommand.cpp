@@ -188,7 +188,8 @@ Status Show(Context& context, const Values& values) {
   Services services = ServicesOf(config, values.Flag("--offline"));
   if (services.empty()) {
     return {ExitCode::kNotFound, "nothing has run with these settings: there is no " + config.send.state +
-                                     "/identity and no " + ReceiverFlowFile(config) + " that this user may see"};
+                                     "/identity and no " + ReceiverFlowFile(config) +
+                                     " that this user may see; start a service, or check as its user"};
   }
   Select(values, services);
   const bool has_trouble = std::any_of(services.begin(), services.end(), HasTrouble);

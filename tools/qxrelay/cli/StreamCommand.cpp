@@ -25,7 +25,7 @@ constexpr ctl::Parameter kShowParameters[] = {
     {.name = "--wait",
      .kind = ctl::ValueKind::kInteger,
      .value = "SECONDS",
-     .help = "Wait at most so long until each copy has all messages",
+     .help = "Wait up to this time until each copy has all messages",
      .limits = {.min = 0, .max = 86'400},
      .default_value = "0"},
 };

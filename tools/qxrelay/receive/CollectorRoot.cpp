@@ -79,7 +79,8 @@ std::optional<std::string> CollectorRoot::Open(const std::string& path) {
   error = file::StatusOf(directory_.Number(), status);
   if (error != 0) return ErrorText("cannot examine", path, error);
   if (status.st_uid != 0 && status.st_uid != geteuid()) {
-    return path + " belongs to another user, who could lead the receiver to other files";
+    return path +
+           " belongs to another user, who could put links to other files into it; give it to the user of the receiver";
   }
   return Lock();
 }

@@ -30,7 +30,7 @@ std::string SubjectOf(const SendContext& context, const std::string& report) {
 }
 
 std::string TextOfStoreError(int error) {
-  if (error == ENOENT) return "the report is not there";
+  if (error == ENOENT) return "there is no such report";
   if (error == EBADMSG) return "the files contradict each other: \"qxctl report verify\" shows how";
   return std::string("the report cannot be read: ") + std::strerror(error);
 }
@@ -382,7 +382,7 @@ void ReportWork::OnNewest(TimeMs now, const StreamReply& reply) {
     } else {
       ++context_.counters.foreign;
       context_.log("report " + report_ + ": the newest message of " + subject_ +
-                   " is not from a sender; who may publish there?");
+                   " is not from a sender; check who may publish there");
     }
   }
   (void)sender_.NewestFound(reply.token, reply.sequence);  // the token is the current one
