@@ -54,6 +54,7 @@ TEST_F(QxctlCommandLine, HelpShowsGroupsRelationsAndDefaults) {
   const std::string fetch = Qxctl({"fetch", "-h"}).out;
   EXPECT_THAT(fetch, HasSubstr("\n  -o, --output FILE           Write the records to this file"));
   EXPECT_THAT(fetch, HasSubstr("(needs --output; not with --plot or --fields)\n"));
+  EXPECT_THAT(fetch, HasSubstr("(not with --plot, --fields, --last, --since, --until, --grep or --reverse)\n"));
   EXPECT_THAT(fetch, HasSubstr("\n\nCaller:\n  --user TEXT "));
   EXPECT_THAT(Qxctl({"registry", "ls", "--help"}).out, HasSubstr("(default /etc/brollan)\n"));
 }

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "tools/qxctl/cli/text/NearNames.h"
+
 namespace qx::ctl {
 
 namespace {
@@ -19,7 +21,7 @@ std::string RemarksOn(const Parameter& parameter) {
   for (const std::string_view other : parameter.excludes) {
     if (!other.empty()) excluded.emplace_back(other);
   }
-  if (!excluded.empty()) remarks.push_back("not with " + Joined(excluded, " or "));
+  if (!excluded.empty()) remarks.push_back("not with " + Listed(excluded, "or"));
   return Joined(remarks, "; ");
 }
 
