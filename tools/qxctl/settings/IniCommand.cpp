@@ -154,7 +154,9 @@ constexpr Parameter kFileParameters[] = {
 };
 
 constexpr Parameter kListParameters[] = {
-    {.name = "SECTION", .kind = ValueKind::kIniSection, .help = "List its keys and values instead of the sections"},
+    {.name = "SECTION",
+     .kind = ValueKind::kIniSection,
+     .help = "List the keys and values of this section, instead of the sections"},
 };
 
 constexpr Parameter kGetParameters[] = {

@@ -188,7 +188,7 @@ constexpr Parameter kListParameters[] = {
     {.name = "KEY",
      .kind = ValueKind::kRegistryKey,
      .help = "Path of the key, beginning with a hive; without it: the root"},
-    {.name = "--recursive", .letter = "-r", .help = "Also everything below the key"},
+    {.name = "--recursive", .letter = "-r", .help = "List everything below the key, too"},
 };
 
 constexpr Parameter kGetParameters[] = {
@@ -197,7 +197,7 @@ constexpr Parameter kGetParameters[] = {
      .help = "Path of the key, beginning with a hive",
      .is_required = true},
     {.name = "NAME", .kind = ValueKind::kRegistryValue, .help = "Name of the value", .is_required = true},
-    {.name = "--expand", .help = "Replace %NAME% in a REG_EXPAND_SZ from this environment"},
+    {.name = "--expand", .help = "Replace %NAME% in a REG_EXPAND_SZ by the environment variable NAME"},
 };
 
 constexpr Parameter kJsonParameters[] = {{.name = "--json", .help = "Print as JSON"}};

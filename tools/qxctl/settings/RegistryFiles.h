@@ -29,7 +29,7 @@ inline constexpr Parameter kRegistryParameters[] = {
     {.name = "--file",
      .kind = ValueKind::kFile,
      .value = "FILE",
-     .help = "Use this one file instead, such as a backup",
+     .help = "Use this file instead of the registry, such as a backup",
      .excludes = {"--directory"}},
 };
 

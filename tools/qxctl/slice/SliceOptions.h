@@ -8,12 +8,12 @@
 
 namespace qx::ctl {
 
-inline constexpr std::string_view kSliceGroup = "Choice of records";
+inline constexpr std::string_view kSliceGroup = "Selection by time and text";
 
 inline constexpr Parameter kLastOption = {.name = "--last",
                                           .kind = ValueKind::kInteger,
                                           .value = "N",
-                                          .help = "Only the newest N of them",
+                                          .help = "Only the newest N of the selected ones",
                                           .group = kSliceGroup,
                                           .limits = kPositive};
 inline constexpr Parameter kSinceOption = {
@@ -32,7 +32,8 @@ inline constexpr Parameter kGrepOption = {.name = "--grep",
                                           .value = "PATTERN",
                                           .help = "Only those whose text matches this extended regular expression",
                                           .group = kSliceGroup};
-inline constexpr Parameter kReverseOption = {.name = "--reverse", .help = "The newest first", .group = kSliceGroup};
+inline constexpr Parameter kReverseOption = {
+    .name = "--reverse", .help = "Print the newest first", .group = kSliceGroup};
 inline constexpr Parameter kUtcOption = {
     .name = "--utc", .help = "Times without a zone are UTC, not local time", .group = kSliceGroup};
 inline constexpr Parameter kTimeFormatOption = {.name = "--time-format",

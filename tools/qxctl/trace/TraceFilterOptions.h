@@ -8,7 +8,7 @@
 
 namespace qx::ctl {
 
-inline constexpr std::string_view kFilterGroup = "Choice of entries";
+inline constexpr std::string_view kFilterGroup = "Selection by header";
 
 inline constexpr std::string_view kTraceLevels[] = {"error", "warning"};
 
@@ -16,7 +16,7 @@ inline constexpr Parameter kTraceFilterParameters[] = {
     {.name = "--module",
      .kind = ValueKind::kText,
      .value = "TEXT",
-     .help = "Only entries of this module column; may be repeated",
+     .help = "Only entries with this text in the module column; may be repeated",
      .group = kFilterGroup,
      .is_repeatable = true},
     {.name = "--thread",

@@ -19,7 +19,11 @@ constexpr std::string_view kPlaceOfSections = "@COMMANDS@\n";
 constexpr std::string_view kShells[] = {"bash", "zsh", "fish"};
 
 constexpr Parameter kParameters[] = {
-    {.name = "SHELL", .kind = ValueKind::kText, .help = "The shell", .choices = kShells, .is_required = true},
+    {.name = "SHELL",
+     .kind = ValueKind::kText,
+     .help = "The shell: bash, zsh or fish",
+     .choices = kShells,
+     .is_required = true},
 };
 
 Status PrintCompletion(Context& context, const Values& values) {
