@@ -140,6 +140,15 @@ InterruptGuard::InterruptGuard() {
 
 InterruptGuard::~InterruptGuard() { g_is_guarded = 0; }
 
+HeldSignals::HeldSignals() {
+  sigset_t held;
+  (void)sigemptyset(&held);
+  for (const int signal : kSignals) (void)sigaddset(&held, signal);
+  (void)pthread_sigmask(SIG_BLOCK, &held, &before_);
+}
+
+HeldSignals::~HeldSignals() { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
 void RemoveOnSignal(const std::string& directory) {
   const int old = g_directory_number;
   g_directory_number = -1;

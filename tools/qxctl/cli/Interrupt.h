@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <string>
 
 #include "tools/qxctl/cli/Status.h"
@@ -33,6 +34,19 @@ class InterruptGuard {
   ~InterruptGuard();
   InterruptGuard(const InterruptGuard&) = delete;
   InterruptGuard& operator=(const InterruptGuard&) = delete;
+};
+
+// Blocks the signals of InterruptSignal during its lifetime: a signal arrives only when the directory that it has to
+// remove is known. Threads: on the only thread.
+class HeldSignals {
+ public:
+  HeldSignals();
+  ~HeldSignals();
+  HeldSignals(const HeldSignals&) = delete;
+  HeldSignals& operator=(const HeldSignals&) = delete;
+
+ private:
+  sigset_t before_ = {};
 };
 
 // From now on a signal outside a guard removes this directory with its files and then kills the process. One directory

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 
@@ -29,24 +28,6 @@ bool SetEnvironment(const std::string& directory, int level) {
          setenv("QX_LOG_DYNAMIC_UPDATE", "0", 1) == 0 &&  // the service's files must not change the level later
          setenv("QX_LOG_FILE_MAX_SIZE", kLogBytesMax, 0) == 0;
 }
-
-// Blocks the signals that end the program during the lifetime: a signal arrives only when the directory that it has to
-// remove is known.
-class HeldSignals {
- public:
-  HeldSignals() {
-    sigset_t held;
-    sigemptyset(&held);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&held, signal);
-    pthread_sigmask(SIG_BLOCK, &held, &before_);
-  }
-  ~HeldSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  HeldSignals(const HeldSignals&) = delete;
-  HeldSignals& operator=(const HeldSignals&) = delete;
-
- private:
-  sigset_t before_ = {};
-};
 
 // Traces are never written through a link: if the log were one, there would be no traces.
 Status CheckLog(const std::string& log) {
