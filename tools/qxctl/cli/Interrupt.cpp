@@ -21,6 +21,9 @@ constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 constexpr unsigned kAlarmSeconds = 1;
 
+// The levels of subdirectories that a signal removes. Each one takes a descriptor, and a kilobyte of the stack.
+constexpr int kLevelsMax = 64;
+
 volatile std::sig_atomic_t g_signal = 0;
 
 volatile std::sig_atomic_t g_is_guarded = 0;
@@ -42,15 +45,28 @@ struct DirectoryEntry {
   char name[1];
 };
 
-void RemoveEntries(int directory) {
-  alignas(DirectoryEntry) static char block[4096];
+bool IsDirectoryItself(const char* name) { return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0; }
+
+void RemoveEntries(int directory, int levels);
+
+// Removes a file, or a directory with everything in it.
+void RemoveEntry(int directory, const char* name, int levels) {
+  if (unlinkat(directory, name, 0) == 0 || levels == 0 || IsDirectoryItself(name)) return;
+  const file::Descriptor below = file::OpenDirectory(name, O_NOFOLLOW, directory);
+  if (!below.IsOpen()) return;
+  RemoveEntries(below.Number(), levels - 1);
+  (void)unlinkat(directory, name, AT_REMOVEDIR);
+}
+
+void RemoveEntries(int directory, int levels) {
+  alignas(DirectoryEntry) char block[1024];
   for (;;) {
     const long size = syscall(SYS_getdents64, directory, block, sizeof block);
     if (size <= 0) return;
     for (long at = 0; at < size;) {
       unsigned short entry_size = 0;
       std::memcpy(&entry_size, block + at + offsetof(DirectoryEntry, size), sizeof entry_size);
-      (void)unlinkat(directory, block + at + offsetof(DirectoryEntry, name), 0);  // "." and ".." fail
+      RemoveEntry(directory, block + at + offsetof(DirectoryEntry, name), levels);
       at += entry_size;
     }
   }
@@ -58,7 +74,7 @@ void RemoveEntries(int directory) {
 
 void RemoveDirectory() {
   if (g_directory_number < 0 || g_directory_process != getpid()) return;
-  RemoveEntries(g_directory_number);
+  RemoveEntries(g_directory_number, kLevelsMax);
   (void)rmdir(g_directory);
 }
 
@@ -81,11 +97,13 @@ extern "C" void HandleSignal(int signal) {
 // until the process ends.
 extern "C" void HandleAlarm(int /*signal*/) { (void)alarm(kAlarmSeconds); }
 
-// No SA_RESTART: a write that waits for a slow reader must return, otherwise ^C would have no effect.
+// No SA_RESTART: a write that waits for a slow reader must return, otherwise ^C would have no effect. A second signal
+// waits until the handler returns: otherwise it would end the process in the middle of a removal.
 void SetHandler(int signal, void (*handler)(int)) {
   struct sigaction action = {};
   action.sa_handler = handler;
   (void)sigemptyset(&action.sa_mask);
+  for (const int held : kSignals) (void)sigaddset(&action.sa_mask, held);
   (void)sigaction(signal, &action, nullptr);  // fails only for signals that cannot be caught
 }
 

@@ -49,8 +49,8 @@ class HeldSignals {
   sigset_t before_ = {};
 };
 
-// From now on a signal outside a guard removes this directory with its files and then kills the process. One directory
-// at a time; an empty path clears it. Subdirectories stay.
+// From now on a signal outside a guard removes this directory with everything in it, down to 64 levels, and then kills
+// the process. One directory at a time; an empty path clears it. The directory may be removed before.
 void RemoveOnSignal(const std::string& directory);
 
 // Ends the process with the recorded signal, if there is one, so that a shell sees why the command ended.
