@@ -1,8 +1,11 @@
 // Tests qxctl report backup --dated, backups and verify-backup, end to end, and their documents against the schemas.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
+#include <cstdint>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
@@ -46,7 +49,31 @@ class QxctlBackups : public testing::Test, protected QxctlFixture {
     return ran.out + ran.err;
   }
 
+  // Makes a compressed backup. Returns its directory.
+  std::string CompressedBackup() const {
+    EXPECT_EQ(Qxctl({"report", "backup", "backups", "--dated", "--compress"}).code, 0);
+    return fs::directory_iterator(Dir().File("backups"))->path();
+  }
+
+  // Whether the private directory in "tmp" has the file "zeros".
+  bool HasZeros() const {
+    std::error_code error;
+    const fs::directory_iterator made(tmp_, error);
+    return made != fs::directory_iterator() && fs::exists(made->path() / "zeros", error);
+  }
+
+  // Sends the signal while the file "zeros" is expanded in "tmp". Returns false if the command ends before it.
+  bool EndWhileItExpands(const std::string& command, const std::string& backup, int signal) const {
+    Start start = StartHere();
+    start.environment["TMPDIR"] = tmp_;
+    Child child({QxctlPath(), "report", command, backup}, start);
+    for (int i = 0; i < 20'000 && !HasZeros(); ++i) usleep(100);
+    child.Kill(signal);
+    return child.Wait().code == -signal;
+  }
+
   std::string transcript_;
+  const std::string tmp_ = Dir().File("tmp");
 };
 
 }  // namespace
@@ -95,6 +122,26 @@ TEST_F(QxctlBackups, KeepRemovesTheOldestBackups) {
   EXPECT_EQ(Qxctl({"report", "backup", "backups", "--keep", "1"}).code, 2) << "--keep needs --dated";
   EXPECT_EQ(Qxctl({"report", "restore", second["backup"], "--apply", "--consume"}).code, 5);
   EXPECT_EQ(SchemaFaults(), "");
+}
+
+TEST_F(QxctlBackups, SignalRemovesTheExpandedFiles) {
+  fs::create_directories(ReportPath("disk/a/b"));
+  MakeReport("disk/a/b/sda", 3, {"a"});
+  WriteFile(ReportPath("zeros"), "");
+  fs::resize_file(ReportPath("zeros"), std::uintmax_t{128} * 1024 * 1024);
+  const std::string backup = CompressedBackup();
+  fs::create_directory(tmp_);
+  for (const char* const command : {"restore", "verify-backup"}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+      SCOPED_TRACE(std::string(command) + " " + std::to_string(signal));
+      bool is_ended = false;
+      for (int tries = 0; tries < 10 && !is_ended; ++tries) {
+        is_ended = EndWhileItExpands(command, backup, signal);
+        EXPECT_TRUE(fs::is_empty(tmp_));
+      }
+      EXPECT_TRUE(is_ended);
+    }
+  }
 }
 
 }  // namespace qx::test

@@ -68,7 +68,8 @@ class DatedBackups : public testing::Test {
 
   // "name: state" of each file that is not sound.
   std::vector<std::string> Faults(const std::string& backup) const {
-    const report::VerifiedBackup verified = report::VerifyBackup(backup, tmp_);
+    const report::VerifiedBackup verified =
+        report::VerifyBackup(backup, [this] { return report::MakeExpandedDirectory(tmp_); });
     if (verified.error != 0) return {verified.file + ": error " + std::to_string(verified.error)};
     const char* const names[] = {"sound", "damaged", "changed", "missing", "unlisted", "unreadable"};
     std::vector<std::string> faults;
@@ -83,7 +84,7 @@ class DatedBackups : public testing::Test {
   // Restores into the new directory "restored". Returns the error number of the backup, or -1 if the restore itself
   // failed.
   int Restore(const std::string& backup, const std::vector<std::string>& names = {}) const {
-    const RestorableBackup source(backup, names, tmp_);
+    const RestorableBackup source(backup, names, [this] { return report::MakeExpandedDirectory(tmp_); });
     if (source.Error() != 0) return source.Error();
     report::RestoreOptions options;
     options.names = names;

@@ -215,19 +215,22 @@ VerifiedBackup FailedVerify(int error, std::string file) {
 
 }  // namespace
 
-VerifiedBackup VerifyBackup(const std::string& directory, const std::string& temporary) {
+std::unique_ptr<PrivateDirectory> MakeExpandedDirectory(const std::string& temporary) {
+  return std::make_unique<PrivateDirectory>(temporary + kPrivatePrefix);
+}
+
+VerifiedBackup VerifyBackup(const std::string& directory, const ExpandedDirectoryMaker& make_expanded) {
   BackupFiles files = BackupFiles::Open(directory);
   if (files.Error() != 0) return FailedVerify(files.Error(), files.Failed());
-  std::optional<PrivateDirectory> expanded;
-  if (files.IsCompressed()) expanded.emplace(temporary + kPrivatePrefix);
-  if (expanded && expanded->Error() != 0) return FailedVerify(expanded->Error(), expanded->Path());
+  const std::unique_ptr<PrivateDirectory> expanded = files.IsCompressed() ? make_expanded() : nullptr;
+  if (expanded != nullptr && expanded->Error() != 0) return FailedVerify(expanded->Error(), expanded->Path());
   const ReportTree tree = ListReports(files.Tree().Top(), Unlistable::kIsAnItem);
   if (tree.error != 0) return FailedVerify(tree.error, directory);
   VerifiedBackup verified;
   verified.has_checksums = files.IsDated();
   verified.is_compressed = files.IsCompressed();
   verified.left_out = files.LeftOut();
-  Verifier verifier(files, expanded ? expanded->Number() : -1);
+  Verifier verifier(files, expanded != nullptr ? expanded->Number() : -1);
   for (const BackupItem& item : ItemsOf(tree, files.IsCompressed())) verified.items.push_back(verifier.Verify(item));
   for (VerifiedItem& item : verifier.Missing()) verified.items.push_back(std::move(item));
   std::stable_sort(verified.items.begin(), verified.items.end(),
@@ -236,18 +239,18 @@ VerifiedBackup VerifyBackup(const std::string& directory, const std::string& tem
 }
 
 RestorableBackup::RestorableBackup(const std::string& directory, const std::vector<std::string>& names,
-                                   const std::string& temporary) {
+                                   const ExpandedDirectoryMaker& make_expanded) {
   BackupFiles files = BackupFiles::Open(directory);
   error_ = files.Error();
   failed_ = files.Failed();
   is_dated_ = files.IsDated();
   path_ = PathIn(directory, files.Folder());
   if (files.Folder().empty()) path_ = directory;
-  if (error_ == 0 && is_dated_) Prepare(files, names, temporary);
+  if (error_ == 0 && is_dated_) Prepare(files, names, make_expanded);
 }
 
 void RestorableBackup::Prepare(BackupFiles& files, const std::vector<std::string>& names,
-                               const std::string& temporary) {
+                               const ExpandedDirectoryMaker& make_expanded) {
   const ReportTree tree = ListReports(files.Tree().Top());
   if (tree.error != 0) return Fail(tree.error, path_);
   const bool is_whole = names.empty();
@@ -265,7 +268,7 @@ void RestorableBackup::Prepare(BackupFiles& files, const std::vector<std::string
   const std::vector<VerifiedItem> missing = verifier.Missing();
   if (is_whole && !missing.empty()) return Fail(EBADMSG, missing.front().name);
   if (!files.IsCompressed()) return;
-  expanded_.emplace(temporary + kPrivatePrefix);
+  expanded_ = make_expanded();
   path_ = expanded_->Path();
   std::string failed = path_;
   const int error = expanded_->Error() != 0

@@ -6,7 +6,8 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -42,8 +43,15 @@ struct VerifiedBackup {
   std::vector<std::string> left_out;  // what the backup lacks
 };
 
-// Reads and checks every file. `temporary` is the directory in which the private directory is made. [any thread]
-[[nodiscard]] VerifiedBackup VerifyBackup(const std::string& directory, const std::string& temporary);
+// Makes a private directory for expanded files, in the directory `temporary`. [any thread]
+[[nodiscard]] std::unique_ptr<PrivateDirectory> MakeExpandedDirectory(const std::string& temporary);
+
+// Calls MakeExpandedDirectory, and may do more: a program may have to know the directory, to remove it when a signal
+// ends the program. It is called once, and only for a compressed backup.
+using ExpandedDirectoryMaker = std::function<std::unique_ptr<PrivateDirectory>()>;
+
+// Reads and checks every file. [any thread]
+[[nodiscard]] VerifiedBackup VerifyBackup(const std::string& directory, const ExpandedDirectoryMaker& make_expanded);
 
 // A backup whose requested files were compared with their checksums and are expanded.
 //
@@ -51,7 +59,8 @@ struct VerifiedBackup {
 class RestorableBackup {
  public:
   // With empty `names`, everything is prepared.
-  RestorableBackup(const std::string& directory, const std::vector<std::string>& names, const std::string& temporary);
+  RestorableBackup(const std::string& directory, const std::vector<std::string>& names,
+                   const ExpandedDirectoryMaker& make_expanded);
 
   // 0; EBADMSG if a file of the backup does not have its checksum; otherwise the error number. Failed() is the file.
   [[nodiscard]] int Error() const { return error_; }
@@ -61,14 +70,14 @@ class RestorableBackup {
   [[nodiscard]] const std::string& Path() const { return path_; }
 
  private:
-  void Prepare(BackupFiles& files, const std::vector<std::string>& names, const std::string& temporary);
+  void Prepare(BackupFiles& files, const std::vector<std::string>& names, const ExpandedDirectoryMaker& make_expanded);
   void Fail(int error, std::string file);
 
   int error_ = 0;
   std::string failed_;
   bool is_dated_ = false;
   std::string path_;
-  std::optional<PrivateDirectory> expanded_;
+  std::unique_ptr<PrivateDirectory> expanded_;
 };
 
 }  // namespace qx::report

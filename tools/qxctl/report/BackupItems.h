@@ -1,8 +1,9 @@
 // Functions that several commands for backups use.
 #pragma once
 
-#include <string>
+#include <memory>
 
+#include "reportfile/tools/DurableFiles.h"
 #include "reportfile/tools/directory/StoreBackup.h"
 
 namespace qx::ctl {
@@ -10,7 +11,8 @@ namespace qx::ctl {
 // "report", "file", ...
 [[nodiscard]] const char* NameOfKind(report::BackupItemKind kind);
 
-// The directory in which compressed files are expanded: that of the environment variable TMPDIR, or /var/tmp.
-[[nodiscard]] std::string TemporaryDirectory();
+// Makes the private directory in which compressed files are expanded, in the directory that the environment variable
+// TMPDIR names, or in /var/tmp. From then on a signal that ends the command removes it.
+[[nodiscard]] std::unique_ptr<report::PrivateDirectory> MakeExpandedDirectory();
 
 }  // namespace qx::ctl

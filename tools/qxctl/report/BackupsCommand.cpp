@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "reportfile/tools/backup/DatedBackups.h"
 #include "tools/qxctl/cli/Context.h"
 #include "tools/qxctl/cli/FileStatus.h"
+#include "tools/qxctl/cli/Interrupt.h"
 #include "tools/qxctl/cli/LongStep.h"
 #include "tools/qxctl/cli/Result.h"
 #include "tools/qxctl/cli/Values.h"
@@ -185,7 +187,7 @@ Status VerifyBackup(Context& context, const Values& values) {
   const std::string directory = values.Text("DIR");
   const VerifiedBackup verified = [&] {
     const LongStep step(context.output, "reading " + directory, [&] { return BytesBelow(directory); });
-    return report::VerifyBackup(directory, TemporaryDirectory());
+    return report::VerifyBackup(directory, MakeExpandedDirectory);
   }();
   if (verified.error == ENOENT || verified.error == ENOTDIR) {
     return {ExitCode::kNotFound, "there is no backup directory " + directory};
@@ -238,9 +240,12 @@ const char* NameOfKind(BackupItemKind kind) {
   return "";
 }
 
-std::string TemporaryDirectory() {
+std::unique_ptr<report::PrivateDirectory> MakeExpandedDirectory() {
   const char* const named = std::getenv("TMPDIR");
-  return named != nullptr && *named != '\0' ? named : "/var/tmp";
+  const HeldSignals held;
+  auto made = report::MakeExpandedDirectory(named != nullptr && *named != '\0' ? named : "/var/tmp");
+  if (made->Error() == 0) RemoveOnSignal(made->Path());
+  return made;
 }
 
 constinit const Command kReportBackupsCommand = {.words = "report backups",

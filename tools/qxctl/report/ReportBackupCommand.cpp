@@ -353,7 +353,7 @@ Status Restore(Context& context, const Values& values) {
   std::string to;
   if (Status found = FindReportDirectory(to); !found.IsOk()) return found;
   if (to.empty()) return {ExitCode::kNotFound, "the registry names no report directory"};
-  const report::RestorableBackup backup(options.directory, options.restore.names, TemporaryDirectory());
+  const report::RestorableBackup backup(options.directory, options.restore.names, MakeExpandedDirectory);
   if (Status usable = StatusOf(backup, options); !usable.IsOk()) return usable;
   const RestoreResult result = RestoreWithProgress(context.output, options, backup.Path(), to);
   Status status = StatusOf(result, options, to);
