@@ -39,6 +39,7 @@ bool CDebug::InitRingBuffer(const char* path, std::uint32_t size) {
     ring_path_ = path;
   } catch (const std::bad_alloc&) {
     LeaveRing();
+    PrintToLogFile("\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path, ENOMEM, std::strerror(ENOMEM));
     return false;
   }
   ring_size_ = size;
