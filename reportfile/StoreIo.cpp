@@ -26,11 +26,13 @@ int OpenFlags(OpenMode mode) {
       return O_RDWR;
     case OpenMode::kCreate:
       return O_RDWR | O_CREAT;
+    case OpenMode::kCreateToRead:
+      return O_RDONLY | O_CREAT;
   }
   return O_RDONLY;
 }
 
-mode_t ModeOfNewFile(OpenMode mode) { return mode == OpenMode::kCreate ? kStoreFileMode : 0; }
+mode_t ModeOfNewFile(OpenMode mode) { return (OpenFlags(mode) & O_CREAT) != 0 ? kStoreFileMode : 0; }
 
 // `open` fails with these errors for directories, sockets and devices without a driver.
 bool MeansNotARegularFile(int error) { return error == EISDIR || error == ENXIO || error == ENODEV; }

@@ -13,9 +13,10 @@
 namespace qx::report {
 
 enum class OpenMode {
-  kRead,    // must exist
-  kUpdate,  // must exist; read and write
-  kCreate,  // created with mode 0644 if it is missing; read and write
+  kRead,          // must exist
+  kUpdate,        // must exist; read and write
+  kCreate,        // created with mode 0644 if it is missing; read and write
+  kCreateToRead,  // created with mode 0644 if it is missing; read only
 };
 
 // Opens a regular file, close-on-exec. After a failure the descriptor is not open, and errno is set: EINVAL for

@@ -60,9 +60,10 @@ Error CheckFiles(const FileState& index, const FileState& data, bool may_create)
 }
 
 // Creates the index file, so that the writer can take its lock: if two writers create the same report at the same time,
-// only one of them gets the lock.
+// only one of them gets the lock. The file is not opened for writing: the writer with the lock would treat this process
+// as an agent that does not take the lock, and neither writer would open the report.
 Error CreateIndex(const std::string& path) {
-  const file::Descriptor index = report::OpenStoreFile(path, report::OpenMode::kCreate);
+  const file::Descriptor index = report::OpenStoreFile(path, report::OpenMode::kCreateToRead);
   const int error = errno;
   return index.IsOpen() ? Error() : SystemError("cannot create " + path, error);
 }
@@ -194,17 +195,23 @@ struct Writer::Parts {
 
 Error Writer::Parts::Open(const std::string& base_path, std::uint32_t ring_size, bool may_create, WriterCheck check) {
   path = base_path;
-  const FileState index(report::IndexFileName(path));
+  FileState index(report::IndexFileName(path));
   const FileState data(report::DataFileName(path));
+  // Another writer may have created both files between the two checks: the index file first, then the data file.
+  if (!index.is_there && data.is_there) index = FileState(index.path);
   if (Error error = CheckFiles(index, data, may_create); error.Failed()) return error;
   if (!index.is_there) {
     if (Error error = CreateIndex(index.path); error.Failed()) return error;
   }
-  lock.emplace(path, check == WriterCheck::kLock ? report::WriterSearch::kLock : report::WriterSearch::kEveryProcess);
+  const auto search = check == WriterCheck::kLock ? report::WriterSearch::kLock : report::WriterSearch::kEveryProcess;
+  lock.emplace(path, search);
   if (lock->IsHeldByAnother()) return OtherWriterError(path, lock->Process());
   const bool is_opened = store.Open(path.c_str(), ring_size);
   int error = errno;
   if (!is_opened) return SystemError("cannot open " + path, error);
+  // Without locks, another writer may have opened the report after the search.
+  if (lock->HasNoLocks()) lock.emplace(path, search);
+  if (lock->IsHeldByAnother()) return OtherWriterError(path, lock->Process());
   error = may_create ? records.StartRing(ring_size) : 0;
   if (error != 0) return SystemError("cannot write " + index.path, error);
   if (!report::HasPlausibleRing(store.header())) {

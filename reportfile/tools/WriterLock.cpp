@@ -46,7 +46,9 @@ std::optional<int> ProcessWithTheLock(int file) {
 
 WriterLock::WriterLock(const std::string& base_path, WriterSearch search)
     : index_(OpenStoreFile(IndexFileName(base_path), OpenMode::kRead)) {
-  const bool is_locked = index_.IsOpen() && file::TryLock(index_.Number()) == EWOULDBLOCK;
+  const int lock_error = index_.IsOpen() ? file::TryLock(index_.Number()) : 0;
+  const bool is_locked = lock_error == EWOULDBLOCK;
+  has_no_locks_ = lock_error != 0 && !is_locked;
   const std::optional<int> holder = is_locked ? ProcessWithTheLock(index_.Number()) : std::nullopt;
   // A free lock does not mean that nobody writes: older agents do not take it.
   if (holder.has_value()) {

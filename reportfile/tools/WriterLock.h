@@ -28,6 +28,9 @@ class WriterLock {
 
   // True if another process, or another object of this process, has the report open for writing.
   [[nodiscard]] bool IsHeldByAnother() const { return is_held_; }
+  // True if the file system has no locks, or its server does not answer. Then two writers that search at the same time
+  // may miss each other: search again after the open.
+  [[nodiscard]] bool HasNoLocks() const { return has_no_locks_; }
   // The process that has the report open; 0 if it is not known, because only root sees the files of other users'
   // processes.
   [[nodiscard]] int Process() const { return process_; }
@@ -35,6 +38,7 @@ class WriterLock {
  private:
   file::Descriptor index_;
   bool is_held_ = false;
+  bool has_no_locks_ = false;
   int process_ = 0;
 };
 

@@ -2,12 +2,17 @@
 // of CReportFileBase.
 #include "sdk/Writer.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <optional>
 #include <random>
 #include <string>
 #include <string_view>
@@ -174,6 +179,58 @@ TEST_F(SdkWriter, SecondWriterNamesTheOtherProcess) {
     EXPECT_EQ(error.code, ErrorCode::kOtherWriter);
     EXPECT_THAT(error.text, HasSubstr("is written by process " + std::to_string(child.Id())));
   }
+}
+
+// Another process has created the index file and did not take its lock yet.
+TEST_F(SdkWriter, OfTwoWritersThatCreateAReportTheOneWithTheLockOpensIt) {
+  int ready[2];
+  ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+  const pid_t other = fork();
+  if (other == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const BeforeTheCall wait(FileCall::kClose, "", [&] {
+      (void)!write(ready[1], "x", 1);
+      for (;;) pause();
+    });
+    (void)writer_.Open(files_.Base(), 3);
+    _exit(1);
+  }
+  close(ready[1]);
+  char byte = 0;
+  EXPECT_EQ(read(ready[0], &byte, 1), 1);
+  EXPECT_TRUE(Exists(files_.IndexPath()));
+  EXPECT_EQ(writer_.Open(files_.Base(), 3).text, "");
+  close(ready[0]);
+  kill(other, SIGKILL);
+  EXPECT_EQ(waitpid(other, nullptr, 0), other);
+}
+
+TEST_F(SdkWriter, ReportThatAnotherWriterCreatesMeanwhileIsNotDamaged) {
+  Writer other;
+  const BeforeTheCall create(FileCall::kStatusAt, ".dat", [&] {
+    EXPECT_FALSE(other.Open(files_.Base(), 3).Failed());
+    EXPECT_FALSE(other.Append("a").Failed());
+  });
+  const Error error = writer_.Open(files_.Base(), 3);
+  EXPECT_EQ(error.code, ErrorCode::kOtherWriter) << error.text;
+  EXPECT_THAT(ReadAll(files_), ElementsAre("a\r\n"));
+}
+
+// The other writer opens the report after the search for writers.
+TEST_F(SdkWriter, WithoutLocksAWriterThatOpensMeanwhileIsNoticed) {
+  MakeReport();
+  writer_.Close();
+  const FailingCall no_locks({.call = FileCall::kLock, .times = kAlways, .error = ENOLCK});
+  std::optional<WaitingChild> other;
+  CReportFileBase agent;
+  const BeforeTheCall open(FileCall::kOpen, ".dat",
+                           [&] { other.emplace([&] { return agent.Open(files_.Path(), 3); }); });
+  const Error error = writer_.Open(files_.Base(), 3);
+  EXPECT_EQ(error.code, ErrorCode::kOtherWriter) << error.text;
+  ASSERT_TRUE(other.has_value());
+  EXPECT_THAT(error.text, HasSubstr("is written by process " + std::to_string(other->Id())));
+  other.reset();
+  EXPECT_FALSE(writer_.Open(files_.Base(), 3).Failed());
 }
 
 TEST_F(SdkWriter, FileThatMayNotBeWrittenIsNamed) {

@@ -33,6 +33,9 @@ struct Instruction {
 constexpr std::size_t kInstructionsMax = 8;
 std::array<Instruction, kInstructionsMax> instructions;
 
+std::function<void()> before_call;
+FileCall awaited_call = FileCall::kOpen;
+std::string awaited_path;
 std::function<void(int)> before_read;
 int numbered_reads = 0;
 off_t offset_of_read = 0;
@@ -43,8 +46,14 @@ bool Includes(FileCall kind, FileCall call) {
   return kind == call || (kind == FileCall::kAnyWriteAt && is_write_at);
 }
 
+void RunActionBefore(FileCall call, std::string_view path) {
+  if (!before_call || call != awaited_call || !path.ends_with(awaited_path)) return;
+  std::exchange(before_call, nullptr)();
+}
+
 // The instruction by which this call fails, or null.
 const FileFault* FaultOf(FileCall call, const char* path = "") {
+  RunActionBefore(call, path);
   const FileFault* found = nullptr;
   for (Instruction& instruction : instructions) {
     if (!instruction.is_in_force || !Includes(instruction.fault.call, call)) continue;
@@ -116,6 +125,13 @@ int FailingCall::Calls() const { return instructions[index_].calls; }
 FullDisk::FullDisk(int nth, std::size_t bytes, int failing)
     : cut_({.call = FileCall::kAnyWriteAt, .nth = nth, .bytes = bytes}),
       rest_({.call = FileCall::kAnyWriteAt, .nth = nth + 1, .times = failing, .error = ENOSPC}) {}
+
+BeforeTheCall::BeforeTheCall(FileCall call, std::string path, std::function<void()> action) {
+  awaited_call = call;
+  awaited_path = std::move(path);
+  before_call = std::move(action);
+}
+BeforeTheCall::~BeforeTheCall() { before_call = nullptr; }
 
 BeforeEachRead::BeforeEachRead(std::function<void(int read)> action) {
   numbered_reads = 0;

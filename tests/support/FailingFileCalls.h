@@ -112,6 +112,16 @@ class BeforeEachRead {
   [[nodiscard]] off_t Offset() const;
 };
 
+// Runs an action before the first call of this kind whose path ends with `path`, in place of another process. There is
+// at most one such object.
+class BeforeTheCall {
+ public:
+  BeforeTheCall(FileCall call, std::string path, std::function<void()> action);
+  ~BeforeTheCall();
+  BeforeTheCall(const BeforeTheCall&) = delete;
+  BeforeTheCall& operator=(const BeforeTheCall&) = delete;
+};
+
 // A byte that cannot be read, in any file: a read at an offset ends before the byte at `offset`, and a read that begins
 // there fails with EIO. There is at most one such object.
 class UnreadableByte {
