@@ -31,17 +31,19 @@ class FakeConsume final : public relay::ConsumeStream {
     is_connected = true;
     return std::nullopt;
   }
-  [[nodiscard]] std::optional<std::string> Fetch(std::size_t count_max, std::chrono::milliseconds,
+  [[nodiscard]] std::optional<std::string> Fetch(const relay::FetchLimits& limits, std::chrono::milliseconds,
                                                  std::vector<relay::StreamMessage>& taken) override {
     ++fetches;
-    count_max = std::min(count_max, fetch_max);
     if (!is_connected || problem.has_value()) return problem.value_or("not connected");
-    for (; count_max > 0 && !again.empty(); --count_max) {
+    std::size_t count = std::min(limits.messages, fetch_max);
+    std::size_t bytes = limits.bytes;
+    for (; count > 0 && !again.empty() && TakeBytes(again.front(), taken.empty(), bytes); --count) {
       const std::uint64_t sequence = again.front();
       again.pop_front();
       if (pending.contains(sequence)) Deliver(sequence, taken);
     }
-    for (; count_max > 0 && next <= last; --count_max) Deliver(next++, taken);
+    if (!again.empty()) return std::nullopt;
+    for (; count > 0 && next <= last && TakeBytes(next, taken.empty(), bytes); --count) Deliver(next++, taken);
     return std::nullopt;
   }
   [[nodiscard]] std::optional<std::string> Acknowledge(const std::string& receipt) override {
@@ -130,6 +132,15 @@ class FakeConsume final : public relay::ConsumeStream {
   int fetches = 0;
 
  private:
+  // Subtracts the message from the bytes of a fetch. False if it does not fit, and is not the first one.
+  [[nodiscard]] bool TakeBytes(std::uint64_t sequence, bool is_first, std::size_t& bytes) const {
+    const auto found = messages.find(sequence);
+    const std::size_t size = found != messages.end() ? found->second.payload.size() : 0;
+    if (size > bytes && !is_first) return false;
+    bytes -= std::min(size, bytes);
+    return true;
+  }
+
   void Deliver(std::uint64_t sequence, std::vector<relay::StreamMessage>& taken) {
     const auto found = messages.find(sequence);
     if (found == messages.end()) return;

@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/qxrelay/NatsServer.h"
@@ -13,6 +15,7 @@
 namespace {
 
 using qx::relay::CreateStream;
+using qx::relay::FetchLimits;
 using qx::relay::NatsConsume;
 using qx::relay::NatsPublish;
 using qx::relay::ReplyKind;
@@ -128,7 +131,7 @@ TEST_F(RelayNats, AConsumerGetsWhatItHasNotAcknowledged) {
   NatsConsume consumer(settings_);
   ASSERT_EQ(consumer.Connect("c1", 100, milliseconds(30000)), std::nullopt);
   std::vector<StreamMessage> messages;
-  ASSERT_EQ(consumer.Fetch(10, milliseconds(200), messages), std::nullopt);
+  ASSERT_EQ(consumer.Fetch({.messages = 10}, milliseconds(200), messages), std::nullopt);
   ASSERT_EQ(messages.size(), 3U);
   EXPECT_EQ(messages[1].subject, Subject("a"));
   EXPECT_EQ(messages[1].payload, "text 2");
@@ -138,7 +141,7 @@ TEST_F(RelayNats, AConsumerGetsWhatItHasNotAcknowledged) {
   const std::optional<std::uint64_t> before = messages[1].before;
   EXPECT_EQ(consumer.Acknowledge(messages[0].receipt), std::nullopt);
   messages.clear();
-  EXPECT_EQ(consumer.Fetch(10, milliseconds(20), messages), std::nullopt);
+  EXPECT_EQ(consumer.Fetch({.messages = 10}, milliseconds(20), messages), std::nullopt);
   EXPECT_TRUE(messages.empty());
   for (std::size_t copy = 0; copy < consumer.Copies(); ++copy) {
     StreamMessage read;
@@ -160,6 +163,71 @@ TEST_F(RelayNats, AConsumerGetsWhatItHasNotAcknowledged) {
   ASSERT_EQ(PurgeHost(settings_, "h"), std::nullopt);
   EXPECT_EQ(consumer.FirstSequence(first), std::nullopt);
   EXPECT_EQ(first, 0U);
+}
+
+// The sizes of the messages of each fetch, in thousands of bytes, until a fetch returns nothing.
+std::vector<std::vector<std::size_t>> FetchAll(NatsConsume& consumer, const FetchLimits& limits) {
+  std::vector<std::vector<std::size_t>> fetches;
+  for (;;) {
+    std::vector<StreamMessage> messages;
+    EXPECT_EQ(consumer.Fetch(limits, milliseconds(50), messages), std::nullopt);
+    if (messages.empty()) return fetches;
+    fetches.emplace_back();
+    for (const StreamMessage& message : messages) {
+      fetches.back().push_back(message.payload.size() / 1000);
+      EXPECT_EQ(consumer.Acknowledge(message.receipt), std::nullopt);
+    }
+  }
+}
+
+TEST_F(RelayNats, AFetchIsBoundedByMessagesAndBytes) {
+  ASSERT_EQ(CreateStream(settings_), std::nullopt);
+  NatsPublish stream(settings_, "h");
+  ASSERT_EQ(stream.Connect(), std::nullopt);
+  NatsConsume consumer(settings_);
+  ASSERT_EQ(consumer.Connect("c1", 100, milliseconds(30000)), std::nullopt);
+  struct Row {
+    const char* name;
+    std::vector<std::size_t> thousands;  // of bytes, for each message
+    FetchLimits limits;
+    std::vector<std::vector<std::size_t>> fetches;
+  };
+  const Row rows[] = {
+      {"messages", {1, 2, 3, 4, 5}, {.messages = 2}, {{1, 2}, {3, 4}, {5}}},
+      {"bytes", {300, 300, 300, 300}, {.messages = 9, .bytes = 1'000'000}, {{300, 300, 300}, {300}}},
+      {"a larger message comes alone", {1, 600, 2, 3}, {.messages = 9, .bytes = 500'000}, {{1}, {600}, {2, 3}}},
+      {"only larger messages", {600, 700}, {.messages = 9, .bytes = 500'000}, {{600}, {700}}},
+  };
+  std::uint64_t token = 0;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    for (const std::size_t thousands : row.thousands) {
+      const std::string text(thousands * 1000, 'x');
+      ASSERT_EQ(PublishAndWait(stream, ++token, Subject("a"), text).kind, ReplyKind::kStored);
+    }
+    EXPECT_EQ(FetchAll(consumer, row.limits), row.fetches);
+  }
+}
+
+// The fetch waits when the message comes.
+TEST_F(RelayNats, ALargerMessageEndsAFetchThatWaits) {
+  ASSERT_EQ(CreateStream(settings_), std::nullopt);
+  NatsPublish stream(settings_, "h");
+  ASSERT_EQ(stream.Connect(), std::nullopt);
+  NatsConsume consumer(settings_);
+  ASSERT_EQ(consumer.Connect("c1", 100, milliseconds(30000)), std::nullopt);
+  std::thread publisher([&] {
+    std::this_thread::sleep_for(milliseconds(50));
+    EXPECT_TRUE(stream.Publish(1, Subject("a"), std::string(600'000, 'x'), std::nullopt));
+  });
+  const auto begin = std::chrono::steady_clock::now();
+  std::vector<StreamMessage> messages;
+  for (int i = 0; i < 3 && messages.empty(); ++i) {
+    EXPECT_EQ(consumer.Fetch({.messages = 9, .bytes = 500'000}, std::chrono::seconds(20), messages), std::nullopt);
+  }
+  EXPECT_EQ(messages.size(), 1U);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
+  publisher.join();
 }
 
 TEST_F(RelayNats, CreatingAStreamAgainChangesItsLimits) {

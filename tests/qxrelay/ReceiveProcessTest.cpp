@@ -109,7 +109,7 @@ std::uint64_t GapRecordsOfStream(const qx::relay::StreamSettings& settings) {
   qx::relay::NatsConsume consumer(settings);
   EXPECT_EQ(consumer.Connect("checker", 100, std::chrono::seconds(30)), std::nullopt);
   std::vector<qx::relay::StreamMessage> messages;
-  EXPECT_EQ(consumer.Fetch(1000, std::chrono::milliseconds(200), messages), std::nullopt);
+  EXPECT_EQ(consumer.Fetch({.messages = 1000}, std::chrono::milliseconds(200), messages), std::nullopt);
   std::uint64_t count = 0;
   for (const qx::relay::StreamMessage& message : messages) {
     const qx::relay::DecodedMessage decoded = qx::relay::DecodeMessage(message.payload);
@@ -317,12 +317,12 @@ TEST(RelayReceiveConsumer, ChangedSettingsOfTheConsumerAreUsed) {
   qx::relay::NatsConsume consumer(settings);
   std::vector<qx::relay::StreamMessage> messages;
   ASSERT_EQ(consumer.Connect("c", 100, milliseconds(30000)), std::nullopt);
-  ASSERT_EQ(consumer.Fetch(10, milliseconds(500), messages), std::nullopt);
+  ASSERT_EQ(consumer.Fetch({.messages = 10}, milliseconds(500), messages), std::nullopt);
   ASSERT_EQ(messages.size(), 1U);
   EXPECT_EQ(messages[0].before, 0U);
   EXPECT_TRUE(stream.Publish(2, "qx.report.h.a", "y", 1));
   ASSERT_EQ(consumer.Connect("c", 200, milliseconds(300)), std::nullopt);
-  ASSERT_EQ(consumer.Fetch(10, milliseconds(500), messages), std::nullopt);
+  ASSERT_EQ(consumer.Fetch({.messages = 10}, milliseconds(500), messages), std::nullopt);
   ASSERT_EQ(messages.size(), 2U);
   EXPECT_EQ(messages[1].before, 1U);
   qx::relay::ConsumerState state;
@@ -333,7 +333,7 @@ TEST(RelayReceiveConsumer, ChangedSettingsOfTheConsumerAreUsed) {
   EXPECT_EQ(consumer.Refuse(messages[0].receipt), std::nullopt);
   messages.clear();
   ASSERT_TRUE(Until([&] {
-    return consumer.Fetch(10, milliseconds(100), messages) == std::nullopt && !messages.empty();
+    return consumer.Fetch({.messages = 10}, milliseconds(100), messages) == std::nullopt && !messages.empty();
   })) << "after the new time it comes again";
   EXPECT_EQ(messages[0].sequence, 2U);
   EXPECT_EQ(messages[0].delivered, 2U);

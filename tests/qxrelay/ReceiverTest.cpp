@@ -52,6 +52,19 @@ TEST(RelayReceiver, RecordsAreWrittenAndAcknowledgedAfterTheSync) {
   EXPECT_EQ(report.state, CollectedState::kFollows);
 }
 
+TEST(RelayReceiver, AFetchTakesAtMostEightMebibytes) {
+  Collector collector;
+  FakeSender sender(collector.stream, "h", "a");
+  for (int i = 0; i < 2000; ++i) sender.Records(1);  // after many small messages, many large ones wait
+  collector.Run();
+  for (int i = 0; i < 20; ++i) (void)sender.Send({std::string(1'000'000, 'x') + "\r\n"});
+  (void)collector.Step();
+  EXPECT_EQ(collector.Report("a").next, 2008U);
+  collector.Run(2);
+  EXPECT_EQ(collector.Report("a").next, 2020U);
+  EXPECT_EQ(collector.Report("a").counters.gap_records, 0U);
+}
+
 TEST(RelayReceiver, AFailedSyncAcknowledgesNothing) {
   Collector collector;
   FakeSender sender(collector.stream, "h", "a");

@@ -80,7 +80,7 @@ class RelaySendProcess : public testing::Test {
     std::vector<StreamMessage> messages;
     for (std::size_t before = 1; before != messages.size();) {
       before = messages.size();
-      EXPECT_EQ(consumer.Fetch(100, milliseconds(100), messages), std::nullopt);
+      EXPECT_EQ(consumer.Fetch({.messages = 100}, milliseconds(100), messages), std::nullopt);
     }
     for (const StreamMessage& stored : messages) {
       if (stored.subject != "qx.report.h." + report) continue;

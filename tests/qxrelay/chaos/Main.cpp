@@ -136,7 +136,7 @@ class Chaos {
 
   bool TakeSome(relay::NatsConsume& consumer, StreamCheck& check, std::uint64_t& last) {
     std::vector<relay::StreamMessage> messages;
-    if (const auto problem = consumer.Fetch(500, milliseconds(500), messages)) return false;
+    if (const auto problem = consumer.Fetch({.messages = 500}, milliseconds(500), messages)) return false;
     for (const relay::StreamMessage& message : messages) {
       if (consumer.Acknowledge(message.receipt).has_value()) return false;
       if (message.sequence <= last) continue;  // delivered again

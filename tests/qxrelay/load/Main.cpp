@@ -337,7 +337,8 @@ void FollowStream(const relay::StreamSettings& settings, const std::atomic<bool>
   std::vector<relay::StreamMessage> messages;
   while (!is_stopping) {
     messages.clear();
-    if (const auto problem = consumer.Fetch(100, milliseconds(200), messages)) throw std::runtime_error(*problem);
+    if (const auto problem = consumer.Fetch({.messages = 100}, milliseconds(200), messages))
+      throw std::runtime_error(*problem);
     for (const relay::StreamMessage& stored : messages) {
       const relay::DecodedMessage message = relay::DecodeMessage(stored.payload);
       (void)consumer.Acknowledge(stored.receipt);

@@ -14,9 +14,7 @@ namespace qx::relay {
 namespace {
 
 constexpr std::size_t kUnacknowledgedMax = 65'536;
-constexpr std::size_t kFetchBytes = std::size_t{8} * 1024 * 1024;
-constexpr std::size_t kFetchMin = 16;
-constexpr std::size_t kFetchMax = 1024;
+constexpr FetchLimits kFetchMax = {.messages = 1024, .bytes = std::size_t{8} * 1024 * 1024};
 constexpr TimeMs kBaseSyncMs = 50;  // between two syncs, if a report waits for its base
 constexpr TimeMs kStateMs = 250;    // between two reads of the stream's state
 constexpr TimeMs kSeekMs = 1000;    // between two searches for a message that no copy of the stream has
@@ -100,17 +98,14 @@ void Receiver::Disconnected(TimeMs now, const std::string& problem) {
 
 void Receiver::Fetch(TimeMs now, TimeMs wait) {
   messages_.clear();
-  const std::size_t count = std::clamp(kFetchBytes / std::max<std::size_t>(message_bytes_, 1), kFetchMin, kFetchMax);
-  const std::optional<std::string> problem = context_.stream.Fetch(count, std::chrono::milliseconds(wait), messages_);
-  std::size_t bytes = 0;
+  const std::optional<std::string> problem =
+      context_.stream.Fetch(kFetchMax, std::chrono::milliseconds(wait), messages_);
   for (StreamMessage& message : messages_) {
-    bytes += message.payload.size();
     ++context_.counters.messages;
     if (message.delivered > 1) ++context_.counters.redelivered;
     context_.counters.pending = message.pending;
     Sort(std::move(message));
   }
-  if (!messages_.empty()) message_bytes_ = (message_bytes_ + bytes / messages_.size()) / 2;
   if (problem.has_value()) Disconnected(now, *problem);
 }
 

@@ -94,7 +94,6 @@ class Receiver {
   TimeMs seek_at_ = 0;
   std::uint32_t failures_ = 0;  // of connects, in a row
   std::uint32_t write_failures_ = 0;
-  std::size_t message_bytes_ = 65'536;  // approximate size of a message, from those that came last
   bool is_connected_ = false;
   std::string problem_;
   std::string sync_problem_;      // of the last sync; empty if it succeeded

@@ -48,6 +48,24 @@ void AppendMessage(natsMsg* raw, std::vector<StreamMessage>& messages) {
                       .receipt = receipt != nullptr ? receipt : ""});
 }
 
+// With NoWait, the request ends when the server has sent the messages that are there. If there are no messages, the
+// request waits for the next one, until it expires. `limits.bytes` 0: no limit.
+natsStatus RequestMessages(natsSubscription* subscription, const FetchLimits& limits, std::chrono::milliseconds timeout,
+                           std::vector<StreamMessage>& messages) {
+  jsFetchRequest request;
+  natsStatus status = jsFetchRequest_Init(&request);
+  if (status != NATS_OK) return status;
+  request.Batch = static_cast<int>(limits.messages);
+  request.MaxBytes = static_cast<std::int64_t>(limits.bytes);
+  request.NoWait = true;
+  request.Expires = timeout.count() * kNanosecondsInMs;
+  natsMsgList list = {nullptr, 0};
+  status = natsSubscription_FetchRequest(&list, subscription, &request);
+  for (int i = 0; i < list.Count; ++i) AppendMessage(list.Msgs[i], messages);
+  natsMsgList_Destroy(&list);
+  return status;
+}
+
 natsStatus ReadFromLeader(jsCtx* context, const std::string& stream, std::uint64_t sequence, natsMsg*& found) {
   jsOptions options;
   if (const natsStatus status = jsOptions_Init(&options); status != NATS_OK) return status;
@@ -123,16 +141,16 @@ std::optional<std::string> NatsConsume::Connect(const std::string& name, std::si
   return std::nullopt;
 }
 
-// The library first requests the messages that are available now, and waits only if there is no message. (A NoWait
-// request of our own would wait until it expires.)
-std::optional<std::string> NatsConsume::Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
+std::optional<std::string> NatsConsume::Fetch(const FetchLimits& limits, std::chrono::milliseconds timeout,
                                               std::vector<StreamMessage>& messages) {
   if (parts_ == nullptr) return "not connected";
-  natsMsgList list = {nullptr, 0};
-  const natsStatus status =
-      natsSubscription_Fetch(&list, parts_->subscription.get(), static_cast<int>(count_max), timeout.count(), nullptr);
-  for (int i = 0; i < list.Count; ++i) AppendMessage(list.Msgs[i], messages);
-  natsMsgList_Destroy(&list);
+  const std::size_t before = messages.size();
+  natsStatus status = RequestMessages(parts_->subscription.get(), limits, timeout, messages);
+  // The server returns no message that is larger than the limit, and no message after it. So such a message is
+  // requested alone, without the limit. If the first request failed for another reason, this one fails, too.
+  if (status == NATS_ERR && messages.size() == before) {
+    status = RequestMessages(parts_->subscription.get(), {.messages = 1, .bytes = 0}, timeout, messages);
+  }
   if (natsConnection_Status(parts_->connection.get()) != NATS_CONN_STATUS_CONNECTED) {
     return "the connection to the servers is lost";
   }

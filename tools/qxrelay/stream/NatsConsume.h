@@ -19,7 +19,7 @@ class NatsConsume final : public ConsumeStream {
 
   [[nodiscard]] std::optional<std::string> Connect(const std::string& name, std::size_t unacknowledged_max,
                                                    std::chrono::milliseconds redeliver_after) override;
-  [[nodiscard]] std::optional<std::string> Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
+  [[nodiscard]] std::optional<std::string> Fetch(const FetchLimits& limits, std::chrono::milliseconds timeout,
                                                  std::vector<StreamMessage>& messages) override;
   [[nodiscard]] std::optional<std::string> Acknowledge(const std::string& receipt) override;
   [[nodiscard]] std::optional<std::string> Refuse(const std::string& receipt) override;

@@ -98,6 +98,13 @@ struct ConsumerState {
 // The answer of a server to a request for a message in its copy of the stream.
 enum class CopyAnswer : std::uint8_t { kMessage, kNone, kUnknown };  // kUnknown: it does not answer
 
+// The most that one fetch returns. The messages of a fetch are in memory together, so both are bounded: a message can
+// have some bytes or many MiB.
+struct FetchLimits {
+  std::size_t messages = 1;
+  std::size_t bytes = std::size_t{8} * 1024 * 1024;  // with subjects and headers
+};
+
 // The receiver's connection: a durable consumer, whose messages are fetched, and acknowledged one by one.
 //
 // Threads: one thread. Owns: the connection. Failure: a text for the operator.
@@ -114,9 +121,10 @@ class ConsumeStream {
   [[nodiscard]] virtual std::optional<std::string> Connect(const std::string& name, std::size_t unacknowledged_max,
                                                            std::chrono::milliseconds redeliver_after) = 0;
 
-  // Appends up to `count_max` messages that come within `timeout`. If there are some, and no more at the moment, it
-  // returns at once. It is not a failure if no message comes. [owning thread]
-  [[nodiscard]] virtual std::optional<std::string> Fetch(std::size_t count_max, std::chrono::milliseconds timeout,
+  // Appends messages that come within `timeout`, up to the limits. A message that is larger than `limits.bytes` comes
+  // alone. If there are some messages, and no more at the moment, it returns at once. It is not a failure if no message
+  // comes. [owning thread]
+  [[nodiscard]] virtual std::optional<std::string> Fetch(const FetchLimits& limits, std::chrono::milliseconds timeout,
                                                          std::vector<StreamMessage>& messages) = 0;
 
   // Acknowledges the message, so that it does not come again. If the acknowledgement is lost, it comes again. [owning
