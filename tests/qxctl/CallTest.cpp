@@ -61,6 +61,16 @@ TEST_F(QxctlCall, WhatAsJsonHasTheDocumentedKeys) {
   EXPECT_EQ(call["error"], nullptr);
 }
 
+TEST_F(QxctlCall, RefusedCallNamesTheCommandThatExplainsItsResult) {
+  std::filesystem::create_directory(Dir().File("fake"));
+  WriteFile(Dir().File("fake/reply.1"), "-1\n");
+  Start start = StartHere();
+  start.environment = {{"QX_MODULE", FakeModulePath()}, {"QX_FAKE", Dir().File("fake")}};
+  const Ran ran = Qxctl({"module", "what"}, start);
+  EXPECT_EQ(ran.code, 5);
+  EXPECT_THAT(ran.err, HasSubstr("qxctl: the module refuses with result -1; \"qxctl explain -1\" shows why\n"));
+}
+
 TEST_F(QxctlCall, ReflectEchoesADocumentFromTheCommandLineAFileOrStandardInput) {
   const std::string document = "<a x=\"1\"><b>text</b></a>";
   WriteFile(Dir().File("in.xml"), document);
