@@ -2,9 +2,9 @@
 """clang-tidy over the sources on standard input: script/tidy.py BUILD_FOLDER [--analyser]
 
 Most of clang-tidy's time goes into the system's headers, which each source includes again. So sources are read together, about
-thirty-two at a time, in a fraction of the time. With --analyser those of the module are also analysed, along a third of the
-usual number of paths; script/trust hardening follows them all. The analyser follows included code only if the name of the
-including source begins with UnifiedSource.
+thirty-two of the module at a time, or a hundred of the tools. With --analyser those of the module are also analysed, along a
+third of the usual number of paths; script/trust hardening follows them all. The analyser follows included code only if the name
+of the including source begins with UnifiedSource.
 
 Sources that do not compile together are checked in halves.
 """
@@ -22,6 +22,7 @@ import join_sources
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 SOURCES_AT_A_TIME = 32
+TOOLS_AT_A_TIME = 112
 # Optimisation, debug information, the version's text, and whether a program or a library is built.
 ALIKE = re.compile(r"-O\d|-g\d?|-fPI[CE]|-DQX_VERSION=.*|-D\w+_EXPORTS")
 
@@ -52,7 +53,8 @@ def groups(commands, sources):
         # A program has one main function. Its source comes first, because the first source's flags are used for all of them.
         mains = [source for source in members if source.endswith("/Main.cpp")]
         others = [source for source in members if source not in mains]
-        parts = max(-(-len(members) // SOURCES_AT_A_TIME), len(mains))
+        at_a_time = TOOLS_AT_A_TIME if is_tool(members[0]) else SOURCES_AT_A_TIME
+        parts = max(-(-len(members) // at_a_time), len(mains))
         ends = [len(others) * part // parts for part in range(parts + 1)]
         for part, (begin, end) in enumerate(zip(ends, ends[1:])):
             yield mains[part:part + 1] + others[begin:end]
