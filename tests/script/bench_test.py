@@ -110,7 +110,7 @@ class PageTest(unittest.TestCase):
 class AimsTest(unittest.TestCase):
     def test_growth_over_the_limit_is_missed(self):
         tasks = {"grow_fast": {"growth_least": [(2000, 2.3)]}, "grow_slow": {"growth_least": [(2000, 2.0), (20000, 2.31)]},
-                 "grow_set_attributes": {"growth_least": [(2000, 4.0)]}}
+                 "grow_set_attributes": {"growth_least": [(2000, 4.0)]}, "grow_ini_limit": {"growth_least": [(2000, 4.0)]}}
         self.assertEqual(bench_table.missed_aims({"tasks": tasks}), ["grow_slow/20000"])
 
     def test_growth_of_system_calls_has_the_same_limit(self):
